@@ -1,0 +1,11 @@
+# One place for the warnings, the sanitizers and their flags; every target of the project links it privately.
+add_library(talvo_warnings INTERFACE)
+target_compile_options(talvo_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
+                                                -Wcast-qual -Werror)
+if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+  target_compile_options(talvo_warnings INTERFACE -Wthread-safety)
+endif()
+if(TALVO_SANITIZE)
+  add_compile_options(-fsanitize=${TALVO_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${TALVO_SANITIZE})
+endif()

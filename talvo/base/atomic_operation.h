@@ -1,0 +1,116 @@
+// The signed 32-bit counter of reference counts and sequence numbers, shared between threads or kept in one.
+#pragma once
+
+#include <atomic>
+
+#include "talvo/base/ensure_single_thread.h"
+#include "talvo/base/export.h"
+#include "talvo/base/mutex.h"
+
+// Instantiated over CCmMutexThread (safe from any thread) or CCmMutexNullSingleThread (one thread, asserted).
+// Increments and assignments with an operand return the new value.
+template <class MutexType>
+class CCmAtomicOperationT;
+
+template <>
+class CCmAtomicOperationT<CCmMutexThread> {
+public:
+    explicit CCmAtomicOperationT(long aValue = 0) : m_lValue(static_cast<int32_t>(aValue)) {}
+    CCmAtomicOperationT(const CCmAtomicOperationT& aRight) : m_lValue(aRight.GetValue()) {}
+
+    int32_t GetValue() const { return m_lValue.load(); }
+    CCmAtomicOperationT& operator=(long aValue) {
+        m_lValue = static_cast<int32_t>(aValue);
+        return *this;
+    }
+    CCmAtomicOperationT& operator=(const CCmAtomicOperationT& aRight) { return *this = aRight.GetValue(); }
+
+    int32_t operator++() { return ++m_lValue; }
+    int32_t operator++(int) { return m_lValue++; }
+    int32_t operator--() { return --m_lValue; }
+    int32_t operator--(int) { return m_lValue--; }
+    int32_t operator+=(long aValue) { return m_lValue += static_cast<int32_t>(aValue); }
+    int32_t operator-=(long aValue) { return m_lValue -= static_cast<int32_t>(aValue); }
+
+private:
+    std::atomic<int32_t> m_lValue;
+};
+
+template <>
+class CCmAtomicOperationT<CCmMutexNullSingleThread> {
+public:
+    explicit CCmAtomicOperationT(long aValue = 0) : m_lValue(static_cast<int32_t>(aValue)) {}
+    CCmAtomicOperationT(const CCmAtomicOperationT& aRight) : m_lValue(aRight.GetValue()) {}
+
+    int32_t GetValue() const { return Checked(); }
+    CCmAtomicOperationT& operator=(long aValue) {
+        Checked() = static_cast<int32_t>(aValue);
+        return *this;
+    }
+    CCmAtomicOperationT& operator=(const CCmAtomicOperationT& aRight) { return *this = aRight.GetValue(); }
+
+    int32_t operator++() { return ++Checked(); }
+    int32_t operator++(int) { return Checked()++; }
+    int32_t operator--() { return --Checked(); }
+    int32_t operator--(int) { return Checked()--; }
+    int32_t operator+=(long aValue) { return Checked() += static_cast<int32_t>(aValue); }
+    int32_t operator-=(long aValue) { return Checked() -= static_cast<int32_t>(aValue); }
+
+private:
+    int32_t& Checked() {
+        m_Est.EnsureSingleThread();
+        return m_lValue;
+    }
+    int32_t Checked() const {
+        m_Est.EnsureSingleThread();
+        return m_lValue;
+    }
+
+    CCmEnsureSingleThread m_Est;
+    int32_t m_lValue;
+};
+
+// Comparisons with a number, on the current value.
+template <class MutexType>
+bool operator==(const CCmAtomicOperationT<MutexType>& a, long b) {
+    return a.GetValue() == b;
+}
+template <class MutexType>
+bool operator<(const CCmAtomicOperationT<MutexType>& a, long b) {
+    return a.GetValue() < b;
+}
+template <class MutexType>
+bool operator<=(const CCmAtomicOperationT<MutexType>& a, long b) {
+    return a.GetValue() <= b;
+}
+template <class MutexType>
+bool operator>(const CCmAtomicOperationT<MutexType>& a, long b) {
+    return a.GetValue() > b;
+}
+template <class MutexType>
+bool operator>=(const CCmAtomicOperationT<MutexType>& a, long b) {
+    return a.GetValue() >= b;
+}
+
+// Four routines over a plain 32-bit value, for callers that go through a table: unlocked ones when the machine has exactly one
+// processor, locked ones otherwise. The counters above do not use it. Each returns: increment and decrement the new value,
+// exchange and exchange-add the old one.
+class TALVO_API CCmAtomicFunctions {
+public:
+    static int32_t (*increment_fn_)(volatile int32_t*);
+    static int32_t (*decrement_fn_)(volatile int32_t*);
+    static int32_t (*exchange_fn_)(volatile int32_t*, int32_t);
+    static int32_t (*exchange_add_fn_)(volatile int32_t*, int32_t);
+
+    // Fills the table for this machine. Calling it again changes nothing.
+    static void init_functions();
+
+    static int32_t single_cpu_increment(volatile int32_t* aValue);
+    static int32_t single_cpu_decrement(volatile int32_t* aValue);
+    static int32_t single_cpu_exchange(volatile int32_t* aValue, int32_t aNew);
+    static int32_t single_cpu_exchange_add(volatile int32_t* aValue, int32_t aAdd);
+    static int32_t multi_cpu_increment(volatile int32_t* aValue);
+    static int32_t multi_cpu_decrement(volatile int32_t* aValue);
+    static int32_t multi_cpu_exchange(volatile int32_t* aValue, int32_t aNew);
+    static int32_t multi_cpu_exchange_add(volatile int32_t* aValue, int32_t aAdd);
+};

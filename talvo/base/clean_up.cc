@@ -1,0 +1,40 @@
+#include "talvo/base/clean_up.h"
+
+namespace {
+
+CCmCleanUpBase* s_pHead = nullptr;  // guarded by the singleton mutex; the objects own themselves
+
+using SingletonGuard = CCmMutexGuardT<CCmMutexThreadRecursive>;
+
+}  // namespace
+
+CCmMutexThreadRecursive& CCmCleanUpBase::GetSingletonMutex() {
+    static CCmMutexThreadRecursive& s_Mutex = *new CCmMutexThreadRecursive;
+    return s_Mutex;
+}
+
+CCmCleanUpBase::CCmCleanUpBase() {
+    SingletonGuard guard(GetSingletonMutex());
+    m_pNext = s_pHead;
+    s_pHead = this;
+}
+
+CCmCleanUpBase::~CCmCleanUpBase() {
+    SingletonGuard guard(GetSingletonMutex());
+    for (CCmCleanUpBase** ppLink = &s_pHead; *ppLink; ppLink = &(*ppLink)->m_pNext) {
+        if (*ppLink == this) {
+            *ppLink = m_pNext;
+            return;
+        }
+    }
+}
+
+void CCmCleanUpBase::CleanUp() { delete this; }
+
+void CCmCleanUpBase::CleanupAll() {
+    SingletonGuard guard(GetSingletonMutex());
+    while (CCmCleanUpBase* pObject = s_pHead) {
+        s_pHead = pObject->m_pNext;
+        pObject->CleanUp();
+    }
+}

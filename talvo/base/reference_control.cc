@@ -1,0 +1,3 @@
+#include "talvo/base/reference_control.h"
+
+ICmReferenceControl::~ICmReferenceControl() = default;

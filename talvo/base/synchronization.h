@@ -1,0 +1,65 @@
+// Condition variable, event and semaphore. Every wait takes the longest time to wait (null: without limit), measured on the
+// system's monotonic clock and not on the replaceable one: a thread really sleeps.
+#pragma once
+
+#include <pthread.h>
+
+#include "talvo/base/export.h"
+#include "talvo/base/mutex.h"
+#include "talvo/base/time_value.h"
+
+// A condition variable bound for life to one mutex, which must outlive it.
+class TALVO_API CCmConditionVariableThread {
+public:
+    explicit CCmConditionVariableThread(CCmMutexThread& aMutex);
+    ~CCmConditionVariableThread();
+    CCmConditionVariableThread(const CCmConditionVariableThread&) = delete;
+    CCmConditionVariableThread& operator=(const CCmConditionVariableThread&) = delete;
+
+    // Gives the mutex back while waiting; the caller holds it exactly once. CM_OK: woken (perhaps for nothing: look again),
+    // CM_ERROR_TIMEOUT, or CM_ERROR_FAILURE when the system refuses.
+    CmResult Wait(CCmTimeValue* aTimeout = nullptr);
+    CmResult Signal();     // wakes one waiter; CM_OK
+    CmResult Broadcast();  // wakes all; CM_OK
+
+    // The system's object.
+    pthread_cond_t& GetConditionType() { return m_Condition; }
+
+private:
+    CCmMutexThread& m_Mutex;  // not owned
+    pthread_cond_t m_Condition;
+};
+
+// A flag that threads wait for. Auto-reset: one wait is let through by each Signal and takes it away. Manual reset: it stays
+// until Reset. Any thread.
+class TALVO_API CCmEventThread {
+public:
+    explicit CCmEventThread(BOOL aManualReset = FALSE, BOOL aSignalled = FALSE);
+
+    CmResult Wait(CCmTimeValue* aTimeout = nullptr);  // CM_OK, CM_ERROR_TIMEOUT or CM_ERROR_FAILURE
+    CmResult Signal();                                // lets one wait (auto) or all waits (manual) through; CM_OK
+    CmResult Reset();                                 // not signalled; CM_OK
+
+private:
+    CCmMutexThread m_Mutex;
+    CCmConditionVariableThread m_Condition;
+    const BOOL m_bManualReset;
+    BOOL m_bSignalled CM_GUARDED_BY(m_Mutex);
+};
+
+// A counting semaphore. Any thread.
+class TALVO_API CCmSemaphoreThread {
+public:
+    explicit CCmSemaphoreThread(DWORD aInitialCount = 0, DWORD aMaxCount = 0x7fffffff);
+
+    CmResult Lock(CCmTimeValue* aTimeout = nullptr);  // takes one; CM_OK, CM_ERROR_TIMEOUT or CM_ERROR_FAILURE
+    CmResult TryLock();                               // CM_OK, or CM_ERROR_FAILURE when the count is 0
+    CmResult UnLock();                                // gives one; CM_ERROR_FAILURE when it stands at the maximum
+    CmResult PostN(DWORD aCount);                     // gives all of aCount or, over the maximum, none and CM_ERROR_FAILURE
+
+private:
+    CCmMutexThread m_Mutex;
+    CCmConditionVariableThread m_Condition;
+    const DWORD m_dwMaxCount;
+    DWORD m_dwCount CM_GUARDED_BY(m_Mutex);
+};

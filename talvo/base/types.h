@@ -1,0 +1,24 @@
+// The interface's own type names. Each has one width on every machine, whatever `long` is there.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+using BYTE = uint8_t;
+using WORD = uint16_t;
+using DWORD = uint32_t;
+using BOOL = int32_t;
+
+#ifndef TRUE
+#define TRUE 1
+#endif
+#ifndef FALSE
+#define FALSE 0
+#endif
+
+// A socket or another descriptor that a reactor can watch.
+using HANDLE = int;
+constexpr HANDLE CM_INVALID_HANDLE = -1;
+
+// The library's string: bytes, no encoding implied.
+using CCmString = std::string;

@@ -1,0 +1,41 @@
+// Time under the test's control.
+#pragma once
+
+#include <atomic>
+#include <ctime>
+
+#include "talvo/base/clock.h"
+#include "talvo/base/time_value.h"
+
+// Replaces the library's clock while in scope. Starts where the system's clocks stand and moves by Advance alone. Any thread;
+// one at a time.
+class CCmFakeClock : public ICmClock {
+public:
+    CCmFakeClock() : m_llMonotonicUsec(ReadUsec(CLOCK_MONOTONIC)), m_llWallUsec(ReadUsec(CLOCK_REALTIME)) {
+        CCmClock::Replace(this);
+    }
+    ~CCmFakeClock() override { CCmClock::Replace(nullptr); }
+    CCmFakeClock(const CCmFakeClock&) = delete;
+    CCmFakeClock& operator=(const CCmFakeClock&) = delete;
+
+    void Advance(const CCmTimeValue& aBy) {
+        m_llMonotonicUsec += aBy.GetTotalInUsec();
+        m_llWallUsec += aBy.GetTotalInUsec();
+    }
+
+    // Steps the wall time alone, as an administrator does.
+    void SetWallUsec(int64_t aUsec) { m_llWallUsec = aUsec; }
+
+    int64_t GetMonotonicUsec() override { return m_llMonotonicUsec; }
+    int64_t GetWallUsec() override { return m_llWallUsec; }
+
+private:
+    static int64_t ReadUsec(clockid_t aClock) {
+        timespec now{};
+        clock_gettime(aClock, &now);
+        return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+    }
+
+    std::atomic<int64_t> m_llMonotonicUsec;
+    std::atomic<int64_t> m_llWallUsec;
+};
