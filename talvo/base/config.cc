@@ -1,0 +1,218 @@
+#include "talvo/base/config.h"
+
+#include <fcntl.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "talvo/base/config_complaints.h"
+#include "talvo/base/mutex.h"
+#include "talvo/base/trace.h"
+
+namespace {
+
+constexpr size_t MAX_FILE_LENGTH = 1 << 20;  // bytes; a longer file is taken for a wrong one and counts as unreadable
+constexpr size_t MAX_COMPLAINTS = 100;
+
+// Never destroyed: threads may still read keys while the process exits.
+struct CConfiguration {
+    CCmMutexThread m_Mutex;
+    BOOL m_bLoaded CM_GUARDED_BY(m_Mutex) = FALSE;
+    std::map<std::pair<CCmString, CCmString>, CCmString> m_Values CM_GUARDED_BY(m_Mutex);  // by section and key
+    std::vector<DWORD> m_Complaints CM_GUARDED_BY(m_Mutex);                                // numbers of malformed lines
+};
+
+CConfiguration& Configuration() {
+    static CConfiguration& s_Configuration = *new CConfiguration;
+    return s_Configuration;
+}
+
+using ConfigurationGuard = CCmMutexGuardT<CCmMutexThread>;
+
+std::string_view Trim(std::string_view aText) {
+    constexpr std::string_view BLANKS = " \t\r\v\f";
+    const size_t nFirst = aText.find_first_not_of(BLANKS);
+    if (nFirst == std::string_view::npos)
+        return {};
+    return aText.substr(nFirst, aText.find_last_not_of(BLANKS) - nFirst + 1);
+}
+
+std::optional<CCmString> ReadFile(const CCmString& aPath) {
+    const HANDLE fd = open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd == CM_INVALID_HANDLE)
+        return std::nullopt;
+    CCmString strText;
+    char szPart[4096];
+    ssize_t nDone;
+    while ((nDone = read(fd, szPart, sizeof(szPart))) > 0 && strText.size() <= MAX_FILE_LENGTH)
+        strText.append(szPart, static_cast<size_t>(nDone));
+    close(fd);
+    if (nDone != 0)
+        return std::nullopt;
+    return strText;
+}
+
+CCmString DefaultPath() {
+    const std::unique_ptr<char, decltype(&std::free)> pDirectory(getcwd(nullptr, 0), &std::free);
+    return pDirectory ? CCmString(pDirectory.get()) + "/conf/talvo.cfg" : "/tmp/talvo.cfg";
+}
+
+// A line is a section, a key with its value, or nothing; else it is false.
+bool ParseLine_l(CConfiguration& aConfiguration, std::string_view aLine, CCmString& aSection)
+    CM_REQUIRES(aConfiguration.m_Mutex) {
+    aLine = Trim(aLine);
+    if (aLine.empty() || aLine.front() == '#' || aLine.front() == ';')
+        return true;
+    if (aLine.front() == '[') {
+        if (aLine.back() != ']')
+            return false;
+        aSection = Trim(aLine.substr(1, aLine.size() - 2));
+        return true;
+    }
+    const size_t nEqual = aLine.find('=');
+    const std::string_view strKey = Trim(aLine.substr(0, nEqual));
+    if (nEqual == std::string_view::npos || strKey.empty())
+        return false;
+    std::string_view strValue = Trim(aLine.substr(nEqual + 1));
+    if (!strValue.empty() && strValue.back() == ';')
+        strValue = Trim(strValue.substr(0, strValue.size() - 1));
+    aConfiguration.m_Values[{aSection, CCmString(strKey)}] = strValue;
+    return true;
+}
+
+void ParseText_l(CConfiguration& aConfiguration, std::string_view aText) CM_REQUIRES(aConfiguration.m_Mutex) {
+    CCmString strSection;
+    for (DWORD dwNumber = 1; !aText.empty(); ++dwNumber) {
+        const size_t nEnd = aText.find('\n');
+        if (!ParseLine_l(aConfiguration, aText.substr(0, nEnd), strSection) &&
+            aConfiguration.m_Complaints.size() < MAX_COMPLAINTS)
+            aConfiguration.m_Complaints.push_back(dwNumber);
+        aText.remove_prefix(nEnd == std::string_view::npos ? aText.size() : nEnd + 1);
+    }
+}
+
+CmResult Load_l(CConfiguration& aConfiguration, const CCmString& aPath) CM_REQUIRES(aConfiguration.m_Mutex) {
+    aConfiguration.m_bLoaded = TRUE;
+    aConfiguration.m_Values.clear();
+    aConfiguration.m_Complaints.clear();
+    const auto strText = ReadFile(aPath);
+    if (!strText)
+        return CM_ERROR_NOT_FOUND;
+    ParseText_l(aConfiguration, *strText);
+    return CM_OK;
+}
+
+void LoadOnce() {
+    CConfiguration& configuration = Configuration();
+    {
+        ConfigurationGuard guard(configuration.m_Mutex);
+        if (configuration.m_bLoaded)
+            return;
+        Load_l(configuration, DefaultPath());
+    }
+    talvo::TraceConfigComplaints();
+}
+
+std::optional<CCmString> Find(const char* aSection, const char* aKey) {
+    if (!aSection || !aKey)
+        return std::nullopt;
+    LoadOnce();
+    CConfiguration& configuration = Configuration();
+    ConfigurationGuard guard(configuration.m_Mutex);
+    const auto it = configuration.m_Values.find({aSection, aKey});
+    if (it == configuration.m_Values.end())
+        return std::nullopt;
+    return it->second;
+}
+
+template <class Number>
+Number GetNumber(const char* aSection, const char* aKey, Number aDefault) {
+    const auto strValue = Find(aSection, aKey);
+    if (!strValue)
+        return aDefault;
+    std::string_view strDigits = *strValue;
+    const bool bNegative = !strDigits.empty() && strDigits.front() == '-';
+    if (bNegative)
+        strDigits.remove_prefix(1);
+    const bool bHex = strDigits.starts_with("0x") || strDigits.starts_with("0X");
+    if (bHex)
+        strDigits.remove_prefix(2);
+    uint32_t dwMagnitude = 0;
+    const char* pEnd = strDigits.data() + strDigits.size();
+    const auto result = std::from_chars(strDigits.data(), pEnd, dwMagnitude, bHex ? 16 : 10);
+    if (result.ec != std::errc() || result.ptr != pEnd)
+        return aDefault;
+    const int64_t llValue = bNegative ? -int64_t{dwMagnitude} : int64_t{dwMagnitude};
+    return std::in_range<Number>(llValue) ? static_cast<Number>(llValue) : aDefault;
+}
+
+bool IsOneOf(const CCmString& aText, std::initializer_list<const char*> aWords) {
+    for (const char* pWord : aWords)
+        if (strcasecmp(aText.c_str(), pWord) == 0)
+            return true;
+    return false;
+}
+
+}  // namespace
+
+namespace talvo {
+
+void TraceConfigComplaints() {
+    if (!CCmTrace::IsEnabled(CM_TRACE_WARNING))
+        return;
+    std::vector<DWORD> lines;
+    CConfiguration& configuration = Configuration();
+    {
+        ConfigurationGuard guard(configuration.m_Mutex);
+        lines.swap(configuration.m_Complaints);
+    }
+    for (const DWORD dwLine : lines)
+        CM_WARNING_TRACE("load_config_file, line is malformed and skipped, line=" << dwLine);
+}
+
+}  // namespace talvo
+
+CCmString get_string_param(const char* aSection, const char* aKey, const CCmString& aDefault) {
+    return Find(aSection, aKey).value_or(aDefault);
+}
+
+int get_int_param(const char* aSection, const char* aKey, int aDefault) { return GetNumber(aSection, aKey, aDefault); }
+
+uint16_t get_uint16_param(const char* aSection, const char* aKey, uint16_t aDefault) {
+    return GetNumber(aSection, aKey, aDefault);
+}
+
+uint32_t get_uint32_param(const char* aSection, const char* aKey, uint32_t aDefault) {
+    return GetNumber(aSection, aKey, aDefault);
+}
+
+bool get_bool_param(const char* aSection, const char* aKey, bool aDefault) {
+    const auto strValue = Find(aSection, aKey);
+    if (!strValue)
+        return aDefault;
+    if (IsOneOf(*strValue, {"1", "true", "yes", "on"}))
+        return true;
+    return IsOneOf(*strValue, {"0", "false", "no", "off"}) ? false : aDefault;
+}
+
+CmResult load_config_file(const char* aPath) {
+    if (!aPath)
+        return CM_ERROR_INVALID_ARG;
+    CmResult rv;
+    {
+        CConfiguration& configuration = Configuration();
+        ConfigurationGuard guard(configuration.m_Mutex);
+        rv = Load_l(configuration, aPath);
+    }
+    talvo::TraceConfigComplaints();
+    return rv;
+}

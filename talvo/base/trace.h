@@ -1,0 +1,106 @@
+// Trace: timestamped lines on 26 levels, to a file and to a sink of the application. Any thread.
+//
+// Off until the configuration or the application enables it. A level that is off costs one load and one branch: the text after
+// the macro is not evaluated. docs/configuration.md lists the keys of the section "Trace", docs/trace.md the file formats.
+#pragma once
+
+#include <atomic>
+#include <string_view>
+
+#include "talvo/base/export.h"
+#include "talvo/base/result.h"
+#include "talvo/base/trace_text.h"
+#include "talvo/base/types.h"
+
+enum ECmTraceLevel : DWORD {
+    CM_TRACE_ERROR = 0,
+    CM_TRACE_SERVER = 1,
+    CM_TRACE_WARNING = 10,
+    CM_TRACE_MEETING = 11,
+    CM_TRACE_SESSION = 12,
+    CM_TRACE_USER = 13,
+    CM_TRACE_STATISTIC = 14,
+    CM_TRACE_INFO = 20,
+    CM_TRACE_STATE = 21,
+    CM_TRACE_PDU = 22,
+    CM_TRACE_FUNC = 23,
+    CM_TRACE_TICK = 24,
+    CM_TRACE_DETAIL = 25,
+    CM_TRACE_LEVEL_COUNT = 26
+};
+
+// Takes trace lines into the application's own log.
+class TALVO_API ICmTraceSink {
+public:
+    // One line, in the thread that traced it and with the trace's lock held, so lines come one at a time and in order: do not
+    // wait for another thread here. What the sink itself causes to be traced is dropped. aModule is null unless one was given;
+    // aText has no time stamp and no line end and is valid during the call.
+    virtual void OnTrace(DWORD aLevel, const char* aModule, std::string_view aText) = 0;
+    virtual ~ICmTraceSink();
+};
+
+// Where a trace file is kept and how.
+struct CCmTraceFileSettings {
+    CCmString m_strPath;            // empty: no file
+    BOOL m_bCircular = FALSE;       // one file of at most m_dwMaxSize bytes, written round and round
+    DWORD m_dwMaxSize = 10u << 20;  // bytes; circular mode only, at least 1,024
+    DWORD m_dwFlushPerLines = 1;    // lines kept between writes to the file, at least 1; level 0 is written at once
+};
+
+class TALVO_API CCmTrace {
+public:
+    // One load and one branch; FALSE for every level while the trace is off.
+    static BOOL IsEnabled(DWORD aLevel) { return (s_dwMask.load(std::memory_order_relaxed) >> (aLevel & 31)) & 1; }
+
+    // Switches the whole trace on or off; the levels keep their own states. This, SetLevel and SetFile read the configuration
+    // first if nobody has.
+    static void Enable(BOOL aOn);
+
+    // Switches one level. CM_ERROR_INVALID_ARG above 25.
+    static CmResult SetLevel(DWORD aLevel, BOOL aOn);
+
+    // The level's name ("Error", "NA", ...), null above 25.
+    static const char* GetLevelName(DWORD aLevel);
+
+    // Sends lines to aSink as well (null: no more). Not owned. When it returns, no call of the sink before it is under way,
+    // except the caller's own.
+    static void SetSink(ICmTraceSink* aSink);
+
+    // Opens the file, after writing out and closing the one before it. CM_ERROR_FAILURE: it cannot be opened, nothing is
+    // written to a file from now on. CM_ERROR_INVALID_ARG: a size or count out of range.
+    static CmResult SetFile(const CCmTraceFileSettings& aSettings);
+
+    // Writes out what is buffered.
+    static void Flush();
+
+    // Reads the section "Trace" of the configuration: levels, "Enable", the file and its mode. What has no key there stays as
+    // it is. Call it again after the configuration was replaced.
+    static void ReadConfiguration();
+
+    // The same if nobody has read it yet. Done by the first use of the thread manager; call it earlier to trace from the start.
+    static void ReadConfigurationOnce();
+
+    // What the macros call with a line of an enabled level. aModule may be null.
+    static void Write(DWORD aLevel, const char* aModule, std::string_view aText);
+
+private:
+    static std::atomic<DWORD> s_dwMask;  // bit n: level n is on and so is the trace
+};
+
+#define CM_TRACE(aLevel, aText)                                      \
+    do {                                                             \
+        if (CCmTrace::IsEnabled(aLevel)) {                           \
+            CCmTraceText cmTraceText;                                \
+            cmTraceText << aText;                                    \
+            CCmTrace::Write(aLevel, nullptr, cmTraceText.GetText()); \
+        }                                                            \
+    } while (0)
+
+#define CM_ERROR_TRACE(aText) CM_TRACE(CM_TRACE_ERROR, aText)
+#define CM_WARNING_TRACE(aText) CM_TRACE(CM_TRACE_WARNING, aText)
+#define CM_INFO_TRACE(aText) CM_TRACE(CM_TRACE_INFO, aText)
+
+// The same with " this=" and the object's address behind the text.
+#define CM_ERROR_TRACE_THIS(aText) CM_ERROR_TRACE(aText << " this=" << this)
+#define CM_WARNING_TRACE_THIS(aText) CM_WARNING_TRACE(aText << " this=" << this)
+#define CM_INFO_TRACE_THIS(aText) CM_INFO_TRACE(aText << " this=" << this)

@@ -1,0 +1,152 @@
+#include "talvo/base/trace_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+namespace talvo {
+
+namespace {
+
+constexpr size_t MAX_WAITING = 64 * 1024;
+
+// A circular file: the offset of the next line, then the lines up to the configured size, then again from the beginning.
+//
+//  0                          32                  offset
+//  | offset as "%-31ld\n"     | newer lines ...   | marker | older lines ... |
+constexpr off_t HEADER_LENGTH = 32;
+constexpr std::string_view MARKER = "************************* Current Trace Point *************************\n\n";
+
+// All of aBytes at aOffset, or at the end of an appending file when that is -1.
+bool WriteAll(HANDLE aFd, std::string_view aBytes, off_t aOffset) {
+    while (!aBytes.empty()) {
+        const ssize_t nDone =
+            aOffset < 0 ? write(aFd, aBytes.data(), aBytes.size()) : pwrite(aFd, aBytes.data(), aBytes.size(), aOffset);
+        if (nDone < 0 && errno == EINTR)
+            continue;
+        if (nDone <= 0)
+            return false;
+        aBytes.remove_prefix(static_cast<size_t>(nDone));
+        if (aOffset >= 0)
+            aOffset += nDone;
+    }
+    return true;
+}
+
+class CCmTraceFilePlain final : public CCmTraceFile {
+public:
+    CCmTraceFilePlain(HANDLE aFd, const CCmTraceFileSettings& aSettings) : CCmTraceFile(aFd, aSettings.m_dwFlushPerLines) {}
+    ~CCmTraceFilePlain() override { Flush(); }
+
+protected:
+    void Store(std::string_view aLines) override { WriteAll(GetFd(), aLines, -1); }
+};
+
+class CCmTraceFileCircular final : public CCmTraceFile {
+public:
+    CCmTraceFileCircular(HANDLE aFd, const CCmTraceFileSettings& aSettings)
+        : CCmTraceFile(aFd, aSettings.m_dwFlushPerLines), m_llMaxSize(aSettings.m_dwMaxSize) {
+        m_llOffset = ReadOffset();
+        if (m_llOffset == 0)
+            BeginAnew();
+    }
+    ~CCmTraceFileCircular() override { Flush(); }
+
+protected:
+    void Store(std::string_view aLines) override {
+        std::string strLines(aLines);
+        strLines += MARKER;
+        if (!WriteAll(GetFd(), strLines, m_llOffset))
+            return;
+        m_llOffset += static_cast<off_t>(aLines.size());
+        WriteOffset();
+    }
+
+    void MakeRoom(size_t aWaiting, std::string& aLine) override {
+        const size_t nLongest = static_cast<size_t>(m_llMaxSize - HEADER_LENGTH) - MARKER.size();
+        if (aLine.size() > nLongest) {
+            aLine.resize(nLongest);
+            aLine.back() = '\n';
+        }
+        if (m_llOffset + static_cast<off_t>(aWaiting + aLine.size() + MARKER.size()) > m_llMaxSize) {
+            Flush();
+            Wrap();
+        }
+    }
+
+private:
+    // The file ends behind its last line then: the marker there is no longer where the trace stands, and it is the only one.
+    void Wrap() {
+        if (ftruncate(GetFd(), m_llOffset) == 0)
+            m_llOffset = HEADER_LENGTH;
+    }
+
+    void BeginAnew() {
+        m_llOffset = HEADER_LENGTH;
+        if (ftruncate(GetFd(), 0) == 0)
+            WriteOffset();
+    }
+
+    void WriteOffset() {
+        char szHeader[HEADER_LENGTH + 1];
+        std::snprintf(szHeader, sizeof(szHeader), "%-31ld\n", static_cast<long>(m_llOffset));
+        WriteAll(GetFd(), {szHeader, HEADER_LENGTH}, 0);
+    }
+
+    // 0: there is none that fits the file and the configured size.
+    off_t ReadOffset() const {
+        char szHeader[HEADER_LENGTH + 1] = "";
+        struct stat status {};
+        if (pread(GetFd(), szHeader, HEADER_LENGTH, 0) != HEADER_LENGTH || fstat(GetFd(), &status) != 0)
+            return 0;
+        const long lOffset = std::strtol(szHeader, nullptr, 10);
+        const bool bFits = lOffset >= HEADER_LENGTH && lOffset <= status.st_size && status.st_size <= m_llMaxSize;
+        return bFits && szHeader[HEADER_LENGTH - 1] == '\n' ? lOffset : 0;
+    }
+
+    const off_t m_llMaxSize;
+    off_t m_llOffset = 0;  // where the next line that is stored goes
+};
+
+}  // namespace
+
+std::unique_ptr<CCmTraceFile> CCmTraceFile::Open(const CCmTraceFileSettings& aSettings) {
+    const int nMode = aSettings.m_bCircular ? O_RDWR : O_WRONLY | O_APPEND;
+    const HANDLE fd = open(aSettings.m_strPath.c_str(), nMode | O_CREAT | O_CLOEXEC, 0644);
+    if (fd == CM_INVALID_HANDLE)
+        return nullptr;
+    if (aSettings.m_bCircular)
+        return std::make_unique<CCmTraceFileCircular>(fd, aSettings);
+    return std::make_unique<CCmTraceFilePlain>(fd, aSettings);
+}
+
+CCmTraceFile::~CCmTraceFile() { close(m_Fd); }
+
+void CCmTraceFile::WriteLine(std::string aLine, BOOL aAtOnce) {
+    MakeRoom(m_strWaiting.size(), aLine);
+    m_strWaiting += aLine;
+    ++m_dwWaiting;
+    if (aAtOnce || m_dwWaiting >= m_dwFlushPerLines || m_strWaiting.size() >= MAX_WAITING)
+        Flush();
+}
+
+void CCmTraceFile::Flush() {
+    if (m_strWaiting.empty())
+        return;
+    Store(m_strWaiting);
+    m_strWaiting.clear();
+    m_dwWaiting = 0;
+}
+
+void CCmTraceFile::StopBuffering() {
+    Flush();
+    m_dwFlushPerLines = 1;
+}
+
+void CCmTraceFile::MakeRoom(size_t, std::string&) {}
+
+}  // namespace talvo

@@ -1,0 +1,39 @@
+// Puts one trace line together without allocating.
+#pragma once
+
+#include <string_view>
+#include <type_traits>
+
+#include "talvo/base/export.h"
+#include "talvo/base/types.h"
+
+// Numbers in decimal, addresses in hexadecimal with 0x, texts as they are (a null text as "(null)"). What goes beyond the
+// buffer is cut off.
+class TALVO_API CCmTraceText {
+public:
+    CCmTraceText& operator<<(std::string_view aText);
+    CCmTraceText& operator<<(const char* aText);
+    CCmTraceText& operator<<(const CCmString& aText) { return *this << std::string_view(aText); }
+    CCmTraceText& operator<<(const void* aAddress);
+    CCmTraceText& operator<<(double aNumber);
+
+    template <class Number, std::enable_if_t<std::is_integral_v<Number> || std::is_enum_v<Number>, int> = 0>
+    CCmTraceText& operator<<(Number aNumber) {
+        if constexpr (std::is_enum_v<Number>)
+            return AppendSigned(static_cast<int64_t>(aNumber));
+        else if constexpr (std::is_signed_v<Number>)
+            return AppendSigned(aNumber);
+        else
+            return AppendUnsigned(aNumber);
+    }
+
+    // Valid as long as this object.
+    std::string_view GetText() const { return {m_szText, m_dwLength}; }
+
+private:
+    CCmTraceText& AppendSigned(int64_t aNumber);
+    CCmTraceText& AppendUnsigned(uint64_t aNumber);
+
+    DWORD m_dwLength = 0;
+    char m_szText[2044];
+};
