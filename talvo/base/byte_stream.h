@@ -1,0 +1,93 @@
+// Numbers and texts in network byte order over a message block.
+#pragma once
+
+#include <type_traits>
+
+#include "talvo/base/host_network_convertor.h"
+#include "talvo/base/message_block.h"
+#include "talvo/base/result.h"
+#include "talvo/base/trace.h"
+#include "talvo/base/types.h"
+
+// Reads from and writes to a block that it does not own. The first failure of a kind (reading, writing) sticks: what follows of
+// that kind is skipped, changes nothing and is traced as well, so that a decoder looks at the result once, at its end.
+// Reading consumes from the whole chain, writing fills the first block only.
+template <class BlockType, class ConvertorType>
+class CCmByteStreamT {
+public:
+    explicit CCmByteStreamT(BlockType& aBlock) : m_Block(aBlock) {}
+
+    CmResult GetReadResult() const { return m_ResultRead; }
+    CmResult GetWriteResult() const { return m_ResultWrite; }
+
+    // Integers of 8, 16 and 32 bits, big-endian. A failed read leaves the variable as it was.
+    template <class Number>
+    CCmByteStreamT& operator>>(Number& aValue) {
+        Unsigned<Number> value{};
+        Read(&value, sizeof(value));
+        if (m_ResultRead == CM_OK)
+            aValue = static_cast<Number>(ConvertorType::Convert(value));
+        return *this;
+    }
+
+    template <class Number>
+    CCmByteStreamT& operator<<(Number aValue) {
+        const Unsigned<Number> value = ConvertorType::Convert(static_cast<Unsigned<Number>>(aValue));
+        Write(&value, sizeof(value));
+        return *this;
+    }
+
+    // Raw bytes; the sticky result. CM_ERROR_PARTIAL_DATA: the block had or took only a part.
+    CmResult Read(void* aDst, DWORD aCount) {
+        DWORD dwDone = 0;
+        if (m_ResultRead == CM_OK)
+            m_ResultRead = m_Block.Read(aDst, aCount, &dwDone, TRUE);
+        if (m_ResultRead != CM_OK)
+            CM_ERROR_TRACE_THIS("CCmByteStreamT::Read, can't read. m_ResultRead=" << m_ResultRead);
+        return m_ResultRead;
+    }
+
+    CmResult Write(const void* aSrc, DWORD aCount) {
+        DWORD dwDone = 0;
+        if (m_ResultWrite == CM_OK)
+            m_ResultWrite = m_Block.Write(aSrc, aCount, &dwDone);
+        if (m_ResultWrite != CM_OK)
+            CM_ERROR_TRACE_THIS("CCmByteStreamT::Write, can't write. m_ResultWrite=" << m_ResultWrite);
+        return m_ResultWrite;
+    }
+
+    // The length in 16 bits, then the bytes, without a terminator. Kept on purpose: a longer text is not refused but written
+    // with its length modulo 65,536 and that many bytes. A null text counts as empty.
+    CmResult WriteString(const char* aStr, DWORD aLen) {
+        const WORD wLen = aStr ? static_cast<WORD>(aLen) : WORD{0};
+        *this << wLen;
+        return wLen > 0 ? Write(aStr, wLen) : m_ResultWrite;
+    }
+
+    // What WriteString wrote. aStr is untouched unless CM_OK.
+    CmResult ReadString(CCmString& aStr) {
+        WORD wLen = 0;
+        *this >> wLen;
+        CCmString strText(m_ResultRead == CM_OK ? wLen : 0, '\0');
+        if (!strText.empty())
+            Read(strText.data(), wLen);
+        if (m_ResultRead == CM_OK)
+            aStr.swap(strText);
+        return m_ResultRead;
+    }
+
+private:
+    template <class Number>
+    struct UnsignedOf {
+        static_assert((std::is_integral_v<Number> || std::is_enum_v<Number>)&&sizeof(Number) <= 4, "8, 16 or 32 bits");
+        using Type = std::conditional_t<sizeof(Number) == 1, BYTE, std::conditional_t<sizeof(Number) == 2, WORD, DWORD>>;
+    };
+    template <class Number>
+    using Unsigned = typename UnsignedOf<Number>::Type;
+
+    BlockType& m_Block;  // not owned
+    CmResult m_ResultRead = CM_OK;
+    CmResult m_ResultWrite = CM_OK;
+};
+
+using CCmByteStreamNetwork = CCmByteStreamT<CCmMessageBlock, CCmHostNetworkConvertorNormal>;
