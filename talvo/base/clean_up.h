@@ -11,8 +11,8 @@ public:
     CCmCleanUpBase(const CCmCleanUpBase&) = delete;
     CCmCleanUpBase& operator=(const CCmCleanUpBase&) = delete;
 
-    // Calls CleanUp of every listed object, youngest first, until the list is empty. Runs at process exit and when the library
-    // is unloaded.
+    // Calls CleanUp of every listed object, youngest first, until the list is empty. The thread manager, once made, has it run
+    // at process exit unless threads are still about.
     static void CleanupAll();
 
     // The mutex that guards the list and the creation of singletons. Never destroyed.

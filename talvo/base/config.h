@@ -1,10 +1,10 @@
 // The configuration file: section lines "[Name]" and "key=value" lines. Any thread.
 //
-// Read once, at the first use, from "conf/talvo.cfg" under the process's current directory, or "/tmp/talvo.cfg" when there is
-// no current directory. A missing or unreadable file means that every reader gives its default. Blanks around names, keys and
-// values are cut, and so is a value's trailing ";". Empty lines and lines that begin with '#' or ';' are comments; any other
-// line that is neither a section nor has a key is skipped with a warning that names its number. Names are compared exactly; of
-// a key given twice the last counts. docs/configuration.md lists every key.
+// A file of at most 1 MiB, read once, at the first use, from "conf/talvo.cfg" under the process's current directory, or
+// "/tmp/talvo.cfg" when there is no current directory. A missing or unreadable file means that every reader gives its default.
+// Blanks around names, keys and values are cut, and so is a value's trailing ";". Empty lines and lines that begin with '#' or
+// ';' are comments; any other line that is neither a section nor has a key is skipped with a warning that names its number.
+// Names are compared exactly; of a key given twice the last counts. docs/configuration.md lists every key.
 #pragma once
 
 #include "talvo/base/export.h"

@@ -5,7 +5,7 @@
 #include "talvo/base/result.h"
 #include "talvo/base/types.h"
 
-// Filled by the DNS manager of the transport room, or by an application's own resolver.
+// Filled by whoever resolves names for the process; an application may bring its own.
 class TALVO_API ICmNameResolver {
 public:
     // Never waits. CM_OK: aAddr is the first address of aName (network byte order) if the cache knows it, 0xFFFFFFFF if it

@@ -1,6 +1,7 @@
 // The one holder of reference-counted objects.
 #pragma once
 
+#include <cstddef>
 #include <utility>
 
 // Holds one reference on an object with AddReference and ReleaseReference, or nothing. Copying adds a reference, moving hands
@@ -41,7 +42,7 @@ public:
     // Gives the reference away: the caller releases it.
     Type* Detach() { return std::exchange(m_pObject, nullptr); }
 
-    // For out-parameters that return an object with a reference for the caller.
+    // For out-parameters that return an object with a reference for the caller. Lets go of what it held.
     Type*& ParaOut() {
         Reset();
         return m_pObject;

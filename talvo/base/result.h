@@ -4,7 +4,7 @@
 #include "talvo/base/export.h"
 #include "talvo/base/types.h"
 
-// CM_OK is success, every failure is positive. 10001 to 10014 are general; 20001 to 20017 are network reasons, which are
+// CM_OK is success, every failure is positive. 10001 to 10014 are general; those from 20001 on are network reasons, which are
 // also passed as aReason. The gaps (20002, 20010, ...) are not used. docs/result-codes.md says what a caller can do about each.
 using CmResult = int32_t;
 

@@ -1,0 +1,40 @@
+// Work handed to a thread: the event and the queue it waits in.
+#pragma once
+
+#include "talvo/base/export.h"
+#include "talvo/base/result.h"
+#include "talvo/base/types.h"
+
+// A piece of work for the thread that owns a queue. Made on the heap by whoever hands it over; belongs to the queue from the
+// moment it is posted or sent, whatever the result.
+class TALVO_API ICmEvent {
+public:
+    // Does the work, in the owning thread, with no lock held. Its result goes to a sender and is dropped for a post.
+    virtual CmResult OnEventFire() = 0;
+    // Called exactly once, after OnEventFire, or instead of it when the queue refuses the event or dies first: then perhaps in
+    // another thread. Deletes the event unless overridden.
+    virtual void OnDestorySelf();
+    virtual ~ICmEvent();
+};
+
+// The queue of one thread, and its thread's: who may outlive that thread posts through its CCmThreadLink instead.
+class TALVO_API ICmEventQueue {
+public:
+    // Accepted and ignored: all events run in the order in which they were posted.
+    enum EPriority { EPRIORITY_HIGH = 0, EPRIORITY_NORMAL = 1, EPRIORITY_LOW = 2 };
+
+    // Hands aEvent over and returns at once. Any thread. CM_ERROR_INVALID_ARG: null. CM_ERROR_NOT_INITIALIZED: the queue has
+    // been stopped and has destroyed the event; do not touch it again.
+    virtual CmResult PostEvent(ICmEvent* aEvent, EPriority aPri = EPRIORITY_NORMAL) = 0;
+
+    // Runs aEvent in the owning thread and returns what its OnEventFire returned. From the owning thread it runs at once, ahead
+    // of everything pending; from any other it waits, without limit. Results as PostEvent, and CM_ERROR_NOT_AVAILABLE when the
+    // queue stopped or died before the event ran. Two threads that send to each other at the same time wait for ever. A sent
+    // event does not wake a reactor: it runs with the reactor's next wake-up, so post where an answer must come fast.
+    virtual CmResult SendEvent(ICmEvent* aEvent) = 0;
+
+    // How many wait; a hint, read without a lock.
+    virtual DWORD GetPendingEventsCount() = 0;
+
+    virtual ~ICmEventQueue();
+};
