@@ -1,0 +1,39 @@
+// Timers of one thread: the interfaces.
+#pragma once
+
+#include "talvo/base/export.h"
+#include "talvo/base/result.h"
+#include "talvo/base/time_value.h"
+
+// Hears that its timer is due, in the thread of the timer queue, with no lock held. It may cancel or reschedule itself or
+// schedule others from inside, and it may be deleted inside: the queue does not touch it afterwards.
+class TALVO_API ICmTimerHandler {
+public:
+    // aCurTime is the moment the pass began, on the clock of CCmTimeValue::GetTimeOfDay; aArg is what was given to
+    // ScheduleTimer.
+    virtual void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) = 0;
+    virtual ~ICmTimerHandler();
+};
+
+// The timers of one thread, used only there, hence no lock. Keyed by handler: each has at most one pending timer in a queue.
+// Handlers are not owned: each cancels its timer before it dies.
+class TALVO_API ICmTimerQueue {
+public:
+    // Calls aEh->OnTimeout after aInterval, aCount times (0: until cancelled), every aInterval. Periods that were missed are
+    // skipped, not made up in a burst. An interval of zero or less with count 1 fires at the next turn of the loop.
+    // CM_OK: new. CM_ERROR_FOUND: replaced the timer that aEh had; also a success. CM_ERROR_INVALID_ARG: aEh is null, or
+    // aInterval is not positive and aCount is not 1. CM_ERROR_NOT_INITIALIZED: a reactor that is not open.
+    virtual CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) = 0;
+
+    // CM_OK, CM_ERROR_NOT_FOUND when it has no timer, CM_ERROR_INVALID_ARG for null, CM_ERROR_NOT_INITIALIZED as above.
+    virtual CmResult CancelTimer(ICmTimerHandler* aEh) = 0;
+
+    virtual ~ICmTimerQueue();
+};
+
+// Told by an object that it is observed: a timer queue that it is no longer empty, for one.
+class TALVO_API ICmObserver {
+public:
+    virtual void OnObserve(const char* aTopic, void* aData = nullptr) = 0;
+    virtual ~ICmObserver();
+};

@@ -1,0 +1,65 @@
+// What all timer queues share: the rules of scheduling and firing. How nodes are kept is the concrete queue's.
+#pragma once
+
+#include "talvo/base/mutex.h"
+#include "talvo/event/timer_queue.h"
+
+class TALVO_API CCmTimerQueueBase : public ICmTimerQueue {
+public:
+    static constexpr DWORD COUNT_WITHOUT_END = 0xFFFFFFFF;
+
+    struct CNode {
+        ICmTimerHandler* m_pEh = nullptr;  // not owned
+        void* m_pArg = nullptr;
+        int64_t m_llInterval = 0;  // microseconds
+        int64_t m_llExpires = 0;   // microseconds on the clock of CCmTimeValue::GetTimeOfDay, in 64 bits: no year 2038
+        DWORD m_dwCount = 0;       // firings left; COUNT_WITHOUT_END: until cancelled
+    };
+
+    // aObserver (may be null, not owned) hears OnObserve("TimerQueue") when the queue goes from empty to non-empty, so that a
+    // sleeping loop can recompute its wait.
+    explicit CCmTimerQueueBase(ICmObserver* aObserver) : m_pObserver(aObserver) {}
+    ~CCmTimerQueueBase() override;
+    CCmTimerQueueBase(const CCmTimerQueueBase&) = delete;
+    CCmTimerQueueBase& operator=(const CCmTimerQueueBase&) = delete;
+
+    CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) override;
+    CmResult CancelTimer(ICmTimerHandler* aEh) override;
+
+    // The first expiry; CCmTimeValue::s_tvMax when the queue is empty.
+    CCmTimeValue GetEarliestTime();
+
+    // Fires what was due when the call began and returns how many. Timers that a callback schedules with nothing to wait fire
+    // at the next call, so one that re-arms itself cannot hold the loop; one that a callback cancels does not fire. aRemainTime
+    // (may be null) receives how long the next one is away, never negative, s_tvMax if there is none.
+    int CheckExpire(CCmTimeValue* aRemainTime);
+
+    // Ends the queue's use: objects whose deletion waits for a timer are deleted now, all other timers are dropped unfired.
+    // Every concrete queue's destructor calls it.
+    void RunPendingDeletions();
+
+    // An aArg that marks a timer as the deferred deletion of an object, which has to happen even when the queue ends first.
+    static void* GetDeletionArg();
+
+protected:
+    // 0: inserted. 1: inserted in place of the node that the handler had. Anything else: failed.
+    virtual int PushNode_l(const CNode& aNode) = 0;
+    // 0: removed. 1: the handler has none.
+    virtual int EraseNode_l(ICmTimerHandler* aEh) = 0;
+    // Puts a node back whose expiry was advanced. 0, or anything else on failure.
+    virtual int RePushNode_l(const CNode& aNode) = 0;
+    // Takes out the node that expires first. 0, or -1 when the queue is empty.
+    virtual int PopFirstNode_l(CNode& aNode) = 0;
+    // The first expiry in microseconds. 0, or -1 when the queue is empty.
+    virtual int GetEarliestTime_l(int64_t& aExpires) const = 0;
+
+    CCmMutexNullSingleThread m_Mutex;
+
+private:
+    int FirePass_i(int64_t aNow);
+
+    ICmObserver* m_pObserver;      // not owned
+    int64_t m_llPassNow = 0;       // the moment up to which the last pass fired, or the one under way does
+    BOOL m_bInPass = FALSE;        // a callback is under way
+    BOOL m_bAheadOfClock = FALSE;  // a callback scheduled something due at once, which was moved behind its pass
+};
