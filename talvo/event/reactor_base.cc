@@ -1,0 +1,218 @@
+#include "talvo/event/reactor_base.h"
+
+#include <new>
+
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+#include "talvo/event/timer_queue_ordered_list.h"
+
+namespace {
+
+CCmLiveCounter s_Live("CCmReactorBase");
+
+constexpr long FLAG_MASK = 0x200;            // handed to the concrete reactor as it is
+constexpr long REMOVE_AND_CALL_MASK = 0x7F;  // all kinds and SHOULD_CALL_MASK
+constexpr unsigned long MAX_EVENTS_A_REPORT = 5;
+
+}  // namespace
+
+CCmReactorBase::CCmReactorBase(DWORD aProperty) : m_dwProperty(aProperty) { ++s_Live; }
+
+CCmReactorBase::~CCmReactorBase() { --s_Live; }
+
+CmResult CCmReactorBase::Open() {
+    if (m_pTimerQueue)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    if (m_bClosed)
+        return CM_ERROR_NOT_AVAILABLE;
+    m_pTimerQueue.reset(new (std::nothrow) CCmTimerQueueOrderedList);
+    if (!m_pTimerQueue)
+        return CM_ERROR_OUT_OF_MEMORY;
+    m_Est.Reset2CurrentThreadId();
+    m_EventQueue.Reset2CurrentThreadId();
+    return CM_OK;
+}
+
+CmResult CCmReactorBase::RegisterHandler(ACmEventHandler* aEh, long aMask) {
+    m_Est.EnsureSingleThread();
+    if (!aEh)
+        return CM_ERROR_INVALID_ARG;
+    const long lMask = aMask & ACmEventHandler::ALL_EVENTS_MASK;
+    if (lMask == ACmEventHandler::NULL_MASK) {
+        CM_WARNING_TRACE_THIS("CCmReactorBase::RegisterHandler, NULL_MASK. aMask=" << aMask);
+        return CM_ERROR_INVALID_ARG;
+    }
+    const HANDLE fd = aEh->GetHandle();
+    const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(fd);
+    if (!pElement) {
+        const CmResult rv = OnHandleRegister(fd, lMask | (aMask & FLAG_MASK), aEh);
+        return rv == CM_OK ? m_Handlers.Bind(fd, aEh, lMask) : rv;
+    }
+    if (pElement->m_pEh == aEh && pElement->m_lMask == lMask)
+        return CM_OK;
+    const BOOL bAdded = (lMask & ~pElement->m_lMask) != 0 || pElement->m_pEh != aEh;
+    const CmResult rv = m_Handlers.Bind(fd, aEh, lMask);
+    if (bAdded)
+        OnHandleMaskAdded(fd);
+    return rv;
+}
+
+CmResult CCmReactorBase::RemoveHandler(ACmEventHandler* aEh, long aMask) {
+    m_Est.EnsureSingleThread();
+    if (!aEh)
+        return CM_ERROR_INVALID_ARG;
+    const long lMask = aMask & ACmEventHandler::ALL_EVENTS_MASK;
+    if (lMask == ACmEventHandler::NULL_MASK) {
+        CM_WARNING_TRACE_THIS("CCmReactorBase::RemoveHandler, NULL_MASK. aMask=" << aMask);
+        return CM_ERROR_INVALID_ARG;
+    }
+    const HANDLE fd = aEh->GetHandle();
+    if (fd == CM_INVALID_HANDLE)
+        return CM_ERROR_INVALID_ARG;
+    const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(fd);
+    return pElement ? RemoveHandleWithoutFinding_i(fd, *pElement, lMask) : CM_ERROR_NOT_FOUND;
+}
+
+CmResult CCmReactorBase::RemoveHandleWithoutFinding_i(HANDLE aFd, const CCmEventHandlerRepository::CElement& aElement,
+                                                      long aMask) {
+    ACmEventHandler* pEh = aElement.m_pEh;
+    const long lOldMask = aElement.m_lMask;
+    const long lNewMask = lOldMask & ~(aMask & ACmEventHandler::ALL_EVENTS_MASK);
+    if (lNewMask == lOldMask) {
+        CM_WARNING_TRACE_THIS("CCmReactorBase::RemoveHandleWithoutFinding_i, mask is equal. aMask=" << aMask);
+        return CM_OK;
+    }
+    // A partial removal is a change of an entry that existed, and says so. The concrete reactor goes on watching; what it
+    // reports beyond the mask is dropped.
+    if (lNewMask != ACmEventHandler::NULL_MASK)
+        return m_Handlers.Bind(aFd, pEh, lNewMask);
+
+    if (m_Handlers.UnBind(aFd) != CM_OK)
+        CM_WARNING_TRACE_THIS("CCmReactorBase::RemoveHandleWithoutFinding_i, UnBind() failed! aFd=" << aFd);
+    OnHandleRemoved(aFd);
+    if (aMask & ACmEventHandler::SHOULD_CALL_MASK)
+        pEh->OnClose(aFd, lOldMask);
+    return CM_OK;
+}
+
+CmResult CCmReactorBase::ProcessHandleEvent(HANDLE aFd, long aMask, CmResult aReason, BOOL aIsNotify, BOOL aDropConnect) {
+    m_Est.EnsureSingleThread();
+    if (aFd == CM_INVALID_HANDLE)
+        return ProcessEventQueue_i();
+
+    const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(aFd);
+    if (!pElement) {
+        if (!aDropConnect)
+            CM_WARNING_TRACE_THIS("CCmReactorBase::ProcessHandleEvent, handle not registed. aFd=" << aFd << " aMask=" << aMask
+                                                                                                  << " aReason=" << aReason);
+        return CM_ERROR_NOT_FOUND;
+    }
+    ++m_Counters.m_ullReports;
+    if (aMask & ACmEventHandler::CLOSE_MASK) {
+        RemoveHandleWithoutFinding_i(aFd, *pElement, REMOVE_AND_CALL_MASK);
+        return CM_ERROR_FAILURE;
+    }
+    const long lReady = pElement->m_lMask & aMask;
+    if (lReady == ACmEventHandler::NULL_MASK) {
+        if (!aIsNotify)
+            CM_WARNING_TRACE_THIS("CCmReactorBase::ProcessHandleEvent, mask not registed. aFd="
+                                  << aFd << " m_Mask=" << pElement->m_lMask << " aMask=" << aMask);
+        return CM_OK;
+    }
+    if (aDropConnect && (lReady & ACmEventHandler::CONNECT_MASK)) {
+        CM_WARNING_TRACE_THIS("CCmReactorBase::ProcessHandleEvent, drop connect. aFd=" << aFd);
+        return CM_OK;
+    }
+    return Dispatch_i(aFd, pElement->m_pEh, lReady);
+}
+
+CmResult CCmReactorBase::Dispatch_i(HANDLE aFd, ACmEventHandler* aEh, long aReady) {
+    constexpr long IN_MASK = ACmEventHandler::ACCEPT_MASK | ACmEventHandler::READ_MASK;
+    constexpr long OUT_MASK = ACmEventHandler::CONNECT_MASK | ACmEventHandler::WRITE_MASK;
+    const DWORD dwBinding = m_Handlers.Find(aFd)->m_dwBinding;
+    const auto isStillBound = [&] {
+        const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(aFd);
+        return pElement && pElement->m_pEh == aEh && pElement->m_dwBinding == dwBinding;
+    };
+
+    int nRv = 0;
+    if (aReady & IN_MASK)
+        nRv = aEh->OnInput(aFd);
+    if ((nRv == 0 || nRv == -2) && (aReady & OUT_MASK)) {
+        if ((aReady & IN_MASK) && !isStillBound())  // OnInput may have removed or deleted it
+            return CM_ERROR_FAILURE;
+        nRv = aEh->OnOutput(aFd);
+    }
+    if (nRv == 0)
+        return CM_OK;
+    if (nRv == -2)
+        return CM_ERROR_WOULD_BLOCK;
+    if (isStillBound())
+        RemoveHandleWithoutFinding_i(aFd, *m_Handlers.Find(aFd), REMOVE_AND_CALL_MASK);
+    return CM_ERROR_FAILURE;
+}
+
+CmResult CCmReactorBase::ProcessEventQueue_i() {
+    m_bWakeUpUnderWay = FALSE;
+    CCmEventQueueBase::EventsType events;
+    unsigned long ulRemain = 0;
+    const CmResult rv = m_EventQueue.PopPendingEventsWithLock(events, MAX_EVENTS_A_REPORT, &ulRemain);
+    if (rv != CM_OK)
+        return rv;
+    m_Counters.m_ullEvents += events.size();
+    m_EventQueue.ProcessEvents(events);
+    if (ulRemain > 0)
+        NotifyOfEvents_i();
+    return rv;
+}
+
+void CCmReactorBase::NotifyOfEvents_i() {
+    if (!m_bWakeUpUnderWay.exchange(TRUE))
+        NotifyHandler(nullptr, ACmEventHandler::EVENTQUEUE_MASK);
+}
+
+CmResult CCmReactorBase::ProcessTimerTick() {
+    if (!m_pTimerQueue)
+        return CM_ERROR_NOT_INITIALIZED;
+    m_Counters.m_ullTimers += static_cast<uint64_t>(m_pTimerQueue->CheckExpire(nullptr));
+    return CM_OK;
+}
+
+CmResult CCmReactorBase::ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) {
+    m_Est.EnsureSingleThread();
+    if (!m_pTimerQueue) {
+        CM_ERROR_TRACE_THIS("CCmReactorBase::ScheduleTimer, m_pTimerQueue not inited or closed.");
+        return CM_ERROR_NOT_INITIALIZED;
+    }
+    return m_pTimerQueue->ScheduleTimer(aEh, aArg, aInterval, aCount);
+}
+
+CmResult CCmReactorBase::CancelTimer(ICmTimerHandler* aEh) {
+    m_Est.EnsureSingleThread();
+    if (!m_pTimerQueue) {
+        CM_ERROR_TRACE_THIS("CCmReactorBase::CancelTimer, m_pTimerQueue not inited or closed.");
+        return CM_ERROR_NOT_INITIALIZED;
+    }
+    return m_pTimerQueue->CancelTimer(aEh);
+}
+
+CmResult CCmReactorBase::PostEvent(ICmEvent* aEvent, EPriority aPri) {
+    const CmResult rv = m_EventQueue.PostEvent(aEvent, aPri);
+    if (rv == CM_OK)
+        NotifyOfEvents_i();
+    return rv;
+}
+
+CmResult CCmReactorBase::Close() {
+    // Events first: what they let go of may still want a timer to be deleted by.
+    m_bClosed = TRUE;
+    m_EventQueue.Stop();
+    m_EventQueue.DestoryPendingEvents();
+    if (m_pTimerQueue)
+        m_pTimerQueue->RunPendingDeletions();
+    m_pTimerQueue.reset();
+    m_Handlers.Clear();
+    return CM_OK;
+}
+
+void CCmReactorBase::OnHandleMaskAdded(HANDLE) {}

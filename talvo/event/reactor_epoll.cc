@@ -1,0 +1,277 @@
+#include "talvo/event/reactor_epoll.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <new>
+
+#include "talvo/base/clock.h"
+#include "talvo/base/config.h"
+#include "talvo/base/trace.h"
+
+namespace {
+
+constexpr int MAX_REPORTS = 256;
+constexpr int MAX_EVENT_BATCHES = 16;  // batches of events between two looks at the handles
+constexpr uint64_t WAKE_UP_DATA = UINT64_MAX;
+constexpr DWORD DEFAULT_TICK_MSEC = 10;
+
+using Guard = CCmMutexGuardT<CCmMutexThread>;
+
+int64_t ReadTickUsec() {
+    const DWORD dwMsec = get_uint32_param("Reactor", "TickMs", DEFAULT_TICK_MSEC);
+    return int64_t{std::clamp<DWORD>(dwMsec, 1, 1000)} * 1000;
+}
+
+// Bytes that can be read now, 0 for what has no such count.
+int BytesReadable(HANDLE aFd) {
+    int nBytes = 0;
+    return ioctl(aFd, FIONREAD, &nBytes) == 0 ? nBytes : 0;
+}
+
+// Whether the handler has read before and does not want to for now.
+BOOL IsPaused(const CCmEventHandlerRepository::CElement& aElement) {
+    return aElement.m_bHasRead && !(aElement.m_lMask & ACmEventHandler::READ_MASK);
+}
+
+}  // namespace
+
+CCmReactorEpoll::CCmReactorEpoll()
+    : m_fdEpoll(epoll_create1(EPOLL_CLOEXEC)),
+      m_fdWakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      m_llTickUsec(ReadTickUsec()),
+      m_pReports(new epoll_event[MAX_REPORTS]) {
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLET;  // with edges nobody has to read the eventfd back
+    event.data.u64 = WAKE_UP_DATA;
+    epoll_ctl(m_fdEpoll, EPOLL_CTL_ADD, m_fdWakeUp, &event);
+}
+
+CCmReactorEpoll::~CCmReactorEpoll() {
+    CCmReactorBase::Close();
+    if (m_fdWakeUp != CM_INVALID_HANDLE)
+        close(m_fdWakeUp);
+    if (m_fdEpoll != CM_INVALID_HANDLE)
+        close(m_fdEpoll);
+}
+
+CmResult CCmReactorEpoll::Open() {
+    if (m_fdEpoll == CM_INVALID_HANDLE || m_fdWakeUp == CM_INVALID_HANDLE) {
+        CM_ERROR_TRACE_THIS("CCmReactorEpoll::Open, no descriptor for epoll or eventfd. err=" << errno);
+        return CM_ERROR_UNEXPECTED;
+    }
+    return CCmReactorBase::Open();
+}
+
+CmResult CCmReactorEpoll::Close() { return m_bRunning ? CM_ERROR_NOT_AVAILABLE : CCmReactorBase::Close(); }
+
+CmResult CCmReactorEpoll::RunEventLoop() {
+    if (!IsOpen())
+        return CM_ERROR_NOT_INITIALIZED;
+    m_Est.EnsureSingleThread();
+    if (m_bRunning)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    while (!m_bStop.exchange(FALSE))
+        Turn_i(m_llTickUsec);
+    return CM_OK;
+}
+
+CmResult CCmReactorEpoll::StopEventLoop() {
+    m_bStop = TRUE;
+    WakeUp_i();
+    return CM_OK;
+}
+
+CmResult CCmReactorEpoll::RunOnce(const CCmTimeValue* aTimeout) {
+    if (!IsOpen())
+        return CM_ERROR_NOT_INITIALIZED;
+    m_Est.EnsureSingleThread();
+    if (m_bRunning)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    Turn_i(aTimeout ? std::clamp<int64_t>(aTimeout->GetTotalInUsec(), 0, m_llTickUsec) : m_llTickUsec);
+    return CM_OK;
+}
+
+void CCmReactorEpoll::Turn_i(int64_t aMaxWaitUsec) {
+    m_bRunning = TRUE;
+    const int nWait = GetWaitMsec_i(aMaxWaitUsec);
+    const int nReports = epoll_wait(m_fdEpoll, m_pReports.get(), MAX_REPORTS, nWait);
+    m_bSleeping.store(FALSE, std::memory_order_relaxed);
+    ++m_Counters.m_ullWakeUps;
+    for (int i = 0; i < nReports; ++i)
+        DispatchReport_i(m_pReports[i]);
+    ProcessNotifications_i();
+    ProcessEvents_i();
+    ProcessTimerTick();
+    m_bRunning = FALSE;
+}
+
+// Milliseconds for the wait, rounded up so that a timer is due after it. Announces the sleep before it looks for work: whoever
+// brings work later sees the announcement and wakes the loop.
+int CCmReactorEpoll::GetWaitMsec_i(int64_t aMaxWaitUsec) {
+    int64_t llWait = aMaxWaitUsec;
+    const CCmTimeValue tvEarliest = m_pTimerQueue->GetEarliestTime();
+    if (tvEarliest != CCmTimeValue::s_tvMax)
+        llWait = std::clamp<int64_t>(tvEarliest.GetTotalInUsec() - CCmClock::GetTimeOfDayUsec(), 0, llWait);
+    if (llWait == 0)
+        return 0;
+    m_bSleeping = TRUE;
+    if (m_bWakeUpUnderWay || m_bHasNotifications || m_bStop || GetPendingEventsCount() > 0)
+        return 0;
+    return static_cast<int>((llWait + 999) / 1000);
+}
+
+void CCmReactorEpoll::WakeUp_i() {
+    if (!m_bSleeping.exchange(FALSE))
+        return;
+    const uint64_t ullOne = 1;
+    while (write(m_fdWakeUp, &ullOne, sizeof ullOne) == -1 && errno == EINTR) {
+    }
+}
+
+void CCmReactorEpoll::DispatchReport_i(const epoll_event& aReport) {
+    if (aReport.data.u64 == WAKE_UP_DATA) {
+        ++m_Counters.m_ullWakeWrites;
+        return;
+    }
+    const HANDLE fd = static_cast<HANDLE>(aReport.data.u64 & 0xFFFFFFFF);
+    const DWORD dwBinding = static_cast<DWORD>(aReport.data.u64 >> 32);
+    const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(fd, dwBinding);
+    if (!pElement)
+        return;  // was removed, or its number used again, by an earlier report of this turn
+
+    const long lSpecial = pElement->m_lMask & (ACmEventHandler::ACCEPT_MASK | ACmEventHandler::CONNECT_MASK);
+    if (lSpecial) {
+        ProcessHandleEvent(fd, lSpecial, CM_OK, FALSE, FALSE);
+    } else if (aReport.events & EPOLLERR) {
+        ReportClose_i(fd, dwBinding, CM_ERROR_NETWORK_SOCKET_ERROR);
+    } else if ((aReport.events & (EPOLLRDHUP | EPOLLHUP)) && !IsPaused(*pElement)) {
+        ReportClose_i(fd, dwBinding, CM_ERROR_NETWORK_SOCKET_CLOSE);
+    } else {
+        if (aReport.events & EPOLLIN)
+            ReportIn_i(fd, dwBinding);
+        pElement = FindBinding_i(fd, dwBinding);
+        if ((aReport.events & EPOLLOUT) && pElement && (pElement->m_lMask & ACmEventHandler::WRITE_MASK))
+            ProcessHandleEvent(fd, ACmEventHandler::WRITE_MASK, CM_OK, FALSE, FALSE);
+    }
+    ProcessTimerTick();
+}
+
+void CCmReactorEpoll::ReportIn_i(HANDLE aFd, DWORD aBinding) {
+    const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
+    if (!(pElement->m_lMask & ACmEventHandler::READ_MASK))
+        return;  // paused: reported again when the handler wants to read
+    if (ProcessHandleEvent(aFd, ACmEventHandler::READ_MASK, CM_OK, FALSE, FALSE) != CM_OK)
+        return;
+    pElement = FindBinding_i(aFd, aBinding);
+    if (pElement && (pElement->m_lMask & ACmEventHandler::READ_MASK))
+        OnHandleMaskAdded(aFd);  // go on: the system looks again, and the others get their turn first
+}
+
+void CCmReactorEpoll::ReportClose_i(HANDLE aFd, DWORD aBinding, CmResult aReason) {
+    if (DrainBeforeClose_i(aFd, aBinding, aReason))
+        ProcessHandleEvent(aFd, ACmEventHandler::CLOSE_MASK, aReason, FALSE, FALSE);
+}
+
+// What arrived before the close is read first. TRUE: the close can be reported; FALSE: the handler is gone, or it has paused
+// reading and the close waits, with the bytes, until it goes on. A failed connection waits for nobody: whatever would end the
+// pause may never come.
+BOOL CCmReactorEpoll::DrainBeforeClose_i(HANDLE aFd, DWORD aBinding, CmResult aReason) {
+    int nBefore = INT_MAX;
+    for (int nRemain = BytesReadable(aFd); nRemain > 0 && nRemain < nBefore; nRemain = BytesReadable(aFd)) {
+        const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
+        if (!pElement)
+            return FALSE;
+        if (!(pElement->m_lMask & ACmEventHandler::READ_MASK))
+            return !IsPaused(*pElement) || aReason == CM_ERROR_NETWORK_SOCKET_ERROR;
+        CM_WARNING_TRACE_THIS(
+            "CCmReactorWin32Message::Win32SocketWndProc, data remained in the handle wehn closing, recv it. dwRemain="
+            << nRemain);
+        nBefore = nRemain;
+        ProcessHandleEvent(aFd, ACmEventHandler::READ_MASK, CM_OK, FALSE, FALSE);
+    }
+    // Here also when a report consumed nothing: the close cannot wait for that.
+    const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
+    return pElement && (!IsPaused(*pElement) || aReason == CM_ERROR_NETWORK_SOCKET_ERROR);
+}
+
+CmResult CCmReactorEpoll::NotifyHandler(ACmEventHandler* aEh, long aMask) {
+    if (aEh) {
+        Guard guard(m_NotificationMutex);
+        m_Notifications.push_back({aEh, aEh->GetHandle(), aMask});
+        m_bHasNotifications = TRUE;
+    }
+    WakeUp_i();
+    return CM_OK;
+}
+
+void CCmReactorEpoll::ProcessNotifications_i() {
+    if (!m_bHasNotifications.exchange(FALSE))
+        return;
+    std::vector<CNotification> notifications;
+    {
+        Guard guard(m_NotificationMutex);
+        notifications.swap(m_Notifications);
+    }
+    for (const CNotification& notification : notifications) {
+        const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(notification.m_Fd);
+        if (!pElement || pElement->m_pEh != notification.m_pEh)
+            continue;
+        ProcessHandleEvent(notification.m_Fd, notification.m_lMask, CM_OK, TRUE, FALSE);
+        ProcessTimerTick();
+    }
+}
+
+// Several batches a turn, so that a burst of posts does not pay for a wait each, with the timers looked at between them.
+void CCmReactorEpoll::ProcessEvents_i() {
+    for (int i = 0; i < MAX_EVENT_BATCHES; ++i) {
+        if (!m_bWakeUpUnderWay && GetPendingEventsCount() == 0)
+            return;
+        if (ProcessHandleEvent(CM_INVALID_HANDLE, ACmEventHandler::EVENTQUEUE_MASK, CM_OK, TRUE, FALSE) == CM_ERROR_NOT_FOUND)
+            return;
+        ProcessTimerTick();
+    }
+}
+
+CCmEventHandlerRepository::CElement* CCmReactorEpoll::FindBinding_i(HANDLE aFd, DWORD aBinding) {
+    CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(aFd);
+    return pElement && pElement->m_dwBinding == aBinding ? pElement : nullptr;
+}
+
+int CCmReactorEpoll::Watch_i(int aOperation, HANDLE aFd, long aMask, DWORD aBinding) {
+    epoll_event event{};
+    event.events = aMask & ACmEventHandler::ACCEPT_MASK ? EPOLLIN : EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+    event.data.u64 = uint64_t{aBinding} << 32 | static_cast<DWORD>(aFd);
+    return epoll_ctl(m_fdEpoll, aOperation, aFd, &event);
+}
+
+CmResult CCmReactorEpoll::OnHandleRegister(HANDLE aFd, long aMask, ACmEventHandler*) {
+    if (Watch_i(EPOLL_CTL_ADD, aFd, aMask, m_Handlers.GetNextBinding()) == 0)
+        return CM_OK;
+    CM_ERROR_TRACE_THIS("CCmReactorEpoll::OnHandleRegister, epoll_ctl() failed! aFd=" << aFd << " err=" << errno);
+    return CM_ERROR_UNEXPECTED;
+}
+
+// Changing the watch, even to the same, makes the system look at the handle again and report what is ready.
+void CCmReactorEpoll::OnHandleMaskAdded(HANDLE aFd) {
+    const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(aFd);
+    int nRv = Watch_i(EPOLL_CTL_MOD, aFd, pElement->m_lMask, pElement->m_dwBinding);
+    if (nRv == -1 && errno == ENOENT)  // its number was closed and used again without a removal
+        nRv = Watch_i(EPOLL_CTL_ADD, aFd, pElement->m_lMask, pElement->m_dwBinding);
+    if (nRv == -1)
+        CM_ERROR_TRACE_THIS("CCmReactorEpoll::OnHandleMaskAdded, epoll_ctl() failed! aFd=" << aFd << " err=" << errno);
+}
+
+CmResult CCmReactorEpoll::OnHandleRemoved(HANDLE aFd) {
+    epoll_ctl(m_fdEpoll, EPOLL_CTL_DEL, aFd, nullptr);  // fails harmlessly for a handle that was closed too early
+    if (m_bHasNotifications) {
+        Guard guard(m_NotificationMutex);
+        std::erase_if(m_Notifications, [=](const CNotification& a) { return a.m_Fd == aFd; });
+    }
+    return CM_OK;
+}
