@@ -30,7 +30,9 @@ public:
     }
     int Get() const { return m_Fd; }
 
-    void Write(const std::string& aText) const { EXPECT_EQ(static_cast<ssize_t>(aText.size()), write(m_Fd, aText.data(), aText.size())); }
+    void Write(const std::string& aText) const {
+        EXPECT_EQ(static_cast<ssize_t>(aText.size()), write(m_Fd, aText.data(), aText.size()));
+    }
     // At most aMax of what is there.
     std::string Read(size_t aMax = 16384) const {
         std::string strData(aMax, '\0');

@@ -1,0 +1,146 @@
+#include "talvo/event/thread.h"
+
+#include <cerrno>
+#include <new>
+
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+
+namespace {
+
+CCmLiveCounter s_Live("ACmThread");
+
+constexpr long JOIN_USEC = 100000;
+
+}  // namespace
+
+std::atomic<int> ACmThread::s_nRunning{0};
+
+ACmThread::ACmThread() : m_pLink(new CCmThreadLink(this)) { ++s_Live; }
+
+ACmThread::~ACmThread() {
+    CloseLink();
+    if (m_bRegistered)
+        CCmThreadManager::Instance()->UnregisterThread(this);
+    StopWaiting_i();
+    --s_Live;
+}
+
+CmResult ACmThread::Create(int aType, TFlag aFlag) {
+    CM_INFO_TRACE_THIS("ACmThread::Create, aType=" << aType << " aFlag=" << aFlag);
+    if (m_Type != -1)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    if (aType == -1)
+        return CM_ERROR_INVALID_ARG;
+    m_Type = aType;
+    m_Flag = aFlag == CCmThreadManager::TF_NONE ? CCmThreadManager::TF_JOINABLE : aFlag;
+    if (aType == CCmThreadManager::TT_MAIN)
+        BindToCurrentThread_i();
+    else if (const CmResult rv = Start_i(); rv != CM_OK)
+        return rv;
+
+    const CmResult rv = CCmThreadManager::Instance()->RegisterThread(this);
+    m_bRegistered = rv == CM_OK;
+    if (rv != CM_OK)
+        Stop(nullptr);
+    m_EventRun.Signal();
+    if (rv != CM_OK)
+        Join();
+    return rv;
+}
+
+CmResult ACmThread::Start_i() {
+    m_pEventStart.reset(new (std::nothrow) CCmEventThread);
+    if (!m_pEventStart)
+        return CM_ERROR_OUT_OF_MEMORY;
+    ++s_nRunning;
+    const int nErr = pthread_create(&m_Handle, nullptr, ThreadProc, this);
+    if (nErr != 0) {
+        --s_nRunning;
+        m_pEventStart.reset();
+        CM_ERROR_TRACE_THIS("ACmThread::Create, _beginthreadex() failed! err=" << nErr);
+        return CM_ERROR_UNEXPECTED;
+    }
+    m_bHasHandle = TRUE;
+    if (!(m_Flag & CCmThreadManager::TF_JOINABLE))
+        StopWaiting_i();
+    m_pEventStart->Wait();
+    m_pEventStart.reset();
+    return CM_OK;
+}
+
+void* ACmThread::ThreadProc(void* aThread) {
+    auto* pThread = static_cast<ACmThread*>(aThread);
+    pThread->BindToCurrentThread_i();
+    pThread->OnThreadInit();
+    pThread->m_pEventStart->Signal();
+    pThread->m_EventRun.Wait();
+    pThread->OnThreadRun();
+    pThread->CloseLink();
+    --s_nRunning;
+    pThread->m_EventEnd.Signal();
+    pThread->LetGo_i();
+    return nullptr;
+}
+
+void ACmThread::BindToCurrentThread_i() {
+    m_dwThreadId = cm_thread_self_id();
+    m_pLink->BindToCurrentThread();
+}
+
+CmResult ACmThread::Destory(CmResult aReason) {
+    CM_INFO_TRACE_THIS("ACmThread::Destory, aReason=" << aReason);
+    if (m_bRegistered) {
+        m_bRegistered = FALSE;
+        CCmThreadManager::Instance()->UnregisterThread(this);
+    }
+    const BOOL bNeverRan = m_Type == CCmThreadManager::TT_MAIN || m_dwThreadId == 0;
+    if (bNeverRan)
+        delete this;
+    else
+        LetGo_i();
+    return CM_OK;
+}
+
+void ACmThread::LetGo_i() {
+    if (++m_LetGo == 2)
+        delete this;
+}
+
+CmResult ACmThread::Join() {
+    if (m_dwThreadId == cm_thread_self_id() || m_dwThreadId == 0 || m_Type == CCmThreadManager::TT_MAIN)
+        return CM_ERROR_FAILURE;
+    CCmTimeValue tvLimit(0, JOIN_USEC);
+    const CmResult rv = m_EventEnd.Wait(&tvLimit);
+    if (rv == CM_OK && m_bHasHandle) {
+        m_bHasHandle = FALSE;
+        const int nErr = pthread_join(m_Handle, nullptr);
+        if (nErr != 0) {
+            CM_ERROR_TRACE_THIS("ACmThread::Join, WaitForSingleObject() failed! err=" << nErr);
+            return CM_ERROR_FAILURE;
+        }
+    }
+    if (rv == CM_ERROR_TIMEOUT) {
+        CM_WARNING_TRACE_THIS("ACmThread::Join, WaitForSingleObject() timeout!");
+        StopWaiting_i();
+    }
+    return rv;
+}
+
+CmResult ACmThread::Terminate() {
+    StopWaiting_i();
+    return CM_OK;
+}
+
+void ACmThread::StopWaiting_i() {
+    if (!m_bHasHandle)
+        return;
+    m_bHasHandle = FALSE;
+    pthread_detach(m_Handle);
+}
+
+CmResult ACmThread::Stop(CCmTimeValue*) { return CM_ERROR_NOT_IMPLEMENTED; }
+void ACmThread::OnThreadInit() {}
+ICmReactor* ACmThread::GetReactor() { return nullptr; }
+ICmEventQueue* ACmThread::GetEventQueue() { return nullptr; }
+ICmTimerQueue* ACmThread::GetTimerQueue() { return nullptr; }

@@ -1,0 +1,101 @@
+#include "talvo/event/thread_link.h"
+
+#include "talvo/event/event_synchronous.h"
+#include "talvo/event/thread.h"
+
+namespace {
+
+constexpr uint32_t CLOSED = 0x80000000;
+
+}  // namespace
+
+CCmThreadTenant::~CCmThreadTenant() {
+    if (m_pLink)
+        m_pLink->Leave(*this);
+}
+
+// A post announces itself before it looks whether the link is open, and Close waits for announced ones: the thread's queue is
+// there for as long as anybody posts to it.
+BOOL CCmThreadLink::Enter_i() {
+    if (!(m_dwPosts.fetch_add(1) & CLOSED))
+        return TRUE;
+    Exit_i();
+    return FALSE;
+}
+
+void CCmThreadLink::Exit_i() {
+    if (m_dwPosts.fetch_sub(1) == CLOSED + 1)
+        m_dwPosts.notify_all();
+}
+
+CmResult CCmThreadLink::PostEvent(ICmEvent* aEvent) {
+    if (!aEvent)
+        return CM_ERROR_INVALID_ARG;
+    if (!Enter_i()) {
+        aEvent->OnDestorySelf();
+        return CM_ERROR_NOT_AVAILABLE;
+    }
+    ICmEventQueue* pQueue = m_pThread->GetEventQueue();
+    const CmResult rv = pQueue ? pQueue->PostEvent(aEvent) : CM_ERROR_NULL_POINTER;
+    Exit_i();
+    if (!pQueue)
+        aEvent->OnDestorySelf();
+    return rv == CM_ERROR_NOT_INITIALIZED ? CM_ERROR_NOT_AVAILABLE : rv;
+}
+
+CmResult CCmThreadLink::CallEvent(ICmEvent* aEvent) {
+    if (!aEvent)
+        return CM_ERROR_INVALID_ARG;
+    if (IsCurrentThread()) {
+        const CmResult rv = aEvent->OnEventFire();
+        aEvent->OnDestorySelf();
+        return rv;
+    }
+    auto* pSynchronous = new (std::nothrow) CCmEventSynchronous(aEvent);
+    if (!pSynchronous) {
+        aEvent->OnDestorySelf();
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
+    PostEvent(pSynchronous);
+    return pSynchronous->WaitResultAndDeleteThis();
+}
+
+BOOL CCmThreadLink::IsCurrentThread() const { return m_dwThreadId == cm_thread_self_id() && !(m_dwPosts.load() & CLOSED); }
+
+void CCmThreadLink::BindToCurrentThread() { m_dwThreadId = cm_thread_self_id(); }
+
+CmResult CCmThreadLink::Join(CCmThreadTenant& aTenant) {
+    if (aTenant.m_pLink)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    if (m_dwPosts & CLOSED)
+        return CM_ERROR_NOT_AVAILABLE;
+    aTenant.m_pLink = this;
+    aTenant.m_pNext = m_pTenants;
+    aTenant.m_ppBack = &m_pTenants;
+    if (m_pTenants)
+        m_pTenants->m_ppBack = &aTenant.m_pNext;
+    m_pTenants = &aTenant;
+    return CM_OK;
+}
+
+void CCmThreadLink::Leave(CCmThreadTenant& aTenant) {
+    if (aTenant.m_pLink != this)
+        return;
+    *aTenant.m_ppBack = aTenant.m_pNext;
+    if (aTenant.m_pNext)
+        aTenant.m_pNext->m_ppBack = aTenant.m_ppBack;
+    aTenant.m_pLink = nullptr;
+}
+
+void CCmThreadLink::Close() {
+    while (m_pTenants) {
+        CCmThreadTenant& tenant = *m_pTenants;
+        Leave(tenant);
+        tenant.OnThreadEnd();
+    }
+    uint32_t dwPosts = m_dwPosts.fetch_or(CLOSED) | CLOSED;
+    while (dwPosts != CLOSED) {
+        m_dwPosts.wait(dwPosts);
+        dwPosts = m_dwPosts.load();
+    }
+}

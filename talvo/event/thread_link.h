@@ -1,0 +1,101 @@
+// The way to a thread that may end at any time.
+#pragma once
+
+#include <atomic>
+#include <new>
+#include <utility>
+
+#include "talvo/base/ref_ptr.h"
+#include "talvo/base/reference_control.h"
+#include "talvo/event/event_queue.h"
+
+class ACmThread;
+class CCmThreadLink;
+
+// Something that lives in a thread and has to let go of it when the thread ends. Joins and leaves in that thread only.
+class TALVO_API CCmThreadTenant {
+public:
+    CCmThreadTenant() = default;
+    CCmThreadTenant(const CCmThreadTenant&) = delete;
+    CCmThreadTenant& operator=(const CCmThreadTenant&) = delete;
+
+    // In the thread, after its loop and before its reactor and queues close. The tenant has left already.
+    virtual void OnThreadEnd() = 0;
+
+protected:
+    virtual ~CCmThreadTenant();  // leaves, if it has not
+
+private:
+    friend class CCmThreadLink;
+    CCmThreadLink* m_pLink = nullptr;  // not owned; null: joined to none
+    CCmThreadTenant* m_pNext = nullptr;
+    CCmThreadTenant** m_ppBack = nullptr;
+};
+
+// Every ACmThread has one, which outlives it as long as somebody holds it. Through it work is posted without knowing whether
+// the thread is still there.
+class TALVO_API CCmThreadLink : public CCmReferenceControlT<CCmMutexThread> {
+public:
+    explicit CCmThreadLink(ACmThread* aThread) : m_pThread(aThread) {}
+
+    // Posts to the thread's event queue. Any thread. CM_OK; CM_ERROR_INVALID_ARG: null; CM_ERROR_NULL_POINTER: the thread has
+    // no event queue; CM_ERROR_NOT_AVAILABLE: it has ended. The event was destroyed unless the result is CM_OK.
+    CmResult PostEvent(ICmEvent* aEvent);
+
+    // Posts and waits until the event has run; runs it at once when the caller is the thread itself. Returns what OnEventFire
+    // returned, or CM_ERROR_NOT_AVAILABLE when the thread ended before it ran. Not to be called in a network thread for another
+    // thread.
+    CmResult CallEvent(ICmEvent* aEvent);
+
+    // The same for a callable that takes nothing and returns a CmResult; it is run at most once, before Call returns.
+    template <class Callable>
+    CmResult Call(Callable aCallable) {
+        if (IsCurrentThread())
+            return aCallable();
+        return CallEvent(new (std::nothrow) CCallEventT<Callable>(std::move(aCallable)));
+    }
+
+    // Posts a callable that takes and returns nothing; results as PostEvent. If the thread ends first it is destroyed unrun.
+    template <class Callable>
+    CmResult Post(Callable aCallable) {
+        auto run = [callable = std::move(aCallable)]() mutable {
+            callable();
+            return CM_OK;
+        };
+        return PostEvent(new (std::nothrow) CCallEventT<decltype(run)>(std::move(run)));
+    }
+
+    // Whether the caller is the thread and it has not ended.
+    BOOL IsCurrentThread() const;
+
+    // The calling thread is the link's. Called by the thread classes.
+    void BindToCurrentThread();
+
+    // The thread's own, see CCmThreadTenant. Join: CM_OK; CM_ERROR_ALREADY_INITIALIZED: the tenant has joined a link before and
+    // not left it; CM_ERROR_NOT_AVAILABLE: the thread has ended, the tenant has joined nothing and will hear nothing. Leave
+    // does nothing for a tenant that has not joined.
+    CmResult Join(CCmThreadTenant& aTenant);
+    void Leave(CCmThreadTenant& aTenant);
+
+    // The thread's end: tells the tenants, then refuses posts and waits for those under way. Called by the thread classes.
+    void Close();
+
+private:
+    template <class Callable>
+    class CCallEventT final : public ICmEvent {
+    public:
+        explicit CCallEventT(Callable&& aCallable) : m_Callable(std::move(aCallable)) {}
+        CmResult OnEventFire() override { return m_Callable(); }
+
+    private:
+        Callable m_Callable;
+    };
+
+    BOOL Enter_i();
+    void Exit_i();
+
+    ACmThread* const m_pThread;  // not owned; alive while a post is under way or the link is open
+    std::atomic<DWORD> m_dwThreadId{0};
+    std::atomic<uint32_t> m_dwPosts{0};  // posts under way, and CLOSED
+    CCmThreadTenant* m_pTenants = nullptr;
+};

@@ -1,0 +1,47 @@
+#include "talvo/event/thread_reactor.h"
+
+#include "talvo/base/trace.h"
+
+CCmThreadReactor::~CCmThreadReactor() {
+    CloseLink();
+    if (m_pReactor)
+        m_pReactor->Close();
+}
+
+CmResult CCmThreadReactor::AttachReactor(ICmReactor* aReactor) {
+    if (!aReactor)
+        return CM_ERROR_INVALID_ARG;
+    if (m_pReactor)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    m_pReactor.reset(aReactor);
+    return CM_OK;
+}
+
+CmResult CCmThreadReactor::Create(int aType, TFlag aFlag) {
+    CmResult rv = ACmThread::Create(aType, aFlag);
+    if (rv != CM_OK || aType != CCmThreadManager::TT_MAIN)
+        return rv;
+    rv = m_pReactor ? m_pReactor->Open() : CM_ERROR_NOT_INITIALIZED;
+    // The text names OnThreadRun although this is Create: operators search their logs for it, so it stays.
+    if (rv != CM_OK)
+        CM_ERROR_TRACE_THIS("CCmThreadReactor::OnThreadRun, m_pReactor->Open() failed! rv=" << rv);
+    return rv;
+}
+
+CmResult CCmThreadReactor::Stop(CCmTimeValue*) { return m_pReactor ? m_pReactor->StopEventLoop() : CM_ERROR_NOT_INITIALIZED; }
+
+void CCmThreadReactor::OnThreadInit() {
+    const CmResult rv = m_pReactor ? m_pReactor->Open() : CM_ERROR_NOT_INITIALIZED;
+    if (rv != CM_OK)
+        CM_ERROR_TRACE_THIS("CCmThreadReactor::OnThreadInit, m_pReactor->Open() failed! rv=" << rv);
+}
+
+void CCmThreadReactor::OnThreadRun() {
+    CM_INFO_TRACE_THIS("CCmThreadReactor::OnThreadRun, Begin.");
+    if (m_pReactor) {
+        m_pReactor->RunEventLoop();
+        CloseLink();
+        m_pReactor->Close();
+    }
+    CM_INFO_TRACE_THIS("CCmThreadReactor::OnThreadRun, End.");
+}

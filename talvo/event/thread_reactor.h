@@ -1,0 +1,29 @@
+// A thread that runs a reactor's loop.
+#pragma once
+
+#include <memory>
+
+#include "talvo/event/thread.h"
+
+class TALVO_API CCmThreadReactor : public ACmThread {
+public:
+    ~CCmThreadReactor() override;
+
+    // Gives the reactor to the thread, before Create. CM_ERROR_ALREADY_INITIALIZED: it has one (aReactor stays the caller's).
+    // CM_ERROR_INVALID_ARG: null.
+    CmResult AttachReactor(ICmReactor* aReactor);
+
+    CmResult Create(int aType, TFlag aFlag = CCmThreadManager::TF_JOINABLE) override;
+    // CM_ERROR_NOT_INITIALIZED: no reactor.
+    CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
+    void OnThreadInit() override;
+    // Runs the loop until Stop and closes the reactor: an adopted main thread may call it, once.
+    void OnThreadRun() override;
+
+    ICmReactor* GetReactor() override { return m_pReactor.get(); }
+    ICmEventQueue* GetEventQueue() override { return m_pReactor.get(); }
+    ICmTimerQueue* GetTimerQueue() override { return m_pReactor.get(); }
+
+private:
+    std::unique_ptr<ICmReactor> m_pReactor;
+};

@@ -1,0 +1,54 @@
+// Threads of the application without a reactor: an event queue, with or without timers.
+#pragma once
+
+#include <memory>
+
+#include "talvo/base/stop_flag.h"
+#include "talvo/event/event_queue_using_condition_variable.h"
+#include "talvo/event/thread.h"
+#include "talvo/event/timer_queue_base.h"
+
+// What both have in common: a queue whose loop ends with the batch that holds the stop. Events posted behind it are destroyed
+// unrun.
+class TALVO_API CCmThreadTaskBase : public ACmThread {
+public:
+    ~CCmThreadTaskBase() override;
+
+    CmResult Create(int aType, TFlag aFlag = CCmThreadManager::TF_JOINABLE) override;
+    // Any thread, several times: posts a stop. CM_OK, or the result of the post.
+    CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
+    void OnThreadInit() override;
+    ICmEventQueue* GetEventQueue() override { return &m_EventQueue; }
+
+protected:
+    // Waits at most aTimeout (null: without limit) for events and runs at most aMaxCount of them.
+    void RunEvents_i(CCmTimeValue* aTimeout, unsigned long aMaxCount);
+    // The end of the loop: no more posts, what is pending is destroyed unrun.
+    void EndEvents_i();
+    BOOL IsStopped_i() const { return m_StopFlag.IsFlagStopped(); }
+
+private:
+    class CStopEvent;
+
+    CCmStopFlag m_StopFlag;
+    CCmEventQueueUsingConditionVariable m_EventQueue;
+};
+
+// Events and timers. At most 5 events run between two looks at the timers.
+class TALVO_API CCmThreadTask : public CCmThreadTaskBase {
+public:
+    ~CCmThreadTask() override;
+    void OnThreadInit() override;
+    void OnThreadRun() override;
+    ICmTimerQueue* GetTimerQueue() override { return m_pTimerQueue.get(); }
+
+private:
+    std::unique_ptr<CCmTimerQueueBase> m_pTimerQueue;
+};
+
+class TALVO_API CCmThreadTaskWithEventQueueOnly : public CCmThreadTaskBase {
+public:
+    ~CCmThreadTaskWithEventQueueOnly() override;
+    CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
+    void OnThreadRun() override;
+};

@@ -1,0 +1,50 @@
+// Deletion from a zero-delay timer of the calling thread: the object outlives the call that let go of it.
+#pragma once
+
+#include "talvo/base/reference_control.h"
+#include "talvo/event/timer_queue.h"
+
+// Schedules this handler in the calling thread's timer queue with the deletion mark. CM_OK, also when it was scheduled already;
+// otherwise the failure, traced.
+TALVO_API CmResult cm_schedule_deletion(ICmTimerHandler* aHandler);
+
+// One-shot: deletes aTarget when it fires. Not owned by anybody else: lives inside its target or dies with it.
+template <class TargetType>
+class CCmTimerDeleteT : public ICmTimerHandler {
+public:
+    explicit CCmTimerDeleteT(TargetType* aTarget) : m_pTarget(aTarget) {}
+
+    // Once, in the thread whose timer queue shall delete the target. CM_ERROR_ALREADY_INITIALIZED: launched before. Any other
+    // failure means that there is no timer queue to delete it.
+    CmResult Launch() {
+        if (m_bLaunched)
+            return CM_ERROR_ALREADY_INITIALIZED;
+        m_bLaunched = TRUE;
+        return cm_schedule_deletion(this);
+    }
+
+    void OnTimeout(const CCmTimeValue&, void*) override { delete m_pTarget; }
+
+private:
+    TargetType* m_pTarget;
+    BOOL m_bLaunched = FALSE;
+};
+
+// A counting base whose object is deleted by a timer of the thread that released it last, after the current call has returned
+// to the loop. When that thread's timer queue ends first, the object is deleted with it; when the thread has none (its time is
+// over), at once.
+template <class MutexType>
+class CCmReferenceControlTimerDeleteT : public CCmReferenceControlT<MutexType> {
+protected:
+    CCmReferenceControlTimerDeleteT() : m_TimerDelete(this) {}
+
+    void OnReferenceDestory() override {
+        const CmResult rv = m_TimerDelete.Launch();
+        if (rv != CM_OK && rv != CM_ERROR_ALREADY_INITIALIZED)
+            delete this;
+    }
+
+private:
+    friend class CCmTimerDeleteT<CCmReferenceControlTimerDeleteT>;
+    CCmTimerDeleteT<CCmReferenceControlTimerDeleteT> m_TimerDelete;
+};

@@ -1,0 +1,237 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+
+#include "talvo/event/timer_queue_ordered_list.h"
+#include "tests/support/event_helpers.h"
+#include "tests/support/fake_clock.h"
+
+namespace {
+
+CCmTimeValue Msec(int64_t aMsec) { return CCmTimeValue::FromUsec(aMsec * 1000); }
+
+class TimerQueueTest : public testing::Test {
+protected:
+    int CheckAfter(int64_t aMsec) {
+        m_Clock.Advance(Msec(aMsec));
+        return m_Queue.CheckExpire(&m_tvRemain);
+    }
+
+    CCmFakeClock m_Clock;
+    CCmTimerQueueOrderedList m_Queue;
+    CCmTimeValue m_tvRemain;
+};
+
+}  // namespace
+
+TEST_F(TimerQueueTest, MistakesAreResults) {
+    CTestTimer timer;
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_Queue.ScheduleTimer(nullptr, nullptr, Msec(1), 1));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_Queue.ScheduleTimer(&timer, nullptr, Msec(0), 0));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_Queue.ScheduleTimer(&timer, nullptr, Msec(-1), 2));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_Queue.CancelTimer(nullptr));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_Queue.CancelTimer(&timer));
+    EXPECT_EQ(0, CheckAfter(1000));
+    EXPECT_EQ(CCmTimeValue::s_tvMax, m_tvRemain);
+    EXPECT_EQ(CCmTimeValue::s_tvMax, m_Queue.GetEarliestTime());
+}
+
+TEST_F(TimerQueueTest, CountsAndMissedPeriods) {
+    CTestTimer threeTimes;
+    CTestTimer endless;
+    m_Queue.ScheduleTimer(&threeTimes, nullptr, Msec(10), 3);
+    for (int i = 0; i < 5; ++i)
+        CheckAfter(10);
+    EXPECT_EQ(3, threeTimes.m_nFired);
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_Queue.CancelTimer(&threeTimes));
+
+    m_Queue.ScheduleTimer(&endless, nullptr, Msec(100), 0);
+    EXPECT_EQ(1, CheckAfter(350));  // once, and on at the next multiple
+    EXPECT_EQ(Msec(50), m_tvRemain);
+    EXPECT_EQ(1, CheckAfter(50));  // a multiple exactly is not "later than now"
+    EXPECT_EQ(Msec(100), m_tvRemain);
+    endless.m_Run = [&] { EXPECT_EQ(CM_OK, m_Queue.CancelTimer(&endless)); };
+    EXPECT_EQ(1, CheckAfter(100));
+    EXPECT_EQ(0, CheckAfter(1000));
+}
+
+TEST_F(TimerQueueTest, ZeroDelayCannotHoldTheLoop) {
+    CTestTimer again;
+    again.m_Run = [&] { m_Queue.ScheduleTimer(&again, nullptr, CCmTimeValue::s_tvZero, 1); };
+    again.m_Run();
+    for (int i = 1; i <= 5; ++i) {  // with a clock that stands still, too
+        EXPECT_EQ(1, CheckAfter(i == 3 ? 10 : 0));
+        EXPECT_EQ(i, again.m_nFired);
+        EXPECT_GE(m_tvRemain, CCmTimeValue::s_tvZero);
+    }
+}
+
+TEST_F(TimerQueueTest, RemainingTimeIsNeverNegative) {
+    CTestTimer late;
+    CTestTimer slow([&] {
+        m_Queue.ScheduleTimer(&late, nullptr, CCmTimeValue::s_tvZero, 1);
+        m_Clock.Advance(Msec(500));
+    });
+    m_Queue.ScheduleTimer(&slow, nullptr, Msec(1), 0);
+    EXPECT_EQ(1, CheckAfter(1));
+    EXPECT_GE(m_tvRemain, CCmTimeValue::s_tvZero);
+    EXPECT_EQ(2, CheckAfter(0));
+}
+
+TEST_F(TimerQueueTest, TheFarthestTimerDoesNotOverflow) {
+    CTestTimer timer;
+    EXPECT_EQ(CM_OK, m_Queue.ScheduleTimer(&timer, nullptr, CCmTimeValue::s_tvMax, 0));
+    EXPECT_EQ(0, CheckAfter(int64_t{100} * 365 * 24 * 3600 * 1000 / 2));
+    EXPECT_GT(m_tvRemain, CCmTimeValue::s_tvZero);
+    EXPECT_EQ(1, CheckAfter(int64_t{100} * 365 * 24 * 3600 * 1000 / 2));
+}
+
+TEST_F(TimerQueueTest, TheObserverHearsOfTheFirstTimerOnly) {
+    class CObserver : public ICmObserver {
+    public:
+        void OnObserve(const char* aTopic, void*) override { m_strTopics += aTopic; }
+        std::string m_strTopics;
+    } observer;
+    CCmTimerQueueOrderedList queue(&observer);
+    CTestTimer a;
+    CTestTimer b;
+    queue.ScheduleTimer(&a, nullptr, Msec(1), 1);
+    queue.ScheduleTimer(&b, nullptr, Msec(1), 1);
+    EXPECT_EQ("TimerQueue", observer.m_strTopics);
+    queue.CancelTimer(&a);
+    queue.CancelTimer(&b);
+    queue.ScheduleTimer(&a, nullptr, Msec(1), 1);
+    EXPECT_EQ("TimerQueueTimerQueue", observer.m_strTopics);
+}
+
+namespace {
+
+// The promise written down naively: a list searched from end to end. Times in milliseconds.
+class CNaiveTimers {
+public:
+    struct CEntry {
+        size_t m_stId;
+        int64_t m_llExpires;
+        int64_t m_llInterval;
+        unsigned long m_ulCount;  // 0: without end
+        int m_nPass;              // the pass in which it was scheduled with nothing to wait, -1: none
+    };
+
+    CmResult Schedule(size_t aId, int64_t aNow, int64_t aInterval, unsigned long aCount) {
+        const CmResult rv = Cancel(aId) == CM_OK ? CM_ERROR_FOUND : CM_OK;
+        m_Entries.push_back({aId, aNow + aInterval, aInterval, aCount, m_bInPass && aInterval == 0 ? m_nPass : -1});
+        return rv;
+    }
+    CmResult Cancel(size_t aId) {
+        return std::erase_if(m_Entries, [=](const CEntry& a) { return a.m_stId == aId; }) ? CM_OK : CM_ERROR_NOT_FOUND;
+    }
+    void BeginPass() {
+        ++m_nPass;
+        m_bInPass = true;
+    }
+    void EndPass() { m_bInPass = false; }
+    // The one that fires next in this pass, put back if it goes on; -1: the pass is over.
+    int FireNext(int64_t aNow) {
+        const auto itFirst = Earliest();
+        if (itFirst == m_Entries.end() || itFirst->m_llExpires > aNow || itFirst->m_nPass == m_nPass)
+            return -1;
+        CEntry entry = *itFirst;
+        m_Entries.erase(itFirst);
+        if (entry.m_ulCount != 1) {
+            entry.m_ulCount -= entry.m_ulCount > 0;
+            while (entry.m_llExpires <= aNow)
+                entry.m_llExpires += entry.m_llInterval;
+            m_Entries.push_back(entry);
+        }
+        return static_cast<int>(entry.m_stId);
+    }
+    int64_t Remain(int64_t aNow) {
+        const auto itFirst = Earliest();
+        return itFirst == m_Entries.end() ? -1 : std::max<int64_t>(itFirst->m_llExpires - aNow, 0);
+    }
+
+private:
+    // The list is in the order of pushing: of equal ones the last is taken. What must wait for the next pass comes behind.
+    std::vector<CEntry>::iterator Earliest() {
+        auto itBest = m_Entries.end();
+        for (auto it = m_Entries.begin(); it != m_Entries.end(); ++it) {
+            if (itBest == m_Entries.end() || Key(*it) <= Key(*itBest))
+                itBest = it;
+        }
+        return itBest;
+    }
+    std::pair<bool, int64_t> Key(const CEntry& a) const { return {m_bInPass && a.m_nPass == m_nPass, a.m_llExpires}; }
+
+    std::vector<CEntry> m_Entries;
+    int m_nPass = 0;
+    bool m_bInPass = false;
+};
+
+// Both sides take the same random steps, from outside and from inside callbacks; each firing is asked of the naive side first.
+class CTimerWalk {
+public:
+    explicit CTimerWalk(unsigned aSeed) : m_Random(aSeed) {
+        for (size_t i = 0; i < 40; ++i)
+            m_Timers.push_back(std::make_unique<CTestTimer>([this, i] { OnFired(i); }));
+    }
+
+    void Step() {
+        for (int i = Pick(4); i > 0; --i)
+            ChangeOne(static_cast<size_t>(Pick(40)));
+        const int64_t llBy = Pick(3) == 0 ? 0 : Pick(12);
+        m_llNow += llBy;
+        m_Clock.Advance(Msec(llBy));
+        m_Naive.BeginPass();
+        m_nFired = 0;
+        CCmTimeValue tvRemain;
+        EXPECT_EQ(m_Queue.CheckExpire(&tvRemain), m_nFired);
+        EXPECT_EQ(-1, m_Naive.FireNext(m_llNow));
+        m_Naive.EndPass();
+        const int64_t llRemain = m_Naive.Remain(m_llNow);
+        if (llRemain == -1)
+            EXPECT_EQ(CCmTimeValue::s_tvMax, tvRemain);
+        else
+            EXPECT_EQ(llRemain, tvRemain.GetTotalInMsec());
+    }
+
+private:
+    int Pick(int aBelow) { return static_cast<int>(m_Random() % static_cast<unsigned>(aBelow)); }
+
+    void OnFired(size_t aId) {
+        ++m_nFired;
+        ASSERT_EQ(static_cast<int>(aId), m_Naive.FireNext(m_llNow));
+        if (Pick(2) == 0)
+            ChangeOne(Pick(2) == 0 ? aId : static_cast<size_t>(Pick(40)));
+    }
+    void ChangeOne(size_t aId) {
+        if (Pick(4) == 0) {
+            EXPECT_EQ(m_Naive.Cancel(aId), m_Queue.CancelTimer(m_Timers[aId].get()));
+            return;
+        }
+        const int64_t llInterval = Pick(9);
+        const unsigned long ulCount = llInterval == 0 ? 1 : static_cast<unsigned long>(Pick(4));
+        EXPECT_EQ(m_Naive.Schedule(aId, m_llNow, llInterval, ulCount),
+                  m_Queue.ScheduleTimer(m_Timers[aId].get(), nullptr, Msec(llInterval), ulCount));
+    }
+
+    std::mt19937 m_Random;
+    CCmFakeClock m_Clock;
+    CCmTimerQueueOrderedList m_Queue;
+    CNaiveTimers m_Naive;
+    std::vector<std::unique_ptr<CTestTimer>> m_Timers;
+    int64_t m_llNow = 0;
+    int m_nFired = 0;
+};
+
+}  // namespace
+
+TEST(TimerQueueWalkTest, FiresInTheOrderOfASortedList) {
+    for (unsigned uSeed = 1; uSeed <= 10 && !testing::Test::HasFailure(); ++uSeed) {
+        CTimerWalk walk(uSeed);
+        for (int i = 0; i < 2000 && !testing::Test::HasFailure(); ++i)
+            walk.Step();
+        EXPECT_FALSE(testing::Test::HasFailure()) << "seed " << uSeed;
+    }
+}
