@@ -1,0 +1,81 @@
+// Thin wrappers of the system's sockets.
+#pragma once
+
+#include <sys/uio.h>
+
+#include "talvo/base/export.h"
+#include "talvo/base/inet_addr.h"
+#include "talvo/base/result.h"
+#include "talvo/base/types.h"
+
+// All operations return 0 or a byte count, and -1 with the system's error in errno. Interrupted calls are resumed. Descriptors
+// are close-on-exec, sends never raise SIGPIPE. One thread at a time.
+class TALVO_API CCmIPCBase {
+public:
+    enum { NON_BLOCK = 0 };
+
+    HANDLE GetHandle() const { return m_Handle; }
+    void SetHandle(HANDLE aHandle) { m_Handle = aHandle; }
+
+    // Only NON_BLOCK; any other value is traced and fails with EINVAL.
+    int Enable(int aValue) const;
+    int Disable(int aValue) const;
+    int Control(int aCmd, void* aArg) const;
+
+protected:
+    CCmIPCBase() = default;
+    ~CCmIPCBase() = default;
+
+    HANDLE m_Handle = CM_INVALID_HANDLE;
+};
+
+class TALVO_API CCmSocketBase : public CCmIPCBase {
+public:
+    CCmSocketBase(const CCmSocketBase&) = delete;
+    CCmSocketBase& operator=(const CCmSocketBase&) = delete;
+
+    // Closes what is open and makes a new socket, with SO_REUSEADDR if asked for (not on Unix sockets).
+    int Open(int aFamily, int aType, int aProtocol, BOOL aReuseAddr);
+    // 0 also when nothing is open.
+    int Close();
+
+    int GetLocalAddr(CCmInetAddr& aAddr) const;
+    int GetRemoteAddr(CCmInetAddr& aAddr) const;
+    int SetOption(int aLevel, int aOption, const void* aValue, int aLength) const;
+    int GetOption(int aLevel, int aOption, void* aValue, int* aLength) const;
+
+    int Recv(char* aBuf, DWORD aLen, int aFlag = 0) const;
+    int Send(const char* aBuf, DWORD aLen, int aFlag = 0) const;
+    int RecvV(iovec* aIov, DWORD aCount) const;
+    int SendV(const iovec* aIov, DWORD aCount) const;
+
+protected:
+    CCmSocketBase() = default;
+    ~CCmSocketBase() { Close(); }
+
+    // For the opens with an address: on failure the error in errno survives aEnd.
+    template <class End>
+    int BindOr_i(const CCmInetAddr& aLocal, End aEnd);
+};
+
+class TALVO_API CCmSocketTcp : public CCmSocketBase {
+public:
+    ~CCmSocketTcp() { Close(CM_OK); }
+
+    int Open(BOOL aReuseAddr);
+    // Also binds; a failed bind closes the socket.
+    int Open(BOOL aReuseAddr, const CCmInetAddr& aLocal);
+    // CM_OK: ends the sending side first, so that the peer sees an orderly end.
+    int Close(CmResult aReason);
+    int CloseWriter() const;
+    int CloseReader() const;
+};
+
+class TALVO_API CCmSocketUdp : public CCmSocketBase {
+public:
+    // Opens and binds; a failed bind closes the socket.
+    int Open(const CCmInetAddr& aLocal);
+    int RecvFrom(char* aBuf, DWORD aLen, CCmInetAddr& aFrom, int aFlag = 0) const;
+    int SendTo(const char* aBuf, DWORD aLen, const CCmInetAddr& aTo, int aFlag = 0) const;
+    int SendVTo(const iovec* aIov, DWORD aCount, const CCmInetAddr& aTo) const;
+};

@@ -1,0 +1,62 @@
+#include "talvo/transport/transport_base.h"
+
+#include <netinet/in.h>
+#include <netinet/ip.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "talvo/base/trace.h"
+
+CmResult CCmTransportBase::OpenWithSink(ICmTransportSink* aSink) {
+    m_Est.EnsureSingleThread();
+    if (!aSink)
+        return CM_ERROR_INVALID_ARG;
+    if (std::exchange(m_pSink, aSink))
+        return CM_OK;
+    const CmResult rv = Open_t();
+    if (rv != CM_OK) {
+        Close_t(CM_OK);
+        m_pSink = nullptr;
+    }
+    return rv;
+}
+
+CmResult CCmTransportBase::Disconnect(CmResult aReason) {
+    m_Est.EnsureSingleThread();
+    const CmResult rv = Close_t(aReason);
+    m_pSink = nullptr;
+    return rv;
+}
+
+int CCmTransportBase::OnClose(HANDLE, long) {
+    m_Est.EnsureSingleThread();
+    Close_t(CM_OK);
+    if (ICmTransportSink* pSink = std::exchange(m_pSink, nullptr))
+        pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_ERROR, this);
+    return 0;
+}
+
+void CCmTransportBase::OnReferenceDestory() {
+    Close_t(CM_OK);
+    m_pSink = nullptr;
+    CCmReferenceControlTimerDeleteT::OnReferenceDestory();
+}
+
+void CCmTransportBase::RemoveFromReactor_i() {
+    if (ICmReactor::IsAlive(m_pReactor))
+        m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
+}
+
+CmResult CCmTransportBase::SetTos2Socket(CCmSocketBase& aSocket, void* aTos) {
+    int nTos = 0;
+    int nLength = sizeof nTos;
+    if (aSocket.GetOption(IPPROTO_IP, IP_TOS, &nTos, &nLength) == -1)
+        CM_ERROR_TRACE("CCmTransportBase::SetTos2Socket, GetOption(IP_TOS) failed! err=" << errno);
+    nTos = static_cast<int>(*static_cast<DWORD*>(aTos));
+    if (aSocket.SetOption(IPPROTO_IP, IP_TOS, &nTos, sizeof nTos) == -1) {
+        CM_ERROR_TRACE("CCmTransportBase::SetTos2Socket, SetOption(IP_TOS) failed! err=" << errno);
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    }
+    return CM_OK;
+}

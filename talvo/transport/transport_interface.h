@@ -1,0 +1,151 @@
+// The interfaces through which connected byte streams and datagram flows are opened and used, however they are made.
+#pragma once
+
+#include "talvo/base/inet_addr.h"
+#include "talvo/base/message_block.h"
+#include "talvo/base/reference_control.h"
+#include "talvo/base/result.h"
+#include "talvo/base/time_value.h"
+#include "talvo/base/types.h"
+
+class ICmAcceptorConnectorId;
+class ICmTransport;
+
+// Send priority; passed through unchanged to whoever orders sends. TCP sends in the order of the calls.
+enum ECmTransportPriority : DWORD {
+    CM_TRANSPORT_PRIORITY_HIGH = 0,
+    CM_TRANSPORT_PRIORITY_MEDIUM = 1,
+    CM_TRANSPORT_PRIORITY_NORMAL = 2,
+    CM_TRANSPORT_PRIORITY_LOW = 3
+};
+
+// Base types of a connection type, and the answers to CM_OPT_TRANSPORT_TRAN_TYPE.
+enum ECmTransportType : DWORD { CM_TRANSPORT_TYPE_TCP = 1, CM_TRANSPORT_TYPE_UDP = 2 };
+
+// Goes with a send, and comes back with what was sent. Upcalls carry null unless a transport has something to say.
+struct CCmTransportParameter {
+    explicit CCmTransportParameter(ECmTransportPriority aPriority = CM_TRANSPORT_PRIORITY_NORMAL) : m_Priority(aPriority) {}
+
+    DWORD m_dwHaveSent = 0;  // set by SendData: how many bytes this call took
+    ECmTransportPriority m_Priority;
+};
+
+// Commands of ICmTransport::GetOption and SetOption; the argument points at the value. 102 and 111 are reserved.
+enum ECmTransportOption : DWORD {
+    CM_OPT_TRANSPORT_FIO_NREAD = 101,   // get DWORD: bytes that can be read now
+    CM_OPT_TRANSPORT_FD = 103,          // get HANDLE; set HANDLE: only CM_INVALID_HANDLE, which takes the socket out of the
+                                        // reactor and detaches it: closing the transport no longer closes it
+    CM_OPT_TRANSPORT_LOCAL_ADDR = 104,  // get CCmInetAddr
+    CM_OPT_TRANSPORT_PEER_ADDR = 105,   // get CCmInetAddr
+    CM_OPT_TRANSPORT_SOCK_ALIVE = 106,  // get BOOL: the peer has not closed, as far as is known;
+                                        // CM_ERROR_NOT_INITIALIZED (and FALSE) on a closed transport
+    CM_OPT_TRANSPORT_TRAN_TYPE = 107,   // get DWORD: 1 TCP, 2 UDP; a thread proxy adds 0x20000 or else 0x10000 when it was
+                                        // made with a type that has that bit
+    CM_OPT_TRANSPORT_KEEPALIVE = 108,   // set DWORD: TCP keep-alive is switched on by more than 0, off by 0
+    CM_OPT_TRANSPORT_SNDBUF = 109,      // get, set int: the socket's send buffer in bytes; the system doubles what is set,
+                                        // opening a transport sets 65,535: set it afterwards
+    CM_OPT_TRANSPORT_RCVBUF = 110,      // get, set int: the socket's receive buffer in bytes; likewise
+    CM_OPT_TRANSPORT_INNER_TRANSPORT = 112,  // get ICmTransport*, no reference added: thread proxies only, the transport in the
+                                             // network thread, to be used there only
+    CM_OPT_TRANSPORT_TOS = 113,              // set DWORD: the IP type-of-service byte
+    CM_OPT_TRANSPORT_PAUSE_READING = 141,  // get, set BOOL: no OnReceive and no notice of an orderly close by the peer until it
+                                           // is FALSE again; nothing is lost. A connection that fails is told all the same
+    CM_OPT_TRANSPORT_PROXY_SEND_LIMIT = 142,  // get, set DWORD: thread proxies only, see CCmTransportThreadProxy
+    CM_OPT_TRANSPORT_PROXY_RECV_LIMIT = 143   // get, set DWORD: thread proxies only
+};
+
+// Implemented by the user of a transport. All calls come in the transport's thread: a thread proxy's in the thread that made
+// it. Inside any of them the sink may send, set options, disconnect and release the transport.
+class TALVO_API ICmTransportSink {
+public:
+    // A chunk of bytes, or one datagram or message. aData is valid during the call: duplicate what you keep.
+    virtual void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara = nullptr) = 0;
+
+    // A send has returned CM_ERROR_PARTIAL_DATA before; now the transport can take data again. One call for any number of them.
+    virtual void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara = nullptr) = 0;
+
+    // The peer has closed or the connection has failed (CM_ERROR_NETWORK_SOCKET_ERROR both, on a socket's transport; a thread
+    // proxy adds CM_ERROR_NETWORK_SOCKET_CLOSE when the network thread ends); the last call. The transport is dead and may only
+    // be released.
+    virtual void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) = 0;
+
+    virtual ~ICmTransportSink();
+};
+
+// A connected byte stream or datagram flow. Made by acceptors and connectors, handed to their sink unopened.
+class TALVO_API ICmTransport : public ICmReferenceControl {
+public:
+    // Attaches the sink (not owned) and starts reception; nothing is delivered before. On an open transport it replaces the
+    // sink. CM_ERROR_INVALID_ARG: aSink is null. On any other failure the transport is closed and has no sink; a thread proxy
+    // returns at once and tells a later failure with OnDisconnect.
+    virtual CmResult OpenWithSink(ICmTransportSink* aSink) = 0;
+    virtual ICmTransportSink* GetSink() = 0;
+
+    // Takes as much of the chain as it can, advances the chain's read pointers by that and stores the count in aPara.
+    // CM_OK: all was taken; also for an empty chain. CM_ERROR_PARTIAL_DATA: the rest, perhaps all of it, stays in aData, which
+    // the caller keeps and sends again after the OnSend that follows. CM_ERROR_NOT_INITIALIZED: the transport is closed;
+    // CM_ERROR_NULL_POINTER: so is a thread proxy's, perhaps before its OnDisconnect has arrived, which follows then.
+    // CM_ERROR_NETWORK_SOCKET_ERROR: the connection is broken; OnDisconnect comes from the loop.
+    virtual CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) = 0;
+
+    // See ECmTransportOption. CM_ERROR_INVALID_ARG: an unknown command, or a null argument. CM_ERROR_NETWORK_SOCKET_ERROR: the
+    // system refuses. CM_ERROR_NULL_POINTER: a thread proxy whose transport is gone.
+    virtual CmResult SetOption(DWORD aCommand, void* aArg) = 0;
+    virtual CmResult GetOption(DWORD aCommand, void* aArg) = 0;
+
+    // Closes and forgets the sink: no upcall follows. With CM_OK the peer sees an orderly end. The caller still releases.
+    virtual CmResult Disconnect(CmResult aReason) = 0;
+};
+
+// What acceptors and connectors have in common: the identity that OnConnectIndication names.
+class TALVO_API ICmAcceptorConnectorId : public ICmReferenceControl {
+public:
+    virtual BOOL IsConnector() = 0;
+};
+
+class TALVO_API ICmAcceptorConnectorSink {
+public:
+    // CM_OK: aTrpt is a new, unopened transport. It lives during the call: take a reference to keep it, call OpenWithSink to
+    // use it; what is not kept is closed afterwards. Any other reason: aTrpt is null. aRequestId is the acceptor or connector,
+    // which may be released or used again inside.
+    virtual void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) = 0;
+    virtual ~ICmAcceptorConnectorSink();
+};
+
+// Opens one connection at a time.
+class TALVO_API ICmConnector : public ICmAcceptorConnectorId {
+public:
+    // Starts an attempt; exactly one OnConnectIndication follows, after this has returned, unless CancelConnect comes first.
+    // Reasons: CM_ERROR_NETWORK_CONNECT_TIMEOUT (20005) when the attempt failed at once; CM_ERROR_NETWORK_CONNECT_ERROR (20006)
+    // when it failed later or aTimeout passed (the names of these two notwithstanding; the trace has the system's error);
+    // CM_ERROR_NETWORK_DNS_FAILURE for a name that cannot be resolved. aTimeout null: as long as the system tries. aAddrLocal:
+    // the address to connect from; null: any. The arguments are copied. While an attempt runs, or without a sink, the call is
+    // refused: it is traced and nothing else happens.
+    virtual void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
+                             CCmInetAddr* aAddrLocal = nullptr) = 0;
+
+    // Gives the attempt up; no indication follows.
+    virtual void CancelConnect() = 0;
+};
+
+// Races several connectors, each started aDelay after the one before it was. Nothing offers it yet.
+class TALVO_API ICmDetectionConnector : public ICmConnector {
+public:
+    virtual CmResult AddConnection(DWORD aType, const CCmInetAddr& aAddrPeer, CCmTimeValue* aDelay = nullptr) = 0;
+    virtual void StartDetectionConnect(ICmAcceptorConnectorSink* aSink, CCmTimeValue* aTimeout = nullptr) = 0;
+};
+
+// Listens, and hands every connection up.
+class TALVO_API ICmAcceptor : public ICmAcceptorConnectorId {
+public:
+    // OnConnectIndication follows for every connection. CM_ERROR_ALREADY_INITIALIZED: it listens. CM_ERROR_INVALID_ARG: aSink
+    // is null. CM_ERROR_NETWORK_SOCKET_ERROR: the address cannot be bound or listened on; the system's error is in the trace.
+    // After any failure it may be tried again. Port 0 lets the system choose: GetListenAddr tells.
+    virtual CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) = 0;
+
+    // No indication follows. Connections that were handed up stay. aReason is for the trace and for those who override. CM_OK.
+    virtual CmResult StopListen(CmResult aReason) = 0;
+
+    // The address it listens on. CM_ERROR_NOT_INITIALIZED: it does not. CM_ERROR_NOT_IMPLEMENTED unless overridden.
+    virtual CmResult GetListenAddr(CCmInetAddr& aAddr);
+};

@@ -1,0 +1,196 @@
+#include "talvo/transport/transport_tcp.h"
+
+#include <netinet/tcp.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+#include "talvo/transport/network_buffers.h"
+
+namespace {
+
+CCmLiveCounter s_Live("CCmTransportTcp");
+
+constexpr int SOCKET_BUFFER_SIZE = 65535;
+constexpr int WOULD_BLOCK = -2;
+
+BOOL IsWouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
+
+}  // namespace
+
+CCmTransportTcp::CCmTransportTcp(ICmReactor* aReactor) : CCmTransportBase(aReactor) { ++s_Live; }
+
+CCmTransportTcp::~CCmTransportTcp() {
+    Close_t(CM_OK);
+    --s_Live;
+}
+
+CmResult CCmTransportTcp::Open_t() {
+    int nSize = SOCKET_BUFFER_SIZE;
+    SetOption(CM_OPT_TRANSPORT_SNDBUF, &nSize);
+    SetOption(CM_OPT_TRANSPORT_RCVBUF, &nSize);
+    const int nOn = 1;
+    if (m_SocketTcp.SetOption(IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof nOn) == -1)
+        CM_ERROR_TRACE_THIS("CCmTransportTcp::Open_t, SetOption(TCP_NODELAY) failed! err=" << errno);
+    const CmResult rv = m_pReactor->RegisterHandler(this, READ_MASK | GetMask_i());
+    if (rv != CM_OK && rv != CM_ERROR_FOUND) {
+        CM_ERROR_TRACE_THIS("CCmTransportTcp::Open_t, RegisterHandler(READ_MASK|WRITE_MASK) failed!");
+        return rv;
+    }
+    m_bOpen = TRUE;
+    if (m_bReadingPaused)
+        m_pReactor->RegisterHandler(this, GetMask_i());
+    return CM_OK;
+}
+
+// What to be registered for now; never nothing, since that would end the notice of failures.
+long CCmTransportTcp::GetMask_i() const {
+    const long lRead = m_bReadingPaused ? NULL_MASK : READ_MASK;
+    const BOOL bWrite = !IsWriteOnDemand_i() || m_bNeedOnSend || m_bReadingPaused;
+    return lRead | (bWrite ? WRITE_MASK : NULL_MASK);
+}
+
+CmResult CCmTransportTcp::Close_t(CmResult aReason) {
+    if (m_SocketTcp.GetHandle() == CM_INVALID_HANDLE)
+        return CM_OK;
+    RemoveFromReactor_i();
+    m_SocketTcp.Close(aReason);
+    m_bOpen = FALSE;
+    return CM_OK;
+}
+
+int CCmTransportTcp::Recv_i(char* aBuf, DWORD aLen) {
+    const int nRecv = m_SocketTcp.Recv(aBuf, aLen);
+    if (nRecv > 0)
+        return nRecv;
+    if (nRecv == -1 && IsWouldBlock())
+        return WOULD_BLOCK;
+    const int nErr = errno;
+    if (nRecv == 0)
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::Recv_i, recv() 0! fd=" << GetHandle() << " err=" << nErr);
+    else
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::Recv_i, recv() failed! fd=" << GetHandle() << " err=" << nErr);
+    errno = nErr;
+    return -1;
+}
+
+int CCmTransportTcp::Send_i(const char* aBuf, DWORD aLen) {
+    const int nSent = m_SocketTcp.Send(aBuf, aLen);
+    if (nSent >= 0)
+        return nSent;
+    if (IsWouldBlock())
+        return 0;
+    CM_WARNING_TRACE_THIS("CCmTransportTcp::Send_i, send() failed! fd=" << GetHandle() << " err=" << errno);
+    return -1;
+}
+
+int CCmTransportTcp::OnInput(HANDLE) {
+    m_Est.EnsureSingleThread();
+    char* pBuffer = talvo::GetNetworkBuffers().m_Receive;
+    const int nRecv = Recv_i(pBuffer, talvo::CNetworkBuffers::RECEIVE_SIZE);
+    if (nRecv < 0)
+        return nRecv;
+    const DWORD dwRecv = static_cast<DWORD>(nRecv);
+    m_Counters.m_ullBytesReceived += dwRecv;
+    ++m_Counters.m_ullReceives;
+    if (m_pSink) {
+        // The block covers what was received and no more: a duplicate must not copy what other connections left behind.
+        CCmMessageBlock block(dwRecv, pBuffer, CCmMessageBlock::DONT_DELETE, dwRecv);
+        m_pSink->OnReceive(block, this, nullptr);
+    }
+    return dwRecv == talvo::CNetworkBuffers::RECEIVE_SIZE ? 0 : WOULD_BLOCK;
+}
+
+int CCmTransportTcp::OnOutput(HANDLE) {
+    m_Est.EnsureSingleThread();
+    if (!m_bNeedOnSend)
+        return 0;
+    m_bNeedOnSend = FALSE;
+    if (IsWriteOnDemand_i())
+        m_pReactor->RegisterHandler(this, GetMask_i());
+    if (m_pSink)
+        m_pSink->OnSend(this, nullptr);
+    return 0;
+}
+
+CmResult CCmTransportTcp::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
+    m_Est.EnsureSingleThread();
+    if (aPara)
+        aPara->m_dwHaveSent = 0;
+    if (GetHandle() == CM_INVALID_HANDLE) {
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::SendData, socket is invalid.");
+        return CM_ERROR_NOT_INITIALIZED;
+    }
+    iovec* pIov = talvo::GetNetworkBuffers().m_Iov;
+    const DWORD dwPieces = aData.FillIov(pIov, talvo::CNetworkBuffers::MAX_PIECES);
+    if (dwPieces == 0)
+        return CM_OK;
+    size_t stLength = 0;
+    for (DWORD i = 0; i < dwPieces; ++i)
+        stLength += pIov[i].iov_len;
+
+    ++m_Counters.m_ullSends;
+    const int nSent = m_SocketTcp.SendV(pIov, dwPieces);
+    if (nSent == -1) {
+        if (IsWouldBlock())
+            return PartialSend_i(FALSE);
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::SendData, sendv() failed! err=" << errno);
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    }
+    const DWORD dwSent = static_cast<DWORD>(nSent);
+    m_Counters.m_ullBytesSent += dwSent;
+    if (aPara)
+        aPara->m_dwHaveSent = dwSent;
+    if (aData.AdvanceTopLevelReadPtr(dwSent) != CM_OK)
+        aData.AdvanceChainedReadPtr(dwSent);
+    if (dwSent < stLength)
+        return PartialSend_i(FALSE);
+    const BOOL bAll = dwPieces < talvo::CNetworkBuffers::MAX_PIECES || aData.GetChainedLength() == 0;
+    return bAll ? CM_OK : PartialSend_i(TRUE);
+}
+
+// aMoreRoom: the chain was cut, not the socket's buffer full, so no edge will come: the reactor is asked for the report.
+CmResult CCmTransportTcp::PartialSend_i(BOOL aMoreRoom) {
+    ++m_Counters.m_ullPartialSends;
+    m_bNeedOnSend = TRUE;
+    if (!m_bOpen)
+        return CM_ERROR_PARTIAL_DATA;  // opening reports what is ready
+    if (IsWriteOnDemand_i())
+        m_pReactor->RegisterHandler(this, GetMask_i());
+    if (aMoreRoom)
+        m_pReactor->NotifyHandler(this, WRITE_MASK);
+    return CM_ERROR_PARTIAL_DATA;
+}
+
+CmResult CCmTransportTcp::PauseReading_i(BOOL aPause) {
+    if (m_bReadingPaused == !!aPause)
+        return CM_OK;
+    m_bReadingPaused = !!aPause;
+    if (!m_bOpen)
+        return CM_OK;
+    const CmResult rv = m_pReactor->RegisterHandler(this, GetMask_i());
+    return rv == CM_ERROR_FOUND ? CM_OK : rv;
+}
+
+CmResult CCmTransportTcp::Detach_i(HANDLE aNewHandle) {
+    if (aNewHandle != CM_INVALID_HANDLE)
+        return CM_ERROR_INVALID_ARG;
+    if (GetHandle() != CM_INVALID_HANDLE)
+        RemoveFromReactor_i();
+    m_SocketTcp.SetHandle(CM_INVALID_HANDLE);
+    m_bOpen = FALSE;
+    return CM_OK;
+}
+
+CmResult CCmTransportTcp::IsAlive_i(BOOL& aAlive) const {
+    aAlive = FALSE;
+    if (GetHandle() == CM_INVALID_HANDLE)
+        return CM_ERROR_NOT_INITIALIZED;
+    char cPeek = 0;
+    const int nRecv = m_SocketTcp.Recv(&cPeek, 1, MSG_PEEK | MSG_DONTWAIT);
+    aAlive = nRecv > 0 || (nRecv == -1 && IsWouldBlock());
+    return CM_OK;
+}

@@ -1,0 +1,57 @@
+// A connected, non-blocking TCP socket as a transport.
+#pragma once
+
+#include "talvo/transport/transport_base.h"
+
+// What passed through a transport; read it in its thread.
+struct CCmTransportCounters {
+    uint64_t m_ullBytesReceived = 0;
+    uint64_t m_ullReceives = 0;  // chunks given to the sink
+    uint64_t m_ullBytesSent = 0;
+    uint64_t m_ullSends = 0;         // calls of the system's send
+    uint64_t m_ullPartialSends = 0;  // sends that returned CM_ERROR_PARTIAL_DATA
+};
+
+// Made by acceptors and connectors, which put a connected socket into GetPeer(). Received bytes are handed up in the thread's
+// receive buffer, without a copy: a chunk has at most 16,384 bytes and its memory is used again after OnReceive. A send is one
+// gathering system call of at most 64 pieces; a longer chain is cut there and CM_ERROR_PARTIAL_DATA is returned, with an OnSend
+// to follow, although the socket could take more.
+class TALVO_API CCmTransportTcp : public CCmTransportBase {
+public:
+    explicit CCmTransportTcp(ICmReactor* aReactor);
+    ~CCmTransportTcp() override;
+
+    HANDLE GetHandle() const override { return m_SocketTcp.GetHandle(); }
+    int OnInput(HANDLE aFd) override;
+    int OnOutput(HANDLE aFd) override;
+
+    CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
+    CmResult SetOption(DWORD aCommand, void* aArg) override;
+    CmResult GetOption(DWORD aCommand, void* aArg) override;
+
+    CCmSocketTcp& GetPeer() { return m_SocketTcp; }
+    const CCmTransportCounters& GetCounters() const { return m_Counters; }
+
+protected:
+    CmResult Open_t() override;
+    CmResult Close_t(CmResult aReason) override;
+
+    // The raw socket for a layer between socket and sink. A count; 0 for Send_i, -2 for Recv_i when it would block; -1 on
+    // failure and on the peer's close, traced.
+    int Recv_i(char* aBuf, DWORD aLen);
+    int Send_i(const char* aBuf, DWORD aLen);
+
+private:
+    BOOL IsWriteOnDemand_i() const { return (m_pReactor->GetProperty() & ICmReactor::PROPERTY_WRITE_ON_DEMAND) != 0; }
+    long GetMask_i() const;
+    CmResult PartialSend_i(BOOL aMoreRoom);
+    CmResult PauseReading_i(BOOL aPause);
+    CmResult Detach_i(HANDLE aNewHandle);
+    CmResult IsAlive_i(BOOL& aAlive) const;
+
+    CCmSocketTcp m_SocketTcp;
+    BOOL m_bNeedOnSend = FALSE;
+    BOOL m_bReadingPaused = FALSE;
+    BOOL m_bOpen = FALSE;  // registered with the reactor
+    CCmTransportCounters m_Counters;
+};
