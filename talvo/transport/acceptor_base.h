@@ -1,0 +1,23 @@
+// What acceptors share.
+#pragma once
+
+#include "talvo/event/reactor.h"
+#include "talvo/transport/transport_interface.h"
+
+class ACmThread;
+
+// Lives in the network thread, whose reactor it takes at construction; other threads use the acceptor thread proxy.
+class TALVO_API CCmAcceptorBase : public ICmAcceptor, public CCmReferenceControlT<CCmMutexNullSingleThread> {
+public:
+    CCmAcceptorBase();
+
+    DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
+    DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
+    BOOL IsConnector() override { return FALSE; }
+
+protected:
+    CCmEnsureSingleThread m_Est;
+    ACmThread* const m_pThreadNetwork;            // not owned
+    ICmReactor* const m_pReactor;                 // not owned; null: there is no network thread
+    ICmAcceptorConnectorSink* m_pSink = nullptr;  // not owned; set while listening
+};

@@ -1,0 +1,34 @@
+// Listens on a TCP port.
+#pragma once
+
+#include "talvo/transport/acceptor_base.h"
+#include "talvo/transport/socket.h"
+
+// One connection is accepted a readiness report. When the process is out of descriptors, it rests for a tenth of a second at a
+// time, leaves the peers in the backlog (1,024) and goes on when there is one again. A failure to accept is traced and never
+// reported to the sink. The listener sets SO_REUSEADDR, so that a restarted server can bind at once; a port on which somebody
+// listens is refused all the same.
+class TALVO_API CCmAcceptorTcp : public CCmAcceptorBase, public ACmEventHandler, public ICmTimerHandler {
+public:
+    CCmAcceptorTcp();
+    ~CCmAcceptorTcp() override;
+
+    // Further: CM_ERROR_NOT_INITIALIZED when there is no network thread, or the reactor's failure to register.
+    CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) override;
+    CmResult StopListen(CmResult aReason) override;
+    CmResult GetListenAddr(CCmInetAddr& aAddr) override;
+
+    HANDLE GetHandle() const override { return m_Socket.GetHandle(); }
+    int OnInput(HANDLE aFd) override;
+    int OnClose(HANDLE aFd, long aMask) override;
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
+
+private:
+    CmResult Bind_i(const CCmInetAddr& aAddrListen);
+    void AcceptFailed_i(int aError);
+    void Rest_i(int aError);
+
+    CCmSocketTcp m_Socket;
+    BOOL m_bResting = FALSE;  // out of descriptors: not registered, the timer runs
+    CCmTimeValue m_tvTraced;  // when the last line about that was written
+};

@@ -1,0 +1,40 @@
+// What a connector wrapper runs, and the table of what there is.
+#pragma once
+
+#include "talvo/base/inet_addr.h"
+#include "talvo/base/result.h"
+
+class ACmConnectorInternal;
+class ICmReactor;
+class ICmTransport;
+
+// To whom an inner connector reports: the wrapper, or another connector that uses it.
+class TALVO_API ACmConnectorUpper {
+public:
+    // The one report of an attempt. CM_OK with a connected, unopened transport, which lives during the call; else a reason and
+    // null. May delete aId. Returns 0.
+    virtual int OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ACmConnectorInternal* aId) = 0;
+
+protected:
+    virtual ~ACmConnectorUpper();
+};
+
+// Opens one connection at a time, in the thread of its reactor.
+class TALVO_API ACmConnectorInternal {
+public:
+    // -1: failed at once, nothing is reported. Anything else: under way; one report follows, after this has returned.
+    virtual int Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal = nullptr) = 0;
+    // Stops the attempt; no report follows.
+    virtual void Close() = 0;
+    virtual ~ACmConnectorInternal();
+};
+
+// Connector types beyond those of the transport room are added by the rooms that make them.
+using CCmConnectorMaker = ACmConnectorInternal* (*)(ICmReactor* aReactor, ACmConnectorUpper& aUpper);
+
+// Registers a maker for a base type (1 TCP, 2 UDP, 4, 8 and 12 SSL, 0x8000 through a proxy), replacing the one before. Any
+// thread. CM_ERROR_INVALID_ARG: no base type, or a null maker.
+TALVO_API CmResult cm_set_connector_maker(DWORD aType, CCmConnectorMaker aMaker);
+
+// CM_OK with the type's maker; CM_ERROR_NOT_IMPLEMENTED: a base type that nobody makes yet; CM_ERROR_INVALID_ARG: none.
+TALVO_API CmResult cm_get_connector_maker(DWORD aType, CCmConnectorMaker& aMaker);

@@ -1,0 +1,115 @@
+#include "talvo/transport/connector_wrapper.h"
+
+#include <cerrno>
+
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+#include "talvo/event/thread_manager.h"
+
+namespace {
+
+CCmLiveCounter s_Live("CCmConnectorWrapper");
+
+}  // namespace
+
+CCmConnectorWrapper::CCmConnectorWrapper() { ++s_Live; }
+
+CCmConnectorWrapper::~CCmConnectorWrapper() {
+    Close_i();
+    --s_Live;
+}
+
+CmResult CCmConnectorWrapper::Init(DWORD aType) {
+    m_Est.EnsureSingleThread();
+    if (m_pConnector)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    m_pReactor = CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_NETWORK);
+    if (!m_pReactor)
+        return CM_ERROR_NOT_INITIALIZED;
+    CCmConnectorMaker maker = nullptr;
+    const CmResult rv = cm_get_connector_maker(aType, maker);
+    if (rv != CM_OK) {
+        CM_WARNING_TRACE_THIS("CCmConnectorWrapper::Init, error type=" << aType);
+        Close_i();
+        return rv;
+    }
+    m_pConnector.reset(maker(m_pReactor, *this));
+    if (!m_pConnector)
+        return CM_ERROR_OUT_OF_MEMORY;
+    m_Type = aType;
+    return CM_OK;
+}
+
+void CCmConnectorWrapper::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout,
+                                      CCmInetAddr* aAddrLocal) {
+    m_Est.EnsureSingleThread();
+    if (!aSink || !m_bClosed) {
+        CM_WARNING_TRACE_THIS("CCmConnectorWrapper::AsycConnect, refused. aSink=" << static_cast<const void*>(aSink)
+                                                                                  << " m_bClosed=" << m_bClosed);
+        return;
+    }
+    m_pSink = aSink;
+    m_bClosed = FALSE;
+    CM_INFO_TRACE_THIS("CCmConnectorWrapper::AsycConnect, addr="
+                       << aAddrPeer.GetIpDisplayName() << " port=" << aAddrPeer.GetPort() << " m_Type=" << m_Type
+                       << " m_pConnector=" << static_cast<const void*>(m_pConnector.get()));
+    if (m_pConnector && m_pConnector->Connect(aAddrPeer, aAddrLocal) != -1) {
+        if (aTimeout)
+            ReportLater_i(*aTimeout, CM_ERROR_NETWORK_CONNECT_ERROR);
+        return;
+    }
+    CM_WARNING_TRACE("CCmConnectorWrapper::AsycConnect, connect failed. addr=" << aAddrPeer.GetIpDisplayName()
+                                                                               << " err=" << errno);
+    // From a timer even though it is known now: a sink is never called back from inside its own AsycConnect.
+    ReportLater_i(CCmTimeValue::s_tvZero, CM_ERROR_NETWORK_CONNECT_TIMEOUT);
+}
+
+void CCmConnectorWrapper::ReportLater_i(const CCmTimeValue& aDelay, CmResult aReason) {
+    if (!m_pReactor)
+        m_pReactor = CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_NETWORK);
+    CmResult rv = CM_ERROR_NOT_INITIALIZED;
+    if (m_pReactor)
+        rv = m_pReactor->ScheduleTimer(this, reinterpret_cast<void*>(static_cast<intptr_t>(aReason)), aDelay, 1);
+    if (rv != CM_OK && rv != CM_ERROR_FOUND)
+        CM_ERROR_TRACE_THIS("CCmConnectorWrapper::AsycConnect, ScheduleTimer() failed! rv=" << rv);
+}
+
+void CCmConnectorWrapper::OnTimeout(const CCmTimeValue&, void* aArg) {
+    const CmResult reason = static_cast<CmResult>(reinterpret_cast<intptr_t>(aArg));
+    if (reason == CM_ERROR_NETWORK_CONNECT_TIMEOUT) {
+        CM_INFO_TRACE("CCmConnectorWrapper::OnTimeout, connect failed.");
+    } else if (reason == CM_ERROR_NETWORK_CONNECT_ERROR) {
+        CM_INFO_TRACE("CCmConnectorWrapper::OnTimeout, connect timeout.");
+    } else {
+        CM_WARNING_TRACE_THIS("CCmConnectorWrapper::OnTimeout, unkown nReason=" << reason);
+        return;
+    }
+    Close_i();
+    m_pSink->OnConnectIndication(reason, nullptr, this);  // last: the sink may release this connector
+}
+
+int CCmConnectorWrapper::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ACmConnectorInternal* aId) {
+    m_Est.EnsureSingleThread();
+    CM_INFO_TRACE_THIS("CCmConnectorWrapper::OnConnectIndication, aReason="
+                       << aReason << " aTrpt=" << static_cast<const void*>(aTrpt) << " aId=" << static_cast<const void*>(aId));
+    const CCmRefPtrT<ICmTransport> pTransport(aTrpt);  // for the duration of the call
+    Close_i();
+    m_pSink->OnConnectIndication(aReason, aReason == CM_OK ? aTrpt : nullptr, this);  // last, as above
+    return 0;
+}
+
+void CCmConnectorWrapper::CancelConnect() {
+    m_Est.EnsureSingleThread();
+    Close_i();
+    m_pSink = nullptr;
+}
+
+void CCmConnectorWrapper::Close_i() {
+    if (m_bClosed)
+        return;
+    m_bClosed = TRUE;
+    if (m_pConnector)
+        m_pConnector->Close();
+    if (ICmReactor::IsAlive(m_pReactor))
+        m_pReactor->CancelTimer(this);
+}

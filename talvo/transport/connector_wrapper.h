@@ -1,0 +1,48 @@
+// The connector that users get.
+#pragma once
+
+#include <memory>
+
+#include "talvo/event/reactor.h"
+#include "talvo/transport/connector_internal.h"
+#include "talvo/transport/transport_interface.h"
+
+// Chooses an inner connector by type, runs the time-out, and turns every outcome into one indication, never from inside
+// AsycConnect. Lives in the network thread; other threads use the connector thread proxy. May be used again after each
+// indication.
+class TALVO_API CCmConnectorWrapper : public ICmConnector,
+                                      public ACmConnectorUpper,
+                                      public ICmTimerHandler,
+                                      public CCmReferenceControlT<CCmMutexNullSingleThread> {
+public:
+    CCmConnectorWrapper();
+    ~CCmConnectorWrapper() override;
+
+    // Once, before AsycConnect. aType: a base type. CM_ERROR_ALREADY_INITIALIZED. CM_ERROR_NOT_INITIALIZED: there is no network
+    // thread. CM_ERROR_INVALID_ARG: no such type. CM_ERROR_NOT_IMPLEMENTED: a type that nobody makes yet.
+    CmResult Init(DWORD aType);
+
+    DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
+    DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
+    BOOL IsConnector() override { return TRUE; }
+
+    // Without Init the attempt fails at once.
+    void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
+                     CCmInetAddr* aAddrLocal = nullptr) override;
+    void CancelConnect() override;
+
+    int OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ACmConnectorInternal* aId) override;
+    // aArg carries the reason to report.
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
+
+private:
+    void Close_i();
+    void ReportLater_i(const CCmTimeValue& aDelay, CmResult aReason);
+
+    CCmEnsureSingleThread m_Est;
+    ICmReactor* m_pReactor = nullptr;             // not owned; the network thread's, also its timers
+    ICmAcceptorConnectorSink* m_pSink = nullptr;  // not owned
+    std::unique_ptr<ACmConnectorInternal> m_pConnector;
+    DWORD m_Type = 0;
+    BOOL m_bClosed = TRUE;  // FALSE while an attempt runs
+};
