@@ -1,0 +1,73 @@
+// The two queues of a transport's thread proxy: what the user sent and what the network received.
+#pragma once
+
+#include <vector>
+
+#include "talvo/base/message_block.h"
+#include "talvo/base/mutex.h"
+
+namespace talvo {
+
+// Chains that the user's thread handed over and the network thread has not given to the transport yet. Bounded by a limit on
+// the bytes that wait: above the limit a send is refused, and the queue says when half of it has drained. Any thread.
+class CProxySendQueue {
+public:
+    static constexpr DWORD DEFAULT_LIMIT = 1 << 20;
+
+    ~CProxySendQueue();
+
+    void SetLimit(DWORD aLimit);
+    DWORD GetLimit();
+
+    // Takes a duplicate of aData, all or nothing, so a message stays whole; what lies below the limit may exceed it by one
+    // message. CM_ERROR_PARTIAL_DATA: full. CM_ERROR_OUT_OF_MEMORY. aWake: the network thread has to be told.
+    CmResult Push(const CCmMessageBlock& aData, DWORD aLength, BOOL& aWake);
+
+    // Network thread: moves everything that waits to the empty aChains. FALSE: nothing there, and the next Push has to wake.
+    BOOL Take(std::vector<CCmMessageBlock*>& aChains);
+    // Network thread: so many bytes are gone. TRUE: the user, who was refused before, can send again.
+    BOOL Sent(DWORD aLength);
+
+    // Whether bytes wait, those that were taken but not sent included.
+    BOOL IsEmpty();
+
+private:
+    CCmMutexThread m_Mutex;
+    std::vector<CCmMessageBlock*> m_Chains CM_GUARDED_BY(m_Mutex);  // owned
+    DWORD m_dwLimit CM_GUARDED_BY(m_Mutex) = DEFAULT_LIMIT;
+    uint64_t m_ullWaiting CM_GUARDED_BY(m_Mutex) = 0;  // bytes
+    BOOL m_bAwake CM_GUARDED_BY(m_Mutex) = FALSE;      // the network thread knows that there is something
+    BOOL m_bRefused CM_GUARDED_BY(m_Mutex) = FALSE;    // an OnSend is owed
+};
+
+// Chunks that the network thread received and the user's thread has not taken yet. Any thread.
+class CProxyReceiveQueue {
+public:
+    static constexpr DWORD DEFAULT_LIMIT = 1 << 20;
+
+    ~CProxyReceiveQueue();
+
+    void SetLimit(DWORD aLimit);
+    DWORD GetLimit();
+
+    // Takes aChunk over. TRUE: more than the limit waits now, reading has to stop.
+    BOOL Push(CCmMessageBlock* aChunk, DWORD aLength);
+    // Moves everything that waits to the empty aChunks. FALSE: nothing there.
+    BOOL Take(std::vector<CCmMessageBlock*>& aChunks);
+    // The user has had so many bytes. TRUE: reading was stopped and can go on.
+    BOOL Taken(DWORD aLength);
+    // Whether reading has to rest now. Asked when it is applied, since both threads may have changed it meanwhile.
+    BOOL IsStopped();
+
+private:
+    CCmMutexThread m_Mutex;
+    std::vector<CCmMessageBlock*> m_Chunks CM_GUARDED_BY(m_Mutex);  // owned
+    DWORD m_dwLimit CM_GUARDED_BY(m_Mutex) = DEFAULT_LIMIT;
+    uint64_t m_ullWaiting CM_GUARDED_BY(m_Mutex) = 0;  // bytes
+    BOOL m_bStopped CM_GUARDED_BY(m_Mutex) = FALSE;
+};
+
+// Frees the chains of a list.
+void DestroyChains(std::vector<CCmMessageBlock*>& aChains);
+
+}  // namespace talvo

@@ -1,0 +1,212 @@
+// The half in the network thread; the user's half stands in transport_proxy_core_user.cc.
+#include "talvo/transport/transport_proxy_core.h"
+
+#include <utility>
+
+#include "talvo/base/config.h"
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+#include "talvo/event/thread_manager.h"
+#include "talvo/transport/network_buffers.h"
+
+namespace talvo {
+
+namespace {
+
+CCmLiveCounter s_Live("CCmTransportThreadProxy");
+
+constexpr DWORD STREAM_TYPE_MASK = 0xFFF0FFFF;  // base type and protocol, without the thread flags
+constexpr DWORD DEFAULT_LINGER_SECONDS = 30;
+
+// The last block of a chain, and how many there are.
+std::pair<CCmMessageBlock*, DWORD> EndOf(CCmMessageBlock* aChain) {
+    DWORD dwBlocks = 1;
+    while (aChain->GetNext()) {
+        aChain = aChain->GetNext();
+        ++dwBlocks;
+    }
+    return {aChain, dwBlocks};
+}
+
+}  // namespace
+
+CTransportProxyCore::CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType)
+    : CProxyCore(aUser, aNetwork),
+      m_dwType(aType),
+      m_bStream((aType & STREAM_TYPE_MASK) == CM_TRANSPORT_TYPE_TCP),
+      m_pTransport(aTransport) {
+    ++s_Live;
+    if (Host_i())
+        return;
+    m_bClosed = TRUE;
+    m_pTransport.Reset();
+}
+
+CTransportProxyCore::~CTransportProxyCore() {
+    m_Delivering.erase(m_Delivering.begin(), m_Delivering.begin() + static_cast<std::ptrdiff_t>(m_stDelivered));
+    DestroyChains(m_Delivering);
+    --s_Live;
+}
+
+void CTransportProxyCore::Open_i() {
+    if (!m_pTransport)
+        return;
+    m_bOpened = TRUE;
+    const CmResult rv = m_pTransport->OpenWithSink(this);
+    if (rv != CM_OK)
+        Lost_i(rv);
+}
+
+void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
+    if (m_pLingerTimers)
+        return;
+    CCmMessageBlock* pChunk = aData.DuplicateChained();
+    if (!pChunk) {
+        Lost_i(CM_ERROR_OUT_OF_MEMORY);  // a stream with a hole in it would be worse
+        return;
+    }
+    if (m_ReceiveQueue.Push(pChunk, pChunk->GetChainedLength()))
+        ApplyReading_i();
+    if (PostUpcall_i() != CM_OK) {  // the user's thread has ended
+        m_bClosed = TRUE;
+        LetGo_i(CM_OK);
+    }
+}
+
+void CTransportProxyCore::OnSend(ICmTransport*, CCmTransportParameter*) { Drain(); }
+
+void CTransportProxyCore::OnDisconnect(CmResult aReason, ICmTransport*) { Lost_i(aReason); }
+
+// One batch a call, so that a user who sends all the time leaves the others their turn.
+void CTransportProxyCore::Drain() {
+    if (!m_pTransport)
+        return;
+    if (!m_pUnsent && m_stSent == m_Sending.size()) {
+        m_Sending.clear();
+        m_stSent = 0;
+        m_SendQueue.Take(m_Sending);
+    }
+    while (m_pUnsent || m_stSent < m_Sending.size()) {
+        if (!m_pUnsent)
+            m_pUnsent = NextChain_i();
+        if (SendUnsent_i() != CM_OK)
+            return;  // OnSend or OnDisconnect follows
+    }
+    m_Sending.clear();
+    m_stSent = 0;
+    if (m_SendQueue.Take(m_Sending))
+        m_DrainEvent.Post(GetNetwork());
+    else if (m_pLingerTimers)
+        LetGo_i(CM_OK);
+}
+
+// The next thing to send: on a stream everything that waits, joined as far as one call of the transport takes it.
+CCmMessageBlock* CTransportProxyCore::NextChain_i() {
+    CCmMessageBlock* pHead = m_Sending[m_stSent++];
+    if (!m_bStream)
+        return pHead;
+    auto [pTail, dwBlocks] = EndOf(pHead);
+    while (m_stSent < m_Sending.size()) {
+        const auto [pNextTail, dwNextBlocks] = EndOf(m_Sending[m_stSent]);
+        if (dwBlocks + dwNextBlocks > CNetworkBuffers::MAX_PIECES)
+            break;
+        pTail->Append(m_Sending[m_stSent++]);
+        pTail = pNextTail;
+        dwBlocks += dwNextBlocks;
+    }
+    return pHead;
+}
+
+CmResult CTransportProxyCore::SendUnsent_i() {
+    CCmTransportParameter para;
+    const CmResult rv = m_pTransport->SendData(*m_pUnsent, &para);
+    m_pUnsent = m_pUnsent->ReclaimGarbage();
+    if (m_SendQueue.Sent(para.m_dwHaveSent)) {
+        m_bOnSendDue = TRUE;
+        PostUpcall_i();
+    }
+    return rv;
+}
+
+void CTransportProxyCore::ApplyReading_i() {
+    BOOL bPause = !m_pLingerTimers && (m_bPausedByUser || m_ReceiveQueue.IsStopped());
+    if (!m_pTransport || bPause == m_bReadingPaused)
+        return;
+    m_bReadingPaused = bPause;
+    m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);
+}
+
+void CTransportProxyCore::Disconnect_i(CmResult aReason) {
+    if (!m_pTransport || m_pLingerTimers)
+        return;
+    if (aReason == CM_OK && !m_SendQueue.IsEmpty())
+        Linger_i();
+    else
+        LetGo_i(aReason);
+}
+
+void CTransportProxyCore::Linger_i() {
+    const DWORD dwSeconds = get_uint32_param("Proxy", "LingerSeconds", DEFAULT_LINGER_SECONDS);
+    ICmTimerQueue* pTimers = CCmThreadManager::Instance()->GetThreadTimerQueue(CCmThreadManager::TT_CURRENT);
+    const CmResult rv = pTimers ? pTimers->ScheduleTimer(this, nullptr, CCmTimeValue(static_cast<long>(dwSeconds)), 1) : CM_OK;
+    if (!pTimers || (rv != CM_OK && rv != CM_ERROR_FOUND)) {
+        LetGo_i(CM_OK);
+        return;
+    }
+    m_pLingerTimers = pTimers;
+    ApplyReading_i();  // a peer that closes meanwhile has to be noticed
+    if (!m_bOpened)
+        Open_i();
+}
+
+void CTransportProxyCore::OnTimeout(const CCmTimeValue&, void*) {
+    CM_WARNING_TRACE_THIS("CTransportProxyCore::OnTimeout, data unsent when closing.");
+    LetGo_i(CM_OK);
+}
+
+// The transport is of no use any more, and the user has not asked for that.
+void CTransportProxyCore::Lost_i(CmResult aReason) {
+    m_bClosed = TRUE;
+    m_LostReason = aReason;
+    m_bLost = TRUE;
+    PostUpcall_i();
+    LetGo_i(aReason);
+}
+
+void CTransportProxyCore::OnThreadEnd() {
+    const CCmRefPtrT<CProxyCore> pKeep(this);
+    Drain();  // what the socket still takes goes out
+    if (m_pTransport)
+        Lost_i(CM_ERROR_NETWORK_SOCKET_CLOSE);
+}
+
+// The end of the network side; may delete this object.
+void CTransportProxyCore::LetGo_i(CmResult aReason) {
+    const CCmRefPtrT<ICmTransport> pTransport = std::move(m_pTransport);
+    if (!pTransport)
+        return;
+    if (m_pLingerTimers)
+        m_pLingerTimers->CancelTimer(this);
+    if (CCmMessageBlock* pUnsent = std::exchange(m_pUnsent, nullptr))
+        pUnsent->DestroyChained();
+    for (; m_stSent < m_Sending.size(); ++m_stSent)
+        m_Sending[m_stSent]->DestroyChained();
+    pTransport->Disconnect(aReason);
+    Leave_i();
+}
+
+CmResult CTransportProxyCore::SetInnerOption_i(DWORD aCommand, void* aArg) {
+    return m_pTransport ? m_pTransport->SetOption(aCommand, aArg) : CM_ERROR_NULL_POINTER;
+}
+
+CmResult CTransportProxyCore::GetInnerOption_i(DWORD aCommand, void* aArg) {
+    if (!m_pTransport)
+        return CM_ERROR_NULL_POINTER;
+    if (aCommand == CM_OPT_TRANSPORT_INNER_TRANSPORT) {
+        *static_cast<ICmTransport**>(aArg) = m_pTransport.Get();
+        return CM_OK;
+    }
+    return m_pTransport->GetOption(aCommand, aArg);
+}
+
+}  // namespace talvo

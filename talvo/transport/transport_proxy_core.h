@@ -1,0 +1,102 @@
+// The inside of the transport thread proxy.
+#pragma once
+
+#include <atomic>
+#include <vector>
+
+#include "talvo/event/timer_queue.h"
+#include "talvo/transport/proxy_core.h"
+#include "talvo/transport/proxy_queues.h"
+#include "talvo/transport/transport_interface.h"
+
+namespace talvo {
+
+//  user's thread                     this object                        network thread
+//
+//  SendData --- duplicate ---> [send queue, bytes bounded] -- drain --> transport.SendData, up to 64 pieces a call
+//  OnReceive <--- upcall ----- [receive queue, bytes bounded] <-------- transport's OnReceive, duplicated
+//
+// Each direction has one event, which is posted when its queue gets something to do and nobody is on the way already: a burst
+// costs one wake-up. What is refused in the network thread, or by a full queue, is told with OnSend when half of it has gone.
+//
+// Network side: hosted while it holds the transport. Leaving ends it: Disconnect, the peer's close, the thread's end. A
+// Disconnect(CM_OK) with bytes unsent lingers first, for a bounded time, without a sink and dropping what comes in.
+class TALVO_API CTransportProxyCore final : public CProxyCore, public ICmTransportSink, public ICmTimerHandler {
+public:
+    // In the network thread, which keeps aTransport. aType: the connection type; base type 1 without a protocol is a stream,
+    // whose sends may be joined.
+    CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType);
+    ~CTransportProxyCore() override;
+
+    void SetProxy(ICmTransport* aProxy) { m_pProxy = aProxy; }
+
+    // The proxy's operations, see ICmTransport and CCmTransportThreadProxy.
+    CmResult OpenWithSink(ICmTransportSink* aSink);
+    ICmTransportSink* GetSink() const { return m_pSink; }
+    CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara);
+    CmResult SetOption(DWORD aCommand, void* aArg);
+    CmResult GetOption(DWORD aCommand, void* aArg);
+    CmResult Disconnect(CmResult aReason);
+    void Abandon() override;
+
+    // From the transport, in the network thread.
+    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
+    void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
+    void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
+
+    void OnThreadEnd() override;
+    void OnEventDropped() override;
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // has lingered long enough
+
+private:
+    // User's thread.
+    void Upcall();
+    BOOL Deliver_i();
+    void PauseReading_i(BOOL aPause);
+    // Either thread.
+    CmResult PostUpcall_i();
+    void PostApplyReading_i();
+    // Network thread.
+    void Open_i();
+    void Drain();
+    CmResult SendUnsent_i();
+    CCmMessageBlock* NextChain_i();
+    void ApplyReading_i();
+    void Disconnect_i(CmResult aReason);
+    void Linger_i();
+    void Lost_i(CmResult aReason);
+    void LetGo_i(CmResult aReason);
+    CmResult SetInnerOption_i(DWORD aCommand, void* aArg);
+    CmResult GetInnerOption_i(DWORD aCommand, void* aArg);
+
+    const DWORD m_dwType;
+    const BOOL m_bStream;
+    ICmTransport* m_pProxy = nullptr;  // the handle, for upcalls: alive while there is a sink
+
+    std::atomic<ICmTransportSink*> m_pSink{nullptr};  // not owned; the user's
+    std::atomic<BOOL> m_bClosed{FALSE};               // nothing can be sent any more
+    std::atomic<BOOL> m_bPausedByUser{FALSE};
+    std::atomic<BOOL> m_bOnSendDue{FALSE};
+    std::atomic<BOOL> m_bLost{FALSE};  // m_LostReason is to be told, after all data
+    std::atomic<BOOL> m_bUpcallPosted{FALSE};
+    CmResult m_LostReason = CM_OK;  // set before m_bLost
+    CProxySendQueue m_SendQueue;
+    CProxyReceiveQueue m_ReceiveQueue;
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Drain> m_DrainEvent{*this};
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Upcall> m_UpcallEvent{*this};
+
+    // User's thread only.
+    std::vector<CCmMessageBlock*> m_Delivering;  // owned from m_stDelivered on
+    size_t m_stDelivered = 0;
+
+    // Network thread only.
+    CCmRefPtrT<ICmTransport> m_pTransport;
+    std::vector<CCmMessageBlock*> m_Sending;  // owned from m_stSent on
+    size_t m_stSent = 0;
+    CCmMessageBlock* m_pUnsent = nullptr;  // owned; what the transport did not take
+    BOOL m_bOpened = FALSE;
+    BOOL m_bReadingPaused = FALSE;             // as the transport was told
+    ICmTimerQueue* m_pLingerTimers = nullptr;  // not owned; set when lingering: this thread's, which may be unregistered by now
+};
+
+}  // namespace talvo

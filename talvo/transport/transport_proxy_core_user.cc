@@ -1,0 +1,155 @@
+// The half of the transport proxy's core in the user's thread; the network's stands in transport_proxy_core.cc.
+#include "talvo/transport/transport_proxy_core.h"
+
+namespace talvo {
+
+namespace {
+
+constexpr DWORD TYPE_FLAG_HIGH = 0x20000;
+constexpr DWORD TYPE_FLAG_LOW = 0x10000;
+
+}  // namespace
+
+CmResult CTransportProxyCore::OpenWithSink(ICmTransportSink* aSink) {
+    if (!aSink)
+        return CM_ERROR_INVALID_ARG;
+    if (m_bClosed)
+        return CM_ERROR_NULL_POINTER;
+    if (m_pSink.exchange(aSink))
+        return CM_OK;
+    const CmResult rv = GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->Open_i(); });
+    if (rv != CM_OK)
+        m_pSink = nullptr;
+    return rv;
+}
+
+CmResult CTransportProxyCore::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
+    if (aPara)
+        aPara->m_dwHaveSent = 0;
+    if (m_bClosed)
+        return CM_ERROR_NULL_POINTER;
+    const DWORD dwLength = aData.GetChainedLength();
+    if (dwLength == 0 && m_bStream)
+        return CM_OK;
+    BOOL bWake = FALSE;
+    CmResult rv = m_SendQueue.Push(aData, dwLength, bWake);
+    if (rv != CM_OK)
+        return rv;
+    if (bWake)
+        rv = m_DrainEvent.Post(GetNetwork());
+    if (rv != CM_OK)
+        return rv;
+    aData.AdvanceChainedReadPtr(dwLength);
+    if (aPara)
+        aPara->m_dwHaveSent = dwLength;
+    return CM_OK;
+}
+
+CmResult CTransportProxyCore::Disconnect(CmResult aReason) {
+    m_pSink = nullptr;
+    if (m_bClosed.exchange(TRUE))
+        return CM_OK;
+    GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this), aReason] { pThis->Disconnect_i(aReason); });
+    return CM_OK;
+}
+
+// What was accepted still goes out, as after Disconnect(CM_OK).
+void CTransportProxyCore::Abandon() { Disconnect(CM_OK); }
+
+CmResult CTransportProxyCore::SetOption(DWORD aCommand, void* aArg) {
+    if (!aArg)
+        return CM_ERROR_INVALID_ARG;
+    switch (aCommand) {
+    case CM_OPT_TRANSPORT_PROXY_SEND_LIMIT:
+        m_SendQueue.SetLimit(*static_cast<DWORD*>(aArg));
+        return CM_OK;
+    case CM_OPT_TRANSPORT_PROXY_RECV_LIMIT:
+        m_ReceiveQueue.SetLimit(*static_cast<DWORD*>(aArg));
+        return CM_OK;
+    case CM_OPT_TRANSPORT_PAUSE_READING:
+        PauseReading_i(!!*static_cast<BOOL*>(aArg));
+        return CM_OK;
+    default:
+        return GetNetwork().Call(
+            [=, pThis = CCmRefPtrT<CTransportProxyCore>(this)] { return pThis->SetInnerOption_i(aCommand, aArg); });
+    }
+}
+
+CmResult CTransportProxyCore::GetOption(DWORD aCommand, void* aArg) {
+    if (!aArg)
+        return CM_ERROR_INVALID_ARG;
+    switch (aCommand) {
+    case CM_OPT_TRANSPORT_PROXY_SEND_LIMIT:
+        *static_cast<DWORD*>(aArg) = m_SendQueue.GetLimit();
+        return CM_OK;
+    case CM_OPT_TRANSPORT_PROXY_RECV_LIMIT:
+        *static_cast<DWORD*>(aArg) = m_ReceiveQueue.GetLimit();
+        return CM_OK;
+    case CM_OPT_TRANSPORT_PAUSE_READING:
+        *static_cast<BOOL*>(aArg) = m_bPausedByUser;
+        return CM_OK;
+    default:
+        break;
+    }
+    const CmResult rv = GetNetwork().Call(
+        [=, pThis = CCmRefPtrT<CTransportProxyCore>(this)] { return pThis->GetInnerOption_i(aCommand, aArg); });
+    if (rv == CM_OK && aCommand == CM_OPT_TRANSPORT_TRAN_TYPE)
+        *static_cast<DWORD*>(aArg) |= m_dwType & TYPE_FLAG_HIGH ? TYPE_FLAG_HIGH : m_dwType & TYPE_FLAG_LOW;
+    return rv;
+}
+
+void CTransportProxyCore::PauseReading_i(BOOL aPause) {
+    if (m_bPausedByUser.exchange(aPause) == aPause)
+        return;
+    PostApplyReading_i();
+    if (!aPause)
+        PostUpcall_i();  // for what waited here
+}
+
+void CTransportProxyCore::PostApplyReading_i() {
+    GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->ApplyReading_i(); });
+}
+
+CmResult CTransportProxyCore::PostUpcall_i() { return m_bUpcallPosted.exchange(TRUE) ? CM_OK : m_UpcallEvent.Post(GetUser()); }
+
+// The user's thread has ended: the next post finds that out, instead of taking this one for under way.
+void CTransportProxyCore::OnEventDropped() { m_bUpcallPosted = FALSE; }
+
+void CTransportProxyCore::Upcall() {
+    m_bUpcallPosted = FALSE;
+    const BOOL bLost = m_bLost;  // looked at first: all data was queued before it was set
+    const BOOL bAllDelivered = Deliver_i();
+    if (m_bOnSendDue.exchange(FALSE)) {
+        if (ICmTransportSink* pSink = m_pSink)
+            pSink->OnSend(m_pProxy, nullptr);
+    }
+    if (!bLost || !bAllDelivered || m_bPausedByUser)
+        return;
+    if (ICmTransportSink* pSink = m_pSink.exchange(nullptr))
+        pSink->OnDisconnect(m_LostReason, m_pProxy);
+}
+
+// What a pause left over, and what has come since. Any upcall may pause, disconnect or release the proxy. FALSE: a pause has
+// left something over again.
+BOOL CTransportProxyCore::Deliver_i() {
+    DWORD dwTaken = 0;
+    for (int nBatch = 0; nBatch < 2; ++nBatch) {
+        while (m_stDelivered < m_Delivering.size() && !m_bPausedByUser) {
+            CCmMessageBlock* pChunk = m_Delivering[m_stDelivered++];
+            dwTaken += pChunk->GetChainedLength();
+            if (ICmTransportSink* pSink = m_pSink)
+                pSink->OnReceive(*pChunk, m_pProxy, nullptr);
+            pChunk->DestroyChained();
+        }
+        if (nBatch > 0 || m_stDelivered < m_Delivering.size())
+            break;
+        m_Delivering.clear();
+        m_stDelivered = 0;
+        m_ReceiveQueue.Take(m_Delivering);
+    }
+    if (m_ReceiveQueue.Taken(dwTaken))
+        PostApplyReading_i();
+    return m_stDelivered == m_Delivering.size();
+}
+
+}  // namespace talvo

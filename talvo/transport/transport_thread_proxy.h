@@ -1,0 +1,42 @@
+// A transport of the network thread, used from another thread.
+#pragma once
+
+#include "talvo/transport/transport_proxy_core.h"
+
+// What connector and acceptor proxies hand to their sink. Every upcall arrives in the thread that made the connector or
+// acceptor proxy (the user's), in order. All operations may be called from any thread; but from another than the user's, an
+// upcall that is already under way there may end after OpenWithSink, Disconnect or the release has returned.
+//
+// Sending: SendData takes the whole chain or nothing, without copying payload that a data block owns. When more than a limit
+// waits for the network (1 MiB; CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, bytes) it returns CM_ERROR_PARTIAL_DATA, and one OnSend
+// follows when half of the limit has drained. Sends on a raw TCP transport are joined, up to 64 pieces a system call. CM_OK
+// says that the data is on its way: it is lost only when the connection is.
+//
+// Receiving: OnReceive gets a duplicate of its own. When more than a limit (1 MiB; CM_OPT_TRANSPORT_PROXY_RECV_LIMIT) waits for
+// the user's thread, reading stops until half of it is taken. CM_OPT_TRANSPORT_PAUSE_READING pauses by hand, at once: no
+// OnReceive and no OnDisconnect until it is set to FALSE.
+//
+// Disconnect, and the last release, let data that was accepted go out first when the reason is CM_OK, for at most 30 s (key
+// "LingerSeconds" in section "Proxy"). No upcall follows either, even one that was already posted. Releasing inside any upcall
+// is safe. CM_ERROR_NULL_POINTER: the transport is gone. CM_ERROR_NOT_AVAILABLE: the network thread is. When the network thread
+// ends, OnDisconnect says CM_ERROR_NETWORK_SOCKET_CLOSE.
+//
+// The options 141 to 143 are the proxy's own; all others wait for the network thread. OnSend comes during a pause, too. Sends
+// of several threads stay whole, in an order of their own.
+class TALVO_API CCmTransportThreadProxy final : public talvo::CThreadProxyT<ICmTransport, talvo::CTransportProxyCore> {
+public:
+    // In the network thread. Keeps aTransport there. aType: the connection type it was made for.
+    CCmTransportThreadProxy(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType)
+        : CThreadProxyT(new talvo::CTransportProxyCore(aTransport, aUser, aNetwork, aType)) {
+        m_pCore->SetProxy(this);
+    }
+
+    CmResult OpenWithSink(ICmTransportSink* aSink) override { return m_pCore->OpenWithSink(aSink); }
+    ICmTransportSink* GetSink() override { return m_pCore->GetSink(); }
+    CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override {
+        return m_pCore->SendData(aData, aPara);
+    }
+    CmResult SetOption(DWORD aCommand, void* aArg) override { return m_pCore->SetOption(aCommand, aArg); }
+    CmResult GetOption(DWORD aCommand, void* aArg) override { return m_pCore->GetOption(aCommand, aArg); }
+    CmResult Disconnect(CmResult aReason) override { return m_pCore->Disconnect(aReason); }
+};
