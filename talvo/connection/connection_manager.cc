@@ -1,0 +1,176 @@
+#include "talvo/connection/connection_manager.h"
+
+#include <new>
+
+#include "talvo/base/trace.h"
+#include "talvo/event/thread.h"
+#include "talvo/transport/acceptor_tcp.h"
+#include "talvo/transport/acceptor_thread_proxy.h"
+#include "talvo/transport/connector_thread_proxy.h"
+#include "talvo/transport/connector_wrapper.h"
+
+namespace {
+
+constexpr DWORD BASE_TYPE_MASK = 0x0000FFFF;
+constexpr DWORD THREAD_FLAGS_MASK = 0x00030000;
+constexpr DWORD PROTOCOL_MASK = 0xFFF00000;
+constexpr DWORD BASE_TYPE_DETECTION = 0x8001;
+
+using SingletonGuard = CCmMutexGuardT<CCmMutexThreadRecursive>;
+
+std::atomic<CCmConnectionManager*> s_pInstance{nullptr};
+
+CCmThreadManager& Threads() { return *CCmThreadManager::Instance(); }
+
+BOOL HasAll(DWORD aType, DWORD aFlags) { return (aType & aFlags) == aFlags; }
+
+// Whether the flags name a connection protocol.
+BOOL IsProtocol(DWORD aType) {
+    return HasAll(aType, CCmConnectionManager::CTYPE_PDU_RELIABLE) ||
+           (aType & (CCmConnectionManager::CTYPE_SEND_NO_PARTIAL_DATA | CCmConnectionManager::CTYPE_PDU_PACKAGE |
+                     CCmConnectionManager::CTYPE_PDU_LENGTH)) != 0;
+}
+
+// What can be said of a type without making anything. aWhere names the operation in the trace.
+CmResult JudgeType(DWORD aType, const char* aWhere) {
+    const DWORD dwType = aType & ~THREAD_FLAGS_MASK;
+    const DWORD dwBase = dwType & BASE_TYPE_MASK;
+    CCmConnectorMaker maker = nullptr;
+    const BOOL bDetection = dwBase == BASE_TYPE_DETECTION;
+    const BOOL bBaseKnown = bDetection || cm_get_connector_maker(dwBase, maker) != CM_ERROR_INVALID_ARG;
+    const BOOL bStrayBits = (dwType & ~(BASE_TYPE_MASK | PROTOCOL_MASK)) != 0;
+    if ((dwType & PROTOCOL_MASK) && !IsProtocol(dwType))
+        return CM_ERROR_FAILURE;
+    if (!bBaseKnown || bStrayBits) {
+        CM_WARNING_TRACE(aWhere << ", wrong type=" << dwType);
+        return CM_ERROR_INVALID_ARG;
+    }
+    if ((dwType & PROTOCOL_MASK) || dwBase != CM_TRANSPORT_TYPE_TCP) {
+        CM_WARNING_TRACE(aWhere << ", type not implemented. type=" << dwType);
+        return CM_ERROR_NOT_IMPLEMENTED;
+    }
+    return CM_OK;
+}
+
+CmResult JudgeClientType(DWORD aType) { return JudgeType(aType, "CCmConnectionManager::CreateConnectionClient_i"); }
+CmResult JudgeServerType(DWORD aType) { return JudgeType(aType, "CCmConnectionManager::CreateConnectionServer"); }
+
+// The calling thread, if it can be called back.
+ACmThread* CallingThread() {
+    ACmThread* pThread = Threads().GetThread(CCmThreadManager::TT_CURRENT);
+    return pThread && pThread->GetEventQueue() ? pThread : nullptr;
+}
+
+// For the proxies, which may come here while the manager is being destroyed: asking for its instance would make a new one.
+CmResult MakeClient(DWORD aType, ICmConnector*& aConnector) {
+    aConnector = nullptr;
+    if (const CmResult rv = JudgeClientType(aType); rv != CM_OK)
+        return rv;
+    CCmRefPtrT<CCmConnectorWrapper> pConnector(new (std::nothrow) CCmConnectorWrapper);
+    if (!pConnector)
+        return CM_ERROR_OUT_OF_MEMORY;
+    const CmResult rv = pConnector->Init(aType & BASE_TYPE_MASK);
+    if (rv == CM_OK)
+        aConnector = pConnector.Detach();
+    return rv;
+}
+
+CmResult MakeServer(DWORD aType, ICmAcceptor*& aAcceptor) {
+    aAcceptor = nullptr;
+    if (const CmResult rv = JudgeServerType(aType); rv != CM_OK)
+        return rv;
+    CCmRefPtrT<CCmAcceptorTcp> pAcceptor(new (std::nothrow) CCmAcceptorTcp);
+    aAcceptor = pAcceptor.Detach();
+    return aAcceptor ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+}
+
+// The thread rule: directly in the network thread, through a proxy everywhere else.
+template <class Proxy, class Interface, class Factory>
+CmResult CreateByThread(DWORD aType, Interface*& aResult, Factory aFactory, const char* aTraceText) {
+    ACmThread* pNetwork = Threads().GetThread(CCmThreadManager::TT_NETWORK);
+    ACmThread* pUser = CallingThread();
+    if (!pNetwork || !pUser)
+        return CM_ERROR_NULL_POINTER;
+    if (pUser == pNetwork && !(aType & CCmConnectionManager::CTYPE_FORCE_THREAD_PROXY))
+        return aFactory(aType, aResult);
+    CM_INFO_TRACE(aTraceText << aType);
+    CCmRefPtrT<Interface> pProxy(new (std::nothrow) Proxy(pUser->GetLink(), pNetwork->GetLink(), aType, aFactory));
+    aResult = pProxy.Detach();
+    return aResult ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+}
+
+}  // namespace
+
+CCmConnectionManager* CCmConnectionManager::Instance() {
+    if (CCmConnectionManager* pInstance = s_pInstance.load(std::memory_order_acquire))
+        return pInstance;
+    SingletonGuard guard(GetSingletonMutex());
+    if (s_pInstance)
+        return s_pInstance;
+    auto* pInstance = new CCmConnectionManager;
+    const CmResult rv = pInstance->SpawnNetworkThread_i();
+    if (rv != CM_OK) {
+        CM_ERROR_TRACE("CCmConnectionManager::Instance, SpawnNetworkThread_i() failed! rv=" << rv);
+        delete pInstance;
+        return nullptr;
+    }
+    return s_pInstance = pInstance;
+}
+
+void CCmConnectionManager::CleanupInstance() {
+    SingletonGuard guard(GetSingletonMutex());
+    if (CCmConnectionManager* pInstance = s_pInstance.exchange(nullptr))
+        delete pInstance;
+}
+
+void CCmConnectionManager::CleanUp() { CleanupInstance(); }
+
+// A network thread that the application has destroyed itself is no longer registered, and not touched.
+CCmConnectionManager::~CCmConnectionManager() {
+    if (!m_pThreadNetwork || Threads().GetThread(CCmThreadManager::TT_NETWORK) != m_pThreadNetwork)
+        return;
+    m_pThreadNetwork->Stop(nullptr);
+    m_pThreadNetwork->Join();
+    m_pThreadNetwork->Destory(CM_OK);
+}
+
+CmResult CCmConnectionManager::SpawnNetworkThread_i() {
+    if (m_pThreadNetwork)
+        return CM_OK;
+    if (Threads().GetNetworkThreadMode() == CCmThreadManager::NETWORK_THREAD_MAIN)
+        return Threads().GetThreadReactor(CCmThreadManager::TT_MAIN) ? CM_OK : CM_ERROR_NOT_INITIALIZED;
+    ICmReactor* pReactor = CCmThreadManager::CreateNetworkReactor();
+    if (!pReactor)
+        return CM_ERROR_OUT_OF_MEMORY;
+    return Threads().CreateReactorThread(CCmThreadManager::TT_NETWORK, pReactor, m_pThreadNetwork);
+}
+
+CmResult CCmConnectionManager::CreateConnectionClient(DWORD aType, ICmConnector*& aConnector) {
+    aConnector = nullptr;
+    if (const CmResult rv = JudgeClientType(aType); rv != CM_OK)
+        return rv;
+    return CreateByThread<CCmConnectorThreadProxy>(
+        aType, aConnector, MakeClient, "CCmConnectionManager::CreateConnectionClient, create CCmConnectorThreadProxy. aType=");
+}
+
+CmResult CCmConnectionManager::CreateConnectionServer(DWORD aType, ICmAcceptor*& aAcceptor) {
+    aAcceptor = nullptr;
+    if (const CmResult rv = JudgeServerType(aType); rv != CM_OK)
+        return rv;
+    return CreateByThread<CCmAcceptorThreadProxy>(
+        aType, aAcceptor, MakeServer, "CCmConnectionManager::CreateConnectionServer, create CCmAcceptorThreadProxy. aType=");
+}
+
+CmResult CCmConnectionManager::CreateDetectionConnectionClient(ICmDetectionConnector*& aConnector) {
+    aConnector = nullptr;
+    CM_WARNING_TRACE_THIS("CCmConnectionManager::CreateDetectionConnectionClient, not implemented.");
+    return CM_ERROR_NOT_IMPLEMENTED;
+}
+
+CmResult CCmConnectionManager::CreateConnectionClient_i(DWORD aType, ICmConnector*& aConnector) {
+    return MakeClient(aType, aConnector);
+}
+
+CmResult CCmConnectionManager::CreateConnectionServer_i(DWORD aType, ICmAcceptor*& aAcceptor) {
+    return MakeServer(aType, aAcceptor);
+}
