@@ -1,0 +1,25 @@
+# What `cmake --install` puts where: the library, its headers, the program, a CMake package and a pkg-config file. The tree may
+# be moved after it was installed: nothing in it names the prefix.
+include(CMakePackageConfigHelpers)
+
+set(talvo_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/talvo)
+
+install(TARGETS talvo EXPORT talvo-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY talvo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+if(TARGET talvo_tool)
+  install(TARGETS talvo_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(talvo_tool PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
+endif()
+
+install(EXPORT talvo-targets NAMESPACE talvo:: DESTINATION ${talvo_package_dir})
+configure_package_config_file(cmake/talvo-config.cmake.in talvo-config.cmake INSTALL_DESTINATION ${talvo_package_dir}
+                              NO_SET_AND_CHECK_MACRO NO_CHECK_REQUIRED_COMPONENTS_MACRO)
+# Before 1.0 a minor version may change the interface.
+write_basic_package_version_file(talvo-config-version.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/talvo-config.cmake ${CMAKE_CURRENT_BINARY_DIR}/talvo-config-version.cmake
+        DESTINATION ${talvo_package_dir})
+
+file(RELATIVE_PATH TALVO_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+configure_file(cmake/talvo.pc.in talvo.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/talvo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,40 @@
+// Connects, sends a line, prints what comes back and ends:   hello 127.0.0.1:7000
+#include <cstdio>
+
+#include "talvo/talvo.h"
+
+class Hello : public ICmAcceptorConnectorSink, public ICmTransportSink {
+public:
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
+        if (aReason != CM_OK)
+            return Stop("cannot connect");
+        char szLine[] = "hello\n";
+        CCmMessageBlock block(6, szLine, CCmMessageBlock::DONT_DELETE, 6);
+        m_pTransport = aTrpt;
+        m_pTransport->OpenWithSink(this);
+        m_pTransport->SendData(block);
+    }
+    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
+        std::printf("%s", aData.FlattenChained().c_str());
+        Stop("that was the answer");
+    }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override {}
+    void OnDisconnect(CmResult, ICmTransport*) override { Stop("the connection broke"); }
+
+private:
+    void Stop(const char* aWhy) {
+        std::printf("%s\n", aWhy);
+        CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN)->StopEventLoop();
+    }
+    CCmRefPtrT<ICmTransport> m_pTransport;
+};
+
+int main(int argc, char** argv) {
+    CCmThreadManager::Instance()->InitMainThread(argc, argv);
+    Hello hello;
+    CCmRefPtrT<ICmConnector> pConnector;
+    CCmConnectionManager::Instance()->CreateConnectionClient(CCmConnectionManager::CTYPE_TCP, pConnector.ParaOut());
+    pConnector->AsycConnect(&hello, CCmInetAddr(argc > 1 ? argv[1] : "127.0.0.1:7000"));
+    CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN)->RunEventLoop();  // callbacks come in here
+    return 0;
+}

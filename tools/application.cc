@@ -1,0 +1,109 @@
+#include "tools/application.h"
+
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "tools/console.h"
+
+namespace tool {
+
+namespace {
+
+// SIGPIPE comes from a stdout that nobody reads any more: there is no use in going on.
+sigset_t GetEndingSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int nSignal : {SIGINT, SIGTERM, SIGPIPE})
+        sigaddset(&signals, nSignal);
+    // nohup has it ignored, and means it.
+    struct sigaction action {};
+    if (sigaction(SIGHUP, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
+        sigaddset(&signals, SIGHUP);
+    return signals;
+}
+
+ICmReactor* GetMainReactor() { return CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN); }
+
+}  // namespace
+
+// Signals as one more handle that becomes readable.
+class Application::SignalHandler : public ACmEventHandler {
+public:
+    explicit SignalHandler(Application& aApplication) : m_Application(aApplication) {
+        const sigset_t signals = GetEndingSignals();
+        m_nFd = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
+        GetMainReactor()->RegisterHandler(this, READ_MASK);
+    }
+    ~SignalHandler() override {
+        GetMainReactor()->RemoveHandler(this, ALL_EVENTS_MASK);
+        close(m_nFd);
+    }
+
+    HANDLE GetHandle() const override { return m_nFd; }
+
+    int OnInput(HANDLE) override {
+        signalfd_siginfo info{};
+        if (read(m_nFd, &info, sizeof(info)) == sizeof(info))
+            m_Application.Finish(128 + static_cast<int>(info.ssi_signo));
+        return 0;
+    }
+
+    int OnClose(HANDLE, long) override { return 0; }
+
+private:
+    Application& m_Application;
+    int m_nFd;
+};
+
+void Application::BlockSignals() {
+    const sigset_t signals = GetEndingSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+Application::Application(CCmThreadManager::ENetworkThreadMode aMode) {
+    CCmThreadManager* pManager = CCmThreadManager::Instance();
+    pManager->SetNetworkThreadMode(aMode);
+    if (pManager->InitMainThread(0, nullptr) != CM_OK)
+        return;
+    m_pSignals = std::make_unique<SignalHandler>(*this);
+    m_bStarted = CCmConnectionManager::Instance() != nullptr;
+}
+
+Application::~Application() {
+    m_pSignals.reset();
+    CCmThreadManager* pManager = CCmThreadManager::Instance();
+    pManager->StopAllThreads(nullptr);
+    pManager->JoinAllThreads();
+    CCmConnectionManager::CleanupInstance();
+    if (ACmThread* pMain = pManager->GetThread(CCmThreadManager::TT_MAIN))
+        pMain->Destory(CM_OK);
+}
+
+int Application::Run() {
+    if (!m_bStarted)
+        Console::Complain("the library did not start: there is no descriptor or no thread left for it");
+    else if (m_nStatus == -1)
+        GetMainReactor()->RunEventLoop();
+    return m_nStatus == -1 ? EXIT_FAILED : m_nStatus;
+}
+
+void Application::Finish(int aStatus) {
+    if (m_nStatus != -1)
+        return;
+    m_nStatus = aStatus;
+    if (m_bStarted)
+        GetMainReactor()->StopEventLoop();
+}
+
+void Application::RaiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+}  // namespace tool

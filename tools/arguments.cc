@@ -1,0 +1,168 @@
+#include "tools/arguments.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+
+#include "tools/application.h"
+#include "tools/commands.h"
+#include "tools/console.h"
+#include "tools/file_name.h"
+#include "tools/text.h"
+
+namespace tool {
+
+namespace {
+
+constexpr const char* FOOTER = R"(Examples:
+  talvo recv --port 7070 --out /srv/inbox
+  talvo send report.pdf photos.tar 192.0.2.7:7070
+  talvo echo --port 7000
+  talvo ping 127.0.0.1:7000 --count 1000 --interval 0
+
+Exit status: 0 all went well, 1 something failed, 2 wrong arguments, 128 + N ended by signal N (130 after Ctrl-C).)";
+
+// A number within bounds.
+template <class Number>
+CLI::Option* AddNumber(CLI::App& aApp, const char* aName, Number& aVariable, int aMin, int aMax, const std::string& aHelp) {
+    return aApp.add_option(aName, aVariable, aHelp)->check(CLI::Range(aMin, aMax))->option_text("N");
+}
+
+void DeclareListening(CLI::App& aApp, Arguments& a) {
+    AddNumber(aApp, "--port", a.m_Endpoint.m_wPort, 0, 65535, "Port to listen on; 0 lets the system choose")->required();
+    aApp.add_option("--host", a.m_Endpoint.m_strHost, "IPv4 address to listen on (0.0.0.0)")->option_text("ADDRESS");
+}
+
+void DeclareRecv(CLI::App& aApp, Arguments& a) {
+    DeclareListening(aApp, a);
+    aApp.add_option("--out", a.m_strDirectory, "Directory that the files are put in")->required()->option_text("DIR");
+    aApp.add_flag("--force", a.m_bForce, "Replace files that exist");
+    aApp.add_flag("--once", a.m_bOnce, "Serve one sender, then end: with 0 if all its files were kept, else 1");
+}
+
+void DeclareSend(CLI::App& aApp, Arguments& a) {
+    // One list, taken apart in CheckSend: with a second positional, options could not follow the files.
+    aApp.add_option("FILE", a.m_vecFiles, "Files to send and, as the last, where `talvo recv` listens")
+        ->required()
+        ->option_text("PATH... HOST:PORT");
+}
+
+void DeclareEcho(CLI::App& aApp, Arguments& a) { DeclareListening(aApp, a); }
+
+void DeclarePing(CLI::App& aApp, Arguments& a) {
+    aApp.add_option("ENDPOINT", a.m_strEndpoint, "Where `talvo echo` listens")->required()->option_text("HOST:PORT");
+    AddNumber(aApp, "--count", a.m_dwCount, 1, 10000000, "Messages to send (10)");
+    AddNumber(aApp, "--interval", a.m_dwIntervalMs, 0, 3600000,
+              "Milliseconds from an answer to the next message (1000); 0: as fast as answers come");
+    AddNumber(aApp, "--size", a.m_dwSize, 1, 16 << 20, "Bytes in a message (64)");
+    AddNumber(aApp, "--timeout", a.m_dwTimeoutMs, 1, 3600000, "Milliseconds to wait for the connection and each answer (5000)");
+}
+
+// The checks answer with what is wrong, or "".
+
+std::string CheckListening(Arguments& a) {
+    return IsIpv4Literal(a.m_Endpoint.m_strHost) ? "" : "--host: '" + a.m_Endpoint.m_strHost + "' is not an IPv4 address";
+}
+
+std::string CheckRecv(Arguments& a) {
+    struct stat status {};
+    if (stat(a.m_strDirectory.c_str(), &status) != 0)
+        return "--out: '" + a.m_strDirectory + "': " + SystemError(errno);
+    if (!S_ISDIR(status.st_mode))
+        return "--out: '" + a.m_strDirectory + "' is not a directory";
+    if (access(a.m_strDirectory.c_str(), W_OK | X_OK) != 0)
+        return "--out: cannot write into '" + a.m_strDirectory + "': " + SystemError(errno);
+    return CheckListening(a);
+}
+
+std::string CheckFile(const std::string& aPath) {
+    const std::string strBegin = "'" + aPath + "': ";
+    struct stat status {};
+    if (stat(aPath.c_str(), &status) != 0 || access(aPath.c_str(), R_OK) != 0)
+        return strBegin + SystemError(errno);
+    if (!S_ISREG(status.st_mode))
+        return strBegin + "not a regular file";
+    const std::string strName = CheckFileName(GetBaseName(aPath));
+    return strName.empty() ? "" : strBegin + strName;
+}
+
+std::string CheckSend(Arguments& a) {
+    if (a.m_vecFiles.size() < 2)
+        return "send needs at least one FILE and, as the last, HOST:PORT";
+    a.m_strEndpoint = a.m_vecFiles.back();
+    a.m_vecFiles.pop_back();
+    const std::string strEndpoint = ParseEndpoint(a.m_strEndpoint, a.m_Endpoint);
+    if (!strEndpoint.empty())
+        return strEndpoint;
+    for (const std::string& strPath : a.m_vecFiles) {
+        const std::string strProblem = CheckFile(strPath);
+        if (!strProblem.empty())
+            return strProblem;
+    }
+    return "";
+}
+
+std::string CheckPing(Arguments& a) { return ParseEndpoint(a.m_strEndpoint, a.m_Endpoint); }
+
+struct Subcommand {
+    const char* m_pName;
+    const char* m_pSummary;
+    void (*m_pDeclare)(CLI::App&, Arguments&);
+    std::string (*m_pCheck)(Arguments&);
+    int (*m_pRun)(const Arguments&);
+};
+
+constexpr Subcommand SUBCOMMANDS[] = {
+    {"recv", "Receive files into a directory", DeclareRecv, CheckRecv, RunRecv},
+    {"send", "Send files to a `talvo recv`", DeclareSend, CheckSend, RunSend},
+    {"echo", "Send back whatever comes, to any number of clients", DeclareEcho, CheckListening, RunEcho},
+    {"ping", "Measure round trips to a `talvo echo`", DeclarePing, CheckPing, RunPing},
+};
+
+std::string CheckSubcommand(const CLI::App& aApp, Arguments& aArguments) {
+    for (const Subcommand& command : SUBCOMMANDS) {
+        if (!aApp.got_subcommand(command.m_pName))
+            continue;
+        aArguments.m_pRun = command.m_pRun;
+        return command.m_pCheck(aArguments);
+    }
+    return "which subcommand? 'talvo --help' lists them";
+}
+
+void Declare(CLI::App& aApp, Arguments& aArguments) {
+    aApp.set_version_flag("--version", "talvo " TALVO_TOOL_VERSION);
+    aApp.require_subcommand(0, 1);
+    for (const Subcommand& command : SUBCOMMANDS) {
+        CLI::App* pSub = aApp.add_subcommand(command.m_pName, command.m_pSummary);
+        command.m_pDeclare(*pSub, aArguments);
+        pSub->add_flag("--json", aArguments.m_bJson, "Print one JSON object a line");
+    }
+    aApp.footer(FOOTER);
+}
+
+}  // namespace
+
+bool ParseArguments(int aArgc, char** aArgv, Arguments& aArguments, int& aStatus) {
+    CLI::App app("Moves files and measures connections over the talvo library.", "talvo");
+    std::string strProblem;
+    try {
+        Declare(app, aArguments);
+        app.parse(aArgc, aArgv);
+        strProblem = CheckSubcommand(app, aArguments);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) {
+            aStatus = app.exit(error);  // prints the help or the version
+            return false;
+        }
+        strProblem = error.what();
+    }
+    if (strProblem.empty())
+        return true;
+    Console::Complain(strProblem);
+    aStatus = EXIT_USAGE;
+    return false;
+}
+
+}  // namespace tool

@@ -1,0 +1,32 @@
+// What stands on the command line.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/endpoint.h"
+
+namespace tool {
+
+struct Arguments {
+    int (*m_pRun)(const Arguments&) = nullptr;  // of the subcommand that was named
+
+    bool m_bJson = false;
+    std::string m_strEndpoint;          // send and ping: HOST:PORT as typed
+    Endpoint m_Endpoint{"0.0.0.0", 0};  // to listen on, or to connect to
+
+    std::string m_strDirectory;           // recv
+    bool m_bForce = false;                // recv
+    bool m_bOnce = false;                 // recv
+    std::vector<std::string> m_vecFiles;  // send
+
+    DWORD m_dwCount = 10;         // ping
+    DWORD m_dwIntervalMs = 1000;  // ping
+    DWORD m_dwTimeoutMs = 5000;   // ping
+    DWORD m_dwSize = 64;          // ping, bytes
+};
+
+// Fills aArguments. false: aStatus is what to exit with, after --help, --version or one line on what is wrong.
+bool ParseArguments(int aArgc, char** aArgv, Arguments& aArguments, int& aStatus);
+
+}  // namespace tool

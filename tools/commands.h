@@ -1,0 +1,13 @@
+// The subcommands. Each returns the program's exit status; its arguments have been checked.
+#pragma once
+
+#include "tools/arguments.h"
+
+namespace tool {
+
+int RunRecv(const Arguments& aArguments);
+int RunSend(const Arguments& aArguments);
+int RunEcho(const Arguments& aArguments);
+int RunPing(const Arguments& aArguments);
+
+}  // namespace tool

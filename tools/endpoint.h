@@ -1,0 +1,31 @@
+// HOST:PORT as it is typed.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "talvo/talvo.h"
+
+namespace tool {
+
+struct Endpoint {
+    std::string m_strHost;
+    WORD m_wPort = 0;
+
+    std::string GetText() const { return m_strHost + ":" + std::to_string(m_wPort); }
+    CCmInetAddr GetInetAddr() const { return CCmInetAddr(m_strHost.c_str(), m_wPort); }
+};
+
+// Four decimal numbers of 0 to 255, without leading zeros: the one form that everybody reads alike.
+bool IsIpv4Literal(const std::string& aText);
+
+// An IPv4 literal or a host name, a colon and a port from 1 to 65535. What is wrong with it, or "" and aEndpoint is filled.
+std::string ParseEndpoint(std::string_view aText, Endpoint& aEndpoint);
+
+// One line on a connect that ended with aReason.
+std::string DescribeConnectFailure(const Endpoint& aEndpoint, CmResult aReason);
+
+// The transport's peer, for messages.
+std::string GetPeerText(ICmTransport& aTransport);
+
+}  // namespace tool

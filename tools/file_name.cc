@@ -1,0 +1,50 @@
+#include "tools/file_name.h"
+
+#include <sys/random.h>
+
+#include <cinttypes>
+#include <cstdio>
+
+#include "tools/text.h"
+
+namespace tool {
+
+namespace {
+
+constexpr std::string_view TEMPORARY_BEGIN = ".talvo-";
+constexpr std::string_view TEMPORARY_END = ".part";
+constexpr size_t MAX_NAME = 255;  // what Linux file systems take
+
+}  // namespace
+
+std::string CheckFileName(std::string_view aName) {
+    if (aName.empty())
+        return "the name is empty";
+    if (aName.size() > MAX_NAME)
+        return "the name is longer than 255 bytes";
+    if (aName == "." || aName == ".." || aName.find('/') != std::string_view::npos)
+        return "the name points out of the directory";
+    if (Printable(aName) != aName)
+        return "the name has a control character";
+    // Else a peer could put its file where that of another is being written.
+    if (aName.starts_with(TEMPORARY_BEGIN) && aName.ends_with(TEMPORARY_END))
+        return "the name is kept for temporary files";
+    return "";
+}
+
+std::string_view GetBaseName(std::string_view aPath) { return aPath.substr(aPath.rfind('/') + 1); }
+
+std::string MakeTemporaryName() {
+    uint64_t number = 0;
+    // So few bytes come whole, or not at all on a system without the call: then creating the file anew finds the next free
+    // name.
+    if (getrandom(&number, sizeof(number), 0) != sizeof(number)) {
+        static uint64_t s_ullNext = 0;
+        number = s_ullNext++;
+    }
+    char szNumber[17];
+    std::snprintf(szNumber, sizeof(szNumber), "%016" PRIx64, number);
+    return std::string(TEMPORARY_BEGIN).append(szNumber).append(TEMPORARY_END);
+}
+
+}  // namespace tool

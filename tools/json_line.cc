@@ -1,0 +1,26 @@
+#include "tools/json_line.h"
+
+#include <nlohmann/json.hpp>
+
+namespace tool {
+
+namespace {
+
+std::string ToJson(std::string_view aText) {
+    return nlohmann::json(aText).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+}  // namespace
+
+JsonLine::JsonLine(std::string_view aEvent) : m_strText("{\"event\":" + ToJson(aEvent)) {}
+
+JsonLine& JsonLine::Add(std::string_view aKey, std::string_view aText) { return AddRaw(aKey, ToJson(aText)); }
+
+JsonLine& JsonLine::Add(std::string_view aKey, double aValue) { return AddRaw(aKey, nlohmann::json(aValue).dump()); }
+
+JsonLine& JsonLine::AddRaw(std::string_view aKey, std::string_view aJson) {
+    m_strText.append(",").append(ToJson(aKey)).append(":").append(aJson);
+    return *this;
+}
+
+}  // namespace tool

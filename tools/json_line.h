@@ -1,0 +1,32 @@
+// One JSON object on one line, for scripts.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace tool {
+
+// Every object names its event first: {"event":"sent","name":"a.txt","bytes":12}.
+class JsonLine {
+public:
+    explicit JsonLine(std::string_view aEvent);
+
+    // Text is taken as UTF-8; what is none becomes U+FFFD.
+    JsonLine& Add(std::string_view aKey, std::string_view aText);
+    JsonLine& Add(std::string_view aKey, double aValue);
+    template <class Integer, class = std::enable_if_t<std::is_integral_v<Integer>>>
+    JsonLine& Add(std::string_view aKey, Integer aValue) {
+        return AddRaw(aKey, std::to_string(aValue));
+    }
+
+    std::string GetText() const { return m_strText + "}"; }
+
+private:
+    JsonLine& AddRaw(std::string_view aKey, std::string_view aJson);
+
+    std::string m_strText;
+};
+
+}  // namespace tool

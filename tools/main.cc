@@ -1,0 +1,9 @@
+#include "tools/application.h"
+#include "tools/arguments.h"
+
+int main(int argc, char** argv) {
+    tool::Application::BlockSignals();
+    tool::Arguments arguments;
+    int nStatus = tool::EXIT_USAGE;
+    return tool::ParseArguments(argc, argv, arguments, nStatus) ? arguments.m_pRun(arguments) : nStatus;
+}

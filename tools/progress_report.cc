@@ -1,0 +1,35 @@
+#include "tools/progress_report.h"
+
+namespace tool {
+
+namespace {
+
+// A terminal's line is replaced, the others stay and add up.
+CCmTimeValue GetInterval(Console::EOutput aOutput) {
+    switch (aOutput) {
+    case Console::TERMINAL:
+        return CCmTimeValue(0, 200000);
+    case Console::JSON:
+        return CCmTimeValue(1);
+    case Console::PIPE:
+        break;
+    }
+    return CCmTimeValue(5);
+}
+
+}  // namespace
+
+void ProgressReport::Start() { m_Timer.Schedule(this, GetInterval(m_Console.GetOutput())); }
+
+void ProgressReport::OnTimer(CCmTimerWrapperID*) {
+    if (m_Meter.IsIdle())
+        return;
+    const ProgressSample sample = m_Meter.Sample();
+    m_Console.Progress(FormatProgress(sample), JsonLine("progress")
+                                                   .Add("bytes", sample.m_ullDone)
+                                                   .Add("total", sample.m_ullTotal)
+                                                   .Add("bytes_per_second", sample.m_ullRate)
+                                                   .Add("seconds_left", sample.m_llSecondsLeft));
+}
+
+}  // namespace tool

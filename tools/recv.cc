@@ -1,0 +1,33 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "tools/application.h"
+#include "tools/commands.h"
+#include "tools/receiver.h"
+#include "tools/text.h"
+
+namespace tool {
+
+int RunRecv(const Arguments& aArguments) {
+    Console console(aArguments.m_bJson);
+    // Held open, so that the files go into this directory even if its path comes to mean another.
+    const int nDirectory = open(aArguments.m_strDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (nDirectory < 0) {
+        console.Problem("cannot open '" + aArguments.m_strDirectory + "': " + SystemError(errno));
+        return EXIT_FAILED;
+    }
+    Application::RaiseDescriptorLimit();
+    int nStatus = EXIT_FAILED;
+    {
+        Application application(CCmThreadManager::NETWORK_THREAD_OWN);
+        Receiver receiver(aArguments, nDirectory, application, console);
+        receiver.Start();
+        nStatus = application.Run();
+    }
+    close(nDirectory);
+    return nStatus;
+}
+
+}  // namespace tool

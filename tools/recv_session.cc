@@ -1,0 +1,228 @@
+#include "tools/recv_session.h"
+
+#include <limits>
+
+#include "tools/endpoint.h"
+#include "tools/file_name.h"
+#include "tools/text.h"
+
+namespace tool {
+
+namespace {
+
+constexpr long HELLO_SECONDS = 10;
+
+}  // namespace
+
+RecvSession::RecvSession(const RecvContext& aContext, ICmTransport* aTransport)
+    : m_Context(aContext), m_pTransport(aTransport), m_strPeer(GetPeerText(*aTransport)) {}
+
+RecvSession::~RecvSession() {
+    CloseFile();
+    if (m_pTransport)
+        m_pTransport->Disconnect(CM_OK);
+}
+
+CmResult RecvSession::Open() {
+    // A sender whose machine has vanished without a word is found out in the end.
+    DWORD dwOn = 1;
+    m_pTransport->SetOption(CM_OPT_TRANSPORT_KEEPALIVE, &dwOn);
+    m_Timer.Schedule(this, CCmTimeValue(HELLO_SECONDS), 1);
+    return m_pTransport->OpenWithSink(this);
+}
+
+void RecvSession::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
+    const FrameParser::EResult result = m_Parser.Feed(aData, *this);
+    if (result == FrameParser::ALL_READ)
+        return;
+    if (result == FrameParser::BROKEN)
+        Fault("it does not speak the protocol of talvo send");
+    End();
+}
+
+void RecvSession::OnDisconnect(CmResult aReason, ICmTransport*) {
+    FaultBroken(aReason);
+    m_pTransport.Reset();
+    End();
+}
+
+void RecvSession::OnTimer(CCmTimerWrapperID*) {
+    Fault("it said nothing for " + std::to_string(HELLO_SECONDS) + " seconds");
+    End();
+}
+
+bool RecvSession::OnFrame(EFrame aType, std::string_view aPayload) {
+    if ((aType == EFrame::HELLO) != (m_State == WAIT_HELLO))
+        return Fault("it does not begin as talvo send does");
+    switch (aType) {
+    case EFrame::HELLO:
+        return OnHello(aPayload);
+    case EFrame::FILE:
+        return OnFile(aPayload);
+    case EFrame::END:
+        return OnEnd(aPayload);
+    case EFrame::ABORT:
+        return OnAbort(aPayload);
+    case EFrame::BYE:
+        return OnBye();
+    case EFrame::DATA:
+    case EFrame::ACCEPT:
+    case EFrame::RESULT:
+        break;
+    }
+    return Fault("it sent what only a receiver sends");
+}
+
+bool RecvSession::OnHello(std::string_view aPayload) {
+    if (!DecodeHello(aPayload))
+        return Fault("it speaks another version of the protocol");
+    m_Timer.Cancel();
+    m_State = IDLE;
+    return m_Context.m_Owner.OnSessionBegin(*this) || Fault("another sender is being served");
+}
+
+bool RecvSession::OnFile(std::string_view aPayload) {
+    std::string strName;
+    uint64_t ullSize = 0;
+    if (m_State != IDLE || !DecodeFile(aPayload, ullSize, strName))
+        return Fault("it began a file out of turn");
+    if (ullSize > uint64_t{std::numeric_limits<int64_t>::max()})
+        return Refuse(strName, "no file can be so large");
+    const std::string strBadName = CheckFileName(strName);
+    if (!strBadName.empty())
+        return Refuse(strName, strBadName);
+    const std::string strTaken = IncomingFile::CheckTarget(m_Context.m_nDirectory, strName, m_Context.m_bForce);
+    return strTaken.empty() ? Accept(strName, ullSize) : Refuse(strName, strTaken);
+}
+
+bool RecvSession::Accept(const std::string& aName, uint64_t aSize) {
+    auto pFile = std::make_unique<File>(m_Context.m_nDirectory, aName, aSize);
+    const std::string strProblem = pFile->m_Disk.Create();
+    if (!strProblem.empty())
+        return Refuse(aName, strProblem);
+    m_pFile = std::move(pFile);
+    m_State = RECEIVING;
+    m_Context.m_Meter.Begin(aSize);
+    return Answer(EncodeFrame(EFrame::ACCEPT));
+}
+
+bool RecvSession::OnData(std::string_view aPiece) {
+    if (m_State == SKIPPING)
+        return true;
+    if (m_State != RECEIVING || aPiece.size() > m_pFile->m_ullSize - m_pFile->m_ullGot)
+        return Fault("it sent data that belongs to no file");
+    const std::string strProblem = m_pFile->m_Disk.Write(aPiece);
+    if (!strProblem.empty()) {
+        m_State = SKIPPING;
+        return RefuseCurrent(strProblem);
+    }
+    m_pFile->m_Hash.Update(aPiece);
+    m_pFile->m_ullGot += aPiece.size();
+    m_Context.m_Meter.Advance(aPiece.size());
+    return true;
+}
+
+bool RecvSession::OnEnd(std::string_view aHash) {
+    const EState before = m_State;
+    m_State = IDLE;
+    if (before == SKIPPING)
+        return true;
+    if (before != RECEIVING || m_pFile->m_ullGot != m_pFile->m_ullSize)
+        return Fault("it ended a file too early");
+    return Keep(aHash);
+}
+
+bool RecvSession::Keep(std::string_view aHash) {
+    if (m_pFile->m_Hash.Finish() != aHash)
+        return RefuseCurrent("what arrived is not what was sent: the SHA-256 differs");
+    const std::string strProblem = m_pFile->m_Disk.Publish(m_pFile->m_strName, m_Context.m_bForce);
+    if (!strProblem.empty())
+        return RefuseCurrent(strProblem);
+    const double dSeconds = static_cast<double>(CCmClock::GetTimeOfDayUsec() - m_pFile->m_llStarted) / 1e6;
+    m_Context.m_Console.Report("received " + m_pFile->m_strName + " from " + m_strPeer + ": " + FormatBytes(m_pFile->m_ullSize),
+                               JsonLine("received")
+                                   .Add("name", m_pFile->m_strName)
+                                   .Add("peer", m_strPeer)
+                                   .Add("bytes", m_pFile->m_ullSize)
+                                   .Add("seconds", dSeconds)
+                                   .Add("sha256", ToHex(aHash)));
+    CloseFile();
+    return Answer(EncodeResult(true, ""));
+}
+
+bool RecvSession::OnAbort(std::string_view aReason) {
+    const EState before = m_State;
+    m_State = IDLE;
+    if (before == SKIPPING)
+        return true;
+    if (before != RECEIVING)
+        return Fault("it gave up a file that it had not begun");
+    return RefuseCurrent("the sender gave up: " + std::string(aReason));
+}
+
+bool RecvSession::OnBye() {
+    if (m_State != IDLE)
+        return Fault("it took its leave in the middle of a file");
+    m_bSaidBye = true;
+    return false;
+}
+
+bool RecvSession::Fault(std::string_view aText) {
+    m_strFault = aText;
+    return false;
+}
+
+bool RecvSession::FaultBroken(CmResult aReason) {
+    return Fault(std::string("the connection broke (") + cm_result_name(aReason) + ")");
+}
+
+// The peer waits for each answer, so they never pile up: one that lets them is none of ours.
+bool RecvSession::Answer(std::string_view aFrame) {
+    const auto dwLength = static_cast<DWORD>(aFrame.size());
+    CCmMessageBlock block(dwLength, aFrame.data(), CCmMessageBlock::DONT_DELETE, dwLength);
+    const CmResult rv = m_pTransport->SendData(block);
+    if (rv == CM_OK)
+        return true;
+    return rv == CM_ERROR_PARTIAL_DATA ? Fault("it does not take the answers") : FaultBroken(rv);
+}
+
+bool RecvSession::RefuseCurrent(const std::string& aReason) {
+    const std::string strName = m_pFile->m_strName;
+    CloseFile();
+    return Refuse(strName, aReason);
+}
+
+bool RecvSession::Refuse(const std::string& aName, const std::string& aReason) {
+    ++m_nRefused;
+    m_Context.m_Console.Problem("refused " + aName + " from " + m_strPeer + ": " + aReason,
+                                JsonLine("refused").Add("name", aName).Add("peer", m_strPeer).Add("reason", aReason));
+    return Answer(EncodeResult(false, aReason));
+}
+
+void RecvSession::CloseFile() {
+    if (m_pFile)
+        m_Context.m_Meter.End(m_pFile->m_ullSize, m_pFile->m_ullGot);
+    m_pFile.reset();
+}
+
+void RecvSession::ReportEnd() {
+    if (m_bSaidBye)
+        return;
+    JsonLine json("dropped");
+    json.Add("peer", m_strPeer).Add("reason", m_strFault);
+    std::string strText = "dropped " + m_strPeer + ": " + m_strFault;
+    if (m_pFile) {
+        json.Add("name", m_pFile->m_strName).Add("bytes", m_pFile->m_ullGot);
+        strText += "; of " + m_pFile->m_strName + " nothing is kept (" + FormatBytes(m_pFile->m_ullGot) + " of " +
+                   FormatBytes(m_pFile->m_ullSize) + " had come)";
+    }
+    m_Context.m_Console.Problem(strText, json);
+}
+
+void RecvSession::End() {
+    ReportEnd();
+    CloseFile();
+    m_Context.m_Owner.OnSessionEnd(*this, m_bSaidBye && m_nRefused == 0);
+}
+
+}  // namespace tool

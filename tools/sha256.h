@@ -1,0 +1,29 @@
+// SHA-256, fed in pieces. The only place that knows the library it comes from.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace tool {
+
+class Sha256 {
+public:
+    Sha256();
+    ~Sha256();
+
+    void Update(std::string_view aBytes);
+
+    // The 32 bytes; once, after the last Update. Empty if any step failed (no memory, or the algorithm is switched off on this
+    // machine): compares equal to no hash.
+    std::string Finish();
+
+private:
+    struct Context;
+    std::unique_ptr<Context> m_pContext;
+};
+
+// "9f86d0...", for people.
+std::string ToHex(std::string_view aBytes);
+
+}  // namespace tool
