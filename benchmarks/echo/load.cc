@@ -1,0 +1,115 @@
+// Loads an echo server on 127.0.0.1 and prints what it answered as JSON: "rate" (messages per second), "p50_us", "p99_us",
+// "messages", "errors", and with --pid "cpu_ns", what a message cost that process. The warm-up counts for errors only.
+#include <getopt.h>
+#include <time.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "benchmarks/echo/load_client.h"
+#include "benchmarks/support/report.h"
+#include "benchmarks/support/system.h"
+
+namespace {
+
+constexpr const char* USAGE =
+    "usage: bench_load --port PORT [--connections N] [--size BYTES] [--in-flight N] [--seconds S] [--messages N]\n"
+    "                  [--warm-up S] [--reconnect] [--pid SERVER]\n"
+    "ends after --seconds (default 1) or --messages, whichever comes first\n";
+
+struct CArguments {
+    CLoadSettings m_Load;
+    double m_dSeconds = 1;
+    double m_dWarmUp = 0.2;
+    uint64_t m_ullMessages = 0;
+    pid_t m_Server = 0;
+};
+
+bool Take(CArguments& aArguments, int aOption, const char* aText) {
+    const double dValue = aText ? std::atof(aText) : 1;
+    switch (aOption) {
+    case 'p':
+        aArguments.m_Load.m_wPort = static_cast<uint16_t>(dValue);
+        break;
+    case 'c':
+        aArguments.m_Load.m_Connections = static_cast<int>(dValue);
+        break;
+    case 's':
+        aArguments.m_Load.m_nSize = static_cast<size_t>(dValue);
+        break;
+    case 'f':
+        aArguments.m_Load.m_InFlight = static_cast<int>(dValue);
+        break;
+    case 'd':
+        aArguments.m_dSeconds = dValue;
+        break;
+    case 'm':
+        aArguments.m_ullMessages = static_cast<uint64_t>(dValue);
+        break;
+    case 'w':
+        aArguments.m_dWarmUp = dValue;
+        return dValue >= 0;
+    case 'r':
+        aArguments.m_Load.m_bReconnect = true;
+        break;
+    case 'i':
+        aArguments.m_Server = static_cast<pid_t>(dValue);
+        break;
+    default:
+        return false;
+    }
+    return dValue > 0;
+}
+
+CArguments Parse(int aArgc, char** aArgv) {
+    static const option s_Options[] = {
+        {"port", required_argument, nullptr, 'p'},    {"connections", required_argument, nullptr, 'c'},
+        {"size", required_argument, nullptr, 's'},    {"in-flight", required_argument, nullptr, 'f'},
+        {"seconds", required_argument, nullptr, 'd'}, {"messages", required_argument, nullptr, 'm'},
+        {"warm-up", required_argument, nullptr, 'w'}, {"reconnect", no_argument, nullptr, 'r'},
+        {"pid", required_argument, nullptr, 'i'},     {nullptr, 0, nullptr, 0}};
+    CArguments arguments;
+    bool bGood = true;
+    for (int nOption; bGood && (nOption = getopt_long(aArgc, aArgv, "", s_Options, nullptr)) != -1;)
+        bGood = Take(arguments, nOption, optarg);
+    if (!bGood || optind != aArgc || arguments.m_Load.m_wPort == 0) {
+        std::fputs(USAGE, stderr);
+        std::exit(2);
+    }
+    return arguments;
+}
+
+// What the process has used on all cores so far, in nanoseconds; 0 for none.
+int64_t CpuNs(pid_t aPid) {
+    clockid_t clock;
+    timespec used{};
+    if (aPid != 0 && (clock_getcpuclockid(aPid, &clock) != 0 || clock_gettime(clock, &used) != 0))
+        bench::Fail("the clock of --pid");
+    return int64_t{used.tv_sec} * 1000000000 + used.tv_nsec;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const CArguments arguments = Parse(argc, argv);
+    bench::RaiseDescriptorLimit();
+    CLoadClient client(arguments.m_Load);
+    client.Start();
+    client.Run(static_cast<int64_t>(arguments.m_dWarmUp * 1e9), 0);
+    const int64_t llCpuBefore = CpuNs(arguments.m_Server);
+    const int64_t llNs = client.Run(static_cast<int64_t>(arguments.m_dSeconds * 1e9), arguments.m_ullMessages);
+    const int64_t llCpu = CpuNs(arguments.m_Server) - llCpuBefore;
+
+    const CLoadCounters& counters = client.GetCounters();
+    const double dMessages = static_cast<double>(counters.m_ullMessages);
+    bench::CReport report;
+    report.Add("rate", dMessages * 1e9 / static_cast<double>(llNs));
+    report.Add("p50_us", counters.m_Latencies.PercentileUs(0.5));
+    report.Add("p99_us", counters.m_Latencies.PercentileUs(0.99));
+    report.Add("messages", dMessages);
+    report.Add("errors", static_cast<double>(counters.m_ullErrors));
+    if (arguments.m_Server != 0 && counters.m_ullMessages > 0)
+        report.Add("cpu_ns", static_cast<double>(llCpu) / dMessages);
+    report.Print();
+    return counters.m_ullErrors == 0 && counters.m_ullMessages > 0 ? 0 : 1;
+}

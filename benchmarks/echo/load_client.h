@@ -1,0 +1,36 @@
+// The loop of the load program: bare epoll over all connections, in one thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "benchmarks/echo/load_connection.h"
+
+class CLoadClient {
+public:
+    explicit CLoadClient(const CLoadSettings& aSettings);
+    ~CLoadClient();
+    CLoadClient(const CLoadClient&) = delete;
+    CLoadClient& operator=(const CLoadClient&) = delete;
+
+    // Opens all connections.
+    void Start();
+
+    // Runs for aNs, or until aMessages (0: any number) have come back, counted from now on; returns the nanoseconds it took.
+    int64_t Run(int64_t aNs, uint64_t aMessages);
+
+    const CLoadCounters& GetCounters() const { return m_Counters; }
+
+private:
+    void Watch(int aOperation, CLoadConnection& aConnection, uint32_t aEvents);
+    void StartConnection(CLoadConnection& aConnection);
+    void Dispatch(CLoadConnection& aConnection, uint32_t aEvents);
+
+    CLoadSettings m_Settings;
+    CPattern m_Pattern;
+    CLoadCounters m_Counters;
+    std::vector<std::unique_ptr<CLoadConnection>> m_Connections;
+    std::vector<char> m_Buffer;
+    int m_Epoll;
+};

@@ -1,0 +1,73 @@
+// One connection of the load program: keeps a number of messages under way and compares every byte that comes back.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "benchmarks/support/histogram.h"
+
+struct CLoadSettings {
+    uint16_t m_wPort = 0;
+    int m_Connections = 1;
+    size_t m_nSize = 64;        // bytes of a message
+    int m_InFlight = 1;         // messages under way on each connection
+    bool m_bReconnect = false;  // a new connection for every message
+};
+
+// What all connections count together.
+struct CLoadCounters {
+    uint64_t m_ullMessages = 0;
+    uint64_t m_ullErrors = 0;
+    bench::CHistogram m_Latencies;
+};
+
+// The bytes of all messages. Each message starts at another offset of the same noise, so none has to be put together.
+class CPattern {
+public:
+    explicit CPattern(size_t aSize);
+    const char* Message(uint64_t aNumber) const { return m_Bytes.data() + aNumber % SHIFTS; }
+
+private:
+    static constexpr size_t SHIFTS = 251;
+    std::vector<char> m_Bytes;
+};
+
+class CLoadConnection {
+public:
+    CLoadConnection(const CLoadSettings& aSettings, const CPattern& aPattern, CLoadCounters& aCounters, int aIndex);
+    ~CLoadConnection();
+    CLoadConnection(const CLoadConnection&) = delete;
+    CLoadConnection& operator=(const CLoadConnection&) = delete;
+
+    int GetHandle() const { return m_Fd; }
+    bool HasUnsent() const { return m_nOutSent < m_strOut.size(); }
+
+    // Connects and sends the first messages; false, and an error is counted, when that fails.
+    bool Start();
+
+    // Reads what is there, answers it with new messages and counts. False: the connection is over, by an error that is counted
+    // or because its one message is done.
+    bool OnReadable(char* aBuffer, size_t aSize);
+    bool Flush();
+
+private:
+    bool Connect();
+    void QueueMessage(int64_t aNow);
+    bool Compare(const char* aData, size_t aSize, int64_t aNow);
+    bool Failed();
+
+    const CLoadSettings& m_Settings;
+    const CPattern& m_Pattern;
+    CLoadCounters& m_Counters;
+    const uint64_t m_ullFirst;  // number of this connection's first message
+    int m_Index;
+    int m_Fd = -1;
+    uint64_t m_ullSent = 0;
+    uint64_t m_ullReceived = 0;
+    size_t m_nOffset = 0;  // bytes of the next message that have come back
+    std::string m_strOut;
+    size_t m_nOutSent = 0;
+    std::vector<int64_t> m_SendTimes;  // of the messages under way, as a ring
+};

@@ -1,0 +1,60 @@
+// What every program on this library needs: a main thread, calls handed to other threads, and the end in order.
+#pragma once
+
+#include <cstdlib>
+#include <type_traits>
+#include <utility>
+
+#include "talvo/talvo.h"
+
+namespace bench {
+
+// Adopts the main thread for as long as it lives; ends all threads of the library afterwards.
+class CTalvoProcess {
+public:
+    CTalvoProcess(int aArgc, char** aArgv) {
+        if (CCmThreadManager::Instance()->InitMainThread(aArgc, aArgv) != CM_OK)
+            std::exit(1);
+    }
+    ~CTalvoProcess() {
+        CCmThreadManager* pManager = CCmThreadManager::Instance();
+        pManager->StopAllThreads();
+        pManager->JoinAllThreads();
+        CCmConnectionManager::CleanupInstance();
+        pManager->GetThread(CCmThreadManager::TT_MAIN)->Destory(CM_OK);
+    }
+    CTalvoProcess(const CTalvoProcess&) = delete;
+    CTalvoProcess& operator=(const CTalvoProcess&) = delete;
+};
+
+// An event that calls a function, which returns CmResult or nothing.
+template <class Function>
+class CCallEvent : public ICmEvent {
+public:
+    explicit CCallEvent(Function aFunction) : m_Function(std::move(aFunction)) {}
+
+    CmResult OnEventFire() override {
+        if constexpr (std::is_void_v<std::invoke_result_t<Function>>) {
+            m_Function();
+            return CM_OK;
+        } else {
+            return m_Function();
+        }
+    }
+
+private:
+    Function m_Function;
+};
+
+template <class Function>
+void Post(ICmEventQueue& aQueue, Function aFunction) {
+    aQueue.PostEvent(new CCallEvent<Function>(std::move(aFunction)));
+}
+
+// Waits for the result.
+template <class Function>
+CmResult Call(ICmEventQueue& aQueue, Function aFunction) {
+    return aQueue.SendEvent(new CCallEvent<Function>(std::move(aFunction)));
+}
+
+}  // namespace bench
