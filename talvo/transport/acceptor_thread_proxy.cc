@@ -43,9 +43,10 @@ CmResult CAcceptorProxyCore::StartListen(ICmAcceptorConnectorSink* aSink, const 
 
 CmResult CAcceptorProxyCore::StopListen(CmResult aReason) {
     ForgetSink_i();
-    return GetNetwork().Call([=, pThis = CCmRefPtrT<CAcceptorProxyCore>(this)] {
+    const CmResult rv = GetNetwork().Call([=, pThis = CCmRefPtrT<CAcceptorProxyCore>(this)] {
         return pThis->m_pAcceptor ? pThis->m_pAcceptor->StopListen(aReason) : CM_OK;
     });
+    return rv == CM_ERROR_NOT_AVAILABLE ? CM_OK : rv;  // the network thread has ended, and the listening with it
 }
 
 CmResult CAcceptorProxyCore::GetListenAddr(CCmInetAddr& aAddr) {

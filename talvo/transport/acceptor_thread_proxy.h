@@ -47,9 +47,9 @@ private:
 }  // namespace talvo
 
 // What the connection manager hands to threads other than the network thread. Indications arrive in the thread that made the
-// proxy, with a CCmTransportThreadProxy each. StartListen, StopListen and GetListenAddr wait for the network thread:
-// CM_ERROR_NOT_AVAILABLE when it has ended. After StopListen or the last release no indication arrives, even one that was
-// already posted; a transport that it carried is closed.
+// proxy, with a CCmTransportThreadProxy each. StartListen, StopListen and GetListenAddr wait for the network thread;
+// the first and the last return CM_ERROR_NOT_AVAILABLE when it has ended. After StopListen or the last release no indication
+// arrives, even one that was already posted; a transport that it carried is closed.
 class TALVO_API CCmAcceptorThreadProxy final : public talvo::CThreadProxyT<ICmAcceptor, talvo::CAcceptorProxyCore> {
 public:
     CCmAcceptorThreadProxy(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, talvo::CAcceptorFactory aFactory)

@@ -44,6 +44,8 @@ private:
 class CProxyReceiveQueue {
 public:
     static constexpr DWORD DEFAULT_LIMIT = 1 << 20;
+    // What a chunk counts beyond its payload: a peer that sends single bytes must not make us keep a hundred times as much.
+    static constexpr DWORD CHUNK_COST = 128;
 
     ~CProxyReceiveQueue();
 

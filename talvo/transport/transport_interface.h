@@ -51,7 +51,8 @@ enum ECmTransportOption : DWORD {
     CM_OPT_TRANSPORT_PAUSE_READING = 141,  // get, set BOOL: no OnReceive and no notice of an orderly close by the peer until it
                                            // is FALSE again; nothing is lost. A connection that fails is told all the same
     CM_OPT_TRANSPORT_PROXY_SEND_LIMIT = 142,  // get, set DWORD: thread proxies only, see CCmTransportThreadProxy
-    CM_OPT_TRANSPORT_PROXY_RECV_LIMIT = 143   // get, set DWORD: thread proxies only
+    CM_OPT_TRANSPORT_PROXY_RECV_LIMIT = 143,  // get, set DWORD: thread proxies only
+    CM_OPT_TRANSPORT_UNACKNOWLEDGED = 144     // get DWORD: bytes sent that the peer's system has not acknowledged; TCP only
 };
 
 // Implemented by the user of a transport. All calls come in the transport's thread: a thread proxy's in the thread that made

@@ -17,6 +17,7 @@ CCmLiveCounter s_Live("CCmTransportThreadProxy");
 
 constexpr DWORD STREAM_TYPE_MASK = 0xFFF0FFFF;  // base type and protocol, without the thread flags
 constexpr DWORD DEFAULT_LINGER_SECONDS = 30;
+constexpr long LINGER_LOOK_USEC = 10000;  // between two looks whether the peer has everything
 
 // The last block of a chain, and how many there are.
 std::pair<CCmMessageBlock*, DWORD> EndOf(CCmMessageBlock* aChain) {
@@ -65,7 +66,7 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
         Lost_i(CM_ERROR_OUT_OF_MEMORY);  // a stream with a hole in it would be worse
         return;
     }
-    if (m_ReceiveQueue.Push(pChunk, pChunk->GetChainedLength()))
+    if (m_ReceiveQueue.Push(pChunk, pChunk->GetChainedLength() + CProxyReceiveQueue::CHUNK_COST))
         ApplyReading_i();
     if (PostUpcall_i() != CM_OK) {  // the user's thread has ended
         m_bClosed = TRUE;
@@ -96,7 +97,7 @@ void CTransportProxyCore::Drain() {
     m_stSent = 0;
     if (m_SendQueue.Take(m_Sending))
         m_DrainEvent.Post(GetNetwork());
-    else if (m_pLingerTimers)
+    else if (m_pLingerTimers && !HasUnacknowledged_i())
         LetGo_i(CM_OK);
 }
 
@@ -119,8 +120,9 @@ CCmMessageBlock* CTransportProxyCore::NextChain_i() {
 
 CmResult CTransportProxyCore::SendUnsent_i() {
     CCmTransportParameter para;
-    const CmResult rv = m_pTransport->SendData(*m_pUnsent, &para);
-    m_pUnsent = m_pUnsent->ReclaimGarbage();
+    CCmMessageBlock* pChain = std::exchange(m_pUnsent, nullptr);  // the send may end the connection, and free what is ours
+    const CmResult rv = m_pTransport->SendData(*pChain, &para);
+    m_pUnsent = pChain->ReclaimGarbage();
     if (m_SendQueue.Sent(para.m_dwHaveSent)) {
         m_bOnSendDue = TRUE;
         PostUpcall_i();
@@ -136,10 +138,17 @@ void CTransportProxyCore::ApplyReading_i() {
     m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);
 }
 
+// What the peer's system has not acknowledged would be lost by closing while it sends: its bytes, unread here, would be
+// answered with a reset.
+BOOL CTransportProxyCore::HasUnacknowledged_i() {
+    DWORD dwBytes = 0;
+    return m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK && dwBytes > 0;
+}
+
 void CTransportProxyCore::Disconnect_i(CmResult aReason) {
     if (!m_pTransport || m_pLingerTimers)
         return;
-    if (aReason == CM_OK && !m_SendQueue.IsEmpty())
+    if (aReason == CM_OK && (!m_SendQueue.IsEmpty() || HasUnacknowledged_i()))
         Linger_i();
     else
         LetGo_i(aReason);
@@ -147,8 +156,9 @@ void CTransportProxyCore::Disconnect_i(CmResult aReason) {
 
 void CTransportProxyCore::Linger_i() {
     const DWORD dwSeconds = get_uint32_param("Proxy", "LingerSeconds", DEFAULT_LINGER_SECONDS);
+    m_tvLingerEnd = CCmTimeValue::GetTimeOfDay() + CCmTimeValue(static_cast<long>(dwSeconds));
     ICmTimerQueue* pTimers = CCmThreadManager::Instance()->GetThreadTimerQueue(CCmThreadManager::TT_CURRENT);
-    const CmResult rv = pTimers ? pTimers->ScheduleTimer(this, nullptr, CCmTimeValue(static_cast<long>(dwSeconds)), 1) : CM_OK;
+    const CmResult rv = pTimers ? pTimers->ScheduleTimer(this, nullptr, CCmTimeValue(0, LINGER_LOOK_USEC), 0) : CM_OK;
     if (!pTimers || (rv != CM_OK && rv != CM_ERROR_FOUND)) {
         LetGo_i(CM_OK);
         return;
@@ -159,9 +169,12 @@ void CTransportProxyCore::Linger_i() {
         Open_i();
 }
 
-void CTransportProxyCore::OnTimeout(const CCmTimeValue&, void*) {
-    CM_WARNING_TRACE_THIS("CTransportProxyCore::OnTimeout, data unsent when closing.");
-    LetGo_i(CM_OK);
+void CTransportProxyCore::OnTimeout(const CCmTimeValue& aCurTime, void*) {
+    const BOOL bOver = aCurTime >= m_tvLingerEnd;
+    if (bOver)
+        CM_WARNING_TRACE_THIS("CTransportProxyCore::OnTimeout, data unsent when closing.");
+    if (bOver || (m_SendQueue.IsEmpty() && !HasUnacknowledged_i()))
+        LetGo_i(CM_OK);
 }
 
 // The transport is of no use any more, and the user has not asked for that.

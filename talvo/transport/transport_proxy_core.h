@@ -20,7 +20,8 @@ namespace talvo {
 // costs one wake-up. What is refused in the network thread, or by a full queue, is told with OnSend when half of it has gone.
 //
 // Network side: hosted while it holds the transport. Leaving ends it: Disconnect, the peer's close, the thread's end. A
-// Disconnect(CM_OK) with bytes unsent lingers first, for a bounded time, without a sink and dropping what comes in.
+// Disconnect(CM_OK) with bytes unsent or not acknowledged lingers first, for a bounded time, without a sink and dropping what
+// comes in.
 class TALVO_API CTransportProxyCore final : public CProxyCore, public ICmTransportSink, public ICmTimerHandler {
 public:
     // In the network thread, which keeps aTransport. aType: the connection type; base type 1 without a protocol is a stream,
@@ -46,7 +47,7 @@ public:
 
     void OnThreadEnd() override;
     void OnEventDropped() override;
-    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // has lingered long enough
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // lingering: done, or long enough
 
 private:
     // User's thread.
@@ -63,6 +64,7 @@ private:
     CCmMessageBlock* NextChain_i();
     void ApplyReading_i();
     void Disconnect_i(CmResult aReason);
+    BOOL HasUnacknowledged_i();
     void Linger_i();
     void Lost_i(CmResult aReason);
     void LetGo_i(CmResult aReason);
@@ -97,6 +99,7 @@ private:
     BOOL m_bOpened = FALSE;
     BOOL m_bReadingPaused = FALSE;             // as the transport was told
     ICmTimerQueue* m_pLingerTimers = nullptr;  // not owned; set when lingering: this thread's, which may be unregistered by now
+    CCmTimeValue m_tvLingerEnd;
 };
 
 }  // namespace talvo

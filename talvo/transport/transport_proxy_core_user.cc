@@ -136,7 +136,7 @@ BOOL CTransportProxyCore::Deliver_i() {
     for (int nBatch = 0; nBatch < 2; ++nBatch) {
         while (m_stDelivered < m_Delivering.size() && !m_bPausedByUser) {
             CCmMessageBlock* pChunk = m_Delivering[m_stDelivered++];
-            dwTaken += pChunk->GetChainedLength();
+            dwTaken += pChunk->GetChainedLength() + CProxyReceiveQueue::CHUNK_COST;
             if (ICmTransportSink* pSink = m_pSink)
                 pSink->OnReceive(*pChunk, m_pProxy, nullptr);
             pChunk->DestroyChained();

@@ -1,4 +1,5 @@
 // The option table of the TCP transport.
+#include <linux/sockios.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -55,6 +56,8 @@ CmResult CCmTransportTcp::GetOption(DWORD aCommand, void* aArg) {
             return CM_OK;
         CM_WARNING_TRACE_THIS("CCmTransportTcp::GetOption, (CM_OPT_TRANSPORT_FIO_NREAD) failed! err=" << errno);
         return CM_ERROR_NETWORK_SOCKET_ERROR;
+    case CM_OPT_TRANSPORT_UNACKNOWLEDGED:
+        return m_SocketTcp.Control(SIOCOUTQ, aArg) == 0 ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
     case CM_OPT_TRANSPORT_FD:
         *static_cast<HANDLE*>(aArg) = GetHandle();
         return CM_OK;

@@ -12,14 +12,14 @@
 // follows when half of the limit has drained. Sends on a raw TCP transport are joined, up to 64 pieces a system call. CM_OK
 // says that the data is on its way: it is lost only when the connection is.
 //
-// Receiving: OnReceive gets a duplicate of its own. When more than a limit (1 MiB; CM_OPT_TRANSPORT_PROXY_RECV_LIMIT) waits for
-// the user's thread, reading stops until half of it is taken. CM_OPT_TRANSPORT_PAUSE_READING pauses by hand, at once: no
-// OnReceive and no OnDisconnect until it is set to FALSE.
+// Receiving: OnReceive gets a duplicate of its own. When more than a limit (1 MiB, each chunk counting 128 bytes beyond its
+// payload; CM_OPT_TRANSPORT_PROXY_RECV_LIMIT) waits for the user's thread, reading stops until half of it is taken.
+// CM_OPT_TRANSPORT_PAUSE_READING pauses by hand, at once: no OnReceive and no OnDisconnect until it is set to FALSE.
 //
-// Disconnect, and the last release, let data that was accepted go out first when the reason is CM_OK, for at most 30 s (key
-// "LingerSeconds" in section "Proxy"). No upcall follows either, even one that was already posted. Releasing inside any upcall
-// is safe. CM_ERROR_NULL_POINTER: the transport is gone. CM_ERROR_NOT_AVAILABLE: the network thread is. When the network thread
-// ends, OnDisconnect says CM_ERROR_NETWORK_SOCKET_CLOSE.
+// Disconnect, and the last release, let data that was accepted go out first when the reason is CM_OK, and the peer's
+// system acknowledge it, for at most 30 s (key "LingerSeconds" in section "Proxy"). No upcall follows either, even one that was
+// already posted. Releasing inside any upcall is safe. CM_ERROR_NULL_POINTER: the transport is gone. CM_ERROR_NOT_AVAILABLE:
+// the network thread is. When the network thread ends, OnDisconnect says CM_ERROR_NETWORK_SOCKET_CLOSE.
 //
 // The options 141 to 143 are the proxy's own; all others wait for the network thread. OnSend comes during a pause, too. Sends
 // of several threads stay whole, in an order of their own.

@@ -11,9 +11,7 @@ TEST(ByteStream, NumbersAreBigEndianAndComeBack) {
     CCmByteStreamNetwork out(mb);
     out << BYTE{0x01} << WORD{0x0203} << DWORD{0x04050607} << int16_t{-2};
     out.WriteString("hey", 3);
-    out.WriteString(nullptr, 0);
-    EXPECT_EQ(out.GetWriteResult(), CM_OK);
-    EXPECT_EQ(mb.FlattenChained(), CCmString("\1\2\3\4\5\6\7\xff\xfe\0\3hey\0\0", 16));
+    EXPECT_EQ(mb.FlattenChained(), CCmString("\1\2\3\4\5\6\7\xff\xfe\0\3hey", 14));
 
     CCmMessageBlock* pRest = mb.Disjoint(5);  // a number may lie across blocks
     mb.Append(pRest);
@@ -26,46 +24,32 @@ TEST(ByteStream, NumbersAreBigEndianAndComeBack) {
     in >> b >> w >> dw >> s;
     EXPECT_EQ(in.ReadString(strText), CM_OK);
     EXPECT_EQ(std::make_tuple(b, w, dw, s, strText), std::make_tuple(1, 0x0203, 0x04050607u, -2, "hey"));
-    EXPECT_EQ(in.ReadString(strText), CM_OK);
-    EXPECT_EQ(strText, "");
     pRest->DestroyChained();
 }
 
 TEST(ByteStream, TheFirstFailureSticksAndEachSkippedCallIsTraced) {
     CCmTraceCapture trace;
-    CCmMessageBlock mb(3, "abc", 0, 3);
+    CCmMessageBlock mb(4, "\xff\xffxy", 0, 4);
     CCmByteStreamNetwork in(mb);
-    DWORD dw = 7;
     BYTE b = 7;
     CCmString strText = "before";
-    in >> dw >> b;
-    EXPECT_EQ(in.ReadString(strText), CM_ERROR_PARTIAL_DATA);
-    EXPECT_EQ(std::make_tuple(dw, b, strText), std::make_tuple(7u, 7, "before"));
-    EXPECT_EQ(trace.Count("CCmByteStreamT::Read, can't read. m_ResultRead=10013 this=0x"), 3u);
+    EXPECT_EQ(in.ReadString(strText), CM_ERROR_PARTIAL_DATA);  // says that it is longer than the block
+    in >> b;
+    EXPECT_EQ(std::make_tuple(b, strText), std::make_tuple(7, "before"));
+    EXPECT_EQ(trace.Count("CCmByteStreamT::Read, can't read. m_ResultRead=10013 this=0x"), 2u);
 
     CCmMessageBlock small(3);
-    CCmByteStreamNetwork out(small);
-    out << DWORD{1} << BYTE{2};
-    EXPECT_EQ(out.GetWriteResult(), CM_ERROR_PARTIAL_DATA);
+    CCmByteStreamNetwork(small) << DWORD{1} << BYTE{2};
     EXPECT_EQ(trace.Count("CCmByteStreamT::Write, can't write. m_ResultWrite=10013 this=0x"), 2u);
 }
 
 TEST(ByteStream, ALongStringIsWrittenModulo65536) {
-    const CCmString strLong(70000, 'x');
     CCmMessageBlock mb(100000);
-    CCmByteStreamNetwork out(mb);
-    EXPECT_EQ(out.WriteString(strLong.data(), 70000), CM_OK);
+    EXPECT_EQ(CCmByteStreamNetwork(mb).WriteString(CCmString(70000, 'x').data(), 70000), CM_OK);
     EXPECT_EQ(mb.GetTopLevelLength(), 2u + 4464u);
     CCmString strBack;
     EXPECT_EQ(CCmByteStreamNetwork(mb).ReadString(strBack), CM_OK);
-    EXPECT_EQ(strBack, strLong.substr(0, 4464));
-}
-
-TEST(ByteStream, AStringLongerThanTheBlockIsRefused) {
-    CCmMessageBlock mb(4, "\xff\xffxy", 0, 4);
-    CCmString strText = "before";
-    EXPECT_EQ(CCmByteStreamNetwork(mb).ReadString(strText), CM_ERROR_PARTIAL_DATA);
-    EXPECT_EQ(strText, "before");
+    EXPECT_EQ(strBack.size(), 4464u);
 }
 
 }  // namespace

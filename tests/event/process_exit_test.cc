@@ -37,35 +37,21 @@ void ExitInACallback() {
     Manager().GetThread(CCmThreadManager::TT_MAIN)->OnThreadRun();
 }
 
-void ExitInTheMainLoop() {
-    StartNetworkThread();
-    KeepBusy();
-    PostTo(*Manager().GetThreadEventQueue(CCmThreadManager::TT_MAIN), [] { exit(5); });
-    Manager().GetThread(CCmThreadManager::TT_MAIN)->OnThreadRun();
-}
-
-CCmEventThread& MayGoOn() {
-    static CCmEventThread& s_Event = *new CCmEventThread;
-    return s_Event;
-}
-CCmEventThread& WentOn() {
-    static CCmEventThread& s_Event = *new CCmEventThread;
-    return s_Event;
-}
-
 // A thread that Join gave up on and Destory took from the registry comes back when the clean-up at exit is over.
 void ExitBeforeAThreadComesBack() {
+    static CCmEventThread& s_MayGoOn = *new CCmEventThread;
+    static CCmEventThread& s_WentOn = *new CCmEventThread;
     atexit([] {
-        MayGoOn().Signal();
-        WentOn().Wait();
+        s_MayGoOn.Signal();
+        s_WentOn.Wait();
     });
     CMainThread main;
     ACmThread* pThread = nullptr;
     Manager().CreateUserTaskThread(pThread);
     pThread->GetLink().PostEvent(new CTestEvent([pManager = &Manager()] {
-        MayGoOn().Wait();
+        s_MayGoOn.Wait();
         pManager->GetThread(CCmThreadManager::TT_CURRENT);
-        WentOn().Signal();
+        s_WentOn.Signal();
         return CM_OK;
     }));
     Manager().StopAllThreads();
@@ -75,24 +61,11 @@ void ExitBeforeAThreadComesBack() {
     exit(6);
 }
 
-void ExitAfterAnOrderlyEnd() {
-    ACmThread* pThread = StartNetworkThread();
-    Manager().StopAllThreads();
-    while (pThread->Join() != CM_OK) {
-    }
-    pThread->Destory(CM_OK);
-    Manager().GetThread(CCmThreadManager::TT_MAIN)->Destory(CM_OK);
-    CCmThreadManager::CleanupOnlyOne();  // by hand; the one at exit finds nothing
-    exit(7);
-}
-
 }  // namespace
 
 TEST(ProcessExitDeathTest, EndsCleanlyFromWhereverItIs) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(ExitWithoutShutdown(), testing::ExitedWithCode(3), "");
     EXPECT_EXIT(ExitInACallback(), testing::ExitedWithCode(4), "");
-    EXPECT_EXIT(ExitInTheMainLoop(), testing::ExitedWithCode(5), "");
     EXPECT_EXIT(ExitBeforeAThreadComesBack(), testing::ExitedWithCode(6), "");
-    EXPECT_EXIT(ExitAfterAnOrderlyEnd(), testing::ExitedWithCode(7), "");
 }

@@ -6,7 +6,6 @@
 #include "talvo/event/event_delete.h"
 #include "talvo/event/timer_delete.h"
 #include "tests/support/event_helpers.h"
-#include "tests/support/trace_capture.h"
 
 namespace {
 
@@ -22,14 +21,9 @@ private:
 
 struct CTarget {
     explicit CTarget(std::atomic<int>& aDead) : m_Dead(aDead) {}
-    ~CTarget() {
-        m_dwThread = cm_thread_self_id();
-        ++m_Dead;
-    }
+    ~CTarget() { ++m_Dead; }
     std::atomic<int>& m_Dead;
-    static std::atomic<DWORD> m_dwThread;  // where the last one died
 };
-std::atomic<DWORD> CTarget::m_dwThread{0};
 
 }  // namespace
 
@@ -50,14 +44,6 @@ TEST(ReferenceControlTest, TheTimerDeletesAfterTheCallHasReturned) {
     EXPECT_EQ(1, nDead);
 }
 
-TEST(ReferenceControlTest, WithoutATimerQueueDeletionIsAtOnceAndLogged) {
-    CCmTraceCapture trace;
-    std::atomic<int> nDead{0};
-    CCmRefPtrT<CLate>(new CLate(nDead)).Reset();
-    EXPECT_EQ(1, nDead);
-    EXPECT_TRUE(trace.Contains("CCmTimerDeleteT::Launch, ScheduleTimer() failde! rv=10005"));
-}
-
 // Whichever thread class ends first, and also what dies only because another object did.
 TEST(ReferenceControlTest, PendingDeletionsHappenWhenTheThreadEnds) {
     for (const auto kind : {CScopedThread::REACTOR, CScopedThread::TASK}) {
@@ -74,33 +60,4 @@ TEST(ReferenceControlTest, PendingDeletionsHappenWhenTheThreadEnds) {
         }
         EXPECT_EQ(3, nDead);
     }
-}
-
-TEST(ReferenceControlTest, TheEventDeletesBehindEarlierPostsOrAtOnceWhenTheThreadIsGone) {
-    std::atomic<int> nDead{0};
-    int nDeadBefore = -1;
-    CScopedThread thread(CScopedThread::REACTOR);
-    const DWORD dwThread = thread->GetThreadId();
-    CCmRefPtrT<CCmThreadLink> pLink(&thread->GetLink());
-    CCmEventThread mayRun;
-    pLink->PostEvent(new CTestEvent([&] {
-        mayRun.Wait();
-        nDeadBefore = nDead;
-        return CM_OK;
-    }));
-    auto* pDelete = new CCmEventDeleteT<CTarget>(new CTarget(nDead));
-    EXPECT_EQ(CM_OK, pDelete->Launch(*pLink));
-    EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, pDelete->Launch(*pLink));
-    mayRun.Signal();
-    pLink->Call([] { return CM_OK; });
-    EXPECT_EQ(0, nDeadBefore);
-    EXPECT_EQ(1, nDead);
-    EXPECT_EQ(dwThread, CTarget::m_dwThread);
-
-    thread.End();
-    CCmTraceCapture trace;
-    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, (new CCmEventDeleteT<CTarget>(new CTarget(nDead)))->Launch(*pLink));
-    EXPECT_EQ(2, nDead);
-    EXPECT_EQ(cm_thread_self_id(), CTarget::m_dwThread);
-    EXPECT_TRUE(trace.Contains("CCmEventDeleteT::Launch, PostEvent() failed! rv=10009"));
 }

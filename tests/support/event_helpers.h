@@ -90,12 +90,12 @@ class CScopedThread {
 public:
     enum EKind { REACTOR, TASK, EVENT_QUEUE_ONLY };
 
-    explicit CScopedThread(EKind aKind, CCmThreadManager::TFlag aFlag = CCmThreadManager::TF_JOINABLE) {
+    explicit CScopedThread(EKind aKind) {
         CCmThreadManager* pManager = CCmThreadManager::Instance();
         const CmResult rv = aKind == REACTOR
                                 ? pManager->CreateReactorThread(pManager->GetAndIncreamUserType(),
                                                                 CCmThreadManager::CreateNetworkReactor(), m_pThread)
-                                : pManager->CreateUserTaskThread(m_pThread, aFlag, aKind == TASK);
+                                : pManager->CreateUserTaskThread(m_pThread, CCmThreadManager::TF_JOINABLE, aKind == TASK);
         EXPECT_EQ(CM_OK, rv);
     }
     ~CScopedThread() { End(); }

@@ -12,12 +12,6 @@
 // errors, warnings and information are on from the start. Any thread may trace and look; one capture at a time.
 class CCmTraceCapture : public ICmTraceSink {
 public:
-    struct CLine {
-        DWORD m_dwLevel;
-        std::string m_strModule;  // empty: none given
-        std::string m_strText;
-    };
-
     CCmTraceCapture() {
         CCmTrace::SetSink(this);
         CCmTrace::Enable(TRUE);
@@ -33,27 +27,22 @@ public:
     size_t Count(const std::string& aText) const {
         const auto lines = Lines();
         return static_cast<size_t>(std::count_if(
-            lines.begin(), lines.end(), [&](const CLine& aLine) { return aLine.m_strText.find(aText) != std::string::npos; }));
+            lines.begin(), lines.end(), [&](const std::string& aLine) { return aLine.find(aText) != std::string::npos; }));
     }
     BOOL Contains(const std::string& aText) const { return Count(aText) > 0; }
 
     // Everything so far, in order.
-    std::vector<CLine> Lines() const {
+    std::vector<std::string> Lines() const {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         return m_Lines;
     }
 
-    void Clear() {
+    void OnTrace(DWORD, const char*, std::string_view aText) override {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
-        m_Lines.clear();
-    }
-
-    void OnTrace(DWORD aLevel, const char* aModule, std::string_view aText) override {
-        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
-        m_Lines.push_back({aLevel, aModule ? aModule : "", std::string(aText)});
+        m_Lines.emplace_back(aText);
     }
 
 private:
     mutable CCmMutexThread m_Mutex;
-    std::vector<CLine> m_Lines CM_GUARDED_BY(m_Mutex);
+    std::vector<std::string> m_Lines CM_GUARDED_BY(m_Mutex);
 };

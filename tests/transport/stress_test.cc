@@ -1,0 +1,208 @@
+// Random use from several user threads at once.
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <random>
+
+#include "tests/support/network_fixture.h"
+
+namespace {
+
+constexpr int USERS = 3;
+constexpr int CONNECTIONS = 4;
+constexpr int STEPS = 4000;
+
+// Both directions carry the bytes of this sequence, each connection from its beginning: whatever is lost, doubled or out of
+// order shows.
+char SequenceByte(uint64_t aPosition) { return static_cast<char>((aPosition * 131) ^ (aPosition >> 8)); }
+
+// One end of a connection: checks what comes and counts what goes. Used in its user's thread.
+class CStressEnd : public ICmTransportSink {
+public:
+    explicit CStressEnd(std::minstd_rand& aRandom) : m_Random(aRandom) {}
+    ~CStressEnd() override { Release(); }
+
+    void Use(ICmTransport* aTransport) {
+        m_pTransport = aTransport;
+        m_ullSent = m_ullReceived = 0;
+        m_bFull = FALSE;
+        m_pTransport->OpenWithSink(this);
+    }
+    BOOL IsFree() const { return !m_pTransport; }
+
+    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter*) override {
+        EXPECT_EQ(m_pTransport.Get(), aTrptId);
+        for (const char c : aData.FlattenChained()) {
+            if (SequenceByte(m_ullReceived++) != c) {
+                ADD_FAILURE() << "wrong byte before position " << m_ullReceived;
+                break;
+            }
+        }
+        if (m_Random() % 64 == 0)
+            Release();
+    }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override {
+        EXPECT_TRUE(m_bFull);
+        m_bFull = FALSE;
+        if (m_Random() % 8 == 0)
+            Release();
+    }
+    void OnDisconnect(CmResult, ICmTransport*) override { Release(); }
+
+    void Step() {
+        if (IsFree())
+            return;
+        switch (m_Random() % 40) {
+        case 0:
+            m_pTransport->Disconnect(m_Random() % 2 ? CM_OK : CM_ERROR_NETWORK_SOCKET_CLOSE);
+            Release();
+            break;
+        case 1:
+            Release();
+            break;
+        case 2:
+            Pause(m_Random() % 2);
+            break;
+        case 3: {
+            DWORD dwType = 0;
+            m_pTransport->GetOption(CM_OPT_TRANSPORT_TRAN_TYPE, &dwType);
+            break;
+        }
+        default:
+            Send(m_Random() % (m_Random() % 8 ? 300 : 70000));
+        }
+    }
+
+private:
+    void Send(DWORD aSize) {
+        std::string strData(aSize, '\0');
+        for (DWORD i = 0; i < aSize; ++i)
+            strData[i] = SequenceByte(m_ullSent + i);
+        CCmTransportParameter para;
+        const CmResult rv = SendText(*m_pTransport, strData, &para);
+        m_ullSent += para.m_dwHaveSent;
+        EXPECT_TRUE(rv != CM_OK || para.m_dwHaveSent == aSize);
+        if (rv == CM_ERROR_PARTIAL_DATA)
+            m_bFull = TRUE;
+    }
+    void Pause(BOOL aPause) { m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &aPause); }
+    void Release() { m_pTransport.Reset(); }
+
+    std::minstd_rand& m_Random;
+    CCmRefPtrT<ICmTransport> m_pTransport;
+    uint64_t m_ullSent = 0;
+    uint64_t m_ullReceived = 0;
+    BOOL m_bFull = FALSE;
+};
+
+// A server and its clients in one user thread; both ends of every connection are its own or another user's.
+class CStressUser : public ICmAcceptorConnectorSink, public ICmEvent {
+public:
+    CStressUser(unsigned aSeed, const std::vector<CCmInetAddr>& aServers) : m_Random(aSeed), m_Servers(aServers) {
+        for (auto& pEnd : m_Ends)
+            pEnd = std::make_unique<CStressEnd>(m_Random);
+    }
+
+    // All in the user's thread.
+    CCmInetAddr Listen() {
+        CCmInetAddr addr;
+        m_pAcceptor = CTestNetwork::MakeAcceptor();
+        EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(this, CCmInetAddr("127.0.0.1", 0)));
+        EXPECT_EQ(CM_OK, m_pAcceptor->GetListenAddr(addr));
+        return addr;
+    }
+    void Run(ACmThread* aThread, std::chrono::steady_clock::time_point aEnd) {
+        m_pThread = aThread;
+        m_End = aEnd;
+        m_pThread->GetLink().PostEvent(this);
+    }
+    CmResult OnEventFire() override {
+        ++m_nSteps;
+        m_Ends[m_Random() % m_Ends.size()]->Step();
+        if (m_Random() % 10 == 0)
+            ConnectSomewhere();
+        return CM_OK;
+    }
+    // One post after another, so that upcalls come between the steps.
+    void OnDestorySelf() override {
+        if (m_nSteps < STEPS || std::chrono::steady_clock::now() < m_End)
+            m_pThread->GetLink().PostEvent(this);
+        else
+            m_bDone = TRUE;
+    }
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override {
+        m_nConnected += aReason == CM_OK;
+        const auto itFree = std::find_if(m_Ends.begin(), m_Ends.end(), [](const auto& a) { return a->IsFree(); });
+        if (aTrpt && itFree != m_Ends.end())
+            (*itFree)->Use(aTrpt);
+        if (aId->IsConnector() && m_Random() % 2)
+            m_pConnector.Reset();
+    }
+    void End() {
+        m_pConnector.Reset();
+        m_pAcceptor.Reset();
+        for (auto& pEnd : m_Ends)
+            pEnd.reset();
+    }
+
+    std::atomic<BOOL> m_bDone{FALSE};
+    int m_nConnected = 0;
+
+private:
+    void ConnectSomewhere() {
+        if (!m_pConnector)
+            m_pConnector = CTestNetwork::MakeConnector();
+        CCmTimeValue tvTimeout(0, static_cast<long>(m_Random() % 20000));
+        m_pConnector->AsycConnect(this, m_Servers[m_Random() % m_Servers.size()], m_Random() % 4 ? nullptr : &tvTimeout);
+        if (m_Random() % 8 == 0)
+            m_pConnector->CancelConnect();
+        if (m_Random() % 8 == 0)
+            m_pConnector.Reset();
+    }
+
+    std::minstd_rand m_Random;
+    const std::vector<CCmInetAddr>& m_Servers;
+    ACmThread* m_pThread = nullptr;
+    std::chrono::steady_clock::time_point m_End;
+    CCmRefPtrT<ICmAcceptor> m_pAcceptor;
+    CCmRefPtrT<ICmConnector> m_pConnector;
+    std::array<std::unique_ptr<CStressEnd>, 2 * CONNECTIONS> m_Ends;
+    int m_nSteps = 0;
+};
+
+}  // namespace
+
+// TALVO_STRESS_SECONDS makes it longer, TALVO_STRESS_SEED repeats one.
+TEST(StressTest, RandomUseFromSeveralThreads) {
+    const char* pSeconds = getenv("TALVO_STRESS_SECONDS");
+    const char* pSeed = getenv("TALVO_STRESS_SEED");
+    const unsigned nSeed = pSeed ? static_cast<unsigned>(atoi(pSeed)) : std::random_device()();
+    printf("TALVO_STRESS_SEED=%u\n", nSeed);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(pSeconds ? atoi(pSeconds) : 0);
+
+    CTestNetwork network;
+    std::vector<CCmInetAddr> servers(USERS);
+    std::vector<std::unique_ptr<CScopedThread>> threads;
+    std::vector<std::unique_ptr<CStressUser>> users;
+    for (unsigned i = 0; i < USERS; ++i) {
+        threads.push_back(std::make_unique<CScopedThread>(i == 0 ? CScopedThread::EVENT_QUEUE_ONLY : CScopedThread::TASK));
+        users.push_back(std::make_unique<CStressUser>(nSeed + i, servers));
+        (*threads[i])->GetLink().Call([&] {
+            servers[i] = users[i]->Listen();
+            return CM_OK;
+        });
+    }
+    for (unsigned i = 0; i < USERS; ++i)
+        users[i]->Run(threads[i]->Get(), end);
+    int nConnected = 0;
+    for (unsigned i = 0; i < USERS; ++i) {
+        YieldUntil([&] { return users[i]->m_bDone.load(); });
+        (*threads[i])->GetLink().Call([&] {
+            nConnected += users[i]->m_nConnected;
+            users[i]->End();
+            return CM_OK;
+        });
+    }
+    EXPECT_GT(nConnected, 0);
+    printf("%d connections\n", nConnected);
+}
