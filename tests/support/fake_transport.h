@@ -1,6 +1,7 @@
 // A transport without a socket.
 #pragma once
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -8,13 +9,13 @@
 #include "tests/support/network_fixture.h"
 
 // What stands in the network thread behind a proxy; the test decides how much it takes. Used in the network thread only, but
-// for the count of disconnects and whether it still lives.
+// for the count of disconnects.
 class CFakeTransport : public ICmTransport, public CCmReferenceControlT<CCmMutexThread> {
 public:
     static constexpr DWORD EVERYTHING = 0xFFFFFFFF;
 
-    explicit CFakeTransport(std::atomic<int>& aAlive) : m_nAlive(aAlive) { ++m_nAlive; }
-    ~CFakeTransport() override { --m_nAlive; }
+    CFakeTransport() { ++s_Live; }
+    ~CFakeTransport() override { --s_Live; }
     DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
     DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
 
@@ -25,30 +26,22 @@ public:
     ICmTransportSink* GetSink() override { return m_pSink; }
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) override {
         iovec pieces[256];
-        const DWORD dwPieces = aData.FillIov(pieces, 256);
+        m_Calls.push_back(aData.FillIov(pieces, 256));
+        m_pFirst = pieces[0].iov_base;
         const DWORD dwLength = aData.GetChainedLength();
-        const DWORD dwTaken = std::min(dwLength, m_dwRoom);
-        m_Calls.push_back(dwPieces);
-        m_pFirst = dwPieces > 0 ? pieces[0].iov_base : nullptr;
-        m_strSent += aData.FlattenChained().substr(0, dwTaken);
-        aData.AdvanceChainedReadPtr(dwTaken);
-        aPara->m_dwHaveSent = dwTaken;
+        aPara->m_dwHaveSent = std::min(dwLength, m_dwRoom);
+        m_strSent += aData.FlattenChained().substr(0, aPara->m_dwHaveSent);
+        aData.AdvanceChainedReadPtr(aPara->m_dwHaveSent);
         if (m_dwRoom != EVERYTHING)
-            m_dwRoom -= dwTaken;
-        return dwTaken == dwLength ? CM_OK : CM_ERROR_PARTIAL_DATA;
+            m_dwRoom -= aPara->m_dwHaveSent;
+        return aPara->m_dwHaveSent == dwLength ? CM_OK : CM_ERROR_PARTIAL_DATA;
     }
     CmResult SetOption(DWORD aCommand, void* aArg) override {
-        if (aCommand != CM_OPT_TRANSPORT_PAUSE_READING)
-            return CM_ERROR_INVALID_ARG;
+        EXPECT_EQ(CM_OPT_TRANSPORT_PAUSE_READING, aCommand);
         m_bPaused = *static_cast<BOOL*>(aArg);
         return CM_OK;
     }
-    CmResult GetOption(DWORD aCommand, void* aArg) override {
-        if (aCommand != CM_OPT_TRANSPORT_TRAN_TYPE)
-            return CM_ERROR_INVALID_ARG;
-        *static_cast<DWORD*>(aArg) = CM_TRANSPORT_TYPE_TCP;
-        return CM_OK;
-    }
+    CmResult GetOption(DWORD, void*) override { return CM_ERROR_INVALID_ARG; }
     CmResult Disconnect(CmResult aReason) override {
         ++m_nDisconnects;
         m_Reason = aReason;
@@ -58,16 +51,9 @@ public:
 
     // As if it had come from the peer, while somebody listens.
     void Receive(const std::string& aText) {
-        const DWORD dwSize = static_cast<DWORD>(aText.size());
-        CCmMessageBlock block(dwSize, aText.data(), CCmMessageBlock::DONT_DELETE, dwSize);
+        CCmMessageBlock block = ViewOf(aText);
         if (m_pSink)
             m_pSink->OnReceive(block, this);
-    }
-    // The socket has room again.
-    void MakeRoom(DWORD aBytes) {
-        m_dwRoom = aBytes;
-        if (m_pSink)
-            m_pSink->OnSend(this);
     }
 
     ICmTransportSink* m_pSink = nullptr;
@@ -80,29 +66,21 @@ public:
     CmResult m_Reason = CM_OK;
 
 private:
-    std::atomic<int>& m_nAlive;
+    inline static CCmLiveCounter s_Live{"CFakeTransport"};
 };
 
-// A proxy of the main thread over a fake, opened with m_Sink.
+// A proxy over a fake, of the main thread unless said otherwise, opened with m_Sink.
 class CFakeConnection {
 public:
-    explicit CFakeConnection(const CTestNetwork& aNetwork, DWORD aType = 1)
-        : m_Network(aNetwork), m_pFake(new CFakeTransport(m_nAlive)) {
+    explicit CFakeConnection(const CTestNetwork& aNetwork) : CFakeConnection(aNetwork, aNetwork.MainLink()) {}
+    CFakeConnection(const CTestNetwork& aNetwork, CCmThreadLink& aUser) : m_Network(aNetwork) {
         m_Network.InNetwork([&] {
-            m_pProxy = new CCmTransportThreadProxy(m_pFake.Get(), m_Network.MainLink(), m_Network.NetworkLink(), aType);
+            m_pProxy = new CCmTransportThreadProxy(m_pFake.Get(), aUser, m_Network.NetworkLink(), CM_TRANSPORT_TYPE_TCP);
         });
         EXPECT_EQ(CM_OK, m_pProxy->OpenWithSink(&m_Sink));
         Sync();
     }
-    // Lets go and sees that nothing keeps the inner transport.
-    ~CFakeConnection() {
-        m_pProxy.Reset();
-        m_pFake.Reset();
-        if (CTestNetwork::Network())
-            Sync();
-        EXPECT_EQ(0, m_nAlive);
-    }
-    // What was posted to the network thread has run.
+    // What was posted to the network thread has run; it may take more than one turn.
     void Sync() const {
         m_Network.InNetwork([] {});
         m_Network.InNetwork([] {});
@@ -110,17 +88,21 @@ public:
     void Receive(const std::string& aText) const {
         m_Network.InNetwork([&] { m_pFake->Receive(aText); });
     }
-    void MakeRoom(DWORD aBytes) const {
-        m_Network.InNetwork([&] { m_pFake->MakeRoom(aBytes); });
-        Sync();  // it may take more than one turn
+    void Lose() const {
+        m_Network.InNetwork([&] { m_pFake->m_pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_ERROR, m_pFake.Get()); });
     }
     void SetRoom(DWORD aBytes) const {
         m_Network.InNetwork([&] { m_pFake->m_dwRoom = aBytes; });
     }
+    void MakeRoom(DWORD aBytes = CFakeTransport::EVERYTHING) const {
+        SetRoom(aBytes);
+        m_Network.InNetwork([&] { m_pFake->m_pSink->OnSend(m_pFake.Get()); });
+        Sync();
+    }
+    void Pause(BOOL aPause) const { EXPECT_EQ(CM_OK, m_pProxy->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &aPause)); }
 
     const CTestNetwork& m_Network;
-    std::atomic<int> m_nAlive{0};
     CTestSink m_Sink;
-    CCmRefPtrT<CFakeTransport> m_pFake;
+    CCmRefPtrT<CFakeTransport> m_pFake{new CFakeTransport};
     CCmRefPtrT<ICmTransport> m_pProxy;
 };

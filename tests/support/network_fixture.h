@@ -4,8 +4,8 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,50 +17,43 @@
 
 // Bytes that differ from their neighbours and, by aSeed, from other data.
 inline std::string Pattern(size_t aSize, unsigned aSeed = 1) {
+    std::minstd_rand random(aSeed + 1);
     std::string strData(aSize, '\0');
-    uint32_t dwState = aSeed * 2654435761u + 12345;
-    for (char& c : strData) {
-        dwState = dwState * 1664525u + 1013904223u;
-        c = static_cast<char>(dwState >> 24);
-    }
+    for (char& c : strData)
+        c = static_cast<char>(random() >> 8);
     return strData;
 }
 
-// A block with storage of its own.
-inline CCmRefPtrT<CCmDataBlock> MakeData(const std::string& aText) {
-    CCmRefPtrT<CCmDataBlock> pData;
-    EXPECT_EQ(CM_OK, CCmDataBlock::CreateInstance(pData.ParaOut(), static_cast<DWORD>(aText.size()), aText.data()));
-    return pData;
+// Views aText, which has to stay.
+inline CCmMessageBlock ViewOf(const std::string& aText) {
+    const DWORD dwSize = static_cast<DWORD>(aText.size());
+    return CCmMessageBlock(dwSize, aText.data(), CCmMessageBlock::DONT_DELETE, dwSize);
 }
 
 inline CmResult SendText(ICmTransport& aTransport, const std::string& aText, CCmTransportParameter* aPara = nullptr) {
-    const DWORD dwSize = static_cast<DWORD>(aText.size());
-    CCmMessageBlock block(dwSize, aText.data(), CCmMessageBlock::DONT_DELETE, dwSize);
+    CCmMessageBlock block = ViewOf(aText);
     return aTransport.SendData(block, aPara);
 }
 
-// Collects what a transport says; each upcall may also run a callable.
+// Collects what a transport says, in the thread that makes the sink; each upcall may also run a callable.
 class CTestSink : public ICmTransportSink {
 public:
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter*) override {
         Seen(aTrptId);
         ++m_nReceives;
         m_strReceived += aData.FlattenChained();
-        if (m_Receive)
-            m_Receive();
+        m_Receive();
     }
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter*) override {
         Seen(aTrptId);
         ++m_nSends;
-        if (m_Send)
-            m_Send();
+        m_Send();
     }
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override {
         Seen(aTrptId);
         ++m_nDisconnects;
         m_Reason = aReason;
-        if (m_Disconnect)
-            m_Disconnect();
+        m_Disconnect();
     }
     int Upcalls() const { return m_nReceives + m_nSends + m_nDisconnects; }
 
@@ -69,19 +62,17 @@ public:
     int m_nSends = 0;
     int m_nDisconnects = 0;
     CmResult m_Reason = CM_OK;
-    std::function<void()> m_Receive;
-    std::function<void()> m_Send;
-    std::function<void()> m_Disconnect;
+    std::function<void()> m_Receive = [] {};
+    std::function<void()> m_Send = [] {};
+    std::function<void()> m_Disconnect = [] {};
 
 private:
     void Seen(ICmTransport* aTrptId) {
         EXPECT_NE(nullptr, aTrptId);
         EXPECT_EQ(0, m_nDisconnects) << "an upcall after the last one";
-        if (m_dwThread == 0)
-            m_dwThread = cm_thread_self_id();
         EXPECT_EQ(m_dwThread, cm_thread_self_id());
     }
-    DWORD m_dwThread = 0;
+    const DWORD m_dwThread = cm_thread_self_id();
 };
 
 // Keeps what an acceptor or connector indicates.
@@ -91,26 +82,23 @@ public:
         EXPECT_EQ(aReason == CM_OK, aTrpt != nullptr);
         m_Reasons.push_back(aReason);
         m_pLastId = aRequestId;
-        if (m_bKeep && aTrpt)
+        if (aTrpt)
             m_Transports.emplace_back(aTrpt);
-        if (m_Indicated)
-            m_Indicated();
+        m_Indicated();
     }
     size_t Count() const { return m_Reasons.size(); }
 
-    BOOL m_bKeep = TRUE;
     std::vector<CmResult> m_Reasons;
     std::vector<CCmRefPtrT<ICmTransport>> m_Transports;
     ICmAcceptorConnectorId* m_pLastId = nullptr;
-    std::function<void()> m_Indicated;
+    std::function<void()> m_Indicated = [] {};
 };
 
 // A plain listening socket; small buffers make its connections fill up early.
 class CTestListener {
 public:
-    explicit CTestListener(int aBacklog = 128, int aBufferSize = 0) : m_Fd(MakeTcpSocket()) {
-        if (aBufferSize > 0)
-            setsockopt(m_Fd.Get(), SOL_SOCKET, SO_RCVBUF, &aBufferSize, sizeof aBufferSize);
+    explicit CTestListener(int aBacklog = 128, int aBufferSize = 65536) {
+        setsockopt(m_Fd.Get(), SOL_SOCKET, SO_RCVBUF, &aBufferSize, sizeof aBufferSize);
         sockaddr_in addr = *CCmInetAddr("127.0.0.1", 0).GetPtr();
         socklen_t length = sizeof addr;
         EXPECT_EQ(0, bind(m_Fd.Get(), reinterpret_cast<sockaddr*>(&addr), length));
@@ -119,23 +107,19 @@ public:
         m_Addr = CCmInetAddr("127.0.0.1", ntohs(addr.sin_port));
     }
     const CCmInetAddr& Addr() const { return m_Addr; }
-    // -1 when nobody waits.
+    // Waits for somebody; what it gives never blocks.
     CTestFd Accept() const { return CTestFd(accept4(m_Fd.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)); }
 
 private:
-    CTestFd m_Fd;
+    CTestFd m_Fd{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     CCmInetAddr m_Addr;
 };
 
 // Starts a connection from a socket that never blocks.
-inline void StartConnect(const CTestFd& aFd, const CCmInetAddr& aAddr) {
-    const int nRv = connect(aFd.Get(), reinterpret_cast<const sockaddr*>(aAddr.GetPtr()), aAddr.GetSize());
-    EXPECT_TRUE(nRv == 0 || errno == EINPROGRESS);
-}
-
 inline CTestFd ConnectPlain(const CCmInetAddr& aAddr) {
     CTestFd fd = MakeTcpSocket();
-    StartConnect(fd, aAddr);
+    const int nRv = connect(fd.Get(), reinterpret_cast<const sockaddr*>(aAddr.GetPtr()), aAddr.GetSize());
+    EXPECT_TRUE(nRv == 0 || errno == EINPROGRESS);
     return fd;
 }
 
@@ -143,41 +127,34 @@ inline CTestFd ConnectPlain(const CCmInetAddr& aAddr) {
 inline std::pair<CTestFd, CTestFd> MakeTcpPair() {
     const CTestListener listener;
     CTestFd fdClient = ConnectPlain(listener.Addr());
-    CTestFd fdServer = listener.Accept();
-    YieldUntil([&] {
-        if (fdServer.Get() == -1)
-            fdServer = listener.Accept();
-        return fdServer.Get() != -1;
-    });
-    return {std::move(fdClient), std::move(fdServer)};
-}
-
-// Writes as much of aData from aDone on as the socket takes.
-inline void WriteSome(const CTestFd& aFd, const std::string& aData, size_t& aDone) {
-    const ssize_t lSent = send(aFd.Get(), aData.data() + aDone, aData.size() - aDone, MSG_NOSIGNAL);
-    if (lSent > 0)
-        aDone += static_cast<size_t>(lSent);
+    return {std::move(fdClient), listener.Accept()};
 }
 
 // Whether the other side has closed in order; reads and keeps what comes before that.
 inline BOOL ReadToEnd(const CTestFd& aFd, std::string& aData) {
     char buffer[65536];
-    for (;;) {
-        const ssize_t lRead = read(aFd.Get(), buffer, sizeof buffer);
-        if (lRead <= 0)
-            return lRead == 0;
+    ssize_t lRead = 0;
+    while ((lRead = read(aFd.Get(), buffer, sizeof buffer)) > 0)
         aData.append(buffer, static_cast<size_t>(lRead));
-    }
+    return lRead == 0;
 }
 
 // Turns of a reactor until something holds; gives up, and fails, after so many that it will not happen any more.
 template <class Condition>
 BOOL RunUntil(CCmReactorEpoll& aReactor, Condition aCondition) {
-    for (int i = 0; i < 20000 && !aCondition(); ++i)
+    for (int i = 0; i < 100000 && !aCondition(); ++i)
         EXPECT_EQ(CM_OK, aReactor.RunOnce());
     const BOOL bHolds = aCondition();
     EXPECT_TRUE(bHolds) << "has not happened";
     return bHolds;
+}
+
+// Runs in another thread of the library and waits for it.
+inline void RunIn(CCmThreadLink& aThread, const std::function<void()>& aRun) {
+    EXPECT_EQ(CM_OK, aThread.Call([&] {
+        aRun();
+        return CM_OK;
+    }));
 }
 
 // The main thread adopted, the network thread and the connection manager. Ends everything with the scope and sees that no
@@ -205,17 +182,19 @@ public:
     BOOL RunUntil(Condition aCondition) const {
         return ::RunUntil(Main(), aCondition);
     }
+    // A listener of the calling thread on a port of its own, which aAddr gets.
+    static CCmRefPtrT<ICmAcceptor> Listen(ICmAcceptorConnectorSink& aSink, CCmInetAddr& aAddr, DWORD aType = 1) {
+        const auto pAcceptor = MakeAcceptor(aType);
+        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&aSink, CCmInetAddr("127.0.0.1", 0)));
+        EXPECT_EQ(CM_OK, pAcceptor->GetListenAddr(aAddr));
+        return pAcceptor;
+    }
     // Everything that has been posted to the main thread so far.
     void RunPosted() const {
         for (int i = 0; i < 3; ++i)
             m_pMain->RunOnce();
     }
-    void InNetwork(std::function<void()> aRun) const {
-        EXPECT_EQ(CM_OK, NetworkLink().Call([&] {
-            aRun();
-            return CM_OK;
-        }));
-    }
+    void InNetwork(std::function<void()> aRun) const { RunIn(NetworkLink(), aRun); }
 
     static void EndNetworkThread() {
         ACmThread* pNetwork = Network();
@@ -238,17 +217,15 @@ public:
     }
 
     // A transport of the main thread to a plain socket.
-    CCmRefPtrT<ICmTransport> ConnectTo(CTestFd& aPeer, int aBufferSize = 0) const {
-        const CTestListener listener(16, aBufferSize);
+    CCmRefPtrT<ICmTransport> ConnectTo(CTestFd& aPeer, int aBufferSize = 65536) const {
+        const CTestListener listener(1, aBufferSize);
         CTestConnectSink sink;
         const auto pConnector = MakeConnector();
         pConnector->AsycConnect(&sink, listener.Addr());
-        RunUntil([&] {
-            if (aPeer.Get() == -1)
-                aPeer = listener.Accept();
-            return sink.Count() == 1 && aPeer.Get() != -1;
-        });
-        return sink.m_Transports.empty() ? nullptr : sink.m_Transports[0];
+        RunUntil([&] { return sink.Count() == 1; });
+        const auto pTransport = sink.m_Transports.at(0);
+        aPeer = listener.Accept();
+        return pTransport;
     }
 
 private:
