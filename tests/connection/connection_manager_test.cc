@@ -38,10 +38,10 @@ DWORD Exchange(const CTestNetwork& aNetwork, DWORD aType) {
     theirs.OpenWithSink(&serverSink);
     EXPECT_EQ(CM_OK, SendText(ours, "ping"));
     aNetwork.RunUntil([&] { return serverSink.m_strReceived == "ping"; });
-    EXPECT_EQ(CM_OK, SendText(theirs, "pong"));
-    EXPECT_EQ(CM_OK, theirs.Disconnect(CM_OK));
     DWORD dwType = 0;
     EXPECT_EQ(CM_OK, ours.GetOption(CM_OPT_TRANSPORT_TRAN_TYPE, &dwType));
+    EXPECT_EQ(CM_OK, SendText(theirs, "pong"));
+    EXPECT_EQ(CM_OK, theirs.Disconnect(CM_OK));
     aNetwork.RunUntil([&] { return clientSink.m_nDisconnects == 1; });
     EXPECT_EQ("pong", clientSink.m_strReceived);
     EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, clientSink.m_Reason);
