@@ -28,4 +28,5 @@
 #include "talvo/event/timer_queue_calendar.h"
 #include "talvo/event/timer_queue_ordered_list.h"
 #include "talvo/event/timer_wrapper_id.h"
+#include "talvo/transport/dns_manager.h"
 #include "talvo/transport/transport_interface.h"

@@ -21,15 +21,17 @@ constexpr const char* FOOTER = R"(Examples:
   talvo send report.pdf photos.tar 192.0.2.7:7070
   talvo echo --port 7000
   talvo ping 127.0.0.1:7000 --count 1000 --interval 0
+  talvo resolve www.example.com
 
 Exit status: 0 all went well, 1 something failed, 2 wrong arguments, 128 + N ended by signal N (130 after Ctrl-C).)";
+
+constexpr DWORD MAX_DATAGRAM = 65507;
 
 // A number within bounds.
 template <class Number>
 CLI::Option* AddNumber(CLI::App& aApp, const char* aName, Number& aVariable, int aMin, int aMax, const std::string& aHelp) {
     return aApp.add_option(aName, aVariable, aHelp)->check(CLI::Range(aMin, aMax))->option_text("N");
 }
-
 void DeclareListening(CLI::App& aApp, Arguments& a) {
     AddNumber(aApp, "--port", a.m_Endpoint.m_wPort, 0, 65535, "Port to listen on; 0 lets the system choose")->required();
     aApp.add_option("--host", a.m_Endpoint.m_strHost, "IPv4 address to listen on (0.0.0.0)")->option_text("ADDRESS");
@@ -49,9 +51,15 @@ void DeclareSend(CLI::App& aApp, Arguments& a) {
         ->option_text("PATH... HOST:PORT");
 }
 
-void DeclareEcho(CLI::App& aApp, Arguments& a) { DeclareListening(aApp, a); }
+void DeclareUdp(CLI::App& aApp, Arguments& a) { aApp.add_flag("--udp", a.m_bUdp, "Datagrams instead of a TCP connection"); }
+
+void DeclareEcho(CLI::App& aApp, Arguments& a) {
+    DeclareListening(aApp, a);
+    DeclareUdp(aApp, a);
+}
 
 void DeclarePing(CLI::App& aApp, Arguments& a) {
+    DeclareUdp(aApp, a);
     aApp.add_option("ENDPOINT", a.m_strEndpoint, "Where `talvo echo` listens")->required()->option_text("HOST:PORT");
     AddNumber(aApp, "--count", a.m_dwCount, 1, 10000000, "Messages to send (10)");
     AddNumber(aApp, "--interval", a.m_dwIntervalMs, 0, 3600000,
@@ -104,7 +112,23 @@ std::string CheckSend(Arguments& a) {
     return "";
 }
 
-std::string CheckPing(Arguments& a) { return ParseEndpoint(a.m_strEndpoint, a.m_Endpoint); }
+std::string CheckPing(Arguments& a) {
+    if (a.m_bUdp && a.m_dwSize > MAX_DATAGRAM)
+        return "--size: a datagram has at most " + std::to_string(MAX_DATAGRAM) + " bytes";
+    return ParseEndpoint(a.m_strEndpoint, a.m_Endpoint);
+}
+
+void DeclareResolve(CLI::App& aApp, Arguments& a) {
+    aApp.add_option("names", a.m_vecNames, "Host names to look up")->required()->option_text("NAME...");
+}
+
+std::string CheckResolve(Arguments& a) {
+    for (const std::string& strName : a.m_vecNames) {
+        if (!IsHost(strName))
+            return "'" + strName + "' is neither a host name nor an IPv4 address";
+    }
+    return "";
+}
 
 struct Subcommand {
     const char* m_pName;
@@ -119,6 +143,7 @@ constexpr Subcommand SUBCOMMANDS[] = {
     {"send", "Send files to a `talvo recv`", DeclareSend, CheckSend, RunSend},
     {"echo", "Send back whatever comes, to any number of clients", DeclareEcho, CheckListening, RunEcho},
     {"ping", "Measure round trips to a `talvo echo`", DeclarePing, CheckPing, RunPing},
+    {"resolve", "Look up the addresses of host names", DeclareResolve, CheckResolve, RunResolve},
 };
 
 std::string CheckSubcommand(const CLI::App& aApp, Arguments& aArguments) {

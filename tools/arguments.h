@@ -19,7 +19,9 @@ struct Arguments {
     bool m_bForce = false;                // recv
     bool m_bOnce = false;                 // recv
     std::vector<std::string> m_vecFiles;  // send
+    std::vector<std::string> m_vecNames;  // to look up
 
+    bool m_bUdp = false;          // echo, ping
     DWORD m_dwCount = 10;         // ping
     DWORD m_dwIntervalMs = 1000;  // ping
     DWORD m_dwTimeoutMs = 5000;   // ping

@@ -75,6 +75,8 @@ void EchoServer::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmA
 
 // The main thread serves as network thread here: bytes go back from where they were read, without a change of threads.
 int RunEcho(const Arguments& aArguments) {
+    if (aArguments.m_bUdp)
+        return RunEchoUdp(aArguments);
     Application::RaiseDescriptorLimit();
     Console console(aArguments.m_bJson);
     Application application(CCmThreadManager::NETWORK_THREAD_MAIN);

@@ -30,13 +30,15 @@ bool IsIpv4Literal(const std::string& aText) {
     return inet_pton(AF_INET, aText.c_str(), &address) == 1;
 }
 
+bool IsHost(const std::string& aText) { return IsIpv4Literal(aText) || IsHostName(aText); }
+
 std::string ParseEndpoint(std::string_view aText, Endpoint& aEndpoint) {
     const size_t colon = aText.rfind(':');
     const std::string strQuoted = "'" + std::string(aText) + "'";
     if (colon == std::string_view::npos)
         return strQuoted + " is not HOST:PORT";
     const std::string strHost(aText.substr(0, colon));
-    if (!IsIpv4Literal(strHost) && !IsHostName(strHost))
+    if (!IsHost(strHost))
         return strQuoted + " names no host: it is neither an IPv4 address nor a name";
     if (!ParsePort(aText.substr(colon + 1), aEndpoint.m_wPort))
         return strQuoted + " needs a port from 1 to 65535 behind the colon";
@@ -46,7 +48,7 @@ std::string ParseEndpoint(std::string_view aText, Endpoint& aEndpoint) {
 
 std::string DescribeConnectFailure(const Endpoint& aEndpoint, CmResult aReason) {
     if (aReason == CM_ERROR_NETWORK_DNS_FAILURE)
-        return "cannot resolve '" + aEndpoint.m_strHost + "': give an IPv4 address";
+        return "cannot resolve '" + aEndpoint.m_strHost + "': the name has no IPv4 address, or no server could be asked";
     return "cannot connect to " + aEndpoint.GetText() + ": nobody listens there or no answer came (" + cm_result_name(aReason) +
            ")";
 }

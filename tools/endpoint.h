@@ -19,6 +19,9 @@ struct Endpoint {
 // Four decimal numbers of 0 to 255, without leading zeros: the one form that everybody reads alike.
 bool IsIpv4Literal(const std::string& aText);
 
+// An IPv4 literal or what may be a host name.
+bool IsHost(const std::string& aText);
+
 // An IPv4 literal or a host name, a colon and a port from 1 to 65535. What is wrong with it, or "" and aEndpoint is filled.
 std::string ParseEndpoint(std::string_view aText, Endpoint& aEndpoint);
 

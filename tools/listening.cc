@@ -14,11 +14,11 @@ void Announce(const CCmInetAddr& aAddr, Console& aConsole) {
 }  // namespace
 
 bool StartListening(const Endpoint& aEndpoint, ICmAcceptorConnectorSink* aSink, Console& aConsole,
-                    CCmRefPtrT<ICmAcceptor>& aAcceptor) {
+                    CCmRefPtrT<ICmAcceptor>& aAcceptor, DWORD aType) {
     CCmConnectionManager* pManager = CCmConnectionManager::Instance();
     CmResult rv = CM_ERROR_NOT_INITIALIZED;
     if (pManager)
-        rv = pManager->CreateConnectionServer(CCmConnectionManager::CTYPE_TCP, aAcceptor.ParaOut());
+        rv = pManager->CreateConnectionServer(aType, aAcceptor.ParaOut());
     if (rv == CM_OK)
         rv = aAcceptor->StartListen(aSink, aEndpoint.GetInetAddr());
     CCmInetAddr addr;

@@ -10,6 +10,6 @@ namespace tool {
 // Creates an acceptor that hands connections to aSink, and prints "listening on ADDRESS:PORT" and "ready" (as JSON: one object
 // with both). false: it cannot listen, which has been reported.
 bool StartListening(const Endpoint& aEndpoint, ICmAcceptorConnectorSink* aSink, Console& aConsole,
-                    CCmRefPtrT<ICmAcceptor>& aAcceptor);
+                    CCmRefPtrT<ICmAcceptor>& aAcceptor, DWORD aType = CCmConnectionManager::CTYPE_TCP);
 
 }  // namespace tool

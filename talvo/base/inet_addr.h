@@ -33,7 +33,7 @@ public:
 
     // Completes a pending name from what the name resolver has cached; never waits. CM_OK: resolved, or nothing to do; a name
     // that is known to have no address becomes 255.255.255.255. CM_ERROR_WOULD_BLOCK: the look-up is under way, or there is no
-    // resolver; the name stays pending.
+    // resolver; anything else: the resolver cannot look it up. The name stays pending then.
     CmResult TryResolve();
 
     WORD GetPort() const;                                                   // host order

@@ -9,7 +9,8 @@
 class TALVO_API ICmNameResolver {
 public:
     // Never waits. CM_OK: aAddr is the first address of aName (network byte order) if the cache knows it, 0xFFFFFFFF if it
-    // knows that the name has none. CM_ERROR_WOULD_BLOCK: a look-up is under way. Any thread.
+    // knows that the name has none. CM_ERROR_WOULD_BLOCK: a look-up is under way. Anything else: it cannot be looked up. Any
+    // thread.
     virtual CmResult ResolveFromCache(const CCmString& aName, DWORD& aAddr) = 0;
     virtual ~ICmNameResolver();
 

@@ -2,12 +2,15 @@
 
 #include <new>
 
+#include "talvo/base/name_resolver.h"
 #include "talvo/base/trace.h"
 #include "talvo/event/thread.h"
 #include "talvo/transport/acceptor_tcp.h"
 #include "talvo/transport/acceptor_thread_proxy.h"
+#include "talvo/transport/acceptor_udp.h"
 #include "talvo/transport/connector_thread_proxy.h"
 #include "talvo/transport/connector_wrapper.h"
+#include "talvo/transport/dns_manager.h"
 
 namespace {
 
@@ -45,7 +48,7 @@ CmResult JudgeType(DWORD aType, const char* aWhere) {
         CM_WARNING_TRACE(aWhere << ", wrong type=" << dwType);
         return CM_ERROR_INVALID_ARG;
     }
-    if ((dwType & PROTOCOL_MASK) || dwBase != CM_TRANSPORT_TYPE_TCP) {
+    if ((dwType & PROTOCOL_MASK) || (dwBase != CM_TRANSPORT_TYPE_TCP && dwBase != CM_TRANSPORT_TYPE_UDP)) {
         CM_WARNING_TRACE(aWhere << ", type not implemented. type=" << dwType);
         return CM_ERROR_NOT_IMPLEMENTED;
     }
@@ -79,7 +82,9 @@ CmResult MakeServer(DWORD aType, ICmAcceptor*& aAcceptor) {
     aAcceptor = nullptr;
     if (const CmResult rv = JudgeServerType(aType); rv != CM_OK)
         return rv;
-    CCmRefPtrT<CCmAcceptorTcp> pAcceptor(new (std::nothrow) CCmAcceptorTcp);
+    const BOOL bDatagrams = (aType & BASE_TYPE_MASK) == CM_TRANSPORT_TYPE_UDP;
+    CCmRefPtrT<ICmAcceptor> pAcceptor(bDatagrams ? static_cast<ICmAcceptor*>(new (std::nothrow) CCmAcceptorUdp)
+                                                 : new (std::nothrow) CCmAcceptorTcp);
     aAcceptor = pAcceptor.Detach();
     return aAcceptor ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
@@ -107,6 +112,7 @@ CCmConnectionManager* CCmConnectionManager::Instance() {
     SingletonGuard guard(GetSingletonMutex());
     if (s_pInstance)
         return s_pInstance;
+    CCmDnsManager* pDnsManager = CCmDnsManager::Instance();  // the older of the two is cleaned up last
     auto* pInstance = new CCmConnectionManager;
     const CmResult rv = pInstance->SpawnNetworkThread_i();
     if (rv != CM_OK) {
@@ -114,6 +120,8 @@ CCmConnectionManager* CCmConnectionManager::Instance() {
         delete pInstance;
         return nullptr;
     }
+    if (!ICmNameResolver::Get())
+        ICmNameResolver::Set(pDnsManager);
     return s_pInstance = pInstance;
 }
 

@@ -36,8 +36,8 @@ public:
 
     // A new connector or acceptor with one reference for the caller, null on failure.
     // CM_ERROR_INVALID_ARG: no such base type. CM_ERROR_FAILURE: flags that name no connection. CM_ERROR_NOT_IMPLEMENTED: a
-    // type that is not offered yet (today all but CTYPE_TCP). CM_ERROR_NULL_POINTER: the calling thread has no event queue, or
-    // the network thread is gone.
+    // type that is not offered yet (today all but CTYPE_TCP and CTYPE_UDP). CM_ERROR_NULL_POINTER: the calling thread has no
+    // event queue, or the network thread is gone.
     // CM_ERROR_OUT_OF_MEMORY.
     CmResult CreateConnectionClient(DWORD aType, ICmConnector*& aConnector);
     CmResult CreateConnectionServer(DWORD aType, ICmAcceptor*& aAcceptor);

@@ -17,6 +17,7 @@ public:
         CONNECT_MASK = 0x2,       // a connecting handle has finished, well or not
         READ_MASK = 0x4,          // data can be read
         WRITE_MASK = 0x8,         // data can be written
+        DATAGRAM_MASK = 0x10,     // never reported: says that the handle carries datagrams, see RegisterHandler
         SHOULD_CALL_MASK = 0x40,  // internal: on removal, call OnClose
         CLOSE_MASK = 0x80,        // the handle was closed or failed
         EVENTQUEUE_MASK = 0x100,  // the event queue has work
@@ -51,7 +52,8 @@ public:
 
     // Watches aEh->GetHandle() for what aMask says; always for close. The handler is not owned and must be removed before it
     // dies or closes its handle. Registering a handle again changes its mask or its handler; readiness that is there already is
-    // then reported for the kinds that are new.
+    // then reported for the kinds that are new. With DATAGRAM_MASK a failure that the system has noted is reported as readiness
+    // to read, for OnInput to fetch, and never as a close.
     // CM_OK: new, or nothing to change. CM_ERROR_FOUND: changed; also a success. CM_ERROR_INVALID_ARG: aEh is null or the mask
     // is empty. CM_ERROR_UNEXPECTED: the system refuses the handle.
     virtual CmResult RegisterHandler(ACmEventHandler* aEh, long aMask) = 0;

@@ -148,6 +148,8 @@ void CCmReactorEpoll::DispatchReport_i(const epoll_event& aReport) {
     const long lSpecial = pElement->m_lMask & (ACmEventHandler::ACCEPT_MASK | ACmEventHandler::CONNECT_MASK);
     if (lSpecial) {
         ProcessHandleEvent(fd, lSpecial, CM_OK, FALSE, FALSE);
+    } else if (pElement->m_lMask & ACmEventHandler::DATAGRAM_MASK) {
+        ReportDatagrams_i(fd, dwBinding, aReport.events);
     } else if (aReport.events & EPOLLERR) {
         ReportClose_i(fd, dwBinding, CM_ERROR_NETWORK_SOCKET_ERROR);
     } else if ((aReport.events & (EPOLLRDHUP | EPOLLHUP)) && !IsPaused(*pElement)) {
@@ -171,6 +173,19 @@ void CCmReactorEpoll::ReportIn_i(HANDLE aFd, DWORD aBinding) {
     pElement = FindBinding_i(aFd, aBinding);
     if (pElement && (pElement->m_lMask & ACmEventHandler::READ_MASK))
         OnHandleMaskAdded(aFd);  // go on: the system looks again, and the others get their turn first
+}
+
+// A failure is something to receive here: whether the handle lives on is for its handler to say.
+void CCmReactorEpoll::ReportDatagrams_i(HANDLE aFd, DWORD aBinding, DWORD aEvents) {
+    if (aEvents & (EPOLLIN | EPOLLERR | EPOLLHUP))
+        ReportIn_i(aFd, aBinding);
+    const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
+    if (!(aEvents & EPOLLOUT) || !pElement)
+        return;
+    if (pElement->m_lMask & ACmEventHandler::WRITE_MASK)
+        ProcessHandleEvent(aFd, ACmEventHandler::WRITE_MASK, CM_OK, FALSE, FALSE);
+    else
+        OnHandleMaskAdded(aFd);  // still watched for what nobody waits for: every datagram that leaves would wake the loop
 }
 
 void CCmReactorEpoll::ReportClose_i(HANDLE aFd, DWORD aBinding, CmResult aReason) {
@@ -245,7 +260,12 @@ CCmEventHandlerRepository::CElement* CCmReactorEpoll::FindBinding_i(HANDLE aFd, 
 
 int CCmReactorEpoll::Watch_i(int aOperation, HANDLE aFd, long aMask, DWORD aBinding) {
     epoll_event event{};
-    event.events = aMask & ACmEventHandler::ACCEPT_MASK ? EPOLLIN : EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+    if (aMask & ACmEventHandler::ACCEPT_MASK)
+        event.events = EPOLLIN;
+    else if (aMask & ACmEventHandler::DATAGRAM_MASK)
+        event.events = aMask & ACmEventHandler::WRITE_MASK ? EPOLLIN | EPOLLOUT | EPOLLET : EPOLLIN | EPOLLET;
+    else
+        event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
     event.data.u64 = uint64_t{aBinding} << 32 | static_cast<DWORD>(aFd);
     return epoll_ctl(m_fdEpoll, aOperation, aFd, &event);
 }

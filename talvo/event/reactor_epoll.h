@@ -11,8 +11,9 @@ struct epoll_event;
 
 // Handles are watched edge-triggered for reading and writing at once, so a message costs no system call but the wait, the
 // receive and the send. No edge is lost: a handler that returns 0 from OnInput ("go on") is asked again if there really is
-// something to read, kinds that are added to a mask are reported if they are ready. Listening handles are watched
-// level-triggered.
+// something to read, kinds that are added to a mask are reported if they are ready. Handles of datagrams are watched for
+// writing only while their handler asks for it, because the system reports room after each datagram that has left. Listening
+// handles are watched level-triggered.
 //
 // One turn of the loop: wait; every readiness report, each followed by a look at the timers; notifications; events; timers. The
 // loop wakes at least every tick (10 ms; configuration key "TickMs" in section "Reactor"), and then looks at its events, so
@@ -49,6 +50,7 @@ private:
     int GetWaitMsec_i(int64_t aMaxWaitUsec);
     void DispatchReport_i(const epoll_event& aReport);
     void ReportIn_i(HANDLE aFd, DWORD aBinding);
+    void ReportDatagrams_i(HANDLE aFd, DWORD aBinding, DWORD aEvents);
     void ReportClose_i(HANDLE aFd, DWORD aBinding, CmResult aReason);
     BOOL DrainBeforeClose_i(HANDLE aFd, DWORD aBinding, CmResult aReason);
     void ProcessNotifications_i();

@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "talvo/transport/connector_tcp.h"
+#include "talvo/transport/connector_udp.h"
 
 ACmConnectorUpper::~ACmConnectorUpper() = default;
 ACmConnectorInternal::~ACmConnectorInternal() = default;
@@ -16,7 +17,8 @@ struct CEntry {
     std::atomic<CCmConnectorMaker> m_Maker;
 };
 
-CEntry s_Makers[] = {{1, CCmConnectorTcp::Make}, {2, nullptr}, {4, nullptr}, {8, nullptr}, {12, nullptr}, {0x8000, nullptr}};
+CEntry s_Makers[] = {{1, CCmConnectorTcp::Make}, {2, CCmConnectorUdp::Make}, {4, nullptr}, {8, nullptr}, {12, nullptr},
+                     {0x8000, nullptr}};
 
 CEntry* Find(DWORD aType) {
     CEntry* pEntry =

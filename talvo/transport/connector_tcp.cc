@@ -1,17 +1,10 @@
 #include "talvo/transport/connector_tcp.h"
 
-#include <sys/socket.h>
-
 #include <cerrno>
 #include <new>
+#include <utility>
 
 #include "talvo/base/trace.h"
-
-namespace {
-
-constexpr DWORD NO_ADDRESS = 0xFFFFFFFF;  // what resolving gives for a name that is known to have none
-
-}  // namespace
 
 template <class TransportType>
 ACmConnectorInternal* CCmConnectorTcpT<TransportType>::Make(ICmReactor* aReactor, ACmConnectorUpper& aUpper) {
@@ -25,63 +18,60 @@ CCmConnectorTcpT<TransportType>::~CCmConnectorTcpT() {
 
 template <class TransportType>
 int CCmConnectorTcpT<TransportType>::Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal) {
+    Close();
     m_AddrPeer = aAddr;
     m_AddrLocal = aAddrLocal ? *aAddrLocal : CCmInetAddr::s_InetAddrAny;
-    if (!m_AddrPeer.IsResolved()) {
-        const CCmString strName = m_AddrPeer.GetHostName();
-        if (m_AddrPeer.TryResolve() != CM_OK || m_AddrPeer.GetIpAddrIn4Bytes() == NO_ADDRESS) {
-            CM_WARNING_TRACE_THIS("CCmConnectorTcpT::Connect, name not resolved. addr=" << strName);
-            return ReportLater_i(CM_ERROR_NETWORK_DNS_FAILURE);
-        }
-    }
-    m_pTransport = new (std::nothrow) TransportType(m_pReactor);
-    const int nRv = m_pTransport ? Connect_i(*m_pTransport, m_AddrPeer) : -1;
-    if (nRv == 0) {
-        CM_WARNING_TRACE_THIS("CCmConnectorTcpT::Connect, connect return 0.");
-        return ReportLater_i(CM_OK);
-    }
-    if (nRv == -1) {
-        const int nErr = errno;
-        Close();
-        errno = nErr;
-    }
-    return nRv;
+    const CCmString strName = m_AddrPeer.GetHostName();
+    return strName.empty() ? ConnectTo_i({m_AddrPeer.GetIpAddrIn4Bytes()}) : ConnectToName_i(strName);
 }
 
 template <class TransportType>
-int CCmConnectorTcpT<TransportType>::Connect_i(TransportType& aTransport, const CCmInetAddr& aAddr) {
-    CCmSocketTcp& peer = aTransport.GetPeer();
-    const BOOL bAnyLocal = m_AddrLocal == CCmInetAddr::s_InetAddrAny;
-    if ((bAnyLocal ? peer.Open(FALSE) : peer.Open(FALSE, m_AddrLocal)) == -1) {
-        CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, Open() failed! laddr=" << m_AddrLocal.GetIpDisplayName() << " lport="
-                                                                                 << m_AddrLocal.GetPort() << " err=" << errno);
-        return -1;
-    }
-    if (peer.Enable(CCmIPCBase::NON_BLOCK) == -1) {
-        CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, Enable(NON_BLOCK) failed! err=" << errno);
-        return -1;
-    }
-    CM_INFO_TRACE_THIS("CCmConnectorTcpT::Connect_i, addr=" << aAddr.GetIpDisplayName() << " port=" << aAddr.GetPort()
-                                                            << " laddr=" << m_AddrLocal.GetIpDisplayName()
-                                                            << " lport=" << m_AddrLocal.GetPort() << " fd=" << GetHandle());
-    if (m_pReactor->RegisterHandler(this, CONNECT_MASK) != CM_OK)
-        return -1;
-    if (connect(GetHandle(), reinterpret_cast<const sockaddr*>(aAddr.GetPtr()), aAddr.GetSize()) == 0)
-        return 0;
-    if (errno == EINPROGRESS || errno == EINTR)  // an interrupted connect goes on in the background
+int CCmConnectorTcpT<TransportType>::ConnectToName_i(const CCmString& aName) {
+    CCmRefPtrT<CCmDnsRecord> pRecord;
+    const CmResult rv = m_Lookup.Start(aName, pRecord);
+    if (rv == CM_ERROR_WOULD_BLOCK)
         return 1;
-    CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, connect() failed! addr=" << aAddr.GetIpDisplayName() << " port="
-                                                                               << aAddr.GetPort() << "err=" << errno);
-    return -1;
+    if (rv == CM_OK && pRecord->GetState() == CCmDnsRecord::RESOLVED)
+        return ConnectTo_i(pRecord->GetAddresses());
+    TraceNameFailed_i(rv == CM_OK ? pRecord->GetReason() : CCmString(cm_result_name(rv)));
+    return ReportLater_i(CM_ERROR_NETWORK_DNS_FAILURE);
+}
+
+template <class TransportType>
+void CCmConnectorTcpT<TransportType>::TraceNameFailed_i(const CCmString& aWhy) const {
+    CM_WARNING_TRACE_THIS("CCmConnectorTcpT::Connect, name not resolved. addr=" << m_AddrPeer.GetHostName() << " why=" << aWhy);
+}
+
+template <class TransportType>
+int CCmConnectorTcpT<TransportType>::ConnectTo_i(const std::vector<DWORD>& aAddresses) {
+    std::vector<CCmInetAddr> addrs(aAddresses.size(), m_AddrPeer);
+    for (size_t i = 0; i < addrs.size(); ++i)
+        addrs[i].SetIpAddrBy4Bytes(aAddresses[i]);
+    const int nRv = m_Race.Start(std::move(addrs), m_AddrLocal, m_pTransport);
+    if (nRv != 0)
+        return nRv;
+    CM_WARNING_TRACE_THIS("CCmConnectorTcpT::Connect, connect return 0.");
+    return ReportLater_i(CM_OK);
+}
+
+// The attempt is under way by now, so what fails at once is no longer a refusal by Connect.
+template <class TransportType>
+void CCmConnectorTcpT<TransportType>::OnNameKnown(const CCmDnsRecord& aRecord) {
+    if (aRecord.GetState() == CCmDnsRecord::FAILED) {
+        TraceNameFailed_i(aRecord.GetReason());
+        Report_i(CM_ERROR_NETWORK_DNS_FAILURE);
+    } else if (ConnectTo_i(aRecord.GetAddresses()) == -1) {
+        Report_i(CM_ERROR_NETWORK_CONNECT_ERROR);
+    }
 }
 
 template <class TransportType>
 int CCmConnectorTcpT<TransportType>::ReportLater_i(CmResult aReason) {
     const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, CCmTimeValue::s_tvZero, 1);
-    if (rv != CM_OK && rv != CM_ERROR_FOUND)
+    if (rv != CM_OK && rv != CM_ERROR_FOUND) {
+        Close();
         return -1;
-    if (m_pTransport)
-        m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);  // the timer reports, the readiness must not
+    }
     m_bTimerArmed = TRUE;
     m_LaterReason = aReason;
     return 0;
@@ -94,35 +84,9 @@ void CCmConnectorTcpT<TransportType>::OnTimeout(const CCmTimeValue&, void*) {
 }
 
 template <class TransportType>
-HANDLE CCmConnectorTcpT<TransportType>::GetHandle() const {
-    return m_pTransport ? m_pTransport->GetPeer().GetHandle() : CM_INVALID_HANDLE;
-}
-
-// The system says how the connect ended.
-template <class TransportType>
-int CCmConnectorTcpT<TransportType>::OnOutput(HANDLE) {
-    int nErr = 0;
-    int nLength = sizeof nErr;
-    if (m_pTransport->GetPeer().GetOption(SOL_SOCKET, SO_ERROR, &nErr, &nLength) == -1)
-        nErr = errno;
-    m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
-    return Finished_i(nErr);
-}
-
-template <class TransportType>
-int CCmConnectorTcpT<TransportType>::OnClose(HANDLE, long) {
-    return Finished_i(ECONNABORTED);
-}
-
-template <class TransportType>
-int CCmConnectorTcpT<TransportType>::Finished_i(int aError) {
-    if (aError != 0) {
-        CM_WARNING_TRACE_THIS("CCmConnectorTcpT::OnOutput, connect() failed! addr="
-                              << m_AddrPeer.GetIpDisplayName() << " port=" << m_AddrPeer.GetPort() << " err=" << aError);
-        m_pTransport.Reset();
-    }
-    Report_i(aError == 0 ? CM_OK : CM_ERROR_NETWORK_CONNECT_ERROR);
-    return 0;
+void CCmConnectorTcpT<TransportType>::OnRaceDone(CCmRefPtrT<TransportType> aTransport) {
+    m_pTransport = std::move(aTransport);
+    Report_i(m_pTransport ? CM_OK : CM_ERROR_NETWORK_CONNECT_ERROR);
 }
 
 // The last thing of an attempt: the upper connector may delete this one.
@@ -134,14 +98,11 @@ void CCmConnectorTcpT<TransportType>::Report_i(CmResult aReason) {
 
 template <class TransportType>
 void CCmConnectorTcpT<TransportType>::Close() {
-    const BOOL bReactor = ICmReactor::IsAlive(m_pReactor);
-    if (m_bTimerArmed && bReactor)
+    m_Lookup.Cancel();
+    m_Race.Stop();
+    if (m_bTimerArmed && ICmReactor::IsAlive(m_pReactor))
         m_pReactor->CancelTimer(this);
     m_bTimerArmed = FALSE;
-    if (!m_pTransport)
-        return;
-    if (bReactor)
-        m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
     m_pTransport.Reset();
 }
 

@@ -1,16 +1,25 @@
 // Opens a TCP connection.
 #pragma once
 
+#include <vector>
+
 #include "talvo/event/reactor.h"
+#include "talvo/transport/connect_race.h"
 #include "talvo/transport/connector_internal.h"
+#include "talvo/transport/name_lookup.h"
 #include "talvo/transport/transport_tcp.h"
 
-// Makes a TransportType over a socket that it connects. A connect that completes at once, and a name without an address, are
-// reported from a timer of its own, never from inside Connect.
+// Makes a TransportType over a socket that it connects. A host name is looked up first; of several addresses the first to
+// connect is taken, see CConnectRaceT. A connect that completes at once, and a name without an address, are reported from a
+// timer of its own, never from inside Connect.
 template <class TransportType>
-class CCmConnectorTcpT : public ACmConnectorInternal, public ACmEventHandler, public ICmTimerHandler {
+class CCmConnectorTcpT : public ACmConnectorInternal,
+                         private ICmTimerHandler,
+                         private talvo::INameUser,
+                         private talvo::CConnectRaceT<TransportType>::IUser {
 public:
-    CCmConnectorTcpT(ICmReactor* aReactor, ACmConnectorUpper& aUpper) : m_pReactor(aReactor), m_Upper(aUpper) {}
+    CCmConnectorTcpT(ICmReactor* aReactor, ACmConnectorUpper& aUpper)
+        : m_pReactor(aReactor), m_Upper(aUpper), m_Race(aReactor, *this) {}
     ~CCmConnectorTcpT() override;
 
     // A CCmConnectorMaker.
@@ -19,22 +28,24 @@ public:
     int Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal = nullptr) override;
     void Close() override;
 
-    HANDLE GetHandle() const override;
-    int OnOutput(HANDLE aFd) override;
-    int OnClose(HANDLE aFd, long aMask) override;
-    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
-
 private:
-    int Connect_i(TransportType& aTransport, const CCmInetAddr& aAddr);
+    int ConnectToName_i(const CCmString& aName);
+    int ConnectTo_i(const std::vector<DWORD>& aAddresses);
+    void TraceNameFailed_i(const CCmString& aWhy) const;
     int ReportLater_i(CmResult aReason);
-    int Finished_i(int aError);
     void Report_i(CmResult aReason);
+
+    void OnNameKnown(const CCmDnsRecord& aRecord) override;
+    void OnRaceDone(CCmRefPtrT<TransportType> aTransport) override;
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
 
     ICmReactor* const m_pReactor;  // not owned
     ACmConnectorUpper& m_Upper;
-    CCmInetAddr m_AddrPeer;
-    CCmInetAddr m_AddrLocal;                 // CCmInetAddr::s_InetAddrAny: not given
-    CCmRefPtrT<TransportType> m_pTransport;  // while an attempt runs
+    CCmInetAddr m_AddrPeer;                      // perhaps with a name
+    CCmInetAddr m_AddrLocal;                     // CCmInetAddr::s_InetAddrAny: not given
+    talvo::CNameLookup m_Lookup{*this};          // runs first,
+    talvo::CConnectRaceT<TransportType> m_Race;  // then this,
+    CCmRefPtrT<TransportType> m_pTransport;      // which gives this
     BOOL m_bTimerArmed = FALSE;
     CmResult m_LaterReason = CM_OK;  // what the timer reports
 };

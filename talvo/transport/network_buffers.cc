@@ -24,5 +24,20 @@ struct COwner {
 }  // namespace
 
 CNetworkBuffers& GetNetworkBuffers() { return s_pBuffers ? *s_pBuffers : MakeNetworkBuffers(); }
+CDatagramBuffers::CDatagramBuffers() {
+    for (DWORD i = 0; i < BATCH; ++i) {
+        m_Iov[i] = {m_Slots[i], SLOT};
+        m_Received[i] = {};
+        m_Received[i].msg_hdr.msg_iov = &m_Iov[i];
+        m_Received[i].msg_hdr.msg_iovlen = 1;
+        m_Received[i].msg_hdr.msg_name = &m_From[i];
+        m_Sent[i] = {};
+    }
+}
+
+CDatagramBuffers& GetDatagramBuffers() {
+    thread_local const std::unique_ptr<CDatagramBuffers> s_pBuffers(new CDatagramBuffers);
+    return *s_pBuffers;
+}
 
 }  // namespace talvo

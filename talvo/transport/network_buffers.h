@@ -1,6 +1,8 @@
 // The buffers of a network thread.
 #pragma once
 
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/uio.h>
 
 #include "talvo/base/types.h"
@@ -16,7 +18,24 @@ struct CNetworkBuffers {
     iovec m_Iov[MAX_PIECES];
 };
 
-// The calling thread's pair.
+// For datagrams, several a system call; likewise shared, and valid while a batch is handled.
+struct CDatagramBuffers {
+    static constexpr DWORD BATCH = 32;
+    // Holds a datagram of any size. The extra bytes keep the beginnings of all slots, which is where most datagrams end, from
+    // competing for the same few lines of the processor's cache.
+    static constexpr size_t SLOT = 65536 + 1280;
+
+    CDatagramBuffers();
+
+    char m_Slots[BATCH][SLOT];
+    iovec m_Iov[BATCH];
+    sockaddr_in m_From[BATCH];
+    mmsghdr m_Received[BATCH];  // each over its slot and address
+    mmsghdr m_Sent[BATCH];
+};
+
+// The calling thread's; the second costs 2 MiB of address space, from the first call on.
 CNetworkBuffers& GetNetworkBuffers();
+CDatagramBuffers& GetDatagramBuffers();
 
 }  // namespace talvo

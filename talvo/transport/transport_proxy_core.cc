@@ -35,6 +35,7 @@ CTransportProxyCore::CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink
     : CProxyCore(aUser, aNetwork),
       m_dwType(aType),
       m_bStream((aType & STREAM_TYPE_MASK) == CM_TRANSPORT_TYPE_TCP),
+      m_bDatagrams((aType & STREAM_TYPE_MASK) == CM_TRANSPORT_TYPE_UDP),
       m_pTransport(aTransport) {
     ++s_Live;
     if (Host_i())
@@ -62,6 +63,8 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
     if (m_pLingerTimers)
         return;
     CCmMessageBlock* pChunk = aData.DuplicateChained();
+    if (!pChunk && m_bDatagrams)
+        return;
     if (!pChunk) {
         Lost_i(CM_ERROR_OUT_OF_MEMORY);  // a stream with a hole in it would be worse
         return;
@@ -121,9 +124,19 @@ CCmMessageBlock* CTransportProxyCore::NextChain_i() {
 CmResult CTransportProxyCore::SendUnsent_i() {
     CCmTransportParameter para;
     CCmMessageBlock* pChain = std::exchange(m_pUnsent, nullptr);  // the send may end the connection, and free what is ours
-    const CmResult rv = m_pTransport->SendData(*pChain, &para);
-    m_pUnsent = pChain->ReclaimGarbage();
-    if (m_SendQueue.Sent(para.m_dwHaveSent)) {
+    DWORD dwGone = CostOf_i(pChain->GetChainedLength());
+    CmResult rv = m_pTransport->SendData(*pChain, &para);
+    if (!m_bDatagrams) {
+        dwGone = para.m_dwHaveSent;
+        m_pUnsent = pChain->ReclaimGarbage();
+    } else if (rv == CM_ERROR_PARTIAL_DATA) {
+        m_pUnsent = pChain;
+        return rv;
+    } else {
+        rv = CM_OK;  // one that was refused is lost, and the next goes on
+        pChain->DestroyChained();
+    }
+    if (m_SendQueue.Sent(dwGone)) {
         m_bOnSendDue = TRUE;
         PostUpcall_i();
     }

@@ -25,7 +25,7 @@ namespace talvo {
 class TALVO_API CTransportProxyCore final : public CProxyCore, public ICmTransportSink, public ICmTimerHandler {
 public:
     // In the network thread, which keeps aTransport. aType: the connection type; base type 1 without a protocol is a stream,
-    // whose sends may be joined.
+    // whose sends may be joined, base type 2 without one is a flow of datagrams, which are taken or lost whole.
     CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType);
     ~CTransportProxyCore() override;
 
@@ -70,9 +70,14 @@ private:
     void LetGo_i(CmResult aReason);
     CmResult SetInnerOption_i(DWORD aCommand, void* aArg);
     CmResult GetInnerOption_i(DWORD aCommand, void* aArg);
+    // What the queues count for a chain of so many bytes: an empty datagram takes room too.
+    DWORD CostOf_i(DWORD aLength) const { return m_bDatagrams ? aLength + DATAGRAM_OVERHEAD : aLength; }
+
+    static constexpr DWORD DATAGRAM_OVERHEAD = 128;
 
     const DWORD m_dwType;
     const BOOL m_bStream;
+    const BOOL m_bDatagrams;
     ICmTransport* m_pProxy = nullptr;  // the handle, for upcalls: alive while there is a sink
 
     std::atomic<ICmTransportSink*> m_pSink{nullptr};  // not owned; the user's

@@ -1,4 +1,5 @@
 // The half of the transport proxy's core in the user's thread; the network's stands in transport_proxy_core.cc.
+#include "talvo/transport/datagram_sender.h"
 #include "talvo/transport/transport_proxy_core.h"
 
 namespace talvo {
@@ -28,11 +29,13 @@ CmResult CTransportProxyCore::SendData(CCmMessageBlock& aData, CCmTransportParam
         aPara->m_dwHaveSent = 0;
     if (m_bClosed)
         return CM_ERROR_NULL_POINTER;
-    const DWORD dwLength = aData.GetChainedLength();
+    DWORD dwLength = aData.GetChainedLength();
     if (dwLength == 0 && m_bStream)
         return CM_OK;
+    if (m_bDatagrams && CheckDatagram(aData, dwLength) != CM_OK)
+        return CM_ERROR_INVALID_ARG;
     BOOL bWake = FALSE;
-    CmResult rv = m_SendQueue.Push(aData, dwLength, bWake);
+    CmResult rv = m_SendQueue.Push(aData, CostOf_i(dwLength), bWake);
     if (rv != CM_OK)
         return rv;
     if (bWake)

@@ -10,7 +10,9 @@
 // Sending: SendData takes the whole chain or nothing, without copying payload that a data block owns. When more than a limit
 // waits for the network (1 MiB; CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, bytes) it returns CM_ERROR_PARTIAL_DATA, and one OnSend
 // follows when half of the limit has drained. Sends on a raw TCP transport are joined, up to 64 pieces a system call. CM_OK
-// says that the data is on its way: it is lost only when the connection is.
+// says that the data is on its way: it is lost only when the connection is. On a raw UDP transport each send stays one
+// datagram, which counts 128 bytes more towards the limits, and CM_OK promises nothing (see CCmTransportUdp); one that is too
+// large is refused at once with CM_ERROR_INVALID_ARG.
 //
 // Receiving: OnReceive gets a duplicate of its own. When more than a limit (1 MiB, each chunk counting 128 bytes beyond its
 // payload; CM_OPT_TRANSPORT_PROXY_RECV_LIMIT) waits for the user's thread, reading stops until half of it is taken.

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <random>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -169,7 +170,10 @@ public:
         EndNetworkThread();
         m_pMain.reset();
         CCmThreadManager::Instance()->SetNetworkThreadMode(CCmThreadManager::NETWORK_THREAD_OWN);
-        EXPECT_EQ("", CCmLiveCounter::Dump());
+        // What is known of names stays as long as the process.
+        std::istringstream left(CCmLiveCounter::Dump());
+        for (std::string strLine; std::getline(left, strLine);)
+            EXPECT_TRUE(strLine.starts_with("CDnsState ") || strLine.starts_with("CCmDnsRecord ")) << strLine;
     }
 
     CCmReactorEpoll& Main() const { return m_pMain->GetReactor(); }

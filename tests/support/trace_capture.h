@@ -37,6 +37,11 @@ public:
         return m_Lines;
     }
 
+    void Clear() {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        m_Lines.clear();
+    }
+
     void OnTrace(DWORD, const char*, std::string_view aText) override {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         m_Lines.emplace_back(aText);

@@ -283,7 +283,6 @@ class TransferTest(unittest.TestCase):
             with self.subTest(arguments):
                 run = talvo(*arguments)
                 self.assertEqual((run.returncode, run.stdout, len(run.stderr.splitlines())), (2, "", 1))
-        self.assertIn("cannot resolve 'nobody.example'", talvo("ping", "nobody.example:1").stderr)
         self.assertEqual(talvo("--help").returncode, 0)
         self.assertRegex(talvo("--version").stdout, r"^talvo \d+\.\d+\.\d+\n$")
 

@@ -47,7 +47,7 @@ TEST_F(ConnectorTest, InitJudgesTheType) {
     EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, m_pConnector->Init(CM_TRANSPORT_TYPE_TCP));
     m_pConnector = new CCmConnectorWrapper;
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pConnector->Init(3));
-    EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, m_pConnector->Init(CM_TRANSPORT_TYPE_UDP));
+    EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, m_pConnector->Init(4));
     EXPECT_EQ(CM_ERROR_INVALID_ARG, cm_set_connector_maker(3, CCmConnectorTcp::Make));
     Start(0);
     EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, Outcome());

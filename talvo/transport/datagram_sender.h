@@ -1,0 +1,74 @@
+// Datagrams on their way to a socket, several a system call.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/uio.h>
+
+#include <vector>
+
+#include "talvo/base/message_block.h"
+
+namespace talvo {
+
+constexpr DWORD MAX_DATAGRAM_LENGTH = 65507;  // what IPv4 and UDP leave of 65,535 bytes
+constexpr DWORD MAX_DATAGRAM_PIECES = 1024;   // what the system gathers
+
+// Whether a chain can be sent as one datagram, and its length. CM_ERROR_INVALID_ARG: more bytes or more non-empty blocks than
+// the above.
+CmResult CheckDatagram(const CCmMessageBlock& aData, DWORD& aLength);
+
+// Collects datagrams and hands them to the system with one call. Knows no reactor: its owner says when. No payload is copied
+// that a data block owns, nor any that lies in the memory lent for the moment. One thread.
+class TALVO_API CDatagramSender {
+public:
+    CDatagramSender() = default;
+    ~CDatagramSender() { Clear(); }
+    CDatagramSender(const CDatagramSender&) = delete;
+    CDatagramSender& operator=(const CDatagramSender&) = delete;
+
+    // Bytes in this memory stay as they are until the loan is called back, behind a Flush.
+    void Lend(const char* aBegin, const char* aEnd);
+    void CallBackLoan() { Lend(nullptr, nullptr); }
+
+    // Takes a duplicate of a chain that CheckDatagram has found good. aTo null: the socket is connected.
+    // CM_ERROR_PARTIAL_DATA: the socket's buffer is full, and what was taken before has to leave first. CM_ERROR_OUT_OF_MEMORY.
+    CmResult Add(const CCmMessageBlock& aData, const sockaddr_in* aTo);
+
+    // Sends as much as the socket takes; the rest stays and IsFull says so. A datagram that the system refuses for any other
+    // reason is lost. Returns that reason (the last one's errno), or 0.
+    int Flush(HANDLE aFd);
+
+    void Clear();
+
+    BOOL IsFull() const { return m_bFull; }
+    size_t GetWaiting() const { return m_Datagrams.size() - m_stGone; }
+    uint64_t GetCalls() const { return m_ullCalls; }  // system calls so far
+    uint64_t GetLost() const { return m_ullLost; }    // datagrams that the system refused
+
+private:
+    struct CDatagram {
+        sockaddr_in m_To;  // nothing when connected
+        BOOL m_bConnected;
+        size_t m_stPiece;  // first of its pieces
+        size_t m_stPieces;
+        CCmMessageBlock* m_pKept;  // owned, in no order; what its pieces lie in, apart from lent memory
+    };
+
+    BOOL IsLent(const void* aByte) const { return aByte >= m_pLentBegin && aByte < m_pLentEnd; }
+    int SendSome(HANDLE aFd);
+    void KeepRest();
+    BOOL KeepLent(CDatagram& aDatagram);
+    static BOOL Keep(CDatagram& aDatagram, const CCmMessageBlock& aBlock, iovec& aPiece);
+    static void DestroyKept(CDatagram& aDatagram);
+
+    std::vector<CDatagram> m_Datagrams;
+    std::vector<iovec> m_Pieces;
+    size_t m_stGone = 0;  // so many of m_Datagrams are done with
+    BOOL m_bFull = FALSE;
+    const char* m_pLentBegin = nullptr;
+    const char* m_pLentEnd = nullptr;
+    uint64_t m_ullCalls = 0;
+    uint64_t m_ullLost = 0;
+};
+
+}  // namespace talvo

@@ -1,0 +1,37 @@
+// The hosts file: names that need no server.
+#pragma once
+
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "talvo/base/result.h"
+#include "talvo/base/types.h"
+
+namespace talvo {
+
+// Lines of an IPv4 address and the names it has, '#' begins a comment; lines with other addresses are skipped. A name on
+// several lines has all their addresses. Names are compared without regard to case and to a dot at the end.
+class TALVO_API CDnsHosts {
+public:
+    static constexpr size_t MAX_FILE_LENGTH = 1 << 20;  // bytes
+
+    // Replaces what is known by a file. CM_OK; CM_ERROR_NOT_FOUND: it cannot be read, is no regular file or is too long: no
+    // name is known then.
+    CmResult Load(const CCmString& aPath);
+    void Parse(std::string_view aText);
+
+    // Addresses in network byte order, null for none. "localhost" and names below it are 127.0.0.1 unless the file knows
+    // better. aName is in lower case.
+    const std::vector<DWORD>* Find(std::string_view aName) const;
+
+private:
+    void ParseLine_i(std::string_view aLine);
+
+    std::unordered_map<CCmString, std::vector<DWORD>> m_Names;
+};
+
+// A name as it is compared: in lower case.
+CCmString ToLower(std::string_view aName);
+
+}  // namespace talvo

@@ -1,0 +1,102 @@
+// Who has sent datagrams to a socket.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <unordered_map>
+
+#include "talvo/base/types.h"
+
+namespace talvo {
+
+// Peers by address, and in the order in which they were last heard of. Every operation takes constant time, whatever addresses
+// strangers choose. Knows no socket and no clock: times are microseconds that the caller reads. The objects are not owned. One
+// thread.
+template <class Object>
+class CPeerTableT {
+    struct CLink {
+        CLink* m_pOlder = this;
+        CLink* m_pNewer = this;
+    };
+
+public:
+    class CPeer : private CLink {
+    public:
+        Object* Get() const { return m_pObject; }
+
+    private:
+        friend class CPeerTableT;
+        Object* m_pObject = nullptr;
+        uint64_t m_ullKey = 0;
+        int64_t m_llHeardUsec = 0;
+    };
+
+    // Address and port, both in network order.
+    static uint64_t KeyOf(uint32_t aAddr, uint16_t aPort) { return uint64_t{aAddr} << 16 | aPort; }
+
+    CPeerTableT() : m_Peers(0, CHash{std::random_device{}() | uint64_t{std::random_device{}()} << 32}) {}
+    CPeerTableT(const CPeerTableT&) = delete;
+    CPeerTableT& operator=(const CPeerTableT&) = delete;
+
+    size_t GetCount() const { return m_Peers.size(); }
+
+    // Null: unknown. The peer stays where it is until Remove.
+    CPeer* Find(uint64_t aKey) {
+        const auto found = m_Peers.find(aKey);
+        return found == m_Peers.end() ? nullptr : &found->second;
+    }
+
+    // A peer that the table does not hold yet; it has just been heard of.
+    void Add(uint64_t aKey, Object* aObject, int64_t aNowUsec) {
+        CPeer& peer = m_Peers[aKey];
+        peer.m_pObject = aObject;
+        peer.m_ullKey = aKey;
+        Hear(peer, aNowUsec);
+    }
+
+    void Hear(CPeer& aPeer, int64_t aNowUsec) {
+        aPeer.m_llHeardUsec = aNowUsec;
+        Unlink(aPeer);
+        aPeer.m_pOlder = m_Ends.m_pOlder;
+        aPeer.m_pNewer = &m_Ends;
+        m_Ends.m_pOlder->m_pNewer = &aPeer;
+        m_Ends.m_pOlder = &aPeer;
+    }
+
+    // Nothing happens for an unknown one.
+    void Remove(uint64_t aKey) {
+        CPeer* pPeer = Find(aKey);
+        if (!pPeer)
+            return;
+        Unlink(*pPeer);
+        m_Peers.erase(aKey);
+    }
+
+    // The peer that has been silent for longest; null: there is none.
+    CPeer* GetSilent() { return m_Peers.empty() ? nullptr : static_cast<CPeer*>(m_Ends.m_pNewer); }
+    static int64_t GetHeardUsec(const CPeer& aPeer) { return aPeer.m_llHeardUsec; }
+
+private:
+    // Seeded, so that nobody can choose addresses that fall together.
+    struct CHash {
+        uint64_t m_ullSeed;
+        size_t operator()(uint64_t aKey) const {
+            uint64_t ull = aKey ^ m_ullSeed;
+            ull = (ull ^ ull >> 30) * 0xBF58476D1CE4E5B9;
+            ull = (ull ^ ull >> 27) * 0x94D049BB133111EB + m_ullSeed;
+            return (ull ^ ull >> 31) * 0xFF51AFD7ED558CCD >> 16;
+        }
+    };
+
+    static void Unlink(CLink& aLink) {
+        aLink.m_pOlder->m_pNewer = aLink.m_pNewer;
+        aLink.m_pNewer->m_pOlder = aLink.m_pOlder;
+        aLink.m_pOlder = aLink.m_pNewer = &aLink;
+    }
+
+    CLink m_Ends;  // its newer neighbour is the oldest peer
+    std::unordered_map<uint64_t, CPeer, CHash> m_Peers;
+};
+
+}  // namespace talvo

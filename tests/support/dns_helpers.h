@@ -1,0 +1,99 @@
+// A process of the library's that looks names up where a test says, and those who ask.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "talvo/base/config.h"
+#include "talvo/connection/connection_manager.h"
+#include "talvo/transport/dns_manager.h"
+#include "tests/support/event_helpers.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/temp_dir.h"
+
+using DnsRecordPtr = CCmRefPtrT<CCmDnsRecord>;
+
+// Collects what it hears.
+class CTestObserver : public ICmObserver {
+public:
+    ~CTestObserver() override { CCmDnsManager::Instance()->CancelResolve(this); }
+
+    void OnObserve(const char* aTopic, void* aData) override {
+        EXPECT_STREQ("DnsManager", aTopic);
+        m_Records.emplace_back(static_cast<CCmDnsRecord*>(aData));
+    }
+
+    std::vector<DnsRecordPtr> m_Records;
+};
+
+// The dotted addresses of a record, separated by blanks.
+inline std::string TextOf(const DnsRecordPtr& aRecord) {
+    std::string strText;
+    for (const DWORD dwAddr : aRecord->GetAddresses())
+        strText += (strText.empty() ? "" : " ") + CCmInetAddr::IpAddr4BytesToString(dwAddr);
+    return strText;
+}
+
+// The main thread with its loop, and a network thread. Time stands still unless Advance moves it; names are looked up in the
+// test's own hosts file and, until it names a server, nowhere else.
+class CDnsTest : public testing::Test {
+protected:
+    CDnsTest() {
+        m_Keys["HostsFile"] = m_Dir.Write("hosts", "");
+        m_Keys["ResolverFile"] = m_Dir.Write("resolv.conf", "");
+        m_Keys["Servers"] = "127.0.0.1:1";
+        Configure();
+        EXPECT_NE(nullptr, CCmConnectionManager::Instance());
+    }
+    ~CDnsTest() override {
+        CCmThreadManager::Instance()->StopAllThreads();
+        CCmConnectionManager::CleanupInstance();
+        load_config_file("");
+    }
+
+    // Makes the keys count at once.
+    void Configure() {
+        std::string strText = "[Dns]\n";
+        for (const auto& [strKey, strValue] : m_Keys)
+            strText += strKey + "=" + strValue + "\n";
+        EXPECT_EQ(CM_OK, load_config_file(m_Dir.Write("talvo.cfg", strText).c_str()));
+        CCmDnsManager::Instance()->Refresh();
+    }
+
+    void WriteHosts(const std::string& aText) {
+        m_Dir.Write("hosts", aText);
+        CCmDnsManager::Instance()->Refresh();
+    }
+
+    // Turns the main thread's loop until the condition holds.
+    template <class Condition>
+    BOOL RunUntil(Condition aCondition) {
+        for (int i = 0; i < 3000 && !aCondition(); ++i)
+            EXPECT_EQ(CM_OK, m_Main.GetReactor().RunOnce(nullptr));
+        return aCondition();
+    }
+
+    CmResult Ask(const std::string& aName, DnsRecordPtr& aRecord, ICmObserver* aObserver = nullptr, BOOL aForced = FALSE) {
+        return CCmDnsManager::Instance()->AsyncResolve(aRecord.ParaOut(), aName, aObserver, aForced);
+    }
+
+    // What is known of the name now, from the cache or after a look-up.
+    DnsRecordPtr Resolve(const std::string& aName, BOOL aForced = FALSE) {
+        CTestObserver observer;
+        DnsRecordPtr pRecord;
+        const CmResult rv = Ask(aName, pRecord, &observer, aForced);
+        if (rv == CM_OK)
+            return pRecord;
+        EXPECT_EQ(CM_ERROR_WOULD_BLOCK, rv);
+        EXPECT_TRUE(RunUntil([&] { return !observer.m_Records.empty(); })) << aName;
+        return observer.m_Records.empty() ? new CCmDnsRecord(aName, {}, 0, "no answer") : observer.m_Records.front();
+    }
+
+    CCmFakeClock m_Clock;
+    CCmTempDir m_Dir;
+    std::map<std::string, std::string> m_Keys;  // of the section "Dns"
+    CMainThread m_Main;
+};

@@ -1,0 +1,106 @@
+// Datagrams in tests: a plain socket on the other side, a sink that tells them apart.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "talvo/transport/transport_udp.h"
+#include "tests/support/network_fixture.h"
+
+using Datagrams = std::vector<std::string>;
+
+// A bound socket on loopback that never blocks.
+class CPlainUdp {
+public:
+    CPlainUdp() {
+        EXPECT_EQ(0, m_Socket.Open(CCmInetAddr("127.0.0.1", 0)));
+        EXPECT_EQ(0, m_Socket.Enable(CCmIPCBase::NON_BLOCK));
+        const int nSize = 1 << 20;
+        m_Socket.SetOption(SOL_SOCKET, SO_RCVBUF, &nSize, sizeof nSize);
+        EXPECT_EQ(0, m_Socket.GetLocalAddr(m_Addr));
+    }
+    const CCmInetAddr& Addr() const { return m_Addr; }
+    void Send(const CCmInetAddr& aTo, const std::string& aData) const {
+        EXPECT_EQ(static_cast<int>(aData.size()), m_Socket.SendTo(aData.data(), static_cast<DWORD>(aData.size()), aTo));
+    }
+    // Everything that is there now.
+    Datagrams Receive() {
+        Datagrams all;
+        for (;;) {
+            std::string strData(65536, '\0');
+            const int nReceived = m_Socket.RecvFrom(strData.data(), 65536, m_From);
+            if (nReceived < 0)
+                return all;
+            strData.resize(static_cast<size_t>(nReceived));
+            all.push_back(strData);
+        }
+    }
+    const CCmInetAddr& From() const { return m_From; }  // of the last one
+
+private:
+    CCmSocketUdp m_Socket;
+    CCmInetAddr m_Addr;
+    CCmInetAddr m_From;
+};
+
+// A sink that keeps each datagram by itself.
+class CDatagramSink : public CTestSink {
+public:
+    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override {
+        m_Datagrams.push_back(aData.FlattenChained());
+        if (m_bEcho)
+            aTrptId->SendData(aData);
+        CTestSink::OnReceive(aData, aTrptId, aPara);
+    }
+    Datagrams m_Datagrams;
+    BOOL m_bEcho = FALSE;
+};
+
+// Keeps what an acceptor or connector indicates, unless it is told not to.
+class CPeerSink : public ICmAcceptorConnectorSink {
+public:
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override {
+        EXPECT_EQ(aReason == CM_OK, aTrpt != nullptr);
+        m_Reasons.push_back(aReason);
+        m_pLastId = aRequestId;
+        if (m_bKeep && aTrpt)
+            m_Transports.emplace_back(aTrpt);
+        m_Indicated();
+    }
+    size_t Count() const { return m_Reasons.size(); }
+
+    BOOL m_bKeep = TRUE;
+    std::vector<CmResult> m_Reasons;
+    std::vector<CCmRefPtrT<ICmTransport>> m_Transports;
+    ICmAcceptorConnectorId* m_pLastId = nullptr;
+    std::function<void()> m_Indicated = [] {};
+};
+
+// "0", "1", ...
+inline Datagrams Numbered(int aFrom, int aTo) {
+    Datagrams all;
+    for (int i = aFrom; i < aTo; ++i)
+        all.push_back(std::to_string(i));
+    return all;
+}
+
+// The main thread serves as network thread: the test makes every turn of the loop itself.
+class UdpTest : public testing::Test {
+protected:
+    CCmRefPtrT<CCmTransportUdp> Connect(const CCmInetAddr& aAddr) {
+        CPeerSink sink;
+        const auto pConnector = m_Network.MakeConnector(CCmConnectionManager::CTYPE_UDP);
+        pConnector->AsycConnect(&sink, aAddr);
+        EXPECT_EQ(0u, sink.Count());
+        m_Network.RunUntil([&] { return sink.Count() > 0; });
+        if (sink.m_Transports.empty())
+            return nullptr;
+        return static_cast<CCmTransportUdp*>(sink.m_Transports[0].Get());
+    }
+    void Turns(int aCount = 5) const {
+        for (int i = 0; i < aCount; ++i)
+            EXPECT_EQ(CM_OK, m_Network.Main().RunOnce(&CCmTimeValue::s_tvZero));
+    }
+
+    CTestNetwork m_Network{CCmThreadManager::NETWORK_THREAD_MAIN};
+};

@@ -1,0 +1,202 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "talvo/transport/transport_interface.h"
+#include "tests/support/dns_helpers.h"
+#include "tests/support/event_socket.h"
+#include "tests/support/trace_capture.h"
+
+namespace {
+
+// One attempt, seen from the main thread.
+class CTestClient : public ICmAcceptorConnectorSink {
+public:
+    CTestClient() {
+        EXPECT_EQ(CM_OK, CCmConnectionManager::Instance()->CreateConnectionClient(CCmConnectionManager::CTYPE_TCP,
+                                                                                  m_pConnector.ParaOut()));
+    }
+    ~CTestClient() override { Cancel(); }
+
+    void Connect(const CCmInetAddr& aAddr, CCmTimeValue* aTimeout = nullptr) {
+        m_pConnector->AsycConnect(this, aAddr, aTimeout);
+    }
+    void Cancel() { m_pConnector->CancelConnect(); }
+
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
+        ++m_nIndications;
+        m_Reason = aReason;
+        m_pTransport = aTrpt;
+        if (aTrpt) {
+            EXPECT_EQ(CM_OK, aTrpt->GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &m_AddrPeer));
+        }
+    }
+
+    CCmRefPtrT<ICmConnector> m_pConnector;
+    CCmRefPtrT<ICmTransport> m_pTransport;
+    CCmInetAddr m_AddrPeer;
+    int m_nIndications = 0;
+    CmResult m_Reason = CM_OK;
+};
+
+// Listens at an address of loopback; a port of 0 is chosen and filled in.
+CTestFd Listen(const char* aAddress, WORD& aPort, int aBacklog) {
+    CTestFd fd = MakeTcpSocket();
+    CCmInetAddr addr(aAddress, aPort);
+    EXPECT_EQ(0, bind(fd.Get(), reinterpret_cast<sockaddr*>(addr.GetPtr()), addr.GetSize())) << errno;
+    socklen_t length = addr.GetSize();
+    EXPECT_EQ(0, getsockname(fd.Get(), reinterpret_cast<sockaddr*>(addr.GetPtr()), &length));
+    aPort = addr.GetPort();
+    EXPECT_EQ(0, listen(fd.Get(), aBacklog));
+    return fd;
+}
+
+// Names stand for addresses of loopback: at 127.0.0.1 somebody listens, at 127.0.0.2 nobody does, and 127.0.0.3 takes no more
+// connections and refuses none.
+class ConnectorNameTest : public CDnsTest {
+protected:
+    ConnectorNameTest() {
+        m_Good = Listen("127.0.0.1", m_wPort, 100);
+        m_Full = Listen("127.0.0.3", m_wPort, 0);
+        for (CTestFd& filler : m_Fillers) {
+            filler = MakeTcpSocket();
+            const CCmInetAddr addr("127.0.0.3", m_wPort);
+            connect(filler.Get(), reinterpret_cast<const sockaddr*>(addr.GetPtr()), addr.GetSize());
+        }
+        WriteHosts(
+            "127.0.0.1 good\n"
+            "127.0.0.2 refusing\n127.0.0.2 refusing-twice\n127.0.0.4 refusing-twice\n"
+            "127.0.0.3 full\n"
+            "127.0.0.2 second\n127.0.0.1 second\n"
+            "127.0.0.3 late\n127.0.0.1 late\n"
+            "127.0.0.3 hanging\n127.0.0.2 hanging\n"
+            "255.255.255.255 nowhere\n");
+    }
+
+    CCmInetAddr At(const char* aName) const { return CCmInetAddr(aName, m_wPort); }
+
+    // How an attempt ends.
+    CmResult Connect(const CCmInetAddr& aAddr) {
+        CTestClient client;
+        client.Connect(aAddr);
+        EXPECT_TRUE(RunUntil([&] { return client.m_nIndications > 0; }));
+        Settle();
+        EXPECT_EQ(1, client.m_nIndications);
+        EXPECT_EQ(client.m_Reason == CM_OK, static_cast<bool>(client.m_pTransport));
+        return client.m_Reason;
+    }
+
+    // What is under way in the two threads is through.
+    void Settle() {
+        ACmThread* pNetwork = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_NETWORK);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(CM_OK, pNetwork->GetLink().Call([] { return CM_OK; }));
+            m_Main.RunOnce();
+        }
+    }
+
+    WORD m_wPort = 0;
+    CTestFd m_Good;
+    CTestFd m_Full;
+    CTestFd m_Fillers[4];
+};
+
+}  // namespace
+
+TEST_F(ConnectorNameTest, EachEndOfAnAttemptByNameIsReportedOnceWithItsReason) {
+    EXPECT_EQ(CM_OK, Connect(At("good")));
+    EXPECT_EQ(CM_OK, Connect(At("good")));  // from the cache now
+    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, Connect(At("refusing")));
+    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, Connect(At("refusing-twice")));
+    EXPECT_EQ(CM_OK, Connect(At("second")));
+    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, Connect(CCmInetAddr("255.255.255.255", m_wPort)));
+    const CCmInetAddr addrNowhere = At("nowhere");  // still a name; its address is known when the connect begins
+    EXPECT_EQ("255.255.255.255", TextOf(Resolve("nowhere")));
+    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, Connect(addrNowhere));
+}
+
+TEST_F(ConnectorNameTest, ANameWithoutAddressEndsWith20007AndOneLine) {
+    CCmTraceCapture trace;
+    EXPECT_EQ(CM_ERROR_NETWORK_DNS_FAILURE, Connect(At("none.invalid")));
+    EXPECT_EQ(1u, trace.Count("name not resolved. addr=none.invalid"));
+    // From the cache: an address that still has its name never becomes a connect, one that was completed does.
+    CCmInetAddr addr = At("other.invalid");
+    EXPECT_EQ(CCmDnsRecord::FAILED, Resolve("other.invalid")->GetState());
+    trace.Clear();
+    EXPECT_EQ(CM_ERROR_NETWORK_DNS_FAILURE, Connect(addr));
+    EXPECT_EQ(1u, trace.Count("name not resolved. addr=other.invalid"));
+    EXPECT_EQ(0u, trace.Count("Connect_i, addr="));
+    EXPECT_EQ(CM_OK, addr.TryResolve());
+    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, Connect(addr));
+    trace.Clear();
+    EXPECT_EQ(CM_ERROR_NETWORK_DNS_FAILURE, Connect(At("not a name")));
+    EXPECT_EQ(1u, trace.Count("name not resolved. addr=not a name"));
+}
+
+TEST_F(ConnectorNameTest, TheNextAddressIsTriedAQuarterOfASecondLater) {
+    CCmTraceCapture trace;
+    CTestClient client;
+    client.Connect(At("late"));
+    ASSERT_TRUE(RunUntil([&] { return trace.Contains("Connect_i, addr=127.0.0.3"); }));
+    m_Clock.Advance(CCmTimeValue(0, 249999));
+    Settle();
+    EXPECT_FALSE(trace.Contains("Connect_i, addr=127.0.0.1"));
+    m_Clock.Advance(CCmTimeValue(0, 1));
+    ASSERT_TRUE(RunUntil([&] { return client.m_nIndications > 0; }));
+    EXPECT_EQ(CM_OK, client.m_Reason);
+    EXPECT_EQ("127.0.0.1", client.m_AddrPeer.GetIpDisplayName());
+}
+
+TEST_F(ConnectorNameTest, TheTimeOutCoversEverythingAndEndsEveryAttempt) {
+    CCmTraceCapture trace;
+    CTestClient client;
+    CCmTimeValue tvTimeout(2);
+    client.Connect(At("hanging"), &tvTimeout);
+    ASSERT_TRUE(RunUntil([&] { return trace.Contains("Connect_i, addr=127.0.0.3"); }));
+    m_Clock.Advance(CCmTimeValue(1));
+    ASSERT_TRUE(RunUntil([&] { return trace.Contains("connect() failed! addr=127.0.0.2"); }));
+    Settle();
+    EXPECT_EQ(0, client.m_nIndications);  // the first one still runs
+    m_Clock.Advance(CCmTimeValue(1));
+    ASSERT_TRUE(RunUntil([&] { return client.m_nIndications > 0; }));
+    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, client.m_Reason);
+    EXPECT_TRUE(trace.Contains("CCmConnectorWrapper::OnTimeout, connect timeout."));
+
+    // The same clock runs while the name is looked up: nobody answers here.
+    WORD wPort = 0;
+    const CTestFd silent(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    CCmInetAddr addr("127.0.0.1", wPort);
+    ASSERT_EQ(0, bind(silent.Get(), reinterpret_cast<sockaddr*>(addr.GetPtr()), addr.GetSize()));
+    socklen_t length = addr.GetSize();
+    ASSERT_EQ(0, getsockname(silent.Get(), reinterpret_cast<sockaddr*>(addr.GetPtr()), &length));
+    m_Keys["Servers"] = "127.0.0.1:" + std::to_string(addr.GetPort());
+    m_Keys["TimeoutMs"] = "60000";
+    Configure();
+    client.Connect(At("slow.test"), &tvTimeout);
+    EXPECT_NE("", silent.Read());  // waits until it is asked
+    Settle();
+    m_Clock.Advance(CCmTimeValue(2));
+    ASSERT_TRUE(RunUntil([&] { return client.m_nIndications > 1; }));
+    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, client.m_Reason);
+
+    // And a cancel in the middle is the end of it.
+    client.Connect(At("slow.test"));
+    Settle();
+    client.Cancel();
+    client.Connect(At("good"));
+    ASSERT_TRUE(RunUntil([&] { return client.m_nIndications > 2; }));
+    EXPECT_EQ(CM_OK, client.m_Reason);
+    EXPECT_EQ(3, client.m_nIndications);
+}
+
+TEST_F(ConnectorNameTest, ACancelledRaceLeavesNothing) {
+    CCmTraceCapture trace;
+    CTestClient client;
+    client.Connect(At("late"));
+    ASSERT_TRUE(RunUntil([&] { return trace.Contains("Connect_i, addr=127.0.0.3"); }));
+    client.Cancel();
+    m_Clock.Advance(CCmTimeValue(1));
+    Settle();
+    EXPECT_EQ(0, client.m_nIndications);
+    EXPECT_FALSE(trace.Contains("Connect_i, addr=127.0.0.1"));
+}

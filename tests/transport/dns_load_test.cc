@@ -1,0 +1,212 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+#include <thread>
+
+#include "talvo/transport/transport_interface.h"
+#include "tests/support/dns_helpers.h"
+#include "tests/support/dns_server.h"
+
+namespace {
+
+// Sends back what comes, on any number of connections; all in the thread that made it.
+class CEchoServer : public ICmAcceptorConnectorSink, public ICmTransportSink {
+public:
+    CEchoServer() {
+        EXPECT_EQ(CM_OK, CCmConnectionManager::Instance()->CreateConnectionServer(CCmConnectionManager::CTYPE_TCP,
+                                                                                  m_pAcceptor.ParaOut()));
+        EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(this, CCmInetAddr("127.0.0.1", 0)));
+        CCmInetAddr addr;
+        EXPECT_EQ(CM_OK, m_pAcceptor->GetListenAddr(addr));
+        m_wPort = addr.GetPort();
+    }
+    ~CEchoServer() override {
+        m_pAcceptor->StopListen(CM_OK);
+        for (const auto& pTransport : m_Transports)
+            pTransport->Disconnect(CM_OK);
+    }
+
+    void OnConnectIndication(CmResult, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
+        m_Transports.emplace_back(aTrpt);
+        EXPECT_EQ(CM_OK, aTrpt->OpenWithSink(this));
+    }
+    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter*) override { aTrptId->SendData(aData); }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override {}
+    void OnDisconnect(CmResult, ICmTransport*) override {}
+
+    CCmRefPtrT<ICmAcceptor> m_pAcceptor;
+    std::vector<CCmRefPtrT<ICmTransport>> m_Transports;
+    WORD m_wPort = 0;
+};
+
+// Connects by name and, if it shall, keeps one byte going to and fro.
+class CLoadClient : public ICmAcceptorConnectorSink, public ICmTransportSink {
+public:
+    explicit CLoadClient(BOOL aTalks = FALSE) : m_bTalks(aTalks) {
+        EXPECT_EQ(CM_OK, CCmConnectionManager::Instance()->CreateConnectionClient(CCmConnectionManager::CTYPE_TCP,
+                                                                                  m_pConnector.ParaOut()));
+    }
+    ~CLoadClient() override {
+        m_pConnector->CancelConnect();
+        if (m_pTransport)
+            m_pTransport->Disconnect(CM_OK);
+    }
+
+    void Connect(const std::string& aName, WORD aPort) { m_pConnector->AsycConnect(this, CCmInetAddr(aName.c_str(), aPort)); }
+    void Send() {
+        CCmMessageBlock block(1);
+        EXPECT_EQ(CM_OK, block.Write("x", 1));
+        EXPECT_EQ(CM_OK, m_pTransport->SendData(block));
+    }
+
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
+        ++m_nIndications;
+        m_Reason = aReason;
+        m_pTransport = aTrpt;
+        if (aTrpt) {
+            EXPECT_EQ(CM_OK, aTrpt->OpenWithSink(this));
+        }
+        if (aTrpt && m_bTalks)
+            Send();
+    }
+    void OnReceive(CCmMessageBlock&, ICmTransport*, CCmTransportParameter*) override {
+        ++m_nRounds;
+        Send();
+    }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override {}
+    void OnDisconnect(CmResult, ICmTransport*) override { m_pTransport.Reset(); }
+
+    const BOOL m_bTalks;
+    CCmRefPtrT<ICmConnector> m_pConnector;
+    CCmRefPtrT<ICmTransport> m_pTransport;
+    int m_nIndications = 0;
+    int m_nRounds = 0;
+    CmResult m_Reason = CM_OK;
+};
+
+class DnsLoadTest : public CDnsTest {
+protected:
+    DnsLoadTest() {
+        std::string strNames = "127.0.0.2 both.test\n127.0.0.1 both.test\n";
+        for (int i = 0; i < 100; ++i)
+            strNames += "127.0.0.1 n" + std::to_string(i) + ".test\n";
+        m_DnsServer.Start(strNames);
+        m_Keys["Servers"] = m_DnsServer.GetAddress();
+        Configure();
+    }
+
+    CTestDnsServer m_DnsServer{30};
+};
+
+}  // namespace
+
+TEST_F(DnsLoadTest, AThousandConnectsByNameEndWellWhileTrafficGoesOn) {
+    CEchoServer server;
+    CLoadClient talker(TRUE);
+    talker.Connect("n0.test", server.m_wPort);
+    ASSERT_TRUE(RunUntil([&] { return talker.m_nRounds > 0; }));
+    const int nBefore = talker.m_nRounds;
+    std::vector<std::unique_ptr<CLoadClient>> clients;
+    for (int i = 0; i < 1000; ++i) {
+        clients.push_back(std::make_unique<CLoadClient>());
+        clients.back()->Connect("n" + std::to_string(i % 100) + ".test", server.m_wPort);
+        m_Main.RunOnce();
+    }
+    for (const auto& pClient : clients) {
+        ASSERT_TRUE(RunUntil([&] { return pClient->m_nIndications > 0; }));
+        EXPECT_EQ(CM_OK, pClient->m_Reason);
+    }
+    EXPECT_GT(talker.m_nRounds, nBefore);
+    const int nAfter = talker.m_nRounds;
+    EXPECT_TRUE(RunUntil([&] { return talker.m_nRounds > nAfter; }));
+    for (const auto& pClient : clients)
+        EXPECT_EQ(1, pClient->m_nIndications);
+}
+
+namespace {
+
+// Does one thing after another at random in its thread: connects, cancels, asks, releases.
+class CRandomUser {
+public:
+    CRandomUser(unsigned aSeed, WORD aPort) : m_Random(aSeed), m_wPort(aPort) {}
+
+    void Step() {
+        switch (m_Random() % 8) {
+        case 0:
+            m_pClient = std::make_unique<CLoadClient>();
+            break;
+        case 1:
+            m_pClient.reset();
+            break;
+        case 2:
+            Client().m_pConnector->CancelConnect();
+            break;
+        case 3:
+            CCmDnsManager::Instance()->CancelResolve(&m_Observer);
+            break;
+        case 4:
+            Ask(m_Random() % 2);
+            break;
+        case 5:
+            if (m_Random() % 32 == 0)
+                CCmDnsManager::Instance()->Refresh();
+            break;
+        case 6:
+            Client().m_pTransport.Reset();
+            break;
+        default:
+            Client().Connect(Name(), m_wPort);
+        }
+    }
+
+private:
+    CLoadClient& Client() {
+        if (!m_pClient)
+            m_pClient = std::make_unique<CLoadClient>();
+        return *m_pClient;
+    }
+    std::string Name() {
+        static const char* const s_Others[] = {"both.test", "none.test", "localhost", "127.0.0.1", "a b"};
+        const unsigned uPick = m_Random() % 15;
+        return uPick < 5 ? s_Others[uPick] : "n" + std::to_string(m_Random() % 100) + ".test";
+    }
+    void Ask(BOOL aForced) {
+        DnsRecordPtr pRecord;
+        CCmDnsManager::Instance()->AsyncResolve(pRecord.ParaOut(), Name(), &m_Observer, aForced);
+    }
+
+    std::minstd_rand m_Random;
+    const WORD m_wPort;
+    std::unique_ptr<CLoadClient> m_pClient;
+    CTestObserver m_Observer;
+};
+
+}  // namespace
+
+TEST_F(DnsLoadTest, ManyThreadsAskConnectCancelAndReleaseAtRandom) {
+    constexpr int STEPS = 1500;
+    CEchoServer server;
+    CScopedThread threads[3]{CScopedThread(CScopedThread::TASK), CScopedThread(CScopedThread::TASK),
+                             CScopedThread(CScopedThread::EVENT_QUEUE_ONLY)};
+    std::atomic<int> nEnded{0};
+    unsigned uSeed = 1;
+    for (CScopedThread& thread : threads) {
+        auto pUser = std::make_shared<std::unique_ptr<CRandomUser>>(new CRandomUser(++uSeed, server.m_wPort));
+        for (int i = 0; i < STEPS; ++i)
+            PostTo(*thread->GetEventQueue(), [=] { (*pUser)->Step(); });
+        PostTo(*thread->GetEventQueue(), [=, &nEnded] {
+            pUser->reset();
+            ++nEnded;
+        });
+    }
+    CRandomUser own(1, server.m_wPort);
+    for (int i = 0; i < STEPS; ++i) {
+        own.Step();
+        m_Main.RunOnce();
+    }
+    EXPECT_TRUE(RunUntil([&] { return nEnded == 3; }));
+    // It still works.
+    m_Clock.Advance(CCmTimeValue(60));
+    EXPECT_EQ("127.0.0.1", TextOf(Resolve("n1.test")));
+}

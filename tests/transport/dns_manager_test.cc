@@ -1,0 +1,155 @@
+#include "talvo/transport/dns_manager.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/dns_helpers.h"
+#include "tests/support/event_socket.h"
+
+namespace {
+
+class DnsManagerTest : public CDnsTest {
+protected:
+    // Nothing more arrives in the main thread: what was under way in the network thread is through, and so is the queue here.
+    void Settle() {
+        ACmThread* pNetwork = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_NETWORK);
+        EXPECT_EQ(CM_OK, pNetwork->GetLink().Call([] { return CM_OK; }));
+        m_Main.RunOnce();
+    }
+};
+
+}  // namespace
+
+TEST_F(DnsManagerTest, LiteralsAndBadNamesAreAnsweredAtOnce) {
+    DnsRecordPtr pRecord;
+    CTestObserver observer;
+    for (const char* szLiteral : {"10.1.2.3", "0x0a010203", "10.66051"}) {
+        ASSERT_EQ(CM_OK, Ask(szLiteral, pRecord, &observer)) << szLiteral;
+        EXPECT_EQ("10.1.2.3", TextOf(pRecord));
+    }
+    EXPECT_EQ(CM_OK, Ask("255.255.255.255", pRecord, &observer, TRUE));
+    const std::string strLabel(63, 'a');
+    const std::string strLongest = strLabel + "." + strLabel + "." + strLabel + "." + std::string(61, 'a');
+    ASSERT_EQ(CCmDnsManager::MAX_NAME_LENGTH, strLongest.size());
+    for (const std::string& strBad : {std::string(), std::string("."), std::string("a b"), std::string("a\0b", 3),
+                                      std::string("a\nb"), strLongest + "a", strLongest + "a."}) {
+        EXPECT_EQ(CM_ERROR_INVALID_ARG, Ask(strBad, pRecord, &observer)) << strBad;
+        EXPECT_FALSE(pRecord);
+    }
+    EXPECT_EQ(CCmDnsRecord::FAILED, Resolve(strLongest + ".")->GetState());
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, CCmDnsManager::Instance()->CancelResolve(&observer));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmDnsManager::Instance()->CancelResolve(nullptr));
+}
+
+TEST_F(DnsManagerTest, OneLookUpServesAllAskersAndThenTheCache) {
+    WriteHosts("10.0.0.1 one\n10.0.0.2 one\n");
+    CTestObserver first;
+    CTestObserver second;
+    DnsRecordPtr pRecord;
+    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("one", pRecord, &first));
+    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("ONE", pRecord, &second, TRUE));
+    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("one", pRecord, &second, TRUE));
+    EXPECT_FALSE(pRecord);
+    ASSERT_TRUE(RunUntil([&] { return second.m_Records.size() == 2; }));
+    ASSERT_EQ(1u, first.m_Records.size());
+    EXPECT_EQ("10.0.0.1 10.0.0.2", TextOf(first.m_Records[0]));
+    EXPECT_EQ(CM_OK, Ask("One", pRecord, &first));
+    EXPECT_EQ("10.0.0.1 10.0.0.2", TextOf(pRecord));
+    Settle();
+    EXPECT_EQ(1u, first.m_Records.size());
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, CCmDnsManager::Instance()->CancelResolve(&first));
+}
+
+TEST_F(DnsManagerTest, NothingIsHeardAfterCancelEvenWhatWasPosted) {
+    CTestObserver observer;
+    DnsRecordPtr pRecord;
+    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("localhost", pRecord, &observer));
+    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("x.localhost", pRecord, &observer));
+    // The answers are in the main thread's queue now.
+    ASSERT_EQ(CM_OK,
+              CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_NETWORK)->GetLink().Call([] { return CM_OK; }));
+    EXPECT_EQ(CM_OK, CCmDnsManager::Instance()->CancelResolve(&observer));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, CCmDnsManager::Instance()->CancelResolve(&observer));
+    Settle();
+    EXPECT_TRUE(observer.m_Records.empty());
+    EXPECT_EQ(CM_OK, Ask("localhost", pRecord));
+}
+
+TEST_F(DnsManagerTest, AnObserverIsCalledInTheThreadThatWasNamed) {
+    CScopedThread user(CScopedThread::TASK);
+    struct CWhere : ICmObserver {
+        void OnObserve(const char*, void*) override { m_dwThread = CCmThreadManager::GetThreadSelfId(); }
+        std::atomic<DWORD> m_dwThread{0};
+    } where;
+    DnsRecordPtr pRecord;
+    EXPECT_EQ(CM_ERROR_WOULD_BLOCK,
+              CCmDnsManager::Instance()->AsyncResolve(pRecord.ParaOut(), "localhost", &where, FALSE, user.Get()));
+    YieldUntil([&] { return where.m_dwThread != 0; });
+    EXPECT_EQ(user->GetThreadId(), where.m_dwThread);
+
+    // A thread that the library does not know cannot be called, but may look.
+    CmResult rvObserver = CM_OK;
+    CmResult rvLook = CM_OK;
+    std::thread([&] {
+        CCmRefPtrT<CCmDnsRecord> pOther;
+        rvObserver = CCmDnsManager::Instance()->AsyncResolve(pOther.ParaOut(), "other.localhost", &where);
+        rvLook = CCmDnsManager::Instance()->AsyncResolve(pOther.ParaOut(), "localhost");
+    }).join();
+    EXPECT_EQ(CM_ERROR_NULL_POINTER, rvObserver);
+    EXPECT_EQ(CM_OK, rvLook);
+}
+
+TEST_F(DnsManagerTest, ChangedFilesAndKeysAreNoticedWithinASecond) {
+    m_Dir.Write("hosts", "10.0.0.1 one\n10.0.0.9 gone\n");
+    m_Clock.Advance(CCmTimeValue(1));
+    EXPECT_EQ("10.0.0.1", TextOf(Resolve("one")));
+    EXPECT_EQ("10.0.0.9", TextOf(Resolve("gone")));
+    m_Dir.Write("hosts", "10.0.0.22 one\n");
+    EXPECT_EQ("10.0.0.1", TextOf(Resolve("one")));  // looked less than a second ago
+    m_Clock.Advance(CCmTimeValue(1));
+    EXPECT_EQ("10.0.0.22", TextOf(Resolve("one")));
+    EXPECT_EQ(CCmDnsRecord::FAILED, Resolve("gone")->GetState());
+
+    m_Keys["HostsFile"] = m_Dir.Write("other", "10.0.0.3 one\n");
+    std::string strConfig = "[Dns]\nServers=127.0.0.1:1\nHostsFile=" + m_Keys["HostsFile"];
+    ASSERT_EQ(CM_OK, load_config_file(m_Dir.Write("talvo.cfg", strConfig).c_str()));
+    m_Clock.Advance(CCmTimeValue(1));
+    EXPECT_EQ("10.0.0.3", TextOf(Resolve("one")));
+}
+
+TEST_F(DnsManagerTest, AddressesAreCompletedFromTheCache) {
+    WriteHosts("10.0.0.1 one\n");
+    CCmInetAddr addr("one", 80);
+    EXPECT_FALSE(addr.IsResolved());
+    ASSERT_TRUE(RunUntil([&] { return addr.TryResolve() == CM_OK; }));
+    EXPECT_EQ("10.0.0.1", addr.GetIpDisplayName());
+    EXPECT_EQ(80, addr.GetPort());
+    CCmInetAddr none("none.invalid", 80);
+    ASSERT_TRUE(RunUntil([&] { return none.TryResolve() == CM_OK; }));
+    EXPECT_EQ("255.255.255.255", none.GetIpDisplayName());
+    CCmInetAddr bad("a b", 80);
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, bad.TryResolve());
+}
+
+TEST_F(DnsManagerTest, TheEndOfTheNetworkThreadIsAFailureThatIsNotKept) {
+    m_Keys["TimeoutMs"] = "60000";
+    CTestFd silent(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in addr = *CCmInetAddr("127.0.0.1", 0).GetPtr();
+    socklen_t length = sizeof(addr);
+    ASSERT_EQ(0, bind(silent.Get(), reinterpret_cast<sockaddr*>(&addr), length));
+    ASSERT_EQ(0, getsockname(silent.Get(), reinterpret_cast<sockaddr*>(&addr), &length));
+    m_Keys["Servers"] = "127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
+    Configure();
+    CTestObserver observer;
+    DnsRecordPtr pRecord;
+    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("a.test", pRecord, &observer));
+    Settle();
+    EXPECT_TRUE(observer.m_Records.empty());
+    CCmConnectionManager::CleanupInstance();
+    ASSERT_TRUE(RunUntil([&] { return !observer.m_Records.empty(); }));
+    EXPECT_EQ(CCmDnsRecord::FAILED, observer.m_Records[0]->GetState());
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, Ask("a.test", pRecord, &observer));
+
+    // The next network thread takes over.
+    ASSERT_NE(nullptr, CCmConnectionManager::Instance());
+    EXPECT_EQ("127.0.0.1", TextOf(Resolve("localhost")));
+}

@@ -1,0 +1,151 @@
+#include "tests/support/dns_server.h"
+
+#include <gtest/gtest.h>
+
+#include "talvo/transport/dns_manager.h"
+#include "tests/support/dns_helpers.h"
+#include "tests/support/trace_capture.h"
+
+namespace {
+
+// The only server is a real one.
+class DnsServerTest : public CDnsTest {
+protected:
+    static constexpr int TTL = 30;
+
+    void Serve(const std::string& aNames) {
+        m_Server.Start(aNames);
+        m_Keys["Servers"] = m_Server.GetAddress();
+        Configure();
+    }
+
+    CTestDnsServer m_Server{TTL};
+};
+
+}  // namespace
+
+TEST_F(DnsServerTest, AnswersAreKeptForTheirTimeAndAskedForAnewBehindIt) {
+    Serve("10.0.0.1 one.test\n10.0.0.1 two.test\n10.0.0.2 two.test\n");
+    EXPECT_EQ("10.0.0.1", TextOf(Resolve("one.test")));
+    EXPECT_EQ(2u, Resolve("TWO.test.")->GetAddresses().size());
+    DnsRecordPtr pRecord;
+    ASSERT_EQ(CM_OK, Ask("one.test", pRecord));
+    EXPECT_EQ(DWORD{TTL}, pRecord->GetTimeToLive());
+
+    m_Server.Kill();
+    m_Server.Start("10.0.0.7 one.test\n");
+    m_Clock.Advance(CCmTimeValue(TTL - 1));
+    EXPECT_EQ("10.0.0.1", TextOf(Resolve("one.test")));
+    EXPECT_EQ("10.0.0.7", TextOf(Resolve("one.test", TRUE)));
+    EXPECT_EQ("10.0.0.7", TextOf(Resolve("one.test")));
+    m_Server.Kill();
+    m_Server.Start("10.0.0.8 one.test\n");
+    m_Clock.Advance(CCmTimeValue(TTL));
+    EXPECT_EQ("10.0.0.8", TextOf(Resolve("one.test")));
+}
+
+TEST_F(DnsServerTest, AMissingNameIsRememberedForFiveSeconds) {
+    Serve("10.0.0.1 one.test\n");
+    const DnsRecordPtr pMissing = Resolve("none.test");
+    EXPECT_EQ(CCmDnsRecord::FAILED, pMissing->GetState());
+    EXPECT_NE("", pMissing->GetReason());
+    EXPECT_EQ(5u, pMissing->GetTimeToLive());
+    m_Server.Kill();
+    m_Server.Start("10.0.0.2 none.test\n");
+    EXPECT_EQ(CCmDnsRecord::FAILED, Resolve("none.test")->GetState());
+    m_Clock.Advance(CCmTimeValue(5));
+    EXPECT_EQ("10.0.0.2", TextOf(Resolve("none.test")));
+}
+
+TEST_F(DnsServerTest, AServerThatComesBackIsUsedAgain) {
+    Serve("10.0.0.1 one.test\n10.0.0.2 two.test\n");
+    EXPECT_EQ("10.0.0.1", TextOf(Resolve("one.test")));
+    m_Server.Kill();
+    EXPECT_EQ("10.0.0.1", TextOf(Resolve("one.test")));  // still from the cache
+    EXPECT_EQ(CCmDnsRecord::FAILED, Resolve("two.test")->GetState());
+    m_Server.Start("10.0.0.2 two.test\n");
+    m_Clock.Advance(CCmTimeValue(5));
+    EXPECT_EQ("10.0.0.2", TextOf(Resolve("two.test")));
+}
+
+TEST_F(DnsServerTest, AnAnswerTooLongForADatagramComesWhole) {
+    std::string strNames;
+    for (int i = 1; i <= 200; ++i)
+        strNames += "10.0.0." + std::to_string(i) + " many.test\n";
+    Serve(strNames);
+    const DnsRecordPtr pRecord = Resolve("many.test");
+    EXPECT_EQ(200u, pRecord->GetAddresses().size());
+    EXPECT_NE(std::string::npos, TextOf(pRecord).find("10.0.0.200"));
+}
+
+TEST_F(DnsServerTest, ASilentServerIsGivenUpAndTheNextOneAsked) {
+    CTestFd silent(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in addr = *CCmInetAddr("127.0.0.1", 0).GetPtr();
+    socklen_t length = sizeof(addr);
+    ASSERT_EQ(0, bind(silent.Get(), reinterpret_cast<sockaddr*>(&addr), length));
+    ASSERT_EQ(0, getsockname(silent.Get(), reinterpret_cast<sockaddr*>(&addr), &length));
+    const std::string strSilent = "127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
+    m_Keys["TimeoutMs"] = "20";
+    m_Keys["Tries"] = "2";
+    m_Keys["Servers"] = strSilent;
+    Configure();
+    const auto resolve = [&](const std::string& aName) {
+        CTestObserver observer;
+        DnsRecordPtr pRecord;
+        EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask(aName, pRecord, &observer));
+        EXPECT_TRUE(RunUntil([&] {
+            m_Clock.Advance(CCmTimeValue(0, 10000));
+            return !observer.m_Records.empty();
+        }));
+        return observer.m_Records.front();
+    };
+    EXPECT_EQ(CCmDnsRecord::FAILED, resolve("one.test")->GetState());
+    EXPECT_NE("", silent.Read());  // it was asked
+
+    m_Server.Start("10.0.0.1 one.test\n");
+    m_Keys["Servers"] = strSilent + "," + m_Server.GetAddress();
+    Configure();
+    EXPECT_EQ("10.0.0.1", TextOf(resolve("one.test")));
+}
+
+TEST_F(DnsServerTest, ServersAndSearchDomainsComeFromTheResolverFile) {
+    m_Server.Start("10.0.0.1 one.corp.test\n");
+    m_Keys["Servers"] = m_Server.GetAddress();
+    m_Dir.Write("resolv.conf", "search corp.test\n");
+    Configure();
+    EXPECT_EQ("10.0.0.1", TextOf(Resolve("one")));
+    EXPECT_EQ(CCmDnsRecord::FAILED, Resolve("one.")->GetState());
+    m_Dir.Write("resolv.conf", "search corp.invalid\n");
+    m_Clock.Advance(CCmTimeValue(1));
+    EXPECT_EQ(CCmDnsRecord::FAILED, Resolve("one")->GetState());
+}
+
+TEST_F(DnsServerTest, WhatIsNoListOfServersIsIgnoredWithAWarning) {
+    CCmTraceCapture trace;
+    m_Keys["Servers"] = "not an address";
+    Configure();
+    EXPECT_EQ(CCmDnsRecord::FAILED, Resolve("one.test")->GetState());
+    EXPECT_EQ(1u, trace.Count("not a list of servers, ignored. Servers=not an address"));
+    Serve("10.0.0.1 one.test\n");
+    EXPECT_EQ("10.0.0.1", TextOf(Resolve("one.test")));
+}
+
+TEST_F(DnsServerTest, MoreNamesThanFitOnTheWireAreAllAnswered) {
+    std::string strNames;
+    for (int i = 0; i < 1000; ++i)
+        strNames += "10.0." + std::to_string(i / 250) + "." + std::to_string(i % 250) + " n" + std::to_string(i) + ".test\n";
+    Serve(strNames);
+    std::vector<std::unique_ptr<CTestObserver>> observers;
+    for (int i = 0; i < 1000; ++i) {
+        observers.push_back(std::make_unique<CTestObserver>());
+        DnsRecordPtr pRecord;
+        EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("n" + std::to_string(i) + ".test", pRecord, observers.back().get()));
+        if (i == 500)
+            CCmDnsManager::Instance()->Refresh();  // what is under way begins anew, and everybody still hears once
+    }
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_TRUE(RunUntil([&] { return !observers[i]->m_Records.empty(); })) << i;
+        EXPECT_EQ("10.0." + std::to_string(i / 250) + "." + std::to_string(i % 250), TextOf(observers[i]->m_Records[0]));
+        EXPECT_EQ(1u, observers[i]->m_Records.size());
+    }
+}

@@ -1,0 +1,180 @@
+#include "talvo/transport/acceptor_udp.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/trace_capture.h"
+#include "tests/support/udp_helpers.h"
+
+namespace {
+
+class UdpAcceptorTest : public UdpTest {
+protected:
+    UdpAcceptorTest() {
+        m_Sink.m_Indicated = [this] {
+            EXPECT_EQ(m_pAcceptor.Get(), m_Sink.m_pLastId);
+            if (m_bOpen && m_Sink.m_bKeep) {
+                EXPECT_EQ(CM_OK, m_Sink.m_Transports.back()->OpenWithSink(&m_Datagrams));
+            }
+        };
+        Listen();
+    }
+    void Listen(WORD aPort = 0) {
+        EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(&m_Sink, CCmInetAddr("127.0.0.1", aPort)));
+        EXPECT_EQ(CM_OK, m_pAcceptor->GetListenAddr(m_Addr));
+    }
+    ICmTransport& Transport(size_t aIndex) { return *m_Sink.m_Transports[aIndex]; }
+    void SendAndTurn(const CPlainUdp& aPeer, const std::string& aData) {
+        aPeer.Send(m_Addr, aData);
+        Turns();
+    }
+
+    CDatagramSink m_Datagrams;
+    CPeerSink m_Sink;
+    BOOL m_bOpen = TRUE;
+    CCmRefPtrT<CCmAcceptorUdp> m_pAcceptor{new CCmAcceptorUdp};
+    CCmInetAddr m_Addr;
+};
+
+}  // namespace
+
+TEST_F(UdpAcceptorTest, EachPeerHasATransportOfItsOwn) {
+    CPlainUdp peers[3];
+    m_Datagrams.m_bEcho = TRUE;
+    for (int nRound = 0; nRound < 5; ++nRound)
+        for (const CPlainUdp& peer : peers)
+            peer.Send(m_Addr, std::to_string(peer.Addr().GetPort()));
+    Turns();
+    EXPECT_EQ(3u, m_Sink.Count());
+    EXPECT_EQ(15, m_Datagrams.m_nReceives);
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(Datagrams(5, std::to_string(peers[i].Addr().GetPort())), peers[i].Receive());
+        EXPECT_EQ(m_Addr, peers[i].From());
+        CCmInetAddr addr;
+        EXPECT_EQ(CM_OK, Transport(i).GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &addr));
+        EXPECT_EQ(peers[i].Addr(), addr);
+        EXPECT_EQ(CM_OK, Transport(i).GetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &addr));
+        EXPECT_EQ(m_Addr, addr);
+    }
+    // Nobody hears from a peer whose system refuses: the socket is not connected, and the others go on.
+    {
+        CPlainUdp gone;
+        SendAndTurn(gone, "bye");
+    }
+    EXPECT_EQ(CM_OK, SendText(Transport(3), "?"));
+    SendAndTurn(peers[0], "still here");
+    EXPECT_EQ(0, m_Datagrams.m_nDisconnects);
+    EXPECT_EQ(Datagrams{"still here"}, peers[0].Receive());
+}
+
+TEST_F(UdpAcceptorTest, ATransportThatOpensLaterMissesLittle) {
+    CPlainUdp peer;
+    m_bOpen = FALSE;
+    for (const std::string& strData : Numbered(0, 40))
+        peer.Send(m_Addr, strData);
+    Turns();
+    EXPECT_EQ(1u, m_Sink.Count());
+    EXPECT_EQ(CM_OK, SendText(Transport(0), "I can send"));
+    EXPECT_EQ(CM_OK, Transport(0).OpenWithSink(&m_Datagrams));
+    EXPECT_EQ(0, m_Datagrams.m_nReceives);
+    SendAndTurn(peer, "and on");
+    Datagrams expected = Numbered(0, 32);
+    expected.push_back("and on");
+    EXPECT_EQ(expected, m_Datagrams.m_Datagrams);
+    EXPECT_EQ(Datagrams{"I can send"}, peer.Receive());
+}
+
+TEST_F(UdpAcceptorTest, WhoIsNotKeptLeavesNothing) {
+    m_Sink.m_bKeep = FALSE;
+    CPlainUdp peers[50];
+    for (const CPlainUdp& peer : peers)
+        peer.Send(m_Addr, "x");
+    Turns(10);
+    EXPECT_EQ(50u, m_Sink.Count());
+    EXPECT_EQ(0u, m_pAcceptor->GetPeerCount());
+    EXPECT_EQ(std::string::npos, CCmLiveCounter::Dump().find("CCmTransportUdp"));
+    m_Sink.m_bKeep = TRUE;  // a peer may be kept at its second try, and again after it was let go
+    SendAndTurn(peers[0], "again");
+    EXPECT_EQ(Datagrams{"again"}, m_Datagrams.m_Datagrams);
+    Transport(0).Disconnect(CM_OK);
+    SendAndTurn(peers[0], "back");
+    m_Sink.m_Transports.clear();
+    SendAndTurn(peers[0], "once more");
+    EXPECT_EQ(53u, m_Sink.Count());
+    EXPECT_EQ((Datagrams{"again", "back", "once more"}), m_Datagrams.m_Datagrams);
+}
+
+TEST_F(UdpAcceptorTest, AFloodOfSourcesFindsTheLimitAndNobodyStarves) {
+    CCmFakeClock clock;
+    CCmTraceCapture trace;
+    m_pAcceptor->SetMaxPeers(10);
+    CPlainUdp known;
+    SendAndTurn(known, "0");
+    for (int nRound = 1; nRound < 20; ++nRound) {
+        CPlainUdp strangers[30];
+        for (const CPlainUdp& stranger : strangers)
+            stranger.Send(m_Addr, "flood");
+        SendAndTurn(known, std::to_string(nRound));
+        EXPECT_EQ(10u, m_pAcceptor->GetPeerCount());
+        clock.Advance(CCmTimeValue(0, 100000));
+    }
+    EXPECT_EQ(10u, m_Sink.Count());
+    std::erase(m_Datagrams.m_Datagrams, "flood");
+    EXPECT_EQ(Numbered(0, 20), m_Datagrams.m_Datagrams);
+    EXPECT_EQ(2u, trace.Count("too many peers"));
+}
+
+TEST_F(UdpAcceptorTest, SilenceEndsAPeer) {
+    CCmFakeClock clock;
+    CPlainUdp peers[2];
+    std::vector<ICmTransport*> ended;
+    CDatagramSink sinks[2];
+    m_bOpen = FALSE;
+    for (int i = 0; i < 2; ++i) {
+        SendAndTurn(peers[i], "x");
+        EXPECT_EQ(CM_OK, Transport(static_cast<size_t>(i)).OpenWithSink(&sinks[i]));
+    }
+    for (int nSeconds = 0; nSeconds < 119; ++nSeconds) {
+        clock.Advance(CCmTimeValue(1));
+        EXPECT_EQ(CM_OK, SendText(Transport(1), "sending is not hearing"));
+        Turns();
+    }
+    SendAndTurn(peers[0], "here");
+    EXPECT_EQ(0, sinks[1].m_nDisconnects);
+    clock.Advance(CCmTimeValue(1));
+    Turns();
+    EXPECT_EQ(0, sinks[0].m_nDisconnects);
+    EXPECT_EQ(1, sinks[1].m_nDisconnects);
+    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, sinks[1].m_Reason);
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, SendText(Transport(1), "x"));
+    EXPECT_EQ(1u, m_pAcceptor->GetPeerCount());
+    m_pAcceptor->SetPeerIdleTime(CCmTimeValue(5));
+    clock.Advance(CCmTimeValue(4));
+    Turns();
+    EXPECT_EQ(1, sinks[0].m_nDisconnects);  // 5 seconds since it was heard of
+    EXPECT_EQ(0u, m_pAcceptor->GetPeerCount());
+}
+
+TEST_F(UdpAcceptorTest, PeersOutliveTheListeningAndHoldThePort) {
+    CPlainUdp peer;
+    CPlainUdp stranger;
+    SendAndTurn(peer, "1");
+    EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, m_pAcceptor->StartListen(&m_Sink, m_Addr));
+    EXPECT_EQ(CM_OK, m_pAcceptor->StopListen(CM_OK));
+    EXPECT_EQ(CM_OK, m_pAcceptor->StopListen(CM_OK));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pAcceptor->StartListen(nullptr, m_Addr));
+    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, m_pAcceptor->StartListen(&m_Sink, m_Addr));
+    SendAndTurn(stranger, "nobody listens");
+    SendAndTurn(peer, "2");
+    EXPECT_EQ((Datagrams{"1", "2"}), m_Datagrams.m_Datagrams);
+    EXPECT_EQ(1u, m_Sink.Count());
+    m_Sink.m_Transports.clear();
+    Listen(m_Addr.GetPort());  // at once
+
+    // The acceptor goes inside its own upcall, in the middle of a batch.
+    m_Sink.m_Indicated = [this] {
+        m_pAcceptor.Reset();
+        EXPECT_EQ(CM_OK, m_Sink.m_Transports.back()->OpenWithSink(&m_Datagrams));
+    };
+    peer.Send(m_Addr, "3");
+    stranger.Send(m_Addr, "too late");
+    SendAndTurn(peer, "4");
+    EXPECT_EQ((Datagrams{"1", "2", "3", "4"}), m_Datagrams.m_Datagrams);
+}

@@ -1,0 +1,169 @@
+// Datagrams between user threads, through the proxies.
+#include <random>
+
+#include "talvo/base/synchronization.h"
+#include "tests/support/udp_helpers.h"
+
+namespace {
+
+constexpr DWORD UDP = CCmConnectionManager::CTYPE_UDP;
+
+// Listens, opens and keeps what comes.
+class CListener {
+public:
+    explicit CListener(CTestNetwork& aNetwork) : m_pAcceptor(aNetwork.MakeAcceptor(UDP)) {
+        m_Connects.m_Indicated = [this] { EXPECT_EQ(CM_OK, m_Connects.m_Transports.back()->OpenWithSink(&m_Sink)); };
+        EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(&m_Connects, CCmInetAddr("127.0.0.1", 0)));
+        EXPECT_EQ(CM_OK, m_pAcceptor->GetListenAddr(m_Addr));
+    }
+    CCmRefPtrT<ICmAcceptor> m_pAcceptor;
+    CDatagramSink m_Sink;
+    CPeerSink m_Connects;
+    CCmInetAddr m_Addr;
+};
+
+CCmRefPtrT<ICmTransport> ConnectProxy(CTestNetwork& aNetwork, const CCmInetAddr& aAddr) {
+    CPeerSink sink;
+    const auto pConnector = aNetwork.MakeConnector(UDP);
+    pConnector->AsycConnect(&sink, aAddr);
+    aNetwork.RunUntil([&] { return sink.Count() == 1; });
+    return sink.m_Transports.empty() ? nullptr : sink.m_Transports[0];
+}
+
+}  // namespace
+
+TEST(UdpProxyTest, EachSendStaysOneDatagram) {
+    CTestNetwork network;
+    CListener listener(network);
+    listener.m_Sink.m_bEcho = TRUE;
+    const auto pTransport = ConnectProxy(network, listener.m_Addr);
+    ASSERT_TRUE(pTransport);
+    CDatagramSink sink;
+    EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
+    DWORD dwType = 0;
+    EXPECT_EQ(CM_OK, pTransport->GetOption(CM_OPT_TRANSPORT_TRAN_TYPE, &dwType));
+    EXPECT_EQ(2u, dwType);
+
+    const Datagrams all{"a", "", Pattern(65507), "", "bc"};
+    CCmTransportParameter para;
+    for (const std::string& strData : all) {
+        EXPECT_EQ(CM_OK, SendText(*pTransport, strData, &para));
+        EXPECT_EQ(strData.size(), para.m_dwHaveSent);
+    }
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, SendText(*pTransport, Pattern(65508), &para));
+    EXPECT_EQ(0u, para.m_dwHaveSent);
+    network.RunUntil([&] { return sink.m_nReceives == 5; });
+    EXPECT_EQ(all, listener.m_Sink.m_Datagrams);
+    EXPECT_EQ(all, sink.m_Datagrams);
+    EXPECT_EQ(1u, listener.m_Connects.Count());
+}
+
+TEST(UdpProxyTest, ABurstTakesFewCallsAndGoesOutBeforeTheEnd) {
+    CTestNetwork network;
+    CPlainUdp peer;
+    auto pTransport = ConnectProxy(network, peer.Addr());
+    CDatagramSink sink;
+    EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
+    ICmTransport* pInner = nullptr;
+    EXPECT_EQ(CM_OK, pTransport->GetOption(CM_OPT_TRANSPORT_INNER_TRANSPORT, &pInner));
+    uint64_t ullCalls = 0;
+    network.InNetwork([&] {  // holds the network thread until all are waiting
+        CCmEventThread done;
+        std::thread user([&] {
+            for (const std::string& strData : Numbered(0, 200))
+                EXPECT_EQ(CM_OK, SendText(*pTransport, strData));
+            EXPECT_EQ(CM_OK, SendText(*pTransport, ""));
+            done.Signal();
+        });
+        done.Wait(nullptr);
+        user.join();
+    });
+    network.InNetwork([&] { ullCalls = static_cast<CCmTransportUdp*>(pInner)->GetCounters().m_ullSendCalls; });
+    Datagrams expected = Numbered(0, 200);
+    expected.push_back("");
+    Datagrams received;
+    YieldUntil([&] {
+        const Datagrams more = peer.Receive();
+        received.insert(received.end(), more.begin(), more.end());
+        return received.size() >= expected.size();
+    });
+    EXPECT_EQ(expected, received);
+    EXPECT_LE(ullCalls, 7u);
+
+    EXPECT_EQ(CM_OK, SendText(*pTransport, ""));  // even one without a byte goes out before the end
+    EXPECT_EQ(CM_OK, pTransport->Disconnect(CM_OK));
+    YieldUntil([&] { return !peer.Receive().empty(); });
+}
+
+TEST(UdpProxyTest, EmptyDatagramsFillTheQueuesToo) {
+    CTestNetwork network;
+    CListener listener(network);
+    CPlainUdp peer;
+    const auto pTransport = ConnectProxy(network, peer.Addr());
+    CmResult rv = CM_OK;
+    network.InNetwork([&] {
+        for (int i = 0; i < 20000 && rv == CM_OK; ++i)
+            rv = SendText(*pTransport, "");
+    });
+    EXPECT_EQ(CM_ERROR_PARTIAL_DATA, rv);
+}
+
+// Echoes among threads that disconnect and release at any moment; every count is back where it was in the end.
+TEST(UdpProxyTest, RandomUseFromSeveralThreads) {
+    CTestNetwork network;
+    CListener listener(network);
+    listener.m_Sink.m_bEcho = TRUE;
+    std::atomic<int> nEnded{0};
+    constexpr int USERS = 3;
+    struct CUser {
+        std::vector<CCmRefPtrT<ICmTransport>> m_Transports;
+        std::vector<CCmRefPtrT<ICmConnector>> m_Connectors;
+        CPeerSink m_Connects;
+        CDatagramSink m_Sink;
+        std::mt19937 m_Random;
+        int m_nSteps = 0;
+    };
+    std::vector<std::unique_ptr<CUser>> users;
+    std::vector<std::unique_ptr<CScopedThread>> threads;
+    std::function<void(CUser&, ACmThread*)> step = [&](CUser& aUser, ACmThread* aThread) {
+        auto& transports = aUser.m_Connects.m_Transports;
+        const unsigned nWhat = aUser.m_Random() % 10;
+        if (nWhat == 0 && aUser.m_Connectors.size() < 100) {
+            aUser.m_Connectors.push_back(network.MakeConnector(UDP));
+            aUser.m_Connectors.back()->AsycConnect(&aUser.m_Connects, listener.m_Addr);
+        } else if (nWhat == 1 && !aUser.m_Connectors.empty()) {
+            aUser.m_Connectors.pop_back();
+        } else if (nWhat == 2 && !transports.empty()) {
+            transports.erase(transports.begin() + static_cast<std::ptrdiff_t>(aUser.m_Random() % transports.size()));
+        } else if (!transports.empty()) {
+            ICmTransport& transport = *transports[aUser.m_Random() % transports.size()];
+            if (nWhat == 3)
+                transport.Disconnect(aUser.m_Random() % 2 ? CM_OK : CM_ERROR_FAILURE);
+            else if (nWhat == 4)
+                transport.OpenWithSink(&aUser.m_Sink);
+            else
+                SendText(transport, std::string(aUser.m_Random() % 3000, 'x'));
+        }
+        if (++aUser.m_nSteps % 20 == 0)
+            network.InNetwork([] {});  // lets the network thread keep up
+        if (aUser.m_nSteps < 2000) {
+            PostTo(*aThread->GetEventQueue(), [&step, &aUser, aThread] { step(aUser, aThread); });
+            return;
+        }
+        transports.clear();
+        aUser.m_Connectors.clear();
+        ++nEnded;
+    };
+    for (unsigned i = 0; i < USERS; ++i) {
+        threads.push_back(std::make_unique<CScopedThread>(CScopedThread::TASK));
+        RunIn(threads.back()->Get()->GetLink(), [&] { users.push_back(std::make_unique<CUser>()); });
+        users.back()->m_Random.seed(i);
+        CUser& user = *users.back();
+        ACmThread* pThread = threads.back()->Get();
+        PostTo(*pThread->GetEventQueue(), [&step, &user, pThread] { step(user, pThread); });
+    }
+    network.RunUntil([&] { return nEnded == USERS; });
+    threads.clear();
+    for (const auto& pUser : users)
+        EXPECT_GT(pUser->m_Connects.Count(), 0u);
+}
