@@ -44,6 +44,14 @@ CCmMessageBlock::CCmMessageBlock(CCmDataBlock* aDb, DWORD aFlag) : m_pDataBlock(
     AttachDataBlock();
 }
 
+CCmMessageBlock::CCmMessageBlock(const CCmMessageBlock& aSource, DWORD aLength)
+    : m_pDataBlock(aSource.m_pDataBlock),
+      m_pReadPtr(aSource.m_pReadPtr),
+      m_pWritePtr(m_pReadPtr + std::min(aLength, aSource.GetTopLevelLength())),
+      m_pBeginPtr(m_pReadPtr),
+      m_pEndPtr(m_pWritePtr),
+      m_Flag(aSource.m_Flag & DONT_DELETE) {}
+
 void CCmMessageBlock::AttachDataBlock() {
     if (!m_pDataBlock)
         return;
@@ -129,6 +137,10 @@ CCmMessageBlock* CCmMessageBlock::DuplicateTopLevel() const {
             CopyBytes(pMb->m_pBeginPtr, m_pBeginPtr, dwSize);
     } else {
         pMb = new (std::nothrow) CCmMessageBlock(m_pDataBlock.Get(), m_Flag);
+        if (pMb) {
+            pMb->m_pBeginPtr = m_pBeginPtr;
+            pMb->m_pEndPtr = m_pEndPtr;
+        }
     }
     if (!pMb)
         return nullptr;

@@ -39,6 +39,10 @@ public:
     // An empty view on the whole of aDb, which may be null; adds a reference.
     explicit CCmMessageBlock(CCmDataBlock* aDb, DWORD aFlag = 0);
 
+    // A view on the first aLength unread bytes (or as many as there are) of aSource alone, sharing its storage or, if that is
+    // foreign, viewing it likewise. It has no space behind them: who writes to it, or to a duplicate, cannot reach what follows.
+    CCmMessageBlock(const CCmMessageBlock& aSource, DWORD aLength);
+
     ~CCmMessageBlock() = default;
     CCmMessageBlock(const CCmMessageBlock&) = delete;
     CCmMessageBlock& operator=(const CCmMessageBlock&) = delete;
