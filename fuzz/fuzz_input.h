@@ -1,0 +1,50 @@
+// What fuzz targets make of their input.
+#pragma once
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <string>
+
+#include "talvo/base/message_block.h"
+
+// A rule that has to hold for every input; a broken one is a finding.
+#define FUZZ_CHECK(aCondition)                                                            \
+    do {                                                                                  \
+        if (!(aCondition)) {                                                              \
+            std::fprintf(stderr, "%s:%d: broken: %s\n", __FILE__, __LINE__, #aCondition); \
+            std::abort();                                                                 \
+        }                                                                                 \
+    } while (0)
+
+// Cuts bytes into random pieces; the input says which. Numbers are taken from the input's end, so that a seed is the bytes of
+// the wire with a few more behind them.
+class CFuzzCutter {
+public:
+    explicit CFuzzCutter(FuzzedDataProvider& aInput)
+        : m_Random(aInput.ConsumeIntegral<uint16_t>()), m_stLongest(aInput.ConsumeIntegralInRange<size_t>(1, 64)) {}
+
+    // How many of aLeft bytes make the next piece; now and then none.
+    size_t Next(size_t aLeft) { return std::min(aLeft, m_Random() % (m_stLongest + 1)); }
+
+    // A chain of DUPLICATED blocks.
+    CCmMessageBlock* Cut(const std::string& aBytes) {
+        CCmMessageBlock* pChain = CCmMessageBlock(DWORD{0}).DuplicateTopLevel();
+        CCmMessageBlock* pLast = pChain;
+        for (size_t stAt = 0, stLength; stAt < aBytes.size(); stAt += stLength) {
+            stLength = Next(aBytes.size() - stAt);
+            const auto dwLength = static_cast<DWORD>(stLength);
+            CCmMessageBlock* pPiece = CCmMessageBlock(dwLength, aBytes.data() + stAt, 0, dwLength).DuplicateTopLevel();
+            pLast->Append(pPiece);
+            pLast = pPiece;
+        }
+        return pChain;
+    }
+
+private:
+    std::minstd_rand m_Random;
+    size_t m_stLongest;
+};
