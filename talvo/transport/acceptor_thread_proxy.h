@@ -1,47 +1,25 @@
 // An acceptor of the network thread, used from another thread.
 #pragma once
 
-#include "talvo/transport/proxy_core.h"
-#include "talvo/transport/transport_interface.h"
+#include "talvo/transport/indicating_proxy_core.h"
 
 namespace talvo {
 
-// Makes the acceptor behind a proxy, in the network thread: one reference for the caller.
-using CAcceptorFactory = CmResult (*)(DWORD aType, ICmAcceptor*& aAcceptor);
+using CAcceptorFactory = CIndicatingProxyCoreT<ICmAcceptor>::Factory;
 
-// Each time it listens has a number; indications of an earlier one are dropped. Hosted as long as there is an acceptor.
-class TALVO_API CAcceptorProxyCore final : public CProxyCore, public ICmAcceptorConnectorSink {
+// Each time it listens is a request of the user's.
+class TALVO_API CAcceptorProxyCore final : public CIndicatingProxyCoreT<ICmAcceptor> {
 public:
     CAcceptorProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, CAcceptorFactory aFactory);
     ~CAcceptorProxyCore() override;
 
-    void SetProxy(ICmAcceptor* aProxy) { m_pProxy = aProxy; }
     CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen);
     CmResult StopListen(CmResult aReason);
     CmResult GetListenAddr(CCmInetAddr& aAddr);
-    void Abandon() override;
-
-    // From the acceptor, in the network thread.
-    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
-    void OnThreadEnd() override;
 
 private:
     CmResult StartListen_i(DWORD aListening, const CCmInetAddr& aAddrListen);
-    void LetGo_i();
-    void ForgetSink_i();
-    void Indicate_i(DWORD aListening, CmResult aReason, ICmTransport* aTransport);
-
-    const DWORD m_dwType;
-    const CAcceptorFactory m_Factory;
-    ICmAcceptor* m_pProxy = nullptr;  // the handle, for upcalls: alive while there is a sink
-
-    CCmMutexThread m_Mutex;
-    ICmAcceptorConnectorSink* m_pSink CM_GUARDED_BY(m_Mutex) = nullptr;  // not owned; set while listening
-    DWORD m_dwListening CM_GUARDED_BY(m_Mutex) = 0;
-
-    // Network thread only.
-    CCmRefPtrT<ICmAcceptor> m_pAcceptor;
-    DWORD m_dwRunning = 0;
+    void Stop_i(ICmAcceptor& aAcceptor) override { aAcceptor.StopListen(CM_OK); }
 };
 
 }  // namespace talvo

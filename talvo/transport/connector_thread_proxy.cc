@@ -5,7 +5,6 @@
 
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
-#include "talvo/transport/transport_thread_proxy.h"
 
 namespace talvo {
 
@@ -13,12 +12,10 @@ namespace {
 
 CCmLiveCounter s_Live("CCmConnectorThreadProxy");
 
-using Guard = CCmMutexGuardT<CCmMutexThread>;
-
 }  // namespace
 
 CConnectorProxyCore::CConnectorProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, CConnectorFactory aFactory)
-    : CProxyCore(aUser, aNetwork), m_dwType(aType), m_Factory(aFactory) {
+    : CIndicatingProxyCoreT(aUser, aNetwork, aType, aFactory, TRUE) {
     ++s_Live;
 }
 
@@ -27,14 +24,7 @@ CConnectorProxyCore::~CConnectorProxyCore() { --s_Live; }
 void CConnectorProxyCore::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout,
                                       CCmInetAddr* aAddrLocal) {
     DWORD dwAttempt = 0;
-    {
-        Guard guard(m_Mutex);
-        if (aSink && !m_pSink) {
-            m_pSink = aSink;
-            dwAttempt = ++m_dwAttempt;
-        }
-    }
-    if (dwAttempt == 0) {
+    if (Begin(aSink, dwAttempt) != CM_OK) {
         CM_WARNING_TRACE_THIS("CCmConnectorThreadProxy::AsycConnect, refused. aSink=" << static_cast<const void*>(aSink));
         return;
     }
@@ -42,7 +32,7 @@ void CConnectorProxyCore::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCm
     const auto local = aAddrLocal ? std::optional(*aAddrLocal) : std::nullopt;
     // A request that is refused, or dropped because the network thread ends before it comes to it, reports that itself.
     auto unrun = [dwAttempt](CConnectorProxyCore* aCore) {
-        aCore->PostIndication_i(dwAttempt, CM_ERROR_NOT_AVAILABLE, nullptr);
+        aCore->PostIndication(dwAttempt, CM_ERROR_NOT_AVAILABLE, nullptr);
         aCore->ReleaseReference();
     };
     AddReference();
@@ -53,84 +43,30 @@ void CConnectorProxyCore::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCm
 }
 
 void CConnectorProxyCore::CancelConnect() {
-    {
-        Guard guard(m_Mutex);
-        if (!std::exchange(m_pSink, nullptr))
-            return;
-        ++m_dwAttempt;
-    }
-    GetNetwork().Post([pThis = CCmRefPtrT<CConnectorProxyCore>(this)] { pThis->Cancel_i(); });
-}
-
-void CConnectorProxyCore::Abandon() {
-    {
-        Guard guard(m_Mutex);
-        m_pSink = nullptr;
-        ++m_dwAttempt;
-    }
-    GetNetwork().Post([pThis = CCmRefPtrT<CConnectorProxyCore>(this)] { pThis->LetGo_i(); });
+    if (End())
+        GetNetwork().Post([pThis = CCmRefPtrT<CConnectorProxyCore>(this)] { pThis->Cancel_i(); });
 }
 
 void CConnectorProxyCore::Connect_i(DWORD aAttempt, const CCmInetAddr& aPeer, std::optional<CCmTimeValue> aTimeout,
                                     std::optional<CCmInetAddr> aLocal) {
-    if (!m_pConnector) {
-        CmResult rv = m_Factory(m_dwType, m_pConnector.ParaOut());
-        if (rv == CM_OK && !Host_i())
-            rv = CM_ERROR_NOT_AVAILABLE;
-        if (rv != CM_OK) {
-            m_pConnector.Reset();
-            PostIndication_i(aAttempt, rv, nullptr);
-            return;
-        }
+    if (const CmResult rv = Make_i(); rv != CM_OK) {
+        PostIndication(aAttempt, rv, nullptr);
+        return;
     }
     m_dwRunning = aAttempt;
-    m_pConnector->AsycConnect(this, aPeer, aTimeout ? &*aTimeout : nullptr, aLocal ? &*aLocal : nullptr);
+    m_pInner->AsycConnect(this, aPeer, aTimeout ? &*aTimeout : nullptr, aLocal ? &*aLocal : nullptr);
 }
 
 void CConnectorProxyCore::Cancel_i() {
     m_dwRunning = 0;
-    if (m_pConnector)
-        m_pConnector->CancelConnect();
-}
-
-void CConnectorProxyCore::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
-    CCmRefPtrT<ICmTransport> pProxy;
-    if (aTrpt)
-        pProxy = new CCmTransportThreadProxy(aTrpt, GetUser(), GetNetwork(), m_dwType);
-    PostIndication_i(std::exchange(m_dwRunning, 0), aReason, std::move(pProxy));
+    if (m_pInner)
+        m_pInner->CancelConnect();
 }
 
 void CConnectorProxyCore::OnThreadEnd() {
     if (m_dwRunning)
-        PostIndication_i(m_dwRunning, CM_ERROR_NOT_AVAILABLE, nullptr);
+        PostIndication(m_dwRunning, CM_ERROR_NOT_AVAILABLE, nullptr);
     LetGo_i();
-}
-
-// The end of the network side; may delete this object.
-void CConnectorProxyCore::LetGo_i() {
-    const CCmRefPtrT<ICmConnector> pConnector = std::move(m_pConnector);
-    m_dwRunning = 0;
-    if (!pConnector)
-        return;
-    pConnector->CancelConnect();
-    Leave_i();
-}
-
-void CConnectorProxyCore::PostIndication_i(DWORD aAttempt, CmResult aReason, CCmRefPtrT<ICmTransport> aTransport) {
-    GetUser().Post([=, pTransport = std::move(aTransport), pThis = CCmRefPtrT<CConnectorProxyCore>(this)] {
-        pThis->Indicate_i(aAttempt, aReason, pTransport.Get());
-    });
-}
-
-void CConnectorProxyCore::Indicate_i(DWORD aAttempt, CmResult aReason, ICmTransport* aTransport) {
-    ICmAcceptorConnectorSink* pSink = nullptr;
-    {
-        Guard guard(m_Mutex);
-        if (aAttempt == m_dwAttempt)
-            pSink = std::exchange(m_pSink, nullptr);
-    }
-    if (pSink)
-        pSink->OnConnectIndication(aReason, aTransport, m_pProxy);
 }
 
 }  // namespace talvo

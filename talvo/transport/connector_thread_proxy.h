@@ -3,50 +3,28 @@
 
 #include <optional>
 
-#include "talvo/transport/proxy_core.h"
-#include "talvo/transport/transport_interface.h"
+#include "talvo/transport/indicating_proxy_core.h"
 
 namespace talvo {
 
-// Makes the connector behind a proxy, in the network thread: one reference for the caller.
-using CConnectorFactory = CmResult (*)(DWORD aType, ICmConnector*& aConnector);
+using CConnectorFactory = CIndicatingProxyCoreT<ICmConnector>::Factory;
 
-// Attempts are numbered by the user's side; whatever comes back for another than the current one is dropped. Hosted while an
-// attempt runs and as long as there is a connector.
-class TALVO_API CConnectorProxyCore final : public CProxyCore, public ICmAcceptorConnectorSink {
+// An attempt is a request of the user's.
+class TALVO_API CConnectorProxyCore final : public CIndicatingProxyCoreT<ICmConnector> {
 public:
     CConnectorProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, CConnectorFactory aFactory);
     ~CConnectorProxyCore() override;
 
-    void SetProxy(ICmConnector* aProxy) { m_pProxy = aProxy; }
     void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout,
                      CCmInetAddr* aAddrLocal);
     void CancelConnect();
-    void Abandon() override;
-
-    // From the connector, in the network thread.
-    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
     void OnThreadEnd() override;
 
 private:
     void Connect_i(DWORD aAttempt, const CCmInetAddr& aPeer, std::optional<CCmTimeValue> aTimeout,
                    std::optional<CCmInetAddr> aLocal);
     void Cancel_i();
-    void LetGo_i();
-    void PostIndication_i(DWORD aAttempt, CmResult aReason, CCmRefPtrT<ICmTransport> aTransport);
-    void Indicate_i(DWORD aAttempt, CmResult aReason, ICmTransport* aTransport);
-
-    const DWORD m_dwType;
-    const CConnectorFactory m_Factory;
-    ICmConnector* m_pProxy = nullptr;  // the handle, for upcalls: alive while there is a sink
-
-    CCmMutexThread m_Mutex;
-    ICmAcceptorConnectorSink* m_pSink CM_GUARDED_BY(m_Mutex) = nullptr;  // not owned; set while an attempt runs
-    DWORD m_dwAttempt CM_GUARDED_BY(m_Mutex) = 0;
-
-    // Network thread only.
-    CCmRefPtrT<ICmConnector> m_pConnector;
-    DWORD m_dwRunning = 0;  // the attempt under way, 0 for none
+    void Stop_i(ICmConnector& aConnector) override { aConnector.CancelConnect(); }
 };
 
 }  // namespace talvo

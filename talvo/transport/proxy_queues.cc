@@ -27,22 +27,26 @@ DWORD CProxySendQueue::GetLimit() {
 }
 
 CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, BOOL& aWake) {
-    {
-        Guard guard(m_Mutex);
-        if (m_ullWaiting > m_dwLimit) {
-            m_bRefused = TRUE;
-            return CM_ERROR_PARTIAL_DATA;
-        }
-    }
     CCmMessageBlock* pChain = aData.DuplicateChained();
     if (!pChain)
         return CM_ERROR_OUT_OF_MEMORY;
+    if (Push_i(pChain, aLength, aWake))
+        return CM_OK;
+    pChain->DestroyChained();
+    return CM_ERROR_PARTIAL_DATA;
+}
+
+BOOL CProxySendQueue::Push_i(CCmMessageBlock* aChain, DWORD aLength, BOOL& aWake) {
     Guard guard(m_Mutex);
-    m_Chains.push_back(pChain);
+    if (m_ullWaiting > m_dwLimit) {
+        m_bRefused = TRUE;
+        return FALSE;
+    }
+    m_Chains.push_back(aChain);
     m_ullWaiting += aLength;
     aWake = !m_bAwake;
     m_bAwake = TRUE;
-    return CM_OK;
+    return TRUE;
 }
 
 BOOL CProxySendQueue::Take(std::vector<CCmMessageBlock*>& aChains) {
@@ -52,7 +56,7 @@ BOOL CProxySendQueue::Take(std::vector<CCmMessageBlock*>& aChains) {
     return m_bAwake;
 }
 
-BOOL CProxySendQueue::Sent(DWORD aLength) {
+BOOL CProxySendQueue::Sent(uint64_t aLength) {
     Guard guard(m_Mutex);
     m_ullWaiting -= aLength;
     if (!m_bRefused || m_ullWaiting > m_dwLimit / 2)

@@ -20,18 +20,21 @@ public:
     DWORD GetLimit();
 
     // Takes a duplicate of aData, all or nothing, so a message stays whole; what lies below the limit may exceed it by one
-    // message. CM_ERROR_PARTIAL_DATA: full. CM_ERROR_OUT_OF_MEMORY. aWake: the network thread has to be told.
+    // message. CM_ERROR_PARTIAL_DATA: full. CM_ERROR_OUT_OF_MEMORY. aWake: the network thread has to be told. One lock; the
+    // duplicate is made before it, in vain when the queue is full.
     CmResult Push(const CCmMessageBlock& aData, DWORD aLength, BOOL& aWake);
 
     // Network thread: moves everything that waits to the empty aChains. FALSE: nothing there, and the next Push has to wake.
     BOOL Take(std::vector<CCmMessageBlock*>& aChains);
     // Network thread: so many bytes are gone. TRUE: the user, who was refused before, can send again.
-    BOOL Sent(DWORD aLength);
+    BOOL Sent(uint64_t aLength);
 
     // Whether bytes wait, those that were taken but not sent included.
     BOOL IsEmpty();
 
 private:
+    BOOL Push_i(CCmMessageBlock* aChain, DWORD aLength, BOOL& aWake);
+
     CCmMutexThread m_Mutex;
     std::vector<CCmMessageBlock*> m_Chains CM_GUARDED_BY(m_Mutex);  // owned
     DWORD m_dwLimit CM_GUARDED_BY(m_Mutex) = DEFAULT_LIMIT;

@@ -52,7 +52,14 @@ enum ECmTransportOption : DWORD {
                                            // is FALSE again; nothing is lost. A connection that fails is told all the same
     CM_OPT_TRANSPORT_PROXY_SEND_LIMIT = 142,  // get, set DWORD: thread proxies only, see CCmTransportThreadProxy
     CM_OPT_TRANSPORT_PROXY_RECV_LIMIT = 143,  // get, set DWORD: thread proxies only
-    CM_OPT_TRANSPORT_UNACKNOWLEDGED = 144     // get DWORD: bytes sent that the peer's system has not acknowledged; TCP only
+    // get DWORD: bytes taken that the peer's system has not acknowledged; TCP. On a protocol connection what it has not sent
+    // yet besides what its own transport answers.
+    CM_OPT_TRANSPORT_UNACKNOWLEDGED = 144,
+    // get DWORD: protocol connections only, the longest message that one SendData can take now.
+    CM_OPT_TRANSPORT_MAX_MESSAGE = 145,
+    // set BOOL: protocol connections only. While TRUE SendData gathers, FALSE sends that with few system calls; any upcall may
+    // come inside, OnDisconnect included.
+    CM_OPT_TRANSPORT_CORK = 146
 };
 
 // Implemented by the user of a transport. All calls come in the transport's thread: a thread proxy's in the thread that made
@@ -78,7 +85,8 @@ class TALVO_API ICmTransport : public ICmReferenceControl {
 public:
     // Attaches the sink (not owned) and starts reception; nothing is delivered before. On an open transport it replaces the
     // sink. CM_ERROR_INVALID_ARG: aSink is null. On any other failure the transport is closed and has no sink; a thread proxy
-    // returns at once and tells a later failure with OnDisconnect.
+    // returns at once and tells a later failure with OnDisconnect. What a protocol connection receives without a sink is lost:
+    // open it inside OnConnectIndication. A thread proxy keeps it, see CCmTransportThreadProxy.
     virtual CmResult OpenWithSink(ICmTransportSink* aSink) = 0;
     virtual ICmTransportSink* GetSink() = 0;
 

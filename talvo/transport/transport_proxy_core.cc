@@ -16,6 +16,8 @@ namespace {
 CCmLiveCounter s_Live("CCmTransportThreadProxy");
 
 constexpr DWORD STREAM_TYPE_MASK = 0xFFF0FFFF;  // base type and protocol, without the thread flags
+constexpr DWORD PROTOCOL_MASK = 0xFFF00000;
+constexpr DWORD TELL_SENT_STEP = 64 * 1024;  // bytes: a lock for each message would be dear, and the whole batch a long wait
 constexpr DWORD DEFAULT_LINGER_SECONDS = 30;
 constexpr long LINGER_LOOK_USEC = 10000;  // between two looks whether the peer has everything
 
@@ -36,18 +38,27 @@ CTransportProxyCore::CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink
       m_dwType(aType),
       m_bStream((aType & STREAM_TYPE_MASK) == CM_TRANSPORT_TYPE_TCP),
       m_bDatagrams((aType & STREAM_TYPE_MASK) == CM_TRANSPORT_TYPE_UDP),
+      m_bProtocol((aType & PROTOCOL_MASK) != 0),
       m_pTransport(aTransport) {
     ++s_Live;
-    if (Host_i())
-        return;
-    m_bClosed = TRUE;
-    m_pTransport.Reset();
 }
 
 CTransportProxyCore::~CTransportProxyCore() {
     m_Delivering.erase(m_Delivering.begin(), m_Delivering.begin() + static_cast<std::ptrdiff_t>(m_stDelivered));
     DestroyChains(m_Delivering);
     --s_Live;
+}
+
+void CTransportProxyCore::Start(ICmTransport* aProxy) {
+    m_pProxy = aProxy;
+    if (!Host_i()) {
+        Lost_i(CM_ERROR_NETWORK_SOCKET_CLOSE);
+        return;
+    }
+    if (!m_bProtocol)
+        return;
+    ReadMaxMessage_i();
+    Open_i();
 }
 
 void CTransportProxyCore::Open_i() {
@@ -69,15 +80,20 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
         Lost_i(CM_ERROR_OUT_OF_MEMORY);  // a stream with a hole in it would be worse
         return;
     }
-    if (m_ReceiveQueue.Push(pChunk, pChunk->GetChainedLength() + CProxyReceiveQueue::CHUNK_COST))
-        ApplyReading_i();
+    const BOOL bStop = m_ReceiveQueue.Push(pChunk, pChunk->GetChainedLength() + CProxyReceiveQueue::CHUNK_COST);
     if (PostUpcall_i() != CM_OK) {  // the user's thread has ended
         m_bClosed = TRUE;
         LetGo_i(CM_OK);
+    } else if (bStop) {
+        ApplyReading_i();
     }
 }
 
-void CTransportProxyCore::OnSend(ICmTransport*, CCmTransportParameter*) { Drain(); }
+void CTransportProxyCore::OnSend(ICmTransport*, CCmTransportParameter*) {
+    m_bRoomMeanwhile = m_bDraining;
+    if (!m_bDraining)
+        Drain();
+}
 
 void CTransportProxyCore::OnDisconnect(CmResult aReason, ICmTransport*) { Lost_i(aReason); }
 
@@ -85,23 +101,47 @@ void CTransportProxyCore::OnDisconnect(CmResult aReason, ICmTransport*) { Lost_i
 void CTransportProxyCore::Drain() {
     if (!m_pTransport)
         return;
-    if (!m_pUnsent && m_stSent == m_Sending.size()) {
-        m_Sending.clear();
-        m_stSent = 0;
-        m_SendQueue.Take(m_Sending);
-    }
-    while (m_pUnsent || m_stSent < m_Sending.size()) {
+    const CCmRefPtrT<CProxyCore> pKeep(this);  // a send may end the connection, and with it all that holds the two
+    const CCmRefPtrT<ICmTransport> pTransport = m_pTransport;
+    m_bDraining = TRUE;
+    m_bRoomMeanwhile = FALSE;
+    const CmResult rv = SendWaiting_i();
+    m_bDraining = FALSE;
+    if (!m_pTransport)
+        return;
+    if (m_bProtocol && rv == CM_ERROR_OUT_OF_MEMORY)
+        Lost_i(rv);  // no OnSend would follow
+    else if (rv == CM_OK ? TakeBatch_i() : m_bRoomMeanwhile)
+        m_DrainEvent.Post(GetNetwork());
+    else if (rv == CM_OK && m_pLingerTimers && !HasUnacknowledged_i())
+        LetGo_i(CM_OK);
+}
+
+// CM_OK: all that waited here has gone. Otherwise OnSend or OnDisconnect follows, or the latter has been already.
+CmResult CTransportProxyCore::SendWaiting_i() {
+    if (!m_pUnsent && m_stSent == m_Sending.size())
+        TakeBatch_i();
+    const BOOL bCork = m_bProtocol && m_Sending.size() - m_stSent + (m_pUnsent ? 1 : 0) > 1;
+    if (bCork)
+        Cork_i(TRUE);
+    CmResult rv = CM_OK;
+    while (rv == CM_OK && m_pTransport && (m_pUnsent || m_stSent < m_Sending.size())) {
         if (!m_pUnsent)
             m_pUnsent = NextChain_i();
-        if (SendUnsent_i() != CM_OK)
-            return;  // OnSend or OnDisconnect follows
+        rv = SendUnsent_i();
+        if (m_ullGone >= TELL_SENT_STEP)
+            TellSent_i();
     }
+    if (bCork)
+        Cork_i(FALSE);
+    TellSent_i();
+    return rv;
+}
+
+BOOL CTransportProxyCore::TakeBatch_i() {
     m_Sending.clear();
     m_stSent = 0;
-    if (m_SendQueue.Take(m_Sending))
-        m_DrainEvent.Post(GetNetwork());
-    else if (m_pLingerTimers && !HasUnacknowledged_i())
-        LetGo_i(CM_OK);
+    return m_SendQueue.Take(m_Sending);
 }
 
 // The next thing to send: on a stream everything that waits, joined as far as one call of the transport takes it.
@@ -124,23 +164,46 @@ CCmMessageBlock* CTransportProxyCore::NextChain_i() {
 CmResult CTransportProxyCore::SendUnsent_i() {
     CCmTransportParameter para;
     CCmMessageBlock* pChain = std::exchange(m_pUnsent, nullptr);  // the send may end the connection, and free what is ours
-    DWORD dwGone = CostOf_i(pChain->GetChainedLength());
-    CmResult rv = m_pTransport->SendData(*pChain, &para);
-    if (!m_bDatagrams) {
-        dwGone = para.m_dwHaveSent;
-        m_pUnsent = pChain->ReclaimGarbage();
-    } else if (rv == CM_ERROR_PARTIAL_DATA) {
-        m_pUnsent = pChain;
-        return rv;
-    } else {
-        rv = CM_OK;  // one that was refused is lost, and the next goes on
+    const DWORD dwLength = pChain->GetChainedLength();
+    m_ullGone += CostOf_i(dwLength);
+    const CmResult rv = m_pTransport->SendData(*pChain, &para);
+    const BOOL bDropped = IsDropped_i(rv);
+    if (bDropped && m_bProtocol) {  // somebody has lowered a limit in the network thread
+        CM_ERROR_TRACE_THIS("CTransportProxyCore::SendUnsent_i, message too long for the connection, lost. len=" << dwLength);
+    }
+    if (rv == CM_OK || bDropped || !m_pTransport) {
         pChain->DestroyChained();
+        return bDropped ? CM_OK : rv;
     }
-    if (m_SendQueue.Sent(dwGone)) {
-        m_bOnSendDue = TRUE;
-        PostUpcall_i();
-    }
+    m_ullGone -= CostOf_i(pChain->GetChainedLength());
+    m_pUnsent = m_bDatagrams ? pChain : pChain->ReclaimGarbage();
     return rv;
+}
+
+// Whether a result says that this one can never go out, or is lost, and the next goes on.
+BOOL CTransportProxyCore::IsDropped_i(CmResult aResult) const {
+    if (m_bProtocol)
+        return aResult == CM_ERROR_INVALID_ARG;
+    return m_bDatagrams && aResult != CM_OK && aResult != CM_ERROR_PARTIAL_DATA;
+}
+
+void CTransportProxyCore::Cork_i(BOOL aCork) {
+    if (m_pTransport)
+        m_pTransport->SetOption(CM_OPT_TRANSPORT_CORK, &aCork);
+}
+
+void CTransportProxyCore::TellSent_i() {
+    if (m_ullGone == 0 || !m_SendQueue.Sent(std::exchange(m_ullGone, 0)))
+        return;
+    m_bOnSendDue = TRUE;
+    PostUpcall_i();
+}
+
+// Whoever does not answer has no limit.
+void CTransportProxyCore::ReadMaxMessage_i() {
+    DWORD dwMax = 0;
+    const CmResult rv = m_pTransport->GetOption(CM_OPT_TRANSPORT_MAX_MESSAGE, &dwMax);
+    m_dwMaxMessage = rv == CM_OK ? dwMax : NO_LIMIT;
 }
 
 void CTransportProxyCore::ApplyReading_i() {
@@ -222,7 +285,13 @@ void CTransportProxyCore::LetGo_i(CmResult aReason) {
 }
 
 CmResult CTransportProxyCore::SetInnerOption_i(DWORD aCommand, void* aArg) {
-    return m_pTransport ? m_pTransport->SetOption(aCommand, aArg) : CM_ERROR_NULL_POINTER;
+    if (!m_pTransport)
+        return CM_ERROR_NULL_POINTER;
+    const CCmRefPtrT<ICmTransport> pTransport = m_pTransport;
+    const CmResult rv = pTransport->SetOption(aCommand, aArg);
+    if (m_bProtocol && m_pTransport)
+        ReadMaxMessage_i();
+    return rv;
 }
 
 CmResult CTransportProxyCore::GetInnerOption_i(DWORD aCommand, void* aArg) {

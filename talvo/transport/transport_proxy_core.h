@@ -13,23 +13,30 @@ namespace talvo {
 
 //  user's thread                     this object                        network thread
 //
-//  SendData --- duplicate ---> [send queue, bytes bounded] -- drain --> transport.SendData, up to 64 pieces a call
+//  SendData --- duplicate ---> [send queue, bytes bounded] -- drain --> transport.SendData
 //  OnReceive <--- upcall ----- [receive queue, bytes bounded] <-------- transport's OnReceive, duplicated
 //
 // Each direction has one event, which is posted when its queue gets something to do and nobody is on the way already: a burst
 // costs one wake-up. What is refused in the network thread, or by a full queue, is told with OnSend when half of it has gone.
+//
+// What a batch that was drained becomes depends on the connection type: a raw stream gets it joined, up to 64 pieces a call,
+// a raw flow of datagrams one by one, taken or lost whole, and a protocol connection one message a call, corked when there are
+// several. A protocol connection may do anything inside such a call, OnSend and OnDisconnect included.
+//
+// A protocol connection is opened in the network thread as soon as the proxy is made, since it delivers to nobody what arrives
+// without a sink. What comes, the end included, stays in the receive queue until the user has opened the proxy.
 //
 // Network side: hosted while it holds the transport. Leaving ends it: Disconnect, the peer's close, the thread's end. A
 // Disconnect(CM_OK) with bytes unsent or not acknowledged lingers first, for a bounded time, without a sink and dropping what
 // comes in.
 class TALVO_API CTransportProxyCore final : public CProxyCore, public ICmTransportSink, public ICmTimerHandler {
 public:
-    // In the network thread, which keeps aTransport. aType: the connection type; base type 1 without a protocol is a stream,
-    // whose sends may be joined, base type 2 without one is a flow of datagrams, which are taken or lost whole.
+    // In the network thread, which keeps aTransport. aType: the connection type.
     CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType);
     ~CTransportProxyCore() override;
 
-    void SetProxy(ICmTransport* aProxy) { m_pProxy = aProxy; }
+    // The same thread, when the handle holds this object: from here on the transport may speak.
+    void Start(ICmTransport* aProxy);
 
     // The proxy's operations, see ICmTransport and CCmTransportThreadProxy.
     CmResult OpenWithSink(ICmTransportSink* aSink);
@@ -60,8 +67,14 @@ private:
     // Network thread.
     void Open_i();
     void Drain();
+    CmResult SendWaiting_i();
+    BOOL TakeBatch_i();
     CmResult SendUnsent_i();
+    BOOL IsDropped_i(CmResult aResult) const;
     CCmMessageBlock* NextChain_i();
+    void Cork_i(BOOL aCork);
+    void TellSent_i();
+    void ReadMaxMessage_i();
     void ApplyReading_i();
     void Disconnect_i(CmResult aReason);
     BOOL HasUnacknowledged_i();
@@ -74,14 +87,18 @@ private:
     DWORD CostOf_i(DWORD aLength) const { return m_bDatagrams ? aLength + DATAGRAM_OVERHEAD : aLength; }
 
     static constexpr DWORD DATAGRAM_OVERHEAD = 128;
+    static constexpr DWORD NO_LIMIT = 0xFFFFFFFF;
 
     const DWORD m_dwType;
-    const BOOL m_bStream;
-    const BOOL m_bDatagrams;
+    const BOOL m_bStream;     // raw
+    const BOOL m_bDatagrams;  // raw
+    const BOOL m_bProtocol;
     ICmTransport* m_pProxy = nullptr;  // the handle, for upcalls: alive while there is a sink
 
     std::atomic<ICmTransportSink*> m_pSink{nullptr};  // not owned; the user's
     std::atomic<BOOL> m_bClosed{FALSE};               // nothing can be sent any more
+    std::atomic<BOOL> m_bOver{FALSE};                 // nothing more is told: the user has disconnected or knows of the end
+    std::atomic<DWORD> m_dwMaxMessage{NO_LIMIT};      // what the connection said last
     std::atomic<BOOL> m_bPausedByUser{FALSE};
     std::atomic<BOOL> m_bOnSendDue{FALSE};
     std::atomic<BOOL> m_bLost{FALSE};  // m_LostReason is to be told, after all data
@@ -101,6 +118,9 @@ private:
     std::vector<CCmMessageBlock*> m_Sending;  // owned from m_stSent on
     size_t m_stSent = 0;
     CCmMessageBlock* m_pUnsent = nullptr;  // owned; what the transport did not take
+    uint64_t m_ullGone = 0;                // bytes; what the send queue does not know yet to have gone
+    BOOL m_bDraining = FALSE;
+    BOOL m_bRoomMeanwhile = FALSE;  // an OnSend came while draining
     BOOL m_bOpened = FALSE;
     BOOL m_bReadingPaused = FALSE;             // as the transport was told
     ICmTimerQueue* m_pLingerTimers = nullptr;  // not owned; set when lingering: this thread's, which may be unregistered by now

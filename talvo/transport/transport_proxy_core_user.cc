@@ -1,4 +1,5 @@
 // The half of the transport proxy's core in the user's thread; the network's stands in transport_proxy_core.cc.
+#include "talvo/base/trace.h"
 #include "talvo/transport/datagram_sender.h"
 #include "talvo/transport/transport_proxy_core.h"
 
@@ -14,11 +15,13 @@ constexpr DWORD TYPE_FLAG_LOW = 0x10000;
 CmResult CTransportProxyCore::OpenWithSink(ICmTransportSink* aSink) {
     if (!aSink)
         return CM_ERROR_INVALID_ARG;
-    if (m_bClosed)
+    if (m_bProtocol ? m_bOver : m_bClosed)
         return CM_ERROR_NULL_POINTER;
     if (m_pSink.exchange(aSink))
         return CM_OK;
-    const CmResult rv = GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->Open_i(); });
+    const CmResult rv = m_bProtocol  // open already, perhaps ended: for what has come
+                            ? PostUpcall_i()
+                            : GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->Open_i(); });
     if (rv != CM_OK)
         m_pSink = nullptr;
     return rv;
@@ -30,10 +33,16 @@ CmResult CTransportProxyCore::SendData(CCmMessageBlock& aData, CCmTransportParam
     if (m_bClosed)
         return CM_ERROR_NULL_POINTER;
     DWORD dwLength = aData.GetChainedLength();
-    if (dwLength == 0 && m_bStream)
+    if (dwLength == 0 && !m_bDatagrams)
         return CM_OK;
     if (m_bDatagrams && CheckDatagram(aData, dwLength) != CM_OK)
         return CM_ERROR_INVALID_ARG;
+    if (const DWORD dwMax = m_dwMaxMessage; dwLength > dwMax) {
+        CM_ERROR_TRACE_THIS("CCmTransportThreadProxy::SendData, message too long. len="
+                            << dwLength << " max=" << dwMax
+                            << ", raise it with the options 132 (send buffer) and 136 (message length)");
+        return CM_ERROR_INVALID_ARG;
+    }
     BOOL bWake = FALSE;
     CmResult rv = m_SendQueue.Push(aData, CostOf_i(dwLength), bWake);
     if (rv != CM_OK)
@@ -49,6 +58,7 @@ CmResult CTransportProxyCore::SendData(CCmMessageBlock& aData, CCmTransportParam
 }
 
 CmResult CTransportProxyCore::Disconnect(CmResult aReason) {
+    m_bOver = TRUE;
     m_pSink = nullptr;
     if (m_bClosed.exchange(TRUE))
         return CM_OK;
@@ -113,13 +123,19 @@ void CTransportProxyCore::PostApplyReading_i() {
     GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->ApplyReading_i(); });
 }
 
-CmResult CTransportProxyCore::PostUpcall_i() { return m_bUpcallPosted.exchange(TRUE) ? CM_OK : m_UpcallEvent.Post(GetUser()); }
+CmResult CTransportProxyCore::PostUpcall_i() {
+    if (m_bUpcallPosted || m_bUpcallPosted.exchange(TRUE))  // the first alone is what a burst costs
+        return CM_OK;
+    return m_UpcallEvent.Post(GetUser());
+}
 
 // The user's thread has ended: the next post finds that out, instead of taking this one for under way.
 void CTransportProxyCore::OnEventDropped() { m_bUpcallPosted = FALSE; }
 
 void CTransportProxyCore::Upcall() {
     m_bUpcallPosted = FALSE;
+    if (!m_pSink && !m_bOver)
+        return;                  // not opened yet: everything waits
     const BOOL bLost = m_bLost;  // looked at first: all data was queued before it was set
     const BOOL bAllDelivered = Deliver_i();
     if (m_bOnSendDue.exchange(FALSE)) {
@@ -128,6 +144,7 @@ void CTransportProxyCore::Upcall() {
     }
     if (!bLost || !bAllDelivered || m_bPausedByUser)
         return;
+    m_bOver = TRUE;
     if (ICmTransportSink* pSink = m_pSink.exchange(nullptr))
         pSink->OnDisconnect(m_LostReason, m_pProxy);
 }

@@ -9,28 +9,40 @@
 //
 // Sending: SendData takes the whole chain or nothing, without copying payload that a data block owns. When more than a limit
 // waits for the network (1 MiB; CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, bytes) it returns CM_ERROR_PARTIAL_DATA, and one OnSend
-// follows when half of the limit has drained. Sends on a raw TCP transport are joined, up to 64 pieces a system call. CM_OK
-// says that the data is on its way: it is lost only when the connection is. On a raw UDP transport each send stays one
-// datagram, which counts 128 bytes more towards the limits, and CM_OK promises nothing (see CCmTransportUdp); one that is too
-// large is refused at once with CM_ERROR_INVALID_ARG.
+// follows when half of the limit has drained. CM_OK says that the data is on its way: it is lost only when the connection is.
+// What waits together leaves with few system calls. What one send is depends on the connection type:
+// - Raw TCP: bytes of a stream, joined with those of other sends up to 64 pieces a system call.
+// - Raw UDP: one datagram, which counts 128 bytes more towards the limits. CM_OK promises nothing (see CCmTransportUdp); one
+//   that is too large is refused at once with CM_ERROR_INVALID_ARG.
+// - A protocol connection (any bit of 0xFFF00000): one message, which arrives as one OnReceive. One that is longer than the
+//   connection can take (CM_OPT_TRANSPORT_MAX_MESSAGE) is refused at once with CM_ERROR_INVALID_ARG, never queued. That limit
+//   is the connection's as of its making and of every SetOption through the proxy; whoever lowers it in the network thread
+//   may cost messages under way, which a trace line at level 0 tells. An empty message is CM_OK and nothing is sent.
 //
 // Receiving: OnReceive gets a duplicate of its own. When more than a limit (1 MiB, each chunk counting 128 bytes beyond its
 // payload; CM_OPT_TRANSPORT_PROXY_RECV_LIMIT) waits for the user's thread, reading stops until half of it is taken.
 // CM_OPT_TRANSPORT_PAUSE_READING pauses by hand, at once: no OnReceive and no OnDisconnect until it is set to FALSE.
 //
+// Opening: a raw transport stays unopened until OpenWithSink. A protocol connection runs from the start, and what arrives is
+// kept within the same limit, its end included, so OpenWithSink may come as late as the user likes: it is CM_OK even if the
+// connection has ended meanwhile, and everything that was kept follows from the loop, OnDisconnect last. Who never opens hears
+// nothing, and the release frees it all. After OnDisconnect, or the user's Disconnect, it is CM_ERROR_NULL_POINTER.
+//
 // Disconnect, and the last release, let data that was accepted go out first when the reason is CM_OK, and the peer's
-// system acknowledge it, for at most 30 s (key "LingerSeconds" in section "Proxy"). No upcall follows either, even one that was
-// already posted. Releasing inside any upcall is safe. CM_ERROR_NULL_POINTER: the transport is gone. CM_ERROR_NOT_AVAILABLE:
-// the network thread is. When the network thread ends, OnDisconnect says CM_ERROR_NETWORK_SOCKET_CLOSE.
+// system acknowledge it, for at most 30 s (key "LingerSeconds" in section "Proxy"); then the connection's own Disconnect(CM_OK)
+// does the rest. No upcall follows either, even one that was already posted. Releasing inside any upcall is safe.
+// CM_ERROR_NULL_POINTER: the transport is gone. CM_ERROR_NOT_AVAILABLE: the network thread is. When the network thread ends,
+// OnDisconnect says CM_ERROR_NETWORK_SOCKET_CLOSE.
 //
 // The options 141 to 143 are the proxy's own; all others wait for the network thread. OnSend comes during a pause, too. Sends
 // of several threads stay whole, in an order of their own.
 class TALVO_API CCmTransportThreadProxy final : public talvo::CThreadProxyT<ICmTransport, talvo::CTransportProxyCore> {
 public:
-    // In the network thread. Keeps aTransport there. aType: the connection type it was made for.
+    // In the network thread, before anything can arrive: while the connector or acceptor indicates aTransport, which is kept
+    // there. aType: the connection type it was made for.
     CCmTransportThreadProxy(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType)
         : CThreadProxyT(new talvo::CTransportProxyCore(aTransport, aUser, aNetwork, aType)) {
-        m_pCore->SetProxy(this);
+        m_pCore->Start(this);
     }
 
     CmResult OpenWithSink(ICmTransportSink* aSink) override { return m_pCore->OpenWithSink(aSink); }

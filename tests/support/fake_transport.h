@@ -2,17 +2,19 @@
 #pragma once
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "talvo/transport/transport_thread_proxy.h"
 #include "tests/support/network_fixture.h"
 
-// What stands in the network thread behind a proxy; the test decides how much it takes. Used in the network thread only, but
-// for the count of disconnects.
+// What stands in the network thread behind a proxy, a raw transport or a protocol connection; the test decides how much it
+// takes and what happens inside its calls. Used in the network thread only, but for the count of disconnects.
 class CFakeTransport : public ICmTransport, public CCmReferenceControlT<CCmMutexThread> {
 public:
     static constexpr DWORD EVERYTHING = 0xFFFFFFFF;
+    static constexpr DWORD OPT_LIMIT = 136;  // set DWORD: the longest message, as protocol connections have it
 
     CFakeTransport() { ++s_Live; }
     ~CFakeTransport() override { --s_Live; }
@@ -21,10 +23,13 @@ public:
 
     CmResult OpenWithSink(ICmTransportSink* aSink) override {
         m_pSink = aSink;
-        return CM_OK;
+        return m_OpenResult;
     }
     ICmTransportSink* GetSink() override { return m_pSink; }
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) override {
+        m_Log.push_back(aData.FlattenChained());
+        if (const CmResult rv = m_Inside(m_Log.back()); rv != CM_OK)
+            return rv;
         iovec pieces[256];
         m_Calls.push_back(aData.FillIov(pieces, 256));
         m_pFirst = pieces[0].iov_base;
@@ -37,15 +42,27 @@ public:
         return aPara->m_dwHaveSent == dwLength ? CM_OK : CM_ERROR_PARTIAL_DATA;
     }
     CmResult SetOption(DWORD aCommand, void* aArg) override {
-        EXPECT_EQ(CM_OPT_TRANSPORT_PAUSE_READING, aCommand);
-        m_bPaused = *static_cast<BOOL*>(aArg);
+        if (aCommand == CM_OPT_TRANSPORT_PAUSE_READING) {
+            m_bPaused = *static_cast<BOOL*>(aArg);
+        } else if (aCommand == CM_OPT_TRANSPORT_CORK) {
+            m_Log.push_back(*static_cast<BOOL*>(aArg) ? "(cork)" : "(uncork)");
+            return m_Inside(m_Log.back());
+        } else {
+            EXPECT_EQ(OPT_LIMIT, aCommand);
+            m_dwMaxMessage = *static_cast<DWORD*>(aArg);
+        }
         return CM_OK;
     }
-    CmResult GetOption(DWORD, void*) override { return CM_ERROR_INVALID_ARG; }
+    CmResult GetOption(DWORD aCommand, void* aArg) override {
+        if (aCommand != CM_OPT_TRANSPORT_UNACKNOWLEDGED && (aCommand != CM_OPT_TRANSPORT_MAX_MESSAGE || m_dwMaxMessage == 0))
+            return CM_ERROR_INVALID_ARG;
+        *static_cast<DWORD*>(aArg) = aCommand == CM_OPT_TRANSPORT_MAX_MESSAGE ? m_dwMaxMessage : m_dwUnacknowledged;
+        return CM_OK;
+    }
     CmResult Disconnect(CmResult aReason) override {
-        ++m_nDisconnects;
         m_Reason = aReason;
         m_pSink = nullptr;
+        ++m_nDisconnects;  // last: who waits for it looks at the rest
         return CM_OK;
     }
 
@@ -57,6 +74,11 @@ public:
     }
 
     ICmTransportSink* m_pSink = nullptr;
+    CmResult m_OpenResult = CM_OK;
+    std::function<CmResult(const std::string&)> m_Inside = [](const std::string&) { return CM_OK; };
+    std::vector<std::string> m_Log;  // what SendData was given, "(cork)" and "(uncork)"
+    DWORD m_dwMaxMessage = 0;        // 0: none
+    DWORD m_dwUnacknowledged = 0;
     DWORD m_dwRoom = EVERYTHING;
     std::string m_strSent;
     std::vector<DWORD> m_Calls;  // how many pieces each SendData had
@@ -69,14 +91,27 @@ private:
     inline static CCmLiveCounter s_Live{"CFakeTransport"};
 };
 
-// A proxy over a fake, of the main thread unless said otherwise, opened with m_Sink.
+// A proxy over a fake, of the main thread unless said otherwise, opened with m_Sink unless a type is given.
 class CFakeConnection {
 public:
     explicit CFakeConnection(const CTestNetwork& aNetwork) : CFakeConnection(aNetwork, aNetwork.MainLink()) {}
-    CFakeConnection(const CTestNetwork& aNetwork, CCmThreadLink& aUser) : m_Network(aNetwork) {
+    CFakeConnection(const CTestNetwork& aNetwork, CCmThreadLink& aUser)
+        : CFakeConnection(
+              aNetwork, CM_TRANSPORT_TYPE_TCP, [](CFakeTransport&) {}, &aUser) {
+        Open();
+    }
+    // Not opened. aPrepare runs before the proxy is made.
+    CFakeConnection(
+        const CTestNetwork& aNetwork, DWORD aType,
+        const std::function<void(CFakeTransport&)>& aPrepare = [](CFakeTransport&) {}, CCmThreadLink* aUser = nullptr)
+        : m_Network(aNetwork) {
         m_Network.InNetwork([&] {
-            m_pProxy = new CCmTransportThreadProxy(m_pFake.Get(), aUser, m_Network.NetworkLink(), CM_TRANSPORT_TYPE_TCP);
+            aPrepare(*m_pFake);
+            m_pProxy = new CCmTransportThreadProxy(m_pFake.Get(), aUser ? *aUser : m_Network.MainLink(),
+                                                   m_Network.NetworkLink(), aType);
         });
+    }
+    void Open() {
         EXPECT_EQ(CM_OK, m_pProxy->OpenWithSink(&m_Sink));
         Sync();
     }
@@ -98,6 +133,25 @@ public:
         SetRoom(aBytes);
         m_Network.InNetwork([&] { m_pFake->m_pSink->OnSend(m_pFake.Get()); });
         Sync();
+    }
+    // Runs inside each call that is logged; SendData returns what it returns, unless that is CM_OK.
+    void Inside(const std::function<CmResult(const std::string&)>& aInside) const {
+        m_Network.InNetwork([&] { m_pFake->m_Inside = aInside; });
+    }
+    // While the network thread is busy, so that all wait together.
+    void SendTogether(const std::vector<std::string>& aTexts) const {
+        CCmEventThread busy;
+        m_Network.NetworkLink().Post([&] { busy.Wait(); });
+        for (const std::string& strText : aTexts)
+            EXPECT_EQ(CM_OK, SendText(*m_pProxy, strText));
+        busy.Signal();
+        Sync();
+    }
+    // What the transport has logged since the last look.
+    std::vector<std::string> Seen() const {
+        std::vector<std::string> seen;
+        m_Network.InNetwork([&] { seen.swap(m_pFake->m_Log); });
+        return seen;
     }
     void Pause(BOOL aPause) const { EXPECT_EQ(CM_OK, m_pProxy->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &aPause)); }
 

@@ -1,0 +1,110 @@
+// What the cores of the connectors' and the acceptors' proxies share.
+#pragma once
+
+#include <utility>
+
+#include "talvo/transport/transport_thread_proxy.h"
+
+namespace talvo {
+
+// Inner, ICmConnector or ICmAcceptor, is what stands in the network thread: made by a factory when it is first needed, and
+// hosted from then on until the user lets go or that thread ends.
+//
+// What the user asks for has a number; an indication of another request than the current one is dropped. A request is current
+// as long as there is a sink: a connector's until its one indication, an acceptor's until it is stopped.
+template <class Inner>
+class CIndicatingProxyCoreT : public CProxyCore, public ICmAcceptorConnectorSink {
+public:
+    // Makes the object behind a proxy, in the network thread: one reference for the caller.
+    using Factory = CmResult (*)(DWORD aType, Inner*& aInner);
+
+    void SetProxy(Inner* aProxy) { m_pProxy = aProxy; }
+    void Abandon() override {
+        End();
+        GetNetwork().Post([pThis = CCmRefPtrT<CIndicatingProxyCoreT>(this)] { pThis->LetGo_i(); });
+    }
+
+    // From the connector or acceptor, in the network thread.
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
+        CCmRefPtrT<ICmTransport> pProxy;
+        if (aTrpt)
+            pProxy = new CCmTransportThreadProxy(aTrpt, GetUser(), GetNetwork(), m_dwType);
+        PostIndication(m_bOnce ? std::exchange(m_dwRunning, 0) : m_dwRunning, aReason, std::move(pProxy));
+    }
+    void OnThreadEnd() override { LetGo_i(); }
+
+protected:
+    CIndicatingProxyCoreT(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, Factory aFactory, BOOL aOnce)
+        : CProxyCore(aUser, aNetwork), m_dwType(aType), m_Factory(aFactory), m_bOnce(aOnce) {}
+
+    // Any thread. CM_ERROR_ALREADY_INITIALIZED: a request is current. CM_ERROR_INVALID_ARG: aSink is null.
+    CmResult Begin(ICmAcceptorConnectorSink* aSink, DWORD& aRequest) {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        if (m_pSink)
+            return CM_ERROR_ALREADY_INITIALIZED;
+        if (!aSink)
+            return CM_ERROR_INVALID_ARG;
+        m_pSink = aSink;
+        aRequest = ++m_dwRequest;
+        return CM_OK;
+    }
+    // Any thread. FALSE: none was current.
+    BOOL End() {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        ++m_dwRequest;
+        return std::exchange(m_pSink, nullptr) != nullptr;
+    }
+    // Any thread.
+    void PostIndication(DWORD aRequest, CmResult aReason, CCmRefPtrT<ICmTransport> aTransport) {
+        GetUser().Post([=, pTransport = std::move(aTransport), pThis = CCmRefPtrT<CIndicatingProxyCoreT>(this)] {
+            if (ICmAcceptorConnectorSink* pSink = pThis->SinkOf(aRequest))
+                pSink->OnConnectIndication(aReason, pTransport.Get(), pThis->m_pProxy);
+        });
+    }
+
+    // Network thread: sees that there is an inner object. On failure there is none.
+    CmResult Make_i() {
+        if (m_pInner)
+            return CM_OK;
+        CmResult rv = m_Factory(m_dwType, m_pInner.ParaOut());
+        if (rv == CM_OK && !Host_i())
+            rv = CM_ERROR_NOT_AVAILABLE;
+        if (rv != CM_OK)
+            m_pInner.Reset();
+        return rv;
+    }
+    // Network thread: the end of its side; may delete this object.
+    void LetGo_i() {
+        const CCmRefPtrT<Inner> pInner = std::move(m_pInner);
+        m_dwRunning = 0;
+        if (!pInner)
+            return;
+        Stop_i(*pInner);
+        Leave_i();
+    }
+    virtual void Stop_i(Inner& aInner) = 0;
+
+    // Network thread only.
+    CCmRefPtrT<Inner> m_pInner;
+    DWORD m_dwRunning = 0;  // the request under way, 0 for none
+
+private:
+    // User's thread.
+    ICmAcceptorConnectorSink* SinkOf(DWORD aRequest) {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        if (aRequest != m_dwRequest)
+            return nullptr;
+        return m_bOnce ? std::exchange(m_pSink, nullptr) : m_pSink;
+    }
+
+    const DWORD m_dwType;
+    const Factory m_Factory;
+    const BOOL m_bOnce;         // an indication ends the request
+    Inner* m_pProxy = nullptr;  // the handle, for upcalls: alive while there is a sink
+
+    CCmMutexThread m_Mutex;
+    ICmAcceptorConnectorSink* m_pSink CM_GUARDED_BY(m_Mutex) = nullptr;  // not owned
+    DWORD m_dwRequest CM_GUARDED_BY(m_Mutex) = 0;
+};
+
+}  // namespace talvo
