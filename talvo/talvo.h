@@ -19,6 +19,7 @@
 #include "talvo/base/time_value.h"
 #include "talvo/base/trace.h"
 #include "talvo/connection/connection_manager.h"
+#include "talvo/connection/connection_options.h"
 #include "talvo/event/event_queue.h"
 #include "talvo/event/reactor.h"
 #include "talvo/event/reactor_epoll.h"

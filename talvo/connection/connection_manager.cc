@@ -4,6 +4,12 @@
 
 #include "talvo/base/name_resolver.h"
 #include "talvo/base/trace.h"
+#include "talvo/connection/conn_acceptor.h"
+#include "talvo/connection/conn_connector.h"
+#include "talvo/connection/len_pkg_conn.h"
+#include "talvo/connection/pkg_conn_client.h"
+#include "talvo/connection/pkg_conn_server.h"
+#include "talvo/connection/pkg_sender.h"
 #include "talvo/event/thread.h"
 #include "talvo/transport/acceptor_tcp.h"
 #include "talvo/transport/acceptor_thread_proxy.h"
@@ -27,36 +33,59 @@ CCmThreadManager& Threads() { return *CCmThreadManager::Instance(); }
 
 BOOL HasAll(DWORD aType, DWORD aFlags) { return (aType & aFlags) == aFlags; }
 
-// Whether the flags name a connection protocol.
-BOOL IsProtocol(DWORD aType) {
-    return HasAll(aType, CCmConnectionManager::CTYPE_PDU_RELIABLE) ||
-           (aType & (CCmConnectionManager::CTYPE_SEND_NO_PARTIAL_DATA | CCmConnectionManager::CTYPE_PDU_PACKAGE |
-                     CCmConnectionManager::CTYPE_PDU_LENGTH)) != 0;
+const char* BaseName(DWORD aType) { return (aType & BASE_TYPE_MASK) == CM_TRANSPORT_TYPE_TCP ? "TCP" : "UDP"; }
+
+// What the flags ask for, the first that fits; what goes with keep-alives may have them or not.
+enum EProtocol { NO_PROTOCOL, RELIABLE, NO_PARTIAL_DATA, PACKAGE, LENGTH };
+
+EProtocol ProtocolOf(DWORD aType) {
+    if (HasAll(aType, CCmConnectionManager::CTYPE_PDU_RELIABLE))
+        return RELIABLE;
+    if (HasAll(aType, CCmConnectionManager::CTYPE_SEND_NO_PARTIAL_DATA))
+        return NO_PARTIAL_DATA;
+    if (HasAll(aType, CCmConnectionManager::CTYPE_PDU_PACKAGE))
+        return PACKAGE;
+    return HasAll(aType, CCmConnectionManager::CTYPE_PDU_LENGTH) ? LENGTH : NO_PROTOCOL;
 }
 
 // What can be said of a type without making anything. aWhere names the operation in the trace.
 CmResult JudgeType(DWORD aType, const char* aWhere) {
-    const DWORD dwType = aType & ~THREAD_FLAGS_MASK;
-    const DWORD dwBase = dwType & BASE_TYPE_MASK;
+    const DWORD dwBase = aType & BASE_TYPE_MASK;
+    const EProtocol protocol = ProtocolOf(aType);
     CCmConnectorMaker maker = nullptr;
-    const BOOL bDetection = dwBase == BASE_TYPE_DETECTION;
-    const BOOL bBaseKnown = bDetection || cm_get_connector_maker(dwBase, maker) != CM_ERROR_INVALID_ARG;
-    const BOOL bStrayBits = (dwType & ~(BASE_TYPE_MASK | PROTOCOL_MASK)) != 0;
-    if ((dwType & PROTOCOL_MASK) && !IsProtocol(dwType))
+    const BOOL bBaseKnown = dwBase == BASE_TYPE_DETECTION || cm_get_connector_maker(dwBase, maker) != CM_ERROR_INVALID_ARG;
+    const BOOL bStrayBits = (aType & ~(BASE_TYPE_MASK | THREAD_FLAGS_MASK | PROTOCOL_MASK)) != 0;
+    if ((aType & PROTOCOL_MASK) && protocol == NO_PROTOCOL)
         return CM_ERROR_FAILURE;
     if (!bBaseKnown || bStrayBits) {
-        CM_WARNING_TRACE(aWhere << ", wrong type=" << dwType);
+        CM_WARNING_TRACE(aWhere << ", wrong type=" << (aType & ~THREAD_FLAGS_MASK));
         return CM_ERROR_INVALID_ARG;
     }
-    if ((dwType & PROTOCOL_MASK) || (dwBase != CM_TRANSPORT_TYPE_TCP && dwBase != CM_TRANSPORT_TYPE_UDP)) {
-        CM_WARNING_TRACE(aWhere << ", type not implemented. type=" << dwType);
+    const BOOL bBaseMade = dwBase == CM_TRANSPORT_TYPE_TCP || dwBase == CM_TRANSPORT_TYPE_UDP;
+    const BOOL bStreamOnly = protocol == LENGTH && dwBase == CM_TRANSPORT_TYPE_UDP;
+    if (!bBaseMade || bStreamOnly) {
+        CM_WARNING_TRACE(aWhere << ", type not implemented. type=" << (aType & ~THREAD_FLAGS_MASK));
         return CM_ERROR_NOT_IMPLEMENTED;
     }
     return CM_OK;
 }
 
-CmResult JudgeClientType(DWORD aType) { return JudgeType(aType, "CCmConnectionManager::CreateConnectionClient_i"); }
-CmResult JudgeServerType(DWORD aType) { return JudgeType(aType, "CCmConnectionManager::CreateConnectionServer"); }
+// Reliable connections have their place here and nobody who makes them.
+CmResult JudgeClientType(DWORD aType) {
+    const CmResult rv = JudgeType(aType, "CCmConnectionManager::CreateConnectionClient_i");
+    if (rv != CM_OK || ProtocolOf(aType) != RELIABLE)
+        return rv;
+    CM_INFO_TRACE("CCmConnectionManager::CreateCsConnectionClient(), CTYPE_PDU_RELIABLE, BaseType = " << BaseName(aType));
+    return CM_ERROR_NOT_IMPLEMENTED;
+}
+
+CmResult JudgeServerType(DWORD aType) {
+    const CmResult rv = JudgeType(aType, "CCmConnectionManager::CreateConnectionServer");
+    if (rv != CM_OK || ProtocolOf(aType) != RELIABLE)
+        return rv;
+    CM_INFO_TRACE("CCmConnectionManager::CreateCsConnectionServer(), CTYPE_PDU_RELIABLE");
+    return CM_ERROR_NOT_IMPLEMENTED;
+}
 
 // The calling thread, if it can be called back.
 ACmThread* CallingThread() {
@@ -64,11 +93,8 @@ ACmThread* CallingThread() {
     return pThread && pThread->GetEventQueue() ? pThread : nullptr;
 }
 
-// For the proxies, which may come here while the manager is being destroyed: asking for its instance would make a new one.
-CmResult MakeClient(DWORD aType, ICmConnector*& aConnector) {
-    aConnector = nullptr;
-    if (const CmResult rv = JudgeClientType(aType); rv != CM_OK)
-        return rv;
+// The connector or acceptor of the base type alone.
+CmResult MakeBaseClient(DWORD aType, ICmConnector*& aConnector) {
     CCmRefPtrT<CCmConnectorWrapper> pConnector(new (std::nothrow) CCmConnectorWrapper);
     if (!pConnector)
         return CM_ERROR_OUT_OF_MEMORY;
@@ -78,15 +104,41 @@ CmResult MakeClient(DWORD aType, ICmConnector*& aConnector) {
     return rv;
 }
 
-CmResult MakeServer(DWORD aType, ICmAcceptor*& aAcceptor) {
-    aAcceptor = nullptr;
-    if (const CmResult rv = JudgeServerType(aType); rv != CM_OK)
-        return rv;
+CmResult MakeBaseServer(DWORD aType, ICmAcceptor*& aAcceptor) {
     const BOOL bDatagrams = (aType & BASE_TYPE_MASK) == CM_TRANSPORT_TYPE_UDP;
     CCmRefPtrT<ICmAcceptor> pAcceptor(bDatagrams ? static_cast<ICmAcceptor*>(new (std::nothrow) CCmAcceptorUdp)
                                                  : new (std::nothrow) CCmAcceptorTcp);
     aAcceptor = pAcceptor.Detach();
     return aAcceptor ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+}
+
+// A Wrapper over aLower, which it owns; aType becomes aCanonical.
+template <class Wrapper, class Interface>
+CmResult Wrap(DWORD& aType, DWORD aCanonical, CCmRefPtrT<Interface> aLower, Interface*& aResult) {
+    const BOOL bNeedKeepAlive = HasAll(aType, CCmConnectionManager::CTYPE_PDU_KEEPALIVE);
+    CCmRefPtrT<Interface> pWrapper(new (std::nothrow) Wrapper(std::move(aLower), bNeedKeepAlive));
+    if (!pWrapper)
+        return CM_ERROR_OUT_OF_MEMORY;
+    aType = aCanonical;
+    aResult = pWrapper.Detach();
+    return CM_OK;
+}
+
+// For the proxies, which may come here while the manager is being destroyed: asking for its instance would make a new one.
+CmResult MakeClient(DWORD aType, ICmConnector*& aConnector) {
+    aConnector = nullptr;
+    if (aType & PROTOCOL_MASK)
+        return CCmConnectionManager::CreateCsConnectionClient(aType, aConnector);
+    const CmResult rv = JudgeClientType(aType);
+    return rv == CM_OK ? MakeBaseClient(aType, aConnector) : rv;
+}
+
+CmResult MakeServer(DWORD aType, ICmAcceptor*& aAcceptor) {
+    aAcceptor = nullptr;
+    if (aType & PROTOCOL_MASK)
+        return CCmConnectionManager::CreateCsConnectionServer(aType, aAcceptor);
+    const CmResult rv = JudgeServerType(aType);
+    return rv == CM_OK ? MakeBaseServer(aType, aAcceptor) : rv;
 }
 
 // The thread rule: directly in the network thread, through a proxy everywhere else.
@@ -181,4 +233,58 @@ CmResult CCmConnectionManager::CreateConnectionClient_i(DWORD aType, ICmConnecto
 
 CmResult CCmConnectionManager::CreateConnectionServer_i(DWORD aType, ICmAcceptor*& aAcceptor) {
     return MakeServer(aType, aAcceptor);
+}
+
+CmResult CCmConnectionManager::CreateCsConnectionClient(DWORD& aType, ICmConnector*& aConnector) {
+    aConnector = nullptr;
+    CCmRefPtrT<ICmConnector> pLower;
+    CmResult rv = (aType & PROTOCOL_MASK) ? JudgeClientType(aType) : CM_ERROR_FAILURE;
+    if (rv == CM_OK)
+        rv = MakeBaseClient(aType, pLower.ParaOut());
+    if (rv != CM_OK)
+        return rv;
+    switch (ProtocolOf(aType)) {
+    case NO_PARTIAL_DATA:
+        CM_INFO_TRACE(
+            "CCmConnectionManager::CreateCsConnectionClient(), CTYPE_SEND_NO_PARTIAL_DATA, BaseType = " << BaseName(aType));
+        return Wrap<CConnConnectorT<CPkgSender>>(aType, CTYPE_SEND_NO_PARTIAL_DATA, std::move(pLower), aConnector);
+    case PACKAGE:
+        CM_INFO_TRACE("CCmConnectionManager::CreateCsConnectionClient(), CTYPE_PDU_PACKAGE, bNeedKeepAlive = "
+                      << HasAll(aType, CTYPE_PDU_KEEPALIVE) << ", BaseType = " << BaseName(aType));
+        return Wrap<CConnConnectorT<CPkgConnClient>>(aType, CTYPE_PDU_PACKAGE, std::move(pLower), aConnector);
+    case LENGTH:
+        CM_INFO_TRACE("CCmConnectionManager::CreateCsConnectionClient(), CTYPE_PDU_LENGTH, BaseType = " << BaseName(aType));
+        return Wrap<CConnConnectorT<CLenPkgConn>>(aType, CTYPE_PDU_LENGTH, std::move(pLower), aConnector);
+    case RELIABLE:
+    case NO_PROTOCOL:
+        break;
+    }
+    return CM_ERROR_FAILURE;
+}
+
+CmResult CCmConnectionManager::CreateCsConnectionServer(DWORD& aType, ICmAcceptor*& aAcceptor) {
+    aAcceptor = nullptr;
+    CCmRefPtrT<ICmAcceptor> pLower;
+    CmResult rv = (aType & PROTOCOL_MASK) ? JudgeServerType(aType) : CM_ERROR_FAILURE;
+    if (rv == CM_OK)
+        rv = MakeBaseServer(aType, pLower.ParaOut());
+    if (rv != CM_OK)
+        return rv;
+    switch (ProtocolOf(aType)) {
+    case NO_PARTIAL_DATA:
+        CM_INFO_TRACE(
+            "CCmConnectionManager::CreateCsConnectionServer(), CTYPE_SEND_NO_PARTIAL_DATA, BaseType = " << BaseName(aType));
+        return Wrap<CConnAcceptorT<CPkgSender>>(aType, CTYPE_SEND_NO_PARTIAL_DATA, std::move(pLower), aAcceptor);
+    case PACKAGE:
+        CM_INFO_TRACE("CCmConnectionManager::CreateCsConnectionServer(), CTYPE_PDU_PACKAGE, bNeedKeepAlive = " << HasAll(
+                          aType, CTYPE_PDU_KEEPALIVE));
+        return Wrap<CConnAcceptorT<CPkgConnServer>>(aType, CTYPE_PDU_PACKAGE, std::move(pLower), aAcceptor);
+    case LENGTH:
+        CM_INFO_TRACE("CCmConnectionManager::CreateCsConnectionServer(), CTYPE_PDU_LENGTH, BaseType = " << BaseName(aType));
+        return Wrap<CConnAcceptorT<CLenPkgConn>>(aType, CTYPE_PDU_LENGTH, std::move(pLower), aAcceptor);
+    case RELIABLE:
+    case NO_PROTOCOL:
+        break;
+    }
+    return CM_ERROR_FAILURE;
 }

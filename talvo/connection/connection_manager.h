@@ -11,9 +11,18 @@ class ACmThread;
 // The process-wide factory. It makes sure that the network thread exists and wraps what it makes in a thread proxy when the
 // caller is another thread, so that an application is called back in its own. Any thread that has an event queue may call: the
 // main thread, and those of CCmThreadManager::CreateUserTaskThread and CreateReactorThread.
+//
+// What a type's connections are, both ends being of the same type; the flags are looked at in this order:
+//   reliable         package connections that survive the loss of their transport; not offered yet
+//   no partial data  whole messages, no handshake: connected as soon as the transport is. TCP and UDP
+//   package          whole messages; connected when the peer has answered, which the client awaits for 60 s. TCP and UDP
+//   length           whole messages behind their length and nothing else. TCP only: a length cannot frame datagrams
+//   none of these    the bare transport: bytes over TCP, datagrams over UDP
+// CTYPE_PDU_KEEPALIVE, with package or no partial data, sends keep-alives. Over UDP a message is one datagram, which may be
+// lost.
 class TALVO_API CCmConnectionManager : public CCmCleanUpBase {
 public:
-    // A connection type is a base type in the low 16 bits and flags.
+    // A connection type is a base type in the low 16 bits and flags; CTYPE_PDU_RELIABLE is three of them.
     enum CType : DWORD {
         CTYPE_TCP = 0x1,
         CTYPE_UDP = 0x2,
@@ -36,8 +45,8 @@ public:
 
     // A new connector or acceptor with one reference for the caller, null on failure.
     // CM_ERROR_INVALID_ARG: no such base type. CM_ERROR_FAILURE: flags that name no connection. CM_ERROR_NOT_IMPLEMENTED: a
-    // type that is not offered yet (today all but CTYPE_TCP and CTYPE_UDP). CM_ERROR_NULL_POINTER: the calling thread has no
-    // event queue, or the network thread is gone.
+    // type that is not offered (today a base type other than CTYPE_TCP and CTYPE_UDP, CTYPE_PDU_RELIABLE, and CTYPE_PDU_LENGTH
+    // over CTYPE_UDP). CM_ERROR_NULL_POINTER: the calling thread has no event queue, or the network thread is gone.
     // CM_ERROR_OUT_OF_MEMORY.
     CmResult CreateConnectionClient(DWORD aType, ICmConnector*& aConnector);
     CmResult CreateConnectionServer(DWORD aType, ICmAcceptor*& aAcceptor);
@@ -46,6 +55,11 @@ public:
     // The same without a proxy: in the network thread only, which is also the thread of all upcalls.
     CmResult CreateConnectionClient_i(DWORD aType, ICmConnector*& aConnector);
     CmResult CreateConnectionServer_i(DWORD aType, ICmAcceptor*& aAcceptor);
+
+    // The same for types that name a protocol connection, and CM_ERROR_FAILURE for all others. aType loses its base type and
+    // all flags but that of the kind of connection. Likewise in the network thread only.
+    static CmResult CreateCsConnectionClient(DWORD& aType, ICmConnector*& aConnector);
+    static CmResult CreateCsConnectionServer(DWORD& aType, ICmAcceptor*& aAcceptor);
 
 private:
     CCmConnectionManager() = default;

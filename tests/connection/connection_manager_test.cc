@@ -52,9 +52,9 @@ DWORD Exchange(const CTestNetwork& aNetwork, DWORD aType) {
 
 TEST(ConnectionManagerTest, TypesAreJudgedInTheCallingThread) {
     CTestNetwork network;
-    for (const DWORD dwType : {0x1u, 0x2u, 0x10001u, 0x20001u, 0x30001u})
+    for (const DWORD dwType : {0x1u, 0x2u, 0x10001u, 0x20001u, 0x30001u, 0x10000001u, 0x30000002u, 0x8000001u, 0x100002u})
         EXPECT_EQ(CM_OK, Judge(dwType)) << std::hex << dwType;
-    for (const DWORD dwType : {0x4u, 0xCu, 0x8001u, 0x100001u, 0x10000001u, 0x30000001u, 0x70000001u})
+    for (const DWORD dwType : {0x4u, 0xCu, 0x8001u, 0x10000004u, 0x70000001u, 0x8000002u})
         EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, Judge(dwType)) << std::hex << dwType;
     for (const DWORD dwType : {0x0u, 0x3u, 0x8002u, 0x40001u, 0x10000003u})
         EXPECT_EQ(CM_ERROR_INVALID_ARG, Judge(dwType)) << std::hex << dwType;
@@ -67,10 +67,44 @@ TEST(ConnectionManagerTest, TypesAreJudgedInTheCallingThread) {
     }).join();
 }
 
+// What becomes of a type in the network thread, and the lines of client and server about it.
+TEST(ConnectionManagerTest, ProtocolTypes) {
+    const struct {
+        DWORD m_dwType, m_dwCanonical;
+        std::string m_strClient, m_strServer;
+    } types[] = {
+        {0x78100002, 0, "CTYPE_PDU_RELIABLE, BaseType = UDP", "CTYPE_PDU_RELIABLE"},
+        {0x38100002, 0x100000, "CTYPE_SEND_NO_PARTIAL_DATA, BaseType = UDP", "CTYPE_SEND_NO_PARTIAL_DATA, BaseType = UDP"},
+        {0x18000001, 0x10000000, "CTYPE_PDU_PACKAGE, bNeedKeepAlive = 0, BaseType = TCP",
+         "CTYPE_PDU_PACKAGE, bNeedKeepAlive = 0"},
+        {0x30000002, 0x10000000, "CTYPE_PDU_PACKAGE, bNeedKeepAlive = 1, BaseType = UDP",
+         "CTYPE_PDU_PACKAGE, bNeedKeepAlive = 1"},
+        {0x28000001, 0x8000000, "CTYPE_PDU_LENGTH, BaseType = TCP", "CTYPE_PDU_LENGTH, BaseType = TCP"},
+    };
+    CTestNetwork network;
+    network.InNetwork([&] {
+        for (auto [dwType, dwCanonical, strClient, strServer] : types) {
+            const CmResult expected = dwCanonical ? CM_OK : CM_ERROR_NOT_IMPLEMENTED;
+            const std::string strWhere = "CCmConnectionManager::CreateCsConnection";
+            CCmTraceCapture trace;
+            CCmRefPtrT<ICmConnector> pConnector;
+            CCmRefPtrT<ICmAcceptor> pAcceptor;
+            DWORD dwClient = dwType, dwServer = dwType;
+            EXPECT_EQ(expected, CCmConnectionManager::CreateCsConnectionClient(dwClient, pConnector.ParaOut()));
+            EXPECT_EQ(expected, CCmConnectionManager::CreateCsConnectionServer(dwServer, pAcceptor.ParaOut()));
+            EXPECT_EQ(dwCanonical ? dwCanonical : dwType, dwClient);
+            EXPECT_EQ(dwClient, dwServer);
+            EXPECT_EQ((std::vector{strWhere + "Client(), " + strClient, strWhere + "Server(), " + strServer}), trace.Lines());
+            EXPECT_EQ(expected, Judge(dwType));
+        }
+    });
+}
+
 TEST(ConnectionManagerTest, ThreadRule) {
     CTestNetwork network;
     EXPECT_EQ(DIRECT, Exchange(network, DIRECT));
     EXPECT_EQ(FORCED, Exchange(network, FORCED));
+    EXPECT_EQ(DIRECT, Exchange(network, DIRECT | CCmConnectionManager::CTYPE_PDU_LENGTH));
     network.InNetwork([] {
         CCmTraceCapture trace;
         EXPECT_EQ(CM_OK, Judge(DIRECT));

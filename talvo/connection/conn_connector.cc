@@ -1,0 +1,63 @@
+#include "talvo/connection/conn_connector.h"
+
+#include <utility>
+
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+
+namespace talvo {
+
+namespace {
+
+CCmLiveCounter s_Live("CConnConnectorT");
+
+}  // namespace
+
+CConnConnectorBase::CConnConnectorBase(CCmRefPtrT<ICmConnector> aLower) : m_pLower(std::move(aLower)) { ++s_Live; }
+
+CConnConnectorBase::~CConnConnectorBase() {
+    Cancel_i();
+    --s_Live;
+}
+
+void CConnConnectorBase::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout,
+                                     CCmInetAddr* aAddrLocal) {
+    m_Est.EnsureSingleThread();
+    if (!aSink || m_Opening) {
+        CM_WARNING_TRACE_THIS("CConnConnectorT::AsycConnect, refused. aSink=" << static_cast<const void*>(aSink) << " m_pSink="
+                                                                              << static_cast<const void*>(m_pSink));
+        return;
+    }
+    m_Opening = MakeConnection();
+    if (!m_Opening) {
+        CM_ERROR_TRACE_THIS("CConnConnectorT::AsycConnect, out of memory.");
+        return;
+    }
+    m_pSink = aSink;
+    m_pLower->AsycConnect(m_Opening.m_pSink, aAddrPeer, aTimeout, aAddrLocal);
+}
+
+void CConnConnectorBase::CancelConnect() {
+    m_Est.EnsureSingleThread();
+    Cancel_i();
+}
+
+void CConnConnectorBase::Cancel_i() {
+    m_pSink = nullptr;
+    if (const COpeningConn opening = std::exchange(m_Opening, {})) {
+        m_pLower->CancelConnect();
+        opening.Cancel();
+    }
+}
+
+void CConnConnectorBase::OnOpened(CConnBase& aConn, CmResult aReason) {
+    if (m_Opening.m_pConn.Get() != &aConn)
+        return;
+    const COpeningConn opening = std::exchange(m_Opening, {});  // lives until the sink has been told
+    // The connection may have given up by itself, with the connector below still at work.
+    m_pLower->CancelConnect();
+    ICmAcceptorConnectorSink* pSink = std::exchange(m_pSink, nullptr);
+    pSink->OnConnectIndication(aReason, aReason == CM_OK ? &aConn : nullptr, this);  // last: it may release this connector
+}
+
+}  // namespace talvo

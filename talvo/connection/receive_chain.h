@@ -1,0 +1,64 @@
+// Received bytes that make no whole message yet.
+#pragma once
+
+#include "talvo/base/message_block.h"
+
+namespace talvo {
+
+// Every byte is copied once, when it comes in, into blocks of its own: a peer that sends single bytes costs little more than
+// those. What is taken out is viewed or cut, not copied. Empty, it holds no memory.
+class TALVO_API CReceiveChain {
+public:
+    CReceiveChain() = default;
+    ~CReceiveChain() { Clear(); }
+    CReceiveChain(const CReceiveChain&) = delete;
+    CReceiveChain& operator=(const CReceiveChain&) = delete;
+
+    DWORD GetLength() const { return m_dwLength; }
+
+    // Copies the whole of aData in. aMissing: how many bytes the message under way still lacks, as far as that is known; storage
+    // for them is provided in good time. CM_ERROR_OUT_OF_MEMORY: the chain has lost what it could not take, give it up.
+    CmResult Append(const CCmMessageBlock& aData, DWORD aMissing);
+
+    // Copies the first aCount bytes and leaves them. FALSE: there are not so many.
+    BOOL Peek(void* aDst, DWORD aCount) const;
+
+    // Drops the first aCount bytes, of which there must be so many.
+    void Skip(DWORD aCount);
+
+    // Takes the first aCount bytes, of which there must be so many, out and passes them to aUse as a block; aUse may do anything
+    // to this chain, even clear it, but not destroy it. CM_ERROR_OUT_OF_MEMORY: aUse was not called.
+    template <class Use>
+    CmResult Take(DWORD aCount, Use aUse) {
+        if (aCount == 0) {
+            CCmMessageBlock nothing(DWORD{0});
+            aUse(nothing);
+            return CM_OK;
+        }
+        if (aCount <= HeadLength_i()) {
+            CCmMessageBlock slice(*m_pHead, aCount);
+            Skip(aCount);
+            aUse(slice);
+            return CM_OK;
+        }
+        CCmMessageBlock* pFront = CutFront_i(aCount);
+        if (!pFront)
+            return CM_ERROR_OUT_OF_MEMORY;
+        aUse(*pFront);
+        pFront->DestroyChained();
+        return CM_OK;
+    }
+
+    void Clear();
+
+private:
+    DWORD HeadLength_i() const { return m_pHead ? m_pHead->GetTopLevelLength() : 0; }
+    BOOL AddBlock_i(DWORD aSize);
+    CCmMessageBlock* CutFront_i(DWORD aCount);
+
+    CCmMessageBlock* m_pHead = nullptr;  // owned; all of the chain is DUPLICATED
+    CCmMessageBlock* m_pTail = nullptr;  // the last block
+    DWORD m_dwLength = 0;                // unread bytes
+};
+
+}  // namespace talvo

@@ -1,0 +1,377 @@
+// Package connections and the no-partial-data sender over a transport that the test plays: bytes, steps and upcalls.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "talvo/connection/pkg_conn_client.h"
+#include "talvo/connection/pkg_conn_server.h"
+#include "talvo/connection/pkg_sender.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/fake_lower.h"
+#include "tests/support/trace_capture.h"
+
+namespace {
+
+const std::string REQUEST("\1\0\0\0\0\0\0\17", 8);
+const std::string RESPONSE("\2\0\0\0\0\0\0\17", 8);
+const std::string OTHER_REQUEST("\1\0\0\0\0\0\0\7", 8);
+const std::string KEEPALIVE("\4\0\0\0\0", 5);
+
+using Lines = std::vector<std::string>;
+
+std::string Data(const std::string& aText) {
+    std::string strPdu("\6\0\0\0\0", 5);
+    for (int i = 0; i < 4; ++i)
+        strPdu[static_cast<size_t>(1 + i)] = static_cast<char>(aText.size() >> (24 - 8 * i));
+    return strPdu + aText;
+}
+std::string Disconn(CmResult aReason) { return {'\3', static_cast<char>(aReason >> 8), static_cast<char>(aReason)}; }
+
+// One connection between a fake transport and a user who writes every upcall down and runs m_Inside in it.
+template <class Conn>
+class CEnd : public talvo::CConnOwner, public ICmTransportSink {
+public:
+    explicit CEnd(DWORD aType = CM_TRANSPORT_TYPE_TCP, BOOL aKeepAlive = TRUE) : m_pLower(new CFakeLower(aType)) {
+        m_pConn->NeedKeepAlive(aKeepAlive);
+        m_pConn->SetConnConnector(this);
+    }
+    ~CEnd() override { m_pConn.Reset(); }
+
+    void Start() { m_pConn->OnConnectIndication(CM_OK, m_pLower.Get(), nullptr); }
+    // Until it is connected; forgets what was written and sent.
+    void Connect() {
+        Start();
+        Receive(m_pConn->GetInstanceType() == 1 ? REQUEST : m_pConn->GetInstanceType() == 2 ? RESPONSE : "");
+        ASSERT_EQ(Lines{"connect 0"}, std::exchange(m_Lines, {}));
+        m_pLower->TakeSent();
+    }
+    void Receive(const std::string& aBytes, size_t aPiece = std::string::npos) { m_pLower->Receive(aBytes, aPiece); }
+    CmResult Send(const std::string& aText) { return SendText(*m_pConn, aText); }
+    CmResult Set(DWORD aOption, DWORD aValue) { return m_pConn->SetOption(aOption, &aValue); }
+
+    void OnOpened(CConnBase& aConn, CmResult aReason) override {
+        if (aReason == CM_OK)
+            aConn.OpenWithSink(this);
+        Write("connect " + std::to_string(aReason));
+    }
+    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override { Write("receive " + aData.FlattenChained()); }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override { Write("send"); }
+    void OnDisconnect(CmResult aReason, ICmTransport*) override { Write("disconnect " + std::to_string(aReason)); }
+    void Write(const std::string& aLine) {
+        m_Lines.push_back(aLine);
+        m_Inside(aLine);
+    }
+
+    CCmRefPtrT<CFakeLower> m_pLower;
+    CCmRefPtrT<Conn> m_pConn{new Conn};
+    Lines m_Lines;
+    std::function<void(const std::string&)> m_Inside = [](const std::string&) {};
+};
+using CClient = CEnd<CPkgConnClient>;
+using CServer = CEnd<CPkgConnServer>;
+using CSender = CEnd<CPkgSender>;
+
+class PkgConnTest : public testing::Test {
+protected:
+    ~PkgConnTest() override {
+        m_Main.RunOnce();
+        EXPECT_EQ(m_strAlive, CCmLiveCounter::Dump());
+    }
+    void Pass(const CCmTimeValue& aTime) {
+        m_Clock.Advance(aTime);
+        m_Main.RunOnce();
+    }
+
+    CMainThread m_Main;
+    CCmFakeClock m_Clock;
+    const CCmString m_strAlive = CCmLiveCounter::Dump();
+};
+
+struct CStep {
+    const char* m_szName;
+    BOOL m_bConnected;       // at the beginning, else in the handshake
+    std::string m_strBytes;  // from the peer
+    Lines m_Lines;
+    std::string m_strSent;
+    std::vector<CmResult> m_Disconnects;  // of the transport
+};
+
+// Every step with the bytes at once and one by one.
+template <class End>
+void RunSteps(const std::vector<CStep>& aSteps) {
+    for (const CStep& step : aSteps) {
+        for (const size_t stPiece : {std::string::npos, size_t{1}}) {
+            SCOPED_TRACE(step.m_szName);
+            End end;
+            step.m_bConnected ? end.Connect() : end.Start();
+            end.m_pLower->TakeSent();
+            end.Receive(step.m_strBytes, stPiece);
+            EXPECT_EQ(step.m_Lines, end.m_Lines);
+            EXPECT_EQ(step.m_strSent, end.m_pLower->TakeSent());
+            EXPECT_EQ(step.m_Disconnects, end.m_pLower->m_Disconnects);
+        }
+    }
+}
+
+TEST_F(PkgConnTest, ClientStepByStep) {
+    const std::string strTooLong("\6\1\0\0\1xxxx", 9);  // 16 MiB and a byte
+    RunSteps<CClient>({
+        {"response", FALSE, RESPONSE, {"connect 0"}, "", {}},
+        {"response and data", FALSE, RESPONSE + Data("a") + Data("b"), {"connect 0", "receive a", "receive b"}, "", {}},
+        {"half a response", FALSE, RESPONSE.substr(0, 7), {}, "", {}},
+        {"other type", FALSE, std::string("\2\0\0\0\0\0\0\7", 8), {"connect 20013"}, Disconn(20013), {20013}},
+        {"request", FALSE, REQUEST, {"connect 10009"}, "", {20005}},
+        {"data too early", FALSE, Data("a"), {"connect 10009"}, "", {20005}},
+        {"no such type", FALSE, "\7", {"connect 10009"}, "", {20005}},
+        {"type 0", FALSE, std::string("\0", 1), {"connect 10009"}, "", {20005}},
+        {"refusal", FALSE, Disconn(20004), {"connect 20004"}, "", {20005}},
+        {"refusal without a reason", FALSE, Disconn(0), {"connect 20003"}, "", {20005}},
+        {"second response", TRUE, RESPONSE + Data("a"), {"receive a"}, "", {}},
+        {"keep-alive, nothing, and a restart", TRUE, KEEPALIVE + Data("") + "\5" + Data("c").substr(1), {"receive ", "receive c"}, "", {}},
+        {"end, and data behind it", TRUE, Disconn(20004) + Data("a"), {"disconnect 20004"}, "", {20005}},
+        {"end without a reason", TRUE, Disconn(0), {"disconnect 0"}, "", {20005}},
+        {"too long", TRUE, strTooLong, {"disconnect 10009"}, "", {20005}},
+        {"longer than a number", TRUE, std::string("\6\xFF\xFF\xFF\xFF", 5), {"disconnect 10009"}, "", {20005}},
+        {"data and an unknown type", TRUE, Data("a") + "\x10", {"receive a", "disconnect 10009"}, "", {20005}},
+    });
+}
+
+TEST_F(PkgConnTest, ServerStepByStep) {
+    RunSteps<CServer>({
+        {"request", FALSE, REQUEST, {"connect 0"}, RESPONSE, {}},
+        {"request and data", FALSE, REQUEST + Data("a"), {"connect 0", "receive a"}, RESPONSE, {}},
+        {"second request", TRUE, REQUEST + Data("a"), {"receive a"}, RESPONSE, {}},
+        {"other type", FALSE, OTHER_REQUEST, {"connect 10009"}, RESPONSE + Disconn(10009), {10009}},
+        {"other type later", TRUE, OTHER_REQUEST, {"disconnect 10009"}, RESPONSE + Disconn(10009), {10009}},
+        {"response", FALSE, RESPONSE, {"connect 10009"}, "", {20005}},
+        {"data too early", FALSE, Data("a"), {"connect 10009"}, "", {20005}},
+        {"end", FALSE, Disconn(0), {"connect 20003"}, "", {20005}},
+    });
+}
+
+TEST_F(PkgConnTest, SendsThePdusOfItsType) {
+    CClient client;
+    client.Connect();
+    EXPECT_EQ(CM_OK, client.Send("abc"));
+    EXPECT_EQ(Data("abc"), client.m_pLower->TakeSent());
+    EXPECT_EQ(CM_OK, client.m_pConn->Disconnect(0x1004E24));
+    EXPECT_EQ(std::string("\3\x4E\x24", 3), client.m_pLower->TakeSent());
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, client.Send("abc"));
+
+    CSender sender;
+    sender.Connect();
+    EXPECT_EQ(CM_OK, sender.Send("abc"));
+    sender.Receive(std::string("\6\1\2\3\4\0\0\0\1x\6\0\0\0\0\0\0\0\1y", 20), 3);
+    EXPECT_EQ((Lines{"receive x", "receive y"}), sender.m_Lines);
+    EXPECT_EQ(CM_OK, sender.m_pConn->Disconnect(20004));
+    EXPECT_EQ(std::string("\6\0\0\0\0\0\0\0\3abc\3\x4E\x24", 15), sender.m_pLower->TakeSent());
+}
+
+TEST_F(PkgConnTest, HalfAHeaderIsTracedAndWaits) {
+    CClient client;
+    client.Connect();
+    CCmTraceCapture trace;
+    client.Receive(Data("abc").substr(0, 3));
+    EXPECT_TRUE(trace.Contains("CCsConn::OnReceive, half PDU header. half_len=3 m_dwPDULen=5"));
+    client.Receive(Data("abc").substr(3));
+    EXPECT_EQ(Lines{"receive abc"}, client.m_Lines);
+}
+
+// What the sink sends inside its indication stands behind the response, however little the transport takes.
+TEST_F(PkgConnTest, ResponseComesBeforeTheSinksData) {
+    for (const DWORD dwRoom : {0u, 3u, 10u, CFakeLower::EVERYTHING}) {
+        CServer server;
+        server.m_Inside = [&](const std::string& aLine) {
+            while (aLine == "connect 0" && server.Send(std::string(30000, 'x')) == CM_OK) {
+            }
+        };
+        server.Start();
+        server.m_pLower->m_dwRoom = dwRoom;
+        server.Receive(REQUEST);
+        EXPECT_EQ(dwRoom == CFakeLower::EVERYTHING ? (Lines{"connect 0", "send"}) : Lines{"connect 0"}, server.m_Lines);
+        server.m_pLower->MakeRoom();
+        EXPECT_EQ("send", server.m_Lines.back());
+        const std::string strData = Data(std::string(30000, 'x'));
+        EXPECT_EQ(RESPONSE + strData + strData, server.m_pLower->TakeSent());
+    }
+    CServer server;
+    server.m_Inside = [&](const std::string&) {
+        EXPECT_EQ(CM_OK, server.Send("too early to go"));
+        EXPECT_EQ(CM_OK, server.m_pConn->Disconnect(20004));
+    };
+    server.Start();
+    server.Receive(REQUEST);
+    EXPECT_EQ(Disconn(20004), server.m_pLower->TakeSent());
+}
+
+TEST_F(PkgConnTest, ConnectPdusStandNeverInsideOthers) {
+    CClient client;
+    client.m_pLower->m_dwRoom = 5;
+    client.Start();
+    client.m_pLower->MakeRoom();
+    EXPECT_EQ(REQUEST, client.m_pLower->TakeSent());
+
+    CServer server;  // asked twice while a PDU is half gone
+    server.Connect();
+    server.m_pLower->m_dwRoom = 7;
+    EXPECT_EQ(CM_OK, server.Send("abcdef"));
+    server.m_pLower->m_dwRoom = CFakeLower::EVERYTHING;
+    server.Receive(REQUEST);
+    server.m_pLower->m_dwRoom = 3;
+    EXPECT_EQ(CM_OK, server.Send("ghi"));
+    server.Receive(REQUEST);
+    server.m_pLower->MakeRoom();
+    EXPECT_EQ(Data("abcdef") + RESPONSE + Data("ghi"), server.m_pLower->TakeSent());
+}
+
+TEST_F(PkgConnTest, OptionsSayWhatCanBeSent) {
+    CClient client;
+    client.Connect();
+    DWORD dwMax = 0;
+    const auto expectMax = [&](DWORD aMax) {
+        EXPECT_EQ(CM_OK, client.m_pConn->GetOption(CM_OPT_TRANSPORT_MAX_MESSAGE, &dwMax));
+        EXPECT_EQ(aMax, dwMax);
+        CCmTraceCapture trace;
+        EXPECT_EQ(CM_ERROR_INVALID_ARG, client.Send(std::string(aMax + 1, 'x')));
+        EXPECT_EQ(1u, trace.Count("raises it"));
+        EXPECT_EQ(CM_OK, client.Send(std::string(aMax, 'x')));
+        EXPECT_EQ(aMax + 5, client.m_pLower->TakeSent().size());
+    };
+    expectMax(65531);
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, client.Set(CS_OPT_MAX_BUFF_LEN, 0));
+    EXPECT_EQ(CM_OK, client.Set(CS_OPT_MAX_BUFF_LEN, 100000));
+    expectMax(99995);
+    EXPECT_EQ(CM_OK, client.Set(CS_OPT_MAX_MESSAGE_LEN, 10));
+    expectMax(10);
+    client.Receive(Data("0123456789"));
+    client.Receive(Data("0123456789A").substr(0, 5));
+    EXPECT_EQ((Lines{"receive 0123456789", "disconnect 10009"}), client.m_Lines);
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, client.Set(CS_OPT_KEEPALIVE_INTERVAL, 0));
+
+    CSender sender;
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, sender.Set(CS_OPT_MAX_BUFF_LEN, 1000));
+    CClient datagrams(CM_TRANSPORT_TYPE_UDP);
+    datagrams.Connect();
+    EXPECT_EQ(CM_OK, datagrams.Set(CS_OPT_MAX_BUFF_LEN, 1000000));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, datagrams.Send(std::string(65507 - 4, 'x')));
+    EXPECT_EQ(CM_OK, datagrams.Send(std::string(65507 - 5, 'x')));
+}
+
+TEST_F(PkgConnTest, OnePduIsOneDatagram) {
+    CServer server(CM_TRANSPORT_TYPE_UDP);
+    server.Connect();
+    CCmTraceCapture trace;
+    server.Receive(Data("a") + Data("lost"));
+    server.Receive(Data("cut").substr(0, 6));
+    server.Receive(Data("b"));
+    EXPECT_EQ((Lines{"receive a", "receive b"}), server.m_Lines);
+    EXPECT_EQ(2u, trace.Count("drop the rest of a datagram"));
+    // A datagram that the transport will never take does not stop those behind it.
+    server.m_pLower->m_SendResult = CM_ERROR_INVALID_ARG;
+    server.Send("never");
+    server.m_pLower->m_SendResult = CM_OK;
+    EXPECT_EQ(CM_OK, server.Send("next"));
+    EXPECT_EQ(Lines{Data("next")}, server.m_pLower->m_Sends);
+
+    CClient client(CM_TRANSPORT_TYPE_UDP);
+    client.Start();
+    client.Receive(Data("overtook the response"));
+    client.Receive(RESPONSE);
+    EXPECT_EQ(Lines{"connect 0"}, client.m_Lines);
+}
+
+TEST_F(PkgConnTest, CorkedMessagesLeaveTogether) {
+    CClient client;
+    CSender sender;
+    client.Connect();
+    sender.Connect();
+    const auto check = [](auto& aEnd, size_t aMaxCalls) {
+        BOOL bCork = TRUE;
+        EXPECT_EQ(CM_OK, aEnd.m_pConn->SetOption(CM_OPT_TRANSPORT_CORK, &bCork));
+        for (int i = 0; i < 100; ++i)
+            EXPECT_EQ(CM_OK, aEnd.Send("abc"));
+        EXPECT_TRUE(aEnd.m_pLower->m_Sends.empty());
+        aEnd.m_pLower->m_Pieces.clear();
+        bCork = FALSE;
+        EXPECT_EQ(CM_OK, aEnd.m_pConn->SetOption(CM_OPT_TRANSPORT_CORK, &bCork));
+        EXPECT_LE(aEnd.m_pLower->m_Sends.size(), aMaxCalls);
+        EXPECT_GE(64u, *std::max_element(aEnd.m_pLower->m_Pieces.begin(), aEnd.m_pLower->m_Pieces.end()));
+    };
+    check(client, 4);  // a header and a payload each
+    check(sender, 1);  // copied together
+    std::string strAll;
+    for (int i = 0; i < 100; ++i)
+        strAll += Data("abc");
+    EXPECT_EQ(strAll, client.m_pLower->TakeSent());
+}
+
+// The interval in seconds is taken as milliseconds: only what left just now saves a keep-alive.
+TEST_F(PkgConnTest, KeepAliveLeavesEvenWhileDataFlows) {
+    CServer server;
+    server.Connect();
+    Pass(CCmTimeValue(14, 984000));
+    server.Send("a");
+    Pass(CCmTimeValue(0, 16000));
+    EXPECT_EQ(Data("a") + KEEPALIVE, server.m_pLower->TakeSent());
+    Pass(CCmTimeValue(14, 985000));
+    server.Send("b");
+    Pass(CCmTimeValue(0, 15000));
+    EXPECT_EQ(Data("b"), server.m_pLower->TakeSent());
+    EXPECT_EQ(CM_OK, server.Set(CS_OPT_KEEPALIVE_INTERVAL, 2));
+    Pass(CCmTimeValue(2));
+    EXPECT_EQ(KEEPALIVE, server.m_pLower->TakeSent());
+    server.m_pLower->m_dwRoom = 0;  // what waits shows the peer the same
+    server.Send("c");
+    Pass(CCmTimeValue(2));
+    server.m_pLower->MakeRoom();
+    EXPECT_EQ(Data("c"), server.m_pLower->TakeSent());
+}
+
+// Two connections whose timers are due in the same pass: the end of the first ends the second, which then says nothing.
+TEST_F(PkgConnTest, TimerOfAnEndedConnectionIsSilent) {
+    CServer first, second;
+    first.Connect();
+    second.Connect();
+    first.m_Inside = [&](const std::string&) { second.m_pConn.Reset(); };
+    second.m_Inside = [&](const std::string&) { first.m_pConn.Reset(); };
+    Pass(CCmTimeValue(120));
+    EXPECT_EQ(1u, first.m_Lines.size() + second.m_Lines.size());
+}
+
+// Whatever is done to a connection inside its upcall: once it is ended nothing more is heard, and nothing is left of it.
+template <class End>
+void RunDeeds() {
+    for (const char* pUpcall : {"connect 0", "receive a", "send", "disconnect 20004"}) {
+        for (int nDeed = 0; nDeed < 3; ++nDeed) {
+            SCOPED_TRACE(std::string(pUpcall) + ", deed " + std::to_string(nDeed));
+            End end;
+            end.m_Inside = [&](const std::string& aLine) {
+                if (aLine != pUpcall)
+                    return;
+                if (nDeed == 0)
+                    end.m_pConn->Disconnect(CM_OK);
+                else if (nDeed == 1)
+                    end.m_pConn.Reset();
+                else
+                    end.Send("b"), end.Set(CS_OPT_KEEPALIVE_INTERVAL, 1), end.Set(CS_OPT_MAX_BUFF_LEN, 9);
+            };
+            const BYTE byType = end.m_pConn->GetInstanceType();
+            const std::string strData = byType ? Data("a") : std::string("\6\0\0\0\0\0\0\0\1a", 10);
+            end.Start();
+            end.Receive((byType == 1 ? REQUEST : byType == 2 ? RESPONSE : "") + strData);
+            end.m_pLower->MakeRoom();
+            end.Receive(strData + Disconn(20004) + strData);
+            Lines lines{"connect 0", "receive a", "send", "receive a", "disconnect 20004"};
+            if (nDeed < 2)
+                lines.erase(std::find(lines.begin(), lines.end(), pUpcall) + 1, lines.end());
+            EXPECT_EQ(lines, end.m_Lines);
+        }
+    }
+}
+TEST_F(PkgConnTest, AnythingInsideAnyUpcall) {
+    RunDeeds<CClient>();
+    RunDeeds<CServer>();
+    RunDeeds<CSender>();
+}
+
+}  // namespace

@@ -1,0 +1,75 @@
+#include "talvo/connection/receive_chain.h"
+
+#include "tests/support/network_fixture.h"
+
+using talvo::CReceiveChain;
+
+namespace {
+
+// The storage behind a chain.
+DWORD CapacityOf(const CCmMessageBlock& aChain) {
+    DWORD dwSum = 0;
+    for (const CCmMessageBlock* pMb = &aChain; pMb; pMb = pMb->GetNext())
+        dwSum += pMb->GetTopLevelLength() + pMb->GetTopLevelSpace();
+    return dwSum;
+}
+
+}  // namespace
+
+TEST(ReceiveChainTest, BehavesLikeAString) {
+    std::minstd_rand random(4711);
+    const auto below = [&](size_t aLimit) { return static_cast<DWORD>(random() % aLimit); };
+    CReceiveChain chain;
+    std::string strModel;
+    std::vector<std::pair<CCmMessageBlock*, std::string>> kept;  // payloads that somebody holds on to
+    for (int i = 0; i < 20000; ++i) {
+        const size_t stCount = below(strModel.size() + 1);
+        const DWORD dwCount = static_cast<DWORD>(stCount);
+        switch (below(5)) {
+        case 0:
+        case 1: {
+            std::string strPiece = Pattern(below(8) ? 1 + below(3) : 1 + below(3000), random());
+            strModel += strPiece;
+            ASSERT_EQ(CM_OK, chain.Append(ViewOf(strPiece), below(2) * below(5000)));
+            strPiece.assign(strPiece.size(), '#');
+            break;
+        }
+        case 2: {
+            std::string strRead(stCount, '\0');
+            ASSERT_TRUE(chain.Peek(strRead.data(), dwCount));
+            ASSERT_EQ(strModel.substr(0, stCount), strRead);
+            ASSERT_FALSE(chain.Peek(nullptr, chain.GetLength() + 1));
+            break;
+        }
+        case 3:
+            chain.Skip(dwCount);
+            strModel.erase(0, stCount);
+            break;
+        default:
+            ASSERT_EQ(CM_OK, chain.Take(dwCount, [&](CCmMessageBlock& aBlock) {
+                kept.emplace_back(aBlock.DuplicateChained(), strModel.substr(0, stCount));
+                for (CCmMessageBlock* pMb = &aBlock; pMb; pMb = pMb->GetNext())
+                    pMb->Write("scribble", 8);  // reaches nobody else's bytes
+            }));
+            strModel.erase(0, stCount);
+        }
+        ASSERT_EQ(strModel.size(), chain.GetLength());
+    }
+    for (const auto& [pBlock, strText] : kept) {
+        EXPECT_EQ(strText, pBlock->FlattenChained());
+        pBlock->DestroyChained();
+    }
+}
+
+TEST(ReceiveChainTest, SingleBytesCostLittleMoreThanThemselves) {
+    CReceiveChain chain;
+    for (const DWORD dwLength : {300u, 5000u, 70000u}) {
+        for (DWORD i = 0; i < dwLength; ++i)
+            chain.Append(ViewOf("x"), dwLength - i);
+        chain.Take(dwLength, [&](CCmMessageBlock& aBlock) { EXPECT_LE(CapacityOf(aBlock), dwLength + 256); });
+    }
+    // A length that is announced and does not come.
+    chain.Append(ViewOf("x"), 16 << 20);
+    chain.Append(ViewOf("y"), 16 << 20);
+    EXPECT_EQ(CM_OK, chain.Take(2, [](CCmMessageBlock& aBlock) { EXPECT_LE(CapacityOf(aBlock), 16384u); }));
+}
