@@ -8,6 +8,7 @@
 
 #include "tools/application.h"
 #include "tools/commands.h"
+#include "tools/connection_type.h"
 #include "tools/console.h"
 #include "tools/file_name.h"
 #include "tools/text.h"
@@ -21,7 +22,16 @@ constexpr const char* FOOTER = R"(Examples:
   talvo send report.pdf photos.tar 192.0.2.7:7070
   talvo echo --port 7000
   talvo ping 127.0.0.1:7000 --count 1000 --interval 0
+  talvo echo --udp --type package --port 7000
   talvo resolve www.example.com
+
+Types of connection; both ends need the same, and the two that begin with package are that:
+  tcp                the bytes as they are
+  length             messages behind their length
+  package            the library's own protocol, with a handshake; a client that hears nothing for 120 s ends it
+  package-keepalive  package, with a sign of life every 15 s; a server that hears nothing for 120 s ends it, too
+  nopartial          the library's own messages without a handshake
+Over one of the last three --udp puts each message into a datagram of its own.
 
 Exit status: 0 all went well, 1 something failed, 2 wrong arguments, 128 + N ended by signal N (130 after Ctrl-C).)";
 
@@ -32,6 +42,20 @@ template <class Number>
 CLI::Option* AddNumber(CLI::App& aApp, const char* aName, Number& aVariable, int aMin, int aMax, const std::string& aHelp) {
     return aApp.add_option(aName, aVariable, aHelp)->check(CLI::Range(aMin, aMax))->option_text("N");
 }
+
+void DeclareType(CLI::App& aApp, Arguments& a) {
+    aApp.add_option("--type", a.m_strType,
+                    "tcp (taken without it), length, package, package-keepalive or nopartial; see talvo --help")
+        ->check(CLI::IsMember(GetTypeNames()))
+        ->option_text("TYPE");
+}
+
+void DeclareUdp(CLI::App& aApp, Arguments& a) {
+    DeclareType(aApp, a);
+    aApp.add_flag("--udp", a.m_bUdp,
+                  "Datagrams instead of a TCP connection; goes with package, package-keepalive and nopartial");
+}
+
 void DeclareListening(CLI::App& aApp, Arguments& a) {
     AddNumber(aApp, "--port", a.m_Endpoint.m_wPort, 0, 65535, "Port to listen on; 0 lets the system choose")->required();
     aApp.add_option("--host", a.m_Endpoint.m_strHost, "IPv4 address to listen on (0.0.0.0)")->option_text("ADDRESS");
@@ -39,19 +63,19 @@ void DeclareListening(CLI::App& aApp, Arguments& a) {
 
 void DeclareRecv(CLI::App& aApp, Arguments& a) {
     DeclareListening(aApp, a);
+    DeclareType(aApp, a);
     aApp.add_option("--out", a.m_strDirectory, "Directory that the files are put in")->required()->option_text("DIR");
     aApp.add_flag("--force", a.m_bForce, "Replace files that exist");
     aApp.add_flag("--once", a.m_bOnce, "Serve one sender, then end: with 0 if all its files were kept, else 1");
 }
 
 void DeclareSend(CLI::App& aApp, Arguments& a) {
+    DeclareType(aApp, a);
     // One list, taken apart in CheckSend: with a second positional, options could not follow the files.
     aApp.add_option("FILE", a.m_vecFiles, "Files to send and, as the last, where `talvo recv` listens")
         ->required()
         ->option_text("PATH... HOST:PORT");
 }
-
-void DeclareUdp(CLI::App& aApp, Arguments& a) { aApp.add_flag("--udp", a.m_bUdp, "Datagrams instead of a TCP connection"); }
 
 void DeclareEcho(CLI::App& aApp, Arguments& a) {
     DeclareListening(aApp, a);
@@ -113,7 +137,7 @@ std::string CheckSend(Arguments& a) {
 }
 
 std::string CheckPing(Arguments& a) {
-    if (a.m_bUdp && a.m_dwSize > MAX_DATAGRAM)
+    if (a.m_dwType == CCmConnectionManager::CTYPE_UDP && a.m_dwSize > MAX_DATAGRAM)
         return "--size: a datagram has at most " + std::to_string(MAX_DATAGRAM) + " bytes";
     return ParseEndpoint(a.m_strEndpoint, a.m_Endpoint);
 }
@@ -151,7 +175,8 @@ std::string CheckSubcommand(const CLI::App& aApp, Arguments& aArguments) {
         if (!aApp.got_subcommand(command.m_pName))
             continue;
         aArguments.m_pRun = command.m_pRun;
-        return command.m_pCheck(aArguments);
+        const std::string strType = ChooseType(aArguments.m_strType, aArguments.m_bUdp, aArguments.m_dwType);
+        return strType.empty() ? command.m_pCheck(aArguments) : strType;
     }
     return "which subcommand? 'talvo --help' lists them";
 }

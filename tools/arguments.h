@@ -21,7 +21,10 @@ struct Arguments {
     std::vector<std::string> m_vecFiles;  // send
     std::vector<std::string> m_vecNames;  // to look up
 
-    bool m_bUdp = false;          // echo, ping
+    std::string m_strType;                             // as typed, or ""
+    bool m_bUdp = false;                               // echo, ping
+    DWORD m_dwType = CCmConnectionManager::CTYPE_TCP;  // what these two come to
+
     DWORD m_dwCount = 10;         // ping
     DWORD m_dwIntervalMs = 1000;  // ping
     DWORD m_dwTimeoutMs = 5000;   // ping

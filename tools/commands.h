@@ -9,8 +9,6 @@ int RunRecv(const Arguments& aArguments);
 int RunSend(const Arguments& aArguments);
 int RunEcho(const Arguments& aArguments);
 int RunPing(const Arguments& aArguments);
-int RunEchoUdp(const Arguments& aArguments);  // echo --udp
-int RunPingUdp(const Arguments& aArguments);  // ping --udp
 int RunResolve(const Arguments& aArguments);
 
 }  // namespace tool

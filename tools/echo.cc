@@ -15,7 +15,9 @@ class EchoSession;
 class EchoServer : public ICmAcceptorConnectorSink {
 public:
     ~EchoServer() override;
-    bool Start(const Endpoint& aEndpoint, Console& aConsole) { return StartListening(aEndpoint, this, aConsole, m_pAcceptor); }
+    bool Start(const Arguments& aArguments, Console& aConsole) {
+        return StartListening(aArguments.m_Endpoint, this, aConsole, m_pAcceptor, aArguments.m_dwType);
+    }
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
     void Remove(EchoSession* aSession) { m_Sessions.erase(aSession); }
 
@@ -24,7 +26,7 @@ private:
     std::unordered_map<EchoSession*, std::unique_ptr<EchoSession>> m_Sessions;
 };
 
-// One client. While it does not take its own bytes back, none are read from it: memory stays bounded by one read.
+// One client, or peer. While it does not take its own bytes back, none are read from it: memory stays bounded by one read.
 class EchoSession : public ICmTransportSink {
 public:
     EchoSession(EchoServer& aServer, ICmTransport* aTransport) : m_Server(aServer), m_pTransport(aTransport) {}
@@ -75,13 +77,11 @@ void EchoServer::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmA
 
 // The main thread serves as network thread here: bytes go back from where they were read, without a change of threads.
 int RunEcho(const Arguments& aArguments) {
-    if (aArguments.m_bUdp)
-        return RunEchoUdp(aArguments);
     Application::RaiseDescriptorLimit();
     Console console(aArguments.m_bJson);
     Application application(CCmThreadManager::NETWORK_THREAD_MAIN);
     EchoServer server;
-    if (!server.Start(aArguments.m_Endpoint, console))
+    if (!server.Start(aArguments, console))
         return EXIT_FAILED;
     return application.Run();
 }

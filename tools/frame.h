@@ -8,7 +8,8 @@
 //   FILE    size(8) name(1..255)       ----------->
 //                                      <-----------   ACCEPT  nothing         or RESULT: this file is not wanted
 //   DATA    1..262144 bytes            ----------->
-//   DATA    ... until size is reached  ----------->                           a RESULT in between: stop, send ABORT or END
+//   DATA    ... until size is reached  ----------->                           a RESULT in between: stop, send ABORT or END;
+//                                                                             ACCEPT again: a sign of life, nothing more
 //   END     SHA-256 of the file(32)    ----------->
 //                                      <-----------   RESULT  status(1: 0 kept, 1 refused) reason(0..512)
 //   ABORT   reason(0..512): instead of the rest and END, the file cannot be read on or is not wanted

@@ -7,9 +7,9 @@
 
 namespace tool {
 
-// Creates an acceptor that hands connections to aSink, and prints "listening on ADDRESS:PORT" and "ready" (as JSON: one object
-// with both). false: it cannot listen, which has been reported.
+// Creates an acceptor for aType that hands connections to aSink, and prints "listening on ADDRESS:PORT" and "ready" (as JSON:
+// one object with both). false: it cannot listen, which has been reported.
 bool StartListening(const Endpoint& aEndpoint, ICmAcceptorConnectorSink* aSink, Console& aConsole,
-                    CCmRefPtrT<ICmAcceptor>& aAcceptor, DWORD aType = CCmConnectionManager::CTYPE_TCP);
+                    CCmRefPtrT<ICmAcceptor>& aAcceptor, DWORD aType);
 
 }  // namespace tool

@@ -3,7 +3,7 @@
 namespace tool {
 
 CmResult Outbox::Send(ICmTransport& aTransport, CCmMessageBlock& aChain) {
-    if (m_pRest)
+    if (!m_Rest.empty())
         return Keep(aChain);
     const CmResult rv = aTransport.SendData(aChain);
     return rv == CM_ERROR_PARTIAL_DATA ? Keep(aChain) : rv;
@@ -16,30 +16,27 @@ CmResult Outbox::Send(ICmTransport& aTransport, std::string_view aBytes) {
 }
 
 CmResult Outbox::SendRest(ICmTransport& aTransport) {
-    if (!m_pRest)
-        return CM_OK;
-    const CmResult rv = aTransport.SendData(*m_pRest);
-    if (rv == CM_OK)
-        Clear();
-    else if (rv == CM_ERROR_PARTIAL_DATA)
-        m_pRest = m_pRest->ReclaimGarbage();
-    return rv;
+    while (!m_Rest.empty()) {
+        const CmResult rv = aTransport.SendData(*m_Rest.front());
+        if (rv != CM_OK)
+            return rv;
+        m_Rest.front()->DestroyChained();
+        m_Rest.pop_front();
+    }
+    return CM_OK;
 }
 
 void Outbox::Clear() {
-    if (m_pRest)
-        m_pRest->DestroyChained();
-    m_pRest = nullptr;
+    for (CCmMessageBlock* p : m_Rest)
+        p->DestroyChained();
+    m_Rest.clear();
 }
 
 CmResult Outbox::Keep(const CCmMessageBlock& aChain) {
     CCmMessageBlock* pCopy = aChain.DuplicateChained();
     if (!pCopy)
         return CM_ERROR_OUT_OF_MEMORY;
-    if (m_pRest)
-        m_pRest->Append(pCopy);
-    else
-        m_pRest = pCopy;
+    m_Rest.push_back(pCopy);
     return CM_ERROR_PARTIAL_DATA;
 }
 

@@ -1,13 +1,15 @@
-// Bytes that a transport has not taken yet.
+// What a transport has not taken yet.
 #pragma once
 
+#include <deque>
 #include <string_view>
 
 #include "talvo/talvo.h"
 
 namespace tool {
 
-// Sends, and keeps in order what has to wait for the transport's OnSend. Used in the transport's thread.
+// Sends, and keeps in order what has to wait for the transport's OnSend; a message stays a message. Used in the transport's
+// thread.
 class Outbox {
 public:
     Outbox() = default;
@@ -28,7 +30,7 @@ public:
 private:
     CmResult Keep(const CCmMessageBlock& aChain);
 
-    CCmMessageBlock* m_pRest = nullptr;  // owned
+    std::deque<CCmMessageBlock*> m_Rest;  // owned
 };
 
 }  // namespace tool

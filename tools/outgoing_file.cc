@@ -13,7 +13,7 @@ namespace tool {
 
 namespace {
 
-constexpr uint64_t PIECE = 128 * 1024;
+constexpr DWORD PIECE = 128 * 1024;
 
 }  // namespace
 
@@ -22,7 +22,8 @@ OutgoingFile::~OutgoingFile() {
         close(m_nFd);
 }
 
-std::string OutgoingFile::Open() {
+std::string OutgoingFile::Open(DWORD aMaxPiece) {
+    m_dwMaxPiece = std::min(PIECE, aMaxPiece);
     // Without O_NONBLOCK a pipe in place of the file would keep us here until somebody writes to it.
     m_nFd = open(m_strPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     struct stat status {};
@@ -35,7 +36,9 @@ std::string OutgoingFile::Open() {
     return "";
 }
 
-DWORD OutgoingFile::GetNextLength() const { return static_cast<DWORD>(std::min(PIECE, m_ullSize - m_ullSent)); }
+DWORD OutgoingFile::GetNextLength() const {
+    return static_cast<DWORD>(std::min<uint64_t>(m_dwMaxPiece, m_ullSize - m_ullSent));
+}
 
 std::string OutgoingFile::ReadNext(CCmMessageBlock& aBlock) {
     const char* pBegin = aBlock.GetTopLevelWritePtr();

@@ -17,8 +17,8 @@ public:
     OutgoingFile(const OutgoingFile&) = delete;
     OutgoingFile& operator=(const OutgoingFile&) = delete;
 
-    // Regular files only: their size is known beforehand.
-    std::string Open();
+    // Regular files only: their size is known beforehand. aMaxPiece: how long a piece may be.
+    std::string Open(DWORD aMaxPiece);
 
     // The length of the next piece, 0 at the end. The size is that of Open: what is appended later is not sent.
     DWORD GetNextLength() const;
@@ -35,6 +35,7 @@ public:
 private:
     const std::string m_strPath;
     int m_nFd = -1;
+    DWORD m_dwMaxPiece = 0;
     uint64_t m_ullSize = 0;
     uint64_t m_ullSent = 0;
     Sha256 m_Hash;

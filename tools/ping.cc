@@ -6,8 +6,6 @@ namespace tool {
 
 // The main thread serves as network thread, so that the time of a change of threads is not measured.
 int RunPing(const Arguments& aArguments) {
-    if (aArguments.m_bUdp)
-        return RunPingUdp(aArguments);
     Console console(aArguments.m_bJson);
     Application application(CCmThreadManager::NETWORK_THREAD_MAIN);
     PingClient client(aArguments, application, console);

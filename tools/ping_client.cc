@@ -1,11 +1,24 @@
 #include "tools/ping_client.h"
 
+#include <cstdio>
+
+#include "tools/connection_type.h"
 #include "tools/percentiles.h"
 
 namespace tool {
 
+namespace {
+
+CCmTimeValue Milliseconds(DWORD aMs) { return CCmTimeValue::FromUsec(int64_t{aMs} * 1000); }
+
+}  // namespace
+
 PingClient::PingClient(const Arguments& aArguments, Application& aApplication, Console& aConsole)
-    : m_Arguments(aArguments), m_Application(aApplication), m_Console(aConsole), m_strMessage(aArguments.m_dwSize, '\0') {}
+    : m_Arguments(aArguments),
+      m_bMayLose(MayLose(aArguments.m_dwType)),
+      m_Application(aApplication),
+      m_Console(aConsole),
+      m_strMessage(aArguments.m_dwSize, '\0') {}
 
 PingClient::~PingClient() {
     if (m_pTransport)
@@ -14,12 +27,13 @@ PingClient::~PingClient() {
 
 void PingClient::Start() {
     CCmConnectionManager* pManager = CCmConnectionManager::Instance();
-    if (!pManager || pManager->CreateConnectionClient(CCmConnectionManager::CTYPE_TCP, m_pConnector.ParaOut()) != CM_OK) {
+    if (!pManager || pManager->CreateConnectionClient(m_Arguments.m_dwType, m_pConnector.ParaOut()) != CM_OK) {
         GiveUp("cannot connect: the library gives no connector");
         return;
     }
-    CCmTimeValue tvTimeout = CCmTimeValue::FromUsec(int64_t{m_Arguments.m_dwTimeoutMs} * 1000);
-    m_pConnector->AsycConnect(this, m_Arguments.m_Endpoint.GetInetAddr(), &tvTimeout);
+    // A time-out of the connector's would end before a handshake does.
+    m_TimerAnswer.Schedule(this, Milliseconds(m_Arguments.m_dwTimeoutMs), 1);
+    m_pConnector->AsycConnect(this, m_Arguments.m_Endpoint.GetInetAddr());
 }
 
 void PingClient::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
@@ -28,18 +42,21 @@ void PingClient::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmA
         return;
     }
     m_pTransport = aTrpt;
+    const DWORD dwMax = GetMaxMessage(*m_pTransport);
     if (m_pTransport->OpenWithSink(this) != CM_OK)
         GiveUp("cannot use the connection");
+    else if (m_Arguments.m_dwSize > dwMax)
+        GiveUp("--size: a message over this connection has at most " + std::to_string(dwMax) + " bytes");
     else
         SendNext();
 }
 
 void PingClient::SendNext() {
+    ++m_dwSent;
     FillMessage();
     m_nTaken = 0;
     m_bWaiting = true;
-    ++m_dwSent;
-    m_TimerAnswer.Schedule(this, CCmTimeValue::FromUsec(int64_t{m_Arguments.m_dwTimeoutMs} * 1000), 1);
+    m_TimerAnswer.Schedule(this, Milliseconds(m_Arguments.m_dwTimeoutMs), 1);
     m_llSent = CCmClock::GetTimeOfDayUsec();
     const CmResult rv = m_Outbox.Send(*m_pTransport, m_strMessage);
     // Of a lost connection OnDisconnect tells.
@@ -47,28 +64,32 @@ void PingClient::SendNext() {
         GiveUp("cannot send: out of memory");
 }
 
-// No two messages in a row are alike, so an answer to the one before is not taken for the answer to this.
+// No two messages in a row are alike, so an answer that comes too late is not taken for the answer to the next.
 void PingClient::FillMessage() {
     for (size_t i = 0; i < m_strMessage.size(); ++i)
-        m_strMessage[i] = static_cast<char>(m_dwSent + 1 + i * 7);
+        m_strMessage[i] = static_cast<char>((m_dwSent >> i % 4 * 8) + i * 7);
 }
 
 void PingClient::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
-    for (const CCmMessageBlock* p = &aData; p; p = p->GetNext()) {
-        if (!TakeBack({p->GetTopLevelReadPtr(), p->GetTopLevelLength()})) {
-            GiveUp("the peer does not echo: it answers something else than it was sent");
-            return;
-        }
+    if (m_bWaiting && IsComingBack(aData)) {
+        m_nTaken += aData.GetChainedLength();
+        if (m_nTaken == m_strMessage.size())
+            OnAnswer();
+    } else if (!m_bMayLose) {
+        GiveUp("the peer does not echo: it answers something else than it was sent");
     }
-    if (m_bWaiting && m_nTaken == m_strMessage.size())
-        OnAnswer();
 }
 
-bool PingClient::TakeBack(std::string_view aBytes) {
-    if (!m_bWaiting || m_strMessage.compare(m_nTaken, aBytes.size(), aBytes) != 0)
-        return aBytes.empty();
-    m_nTaken += aBytes.size();
-    return true;
+// A part of the message, or where messages are kept, the whole.
+bool PingClient::IsComingBack(const CCmMessageBlock& aData) const {
+    size_t nAt = m_nTaken;
+    for (const CCmMessageBlock* p = &aData; p; p = p->GetNext()) {
+        const std::string_view piece(p->GetTopLevelReadPtr(), p->GetTopLevelLength());
+        if (m_strMessage.compare(nAt, piece.size(), piece) != 0)
+            return false;
+        nAt += piece.size();
+    }
+    return nAt == m_strMessage.size() || !KeepsMessages(m_Arguments.m_dwType);
 }
 
 void PingClient::OnAnswer() {
@@ -76,50 +97,70 @@ void PingClient::OnAnswer() {
     m_bWaiting = false;
     m_vecUsec.push_back(dwUsec);
     m_TimerAnswer.Cancel();
-    const DWORD dwInterval = m_Arguments.m_dwIntervalMs;
-    if (dwInterval > 0)
+    if (m_Arguments.m_dwIntervalMs > 0)
         m_Console.Report(std::to_string(m_strMessage.size()) + " bytes from " + m_Arguments.m_Endpoint.GetText() + ": number " +
                              std::to_string(m_dwSent) + ", " + std::to_string(dwUsec) + " us",
                          JsonLine("answer").Add("number", m_dwSent).Add("usec", dwUsec));
+    GoOn();
+}
+
+void PingClient::OnNoAnswer() {
+    m_bWaiting = false;
+    if (m_bMayLose) {
+        m_Console.Report("number " + std::to_string(m_dwSent) + " is lost", JsonLine("lost").Add("number", m_dwSent));
+        GoOn();
+        return;
+    }
+    GiveUp("no answer from " + m_Arguments.m_Endpoint.GetText() + " within " + std::to_string(m_Arguments.m_dwTimeoutMs) +
+           " ms");
+}
+
+void PingClient::GoOn() {
     if (m_dwSent == m_Arguments.m_dwCount)
-        Close(EXIT_OK);
-    else if (dwInterval == 0)
+        Close(m_vecUsec.empty() ? EXIT_FAILED : EXIT_OK);
+    else if (m_Arguments.m_dwIntervalMs == 0)
         SendNext();
     else
-        m_TimerNext.Schedule(this, CCmTimeValue::FromUsec(int64_t{dwInterval} * 1000), 1);
+        m_TimerNext.Schedule(this, Milliseconds(m_Arguments.m_dwIntervalMs), 1);
 }
 
 void PingClient::OnSend(ICmTransport*, CCmTransportParameter*) { m_Outbox.SendRest(*m_pTransport); }
 
 void PingClient::OnDisconnect(CmResult aReason, ICmTransport*) {
-    GiveUp("the connection to " + m_Arguments.m_Endpoint.GetText() + " broke (" + cm_result_name(aReason) + ")");
+    const std::string strPeer = m_Arguments.m_Endpoint.GetText();
+    GiveUp((m_bMayLose ? "nobody receives at " + strPeer : "the connection to " + strPeer + " broke") + " (" +
+           cm_result_name(aReason) + ")");
 }
 
 void PingClient::OnTimer(CCmTimerWrapperID* aId) {
     if (aId == &m_TimerNext)
         SendNext();
+    else if (m_pTransport)
+        OnNoAnswer();
     else
-        GiveUp("no answer from " + m_Arguments.m_Endpoint.GetText() + " within " + std::to_string(m_Arguments.m_dwTimeoutMs) +
-               " ms");
+        GiveUp(DescribeConnectFailure(m_Arguments.m_Endpoint, CM_ERROR_NETWORK_CONNECT_ERROR));
 }
 
 void PingClient::ReportStatistics() {
     if (m_dwSent == 0)
         return;
     const size_t nBack = m_vecUsec.size();
-    const Percentiles p = ComputePercentiles(m_vecUsec);
+    const size_t nLost = m_dwSent - nBack;
     std::string strText = std::to_string(m_dwSent) + " sent, " + std::to_string(nBack) + " came back";
+    JsonLine json("statistics");
+    json.Add("sent", m_dwSent).Add("received", nBack);
+    if (m_bMayLose) {
+        char szLoss[32];
+        std::snprintf(szLoss, sizeof szLoss, "%.1f", 100.0 * static_cast<double>(nLost) / m_dwSent);
+        strText += ", " + std::to_string(nLost) + " lost (" + szLoss + "%)";
+        json.Add("lost", nLost);
+    }
+    const Percentiles p = ComputePercentiles(m_vecUsec);
     if (nBack > 0)
         strText += "; round trip in us: min " + std::to_string(p.m_dwMin) + ", p50 " + std::to_string(p.m_dwP50) + ", p90 " +
                    std::to_string(p.m_dwP90) + ", p99 " + std::to_string(p.m_dwP99) + ", max " + std::to_string(p.m_dwMax);
-    m_Console.Report(strText, JsonLine("statistics")
-                                  .Add("sent", m_dwSent)
-                                  .Add("received", nBack)
-                                  .Add("min_usec", p.m_dwMin)
-                                  .Add("p50_usec", p.m_dwP50)
-                                  .Add("p90_usec", p.m_dwP90)
-                                  .Add("p99_usec", p.m_dwP99)
-                                  .Add("max_usec", p.m_dwMax));
+    json.Add("min_usec", p.m_dwMin).Add("p50_usec", p.m_dwP50).Add("p90_usec", p.m_dwP90);
+    m_Console.Report(strText, json.Add("p99_usec", p.m_dwP99).Add("max_usec", p.m_dwMax));
 }
 
 void PingClient::GiveUp(const std::string& aText) {
@@ -130,6 +171,8 @@ void PingClient::GiveUp(const std::string& aText) {
 void PingClient::Close(int aStatus) {
     m_TimerNext.Cancel();
     m_TimerAnswer.Cancel();
+    m_Outbox.Clear();
+    m_pConnector.Reset();
     if (m_pTransport)
         m_pTransport->Disconnect(CM_OK);
     m_pTransport.Reset();

@@ -13,7 +13,7 @@
 namespace tool {
 
 // Sends a message, waits until all of it came back unchanged, notes the time, and so on; then finishes the application: EXIT_OK
-// if all came back. Main thread; the arguments, the application and the console outlive it.
+// if all came back, or any where messages may be lost. Main thread; the arguments, the application and the console outlive it.
 class PingClient : private ICmAcceptorConnectorSink, private ICmTransportSink, private CCmTimerWrapperIDSink {
 public:
     PingClient(const Arguments& aArguments, Application& aApplication, Console& aConsole);
@@ -34,19 +34,22 @@ private:
 
     void SendNext();
     void FillMessage();
-    bool TakeBack(std::string_view aBytes);
+    bool IsComingBack(const CCmMessageBlock& aData) const;
     void OnAnswer();
+    void OnNoAnswer();
+    void GoOn();
     void GiveUp(const std::string& aText);
     void Close(int aStatus);
 
     const Arguments& m_Arguments;
+    const bool m_bMayLose;
     Application& m_Application;
     Console& m_Console;
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pTransport;
     Outbox m_Outbox;
     CCmTimerWrapperID m_TimerNext;
-    CCmTimerWrapperID m_TimerAnswer;  // runs while an answer is awaited
+    CCmTimerWrapperID m_TimerAnswer;  // runs while the connection or an answer is awaited
     std::string m_strMessage;         // the one under way
     size_t m_nTaken = 0;              // how much of it has come back
     bool m_bWaiting = false;          // it has been sent and is not back yet

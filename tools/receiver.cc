@@ -9,7 +9,12 @@ Receiver::Receiver(const Arguments& aArguments, int aDirectory, Application& aAp
       m_Application(aApplication),
       m_Console(aConsole),
       m_Progress(aConsole),
-      m_Context{*this, aConsole, m_Progress.GetMeter(), aDirectory, aArguments.m_bForce} {}
+      m_Context{*this,
+                aConsole,
+                m_Progress.GetMeter(),
+                aDirectory,
+                aArguments.m_bForce,
+                (aArguments.m_dwType & CCmConnectionManager::CTYPE_PDU_PACKAGE) != 0} {}
 
 Receiver::~Receiver() {
     if (m_pAcceptor)
@@ -18,7 +23,7 @@ Receiver::~Receiver() {
 
 void Receiver::Start() {
     m_Progress.Start();
-    if (!StartListening(m_Arguments.m_Endpoint, this, m_Console, m_pAcceptor))
+    if (!StartListening(m_Arguments.m_Endpoint, this, m_Console, m_pAcceptor, m_Arguments.m_dwType))
         m_Application.Finish(EXIT_FAILED);
 }
 

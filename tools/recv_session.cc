@@ -11,6 +11,7 @@ namespace tool {
 namespace {
 
 constexpr long HELLO_SECONDS = 10;
+constexpr long SIGN_SECONDS = 30;
 
 }  // namespace
 
@@ -47,7 +48,10 @@ void RecvSession::OnDisconnect(CmResult aReason, ICmTransport*) {
 }
 
 void RecvSession::OnTimer(CCmTimerWrapperID*) {
-    Fault("it said nothing for " + std::to_string(HELLO_SECONDS) + " seconds");
+    if (m_State == WAIT_HELLO)
+        Fault("it said nothing for " + std::to_string(HELLO_SECONDS) + " seconds");
+    else if (Answer(EncodeFrame(EFrame::ACCEPT)))
+        return;
     End();
 }
 
@@ -102,6 +106,8 @@ bool RecvSession::Accept(const std::string& aName, uint64_t aSize) {
         return Refuse(aName, strProblem);
     m_pFile = std::move(pFile);
     m_State = RECEIVING;
+    if (m_Context.m_bSignsOfLife)
+        m_Timer.Schedule(this, CCmTimeValue(SIGN_SECONDS));
     m_Context.m_Meter.Begin(aSize);
     return Answer(EncodeFrame(EFrame::ACCEPT));
 }
@@ -200,6 +206,7 @@ bool RecvSession::Refuse(const std::string& aName, const std::string& aReason) {
 }
 
 void RecvSession::CloseFile() {
+    m_Timer.Cancel();
     if (m_pFile)
         m_Context.m_Meter.End(m_pFile->m_ullSize, m_pFile->m_ullGot);
     m_pFile.reset();

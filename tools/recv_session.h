@@ -31,6 +31,7 @@ struct RecvContext {
     ProgressMeter& m_Meter;
     int m_nDirectory;
     bool m_bForce;
+    bool m_bSignsOfLife;  // the connections end when a sender hears nothing for long
 };
 
 // Takes one file after the other, and answers each. A peer that breaks the rules of tools/frame.h is dropped.
@@ -45,9 +46,9 @@ public:
 
 private:
     enum EState {
-        WAIT_HELLO,  // the timer runs
+        WAIT_HELLO,  // the timer ends it
         IDLE,        // between two files
-        RECEIVING,   // there is an m_pFile
+        RECEIVING,   // there is an m_pFile; the timer gives signs of life, if wanted
         SKIPPING     // the file was refused while it came: its END or ABORT follows
     };
 

@@ -1,5 +1,6 @@
 #include "tools/sender.h"
 
+#include "tools/connection_type.h"
 #include "tools/endpoint.h"
 #include "tools/file_name.h"
 #include "tools/text.h"
@@ -21,13 +22,14 @@ Sender::~Sender() { Close(); }
 
 void Sender::Start() {
     CCmConnectionManager* pManager = CCmConnectionManager::Instance();
-    if (!pManager || pManager->CreateConnectionClient(CCmConnectionManager::CTYPE_TCP, m_pConnector.ParaOut()) != CM_OK) {
+    if (!pManager || pManager->CreateConnectionClient(m_Arguments.m_dwType, m_pConnector.ParaOut()) != CM_OK) {
         GiveUp("cannot connect: the library gives no connector");
         return;
     }
     m_Progress.Start();
-    CCmTimeValue tvTimeout(CONNECT_SECONDS);
-    m_pConnector->AsycConnect(this, m_Arguments.m_Endpoint.GetInetAddr(), &tvTimeout);
+    // A time-out of the connector's would end before a handshake does.
+    m_Timer.Schedule(this, CCmTimeValue(CONNECT_SECONDS), 1);
+    m_pConnector->AsycConnect(this, m_Arguments.m_Endpoint.GetInetAddr());
 }
 
 void Sender::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
@@ -35,7 +37,9 @@ void Sender::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAccep
         GiveUp(DescribeConnectFailure(m_Arguments.m_Endpoint, aReason));
         return;
     }
+    m_Timer.Cancel();
     m_pTransport = aTrpt;
+    m_dwMaxPiece = GetMaxMessage(*m_pTransport) - FRAME_HEADER;
     DWORD dwOn = 1;
     m_pTransport->SetOption(CM_OPT_TRANSPORT_KEEPALIVE, &dwOn);
     if (m_pTransport->OpenWithSink(this) != CM_OK)
@@ -64,7 +68,9 @@ void Sender::OnDisconnect(CmResult aReason, ICmTransport*) {
 }
 
 void Sender::OnTimer(CCmTimerWrapperID*) {
-    if (m_State == CLOSING)
+    if (m_State == CONNECTING)
+        GiveUp(DescribeConnectFailure(m_Arguments.m_Endpoint, CM_ERROR_NETWORK_CONNECT_ERROR));
+    else if (m_State == CLOSING)
         Close();
     else
         Pump();
@@ -88,6 +94,8 @@ bool Sender::OnFrame(EFrame aType, std::string_view aPayload) {
 }
 
 bool Sender::OnAccept() {
+    if (m_State == SENDING || m_State == WAIT_RESULT)
+        return true;  // a sign of life
     if (m_State != WAIT_ACCEPT)
         return false;
     m_State = SENDING;
@@ -122,7 +130,7 @@ void Sender::StartNextFile() {
 
 bool Sender::StartFile(const std::string& aPath) {
     auto pFile = std::make_unique<OutgoingFile>(aPath);
-    const std::string strProblem = pFile->Open();
+    const std::string strProblem = pFile->Open(m_dwMaxPiece);
     if (!strProblem.empty()) {
         ReportFile(aPath, 0, false, strProblem);
         return false;

@@ -63,9 +63,10 @@ private:
     Application& m_Application;
     Console& m_Console;
     ProgressReport m_Progress;
-    CCmTimerWrapperID m_Timer;  // the next turn of Pump, or the end of CLOSING
+    CCmTimerWrapperID m_Timer;  // the next turn of Pump, or the end of CONNECTING or CLOSING
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pTransport;
+    DWORD m_dwMaxPiece = 0;  // bytes of a file in one frame
     Outbox m_Outbox;
     FrameParser m_Parser;
     EState m_State = CONNECTING;

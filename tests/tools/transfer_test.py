@@ -16,6 +16,7 @@ import unittest
 
 TALVO = sys.argv.pop(1)
 PATIENCE = 60  # seconds; only how long a failing test takes
+MESSAGE_TYPES = "length", "package", "package-keepalive", "nopartial"
 
 
 def poll(what, condition):
@@ -104,6 +105,21 @@ class TransferTest(unittest.TestCase):
         self.assertEqual((status, err), (0, ""))
         self.assertEqual(len(out.splitlines()), 4)
         self.assertEqual({name: self.received(name) for name in os.listdir(self.out)}, contents)
+
+    def test_files_arrive_over_each_type_of_connection(self):
+        content = os.urandom(3_000_000)
+        for kind in MESSAGE_TYPES:
+            server = self.serve("recv", "--type", kind, "--out", self.out, "--once", "--force")
+            sent = talvo("send", "--type", kind, self.make("file", content), self.make("empty", b""), server.address)
+            self.assertEqual((0, ""), (sent.returncode, sent.stderr), kind)
+            self.assertEqual(0, server.end(None)[0], kind)
+            self.assertEqual((content, b""), (self.received("file"), self.received("empty")), kind)
+            os.remove(os.path.join(self.out, "file"))
+        # The two ends have to agree.
+        server = self.serve("recv", "--out", self.out)
+        sent = talvo("send", "--type", "package", self.path("file"), server.address)
+        self.assertEqual((1, 1), (sent.returncode, len(sent.stderr.splitlines())))
+        self.assertIn("does not speak", server.end()[2])
 
     def test_many_senders_at_once(self):
         server = self.serve("recv", "--out", self.out)
@@ -252,6 +268,27 @@ class TransferTest(unittest.TestCase):
         gone = talvo("ping", echo.address, "--count", "1")
         self.assertEqual((gone.returncode, len(gone.stderr.splitlines())), (1, 1))
 
+    def test_ping_over_each_type_of_connection(self):
+        longest = {"length": 16 << 20, "package": 65531, "package-keepalive": 65531, "nopartial": 16 << 20,
+                   "package --udp": 65502, "package-keepalive --udp": 65502, "nopartial --udp": 65498}
+        for kind, size in longest.items():
+            echo = self.serve("echo", "--type", *kind.split())
+            for n in 1, size:
+                ping = talvo("ping", "--type", *kind.split(), echo.address, "--count", "5", "--interval", "0", "--size", str(n),
+                             "--json")
+                self.assertEqual((0, ""), (ping.returncode, ping.stderr), kind)
+                self.assertEqual(5, json.loads(ping.stdout)["received"], kind)
+            if size < 16 << 20:
+                ping = talvo("ping", "--type", *kind.split(), echo.address, "--size", str(size + 1))
+                self.assertIn(f"at most {size} bytes", ping.stderr)
+            self.assertEqual((128 + signal.SIGINT, "", ""), echo.end())
+
+    def test_ping_waits_for_a_handshake_no_longer_than_for_an_answer(self):
+        with socket.create_server(("127.0.0.1", 0)) as silent:
+            ping = talvo("ping", "--type", "package", f"127.0.0.1:{silent.getsockname()[1]}", "--timeout", "100")
+        self.assertEqual((1, 1), (ping.returncode, len(ping.stderr.splitlines())))
+        self.assertIn("cannot connect", ping.stderr)
+
     def test_echo_survives_a_client_that_does_not_read(self):
         echo = self.serve("echo")
         with socket.create_connection(("127.0.0.1", echo.port)) as peer:
@@ -279,7 +316,10 @@ class TransferTest(unittest.TestCase):
                           ["send", "127.0.0.1:1"], ["send", self.path("no"), "127.0.0.1:1"], ["send", self.out, "127.0.0.1:1"],
                           ["send", file, "127.0.0.1"], ["send", file, "127.0.0.1:0"], ["send", file, "127.0.0.1:1", "--fast"],
                           ["echo"], ["echo", "--port", "-1"], ["ping"], ["ping", "a:1", "b:1"], ["ping", "a:1", "--count", "0"],
-                          ["ping", "a:1", "--size"], ["ping", "a:1", "--interval", "1.5"], ["echo", "ping", "--port", "1"]):
+                          ["ping", "a:1", "--size"], ["ping", "a:1", "--interval", "1.5"], ["ping", "a:1", "--type", "fast"],
+                          ["ping", "a:1", "--udp", "--type", "length"], ["echo", "--port", "0", "--udp", "--type", "tcp"],
+                          ["send", file, "127.0.0.1:1", "--udp"], ["ping", "a:1", "--udp", "--size", "65508"],
+                          ["echo", "ping", "--port", "1"]):
             with self.subTest(arguments):
                 run = talvo(*arguments)
                 self.assertEqual((run.returncode, run.stdout, len(run.stderr.splitlines())), (2, "", 1))
