@@ -1,0 +1,268 @@
+#include "tests/sim/sim_user.h"
+
+#include <algorithm>
+
+#include "talvo/connection/connection_options.h"
+#include "tests/sim/sim_transport.h"
+
+namespace {
+
+constexpr DWORD MIN_DATAGRAM = 4;      // tells its number
+constexpr DWORD KEEPALIVE_LENGTH = 5;  // a smaller buffer sends none
+
+// What message aNumber looks like. The first bytes are its number.
+std::string TextOf(DWORD aNumber, DWORD aLength) {
+    std::string strText(aLength, '\0');
+    for (DWORD i = 0; i < aLength; ++i)
+        strText[i] = static_cast<char>(i < 4 ? aNumber >> (8 * i) : (aNumber * 2654435761u + i * 31) >> 7);
+    return strText;
+}
+
+WORD ClientPortOf(ICmTransport& aConn, BOOL aServer) {
+    CCmInetAddr addr;
+    aConn.GetOption(aServer ? CM_OPT_TRANSPORT_PEER_ADDR : CM_OPT_TRANSPORT_LOCAL_ADDR, &addr);
+    return addr.GetPort();
+}
+
+}  // namespace
+
+CSimUser::CSimUser(CSimWorld& aWorld, ICmTransport& aConn, BOOL aServer)
+    : m_World(aWorld),
+      m_Network(aWorld.m_Network),
+      m_pConn(&aConn),
+      m_bServer(aServer),
+      m_wPort(ClientPortOf(aConn, aServer)),
+      m_Link(aWorld.m_Links[m_wPort]) {
+    m_Network.Note(aServer ? "server up" : "client up", m_wPort);
+    CSimUser*& pPlace = aServer ? m_Link.m_pServer : m_Link.m_pClient;
+    if (pPlace && !aWorld.m_Kind.m_bDatagrams)
+        Fail_i("indicated twice");
+    pPlace = this;
+    if (aConn.OpenWithSink(this) != CM_OK)
+        Fail_i("OpenWithSink");
+    Feel_i(30);
+    Live();
+}
+
+void CSimUser::Fail_i(const std::string& aText) {
+    m_Network.Fail(std::string(m_World.m_Kind.m_szName) + (m_bServer ? " server " : " client ") + std::to_string(m_wPort) +
+                   ": " + aText);
+}
+
+void CSimUser::Live() {
+    m_Network.After(static_cast<int64_t>(m_Network.Random(2 * SIM_SEC)), [this] {
+        if (m_World.m_bWild && m_bOpen) {
+            Act_i();
+            Live();
+        }
+    });
+}
+
+// Perhaps does a thing or two, from inside an upcall.
+void CSimUser::Feel_i(uint64_t aPercent) {
+    if (!m_World.m_bWild || !m_Network.Chance(aPercent))
+        return;
+    for (uint64_t i = 1 + m_Network.Random(3); i > 0; --i)
+        Act_i();
+}
+
+void CSimUser::Act_i() {
+    if (m_nDepth >= 3)
+        return;
+    ++m_nDepth;
+    const uint64_t ullDeed = m_Network.Random(100);
+    if (ullDeed < 40)
+        Send_i(static_cast<DWORD>(m_Network.Random(m_Network.Chance(10) ? 70000 : 2000)));
+    else if (ullDeed < 55)
+        SendMany_i(FALSE);
+    else if (ullDeed < 75)
+        SendMany_i(TRUE);
+    else if (ullDeed < 84)
+        Set_i(CM_OPT_TRANSPORT_PAUSE_READING, !m_bPaused);
+    else if (ullDeed < 95)
+        ChangeOption_i();
+    else if (ullDeed < 97)
+        End(m_Network.Chance(30) ? CM_OK : static_cast<CmResult>(20000 + m_Network.Random(13)));
+    else if (ullDeed < 98)
+        Release();
+    --m_nDepth;
+}
+
+void CSimUser::ChangeOption_i() {
+    switch (m_Network.Random(4)) {
+    case 0: {
+        const auto dwLength = static_cast<DWORD>(m_Network.Random(m_Network.Chance(10) ? 10 : 200000));
+        m_Link.m_bOdd = m_Link.m_bOdd || dwLength < KEEPALIVE_LENGTH;
+        Set_i(CS_OPT_MAX_BUFF_LEN, dwLength);
+        break;
+    }
+    case 1:
+        Set_i(CS_OPT_KEEPALIVE_INTERVAL, static_cast<DWORD>(m_Network.Random(40)));
+        break;
+    case 2:
+        Set_i(CS_OPT_MAX_MESSAGE_LEN, 70000 + static_cast<DWORD>(m_Network.Random(1 << 20)));
+        break;
+    default:
+        if (m_Network.Chance(90))
+            break;
+        Set_i(CS_OPT_MAX_MESSAGE_LEN, static_cast<DWORD>(m_Network.Random(2000)));  // the peer may send more
+        m_Link.m_bOdd = TRUE;
+    }
+}
+
+void CSimUser::Set_i(DWORD aOption, DWORD aValue) {
+    if (!m_bOpen)
+        return;
+    BOOL bValue = aValue != 0;
+    const BOOL bFlag = aOption == CM_OPT_TRANSPORT_PAUSE_READING || aOption == CM_OPT_TRANSPORT_CORK;
+    const CmResult rv = m_pConn->SetOption(aOption, bFlag ? static_cast<void*>(&bValue) : &aValue);
+    m_Network.Note("option", aOption, static_cast<uint64_t>(rv));
+    if (aOption == CM_OPT_TRANSPORT_PAUSE_READING && rv == CM_OK)
+        m_bPaused = bValue;
+}
+
+void CSimUser::SendMany_i(BOOL aCorked) {
+    if (aCorked)
+        Set_i(CM_OPT_TRANSPORT_CORK, TRUE);
+    for (uint64_t i = m_Network.Random(100); i > 0 && m_bOpen && !m_bOwedOnSend; --i)
+        Send_i(static_cast<DWORD>(m_Network.Random(m_Network.Chance(5) ? 5000 : 200)));
+    if (aCorked)
+        Set_i(CM_OPT_TRANSPORT_CORK, FALSE);
+}
+
+// A chain of blocks some of which own their storage, as a user has it.
+void CSimUser::Send_i(DWORD aLength) {
+    if (!m_bOpen || (m_bOwedOnSend && m_Network.Chance(80)))
+        return;
+    const DWORD dwLength = m_World.m_Kind.m_bDatagrams ? std::max(aLength, MIN_DATAGRAM) : aLength;
+    const DWORD dwNumber = ++m_World.m_dwMessages;
+    const std::string strText = TextOf(dwNumber, dwLength);
+    const auto dwFirst = static_cast<DWORD>(m_Network.Random(dwLength + 1));
+    CCmMessageBlock first(dwFirst, strText.data(), CCmMessageBlock::DONT_DELETE, dwFirst);
+    CCmMessageBlock rest(dwLength - dwFirst + 100);
+    rest.Write(strText.data() + dwFirst, dwLength - dwFirst);
+    first.Append(&rest);
+
+    DWORD dwMax = 0xFFFFFFFF;
+    m_pConn->GetOption(CM_OPT_TRANSPORT_MAX_MESSAGE, &dwMax);
+    const CmResult rv = m_pConn->SendData(first);
+    m_Network.Note("message", dwNumber, static_cast<uint64_t>(rv));
+    if (!m_bOpen)
+        return;
+    if (first.GetChainedLength() != (rv == CM_OK ? 0 : dwLength))
+        Fail_i("a part of a message was taken");
+    if ((rv == CM_ERROR_INVALID_ARG) != (dwLength > dwMax) || rv == CM_ERROR_NOT_AVAILABLE)
+        Fail_i("length " + std::to_string(dwLength) + " gives " + std::to_string(rv));
+    if (rv == CM_OK && dwLength > 0)
+        Out_i().m_Taken[dwNumber] = dwLength;
+    m_bOwedOnSend = m_bOwedOnSend || rv == CM_ERROR_PARTIAL_DATA;
+}
+
+void CSimUser::Upcall_i(const char* aWhat) {
+    m_Network.Note(aWhat, m_wPort, m_bServer);
+    if (!m_bOpen)
+        Fail_i(std::string(aWhat) + " after the end");
+}
+
+void CSimUser::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
+    Upcall_i("OnReceive");
+    CheckMessage_i(aData);
+    Feel_i(10);
+}
+
+// Over a stream the next one that the peer's SendData took. Over datagrams any of them.
+void CSimUser::CheckMessage_i(CCmMessageBlock& aData) {
+    const std::string strText = aData.FlattenChained();
+    CSimFlow& flow = In_i();
+    auto it = flow.m_Taken.upper_bound(flow.m_dwLast);
+    if (m_World.m_Kind.m_bDatagrams) {
+        DWORD dwNumber = 0;
+        for (size_t i = 0; i < MIN_DATAGRAM && i < strText.size(); ++i)
+            dwNumber |= DWORD{static_cast<BYTE>(strText[i])} << (8 * i);
+        it = flow.m_Taken.find(dwNumber);
+    }
+    if (it == flow.m_Taken.end() || strText != TextOf(it->first, it->second))
+        Fail_i("a message of " + std::to_string(strText.size()) + " bytes that nobody sent, or out of turn");
+    else
+        flow.m_dwLast = it->first;
+}
+
+void CSimUser::OnSend(ICmTransport*, CCmTransportParameter*) {
+    Upcall_i("OnSend");
+    m_bOwedOnSend = FALSE;
+    Feel_i(40);
+}
+
+void CSimUser::OnDisconnect(CmResult aReason, ICmTransport*) {
+    Upcall_i("OnDisconnect");
+    m_bOpen = FALSE;
+    const CSimUser* pPeer = GetPeer_i();
+    const BOOL bSilence = m_World.m_Kind.m_bWatchesPeer && aReason == CM_ERROR_NETWORK_CONNECT_TIMEOUT &&
+                          (m_World.m_Kind.m_bDatagrams || !m_World.m_Kind.m_bKeepAlive || m_World.m_bJumped);
+    const BOOL bEnded = pPeer ? !pPeer->m_bOpen && aReason == m_Link.m_Reason : aReason == CM_OK;  // nobody kept it
+    const BOOL bLost = aReason == CM_ERROR_NETWORK_SOCKET_ERROR ||
+                       (m_World.m_Kind.m_bDatagrams && (aReason == CM_OK || aReason >= 20000));  // of an earlier peer, perhaps
+    if (!bSilence && !bEnded && !bLost && !m_Link.m_bOdd)
+        Fail_i("OnDisconnect " + std::to_string(aReason));
+    if (m_Link.m_bComplete && !bSilence && !m_Link.m_bOdd && IsMissing_i())
+        Fail_i("the end came before a message");
+    if (m_Link.m_bTold && !bSilence && !m_Link.m_bOdd && !bEnded)
+        Fail_i("the reason was lost: " + std::to_string(aReason));
+    Feel_i(50);
+    if (m_Network.Chance(50))
+        m_pConn.Reset();
+}
+
+// What the transport has not taken by now is lost, the reason among it, and a link that breaks loses more.
+void CSimUser::NoteEnd_i(CmResult aReason) {
+    const CSimWeather& weather = m_Network.m_Weather;
+    const WORD wServer = CSimWorld::PORT;
+    const DWORD dwKey = m_bServer ? CSimTransport::KeyOf(wServer, m_wPort) : CSimTransport::KeyOf(m_wPort, wServer);
+    CSimTransport* pBelow = CSimTransport::Find(m_Network, dwKey);
+    DWORD dwUnsent = 0;
+    DWORD dwTaken = 0;
+    m_pConn->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwUnsent);
+    if (pBelow)
+        pBelow->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwTaken);
+    const CSimUser* pPeer = GetPeer_i();
+    if (!pPeer || pPeer->m_bOpen) {
+        m_Link.m_bComplete = !m_World.m_Kind.m_bDatagrams && dwUnsent == dwTaken && !weather.m_dwBroken;
+        m_Link.m_bTold =
+            m_Link.m_bComplete && m_World.m_Kind.m_bTellsReason && !weather.m_dwRefused && dwTaken < weather.m_dwWindow / 2;
+        m_Link.m_Reason = m_World.m_Kind.m_bTellsReason ? aReason & 0xFFFF : CM_ERROR_NETWORK_SOCKET_ERROR;
+    }
+    m_bOpen = FALSE;
+    m_Network.Note("end", m_wPort, static_cast<uint64_t>(aReason));
+}
+
+void CSimUser::End(CmResult aReason) {
+    if (!m_bOpen)
+        return;
+    NoteEnd_i(aReason);
+    m_pConn->Disconnect(aReason);
+}
+
+void CSimUser::Release() {
+    if (m_bOpen)
+        NoteEnd_i(CM_OK);
+    m_pConn.Reset();
+}
+
+void CSimUser::Settle() {
+    if (m_bPaused)
+        Set_i(CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
+}
+
+BOOL CSimUser::IsMissing_i() const { return In_i().m_Taken.upper_bound(In_i().m_dwLast) != In_i().m_Taken.end(); }
+
+const char* CSimUser::GetDebt() const {
+    if (!m_bOpen)
+        return nullptr;
+    if (m_bOwedOnSend)
+        return "OnSend";
+    if (m_World.m_Kind.m_bDatagrams)
+        return nullptr;
+    if (!GetPeer_i() || !GetPeer_i()->m_bOpen)
+        return "OnDisconnect";
+    return IsMissing_i() ? "messages" : nullptr;
+}
