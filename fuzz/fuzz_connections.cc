@@ -1,0 +1,201 @@
+// Protocol connections: whatever arrives, in whatever pieces, does no harm, and the user hears what the bytes say and nothing
+// after the end.
+
+#include <vector>
+
+#include "fuzz/fuzz_input.h"
+#include "talvo/connection/len_pkg_conn.h"
+#include "talvo/connection/pkg_conn_client.h"
+#include "talvo/connection/pkg_conn_server.h"
+#include "talvo/connection/pkg_sender.h"
+#include "talvo/event/thread.h"
+#include "talvo/event/timer_queue_ordered_list.h"
+
+namespace {
+
+constexpr DWORD MAX_MESSAGE = 200;
+
+// Lends the calling thread a timer queue.
+class CFuzzThread : public ACmThread {
+public:
+    CFuzzThread() { FUZZ_CHECK(Create(CCmThreadManager::TT_MAIN) == CM_OK); }
+    void OnThreadRun() override {}
+    ICmTimerQueue* GetTimerQueue() override { return &m_Timers; }
+    CCmTimerQueueOrderedList m_Timers;
+};
+
+// Takes a part of what it is given, now and then.
+class CFuzzLower : public ICmTransport, public CCmReferenceControlT<CCmMutexNullSingleThread> {
+public:
+    CFuzzLower(BOOL aDatagrams, CFuzzCutter& aCutter) : m_bDatagrams(aDatagrams), m_Cutter(aCutter) {}
+    DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
+    DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
+    CmResult OpenWithSink(ICmTransportSink* aSink) override {
+        m_pSink = aSink;
+        return CM_OK;
+    }
+    ICmTransportSink* GetSink() override { return m_pSink; }
+    CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter*) override {
+        const DWORD dwLength = aData.GetChainedLength();
+        auto dwTaken = static_cast<DWORD>(m_Cutter.Next(dwLength));
+        if (m_bDatagrams)
+            dwTaken = dwTaken > 0 ? dwLength : 0;
+        aData.AdvanceChainedReadPtr(dwTaken);
+        return dwTaken == dwLength ? CM_OK : CM_ERROR_PARTIAL_DATA;
+    }
+    CmResult SetOption(DWORD, void*) override { return CM_ERROR_INVALID_ARG; }
+    CmResult GetOption(DWORD aCommand, void* aArg) override {
+        if (aCommand != CM_OPT_TRANSPORT_TRAN_TYPE)
+            return CM_ERROR_INVALID_ARG;
+        *static_cast<DWORD*>(aArg) = m_bDatagrams ? CM_TRANSPORT_TYPE_UDP : CM_TRANSPORT_TYPE_TCP;
+        return CM_OK;
+    }
+    CmResult Disconnect(CmResult) override {
+        m_pSink = nullptr;
+        return CM_OK;
+    }
+
+    ICmTransportSink* m_pSink = nullptr;
+
+private:
+    const BOOL m_bDatagrams;
+    CFuzzCutter& m_Cutter;
+};
+
+// Unless quiet, does something in every upcall; the input says what.
+class CFuzzUser : public talvo::CConnOwner, public ICmTransportSink {
+public:
+    explicit CFuzzUser(FuzzedDataProvider& aInput)
+        : m_bQuiet(aInput.ConsumeBool()), m_Deeds(aInput.ConsumeIntegral<uint16_t>()) {}
+
+    void OnOpened(CConnBase& aConn, CmResult aReason) override {
+        m_bOpen = aReason == CM_OK;
+        if (m_bOpen)
+            aConn.OpenWithSink(this);
+        Act();
+    }
+    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
+        FUZZ_CHECK(m_bOpen && aData.GetChainedLength() <= MAX_MESSAGE);
+        m_Received.push_back(aData.FlattenChained());
+        Act();
+    }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override {
+        FUZZ_CHECK(m_bOpen);
+        Act();
+    }
+    void OnDisconnect(CmResult, ICmTransport*) override {
+        FUZZ_CHECK(std::exchange(m_bOpen, FALSE));
+        Act();
+    }
+    void Act() {
+        const DWORD dwDeed = m_bQuiet || !m_pConn ? 0 : m_Deeds() % 256;
+        if (dwDeed % 8 == 1) {
+            const std::string strText(dwDeed, 'x');
+            CCmMessageBlock block(dwDeed, strText.data(), CCmMessageBlock::DONT_DELETE, dwDeed);
+            m_pConn->SendData(block);
+        } else if (dwDeed % 8 == 2) {
+            BOOL bCork = dwDeed > 100;
+            m_pConn->SetOption(CM_OPT_TRANSPORT_CORK, &bCork);
+        } else if (dwDeed == 3) {
+            m_bOpen = FALSE;
+            m_pConn->Disconnect(CM_OK);
+        } else if (dwDeed == 4) {
+            m_bOpen = FALSE;
+            m_pConn.Reset();
+        }
+    }
+
+    const BOOL m_bQuiet;
+    std::minstd_rand m_Deeds;
+    BOOL m_bOpen = FALSE;
+    CCmRefPtrT<CConnBase> m_pConn;
+    std::vector<std::string> m_Received;
+};
+
+DWORD NumberAt(const std::string& aBytes, size_t aAt) {
+    DWORD dwNumber = 0;
+    for (size_t i = 0; i < 4; ++i)
+        dwNumber = dwNumber << 8 | static_cast<BYTE>(aBytes[aAt + i]);
+    return dwNumber;
+}
+
+// The messages in a stream of a connected side, up to the first thing that ends it. aHeader: of data PDUs; 4: there is nothing
+// but lengths.
+std::vector<std::string> MessagesOf(const std::string& aBytes, size_t aHeader, char aConnectPdu) {
+    std::vector<std::string> messages;
+    for (size_t i = 0; i < aBytes.size();) {
+        const char cType = aHeader == 4 ? '\6' : aBytes[i];
+        const size_t stFixed = cType == 4 ? 5 : cType > 0 && cType == aConnectPdu ? 8 : cType == 5 || cType == 6 ? aHeader : 0;
+        if (stFixed == 0 || i + stFixed > aBytes.size())
+            break;
+        i += stFixed;
+        if (cType != 5 && cType != 6)
+            continue;
+        const DWORD dwLength = NumberAt(aBytes, i - 4);
+        if (dwLength > std::min<size_t>(MAX_MESSAGE, aBytes.size() - i) || (aHeader == 4 && dwLength == 0))
+            break;
+        messages.push_back(aBytes.substr(i, dwLength));
+        i += dwLength;
+    }
+    return messages;
+}
+
+template <class Conn>
+void Run(FuzzedDataProvider& aInput, size_t aHeader, char aConnectPdu) {
+    const BOOL bDatagrams = aHeader != 4 && aInput.ConsumeBool();
+    const BOOL bConnected = aInput.ConsumeBool();
+    CFuzzUser user(aInput);
+    CFuzzCutter cutter(aInput);
+    const CCmRefPtrT<CFuzzLower> pLower(new CFuzzLower(bDatagrams, cutter));
+    auto* pConn = new Conn;
+    user.m_pConn = pConn;
+    pConn->SetConnConnector(&user);
+    DWORD dwMaxMessage = MAX_MESSAGE;
+    pConn->SetOption(CS_OPT_MAX_MESSAGE_LEN, &dwMaxMessage);
+    pConn->OnConnectIndication(CM_OK, pLower.Get(), nullptr);
+
+    const auto receive = [&](std::string aBytes) {
+        const auto dwLength = static_cast<DWORD>(aBytes.size());
+        CCmMessageBlock block(dwLength, aBytes.data(), CCmMessageBlock::DONT_DELETE, dwLength);
+        if (pLower->m_pSink)
+            pLower->m_pSink->OnReceive(block, pLower.Get());
+    };
+    if (bConnected && aConnectPdu > 0)
+        receive(aConnectPdu + std::string("\0\0\0\0\0\0\17", 7));
+    // One request of another type ends a server's connection, so those are not foretold.
+    const BOOL bForetold = user.m_bQuiet && user.m_bOpen && !bDatagrams && aConnectPdu != 1;
+    const std::string strBytes = aInput.ConsumeRemainingBytesAsString();
+    for (size_t stAt = 0, stLength; stAt < strBytes.size() && pLower->m_pSink; stAt += stLength) {
+        stLength = cutter.Next(strBytes.size() - stAt);
+        receive(strBytes.substr(stAt, stLength));
+        if (pLower->m_pSink && cutter.Next(4) == 0)
+            pLower->m_pSink->OnSend(pLower.Get());
+    }
+    if (bForetold)
+        FUZZ_CHECK(user.m_Received == MessagesOf(strBytes, aHeader, aConnectPdu));
+    if (ICmTransportSink* pSink = std::exchange(pLower->m_pSink, nullptr))
+        pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_ERROR, pLower.Get());
+    user.m_pConn.Reset();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
+    static CFuzzThread& thread = *new CFuzzThread;  // the process's main thread to the end
+    FuzzedDataProvider input(aData, aSize);
+    switch (input.ConsumeIntegralInRange<int>(0, 3)) {
+    case 0:
+        Run<CLenPkgConn>(input, 4, '\0');
+        break;
+    case 1:
+        Run<CPkgConnClient>(input, 5, '\2');
+        break;
+    case 2:
+        Run<CPkgConnServer>(input, 5, '\1');
+        break;
+    default:
+        Run<CPkgSender>(input, 9, '\0');
+    }
+    thread.m_Timers.CheckExpire(nullptr);  // deletes what was released
+    return 0;
+}
