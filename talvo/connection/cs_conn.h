@@ -23,6 +23,8 @@
 // is longer than can ever be sent, see CM_OPT_TRANSPORT_MAX_MESSAGE; the trace says which option raises that.
 // CM_ERROR_NOT_AVAILABLE: not connected. OnSend may also come when nothing was refused.
 //
+// While reading is paused (option 141) the messages that one read of the transport has brought before still come.
+//
 // Network thread only. Every upcall may send, set options, disconnect and release the connection.
 class TALVO_API CCsConn : public CConnBase, public ICmTransportSink, public CCmTimerWrapperIDSink {
 public:

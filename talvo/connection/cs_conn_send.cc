@@ -13,6 +13,14 @@ namespace {
 constexpr int CONNECT_TRIES = 3;
 constexpr DWORD PENDING_LIMIT = 65536;  // bytes gathered without a send buffer while corked
 
+// Whether a datagram can be made of the chain with a header before it.
+BOOL FitsDatagram(const CCmMessageBlock& aData) {
+    DWORD dwPieces = 1;
+    for (const CCmMessageBlock* pMb = &aData; pMb; pMb = pMb->GetNext())
+        dwPieces += pMb->GetTopLevelLength() > 0;
+    return dwPieces <= talvo::MAX_DATAGRAM_PIECES;
+}
+
 }  // namespace
 
 CmResult CCsConn::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
@@ -27,7 +35,7 @@ CmResult CCsConn::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara)
     const DWORD dwLength = aData.GetChainedLength();
     if (dwLength == 0)
         return CM_OK;
-    if (dwLength > GetMaxMessage_i())
+    if (dwLength > GetMaxMessage_i() || (m_bDatagrams && !FitsDatagram(aData)))
         return RefuseTooLong_i(dwLength);
     const CmResult rv = m_dwMaxBufLen > 0 ? SendBuffered_i(aData) : SendUnbuffered_i(aData);
     if (rv == CM_OK && aPara)
@@ -156,7 +164,7 @@ CmResult CCsConn::SendCurrent_i() {
     return rv;
 }
 
-// One that the transport will never take, of more pieces than it gathers for instance, would hold up all behind it.
+// One that the transport will not take would hold up all behind it.
 CmResult CCsConn::DropDatagram_i(DWORD aLength, CmResult aReason) {
     CM_WARNING_TRACE_THIS("CCsConn::SendDataFromSendBuf, drop a datagram, len=" << aLength << " rv=" << aReason);
     m_SendBuf.DataSentLen(aLength);

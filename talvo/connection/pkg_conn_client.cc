@@ -28,6 +28,7 @@ void CPkgConnClient::CancelConnect() {
     m_pOwner = nullptr;
     m_KeepAliveTimer.Cancel();
     m_SecondTimer.Cancel();
+    SendDisconn(CM_OK);  // over datagrams nothing else would tell the server
     DisconnectTransport_i(CM_OK);
 }
 
