@@ -1,0 +1,148 @@
+// Messages on this library's length-prefixed connection or, with --type package, its package connection. The application's
+// thread is the main thread; connector, acceptor and connection are proxies of what lives in the network thread.
+#include <cstdio>
+#include <optional>
+
+#include "benchmarks/messages/work.h"
+#include "benchmarks/support/system.h"
+#include "benchmarks/support/talvo_process.h"
+
+namespace {
+
+// What the connection's socket may hold each way. The library's own 64 KiB suit many connections; this is one.
+constexpr int SOCKET_BUFFER = 1 << 20;
+
+// Main thread.
+class CEnd : public ICmAcceptorConnectorSink, public ICmTransportSink {
+public:
+    explicit CEnd(const bench::CMessageWork& aWork) : m_Work(aWork), m_Receiver(aWork), m_Pinger(aWork) {}
+
+    void Start() {
+        const CCmInetAddr addr("127.0.0.1", m_Work.m_wPort);
+        CCmConnectionManager* pManager = CCmConnectionManager::Instance();
+        if (!m_Work.IsListener()) {
+            Expect(pManager->CreateConnectionClient(GetType(), m_pConnector.ParaOut()));
+            m_pConnector->AsycConnect(this, addr);
+            return;
+        }
+        Expect(pManager->CreateConnectionServer(GetType(), m_pAcceptor.ParaOut()));
+        Expect(m_pAcceptor->StartListen(this, addr));
+        bench::PrintReady();
+    }
+
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
+        Expect(aReason);
+        m_pConnection = aTrpt;
+        Expect(aTrpt->OpenWithSink(this));
+        int nSize = SOCKET_BUFFER;
+        Expect(aTrpt->SetOption(CM_OPT_TRANSPORT_SNDBUF, &nSize));
+        Expect(aTrpt->SetOption(CM_OPT_TRANSPORT_RCVBUF, &nSize));
+        if (m_Work.m_Role == bench::ERole::SEND)
+            Stream();
+        else if (m_Work.m_Role == bench::ERole::PING)
+            Send(m_Pinger.Next());
+    }
+
+    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
+        bench::CArrived arrived;
+        arrived.m_nSize = aData.GetChainedLength();
+        aData.Read(&arrived.m_ullNumber, sizeof(arrived.m_ullNumber), nullptr, FALSE);
+        for (const CCmMessageBlock* pBlock = &aData; pBlock; pBlock = pBlock->GetNext()) {
+            if (pBlock->GetTopLevelLength() > 0)
+                arrived.m_cLast = pBlock->GetTopLevelWritePtr()[-1];
+        }
+        Take(arrived);
+    }
+
+    void OnSend(ICmTransport*, CCmTransportParameter*) override {
+        if (m_Work.m_Role == bench::ERole::SEND)
+            Stream();
+    }
+
+    void OnDisconnect(CmResult, ICmTransport*) override { std::_Exit(0); }
+
+private:
+    static void Expect(CmResult aResult) {
+        if (aResult == CM_OK)
+            return;
+        std::fprintf(stderr, "failed: %s\n", cm_result_name(aResult));
+        std::exit(1);
+    }
+
+    DWORD GetType() const {
+        const DWORD dwProtocol =
+            m_Work.m_strType == "package" ? CCmConnectionManager::CTYPE_PDU_PACKAGE : CCmConnectionManager::CTYPE_PDU_LENGTH;
+        return CCmConnectionManager::CTYPE_TCP | dwProtocol;
+    }
+
+    void Take(const bench::CArrived& aMessage) {
+        switch (m_Work.m_Role) {
+        case bench::ERole::SEND:
+            break;
+        case bench::ERole::RECV:
+            if (!m_Receiver.Take(aMessage))
+                End([this] { m_Receiver.Print(); });
+            break;
+        case bench::ERole::PONG:
+            Send(bench::CheckMessage(aMessage, m_Work.m_nSize));
+            break;
+        case bench::ERole::PING:
+            if (!m_Pinger.Take(aMessage))
+                End([this] { m_Pinger.Print(); });
+            Send(m_Pinger.Next());
+            break;
+        }
+    }
+
+    // What is under way is of no interest to anybody.
+    template <class Function>
+    [[noreturn]] void End(Function aPrint) {
+        aPrint();
+        std::_Exit(0);
+    }
+
+    void Send(uint64_t aNumber) {
+        CCmMessageBlock message(static_cast<DWORD>(m_Work.m_nSize));
+        Fill(message, aNumber);
+        Expect(m_pConnection->SendData(message));
+    }
+
+    // Until the library has enough; what it did not take is sent first when it says so.
+    void Stream() {
+        for (;; m_Refused.reset()) {
+            if (!m_Refused)
+                Fill(m_Refused.emplace(static_cast<DWORD>(m_Work.m_nSize)), m_ullNumber++);
+            const CmResult rv = m_pConnection->SendData(*m_Refused);
+            if (rv == CM_ERROR_PARTIAL_DATA || rv == CM_ERROR_NULL_POINTER)
+                return;  // OnSend or OnDisconnect follows
+            Expect(rv);
+        }
+    }
+
+    void Fill(CCmMessageBlock& aMessage, uint64_t aNumber) const {
+        bench::FillMessage(aMessage.GetTopLevelWritePtr(), m_Work.m_nSize, aNumber);
+        aMessage.AdvanceTopLevelWritePtr(static_cast<DWORD>(m_Work.m_nSize));
+    }
+
+    const bench::CMessageWork& m_Work;
+    bench::CStreamReceiver m_Receiver;
+    bench::CPinger m_Pinger;
+    CCmRefPtrT<ICmAcceptor> m_pAcceptor;
+    CCmRefPtrT<ICmConnector> m_pConnector;
+    CCmRefPtrT<ICmTransport> m_pConnection;
+    std::optional<CCmMessageBlock> m_Refused;  // made and not taken yet
+    uint64_t m_ullNumber = 0;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const bench::CMessageWork work = bench::ParseMessageWork(argc, argv);
+    bench::CTalvoProcess process(argc, argv);
+    if (!CCmConnectionManager::Instance())
+        return 1;
+    CEnd end(work);
+    end.Start();
+    CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_MAIN)->OnThreadRun();
+    return 0;
+}
