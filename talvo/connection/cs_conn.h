@@ -75,8 +75,8 @@ protected:
     void Reset4Recv();
     void ForgetConnReq_i();
 
-    // The two ends. Close_i was asked for from above: tells the peer, forgets the sink and returns the transport's result. End_i
-    // tells nobody and leaves the sink, for TellEnd_i.
+    // The two ends. Close_i was asked for from above: tells the peer, forgets the sink and returns the transport's result.
+    // End_i tells nobody and leaves the sink, for TellEnd_i.
     CmResult Close_i(CmResult aReason);
     void End_i(CmResult aTransportReason);
 
@@ -148,6 +148,8 @@ private:
     BOOL m_bHasReceived = FALSE;  // m_dwLastRecvTick is recorded
     // The PDU under way.
     DWORD m_dwPDULen = 1;
+    DWORD m_dwDataLen = 0;  // of a data PDU whose fixed part has been read, and its acknowledgement
+    DWORD m_dwACK = 0;
     BYTE m_byType = CS_PDU_TYPE_NONE;
     BOOL m_bDataLenKnown = FALSE;
 };

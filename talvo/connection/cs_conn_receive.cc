@@ -30,8 +30,8 @@ void CCsConn::Reset4Recv() {
 BOOL CCsConn::IsMine_i(ICmTransport* aTrpt) {
     if (aTrpt == m_pTransport.Get())
         return TRUE;
-    CM_WARNING_TRACE_THIS("CCsConn::OnReceive, src_ip1=" << LocalOf(aTrpt) << " dst_ip1=" << PeerOf(aTrpt) << " src_ip2="
-                                                         << LocalOf(m_pTransport.Get())
+    CM_WARNING_TRACE_THIS("CCsConn::OnReceive, src_ip1=" << LocalOf(aTrpt) << " dst_ip1=" << PeerOf(aTrpt)
+                                                         << " src_ip2=" << LocalOf(m_pTransport.Get())
                                                          << " dst_ip2=" << PeerOf(m_pTransport.Get()));
     return FALSE;
 }
@@ -166,6 +166,8 @@ BOOL CCsConn::ReadDataLength_i() {
         return FALSE;
     }
     m_dwPDULen += dwDataLen;
+    m_dwDataLen = dwDataLen;
+    m_dwACK = pdu.GetACK();
     m_bDataLenKnown = TRUE;
     return TRUE;
 }
@@ -176,18 +178,18 @@ BOOL CCsConn::TakeData_i(CCmTransportParameter* aPara) {
     if (m_Receive.GetLength() < m_dwPDULen)
         return FALSE;
     const DWORD dwPDULen = m_dwPDULen;
-    CCsPduData pdu(m_bNeedACK, 0, 0, m_byType, nullptr);
-    m_Receive.Take(pdu.GetFixLength(), [&](CCmMessageBlock& aHeader) { pdu.DecodeWithOutData(aHeader); });
+    const DWORD dwDataLen = m_dwDataLen;
+    m_Receive.Skip(dwPDULen - dwDataLen);
     if (m_bNeedACK && m_dwMaxBufLen > 0)
-        DoACK(pdu.GetACK());
+        DoACK(m_dwACK);
     if (!m_pTransport)  // ended inside the upcall
         return FALSE;
     CmResult rv = CM_OK;
     if (ICmTransportSink* pSink = m_pSink) {
-        rv = m_Receive.Take(pdu.GetDataLen(), [&](CCmMessageBlock& aPayload) { pSink->OnReceive(aPayload, this, aPara); });
+        rv = m_Receive.Take(dwDataLen, [&](CCmMessageBlock& aPayload) { pSink->OnReceive(aPayload, this, aPara); });
     } else {
-        CM_WARNING_TRACE_THIS("CCsConn::OnReceive, can't get the sink,discard data, len =" << pdu.GetDataLen());
-        m_Receive.Skip(pdu.GetDataLen());
+        CM_WARNING_TRACE_THIS("CCsConn::OnReceive, can't get the sink,discard data, len =" << dwDataLen);
+        m_Receive.Skip(dwDataLen);
     }
     if (rv != CM_OK)
         OnDisconnect(rv, m_pTransport.Get());

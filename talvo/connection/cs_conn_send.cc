@@ -59,7 +59,8 @@ CmResult CCsConn::RefuseTooLong_i(DWORD aLength) const {
         pRaise = "option 136 (CS_OPT_MAX_MESSAGE_LEN) raises it";
     else if (m_dwMaxBufLen > 0 && !m_bDatagrams)
         pRaise = "option 132 (CS_OPT_MAX_BUFF_LEN) raises it";
-    CM_ERROR_TRACE_THIS("CCsConn::SendData, message too long, len=" << aLength << " max=" << GetMaxMessage_i() << ", " << pRaise);
+    CM_ERROR_TRACE_THIS("CCsConn::SendData, message too long, len=" << aLength << " max=" << GetMaxMessage_i() << ", "
+                                                                    << pRaise);
     return CM_ERROR_INVALID_ARG;
 }
 

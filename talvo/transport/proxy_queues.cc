@@ -6,15 +6,23 @@ namespace {
 
 using Guard = CCmMutexGuardT<CCmMutexThread>;
 
-}  // namespace
-
-void DestroyChains(std::vector<CCmMessageBlock*>& aChains) {
-    for (CCmMessageBlock* pChain : aChains)
-        pChain->DestroyChained();
-    aChains.clear();
+// What is to be taken over: null, and TRUE, when a copy will do. FALSE: memory ran out.
+BOOL DuplicateUnlessSmall(const CCmMessageBlock& aData, DWORD aLength, BOOL aMayCopy, CCmMessageBlock*& aChain) {
+    aChain = nullptr;
+    if (aMayCopy && aLength <= CMessageList::MAX_COPIED)
+        return TRUE;
+    aChain = aData.DuplicateChained();
+    return aChain != nullptr;
 }
 
-CProxySendQueue::~CProxySendQueue() { DestroyChains(m_Chains); }
+BOOL AddTo(CMessageList& aList, CCmMessageBlock* aChain, const CCmMessageBlock& aData, DWORD aLength) {
+    if (!aChain)
+        return aList.AddCopy(aData, aLength);
+    aList.Add(aChain);
+    return TRUE;
+}
+
+}  // namespace
 
 void CProxySendQueue::SetLimit(DWORD aLimit) {
     Guard guard(m_Mutex);
@@ -26,33 +34,29 @@ DWORD CProxySendQueue::GetLimit() {
     return m_dwLimit;
 }
 
-CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, BOOL& aWake) {
-    CCmMessageBlock* pChain = aData.DuplicateChained();
-    if (!pChain)
+CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aWake) {
+    CCmMessageBlock* pChain = nullptr;
+    if (!DuplicateUnlessSmall(aData, aLength, aMayCopy, pChain))
         return CM_ERROR_OUT_OF_MEMORY;
-    if (Push_i(pChain, aLength, aWake))
-        return CM_OK;
-    pChain->DestroyChained();
-    return CM_ERROR_PARTIAL_DATA;
-}
-
-BOOL CProxySendQueue::Push_i(CCmMessageBlock* aChain, DWORD aLength, BOOL& aWake) {
     Guard guard(m_Mutex);
     if (m_ullWaiting > m_dwLimit) {
         m_bRefused = TRUE;
-        return FALSE;
+        if (pChain)
+            pChain->DestroyChained();
+        return CM_ERROR_PARTIAL_DATA;
     }
-    m_Chains.push_back(aChain);
-    m_ullWaiting += aLength;
+    if (!AddTo(m_Messages, pChain, aData, aLength))
+        return CM_ERROR_OUT_OF_MEMORY;
+    m_ullWaiting += aCost;
     aWake = !m_bAwake;
     m_bAwake = TRUE;
-    return TRUE;
+    return CM_OK;
 }
 
-BOOL CProxySendQueue::Take(std::vector<CCmMessageBlock*>& aChains) {
+BOOL CProxySendQueue::Take(CMessageList& aMessages) {
     Guard guard(m_Mutex);
-    aChains.swap(m_Chains);
-    m_bAwake = !aChains.empty();
+    aMessages.Swap(m_Messages);
+    m_bAwake = !aMessages.IsEmpty();
     return m_bAwake;
 }
 
@@ -70,8 +74,6 @@ BOOL CProxySendQueue::IsEmpty() {
     return m_ullWaiting == 0;
 }
 
-CProxyReceiveQueue::~CProxyReceiveQueue() { DestroyChains(m_Chunks); }
-
 void CProxyReceiveQueue::SetLimit(DWORD aLimit) {
     Guard guard(m_Mutex);
     m_dwLimit = aLimit;
@@ -82,25 +84,28 @@ DWORD CProxyReceiveQueue::GetLimit() {
     return m_dwLimit;
 }
 
-BOOL CProxyReceiveQueue::Push(CCmMessageBlock* aChunk, DWORD aLength) {
+CmResult CProxyReceiveQueue::Push(const CCmMessageBlock& aChunk, DWORD aLength, BOOL aMayCopy, BOOL& aStop) {
+    CCmMessageBlock* pChain = nullptr;
+    if (!DuplicateUnlessSmall(aChunk, aLength, aMayCopy, pChain))
+        return CM_ERROR_OUT_OF_MEMORY;
     Guard guard(m_Mutex);
-    m_Chunks.push_back(aChunk);
-    m_ullWaiting += aLength;
-    if (m_bStopped || m_ullWaiting <= m_dwLimit)
-        return FALSE;
-    m_bStopped = TRUE;
-    return TRUE;
+    if (!AddTo(m_Chunks, pChain, aChunk, aLength))
+        return CM_ERROR_OUT_OF_MEMORY;
+    m_ullWaiting += uint64_t{aLength} + CHUNK_COST;
+    aStop = !m_bStopped && m_ullWaiting > m_dwLimit;
+    m_bStopped = m_bStopped || aStop;
+    return CM_OK;
 }
 
-BOOL CProxyReceiveQueue::Take(std::vector<CCmMessageBlock*>& aChunks) {
+BOOL CProxyReceiveQueue::Take(CMessageList& aChunks) {
     Guard guard(m_Mutex);
-    aChunks.swap(m_Chunks);
-    return !aChunks.empty();
+    aChunks.Swap(m_Chunks);
+    return !aChunks.IsEmpty();
 }
 
-BOOL CProxyReceiveQueue::Taken(DWORD aLength) {
+BOOL CProxyReceiveQueue::Taken(uint64_t aCost) {
     Guard guard(m_Mutex);
-    m_ullWaiting -= aLength;
+    m_ullWaiting -= aCost;
     if (!m_bStopped || m_ullWaiting > m_dwLimit / 2)
         return FALSE;
     m_bStopped = FALSE;

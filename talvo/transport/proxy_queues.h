@@ -1,10 +1,8 @@
 // The two queues of a transport's thread proxy: what the user sent and what the network received.
 #pragma once
 
-#include <vector>
-
-#include "talvo/base/message_block.h"
 #include "talvo/base/mutex.h"
+#include "talvo/transport/message_list.h"
 
 namespace talvo {
 
@@ -14,18 +12,17 @@ class CProxySendQueue {
 public:
     static constexpr DWORD DEFAULT_LIMIT = 1 << 20;
 
-    ~CProxySendQueue();
-
     void SetLimit(DWORD aLimit);
     DWORD GetLimit();
 
-    // Takes a duplicate of aData, all or nothing, so a message stays whole; what lies below the limit may exceed it by one
-    // message. CM_ERROR_PARTIAL_DATA: full. CM_ERROR_OUT_OF_MEMORY. aWake: the network thread has to be told. One lock; the
-    // duplicate is made before it, in vain when the queue is full.
-    CmResult Push(const CCmMessageBlock& aData, DWORD aLength, BOOL& aWake);
+    // Takes aData, all or nothing, so a message stays whole: a copy of a small one, if it may be copied, and a duplicate of any
+    // other. aLength is its length, aCost what it counts; what lies below the limit may exceed it by one message.
+    // CM_ERROR_PARTIAL_DATA: full. CM_ERROR_OUT_OF_MEMORY. aWake: the network thread has to be told. One lock; a duplicate is
+    // made before it, in vain when the queue is full.
+    CmResult Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aWake);
 
-    // Network thread: moves everything that waits to the empty aChains. FALSE: nothing there, and the next Push has to wake.
-    BOOL Take(std::vector<CCmMessageBlock*>& aChains);
+    // Network thread: moves everything that waits to the empty aMessages. FALSE: nothing there, and the next Push has to wake.
+    BOOL Take(CMessageList& aMessages);
     // Network thread: so many bytes are gone. TRUE: the user, who was refused before, can send again.
     BOOL Sent(uint64_t aLength);
 
@@ -33,10 +30,8 @@ public:
     BOOL IsEmpty();
 
 private:
-    BOOL Push_i(CCmMessageBlock* aChain, DWORD aLength, BOOL& aWake);
-
     CCmMutexThread m_Mutex;
-    std::vector<CCmMessageBlock*> m_Chains CM_GUARDED_BY(m_Mutex);  // owned
+    CMessageList m_Messages CM_GUARDED_BY(m_Mutex);
     DWORD m_dwLimit CM_GUARDED_BY(m_Mutex) = DEFAULT_LIMIT;
     uint64_t m_ullWaiting CM_GUARDED_BY(m_Mutex) = 0;  // bytes
     BOOL m_bAwake CM_GUARDED_BY(m_Mutex) = FALSE;      // the network thread knows that there is something
@@ -50,29 +45,25 @@ public:
     // What a chunk counts beyond its payload: a peer that sends single bytes must not make us keep a hundred times as much.
     static constexpr DWORD CHUNK_COST = 128;
 
-    ~CProxyReceiveQueue();
-
     void SetLimit(DWORD aLimit);
     DWORD GetLimit();
 
-    // Takes aChunk over. TRUE: more than the limit waits now, reading has to stop.
-    BOOL Push(CCmMessageBlock* aChunk, DWORD aLength);
+    // Takes aChunk, of aLength bytes, as the send queue does. CM_ERROR_OUT_OF_MEMORY. aStop: more than the limit waits now,
+    // reading has to stop.
+    CmResult Push(const CCmMessageBlock& aChunk, DWORD aLength, BOOL aMayCopy, BOOL& aStop);
     // Moves everything that waits to the empty aChunks. FALSE: nothing there.
-    BOOL Take(std::vector<CCmMessageBlock*>& aChunks);
-    // The user has had so many bytes. TRUE: reading was stopped and can go on.
-    BOOL Taken(DWORD aLength);
+    BOOL Take(CMessageList& aChunks);
+    // The user has had chunks of that cost. TRUE: reading was stopped and can go on.
+    BOOL Taken(uint64_t aCost);
     // Whether reading has to rest now. Asked when it is applied, since both threads may have changed it meanwhile.
     BOOL IsStopped();
 
 private:
     CCmMutexThread m_Mutex;
-    std::vector<CCmMessageBlock*> m_Chunks CM_GUARDED_BY(m_Mutex);  // owned
+    CMessageList m_Chunks CM_GUARDED_BY(m_Mutex);
     DWORD m_dwLimit CM_GUARDED_BY(m_Mutex) = DEFAULT_LIMIT;
     uint64_t m_ullWaiting CM_GUARDED_BY(m_Mutex) = 0;  // bytes
     BOOL m_bStopped CM_GUARDED_BY(m_Mutex) = FALSE;
 };
-
-// Frees the chains of a list.
-void DestroyChains(std::vector<CCmMessageBlock*>& aChains);
 
 }  // namespace talvo

@@ -43,11 +43,7 @@ CTransportProxyCore::CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink
     ++s_Live;
 }
 
-CTransportProxyCore::~CTransportProxyCore() {
-    m_Delivering.erase(m_Delivering.begin(), m_Delivering.begin() + static_cast<std::ptrdiff_t>(m_stDelivered));
-    DestroyChains(m_Delivering);
-    --s_Live;
-}
+CTransportProxyCore::~CTransportProxyCore() { --s_Live; }
 
 void CTransportProxyCore::Start(ICmTransport* aProxy) {
     m_pProxy = aProxy;
@@ -73,14 +69,14 @@ void CTransportProxyCore::Open_i() {
 void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
     if (m_pLingerTimers)
         return;
-    CCmMessageBlock* pChunk = aData.DuplicateChained();
-    if (!pChunk && m_bDatagrams)
+    BOOL bStop = FALSE;
+    const CmResult rv = m_ReceiveQueue.Push(aData, aData.GetChainedLength(), m_bProtocol, bStop);
+    if (rv != CM_OK && m_bDatagrams)
         return;
-    if (!pChunk) {
-        Lost_i(CM_ERROR_OUT_OF_MEMORY);  // a stream with a hole in it would be worse
+    if (rv != CM_OK) {
+        Lost_i(rv);  // a stream with a hole in it would be worse
         return;
     }
-    const BOOL bStop = m_ReceiveQueue.Push(pChunk, pChunk->GetChainedLength() + CProxyReceiveQueue::CHUNK_COST);
     if (PostUpcall_i() != CM_OK) {  // the user's thread has ended
         m_bClosed = TRUE;
         LetGo_i(CM_OK);
@@ -107,8 +103,10 @@ void CTransportProxyCore::Drain() {
     m_bRoomMeanwhile = FALSE;
     const CmResult rv = SendWaiting_i();
     m_bDraining = FALSE;
-    if (!m_pTransport)
+    if (!m_pTransport) {
+        ForgetUnsent_i();
         return;
+    }
     if (m_bProtocol && rv == CM_ERROR_OUT_OF_MEMORY)
         Lost_i(rv);  // no OnSend would follow
     else if (rv == CM_OK ? TakeBatch_i() : m_bRoomMeanwhile)
@@ -119,16 +117,14 @@ void CTransportProxyCore::Drain() {
 
 // CM_OK: all that waited here has gone. Otherwise OnSend or OnDisconnect follows, or the latter has been already.
 CmResult CTransportProxyCore::SendWaiting_i() {
-    if (!m_pUnsent && m_stSent == m_Sending.size())
+    if (!m_pUnsent && m_Sending.IsEmpty())
         TakeBatch_i();
-    const BOOL bCork = m_bProtocol && m_Sending.size() - m_stSent + (m_pUnsent ? 1 : 0) > 1;
+    const BOOL bCork = m_bProtocol && m_Sending.HasSeveral();
     if (bCork)
         Cork_i(TRUE);
     CmResult rv = CM_OK;
-    while (rv == CM_OK && m_pTransport && (m_pUnsent || m_stSent < m_Sending.size())) {
-        if (!m_pUnsent)
-            m_pUnsent = NextChain_i();
-        rv = SendUnsent_i();
+    while (rv == CM_OK && m_pTransport && (m_pUnsent || !m_Sending.IsEmpty())) {
+        rv = m_bStream ? SendJoined_i() : SendMessage_i();
         if (m_ullGone >= TELL_SENT_STEP)
             TellSent_i();
     }
@@ -138,46 +134,49 @@ CmResult CTransportProxyCore::SendWaiting_i() {
     return rv;
 }
 
-BOOL CTransportProxyCore::TakeBatch_i() {
-    m_Sending.clear();
-    m_stSent = 0;
-    return m_SendQueue.Take(m_Sending);
-}
+BOOL CTransportProxyCore::TakeBatch_i() { return m_SendQueue.Take(m_Sending); }
 
-// The next thing to send: on a stream everything that waits, joined as far as one call of the transport takes it.
-CCmMessageBlock* CTransportProxyCore::NextChain_i() {
-    CCmMessageBlock* pHead = m_Sending[m_stSent++];
-    if (!m_bStream)
-        return pHead;
+// On a stream everything that waits is joined, as far as one call of the transport takes it.
+CCmMessageBlock* CTransportProxyCore::JoinWaiting_i() {
+    CCmMessageBlock* pHead = m_Sending.TakeChain();
     auto [pTail, dwBlocks] = EndOf(pHead);
-    while (m_stSent < m_Sending.size()) {
-        const auto [pNextTail, dwNextBlocks] = EndOf(m_Sending[m_stSent]);
+    while (!m_Sending.IsEmpty()) {
+        const auto [pNextTail, dwNextBlocks] = EndOf(&m_Sending.Front());
         if (dwBlocks + dwNextBlocks > CNetworkBuffers::MAX_PIECES)
             break;
-        pTail->Append(m_Sending[m_stSent++]);
+        pTail->Append(m_Sending.TakeChain());
         pTail = pNextTail;
         dwBlocks += dwNextBlocks;
     }
     return pHead;
 }
 
-CmResult CTransportProxyCore::SendUnsent_i() {
+CmResult CTransportProxyCore::SendJoined_i() {
+    if (!m_pUnsent)
+        m_pUnsent = JoinWaiting_i();
     CCmTransportParameter para;
-    CCmMessageBlock* pChain = std::exchange(m_pUnsent, nullptr);  // the send may end the connection, and free what is ours
-    const DWORD dwLength = pChain->GetChainedLength();
-    m_ullGone += CostOf_i(dwLength);
-    const CmResult rv = m_pTransport->SendData(*pChain, &para);
-    const BOOL bDropped = IsDropped_i(rv);
-    if (bDropped && m_bProtocol) {  // somebody has lowered a limit in the network thread
-        CM_ERROR_TRACE_THIS("CTransportProxyCore::SendUnsent_i, message too long for the connection, lost. len=" << dwLength);
-    }
-    if (rv == CM_OK || bDropped || !m_pTransport) {
-        pChain->DestroyChained();
-        return bDropped ? CM_OK : rv;
-    }
-    m_ullGone -= CostOf_i(pChain->GetChainedLength());
-    m_pUnsent = m_bDatagrams ? pChain : pChain->ReclaimGarbage();
+    const CmResult rv = m_pTransport->SendData(*m_pUnsent, &para);
+    m_ullGone += para.m_dwHaveSent;
+    m_pUnsent = m_pUnsent->ReclaimGarbage();
     return rv;
+}
+
+CmResult CTransportProxyCore::SendMessage_i() {
+    CCmMessageBlock& message = m_Sending.Front();
+    const DWORD dwLength = message.GetChainedLength();
+    CCmTransportParameter para;
+    const CmResult rv = m_pTransport->SendData(message, &para);
+    if (rv != CM_OK && !IsDropped_i(rv)) {
+        if (!m_bDatagrams)
+            m_ullGone += dwLength - message.GetChainedLength();
+        return rv;
+    }
+    if (rv != CM_OK && m_bProtocol) {  // somebody has lowered a limit in the network thread
+        CM_ERROR_TRACE_THIS("CTransportProxyCore::SendMessage_i, message too long for the connection, lost. len=" << dwLength);
+    }
+    m_ullGone += CostOf_i(dwLength);
+    m_Sending.Pop();
+    return CM_OK;
 }
 
 // Whether a result says that this one can never go out, or is lost, and the next goes on.
@@ -276,12 +275,16 @@ void CTransportProxyCore::LetGo_i(CmResult aReason) {
         return;
     if (m_pLingerTimers)
         m_pLingerTimers->CancelTimer(this);
-    if (CCmMessageBlock* pUnsent = std::exchange(m_pUnsent, nullptr))
-        pUnsent->DestroyChained();
-    for (; m_stSent < m_Sending.size(); ++m_stSent)
-        m_Sending[m_stSent]->DestroyChained();
+    if (!m_bDraining)  // what is just being sent stays until that has returned
+        ForgetUnsent_i();
     pTransport->Disconnect(aReason);
     Leave_i();
+}
+
+void CTransportProxyCore::ForgetUnsent_i() {
+    if (CCmMessageBlock* pUnsent = std::exchange(m_pUnsent, nullptr))
+        pUnsent->DestroyChained();
+    m_Sending.Clear();
 }
 
 CmResult CTransportProxyCore::SetInnerOption_i(DWORD aCommand, void* aArg) {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <atomic>
-#include <vector>
 
 #include "talvo/event/timer_queue.h"
 #include "talvo/transport/proxy_core.h"
@@ -69,9 +68,11 @@ private:
     void Drain();
     CmResult SendWaiting_i();
     BOOL TakeBatch_i();
-    CmResult SendUnsent_i();
+    CmResult SendJoined_i();
+    CmResult SendMessage_i();
     BOOL IsDropped_i(CmResult aResult) const;
-    CCmMessageBlock* NextChain_i();
+    CCmMessageBlock* JoinWaiting_i();
+    void ForgetUnsent_i();
     void Cork_i(BOOL aCork);
     void TellSent_i();
     void ReadMaxMessage_i();
@@ -110,14 +111,12 @@ private:
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Upcall> m_UpcallEvent{*this};
 
     // User's thread only.
-    std::vector<CCmMessageBlock*> m_Delivering;  // owned from m_stDelivered on
-    size_t m_stDelivered = 0;
+    CMessageList m_Delivering;
 
     // Network thread only.
     CCmRefPtrT<ICmTransport> m_pTransport;
-    std::vector<CCmMessageBlock*> m_Sending;  // owned from m_stSent on
-    size_t m_stSent = 0;
-    CCmMessageBlock* m_pUnsent = nullptr;  // owned; what the transport did not take
+    CMessageList m_Sending;
+    CCmMessageBlock* m_pUnsent = nullptr;  // owned; on a stream, what is joined and not sent yet
     uint64_t m_ullGone = 0;                // bytes; what the send queue does not know yet to have gone
     BOOL m_bDraining = FALSE;
     BOOL m_bRoomMeanwhile = FALSE;  // an OnSend came while draining

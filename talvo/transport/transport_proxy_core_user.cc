@@ -44,7 +44,7 @@ CmResult CTransportProxyCore::SendData(CCmMessageBlock& aData, CCmTransportParam
         return CM_ERROR_INVALID_ARG;
     }
     BOOL bWake = FALSE;
-    CmResult rv = m_SendQueue.Push(aData, CostOf_i(dwLength), bWake);
+    CmResult rv = m_SendQueue.Push(aData, dwLength, CostOf_i(dwLength), m_bProtocol, bWake);
     if (rv != CM_OK)
         return rv;
     if (bWake)
@@ -152,24 +152,22 @@ void CTransportProxyCore::Upcall() {
 // What a pause left over, and what has come since. Any upcall may pause, disconnect or release the proxy. FALSE: a pause has
 // left something over again.
 BOOL CTransportProxyCore::Deliver_i() {
-    DWORD dwTaken = 0;
+    uint64_t ullTaken = 0;
     for (int nBatch = 0; nBatch < 2; ++nBatch) {
-        while (m_stDelivered < m_Delivering.size() && !m_bPausedByUser) {
-            CCmMessageBlock* pChunk = m_Delivering[m_stDelivered++];
-            dwTaken += pChunk->GetChainedLength() + CProxyReceiveQueue::CHUNK_COST;
+        while (!m_Delivering.IsEmpty() && !m_bPausedByUser) {
+            CCmMessageBlock& chunk = m_Delivering.Front();
+            ullTaken += uint64_t{chunk.GetChainedLength()} + CProxyReceiveQueue::CHUNK_COST;
             if (ICmTransportSink* pSink = m_pSink)
-                pSink->OnReceive(*pChunk, m_pProxy, nullptr);
-            pChunk->DestroyChained();
+                pSink->OnReceive(chunk, m_pProxy, nullptr);
+            m_Delivering.Pop();
         }
-        if (nBatch > 0 || m_stDelivered < m_Delivering.size())
+        if (nBatch > 0 || !m_Delivering.IsEmpty())
             break;
-        m_Delivering.clear();
-        m_stDelivered = 0;
         m_ReceiveQueue.Take(m_Delivering);
     }
-    if (m_ReceiveQueue.Taken(dwTaken))
+    if (m_ReceiveQueue.Taken(ullTaken))
         PostApplyReading_i();
-    return m_stDelivered == m_Delivering.size();
+    return m_Delivering.IsEmpty();
 }
 
 }  // namespace talvo

@@ -185,19 +185,22 @@ TEST(CsSendBuf, OnlyABegunPduKeepsItsAckAndSurvivesCapacityZero) {
     EXPECT_EQ(buf.GetUsed(), 0u);
 }
 
-TEST(CsSendBuf, APayloadOfTooManyBlocksIsLeftToGetData) {
-    CSendBuf buf(1000);
-    talvo::CGatherChain first, second, third;
-    buf.AddText(std::string(70, 'x'), 63, FALSE);
-    buf.AddText(std::string(70, 'y'), 64, FALSE);
-    EXPECT_TRUE(buf.Gather(first));
-    EXPECT_EQ(first.GetLength(), 75u);
-    buf.DataSentLen(75);
-    EXPECT_FALSE(buf.Gather(second));
-    EXPECT_EQ(buf.Waiting(), "\6\0\0\0\x46"s + std::string(70, 'y'));
-    buf.DataSentLen(5);
-    EXPECT_TRUE(buf.Gather(third));
-    EXPECT_EQ(third.GetLength(), 70u);
+TEST(CsSendBuf, SmallPiecesAreJoinedAndLargeOnesCounted) {
+    CSendBuf buf(100000);
+    for (int i = 0; i < 100; ++i)
+        buf.AddText("abc", 3, FALSE);
+    buf.AddText(std::string(600, 'x'), 1, FALSE);
+    talvo::CGatherChain chain;
+    EXPECT_TRUE(buf.Gather(chain));
+    EXPECT_EQ(chain.GetCount(), 2u);
+    EXPECT_EQ(chain.GetLength(), 100u * 8 + 5 + 600);
+    EXPECT_TRUE(chain.GetHead()->FlattenChained().ends_with("\6\0\0\0\3abc\6\0\0\2\x58"s + std::string(600, 'x')));
+    const std::string strLarge(600, 'y');
+    const CCmMessageBlock large(600, strLarge.data(), 0, 600);
+    while (chain.GetCount() < talvo::CGatherChain::MAX_PIECES)
+        EXPECT_TRUE(chain.Add(large));
+    EXPECT_FALSE(chain.Add(large));
+    EXPECT_EQ(chain.GetLength(), 805u + 600 * 63);
 }
 
 }  // namespace

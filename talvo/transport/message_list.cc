@@ -1,0 +1,99 @@
+#include "talvo/transport/message_list.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace talvo {
+
+namespace {
+
+// A first block is small, for the message that stays alone; those behind it are for bursts.
+constexpr DWORD FIRST_BLOCK = 512;
+constexpr DWORD NEXT_BLOCK = 16384;
+constexpr DWORD LENGTH_SIZE = sizeof(DWORD);
+
+}  // namespace
+
+BOOL CMessageList::AddCopy(const CCmMessageBlock& aMessage, DWORD aLength) {
+    CCmMessageBlock* pBlock = SpaceFor(LENGTH_SIZE + aLength);
+    if (!pBlock)
+        return FALSE;
+    pBlock->Write(&aLength, LENGTH_SIZE);
+    for (const CCmMessageBlock* pMb = &aMessage; pMb; pMb = pMb->GetNext())
+        pBlock->Write(pMb->GetTopLevelReadPtr(), pMb->GetTopLevelLength());
+    return TRUE;
+}
+
+CCmMessageBlock* CMessageList::SpaceFor(DWORD aCount) {
+    if (!IsEmpty() && IsShared(*m_Chains.back()) && m_Chains.back()->GetTopLevelSpace() >= aCount)
+        return m_Chains.back();
+    const DWORD dwSize = std::max(aCount, IsEmpty() ? FIRST_BLOCK : NEXT_BLOCK);
+    auto* pBlock = new (std::nothrow) CCmMessageBlock(dwSize, nullptr, CCmMessageBlock::DUPLICATED);
+    if (!pBlock || pBlock->GetTopLevelSpace() < aCount) {
+        delete pBlock;
+        return nullptr;
+    }
+    pBlock->LockReading();
+    Add(pBlock);
+    return pBlock;
+}
+
+DWORD CMessageList::LengthOfFirst(const CCmMessageBlock& aShared) {
+    DWORD dwLength = 0;
+    std::memcpy(&dwLength, aShared.GetTopLevelReadPtr(), LENGTH_SIZE);
+    return dwLength;
+}
+
+BOOL CMessageList::HasSeveral() const {
+    if (m_Chains.size() - m_stFirst != 1)
+        return !IsEmpty();
+    const CCmMessageBlock& first = *m_Chains[m_stFirst];
+    return IsShared(first) && first.GetTopLevelLength() > LENGTH_SIZE + LengthOfFirst(first);
+}
+
+CCmMessageBlock& CMessageList::Front() {
+    CCmMessageBlock& first = *m_Chains[m_stFirst];
+    if (!IsShared(first))
+        return first;
+    if (!m_View) {
+        const DWORD dwLength = LengthOfFirst(first);
+        m_View.emplace(dwLength, first.GetTopLevelReadPtr() + LENGTH_SIZE, DWORD{CCmMessageBlock::DONT_DELETE}, dwLength);
+    }
+    return *m_View;
+}
+
+void CMessageList::Pop() {
+    CCmMessageBlock* pFirst = m_Chains[m_stFirst];
+    m_View.reset();
+    if (IsShared(*pFirst)) {
+        pFirst->AdvanceTopLevelReadPtr(LENGTH_SIZE + LengthOfFirst(*pFirst));
+        if (pFirst->GetTopLevelLength() > 0)
+            return;
+    }
+    pFirst->DestroyChained();
+    Forget();
+}
+
+CCmMessageBlock* CMessageList::TakeChain() {
+    CCmMessageBlock* pChain = m_Chains[m_stFirst];
+    Forget();
+    return pChain;
+}
+
+void CMessageList::Forget() {
+    if (++m_stFirst < m_Chains.size())
+        return;
+    m_Chains.clear();
+    m_stFirst = 0;
+}
+
+void CMessageList::Clear() {
+    m_View.reset();
+    for (; m_stFirst < m_Chains.size(); ++m_stFirst)
+        m_Chains[m_stFirst]->DestroyChained();
+    m_Chains.clear();
+    m_stFirst = 0;
+}
+
+}  // namespace talvo

@@ -1,0 +1,57 @@
+// Messages that wait in order.
+#pragma once
+
+#include <optional>
+#include <vector>
+
+#include "talvo/base/message_block.h"
+
+namespace talvo {
+
+// Owns what waits. A message is kept as a chain or, if it is small, as a copy in a block that many share:
+//
+//   | length | payload ... | length | payload ... |      length: a DWORD as this machine writes it
+//
+// A copy costs no allocation of its own, and lets the memory of who gave it be freed where it was made and is wanted again.
+// Used by one thread at a time.
+class TALVO_API CMessageList {
+public:
+    static constexpr DWORD MAX_COPIED = 1024;  // bytes of payload up to which a copy is cheaper
+
+    CMessageList() = default;
+    ~CMessageList() { Clear(); }
+    CMessageList(const CMessageList&) = delete;
+    CMessageList& operator=(const CMessageList&) = delete;
+
+    // Takes aChain over, all of it DUPLICATED.
+    void Add(CCmMessageBlock* aChain) { m_Chains.push_back(aChain); }
+    // Copies aMessage, of aLength <= MAX_COPIED bytes. FALSE: memory ran out.
+    BOOL AddCopy(const CCmMessageBlock& aMessage, DWORD aLength);
+
+    BOOL IsEmpty() const { return m_stFirst == m_Chains.size(); }
+    BOOL HasSeveral() const;
+
+    // The first message; stays first, as far as it was consumed, until Pop. There must be one.
+    CCmMessageBlock& Front();
+    void Pop();
+    // Takes the first message out, for the caller to destroy. Only where nothing is copied.
+    CCmMessageBlock* TakeChain();
+
+    void Swap(CMessageList& aOther) {
+        m_Chains.swap(aOther.m_Chains);
+        std::swap(m_stFirst, aOther.m_stFirst);
+    }
+    void Clear();
+
+private:
+    static BOOL IsShared(const CCmMessageBlock& aBlock) { return (aBlock.GetFlag() & CCmMessageBlock::READ_LOCKED) != 0; }
+    static DWORD LengthOfFirst(const CCmMessageBlock& aShared);
+    CCmMessageBlock* SpaceFor(DWORD aCount);
+    void Forget();
+
+    std::vector<CCmMessageBlock*> m_Chains;  // owned from m_stFirst on; shared blocks are READ_LOCKED
+    size_t m_stFirst = 0;
+    std::optional<CCmMessageBlock> m_View;  // of the first message, when that is a copy
+};
+
+}  // namespace talvo
