@@ -11,6 +11,7 @@
 namespace {
 
 constexpr int CONNECT_TRIES = 3;
+constexpr DWORD ENOUGH_BYTES = 16384;   // for one call
 constexpr DWORD PENDING_LIMIT = 65536;  // bytes gathered without a send buffer while corked
 
 // Whether a datagram can be made of the chain with a header before it.
@@ -77,7 +78,9 @@ CmResult CCsConn::SendBuffered_i(CCmMessageBlock& aData) {
         m_bNeedOnSend = TRUE;
         return CM_ERROR_PARTIAL_DATA;
     }
-    if (bFlushed)
+    // While corked, what makes a full call anyway does not wait for more.
+    const BOOL bEnough = m_SendBuf.GetUnsent() >= ENOUGH_BYTES && m_SendBuf.GetCount() >= talvo::CGatherChain::MAX_PIECES;
+    if (bFlushed || (m_bCorked && !bHandshake && bEnough))
         SendDataFromSendBuf();
     return CM_OK;
 }

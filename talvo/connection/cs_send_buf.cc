@@ -10,6 +10,36 @@ namespace {
 
 DWORD LengthOf(const CCsPduSendItem& aItem) { return aItem.GetFixLength() + aItem.GetDataLen(); }
 
+// A data PDU that has a copy of its payload within itself.
+template <DWORD ROOM>
+class CCopiedDataT final : public CCsPduData {
+public:
+    CCopiedDataT(BOOL aNeedACK, DWORD aACK, DWORD aLength, BYTE aType, const CCmMessageBlock& aPayload)
+        : CCsPduData(aNeedACK, aACK, aLength, aType, nullptr), m_Payload(ROOM, m_szRoom) {
+        for (const CCmMessageBlock* pMb = &aPayload; pMb; pMb = pMb->GetNext())
+            m_Payload.Write(pMb->GetTopLevelReadPtr(), pMb->GetTopLevelLength());
+        m_pData = &m_Payload;
+    }
+    ~CCopiedDataT() override { m_pData = nullptr; }
+
+private:
+    char m_szRoom[ROOM];
+    CCmMessageBlock m_Payload;
+};
+
+// Small payloads are copied: that is cheaper than to share them. Null: memory ran out.
+CCsPduData* MakeDataPdu(BOOL aNeedACK, DWORD aACK, DWORD aLength, BYTE aType, const CCmMessageBlock& aPayload) {
+    if (aLength <= 128)
+        return new (std::nothrow) CCopiedDataT<128>(aNeedACK, aACK, aLength, aType, aPayload);
+    if (aLength <= 1024)
+        return new (std::nothrow) CCopiedDataT<1024>(aNeedACK, aACK, aLength, aType, aPayload);
+    CCmMessageBlock* pData = aPayload.DuplicateChained();
+    auto* pItem = pData ? new (std::nothrow) CCsPduData(aNeedACK, aACK, aLength, aType, pData) : nullptr;
+    if (pData && !pItem)
+        pData->DestroyChained();
+    return pItem;
+}
+
 }  // namespace
 
 // The cap keeps every sequence number, and the one behind it, within SEQ_LIMIT.
@@ -69,18 +99,15 @@ DWORD CCsSendBuf::AddDataPDU(CCmMessageBlock* aMb, BOOL aNeedACK) {
     if (dwLength == 0)
         return 0;
     const DWORD dwFixLength = CCsPduBase::GetFixLength(CS_PDU_TYPE_DATA_NORMAL, aNeedACK);
-    CCmMessageBlock* pData = HasRoom(dwFixLength, dwLength) ? aMb->DuplicateChained() : nullptr;
-    if (!pData) {
+    if (!HasRoom(dwFixLength, dwLength)) {
         CM_INFO_TRACE_THIS("CCsSendBuf::AddDataPDU(), no space available");
         return 0;
     }
     const BOOL bRestart = SEQ_LIMIT - m_dwNextSeq < dwFixLength + dwLength;
     const BYTE byType = bRestart ? CS_PDU_TYPE_DATA_START : CS_PDU_TYPE_DATA_NORMAL;
-    auto* pItem = new (std::nothrow) CCsPduData(aNeedACK, m_dwSeq4ACK, dwLength, byType, pData);
-    if (!pItem) {
-        pData->DestroyChained();
+    CCsPduData* pItem = MakeDataPdu(aNeedACK, m_dwSeq4ACK, dwLength, byType, *aMb);
+    if (!pItem)
         return 0;
-    }
     pItem->SetSeqStart(bRestart ? FIRST_SEQ : m_dwNextSeq);
     m_dwNextSeq = pItem->GetSeqEnd() + 1;
     if (bRestart)

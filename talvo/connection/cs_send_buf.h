@@ -19,8 +19,8 @@ class CGatherChain;
 // took, and frees what is sent with DoACK or, where no acknowledgements come, with ClearAllSent. A PDU of which the transport
 // has taken a part keeps its bytes until the rest has gone; only Reset drops it, and only DoReconnACK starts it afresh.
 //
-// A message costs two allocations, its item and a duplicate of its block. Gather allocates nothing, GetData duplicates the
-// blocks of a payload behind its first. Adding, and freeing an item, take constant time. One thread.
+// A message costs an allocation and, beyond 1,024 bytes, a duplicate of its block. Gather allocates nothing, GetData duplicates
+// the blocks of a payload behind its first. Adding, and freeing an item, take constant time. One thread.
 class TALVO_API CCsSendBuf {
 public:
     // Capacity in bytes, fixed parts included; at most what the sequence numbers leave, some 4 GiB.
@@ -75,6 +75,7 @@ public:
     // Bytes that are still to be sent, and bytes of all items; fixed parts included.
     DWORD GetUnsent() const { return m_dwUnsent; }
     DWORD GetUsed() const { return m_dwUsed; }
+    DWORD GetCount() const { return m_dwCount; }  // items
 
 protected:
     // Numbers the first data PDU aFirstSeq, as if all before it had been sent and acknowledged.
