@@ -138,7 +138,7 @@ TEST(ConnectionManagerTest, AcceptorProxyForgetsWhatWasPosted) {
     EXPECT_EQ(CM_OK, pAcceptor->StopListen(CM_OK));
     // An indication of the time before is not taken for one of now.
     EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&sink, CCmInetAddr("192.0.2.1", 0)));
-    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&sink, CCmInetAddr("127.0.0.1", 0)));
+    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&sink, CCmInetAddr(OwnLoopback(), 0)));
     network.RunPosted();
     startAndPost();
     pAcceptor.Reset();

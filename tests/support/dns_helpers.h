@@ -10,8 +10,8 @@
 #include "talvo/base/config.h"
 #include "talvo/connection/connection_manager.h"
 #include "talvo/transport/dns_manager.h"
-#include "tests/support/event_helpers.h"
 #include "tests/support/fake_clock.h"
+#include "tests/support/network_fixture.h"
 #include "tests/support/temp_dir.h"
 
 using DnsRecordPtr = CCmRefPtrT<CCmDnsRecord>;
@@ -37,22 +37,19 @@ inline std::string TextOf(const DnsRecordPtr& aRecord) {
     return strText;
 }
 
-// The main thread with its loop, and a network thread. Time stands still unless Advance moves it; names are looked up in the
-// test's own hosts file and, until it names a server, nowhere else.
+// The main thread with its loop, and a network thread. Time stands still unless Advance moves it, but that of the servers'
+// time-outs is the system's: they are long, so that no answer comes too late. Names are looked up in the test's own hosts file
+// and, until it names a server, nowhere else.
 class CDnsTest : public testing::Test {
 protected:
     CDnsTest() {
         m_Keys["HostsFile"] = m_Dir.Write("hosts", "");
         m_Keys["ResolverFile"] = m_Dir.Write("resolv.conf", "");
         m_Keys["Servers"] = "127.0.0.1:1";
+        m_Keys["TimeoutMs"] = "60000";
         Configure();
-        EXPECT_NE(nullptr, CCmConnectionManager::Instance());
     }
-    ~CDnsTest() override {
-        CCmThreadManager::Instance()->StopAllThreads();
-        CCmConnectionManager::CleanupInstance();
-        load_config_file("");
-    }
+    ~CDnsTest() override { load_config_file(""); }
 
     // Makes the keys count at once.
     void Configure() {
@@ -68,12 +65,17 @@ protected:
         CCmDnsManager::Instance()->Refresh();
     }
 
-    // Turns the main thread's loop until the condition holds.
     template <class Condition>
-    BOOL RunUntil(Condition aCondition) {
-        for (int i = 0; i < 3000 && !aCondition(); ++i)
-            EXPECT_EQ(CM_OK, m_Main.GetReactor().RunOnce(nullptr));
-        return aCondition();
+    void RunUntil(Condition aCondition) const {
+        m_Network.RunUntil(aCondition);
+    }
+
+    // What is under way in the two threads is through.
+    void Settle() const {
+        for (int i = 0; i < 3; ++i) {
+            m_Network.InNetwork([] {});
+            m_Network.RunPosted();
+        }
     }
 
     CmResult Ask(const std::string& aName, DnsRecordPtr& aRecord, ICmObserver* aObserver = nullptr, BOOL aForced = FALSE) {
@@ -88,12 +90,12 @@ protected:
         if (rv == CM_OK)
             return pRecord;
         EXPECT_EQ(CM_ERROR_WOULD_BLOCK, rv);
-        EXPECT_TRUE(RunUntil([&] { return !observer.m_Records.empty(); })) << aName;
+        RunUntil([&] { return !observer.m_Records.empty(); });
         return observer.m_Records.empty() ? new CCmDnsRecord(aName, {}, 0, "no answer") : observer.m_Records.front();
     }
 
     CCmFakeClock m_Clock;
     CCmTempDir m_Dir;
     std::map<std::string, std::string> m_Keys;  // of the section "Dns"
-    CMainThread m_Main;
+    CTestNetwork m_Network;
 };

@@ -1,7 +1,6 @@
 // A real DNS server on loopback.
 #pragma once
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "tests/support/event_socket.h"
+#include "tests/support/own_loopback.h"
 #include "tests/support/temp_dir.h"
 
 // Runs dnsmasq with the names of a text like a hosts file; everything else does not exist. Ended with the scope, or with the
@@ -25,12 +25,10 @@ public:
     CTestDnsServer(const CTestDnsServer&) = delete;
     CTestDnsServer& operator=(const CTestDnsServer&) = delete;
 
-    // Starts, again on the same port if it has run before. Returns when it answers.
+    // Starts, always on the same port. Returns when it answers.
     void Start(const std::string& aNames) {
         m_Dir.Write("names", aNames);
-        for (int i = 0; i < 20 && m_Pid == -1; ++i)
-            Spawn_i();
-        ASSERT_NE(-1, m_Pid) << "dnsmasq does not start";
+        Spawn_i();
     }
 
     void Kill() {
@@ -40,12 +38,13 @@ public:
         waitpid(std::exchange(m_Pid, -1), nullptr, 0);
     }
 
-    std::string GetAddress() const { return "127.0.0.1:" + std::to_string(m_nPort); }
+    std::string GetAddress() const { return std::string(OwnLoopback()) + ":" + PORT; }
 
 private:
+    // None that the system chooses by itself.
+    static constexpr const char* PORT = "5300";
+
     void Spawn_i() {
-        if (m_nPort == 0)
-            m_nPort = FindPort_i();
         std::vector<std::string> arguments = {"setpriv",
                                               "--pdeathsig",
                                               "KILL",
@@ -56,21 +55,18 @@ private:
                                               "--no-hosts",
                                               "--no-resolv",
                                               "--bind-interfaces",
-                                              "--listen-address=127.0.0.1",
+                                              std::string("--listen-address=") + OwnLoopback(),
                                               "--no-round-robin",
                                               "--local=/#/",
                                               "--log-facility=-",
-                                              "--port=" + std::to_string(m_nPort),
+                                              std::string("--port=") + PORT,
                                               "--local-ttl=" + std::to_string(m_nTtl),
                                               "--addn-hosts=" + m_Dir.PathOf("names")};
         int nPipe[2];
         ASSERT_EQ(0, pipe2(nPipe, O_CLOEXEC));
         m_Log = CTestFd(nPipe[0]);
         SpawnWithErrorsTo_i(CTestFd(nPipe[1]), arguments);
-        if (!HasStarted_i()) {
-            Kill();
-            m_nPort = 0;
-        }
+        WaitForStart_i();
     }
 
     void SpawnWithErrorsTo_i(const CTestFd& aErrors, std::vector<std::string>& aArguments) {
@@ -85,32 +81,19 @@ private:
         posix_spawn_file_actions_destroy(&actions);
     }
 
-    // Its log tells when it has read the names; it ends early when the port is taken.
-    bool HasStarted_i() const {
+    // Its log tells when it has read the names.
+    void WaitForStart_i() const {
         const std::string strRead = "read " + m_Dir.PathOf("names");
         std::string strLog;
-        for (std::string strPart = m_Log.Read(); !strPart.empty(); strPart = m_Log.Read()) {
+        while (strLog.find(strRead) == std::string::npos) {
+            const std::string strPart = m_Log.Read();
+            ASSERT_NE("", strPart) << "dnsmasq does not start: " << strLog;
             strLog += strPart;
-            if (strLog.find(strRead) != std::string::npos)
-                return true;
         }
-        return false;
-    }
-
-    static int FindPort_i() {
-        const CTestFd socketFd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof(addr);
-        EXPECT_EQ(0, bind(socketFd.Get(), reinterpret_cast<sockaddr*>(&addr), length));
-        EXPECT_EQ(0, getsockname(socketFd.Get(), reinterpret_cast<sockaddr*>(&addr), &length));
-        return ntohs(addr.sin_port);
     }
 
     CCmTempDir m_Dir;
     const int m_nTtl;
-    int m_nPort = 0;
     pid_t m_Pid = -1;
     CTestFd m_Log;
 };

@@ -72,6 +72,14 @@ void YieldUntil(Condition aCondition) {
         std::this_thread::yield();
 }
 
+// Turns of a reactor until the condition holds, however long that takes and whatever else the loop has to do meanwhile: a test
+// that waits in vain is ended by its time-out.
+template <class Condition>
+void RunUntil(CCmReactorEpoll& aReactor, Condition aCondition) {
+    while (!aCondition())
+        ASSERT_EQ(CM_OK, aReactor.RunOnce());
+}
+
 // The calling thread as the library's main thread while in scope.
 class CMainThread {
 public:

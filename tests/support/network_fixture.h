@@ -15,6 +15,7 @@
 #include "talvo/connection/connection_manager.h"
 #include "tests/support/event_helpers.h"
 #include "tests/support/event_socket.h"
+#include "tests/support/own_loopback.h"
 
 // Bytes that differ from their neighbours and, by aSeed, from other data.
 inline std::string Pattern(size_t aSize, unsigned aSeed = 1) {
@@ -100,12 +101,12 @@ class CTestListener {
 public:
     explicit CTestListener(int aBacklog = 128, int aBufferSize = 65536) {
         setsockopt(m_Fd.Get(), SOL_SOCKET, SO_RCVBUF, &aBufferSize, sizeof aBufferSize);
-        sockaddr_in addr = *CCmInetAddr("127.0.0.1", 0).GetPtr();
+        sockaddr_in addr = *CCmInetAddr(OwnLoopback(), 0).GetPtr();
         socklen_t length = sizeof addr;
         EXPECT_EQ(0, bind(m_Fd.Get(), reinterpret_cast<sockaddr*>(&addr), length));
         EXPECT_EQ(0, listen(m_Fd.Get(), aBacklog));
         EXPECT_EQ(0, getsockname(m_Fd.Get(), reinterpret_cast<sockaddr*>(&addr), &length));
-        m_Addr = CCmInetAddr("127.0.0.1", ntohs(addr.sin_port));
+        m_Addr = CCmInetAddr(OwnLoopback(), ntohs(addr.sin_port));
     }
     const CCmInetAddr& Addr() const { return m_Addr; }
     // Waits for somebody; what it gives never blocks.
@@ -138,16 +139,6 @@ inline BOOL ReadToEnd(const CTestFd& aFd, std::string& aData) {
     while ((lRead = read(aFd.Get(), buffer, sizeof buffer)) > 0)
         aData.append(buffer, static_cast<size_t>(lRead));
     return lRead == 0;
-}
-
-// Turns of a reactor until something holds; gives up, and fails, after so many that it will not happen any more.
-template <class Condition>
-BOOL RunUntil(CCmReactorEpoll& aReactor, Condition aCondition) {
-    for (int i = 0; i < 100000 && !aCondition(); ++i)
-        EXPECT_EQ(CM_OK, aReactor.RunOnce());
-    const BOOL bHolds = aCondition();
-    EXPECT_TRUE(bHolds) << "has not happened";
-    return bHolds;
 }
 
 // Runs in another thread of the library and waits for it.
@@ -183,13 +174,13 @@ public:
     static CCmConnectionManager& Manager() { return *CCmConnectionManager::Instance(); }
 
     template <class Condition>
-    BOOL RunUntil(Condition aCondition) const {
-        return ::RunUntil(Main(), aCondition);
+    void RunUntil(Condition aCondition) const {
+        ::RunUntil(Main(), aCondition);
     }
     // A listener of the calling thread on a port of its own, which aAddr gets.
     static CCmRefPtrT<ICmAcceptor> Listen(ICmAcceptorConnectorSink& aSink, CCmInetAddr& aAddr, DWORD aType = 1) {
         const auto pAcceptor = MakeAcceptor(aType);
-        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&aSink, CCmInetAddr("127.0.0.1", 0)));
+        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&aSink, CCmInetAddr(OwnLoopback(), 0)));
         EXPECT_EQ(CM_OK, pAcceptor->GetListenAddr(aAddr));
         return pAcceptor;
     }

@@ -13,7 +13,7 @@ using Datagrams = std::vector<std::string>;
 class CPlainUdp {
 public:
     CPlainUdp() {
-        EXPECT_EQ(0, m_Socket.Open(CCmInetAddr("127.0.0.1", 0)));
+        EXPECT_EQ(0, m_Socket.Open(CCmInetAddr(OwnLoopback(), 0)));
         EXPECT_EQ(0, m_Socket.Enable(CCmIPCBase::NON_BLOCK));
         const int nSize = 1 << 20;
         m_Socket.SetOption(SOL_SOCKET, SO_RCVBUF, &nSize, sizeof nSize);

@@ -11,7 +11,7 @@ import tempfile
 import unittest
 
 TALVO = os.path.abspath(sys.argv.pop(1))
-PATIENCE = 120  # seconds; only how long a failing test takes
+PATIENCE = 240  # seconds; only how long a failing test takes
 
 
 class ResolveTest(unittest.TestCase):

@@ -15,7 +15,9 @@ import time
 import unittest
 
 TALVO = sys.argv.pop(1)
-PATIENCE = 60  # seconds; only how long a failing test takes
+PATIENCE = 240  # seconds; only how long a failing test takes
+# An address of loopback that no other process uses, so that nobody takes a port that was let go.
+HOST = f"127.{64 + (os.getpid() >> 16) % 128}.{os.getpid() >> 8 & 255}.{os.getpid() & 255}"
 MESSAGE_TYPES = "length", "package", "package-keepalive", "nopartial"
 
 
@@ -31,7 +33,7 @@ class Server:
     """A `talvo recv` or `talvo echo` that is ready."""
 
     def __init__(self, *arguments):
-        self.process = subprocess.Popen([TALVO, *arguments, "--host", "127.0.0.1", "--port", "0"], text=True,
+        self.process = subprocess.Popen([TALVO, *arguments, "--host", HOST, "--port", "0"], text=True,
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         first = self.process.stdout.readline()
         if "--json" in arguments:
@@ -39,7 +41,7 @@ class Server:
         else:
             assert self.process.stdout.readline() == "ready\n"
             self.port = int(first.rpartition(":")[2])
-        self.address = f"127.0.0.1:{self.port}"
+        self.address = f"{HOST}:{self.port}"
 
     def end(self, with_signal=signal.SIGINT):
         """The exit status and what it said on its two outputs."""
@@ -197,7 +199,7 @@ class TransferTest(unittest.TestCase):
     def test_full_disk_is_refused_with_the_reason(self):
         # A limit on the size of files stands in for the disk: it fails the same write.
         server = Server.__new__(Server)
-        script = f"ulimit -f 1000; trap '' XFSZ; exec '{TALVO}' recv --host 127.0.0.1 --port 0 --out '{self.out}'"
+        script = f"ulimit -f 1000; trap '' XFSZ; exec '{TALVO}' recv --host {HOST} --port 0 --out '{self.out}'"
         server.process = subprocess.Popen(["bash", "-c", script], text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.servers.append(server)
         address = server.process.stdout.readline().split()[-1]
@@ -224,7 +226,7 @@ class TransferTest(unittest.TestCase):
         }
         server = self.serve("recv", "--out", self.out)
         for attack, expected in hostile.items():
-            with socket.create_connection(("127.0.0.1", server.port), PATIENCE) as peer:
+            with socket.create_connection((HOST, server.port), PATIENCE) as peer:
                 try:
                     peer.sendall(attack)
                     while peer.recv(4096):
@@ -234,7 +236,7 @@ class TransferTest(unittest.TestCase):
             self.assertIn(expected, server.process.stderr.readline())
         # Well-formed, but its files are refused one by one, and the answer to each comes.
         refused = [(8, name) for name in (b"../up", b"/abs", b"..", b"new\nline", b".talvo-x.part")] + [(1 << 63, b"huge")]
-        with socket.create_connection(("127.0.0.1", server.port), PATIENCE) as peer:
+        with socket.create_connection((HOST, server.port), PATIENCE) as peer:
             peer.sendall(hello)
             for size, name in refused:
                 peer.sendall(frame(2, struct.pack(">Q", size) + name))
@@ -291,7 +293,7 @@ class TransferTest(unittest.TestCase):
 
     def test_echo_survives_a_client_that_does_not_read(self):
         echo = self.serve("echo")
-        with socket.create_connection(("127.0.0.1", echo.port)) as peer:
+        with socket.create_connection((HOST, echo.port)) as peer:
             peer.setblocking(False)
             payload, sent = os.urandom(1 << 16), 0
             try:

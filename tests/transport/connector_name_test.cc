@@ -79,20 +79,17 @@ protected:
     CmResult Connect(const CCmInetAddr& aAddr) {
         CTestClient client;
         client.Connect(aAddr);
-        EXPECT_TRUE(RunUntil([&] { return client.m_nIndications > 0; }));
+        RunUntil([&] { return client.m_nIndications > 0; });
         Settle();
         EXPECT_EQ(1, client.m_nIndications);
         EXPECT_EQ(client.m_Reason == CM_OK, static_cast<bool>(client.m_pTransport));
         return client.m_Reason;
     }
 
-    // What is under way in the two threads is through.
-    void Settle() {
-        ACmThread* pNetwork = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_NETWORK);
-        for (int i = 0; i < 3; ++i) {
-            EXPECT_EQ(CM_OK, pNetwork->GetLink().Call([] { return CM_OK; }));
-            m_Main.RunOnce();
-        }
+    // Until a line has been written and what belongs to it was done.
+    void RunUntilTraced(const CCmTraceCapture& aTrace, const std::string& aText) const {
+        RunUntil([&] { return aTrace.Contains(aText); });
+        Settle();
     }
 
     WORD m_wPort = 0;
@@ -137,12 +134,12 @@ TEST_F(ConnectorNameTest, TheNextAddressIsTriedAQuarterOfASecondLater) {
     CCmTraceCapture trace;
     CTestClient client;
     client.Connect(At("late"));
-    ASSERT_TRUE(RunUntil([&] { return trace.Contains("Connect_i, addr=127.0.0.3"); }));
+    RunUntilTraced(trace, "Connect_i, addr=127.0.0.3");
     m_Clock.Advance(CCmTimeValue(0, 249999));
     Settle();
     EXPECT_FALSE(trace.Contains("Connect_i, addr=127.0.0.1"));
     m_Clock.Advance(CCmTimeValue(0, 1));
-    ASSERT_TRUE(RunUntil([&] { return client.m_nIndications > 0; }));
+    RunUntil([&] { return client.m_nIndications > 0; });
     EXPECT_EQ(CM_OK, client.m_Reason);
     EXPECT_EQ("127.0.0.1", client.m_AddrPeer.GetIpDisplayName());
 }
@@ -152,13 +149,12 @@ TEST_F(ConnectorNameTest, TheTimeOutCoversEverythingAndEndsEveryAttempt) {
     CTestClient client;
     CCmTimeValue tvTimeout(2);
     client.Connect(At("hanging"), &tvTimeout);
-    ASSERT_TRUE(RunUntil([&] { return trace.Contains("Connect_i, addr=127.0.0.3"); }));
+    RunUntilTraced(trace, "Connect_i, addr=127.0.0.3");
     m_Clock.Advance(CCmTimeValue(1));
-    ASSERT_TRUE(RunUntil([&] { return trace.Contains("connect() failed! addr=127.0.0.2"); }));
-    Settle();
+    RunUntilTraced(trace, "connect() failed! addr=127.0.0.2");
     EXPECT_EQ(0, client.m_nIndications);  // the first one still runs
     m_Clock.Advance(CCmTimeValue(1));
-    ASSERT_TRUE(RunUntil([&] { return client.m_nIndications > 0; }));
+    RunUntil([&] { return client.m_nIndications > 0; });
     EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, client.m_Reason);
     EXPECT_TRUE(trace.Contains("CCmConnectorWrapper::OnTimeout, connect timeout."));
 
@@ -170,13 +166,12 @@ TEST_F(ConnectorNameTest, TheTimeOutCoversEverythingAndEndsEveryAttempt) {
     socklen_t length = addr.GetSize();
     ASSERT_EQ(0, getsockname(silent.Get(), reinterpret_cast<sockaddr*>(addr.GetPtr()), &length));
     m_Keys["Servers"] = "127.0.0.1:" + std::to_string(addr.GetPort());
-    m_Keys["TimeoutMs"] = "60000";
     Configure();
     client.Connect(At("slow.test"), &tvTimeout);
     EXPECT_NE("", silent.Read());  // waits until it is asked
     Settle();
     m_Clock.Advance(CCmTimeValue(2));
-    ASSERT_TRUE(RunUntil([&] { return client.m_nIndications > 1; }));
+    RunUntil([&] { return client.m_nIndications > 1; });
     EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, client.m_Reason);
 
     // And a cancel in the middle is the end of it.
@@ -184,7 +179,7 @@ TEST_F(ConnectorNameTest, TheTimeOutCoversEverythingAndEndsEveryAttempt) {
     Settle();
     client.Cancel();
     client.Connect(At("good"));
-    ASSERT_TRUE(RunUntil([&] { return client.m_nIndications > 2; }));
+    RunUntil([&] { return client.m_nIndications > 2; });
     EXPECT_EQ(CM_OK, client.m_Reason);
     EXPECT_EQ(3, client.m_nIndications);
 }
@@ -193,7 +188,7 @@ TEST_F(ConnectorNameTest, ACancelledRaceLeavesNothing) {
     CCmTraceCapture trace;
     CTestClient client;
     client.Connect(At("late"));
-    ASSERT_TRUE(RunUntil([&] { return trace.Contains("Connect_i, addr=127.0.0.3"); }));
+    RunUntilTraced(trace, "Connect_i, addr=127.0.0.3");
     client.Cancel();
     m_Clock.Advance(CCmTimeValue(1));
     Settle();

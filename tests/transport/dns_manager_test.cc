@@ -5,19 +5,7 @@
 #include "tests/support/dns_helpers.h"
 #include "tests/support/event_socket.h"
 
-namespace {
-
-class DnsManagerTest : public CDnsTest {
-protected:
-    // Nothing more arrives in the main thread: what was under way in the network thread is through, and so is the queue here.
-    void Settle() {
-        ACmThread* pNetwork = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_NETWORK);
-        EXPECT_EQ(CM_OK, pNetwork->GetLink().Call([] { return CM_OK; }));
-        m_Main.RunOnce();
-    }
-};
-
-}  // namespace
+using DnsManagerTest = CDnsTest;
 
 TEST_F(DnsManagerTest, LiteralsAndBadNamesAreAnsweredAtOnce) {
     DnsRecordPtr pRecord;
@@ -49,7 +37,7 @@ TEST_F(DnsManagerTest, OneLookUpServesAllAskersAndThenTheCache) {
     EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("ONE", pRecord, &second, TRUE));
     EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("one", pRecord, &second, TRUE));
     EXPECT_FALSE(pRecord);
-    ASSERT_TRUE(RunUntil([&] { return second.m_Records.size() == 2; }));
+    RunUntil([&] { return second.m_Records.size() == 2; });
     ASSERT_EQ(1u, first.m_Records.size());
     EXPECT_EQ("10.0.0.1 10.0.0.2", TextOf(first.m_Records[0]));
     EXPECT_EQ(CM_OK, Ask("One", pRecord, &first));
@@ -65,8 +53,7 @@ TEST_F(DnsManagerTest, NothingIsHeardAfterCancelEvenWhatWasPosted) {
     EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("localhost", pRecord, &observer));
     EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("x.localhost", pRecord, &observer));
     // The answers are in the main thread's queue now.
-    ASSERT_EQ(CM_OK,
-              CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_NETWORK)->GetLink().Call([] { return CM_OK; }));
+    m_Network.InNetwork([] {});
     EXPECT_EQ(CM_OK, CCmDnsManager::Instance()->CancelResolve(&observer));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, CCmDnsManager::Instance()->CancelResolve(&observer));
     Settle();
@@ -120,18 +107,17 @@ TEST_F(DnsManagerTest, AddressesAreCompletedFromTheCache) {
     WriteHosts("10.0.0.1 one\n");
     CCmInetAddr addr("one", 80);
     EXPECT_FALSE(addr.IsResolved());
-    ASSERT_TRUE(RunUntil([&] { return addr.TryResolve() == CM_OK; }));
+    RunUntil([&] { return addr.TryResolve() == CM_OK; });
     EXPECT_EQ("10.0.0.1", addr.GetIpDisplayName());
     EXPECT_EQ(80, addr.GetPort());
     CCmInetAddr none("none.invalid", 80);
-    ASSERT_TRUE(RunUntil([&] { return none.TryResolve() == CM_OK; }));
+    RunUntil([&] { return none.TryResolve() == CM_OK; });
     EXPECT_EQ("255.255.255.255", none.GetIpDisplayName());
     CCmInetAddr bad("a b", 80);
     EXPECT_EQ(CM_ERROR_INVALID_ARG, bad.TryResolve());
 }
 
 TEST_F(DnsManagerTest, TheEndOfTheNetworkThreadIsAFailureThatIsNotKept) {
-    m_Keys["TimeoutMs"] = "60000";
     CTestFd silent(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in addr = *CCmInetAddr("127.0.0.1", 0).GetPtr();
     socklen_t length = sizeof(addr);
@@ -144,8 +130,8 @@ TEST_F(DnsManagerTest, TheEndOfTheNetworkThreadIsAFailureThatIsNotKept) {
     EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("a.test", pRecord, &observer));
     Settle();
     EXPECT_TRUE(observer.m_Records.empty());
-    CCmConnectionManager::CleanupInstance();
-    ASSERT_TRUE(RunUntil([&] { return !observer.m_Records.empty(); }));
+    m_Network.EndNetworkThread();
+    RunUntil([&] { return !observer.m_Records.empty(); });
     EXPECT_EQ(CCmDnsRecord::FAILED, observer.m_Records[0]->GetState());
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, Ask("a.test", pRecord, &observer));
 

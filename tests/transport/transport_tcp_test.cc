@@ -15,8 +15,8 @@ protected:
     }
     void Open() { ASSERT_EQ(CM_OK, m_pTransport->OpenWithSink(&m_Sink)); }
     template <class Condition>
-    BOOL Until(Condition aCondition) {
-        return RunUntil(m_Main.GetReactor(), aCondition);
+    void Until(Condition aCondition) const {
+        RunUntil(m_Main.GetReactor(), aCondition);
     }
     // Enough turns for whatever the loop still has to say.
     void Settle() {

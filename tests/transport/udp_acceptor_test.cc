@@ -16,8 +16,8 @@ protected:
         };
         Listen();
     }
-    void Listen(WORD aPort = 0) {
-        EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(&m_Sink, CCmInetAddr("127.0.0.1", aPort)));
+    void Listen() {
+        EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(&m_Sink, CCmInetAddr(OwnLoopback(), 5400)));
         EXPECT_EQ(CM_OK, m_pAcceptor->GetListenAddr(m_Addr));
     }
     ICmTransport& Transport(size_t aIndex) { return *m_Sink.m_Transports[aIndex]; }
@@ -166,7 +166,7 @@ TEST_F(UdpAcceptorTest, PeersOutliveTheListeningAndHoldThePort) {
     EXPECT_EQ((Datagrams{"1", "2"}), m_Datagrams.m_Datagrams);
     EXPECT_EQ(1u, m_Sink.Count());
     m_Sink.m_Transports.clear();
-    Listen(m_Addr.GetPort());  // at once
+    Listen();  // at once
 
     // The acceptor goes inside its own upcall, in the middle of a batch.
     m_Sink.m_Indicated = [this] {

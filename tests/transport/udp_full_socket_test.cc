@@ -100,7 +100,7 @@ TEST_F(UdpFullTest, WaitingEchoesKeepTheirBytes) {
 TEST_F(UdpFullTest, EveryRefusedPeerGetsItsTurn) {
     CPeerSink connectSink;
     CCmRefPtrT<CCmAcceptorUdp> pAcceptor(new CCmAcceptorUdp);
-    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&connectSink, CCmInetAddr("127.0.0.1", 0)));
+    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&connectSink, CCmInetAddr(OwnLoopback(), 0)));
     CCmInetAddr addr;
     EXPECT_EQ(CM_OK, pAcceptor->GetListenAddr(addr));
     CPlainUdp peers[4];

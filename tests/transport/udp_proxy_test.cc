@@ -13,7 +13,7 @@ class CListener {
 public:
     explicit CListener(CTestNetwork& aNetwork) : m_pAcceptor(aNetwork.MakeAcceptor(UDP)) {
         m_Connects.m_Indicated = [this] { EXPECT_EQ(CM_OK, m_Connects.m_Transports.back()->OpenWithSink(&m_Sink)); };
-        EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(&m_Connects, CCmInetAddr("127.0.0.1", 0)));
+        EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(&m_Connects, CCmInetAddr(OwnLoopback(), 0)));
         EXPECT_EQ(CM_OK, m_pAcceptor->GetListenAddr(m_Addr));
     }
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;

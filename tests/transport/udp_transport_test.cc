@@ -211,7 +211,7 @@ TEST_F(UdpTest, AConnectEndsAsItShould) {
     pConnector->AsycConnect(&sink, peer.Addr(), nullptr, &addrTaken);
     m_Network.RunUntil([&] { return sink.Count() == 2; });
     EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, sink.m_Reasons[1]);
-    EXPECT_TRUE(trace.Contains("CCmConnectorUdpT::Connect, m_Socket.Open() failed! addr=127.0.0.1"));
+    EXPECT_TRUE(trace.Contains("CCmConnectorUdpT::Connect, m_Socket.Open() failed! addr=" + peer.Addr().GetIpDisplayName()));
 
     pConnector->AsycConnect(&sink, peer.Addr());
     pConnector->CancelConnect();
@@ -221,5 +221,5 @@ TEST_F(UdpTest, AConnectEndsAsItShould) {
     pConnector->AsycConnect(&sink, peer.Addr());
     m_Network.RunUntil([&] { return sink.Count() == 3; });
     EXPECT_EQ(CM_OK, sink.m_Reasons[2]);
-    EXPECT_TRUE(trace.Contains("CCmConnectorUdpT::Connect, connect() successful. addr=127.0.0.1"));
+    EXPECT_TRUE(trace.Contains("CCmConnectorUdpT::Connect, connect() successful. addr=" + peer.Addr().GetIpDisplayName()));
 }
