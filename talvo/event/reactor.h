@@ -53,9 +53,9 @@ public:
     // Watches aEh->GetHandle() for what aMask says; always for close. The handler is not owned and must be removed before it
     // dies or closes its handle. Registering a handle again changes its mask or its handler; readiness that is there already is
     // then reported for the kinds that are new. With DATAGRAM_MASK a failure that the system has noted is reported as readiness
-    // to read, for OnInput to fetch, and never as a close.
-    // CM_OK: new, or nothing to change. CM_ERROR_FOUND: changed; also a success. CM_ERROR_INVALID_ARG: aEh is null or the mask
-    // is empty. CM_ERROR_UNEXPECTED: the system refuses the handle.
+    // to read, for OnInput to fetch, and never as a close; and OnInput is called again while there is something to read,
+    // whatever it returned. CM_OK: new, or nothing to change. CM_ERROR_FOUND: changed; also a success. CM_ERROR_INVALID_ARG:
+    // aEh is null or the mask is empty. CM_ERROR_UNEXPECTED: the system refuses the handle.
     virtual CmResult RegisterHandler(ACmEventHandler* aEh, long aMask) = 0;
 
     // Takes the kinds in aMask away, and the handler when none is left; never calls OnClose. CM_OK: gone, or it had none of

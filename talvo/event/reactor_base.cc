@@ -52,7 +52,7 @@ CmResult CCmReactorBase::RegisterHandler(ACmEventHandler* aEh, long aMask) {
         return CM_OK;
     const BOOL bAdded = (lMask & ~pElement->m_lMask) != 0 || pElement->m_pEh != aEh;
     const CmResult rv = m_Handlers.Bind(fd, aEh, lMask);
-    if (bAdded)
+    if (bAdded || (lMask & ACmEventHandler::DATAGRAM_MASK))
         OnHandleMaskAdded(fd);
     return rv;
 }

@@ -62,7 +62,7 @@ protected:
     // carry flags above ALL_EVENTS_MASK that the caller of RegisterHandler gave.
     virtual CmResult OnHandleRegister(HANDLE aFd, long aMask, ACmEventHandler* aEh) = 0;
     // A watched handle is now registered for kinds that it was not registered for, or with another handler: report what is
-    // ready already.
+    // ready already. A handle of datagrams: its kinds have changed, in whatever way.
     virtual void OnHandleMaskAdded(HANDLE aFd);
 
     BOOL IsOpen() const { return m_pTimerQueue != nullptr; }

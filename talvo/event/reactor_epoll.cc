@@ -39,6 +39,13 @@ BOOL IsPaused(const CCmEventHandlerRepository::CElement& aElement) {
     return aElement.m_bHasRead && !(aElement.m_lMask & ACmEventHandler::READ_MASK);
 }
 
+// By level: a handler that takes one datagram a report pays neither for a look whether there is another nor for a change of the
+// watch. Who does not read would be told of a failure for ever, and so is told by edge.
+DWORD WatchDatagrams(long aMask) {
+    const DWORD dwRead = aMask & ACmEventHandler::READ_MASK ? DWORD{EPOLLIN} : DWORD{EPOLLET};
+    return aMask & ACmEventHandler::WRITE_MASK ? dwRead | EPOLLOUT : dwRead;
+}
+
 }  // namespace
 
 CCmReactorEpoll::CCmReactorEpoll()
@@ -171,7 +178,8 @@ void CCmReactorEpoll::ReportIn_i(HANDLE aFd, DWORD aBinding) {
     if (ProcessHandleEvent(aFd, ACmEventHandler::READ_MASK, CM_OK, FALSE, FALSE) != CM_OK)
         return;
     pElement = FindBinding_i(aFd, aBinding);
-    if (pElement && (pElement->m_lMask & ACmEventHandler::READ_MASK))
+    const long lMask = pElement ? pElement->m_lMask : ACmEventHandler::NULL_MASK;
+    if ((lMask & ACmEventHandler::READ_MASK) && !(lMask & ACmEventHandler::DATAGRAM_MASK))
         OnHandleMaskAdded(aFd);  // go on: the system looks again, and the others get their turn first
 }
 
@@ -180,12 +188,8 @@ void CCmReactorEpoll::ReportDatagrams_i(HANDLE aFd, DWORD aBinding, DWORD aEvent
     if (aEvents & (EPOLLIN | EPOLLERR | EPOLLHUP))
         ReportIn_i(aFd, aBinding);
     const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
-    if (!(aEvents & EPOLLOUT) || !pElement)
-        return;
-    if (pElement->m_lMask & ACmEventHandler::WRITE_MASK)
+    if ((aEvents & EPOLLOUT) && pElement && (pElement->m_lMask & ACmEventHandler::WRITE_MASK))
         ProcessHandleEvent(aFd, ACmEventHandler::WRITE_MASK, CM_OK, FALSE, FALSE);
-    else
-        OnHandleMaskAdded(aFd);  // still watched for what nobody waits for: every datagram that leaves would wake the loop
 }
 
 void CCmReactorEpoll::ReportClose_i(HANDLE aFd, DWORD aBinding, CmResult aReason) {
@@ -263,7 +267,7 @@ int CCmReactorEpoll::Watch_i(int aOperation, HANDLE aFd, long aMask, DWORD aBind
     if (aMask & ACmEventHandler::ACCEPT_MASK)
         event.events = EPOLLIN;
     else if (aMask & ACmEventHandler::DATAGRAM_MASK)
-        event.events = aMask & ACmEventHandler::WRITE_MASK ? EPOLLIN | EPOLLOUT | EPOLLET : EPOLLIN | EPOLLET;
+        event.events = WatchDatagrams(aMask);
     else
         event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
     event.data.u64 = uint64_t{aBinding} << 32 | static_cast<DWORD>(aFd);

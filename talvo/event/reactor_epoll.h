@@ -11,9 +11,9 @@ struct epoll_event;
 
 // Handles are watched edge-triggered for reading and writing at once, so a message costs no system call but the wait, the
 // receive and the send. No edge is lost: a handler that returns 0 from OnInput ("go on") is asked again if there really is
-// something to read, kinds that are added to a mask are reported if they are ready. Handles of datagrams are watched for
-// writing only while their handler asks for it, because the system reports room after each datagram that has left. Listening
-// handles are watched level-triggered.
+// something to read, kinds that are added to a mask are reported if they are ready. Handles of datagrams are watched
+// level-triggered, and for writing only while their handler asks for it, because the system reports room after each datagram
+// that has left. Listening handles are watched level-triggered, too.
 //
 // One turn of the loop: wait; every readiness report, each followed by a look at the timers; notifications; events; timers. The
 // loop wakes at least every tick (10 ms; configuration key "TickMs" in section "Reactor"), and then looks at its events, so

@@ -31,7 +31,8 @@ protected:
     virtual ~IDatagramUser() = default;
 };
 
-// Receives up to 32 datagrams with one system call a report. What is sent while they are handled leaves with one call behind
+// Receives up to 32 datagrams with one system call a report; where datagrams have come one by one for a while, it asks for
+// one, with a cheaper call, and for more every few reports. What is sent while they are handled leaves with one call behind
 // the last of them; what is sent at any other time is collected in the same way, until 32 wait or a timer of no delay fires,
 // that is before the loop sleeps again. Nothing ever waits for more to come. Lives in the thread of its reactor.
 class TALVO_API CDatagramPort final : public ACmEventHandler, public ICmTimerHandler {
@@ -78,6 +79,7 @@ public:
 
 private:
     int Receive();
+    int ReceiveSome();
     void Deliver(int aCount);
     void Flush();
     void FlushLater();
@@ -96,6 +98,7 @@ private:
     BOOL m_bPaused = FALSE;
     BOOL m_bRefused = FALSE;  // somebody waits for OnWritable
     BOOL m_bBroken = FALSE;   // a send found that out, and OnBroken has to be told
+    DWORD m_dwAlone = 0;      // datagrams that were alone when they came, without another case between them
     int64_t m_llReceivedUsec = 0;
     CCmTimeValue m_tvTraced;  // when the last line about a lost datagram was written
     CCmDatagramCounters m_Counters;

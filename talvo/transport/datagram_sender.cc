@@ -10,6 +10,12 @@
 
 namespace talvo {
 
+namespace {
+
+constexpr int SEND_FLAGS = MSG_DONTWAIT | MSG_NOSIGNAL;
+
+}  // namespace
+
 CmResult CheckDatagram(const CCmMessageBlock& aData, DWORD& aLength) {
     uint64_t ullLength = 0;
     DWORD dwPieces = 0;
@@ -85,8 +91,11 @@ int CDatagramSender::Flush(HANDLE aFd) {
 }
 
 int CDatagramSender::SendSome(HANDLE aFd) {
-    mmsghdr* pMessages = GetDatagramBuffers().m_Sent;
+    ++m_ullCalls;
     const size_t stCount = std::min<size_t>(m_Datagrams.size() - m_stGone, CDatagramBuffers::BATCH);
+    if (stCount == 1 && m_Datagrams[m_stGone].m_stPieces == 1)
+        return SendOne(aFd, m_Datagrams[m_stGone]);
+    mmsghdr* pMessages = GetDatagramBuffers().m_Sent;
     for (size_t i = 0; i < stCount; ++i) {
         CDatagram& datagram = m_Datagrams[m_stGone + i];
         msghdr& header = pMessages[i].msg_hdr;
@@ -95,8 +104,15 @@ int CDatagramSender::SendSome(HANDLE aFd) {
         header.msg_iov = m_Pieces.data() + datagram.m_stPiece;
         header.msg_iovlen = datagram.m_stPieces;
     }
-    ++m_ullCalls;
-    return sendmmsg(aFd, pMessages, static_cast<unsigned>(stCount), MSG_DONTWAIT | MSG_NOSIGNAL);
+    return sendmmsg(aFd, pMessages, static_cast<unsigned>(stCount), SEND_FLAGS);
+}
+
+// The plain call is cheaper when there is nothing to gather.
+int CDatagramSender::SendOne(HANDLE aFd, const CDatagram& aDatagram) const {
+    const iovec& piece = m_Pieces[aDatagram.m_stPiece];
+    const auto* pTo = reinterpret_cast<const sockaddr*>(aDatagram.m_bConnected ? nullptr : &aDatagram.m_To);
+    const socklen_t length = aDatagram.m_bConnected ? 0 : sizeof aDatagram.m_To;
+    return sendto(aFd, piece.iov_base, piece.iov_len, SEND_FLAGS, pTo, length) >= 0 ? 1 : -1;
 }
 
 // What waits for room outlives the loan. A datagram for which there is no memory is lost.

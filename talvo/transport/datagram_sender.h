@@ -56,6 +56,7 @@ private:
 
     BOOL IsLent(const void* aByte) const { return aByte >= m_pLentBegin && aByte < m_pLentEnd; }
     int SendSome(HANDLE aFd);
+    int SendOne(HANDLE aFd, const CDatagram& aDatagram) const;
     void KeepRest();
     BOOL KeepLent(CDatagram& aDatagram);
     static BOOL Keep(CDatagram& aDatagram, const CCmMessageBlock& aBlock, iovec& aPiece);

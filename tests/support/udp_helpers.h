@@ -21,7 +21,9 @@ public:
     }
     const CCmInetAddr& Addr() const { return m_Addr; }
     void Send(const CCmInetAddr& aTo, const std::string& aData) const {
-        EXPECT_EQ(static_cast<int>(aData.size()), m_Socket.SendTo(aData.data(), static_cast<DWORD>(aData.size()), aTo));
+        iovec piece{const_cast<char*>(aData.data()), aData.size()};
+        const msghdr message{const_cast<sockaddr_in*>(aTo.GetPtr()), aTo.GetSize(), &piece, 1, nullptr, 0, 0};
+        EXPECT_EQ(static_cast<ssize_t>(aData.size()), sendmsg(m_Socket.GetHandle(), &message, 0));
     }
     // Everything that is there now.
     Datagrams Receive() {
@@ -97,7 +99,8 @@ protected:
             return nullptr;
         return static_cast<CCmTransportUdp*>(sink.m_Transports[0].Get());
     }
-    void Turns(int aCount = 5) const {
+    // More than enough for whatever is there.
+    void Turns(int aCount = 20) const {
         for (int i = 0; i < aCount; ++i)
             EXPECT_EQ(CM_OK, m_Network.Main().RunOnce(&CCmTimeValue::s_tvZero));
     }

@@ -86,7 +86,7 @@ TEST_F(UdpAcceptorTest, WhoIsNotKeptLeavesNothing) {
     CPlainUdp peers[50];
     for (const CPlainUdp& peer : peers)
         peer.Send(m_Addr, "x");
-    Turns(10);
+    Turns();
     EXPECT_EQ(50u, m_Sink.Count());
     EXPECT_EQ(0u, m_pAcceptor->GetPeerCount());
     EXPECT_EQ(std::string::npos, CCmLiveCounter::Dump().find("CCmTransportUdp"));

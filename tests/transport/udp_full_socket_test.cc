@@ -12,7 +12,17 @@ int s_nRoom = -1;  // datagrams that still fit; -1: any number
 
 }  // namespace
 
-// Stands in for the system's, also inside the library.
+// These stand in for the system's, also inside the library.
+extern "C" [[gnu::visibility("default")]] ssize_t sendto(int aFd, const void* aData, size_t aSize, int aFlags,
+                                                         const sockaddr* aTo, socklen_t aLength) {
+    if (s_nRoom == 0) {
+        errno = EAGAIN;
+        return -1;
+    }
+    s_nRoom -= s_nRoom > 0;
+    return syscall(SYS_sendto, aFd, aData, aSize, aFlags, aTo, aLength);
+}
+
 extern "C" [[gnu::visibility("default")]] int sendmmsg(int aFd, mmsghdr* aMessages, unsigned aCount, int aFlags) {
     if (s_nRoom == 0) {
         errno = EAGAIN;
