@@ -77,19 +77,20 @@ private:
     const DWORD m_dwThread = cm_thread_self_id();
 };
 
-// Keeps what an acceptor or connector indicates.
+// Keeps what an acceptor or connector indicates, unless it is told not to.
 class CTestConnectSink : public ICmAcceptorConnectorSink {
 public:
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override {
         EXPECT_EQ(aReason == CM_OK, aTrpt != nullptr);
         m_Reasons.push_back(aReason);
         m_pLastId = aRequestId;
-        if (aTrpt)
+        if (aTrpt && m_bKeep)
             m_Transports.emplace_back(aTrpt);
         m_Indicated();
     }
     size_t Count() const { return m_Reasons.size(); }
 
+    BOOL m_bKeep = TRUE;
     std::vector<CmResult> m_Reasons;
     std::vector<CCmRefPtrT<ICmTransport>> m_Transports;
     ICmAcceptorConnectorId* m_pLastId = nullptr;

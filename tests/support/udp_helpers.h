@@ -58,26 +58,6 @@ public:
     BOOL m_bEcho = FALSE;
 };
 
-// Keeps what an acceptor or connector indicates, unless it is told not to.
-class CPeerSink : public ICmAcceptorConnectorSink {
-public:
-    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override {
-        EXPECT_EQ(aReason == CM_OK, aTrpt != nullptr);
-        m_Reasons.push_back(aReason);
-        m_pLastId = aRequestId;
-        if (m_bKeep && aTrpt)
-            m_Transports.emplace_back(aTrpt);
-        m_Indicated();
-    }
-    size_t Count() const { return m_Reasons.size(); }
-
-    BOOL m_bKeep = TRUE;
-    std::vector<CmResult> m_Reasons;
-    std::vector<CCmRefPtrT<ICmTransport>> m_Transports;
-    ICmAcceptorConnectorId* m_pLastId = nullptr;
-    std::function<void()> m_Indicated = [] {};
-};
-
 // "0", "1", ...
 inline Datagrams Numbered(int aFrom, int aTo) {
     Datagrams all;
@@ -90,7 +70,7 @@ inline Datagrams Numbered(int aFrom, int aTo) {
 class UdpTest : public testing::Test {
 protected:
     CCmRefPtrT<CCmTransportUdp> Connect(const CCmInetAddr& aAddr) {
-        CPeerSink sink;
+        CTestConnectSink sink;
         const auto pConnector = m_Network.MakeConnector(CCmConnectionManager::CTYPE_UDP);
         pConnector->AsycConnect(&sink, aAddr);
         EXPECT_EQ(0u, sink.Count());

@@ -10,12 +10,15 @@
 
 namespace {
 
+constexpr DWORD TCP = CCmConnectionManager::CTYPE_TCP;
+constexpr DWORD UDP = CCmConnectionManager::CTYPE_UDP;
+
 // Sends back what comes, on any number of connections; all in the thread that made it.
 class CEchoServer : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
-    CEchoServer() {
+    explicit CEchoServer(DWORD aType = TCP) {
         CCmInetAddr addr;
-        m_pAcceptor = CTestNetwork::Listen(*this, addr);
+        m_pAcceptor = CTestNetwork::Listen(*this, addr, aType);
         m_wPort = addr.GetPort();
     }
     ~CEchoServer() override {
@@ -40,7 +43,8 @@ public:
 // Connects by name and, if it shall, keeps one byte going to and fro.
 class CLoadClient : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
-    explicit CLoadClient(BOOL aTalks = FALSE) : m_bTalks(aTalks), m_pConnector(CTestNetwork::MakeConnector()) {}
+    explicit CLoadClient(BOOL aTalks = FALSE, DWORD aType = TCP)
+        : m_bTalks(aTalks), m_pConnector(CTestNetwork::MakeConnector(aType)) {}
     ~CLoadClient() override {
         m_pConnector->CancelConnect();
         if (m_pTransport)
@@ -48,7 +52,10 @@ public:
     }
 
     void Connect(const std::string& aName, WORD aPort) { m_pConnector->AsycConnect(this, CCmInetAddr(aName.c_str(), aPort)); }
-    void Send() { EXPECT_EQ(CM_OK, SendText(*m_pTransport, "x")); }
+    void Send(size_t aSize = 1) {
+        if (m_pTransport)
+            SendText(*m_pTransport, std::string(aSize, 'x'));
+    }
 
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
         ++m_nIndications;
@@ -62,7 +69,8 @@ public:
     }
     void OnReceive(CCmMessageBlock&, ICmTransport*, CCmTransportParameter*) override {
         ++m_nRounds;
-        Send();
+        if (m_bTalks)
+            Send();
     }
     void OnSend(ICmTransport*, CCmTransportParameter*) override {}
     void OnDisconnect(CmResult, ICmTransport*) override { m_pTransport.Reset(); }
@@ -141,15 +149,15 @@ TEST_F(DnsLoadTest, AThousandConnectsByNameEndWellWhileTrafficGoesOn) {
 
 namespace {
 
-// Does one thing after another at random in its thread: connects, cancels, asks, releases.
+// Does one thing after another at random in its thread: connects, cancels, asks, sends, disconnects, releases.
 class CRandomUser {
 public:
-    CRandomUser(unsigned aSeed, WORD aPort) : m_Random(aSeed), m_wPort(aPort) {}
+    CRandomUser(unsigned aSeed, WORD aPort, WORD aPortUdp) : m_Random(aSeed), m_wPort(aPort), m_wPortUdp(aPortUdp) {}
 
     void Step() {
-        switch (m_Random() % 8) {
+        switch (m_Random() % 12) {
         case 0:
-            m_pClient = std::make_unique<CLoadClient>();
+            Make(m_Random() % 2 ? TCP : UDP);
             break;
         case 1:
             m_pClient.reset();
@@ -170,15 +178,27 @@ public:
         case 6:
             Client().m_pTransport.Reset();
             break;
+        case 7:
+            if (const auto& pTransport = Client().m_pTransport)
+                pTransport->Disconnect(m_Random() % 2 ? CM_OK : CM_ERROR_FAILURE);
+            break;
+        case 8:
+        case 9:
+            Client().Send(m_Random() % 3000);
+            break;
         default:
-            Client().Connect(Name(), m_wPort);
+            Client().Connect(Name(), m_wPortNow);
         }
     }
 
 private:
+    void Make(DWORD aType) {
+        m_pClient = std::make_unique<CLoadClient>(m_Random() % 2, aType);
+        m_wPortNow = aType == TCP ? m_wPort : m_wPortUdp;
+    }
     CLoadClient& Client() {
         if (!m_pClient)
-            m_pClient = std::make_unique<CLoadClient>();
+            Make(TCP);
         return *m_pClient;
     }
     std::string Name() {
@@ -193,6 +213,8 @@ private:
 
     std::minstd_rand m_Random;
     const WORD m_wPort;
+    const WORD m_wPortUdp;
+    WORD m_wPortNow = 0;
     std::unique_ptr<CLoadClient> m_pClient;
     CTestObserver m_Observer;
 };
@@ -202,12 +224,14 @@ private:
 TEST_F(DnsLoadTest, ManyThreadsAskConnectCancelAndReleaseAtRandom) {
     constexpr int STEPS = 1500;
     CEchoServer server;
+    CEchoServer serverUdp(UDP);
     CScopedThread threads[3]{CScopedThread(CScopedThread::TASK), CScopedThread(CScopedThread::TASK),
                              CScopedThread(CScopedThread::EVENT_QUEUE_ONLY)};
     std::atomic<int> nEnded{0};
     unsigned uSeed = 1;
     for (CScopedThread& thread : threads) {
-        auto pUser = std::make_shared<std::unique_ptr<CRandomUser>>(new CRandomUser(++uSeed, server.m_wPort));
+        auto pUser =
+            std::make_shared<std::unique_ptr<CRandomUser>>(new CRandomUser(++uSeed, server.m_wPort, serverUdp.m_wPort));
         for (int i = 0; i < STEPS; ++i)
             PostTo(*thread->GetEventQueue(), [=] { (*pUser)->Step(); });
         PostTo(*thread->GetEventQueue(), [=, &nEnded] {
@@ -215,7 +239,7 @@ TEST_F(DnsLoadTest, ManyThreadsAskConnectCancelAndReleaseAtRandom) {
             ++nEnded;
         });
     }
-    CRandomUser own(1, server.m_wPort);
+    CRandomUser own(1, server.m_wPort, serverUdp.m_wPort);
     for (int i = 0; i < STEPS; ++i) {
         own.Step();
         m_Network.RunPosted();

@@ -27,7 +27,7 @@ protected:
     }
 
     CDatagramSink m_Datagrams;
-    CPeerSink m_Sink;
+    CTestConnectSink m_Sink;
     BOOL m_bOpen = TRUE;
     CCmRefPtrT<CCmAcceptorUdp> m_pAcceptor{new CCmAcceptorUdp};
     CCmInetAddr m_Addr;

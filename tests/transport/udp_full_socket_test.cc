@@ -108,7 +108,7 @@ TEST_F(UdpFullTest, WaitingEchoesKeepTheirBytes) {
 }
 
 TEST_F(UdpFullTest, EveryRefusedPeerGetsItsTurn) {
-    CPeerSink connectSink;
+    CTestConnectSink connectSink;
     CCmRefPtrT<CCmAcceptorUdp> pAcceptor(new CCmAcceptorUdp);
     EXPECT_EQ(CM_OK, pAcceptor->StartListen(&connectSink, CCmInetAddr(OwnLoopback(), 0)));
     CCmInetAddr addr;

@@ -1,6 +1,4 @@
 // Datagrams between user threads, through the proxies.
-#include <random>
-
 #include "talvo/base/synchronization.h"
 #include "tests/support/udp_helpers.h"
 
@@ -18,12 +16,12 @@ public:
     }
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;
     CDatagramSink m_Sink;
-    CPeerSink m_Connects;
+    CTestConnectSink m_Connects;
     CCmInetAddr m_Addr;
 };
 
 CCmRefPtrT<ICmTransport> ConnectProxy(CTestNetwork& aNetwork, const CCmInetAddr& aAddr) {
-    CPeerSink sink;
+    CTestConnectSink sink;
     const auto pConnector = aNetwork.MakeConnector(UDP);
     pConnector->AsycConnect(&sink, aAddr);
     aNetwork.RunUntil([&] { return sink.Count() == 1; });
@@ -106,64 +104,4 @@ TEST(UdpProxyTest, EmptyDatagramsFillTheQueuesToo) {
             rv = SendText(*pTransport, "");
     });
     EXPECT_EQ(CM_ERROR_PARTIAL_DATA, rv);
-}
-
-// Echoes among threads that disconnect and release at any moment; every count is back where it was in the end.
-TEST(UdpProxyTest, RandomUseFromSeveralThreads) {
-    CTestNetwork network;
-    CListener listener(network);
-    listener.m_Sink.m_bEcho = TRUE;
-    std::atomic<int> nEnded{0};
-    constexpr int USERS = 3;
-    struct CUser {
-        std::vector<CCmRefPtrT<ICmTransport>> m_Transports;
-        std::vector<CCmRefPtrT<ICmConnector>> m_Connectors;
-        CPeerSink m_Connects;
-        CDatagramSink m_Sink;
-        std::mt19937 m_Random;
-        int m_nSteps = 0;
-    };
-    std::vector<std::unique_ptr<CUser>> users;
-    std::vector<std::unique_ptr<CScopedThread>> threads;
-    std::function<void(CUser&, ACmThread*)> step = [&](CUser& aUser, ACmThread* aThread) {
-        auto& transports = aUser.m_Connects.m_Transports;
-        const unsigned nWhat = aUser.m_Random() % 10;
-        if (nWhat == 0 && aUser.m_Connectors.size() < 100) {
-            aUser.m_Connectors.push_back(network.MakeConnector(UDP));
-            aUser.m_Connectors.back()->AsycConnect(&aUser.m_Connects, listener.m_Addr);
-        } else if (nWhat == 1 && !aUser.m_Connectors.empty()) {
-            aUser.m_Connectors.pop_back();
-        } else if (nWhat == 2 && !transports.empty()) {
-            transports.erase(transports.begin() + static_cast<std::ptrdiff_t>(aUser.m_Random() % transports.size()));
-        } else if (!transports.empty()) {
-            ICmTransport& transport = *transports[aUser.m_Random() % transports.size()];
-            if (nWhat == 3)
-                transport.Disconnect(aUser.m_Random() % 2 ? CM_OK : CM_ERROR_FAILURE);
-            else if (nWhat == 4)
-                transport.OpenWithSink(&aUser.m_Sink);
-            else
-                SendText(transport, std::string(aUser.m_Random() % 3000, 'x'));
-        }
-        if (++aUser.m_nSteps % 20 == 0)
-            network.InNetwork([] {});  // lets the network thread keep up
-        if (aUser.m_nSteps < 2000) {
-            PostTo(*aThread->GetEventQueue(), [&step, &aUser, aThread] { step(aUser, aThread); });
-            return;
-        }
-        transports.clear();
-        aUser.m_Connectors.clear();
-        ++nEnded;
-    };
-    for (unsigned i = 0; i < USERS; ++i) {
-        threads.push_back(std::make_unique<CScopedThread>(CScopedThread::TASK));
-        RunIn(threads.back()->Get()->GetLink(), [&] { users.push_back(std::make_unique<CUser>()); });
-        users.back()->m_Random.seed(i);
-        CUser& user = *users.back();
-        ACmThread* pThread = threads.back()->Get();
-        PostTo(*pThread->GetEventQueue(), [&step, &user, pThread] { step(user, pThread); });
-    }
-    network.RunUntil([&] { return nEnded == USERS; });
-    threads.clear();
-    for (const auto& pUser : users)
-        EXPECT_GT(pUser->m_Connects.Count(), 0u);
 }

@@ -199,7 +199,7 @@ TEST_F(UdpTest, OptionsAnswerForDatagrams) {
 
 TEST_F(UdpTest, AConnectEndsAsItShould) {
     CCmTraceCapture trace;
-    CPeerSink sink;
+    CTestConnectSink sink;
     const auto pConnector = m_Network.MakeConnector(CCmConnectionManager::CTYPE_UDP);
     pConnector->AsycConnect(&sink, CCmInetAddr("255.255.255.255", 9));  // not allowed without asking for broadcasts
     m_Network.RunUntil([&] { return sink.Count() == 1; });
