@@ -56,7 +56,8 @@ class ResolveTest(unittest.TestCase):
         with subprocess.Popen([TALVO, "echo", "--host", "127.0.0.1", "--port", "0"], text=True, stdout=subprocess.PIPE,
                               cwd=self.directory.name) as server:
             port = server.stdout.readline().strip().rpartition(":")[2]
-            result = self.talvo("ping", f"me.test:{port}", "--count", "3", "--interval", "0")
+            result = self.talvo("ping", f"me.test:{port}", "--count", "3", "--interval", "0",
+                                "--timeout", str(PATIENCE * 1000))
             server.terminate()
         self.assertEqual(0, result.returncode, result.stderr)
         self.assertIn("3 came back", result.stdout)

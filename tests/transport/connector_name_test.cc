@@ -195,6 +195,7 @@ TEST_F(ConnectorNameTest, ACancelledRaceLeavesNothing) {
     client.Connect(At("late"));
     RunUntilTraced(trace, "Connect_i, addr=127.0.0.3");
     client.Cancel();
+    Settle();
     m_Clock.Advance(CCmTimeValue(1));
     Settle();
     EXPECT_EQ(0, client.m_nIndications);
