@@ -15,25 +15,17 @@ constexpr int64_t NEVER = std::numeric_limits<int64_t>::max();
 // Every simulation begins some minutes before the tick counter wraps.
 CSimNetwork::CSimNetwork(uint64_t aSeed, BOOL aVerbose)
     : m_ullChance(aSeed),
-      m_llStart(TICKS_WRAP - 300 * SIM_SEC + static_cast<int64_t>(Random(300 * SIM_SEC))),
+      m_llStart(TICKS_WRAP - 300 * SIM_SEC + RandomTime(300 * SIM_SEC)),
       m_llNow(m_llStart),
       m_bVerbose(aVerbose),
       m_pThread(new CSimThread) {
     CCmClock::Replace(this);
     if (m_pThread->Create(CCmThreadManager::TT_MAIN) != CM_OK)
         Fail("there is a main thread already");
-    if (m_bVerbose) {
-        CCmTrace::SetSink(this);
-        CCmTrace::Enable(TRUE);
-    }
 }
 
 CSimNetwork::~CSimNetwork() {
     m_pThread->Destory(CM_OK);
-    if (m_bVerbose) {
-        CCmTrace::Enable(FALSE);
-        CCmTrace::SetSink(nullptr);
-    }
     CCmClock::Replace(nullptr);
 }
 
@@ -84,14 +76,4 @@ void CSimNetwork::Note(const char* aWhat, uint64_t aNumber, uint64_t aMore) {
     add(aMore);
     if (m_bVerbose)
         std::printf("%14.6f %s %" PRIu64 " %" PRIu64 "\n", static_cast<double>(Now()) / SIM_SEC, aWhat, aNumber, aMore);
-}
-
-void CSimNetwork::Fail(const std::string& aText) {
-    m_Failures.push_back(std::to_string(Now()) + ": " + aText);
-    if (m_bVerbose)
-        std::printf("FAILED %s\n", m_Failures.back().c_str());
-}
-
-void CSimNetwork::OnTrace(DWORD, const char*, std::string_view aText) {
-    std::printf("%14.6f   %.*s\n", static_cast<double>(Now()) / SIM_SEC, static_cast<int>(aText.size()), aText.data());
 }

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "talvo/base/clock.h"
-#include "talvo/base/trace.h"
 #include "talvo/event/thread.h"
 #include "talvo/event/timer_queue_ordered_list.h"
 
@@ -22,20 +21,19 @@ constexpr int64_t SIM_SEC = 1000 * SIM_MSEC;
 struct CSimWeather {
     int64_t m_llMinDelay = SIM_MSEC;
     int64_t m_llMaxDelay = SIM_MSEC;
-    DWORD m_dwWindow = 1 << 20;    // bytes on their way in one direction of a stream
-    DWORD m_dwMaxPiece = 16384;    // of a stream, handed up at once
-    DWORD m_dwRefused = 0;         // percent of sends of which a part or nothing is taken
-    DWORD m_dwLost = 0;            // percent of datagrams
-    DWORD m_dwDoubled = 0;         // percent of datagrams
-    DWORD m_dwBroken = 0;          // of 10,000 sends: the stream breaks
-    DWORD m_dwFailedConnects = 0;  // percent
+    DWORD m_dwWindow = 1 << 20;  // bytes on their way in one direction of a stream
+    DWORD m_dwMaxPiece = 16384;  // of a stream, handed up at once
+    DWORD m_dwRefused = 0;       // percent of sends of which a part or nothing is taken
+    DWORD m_dwLost = 0;          // percent of datagrams
+    DWORD m_dwDoubled = 0;       // percent of datagrams
+    DWORD m_dwBroken = 0;        // of 10,000 sends: the stream breaks
 };
 
 // One simulation: the clock of the library, the main thread's timer queue and the ends of all links, while in scope. The clock
 // goes straight to what comes next. What happens follows from the seed alone. One at a time, one thread.
-class CSimNetwork : private ICmClock, private ICmTraceSink {
+class CSimNetwork : private ICmClock {
 public:
-    // aVerbose: every note and every line of the library's trace is printed.
+    // aVerbose: every note is printed.
     explicit CSimNetwork(uint64_t aSeed, BOOL aVerbose = FALSE);
     ~CSimNetwork() override;
     CSimNetwork(const CSimNetwork&) = delete;
@@ -46,18 +44,17 @@ public:
     void RunFor(int64_t aTime);
     // As a machine that slept: what was due meanwhile comes at once.
     void JumpClock(int64_t aTime) { m_llNow += aTime; }
-    // As an administrator does.
-    void StepWallClock(int64_t aTime) { m_llWall += aTime; }
 
     uint64_t Random(uint64_t aBound);  // 0 to aBound - 1
+    int64_t RandomTime(int64_t aBound) { return static_cast<int64_t>(Random(static_cast<uint64_t>(aBound))); }
     BOOL Chance(uint64_t aPercent) { return Random(100) < aPercent; }
-    int64_t RandomDelay() { return m_Weather.m_llMinDelay + Span_i(m_Weather.m_llMaxDelay - m_Weather.m_llMinDelay); }
+    int64_t RandomDelay() { return m_Weather.m_llMinDelay + RandomTime(m_Weather.m_llMaxDelay - m_Weather.m_llMinDelay + 1); }
 
     // Something has happened: part of the digest.
     void Note(const char* aWhat, uint64_t aNumber, uint64_t aMore = 0);
     uint64_t GetDigest() const { return m_ullDigest; }
     // A promise was broken.
-    void Fail(const std::string& aText);
+    void Fail(const std::string& aText) { m_Failures.push_back(std::to_string(Now()) + ": " + aText); }
     const std::vector<std::string>& GetFailures() const { return m_Failures; }
 
     // For the ends. A key is the own port and, in the lower half, the peer's.
@@ -85,15 +82,12 @@ private:
     };
 
     int64_t GetMonotonicUsec() override { return m_llNow; }
-    int64_t GetWallUsec() override { return m_llWall + m_llNow; }
-    void OnTrace(DWORD aLevel, const char* aModule, std::string_view aText) override;
-    int64_t Span_i(int64_t aSpan) { return aSpan > 0 ? static_cast<int64_t>(Random(static_cast<uint64_t>(aSpan) + 1)) : 0; }
+    int64_t GetWallUsec() override { return m_llNow; }
     int64_t NextTimer_i();
 
     uint64_t m_ullChance;
     const int64_t m_llStart;
     int64_t m_llNow;
-    int64_t m_llWall = 0;
     const BOOL m_bVerbose;
     uint64_t m_ullDigest = 0xCBF29CE484222325;
     uint64_t m_ullEvents = 0;

@@ -8,7 +8,6 @@
 namespace {
 
 constexpr DWORD MAX_PIECES = 64;
-constexpr size_t MAX_KEPT_DATAGRAMS = 64;
 
 }  // namespace
 
@@ -60,7 +59,7 @@ void CSimTransport::Close_i() {
     m_Network.m_Ends.erase(GetKey_i());
     if (!m_bDatagrams && !m_bBroken)
         After_i(std::max(m_llLastArrival - m_Network.Now(), m_Network.RandomDelay()), GetPeerKey_i(),
-                &CSimTransport::ArriveEnd);
+                &CSimTransport::ArriveEnd_i);
 }
 
 CmResult CSimTransport::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
@@ -69,7 +68,7 @@ CmResult CSimTransport::SendData(CCmMessageBlock& aData, CCmTransportParameter* 
     if (m_bClosed)
         return CM_ERROR_NOT_INITIALIZED;
     if (!m_bDatagrams && m_Network.Random(10000) < m_Network.m_Weather.m_dwBroken)
-        Break();
+        Break_i();
     if (m_bBroken)
         return CM_ERROR_NETWORK_SOCKET_ERROR;
     iovec pieces[talvo::MAX_DATAGRAM_PIECES + 1];
@@ -128,12 +127,13 @@ void CSimTransport::SendDatagram_i(const std::string& aBytes) {
 
 void CSimTransport::Arrive(std::string aBytes) {
     m_Network.Note("arrive", GetKey_i(), aBytes.size());
-    if (!m_bBroken && (!m_bDatagrams || m_Ready.size() < MAX_KEPT_DATAGRAMS))
+    if (!m_bBroken)
         m_Ready.push_back(std::move(aBytes));
     ScheduleDelivery_i();
 }
 
-void CSimTransport::ArriveEnd() {
+// The peer has closed, behind everything that it has sent.
+void CSimTransport::ArriveEnd_i() {
     m_bEndArrived = TRUE;
     ScheduleDelivery_i();
 }
@@ -188,7 +188,8 @@ void CSimTransport::TellRoom_i() {
     m_pSink->OnSend(this, nullptr);
 }
 
-void CSimTransport::Break() {
+// The link is cut: sends fail, and after a while both sinks are told.
+void CSimTransport::Break_i() {
     for (const DWORD dwKey : {GetKey_i(), GetPeerKey_i()}) {
         CSimTransport* pEnd = Find(m_Network, dwKey);
         if (pEnd && !std::exchange(pEnd->m_bBroken, TRUE))
@@ -253,36 +254,27 @@ void CSimAcceptor::Accept(const CCmRefPtrT<CSimTransport>& aTransport, const std
         aTransport->Arrive(aFirst);
 }
 
-void CSimConnector::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout,
-                                CCmInetAddr*) {
+void CSimConnector::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue*, CCmInetAddr*) {
     if (!aSink || m_pAttempt)
         return;
     m_pAttempt = std::make_shared<CAttempt>(CAttempt{aSink, aAddrPeer.GetPort()});
-    const std::weak_ptr<CAttempt> pAttempt = m_pAttempt;  // gone: this connector is, too, or does something else
-    m_Network.After(2 * m_Network.RandomDelay(), [this, pAttempt] {
-        if (!pAttempt.expired())
+    m_Network.After(2 * m_Network.RandomDelay(), [this, pAttempt = std::weak_ptr<CAttempt>(m_pAttempt)] {
+        if (!pAttempt.expired())  // else this connector is gone, too, or does something else
             Finish_i();
     });
-    if (aTimeout) {
-        m_Network.After(aTimeout->GetTotalInUsec(), [this, pAttempt] {
-            if (!pAttempt.expired())
-                Report_i(CM_ERROR_NETWORK_CONNECT_ERROR, nullptr);
-        });
-    }
 }
 
 void CSimConnector::Finish_i() {
-    const WORD wPeerPort = m_pAttempt->m_wPort;
-    const BOOL bListens = m_Network.m_Acceptors.count(wPeerPort) > 0;
-    if ((!m_bDatagrams && !bListens) || m_Network.Chance(m_Network.m_Weather.m_dwFailedConnects)) {
-        Report_i(CM_ERROR_NETWORK_CONNECT_ERROR, nullptr);
+    const auto [pSink, wPeerPort] = *std::exchange(m_pAttempt, nullptr);
+    if (!m_bDatagrams && m_Network.m_Acceptors.count(wPeerPort) == 0) {
+        pSink->OnConnectIndication(CM_ERROR_NETWORK_CONNECT_ERROR, nullptr, this);
         return;
     }
     const WORD wPort = m_Network.NewPort();
     const CCmRefPtrT<CSimTransport> pTransport(new CSimTransport(m_Network, m_bDatagrams, wPort, wPeerPort));
     if (!m_bDatagrams)
         Answer_i(wPeerPort, wPort);
-    Report_i(CM_OK, pTransport.Get());
+    pSink->OnConnectIndication(CM_OK, pTransport.Get(), this);
 }
 
 // The other end of a stream is there at once; the acceptor hears of it when it comes to look.
@@ -293,10 +285,4 @@ void CSimConnector::Answer_i(WORD aPort, WORD aPeerPort) {
         if (acceptor != network.m_Acceptors.end())
             acceptor->second->Accept(pAnswer);
     });
-}
-
-void CSimConnector::Report_i(CmResult aReason, ICmTransport* aTransport) {
-    const auto pAttempt = std::exchange(m_pAttempt, nullptr);
-    m_Network.Note("connected", pAttempt->m_wPort, static_cast<uint64_t>(aReason));
-    pAttempt->m_pSink->OnConnectIndication(aReason, aTransport, this);
 }

@@ -26,11 +26,8 @@ public:
     CmResult GetOption(DWORD aCommand, void* aArg) override;
     CmResult Disconnect(CmResult aReason) override;
 
-    // From the network. Arrive: bytes, or a datagram. ArriveEnd: the peer has closed, behind everything that it has sent.
+    // From the network: bytes, or a datagram.
     void Arrive(std::string aBytes);
-    void ArriveEnd();
-    // The link is cut: sends fail, and after a while the sink is told.
-    void Break();
 
     static DWORD KeyOf(WORD aPort, WORD aPeerPort) { return DWORD{aPort} << 16 | aPeerPort; }
     static CSimTransport* Find(CSimNetwork& aNetwork, DWORD aKey);
@@ -48,6 +45,8 @@ private:
     void ScheduleDelivery_i();
     void Deliver_i();
     void TellRoom_i();
+    void ArriveEnd_i();
+    void Break_i();
     void End_i();
     void Close_i();
 
@@ -95,8 +94,7 @@ public:
     DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
     DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
     BOOL IsConnector() override { return TRUE; }
-    void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
-                     CCmInetAddr* aAddrLocal = nullptr) override;
+    void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue*, CCmInetAddr*) override;
     void CancelConnect() override { m_pAttempt.reset(); }
 
 private:
@@ -107,7 +105,6 @@ private:
 
     void Finish_i();
     void Answer_i(WORD aPort, WORD aPeerPort);
-    void Report_i(CmResult aReason, ICmTransport* aTransport);
 
     CSimNetwork& m_Network;
     const BOOL m_bDatagrams;

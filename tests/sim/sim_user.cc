@@ -7,8 +7,8 @@
 
 namespace {
 
-constexpr DWORD MIN_DATAGRAM = 4;      // tells its number
-constexpr DWORD KEEPALIVE_LENGTH = 5;  // a smaller buffer sends none
+constexpr DWORD MIN_DATAGRAM = 4;  // tells its number
+constexpr DWORD MIN_BUFFER = 5;    // for a keep-alive
 
 // What message aNumber looks like. The first bytes are its number.
 std::string TextOf(DWORD aNumber, DWORD aLength) {
@@ -73,52 +73,36 @@ void CSimUser::Act_i() {
     const uint64_t ullDeed = m_Network.Random(100);
     if (ullDeed < 40)
         Send_i(static_cast<DWORD>(m_Network.Random(m_Network.Chance(10) ? 70000 : 2000)));
-    else if (ullDeed < 55)
-        SendMany_i(FALSE);
     else if (ullDeed < 75)
-        SendMany_i(TRUE);
+        SendMany_i(m_Network.Chance(60));
     else if (ullDeed < 84)
         Set_i(CM_OPT_TRANSPORT_PAUSE_READING, !m_bPaused);
     else if (ullDeed < 95)
         ChangeOption_i();
-    else if (ullDeed < 97)
-        End(m_Network.Chance(30) ? CM_OK : static_cast<CmResult>(20000 + m_Network.Random(13)));
     else if (ullDeed < 98)
-        Release();
+        End(m_Network.Chance(30) ? CM_OK : static_cast<CmResult>(20000 + m_Network.Random(13)), m_Network.Chance(30));
     --m_nDepth;
 }
 
 void CSimUser::ChangeOption_i() {
-    switch (m_Network.Random(4)) {
-    case 0: {
-        const auto dwLength = static_cast<DWORD>(m_Network.Random(m_Network.Chance(10) ? 10 : 200000));
-        m_Link.m_bOdd = m_Link.m_bOdd || dwLength < KEEPALIVE_LENGTH;
-        Set_i(CS_OPT_MAX_BUFF_LEN, dwLength);
-        break;
-    }
-    case 1:
+    const BOOL bOdd = m_Network.Chance(4);  // so small a limit that it may end the connection, whatever the reason
+    m_Link.m_bOdd = m_Link.m_bOdd || bOdd;
+    const uint64_t ullWhich = m_Network.Random(3);
+    if (ullWhich == 0)
+        Set_i(CS_OPT_MAX_BUFF_LEN, static_cast<DWORD>(bOdd ? m_Network.Random(10) : MIN_BUFFER + m_Network.Random(200000)));
+    else if (ullWhich == 1)
+        Set_i(CS_OPT_MAX_MESSAGE_LEN, static_cast<DWORD>(bOdd ? m_Network.Random(2000) : 70000 + m_Network.Random(1 << 20)));
+    else
         Set_i(CS_OPT_KEEPALIVE_INTERVAL, static_cast<DWORD>(m_Network.Random(40)));
-        break;
-    case 2:
-        Set_i(CS_OPT_MAX_MESSAGE_LEN, 70000 + static_cast<DWORD>(m_Network.Random(1 << 20)));
-        break;
-    default:
-        if (m_Network.Chance(90))
-            break;
-        Set_i(CS_OPT_MAX_MESSAGE_LEN, static_cast<DWORD>(m_Network.Random(2000)));  // the peer may send more
-        m_Link.m_bOdd = TRUE;
-    }
 }
 
 void CSimUser::Set_i(DWORD aOption, DWORD aValue) {
     if (!m_bOpen)
         return;
-    BOOL bValue = aValue != 0;
-    const BOOL bFlag = aOption == CM_OPT_TRANSPORT_PAUSE_READING || aOption == CM_OPT_TRANSPORT_CORK;
-    const CmResult rv = m_pConn->SetOption(aOption, bFlag ? static_cast<void*>(&bValue) : &aValue);
+    const CmResult rv = m_pConn->SetOption(aOption, &aValue);
     m_Network.Note("option", aOption, static_cast<uint64_t>(rv));
     if (aOption == CM_OPT_TRANSPORT_PAUSE_READING && rv == CM_OK)
-        m_bPaused = bValue;
+        m_bPaused = aValue != 0;
 }
 
 void CSimUser::SendMany_i(BOOL aCorked) {
@@ -235,17 +219,13 @@ void CSimUser::NoteEnd_i(CmResult aReason) {
     m_Network.Note("end", m_wPort, static_cast<uint64_t>(aReason));
 }
 
-void CSimUser::End(CmResult aReason) {
-    if (!m_bOpen)
-        return;
-    NoteEnd_i(aReason);
-    m_pConn->Disconnect(aReason);
-}
-
-void CSimUser::Release() {
+void CSimUser::End(CmResult aReason, BOOL aRelease) {
     if (m_bOpen)
-        NoteEnd_i(CM_OK);
-    m_pConn.Reset();
+        NoteEnd_i(aRelease ? CM_OK : aReason);
+    if (aRelease)
+        m_pConn.Reset();
+    else if (m_pConn)
+        m_pConn->Disconnect(aReason);
 }
 
 void CSimUser::Settle() {
@@ -255,14 +235,15 @@ void CSimUser::Settle() {
 
 BOOL CSimUser::IsMissing_i() const { return In_i().m_Taken.upper_bound(In_i().m_dwLast) != In_i().m_Taken.end(); }
 
-const char* CSimUser::GetDebt() const {
+void CSimUser::CheckDebts() {
     if (!m_bOpen)
-        return nullptr;
+        return;
     if (m_bOwedOnSend)
-        return "OnSend";
+        Fail_i("OnSend is owed");
     if (m_World.m_Kind.m_bDatagrams)
-        return nullptr;
+        return;
     if (!GetPeer_i() || !GetPeer_i()->m_bOpen)
-        return "OnDisconnect";
-    return IsMissing_i() ? "messages" : nullptr;
+        Fail_i("OnDisconnect is owed");
+    else if (IsMissing_i())
+        Fail_i("messages are owed");
 }

@@ -64,13 +64,10 @@ public:
     void Live();
     // Its last word: what was held back may go now.
     void Settle();
-    // Ends the connection: with a disconnect, or by letting go of it.
-    void End(CmResult aReason);
-    void Release();
-
-    BOOL IsOpen() const { return m_bOpen; }
-    // What was promised and has not come while the connection stands; null: nothing.
-    const char* GetDebt() const;
+    // With a disconnect, or by letting go of the connection.
+    void End(CmResult aReason, BOOL aRelease);
+    // Whether something was promised and has not come while the connection stands.
+    void CheckDebts();
 
 private:
     void Upcall_i(const char* aWhat);
