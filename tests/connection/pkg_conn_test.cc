@@ -322,38 +322,37 @@ TEST_F(PkgConnTest, TimerOfAnEndedConnectionIsSilent) {
     EXPECT_EQ(1u, first.m_Lines.size() + second.m_Lines.size());
 }
 
-// Whatever is done to a connection inside its upcall: once it is ended nothing more is heard, and nothing is left of it.
-template <class End>
-void RunDeeds(const std::string& aOpening, const std::string& aData) {
-    for (const std::string strUpcall : {"connect 0", "receive a", "send", "disconnect 20004"}) {
-        for (int nDeed = 0; nDeed < 3; ++nDeed) {
-            SCOPED_TRACE(strUpcall + ", deed " + std::to_string(nDeed));
-            End end;
-            end.m_Inside = [&](const std::string& aLine) {
-                if (aLine != strUpcall)
-                    return;
-                if (nDeed == 0)
-                    end.m_pConn->Disconnect(CM_OK);
-                else if (nDeed == 1)
-                    end.m_pConn.Reset();
-                else
-                    end.Send("b"), end.Set(CS_OPT_KEEPALIVE_INTERVAL, 1), end.Set(CS_OPT_MAX_BUFF_LEN, 9);
-            };
-            end.Start();
-            end.Receive(aOpening + aData);
-            end.m_pLower->MakeRoom();
-            end.Receive(aData + Disconn(20004) + aData);
-            Lines lines{"connect 0", "receive a", "send", "receive a", "disconnect 20004"};
-            if (nDeed < 2)
-                lines.erase(std::find(lines.begin(), lines.end(), strUpcall) + 1, lines.end());
-            EXPECT_EQ(lines, end.m_Lines);
-        }
-    }
-}
-TEST_F(PkgConnTest, AnythingInsideAnyUpcall) {
-    RunDeeds<CClient>(RESPONSE, Data("a"));
-    RunDeeds<CServer>(REQUEST, Data("a"));
-    RunDeeds<CSender>("", std::string("\6\0\0\0\0\0\0\0\1a", 10));
+// A handshake, and then a peer, that never comes: when each thing happens, to the millisecond.
+TEST_F(PkgConnTest, SilentPeersAreGivenUp) {
+    const auto expect = [this](auto& aEnd, int64_t aMsec, const std::string& aSent, const Lines& aLines) {
+        Pass(CCmTimeValue::FromUsec(aMsec * 1000 - 1000));
+        EXPECT_EQ("", aEnd.m_pLower->TakeSent()) << aMsec;
+        EXPECT_EQ(Lines{}, aEnd.m_Lines) << aMsec;
+        Pass(CCmTimeValue(0, 1000));
+        EXPECT_EQ(aSent, aEnd.m_pLower->TakeSent()) << aMsec;
+        EXPECT_EQ(aLines, aEnd.m_Lines) << aMsec;
+    };
+    CClient datagrams(CM_TRANSPORT_TYPE_UDP);
+    datagrams.Start();
+    EXPECT_EQ(REQUEST, datagrams.m_pLower->TakeSent());
+    for (const int64_t llMsec : {200, 1000, 1000, 500, 500, 1000})
+        expect(datagrams, llMsec, REQUEST, {});
+    expect(datagrams, 60000 - 4200, "", {"connect 20006"});
+    CClient client;
+    client.Start();
+    EXPECT_EQ(REQUEST, client.m_pLower->TakeSent());
+    expect(client, 60000, "", {"connect 20006"});
+    CServer server;
+    server.Start();
+    expect(server, 60000, "", {"connect 20005"});
+    CClient connected(CM_TRANSPORT_TYPE_TCP, FALSE);
+    connected.Connect();
+    expect(connected, 120000, "", {"disconnect 20005"});
+    CServer keeping;
+    keeping.Connect();
+    for (int i = 0; i < 7; ++i)
+        expect(keeping, 15000, KEEPALIVE, {});
+    expect(keeping, 15000, KEEPALIVE, {"disconnect 20005"});
 }
 
 }  // namespace
