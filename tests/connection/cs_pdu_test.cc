@@ -72,17 +72,4 @@ TEST(CsPdu, BytesOnTheWire) {
     EXPECT_EQ(data.GetData()->FlattenChained(), "ab");
 }
 
-TEST(CsPdu, OnlyDataHasSequenceNumbers) {
-    CCmTraceCapture trace;
-    CCsPduData data(TRUE, 0, 3), small(FALSE, 0, 0);
-    CCsPduKeepAlive keepAlive;
-    for (const auto& [pItem, dwEnd] : {std::pair<CCsPduSendItem*, DWORD>{&data, 12}, {&small, 5}, {&keepAlive, 0}}) {
-        pItem->SetSeqStart(1);
-        EXPECT_EQ(pItem->GetSeqEnd(), dwEnd);
-    }
-    EXPECT_EQ(trace.Count("CCsPduSendItem::SetSeqStart, Only Data PDU can be set Seq#"), 1u);
-    EXPECT_EQ(CCsPduBase::GetFixLength(7, FALSE), 0u);
-    EXPECT_EQ(trace.Count("CCsPduBase::GetFixLength(BYTE byType, BOOL bNeedACK), Invalid PDU type, byType = 7"), 1u);
-}
-
 }  // namespace

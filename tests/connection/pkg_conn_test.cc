@@ -155,25 +155,34 @@ TEST_F(PkgConnTest, ServerStepByStep) {
     });
 }
 
-TEST_F(PkgConnTest, SendsThePdusOfItsType) {
-    CClient client;
-    client.Connect();
-    EXPECT_EQ(CM_OK, client.Send("abc"));
-    EXPECT_EQ(Data("abc"), client.m_pLower->TakeSent());
-    CCmTraceCapture trace;
-    client.Receive(Data("abc").substr(0, 3));
-    EXPECT_TRUE(trace.Contains("CCsConn::OnReceive, half PDU header. half_len=3 m_dwPDULen=5"));
-    EXPECT_EQ(CM_OK, client.m_pConn->Disconnect(0x1004E24));
-    EXPECT_EQ(std::string("\3\x4E\x24", 3), client.m_pLower->TakeSent());
-    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, client.Send("abc"));
+TEST_F(PkgConnTest, SenderStepByStep) {
+    const std::string strEmpty("\6\0\0\0\0\0\0\0\0", 9);
+    RunSteps<CSender>({
+        {"data with acknowledgements",
+         TRUE,
+         std::string("\6\1\2\3\4\0\0\0\1x", 10) + strEmpty,
+         {"receive x", "receive "},
+         "",
+         {}},
+        {"request", TRUE, REQUEST, {"disconnect 10009"}, "", {20005}},
+        {"response", TRUE, RESPONSE, {"disconnect 10009"}, "", {20005}},
+        {"too long", TRUE, std::string("\5\0\0\0\0\1\0\0\1", 9), {"disconnect 10009"}, "", {20005}},
+        {"end", TRUE, Disconn(20004) + strEmpty, {"disconnect 20004"}, "", {20005}},
+    });
+}
 
-    CSender sender;
-    sender.Connect();
-    EXPECT_EQ(CM_OK, sender.Send("abc"));
-    sender.Receive(std::string("\6\1\2\3\4\0\0\0\1x\6\0\0\0\0\0\0\0\1y", 20), 3);
-    EXPECT_EQ((Lines{"receive x", "receive y"}), sender.m_Lines);
-    EXPECT_EQ(CM_OK, sender.m_pConn->Disconnect(20004));
-    EXPECT_EQ(std::string("\6\0\0\0\0\0\0\0\3abc\3\x4E\x24", 15), sender.m_pLower->TakeSent());
+TEST_F(PkgConnTest, WhatWasCancelledOrEndedIsSilent) {
+    CClient client;
+    client.Start();
+    client.m_pConn->CancelConnect();
+    client.m_pConn->OnConnectIndication(CM_ERROR_TIMEOUT, nullptr, nullptr);
+    client.m_pConn->OnDisconnect(CM_ERROR_TIMEOUT, client.m_pLower.Get());
+    EXPECT_EQ(Lines{}, client.m_Lines);
+    CServer server;
+    server.Connect();
+    EXPECT_EQ(CM_OK, server.m_pConn->Disconnect(0x1004E24));
+    EXPECT_EQ(Disconn(0x4E24), server.m_pLower->TakeSent());
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, server.Send("abc"));
 }
 
 // What the sink sends inside its indication stands behind the response, however little the transport takes.
@@ -348,6 +357,10 @@ TEST_F(PkgConnTest, SilentPeersAreGivenUp) {
     CClient connected(CM_TRANSPORT_TYPE_TCP, FALSE);
     connected.Connect();
     expect(connected, 120000, "", {"disconnect 20005"});
+    CClient paused(CM_TRANSPORT_TYPE_TCP, FALSE);
+    paused.Connect();
+    paused.Set(CM_OPT_TRANSPORT_PAUSE_READING, TRUE);
+    expect(paused, 500000, "", {});
     CServer keeping;
     keeping.Connect();
     for (int i = 0; i < 7; ++i)

@@ -3,6 +3,7 @@
 
 #include "talvo/connection/connection_options.h"
 #include "tests/sim/sim_scenario.h"
+#include "tests/sim/sim_transport.h"
 #include "tests/support/network_fixture.h"
 
 namespace {
@@ -27,6 +28,29 @@ TEST(SimTest, SeedReplaysExactly) {
     for (uint64_t ullSeed = 1; ullSeed <= 30; ++ullSeed)
         EXPECT_EQ(RunSeed(ullSeed).m_ullDigest, RunSeed(ullSeed).m_ullDigest) << ullSeed;
     EXPECT_NE(RunSeed(1).m_ullDigest, RunSeed(2).m_ullDigest);
+}
+
+// At once, and not when the handshake's time is over.
+TEST(SimTest, WhatIsCancelledOrStoppedWhileItOpensIsClosed) {
+    CSimNetwork network(7);
+    CTestConnectSink silent, sink;
+    const CCmRefPtrT<ICmAcceptor> pSilent(new CSimAcceptor(network));
+    pSilent->StartListen(&silent, CCmInetAddr("127.0.0.1", 1));
+    const auto pConnector = MakeSimConnector(network, SIM_PACKAGE);
+    pConnector->AsycConnect(&sink, CCmInetAddr("127.0.0.1", 1));
+    const auto pAcceptor = MakeSimAcceptor(network, SIM_PACKAGE);
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, pAcceptor->StartListen(nullptr, CCmInetAddr("127.0.0.1", 2)));
+    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&sink, CCmInetAddr("127.0.0.1", 2)));
+    EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, pAcceptor->StartListen(&sink, CCmInetAddr("127.0.0.1", 2)));
+    const CCmRefPtrT<ICmConnector> pRaw(new CSimConnector(network, FALSE));
+    pRaw->AsycConnect(&silent, CCmInetAddr("127.0.0.1", 2), nullptr, nullptr);
+    network.RunFor(SIM_SEC);
+    EXPECT_EQ(4u, network.m_Ends.size());
+    pConnector->CancelConnect();
+    EXPECT_EQ(3u, network.m_Ends.size());
+    pAcceptor->StopListen(CM_OK);
+    EXPECT_EQ(2u, network.m_Ends.size());
+    EXPECT_EQ(0u, sink.Count());
 }
 
 // Many quiet connections: an hour later there is not one object or byte more, and nobody has heard anything.
