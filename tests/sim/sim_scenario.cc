@@ -9,19 +9,33 @@
 #include "talvo/connection/pkg_sender.h"
 #include "tests/sim/sim_transport.h"
 
-const CSimKind SIM_LENGTH{"length", FALSE, FALSE, FALSE, FALSE};
-const CSimKind SIM_PACKAGE{"package", FALSE, FALSE, TRUE, TRUE};
-const CSimKind SIM_PACKAGE_KEEPALIVE{"package-keepalive", FALSE, TRUE, TRUE, TRUE};
-const CSimKind SIM_NO_PARTIAL{"nopartial", FALSE, TRUE, TRUE, FALSE};
-const CSimKind SIM_PACKAGE_UDP{"package over datagrams", TRUE, FALSE, TRUE, TRUE};
-const CSimKind SIM_PACKAGE_KEEPALIVE_UDP{"package-keepalive over datagrams", TRUE, TRUE, TRUE, TRUE};
-const CSimKind SIM_NO_PARTIAL_UDP{"nopartial over datagrams", TRUE, TRUE, TRUE, FALSE};
-
 namespace {
 
-const CSimKind* const KINDS[] = {&SIM_LENGTH,        &SIM_PACKAGE,     &SIM_PACKAGE_KEEPALIVE,
-                                 &SIM_NO_PARTIAL,    &SIM_PACKAGE_UDP, &SIM_PACKAGE_KEEPALIVE_UDP,
-                                 &SIM_NO_PARTIAL_UDP};
+template <class Conn>
+CCmRefPtrT<ICmConnector> Connector(CSimNetwork& aNetwork, const CSimKind& aKind) {
+    const CCmRefPtrT<ICmConnector> pBelow(new CSimConnector(aNetwork, aKind.m_bDatagrams));
+    return CCmRefPtrT<ICmConnector>(new CConnConnectorT<Conn>(pBelow, aKind.m_bKeepAlive));
+}
+
+template <class Conn>
+CCmRefPtrT<ICmAcceptor> Acceptor(CSimNetwork& aNetwork, const CSimKind& aKind) {
+    const CCmRefPtrT<ICmAcceptor> pBelow(new CSimAcceptor(aNetwork));
+    return CCmRefPtrT<ICmAcceptor>(new CConnAcceptorT<Conn>(pBelow, aKind.m_bKeepAlive));
+}
+
+}  // namespace
+
+const CSimKind SIM_KINDS[] = {
+    {"length", FALSE, FALSE, FALSE, FALSE, Connector<CLenPkgConn>, Acceptor<CLenPkgConn>},
+    {"package", FALSE, FALSE, TRUE, TRUE, Connector<CPkgConnClient>, Acceptor<CPkgConnServer>},
+    {"package-keepalive", FALSE, TRUE, TRUE, TRUE, Connector<CPkgConnClient>, Acceptor<CPkgConnServer>},
+    {"nopartial", FALSE, TRUE, TRUE, FALSE, Connector<CPkgSender>, Acceptor<CPkgSender>},
+    {"package over datagrams", TRUE, FALSE, TRUE, TRUE, Connector<CPkgConnClient>, Acceptor<CPkgConnServer>},
+    {"package-keepalive over datagrams", TRUE, TRUE, TRUE, TRUE, Connector<CPkgConnClient>, Acceptor<CPkgConnServer>},
+    {"nopartial over datagrams", TRUE, TRUE, TRUE, FALSE, Connector<CPkgSender>, Acceptor<CPkgSender>},
+};
+
+namespace {
 
 const CCmInetAddr SERVER("127.0.0.1", CSimWorld::PORT);
 
@@ -67,7 +81,7 @@ private:
     void Listen_i() {
         m_bExpecting = TRUE;
         if (!m_pAcceptor)
-            m_pAcceptor = MakeSimAcceptor(m_World.m_Network, m_World.m_Kind);
+            m_pAcceptor = m_World.m_Kind.MakeAcceptor(m_World.m_Network);
         m_pAcceptor->StartListen(this, SERVER);
     }
 
@@ -95,7 +109,7 @@ private:
     void Start_i() {
         CSimNetwork& network = m_World.m_Network;
         if (!m_pConnector)
-            m_pConnector = MakeSimConnector(network, m_World.m_Kind);
+            m_pConnector = m_World.m_Kind.MakeConnector(network);
         m_bExpecting = TRUE;
         m_pConnector->AsycConnect(this, SERVER);
         m_pConnector->AsycConnect(this, SERVER);  // is refused
@@ -130,7 +144,7 @@ CSimWeather RandomWeather(CSimNetwork& aNetwork) {
 class CScenario {
 public:
     explicit CScenario(CSimNetwork& aNetwork)
-        : m_World{aNetwork, *KINDS[aNetwork.Random(std::size(KINDS))]}, m_Server(m_World) {}
+        : m_World{aNetwork, SIM_KINDS[aNetwork.Random(std::size(SIM_KINDS))]}, m_Server(m_World) {}
 
     void Run() {
         CSimNetwork& network = m_World.m_Network;
@@ -206,24 +220,6 @@ private:
 };
 
 }  // namespace
-
-CCmRefPtrT<ICmConnector> MakeSimConnector(CSimNetwork& aNetwork, const CSimKind& aKind) {
-    const CCmRefPtrT<ICmConnector> pBelow(new CSimConnector(aNetwork, aKind.m_bDatagrams));
-    if (&aKind == &SIM_LENGTH)
-        return CCmRefPtrT<ICmConnector>(new CConnConnectorT<CLenPkgConn>(pBelow, FALSE));
-    if (!aKind.m_bWatchesPeer)
-        return CCmRefPtrT<ICmConnector>(new CConnConnectorT<CPkgSender>(pBelow, aKind.m_bKeepAlive));
-    return CCmRefPtrT<ICmConnector>(new CConnConnectorT<CPkgConnClient>(pBelow, aKind.m_bKeepAlive));
-}
-
-CCmRefPtrT<ICmAcceptor> MakeSimAcceptor(CSimNetwork& aNetwork, const CSimKind& aKind) {
-    const CCmRefPtrT<ICmAcceptor> pBelow(new CSimAcceptor(aNetwork));
-    if (&aKind == &SIM_LENGTH)
-        return CCmRefPtrT<ICmAcceptor>(new CConnAcceptorT<CLenPkgConn>(pBelow, FALSE));
-    if (!aKind.m_bWatchesPeer)
-        return CCmRefPtrT<ICmAcceptor>(new CConnAcceptorT<CPkgSender>(pBelow, aKind.m_bKeepAlive));
-    return CCmRefPtrT<ICmAcceptor>(new CConnAcceptorT<CPkgConnServer>(pBelow, aKind.m_bKeepAlive));
-}
 
 CSimResult RunSeed(uint64_t aSeed, BOOL aVerbose) {
     const CCmString strAlive = CCmLiveCounter::Dump();

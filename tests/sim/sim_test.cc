@@ -36,9 +36,9 @@ TEST(SimTest, WhatIsCancelledOrStoppedWhileItOpensIsClosed) {
     CTestConnectSink silent, sink;
     const CCmRefPtrT<ICmAcceptor> pSilent(new CSimAcceptor(network));
     pSilent->StartListen(&silent, CCmInetAddr("127.0.0.1", 1));
-    const auto pConnector = MakeSimConnector(network, SIM_PACKAGE);
+    const auto pConnector = SIM_PACKAGE_KEEPALIVE.MakeConnector(network);
     pConnector->AsycConnect(&sink, CCmInetAddr("127.0.0.1", 1));
-    const auto pAcceptor = MakeSimAcceptor(network, SIM_PACKAGE);
+    const auto pAcceptor = SIM_PACKAGE_KEEPALIVE.MakeAcceptor(network);
     EXPECT_EQ(CM_ERROR_INVALID_ARG, pAcceptor->StartListen(nullptr, CCmInetAddr("127.0.0.1", 2)));
     EXPECT_EQ(CM_OK, pAcceptor->StartListen(&sink, CCmInetAddr("127.0.0.1", 2)));
     EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, pAcceptor->StartListen(&sink, CCmInetAddr("127.0.0.1", 2)));
@@ -67,11 +67,11 @@ TEST(SimTest, FiveThousandConnectionsForAnHour) {
             pSink->m_Transports.back()->SetOption(CS_OPT_KEEPALIVE_INTERVAL, &dwInterval);
         };
     }
-    const auto pAcceptor = MakeSimAcceptor(network, SIM_PACKAGE_KEEPALIVE);
+    const auto pAcceptor = SIM_PACKAGE_KEEPALIVE.MakeAcceptor(network);
     pAcceptor->StartListen(&servers, addr);
     std::vector<CCmRefPtrT<ICmConnector>> connectors;
     for (size_t i = 0; i < CONNECTIONS; ++i) {
-        connectors.push_back(MakeSimConnector(network, SIM_PACKAGE_KEEPALIVE));
+        connectors.push_back(SIM_PACKAGE_KEEPALIVE.MakeConnector(network));
         connectors.back()->AsycConnect(&clients, addr);
         network.RunFor(3 * SIM_MSEC);
     }

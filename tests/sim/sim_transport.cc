@@ -213,22 +213,15 @@ CmResult CSimTransport::SetOption(DWORD aCommand, void* aArg) {
 }
 
 CmResult CSimTransport::GetOption(DWORD aCommand, void* aArg) {
-    switch (aCommand) {
-    case CM_OPT_TRANSPORT_TRAN_TYPE:
+    if (aCommand == CM_OPT_TRANSPORT_TRAN_TYPE)
         *static_cast<DWORD*>(aArg) = m_bDatagrams ? CM_TRANSPORT_TYPE_UDP : CM_TRANSPORT_TYPE_TCP;
-        return CM_OK;
-    case CM_OPT_TRANSPORT_LOCAL_ADDR:
-    case CM_OPT_TRANSPORT_PEER_ADDR:
+    else if (aCommand == CM_OPT_TRANSPORT_LOCAL_ADDR || aCommand == CM_OPT_TRANSPORT_PEER_ADDR)
         static_cast<CCmInetAddr*>(aArg)->Set("127.0.0.1", aCommand == CM_OPT_TRANSPORT_LOCAL_ADDR ? m_wPort : m_wPeerPort);
-        return CM_OK;
-    case CM_OPT_TRANSPORT_UNACKNOWLEDGED:
-        if (m_bDatagrams)
-            return CM_ERROR_INVALID_ARG;
+    else if (aCommand == CM_OPT_TRANSPORT_UNACKNOWLEDGED && !m_bDatagrams)
         *static_cast<DWORD*>(aArg) = m_dwOnTheWay;
-        return CM_OK;
-    default:
+    else
         return CM_ERROR_INVALID_ARG;
-    }
+    return CM_OK;
 }
 
 CmResult CSimAcceptor::StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) {

@@ -50,7 +50,7 @@ void CSimUser::Fail_i(const std::string& aText) {
 }
 
 void CSimUser::Live() {
-    m_Network.After(static_cast<int64_t>(m_Network.Random(2 * SIM_SEC)), [this] {
+    m_Network.After(m_Network.RandomTime(2 * SIM_SEC), [this] {
         if (m_World.m_bWild && m_bOpen) {
             Act_i();
             Live();

@@ -12,13 +12,18 @@
 
 class CSimUser;
 
-// What one scenario is about.
+// What one scenario is about. The makers put connections of this kind over simulated ones.
 struct CSimKind {
+    CCmRefPtrT<ICmConnector> MakeConnector(CSimNetwork& aNetwork) const { return m_MakeConnector(aNetwork, *this); }
+    CCmRefPtrT<ICmAcceptor> MakeAcceptor(CSimNetwork& aNetwork) const { return m_MakeAcceptor(aNetwork, *this); }
+
     const char* m_szName;
     BOOL m_bDatagrams;
     BOOL m_bKeepAlive;
     BOOL m_bTellsReason;  // a disconnect PDU tells the peer why
     BOOL m_bWatchesPeer;  // a silent peer is dropped
+    CCmRefPtrT<ICmConnector> (*m_MakeConnector)(CSimNetwork& aNetwork, const CSimKind& aKind);
+    CCmRefPtrT<ICmAcceptor> (*m_MakeAcceptor)(CSimNetwork& aNetwork, const CSimKind& aKind);
 };
 
 // Messages in one direction of a link, by number; those that SendData took.
