@@ -123,18 +123,6 @@ TEST(FrameQueueTest, DatagramsStayApart) {
     EXPECT_TRUE(queue.IsEmpty());
 }
 
-TEST_F(LenPkgConnTest, MessagesArriveWhole) {
-    const std::string strLong = Pattern(40000);
-    for (const size_t stPiece : {1u, 2u, 3u, 7u, 16384u, 1000000u}) {
-        m_Sink->m_strReceived.clear();
-        m_pLower->Receive(Framed("first") + Framed("2") + Framed(strLong) + Framed("last") + Framed("cut").substr(0, 6),
-                          stPiece);
-        EXPECT_TRUE("first|2|" + strLong + "|last|" == m_Sink->m_strReceived) << stPiece;
-        m_pLower->Receive("t");
-        EXPECT_TRUE(m_Sink->m_strReceived.ends_with("|cut|"));
-    }
-}
-
 TEST_F(LenPkgConnTest, ImpossibleLengthsEndIt) {
     Set(CS_OPT_MAX_MESSAGE_LEN, 5);
     EXPECT_EQ(5u, Get(CM_OPT_TRANSPORT_MAX_MESSAGE));
@@ -159,25 +147,7 @@ TEST_F(LenPkgConnTest, ImpossibleLengthsEndIt) {
     EXPECT_EQ(3u, trace.Count("CLenPkgConn::OnDisconnect reason ="));
 }
 
-TEST_F(LenPkgConnTest, EndsInsideItsUpcalls) {
-    const std::function<void()> ends[] = {[&] { m_pConn->Disconnect(CM_ERROR_TIMEOUT); }, [&] { m_pConn.Reset(); }};
-    for (const auto& end : ends) {
-        for (int nUpcall = 0; nUpcall < 3; ++nUpcall) {
-            Connect();
-            m_Sink->m_Receive = m_Sink->m_Send = m_Sink->m_Disconnect = end;
-            if (nUpcall == 0)
-                m_pLower->Receive(Framed("one") + Framed("two"));
-            else if (nUpcall == 1)
-                m_pLower->MakeRoom();
-            else
-                m_pLower->Lose();
-            EXPECT_EQ(1, m_Sink->Upcalls());
-            EXPECT_EQ(1u, m_pLower->m_Disconnects.size());
-            EXPECT_EQ(nullptr, m_pLower->GetSink());
-        }
-    }
-    // A shorter limit counts from the next message on.
-    Connect();
+TEST_F(LenPkgConnTest, AShorterLimitCountsFromTheNextMessageOn) {
     m_Sink->m_Receive = [&] { Set(CS_OPT_MAX_MESSAGE_LEN, 2); };
     m_pLower->Receive(Framed("one") + Framed("two"));
     EXPECT_EQ("one", m_Sink->m_strReceived);

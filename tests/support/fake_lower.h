@@ -21,7 +21,7 @@ public:
 
     CmResult OpenWithSink(ICmTransportSink* aSink) override {
         m_pSink = aSink;
-        return m_OpenResult;
+        return CM_OK;
     }
     ICmTransportSink* GetSink() override { return m_pSink; }
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) override {
@@ -41,11 +41,8 @@ public:
             aPara->m_dwHaveSent = dwTaken;
         return dwTaken == dwLength ? CM_OK : CM_ERROR_PARTIAL_DATA;
     }
-    CmResult SetOption(DWORD aCommand, void* aArg) override {
-        if (aCommand != CM_OPT_TRANSPORT_PAUSE_READING)
-            return CM_ERROR_INVALID_ARG;
-        m_bPaused = *static_cast<BOOL*>(aArg);
-        return CM_OK;
+    CmResult SetOption(DWORD aCommand, void*) override {
+        return aCommand == CM_OPT_TRANSPORT_PAUSE_READING ? CM_OK : CM_ERROR_INVALID_ARG;
     }
     CmResult GetOption(DWORD aCommand, void* aArg) override {
         switch (aCommand) {
@@ -83,10 +80,6 @@ public:
         if (m_pSink)
             m_pSink->OnSend(this);
     }
-    void Lose(CmResult aReason = CM_ERROR_NETWORK_SOCKET_ERROR) {
-        if (ICmTransportSink* pSink = std::exchange(m_pSink, nullptr))
-            pSink->OnDisconnect(aReason, this);
-    }
     // Everything that was sent since it was last asked.
     std::string TakeSent() {
         std::string strAll;
@@ -97,11 +90,9 @@ public:
 
     const DWORD m_dwType;
     ICmTransportSink* m_pSink = nullptr;
-    CmResult m_OpenResult = CM_OK;
     CmResult m_SendResult = CM_OK;  // others refuse everything
     DWORD m_dwRoom = EVERYTHING;
     DWORD m_dwUnacknowledged = 0;
-    BOOL m_bPaused = FALSE;
     std::vector<std::string> m_Sends;     // what each call took
     std::vector<DWORD> m_Pieces;          // how many pieces each call had
     std::vector<CmResult> m_Disconnects;  // the reasons
