@@ -12,7 +12,7 @@ import sys
 import unittest
 
 TALVO = sys.argv.pop(1)
-PATIENCE = 60  # seconds; only how long a failing test takes
+PATIENCE = 240  # seconds; only how long a failing test takes
 
 REQUEST, RESPONSE = bytes.fromhex("01 00000000 0000 0F"), bytes.fromhex("02 00000000 0000 0F")
 GOODBYE = bytes.fromhex("03 0000")

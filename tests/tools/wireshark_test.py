@@ -15,7 +15,7 @@ import tempfile
 import unittest
 
 TALVO, DISSECTOR = sys.argv.pop(1), sys.argv.pop(1)
-PATIENCE = 60  # seconds; only how long a failing test takes
+PATIENCE = 240  # seconds; only how long a failing test takes
 CLIENT, SERVER = 40000, 7000  # ports in the capture
 SIZE = 300  # bytes of a ping's message
 
