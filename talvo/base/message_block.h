@@ -40,7 +40,8 @@ public:
     explicit CCmMessageBlock(CCmDataBlock* aDb, DWORD aFlag = 0);
 
     // A view on the first aLength unread bytes (or as many as there are) of aSource alone, sharing its storage or, if that is
-    // foreign, viewing it likewise. It has no space behind them: who writes to it, or to a duplicate, cannot reach what follows.
+    // foreign, viewing it likewise. It has no space behind them: who writes to it, or to a duplicate, cannot reach what
+    // follows.
     CCmMessageBlock(const CCmMessageBlock& aSource, DWORD aLength);
 
     ~CCmMessageBlock() = default;

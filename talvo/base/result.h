@@ -29,7 +29,7 @@ using CmResult = int32_t;
     X(CM_ERROR_NETWORK_CONNECT_TIMEOUT, 20005)          /* a connect attempt failed at once */          \
     X(CM_ERROR_NETWORK_CONNECT_ERROR, 20006)            /* an attempt under way failed or timed out */  \
     X(CM_ERROR_NETWORK_DNS_FAILURE, 20007)              /* a name could not be resolved */              \
-    X(CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE, 20009) /* the proxy cannot be reached or used */   \
+    X(CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE, 20009) /* the proxy cannot be reached or used */       \
     X(CM_ERROR_NETWORK_BAD_CONNECT_RESPONSE, 20013)     /* the peer speaks another connection type */
 
 #define CM_DECLARE_RESULT(aName, aValue) constexpr CmResult aName = aValue;

@@ -95,7 +95,7 @@ void CPkgConnClient::OnRetransmitTimer_i() {
 
 void CPkgConnClient::OnHandshakeTimeout_i() {
     CM_WARNING_TRACE_THIS("CPkgConnClient::OnTimer(), haven't recv ConnResp PDU. m_cBaseType=" << m_cBaseType
-                                                                                              << " m_wStatus=" << m_wStatus);
+                                                                                               << " m_wStatus=" << m_wStatus);
     End_i(CM_ERROR_NETWORK_CONNECT_ERROR);
     Indicate_i(CM_ERROR_NETWORK_CONNECT_ERROR);
 }

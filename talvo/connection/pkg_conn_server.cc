@@ -41,16 +41,16 @@ void CPkgConnServer::OnRecvConnReq() {
                                                                  << ", m_wStatus=" << m_wStatus
                                                                  << ", ConnectNum=" << dwConnectNum);
     if (nType != m_byConnType) {
-        CM_WARNING_TRACE_THIS("CPkgConnServer::OnRecvConnReq(), Wrong Connection type="
-                              << nType << ",m_byConnType=" << static_cast<int>(m_byConnType));
+        CM_WARNING_TRACE_THIS("CPkgConnServer::OnRecvConnReq(), Wrong Connection type=" << nType << ",m_byConnType="
+                                                                                        << static_cast<int>(m_byConnType));
         SendConnResp();
         RefuseType_i();
         return;
     }
     switch (m_wStatus) {
     case CS_STATUS_HANDSHAKE:
-        CM_INFO_TRACE_THIS("CPkgConnServer::OnRecvConnReq(), New connection coming byConnType=" << nType
-                                                                                               << " m_cBaseType=" << m_cBaseType);
+        CM_INFO_TRACE_THIS(
+            "CPkgConnServer::OnRecvConnReq(), New connection coming byConnType=" << nType << " m_cBaseType=" << m_cBaseType);
         Accept_i();
         return;
     case CS_STATUS_CONNECTED:

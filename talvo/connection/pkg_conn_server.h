@@ -4,8 +4,8 @@
 #include "talvo/connection/pkg_conn.h"
 
 // Made by an acceptor for each transport that it is handed. It has 60 seconds for the connect request; then, or when the
-// transport is lost before, it goes without anybody being told. The acceptor's sink hears of it before the response is sent, and
-// what the sink sends inside follows the response.
+// transport is lost before, it goes without anybody being told. The acceptor's sink hears of it before the response is sent,
+// and what the sink sends inside follows the response.
 class TALVO_API CPkgConnServer : public CPkgConn {
 public:
     CPkgConnServer();

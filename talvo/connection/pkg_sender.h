@@ -4,8 +4,8 @@
 #include "talvo/connection/cs_conn.h"
 
 // One class for both ends, without a handshake: connected as soon as its transport is. Data PDUs are in the 9-byte form with an
-// acknowledgement field of 0. There is no send buffer: one message may wait, which the transport refused, and until that has gone
-// SendData answers CM_ERROR_PARTIAL_DATA. Sends keep-alives if wanted, but does not watch over a silent peer.
+// acknowledgement field of 0. There is no send buffer: one message may wait, which the transport refused, and until that has
+// gone SendData answers CM_ERROR_PARTIAL_DATA. Sends keep-alives if wanted, but does not watch over a silent peer.
 class TALVO_API CPkgSender : public CCsConn, public ICmAcceptorConnectorSink {
 public:
     CPkgSender();
@@ -14,8 +14,8 @@ public:
     // Gives the opening up; the owner is told nothing any more.
     void CancelConnect();
 
-    // Tells the peer and closes the transport below, at once: what the transport has not taken yet is lost (a thread proxy waits
-    // first). No upcall follows. The transport's result; CM_OK when the connection had ended.
+    // Tells the peer and closes the transport below, at once: what the transport has not taken yet is lost (a thread proxy
+    // waits first). No upcall follows. The transport's result; CM_OK when the connection had ended.
     CmResult Disconnect(CmResult aReason) override;
 
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override;

@@ -16,8 +16,8 @@ public:
 
     DWORD GetLength() const { return m_dwLength; }
 
-    // Copies the whole of aData in. aMissing: how many bytes the message under way still lacks, as far as that is known; storage
-    // for them is provided in good time. CM_ERROR_OUT_OF_MEMORY: the chain has lost what it could not take, give it up.
+    // Copies the whole of aData in. aMissing: how many bytes the message under way still lacks, as far as that is known;
+    // storage for them is provided in good time. CM_ERROR_OUT_OF_MEMORY: the chain has lost what it could not take, give it up.
     CmResult Append(const CCmMessageBlock& aData, DWORD aMissing);
 
     // Copies the first aCount bytes and leaves them. FALSE: there are not so many.
@@ -26,8 +26,8 @@ public:
     // Drops the first aCount bytes, of which there must be so many.
     void Skip(DWORD aCount);
 
-    // Takes the first aCount bytes, of which there must be so many, out and passes them to aUse as a block; aUse may do anything
-    // to this chain, even clear it, but not destroy it. CM_ERROR_OUT_OF_MEMORY: aUse was not called.
+    // Takes the first aCount bytes, of which there must be so many, out and passes them to aUse as a block; aUse may do
+    // anything to this chain, even clear it, but not destroy it. CM_ERROR_OUT_OF_MEMORY: aUse was not called.
     template <class Use>
     CmResult Take(DWORD aCount, Use aUse) {
         if (aCount == 0) {

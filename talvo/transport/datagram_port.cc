@@ -125,7 +125,8 @@ void CDatagramPort::Deliver(int aCount) {
     CDatagramBuffers& buffers = GetDatagramBuffers();
     m_Counters.m_ullReceived += static_cast<uint64_t>(aCount);
     m_llReceivedUsec = CCmClock::GetTimeOfDayUsec();
-    m_Sender.Lend(buffers.m_Slots[0], buffers.m_Slots[0] + sizeof buffers.m_Slots);
+    const char* pSlots = reinterpret_cast<const char*>(buffers.m_Slots);
+    m_Sender.Lend(pSlots, pSlots + sizeof buffers.m_Slots);
     m_bReceiving = TRUE;
     for (int i = 0; i < aCount && m_bOpen; ++i) {
         const DWORD dwLength = buffers.m_Received[i].msg_len;
