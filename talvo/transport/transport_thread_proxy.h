@@ -7,10 +7,11 @@
 // acceptor proxy (the user's), in order. All operations may be called from any thread; but from another than the user's, an
 // upcall that is already under way there may end after OpenWithSink, Disconnect or the release has returned.
 //
-// Sending: SendData takes the whole chain or nothing, without copying payload that a data block owns. When more than a limit
-// waits for the network (1 MiB; CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, bytes) it returns CM_ERROR_PARTIAL_DATA, and one OnSend
-// follows when half of the limit has drained. CM_OK says that the data is on its way: it is lost only when the connection is.
-// What waits together leaves with few system calls. What one send is depends on the connection type:
+// Sending: SendData takes the whole chain or nothing, without copying payload that a data block owns, except that messages of
+// at most 1,024 bytes for a protocol connection are copied, which is cheaper. When more than a limit waits for the network (1
+// MiB; CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, bytes) it returns CM_ERROR_PARTIAL_DATA, and one OnSend follows when half of the
+// limit has drained. CM_OK says that the data is on its way: it is lost only when the connection is. What waits together leaves
+// with few system calls. What one send is depends on the connection type:
 // - Raw TCP: bytes of a stream, joined with those of other sends up to 64 pieces a system call.
 // - Raw UDP: one datagram, which counts 128 bytes more towards the limits. CM_OK promises nothing (see CCmTransportUdp); one
 //   that is too large is refused at once with CM_ERROR_INVALID_ARG.
@@ -19,9 +20,10 @@
 //   is the connection's as of its making and of every SetOption through the proxy; whoever lowers it in the network thread
 //   may cost messages under way, which a trace line at level 0 tells. An empty message is CM_OK and nothing is sent.
 //
-// Receiving: OnReceive gets a duplicate of its own. When more than a limit (1 MiB, each chunk counting 128 bytes beyond its
-// payload; CM_OPT_TRANSPORT_PROXY_RECV_LIMIT) waits for the user's thread, reading stops until half of it is taken.
-// CM_OPT_TRANSPORT_PAUSE_READING pauses by hand, at once: no OnReceive and no OnDisconnect until it is set to FALSE.
+// Receiving: OnReceive gets a duplicate of its own, or a view on a copy of a message of at most 1,024 bytes. When more than a
+// limit (1 MiB, each chunk counting 128 bytes beyond its payload; CM_OPT_TRANSPORT_PROXY_RECV_LIMIT) waits for the user's
+// thread, reading stops until half of it is taken. CM_OPT_TRANSPORT_PAUSE_READING pauses by hand, at once: no OnReceive and no
+// OnDisconnect until it is set to FALSE.
 //
 // Opening: a raw transport stays unopened until OpenWithSink. A protocol connection runs from the start, and what arrives is
 // kept within the same limit, its end included, so OpenWithSink may come as late as the user likes: it is CM_OK even if the
