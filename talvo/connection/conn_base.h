@@ -32,7 +32,6 @@ public:
 
     void SetCurrStatus(WORD aStatus);
     WORD GetCurrStatus() const { return m_wStatus; }
-    WORD GetPrevStatus() const { return m_wPrevStatus; }
     void SetChannel(WORD aChannel) { m_wChannel = aChannel; }
     WORD GetChannel() const { return m_wChannel; }
     BYTE GetConnType() const { return m_byConnType; }

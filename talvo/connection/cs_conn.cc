@@ -81,8 +81,8 @@ CmResult CCsConn::GetOption(DWORD aCommand, void* aArg) {
     }
 }
 
-// Without a send buffer there is none to be made, and with one nobody can do without it: peers that expect no acknowledgements
-// would never see the difference, but a begun PDU would be lost.
+// Whether there is a send buffer is a matter of the type: taken away it could drop a begun PDU, and one made where nothing is
+// acknowledged would never empty.
 CmResult CCsConn::SetMaxBufLen_i(DWORD aLength) {
     if (aLength == 0 || m_dwMaxBufLen == 0)
         return CM_ERROR_INVALID_ARG;

@@ -12,8 +12,10 @@ namespace talvo {
 
 //  user's thread                     this object                        network thread
 //
-//  SendData --- duplicate ---> [send queue, bytes bounded] -- drain --> transport.SendData
-//  OnReceive <--- upcall ----- [receive queue, bytes bounded] <-------- transport's OnReceive, duplicated
+//  SendData ------ keep -----> [send queue, bytes bounded] -- drain --> transport.SendData
+//  OnReceive <--- upcall ----- [receive queue, bytes bounded] <-------- transport's OnReceive
+//
+// A queue keeps a duplicate of what it is given or, of a small message for a protocol connection, a copy.
 //
 // Each direction has one event, which is posted when its queue gets something to do and nobody is on the way already: a burst
 // costs one wake-up. What is refused in the network thread, or by a full queue, is told with OnSend when half of it has gone.
