@@ -17,7 +17,8 @@
 namespace {
 
 constexpr int MAX_REPORTS = 256;
-constexpr int MAX_EVENT_BATCHES = 16;  // batches of events between two looks at the handles
+constexpr int MAX_EVENT_BATCHES = 16;    // batches of events between two looks at the handles,
+constexpr int64_t MAX_EVENT_USEC = 100;  // and none is begun later than this behind the first
 constexpr uint64_t WAKE_UP_DATA = UINT64_MAX;
 constexpr DWORD DEFAULT_TICK_MSEC = 10;
 
@@ -246,10 +247,17 @@ void CCmReactorEpoll::ProcessNotifications_i() {
     }
 }
 
-// Several batches a turn, so that a burst of posts does not pay for a wait each, with the timers looked at between them.
+// Several batches a turn, so that a burst of posts does not pay for a wait each, with the timers looked at between them. Where
+// each event takes long, as a connect does, the handles do not wait for many.
 void CCmReactorEpoll::ProcessEvents_i() {
+    int64_t llEnd = 0;
     for (int i = 0; i < MAX_EVENT_BATCHES; ++i) {
         if (!m_bWakeUpUnderWay && GetPendingEventsCount() == 0)
+            return;
+        const int64_t llNow = CCmClock::GetTimeOfDayUsec();
+        if (i == 0)
+            llEnd = llNow + MAX_EVENT_USEC;
+        else if (llNow >= llEnd)
             return;
         if (ProcessHandleEvent(CM_INVALID_HANDLE, ACmEventHandler::EVENTQUEUE_MASK, CM_OK, TRUE, FALSE) == CM_ERROR_NOT_FOUND)
             return;

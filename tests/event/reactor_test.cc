@@ -2,6 +2,7 @@
 
 #include "tests/support/event_helpers.h"
 #include "tests/support/event_socket.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/trace_capture.h"
 
 namespace {
@@ -95,6 +96,29 @@ TEST_F(ReactorTest, ACallbackMayDeleteAnyHandler) {
     b.m_Peer.Write("x");
     Turns(3);
     EXPECT_EQ(1, nCalls);
+}
+
+TEST_F(ReactorTest, HandlesDoNotWaitForManyLongEvents) {
+    CCmFakeClock clock;
+    CEnd end(m_Reactor);
+    int nRun = 0;
+    int nRunBeforeInput = 0;
+    end.m_pHandler->m_Input = [&] {
+        nRunBeforeInput = nRun;
+        return end.ReadSome();
+    };
+    for (int i = 0; i < 40; ++i)
+        PostTo(m_Reactor, [&] {
+            if (++nRun == 1)
+                end.m_Peer.Write("x");
+            clock.Advance(CCmTimeValue(0, 15));
+        });
+    Turn();
+    EXPECT_EQ(10, nRun);  // 75 us behind the first batch, 150 behind the second
+    Turn();
+    EXPECT_EQ(10, nRunBeforeInput);
+    Turns(2);
+    EXPECT_EQ(40, nRun);
 }
 
 TEST_F(ReactorTest, PausedReadingLosesNothing) {
