@@ -5,6 +5,7 @@
 
 #include "talvo/base/ensure_single_thread.h"
 #include "talvo/base/trace.h"
+#include "talvo/event/event_batch.h"
 #include "talvo/event/event_synchronous.h"
 
 ICmEvent::~ICmEvent() = default;
@@ -95,6 +96,7 @@ CmResult CCmEventQueueBase::PopOnePendingEvent(ICmEvent*& aEvent, unsigned long*
 }
 
 CmResult CCmEventQueueBase::ProcessEvents(const EventsType& aEvents) {
+    const talvo::CEventBatch batch;
     for (ICmEvent* pEvent : aEvents)
         ProcessOneEvent(pEvent);
     return CM_OK;

@@ -41,6 +41,7 @@ ICmReactor::~ICmReactor() {
 }
 
 DWORD ICmReactor::GetProperty() const { return 0; }
+CmResult ICmReactor::PostEventQuietly(ICmEvent* aEvent) { return PostEvent(aEvent); }
 
 BOOL ICmReactor::IsAlive(const ICmReactor* aReactor) {
     CLiveReactors& live = LiveReactors();

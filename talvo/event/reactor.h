@@ -80,6 +80,9 @@ public:
     // Bits of PROPERTY_...
     virtual DWORD GetProperty() const;
 
+    // As PostEvent, but need not wake the loop, which runs the event with its next wake-up. As PostEvent unless overridden.
+    virtual CmResult PostEventQuietly(ICmEvent* aEvent);
+
     // Whether aReactor still exists. Objects that may outlive their thread ask before they touch its reactor. Any thread.
     static BOOL IsAlive(const ICmReactor* aReactor);
 

@@ -39,6 +39,7 @@ public:
 
     // A post wakes the loop unless a wake-up is under way.
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri = EPRIORITY_NORMAL) override;
+    CmResult PostEventQuietly(ICmEvent* aEvent) override { return m_EventQueue.PostEvent(aEvent); }
     // Kept on purpose: a sent event wakes nobody and runs with the loop's next wake-up. Post where an answer must come fast.
     CmResult SendEvent(ICmEvent* aEvent) override { return m_EventQueue.SendEvent(aEvent); }
     DWORD GetPendingEventsCount() override { return m_EventQueue.GetPendingEventsCount(); }

@@ -1,5 +1,6 @@
 #include "talvo/event/thread_link.h"
 
+#include "talvo/event/event_batch.h"
 #include "talvo/event/event_synchronous.h"
 #include "talvo/event/thread.h"
 
@@ -28,7 +29,8 @@ void CCmThreadLink::Exit_i() {
         m_dwPosts.notify_all();
 }
 
-CmResult CCmThreadLink::PostEvent(ICmEvent* aEvent) {
+template <class Poster>
+CmResult CCmThreadLink::Post_i(ICmEvent* aEvent, Poster aPoster) {
     if (!aEvent)
         return CM_ERROR_INVALID_ARG;
     if (!Enter_i()) {
@@ -36,11 +38,36 @@ CmResult CCmThreadLink::PostEvent(ICmEvent* aEvent) {
         return CM_ERROR_NOT_AVAILABLE;
     }
     ICmEventQueue* pQueue = m_pThread->GetEventQueue();
-    const CmResult rv = pQueue ? pQueue->PostEvent(aEvent) : CM_ERROR_NULL_POINTER;
+    const CmResult rv = pQueue ? aPoster(*pQueue) : CM_ERROR_NULL_POINTER;
     Exit_i();
     if (!pQueue)
         aEvent->OnDestorySelf();
     return rv == CM_ERROR_NOT_INITIALIZED ? CM_ERROR_NOT_AVAILABLE : rv;
+}
+
+CmResult CCmThreadLink::PostEvent(ICmEvent* aEvent) {
+    return Post_i(aEvent, [aEvent](ICmEventQueue& aQueue) { return aQueue.PostEvent(aEvent); });
+}
+
+CmResult CCmThreadLink::PostEventQuietly(ICmEvent* aEvent) {
+    talvo::CEventBatch* pBatch = talvo::CEventBatch::Current();
+    if (!pBatch)
+        return PostEvent(aEvent);
+    return Post_i(aEvent, [=, this](ICmEventQueue& aQueue) {
+        ICmReactor* pReactor = m_pThread->GetReactor();
+        if (!pReactor)
+            return aQueue.PostEvent(aEvent);
+        pBatch->WakeAtEnd(*this);
+        return pReactor->PostEventQuietly(aEvent);
+    });
+}
+
+void CCmThreadLink::WakeUp() {
+    if (!Enter_i())
+        return;
+    if (ICmReactor* pReactor = m_pThread->GetReactor())
+        pReactor->NotifyHandler(nullptr, ACmEventHandler::EVENTQUEUE_MASK);
+    Exit_i();
 }
 
 CmResult CCmThreadLink::CallEvent(ICmEvent* aEvent) {

@@ -42,6 +42,13 @@ public:
     // no event queue; CM_ERROR_NOT_AVAILABLE: it has ended. The event was destroyed unless the result is CM_OK.
     CmResult PostEvent(ICmEvent* aEvent);
 
+    // The same for work without hurry. Called from inside an event of the caller's own thread it wakes the thread, if that is a
+    // reactor's, when the events that the caller runs in one go are over; it may look earlier, and does at its next tick.
+    CmResult PostEventQuietly(ICmEvent* aEvent);
+
+    // Makes the thread look for what was posted quietly. Any thread.
+    void WakeUp();
+
     // Posts and waits until the event has run; runs it at once when the caller is the thread itself. Returns what OnEventFire
     // returned, or CM_ERROR_NOT_AVAILABLE when the thread ended before it ran. Not to be called in a network thread for another
     // thread.
@@ -93,6 +100,8 @@ private:
 
     BOOL Enter_i();
     void Exit_i();
+    template <class Poster>
+    CmResult Post_i(ICmEvent* aEvent, Poster aPoster);
 
     ACmThread* const m_pThread;  // not owned; alive while a post is under way or the link is open
     std::atomic<DWORD> m_dwThreadId{0};

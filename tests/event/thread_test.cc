@@ -27,6 +27,16 @@ private:
     CCmEventThread* m_pGone;
 };
 
+// Counts how often it is woken for events.
+class CCountingReactor : public CCmReactorEpoll {
+public:
+    CmResult NotifyHandler(ACmEventHandler* aEh, long aMask) override {
+        m_nWoken += aEh == nullptr;
+        return CCmReactorEpoll::NotifyHandler(aEh, aMask);
+    }
+    std::atomic<int> m_nWoken{0};
+};
+
 }  // namespace
 
 // The mode is the whole process's: put back at the end for the tests that follow.
@@ -39,6 +49,30 @@ TEST(ThreadTest, TheMainThreadMayServeAsNetworkThread) {
         EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, Manager().SetNetworkThreadMode(CCmThreadManager::NETWORK_THREAD_OWN));
     }
     EXPECT_EQ(CM_OK, Manager().SetNetworkThreadMode(mode));
+}
+
+TEST(ThreadTest, QuietPostsWakeTheirThreadOnceBehindTheEventsThatMadeThem) {
+    auto* pReactor = new CCountingReactor;
+    CScopedThread thread(pReactor);
+    CCmThreadLink& link = thread->GetLink();
+    CEventFate fate;
+    CCmEventQueueUsingMutex queue;
+    int nWokenInside = 0;
+    for (int i = 0; i < 3; ++i)
+        PostTo(queue, [&] {
+            EXPECT_EQ(CM_OK, link.PostEventQuietly(new CTestEvent(fate)));
+            nWokenInside += pReactor->m_nWoken;
+        });
+    CCmEventQueueBase::EventsType events;
+    queue.PopPendingEventsWithLock(events, 3, nullptr);
+    queue.ProcessEvents(events);
+    EXPECT_EQ(0, nWokenInside);
+    EXPECT_EQ(1, pReactor->m_nWoken);
+    YieldUntil([&] { return fate.m_nFired == 3; });
+
+    EXPECT_EQ(CM_OK, link.PostEventQuietly(new CTestEvent(fate)));
+    EXPECT_EQ(2, pReactor->m_nWoken);  // there is nothing to wait for
+    YieldUntil([&] { return fate.m_nFired == 4; });
 }
 
 TEST(ThreadTest, WhatWasPostedBehindTheStopIsDestroyedUnrun) {

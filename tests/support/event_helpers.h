@@ -99,13 +99,13 @@ public:
     enum EKind { REACTOR, TASK, EVENT_QUEUE_ONLY };
 
     explicit CScopedThread(EKind aKind) {
-        CCmThreadManager* pManager = CCmThreadManager::Instance();
-        const CmResult rv = aKind == REACTOR
-                                ? pManager->CreateReactorThread(pManager->GetAndIncreamUserType(),
-                                                                CCmThreadManager::CreateNetworkReactor(), m_pThread)
-                                : pManager->CreateUserTaskThread(m_pThread, CCmThreadManager::TF_JOINABLE, aKind == TASK);
-        EXPECT_EQ(CM_OK, rv);
+        if (aKind == REACTOR)
+            Run(CCmThreadManager::CreateNetworkReactor());
+        else
+            EXPECT_EQ(CM_OK, CCmThreadManager::Instance()->CreateUserTaskThread(m_pThread, CCmThreadManager::TF_JOINABLE,
+                                                                                aKind == TASK));
     }
+    explicit CScopedThread(ICmReactor* aReactor) { Run(aReactor); }
     ~CScopedThread() { End(); }
     CScopedThread(const CScopedThread&) = delete;
     CScopedThread& operator=(const CScopedThread&) = delete;
@@ -122,5 +122,10 @@ public:
     ACmThread* Get() const { return m_pThread; }
 
 private:
+    void Run(ICmReactor* aReactor) {
+        CCmThreadManager* pManager = CCmThreadManager::Instance();
+        EXPECT_EQ(CM_OK, pManager->CreateReactorThread(pManager->GetAndIncreamUserType(), aReactor, m_pThread));
+    }
+
     ACmThread* m_pThread = nullptr;
 };
