@@ -31,12 +31,10 @@ protected:
     BOOL Host_i();
     void Leave_i();
 
-    // An embedded event was refused or dropped: its thread has ended.
-    virtual void OnEventDropped() {}
-
     // An event that lives in its core, for what is posted all the time: at most one post of it is waiting, so nothing is
-    // allocated. Runs Method of the core.
-    template <class Core, void (Core::*Method)()>
+    // allocated. Runs Method of the core or, when it is refused or dropped because its thread has ended, Dropped if that is
+    // given.
+    template <class Core, void (Core::*Method)(), void (Core::*Dropped)() = nullptr>
     class CEmbeddedEventT final : public ICmEvent {
     public:
         explicit CEmbeddedEventT(Core& aCore) : m_Core(aCore) {}
@@ -44,14 +42,20 @@ protected:
             m_Core.AddReference();
             return aThread.PostEvent(this);
         }
+        CmResult PostQuietly(CCmThreadLink& aThread) {
+            m_Core.AddReference();
+            return aThread.PostEventQuietly(this);
+        }
         CmResult OnEventFire() override {
             m_bFired = TRUE;
             (m_Core.*Method)();
             return CM_OK;
         }
         void OnDestorySelf() override {
-            if (!m_bFired.exchange(FALSE))
-                m_Core.OnEventDropped();
+            if (!m_bFired.exchange(FALSE)) {
+                if constexpr (Dropped != nullptr)
+                    (m_Core.*Dropped)();
+            }
             m_Core.ReleaseReference();
         }
 

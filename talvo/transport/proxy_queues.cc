@@ -1,10 +1,14 @@
 #include "talvo/transport/proxy_queues.h"
 
+#include <utility>
+
 namespace talvo {
 
 namespace {
 
 using Guard = CCmMutexGuardT<CCmMutexThread>;
+
+constexpr uint64_t HURRY_STEP = 32 * 1024;  // bytes: enough to pay for a wake-up, too little to be late
 
 // What is to be taken over: null, and TRUE, when a copy will do. FALSE: memory ran out.
 BOOL DuplicateUnlessSmall(const CCmMessageBlock& aData, DWORD aLength, BOOL aMayCopy, CCmMessageBlock*& aChain) {
@@ -34,7 +38,8 @@ DWORD CProxySendQueue::GetLimit() {
     return m_dwLimit;
 }
 
-CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aWake) {
+CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aTell,
+                               BOOL& aHurry) {
     CCmMessageBlock* pChain = nullptr;
     if (!DuplicateUnlessSmall(aData, aLength, aMayCopy, pChain))
         return CM_ERROR_OUT_OF_MEMORY;
@@ -48,16 +53,20 @@ CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWOR
     if (!AddTo(m_Messages, pChain, aData, aLength))
         return CM_ERROR_OUT_OF_MEMORY;
     m_ullWaiting += aCost;
-    aWake = !m_bAwake;
-    m_bAwake = TRUE;
+    m_ullQuiet += aCost;
+    aHurry = m_ullQuiet >= HURRY_STEP;
+    if (aHurry)
+        m_ullQuiet = 0;
+    aTell = !std::exchange(m_bTold, TRUE);
     return CM_OK;
 }
 
 BOOL CProxySendQueue::Take(CMessageList& aMessages) {
     Guard guard(m_Mutex);
     aMessages.Swap(m_Messages);
-    m_bAwake = !aMessages.IsEmpty();
-    return m_bAwake;
+    m_ullQuiet = 0;
+    m_bTold = !aMessages.IsEmpty();
+    return m_bTold;
 }
 
 BOOL CProxySendQueue::Sent(uint64_t aLength) {

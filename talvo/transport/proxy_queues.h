@@ -17,11 +17,11 @@ public:
 
     // Takes aData, all or nothing, so a message stays whole: a copy of a small one, if it may be copied, and a duplicate of any
     // other. aLength is its length, aCost what it counts; what lies below the limit may exceed it by one message.
-    // CM_ERROR_PARTIAL_DATA: full. CM_ERROR_OUT_OF_MEMORY. aWake: the network thread has to be told. One lock; a duplicate is
-    // made before it, in vain when the queue is full.
-    CmResult Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aWake);
+    // CM_ERROR_PARTIAL_DATA: full. CM_ERROR_OUT_OF_MEMORY. aTell: the network thread does not know yet that there is something;
+    // aHurry: since it was last hurried much has come. One lock; a duplicate is made before it, in vain when the queue is full.
+    CmResult Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aTell, BOOL& aHurry);
 
-    // Network thread: moves everything that waits to the empty aMessages. FALSE: nothing there, and the next Push has to wake.
+    // Network thread: moves everything that waits to the empty aMessages. FALSE: nothing there, and the next Push has to tell.
     BOOL Take(CMessageList& aMessages);
     // Network thread: so many bytes are gone. TRUE: the user, who was refused before, can send again.
     BOOL Sent(uint64_t aLength);
@@ -34,7 +34,8 @@ private:
     CMessageList m_Messages CM_GUARDED_BY(m_Mutex);
     DWORD m_dwLimit CM_GUARDED_BY(m_Mutex) = DEFAULT_LIMIT;
     uint64_t m_ullWaiting CM_GUARDED_BY(m_Mutex) = 0;  // bytes
-    BOOL m_bAwake CM_GUARDED_BY(m_Mutex) = FALSE;      // the network thread knows that there is something
+    uint64_t m_ullQuiet CM_GUARDED_BY(m_Mutex) = 0;    // bytes since the network thread was hurried
+    BOOL m_bTold CM_GUARDED_BY(m_Mutex) = FALSE;       // the network thread knows that there is something
     BOOL m_bRefused CM_GUARDED_BY(m_Mutex) = FALSE;    // an OnSend is owed
 };
 

@@ -77,12 +77,21 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
         Lost_i(rv);  // a stream with a hole in it would be worse
         return;
     }
-    if (PostUpcall_i() != CM_OK) {  // the user's thread has ended
-        m_bClosed = TRUE;
-        LetGo_i(CM_OK);
-    } else if (bStop) {
+    if (bStop)
         ApplyReading_i();
-    }
+    if (m_bStream)
+        TellReceived_i();
+    else if (!m_bUpcallPosted && !std::exchange(m_bTellPosted, TRUE))
+        m_TellEvent.Post(GetNetwork());
+}
+
+// A read may hold many messages: the user is told behind the last, with an event of this thread's own, and finds them all.
+void CTransportProxyCore::TellReceived_i() {
+    m_bTellPosted = FALSE;
+    if (PostUpcall_i() == CM_OK || !m_pTransport)
+        return;
+    m_bClosed = TRUE;  // the user's thread has ended
+    LetGo_i(CM_OK);
 }
 
 void CTransportProxyCore::OnSend(ICmTransport*, CCmTransportParameter*) {

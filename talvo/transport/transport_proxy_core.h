@@ -54,12 +54,12 @@ public:
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
 
     void OnThreadEnd() override;
-    void OnEventDropped() override;
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // lingering: done, or long enough
 
 private:
     // User's thread.
     void Upcall();
+    void UpcallDropped();
     BOOL Deliver_i();
     void PauseReading_i(BOOL aPause);
     // Either thread.
@@ -67,6 +67,7 @@ private:
     void PostApplyReading_i();
     // Network thread.
     void Open_i();
+    void TellReceived_i();
     void Drain();
     CmResult SendWaiting_i();
     BOOL TakeBatch_i();
@@ -110,7 +111,9 @@ private:
     CProxySendQueue m_SendQueue;
     CProxyReceiveQueue m_ReceiveQueue;
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Drain> m_DrainEvent{*this};
-    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Upcall> m_UpcallEvent{*this};
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Upcall, &CTransportProxyCore::UpcallDropped> m_UpcallEvent{
+        *this};
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::TellReceived_i> m_TellEvent{*this};
 
     // User's thread only.
     CMessageList m_Delivering;
@@ -120,6 +123,7 @@ private:
     CMessageList m_Sending;
     CCmMessageBlock* m_pUnsent = nullptr;  // owned; on a stream, what is joined and not sent yet
     uint64_t m_ullGone = 0;                // bytes; what the send queue does not know yet to have gone
+    BOOL m_bTellPosted = FALSE;
     BOOL m_bDraining = FALSE;
     BOOL m_bRoomMeanwhile = FALSE;  // an OnSend came while draining
     BOOL m_bOpened = FALSE;

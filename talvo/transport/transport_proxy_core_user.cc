@@ -43,12 +43,15 @@ CmResult CTransportProxyCore::SendData(CCmMessageBlock& aData, CCmTransportParam
                             << ", raise it with the options 132 (send buffer) and 136 (message length)");
         return CM_ERROR_INVALID_ARG;
     }
-    BOOL bWake = FALSE;
-    CmResult rv = m_SendQueue.Push(aData, dwLength, CostOf_i(dwLength), m_bProtocol, bWake);
+    BOOL bTell = FALSE;
+    BOOL bHurry = FALSE;
+    CmResult rv = m_SendQueue.Push(aData, dwLength, CostOf_i(dwLength), m_bProtocol, bTell, bHurry);
     if (rv != CM_OK)
         return rv;
-    if (bWake)
-        rv = m_DrainEvent.Post(GetNetwork());
+    if (bTell)
+        rv = bHurry ? m_DrainEvent.Post(GetNetwork()) : m_DrainEvent.PostQuietly(GetNetwork());
+    else if (bHurry)
+        GetNetwork().WakeUp();
     if (rv != CM_OK)
         return rv;
     aData.AdvanceChainedReadPtr(dwLength);
@@ -130,7 +133,7 @@ CmResult CTransportProxyCore::PostUpcall_i() {
 }
 
 // The user's thread has ended: the next post finds that out, instead of taking this one for under way.
-void CTransportProxyCore::OnEventDropped() { m_bUpcallPosted = FALSE; }
+void CTransportProxyCore::UpcallDropped() { m_bUpcallPosted = FALSE; }
 
 void CTransportProxyCore::Upcall() {
     m_bUpcallPosted = FALSE;
