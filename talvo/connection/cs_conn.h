@@ -110,6 +110,10 @@ private:
     DWORD GetMaxMessage_i() const;
     CmResult RefuseTooLong_i(DWORD aLength) const;
     CmResult SendBuffered_i(CCmMessageBlock& aData);
+    BOOL MayGather_i(DWORD aLength);
+    BOOL HasRoom_i(DWORD aLength) const;
+    DWORD AddToSendBuf_i(CCmMessageBlock& aData);
+    CmResult GatherFrame_i(CCmMessageBlock& aData);
     CmResult SendUnbuffered_i(CCmMessageBlock& aData);
     CmResult SendCurrent_i();
     CmResult DropDatagram_i(DWORD aLength, CmResult aReason);

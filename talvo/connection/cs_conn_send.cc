@@ -67,12 +67,14 @@ CmResult CCsConn::RefuseTooLong_i(DWORD aLength) const {
 
 // Until the handshake is over and while corked, data only waits: the connect response has to go first, the others together.
 CmResult CCsConn::SendBuffered_i(CCmMessageBlock& aData) {
+    if (MayGather_i(aData.GetChainedLength()))
+        return GatherFrame_i(aData);
     const BOOL bHandshake = m_wStatus == CS_STATUS_HANDSHAKE;
     const BOOL bSend = !bHandshake && !m_bCorked;
     const BOOL bFlushed = bSend && SendDataFromSendBuf() == CM_OK;
-    DWORD dwAdded = m_SendBuf.AddDataPDU(&aData, m_bNeedACK);
+    DWORD dwAdded = AddToSendBuf_i(aData);
     if (dwAdded == 0 && m_bCorked && !bHandshake && SendDataFromSendBuf() == CM_OK)
-        dwAdded = m_SendBuf.AddDataPDU(&aData, m_bNeedACK);
+        dwAdded = AddToSendBuf_i(aData);
     if (dwAdded == 0) {
         CM_INFO_TRACE_THIS("CCsConn::SendData(), not enough rooms for the aData");
         m_bNeedOnSend = TRUE;
@@ -85,6 +87,38 @@ CmResult CCsConn::SendBuffered_i(CCmMessageBlock& aData) {
     return CM_OK;
 }
 
+// While corked, a PDU that nobody will acknowledge needs no place in the send buffer as long as none is there.
+BOOL CCsConn::MayGather_i(DWORD aLength) {
+    if (!m_bCorked || m_bNeedACK || m_bDatagrams || m_wStatus != CS_STATUS_CONNECTED)
+        return FALSE;
+    const BOOL bFull = m_Pending.GetLength() >= PENDING_LIMIT || !HasRoom_i(aLength);
+    if (bFull && m_SendBuf.GetCount() == 0 && !m_bRefused)
+        FlushPending_i();
+    return m_SendBuf.GetCount() == 0 && !m_bRefused && HasRoom_i(aLength);
+}
+
+// What is pending counts as if it were in the send buffer, which looks at itself alone.
+BOOL CCsConn::HasRoom_i(DWORD aLength) const {
+    const DWORD dwHeader = CCsPduBase::GetFixLength(CS_PDU_TYPE_DATA_NORMAL, m_bNeedACK);
+    return uint64_t{m_Pending.GetLength()} + m_SendBuf.GetUsed() + dwHeader + aLength <= m_dwMaxBufLen;
+}
+
+DWORD CCsConn::AddToSendBuf_i(CCmMessageBlock& aData) {
+    const BOOL bBesidePending = m_Pending.GetLength() > 0;
+    return bBesidePending && !HasRoom_i(aData.GetChainedLength()) ? 0 : m_SendBuf.AddDataPDU(&aData, m_bNeedACK);
+}
+
+CmResult CCsConn::GatherFrame_i(CCmMessageBlock& aData) {
+    const DWORD dwLength = aData.GetChainedLength();
+    char szHeader[9] = {};
+    CCmMessageBlock header(sizeof szHeader, szHeader);
+    CCsPduData(m_bNeedACK, 0, dwLength, CS_PDU_TYPE_DATA_NORMAL, nullptr).EncodeWithOutData(header);
+    const CmResult rv = m_Pending.Add(header.GetTopLevelReadPtr(), header.GetTopLevelLength(), aData);
+    if (rv == CM_OK)
+        aData.AdvanceChainedReadPtr(dwLength);
+    return rv;
+}
+
 CmResult CCsConn::SendUnbuffered_i(CCmMessageBlock& aData) {
     if (m_wStatus == CS_STATUS_RECONNECTING || !m_pTransport)
         return CM_ERROR_NOT_AVAILABLE;
@@ -93,17 +127,12 @@ CmResult CCsConn::SendUnbuffered_i(CCmMessageBlock& aData) {
         if (const CmResult rv = FlushPending_i(); rv != CM_OK)
             return rv;
     }
+    if (m_bCorked)
+        return GatherFrame_i(aData);
     char szHeader[9] = {};
     CCmMessageBlock header(sizeof szHeader, szHeader);
     CCsPduData(TRUE, 0, aData.GetChainedLength(), CS_PDU_TYPE_DATA_NORMAL, nullptr).EncodeWithOutData(header);
-    CmResult rv = CM_OK;
-    if (m_bCorked) {
-        rv = m_Pending.Add(header.GetTopLevelReadPtr(), header.GetTopLevelLength(), aData);
-        if (rv == CM_OK)
-            aData.AdvanceChainedReadPtr(aData.GetChainedLength());
-    } else {
-        rv = SendFrame_i(header, aData);
-    }
+    const CmResult rv = SendFrame_i(header, aData);
     return rv == CM_ERROR_OUT_OF_MEMORY ? rv : CM_OK;
 }
 
@@ -219,7 +248,8 @@ CmResult CCsConn::SendKeepAlive() {
     if (m_wStatus != CS_STATUS_CONNECTED || !m_pTransport)
         return CM_ERROR_NOT_AVAILABLE;
     if (m_dwMaxBufLen > 0) {
-        m_SendBuf.AddKeepAlivePDU();
+        if (m_Pending.IsEmpty())
+            m_SendBuf.AddKeepAlivePDU();
         return SendDataFromSendBuf();
     }
     if (!m_Pending.IsEmpty())
