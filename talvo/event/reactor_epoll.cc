@@ -248,7 +248,8 @@ void CCmReactorEpoll::ProcessNotifications_i() {
 }
 
 // Several batches a turn, so that a burst of posts does not pay for a wait each, with the timers looked at between them. Where
-// each event takes long, as a connect does, the handles do not wait for many.
+// each event takes long, as a connect does, the handles do not wait for many; but the last turn does what was posted before the
+// stop.
 void CCmReactorEpoll::ProcessEvents_i() {
     int64_t llEnd = 0;
     for (int i = 0; i < MAX_EVENT_BATCHES; ++i) {
@@ -257,7 +258,7 @@ void CCmReactorEpoll::ProcessEvents_i() {
         const int64_t llNow = CCmClock::GetTimeOfDayUsec();
         if (i == 0)
             llEnd = llNow + MAX_EVENT_USEC;
-        else if (llNow >= llEnd)
+        else if (llNow >= llEnd && !m_bStop)
             return;
         if (ProcessHandleEvent(CM_INVALID_HANDLE, ACmEventHandler::EVENTQUEUE_MASK, CM_OK, TRUE, FALSE) == CM_ERROR_NOT_FOUND)
             return;
