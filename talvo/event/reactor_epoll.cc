@@ -17,6 +17,7 @@
 namespace {
 
 constexpr int MAX_REPORTS = 256;
+constexpr int MAX_INPUTS = 4;            // calls of OnInput for one report, while the handler goes on
 constexpr int MAX_EVENT_BATCHES = 16;    // batches of events between two looks at the handles,
 constexpr int64_t MAX_EVENT_USEC = 100;  // and none is begun later than this behind the first
 constexpr uint64_t WAKE_UP_DATA = UINT64_MAX;
@@ -172,16 +173,20 @@ void CCmReactorEpoll::DispatchReport_i(const epoll_event& aReport) {
     ProcessTimerTick();
 }
 
+// A handler that goes on is asked again at once a few times, which spares a look of the system for each; then the others get
+// their turn, and the system looks whether there is more.
 void CCmReactorEpoll::ReportIn_i(HANDLE aFd, DWORD aBinding) {
+    for (int i = 0; i < MAX_INPUTS; ++i) {
+        const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
+        if (!pElement || !(pElement->m_lMask & ACmEventHandler::READ_MASK))
+            return;  // gone, or paused: reported again when the handler wants to read
+        const BOOL bDatagrams = !!(pElement->m_lMask & ACmEventHandler::DATAGRAM_MASK);
+        if (ProcessHandleEvent(aFd, ACmEventHandler::READ_MASK, CM_OK, FALSE, FALSE) != CM_OK || bDatagrams)
+            return;
+    }
     const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
-    if (!(pElement->m_lMask & ACmEventHandler::READ_MASK))
-        return;  // paused: reported again when the handler wants to read
-    if (ProcessHandleEvent(aFd, ACmEventHandler::READ_MASK, CM_OK, FALSE, FALSE) != CM_OK)
-        return;
-    pElement = FindBinding_i(aFd, aBinding);
-    const long lMask = pElement ? pElement->m_lMask : ACmEventHandler::NULL_MASK;
-    if ((lMask & ACmEventHandler::READ_MASK) && !(lMask & ACmEventHandler::DATAGRAM_MASK))
-        OnHandleMaskAdded(aFd);  // go on: the system looks again, and the others get their turn first
+    if (pElement && (pElement->m_lMask & ACmEventHandler::READ_MASK))
+        OnHandleMaskAdded(aFd);
 }
 
 // A failure is something to receive here: whether the handle lives on is for its handler to say.

@@ -79,13 +79,12 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
     }
     if (bStop)
         ApplyReading_i();
-    if (m_bStream)
-        TellReceived_i();
-    else if (!m_bUpcallPosted && !std::exchange(m_bTellPosted, TRUE))
+    if (!m_bUpcallPosted && !std::exchange(m_bTellPosted, TRUE))
         m_TellEvent.Post(GetNetwork());
 }
 
-// A read may hold many messages: the user is told behind the last, with an event of this thread's own, and finds them all.
+// One report may bring many messages or reads: the user is told behind the last, with an event of this thread's own, and finds
+// them all.
 void CTransportProxyCore::TellReceived_i() {
     m_bTellPosted = FALSE;
     if (PostUpcall_i() == CM_OK || !m_pTransport)

@@ -13,7 +13,8 @@
 // limit has drained. CM_OK says that the data is on its way: it is lost only when the connection is. What waits together leaves
 // with few system calls. So that much does, sends from inside an event or upcall of the caller's thread wake the network
 // thread when the events that this thread runs in one go (at most 5) are over, or 32 KiB have gathered; who computes for long
-// afterwards delays them by the network thread's tick (10 ms) at most. Sends from elsewhere wake it at once. What one send is depends on the connection type:
+// afterwards delays them by the network thread's tick (10 ms) at most. Sends from elsewhere wake it at once. What one send is
+// depends on the connection type:
 // - Raw TCP: bytes of a stream, joined with those of other sends up to 64 pieces a system call.
 // - Raw UDP: one datagram, which counts 128 bytes more towards the limits. CM_OK promises nothing (see CCmTransportUdp); one
 //   that is too large is refused at once with CM_ERROR_INVALID_ARG.
