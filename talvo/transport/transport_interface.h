@@ -59,7 +59,9 @@ enum ECmTransportOption : DWORD {
     CM_OPT_TRANSPORT_MAX_MESSAGE = 145,
     // set BOOL: protocol connections only. While TRUE SendData gathers, FALSE sends that with few system calls; any upcall may
     // come inside, OnDisconnect included.
-    CM_OPT_TRANSPORT_CORK = 146
+    CM_OPT_TRANSPORT_CORK = 146,
+    // set BOOL TRUE: nothing more is sent; the peer sees the end behind what was taken, and receiving goes on. TCP alone.
+    CM_OPT_TRANSPORT_END_SENDING = 147
 };
 
 // Implemented by the user of a transport. All calls come in the transport's thread: a thread proxy's in the thread that made

@@ -121,6 +121,13 @@ void CTransportProxyCore::Drain() {
         m_DrainEvent.Post(GetNetwork());
     else if (rv == CM_OK && m_pLingerTimers && !HasUnacknowledged_i())
         LetGo_i(CM_OK);
+    else if (rv == CM_OK && m_bEndSending)
+        SetInnerOption_i(CM_OPT_TRANSPORT_END_SENDING, &m_bEndSending);
+}
+
+void CTransportProxyCore::EndSending_i() {
+    m_bEndSending = TRUE;
+    Drain();
 }
 
 // CM_OK: all that waited here has gone. Otherwise OnSend or OnDisconnect follows, or the latter has been already.

@@ -69,6 +69,7 @@ private:
     void Open_i();
     void TellReceived_i();
     void Drain();
+    void EndSending_i();
     CmResult SendWaiting_i();
     BOOL TakeBatch_i();
     CmResult SendJoined_i();
@@ -127,6 +128,7 @@ private:
     BOOL m_bDraining = FALSE;
     BOOL m_bRoomMeanwhile = FALSE;  // an OnSend came while draining
     BOOL m_bOpened = FALSE;
+    BOOL m_bEndSending = FALSE;                // behind what waits
     BOOL m_bReadingPaused = FALSE;             // as the transport was told
     ICmTimerQueue* m_pLingerTimers = nullptr;  // not owned; set when lingering: this thread's, which may be unregistered by now
     CCmTimeValue m_tvLingerEnd;

@@ -85,6 +85,8 @@ CmResult CTransportProxyCore::SetOption(DWORD aCommand, void* aArg) {
     case CM_OPT_TRANSPORT_PAUSE_READING:
         PauseReading_i(!!*static_cast<BOOL*>(aArg));
         return CM_OK;
+    case CM_OPT_TRANSPORT_END_SENDING:
+        return GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->EndSending_i(); });
     default:
         return GetNetwork().Call(
             [=, pThis = CCmRefPtrT<CTransportProxyCore>(this)] { return pThis->SetInnerOption_i(aCommand, aArg); });

@@ -35,6 +35,8 @@ CmResult CCmTransportTcp::SetOption(DWORD aCommand, void* aArg) {
         return SetTos2Socket(m_SocketTcp, aArg);
     case CM_OPT_TRANSPORT_PAUSE_READING:
         return PauseReading_i(*static_cast<BOOL*>(aArg));
+    case CM_OPT_TRANSPORT_END_SENDING:
+        return m_SocketTcp.CloseWriter() == 0 ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
     default:
         CM_WARNING_TRACE_THIS("CCmTransportTcp::SetOption, unknow aCommand=" << aCommand << " aArg=" << aArg);
         return CM_ERROR_INVALID_ARG;

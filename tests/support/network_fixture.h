@@ -110,6 +110,7 @@ public:
         m_Addr = CCmInetAddr(OwnLoopback(), ntohs(addr.sin_port));
     }
     const CCmInetAddr& Addr() const { return m_Addr; }
+    int GetFd() const { return m_Fd.Get(); }
     // Waits for somebody; what it gives never blocks.
     CTestFd Accept() const { return CTestFd(accept4(m_Fd.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)); }
 
