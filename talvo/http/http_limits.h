@@ -1,0 +1,15 @@
+// What a peer may make this side hold.
+#pragma once
+
+#include "talvo/base/types.h"
+
+// Given to parsers and body readers, each of which keeps a copy. A message beyond a limit fails; whether a limit was the reason
+// can be asked there, so that a server can answer 431 or 413.
+struct CCmHttpLimits {
+    static constexpr uint64_t NO_MAX_BODY = UINT64_MAX;
+    static constexpr uint64_t SERVER_MAX_BODY = 64u << 20;
+
+    DWORD m_dwMaxLine = 64 * 1024;        // bytes of a line of a head, a trailer or a chunk size, without its line end
+    DWORD m_dwMaxHeaders = 256;           // lines of a head behind its first, and of a trailer
+    uint64_t m_ullMaxBody = NO_MAX_BODY;  // bytes of a body without its framing; servers begin with SERVER_MAX_BODY
+};

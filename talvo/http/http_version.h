@@ -1,0 +1,5 @@
+// The versions of HTTP that heads know.
+#pragma once
+
+// "1.1 or later" is a comparison with 11. A head has CM_HTTP_VERSION_UNKNOWN after Clear.
+enum CCmHttpVersion { CM_HTTP_VERSION_UNKNOWN = 0, CM_HTTP_VERSION_10 = 10, CM_HTTP_VERSION_11 = 11 };

@@ -1,0 +1,37 @@
+#include "talvo/http/http_url.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(HttpUrl, ParsesAndPrints) {
+    CCmHttpUrl url;
+    for (const std::string strRow :
+         {" HTTP://Example.com>Example.com 80 / http://Example.com/", "https://h:8443/a?b>h 8443 /a?b https://h:8443/a?b",
+          "https://h:443/>h 443 / https://h/", "http://h:/x>h 80 /x http://h/x", "http://h:abc>h 80 / http://h/",
+          "http://h:65537/>h 1 / http://h:1/", "http://h/a://b>h 80 /a://b http://h/a://b",
+          "file:///C:/dir/f.pac> 0 C:\\dir\\f.pac file:///C:\\dir\\f.pac", "File://C:/x> 0 C:\\x file:///C:\\x",
+          "file:///etc/hosts> 0 etc\\hosts file:///etc\\hosts", "file://host/a/b> 0 a\\b file:///a\\b",
+          "file://name> 0 name file:///name", "ftp://h/>", "http:///x>", "http://>", "://h>", "  >"}) {
+        const size_t stEnd = strRow.find('>');
+        const BOOL bGood = url.Init(strRow.substr(0, stEnd));
+        const std::string strParts = url.GetHostName() + " " + std::to_string(url.GetPort()) + " " + url.GetPath() + " ";
+        EXPECT_EQ(bGood ? strParts + CCmHttpUrl(url).GetAsciiSpec() : "", strRow.substr(stEnd + 1)) << strRow;
+    }
+}
+
+TEST(HttpUrl, ChangesReachThePrintedForm) {
+    CCmHttpUrl url;
+    EXPECT_TRUE(url.Init("https://h/a") && url.Init(url.GetAsciiSpec()));
+    url.SetPort(444);
+    EXPECT_EQ(url.GetAsciiSpec(), "https://h:444/a");
+    url.SetPort(0);
+    EXPECT_EQ(url.GetNameAndPort(1), "h:443");
+    url.SetPath("");
+    EXPECT_EQ(url.GetAsciiSpec(), "https://h/");
+    EXPECT_FALSE(url.SetNameAndPort(""));
+    EXPECT_TRUE(url.SetNameAndPort("other:81"));
+    EXPECT_EQ(url.GetAsciiSpec(), "https://other:81/");
+}
+
+}  // namespace
