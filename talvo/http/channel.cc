@@ -1,0 +1,3 @@
+#include "talvo/http/channel.h"
+
+ICmChannelSink::~ICmChannelSink() = default;

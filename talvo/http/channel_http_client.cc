@@ -1,0 +1,205 @@
+#include "talvo/http/channel_http_client.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "talvo/base/ensure_single_thread.h"
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+#include "talvo/http/channel_options.h"
+#include "talvo/http/http_atom_list.h"
+#include "talvo/http/http_redirect.h"
+#include "talvo/http/http_text.h"
+#include "talvo/http/http_url.h"
+
+namespace {
+
+CCmLiveCounter s_Live("CCmChannelHttpClient");
+
+BOOL HasControl(std::string_view aText) {
+    return std::any_of(aText.begin(), aText.end(), [](char c) { return (c >= '\0' && c < ' ') || c == '\x7f'; });
+}
+
+}  // namespace
+
+CCmChannelHttpClient::CCmChannelHttpClient(const CCmHttpUrl& aUrl, DWORD)
+    : m_dwThread(cm_thread_self_id()), m_pUrl(new (std::nothrow) CCmHttpUrl(aUrl)), m_Exchange(*this) {
+    ++s_Live;
+}
+
+CCmChannelHttpClient::~CCmChannelHttpClient() {
+    Close_i(CM_ERROR_NETWORK_SOCKET_CLOSE);
+    --s_Live;
+}
+
+// Whoever lets go without Disconnect hears nothing more, although the object lives on until its timer.
+void CCmChannelHttpClient::OnReferenceDestory() {
+    Close_i(CM_ERROR_NETWORK_SOCKET_CLOSE);
+    CCmReferenceControlTimerDeleteT::OnReferenceDestory();
+}
+
+CmResult CCmChannelHttpClient::SetRequestMethod(const CCmHttpAtom& aMethod) {
+    return m_Status == SETTING_UP ? m_Request.SetMethod(aMethod) : CM_ERROR_ALREADY_INITIALIZED;
+}
+
+CmResult CCmChannelHttpClient::SetRequestHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, BOOL aMerge) {
+    return m_Status == SETTING_UP ? m_Request.SetHeader(aAtom, aValue, aMerge) : CM_ERROR_ALREADY_INITIALIZED;
+}
+
+BOOL CCmChannelHttpClient::GetRequestHeader(const CCmHttpAtom& aAtom, CCmString& aValue) {
+    return m_Request.GetHead().GetHeader(aAtom, aValue);
+}
+
+CmResult CCmChannelHttpClient::SetRequestBody(const CCmMessageBlock& aBody) {
+    return m_Status == SETTING_UP ? m_Request.SetBody(aBody) : CM_ERROR_ALREADY_INITIALIZED;
+}
+
+CmResult CCmChannelHttpClient::SetCredentials(const CCmString& aUser, const CCmString& aPassword) {
+    return m_Status == SETTING_UP ? m_Authenticator.SetCredentials(aUser, aPassword) : CM_ERROR_ALREADY_INITIALIZED;
+}
+
+// The answers on the way there are nobody's business.
+const CCmHttpResponseHead& CCmChannelHttpClient::GetResponseHead() {
+    static const CCmHttpResponseHead s_None;
+    return m_bAnswered ? m_Exchange.GetHead() : s_None;
+}
+
+BOOL CCmChannelHttpClient::GetResponseHeader(const CCmHttpAtom& aAtom, CCmString& aValue) {
+    return GetResponseHead().GetHeader(aAtom, aValue);
+}
+
+CmResult CCmChannelHttpClient::GetFailure(CCmString& aText) {
+    aText = m_strFailure;
+    return m_Cause;
+}
+
+CmResult CCmChannelHttpClient::GetUrl(CCmHttpUrl*& aUrl) {
+    aUrl = CCmRefPtrT<CCmHttpUrl>(m_pUrl).Detach();
+    return aUrl ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+}
+
+CmResult CCmChannelHttpClient::AsyncOpen(ICmChannelSink* aSink) {
+    if (!aSink)
+        return CM_ERROR_INVALID_ARG;
+    if (m_Status != SETTING_UP)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    if (m_dwThread != cm_thread_self_id())
+        return CM_ERROR_NOT_AVAILABLE;
+    CmResult rv = m_pUrl ? CheckUrl_i() : CM_ERROR_OUT_OF_MEMORY;
+    if (rv == CM_OK)
+        rv = m_Request.Prepare();
+    if (rv == CM_ERROR_NOT_IMPLEMENTED)
+        CM_ERROR_TRACE_THIS("CCmChannelHttpClient::AsyncOpen, not implemented. method="
+                            << m_Request.GetMethod().operator const char*() << " url=" << m_pUrl->GetAsciiSpec());
+    if (rv != CM_OK)
+        return rv;
+    m_pSink = aSink;
+    m_Status = OPEN;
+    rv = StartExchange_i();
+    if (rv != CM_OK) {
+        m_pSink = nullptr;
+        m_Status = SETTING_UP;
+    }
+    return rv;
+}
+
+CmResult CCmChannelHttpClient::CheckUrl_i() const {
+    if (m_pUrl->GetScheme() != "http")
+        return CM_ERROR_NOT_IMPLEMENTED;
+    const CCmString& strHost = m_pUrl->GetHostName();
+    const BOOL bHost = !strHost.empty() && strHost.find_first_of(" @?#") == CCmString::npos && !HasControl(strHost);
+    return bHost && !HasControl(m_pUrl->GetPath()) ? CM_OK : CM_ERROR_INVALID_ARG;
+}
+
+CmResult CCmChannelHttpClient::StartExchange_i() {
+    const CCmString strAuthorization =
+        m_Authenticator.Authorize(m_Request.GetMethod().operator const char*(), talvo::MakeHttpTarget(*m_pUrl));
+    return m_Exchange.Start(m_Request, *m_pUrl, strAuthorization);
+}
+
+CmResult CCmChannelHttpClient::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
+    if (aPara)
+        aPara->m_dwHaveSent = 0;
+    if (!m_pSink)
+        return CM_ERROR_NOT_INITIALIZED;
+    return m_Exchange.SendBody(aData, aPara);
+}
+
+CmResult CCmChannelHttpClient::EndRequestBody() { return m_pSink ? m_Exchange.EndBody() : CM_ERROR_NOT_AVAILABLE; }
+
+CmResult CCmChannelHttpClient::Disconnect(CmResult aReason) {
+    Close_i(aReason);
+    return CM_OK;
+}
+
+void CCmChannelHttpClient::Close_i(CmResult aReason) {
+    m_pSink = nullptr;
+    if (m_Status != SETTING_UP)
+        m_Status = OVER;
+    m_Timer.Cancel();
+    m_Held.Clear();
+    m_strWhole.clear();
+    m_Exchange.Close(aReason);
+}
+
+DWORD* CCmChannelHttpClient::FindOption_i(DWORD aCommand) {
+    talvo::CHttpClientExchange::CSettings& settings = m_Exchange.GetSettings();
+    switch (aCommand) {
+    case CM_OPT_CHANNEL_WHOLE_BODY:
+        return &m_dwWholeBody;
+    case CM_OPT_CHANNEL_MAX_REDIRECTS:
+        return &m_dwMaxRedirects;
+    case CM_OPT_CHANNEL_CONNECT_TIMEOUT:
+        return &settings.m_dwConnectTimeout;
+    case CM_OPT_CHANNEL_SILENCE_TIMEOUT:
+        return &settings.m_dwSilenceTimeout;
+    case CM_OPT_CHANNEL_CONTINUE_TIMEOUT:
+        return &settings.m_dwContinueTimeout;
+    case CM_OPT_CHANNEL_KEEP_ALIVE:
+        return &settings.m_dwKeepAlive;
+    }
+    return nullptr;
+}
+
+CmResult CCmChannelHttpClient::SetOption(DWORD aCommand, void* aArg) {
+    if (!aArg)
+        return CM_ERROR_INVALID_ARG;
+    if (aCommand == CM_OPT_TRANSPORT_PAUSE_READING) {
+        Pause_i(*static_cast<BOOL*>(aArg));
+        return CM_OK;
+    }
+    DWORD* pOption = FindOption_i(aCommand);
+    if (!pOption)
+        return m_Exchange.SetOption(aCommand, aArg);
+    const DWORD dwValue = *static_cast<DWORD*>(aArg);
+    if (m_Status != SETTING_UP)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    if (aCommand == CM_OPT_CHANNEL_MAX_REDIRECTS && dwValue > talvo::MAX_HTTP_REDIRECTS)
+        return CM_ERROR_INVALID_ARG;
+    *pOption = dwValue;
+    return CM_OK;
+}
+
+CmResult CCmChannelHttpClient::GetOption(DWORD aCommand, void* aArg) {
+    if (!aArg)
+        return CM_ERROR_INVALID_ARG;
+    const DWORD* pOption = FindOption_i(aCommand);
+    if (aCommand == CM_OPT_TRANSPORT_PAUSE_READING)
+        *static_cast<BOOL*>(aArg) = m_bPaused;
+    else if (pOption)
+        *static_cast<DWORD*>(aArg) = *pOption;
+    else
+        return m_Exchange.GetOption(aCommand, aArg);
+    return CM_OK;
+}
+
+// What is held is delivered from the loop, not inside the call.
+void CCmChannelHttpClient::Pause_i(BOOL aPause) {
+    m_bPaused = !!aPause;
+    m_Exchange.Pause(m_bPaused);
+    if (!m_bPaused && m_pSink && (m_Held.GetLength() > 0 || m_bEnded))
+        m_Timer.Schedule(this, CCmTimeValue::s_tvZero, 1);
+}
+
+void CCmChannelHttpClient::OnTimer(CCmTimerWrapperID*) { Deliver_i(); }

@@ -1,0 +1,209 @@
+#include "talvo/http/channel_http_server_acceptor.h"
+
+#include <new>
+#include <utility>
+
+#include "talvo/base/clock.h"
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+#include "talvo/connection/connection_manager.h"
+#include "talvo/event/thread_manager.h"
+#include "talvo/http/http_date.h"
+
+using talvo::CHttpServerConnection;
+
+namespace {
+
+CCmLiveCounter s_Live("CCmChannelHttpServerAcceptor");
+
+constexpr int64_t USEC_PER_SECOND = 1000000;
+
+// What waits in a proxy for the network: little enough that a slow reader's progress is seen in time.
+constexpr DWORD PROXY_SEND_LIMIT = 256 * 1024;
+
+}  // namespace
+
+CCmChannelHttpServerAcceptor::CCmChannelHttpServerAcceptor(DWORD) {
+    PrintTails_i();
+    ++s_Live;
+}
+
+CCmChannelHttpServerAcceptor::~CCmChannelHttpServerAcceptor() { --s_Live; }
+
+CmResult CCmChannelHttpServerAcceptor::StartListen(ICmChannelServerAcceptorSink* aSink, const CCmInetAddr& aAddrListen) {
+    if (!aSink)
+        return CM_ERROR_INVALID_ARG;
+    if (m_pSink)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    CmResult rv = m_LookTimer.Schedule(this, CCmTimeValue(1), 0);
+    if (rv == CM_OK || rv == CM_ERROR_FOUND)
+        rv = Listen_i(aAddrListen);
+    if (rv != CM_OK) {
+        m_pAcceptor.Reset();
+        m_LookTimer.Cancel();
+        return rv;
+    }
+    m_pSink = aSink;
+    PrintTails_i();
+    return CM_OK;
+}
+
+CmResult CCmChannelHttpServerAcceptor::Listen_i(const CCmInetAddr& aAddrListen) {
+    CCmConnectionManager* pManager = CCmConnectionManager::Instance();
+    if (!pManager)
+        return CM_ERROR_NULL_POINTER;
+    const CmResult rv = pManager->CreateConnectionServer(CCmConnectionManager::CTYPE_TCP, m_pAcceptor.ParaOut());
+    return rv == CM_OK ? m_pAcceptor->StartListen(this, aAddrListen) : rv;
+}
+
+CmResult CCmChannelHttpServerAcceptor::StopListen(CmResult aReason) {
+    if (!m_pAcceptor)
+        return CM_ERROR_NOT_INITIALIZED;
+    m_pAcceptor->StopListen(aReason);
+    m_pAcceptor.Reset();
+    m_bStopping = TRUE;
+    m_dwStopDeadline = m_dwLooks + m_Settings.m_dwStopSeconds + 1;
+    for (const auto& pConnection : Connections(m_Connections))
+        pConnection->Stop();
+    if (m_Connections.empty())
+        m_StoppedTimer.Schedule(this, CCmTimeValue(0, 0), 1);
+    return CM_OK;
+}
+
+CmResult CCmChannelHttpServerAcceptor::GetListenAddr(CCmInetAddr& aAddr) {
+    return m_pAcceptor ? m_pAcceptor->GetListenAddr(aAddr) : CM_ERROR_NOT_INITIALIZED;
+}
+
+// No upcall from here on.
+void CCmChannelHttpServerAcceptor::OnReferenceDestory() {
+    m_bStopping = FALSE;
+    m_pSink = nullptr;
+    m_LookTimer.Cancel();
+    m_StoppedTimer.Cancel();
+    m_pAcceptor.Reset();
+    for (const auto& pConnection : Connections(m_Connections))
+        pConnection->Drop();
+    CCmReferenceControlTimerDeleteT::OnReferenceDestory();
+}
+
+void CCmChannelHttpServerAcceptor::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
+    if (aReason == CM_OK)
+        Serve(aTrpt);
+}
+
+void CCmChannelHttpServerAcceptor::Serve(ICmTransport* aTransport) {
+    if (m_Connections.size() >= m_Settings.m_dwMaxConnections) {
+        CM_WARNING_TRACE_THIS("CCmChannelHttpServerAcceptor::Serve, too many connections. count=" << m_Connections.size());
+        return;
+    }
+    const CCmRefPtrT<CHttpServerConnection> pConnection(new (std::nothrow) CHttpServerConnection(*this, aTransport));
+    if (!pConnection)
+        return;
+    if (!CCmThreadManager::IsEqualCurrentThread(CCmThreadManager::TT_NETWORK)) {
+        DWORD dwLimit = PROXY_SEND_LIMIT;
+        aTransport->SetOption(CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, &dwLimit);
+    }
+    pConnection->m_stPlace = m_Connections.size();
+    m_Connections.push_back(pConnection);
+    if (pConnection->Open() != CM_OK)
+        pConnection->Drop();
+}
+
+void CCmChannelHttpServerAcceptor::Remove(CHttpServerConnection& aConnection) {
+    const size_t stPlace = aConnection.m_stPlace;
+    std::swap(m_Connections[stPlace], m_Connections.back());
+    m_Connections[stPlace]->m_stPlace = stPlace;
+    m_Connections.pop_back();
+    if (m_bStopping && m_Connections.empty())
+        m_StoppedTimer.Schedule(this, CCmTimeValue(0, 0), 1);
+}
+
+void CCmChannelHttpServerAcceptor::OnRequest(ICmChannelHttpServer& aChannel) {
+    if (m_pSink)
+        m_pSink->OnRequest(&aChannel, this);
+}
+
+void CCmChannelHttpServerAcceptor::OnTimer(CCmTimerWrapperID* aId) {
+    if (aId == &m_LookTimer)
+        Look_i();
+    else
+        Stopped_i();
+}
+
+// Those who are late are found first: what becomes of them changes the list.
+void CCmChannelHttpServerAcceptor::Look_i() {
+    ++m_dwLooks;
+    PrintTails_i();
+    const BOOL bAll = m_bStopping && static_cast<int32_t>(m_dwLooks - m_dwStopDeadline) >= 0;
+    Connections late;
+    for (const auto& pConnection : m_Connections) {
+        if (bAll || pConnection->IsLate())
+            late.push_back(pConnection);
+    }
+    for (const auto& pConnection : late) {
+        if (bAll)
+            pConnection->End(CM_ERROR_NETWORK_SOCKET_CLOSE);
+        else
+            pConnection->OnLate();
+    }
+}
+
+void CCmChannelHttpServerAcceptor::PrintTails_i() {
+    const CCmString strDate = "Date: " + talvo::format_http_date(CCmClock::GetWallUsec() / USEC_PER_SECOND);
+    m_strTailKeep = strDate + "\r\nConnection: keep-alive\r\n\r\n";
+    m_strTailClose = strDate + "\r\nConnection: close\r\n\r\n";
+}
+
+void CCmChannelHttpServerAcceptor::Stopped_i() {
+    m_bStopping = FALSE;
+    m_LookTimer.Cancel();
+    if (ICmChannelServerAcceptorSink* pSink = std::exchange(m_pSink, nullptr))
+        pSink->OnStopped(this);
+}
+
+DWORD* CCmChannelHttpServerAcceptor::GetNumber_i(DWORD aCommand) {
+    switch (aCommand) {
+    case CM_OPT_CHANNEL_SERVER_MAX_CONNECTIONS:
+        return &m_Settings.m_dwMaxConnections;
+    case CM_OPT_CHANNEL_SERVER_MAX_LINE:
+        return &m_Settings.m_Limits.m_dwMaxLine;
+    case CM_OPT_CHANNEL_SERVER_MAX_LINES:
+        return &m_Settings.m_Limits.m_dwMaxHeaders;
+    case CM_OPT_CHANNEL_SERVER_MAX_HEAD:
+        return &m_Settings.m_dwMaxHead;
+    case CM_OPT_CHANNEL_SERVER_HEAD_SECONDS:
+        return &m_Settings.m_dwHeadSeconds;
+    case CM_OPT_CHANNEL_SERVER_IDLE_SECONDS:
+        return &m_Settings.m_dwIdleSeconds;
+    case CM_OPT_CHANNEL_SERVER_STOP_SECONDS:
+        return &m_Settings.m_dwStopSeconds;
+    default:
+        return nullptr;
+    }
+}
+
+CmResult CCmChannelHttpServerAcceptor::SetOption(DWORD aCommand, void* aArg) {
+    DWORD* pNumber = GetNumber_i(aCommand);
+    const BOOL bBody = aCommand == CM_OPT_CHANNEL_SERVER_MAX_BODY;
+    if (!aArg || (!pNumber && !bBody) || (pNumber && *static_cast<DWORD*>(aArg) == 0)) {
+        CM_WARNING_TRACE_THIS("CCmChannelHttpServerAcceptor::SetOption, wrong aCommand=" << aCommand << " aArg=" << aArg);
+        return CM_ERROR_INVALID_ARG;
+    }
+    if (bBody)
+        m_Settings.m_Limits.m_ullMaxBody = *static_cast<uint64_t*>(aArg);
+    else
+        *pNumber = *static_cast<DWORD*>(aArg);
+    return CM_OK;
+}
+
+CmResult CCmChannelHttpServerAcceptor::GetOption(DWORD aCommand, void* aArg) {
+    const DWORD* pNumber = GetNumber_i(aCommand);
+    const BOOL bBody = aCommand == CM_OPT_CHANNEL_SERVER_MAX_BODY;
+    if (!aArg || (!pNumber && !bBody))
+        return CM_ERROR_INVALID_ARG;
+    if (bBody)
+        *static_cast<uint64_t*>(aArg) = m_Settings.m_Limits.m_ullMaxBody;
+    else
+        *static_cast<DWORD*>(aArg) = *pNumber;
+    return CM_OK;
+}

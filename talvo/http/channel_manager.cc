@@ -1,0 +1,69 @@
+#include "talvo/http/channel_manager.h"
+
+#include <new>
+
+#include "talvo/base/trace.h"
+#include "talvo/http/channel_http_client.h"
+#include "talvo/http/channel_http_server_acceptor.h"
+#include "talvo/http/http_client_pool.h"
+#include "talvo/http/http_url.h"
+
+namespace {
+
+// Hands aObject out with a reference for the caller.
+template <class Interface, class Object>
+CmResult HandOut(Object* aObject, Interface*& aOut) {
+    if (!aObject)
+        return CM_ERROR_OUT_OF_MEMORY;
+    aObject->AddReference();
+    aOut = aObject;
+    return CM_OK;
+}
+
+}  // namespace
+
+CCmChannelManager* CCmChannelManager::Instance() {
+    static CCmChannelManager s_Instance;
+    return &s_Instance;
+}
+
+CmResult CCmChannelManager::CreateChannelHttpClient(ICmChannelHttpClient*& aOut, CCmHttpUrl* aUrl, DWORD aFlags) {
+    if (!aUrl)
+        return CM_ERROR_INVALID_ARG;
+    if ((aFlags & BROWSER_PROXY) || aUrl->GetScheme() == "https") {
+        CM_ERROR_TRACE_THIS("CCmChannelManager::CreateChannelHttpClient, not implemented. url=" << aUrl->GetAsciiSpec()
+                                                                                                << " flags=" << aFlags);
+        return CM_ERROR_NOT_IMPLEMENTED;
+    }
+    return HandOut(new (std::nothrow) CCmChannelHttpClient(*aUrl, aFlags), aOut);
+}
+
+CmResult CCmChannelManager::CreateChannelHttpClientWithProxy(ICmChannelHttpClient*&, CCmHttpUrl* aUrl, CCmHttpProxyInfo*) {
+    if (!aUrl)
+        return CM_ERROR_INVALID_ARG;
+    CM_ERROR_TRACE_THIS("CCmChannelManager::CreateChannelHttpClientWithProxy, not implemented. url=" << aUrl->GetAsciiSpec());
+    return CM_ERROR_NOT_IMPLEMENTED;
+}
+
+CmResult CCmChannelManager::CreateHttpAcceptor(ICmChannelServerAcceptor*& aOut, DWORD aFlags) {
+    return HandOut(new (std::nothrow) CCmChannelHttpServerAcceptor(aFlags), aOut);
+}
+
+CmResult CCmChannelManager::CreateUrl(CCmHttpUrl*& aOut, const CCmString& aText) {
+    auto* pUrl = new (std::nothrow) CCmHttpUrl;
+    if (pUrl && !pUrl->Init(aText)) {
+        delete pUrl;
+        return CM_ERROR_FAILURE;
+    }
+    return HandOut(pUrl, aOut);
+}
+
+CmResult CCmChannelManager::SetHttpPoolLimits(const CCmHttpPoolLimits& aLimits) {
+    if (aLimits.m_dwMaxPerHost == 0)
+        return CM_ERROR_INVALID_ARG;
+    talvo::CHttpClientPool* pPool = talvo::CHttpClientPool::OfThisThread();
+    if (!pPool)
+        return CM_ERROR_NULL_POINTER;
+    pPool->SetLimits(aLimits);
+    return CM_OK;
+}

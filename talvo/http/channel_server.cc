@@ -1,0 +1,13 @@
+#include "talvo/http/channel_server.h"
+
+void ICmChannelHttpServerSink::OnReceive(CCmMessageBlock&, ICmTransport*, CCmTransportParameter*) {}
+
+void ICmChannelHttpServerSink::OnRequestEnd(ICmChannelHttpServer*) {}
+
+void ICmChannelHttpServerSink::OnSend(ICmTransport*, CCmTransportParameter*) {}
+
+void ICmChannelHttpServerSink::OnConnect(CmResult, ICmChannel*) {}
+
+void ICmChannelServerAcceptorSink::OnStopped(ICmChannelServerAcceptor*) {}
+
+ICmChannelServerAcceptorSink::~ICmChannelServerAcceptorSink() = default;

@@ -1,0 +1,49 @@
+// The chunked transfer coding, read from whatever pieces arrive.
+#pragma once
+
+#include <string_view>
+
+#include "talvo/base/export.h"
+#include "talvo/base/types.h"
+#include "talvo/http/http_header_array.h"
+#include "talvo/http/http_limits.h"
+
+//  size [; extension] CRLF   data CRLF   ...   0 CRLF   trailer CRLF ...   CRLF
+//
+// Sizes are hexadecimal and must fit 32 bits. Extensions are dropped, trailers are kept apart from the message's headers. Of a
+// line's end the CR may be missing, but not behind a chunk's data. One body for each object or Reset; one thread at a time.
+class TALVO_API CCmHttpChunkedDecoder {
+public:
+    // Appends the data in aBuf's aLen bytes to aOut; aConsumed is how many bytes were used: all, unless the body ended before.
+    // FALSE, in most cases with a line at level 10: aBuf is null, the coding is broken, a line or the trailers are beyond the
+    // limits, or memory ran out. Behind the end nothing is used and TRUE returned.
+    BOOL HandleChunkedContent(const char* aBuf, unsigned long aLen, CCmString& aOut, unsigned long& aConsumed);
+
+    // The same without a copy: uses aInput from its front up to the end of the next piece of data, which aData then views, or
+    // all of it if there is no more data (aData is then empty) or up to the body's end. FALSE as above.
+    BOOL Next(std::string_view& aInput, std::string_view& aData);
+
+    BOOL IsFinished() const { return m_State == FINISHED; }
+    const CCmHttpHeaderArray& GetTrailers() const { return m_Trailers; }
+
+    void SetLimits(const CCmHttpLimits& aLimits) { m_Limits = aLimits; }
+    void Reset();
+
+private:
+    enum EState : DWORD { SIZE_LINE = 0, DATA = 1, TRAILER = 2, FINISHED = 4 };
+    enum ELine { NO_LINE, LINE, TOO_LONG };
+
+    ELine TakeLine(std::string_view& aInput, std::string_view& aLine);
+    BOOL HandleLine(std::string_view& aInput);
+    BOOL ParseSize(std::string_view aLine);
+    BOOL ParseTrailer(std::string_view aLine);
+    BOOL TakeLineEnd(std::string_view& aInput);
+
+    EState m_State = SIZE_LINE;
+    CCmString m_strLine;  // a line whose end has not arrived
+    DWORD m_dwRemaining = 0;
+    BOOL m_bCRSeen = FALSE;
+    CCmHttpHeaderArray m_Trailers;
+    CCmHttpLimits m_Limits;
+    DWORD m_dwTrailerLines = 0;
+};

@@ -1,0 +1,85 @@
+// A client's connection to an HTTP server: used by one exchange after the other, idle in between.
+#pragma once
+
+#include "talvo/base/ref_ptr.h"
+#include "talvo/event/timer_delete.h"
+#include "talvo/event/timer_wrapper_id.h"
+#include "talvo/transport/transport_interface.h"
+
+namespace talvo {
+
+class CHttpClientConnection;
+class CHttpClientPool;
+
+// Who has asked the pool for a connection. Inside any of these it may do anything with the connection.
+class IHttpConnectionUser {
+public:
+    // aConnection is the user's until it gives it back, closes it or has lost it. aReused: others have used it before.
+    virtual void OnConnectionReady(CHttpClientConnection& aConnection, BOOL aReused) = 0;
+    // There will be none: the connector's reason.
+    virtual void OnConnectionFailed(CmResult aReason) = 0;
+
+    virtual void OnConnectionReceive(CCmMessageBlock& aData) = 0;
+    virtual void OnConnectionSend() = 0;
+    virtual void OnConnectionDeadline() = 0;              // the moment of SetDeadline has come
+    virtual void OnConnectionLost(CmResult aReason) = 0;  // it is closed and no longer the user's
+
+protected:
+    virtual ~IHttpConnectionUser() = default;
+};
+
+// Of one thread. Counted: the pool and the user hold it, and it outlives the call that lets go of it.
+class CHttpClientConnection : public CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread>,
+                              private ICmAcceptorConnectorSink,
+                              private ICmTransportSink,
+                              private CCmTimerWrapperIDSink {
+public:
+    static constexpr int64_t NEVER = INT64_MAX;
+
+    CHttpClientConnection(CHttpClientPool& aPool, const CCmString& aKey, IHttpConnectionUser& aUser);
+    ~CHttpClientConnection() override;
+
+    // The pool's side.
+    CmResult Connect(const CCmString& aHost, WORD aPort, DWORD aTimeoutMs);
+    void Lend(IHttpConnectionUser& aUser);
+    void Park(int64_t aUntil);  // idle: whatever comes now closes it
+    BOOL IsFit();               // idle, and as far as is known the server would take a request
+    void ForgetPool() { m_pPool = nullptr; }
+    const CCmString& GetKey() const { return m_strKey; }
+    IHttpConnectionUser* GetUser() const { return m_pUser; }
+    int64_t GetDeadline() const { return m_llDeadline; }
+
+    // The user's side. Transport operations, as those of ICmTransport.
+    CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter& aPara);
+    CmResult SetOption(DWORD aCommand, void* aArg) { return m_pTransport->SetOption(aCommand, aArg); }
+    CmResult GetOption(DWORD aCommand, void* aArg) { return m_pTransport->GetOption(aCommand, aArg); }
+    // Microseconds on the clock of CCmClock::GetTimeOfDayUsec. Moving it ahead costs nothing: the timer is re-armed lazily.
+    void SetDeadline(int64_t aMoment);
+    // The answer was whole and nothing follows it: somebody else may have the connection.
+    void GiveBack();
+    // Ends it. With CM_OK what was sent goes out first.
+    void Close(CmResult aReason);
+
+private:
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
+    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
+    void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
+    void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
+    void OnTimer(CCmTimerWrapperID* aId) override;
+    void OnReferenceDestory() override;
+
+    IHttpConnectionUser* Leave_i(CmResult aReason);
+    void Arm_i(int64_t aNow);
+
+    CHttpClientPool* m_pPool;      // not owned; null when it is gone, or has forgotten this connection
+    IHttpConnectionUser* m_pUser;  // not owned; null while idle
+    const CCmString m_strKey;
+    CCmRefPtrT<ICmConnector> m_pConnector;
+    CCmRefPtrT<ICmTransport> m_pTransport;
+    CCmTimerWrapperID m_Timer;
+    int64_t m_llDeadline = NEVER;
+    int64_t m_llTimer = NEVER;  // when the timer fires
+    int64_t m_llParked = 0;
+};
+
+}  // namespace talvo

@@ -1,0 +1,254 @@
+#include "talvo/http/http_client_exchange.h"
+
+#include <utility>
+
+#include "talvo/base/clock.h"
+#include "talvo/http/http_client_pool.h"
+#include "talvo/http/http_url.h"
+
+namespace talvo {
+
+namespace {
+
+constexpr DWORD MAX_INTERIMS = 32;
+constexpr uint64_t MAX_SKIPPED = 64 * 1024;  // bytes of a body that nobody wants, for the sake of its connection
+
+int64_t AfterMs(DWORD aMs) { return CCmClock::GetTimeOfDayUsec() + int64_t{aMs} * 1000; }
+
+}  // namespace
+
+CmResult CHttpClientExchange::Start(const CHttpClientRequest& aRequest, const CCmHttpUrl& aUrl,
+                                    const CCmString& aAuthorization) {
+    m_pRequest = &aRequest;
+    m_strHost = aUrl.GetHostName();
+    m_wPort = aUrl.GetPort();
+    m_strHead = aRequest.MakeHead(aUrl, aAuthorization, !!m_Settings.m_dwKeepAlive);
+    m_dwInterims = 0;
+    ResetHead_i();
+    m_Framing = CHttpFraming();
+    if (const CmResult rv = m_Sender.Begin(aRequest, m_strHead); rv != CM_OK)
+        return rv;
+    return Acquire_i(!m_Settings.m_dwKeepAlive);
+}
+
+CmResult CHttpClientExchange::Acquire_i(BOOL aFresh) {
+    CHttpClientPool* pPool = CHttpClientPool::OfThisThread();
+    if (!pPool)
+        return CM_ERROR_NULL_POINTER;
+    m_State = WAITING;
+    const CmResult rv = pPool->Acquire({this, m_strHost, m_wPort, m_Settings.m_dwConnectTimeout, aFresh});
+    if (rv != CM_OK)
+        m_State = IDLE;
+    return rv;
+}
+
+void CHttpClientExchange::Close(CmResult aReason) {
+    const EState state = std::exchange(m_State, IDLE);
+    CHttpClientPool* pPool = state == WAITING ? CHttpClientPool::FindOfThisThread() : nullptr;
+    if (pPool)
+        pPool->Cancel(*this);
+    if (const CCmRefPtrT<CHttpClientConnection> pConnection = std::move(m_pConnection))
+        pConnection->Close(aReason);
+    m_Sender.Clear();
+}
+
+void CHttpClientExchange::OnConnectionReady(CHttpClientConnection& aConnection, BOOL aReused) {
+    m_pConnection = &aConnection;
+    m_State = HEAD;
+    m_bReused = aReused;
+    m_bAnswered = FALSE;
+    if (m_bPaused)
+        m_pConnection->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &m_bPaused);
+    m_llContinueUntil = AfterMs(m_Settings.m_dwContinueTimeout);
+    Flush_i();
+    TellRoom_i();
+}
+
+void CHttpClientExchange::OnConnectionFailed(CmResult aReason) { Fail_i(aReason, "there is no connection to the server"); }
+
+// A connection that refuses data has failed, and says so itself; what it has to deliver before that is delivered.
+void CHttpClientExchange::Flush_i() {
+    const CmResult rv = m_Sender.Flush(*m_pConnection);
+    if (rv != CM_OK && rv != CM_ERROR_PARTIAL_DATA)
+        m_Sender.Stop();
+    Touch_i();
+}
+
+void CHttpClientExchange::TellRoom_i() {
+    if (m_Sender.TakeRoom())
+        m_User.OnExchangeRoom();
+}
+
+// The time that the server has from now on.
+void CHttpClientExchange::Touch_i() {
+    if (m_Sender.IsHolding())
+        m_pConnection->SetDeadline(m_llContinueUntil);
+    else if (m_bPaused || m_Settings.m_dwSilenceTimeout == 0 || m_Sender.IsUsersTurn())
+        m_pConnection->SetDeadline(CHttpClientConnection::NEVER);
+    else
+        m_pConnection->SetDeadline(AfterMs(m_Settings.m_dwSilenceTimeout));
+}
+
+void CHttpClientExchange::OnConnectionSend() {
+    Flush_i();
+    TellRoom_i();
+}
+
+void CHttpClientExchange::OnConnectionDeadline() {
+    if (!m_Sender.IsHolding()) {
+        Fail_i(CM_ERROR_TIMEOUT, "the server was silent for too long");
+        return;
+    }
+    m_Sender.Release();
+    OnConnectionSend();
+}
+
+CmResult CHttpClientExchange::SendBody(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
+    CCmTransportParameter para;
+    const CmResult rv = m_Sender.Send(m_pConnection.Get(), aData, aPara ? *aPara : para);
+    if (m_pConnection)
+        Touch_i();
+    return rv;
+}
+
+CmResult CHttpClientExchange::EndBody() {
+    const CmResult rv = m_Sender.End(m_pConnection.Get());
+    if (m_pConnection)
+        Touch_i();
+    return rv;
+}
+
+void CHttpClientExchange::Pause(BOOL aPause) {
+    m_bPaused = aPause;
+    if (!m_pConnection)
+        return;
+    m_pConnection->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &m_bPaused);
+    Touch_i();
+}
+
+CmResult CHttpClientExchange::SetOption(DWORD aCommand, void* aArg) {
+    return m_pConnection ? m_pConnection->SetOption(aCommand, aArg) : CM_ERROR_NOT_AVAILABLE;
+}
+
+CmResult CHttpClientExchange::GetOption(DWORD aCommand, void* aArg) {
+    return m_pConnection ? m_pConnection->GetOption(aCommand, aArg) : CM_ERROR_NOT_AVAILABLE;
+}
+
+void CHttpClientExchange::OnConnectionLost(CmResult aReason) {
+    m_pConnection.Reset();
+    const BOOL bStale = m_State == HEAD && m_bReused && !m_bAnswered && m_pRequest->MayRepeat();
+    if (bStale && m_Sender.Begin(*m_pRequest, m_strHead) == CM_OK && Acquire_i(TRUE) == CM_OK)
+        return;
+    if (m_State != BODY)
+        Fail_i(aReason, m_bAnswered ? "the connection broke inside the head" : "the connection broke before the answer");
+    else if (aReason == CM_ERROR_NETWORK_SOCKET_ERROR && m_Body.EndOfStream() == CM_OK)
+        End_i(FALSE);
+    else
+        Fail_i(aReason, "the connection broke inside the body");
+}
+
+void CHttpClientExchange::OnConnectionReceive(CCmMessageBlock& aData) {
+    m_bAnswered = TRUE;
+    Touch_i();
+    while (m_State == HEAD && aData.GetChainedLength() > 0)
+        ReadHead_i(aData);
+    if (m_State == BODY)
+        ReadBody_i(aData);
+}
+
+// What belongs to a line that has not ended is kept by the parser, and not taken from the chain.
+void CHttpClientExchange::ReadHead_i(CCmMessageBlock& aData) {
+    const CmResult rv = m_Parser.ParseHead(&aData);
+    if (rv == CM_OK && !m_Head.IsComplete())
+        aData.AdvanceChainedReadPtr(aData.GetChainedLength());
+    else if (rv != CM_OK)
+        Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the answer has no head that can be read");
+    else if (m_Head.GetStatus() >= 100 && m_Head.GetStatus() < 200)
+        OnInterim_i();
+    else
+        OnFinal_i();
+}
+
+void CHttpClientExchange::OnInterim_i() {
+    const long lStatus = m_Head.GetStatus();
+    ResetHead_i();
+    if (lStatus == 101 || ++m_dwInterims > MAX_INTERIMS) {
+        Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE,
+               lStatus == 101 ? "the server switched protocols" : "there are too many interim answers");
+        return;
+    }
+    if (lStatus == 100 && m_Sender.IsHolding()) {
+        m_Sender.Release();
+        OnConnectionSend();
+    }
+}
+
+// A server that refuses need not be sent the rest of the body, and one that answers without having asked for it must not be.
+void CHttpClientExchange::OnFinal_i() {
+    m_Framing = get_response_framing(m_Head, m_pRequest->GetMethod());
+    if (m_Framing.m_nError != 0) {
+        Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the answer does not say where its body ends");
+        return;
+    }
+    if (m_Head.GetStatus() >= 300 || m_Sender.IsHolding())
+        m_Sender.Stop();
+    Touch_i();
+    m_Body.Begin(m_Framing.m_Body, m_Framing.m_ullLength);
+    m_State = BODY;
+    m_bWanted = m_User.OnExchangeHead();
+    if (m_State == BODY && !m_bWanted && (m_Framing.m_Body == EHttpBody::UNTIL_CLOSE || GetExpected() > MAX_SKIPPED))
+        End_i(FALSE);
+}
+
+void CHttpClientExchange::ReadBody_i(CCmMessageBlock& aData) {
+    switch (m_Body.Feed(aData, *this)) {
+    case CM_OK:
+        End_i(!m_Framing.m_bMustClose && is_persistent(m_Head.GetVerion(), m_Head) && m_Sender.IsComplete() &&
+              aData.GetChainedLength() == 0 && m_Framing.m_Body != EHttpBody::UNTIL_CLOSE);
+        return;
+    case CM_ERROR_PARTIAL_DATA:
+        if (!m_bWanted && m_Body.GetReceived() > MAX_SKIPPED)
+            End_i(FALSE);
+        return;
+    case CM_ERROR_NOT_AVAILABLE:
+        return;
+    default:
+        Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the chunks of the body cannot be read");
+        return;
+    }
+}
+
+// FALSE: the user has closed the exchange.
+BOOL CHttpClientExchange::OnBody(CCmMessageBlock& aView) {
+    if (m_bWanted)
+        m_User.OnExchangeBody(aView);
+    return m_State == BODY;
+}
+
+void CHttpClientExchange::ResetHead_i() {
+    m_Head.Clear();
+    m_Parser.Reset();
+}
+
+// The connection goes its way before the user hears, who may begin anew.
+void CHttpClientExchange::End_i(BOOL aReusable) {
+    m_State = IDLE;
+    const CCmRefPtrT<CHttpClientConnection> pConnection = std::exchange(m_pConnection, nullptr);
+    BOOL bPaused = FALSE;
+    if (pConnection && aReusable && m_Settings.m_dwKeepAlive && !m_pRequest->IsCloseAsked()) {
+        if (m_bPaused)
+            pConnection->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPaused);
+        pConnection->GiveBack();
+    } else if (pConnection) {
+        pConnection->Close(CM_OK);
+    }
+    m_Sender.Clear();
+    m_User.OnExchangeEnd(CM_OK, "");
+}
+
+void CHttpClientExchange::Fail_i(CmResult aCause, const CCmString& aText) {
+    Close(CM_ERROR_NETWORK_SOCKET_CLOSE);
+    m_User.OnExchangeEnd(aCause, aText);
+}
+
+}  // namespace talvo

@@ -1,0 +1,73 @@
+// The connections of a thread's HTTP client channels.
+#pragma once
+
+#include <deque>
+#include <unordered_map>
+#include <vector>
+
+#include "talvo/event/thread_link.h"
+#include "talvo/http/http_client_connection.h"
+#include "talvo/http/http_pool_limits.h"
+
+namespace talvo {
+
+// What a user wants of the pool.
+struct CHttpConnectionRequest {
+    IHttpConnectionUser* m_pUser = nullptr;
+    CCmString m_strHost;  // as it is looked up
+    WORD m_wPort = 0;     // host order
+    DWORD m_dwTimeoutMs = 0;
+    BOOL m_bFresh = FALSE;  // none that others have used
+};
+
+// One a thread, made when the first channel asks and gone with the thread. An unused connection serves the next request for
+// its host and port; when as many as are allowed are in use, requests wait in turn.
+class CHttpClientPool : private CCmThreadTenant, private CCmTimerWrapperIDSink {
+public:
+    // The calling thread's; null when it has no event queue or no timer queue.
+    static CHttpClientPool* OfThisThread();
+    // The same if there is one already.
+    static CHttpClientPool* FindOfThisThread();
+
+    // CM_OK: OnConnectionReady or OnConnectionFailed will follow, the first perhaps inside this call. Anything else: there can
+    // be no connection, and the user hears nothing.
+    CmResult Acquire(const CHttpConnectionRequest& aRequest);
+    // For a request that still waits; a connection that the user has is closed by the user.
+    void Cancel(IHttpConnectionUser& aUser);
+
+    const CCmHttpPoolLimits& GetLimits() const { return m_Limits; }
+    void SetLimits(const CCmHttpPoolLimits& aLimits);
+
+    // From the connections: to be used by others, or closed.
+    void TakeBack(CHttpClientConnection& aConnection);
+    void Forget(CHttpClientConnection& aConnection);
+
+private:
+    using Connection = CCmRefPtrT<CHttpClientConnection>;
+
+    struct CHost {
+        BOOL IsEmpty() const { return m_Connections.empty() && m_Waiting.empty(); }
+
+        std::vector<Connection> m_Connections;         // all
+        std::vector<CHttpClientConnection*> m_Unused;  // those that are idle; the last was so most recently
+        std::deque<CHttpConnectionRequest> m_Waiting;
+    };
+
+    CHttpClientPool();
+    ~CHttpClientPool() override;
+    void OnThreadEnd() override;
+    void OnTimer(CCmTimerWrapperID* aId) override;
+
+    CmResult Serve_i(const CCmString& aKey, const CHttpConnectionRequest& aRequest);
+    BOOL ServeFirst_i(const CCmString& aKey);
+    void Use_i(CHttpClientConnection& aConnection);
+    void Settle_i(const CCmString& aKey);
+
+    CCmHttpPoolLimits m_Limits;
+    std::unordered_map<CCmString, CHost> m_Hosts;  // by host in lower case and port
+    std::vector<CHttpClientConnection*> m_Unused;  // of all hosts; the last was so most recently
+    CCmTimerWrapperID m_Timer;                     // serves those who wait, outside the calls that made room
+    BOOL m_bServing = FALSE;
+};
+
+}  // namespace talvo

@@ -1,0 +1,20 @@
+// Dates as they stand in headers.
+#pragma once
+
+#include <string_view>
+
+#include "talvo/base/export.h"
+#include "talvo/base/types.h"
+
+namespace talvo {
+
+// "Sun, 06 Nov 1994 08:49:37 GMT". Seconds since 1970 UTC; what lies outside the years 0 to 9999 is taken for the nearest
+// second in them.
+TALVO_API CCmString format_http_date(int64_t aSeconds);
+
+// Reads that form and the two old ones, "Sunday, 06-Nov-94 08:49:37 GMT" and "Sun Nov  6 08:49:37 1994". A year of two digits
+// is the one with these digits that is at most 50 years ahead. The day of the week is not checked against the date. FALSE, and
+// aSeconds untouched: no such date.
+TALVO_API BOOL parse_http_date(std::string_view aText, int64_t& aSeconds);
+
+}  // namespace talvo

@@ -1,0 +1,56 @@
+// Absolute URLs of the schemes http, https and file.
+#pragma once
+
+#include <string_view>
+
+#include "talvo/base/export.h"
+#include "talvo/base/reference_control.h"
+#include "talvo/base/types.h"
+
+// A value with a reference count: one made with new is deleted by its last ReleaseReference, in whatever thread; a copy has a
+// count of its own. The fields are used by one thread at a time.
+//
+// The host is taken as it stands: nothing is percent-decoded, user information and IPv6 literals are not known, and a "#" and
+// what follows it are a part of the path. Nothing is checked for letters that must not be sent.
+class TALVO_API CCmHttpUrl : public CCmReferenceControlT<CCmMutexThread> {
+public:
+    CCmHttpUrl() = default;
+    ~CCmHttpUrl() override = default;
+    CCmHttpUrl(const CCmHttpUrl& aOther);
+    CCmHttpUrl& operator=(const CCmHttpUrl& aOther);
+
+    // Leading spaces are skipped, the scheme's case does not matter. FALSE: another scheme, or http and https without host and
+    // port; the object is then filled in part and must not be used.
+    BOOL Init(std::string_view aSpec);
+
+    const CCmString& GetScheme() const { return m_strScheme; }  // in lower case
+    const CCmString& GetHostName() const { return m_strHostName; }
+
+    // http and https: begins with "/". file: the local path, with "\" for "/" and without the first "/" of a UNIX path.
+    const CCmString& GetPath() const { return m_strPath; }
+    void SetPath(std::string_view aPath);  // empty: "/"
+
+    WORD GetPort() const { return m_wPort; }
+    void SetPort(WORD aPort);  // 0: the scheme's default
+
+    // "host", followed by ":" and the port if it is not the scheme's default or if aForcePort is not 0.
+    CCmString GetNameAndPort(int aForcePort) const;
+
+    // "host" or "host:port"; what is no number counts as the default port. FALSE for an empty text. Kept on purpose: a number
+    // beyond 65,535 is not refused but taken modulo 65,536.
+    BOOL SetNameAndPort(std::string_view aNameAndPort);
+
+    // The whole URL, without a default port.
+    const CCmString& GetAsciiSpec() const;
+
+private:
+    BOOL Parse(std::string_view aSpec);
+    WORD GetDefaultPort() const;
+    static CCmString FilePath(std::string_view aRest);
+
+    mutable CCmString m_strSpec;  // of GetAsciiSpec; empty: to be made again
+    CCmString m_strScheme;
+    CCmString m_strPath;
+    CCmString m_strHostName;
+    WORD m_wPort = 0;
+};

@@ -1,0 +1,82 @@
+#include "talvo/http/channel_file.h"
+
+#include <sys/stat.h>
+
+#include "tests/support/http_client_helpers.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+class ChannelFileTest : public testing::Test {
+protected:
+    CCmRefPtrT<CCmChannelFile> Open(const std::string& aName) {
+        CCmRefPtrT<CCmChannelFile> pFile(new CCmChannelFile);
+        EXPECT_TRUE(pFile->Init(aName));
+        EXPECT_EQ(CM_OK, pFile->AsyncOpen(&m_Sink));
+        return pFile;
+    }
+    const CTestNetwork m_Network;
+    const CCmTempDir m_Dir;
+    CTestChannelSink m_Sink;
+};
+
+TEST_F(ChannelFileTest, DeliversUpToOneMebibyteAtOnce) {
+    for (const size_t nSize : {size_t{0}, size_t{5}, size_t{1} << 20, (size_t{1} << 20) + 1}) {
+        m_Sink = CTestChannelSink();
+        const std::string strContent = Pattern(nSize);
+        const auto pFile = Open(m_Dir.Write("file", strContent));
+        EXPECT_EQ(0, m_Sink.m_nConnects);
+        EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, pFile->AsyncOpen(&m_Sink));
+        m_Network.RunUntil([&] { return m_Sink.m_nDisconnects == 1; });
+        const bool bFits = nSize <= size_t{1} << 20;
+        EXPECT_EQ(bFits ? 1 : 0, m_Sink.m_nConnects);
+        EXPECT_EQ(bFits ? 1 : 0, m_Sink.m_nReceives);
+        EXPECT_EQ(bFits ? CM_OK : CM_ERROR_NOT_AVAILABLE, m_Sink.m_Reason);
+        EXPECT_TRUE(m_Sink.m_strBody == (bFits ? strContent : ""));
+        EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, pFile->AsyncOpen(&m_Sink));
+    }
+}
+
+TEST_F(ChannelFileTest, TakesUrlsOfFilesAndNamesAsTheyStand) {
+    const std::string strPath = m_Dir.Write("file", "content");
+    CCmRefPtrT<CCmHttpUrl> pUrl;
+    EXPECT_EQ(CM_OK, CCmChannelManager::Instance()->CreateUrl(pUrl.ParaOut(), "file://" + strPath));
+    const CCmRefPtrT<CCmChannelFile> pFile(new CCmChannelFile);
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, pFile->AsyncOpen(&m_Sink));
+    EXPECT_TRUE(pFile->Init(pUrl.Get()));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, pFile->AsyncOpen(nullptr));
+    BOOL bOn = TRUE;
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, pFile->SetOption(CM_OPT_CHANNEL_FILE_SYNC, nullptr));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, pFile->SetOption(302, &bOn));
+    EXPECT_EQ(CM_OK, pFile->SetOption(CM_OPT_CHANNEL_FILE_SYNC, &bOn));
+    EXPECT_EQ(CM_OK, pFile->AsyncOpen(&m_Sink));
+    EXPECT_EQ("content", m_Sink.m_strBody);
+    EXPECT_EQ(1, m_Sink.m_nDisconnects);
+    EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, pFile->OpenWithSink(&m_Sink));
+
+    EXPECT_EQ(CM_OK, CCmChannelManager::Instance()->CreateUrl(pUrl.ParaOut(), "http://h" + strPath));
+    EXPECT_FALSE(pFile->Init(pUrl.Get()));
+    EXPECT_FALSE(pFile->Init(static_cast<CCmHttpUrl*>(nullptr)));
+    ASSERT_EQ(0, mkfifo(m_Dir.PathOf("fifo").c_str(), 0600));
+    const CCmTraceCapture trace;
+    const std::string NAMES[] = {m_Dir.PathOf("none"), m_Dir.PathOf("fifo"), m_Dir.PathOf("."), "/dev/zero", strPath + '\0'};
+    for (const std::string& strName : NAMES)
+        EXPECT_FALSE(pFile->Init(strName)) << strName;
+    EXPECT_EQ(5u, trace.Count("CCmChannelFile::Init, m_strFileName="));
+    EXPECT_FALSE(pFile->Init(std::string()));
+}
+
+TEST_F(ChannelFileTest, EndsWhereverTheSinkWants) {
+    for (const int nWhere : {0, 1, 2}) {
+        m_Sink = CTestChannelSink();
+        auto pFile = Open(m_Dir.Write("file", "content"));
+        (nWhere == 1 ? m_Sink.m_Connect : m_Sink.m_Receive) = [&] { pFile.Reset(); };
+        EXPECT_EQ(CM_OK, nWhere == 0 ? pFile->Disconnect(CM_OK) : CM_OK);
+        for (int i = 0; i < 20; ++i)
+            m_Network.RunPosted();
+        EXPECT_EQ(nWhere, m_Sink.m_nConnects + m_Sink.m_nReceives);
+        EXPECT_EQ(0, m_Sink.m_nDisconnects);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,93 @@
+#include "tests/support/http_client_helpers.h"
+
+namespace {
+
+using HttpClientPoolTest = CHttpClientTest;
+
+// Each answer is asked for twice, and the second request may come over the first connection only if nothing speaks against it.
+TEST_F(HttpClientPoolTest, AConnectionIsUsedAgainOnlyIfItIsClean) {
+    const std::pair<std::string, size_t> CASES[] = {
+        {Answer("200 OK", "", "ab"), 1},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nab\r\n0\r\n\r\n", 1},
+        {"HTTP/1.0 200 OK\r\nConnection: keep-alive\r\nContent-Length: 2\r\n\r\nab", 1},
+        {"HTTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\nab", 2},
+        {Answer("200 OK", "Connection: x, Close\r\n", "ab"), 2},
+        {Answer("200 OK", "", "ab") + "stray bytes", 2},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nab\r\n0\r\n\r\n", 2},
+    };
+    for (const auto& [strAnswer, nConnections] : CASES) {
+        SCOPED_TRACE(strAnswer);
+        CScriptServer server({CScriptServer::Answers({strAnswer, strAnswer})});
+        EXPECT_EQ("200 ab", Get(server));
+        EXPECT_EQ("200 ab", Get(server));
+        EXPECT_EQ(nConnections, server.GetConnections());
+        EXPECT_EQ("200 ab", Get(server, [](CTestHttpClient& a) { a.Set(CM_OPT_CHANNEL_KEEP_ALIVE, FALSE); }));
+        EXPECT_EQ(nConnections + 1, server.GetConnections());
+    }
+}
+
+// The first request is answered, the second kills the connection; it may only be sent again if that does no harm, and only
+// once.
+TEST_F(HttpClientPoolTest, AStaleConnectionIsReplacedOnceForWhatMayBeRepeated) {
+    struct CCase {
+        const char* m_szMethod;
+        bool m_bBetter;  // the second connection
+        const char* m_szResult;
+        size_t m_nConnections;
+    };
+    for (const CCase& test : {CCase{"GET", true, "200 b", 2}, {"POST", true, "0  !20008", 1}, {"GET", false, "0  !20008", 2}}) {
+        const auto dies = [](CScriptPeer& aPeer) {
+            aPeer.ReadRequest();
+            aPeer.Send(Answer("200 OK", "", "a"));
+            aPeer.ReadRequest();
+        };
+        const CScriptServer::CScript fails = [](CScriptPeer& aPeer) { aPeer.ReadRequest(); };
+        CScriptServer server({dies, test.m_bBetter ? CScriptServer::Answers({Answer("200 OK", "", "b")}) : fails});
+        EXPECT_EQ("200 a", Get(server));
+        EXPECT_EQ(test.m_szResult, Get(server, [&](CTestHttpClient& aClient) { aClient.Ask(test.m_szMethod); }));
+        EXPECT_EQ(test.m_nConnections, server.GetConnections());
+    }
+}
+
+TEST_F(HttpClientPoolTest, LimitsAndWaitingInTurn) {
+    CCmHttpPoolLimits limits{0, 1, 64, 30'000};
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmChannelManager::Instance()->SetHttpPoolLimits(limits));
+    limits.m_dwMaxPerHost = 2;
+    EXPECT_EQ(CM_OK, CCmChannelManager::Instance()->SetHttpPoolLimits(limits));
+    CScriptServer server({CScriptServer::Answers(std::vector<std::string>(10, Answer("200 OK", "", "x")))});
+    std::vector<std::unique_ptr<CTestHttpClient>> clients;
+    for (int i = 0; i < 6; ++i) {
+        clients.push_back(std::make_unique<CTestHttpClient>(server.Url()));
+        clients.back()->Open();
+    }
+    clients[3]->m_pChannel->Disconnect(CM_OK);  // it waits, and gives its turn to the others
+    m_Network.RunUntil([&] {
+        return std::count_if(clients.begin(), clients.end(), [](const auto& pClient) { return pClient->IsOver(); }) == 5;
+    });
+    for (size_t i = 0; i < clients.size(); ++i)
+        EXPECT_EQ(i == 3 ? "0 " : "200 x", clients[i]->Result());
+    EXPECT_EQ("200 x", Get(server));
+    EXPECT_EQ(2u, server.GetConnections());
+
+    limits.m_dwMaxIdle = 0;
+    EXPECT_EQ(CM_OK, CCmChannelManager::Instance()->SetHttpPoolLimits(limits));
+    EXPECT_EQ("200 x", Get(server));
+    EXPECT_EQ(3u, server.GetConnections());
+}
+
+TEST_F(HttpClientPoolTest, WhatIsUnusedForLongIsClosed) {
+    CCmFakeClock clock;
+    std::atomic<bool> bClosed = false;
+    CScriptServer server({[&](CScriptPeer& aPeer) {
+        CScriptServer::Answers({Answer("200 OK", "", "a")})(aPeer);
+        bClosed = true;
+    }});
+    EXPECT_EQ("200 a", Get(server));
+    clock.Advance(CCmTimeValue(29));
+    m_Network.RunPosted();
+    EXPECT_FALSE(bClosed);
+    clock.Advance(CCmTimeValue(2));
+    m_Network.RunUntil([&] { return bClosed.load(); });
+}
+
+}  // namespace

@@ -1,0 +1,219 @@
+#include "tests/support/http_client_helpers.h"
+
+namespace {
+
+using HttpClientTest = CHttpClientTest;
+
+// What a server says, whole and byte by byte, and what the channel makes of it.
+TEST_F(HttpClientTest, AnswersAsTheyCome) {
+    struct CCase {
+        const char* m_szAnswer;
+        const char* m_szMethod;
+        bool m_bServerCloses;
+        const char* m_szResult;
+    };
+    const CCase CASES[] = {
+        {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello", "GET", false, "200 hello"},
+        {"HTTP/1.1 404\r\nContent-Length: 0\r\n\r\n", "GET", false, "404 "},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4;x=1\r\nwiki\r\n5\r\npedia\r\n0\r\nX-T: 1\r\n\r\n", "GET",
+         false, "200 wikipedia"},
+        {"HTTP/1.1 200 OK\r\n\r\nuntil close", "GET", true, "200 until close"},
+        {"HTTP/1.0 200 OK\r\n\r\n", "GET", true, "200 "},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n", "HEAD", false, "200 "},
+        {"HTTP/1.1 204 No Content\r\nContent-Length: 5\r\n\r\n", "GET", false, "204 "},
+        {"HTTP/1.1 304 Not Modified\r\nTransfer-Encoding: chunked\r\n\r\n", "GET", false, "304 "},
+        {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Hints\r\nLink: a\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok",
+         "GET", false, "200 ok"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 5, 5\r\n\r\nhello", "GET", true, "200 hello"},
+        // Failures: what has arrived is delivered before.
+        {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhel", "GET", true, "200 hel !20008"},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n", "GET", true, "200 hello !20008"},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\nzz\r\n", "GET", false, "200 hello !20008"},
+        {"HTTP/1.1 200 OK\r\nContent-Le", "GET", true, "0  !20008"},
+        {"", "GET", true, "0  !20008"},
+        {"SSH-2.0-x\r\n\r\n", "GET", false, "0  !20008"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\nab", "GET", false, "0  !20008"},
+        {"HTTP/1.1 101 Switching Protocols\r\n\r\n", "GET", false, "0  !20008"},
+    };
+    for (const CCase& test : CASES) {
+        for (const size_t nPiece : {size_t{0}, size_t{1}}) {
+            SCOPED_TRACE(std::string(test.m_szAnswer) + " in pieces of " + std::to_string(nPiece));
+            CScriptServer server({[&](CScriptPeer& aPeer) {
+                aPeer.ReadRequest();
+                aPeer.Send(test.m_szAnswer, nPiece);
+                if (!test.m_bServerCloses)
+                    aPeer.WaitForEnd();
+            }});
+            const CCmTraceCapture trace;
+            const std::string strResult = Get(server, [&](CTestHttpClient& aClient) { aClient.Ask(test.m_szMethod); });
+            EXPECT_EQ(test.m_szResult, strResult);
+            EXPECT_EQ(strResult.ends_with("!20008") ? 1u : 0u, trace.Count("CCmChannelHttpClient::OnDisconnect, "));
+        }
+    }
+    std::string strInterims;
+    for (int i = 0; i < 33; ++i)
+        strInterims += "HTTP/1.1 102 Processing\r\n\r\n";
+    CScriptServer server({CScriptServer::Answers({strInterims + Answer("200 OK", "", "")})});
+    EXPECT_EQ("0  !20008", Get(server));
+}
+
+// Whatever is asked wrongly is refused before a connection is made.
+TEST_F(HttpClientTest, RefusesWhatMustNotBeSent) {
+    const CTestHttpClient client("http://127.0.0.1:1/");
+    const std::pair<const char*, std::string> HEADERS[] = {
+        {"Cookie", "a\rb"}, {"Cookie", "a\nb"},       {"Cookie", std::string("a\0b", 3)}, {"a b", "a"},
+        {"", "a"},          {"Content-Length", "-1"}, {"Transfer-Encoding", "gzip"}};
+    for (const auto& [szName, strValue] : HEADERS)
+        EXPECT_EQ(CM_ERROR_INVALID_ARG, client.Header(szName, strValue)) << szName;
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, client.m_pChannel->SetRequestMethod(CCmHttpAtom("GET /\r\n")));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, client.m_pChannel->SetCredentials("a:b", "c"));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, client.m_pChannel->AsyncOpen(nullptr));
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, SendText(*client.m_pChannel, "early"));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, client.Set(CM_OPT_CHANNEL_MAX_REDIRECTS, 11));
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, client.Set(CM_OPT_TRANSPORT_TOS, 0));
+
+    const CCmTraceCapture trace;
+    CTestChannelSink sink;
+    const std::pair<const char*, CmResult> URLS[] = {{"http://a b/", CM_ERROR_INVALID_ARG},
+                                                     {"http://h/\r\nX: 1", CM_ERROR_INVALID_ARG},
+                                                     {"http://u@h/", CM_ERROR_INVALID_ARG},
+                                                     {"file:///etc/hosts", CM_ERROR_NOT_IMPLEMENTED}};
+    for (const auto& [szUrl, rv] : URLS)
+        EXPECT_EQ(rv, CTestHttpClient(szUrl).m_pChannel->AsyncOpen(&sink)) << szUrl;
+    client.Ask("POST", "abc");
+    client.Header("Content-Length", "4");
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, client.m_pChannel->AsyncOpen(&sink));
+
+    CCmChannelManager& manager = *CCmChannelManager::Instance();
+    CCmRefPtrT<CCmHttpUrl> pUrl;
+    ICmChannelHttpClient* pClient = nullptr;
+    EXPECT_EQ(CM_ERROR_FAILURE, manager.CreateUrl(pUrl.ParaOut(), "ftp://h/"));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, manager.CreateChannelHttpClient(pClient, nullptr));
+    EXPECT_EQ(CM_OK, manager.CreateUrl(pUrl.ParaOut(), "https://h/"));
+    EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, manager.CreateChannelHttpClient(pClient, pUrl.Get()));
+    EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, manager.CreateChannelHttpClientWithProxy(pClient, pUrl.Get(), nullptr));
+    EXPECT_EQ(3u, trace.Count("not implemented."));
+}
+
+TEST_F(HttpClientTest, EndsWhereverTheSinkWants) {
+    for (const int nWhere : {0, 1, 2, 3}) {
+        for (const bool bRelease : {false, true}) {
+            CScriptServer server({CScriptServer::Answers(
+                {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n3\r\ndef\r\n0\r\n\r\n"})});
+            CTestHttpClient client(server.Url());
+            bool bDone = false;
+            const std::function<void()> end = [&] {
+                bDone = true;
+                if (bRelease)
+                    client.m_pChannel.Reset();
+                else
+                    EXPECT_EQ(CM_OK, client.m_pChannel->Disconnect(CM_OK));
+            };
+            (nWhere == 1 ? client.m_Sink.m_Connect : nWhere == 2 ? client.m_Sink.m_Receive : client.m_Sink.m_Disconnect) = end;
+            client.Open();
+            EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, client.m_pChannel->AsyncOpen(&client.m_Sink));
+            if (nWhere == 0)
+                end();
+            m_Network.RunUntil([&] { return bDone; });
+            m_Network.RunPosted();
+            EXPECT_EQ(nWhere > 0, client.m_Sink.m_nConnects);
+            EXPECT_EQ(nWhere < 2 ? 0 : nWhere == 2 ? 1 : 2, client.m_Sink.m_nReceives);
+            EXPECT_EQ(nWhere == 3, client.m_Sink.m_nDisconnects);
+        }
+    }
+}
+
+TEST_F(HttpClientTest, DeliversTheWholeBodyByOption) {
+    const std::string strBody = Pattern(100000);
+    CScriptServer server({CScriptServer::Answers(
+        {Answer("200 OK", "", strBody), Answer("200 OK", "", ""), "HTTP/1.1 200 OK\r\nContent-Length: 4294967296\r\n\r\nabc"},
+        1000)});
+    for (const std::string& strResult : {"200 " + strBody, std::string("200 "), std::string("0  !20008")}) {
+        CTestHttpClient client(server.Url());
+        client.Set(CM_OPT_CHANNEL_WHOLE_BODY, TRUE);
+        EXPECT_EQ(strResult, Run(client));
+        EXPECT_EQ(strResult[0] == '2' ? 1 : 0, client.m_Sink.m_nReceives);
+    }
+}
+
+// Nothing more comes while the sink pauses, however much is there already; the rest stays with the system.
+TEST_F(HttpClientTest, ASinkThatPausesIsLeftInPeace) {
+    const std::string strBody = Pattern(16 << 20);
+    std::atomic<bool> bAllSent = false;
+    CScriptServer server({[&](CScriptPeer& aPeer) {
+        aPeer.ReadRequest();
+        aPeer.Send(Answer("200 OK", "", strBody));
+        bAllSent = true;
+        aPeer.WaitForEnd();
+    }});
+    CTestHttpClient client(server.Url());
+    const auto pause = [&](BOOL aPause) { client.Set(CM_OPT_TRANSPORT_PAUSE_READING, static_cast<DWORD>(aPause)); };
+    int nSeen = 0;
+    client.m_Sink.m_Receive = [&] {
+        EXPECT_EQ(++nSeen, client.m_Sink.m_nReceives);
+        pause(TRUE);
+        PostTo(m_Network.Main(), [&] {
+            EXPECT_EQ(nSeen, client.m_Sink.m_nReceives);
+            PostTo(m_Network.Main(), [&] { pause(FALSE); });
+        });
+    };
+    client.m_Sink.m_Connect = [&] { pause(TRUE); };
+    client.Open();
+    m_Network.RunUntil([&] { return client.m_Sink.m_nConnects == 1; });
+    for (int i = 0; i < 1000; ++i)
+        m_Network.RunPosted();
+    EXPECT_EQ(0, client.m_Sink.m_nReceives);
+    EXPECT_FALSE(bAllSent);
+    pause(FALSE);
+    m_Network.RunUntil([&] { return client.IsOver(); });
+    EXPECT_TRUE("200 " + strBody == client.Result());
+}
+
+TEST_F(HttpClientTest, SilenceAndRefusedConnectionsEnd) {
+    CCmFakeClock clock;
+    CScriptServer server({[](CScriptPeer& aPeer) {
+        aPeer.ReadRequest();
+        aPeer.Send("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhel");
+        aPeer.WaitForEnd();
+    }});
+    CTestHttpClient client(server.Url());
+    client.Set(CM_OPT_CHANNEL_SILENCE_TIMEOUT, 2000);
+    client.Open();
+    m_Network.RunUntil([&] { return client.m_Sink.m_strBody == "hel"; });
+    clock.Advance(CCmTimeValue(1, 900000));
+    m_Network.RunPosted();
+    EXPECT_FALSE(client.IsOver());
+    clock.Advance(CCmTimeValue(0, 200000));
+    m_Network.RunUntil([&] { return client.IsOver(); });
+    EXPECT_EQ("200 hel !20008", client.Result());
+    CCmString strText;
+    EXPECT_EQ(CM_ERROR_TIMEOUT, client.m_pChannel->GetFailure(strText));
+    EXPECT_EQ("the server was silent for too long", strText);
+
+    CTestHttpClient refused(std::string("http://") + OwnLoopback() + ":1/");
+    EXPECT_EQ("0  !20008", Run(refused));
+    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, refused.m_pChannel->GetFailure(strText));
+}
+
+// Where no proxy stands between; the second is asked for when the first is over, and finds its connection.
+TEST_F(HttpClientTest, WorksInTheNetworkThread) {
+    CScriptServer server({CScriptServer::Answers({Answer("200 OK", "", "first"), Answer("200 OK", "", "second")})});
+    std::unique_ptr<CTestHttpClient> clients[2];
+    std::atomic<bool> bDone = false;
+    m_Network.InNetwork([&] {
+        for (auto& pClient : clients)
+            pClient = std::make_unique<CTestHttpClient>(server.Url());
+        clients[0]->m_Sink.m_Disconnect = [&] { clients[1]->Open(); };
+        clients[1]->m_Sink.m_Disconnect = [&] { bDone = true; };
+        clients[0]->Open();
+    });
+    YieldUntil([&] { return bDone.load(); });
+    m_Network.InNetwork([&] {
+        EXPECT_EQ("200 first 200 second", clients[0]->Result() + " " + clients[1]->Result());
+        for (auto& pClient : clients)
+            pClient.reset();
+    });
+    EXPECT_EQ(1u, server.GetConnections());
+}
+
+}  // namespace

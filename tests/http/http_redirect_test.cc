@@ -1,0 +1,33 @@
+#include "talvo/http/http_redirect.h"
+
+#include <gtest/gtest.h>
+
+#include "talvo/http/http_url.h"
+
+namespace {
+
+// The examples of RFC 3986, section 5.4, on a base that HTTP has, and what must not be asked for.
+TEST(HttpRedirectTest, ResolvesReferences) {
+    CCmHttpUrl base;
+    EXPECT_TRUE(base.Init("http://a:81/b/c/d;p?q"));
+    const std::pair<const char*, const char*> CASES[] = {
+        // clang-format off
+        {"http://g", "http://g/"}, {"HTTP://h:8/x/../y", "HTTP://h:8/y"}, {"g", "http://a:81/b/c/g"},
+        {"./g", "http://a:81/b/c/g"}, {"g/", "http://a:81/b/c/g/"}, {"/g", "http://a:81/g"}, {"//g", "http://g/"},
+        {"//g?x", "http://g/?x"}, {"?y", "http://a:81/b/c/d;p?y"}, {"g?y", "http://a:81/b/c/g?y"},
+        {"#s", "http://a:81/b/c/d;p?q"}, {"g#s", "http://a:81/b/c/g"}, {"g?y#s", "http://a:81/b/c/g?y"},
+        {";x", "http://a:81/b/c/;x"}, {"", "http://a:81/b/c/d;p?q"}, {".", "http://a:81/b/c/"}, {"..", "http://a:81/b/"},
+        {"../g", "http://a:81/b/g"}, {"../..", "http://a:81/"}, {"../../../g", "http://a:81/g"}, {"/./g", "http://a:81/g"},
+        {"/../g", "http://a:81/g"}, {"g.", "http://a:81/b/c/g."}, {"..g", "http://a:81/b/c/..g"},
+        {"./g/.", "http://a:81/b/c/g/"}, {"g/./h", "http://a:81/b/c/g/h"}, {"g/../h", "http://a:81/b/c/h"},
+        {"g?y/../x", "http://a:81/b/c/g?y/../x"}, {"g h\xc3\xa4\"", "http://a:81/b/c/g%20h%C3%A4%22"},
+        {"https://h/x", "https://h/x"}, {"file:///etc/passwd", "file:///etc/passwd"}, {"http:g", ""}, {"mailto:a@b", ""},
+        {"http://", ""}, {"http:///x", ""}, {"http://user@h/", ""}, {"http://user:pw@h/", ""}, {"http://[::1]/", ""},
+        {"http://h:99999/", ""}, {"http://h:8o/", ""}, {"http://h\\@evil/", ""}, {"g\\h", "http://a:81/b/c/g%5Ch"},
+        // clang-format on
+    };
+    for (const auto& [szReference, szResult] : CASES)
+        EXPECT_EQ(szResult, talvo::ResolveHttpLocation(base, szReference)) << szReference;
+}
+
+}  // namespace

@@ -1,0 +1,120 @@
+// Slow clients, the end of a server, limits on connections.
+#include "tests/http/server_fixture.h"
+
+namespace {
+
+const std::string GET = "GET /a HTTP/1.1\r\nHost: h\r\n\r\n";
+const std::string POST = "POST / HTTP/1.1\r\nHost: h\r\nContent-Length: 6000\r\n\r\n";
+
+TEST_F(HttpServerTest, SlowHeadsAndSilence) {
+    const auto pSilent = Connect(), pSlow = Connect(), pIdle = Connect();
+    pIdle->Receive(GET);
+    for (int i = 0; i < 9; ++i) {
+        pSlow->Receive("G");  // does not buy time
+        Pass(1);
+    }
+    EXPECT_EQ("", pSilent->TakeAnswers() + pSlow->TakeAnswers());
+    Pass(2);
+    EXPECT_EQ("end", pSilent->TakeAnswers());
+    EXPECT_EQ("408:408 Request Timeout\n end", pSlow->TakeAnswers());
+    EXPECT_EQ("200:/a ", pIdle->TakeAnswers());
+    Pass(7);
+    EXPECT_EQ(1u, m_pAcceptor->GetConnections());  // those that were ended did not close: they are closed
+    pIdle->Receive("\r\n");
+    Pass(50);
+    EXPECT_EQ("end", pIdle->TakeAnswers());
+}
+
+TEST_F(HttpServerTest, SlowBodiesAndReaders) {
+    const auto pSteady = Connect(), pSlow = Connect(), pReader = Connect();
+    pSteady->Receive(POST);
+    pSlow->Receive(POST);
+    m_Request = [](ICmChannelHttpServer& a) { a.AnswerText(200, "text/plain", std::string(100000, 'x')); };
+    pReader->m_dwRoom = 100;
+    pReader->Receive(GET + GET);
+    for (int i = 0; i < 2; ++i) {
+        Pass(58);
+        pSteady->Receive(std::string(1024, 'x'));
+        pSlow->Receive("x");
+        if (i == 0)
+            pReader->MakeRoom(10);
+    }
+    EXPECT_EQ("", pSteady->TakeAnswers());
+    EXPECT_EQ("408:408 Request Timeout\n end", pSlow->TakeAnswers());
+    EXPECT_EQ(CM_ERROR_TIMEOUT, m_Requests[1]->m_Reason);
+    EXPECT_TRUE(pReader->m_Disconnects.empty());
+    Pass(5);
+    EXPECT_EQ(1u, pReader->m_Disconnects.size());
+}
+
+TEST_F(HttpServerTest, StopsWhenWhatHasBegunIsDone) {
+    m_Request = [this](ICmChannelHttpServer& a) { Keep(a).m_End = [] {}; };
+    const auto pIdle = Connect(), pBusy = Connect(), pStuck = Connect();
+    pBusy->Receive(GET + GET);
+    pStuck->Receive(GET);
+    EXPECT_EQ(CM_OK, m_pAcceptor->StopListen(CM_OK));
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, m_pAcceptor->StopListen(CM_OK));
+    EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, m_pAcceptor->StartListen(this, CCmInetAddr(OwnLoopback(), 0)));
+    EXPECT_EQ("end", pIdle->TakeAnswers());
+    EXPECT_EQ(CM_OK, m_Requests[0]->m_pChannel->AnswerText(200, "text/plain", "last"));
+    Turn();
+    EXPECT_EQ("200:last end", pBusy->TakeAnswers());
+    EXPECT_EQ(2u, m_Requests.size());
+    Pass(29);
+    EXPECT_EQ(0, m_Requests[1]->m_nDisconnects + m_nStopped);
+    Pass(2);
+    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, m_Requests[1]->m_Reason);
+    EXPECT_EQ(1, m_nStopped);
+    EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(this, CCmInetAddr(OwnLoopback(), 0)));
+}
+
+TEST_F(HttpServerTest, NoMoreConnectionsThanAllowed) {
+    Set(CM_OPT_CHANNEL_SERVER_MAX_CONNECTIONS, DWORD{1});
+    const auto pFirst = Connect(), pSecond = Connect();
+    EXPECT_EQ(nullptr, pSecond->m_pSink);
+    pFirst->Vanish();
+    EXPECT_NE(nullptr, Connect()->m_pSink);
+}
+
+class CLongAnswers : public ICmChannelServerAcceptorSink {
+    void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override {
+        aChannel->AnswerText(200, "text/plain", std::string(3000000, 'x'));
+    }
+};
+
+// What a client gets over a socket that sends aMore as fast as the server reads, and then perhaps ends its side.
+std::string AskOverSocket(CCmThreadManager::ENetworkThreadMode aMode, std::string aMore, BOOL aEnd) {
+    const CTestNetwork network(aMode);
+    CLongAnswers server;
+    CCmRefPtrT<CCmChannelHttpServerAcceptor> pAcceptor(new CCmChannelHttpServerAcceptor(0));
+    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&server, CCmInetAddr(OwnLoopback(), 0)));
+    CCmInetAddr addr;
+    EXPECT_EQ(CM_OK, pAcceptor->GetListenAddr(addr));
+    const CTestFd fd = ConnectPlain(addr);
+    std::string strAnswers;
+    network.RunUntil([&] {
+        const ssize_t lSent = send(fd.Get(), aMore.data(), aMore.size(), MSG_NOSIGNAL);
+        aMore.erase(0, lSent > 0 ? static_cast<size_t>(lSent) : 0);
+        if (aEnd && aMore.empty())
+            shutdown(fd.Get(), SHUT_WR);
+        return ReadToEnd(fd, strAnswers);
+    });
+    pAcceptor.Reset();
+    network.RunPosted();
+    return strAnswers;
+}
+
+// From the network thread and from another one: a client that goes on sending behind its last answer gets that answer whole.
+TEST(HttpServerSocketTest, TheLastAnswerIsNotLost) {
+    for (const auto mode : {CCmThreadManager::NETWORK_THREAD_MAIN, CCmThreadManager::NETWORK_THREAD_OWN}) {
+        const std::string strAnswers = AskOverSocket(mode, GET + "BAD\r\n\r\n" + std::string(1000000, 'm'), FALSE);
+        EXPECT_NE(std::string::npos, strAnswers.find("HTTP/1.1 400 Bad Request", 3000000));
+        EXPECT_TRUE(strAnswers.ends_with("400 Bad Request\n"));
+    }
+}
+
+TEST(HttpServerSocketTest, AClientMayEndItsSideAndWait) {
+    EXPECT_LT(6000000u, AskOverSocket(CCmThreadManager::NETWORK_THREAD_MAIN, GET + GET, TRUE).size());
+}
+
+}  // namespace
