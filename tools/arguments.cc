@@ -23,7 +23,9 @@ constexpr const char* FOOTER = R"(Examples:
   talvo echo --port 7000
   talvo ping 127.0.0.1:7000 --count 1000 --interval 0
   talvo echo --udp --type package --port 7000
+  talvo get http://192.0.2.7/photos.tar -o photos.tar
   talvo resolve www.example.com
+  talvo serve ~/public --port 8080
 
 Types of connection; both ends need the same, and the two that begin with package are that:
   tcp                the bytes as they are
@@ -154,6 +156,39 @@ std::string CheckResolve(Arguments& a) {
     return "";
 }
 
+void DeclareGet(CLI::App& aApp, Arguments& a) {
+    aApp.add_option("URL", a.m_strUrl, "What to get: http://... or file://...")->required()->option_text("URL");
+    aApp.add_option("-o,--out", a.m_strOutput, "File to put it in; while it is not whole it is FILE.part. Without: to stdout")
+        ->option_text("FILE");
+    aApp.add_flag("--continue", a.m_bContinue, "Take FILE.part, or FILE, for the beginning and get only the rest");
+    aApp.add_option("--user", a.m_strUser, "Credentials to give if the server asks")->option_text("NAME:PASSWORD");
+}
+
+std::string CheckGet(Arguments& a) {
+    CCmHttpUrl url;
+    if (!url.Init(a.m_strUrl))
+        return "'" + a.m_strUrl + "' is not a URL that begins with http:// or file://";
+    if (url.GetScheme() == "https")
+        return "https is not offered yet";
+    if (a.m_strOutput.empty() && (a.m_bContinue || a.m_bJson))
+        return a.m_bContinue ? "--continue needs --out" : "--json needs --out";
+    if (!a.m_strUser.empty() && a.m_strUser.find(':') == std::string::npos)
+        return "--user needs NAME:PASSWORD";
+    return "";
+}
+
+void DeclareServe(CLI::App& aApp, Arguments& a) {
+    DeclareListening(aApp, a);
+    aApp.add_option("directory", a.m_strDirectory, "What to serve; nothing leads out of it")->required()->option_text("DIR");
+}
+
+std::string CheckServe(Arguments& a) {
+    struct stat status {};
+    if (stat(a.m_strDirectory.c_str(), &status) != 0)
+        return "'" + a.m_strDirectory + "': " + SystemError(errno);
+    return S_ISDIR(status.st_mode) ? CheckListening(a) : "'" + a.m_strDirectory + "' is not a directory";
+}
+
 struct Subcommand {
     const char* m_pName;
     const char* m_pSummary;
@@ -167,7 +202,9 @@ constexpr Subcommand SUBCOMMANDS[] = {
     {"send", "Send files to a `talvo recv`", DeclareSend, CheckSend, RunSend},
     {"echo", "Send back whatever comes, to any number of clients", DeclareEcho, CheckListening, RunEcho},
     {"ping", "Measure round trips to a `talvo echo`", DeclarePing, CheckPing, RunPing},
+    {"get", "Get a file by its URL", DeclareGet, CheckGet, RunGet},
     {"resolve", "Look up the addresses of host names", DeclareResolve, CheckResolve, RunResolve},
+    {"serve", "Serve the files of a directory over HTTP", DeclareServe, CheckServe, RunServe},
 };
 
 std::string CheckSubcommand(const CLI::App& aApp, Arguments& aArguments) {

@@ -15,11 +15,16 @@ struct Arguments {
     std::string m_strEndpoint;          // send and ping: HOST:PORT as typed
     Endpoint m_Endpoint{"0.0.0.0", 0};  // to listen on, or to connect to
 
-    std::string m_strDirectory;           // recv
+    std::string m_strDirectory;           // recv, serve
     bool m_bForce = false;                // recv
     bool m_bOnce = false;                 // recv
     std::vector<std::string> m_vecFiles;  // send
     std::vector<std::string> m_vecNames;  // to look up
+
+    std::string m_strUrl;      // get
+    std::string m_strOutput;   // get; "": to stdout
+    bool m_bContinue = false;  // get
+    std::string m_strUser;     // get: NAME:PASSWORD or ""
 
     std::string m_strType;                             // as typed, or ""
     bool m_bUdp = false;                               // echo, ping

@@ -9,6 +9,8 @@ int RunRecv(const Arguments& aArguments);
 int RunSend(const Arguments& aArguments);
 int RunEcho(const Arguments& aArguments);
 int RunPing(const Arguments& aArguments);
+int RunGet(const Arguments& aArguments);
 int RunResolve(const Arguments& aArguments);
+int RunServe(const Arguments& aArguments);
 
 }  // namespace tool

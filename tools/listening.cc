@@ -2,16 +2,17 @@
 
 namespace tool {
 
-namespace {
-
-void Announce(const CCmInetAddr& aAddr, Console& aConsole) {
+void AnnounceListening(const CCmInetAddr& aAddr, Console& aConsole) {
     const JsonLine json = JsonLine("ready").Add("address", aAddr.GetIpDisplayName()).Add("port", aAddr.GetPort());
     if (aConsole.GetOutput() != Console::JSON)
         aConsole.Report("listening on " + aAddr.GetIpDisplayName() + ":" + std::to_string(aAddr.GetPort()), json);
     aConsole.Report("ready", json);
 }
 
-}  // namespace
+void ComplainOfListening(const Endpoint& aEndpoint, CmResult aReason, Console& aConsole) {
+    aConsole.Problem("cannot listen on " + aEndpoint.GetText() + ": the port is in use or the address is not this machine's (" +
+                     cm_result_name(aReason) + ")");
+}
 
 bool StartListening(const Endpoint& aEndpoint, ICmAcceptorConnectorSink* aSink, Console& aConsole,
                     CCmRefPtrT<ICmAcceptor>& aAcceptor, DWORD aType) {
@@ -25,11 +26,10 @@ bool StartListening(const Endpoint& aEndpoint, ICmAcceptorConnectorSink* aSink, 
     if (rv == CM_OK)
         rv = aAcceptor->GetListenAddr(addr);
     if (rv != CM_OK) {
-        aConsole.Problem("cannot listen on " + aEndpoint.GetText() +
-                         ": the port is in use or the address is not this machine's (" + cm_result_name(rv) + ")");
+        ComplainOfListening(aEndpoint, rv, aConsole);
         return false;
     }
-    Announce(addr, aConsole);
+    AnnounceListening(addr, aConsole);
     return true;
 }
 

@@ -7,9 +7,15 @@
 
 namespace tool {
 
-// Creates an acceptor for aType that hands connections to aSink, and prints "listening on ADDRESS:PORT" and "ready" (as JSON:
-// one object with both). false: it cannot listen, which has been reported.
+// Creates an acceptor for aType that hands connections to aSink, and announces it. false: it cannot listen, which has been
+// reported.
 bool StartListening(const Endpoint& aEndpoint, ICmAcceptorConnectorSink* aSink, Console& aConsole,
                     CCmRefPtrT<ICmAcceptor>& aAcceptor, DWORD aType);
+
+// Prints "listening on ADDRESS:PORT" and "ready" (as JSON: one object with both).
+void AnnounceListening(const CCmInetAddr& aAddr, Console& aConsole);
+
+// Reports that it cannot.
+void ComplainOfListening(const Endpoint& aEndpoint, CmResult aReason, Console& aConsole);
 
 }  // namespace tool

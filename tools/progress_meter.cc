@@ -37,7 +37,7 @@ ProgressSample ProgressMeter::Sample() {
         const double dSeconds = static_cast<double>(llNow - m_Points.front().m_llUsec) / USEC;
         sample.m_ullRate = static_cast<uint64_t>(static_cast<double>(m_ullMoved - m_Points.front().m_ullMoved) / dSeconds);
     }
-    if (sample.m_ullRate > 0)
+    if (sample.m_ullRate > 0 && m_ullTotal >= m_ullDone)
         sample.m_llSecondsLeft = static_cast<int64_t>((m_ullTotal - m_ullDone + sample.m_ullRate - 1) / sample.m_ullRate);
     m_Points.push_back({llNow, m_ullMoved});
     return sample;
@@ -50,8 +50,9 @@ void ProgressMeter::Forget(int64_t aNow) {
 }
 
 std::string FormatProgress(const ProgressSample& aSample) {
-    std::string strText = FormatBytes(aSample.m_ullDone) + " of " + FormatBytes(aSample.m_ullTotal);
+    std::string strText = FormatBytes(aSample.m_ullDone);
     if (aSample.m_ullTotal > 0) {
+        strText += " of " + FormatBytes(aSample.m_ullTotal);
         const double dPart = static_cast<double>(aSample.m_ullDone) / static_cast<double>(aSample.m_ullTotal);
         strText += " (" + std::to_string(static_cast<int>(dPart * 100)) + "%)";
     }

@@ -9,7 +9,7 @@ namespace tool {
 
 struct ProgressSample {
     uint64_t m_ullDone = 0;        // bytes
-    uint64_t m_ullTotal = 0;       // bytes
+    uint64_t m_ullTotal = 0;       // bytes; 0: unknown
     uint64_t m_ullRate = 0;        // bytes a second over the last seconds, 0 while unknown
     int64_t m_llSecondsLeft = -1;  // -1: unknown
 };
@@ -17,7 +17,7 @@ struct ProgressSample {
 // Counts over all files under way; takes the time from the library's clock.
 class ProgressMeter {
 public:
-    void Begin(uint64_t aSize);                 // a file of aSize bytes starts
+    void Begin(uint64_t aSize);                 // a file of aSize bytes starts; 0 too if the size is not known
     void Advance(uint64_t aBytes);              // so many more have been moved
     void End(uint64_t aSize, uint64_t aMoved);  // that file is over, whole or not
 

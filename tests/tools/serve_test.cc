@@ -1,0 +1,53 @@
+// What `serve` makes of what a client asks for.
+#include <gtest/gtest.h>
+
+#include "tools/byte_range.h"
+#include "tools/request_path.h"
+
+namespace tool {
+
+TEST(ToolServeTest, PathsStayBelowTheDirectory) {
+    const std::pair<const char*, const char*> GOOD[] = {
+        {"/", ""},
+        {"/a/b%20c.txt?x=/../y", "a/b c.txt"},
+        {"//a///b/", "a/b"},
+        {"http://host/a", "a"},
+        {"http://host", ""},
+        {"/...", "..."},
+        {"/%C3%BC#f", "\xc3\xbc"},
+    };
+    RequestPath path;
+    for (const auto& [pTarget, pPath] : GOOD) {
+        EXPECT_TRUE(ParseRequestPath(pTarget, path)) << pTarget;
+        EXPECT_EQ(pPath, path.m_strPath);
+    }
+    for (const char* pTarget :
+         {"", "a", "*", "host:80", "/..", "/a/../b", "/%2e%2E/b", "/.%2e", "/.", "/a%2fb", "/a%00b", "/a%", "/a%4", "/a%4g"})
+        EXPECT_FALSE(ParseRequestPath(pTarget, path)) << pTarget;
+    EXPECT_EQ("a%20%22%3Cb%3E%25/~", EncodePath("a \"<b>%/~"));
+    EXPECT_EQ("&lt;a href=&quot;x&#39;&amp;&quot;&gt;", EscapeHtml("<a href=\"x'&\">"));
+}
+
+TEST(ToolServeTest, OneRangeOrTheWhole) {
+    const auto parse = [](const char* aRange, uint64_t aSize = 10) {
+        const ByteRange range = ParseByteRange(aRange, aSize);
+        return range.m_Kind == ByteRange::UNSATISFIABLE
+                   ? "none"
+                   : std::to_string(range.m_ullFirst) + "+" + std::to_string(range.m_ullLength);
+    };
+    const std::pair<const char*, const char*> CASES[] = {
+        {"bytes=0-0", "0+1"},  {"bytes=3-5", "3+3"},
+        {"bytes=3-", "3+7"},   {"bytes=-4", "6+4"},
+        {"bytes=-40", "0+10"}, {"bytes=9-99999999999999999999999", "9+1"},
+        {"bytes=10-", "none"}, {"bytes=99999999999999999999999-", "none"},
+        {"bytes=-0", "none"},  {"bytes=0-1,3-4", "0+10"},
+        {"bytes=5-3", "0+10"}, {"bytes=a-", "0+10"},
+        {"bytes=-", "0+10"},   {"lines=0-1", "0+10"},
+        {"", "0+10"},
+    };
+    for (const auto& [pRange, pResult] : CASES)
+        EXPECT_EQ(pResult, parse(pRange)) << pRange;
+    EXPECT_EQ("none", parse("bytes=0-", 0));
+}
+
+}  // namespace tool

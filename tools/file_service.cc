@@ -1,0 +1,151 @@
+#include "tools/file_service.h"
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+
+#include "tools/byte_range.h"
+#include "tools/content_type.h"
+
+namespace tool {
+
+namespace {
+
+using Atoms = CCmHttpAtomList;
+
+// What a version of a file is known by.
+struct Validators {
+    explicit Validators(const struct stat& aStatus) : m_lModified(aStatus.st_mtim.tv_sec) {
+        char szTag[64];
+        std::snprintf(
+            szTag, sizeof szTag, "\"%" PRIx64 "-%" PRIx64 "\"",
+            static_cast<uint64_t>(aStatus.st_mtim.tv_sec) * 1000000000 + static_cast<uint64_t>(aStatus.st_mtim.tv_nsec),
+            static_cast<uint64_t>(aStatus.st_size));
+        m_strTag = szTag;
+    }
+
+    int64_t m_lModified;
+    std::string m_strTag;
+};
+
+void AnswerStatus(ICmChannelHttpServer& aChannel, long aStatus, const char* aText) {
+    aChannel.AnswerText(aStatus, "text/plain; charset=utf-8", std::string(aText) + "\n");
+}
+
+long StatusOfError(int aError) {
+    switch (aError) {
+    case EACCES:
+    case EPERM:
+        return 403;
+    case EMFILE:
+    case ENFILE:
+    case ENOMEM:
+        return 503;
+    default:
+        return 404;  // what leads outside is not there
+    }
+}
+
+void AnswerError(ICmChannelHttpServer& aChannel, long aStatus) {
+    AnswerStatus(aChannel, aStatus, aStatus == 403 ? "forbidden" : aStatus == 503 ? "too busy" : "not found");
+}
+
+bool IsNotModified(const CCmHttpRequestHead& aRequest, const Validators& aValidators) {
+    if (const CCmString* pTags = aRequest.FindHeader(Atoms::If_None_Match))
+        return *pTags == "*" || pTags->find(aValidators.m_strTag) != std::string::npos;
+    const CCmString* pDate = aRequest.FindHeader(Atoms::If_Modified_Since);
+    int64_t lDate = 0;
+    return pDate && talvo::parse_http_date(*pDate, lDate) && aValidators.m_lModified <= lDate;
+}
+
+// A part is of use only to who has the rest of the same version.
+bool IsRangeMeant(const CCmHttpRequestHead& aRequest, const Validators& aValidators) {
+    const CCmString* pIf = aRequest.FindHeader(Atoms::If_Range);
+    if (!pIf || *pIf == aValidators.m_strTag)
+        return true;
+    int64_t lDate = 0;
+    return talvo::parse_http_date(*pIf, lDate) && aValidators.m_lModified == lDate;
+}
+
+ByteRange GetRange(const CCmHttpRequestHead& aRequest, const Validators& aValidators, uint64_t aSize) {
+    const CCmString* pRange = aRequest.FindHeader(Atoms::Range);
+    const bool bMeant = pRange && aRequest.GetMethod() == Atoms::Get && IsRangeMeant(aRequest, aValidators);
+    return ParseByteRange(bMeant ? std::string_view(*pRange) : std::string_view(), aSize);
+}
+
+void AnswerFile(ICmChannelHttpServer& aChannel, FileHandle aFile, const struct stat& aStatus, const std::string& aName) {
+    const CCmHttpRequestHead& request = aChannel.GetRequest();
+    const Validators validators(aStatus);
+    aChannel.SetHeader(Atoms::ETag, validators.m_strTag);
+    aChannel.SetHeader(Atoms::Last_Modified, talvo::format_http_date(validators.m_lModified));
+    aChannel.SetHeader(Atoms::Accept_Ranges, "bytes");
+    if (IsNotModified(request, validators)) {
+        aChannel.SetStatus(304);
+        aChannel.EndAnswer();
+        return;
+    }
+    const auto ullSize = static_cast<uint64_t>(aStatus.st_size);
+    const ByteRange range = GetRange(request, validators, ullSize);
+    const std::string strSize = "/" + std::to_string(ullSize);
+    if (range.m_Kind == ByteRange::UNSATISFIABLE) {
+        aChannel.SetHeader(Atoms::Content_Range, "bytes *" + strSize);
+        AnswerStatus(aChannel, 416, "no such range");
+        return;
+    }
+    if (range.m_Kind == ByteRange::PART) {
+        aChannel.SetStatus(206);
+        const std::string strLast = std::to_string(range.m_ullFirst + range.m_ullLength - 1);
+        aChannel.SetHeader(Atoms::Content_Range, "bytes " + std::to_string(range.m_ullFirst) + "-" + strLast + strSize);
+    }
+    aChannel.SetHeader(Atoms::Content_Type, GetContentType(aName));
+    aChannel.BeginAnswer(range.m_ullLength);
+    if (request.GetMethod() == Atoms::Head || range.m_ullLength == 0)
+        aChannel.EndAnswer();
+    else
+        FileSender::Start(&aChannel, std::move(aFile), range.m_ullFirst, range.m_ullLength);
+}
+
+}  // namespace
+
+void FileService::OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) {
+    const CCmHttpRequestHead& request = aChannel->GetRequest();
+    const CCmHttpAtom method = request.GetMethod();
+    RequestPath path;
+    if (method != Atoms::Get && method != Atoms::Head) {
+        aChannel->SetHeader(Atoms::Allow, "GET, HEAD");
+        AnswerStatus(*aChannel, 405, "GET and HEAD only");
+    } else if (!ParseRequestPath(request.GetRequestURI(), path)) {
+        AnswerStatus(*aChannel, 400, "not a path");
+    } else {
+        AnswerPath(*aChannel, path);
+    }
+}
+
+void FileService::AnswerPath(ICmChannelHttpServer& aChannel, const RequestPath& aPath) const {
+    FileHandle file = m_Directory.OpenAt(aPath.m_strPath);
+    struct stat status {};
+    if (!file || fstat(file.Get(), &status) != 0)
+        return AnswerError(aChannel, StatusOfError(errno));
+    if (S_ISDIR(status.st_mode))
+        return AnswerDirectory(aChannel, aPath, std::move(file));
+    if (!S_ISREG(status.st_mode))
+        return AnswerError(aChannel, 403);
+    if (aPath.m_bDirectory)
+        return AnswerError(aChannel, 404);
+    AnswerFile(aChannel, std::move(file), status, aPath.m_strPath);
+}
+
+void FileService::AnswerDirectory(ICmChannelHttpServer& aChannel, const RequestPath& aPath, FileHandle aDirectory) const {
+    const std::string strPath = "/" + aPath.m_strPath + (aPath.m_strPath.empty() ? "" : "/");
+    if (!aPath.m_bDirectory) {  // what the page links to is meant from behind the slash
+        aChannel.SetHeader(Atoms::Location, EncodePath(strPath));
+        return AnswerStatus(aChannel, 301, "it is a directory");
+    }
+    FileHandle index = m_Directory.OpenAt((strPath + "index.html").substr(1));
+    struct stat status {};
+    if (index && fstat(index.Get(), &status) == 0 && S_ISREG(status.st_mode))
+        return AnswerFile(aChannel, std::move(index), status, "index.html");
+    aChannel.AnswerText(200, "text/html; charset=utf-8", MakeDirectoryPage(std::move(aDirectory), strPath));
+}
+
+}  // namespace tool

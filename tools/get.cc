@@ -1,0 +1,16 @@
+#include "tools/application.h"
+#include "tools/commands.h"
+#include "tools/getter.h"
+
+namespace tool {
+
+// The main thread serves as network thread: what arrives goes to the file without a change of threads.
+int RunGet(const Arguments& aArguments) {
+    Console console(aArguments.m_bJson);
+    Application application(CCmThreadManager::NETWORK_THREAD_MAIN);
+    Getter getter(aArguments, application, console);
+    getter.Start();
+    return application.Run();
+}
+
+}  // namespace tool

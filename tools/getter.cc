@@ -1,0 +1,205 @@
+#include "tools/getter.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <utility>
+
+#include "tools/text.h"
+
+namespace tool {
+
+namespace {
+
+using Atoms = CCmHttpAtomList;
+
+constexpr int STATUS_OK = 200;
+constexpr int STATUS_PARTIAL = 206;
+constexpr int STATUS_BEYOND = 416;
+
+std::string WriteToStdout(std::string_view aBytes) {
+    while (!aBytes.empty()) {
+        const ssize_t nDone = write(STDOUT_FILENO, aBytes.data(), aBytes.size());
+        if (nDone < 0 && errno == EINTR)
+            continue;
+        if (nDone <= 0)
+            return "cannot write to stdout: " + SystemError(errno);
+        aBytes.remove_prefix(static_cast<size_t>(nDone));
+    }
+    return "";
+}
+
+// "bytes 5-9/10": where it begins; false: it does not say.
+bool ParseContentRange(const std::string& aText, uint64_t& aFirst) {
+    const std::string strUnit = "bytes ";
+    if (aText.compare(0, strUnit.size(), strUnit) != 0)
+        return false;
+    char* pEnd = nullptr;
+    aFirst = std::strtoull(aText.c_str() + strUnit.size(), &pEnd, 10);
+    return *pEnd == '-' && pEnd != aText.c_str() + strUnit.size();
+}
+
+}  // namespace
+
+Getter::Getter(const Arguments& aArguments, Application& aApplication, Console& aConsole)
+    : m_Arguments(aArguments), m_Application(aApplication), m_Console(aConsole), m_Progress(aConsole) {}
+
+Getter::~Getter() {
+    if (m_pChannel)
+        m_pChannel->Disconnect(CM_OK);
+}
+
+void Getter::Start() {
+    m_llStarted = CCmClock::GetTimeOfDayUsec();
+    CCmRefPtrT<CCmHttpUrl> pUrl;
+    std::string strProblem = OpenOutput();
+    if (strProblem.empty() && CCmChannelManager::Instance()->CreateUrl(pUrl.ParaOut(), m_Arguments.m_strUrl) != CM_OK)
+        strProblem = "cannot use the URL";
+    if (strProblem.empty())
+        strProblem = pUrl->GetScheme() == "file" ? OpenFileUrl(*pUrl) : OpenHttpUrl(*pUrl);
+    if (strProblem.empty()) {
+        const CmResult rv = m_pChannel->AsyncOpen(this);
+        strProblem = rv == CM_OK ? "" : std::string("cannot ask for it (") + cm_result_name(rv) + ")";
+    }
+    if (!strProblem.empty())
+        Finish(strProblem);
+    else if (m_pFile)
+        m_Progress.Start();
+}
+
+std::string Getter::OpenOutput() {
+    if (m_Arguments.m_strOutput.empty())
+        return "";
+    m_pFile = std::make_unique<PartialFile>(m_Arguments.m_strOutput);
+    if (!m_Arguments.m_bContinue)
+        return "";
+    const std::string strProblem = m_pFile->OpenBeginning();
+    m_ullBeginning = m_pFile->GetSize();
+    return strProblem;
+}
+
+std::string Getter::OpenFileUrl(CCmHttpUrl& aUrl) {
+    const CCmRefPtrT<CCmChannelFile> pFile(new CCmChannelFile);
+    m_pChannel = pFile;
+    return pFile->Init(&aUrl) ? "" : "'" + m_Arguments.m_strUrl + "' is no file that can be read";
+}
+
+std::string Getter::OpenHttpUrl(CCmHttpUrl& aUrl) {
+    if (CCmChannelManager::Instance()->CreateChannelHttpClient(m_pHttp.ParaOut(), &aUrl) != CM_OK)
+        return "the library gives no HTTP client";
+    m_pChannel = m_pHttp;
+    const std::string& strUser = m_Arguments.m_strUser;
+    const size_t nColon = strUser.find(':');
+    if (nColon != std::string::npos && m_pHttp->SetCredentials(strUser.substr(0, nColon), strUser.substr(nColon + 1)) != CM_OK)
+        return "--user: there are characters in it that cannot be sent";
+    if (m_ullBeginning > 0)
+        AskForRest();
+    return "";
+}
+
+void Getter::AskForRest() {
+    m_pHttp->SetRequestHeader(Atoms::Range, "bytes=" + std::to_string(m_ullBeginning) + "-");
+    if (!m_pFile->GetTag().empty())
+        m_pHttp->SetRequestHeader(Atoms::If_Range, m_pFile->GetTag());
+}
+
+void Getter::OnConnect(CmResult, ICmChannel*) {
+    const std::string strProblem = OnAnswer();
+    if (!strProblem.empty()) {
+        Finish(strProblem);
+        return;
+    }
+    m_ullSize = std::strtoull(GetHeader(Atoms::Content_Length).c_str(), nullptr, 10);
+    m_Progress.GetMeter().Begin(m_ullSize);
+    m_bMetered = true;
+}
+
+std::string Getter::OnAnswer() {
+    const long lStatus = m_pHttp ? m_pHttp->GetResponseStatus() : STATUS_OK;
+    if (lStatus == STATUS_PARTIAL && m_ullBeginning > 0)
+        return OnRest();
+    if (lStatus == STATUS_BEYOND && m_ullBeginning > 0)
+        return OnNothingLeft();
+    if (lStatus == STATUS_OK)
+        return OnWhole();
+    return "the server answered " + std::to_string(lStatus) + " " + Printable(m_pHttp->GetResponseHead().GetStatusText());
+}
+
+// A weak tag does not tell versions apart byte by byte; a time of change does as well as it can.
+std::string Getter::OnWhole() {
+    m_ullBeginning = 0;
+    const std::string strTag = GetHeader(Atoms::ETag);
+    const bool bStrong = !strTag.empty() && strTag.front() == '"';
+    return m_pFile ? m_pFile->Create(bStrong ? strTag : GetHeader(Atoms::Last_Modified)) : "";
+}
+
+std::string Getter::OnRest() {
+    uint64_t ullFirst = 0;
+    const bool bFits = ParseContentRange(GetHeader(Atoms::Content_Range), ullFirst) && ullFirst == m_ullBeginning;
+    return bFits ? "" : "the server sent another part than the rest";
+}
+
+// All of it is there already, unless the server says otherwise.
+std::string Getter::OnNothingLeft() {
+    m_bSkip = true;
+    return GetHeader(Atoms::Content_Range) == "bytes */" + std::to_string(m_ullBeginning)
+               ? ""
+               : "'" + m_pFile->GetPath() + "' is not the beginning of what the server has";
+}
+
+std::string Getter::GetHeader(const CCmHttpAtom& aAtom) const {
+    CCmString strValue;
+    if (m_pHttp)
+        m_pHttp->GetResponseHeader(aAtom, strValue);
+    return strValue;
+}
+
+void Getter::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
+    for (const CCmMessageBlock* p = &aData; p && !m_bSkip; p = p->GetNext()) {
+        const std::string_view piece(p->GetTopLevelReadPtr(), p->GetTopLevelLength());
+        const std::string strProblem = m_pFile ? m_pFile->Write(piece) : WriteToStdout(piece);
+        if (!strProblem.empty()) {
+            Finish(strProblem);
+            return;
+        }
+        m_ullGot += piece.size();
+        m_Progress.GetMeter().Advance(piece.size());
+    }
+}
+
+void Getter::OnDisconnect(CmResult aReason, ICmTransport*) {
+    if (aReason == CM_OK) {
+        Finish(m_pFile ? m_pFile->Publish() : "");
+        return;
+    }
+    CCmString strFailure;
+    const CmResult cause = m_pHttp ? m_pHttp->GetFailure(strFailure) : aReason;
+    Finish((strFailure.empty() ? "it cannot be read" : Printable(strFailure)) + " (" + cm_result_name(cause) + ")");
+}
+
+void Getter::Finish(const std::string& aProblem) {
+    if (m_pChannel)
+        m_pChannel->Disconnect(CM_OK);
+    if (std::exchange(m_bMetered, false))
+        m_Progress.GetMeter().End(m_ullSize, m_ullGot);
+    if (!aProblem.empty())
+        m_Console.Problem(m_Arguments.m_strUrl + ": " + aProblem,
+                          JsonLine("failed").Add("url", m_Arguments.m_strUrl).Add("reason", aProblem));
+    else if (m_pFile)
+        Deliver();
+    m_Application.Finish(aProblem.empty() ? EXIT_OK : EXIT_FAILED);
+}
+
+void Getter::Deliver() {
+    const double dSeconds = static_cast<double>(CCmClock::GetTimeOfDayUsec() - m_llStarted) / 1e6;
+    const auto ullRate = static_cast<uint64_t>(static_cast<double>(m_ullGot) / (dSeconds > 0 ? dSeconds : 1e-6));
+    m_Console.Report("got " + m_pFile->GetPath() + ": " + FormatBytes(m_ullGot) + ", " + FormatBytes(ullRate) + "/s",
+                     JsonLine("got")
+                         .Add("name", m_pFile->GetPath())
+                         .Add("bytes", m_ullGot)
+                         .Add("size", m_pFile->GetSize())
+                         .Add("seconds", dSeconds));
+}
+
+}  // namespace tool

@@ -1,0 +1,25 @@
+// What a request asks for, as a path below a directory.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace tool {
+
+struct RequestPath {
+    std::string m_strPath;      // decoded, relative, without empty parts: "a/b c.txt"; "" is the directory itself
+    bool m_bDirectory = false;  // it ends with a slash
+};
+
+// Takes a request's target apart: "/a/b%20c.txt?x=y", or the same behind "http://host". Query and fragment are dropped. false:
+// the target is not a path, a percent sign is not followed by two hexadecimal digits, or a part would be "." or "..", or hold a
+// slash or a NUL.
+bool ParseRequestPath(std::string_view aTarget, RequestPath& aPath);
+
+// aText with everything but letters, digits and "-._~/" as "%XX".
+std::string EncodePath(std::string_view aText);
+
+// aText as it may stand in HTML, attributes included.
+std::string EscapeHtml(std::string_view aText);
+
+}  // namespace tool

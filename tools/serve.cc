@@ -1,0 +1,53 @@
+#include "tools/application.h"
+#include "tools/commands.h"
+#include "tools/file_service.h"
+#include "tools/listening.h"
+
+namespace tool {
+
+namespace {
+
+// Ends the program when the server has stopped.
+class Server : public FileService {
+public:
+    Server(const ServedDirectory& aDirectory, Console& aConsole) : FileService(aDirectory), m_Console(aConsole) {}
+
+    bool Start(const Endpoint& aEndpoint) {
+        CmResult rv = CCmChannelManager::Instance()->CreateHttpAcceptor(m_pAcceptor.ParaOut(), 0);
+        if (rv == CM_OK)
+            rv = m_pAcceptor->StartListen(this, aEndpoint.GetInetAddr());
+        CCmInetAddr addr;
+        if (rv == CM_OK)
+            rv = m_pAcceptor->GetListenAddr(addr);
+        if (rv == CM_OK)
+            AnnounceListening(addr, m_Console);
+        else
+            ComplainOfListening(aEndpoint, rv, m_Console);
+        return rv == CM_OK;
+    }
+
+private:
+    Console& m_Console;
+    CCmRefPtrT<ICmChannelServerAcceptor> m_pAcceptor;
+};
+
+}  // namespace
+
+// The main thread serves as network thread here: nothing else happens in it.
+int RunServe(const Arguments& aArguments) {
+    Console console(aArguments.m_bJson);
+    ServedDirectory directory;
+    const std::string strProblem = directory.Open(aArguments.m_strDirectory);
+    if (!strProblem.empty()) {
+        console.Problem(strProblem);
+        return EXIT_FAILED;
+    }
+    Application::RaiseDescriptorLimit();
+    Application application(CCmThreadManager::NETWORK_THREAD_MAIN);
+    Server server(directory, console);
+    if (!server.Start(aArguments.m_Endpoint))
+        return EXIT_FAILED;
+    return application.Run();
+}
+
+}  // namespace tool

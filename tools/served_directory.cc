@@ -1,0 +1,100 @@
+#include "tools/served_directory.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tools/request_path.h"
+#include "tools/text.h"
+
+namespace tool {
+
+namespace {
+
+constexpr int READ_FLAGS = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+constexpr size_t MAX_ENTRIES = 10000;
+
+// Where the system cannot hold links back, none are followed.
+int OpenWithoutLinks(int aDirectory, std::string_view aPath) {
+    FileHandle current(openat(aDirectory, ".", READ_FLAGS | O_DIRECTORY));
+    while (current && !aPath.empty()) {
+        const size_t stEnd = std::min(aPath.find('/'), aPath.size());
+        const std::string strPart(aPath.substr(0, stEnd));
+        aPath.remove_prefix(std::min(stEnd + 1, aPath.size()));
+        const int nDirectory = aPath.empty() ? 0 : O_DIRECTORY;
+        current = FileHandle(openat(current.Get(), strPart.c_str(), READ_FLAGS | O_NOFOLLOW | nDirectory));
+    }
+    return current.Detach();
+}
+
+std::string MakeEntry(int aDirectory, const std::string& aName) {
+    struct stat status {};
+    const bool bDirectory = fstatat(aDirectory, aName.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
+    const std::string strName = bDirectory ? aName + "/" : aName;
+    // "./" keeps a name with a colon from being taken for another scheme.
+    return "<li><a href=\"./" + EncodePath(strName) + "\">" + EscapeHtml(Printable(strName)) + "</a></li>\n";
+}
+
+}  // namespace
+
+FileHandle& FileHandle::operator=(FileHandle&& aRight) noexcept {
+    std::swap(m_nFd, aRight.m_nFd);
+    return *this;
+}
+
+FileHandle::~FileHandle() {
+    if (m_nFd >= 0)
+        close(m_nFd);
+}
+
+int FileHandle::Detach() { return std::exchange(m_nFd, -1); }
+
+std::string ServedDirectory::Open(const std::string& aPath) {
+    m_Directory = FileHandle(open(aPath.c_str(), READ_FLAGS | O_DIRECTORY));
+    return m_Directory ? "" : "cannot open '" + aPath + "': " + SystemError(errno);
+}
+
+FileHandle ServedDirectory::OpenAt(const std::string& aPath) const {
+    open_how how{};
+    how.flags = READ_FLAGS;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+    const char* pPath = aPath.empty() ? "." : aPath.c_str();
+    const long lFd = syscall(SYS_openat2, m_Directory.Get(), pPath, &how, sizeof how);
+    if (lFd == -1 && (errno == ENOSYS || errno == EPERM))
+        return FileHandle(OpenWithoutLinks(m_Directory.Get(), aPath));
+    return FileHandle(static_cast<int>(lFd));
+}
+
+std::string MakeDirectoryPage(FileHandle aDirectory, const std::string& aTitle) {
+    std::vector<std::string> names;
+    const std::unique_ptr<DIR, int (*)(DIR*)> pDir(fdopendir(aDirectory.Get()), closedir);
+    if (!pDir)
+        return "";
+    aDirectory.Detach();  // closed with the stream
+    while (const dirent* pEntry = readdir(pDir.get())) {
+        const std::string strName = pEntry->d_name;
+        if (strName != "." && strName != ".." && names.size() < MAX_ENTRIES)
+            names.push_back(strName);
+    }
+    std::sort(names.begin(), names.end());
+    const std::string strTitle = EscapeHtml(Printable(aTitle));
+    std::string strPage = "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>" + strTitle +
+                          "</title></head>\n<body><h1>" + strTitle + "</h1>\n<ul>\n";
+    if (aTitle != "/")
+        strPage += "<li><a href=\"../\">../</a></li>\n";
+    for (const std::string& strName : names)
+        strPage += MakeEntry(dirfd(pDir.get()), strName);
+    return strPage + "</ul></body></html>\n";
+}
+
+}  // namespace tool

@@ -1,0 +1,41 @@
+// The directory that is served, and that nothing leads out of.
+#pragma once
+
+#include <string>
+
+namespace tool {
+
+// A descriptor that closes itself.
+class FileHandle {
+public:
+    explicit FileHandle(int aFd = -1) : m_nFd(aFd) {}
+    FileHandle(FileHandle&& aRight) noexcept : m_nFd(aRight.Detach()) {}
+    FileHandle& operator=(FileHandle&& aRight) noexcept;
+    ~FileHandle();
+
+    int Get() const { return m_nFd; }
+    explicit operator bool() const { return m_nFd >= 0; }
+    int Detach();
+
+private:
+    int m_nFd;
+};
+
+// Held open, so that it stays the same directory even if its path comes to mean another.
+class ServedDirectory {
+public:
+    // "" or what is wrong.
+    std::string Open(const std::string& aPath);
+
+    // Opens what lies at a relative path for reading: a file, a directory, anything; "" is the directory itself. Symbolic links
+    // are followed while they stay inside. Never waits, whatever it is. Without a file errno says why.
+    FileHandle OpenAt(const std::string& aPath) const;
+
+private:
+    FileHandle m_Directory;
+};
+
+// A page with links to what lies in the directory, of which the title says the name; entries beyond a limit are left out.
+std::string MakeDirectoryPage(FileHandle aDirectory, const std::string& aTitle);
+
+}  // namespace tool
