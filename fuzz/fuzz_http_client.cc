@@ -1,0 +1,60 @@
+// What a server can say to a client besides the message itself: where to go, and who shall prove who he is.
+#include <algorithm>
+#include <cstdlib>
+#include <string_view>
+
+#include "talvo/http/http_auth.h"
+#include "talvo/http/http_client_request.h"
+#include "talvo/http/http_redirect.h"
+#include "talvo/http/http_text.h"
+#include "talvo/http/http_url.h"
+
+namespace {
+
+void Require(bool aHolds) {
+    if (!aHolds)
+        std::abort();
+}
+
+bool IsClean(std::string_view aText) {
+    for (const char c : aText) {
+        if (c <= ' ' || c == '\x7f')
+            return false;
+    }
+    return true;
+}
+
+// Whatever a Location says, it is refused or leads to a URL that means the same to everybody and can stand in a request line.
+void CheckLocation(std::string_view aBase, std::string_view aLocation) {
+    CCmHttpUrl base;
+    if (!base.Init(CCmString("http://h/") + CCmString(aBase)))
+        return;
+    const CCmString strTarget = talvo::ResolveHttpLocation(base, aLocation);
+    CCmHttpUrl url;
+    if (strTarget.empty() || !url.Init(strTarget) || url.GetScheme() == "file")
+        return;
+    Require(IsClean(strTarget) && IsClean(talvo::MakeHttpTarget(url)) && url.GetPath().front() == '/');
+    Require(!url.GetHostName().empty() && url.GetHostName().find_first_of("@/?#:") == CCmString::npos);
+    const CCmString strAgain = talvo::ResolveHttpLocation(base, url.GetAsciiSpec());
+    Require(strAgain == url.GetAsciiSpec());
+}
+
+// Whatever is asked, the answer is one line.
+void CheckChallenges(std::string_view aValue) {
+    talvo::CHttpAuthenticator authenticator;
+    authenticator.SetCredentials("user", "pass\"word\\");
+    while (authenticator.OnChallenges(aValue))
+        Require(talvo::is_sendable(authenticator.Authorize("GET", "/")));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize);
+
+int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
+    const std::string_view text(reinterpret_cast<const char*>(aData), aSize);
+    const size_t nLine = std::min(text.find('\n'), text.size());
+    CheckLocation(text.substr(0, nLine), text.substr(std::min(nLine + 1, text.size())));
+    CheckChallenges(text);
+    return 0;
+}

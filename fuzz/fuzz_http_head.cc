@@ -1,0 +1,113 @@
+// Heads of requests and responses with what follows them: the same in whatever pieces they arrive, and printed heads are read
+// back as they were.
+#include "fuzz/fuzz_input.h"
+#include "talvo/http/http_atom_list.h"
+#include "talvo/http/http_framing.h"
+#include "talvo/http/http_parser.h"
+
+namespace {
+
+class CFuzzBody : public talvo::CHttpBodySink {
+public:
+    BOOL OnBody(CCmMessageBlock& aView) override {
+        FUZZ_CHECK(aView.GetTopLevelLength() > 0);
+        m_strBody += aView.FlattenChained();
+        return TRUE;
+    }
+    std::string m_strBody;
+};
+
+talvo::CHttpFraming FramingOf(const CCmHttpRequestHead& aHead) {
+    talvo::get_request_fault(aHead);
+    return talvo::get_request_framing(aHead);
+}
+talvo::CHttpFraming FramingOf(const CCmHttpResponseHead& aHead) { return talvo::get_response_framing(aHead, nullptr); }
+
+template <class Head>
+std::string Print(const Head& aHead) {
+    CCmString strHead;
+    aHead.FlattenToSend(strHead);
+    return strHead;
+}
+
+// All that came of a message, as one text.
+template <class Head>
+std::string Parse(const std::string& aBytes, const CCmHttpLimits& aLimits, CFuzzCutter* aCutter) {
+    Head head;
+    CCmHttpParserT<Head> parser(&head);
+    parser.SetLimits(aLimits);
+    talvo::CHttpBodyReader reader;
+    reader.SetLimits(aLimits);
+    CFuzzBody body;
+    std::string strLeft;
+    CmResult rv = CM_OK;
+    for (size_t stAt = 0, stLength; stAt < aBytes.size() && rv == CM_OK; stAt += stLength) {
+        stLength = aCutter ? aCutter->Next(aBytes.size() - stAt) : aBytes.size();
+        const std::string strPiece = aBytes.substr(stAt, stLength);
+        CCmMessageBlock* pChain = aCutter ? aCutter->Cut(strPiece) : nullptr;
+        CCmMessageBlock whole(static_cast<DWORD>(strPiece.size()), strPiece.data(), 0, static_cast<DWORD>(strPiece.size()));
+        CCmMessageBlock& chain = pChain ? *pChain : whole;
+        const BOOL bBefore = head.IsComplete();
+        if (!bBefore)
+            rv = parser.ParseHead(&chain);
+        if (head.IsComplete()) {
+            const talvo::CHttpFraming framing = FramingOf(head);
+            if (!bBefore)
+                reader.Begin(framing.m_nError ? talvo::EHttpBody::NONE : framing.m_Body, framing.m_ullLength);
+            reader.Feed(chain, body);
+            strLeft += chain.FlattenChained();
+        }
+        if (pChain)
+            pChain->DestroyChained();
+    }
+    // What a reader that has failed took and left depends on the pieces.
+    if (reader.EndOfStream() != CM_OK) {
+        strLeft.clear();
+        body.m_strBody.clear();
+    }
+    return Print(head) + std::to_string(rv) + std::to_string(head.GetFaults()) + std::to_string(parser.IsBeyondLimit()) + "|" +
+           body.m_strBody + "|" + strLeft;
+}
+
+template <class Head>
+void Reprint(const std::string& aBytes) {
+    Head head;
+    CCmHttpParserT<Head> parser(&head);
+    CCmMessageBlock block(static_cast<DWORD>(aBytes.size()), aBytes.data(), 0, static_cast<DWORD>(aBytes.size()));
+    if (parser.ParseHead(&block) != CM_OK || !head.IsComplete())
+        return;
+    parser.HandleContent(&block);
+    if (head.GetFaults() != 0)
+        return;
+    const std::string strPrinted = Print(head);
+    CCmMessageBlock printed(static_cast<DWORD>(strPrinted.size()), strPrinted.data(), 0, static_cast<DWORD>(strPrinted.size()));
+    Head again;
+    CCmHttpParserT<Head> reparser(&again);
+    FUZZ_CHECK(reparser.ParseHead(&printed) == CM_OK && again.IsComplete() && printed.GetTopLevelLength() == 0);
+    FUZZ_CHECK(Print(again) == strPrinted && Print(Head(again)) == strPrinted);
+}
+
+template <class Head>
+void Run(const std::string& aBytes, const CCmHttpLimits& aLimits, CFuzzCutter& aCutter) {
+    FUZZ_CHECK(Parse<Head>(aBytes, aLimits, nullptr) == Parse<Head>(aBytes, aLimits, &aCutter));
+    Reprint<Head>(aBytes);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
+    FuzzedDataProvider input(aData, aSize);
+    CFuzzCutter cutter(input);
+    const BOOL bResponse = input.ConsumeBool();
+    CCmHttpLimits limits;
+    if (input.ConsumeBool()) {
+        limits.m_dwMaxLine = input.ConsumeIntegral<uint8_t>();
+        limits.m_dwMaxHeaders = input.ConsumeIntegral<uint8_t>() % 16;
+        limits.m_ullMaxBody = input.ConsumeIntegral<uint8_t>();
+    }
+    // Few names, so that the own names of heads are tried as well.
+    CCmHttpAtomList::Instance()->SetLimits(1000, 20000);
+    const std::string strBytes = input.ConsumeRemainingBytesAsString();
+    bResponse ? Run<CCmHttpResponseHead>(strBytes, limits, cutter) : Run<CCmHttpRequestHead>(strBytes, limits, cutter);
+    return 0;
+}

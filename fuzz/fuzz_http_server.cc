@@ -1,0 +1,183 @@
+// An HTTP server: whatever a client sends, in whatever pieces, and whatever the application does meanwhile, does no harm; what
+// it sends is answers, one behind the other; and how the bytes were cut makes no difference.
+
+#include <memory>
+#include <vector>
+
+#include "fuzz/fuzz_input.h"
+#include "talvo/connection/connection_manager.h"
+#include "talvo/event/reactor_epoll.h"
+#include "talvo/event/thread_manager.h"
+#include "talvo/http/channel_http_server_acceptor.h"
+#include "talvo/http/http_atom_list.h"
+
+namespace {
+
+// The client: takes a part of what it is given, now and then, and keeps it.
+class CFuzzClient : public ICmTransport, public CCmReferenceControlT<CCmMutexNullSingleThread> {
+public:
+    explicit CFuzzClient(CFuzzCutter* aCutter) : m_pCutter(aCutter) {}
+    DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
+    DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
+    CmResult OpenWithSink(ICmTransportSink* aSink) override {
+        m_pSink = aSink;
+        return CM_OK;
+    }
+    ICmTransportSink* GetSink() override { return m_pSink; }
+    CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter*) override {
+        const DWORD dwLength = aData.GetChainedLength();
+        const DWORD dwTaken = m_pCutter ? static_cast<DWORD>(m_pCutter->Next(dwLength)) : dwLength;
+        m_strSent += aData.FlattenChained().substr(0, dwTaken);
+        aData.AdvanceChainedReadPtr(dwTaken);
+        return dwTaken == dwLength ? CM_OK : CM_ERROR_PARTIAL_DATA;
+    }
+    CmResult SetOption(DWORD, void*) override { return CM_OK; }
+    CmResult GetOption(DWORD, void*) override { return CM_ERROR_INVALID_ARG; }
+    CmResult Disconnect(CmResult) override {
+        m_pSink = nullptr;
+        return CM_OK;
+    }
+
+    void Receive(std::string aBytes) {
+        const auto dwLength = static_cast<DWORD>(aBytes.size());
+        CCmMessageBlock block(dwLength, aBytes.data(), CCmMessageBlock::DONT_DELETE, dwLength);
+        if (m_pSink)
+            m_pSink->OnReceive(block, this);
+    }
+
+    CFuzzCutter* m_pCutter;  // null: takes everything
+    ICmTransportSink* m_pSink = nullptr;
+    std::string m_strSent;
+};
+
+// The application: answers with the body, or does what the input says.
+class CFuzzServer : public ICmChannelServerAcceptorSink {
+public:
+    CFuzzServer(BOOL aQuiet, DWORD aSeed) : m_bQuiet(aQuiet), m_Deeds(aSeed) {}
+
+    void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override {
+        m_Requests.push_back(std::make_unique<CRequest>(*this, aChannel));
+        if (m_bQuiet || m_Deeds() % 4 != 0)
+            aChannel->ReceiveRequest(m_Requests.back().get());
+        Act(*m_Requests.back());
+    }
+
+private:
+    struct CRequest : public ICmChannelHttpServerSink {
+        CRequest(CFuzzServer& aServer, ICmChannelHttpServer* aChannel) : m_Server(aServer), m_pChannel(aChannel) {}
+        void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
+            FUZZ_CHECK(!m_bOver);
+            m_strBody += aData.FlattenChained();
+            m_Server.Act(*this);
+        }
+        void OnRequestEnd(ICmChannelHttpServer*) override {
+            FUZZ_CHECK(!m_bOver);
+            if (m_pChannel)
+                m_pChannel->AnswerText(200, "text/plain", m_strBody);
+            m_Server.Act(*this);
+        }
+        void OnSend(ICmTransport*, CCmTransportParameter*) override { m_Server.Act(*this); }
+        void OnDisconnect(CmResult, ICmTransport*) override {
+            FUZZ_CHECK(!std::exchange(m_bOver, TRUE));
+            m_Server.Act(*this);
+        }
+
+        CFuzzServer& m_Server;
+        CCmRefPtrT<ICmChannelHttpServer> m_pChannel;
+        std::string m_strBody;
+        BOOL m_bOver = FALSE;
+    };
+
+    void Act(CRequest& aRequest) {
+        const DWORD dwDeed = m_bQuiet || !aRequest.m_pChannel ? 0 : m_Deeds() % 16;
+        const std::string strText(dwDeed * 1000, 'x');
+        CCmMessageBlock block(static_cast<DWORD>(strText.size()), strText.data(), CCmMessageBlock::DONT_DELETE,
+                              static_cast<DWORD>(strText.size()));
+        BOOL bPause = dwDeed == 6;
+        switch (dwDeed) {
+        case 1:
+            aRequest.m_pChannel->Answer(&block);
+            break;
+        case 2:
+            aRequest.m_pChannel->BeginAnswer(5000);
+            break;
+        case 3:
+        case 4:
+            aRequest.m_pChannel->SendData(block);
+            break;
+        case 5:
+            aRequest.m_pChannel->EndAnswer();
+            break;
+        case 6:
+        case 7:
+            aRequest.m_pChannel->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);
+            break;
+        case 8:
+            aRequest.m_pChannel.Reset();
+            break;
+        case 9:
+            aRequest.m_pChannel->Disconnect(CM_OK);
+            break;
+        default:
+            break;
+        }
+    }
+
+    const BOOL m_bQuiet;
+    std::minstd_rand m_Deeds;
+    std::vector<std::unique_ptr<CRequest>> m_Requests;
+};
+
+void Turn() {
+    ICmReactor* pReactor = CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN);
+    for (int i = 0; i < 3; ++i)
+        static_cast<CCmReactorEpoll*>(pReactor)->RunOnce(&CCmTimeValue::s_tvZero);
+}
+
+// What a client gets that sends these bytes, in pieces if there is a cutter.
+std::string Run(const std::string& aBytes, CFuzzServer& aServer, CFuzzCutter* aCutter) {
+    CCmRefPtrT<CCmChannelHttpServerAcceptor> pAcceptor(new CCmChannelHttpServerAcceptor(0));
+    FUZZ_CHECK(pAcceptor->StartListen(&aServer, CCmInetAddr("127.0.0.1", 0)) == CM_OK);
+    uint64_t ullMaxBody = 1000;
+    pAcceptor->SetOption(CM_OPT_CHANNEL_SERVER_MAX_BODY, &ullMaxBody);
+    const CCmRefPtrT<CFuzzClient> pClient(new CFuzzClient(aCutter));
+    pAcceptor->Serve(pClient.Get());
+    for (size_t stAt = 0, stLength; stAt < aBytes.size(); stAt += stLength) {
+        stLength = aCutter ? aCutter->Next(aBytes.size() - stAt) : aBytes.size();
+        pClient->Receive(aBytes.substr(stAt, stLength));
+        if (pClient->m_pSink && aCutter)
+            pClient->m_pSink->OnSend(pClient.Get());
+    }
+    pClient->m_pCutter = nullptr;
+    for (int i = 0; i < 20 && pClient->m_pSink; ++i) {
+        pClient->m_pSink->OnSend(pClient.Get());
+        Turn();
+    }
+    if (ICmTransportSink* pSink = std::exchange(pClient->m_pSink, nullptr))
+        pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_ERROR, pClient.Get());
+    pAcceptor.Reset();
+    Turn();
+    FUZZ_CHECK(std::string_view("HTTP/1.1 ").starts_with(pClient->m_strSent.substr(0, 9)));
+    return pClient->m_strSent;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
+    static const BOOL bStarted = [] {
+        CCmThreadManager::Instance()->SetNetworkThreadMode(CCmThreadManager::NETWORK_THREAD_MAIN);
+        return CCmThreadManager::Instance()->InitMainThread(0, nullptr) == CM_OK && CCmConnectionManager::Instance();
+    }();
+    FUZZ_CHECK(bStarted);
+    FuzzedDataProvider input(aData, aSize);
+    const BOOL bQuiet = input.ConsumeBool();
+    const auto wSeed = input.ConsumeIntegral<uint16_t>();
+    CFuzzCutter cutter(input);
+    const std::string strBytes = input.ConsumeRemainingBytesAsString();
+    CFuzzServer server(bQuiet, wSeed);
+    const std::string strCut = Run(strBytes, server, &cutter);
+    CFuzzServer other(bQuiet, wSeed);
+    if (bQuiet)  // but for the dates, which end at the same place
+        FUZZ_CHECK(strCut.size() == Run(strBytes, other, nullptr).size());
+    return 0;
+}
