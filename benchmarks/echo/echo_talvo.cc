@@ -1,7 +1,5 @@
 // Echo server on this library, in its network thread: no proxy, no user thread. Takes any number of connections, holds back a
 // client that does not read, and ends in order on SIGTERM. TCP_NODELAY is what the library's transports set by themselves.
-#include <signal.h>
-
 #include <cstdio>
 #include <list>
 
@@ -86,30 +84,12 @@ private:
 
 void CEchoSession::OnDisconnect(CmResult, ICmTransport*) { m_Server.Forget(m_Self); }
 
-// Blocked before the first thread starts, so that only Wait takes it.
-class CTermination {
-public:
-    CTermination() {
-        sigemptyset(&m_Signals);
-        sigaddset(&m_Signals, SIGTERM);
-        sigaddset(&m_Signals, SIGINT);
-        pthread_sigmask(SIG_BLOCK, &m_Signals, nullptr);
-    }
-    void Wait() {
-        int nSignal = 0;
-        sigwait(&m_Signals, &nSignal);
-    }
-
-private:
-    sigset_t m_Signals;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
     const uint16_t wPort = bench::PortArgument(argc, argv);
     bench::RaiseDescriptorLimit();
-    CTermination termination;
+    bench::CTermination termination;
     bench::CTalvoProcess process(argc, argv);
     if (!CCmConnectionManager::Instance())
         return 1;

@@ -1,6 +1,8 @@
 // What every program on this library needs: a main thread, calls handed to other threads, and the end in order.
 #pragma once
 
+#include <signal.h>
+
 #include <cstdlib>
 #include <type_traits>
 #include <utility>
@@ -25,6 +27,24 @@ public:
     }
     CTalvoProcess(const CTalvoProcess&) = delete;
     CTalvoProcess& operator=(const CTalvoProcess&) = delete;
+};
+
+// Blocked before the first thread starts, so that only Wait takes it.
+class CTermination {
+public:
+    CTermination() {
+        sigemptyset(&m_Signals);
+        sigaddset(&m_Signals, SIGTERM);
+        sigaddset(&m_Signals, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &m_Signals, nullptr);
+    }
+    void Wait() {
+        int nSignal = 0;
+        sigwait(&m_Signals, &nSignal);
+    }
+
+private:
+    sigset_t m_Signals;
 };
 
 // An event that calls a function, which returns CmResult or nothing.

@@ -1,0 +1,54 @@
+// HTTP server on this library, in its network thread: 200 and a few bytes for every GET of "/". Ends in order on SIGTERM.
+#include <cstdio>
+
+#include "benchmarks/support/system.h"
+#include "benchmarks/support/talvo_process.h"
+
+namespace {
+
+class CHelloServer : public ICmChannelServerAcceptorSink {
+public:
+    CmResult Open(uint16_t aPort) {
+        CmResult rv = CCmChannelManager::Instance()->CreateHttpAcceptor(m_pAcceptor.ParaOut());
+        if (rv == CM_OK)
+            rv = m_pAcceptor->StartListen(this, CCmInetAddr("127.0.0.1", aPort));
+        return rv;
+    }
+
+    void Close() { m_pAcceptor.Reset(); }
+
+    void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override {
+        if (aChannel->GetRequest().GetRequestURI() == "/")
+            aChannel->AnswerText(200, m_strType, m_strBody);
+        else
+            aChannel->AnswerText(404, m_strType, "Not Found\n");
+    }
+
+private:
+    const CCmString m_strType = "text/plain";
+    const CCmString m_strBody = "Hello, World!";
+    CCmRefPtrT<ICmChannelServerAcceptor> m_pAcceptor;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const uint16_t wPort = bench::PortArgument(argc, argv);
+    bench::RaiseDescriptorLimit();
+    bench::CTermination termination;
+    bench::CTalvoProcess process(argc, argv);
+    if (!CCmConnectionManager::Instance())
+        return 1;
+    ICmEventQueue& network = *CCmThreadManager::Instance()->GetThreadEventQueue(CCmThreadManager::TT_NETWORK);
+
+    CHelloServer server;
+    const CmResult rv = bench::Call(network, [&] { return server.Open(wPort); });
+    if (rv == CM_OK) {
+        bench::PrintReady();
+        termination.Wait();
+    } else {
+        std::fprintf(stderr, "cannot listen on port %u: %s\n", unsigned{wPort}, cm_result_name(rv));
+    }
+    bench::Call(network, [&] { server.Close(); });
+    return rv == CM_OK ? 0 : 1;
+}
