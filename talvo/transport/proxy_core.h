@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <type_traits>
 
 #include "talvo/base/ref_ptr.h"
 #include "talvo/event/event_delete.h"
@@ -34,7 +35,7 @@ protected:
     // An event that lives in its core, for what is posted all the time: at most one post of it is waiting, so nothing is
     // allocated. Runs Method of the core or, when it is refused or dropped because its thread has ended, Dropped if that is
     // given.
-    template <class Core, void (Core::*Method)(), void (Core::*Dropped)() = nullptr>
+    template <class Core, void (Core::*Method)(), auto Dropped = nullptr>
     class CEmbeddedEventT final : public ICmEvent {
     public:
         explicit CEmbeddedEventT(Core& aCore) : m_Core(aCore) {}
@@ -53,7 +54,7 @@ protected:
         }
         void OnDestorySelf() override {
             if (!m_bFired.exchange(FALSE)) {
-                if constexpr (Dropped != nullptr)
+                if constexpr (!std::is_null_pointer_v<decltype(Dropped)>)
                     (m_Core.*Dropped)();
             }
             m_Core.ReleaseReference();
