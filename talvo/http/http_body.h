@@ -24,8 +24,12 @@ protected:
 };
 
 // Finds the body in a stream: takes exactly its bytes, framing included, and copies none. Counts in 64 bits. One thread.
+//
+// Chunks are read strictly: where a message ends must not depend on who reads it.
 class TALVO_API CHttpBodyReader {
 public:
+    CHttpBodyReader() { m_Decoder.SetStrict(TRUE); }
+
     // A new body; aLength is that of LENGTH. Limits stay.
     void Begin(EHttpBody aKind, uint64_t aLength = 0);
 

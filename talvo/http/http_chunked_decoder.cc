@@ -9,16 +9,16 @@
 
 namespace {
 
-// Hexadecimal as sscanf reads it: blanks, sign and 0x ahead and anything behind are let pass. FALSE: no number.
-BOOL scan_size(std::string_view aLine, uint64_t& aSize) {
-    const std::string_view strNumber = aLine.substr(0, aLine.find(';'));
-    DWORD dwSize = 0;
-    const auto [pEnd, error] = std::from_chars(strNumber.data(), strNumber.data() + strNumber.size(), dwSize, 16);
-    aSize = dwSize;
-    if (error == std::errc() && pEnd == strNumber.data() + strNumber.size())
+// Hexadecimal as sscanf reads it: blanks, sign and 0x ahead and anything behind are let pass, unless strict. FALSE: no number.
+BOOL scan_size(std::string_view aNumber, BOOL aStrict, uint64_t& aSize) {
+    const std::string_view strDigits = aStrict ? aNumber.substr(0, aNumber.find_last_not_of(" \t") + 1) : aNumber;
+    const auto [pEnd, error] = std::from_chars(strDigits.data(), strDigits.data() + strDigits.size(), aSize, 16);
+    if (error == std::errc() && pEnd == strDigits.data() + strDigits.size())
         return TRUE;
+    if (aStrict)
+        return FALSE;
     unsigned long ulSize = 0;  // 64 bits, which sscanf fills to the largest number when it overflows
-    const BOOL bRead = std::sscanf(CCmString(strNumber).c_str(), "%lx", &ulSize) == 1;
+    const BOOL bRead = std::sscanf(CCmString(aNumber).c_str(), "%lx", &ulSize) == 1;
     aSize = ulSize;
     return bRead;
 }
@@ -74,6 +74,9 @@ BOOL CCmHttpChunkedDecoder::HandleLine(std::string_view& aInput) {
     case TOO_LONG:
         CM_WARNING_TRACE("CCmHttpChunkedDecoder::HandleChunkedContent, a line is too long.");
         return FALSE;
+    case NO_CR:
+        CM_WARNING_TRACE("CCmHttpChunkedDecoder::HandleChunkedContent, a line ends without CR.");
+        return FALSE;
     case LINE:
         break;
     }
@@ -95,20 +98,24 @@ CCmHttpChunkedDecoder::ELine CCmHttpChunkedDecoder::TakeLine(std::string_view& a
         return NO_LINE;
     if (!aLine.empty() && aLine.back() == '\r')
         aLine.remove_suffix(1);
+    else if (m_bStrict)
+        return NO_CR;
     if (aLine.size() > m_Limits.m_dwMaxLine)
         return TOO_LONG;
-    aLine.remove_prefix(std::min(aLine.find_first_not_of(' '), aLine.size()));
+    if (!m_bStrict)
+        aLine.remove_prefix(std::min(aLine.find_first_not_of(' '), aLine.size()));
     return LINE;
 }
 
 BOOL CCmHttpChunkedDecoder::ParseSize(std::string_view aLine) {
+    const std::string_view strNumber = aLine.substr(0, aLine.find(';'));
     uint64_t ullSize = 0;
-    if (!scan_size(aLine, ullSize)) {
-        CM_WARNING_TRACE("CCmHttpChunkedDecoder::HandleChunkedContent, sscanf() failed! str=" << aLine);
+    if (!scan_size(strNumber, m_bStrict, ullSize)) {
+        CM_WARNING_TRACE("CCmHttpChunkedDecoder::HandleChunkedContent, sscanf() failed! str=" << strNumber);
         return FALSE;
     }
     if (ullSize > UINT32_MAX) {
-        CM_WARNING_TRACE("CCmHttpChunkedDecoder::HandleChunkedContent, the size does not fit 32 bits. str=" << aLine);
+        CM_WARNING_TRACE("CCmHttpChunkedDecoder::HandleChunkedContent, the size does not fit 32 bits. str=" << strNumber);
         return FALSE;
     }
     m_dwRemaining = static_cast<DWORD>(ullSize);
@@ -126,7 +133,8 @@ BOOL CCmHttpChunkedDecoder::ParseTrailer(std::string_view aLine) {
         CM_WARNING_TRACE("CCmHttpChunkedDecoder::HandleChunkedContent, there are too many trailers.");
         return FALSE;
     }
-    return m_Trailers.ParseHeaderLine(aLine, nullptr, nullptr);
+    const BOOL bGood = m_Trailers.ParseHeaderLine(aLine, nullptr, nullptr);
+    return bGood && !(m_bStrict && (m_Trailers.GetFaults() & CM_HTTP_FAULT_NAME));
 }
 
 // The CR and LF behind a chunk's data, which may arrive apart.

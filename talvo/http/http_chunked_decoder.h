@@ -10,8 +10,8 @@
 
 //  size [; extension] CRLF   data CRLF   ...   0 CRLF   trailer CRLF ...   CRLF
 //
-// Sizes are hexadecimal and must fit 32 bits. Extensions are dropped, trailers are kept apart from the message's headers. Of a
-// line's end the CR may be missing, but not behind a chunk's data. One body for each object or Reset; one thread at a time.
+// Sizes are hexadecimal and must fit 32 bits. Extensions are dropped, trailers are kept apart from the message's headers. Unless
+// strict, of a line's end the CR may be missing, but not behind a chunk's data, and a size is what sscanf takes for one. One body for each object or Reset; one thread at a time.
 class TALVO_API CCmHttpChunkedDecoder {
 public:
     // Appends the data in aBuf's aLen bytes to aOut; aConsumed is how many bytes were used: all, unless the body ended before.
@@ -27,11 +27,17 @@ public:
     const CCmHttpHeaderArray& GetTrailers() const { return m_Trailers; }
 
     void SetLimits(const CCmHttpLimits& aLimits) { m_Limits = aLimits; }
+
+    // TRUE also refuses what others on the way may read differently: a size that is more than hexadecimal digits and blanks
+    // behind them, spaces at a line's front, a line end without its CR, a trailer whose name is no token or that has no colon.
+    void SetStrict(BOOL aStrict) { m_bStrict = aStrict; }
+
+    // Forgets everything but limits and strictness.
     void Reset();
 
 private:
     enum EState : DWORD { SIZE_LINE = 0, DATA = 1, TRAILER = 2, FINISHED = 4 };
-    enum ELine { NO_LINE, LINE, TOO_LONG };
+    enum ELine { NO_LINE, LINE, TOO_LONG, NO_CR };
 
     ELine TakeLine(std::string_view& aInput, std::string_view& aLine);
     BOOL HandleLine(std::string_view& aInput);
@@ -45,5 +51,6 @@ private:
     BOOL m_bCRSeen = FALSE;
     CCmHttpHeaderArray m_Trailers;
     CCmHttpLimits m_Limits;
+    BOOL m_bStrict = FALSE;
     DWORD m_dwTrailerLines = 0;
 };
