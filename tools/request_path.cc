@@ -1,5 +1,7 @@
 #include "tools/request_path.h"
 
+#include <strings.h>
+
 #include <cctype>
 
 namespace tool {
@@ -33,10 +35,10 @@ bool DecodePercent(std::string_view aText, std::string& aOut) {
 // The path of a target in the form that is meant for proxies, which servers have to take as well.
 std::string_view CutAuthority(std::string_view aTarget) {
     constexpr std::string_view SCHEME = "http://";
-    if (!aTarget.starts_with(SCHEME))
+    if (aTarget.size() < SCHEME.size() || strncasecmp(aTarget.data(), SCHEME.data(), SCHEME.size()) != 0)
         return aTarget;
-    const size_t stPath = aTarget.find('/', SCHEME.size());
-    return stPath == std::string_view::npos ? "/" : aTarget.substr(stPath);
+    const size_t stPath = aTarget.find_first_of("/?#", SCHEME.size());
+    return stPath == std::string_view::npos || aTarget[stPath] != '/' ? "/" : aTarget.substr(stPath);
 }
 
 }  // namespace

@@ -10,8 +10,9 @@
 
 //  size [; extension] CRLF   data CRLF   ...   0 CRLF   trailer CRLF ...   CRLF
 //
-// Sizes are hexadecimal and must fit 32 bits. Extensions are dropped, trailers are kept apart from the message's headers. Unless
-// strict, of a line's end the CR may be missing, but not behind a chunk's data, and a size is what sscanf takes for one. One body for each object or Reset; one thread at a time.
+// Sizes are hexadecimal and must fit 32 bits. Extensions are dropped, trailers are kept apart from the message's headers. A
+// size is what sscanf takes for one, and of a line's end the CR may be missing, but not behind a chunk's data; see SetStrict.
+// One body for each object or Reset; one thread at a time.
 class TALVO_API CCmHttpChunkedDecoder {
 public:
     // Appends the data in aBuf's aLen bytes to aOut; aConsumed is how many bytes were used: all, unless the body ended before.

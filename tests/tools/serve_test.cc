@@ -13,6 +13,8 @@ TEST(ToolServeTest, PathsStayBelowTheDirectory) {
         {"//a///b/", "a/b"},
         {"http://host/a", "a"},
         {"http://host", ""},
+        {"HTTP://host/a", "a"},
+        {"http://host?a/b", ""},
         {"/...", "..."},
         {"/%C3%BC#f", "\xc3\xbc"},
     };
