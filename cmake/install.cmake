@@ -1,4 +1,4 @@
-# What `cmake --install` puts where: the library, its headers, the program, a CMake package and a pkg-config file. The tree may
+# What `cmake --install` puts where: the library, its headers, the programs, a CMake package and a pkg-config file. The tree may
 # be moved after it was installed: nothing in it names the prefix.
 include(CMakePackageConfigHelpers)
 
@@ -6,11 +6,18 @@ set(talvo_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/talvo)
 
 install(TARGETS talvo EXPORT talvo-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY talvo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 if(TARGET talvo_tool)
   install(TARGETS talvo_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(talvo_tool PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
 endif()
+# Benchmark programs that anyone can drive; by themselves with `cmake --install BUILD --component benchmark`.
+foreach(program echo msg timers threads http http_parse)
+  if(TARGET talvo_bench_${program})
+    install(TARGETS talvo_bench_${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT benchmark)
+    set_target_properties(talvo_bench_${program} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
+  endif()
+endforeach()
 
 install(EXPORT talvo-targets NAMESPACE talvo:: DESTINATION ${talvo_package_dir})
 configure_package_config_file(cmake/talvo-config.cmake.in talvo-config.cmake INSTALL_DESTINATION ${talvo_package_dir}

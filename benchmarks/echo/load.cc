@@ -1,10 +1,11 @@
-// Loads an echo server on 127.0.0.1 and prints what it answered as JSON: "rate" (messages per second), "p50_us", "p99_us",
-// "messages", "errors", and with --pid "cpu_ns", what a message cost that process. The warm-up counts for errors only.
+// Loads an echo server on 127.0.0.1 and prints what it answered as JSON: "rate" (messages per second), "p50_us" to "p9999_us",
+// "messages", "errors", and with --pid "cpu_ns", what a message cost that process, and "kib_per_connection", by how much its
+// resident memory grew until it had answered once on each connection. The warm-up counts for errors only.
 #include <getopt.h>
-#include <time.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 #include "benchmarks/echo/load_client.h"
 #include "benchmarks/support/report.h"
@@ -14,8 +15,11 @@ namespace {
 
 constexpr const char* USAGE =
     "usage: bench_load --port PORT [--connections N] [--size BYTES] [--in-flight N] [--seconds S] [--messages N]\n"
-    "                  [--warm-up S] [--reconnect] [--pid SERVER]\n"
+    "                  [--warm-up S] [--reconnect] [--busy N] [--pid SERVER]\n"
     "ends after --seconds (default 1) or --messages, whichever comes first\n";
+
+constexpr std::pair<const char*, double> PERCENTILES[] = {
+    {"p50_us", 0.5}, {"p90_us", 0.9}, {"p99_us", 0.99}, {"p999_us", 0.999}, {"p9999_us", 0.9999}};
 
 struct CArguments {
     CLoadSettings m_Load;
@@ -52,6 +56,9 @@ bool Take(CArguments& aArguments, int aOption, const char* aText) {
     case 'r':
         aArguments.m_Load.m_bReconnect = true;
         break;
+    case 'b':
+        aArguments.m_Load.m_Busy = static_cast<int>(dValue);
+        break;
     case 'i':
         aArguments.m_Server = static_cast<pid_t>(dValue);
         break;
@@ -62,12 +69,17 @@ bool Take(CArguments& aArguments, int aOption, const char* aText) {
 }
 
 CArguments Parse(int aArgc, char** aArgv) {
-    static const option s_Options[] = {
-        {"port", required_argument, nullptr, 'p'},    {"connections", required_argument, nullptr, 'c'},
-        {"size", required_argument, nullptr, 's'},    {"in-flight", required_argument, nullptr, 'f'},
-        {"seconds", required_argument, nullptr, 'd'}, {"messages", required_argument, nullptr, 'm'},
-        {"warm-up", required_argument, nullptr, 'w'}, {"reconnect", no_argument, nullptr, 'r'},
-        {"pid", required_argument, nullptr, 'i'},     {nullptr, 0, nullptr, 0}};
+    static const option s_Options[] = {{"port", required_argument, nullptr, 'p'},
+                                       {"connections", required_argument, nullptr, 'c'},
+                                       {"size", required_argument, nullptr, 's'},
+                                       {"in-flight", required_argument, nullptr, 'f'},
+                                       {"seconds", required_argument, nullptr, 'd'},
+                                       {"messages", required_argument, nullptr, 'm'},
+                                       {"warm-up", required_argument, nullptr, 'w'},
+                                       {"reconnect", no_argument, nullptr, 'r'},
+                                       {"busy", required_argument, nullptr, 'b'},
+                                       {"pid", required_argument, nullptr, 'i'},
+                                       {nullptr, 0, nullptr, 0}};
     CArguments arguments;
     bool bGood = true;
     for (int nOption; bGood && (nOption = getopt_long(aArgc, aArgv, "", s_Options, nullptr)) != -1;)
@@ -79,35 +91,31 @@ CArguments Parse(int aArgc, char** aArgv) {
     return arguments;
 }
 
-// What the process has used on all cores so far, in nanoseconds; 0 for none.
-int64_t CpuNs(pid_t aPid) {
-    clockid_t clock;
-    timespec used{};
-    if (aPid != 0 && (clock_getcpuclockid(aPid, &clock) != 0 || clock_gettime(clock, &used) != 0))
-        bench::Fail("the clock of --pid");
-    return int64_t{used.tv_sec} * 1000000000 + used.tv_nsec;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     const CArguments arguments = Parse(argc, argv);
     bench::RaiseDescriptorLimit();
     CLoadClient client(arguments.m_Load);
+    const double dKibBefore = bench::ResidentKib(arguments.m_Server);
     client.Start();
+    client.Settle();
+    const double dKib = bench::ResidentKib(arguments.m_Server) - dKibBefore;
     client.Run(static_cast<int64_t>(arguments.m_dWarmUp * 1e9), 0);
-    const int64_t llCpuBefore = CpuNs(arguments.m_Server);
+    const int64_t llCpuBefore = bench::CpuNs(arguments.m_Server);
     const int64_t llNs = client.Run(static_cast<int64_t>(arguments.m_dSeconds * 1e9), arguments.m_ullMessages);
-    const int64_t llCpu = CpuNs(arguments.m_Server) - llCpuBefore;
+    const int64_t llCpu = bench::CpuNs(arguments.m_Server) - llCpuBefore;
 
     const CLoadCounters& counters = client.GetCounters();
     const double dMessages = static_cast<double>(counters.m_ullMessages);
     bench::CReport report;
     report.Add("rate", dMessages * 1e9 / static_cast<double>(llNs));
-    report.Add("p50_us", counters.m_Latencies.PercentileUs(0.5));
-    report.Add("p99_us", counters.m_Latencies.PercentileUs(0.99));
+    for (const auto& [pName, dShare] : PERCENTILES)
+        report.Add(pName, counters.m_Latencies.PercentileUs(dShare));
     report.Add("messages", dMessages);
     report.Add("errors", static_cast<double>(counters.m_ullErrors));
+    if (arguments.m_Server != 0)
+        report.Add("kib_per_connection", dKib / arguments.m_Load.m_Connections);
     if (arguments.m_Server != 0 && counters.m_ullMessages > 0)
         report.Add("cpu_ns", static_cast<double>(llCpu) / dMessages);
     report.Print();

@@ -44,20 +44,30 @@ void CLoadClient::Dispatch(CLoadConnection& aConnection, uint32_t aEvents) {
         Watch(EPOLL_CTL_MOD, aConnection, bHadUnsent ? EPOLLIN : EPOLLIN | EPOLLOUT);
 }
 
+void CLoadClient::Turn(int aWaitMs) {
+    std::array<epoll_event, 256> events;
+    const int nReady = epoll_wait(m_Epoll, events.data(), static_cast<int>(events.size()), aWaitMs);
+    for (int n = 0; n < nReady; ++n) {
+        const epoll_event& event = events[static_cast<size_t>(n)];
+        Dispatch(*static_cast<CLoadConnection*>(event.data.ptr), event.events);
+    }
+}
+
 int64_t CLoadClient::Run(int64_t aNs, uint64_t aMessages) {
     m_Counters.m_ullMessages = 0;
     m_Counters.m_Latencies.Reset();
     const int64_t llStart = bench::NowNs();
-    std::array<epoll_event, 256> events;
     for (;;) {
         const int64_t llPassed = bench::NowNs() - llStart;
         if (llPassed >= aNs || (aMessages > 0 && m_Counters.m_ullMessages >= aMessages))
             return llPassed;
-        const int nLeftMs = static_cast<int>((aNs - llPassed) / 1000000) + 1;
-        const int nReady = epoll_wait(m_Epoll, events.data(), static_cast<int>(events.size()), nLeftMs);
-        for (int n = 0; n < nReady; ++n) {
-            const epoll_event& event = events[static_cast<size_t>(n)];
-            Dispatch(*static_cast<CLoadConnection*>(event.data.ptr), event.events);
-        }
+        Turn(static_cast<int>((aNs - llPassed) / 1000000) + 1);
+    }
+}
+
+void CLoadClient::Settle() {
+    for (const auto& pConnection : m_Connections) {
+        while (!pConnection->HasAnswered() && m_Counters.m_ullErrors == 0)
+            Turn(-1);
     }
 }

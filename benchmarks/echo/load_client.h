@@ -20,11 +20,15 @@ public:
     // Runs for aNs, or until aMessages (0: any number) have come back, counted from now on; returns the nanoseconds it took.
     int64_t Run(int64_t aNs, uint64_t aMessages);
 
+    // Runs until a message has come back on every connection, or has failed: the server knows them all then.
+    void Settle();
+
     const CLoadCounters& GetCounters() const { return m_Counters; }
 
 private:
     void Watch(int aOperation, CLoadConnection& aConnection, uint32_t aEvents);
     void StartConnection(CLoadConnection& aConnection);
+    void Turn(int aWaitMs);
     void Dispatch(CLoadConnection& aConnection, uint32_t aEvents);
 
     CLoadSettings m_Settings;

@@ -24,7 +24,7 @@ CLoadConnection::CLoadConnection(const CLoadSettings& aSettings, const CPattern&
       m_Pattern(aPattern),
       m_Counters(aCounters),
       m_ullFirst(static_cast<uint64_t>(aIndex) * 17),
-      m_Index(aIndex),
+      m_bGoesOn(!aSettings.m_bReconnect && (aSettings.m_Busy == 0 || aIndex < aSettings.m_Busy)),
       m_SendTimes(static_cast<size_t>(aSettings.m_InFlight)) {}
 
 CLoadConnection::~CLoadConnection() {
@@ -45,7 +45,7 @@ bool CLoadConnection::Start() {
     const int64_t llNow = bench::NowNs();  // what it takes to connect counts where every message connects
     if (!Connect())
         return Failed();
-    for (int n = 0; n < m_Settings.m_InFlight; ++n)
+    for (int n = 0; n < (m_bGoesOn ? m_Settings.m_InFlight : 1); ++n)
         QueueMessage(llNow);
     return Flush();
 }
@@ -109,7 +109,7 @@ bool CLoadConnection::Compare(const char* aData, size_t aSize, int64_t aNow) {
         m_Counters.m_Latencies.Record(aNow - m_SendTimes[m_ullReceived % m_SendTimes.size()]);
         ++m_ullReceived;
         ++m_Counters.m_ullMessages;
-        if (!m_Settings.m_bReconnect)
+        if (m_bGoesOn)
             QueueMessage(aNow);
     }
     return true;

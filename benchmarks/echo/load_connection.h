@@ -14,6 +14,7 @@ struct CLoadSettings {
     size_t m_nSize = 64;        // bytes of a message
     int m_InFlight = 1;         // messages under way on each connection
     bool m_bReconnect = false;  // a new connection for every message
+    int m_Busy = 0;             // so many connections go on, the others stop behind their first message; 0: all go on
 };
 
 // What all connections count together.
@@ -50,6 +51,7 @@ public:
     // Reads what is there, answers it with new messages and counts. False: the connection is over, by an error that is counted
     // or because its one message is done.
     bool OnReadable(char* aBuffer, size_t aSize);
+    bool HasAnswered() const { return m_ullReceived > 0; }
     bool Flush();
 
 private:
@@ -62,7 +64,7 @@ private:
     const CPattern& m_Pattern;
     CLoadCounters& m_Counters;
     const uint64_t m_ullFirst;  // number of this connection's first message
-    int m_Index;
+    const bool m_bGoesOn;
     int m_Fd = -1;
     uint64_t m_ullSent = 0;
     uint64_t m_ullReceived = 0;

@@ -1,16 +1,15 @@
 // Messages on this library's length-prefixed connection or, with --type package, its package connection. The application's
 // thread is the main thread; connector, acceptor and connection are proxies of what lives in the network thread.
-#include <cstdio>
 #include <optional>
 
 #include "benchmarks/messages/work.h"
 #include "benchmarks/support/system.h"
+#include "benchmarks/support/talvo_messages.h"
 #include "benchmarks/support/talvo_process.h"
 
 namespace {
 
-// What the connection's socket may hold each way. The library's own 64 KiB suit many connections; this is one.
-constexpr int SOCKET_BUFFER = 1 << 20;
+using bench::Expect;
 
 // Main thread.
 class CEnd : public ICmAcceptorConnectorSink, public ICmTransportSink {
@@ -34,9 +33,7 @@ public:
         Expect(aReason);
         m_pConnection = aTrpt;
         Expect(aTrpt->OpenWithSink(this));
-        int nSize = SOCKET_BUFFER;
-        Expect(aTrpt->SetOption(CM_OPT_TRANSPORT_SNDBUF, &nSize));
-        Expect(aTrpt->SetOption(CM_OPT_TRANSPORT_RCVBUF, &nSize));
+        Expect(bench::PrepareForMessages(*aTrpt, static_cast<DWORD>(m_Work.m_nSize)));
         if (m_Work.m_Role == bench::ERole::SEND)
             Stream();
         else if (m_Work.m_Role == bench::ERole::PING)
@@ -47,10 +44,7 @@ public:
         bench::CArrived arrived;
         arrived.m_nSize = aData.GetChainedLength();
         aData.Read(&arrived.m_ullNumber, sizeof(arrived.m_ullNumber), nullptr, FALSE);
-        for (const CCmMessageBlock* pBlock = &aData; pBlock; pBlock = pBlock->GetNext()) {
-            if (pBlock->GetTopLevelLength() > 0)
-                arrived.m_cLast = pBlock->GetTopLevelWritePtr()[-1];
-        }
+        arrived.m_cLast = bench::LastByteOf(aData);
         Take(arrived);
     }
 
@@ -62,18 +56,7 @@ public:
     void OnDisconnect(CmResult, ICmTransport*) override { std::_Exit(0); }
 
 private:
-    static void Expect(CmResult aResult) {
-        if (aResult == CM_OK)
-            return;
-        std::fprintf(stderr, "failed: %s\n", cm_result_name(aResult));
-        std::exit(1);
-    }
-
-    DWORD GetType() const {
-        const DWORD dwProtocol =
-            m_Work.m_strType == "package" ? CCmConnectionManager::CTYPE_PDU_PACKAGE : CCmConnectionManager::CTYPE_PDU_LENGTH;
-        return CCmConnectionManager::CTYPE_TCP | dwProtocol;
-    }
+    DWORD GetType() const { return bench::MessageType(m_Work.m_strType.empty() ? "length" : m_Work.m_strType); }
 
     void Take(const bench::CArrived& aMessage) {
         switch (m_Work.m_Role) {

@@ -1,7 +1,6 @@
 #include "benchmarks/messages/work.h"
 
 #include <getopt.h>
-#include <time.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -132,16 +131,8 @@ bool CMeasurement::Count(int64_t aNow) {
     return true;
 }
 
-// What both processes have used on all cores so far.
-int64_t CMeasurement::CpuNs() const {
-    clockid_t clock;
-    timespec own{}, peer{};
-    if (clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &own) != 0)
-        Fail("the clock of the process");
-    if (m_Work.m_Peer != 0 && (clock_getcpuclockid(m_Work.m_Peer, &clock) != 0 || clock_gettime(clock, &peer) != 0))
-        Fail("the clock of --pid");
-    return int64_t{own.tv_sec + peer.tv_sec} * 1000000000 + own.tv_nsec + peer.tv_nsec;
-}
+// Of both processes.
+int64_t CMeasurement::CpuNs() const { return bench::CpuNs(0) + (m_Work.m_Peer != 0 ? bench::CpuNs(m_Work.m_Peer) : 0); }
 
 void CMeasurement::Print(const CHistogram* aLatencies) const {
     const double dMessages = static_cast<double>(m_ullCounted);

@@ -1,10 +1,11 @@
 // The in-process echo on this library: acceptor, connector and transports are proxies of two user threads.
-#include <cstdio>
-
 #include "benchmarks/proxies/work.h"
+#include "benchmarks/support/talvo_messages.h"
 #include "benchmarks/support/talvo_process.h"
 
 namespace {
+
+using bench::Expect;
 
 // Brings one user's connection about and is its transport's sink. User's thread.
 class CEnd : public ICmAcceptorConnectorSink, public ICmTransportSink, public bench::CChannel {
@@ -69,13 +70,6 @@ public:
     void OnDisconnect(CmResult, ICmTransport*) override {}  // the other end is done; earlier, the run would not end
 
 private:
-    static void Expect(CmResult aResult) {
-        if (aResult == CM_OK)
-            return;
-        std::fprintf(stderr, "failed: %s\n", cm_result_name(aResult));
-        std::exit(1);
-    }
-
     void DropRest() {
         if (m_pRest)
             m_pRest->DestroyChained();

@@ -12,6 +12,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <string>
 
 namespace bench {
 
@@ -45,13 +47,41 @@ void RaiseDescriptorLimit() {
 }
 
 void PinThisThread(int aCore) {
-    cpu_set_t allowed;
-    if (sched_getaffinity(0, sizeof(allowed), &allowed) == -1 || !CPU_ISSET(aCore, &allowed))
+    // What the first caller may use, which is not bound yet: threads inherit the core of whoever starts them.
+    static const cpu_set_t s_Allowed = [] {
+        cpu_set_t allowed;
+        CPU_ZERO(&allowed);
+        sched_getaffinity(0, sizeof(allowed), &allowed);
+        return allowed;
+    }();
+    int nLeft = aCore;
+    for (size_t nCore = 0; nCore < CPU_SETSIZE; ++nCore) {
+        if (!CPU_ISSET(nCore, &s_Allowed) || nLeft-- > 0)
+            continue;
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(nCore, &one);
+        pthread_setaffinity_np(pthread_self(), sizeof(one), &one);
         return;
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(aCore, &one);
-    pthread_setaffinity_np(pthread_self(), sizeof(one), &one);
+    }
+}
+
+int64_t CpuNs(pid_t aProcess) {
+    clockid_t clock;
+    timespec used{};
+    if (clock_getcpuclockid(aProcess, &clock) != 0 || clock_gettime(clock, &used) != 0)
+        Fail("the clock of a process");
+    return int64_t{used.tv_sec} * 1000000000 + used.tv_nsec;
+}
+
+double ResidentKib(pid_t aProcess) {
+    std::ifstream sums("/proc/" + (aProcess == 0 ? "self" : std::to_string(aProcess)) + "/smaps_rollup");
+    double dKib = 0;
+    for (std::string strWord; sums >> strWord;) {
+        if (strWord == "Rss:" && sums >> dKib)
+            return dKib;
+    }
+    Fail("the memory of a process");
 }
 
 sockaddr_in LoopbackAddress(uint16_t aPort) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/types.h>
 
 #include <cstdint>
 
@@ -19,8 +20,13 @@ uint16_t PortArgument(int aArgc, char** aArgv);
 // Allows as many descriptors as the hard limit does.
 void RaiseDescriptorLimit();
 
-// Binds the calling thread to one core, so that runs differ less; does nothing where there is no such core.
+// Binds the calling thread to one of the cores that the process may use, 0 being the first, so that runs differ less; does
+// nothing where there is no such core.
 void PinThisThread(int aCore);
+
+// What a process, 0 being the own one, has used on all cores so far, in nanoseconds, and what of it lies in memory, in KiB.
+int64_t CpuNs(pid_t aProcess);
+double ResidentKib(pid_t aProcess);
 
 // Connects of benchmarks come in bursts: the longest backlog that the system grants by default.
 constexpr int BACKLOG = 4096;

@@ -1,4 +1,5 @@
-// Timers by the thousand: what it costs to schedule, re-arm, cancel and fire one among many.
+// Timers by the thousand: what it costs to schedule, touch (re-arm), cancel and fire one among many, and to fire one that is
+// periodic, which means to re-arm it as well.
 #pragma once
 
 #include <algorithm>
@@ -19,6 +20,7 @@ namespace bench {
 //   Schedule(index, ms)   starts one; on one that runs: re-arms it
 //   Cancel(index)
 //   Settle()              finishes what the two before have put off
+//   Repeat(index, ms)     starts a periodic one, which Cancel ends
 //   Fire()                fires what is due, returns how many timers have fired in all
 template <class Timers>
 class CTimersRun {
@@ -32,35 +34,54 @@ public:
 
     void Round() {
         m_llSchedule += ForEach([this](size_t n) { m_Timers.Schedule(n, m_Delays[n]); });
-        m_llRearm += ForEach([this](size_t n) { m_Timers.Schedule(n, m_Delays[n] + 1); });
+        m_llTouch += ForEach([this](size_t n) { m_Timers.Schedule(n, m_Delays[n] + 1); });
         m_llCancel += ForEach([this](size_t n) { m_Timers.Cancel(n); });
         ++m_nRounds;
     }
 
     // Only the firing is measured: none is due before the last is scheduled, all are when the sleep is over.
     void FireRound() {
-        constexpr int SHORTEST_MS = 200;
-        constexpr int RANGE_MS = 20;
         ForEach([this](size_t n) { m_Timers.Schedule(n, SHORTEST_MS + m_Delays[n] % RANGE_MS); });
-        std::this_thread::sleep_for(std::chrono::milliseconds(SHORTEST_MS + RANGE_MS + 5));
-        const int64_t llStart = NowNs();
-        const size_t nFired = m_Timers.Fire();
-        m_llFire += NowNs() - llStart;
-        if (nFired != ++m_nFireRounds * m_Order.size()) {
-            std::fprintf(stderr, "%zu timers have fired of %zu\n", nFired, m_nFireRounds * m_Order.size());
-            std::exit(1);
-        }
+        m_llFire += FireAll();
+        ++m_nFireRounds;
     }
 
-    void AddTo(CReport& aReport) const {
-        const std::string strCount = std::to_string(m_Order.size());
-        aReport.Add("schedule_" + strCount, PerTimer(m_llSchedule, m_nRounds));
-        aReport.Add("rearm_" + strCount, PerTimer(m_llRearm, m_nRounds));
-        aReport.Add("cancel_" + strCount, PerTimer(m_llCancel, m_nRounds));
-        aReport.Add("fire_" + strCount, PerTimer(m_llFire, m_nFireRounds));
+    // The sleep is longer than any period and shorter than two: each timer fires once behind each.
+    void PeriodicRounds() {
+        ForEach([this](size_t n) { m_Timers.Repeat(n, SHORTEST_MS + m_Delays[n] % RANGE_MS); });
+        for (; m_nPeriods < PERIODS; ++m_nPeriods)
+            m_llPeriodic += FireAll();
+        ForEach([this](size_t n) { m_Timers.Cancel(n); });
+    }
+
+    void Print() const {
+        const std::string strCount = "/" + std::to_string(m_Order.size());
+        PrintCost("schedule" + strCount, PerTimer(m_llSchedule, m_nRounds));
+        PrintCost("touch" + strCount, PerTimer(m_llTouch, m_nRounds));
+        PrintCost("cancel" + strCount, PerTimer(m_llCancel, m_nRounds));
+        PrintCost("fire" + strCount, PerTimer(m_llFire, m_nFireRounds));
+        PrintCost("periodic" + strCount, PerTimer(m_llPeriodic, m_nPeriods));
     }
 
 private:
+    static constexpr int SHORTEST_MS = 200;
+    static constexpr int RANGE_MS = 20;
+    static constexpr size_t PERIODS = 3;
+
+    // Waits until all are due, fires them and returns the nanoseconds that took.
+    int64_t FireAll() {
+        std::this_thread::sleep_for(std::chrono::milliseconds(SHORTEST_MS + RANGE_MS + 5));
+        const int64_t llStart = NowNs();
+        const size_t nFired = m_Timers.Fire();
+        const int64_t llTook = NowNs() - llStart;
+        m_nExpected += m_Order.size();
+        if (nFired != m_nExpected) {
+            std::fprintf(stderr, "%zu timers have fired instead of %zu\n", nFired, m_nExpected);
+            std::exit(1);
+        }
+        return llTook;
+    }
+
     // In another random order each time.
     template <class Function>
     int64_t ForEach(Function aFunction) {
@@ -82,25 +103,27 @@ private:
     std::vector<int> m_Delays;  // milliseconds, as far apart as a server's time-outs
     size_t m_nRounds = 0;
     size_t m_nFireRounds = 0;
+    size_t m_nPeriods = 0;
+    size_t m_nExpected = 0;  // firings in all
     int64_t m_llSchedule = 0;
-    int64_t m_llRearm = 0;
+    int64_t m_llTouch = 0;
     int64_t m_llCancel = 0;
     int64_t m_llFire = 0;
+    int64_t m_llPeriodic = 0;
 };
 
 template <class Timers>
 int RunTimers() {
     PinThisThread(0);
-    CReport report;
     for (const size_t nCount : {1000, 10000, 100000}) {
         CTimersRun<Timers> run(nCount);
         for (size_t n = 0; n < 300000 / nCount; ++n)
             run.Round();
         for (size_t n = 0; n < std::clamp<size_t>(100000 / nCount, 1, 4); ++n)
             run.FireRound();
-        run.AddTo(report);
+        run.PeriodicRounds();
+        run.Print();
     }
-    report.Print();
     return 0;
 }
 

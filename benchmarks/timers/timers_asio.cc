@@ -18,6 +18,15 @@ public:
         timer.expires_after(std::chrono::milliseconds(aMs));
         timer.async_wait([this](std::error_code aError) { m_nFired += !aError; });
     }
+    void Repeat(size_t aIndex, int aMs) {
+        m_Timers[aIndex].expires_after(std::chrono::milliseconds(aMs));
+        m_Timers[aIndex].async_wait([this, aIndex, aMs](std::error_code aError) {
+            if (aError)
+                return;
+            ++m_nFired;
+            Repeat(aIndex, aMs);
+        });
+    }
     void Cancel(size_t aIndex) { m_Timers[aIndex].cancel(); }
     void Settle() { Poll(); }
     size_t Fire() {

@@ -14,6 +14,9 @@ public:
     void Schedule(size_t aIndex, int aMs) {
         m_Queue.ScheduleTimer(&m_Handlers[aIndex], nullptr, CCmTimeValue(0, aMs * 1000L), 1);
     }
+    void Repeat(size_t aIndex, int aMs) {
+        m_Queue.ScheduleTimer(&m_Handlers[aIndex], nullptr, CCmTimeValue(0, aMs * 1000L), 0);
+    }
     void Cancel(size_t aIndex) { m_Queue.CancelTimer(&m_Handlers[aIndex]); }
     void Settle() {}
     size_t Fire() {

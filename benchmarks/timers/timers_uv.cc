@@ -23,11 +23,8 @@ public:
     CTimers(const CTimers&) = delete;
     CTimers& operator=(const CTimers&) = delete;
 
-    void Schedule(size_t aIndex, int aMs) {
-        uv_timer_start(
-            &m_Timers[aIndex], [](uv_timer_t* aTimer) { ++*static_cast<size_t*>(aTimer->data); }, static_cast<uint64_t>(aMs),
-            0);
-    }
+    void Schedule(size_t aIndex, int aMs) { Start(aIndex, aMs, 0); }
+    void Repeat(size_t aIndex, int aMs) { Start(aIndex, aMs, aMs); }
     void Cancel(size_t aIndex) { uv_timer_stop(&m_Timers[aIndex]); }
     void Settle() {}
     size_t Fire() {
@@ -36,6 +33,12 @@ public:
     }
 
 private:
+    void Start(size_t aIndex, int aMs, int aRepeatMs) {
+        uv_timer_start(
+            &m_Timers[aIndex], [](uv_timer_t* aTimer) { ++*static_cast<size_t*>(aTimer->data); }, static_cast<uint64_t>(aMs),
+            static_cast<uint64_t>(aRepeatMs));
+    }
+
     uv_loop_t m_Loop;
     size_t m_nFired = 0;
     std::vector<uv_timer_t> m_Timers;

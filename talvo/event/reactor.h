@@ -18,6 +18,7 @@ public:
         READ_MASK = 0x4,          // data can be read
         WRITE_MASK = 0x8,         // data can be written
         DATAGRAM_MASK = 0x10,     // never reported: says that the handle carries datagrams, see RegisterHandler
+        HALF_CLOSE_MASK = 0x20,   // never reported: says that the handler learns of the peer's end by reading, and may go on
         SHOULD_CALL_MASK = 0x40,  // internal: on removal, call OnClose
         CLOSE_MASK = 0x80,        // the handle was closed or failed
         EVENTQUEUE_MASK = 0x100,  // the event queue has work

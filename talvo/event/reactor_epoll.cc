@@ -41,6 +41,12 @@ BOOL IsPaused(const CCmEventHandlerRepository::CElement& aElement) {
     return aElement.m_bHasRead && !(aElement.m_lMask & ACmEventHandler::READ_MASK);
 }
 
+// Whether the connection is over for its handler: by a hang-up, or by the peer's end alone unless it reads that itself.
+BOOL IsEnd(DWORD aEvents, const CCmEventHandlerRepository::CElement& aElement) {
+    const BOOL bReadsIt = !!(aElement.m_lMask & ACmEventHandler::HALF_CLOSE_MASK);
+    return !!(aEvents & (bReadsIt ? EPOLLHUP : EPOLLHUP | EPOLLRDHUP));
+}
+
 // By level: a handler that takes one datagram a report pays neither for a look whether there is another nor for a change of the
 // watch. Who does not read would be told of a failure for ever, and so is told by edge.
 DWORD WatchDatagrams(long aMask) {
@@ -161,7 +167,7 @@ void CCmReactorEpoll::DispatchReport_i(const epoll_event& aReport) {
         ReportDatagrams_i(fd, dwBinding, aReport.events);
     } else if (aReport.events & EPOLLERR) {
         ReportClose_i(fd, dwBinding, CM_ERROR_NETWORK_SOCKET_ERROR);
-    } else if ((aReport.events & (EPOLLRDHUP | EPOLLHUP)) && !IsPaused(*pElement)) {
+    } else if (IsEnd(aReport.events, *pElement) && !IsPaused(*pElement)) {
         ReportClose_i(fd, dwBinding, CM_ERROR_NETWORK_SOCKET_CLOSE);
     } else {
         if (aReport.events & EPOLLIN)

@@ -39,6 +39,8 @@ CHttpServerConnection::~CHttpServerConnection() {
 }
 
 CmResult CHttpServerConnection::Open() {
+    BOOL bTell = TRUE;
+    m_pTransport->SetOption(CM_OPT_TRANSPORT_TELL_END, &bTell);
     const CmResult rv = m_pTransport->OpenWithSink(this);
     if (rv == CM_OK)
         Settle_i();
@@ -46,6 +48,10 @@ CmResult CHttpServerConnection::Open() {
 }
 
 void CHttpServerConnection::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
+    if (aData.GetChainedLength() == 0) {
+        m_bPeerEnded = TRUE;
+        return Settle_i();
+    }
     if (m_State == CLOSING) {
         m_ullDropped += aData.GetChainedLength();
         if (m_ullDropped > MOST_DROPPED)
@@ -71,8 +77,10 @@ void CHttpServerConnection::OnSend(ICmTransport*, CCmTransportParameter*) {
 void CHttpServerConnection::OnDisconnect(CmResult aReason, ICmTransport*) { End(aReason); }
 
 void CHttpServerConnection::OnTimer(CCmTimerWrapperID*) {
-    if (m_bBroken)
+    if (m_bBroken || (IsStarved_i() && m_State == BODY))
         End(CM_ERROR_NETWORK_SOCKET_ERROR);
+    else if (IsStarved_i())
+        End(CM_OK);  // in order: what a proxy holds still goes out
     else
         RunHeld_i(FALSE);
 }

@@ -112,7 +112,7 @@ private:
     EWait GetWait_i() const;
     void SetWait_i(EWait aWait);
     DWORD GetPatience_i(EWait aWait) const;
-    BOOL HasToPause_i() const;
+    BOOL IsStarved_i() const;
     void PauseReading_i(BOOL aPause);
     void Kick_i();
 
@@ -134,6 +134,7 @@ private:
     BOOL m_bBlocked = FALSE;        // the transport takes no more until its OnSend
     BOOL m_bBroken = FALSE;         // it takes no more at all
     BOOL m_bReadingPaused = FALSE;  // as it was told
+    BOOL m_bPeerEnded = FALSE;      // it sends no more, and may wait for what it has asked
     BOOL m_bFirst = TRUE;           // no request has come yet
     BOOL m_bLast = FALSE;           // the connection ends behind this answer
     BOOL m_bStopping = FALSE;

@@ -119,19 +119,27 @@ void CHttpServerConnection::Settle_i() {
     }
     if (m_bBroken)
         return Kick_i();
-    PauseReading_i(HasToPause_i());
+    if (IsStarved_i())
+        return Kick_i();
+    PauseReading_i(m_State != CLOSING && m_pHeld && m_pHeld->GetChainedLength() >= MOST_HELD);
     SetWait_i(GetWait_i());
 }
 
-// A client may end its side behind its request and wait for the answer. The transport would take that for its end, so nobody
-// looks from the moment that the client takes less than is there until the answer is complete; a failure is told all the same.
-BOOL CHttpServerConnection::HasToPause_i() const {
-    if (m_State == CLOSING)
+// The peer has ended its side and nothing is left to do for it.
+BOOL CHttpServerConnection::IsStarved_i() const {
+    if (!m_bPeerEnded || m_bBlocked || m_pHeld)
         return FALSE;
-    if (m_pHeld && m_pHeld->GetChainedLength() >= MOST_HELD)
-        return TRUE;
-    const BOOL bUnderWay = m_State == ANSWER && m_pChannel->IsBegun() && !m_pChannel->IsComplete();
-    return m_State != BODY && (m_bBlocked || (m_bReadingPaused && bUnderWay));
+    switch (m_State) {
+    case HEAD:
+    case CLOSING:
+        return m_Output.IsEmpty();
+    case BODY:
+        return IsAnswered_i() || !m_pChannel->IsHeldBack();
+    case ANSWER:
+    case ENDED:
+        break;
+    }
+    return FALSE;
 }
 
 CHttpServerConnection::EWait CHttpServerConnection::GetWait_i() const {

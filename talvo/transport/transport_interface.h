@@ -61,7 +61,10 @@ enum ECmTransportOption : DWORD {
     // come inside, OnDisconnect included.
     CM_OPT_TRANSPORT_CORK = 146,
     // set BOOL TRUE: nothing more is sent; the peer sees the end behind what was taken, and receiving goes on. TCP alone.
-    CM_OPT_TRANSPORT_END_SENDING = 147
+    CM_OPT_TRANSPORT_END_SENDING = 147,
+    // set BOOL TRUE: the peer's orderly end is one OnReceive with an empty block, behind all data; the transport stays open and
+    // can send. A hang-up or failure is OnDisconnect as ever. TCP alone; set it before OpenWithSink.
+    CM_OPT_TRANSPORT_TELL_END = 148
 };
 
 // Implemented by the user of a transport. All calls come in the transport's thread: a thread proxy's in the thread that made

@@ -70,7 +70,8 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
     if (m_pLingerTimers)
         return;
     BOOL bStop = FALSE;
-    const CmResult rv = m_ReceiveQueue.Push(aData, aData.GetChainedLength(), m_bProtocol, bStop);
+    const DWORD dwLength = aData.GetChainedLength();
+    const CmResult rv = m_ReceiveQueue.Push(aData, dwLength, m_bProtocol, bStop);
     if (rv != CM_OK && m_bDatagrams)
         return;
     if (rv != CM_OK) {
@@ -79,7 +80,9 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
     }
     if (bStop)
         ApplyReading_i();
-    if (!m_bUpcallPosted && !std::exchange(m_bTellPosted, TRUE))
+    if (m_bStream && dwLength < CNetworkBuffers::RECEIVE_SIZE)
+        Tell_i();  // the last one of its report
+    else if (!m_bUpcallPosted && !std::exchange(m_bTellPosted, TRUE))
         m_TellEvent.Post(GetNetwork());
 }
 
@@ -87,6 +90,10 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
 // them all.
 void CTransportProxyCore::TellReceived_i() {
     m_bTellPosted = FALSE;
+    Tell_i();
+}
+
+void CTransportProxyCore::Tell_i() {
     if (PostUpcall_i() == CM_OK || !m_pTransport)
         return;
     m_bClosed = TRUE;  // the user's thread has ended

@@ -68,6 +68,7 @@ private:
     // Network thread.
     void Open_i();
     void TellReceived_i();
+    void Tell_i();
     void Drain();
     void EndSending_i();
     CmResult SendWaiting_i();

@@ -85,6 +85,10 @@ CmResult CTransportProxyCore::SetOption(DWORD aCommand, void* aArg) {
     case CM_OPT_TRANSPORT_PAUSE_READING:
         PauseReading_i(!!*static_cast<BOOL*>(aArg));
         return CM_OK;
+    case CM_OPT_TRANSPORT_TELL_END:
+        return GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this), bTell = *static_cast<BOOL*>(aArg)]() mutable {
+            pThis->SetInnerOption_i(CM_OPT_TRANSPORT_TELL_END, &bTell);
+        });
     case CM_OPT_TRANSPORT_END_SENDING:
         return GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->EndSending_i(); });
     default:

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
@@ -50,7 +51,15 @@ CmResult CCmTransportTcp::Open_t() {
 long CCmTransportTcp::GetMask_i() const {
     const long lRead = m_bReadingPaused ? NULL_MASK : READ_MASK;
     const BOOL bWrite = !IsWriteOnDemand_i() || m_bNeedOnSend || m_bReadingPaused;
-    return lRead | (bWrite ? WRITE_MASK : NULL_MASK);
+    return lRead | (bWrite ? WRITE_MASK : NULL_MASK) | (m_bTellEnd ? HALF_CLOSE_MASK : NULL_MASK);
+}
+
+int CCmTransportTcp::TellEnd_i() {
+    if (!std::exchange(m_bEndTold, TRUE) && m_pSink) {
+        CCmMessageBlock nothing(DWORD{0});
+        m_pSink->OnReceive(nothing, this, nullptr);
+    }
+    return WOULD_BLOCK;
 }
 
 CmResult CCmTransportTcp::Close_t(CmResult aReason) {
@@ -68,6 +77,8 @@ int CCmTransportTcp::Recv_i(char* aBuf, DWORD aLen) {
         return nRecv;
     if (nRecv == -1 && IsWouldBlock())
         return WOULD_BLOCK;
+    if (nRecv == 0 && m_bTellEnd)
+        return 0;
     const int nErr = errno;
     if (nRecv == 0)
         CM_WARNING_TRACE_THIS("CCmTransportTcp::Recv_i, recv() 0! fd=" << GetHandle() << " err=" << nErr);
@@ -93,6 +104,8 @@ int CCmTransportTcp::OnInput(HANDLE) {
     const int nRecv = Recv_i(pBuffer, talvo::CNetworkBuffers::RECEIVE_SIZE);
     if (nRecv < 0)
         return nRecv;
+    if (nRecv == 0)
+        return TellEnd_i();
     const DWORD dwRecv = static_cast<DWORD>(nRecv);
     m_Counters.m_ullBytesReceived += dwRecv;
     ++m_Counters.m_ullReceives;

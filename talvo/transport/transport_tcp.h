@@ -37,13 +37,14 @@ protected:
     CmResult Close_t(CmResult aReason) override;
 
     // The raw socket for a layer between socket and sink. A count; 0 for Send_i, -2 for Recv_i when it would block; -1 on
-    // failure and on the peer's close, traced.
+    // failure and on the peer's close, traced. 0 for Recv_i at the peer's end if that is to be told.
     int Recv_i(char* aBuf, DWORD aLen);
     int Send_i(const char* aBuf, DWORD aLen);
 
 private:
     BOOL IsWriteOnDemand_i() const { return (m_pReactor->GetProperty() & ICmReactor::PROPERTY_WRITE_ON_DEMAND) != 0; }
     long GetMask_i() const;
+    int TellEnd_i();
     CmResult PartialSend_i(BOOL aMoreRoom);
     CmResult PauseReading_i(BOOL aPause);
     CmResult Detach_i(HANDLE aNewHandle);
@@ -52,6 +53,8 @@ private:
     CCmSocketTcp m_SocketTcp;
     BOOL m_bNeedOnSend = FALSE;
     BOOL m_bReadingPaused = FALSE;
-    BOOL m_bOpen = FALSE;  // registered with the reactor
+    BOOL m_bOpen = FALSE;     // registered with the reactor
+    BOOL m_bTellEnd = FALSE;  // option 148
+    BOOL m_bEndTold = FALSE;
     CCmTransportCounters m_Counters;
 };

@@ -35,6 +35,9 @@ CmResult CCmTransportTcp::SetOption(DWORD aCommand, void* aArg) {
         return SetTos2Socket(m_SocketTcp, aArg);
     case CM_OPT_TRANSPORT_PAUSE_READING:
         return PauseReading_i(*static_cast<BOOL*>(aArg));
+    case CM_OPT_TRANSPORT_TELL_END:
+        m_bTellEnd = m_bTellEnd || *static_cast<BOOL*>(aArg);
+        return CM_OK;
     case CM_OPT_TRANSPORT_END_SENDING:
         return m_SocketTcp.CloseWriter() == 0 ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
     default:

@@ -38,7 +38,6 @@ TEST_F(HttpServerTest, StreamsAsFastAsTheClientTakes) {
         request.m_Send = [&] { pump(); };
         pump();
         EXPECT_LT(stAt, 60000u);
-        EXPECT_TRUE(pClient->m_bPaused);  // and so is whatever the client would ask next
         for (int i = 0; i < 200 && !(stAt == strData.size() && pClient->m_dwRoom > 0); ++i)
             pClient->MakeRoom(1000);
         pClient->MakeRoom();
@@ -139,6 +138,25 @@ TEST_F(HttpServerTest, TheUserHearsOnceOfAnEndBeforeTheAnswerOnly) {
     EXPECT_EQ(0, m_Requests[2]->m_nDisconnects);
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, Send(*m_Requests[1], "more"));
     EXPECT_EQ(0u, m_pAcceptor->GetConnections());
+}
+
+TEST_F(HttpServerTest, AClientThatEndsItsSideGetsWhatItHasAskedFor) {
+    m_Request = [this](ICmChannelHttpServer& a) { Keep(a).m_End = [] {}; };
+    const auto pWaiting = Connect(), pInBody = Connect(), pIdle = Connect();
+    pWaiting->Receive(GET + GET);
+    pInBody->Receive(POST.substr(0, POST.size() - 1));
+    for (const auto& pClient : {pWaiting, pInBody, pIdle})
+        pClient->EndSide();
+    Turn();
+    EXPECT_EQ(1u, m_pAcceptor->GetConnections());
+    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, m_Requests[1]->m_Reason);
+    EXPECT_EQ(CM_OK, m_Requests[0]->m_pChannel->AnswerText(200, "text/plain", "one"));
+    Turn();
+    EXPECT_EQ(CM_OK, m_Requests[2]->m_pChannel->AnswerText(200, "text/plain", "two"));
+    EXPECT_EQ("200:one 200:two ", pWaiting->TakeAnswers());
+    Turn();
+    EXPECT_EQ(0u, m_pAcceptor->GetConnections());
+    EXPECT_EQ(std::vector<CmResult>{CM_OK}, pWaiting->m_Disconnects);
 }
 
 // In each upcall each thing that may be done there; what must not happen is found by the sanitizers and the live counters.

@@ -26,6 +26,11 @@ public:
             return CM_ERROR_INVALID_ARG;
         return CM_OK;
     }
+    // The other end sends no more.
+    void EndSide() {
+        CCmMessageBlock nothing(DWORD{0});
+        m_pSink->OnReceive(nothing, this);
+    }
     // The other end is gone.
     void Vanish() {
         if (ICmTransportSink* pSink = std::exchange(m_pSink, nullptr))

@@ -46,6 +46,7 @@ TEST_F(ProtocolProxyTest, AnEndBeforeTheOpeningIsTold) {
         m_Network, PACKAGE_TCP, [](CFakeTransport&) {}, &user->GetLink());
     user.End();
     userless.Receive("nobody will have this");
+    userless.Sync();
     EXPECT_EQ(1, userless.m_pFake->m_nDisconnects);
     m_Network.EndNetworkThread();
     for (CFakeConnection* pEach : {&failed, &orphan}) {

@@ -1,4 +1,4 @@
-// Posts to threads that wait on a condition variable: the floor, for threads that have nothing else to wait for.
+// Threads that wait on a condition variable, and so for nothing else.
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -6,7 +6,7 @@
 #include <thread>
 #include <utility>
 
-#include "benchmarks/posts/posts.h"
+#include "benchmarks/threads/threads.h"
 
 namespace {
 
@@ -52,8 +52,4 @@ private:
 
 }  // namespace
 
-int main() {
-    CCondvarLoop near(1), far(0);
-    bench::RunPosts(near, far);
-    return 0;
-}
+int main() { return bench::RunThreads<CCondvarLoop>(); }

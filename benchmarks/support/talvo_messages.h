@@ -1,0 +1,52 @@
+// Connections for messages, as the benchmark programs on this library use them.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "talvo/talvo.h"
+
+namespace bench {
+
+// Ends the program unless aResult is CM_OK.
+inline void Expect(CmResult aResult) {
+    if (aResult == CM_OK)
+        return;
+    std::fprintf(stderr, "failed: %s\n", cm_result_name(aResult));
+    std::exit(1);
+}
+
+// The type of connection that is called "length" or "package"; 0: none is called so.
+inline DWORD MessageType(const std::string& aName) {
+    if (aName == "length")
+        return CCmConnectionManager::CTYPE_TCP | CCmConnectionManager::CTYPE_PDU_LENGTH;
+    return aName == "package" ? CCmConnectionManager::CTYPE_TCP | CCmConnectionManager::CTYPE_PDU_PACKAGE : 0;
+}
+
+// To be called once the connection is open, with the size of the longest message that will be sent on it. The library's own
+// socket buffers of 64 KiB suit many connections; this is one. CM_OK, or what the connection refused.
+inline CmResult PrepareForMessages(ICmTransport& aConnection, DWORD aLongest) {
+    constexpr DWORD HEADERS = 1024;
+    int nSocketBuffer = 1 << 20;
+    DWORD dwLongest = 0;
+    DWORD dwSendBuffer = aLongest + HEADERS;
+    CmResult rv = aConnection.SetOption(CM_OPT_TRANSPORT_SNDBUF, &nSocketBuffer);
+    if (rv == CM_OK)
+        rv = aConnection.SetOption(CM_OPT_TRANSPORT_RCVBUF, &nSocketBuffer);
+    if (rv == CM_OK)
+        rv = aConnection.GetOption(CM_OPT_TRANSPORT_MAX_MESSAGE, &dwLongest);
+    return rv == CM_OK && dwLongest < aLongest ? aConnection.SetOption(CS_OPT_MAX_BUFF_LEN, &dwSendBuffer) : rv;
+}
+
+// The last byte of a message, which may lie in pieces; 0 if it is empty.
+inline char LastByteOf(const CCmMessageBlock& aMessage) {
+    char cLast = 0;
+    for (const CCmMessageBlock* pBlock = &aMessage; pBlock; pBlock = pBlock->GetNext()) {
+        if (pBlock->GetTopLevelLength() > 0)
+            cLast = pBlock->GetTopLevelWritePtr()[-1];
+    }
+    return cLast;
+}
+
+}  // namespace bench

@@ -1,0 +1,115 @@
+// A server on this library: listens on loopback and keeps one session for each connection until its peer goes.
+#pragma once
+
+#include <list>
+#include <thread>
+
+#include "benchmarks/support/talvo_process.h"
+
+namespace bench {
+
+// Runs the main thread's loop until a signal comes.
+inline void RunMainLoop(CTermination& aTermination) {
+    ICmReactor* pReactor = CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN);
+    std::thread end([&] {
+        aTermination.Wait();
+        pReactor->StopEventLoop();
+    });
+    pReactor->RunEventLoop();
+    end.join();
+}
+
+template <class Session>
+class CTalvoServer;
+
+// One connection, in its server's list. Session, the class that is derived from this one, is made from the server and the
+// transport and says in OnReceive what is done with what comes.
+template <class Session>
+class CTalvoSession : public ICmTransportSink {
+public:
+    using CPlace = typename std::list<Session>::iterator;
+
+    CTalvoSession(CTalvoServer<Session>& aServer, ICmTransport* aTransport) : m_Server(aServer), m_pTransport(aTransport) {}
+    ~CTalvoSession() override {
+        m_pTransport->Disconnect(CM_OK);
+        DropRest();
+    }
+    CTalvoSession(const CTalvoSession&) = delete;
+    CTalvoSession& operator=(const CTalvoSession&) = delete;
+
+    CmResult Open(CPlace aPlace) {
+        m_Place = aPlace;
+        return m_pTransport->OpenWithSink(this);
+    }
+
+    void OnSend(ICmTransport*, CCmTransportParameter*) override {
+        if (!m_pRest || m_pTransport->SendData(*m_pRest) == CM_ERROR_PARTIAL_DATA)
+            return;
+        DropRest();
+        SetPaused(FALSE);
+    }
+
+    void OnDisconnect(CmResult, ICmTransport*) override { m_Server.Forget(m_Place); }
+
+protected:
+    // From inside OnReceive. What the transport does not take is kept, and nothing more comes until it has gone.
+    void Answer(CCmMessageBlock& aData) {
+        if (m_pTransport->SendData(aData) != CM_ERROR_PARTIAL_DATA)
+            return;
+        m_pRest = aData.DuplicateChained();
+        SetPaused(TRUE);
+    }
+
+    ICmTransport& GetTransport() { return *m_pTransport; }
+
+private:
+    void SetPaused(BOOL aPaused) { m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &aPaused); }
+    void DropRest() {
+        if (m_pRest)
+            m_pRest->DestroyChained();
+        m_pRest = nullptr;
+    }
+
+    CTalvoServer<Session>& m_Server;
+    CCmRefPtrT<ICmTransport> m_pTransport;
+    CCmMessageBlock* m_pRest = nullptr;  // owned; not yet taken by the transport; reading is paused while there is any
+    CPlace m_Place;
+};
+
+// All in the thread that opens it, which is also the thread of the sessions.
+template <class Session>
+class CTalvoServer : public ICmAcceptorConnectorSink {
+public:
+    CmResult Open(DWORD aType, uint16_t aPort) {
+        const CmResult rv = CCmConnectionManager::Instance()->CreateConnectionServer(aType, m_pAcceptor.ParaOut());
+        return rv == CM_OK ? m_pAcceptor->StartListen(this, CCmInetAddr("127.0.0.1", aPort)) : rv;
+    }
+
+    // Where it listens, which port 0 leaves to the system.
+    CCmInetAddr GetAddr() {
+        CCmInetAddr addr;
+        m_pAcceptor->GetListenAddr(addr);
+        return addr;
+    }
+
+    void Close() {
+        m_pAcceptor.Reset();
+        m_Sessions.clear();
+    }
+
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
+        if (aReason != CM_OK)
+            return;
+        m_Sessions.emplace_front(*this, aTrpt);
+        if (m_Sessions.front().Open(m_Sessions.begin()) != CM_OK)
+            m_Sessions.pop_front();
+    }
+
+    void Forget(typename std::list<Session>::iterator aSession) { m_Sessions.erase(aSession); }
+
+private:
+    CCmRefPtrT<ICmAcceptor> m_pAcceptor;
+    std::list<Session> m_Sessions;
+};
+
+}  // namespace bench

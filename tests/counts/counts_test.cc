@@ -1,0 +1,67 @@
+// What a message costs in things that can be counted, so that no machine's mood changes it. docs/performance.md shows the
+// counts.
+#include <cstdio>
+
+#include "tests/counts/message_path.h"
+
+namespace {
+
+constexpr DWORD RAW = CCmConnectionManager::CTYPE_TCP;
+constexpr DWORD LENGTH = RAW | CCmConnectionManager::CTYPE_PDU_LENGTH;
+constexpr DWORD PACKAGE = RAW | CCmConnectionManager::CTYPE_PDU_PACKAGE;
+
+// No more of each than this for a message.
+struct CBound {
+    const char* m_pName;
+    double m_dCalls, m_dAllocations, m_dCopies, m_dLocks;
+};
+
+void Compare(const CBound& aBound, const CCost& aCost) {
+    std::printf("%-32s %6.3f calls %6.3f allocations %6.3f copies %6.3f locks\n", aBound.m_pName, aCost.m_dCalls,
+                aCost.m_dAllocations, aCost.m_dCopies, aCost.m_dLocks);
+    EXPECT_LE(aCost.m_dCalls, aBound.m_dCalls) << aBound.m_pName;
+    EXPECT_LE(aCost.m_dAllocations, aBound.m_dAllocations) << aBound.m_pName;
+    EXPECT_LE(aCost.m_dCopies, aBound.m_dCopies) << aBound.m_pName;
+    EXPECT_LE(aCost.m_dLocks, aBound.m_dLocks) << aBound.m_pName;
+}
+
+}  // namespace
+
+TEST(CountsTest, Echo) {
+    // A wait, a receive and a send, on bytes that stay in the thread's receive buffer.
+    const CBound inNetwork = {"raw, network thread, echo 64 B", 3.05, 0.05, 0.05, 0.05};
+    // Besides these a wake-up to each thread, a write and a wait each, unless it is awake. Copied out of the receive buffer.
+    // Allocated are, on the way up, a block, its bytes and the queue's item, and as much without the bytes on the way down.
+    const CBound throughProxy = {"raw, proxy, echo 64 B", 7.05, 5.05, 1.05, 11.2};
+    const CTestNetwork network;
+    const CCost cost = EchoCost(network, TRUE, 2000, 64);
+    EXPECT_GE(cost.m_dCalls, 3) << "not all that the library does is counted";
+    Compare(inNetwork, cost);
+    Compare(throughProxy, EchoCost(network, FALSE, 2000, 64));
+}
+
+TEST(CountsTest, Stream) {
+    // How many messages share a call, a lock or a block depends on the turns that the threads take, hence the room. In each row
+    // one allocation is the application's.
+    const struct {
+        DWORD m_dwType;
+        DWORD m_dwSize;
+        CBound m_Bound;
+    } rows[] = {
+        // Shared on the way down, which takes an item; copied out of the receive buffer with hundreds of others.
+        {RAW, 64, {"raw, proxies, 64 B", 0.1, 2.1, 1.3, 1.2}},
+        // About a chunk of 16 KiB a message on the way up, each received, copied and handed over by itself.
+        {RAW, 16384, {"raw, proxies, 16 KiB", 7, 7, 1.05, 10}},
+        // Copied into the queue of each proxy, behind its length, and out of the receive buffer; each time into a block that it
+        // shares with others. Its two locks are those of the queues.
+        {LENGTH, 64, {"length, 64 B", 0.1, 1.2, 4.4, 2.2}},
+        // Shared but for the receive buffer; it comes in two chunks, since its length is in front of it.
+        {LENGTH, 16384, {"length, 16 KiB", 7, 13, 1.05, 12}},
+        // As with the length, but what waits to be sent is bounded by 64 KiB, so that fewer share a call.
+        {PACKAGE, 64, {"package, 64 B", 0.6, 1.7, 4.5, 2.2}},
+        {PACKAGE, 16384, {"package, 16 KiB", 7, 13, 1.05, 12}},
+    };
+    const CTestNetwork network;
+    for (const auto& row : rows)
+        Compare(row.m_Bound, StreamCost(network, row.m_dwType, row.m_dwSize == 64 ? 20000 : 500, row.m_dwSize));
+}

@@ -1,0 +1,142 @@
+#include "tests/counts/message_path.h"
+
+#include <sys/syscall.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+
+namespace {
+
+// Accepts, and sends back what comes.
+class CEcho : public ICmAcceptorConnectorSink, public ICmTransportSink {
+public:
+    void OnConnectIndication(CmResult, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
+        m_pTransport = aTrpt;
+        EXPECT_EQ(CM_OK, aTrpt->OpenWithSink(this));
+    }
+    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter*) override {
+        EXPECT_EQ(CM_OK, aTrptId->SendData(aData));
+    }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override {}
+    void OnDisconnect(CmResult, ICmTransport*) override {}
+
+    CCmRefPtrT<ICmAcceptor> m_pAcceptor;
+    CCmRefPtrT<ICmTransport> m_pTransport;
+};
+
+// A plain socket that waits; its system calls go past the counters.
+class CPlainPeer {
+public:
+    CPlainPeer(const CCmInetAddr& aAddr, DWORD aSize) : m_Bytes(aSize, 'x') {
+        EXPECT_EQ(0, connect(m_Fd.Get(), reinterpret_cast<const sockaddr*>(aAddr.GetPtr()), aAddr.GetSize()));
+    }
+
+    void Trip() {
+        EXPECT_EQ(Size(), syscall(SYS_sendto, m_Fd.Get(), m_Bytes.data(), m_Bytes.size(), MSG_NOSIGNAL, nullptr, 0));
+        EXPECT_EQ(Size(), syscall(SYS_recvfrom, m_Fd.Get(), m_Bytes.data(), m_Bytes.size(), MSG_WAITALL, nullptr, nullptr));
+    }
+
+private:
+    long Size() const { return static_cast<long>(m_Bytes.size()); }
+
+    const CTestFd m_Fd{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    std::string m_Bytes;
+};
+
+// One end of a stream; sends when it is told how much, and counts the bytes that come.
+class CStreamEnd : public ICmTransportSink {
+public:
+    explicit CStreamEnd(ICmTransport* aTransport) : m_pTransport(aTransport) {
+        EXPECT_EQ(CM_OK, aTransport->OpenWithSink(this));
+    }
+
+    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
+        m_stReceived += aData.GetChainedLength();
+    }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override { Send(); }
+    void OnDisconnect(CmResult, ICmTransport*) override { ADD_FAILURE(); }
+
+    void Start(size_t aMessages, DWORD aSize) {
+        m_stLeft = aMessages;
+        m_dwSize = aSize;
+        Send();
+    }
+    size_t GetReceived() const { return m_stReceived; }
+
+private:
+    void Send() {
+        while (m_Made || m_stLeft > 0) {
+            if (!m_Made) {
+                m_Made.emplace(m_dwSize).AdvanceTopLevelWritePtr(m_dwSize);
+                --m_stLeft;
+            }
+            if (m_pTransport->SendData(*m_Made) != CM_OK)
+                return;  // OnSend follows
+            m_Made.reset();
+        }
+    }
+
+    CCmRefPtrT<ICmTransport> m_pTransport;
+    std::optional<CCmMessageBlock> m_Made;
+    size_t m_stLeft = 0;
+    DWORD m_dwSize = 0;
+    size_t m_stReceived = 0;
+};
+
+}  // namespace
+
+CCost::CCost(const CCounters& aSpent, size_t aMessages, size_t aSize) {
+    const double dMessages = static_cast<double>(aMessages);
+    m_dCalls = static_cast<double>(aSpent.m_ullCalls) / dMessages;
+    m_dAllocations = static_cast<double>(aSpent.m_ullAllocations) / dMessages;
+    m_dCopies = static_cast<double>(aSpent.m_ullCopied) / (dMessages * static_cast<double>(aSize));
+    m_dLocks = static_cast<double>(aSpent.m_ullLocks) / dMessages;
+}
+
+CCost EchoCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aMessages, DWORD aSize) {
+    CCmThreadLink& thread = aInNetwork ? aNetwork.NetworkLink() : aNetwork.MainLink();
+    CEcho echo;
+    CCmInetAddr addr;
+    RunIn(thread, [&] { echo.m_pAcceptor = CTestNetwork::Listen(echo, addr); });
+    CCounters spent;
+    std::atomic<BOOL> bDone{FALSE};
+    std::thread peer([&] {
+        CPlainPeer plain(addr, aSize);
+        for (size_t n = 0; n < 100; ++n)  // whatever grows to its size once
+            plain.Trip();
+        const CCounters before = CCounters::Now();
+        for (size_t n = 0; n < aMessages; ++n)
+            plain.Trip();
+        spent = CCounters::Now() - before;
+        bDone = TRUE;
+    });
+    aNetwork.RunUntil([&] { return bDone.load(); });
+    peer.join();
+    RunIn(thread, [&] {
+        echo.m_pAcceptor.Reset();
+        echo.m_pTransport.Reset();
+    });
+    return CCost(spent, aMessages, aSize);
+}
+
+CCost StreamCost(const CTestNetwork& aNetwork, DWORD aType, size_t aMessages, DWORD aSize) {
+    CTestConnectSink server, client;
+    CCmInetAddr addr;
+    const auto pAcceptor = CTestNetwork::Listen(server, addr, aType);
+    const auto pConnector = CTestNetwork::MakeConnector(aType);
+    pConnector->AsycConnect(&client, addr);
+    aNetwork.RunUntil([&] { return server.Count() == 1 && client.Count() == 1; });
+    CStreamEnd to(server.m_Transports.at(0).Get());
+    CStreamEnd from(client.m_Transports.at(0).Get());
+    const auto stream = [&](size_t aCount) {
+        const size_t stWanted = to.GetReceived() + aCount * aSize;
+        PostTo(aNetwork.Main(), [&] { from.Start(aCount, aSize); });
+        aNetwork.RunUntil([&] { return to.GetReceived() >= stWanted; });
+    };
+    stream(aMessages / 4);  // whatever grows to its size once
+    const CCounters before = CCounters::Now();
+    stream(aMessages);
+    return CCost(CCounters::Now() - before, aMessages, aSize);
+}

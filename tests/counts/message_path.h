@@ -1,0 +1,23 @@
+// Messages on their ways through the library, and what the way costs.
+#pragma once
+
+#include "tests/counts/counters.h"
+#include "tests/support/network_fixture.h"
+
+// What one message cost on average.
+struct CCost {
+    CCost(const CCounters& aSpent, size_t aMessages, size_t aSize);
+
+    double m_dCalls;
+    double m_dAllocations;
+    double m_dCopies;  // bytes copied for each of the message's
+    double m_dLocks;
+};
+
+// A message of aSize bytes from a plain socket and back, aMessages times, one at a time. The library's end is in the network
+// thread, or else in the main thread behind a proxy. The plain socket's own system calls are not counted.
+CCost EchoCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aMessages, DWORD aSize);
+
+// aMessages from one end to the other, both in the main thread behind proxies and of type aType, sent from inside events. Both
+// ends are counted, and the block that the application makes for each message.
+CCost StreamCost(const CTestNetwork& aNetwork, DWORD aType, size_t aMessages, DWORD aSize);
