@@ -30,8 +30,9 @@ struct COutcome {
     size_t m_stConsumed = 0;
 };
 
-COutcome Decode(const std::string& aBytes, const CCmHttpLimits& aLimits, CFuzzCutter* aCutter) {
+COutcome Decode(const std::string& aBytes, const CCmHttpLimits& aLimits, BOOL aStrict, CFuzzCutter* aCutter) {
     CCmHttpChunkedDecoder decoder;
+    decoder.SetStrict(aStrict);
     decoder.SetLimits(aLimits);
     COutcome outcome;
     for (size_t stAt = 0, stLength; stAt < aBytes.size() && outcome.m_bGood; stAt += stLength) {
@@ -73,8 +74,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     }
     CCmHttpAtomList::Instance()->SetLimits(1000, 20000);
     const std::string strBytes = input.ConsumeRemainingBytesAsString();
-    const COutcome outcome = Decode(strBytes, limits, nullptr);
-    FUZZ_CHECK(outcome == Decode(strBytes, limits, &cutter));
-    FUZZ_CHECK(outcome == Read(strBytes, limits, cutter));
+    const COutcome outcome = Decode(strBytes, limits, FALSE, nullptr);
+    FUZZ_CHECK(outcome == Decode(strBytes, limits, FALSE, &cutter));
+    const COutcome strict = Decode(strBytes, limits, TRUE, nullptr);
+    FUZZ_CHECK(!strict.m_bFinished || strict == outcome);
+    FUZZ_CHECK(strict == Read(strBytes, limits, cutter));
     return 0;
 }

@@ -172,6 +172,8 @@ void CCmReactorEpoll::DispatchReport_i(const epoll_event& aReport) {
     } else {
         if (aReport.events & EPOLLIN)
             ReportIn_i(fd, dwBinding);
+        if (aReport.events & EPOLLRDHUP)
+            ReportIn_i(fd, dwBinding);  // behind the last bytes there is the end to read, which nobody would report again
         pElement = FindBinding_i(fd, dwBinding);
         if ((aReport.events & EPOLLOUT) && pElement && (pElement->m_lMask & ACmEventHandler::WRITE_MASK))
             ProcessHandleEvent(fd, ACmEventHandler::WRITE_MASK, CM_OK, FALSE, FALSE);
