@@ -82,6 +82,7 @@ TEST_F(HttpClientBodyTest, StreamsABodyOfKnownLengthOrInChunks) {
         EXPECT_EQ(bChunked ? CM_ERROR_PARTIAL_DATA : CM_ERROR_INVALID_ARG, SendText(*client.m_pChannel, strBody + "x"));
         client.m_Sink.m_Send();
         m_Network.RunUntil([&] { return client.IsOver(); });
+        server.End();
         EXPECT_EQ("200 done", client.Result());
         EXPECT_TRUE(strBody == strSeen);
         EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, SendText(*client.m_pChannel, "late"));
@@ -110,6 +111,7 @@ TEST_F(HttpClientBodyTest, ExpectWaitsForLeaveAnAnswerOrTheTimeOut) {
         m_Network.RunUntil([&] { return bHead.load(); });
         clock.Advance(strFirst.empty() ? CCmTimeValue(1, 1) : CCmTimeValue::s_tvZero);
         m_Network.RunUntil([&] { return client.IsOver(); });
+        server.End();
         EXPECT_EQ(bRefuses ? "417 no" : "200 yes", client.Result());
         EXPECT_EQ(bRefuses ? "" : "body", strBody);
     }
@@ -126,20 +128,20 @@ TEST_F(HttpClientBodyTest, FollowsRedirectsByTheRules) {
                            {"302 F", "HEAD", "HEAD"}, {"303 S", "POST", "GET"}, {"303 S", "HEAD", "HEAD"},
                            {"307 T", "POST", "POST"}, {"308 P", "POST", "POST"}};
     for (const CCase& test : CASES) {
-        std::string strNext;
-        const CScriptServer::CScript there = [&](CScriptPeer& aPeer) {
-            strNext = aPeer.ReadRequest();
-            aPeer.Send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
-            aPeer.WaitForEnd();
-        };
-        CScriptServer other({there});
         for (const bool bOther : {false, true}) {
+            std::string strNext;
+            const CScriptServer::CScript there = [&](CScriptPeer& aPeer) {
+                strNext = aPeer.ReadRequest();
+                aPeer.Send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+                aPeer.WaitForEnd();
+            };
+            CScriptServer other({there});
             SCOPED_TRACE(test.m_szStatus + test.m_strMethod + (bOther ? " elsewhere" : " here"));
             CScriptServer server({[&](CScriptPeer& aPeer) {
                 aPeer.ReadRequest();
                 aPeer.Send(Answer(test.m_szStatus, "Location: " + (bOther ? other.Url("/c/d") : "../c/./d#x") + "\r\n",
                                   test.m_strMethod == "HEAD" ? "" : "gone"));
-                there(aPeer);
+                bOther ? aPeer.WaitForEnd() : there(aPeer);
             }});
             const bool bBody = test.m_strMethod.starts_with('P');
             const bool bSame = test.m_strMethod == test.m_strNext;
@@ -148,6 +150,7 @@ TEST_F(HttpClientBodyTest, FollowsRedirectsByTheRules) {
             for (const char* szName : {"Content-Type", "Authorization", "Cookie", "X-Kept"})
                 client.Header(szName, "value");
             EXPECT_EQ("200 ", Run(client));
+            (bOther ? other : server).End();
             EXPECT_TRUE(strNext.starts_with(test.m_strNext + " /c/d HTTP/1.1\r\n")) << strNext;
             EXPECT_EQ(bBody && bSame, strNext.ends_with("\r\n\r\nbody")) << strNext;
             EXPECT_EQ(bSame, strNext.find("Content-Type") != std::string::npos) << strNext;

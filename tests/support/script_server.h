@@ -78,7 +78,11 @@ public:
             aPeer.WaitForEnd();
         };
     }
-    ~CScriptServer() {
+    ~CScriptServer() { End(); }
+    // The scripts are over when it returns: what they wrote can be read.
+    void End() {
+        if (!m_Acceptor.joinable())
+            return;
         shutdown(m_Listener.GetFd(), SHUT_RDWR);
         m_Acceptor.join();
         for (CPlay& play : m_Plays) {
