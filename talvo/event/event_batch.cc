@@ -6,7 +6,7 @@ namespace talvo {
 
 namespace {
 
-thread_local CEventBatch* t_pCurrent = nullptr;
+[[gnu::tls_model("initial-exec")]] constinit thread_local CEventBatch* t_pCurrent = nullptr;
 
 }  // namespace
 

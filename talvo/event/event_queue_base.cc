@@ -25,8 +25,8 @@ CmResult CCmEventQueueBase::Append_l(ICmEvent* aEvent) {
         return CM_ERROR_INVALID_ARG;
     if (m_bStopped)
         return CM_ERROR_NOT_INITIALIZED;
-    m_Events.push_back(aEvent);
-    m_dwSize.store(m_dwSize.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    m_Arrived.Append(aEvent);
+    m_dwPosted.store(m_dwPosted.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return CM_OK;
 }
 
@@ -67,32 +67,41 @@ void CCmEventQueueBase::Reset2CurrentThreadId() { m_dwThreadId = cm_thread_self_
 
 BOOL CCmEventQueueBase::IsOwnerThread() const { return m_dwThreadId == cm_thread_self_id(); }
 
+// In this order a difference is never below zero: what was taken had been posted before.
+DWORD CCmEventQueueBase::GetPendingEventsCount() {
+    const DWORD dwTaken = m_dwTaken.load(std::memory_order_acquire);
+    return m_dwPosted.load(std::memory_order_relaxed) - dwTaken;
+}
+
+void CCmEventQueueBase::SetTaken(size_t aCount) {
+    m_dwTaken.store(m_dwTaken.load(std::memory_order_relaxed) + static_cast<DWORD>(aCount), std::memory_order_release);
+}
+
+void CCmEventQueueBase::Collect_l() { m_Collected.TakeFrom(m_Arrived, m_Arrived.size()); }
+
 CmResult CCmEventQueueBase::PopPendingEvents(EventsType& aEvents, unsigned long aMaxCount, unsigned long* aRemain) {
-    const DWORD dwSize = m_dwSize;
-    if (dwSize == 0)
+    Collect_l();
+    return PopCollectedEvents(aEvents, aMaxCount, aRemain);
+}
+
+CmResult CCmEventQueueBase::PopCollectedEvents(EventsType& aEvents, unsigned long aMaxCount, unsigned long* aRemain) {
+    if (m_Collected.empty())
         return CM_ERROR_NOT_FOUND;
-    if (dwSize <= aMaxCount) {
-        aEvents.swap(m_Events);
-        m_dwSize = 0;
-    } else if (aMaxCount > 0) {
-        const auto itEnd = std::next(m_Events.begin(), static_cast<long>(aMaxCount));
-        aEvents.splice(aEvents.end(), m_Events, m_Events.begin(), itEnd);
-        m_dwSize = dwSize - static_cast<DWORD>(aMaxCount);
-    }
+    const size_t nBefore = m_Collected.size();
+    aEvents.TakeFrom(m_Collected, aMaxCount);
+    SetTaken(nBefore - m_Collected.size());
+    m_Collected.Prefetch();
     if (aRemain)
-        *aRemain = m_dwSize;
+        *aRemain = GetPendingEventsCount();
     return CM_OK;
 }
 
 CmResult CCmEventQueueBase::PopOnePendingEvent(ICmEvent*& aEvent, unsigned long* aRemain) {
-    if (m_dwSize == 0)
-        return CM_ERROR_NOT_FOUND;
-    aEvent = m_Events.front();
-    m_Events.pop_front();
-    --m_dwSize;
-    if (aRemain)
-        *aRemain = m_dwSize;
-    return CM_OK;
+    EventsType events;
+    const CmResult rv = PopPendingEvents(events, 1, aRemain);
+    if (rv == CM_OK)
+        aEvent = *events.begin();
+    return rv;
 }
 
 CmResult CCmEventQueueBase::ProcessEvents(const EventsType& aEvents) {
@@ -111,8 +120,9 @@ CmResult CCmEventQueueBase::ProcessOneEvent(ICmEvent* aEvent) {
 }
 
 CCmEventQueueBase::EventsType CCmEventQueueBase::TakeAll() {
-    m_dwSize = 0;
-    return std::exchange(m_Events, {});
+    Collect_l();
+    SetTaken(m_Collected.size());
+    return std::move(m_Collected);
 }
 
 void CCmEventQueueBase::DestoryPendingEvents() {

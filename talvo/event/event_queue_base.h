@@ -2,16 +2,16 @@
 #pragma once
 
 #include <atomic>
-#include <list>
 
 #include "talvo/base/time_value.h"
+#include "talvo/event/event_list.h"
 #include "talvo/event/event_queue.h"
 
-// Has no lock of its own: the derived queues hold theirs while they touch the list. Popping, firing and destroying happen only
-// in the owner thread.
+// Has no lock of its own: the derived queues hold theirs while they touch what has arrived. The owner collects that in one go
+// and then takes batch after batch from it without the lock. Popping, firing and destroying happen only in the owner thread.
 class TALVO_API CCmEventQueueBase : public ICmEventQueue {
 public:
-    using EventsType = std::list<ICmEvent*>;
+    using EventsType = talvo::CEventList;
 
     CCmEventQueueBase();
     // Destroys what is pending, unfired.
@@ -21,7 +21,7 @@ public:
 
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri = EPRIORITY_NORMAL) override;
     CmResult SendEvent(ICmEvent* aEvent) override;
-    DWORD GetPendingEventsCount() override { return m_dwSize.load(std::memory_order_relaxed); }
+    DWORD GetPendingEventsCount() override;
 
     // From now on every post and send is refused; there is no restart. What is in the list stays until popped or destroyed.
     virtual void Stop();
@@ -33,6 +33,9 @@ public:
     CmResult ProcessEvents(const EventsType& aEvents);
     // OnEventFire, then OnDestorySelf; CM_OK, or CM_ERROR_INVALID_ARG for null.
     CmResult ProcessOneEvent(ICmEvent* aEvent);
+
+    // Owner's thread: whether more than so many can be taken without a look at what posters have added since the last look.
+    BOOL HasMoreThan(unsigned long aCount) const { return m_Collected.size() > aCount; }
 
     // Destroys all pending events, oldest first, without firing them.
     void DestoryPendingEvents();
@@ -46,6 +49,10 @@ protected:
     CmResult PopPendingEvents(EventsType& aEvents, unsigned long aMaxCount, unsigned long* aRemain);
     // Takes the oldest event. CM_ERROR_NOT_FOUND: none.
     CmResult PopOnePendingEvent(ICmEvent*& aEvent, unsigned long* aRemain);
+    // The two halves of PopPendingEvents, for queues that hold a lock around the first only. While HasMoreThan(aMaxCount) the
+    // first is not needed: something is left, and so the owner will look again.
+    void Collect_l();
+    CmResult PopCollectedEvents(EventsType& aEvents, unsigned long aMaxCount, unsigned long* aRemain);
     // The two halves of PostEvent, for queues that hold a lock around the first only: a refused event's end may call anything.
     CmResult Append_l(ICmEvent* aEvent);
     CmResult Refuse(ICmEvent* aEvent, CmResult aReason);
@@ -55,8 +62,16 @@ protected:
     BOOL IsOwnerThread() const;
 
 private:
-    EventsType m_Events;             // owns the events in it
-    std::atomic<DWORD> m_dwSize{0};  // equal to the list's length
+    void SetTaken(size_t aCount);
+
+    static constexpr size_t CACHE_LINE = 64;  // what posters write and what the owner writes lie in different ones
+
+    // Both own the events in them. What is pending are the collected ones, and behind them those that have arrived. Counted
+    // without end, each in one place only, so that neither needs a locked instruction; the difference is pending.
+    alignas(CACHE_LINE) EventsType m_Collected;  // the owner's
+    std::atomic<DWORD> m_dwTaken{0};             // the owner's
+    alignas(CACHE_LINE) EventsType m_Arrived;    // under the derived queue's lock
+    std::atomic<DWORD> m_dwPosted{0};            // under the lock
     CCmTimeValue m_tvCreated;
     std::atomic<DWORD> m_dwThreadId{0};  // 0: nobody owns the queue yet
     std::atomic<BOOL> m_bStopped{FALSE};

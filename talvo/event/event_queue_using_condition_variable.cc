@@ -28,16 +28,22 @@ void CCmEventQueueUsingConditionVariable::Stop() {
 
 CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(EventsType& aEvents, CCmTimeValue* aTimeout,
                                                                      unsigned long aMaxCount) {
-    Guard guard(m_Mutex);
-    if (GetPendingEventsCount() == 0) {
-        const CmResult rv = m_Condition.Wait(aTimeout);
-        // The wording belongs to another situation; it is what operators search their logs for, so it stays.
-        if (rv != CM_OK && rv != CM_ERROR_TIMEOUT) {
-            CM_ERROR_TRACE_THIS("CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents,m_Events is not empty. nSize="
-                                << GetPendingEventsCount() << " rv=" << rv);
-        }
+    if (!HasMoreThan(aMaxCount)) {
+        Guard guard(m_Mutex);
+        if (GetPendingEventsCount() == 0)
+            Wait_l(aTimeout);
+        Collect_l();
     }
-    return PopPendingEvents(aEvents, aMaxCount, nullptr);
+    return PopCollectedEvents(aEvents, aMaxCount, nullptr);
+}
+
+void CCmEventQueueUsingConditionVariable::Wait_l(CCmTimeValue* aTimeout) {
+    const CmResult rv = m_Condition.Wait(aTimeout);
+    // The wording belongs to another situation; it is what operators search their logs for, so it stays.
+    if (rv != CM_OK && rv != CM_ERROR_TIMEOUT) {
+        CM_ERROR_TRACE_THIS("CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents,m_Events is not empty. nSize="
+                            << GetPendingEventsCount() << " rv=" << rv);
+    }
 }
 
 CCmEventQueueBase::EventsType CCmEventQueueUsingConditionVariable::TakeAll() {

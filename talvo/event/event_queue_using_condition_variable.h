@@ -22,6 +22,8 @@ protected:
     EventsType TakeAll() override;
 
 private:
+    void Wait_l(CCmTimeValue* aTimeout);
+
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Condition;
 };

@@ -28,8 +28,11 @@ void CCmEventQueueUsingMutex::Stop() {
 
 CmResult CCmEventQueueUsingMutex::PopPendingEventsWithLock(EventsType& aEvents, unsigned long aMaxCount,
                                                            unsigned long* aRemain) {
-    Guard guard(m_Mutex);
-    return PopPendingEvents(aEvents, aMaxCount, aRemain);
+    if (!HasMoreThan(aMaxCount)) {
+        Guard guard(m_Mutex);
+        Collect_l();
+    }
+    return PopCollectedEvents(aEvents, aMaxCount, aRemain);
 }
 
 CCmEventQueueBase::EventsType CCmEventQueueUsingMutex::TakeAll() {

@@ -153,21 +153,25 @@ CmResult CCmReactorBase::Dispatch_i(HANDLE aFd, ACmEventHandler* aEh, long aRead
 }
 
 CmResult CCmReactorBase::ProcessEventQueue_i() {
-    m_bWakeUpUnderWay = FALSE;
+    // While more are at hand than a batch the wake-up stays under way, and posters' memory need not be touched.
+    if (!m_EventQueue.HasMoreThan(MAX_EVENTS_A_REPORT))
+        m_bWakeUpUnderWay = FALSE;
     CCmEventQueueBase::EventsType events;
-    unsigned long ulRemain = 0;
-    const CmResult rv = m_EventQueue.PopPendingEventsWithLock(events, MAX_EVENTS_A_REPORT, &ulRemain);
+    const CmResult rv = m_EventQueue.PopPendingEventsWithLock(events, MAX_EVENTS_A_REPORT, nullptr);
     if (rv != CM_OK)
         return rv;
     m_Counters.m_ullEvents += events.size();
     m_EventQueue.ProcessEvents(events);
-    if (ulRemain > 0)
-        NotifyOfEvents_i();
+    if (m_EventQueue.HasMoreThan(0))
+        NotifyOfEvents_i(TRUE);
+    else if (GetPendingEventsCount() > 0)
+        NotifyOfEvents_i(FALSE);
     return rv;
 }
 
-void CCmReactorBase::NotifyOfEvents_i() {
-    if (!m_bWakeUpUnderWay.exchange(TRUE))
+void CCmReactorBase::NotifyOfEvents_i(BOOL aAgain) {
+    const BOOL bUnderWay = m_bWakeUpUnderWay || m_bWakeUpUnderWay.exchange(TRUE);
+    if (!bUnderWay || aAgain)
         NotifyHandler(nullptr, ACmEventHandler::EVENTQUEUE_MASK);
 }
 
@@ -199,7 +203,7 @@ CmResult CCmReactorBase::CancelTimer(ICmTimerHandler* aEh) {
 CmResult CCmReactorBase::PostEvent(ICmEvent* aEvent, EPriority aPri) {
     const CmResult rv = m_EventQueue.PostEvent(aEvent, aPri);
     if (rv == CM_OK)
-        NotifyOfEvents_i();
+        NotifyOfEvents_i(FALSE);
     return rv;
 }
 

@@ -142,7 +142,7 @@ int CCmReactorEpoll::GetWaitMsec_i(int64_t aMaxWaitUsec) {
 }
 
 void CCmReactorEpoll::WakeUp_i() {
-    if (!m_bSleeping.exchange(FALSE))
+    if (!m_bSleeping || !m_bSleeping.exchange(FALSE))
         return;
     const uint64_t ullOne = 1;
     while (write(m_fdWakeUp, &ullOne, sizeof ullOne) == -1 && errno == EINTR) {
