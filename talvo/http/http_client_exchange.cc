@@ -159,11 +159,14 @@ void CHttpClientExchange::OnConnectionReceive(CCmMessageBlock& aData) {
 // What belongs to a line that has not ended is kept by the parser, and not taken from the chain.
 void CHttpClientExchange::ReadHead_i(CCmMessageBlock& aData) {
     const CmResult rv = m_Parser.ParseHead(&aData);
+    const long lStatus = m_Head.GetStatus();
     if (rv == CM_OK && !m_Head.IsComplete())
         aData.AdvanceChainedReadPtr(aData.GetChainedLength());
     else if (rv != CM_OK)
         Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the answer has no head that can be read");
-    else if (m_Head.GetStatus() >= 100 && m_Head.GetStatus() < 200)
+    else if (lStatus < 100 || lStatus > 999)
+        Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the answer's status is no number of three digits");
+    else if (lStatus < 200)
         OnInterim_i();
     else
         OnFinal_i();

@@ -32,6 +32,8 @@ TEST_F(HttpClientTest, AnswersAsTheyCome) {
         {"HTTP/1.1 200 OK\r\nContent-Le", "GET", true, "0  !20008"},
         {"", "GET", true, "0  !20008"},
         {"SSH-2.0-x\r\n\r\n", "GET", false, "0  !20008"},
+        {"HTTP/1.1 99 Low\r\nContent-Length: 0\r\n\r\n", "GET", false, "0  !20008"},
+        {"HTTP/1.1 2000 High\r\nContent-Length: 0\r\n\r\n", "GET", false, "0  !20008"},
         {"HTTP/1.1 200 OK\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\nab", "GET", false, "0  !20008"},
         {"HTTP/1.1 101 Switching Protocols\r\n\r\n", "GET", false, "0  !20008"},
     };
