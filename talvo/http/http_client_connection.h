@@ -21,8 +21,9 @@ public:
 
     virtual void OnConnectionReceive(CCmMessageBlock& aData) = 0;
     virtual void OnConnectionSend() = 0;
-    virtual void OnConnectionDeadline() = 0;              // the moment of SetDeadline has come
-    virtual void OnConnectionLost(CmResult aReason) = 0;  // it is closed and no longer the user's
+    virtual void OnConnectionDeadline() = 0;  // the moment of SetDeadline has come
+    // It is closed and no longer the user's. CM_OK: the server has ended it in order, behind all that it sent.
+    virtual void OnConnectionLost(CmResult aReason) = 0;
 
 protected:
     virtual ~IHttpConnectionUser() = default;
@@ -68,6 +69,7 @@ private:
     void OnTimer(CCmTimerWrapperID* aId) override;
     void OnReferenceDestory() override;
 
+    void Lost_i(CmResult aReason);
     IHttpConnectionUser* Leave_i(CmResult aReason);
     void Arm_i(int64_t aNow);
 

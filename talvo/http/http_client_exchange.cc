@@ -139,12 +139,13 @@ void CHttpClientExchange::OnConnectionLost(CmResult aReason) {
     const BOOL bStale = m_State == HEAD && m_bReused && !m_bAnswered && m_pRequest->MayRepeat();
     if (bStale && m_Sender.Begin(*m_pRequest, m_strHead) == CM_OK && Acquire_i(TRUE) == CM_OK)
         return;
+    const CmResult cause = aReason == CM_OK ? CM_ERROR_NETWORK_SOCKET_ERROR : aReason;
     if (m_State != BODY)
-        Fail_i(aReason, m_bAnswered ? "the connection broke inside the head" : "the connection broke before the answer");
-    else if (aReason == CM_ERROR_NETWORK_SOCKET_ERROR && m_Body.EndOfStream() == CM_OK)
+        Fail_i(cause, m_bAnswered ? "the connection broke inside the head" : "the connection broke before the answer");
+    else if (aReason == CM_OK && m_Body.EndOfStream() == CM_OK)
         End_i(FALSE);
     else
-        Fail_i(aReason, "the connection broke inside the body");
+        Fail_i(cause, "the connection broke inside the body");
 }
 
 void CHttpClientExchange::OnConnectionReceive(CCmMessageBlock& aData) {
