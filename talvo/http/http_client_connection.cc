@@ -15,8 +15,6 @@ namespace {
 
 CCmLiveCounter s_Live("CHttpClientConnection");
 
-constexpr int64_t TRUSTED_USEC = 1'000'000;
-
 }  // namespace
 
 CHttpClientConnection::CHttpClientConnection(CHttpClientPool& aPool, const CCmString& aKey, IHttpConnectionUser& aUser)
@@ -71,10 +69,12 @@ void CHttpClientConnection::Park(int64_t aUntil) {
     SetDeadline(aUntil);
 }
 
+int64_t CHttpClientConnection::GetRest() const { return CCmClock::GetTimeOfDayUsec() - m_llParked; }
+
 // Behind a proxy to look means to wait for the network thread, twice: what has just been used is trusted there.
 BOOL CHttpClientConnection::IsFit() {
     const BOOL bProxy = !CCmThreadManager::IsEqualCurrentThread(CCmThreadManager::TT_NETWORK);
-    if (bProxy && CCmClock::GetTimeOfDayUsec() - m_llParked < TRUSTED_USEC)
+    if (bProxy && GetRest() < TRUSTED_USEC)
         return TRUE;
     BOOL bAlive = FALSE;
     DWORD dwUnread = 0;

@@ -36,6 +36,8 @@ class CHttpClientConnection : public CCmReferenceControlTimerDeleteT<CCmMutexNul
                               private CCmTimerWrapperIDSink {
 public:
     static constexpr int64_t NEVER = INT64_MAX;
+    // Microseconds of rest after which a server may well be about to close.
+    static constexpr int64_t TRUSTED_USEC = 1'000'000;
 
     CHttpClientConnection(CHttpClientPool& aPool, const CCmString& aKey, IHttpConnectionUser& aUser);
     ~CHttpClientConnection() override;
@@ -45,6 +47,7 @@ public:
     void Lend(IHttpConnectionUser& aUser);
     void Park(int64_t aUntil);  // idle: whatever comes now closes it
     BOOL IsFit();               // idle, and as far as is known the server would take a request
+    int64_t GetRest() const;    // idle: for how many microseconds
     void ForgetPool() { m_pPool = nullptr; }
     const CCmString& GetKey() const { return m_strKey; }
     IHttpConnectionUser* GetUser() const { return m_pUser; }

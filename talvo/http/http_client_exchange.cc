@@ -28,15 +28,16 @@ CmResult CHttpClientExchange::Start(const CHttpClientRequest& aRequest, const CC
     m_Framing = CHttpFraming();
     if (const CmResult rv = m_Sender.Begin(aRequest, m_strHead); rv != CM_OK)
         return rv;
-    return Acquire_i(!m_Settings.m_dwKeepAlive);
+    const int64_t llMaxRest = aRequest.MayRepeat() ? CHttpClientConnection::NEVER : CHttpClientConnection::TRUSTED_USEC;
+    return Acquire_i(m_Settings.m_dwKeepAlive ? llMaxRest : 0);
 }
 
-CmResult CHttpClientExchange::Acquire_i(BOOL aFresh) {
+CmResult CHttpClientExchange::Acquire_i(int64_t aMaxRest) {
     CHttpClientPool* pPool = CHttpClientPool::OfThisThread();
     if (!pPool)
         return CM_ERROR_NULL_POINTER;
     m_State = WAITING;
-    const CmResult rv = pPool->Acquire({this, m_strHost, m_wPort, m_Settings.m_dwConnectTimeout, aFresh});
+    const CmResult rv = pPool->Acquire({this, m_strHost, m_wPort, m_Settings.m_dwConnectTimeout, aMaxRest});
     if (rv != CM_OK)
         m_State = IDLE;
     return rv;
@@ -137,7 +138,7 @@ CmResult CHttpClientExchange::GetOption(DWORD aCommand, void* aArg) {
 void CHttpClientExchange::OnConnectionLost(CmResult aReason) {
     m_pConnection.Reset();
     const BOOL bStale = m_State == HEAD && m_bReused && !m_bAnswered && m_pRequest->MayRepeat();
-    if (bStale && m_Sender.Begin(*m_pRequest, m_strHead) == CM_OK && Acquire_i(TRUE) == CM_OK)
+    if (bStale && m_Sender.Begin(*m_pRequest, m_strHead) == CM_OK && Acquire_i(0) == CM_OK)
         return;
     const CmResult cause = aReason == CM_OK ? CM_ERROR_NETWORK_SOCKET_ERROR : aReason;
     if (m_State != BODY)
