@@ -51,6 +51,16 @@ TEST(ToolServeTest, OneRangeOrTheWhole) {
     for (const auto& [pRange, pResult] : CASES)
         EXPECT_EQ(pResult, parse(pRange)) << pRange;
     EXPECT_EQ("none", parse("bytes=0-", 0));
+
+    ContentRange range;
+    EXPECT_TRUE(ParseContentRange("bytes 5-8/9", range));
+    EXPECT_EQ("5 8 9",
+              std::to_string(range.m_ullFirst) + " " + std::to_string(range.m_ullLast) + " " + std::to_string(range.m_ullSize));
+    EXPECT_TRUE(ParseContentRange("bytes 5-5/*", range));
+    EXPECT_EQ(ContentRange::NO_SIZE, range.m_ullSize);
+    for (const char* pBad : {"", "bytes */9", "bytes 5-8", "bytes 5/9-8", "bytes 5-9/9", "bytes 6-5/9", "bytes -5-8/9",
+                             "bytes 0-99999999999999999999/*", "lines 5-8/9", "bytes 5-8/9x"})
+        EXPECT_FALSE(ParseContentRange(pBad, range)) << pBad;
 }
 
 // Each condition alone and where two meet, for a file of the given second.
