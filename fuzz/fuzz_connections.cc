@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "fuzz/fuzz_input.h"
+#include "fuzz/fuzz_lower.h"
 #include "talvo/connection/len_pkg_conn.h"
 #include "talvo/connection/pkg_conn_client.h"
 #include "talvo/connection/pkg_conn_server.h"
@@ -22,44 +22,6 @@ public:
     void OnThreadRun() override {}
     ICmTimerQueue* GetTimerQueue() override { return &m_Timers; }
     CCmTimerQueueOrderedList m_Timers;
-};
-
-// Takes a part of what it is given, now and then.
-class CFuzzLower : public ICmTransport, public CCmReferenceControlT<CCmMutexNullSingleThread> {
-public:
-    CFuzzLower(BOOL aDatagrams, CFuzzCutter& aCutter) : m_bDatagrams(aDatagrams), m_Cutter(aCutter) {}
-    DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
-    DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
-    CmResult OpenWithSink(ICmTransportSink* aSink) override {
-        m_pSink = aSink;
-        return CM_OK;
-    }
-    ICmTransportSink* GetSink() override { return m_pSink; }
-    CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter*) override {
-        const DWORD dwLength = aData.GetChainedLength();
-        auto dwTaken = static_cast<DWORD>(m_Cutter.Next(dwLength));
-        if (m_bDatagrams)
-            dwTaken = dwTaken > 0 ? dwLength : 0;
-        aData.AdvanceChainedReadPtr(dwTaken);
-        return dwTaken == dwLength ? CM_OK : CM_ERROR_PARTIAL_DATA;
-    }
-    CmResult SetOption(DWORD, void*) override { return CM_ERROR_INVALID_ARG; }
-    CmResult GetOption(DWORD aCommand, void* aArg) override {
-        if (aCommand != CM_OPT_TRANSPORT_TRAN_TYPE)
-            return CM_ERROR_INVALID_ARG;
-        *static_cast<DWORD*>(aArg) = m_bDatagrams ? CM_TRANSPORT_TYPE_UDP : CM_TRANSPORT_TYPE_TCP;
-        return CM_OK;
-    }
-    CmResult Disconnect(CmResult) override {
-        m_pSink = nullptr;
-        return CM_OK;
-    }
-
-    ICmTransportSink* m_pSink = nullptr;
-
-private:
-    const BOOL m_bDatagrams;
-    CFuzzCutter& m_Cutter;
 };
 
 // Unless quiet, does something in every upcall; the input says what.
@@ -146,7 +108,7 @@ void Run(FuzzedDataProvider& aInput, size_t aHeader, char aConnectPdu) {
     const BOOL bConnected = aInput.ConsumeBool();
     CFuzzUser user(aInput);
     CFuzzCutter cutter(aInput);
-    const CCmRefPtrT<CFuzzLower> pLower(new CFuzzLower(bDatagrams, cutter));
+    const CCmRefPtrT<CFuzzLower> pLower(new CFuzzLower(&cutter, bDatagrams));
     auto* pConn = new Conn;
     user.m_pConn = pConn;
     pConn->SetConnConnector(&user);
@@ -154,27 +116,20 @@ void Run(FuzzedDataProvider& aInput, size_t aHeader, char aConnectPdu) {
     pConn->SetOption(CS_OPT_MAX_MESSAGE_LEN, &dwMaxMessage);
     pConn->OnConnectIndication(CM_OK, pLower.Get(), nullptr);
 
-    const auto receive = [&](std::string aBytes) {
-        const auto dwLength = static_cast<DWORD>(aBytes.size());
-        CCmMessageBlock block(dwLength, aBytes.data(), CCmMessageBlock::DONT_DELETE, dwLength);
-        if (pLower->m_pSink)
-            pLower->m_pSink->OnReceive(block, pLower.Get());
-    };
     if (bConnected && aConnectPdu > 0)
-        receive(aConnectPdu + std::string("\0\0\0\0\0\0\17", 7));
+        pLower->Receive(aConnectPdu + std::string("\0\0\0\0\0\0\17", 7));
     // One request of another type ends a server's connection, so those are not foretold.
     const BOOL bForetold = user.m_bQuiet && user.m_bOpen && !bDatagrams && aConnectPdu != 1;
     const std::string strBytes = aInput.ConsumeRemainingBytesAsString();
-    for (size_t stAt = 0, stLength; stAt < strBytes.size() && pLower->m_pSink; stAt += stLength) {
+    for (size_t stAt = 0, stLength; stAt < strBytes.size() && pLower->IsOpen(); stAt += stLength) {
         stLength = cutter.Next(strBytes.size() - stAt);
-        receive(strBytes.substr(stAt, stLength));
-        if (pLower->m_pSink && cutter.Next(4) == 0)
-            pLower->m_pSink->OnSend(pLower.Get());
+        pLower->Receive(strBytes.substr(stAt, stLength));
+        if (pLower->IsOpen() && cutter.Next(4) == 0)
+            pLower->HaveRoom();
     }
     if (bForetold)
         FUZZ_CHECK(user.m_Received == MessagesOf(strBytes, aHeader, aConnectPdu));
-    if (ICmTransportSink* pSink = std::exchange(pLower->m_pSink, nullptr))
-        pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_ERROR, pLower.Get());
+    pLower->Break();
     user.m_pConn.Reset();
 }
 

@@ -17,10 +17,7 @@ public:
     std::string m_strBody;
 };
 
-talvo::CHttpFraming FramingOf(const CCmHttpRequestHead& aHead) {
-    talvo::get_request_fault(aHead);
-    return talvo::get_request_framing(aHead);
-}
+talvo::CHttpFraming FramingOf(const CCmHttpRequestHead& aHead) { return talvo::get_request_framing(aHead); }
 talvo::CHttpFraming FramingOf(const CCmHttpResponseHead& aHead) { return talvo::get_response_framing(aHead, nullptr); }
 
 template <class Head>

@@ -40,6 +40,7 @@
 #include "talvo/http/http_parser.h"
 #include "talvo/http/http_request_head.h"
 #include "talvo/http/http_response_head.h"
+#include "talvo/http/http_text.h"
 #include "talvo/http/http_url.h"
 #include "talvo/transport/dns_manager.h"
 #include "talvo/transport/transport_interface.h"

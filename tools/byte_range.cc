@@ -43,4 +43,18 @@ ByteRange ParseByteRange(std::string_view aValue, uint64_t aSize) {
     return MakePart(ullFirst, ullLast, aSize);
 }
 
+bool ParseContentRange(std::string_view aValue, ContentRange& aRange) {
+    constexpr std::string_view UNIT = "bytes ";
+    const size_t stDash = aValue.find('-');
+    const size_t stSlash = aValue.find('/');
+    if (!aValue.starts_with(UNIT) || stDash == std::string_view::npos || stSlash == std::string_view::npos || stSlash < stDash)
+        return false;
+    const std::string_view size = aValue.substr(stSlash + 1);
+    aRange = ContentRange();
+    return ParseNumber(aValue.substr(UNIT.size(), stDash - UNIT.size()), aRange.m_ullFirst) &&
+           ParseNumber(aValue.substr(stDash + 1, stSlash - stDash - 1), aRange.m_ullLast) &&
+           (size == "*" || ParseNumber(size, aRange.m_ullSize)) && aRange.m_ullFirst <= aRange.m_ullLast &&
+           aRange.m_ullLast < aRange.m_ullSize;
+}
+
 }  // namespace tool

@@ -1,32 +1,16 @@
 #include "tools/file_service.h"
 
 #include <cerrno>
-#include <cinttypes>
-#include <cstdio>
 
 #include "tools/byte_range.h"
 #include "tools/content_type.h"
+#include "tools/file_version.h"
 
 namespace tool {
 
 namespace {
 
 using Atoms = CCmHttpAtomList;
-
-// What a version of a file is known by.
-struct Validators {
-    explicit Validators(const struct stat& aStatus) : m_lModified(aStatus.st_mtim.tv_sec) {
-        char szTag[64];
-        std::snprintf(
-            szTag, sizeof szTag, "\"%" PRIx64 "-%" PRIx64 "\"",
-            static_cast<uint64_t>(aStatus.st_mtim.tv_sec) * 1000000000 + static_cast<uint64_t>(aStatus.st_mtim.tv_nsec),
-            static_cast<uint64_t>(aStatus.st_size));
-        m_strTag = szTag;
-    }
-
-    int64_t m_lModified;
-    std::string m_strTag;
-};
 
 void AnswerStatus(ICmChannelHttpServer& aChannel, long aStatus, const char* aText) {
     aChannel.AnswerText(aStatus, "text/plain; charset=utf-8", std::string(aText) + "\n");
@@ -50,42 +34,28 @@ void AnswerError(ICmChannelHttpServer& aChannel, long aStatus) {
     AnswerStatus(aChannel, aStatus, aStatus == 403 ? "forbidden" : aStatus == 503 ? "too busy" : "not found");
 }
 
-bool IsNotModified(const CCmHttpRequestHead& aRequest, const Validators& aValidators) {
-    if (const CCmString* pTags = aRequest.FindHeader(Atoms::If_None_Match))
-        return *pTags == "*" || pTags->find(aValidators.m_strTag) != std::string::npos;
-    const CCmString* pDate = aRequest.FindHeader(Atoms::If_Modified_Since);
-    int64_t lDate = 0;
-    return pDate && talvo::parse_http_date(*pDate, lDate) && aValidators.m_lModified <= lDate;
-}
-
-// A part is of use only to who has the rest of the same version.
-bool IsRangeMeant(const CCmHttpRequestHead& aRequest, const Validators& aValidators) {
-    const CCmString* pIf = aRequest.FindHeader(Atoms::If_Range);
-    if (!pIf || *pIf == aValidators.m_strTag)
-        return true;
-    int64_t lDate = 0;
-    return talvo::parse_http_date(*pIf, lDate) && aValidators.m_lModified == lDate;
-}
-
-ByteRange GetRange(const CCmHttpRequestHead& aRequest, const Validators& aValidators, uint64_t aSize) {
+ByteRange GetRange(const CCmHttpRequestHead& aRequest, const FileVersion& aVersion, uint64_t aSize) {
     const CCmString* pRange = aRequest.FindHeader(Atoms::Range);
-    const bool bMeant = pRange && aRequest.GetMethod() == Atoms::Get && IsRangeMeant(aRequest, aValidators);
+    const bool bMeant = pRange && aRequest.GetMethod() == Atoms::Get && aVersion.IsRangeMeant(aRequest);
     return ParseByteRange(bMeant ? std::string_view(*pRange) : std::string_view(), aSize);
 }
 
 void AnswerFile(ICmChannelHttpServer& aChannel, FileHandle aFile, const struct stat& aStatus, const std::string& aName) {
     const CCmHttpRequestHead& request = aChannel.GetRequest();
-    const Validators validators(aStatus);
-    aChannel.SetHeader(Atoms::ETag, validators.m_strTag);
-    aChannel.SetHeader(Atoms::Last_Modified, talvo::format_http_date(validators.m_lModified));
+    const FileVersion version(aStatus);
+    aChannel.SetHeader(Atoms::ETag, version.GetTag());
+    aChannel.SetHeader(Atoms::Last_Modified, talvo::format_http_date(version.GetModified()));
     aChannel.SetHeader(Atoms::Accept_Ranges, "bytes");
-    if (IsNotModified(request, validators)) {
-        aChannel.SetStatus(304);
+    const long lStatus = version.JudgeConditions(request);
+    if (lStatus == 412)
+        return AnswerStatus(aChannel, lStatus, "another version is meant");
+    if (lStatus == 304) {
+        aChannel.SetStatus(lStatus);
         aChannel.EndAnswer();
         return;
     }
     const auto ullSize = static_cast<uint64_t>(aStatus.st_size);
-    const ByteRange range = GetRange(request, validators, ullSize);
+    const ByteRange range = GetRange(request, version, ullSize);
     const std::string strSize = "/" + std::to_string(ullSize);
     if (range.m_Kind == ByteRange::UNSATISFIABLE) {
         aChannel.SetHeader(Atoms::Content_Range, "bytes *" + strSize);

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "tools/byte_range.h"
 #include "tools/text.h"
 
 namespace tool {
@@ -28,16 +29,6 @@ std::string WriteToStdout(std::string_view aBytes) {
         aBytes.remove_prefix(static_cast<size_t>(nDone));
     }
     return "";
-}
-
-// "bytes 5-9/10": where it begins; false: it does not say.
-bool ParseContentRange(const std::string& aText, uint64_t& aFirst) {
-    const std::string strUnit = "bytes ";
-    if (aText.compare(0, strUnit.size(), strUnit) != 0)
-        return false;
-    char* pEnd = nullptr;
-    aFirst = std::strtoull(aText.c_str() + strUnit.size(), &pEnd, 10);
-    return *pEnd == '-' && pEnd != aText.c_str() + strUnit.size();
 }
 
 }  // namespace
@@ -135,9 +126,12 @@ std::string Getter::OnWhole() {
 }
 
 std::string Getter::OnRest() {
-    uint64_t ullFirst = 0;
-    const bool bFits = ParseContentRange(GetHeader(Atoms::Content_Range), ullFirst) && ullFirst == m_ullBeginning;
-    return bFits ? "" : "the server sent another part than the rest";
+    ContentRange range;
+    if (!ParseContentRange(GetHeader(Atoms::Content_Range), range) || range.m_ullFirst != m_ullBeginning ||
+        (range.m_ullSize != ContentRange::NO_SIZE && range.m_ullLast + 1 != range.m_ullSize))
+        return "the server sent another part than the rest";
+    m_ullRest = range.m_ullLast - range.m_ullFirst + 1;
+    return "";
 }
 
 // All of it is there already, unless the server says otherwise.
@@ -158,6 +152,10 @@ std::string Getter::GetHeader(const CCmHttpAtom& aAtom) const {
 void Getter::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
     for (const CCmMessageBlock* p = &aData; p && !m_bSkip; p = p->GetNext()) {
         const std::string_view piece(p->GetTopLevelReadPtr(), p->GetTopLevelLength());
+        if (piece.size() > m_ullRest - m_ullGot) {
+            Finish("the server sent more than the rest");
+            return;
+        }
         const std::string strProblem = m_pFile ? m_pFile->Write(piece) : WriteToStdout(piece);
         if (!strProblem.empty()) {
             Finish(strProblem);
@@ -169,6 +167,10 @@ void Getter::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParame
 }
 
 void Getter::OnDisconnect(CmResult aReason, ICmTransport*) {
+    if (aReason == CM_OK && m_ullRest != UNKNOWN && m_ullGot < m_ullRest) {
+        Finish("the server sent less than the rest");
+        return;
+    }
     if (aReason == CM_OK) {
         Finish(m_pFile ? m_pFile->Publish() : "");
         return;

@@ -25,6 +25,8 @@ public:
     void Start();
 
 private:
+    static constexpr uint64_t UNKNOWN = UINT64_MAX;
+
     void OnConnect(CmResult aReason, ICmChannel* aChannel) override;
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnSend(ICmTransport*, CCmTransportParameter*) override {}
@@ -54,6 +56,7 @@ private:
     CCmRefPtrT<ICmChannel> m_pChannel;  // that, or the file's
     uint64_t m_ullBeginning = 0;        // bytes that were there
     uint64_t m_ullSize = 0;             // announced
+    uint64_t m_ullRest = UNKNOWN;       // bytes that the answer is to bring, if it is a part
     uint64_t m_ullGot = 0;
     bool m_bMetered = false;
     bool m_bSkip = false;  // the body is not what was asked for

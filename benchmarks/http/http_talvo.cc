@@ -1,8 +1,5 @@
 // HTTP server on this library, in its network thread: 200 and a few bytes for every GET of "/". Ends in order on SIGTERM.
-#include <cstdio>
-
-#include "benchmarks/support/system.h"
-#include "benchmarks/support/talvo_process.h"
+#include "benchmarks/support/talvo_server.h"
 
 namespace {
 
@@ -33,22 +30,6 @@ private:
 }  // namespace
 
 int main(int argc, char** argv) {
-    const uint16_t wPort = bench::PortArgument(argc, argv);
-    bench::RaiseDescriptorLimit();
-    bench::CTermination termination;
-    bench::CTalvoProcess process(argc, argv);
-    if (!CCmConnectionManager::Instance())
-        return 1;
-    ICmEventQueue& network = *CCmThreadManager::Instance()->GetThreadEventQueue(CCmThreadManager::TT_NETWORK);
-
     CHelloServer server;
-    const CmResult rv = bench::Call(network, [&] { return server.Open(wPort); });
-    if (rv == CM_OK) {
-        bench::PrintReady();
-        termination.Wait();
-    } else {
-        std::fprintf(stderr, "cannot listen on port %u: %s\n", unsigned{wPort}, cm_result_name(rv));
-    }
-    bench::Call(network, [&] { server.Close(); });
-    return rv == CM_OK ? 0 : 1;
+    return bench::RunNetworkServer(argc, argv, server, [&](uint16_t aPort) { return server.Open(aPort); });
 }

@@ -1,9 +1,12 @@
-// A server on this library: listens on loopback and keeps one session for each connection until its peer goes.
+// Servers on this library: how they run, and one that listens on loopback and keeps a session for each connection until its
+// peer goes.
 #pragma once
 
+#include <cstdio>
 #include <list>
 #include <thread>
 
+#include "benchmarks/support/system.h"
 #include "benchmarks/support/talvo_process.h"
 
 namespace bench {
@@ -17,6 +20,28 @@ inline void RunMainLoop(CTermination& aTermination) {
     });
     pReactor->RunEventLoop();
     end.join();
+}
+
+// A whole program: aServer in the network thread until a signal comes. aOpen(port) makes it listen, there. The exit code. No
+// thread of the library runs before or after it.
+template <class Server, class Open>
+int RunNetworkServer(int aArgc, char** aArgv, Server& aServer, Open aOpen) {
+    const uint16_t wPort = PortArgument(aArgc, aArgv);
+    RaiseDescriptorLimit();
+    CTermination termination;
+    CTalvoProcess process(aArgc, aArgv);
+    if (!CCmConnectionManager::Instance())
+        return 1;
+    ICmEventQueue& network = *CCmThreadManager::Instance()->GetThreadEventQueue(CCmThreadManager::TT_NETWORK);
+    const CmResult rv = Call(network, [&] { return aOpen(wPort); });
+    if (rv == CM_OK) {
+        PrintReady();
+        termination.Wait();
+    } else {
+        std::fprintf(stderr, "cannot listen on port %u: %s\n", unsigned{wPort}, cm_result_name(rv));
+    }
+    Call(network, [&] { aServer.Close(); });
+    return rv == CM_OK ? 0 : 1;
 }
 
 template <class Session>

@@ -15,8 +15,6 @@ namespace {
 
 CCmLiveCounter s_Live("CHttpClientConnection");
 
-constexpr int64_t TRUSTED_USEC = 1'000'000;
-
 }  // namespace
 
 CHttpClientConnection::CHttpClientConnection(CHttpClientPool& aPool, const CCmString& aKey, IHttpConnectionUser& aUser)
@@ -50,6 +48,9 @@ CmResult CHttpClientConnection::Connect(const CCmString& aHost, WORD aPort, DWOR
 void CHttpClientConnection::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     m_pConnector.Reset();
     m_pTransport = aTrpt;
+    BOOL bTell = TRUE;
+    if (m_pTransport)
+        m_pTransport->SetOption(CM_OPT_TRANSPORT_TELL_END, &bTell);
     const CmResult rv = aReason == CM_OK ? m_pTransport->OpenWithSink(this) : aReason;
     if (rv == CM_OK)
         m_pUser->OnConnectionReady(*this, FALSE);
@@ -68,10 +69,12 @@ void CHttpClientConnection::Park(int64_t aUntil) {
     SetDeadline(aUntil);
 }
 
+int64_t CHttpClientConnection::GetRest() const { return CCmClock::GetTimeOfDayUsec() - m_llParked; }
+
 // Behind a proxy to look means to wait for the network thread, twice: what has just been used is trusted there.
 BOOL CHttpClientConnection::IsFit() {
     const BOOL bProxy = !CCmThreadManager::IsEqualCurrentThread(CCmThreadManager::TT_NETWORK);
-    if (bProxy && CCmClock::GetTimeOfDayUsec() - m_llParked < TRUSTED_USEC)
+    if (bProxy && GetRest() < TRUSTED_USEC)
         return TRUE;
     BOOL bAlive = FALSE;
     DWORD dwUnread = 0;
@@ -121,10 +124,10 @@ void CHttpClientConnection::Close(CmResult aReason) { Leave_i(aReason); }
 
 // Nobody has asked anything of an idle connection, so what comes on one is no answer to anything.
 void CHttpClientConnection::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
-    if (m_pUser)
+    if (m_pUser && aData.GetChainedLength() > 0)
         m_pUser->OnConnectionReceive(aData);
     else
-        Leave_i(CM_OK);
+        Lost_i(CM_OK);
 }
 
 void CHttpClientConnection::OnSend(ICmTransport*, CCmTransportParameter*) {
@@ -132,7 +135,9 @@ void CHttpClientConnection::OnSend(ICmTransport*, CCmTransportParameter*) {
         m_pUser->OnConnectionSend();
 }
 
-void CHttpClientConnection::OnDisconnect(CmResult aReason, ICmTransport*) {
+void CHttpClientConnection::OnDisconnect(CmResult aReason, ICmTransport*) { Lost_i(aReason); }
+
+void CHttpClientConnection::Lost_i(CmResult aReason) {
     if (IHttpConnectionUser* pUser = Leave_i(CM_OK))
         pUser->OnConnectionLost(aReason);
 }

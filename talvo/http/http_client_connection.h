@@ -21,8 +21,9 @@ public:
 
     virtual void OnConnectionReceive(CCmMessageBlock& aData) = 0;
     virtual void OnConnectionSend() = 0;
-    virtual void OnConnectionDeadline() = 0;              // the moment of SetDeadline has come
-    virtual void OnConnectionLost(CmResult aReason) = 0;  // it is closed and no longer the user's
+    virtual void OnConnectionDeadline() = 0;  // the moment of SetDeadline has come
+    // It is closed and no longer the user's. CM_OK: the server has ended it in order, behind all that it sent.
+    virtual void OnConnectionLost(CmResult aReason) = 0;
 
 protected:
     virtual ~IHttpConnectionUser() = default;
@@ -35,6 +36,8 @@ class CHttpClientConnection : public CCmReferenceControlTimerDeleteT<CCmMutexNul
                               private CCmTimerWrapperIDSink {
 public:
     static constexpr int64_t NEVER = INT64_MAX;
+    // Microseconds of rest after which a server may well be about to close.
+    static constexpr int64_t TRUSTED_USEC = 1'000'000;
 
     CHttpClientConnection(CHttpClientPool& aPool, const CCmString& aKey, IHttpConnectionUser& aUser);
     ~CHttpClientConnection() override;
@@ -44,6 +47,7 @@ public:
     void Lend(IHttpConnectionUser& aUser);
     void Park(int64_t aUntil);  // idle: whatever comes now closes it
     BOOL IsFit();               // idle, and as far as is known the server would take a request
+    int64_t GetRest() const;    // idle: for how many microseconds
     void ForgetPool() { m_pPool = nullptr; }
     const CCmString& GetKey() const { return m_strKey; }
     IHttpConnectionUser* GetUser() const { return m_pUser; }
@@ -68,6 +72,7 @@ private:
     void OnTimer(CCmTimerWrapperID* aId) override;
     void OnReferenceDestory() override;
 
+    void Lost_i(CmResult aReason);
     IHttpConnectionUser* Leave_i(CmResult aReason);
     void Arm_i(int64_t aNow);
 

@@ -28,15 +28,16 @@ CmResult CHttpClientExchange::Start(const CHttpClientRequest& aRequest, const CC
     m_Framing = CHttpFraming();
     if (const CmResult rv = m_Sender.Begin(aRequest, m_strHead); rv != CM_OK)
         return rv;
-    return Acquire_i(!m_Settings.m_dwKeepAlive);
+    const int64_t llMaxRest = aRequest.MayRepeat() ? CHttpClientConnection::NEVER : CHttpClientConnection::TRUSTED_USEC;
+    return Acquire_i(m_Settings.m_dwKeepAlive ? llMaxRest : 0);
 }
 
-CmResult CHttpClientExchange::Acquire_i(BOOL aFresh) {
+CmResult CHttpClientExchange::Acquire_i(int64_t aMaxRest) {
     CHttpClientPool* pPool = CHttpClientPool::OfThisThread();
     if (!pPool)
         return CM_ERROR_NULL_POINTER;
     m_State = WAITING;
-    const CmResult rv = pPool->Acquire({this, m_strHost, m_wPort, m_Settings.m_dwConnectTimeout, aFresh});
+    const CmResult rv = pPool->Acquire({this, m_strHost, m_wPort, m_Settings.m_dwConnectTimeout, aMaxRest});
     if (rv != CM_OK)
         m_State = IDLE;
     return rv;
@@ -137,14 +138,15 @@ CmResult CHttpClientExchange::GetOption(DWORD aCommand, void* aArg) {
 void CHttpClientExchange::OnConnectionLost(CmResult aReason) {
     m_pConnection.Reset();
     const BOOL bStale = m_State == HEAD && m_bReused && !m_bAnswered && m_pRequest->MayRepeat();
-    if (bStale && m_Sender.Begin(*m_pRequest, m_strHead) == CM_OK && Acquire_i(TRUE) == CM_OK)
+    if (bStale && m_Sender.Begin(*m_pRequest, m_strHead) == CM_OK && Acquire_i(0) == CM_OK)
         return;
+    const CmResult cause = aReason == CM_OK ? CM_ERROR_NETWORK_SOCKET_ERROR : aReason;
     if (m_State != BODY)
-        Fail_i(aReason, m_bAnswered ? "the connection broke inside the head" : "the connection broke before the answer");
-    else if (aReason == CM_ERROR_NETWORK_SOCKET_ERROR && m_Body.EndOfStream() == CM_OK)
+        Fail_i(cause, m_bAnswered ? "the connection broke inside the head" : "the connection broke before the answer");
+    else if (aReason == CM_OK && m_Body.EndOfStream() == CM_OK)
         End_i(FALSE);
     else
-        Fail_i(aReason, "the connection broke inside the body");
+        Fail_i(cause, "the connection broke inside the body");
 }
 
 void CHttpClientExchange::OnConnectionReceive(CCmMessageBlock& aData) {
@@ -159,11 +161,14 @@ void CHttpClientExchange::OnConnectionReceive(CCmMessageBlock& aData) {
 // What belongs to a line that has not ended is kept by the parser, and not taken from the chain.
 void CHttpClientExchange::ReadHead_i(CCmMessageBlock& aData) {
     const CmResult rv = m_Parser.ParseHead(&aData);
+    const long lStatus = m_Head.GetStatus();
     if (rv == CM_OK && !m_Head.IsComplete())
         aData.AdvanceChainedReadPtr(aData.GetChainedLength());
     else if (rv != CM_OK)
         Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the answer has no head that can be read");
-    else if (m_Head.GetStatus() >= 100 && m_Head.GetStatus() < 200)
+    else if (lStatus < 100 || lStatus > 999)
+        Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the answer's status is no number of three digits");
+    else if (lStatus < 200)
         OnInterim_i();
     else
         OnFinal_i();

@@ -28,7 +28,8 @@ protected:
 
 // Asks the pool, sends, reads interim heads until the final one, cuts the body out of what comes and gives the connection
 // back when nothing stands in the way. A connection that has been used before and dies before a byte of the answer is replaced
-// by a fresh one, once, if the request may be repeated. Of one thread; used for one exchange after the other.
+// by a fresh one, once, if the request may be repeated. One that may not is sent over a connection that was used a moment ago,
+// or a fresh one. Of one thread; used for one exchange after the other.
 class CHttpClientExchange : private IHttpConnectionUser, private CHttpBodySink {
 public:
     // See ECmChannelOption; times in milliseconds.
@@ -79,7 +80,7 @@ private:
     void OnConnectionLost(CmResult aReason) override;
     BOOL OnBody(CCmMessageBlock& aView) override;
 
-    CmResult Acquire_i(BOOL aFresh);
+    CmResult Acquire_i(int64_t aMaxRest);
     void Flush_i();
     void TellRoom_i();
     void Touch_i();

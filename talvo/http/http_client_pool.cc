@@ -70,8 +70,10 @@ CmResult CHttpClientPool::Acquire(const CHttpConnectionRequest& aRequest) {
 // CM_ERROR_WOULD_BLOCK: there is no room. The user is told last, since it may do anything, to this pool too: a host is looked
 // up anew after whatever may have removed it.
 CmResult CHttpClientPool::Serve_i(const CCmString& aKey, const CHttpConnectionRequest& aRequest) {
-    while (!aRequest.m_bFresh && !m_Hosts[aKey].m_Unused.empty()) {
+    while (!m_Hosts[aKey].m_Unused.empty()) {
         const Connection pConnection(m_Hosts[aKey].m_Unused.back());
+        if (pConnection->GetRest() >= aRequest.m_llMaxRest)
+            break;  // the others have rested longer
         if (!pConnection->IsFit()) {
             pConnection->Close(CM_OK);
             continue;

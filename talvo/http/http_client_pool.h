@@ -17,7 +17,7 @@ struct CHttpConnectionRequest {
     CCmString m_strHost;  // as it is looked up
     WORD m_wPort = 0;     // host order
     DWORD m_dwTimeoutMs = 0;
-    BOOL m_bFresh = FALSE;  // none that others have used
+    int64_t m_llMaxRest = 0;  // microseconds: one that others have used must have been unused for less than that
 };
 
 // One a thread, made when the first channel asks and gone with the thread. An unused connection serves the next request for

@@ -64,10 +64,6 @@ BOOL has_no_body(const CCmHttpResponseHead& aHead, const CCmHttpAtom& aMethod) {
            (aMethod == Atoms::Connect && lStatus >= 200 && lStatus < 300);
 }
 
-BOOL is_clean(std::string_view aText) {
-    return aText.find('\r') == std::string_view::npos && aText.find('\0') == std::string_view::npos;
-}
-
 }  // namespace
 
 CHttpFraming get_request_framing(const CCmHttpRequestHead& aHead) {
@@ -110,19 +106,6 @@ CHttpFraming get_response_framing(const CCmHttpResponseHead& aHead, const CCmHtt
         framing.m_Body = EHttpBody::UNTIL_CLOSE;
     framing.m_bMustClose = framing.m_nError != 0 || framing.m_Body == EHttpBody::UNTIL_CLOSE;
     return framing;
-}
-
-int get_request_fault(const CCmHttpRequestHead& aHead) {
-    constexpr DWORD FAULTS = CM_HTTP_FAULT_NAME | CM_HTTP_FAULT_HOSTS | CM_HTTP_FAULT_TEXT;
-    if ((aHead.GetFaults() & FAULTS) != 0 || !is_clean(aHead.GetRequestURI()))
-        return BAD_REQUEST;
-    if (aHead.GetVerion() >= CM_HTTP_VERSION_11 && !aHead.IsHostSeen())
-        return BAD_REQUEST;
-    for (size_t i = 0; i < aHead.GetCount(); ++i) {
-        if (!is_clean(aHead.GetValue(i)))
-            return BAD_REQUEST;
-    }
-    return 0;
 }
 
 BOOL is_persistent(CCmHttpVersion aVersion, const CCmHttpHeaderArray& aHeaders) {

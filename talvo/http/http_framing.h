@@ -25,10 +25,6 @@ TALVO_API CHttpFraming get_request_framing(const CCmHttpRequestHead& aHead);
 // coding other than chunked and "identity".
 TALVO_API CHttpFraming get_response_framing(const CCmHttpResponseHead& aHead, const CCmHttpAtom& aMethod);
 
-// What else is wrong with a request's head that a server must not accept (RFC 9112, 2.2, 3.2 and 5.1): 0, or the status 400.
-// Names that are no tokens, folded lines, CR or NUL in a text, a second Host, or in 1.1 none.
-TALVO_API int get_request_fault(const CCmHttpRequestHead& aHead);
-
 // Section 9.3: not with the Connection option "close"; else in 1.1, and in 1.0 with "keep-alive".
 TALVO_API BOOL is_persistent(CCmHttpVersion aVersion, const CCmHttpHeaderArray& aHeaders);
 

@@ -42,7 +42,7 @@ BOOL CCmHttpHeaderArray::Clear() {
         if (entry.m_strValue.capacity() > MOST_SPARE_VALUE)
             CCmString().swap(entry.m_strValue);
     }
-    m_bHeadersComplete = m_bFirstLineParsed = m_bHostSeen = FALSE;
+    m_bHeadersComplete = m_bFirstLineParsed = FALSE;
     m_stCount = 0;
     m_OwnNames.clear();
     m_dwFaults = 0;
@@ -168,8 +168,6 @@ BOOL CCmHttpHeaderArray::ParseLine(std::string_view aLine) {
 }
 
 BOOL CCmHttpHeaderArray::ParseAnyFirstLine(std::string_view aLine) {
-    if (aLine.find('\0') != std::string_view::npos)
-        m_dwFaults |= CM_HTTP_FAULT_TEXT;
     // A usual line gets its terminator here and not on the heap.
     char szLine[1024];
     if (aLine.size() < sizeof(szLine)) {
@@ -205,18 +203,14 @@ BOOL CCmHttpHeaderArray::ParseHeaderLine(std::string_view aLine, CCmHttpAtom* aO
     return SetHeader(atom, strValue, 1);
 }
 
-// Remembers what SetHeader lets disappear and what matters to where messages end and to whom they go.
+// Remembers what SetHeader lets disappear and what matters to where messages end.
 void CCmHttpHeaderArray::NoteFraming(const CCmHttpAtom& aAtom, std::string_view aValue) {
-    if (aAtom == Atoms::Host) {
-        if (m_bHostSeen)
-            m_dwFaults |= CM_HTTP_FAULT_HOSTS;
-        m_bHostSeen = TRUE;
-    } else if (aAtom == Atoms::Content_Length || aAtom == Atoms::Transfer_Encoding) {
-        const std::string_view strValue = talvo::trim_spaces(aValue);
-        const CCmString* pLength = FindHeader(Atoms::Content_Length);
-        if (strValue.empty() || (aAtom == Atoms::Content_Length && pLength && *pLength != strValue))
-            m_dwFaults |= CM_HTTP_FAULT_LENGTH;
-    }
+    if (aAtom != Atoms::Content_Length && aAtom != Atoms::Transfer_Encoding)
+        return;
+    const std::string_view strValue = talvo::trim_spaces(aValue);
+    const CCmString* pLength = FindHeader(Atoms::Content_Length);
+    if (strValue.empty() || (aAtom == Atoms::Content_Length && pLength && *pLength != strValue))
+        m_dwFaults |= CM_HTTP_FAULT_LENGTH;
 }
 
 long CCmHttpHeaderArray::GetContentLength() const {

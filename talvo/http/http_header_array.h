@@ -12,10 +12,8 @@
 // What a head's lines did that the array has no room for. A careful receiver refuses such a message, as others on its way may
 // have read it differently.
 enum ECmHttpFault : DWORD {
-    CM_HTTP_FAULT_NAME = 0x1,    // a name or method that is no token (a folded line too), or a line without a colon
-    CM_HTTP_FAULT_LENGTH = 0x2,  // Content-Length again with another value, or it or Transfer-Encoding without one
-    CM_HTTP_FAULT_HOSTS = 0x4,   // Host came more than once
-    CM_HTTP_FAULT_TEXT = 0x8     // a first line with a NUL
+    CM_HTTP_FAULT_NAME = 0x1,   // a name or method that is no token (a folded line too), or a line without a colon
+    CM_HTTP_FAULT_LENGTH = 0x2  // Content-Length again with another value, or it or Transfer-Encoding without one
 };
 
 // A list of (atom, value) with one entry for each header. A value; one thread at a time. Booleans are TRUE for success or yes.
@@ -71,8 +69,6 @@ public:
     BOOL IsComplete() const { return m_bHeadersComplete; }
     DWORD GetFaults() const { return m_dwFaults; }  // bits of ECmHttpFault, of what was parsed since Clear
 
-    BOOL IsHostSeen() const { return m_bHostSeen; }  // a line Host was parsed since Clear, be it an empty one
-
     // The headers in order; aIndex is below the count.
     size_t GetCount() const { return m_stCount; }
     const CCmHttpAtom& GetName(size_t aIndex) const { return m_Entries[aIndex].m_Atom; }
@@ -115,5 +111,4 @@ private:
     size_t m_stCount = 0;
     std::vector<std::shared_ptr<const CCmString>> m_OwnNames;
     DWORD m_dwFaults = 0;
-    BOOL m_bHostSeen = FALSE;
 };

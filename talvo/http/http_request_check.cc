@@ -1,9 +1,9 @@
 #include "talvo/http/http_request_check.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <array>
+
+#include "talvo/http/http_text.h"
 
 namespace talvo {
 
@@ -13,7 +13,7 @@ constexpr int BAD_REQUEST = 400;
 constexpr int VERSION_NOT_SUPPORTED = 505;
 
 // What a byte may be part of.
-enum : BYTE { TOKEN = 1, TARGET = 2, VALUE = 4, HOST = 8 };
+enum : BYTE { TARGET = 1, VALUE = 2, HOST = 4 };
 
 constexpr std::array<BYTE, 256> MakeTable() {
     std::array<BYTE, 256> table{};
@@ -22,9 +22,6 @@ constexpr std::array<BYTE, 256> MakeTable() {
     table[' '] = table['\t'] = VALUE;
     for (const char c : std::string_view("/@?#\\,\"<>"))
         table[static_cast<BYTE>(c)] &= BYTE{0xFF} ^ HOST;
-    for (const char c : std::string_view("!#$%&'*+-.^_`|~0123456789"
-                                         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"))
-        table[static_cast<BYTE>(c)] |= TOKEN;
     return table;
 }
 
@@ -39,17 +36,6 @@ BOOL IsAll(std::string_view aText, BYTE aKind) {
 
 BOOL IsDigit(char aLetter) { return aLetter >= '0' && aLetter <= '9'; }
 
-BOOL IsName(std::string_view aName, std::string_view aOther) {
-    return aName.size() == aOther.size() && strncasecmp(aName.data(), aOther.data(), aName.size()) == 0;
-}
-
-std::string_view Trim(std::string_view aText) {
-    const size_t stBegin = aText.find_first_not_of(" \t");
-    if (stBegin == std::string_view::npos)
-        return {};
-    return aText.substr(stBegin, aText.find_last_not_of(" \t") - stBegin + 1);
-}
-
 }  // namespace
 
 int CHttpRequestCheck::OnRequestLine(std::string_view aLine) {
@@ -57,10 +43,10 @@ int CHttpRequestCheck::OnRequestLine(std::string_view aLine) {
     const size_t stTarget = stMethod == std::string_view::npos ? stMethod : aLine.find(' ', stMethod + 1);
     if (stTarget == std::string_view::npos || stMethod == 0 || stTarget == stMethod + 1)
         return BAD_REQUEST;
-    if (!IsAll(aLine.substr(0, stMethod), TOKEN) || !IsAll(aLine.substr(stMethod + 1, stTarget - stMethod - 1), TARGET))
+    if (!is_token(aLine.substr(0, stMethod)) || !IsAll(aLine.substr(stMethod + 1, stTarget - stMethod - 1), TARGET))
         return BAD_REQUEST;
     const std::string_view version = aLine.substr(stTarget + 1);
-    if (version.size() != 8 || !IsName(version.substr(0, 5), "HTTP/") || !IsDigit(version[5]) || version[6] != '.' ||
+    if (version.size() != 8 || !equal_no_case(version.substr(0, 5), "HTTP/") || !IsDigit(version[5]) || version[6] != '.' ||
         !IsDigit(version[7]))
         return BAD_REQUEST;
     m_bHostNeeded = version[7] == '1';
@@ -74,19 +60,19 @@ int CHttpRequestCheck::OnHeaderLine(std::string_view aLine) {
         return BAD_REQUEST;
     const std::string_view name = aLine.substr(0, stColon);
     const std::string_view value = aLine.substr(stColon + 1);
-    if (!IsAll(name, TOKEN) || !IsAll(value, VALUE))
+    if (!is_token(name) || !IsAll(value, VALUE))
         return BAD_REQUEST;
     return OnHeader(name, value);
 }
 
 int CHttpRequestCheck::OnHeader(std::string_view aName, std::string_view aValue) {
-    if (IsName(aName, "Host"))
-        return ++m_dwHosts == 1 && IsAll(Trim(aValue), HOST) ? 0 : BAD_REQUEST;
-    if (IsName(aName, "Transfer-Encoding"))
-        return Trim(aValue).empty() ? BAD_REQUEST : 0;
-    if (!IsName(aName, "Content-Length"))
+    if (equal_no_case(aName, "Host"))
+        return ++m_dwHosts == 1 && IsAll(trim_blanks(aValue), HOST) ? 0 : BAD_REQUEST;
+    if (equal_no_case(aName, "Transfer-Encoding"))
+        return trim_blanks(aValue).empty() ? BAD_REQUEST : 0;
+    if (!equal_no_case(aName, "Content-Length"))
         return 0;
-    const std::string_view length = Trim(aValue);
+    const std::string_view length = trim_blanks(aValue);
     const BOOL bNumber = !length.empty() && std::all_of(length.begin(), length.end(), IsDigit);
     return ++m_dwLengths == 1 && bNumber ? 0 : BAD_REQUEST;
 }

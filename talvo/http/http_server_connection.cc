@@ -77,9 +77,10 @@ void CHttpServerConnection::OnSend(ICmTransport*, CCmTransportParameter*) {
 void CHttpServerConnection::OnDisconnect(CmResult aReason, ICmTransport*) { End(aReason); }
 
 void CHttpServerConnection::OnTimer(CCmTimerWrapperID*) {
-    if (m_bBroken || (IsStarved_i() && m_State == BODY))
+    const BOOL bStarved = IsStarved_i();
+    if (m_bBroken || (bStarved && m_State == BODY))
         End(CM_ERROR_NETWORK_SOCKET_ERROR);
-    else if (IsStarved_i())
+    else if (bStarved)
         End(CM_OK);  // in order: what a proxy holds still goes out
     else
         RunHeld_i(FALSE);

@@ -117,9 +117,7 @@ void CHttpServerConnection::Settle_i() {
                 m_bBroken = TRUE;
         }
     }
-    if (m_bBroken)
-        return Kick_i();
-    if (IsStarved_i())
+    if (m_bBroken || IsStarved_i())
         return Kick_i();
     PauseReading_i(m_State != CLOSING && m_pHeld && m_pHeld->GetChainedLength() >= MOST_HELD);
     SetWait_i(GetWait_i());

@@ -1,6 +1,8 @@
 // A plain server whose every byte the test decides.
 #pragma once
 
+#include <netinet/tcp.h>
+
 #include <algorithm>
 #include <functional>
 #include <mutex>
@@ -44,6 +46,13 @@ public:
             if (send(m_Fd, aText.data() + i, std::min(nPiece, aText.size() - i), MSG_NOSIGNAL) <= 0)
                 return;
         }
+    }
+    // Behind what was sent.
+    void Reset() const {
+        const int nOn = 1;
+        EXPECT_EQ(0, setsockopt(m_Fd, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof nOn));
+        const sockaddr none{AF_UNSPEC, {}};
+        EXPECT_EQ(0, connect(m_Fd, &none, sizeof none));
     }
     void WaitForEnd() {
         while (Receive())

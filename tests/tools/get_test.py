@@ -52,19 +52,36 @@ class GetTest(unittest.TestCase):
         self.assertEqual(0, self.get(url, "--continue")[0])
         self.assertEqual(CONTENT, self.out.read_bytes())
 
-    def test_what_is_not_whole_does_not_get_its_name(self):
-        listener = socket.create_server(("127.0.0.1", 0))
-        self.addCleanup(listener.close)
+    def get_from(self, answer, *arguments):
+        """Of a server that says this and closes."""
+        with socket.create_server(("127.0.0.1", 0)) as listener:
+            def serve():
+                peer, _ = listener.accept()
+                with peer:
+                    peer.recv(65536)
+                    peer.sendall(answer)
+            thread = threading.Thread(target=serve)
+            thread.start()
+            done = self.get(f"http://127.0.0.1:{listener.getsockname()[1]}/", *arguments)
+            thread.join()
+        return done
 
-        def answer():
-            peer, _ = listener.accept()
-            with peer:
-                peer.recv(65536)
-                peer.sendall(b'HTTP/1.1 200 OK\r\nETag: "v1"\r\nContent-Length: 9\r\n\r\nhalf')
-        thread = threading.Thread(target=answer)
-        thread.start()
-        status, said = self.get(f"http://127.0.0.1:{listener.getsockname()[1]}/")
-        thread.join()
+    def test_only_the_rest_is_added(self):
+        for part, body, wrong in (("4-8/9", b"there", None), ("4-8/*", b"there", None),
+                                  ("3-8/9", b"?there", "another part than the rest"),
+                                  ("4-7/9", b"ther", "another part than the rest"),
+                                  ("4-8/9", b"there?", "more than the rest"), ("4-8/9", b"the", "less than the rest")):
+            self.part.write_bytes(b"over")
+            answer = f"HTTP/1.1 206 Partial Content\r\nContent-Range: bytes {part}\r\n\r\n".encode() + body
+            status, said = self.get_from(answer, "--continue")
+            self.assertEqual((1 if wrong else 0, True), (status, (wrong or "got") in said), said)
+            self.assertEqual(not wrong, self.out.exists())
+            if not wrong:
+                self.assertEqual(b"overthere", self.out.read_bytes())
+                self.out.unlink()
+
+    def test_what_is_not_whole_does_not_get_its_name(self):
+        status, said = self.get_from(b'HTTP/1.1 200 OK\r\nETag: "v1"\r\nContent-Length: 9\r\n\r\nhalf')
         self.assertEqual(1, status)
         self.assertIn("the connection broke inside the body", said)
         self.assertFalse(self.out.exists())

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "tools/byte_range.h"
+#include "tools/file_version.h"
 #include "tools/request_path.h"
 
 namespace tool {
@@ -50,6 +51,52 @@ TEST(ToolServeTest, OneRangeOrTheWhole) {
     for (const auto& [pRange, pResult] : CASES)
         EXPECT_EQ(pResult, parse(pRange)) << pRange;
     EXPECT_EQ("none", parse("bytes=0-", 0));
+
+    ContentRange range;
+    EXPECT_TRUE(ParseContentRange("bytes 5-8/9", range));
+    EXPECT_EQ("5 8 9",
+              std::to_string(range.m_ullFirst) + " " + std::to_string(range.m_ullLast) + " " + std::to_string(range.m_ullSize));
+    EXPECT_TRUE(ParseContentRange("bytes 5-5/*", range));
+    EXPECT_EQ(ContentRange::NO_SIZE, range.m_ullSize);
+    for (const char* pBad : {"", "bytes */9", "bytes 5-8", "bytes 5/9-8", "bytes 5-9/9", "bytes 6-5/9", "bytes -5-8/9",
+                             "bytes 0-99999999999999999999/*", "lines 5-8/9", "bytes 5-8/9x"})
+        EXPECT_FALSE(ParseContentRange(pBad, range)) << pBad;
+}
+
+// Each condition alone and where two meet, for a file of the given second.
+TEST(ToolServeTest, ConditionsAreJudgedInTheirOrder) {
+    struct stat status {};
+    status.st_mtim.tv_sec = 784111777;
+    status.st_size = 5;
+    const FileVersion version(status);
+    const std::string& strTag = version.GetTag();
+    const char* NOW = "Sun, 06 Nov 1994 08:49:37 GMT";
+    const char* BEFORE = "Sun, 06 Nov 1994 08:49:36 GMT";
+    const std::pair<std::vector<std::pair<const char*, std::string>>, long> CASES[] = {
+        {{}, 200},
+        {{{"If-Match", "\"a\", " + strTag}}, 200},
+        {{{"If-Match", "*"}}, 200},
+        {{{"If-Match", "\"a\", W/" + strTag}}, 412},
+        {{{"If-Unmodified-Since", NOW}}, 200},
+        {{{"If-Unmodified-Since", BEFORE}}, 412},
+        {{{"If-Unmodified-Since", "yesterday"}}, 200},
+        {{{"If-Match", strTag}, {"If-Unmodified-Since", BEFORE}}, 200},
+        {{{"If-Match", "\"a\""}, {"If-None-Match", strTag}}, 412},
+        {{{"If-Match", strTag}, {"If-None-Match", strTag}}, 304},
+        {{{"If-None-Match", "\"a\" , W/" + strTag}}, 304},
+        {{{"If-None-Match", "\"a\""}, {"If-Modified-Since", NOW}}, 200},
+        {{{"If-Modified-Since", NOW}}, 304},
+        {{{"If-Modified-Since", BEFORE}}, 200},
+    };
+    for (const auto& [conditions, lStatus] : CASES) {
+        CCmHttpRequestHead request;
+        std::string strAll;
+        for (const auto& [pName, strValue] : conditions) {
+            strAll += pName + (": " + strValue + "\n");
+            request.SetHeader(request.ResolveName(pName), strValue, FALSE);
+        }
+        EXPECT_EQ(lStatus, version.JudgeConditions(request)) << strAll;
+    }
 }
 
 }  // namespace tool

@@ -28,14 +28,6 @@ TEST_F(ProtocolProxyTest, WhatComesBeforeTheOpeningIsKeptItsEndIncluded) {
     EXPECT_EQ(3, connection.m_Sink.Upcalls());
     EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, connection.m_Sink.m_Reason);
     EXPECT_EQ(CM_ERROR_NULL_POINTER, connection.m_pProxy->OpenWithSink(&connection.m_Sink));
-
-    CFakeConnection released(m_Network, PACKAGE_TCP);
-    released.m_Sink.m_Receive = [&] { released.m_pProxy.Reset(); };
-    released.Receive("a");
-    released.Receive("b");
-    released.Open();
-    m_Network.RunPosted();
-    EXPECT_EQ(1, released.m_Sink.Upcalls());
 }
 
 TEST_F(ProtocolProxyTest, AnEndBeforeTheOpeningIsTold) {

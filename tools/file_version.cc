@@ -1,0 +1,67 @@
+#include "tools/file_version.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <string_view>
+
+namespace tool {
+
+namespace {
+
+using Atoms = CCmHttpAtomList;
+
+// aWeakToo: one that stands there as weak, "W/" before it, counts as well.
+bool IsListed(std::string_view aTags, std::string_view aTag, bool aWeakToo) {
+    if (aTags == "*")
+        return true;
+    for (std::string_view element; talvo::next_element(aTags, element);) {
+        if (aWeakToo && element.starts_with("W/"))
+            element.remove_prefix(2);
+        if (element == aTag)
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+FileVersion::FileVersion(const struct stat& aStatus) : m_llModified(aStatus.st_mtim.tv_sec) {
+    char szTag[64];
+    const uint64_t ullNanoseconds =
+        static_cast<uint64_t>(aStatus.st_mtim.tv_sec) * 1000000000 + static_cast<uint64_t>(aStatus.st_mtim.tv_nsec);
+    std::snprintf(szTag, sizeof szTag, "\"%" PRIx64 "-%" PRIx64 "\"", ullNanoseconds, static_cast<uint64_t>(aStatus.st_size));
+    m_strTag = szTag;
+}
+
+long FileVersion::JudgeConditions(const CCmHttpRequestHead& aRequest) const {
+    if (!IsMeant(aRequest))
+        return 412;
+    return IsNotModified(aRequest) ? 304 : 200;
+}
+
+// Tags decide where there are any, and a date that cannot be read says nothing.
+bool FileVersion::IsMeant(const CCmHttpRequestHead& aRequest) const {
+    if (const CCmString* pTags = aRequest.FindHeader(Atoms::If_Match))
+        return IsListed(*pTags, m_strTag, false);
+    const CCmString* pDate = aRequest.FindHeader(Atoms::If_Unmodified_Since);
+    int64_t llDate = 0;
+    return !pDate || !talvo::parse_http_date(*pDate, llDate) || m_llModified <= llDate;
+}
+
+bool FileVersion::IsNotModified(const CCmHttpRequestHead& aRequest) const {
+    if (const CCmString* pTags = aRequest.FindHeader(Atoms::If_None_Match))
+        return IsListed(*pTags, m_strTag, true);
+    const CCmString* pDate = aRequest.FindHeader(Atoms::If_Modified_Since);
+    int64_t llDate = 0;
+    return pDate && talvo::parse_http_date(*pDate, llDate) && m_llModified <= llDate;
+}
+
+bool FileVersion::IsRangeMeant(const CCmHttpRequestHead& aRequest) const {
+    const CCmString* pIf = aRequest.FindHeader(Atoms::If_Range);
+    if (!pIf || *pIf == m_strTag)
+        return true;
+    int64_t llDate = 0;
+    return talvo::parse_http_date(*pIf, llDate) && m_llModified == llDate;
+}
+
+}  // namespace tool
