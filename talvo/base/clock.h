@@ -18,7 +18,7 @@ public:
 class TALVO_API CCmClock {
 public:
     // The time of day of all time-outs: the wall time taken once, advanced by the monotonic clock. A stepped system clock
-    // therefore moves no time-out. Microseconds since 1970.
+    // therefore moves no time-out. Microseconds since 1970, from the system late by one at most.
     static int64_t GetTimeOfDayUsec();
 
     // The true wall time, for people to read. Microseconds since 1970.

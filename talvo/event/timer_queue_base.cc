@@ -105,20 +105,31 @@ int CCmTimerQueueBase::FirePass_i(int64_t aNow) {
     const CCmTimeValue tvNow = CCmTimeValue::FromUsec(aNow);
 
     int nFired = 0;
-    int64_t llEarliest = 0;
     CNode node;
-    while (GetEarliestTime_l(llEarliest) == 0 && llEarliest <= llPassNow && PopFirstNode_l(node) == 0) {
-        if (node.m_dwCount != COUNT_WITHOUT_END)
-            --node.m_dwCount;
-        if (node.m_dwCount > 0 && node.m_llInterval > 0) {
-            node.m_llExpires = NextExpiry(node.m_llExpires, node.m_llInterval, llPassNow);
-            RePushNode_l(node);
-        }
+    while (PopDueNode_l(llPassNow, node)) {
         ++nFired;
         node.m_pEh->OnTimeout(tvNow, node.m_pArg);
     }
     m_bInPass = bOuterInPass;
     return nFired;
+}
+
+BOOL CCmTimerQueueBase::PopDueNode_l(int64_t aNow, CNode& aNode) {
+    int64_t llEarliest = 0;
+    if (GetEarliestTime_l(llEarliest) == -1 || llEarliest > aNow || PopFirstNode_l(aNode) != 0)
+        return FALSE;
+    if (Advance(aNode, aNow))
+        RePushNode_l(aNode);
+    return TRUE;
+}
+
+BOOL CCmTimerQueueBase::Advance(CNode& aNode, int64_t aNow) {
+    if (aNode.m_dwCount != COUNT_WITHOUT_END)
+        --aNode.m_dwCount;
+    if (aNode.m_dwCount == 0 || aNode.m_llInterval <= 0)
+        return FALSE;
+    aNode.m_llExpires = NextExpiry(aNode.m_llExpires, aNode.m_llInterval, aNow);
+    return TRUE;
 }
 
 void CCmTimerQueueBase::RunPendingDeletions() {

@@ -52,6 +52,12 @@ protected:
     virtual int PopFirstNode_l(CNode& aNode) = 0;
     // The first expiry in microseconds. 0, or -1 when the queue is empty.
     virtual int GetEarliestTime_l(int64_t& aExpires) const = 0;
+    // Takes out the node that expires first, if it is due at aNow, and puts it back at its next expiry if it has one: one step
+    // for a queue that can do better than to pop and to push. FALSE: none is due.
+    virtual BOOL PopDueNode_l(int64_t aNow, CNode& aNode);
+
+    // Counts one firing at aNow and moves the expiry on. FALSE: that was the last.
+    static BOOL Advance(CNode& aNode, int64_t aNow);
 
     CCmMutexNullSingleThread m_Mutex;
 

@@ -1,161 +1,211 @@
 #include "talvo/event/timer_queue_ordered_list.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace {
 
-constexpr DWORD ARITY = 4;
 constexpr DWORD EMPTY = 0xFFFFFFFF;
 constexpr size_t SMALLEST_TABLE = 16;
+constexpr int64_t NEVER = std::numeric_limits<int64_t>::max();
+
+// Fibonacci hashing: the high bits of the product mix all bits of the address.
+DWORD HashOf(const ICmTimerHandler* aEh) {
+    return static_cast<DWORD>((reinterpret_cast<uintptr_t>(aEh) * 0x9E3779B97F4A7C15u) >> 32);
+}
 
 }  // namespace
 
 CCmTimerQueueOrderedList::~CCmTimerQueueOrderedList() { RunPendingDeletions(); }
 
 int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
-    if ((m_Heap.size() + 1) * 2 > m_Table.size())
+    if ((m_dwEnd - ROOT) * size_t{2} >= m_Table.size())
         Grow();
-    const DWORD dwPosition = Find(aNode.m_pEh);
-    const CHeapItem item{aNode.m_llExpires, ++m_ullPushes, m_Table[dwPosition]};
-    if (item.m_dwSlot != EMPTY) {
-        CSlot& slot = m_Slots[item.m_dwSlot];
-        slot.m_Node = aNode;
-        Settle(slot.m_dwHeapIndex, item);
-        return 1;
-    }
-    DWORD dwSlot = static_cast<DWORD>(m_Slots.size());
-    if (m_FreeSlots.empty()) {
-        m_Slots.push_back({aNode, 0});
-    } else {
-        dwSlot = m_FreeSlots.back();
-        m_FreeSlots.pop_back();
-        m_Slots[dwSlot].m_Node = aNode;
-    }
-    m_Table[dwPosition] = dwSlot;
-    m_Heap.emplace_back();
-    SiftUp(static_cast<DWORD>(m_Heap.size() - 1), {item.m_llExpires, item.m_ullPushed, dwSlot});
-    return 0;
+    const DWORD dwHash = HashOf(aNode.m_pEh);
+    CEntry& entry = m_Table[Find(dwHash, aNode.m_pEh)];
+    const DWORD dwOrder = NextOrder();
+    const bool bNew = entry.m_dwSlot == EMPTY;
+    if (bNew)
+        entry = {dwHash, Item(m_dwEnd).m_dwSlot};
+    m_Slots[entry.m_dwSlot] = {aNode.m_pEh, aNode.m_pArg, aNode.m_llInterval, aNode.m_dwCount};
+    const CHeapItem item{aNode.m_llExpires, dwOrder, entry.m_dwSlot};
+    if (bNew)
+        SiftUp(m_dwEnd++, item);
+    else
+        Settle(m_HeapIndexes[item.m_dwSlot], item);
+    return bNew ? 0 : 1;
 }
 
 int CCmTimerQueueOrderedList::RePushNode_l(const CNode& aNode) { return PushNode_l(aNode); }
 
 int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
-    if (m_Heap.empty())
+    if (m_dwEnd == ROOT)
         return 1;
-    const DWORD dwPosition = Find(aEh);
-    if (m_Table[dwPosition] == EMPTY)
+    const DWORD dwPosition = Find(HashOf(aEh), aEh);
+    const DWORD dwSlot = m_Table[dwPosition].m_dwSlot;
+    if (dwSlot == EMPTY)
         return 1;
-    RemoveSlot(dwPosition);
+    RemoveFromTable(dwPosition);
+    RemoveFromHeap(m_HeapIndexes[dwSlot]);
     return 0;
 }
 
 int CCmTimerQueueOrderedList::PopFirstNode_l(CNode& aNode) {
-    if (m_Heap.empty())
+    if (m_dwEnd == ROOT)
         return -1;
-    aNode = m_Slots[m_Heap[0].m_dwSlot].m_Node;
-    RemoveSlot(Find(aNode.m_pEh));
+    LoadFirst(aNode);
+    RemoveFirst();
     return 0;
+}
+
+BOOL CCmTimerQueueOrderedList::PopDueNode_l(int64_t aNow, CNode& aNode) {
+    if (m_dwEnd == ROOT || Item(ROOT).m_llExpires > aNow)
+        return FALSE;
+    LoadFirst(aNode);
+    if (Advance(aNode, aNow)) {
+        const DWORD dwSlot = Item(ROOT).m_dwSlot;
+        m_Slots[dwSlot].m_dwCount = aNode.m_dwCount;
+        SiftDown(ROOT, {aNode.m_llExpires, NextOrder(), dwSlot});
+    } else {
+        RemoveFirst();
+    }
+    return TRUE;
 }
 
 int CCmTimerQueueOrderedList::GetEarliestTime_l(int64_t& aExpires) const {
-    if (m_Heap.empty())
+    if (m_dwEnd == ROOT)
         return -1;
-    aExpires = m_Heap[0].m_llExpires;
+    aExpires = m_Heap[0].m_Items[ROOT].m_llExpires;
     return 0;
 }
 
+void CCmTimerQueueOrderedList::LoadFirst(CNode& aNode) {
+    const CHeapItem& item = Item(ROOT);
+    const CSlot& slot = m_Slots[item.m_dwSlot];
+    aNode = {slot.m_pEh, slot.m_pArg, slot.m_llInterval, item.m_llExpires, slot.m_dwCount};
+}
+
+// Without branches, which nobody could foretell.
 bool CCmTimerQueueOrderedList::FiresBefore(const CHeapItem& a, const CHeapItem& b) {
-    return a.m_llExpires != b.m_llExpires ? a.m_llExpires < b.m_llExpires : a.m_ullPushed > b.m_ullPushed;
+    return (a.m_llExpires < b.m_llExpires) | ((a.m_llExpires == b.m_llExpires) & (a.m_dwOrder < b.m_dwOrder));
+}
+
+DWORD CCmTimerQueueOrderedList::FirstOfFamily(DWORD aFamily) const {
+    const CHeapItem* pItems = m_Heap[aFamily].m_Items;
+    const DWORD dwLeft = FiresBefore(pItems[1], pItems[0]);
+    const DWORD dwRight = 2 + DWORD{FiresBefore(pItems[3], pItems[2])};
+    return aFamily * ARITY + (FiresBefore(pItems[dwRight], pItems[dwLeft]) ? dwRight : dwLeft);
 }
 
 void CCmTimerQueueOrderedList::Place(DWORD aIndex, const CHeapItem& aItem) {
-    m_Heap[aIndex] = aItem;
-    m_Slots[aItem.m_dwSlot].m_dwHeapIndex = aIndex;
+    Item(aIndex) = aItem;
+    m_HeapIndexes[aItem.m_dwSlot] = aIndex;
 }
 
 // Both sifts move the hole at aIndex to where aItem belongs.
 void CCmTimerQueueOrderedList::SiftUp(DWORD aIndex, const CHeapItem& aItem) {
-    while (aIndex > 0) {
-        const DWORD dwParent = (aIndex - 1) / ARITY;
-        if (!FiresBefore(aItem, m_Heap[dwParent]))
+    while (aIndex > ROOT) {
+        const DWORD dwParent = aIndex / ARITY + 2;
+        if (!FiresBefore(aItem, Item(dwParent)))
             break;
-        Place(aIndex, m_Heap[dwParent]);
+        Place(aIndex, Item(dwParent));
         aIndex = dwParent;
     }
     Place(aIndex, aItem);
 }
 
 void CCmTimerQueueOrderedList::SiftDown(DWORD aIndex, const CHeapItem& aItem) {
-    const DWORD dwSize = static_cast<DWORD>(m_Heap.size());
     for (;;) {
-        const DWORD dwFirst = aIndex * ARITY + 1;
-        if (dwFirst >= dwSize)
+        const DWORD dwFamily = aIndex - 2;  // of the children
+        if (dwFamily * ARITY >= m_dwEnd)
             break;
-        DWORD dwBest = dwFirst;
-        for (DWORD dwChild = dwFirst + 1; dwChild < std::min(dwFirst + ARITY, dwSize); ++dwChild) {
-            if (FiresBefore(m_Heap[dwChild], m_Heap[dwBest]))
-                dwBest = dwChild;
-        }
-        if (!FiresBefore(m_Heap[dwBest], aItem))
+        const DWORD dwBest = FirstOfFamily(dwFamily);
+        if (!FiresBefore(Item(dwBest), aItem))
             break;
-        Place(aIndex, m_Heap[dwBest]);
+        Place(aIndex, Item(dwBest));
         aIndex = dwBest;
     }
     Place(aIndex, aItem);
 }
 
 void CCmTimerQueueOrderedList::Settle(DWORD aIndex, const CHeapItem& aItem) {
-    if (aIndex > 0 && FiresBefore(aItem, m_Heap[(aIndex - 1) / ARITY]))
+    if (aIndex > ROOT && FiresBefore(aItem, Item(aIndex / ARITY + 2)))
         SiftUp(aIndex, aItem);
     else
         SiftDown(aIndex, aItem);
 }
 
+DWORD CCmTimerQueueOrderedList::NextOrder() {
+    if (m_dwNextOrder == 0)
+        Renumber();
+    return --m_dwNextOrder;
+}
+
+// Begins the count anew behind the timers that wait, in the order they have. A sorted array is a heap.
+void CCmTimerQueueOrderedList::Renumber() {
+    std::vector<CHeapItem> items;
+    for (DWORD dwIndex = ROOT; dwIndex < m_dwEnd; ++dwIndex)
+        items.push_back(Item(dwIndex));
+    std::sort(items.begin(), items.end(), FiresBefore);
+    m_dwNextOrder = EMPTY;
+    for (; !items.empty(); items.pop_back())
+        Place(ROOT + static_cast<DWORD>(items.size()) - 1, {items.back().m_llExpires, --m_dwNextOrder, items.back().m_dwSlot});
+}
+
+// The last item fills the gap; the slot that is free now stands where the last was.
 void CCmTimerQueueOrderedList::RemoveFromHeap(DWORD aIndex) {
-    const CHeapItem last = m_Heap.back();
-    m_Heap.pop_back();
-    if (aIndex < m_Heap.size())
+    const CHeapItem last = Item(--m_dwEnd);
+    Item(m_dwEnd) = {NEVER, 0, Item(aIndex).m_dwSlot};
+    if (aIndex < m_dwEnd)
         Settle(aIndex, last);
 }
 
-// Fibonacci hashing: the high bits of the product mix all bits of the address.
-DWORD CCmTimerQueueOrderedList::Home(const ICmTimerHandler* aEh) const {
-    const uint64_t ullHash = reinterpret_cast<uintptr_t>(aEh) * 0x9E3779B97F4A7C15u;
-    return static_cast<DWORD>(ullHash >> 32) & static_cast<DWORD>(m_Table.size() - 1);
+void CCmTimerQueueOrderedList::RemoveFirst() {
+    const DWORD dwMask = static_cast<DWORD>(m_Table.size() - 1);
+    const DWORD dwSlot = Item(ROOT).m_dwSlot;
+    DWORD dwPosition = HashOf(m_Slots[dwSlot].m_pEh) & dwMask;
+    while (m_Table[dwPosition].m_dwSlot != dwSlot)
+        dwPosition = (dwPosition + 1) & dwMask;
+    RemoveFromTable(dwPosition);
+    RemoveFromHeap(ROOT);
 }
 
 // The handler's position in the table, or the empty one where it would go.
-DWORD CCmTimerQueueOrderedList::Find(const ICmTimerHandler* aEh) const {
+DWORD CCmTimerQueueOrderedList::Find(DWORD aHash, const ICmTimerHandler* aEh) const {
     const DWORD dwMask = static_cast<DWORD>(m_Table.size() - 1);
-    DWORD dwPosition = Home(aEh);
-    while (m_Table[dwPosition] != EMPTY && m_Slots[m_Table[dwPosition]].m_Node.m_pEh != aEh)
-        dwPosition = (dwPosition + 1) & dwMask;
-    return dwPosition;
-}
-
-void CCmTimerQueueOrderedList::Grow() {
-    m_Table.assign(std::max(m_Table.size() * 2, SMALLEST_TABLE), EMPTY);
-    for (const CHeapItem& item : m_Heap)
-        m_Table[Find(m_Slots[item.m_dwSlot].m_Node.m_pEh)] = item.m_dwSlot;
+    for (DWORD dwPosition = aHash & dwMask;; dwPosition = (dwPosition + 1) & dwMask) {
+        const CEntry& entry = m_Table[dwPosition];
+        if (entry.m_dwSlot == EMPTY || (entry.m_dwHash == aHash && m_Slots[entry.m_dwSlot].m_pEh == aEh))
+            return dwPosition;
+    }
 }
 
 // Closes the gap: whatever stands behind it in the same run and may move up does, so that probing never meets a hole.
 void CCmTimerQueueOrderedList::RemoveFromTable(DWORD aPosition) {
     const DWORD dwMask = static_cast<DWORD>(m_Table.size() - 1);
     DWORD dwGap = aPosition;
-    for (DWORD dwNext = (dwGap + 1) & dwMask; m_Table[dwNext] != EMPTY; dwNext = (dwNext + 1) & dwMask) {
-        const DWORD dwHome = Home(m_Slots[m_Table[dwNext]].m_Node.m_pEh);
-        if (((dwNext - dwHome) & dwMask) < ((dwNext - dwGap) & dwMask))
+    for (DWORD dwNext = (dwGap + 1) & dwMask; m_Table[dwNext].m_dwSlot != EMPTY; dwNext = (dwNext + 1) & dwMask) {
+        if (((dwNext - m_Table[dwNext].m_dwHash) & dwMask) < ((dwNext - dwGap) & dwMask))
             continue;
         m_Table[dwGap] = m_Table[dwNext];
         dwGap = dwNext;
     }
-    m_Table[dwGap] = EMPTY;
+    m_Table[dwGap].m_dwSlot = EMPTY;
 }
 
-void CCmTimerQueueOrderedList::RemoveSlot(DWORD aPosition) {
-    const DWORD dwSlot = m_Table[aPosition];
-    RemoveFromTable(aPosition);
-    RemoveFromHeap(m_Slots[dwSlot].m_dwHeapIndex);
-    m_FreeSlots.push_back(dwSlot);
+void CCmTimerQueueOrderedList::Grow() {
+    const size_t nTable = std::max(m_Table.size() * 2, SMALLEST_TABLE);
+    const DWORD dwTimers = m_dwEnd - ROOT;
+    const DWORD dwCapacity = static_cast<DWORD>(nTable / 2);
+    m_Slots.resize(dwCapacity);
+    m_HeapIndexes.resize(dwCapacity);
+    m_Heap.resize((ROOT + dwCapacity + ARITY - 1) / ARITY);
+    for (DWORD dwIndex = m_dwEnd; dwIndex < m_Heap.size() * ARITY; ++dwIndex)
+        Item(dwIndex) = {NEVER, 0, dwIndex - ROOT};
+
+    m_Table.assign(nTable, {0, EMPTY});
+    for (DWORD dwSlot = 0; dwSlot < dwTimers; ++dwSlot) {
+        const DWORD dwHash = HashOf(m_Slots[dwSlot].m_pEh);
+        m_Table[Find(dwHash, m_Slots[dwSlot].m_pEh)] = {dwHash, dwSlot};
+    }
 }
