@@ -35,7 +35,8 @@ public:
             return;
         }
         const size_t nTaken = std::min(aCount, aFrom.size());
-        m_Row.insert(m_Row.end(), aFrom.begin(), aFrom.begin() + nTaken);
+        for (size_t n = 0; n < nTaken; ++n)
+            m_Row.push_back(aFrom.begin()[n]);
         aFrom.DropFront(nTaken);
     }
 

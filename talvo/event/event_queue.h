@@ -1,6 +1,9 @@
 // Work handed to a thread: the event and the queue it waits in.
 #pragma once
 
+#include <cstddef>
+#include <new>
+
 #include "talvo/base/export.h"
 #include "talvo/base/result.h"
 #include "talvo/base/types.h"
@@ -15,6 +18,17 @@ public:
     // another thread. Deletes the event unless overridden.
     virtual void OnDestorySelf();
     virtual ~ICmEvent();
+
+    // The memory of events is made for going from thread to thread; a class may have its own instead.
+    static void* operator new(size_t aSize);
+    static void* operator new(size_t aSize, const std::nothrow_t&) noexcept;
+    static void* operator new(size_t aSize, std::align_val_t aAlign) { return ::operator new(aSize, aAlign); }
+    static void* operator new(size_t, void* aPlace) noexcept { return aPlace; }
+    static void operator delete(void* aMemory, size_t aSize) noexcept;
+    static void operator delete(void* aMemory, size_t, std::align_val_t aAlign) noexcept { ::operator delete(aMemory, aAlign); }
+    // For a constructor that throws.
+    static void operator delete(void* aMemory, const std::nothrow_t&) noexcept { ::operator delete(aMemory); }
+    static void operator delete(void*, void*) noexcept {}
 };
 
 // The queue of one thread, and its thread's: who may outlive that thread posts through its CCmThreadLink instead.

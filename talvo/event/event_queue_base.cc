@@ -6,10 +6,20 @@
 #include "talvo/base/ensure_single_thread.h"
 #include "talvo/base/trace.h"
 #include "talvo/event/event_batch.h"
+#include "talvo/event/event_memory.h"
 #include "talvo/event/event_synchronous.h"
 
 ICmEvent::~ICmEvent() = default;
 void ICmEvent::OnDestorySelf() { delete this; }
+void* ICmEvent::operator new(size_t aSize) { return talvo::take_event_memory(aSize); }
+void* ICmEvent::operator new(size_t aSize, const std::nothrow_t&) noexcept {
+    try {
+        return talvo::take_event_memory(aSize);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+void ICmEvent::operator delete(void* aMemory, size_t aSize) noexcept { talvo::give_event_memory(aMemory, aSize); }
 ICmEventQueue::~ICmEventQueue() = default;
 
 CCmTimeValue CCmEventQueueBase::s_tvReportInterval(0, 100000);

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
+
 #include "talvo/event/event_queue_using_condition_variable.h"
 #include "talvo/event/event_queue_using_mutex.h"
 #include "tests/support/event_helpers.h"
@@ -12,6 +15,29 @@ std::vector<std::unique_ptr<CCmEventQueueBase>> AllKinds() {
     queues.push_back(std::make_unique<CCmEventQueueUsingMutex>());
     queues.push_back(std::make_unique<CCmEventQueueUsingConditionVariable>());
     return queues;
+}
+
+template <size_t SIZE, size_t ALIGN>
+class alignas(ALIGN) CMarkedEvent : public ICmEvent {
+public:
+    explicit CMarkedEvent(unsigned char aMark) { m_Bytes.fill(aMark); }
+    CmResult OnEventFire() override { return CM_OK; }
+    bool IsWhole(unsigned char aMark) const {
+        return std::ranges::all_of(m_Bytes, [aMark](unsigned char a) { return a == aMark; });
+    }
+
+private:
+    std::array<unsigned char, SIZE> m_Bytes;
+};
+
+template <class Function>
+void ForEachSize(Function aFunction) {
+    aFunction.template operator()<1, 8>();
+    aFunction.template operator()<56, 8>();  // with the pointer to its functions just a cache line,
+    aFunction.template operator()<57, 8>();  // and just more
+    aFunction.template operator()<248, 8>();
+    aFunction.template operator()<1000, 8>();
+    aFunction.template operator()<100, 128>();
 }
 
 }  // namespace
@@ -46,4 +72,52 @@ TEST(EventQueueTest, AnEventMayPostWhileItIsDestroyed) {
         pQueue->DestoryPendingEvents();
         EXPECT_EQ(2, fate.m_nDestroyed);
     }
+}
+
+TEST(EventQueueTest, BatchesComeInOrderAndSayWhatIsLeft) {
+    CCmEventQueueUsingMutex queue;
+    std::vector<int> ran;
+    const auto post = [&](int aFirst, int aLast) {
+        for (int n = aFirst; n <= aLast; ++n)
+            PostTo(queue, [&ran, n] { ran.push_back(n); });
+    };
+    const auto run = [&](unsigned long aMaxCount) {
+        CCmEventQueueBase::EventsType events;
+        unsigned long ulRemain = 99;
+        EXPECT_EQ(CM_OK, queue.PopPendingEventsWithLock(events, aMaxCount, &ulRemain));
+        EXPECT_EQ(ulRemain, queue.GetPendingEventsCount());
+        queue.ProcessEvents(events);
+        return ulRemain;
+    };
+    post(1, 7);
+    EXPECT_EQ(7u, run(0));
+    EXPECT_EQ(2u, run(5));
+    post(8, 40);
+    EXPECT_EQ(34u, run(1));  // the rest is pending in two places
+    EXPECT_EQ(29u, run(5));
+    post(41, 60);
+    EXPECT_EQ(0u, run(0xFFFFFFFF));
+    CCmEventQueueBase::EventsType events;
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, queue.PopPendingEventsWithLock(events, 5, nullptr));
+    ASSERT_EQ(60u, ran.size());
+    EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
+}
+
+TEST(EventQueueTest, EventsOfAnySizeMayEndInAnotherThread) {
+    ForEachSize([]<size_t SIZE, size_t ALIGN>() {
+        for (int nRound = 0; nRound < 3; ++nRound) {
+            std::vector<CMarkedEvent<SIZE, ALIGN>*> events;
+            std::thread([&] {
+                for (unsigned char n = 0; n < 200; ++n)
+                    events.push_back(new CMarkedEvent<SIZE, ALIGN>(n));
+            }).join();
+            std::thread([&] {
+                for (unsigned char n = 0; n < 200; ++n) {
+                    EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(events[n]) % ALIGN);
+                    EXPECT_TRUE(events[n]->IsWhole(n));  // no two have shared a byte
+                    events[n]->OnDestorySelf();
+                }
+            }).join();
+        }
+    });
 }

@@ -1,0 +1,143 @@
+#include "talvo/event/event_memory.h"
+
+#include <algorithm>
+#include <array>
+#include <mutex>
+#include <new>
+#include <utility>
+
+namespace talvo {
+
+namespace {
+
+constexpr size_t GRAIN = 64;  // bytes, a cache line: no two events share one
+constexpr size_t SIZES = 4;   // so many multiples of it are kept, larger blocks are not
+constexpr size_t BATCH = 32;  // blocks that change hands in one go
+constexpr size_t MOST_BATCHES = 16;
+constexpr size_t AHEAD = 6;  // blocks
+
+// Memory that is used again hides from the sanitizer who uses it too late.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool KEEPS = false;
+#elif defined(__has_feature)
+constexpr bool KEEPS = !__has_feature(address_sanitizer);
+#else
+constexpr bool KEEPS = true;
+#endif
+
+// Batches of one size that no thread has.
+class CDepot {
+public:
+    bool Take(void** aBlocks) {
+        const std::lock_guard guard(m_Mutex);
+        if (m_nBatches == 0)
+            return false;
+        std::ranges::copy(m_Batches[--m_nBatches], aBlocks);
+        return true;
+    }
+    bool Give(void* const* aBlocks) {
+        const std::lock_guard guard(m_Mutex);
+        if (m_nBatches == MOST_BATCHES)
+            return false;
+        std::copy_n(aBlocks, BATCH, m_Batches[m_nBatches++].begin());
+        return true;
+    }
+
+private:
+    std::mutex m_Mutex;
+    size_t m_nBatches = 0;
+    std::array<std::array<void*, BATCH>, MOST_BATCHES> m_Batches{};
+};
+
+constinit std::array<CDepot, SIZES> s_Depots;  // what they hold is kept to the end: events may end late
+
+// A thread's blocks of one size.
+class CShelf {
+public:
+    CShelf() = default;
+    ~CShelf() { Free(m_nBlocks); }
+    CShelf(const CShelf&) = delete;
+    CShelf& operator=(const CShelf&) = delete;
+
+    void* Take(size_t aIndex) {
+        if (m_nBlocks == 0 && !Fetch(s_Depots[aIndex]))
+            return ::operator new((aIndex + 1) * GRAIN);
+        if (--m_nBlocks >= AHEAD)
+            __builtin_prefetch(m_Blocks[m_nBlocks - AHEAD], 1);
+        return m_Blocks[m_nBlocks];
+    }
+    void Give(size_t aIndex, void* aMemory) {
+        if (m_nBlocks == m_Blocks.size())
+            HandOn(s_Depots[aIndex]);
+        m_Blocks[m_nBlocks++] = aMemory;
+    }
+
+private:
+    bool Fetch(CDepot& aDepot) {
+        if (!aDepot.Take(m_Blocks.data()))
+            return false;
+        m_nBlocks = BATCH;
+        for (size_t n = BATCH - AHEAD; n < BATCH; ++n)
+            __builtin_prefetch(m_Blocks[n], 1);
+        return true;
+    }
+    // The oldest, which this processor has at hand the least.
+    void HandOn(CDepot& aDepot) {
+        if (!aDepot.Give(m_Blocks.data()))
+            Free(BATCH);
+        std::copy(m_Blocks.begin() + BATCH, m_Blocks.begin() + static_cast<long>(m_nBlocks), m_Blocks.begin());
+        m_nBlocks -= BATCH;
+    }
+    void Free(size_t aCount) {
+        for (size_t n = 0; n < aCount; ++n)
+            ::operator delete(m_Blocks[n]);
+    }
+
+    size_t m_nBlocks = 0;
+    std::array<void*, 2 * BATCH> m_Blocks;
+};
+
+using CShelves = std::array<CShelf, SIZES>;
+
+// Every event asks for these, which this model of thread-local storage makes cheap; it is for a few bytes only.
+[[gnu::tls_model("initial-exec")]] constinit thread_local CShelves* t_pShelves = nullptr;
+[[gnu::tls_model("initial-exec")]] constinit thread_local bool t_bEnded = false;
+
+struct CShelvesEnd {
+    ~CShelvesEnd() {
+        delete std::exchange(t_pShelves, nullptr);
+        t_bEnded = true;
+    }
+};
+
+// Null: without, for want of memory or because the thread is about to end.
+CShelves* GetShelves() {
+    if (t_pShelves || t_bEnded)
+        return t_pShelves;
+    t_pShelves = new (std::nothrow) CShelves;
+    static thread_local CShelvesEnd end;
+    return t_pShelves;
+}
+
+bool IsKept(size_t aSize) { return KEEPS && aSize - 1 < SIZES * GRAIN; }
+
+}  // namespace
+
+void* take_event_memory(size_t aSize) {
+    CShelves* pShelves = IsKept(aSize) ? GetShelves() : nullptr;
+    const size_t nIndex = (aSize - 1) / GRAIN;
+    if (pShelves)
+        return (*pShelves)[nIndex].Take(nIndex);
+    return ::operator new(IsKept(aSize) ? (nIndex + 1) * GRAIN : aSize);  // another thread may keep it
+}
+
+void give_event_memory(void* aMemory, size_t aSize) noexcept {
+    CShelves* pShelves = IsKept(aSize) && aMemory ? GetShelves() : nullptr;
+    const size_t nIndex = (aSize - 1) / GRAIN;
+    if (pShelves)
+        (*pShelves)[nIndex].Give(nIndex, aMemory);
+    else
+        ::operator delete(aMemory);
+}
+
+}  // namespace talvo
