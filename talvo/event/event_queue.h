@@ -26,8 +26,8 @@ public:
     static void* operator new(size_t, void* aPlace) noexcept { return aPlace; }
     static void operator delete(void* aMemory, size_t aSize) noexcept;
     static void operator delete(void* aMemory, size_t, std::align_val_t aAlign) noexcept { ::operator delete(aMemory, aAlign); }
-    // For a constructor that throws.
-    static void operator delete(void* aMemory, const std::nothrow_t&) noexcept { ::operator delete(aMemory); }
+    // The last two are for constructors that throw.
+    static void operator delete(void* aMemory, const std::nothrow_t&) noexcept;
     static void operator delete(void*, void*) noexcept {}
 };
 
