@@ -9,7 +9,7 @@ constexpr DWORD EMPTY = 0xFFFFFFFF;
 constexpr size_t SMALLEST_TABLE = 16;
 constexpr int64_t NEVER = std::numeric_limits<int64_t>::max();
 
-// Fibonacci hashing: the high bits of the product mix all bits of the address.
+// Fibonacci hashing: the high bits of the product mix all bits of the address, and spread neighbours evenly.
 DWORD HashOf(const ICmTimerHandler* aEh) {
     return static_cast<DWORD>((reinterpret_cast<uintptr_t>(aEh) * 0x9E3779B97F4A7C15u) >> 32);
 }
@@ -26,13 +26,13 @@ int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
     const DWORD dwOrder = NextOrder();
     const bool bNew = entry.m_dwSlot == EMPTY;
     if (bNew)
-        entry = {dwHash, Item(m_dwEnd).m_dwSlot};
-    m_Slots[entry.m_dwSlot] = {aNode.m_pEh, aNode.m_pArg, aNode.m_llInterval, aNode.m_dwCount};
-    const CHeapItem item{aNode.m_llExpires, dwOrder, entry.m_dwSlot};
+        entry = {dwHash, Item(m_dwEnd).GetSlot()};
+    const DWORD dwSlot = entry.m_dwSlot;
+    m_Slots[dwSlot] = {aNode.m_pEh, aNode.m_pArg, aNode.m_llInterval, aNode.m_dwCount};
     if (bNew)
-        SiftUp(m_dwEnd++, item);
+        SiftUp(m_dwEnd++, {aNode.m_llExpires, dwOrder, dwSlot});
     else
-        Settle(m_HeapIndexes[item.m_dwSlot], item);
+        Settle(m_HeapIndexes[dwSlot], {aNode.m_llExpires, dwOrder, dwSlot});
     return bNew ? 0 : 1;
 }
 
@@ -63,12 +63,13 @@ BOOL CCmTimerQueueOrderedList::PopDueNode_l(int64_t aNow, CNode& aNode) {
         return FALSE;
     LoadFirst(aNode);
     if (Advance(aNode, aNow)) {
-        const DWORD dwSlot = Item(ROOT).m_dwSlot;
+        const DWORD dwSlot = Item(ROOT).GetSlot();
         m_Slots[dwSlot].m_dwCount = aNode.m_dwCount;
         SiftDown(ROOT, {aNode.m_llExpires, NextOrder(), dwSlot});
     } else {
         RemoveFirst();
     }
+    __builtin_prefetch(&m_Slots[Item(ROOT).GetSlot()]);
     return TRUE;
 }
 
@@ -79,15 +80,18 @@ int CCmTimerQueueOrderedList::GetEarliestTime_l(int64_t& aExpires) const {
     return 0;
 }
 
+// What firing touches lies scattered: the handler comes into the cache while the heap is put in order, and the next timer's
+// slot during the callback.
 void CCmTimerQueueOrderedList::LoadFirst(CNode& aNode) {
     const CHeapItem& item = Item(ROOT);
-    const CSlot& slot = m_Slots[item.m_dwSlot];
+    const CSlot& slot = m_Slots[item.GetSlot()];
     aNode = {slot.m_pEh, slot.m_pArg, slot.m_llInterval, item.m_llExpires, slot.m_dwCount};
+    __builtin_prefetch(slot.m_pEh);
 }
 
 // Without branches, which nobody could foretell.
 bool CCmTimerQueueOrderedList::FiresBefore(const CHeapItem& a, const CHeapItem& b) {
-    return (a.m_llExpires < b.m_llExpires) | ((a.m_llExpires == b.m_llExpires) & (a.m_dwOrder < b.m_dwOrder));
+    return (a.m_llExpires < b.m_llExpires) | ((a.m_llExpires == b.m_llExpires) & (a.m_ullOrderAndSlot < b.m_ullOrderAndSlot));
 }
 
 DWORD CCmTimerQueueOrderedList::FirstOfFamily(DWORD aFamily) const {
@@ -97,13 +101,13 @@ DWORD CCmTimerQueueOrderedList::FirstOfFamily(DWORD aFamily) const {
     return aFamily * ARITY + (FiresBefore(pItems[dwRight], pItems[dwLeft]) ? dwRight : dwLeft);
 }
 
-void CCmTimerQueueOrderedList::Place(DWORD aIndex, const CHeapItem& aItem) {
+void CCmTimerQueueOrderedList::Place(DWORD aIndex, CHeapItem aItem) {
     Item(aIndex) = aItem;
-    m_HeapIndexes[aItem.m_dwSlot] = aIndex;
+    m_HeapIndexes[aItem.GetSlot()] = aIndex;
 }
 
 // Both sifts move the hole at aIndex to where aItem belongs.
-void CCmTimerQueueOrderedList::SiftUp(DWORD aIndex, const CHeapItem& aItem) {
+void CCmTimerQueueOrderedList::SiftUp(DWORD aIndex, CHeapItem aItem) {
     while (aIndex > ROOT) {
         const DWORD dwParent = aIndex / ARITY + 2;
         if (!FiresBefore(aItem, Item(dwParent)))
@@ -114,7 +118,7 @@ void CCmTimerQueueOrderedList::SiftUp(DWORD aIndex, const CHeapItem& aItem) {
     Place(aIndex, aItem);
 }
 
-void CCmTimerQueueOrderedList::SiftDown(DWORD aIndex, const CHeapItem& aItem) {
+void CCmTimerQueueOrderedList::SiftDown(DWORD aIndex, CHeapItem aItem) {
     for (;;) {
         const DWORD dwFamily = aIndex - 2;  // of the children
         if (dwFamily * ARITY >= m_dwEnd)
@@ -128,7 +132,7 @@ void CCmTimerQueueOrderedList::SiftDown(DWORD aIndex, const CHeapItem& aItem) {
     Place(aIndex, aItem);
 }
 
-void CCmTimerQueueOrderedList::Settle(DWORD aIndex, const CHeapItem& aItem) {
+void CCmTimerQueueOrderedList::Settle(DWORD aIndex, CHeapItem aItem) {
     if (aIndex > ROOT && FiresBefore(aItem, Item(aIndex / ARITY + 2)))
         SiftUp(aIndex, aItem);
     else
@@ -149,31 +153,32 @@ void CCmTimerQueueOrderedList::Renumber() {
     std::sort(items.begin(), items.end(), FiresBefore);
     m_dwNextOrder = EMPTY;
     for (; !items.empty(); items.pop_back())
-        Place(ROOT + static_cast<DWORD>(items.size()) - 1, {items.back().m_llExpires, --m_dwNextOrder, items.back().m_dwSlot});
+        Place(ROOT + static_cast<DWORD>(items.size()) - 1, {items.back().m_llExpires, --m_dwNextOrder, items.back().GetSlot()});
 }
 
 // The last item fills the gap; the slot that is free now stands where the last was.
 void CCmTimerQueueOrderedList::RemoveFromHeap(DWORD aIndex) {
     const CHeapItem last = Item(--m_dwEnd);
-    Item(m_dwEnd) = {NEVER, 0, Item(aIndex).m_dwSlot};
+    Item(m_dwEnd) = {NEVER, 0, Item(aIndex).GetSlot()};
     if (aIndex < m_dwEnd)
         Settle(aIndex, last);
 }
 
 void CCmTimerQueueOrderedList::RemoveFirst() {
     const DWORD dwMask = static_cast<DWORD>(m_Table.size() - 1);
-    const DWORD dwSlot = Item(ROOT).m_dwSlot;
-    DWORD dwPosition = HashOf(m_Slots[dwSlot].m_pEh) & dwMask;
+    const DWORD dwSlot = Item(ROOT).GetSlot();
+    DWORD dwPosition = Home(HashOf(m_Slots[dwSlot].m_pEh));
+    __builtin_prefetch(&m_Table[dwPosition]);
+    RemoveFromHeap(ROOT);
     while (m_Table[dwPosition].m_dwSlot != dwSlot)
         dwPosition = (dwPosition + 1) & dwMask;
     RemoveFromTable(dwPosition);
-    RemoveFromHeap(ROOT);
 }
 
 // The handler's position in the table, or the empty one where it would go.
 DWORD CCmTimerQueueOrderedList::Find(DWORD aHash, const ICmTimerHandler* aEh) const {
     const DWORD dwMask = static_cast<DWORD>(m_Table.size() - 1);
-    for (DWORD dwPosition = aHash & dwMask;; dwPosition = (dwPosition + 1) & dwMask) {
+    for (DWORD dwPosition = Home(aHash);; dwPosition = (dwPosition + 1) & dwMask) {
         const CEntry& entry = m_Table[dwPosition];
         if (entry.m_dwSlot == EMPTY || (entry.m_dwHash == aHash && m_Slots[entry.m_dwSlot].m_pEh == aEh))
             return dwPosition;
@@ -185,7 +190,7 @@ void CCmTimerQueueOrderedList::RemoveFromTable(DWORD aPosition) {
     const DWORD dwMask = static_cast<DWORD>(m_Table.size() - 1);
     DWORD dwGap = aPosition;
     for (DWORD dwNext = (dwGap + 1) & dwMask; m_Table[dwNext].m_dwSlot != EMPTY; dwNext = (dwNext + 1) & dwMask) {
-        if (((dwNext - m_Table[dwNext].m_dwHash) & dwMask) < ((dwNext - dwGap) & dwMask))
+        if (((dwNext - Home(m_Table[dwNext].m_dwHash)) & dwMask) < ((dwNext - dwGap) & dwMask))
             continue;
         m_Table[dwGap] = m_Table[dwNext];
         dwGap = dwNext;

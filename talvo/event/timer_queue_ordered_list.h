@@ -29,11 +29,16 @@ private:
     static constexpr DWORD ARITY = 4;
     static constexpr DWORD ROOT = ARITY - 1;  // families begin at multiples of four; the root's own has no other member
 
-    // Those behind the end never expire, and their slots are the free ones.
+    // Those behind the end never expire, and their slots are the free ones. Two words, to be handed on in registers: what was
+    // just written to memory in smaller pieces is slow to read back.
     struct CHeapItem {
+        CHeapItem() = default;
+        CHeapItem(int64_t aExpires, DWORD aOrder, DWORD aSlot)
+            : m_llExpires(aExpires), m_ullOrderAndSlot(uint64_t{aOrder} << 32 | aSlot) {}
+        DWORD GetSlot() const { return static_cast<DWORD>(m_ullOrderAndSlot); }
+
         int64_t m_llExpires;
-        DWORD m_dwOrder;  // among equal expiries: counted down from push to push
-        DWORD m_dwSlot;
+        uint64_t m_ullOrderAndSlot;  // the order counts down from push to push
     };
     struct alignas(ARITY * sizeof(CHeapItem)) CFamily {
         CHeapItem m_Items[ARITY];
@@ -52,10 +57,10 @@ private:
     static bool FiresBefore(const CHeapItem& a, const CHeapItem& b);
     CHeapItem& Item(DWORD aIndex) { return m_Heap[aIndex / ARITY].m_Items[aIndex % ARITY]; }
     DWORD FirstOfFamily(DWORD aFamily) const;
-    void Place(DWORD aIndex, const CHeapItem& aItem);
-    void SiftUp(DWORD aIndex, const CHeapItem& aItem);
-    void SiftDown(DWORD aIndex, const CHeapItem& aItem);
-    void Settle(DWORD aIndex, const CHeapItem& aItem);
+    void Place(DWORD aIndex, CHeapItem aItem);
+    void SiftUp(DWORD aIndex, CHeapItem aItem);
+    void SiftDown(DWORD aIndex, CHeapItem aItem);
+    void Settle(DWORD aIndex, CHeapItem aItem);
     DWORD NextOrder();
     void Renumber();
 
@@ -63,6 +68,7 @@ private:
     void RemoveFromHeap(DWORD aIndex);
     void RemoveFromTable(DWORD aPosition);
     void RemoveFirst();
+    DWORD Home(DWORD aHash) const { return static_cast<DWORD>(aHash * uint64_t{m_Table.size()} >> 32); }
     DWORD Find(DWORD aHash, const ICmTimerHandler* aEh) const;
     void Grow();
 
