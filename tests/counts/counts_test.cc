@@ -40,6 +40,13 @@ TEST(CountsTest, Echo) {
     Compare(throughProxy, EchoCost(network, FALSE, 2000, 64));
 }
 
+TEST(CountsTest, HttpRequest) {
+    // The same three calls. Channel and blocks are used again; the answer is written into the block that is sent, its head in
+    // pieces.
+    const CBound bound = {"HTTP, network thread, keep-alive", 3.05, 0.05, 1.35, 0.05};
+    Compare(bound, HttpCost(CTestNetwork(), 2000));
+}
+
 TEST(CountsTest, Stream) {
     // How many messages share a call, a lock or a block depends on the turns that the threads take, hence the room. In each row
     // one allocation is the application's.

@@ -7,6 +7,9 @@
 #include <string>
 #include <thread>
 
+#include "talvo/http/channel_manager.h"
+#include "talvo/http/channel_server.h"
+
 namespace {
 
 // Accepts, and sends back what comes.
@@ -26,24 +29,64 @@ public:
     CCmRefPtrT<ICmTransport> m_pTransport;
 };
 
+// Answers every request with the same few bytes.
+class CHello : public ICmChannelServerAcceptorSink {
+public:
+    void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override {
+        EXPECT_EQ(CM_OK, aChannel->AnswerText(200, m_strType, m_strBody));
+    }
+
+    CCmRefPtrT<ICmChannelServerAcceptor> m_pAcceptor;
+
+private:
+    const CCmString m_strType = "text/plain";
+    const CCmString m_strBody = "Hello, World!";
+};
+
 // A plain socket that waits; its system calls go past the counters.
 class CPlainPeer {
 public:
-    CPlainPeer(const CCmInetAddr& aAddr, DWORD aSize) : m_Bytes(aSize, 'x') {
+    CPlainPeer(const CCmInetAddr& aAddr, const std::string& aRequest) : m_strRequest(aRequest) {
         EXPECT_EQ(0, connect(m_Fd.Get(), reinterpret_cast<const sockaddr*>(aAddr.GetPtr()), aAddr.GetSize()));
     }
 
-    void Trip() {
-        EXPECT_EQ(Size(), syscall(SYS_sendto, m_Fd.Get(), m_Bytes.data(), m_Bytes.size(), MSG_NOSIGNAL, nullptr, 0));
-        EXPECT_EQ(Size(), syscall(SYS_recvfrom, m_Fd.Get(), m_Bytes.data(), m_Bytes.size(), MSG_WAITALL, nullptr, nullptr));
+    // The answer, which is as long as the first was.
+    size_t Trip() {
+        const long lSize = static_cast<long>(m_strRequest.size());
+        EXPECT_EQ(lSize, syscall(SYS_sendto, m_Fd.Get(), m_strRequest.data(), lSize, MSG_NOSIGNAL, nullptr, 0));
+        const long lAnswer = syscall(SYS_recvfrom, m_Fd.Get(), m_Room, m_stAnswer > 0 ? m_stAnswer : sizeof m_Room,
+                                     m_stAnswer > 0 ? MSG_WAITALL : 0, nullptr, nullptr);
+        EXPECT_LT(0, lAnswer);
+        m_stAnswer = static_cast<size_t>(lAnswer);
+        return m_stAnswer;
     }
 
 private:
-    long Size() const { return static_cast<long>(m_Bytes.size()); }
-
     const CTestFd m_Fd{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    std::string m_Bytes;
+    const std::string m_strRequest;
+    char m_Room[4096];
+    size_t m_stAnswer = 0;
 };
+
+// What aMessages of aRequest cost, one at a time, with their answers.
+CCost TripsCost(const CTestNetwork& aNetwork, const CCmInetAddr& aAddr, const std::string& aRequest, size_t aMessages) {
+    CCounters spent;
+    size_t stAnswer = 0;
+    std::atomic<BOOL> bDone{FALSE};
+    std::thread peer([&] {
+        CPlainPeer plain(aAddr, aRequest);
+        for (size_t n = 0; n < 100; ++n)  // whatever grows to its size once
+            stAnswer = plain.Trip();
+        const CCounters before = CCounters::Now();
+        for (size_t n = 0; n < aMessages; ++n)
+            plain.Trip();
+        spent = CCounters::Now() - before;
+        bDone = TRUE;
+    });
+    aNetwork.RunUntil([&] { return bDone.load(); });
+    peer.join();
+    return CCost(spent, aMessages, stAnswer);
+}
 
 // One end of a stream; sends when it is told how much, and counts the bytes that come.
 class CStreamEnd : public ICmTransportSink {
@@ -100,25 +143,25 @@ CCost EchoCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aMessages, 
     CEcho echo;
     CCmInetAddr addr;
     RunIn(thread, [&] { echo.m_pAcceptor = CTestNetwork::Listen(echo, addr); });
-    CCounters spent;
-    std::atomic<BOOL> bDone{FALSE};
-    std::thread peer([&] {
-        CPlainPeer plain(addr, aSize);
-        for (size_t n = 0; n < 100; ++n)  // whatever grows to its size once
-            plain.Trip();
-        const CCounters before = CCounters::Now();
-        for (size_t n = 0; n < aMessages; ++n)
-            plain.Trip();
-        spent = CCounters::Now() - before;
-        bDone = TRUE;
-    });
-    aNetwork.RunUntil([&] { return bDone.load(); });
-    peer.join();
+    const CCost cost = TripsCost(aNetwork, addr, std::string(aSize, 'x'), aMessages);
     RunIn(thread, [&] {
         echo.m_pAcceptor.Reset();
         echo.m_pTransport.Reset();
     });
-    return CCost(spent, aMessages, aSize);
+    return cost;
+}
+
+CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages) {
+    CHello hello;
+    CCmInetAddr addr("127.0.0.1", 0);
+    RunIn(aNetwork.NetworkLink(), [&] {
+        EXPECT_EQ(CM_OK, CCmChannelManager::Instance()->CreateHttpAcceptor(hello.m_pAcceptor.ParaOut()));
+        EXPECT_EQ(CM_OK, hello.m_pAcceptor->StartListen(&hello, addr));
+        EXPECT_EQ(CM_OK, hello.m_pAcceptor->GetListenAddr(addr));
+    });
+    const CCost cost = TripsCost(aNetwork, addr, "GET / HTTP/1.1\r\nHost: localhost\r\nAccept: */*\r\n\r\n", aMessages);
+    RunIn(aNetwork.NetworkLink(), [&] { hello.m_pAcceptor.Reset(); });
+    return cost;
 }
 
 CCost StreamCost(const CTestNetwork& aNetwork, DWORD aType, size_t aMessages, DWORD aSize) {

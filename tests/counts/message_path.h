@@ -18,6 +18,10 @@ struct CCost {
 // thread, or else in the main thread behind a proxy. The plain socket's own system calls are not counted.
 CCost EchoCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aMessages, DWORD aSize);
 
+// A request of HTTP/1.1 from a plain socket and its answer, aMessages times on one connection, one at a time. The server is in
+// the network thread. Copies are counted for each byte of the answer.
+CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages);
+
 // aMessages from one end to the other, both in the main thread behind proxies and of type aType, sent from inside events. Both
 // ends are counted, and the block that the application makes for each message.
 CCost StreamCost(const CTestNetwork& aNetwork, DWORD aType, size_t aMessages, DWORD aSize);
