@@ -102,16 +102,13 @@ int CCmAcceptorTcp::OnInput(HANDLE aFd) {
         return 0;
     CCmInetAddr addrPeer;
     socklen_t length = addrPeer.GetSize();
-    const HANDLE fdNew = accept4(aFd, reinterpret_cast<sockaddr*>(addrPeer.GetPtr()), &length, SOCK_CLOEXEC);
+    constexpr int FLAGS = SOCK_CLOEXEC | SOCK_NONBLOCK;  // together with the call they cost nothing and cannot fail
+    const HANDLE fdNew = accept4(aFd, reinterpret_cast<sockaddr*>(addrPeer.GetPtr()), &length, FLAGS);
     if (fdNew == CM_INVALID_HANDLE) {
         AcceptFailed_i(errno);
         return 0;
     }
     pTransport->GetPeer().SetHandle(fdNew);
-    if (pTransport->GetPeer().Enable(CCmIPCBase::NON_BLOCK) == -1) {
-        CM_ERROR_TRACE_THIS("CCmAcceptorTcp::OnInput, Enable(NON_BLOCK) failed! err=" << errno);
-        return 0;
-    }
     CM_INFO_TRACE_THIS("CCmAcceptorTcp::OnInput, addr=" << addrPeer.GetIpDisplayName() << " port=" << addrPeer.GetPort()
                                                         << " sockNew=" << fdNew
                                                         << " pTrans=" << static_cast<const void*>(pTransport.Get()));
