@@ -12,6 +12,10 @@
 // the bytes, and when, is agreed by those who hold references.
 class TALVO_API CCmDataBlock final : public ICmReferenceControl {
 public:
+    // Blocks of exactly this size are kept for the next of their kind, up to 1 MiB of them: make those of this size that are
+    // many and short-lived.
+    static constexpr DWORD BURST_SIZE = 16384;
+
     // Makes a block of aSize bytes with one reference for the caller and fills it from aData, if given; without it the bytes
     // are not initialised. CM_ERROR_INVALID_ARG: aSize is 0. CM_ERROR_OUT_OF_MEMORY. aDb is untouched unless CM_OK.
     static CmResult CreateInstance(CCmDataBlock*& aDb, DWORD aSize, const char* aData);

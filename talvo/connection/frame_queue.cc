@@ -10,7 +10,7 @@ namespace {
 
 constexpr DWORD MAX_COPIED = 1024;  // bytes of payload up to which a copy is cheaper than a view
 constexpr DWORD MIN_BLOCK = 1024;   // what frames share grows with what waits
-constexpr DWORD MAX_BLOCK = 16384;
+constexpr DWORD MAX_BLOCK = CCmDataBlock::BURST_SIZE;
 constexpr DWORD MIN_REST = 64;    // less space than this is not worth a view
 constexpr DWORD MAX_PIECES = 64;  // what a stream transport gathers; a longer chain would wait for an OnSend without need
 

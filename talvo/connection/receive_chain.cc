@@ -10,7 +10,7 @@ namespace {
 
 // Storage is asked for in pieces of at least and, unless more arrives at once, at most so many bytes.
 constexpr DWORD MIN_BLOCK = 256;
-constexpr DWORD MAX_BLOCK = 16384;
+constexpr DWORD MAX_BLOCK = CCmDataBlock::BURST_SIZE;
 
 }  // namespace
 

@@ -6,6 +6,8 @@
 #include <new>
 #include <utility>
 
+#include "talvo/base/memory_reuse.h"
+
 namespace talvo {
 
 namespace {
@@ -15,15 +17,6 @@ constexpr size_t SIZES = 4;   // so many multiples of it are kept, larger blocks
 constexpr size_t BATCH = 32;  // blocks that change hands in one go
 constexpr size_t MOST_BATCHES = 16;
 constexpr size_t AHEAD = 6;  // blocks
-
-// Memory that is used again hides from the sanitizer who uses it too late.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool KEEPS = false;
-#elif defined(__has_feature)
-constexpr bool KEEPS = !__has_feature(address_sanitizer);
-#else
-constexpr bool KEEPS = true;
-#endif
 
 // Batches of one size that no thread has.
 class CDepot {
@@ -119,7 +112,7 @@ CShelves* GetShelves() {
     return t_pShelves;
 }
 
-bool IsKept(size_t aSize) { return KEEPS && aSize - 1 < SIZES * GRAIN; }
+bool IsKept(size_t aSize) { return REUSES_MEMORY && aSize - 1 < SIZES * GRAIN; }
 
 }  // namespace
 
