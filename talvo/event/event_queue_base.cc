@@ -86,27 +86,19 @@ DWORD CCmEventQueueBase::GetPendingEventsCount() {
     return m_dwPosted.load(std::memory_order_relaxed) - dwTaken;
 }
 
-void CCmEventQueueBase::SetTaken(size_t aCount) {
+void CCmEventQueueBase::CountTaken(size_t aCount) {
     m_dwTaken.store(m_dwTaken.load(std::memory_order_relaxed) + static_cast<DWORD>(aCount), std::memory_order_release);
 }
 
-void CCmEventQueueBase::Collect_l() { m_Collected.TakeFrom(m_Arrived, m_Arrived.size()); }
-
-CmResult CCmEventQueueBase::PopPendingEvents(EventsType& aEvents, unsigned long aMaxCount, unsigned long* aRemain) {
-    Collect_l();
-    return PopCollectedEvents(aEvents, aMaxCount, aRemain);
+void CCmEventQueueBase::TakeCollected(EventsType& aEvents, unsigned long aMaxCount) {
+    const size_t nBefore = m_Collected.size();
+    aEvents.TakeFrom(m_Collected, aMaxCount - aEvents.size());
+    CountTaken(nBefore - m_Collected.size());
+    m_Collected.Prefetch();
 }
 
-CmResult CCmEventQueueBase::PopCollectedEvents(EventsType& aEvents, unsigned long aMaxCount, unsigned long* aRemain) {
-    if (m_Collected.empty())
-        return CM_ERROR_NOT_FOUND;
-    const size_t nBefore = m_Collected.size();
-    aEvents.TakeFrom(m_Collected, aMaxCount);
-    SetTaken(nBefore - m_Collected.size());
-    m_Collected.Prefetch();
-    if (aRemain)
-        *aRemain = GetPendingEventsCount();
-    return CM_OK;
+CmResult CCmEventQueueBase::PopPendingEvents(EventsType& aEvents, unsigned long aMaxCount, unsigned long* aRemain) {
+    return PopPendingEvents(aEvents, aMaxCount, aRemain, [this] { Collect_l(); });
 }
 
 CmResult CCmEventQueueBase::PopOnePendingEvent(ICmEvent*& aEvent, unsigned long* aRemain) {
@@ -133,8 +125,9 @@ CmResult CCmEventQueueBase::ProcessOneEvent(ICmEvent* aEvent) {
 }
 
 CCmEventQueueBase::EventsType CCmEventQueueBase::TakeAll() {
-    Collect_l();
-    SetTaken(m_Collected.size());
+    if (m_Collected.empty())
+        Collect_l();
+    CountTaken(m_Collected.size());
     return std::move(m_Collected);
 }
 

@@ -49,10 +49,12 @@ protected:
     CmResult PopPendingEvents(EventsType& aEvents, unsigned long aMaxCount, unsigned long* aRemain);
     // Takes the oldest event. CM_ERROR_NOT_FOUND: none.
     CmResult PopOnePendingEvent(ICmEvent*& aEvent, unsigned long* aRemain);
-    // The two halves of PopPendingEvents, for queues that hold a lock around the first only. While HasMoreThan(aMaxCount) the
-    // first is not needed: something is left, and so the owner will look again.
-    void Collect_l();
-    CmResult PopCollectedEvents(EventsType& aEvents, unsigned long aMaxCount, unsigned long* aRemain);
+    // The same for queues with a lock: aCollect holds it around Collect_l. Without a call of it where HasMoreThan(aMaxCount):
+    // then something is left, and so the owner will look again.
+    template <class Collect>
+    CmResult PopPendingEvents(EventsType& aEvents, unsigned long aMaxCount, unsigned long* aRemain, Collect aCollect);
+    // What has arrived becomes what is collected, of which nothing may be left: a swap.
+    void Collect_l() { m_Collected.TakeFrom(m_Arrived, m_Arrived.size()); }
     // The two halves of PostEvent, for queues that hold a lock around the first only: a refused event's end may call anything.
     CmResult Append_l(ICmEvent* aEvent);
     CmResult Refuse(ICmEvent* aEvent, CmResult aReason);
@@ -62,7 +64,8 @@ protected:
     BOOL IsOwnerThread() const;
 
 private:
-    void SetTaken(size_t aCount);
+    void TakeCollected(EventsType& aEvents, unsigned long aMaxCount);
+    void CountTaken(size_t aCount);
 
     static constexpr size_t CACHE_LINE = 64;  // what posters write and what the owner writes lie in different ones
 
@@ -76,3 +79,19 @@ private:
     std::atomic<DWORD> m_dwThreadId{0};  // 0: nobody owns the queue yet
     std::atomic<BOOL> m_bStopped{FALSE};
 };
+
+template <class Collect>
+CmResult CCmEventQueueBase::PopPendingEvents(EventsType& aEvents, unsigned long aMaxCount, unsigned long* aRemain,
+                                             Collect aCollect) {
+    const BOOL bEnough = HasMoreThan(aMaxCount);
+    TakeCollected(aEvents, aMaxCount);
+    if (!bEnough) {
+        aCollect();
+        TakeCollected(aEvents, aMaxCount);
+    }
+    if (aEvents.empty() && m_Collected.empty())
+        return CM_ERROR_NOT_FOUND;
+    if (aRemain)
+        *aRemain = GetPendingEventsCount();
+    return CM_OK;
+}

@@ -28,13 +28,12 @@ void CCmEventQueueUsingConditionVariable::Stop() {
 
 CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(EventsType& aEvents, CCmTimeValue* aTimeout,
                                                                      unsigned long aMaxCount) {
-    if (!HasMoreThan(aMaxCount)) {
+    return PopPendingEvents(aEvents, aMaxCount, nullptr, [&] {
         Guard guard(m_Mutex);
-        if (GetPendingEventsCount() == 0)
+        if (aEvents.empty() && GetPendingEventsCount() == 0)
             Wait_l(aTimeout);
         Collect_l();
-    }
-    return PopCollectedEvents(aEvents, aMaxCount, nullptr);
+    });
 }
 
 void CCmEventQueueUsingConditionVariable::Wait_l(CCmTimeValue* aTimeout) {

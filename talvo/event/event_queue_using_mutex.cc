@@ -28,11 +28,10 @@ void CCmEventQueueUsingMutex::Stop() {
 
 CmResult CCmEventQueueUsingMutex::PopPendingEventsWithLock(EventsType& aEvents, unsigned long aMaxCount,
                                                            unsigned long* aRemain) {
-    if (!HasMoreThan(aMaxCount)) {
+    return PopPendingEvents(aEvents, aMaxCount, aRemain, [this] {
         Guard guard(m_Mutex);
         Collect_l();
-    }
-    return PopCollectedEvents(aEvents, aMaxCount, aRemain);
+    });
 }
 
 CCmEventQueueBase::EventsType CCmEventQueueUsingMutex::TakeAll() {

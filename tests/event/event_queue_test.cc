@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <array>
@@ -101,6 +102,27 @@ TEST(EventQueueTest, BatchesComeInOrderAndSayWhatIsLeft) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, queue.PopPendingEventsWithLock(events, 5, nullptr));
     ASSERT_EQ(60u, ran.size());
     EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
+}
+
+TEST(EventQueueTest, AQueueThatIsNeverEmptyDoesNotGrow) {
+    CCmEventQueueUsingMutex queue;
+    CEventFate fate;
+    const auto round = [&] {
+        for (int n = 0; n < 5; ++n)
+            queue.PostEvent(new CTestEvent(fate));
+        CCmEventQueueBase::EventsType events;
+        queue.PopPendingEventsWithLock(events, 5, nullptr);
+        queue.ProcessEvents(events);
+    };
+    for (int n = 0; n < 3; ++n)  // which then are left behind every round
+        queue.PostEvent(new CTestEvent(fate));
+    for (int n = 0; n < 1000; ++n)
+        round();
+    const size_t stBefore = mallinfo2().uordblks + mallinfo2().hblkhd;
+    for (int n = 0; n < 40000; ++n)
+        round();
+    EXPECT_EQ(3u, queue.GetPendingEventsCount());
+    EXPECT_GT(stBefore + 65536, mallinfo2().uordblks + mallinfo2().hblkhd);
 }
 
 TEST(EventQueueTest, EventsOfAnySizeMayEndInAnotherThread) {
