@@ -162,17 +162,12 @@ CmResult CCmReactorBase::ProcessEventQueue_i() {
         return rv;
     m_Counters.m_ullEvents += events.size();
     m_EventQueue.ProcessEvents(events);
-    if (m_EventQueue.HasMoreThan(0))
-        NotifyOfEvents_i(TRUE);
-    else if (GetPendingEventsCount() > 0)
-        NotifyOfEvents_i(FALSE);
-    return rv;
-}
-
-void CCmReactorBase::NotifyOfEvents_i(BOOL aAgain) {
-    const BOOL bUnderWay = m_bWakeUpUnderWay || m_bWakeUpUnderWay.exchange(TRUE);
-    if (!bUnderWay || aAgain)
+    if (m_EventQueue.HasMoreThan(0) || GetPendingEventsCount() > 0) {
+        if (!m_bWakeUpUnderWay)
+            m_bWakeUpUnderWay = TRUE;
         NotifyHandler(nullptr, ACmEventHandler::EVENTQUEUE_MASK);
+    }
+    return rv;
 }
 
 CmResult CCmReactorBase::ProcessTimerTick() {
@@ -202,8 +197,8 @@ CmResult CCmReactorBase::CancelTimer(ICmTimerHandler* aEh) {
 
 CmResult CCmReactorBase::PostEvent(ICmEvent* aEvent, EPriority aPri) {
     const CmResult rv = m_EventQueue.PostEvent(aEvent, aPri);
-    if (rv == CM_OK)
-        NotifyOfEvents_i(FALSE);
+    if (rv == CM_OK && !m_bWakeUpUnderWay && !m_bWakeUpUnderWay.exchange(TRUE))
+        NotifyHandler(nullptr, ACmEventHandler::EVENTQUEUE_MASK);
     return rv;
 }
 

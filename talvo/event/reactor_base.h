@@ -79,7 +79,6 @@ private:
     CmResult RemoveHandleWithoutFinding_i(HANDLE aFd, const CCmEventHandlerRepository::CElement& aElement, long aMask);
     CmResult ProcessEventQueue_i();
     CmResult Dispatch_i(HANDLE aFd, ACmEventHandler* aEh, long aReady);
-    void NotifyOfEvents_i(BOOL aAgain);
 
     const DWORD m_dwProperty;
     BOOL m_bClosed = FALSE;
