@@ -1,5 +1,9 @@
-// Whether memory that is given back is kept to be used again.
+// Memory that is given back and kept to be used again.
 #pragma once
+
+#include <array>
+#include <cstddef>
+#include <mutex>
 
 namespace talvo {
 
@@ -11,5 +15,33 @@ constexpr bool REUSES_MEMORY = !__has_feature(address_sanitizer);
 #else
 constexpr bool REUSES_MEMORY = true;
 #endif
+
+// At most MOST things that no thread has, the last first. Any thread. What it holds at the process's end stays: its owners may
+// end late.
+template <class Type, size_t MOST>
+class CSpares {
+public:
+    // FALSE: there is none.
+    bool Take(Type& aSpare) {
+        const std::lock_guard guard(m_Mutex);
+        if (m_nCount == 0)
+            return false;
+        aSpare = m_Spares[--m_nCount];
+        return true;
+    }
+    // FALSE: there is no room.
+    bool Give(const Type& aSpare) {
+        const std::lock_guard guard(m_Mutex);
+        if (m_nCount == MOST)
+            return false;
+        m_Spares[m_nCount++] = aSpare;
+        return true;
+    }
+
+private:
+    std::mutex m_Mutex;
+    size_t m_nCount = 0;
+    std::array<Type, MOST> m_Spares{};
+};
 
 }  // namespace talvo

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <mutex>
 #include <new>
 #include <utility>
 
@@ -18,31 +17,10 @@ constexpr size_t BATCH = 32;  // blocks that change hands in one go
 constexpr size_t MOST_BATCHES = 16;
 constexpr size_t AHEAD = 6;  // blocks
 
-// Batches of one size that no thread has.
-class CDepot {
-public:
-    bool Take(void** aBlocks) {
-        const std::lock_guard guard(m_Mutex);
-        if (m_nBatches == 0)
-            return false;
-        std::ranges::copy(m_Batches[--m_nBatches], aBlocks);
-        return true;
-    }
-    bool Give(void* const* aBlocks) {
-        const std::lock_guard guard(m_Mutex);
-        if (m_nBatches == MOST_BATCHES)
-            return false;
-        std::copy_n(aBlocks, BATCH, m_Batches[m_nBatches++].begin());
-        return true;
-    }
+using CBatch = std::array<void*, BATCH>;
+using CDepot = CSpares<CBatch, MOST_BATCHES>;
 
-private:
-    std::mutex m_Mutex;
-    size_t m_nBatches = 0;
-    std::array<std::array<void*, BATCH>, MOST_BATCHES> m_Batches{};
-};
-
-constinit std::array<CDepot, SIZES> s_Depots;  // what they hold is kept to the end: events may end late
+constinit std::array<CDepot, SIZES> s_Depots;
 
 // A thread's blocks of one size.
 class CShelf {
@@ -67,16 +45,20 @@ public:
 
 private:
     bool Fetch(CDepot& aDepot) {
-        if (!aDepot.Take(m_Blocks.data()))
+        CBatch batch;
+        if (!aDepot.Take(batch))
             return false;
         m_nBlocks = BATCH;
+        std::ranges::copy(batch, m_Blocks.begin());
         for (size_t n = BATCH - AHEAD; n < BATCH; ++n)
             __builtin_prefetch(m_Blocks[n], 1);
         return true;
     }
     // The oldest, which this processor has at hand the least.
     void HandOn(CDepot& aDepot) {
-        if (!aDepot.Give(m_Blocks.data()))
+        CBatch oldest;
+        std::copy_n(m_Blocks.begin(), BATCH, oldest.begin());
+        if (!aDepot.Give(oldest))
             Free(BATCH);
         std::copy(m_Blocks.begin() + BATCH, m_Blocks.begin() + static_cast<long>(m_nBlocks), m_Blocks.begin());
         m_nBlocks -= BATCH;
