@@ -40,8 +40,8 @@ TEST_F(HttpClientPoolTest, AStaleConnectionIsReplacedOnceForWhatMayBeRepeated) {
                            {"POST", 0, true, "0  !20008", 1},
                            {"POST", 1, true, "200 b", 2},
                            {"GET", 0, false, "0  !20008", 2}};
+    CCmFakeClock clock;
     for (const CCase& test : CASES) {
-        CCmFakeClock clock;
         const auto dies = [](CScriptPeer& aPeer) {
             aPeer.ReadRequest();
             aPeer.Send(Answer("200 OK", "", "a"));

@@ -8,34 +8,45 @@
 #include "talvo/base/time_value.h"
 
 // Replaces the library's clock while in scope. Starts where the system's clocks stand and moves by Advance alone. Any thread;
-// one at a time.
-class CCmFakeClock : public ICmClock {
+// one at a time. Threads of the library may run meanwhile, before and after: what they ask is never destroyed.
+class CCmFakeClock {
 public:
-    CCmFakeClock() : m_llMonotonicUsec(ReadUsec(CLOCK_MONOTONIC)), m_llWallUsec(ReadUsec(CLOCK_REALTIME)) {
-        CCmClock::Replace(this);
+    CCmFakeClock() {
+        Source().StartNow();
+        CCmClock::Replace(&Source());
     }
-    ~CCmFakeClock() override { CCmClock::Replace(nullptr); }
+    ~CCmFakeClock() { CCmClock::Replace(nullptr); }
     CCmFakeClock(const CCmFakeClock&) = delete;
     CCmFakeClock& operator=(const CCmFakeClock&) = delete;
 
     void Advance(const CCmTimeValue& aBy) {
-        m_llMonotonicUsec += aBy.GetTotalInUsec();
-        m_llWallUsec += aBy.GetTotalInUsec();
+        Source().m_llMonotonicUsec += aBy.GetTotalInUsec();
+        Source().m_llWallUsec += aBy.GetTotalInUsec();
     }
 
     // Steps the wall time alone, as an administrator does.
-    void SetWallUsec(int64_t aUsec) { m_llWallUsec = aUsec; }
-
-    int64_t GetMonotonicUsec() override { return m_llMonotonicUsec; }
-    int64_t GetWallUsec() override { return m_llWallUsec; }
+    void SetWallUsec(int64_t aUsec) { Source().m_llWallUsec = aUsec; }
 
 private:
-    static int64_t ReadUsec(clockid_t aClock) {
-        timespec now{};
-        clock_gettime(aClock, &now);
-        return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
-    }
+    struct CSource : ICmClock {
+        int64_t GetMonotonicUsec() override { return m_llMonotonicUsec; }
+        int64_t GetWallUsec() override { return m_llWallUsec; }
+        void StartNow() {
+            m_llMonotonicUsec = ReadUsec(CLOCK_MONOTONIC);
+            m_llWallUsec = ReadUsec(CLOCK_REALTIME);
+        }
+        static int64_t ReadUsec(clockid_t aClock) {
+            timespec now{};
+            clock_gettime(aClock, &now);
+            return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+        }
 
-    std::atomic<int64_t> m_llMonotonicUsec;
-    std::atomic<int64_t> m_llWallUsec;
+        std::atomic<int64_t> m_llMonotonicUsec;
+        std::atomic<int64_t> m_llWallUsec;
+    };
+
+    static CSource& Source() {
+        static auto* const s_pSource = new CSource;
+        return *s_pSource;
+    }
 };
