@@ -83,17 +83,23 @@ public:
     // What the macros call with a line of an enabled level. aModule may be null.
     static void Write(DWORD aLevel, const char* aModule, std::string_view aText);
 
+    // The same with what aFill puts into a text. Never inlined, so that neither the text nor what fills it is in the way of the
+    // code that traces.
+    template <class Function>
+    [[gnu::cold, gnu::noinline]] static void WriteText(DWORD aLevel, const Function& aFill) {
+        CCmTraceText text;
+        aFill(text);
+        Write(aLevel, nullptr, text.GetText());
+    }
+
 private:
     static std::atomic<DWORD> s_dwMask;  // bit n: level n is on and so is the trace
 };
 
-#define CM_TRACE(aLevel, aText)                                      \
-    do {                                                             \
-        if (CCmTrace::IsEnabled(aLevel)) {                           \
-            CCmTraceText cmTraceText;                                \
-            cmTraceText << aText;                                    \
-            CCmTrace::Write(aLevel, nullptr, cmTraceText.GetText()); \
-        }                                                            \
+#define CM_TRACE(aLevel, aText)                                                                    \
+    do {                                                                                           \
+        if (CCmTrace::IsEnabled(aLevel))                                                           \
+            CCmTrace::WriteText(aLevel, [&](CCmTraceText& cmTraceText) { cmTraceText << aText; }); \
     } while (0)
 
 #define CM_ERROR_TRACE(aText) CM_TRACE(CM_TRACE_ERROR, aText)
