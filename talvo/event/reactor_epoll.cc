@@ -3,12 +3,14 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <new>
+#include <tuple>
 
 #include "talvo/base/clock.h"
 #include "talvo/base/config.h"
@@ -21,13 +23,30 @@ constexpr int MAX_INPUTS = 4;            // calls of OnInput for one report, whi
 constexpr int MAX_EVENT_BATCHES = 16;    // batches of events between two looks at the handles,
 constexpr int64_t MAX_EVENT_USEC = 100;  // and none is begun later than this behind the first
 constexpr uint64_t WAKE_UP_DATA = UINT64_MAX;
+constexpr uint64_t TICK_DATA = UINT64_MAX - 1;
 constexpr DWORD DEFAULT_TICK_MSEC = 10;
+constexpr int WAIT_FOR_TICK = -1;  // without a time-out
 
 using Guard = CCmMutexGuardT<CCmMutexThread>;
 
 int64_t ReadTickUsec() {
     const DWORD dwMsec = get_uint32_param("Reactor", "TickMs", DEFAULT_TICK_MSEC);
     return int64_t{std::clamp<DWORD>(dwMsec, 1, 1000)} * 1000;
+}
+
+HANDLE MakeTick(int64_t aUsec) {
+    const HANDLE fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+    const timespec interval{aUsec / 1'000'000, aUsec % 1'000'000 * 1000};
+    const itimerspec tick{interval, interval};
+    timerfd_settime(fd, 0, &tick, nullptr);
+    return fd;
+}
+
+void WatchByEdge(HANDLE aEpoll, HANDLE aFd, uint64_t aData) {
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLET;
+    event.data.u64 = aData;
+    epoll_ctl(aEpoll, EPOLL_CTL_ADD, aFd, &event);
 }
 
 // Bytes that can be read now, 0 for what has no such count.
@@ -60,23 +79,22 @@ CCmReactorEpoll::CCmReactorEpoll()
     : m_fdEpoll(epoll_create1(EPOLL_CLOEXEC)),
       m_fdWakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       m_llTickUsec(ReadTickUsec()),
+      m_fdTick(MakeTick(m_llTickUsec)),
       m_pReports(new epoll_event[MAX_REPORTS]) {
-    epoll_event event{};
-    event.events = EPOLLIN | EPOLLET;  // with edges nobody has to read the eventfd back
-    event.data.u64 = WAKE_UP_DATA;
-    epoll_ctl(m_fdEpoll, EPOLL_CTL_ADD, m_fdWakeUp, &event);
+    WatchByEdge(m_fdEpoll, m_fdWakeUp, WAKE_UP_DATA);  // with edges nobody has to read the eventfd back
+    WatchByEdge(m_fdEpoll, m_fdTick, TICK_DATA);
 }
 
 CCmReactorEpoll::~CCmReactorEpoll() {
     CCmReactorBase::Close();
-    if (m_fdWakeUp != CM_INVALID_HANDLE)
-        close(m_fdWakeUp);
-    if (m_fdEpoll != CM_INVALID_HANDLE)
-        close(m_fdEpoll);
+    for (const HANDLE fd : {m_fdTick, m_fdWakeUp, m_fdEpoll}) {
+        if (fd != CM_INVALID_HANDLE)
+            close(fd);
+    }
 }
 
 CmResult CCmReactorEpoll::Open() {
-    if (m_fdEpoll == CM_INVALID_HANDLE || m_fdWakeUp == CM_INVALID_HANDLE) {
+    if (m_fdEpoll == CM_INVALID_HANDLE || m_fdWakeUp == CM_INVALID_HANDLE || m_fdTick == CM_INVALID_HANDLE) {
         CM_ERROR_TRACE_THIS("CCmReactorEpoll::Open, no descriptor for epoll or eventfd. err=" << errno);
         return CM_ERROR_UNEXPECTED;
     }
@@ -138,7 +156,7 @@ int CCmReactorEpoll::GetWaitMsec_i(int64_t aMaxWaitUsec) {
     m_bSleeping = TRUE;
     if (m_bWakeUpUnderWay || m_bHasNotifications || m_bStop || GetPendingEventsCount() > 0)
         return 0;
-    return static_cast<int>((llWait + 999) / 1000);
+    return llWait >= m_llTickUsec ? WAIT_FOR_TICK : static_cast<int>((llWait + 999) / 1000);
 }
 
 void CCmReactorEpoll::WakeUp_i() {
@@ -152,6 +170,11 @@ void CCmReactorEpoll::WakeUp_i() {
 void CCmReactorEpoll::DispatchReport_i(const epoll_event& aReport) {
     if (aReport.data.u64 == WAKE_UP_DATA) {
         ++m_Counters.m_ullWakeWrites;
+        return;
+    }
+    if (aReport.data.u64 == TICK_DATA) {
+        uint64_t ullTicks = 0;
+        std::ignore = read(m_fdTick, &ullTicks, sizeof ullTicks);  // which starts the next
         return;
     }
     const HANDLE fd = static_cast<HANDLE>(aReport.data.u64 & 0xFFFFFFFF);

@@ -62,6 +62,7 @@ private:
     HANDLE m_fdEpoll;
     HANDLE m_fdWakeUp;
     const int64_t m_llTickUsec;
+    HANDLE m_fdTick;  // a timer of the system, so that a wait does not have to set one
     std::unique_ptr<epoll_event[]> m_pReports;
     BOOL m_bRunning = FALSE;               // a turn is under way
     std::atomic<BOOL> m_bStop{FALSE};      // each stop ends one run, also one that has not begun
