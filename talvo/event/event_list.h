@@ -35,6 +35,7 @@ public:
             return;
         }
         const size_t nTaken = std::min(aCount, aFrom.size());
+        m_Row.reserve(m_Row.size() + nTaken);
         for (size_t n = 0; n < nTaken; ++n)
             m_Row.push_back(aFrom.begin()[n]);
         aFrom.DropFront(nTaken);

@@ -1,7 +1,7 @@
 #include "talvo/event/event_memory.h"
 
-#include <algorithm>
-#include <array>
+#include <atomic>
+#include <cstdint>
 #include <new>
 #include <utility>
 
@@ -11,108 +11,100 @@ namespace talvo {
 
 namespace {
 
-constexpr size_t GRAIN = 64;  // bytes, a cache line: no two events share one
-constexpr size_t SIZES = 4;   // so many multiples of it are kept, larger blocks are not
-constexpr size_t BATCH = 32;  // blocks that change hands in one go
-constexpr size_t MOST_BATCHES = 16;
-constexpr size_t AHEAD = 6;  // blocks
+constexpr size_t SLAB_ALIGNMENT = 4096;
+constexpr size_t SLAB_SIZE = SLAB_ALIGNMENT - 64;  // leaves the general allocator room to put them side by side
+constexpr size_t BLOCK_ALIGNMENT = alignof(std::max_align_t);
+constexpr size_t LARGEST = 512;  // bytes; a larger block has a slab of its own
+constexpr size_t MOST_SPARES = 64;
 
-using CBatch = std::array<void*, BATCH>;
-using CDepot = CSpares<CBatch, MOST_BATCHES>;
+// The head of a slab; its blocks follow.
+struct alignas(BLOCK_ALIGNMENT) CSlab {
+    explicit CSlab(int aBlocks) : m_nOut(aBlocks) {}
 
-constinit std::array<CDepot, SIZES> s_Depots;
-
-// A thread's blocks of one size.
-class CShelf {
-public:
-    CShelf() = default;
-    ~CShelf() { Free(m_nBlocks); }
-    CShelf(const CShelf&) = delete;
-    CShelf& operator=(const CShelf&) = delete;
-
-    void* Take(size_t aIndex) {
-        if (m_nBlocks == 0 && !Fetch(s_Depots[aIndex]))
-            return ::operator new((aIndex + 1) * GRAIN);
-        if (--m_nBlocks >= AHEAD)
-            __builtin_prefetch(m_Blocks[m_nBlocks - AHEAD], 1);
-        return m_Blocks[m_nBlocks];
-    }
-    void Give(size_t aIndex, void* aMemory) {
-        if (m_nBlocks == m_Blocks.size())
-            HandOn(s_Depots[aIndex]);
-        m_Blocks[m_nBlocks++] = aMemory;
-    }
-
-private:
-    bool Fetch(CDepot& aDepot) {
-        CBatch batch;
-        if (!aDepot.Take(batch))
-            return false;
-        m_nBlocks = BATCH;
-        std::ranges::copy(batch, m_Blocks.begin());
-        for (size_t n = BATCH - AHEAD; n < BATCH; ++n)
-            __builtin_prefetch(m_Blocks[n], 1);
-        return true;
-    }
-    // The oldest, which this processor has at hand the least.
-    void HandOn(CDepot& aDepot) {
-        CBatch oldest;
-        std::copy_n(m_Blocks.begin(), BATCH, oldest.begin());
-        if (!aDepot.Give(oldest))
-            Free(BATCH);
-        std::copy(m_Blocks.begin() + BATCH, m_Blocks.begin() + static_cast<long>(m_nBlocks), m_Blocks.begin());
-        m_nBlocks -= BATCH;
-    }
-    void Free(size_t aCount) {
-        for (size_t n = 0; n < aCount; ++n)
-            ::operator delete(m_Blocks[n]);
-    }
-
-    size_t m_nBlocks = 0;
-    std::array<void*, 2 * BATCH> m_Blocks;
+    // Blocks that have not come back. Those of an open slab are counted by its thread and added in the end only, so until then
+    // this is zero or below.
+    std::atomic<int> m_nOut;
+    bool m_bOne = false;  // a slab of one block
 };
 
-using CShelves = std::array<CShelf, SIZES>;
+constinit CSpares<void*, MOST_SPARES> s_Spares;
 
-// Every event asks for these, which this model of thread-local storage makes cheap; it is for a few bytes only.
-[[gnu::tls_model("initial-exec")]] constinit thread_local CShelves* t_pShelves = nullptr;
-[[gnu::tls_model("initial-exec")]] constinit thread_local bool t_bEnded = false;
+void* NewSlabMemory(size_t aSize) { return ::operator new (aSize, std::align_val_t{SLAB_ALIGNMENT}); }
 
-struct CShelvesEnd {
-    ~CShelvesEnd() {
-        delete std::exchange(t_pShelves, nullptr);
-        t_bEnded = true;
-    }
-};
-
-// Null: without, for want of memory or because the thread is about to end.
-CShelves* GetShelves() {
-    if (t_pShelves || t_bEnded)
-        return t_pShelves;
-    t_pShelves = new (std::nothrow) CShelves;
-    static thread_local CShelvesEnd end;
-    return t_pShelves;
+void End(CSlab* aSlab) {
+    const bool bSpare = !aSlab->m_bOne;
+    aSlab->~CSlab();
+    if (!bSpare || !s_Spares.Give(aSlab))
+        ::operator delete (aSlab, std::align_val_t{SLAB_ALIGNMENT});
 }
 
-bool IsKept(size_t aSize) { return REUSES_MEMORY && aSize - 1 < SIZES * GRAIN; }
+void GiveBack(CSlab* aSlab, int aBlocks) {
+    if (aSlab->m_nOut.fetch_sub(aBlocks, std::memory_order_acq_rel) == aBlocks)
+        End(aSlab);
+}
+
+void* TakeOne(size_t aSize) {
+    auto* pSlab = new (NewSlabMemory(sizeof(CSlab) + aSize)) CSlab(1);
+    pSlab->m_bOne = true;
+    return pSlab + 1;
+}
+
+// The slab that a thread cuts its blocks off.
+struct COpenSlab {
+    CSlab* m_pSlab;  // null: none yet
+    size_t m_nUsed;  // bytes
+    int m_nBlocks;
+    bool m_bEnded;  // the thread is about to end and opens no more
+};
+
+// Every event asks for it, which this model of thread-local storage makes cheap; it is for a few bytes only.
+[[gnu::tls_model("initial-exec")]] constinit thread_local COpenSlab t_Open{nullptr, SLAB_SIZE, 0, false};
+
+void Close() {
+    if (CSlab* pSlab = std::exchange(t_Open.m_pSlab, nullptr))
+        GiveBack(pSlab, -t_Open.m_nBlocks);
+}
+
+struct CThreadEnd {
+    ~CThreadEnd() {
+        Close();
+        t_Open = {nullptr, SLAB_SIZE, 0, true};
+    }
+};
+
+bool Open() {
+    static thread_local CThreadEnd end;
+    if (t_Open.m_bEnded)
+        return false;
+    Close();
+    void* pMemory = nullptr;
+    if (!s_Spares.Take(pMemory))
+        pMemory = NewSlabMemory(SLAB_SIZE);
+    t_Open = {new (pMemory) CSlab(0), sizeof(CSlab), 0, false};
+    return true;
+}
 
 }  // namespace
 
 void* take_event_memory(size_t aSize) {
-    CShelves* pShelves = IsKept(aSize) ? GetShelves() : nullptr;
-    const size_t nIndex = (aSize - 1) / GRAIN;
-    if (pShelves)
-        return (*pShelves)[nIndex].Take(nIndex);
-    return ::operator new(IsKept(aSize) ? (nIndex + 1) * GRAIN : aSize);  // another thread may keep it
+    if (!REUSES_MEMORY)
+        return ::operator new(aSize);
+    if (aSize > LARGEST)
+        return TakeOne(aSize);
+    const size_t nSize = (aSize + BLOCK_ALIGNMENT - 1) & ~(BLOCK_ALIGNMENT - 1);
+    if (t_Open.m_nUsed + nSize > SLAB_SIZE && !Open())
+        return TakeOne(aSize);
+    void* pBlock = reinterpret_cast<char*>(t_Open.m_pSlab) + t_Open.m_nUsed;
+    t_Open.m_nUsed += nSize;
+    ++t_Open.m_nBlocks;
+    return pBlock;
 }
 
-void give_event_memory(void* aMemory, size_t aSize) noexcept {
-    CShelves* pShelves = IsKept(aSize) && aMemory ? GetShelves() : nullptr;
-    const size_t nIndex = (aSize - 1) / GRAIN;
-    if (pShelves)
-        (*pShelves)[nIndex].Give(nIndex, aMemory);
-    else
-        ::operator delete(aMemory);
+void give_event_memory(void* aMemory) noexcept {
+    if (!REUSES_MEMORY)
+        return ::operator delete(aMemory);
+    if (aMemory)
+        GiveBack(reinterpret_cast<CSlab*>(reinterpret_cast<uintptr_t>(aMemory) & ~(SLAB_ALIGNMENT - 1)), 1);
 }
 
 }  // namespace talvo

@@ -2,21 +2,18 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 
 namespace talvo {
 
-// The general allocator makes two threads meet at every such block, and lets each wait for what the other wrote last. Here a
-// thread keeps what it is given on a shelf of its own, hands it on by the batch, and has the next blocks on their way to its
-// processor before they are asked for. A few hundred kilobytes are kept at most in all threads together.
+// A general allocator lets two threads meet at every such block, and scatters the events of a long queue over the memory, so
+// that the thread which runs them waits for each. Here a thread cuts its blocks off a slab of 4 KiB, one behind the other, and
+// a slab is used again when the last of its blocks has come back, from whatever threads. So events that are posted together
+// lie together, and taking and giving are a few instructions. A few slabs are kept for all threads.
 //
-// Throws std::bad_alloc.
+// A block that is kept for long keeps its slab. Throws std::bad_alloc.
 void* take_event_memory(size_t aSize);
 
-// A block is one of the general allocator's, whichever way it went, and goes back there when its size is not known.
-constexpr size_t UNKNOWN_EVENT_SIZE = SIZE_MAX;
-
-// aSize is what it was taken with. Any thread.
-void give_event_memory(void* aMemory, size_t aSize) noexcept;
+// Any thread; null does nothing.
+void give_event_memory(void* aMemory) noexcept;
 
 }  // namespace talvo

@@ -19,13 +19,14 @@ public:
     virtual void OnDestorySelf();
     virtual ~ICmEvent();
 
-    // The memory of events is made for going from thread to thread; a class may have its own instead.
+    // The memory of events is made for going from thread to thread and coming back soon: one that is kept keeps up to 4 KiB.
+    // A class whose events live long had better have its own operators.
     static void* operator new(size_t aSize);
     static void* operator new(size_t aSize, const std::nothrow_t&) noexcept;
     static void* operator new(size_t aSize, std::align_val_t aAlign) { return ::operator new(aSize, aAlign); }
     static void* operator new(size_t, void* aPlace) noexcept { return aPlace; }
-    static void operator delete(void* aMemory, size_t aSize) noexcept;
-    static void operator delete(void* aMemory, size_t, std::align_val_t aAlign) noexcept { ::operator delete(aMemory, aAlign); }
+    static void operator delete(void* aMemory) noexcept;
+    static void operator delete(void* aMemory, std::align_val_t aAlign) noexcept { ::operator delete(aMemory, aAlign); }
     // The last two are for constructors that throw.
     static void operator delete(void* aMemory, const std::nothrow_t&) noexcept;
     static void operator delete(void*, void*) noexcept {}

@@ -19,10 +19,8 @@ void* ICmEvent::operator new(size_t aSize, const std::nothrow_t&) noexcept {
         return nullptr;
     }
 }
-void ICmEvent::operator delete(void* aMemory, size_t aSize) noexcept { talvo::give_event_memory(aMemory, aSize); }
-void ICmEvent::operator delete(void* aMemory, const std::nothrow_t&) noexcept {
-    talvo::give_event_memory(aMemory, talvo::UNKNOWN_EVENT_SIZE);
-}
+void ICmEvent::operator delete(void* aMemory) noexcept { talvo::give_event_memory(aMemory); }
+void ICmEvent::operator delete(void* aMemory, const std::nothrow_t&) noexcept { talvo::give_event_memory(aMemory); }
 ICmEventQueue::~ICmEventQueue() = default;
 
 CCmTimeValue CCmEventQueueBase::s_tvReportInterval(0, 100000);
