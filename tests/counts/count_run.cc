@@ -1,22 +1,39 @@
-// count_run raw|length|package MESSAGES: streams so many messages of 64 bytes, for instructions_test.py, which counts what it
-// costs.
+// count_run PATH MESSAGES: sends so many messages of 64 bytes, or requests, on one of the paths below, for
+// instructions_test.py, which counts what it costs.
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <string>
 
 #include "tests/counts/message_path.h"
 
+namespace {
+
+constexpr DWORD SIZE = 64;
+constexpr DWORD RAW = CCmConnectionManager::CTYPE_TCP;
+
+using CRun = std::function<void(const CTestNetwork&, size_t)>;
+
+CRun Stream(DWORD aType) {
+    return [aType](const CTestNetwork& a, size_t aMessages) { StreamCost(a, aType, aMessages, SIZE); };
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
-    const std::map<std::string, DWORD> types = {
-        {"raw", CCmConnectionManager::CTYPE_TCP},
-        {"length", CCmConnectionManager::CTYPE_TCP | CCmConnectionManager::CTYPE_PDU_LENGTH},
-        {"package", CCmConnectionManager::CTYPE_TCP | CCmConnectionManager::CTYPE_PDU_PACKAGE}};
-    const auto itType = types.find(argc == 3 ? argv[1] : "");
-    if (itType == types.end()) {
-        std::fprintf(stderr, "usage: count_run raw|length|package MESSAGES\n");
+    const std::map<std::string, CRun> paths = {
+        {"echo", [](const CTestNetwork& a, size_t aMessages) { EchoCost(a, TRUE, aMessages, SIZE); }},
+        {"http", [](const CTestNetwork& a, size_t aMessages) { HttpCost(a, aMessages); }},
+        {"raw", Stream(RAW)},
+        {"length", Stream(RAW | CCmConnectionManager::CTYPE_PDU_LENGTH)},
+        {"package", Stream(RAW | CCmConnectionManager::CTYPE_PDU_PACKAGE)},
+    };
+    const auto itPath = paths.find(argc == 3 ? argv[1] : "");
+    if (itPath == paths.end()) {
+        std::fprintf(stderr, "usage: count_run echo|http|raw|length|package MESSAGES\n");
         return 2;
     }
-    StreamCost(CTestNetwork(), itType->second, std::strtoul(argv[2], nullptr, 10), 64);
+    itPath->second(CTestNetwork(), std::strtoul(argv[2], nullptr, 10));
     return testing::UnitTest::GetInstance()->Passed() ? 0 : 1;
 }
