@@ -22,6 +22,19 @@ BOOL FitsDatagram(const CCmMessageBlock& aData) {
     return dwPieces <= talvo::MAX_DATAGRAM_PIECES;
 }
 
+// What goes before the payload of a data PDU.
+class CDataHeader {
+public:
+    CDataHeader(BOOL aWithAck, DWORD aPayload) : m_Block(sizeof m_szBytes, m_szBytes) {
+        CCsPduData(aWithAck, 0, aPayload, CS_PDU_TYPE_DATA_NORMAL, nullptr).EncodeWithOutData(m_Block);
+    }
+    const CCmMessageBlock& GetBlock() const { return m_Block; }
+
+private:
+    char m_szBytes[9] = {};
+    CCmMessageBlock m_Block;
+};
+
 }  // namespace
 
 CmResult CCsConn::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
@@ -110,10 +123,8 @@ DWORD CCsConn::AddToSendBuf_i(CCmMessageBlock& aData) {
 
 CmResult CCsConn::GatherFrame_i(CCmMessageBlock& aData) {
     const DWORD dwLength = aData.GetChainedLength();
-    char szHeader[9] = {};
-    CCmMessageBlock header(sizeof szHeader, szHeader);
-    CCsPduData(m_bNeedACK, 0, dwLength, CS_PDU_TYPE_DATA_NORMAL, nullptr).EncodeWithOutData(header);
-    const CmResult rv = m_Pending.Add(header.GetTopLevelReadPtr(), header.GetTopLevelLength(), aData);
+    const CDataHeader header(m_bNeedACK, dwLength);
+    const CmResult rv = m_Pending.Add(header.GetBlock().GetTopLevelReadPtr(), header.GetBlock().GetTopLevelLength(), aData);
     if (rv == CM_OK)
         aData.AdvanceChainedReadPtr(dwLength);
     return rv;
@@ -129,10 +140,7 @@ CmResult CCsConn::SendUnbuffered_i(CCmMessageBlock& aData) {
     }
     if (m_bCorked)
         return GatherFrame_i(aData);
-    char szHeader[9] = {};
-    CCmMessageBlock header(sizeof szHeader, szHeader);
-    CCsPduData(TRUE, 0, aData.GetChainedLength(), CS_PDU_TYPE_DATA_NORMAL, nullptr).EncodeWithOutData(header);
-    const CmResult rv = SendFrame_i(header, aData);
+    const CmResult rv = SendFrame_i(CDataHeader(TRUE, aData.GetChainedLength()).GetBlock(), aData);
     return rv == CM_ERROR_OUT_OF_MEMORY ? rv : CM_OK;
 }
 
