@@ -1,7 +1,8 @@
 // Trace: timestamped lines on 26 levels, to a file and to a sink of the application. Any thread.
 //
 // Off until the configuration or the application enables it. A level that is off costs one load and one branch: the text after
-// the macro is not evaluated. docs/configuration.md lists the keys of the section "Trace", docs/trace.md the file formats.
+// the macro is not evaluated. It is the body of a lambda, where Clang before 16 knows no structured bindings.
+// docs/configuration.md lists the keys of the section "Trace", docs/trace.md the file formats.
 #pragma once
 
 #include <atomic>

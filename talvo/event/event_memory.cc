@@ -51,8 +51,8 @@ void* TakeOne(size_t aSize) {
 
 // The slab that a thread cuts its blocks off.
 struct COpenSlab {
-    CSlab* m_pSlab;  // null: none yet
-    size_t m_nUsed;  // bytes
+    CSlab* m_pSlab;  // null: none
+    size_t m_nUsed;  // bytes; all of them while there is none
     int m_nBlocks;
     bool m_bEnded;  // the thread is about to end and opens no more
 };
@@ -60,23 +60,21 @@ struct COpenSlab {
 // Every event asks for it, which this model of thread-local storage makes cheap; it is for a few bytes only.
 [[gnu::tls_model("initial-exec")]] constinit thread_local COpenSlab t_Open{nullptr, SLAB_SIZE, 0, false};
 
-void Close() {
-    if (CSlab* pSlab = std::exchange(t_Open.m_pSlab, nullptr))
-        GiveBack(pSlab, -t_Open.m_nBlocks);
+void Close(bool aEnded) {
+    const COpenSlab open = std::exchange(t_Open, {nullptr, SLAB_SIZE, 0, aEnded});
+    if (open.m_pSlab)
+        GiveBack(open.m_pSlab, -open.m_nBlocks);
 }
 
 struct CThreadEnd {
-    ~CThreadEnd() {
-        Close();
-        t_Open = {nullptr, SLAB_SIZE, 0, true};
-    }
+    ~CThreadEnd() { Close(true); }
 };
 
 bool Open() {
     static thread_local CThreadEnd end;
     if (t_Open.m_bEnded)
         return false;
-    Close();
+    Close(false);
     void* pMemory = nullptr;
     if (!s_Spares.Take(pMemory))
         pMemory = NewSlabMemory(SLAB_SIZE);
