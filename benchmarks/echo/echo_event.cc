@@ -5,6 +5,8 @@
 #include <event2/event.h>
 #include <event2/listener.h>
 
+#include <csignal>
+
 #include "benchmarks/support/system.h"
 
 namespace {
@@ -30,6 +32,7 @@ void OnConnection(evconnlistener* aListener, evutil_socket_t aFd, sockaddr*, int
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN);  // libevent writes to connections that clients have closed
     bench::RaiseDescriptorLimit();
     event_base* pBase = event_base_new();
     const int listener = bench::ListenLoopback(bench::PortArgument(argc, argv));

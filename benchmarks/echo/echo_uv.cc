@@ -2,6 +2,7 @@
 #include <uv.h>
 
 #include <array>
+#include <csignal>
 #include <string>
 
 #include "benchmarks/support/system.h"
@@ -76,6 +77,7 @@ void OnConnection(uv_stream_t* aServer, int aStatus) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN);  // libuv writes to connections that clients have closed
     bench::RaiseDescriptorLimit();
     const sockaddr_in addr = bench::LoopbackAddress(bench::PortArgument(argc, argv));
     uv_tcp_t server;
