@@ -65,7 +65,7 @@ private:
             return;
         m_nFront = 0;
         if (m_Row.capacity() > MOST_KEPT)
-            m_Row = {};
+            std::vector<ICmEvent*>().swap(m_Row);  // an empty list assigned would keep it
         else
             m_Row.clear();
     }
