@@ -34,19 +34,22 @@ int64_t ReadTickUsec() {
     return int64_t{std::clamp<DWORD>(dwMsec, 1, 1000)} * 1000;
 }
 
+// CM_INVALID_HANDLE, and errno says why.
 HANDLE MakeTick(int64_t aUsec) {
     const HANDLE fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+    if (fd == CM_INVALID_HANDLE)
+        return fd;
     const timespec interval{aUsec / 1'000'000, aUsec % 1'000'000 * 1000};
     const itimerspec tick{interval, interval};
     timerfd_settime(fd, 0, &tick, nullptr);
     return fd;
 }
 
-void WatchByEdge(HANDLE aEpoll, HANDLE aFd, uint64_t aData) {
+BOOL WatchByEdge(HANDLE aEpoll, HANDLE aFd, uint64_t aData) {
     epoll_event event{};
     event.events = EPOLLIN | EPOLLET;
     event.data.u64 = aData;
-    epoll_ctl(aEpoll, EPOLL_CTL_ADD, aFd, &event);
+    return aFd != CM_INVALID_HANDLE && epoll_ctl(aEpoll, EPOLL_CTL_ADD, aFd, &event) == 0;
 }
 
 // Bytes that can be read now, 0 for what has no such count.
@@ -81,8 +84,9 @@ CCmReactorEpoll::CCmReactorEpoll()
       m_llTickUsec(ReadTickUsec()),
       m_fdTick(MakeTick(m_llTickUsec)),
       m_pReports(new epoll_event[MAX_REPORTS]) {
-    WatchByEdge(m_fdEpoll, m_fdWakeUp, WAKE_UP_DATA);  // with edges nobody has to read the eventfd back
-    WatchByEdge(m_fdEpoll, m_fdTick, TICK_DATA);
+    // With edges nobody has to read the eventfd back.
+    const BOOL bWoken = WatchByEdge(m_fdEpoll, m_fdWakeUp, WAKE_UP_DATA) && WatchByEdge(m_fdEpoll, m_fdTick, TICK_DATA);
+    m_nError = bWoken ? 0 : errno;
 }
 
 CCmReactorEpoll::~CCmReactorEpoll() {
@@ -94,8 +98,8 @@ CCmReactorEpoll::~CCmReactorEpoll() {
 }
 
 CmResult CCmReactorEpoll::Open() {
-    if (m_fdEpoll == CM_INVALID_HANDLE || m_fdWakeUp == CM_INVALID_HANDLE || m_fdTick == CM_INVALID_HANDLE) {
-        CM_ERROR_TRACE_THIS("CCmReactorEpoll::Open, no descriptor for epoll or eventfd. err=" << errno);
+    if (m_nError != 0) {
+        CM_ERROR_TRACE_THIS("CCmReactorEpoll::Open, no descriptor for epoll, eventfd or timerfd. err=" << m_nError);
         return CM_ERROR_UNEXPECTED;
     }
     return CCmReactorBase::Open();

@@ -62,7 +62,8 @@ private:
     HANDLE m_fdEpoll;
     HANDLE m_fdWakeUp;
     const int64_t m_llTickUsec;
-    HANDLE m_fdTick;  // a timer of the system, so that a wait does not have to set one
+    HANDLE m_fdTick;   // a timer of the system, so that a wait does not have to set one
+    int m_nError = 0;  // of the system, for which there is no loop
     std::unique_ptr<epoll_event[]> m_pReports;
     BOOL m_bRunning = FALSE;               // a turn is under way
     std::atomic<BOOL> m_bStop{FALSE};      // each stop ends one run, also one that has not begun
