@@ -14,7 +14,7 @@ namespace {
 constexpr size_t SLAB_ALIGNMENT = 4096;
 constexpr size_t SLAB_SIZE = SLAB_ALIGNMENT - 64;  // leaves the general allocator room to put them side by side
 constexpr size_t BLOCK_ALIGNMENT = alignof(std::max_align_t);
-constexpr size_t LARGEST = 512;  // bytes; a larger block has a slab of its own
+constexpr size_t LARGEST = 2000;  // bytes, two to a slab; a larger block has a slab of its own
 constexpr size_t MOST_SPARES = 64;
 
 // The head of a slab; its blocks follow.

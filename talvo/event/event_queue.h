@@ -24,11 +24,17 @@ public:
     static void* operator new(size_t aSize);
     static void* operator new(size_t aSize, const std::nothrow_t&) noexcept;
     static void* operator new(size_t aSize, std::align_val_t aAlign) { return ::operator new(aSize, aAlign); }
+    static void* operator new(size_t aSize, std::align_val_t aAlign, const std::nothrow_t& aNoThrow) noexcept {
+        return ::operator new(aSize, aAlign, aNoThrow);
+    }
     static void* operator new(size_t, void* aPlace) noexcept { return aPlace; }
     static void operator delete(void* aMemory) noexcept;
     static void operator delete(void* aMemory, std::align_val_t aAlign) noexcept { ::operator delete(aMemory, aAlign); }
-    // The last two are for constructors that throw.
+    // The others are for constructors that throw.
     static void operator delete(void* aMemory, const std::nothrow_t&) noexcept;
+    static void operator delete(void* aMemory, std::align_val_t aAlign, const std::nothrow_t&) noexcept {
+        ::operator delete(aMemory, aAlign);
+    }
     static void operator delete(void*, void*) noexcept {}
 };
 

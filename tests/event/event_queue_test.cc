@@ -34,10 +34,10 @@ private:
 template <class Function>
 void ForEachSize(Function aFunction) {
     aFunction.template operator()<1, 8>();
-    aFunction.template operator()<56, 8>();  // with the pointer to its functions just a cache line,
-    aFunction.template operator()<57, 8>();  // and just more
-    aFunction.template operator()<248, 8>();
-    aFunction.template operator()<1000, 8>();
+    aFunction.template operator()<57, 8>();
+    aFunction.template operator()<1992, 8>();  // with the pointer to its functions the largest that shares a slab,
+    aFunction.template operator()<1993, 8>();  // and just more
+    aFunction.template operator()<5000, 8>();
     aFunction.template operator()<100, 128>();
 }
 
@@ -125,13 +125,25 @@ TEST(EventQueueTest, AQueueThatIsNeverEmptyDoesNotGrow) {
     EXPECT_GT(stBefore + 65536, mallinfo2().uordblks + mallinfo2().hblkhd);
 }
 
+TEST(EventQueueTest, ABurstLeavesNoMemoryBehind) {
+    CCmEventQueueUsingMutex queue;
+    CEventFate fate;
+    const size_t stBefore = mallinfo2().uordblks + mallinfo2().hblkhd;
+    for (int n = 0; n < 200000; ++n)
+        queue.PostEvent(new CTestEvent(fate));
+    for (CCmEventQueueBase::EventsType events; queue.PopPendingEventsWithLock(events, 5, nullptr) == CM_OK; events = {})
+        queue.ProcessEvents(events);
+    EXPECT_GT(stBefore + 500000, mallinfo2().uordblks + mallinfo2().hblkhd);
+}
+
 TEST(EventQueueTest, EventsOfAnySizeMayEndInAnotherThread) {
     ForEachSize([]<size_t SIZE, size_t ALIGN>() {
         for (int nRound = 0; nRound < 3; ++nRound) {
             std::vector<CMarkedEvent<SIZE, ALIGN>*> events;
             std::thread([&] {
                 for (unsigned char n = 0; n < 200; ++n)
-                    events.push_back(new CMarkedEvent<SIZE, ALIGN>(n));
+                    events.push_back(n % 2 ? new CMarkedEvent<SIZE, ALIGN>(n)
+                                           : new (std::nothrow) CMarkedEvent<SIZE, ALIGN>(n));
             }).join();
             std::thread([&] {
                 for (unsigned char n = 0; n < 200; ++n) {
