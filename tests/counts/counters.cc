@@ -18,6 +18,7 @@ namespace {
 
 using Counter = std::atomic<uint64_t>;
 Counter s_Calls, s_Allocations, s_Copied, s_Locks;
+thread_local bool t_bOneReport = false;  // of the last wait
 
 void Add(Counter& aCounter, uint64_t aValue = 1) { aCounter.fetch_add(aValue, std::memory_order_relaxed); }
 
@@ -43,6 +44,14 @@ void* operator new(size_t aSize) {
     return pMemory;
 }
 void* operator new(size_t aSize, const std::nothrow_t&) noexcept { return Allocate(aSize); }
+void* operator new(size_t aSize, std::align_val_t aAlign) {
+    Add(s_Allocations);
+    void* pMemory = nullptr;
+    if (posix_memalign(&pMemory, static_cast<size_t>(aAlign), aSize) != 0)
+        std::abort();
+    return pMemory;
+}
+void operator delete(void* aMemory, std::align_val_t) noexcept { std::free(aMemory); }
 void operator delete(void* aMemory) noexcept { std::free(aMemory); }
 void operator delete(void* aMemory, size_t) noexcept { std::free(aMemory); }
 
@@ -86,10 +95,11 @@ ssize_t sendmsg(int aFd, const msghdr* aMessage, int aFlags) { return Call(SYS_s
 
 ssize_t readv(int aFd, const iovec* aIov, int aCount) { return Call(SYS_readv, aFd, aIov, aCount); }
 
-// Of what is counted only the tick of a loop is read so. It and the wait that it has ended do not count: how often it comes
-// depends on how long the test takes.
+// Of what is counted only the tick of a loop is read so. Neither it nor a wait that it alone has ended counts: how often it
+// comes depends on how long the test takes.
 ssize_t read(int aFd, void* aBuffer, size_t aSize) {
-    s_Calls.fetch_sub(1, std::memory_order_relaxed);
+    if (t_bOneReport)
+        s_Calls.fetch_sub(1, std::memory_order_relaxed);
     return syscall(SYS_read, aFd, aBuffer, aSize);
 }
 
@@ -102,6 +112,7 @@ int epoll_ctl(int aEpoll, int aOperation, int aFd, epoll_event* aEvent) noexcept
 // The same goes for waits that time out.
 int epoll_wait(int aEpoll, epoll_event* aEvents, int aMost, int aTimeout) {
     const long lReady = syscall(SYS_epoll_pwait, aEpoll, aEvents, aMost, aTimeout, nullptr, 0);
+    t_bOneReport = lReady == 1;
     if (lReady != 0 || aTimeout == 0)
         Add(s_Calls);
     return static_cast<int>(lReady);

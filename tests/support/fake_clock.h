@@ -8,7 +8,8 @@
 #include "talvo/base/time_value.h"
 
 // Replaces the library's clock while in scope. Starts where the system's clocks stand and moves by Advance alone. Any thread;
-// one at a time. Threads of the library may run meanwhile, before and after: what they ask is never destroyed.
+// one at a time. Threads of the library may run before, meanwhile and after, since what they ask is never destroyed; but in the
+// end time goes back by what it was advanced.
 class CCmFakeClock {
 public:
     CCmFakeClock() {
