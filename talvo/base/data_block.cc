@@ -10,7 +10,7 @@ namespace {
 // Blocks of a burst go from thread to thread, and the general allocator gives them back to the system as soon as they have
 // arrived: to get their pages anew costs more than to fill them. So those of the size that bursts are made of are kept, as many
 // as a proxy lets wait.
-constinit talvo::CSpares<void*, 64> s_Spares;
+constinit talvo::CSpares<64> s_Spares;
 
 bool IsSpared(DWORD aSize) { return talvo::REUSES_MEMORY && aSize == CCmDataBlock::BURST_SIZE; }
 
@@ -19,10 +19,8 @@ bool IsSpared(DWORD aSize) { return talvo::REUSES_MEMORY && aSize == CCmDataBloc
 CmResult CCmDataBlock::CreateInstance(CCmDataBlock*& aDb, DWORD aSize, const char* aData) {
     if (aSize == 0)
         return CM_ERROR_INVALID_ARG;
-    void* pSpare = nullptr;
-    if (!IsSpared(aSize) || !s_Spares.Take(pSpare))
-        pSpare = ::operator new(sizeof(CCmDataBlock) + aSize, std::nothrow);
-    char* pMemory = static_cast<char*>(pSpare);
+    void* pSpare = IsSpared(aSize) ? s_Spares.Take() : nullptr;
+    char* pMemory = static_cast<char*>(pSpare ? pSpare : ::operator new(sizeof(CCmDataBlock) + aSize, std::nothrow));
     if (!pMemory)
         return CM_ERROR_OUT_OF_MEMORY;
     aDb = new (pMemory) CCmDataBlock(aSize, pMemory + sizeof(CCmDataBlock));

@@ -16,32 +16,29 @@ constexpr bool REUSES_MEMORY = !__has_feature(address_sanitizer);
 constexpr bool REUSES_MEMORY = true;
 #endif
 
-// At most MOST things that no thread has, the last first. Any thread. What it holds at the process's end stays: its owners may
-// end late.
-template <class Type, size_t MOST>
+// At most MOST pieces of memory of one size that no thread has, the last first. Any thread. What it holds at the process's end
+// stays: its owners may end late.
+template <size_t MOST>
 class CSpares {
 public:
-    // FALSE: there is none.
-    bool Take(Type& aSpare) {
+    // Null: there is none.
+    void* Take() {
         const std::lock_guard guard(m_Mutex);
-        if (m_nCount == 0)
-            return false;
-        aSpare = m_Spares[--m_nCount];
-        return true;
+        return m_nCount > 0 ? m_Spares[--m_nCount] : nullptr;
     }
-    // FALSE: there is no room.
-    bool Give(const Type& aSpare) {
+    // False: there is no room, and the memory stays the caller's.
+    bool Give(void* aMemory) {
         const std::lock_guard guard(m_Mutex);
         if (m_nCount == MOST)
             return false;
-        m_Spares[m_nCount++] = aSpare;
+        m_Spares[m_nCount++] = aMemory;
         return true;
     }
 
 private:
     std::mutex m_Mutex;
     size_t m_nCount = 0;
-    std::array<Type, MOST> m_Spares{};
+    std::array<void*, MOST> m_Spares{};
 };
 
 }  // namespace talvo

@@ -27,7 +27,7 @@ struct alignas(BLOCK_ALIGNMENT) CSlab {
     bool m_bOne = false;  // a slab of one block
 };
 
-constinit CSpares<void*, MOST_SPARES> s_Spares;
+constinit CSpares<MOST_SPARES> s_Spares;
 
 void* NewSlabMemory(size_t aSize) { return ::operator new (aSize, std::align_val_t{SLAB_ALIGNMENT}); }
 
@@ -75,8 +75,8 @@ bool Open() {
     if (t_Open.m_bEnded)
         return false;
     Close(false);
-    void* pMemory = nullptr;
-    if (!s_Spares.Take(pMemory))
+    void* pMemory = s_Spares.Take();
+    if (!pMemory)
         pMemory = NewSlabMemory(SLAB_SIZE);
     t_Open = {new (pMemory) CSlab(0), sizeof(CSlab), 0, false};
     return true;
