@@ -18,6 +18,8 @@ std::vector<std::unique_ptr<CCmEventQueueBase>> AllKinds() {
     return queues;
 }
 
+size_t HeapInUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
+
 template <size_t SIZE, size_t ALIGN>
 class alignas(ALIGN) CMarkedEvent : public ICmEvent {
 public:
@@ -118,22 +120,22 @@ TEST(EventQueueTest, AQueueThatIsNeverEmptyDoesNotGrow) {
         queue.PostEvent(new CTestEvent(fate));
     for (int n = 0; n < 1000; ++n)
         round();
-    const size_t stBefore = mallinfo2().uordblks + mallinfo2().hblkhd;
+    const size_t stBefore = HeapInUse();
     for (int n = 0; n < 40000; ++n)
         round();
     EXPECT_EQ(3u, queue.GetPendingEventsCount());
-    EXPECT_GT(stBefore + 65536, mallinfo2().uordblks + mallinfo2().hblkhd);
+    EXPECT_GT(stBefore + 65536, HeapInUse());
 }
 
 TEST(EventQueueTest, ABurstLeavesNoMemoryBehind) {
     CCmEventQueueUsingMutex queue;
     CEventFate fate;
-    const size_t stBefore = mallinfo2().uordblks + mallinfo2().hblkhd;
+    const size_t stBefore = HeapInUse();
     for (int n = 0; n < 200000; ++n)
         queue.PostEvent(new CTestEvent(fate));
     for (CCmEventQueueBase::EventsType events; queue.PopPendingEventsWithLock(events, 5, nullptr) == CM_OK; events = {})
         queue.ProcessEvents(events);
-    EXPECT_GT(stBefore + 500000, mallinfo2().uordblks + mallinfo2().hblkhd);
+    EXPECT_GT(stBefore + 500000, HeapInUse());
 }
 
 TEST(EventQueueTest, EventsOfAnySizeMayEndInAnotherThread) {
