@@ -1,6 +1,9 @@
 #include "talvo/event/timer_wrapper_id.h"
 
+#include <utility>
+
 #include "talvo/base/trace.h"
+#include "talvo/event/thread.h"
 #include "talvo/event/thread_manager.h"
 
 CCmTimerWrapperIDSink::~CCmTimerWrapperIDSink() = default;
@@ -8,16 +11,25 @@ CCmTimerWrapperIDSink::~CCmTimerWrapperIDSink() = default;
 CCmTimerWrapperID::~CCmTimerWrapperID() { Cancel(); }
 
 CmResult CCmTimerWrapperID::Schedule(CCmTimerWrapperIDSink* aSink, const CCmTimeValue& aInterval, unsigned long aCount) {
-    if (!m_pTimerQueue) {
-        m_pTimerQueue = CCmThreadManager::Instance()->GetThreadTimerQueue(CCmThreadManager::TT_CURRENT);
-        if (!m_pTimerQueue) {
-            CM_ERROR_TRACE_THIS("CCmTimerWrapperID::Schedule, this thread doesn't suppport TimerQueue!");
-            return CM_ERROR_NULL_POINTER;
-        }
+    if (!m_pTimerQueue && !Bind_i()) {
+        CM_ERROR_TRACE_THIS("CCmTimerWrapperID::Schedule, this thread doesn't suppport TimerQueue!");
+        return CM_ERROR_NULL_POINTER;
     }
     m_bScheduled = TRUE;
     return m_pTimerQueue->ScheduleTimer(this, aSink, aInterval, aCount);
 }
+
+// Once in the life of a wrapper: what is scheduled later looks for no thread.
+BOOL CCmTimerWrapperID::Bind_i() {
+    ACmThread* pThread = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_CURRENT);
+    ICmTimerQueue* pQueue = pThread ? pThread->GetTimerQueue() : nullptr;
+    if (!pQueue || pThread->GetLink().Join(*this) != CM_OK)
+        return FALSE;
+    m_pTimerQueue = pQueue;
+    return TRUE;
+}
+
+void CCmTimerWrapperID::OnThreadEnd() { std::exchange(m_pTimerQueue, nullptr)->CancelTimer(this); }
 
 CmResult CCmTimerWrapperID::Cancel() {
     if (!m_bScheduled)
