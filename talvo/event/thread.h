@@ -24,8 +24,6 @@ public:
     using TFlag = CCmThreadManager::TFlag;
 
     ACmThread();
-    // Use Destory for a thread that was created. Unregisters it if nobody has.
-    virtual ~ACmThread();
     ACmThread(const ACmThread&) = delete;
     ACmThread& operator=(const ACmThread&) = delete;
 
@@ -46,6 +44,9 @@ public:
     virtual ICmReactor* GetReactor();
     virtual ICmEventQueue* GetEventQueue();
     virtual ICmTimerQueue* GetTimerQueue();
+
+    // Use Destory for a thread that was created. Unregisters it if nobody has.
+    virtual ~ACmThread();
 
     // aReason is traced. Unregisters, and deletes now or, if the thread still runs, when it ends. CM_OK. Not
     // for the main thread from inside a callback of its own loop.

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "tests/support/event_helpers.h"
 #include "tests/support/trace_capture.h"
 
@@ -38,6 +40,14 @@ public:
 };
 
 }  // namespace
+
+// What is built against the interface calls by the number of the slot; a member pointer begins with its offset.
+TEST(ThreadTest, CreateIsTheFirstVirtualOperation) {
+    const auto pCreate = &ACmThread::Create;
+    ptrdiff_t nOffset = 0;
+    std::memcpy(&nOffset, &pCreate, sizeof(nOffset));
+    EXPECT_EQ(0u, static_cast<size_t>(nOffset) / sizeof(void*));
+}
 
 // The mode is the whole process's: put back at the end for the tests that follow.
 TEST(ThreadTest, TheMainThreadMayServeAsNetworkThread) {
