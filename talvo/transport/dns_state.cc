@@ -3,15 +3,12 @@
 #include <new>
 #include <utility>
 
-#include "talvo/base/live_counter.h"
 #include "talvo/event/thread.h"
 #include "talvo/transport/dns_manager.h"
 
 namespace talvo {
 
 namespace {
-
-CCmLiveCounter s_Live("CDnsState");
 
 constexpr const char* THREAD_ENDED = "the network thread has ended";
 
@@ -67,9 +64,6 @@ CCmRefPtrT<CCmThreadLink> GetObserverLink(ACmThread* aThread) {
 }
 
 }  // namespace
-
-CDnsState::CDnsState() { ++s_Live; }
-CDnsState::~CDnsState() { --s_Live; }
 
 CmResult CDnsState::Resolve(CCmRefPtrT<CCmDnsRecord>& aRecord, const CCmString& aName, ICmObserver* aObserver, BOOL aForced,
                             ACmThread* aThread) {
@@ -159,12 +153,14 @@ CDnsWorker* CDnsState::GetWorker_n() {
     return m_pWorker.get();
 }
 
+// Nobody keeps answers up to date from now on, so none are kept.
 void CDnsState::OnThreadEnd() {
     const CCmRefPtrT<CDnsState> pThis = std::move(m_pSelf);
     m_pWorker.reset();
     std::vector<CCmString> names;
     {
         Guard guard(m_Mutex);
+        BeginAnew_l();
         names = m_Askers.GetNames();
     }
     for (const CCmString& strName : names)

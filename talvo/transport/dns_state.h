@@ -12,12 +12,10 @@
 namespace talvo {
 
 // Shared by the manager and everything that is on its way between the threads, so the manager may end at any time. The mutex is
-// never held while an observer is called or an event is posted.
+// never held while an observer is called or an event is posted. Like the manager it is not among the live counters: both stay
+// with the process.
 class CDnsState final : public CCmReferenceControlT<CCmMutexThread>, private CCmThreadTenant, private IDnsWorkerUser {
 public:
-    CDnsState();
-    ~CDnsState() override;
-
     // As the operations of the manager; aName is good, in lower case and no literal.
     CmResult Resolve(CCmRefPtrT<CCmDnsRecord>& aRecord, const CCmString& aName, ICmObserver* aObserver, BOOL aForced,
                      ACmThread* aThread);
