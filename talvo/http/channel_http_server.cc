@@ -34,7 +34,12 @@ void CCmChannelHttpServer::Reset() {
     m_Answer.Reset();
     m_pSink = nullptr;
     m_Status = WAITING;
-    m_bPaused = m_bOnSendDue = FALSE;
+    m_bPaused = m_bForgotten = m_bOnSendDue = FALSE;
+}
+
+void CCmChannelHttpServer::Forget() {
+    m_pSink = nullptr;
+    m_bForgotten = TRUE;
 }
 
 ICmChannelHttpServerSink* CCmChannelHttpServer::Detach() {
@@ -194,7 +199,7 @@ void CCmChannelHttpServer::Complete_i() {
 }
 
 CmResult CCmChannelHttpServer::Disconnect(CmResult aReason) {
-    m_pSink = nullptr;
+    Forget();
     if (m_pConnection && m_Status != COMPLETE)
         m_pConnection->End(aReason);
     return CM_OK;

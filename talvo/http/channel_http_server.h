@@ -51,7 +51,9 @@ public:
     // Whether the user shall hear of room, which is then told.
     BOOL TakeOnSendDue() { return std::exchange(m_bOnSendDue, FALSE); }
 
-    void Forget() { m_pSink = nullptr; }
+    // The application shall hear nothing more of it, or wants to.
+    void Forget();
+    BOOL IsForgotten() const { return m_bForgotten; }
     // Ready for the next request.
     void Reset();
     // The connection has no more to do with it. The sink that it had.
@@ -76,5 +78,6 @@ private:
     uint64_t m_ullLeft = 0;                            // bytes of the length that SendData has not taken
     BOOL m_bNoBody = FALSE;                            // whatever is sent, nothing but the head leaves
     BOOL m_bPaused = FALSE;
+    BOOL m_bForgotten = FALSE;
     BOOL m_bOnSendDue = FALSE;
 };

@@ -123,6 +123,11 @@ void CCmChannelHttpServerAcceptor::OnRequest(ICmChannelHttpServer& aChannel) {
         m_pSink->OnRequest(&aChannel, this);
 }
 
+void CCmChannelHttpServerAcceptor::OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) {
+    if (m_pSink)
+        m_pSink->OnRequestLost(aReason, &aChannel, this);
+}
+
 void CCmChannelHttpServerAcceptor::OnTimer(CCmTimerWrapperID* aId) {
     if (aId == &m_LookTimer)
         Look_i();

@@ -39,6 +39,7 @@ private:
     DWORD GetLooks() const override { return m_dwLooks; }
     std::string_view GetTail(BOOL aKeepAlive) const override { return aKeepAlive ? m_strTailKeep : m_strTailClose; }
     void OnRequest(ICmChannelHttpServer& aChannel) override;
+    void OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) override;
     void Remove(talvo::CHttpServerConnection& aConnection) override;
 
     using Connections = std::vector<CCmRefPtrT<talvo::CHttpServerConnection>>;

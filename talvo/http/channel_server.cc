@@ -8,6 +8,8 @@ void ICmChannelHttpServerSink::OnSend(ICmTransport*, CCmTransportParameter*) {}
 
 void ICmChannelHttpServerSink::OnConnect(CmResult, ICmChannel*) {}
 
+void ICmChannelServerAcceptorSink::OnRequestLost(CmResult, ICmChannelHttpServer*, ICmChannelServerAcceptor*) {}
+
 void ICmChannelServerAcceptorSink::OnStopped(ICmChannelServerAcceptor*) {}
 
 ICmChannelServerAcceptorSink::~ICmChannelServerAcceptorSink() = default;

@@ -54,7 +54,7 @@ public:
 //
 // The answer is Answer, or BeginAnswer, SendData as often as there is data, EndAnswer. The server adds "Date", the framing
 // ("Content-Length" or "Transfer-Encoding") and "Connection", and leaves the body out where there must not be one: HEAD, 204,
-// 304. Once complete, the answer is the server's to deliver: the channel may be released, and nothing more comes.
+// 205, 304. Once complete, the answer is the server's to deliver: the channel may be released, and nothing more comes.
 //
 // AsyncOpen, OpenWithSink and GetUrl are not for servers: CM_ERROR_NOT_IMPLEMENTED.
 //
@@ -115,6 +115,10 @@ public:
     // A request's head has come. The channel lives during the call: take a reference to answer later. Inside anything may be
     // done to it and to the acceptor.
     virtual void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor* aAcceptor) = 0;
+
+    // A request that the application holds and has not received (ReceiveRequest) cannot be answered any more. Once, for the
+    // reasons of ICmChannelHttpServerSink::OnDisconnect, which comes instead where there is a sink, and under its conditions.
+    virtual void OnRequestLost(CmResult aReason, ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor* aAcceptor);
 
     // StopListen is through: no connection is left. The acceptor may listen again. The last call of a round.
     virtual void OnStopped(ICmChannelServerAcceptor* aAcceptor);

@@ -50,6 +50,7 @@ CmResult CHttpServerConnection::Open() {
 void CHttpServerConnection::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
     if (aData.GetChainedLength() == 0) {
         m_bPeerEnded = TRUE;
+        m_bCutShort = IsCutShort_i();
         return Settle_i();
     }
     if (m_State == CLOSING) {
@@ -293,13 +294,14 @@ void CHttpServerConnection::Refuse_i(int aStatus) {
     m_State = CLOSING;
     if (!bAnswered)
         PrintRefusal_i(aStatus, pChannel && pChannel->GetRequest().GetMethod() == CCmHttpAtomList::Head);
-    ICmChannelHttpServerSink* pSink = pChannel ? pChannel->Detach() : nullptr;
     if (!m_bRunning) {
         Flush_i();
         Settle_i();
     }
-    if (pSink && bRequest && !bAnswered)
-        pSink->OnDisconnect(reason, pChannel.Get());
+    if (bRequest && !bAnswered)
+        TellLost_i(*pChannel, reason);
+    else if (pChannel)
+        pChannel->Detach();
 }
 
 void CHttpServerConnection::PrintRefusal_i(int aStatus, BOOL aHeadOnly) {
@@ -354,10 +356,38 @@ void CHttpServerConnection::End(CmResult aReason) {
     m_Output.Clear();
     DropHeld_i();
     const CCmRefPtrT<CCmChannelHttpServer> pChannel = std::move(m_pChannel);
-    ICmChannelHttpServerSink* pSink = pChannel ? pChannel->Detach() : nullptr;
     m_Owner.Remove(*this);
-    if (bTell && pSink)
-        pSink->OnDisconnect(aReason, pChannel.Get());
+    if (bTell)
+        TellLost_i(*pChannel, aReason);
+    else if (pChannel)
+        pChannel->Detach();
+}
+
+// The last call for a request; inside anything may be done, to the channel and to the owner.
+void CHttpServerConnection::TellLost_i(CCmChannelHttpServer& aChannel, CmResult aReason) {
+    ICmChannelHttpServerSink* pSink = aChannel.Detach();
+    if (aChannel.IsForgotten())
+        return;
+    if (pSink)
+        pSink->OnDisconnect(aReason, &aChannel);
+    else if (aChannel.IsShared())
+        m_Owner.OnRequestLost(aReason, aChannel);
+}
+
+// Whether the peer, which sends no more, has not sent the whole of a body that nobody reads yet.
+BOOL CHttpServerConnection::IsCutShort_i() const {
+    class CNobody : public CHttpBodySink {
+        BOOL OnBody(CCmMessageBlock&) override { return TRUE; }
+    };
+    if (m_State != BODY)
+        return FALSE;
+    CNobody nobody;
+    CHttpBodyReader reader = m_BodyReader;
+    if (CCmMessageBlock* pHeld = m_pHeld ? m_pHeld->DuplicateChained() : nullptr) {
+        reader.Feed(*pHeld, nobody);
+        pHeld->DestroyChained();
+    }
+    return !reader.IsComplete();
 }
 
 void CHttpServerConnection::Hold_i(CCmMessageBlock& aInput) {

@@ -20,6 +20,8 @@ public:
     // What ends a head: "Date", "Connection", the empty line.
     virtual std::string_view GetTail(BOOL aKeepAlive) const = 0;
     virtual void OnRequest(ICmChannelHttpServer& aChannel) = 0;
+    // A request without a sink has been lost.
+    virtual void OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) = 0;
     // The connection has ended: lets go of it.
     virtual void Remove(CHttpServerConnection& aConnection) = 0;
 
@@ -100,6 +102,8 @@ private:
     void CheckReleased_i();
     void Refuse_i(int aStatus);
     void PrintRefusal_i(int aStatus, BOOL aHeadOnly);
+    void TellLost_i(CCmChannelHttpServer& aChannel, CmResult aReason);
+    BOOL IsCutShort_i() const;
     void Hold_i(CCmMessageBlock& aInput);
     void DropHeld_i();
 
@@ -135,6 +139,7 @@ private:
     BOOL m_bBroken = FALSE;         // it takes no more at all
     BOOL m_bReadingPaused = FALSE;  // as it was told
     BOOL m_bPeerEnded = FALSE;      // it sends no more, and may wait for what it has asked
+    BOOL m_bCutShort = FALSE;       // and the body under way is not whole
     BOOL m_bFirst = TRUE;           // no request has come yet
     BOOL m_bLast = FALSE;           // the connection ends behind this answer
     BOOL m_bStopping = FALSE;

@@ -125,7 +125,11 @@ void CHttpServerConnection::Settle_i() {
 
 // The peer has ended its side and nothing is left to do for it.
 BOOL CHttpServerConnection::IsStarved_i() const {
-    if (!m_bPeerEnded || m_bBlocked || m_pHeld)
+    if (!m_bPeerEnded || m_bBlocked)
+        return FALSE;
+    if (m_bCutShort && m_State == BODY && !IsAnswered_i() && !m_pChannel->GetServerSink())
+        return TRUE;
+    if (m_pHeld)
         return FALSE;
     switch (m_State) {
     case HEAD:

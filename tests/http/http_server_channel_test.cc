@@ -140,6 +140,30 @@ TEST_F(HttpServerTest, TheUserHearsOnceOfAnEndBeforeTheAnswerOnly) {
     EXPECT_EQ(0u, m_pAcceptor->GetConnections());
 }
 
+// The acceptor's sink, where the request has none.
+TEST_F(HttpServerTest, ARequestThatWasNotReceivedIsLostOnce) {
+    std::vector<CCmRefPtrT<ICmChannelHttpServer>> channels;
+    m_Request = [&](ICmChannelHttpServer& a) { channels.emplace_back(&a); };
+    const std::string strChunked = "POST / HTTP/1.1\r\nHost: h\r\nTransfer-Encoding: chunked\r\n\r\n";
+    const auto pAnswered = Connect(), pGivenUp = Connect(), pGone = Connect(), pCut = Connect(), pWhole = Connect();
+    for (const auto& pClient : {pAnswered, pGivenUp, pGone})
+        pClient->Receive(POST);
+    pCut->Receive(strChunked + "3\r\nabc\r\n");
+    pWhole->Receive(strChunked + "3\r\nabc\r\n0\r\n\r\n");
+    channels[0]->AnswerText(200, "text/plain", "");
+    channels[1]->Disconnect(CM_OK);
+    for (const auto& pClient : {pAnswered, pGivenUp, pGone})
+        pClient->Vanish();
+    EXPECT_EQ((std::vector<ICmChannelHttpServer*>{channels[2].Get()}), m_Lost);
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, channels[2]->Answer(nullptr));
+    for (const auto& pClient : {pCut, pWhole})
+        pClient->EndSide();
+    Turn();
+    EXPECT_EQ((std::vector<ICmChannelHttpServer*>{channels[2].Get(), channels[3].Get()}), m_Lost);
+    EXPECT_EQ(CM_OK, channels[4]->AnswerText(200, "text/plain", "whole"));
+    EXPECT_EQ("200:whole ", pWhole->TakeAnswers());
+}
+
 TEST_F(HttpServerTest, AClientThatEndsItsSideGetsWhatItHasAskedFor) {
     m_Request = [this](ICmChannelHttpServer& a) { Keep(a).m_End = [] {}; };
     const auto pWaiting = Connect(), pInBody = Connect(), pIdle = Connect();

@@ -95,6 +95,9 @@ protected:
         ASSERT_EQ(CM_OK, m_pAcceptor->StartListen(this, CCmInetAddr(OwnLoopback(), 0)));
     }
     void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override { m_Request(*aChannel); }
+    void OnRequestLost(CmResult, ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override {
+        m_Lost.push_back(aChannel);
+    }
     void OnStopped(ICmChannelServerAcceptor*) override { ++m_nStopped; }
 
     void AnswerWithURI(ICmChannelHttpServer& aChannel) {
@@ -138,5 +141,6 @@ protected:
     CCmRefPtrT<CCmChannelHttpServerAcceptor> m_pAcceptor;
     std::function<void(ICmChannelHttpServer&)> m_Request = [this](ICmChannelHttpServer& a) { AnswerWithURI(a); };
     std::vector<std::unique_ptr<CTestRequest>> m_Requests;
+    std::vector<ICmChannelHttpServer*> m_Lost;
     int m_nStopped = 0;
 };
