@@ -107,7 +107,7 @@ CmResult CCmChannelHttpServer::Begin_i(uint64_t aLength) {
     if (rv != CM_OK)
         return rv;
     m_Body = m_Answer.GetBody(m_Request, aLength);
-    m_bNoBody = m_Body == EHttpBody::NONE || m_Request.GetMethod() == CCmHttpAtomList::Head;
+    m_bNoBody = m_Answer.IsWithoutBody() || m_Request.GetMethod() == CCmHttpAtomList::Head;
     const std::string_view tail = m_pConnection->BeginAnswer(m_Body == EHttpBody::UNTIL_CLOSE || m_Answer.IsToClose());
     m_Answer.Print(m_Body, aLength, tail, m_pConnection->GetOutput().GetText());
     m_ullLeft = aLength;

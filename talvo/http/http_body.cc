@@ -53,20 +53,20 @@ CmResult CHttpBodyReader::FindData(CCmMessageBlock& aBlock, DWORD& aCount) {
     if (m_Kind != EHttpBody::CHUNKED) {
         const uint64_t ullLeft = m_Kind == EHttpBody::LENGTH ? m_ullLength - m_ullReceived : UINT64_MAX;
         aCount = static_cast<DWORD>(std::min<uint64_t>(dwLength, ullLeft));
-        return !Count(aCount) ? CM_ERROR_FAILURE : aCount == ullLeft ? CM_OK : CM_ERROR_PARTIAL_DATA;
+        return !Count(aCount, aCount) ? CM_ERROR_FAILURE : aCount == ullLeft ? CM_OK : CM_ERROR_PARTIAL_DATA;
     }
     std::string_view strInput(aBlock.GetTopLevelReadPtr(), dwLength), strData;
     const BOOL bGood = m_Decoder.Next(strInput, strData);
     aCount = static_cast<DWORD>(strData.size());
     aBlock.AdvanceTopLevelReadPtr(dwLength - static_cast<DWORD>(strInput.size()) - aCount);
-    if (!bGood || !Count(aCount))
+    if (!bGood || !Count(aCount, uint64_t{aCount} + m_Decoder.GetRemaining()))
         return CM_ERROR_FAILURE;
     return m_Decoder.IsFinished() ? CM_OK : CM_ERROR_PARTIAL_DATA;
 }
 
-// Nothing of a piece that goes beyond the limit is handed on.
-BOOL CHttpBodyReader::Count(DWORD& aCount) {
-    if (aCount > m_ullMaxBody - m_ullReceived) {
+// Nothing of a chunk or piece that goes beyond the limit is handed on.
+BOOL CHttpBodyReader::Count(DWORD& aCount, uint64_t aAnnounced) {
+    if (aAnnounced > m_ullMaxBody - m_ullReceived) {
         CM_WARNING_TRACE_THIS("CHttpBodyReader::Feed, the body is too large. received=" << m_ullReceived);
         m_bBeyondLimit = TRUE;
         aCount = 0;

@@ -47,11 +47,13 @@ public:
     const CCmHttpHeaderArray& GetTrailers() const { return m_Decoder.GetTrailers(); }
 
     void SetLimits(const CCmHttpLimits& aLimits);
+    // TRUE: a trailer that begins with a blank continues the one before it. FALSE, as it begins: it breaks the body.
+    void SetUnfolding(BOOL aUnfold) { m_Decoder.SetUnfolding(aUnfold); }
 
 private:
     CmResult FeedBlock(CCmMessageBlock& aBlock, CHttpBodySink& aSink);
     CmResult FindData(CCmMessageBlock& aBlock, DWORD& aCount);
-    BOOL Count(DWORD& aCount);
+    BOOL Count(DWORD& aCount, uint64_t aAnnounced);
 
     EHttpBody m_Kind = EHttpBody::NONE;
     uint64_t m_ullLength = 0;

@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "talvo/base/trace.h"
+#include "talvo/http/http_text.h"
 
 namespace {
 
@@ -31,6 +32,7 @@ void CCmHttpChunkedDecoder::Reset() {
     m_dwRemaining = 0;
     m_bCRSeen = FALSE;
     m_Trailers.Clear();
+    m_Folded = {};
     m_dwTrailerLines = 0;
 }
 
@@ -80,7 +82,11 @@ BOOL CCmHttpChunkedDecoder::HandleLine(std::string_view& aInput) {
     case LINE:
         break;
     }
-    const BOOL bGood = m_State == SIZE_LINE ? ParseSize(strLine) : ParseTrailer(strLine);
+    if (m_bStrict && !talvo::is_sendable(strLine)) {
+        CM_WARNING_TRACE("CCmHttpChunkedDecoder::HandleChunkedContent, a CR or NUL stands inside a line.");
+        return FALSE;
+    }
+    const BOOL bGood = m_State == SIZE_LINE ? ParseSize(strLine) : HandleTrailer(strLine);
     m_strLine.clear();
     return bGood;
 }
@@ -124,15 +130,23 @@ BOOL CCmHttpChunkedDecoder::ParseSize(std::string_view aLine) {
     return TRUE;
 }
 
-BOOL CCmHttpChunkedDecoder::ParseTrailer(std::string_view aLine) {
-    if (aLine.empty()) {
-        m_State = FINISHED;
-        return TRUE;
-    }
-    if (++m_dwTrailerLines > m_Limits.m_dwMaxHeaders) {
+// The empty line ends the trailers, and so the body.
+BOOL CCmHttpChunkedDecoder::HandleTrailer(std::string_view aLine) {
+    if (!aLine.empty() && ++m_dwTrailerLines > m_Limits.m_dwMaxHeaders) {
         CM_WARNING_TRACE("CCmHttpChunkedDecoder::HandleChunkedContent, there are too many trailers.");
         return FALSE;
     }
+    if (m_bUnfold && m_Folded.Continue(aLine))
+        return m_Folded.Get().size() <= m_Limits.m_dwMaxLine;
+    if (!m_Folded.IsEmpty() && !ParseTrailer(m_Folded.Get()))
+        return FALSE;
+    m_Folded.Hold(m_bUnfold ? aLine : std::string_view());
+    if (aLine.empty())
+        m_State = FINISHED;
+    return aLine.empty() || m_bUnfold || ParseTrailer(aLine);
+}
+
+BOOL CCmHttpChunkedDecoder::ParseTrailer(std::string_view aLine) {
     const BOOL bGood = m_Trailers.ParseHeaderLine(aLine, nullptr, nullptr);
     return bGood && !(m_bStrict && (m_Trailers.GetFaults() & CM_HTTP_FAULT_NAME));
 }

@@ -5,6 +5,7 @@
 
 #include "talvo/base/export.h"
 #include "talvo/base/types.h"
+#include "talvo/http/http_folded_line.h"
 #include "talvo/http/http_header_array.h"
 #include "talvo/http/http_limits.h"
 
@@ -30,10 +31,17 @@ public:
     void SetLimits(const CCmHttpLimits& aLimits) { m_Limits = aLimits; }
 
     // TRUE also refuses what others on the way may read differently: a size that is more than hexadecimal digits and blanks
-    // behind them, spaces at a line's front, a line end without its CR, a trailer whose name is no token or that has no colon.
+    // behind them, spaces at a line's front, a line end without its CR, a CR or NUL inside a line, a trailer whose name is no
+    // token or that has no colon.
     void SetStrict(BOOL aStrict) { m_bStrict = aStrict; }
 
-    // Forgets everything but limits and strictness.
+    // TRUE: a trailer that begins with a blank continues the one before it.
+    void SetUnfolding(BOOL aUnfold) { m_bUnfold = aUnfold; }
+
+    // The bytes of the chunk under way that have not come yet.
+    DWORD GetRemaining() const { return m_dwRemaining; }
+
+    // Forgets everything but limits, strictness and unfolding.
     void Reset();
 
 private:
@@ -43,6 +51,7 @@ private:
     ELine TakeLine(std::string_view& aInput, std::string_view& aLine);
     BOOL HandleLine(std::string_view& aInput);
     BOOL ParseSize(std::string_view aLine);
+    BOOL HandleTrailer(std::string_view aLine);
     BOOL ParseTrailer(std::string_view aLine);
     BOOL TakeLineEnd(std::string_view& aInput);
 
@@ -51,7 +60,9 @@ private:
     DWORD m_dwRemaining = 0;
     BOOL m_bCRSeen = FALSE;
     CCmHttpHeaderArray m_Trailers;
+    talvo::CHttpFoldedLine m_Folded;  // a trailer that the next line may continue
     CCmHttpLimits m_Limits;
     BOOL m_bStrict = FALSE;
+    BOOL m_bUnfold = FALSE;
     DWORD m_dwTrailerLines = 0;
 };

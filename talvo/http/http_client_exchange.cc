@@ -17,6 +17,11 @@ int64_t AfterMs(DWORD aMs) { return CCmClock::GetTimeOfDayUsec() + int64_t{aMs} 
 
 }  // namespace
 
+CHttpClientExchange::CHttpClientExchange(IHttpExchangeUser& aUser) : m_User(aUser) {
+    m_Parser.SetStrict(TRUE);
+    m_Body.SetUnfolding(TRUE);
+}
+
 CmResult CHttpClientExchange::Start(const CHttpClientRequest& aRequest, const CCmHttpUrl& aUrl,
                                     const CCmString& aAuthorization) {
     m_pRequest = &aRequest;
@@ -166,6 +171,8 @@ void CHttpClientExchange::ReadHead_i(CCmMessageBlock& aData) {
         aData.AdvanceChainedReadPtr(aData.GetChainedLength());
     else if (rv != CM_OK)
         Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the answer has no head that can be read");
+    else if (m_Head.GetFaults() & CM_HTTP_FAULT_NAME)
+        Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "a line of the answer's head is no header field");
     else if (lStatus < 100 || lStatus > 999)
         Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the answer's status is no number of three digits");
     else if (lStatus < 200)

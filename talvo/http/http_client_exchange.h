@@ -40,7 +40,7 @@ public:
         DWORD m_dwKeepAlive = TRUE;
     };
 
-    explicit CHttpClientExchange(IHttpExchangeUser& aUser) : m_User(aUser) {}
+    explicit CHttpClientExchange(IHttpExchangeUser& aUser);
     ~CHttpClientExchange() override { Close(CM_ERROR_NETWORK_SOCKET_CLOSE); }
     CHttpClientExchange(const CHttpClientExchange&) = delete;
     CHttpClientExchange& operator=(const CHttpClientExchange&) = delete;

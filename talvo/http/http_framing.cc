@@ -17,7 +17,8 @@ constexpr int NOT_IMPLEMENTED = 501;
 
 enum ECodings { NO_CODING, CHUNKED_ALONE, MISPLACED_CHUNKED, UNKNOWN_CODING };
 
-ECodings get_codings(const CCmHttpHeaderArray& aHeaders) {
+// aIdentity: "identity", which RFC 9112 no longer has, counts as no coding.
+ECodings get_codings(const CCmHttpHeaderArray& aHeaders, BOOL aIdentity) {
     const CCmString* pValue = aHeaders.FindHeader(Atoms::Transfer_Encoding);
     BOOL bChunked = FALSE, bUnknown = FALSE;
     std::string_view strList = pValue ? std::string_view(*pValue) : std::string_view();
@@ -25,7 +26,7 @@ ECodings get_codings(const CCmHttpHeaderArray& aHeaders) {
         if (bChunked)
             return MISPLACED_CHUNKED;
         bChunked = equal_no_case(element, "chunked");
-        bUnknown = bUnknown || (!bChunked && !equal_no_case(element, "identity"));
+        bUnknown = bUnknown || !(bChunked || (aIdentity && equal_no_case(element, "identity")));
     }
     return bUnknown ? UNKNOWN_CODING : bChunked ? CHUNKED_ALONE : NO_CODING;
 }
@@ -69,7 +70,7 @@ BOOL has_no_body(const CCmHttpResponseHead& aHead, const CCmHttpAtom& aMethod) {
 CHttpFraming get_request_framing(const CCmHttpRequestHead& aHead) {
     CHttpFraming framing;
     if (aHead.PeekHeader(Atoms::Transfer_Encoding)) {
-        const ECodings codings = get_codings(aHead);
+        const ECodings codings = get_codings(aHead, FALSE);
         if (codings == UNKNOWN_CODING)
             return refuse(NOT_IMPLEMENTED);
         if (codings != CHUNKED_ALONE || aHead.GetVerion() < CM_HTTP_VERSION_11 || aHead.PeekHeader(Atoms::Content_Length) ||
@@ -88,7 +89,7 @@ CHttpFraming get_response_framing(const CCmHttpResponseHead& aHead, const CCmHtt
     CHttpFraming framing;
     if (has_no_body(aHead, aMethod))
         return framing;
-    switch (get_codings(aHead)) {
+    switch (get_codings(aHead, TRUE)) {
     case MISPLACED_CHUNKED:
         return refuse(BAD_RESPONSE);
     case UNKNOWN_CODING:

@@ -17,7 +17,8 @@ struct CHttpFraming {
 };
 
 // Sections 6.1 and 6.3. 400: both Transfer-Encoding and Content-Length, chunked in 1.0, twice or not last, a length that is no
-// number or differs. 501: a coding other than chunked. Either is refused because others may see another end of the message.
+// number or differs. 501: a coding other than chunked, "identity" too. Either is refused because others may see another end of
+// the message.
 TALVO_API CHttpFraming get_request_framing(const CCmHttpRequestHead& aHead);
 
 // The same of the response to a request of aMethod: none for HEAD, 1xx, 204, 304 and a CONNECT that succeeded. With both

@@ -36,6 +36,7 @@ CCmHttpParserT<Head>::CCmHttpParserT(Head* aHead) : m_pHead(aHead) {
 template <class Head>
 void CCmHttpParserT<Head>::Reset() {
     recycle(m_strLine, MOST_SPARE_LINE);
+    m_Folded = {};
     recycle(m_strBody, MOST_SPARE_BODY);
     m_pDecoder.reset();
     m_bContentSetUp = m_bComplete = m_bEndOfStream = m_bBeyondLimit = FALSE;
@@ -93,9 +94,34 @@ BOOL CCmHttpParserT<Head>::ParseLine(std::string_view aLine) {
         BeyondLimit("ParseHead, there are too many headers. lines=", m_dwLines);
         return FALSE;
     }
-    const BOOL bGood = m_pHead->ParseLine(aLine);
+    const BOOL bGood = GiveLine(aLine);
     m_strLine.clear();
     return bGood;
+}
+
+template <class Head>
+BOOL CCmHttpParserT<Head>::GiveLine(std::string_view aLine) {
+    return m_bStrict ? GiveStrictly(aLine) : m_pHead->ParseLine(aLine);
+}
+
+// A header line is given when the next one shows that it was whole; the first line of a head is never continued.
+template <class Head>
+BOOL CCmHttpParserT<Head>::GiveStrictly(std::string_view aLine) {
+    if (!talvo::is_sendable(aLine)) {
+        CM_WARNING_TRACE_THIS("CCmHttpParserT::ParseHead, a CR or NUL stands inside a line.");
+        return FALSE;
+    }
+    if (m_dwLines <= 1)
+        return m_pHead->ParseLine(aLine);
+    if (m_Folded.Continue(aLine)) {
+        if (m_Folded.Get().size() <= m_Limits.m_dwMaxLine)
+            return TRUE;
+        BeyondLimit("ParseHead, a folded line is too long. length=", m_Folded.Get().size());
+        return FALSE;
+    }
+    const BOOL bGood = m_Folded.IsEmpty() || m_pHead->ParseLine(m_Folded.Get());
+    m_Folded.Hold(aLine);
+    return bGood && (!aLine.empty() || m_pHead->ParseLine(aLine));
 }
 
 template <class Head>

@@ -8,6 +8,7 @@
 #include "talvo/base/result.h"
 #include "talvo/base/types.h"
 #include "talvo/http/http_chunked_decoder.h"
+#include "talvo/http/http_folded_line.h"
 #include "talvo/http/http_limits.h"
 #include "talvo/http/http_request_head.h"
 #include "talvo/http/http_response_head.h"
@@ -48,7 +49,11 @@ public:
 
     void SetLimits(const CCmHttpLimits& aLimits) { m_Limits = aLimits; }
 
-    // Forgets everything but head and limits.
+    // TRUE reads a head as RFC 9112 has it: a header line that begins with a blank continues the line before it, and ParseHead
+    // refuses a CR or NUL inside a line. Lines that are no header fields are still taken, see CCmHttpHeaderArray::GetFaults.
+    void SetStrict(BOOL aStrict) { m_bStrict = aStrict; }
+
+    // Forgets everything but head, limits and strictness.
     void Reset();
 
     BOOL IsComplete() const { return m_bComplete; }        // the body is
@@ -64,6 +69,8 @@ private:
 
     BOOL ParseLine(std::string_view aLine);
     BOOL KeepLine(std::string_view aPiece);
+    BOOL GiveLine(std::string_view aLine);
+    BOOL GiveStrictly(std::string_view aLine);
     CmResult SetUpContent();
     CmResult SetUpLength();
     CmResult AddBlocks(CCmMessageBlock* aChain);
@@ -74,7 +81,9 @@ private:
     void BeyondLimit(const char* aWhat, uint64_t aSize);
 
     Head* m_pHead;
-    CCmString m_strLine;  // a line whose end has not arrived
+    CCmString m_strLine;              // a line whose end has not arrived
+    talvo::CHttpFoldedLine m_Folded;  // strict only: a header line that the next may continue
+    BOOL m_bStrict = FALSE;
     std::unique_ptr<CCmHttpChunkedDecoder> m_pDecoder;
     BOOL m_bContentSetUp = FALSE;
     BOOL m_bComplete = FALSE;

@@ -20,7 +20,8 @@ constexpr std::array<BYTE, 256> MakeTable() {
     for (size_t i = 0x21; i < 256; ++i)
         table[i] = i == 0x7F ? 0 : TARGET | VALUE | HOST;
     table[' '] = table['\t'] = VALUE;
-    for (const char c : std::string_view("/@?#\\,\"<>"))
+    table['#'] = VALUE;
+    for (const char c : std::string_view("/@?\\,\"<>"))
         table[static_cast<BYTE>(c)] &= BYTE{0xFF} ^ HOST;
     return table;
 }
@@ -35,6 +36,58 @@ BOOL IsAll(std::string_view aText, BYTE aKind) {
 }
 
 BOOL IsDigit(char aLetter) { return aLetter >= '0' && aLetter <= '9'; }
+BOOL IsAlpha(char aLetter) { return lower_case(aLetter) >= 'a' && lower_case(aLetter) <= 'z'; }
+
+BOOL AreDigits(std::string_view aText) { return std::all_of(aText.begin(), aText.end(), IsDigit); }
+
+// How long the name, or the address in brackets, at the front of a host field is; npos: it is none.
+size_t GetNameLength(std::string_view aHost) {
+    if (!aHost.starts_with('[')) {
+        const size_t stEnd = std::min(aHost.find_first_of(":[]"), aHost.size());
+        return stEnd == aHost.size() || aHost[stEnd] == ':' ? stEnd : std::string_view::npos;
+    }
+    const size_t stEnd = aHost.find_first_not_of("0123456789abcdefABCDEF:.", 1);
+    return stEnd != std::string_view::npos && stEnd > 1 && aHost[stEnd] == ']' ? stEnd + 1 : std::string_view::npos;
+}
+
+// A name or an address, which may be empty, then perhaps a colon and the digits of a port, which may be none.
+BOOL IsHost(std::string_view aText) {
+    const size_t stName = GetNameLength(aText);
+    if (stName == std::string_view::npos || !IsAll(aText, HOST))
+        return FALSE;
+    const std::string_view port = aText.substr(stName);
+    return port.empty() || (port.front() == ':' && AreDigits(port.substr(1)));
+}
+
+// What CONNECT asks for: both parts.
+BOOL IsAuthority(std::string_view aText) {
+    const size_t stName = GetNameLength(aText);
+    return IsHost(aText) && stName > 0 && stName + 1 < aText.size();
+}
+
+// "http://host/path", which a server must take, too. User information is refused, as section 4.2.4 of RFC 9110 advises.
+BOOL IsAbsolute(std::string_view aTarget) {
+    constexpr std::string_view SEPARATOR = "://";
+    const size_t stEnd = aTarget.find(SEPARATOR);
+    if (stEnd == std::string_view::npos || !IsAlpha(aTarget.front()))
+        return FALSE;
+    const std::string_view scheme = aTarget.substr(0, stEnd), rest = aTarget.substr(stEnd + SEPARATOR.size());
+    const BOOL bScheme = std::all_of(scheme.begin(), scheme.end(),
+                                     [](char c) { return IsAlpha(c) || IsDigit(c) || c == '+' || c == '-' || c == '.'; });
+    const std::string_view authority = rest.substr(0, rest.find_first_of("/?"));
+    return bScheme && !authority.empty() && IsHost(authority);
+}
+
+// One of the forms of RFC 9112, section 3.2.
+BOOL IsTarget(std::string_view aMethod, std::string_view aTarget) {
+    if (!IsAll(aTarget, TARGET))
+        return FALSE;
+    if (aMethod == "CONNECT")
+        return IsAuthority(aTarget);
+    if (aTarget.front() == '/')
+        return TRUE;
+    return (aTarget == "*" && aMethod == "OPTIONS") || IsAbsolute(aTarget);
+}
 
 }  // namespace
 
@@ -43,7 +96,8 @@ int CHttpRequestCheck::OnRequestLine(std::string_view aLine) {
     const size_t stTarget = stMethod == std::string_view::npos ? stMethod : aLine.find(' ', stMethod + 1);
     if (stTarget == std::string_view::npos || stMethod == 0 || stTarget == stMethod + 1)
         return BAD_REQUEST;
-    if (!is_token(aLine.substr(0, stMethod)) || !IsAll(aLine.substr(stMethod + 1, stTarget - stMethod - 1), TARGET))
+    const std::string_view method = aLine.substr(0, stMethod);
+    if (!is_token(method) || !IsTarget(method, aLine.substr(stMethod + 1, stTarget - stMethod - 1)))
         return BAD_REQUEST;
     const std::string_view version = aLine.substr(stTarget + 1);
     if (version.size() != 8 || !equal_no_case(version.substr(0, 5), "HTTP/") || !IsDigit(version[5]) || version[6] != '.' ||
@@ -67,13 +121,13 @@ int CHttpRequestCheck::OnHeaderLine(std::string_view aLine) {
 
 int CHttpRequestCheck::OnHeader(std::string_view aName, std::string_view aValue) {
     if (equal_no_case(aName, "Host"))
-        return ++m_dwHosts == 1 && IsAll(trim_blanks(aValue), HOST) ? 0 : BAD_REQUEST;
+        return ++m_dwHosts == 1 && IsHost(trim_blanks(aValue)) ? 0 : BAD_REQUEST;
     if (equal_no_case(aName, "Transfer-Encoding"))
         return trim_blanks(aValue).empty() ? BAD_REQUEST : 0;
     if (!equal_no_case(aName, "Content-Length"))
         return 0;
     const std::string_view length = trim_blanks(aValue);
-    const BOOL bNumber = !length.empty() && std::all_of(length.begin(), length.end(), IsDigit);
+    const BOOL bNumber = !length.empty() && AreDigits(length);
     return ++m_dwLengths == 1 && bNumber ? 0 : BAD_REQUEST;
 }
 

@@ -15,6 +15,7 @@ using Atoms = CCmHttpAtomList;
 
 constexpr long OK = 200;
 constexpr long NO_CONTENT = 204;
+constexpr long RESET_CONTENT = 205;
 constexpr long NOT_MODIFIED = 304;
 
 void AppendNumber(CCmString& aOut, uint64_t aNumber) {
@@ -51,10 +52,14 @@ CmResult CHttpServerAnswer::SetHeader(const CCmHttpAtom& aAtom, std::string_view
     return CM_OK;
 }
 
+BOOL CHttpServerAnswer::IsWithoutBody() const {
+    return m_lStatus == NO_CONTENT || m_lStatus == RESET_CONTENT || m_lStatus == NOT_MODIFIED;
+}
+
 EHttpBody CHttpServerAnswer::GetBody(const CCmHttpRequestHead& aRequest, uint64_t aLength) const {
     if (m_lStatus == NO_CONTENT || m_lStatus == NOT_MODIFIED)
         return EHttpBody::NONE;
-    if (aLength != ICmChannelHttpServer::UNKNOWN_LENGTH)
+    if (aLength != ICmChannelHttpServer::UNKNOWN_LENGTH || m_lStatus == RESET_CONTENT)
         return EHttpBody::LENGTH;
     return aRequest.GetVerion() >= CM_HTTP_VERSION_11 ? EHttpBody::CHUNKED : EHttpBody::UNTIL_CLOSE;
 }
@@ -72,7 +77,7 @@ void CHttpServerAnswer::Print(EHttpBody aBody, uint64_t aLength, std::string_vie
     FlattenLines_t(aOut);
     if (aBody == EHttpBody::LENGTH) {
         aOut += "Content-Length: ";
-        AppendNumber(aOut, aLength);
+        AppendNumber(aOut, m_lStatus == RESET_CONTENT ? 0 : aLength);
         aOut += "\r\n";
     } else if (aBody == EHttpBody::CHUNKED) {
         aOut += "Transfer-Encoding: chunked\r\n";

@@ -20,6 +20,9 @@ public:
     // "Connection" has been set to "close", which is all that is taken from it.
     BOOL IsToClose() const { return m_bToClose; }
 
+    // The status says that there is none. A client looks for the body of a 205 all the same: its length is printed as 0.
+    BOOL IsWithoutBody() const;
+
     // How a body of aLength bytes, perhaps ICmChannelHttpServer::UNKNOWN_LENGTH, is sent to that client.
     EHttpBody GetBody(const CCmHttpRequestHead& aRequest, uint64_t aLength) const;
 

@@ -4,41 +4,54 @@ namespace {
 
 using HttpClientTest = CHttpClientTest;
 
+enum EEnd { STAYS, CLOSES, RESETS };
+struct CCase {
+    const char* m_szAnswer;
+    const char* m_szMethod;
+    EEnd m_End;
+    const char* m_szResult;
+};
+const CCase CASES[] = {
+    {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello", "GET", STAYS, "200 hello"},
+    {"HTTP/1.1 404\r\nContent-Length: 0\r\n\r\n", "GET", STAYS, "404 "},
+    {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4;x=1\r\nwiki\r\n5\r\npedia\r\n0\r\nX-T: 1\r\n\r\n", "GET", STAYS,
+     "200 wikipedia"},
+    {"HTTP/1.1 200 OK\r\n\r\nuntil close", "GET", CLOSES, "200 until close"},
+    {"HTTP/1.0 200 OK\r\n\r\n", "GET", CLOSES, "200 "},
+    {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n", "HEAD", STAYS, "200 "},
+    {"HTTP/1.1 204 No Content\r\nContent-Length: 5\r\n\r\n", "GET", STAYS, "204 "},
+    {"HTTP/1.1 304 Not Modified\r\nTransfer-Encoding: chunked\r\n\r\n", "GET", STAYS, "304 "},
+    {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Hints\r\nLink: a\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok", "GET",
+     STAYS, "200 ok"},
+    {"HTTP/1.1 200 OK\r\nContent-Length: 5, 5\r\n\r\nhello", "GET", CLOSES, "200 hello"},
+    {"HTTP/1.1 200 OK\r\nContent-Length:\r\n \t5\r\nX: a \r\n\r\nhello", "GET", STAYS, "200 hello"},
+    {"HTTP/1.1 200 OK\r\nX: a\r\n Transfer-Encoding: chunked\r\nContent-Length: 2\r\n\r\nok", "GET", STAYS, "200 ok"},
+    {"HTTP/1.1 302 Found\r\nX: a\r\n\tLocation: /b\r\nContent-Length: 2\r\n\r\nok", "GET", STAYS, "302 ok"},
+    {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nok\r\n0\r\nX: 1\r\n 2\r\n\r\n", "GET", STAYS, "200 ok"},
+    // Failures: what has arrived is delivered before.
+    {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhel", "GET", CLOSES, "200 hel !20008"},
+    {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n", "GET", CLOSES, "200 hello !20008"},
+    {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\nzz\r\n", "GET", STAYS, "200 hello !20008"},
+    {"HTTP/1.1 200 OK\r\n\r\nuntil close", "GET", RESETS, "200 until close !20008"},
+    {"HTTP/1.1 200 OK\r\nContent-Le", "GET", CLOSES, "0  !20008"},
+    {"", "GET", CLOSES, "0  !20008"},
+    {"SSH-2.0-x\r\n\r\n", "GET", STAYS, "0  !20008"},
+    {"HTTP/1.1 99 Low\r\nContent-Length: 0\r\n\r\n", "GET", STAYS, "0  !20008"},
+    {"HTTP/1.1 2000 High\r\nContent-Length: 0\r\n\r\n", "GET", STAYS, "0  !20008"},
+    {"HTTP/1.1 200 OK\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\nab", "GET", STAYS, "0  !20008"},
+    {"HTTP/1.1 200 OK\r\n Transfer-Encoding: chunked\r\n\r\n2\r\nok\r\n0\r\n\r\n", "GET", STAYS, "0  !20008"},
+    {"HTTP/1.1 200 OK\r\nTransfer-Encoding chunked\r\n\r\n2\r\nok\r\n0\r\n\r\n", "GET", STAYS, "0  !20008"},
+    {"HTTP/1.1 200 OK\r\nContent-Length=3\r\n\r\nabc", "GET", STAYS, "0  !20008"},
+    {"HTTP/1.1 200 OK\r\nContent-Length: 3\r\nnonsense\r\n\r\nabc", "GET", STAYS, "0  !20008"},
+    {"HTTP/1.1 200 OK\r\nX: a\rContent-Length: 3\r\n\r\nabc", "GET", CLOSES, "0  !20008"},
+    {"HTTP/1.1 200 OK\r\nContent-Length: 3\r\r\n\r\nabc", "GET", STAYS, "0  !20008"},
+    {"HTTP/1.1 103 Hints\r\nContent-Length 3\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok", "GET", STAYS, "0  !20008"},
+    {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nok\r\n0\r\nX: 1\rY: 2\r\n\r\n", "GET", STAYS, "200 ok !20008"},
+    {"HTTP/1.1 101 Switching Protocols\r\n\r\n", "GET", STAYS, "0  !20008"},
+};
+
 // What a server says, whole and byte by byte, and what the channel makes of it.
 TEST_F(HttpClientTest, AnswersAsTheyCome) {
-    enum EEnd { STAYS, CLOSES, RESETS };
-    struct CCase {
-        const char* m_szAnswer;
-        const char* m_szMethod;
-        EEnd m_End;
-        const char* m_szResult;
-    };
-    const CCase CASES[] = {
-        {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello", "GET", STAYS, "200 hello"},
-        {"HTTP/1.1 404\r\nContent-Length: 0\r\n\r\n", "GET", STAYS, "404 "},
-        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4;x=1\r\nwiki\r\n5\r\npedia\r\n0\r\nX-T: 1\r\n\r\n", "GET",
-         STAYS, "200 wikipedia"},
-        {"HTTP/1.1 200 OK\r\n\r\nuntil close", "GET", CLOSES, "200 until close"},
-        {"HTTP/1.0 200 OK\r\n\r\n", "GET", CLOSES, "200 "},
-        {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n", "HEAD", STAYS, "200 "},
-        {"HTTP/1.1 204 No Content\r\nContent-Length: 5\r\n\r\n", "GET", STAYS, "204 "},
-        {"HTTP/1.1 304 Not Modified\r\nTransfer-Encoding: chunked\r\n\r\n", "GET", STAYS, "304 "},
-        {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Hints\r\nLink: a\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok",
-         "GET", STAYS, "200 ok"},
-        {"HTTP/1.1 200 OK\r\nContent-Length: 5, 5\r\n\r\nhello", "GET", CLOSES, "200 hello"},
-        // Failures: what has arrived is delivered before.
-        {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhel", "GET", CLOSES, "200 hel !20008"},
-        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n", "GET", CLOSES, "200 hello !20008"},
-        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\nzz\r\n", "GET", STAYS, "200 hello !20008"},
-        {"HTTP/1.1 200 OK\r\n\r\nuntil close", "GET", RESETS, "200 until close !20008"},
-        {"HTTP/1.1 200 OK\r\nContent-Le", "GET", CLOSES, "0  !20008"},
-        {"", "GET", CLOSES, "0  !20008"},
-        {"SSH-2.0-x\r\n\r\n", "GET", STAYS, "0  !20008"},
-        {"HTTP/1.1 99 Low\r\nContent-Length: 0\r\n\r\n", "GET", STAYS, "0  !20008"},
-        {"HTTP/1.1 2000 High\r\nContent-Length: 0\r\n\r\n", "GET", STAYS, "0  !20008"},
-        {"HTTP/1.1 200 OK\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\nab", "GET", STAYS, "0  !20008"},
-        {"HTTP/1.1 101 Switching Protocols\r\n\r\n", "GET", STAYS, "0  !20008"},
-    };
     for (const CCase& test : CASES) {
         for (const size_t nPiece : {size_t{0}, size_t{1}}) {
             SCOPED_TRACE(std::string(test.m_szAnswer) + " in pieces of " + std::to_string(nPiece));

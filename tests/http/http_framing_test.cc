@@ -51,6 +51,7 @@ TEST(HttpFraming, Requests) {
                              "400, close: Transfer-Encoding:",
                              "400, close: Transfer-Encoding: chunked\nContent-Length: 5",
                              "501, close: Transfer-Encoding: gzip, chunked",
+                             "501, close: Transfer-Encoding: identity, chunked",
                              "400, close: Transfer-Encoding: chunked\nTransfer-Encoding: chunked",
                              "400, close: Transfer-Encoding: chunked, gzip",
                              "501, close: Transfer-Encoding: xchunked",

@@ -39,6 +39,21 @@ const CCase CASES[] = {
     {"NothingBehindARefusal", "nonsense\r\n\r\n" + Get("/b"), "400:400 Bad Request\n end"},
     {"NoHost", Get("/a", ""), "400:400 Bad Request\n end"},
     {"TwoHosts", Get("/a", "Host: h\r\nHost: h\r\n"), "400:400 Bad Request\n end"},
+    {"PortThatIsNoNumber", Get("/a", "Host: a:b\r\n"), "400:400 Bad Request\n end"},
+    {"TwoPorts", Get("/a", "Host: a:1:2\r\n"), "400:400 Bad Request\n end"},
+    {"OpenBracket", Get("/a", "Host: [::1\r\n"), "400:400 Bad Request\n end"},
+    {"Hosts",
+     Get("/a", "Host:\r\n") + Get("/b", "Host: [::1]\r\n") + Get("/c", "Host: [::1]:80\r\n") + Get("/d", "Host: h:\r\n"),
+     "200:/a 200:/b 200:/c 200:/d "},
+    {"OtherTargets", "OPTIONS * HTTP/1.1\r\nHost: h\r\n\r\nCONNECT h:443 HTTP/1.1\r\nHost: h\r\n\r\n" + Get("HTTP://h:80/a?b"),
+     "200:* 200:h:443 200:HTTP://h:80/a?b "},
+    {"AsteriskOfGet", Get("*"), "400:400 Bad Request\n end"},
+    {"AuthorityOfGet", Get("example.com:443"), "400:400 Bad Request\n end"},
+    {"RelativeTarget", Get("foo/bar"), "400:400 Bad Request\n end"},
+    {"TargetWithoutHost", Get("http:///a"), "400:400 Bad Request\n end"},
+    {"TargetWithUser", Get("http://u@h/a"), "400:400 Bad Request\n end"},
+    {"Fragment", Get("/a#b"), "400:400 Bad Request\n end"},
+    {"PathOfConnect", "CONNECT /a HTTP/1.1\r\nHost: h\r\n\r\n", "400:400 Bad Request\n end"},
     {"TwoLengths", Post("Content-Length: 1\r\nContent-Length: 1\r\n", "x"), "400:400 Bad Request\n end"},
     {"ListOfLengths", Post("Content-Length: 1, 1\r\n", "x"), "400:400 Bad Request\n end"},
     {"EmptyLength", Post("Content-Length:\r\n", "x"), "400:400 Bad Request\n end"},
@@ -46,6 +61,8 @@ const CCase CASES[] = {
     {"CodingAndLength", Post("Content-Length: 1\r\nTransfer-Encoding: chunked\r\n", "x"), "400:400 Bad Request\n end"},
     {"EmptyCoding", Post("Transfer-Encoding: \t\r\n", "x"), "400:400 Bad Request\n end"},
     {"UnknownCoding", Post("Transfer-Encoding: gzip, chunked\r\n", "x"), "501:501 Not Implemented\n end"},
+    {"Identity", Post("Transfer-Encoding: identity\r\nTransfer-Encoding: chunked\r\n", "0\r\n\r\n"),
+     "501:501 Not Implemented\n end"},
     {"BadChunk", Post("Transfer-Encoding: chunked\r\n", "zz\r\n"), "400:400 Bad Request\n end"},
     {"SignedChunk", Post("Transfer-Encoding: chunked\r\n", "+1\r\nx\r\n0\r\n\r\n"), "400:400 Bad Request\n end"},
     {"PrefixedChunk", Post("Transfer-Encoding: chunked\r\n", "0x1\r\nx\r\n0\r\n\r\n"), "400:400 Bad Request\n end"},
@@ -54,6 +71,7 @@ const CCase CASES[] = {
     {"ChunkWithoutCr", Post("Transfer-Encoding: chunked\r\n", "1;a\nx\r\n0\r\n\r\n"), "400:400 Bad Request\n end"},
     {"BadTrailer", Post("Transfer-Encoding: chunked\r\n", "0\r\nno trailer\r\n\r\n"), "400:400 Bad Request\n end"},
     {"ChunkBeforeBlanks", Post("Transfer-Encoding: chunked\r\n", "001 \t;x\r\nx\r\n0\r\n\r\n"), "200:x "},
+    {"FoldedTrailer", Post("Transfer-Encoding: chunked\r\n", "0\r\nT: v\r\n w\r\n\r\n"), "400:400 Bad Request\n end"},
     {"FoldedLine", Get("/a", "Host: h\r\nX: a\r\n b\r\n"), "400:400 Bad Request\n end"},
     {"SpaceBeforeColon", Get("/a", "Host: h\r\nX : a\r\n"), "400:400 Bad Request\n end"},
     {"NoColon", Get("/a", "Host: h\r\nX=a\r\n"), "400:400 Bad Request\n end"},
@@ -70,7 +88,7 @@ const CCase CASES[] = {
      "431:431 Request Header Fields Too Large\n end"},
     {"LongBody", Post("Content-Length: 11\r\n", ""), "413:413 Content Too Large\n end"},
     {"HugeLength", Post("Content-Length: 9999999999999999999\r\n", ""), "413:413 Content Too Large\n end"},
-    {"LongChunks", Post("Transfer-Encoding: chunked\r\n", "6\r\nabcdef\r\n6\r\nabcdef\r\n"), "413:413 Content Too Large\n end"},
+    {"LongChunks", Post("Transfer-Encoding: chunked\r\n", "6\r\nabcdef\r\n5\r\n"), "413:413 Content Too Large\n end"},
 };
 
 TEST_F(HttpServerTest, AnswersInWhateverPieces) {
@@ -139,6 +157,9 @@ TEST_F(HttpServerTest, AnswersWithoutABody) {
         EXPECT_EQ(std::string::npos, strSent.find("Content-Length"));
         EXPECT_TRUE(strSent.ends_with("\r\n\r\n"));
     }
+    lStatus = 205;
+    pClient->Receive(Get("/a"));
+    EXPECT_EQ("205: ", pClient->TakeAnswers());
 }
 
 }  // namespace
