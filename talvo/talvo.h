@@ -7,6 +7,7 @@
 #include "talvo/base/clock.h"
 #include "talvo/base/config.h"
 #include "talvo/base/data_block_no_malloc.h"
+#include "talvo/base/failure.h"
 #include "talvo/base/inet_addr.h"
 #include "talvo/base/live_counter.h"
 #include "talvo/base/message_block.h"

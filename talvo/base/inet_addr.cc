@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -85,6 +86,12 @@ WORD CCmInetAddr::GetPort() const { return ntohs(m_SockAddr.sin_port); }
 
 CCmString CCmInetAddr::GetIpDisplayName() const {
     return IsResolved() ? IpAddr4BytesToString(GetIpAddrIn4Bytes()) : m_strHostName;
+}
+
+void CCmInetAddr::Print(char* aText, DWORD aSize) const {
+    char szDotted[INET_ADDRSTRLEN] = {};
+    inet_ntop(AF_INET, &m_SockAddr.sin_addr, szDotted, sizeof szDotted);
+    std::snprintf(aText, aSize, "%s:%u", IsResolved() ? szDotted : m_strHostName.c_str(), unsigned{GetPort()});
 }
 
 bool CCmInetAddr::operator==(const CCmInetAddr& aRight) const {

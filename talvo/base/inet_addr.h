@@ -15,6 +15,7 @@ public:
     CCmInetAddr() = default;                           // 0.0.0.0, port 0
     CCmInetAddr(const char* aHostName, WORD aPort);    // as Set, dropping the result
     explicit CCmInetAddr(const char* aIpAddrAndPort);  // as Set, dropping the result
+    explicit CCmInetAddr(const sockaddr_in& aAddr) : m_SockAddr(aAddr) {}
 
     // A dotted address, a host name, or null or "" for 0.0.0.0; the port in host order. CM_OK, or for a name what TryResolve
     // says.
@@ -48,6 +49,9 @@ public:
     BOOL IsResolved() const { return m_strHostName.empty(); }
     CCmString GetHostName() const { return m_strHostName; }  // "" when resolved
     CCmString GetIpDisplayName() const;                      // the pending name, or the dotted address
+
+    // Writes "host:port" with a zero behind it, cut to aSize bytes; allocates nothing.
+    void Print(char* aText, DWORD aSize) const;
 
     // Family, port and address; a pending name is not compared.
     bool operator==(const CCmInetAddr& aRight) const;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "talvo/connection/conn_server_list.h"
+#include "talvo/transport/connect_options.h"
 
 namespace talvo {
 
@@ -9,7 +10,8 @@ namespace talvo {
 class TALVO_API CConnAcceptorBase : public ICmAcceptor,
                                     public ICmAcceptorConnectorSink,
                                     public CConnOwner,
-                                    public CCmReferenceControlT<CCmMutexNullSingleThread> {
+                                    public CCmReferenceControlT<CCmMutexNullSingleThread>,
+                                    public CConnectOptions {
 public:
     DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
     DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
@@ -32,6 +34,7 @@ protected:
     virtual COpeningConn MakeConnection() = 0;
 
 private:
+    CCmFailure GetFailure() const override { return GetConnectFailure(m_pLower.Get()); }
     void Stop_i(CmResult aReason);
 
     CCmEnsureSingleThread m_Est;

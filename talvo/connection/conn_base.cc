@@ -12,6 +12,19 @@ CmResult CConnBase::OpenWithSink(ICmTransportSink* aSink) {
     return CM_OK;
 }
 
+void CConnBase::SetTPTransport(ICmTransport* aTransport) {
+    if (m_pTransport && !aTransport)
+        m_pEnded = m_pTransport;
+    m_pTransport = aTransport;
+}
+
+void CConnBase::NoteFailure_i(ECmFailureCause aCause, const char* aText) {
+    if (m_pFailureText)
+        return;
+    m_Cause = aCause;
+    m_pFailureText = aText;
+}
+
 void CConnBase::SetCurrStatus(WORD aStatus) {
     m_wPrevStatus = m_wStatus;
     m_wStatus = aStatus;
@@ -45,5 +58,29 @@ CmResult CConnBase::SetTransportOption_i(DWORD aCommand, void* aArg) {
 }
 
 CmResult CConnBase::GetTransportOption_i(DWORD aCommand, void* aArg) {
-    return m_pTransport ? m_pTransport->GetOption(aCommand, aArg) : CM_ERROR_NOT_AVAILABLE;
+    switch (aCommand) {
+    case CM_OPT_TRANSPORT_LOCAL_ADDR:
+    case CM_OPT_TRANSPORT_PEER_ADDR:
+    case CM_OPT_TRANSPORT_TRAN_TYPE:
+    case CM_OPT_TRANSPORT_LAST_FAILURE:
+        return GetKeptOption_i(aCommand, aArg);
+    default:
+        return m_pTransport ? m_pTransport->GetOption(aCommand, aArg) : CM_ERROR_NOT_AVAILABLE;
+    }
+}
+
+CmResult CConnBase::GetKeptOption_i(DWORD aCommand, void* aArg) {
+    ICmTransport* pTransport = m_pTransport ? m_pTransport.Get() : m_pEnded.Get();
+    if (aCommand != CM_OPT_TRANSPORT_LAST_FAILURE)
+        return pTransport ? pTransport->GetOption(aCommand, aArg) : CM_ERROR_NOT_AVAILABLE;
+    auto& failure = *static_cast<CCmFailure*>(aArg);
+    failure = {};
+    if (!pTransport)
+        return CM_OK;
+    if (!m_pFailureText)
+        return pTransport->GetOption(aCommand, aArg);
+    CCmInetAddr addrPeer;
+    pTransport->GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &addrPeer);
+    failure = CCmFailure(m_Cause, m_pFailureText, "talk to", addrPeer);
+    return CM_OK;
 }

@@ -27,7 +27,7 @@ public:
     ICmTransportSink* GetSink() override { return m_pSink; }
 
     // The transport below; keeps a reference.
-    void SetTPTransport(ICmTransport* aTransport) { m_pTransport = aTransport; }
+    void SetTPTransport(ICmTransport* aTransport);
     ICmTransport* GetTPTransport() const { return m_pTransport.Get(); }
 
     void SetCurrStatus(WORD aStatus);
@@ -54,7 +54,11 @@ protected:
     // Ends the use of the transport below, if there is one, without forgetting it; the result of that.
     CmResult DisconnectTransport_i(CmResult aReason);
 
-    // Answers of the transport below; CM_ERROR_NOT_AVAILABLE without one.
+    // Notes what this end found wrong with the peer, for CM_OPT_TRANSPORT_LAST_FAILURE; aText is a literal. The first counts.
+    void NoteFailure_i(ECmFailureCause aCause, const char* aText);
+
+    // Answers of the transport below; CM_ERROR_NOT_AVAILABLE without one. The addresses, the type and the last failure can be
+    // asked for after the end, too.
     CmResult SetTransportOption_i(DWORD aCommand, void* aArg);
     CmResult GetTransportOption_i(DWORD aCommand, void* aArg);
 
@@ -68,5 +72,10 @@ protected:
     BYTE m_byConnType = 15;
 
 private:
+    CmResult GetKeptOption_i(DWORD aCommand, void* aArg);
+
+    CCmRefPtrT<ICmTransport> m_pEnded;  // was below until the connection ended; only asked
+    ECmFailureCause m_Cause = CM_FAILURE_NONE;
+    const char* m_pFailureText = nullptr;
     BOOL m_bReleased = FALSE;
 };

@@ -28,6 +28,8 @@ void CConnConnectorBase::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmI
                                                                               << static_cast<const void*>(m_pSink));
         return;
     }
+    m_Failure = {};
+    m_AddrPeer = aAddrPeer;
     m_Opening = MakeConnection();
     if (!m_Opening) {
         CM_ERROR_TRACE_THIS("CConnConnectorT::AsycConnect, out of memory.");
@@ -50,10 +52,22 @@ void CConnConnectorBase::Cancel_i() {
     }
 }
 
+// Of the connector below, or of the opening. A peer that ends that in good order leaves no other trace.
+CCmFailure CConnConnectorBase::FailureOf_i(CConnBase& aConn) const {
+    CCmFailure failure = GetConnectFailure(m_pLower.Get());
+    if (!failure)
+        aConn.GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure);
+    if (!failure)
+        failure = CCmFailure(CM_FAILURE_PROTOCOL, "the peer has closed before the connection was open", "talk to", m_AddrPeer);
+    return failure;
+}
+
 void CConnConnectorBase::OnOpened(CConnBase& aConn, CmResult aReason) {
     if (m_Opening.m_pConn.Get() != &aConn)
         return;
     const COpeningConn opening = std::exchange(m_Opening, {});  // lives until the sink has been told
+    if (aReason != CM_OK)
+        m_Failure = FailureOf_i(aConn);
     // The connection may have given up by itself, with the connector below still at work.
     m_pLower->CancelConnect();
     ICmAcceptorConnectorSink* pSink = std::exchange(m_pSink, nullptr);

@@ -2,13 +2,15 @@
 #pragma once
 
 #include "talvo/connection/opening_conn.h"
+#include "talvo/transport/connect_options.h"
 
 namespace talvo {
 
 // What does not depend on the class of the connections.
 class TALVO_API CConnConnectorBase : public ICmConnector,
                                      public CConnOwner,
-                                     public CCmReferenceControlT<CCmMutexNullSingleThread> {
+                                     public CCmReferenceControlT<CCmMutexNullSingleThread>,
+                                     public CConnectOptions {
 public:
     DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
     DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
@@ -28,12 +30,16 @@ protected:
     virtual COpeningConn MakeConnection() = 0;
 
 private:
+    CCmFailure GetFailure() const override { return m_Failure; }
+    CCmFailure FailureOf_i(CConnBase& aConn) const;
     void Cancel_i();
 
     CCmEnsureSingleThread m_Est;
     const CCmRefPtrT<ICmConnector> m_pLower;
     ICmAcceptorConnectorSink* m_pSink = nullptr;  // not owned; set while an attempt runs
     COpeningConn m_Opening;                       // of that attempt
+    CCmInetAddr m_AddrPeer;
+    CCmFailure m_Failure;
 };
 
 }  // namespace talvo

@@ -143,7 +143,7 @@ void CCsConn::Reset() {
     m_Receive.Clear();
     ForgetConnReq_i();
     Reset4Recv();
-    m_pTransport.Reset();
+    SetTPTransport(nullptr);
     m_wChannel = 0;
     m_wPrevStatus = m_wStatus = CS_STATUS_NOT_CONNECTED;
 }

@@ -103,6 +103,7 @@ BOOL CCsConn::TakePdu_i(CCmTransportParameter* aPara) {
 }
 
 BOOL CCsConn::Refuse_i(const char* aText) {
+    NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer has sent a PDU that does not fit");
     CM_WARNING_TRACE_THIS(aText << static_cast<int>(m_byType) << " m_wStatus=" << m_wStatus
                                 << " peer=" << PeerOf(m_pTransport.Get()));
     OnDisconnect(CM_ERROR_NOT_AVAILABLE, m_pTransport.Get());
@@ -162,6 +163,7 @@ BOOL CCsConn::ReadDataLength_i() {
     if (dwDataLen > m_dwMaxMessage || dwDataLen > std::numeric_limits<DWORD>::max() - m_dwPDULen) {
         CM_WARNING_TRACE_THIS("CCsConn::OnReceive, message too long, len=" << dwDataLen << " max=" << m_dwMaxMessage
                                                                            << " peer=" << PeerOf(m_pTransport.Get()));
+        NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer has announced a message that is too long");
         OnDisconnect(CM_ERROR_NOT_AVAILABLE, m_pTransport.Get());
         return FALSE;
     }

@@ -132,12 +132,14 @@ BOOL CLenPkgConn::ReadLength_i() {
     dwLength = ntohl(dwLength);
     if (dwLength == 0) {
         CM_ERROR_TRACE_THIS("CLenPkgConn::OnReceive PDU length is zero!!! and the connection will be abort");
+        NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer has announced a message of length 0");
         OnDisconnect(CM_OK, m_pTransport.Get());  // on purpose no failure
         return FALSE;
     }
     if (dwLength > GetMaxMessage_i()) {
         CM_ERROR_TRACE_THIS("CLenPkgConn::OnReceive, message too long, raise CS_OPT_MAX_MESSAGE_LEN (option 136). len="
                             << dwLength << " max=" << GetMaxMessage_i());
+        NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer has announced a message that is too long");
         OnDisconnect(CM_ERROR_NOT_AVAILABLE, m_pTransport.Get());
         return FALSE;
     }

@@ -81,6 +81,7 @@ void CPkgConnClient::OnTimer(CCmTimerWrapperID* aId) {
     if (!IsPeerSilent_i(dwSilence))
         return;
     CM_WARNING_TRACE_THIS("CPkgConnClient::OnTimer(), dwCurrent - m_dwLastRecvTick =" << dwSilence);
+    NoteFailure_i(CM_FAILURE_SILENCE, "the peer has sent nothing for too long");
     Lost_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);
 }
 
@@ -96,6 +97,7 @@ void CPkgConnClient::OnRetransmitTimer_i() {
 void CPkgConnClient::OnHandshakeTimeout_i() {
     CM_WARNING_TRACE_THIS("CPkgConnClient::OnTimer(), haven't recv ConnResp PDU. m_cBaseType=" << m_cBaseType
                                                                                                << " m_wStatus=" << m_wStatus);
+    NoteFailure_i(CM_FAILURE_SILENCE, "the peer has not answered the connect request");
     End_i(CM_ERROR_NETWORK_CONNECT_ERROR);
     Indicate_i(CM_ERROR_NETWORK_CONNECT_ERROR);
 }
@@ -118,6 +120,7 @@ void CPkgConnClient::OnRecvConnResp() {
     m_SecondTimer.Cancel();
     if (pdu.GetConnType() != m_byConnType) {
         CM_WARNING_TRACE_THIS("CPkgConnClient::OnRecvConnResp(), Wrong connection type");
+        NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer has answered as another connection type");
         Disconnect(CM_ERROR_NETWORK_BAD_CONNECT_RESPONSE);
         Indicate_i(CM_ERROR_NETWORK_BAD_CONNECT_RESPONSE);
         return;

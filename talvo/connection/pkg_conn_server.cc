@@ -96,6 +96,7 @@ void CPkgConnServer::OnTimer(CCmTimerWrapperID* aId) {
     DWORD dwSilence = 0;
     if (!IsPeerSilent_i(dwSilence))
         return;
+    NoteFailure_i(CM_FAILURE_SILENCE, "the peer has sent nothing for too long");
     CM_WARNING_TRACE_THIS("CPkgConnServer::OnTimer(), dwCurrent - m_dwLastRecvTick =" << dwSilence);
     Lost_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);
 }

@@ -2,12 +2,14 @@
 #pragma once
 
 #include "talvo/event/reactor.h"
-#include "talvo/transport/transport_interface.h"
+#include "talvo/transport/connect_options.h"
 
 class ACmThread;
 
 // Lives in the network thread, whose reactor it takes at construction; other threads use the acceptor thread proxy.
-class TALVO_API CCmAcceptorBase : public ICmAcceptor, public CCmReferenceControlT<CCmMutexNullSingleThread> {
+class TALVO_API CCmAcceptorBase : public ICmAcceptor,
+                                  public CCmReferenceControlT<CCmMutexNullSingleThread>,
+                                  public talvo::CConnectOptions {
 public:
     CCmAcceptorBase();
 
@@ -16,8 +18,11 @@ public:
     BOOL IsConnector() override { return FALSE; }
 
 protected:
+    CCmFailure GetFailure() const override { return m_Failure; }
+
     CCmEnsureSingleThread m_Est;
     ACmThread* const m_pThreadNetwork;            // not owned
     ICmReactor* const m_pReactor;                 // not owned; null: there is no network thread
     ICmAcceptorConnectorSink* m_pSink = nullptr;  // not owned; set while listening
+    CCmFailure m_Failure;                         // why the last StartListen failed
 };

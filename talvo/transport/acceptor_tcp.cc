@@ -36,13 +36,20 @@ CmResult CCmAcceptorTcp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmI
     if (!ICmReactor::IsAlive(m_pReactor))
         return CM_ERROR_NOT_INITIALIZED;
     m_pSink = aSink;
+    m_Failure = {};
     CmResult rv = Bind_i(aAddrListen);
-    if (rv == CM_OK)
+    if (rv == CM_OK) {
         rv = m_pReactor->RegisterHandler(this, ACCEPT_MASK);
+        if (rv != CM_OK)
+            m_Failure = CCmFailure(errno, "watch the port", aAddrListen);
+    }
     if (rv != CM_OK) {
         StopListen(rv);
         return rv;
     }
+    CCmInetAddr addrListen;
+    if (m_Socket.GetLocalAddr(addrListen) == 0)
+        m_AddrListen = *addrListen.GetPtr();
     CM_INFO_TRACE_THIS("CCmAcceptorTcp::StartListen, addr=" << aAddrListen.GetIpDisplayName()
                                                             << " port=" << aAddrListen.GetPort() << " aSink="
                                                             << static_cast<const void*>(aSink) << " fd=" << GetHandle());
@@ -50,22 +57,25 @@ CmResult CCmAcceptorTcp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmI
 }
 
 CmResult CCmAcceptorTcp::Bind_i(const CCmInetAddr& aAddrListen) {
-    const auto failed = [&](const char* aCall) {
+    const auto failed = [&](const char* aCall, const char* aVerb) {
+        m_Failure = CCmFailure(errno, aVerb, aAddrListen);
         CM_ERROR_TRACE_THIS("CCmAcceptorTcp::StartListen, " << aCall << "() failed! addr=" << aAddrListen.GetIpDisplayName()
-                                                            << " port=" << aAddrListen.GetPort() << " err=" << errno);
+                                                            << " port=" << aAddrListen.GetPort()
+                                                            << " err=" << m_Failure.GetErrno());
         return CM_ERROR_NETWORK_SOCKET_ERROR;
     };
     if (!aAddrListen.IsResolved()) {
         errno = EADDRNOTAVAIL;
-        return failed("bind");
+        return failed("bind", "bind to");
     }
     if (m_Socket.Open(TRUE) == -1)
-        return failed("Open");
+        return failed("Open", "open a socket for");
     if (bind(GetHandle(), reinterpret_cast<const sockaddr*>(aAddrListen.GetPtr()), aAddrListen.GetSize()) == -1)
-        return failed("bind");
+        return failed("bind", "bind to");
     // Not blocking, so that a peer that has gone between the report and the accept does not stop the thread.
     if (m_Socket.Enable(CCmIPCBase::NON_BLOCK) == -1 || listen(GetHandle(), BACKLOG) == -1) {
-        CM_ERROR_TRACE_THIS("CCmAcceptorTcp::StartListen, listen() failed! err=" << errno);
+        m_Failure = CCmFailure(errno, "listen on", aAddrListen);
+        CM_ERROR_TRACE_THIS("CCmAcceptorTcp::StartListen, listen() failed! err=" << m_Failure.GetErrno());
         return CM_ERROR_NETWORK_SOCKET_ERROR;
     }
     return CM_OK;
@@ -109,6 +119,9 @@ int CCmAcceptorTcp::OnInput(HANDLE aFd) {
         return 0;
     }
     pTransport->GetPeer().SetHandle(fdNew);
+    pTransport->SetPeerAddr(*addrPeer.GetPtr());
+    if (m_AddrListen.sin_addr.s_addr != INADDR_ANY)
+        pTransport->SetLocalAddr(m_AddrListen);
     CM_INFO_TRACE_THIS("CCmAcceptorTcp::OnInput, addr=" << addrPeer.GetIpDisplayName() << " port=" << addrPeer.GetPort()
                                                         << " sockNew=" << fdNew
                                                         << " pTrans=" << static_cast<const void*>(pTransport.Get()));

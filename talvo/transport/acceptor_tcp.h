@@ -29,6 +29,7 @@ private:
     void Rest_i(int aError);
 
     CCmSocketTcp m_Socket;
+    sockaddr_in m_AddrListen{};
     BOOL m_bResting = FALSE;  // out of descriptors: not registered, the timer runs
     CCmTimeValue m_tvTraced;  // when the last line about that was written
 };

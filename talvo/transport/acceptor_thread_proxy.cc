@@ -25,8 +25,11 @@ CmResult CAcceptorProxyCore::StartListen(ICmAcceptorConnectorSink* aSink, const 
     rv = GetNetwork().Call([=, addr = aAddrListen, pThis = CCmRefPtrT<CAcceptorProxyCore>(this)] {
         return pThis->StartListen_i(dwListening, addr);
     });
-    if (rv != CM_OK)
-        End();
+    if (rv == CM_OK)
+        return CM_OK;
+    if (!GetFailure())
+        NoteFailure(dwListening, CCmFailure(CM_FAILURE_LOCAL, cm_result_name(rv), "listen on", aAddrListen));
+    End();
     return rv;
 }
 
@@ -48,7 +51,10 @@ CmResult CAcceptorProxyCore::StartListen_i(DWORD aListening, const CCmInetAddr& 
     if (const CmResult rv = Make_i(); rv != CM_OK)
         return rv;
     m_dwRunning = aListening;
-    return m_pInner->StartListen(this, aAddrListen);
+    const CmResult rv = m_pInner->StartListen(this, aAddrListen);
+    if (rv != CM_OK)
+        NoteFailure(aListening, GetConnectFailure(m_pInner.Get()));
+    return rv;
 }
 
 }  // namespace talvo

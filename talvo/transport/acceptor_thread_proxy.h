@@ -28,7 +28,8 @@ private:
 // proxy, with a CCmTransportThreadProxy each. StartListen, StopListen and GetListenAddr wait for the network thread;
 // the first and the last return CM_ERROR_NOT_AVAILABLE when it has ended. After StopListen or the last release no indication
 // arrives, even one that was already posted; a transport that it carried is closed.
-class TALVO_API CCmAcceptorThreadProxy final : public talvo::CThreadProxyT<ICmAcceptor, talvo::CAcceptorProxyCore> {
+class TALVO_API CCmAcceptorThreadProxy final : public talvo::CThreadProxyT<ICmAcceptor, talvo::CAcceptorProxyCore>,
+                                               public talvo::CConnectOptions {
 public:
     CCmAcceptorThreadProxy(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, talvo::CAcceptorFactory aFactory)
         : CThreadProxyT(new talvo::CAcceptorProxyCore(aUser, aNetwork, aType, aFactory)) {
@@ -41,4 +42,7 @@ public:
     }
     CmResult StopListen(CmResult aReason) override { return m_pCore->StopListen(aReason); }
     CmResult GetListenAddr(CCmInetAddr& aAddr) override { return m_pCore->GetListenAddr(aAddr); }
+
+private:
+    CCmFailure GetFailure() const override { return m_pCore->GetFailure(); }
 };

@@ -42,6 +42,7 @@ CmResult CCmAcceptorUdp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmI
         return CM_ERROR_OUT_OF_MEMORY;
     pHub->SetMaxPeers(m_dwMaxPeers);
     pHub->SetPeerIdleTime(m_tvPeerIdle);
+    m_Failure = {};
     CmResult rv = Bind_i(pHub->GetPort().GetSocket(), aAddrListen);
     if (rv == CM_OK)
         rv = pHub->StartListen(aSink, this);
@@ -62,8 +63,10 @@ CmResult CCmAcceptorUdp::Bind_i(CCmSocketUdp& aSocket, const CCmInetAddr& aAddrL
         errno = EADDRNOTAVAIL;
     else if (aSocket.Open(aAddrListen) == 0 && aSocket.Enable(CCmIPCBase::NON_BLOCK) == 0)
         return CM_OK;
-    CM_ERROR_TRACE_THIS("CCmAcceptorUdp::StartListen, Open() failed! addr=" << aAddrListen.GetIpDisplayName() << " port="
-                                                                            << aAddrListen.GetPort() << " err=" << errno);
+    m_Failure = CCmFailure(errno, "bind to", aAddrListen);
+    CM_ERROR_TRACE_THIS("CCmAcceptorUdp::StartListen, Open() failed! addr=" << aAddrListen.GetIpDisplayName()
+                                                                            << " port=" << aAddrListen.GetPort()
+                                                                            << " err=" << m_Failure.GetErrno());
     return CM_ERROR_NETWORK_SOCKET_ERROR;
 }
 

@@ -21,7 +21,7 @@ int CConnectAttemptT<TransportType>::Start(const CCmInetAddr& aAddr, const CCmIn
     m_pTransport = new (std::nothrow) TransportType(&m_Reactor);
     if (!m_pTransport) {
         errno = ENOMEM;
-        return -1;
+        return Failed_i("connect to", aAddr);
     }
     const int nRv = Connect_i(aAddrLocal);
     const int nErr = errno;
@@ -40,23 +40,31 @@ int CConnectAttemptT<TransportType>::Connect_i(const CCmInetAddr& aAddrLocal) {
     if ((bAnyLocal ? peer.Open(FALSE) : peer.Open(FALSE, aAddrLocal)) == -1) {
         CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, Open() failed! laddr=" << aAddrLocal.GetIpDisplayName() << " lport="
                                                                                  << aAddrLocal.GetPort() << " err=" << errno);
-        return -1;
+        return bAnyLocal ? Failed_i("open a socket to", m_AddrPeer) : Failed_i("bind to", aAddrLocal);
     }
     if (peer.Enable(CCmIPCBase::NON_BLOCK) == -1) {
         CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, Enable(NON_BLOCK) failed! err=" << errno);
-        return -1;
+        return Failed_i("connect to", m_AddrPeer);
     }
+    m_pTransport->SetPeerAddr(*m_AddrPeer.GetPtr());
     CM_INFO_TRACE_THIS("CCmConnectorTcpT::Connect_i, addr=" << m_AddrPeer.GetIpDisplayName() << " port=" << m_AddrPeer.GetPort()
                                                             << " laddr=" << aAddrLocal.GetIpDisplayName()
                                                             << " lport=" << aAddrLocal.GetPort() << " fd=" << GetHandle());
     if (m_Reactor.RegisterHandler(this, CONNECT_MASK) != CM_OK)
-        return -1;
+        return Failed_i("watch the connect to", m_AddrPeer);
     if (connect(GetHandle(), reinterpret_cast<const sockaddr*>(m_AddrPeer.GetPtr()), m_AddrPeer.GetSize()) == 0)
         return 0;
     if (errno == EINPROGRESS || errno == EINTR)  // an interrupted connect goes on in the background
         return 1;
     CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, connect() failed! addr=" << m_AddrPeer.GetIpDisplayName() << " port="
                                                                                << m_AddrPeer.GetPort() << "err=" << errno);
+    return Failed_i("connect to", m_AddrPeer);
+}
+
+// -1, with errno as it was.
+template <class TransportType>
+int CConnectAttemptT<TransportType>::Failed_i(const char* aVerb, const CCmInetAddr& aAddr) {
+    m_Failure = CCmFailure(errno, aVerb, aAddr);
     return -1;
 }
 
@@ -88,9 +96,11 @@ int CConnectAttemptT<TransportType>::OnClose(HANDLE, long) {
 
 template <class TransportType>
 int CConnectAttemptT<TransportType>::Finished_i(int aError) {
-    if (aError != 0)
+    if (aError != 0) {
+        m_Failure = CCmFailure(aError, "connect to", m_AddrPeer);
         CM_WARNING_TRACE_THIS("CCmConnectorTcpT::OnOutput, connect() failed! addr="
                               << m_AddrPeer.GetIpDisplayName() << " port=" << m_AddrPeer.GetPort() << " err=" << aError);
+    }
     m_Owner.OnAttemptDone(*this, aError);  // last: the owner deletes this attempt
     return 0;
 }

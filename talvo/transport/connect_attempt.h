@@ -1,6 +1,7 @@
 // One socket on its way to one address.
 #pragma once
 
+#include "talvo/base/failure.h"
 #include "talvo/event/reactor.h"
 #include "talvo/transport/transport_tcp.h"
 
@@ -29,12 +30,16 @@ public:
     // The transport, connected after a good end; the attempt has let go of it.
     CCmRefPtrT<TransportType> TakeTransport();
 
+    // What failed, at once or later.
+    const CCmFailure& GetFailure() const { return m_Failure; }
+
     HANDLE GetHandle() const override;
     int OnOutput(HANDLE aFd) override;
     int OnClose(HANDLE aFd, long aMask) override;
 
 private:
     int Connect_i(const CCmInetAddr& aAddrLocal);
+    int Failed_i(const char* aVerb, const CCmInetAddr& aAddr);
     int Finished_i(int aError);
     void Unregister_i();
 
@@ -42,6 +47,7 @@ private:
     IOwner& m_Owner;
     CCmInetAddr m_AddrPeer;
     CCmRefPtrT<TransportType> m_pTransport;
+    CCmFailure m_Failure;
 };
 
 extern template class CConnectAttemptT<CCmTransportTcp>;

@@ -34,8 +34,10 @@ int CConnectRaceT<TransportType>::StartNext_i(CCmRefPtrT<TransportType>& aTransp
     while (m_stNext < m_Addrs.size()) {
         std::unique_ptr<CAttempt> pAttempt(new CAttempt(*m_pReactor, *this));
         const int nRv = pAttempt->Start(m_Addrs[m_stNext++], m_AddrLocal);
-        if (nRv == -1)
+        if (nRv == -1) {
+            m_Failure = pAttempt->GetFailure();
             continue;
+        }
         if (nRv == 0) {
             aTransport = pAttempt->TakeTransport();
             return 0;
@@ -59,6 +61,7 @@ void CConnectRaceT<TransportType>::OnAttemptDone(CAttempt& aAttempt, int aError)
         Done_i(aAttempt.TakeTransport());
         return;
     }
+    m_Failure = aAttempt.GetFailure();
     std::erase_if(m_Attempts, [&](const std::unique_ptr<CAttempt>& a) { return a.get() == &aAttempt; });
     GoOn_i();
 }

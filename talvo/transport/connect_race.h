@@ -32,6 +32,9 @@ public:
     // follows only for 1.
     int Start(std::vector<CCmInetAddr> aAddrs, const CCmInetAddr& aAddrLocal, CCmRefPtrT<TransportType>& aTransport);
 
+    // Why the address that failed last did so.
+    const CCmFailure& GetFailure() const { return m_Failure; }
+
     // Ends all attempts; no report follows.
     void Stop();
 
@@ -51,6 +54,7 @@ private:
     std::vector<CCmInetAddr> m_Addrs;
     size_t m_stNext = 0;                                // the first address that has not been tried
     std::vector<std::unique_ptr<CAttempt>> m_Attempts;  // under way
+    CCmFailure m_Failure;
 };
 
 extern template class CConnectRaceT<CCmTransportTcp>;

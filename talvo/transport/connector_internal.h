@@ -1,6 +1,7 @@
 // What a connector wrapper runs, and the table of what there is.
 #pragma once
 
+#include "talvo/base/failure.h"
 #include "talvo/base/inet_addr.h"
 #include "talvo/base/result.h"
 
@@ -27,6 +28,12 @@ public:
     // Stops the attempt; no report follows.
     virtual void Close() = 0;
     virtual ~ACmConnectorInternal();
+
+    // Why the last Connect returned -1, or what it reported failed.
+    const CCmFailure& GetFailure() const { return m_Failure; }
+
+protected:
+    CCmFailure m_Failure;  // set before the attempt fails
 };
 
 // Connector types beyond those of the transport room are added by the rooms that make them.

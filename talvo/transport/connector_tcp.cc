@@ -19,6 +19,7 @@ CCmConnectorTcpT<TransportType>::~CCmConnectorTcpT() {
 template <class TransportType>
 int CCmConnectorTcpT<TransportType>::Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal) {
     Close();
+    m_Failure = {};
     m_AddrPeer = aAddr;
     m_AddrLocal = aAddrLocal ? *aAddrLocal : CCmInetAddr::s_InetAddrAny;
     const CCmString strName = m_AddrPeer.GetHostName();
@@ -33,13 +34,15 @@ int CCmConnectorTcpT<TransportType>::ConnectToName_i(const CCmString& aName) {
         return 1;
     if (rv == CM_OK && pRecord->GetState() == CCmDnsRecord::RESOLVED)
         return ConnectTo_i(pRecord->GetAddresses());
-    TraceNameFailed_i(rv == CM_OK ? pRecord->GetReason() : CCmString(cm_result_name(rv)));
+    NameFailed_i(rv == CM_OK ? pRecord.Get() : nullptr, rv);
     return ReportLater_i(CM_ERROR_NETWORK_DNS_FAILURE);
 }
 
 template <class TransportType>
-void CCmConnectorTcpT<TransportType>::TraceNameFailed_i(const CCmString& aWhy) const {
-    CM_WARNING_TRACE_THIS("CCmConnectorTcpT::Connect, name not resolved. addr=" << m_AddrPeer.GetHostName() << " why=" << aWhy);
+void CCmConnectorTcpT<TransportType>::NameFailed_i(const CCmDnsRecord* aRecord, CmResult aReason) {
+    m_Failure = talvo::CNameLookup::FailureOf(aRecord, aReason, m_AddrPeer);
+    CM_WARNING_TRACE_THIS("CCmConnectorTcpT::Connect, name not resolved. addr=" << m_AddrPeer.GetHostName()
+                                                                                << " why=" << m_Failure.GetText());
 }
 
 template <class TransportType>
@@ -48,8 +51,10 @@ int CCmConnectorTcpT<TransportType>::ConnectTo_i(const std::vector<DWORD>& aAddr
     for (size_t i = 0; i < addrs.size(); ++i)
         addrs[i].SetIpAddrBy4Bytes(aAddresses[i]);
     const int nRv = m_Race.Start(std::move(addrs), m_AddrLocal, m_pTransport);
-    if (nRv != 0)
+    if (nRv != 0) {
+        m_Failure = m_Race.GetFailure();
         return nRv;
+    }
     CM_WARNING_TRACE_THIS("CCmConnectorTcpT::Connect, connect return 0.");
     return ReportLater_i(CM_OK);
 }
@@ -58,7 +63,7 @@ int CCmConnectorTcpT<TransportType>::ConnectTo_i(const std::vector<DWORD>& aAddr
 template <class TransportType>
 void CCmConnectorTcpT<TransportType>::OnNameKnown(const CCmDnsRecord& aRecord) {
     if (aRecord.GetState() == CCmDnsRecord::FAILED) {
-        TraceNameFailed_i(aRecord.GetReason());
+        NameFailed_i(&aRecord, CM_OK);
         Report_i(CM_ERROR_NETWORK_DNS_FAILURE);
     } else if (ConnectTo_i(aRecord.GetAddresses()) == -1) {
         Report_i(CM_ERROR_NETWORK_CONNECT_ERROR);
@@ -86,6 +91,7 @@ void CCmConnectorTcpT<TransportType>::OnTimeout(const CCmTimeValue&, void*) {
 template <class TransportType>
 void CCmConnectorTcpT<TransportType>::OnRaceDone(CCmRefPtrT<TransportType> aTransport) {
     m_pTransport = std::move(aTransport);
+    m_Failure = m_Race.GetFailure();
     Report_i(m_pTransport ? CM_OK : CM_ERROR_NETWORK_CONNECT_ERROR);
 }
 

@@ -31,7 +31,7 @@ public:
 private:
     int ConnectToName_i(const CCmString& aName);
     int ConnectTo_i(const std::vector<DWORD>& aAddresses);
-    void TraceNameFailed_i(const CCmString& aWhy) const;
+    void NameFailed_i(const CCmDnsRecord* aRecord, CmResult aReason);
     int ReportLater_i(CmResult aReason);
     void Report_i(CmResult aReason);
 

@@ -12,6 +12,12 @@ namespace {
 
 CCmLiveCounter s_Live("CCmConnectorThreadProxy");
 
+constexpr const char* THREAD_ENDED = "the network thread has ended";
+
+CCmFailure LocalFailure(const char* aText, const CCmInetAddr& aPeer) {
+    return CCmFailure(CM_FAILURE_LOCAL, aText, "connect to", aPeer);
+}
+
 }  // namespace
 
 CConnectorProxyCore::CConnectorProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, CConnectorFactory aFactory)
@@ -31,8 +37,8 @@ void CConnectorProxyCore::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCm
     const auto timeout = aTimeout ? std::optional(*aTimeout) : std::nullopt;
     const auto local = aAddrLocal ? std::optional(*aAddrLocal) : std::nullopt;
     // A request that is refused, or dropped because the network thread ends before it comes to it, reports that itself.
-    auto unrun = [dwAttempt](CConnectorProxyCore* aCore) {
-        aCore->PostIndication(dwAttempt, CM_ERROR_NOT_AVAILABLE, nullptr);
+    auto unrun = [dwAttempt, peer = aAddrPeer](CConnectorProxyCore* aCore) {
+        aCore->PostIndication(dwAttempt, CM_ERROR_NOT_AVAILABLE, nullptr, LocalFailure(THREAD_ENDED, peer));
         aCore->ReleaseReference();
     };
     AddReference();
@@ -50,10 +56,11 @@ void CConnectorProxyCore::CancelConnect() {
 void CConnectorProxyCore::Connect_i(DWORD aAttempt, const CCmInetAddr& aPeer, std::optional<CCmTimeValue> aTimeout,
                                     std::optional<CCmInetAddr> aLocal) {
     if (const CmResult rv = Make_i(); rv != CM_OK) {
-        PostIndication(aAttempt, rv, nullptr);
+        PostIndication(aAttempt, rv, nullptr, LocalFailure(cm_result_name(rv), aPeer));
         return;
     }
     m_dwRunning = aAttempt;
+    m_AddrPeer = aPeer;
     m_pInner->AsycConnect(this, aPeer, aTimeout ? &*aTimeout : nullptr, aLocal ? &*aLocal : nullptr);
 }
 
@@ -65,7 +72,7 @@ void CConnectorProxyCore::Cancel_i() {
 
 void CConnectorProxyCore::OnThreadEnd() {
     if (m_dwRunning)
-        PostIndication(m_dwRunning, CM_ERROR_NOT_AVAILABLE, nullptr);
+        PostIndication(m_dwRunning, CM_ERROR_NOT_AVAILABLE, nullptr, LocalFailure(THREAD_ENDED, m_AddrPeer));
     LetGo_i();
 }
 

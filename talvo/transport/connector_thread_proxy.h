@@ -25,6 +25,8 @@ private:
                    std::optional<CCmInetAddr> aLocal);
     void Cancel_i();
     void Stop_i(ICmConnector& aConnector) override { aConnector.CancelConnect(); }
+
+    CCmInetAddr m_AddrPeer;  // network thread; of the attempt under way
 };
 
 }  // namespace talvo
@@ -33,7 +35,8 @@ private:
 // the proxy, with a CCmTransportThreadProxy. After CancelConnect or the last release none arrives, even one that was already
 // posted; a transport that it carried is closed. When the network thread has ended, or ends, the reason is
 // CM_ERROR_NOT_AVAILABLE.
-class TALVO_API CCmConnectorThreadProxy final : public talvo::CThreadProxyT<ICmConnector, talvo::CConnectorProxyCore> {
+class TALVO_API CCmConnectorThreadProxy final : public talvo::CThreadProxyT<ICmConnector, talvo::CConnectorProxyCore>,
+                                                public talvo::CConnectOptions {
 public:
     CCmConnectorThreadProxy(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, talvo::CConnectorFactory aFactory)
         : CThreadProxyT(new talvo::CConnectorProxyCore(aUser, aNetwork, aType, aFactory)) {
@@ -46,4 +49,7 @@ public:
         m_pCore->AsycConnect(aSink, aAddrPeer, aTimeout, aAddrLocal);
     }
     void CancelConnect() override { m_pCore->CancelConnect(); }
+
+private:
+    CCmFailure GetFailure() const override { return m_pCore->GetFailure(); }
 };

@@ -16,6 +16,7 @@ ACmConnectorInternal* CCmConnectorUdpT<TransportType>::Make(ICmReactor* aReactor
 template <class TransportType>
 int CCmConnectorUdpT<TransportType>::Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal) {
     Close();
+    m_Failure = {};
     m_AddrPeer = aAddr;
     m_AddrLocal = aAddrLocal ? *aAddrLocal : CCmInetAddr::s_InetAddrAny;
     const CCmString strName = m_AddrPeer.GetHostName();
@@ -30,7 +31,7 @@ int CCmConnectorUdpT<TransportType>::ConnectToName_i(const CCmString& aName) {
         return 1;
     if (rv == CM_OK && pRecord->GetState() == CCmDnsRecord::RESOLVED)
         return ConnectToAny_i(pRecord->GetAddresses());
-    return NameFailed_i(rv == CM_OK ? pRecord->GetReason() : CCmString(cm_result_name(rv)));
+    return NameFailed_i(rv == CM_OK ? pRecord.Get() : nullptr, rv);
 }
 
 template <class TransportType>
@@ -46,16 +47,20 @@ int CCmConnectorUdpT<TransportType>::ConnectToAny_i(const std::vector<DWORD>& aA
 template <class TransportType>
 int CCmConnectorUdpT<TransportType>::Connect_i() {
     CCmRefPtrT<TransportType> pTransport(new (std::nothrow) TransportType(m_pReactor));
-    if (!pTransport)
+    if (!pTransport) {
+        m_Failure = CCmFailure(ENOMEM, "connect to", m_AddrPeer);
         return -1;
+    }
     CCmSocketUdp& socket = pTransport->GetPeer();
     if (socket.Open(m_AddrLocal) == -1 || socket.Enable(CCmIPCBase::NON_BLOCK) == -1) {
+        m_Failure = CCmFailure(errno, "bind to", m_AddrLocal);
         CM_ERROR_TRACE_THIS("CCmConnectorUdpT::Connect, m_Socket.Open() failed! addr="
                             << m_AddrLocal.GetIpDisplayName() << " port=" << m_AddrLocal.GetPort() << " err=" << errno);
         return -1;
     }
     if (connect(socket.GetHandle(), reinterpret_cast<const sockaddr*>(m_AddrPeer.GetPtr()), m_AddrPeer.GetSize()) == -1) {
         const int nErr = errno;
+        m_Failure = CCmFailure(nErr, "connect to", m_AddrPeer);
         CM_ERROR_TRACE_THIS("CCmConnectorUdpT::Connect, connect() failed! addr=" << m_AddrPeer.GetIpDisplayName() << " port="
                                                                                  << m_AddrPeer.GetPort() << " err=" << nErr);
         pTransport.Reset();
@@ -68,13 +73,16 @@ int CCmConnectorUdpT<TransportType>::Connect_i() {
     m_pTransport = std::move(pTransport);
     if (m_pReactor->RegisterHandler(this, CONNECT_MASK) == CM_OK)
         return 1;
+    m_Failure = CCmFailure(errno, "watch the connect to", m_AddrPeer);
     m_pTransport.Reset();
     return -1;
 }
 
 template <class TransportType>
-int CCmConnectorUdpT<TransportType>::NameFailed_i(const CCmString& aWhy) {
-    CM_WARNING_TRACE_THIS("CCmConnectorUdpT::Connect, name not resolved. addr=" << m_AddrPeer.GetHostName() << " why=" << aWhy);
+int CCmConnectorUdpT<TransportType>::NameFailed_i(const CCmDnsRecord* aRecord, CmResult aReason) {
+    m_Failure = talvo::CNameLookup::FailureOf(aRecord, aReason, m_AddrPeer);
+    CM_WARNING_TRACE_THIS("CCmConnectorUdpT::Connect, name not resolved. addr=" << m_AddrPeer.GetHostName()
+                                                                                << " why=" << m_Failure.GetText());
     const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, CCmTimeValue::s_tvZero, 1);
     m_bTimerArmed = rv == CM_OK || rv == CM_ERROR_FOUND;
     return m_bTimerArmed ? 1 : -1;
@@ -90,7 +98,7 @@ void CCmConnectorUdpT<TransportType>::OnTimeout(const CCmTimeValue&, void*) {
 template <class TransportType>
 void CCmConnectorUdpT<TransportType>::OnNameKnown(const CCmDnsRecord& aRecord) {
     if (aRecord.GetState() == CCmDnsRecord::FAILED)
-        NameFailed_i(aRecord.GetReason());
+        NameFailed_i(&aRecord, CM_OK);
     else if (ConnectToAny_i(aRecord.GetAddresses()) == -1)
         Report_i(CM_ERROR_NETWORK_CONNECT_ERROR);
 }

@@ -30,7 +30,7 @@ private:
     int ConnectToName_i(const CCmString& aName);
     int ConnectToAny_i(const std::vector<DWORD>& aAddresses);
     int Connect_i();
-    int NameFailed_i(const CCmString& aWhy);
+    int NameFailed_i(const CCmDnsRecord* aRecord, CmResult aReason);
     void Report_i(CmResult aReason);
 
     HANDLE GetHandle() const override;

@@ -50,6 +50,8 @@ void CCmConnectorWrapper::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCm
     }
     m_pSink = aSink;
     m_bClosed = FALSE;
+    m_AddrPeer = aAddrPeer;
+    m_Failure = {};
     CM_INFO_TRACE_THIS("CCmConnectorWrapper::AsycConnect, addr="
                        << aAddrPeer.GetIpDisplayName() << " port=" << aAddrPeer.GetPort() << " m_Type=" << m_Type
                        << " m_pConnector=" << static_cast<const void*>(m_pConnector.get()));
@@ -60,6 +62,8 @@ void CCmConnectorWrapper::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCm
     }
     CM_WARNING_TRACE("CCmConnectorWrapper::AsycConnect, connect failed. addr=" << aAddrPeer.GetIpDisplayName()
                                                                                << " err=" << errno);
+    m_Failure = m_pConnector ? m_pConnector->GetFailure()
+                             : CCmFailure(CM_FAILURE_LOCAL, "the connector has no type", "connect to", aAddrPeer);
     // From a timer even though it is known now: a sink is never called back from inside its own AsycConnect.
     ReportLater_i(CCmTimeValue::s_tvZero, CM_ERROR_NETWORK_CONNECT_TIMEOUT);
 }
@@ -80,6 +84,7 @@ void CCmConnectorWrapper::OnTimeout(const CCmTimeValue&, void* aArg) {
         CM_INFO_TRACE("CCmConnectorWrapper::OnTimeout, connect failed.");
     } else if (reason == CM_ERROR_NETWORK_CONNECT_ERROR) {
         CM_INFO_TRACE("CCmConnectorWrapper::OnTimeout, connect timeout.");
+        m_Failure = CCmFailure(CM_FAILURE_TIMEOUT, "the time-out of the attempt has passed", "connect to", m_AddrPeer);
     } else {
         CM_WARNING_TRACE_THIS("CCmConnectorWrapper::OnTimeout, unkown nReason=" << reason);
         return;
@@ -93,6 +98,8 @@ int CCmConnectorWrapper::OnConnectIndication(CmResult aReason, ICmTransport* aTr
     CM_INFO_TRACE_THIS("CCmConnectorWrapper::OnConnectIndication, aReason="
                        << aReason << " aTrpt=" << static_cast<const void*>(aTrpt) << " aId=" << static_cast<const void*>(aId));
     const CCmRefPtrT<ICmTransport> pTransport(aTrpt);  // for the duration of the call
+    if (aReason != CM_OK && aId)
+        m_Failure = aId->GetFailure();
     Close_i();
     m_pSink->OnConnectIndication(aReason, aReason == CM_OK ? aTrpt : nullptr, this);  // last, as above
     return 0;

@@ -4,8 +4,8 @@
 #include <memory>
 
 #include "talvo/event/reactor.h"
+#include "talvo/transport/connect_options.h"
 #include "talvo/transport/connector_internal.h"
-#include "talvo/transport/transport_interface.h"
 
 // Chooses an inner connector by type, runs the time-out, and turns every outcome into one indication, never from inside
 // AsycConnect. Lives in the network thread; other threads use the connector thread proxy. May be used again after each
@@ -13,7 +13,8 @@
 class TALVO_API CCmConnectorWrapper : public ICmConnector,
                                       public ACmConnectorUpper,
                                       public ICmTimerHandler,
-                                      public CCmReferenceControlT<CCmMutexNullSingleThread> {
+                                      public CCmReferenceControlT<CCmMutexNullSingleThread>,
+                                      public talvo::CConnectOptions {
 public:
     CCmConnectorWrapper();
     ~CCmConnectorWrapper() override;
@@ -36,6 +37,7 @@ public:
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
 
 private:
+    CCmFailure GetFailure() const override { return m_Failure; }
     void Close_i();
     void ReportLater_i(const CCmTimeValue& aDelay, CmResult aReason);
 
@@ -45,4 +47,6 @@ private:
     std::unique_ptr<ACmConnectorInternal> m_pConnector;
     DWORD m_Type = 0;
     BOOL m_bClosed = TRUE;  // FALSE while an attempt runs
+    CCmInetAddr m_AddrPeer;
+    CCmFailure m_Failure;
 };

@@ -106,7 +106,7 @@ void CDatagramHub::OnWritable() {
     }
 }
 
-void CDatagramHub::OnBroken() { CM_ERROR_TRACE_THIS("CDatagramHub::OnBroken, it's impossible!"); }
+void CDatagramHub::OnBroken(int) { CM_ERROR_TRACE_THIS("CDatagramHub::OnBroken, it's impossible!"); }
 
 void CDatagramHub::Forget(CCmTransportUdp& aTransport) {
     m_Peers.Remove(KeyOf(*aTransport.GetPeerAddr().GetPtr()));

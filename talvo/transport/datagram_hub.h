@@ -49,7 +49,7 @@ private:
 
     void OnDatagram(CCmMessageBlock& aData, const sockaddr_in& aFrom) override;
     void OnWritable() override;
-    void OnBroken() override;
+    void OnBroken(int aError) override;
 
     void OnStranger(CCmMessageBlock& aData, const sockaddr_in& aFrom, uint64_t aKey);
     void TraceLimit();

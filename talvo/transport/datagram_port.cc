@@ -99,6 +99,7 @@ int CDatagramPort::Receive() {
             break;
         ++nFailures;  // about a datagram that was sent; what was received stands behind it
     }
+    m_nError = nError;
     CM_WARNING_TRACE_THIS("CDatagramPort::Receive, recvmmsg() failed! fd=" << GetHandle() << " err=" << nError);
     return m_bConnected ? -1 : WOULD_BLOCK;
 }
@@ -193,6 +194,7 @@ void CDatagramPort::SendFailed(int aError) {
     if (!m_bConnected || aError != ECONNREFUSED)
         return;
     m_bBroken = TRUE;
+    m_nError = aError;
     if (m_bOpen)
         m_pReactor->NotifyHandler(this, CLOSE_MASK);
 }
@@ -207,7 +209,7 @@ int CDatagramPort::OnOutput(HANDLE) {
 int CDatagramPort::OnClose(HANDLE, long) {
     m_bOpen = FALSE;
     m_bBroken = TRUE;
-    m_User.OnBroken();
+    m_User.OnBroken(m_nError);
     return 0;
 }
 

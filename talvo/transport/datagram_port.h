@@ -24,8 +24,8 @@ public:
     virtual void OnDatagram(CCmMessageBlock& aData, const sockaddr_in& aFrom) = 0;
     // A send was refused before; now there is room.
     virtual void OnWritable() = 0;
-    // Connected sockets only: it has failed, and is no longer in the reactor.
-    virtual void OnBroken() = 0;
+    // Connected sockets only: it has failed, and is no longer in the reactor. aError: an errno.
+    virtual void OnBroken(int aError) = 0;
 
 protected:
     virtual ~IDatagramUser() = default;
@@ -98,6 +98,7 @@ private:
     BOOL m_bPaused = FALSE;
     BOOL m_bRefused = FALSE;  // somebody waits for OnWritable
     BOOL m_bBroken = FALSE;   // a send found that out, and OnBroken has to be told
+    int m_nError = 0;         // what broke it
     DWORD m_dwAlone = 0;      // datagrams that were alone when they came, without another case between them
     int64_t m_llReceivedUsec = 0;
     CCmTimeValue m_tvTraced;  // when the last line about a lost datagram was written

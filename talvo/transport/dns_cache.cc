@@ -11,7 +11,8 @@ CCmRefPtrT<CCmDnsRecord> CCmDnsCache::MakeRecord(const CCmString& aName, talvo::
     const BOOL bFailed = aAnswer.m_Addresses.empty();
     const DWORD dwTtl = bFailed ? FAILURE_TTL : std::clamp(aAnswer.m_dwTtl, MIN_TTL, MAX_TTL);
     const int64_t llExpiry = CCmClock::GetTimeOfDayUsec() + int64_t{dwTtl} * 1000000;
-    return new CCmDnsRecord(aName, std::move(aAnswer.m_Addresses), llExpiry, bFailed ? aAnswer.m_strReason : "");
+    return new CCmDnsRecord(aName, std::move(aAnswer.m_Addresses), llExpiry, bFailed ? aAnswer.m_strReason : "",
+                            bFailed && aAnswer.m_bNoSuchName);
 }
 
 void CCmDnsCache::Add(CCmRefPtrT<CCmDnsRecord> aRecord) {

@@ -15,6 +15,7 @@ struct CDnsAnswer {
     std::vector<DWORD> m_Addresses;  // network byte order; none: it failed
     DWORD m_dwTtl = 0;               // seconds, as given
     CCmString m_strReason;           // why it failed
+    BOOL m_bNoSuchName = FALSE;      // it failed because a server, or the rules for names, say that there is no address
 };
 
 }  // namespace talvo

@@ -38,8 +38,11 @@ CDnsAnswer AnswerOf(int aStatus, const ares_addrinfo* aInfo) {
     CDnsAnswer answer;
     if (aStatus == ARES_SUCCESS && aInfo)
         answer = AnswerOf(*aInfo);
-    if (answer.m_Addresses.empty())
-        answer.m_strReason = ares_strerror(aStatus == ARES_SUCCESS ? ARES_ENODATA : aStatus);
+    if (!answer.m_Addresses.empty())
+        return answer;
+    const int nStatus = aStatus == ARES_SUCCESS ? ARES_ENODATA : aStatus;
+    answer.m_strReason = ares_strerror(nStatus);
+    answer.m_bNoSuchName = nStatus == ARES_ENODATA || nStatus == ARES_ENOTFOUND || nStatus == ARES_EBADNAME;
     return answer;
 }
 

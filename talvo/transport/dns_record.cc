@@ -14,8 +14,13 @@ constexpr int64_t SECOND = 1000000;
 
 }  // namespace
 
-CCmDnsRecord::CCmDnsRecord(const CCmString& aName, std::vector<DWORD> aAddresses, int64_t aExpiryUsec, const CCmString& aReason)
-    : m_strName(aName), m_Addresses(std::move(aAddresses)), m_llExpiryUsec(aExpiryUsec), m_strReason(aReason) {
+CCmDnsRecord::CCmDnsRecord(const CCmString& aName, std::vector<DWORD> aAddresses, int64_t aExpiryUsec, const CCmString& aReason,
+                           BOOL aNoSuchName)
+    : m_strName(aName),
+      m_Addresses(std::move(aAddresses)),
+      m_llExpiryUsec(aExpiryUsec),
+      m_strReason(aReason),
+      m_bNoSuchName(aNoSuchName) {
     ++s_Live;
 }
 

@@ -15,7 +15,8 @@ public:
     };
 
     // A record of state RESOLVED with addresses, else FAILED. aExpiryUsec: on the clock of CCmClock::GetTimeOfDayUsec.
-    CCmDnsRecord(const CCmString& aName, std::vector<DWORD> aAddresses, int64_t aExpiryUsec, const CCmString& aReason);
+    CCmDnsRecord(const CCmString& aName, std::vector<DWORD> aAddresses, int64_t aExpiryUsec, const CCmString& aReason,
+                 BOOL aNoSuchName = FALSE);
 
     // As it was asked for, in lower case.
     const CCmString& GetName() const { return m_strName; }
@@ -33,6 +34,8 @@ public:
 
     // For people; "" when RESOLVED.
     const CCmString& GetReason() const { return m_strReason; }
+    // FAILED because the name has no address; otherwise no server gave an answer that could be used.
+    BOOL IsNoSuchName() const { return m_bNoSuchName; }
 
 protected:
     ~CCmDnsRecord() override;
@@ -42,4 +45,5 @@ private:
     const std::vector<DWORD> m_Addresses;
     const int64_t m_llExpiryUsec;
     const CCmString m_strReason;
+    const BOOL m_bNoSuchName;
 };

@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "talvo/transport/connect_options.h"
 #include "talvo/transport/transport_thread_proxy.h"
 
 namespace talvo {
@@ -29,9 +30,16 @@ public:
         CCmRefPtrT<ICmTransport> pProxy;
         if (aTrpt)
             pProxy = new CCmTransportThreadProxy(aTrpt, GetUser(), GetNetwork(), m_dwType);
-        PostIndication(m_bOnce ? std::exchange(m_dwRunning, 0) : m_dwRunning, aReason, std::move(pProxy));
+        PostIndication(m_bOnce ? std::exchange(m_dwRunning, 0) : m_dwRunning, aReason, std::move(pProxy),
+                       aReason == CM_OK ? CCmFailure() : GetConnectFailure(m_pInner.Get()));
     }
     void OnThreadEnd() override { LetGo_i(); }
+
+    // Any thread. Of the last request that was begun.
+    CCmFailure GetFailure() {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        return m_Failure;
+    }
 
 protected:
     CIndicatingProxyCoreT(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, Factory aFactory, BOOL aOnce)
@@ -45,6 +53,7 @@ protected:
         if (!aSink)
             return CM_ERROR_INVALID_ARG;
         m_pSink = aSink;
+        m_Failure = {};
         aRequest = ++m_dwRequest;
         return CM_OK;
     }
@@ -54,8 +63,15 @@ protected:
         ++m_dwRequest;
         return std::exchange(m_pSink, nullptr) != nullptr;
     }
-    // Any thread.
-    void PostIndication(DWORD aRequest, CmResult aReason, CCmRefPtrT<ICmTransport> aTransport) {
+    // Any thread. Nothing is noted for a request that is not current any more.
+    void NoteFailure(DWORD aRequest, const CCmFailure& aFailure) {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        if (aRequest == m_dwRequest)
+            m_Failure = aFailure;
+    }
+    // Any thread. The failure can be read before the indication arrives, and needs no event.
+    void PostIndication(DWORD aRequest, CmResult aReason, CCmRefPtrT<ICmTransport> aTransport, const CCmFailure& aFailure) {
+        NoteFailure(aRequest, aFailure);
         GetUser().Post([=, pTransport = std::move(aTransport), pThis = CCmRefPtrT<CIndicatingProxyCoreT>(this)] {
             if (ICmAcceptorConnectorSink* pSink = pThis->SinkOf(aRequest))
                 pSink->OnConnectIndication(aReason, pTransport.Get(), pThis->m_pProxy);
@@ -105,6 +121,7 @@ private:
     CCmMutexThread m_Mutex;
     ICmAcceptorConnectorSink* m_pSink CM_GUARDED_BY(m_Mutex) = nullptr;  // not owned
     DWORD m_dwRequest CM_GUARDED_BY(m_Mutex) = 0;
+    CCmFailure m_Failure CM_GUARDED_BY(m_Mutex);  // of the current request
 };
 
 }  // namespace talvo

@@ -11,6 +11,13 @@ CmResult CNameLookup::Start(const CCmString& aName, CCmRefPtrT<CCmDnsRecord>& aR
     return rv;
 }
 
+CCmFailure CNameLookup::FailureOf(const CCmDnsRecord* aRecord, CmResult aReason, const CCmInetAddr& aName) {
+    const BOOL bNoSuchName = aRecord ? aRecord->IsNoSuchName() : aReason == CM_ERROR_INVALID_ARG;
+    const char* pText = aReason == CM_ERROR_INVALID_ARG ? "not a host name" : cm_result_name(aReason);
+    return CCmFailure(bNoSuchName ? CM_FAILURE_NO_SUCH_NAME : CM_FAILURE_NO_RESOLVER,
+                      aRecord ? aRecord->GetReason().c_str() : pText, "resolve", aName);
+}
+
 void CNameLookup::Cancel() {
     if (!m_bWaiting)
         return;

@@ -1,6 +1,7 @@
 // A connector's wait for the addresses of a name.
 #pragma once
 
+#include "talvo/base/failure.h"
 #include "talvo/base/ref_ptr.h"
 #include "talvo/event/timer_queue.h"
 #include "talvo/transport/dns_record.h"
@@ -29,6 +30,9 @@ public:
     // CM_OK: aRecord is what is known already, be it that the name has no address. CM_ERROR_WOULD_BLOCK: the user will hear.
     // Anything else: it cannot be found out.
     CmResult Start(const CCmString& aName, CCmRefPtrT<CCmDnsRecord>& aRecord);
+
+    // Why a name has no address: aRecord is a failed one, or null with what Start returned.
+    static CCmFailure FailureOf(const CCmDnsRecord* aRecord, CmResult aReason, const CCmInetAddr& aName);
 
     // The user hears nothing any more. Does nothing when no look-up runs.
     void Cancel();

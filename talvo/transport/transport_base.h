@@ -34,10 +34,22 @@ protected:
 
     void OnReferenceDestory() override;
 
+    // Notes what ends the connection, for CM_OPT_TRANSPORT_LAST_FAILURE. The texts are literals. The first one counts.
+    void NoteFailure_i(int aErrno, const char* aVerb);
+    void NoteFailure_i(ECmFailureCause aCause, const char* aText, const char* aVerb);
+    BOOL HasFailed_i() const { return m_pVerb != nullptr; }
+    CCmFailure GetFailure_i(const CCmInetAddr& aPeer) const;
+
     // Takes the handler out of the reactor, if that still exists.
     void RemoveFromReactor_i();
 
     CCmEnsureSingleThread m_Est;
     ICmTransportSink* m_pSink = nullptr;  // not owned; set by OpenWithSink, cleared by Disconnect, OnClose and the last release
     ICmReactor* const m_pReactor;         // not owned
+
+private:
+    ECmFailureCause m_Cause = CM_FAILURE_NONE;
+    int m_nErrno = 0;
+    const char* m_pText = nullptr;  // of a cause without errno
+    const char* m_pVerb = nullptr;  // null: nothing has failed
 };

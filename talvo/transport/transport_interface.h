@@ -1,6 +1,7 @@
 // The interfaces through which connected byte streams and datagram flows are opened and used, however they are made.
 #pragma once
 
+#include "talvo/base/failure.h"
 #include "talvo/base/inet_addr.h"
 #include "talvo/base/message_block.h"
 #include "talvo/base/reference_control.h"
@@ -31,40 +32,53 @@ struct CCmTransportParameter {
 };
 
 // Commands of ICmTransport::GetOption and SetOption; the argument points at the value. 102 and 111 are reserved.
+// A thread proxy waits for the network thread where [waits] stands, and returns CM_ERROR_NULL_POINTER when the transport is
+// gone. It answers the others at once; the addresses, the type and the last failure also inside the last upcall and until the
+// release.
 enum ECmTransportOption : DWORD {
-    CM_OPT_TRANSPORT_FIO_NREAD = 101,   // get DWORD: bytes that can be read now
-    CM_OPT_TRANSPORT_FD = 103,          // get HANDLE; set HANDLE: only CM_INVALID_HANDLE, which takes the socket out of the
-                                        // reactor and detaches it: closing the transport no longer closes it
-    CM_OPT_TRANSPORT_LOCAL_ADDR = 104,  // get CCmInetAddr
-    CM_OPT_TRANSPORT_PEER_ADDR = 105,   // get CCmInetAddr
-    CM_OPT_TRANSPORT_SOCK_ALIVE = 106,  // get BOOL: the peer has not closed, as far as is known;
+    CM_OPT_TRANSPORT_FIO_NREAD = 101,   // [waits] get DWORD: bytes that can be read now
+    CM_OPT_TRANSPORT_FD = 103,          // [waits] get HANDLE; set HANDLE: only CM_INVALID_HANDLE, which takes the socket out of
+                                        // the reactor and detaches it: closing the transport no longer closes it
+    CM_OPT_TRANSPORT_LOCAL_ADDR = 104,  // get CCmInetAddr; a proxy's also after the end
+    CM_OPT_TRANSPORT_PEER_ADDR = 105,   // get CCmInetAddr; also after the end
+    CM_OPT_TRANSPORT_SOCK_ALIVE = 106,  // [waits] get BOOL: the peer has not closed, as far as is known;
                                         // CM_ERROR_NOT_INITIALIZED (and FALSE) on a closed transport
     CM_OPT_TRANSPORT_TRAN_TYPE = 107,   // get DWORD: 1 TCP, 2 UDP; a thread proxy adds 0x20000 or else 0x10000 when it was
                                         // made with a type that has that bit
-    CM_OPT_TRANSPORT_KEEPALIVE = 108,   // set DWORD: TCP keep-alive is switched on by more than 0, off by 0
-    CM_OPT_TRANSPORT_SNDBUF = 109,      // get, set int: the socket's send buffer in bytes; the system doubles what is set,
-                                        // opening a transport sets 65,535: set it afterwards
-    CM_OPT_TRANSPORT_RCVBUF = 110,      // get, set int: the socket's receive buffer in bytes; likewise
-    CM_OPT_TRANSPORT_INNER_TRANSPORT = 112,  // get ICmTransport*, no reference added: thread proxies only, the transport in the
-                                             // network thread, to be used there only
-    CM_OPT_TRANSPORT_TOS = 113,              // set DWORD: the IP type-of-service byte
+    CM_OPT_TRANSPORT_KEEPALIVE = 108,   // [waits] set DWORD: TCP keep-alive is switched on by more than 0, off by 0
+    CM_OPT_TRANSPORT_SNDBUF = 109,      // [waits] get, set int: the socket's send buffer in bytes; the system doubles what is
+                                        // set, opening a transport sets 65,535: set it afterwards
+    CM_OPT_TRANSPORT_RCVBUF = 110,      // [waits] get, set int: the socket's receive buffer in bytes; likewise
+    CM_OPT_TRANSPORT_INNER_TRANSPORT = 112,  // [waits] get ICmTransport*, no reference added: thread proxies only, the
+                                             // transport in the network thread, to be used there only
+    CM_OPT_TRANSPORT_TOS = 113,              // [waits] set DWORD: the IP type-of-service byte
     CM_OPT_TRANSPORT_PAUSE_READING = 141,  // get, set BOOL: no OnReceive and no notice of an orderly close by the peer until it
                                            // is FALSE again; nothing is lost. A connection that fails is told all the same
     CM_OPT_TRANSPORT_PROXY_SEND_LIMIT = 142,  // get, set DWORD: thread proxies only, see CCmTransportThreadProxy
     CM_OPT_TRANSPORT_PROXY_RECV_LIMIT = 143,  // get, set DWORD: thread proxies only
-    // get DWORD: bytes taken that the peer's system has not acknowledged; TCP. On a protocol connection what it has not sent
-    // yet besides what its own transport answers.
+    // [waits] get DWORD: bytes taken that the peer's system has not acknowledged; TCP. On a protocol connection what it has not
+    // sent yet besides what its own transport answers.
     CM_OPT_TRANSPORT_UNACKNOWLEDGED = 144,
-    // get DWORD: protocol connections only, the longest message that one SendData can take now.
+    // [waits] get DWORD: protocol connections only, the longest message that one SendData can take now.
     CM_OPT_TRANSPORT_MAX_MESSAGE = 145,
-    // set BOOL: protocol connections only. While TRUE SendData gathers, FALSE sends that with few system calls; any upcall may
-    // come inside, OnDisconnect included.
+    // [waits] set BOOL: protocol connections only. While TRUE SendData gathers, FALSE sends that with few system calls; any
+    // upcall may come inside, OnDisconnect included.
     CM_OPT_TRANSPORT_CORK = 146,
     // set BOOL TRUE: nothing more is sent; the peer sees the end behind what was taken, and receiving goes on. TCP alone.
     CM_OPT_TRANSPORT_END_SENDING = 147,
     // set BOOL TRUE: the peer's orderly end is one OnReceive with an empty block, behind all data; the transport stays open and
     // can send. A hang-up or failure is OnDisconnect as ever. TCP alone; set it before OpenWithSink.
-    CM_OPT_TRANSPORT_TELL_END = 148
+    CM_OPT_TRANSPORT_TELL_END = 148,
+    // get CCmFailure: what ended the connection; CM_FAILURE_NONE while it runs, behind an orderly end of the peer's and after
+    // Disconnect. Inside and after OnDisconnect, in the thread of the upcalls; a thread proxy answers without waiting.
+    CM_OPT_TRANSPORT_LAST_FAILURE = 159
+};
+
+// Commands of ICmConnectOptions.
+enum ECmConnectOption : DWORD {
+    // get CCmFailure: why the last attempt of a connector failed, inside its indication and until the next AsycConnect; why the
+    // last StartListen of an acceptor did. CM_FAILURE_NONE: it did not. A thread proxy answers without waiting.
+    CM_OPT_CONNECT_FAILURE = 165
 };
 
 // Implemented by the user of a transport. All calls come in the transport's thread: a thread proxy's in the thread that made
@@ -126,12 +140,27 @@ public:
     virtual ~ICmAcceptorConnectorSink();
 };
 
+// What can be asked of connectors and acceptors besides, in the thread that uses them; see cm_get_connect_options.
+class TALVO_API ICmConnectOptions {
+public:
+    // See ECmConnectOption. CM_ERROR_INVALID_ARG: an unknown command, one that cannot be set, or a null argument.
+    virtual CmResult SetOption(DWORD aCommand, void* aArg) = 0;
+    virtual CmResult GetOption(DWORD aCommand, void* aArg) = 0;
+
+protected:
+    virtual ~ICmConnectOptions();
+};
+
+// The options of a connector or acceptor; null for null, and for a class of the application's that has none. They live as long
+// as the object.
+TALVO_API ICmConnectOptions* cm_get_connect_options(ICmAcceptorConnectorId* aId);
+
 // Opens one connection at a time.
 class TALVO_API ICmConnector : public ICmAcceptorConnectorId {
 public:
     // Starts an attempt; exactly one OnConnectIndication follows, after this has returned, unless CancelConnect comes first.
     // Reasons: CM_ERROR_NETWORK_CONNECT_TIMEOUT (20005) when the attempt failed at once; CM_ERROR_NETWORK_CONNECT_ERROR (20006)
-    // when it failed later or aTimeout passed (the names of these two notwithstanding; the trace has the system's error);
+    // when it failed later or aTimeout passed (the names of these two notwithstanding; CM_OPT_CONNECT_FAILURE tells the cause);
     // CM_ERROR_NETWORK_DNS_FAILURE for a name that cannot be resolved. aTimeout null: as long as the system tries. aAddrLocal:
     // the address to connect from; null: any. The arguments are copied. While an attempt runs, or without a sink, the call is
     // refused: it is traced and nothing else happens.
@@ -153,7 +182,7 @@ public:
 class TALVO_API ICmAcceptor : public ICmAcceptorConnectorId {
 public:
     // OnConnectIndication follows for every connection. CM_ERROR_ALREADY_INITIALIZED: it listens. CM_ERROR_INVALID_ARG: aSink
-    // is null. CM_ERROR_NETWORK_SOCKET_ERROR: the address cannot be bound or listened on; the system's error is in the trace.
+    // is null. CM_ERROR_NETWORK_SOCKET_ERROR: the address cannot be bound or listened on; CM_OPT_CONNECT_FAILURE says why.
     // After any failure it may be tried again. Port 0 lets the system choose: GetListenAddr tells.
     virtual CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) = 0;
 

@@ -19,6 +19,10 @@ constexpr DWORD STREAM_TYPE_MASK = 0xFFF0FFFF;  // base type and protocol, witho
 constexpr DWORD PROTOCOL_MASK = 0xFFF00000;
 constexpr DWORD TELL_SENT_STEP = 64 * 1024;  // bytes: a lock for each message would be dear, and the whole batch a long wait
 constexpr DWORD DEFAULT_LINGER_SECONDS = 30;
+constexpr DWORD TYPE_FLAG_HIGH = 0x20000;
+constexpr DWORD TYPE_FLAG_LOW = 0x10000;
+constexpr const char* THREAD_ENDED = "the network thread has ended";
+constexpr const char* OUT_OF_MEMORY = "out of memory";
 constexpr long LINGER_LOOK_USEC = 10000;  // between two looks whether the peer has everything
 
 // The last block of a chain, and how many there are.
@@ -47,8 +51,9 @@ CTransportProxyCore::~CTransportProxyCore() { --s_Live; }
 
 void CTransportProxyCore::Start(ICmTransport* aProxy) {
     m_pProxy = aProxy;
+    ReadAddresses_i();
     if (!Host_i()) {
-        Lost_i(CM_ERROR_NETWORK_SOCKET_CLOSE);
+        LostHere_i(CM_ERROR_NETWORK_SOCKET_CLOSE, THREAD_ENDED);
         return;
     }
     if (!m_bProtocol)
@@ -57,13 +62,24 @@ void CTransportProxyCore::Start(ICmTransport* aProxy) {
     Open_i();
 }
 
+void CTransportProxyCore::ReadAddresses_i() {
+    CCmInetAddr addr;
+    if (m_pTransport->GetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &addr) == CM_OK)
+        m_LocalAddr.Store(addr);
+    if (m_pTransport->GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &addr) == CM_OK)
+        m_PeerAddr.Store(addr);
+    DWORD dwType = 0;
+    if (m_pTransport->GetOption(CM_OPT_TRANSPORT_TRAN_TYPE, &dwType) == CM_OK)
+        m_dwTransportType = dwType | (m_dwType & TYPE_FLAG_HIGH ? TYPE_FLAG_HIGH : m_dwType & TYPE_FLAG_LOW);
+}
+
 void CTransportProxyCore::Open_i() {
     if (!m_pTransport)
         return;
     m_bOpened = TRUE;
     const CmResult rv = m_pTransport->OpenWithSink(this);
     if (rv != CM_OK)
-        Lost_i(rv);
+        LostHere_i(rv, "the connection could not be opened");
 }
 
 void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
@@ -75,7 +91,7 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
     if (rv != CM_OK && m_bDatagrams)
         return;
     if (rv != CM_OK) {
-        Lost_i(rv);  // a stream with a hole in it would be worse
+        LostHere_i(rv, OUT_OF_MEMORY);  // a stream with a hole in it would be worse
         return;
     }
     if (bStop)
@@ -106,7 +122,11 @@ void CTransportProxyCore::OnSend(ICmTransport*, CCmTransportParameter*) {
         Drain();
 }
 
-void CTransportProxyCore::OnDisconnect(CmResult aReason, ICmTransport*) { Lost_i(aReason); }
+void CTransportProxyCore::OnDisconnect(CmResult aReason, ICmTransport* aTrptId) {
+    CCmFailure failure;
+    aTrptId->GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure);
+    Lost_i(aReason, failure);
+}
 
 // One batch a call, so that a user who sends all the time leaves the others their turn.
 void CTransportProxyCore::Drain() {
@@ -123,7 +143,7 @@ void CTransportProxyCore::Drain() {
         return;
     }
     if (m_bProtocol && rv == CM_ERROR_OUT_OF_MEMORY)
-        Lost_i(rv);  // no OnSend would follow
+        LostHere_i(rv, OUT_OF_MEMORY);  // no OnSend would follow
     else if (rv == CM_OK ? TakeBatch_i() : m_bRoomMeanwhile)
         m_DrainEvent.Post(GetNetwork());
     else if (rv == CM_OK && m_pLingerTimers && !HasUnacknowledged_i())
@@ -275,19 +295,26 @@ void CTransportProxyCore::OnTimeout(const CCmTimeValue& aCurTime, void*) {
 }
 
 // The transport is of no use any more, and the user has not asked for that.
-void CTransportProxyCore::Lost_i(CmResult aReason) {
+void CTransportProxyCore::Lost_i(CmResult aReason, const CCmFailure& aFailure) {
     m_bClosed = TRUE;
     m_LostReason = aReason;
+    m_Failure = aFailure;
     m_bLost = TRUE;
     PostUpcall_i();
     LetGo_i(aReason);
+}
+
+void CTransportProxyCore::LostHere_i(CmResult aReason, const char* aText) {
+    CCmInetAddr addrPeer;
+    m_PeerAddr.Load(addrPeer);
+    Lost_i(aReason, CCmFailure(CM_FAILURE_LOCAL, aText, "keep the connection with", addrPeer));
 }
 
 void CTransportProxyCore::OnThreadEnd() {
     const CCmRefPtrT<CProxyCore> pKeep(this);
     Drain();  // what the socket still takes goes out
     if (m_pTransport)
-        Lost_i(CM_ERROR_NETWORK_SOCKET_CLOSE);
+        LostHere_i(CM_ERROR_NETWORK_SOCKET_CLOSE, THREAD_ENDED);
 }
 
 // The end of the network side; may delete this object.

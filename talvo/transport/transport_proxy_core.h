@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "talvo/event/timer_queue.h"
+#include "talvo/transport/atomic_addr.h"
 #include "talvo/transport/proxy_core.h"
 #include "talvo/transport/proxy_queues.h"
 #include "talvo/transport/transport_interface.h"
@@ -64,8 +65,10 @@ private:
     void PauseReading_i(BOOL aPause);
     // Either thread.
     CmResult PostUpcall_i();
+    CmResult GetKept_i(DWORD aCommand, void* aArg) const;
     void PostApplyReading_i();
     // Network thread.
+    void ReadAddresses_i();
     void Open_i();
     void TellReceived_i();
     void Tell_i();
@@ -85,7 +88,8 @@ private:
     void Disconnect_i(CmResult aReason);
     BOOL HasUnacknowledged_i();
     void Linger_i();
-    void Lost_i(CmResult aReason);
+    void Lost_i(CmResult aReason, const CCmFailure& aFailure);
+    void LostHere_i(CmResult aReason, const char* aText);
     void LetGo_i(CmResult aReason);
     CmResult SetInnerOption_i(DWORD aCommand, void* aArg);
     CmResult GetInnerOption_i(DWORD aCommand, void* aArg);
@@ -110,6 +114,11 @@ private:
     std::atomic<BOOL> m_bLost{FALSE};  // m_LostReason is to be told, after all data
     std::atomic<BOOL> m_bUpcallPosted{FALSE};
     CmResult m_LostReason = CM_OK;  // set before m_bLost
+    CCmFailure m_Failure;           // likewise
+    // What the connection said when the proxy was made; one that reconnects may say something else later.
+    CAtomicAddr m_LocalAddr;
+    CAtomicAddr m_PeerAddr;
+    std::atomic<DWORD> m_dwTransportType{0};
     CProxySendQueue m_SendQueue;
     CProxyReceiveQueue m_ReceiveQueue;
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Drain> m_DrainEvent{*this};

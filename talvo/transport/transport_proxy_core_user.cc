@@ -5,13 +5,6 @@
 
 namespace talvo {
 
-namespace {
-
-constexpr DWORD TYPE_FLAG_HIGH = 0x20000;
-constexpr DWORD TYPE_FLAG_LOW = 0x10000;
-
-}  // namespace
-
 CmResult CTransportProxyCore::OpenWithSink(ICmTransportSink* aSink) {
     if (!aSink)
         return CM_ERROR_INVALID_ARG;
@@ -110,14 +103,29 @@ CmResult CTransportProxyCore::GetOption(DWORD aCommand, void* aArg) {
     case CM_OPT_TRANSPORT_PAUSE_READING:
         *static_cast<BOOL*>(aArg) = m_bPausedByUser;
         return CM_OK;
+    case CM_OPT_TRANSPORT_LOCAL_ADDR:
+    case CM_OPT_TRANSPORT_PEER_ADDR:
+    case CM_OPT_TRANSPORT_TRAN_TYPE:
+    case CM_OPT_TRANSPORT_LAST_FAILURE:
+        return GetKept_i(aCommand, aArg);
     default:
-        break;
+        return GetNetwork().Call(
+            [=, pThis = CCmRefPtrT<CTransportProxyCore>(this)] { return pThis->GetInnerOption_i(aCommand, aArg); });
     }
-    const CmResult rv = GetNetwork().Call(
-        [=, pThis = CCmRefPtrT<CTransportProxyCore>(this)] { return pThis->GetInnerOption_i(aCommand, aArg); });
-    if (rv == CM_OK && aCommand == CM_OPT_TRANSPORT_TRAN_TYPE)
-        *static_cast<DWORD*>(aArg) |= m_dwType & TYPE_FLAG_HIGH ? TYPE_FLAG_HIGH : m_dwType & TYPE_FLAG_LOW;
-    return rv;
+}
+
+// What the proxy knows by itself, as long as it exists.
+CmResult CTransportProxyCore::GetKept_i(DWORD aCommand, void* aArg) const {
+    if (aCommand == CM_OPT_TRANSPORT_LAST_FAILURE) {
+        *static_cast<CCmFailure*>(aArg) = m_bLost ? m_Failure : CCmFailure();
+        return CM_OK;
+    }
+    if (aCommand == CM_OPT_TRANSPORT_TRAN_TYPE) {
+        *static_cast<DWORD*>(aArg) = m_dwTransportType;
+        return m_dwTransportType ? CM_OK : CM_ERROR_INVALID_ARG;
+    }
+    const CAtomicAddr& addr = aCommand == CM_OPT_TRANSPORT_LOCAL_ADDR ? m_LocalAddr : m_PeerAddr;
+    return addr.Load(*static_cast<CCmInetAddr*>(aArg)) ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
 }
 
 void CTransportProxyCore::PauseReading_i(BOOL aPause) {

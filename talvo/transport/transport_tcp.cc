@@ -71,6 +71,23 @@ CmResult CCmTransportTcp::Close_t(CmResult aReason) {
     return CM_OK;
 }
 
+// The system notes what it has found out, unless a receive or send has taken that off the socket.
+int CCmTransportTcp::OnClose(HANDLE aFd, long aMask) {
+    int nError = 0;
+    int nLength = sizeof nError;
+    if (!HasFailed_i() && m_SocketTcp.GetOption(SOL_SOCKET, SO_ERROR, &nError, &nLength) == 0)
+        NoteFailure_i(nError, "receive from");
+    CCmInetAddr addrPeer;
+    GetPeerAddr_i(addrPeer);
+    const CCmFailure failure = GetFailure_i(addrPeer);
+    if (failure)
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::OnClose, the connection has failed. fd=" << aFd
+                                                                                         << " err=" << failure.GetErrno());
+    else
+        CM_INFO_TRACE_THIS("CCmTransportTcp::OnClose, the peer has closed in good order. fd=" << aFd);
+    return CCmTransportBase::OnClose(aFd, aMask);
+}
+
 int CCmTransportTcp::Recv_i(char* aBuf, DWORD aLen) {
     const int nRecv = m_SocketTcp.Recv(aBuf, aLen);
     if (nRecv > 0)
@@ -84,6 +101,8 @@ int CCmTransportTcp::Recv_i(char* aBuf, DWORD aLen) {
         CM_WARNING_TRACE_THIS("CCmTransportTcp::Recv_i, recv() 0! fd=" << GetHandle() << " err=" << nErr);
     else
         CM_WARNING_TRACE_THIS("CCmTransportTcp::Recv_i, recv() failed! fd=" << GetHandle() << " err=" << nErr);
+    if (nRecv == -1)
+        NoteFailure_i(nErr, "receive from");
     errno = nErr;
     return -1;
 }

@@ -24,12 +24,16 @@ public:
     HANDLE GetHandle() const override { return m_SocketTcp.GetHandle(); }
     int OnInput(HANDLE aFd) override;
     int OnOutput(HANDLE aFd) override;
+    int OnClose(HANDLE aFd, long aMask) override;
 
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
     CmResult SetOption(DWORD aCommand, void* aArg) override;
     CmResult GetOption(DWORD aCommand, void* aArg) override;
 
     CCmSocketTcp& GetPeer() { return m_SocketTcp; }
+    // What who made it knows already spares a call of the system; the peer's address can then be asked for after the end, too.
+    void SetPeerAddr(const sockaddr_in& aAddr) { m_AddrPeer = aAddr; }
+    void SetLocalAddr(const sockaddr_in& aAddr) { m_AddrLocal = aAddr; }
     const CCmTransportCounters& GetCounters() const { return m_Counters; }
 
 protected:
@@ -49,8 +53,12 @@ private:
     CmResult PauseReading_i(BOOL aPause);
     CmResult Detach_i(HANDLE aNewHandle);
     CmResult IsAlive_i(BOOL& aAlive) const;
+    CmResult GetPeerAddr_i(CCmInetAddr& aAddr);
+    CmResult GetLocalAddr_i(CCmInetAddr& aAddr);
 
     CCmSocketTcp m_SocketTcp;
+    sockaddr_in m_AddrPeer{};   // family 0: not known yet
+    sockaddr_in m_AddrLocal{};  // likewise
     BOOL m_bNeedOnSend = FALSE;
     BOOL m_bReadingPaused = FALSE;
     BOOL m_bOpen = FALSE;     // registered with the reactor

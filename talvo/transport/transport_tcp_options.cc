@@ -67,15 +67,15 @@ CmResult CCmTransportTcp::GetOption(DWORD aCommand, void* aArg) {
         *static_cast<HANDLE*>(aArg) = GetHandle();
         return CM_OK;
     case CM_OPT_TRANSPORT_LOCAL_ADDR:
-        if (m_SocketTcp.GetLocalAddr(*static_cast<CCmInetAddr*>(aArg)) == 0)
-            return CM_OK;
-        CM_WARNING_TRACE_THIS("CCmTransportTcp::GetOption, (CM_OPT_TRANSPORT_LOCAL_ADDR) failed! err=" << errno);
-        return CM_ERROR_NETWORK_SOCKET_ERROR;
+        return GetLocalAddr_i(*static_cast<CCmInetAddr*>(aArg));
     case CM_OPT_TRANSPORT_PEER_ADDR:
-        if (m_SocketTcp.GetRemoteAddr(*static_cast<CCmInetAddr*>(aArg)) == 0)
-            return CM_OK;
-        CM_WARNING_TRACE_THIS("CCmTransportTcp::GetOption, (CM_OPT_TRANSPORT_PEER_ADDR) failed! err=" << errno);
-        return CM_ERROR_NETWORK_SOCKET_ERROR;
+        return GetPeerAddr_i(*static_cast<CCmInetAddr*>(aArg));
+    case CM_OPT_TRANSPORT_LAST_FAILURE: {
+        CCmInetAddr addrPeer;
+        GetPeerAddr_i(addrPeer);
+        *static_cast<CCmFailure*>(aArg) = GetFailure_i(addrPeer);
+        return CM_OK;
+    }
     case CM_OPT_TRANSPORT_SOCK_ALIVE:
         return IsAlive_i(*static_cast<BOOL*>(aArg));
     case CM_OPT_TRANSPORT_TRAN_TYPE:
@@ -92,4 +92,28 @@ CmResult CCmTransportTcp::GetOption(DWORD aCommand, void* aArg) {
         CM_WARNING_TRACE_THIS("CCmTransportTcp::GetOption, unknow aCommand=" << aCommand << " aArg=" << aArg);
         return CM_ERROR_INVALID_ARG;
     }
+}
+
+CmResult CCmTransportTcp::GetLocalAddr_i(CCmInetAddr& aAddr) {
+    CCmInetAddr addr;
+    if (m_AddrLocal.sin_family == 0 && m_SocketTcp.GetLocalAddr(addr) == 0)
+        m_AddrLocal = *addr.GetPtr();
+    if (m_AddrLocal.sin_family == 0) {
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::GetOption, (CM_OPT_TRANSPORT_LOCAL_ADDR) failed! err=" << errno);
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    }
+    aAddr = CCmInetAddr(m_AddrLocal);
+    return CM_OK;
+}
+
+CmResult CCmTransportTcp::GetPeerAddr_i(CCmInetAddr& aAddr) {
+    CCmInetAddr addr;
+    if (m_AddrPeer.sin_family == 0 && m_SocketTcp.GetRemoteAddr(addr) == 0)
+        m_AddrPeer = *addr.GetPtr();
+    if (m_AddrPeer.sin_family == 0) {
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::GetOption, (CM_OPT_TRANSPORT_PEER_ADDR) failed! err=" << errno);
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    }
+    aAddr = CCmInetAddr(m_AddrPeer);
+    return CM_OK;
 }

@@ -39,8 +39,8 @@
 // CM_ERROR_NULL_POINTER: the transport is gone. CM_ERROR_NOT_AVAILABLE: the network thread is. When the network thread ends,
 // OnDisconnect says CM_ERROR_NETWORK_SOCKET_CLOSE.
 //
-// The options 141 to 143 are the proxy's own; all others wait for the network thread. OnSend comes during a pause, too. Sends
-// of several threads stay whole, in an order of their own.
+// The options 141 to 143 are the proxy's own; ECmTransportOption says which others answer without waiting. OnSend comes during
+// a pause, too. Sends of several threads stay whole, in an order of their own.
 class TALVO_API CCmTransportThreadProxy final : public talvo::CThreadProxyT<ICmTransport, talvo::CTransportProxyCore> {
 public:
     // In the network thread, before anything can arrive: while the connector or acceptor indicates aTransport, which is kept

@@ -90,6 +90,7 @@ void CCmTransportUdp::OnRoom() {
 }
 
 void CCmTransportUdp::OnSilent() {
+    NoteFailure_i(CM_FAILURE_SILENCE, "the peer has sent nothing for too long", "receive from");
     Close_t(CM_OK);
     if (ICmTransportSink* pSink = std::exchange(m_pSink, nullptr))
         pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_CLOSE, this);

@@ -64,7 +64,10 @@ protected:
 private:
     void OnDatagram(CCmMessageBlock& aData, const sockaddr_in&) override { Take(aData); }
     void OnWritable() override { OnRoom(); }
-    void OnBroken() override { OnClose(GetHandle(), READ_MASK); }
+    void OnBroken(int aError) override {
+        NoteFailure_i(aError, "exchange datagrams with");
+        OnClose(GetHandle(), READ_MASK);
+    }
 
     talvo::CDatagramPort* GetPort() const;
     BOOL CanDeliver() const { return m_pSink && !m_bReadingPaused; }

@@ -64,6 +64,9 @@ CmResult CCmTransportUdp::GetOption(DWORD aCommand, void* aArg) {
     case CM_OPT_TRANSPORT_PEER_ADDR:
         *static_cast<CCmInetAddr*>(aArg) = m_AddrPeer;
         return CM_OK;
+    case CM_OPT_TRANSPORT_LAST_FAILURE:
+        *static_cast<CCmFailure*>(aArg) = GetFailure_i(m_AddrPeer);
+        return CM_OK;
     case CM_OPT_TRANSPORT_SOCK_ALIVE:
         *static_cast<BOOL*>(aArg) = GetHandle() != CM_INVALID_HANDLE;
         return *static_cast<BOOL*>(aArg) ? CM_OK : CM_ERROR_NOT_INITIALIZED;

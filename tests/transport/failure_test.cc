@@ -1,0 +1,186 @@
+#include <arpa/inet.h>
+
+#include <cerrno>
+
+#include "tests/support/fake_clock.h"
+#include "tests/support/network_fixture.h"
+#include "tests/support/trace_capture.h"
+
+namespace {
+
+constexpr DWORD RAW = CCmConnectionManager::CTYPE_TCP;
+constexpr DWORD LENGTH = RAW | CCmConnectionManager::CTYPE_PDU_LENGTH;
+constexpr DWORD PACKAGE = RAW | CCmConnectionManager::CTYPE_PDU_PACKAGE;
+constexpr DWORD UDP = CCmConnectionManager::CTYPE_UDP;
+
+CCmFailure FailureOf(ICmAcceptorConnectorId* aId) {
+    CCmFailure failure;
+    EXPECT_EQ(CM_OK, cm_get_connect_options(aId)->GetOption(CM_OPT_CONNECT_FAILURE, &failure));
+    return failure;
+}
+
+CCmFailure FailureOf(ICmTransport& aTransport) {
+    CCmFailure failure;
+    EXPECT_EQ(CM_OK, aTransport.GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure));
+    return failure;
+}
+
+std::string TextOf(const CCmInetAddr& aAddr) {
+    char szText[32];
+    aAddr.Print(szText, sizeof szText);
+    return szText;
+}
+
+std::string AddressOf(ICmTransport& aTransport, DWORD aCommand) {
+    CCmInetAddr addr;
+    EXPECT_EQ(CM_OK, aTransport.GetOption(aCommand, &addr));
+    return TextOf(addr);
+}
+
+// What is read inside an upcall while the network thread can answer nobody.
+class FailureTest : public testing::Test {
+protected:
+    template <class Read>
+    void WithoutTheNetworkThread(Read aRead) {
+        CCmEventThread busy;
+        m_Network.NetworkLink().Post([&] { busy.Wait(); });
+        aRead();
+        busy.Signal();
+        m_Network.InNetwork([] {});
+    }
+    CCmFailure Connect(const CCmInetAddr& aPeer, DWORD aType, CCmInetAddr* aLocal = nullptr, CCmTimeValue* aTimeout = nullptr) {
+        const auto pConnector = m_Network.MakeConnector(aType);
+        CTestConnectSink sink;
+        CCmFailure failure;
+        sink.m_Indicated = [&] { WithoutTheNetworkThread([&] { failure = FailureOf(pConnector.Get()); }); };
+        pConnector->AsycConnect(&sink, aPeer, aTimeout, aLocal);
+        m_Network.RunUntil([&] {
+            m_Clock.Advance(CCmTimeValue(0, 250000));
+            return sink.Count() == 1;
+        });
+        EXPECT_EQ(failure.ToString(), FailureOf(pConnector.Get()).ToString());
+        return failure;
+    }
+
+    CCmFakeClock m_Clock;
+    CTestNetwork m_Network;
+    const CCmInetAddr m_Refused{CTestListener().Addr()};
+};
+
+}  // namespace
+
+TEST_F(FailureTest, ConnectorsTellTheCause) {
+    for (const DWORD dwType : {RAW, LENGTH, PACKAGE}) {
+        const CCmFailure refused = Connect(m_Refused, dwType);
+        EXPECT_EQ(CM_FAILURE_SYSTEM, refused.GetCause());
+        EXPECT_EQ(ECONNREFUSED, refused.GetErrno());
+        EXPECT_EQ("connect to " + TextOf(m_Refused) + ": Connection refused", refused.ToString());
+    }
+    CCmInetAddr foreign("192.0.2.1", 0);
+    EXPECT_EQ("bind to 192.0.2.1:0: Cannot assign requested address", Connect(m_Refused, RAW, &foreign).ToString());
+    EXPECT_EQ(EADDRNOTAVAIL, Connect(m_Refused, UDP, &foreign).GetErrno());
+    EXPECT_NE(0, Connect(CCmInetAddr("255.255.255.255", 9), RAW).GetErrno());
+    EXPECT_EQ(CM_FAILURE_NO_SUCH_NAME, Connect(CCmInetAddr("not a name", 80), RAW).GetCause());
+    EXPECT_EQ("resolve not a name:80: not a host name", Connect(CCmInetAddr("not a name", 80), UDP).ToString());
+
+    const CTestListener full(0);
+    const CTestFd clients[4] = {ConnectPlain(full.Addr()), ConnectPlain(full.Addr()), ConnectPlain(full.Addr()),
+                                ConnectPlain(full.Addr())};
+    CCmTimeValue tvTimeout(1);
+    const CCmFailure late = Connect(full.Addr(), RAW, nullptr, &tvTimeout);
+    EXPECT_EQ(CM_FAILURE_TIMEOUT, late.GetCause());
+    EXPECT_EQ(0, late.GetErrno());
+}
+
+TEST_F(FailureTest, HandshakesTellTheCause) {
+    const CTestListener listener;
+    const auto pConnector = m_Network.MakeConnector(PACKAGE);
+    for (const BOOL bAnswer : {TRUE, FALSE}) {
+        CTestConnectSink sink;
+        pConnector->AsycConnect(&sink, listener.Addr());
+        const CTestFd peer = listener.Accept();
+        if (bAnswer)
+            EXPECT_EQ(1, send(peer.Get(), "\x63", 1, MSG_NOSIGNAL));
+        else
+            shutdown(peer.Get(), SHUT_WR);
+        m_Network.RunUntil([&] { return sink.Count() == 1; });
+        const CCmFailure failure = FailureOf(pConnector.Get());
+        EXPECT_EQ(CM_FAILURE_PROTOCOL, failure.GetCause()) << failure.ToString();
+        EXPECT_EQ("talk to " + TextOf(listener.Addr()), std::string(failure.GetAttempt()));
+    }
+}
+
+TEST_F(FailureTest, AcceptorsTellTheCause) {
+    const CTestListener taken;
+    for (const DWORD dwType : {RAW, LENGTH}) {
+        CTestConnectSink sink;
+        const auto pAcceptor = m_Network.MakeAcceptor(dwType);
+        EXPECT_FALSE(FailureOf(pAcceptor.Get()));
+        EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&sink, taken.Addr()));
+        WithoutTheNetworkThread([&] {
+            EXPECT_EQ("bind to " + TextOf(taken.Addr()) + ": Address already in use", FailureOf(pAcceptor.Get()).ToString());
+        });
+        EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&sink, CCmInetAddr("192.0.2.1", 0)));
+        EXPECT_EQ(EADDRNOTAVAIL, FailureOf(pAcceptor.Get()).GetErrno());
+        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&sink, CCmInetAddr(OwnLoopback(), 0)));
+        EXPECT_FALSE(FailureOf(pAcceptor.Get()));
+    }
+    CCmFailure failure;
+    const auto pAcceptor = m_Network.MakeAcceptor(UDP);
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, cm_get_connect_options(pAcceptor.Get())->GetOption(CM_OPT_CONNECT_FAILURE, nullptr));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, cm_get_connect_options(pAcceptor.Get())->SetOption(CM_OPT_CONNECT_FAILURE, &failure));
+    EXPECT_EQ(nullptr, cm_get_connect_options(nullptr));
+}
+
+// Which peer has left and why, at the last upcall and behind it: raw and as a protocol.
+TEST_F(FailureTest, TransportsTellWhoLeftAndWhy) {
+    for (const DWORD dwType : {RAW, LENGTH}) {
+        for (const BOOL bReset : {FALSE, TRUE}) {
+            CCmTraceCapture trace;
+            CTestConnectSink connected;
+            CCmInetAddr addr;
+            const auto pAcceptor = m_Network.Listen(connected, addr, dwType);
+            CTestFd peer = ConnectPlain(addr);
+            sockaddr_in own{};
+            socklen_t length = sizeof own;
+            EXPECT_EQ(0, getsockname(peer.Get(), reinterpret_cast<sockaddr*>(&own), &length));
+            m_Network.RunUntil([&] { return connected.Count() == 1; });
+            ICmTransport& transport = *connected.m_Transports[0];
+            CTestSink sink;
+            CCmFailure failure;
+            sink.m_Disconnect = [&] {
+                WithoutTheNetworkThread([&] {
+                    failure = FailureOf(transport);
+                    EXPECT_EQ(TextOf(CCmInetAddr(own)), AddressOf(transport, CM_OPT_TRANSPORT_PEER_ADDR));
+                    EXPECT_EQ(TextOf(addr), AddressOf(transport, CM_OPT_TRANSPORT_LOCAL_ADDR));
+                });
+            };
+            EXPECT_EQ(CM_OK, transport.OpenWithSink(&sink));
+            EXPECT_FALSE(FailureOf(transport));
+            const linger hard{bReset, 0};
+            EXPECT_EQ(0, setsockopt(peer.Get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard));
+            peer = CTestFd();
+            m_Network.RunUntil([&] { return sink.m_nDisconnects == 1; });
+            EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, sink.m_Reason);
+            EXPECT_EQ(bReset ? ECONNRESET : 0, failure.GetErrno());
+            EXPECT_EQ(bReset, trace.Contains("CCmTransportTcp::OnClose, the connection has failed."));
+            EXPECT_EQ(!bReset, trace.Contains("CCmTransportTcp::OnClose, the peer has closed in good order."));
+            EXPECT_EQ(failure.ToString(), FailureOf(transport).ToString());
+            EXPECT_EQ(TextOf(CCmInetAddr(own)), AddressOf(transport, CM_OPT_TRANSPORT_PEER_ADDR));
+        }
+    }
+}
+
+TEST_F(FailureTest, DatagramsTellTheCause) {
+    CTestConnectSink connected;
+    const auto pConnector = m_Network.MakeConnector(UDP);
+    pConnector->AsycConnect(&connected, m_Refused);
+    m_Network.RunUntil([&] { return connected.Count() == 1; });
+    ICmTransport& transport = *connected.m_Transports[0];
+    CTestSink sink;
+    EXPECT_EQ(CM_OK, transport.OpenWithSink(&sink));
+    EXPECT_EQ(CM_OK, SendText(transport, "nobody"));
+    m_Network.RunUntil([&] { return sink.m_nDisconnects == 1; });
+    EXPECT_EQ(ECONNREFUSED, FailureOf(transport).GetErrno());
+    EXPECT_EQ(TextOf(m_Refused), AddressOf(transport, CM_OPT_TRANSPORT_PEER_ADDR));
+}
