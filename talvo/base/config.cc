@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -28,7 +29,7 @@ struct CConfiguration {
     CCmMutexThread m_Mutex;
     BOOL m_bLoaded CM_GUARDED_BY(m_Mutex) = FALSE;
     std::map<std::pair<CCmString, CCmString>, CCmString> m_Values CM_GUARDED_BY(m_Mutex);  // by section and key
-    std::vector<DWORD> m_Complaints CM_GUARDED_BY(m_Mutex);                                // numbers of malformed lines
+    std::vector<CCmString> m_Complaints CM_GUARDED_BY(m_Mutex);                            // lines for the trace
 };
 
 CConfiguration& Configuration() {
@@ -46,17 +47,24 @@ std::string_view Trim(std::string_view aText) {
     return aText.substr(nFirst, aText.find_last_not_of(BLANKS) - nFirst + 1);
 }
 
-std::optional<CCmString> ReadFile(const CCmString& aPath) {
-    const HANDLE fd = open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd == CM_INVALID_HANDLE)
-        return std::nullopt;
+// Why the content of an open file must not be obeyed, or "". A file that another user may write is another user's will. The
+// descriptor is asked and not the path, which may name another file by now.
+CCmString JudgeRights(HANDLE aFd) {
+    struct stat status {};
+    if (fstat(aFd, &status) != 0)
+        return "its owner is not known";
+    if (status.st_uid != 0 && status.st_uid != geteuid())
+        return "it belongs to another user, owner=" + std::to_string(status.st_uid);
+    return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ? "users other than its owner may write it" : "";
+}
+
+std::optional<CCmString> ReadText(HANDLE aFd) {
     CCmString strText;
     char szPart[4096];
     ssize_t nDone;
-    while ((nDone = read(fd, szPart, sizeof(szPart))) > 0 && strText.size() <= MAX_FILE_LENGTH)
+    while ((nDone = read(aFd, szPart, sizeof(szPart))) > 0 && strText.size() <= MAX_FILE_LENGTH)
         strText.append(szPart, static_cast<size_t>(nDone));
-    close(fd);
-    if (nDone != 0)
+    if (nDone != 0 || strText.size() > MAX_FILE_LENGTH)
         return std::nullopt;
     return strText;
 }
@@ -95,7 +103,7 @@ void ParseText_l(CConfiguration& aConfiguration, std::string_view aText) CM_REQU
         const size_t nEnd = aText.find('\n');
         if (!ParseLine_l(aConfiguration, aText.substr(0, nEnd), strSection) &&
             aConfiguration.m_Complaints.size() < MAX_COMPLAINTS)
-            aConfiguration.m_Complaints.push_back(dwNumber);
+            aConfiguration.m_Complaints.push_back("line is malformed and skipped, line=" + std::to_string(dwNumber));
         aText.remove_prefix(nEnd == std::string_view::npos ? aText.size() : nEnd + 1);
     }
 }
@@ -104,7 +112,16 @@ CmResult Load_l(CConfiguration& aConfiguration, const CCmString& aPath) CM_REQUI
     aConfiguration.m_bLoaded = TRUE;
     aConfiguration.m_Values.clear();
     aConfiguration.m_Complaints.clear();
-    const auto strText = ReadFile(aPath);
+    const HANDLE fd = open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd == CM_INVALID_HANDLE)
+        return CM_ERROR_NOT_FOUND;
+    const CCmString strRefusal = JudgeRights(fd);
+    const auto strText = strRefusal.empty() ? ReadText(fd) : std::nullopt;
+    close(fd);
+    if (!strRefusal.empty()) {
+        aConfiguration.m_Complaints.push_back("file is refused: " + strRefusal + ", path=" + aPath);
+        return CM_ERROR_NOT_AVAILABLE;
+    }
     if (!strText)
         return CM_ERROR_NOT_FOUND;
     ParseText_l(aConfiguration, *strText);
@@ -169,14 +186,14 @@ namespace talvo {
 void TraceConfigComplaints() {
     if (!CCmTrace::IsEnabled(CM_TRACE_WARNING))
         return;
-    std::vector<DWORD> lines;
+    std::vector<CCmString> lines;
     CConfiguration& configuration = Configuration();
     {
         ConfigurationGuard guard(configuration.m_Mutex);
         lines.swap(configuration.m_Complaints);
     }
-    for (const DWORD dwLine : lines)
-        CM_WARNING_TRACE("load_config_file, line is malformed and skipped, line=" << dwLine);
+    for (const CCmString& strLine : lines)
+        CM_WARNING_TRACE("load_config_file, " << strLine);
 }
 
 }  // namespace talvo

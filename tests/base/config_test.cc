@@ -1,6 +1,8 @@
 #include "talvo/base/config.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <thread>
 
@@ -43,7 +45,27 @@ TEST_F(ConfigTest, UnreadableFilesMeanDefaults) {
     Load("[N]\na=1\n");
     EXPECT_EQ(load_config_file(m_Dir.PathOf("").c_str()), CM_ERROR_NOT_FOUND);  // a directory
     EXPECT_EQ(get_int_param("N", "a", 7), 7);
-    EXPECT_EQ(load_config_file("/dev/zero"), CM_ERROR_NOT_FOUND);
+    Load(std::string(1 << 20, '#'));
+    EXPECT_EQ(load_config_file(m_Dir.Write("talvo.cfg", std::string((1 << 20) + 1, '#')).c_str()), CM_ERROR_NOT_FOUND);
+}
+
+// The one line comes even if the trace is switched on only afterwards.
+TEST_F(ConfigTest, AFileThatOthersMayWriteIsRefused) {
+    const std::string strPath = m_Dir.Write("talvo.cfg", "[N]\na=1\n");
+    for (const mode_t nMode : {0644, 0664, 0646, 0600}) {
+        const bool bRefused = (nMode & 022) != 0;
+        chmod(strPath.c_str(), nMode);
+        EXPECT_EQ(load_config_file(strPath.c_str()), bRefused ? CM_ERROR_NOT_AVAILABLE : CM_OK) << nMode;
+        EXPECT_EQ(get_int_param("N", "a", 7), bRefused ? 7 : 1);
+        CCmTraceCapture trace;
+        EXPECT_EQ(trace.Lines().size(), bRefused ? 1u : 0u);
+        EXPECT_EQ(trace.Count("load_config_file, file is refused: users other than its owner may write it, path="), bRefused);
+    }
+    EXPECT_EQ(load_config_file("/dev/null"), CM_ERROR_NOT_AVAILABLE);
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give a file away";
+    ASSERT_EQ(chown(strPath.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(load_config_file(strPath.c_str()), CM_ERROR_NOT_AVAILABLE);
 }
 
 TEST_F(ConfigTest, MalformedLinesAreSkippedAndNamedOnceThereIsATrace) {
