@@ -3,6 +3,8 @@
 
 #include <netinet/in.h>
 
+#include <string_view>
+
 #include "talvo/base/export.h"
 #include "talvo/base/result.h"
 #include "talvo/base/types.h"
@@ -24,6 +26,13 @@ public:
     // "host:port"; without a colon the port is 0 and a line says so. CM_ERROR_INVALID_ARG: null. CM_ERROR_NOT_AVAILABLE: the
     // host has 256 characters or more. Both change nothing. Otherwise as the Set above.
     CmResult Set(const char* aIpAddrAndPort);
+
+    // Strictly "host:port", for texts that people type. The host is four decimal numbers without leading zeros, or a name:
+    // labels of 1 to 63 letters, digits, "-" and "_", joined by dots, at most 253 characters, the last label no number; one dot
+    // may end it. The port is a decimal number of at most five digits, 0 to 65535. CM_OK: aAddr is filled; a name stays pending
+    // and nothing is asked, TryResolve or a connector does that. CM_ERROR_INVALID_ARG: aAddr is unchanged, and aReason, which
+    // may be null, gets the fault in words. Every other form is refused today; later ones begin with "[" or hold a "/".
+    static CmResult Parse(std::string_view aHostAndPort, CCmInetAddr& aAddr, CCmString* aReason = nullptr);
 
     // A literal address only, in any form that inet_addr() takes ("1.2", "0x7f.1" are such); null or "" is 0.0.0.0. Ends a
     // pending name. CM_ERROR_FAILURE, and nothing changes: not an address.

@@ -38,6 +38,51 @@ TEST(InetAddr, ARefusedTextChangesNothing) {
     EXPECT_EQ(addr.GetPort(), 70000 - 65536);
 }
 
+TEST(InetAddr, ParseTakesOnlyWhatCannotBeMisread) {
+    CCmInetAddr addr("10.1.2.3:5");
+    CCmString strReason;
+    const std::string strLabel(63, 'a');
+    for (const std::string& strBad : {std::string(),
+                                      std::string("host"),
+                                      std::string("host:"),
+                                      std::string("host:notaport"),
+                                      std::string("host:65536"),
+                                      std::string("host:000080"),
+                                      std::string("host:+1"),
+                                      std::string("host: 1"),
+                                      std::string(":1"),
+                                      std::string("1.2:1"),
+                                      std::string("0x7f.1:1"),
+                                      std::string("a.0x1f:1"),
+                                      std::string("256.1.1.1:1"),
+                                      std::string("1.2.3.04:1"),
+                                      std::string("1.2.3.4\0:1", 10),
+                                      std::string("a..b:1"),
+                                      std::string(".:1"),
+                                      strLabel + "a:1",
+                                      std::string("a b:1"),
+                                      std::string("u@h:1"),
+                                      std::string("::1:1"),
+                                      std::string("[::1]:1"),
+                                      std::string("unix:/a"),
+                                      std::string("h:1/"),
+                                      strLabel + "." + strLabel + "." + strLabel + "." + strLabel.substr(1) + ":1"}) {
+        strReason.clear();
+        EXPECT_EQ(CCmInetAddr::Parse(strBad, addr, &strReason), CM_ERROR_INVALID_ARG) << strBad;
+        EXPECT_FALSE(strReason.empty()) << strBad;
+        EXPECT_TRUE(addr == CCmInetAddr("10.1.2.3", 5)) << strBad;
+    }
+    EXPECT_EQ(CCmInetAddr::Parse("10.1.2.4:00080", addr), CM_OK);
+    EXPECT_TRUE(addr.IsResolved() && addr == CCmInetAddr("10.1.2.4", 80));
+    const CResolver resolver;  // is not asked
+    const std::string strLongest = strLabel + "." + strLabel + "." + strLabel + "." + strLabel.substr(2);
+    for (const std::string& strName : {std::string("a-1.b_2."), std::string("1.2.c"), std::string("0xyz"), strLongest}) {
+        EXPECT_EQ(CCmInetAddr::Parse(strName + ":65535", addr, &strReason), CM_OK) << strName;
+        EXPECT_EQ(addr.GetHostName(), strName);
+        EXPECT_EQ(addr.GetPort(), 65535);
+    }
+}
+
 TEST(InetAddr, NamesWaitForTheResolversCache) {
     CCmInetAddr addr;
     EXPECT_EQ(addr.Set("known", 7), CM_ERROR_WOULD_BLOCK);  // nobody resolves

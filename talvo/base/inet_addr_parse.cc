@@ -1,0 +1,81 @@
+// CCmInetAddr::Parse: what people type as an endpoint.
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <charconv>
+#include <optional>
+
+#include "talvo/base/inet_addr.h"
+
+namespace {
+
+constexpr size_t MAX_NAME_LENGTH = 253;
+constexpr size_t MAX_LABEL_LENGTH = 63;
+constexpr size_t MAX_PORT_DIGITS = 5;
+constexpr std::string_view DIGITS = "0123456789";
+constexpr std::string_view HEX_DIGITS = "0123456789abcdefABCDEF";
+constexpr std::string_view LABEL_LETTERS = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_";
+
+bool ConsistsOf(std::string_view aText, std::string_view aLetters) {
+    return aText.find_first_not_of(aLetters) == std::string_view::npos;
+}
+
+// Decimal, octal or behind 0x, as inet_addr() reads the parts of an address.
+bool IsNumber(std::string_view aLabel) {
+    const bool bHex = aLabel.starts_with("0x") || aLabel.starts_with("0X");
+    return bHex ? ConsistsOf(aLabel.substr(2), HEX_DIGITS) : ConsistsOf(aLabel, DIGITS);
+}
+
+// A text whose last label is a number could be taken for an address ("1.2", "0x7f.1", "256.1.1.1"), so it is no name.
+bool IsHostName(std::string_view aHost) {
+    if (aHost.ends_with('.'))
+        aHost.remove_suffix(1);
+    if (aHost.size() > MAX_NAME_LENGTH)
+        return false;
+    for (;;) {
+        const size_t stEnd = std::min(aHost.find('.'), aHost.size());
+        const std::string_view label = aHost.substr(0, stEnd);
+        if (label.empty() || label.size() > MAX_LABEL_LENGTH || !ConsistsOf(label, LABEL_LETTERS))
+            return false;
+        if (stEnd == aHost.size())
+            return !IsNumber(label);
+        aHost.remove_prefix(stEnd + 1);
+    }
+}
+
+std::optional<WORD> ParsePort(std::string_view aText) {
+    if (aText.empty() || aText.size() > MAX_PORT_DIGITS || !ConsistsOf(aText, DIGITS))
+        return std::nullopt;
+    DWORD dwPort = 0;
+    std::from_chars(aText.data(), aText.data() + aText.size(), dwPort);
+    return dwPort <= UINT16_MAX ? std::optional(static_cast<WORD>(dwPort)) : std::nullopt;
+}
+
+CmResult Refuse(CCmString* aReason, const char* aText) {
+    if (aReason)
+        *aReason = aText;
+    return CM_ERROR_INVALID_ARG;
+}
+
+}  // namespace
+
+CmResult CCmInetAddr::Parse(std::string_view aHostAndPort, CCmInetAddr& aAddr, CCmString* aReason) {
+    const size_t stColon = aHostAndPort.rfind(':');
+    if (stColon == std::string_view::npos)
+        return Refuse(aReason, "there is no port: HOST:PORT is needed");
+    const CCmString strHost(aHostAndPort.substr(0, stColon));
+    in_addr literal{};
+    const bool bLiteral = strHost.find('\0') == CCmString::npos && inet_pton(AF_INET, strHost.c_str(), &literal) == 1;
+    if (!bLiteral && !IsHostName(strHost))
+        return Refuse(aReason, "the host is neither an IPv4 address nor a host name");
+    const std::optional<WORD> port = ParsePort(aHostAndPort.substr(stColon + 1));
+    if (!port)
+        return Refuse(aReason, "the port is not a number from 0 to 65535");
+    CCmInetAddr addr;
+    addr.m_SockAddr.sin_addr = literal;
+    addr.SetPort(*port);
+    if (!bLiteral)
+        addr.m_strHostName = strHost;
+    aAddr = addr;
+    return CM_OK;
+}
