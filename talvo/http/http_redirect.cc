@@ -57,10 +57,12 @@ BOOL IsPlainAuthority(std::string_view aText) {
     return nColon > 0 && aText.find_first_of("@[]%") == std::string_view::npos && bPort && std::atoi(strPort.c_str()) <= 65535;
 }
 
+BOOL IsHttpScheme(std::string_view aScheme) { return equal_no_case(aScheme, "http") || equal_no_case(aScheme, "https"); }
+
 CCmString JoinUrl(std::string_view aScheme, std::string_view aRest) {
     const size_t nEnd = std::min(aRest.find_first_of("/?"), aRest.size());
     const std::string_view authority = aRest.substr(0, nEnd);
-    if (!IsPlainAuthority(authority))
+    if (!IsHttpScheme(aScheme) || !IsPlainAuthority(authority))
         return {};
     CCmString strPath(aRest.substr(nEnd));
     if (!strPath.starts_with('/'))
@@ -95,10 +97,7 @@ CCmString ResolveHttpLocation(const CCmHttpUrl& aBase, std::string_view aLocatio
     const std::string_view reference = strLocation;
     if (const size_t nScheme = SchemeLength(reference)) {
         const std::string_view rest = reference.substr(nScheme + 1);
-        const CCmString strScheme(reference.substr(0, nScheme));
-        if (!rest.starts_with("//"))
-            return {};
-        return equal_no_case(strScheme, "file") ? strLocation : JoinUrl(strScheme, rest.substr(2));
+        return rest.starts_with("//") ? JoinUrl(reference.substr(0, nScheme), rest.substr(2)) : CCmString();
     }
     if (reference.starts_with("//"))
         return JoinUrl(aBase.GetScheme(), reference.substr(2));

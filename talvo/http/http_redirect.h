@@ -20,7 +20,8 @@ TALVO_API BOOL IsHttpRedirect(long aStatus);
 TALVO_API BOOL DoesHttpRedirectBecomeGet(long aStatus, const CCmHttpAtom& aMethod);
 
 // The absolute URL that a Location means on an answer of aBase (http or https), without its fragment; what may not stand in a
-// URL is percent-encoded. "": none that could be asked for, among them one with user information.
+// URL is percent-encoded. "": none that could be asked for, among them one with user information and every scheme but http and
+// https.
 TALVO_API CCmString ResolveHttpLocation(const CCmHttpUrl& aBase, std::string_view aLocation);
 
 // Scheme, host (in any case of letters) and port.

@@ -12,6 +12,9 @@
 //
 // The host is taken as it stands: nothing is percent-decoded, user information and IPv6 literals are not known, and a "#" and
 // what follows it are a part of the path. Nothing is checked for letters that must not be sent.
+//
+// A query needs a path before it. Kept on purpose: of "http://host:80?q=1", without a "/" behind the authority, the port ends
+// before the "?" and the query is lost; in "http://host?q=1" it becomes a part of the host.
 class TALVO_API CCmHttpUrl : public CCmReferenceControlT<CCmMutexThread> {
 public:
     CCmHttpUrl() = default;

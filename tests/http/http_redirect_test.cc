@@ -21,7 +21,7 @@ TEST(HttpRedirectTest, ResolvesReferences) {
         {"/../g", "http://a:81/g"}, {"g.", "http://a:81/b/c/g."}, {"..g", "http://a:81/b/c/..g"},
         {"./g/.", "http://a:81/b/c/g/"}, {"g/./h", "http://a:81/b/c/g/h"}, {"g/../h", "http://a:81/b/c/h"},
         {"g?y/../x", "http://a:81/b/c/g?y/../x"}, {"g h\xc3\xa4\"", "http://a:81/b/c/g%20h%C3%A4%22"},
-        {"https://h/x", "https://h/x"}, {"file:///etc/passwd", "file:///etc/passwd"}, {"http:g", ""}, {"mailto:a@b", ""},
+        {"https://h/x", "https://h/x"}, {"file:///etc/passwd", ""}, {"ftp://h/x", ""}, {"http:g", ""}, {"mailto:a@b", ""},
         {"http://", ""}, {"http:///x", ""}, {"http://user@h/", ""}, {"http://user:pw@h/", ""}, {"http://[::1]/", ""},
         {"http://h:99999/", ""}, {"http://h:8o/", ""}, {"http://h\\@evil/", ""}, {"g\\h", "http://a:81/b/c/g%5Ch"},
         // clang-format on
