@@ -13,15 +13,17 @@ namespace tool {
 namespace {
 
 // SIGPIPE comes from a stdout that nobody reads any more: there is no use in going on.
+constexpr int ENDING_SIGNALS[] = {SIGINT, SIGTERM, SIGPIPE, SIGHUP};
+
 sigset_t GetEndingSignals() {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int nSignal : {SIGINT, SIGTERM, SIGPIPE})
+    for (const int nSignal : ENDING_SIGNALS)
         sigaddset(&signals, nSignal);
     // nohup has it ignored, and means it.
     struct sigaction action {};
-    if (sigaction(SIGHUP, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
-        sigaddset(&signals, SIGHUP);
+    if (sigaction(SIGHUP, nullptr, &action) == 0 && action.sa_handler == SIG_IGN)
+        sigdelset(&signals, SIGHUP);
     return signals;
 }
 
@@ -93,9 +95,20 @@ int Application::Run() {
 void Application::Finish(int aStatus) {
     if (m_nStatus != -1)
         return;
-    m_nStatus = aStatus;
+    const int nSignal = aStatus == EXIT_OK ? 0 : GetPendingSignal();
+    m_nStatus = nSignal == 0 ? aStatus : 128 + nSignal;
     if (m_bStarted)
         GetMainReactor()->StopEventLoop();
+}
+
+int Application::GetPendingSignal() {
+    sigset_t pending;
+    sigpending(&pending);
+    for (const int nSignal : ENDING_SIGNALS) {
+        if (sigismember(&pending, nSignal) == 1)
+            return nSignal;
+    }
+    return 0;
 }
 
 void Application::RaiseDescriptorLimit() {

@@ -25,8 +25,11 @@ public:
     // start.
     int Run();
 
-    // Ends Run. The first call decides on the status. Main thread.
+    // Ends Run. The first call decides on the status; a failure gives way to a signal that waits. Main thread.
     void Finish(int aStatus);
+
+    // A signal that wants to end the program and waits for the loop, or 0.
+    static int GetPendingSignal();
 
     // As many descriptors as the system grants to this process.
     static void RaiseDescriptorLimit();

@@ -8,10 +8,12 @@
 
 #include "tools/application.h"
 #include "tools/commands.h"
+#include "tools/configuration.h"
 #include "tools/connection_type.h"
 #include "tools/console.h"
 #include "tools/file_name.h"
 #include "tools/text.h"
+#include "tools/url.h"
 
 namespace tool {
 
@@ -158,20 +160,24 @@ std::string CheckResolve(Arguments& a) {
 
 void DeclareGet(CLI::App& aApp, Arguments& a) {
     aApp.add_option("URL", a.m_strUrl, "What to get: http://... or file://...")->required()->option_text("URL");
-    aApp.add_option("-o,--out", a.m_strOutput, "File to put it in; while it is not whole it is FILE.part. Without: to stdout")
+    aApp.add_option("-o,--out", a.m_strOutput,
+                    "File to put it in; while it is not whole it is FILE.part. Without, or with -: to stdout")
         ->option_text("FILE");
     aApp.add_flag("--continue", a.m_bContinue, "Take FILE.part, or FILE, for the beginning and get only the rest");
     aApp.add_option("--user", a.m_strUser, "Credentials to give if the server asks")->option_text("NAME:PASSWORD");
 }
 
 std::string CheckGet(Arguments& a) {
-    CCmHttpUrl url;
-    if (!url.Init(a.m_strUrl))
-        return "'" + a.m_strUrl + "' is not a URL that begins with http:// or file://";
-    if (url.GetScheme() == "https")
-        return "https is not offered yet";
-    if (a.m_strOutput.empty() && (a.m_bContinue || a.m_bJson))
-        return a.m_bContinue ? "--continue needs --out" : "--json needs --out";
+    const std::string strUrl = CheckUrl(a.m_strUrl);
+    if (!strUrl.empty())
+        return strUrl;
+    const std::string strTarget = JudgeTarget(a.m_strOutput, a.m_Target);
+    if (!strTarget.empty())
+        return "--out: " + strTarget;
+    if (a.m_bContinue && a.m_Target.m_Kind != OutputTarget::REGULAR)
+        return "--continue needs --out with a file";
+    if (a.m_bJson && a.m_Target.m_Kind == OutputTarget::STDOUT)
+        return "--json needs --out";
     if (!a.m_strUser.empty() && a.m_strUser.find(':') == std::string::npos)
         return "--user needs NAME:PASSWORD";
     return "";
@@ -212,6 +218,9 @@ std::string CheckSubcommand(const CLI::App& aApp, Arguments& aArguments) {
         if (!aApp.got_subcommand(command.m_pName))
             continue;
         aArguments.m_pRun = command.m_pRun;
+        const std::string strConfiguration = LoadConfiguration(aArguments.m_strConfiguration);
+        if (!strConfiguration.empty())
+            return strConfiguration;
         const std::string strType = ChooseType(aArguments.m_strType, aArguments.m_bUdp, aArguments.m_dwType);
         return strType.empty() ? command.m_pCheck(aArguments) : strType;
     }
@@ -225,6 +234,10 @@ void Declare(CLI::App& aApp, Arguments& aArguments) {
         CLI::App* pSub = aApp.add_subcommand(command.m_pName, command.m_pSummary);
         command.m_pDeclare(*pSub, aArguments);
         pSub->add_flag("--json", aArguments.m_bJson, "Print one JSON object a line");
+        pSub->add_option(
+                "--config", aArguments.m_strConfiguration,
+                "Configuration of the library; without: talvo/talvo.cfg in $XDG_CONFIG_HOME or ~/.config, if it is there")
+            ->option_text("FILE");
     }
     aApp.footer(FOOTER);
 }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tools/endpoint.h"
+#include "tools/output.h"
 
 namespace tool {
 
@@ -12,6 +13,7 @@ struct Arguments {
     int (*m_pRun)(const Arguments&) = nullptr;  // of the subcommand that was named
 
     bool m_bJson = false;
+    std::string m_strConfiguration;     // --config, or ""
     std::string m_strEndpoint;          // send and ping: HOST:PORT as typed
     Endpoint m_Endpoint{"0.0.0.0", 0};  // to listen on, or to connect to
 
@@ -22,7 +24,8 @@ struct Arguments {
     std::vector<std::string> m_vecNames;  // to look up
 
     std::string m_strUrl;      // get
-    std::string m_strOutput;   // get; "": to stdout
+    std::string m_strOutput;   // get, as typed
+    OutputTarget m_Target;     // get; what that comes to
     bool m_bContinue = false;  // get
     std::string m_strUser;     // get: NAME:PASSWORD or ""
 

@@ -1,48 +1,25 @@
 #include "tools/endpoint.h"
 
-#include <arpa/inet.h>
-
-#include <charconv>
-
 namespace tool {
 
-namespace {
-
-constexpr std::string_view LETTERS = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ-_";
-constexpr std::string_view DIGITS_AND_DOTS = "0123456789.";
-
-bool IsHostName(std::string_view aHost) {
-    const bool bOnlyAllowed = aHost.find_first_not_of(std::string(LETTERS).append(DIGITS_AND_DOTS)) == std::string_view::npos;
-    const bool bHasLetter = aHost.find_first_of(LETTERS) != std::string_view::npos;
-    return bOnlyAllowed && bHasLetter && aHost.size() <= 253;
+bool IsHost(const std::string& aText) {
+    CCmInetAddr addr;
+    return CCmInetAddr::Parse(aText + ":0", addr) == CM_OK;
 }
-
-bool ParsePort(std::string_view aText, WORD& aPort) {
-    const char* pEnd = aText.data() + aText.size();
-    const auto [pStop, error] = std::from_chars(aText.data(), pEnd, aPort);
-    return error == std::errc() && pStop == pEnd && aPort != 0;
-}
-
-}  // namespace
 
 bool IsIpv4Literal(const std::string& aText) {
-    in_addr address{};
-    return inet_pton(AF_INET, aText.c_str(), &address) == 1;
+    CCmInetAddr addr;
+    return CCmInetAddr::Parse(aText + ":0", addr) == CM_OK && addr.IsResolved();
 }
 
-bool IsHost(const std::string& aText) { return IsIpv4Literal(aText) || IsHostName(aText); }
-
-std::string ParseEndpoint(std::string_view aText, Endpoint& aEndpoint) {
-    const size_t colon = aText.rfind(':');
-    const std::string strQuoted = "'" + std::string(aText) + "'";
-    if (colon == std::string_view::npos)
-        return strQuoted + " is not HOST:PORT";
-    const std::string strHost(aText.substr(0, colon));
-    if (!IsHost(strHost))
-        return strQuoted + " names no host: it is neither an IPv4 address nor a name";
-    if (!ParsePort(aText.substr(colon + 1), aEndpoint.m_wPort))
-        return strQuoted + " needs a port from 1 to 65535 behind the colon";
-    aEndpoint.m_strHost = strHost;
+std::string ParseEndpoint(const std::string& aText, Endpoint& aEndpoint) {
+    CCmInetAddr addr;
+    std::string strReason;
+    if (CCmInetAddr::Parse(aText, addr, &strReason) != CM_OK)
+        return "'" + aText + "': " + strReason;
+    if (addr.GetPort() == 0)
+        return "'" + aText + "': there is nothing to connect to at port 0";
+    aEndpoint = {addr.GetIpDisplayName(), addr.GetPort()};
     return "";
 }
 

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 
 #include "talvo/talvo.h"
 
@@ -23,7 +22,7 @@ bool IsIpv4Literal(const std::string& aText);
 bool IsHost(const std::string& aText);
 
 // An IPv4 literal or a host name, a colon and a port from 1 to 65535. What is wrong with it, or "" and aEndpoint is filled.
-std::string ParseEndpoint(std::string_view aText, Endpoint& aEndpoint);
+std::string ParseEndpoint(const std::string& aText, Endpoint& aEndpoint);
 
 // One line on a connect that ended with aReason.
 std::string DescribeConnectFailure(const Endpoint& aEndpoint, CmResult aReason);

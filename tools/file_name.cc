@@ -13,6 +13,7 @@ namespace {
 
 constexpr std::string_view TEMPORARY_BEGIN = ".talvo-";
 constexpr std::string_view TEMPORARY_END = ".part";
+constexpr size_t TEMPORARY_DIGITS = 16;
 constexpr size_t MAX_NAME = 255;  // what Linux file systems take
 
 }  // namespace
@@ -45,6 +46,14 @@ std::string MakeTemporaryName() {
     char szNumber[17];
     std::snprintf(szNumber, sizeof(szNumber), "%016" PRIx64, number);
     return std::string(TEMPORARY_BEGIN).append(szNumber).append(TEMPORARY_END);
+}
+
+bool IsTemporaryName(std::string_view aName) {
+    if (aName.size() != TEMPORARY_BEGIN.size() + TEMPORARY_DIGITS + TEMPORARY_END.size() ||
+        !aName.starts_with(TEMPORARY_BEGIN) || !aName.ends_with(TEMPORARY_END))
+        return false;
+    const std::string_view digits = aName.substr(TEMPORARY_BEGIN.size(), TEMPORARY_DIGITS);
+    return digits.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
 
 }  // namespace tool

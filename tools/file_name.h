@@ -16,4 +16,7 @@ std::string_view GetBaseName(std::string_view aPath);
 // A fresh temporary name, ".talvo-" + 16 hexadecimal digits + ".part".
 std::string MakeTemporaryName();
 
+// Exactly of that form.
+bool IsTemporaryName(std::string_view aName);
+
 }  // namespace tool

@@ -1,8 +1,5 @@
 #include "tools/getter.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdlib>
 #include <utility>
 
@@ -19,17 +16,7 @@ constexpr int STATUS_OK = 200;
 constexpr int STATUS_PARTIAL = 206;
 constexpr int STATUS_BEYOND = 416;
 
-std::string WriteToStdout(std::string_view aBytes) {
-    while (!aBytes.empty()) {
-        const ssize_t nDone = write(STDOUT_FILENO, aBytes.data(), aBytes.size());
-        if (nDone < 0 && errno == EINTR)
-            continue;
-        if (nDone <= 0)
-            return "cannot write to stdout: " + SystemError(errno);
-        aBytes.remove_prefix(static_cast<size_t>(nDone));
-    }
-    return "";
-}
+bool IsStrong(std::string_view aTag) { return aTag.starts_with('"'); }
 
 }  // namespace
 
@@ -44,7 +31,7 @@ Getter::~Getter() {
 void Getter::Start() {
     m_llStarted = CCmClock::GetTimeOfDayUsec();
     CCmRefPtrT<CCmHttpUrl> pUrl;
-    std::string strProblem = OpenOutput();
+    std::string strProblem = MakeOutput();
     if (strProblem.empty() && CCmChannelManager::Instance()->CreateUrl(pUrl.ParaOut(), m_Arguments.m_strUrl) != CM_OK)
         strProblem = "cannot use the URL";
     if (strProblem.empty())
@@ -55,17 +42,22 @@ void Getter::Start() {
     }
     if (!strProblem.empty())
         Finish(strProblem);
-    else if (m_pFile)
+    else if (m_Arguments.m_Target.m_Kind != OutputTarget::STDOUT)
         m_Progress.Start();
 }
 
-std::string Getter::OpenOutput() {
-    if (m_Arguments.m_strOutput.empty())
+std::string Getter::MakeOutput() {
+    const OutputTarget& target = m_Arguments.m_Target;
+    if (target.m_Kind != OutputTarget::REGULAR) {
+        m_pOutput = std::make_unique<DirectOutput>(target.m_strPath);
         return "";
-    m_pFile = std::make_unique<PartialFile>(m_Arguments.m_strOutput);
+    }
+    auto pFile = std::make_unique<PartialFile>(target.m_strPath);
+    m_pFile = pFile.get();
+    m_pOutput = std::move(pFile);
     if (!m_Arguments.m_bContinue)
         return "";
-    const std::string strProblem = m_pFile->OpenBeginning();
+    const std::string strProblem = m_pFile->LookForBeginning();
     m_ullBeginning = m_pFile->GetSize();
     return strProblem;
 }
@@ -117,12 +109,14 @@ std::string Getter::OnAnswer() {
     return "the server answered " + std::to_string(lStatus) + " " + Printable(m_pHttp->GetResponseHead().GetStatusText());
 }
 
-// A weak tag does not tell versions apart byte by byte; a time of change does as well as it can.
 std::string Getter::OnWhole() {
     m_ullBeginning = 0;
+    return m_pOutput->Begin(GetVersion());
+}
+
+std::string Getter::GetVersion() const {
     const std::string strTag = GetHeader(Atoms::ETag);
-    const bool bStrong = !strTag.empty() && strTag.front() == '"';
-    return m_pFile ? m_pFile->Create(bStrong ? strTag : GetHeader(Atoms::Last_Modified)) : "";
+    return IsStrong(strTag) ? strTag : GetHeader(Atoms::Last_Modified);
 }
 
 std::string Getter::OnRest() {
@@ -130,16 +124,19 @@ std::string Getter::OnRest() {
     if (!ParseContentRange(GetHeader(Atoms::Content_Range), range) || range.m_ullFirst != m_ullBeginning ||
         (range.m_ullSize != ContentRange::NO_SIZE && range.m_ullLast + 1 != range.m_ullSize))
         return "the server sent another part than the rest";
+    const std::string strTag = GetHeader(Atoms::ETag);
+    if (IsStrong(strTag) && IsStrong(m_pFile->GetTag()) && strTag != m_pFile->GetTag())
+        return "the server sent a part of another version";
     m_ullRest = range.m_ullLast - range.m_ullFirst + 1;
-    return "";
+    return m_pFile->Continue(GetVersion());
 }
 
 // All of it is there already, unless the server says otherwise.
 std::string Getter::OnNothingLeft() {
     m_bSkip = true;
     return GetHeader(Atoms::Content_Range) == "bytes */" + std::to_string(m_ullBeginning)
-               ? ""
-               : "'" + m_pFile->GetPath() + "' is not the beginning of what the server has";
+               ? m_pFile->Continue(GetVersion())
+               : "'" + m_Arguments.m_strOutput + "' is not the beginning of what the server has";
 }
 
 std::string Getter::GetHeader(const CCmHttpAtom& aAtom) const {
@@ -156,7 +153,7 @@ void Getter::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParame
             Finish("the server sent more than the rest");
             return;
         }
-        const std::string strProblem = m_pFile ? m_pFile->Write(piece) : WriteToStdout(piece);
+        const std::string strProblem = m_pOutput->Write(piece);
         if (!strProblem.empty()) {
             Finish(strProblem);
             return;
@@ -172,7 +169,7 @@ void Getter::OnDisconnect(CmResult aReason, ICmTransport*) {
         return;
     }
     if (aReason == CM_OK) {
-        Finish(m_pFile ? m_pFile->Publish() : "");
+        Finish(m_pOutput->Publish());
         return;
     }
     CCmString strFailure;
@@ -188,7 +185,7 @@ void Getter::Finish(const std::string& aProblem) {
     if (!aProblem.empty())
         m_Console.Problem(m_Arguments.m_strUrl + ": " + aProblem,
                           JsonLine("failed").Add("url", m_Arguments.m_strUrl).Add("reason", aProblem));
-    else if (m_pFile)
+    else if (m_Arguments.m_Target.m_Kind != OutputTarget::STDOUT)
         Deliver();
     m_Application.Finish(aProblem.empty() ? EXIT_OK : EXIT_FAILED);
 }
@@ -196,11 +193,11 @@ void Getter::Finish(const std::string& aProblem) {
 void Getter::Deliver() {
     const double dSeconds = static_cast<double>(CCmClock::GetTimeOfDayUsec() - m_llStarted) / 1e6;
     const auto ullRate = static_cast<uint64_t>(static_cast<double>(m_ullGot) / (dSeconds > 0 ? dSeconds : 1e-6));
-    m_Console.Report("got " + m_pFile->GetPath() + ": " + FormatBytes(m_ullGot) + ", " + FormatBytes(ullRate) + "/s",
+    m_Console.Report("got " + m_Arguments.m_strOutput + ": " + FormatBytes(m_ullGot) + ", " + FormatBytes(ullRate) + "/s",
                      JsonLine("got")
-                         .Add("name", m_pFile->GetPath())
+                         .Add("name", m_Arguments.m_strOutput)
                          .Add("bytes", m_ullGot)
-                         .Add("size", m_pFile->GetSize())
+                         .Add("size", m_ullBeginning + m_ullGot)
                          .Add("seconds", dSeconds));
 }
 

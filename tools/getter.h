@@ -8,6 +8,7 @@
 #include "tools/application.h"
 #include "tools/arguments.h"
 #include "tools/console.h"
+#include "tools/output.h"
 #include "tools/partial_file.h"
 #include "tools/progress_report.h"
 
@@ -32,7 +33,7 @@ private:
     void OnSend(ICmTransport*, CCmTransportParameter*) override {}
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
 
-    std::string OpenOutput();
+    std::string MakeOutput();
     std::string OpenFileUrl(CCmHttpUrl& aUrl);
     std::string OpenHttpUrl(CCmHttpUrl& aUrl);
     void AskForRest();
@@ -43,6 +44,8 @@ private:
     std::string OnRest();
     std::string OnNothingLeft();
     std::string GetHeader(const CCmHttpAtom& aAtom) const;
+    // A weak tag does not tell versions apart byte by byte; a time of change does as well as it can.
+    std::string GetVersion() const;
 
     void Deliver();
     void Finish(const std::string& aProblem);
@@ -51,7 +54,8 @@ private:
     Application& m_Application;
     Console& m_Console;
     ProgressReport m_Progress;
-    std::unique_ptr<PartialFile> m_pFile;  // null: stdout
+    std::unique_ptr<Output> m_pOutput;
+    PartialFile* m_pFile = nullptr;  // that, if it is one
     CCmRefPtrT<ICmChannelHttpClient> m_pHttp;
     CCmRefPtrT<ICmChannel> m_pChannel;  // that, or the file's
     uint64_t m_ullBeginning = 0;        // bytes that were there

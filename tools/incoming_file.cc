@@ -1,11 +1,15 @@
 #include "tools/incoming_file.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
+#include <memory>
 
 #include "tools/file_name.h"
 #include "tools/text.h"
@@ -15,14 +19,24 @@ namespace tool {
 namespace {
 
 constexpr int MAX_NAMES_TRIED = 100;
+constexpr time_t LEFTOVER_SECONDS = 3600;
 const std::string EXISTS = "a file of that name exists";
 
 std::string Problem(const char* aWhat) { return std::string(aWhat) + ": " + SystemError(errno); }
 
+// Those who write it hold the lock. On file systems without locks the age alone decides.
+bool IsLeftover(int aDirectory, const char* aName) {
+    const FileHandle file(openat(aDirectory, aName, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!file || fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return false;
+    const bool bWritten = flock(file.Get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    return !bWritten && status.st_mtim.tv_sec + LEFTOVER_SECONDS <= std::time(nullptr);
+}
+
 }  // namespace
 
 IncomingFile::~IncomingFile() {
-    Close_i();
     if (!m_strTemporary.empty())
         unlinkat(m_nDirectory, m_strTemporary.c_str(), 0);
 }
@@ -31,41 +45,53 @@ std::string IncomingFile::CheckTarget(int aDirectory, const std::string& aName, 
     struct stat status {};
     if (fstatat(aDirectory, aName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
         return errno == ENOENT ? "" : Problem("cannot look for a file of that name");
-    if (S_ISDIR(status.st_mode))
-        return "a directory has that name";
+    if (!S_ISREG(status.st_mode))
+        return S_ISDIR(status.st_mode) ? "a directory has that name" : "something that is not a regular file has that name";
     return aReplace ? "" : EXISTS;
 }
 
+std::vector<std::string> IncomingFile::RemoveLeftovers(int aDirectory) {
+    std::vector<std::string> removed;
+    FileHandle again(openat(aDirectory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, int (*)(DIR*)> pDir(fdopendir(again.Get()), closedir);
+    if (!pDir)
+        return removed;
+    again.Detach();  // closed with the stream
+    while (const dirent* pEntry = readdir(pDir.get())) {
+        if (IsTemporaryName(pEntry->d_name) && IsLeftover(aDirectory, pEntry->d_name) &&
+            unlinkat(aDirectory, pEntry->d_name, 0) == 0)
+            removed.emplace_back(pEntry->d_name);
+    }
+    return removed;
+}
+
 std::string IncomingFile::Create() {
-    for (int i = 0; i < MAX_NAMES_TRIED && m_nFd < 0; ++i) {
+    for (int i = 0; i < MAX_NAMES_TRIED && !m_File; ++i) {
         const std::string strName = MakeTemporaryName();
-        m_nFd = openat(m_nDirectory, strName.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
-        if (m_nFd >= 0)
+        m_File = FileHandle(openat(m_nDirectory, strName.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666));
+        if (m_File)
             m_strTemporary = strName;
         else if (errno != EEXIST)
             break;
     }
-    return m_nFd >= 0 ? "" : Problem("cannot create a file");
-}
-
-std::string IncomingFile::Write(std::string_view aBytes) {
-    while (!aBytes.empty()) {
-        const ssize_t nDone = write(m_nFd, aBytes.data(), aBytes.size());
-        if (nDone < 0 && errno == EINTR)
-            continue;
-        if (nDone <= 0)
-            return Problem("cannot write");
-        aBytes.remove_prefix(static_cast<size_t>(nDone));
-    }
+    if (!m_File)
+        return Problem("cannot create a file");
+    flock(m_File.Get(), LOCK_EX | LOCK_NB);
     return "";
 }
 
+std::string IncomingFile::Write(std::string_view aBytes) {
+    return WriteAll(m_File.Get(), aBytes) ? "" : Problem("cannot write");
+}
+
 std::string IncomingFile::Publish(const std::string& aName, bool aReplace) {
-    if (fsync(m_nFd) != 0)
+    if (fsync(m_File.Get()) != 0)
         return Problem("cannot write to the disk");
-    const std::string strClosed = Close_i();
-    if (!strClosed.empty())
-        return strClosed;
+    if (!m_File.Close())
+        return Problem("cannot close the file");
+    const std::string strTaken = CheckTarget(m_nDirectory, aName, aReplace);
+    if (!strTaken.empty())
+        return strTaken;
     if (!Rename_i(aName, aReplace))
         return errno == EEXIST ? EXISTS : Problem("cannot rename");
     m_strTemporary.clear();
@@ -85,13 +111,6 @@ bool IncomingFile::Rename_i(const std::string& aName, bool aReplace) {
         return false;
     // File systems without that flag have links, which do not replace either.
     return linkat(m_nDirectory, pFrom, m_nDirectory, aName.c_str(), 0) == 0 && unlinkat(m_nDirectory, pFrom, 0) == 0;
-}
-
-// Some file systems report a failed write only here.
-std::string IncomingFile::Close_i() {
-    const int nFd = m_nFd;
-    m_nFd = -1;
-    return nFd < 0 || close(nFd) == 0 ? "" : Problem("cannot close the file");
 }
 
 }  // namespace tool

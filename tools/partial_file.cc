@@ -1,13 +1,12 @@
 #include "tools/partial_file.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 
 #include "tools/text.h"
 
@@ -15,70 +14,120 @@ namespace tool {
 
 namespace {
 
+constexpr size_t MAX_TAG = 8192;
+constexpr int OPEN_FLAGS = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW;
+constexpr int CREATE_FLAGS = OPEN_FLAGS | O_CREAT | O_EXCL;
+
 std::string Problem(const std::string& aWhat) { return aWhat + ": " + SystemError(errno); }
+
+// aThere: a regular file has that name. Links are not followed.
+std::string LookFor(const std::string& aPath, bool& aThere, uint64_t& aSize) {
+    struct stat status {};
+    aThere = lstat(aPath.c_str(), &status) == 0;
+    if (!aThere)
+        return errno == ENOENT ? "" : Problem("'" + aPath + "'");
+    aSize = static_cast<uint64_t>(status.st_size);
+    return S_ISREG(status.st_mode) ? "" : "'" + aPath + "' is in the way: it is not a regular file";
+}
+
+// "" for one that is not there, or is not what Begin writes.
+std::string ReadTag(const std::string& aPath) {
+    const FileHandle file(open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    struct stat status {};
+    if (!file || fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return "";
+    std::string strTag(MAX_TAG, '\0');
+    const ssize_t nDone = read(file.Get(), strTag.data(), strTag.size());
+    strTag.resize(nDone > 0 ? static_cast<size_t>(nDone) : 0);
+    return strTag;
+}
+
+// Replaces nothing.
+bool Rename(const std::string& aFrom, const std::string& aTo) {
+    if (renameat2(AT_FDCWD, aFrom.c_str(), AT_FDCWD, aTo.c_str(), RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno != EINVAL && errno != ENOSYS)
+        return false;
+    return link(aFrom.c_str(), aTo.c_str()) == 0 && unlink(aFrom.c_str()) == 0;
+}
 
 }  // namespace
 
 PartialFile::PartialFile(std::string aPath)
     : m_strPath(std::move(aPath)), m_strPart(m_strPath + ".part"), m_strTagPath(m_strPart + ".tag") {}
 
-PartialFile::~PartialFile() {
-    if (m_nFd >= 0)
-        close(m_nFd);
+std::string PartialFile::LookForBeginning() {
+    std::string strProblem = LookFor(m_strPart, m_bPartThere, m_ullSize);
+    if (m_bPartThere)
+        m_strTag = ReadTag(m_strTagPath);
+    bool bThere = false;
+    return strProblem.empty() && !m_bPartThere ? LookFor(m_strPath, bThere, m_ullSize) : strProblem;
 }
 
-// FILE itself is what somebody else has left behind; it becomes FILE.part as soon as there is something to add.
-std::string PartialFile::OpenBeginning() {
-    if (access(m_strPart.c_str(), F_OK) != 0) {
-        unlink(m_strTagPath.c_str());
-        if (rename(m_strPath.c_str(), m_strPart.c_str()) != 0 && errno != ENOENT)
-            return Problem("cannot rename '" + m_strPath + "'");
-    }
-    const std::string strProblem = Open_i(O_CREAT);
+std::string PartialFile::Continue(std::string_view aTag) {
+    if (!m_bPartThere && !Rename(m_strPath, m_strPart))
+        return Problem("cannot rename '" + m_strPath + "'");
+    const std::string strProblem = OpenPart();
     if (!strProblem.empty())
         return strProblem;
     struct stat status {};
-    if (fstat(m_nFd, &status) != 0 || !S_ISREG(status.st_mode))
-        return "'" + m_strPart + "' is not a regular file";
-    m_ullSize = static_cast<uint64_t>(status.st_size);
-    std::ifstream tag(m_strTagPath, std::ios::binary);
-    m_strTag.assign(std::istreambuf_iterator<char>(tag), {});
-    return "";
+    if (!m_Part || fstat(m_Part.Get(), &status) != 0 || static_cast<uint64_t>(status.st_size) != m_ullSize)
+        return "'" + m_strPart + "' has changed meanwhile";
+    return m_bPartThere ? "" : WriteTag(aTag);
 }
 
-std::string PartialFile::Create(std::string_view aTag) {
-    const std::string strProblem = Open_i(O_CREAT | O_TRUNC);
+std::string PartialFile::Begin(std::string_view aTag) {
+    std::string strProblem = OpenPart();
     if (!strProblem.empty())
         return strProblem;
-    m_ullSize = 0;
-    m_strTag = aTag;
-    std::ofstream tag(m_strTagPath, std::ios::binary | std::ios::trunc);
-    tag << m_strTag;
-    return tag.flush() ? "" : Problem("cannot write '" + m_strTagPath + "'");
+    if (m_Part && unlink(m_strPart.c_str()) != 0)
+        return Problem("cannot remove '" + m_strPart + "'");
+    m_Part = FileHandle(open(m_strPart.c_str(), CREATE_FLAGS, 0666));
+    if (!m_Part)
+        return Problem("cannot create '" + m_strPart + "'");
+    struct stat status {};
+    if (stat(m_strPath.c_str(), &status) == 0)  // what replaces a private file is as private
+        fchmod(m_Part.Get(), status.st_mode & 0777);
+    strProblem = Lock();
+    return strProblem.empty() ? WriteTag(aTag) : strProblem;
 }
 
-std::string PartialFile::Open_i(int aFlags) {
-    if (m_nFd >= 0)
-        close(m_nFd);
-    m_nFd = open(m_strPart.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK | aFlags, 0666);
-    return m_nFd >= 0 ? "" : Problem("cannot open '" + m_strPart + "'");
+// m_Part stays empty if there is none.
+std::string PartialFile::OpenPart() {
+    bool bThere = false;
+    uint64_t ullSize = 0;
+    std::string strProblem = LookFor(m_strPart, bThere, ullSize);
+    if (!bThere || !strProblem.empty())
+        return strProblem;
+    m_Part = FileHandle(open(m_strPart.c_str(), OPEN_FLAGS | O_NONBLOCK));
+    return m_Part ? Lock() : Problem("cannot open '" + m_strPart + "'");
+}
+
+// A file that another process has renamed or removed since it was opened here is not FILE.part any more.
+std::string PartialFile::Lock() const {
+    struct stat opened {};
+    struct stat named {};
+    const bool bBusy = flock(m_Part.Get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    const bool bSame = fstat(m_Part.Get(), &opened) == 0 && lstat(m_strPart.c_str(), &named) == 0 &&
+                       opened.st_ino == named.st_ino && opened.st_dev == named.st_dev;
+    return !bBusy && bSame ? "" : "another process is writing '" + m_strPart + "'";
+}
+
+std::string PartialFile::WriteTag(std::string_view aTag) const {
+    if (unlink(m_strTagPath.c_str()) != 0 && errno != ENOENT)
+        return Problem("cannot replace '" + m_strTagPath + "'");
+    if (aTag.empty())
+        return "";
+    FileHandle tag(open(m_strTagPath.c_str(), CREATE_FLAGS, 0666));
+    return tag && WriteAll(tag.Get(), aTag) && tag.Close() ? "" : Problem("cannot write '" + m_strTagPath + "'");
 }
 
 std::string PartialFile::Write(std::string_view aBytes) {
-    while (!aBytes.empty()) {
-        const ssize_t nDone = write(m_nFd, aBytes.data(), aBytes.size());
-        if (nDone < 0 && errno == EINTR)
-            continue;
-        if (nDone <= 0)
-            return Problem("cannot write '" + m_strPart + "'");
-        aBytes.remove_prefix(static_cast<size_t>(nDone));
-        m_ullSize += static_cast<uint64_t>(nDone);
-    }
-    return "";
+    return WriteAll(m_Part.Get(), aBytes) ? "" : Problem("cannot write '" + m_strPart + "'");
 }
 
 std::string PartialFile::Publish() {
-    if (fsync(m_nFd) != 0)
+    if (fsync(m_Part.Get()) != 0)
         return Problem("cannot write '" + m_strPart + "' to the disk");
     if (rename(m_strPart.c_str(), m_strPath.c_str()) != 0)
         return Problem("cannot rename '" + m_strPart + "'");

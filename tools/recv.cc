@@ -10,6 +10,15 @@
 
 namespace tool {
 
+namespace {
+
+void TidyUp(int aDirectory, Console& aConsole) {
+    for (const std::string& strName : IncomingFile::RemoveLeftovers(aDirectory))
+        aConsole.Report("removed " + strName + ", which a killed recv left behind", JsonLine("removed").Add("name", strName));
+}
+
+}  // namespace
+
 int RunRecv(const Arguments& aArguments) {
     Console console(aArguments.m_bJson);
     // Held open, so that the files go into this directory even if its path comes to mean another.
@@ -24,6 +33,7 @@ int RunRecv(const Arguments& aArguments) {
         Application application(CCmThreadManager::NETWORK_THREAD_OWN);
         Receiver receiver(aArguments, nDirectory, application, console);
         receiver.Start();
+        TidyUp(nDirectory, console);
         nStatus = application.Run();
     }
     close(nDirectory);

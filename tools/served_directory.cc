@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <memory>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "tools/request_path.h"
@@ -46,18 +45,6 @@ std::string MakeEntry(int aDirectory, const std::string& aName) {
 }
 
 }  // namespace
-
-FileHandle& FileHandle::operator=(FileHandle&& aRight) noexcept {
-    std::swap(m_nFd, aRight.m_nFd);
-    return *this;
-}
-
-FileHandle::~FileHandle() {
-    if (m_nFd >= 0)
-        close(m_nFd);
-}
-
-int FileHandle::Detach() { return std::exchange(m_nFd, -1); }
 
 std::string ServedDirectory::Open(const std::string& aPath) {
     m_Directory = FileHandle(open(aPath.c_str(), READ_FLAGS | O_DIRECTORY));

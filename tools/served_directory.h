@@ -3,23 +3,9 @@
 
 #include <string>
 
+#include "tools/file_handle.h"
+
 namespace tool {
-
-// A descriptor that closes itself.
-class FileHandle {
-public:
-    explicit FileHandle(int aFd = -1) : m_nFd(aFd) {}
-    FileHandle(FileHandle&& aRight) noexcept : m_nFd(aRight.Detach()) {}
-    FileHandle& operator=(FileHandle&& aRight) noexcept;
-    ~FileHandle();
-
-    int Get() const { return m_nFd; }
-    explicit operator bool() const { return m_nFd >= 0; }
-    int Detach();
-
-private:
-    int m_nFd;
-};
 
 // Held open, so that it stays the same directory even if its path comes to mean another.
 class ServedDirectory {

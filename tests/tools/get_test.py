@@ -3,15 +3,20 @@
 
 usage: get_test.py TALVO [TEST...]
 """
+import fcntl
+import os
 import pathlib
 import socket
+import stat
 import subprocess
 import sys
 import tempfile
+import termios
 import threading
+import time
 import unittest
 
-TALVO = sys.argv.pop(1)
+TALVO = os.path.abspath(sys.argv.pop(1))
 PATIENCE = 240  # seconds; only how long a failing test takes
 CONTENT = bytes(i * i % 251 for i in range(300000))
 
@@ -52,6 +57,72 @@ class GetTest(unittest.TestCase):
         self.assertEqual(0, self.get(url, "--continue")[0])
         self.assertEqual(CONTENT, self.out.read_bytes())
 
+    def test_only_an_answer_that_fits_touches_anything(self):
+        server = self.serve()
+        self.out.write_bytes(CONTENT + b"longer")
+        self.out.chmod(0o600)
+        before = os.stat(self.out)
+        for path, *arguments in (["/missing"], ["/missing", "--continue"], ["/source", "--continue"], ["", "--continue"]):
+            status, said = self.get(server + path if path else "http://127.0.0.1:1/", *arguments)
+            self.assertEqual(1, status, said)
+            after = os.stat(self.out)
+            self.assertEqual((before.st_ino, before.st_mtime_ns), (after.st_ino, after.st_mtime_ns), said)
+            self.assertEqual(["out", "source"], sorted(os.listdir(self.directory)))
+        self.assertEqual(0, self.get(server + "/source")[0])
+        self.assertEqual(CONTENT, self.out.read_bytes())
+        self.assertEqual(0o600, stat.S_IMODE(os.stat(self.out).st_mode))
+
+    def test_what_is_no_regular_file_is_written_to_and_stays(self):
+        url = self.serve() + "/source"
+        os.mkfifo(self.out)
+        with open(self.directory / "read", "w+b") as read, subprocess.Popen(["cat", self.out], stdout=read) as reader:
+            status, said = self.get(url)
+            reader.wait(PATIENCE)
+            read.seek(0)
+            self.assertEqual((0, CONTENT), (status, read.read()), said)
+        # A signal ends the wait for a reader that does not read.
+        reader = os.open(self.out, os.O_RDONLY | os.O_NONBLOCK)
+        self.addCleanup(os.close, reader)
+        with subprocess.Popen([TALVO, "get", url, "-o", self.out], stderr=subprocess.DEVNULL) as getter:
+            while not any(fcntl.ioctl(reader, termios.FIONREAD, bytes(4))):
+                self.assertIsNone(getter.poll())
+                time.sleep(0.01)
+            getter.terminate()
+            self.assertEqual(143, getter.wait(PATIENCE))
+        self.assertTrue(self.out.is_fifo())
+        self.assertEqual(2, self.get(url, "--continue")[0])
+        self.out.unlink()
+        # Links are followed, whether they lead to a file or not.
+        for target in "real", "elsewhere":
+            self.out.symlink_to(target)
+            (self.directory / "real").write_bytes(b"old")
+            self.assertEqual(0, self.get(url)[0])
+            self.assertEqual((target, CONTENT), (os.readlink(self.out), (self.directory / target).read_bytes()))
+            self.out.unlink()
+        (self.directory / "sub").mkdir()
+        self.out.symlink_to("sub")
+        for wrong in self.out, self.directory / "sub", self.directory / "no" / "file", str(self.out) + "/", "/dev/null/x":
+            done = subprocess.run([TALVO, "get", url, "-o", str(wrong)], text=True, capture_output=True, timeout=PATIENCE)
+            self.assertEqual((2, 1), (done.returncode, len(done.stderr.splitlines())), done.stderr)
+        done = subprocess.run([TALVO, "get", url, "-o", "-"], capture_output=True, timeout=PATIENCE, cwd=self.directory)
+        self.assertEqual((0, CONTENT, False), (done.returncode, done.stdout, (self.directory / "-").exists()))
+
+    def test_a_part_belongs_to_one_process_and_is_no_link(self):
+        url = self.serve() + "/source"
+        self.part.write_bytes(b"old")
+        with open(self.part, "rb") as other:
+            fcntl.flock(other, fcntl.LOCK_EX)
+            status, said = self.get(url)
+            self.assertEqual((1, True), (status, "another process is writing" in said), said)
+            self.assertEqual(b"old", self.part.read_bytes())
+        victim = self.directory / "victim"
+        victim.write_bytes(b"mine")
+        for name in self.part, self.directory / "out.part.tag":
+            self.part.unlink(missing_ok=True)
+            name.symlink_to(victim)
+            status, said = self.get(url)
+            self.assertEqual((b"mine", name == self.part), (victim.read_bytes(), status == 1), said)
+
     def get_from(self, answer, *arguments):
         """Of a server that says this and closes."""
         with socket.create_server(("127.0.0.1", 0)) as listener:
@@ -91,7 +162,7 @@ class GetTest(unittest.TestCase):
     def test_errors_are_told(self):
         status, said = self.get(self.serve() + "/missing")
         self.assertEqual((1, True), (status, "the server answered 404" in said), said)
-        for url, expected in (f"file://{self.directory}/source", 0), (f"file://{self.directory}", 1), ("https://h/", 2):
+        for url, expected in (f"file://{self.directory}/source", 0), (f"file://{self.directory}", 1):
             self.assertEqual(expected, self.get(url)[0], url)
 
 

@@ -5,6 +5,7 @@
 #include "tools/endpoint.h"
 #include "tools/file_name.h"
 #include "tools/json_line.h"
+#include "tools/url.h"
 
 namespace tool {
 
@@ -42,6 +43,34 @@ TEST(ToolTextTest, EndpointsAreTakenApart) {
     for (const char* pBad : {"", ":", "host", "host:", ":80", "host:0", "host:65536", "host:-1", "host:1x", "host: 1",
                              "1.2.3:80", "256.1.1.1:80", "a b:80", "::1:80", "a/b:80"})
         EXPECT_NE("", ParseEndpoint(pBad, endpoint)) << pBad;
+}
+
+TEST(ToolTextTest, UrlsThatWouldBeMisreadAreRefused) {
+    for (const char* pGood : {"http://h", "HTTP://h:1/a@b:c?d#e", "http://192.0.2.7:65535/", "file:///a", "file://localhost/a"})
+        EXPECT_EQ("", CheckUrl(pGood)) << pGood;
+    for (const char* pBad : {"",
+                             "h",
+                             "ftp://h/",
+                             "https://h/",
+                             "http://",
+                             "http:///a",
+                             "http://h?q=1",
+                             "http://h?q=1/a",
+                             "http://h#a/",
+                             "http://u@h/",
+                             "http://u:p@h/",
+                             "http://h:98539/",
+                             "http://h:notaport/",
+                             "http://h:0/",
+                             "http://h:/",
+                             "http://[::1]/",
+                             "http://1.2/",
+                             "http://h\\@i/",
+                             "http://a b/",
+                             "file://h/a",
+                             "file://a",
+                             "file://"})
+        EXPECT_NE("", CheckUrl(pBad)) << pBad;
 }
 
 }  // namespace tool

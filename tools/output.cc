@@ -1,0 +1,139 @@
+#include "tools/output.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+
+#include "tools/application.h"
+#include "tools/file_handle.h"
+#include "tools/file_name.h"
+#include "tools/text.h"
+
+namespace tool {
+
+namespace {
+
+constexpr int MAX_LINKS = 40;
+constexpr int RETRY_MS = 20;
+
+// "dir/" of "dir/name", "./" of "name".
+std::string GetDirectory(const std::string& aPath) {
+    const size_t stSlash = aPath.rfind('/');
+    return stSlash == std::string::npos ? "./" : aPath.substr(0, stSlash + 1);
+}
+
+// Where the links that aPath ends with lead.
+std::string FollowLinks(std::string aPath) {
+    for (int i = 0; i < MAX_LINKS; ++i) {
+        const std::unique_ptr<char, decltype(&std::free)> pTarget(canonicalize_file_name(aPath.c_str()), &std::free);
+        if (pTarget)
+            return pTarget.get();
+        char szLink[PATH_MAX];
+        const ssize_t nLength = readlink(aPath.c_str(), szLink, sizeof szLink);
+        if (nLength <= 0)
+            return aPath;
+        const std::string strLink(szLink, static_cast<size_t>(nLength));
+        aPath = strLink.front() == '/' ? strLink : GetDirectory(aPath) + strLink;
+    }
+    return aPath;
+}
+
+// Opening a pipe for writing fails while there is no reader; an open that waits could not be interrupted.
+int OpenWithReader(const std::string& aPath) {
+    for (;;) {
+        const int nFd = open(aPath.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        struct stat status {};
+        if (nFd >= 0 || errno != ENXIO || stat(aPath.c_str(), &status) != 0 || !S_ISFIFO(status.st_mode))
+            return nFd;
+        poll(nullptr, 0, RETRY_MS);
+        if (Application::GetPendingSignal() != 0) {
+            errno = EINTR;
+            return -1;
+        }
+    }
+}
+
+bool WaitForRoom(int aFd) {
+    pollfd room{aFd, POLLOUT, 0};
+    while (poll(&room, 1, RETRY_MS) == 0) {
+        if (Application::GetPendingSignal() != 0) {
+            errno = EINTR;
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+std::string JudgeTarget(const std::string& aPath, OutputTarget& aTarget) {
+    aTarget = {};
+    if (aPath.empty() || aPath == "-" || aPath == "/dev/stdout")
+        return "";
+    const std::string strQuoted = "'" + aPath + "'";
+    struct stat status {};
+    const bool bThere = stat(aPath.c_str(), &status) == 0;
+    if (bThere ? access(aPath.c_str(), W_OK) != 0 : errno != ENOENT)
+        return "cannot write to " + strQuoted + ": " + SystemError(errno);
+    if (bThere && S_ISDIR(status.st_mode))
+        return strQuoted + " is a directory";
+    if (bThere && !S_ISREG(status.st_mode)) {
+        aTarget = {OutputTarget::SPECIAL, aPath};
+        return "";
+    }
+    aTarget = {OutputTarget::REGULAR, FollowLinks(aPath)};
+    const std::string strDirectory = GetDirectory(aTarget.m_strPath);
+    if (GetBaseName(aTarget.m_strPath).empty())
+        return strQuoted + " is not the name of a file";
+    if (access(strDirectory.c_str(), W_OK | X_OK) != 0)
+        return "cannot create a file in '" + strDirectory + "': " + SystemError(errno);
+    return "";
+}
+
+DirectOutput::~DirectOutput() {
+    if (m_nFd > STDERR_FILENO)
+        close(m_nFd);
+}
+
+std::string DirectOutput::Begin(std::string_view) {
+    m_nFd = m_strPath.empty() ? STDOUT_FILENO : OpenWithReader(m_strPath);
+    struct stat status {};
+    if (m_nFd < 0 || fstat(m_nFd, &status) != 0)
+        return Problem();
+    m_stPiece = S_ISREG(status.st_mode) ? SIZE_MAX : PIPE_BUF;
+    if (m_strPath.empty())
+        return "";
+    if (S_ISREG(status.st_mode))
+        return "'" + m_strPath + "' has become a regular file meanwhile";
+    const int nFlags = fcntl(m_nFd, F_GETFL);
+    fcntl(m_nFd, F_SETFL, nFlags & ~O_NONBLOCK);
+    return "";
+}
+
+// In pieces that a pipe with room takes whole. So only WaitForRoom waits, and a signal can end that.
+std::string DirectOutput::Write(std::string_view aBytes) {
+    while (!aBytes.empty()) {
+        const std::string_view piece = aBytes.substr(0, m_stPiece);
+        if (!WaitForRoom(m_nFd) || !WriteAll(m_nFd, piece))
+            return Problem();
+        aBytes.remove_prefix(piece.size());
+    }
+    return "";
+}
+
+std::string DirectOutput::Publish() {
+    const int nFd = m_strPath.empty() ? -1 : m_nFd;
+    m_nFd = -1;
+    return nFd < 0 || close(nFd) == 0 ? "" : Problem();
+}
+
+std::string DirectOutput::Problem() const {
+    return "cannot write to " + (m_strPath.empty() ? "stdout" : "'" + m_strPath + "'") + ": " + SystemError(errno);
+}
+
+}  // namespace tool

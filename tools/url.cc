@@ -1,0 +1,51 @@
+#include "tools/url.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "talvo/talvo.h"
+
+namespace tool {
+
+namespace {
+
+std::string CheckAuthority(std::string_view aAuthority) {
+    if (aAuthority.find('@') != std::string_view::npos)
+        return "user information is not taken from a URL, --user gives it";
+    const bool bPort = aAuthority.find(':') != std::string_view::npos;
+    CCmInetAddr addr;
+    std::string strReason;
+    if (CCmInetAddr::Parse(std::string(aAuthority) + (bPort ? "" : ":80"), addr, &strReason) != CM_OK)
+        return strReason;
+    return addr.GetPort() == 0 ? "the port is not a number from 1 to 65535" : "";
+}
+
+std::string CheckParts(std::string_view aScheme, std::string_view aAuthority, std::string_view aRest) {
+    if (aScheme == "file")
+        return aRest.starts_with('/') && (aAuthority.empty() || aAuthority == "localhost")
+                   ? ""
+                   : "a file's URL begins with file:/// and the path";
+    if (aScheme != "http")
+        return "https is not offered yet";
+    if (!aRest.empty() && aRest.front() != '/')
+        return "a '/' is needed behind the host, before the '" + std::string(aRest.substr(0, 1)) + "'";
+    return CheckAuthority(aAuthority);
+}
+
+}  // namespace
+
+std::string CheckUrl(const std::string& aUrl) {
+    const std::string strQuoted = "'" + aUrl + "'";
+    CCmHttpUrl url;
+    const bool bTaken = url.Init(aUrl);
+    if (url.GetScheme().empty())
+        return strQuoted + " is not a URL that begins with http:// or file://";
+    const std::string_view rest = std::string_view(aUrl).substr(aUrl.find("://") + 3);
+    const size_t stAuthority = std::min(rest.find_first_of("/?#"), rest.size());
+    const std::string strFault = CheckParts(url.GetScheme(), rest.substr(0, stAuthority), rest.substr(stAuthority));
+    if (!strFault.empty())
+        return strQuoted + ": " + strFault;
+    return bTaken ? "" : strQuoted + " has no host";
+}
+
+}  // namespace tool
