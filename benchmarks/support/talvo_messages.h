@@ -24,6 +24,15 @@ inline DWORD MessageType(const std::string& aName) {
     return aName == "package" ? CCmConnectionManager::CTYPE_TCP | CCmConnectionManager::CTYPE_PDU_PACKAGE : 0;
 }
 
+// The same and "raw" and "nopartial".
+inline DWORD ConnectionType(const std::string& aName) {
+    if (aName == "raw")
+        return CCmConnectionManager::CTYPE_TCP;
+    if (aName == "nopartial")
+        return CCmConnectionManager::CTYPE_TCP | CCmConnectionManager::CTYPE_SEND_NO_PARTIAL_DATA;
+    return MessageType(aName);
+}
+
 // To be called once the connection is open, with the size of the longest message that will be sent on it. The library's own
 // socket buffers of 64 KiB suit many connections; this is one. CM_OK, or what the connection refused.
 inline CmResult PrepareForMessages(ICmTransport& aConnection, DWORD aLongest) {

@@ -1,0 +1,126 @@
+"""The link of the suite "wan": two network namespaces and a program between them, for one run."""
+import contextlib
+import filecmp
+import json
+import os
+import pathlib
+import select
+import signal
+import subprocess
+import tempfile
+import time
+
+PORT = "7000"
+SERVER = "10.0.0.2"
+MOST_SECONDS = 200  # that any one run may take: 32 MiB over 200 ms with socket buffers of 64 KiB
+MBIT = 400
+LOADS = {  # round trip in ms, queue in KiB, loss in per cent, MiB to send
+    "1 ms": (1, 512, 0, 24),
+    "40 ms": (40, 2048, 0, 32),
+    "200 ms": (200, 4096, 0, 32),
+    "40 ms, 0.1 % lost": (40, 2048, 0.1, 24),
+}
+
+
+def cannot_run():
+    """Why the suite cannot run here, or None."""
+    if os.geteuid() != 0:
+        return "it makes network namespaces, which needs root"
+    try:
+        os.close(os.open("/dev/net/tun", os.O_RDWR))
+    except OSError as error:
+        return str(error)
+    return None
+
+
+class Link:
+    """Everything that runs on it ends with it, and it ends with this process: no namespace or device stays behind."""
+
+    def __init__(self, program, rtt_ms, queue_kib, loss):
+        self.process = subprocess.Popen([program, str(rtt_ms), str(MBIT), str(queue_kib), str(loss)], text=True,
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        words = self.process.stdout.readline().split()
+        if not words or words[0] != "ready":
+            raise RuntimeError("the link does not get ready")
+        self.namespaces = words[1:]
+
+    def start(self, end, command, **how):
+        namespace = f"--net=/proc/{self.process.pid}/fd/{self.namespaces[end]}"
+        return subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "nsenter", namespace, *command], text=True, **how)
+
+    def finish(self):
+        return json.loads(self.process.communicate(timeout=MOST_SECONDS)[0])
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
+
+
+@contextlib.contextmanager
+def killed(process):
+    try:
+        yield process
+    finally:
+        process.kill()
+        process.wait()
+
+
+def await_line(process):
+    """The first line that the program prints when it can be connected to."""
+    if not select.select([process.stdout], [], [], MOST_SECONDS)[0] or not process.stdout.readline():
+        raise RuntimeError(f"{process.args} does not get ready")
+
+
+def commands(program, directory, size):
+    """What listens at the one end, and what connects at the other."""
+    name, *kind = program
+    if name == "plain":
+        return ["bench_wan_plain", "recv", PORT, size], ["bench_wan_plain", "send", SERVER, PORT, size]
+    if name == "stream":
+        return ["bench_wan_talvo", "recv", PORT, size, *kind], ["bench_wan_talvo", "send", SERVER, PORT, size, *kind]
+    if name == "http":
+        return ["bench_wan_http_talvo", "serve", PORT, size], ["bench_wan_http_talvo", "get", SERVER, PORT, size]
+    listening = ["--host", "0.0.0.0", "--port", PORT]
+    if name == "send":
+        return ["talvo", "recv", "--out", f"{directory}/to", *listening], ["talvo", "send", f"{directory}/file", f"{SERVER}:{PORT}"]
+    return ["talvo", "serve", directory, *listening], ["talvo", "get", f"http://{SERVER}:{PORT}/file", "-o", f"{directory}/to/file"]
+
+
+def run_pair(link, server_command, client_command, stop_server):
+    """What the client printed, and how long it took."""
+    with killed(link.start(1, server_command, stdout=subprocess.PIPE)) as server:
+        await_line(server)
+        start = time.monotonic()
+        with killed(link.start(0, client_command, stdout=subprocess.PIPE)) as client:
+            printed = client.communicate(timeout=MOST_SECONDS)[0]
+            seconds = time.monotonic() - start
+        if client.returncode != 0:
+            raise RuntimeError(f"the client ended with {client.returncode}")
+        if stop_server:
+            server.terminate()
+        if server.wait(MOST_SECONDS) not in (0, 128 + signal.SIGTERM):
+            raise RuntimeError(f"the server ended with {server.returncode}")
+    return printed, seconds
+
+
+def transfer(program_path, program, row):
+    """Bytes a second between the first and the last full packet on the link, and that as a share of what the link carries."""
+    rtt_ms, queue_kib, loss, mib = LOADS[row]
+    moves_file = program[0] in ("send", "get")
+    with tempfile.TemporaryDirectory(prefix="talvo-bench-") as directory:
+        pathlib.Path(directory, "to").mkdir()
+        pathlib.Path(directory, "file").write_bytes(os.urandom(1 << 20) * mib if moves_file else b"")
+        both = commands(program, directory, str(mib << 20))
+        with Link(program_path("bench_wan_link"), rtt_ms, queue_kib, loss) as link:
+            printed, seconds = run_pair(link, *([program_path(name), *rest] for name, *rest in both), moves_file)
+            seen = link.finish()
+        if moves_file and not filecmp.cmp(f"{directory}/file", f"{directory}/to/file", shallow=False):
+            raise RuntimeError("the file is not what was sent")
+    if program[0] == "plain" and json.loads(printed)["connect_ms"] < rtt_ms:
+        raise RuntimeError("the link is faster than it should be")
+    rate = (mib << 20) * 1e9 / seen["full_ns"]
+    return {"rate": rate, "time": seconds, "link": rate * 8 / (MBIT * 1e6), "dropped": seen["dropped"],
+            "link_cpu": seen["cpu_ns"] / seen["full_ns"]}
