@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <limits>
+#include <utility>
 
 namespace {
 
@@ -40,6 +41,21 @@ void CSimNetwork::After(int64_t aDelay, std::function<void()> aRun) {
     m_Events.push({m_llNow + aDelay, m_ullEvents++, std::move(aRun)});
 }
 
+void CSimNetwork::SetWeather(const CSimWeather& aWeather) {
+    m_Weather = aWeather;
+    if (!m_Weather.m_bSilent) {
+        for (auto& run : std::exchange(m_Held, {}))
+            After(0, std::move(run));
+    }
+}
+
+void CSimNetwork::Arrive(std::function<void()> aRun) {
+    if (m_Weather.m_bSilent)
+        m_Held.push_back(std::move(aRun));
+    else
+        aRun();
+}
+
 // When the first timer is due, on the clock of the events.
 int64_t CSimNetwork::NextTimer_i() {
     const CCmTimeValue tvEarliest = m_pThread->m_Timers.GetEarliestTime();
@@ -58,11 +74,13 @@ void CSimNetwork::RunFor(int64_t aTime) {
         m_llNow = std::min(llTimer, llEvent);
         if (llTimer <= llEvent) {
             m_pThread->m_Timers.CheckExpire(nullptr);
-            continue;
+        } else {
+            const auto run = std::move(const_cast<CEvent&>(m_Events.top()).m_Run);  // popped next
+            m_Events.pop();
+            run();
         }
-        const auto run = std::move(const_cast<CEvent&>(m_Events.top()).m_Run);  // popped next
-        m_Events.pop();
-        run();
+        if (m_Settled)
+            m_Settled();
     }
     m_llNow = std::max(m_llNow, llEnd);
 }

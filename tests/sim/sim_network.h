@@ -13,6 +13,7 @@
 
 class CSimAcceptor;
 class CSimTransport;
+class CSimWatch;
 
 constexpr int64_t SIM_MSEC = 1000;  // simulated time is counted in microseconds
 constexpr int64_t SIM_SEC = 1000 * SIM_MSEC;
@@ -26,7 +27,9 @@ struct CSimWeather {
     DWORD m_dwRefused = 0;       // percent of sends of which a part or nothing is taken
     DWORD m_dwLost = 0;          // percent of datagrams
     DWORD m_dwDoubled = 0;       // percent of datagrams
+    DWORD m_dwMangled = 0;       // percent of datagrams that are cut or have something behind them
     DWORD m_dwBroken = 0;        // of 10,000 sends: the stream breaks
+    BOOL m_bSilent = FALSE;      // nothing arrives: streams wait for better weather, datagrams are lost
 };
 
 // One simulation: the clock of the library, the main thread's timer queue and the ends of all links, while in scope. The clock
@@ -43,7 +46,19 @@ public:
     void After(int64_t aDelay, std::function<void()> aRun);
     void RunFor(int64_t aTime);
     // As a machine that slept: what was due meanwhile comes at once.
-    void JumpClock(int64_t aTime) { m_llNow += aTime; }
+    void JumpClock(int64_t aTime) {
+        m_bJumped = TRUE;
+        m_llNow += aTime;
+    }
+    // Whether the clock has jumped, so that nothing is known of when timers fire.
+    BOOL HasJumped() const { return m_bJumped; }
+    // What the library reads as milliseconds.
+    int64_t Tick() const { return m_llNow / SIM_MSEC; }
+
+    const CSimWeather& GetWeather() const { return m_Weather; }
+    void SetWeather(const CSimWeather& aWeather);
+    // Something of a stream arrives, now or when the silence ends.
+    void Arrive(std::function<void()> aRun);
 
     uint64_t Random(uint64_t aBound);  // 0 to aBound - 1
     int64_t RandomTime(int64_t aBound) { return static_cast<int64_t>(Random(static_cast<uint64_t>(aBound))); }
@@ -61,7 +76,10 @@ public:
     WORD NewPort() { return ++m_wLastPort; }
     std::map<DWORD, CSimTransport*> m_Ends;     // open ones; not owned
     std::map<WORD, CSimAcceptor*> m_Acceptors;  // listening ones; not owned
-    CSimWeather m_Weather;
+
+    // Called whenever everything that was due has been done. May be null.
+    std::function<void()> m_Settled;
+    CSimWatch* m_pWatch = nullptr;  // not owned
 
 private:
     struct CEvent {
@@ -89,6 +107,9 @@ private:
     const int64_t m_llStart;
     int64_t m_llNow;
     const BOOL m_bVerbose;
+    BOOL m_bJumped = FALSE;
+    CSimWeather m_Weather;
+    std::vector<std::function<void()>> m_Held;  // arrivals, in their order
     uint64_t m_ullDigest = 0xCBF29CE484222325;
     uint64_t m_ullEvents = 0;
     std::priority_queue<CEvent> m_Events;

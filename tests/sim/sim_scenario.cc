@@ -39,6 +39,11 @@ namespace {
 
 const CCmInetAddr SERVER("127.0.0.1", CSimWorld::PORT);
 
+constexpr int64_t CONNECT_LIMIT = 5 * SIM_SEC;  // of the connectors below, in any weather
+constexpr int64_t HANDSHAKE_LIMIT = 60 * SIM_SEC;
+constexpr int64_t CALM = 70 * SIM_SEC;        // every handshake has ended, every message has come
+constexpr int64_t LONG_CALM = 165 * SIM_SEC;  // every silent peer has been given up
+
 // Makes a user of every connection that comes up.
 class CPeople : public ICmAcceptorConnectorSink {
 public:
@@ -94,8 +99,7 @@ public:
     explicit CClient(CSimWorld& aWorld) : CPeople(aWorld, FALSE) { Start_i(); }
 
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override {
-        if (aReason != CM_OK && (aReason < 20000 || aReason == CM_ERROR_NETWORK_BAD_CONNECT_RESPONSE))
-            m_World.m_Network.Fail("an indication with " + std::to_string(aReason));
+        CheckIndication_i(aReason);
         CPeople::OnConnectIndication(aReason, aTrpt, aId);
         m_bExpecting = FALSE;
         if (WildChance_i(20))
@@ -111,6 +115,7 @@ private:
         if (!m_pConnector)
             m_pConnector = m_World.m_Kind.MakeConnector(network);
         m_bExpecting = TRUE;
+        m_llStarted = network.Now();
         m_pConnector->AsycConnect(this, SERVER);
         m_pConnector->AsycConnect(this, SERVER);  // is refused
         if (!network.Chance(15))
@@ -123,7 +128,19 @@ private:
         });
     }
 
+    // A failure that has taken longer than connecting below can is the end of the handshake, which comes in time.
+    void CheckIndication_i(CmResult aReason) {
+        CSimNetwork& network = m_World.m_Network;
+        const int64_t llTime = network.Now() - m_llStarted;
+        const BOOL bTimeout = aReason == CM_ERROR_NETWORK_CONNECT_ERROR && llTime > CONNECT_LIMIT;
+        if (aReason != CM_OK && (aReason < 20000 || aReason == CM_ERROR_NETWORK_BAD_CONNECT_RESPONSE))
+            network.Fail("an indication with " + std::to_string(aReason));
+        if (!network.HasJumped() && (llTime > HANDSHAKE_LIMIT || (bTimeout && llTime != HANDSHAKE_LIMIT)))
+            network.Fail("an indication with " + std::to_string(aReason) + " after " + std::to_string(llTime));
+    }
+
     CCmRefPtrT<ICmConnector> m_pConnector;
+    int64_t m_llStarted = 0;
 };
 
 CSimWeather RandomWeather(CSimNetwork& aNetwork) {
@@ -137,6 +154,7 @@ CSimWeather RandomWeather(CSimNetwork& aNetwork) {
     weather.m_dwRefused = static_cast<DWORD>(aNetwork.Random(50));
     weather.m_dwLost = static_cast<DWORD>(aNetwork.Random(40));
     weather.m_dwDoubled = static_cast<DWORD>(aNetwork.Random(30));
+    weather.m_dwMangled = static_cast<DWORD>(aNetwork.Random(20));
     weather.m_dwBroken = aNetwork.Chance(30) ? static_cast<DWORD>(aNetwork.Random(100)) : 0;
     return weather;
 }
@@ -144,13 +162,25 @@ CSimWeather RandomWeather(CSimNetwork& aNetwork) {
 class CScenario {
 public:
     explicit CScenario(CSimNetwork& aNetwork)
-        : m_World{aNetwork, SIM_KINDS[aNetwork.Random(std::size(SIM_KINDS))]}, m_Server(m_World) {}
+        : m_World{aNetwork, SIM_KINDS[aNetwork.Random(std::size(SIM_KINDS))]}, m_Server(m_World) {
+        aNetwork.m_pWatch = &m_World.m_Watch;
+        aNetwork.m_Settled = [this] { ForAll_i([](CSimUser& aUser) { aUser.CheckStanding(); }); };
+    }
+    ~CScenario() {
+        m_World.m_Network.m_pWatch = nullptr;
+        m_World.m_Network.m_Settled = nullptr;
+    }
+    CScenario(const CScenario&) = delete;
+    CScenario& operator=(const CScenario&) = delete;
 
     void Run() {
         CSimNetwork& network = m_World.m_Network;
-        network.m_Weather = RandomWeather(network);
+        m_Weather = RandomWeather(network);
+        network.SetWeather(m_Weather);
         for (uint64_t i = 1 + network.Random(4); i > 0; --i)
             m_Clients.push_back(std::make_unique<CClient>(m_World));
+        if (network.Chance(5))
+            BeSilent_i();
         for (uint64_t i = 1 + network.Random(10); i > 0; --i)
             RunAWhile_i();
         Settle_i();
@@ -164,19 +194,31 @@ private:
         CSimNetwork& network = m_World.m_Network;
         network.RunFor(network.RandomTime(10 * SIM_SEC));
         if (network.Chance(5)) {
-            m_World.m_bJumped = TRUE;
             network.JumpClock(network.RandomTime(300 * SIM_SEC));
         }
         if (network.Chance(5))
             network.RunFor(network.RandomTime(200 * SIM_SEC));
+        if (network.Chance(5))
+            BeSilent_i();
+    }
+
+    void BeSilent_i() {
+        CSimNetwork& network = m_World.m_Network;
+        CSimWeather silent = m_Weather;
+        silent.m_bSilent = TRUE;
+        network.SetWeather(silent);
+        network.RunFor(network.RandomTime(200 * SIM_SEC));
+        network.SetWeather(m_Weather);
     }
 
     // Calm weather, and time enough for everything that is owed.
     void Settle_i() {
         m_World.m_bWild = FALSE;
-        m_World.m_Network.m_Weather = CSimWeather();
+        m_World.m_Network.SetWeather(CSimWeather());
         ForAll_i([](CSimUser& aUser) { aUser.Settle(); });
-        m_World.m_Network.RunFor(70 * SIM_SEC);
+        m_World.m_Network.RunFor(m_World.m_Kind.m_bDatagrams && m_World.m_Kind.m_bKeepAlive ? LONG_CALM : CALM);
+        ForAll_i([](CSimUser& aUser) { aUser.Ping(); });
+        m_World.m_Network.RunFor(SIM_SEC);
         for (const auto& pClient : m_Clients) {
             if (pClient->m_bExpecting)
                 m_World.m_Network.Fail("a connect without an indication");
@@ -215,6 +257,7 @@ private:
     }
 
     CSimWorld m_World;
+    CSimWeather m_Weather;
     CServer m_Server;
     std::vector<std::unique_ptr<CClient>> m_Clients;
 };

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "talvo/transport/datagram_sender.h"
+#include "tests/sim/sim_watch.h"
 
 namespace {
 
@@ -42,6 +43,8 @@ CmResult CSimTransport::OpenWithSink(ICmTransportSink* aSink) {
     if (m_bClosed)
         return CM_ERROR_NOT_INITIALIZED;
     m_pSink = aSink;
+    if (m_Network.m_pWatch)
+        m_Network.m_pWatch->Opened(GetKey_i());
     ScheduleDelivery_i();
     return CM_OK;
 }
@@ -57,9 +60,16 @@ void CSimTransport::Close_i() {
         return;
     m_Network.Note("close", m_wPort, m_wPeerPort);
     m_Network.m_Ends.erase(GetKey_i());
+    if (m_Network.m_pWatch)
+        m_Network.m_pWatch->Closed(GetKey_i(), !m_bEndArrived && !m_bBroken);
     if (!m_bDatagrams && !m_bBroken)
-        After_i(std::max(m_llLastArrival - m_Network.Now(), m_Network.RandomDelay()), GetPeerKey_i(),
-                &CSimTransport::ArriveEnd_i);
+        m_Network.After(std::max(m_llLastArrival - m_Network.Now(), m_Network.RandomDelay()),
+                        [&network = m_Network, dwKey = GetPeerKey_i()] {
+                            network.Arrive([&network, dwKey] {
+                                if (CSimTransport* pEnd = Find(network, dwKey))
+                                    pEnd->ArriveEnd_i();
+                            });
+                        });
 }
 
 CmResult CSimTransport::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
@@ -67,19 +77,21 @@ CmResult CSimTransport::SendData(CCmMessageBlock& aData, CCmTransportParameter* 
         aPara->m_dwHaveSent = 0;
     if (m_bClosed)
         return CM_ERROR_NOT_INITIALIZED;
-    if (!m_bDatagrams && m_Network.Random(10000) < m_Network.m_Weather.m_dwBroken)
-        Break_i();
-    if (m_bBroken)
-        return CM_ERROR_NETWORK_SOCKET_ERROR;
     iovec pieces[talvo::MAX_DATAGRAM_PIECES + 1];
     const DWORD dwPieces = aData.FillIov(pieces, m_bDatagrams ? talvo::MAX_DATAGRAM_PIECES + 1 : MAX_PIECES);
     std::string strBytes;
     for (DWORD i = 0; i < dwPieces; ++i)
         strBytes.append(static_cast<const char*>(pieces[i].iov_base), pieces[i].iov_len);
+    if (m_Network.m_pWatch)
+        m_Network.m_pWatch->Sends(GetKey_i(), strBytes);
+    if (!m_bDatagrams && m_Network.Random(10000) < m_Network.GetWeather().m_dwBroken)
+        Break_i();
+    if (m_bBroken)
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
     if (m_bDatagrams && (strBytes.size() > talvo::MAX_DATAGRAM_LENGTH || dwPieces > talvo::MAX_DATAGRAM_PIECES))
         return CM_ERROR_INVALID_ARG;
 
-    const CSimWeather& weather = m_Network.m_Weather;
+    const CSimWeather& weather = m_Network.GetWeather();
     size_t stTaken = strBytes.size();
     if (!m_bDatagrams)
         stTaken = std::min<size_t>(stTaken, weather.m_dwWindow - std::min(weather.m_dwWindow, m_dwOnTheWay));
@@ -93,7 +105,7 @@ CmResult CSimTransport::SendData(CCmMessageBlock& aData, CCmTransportParameter* 
     if (stTaken > 0 && !m_bDatagrams)
         SendStream_i(strBytes);
     if (stTaken > 0 && m_bDatagrams && !m_Network.Chance(weather.m_dwLost))
-        SendDatagram_i(strBytes);
+        SendDatagram_i(Mangle_i(strBytes));
     if (stTaken > 0 && m_bDatagrams && m_Network.Chance(weather.m_dwDoubled))
         SendDatagram_i(strBytes);
     if (aData.GetChainedLength() == 0)
@@ -107,14 +119,29 @@ void CSimTransport::SendStream_i(const std::string& aBytes) {
     m_dwOnTheWay += static_cast<DWORD>(aBytes.size());
     m_llLastArrival = std::max(m_llLastArrival, m_Network.Now() + m_Network.RandomDelay());
     m_Network.After(m_llLastArrival - m_Network.Now(), [&network = m_Network, dwKey = GetPeerKey_i(), aBytes] {
-        if (CSimTransport* pEnd = Find(network, dwKey))
-            pEnd->Arrive(aBytes);
+        network.Arrive([&network, dwKey, aBytes] {
+            if (CSimTransport* pEnd = Find(network, dwKey))
+                pEnd->Arrive(aBytes);
+        });
     });
+}
+
+// What the weather makes of it: nothing that a receiver could take for another datagram.
+std::string CSimTransport::Mangle_i(std::string aBytes) {
+    if (!m_Network.Chance(m_Network.GetWeather().m_dwMangled))
+        return aBytes;
+    if (m_Network.Chance(50))
+        aBytes.resize(m_Network.Random(aBytes.size()));
+    else
+        aBytes.append(1 + m_Network.Random(20), '\4');
+    return aBytes;
 }
 
 // Each has a delay of its own, so they overtake each other. To an end, to somebody who listens, or back as a refusal.
 void CSimTransport::SendDatagram_i(const std::string& aBytes) {
     m_Network.After(m_Network.RandomDelay(), [&network = m_Network, wPort = m_wPort, wPeerPort = m_wPeerPort, aBytes] {
+        if (network.GetWeather().m_bSilent)
+            return;
         const auto acceptor = network.m_Acceptors.find(wPeerPort);
         if (CSimTransport* pEnd = Find(network, KeyOf(wPeerPort, wPort)))
             pEnd->Arrive(aBytes);
@@ -149,7 +176,7 @@ std::string CSimTransport::TakeReady_i() {
     m_Ready.pop_front();
     if (m_bDatagrams)
         return strBytes;
-    const DWORD dwMaxPiece = m_Network.m_Weather.m_dwMaxPiece;
+    const DWORD dwMaxPiece = m_Network.GetWeather().m_dwMaxPiece;
     for (; !m_Ready.empty() && strBytes.size() < dwMaxPiece; m_Ready.pop_front())
         strBytes += m_Ready.front();
     const size_t stPiece = m_Network.Chance(50) ? dwMaxPiece : 1 + m_Network.Random(dwMaxPiece);
@@ -176,12 +203,18 @@ void CSimTransport::Deliver_i() {
     m_Network.Note("deliver", GetKey_i(), strBytes.size());
     const auto dwLength = static_cast<DWORD>(strBytes.size());
     CCmMessageBlock block(dwLength, strBytes.data(), CCmMessageBlock::DONT_DELETE, dwLength);
+    if (m_Network.m_pWatch)
+        m_Network.m_pWatch->Arrives(GetKey_i(), strBytes);
+    const DWORD dwKey = GetKey_i();
+    CSimNetwork& network = m_Network;
     m_pSink->OnReceive(block, this, nullptr);
+    if (network.m_pWatch)
+        network.m_pWatch->Received(dwKey, strBytes);
     std::fill(strBytes.begin(), strBytes.end(), '\xEE');  // who keeps a view shall notice
 }
 
 void CSimTransport::TellRoom_i() {
-    if (!m_bNeedOnSend || !m_pSink || m_bBroken || (!m_bDatagrams && m_dwOnTheWay >= m_Network.m_Weather.m_dwWindow))
+    if (!m_bNeedOnSend || !m_pSink || m_bBroken || (!m_bDatagrams && m_dwOnTheWay >= m_Network.GetWeather().m_dwWindow))
         return;
     m_bNeedOnSend = FALSE;
     m_Network.Note("room", GetKey_i());
@@ -199,6 +232,7 @@ void CSimTransport::Break_i() {
 
 void CSimTransport::End_i() {
     ICmTransportSink* pSink = m_pSink;
+    m_bEndArrived = TRUE;
     Close_i();
     if (pSink)
         pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_ERROR, this);
@@ -236,6 +270,8 @@ CmResult CSimAcceptor::StartListen(ICmAcceptorConnectorSink* aSink, const CCmIne
 CmResult CSimAcceptor::StopListen(CmResult) {
     if (std::exchange(m_pSink, nullptr))
         m_Network.m_Acceptors.erase(m_wPort);
+    if (m_Network.m_pWatch)
+        m_Network.m_pWatch->Stopped();
     return CM_OK;
 }
 
@@ -274,8 +310,10 @@ void CSimConnector::Finish_i() {
 void CSimConnector::Answer_i(WORD aPort, WORD aPeerPort) {
     const CCmRefPtrT<CSimTransport> pAnswer(new CSimTransport(m_Network, FALSE, aPort, aPeerPort));
     m_Network.After(m_Network.RandomDelay(), [&network = m_Network, aPort, pAnswer] {
-        const auto acceptor = network.m_Acceptors.find(aPort);
-        if (acceptor != network.m_Acceptors.end())
-            acceptor->second->Accept(pAnswer);
+        network.Arrive([&network, aPort, pAnswer] {
+            const auto acceptor = network.m_Acceptors.find(aPort);
+            if (acceptor != network.m_Acceptors.end())
+                acceptor->second->Accept(pAnswer);
+        });
     });
 }

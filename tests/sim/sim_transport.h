@@ -30,6 +30,8 @@ public:
     void Arrive(std::string aBytes);
 
     static DWORD KeyOf(WORD aPort, WORD aPeerPort) { return DWORD{aPort} << 16 | aPeerPort; }
+    // Whether an upcall comes without anybody doing anything more.
+    BOOL OwesUpcall() const { return m_bNeedOnSend || m_bBroken; }
     static CSimTransport* Find(CSimNetwork& aNetwork, DWORD aKey);
 
 protected:
@@ -41,6 +43,7 @@ private:
     void After_i(int64_t aDelay, DWORD aKey, void (CSimTransport::*aRun)());
     void SendStream_i(const std::string& aBytes);
     void SendDatagram_i(const std::string& aBytes);
+    std::string Mangle_i(std::string aBytes);
     std::string TakeReady_i();
     void ScheduleDelivery_i();
     void Deliver_i();

@@ -7,8 +7,9 @@
 
 namespace {
 
-constexpr DWORD MIN_DATAGRAM = 4;  // tells its number
-constexpr DWORD MIN_BUFFER = 5;    // for a keep-alive
+constexpr DWORD MIN_BUFFER = 5;  // for a keep-alive
+constexpr int64_t IDLE_LIMIT = 120000;
+constexpr DWORD DEFAULT_INTERVAL = 15;
 
 // What message aNumber looks like. The first bytes are its number.
 std::string TextOf(DWORD aNumber, DWORD aLength) {
@@ -40,6 +41,11 @@ CSimUser::CSimUser(CSimWorld& aWorld, ICmTransport& aConn, BOOL aServer)
     pPlace = this;
     if (aConn.OpenWithSink(this) != CM_OK)
         Fail_i("OpenWithSink");
+    if (aWorld.m_Kind.m_bKeepAlive || (aWorld.m_Kind.m_bPackage && !aServer))
+        StartTimer_i(DEFAULT_INTERVAL);
+    m_bShy = m_Network.Chance(10);
+    if (m_bShy)
+        return;
     Feel_i(30);
     Live();
 }
@@ -60,7 +66,7 @@ void CSimUser::Live() {
 
 // Perhaps does a thing or two, from inside an upcall.
 void CSimUser::Feel_i(uint64_t aPercent) {
-    if (!m_World.m_bWild || !m_Network.Chance(aPercent))
+    if (!m_World.m_bWild || m_bShy || !m_Network.Chance(aPercent))
         return;
     for (uint64_t i = 1 + m_Network.Random(3); i > 0; --i)
         Act_i();
@@ -80,7 +86,7 @@ void CSimUser::Act_i() {
     else if (ullDeed < 95)
         ChangeOption_i();
     else if (ullDeed < 98)
-        End(m_Network.Chance(30) ? CM_OK : static_cast<CmResult>(20000 + m_Network.Random(13)), m_Network.Chance(30));
+        End(m_Network.Chance(30) ? CM_OK : static_cast<CmResult>(20006 + m_Network.Random(7)), m_Network.Chance(30));
     --m_nDepth;
 }
 
@@ -101,8 +107,15 @@ void CSimUser::Set_i(DWORD aOption, DWORD aValue) {
         return;
     const CmResult rv = m_pConn->SetOption(aOption, &aValue);
     m_Network.Note("option", aOption, static_cast<uint64_t>(rv));
-    if (aOption == CM_OPT_TRANSPORT_PAUSE_READING && rv == CM_OK)
-        m_bPaused = aValue != 0;
+    if (rv != CM_OK)
+        return;
+    if (aOption == CS_OPT_KEEPALIVE_INTERVAL && m_llTimer >= 0)
+        StartTimer_i(aValue);
+    if (aOption != CM_OPT_TRANSPORT_PAUSE_READING)
+        return;
+    if (m_bPaused)
+        m_llUnpaused = m_Network.Tick();
+    m_bPaused = aValue != 0;
 }
 
 void CSimUser::SendMany_i(BOOL aCorked) {
@@ -118,7 +131,7 @@ void CSimUser::SendMany_i(BOOL aCorked) {
 void CSimUser::Send_i(DWORD aLength) {
     if (!m_bOpen || (m_bOwedOnSend && m_Network.Chance(80)))
         return;
-    const DWORD dwLength = m_World.m_Kind.m_bDatagrams ? std::max(aLength, MIN_DATAGRAM) : aLength;
+    const DWORD dwLength = m_World.m_Kind.m_bDatagrams ? std::max(aLength, MIN_LENGTH) : aLength;
     const DWORD dwNumber = ++m_World.m_dwMessages;
     const std::string strText = TextOf(dwNumber, dwLength);
     const auto dwFirst = static_cast<DWORD>(m_Network.Random(dwLength + 1));
@@ -161,7 +174,7 @@ void CSimUser::CheckMessage_i(CCmMessageBlock& aData) {
     auto it = flow.m_Taken.upper_bound(flow.m_dwLast);
     if (m_World.m_Kind.m_bDatagrams) {
         DWORD dwNumber = 0;
-        for (size_t i = 0; i < MIN_DATAGRAM && i < strText.size(); ++i)
+        for (size_t i = 0; i < MIN_LENGTH && i < strText.size(); ++i)
             dwNumber |= DWORD{static_cast<BYTE>(strText[i])} << (8 * i);
         it = flow.m_Taken.find(dwNumber);
     }
@@ -181,11 +194,11 @@ void CSimUser::OnDisconnect(CmResult aReason, ICmTransport*) {
     Upcall_i("OnDisconnect");
     m_bOpen = FALSE;
     const CSimUser* pPeer = GetPeer_i();
-    const BOOL bSilence = m_World.m_Kind.m_bWatchesPeer && aReason == CM_ERROR_NETWORK_CONNECT_TIMEOUT &&
-                          (m_World.m_Kind.m_bDatagrams || !m_World.m_Kind.m_bKeepAlive || m_World.m_bJumped);
+    const BOOL bSilence = aReason == CM_ERROR_NETWORK_CONNECT_TIMEOUT && IsSilenceTheEnd_i();
     const BOOL bEnded = pPeer ? !pPeer->m_bOpen && aReason == m_Link.m_Reason : aReason == CM_OK;  // nobody kept it
     const BOOL bLost = aReason == CM_ERROR_NETWORK_SOCKET_ERROR ||
-                       (m_World.m_Kind.m_bDatagrams && (aReason == CM_OK || aReason >= 20000));  // of an earlier peer, perhaps
+                       (m_World.m_Kind.m_bDatagrams && aReason != CM_ERROR_NETWORK_CONNECT_TIMEOUT &&
+                        (aReason == CM_OK || aReason >= 20000));  // of an earlier peer, perhaps
     if (!bSilence && !bEnded && !bLost && !m_Link.m_bOdd)
         Fail_i("OnDisconnect " + std::to_string(aReason));
     if (m_Link.m_bComplete && !bSilence && !m_Link.m_bOdd && IsMissing_i())
@@ -197,12 +210,43 @@ void CSimUser::OnDisconnect(CmResult aReason, ICmTransport*) {
         m_pConn.Reset();
 }
 
+DWORD CSimUser::KeyBelow_i() const {
+    return m_bServer ? CSimTransport::KeyOf(CSimWorld::PORT, m_wPort) : CSimTransport::KeyOf(m_wPort, CSimWorld::PORT);
+}
+
+// Follows the timer of the connection, which fires first.
+void CSimUser::StartTimer_i(DWORD aSeconds) {
+    m_llTimer = m_Network.Now();
+    m_llInterval = aSeconds * SIM_SEC;
+    m_Network.After(m_llInterval, [this] { Fired_i(); });
+}
+
+void CSimUser::Fired_i() {
+    const int64_t llPassed = m_Network.Now() - m_llTimer;
+    if (!m_bOpen || llPassed == 0 || llPassed % m_llInterval != 0 || m_Network.HasJumped())
+        return;
+    m_Network.After(m_llInterval, [this] { Fired_i(); });
+    if (IsPeerSilent_i())
+        Fail_i("a silent peer is not given up");
+    const int64_t llQuiet = m_Network.Tick() - m_World.m_Watch.LastSent(KeyBelow_i());
+    if (m_World.m_Kind.m_bKeepAlive && llQuiet > m_llInterval / SIM_SEC && !m_Link.m_bOdd)
+        Fail_i("no keep-alive, nothing sent for " + std::to_string(llQuiet));
+}
+
+BOOL CSimUser::IsPeerSilent_i() const {
+    const int64_t llLast = std::max(m_World.m_Watch.LastReceived(KeyBelow_i()), m_llUnpaused);
+    return m_World.m_Kind.m_bPackage && m_llTimer >= 0 && !m_bPaused && m_Network.Tick() - llLast >= IDLE_LIMIT;
+}
+
+// Only a firing ends it.
+BOOL CSimUser::IsSilenceTheEnd_i() const {
+    return m_Network.HasJumped() || (IsPeerSilent_i() && (m_Network.Now() - m_llTimer) % m_llInterval == 0);
+}
+
 // What the transport has not taken by now is lost, the reason among it, and a link that breaks loses more.
 void CSimUser::NoteEnd_i(CmResult aReason) {
-    const CSimWeather& weather = m_Network.m_Weather;
-    const WORD wServer = CSimWorld::PORT;
-    const DWORD dwKey = m_bServer ? CSimTransport::KeyOf(wServer, m_wPort) : CSimTransport::KeyOf(m_wPort, wServer);
-    CSimTransport* pBelow = CSimTransport::Find(m_Network, dwKey);
+    const CSimWeather& weather = m_Network.GetWeather();
+    CSimTransport* pBelow = CSimTransport::Find(m_Network, KeyBelow_i());
     DWORD dwUnsent = 0;
     DWORD dwTaken = 0;
     m_pConn->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwUnsent);
@@ -235,12 +279,24 @@ void CSimUser::Settle() {
 
 BOOL CSimUser::IsMissing_i() const { return In_i().m_Taken.upper_bound(In_i().m_dwLast) != In_i().m_Taken.end(); }
 
+void CSimUser::CheckStanding() {
+    if (!m_bOpen)
+        return;
+    const CSimTransport* pBelow = CSimTransport::Find(m_Network, KeyBelow_i());
+    if (!pBelow)
+        Fail_i("OnDisconnect is owed: nothing is below");
+    else if (m_bOwedOnSend && !pBelow->OwesUpcall())
+        Fail_i("OnSend is owed, and nobody will bring it");
+}
+
+// Over datagrams only those who watch each other notice an end.
 void CSimUser::CheckDebts() {
     if (!m_bOpen)
         return;
     if (m_bOwedOnSend)
         Fail_i("OnSend is owed");
-    if (m_World.m_Kind.m_bDatagrams)
+    const BOOL bWatched = m_World.m_Kind.m_bPackage && m_World.m_Kind.m_bKeepAlive && !m_Link.m_bOdd;
+    if (m_World.m_Kind.m_bDatagrams && !bWatched)
         return;
     if (!GetPeer_i() || !GetPeer_i()->m_bOpen)
         Fail_i("OnDisconnect is owed");

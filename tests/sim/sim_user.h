@@ -9,6 +9,7 @@
 #include "talvo/base/ref_ptr.h"
 #include "talvo/transport/transport_interface.h"
 #include "tests/sim/sim_network.h"
+#include "tests/sim/sim_watch.h"
 
 class CSimUser;
 
@@ -21,7 +22,7 @@ struct CSimKind {
     BOOL m_bDatagrams;
     BOOL m_bKeepAlive;
     BOOL m_bTellsReason;  // a disconnect PDU tells the peer why
-    BOOL m_bWatchesPeer;  // a silent peer is dropped
+    BOOL m_bPackage;      // there is a handshake, and a silent peer is dropped
     CCmRefPtrT<ICmConnector> (*m_MakeConnector)(CSimNetwork& aNetwork, const CSimKind& aKind);
     CCmRefPtrT<ICmAcceptor> (*m_MakeAcceptor)(CSimNetwork& aNetwork, const CSimKind& aKind);
 };
@@ -49,10 +50,10 @@ struct CSimWorld {
 
     CSimNetwork& m_Network;
     const CSimKind& m_Kind;
-    BOOL m_bWild = TRUE;     // users do what they like
-    BOOL m_bJumped = FALSE;  // the clock has, so that nobody knows who was silent
+    BOOL m_bWild = TRUE;  // users do what they like
     DWORD m_dwMessages = 0;
     std::map<WORD, CSimLink> m_Links{};  // by the client's port
+    CSimWatch m_Watch{m_Network, m_Kind.m_bDatagrams, m_Kind.m_bPackage};
 };
 
 // One end of a connection. Sends, checks what arrives, and in its wild time does everything that a user may do, above all
@@ -71,10 +72,17 @@ public:
     void Settle();
     // With a disconnect, or by letting go of the connection.
     void End(CmResult aReason, BOOL aRelease);
-    // Whether something was promised and has not come while the connection stands.
+    // What has to hold whenever nothing is under way: while the connection stands, something stands below it, and will wake it
+    // when a send was refused.
+    void CheckStanding();
+    // Whether something was promised and has not come while the connection stands, in weather that was calm for long enough.
     void CheckDebts();
+    // One message more, to see that both ends mean the same connection.
+    void Ping() { Send_i(MIN_LENGTH); }
 
 private:
+    static constexpr DWORD MIN_LENGTH = 4;  // holds a number
+
     void Upcall_i(const char* aWhat);
     void Feel_i(uint64_t aPercent);
     void Act_i();
@@ -87,6 +95,11 @@ private:
     void Fail_i(const std::string& aText);
     CSimFlow& Out_i() { return m_bServer ? m_Link.m_Down : m_Link.m_Up; }
     BOOL IsMissing_i() const;
+    DWORD KeyBelow_i() const;
+    void StartTimer_i(DWORD aSeconds);
+    void Fired_i();
+    BOOL IsPeerSilent_i() const;
+    BOOL IsSilenceTheEnd_i() const;
     CSimUser* GetPeer_i() const { return m_bServer ? m_Link.m_pClient : m_Link.m_pServer; }
     CSimFlow& In_i() const { return m_bServer ? m_Link.m_Up : m_Link.m_Down; }
 
@@ -99,5 +112,9 @@ private:
     BOOL m_bOpen = TRUE;
     BOOL m_bOwedOnSend = FALSE;
     BOOL m_bPaused = FALSE;
-    int m_nDepth = 0;  // of deeds inside deeds
+    BOOL m_bShy = FALSE;       // never acts of itself
+    int64_t m_llUnpaused = 0;  // tick
+    int64_t m_llTimer = -1;    // when its keep-alive timer was scheduled
+    int64_t m_llInterval = 0;  // of that
+    int m_nDepth = 0;          // of deeds inside deeds
 };
