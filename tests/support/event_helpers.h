@@ -65,19 +65,43 @@ public:
     std::function<void()> m_Run;
 };
 
-// Lets other threads run until the condition holds.
-template <class Condition>
-void YieldUntil(Condition aCondition) {
-    while (!aCondition())
-        std::this_thread::yield();
+// Takes turns until the condition holds; each returns what it costs. A wait in vain is given up, as a failure of the line that
+// waits, when some minutes' worth of turns have been taken.
+template <class Condition, class Turn>
+void TakeTurnsUntil(Condition aCondition, Turn aTurn, const char* aFile, int aLine) {
+    long lCost = 0;
+    while (!aCondition()) {
+        if (lCost > 100'000'000) {
+            ADD_FAILURE_AT(aFile, aLine) << "waited in vain for this";
+            return;
+        }
+        lCost += aTurn();
+    }
 }
 
-// Turns of a reactor until the condition holds, however long that takes and whatever else the loop has to do meanwhile: a test
-// that waits in vain is ended by its time-out.
+// Lets other threads run until the condition holds.
 template <class Condition>
-void RunUntil(CCmReactorEpoll& aReactor, Condition aCondition) {
-    while (!aCondition())
-        ASSERT_EQ(CM_OK, aReactor.RunOnce());
+void YieldUntil(Condition aCondition, const char* aFile = __builtin_FILE(), int aLine = __builtin_LINE()) {
+    const auto turn = [] {
+        std::this_thread::yield();
+        return 1;
+    };
+    TakeTurnsUntil(aCondition, turn, aFile, aLine);
+}
+
+// Turns of a reactor until the condition holds, whatever else the loop has to do meanwhile. One without work takes a tick.
+template <class Condition>
+void RunUntil(CCmReactorEpoll& aReactor, Condition aCondition, const char* aFile = __builtin_FILE(),
+              int aLine = __builtin_LINE()) {
+    const auto turn = [&aReactor] {
+        const auto countWork = [&counters = aReactor.GetCounters()] {
+            return counters.m_ullReports + counters.m_ullEvents + counters.m_ullTimers;
+        };
+        const uint64_t ullBefore = countWork();
+        EXPECT_EQ(CM_OK, aReactor.RunOnce());
+        return countWork() == ullBefore ? 10'000 : 1;
+    };
+    TakeTurnsUntil(aCondition, turn, aFile, aLine);
 }
 
 // The calling thread as the library's main thread while in scope.

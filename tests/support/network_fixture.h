@@ -172,8 +172,8 @@ public:
     static CCmConnectionManager& Manager() { return *CCmConnectionManager::Instance(); }
 
     template <class Condition>
-    void RunUntil(Condition aCondition) const {
-        ::RunUntil(Main(), aCondition);
+    void RunUntil(Condition aCondition, const char* aFile = __builtin_FILE(), int aLine = __builtin_LINE()) const {
+        ::RunUntil(Main(), aCondition, aFile, aLine);
     }
     // A listener of the calling thread on a port of its own, which aAddr gets.
     static CCmRefPtrT<ICmAcceptor> Listen(ICmAcceptorConnectorSink& aSink, CCmInetAddr& aAddr, DWORD aType = 1) {
