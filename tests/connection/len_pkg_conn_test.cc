@@ -127,6 +127,7 @@ TEST_F(LenPkgConnTest, ImpossibleLengthsEndIt) {
     Set(CS_OPT_MAX_MESSAGE_LEN, 5);
     EXPECT_EQ(5u, Get(CM_OPT_TRANSPORT_MAX_MESSAGE));
     CCmTraceCapture trace;
+    EXPECT_EQ(CM_OK, SendText(*m_pConn, "12345"));
     EXPECT_EQ(CM_ERROR_INVALID_ARG, SendText(*m_pConn, "123456"));
     EXPECT_TRUE(trace.Contains("option 136"));
     for (const auto& [strLength, reason] :
@@ -134,8 +135,8 @@ TEST_F(LenPkgConnTest, ImpossibleLengthsEndIt) {
           std::pair{std::string(4, '\xFF'), CM_ERROR_NOT_AVAILABLE}}) {
         Connect();
         Set(CS_OPT_MAX_MESSAGE_LEN, strLength[0] ? 0xFFFFFFFF : 5);
-        m_pLower->Receive(Framed("fits") + strLength + Framed("no"));
-        EXPECT_EQ("fits|", m_Sink->m_strReceived);
+        m_pLower->Receive(Framed("limit") + strLength + Framed("no"));
+        EXPECT_EQ("limit|", m_Sink->m_strReceived);
         EXPECT_EQ(1, m_Sink->m_nDisconnects);
         EXPECT_EQ(reason, m_Sink->m_Reason);
         EXPECT_EQ(std::vector<CmResult>{CM_ERROR_NETWORK_CONNECT_TIMEOUT}, m_pLower->m_Disconnects);

@@ -142,6 +142,13 @@ TEST_F(PkgConnTest, ServerStepByStep) {
         {"request", FALSE, REQUEST, {"connect 0"}, RESPONSE, {}},
         {"request and data", FALSE, REQUEST + Data("a"), {"connect 0", "receive a"}, RESPONSE, {}},
         {"second request", TRUE, REQUEST + Data("a"), {"receive a"}, RESPONSE, {}},
+        // The counter in the response starts again with a PDU of type 5, which has six bytes here.
+        {"restart",
+         TRUE,
+         Data("a") + "\5" + Data("b").substr(1) + REQUEST,
+         {"receive a", "receive b"},
+         std::string("\2\0\0\0\6\0\0\17", 8),
+         {}},
         {"other type", FALSE, OTHER_REQUEST, {"connect 10009"}, RESPONSE + Disconn(10009), {10009}},
         {"other type later", TRUE, OTHER_REQUEST, {"disconnect 10009"}, RESPONSE + Disconn(10009), {10009}},
         {"response", FALSE, RESPONSE, {"connect 10009"}, "", {20005}},
@@ -170,8 +177,10 @@ TEST_F(PkgConnTest, WhatWasCancelledOrEndedIsSilent) {
     EXPECT_EQ(Lines{}, client.m_Lines);
     CServer server;
     server.Connect();
+    EXPECT_EQ(CM_OK, server.Set(CM_OPT_TRANSPORT_CORK, TRUE));
+    EXPECT_EQ(CM_OK, server.Send("unsent"));
     EXPECT_EQ(CM_OK, server.m_pConn->Disconnect(0x1004E24));
-    EXPECT_EQ(Disconn(0x4E24), server.m_pLower->TakeSent());
+    EXPECT_EQ(Data("unsent") + Disconn(0x4E24), server.m_pLower->TakeSent());
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, server.Send("abc"));
 }
 

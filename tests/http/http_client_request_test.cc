@@ -172,8 +172,13 @@ TEST_F(HttpClientBodyTest, DoesNotFollowEverything) {
         EXPECT_EQ(strLocation.empty() ? "302 body" : "0  !20008", Get(server)) << strLocation;
         EXPECT_EQ(strLocation.empty() ? 0u : 1u, trace.Count("the redirect is not followed. location="));
     }
-    CScriptServer loop({CScriptServer::Answers(std::vector<std::string>(20, Answer("302 Found", "Location: /\r\n", "body")))});
-    EXPECT_EQ("0  !20008", Get(loop));
+    for (const size_t stRedirects : {size_t{10}, size_t{11}}) {
+        std::vector<std::string> answers(stRedirects, Answer("302 Found", "Location: /\r\n", "body"));
+        answers.push_back(Answer("200 OK", "", "there"));
+        CScriptServer chain({CScriptServer::Answers(answers)});
+        EXPECT_EQ(stRedirects == 10 ? "200 there" : "0  !20008", Get(chain));
+    }
+    CScriptServer loop({CScriptServer::Answers({Answer("302 Found", "Location: /\r\n", "body")})});
     EXPECT_EQ("302 body", Get(loop, [](CTestHttpClient& aClient) { aClient.Set(CM_OPT_CHANNEL_MAX_REDIRECTS, 0); }));
     // A body that has gone by cannot be sent again.
     CScriptServer server({CScriptServer::Answers({Answer("307 T", "Location: /b\r\n", "body")})});

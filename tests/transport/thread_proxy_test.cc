@@ -185,9 +185,15 @@ TEST_F(ThreadProxyTest, ReceivingPushesBackAndGoesOn) {
     connection.Pause(FALSE);
     connection.Sync();
     EXPECT_TRUE(connection.m_pFake->m_bPaused);
+    // Reading goes on when no more than half of the limit waits, which 31 chunks are.
+    for (const int nTaken : {32, 33}) {
+        connection.m_Sink.m_Receive = [&connection, nTaken] { connection.Pause(connection.m_Sink.m_nReceives == nTaken); };
+        m_Network.RunPosted();
+        connection.Pause(FALSE);
+        connection.Sync();
+        EXPECT_EQ(nTaken == 32, connection.m_pFake->m_bPaused) << nTaken;
+    }
     m_Network.RunPosted();
-    connection.Sync();
-    EXPECT_FALSE(connection.m_pFake->m_bPaused);
     EXPECT_EQ(dwPushed, connection.m_Sink.m_strReceived.size());
 }
 
