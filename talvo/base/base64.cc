@@ -2,6 +2,8 @@
 
 #include <array>
 
+#include "talvo/base/with_memory.h"
+
 namespace {
 
 constexpr std::string_view LETTERS = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -38,7 +40,8 @@ CmResult cm_base64_encode(const void* aData, size_t aSize, CCmString& aText) {
         return CM_ERROR_INVALID_ARG;
     const BYTE* pData = static_cast<const BYTE*>(aData);
     CCmString strText;
-    strText.reserve((aSize + 2) / 3 * 4);
+    if (!talvo::WithMemory([&] { strText.reserve((aSize + 2) / 3 * 4); }))
+        return CM_ERROR_OUT_OF_MEMORY;
     for (size_t n = 0; n < aSize; n += 3) {
         const size_t nBytes = aSize - n < 3 ? aSize - n : 3;
         DWORD dwBits = 0;
@@ -55,7 +58,8 @@ CmResult cm_base64_decode(std::string_view aText, CCmString& aData) {
     if (aText.size() % 4 != 0 || aText.size() > MAX_TEXT)
         return CM_ERROR_INVALID_ARG;
     CCmString strData;
-    strData.reserve(aText.size() / 4 * 3);
+    if (!talvo::WithMemory([&] { strData.reserve(aText.size() / 4 * 3); }))
+        return CM_ERROR_OUT_OF_MEMORY;
     for (; !aText.empty(); aText.remove_prefix(4)) {
         size_t nLetters = 4;
         if (aText.size() == 4 && aText[3] == '=')

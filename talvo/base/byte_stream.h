@@ -8,6 +8,7 @@
 #include "talvo/base/result.h"
 #include "talvo/base/trace.h"
 #include "talvo/base/types.h"
+#include "talvo/base/with_memory.h"
 
 // Reads from and writes to a block that it does not own. The first failure of a kind (reading, writing) sticks: what follows of
 // that kind is skipped, changes nothing and is traced as well, so that a decoder looks at the result once, at its end.
@@ -64,11 +65,13 @@ public:
         return wLen > 0 ? Write(aStr, wLen) : m_ResultWrite;
     }
 
-    // What WriteString wrote. aStr is untouched unless CM_OK.
+    // What WriteString wrote. aStr is untouched unless CM_OK. CM_ERROR_OUT_OF_MEMORY sticks, too.
     CmResult ReadString(CCmString& aStr) {
         WORD wLen = 0;
         *this >> wLen;
-        CCmString strText(m_ResultRead == CM_OK ? wLen : 0, '\0');
+        CCmString strText;
+        if (m_ResultRead == CM_OK && !talvo::WithMemory([&] { strText.resize(wLen); }))
+            m_ResultRead = CM_ERROR_OUT_OF_MEMORY;
         if (!strText.empty())
             Read(strText.data(), wLen);
         if (m_ResultRead == CM_OK)

@@ -1,5 +1,7 @@
 #include "talvo/base/clean_up.h"
 
+#include "talvo/base/immortal.h"
+
 namespace {
 
 CCmCleanUpBase* s_pHead = nullptr;  // guarded by the singleton mutex; the objects own themselves
@@ -9,8 +11,8 @@ using SingletonGuard = CCmMutexGuardT<CCmMutexThreadRecursive>;
 }  // namespace
 
 CCmMutexThreadRecursive& CCmCleanUpBase::GetSingletonMutex() {
-    static CCmMutexThreadRecursive& s_Mutex = *new CCmMutexThreadRecursive;
-    return s_Mutex;
+    static talvo::CImmortalT<CCmMutexThreadRecursive> s_Mutex;
+    return *s_Mutex;
 }
 
 CCmCleanUpBase::CCmCleanUpBase() {

@@ -10,12 +10,14 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "talvo/base/config_complaints.h"
+#include "talvo/base/immortal.h"
 #include "talvo/base/mutex.h"
 #include "talvo/base/trace.h"
 
@@ -24,17 +26,30 @@ namespace {
 constexpr size_t MAX_FILE_LENGTH = 1 << 20;  // bytes; a longer file is taken for a wrong one and counts as unreadable
 constexpr size_t MAX_COMPLAINTS = 100;
 
+using CKey = std::pair<CCmString, CCmString>;
+using CKeyView = std::pair<std::string_view, std::string_view>;
+
+struct CBefore {
+    using is_transparent = void;
+    static CKeyView View(const CKeyView& aKey) { return aKey; }
+    static CKeyView View(const CKey& aKey) { return {aKey.first, aKey.second}; }
+    template <class Left, class Right>
+    bool operator()(const Left& aLeft, const Right& aRight) const {
+        return View(aLeft) < View(aRight);
+    }
+};
+
 // Never destroyed: threads may still read keys while the process exits.
 struct CConfiguration {
     CCmMutexThread m_Mutex;
     BOOL m_bLoaded CM_GUARDED_BY(m_Mutex) = FALSE;
-    std::map<std::pair<CCmString, CCmString>, CCmString> m_Values CM_GUARDED_BY(m_Mutex);  // by section and key
-    std::vector<CCmString> m_Complaints CM_GUARDED_BY(m_Mutex);                            // lines for the trace
+    std::map<CKey, CCmString, CBefore> m_Values CM_GUARDED_BY(m_Mutex);  // by section and key
+    std::vector<CCmString> m_Complaints CM_GUARDED_BY(m_Mutex);          // lines for the trace
 };
 
 CConfiguration& Configuration() {
-    static CConfiguration& s_Configuration = *new CConfiguration;
-    return s_Configuration;
+    static talvo::CImmortalT<CConfiguration> s_Configuration;
+    return *s_Configuration;
 }
 
 using ConfigurationGuard = CCmMutexGuardT<CCmMutexThread>;
@@ -57,6 +72,12 @@ CCmString JudgeRights(HANDLE aFd) {
         return "it belongs to another user, owner=" + std::to_string(status.st_uid);
     return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ? "users other than its owner may write it" : "";
 }
+
+// Closes the file also when memory runs out.
+struct CClose {
+    ~CClose() { close(m_Fd); }
+    const HANDLE m_Fd;
+};
 
 std::optional<CCmString> ReadText(HANDLE aFd) {
     CCmString strText;
@@ -115,9 +136,9 @@ CmResult Load_l(CConfiguration& aConfiguration, const CCmString& aPath) CM_REQUI
     const HANDLE fd = open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd == CM_INVALID_HANDLE)
         return CM_ERROR_NOT_FOUND;
+    const CClose closing{fd};
     const CCmString strRefusal = JudgeRights(fd);
     const auto strText = strRefusal.empty() ? ReadText(fd) : std::nullopt;
-    close(fd);
     if (!strRefusal.empty()) {
         aConfiguration.m_Complaints.push_back("file is refused: " + strRefusal + ", path=" + aPath);
         return CM_ERROR_NOT_AVAILABLE;
@@ -128,48 +149,63 @@ CmResult Load_l(CConfiguration& aConfiguration, const CCmString& aPath) CM_REQUI
     return CM_OK;
 }
 
+// Null stands for the default path. Without memory there are no keys for now, and the next reader tries again.
+CmResult TryLoad_l(CConfiguration& aConfiguration, const char* aPath) CM_REQUIRES(aConfiguration.m_Mutex) {
+    try {
+        return Load_l(aConfiguration, aPath ? CCmString(aPath) : DefaultPath());
+    } catch (const std::bad_alloc&) {
+        aConfiguration.m_Values.clear();
+        aConfiguration.m_bLoaded = aPath != nullptr;
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
+}
+
 void LoadOnce() {
     CConfiguration& configuration = Configuration();
     {
         ConfigurationGuard guard(configuration.m_Mutex);
         if (configuration.m_bLoaded)
             return;
-        Load_l(configuration, DefaultPath());
+        TryLoad_l(configuration, nullptr);
     }
     talvo::TraceConfigComplaints();
 }
 
-std::optional<CCmString> Find(const char* aSection, const char* aKey) {
+// Calls aUse with the key's value, if it has one: under the lock, so that reading takes no memory.
+template <class Use>
+void WithValue(const char* aSection, const char* aKey, Use aUse) {
     if (!aSection || !aKey)
-        return std::nullopt;
+        return;
     LoadOnce();
     CConfiguration& configuration = Configuration();
     ConfigurationGuard guard(configuration.m_Mutex);
-    const auto it = configuration.m_Values.find({aSection, aKey});
-    if (it == configuration.m_Values.end())
-        return std::nullopt;
-    return it->second;
+    const auto it = configuration.m_Values.find(CKeyView(aSection, aKey));
+    if (it != configuration.m_Values.end())
+        aUse(it->second);
 }
 
 template <class Number>
-Number GetNumber(const char* aSection, const char* aKey, Number aDefault) {
-    const auto strValue = Find(aSection, aKey);
-    if (!strValue)
-        return aDefault;
-    std::string_view strDigits = *strValue;
-    const bool bNegative = !strDigits.empty() && strDigits.front() == '-';
+Number ParseNumber(std::string_view aDigits, Number aDefault) {
+    const bool bNegative = !aDigits.empty() && aDigits.front() == '-';
     if (bNegative)
-        strDigits.remove_prefix(1);
-    const bool bHex = strDigits.starts_with("0x") || strDigits.starts_with("0X");
+        aDigits.remove_prefix(1);
+    const bool bHex = aDigits.starts_with("0x") || aDigits.starts_with("0X");
     if (bHex)
-        strDigits.remove_prefix(2);
+        aDigits.remove_prefix(2);
     uint32_t dwMagnitude = 0;
-    const char* pEnd = strDigits.data() + strDigits.size();
-    const auto result = std::from_chars(strDigits.data(), pEnd, dwMagnitude, bHex ? 16 : 10);
+    const char* pEnd = aDigits.data() + aDigits.size();
+    const auto result = std::from_chars(aDigits.data(), pEnd, dwMagnitude, bHex ? 16 : 10);
     if (result.ec != std::errc() || result.ptr != pEnd)
         return aDefault;
     const int64_t llValue = bNegative ? -int64_t{dwMagnitude} : int64_t{dwMagnitude};
     return std::in_range<Number>(llValue) ? static_cast<Number>(llValue) : aDefault;
+}
+
+template <class Number>
+Number GetNumber(const char* aSection, const char* aKey, Number aDefault) {
+    Number value = aDefault;
+    WithValue(aSection, aKey, [&](const CCmString& aValue) { value = ParseNumber(aValue, aDefault); });
+    return value;
 }
 
 bool IsOneOf(const CCmString& aText, std::initializer_list<const char*> aWords) {
@@ -199,7 +235,9 @@ void TraceConfigComplaints() {
 }  // namespace talvo
 
 CCmString get_string_param(const char* aSection, const char* aKey, const CCmString& aDefault) {
-    return Find(aSection, aKey).value_or(aDefault);
+    CCmString strValue = aDefault;
+    WithValue(aSection, aKey, [&](const CCmString& aValue) { strValue = aValue; });
+    return strValue;
 }
 
 int get_int_param(const char* aSection, const char* aKey, int aDefault) { return GetNumber(aSection, aKey, aDefault); }
@@ -213,12 +251,14 @@ uint32_t get_uint32_param(const char* aSection, const char* aKey, uint32_t aDefa
 }
 
 bool get_bool_param(const char* aSection, const char* aKey, bool aDefault) {
-    const auto strValue = Find(aSection, aKey);
-    if (!strValue)
-        return aDefault;
-    if (IsOneOf(*strValue, {"1", "true", "yes", "on"}))
-        return true;
-    return IsOneOf(*strValue, {"0", "false", "no", "off"}) ? false : aDefault;
+    bool bValue = aDefault;
+    WithValue(aSection, aKey, [&](const CCmString& aValue) {
+        if (IsOneOf(aValue, {"1", "true", "yes", "on"}))
+            bValue = true;
+        else if (IsOneOf(aValue, {"0", "false", "no", "off"}))
+            bValue = false;
+    });
+    return bValue;
 }
 
 CmResult load_config_file(const char* aPath) {
@@ -228,7 +268,7 @@ CmResult load_config_file(const char* aPath) {
     {
         CConfiguration& configuration = Configuration();
         ConfigurationGuard guard(configuration.m_Mutex);
-        rv = Load_l(configuration, aPath);
+        rv = TryLoad_l(configuration, aPath);
     }
     talvo::TraceConfigComplaints();
     return rv;

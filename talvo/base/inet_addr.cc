@@ -8,6 +8,7 @@
 
 #include "talvo/base/name_resolver.h"
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 
 namespace {
 
@@ -26,19 +27,30 @@ union CImmortalAddr {
 
 constinit const CCmInetAddr& CCmInetAddr::s_InetAddrAny = s_Any.m_Addr;
 
-CCmInetAddr::CCmInetAddr(const char* aHostName, WORD aPort) { Set(aHostName, aPort); }
+CCmInetAddr::CCmInetAddr(const char* aHostName, WORD aPort) { Set_i(aHostName, aPort); }
 
-CCmInetAddr::CCmInetAddr(const char* aIpAddrAndPort) { Set(aIpAddrAndPort); }
+CCmInetAddr::CCmInetAddr(const char* aIpAddrAndPort) { Set_i(aIpAddrAndPort); }
 
 CmResult CCmInetAddr::Set(const char* aHostName, WORD aPort) {
-    m_SockAddr = {AF_INET, htons(aPort), {0}, {}};
-    if (SetIpAddrByString(aHostName) == CM_OK)
-        return CM_OK;
-    m_strHostName = aHostName;  // not null: that is an address
-    return TryResolve();
+    CmResult rv = CM_OK;
+    return talvo::WithMemory([&] { rv = Set_i(aHostName, aPort); }) ? rv : CM_ERROR_OUT_OF_MEMORY;
 }
 
 CmResult CCmInetAddr::Set(const char* aIpAddrAndPort) {
+    CmResult rv = CM_OK;
+    return talvo::WithMemory([&] { rv = Set_i(aIpAddrAndPort); }) ? rv : CM_ERROR_OUT_OF_MEMORY;
+}
+
+// The name first, since it alone may fail.
+CmResult CCmInetAddr::Set_i(const char* aHostName, WORD aPort) {
+    DWORD dwAddr = 0;
+    const BOOL bAddress = IpAddrStringTo4Bytes(aHostName, dwAddr);
+    m_strHostName = bAddress ? "" : aHostName;  // not null: that is an address
+    m_SockAddr = {AF_INET, htons(aPort), {bAddress ? dwAddr : 0}, {}};
+    return TryResolve();
+}
+
+CmResult CCmInetAddr::Set_i(const char* aIpAddrAndPort) {
     if (!aIpAddrAndPort)
         return CM_ERROR_INVALID_ARG;
     const char* pColon = std::strchr(aIpAddrAndPort, ':');
@@ -48,7 +60,7 @@ CmResult CCmInetAddr::Set(const char* aIpAddrAndPort) {
     if (nHost > MAX_HOST_LENGTH)
         return CM_ERROR_NOT_AVAILABLE;
     const WORD wPort = pColon ? static_cast<WORD>(std::strtol(pColon + 1, nullptr, 10)) : WORD{0};
-    return Set(CCmString(aIpAddrAndPort, nHost).c_str(), wPort);
+    return Set_i(CCmString(aIpAddrAndPort, nHost).c_str(), wPort);
 }
 
 CmResult CCmInetAddr::SetIpAddrByString(const char* aIpAddr) {

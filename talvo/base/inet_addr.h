@@ -15,12 +15,12 @@
 class TALVO_API CCmInetAddr {
 public:
     CCmInetAddr() = default;                           // 0.0.0.0, port 0
-    CCmInetAddr(const char* aHostName, WORD aPort);    // as Set, dropping the result
-    explicit CCmInetAddr(const char* aIpAddrAndPort);  // as Set, dropping the result
+    CCmInetAddr(const char* aHostName, WORD aPort);    // as Set, dropping the result, but without memory it throws
+    explicit CCmInetAddr(const char* aIpAddrAndPort);  // likewise
     explicit CCmInetAddr(const sockaddr_in& aAddr) : m_SockAddr(aAddr) {}
 
     // A dotted address, a host name, or null or "" for 0.0.0.0; the port in host order. CM_OK, or for a name what TryResolve
-    // says.
+    // says. CM_ERROR_OUT_OF_MEMORY.
     CmResult Set(const char* aHostName, WORD aPort);
 
     // "host:port"; without a colon the port is 0 and a line says so. CM_ERROR_INVALID_ARG: null. CM_ERROR_NOT_AVAILABLE: the
@@ -77,6 +77,9 @@ public:
     static const CCmInetAddr& s_InetAddrAny;
 
 private:
+    CmResult Set_i(const char* aHostName, WORD aPort);
+    CmResult Set_i(const char* aIpAddrAndPort);
+
     sockaddr_in m_SockAddr{AF_INET, 0, {0}, {}};
     CCmString m_strHostName;
 };

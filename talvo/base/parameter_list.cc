@@ -1,6 +1,9 @@
 #include "talvo/base/parameter_list.h"
 
 #include <algorithm>
+#include <utility>
+
+#include "talvo/base/with_memory.h"
 
 namespace {
 
@@ -40,7 +43,12 @@ bool TakePart(std::string_view& aText, std::string_view aEnds, CCmString& aPart,
 }  // namespace
 
 CmResult CCmParameterList::Set(std::string_view aName, std::string_view aValue) {
-    const CPair pair(aName, aValue);  // first of all, the arguments may be parts of this list
+    CmResult rv = CM_OK;
+    return talvo::WithMemory([&] { rv = Set_i(aName, aValue); }) ? rv : CM_ERROR_OUT_OF_MEMORY;
+}
+
+CmResult CCmParameterList::Set_i(std::string_view aName, std::string_view aValue) {
+    CPair pair(aName, aValue);  // first of all, the arguments may be parts of this list
     const auto isNamed = [&pair](const CPair& aPair) { return aPair.first == pair.first; };
     const auto itFirst = std::find_if(m_Pairs.begin(), m_Pairs.end(), isNamed);
     if (itFirst == m_Pairs.end())
@@ -51,9 +59,9 @@ CmResult CCmParameterList::Set(std::string_view aName, std::string_view aValue) 
     const size_t nKept = m_nBytes - nOld;
     if (pair.second.size() > MAX_BYTES || pair.first.size() + pair.second.size() > MAX_BYTES - nKept)
         return CM_ERROR_NOT_AVAILABLE;
-    *itFirst = pair;
     m_Pairs.erase(std::remove_if(itFirst + 1, m_Pairs.end(), isNamed), m_Pairs.end());
     m_nBytes = nKept + pair.first.size() + pair.second.size();
+    *itFirst = std::move(pair);
     return CM_OK;
 }
 
@@ -61,23 +69,26 @@ CmResult CCmParameterList::Append(std::string_view aName, std::string_view aValu
     const size_t nRoom = MAX_BYTES - m_nBytes;
     if (m_Pairs.size() == MAX_PAIRS || aName.size() > nRoom || aValue.size() > nRoom - aName.size())
         return CM_ERROR_NOT_AVAILABLE;
-    m_nBytes += aName.size() + aValue.size();
-    m_Pairs.emplace_back(CCmString(aName), CCmString(aValue));
+    const size_t nBytes = aName.size() + aValue.size();
+    if (!talvo::WithMemory([&] { m_Pairs.emplace_back(CCmString(aName), CCmString(aValue)); }))
+        return CM_ERROR_OUT_OF_MEMORY;
+    m_nBytes += nBytes;
     return CM_OK;
 }
 
 CmResult CCmParameterList::Get(std::string_view aName, CCmString& aValue) const {
     for (const CPair& pair : m_Pairs) {
         if (pair.first == aName) {
-            aValue = pair.second;
-            return CM_OK;
+            return talvo::WithMemory([&] { aValue = pair.second; }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
         }
     }
     return CM_ERROR_NOT_FOUND;
 }
 
 CmResult CCmParameterList::Remove(std::string_view aName) {
-    const CCmString strName(aName);  // the argument may be a part of this list
+    CCmString strName;  // the argument may be a part of this list
+    if (!talvo::WithMemory([&] { strName = aName; }))
+        return CM_ERROR_OUT_OF_MEMORY;
     const size_t nRemoved = std::erase_if(m_Pairs, [&](const CPair& aPair) {
         if (aPair.first != strName)
             return false;
@@ -105,6 +116,11 @@ CCmString CCmParameterList::Print() const {
 }
 
 CmResult CCmParameterList::Parse(std::string_view aText) {
+    CmResult rv = CM_OK;
+    return talvo::WithMemory([&] { rv = Parse_i(aText); }) ? rv : CM_ERROR_OUT_OF_MEMORY;
+}
+
+CmResult CCmParameterList::Parse_i(std::string_view aText) {
     if (aText.size() > MAX_TEXT)
         return CM_ERROR_NOT_AVAILABLE;
     CCmParameterList parsed;

@@ -22,6 +22,8 @@ public:
     static constexpr size_t MAX_PAIRS = 1024;
     static constexpr size_t MAX_BYTES = 64 * 1024;  // names and values together
 
+    // The operations that return a result give CM_ERROR_OUT_OF_MEMORY besides what they list, and nothing changes.
+
     // Set gives the name this one value: in the place of its first pair, removing others, or at the end. Append adds a pair at
     // the end, whether the name is there or not. CM_ERROR_NOT_AVAILABLE, and nothing changes: the list would pass its bounds.
     CmResult Set(std::string_view aName, std::string_view aValue);
@@ -46,6 +48,9 @@ public:
     CmResult Parse(std::string_view aText);
 
 private:
+    CmResult Set_i(std::string_view aName, std::string_view aValue);
+    CmResult Parse_i(std::string_view aText);
+
     std::vector<CPair> m_Pairs;
     size_t m_nBytes = 0;  // of all names and values
 };

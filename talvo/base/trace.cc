@@ -12,8 +12,10 @@
 #include "talvo/base/clock.h"
 #include "talvo/base/config.h"
 #include "talvo/base/config_complaints.h"
+#include "talvo/base/immortal.h"
 #include "talvo/base/mutex.h"
 #include "talvo/base/trace_file.h"
+#include "talvo/base/with_memory.h"
 
 ICmTraceSink::~ICmTraceSink() = default;
 
@@ -60,8 +62,8 @@ struct CState {
 };
 
 CState& State() {
-    static CState& s_State = *new CState;
-    return s_State;
+    static talvo::CImmortalT<CState> s_State;
+    return *s_State;
 }
 
 using StateGuard = CCmMutexGuardT<CCmMutexThread>;
@@ -96,12 +98,13 @@ void StopBufferingAtExit() {
 }
 
 DWORD ConfiguredLevels(DWORD aLevels) {
-    const CCmString strPrefix = CCmString(program_invocation_short_name) + ".";
+    char szKey[256];
     for (DWORD dw = 0; dw < CM_TRACE_LEVEL_COUNT; ++dw) {
         if (LEVELS[dw].m_pName == UNNAMED.m_pName)
             continue;
         const DWORD dwBit = 1u << dw;
-        const bool bOn = get_bool_param(SECTION, (strPrefix + LEVELS[dw].m_pName).c_str(), (aLevels & dwBit) != 0);
+        std::snprintf(szKey, sizeof(szKey), "%s.%s", program_invocation_short_name, LEVELS[dw].m_pName);
+        const bool bOn = get_bool_param(SECTION, szKey, (aLevels & dwBit) != 0);
         aLevels = bOn ? aLevels | dwBit : aLevels & ~dwBit;
     }
     return aLevels;
@@ -143,8 +146,8 @@ void ReadSwitches_l(CState& aState) CM_REQUIRES(aState.m_Mutex) {
 
 // Behind the switches: that the file cannot be opened is traced.
 void OpenConfiguredFile_l(CState& aState) CM_REQUIRES(aState.m_Mutex) {
-    const CCmTraceFileSettings settings = ConfiguredFile();
-    if (!settings.m_strPath.empty())
+    CCmTraceFileSettings settings;
+    if (talvo::WithMemory([&] { settings = ConfiguredFile(); }) && !settings.m_strPath.empty())
         OpenFile_l(aState, settings);
 }
 
@@ -228,8 +231,8 @@ void CCmTrace::Write(DWORD aLevel, const char* aModule, std::string_view aText) 
     StateGuard guard(state.m_Mutex);
     if (state.m_bWriting)
         return;
-    if (state.m_pFile)
-        state.m_pFile->WriteLine(FormatLine(aModule, aText), aLevel == CM_TRACE_ERROR);
+    if (talvo::CCmTraceFile* pFile = state.m_pFile.get())
+        talvo::WithMemory([&] { pFile->WriteLine(FormatLine(aModule, aText), aLevel == CM_TRACE_ERROR); });
     if (!state.m_pSink)
         return;
     state.m_bWriting = TRUE;

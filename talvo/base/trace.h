@@ -1,5 +1,7 @@
 // Trace: timestamped lines on 26 levels, to a file and to a sink of the application. Any thread.
 //
+// A line for whose file form there is no memory is dropped; nothing here throws.
+//
 // Off until the configuration or the application enables it. A level that is off costs one load and one branch: the text after
 // the macro is not evaluated. It is the body of a lambda, where Clang before 16 knows no structured bindings.
 // docs/configuration.md lists the keys of the section "Trace", docs/trace.md the file formats.
@@ -34,8 +36,8 @@ enum ECmTraceLevel : DWORD {
 class TALVO_API ICmTraceSink {
 public:
     // One line, in the thread that traced it and with the trace's lock held, so lines come one at a time and in order: do not
-    // wait for another thread here. What the sink itself causes to be traced is dropped. aModule is null unless one was given;
-    // aText has no time stamp and no line end and is valid during the call.
+    // wait for another thread here, nor throw. What the sink itself causes to be traced is dropped. aModule is null unless one
+    // was given; aText has no time stamp and no line end and is valid during the call.
     virtual void OnTrace(DWORD aLevel, const char* aModule, std::string_view aText) = 0;
     virtual ~ICmTraceSink();
 };

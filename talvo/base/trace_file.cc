@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 
 namespace talvo {
 
@@ -58,11 +59,10 @@ public:
 
 protected:
     void Store(std::string_view aLines) override {
-        std::string strLines(aLines);
-        strLines += MARKER;
-        if (!WriteAll(GetFd(), strLines, m_llOffset))
+        const off_t llEnd = m_llOffset + static_cast<off_t>(aLines.size());
+        if (!WriteAll(GetFd(), aLines, m_llOffset) || !WriteAll(GetFd(), MARKER, llEnd))
             return;
-        m_llOffset += static_cast<off_t>(aLines.size());
+        m_llOffset = llEnd;
         WriteOffset();
     }
 
@@ -119,9 +119,16 @@ std::unique_ptr<CCmTraceFile> CCmTraceFile::Open(const CCmTraceFileSettings& aSe
     const HANDLE fd = open(aSettings.m_strPath.c_str(), nMode | O_CREAT | O_CLOEXEC, 0644);
     if (fd == CM_INVALID_HANDLE)
         return nullptr;
+    CCmTraceFile* pFile;
     if (aSettings.m_bCircular)
-        return std::make_unique<CCmTraceFileCircular>(fd, aSettings);
-    return std::make_unique<CCmTraceFilePlain>(fd, aSettings);
+        pFile = new (std::nothrow) CCmTraceFileCircular(fd, aSettings);
+    else
+        pFile = new (std::nothrow) CCmTraceFilePlain(fd, aSettings);
+    if (!pFile) {
+        close(fd);
+        errno = ENOMEM;
+    }
+    return std::unique_ptr<CCmTraceFile>(pFile);
 }
 
 CCmTraceFile::~CCmTraceFile() { close(m_Fd); }

@@ -23,7 +23,8 @@ public:
     CCmTraceFile(const CCmTraceFile&) = delete;
     CCmTraceFile& operator=(const CCmTraceFile&) = delete;
 
-    // aLine is whole, with its time stamp and line end. aAtOnce: it and what waited before it go to the file now.
+    // aLine is whole, with its time stamp and line end. This alone may throw std::bad_alloc, and the line is lost then.
+    // aAtOnce: it and what waited before it go to the file now.
     void WriteLine(std::string aLine, BOOL aAtOnce);
     void Flush();
 

@@ -1,0 +1,23 @@
+// State of the process that is never destroyed.
+#pragma once
+
+#include <new>
+
+namespace talvo {
+
+// An object in its own memory, for a static variable: threads and the clean-up at exit may use it until the process is gone,
+// and to make it takes no memory from the heap.
+template <class Type>
+class CImmortalT {
+public:
+    CImmortalT() { new (m_Memory) Type; }
+    CImmortalT(const CImmortalT&) = delete;
+    CImmortalT& operator=(const CImmortalT&) = delete;
+
+    Type& operator*() { return *std::launder(reinterpret_cast<Type*>(m_Memory)); }
+
+private:
+    alignas(Type) unsigned char m_Memory[sizeof(Type)];
+};
+
+}  // namespace talvo
