@@ -40,7 +40,8 @@ CCmMessageBlock::CCmMessageBlock(DWORD aSize, const char* aData, DWORD aFlag, DW
     AdvanceTopLevelWritePtr(aAdvanceWritePtrSize);
 }
 
-CCmMessageBlock::CCmMessageBlock(CCmDataBlock* aDb, DWORD aFlag) : m_pDataBlock(aDb), m_Flag(aFlag & ~NOT_INHERITED) {
+CCmMessageBlock::CCmMessageBlock(CCmRefPtrT<CCmDataBlock> aDb, DWORD aFlag)
+    : m_pDataBlock(std::move(aDb)), m_Flag(aFlag & ~NOT_INHERITED) {
     AttachDataBlock();
 }
 
@@ -136,7 +137,7 @@ CCmMessageBlock* CCmMessageBlock::DuplicateTopLevel() const {
         if (pMb)
             CopyBytes(pMb->m_pBeginPtr, m_pBeginPtr, dwSize);
     } else {
-        pMb = new (std::nothrow) CCmMessageBlock(m_pDataBlock.Get(), m_Flag);
+        pMb = new (std::nothrow) CCmMessageBlock(m_pDataBlock, m_Flag);
         if (pMb) {
             pMb->m_pBeginPtr = m_pBeginPtr;
             pMb->m_pEndPtr = m_pEndPtr;

@@ -36,8 +36,8 @@ public:
     // not fit.
     explicit CCmMessageBlock(DWORD aSize, const char* aData = nullptr, DWORD aFlag = 0, DWORD aAdvanceWritePtrSize = 0);
 
-    // An empty view on the whole of aDb, which may be null; adds a reference.
-    explicit CCmMessageBlock(CCmDataBlock* aDb, DWORD aFlag = 0);
+    // An empty view on the whole of aDb, which may be null; holds a reference. A CCmDataBlock* will do; a plain 0 is a size.
+    explicit CCmMessageBlock(CCmRefPtrT<CCmDataBlock> aDb, DWORD aFlag = 0);
 
     // A view on the first aLength unread bytes (or as many as there are) of aSource alone, sharing its storage or, if that is
     // foreign, viewing it likewise. It has no space behind them: who writes to it, or to a duplicate, cannot reach what

@@ -25,6 +25,7 @@ CCmMessageBlock* MakeBlock(const std::string& aText, DWORD aSpace = 0) {
 }
 
 TEST(MessageBlock, PositionsStopAtTheirLimits) {
+    EXPECT_EQ(0u, CCmMessageBlock(0).GetTopLevelSpace());  // a size, and no null pointer
     DWORD dwDone = 9;
     const CChain pMb(MakeBlock("abc", 2));
     EXPECT_EQ(pMb->AdvanceTopLevelReadPtr(4), CM_ERROR_NOT_AVAILABLE);
