@@ -4,7 +4,7 @@
 #include "talvo/event/thread_manager.h"
 #include "talvo/event/timer_queue_base.h"
 
-CmResult cm_schedule_deletion(ICmTimerHandler* aHandler) {
+CmResult cm_schedule_deletion(CCmTimerDelete* aHandler) {
     ICmTimerQueue* pQueue = CCmThreadManager::Instance()->GetThreadTimerQueue(CCmThreadManager::TT_CURRENT);
     CmResult rv = CM_ERROR_NULL_POINTER;
     if (pQueue)

@@ -6,11 +6,11 @@
 
 // Schedules this handler in the calling thread's timer queue with the deletion mark. CM_OK, also when it was scheduled already;
 // otherwise the failure, traced.
-TALVO_API CmResult cm_schedule_deletion(ICmTimerHandler* aHandler);
+TALVO_API CmResult cm_schedule_deletion(CCmTimerDelete* aHandler);
 
 // One-shot: deletes aTarget when it fires. Not owned by anybody else: lives inside its target or dies with it.
 template <class TargetType>
-class CCmTimerDeleteT : public ICmTimerHandler {
+class CCmTimerDeleteT : public CCmTimerDelete {
 public:
     explicit CCmTimerDeleteT(TargetType* aTarget) : m_pTarget(aTarget) {}
 

@@ -5,14 +5,22 @@
 #include "talvo/base/result.h"
 #include "talvo/base/time_value.h"
 
-// Hears that its timer is due, in the thread of the timer queue, with no lock held. It may cancel or reschedule itself or
-// schedule others from inside, and it may be deleted inside: the queue does not touch it afterwards.
+// Called when its timer is due, in the thread of the timer queue, with no lock held. It may cancel or reschedule itself or
+// schedule others from inside, and it may be deleted inside: the queue does not touch it afterwards. It must not throw.
 class TALVO_API ICmTimerHandler {
 public:
     // aCurTime is the moment the pass began, on the clock of CCmTimeValue::GetTimeOfDay; aArg is what was given to
     // ScheduleTimer.
     virtual void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) = 0;
     virtual ~ICmTimerHandler();
+};
+
+// A handler that deletes an object, see CCmTimerDeleteT: its timer needs no memory, since an object that could not be deleted
+// later would have to go in the middle of a call on it.
+class TALVO_API CCmTimerDelete : public ICmTimerHandler {
+private:
+    friend class CCmTimerQueueBase;
+    CCmTimerDelete* m_pNext = nullptr;  // in the queue that had no memory for it
 };
 
 // The timers of one thread, used only there, hence no lock. Keyed by handler: each has at most one pending timer in a queue.
@@ -23,6 +31,7 @@ public:
     // skipped, not made up in a burst. An interval of zero or less with count 1 fires at the next turn of the loop.
     // CM_OK: new. CM_ERROR_FOUND: replaced the timer that aEh had; also a success. CM_ERROR_INVALID_ARG: aEh is null, or
     // aInterval is not positive and aCount is not 1. CM_ERROR_NOT_INITIALIZED: a reactor that is not open.
+    // CM_ERROR_OUT_OF_MEMORY: nothing is scheduled; a timer that aEh had stays.
     virtual CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) = 0;
 
     // CM_OK, CM_ERROR_NOT_FOUND when it has no timer, CM_ERROR_INVALID_ARG for null, CM_ERROR_NOT_INITIALIZED as above.

@@ -44,22 +44,43 @@ CmResult CCmTimerQueueBase::ScheduleTimer(ICmTimerHandler* aEh, void* aArg, cons
     node.m_llInterval = aInterval.GetTotalInUsec();
     node.m_llExpires = CCmClock::GetTimeOfDayUsec() + node.m_llInterval;
     node.m_dwCount = aCount > 0 && aCount < COUNT_WITHOUT_END ? static_cast<DWORD>(aCount) : COUNT_WITHOUT_END;
-    if (m_bInPass && node.m_llExpires <= m_llPassNow) {
-        node.m_llExpires = m_llPassNow + 1;
-        m_bAheadOfClock = TRUE;
-    }
 
     int nPushed;
     {
         Guard guard(m_Mutex);
-        nPushed = PushNode_l(node);
+        if (m_bInPass && node.m_llExpires <= m_llPassNow) {
+            m_bNextPass = TRUE;
+            nPushed = PushNextPassNode_l(node);
+        } else {
+            nPushed = PushNode_l(node);
+        }
+    }
+    if (nPushed == NO_MEMORY && aArg == GetDeletionArg()) {
+        auto* pDeletion = static_cast<CCmTimerDelete*>(aEh);
+        pDeletion->m_pNext = std::exchange(m_pDeletions, pDeletion);
+        nPushed = 0;
     }
     if (bWasEmpty)
         m_pObserver->OnObserve("TimerQueue");
-    if (nPushed == 0)
+    switch (nPushed) {
+    case 0:
         return CM_OK;
-    return nPushed == 1 ? CM_ERROR_FOUND : CM_ERROR_FAILURE;
+    case 1:
+        return CM_ERROR_FOUND;
+    case NO_MEMORY:
+        return CM_ERROR_OUT_OF_MEMORY;
+    default:
+        return CM_ERROR_FAILURE;
+    }
 }
+
+int CCmTimerQueueBase::PushNextPassNode_l(const CNode& aNode) {
+    CNode node = aNode;
+    node.m_llExpires = m_llPassNow + 1;
+    return PushNode_l(node);
+}
+
+void CCmTimerQueueBase::AdmitNextPassNodes_l(int64_t) {}
 
 CmResult CCmTimerQueueBase::CancelTimer(ICmTimerHandler* aEh) {
     if (!aEh)
@@ -76,42 +97,61 @@ CmResult CCmTimerQueueBase::CancelTimer(ICmTimerHandler* aEh) {
 }
 
 CCmTimeValue CCmTimerQueueBase::GetEarliestTime() {
-    Guard guard(m_Mutex);
     int64_t llExpires = 0;
-    return GetEarliestTime_l(llExpires) == 0 ? CCmTimeValue::FromUsec(llExpires) : CCmTimeValue::s_tvMax;
+    return GetEarliestUsec(llExpires) ? CCmTimeValue::FromUsec(llExpires) : CCmTimeValue::s_tvMax;
+}
+
+BOOL CCmTimerQueueBase::GetEarliestUsec(int64_t& aExpires) {
+    Guard guard(m_Mutex);
+    if (!m_pDeletions)
+        return GetEarliestTime_l(aExpires) == 0;
+    aExpires = CCmClock::GetTimeOfDayUsec();
+    return TRUE;
 }
 
 int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
     int nFired = 0;
     int64_t llEarliest = 0;
     int64_t llNow = 0;
-    if (GetEarliestTime_l(llEarliest) == 0) {  // an empty queue costs no look at the clock
+    if (m_pDeletions || GetEarliestTime_l(llEarliest) == 0) {  // an empty queue costs no look at the clock
         llNow = CCmClock::GetTimeOfDayUsec();
         nFired = FirePass_i(llNow);
     }
     if (aRemainTime) {
-        const BOOL bEmpty = GetEarliestTime_l(llEarliest) == -1;
-        *aRemainTime = bEmpty ? CCmTimeValue::s_tvMax : CCmTimeValue::FromUsec(std::max<int64_t>(llEarliest - llNow, 0));
+        const BOOL bAny = GetEarliestUsec(llEarliest);
+        *aRemainTime = bAny ? CCmTimeValue::FromUsec(std::max<int64_t>(llEarliest - llNow, 0)) : CCmTimeValue::s_tvMax;
     }
     return nFired;
 }
 
 int CCmTimerQueueBase::FirePass_i(int64_t aNow) {
-    // What was moved behind the last pass is due in this one, even if the clock has not moved since.
-    const int64_t llOuterPassNow = m_llPassNow;
+    const int64_t llOuterPassNow = std::exchange(m_llPassNow, aNow);
     const BOOL bOuterInPass = std::exchange(m_bInPass, TRUE);
-    m_llPassNow = std::exchange(m_bAheadOfClock, FALSE) ? std::max(aNow, llOuterPassNow + 1) : aNow;
-    const int64_t llPassNow = m_llPassNow;
     const CCmTimeValue tvNow = CCmTimeValue::FromUsec(aNow);
 
     int nFired = 0;
     CNode node;
-    while (PopDueNode_l(llPassNow, node)) {
+    RunDeletionsWithoutNode_i(tvNow);
+    AdmitNextPass_i(aNow);  // of a callback that called for this pass itself
+    while (PopDueNode_l(aNow, node)) {
         ++nFired;
         node.m_pEh->OnTimeout(tvNow, node.m_pArg);
     }
+    AdmitNextPass_i(aNow);
     m_bInPass = bOuterInPass;
+    m_llPassNow = llOuterPassNow;
     return nFired;
+}
+
+void CCmTimerQueueBase::RunDeletionsWithoutNode_i(const CCmTimeValue& aNow) {
+    CCmTimerDelete* pDeletion = std::exchange(m_pDeletions, nullptr);
+    while (pDeletion)
+        std::exchange(pDeletion, pDeletion->m_pNext)->OnTimeout(aNow, GetDeletionArg());
+}
+
+void CCmTimerQueueBase::AdmitNextPass_i(int64_t aNow) {
+    if (std::exchange(m_bNextPass, FALSE))
+        AdmitNextPassNodes_l(aNow);
 }
 
 BOOL CCmTimerQueueBase::PopDueNode_l(int64_t aNow, CNode& aNode) {
@@ -134,8 +174,12 @@ BOOL CCmTimerQueueBase::Advance(CNode& aNode, int64_t aNow) {
 
 void CCmTimerQueueBase::RunPendingDeletions() {
     CNode node;
-    while (PopFirstNode_l(node) == 0) {
-        if (node.m_pArg == GetDeletionArg())
-            node.m_pEh->OnTimeout(CCmTimeValue::FromUsec(node.m_llExpires), node.m_pArg);
-    }
+    AdmitNextPass_i(m_llPassNow);
+    do {
+        RunDeletionsWithoutNode_i(CCmTimeValue::s_tvZero);
+        while (PopFirstNode_l(node) == 0) {
+            if (node.m_pArg == GetDeletionArg())
+                node.m_pEh->OnTimeout(CCmTimeValue::FromUsec(node.m_llExpires), node.m_pArg);
+        }
+    } while (m_pDeletions);
 }

@@ -26,22 +26,29 @@ public:
     CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) override;
     CmResult CancelTimer(ICmTimerHandler* aEh) override;
 
-    // The first expiry; CCmTimeValue::s_tvMax when the queue is empty.
+    // The first expiry; CCmTimeValue::s_tvMax when the queue is empty. From the year 2038 on it is always that.
     CCmTimeValue GetEarliestTime();
+    // The same in microseconds and for any year. FALSE: the queue is empty.
+    BOOL GetEarliestUsec(int64_t& aExpires);
 
-    // Fires what was due when the call began and returns how many. Timers that a callback schedules with nothing to wait fire
-    // at the next call, so one that re-arms itself cannot hold the loop; one that a callback cancels does not fire. aRemainTime
-    // (may be null) receives how long the next one is away, never negative, s_tvMax if there is none.
+    // Fires what was due when the call began and returns how many. Timers that a callback schedules with nothing to wait are
+    // due at once, but fire at the next call: one that re-arms itself neither holds the loop nor lets it sleep. One that a
+    // callback cancels does not fire. aRemainTime (may be null) receives how long the next one is away, never negative, s_tvMax
+    // if there is none.
     int CheckExpire(CCmTimeValue* aRemainTime);
 
     // Ends the queue's use: objects whose deletion waits for a timer are deleted now, all other timers are dropped unfired.
     // Every concrete queue's destructor calls it.
     void RunPendingDeletions();
 
-    // An aArg that marks a timer as the deferred deletion of an object, which has to happen even when the queue ends first.
+    // An aArg that marks a timer as the deferred deletion of an object, which has to happen even when the queue ends first or
+    // has no memory; its handler is a CCmTimerDelete.
     static void* GetDeletionArg();
 
 protected:
+    // What PushNode_l and PushNextPassNode_l return when there is no memory.
+    static constexpr int NO_MEMORY = -1;
+
     // 0: inserted. 1: inserted in place of the node that the handler had. Anything else: failed.
     virtual int PushNode_l(const CNode& aNode) = 0;
     // 0: removed. 1: the handler has none.
@@ -56,6 +63,11 @@ protected:
     // for a queue that can do better than to pop and to push. FALSE: none is due.
     virtual BOOL PopDueNode_l(int64_t aNow, CNode& aNode);
 
+    // As PushNode_l for a node that is due, but not in the pass under way. One microsecond later unless overridden.
+    virtual int PushNextPassNode_l(const CNode& aNode);
+    // A pass begins or ends: nodes for the next pass are like any other from now on, due at aNow.
+    virtual void AdmitNextPassNodes_l(int64_t aNow);
+
     // Counts one firing at aNow and moves the expiry on. FALSE: that was the last.
     static BOOL Advance(CNode& aNode, int64_t aNow);
 
@@ -63,9 +75,12 @@ protected:
 
 private:
     int FirePass_i(int64_t aNow);
+    void AdmitNextPass_i(int64_t aNow);
+    void RunDeletionsWithoutNode_i(const CCmTimeValue& aNow);
 
-    ICmObserver* m_pObserver;      // not owned
-    int64_t m_llPassNow = 0;       // the moment up to which the last pass fired, or the one under way does
-    BOOL m_bInPass = FALSE;        // a callback is under way
-    BOOL m_bAheadOfClock = FALSE;  // a callback scheduled something due at once, which was moved behind its pass
+    ICmObserver* m_pObserver;                // not owned
+    CCmTimerDelete* m_pDeletions = nullptr;  // those for which there was no memory; due at once
+    int64_t m_llPassNow = 0;                 // the moment up to which the pass under way fires
+    BOOL m_bInPass = FALSE;                  // a callback is under way
+    BOOL m_bNextPass = FALSE;                // a callback scheduled something due, which waits for the next pass
 };

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "talvo/base/with_memory.h"
+
 namespace {
 
 constexpr DWORD EMPTY = 0xFFFFFFFF;
@@ -19,34 +21,68 @@ DWORD HashOf(const ICmTimerHandler* aEh) {
 CCmTimerQueueOrderedList::~CCmTimerQueueOrderedList() { RunPendingDeletions(); }
 
 int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
-    if ((m_dwEnd - ROOT) * size_t{2} >= m_Table.size())
-        Grow();
+    if (!HasRoom())
+        return NO_MEMORY;
     const DWORD dwHash = HashOf(aNode.m_pEh);
     CEntry& entry = m_Table[Find(dwHash, aNode.m_pEh)];
     const DWORD dwOrder = NextOrder();
     const bool bNew = entry.m_dwSlot == EMPTY;
     if (bNew)
-        entry = {dwHash, Item(m_dwEnd).GetSlot()};
+        entry = {dwHash, Item(m_dwTaken).GetSlot()};
     const DWORD dwSlot = entry.m_dwSlot;
     m_Slots[dwSlot] = {aNode.m_pEh, aNode.m_pArg, aNode.m_llInterval, aNode.m_dwCount};
-    if (bNew)
-        SiftUp(m_dwEnd++, {aNode.m_llExpires, dwOrder, dwSlot});
-    else
-        Settle(m_HeapIndexes[dwSlot], {aNode.m_llExpires, dwOrder, dwSlot});
+    const CHeapItem item(aNode.m_llExpires, dwOrder, dwSlot);
+    if (!bNew && m_HeapIndexes[dwSlot] < m_dwEnd) {
+        Settle(m_HeapIndexes[dwSlot], item);
+        return 1;
+    }
+    if (!bNew)
+        Remove(m_HeapIndexes[dwSlot]);  // which frees the slot for the item that is appended now
+    Append(item);
     return bNew ? 0 : 1;
+}
+
+// Makes room behind the heap, where the first of those for the next pass may stand.
+void CCmTimerQueueOrderedList::Append(CHeapItem aItem) {
+    if (m_dwEnd != m_dwTaken)
+        Place(m_dwTaken, Item(m_dwEnd));
+    ++m_dwTaken;
+    SiftUp(m_dwEnd++, aItem);
+}
+
+int CCmTimerQueueOrderedList::PushNextPassNode_l(const CNode& aNode) {
+    if (!HasRoom())
+        return NO_MEMORY;
+    const int nFound = EraseNode_l(aNode.m_pEh) == 0 ? 1 : 0;
+    const DWORD dwHash = HashOf(aNode.m_pEh);
+    const DWORD dwOrder = NextOrder();
+    const DWORD dwSlot = Item(m_dwTaken).GetSlot();
+    m_Table[Find(dwHash, aNode.m_pEh)] = {dwHash, dwSlot};
+    m_Slots[dwSlot] = {aNode.m_pEh, aNode.m_pArg, aNode.m_llInterval, aNode.m_dwCount};
+    m_llNextPassNow = aNode.m_llExpires;
+    Place(m_dwTaken++, {NEVER, dwOrder, dwSlot});
+    return nFound;
+}
+
+void CCmTimerQueueOrderedList::AdmitNextPassNodes_l(int64_t aNow) {
+    while (m_dwEnd != m_dwTaken) {
+        CHeapItem item = Item(m_dwEnd);
+        item.m_llExpires = aNow;
+        SiftUp(m_dwEnd++, item);
+    }
 }
 
 int CCmTimerQueueOrderedList::RePushNode_l(const CNode& aNode) { return PushNode_l(aNode); }
 
 int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
-    if (m_dwEnd == ROOT)
+    if (m_dwTaken == ROOT)
         return 1;
     const DWORD dwPosition = Find(HashOf(aEh), aEh);
     const DWORD dwSlot = m_Table[dwPosition].m_dwSlot;
     if (dwSlot == EMPTY)
         return 1;
     RemoveFromTable(dwPosition);
-    RemoveFromHeap(m_HeapIndexes[dwSlot]);
+    Remove(m_HeapIndexes[dwSlot]);
     return 0;
 }
 
@@ -74,9 +110,9 @@ BOOL CCmTimerQueueOrderedList::PopDueNode_l(int64_t aNow, CNode& aNode) {
 }
 
 int CCmTimerQueueOrderedList::GetEarliestTime_l(int64_t& aExpires) const {
-    if (m_dwEnd == ROOT)
+    if (m_dwTaken == ROOT)
         return -1;
-    aExpires = m_Heap[0].m_Items[ROOT].m_llExpires;
+    aExpires = m_dwEnd == m_dwTaken ? m_Heap[0].m_Items[ROOT].m_llExpires : m_llNextPassNow;
     return 0;
 }
 
@@ -147,20 +183,22 @@ DWORD CCmTimerQueueOrderedList::NextOrder() {
 
 // Begins the count anew behind the timers that wait, in the order they have. A sorted array is a heap.
 void CCmTimerQueueOrderedList::Renumber() {
-    std::vector<CHeapItem> items;
-    for (DWORD dwIndex = ROOT; dwIndex < m_dwEnd; ++dwIndex)
-        items.push_back(Item(dwIndex));
-    std::sort(items.begin(), items.end(), FiresBefore);
+    std::sort(&Item(ROOT), &Item(ROOT) + (m_dwTaken - ROOT), FiresBefore);  // those for the next pass stay behind: NEVER
     m_dwNextOrder = EMPTY;
-    for (; !items.empty(); items.pop_back())
-        Place(ROOT + static_cast<DWORD>(items.size()) - 1, {items.back().m_llExpires, --m_dwNextOrder, items.back().GetSlot()});
+    for (DWORD dwIndex = m_dwTaken; dwIndex-- > ROOT;)
+        Place(dwIndex, {Item(dwIndex).m_llExpires, --m_dwNextOrder, Item(dwIndex).GetSlot()});
 }
 
-// The last item fills the gap; the slot that is free now stands where the last was.
-void CCmTimerQueueOrderedList::RemoveFromHeap(DWORD aIndex) {
-    const CHeapItem last = Item(--m_dwEnd);
-    Item(m_dwEnd) = {NEVER, 0, Item(aIndex).GetSlot()};
-    if (aIndex < m_dwEnd)
+// The heap's last item fills the gap in it, the last at all the one behind it; the slot that is free now stands where that was.
+void CCmTimerQueueOrderedList::Remove(DWORD aIndex) {
+    const DWORD dwSlot = Item(aIndex).GetSlot();
+    const bool bInHeap = aIndex < m_dwEnd;
+    const DWORD dwGap = bInHeap ? --m_dwEnd : aIndex;
+    const CHeapItem last = Item(dwGap);
+    if (dwGap != --m_dwTaken)
+        Place(dwGap, Item(m_dwTaken));
+    Item(m_dwTaken) = {NEVER, 0, dwSlot};
+    if (bInHeap && aIndex < m_dwEnd)
         Settle(aIndex, last);
 }
 
@@ -169,7 +207,7 @@ void CCmTimerQueueOrderedList::RemoveFirst() {
     const DWORD dwSlot = Item(ROOT).GetSlot();
     DWORD dwPosition = Home(HashOf(m_Slots[dwSlot].m_pEh));
     __builtin_prefetch(&m_Table[dwPosition]);
-    RemoveFromHeap(ROOT);
+    Remove(ROOT);
     while (m_Table[dwPosition].m_dwSlot != dwSlot)
         dwPosition = (dwPosition + 1) & dwMask;
     RemoveFromTable(dwPosition);
@@ -198,17 +236,22 @@ void CCmTimerQueueOrderedList::RemoveFromTable(DWORD aPosition) {
     m_Table[dwGap].m_dwSlot = EMPTY;
 }
 
+BOOL CCmTimerQueueOrderedList::HasRoom() {
+    return (m_dwTaken - ROOT) * size_t{2} < m_Table.size() || talvo::WithMemory([this] { Grow(); });
+}
+
+// What has grown when the memory ends before the rest is larger than it need be, and nothing else: all goes by the table.
 void CCmTimerQueueOrderedList::Grow() {
     const size_t nTable = std::max(m_Table.size() * 2, SMALLEST_TABLE);
-    const DWORD dwTimers = m_dwEnd - ROOT;
+    const DWORD dwTimers = m_dwTaken - ROOT;
     const DWORD dwCapacity = static_cast<DWORD>(nTable / 2);
+    std::vector<CEntry> table(nTable, {0, EMPTY});
     m_Slots.resize(dwCapacity);
     m_HeapIndexes.resize(dwCapacity);
     m_Heap.resize((ROOT + dwCapacity + ARITY - 1) / ARITY);
-    for (DWORD dwIndex = m_dwEnd; dwIndex < m_Heap.size() * ARITY; ++dwIndex)
+    m_Table.swap(table);
+    for (DWORD dwIndex = m_dwTaken; dwIndex < m_Heap.size() * ARITY; ++dwIndex)
         Item(dwIndex) = {NEVER, 0, dwIndex - ROOT};
-
-    m_Table.assign(nTable, {0, EMPTY});
     for (DWORD dwSlot = 0; dwSlot < dwTimers; ++dwSlot) {
         const DWORD dwHash = HashOf(m_Slots[dwSlot].m_pEh);
         m_Table[Find(dwHash, m_Slots[dwSlot].m_pEh)] = {dwHash, dwSlot};

@@ -12,6 +12,11 @@
 // needed when a timer fires, m_HeapIndexes where each slot's item stands, which sifting writes at every level. m_Table finds a
 // handler's slot (open addressing, linear probing, never more than half full); the hash beside the slot answers for nearly
 // every probe. All grow together; once grown, nothing allocates.
+//
+// Timers for the next pass stand behind the heap, in any order, until they are admitted to it:
+//
+//   | heap, by expiry ... | for the next pass ... | free ... |
+//  ROOT                 m_dwEnd               m_dwTaken
 class TALVO_API CCmTimerQueueOrderedList : public CCmTimerQueueBase {
 public:
     explicit CCmTimerQueueOrderedList(ICmObserver* aObserver = nullptr) : CCmTimerQueueBase(aObserver) {}
@@ -24,6 +29,8 @@ protected:
     int PopFirstNode_l(CNode& aNode) override;
     int GetEarliestTime_l(int64_t& aExpires) const override;
     BOOL PopDueNode_l(int64_t aNow, CNode& aNode) override;
+    int PushNextPassNode_l(const CNode& aNode) override;
+    void AdmitNextPassNodes_l(int64_t aNow) override;
 
 private:
     static constexpr DWORD ARITY = 4;
@@ -64,8 +71,10 @@ private:
     DWORD NextOrder();
     void Renumber();
 
+    BOOL HasRoom();
+    void Append(CHeapItem aItem);
     void LoadFirst(CNode& aNode);
-    void RemoveFromHeap(DWORD aIndex);
+    void Remove(DWORD aIndex);
     void RemoveFromTable(DWORD aPosition);
     void RemoveFirst();
     DWORD Home(DWORD aHash) const { return static_cast<DWORD>(aHash * uint64_t{m_Table.size()} >> 32); }
@@ -76,7 +85,9 @@ private:
     std::vector<CSlot> m_Slots;
     std::vector<DWORD> m_HeapIndexes;
     std::vector<CEntry> m_Table;
-    DWORD m_dwEnd = ROOT;  // behind the last item of the heap
+    DWORD m_dwEnd = ROOT;         // behind the last item of the heap
+    DWORD m_dwTaken = ROOT;       // behind the last item at all
+    int64_t m_llNextPassNow = 0;  // when those for the next pass are due
     // Begins so low that the numbers soon run out: what then happens once in four billion pushes is no rarity in tests.
     DWORD m_dwNextOrder = 1000;
 };
