@@ -18,6 +18,7 @@ public:
     void Reset2CurrentThreadId() { m_dwThreadId = cm_thread_self_id(); }
     void Reset2ThreadId(unsigned long aId) { m_dwThreadId = static_cast<DWORD>(aId); }
 
+    BOOL IsCurrentThread() const { return m_dwThreadId == cm_thread_self_id(); }
     void EnsureSingleThread() const { assert(m_dwThreadId == cm_thread_self_id()); }
 
 private:

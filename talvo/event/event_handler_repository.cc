@@ -1,17 +1,30 @@
 #include "talvo/event/event_handler_repository.h"
 
 #include <algorithm>
+#include <utility>
 
-CmResult CCmEventHandlerRepository::Bind(HANDLE aFd, ACmEventHandler* aEh, long aMask) {
+#include "talvo/base/with_memory.h"
+
+CmResult CCmEventHandlerRepository::Reserve(HANDLE aFd) {
     if (aFd < 0)
         return CM_ERROR_INVALID_ARG;
     const size_t stIndex = static_cast<size_t>(aFd);
-    if (stIndex >= m_Elements.size())
-        m_Elements.resize(std::max(stIndex + 1, m_Elements.size() * 2));
-    CElement& element = m_Elements[stIndex];
+    if (stIndex < m_Elements.size())
+        return CM_OK;
+    const size_t stCount = std::max(stIndex + 1, m_Elements.size() * 2);
+    return talvo::WithMemory([&] { m_Elements.resize(stCount); }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+}
+
+CmResult CCmEventHandlerRepository::Bind(HANDLE aFd, ACmEventHandler* aEh, long aMask) {
+    if (const CmResult rv = Reserve(aFd); rv != CM_OK)
+        return rv;
+    CElement& element = At(aFd);
     const BOOL bFound = element.m_pEh != nullptr;
-    if (element.m_pEh != aEh)
-        element = CElement{nullptr, 0, ++m_dwBindings, FALSE};
+    if (element.m_pEh != aEh) {
+        Unmark(aFd);
+        element = CElement{};
+        element.m_dwBinding = ++m_dwBindings;
+    }
     element.m_pEh = aEh;
     element.m_lMask = aMask;
     element.m_bHasRead |= (aMask & ACmEventHandler::READ_MASK) != 0;
@@ -21,6 +34,44 @@ CmResult CCmEventHandlerRepository::Bind(HANDLE aFd, ACmEventHandler* aEh, long 
 CmResult CCmEventHandlerRepository::UnBind(HANDLE aFd) {
     if (aFd < 0 || static_cast<size_t>(aFd) >= m_Elements.size())
         return CM_ERROR_INVALID_ARG;
-    m_Elements[static_cast<size_t>(aFd)] = CElement{};
+    Unmark(aFd);
+    At(aFd) = CElement{};
     return CM_OK;
+}
+
+void CCmEventHandlerRepository::Clear() {
+    m_Elements.clear();
+    m_fdFirstMarked = m_fdLastMarked = CM_INVALID_HANDLE;
+    m_nMarked = 0;
+}
+
+void CCmEventHandlerRepository::Mark(HANDLE aFd, long aMask) {
+    const DWORD dwMask = static_cast<DWORD>(aMask);
+    if (dwMask == 0 || std::exchange(At(aFd).m_dwNotified, At(aFd).m_dwNotified | dwMask) != 0)
+        return;
+    (m_nMarked == 0 ? m_fdFirstMarked : At(m_fdLastMarked).m_fdNextNotified) = aFd;
+    m_fdLastMarked = aFd;
+    ++m_nMarked;
+}
+
+HANDLE CCmEventHandlerRepository::TakeMarked(long& aMask) {
+    if (m_nMarked == 0)
+        return CM_INVALID_HANDLE;
+    const HANDLE fd = m_fdFirstMarked;
+    aMask = static_cast<long>(At(fd).m_dwNotified);
+    Unmark(fd);
+    return fd;
+}
+
+void CCmEventHandlerRepository::Unmark(HANDLE aFd) {
+    if (std::exchange(At(aFd).m_dwNotified, 0u) == 0)
+        return;
+    HANDLE fdBefore = CM_INVALID_HANDLE;
+    for (HANDLE fd = m_fdFirstMarked; fd != aFd; fd = At(fd).m_fdNextNotified)
+        fdBefore = fd;
+    (fdBefore == CM_INVALID_HANDLE ? m_fdFirstMarked : At(fdBefore).m_fdNextNotified) = At(aFd).m_fdNextNotified;
+    if (m_fdLastMarked == aFd)
+        m_fdLastMarked = fdBefore;
+    At(aFd).m_fdNextNotified = CM_INVALID_HANDLE;
+    --m_nMarked;
 }

@@ -14,6 +14,8 @@ public:
         long m_lMask = ACmEventHandler::NULL_MASK;
         DWORD m_dwBinding = 0;
         BOOL m_bHasRead = FALSE;  // was registered for reading at some time since it was bound
+        DWORD m_dwNotified = 0;   // a mask; not 0: on the list of marked handles
+        HANDLE m_fdNextNotified = CM_INVALID_HANDLE;
     };
 
     // Null when the handle has no handler. Valid until the next Bind.
@@ -26,16 +28,32 @@ public:
     // The number that the next binding of a handler to a handle will have.
     DWORD GetNextBinding() const { return m_dwBindings + 1; }
 
+    // Makes room for a handle, so that binding it cannot fail. CM_ERROR_OUT_OF_MEMORY; CM_ERROR_INVALID_ARG for an invalid one.
+    CmResult Reserve(HANDLE aFd);
+
     // Binds, or changes the mask (the binding stays) or the handler (a new binding). CM_OK, CM_ERROR_FOUND when it was bound,
-    // CM_ERROR_INVALID_ARG for an invalid handle.
+    // else as Reserve.
     CmResult Bind(HANDLE aFd, ACmEventHandler* aEh, long aMask);
 
     // CM_ERROR_INVALID_ARG for an invalid handle.
     CmResult UnBind(HANDLE aFd);
 
-    void Clear() { m_Elements.clear(); }
+    void Clear();
+
+    // Marks a handle of this repository for aMask, behind those that are marked already. The binding's end takes the mark away.
+    // Needs no memory.
+    void Mark(HANDLE aFd, long aMask);
+    size_t GetMarkedCount() const { return m_nMarked; }
+    // Takes the first mark away and gives its mask. CM_INVALID_HANDLE: none.
+    HANDLE TakeMarked(long& aMask);
 
 private:
+    CElement& At(HANDLE aFd) { return m_Elements[static_cast<size_t>(aFd)]; }
+    void Unmark(HANDLE aFd);
+
     std::vector<CElement> m_Elements;
     DWORD m_dwBindings = 0;
+    HANDLE m_fdFirstMarked = CM_INVALID_HANDLE;
+    HANDLE m_fdLastMarked = CM_INVALID_HANDLE;
+    size_t m_nMarked = 0;
 };

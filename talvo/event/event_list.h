@@ -1,17 +1,15 @@
 // The events that wait in a queue or are run in one go.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <utility>
-#include <vector>
 
-class ICmEvent;
+#include "talvo/event/event_queue.h"
 
 namespace talvo {
 
-// First in, first out: a row of pointers, taken off at the front by moving the front. What it has grown to it keeps, up to a
-// bound, so that a queue in use allocates nothing. Does not own the events.
+// First in, first out, linked through the events themselves: a list needs no memory, so an event that was made can always be
+// posted. The last one points to itself, and an event in no list to nothing. Does not own the events.
 class CEventList {
 public:
     CEventList() = default;
@@ -21,57 +19,67 @@ public:
         return *this;
     }
 
-    bool empty() const { return m_nFront == m_Row.size(); }
-    size_t size() const { return m_Row.size() - m_nFront; }
-    ICmEvent* const* begin() const { return m_Row.data() + m_nFront; }
-    ICmEvent* const* end() const { return m_Row.data() + m_Row.size(); }
+    // Whether the event is in any list.
+    static bool IsListed(const ICmEvent& aEvent) { return aEvent.m_pNext != nullptr; }
 
-    void Append(ICmEvent* aEvent) { m_Row.push_back(aEvent); }
+    bool empty() const { return m_nCount == 0; }
+    size_t size() const { return m_nCount; }
+
+    // aEvent is in no list.
+    void Append(ICmEvent* aEvent) {
+        aEvent->m_pNext = aEvent;
+        Link(aEvent, aEvent, 1);
+    }
+
+    // Null: the list is empty.
+    ICmEvent* TakeFirst() {
+        if (empty())
+            return nullptr;
+        --m_nCount;
+        ICmEvent* pEvent = m_pFirst;
+        m_pFirst = std::exchange(pEvent->m_pNext, nullptr);
+        return pEvent;
+    }
 
     // Moves the aCount oldest events of aFrom, or all if it has fewer, behind this list's.
     void TakeFrom(CEventList& aFrom, size_t aCount) {
-        if (empty() && aCount >= aFrom.size() && aFrom.size() > FEW) {  // with few, each list had better keep its memory
-            Swap(aFrom);
+        if (aCount == 0 || aFrom.empty())
+            return;
+        if (aCount >= aFrom.size()) {
+            Link(aFrom.m_pFirst, aFrom.m_pLast, std::exchange(aFrom.m_nCount, 0));
             return;
         }
-        const size_t nTaken = std::min(aCount, aFrom.size());
-        m_Row.reserve(m_Row.size() + nTaken);
-        for (size_t n = 0; n < nTaken; ++n)
-            m_Row.push_back(aFrom.begin()[n]);
-        aFrom.DropFront(nTaken);
+        ICmEvent* pLast = aFrom.m_pFirst;
+        for (size_t n = 1; n < aCount; ++n)
+            pLast = pLast->m_pNext;
+        ICmEvent* pFirst = std::exchange(aFrom.m_pFirst, std::exchange(pLast->m_pNext, pLast));
+        aFrom.m_nCount -= aCount;
+        Link(pFirst, pLast, aCount);
     }
 
-    // Has the memory of the next few events on its way while others run: another thread wrote it, so that each would have to
-    // be waited for.
+    // Has the memory of the next event on its way while others run: another thread wrote it, so that it would have to be waited
+    // for.
     void Prefetch() const {
-        const size_t nCount = std::min(size(), AHEAD);
-        for (size_t n = 0; n < nCount; ++n)
-            __builtin_prefetch(begin()[n], 1);
+        if (!empty())
+            __builtin_prefetch(m_pFirst, 1);
     }
 
 private:
-    static constexpr size_t AHEAD = 8;
-    static constexpr size_t FEW = 16;
-    static constexpr size_t MOST_KEPT = 4096;  // pointers
+    void Link(ICmEvent* aFirst, ICmEvent* aLast, size_t aCount) {
+        (empty() ? m_pFirst : m_pLast->m_pNext) = aFirst;
+        m_pLast = aLast;
+        m_nCount += aCount;
+    }
 
     void Swap(CEventList& aOther) {
-        m_Row.swap(aOther.m_Row);
-        std::swap(m_nFront, aOther.m_nFront);
+        std::swap(m_pFirst, aOther.m_pFirst);
+        std::swap(m_pLast, aOther.m_pLast);
+        std::swap(m_nCount, aOther.m_nCount);
     }
 
-    void DropFront(size_t aCount) {
-        m_nFront += aCount;
-        if (!empty())
-            return;
-        m_nFront = 0;
-        if (m_Row.capacity() > MOST_KEPT)
-            std::vector<ICmEvent*>().swap(m_Row);  // an empty list assigned would keep it
-        else
-            m_Row.clear();
-    }
-
-    std::vector<ICmEvent*> m_Row;
-    size_t m_nFront = 0;
+    ICmEvent* m_pFirst = nullptr;  // both stale while the list is empty
+    ICmEvent* m_pLast = nullptr;
+    size_t m_nCount = 0;
 };
 
 }  // namespace talvo

@@ -1,5 +1,7 @@
 #include "talvo/event/event_memory.h"
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cstdint>
 #include <new>
@@ -29,7 +31,7 @@ struct alignas(BLOCK_ALIGNMENT) CSlab {
 
 constinit CSpares<MOST_SPARES> s_Spares;
 
-void* NewSlabMemory(size_t aSize) { return ::operator new (aSize, std::align_val_t{SLAB_ALIGNMENT}); }
+void* NewSlabMemory(size_t aSize) { return ::operator new (aSize, std::align_val_t{SLAB_ALIGNMENT}, std::nothrow); }
 
 void End(CSlab* aSlab) {
     const bool bSpare = !aSlab->m_bOne;
@@ -44,7 +46,10 @@ void GiveBack(CSlab* aSlab, int aBlocks) {
 }
 
 void* TakeOne(size_t aSize) {
-    auto* pSlab = new (NewSlabMemory(sizeof(CSlab) + aSize)) CSlab(1);
+    void* pMemory = NewSlabMemory(sizeof(CSlab) + aSize);
+    if (!pMemory)
+        return nullptr;
+    auto* pSlab = new (pMemory) CSlab(1);
     pSlab->m_bOne = true;
     return pSlab + 1;
 }
@@ -66,27 +71,32 @@ void Close(bool aEnded) {
         GiveBack(open.m_pSlab, -open.m_nBlocks);
 }
 
-struct CThreadEnd {
-    ~CThreadEnd() { Close(true); }
-};
+// Has the slab closed at the calling thread's end. A key of the threads' library does it, since a thread-local object would
+// need memory, without which the process ends. False: a key cannot be had.
+bool CloseAtThreadEnd() {
+    static pthread_key_t s_Key;
+    static const bool s_bKey = pthread_key_create(&s_Key, [](void*) { Close(true); }) == 0;
+    return s_bKey && pthread_setspecific(s_Key, &t_Open) == 0;
+}
 
 bool Open() {
-    static thread_local CThreadEnd end;
-    if (t_Open.m_bEnded)
+    if (t_Open.m_bEnded || !CloseAtThreadEnd())
         return false;
     Close(false);
     void* pMemory = s_Spares.Take();
     if (!pMemory)
         pMemory = NewSlabMemory(SLAB_SIZE);
+    if (!pMemory)
+        return false;
     t_Open = {new (pMemory) CSlab(0), sizeof(CSlab), 0, false};
     return true;
 }
 
 }  // namespace
 
-void* take_event_memory(size_t aSize) {
+void* take_event_memory(size_t aSize) noexcept {
     if (!REUSES_MEMORY)
-        return ::operator new(aSize);
+        return ::operator new(aSize, std::nothrow);
     if (aSize > LARGEST)
         return TakeOne(aSize);
     const size_t nSize = (aSize + BLOCK_ALIGNMENT - 1) & ~(BLOCK_ALIGNMENT - 1);

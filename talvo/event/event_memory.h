@@ -10,8 +10,8 @@ namespace talvo {
 // a slab is used again when the last of its blocks has come back, from whatever threads. So events that are posted together
 // lie together, and taking and giving are a few instructions. A few slabs are kept for all threads.
 //
-// A block that is kept for long keeps its slab. Throws std::bad_alloc.
-void* take_event_memory(size_t aSize);
+// A block that is kept for long keeps its slab. Null: out of memory.
+void* take_event_memory(size_t aSize) noexcept;
 
 // Any thread; null does nothing.
 void give_event_memory(void* aMemory) noexcept;

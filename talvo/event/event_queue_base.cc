@@ -11,14 +11,11 @@
 
 ICmEvent::~ICmEvent() = default;
 void ICmEvent::OnDestorySelf() { delete this; }
-void* ICmEvent::operator new(size_t aSize) { return talvo::take_event_memory(aSize); }
-void* ICmEvent::operator new(size_t aSize, const std::nothrow_t&) noexcept {
-    try {
-        return talvo::take_event_memory(aSize);
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
+void* ICmEvent::operator new(size_t aSize) {
+    void* pMemory = talvo::take_event_memory(aSize);
+    return pMemory ? pMemory : throw std::bad_alloc();
 }
+void* ICmEvent::operator new(size_t aSize, const std::nothrow_t&) noexcept { return talvo::take_event_memory(aSize); }
 void ICmEvent::operator delete(void* aMemory) noexcept { talvo::give_event_memory(aMemory); }
 void ICmEvent::operator delete(void* aMemory, const std::nothrow_t&) noexcept { talvo::give_event_memory(aMemory); }
 ICmEventQueue::~ICmEventQueue() = default;
@@ -34,6 +31,8 @@ CmResult CCmEventQueueBase::PostEvent(ICmEvent* aEvent, EPriority) { return Refu
 CmResult CCmEventQueueBase::Append_l(ICmEvent* aEvent) {
     if (!aEvent)
         return CM_ERROR_INVALID_ARG;
+    if (EventsType::IsListed(*aEvent))
+        return CM_ERROR_ALREADY_INITIALIZED;
     if (m_bStopped)
         return CM_ERROR_NOT_INITIALIZED;
     m_Arrived.Append(aEvent);
@@ -52,6 +51,8 @@ CmResult CCmEventQueueBase::Refuse(ICmEvent* aEvent, CmResult aReason) {
 CmResult CCmEventQueueBase::SendEvent(ICmEvent* aEvent) {
     if (!aEvent)
         return CM_ERROR_INVALID_ARG;
+    if (EventsType::IsListed(*aEvent))
+        return CM_ERROR_ALREADY_INITIALIZED;
     if (m_bStopped) {
         CM_WARNING_TRACE_THIS("CCmEventQueueBase::SendEvent, has been stopped.");
         aEvent->OnDestorySelf();
@@ -103,13 +104,13 @@ CmResult CCmEventQueueBase::PopOnePendingEvent(ICmEvent*& aEvent, unsigned long*
     EventsType events;
     const CmResult rv = PopPendingEvents(events, 1, aRemain);
     if (rv == CM_OK)
-        aEvent = *events.begin();
+        aEvent = events.TakeFirst();
     return rv;
 }
 
-CmResult CCmEventQueueBase::ProcessEvents(const EventsType& aEvents) {
+CmResult CCmEventQueueBase::ProcessEvents(EventsType& aEvents) {
     const talvo::CEventBatch batch;
-    for (ICmEvent* pEvent : aEvents)
+    while (ICmEvent* pEvent = aEvents.TakeFirst())
         ProcessOneEvent(pEvent);
     return CM_OK;
 }
@@ -132,7 +133,7 @@ CCmEventQueueBase::EventsType CCmEventQueueBase::TakeAll() {
 void CCmEventQueueBase::DestoryPendingEvents() {
     // An event that is destroyed may post another, so the list is looked at again.
     for (EventsType events = TakeAll(); !events.empty(); events = TakeAll()) {
-        for (ICmEvent* pEvent : events)
+        while (ICmEvent* pEvent = events.TakeFirst())
             pEvent->OnDestorySelf();
     }
 }

@@ -29,8 +29,8 @@ public:
     // Makes the calling thread the owner.
     void Reset2CurrentThreadId();
 
-    // Runs a batch in order, to its end even when the queue is stopped meanwhile. CM_OK.
-    CmResult ProcessEvents(const EventsType& aEvents);
+    // Runs a batch in order, to its end even when the queue is stopped meanwhile, and leaves the list empty. CM_OK.
+    CmResult ProcessEvents(EventsType& aEvents);
     // OnEventFire, then OnDestorySelf; CM_OK, or CM_ERROR_INVALID_ARG for null.
     CmResult ProcessOneEvent(ICmEvent* aEvent);
 

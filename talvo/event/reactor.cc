@@ -1,8 +1,6 @@
 #include "talvo/event/reactor.h"
 
-#include <algorithm>
-#include <vector>
-
+#include "talvo/base/immortal.h"
 #include "talvo/base/mutex.h"
 
 HANDLE ACmEventHandler::GetHandle() const { return CM_INVALID_HANDLE; }
@@ -13,15 +11,15 @@ ACmEventHandler::~ACmEventHandler() = default;
 
 namespace {
 
-// All reactors there are. Never destroyed: threads may outlive the end of main.
+// All reactors there are.
 struct CLiveReactors {
     CCmMutexThread m_Mutex;
-    std::vector<const ICmReactor*> m_Reactors CM_GUARDED_BY(m_Mutex);
+    ICmReactor* m_pFirst CM_GUARDED_BY(m_Mutex) = nullptr;
 };
 
 CLiveReactors& LiveReactors() {
-    static CLiveReactors& s_Live = *new CLiveReactors;
-    return s_Live;
+    static talvo::CImmortalT<CLiveReactors> s_Live;  // threads may outlive the end of main
+    return *s_Live;
 }
 
 using Guard = CCmMutexGuardT<CCmMutexThread>;
@@ -31,13 +29,19 @@ using Guard = CCmMutexGuardT<CCmMutexThread>;
 ICmReactor::ICmReactor() {
     CLiveReactors& live = LiveReactors();
     Guard guard(live.m_Mutex);
-    live.m_Reactors.push_back(this);
+    m_pNextAlive = live.m_pFirst;
+    m_ppBackAlive = &live.m_pFirst;
+    if (m_pNextAlive)
+        m_pNextAlive->m_ppBackAlive = &m_pNextAlive;
+    live.m_pFirst = this;
 }
 
 ICmReactor::~ICmReactor() {
     CLiveReactors& live = LiveReactors();
     Guard guard(live.m_Mutex);
-    std::erase(live.m_Reactors, this);
+    *m_ppBackAlive = m_pNextAlive;
+    if (m_pNextAlive)
+        m_pNextAlive->m_ppBackAlive = m_ppBackAlive;
 }
 
 DWORD ICmReactor::GetProperty() const { return 0; }
@@ -46,5 +50,8 @@ CmResult ICmReactor::PostEventQuietly(ICmEvent* aEvent) { return PostEvent(aEven
 BOOL ICmReactor::IsAlive(const ICmReactor* aReactor) {
     CLiveReactors& live = LiveReactors();
     Guard guard(live.m_Mutex);
-    return std::find(live.m_Reactors.begin(), live.m_Reactors.end(), aReactor) != live.m_Reactors.end();
+    const ICmReactor* pReactor = live.m_pFirst;
+    while (pReactor && pReactor != aReactor)
+        pReactor = pReactor->m_pNextAlive;
+    return pReactor != nullptr;
 }

@@ -49,6 +49,7 @@ public:
     ICmReactor();
 
     // Makes the calling thread the owner. CM_ERROR_ALREADY_INITIALIZED: open already. CM_ERROR_NOT_AVAILABLE: was closed.
+    // CM_ERROR_OUT_OF_MEMORY.
     virtual CmResult Open() = 0;
 
     // Watches aEh->GetHandle() for what aMask says; always for close. The handler is not owned and must be removed before it
@@ -56,7 +57,7 @@ public:
     // then reported for the kinds that are new. With DATAGRAM_MASK a failure that the system has noted is reported as readiness
     // to read, for OnInput to fetch, and never as a close; and OnInput is called again while there is something to read,
     // whatever it returned. CM_OK: new, or nothing to change. CM_ERROR_FOUND: changed; also a success. CM_ERROR_INVALID_ARG:
-    // aEh is null or the mask is empty. CM_ERROR_UNEXPECTED: the system refuses the handle.
+    // aEh is null or the mask is empty. CM_ERROR_UNEXPECTED: the system refuses the handle. CM_ERROR_OUT_OF_MEMORY.
     virtual CmResult RegisterHandler(ACmEventHandler* aEh, long aMask) = 0;
 
     // Takes the kinds in aMask away, and the handler when none is left; never calls OnClose. CM_OK: gone, or it had none of
@@ -65,7 +66,8 @@ public:
     virtual CmResult RemoveHandler(ACmEventHandler* aEh, long aMask) = 0;
 
     // Reports aMask to aEh from the loop as if it had become ready; nothing happens if aEh is no longer registered then. Any
-    // thread; from another than the reactor's the caller must know that aEh is alive during the call.
+    // thread; from another than the reactor's the caller must know that aEh is alive during the call. CM_OK, or
+    // CM_ERROR_OUT_OF_MEMORY.
     virtual CmResult NotifyHandler(ACmEventHandler* aEh, long aMask) = 0;
 
     // Runs until StopEventLoop. CM_ERROR_NOT_INITIALIZED: not open. CM_ERROR_ALREADY_INITIALIZED: from inside a callback.
@@ -88,4 +90,9 @@ public:
     static BOOL IsAlive(const ICmReactor* aReactor);
 
     ~ICmReactor() override;
+
+private:
+    // In the list of all reactors, which has to take every one.
+    ICmReactor* m_pNextAlive = nullptr;
+    ICmReactor** m_ppBackAlive = nullptr;
 };

@@ -45,7 +45,9 @@ CmResult CCmReactorBase::RegisterHandler(ACmEventHandler* aEh, long aMask) {
     const HANDLE fd = aEh->GetHandle();
     const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(fd);
     if (!pElement) {
-        const CmResult rv = OnHandleRegister(fd, lMask | (aMask & FLAG_MASK), aEh);
+        CmResult rv = fd == CM_INVALID_HANDLE ? CM_OK : m_Handlers.Reserve(fd);
+        if (rv == CM_OK)
+            rv = OnHandleRegister(fd, lMask | (aMask & FLAG_MASK), aEh);
         return rv == CM_OK ? m_Handlers.Bind(fd, aEh, lMask) : rv;
     }
     if (pElement->m_pEh == aEh && pElement->m_lMask == lMask)
@@ -157,16 +159,16 @@ CmResult CCmReactorBase::ProcessEventQueue_i() {
     if (!m_EventQueue.HasMoreThan(MAX_EVENTS_A_REPORT))
         m_bWakeUpUnderWay = FALSE;
     CCmEventQueueBase::EventsType events;
-    const CmResult rv = m_EventQueue.PopPendingEventsWithLock(events, MAX_EVENTS_A_REPORT, nullptr);
+    unsigned long ulRemain = 0;
+    const CmResult rv = m_EventQueue.PopPendingEventsWithLock(events, MAX_EVENTS_A_REPORT, &ulRemain);
     if (rv != CM_OK)
         return rv;
+    if (ulRemain > 0 && !m_bWakeUpUnderWay)
+        m_bWakeUpUnderWay = TRUE;
     m_Counters.m_ullEvents += events.size();
     m_EventQueue.ProcessEvents(events);
-    if (m_EventQueue.HasMoreThan(0) || GetPendingEventsCount() > 0) {
-        if (!m_bWakeUpUnderWay)
-            m_bWakeUpUnderWay = TRUE;
+    if (ulRemain > 0)  // what was posted since has notified by itself
         NotifyHandler(nullptr, ACmEventHandler::EVENTQUEUE_MASK);
-    }
     return rv;
 }
 

@@ -11,10 +11,13 @@
 #include <climits>
 #include <new>
 #include <tuple>
+#include <utility>
 
 #include "talvo/base/clock.h"
 #include "talvo/base/config.h"
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
+#include "talvo/event/callback_guard.h"
 
 namespace {
 
@@ -78,30 +81,45 @@ DWORD WatchDatagrams(long aMask) {
 
 }  // namespace
 
-CCmReactorEpoll::CCmReactorEpoll()
-    : m_fdEpoll(epoll_create1(EPOLL_CLOEXEC)),
-      m_fdWakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      m_llTickUsec(ReadTickUsec()),
-      m_fdTick(MakeTick(m_llTickUsec)),
-      m_pReports(new epoll_event[MAX_REPORTS]) {
-    // With edges nobody has to read the eventfd back.
-    const BOOL bWoken = WatchByEdge(m_fdEpoll, m_fdWakeUp, WAKE_UP_DATA) && WatchByEdge(m_fdEpoll, m_fdTick, TICK_DATA);
-    m_nError = bWoken ? 0 : errno;
+CCmReactorEpoll::CCmReactorEpoll() : m_llTickUsec(ReadTickUsec()), m_pReports(new (std::nothrow) epoll_event[MAX_REPORTS]) {
+    OpenHandles_i();
 }
 
 CCmReactorEpoll::~CCmReactorEpoll() {
     CCmReactorBase::Close();
-    for (const HANDLE fd : {m_fdTick, m_fdWakeUp, m_fdEpoll}) {
-        if (fd != CM_INVALID_HANDLE)
-            close(fd);
+    CloseHandles_i();
+}
+
+// Handles may be registered before Open; without descriptors now, Open tries again. 0, or why the system refused. With edges
+// nobody has to read the eventfd back.
+int CCmReactorEpoll::OpenHandles_i() {
+    if (m_fdEpoll != CM_INVALID_HANDLE)
+        return 0;
+    errno = 0;
+    m_fdEpoll = epoll_create1(EPOLL_CLOEXEC);
+    if (m_fdEpoll != CM_INVALID_HANDLE && (m_fdWakeUp = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) != CM_INVALID_HANDLE &&
+        (m_fdTick = MakeTick(m_llTickUsec)) != CM_INVALID_HANDLE && WatchByEdge(m_fdEpoll, m_fdWakeUp, WAKE_UP_DATA) &&
+        WatchByEdge(m_fdEpoll, m_fdTick, TICK_DATA))
+        return 0;
+    const int nError = errno;
+    CloseHandles_i();
+    return nError;
+}
+
+void CCmReactorEpoll::CloseHandles_i() {
+    for (HANDLE* pFd : {&m_fdTick, &m_fdWakeUp, &m_fdEpoll}) {
+        if (*pFd != CM_INVALID_HANDLE)
+            close(std::exchange(*pFd, CM_INVALID_HANDLE));
     }
 }
 
 CmResult CCmReactorEpoll::Open() {
-    if (m_nError != 0) {
-        CM_ERROR_TRACE_THIS("CCmReactorEpoll::Open, no descriptor for epoll, eventfd or timerfd. err=" << m_nError);
+    if (const int nError = OpenHandles_i(); nError != 0) {
+        CM_ERROR_TRACE_THIS("CCmReactorEpoll::Open, no descriptor for epoll, eventfd or timerfd. err=" << nError);
         return CM_ERROR_UNEXPECTED;
     }
+    if (!m_pReports)
+        return CM_ERROR_OUT_OF_MEMORY;
     return CCmReactorBase::Open();
 }
 
@@ -113,8 +131,10 @@ CmResult CCmReactorEpoll::RunEventLoop() {
     m_Est.EnsureSingleThread();
     if (m_bRunning)
         return CM_ERROR_ALREADY_INITIALIZED;
-    while (!m_bStop.exchange(FALSE))
-        Turn_i(m_llTickUsec);
+    talvo::guard_callbacks([this] {
+        while (!m_bStop.exchange(FALSE))
+            Turn_i(m_llTickUsec);
+    });
     return CM_OK;
 }
 
@@ -130,7 +150,8 @@ CmResult CCmReactorEpoll::RunOnce(const CCmTimeValue* aTimeout) {
     m_Est.EnsureSingleThread();
     if (m_bRunning)
         return CM_ERROR_ALREADY_INITIALIZED;
-    Turn_i(aTimeout ? std::clamp<int64_t>(aTimeout->GetTotalInUsec(), 0, m_llTickUsec) : m_llTickUsec);
+    const int64_t llWait = aTimeout ? std::clamp<int64_t>(aTimeout->GetTotalInUsec(), 0, m_llTickUsec) : m_llTickUsec;
+    talvo::guard_callbacks([=, this] { Turn_i(llWait); });
     return CM_OK;
 }
 
@@ -152,10 +173,10 @@ void CCmReactorEpoll::Turn_i(int64_t aMaxWaitUsec) {
 // brings work later sees the announcement and wakes the loop.
 int CCmReactorEpoll::GetWaitMsec_i(int64_t aMaxWaitUsec) {
     int64_t llWait = aMaxWaitUsec;
-    const CCmTimeValue tvEarliest = m_pTimerQueue->GetEarliestTime();
-    if (tvEarliest != CCmTimeValue::s_tvMax)
-        llWait = std::clamp<int64_t>(tvEarliest.GetTotalInUsec() - CCmClock::GetTimeOfDayUsec(), 0, llWait);
-    if (llWait == 0)
+    int64_t llEarliest = 0;
+    if (m_pTimerQueue->GetEarliestUsec(llEarliest))
+        llWait = std::clamp<int64_t>(llEarliest - CCmClock::GetTimeOfDayUsec(), 0, llWait);
+    if (llWait == 0 || m_Handlers.GetMarkedCount() > 0)
         return 0;
     m_bSleeping = TRUE;
     if (m_bWakeUpUnderWay || m_bHasNotifications || m_bStop || GetPendingEventsCount() > 0)
@@ -260,29 +281,56 @@ BOOL CCmReactorEpoll::DrainBeforeClose_i(HANDLE aFd, DWORD aBinding, CmResult aR
     return pElement && (!IsPaused(*pElement) || aReason == CM_ERROR_NETWORK_SOCKET_ERROR);
 }
 
+// In the reactor's thread the mark stands beside the registration, so that no memory is needed: a handler that waits for this
+// report may get no other.
 CmResult CCmReactorEpoll::NotifyHandler(ACmEventHandler* aEh, long aMask) {
-    if (aEh) {
+    if (!aEh) {
+        WakeUp_i();
+        return CM_OK;
+    }
+    if (m_Est.IsCurrentThread()) {
+        const HANDLE fd = aEh->GetHandle();
+        const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(fd);
+        if (pElement && pElement->m_pEh == aEh)
+            m_Handlers.Mark(fd, aMask);
+        return CM_OK;
+    }
+    {
         Guard guard(m_NotificationMutex);
-        m_Notifications.push_back({aEh, aEh->GetHandle(), aMask});
+        if (!AddNotification_l(aEh, aMask))
+            return CM_ERROR_OUT_OF_MEMORY;
         m_bHasNotifications = TRUE;
     }
     WakeUp_i();
     return CM_OK;
 }
 
+BOOL CCmReactorEpoll::AddNotification_l(ACmEventHandler* aEh, long aMask) {
+    std::vector<CNotification>& notifications = m_Notifications;
+    return talvo::WithMemory([&] { notifications.push_back({aEh, aEh->GetHandle(), aMask}); });
+}
+
+// What other threads ask for is marked like the rest. Only what is marked now: a handler that marks itself again waits for the
+// next turn.
 void CCmReactorEpoll::ProcessNotifications_i() {
-    if (!m_bHasNotifications.exchange(FALSE))
-        return;
-    std::vector<CNotification> notifications;
-    {
-        Guard guard(m_NotificationMutex);
-        notifications.swap(m_Notifications);
+    if (m_bHasNotifications.exchange(FALSE)) {
+        std::vector<CNotification> notifications;
+        {
+            Guard guard(m_NotificationMutex);
+            notifications.swap(m_Notifications);
+        }
+        for (const CNotification& notification : notifications) {
+            const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(notification.m_Fd);
+            if (pElement && pElement->m_pEh == notification.m_pEh)
+                m_Handlers.Mark(notification.m_Fd, notification.m_lMask);
+        }
     }
-    for (const CNotification& notification : notifications) {
-        const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(notification.m_Fd);
-        if (!pElement || pElement->m_pEh != notification.m_pEh)
-            continue;
-        ProcessHandleEvent(notification.m_Fd, notification.m_lMask, CM_OK, TRUE, FALSE);
+    long lMask = 0;
+    for (size_t nMarked = m_Handlers.GetMarkedCount(); nMarked > 0; --nMarked) {
+        const HANDLE fd = m_Handlers.TakeMarked(lMask);
+        if (fd == CM_INVALID_HANDLE)
+            return;
+        ProcessHandleEvent(fd, lMask, CM_OK, TRUE, FALSE);
         ProcessTimerTick();
     }
 }

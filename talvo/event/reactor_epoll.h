@@ -23,7 +23,7 @@ public:
     CCmReactorEpoll();
     ~CCmReactorEpoll() override;
 
-    // CM_ERROR_UNEXPECTED: the system has no descriptor left for it.
+    // CM_ERROR_UNEXPECTED: the system has no descriptor left for it; it may be called again.
     CmResult Open() override;
     CmResult NotifyHandler(ACmEventHandler* aEh, long aMask) override;
     CmResult RunEventLoop() override;
@@ -46,6 +46,8 @@ private:
         long m_lMask;
     };
 
+    int OpenHandles_i();
+    void CloseHandles_i();
     void Turn_i(int64_t aMaxWaitUsec);
     int GetWaitMsec_i(int64_t aMaxWaitUsec);
     void DispatchReport_i(const epoll_event& aReport);
@@ -58,16 +60,16 @@ private:
     CCmEventHandlerRepository::CElement* FindBinding_i(HANDLE aFd, DWORD aBinding);
     int Watch_i(int aOperation, HANDLE aFd, long aMask, DWORD aBinding);
     void WakeUp_i();
+    BOOL AddNotification_l(ACmEventHandler* aEh, long aMask) CM_REQUIRES(m_NotificationMutex);
 
-    HANDLE m_fdEpoll;
-    HANDLE m_fdWakeUp;
+    HANDLE m_fdEpoll = CM_INVALID_HANDLE;  // this and the next two are there together
+    HANDLE m_fdWakeUp = CM_INVALID_HANDLE;
+    HANDLE m_fdTick = CM_INVALID_HANDLE;  // a timer of the system, so that a wait does not have to set one
     const int64_t m_llTickUsec;
-    HANDLE m_fdTick;   // a timer of the system, so that a wait does not have to set one
-    int m_nError = 0;  // of the system, for which there is no loop
-    std::unique_ptr<epoll_event[]> m_pReports;
-    BOOL m_bRunning = FALSE;               // a turn is under way
-    std::atomic<BOOL> m_bStop{FALSE};      // each stop ends one run, also one that has not begun
-    std::atomic<BOOL> m_bSleeping{FALSE};  // in the system's wait, or about to enter it
+    std::unique_ptr<epoll_event[]> m_pReports;  // null: there was no memory
+    BOOL m_bRunning = FALSE;                    // a turn is under way
+    std::atomic<BOOL> m_bStop{FALSE};           // each stop ends one run, also one that has not begun
+    std::atomic<BOOL> m_bSleeping{FALSE};       // in the system's wait, or about to enter it
 
     CCmMutexThread m_NotificationMutex;
     std::vector<CNotification> m_Notifications CM_GUARDED_BY(m_NotificationMutex);

@@ -5,6 +5,7 @@
 
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
+#include "talvo/event/callback_guard.h"
 
 namespace {
 
@@ -16,7 +17,7 @@ constexpr long JOIN_USEC = 100000;
 
 std::atomic<int> ACmThread::s_nRunning{0};
 
-ACmThread::ACmThread() : m_pLink(new CCmThreadLink(this)) { ++s_Live; }
+ACmThread::ACmThread() : m_pLink(new (std::nothrow) CCmThreadLink(this)) { ++s_Live; }
 
 ACmThread::~ACmThread() {
     CloseLink();
@@ -32,6 +33,8 @@ CmResult ACmThread::Create(int aType, TFlag aFlag) {
         return CM_ERROR_ALREADY_INITIALIZED;
     if (aType == -1)
         return CM_ERROR_INVALID_ARG;
+    if (!m_pLink)
+        return CM_ERROR_OUT_OF_MEMORY;
     m_Type = aType;
     m_Flag = aFlag == CCmThreadManager::TF_NONE ? CCmThreadManager::TF_JOINABLE : aFlag;
     if (aType == CCmThreadManager::TT_MAIN)
@@ -71,12 +74,14 @@ CmResult ACmThread::Start_i() {
 
 void* ACmThread::ThreadProc(void* aThread) {
     auto* pThread = static_cast<ACmThread*>(aThread);
-    pThread->BindToCurrentThread_i();
-    pThread->OnThreadInit();
-    pThread->m_pEventStart->Signal();
-    pThread->m_EventRun.Wait();
-    pThread->OnThreadRun();
-    pThread->CloseLink();
+    talvo::guard_callbacks([pThread] {
+        pThread->BindToCurrentThread_i();
+        pThread->OnThreadInit();
+        pThread->m_pEventStart->Signal();
+        pThread->m_EventRun.Wait();
+        pThread->OnThreadRun();
+        pThread->CloseLink();
+    });
     --s_nRunning;
     pThread->m_EventEnd.Signal();
     pThread->LetGo_i();

@@ -14,7 +14,8 @@
 #include "talvo/event/thread_manager.h"
 
 // Base of all threads. Made with new, started by Create, ended by Stop, waited for by Join, given up by Destory; these are
-// called by the thread's owner, not by the thread itself. Nothing is ever done to a running thread by force.
+// called by the thread's owner, not by the thread itself. Nothing is ever done to a running thread by force. OnThreadInit and
+// OnThreadRun must not throw, nor may what they call: an exception is traced and ends the process.
 //
 // Who owns the object: until Destory its maker. It is deleted when both its thread has ended and Destory was called, whichever
 // comes last. So a thread that a Join has given up waiting for finds, whenever it comes back, everything it uses still there:
@@ -65,13 +66,16 @@ public:
     // Whether a started thread has not come to its end, registered or given up. Any thread.
     static BOOL IsAnyRunning() { return s_nRunning > 0; }
 
-    // The way to this thread for whoever may outlive it.
+    // The way to this thread for objects that may outlive it. Not before Create, which fails where there is no memory for it.
     CCmThreadLink& GetLink() const { return *m_pLink; }
 
 protected:
     // The thread's loop is over: tenants let go, posts through the link are refused. Concrete classes call it at the end of
     // OnThreadRun, before they close their queues, and in their destructor.
-    void CloseLink() { m_pLink->Close(); }
+    void CloseLink() {
+        if (m_pLink)
+            m_pLink->Close();
+    }
 
 private:
     static void* ThreadProc(void* aThread);
@@ -92,5 +96,5 @@ private:
     CCmEventThread m_EventEnd{TRUE};                // OnThreadRun is over
     BOOL m_bRegistered = FALSE;
     CCmAtomicOperationT<CCmMutexThread> m_LetGo;  // counts the end of the thread and Destory; 2 deletes
-    CCmRefPtrT<CCmThreadLink> m_pLink;
+    CCmRefPtrT<CCmThreadLink> m_pLink;            // null: there was no memory
 };

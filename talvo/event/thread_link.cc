@@ -1,12 +1,34 @@
 #include "talvo/event/thread_link.h"
 
 #include "talvo/event/event_batch.h"
-#include "talvo/event/event_synchronous.h"
+#include "talvo/event/event_list.h"
 #include "talvo/event/thread.h"
 
 namespace {
 
 constexpr uint32_t CLOSED = 0x80000000;
+
+// Holds an event until it has run in the thread, or until the thread has ended without it.
+class CCarrier {
+public:
+    explicit CCarrier(ICmEvent* aEvent) : m_pEvent(aEvent) {}
+    ~CCarrier() {
+        if (m_pEvent)
+            m_pEvent->OnDestorySelf();
+    }
+    CCarrier(const CCarrier&) = delete;
+    CCarrier& operator=(const CCarrier&) = delete;
+
+    CmResult Run() {
+        ICmEvent* pEvent = std::exchange(m_pEvent, nullptr);
+        const CmResult rv = pEvent->OnEventFire();
+        pEvent->OnDestorySelf();
+        return rv;
+    }
+
+private:
+    ICmEvent* m_pEvent;
+};
 
 }  // namespace
 
@@ -73,18 +95,10 @@ void CCmThreadLink::WakeUp() {
 CmResult CCmThreadLink::CallEvent(ICmEvent* aEvent) {
     if (!aEvent)
         return CM_ERROR_INVALID_ARG;
-    if (IsCurrentThread()) {
-        const CmResult rv = aEvent->OnEventFire();
-        aEvent->OnDestorySelf();
-        return rv;
-    }
-    auto* pSynchronous = new (std::nothrow) CCmEventSynchronous(aEvent);
-    if (!pSynchronous) {
-        aEvent->OnDestorySelf();
-        return CM_ERROR_OUT_OF_MEMORY;
-    }
-    PostEvent(pSynchronous);
-    return pSynchronous->WaitResultAndDeleteThis();
+    if (talvo::CEventList::IsListed(*aEvent))
+        return CM_ERROR_ALREADY_INITIALIZED;
+    CCarrier carrier(aEvent);
+    return Call([&] { return carrier.Run(); });
 }
 
 BOOL CCmThreadLink::IsCurrentThread() const { return m_dwThreadId == cm_thread_self_id() && !(m_dwPosts.load() & CLOSED); }

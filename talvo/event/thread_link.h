@@ -7,6 +7,7 @@
 
 #include "talvo/base/ref_ptr.h"
 #include "talvo/base/reference_control.h"
+#include "talvo/base/synchronization.h"
 #include "talvo/event/event_queue.h"
 
 class ACmThread;
@@ -38,8 +39,9 @@ class TALVO_API CCmThreadLink : public CCmReferenceControlT<CCmMutexThread> {
 public:
     explicit CCmThreadLink(ACmThread* aThread) : m_pThread(aThread) {}
 
-    // Posts to the thread's event queue. Any thread. CM_OK; CM_ERROR_INVALID_ARG: null; CM_ERROR_NULL_POINTER: the thread has
-    // no event queue; CM_ERROR_NOT_AVAILABLE: it has ended. The event was destroyed unless the result is CM_OK.
+    // Posts to the thread's event queue; needs no memory. Any thread. CM_OK; CM_ERROR_INVALID_ARG: null;
+    // CM_ERROR_ALREADY_INITIALIZED: it waits in a queue, and goes on waiting; CM_ERROR_NULL_POINTER: the thread has no event
+    // queue; CM_ERROR_NOT_AVAILABLE: it has ended. The event was destroyed in the last two cases.
     CmResult PostEvent(ICmEvent* aEvent);
 
     // The same for work without hurry. Called from inside an event of the caller's own thread it wakes the thread, if that is a
@@ -49,9 +51,10 @@ public:
     // Makes the thread look for what was posted quietly. Any thread.
     void WakeUp();
 
-    // Posts and waits until the event has run; runs it at once when the caller is the thread itself. Returns what OnEventFire
-    // returned, or CM_ERROR_NOT_AVAILABLE when the thread ended before it ran. Not to be called in a network thread for another
-    // thread.
+    // Posts and waits until the event has run and was destroyed; runs it at once when the caller is the thread itself. Returns
+    // what OnEventFire returned, or CM_ERROR_NOT_AVAILABLE when the thread ended before it ran; CM_ERROR_INVALID_ARG and
+    // CM_ERROR_ALREADY_INITIALIZED as PostEvent. Wakes the thread and needs no memory. Not to be called in a network thread for
+    // another thread.
     CmResult CallEvent(ICmEvent* aEvent);
 
     // The same for a callable that takes nothing and returns a CmResult; it is run at most once, before Call returns.
@@ -59,17 +62,21 @@ public:
     CmResult Call(Callable aCallable) {
         if (IsCurrentThread())
             return aCallable();
-        return CallEvent(new (std::nothrow) CCallEventT<Callable>(std::move(aCallable)));
+        CWaitedEventT<Callable> event(aCallable);
+        PostEvent(&event);
+        return event.Wait();
     }
 
-    // Posts a callable that takes and returns nothing; results as PostEvent. If the thread ends first it is destroyed unrun.
+    // Posts a callable that takes and returns nothing; results as PostEvent. If the thread ends first it is destroyed unrun, as
+    // it is when there is no memory: CM_ERROR_OUT_OF_MEMORY.
     template <class Callable>
     CmResult Post(Callable aCallable) {
         auto run = [callable = std::move(aCallable)]() mutable {
             callable();
             return CM_OK;
         };
-        return PostEvent(new (std::nothrow) CCallEventT<decltype(run)>(std::move(run)));
+        auto* pEvent = new (std::nothrow) CCallEventT<decltype(run)>(std::move(run));
+        return pEvent ? PostEvent(pEvent) : CM_ERROR_OUT_OF_MEMORY;
     }
 
     // Whether the caller is the thread and it has not ended.
@@ -79,7 +86,7 @@ public:
     void BindToCurrentThread();
 
     // The thread's own, see CCmThreadTenant. Join: CM_OK; CM_ERROR_ALREADY_INITIALIZED: the tenant has joined a link before and
-    // not left it; CM_ERROR_NOT_AVAILABLE: the thread has ended, the tenant has joined nothing and will hear nothing. Leave
+    // not left it; CM_ERROR_NOT_AVAILABLE: the thread has ended, the tenant has joined nothing and gets no notice. Leave
     // does nothing for a tenant that has not joined.
     CmResult Join(CCmThreadTenant& aTenant);
     void Leave(CCmThreadTenant& aTenant);
@@ -96,6 +103,24 @@ private:
 
     private:
         Callable m_Callable;
+    };
+
+    // Stands on the stack of a caller that waits for its end.
+    template <class Callable>
+    class CWaitedEventT final : public ICmEvent {
+    public:
+        explicit CWaitedEventT(Callable& aCallable) : m_Callable(aCallable) {}
+        CmResult OnEventFire() override { return m_Result = m_Callable(); }
+        void OnDestorySelf() override { m_Over.Signal(); }
+        CmResult Wait() {
+            m_Over.Wait();
+            return m_Result;
+        }
+
+    private:
+        Callable& m_Callable;
+        CmResult m_Result = CM_ERROR_NOT_AVAILABLE;
+        CCmEventThread m_Over;
     };
 
     BOOL Enter_i();

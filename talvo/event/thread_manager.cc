@@ -12,6 +12,7 @@
 #include "talvo/base/atomic_operation.h"
 #include "talvo/base/config.h"
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/event/reactor_epoll.h"
 #include "talvo/event/thread_reactor.h"
 #include "talvo/event/thread_task.h"
@@ -19,6 +20,7 @@
 namespace {
 
 std::atomic<CCmThreadManager*> s_pInstance{nullptr};
+alignas(CCmThreadManager) unsigned char s_Memory[sizeof(CCmThreadManager)];  // the instance's, which can always be made
 
 using Guard = CCmMutexGuardT<CCmMutexThread>;
 using SingletonGuard = CCmMutexGuardT<CCmMutexThreadRecursive>;
@@ -32,7 +34,7 @@ CCmThreadManager* CCmThreadManager::Instance() {
     if (!s_pInstance) {
         CCmTrace::ReadConfigurationOnce();
         CM_INFO_TRACE("CCmThreadManager::Instance, new CCmThreadManager.");
-        s_pInstance = new CCmThreadManager;
+        s_pInstance = new (s_Memory) CCmThreadManager;
         static const int s_nAtExit = atexit(CleanupOnlyOne);
         if (s_nAtExit != 0)
             CM_ERROR_TRACE("CCmThreadManager::Instance, atexit() failed. err=" << errno);
@@ -55,7 +57,8 @@ void CCmThreadManager::CleanupOnlyOne() {
             return;
     }
     s_pInstance = nullptr;
-    delete pInstance;
+    if (pInstance)
+        pInstance->~CCmThreadManager();
     CCmCleanUpBase::CleanupAll();
 }
 
@@ -146,8 +149,8 @@ CmResult CCmThreadManager::RegisterThread(ACmThread* aThread) {
                               << static_cast<const void*>(aThread) << " type=" << nType << " tid=" << aThread->GetThreadId());
         return CM_ERROR_FOUND;
     }
-    m_Threads.push_back(aThread);
-    return CM_OK;
+    std::vector<ACmThread*>& threads = m_Threads;
+    return talvo::WithMemory([&] { threads.push_back(aThread); }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
 
 CmResult CCmThreadManager::UnregisterThread(ACmThread* aThread) {
@@ -195,35 +198,40 @@ ICmTimerQueue* CCmThreadManager::GetThreadTimerQueue(int aType) {
     return pThread ? pThread->GetTimerQueue() : nullptr;
 }
 
-// All threads. The calls on them come without the lock: a thread may unregister itself meanwhile.
-CmResult CCmThreadManager::CopyThreads_i(std::vector<ACmThread*>& aThreads) {
+// The thread registered behind aThread (null: the first), which stood at aIndex. The calls on threads come without the lock, so
+// that a thread may unregister meanwhile.
+ACmThread* CCmThreadManager::GetNextThread_i(const ACmThread* aThread, size_t& aIndex) {
     Guard guard(m_Mutex);
-    ACmThread* pMain = Find_l(TT_MAIN);
+    const auto itThread = std::find(m_Threads.begin(), m_Threads.end(), aThread);
+    if (itThread != m_Threads.end())
+        aIndex = static_cast<size_t>(itThread - m_Threads.begin()) + 1;
+    return aIndex < m_Threads.size() ? m_Threads[aIndex] : nullptr;
+}
+
+template <class Function>
+CmResult CCmThreadManager::CallThreads_i(Function aFunction) {
+    ACmThread* pMain = GetThread(TT_MAIN);
     if (pMain && pMain->GetThreadId() != cm_thread_self_id())
         return CM_ERROR_FAILURE;
-    aThreads = m_Threads;
+    size_t nIndex = 0;
+    for (ACmThread* pThread = GetNextThread_i(nullptr, nIndex); pThread; pThread = GetNextThread_i(pThread, nIndex))
+        aFunction(*pThread);
     return CM_OK;
 }
 
 CmResult CCmThreadManager::StopAllThreads(CCmTimeValue* aTimeout) {
-    std::vector<ACmThread*> threads;
-    const CmResult rv = CopyThreads_i(threads);
-    for (ACmThread* pThread : threads) {
-        CM_INFO_TRACE_THIS("Thread stop type =" << pThread->GetThreadType());
-        if (pThread->GetThreadType() != TT_MAIN)
-            pThread->Stop(aTimeout);
-    }
-    return rv;
+    return CallThreads_i([&](ACmThread& aThread) {
+        CM_INFO_TRACE_THIS("Thread stop type =" << aThread.GetThreadType());
+        if (aThread.GetThreadType() != TT_MAIN)
+            aThread.Stop(aTimeout);
+    });
 }
 
 CmResult CCmThreadManager::JoinAllThreads() {
-    std::vector<ACmThread*> threads;
-    const CmResult rv = CopyThreads_i(threads);
-    for (ACmThread* pThread : threads) {
-        if (pThread->GetThreadType() != TT_MAIN)
-            pThread->Join();
-    }
-    return rv;
+    return CallThreads_i([](ACmThread& aThread) {
+        if (aThread.GetThreadType() != TT_MAIN)
+            aThread.Join();
+    });
 }
 
 CmResult CCmThreadManager::SocketStartup() { return CM_OK; }

@@ -80,7 +80,7 @@ public:
     int GetAndIncreamUserType();
 
     // Called by the threads themselves. CM_ERROR_FOUND: it, or another thread of its type, is registered already.
-    // CM_ERROR_NOT_FOUND: it is not registered. CM_ERROR_INVALID_ARG: null.
+    // CM_ERROR_NOT_FOUND: it is not registered. CM_ERROR_INVALID_ARG: null. CM_ERROR_OUT_OF_MEMORY.
     CmResult RegisterThread(ACmThread* aThread);
     CmResult UnregisterThread(ACmThread* aThread);
 
@@ -119,7 +119,9 @@ private:
     ~CCmThreadManager();
 
     ACmThread* Find_l(int aType) CM_REQUIRES(m_Mutex);
-    CmResult CopyThreads_i(std::vector<ACmThread*>& aThreads);
+    ACmThread* GetNextThread_i(const ACmThread* aThread, size_t& aIndex);
+    template <class Function>
+    CmResult CallThreads_i(Function aFunction);
 
     CCmMutexThread m_ReferenceControlMutex;
     std::vector<ACmThread*> m_Threads CM_GUARDED_BY(m_Mutex);  // in registration order, not owned

@@ -3,6 +3,7 @@
 #include <new>
 
 #include "talvo/base/trace.h"
+#include "talvo/event/callback_guard.h"
 #include "talvo/event/timer_queue_ordered_list.h"
 
 namespace {
@@ -12,17 +13,10 @@ constexpr unsigned long ALL_EVENTS = 0xFFFFFFFF;
 
 }  // namespace
 
-class CCmThreadTaskBase::CStopEvent final : public ICmEvent {
-public:
-    explicit CStopEvent(CCmStopFlag& aFlag) : m_Flag(aFlag) {}
-    CmResult OnEventFire() override {
-        m_Flag.SetStopFlag();
-        return CM_OK;
-    }
-
-private:
-    CCmStopFlag& m_Flag;
-};
+CmResult CCmThreadTaskBase::CStopEvent::OnEventFire() {
+    m_Flag.SetStopFlag();
+    return CM_OK;
+}
 
 CCmThreadTaskBase::~CCmThreadTaskBase() { CloseLink(); }
 
@@ -34,8 +28,7 @@ CmResult CCmThreadTaskBase::Create(int aType, TFlag aFlag) {
 }
 
 CmResult CCmThreadTaskBase::Stop(CCmTimeValue*) {
-    auto* pEvent = new (std::nothrow) CStopEvent(m_StopFlag);
-    return pEvent ? m_EventQueue.PostEvent(pEvent) : CM_ERROR_OUT_OF_MEMORY;
+    return m_bStopPosted.exchange(TRUE) ? CM_OK : m_EventQueue.PostEvent(&m_StopEvent);
 }
 
 void CCmThreadTaskBase::OnThreadInit() {
@@ -65,12 +58,14 @@ void CCmThreadTask::OnThreadInit() {
 
 void CCmThreadTask::OnThreadRun() {
     CM_INFO_TRACE_THIS("CCmThreadTask::OnThreadRun, Begin.");
-    while (!IsStopped_i()) {
-        CCmTimeValue tvRemain = CCmTimeValue::s_tvMax;
-        if (m_pTimerQueue)
-            m_pTimerQueue->CheckExpire(&tvRemain);
-        RunEvents_i(tvRemain == CCmTimeValue::s_tvMax ? nullptr : &tvRemain, MAX_EVENTS_A_PASS);
-    }
+    talvo::guard_callbacks([this] {
+        while (!IsStopped_i()) {
+            CCmTimeValue tvRemain = CCmTimeValue::s_tvMax;
+            if (m_pTimerQueue)
+                m_pTimerQueue->CheckExpire(&tvRemain);
+            RunEvents_i(tvRemain == CCmTimeValue::s_tvMax ? nullptr : &tvRemain, MAX_EVENTS_A_PASS);
+        }
+    });
     EndEvents_i();
     m_pTimerQueue.reset();
     CM_INFO_TRACE_THIS("CCmThreadTask::OnThreadRun, End.");

@@ -1,6 +1,7 @@
 // Threads of the application without a reactor: an event queue, with or without timers.
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include "talvo/base/stop_flag.h"
@@ -15,7 +16,7 @@ public:
     ~CCmThreadTaskBase() override;
 
     CmResult Create(int aType, TFlag aFlag = CCmThreadManager::TF_JOINABLE) override;
-    // Any thread, several times: posts a stop. CM_OK, or the result of the post.
+    // Any thread, several times: posts a stop, once. CM_OK, or the result of the post.
     CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
     void OnThreadInit() override;
     ICmEventQueue* GetEventQueue() override { return &m_EventQueue; }
@@ -28,9 +29,20 @@ protected:
     BOOL IsStopped_i() const { return m_StopFlag.IsFlagStopped(); }
 
 private:
-    class CStopEvent;
+    // Belongs to the thread, so that it can be asked to end without memory.
+    class CStopEvent final : public ICmEvent {
+    public:
+        explicit CStopEvent(CCmStopFlag& aFlag) : m_Flag(aFlag) {}
+        CmResult OnEventFire() override;
+        void OnDestorySelf() override {}
+
+    private:
+        CCmStopFlag& m_Flag;
+    };
 
     CCmStopFlag m_StopFlag;
+    CStopEvent m_StopEvent{m_StopFlag};
+    std::atomic<BOOL> m_bStopPosted{FALSE};
     CCmEventQueueUsingConditionVariable m_EventQueue;
 };
 

@@ -14,8 +14,8 @@ public:
 };
 
 // Schedules itself in the timer queue of the thread that first calls Schedule, and is bound to that thread until the thread
-// ends: it must be scheduled, cancelled and destroyed there. The destructor cancels. The thread's end cancels as well; afterwards
-// the object is bound to none and may be destroyed in any thread.
+// ends: it must be scheduled, cancelled and destroyed there. The destructor cancels. The thread's end cancels as well;
+// afterwards the object is bound to none and may be destroyed in any thread.
 class TALVO_API CCmTimerWrapperID : public ICmTimerHandler, private CCmThreadTenant {
 public:
     CCmTimerWrapperID() = default;

@@ -106,25 +106,23 @@ TEST(EventQueueTest, BatchesComeInOrderAndSayWhatIsLeft) {
     EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
 }
 
-TEST(EventQueueTest, AQueueThatIsNeverEmptyDoesNotGrow) {
-    CCmEventQueueUsingMutex queue;
-    CEventFate fate;
-    const auto round = [&] {
-        for (int n = 0; n < 5; ++n)
-            queue.PostEvent(new CTestEvent(fate));
-        CCmEventQueueBase::EventsType events;
-        queue.PopPendingEventsWithLock(events, 5, nullptr);
-        queue.ProcessEvents(events);
+TEST(EventQueueTest, AnEventWaitsInOneQueueAndMayBePostedAgainBehindIt) {
+    struct CKept : public CTestEvent {
+        using CTestEvent::CTestEvent;
+        void OnDestorySelf() override {}
     };
-    for (int n = 0; n < 3; ++n)  // which then are left behind every round
-        queue.PostEvent(new CTestEvent(fate));
-    for (int n = 0; n < 1000; ++n)
-        round();
-    const size_t stBefore = HeapInUse();
-    for (int n = 0; n < 40000; ++n)
-        round();
-    EXPECT_EQ(3u, queue.GetPendingEventsCount());
-    EXPECT_GT(stBefore + 65536, HeapInUse());
+    for (auto& pQueue : AllKinds()) {
+        CCmEventQueueUsingMutex other;
+        CEventFate fate;
+        CKept event(fate);
+        EXPECT_EQ(CM_OK, other.PostEvent(&event));
+        EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, pQueue->PostEvent(&event));
+        EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, pQueue->SendEvent(&event));
+        other.DestoryPendingEvents();
+        EXPECT_EQ(CM_OK, pQueue->PostEvent(&event));
+        EXPECT_EQ(0, fate.m_nFired);
+        pQueue->DestoryPendingEvents();
+    }
 }
 
 TEST(EventQueueTest, ABurstLeavesNoMemoryBehind) {

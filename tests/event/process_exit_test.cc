@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <stdexcept>
 
 #include "tests/support/event_helpers.h"
 
@@ -61,6 +62,24 @@ void ExitBeforeAThreadComesBack() {
     exit(6);
 }
 
+// The trace goes to where a death test looks.
+void ThrowInACallback(CScopedThread::EKind aKind) {
+    CCmTrace::SetFile({"/dev/stderr", FALSE, 0, 100});
+    CCmTrace::Enable(TRUE);
+    const CMainThread main;
+    CScopedThread thread(aKind);
+    thread->GetLink().Call([]() -> CmResult { throw std::runtime_error("thrown on purpose"); });
+}
+
+void ThrowInATimerOfTheMainThread() {
+    CCmTrace::SetFile({"/dev/stderr", FALSE, 0, 100});
+    CCmTrace::Enable(TRUE);
+    const CMainThread main;
+    CTestTimer timer([] { throw 1; });
+    main.GetReactor().ScheduleTimer(&timer, nullptr, CCmTimeValue::s_tvZero, 1);
+    main.Get()->OnThreadRun();
+}
+
 }  // namespace
 
 TEST(ProcessExitDeathTest, EndsCleanlyFromWhereverItIs) {
@@ -68,4 +87,11 @@ TEST(ProcessExitDeathTest, EndsCleanlyFromWhereverItIs) {
     EXPECT_EXIT(ExitWithoutShutdown(), testing::ExitedWithCode(3), "");
     EXPECT_EXIT(ExitInACallback(), testing::ExitedWithCode(4), "");
     EXPECT_EXIT(ExitBeforeAThreadComesBack(), testing::ExitedWithCode(6), "");
+}
+
+TEST(ProcessExitDeathTest, AnExceptionThatLeavesACallbackIsTracedAndEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (const auto kind : {CScopedThread::REACTOR, CScopedThread::TASK, CScopedThread::EVENT_QUEUE_ONLY})
+        EXPECT_DEATH(ThrowInACallback(kind), "left a callback, the process ends. what=thrown on purpose");
+    EXPECT_DEATH(ThrowInATimerOfTheMainThread(), "left a callback, the process ends. what=not a std::exception");
 }

@@ -68,4 +68,8 @@ TEST_F(ReactorBaseTest, EventsRunFiveAReportAndAPostBehindASentOneWakesTheLoop) 
     sender.join();
     EXPECT_EQ(3, m_Reactor.m_nNotified);
     EXPECT_EQ(CM_ERROR_NOT_FOUND, m_Reactor.ReportEvents());
+
+    PostTo(m_Reactor, [&] { PostTo(m_Reactor, [] {}); });
+    EXPECT_EQ(CM_OK, m_Reactor.ReportEvents());
+    EXPECT_EQ(5, m_Reactor.m_nNotified);  // by each post, and not again for what the event has left
 }

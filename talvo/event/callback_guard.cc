@@ -1,0 +1,22 @@
+#include "talvo/event/callback_guard.h"
+
+#include <exception>
+
+#include "talvo/base/trace.h"
+
+namespace talvo {
+
+void end_by_exception() noexcept {
+    const char* pText = "not a std::exception";
+    try {
+        throw;
+    } catch (const std::exception& exception) {
+        pText = exception.what();
+    } catch (...) {
+    }
+    CM_ERROR_TRACE("an exception left a callback, the process ends. what=" << pText);
+    CCmTrace::Flush();
+    std::terminate();
+}
+
+}  // namespace talvo
