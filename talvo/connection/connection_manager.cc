@@ -165,8 +165,8 @@ CCmConnectionManager* CCmConnectionManager::Instance() {
     if (s_pInstance)
         return s_pInstance;
     CCmDnsManager* pDnsManager = CCmDnsManager::Instance();  // the older of the two is cleaned up last
-    auto* pInstance = new CCmConnectionManager;
-    const CmResult rv = pInstance->SpawnNetworkThread_i();
+    auto* pInstance = new (std::nothrow) CCmConnectionManager;
+    const CmResult rv = pInstance ? pInstance->SpawnNetworkThread_i() : CM_ERROR_OUT_OF_MEMORY;
     if (rv != CM_OK) {
         CM_ERROR_TRACE("CCmConnectionManager::Instance, SpawnNetworkThread_i() failed! rv=" << rv);
         delete pInstance;
@@ -202,7 +202,9 @@ CmResult CCmConnectionManager::SpawnNetworkThread_i() {
     ICmReactor* pReactor = CCmThreadManager::CreateNetworkReactor();
     if (!pReactor)
         return CM_ERROR_OUT_OF_MEMORY;
-    return Threads().CreateReactorThread(CCmThreadManager::TT_NETWORK, pReactor, m_pThreadNetwork);
+    const CmResult rv = Threads().CreateReactorThread(CCmThreadManager::TT_NETWORK, pReactor, m_pThreadNetwork);
+    // A thread whose reactor did not open is there, but has ended or will in a moment.
+    return rv == CM_OK ? m_pThreadNetwork->GetLink().Call([] { return CM_OK; }) : rv;
 }
 
 CmResult CCmConnectionManager::CreateConnectionClient(DWORD aType, ICmConnector*& aConnector) {
