@@ -26,6 +26,6 @@ TALVO_API uint32_t get_uint32_param(const char* aSection, const char* aKey, uint
 TALVO_API bool get_bool_param(const char* aSection, const char* aKey, bool aDefault);
 
 // Replaces the configuration by aPath's content, at once and for all later reads; what was read before stays as it was taken.
-// CM_ERROR_NOT_FOUND: the file cannot be read. CM_ERROR_NOT_AVAILABLE: it is refused for its owner or its rights. CM_ERROR_OUT_OF_MEMORY.
-// After these all keys are absent. CM_ERROR_INVALID_ARG: aPath is null, and nothing changes.
+// CM_ERROR_NOT_FOUND: the file cannot be read. CM_ERROR_NOT_AVAILABLE: it is refused for its owner or its rights.
+// CM_ERROR_OUT_OF_MEMORY. After these all keys are absent. CM_ERROR_INVALID_ARG: aPath is null, and nothing changes.
 TALVO_API CmResult load_config_file(const char* aPath);

@@ -32,6 +32,7 @@ public:
     // may end it. The port is a decimal number of at most five digits, 0 to 65535. CM_OK: aAddr is filled; a name stays pending
     // and nothing is asked, TryResolve or a connector does that. CM_ERROR_INVALID_ARG: aAddr is unchanged, and aReason, which
     // may be null, gets the fault in words. Every other form is refused today; later ones begin with "[" or hold a "/".
+    // CM_ERROR_OUT_OF_MEMORY: aAddr is unchanged.
     static CmResult Parse(std::string_view aHostAndPort, CCmInetAddr& aAddr, CCmString* aReason = nullptr);
 
     // A literal address only, in any form that inet_addr() takes ("1.2", "0x7f.1" are such); null or "" is 0.0.0.0. Ends a
@@ -79,6 +80,7 @@ public:
 private:
     CmResult Set_i(const char* aHostName, WORD aPort);
     CmResult Set_i(const char* aIpAddrAndPort);
+    static CmResult Parse_i(std::string_view aHostAndPort, CCmInetAddr& aAddr, CCmString* aReason);
 
     sockaddr_in m_SockAddr{AF_INET, 0, {0}, {}};
     CCmString m_strHostName;

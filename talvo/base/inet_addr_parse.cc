@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <charconv>
 #include <optional>
+#include <utility>
 
 #include "talvo/base/inet_addr.h"
+#include "talvo/base/with_memory.h"
 
 namespace {
 
@@ -60,6 +62,11 @@ CmResult Refuse(CCmString* aReason, const char* aText) {
 }  // namespace
 
 CmResult CCmInetAddr::Parse(std::string_view aHostAndPort, CCmInetAddr& aAddr, CCmString* aReason) {
+    CmResult rv = CM_OK;
+    return talvo::WithMemory([&] { rv = Parse_i(aHostAndPort, aAddr, aReason); }) ? rv : CM_ERROR_OUT_OF_MEMORY;
+}
+
+CmResult CCmInetAddr::Parse_i(std::string_view aHostAndPort, CCmInetAddr& aAddr, CCmString* aReason) {
     const size_t stColon = aHostAndPort.rfind(':');
     if (stColon == std::string_view::npos)
         return Refuse(aReason, "there is no port: HOST:PORT is needed");
@@ -76,6 +83,6 @@ CmResult CCmInetAddr::Parse(std::string_view aHostAndPort, CCmInetAddr& aAddr, C
     addr.SetPort(*port);
     if (!bLiteral)
         addr.m_strHostName = strHost;
-    aAddr = addr;
+    aAddr = std::move(addr);
     return CM_OK;
 }
