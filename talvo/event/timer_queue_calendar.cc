@@ -5,12 +5,14 @@
 
 #include "talvo/base/clock.h"
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/event/thread_manager.h"
 
 namespace {
 
 constexpr DWORD MIN_SLOT_INTERVAL = 10;
 constexpr DWORD MIN_MAX_SLOT_NUMBER = 10;
+constexpr DWORD NO_SLOT = 0xFFFFFFFF;
 
 class CTickEvent final : public ICmEvent {
 public:
@@ -32,25 +34,29 @@ CCmTimerQueueCalendar::CCmTimerQueueCalendar(DWORD aSlotInterval, DWORD aMaxInte
     : CCmTimerQueueBase(nullptr),
       m_dwSlotInterval(std::max(aSlotInterval, MIN_SLOT_INTERVAL)),
       m_dwMaxSlotNumber(std::max(aMaxInterval / m_dwSlotInterval, MIN_MAX_SLOT_NUMBER + 1) - 1),
-      m_Slots(m_dwMaxSlotNumber + 1),
+      m_pSlots(new (std::nothrow) CSlot[m_dwMaxSlotNumber + 1]),
       m_pEventQueue(aQueue ? aQueue : CCmThreadManager::Instance()->GetThreadEventQueue(CCmThreadManager::TT_CURRENT)) {}
 
 CCmTimerQueueCalendar::~CCmTimerQueueCalendar() { RunPendingDeletions(); }
 
 int CCmTimerQueueCalendar::Tick() {
+    if (!m_pSlots)
+        return 0;
     m_dwCurrentSlot = (m_dwCurrentSlot + 1) % (m_dwMaxSlotNumber + 1);
     const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
-    CSlot& slot = m_Slots[m_dwCurrentSlot];
+    CSlot& slot = m_pSlots[m_dwCurrentSlot];
     int nFired = 0;
     // Nothing that a callback schedules lands here: it goes at least one slot ahead and less than a full turn.
     while (!slot.empty()) {
-        CNode node = slot.front();
-        slot.pop_front();
-        m_Handlers.erase(node.m_pEh);
-        if (node.m_dwCount != COUNT_WITHOUT_END)
-            --node.m_dwCount;
+        CSlot single;  // goes on from slot to slot, so that a timer that repeats needs no memory
+        single.splice_after(single.before_begin(), slot, slot.before_begin());
+        if (single.front().m_dwCount != COUNT_WITHOUT_END)
+            --single.front().m_dwCount;
+        const CNode node = single.front();
         if (node.m_dwCount > 0 && node.m_llInterval > 0)
-            RePushNode_l(node);
+            InsertUnique_i(CCmTimeValue::FromUsec(node.m_llInterval), single);
+        else
+            m_Handlers.erase(node.m_pEh);
         ++nFired;
         node.m_pEh->OnTimeout(tvNow, node.m_pArg);
     }
@@ -69,7 +75,8 @@ CmResult CCmTimerQueueCalendar::PostTick() {
     return rv;
 }
 
-void CCmTimerQueueCalendar::InsertUnique_i(const CCmTimeValue& aInterval, const CNode& aNode) {
+// The handler of the single node has its entry in the map.
+void CCmTimerQueueCalendar::InsertUnique_i(const CCmTimeValue& aInterval, CSlot& aSingle) {
     const int64_t llMsec = int64_t{aInterval.GetSec()} * 1000 + aInterval.GetUsec() / 1000;
     int64_t llDistance = std::max<int64_t>((llMsec + m_dwSlotInterval - 1) / m_dwSlotInterval, 1);
     if (llDistance > int64_t{m_dwMaxSlotNumber} - 1) {
@@ -79,14 +86,23 @@ void CCmTimerQueueCalendar::InsertUnique_i(const CCmTimeValue& aInterval, const 
         llDistance = m_dwMaxSlotNumber;
     }
     const DWORD dwSlot = static_cast<DWORD>((m_dwCurrentSlot + llDistance) % (int64_t{m_dwMaxSlotNumber} + 1));
-    m_Slots[dwSlot].push_front(aNode);
-    m_Handlers[aNode.m_pEh] = dwSlot;
+    m_Handlers.find(aSingle.front().m_pEh)->second = dwSlot;
+    m_pSlots[dwSlot].splice_after(m_pSlots[dwSlot].before_begin(), aSingle);
 }
 
 int CCmTimerQueueCalendar::PushNode_l(const CNode& aNode) {
-    const int nErased = EraseNode_l(aNode.m_pEh);
-    InsertUnique_i(CCmTimeValue::FromUsec(aNode.m_llInterval), aNode);
-    return nErased == 0 ? 1 : 0;
+    CSlot single;
+    const bool bMade = m_pSlots && talvo::WithMemory([&] {
+                           single.push_front(aNode);
+                           m_Handlers.try_emplace(aNode.m_pEh, NO_SLOT);
+                       });
+    if (!bMade)
+        return NO_MEMORY;
+    const DWORD dwOldSlot = m_Handlers.find(aNode.m_pEh)->second;
+    if (dwOldSlot != NO_SLOT)
+        m_pSlots[dwOldSlot].remove_if([&](const CNode& aOld) { return aOld.m_pEh == aNode.m_pEh; });
+    InsertUnique_i(CCmTimeValue::FromUsec(aNode.m_llInterval), single);
+    return dwOldSlot != NO_SLOT ? 1 : 0;
 }
 
 int CCmTimerQueueCalendar::RePushNode_l(const CNode& aNode) { return PushNode_l(aNode); }
@@ -95,7 +111,7 @@ int CCmTimerQueueCalendar::EraseNode_l(ICmTimerHandler* aEh) {
     const auto itHandler = m_Handlers.find(aEh);
     if (itHandler == m_Handlers.end())
         return 1;
-    m_Slots[itHandler->second].remove_if([=](const CNode& aNode) { return aNode.m_pEh == aEh; });
+    m_pSlots[itHandler->second].remove_if([=](const CNode& aNode) { return aNode.m_pEh == aEh; });
     m_Handlers.erase(itHandler);
     return 0;
 }
@@ -113,7 +129,7 @@ BOOL CCmTimerQueueCalendar::FindFirst_i(ICmTimerHandler*& aEh, DWORD& aSlot) con
     if (itFirst == m_Handlers.end())
         return FALSE;
     aSlot = itFirst->second;
-    aEh = m_Slots[aSlot].front().m_pEh;
+    aEh = m_pSlots[aSlot].front().m_pEh;
     return TRUE;
 }
 
@@ -122,8 +138,8 @@ int CCmTimerQueueCalendar::PopFirstNode_l(CNode& aNode) {
     DWORD dwSlot = 0;
     if (!FindFirst_i(pEh, dwSlot))
         return -1;
-    aNode = m_Slots[dwSlot].front();
-    m_Slots[dwSlot].pop_front();
+    aNode = m_pSlots[dwSlot].front();
+    m_pSlots[dwSlot].pop_front();
     m_Handlers.erase(pEh);
     return 0;
 }
@@ -133,6 +149,6 @@ int CCmTimerQueueCalendar::GetEarliestTime_l(int64_t& aExpires) const {
     DWORD dwSlot = 0;
     if (!FindFirst_i(pEh, dwSlot))
         return -1;
-    aExpires = m_Slots[dwSlot].front().m_llExpires;
+    aExpires = m_pSlots[dwSlot].front().m_llExpires;
     return 0;
 }

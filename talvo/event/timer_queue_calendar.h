@@ -3,8 +3,8 @@
 
 #include <atomic>
 #include <forward_list>
+#include <memory>
 #include <unordered_map>
-#include <vector>
 
 #include "talvo/event/event_queue.h"
 #include "talvo/event/timer_queue_base.h"
@@ -38,13 +38,13 @@ protected:
 private:
     using CSlot = std::forward_list<CNode>;
 
-    void InsertUnique_i(const CCmTimeValue& aInterval, const CNode& aNode);
+    void InsertUnique_i(const CCmTimeValue& aInterval, CSlot& aSingle);
     DWORD DistanceOf_i(DWORD aSlot) const;
     BOOL FindFirst_i(ICmTimerHandler*& aEh, DWORD& aSlot) const;
 
     const DWORD m_dwSlotInterval;  // milliseconds
     const DWORD m_dwMaxSlotNumber;
-    std::vector<CSlot> m_Slots;  // m_dwMaxSlotNumber + 1 list heads
+    const std::unique_ptr<CSlot[]> m_pSlots;  // m_dwMaxSlotNumber + 1 list heads; null: there was no memory
     DWORD m_dwCurrentSlot = 0;
     std::unordered_map<ICmTimerHandler*, DWORD> m_Handlers;  // the slot where each handler's node stands
     ICmEventQueue* m_pEventQueue;                            // not owned
