@@ -6,6 +6,16 @@
 
 namespace talvo {
 
+namespace {
+
+[[gnu::tls_model("initial-exec")]] constinit thread_local int t_nDepth = 0;
+
+}  // namespace
+
+CCallbackScope::CCallbackScope() { ++t_nDepth; }
+CCallbackScope::~CCallbackScope() { --t_nDepth; }
+bool CCallbackScope::IsInside() { return t_nDepth > 0; }
+
 void end_by_exception() noexcept {
     const char* pText = "not a std::exception";
     try {

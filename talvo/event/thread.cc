@@ -95,6 +95,10 @@ void ACmThread::BindToCurrentThread_i() {
 
 CmResult ACmThread::Destory(CmResult aReason) {
     CM_INFO_TRACE_THIS("ACmThread::Destory, aReason=" << aReason);
+    if (m_Type == CCmThreadManager::TT_MAIN && talvo::CCallbackScope::IsInside())
+        return CM_ERROR_NOT_AVAILABLE;
+    if (m_bDestoryed.exchange(TRUE))
+        return CM_OK;
     if (m_bRegistered) {
         m_bRegistered = FALSE;
         CCmThreadManager::Instance()->UnregisterThread(this);

@@ -49,8 +49,8 @@ public:
     // Use Destory for a thread that was created. Unregisters it if nobody has.
     virtual ~ACmThread();
 
-    // aReason is traced. Unregisters, and deletes now or, if the thread still runs, when it ends. CM_OK. Not
-    // for the main thread from inside a callback of its own loop.
+    // aReason is traced. Unregisters, and deletes now or, if the thread still runs, when it ends. CM_OK, also for a thread that
+    // runs and was given up before. CM_ERROR_NOT_AVAILABLE, and nothing is done: the main thread from inside a callback.
     CmResult Destory(CmResult aReason);
 
     // Waits at most 100 ms for the end of the thread. CM_OK. CM_ERROR_TIMEOUT: it runs on, detached, and is no longer waited
@@ -95,6 +95,7 @@ private:
     CCmEventThread m_EventRun{TRUE};                // registered: OnThreadRun may begin
     CCmEventThread m_EventEnd{TRUE};                // OnThreadRun is over
     BOOL m_bRegistered = FALSE;
+    std::atomic<BOOL> m_bDestoryed{FALSE};
     CCmAtomicOperationT<CCmMutexThread> m_LetGo;  // counts the end of the thread and Destory; 2 deletes
     CCmRefPtrT<CCmThreadLink> m_pLink;            // null: there was no memory
 };

@@ -61,6 +61,14 @@ TEST(ThreadTest, TheMainThreadMayServeAsNetworkThread) {
     EXPECT_EQ(CM_OK, Manager().SetNetworkThreadMode(mode));
 }
 
+TEST(ThreadTest, ACallbackCannotDestroyTheMainThread) {
+    CMainThread main;
+    CmResult rv = CM_OK;
+    PostTo(main.GetReactor(), [&] { rv = main.Get()->Destory(CM_OK); });
+    main.RunOnce();
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
+}
+
 TEST(ThreadTest, QuietPostsWakeTheirThreadOnceBehindTheEventsThatMadeThem) {
     auto* pReactor = new CCountingReactor;
     CScopedThread thread(pReactor);
@@ -152,6 +160,7 @@ TEST(ThreadTest, AThreadThatJoinGaveUpOnComesBackLater) {
         EXPECT_EQ(CM_ERROR_TIMEOUT, pThread->Join());
         EXPECT_TRUE(trace.Contains("ACmThread::Join, WaitForSingleObject() timeout! this="));
         EXPECT_EQ(CM_OK, pThread->Destory(CM_ERROR_TIMEOUT));
+        EXPECT_EQ(CM_OK, pThread->Destory(CM_ERROR_TIMEOUT));  // no second time
         mayEnd.Signal();
         EXPECT_EQ(CM_OK, gone.Wait());
         EXPECT_EQ(pThread, pFound);
