@@ -4,6 +4,7 @@
 
 #include "talvo/base/name_resolver.h"
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/connection/conn_acceptor.h"
 #include "talvo/connection/conn_connector.h"
 #include "talvo/connection/len_pkg_conn.h"
@@ -164,8 +165,12 @@ CCmConnectionManager* CCmConnectionManager::Instance() {
     SingletonGuard guard(GetSingletonMutex());
     if (s_pInstance)
         return s_pInstance;
-    CCmDnsManager* pDnsManager = CCmDnsManager::Instance();  // the older of the two is cleaned up last
-    auto* pInstance = new (std::nothrow) CCmConnectionManager;
+    CCmDnsManager* pDnsManager = nullptr;
+    CCmConnectionManager* pInstance = nullptr;
+    talvo::WithMemory([&] {
+        pDnsManager = CCmDnsManager::Instance();  // the older of the two is cleaned up last
+        pInstance = new CCmConnectionManager;
+    });
     const CmResult rv = pInstance ? pInstance->SpawnNetworkThread_i() : CM_ERROR_OUT_OF_MEMORY;
     if (rv != CM_OK) {
         CM_ERROR_TRACE("CCmConnectionManager::Instance, SpawnNetworkThread_i() failed! rv=" << rv);

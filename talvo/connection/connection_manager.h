@@ -36,7 +36,8 @@ public:
     using CPriority = ECmTransportPriority;
 
     // Created by the first call, together with the network thread (in the thread manager's other mode the main thread serves as
-    // that, and must have been adopted). Null: there is no network thread; the trace says why.
+    // that, and must have been adopted). Null: there is no network thread; the trace says why,
+    // and a later call tries again.
     static CCmConnectionManager* Instance();
     // Destroys the instance. The network thread, if it was spawned and still exists, is stopped, joined and destroyed. From the
     // main thread, when nobody uses the instance any more. Proxies that the application still holds may be used and released

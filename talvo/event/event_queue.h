@@ -12,8 +12,8 @@ namespace talvo {
 class CEventList;
 }
 
-// A piece of work for the thread that owns a queue. Made on the heap by whoever hands it over; belongs to the queue from the
-// moment it is posted or sent, whatever the result.
+// A piece of work for the thread that owns a queue. Made on the heap by the thread that hands it over; belongs to the queue
+// from the moment it is posted or sent, whatever the result.
 class TALVO_API ICmEvent {
 public:
     ICmEvent() = default;
@@ -21,7 +21,8 @@ public:
     ICmEvent(const ICmEvent&) {}
     ICmEvent& operator=(const ICmEvent&) { return *this; }
 
-    // Does the work, in the owning thread, with no lock held. Its result goes to a sender and is dropped for a post.
+    // Does the work, in the owning thread, with no lock held. Its result goes to a sender and is dropped for a post. Must not
+    // throw: an exception is traced and ends the process. The same goes for OnDestorySelf.
     virtual CmResult OnEventFire() = 0;
     // Called exactly once, after OnEventFire, or instead of it when the queue refuses the event or dies first: then perhaps in
     // another thread. Deletes the event unless overridden.
@@ -51,7 +52,7 @@ private:
     ICmEvent* m_pNext = nullptr;  // in the queue that it waits in: to post it takes no memory
 };
 
-// The queue of one thread, and its thread's: who may outlive that thread posts through its CCmThreadLink instead.
+// The queue of one thread, which lives as long as the thread: objects that may outlive it post through its CCmThreadLink.
 class TALVO_API ICmEventQueue {
 public:
     // Accepted and ignored: all events run in the order in which they were posted.

@@ -4,8 +4,9 @@
 #include "talvo/event/event_queue.h"
 #include "talvo/event/timer_queue.h"
 
-// Handles the readiness of one handle. The operations are called in the reactor's thread, with no lock held; a handler may
-// remove, replace or delete itself or another from inside. What OnInput and OnOutput return steers the reactor:
+// Handles the readiness of one handle. The operations are called in the reactor's thread, with no lock held, and must not
+// throw: an exception is traced and ends the process. A handler may remove, replace or delete itself or another from inside.
+// What OnInput and OnOutput return steers the reactor:
 //    0   go on: if there is still something to read, report again
 //   -2   the handler would block: wait for the next readiness
 //   else remove the handler; its OnClose follows

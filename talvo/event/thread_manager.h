@@ -85,7 +85,7 @@ public:
     CmResult UnregisterThread(ACmThread* aThread);
 
     // The registered thread of that type, or what it offers; null if there is none. The pointers are good as long as the
-    // thread is: whoever may outlive it holds its CCmThreadLink instead.
+    // thread is: an object that may outlive it holds its CCmThreadLink instead.
     ACmThread* GetThread(int aType);
     ICmReactor* GetThreadReactor(int aType);
     ICmEventQueue* GetThreadEventQueue(int aType);
@@ -107,7 +107,7 @@ public:
     static BOOL IsEqualCurrentThread(DWORD aId);
     static BOOL IsEqualCurrentThread(int aType);  // the registered thread of that type is the caller
 
-    // Lent to other singletons for their creation, and to whoever has to order reference counts. The first is never destroyed.
+    // Lent to other singletons for their creation, and for ordering reference counts. The first is never destroyed.
     static CCmMutexThreadRecursive& GetSingletonMutex() { return CCmCleanUpBase::GetSingletonMutex(); }
     CCmMutexThread& GetReferenceControlMutex() { return m_ReferenceControlMutex; }
 

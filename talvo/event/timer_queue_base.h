@@ -16,8 +16,8 @@ public:
         DWORD m_dwCount = 0;       // firings left; COUNT_WITHOUT_END: until cancelled
     };
 
-    // aObserver (may be null, not owned) hears OnObserve("TimerQueue") when the queue goes from empty to non-empty, so that a
-    // sleeping loop can recompute its wait.
+    // aObserver (may be null, not owned) is called with OnObserve("TimerQueue") when the queue goes from empty to non-empty, so
+    // that a sleeping loop can recompute its wait.
     explicit CCmTimerQueueBase(ICmObserver* aObserver) : m_pObserver(aObserver) {}
     ~CCmTimerQueueBase() override;
     CCmTimerQueueBase(const CCmTimerQueueBase&) = delete;

@@ -8,7 +8,7 @@ class CCmTimerWrapperID;
 
 class TALVO_API CCmTimerWrapperIDSink {
 public:
-    // The timer is due, in the thread that scheduled it. It may schedule, cancel or delete aId inside.
+    // The timer is due, in the thread that scheduled it. It may schedule, cancel or delete aId inside. It must not throw.
     virtual void OnTimer(CCmTimerWrapperID* aId) = 0;
     virtual ~CCmTimerWrapperIDSink();
 };

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "talvo/base/trace.h"
 #include "tests/support/event_helpers.h"
 
 namespace {
