@@ -50,11 +50,10 @@ void CConnAcceptorBase::OnConnectIndication(CmResult aReason, ICmTransport* aTrp
     if (aReason != CM_OK || !m_pSink)
         return;
     const COpeningConn opening = MakeConnection();
-    if (!opening) {
+    if (!opening || !m_Opening.Add(opening)) {
         CM_ERROR_TRACE_THIS("CConnAcceptorT::OnConnectIndication, out of memory.");
         return;
     }
-    m_Opening.Add(opening);
     opening.m_pSink->OnConnectIndication(CM_OK, aTrpt, aRequestId);
 }
 

@@ -3,6 +3,7 @@
 
 #include <unordered_map>
 
+#include "talvo/base/with_memory.h"
 #include "talvo/connection/opening_conn.h"
 
 namespace talvo {
@@ -14,8 +15,10 @@ public:
     CConnServerList(const CConnServerList&) = delete;
     CConnServerList& operator=(const CConnServerList&) = delete;
 
-    // Nothing happens for a connection that it holds.
-    void Add(const COpeningConn& aOpening) { m_Connections.emplace(aOpening.m_pConn.Get(), aOpening); }
+    // Nothing happens for a connection that it holds. FALSE: memory ran out.
+    BOOL Add(const COpeningConn& aOpening) {
+        return WithMemory([&] { m_Connections.emplace(aOpening.m_pConn.Get(), aOpening); });
+    }
 
     // Takes a connection out; empty: it is not here.
     COpeningConn Take(const CConnBase& aConn);

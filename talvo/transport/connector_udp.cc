@@ -47,7 +47,8 @@ int CCmConnectorUdpT<TransportType>::ConnectToAny_i(const std::vector<DWORD>& aA
 template <class TransportType>
 int CCmConnectorUdpT<TransportType>::Connect_i() {
     CCmRefPtrT<TransportType> pTransport(new (std::nothrow) TransportType(m_pReactor));
-    if (!pTransport) {
+    if (!pTransport || !pTransport->HasSocket()) {
+        errno = ENOMEM;
         m_Failure = CCmFailure(ENOMEM, "connect to", m_AddrPeer);
         return -1;
     }

@@ -66,9 +66,10 @@ void CDatagramHub::OnStranger(CCmMessageBlock& aData, const sockaddr_in& aFrom, 
     CCmInetAddr addrPeer;
     *addrPeer.GetPtr() = aFrom;
     const CCmRefPtrT<CCmTransportUdp> pTransport(new (std::nothrow) CCmTransportUdp(m_pReactor, this, addrPeer));
-    if (!pTransport)
+    if (!pTransport || !m_Peers.Add(aKey, pTransport.Get(), m_Port.GetReceivedUsec())) {
+        m_Port.CountDropped();
         return;
-    m_Peers.Add(aKey, pTransport.Get(), m_Port.GetReceivedUsec());
+    }
     if (!m_bIdleTimer)
         ArmIdleTimer();
     CM_INFO_TRACE_THIS("CDatagramHub::OnStranger, addr=" << addrPeer.GetIpDisplayName() << " port=" << addrPeer.GetPort()
@@ -88,9 +89,9 @@ void CDatagramHub::TraceLimit() {
 
 CmResult CDatagramHub::Send(CCmTransportUdp& aTransport, CCmMessageBlock& aData, DWORD aLength) {
     const CmResult rv = m_Port.Send(aData, aLength, aTransport.GetPeerAddr().GetPtr());
-    if (rv == CM_ERROR_PARTIAL_DATA && aTransport.AskForRoom())
-        m_Refused.push_back(&aTransport);
-    return rv;
+    if (rv != CM_ERROR_PARTIAL_DATA || aTransport.IsWaitingForRoom())
+        return rv;
+    return WithMemory([&] { m_Refused.push_back(&aTransport); }) ? rv : CM_ERROR_OUT_OF_MEMORY;
 }
 
 // Each once. Whoever fills the socket again lets the others wait; whoever is refused again stands behind them.

@@ -1,7 +1,7 @@
 // One bound datagram socket for many peers.
 #pragma once
 
-#include <deque>
+#include <list>
 
 #include "talvo/event/timer_delete.h"
 #include "talvo/transport/datagram_port.h"
@@ -35,7 +35,8 @@ public:
 
     CDatagramPort& GetPort() { return m_Port; }
 
-    // For the transports. Send: as the port's; after CM_ERROR_PARTIAL_DATA aTransport hears OnRoom, in its turn.
+    // For the transports. Send: as the port's; after CM_ERROR_PARTIAL_DATA aTransport waits for OnRoom, which comes in its
+    // turn.
     CmResult Send(CCmTransportUdp& aTransport, CCmMessageBlock& aData, DWORD aLength);
     void Forget(CCmTransportUdp& aTransport);
     // Whether so many more bytes may be kept; what was kept is given back.
@@ -60,7 +61,7 @@ private:
     ICmAcceptorConnectorId* m_pId = nullptr;
     CDatagramPort m_Port;
     CPeers m_Peers;
-    std::deque<CCmTransportUdp*> m_Refused;  // not owned; wait for room, in turn
+    std::list<CCmTransportUdp*> m_Refused;  // not owned; wait for room, in turn
     DWORD m_dwMaxPeers = 0;
     int64_t m_llIdleUsec = 0;  // 0: nobody is silent for too long
     BOOL m_bIdleTimer = FALSE;

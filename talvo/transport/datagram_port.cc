@@ -23,6 +23,8 @@ BOOL IsWouldBlock(int aError) { return aError == EAGAIN || aError == EWOULDBLOCK
 }  // namespace
 
 CmResult CDatagramPort::Open() {
+    if (!GetDatagramBuffers())
+        return CM_ERROR_OUT_OF_MEMORY;
     if (m_Socket.SetOption(SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_SIZE, sizeof RECEIVE_BUFFER_SIZE) == -1)
         CM_WARNING_TRACE_THIS("CDatagramPort::Open, SetOption(SO_RCVBUF) failed! err=" << errno);
     const CmResult rv = Register();
@@ -106,7 +108,7 @@ int CDatagramPort::Receive() {
 
 // One call of the system: a count, or -1. For one datagram the plain call costs two thirds of the other.
 int CDatagramPort::ReceiveSome() {
-    CDatagramBuffers& buffers = GetDatagramBuffers();
+    CDatagramBuffers& buffers = *GetDatagramBuffers();
     if (m_dwAlone >= ALONE_PERIOD && m_dwAlone % ALONE_PERIOD != 0) {
         ++m_dwAlone;
         socklen_t length = sizeof buffers.m_From[0];
@@ -123,7 +125,7 @@ int CDatagramPort::ReceiveSome() {
 }
 
 void CDatagramPort::Deliver(int aCount) {
-    CDatagramBuffers& buffers = GetDatagramBuffers();
+    CDatagramBuffers& buffers = *GetDatagramBuffers();
     m_Counters.m_ullReceived += static_cast<uint64_t>(aCount);
     m_llReceivedUsec = CCmClock::GetTimeOfDayUsec();
     const char* pSlots = reinterpret_cast<const char*>(buffers.m_Slots);

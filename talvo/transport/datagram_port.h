@@ -47,7 +47,7 @@ public:
     // To be opened, bound, connected and made non-blocking by the owner.
     CCmSocketUdp& GetSocket() { return m_Socket; }
 
-    // Starts to receive. The reactor's result.
+    // Starts to receive. The reactor's result, or CM_ERROR_OUT_OF_MEMORY.
     CmResult Open();
     // Gives what was collected a last try, and closes the socket.
     void Close();

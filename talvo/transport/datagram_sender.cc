@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "talvo/base/with_memory.h"
 #include "talvo/transport/network_buffers.h"
 
 namespace talvo {
@@ -38,20 +39,25 @@ CmResult CDatagramSender::Add(const CCmMessageBlock& aData, const sockaddr_in* a
     if (m_bFull)
         return CM_ERROR_PARTIAL_DATA;
     CDatagram datagram{aTo ? *aTo : sockaddr_in{}, aTo == nullptr, m_Pieces.size(), 0, nullptr};
+    if (AddPieces(datagram, aData) && WithMemory([&] { m_Datagrams.push_back(datagram); }))
+        return CM_OK;
+    DestroyKept(datagram);
+    m_Pieces.resize(datagram.m_stPiece);
+    return CM_ERROR_OUT_OF_MEMORY;
+}
+
+BOOL CDatagramSender::AddPieces(CDatagram& aDatagram, const CCmMessageBlock& aData) {
     for (const CCmMessageBlock* pBlock = &aData; pBlock; pBlock = pBlock->GetNext()) {
         if (pBlock->GetTopLevelLength() == 0)
             continue;
         iovec piece{const_cast<char*>(pBlock->GetTopLevelReadPtr()), pBlock->GetTopLevelLength()};
-        if (!IsLent(piece.iov_base) && !Keep(datagram, *pBlock, piece)) {
-            DestroyKept(datagram);
-            m_Pieces.resize(datagram.m_stPiece);
-            return CM_ERROR_OUT_OF_MEMORY;
-        }
-        m_Pieces.push_back(piece);
+        if (!IsLent(piece.iov_base) && !Keep(aDatagram, *pBlock, piece))
+            return FALSE;
+        if (!WithMemory([&] { m_Pieces.push_back(piece); }))
+            return FALSE;
     }
-    datagram.m_stPieces = m_Pieces.size() - datagram.m_stPiece;
-    m_Datagrams.push_back(datagram);
-    return CM_OK;
+    aDatagram.m_stPieces = m_Pieces.size() - aDatagram.m_stPiece;
+    return TRUE;
 }
 
 // Moves aPiece, which aBlock shows, into a duplicate of the datagram's own.
@@ -95,7 +101,12 @@ int CDatagramSender::SendSome(HANDLE aFd) {
     const size_t stCount = std::min<size_t>(m_Datagrams.size() - m_stGone, CDatagramBuffers::BATCH);
     if (stCount == 1 && m_Datagrams[m_stGone].m_stPieces == 1)
         return SendOne(aFd, m_Datagrams[m_stGone]);
-    mmsghdr* pMessages = GetDatagramBuffers().m_Sent;
+    CDatagramBuffers* pBuffers = GetDatagramBuffers();
+    if (!pBuffers) {
+        errno = ENOMEM;
+        return -1;
+    }
+    mmsghdr* pMessages = pBuffers->m_Sent;
     for (size_t i = 0; i < stCount; ++i) {
         CDatagram& datagram = m_Datagrams[m_stGone + i];
         msghdr& header = pMessages[i].msg_hdr;

@@ -55,6 +55,7 @@ private:
     };
 
     BOOL IsLent(const void* aByte) const { return aByte >= m_pLentBegin && aByte < m_pLentEnd; }
+    BOOL AddPieces(CDatagram& aDatagram, const CCmMessageBlock& aData);
     int SendSome(HANDLE aFd);
     int SendOne(HANDLE aFd, const CDatagram& aDatagram) const;
     void KeepRest();

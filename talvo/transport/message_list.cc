@@ -30,12 +30,11 @@ CCmMessageBlock* CMessageList::SpaceFor(DWORD aCount) {
         return m_Chains.back();
     const DWORD dwSize = std::max(aCount, IsEmpty() ? FIRST_BLOCK : NEXT_BLOCK);
     auto* pBlock = new (std::nothrow) CCmMessageBlock(dwSize, nullptr, CCmMessageBlock::DUPLICATED);
-    if (!pBlock || pBlock->GetTopLevelSpace() < aCount) {
+    if (!pBlock || pBlock->GetTopLevelSpace() < aCount || !Add(pBlock)) {
         delete pBlock;
         return nullptr;
     }
     pBlock->LockReading();
-    Add(pBlock);
     return pBlock;
 }
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "talvo/base/message_block.h"
+#include "talvo/base/with_memory.h"
 
 namespace talvo {
 
@@ -23,8 +24,10 @@ public:
     CMessageList(const CMessageList&) = delete;
     CMessageList& operator=(const CMessageList&) = delete;
 
-    // Takes aChain over, all of it DUPLICATED.
-    void Add(CCmMessageBlock* aChain) { m_Chains.push_back(aChain); }
+    // Takes aChain over, all of it DUPLICATED. FALSE: memory ran out, and it stays the caller's.
+    BOOL Add(CCmMessageBlock* aChain) {
+        return WithMemory([&] { m_Chains.push_back(aChain); });
+    }
     // Copies aMessage, of aLength <= MAX_COPIED bytes. FALSE: memory ran out.
     BOOL AddCopy(const CCmMessageBlock& aMessage, DWORD aLength);
 

@@ -1,29 +1,37 @@
 #include "talvo/transport/network_buffers.h"
 
-#include <memory>
+#include <pthread.h>
+
+#include <new>
 
 namespace talvo {
 
 namespace {
 
-// On the heap: a thread that moves no data pays a pointer for it. The plain pointer is what the message path reads; the model
+// On the heap: a thread that moves no data pays a pointer for it. The plain pointers are what the message path reads; the model
 // of thread-local storage spares it a call each time.
-[[gnu::tls_model("initial-exec")]] constinit thread_local CNetworkBuffers* s_pBuffers = nullptr;
+[[gnu::tls_model("initial-exec")]] constinit thread_local CNetworkBuffers* t_pNetwork = nullptr;
+[[gnu::tls_model("initial-exec")]] constinit thread_local CDatagramBuffers* t_pDatagram = nullptr;
 
-struct COwner {
-    ~COwner() { s_pBuffers = nullptr; }
-    std::unique_ptr<CNetworkBuffers> m_pBuffers{new CNetworkBuffers};
-};
-
-[[gnu::noinline]] CNetworkBuffers& MakeNetworkBuffers() {
-    thread_local COwner s_Owner;
-    s_pBuffers = s_Owner.m_pBuffers.get();
-    return *s_pBuffers;
+// A key frees them when the thread ends. A thread-local object with a destructor would end the process where there is no memory
+// for it.
+template <class Buffers>
+[[gnu::noinline]] Buffers* Make(Buffers*& aBuffers) {
+    static pthread_key_t s_Key;
+    static const bool s_bKey = pthread_key_create(&s_Key, [](void* a) { delete static_cast<Buffers*>(a); }) == 0;
+    auto* pBuffers = s_bKey ? new (std::nothrow) Buffers : nullptr;
+    if (pBuffers && pthread_setspecific(s_Key, pBuffers) != 0) {
+        delete pBuffers;
+        return nullptr;
+    }
+    return aBuffers = pBuffers;
 }
 
 }  // namespace
 
-CNetworkBuffers& GetNetworkBuffers() { return s_pBuffers ? *s_pBuffers : MakeNetworkBuffers(); }
+CNetworkBuffers* GetNetworkBuffers() { return t_pNetwork ? t_pNetwork : Make(t_pNetwork); }
+CDatagramBuffers* GetDatagramBuffers() { return t_pDatagram ? t_pDatagram : Make(t_pDatagram); }
+
 CDatagramBuffers::CDatagramBuffers() {
     for (DWORD i = 0; i < BATCH; ++i) {
         m_Iov[i] = {m_Slots[i], SLOT};
@@ -33,11 +41,6 @@ CDatagramBuffers::CDatagramBuffers() {
         m_Received[i].msg_hdr.msg_name = &m_From[i];
         m_Sent[i] = {};
     }
-}
-
-CDatagramBuffers& GetDatagramBuffers() {
-    thread_local const std::unique_ptr<CDatagramBuffers> s_pBuffers(new CDatagramBuffers);
-    return *s_pBuffers;
 }
 
 }  // namespace talvo

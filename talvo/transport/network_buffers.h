@@ -34,8 +34,9 @@ struct CDatagramBuffers {
     mmsghdr m_Sent[BATCH];
 };
 
-// The calling thread's; the second costs 2 MiB of address space, from the first call on.
-CNetworkBuffers& GetNetworkBuffers();
-CDatagramBuffers& GetDatagramBuffers();
+// The calling thread's, from the first call until the thread ends; null: memory ran out, and the next call tries again. The
+// second costs 2 MiB of address space.
+CNetworkBuffers* GetNetworkBuffers();
+CDatagramBuffers* GetDatagramBuffers();
 
 }  // namespace talvo

@@ -7,6 +7,7 @@
 #include <unordered_map>
 
 #include "talvo/base/types.h"
+#include "talvo/base/with_memory.h"
 
 namespace talvo {
 
@@ -47,12 +48,14 @@ public:
         return found == m_Peers.end() ? nullptr : &found->second;
     }
 
-    // A peer that the table does not hold yet; it has just been heard of.
-    void Add(uint64_t aKey, Object* aObject, int64_t aNowUsec) {
-        CPeer& peer = m_Peers[aKey];
-        peer.m_pObject = aObject;
-        peer.m_ullKey = aKey;
-        Hear(peer, aNowUsec);
+    // A peer that the table does not hold yet; it has just been heard of. FALSE: memory ran out.
+    BOOL Add(uint64_t aKey, Object* aObject, int64_t aNowUsec) {
+        return WithMemory([&] {
+            CPeer& peer = m_Peers[aKey];
+            peer.m_pObject = aObject;
+            peer.m_ullKey = aKey;
+            Hear(peer, aNowUsec);
+        });
     }
 
     void Hear(CPeer& aPeer, int64_t aNowUsec) {

@@ -19,11 +19,14 @@ BOOL DuplicateUnlessSmall(const CCmMessageBlock& aData, DWORD aLength, BOOL aMay
     return aChain != nullptr;
 }
 
+// FALSE: memory ran out, and aChain is gone.
 BOOL AddTo(CMessageList& aList, CCmMessageBlock* aChain, const CCmMessageBlock& aData, DWORD aLength) {
     if (!aChain)
         return aList.AddCopy(aData, aLength);
-    aList.Add(aChain);
-    return TRUE;
+    if (aList.Add(aChain))
+        return TRUE;
+    aChain->DestroyChained();
+    return FALSE;
 }
 
 }  // namespace

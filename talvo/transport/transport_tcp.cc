@@ -30,6 +30,8 @@ CCmTransportTcp::~CCmTransportTcp() {
 }
 
 CmResult CCmTransportTcp::Open_t() {
+    if (!talvo::GetNetworkBuffers())
+        return CM_ERROR_OUT_OF_MEMORY;
     int nSize = SOCKET_BUFFER_SIZE;
     SetOption(CM_OPT_TRANSPORT_SNDBUF, &nSize);
     SetOption(CM_OPT_TRANSPORT_RCVBUF, &nSize);
@@ -119,7 +121,7 @@ int CCmTransportTcp::Send_i(const char* aBuf, DWORD aLen) {
 
 int CCmTransportTcp::OnInput(HANDLE) {
     m_Est.EnsureSingleThread();
-    char* pBuffer = talvo::GetNetworkBuffers().m_Receive;
+    char* pBuffer = talvo::GetNetworkBuffers()->m_Receive;
     const int nRecv = Recv_i(pBuffer, talvo::CNetworkBuffers::RECEIVE_SIZE);
     if (nRecv < 0)
         return nRecv;
@@ -156,7 +158,10 @@ CmResult CCmTransportTcp::SendData(CCmMessageBlock& aData, CCmTransportParameter
         CM_WARNING_TRACE_THIS("CCmTransportTcp::SendData, socket is invalid.");
         return CM_ERROR_NOT_INITIALIZED;
     }
-    iovec* pIov = talvo::GetNetworkBuffers().m_Iov;
+    talvo::CNetworkBuffers* pBuffers = talvo::GetNetworkBuffers();
+    if (!pBuffers)
+        return CM_ERROR_OUT_OF_MEMORY;
+    iovec* pIov = pBuffers->m_Iov;
     const DWORD dwPieces = aData.FillIov(pIov, talvo::CNetworkBuffers::MAX_PIECES);
     if (dwPieces == 0)
         return CM_OK;

@@ -1,5 +1,6 @@
 #include "talvo/transport/transport_udp.h"
 
+#include <new>
 #include <utility>
 
 #include "talvo/base/live_counter.h"
@@ -18,7 +19,7 @@ DWORD CostOf(const CCmMessageBlock& aData) { return aData.GetChainedLength() + K
 }  // namespace
 
 CCmTransportUdp::CCmTransportUdp(ICmReactor* aReactor)
-    : CCmTransportBase(aReactor), m_pOwnPort(new talvo::CDatagramPort(aReactor, *this, TRUE)) {
+    : CCmTransportBase(aReactor), m_pOwnPort(new (std::nothrow) talvo::CDatagramPort(aReactor, *this, TRUE)) {
     ++s_Live;
 }
 
@@ -46,13 +47,13 @@ HANDLE CCmTransportUdp::GetHandle() const {
 CmResult CCmTransportUdp::Open_t() {
     if (GetHandle() == CM_INVALID_HANDLE)
         return CM_ERROR_NOT_INITIALIZED;
-    if (!m_Kept.empty())
+    if (m_dwKept > 0)
         DeliverLater();
     return m_pOwnPort ? m_pOwnPort->Open() : CM_OK;
 }
 
 CmResult CCmTransportUdp::Close_t(CmResult) {
-    while (!m_Kept.empty())
+    while (m_dwKept > 0)
         TakeFirstKept()->DestroyChained();
     if (std::exchange(m_bDeliverDue, FALSE) && ICmReactor::IsAlive(m_pReactor))
         m_pReactor->CancelTimer(this);
@@ -106,7 +107,7 @@ void CCmTransportUdp::Take(CCmMessageBlock& aData) {
 }
 
 void CCmTransportUdp::DeliverKept() {
-    while (!m_Kept.empty() && CanDeliver()) {
+    while (m_dwKept > 0 && CanDeliver()) {
         CCmMessageBlock* pFirst = TakeFirstKept();
         m_pSink->OnReceive(*pFirst, this, nullptr);
         pFirst->DestroyChained();
@@ -115,17 +116,22 @@ void CCmTransportUdp::DeliverKept() {
 
 void CCmTransportUdp::Keep(const CCmMessageBlock& aData) {
     const DWORD dwCost = CostOf(aData);
-    if (m_pHub && (m_Kept.size() >= MAX_KEPT || !m_pHub->Keep(dwCost)))
+    if (m_pHub && (m_dwKept >= MAX_KEPT || !m_pHub->Keep(dwCost)))
         return;
-    if (CCmMessageBlock* pKept = aData.DuplicateChained())
-        m_Kept.push_back(pKept);
-    else if (m_pHub)
+    CCmMessageBlock* pKept = aData.DuplicateChained();
+    if (pKept && m_Kept.Add(pKept)) {
+        ++m_dwKept;
+        return;
+    }
+    if (pKept)
+        pKept->DestroyChained();
+    if (m_pHub)
         m_pHub->GiveBack(dwCost);
 }
 
 CCmMessageBlock* CCmTransportUdp::TakeFirstKept() {
-    CCmMessageBlock* pFirst = m_Kept.front();
-    m_Kept.pop_front();
+    CCmMessageBlock* pFirst = m_Kept.TakeChain();
+    --m_dwKept;
     if (m_pHub)
         m_pHub->GiveBack(CostOf(*pFirst));
     return pFirst;
@@ -146,7 +152,7 @@ CmResult CCmTransportUdp::PauseReading_i(BOOL aPause) {
     if (m_bReadingPaused == aPause)
         return CM_OK;
     m_bReadingPaused = aPause;
-    if (!aPause && m_pSink && !m_Kept.empty())
+    if (!aPause && m_pSink && m_dwKept > 0)
         DeliverLater();
     return m_pOwnPort ? m_pOwnPort->PauseReading(aPause) : CM_OK;
 }

@@ -1,11 +1,10 @@
 // Datagrams to and from one peer as a transport.
 #pragma once
 
-#include <deque>
 #include <memory>
-#include <utility>
 
 #include "talvo/transport/datagram_hub.h"
+#include "talvo/transport/message_list.h"
 #include "talvo/transport/transport_base.h"
 
 // Connectors make it over a connected socket of its own; the acceptor makes one for each peer, over a socket that all share.
@@ -28,6 +27,8 @@ class TALVO_API CCmTransportUdp : public CCmTransportBase, public ICmTimerHandle
 public:
     // Over a socket of its own, which the caller opens, makes non-blocking and connects: GetPeer().
     explicit CCmTransportUdp(ICmReactor* aReactor);
+    // FALSE, of the former: memory ran out. GetPeer() must not be used, and everything else finds it closed.
+    BOOL HasSocket() const { return bool{m_pOwnPort}; }
     // One peer of aHub.
     CCmTransportUdp(ICmReactor* aReactor, talvo::CDatagramHub* aHub, const CCmInetAddr& aAddrPeer);
     ~CCmTransportUdp() override;
@@ -51,8 +52,6 @@ public:
     void Take(CCmMessageBlock& aData);
     void OnRoom();
     void OnSilent();
-    // TRUE unless it has been asked for already.
-    BOOL AskForRoom() { return !std::exchange(m_bNeedOnSend, TRUE); }
     BOOL IsWaitingForRoom() const { return m_bNeedOnSend; }
 
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // what was kept can be delivered
@@ -81,7 +80,8 @@ private:
     std::unique_ptr<talvo::CDatagramPort> m_pOwnPort;  // null: a peer of m_pHub
     CCmRefPtrT<talvo::CDatagramHub> m_pHub;            // null: connected, or closed
     CCmInetAddr m_AddrPeer;
-    std::deque<CCmMessageBlock*> m_Kept;  // owned; datagrams, in order
+    talvo::CMessageList m_Kept;  // datagrams that cannot be delivered yet
+    DWORD m_dwKept = 0;          // so many
     BOOL m_bReadingPaused = FALSE;
     BOOL m_bNeedOnSend = FALSE;
     BOOL m_bDeliverDue = FALSE;  // the timer runs
