@@ -152,8 +152,7 @@ CmResult CreateByThread(DWORD aType, Interface*& aResult, Factory aFactory, cons
     if (pUser == pNetwork && !(aType & CCmConnectionManager::CTYPE_FORCE_THREAD_PROXY))
         return aFactory(aType, aResult);
     CM_INFO_TRACE(aTraceText << aType);
-    CCmRefPtrT<Interface> pProxy(new (std::nothrow) Proxy(pUser->GetLink(), pNetwork->GetLink(), aType, aFactory));
-    aResult = pProxy.Detach();
+    aResult = Proxy::Make(pUser->GetLink(), pNetwork->GetLink(), aType, aFactory).Detach();
     return aResult ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
 

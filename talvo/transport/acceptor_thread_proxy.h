@@ -31,9 +31,13 @@ private:
 class TALVO_API CCmAcceptorThreadProxy final : public talvo::CThreadProxyT<ICmAcceptor, talvo::CAcceptorProxyCore>,
                                                public talvo::CConnectOptions {
 public:
-    CCmAcceptorThreadProxy(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, talvo::CAcceptorFactory aFactory)
-        : CThreadProxyT(new talvo::CAcceptorProxyCore(aUser, aNetwork, aType, aFactory)) {
-        m_pCore->SetProxy(this);
+    // Null: memory ran out.
+    static CCmRefPtrT<ICmAcceptor> Make(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType,
+                                        talvo::CAcceptorFactory aFactory) {
+        const auto pProxy = Make_i<CCmAcceptorThreadProxy>(aUser, aNetwork, aType, aFactory);
+        if (pProxy)
+            pProxy->m_pCore->SetProxy(pProxy.Get());
+        return CCmRefPtrT<ICmAcceptor>(pProxy.Get());
     }
 
     BOOL IsConnector() override { return FALSE; }
@@ -44,5 +48,7 @@ public:
     CmResult GetListenAddr(CCmInetAddr& aAddr) override { return m_pCore->GetListenAddr(aAddr); }
 
 private:
+    using CThreadProxyT::CThreadProxyT;
+
     CCmFailure GetFailure() const override { return m_pCore->GetFailure(); }
 };

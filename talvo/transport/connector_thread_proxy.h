@@ -38,9 +38,13 @@ private:
 class TALVO_API CCmConnectorThreadProxy final : public talvo::CThreadProxyT<ICmConnector, talvo::CConnectorProxyCore>,
                                                 public talvo::CConnectOptions {
 public:
-    CCmConnectorThreadProxy(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, talvo::CConnectorFactory aFactory)
-        : CThreadProxyT(new talvo::CConnectorProxyCore(aUser, aNetwork, aType, aFactory)) {
-        m_pCore->SetProxy(this);
+    // Null: memory ran out.
+    static CCmRefPtrT<ICmConnector> Make(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType,
+                                         talvo::CConnectorFactory aFactory) {
+        const auto pProxy = Make_i<CCmConnectorThreadProxy>(aUser, aNetwork, aType, aFactory);
+        if (pProxy)
+            pProxy->m_pCore->SetProxy(pProxy.Get());
+        return CCmRefPtrT<ICmConnector>(pProxy.Get());
     }
 
     BOOL IsConnector() override { return TRUE; }
@@ -51,5 +55,7 @@ public:
     void CancelConnect() override { m_pCore->CancelConnect(); }
 
 private:
+    using CThreadProxyT::CThreadProxyT;
+
     CCmFailure GetFailure() const override { return m_pCore->GetFailure(); }
 };

@@ -29,7 +29,12 @@ public:
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
         CCmRefPtrT<ICmTransport> pProxy;
         if (aTrpt)
-            pProxy = new CCmTransportThreadProxy(aTrpt, GetUser(), GetNetwork(), m_dwType);
+            pProxy = CCmTransportThreadProxy::Make(aTrpt, GetUser(), GetNetwork(), m_dwType);
+        if (aTrpt && !pProxy) {
+            aReason = CM_ERROR_OUT_OF_MEMORY;
+            if (!m_bOnce)
+                return;  // an acceptor indicates no failure; the connection closes
+        }
         PostIndication(m_bOnce ? std::exchange(m_dwRunning, 0) : m_dwRunning, aReason, std::move(pProxy),
                        aReason == CM_OK ? CCmFailure() : GetConnectFailure(m_pInner.Get()));
     }

@@ -2,10 +2,11 @@
 #pragma once
 
 #include <atomic>
+#include <new>
 #include <type_traits>
+#include <utility>
 
 #include "talvo/base/ref_ptr.h"
-#include "talvo/event/event_delete.h"
 #include "talvo/event/thread_link.h"
 
 namespace talvo {
@@ -80,7 +81,14 @@ public:
     DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
 
 protected:
-    explicit CThreadProxyT(Core* aCore) : m_pCore(aCore) {}
+    explicit CThreadProxyT(CCmRefPtrT<Core> aCore) : m_pCore(std::move(aCore)) {}
+
+    // A Proxy over a new core; null: memory ran out.
+    template <class Proxy, class... Arguments>
+    static CCmRefPtrT<Proxy> Make_i(Arguments&&... aArguments) {
+        CCmRefPtrT<Core> pCore(new (std::nothrow) Core(std::forward<Arguments>(aArguments)...));
+        return CCmRefPtrT<Proxy>(pCore ? new (std::nothrow) Proxy(std::move(pCore)) : nullptr);
+    }
 
     void OnReferenceDestory() override {
         const CCmRefPtrT<Core> pCore = m_pCore;
@@ -89,10 +97,24 @@ protected:
             delete this;
             return;
         }
-        (new CCmEventDeleteT<CThreadProxyT>(this))->Launch(pCore->GetNetwork());
+        pCore->GetNetwork().PostEvent(&m_Deletion);
     }
 
     const CCmRefPtrT<Core> m_pCore;
+
+private:
+    // Part of what it deletes, so that a release needs no memory.
+    class CDeletion final : public ICmEvent {
+    public:
+        explicit CDeletion(CThreadProxyT& aProxy) : m_Proxy(aProxy) {}
+        CmResult OnEventFire() override { return CM_OK; }
+        void OnDestorySelf() override { delete &m_Proxy; }
+
+    private:
+        CThreadProxyT& m_Proxy;
+    };
+
+    CDeletion m_Deletion{*this};
 };
 
 }  // namespace talvo

@@ -262,13 +262,18 @@ BOOL CTransportProxyCore::HasUnacknowledged_i() {
     return m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK && dwBytes > 0;
 }
 
-void CTransportProxyCore::Disconnect_i(CmResult aReason) {
+void CTransportProxyCore::ApplyReadingAnew_i() {
+    m_bApplyReadingPosted = FALSE;
+    ApplyReading_i();
+}
+
+void CTransportProxyCore::Disconnect_i() {
     if (!m_pTransport || m_pLingerTimers)
         return;
-    if (aReason == CM_OK && (!m_SendQueue.IsEmpty() || HasUnacknowledged_i()))
+    if (m_DisconnectReason == CM_OK && (!m_SendQueue.IsEmpty() || HasUnacknowledged_i()))
         Linger_i();
     else
-        LetGo_i(aReason);
+        LetGo_i(m_DisconnectReason);
 }
 
 void CTransportProxyCore::Linger_i() {

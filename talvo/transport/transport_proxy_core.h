@@ -85,7 +85,8 @@ private:
     void TellSent_i();
     void ReadMaxMessage_i();
     void ApplyReading_i();
-    void Disconnect_i(CmResult aReason);
+    void ApplyReadingAnew_i();
+    void Disconnect_i();
     BOOL HasUnacknowledged_i();
     void Linger_i();
     void Lost_i(CmResult aReason, const CCmFailure& aFailure);
@@ -119,12 +120,16 @@ private:
     CAtomicAddr m_LocalAddr;
     CAtomicAddr m_PeerAddr;
     std::atomic<DWORD> m_dwTransportType{0};
+    std::atomic<BOOL> m_bApplyReadingPosted{FALSE};
+    CmResult m_DisconnectReason = CM_OK;  // set before the event is posted
     CProxySendQueue m_SendQueue;
     CProxyReceiveQueue m_ReceiveQueue;
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Drain> m_DrainEvent{*this};
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Upcall, &CTransportProxyCore::UpcallDropped> m_UpcallEvent{
         *this};
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::TellReceived_i> m_TellEvent{*this};
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Disconnect_i> m_DisconnectEvent{*this};
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::ApplyReadingAnew_i> m_ApplyReadingEvent{*this};
 
     // User's thread only.
     CMessageList m_Delivering;

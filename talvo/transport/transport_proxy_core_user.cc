@@ -58,7 +58,8 @@ CmResult CTransportProxyCore::Disconnect(CmResult aReason) {
     m_pSink = nullptr;
     if (m_bClosed.exchange(TRUE))
         return CM_OK;
-    GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this), aReason] { pThis->Disconnect_i(aReason); });
+    m_DisconnectReason = aReason;
+    m_DisconnectEvent.Post(GetNetwork());
     return CM_OK;
 }
 
@@ -137,7 +138,8 @@ void CTransportProxyCore::PauseReading_i(BOOL aPause) {
 }
 
 void CTransportProxyCore::PostApplyReading_i() {
-    GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->ApplyReading_i(); });
+    if (!m_bApplyReadingPosted.exchange(TRUE))
+        m_ApplyReadingEvent.Post(GetNetwork());
 }
 
 CmResult CTransportProxyCore::PostUpcall_i() {

@@ -45,9 +45,12 @@ class TALVO_API CCmTransportThreadProxy final : public talvo::CThreadProxyT<ICmT
 public:
     // In the network thread, before anything can arrive: while the connector or acceptor indicates aTransport, which is kept
     // there. aType: the connection type it was made for.
-    CCmTransportThreadProxy(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType)
-        : CThreadProxyT(new talvo::CTransportProxyCore(aTransport, aUser, aNetwork, aType)) {
-        m_pCore->Start(this);
+    // Null: memory ran out.
+    static CCmRefPtrT<ICmTransport> Make(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType) {
+        const auto pProxy = Make_i<CCmTransportThreadProxy>(aTransport, aUser, aNetwork, aType);
+        if (pProxy)
+            pProxy->m_pCore->Start(pProxy.Get());
+        return CCmRefPtrT<ICmTransport>(pProxy.Get());
     }
 
     CmResult OpenWithSink(ICmTransportSink* aSink) override { return m_pCore->OpenWithSink(aSink); }
@@ -58,4 +61,7 @@ public:
     CmResult SetOption(DWORD aCommand, void* aArg) override { return m_pCore->SetOption(aCommand, aArg); }
     CmResult GetOption(DWORD aCommand, void* aArg) override { return m_pCore->GetOption(aCommand, aArg); }
     CmResult Disconnect(CmResult aReason) override { return m_pCore->Disconnect(aReason); }
+
+private:
+    using CThreadProxyT::CThreadProxyT;
 };

@@ -107,8 +107,8 @@ public:
         : m_Network(aNetwork) {
         m_Network.InNetwork([&] {
             aPrepare(*m_pFake);
-            m_pProxy = new CCmTransportThreadProxy(m_pFake.Get(), aUser ? *aUser : m_Network.MainLink(),
-                                                   m_Network.NetworkLink(), aType);
+            m_pProxy = CCmTransportThreadProxy::Make(m_pFake.Get(), aUser ? *aUser : m_Network.MainLink(),
+                                                     m_Network.NetworkLink(), aType);
         });
     }
     void Open() {
