@@ -141,16 +141,11 @@ void CCsConn::Reset() {
     m_Pending.Clear();
     m_SendBuf.Reset();
     m_Receive.Clear();
-    ForgetConnReq_i();
+    m_dwConnReq = 0;
     Reset4Recv();
     SetTPTransport(nullptr);
     m_wChannel = 0;
     m_wPrevStatus = m_wStatus = CS_STATUS_NOT_CONNECTED;
-}
-
-void CCsConn::ForgetConnReq_i() {
-    if (CCmMessageBlock* pConnReq = std::exchange(m_pConnReq, nullptr))
-        pConnReq->DestroyChained();
 }
 
 CmResult CCsConn::ScheduleKeepAlive_i() {

@@ -21,7 +21,8 @@
 //
 // SendData takes a message whole or not at all. CM_ERROR_PARTIAL_DATA: no room now, an OnSend follows. CM_ERROR_INVALID_ARG: it
 // is longer than can ever be sent, see CM_OPT_TRANSPORT_MAX_MESSAGE; the trace says which option raises that.
-// CM_ERROR_NOT_AVAILABLE: not connected. OnSend may also come when nothing was refused.
+// CM_ERROR_OUT_OF_MEMORY: not taken, and no OnSend follows; or memory ran out with a part of it sent, and the connection has
+// ended, which OnDisconnect has told. CM_ERROR_NOT_AVAILABLE: not connected. OnSend may also come when nothing was refused.
 //
 // While reading is paused (option 141) the messages that one read of the transport has brought before still come.
 //
@@ -73,7 +74,6 @@ protected:
     // Forgets everything of the connection, the transport included.
     void Reset();
     void Reset4Recv();
-    void ForgetConnReq_i();
 
     // The two ends. Close_i was asked for from above: tells the peer, forgets the sink and returns the transport's result.
     // End_i tells nobody and leaves the sink, for TellEnd_i.
@@ -83,6 +83,7 @@ protected:
     // Reads the type of the PDU that begins the received bytes. FALSE: there is no such type.
     BOOL GetPDUType();
     CCsPduConnReqResp TakeConnectPdu_i();
+    void TakeFixedPdu_i(CCsPduBase& aPdu);
 
     // The periodic work of a connected side. Silent: nothing has come for 120 s; aSilence is for how many milliseconds. Time in
     // which reading was paused from above does not count.
@@ -100,7 +101,8 @@ protected:
     DWORD m_cBaseType = 0;      // of the transport below
     BOOL m_bDatagrams = FALSE;  // which says that it is one
     BOOL m_bNeedKeepAlive = FALSE;
-    CCmMessageBlock* m_pConnReq = nullptr;  // owned; the connect request, kept for sending it again
+    char m_szConnReq[CCsPduBase::MAX_FIX_LENGTH] = {};  // the connect request, kept for sending it again
+    DWORD m_dwConnReq = 0;                              // its length; 0: there is none
     talvo::CReceiveChain m_Receive;
     CCmTimerWrapperID m_KeepAliveTimer;
     CCmTimerWrapperID m_SecondTimer;  // of the derived class
@@ -112,10 +114,11 @@ private:
     CmResult SendBuffered_i(CCmMessageBlock& aData);
     BOOL MayGather_i(DWORD aLength);
     BOOL HasRoom_i(DWORD aLength) const;
-    DWORD AddToSendBuf_i(CCmMessageBlock& aData);
+    CmResult AddToSendBuf_i(CCmMessageBlock& aData);
     CmResult GatherFrame_i(CCmMessageBlock& aData);
     CmResult SendUnbuffered_i(CCmMessageBlock& aData);
     CmResult SendCurrent_i();
+    CmResult NoMemoryToSend_i();
     CmResult DropDatagram_i(DWORD aLength, CmResult aReason);
     CmResult SendConnectPdu_i(const CCmMessageBlock& aPdu);
     CmResult SendFrame_i(const CCmMessageBlock& aHeader, CCmMessageBlock& aPayload);

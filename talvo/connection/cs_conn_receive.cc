@@ -7,17 +7,15 @@
 namespace {
 
 // An address as the transport tells it, for the trace.
-CCmString AddressOf(ICmTransport* aTransport, DWORD aCommand) {
+CCmTraceText AddressOf(ICmTransport* aTransport, DWORD aCommand) {
     CCmInetAddr addr;
+    CCmTraceText text;
     if (!aTransport || aTransport->GetOption(aCommand, &addr) != CM_OK)
-        return "none";
-    return addr.GetIpDisplayName() + ":" + std::to_string(addr.GetPort());
+        return text << "none";
+    return text << addr.GetIpDisplayName() << ":" << addr.GetPort();
 }
-CCmString LocalOf(ICmTransport* aTransport) { return AddressOf(aTransport, CM_OPT_TRANSPORT_LOCAL_ADDR); }
-CCmString PeerOf(ICmTransport* aTransport) { return AddressOf(aTransport, CM_OPT_TRANSPORT_PEER_ADDR); }
-
-// The most that a PDU's header has.
-constexpr DWORD MAX_HEADER = 9;
+CCmTraceText LocalOf(ICmTransport* aTransport) { return AddressOf(aTransport, CM_OPT_TRANSPORT_LOCAL_ADDR); }
+CCmTraceText PeerOf(ICmTransport* aTransport) { return AddressOf(aTransport, CM_OPT_TRANSPORT_PEER_ADDR); }
 
 }  // namespace
 
@@ -30,9 +28,9 @@ void CCsConn::Reset4Recv() {
 BOOL CCsConn::IsMine_i(ICmTransport* aTrpt) {
     if (aTrpt == m_pTransport.Get())
         return TRUE;
-    CM_WARNING_TRACE_THIS("CCsConn::OnReceive, src_ip1=" << LocalOf(aTrpt) << " dst_ip1=" << PeerOf(aTrpt)
-                                                         << " src_ip2=" << LocalOf(m_pTransport.Get())
-                                                         << " dst_ip2=" << PeerOf(m_pTransport.Get()));
+    CM_WARNING_TRACE_THIS("CCsConn::OnReceive, src_ip1=" << LocalOf(aTrpt).GetText() << " dst_ip1=" << PeerOf(aTrpt).GetText()
+                                                         << " src_ip2=" << LocalOf(m_pTransport.Get()).GetText()
+                                                         << " dst_ip2=" << PeerOf(m_pTransport.Get()).GetText());
     return FALSE;
 }
 
@@ -105,7 +103,7 @@ BOOL CCsConn::TakePdu_i(CCmTransportParameter* aPara) {
 BOOL CCsConn::Refuse_i(const char* aText) {
     NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer has sent a PDU that does not fit");
     CM_WARNING_TRACE_THIS(aText << static_cast<int>(m_byType) << " m_wStatus=" << m_wStatus
-                                << " peer=" << PeerOf(m_pTransport.Get()));
+                                << " peer=" << PeerOf(m_pTransport.Get()).GetText());
     OnDisconnect(CM_ERROR_NOT_AVAILABLE, m_pTransport.Get());
     return FALSE;
 }
@@ -119,15 +117,25 @@ BOOL CCsConn::GetPDUType() {
     return FALSE;
 }
 
+// Needs no memory.
+void CCsConn::TakeFixedPdu_i(CCsPduBase& aPdu) {
+    char szPdu[CCsPduBase::MAX_FIX_LENGTH] = {};
+    const DWORD dwLength = aPdu.GetFixLength();
+    m_Receive.Peek(szPdu, dwLength);
+    m_Receive.Skip(dwLength);
+    CCmMessageBlock block(dwLength, szPdu, 0, dwLength);
+    aPdu.Decode(block);
+}
+
 CCsPduConnReqResp CCsConn::TakeConnectPdu_i() {
     CCsPduConnReqResp pdu(0, 0, CS_PDU_TYPE_CONN_REQ, 15);
-    m_Receive.Take(pdu.GetFixLength(), [&](CCmMessageBlock& aPdu) { pdu.Decode(aPdu); });
+    TakeFixedPdu_i(pdu);
     return pdu;
 }
 
 void CCsConn::OnRecvDisconn() {
     CCsPduDisconn pdu(0, CS_PDU_TYPE_DISCONN);
-    m_Receive.Take(pdu.GetFixLength(), [&](CCmMessageBlock& aPdu) { pdu.Decode(aPdu); });
+    TakeFixedPdu_i(pdu);
     m_bPeerDisconnected = TRUE;
     m_KeepAliveTimer.Cancel();
     CM_INFO_TRACE_THIS("CCsConn::OnRecvDisconn(), Normal disconnect, wReason =" << pdu.GetReason());
@@ -142,7 +150,7 @@ void CCsConn::OnRecvKeepAlive() {
         m_Receive.Skip(pdu.GetFixLength());
         return;
     }
-    m_Receive.Take(pdu.GetFixLength(), [&](CCmMessageBlock& aPdu) { pdu.Decode(aPdu); });
+    TakeFixedPdu_i(pdu);
     if (m_bNeedACK && m_dwMaxBufLen > 0)
         DoACK(pdu.GetACK());
 }
@@ -154,7 +162,7 @@ BOOL CCsConn::ReadDataLength_i() {
                                                                             << " m_dwPDULen=" << m_dwPDULen);
         return FALSE;
     }
-    char szHeader[MAX_HEADER] = {};
+    char szHeader[CCsPduBase::MAX_FIX_LENGTH] = {};
     m_Receive.Peek(szHeader, m_dwPDULen);
     CCmMessageBlock header(m_dwPDULen, szHeader, 0, m_dwPDULen);
     CCsPduData pdu(m_bNeedACK, 0, 0, m_byType, nullptr);
@@ -162,7 +170,7 @@ BOOL CCsConn::ReadDataLength_i() {
     const DWORD dwDataLen = pdu.GetDataLen();
     if (dwDataLen > m_dwMaxMessage || dwDataLen > std::numeric_limits<DWORD>::max() - m_dwPDULen) {
         CM_WARNING_TRACE_THIS("CCsConn::OnReceive, message too long, len=" << dwDataLen << " max=" << m_dwMaxMessage
-                                                                           << " peer=" << PeerOf(m_pTransport.Get()));
+                                                                           << " peer=" << PeerOf(m_pTransport.Get()).GetText());
         NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer has announced a message that is too long");
         OnDisconnect(CM_ERROR_NOT_AVAILABLE, m_pTransport.Get());
         return FALSE;

@@ -85,14 +85,15 @@ CmResult CCsConn::SendBuffered_i(CCmMessageBlock& aData) {
     const BOOL bHandshake = m_wStatus == CS_STATUS_HANDSHAKE;
     const BOOL bSend = !bHandshake && !m_bCorked;
     const BOOL bFlushed = bSend && SendDataFromSendBuf() == CM_OK;
-    DWORD dwAdded = AddToSendBuf_i(aData);
-    if (dwAdded == 0 && m_bCorked && !bHandshake && SendDataFromSendBuf() == CM_OK)
-        dwAdded = AddToSendBuf_i(aData);
-    if (dwAdded == 0) {
+    CmResult rv = AddToSendBuf_i(aData);
+    if (rv == CM_ERROR_PARTIAL_DATA && m_bCorked && !bHandshake && SendDataFromSendBuf() == CM_OK)
+        rv = AddToSendBuf_i(aData);
+    if (rv == CM_ERROR_PARTIAL_DATA) {
         CM_INFO_TRACE_THIS("CCsConn::SendData(), not enough rooms for the aData");
         m_bNeedOnSend = TRUE;
-        return CM_ERROR_PARTIAL_DATA;
     }
+    if (rv != CM_OK)
+        return rv;
     // While corked, what makes a full call anyway does not wait for more.
     const BOOL bEnough = m_SendBuf.GetUnsent() >= ENOUGH_BYTES && m_SendBuf.GetCount() >= talvo::CGatherChain::MAX_PIECES;
     if (bFlushed || (m_bCorked && !bHandshake && bEnough))
@@ -116,9 +117,15 @@ BOOL CCsConn::HasRoom_i(DWORD aLength) const {
     return uint64_t{m_Pending.GetLength()} + m_SendBuf.GetUsed() + dwHeader + aLength <= m_dwMaxBufLen;
 }
 
-DWORD CCsConn::AddToSendBuf_i(CCmMessageBlock& aData) {
-    const BOOL bBesidePending = m_Pending.GetLength() > 0;
-    return bBesidePending && !HasRoom_i(aData.GetChainedLength()) ? 0 : m_SendBuf.AddDataPDU(&aData, m_bNeedACK);
+CmResult CCsConn::AddToSendBuf_i(CCmMessageBlock& aData) {
+    if (m_wStatus == CS_STATUS_NOT_CONNECTED)
+        return CM_ERROR_OUT_OF_MEMORY;  // a send before has ended the connection
+    const BOOL bRoom = HasRoom_i(aData.GetChainedLength());
+    if (m_Pending.GetLength() > 0 && !bRoom)
+        return CM_ERROR_PARTIAL_DATA;
+    if (m_SendBuf.AddDataPDU(&aData, m_bNeedACK) > 0)
+        return CM_OK;
+    return bRoom ? CM_ERROR_OUT_OF_MEMORY : CM_ERROR_PARTIAL_DATA;
 }
 
 CmResult CCsConn::GatherFrame_i(CCmMessageBlock& aData) {
@@ -150,6 +157,8 @@ CmResult CCsConn::SendFrame_i(const CCmMessageBlock& aHeader, CCmMessageBlock& a
     m_bRefused = !m_Pending.IsEmpty();
     if (rv == CM_OK)
         Sent_i();
+    if (rv == CM_ERROR_OUT_OF_MEMORY && !m_bDatagrams)
+        OnDisconnect(rv, m_pTransport.Get());  // a part of it may have gone
     return rv;
 }
 
@@ -193,7 +202,7 @@ CmResult CCsConn::SendCurrent_i() {
     else
         m_SendBuf.GetData(pChain);
     if (!pChain)
-        return CM_ERROR_OUT_OF_MEMORY;
+        return NoMemoryToSend_i();
     const DWORD dwBefore = pChain->GetChainedLength();
     const CmResult rv = m_pTransport->SendData(*pChain);
     if (m_bDatagrams && rv != CM_OK && rv != CM_ERROR_PARTIAL_DATA)
@@ -203,6 +212,14 @@ CmResult CCsConn::SendCurrent_i() {
         Sent_i();
     m_SendBuf.DataSentLen(dwSent);
     return rv;
+}
+
+// Nothing would bring it another try.
+CmResult CCsConn::NoMemoryToSend_i() {
+    if (m_bDatagrams)
+        return DropDatagram_i(m_SendBuf.GetCurrentUnsent(), CM_ERROR_OUT_OF_MEMORY);
+    OnDisconnect(CM_ERROR_OUT_OF_MEMORY, m_pTransport.Get());
+    return CM_ERROR_OUT_OF_MEMORY;
 }
 
 // One that the transport will not take would hold up all behind it.
@@ -215,20 +232,19 @@ CmResult CCsConn::DropDatagram_i(DWORD aLength, CmResult aReason) {
 CmResult CCsConn::SendConnReq() {
     if (!m_pTransport)
         return CM_ERROR_NOT_AVAILABLE;
-    if (!m_pConnReq) {
-        m_pConnReq = new (std::nothrow)
-            CCmMessageBlock(CCsPduBase::GetFixLength(CS_PDU_TYPE_CONN_REQ, TRUE), nullptr, CCmMessageBlock::DUPLICATED);
-        if (!m_pConnReq)
-            return CM_ERROR_OUT_OF_MEMORY;
-        CCsPduConnReqResp(m_dwReceived, m_wChannel, CS_PDU_TYPE_CONN_REQ, m_byConnType).Encode(*m_pConnReq);
+    if (m_dwConnReq == 0) {
+        CCmMessageBlock block(sizeof m_szConnReq, m_szConnReq);
+        CCsPduConnReqResp(m_dwReceived, m_wChannel, CS_PDU_TYPE_CONN_REQ, m_byConnType).Encode(block);
+        m_dwConnReq = block.GetTopLevelLength();
     }
-    return SendConnectPdu_i(*m_pConnReq);
+    return SendConnectPdu_i(CCmMessageBlock(m_dwConnReq, m_szConnReq, CCmMessageBlock::DONT_DELETE, m_dwConnReq));
 }
 
 CmResult CCsConn::SendConnResp() {
     if (!m_pTransport)
         return CM_ERROR_NOT_AVAILABLE;
-    CCmMessageBlock block(CCsPduBase::GetFixLength(CS_PDU_TYPE_CONN_RESP, TRUE));
+    char szPdu[CCsPduBase::MAX_FIX_LENGTH] = {};
+    CCmMessageBlock block(sizeof szPdu, szPdu);
     CCsPduConnReqResp(m_dwReceived, m_wChannel, CS_PDU_TYPE_CONN_RESP, m_byConnType).Encode(block);
     return SendConnectPdu_i(block);
 }
@@ -246,7 +262,8 @@ CmResult CCsConn::SendConnectPdu_i(const CCmMessageBlock& aPdu) {
     if (rv == CM_OK)
         Sent_i();
     else if (!m_bDatagrams && copy.GetTopLevelLength() > 0) {
-        m_Pending.Add(nullptr, 0, copy);
+        if (m_Pending.Add(nullptr, 0, copy) != CM_OK)
+            return CM_ERROR_OUT_OF_MEMORY;
         m_bRefused = TRUE;
     }
     return rv;

@@ -191,6 +191,8 @@ void CCsSendBuf::DropPrepared() {
     m_pFurtherBlocks = nullptr;
 }
 
+DWORD CCsSendBuf::GetCurrentUnsent() const { return m_pCurrent ? LengthOf(*m_pCurrent) - m_dwCurrentSent : 0; }
+
 BOOL CCsSendBuf::Gather(talvo::CGatherChain& aChain) {
     DWORD dwSkip = m_dwCurrentSent;
     for (CCsPduSendItem* pItem = m_pCurrent; pItem; pItem = pItem->GetNext()) {

@@ -52,6 +52,9 @@ public:
     // NOTHING, and null, when there is nothing to be sent, or no memory for the chain of a payload of several blocks.
     BYTE GetData(CCmMessageBlock*& aMb);
 
+    // How many bytes GetData would give, had it memory.
+    DWORD GetCurrentUnsent() const;
+
     // Adds the bytes to be sent to an empty aChain, as many whole items as have room there. They stay valid until DataSentLen.
     // FALSE: nothing is to be sent, or the first item alone has too many pieces; send what GetData gives then.
     BOOL Gather(talvo::CGatherChain& aChain);

@@ -17,7 +17,7 @@ constexpr DWORD MAX_RETRANSMITS = 7;
 
 CPkgConnClient::CPkgConnClient() : CPkgConn(INSTANCE_CLIENT) {
     ++s_Live;
-    m_KeepAliveTimer.Schedule(this, HANDSHAKE_TIMEOUT);
+    m_LimitResult = m_KeepAliveTimer.Schedule(this, HANDSHAKE_TIMEOUT);
 }
 
 CPkgConnClient::~CPkgConnClient() { --s_Live; }
@@ -46,6 +46,8 @@ void CPkgConnClient::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, 
                        << " m_cBaseType=" << m_cBaseType << " times =" << GetAge_i());
     if (aReason == CM_OK && !aTrpt)
         aReason = CM_ERROR_UNEXPECTED;
+    if (aReason == CM_OK)
+        aReason = m_LimitResult;
     if (aReason == CM_OK) {
         SetCurrStatus(CS_STATUS_HANDSHAKE);
         aReason = aTrpt->OpenWithSink(this);
@@ -54,9 +56,11 @@ void CPkgConnClient::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, 
         Lost_i(aReason);
         return;
     }
-    SendConnReq();
+    CmResult rv = SendConnReq();
     if (m_bDatagrams)
-        m_SecondTimer.Schedule(this, FIRST_RETRANSMIT, 1);
+        rv = m_SecondTimer.Schedule(this, FIRST_RETRANSMIT, 1);
+    if (rv == CM_ERROR_OUT_OF_MEMORY)
+        Lost_i(rv);
 }
 
 void CPkgConnClient::OnDisconnect(CmResult aReason, ICmTransport* aTrpt) {
@@ -90,8 +94,11 @@ void CPkgConnClient::OnRetransmitTimer_i() {
     if (m_dwRetransmits >= MAX_RETRANSMITS || m_wStatus != CS_STATUS_HANDSHAKE)
         return;
     const BOOL bQuick = m_dwRetransmits == 3 || m_dwRetransmits == 4;
-    m_SecondTimer.Schedule(this, bQuick ? QUICK_RETRANSMIT : RETRANSMIT, 1);
-    SendConnReq();
+    if (const CmResult rv = m_SecondTimer.Schedule(this, bQuick ? QUICK_RETRANSMIT : RETRANSMIT, 1);
+        rv == CM_ERROR_OUT_OF_MEMORY)
+        Lost_i(rv);
+    else
+        SendConnReq();
 }
 
 void CPkgConnClient::OnHandshakeTimeout_i() {
@@ -133,7 +140,9 @@ void CPkgConnClient::OnRecvConnResp() {
 void CPkgConnClient::OnConnected_i() {
     SetCurrStatus(CS_STATUS_CONNECTED);
     Indicate_i(CM_OK);
-    ForgetConnReq_i();
-    if (m_wStatus == CS_STATUS_CONNECTED)
-        ScheduleKeepAlive_i();
+    m_dwConnReq = 0;
+    if (m_wStatus != CS_STATUS_CONNECTED)
+        return;
+    if (const CmResult rv = ScheduleKeepAlive_i(); rv != CM_OK)
+        Lost_i(rv);
 }

@@ -29,6 +29,7 @@ private:
     void OnHandshakeTimeout_i();
     void OnConnected_i();
 
+    CmResult m_LimitResult;     // of arming the time-out of the handshake
     DWORD m_dwRetransmits = 0;  // firings of the retransmit timer
     BOOL m_bCancelled = FALSE;
     BOOL m_bRespReceived = FALSE;

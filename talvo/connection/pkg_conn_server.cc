@@ -26,10 +26,10 @@ void CPkgConnServer::CancelConnect() {
 void CPkgConnServer::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     m_Est.EnsureSingleThread();
     CM_INFO_TRACE_THIS("CPkgConnServer::OnConnectIndication aReason =" << aReason);
-    m_ReleaseTimer.Schedule(this, HANDSHAKE_TIMEOUT, 1);
+    const CmResult rv = m_ReleaseTimer.Schedule(this, HANDSHAKE_TIMEOUT, 1);
     TakeTransport_i(aTrpt);
     SetCurrStatus(CS_STATUS_HANDSHAKE);
-    if (aTrpt && aTrpt->OpenWithSink(this) != CM_OK)
+    if (rv == CM_ERROR_OUT_OF_MEMORY || (aTrpt && aTrpt->OpenWithSink(this) != CM_OK))
         Lost_i(CM_ERROR_NETWORK_SOCKET_ERROR);
 }
 
@@ -66,12 +66,15 @@ void CPkgConnServer::Accept_i() {
     Indicate_i(CM_OK);
     if (m_wStatus != CS_STATUS_HANDSHAKE)
         return;
-    SendConnResp();
+    CmResult rv = SendConnResp();
     SetCurrStatus(CS_STATUS_CONNECTED);
-    if (m_bNeedKeepAlive)
-        ScheduleKeepAlive_i();
+    if (m_bNeedKeepAlive && rv != CM_ERROR_OUT_OF_MEMORY)
+        rv = ScheduleKeepAlive_i();
     m_ReleaseTimer.Cancel();
-    StartData_i();
+    if (rv == CM_ERROR_OUT_OF_MEMORY)
+        Lost_i(rv);
+    else
+        StartData_i();
 }
 
 // A second request, of another type, ends a connection that its sink has to hear of.

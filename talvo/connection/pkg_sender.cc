@@ -39,9 +39,13 @@ void CPkgSender::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmA
         Indicate_i(aReason);
         return;
     }
+    const CmResult rv = m_bNeedKeepAlive ? ScheduleKeepAlive_i() : CM_OK;
+    if (rv != CM_OK) {
+        End_i(CM_OK);
+        Indicate_i(rv);
+        return;
+    }
     SetCurrStatus(CS_STATUS_CONNECTED);
-    if (m_bNeedKeepAlive)
-        ScheduleKeepAlive_i();
     Indicate_i(CM_OK);
 }
 
