@@ -153,6 +153,14 @@ void CCmChannelHttpServerAcceptor::Look_i() {
     }
 }
 
+// Printed anew in every second: a date that lags would be earlier than a time of change that is sent beside it.
+std::string_view CCmChannelHttpServerAcceptor::GetTail(BOOL aKeepAlive) {
+    const int64_t llSecond = CCmClock::GetWallUsec() / USEC_PER_SECOND;
+    if (std::exchange(m_llTailSecond, llSecond) != llSecond)
+        PrintTails_i();
+    return aKeepAlive ? m_strTailKeep : m_strTailClose;
+}
+
 void CCmChannelHttpServerAcceptor::PrintTails_i() {
     const CCmString strDate = "Date: " + talvo::format_http_date(CCmClock::GetWallUsec() / USEC_PER_SECOND);
     m_strTailKeep = strDate + "\r\nConnection: keep-alive\r\n\r\n";

@@ -37,7 +37,7 @@ private:
 
     const talvo::CHttpServerSettings& GetSettings() const override { return m_Settings; }
     DWORD GetLooks() const override { return m_dwLooks; }
-    std::string_view GetTail(BOOL aKeepAlive) const override { return aKeepAlive ? m_strTailKeep : m_strTailClose; }
+    std::string_view GetTail(BOOL aKeepAlive) override;
     void OnRequest(ICmChannelHttpServer& aChannel) override;
     void OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) override;
     void Remove(talvo::CHttpServerConnection& aConnection) override;
@@ -59,6 +59,7 @@ private:
     DWORD m_dwLooks = 0;
     DWORD m_dwStopDeadline = 0;  // in looks
     BOOL m_bStopping = FALSE;
+    int64_t m_llTailSecond = -1;  // when the tails were last asked for
     CCmString m_strTailKeep;
     CCmString m_strTailClose;
 };

@@ -18,7 +18,7 @@ public:
     // Counts the looks at the clock, one a second.
     virtual DWORD GetLooks() const = 0;
     // What ends a head: "Date", "Connection", the empty line.
-    virtual std::string_view GetTail(BOOL aKeepAlive) const = 0;
+    virtual std::string_view GetTail(BOOL aKeepAlive) = 0;
     virtual void OnRequest(ICmChannelHttpServer& aChannel) = 0;
     // A request without a sink has been lost.
     virtual void OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) = 0;

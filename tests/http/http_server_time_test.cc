@@ -68,6 +68,17 @@ TEST_F(HttpServerTest, StopsWhenWhatHasBegunIsDone) {
     EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(this, CCmInetAddr(OwnLoopback(), 0)));
 }
 
+// Also between two looks at the clock: an application sends times of change that are not later than it.
+TEST_F(HttpServerTest, TheDateIsThatOfTheAnswer) {
+    const auto pClient = Connect();
+    for (const int nSecond : {37, 38}) {
+        m_Clock.SetWallUsec((784111740 + nSecond) * int64_t{1000000});
+        pClient->Receive(GET);
+        const std::string strDate = "Date: Sun, 06 Nov 1994 08:49:" + std::to_string(nSecond) + " GMT\r\n";
+        EXPECT_NE(std::string::npos, pClient->TakeSent().find(strDate));
+    }
+}
+
 TEST_F(HttpServerTest, NoMoreConnectionsThanAllowed) {
     Set(CM_OPT_CHANNEL_SERVER_MAX_CONNECTIONS, DWORD{1});
     const auto pFirst = Connect(), pSecond = Connect();
