@@ -1,5 +1,6 @@
 #include "tools/file_service.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "tools/byte_range.h"
@@ -44,7 +45,9 @@ void AnswerFile(ICmChannelHttpServer& aChannel, FileHandle aFile, const struct s
     const CCmHttpRequestHead& request = aChannel.GetRequest();
     const FileVersion version(aStatus);
     aChannel.SetHeader(Atoms::ETag, version.GetTag());
-    aChannel.SetHeader(Atoms::Last_Modified, talvo::format_http_date(version.GetModified()));
+    // A time of change in the future would be later than the answer's own date.
+    const int64_t llNow = CCmClock::GetWallUsec() / 1000000;
+    aChannel.SetHeader(Atoms::Last_Modified, talvo::format_http_date(std::min(version.GetModified(), llNow)));
     aChannel.SetHeader(Atoms::Accept_Ranges, "bytes");
     const long lStatus = version.JudgeConditions(request);
     if (lStatus == 412)
@@ -115,7 +118,8 @@ void FileService::AnswerDirectory(ICmChannelHttpServer& aChannel, const RequestP
     struct stat status {};
     if (index && fstat(index.Get(), &status) == 0 && S_ISREG(status.st_mode))
         return AnswerFile(aChannel, std::move(index), status, "index.html");
-    aChannel.AnswerText(200, "text/html; charset=utf-8", MakeDirectoryPage(std::move(aDirectory), strPath));
+    const std::string strPage = MakeDirectoryPage(m_Directory, std::move(aDirectory), aPath.m_strPath);
+    aChannel.AnswerText(200, "text/html; charset=utf-8", strPage);
 }
 
 }  // namespace tool

@@ -36,12 +36,19 @@ int OpenWithoutLinks(int aDirectory, std::string_view aPath) {
     return current.Detach();
 }
 
-std::string MakeEntry(int aDirectory, const std::string& aName) {
-    struct stat status {};
-    const bool bDirectory = fstatat(aDirectory, aName.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
-    const std::string strName = bDirectory ? aName + "/" : aName;
+std::string MakeLink(const std::string& aName) {
     // "./" keeps a name with a colon from being taken for another scheme.
-    return "<li><a href=\"./" + EncodePath(strName) + "\">" + EscapeHtml(Printable(strName)) + "</a></li>\n";
+    return "<li><a href=\"./" + EncodePath(aName) + "\">" + EscapeHtml(Printable(aName)) + "</a></li>\n";
+}
+
+// "" for what a request would be refused. A pipe or a device must not be opened only to find that out.
+std::string MakeEntry(const ServedDirectory& aRoot, int aDirectory, const std::string& aPath, const std::string& aName) {
+    struct stat status {};
+    if (fstatat(aDirectory, aName.c_str(), &status, 0) != 0 || (!S_ISDIR(status.st_mode) && !S_ISREG(status.st_mode)))
+        return "";
+    if (!aRoot.OpenAt(aPath.empty() ? aName : aPath + "/" + aName))
+        return "";
+    return MakeLink(S_ISDIR(status.st_mode) ? aName + "/" : aName);
 }
 
 }  // namespace
@@ -62,7 +69,7 @@ FileHandle ServedDirectory::OpenAt(const std::string& aPath) const {
     return FileHandle(static_cast<int>(lFd));
 }
 
-std::string MakeDirectoryPage(FileHandle aDirectory, const std::string& aTitle) {
+std::string MakeDirectoryPage(const ServedDirectory& aRoot, FileHandle aDirectory, const std::string& aPath) {
     std::vector<std::string> names;
     const std::unique_ptr<DIR, int (*)(DIR*)> pDir(fdopendir(aDirectory.Get()), closedir);
     if (!pDir)
@@ -74,13 +81,13 @@ std::string MakeDirectoryPage(FileHandle aDirectory, const std::string& aTitle) 
             names.push_back(strName);
     }
     std::sort(names.begin(), names.end());
-    const std::string strTitle = EscapeHtml(Printable(aTitle));
+    const std::string strTitle = EscapeHtml(Printable(aPath.empty() ? "/" : "/" + aPath + "/"));
     std::string strPage = "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>" + strTitle +
                           "</title></head>\n<body><h1>" + strTitle + "</h1>\n<ul>\n";
-    if (aTitle != "/")
+    if (!aPath.empty() && aRoot.OpenAt(aPath.substr(0, aPath.find_last_of('/') + 1)))
         strPage += "<li><a href=\"../\">../</a></li>\n";
     for (const std::string& strName : names)
-        strPage += MakeEntry(dirfd(pDir.get()), strName);
+        strPage += MakeEntry(aRoot, dirfd(pDir.get()), aPath, strName);
     return strPage + "</ul></body></html>\n";
 }
 

@@ -21,7 +21,8 @@ private:
     FileHandle m_Directory;
 };
 
-// A page with links to what lies in the directory, of which the title says the name; entries beyond a limit are left out.
-std::string MakeDirectoryPage(FileHandle aDirectory, const std::string& aTitle);
+// A page with links to what lies in aDirectory, which was opened at aPath. There is no link to what would be refused: pipes and
+// devices, what may not be read, symbolic links that lead outside. Entries beyond a limit are left out.
+std::string MakeDirectoryPage(const ServedDirectory& aRoot, FileHandle aDirectory, const std::string& aPath);
 
 }  // namespace tool
