@@ -16,10 +16,13 @@ public:
     }
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
         std::printf("%s", aData.FlattenChained().c_str());
+        m_nStatus = 0;
         Stop("that was the answer");
     }
     void OnSend(ICmTransport*, CCmTransportParameter*) override {}
     void OnDisconnect(CmResult, ICmTransport*) override { Stop("the connection broke"); }
+
+    int m_nStatus = 1;  // 0: there was an answer
 
 private:
     void Stop(const char* aWhy) {
@@ -36,5 +39,5 @@ int main(int argc, char** argv) {
     CCmConnectionManager::Instance()->CreateConnectionClient(CCmConnectionManager::CTYPE_TCP, pConnector.ParaOut());
     pConnector->AsycConnect(&hello, CCmInetAddr(argc > 1 ? argv[1] : "127.0.0.1:7000"));
     CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN)->RunEventLoop();  // callbacks come in here
-    return 0;
+    return hello.m_nStatus;
 }
