@@ -23,11 +23,23 @@ std::string ParseEndpoint(const std::string& aText, Endpoint& aEndpoint) {
     return "";
 }
 
-std::string DescribeConnectFailure(const Endpoint& aEndpoint, CmResult aReason) {
-    if (aReason == CM_ERROR_NETWORK_DNS_FAILURE)
-        return "cannot resolve '" + aEndpoint.m_strHost + "': the name has no IPv4 address, or no server could be asked";
-    return "cannot connect to " + aEndpoint.GetText() + ": nobody listens there or no answer came (" + cm_result_name(aReason) +
-           ")";
+std::string DescribeCause(const CCmFailure& aFailure, CmResult aReason) {
+    return std::string(": ") + (aFailure ? aFailure.GetText() : cm_result_name(aReason));
+}
+
+std::string DescribeConnectFailure(const Endpoint& aEndpoint, ICmConnector& aConnector, CmResult aReason) {
+    CCmFailure failure;
+    if (ICmConnectOptions* pOptions = cm_get_connect_options(&aConnector))
+        pOptions->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
+    const std::string strWhat = aReason == CM_ERROR_NETWORK_DNS_FAILURE ? "cannot resolve '" + aEndpoint.m_strHost + "'"
+                                                                        : "cannot connect to " + aEndpoint.GetText();
+    return strWhat + DescribeCause(failure, aReason);
+}
+
+std::string DescribeEnd(ICmTransport& aTransport, CmResult aReason) {
+    CCmFailure failure;
+    const bool bKnown = aTransport.GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure) == CM_OK;
+    return bKnown && !failure ? "was closed by the peer" : "broke" + DescribeCause(failure, aReason);
 }
 
 std::string GetPeerText(ICmTransport& aTransport) {

@@ -24,8 +24,14 @@ bool IsHost(const std::string& aText);
 // An IPv4 literal or a host name, a colon and a port from 1 to 65535. What is wrong with it, or "" and aEndpoint is filled.
 std::string ParseEndpoint(const std::string& aText, Endpoint& aEndpoint);
 
-// One line on a connect that ended with aReason.
-std::string DescribeConnectFailure(const Endpoint& aEndpoint, CmResult aReason);
+// One line on a connect of aConnector's that ended with aReason.
+std::string DescribeConnectFailure(const Endpoint& aEndpoint, ICmConnector& aConnector, CmResult aReason);
+
+// How a connection came to its end, for behind "the connection ...": "was closed by the peer" or "broke: ...". In OnDisconnect.
+std::string DescribeEnd(ICmTransport& aTransport, CmResult aReason);
+
+// ": Connection refused", or the result's name if no more is known.
+std::string DescribeCause(const CCmFailure& aFailure, CmResult aReason);
 
 // The transport's peer, for messages.
 std::string GetPeerText(ICmTransport& aTransport);

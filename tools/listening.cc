@@ -9,9 +9,8 @@ void AnnounceListening(const CCmInetAddr& aAddr, Console& aConsole) {
     aConsole.Report("ready", json);
 }
 
-void ComplainOfListening(const Endpoint& aEndpoint, CmResult aReason, Console& aConsole) {
-    aConsole.Problem("cannot listen on " + aEndpoint.GetText() + ": the port is in use or the address is not this machine's (" +
-                     cm_result_name(aReason) + ")");
+void ComplainOfListening(const Endpoint& aEndpoint, const CCmFailure& aFailure, CmResult aReason, Console& aConsole) {
+    aConsole.Problem("cannot listen on " + aEndpoint.GetText() + DescribeCause(aFailure, aReason));
 }
 
 bool StartListening(const Endpoint& aEndpoint, ICmAcceptorConnectorSink* aSink, Console& aConsole,
@@ -26,7 +25,10 @@ bool StartListening(const Endpoint& aEndpoint, ICmAcceptorConnectorSink* aSink, 
     if (rv == CM_OK)
         rv = aAcceptor->GetListenAddr(addr);
     if (rv != CM_OK) {
-        ComplainOfListening(aEndpoint, rv, aConsole);
+        CCmFailure failure;
+        if (ICmConnectOptions* pOptions = cm_get_connect_options(aAcceptor.Get()))
+            pOptions->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
+        ComplainOfListening(aEndpoint, failure, rv, aConsole);
         return false;
     }
     AnnounceListening(addr, aConsole);

@@ -15,7 +15,7 @@ bool StartListening(const Endpoint& aEndpoint, ICmAcceptorConnectorSink* aSink, 
 // Prints "listening on ADDRESS:PORT" and "ready" (as JSON: one object with both).
 void AnnounceListening(const CCmInetAddr& aAddr, Console& aConsole);
 
-// Reports that it cannot.
-void ComplainOfListening(const Endpoint& aEndpoint, CmResult aReason, Console& aConsole);
+// Reports that it cannot, and why.
+void ComplainOfListening(const Endpoint& aEndpoint, const CCmFailure& aFailure, CmResult aReason, Console& aConsole);
 
 }  // namespace tool

@@ -38,7 +38,7 @@ void PingClient::Start() {
 
 void PingClient::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     if (aReason != CM_OK) {
-        GiveUp(DescribeConnectFailure(m_Arguments.m_Endpoint, aReason));
+        GiveUp(DescribeConnectFailure(m_Arguments.m_Endpoint, *m_pConnector, aReason));
         return;
     }
     m_pTransport = aTrpt;
@@ -127,9 +127,7 @@ void PingClient::GoOn() {
 void PingClient::OnSend(ICmTransport*, CCmTransportParameter*) { m_Outbox.SendRest(*m_pTransport); }
 
 void PingClient::OnDisconnect(CmResult aReason, ICmTransport*) {
-    const std::string strPeer = m_Arguments.m_Endpoint.GetText();
-    GiveUp((m_bMayLose ? "nobody receives at " + strPeer : "the connection to " + strPeer + " broke") + " (" +
-           cm_result_name(aReason) + ")");
+    GiveUp("the connection to " + m_Arguments.m_Endpoint.GetText() + " " + DescribeEnd(*m_pTransport, aReason));
 }
 
 void PingClient::OnTimer(CCmTimerWrapperID* aId) {
@@ -138,7 +136,8 @@ void PingClient::OnTimer(CCmTimerWrapperID* aId) {
     else if (m_pTransport)
         OnNoAnswer();
     else
-        GiveUp(DescribeConnectFailure(m_Arguments.m_Endpoint, CM_ERROR_NETWORK_CONNECT_ERROR));
+        GiveUp("cannot connect to " + m_Arguments.m_Endpoint.GetText() + ": no answer within " +
+               std::to_string(m_Arguments.m_dwTimeoutMs) + " ms");
 }
 
 void PingClient::ReportStatistics() {

@@ -42,7 +42,7 @@ void RecvSession::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportP
 }
 
 void RecvSession::OnDisconnect(CmResult aReason, ICmTransport*) {
-    FaultBroken(aReason);
+    Fault("the connection " + DescribeEnd(*m_pTransport, aReason));
     m_pTransport.Reset();
     End();
 }
@@ -178,10 +178,6 @@ bool RecvSession::Fault(std::string_view aText) {
     return false;
 }
 
-bool RecvSession::FaultBroken(CmResult aReason) {
-    return Fault(std::string("the connection broke (") + cm_result_name(aReason) + ")");
-}
-
 // The peer waits for each answer, so they never pile up: one that lets them is none of ours.
 bool RecvSession::Answer(std::string_view aFrame) {
     const auto dwLength = static_cast<DWORD>(aFrame.size());
@@ -189,7 +185,8 @@ bool RecvSession::Answer(std::string_view aFrame) {
     const CmResult rv = m_pTransport->SendData(block);
     if (rv == CM_OK)
         return true;
-    return rv == CM_ERROR_PARTIAL_DATA ? Fault("it does not take the answers") : FaultBroken(rv);
+    return Fault(rv == CM_ERROR_PARTIAL_DATA ? "it does not take the answers"
+                                             : std::string("the connection broke: ") + cm_result_name(rv));
 }
 
 bool RecvSession::RefuseCurrent(const std::string& aReason) {

@@ -79,7 +79,6 @@ private:
     bool OnAbort(std::string_view aReason);
     bool OnBye();
     bool Fault(std::string_view aText);
-    bool FaultBroken(CmResult aReason);
     bool Answer(std::string_view aFrame);
     bool Accept(const std::string& aName, uint64_t aSize);
     bool Keep(std::string_view aHash);

@@ -34,7 +34,7 @@ void Sender::Start() {
 
 void Sender::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     if (aReason != CM_OK) {
-        GiveUp(DescribeConnectFailure(m_Arguments.m_Endpoint, aReason));
+        GiveUp(DescribeConnectFailure(m_Arguments.m_Endpoint, *m_pConnector, aReason));
         return;
     }
     m_Timer.Cancel();
@@ -63,13 +63,14 @@ void Sender::OnDisconnect(CmResult aReason, ICmTransport*) {
     if (m_State == CLOSING)
         Close();
     else
-        GiveUp("the connection to " + m_Arguments.m_Endpoint.GetText() + " broke (" + cm_result_name(aReason) + "): " +
+        GiveUp("the connection to " + m_Arguments.m_Endpoint.GetText() + " " + DescribeEnd(*m_pTransport, aReason) + "; " +
                std::to_string(m_nKept) + " of " + std::to_string(m_Arguments.m_vecFiles.size()) + " files were delivered");
 }
 
 void Sender::OnTimer(CCmTimerWrapperID*) {
     if (m_State == CONNECTING)
-        GiveUp(DescribeConnectFailure(m_Arguments.m_Endpoint, CM_ERROR_NETWORK_CONNECT_ERROR));
+        GiveUp("cannot connect to " + m_Arguments.m_Endpoint.GetText() + ": no answer within " +
+               std::to_string(CONNECT_SECONDS) + " s");
     else if (m_State == CLOSING)
         Close();
     else

@@ -19,11 +19,15 @@ public:
         CCmInetAddr addr;
         if (rv == CM_OK)
             rv = m_pAcceptor->GetListenAddr(addr);
-        if (rv == CM_OK)
+        if (rv == CM_OK) {
             AnnounceListening(addr, m_Console);
-        else
-            ComplainOfListening(aEndpoint, rv, m_Console);
-        return rv == CM_OK;
+            return true;
+        }
+        CCmFailure failure;
+        if (m_pAcceptor)
+            m_pAcceptor->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
+        ComplainOfListening(aEndpoint, failure, rv, m_Console);
+        return false;
     }
 
 private:

@@ -9,6 +9,7 @@
 #include "talvo/connection/connection_manager.h"
 #include "talvo/event/thread_manager.h"
 #include "talvo/http/http_date.h"
+#include "talvo/transport/connect_options.h"
 
 using talvo::CHttpServerConnection;
 
@@ -38,6 +39,7 @@ CmResult CCmChannelHttpServerAcceptor::StartListen(ICmChannelServerAcceptorSink*
     CmResult rv = m_LookTimer.Schedule(this, CCmTimeValue(1), 0);
     if (rv == CM_OK || rv == CM_ERROR_FOUND)
         rv = Listen_i(aAddrListen);
+    m_Failure = rv == CM_OK ? CCmFailure() : talvo::GetConnectFailure(m_pAcceptor.Get());
     if (rv != CM_OK) {
         m_pAcceptor.Reset();
         m_LookTimer.Cancel();
@@ -212,6 +214,10 @@ CmResult CCmChannelHttpServerAcceptor::SetOption(DWORD aCommand, void* aArg) {
 CmResult CCmChannelHttpServerAcceptor::GetOption(DWORD aCommand, void* aArg) {
     const DWORD* pNumber = GetNumber_i(aCommand);
     const BOOL bBody = aCommand == CM_OPT_CHANNEL_SERVER_MAX_BODY;
+    if (aArg && aCommand == CM_OPT_CONNECT_FAILURE) {
+        *static_cast<CCmFailure*>(aArg) = m_Failure;
+        return CM_OK;
+    }
     if (!aArg || (!pNumber && !bBody))
         return CM_ERROR_INVALID_ARG;
     if (bBody)

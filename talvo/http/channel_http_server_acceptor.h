@@ -59,6 +59,7 @@ private:
     DWORD m_dwLooks = 0;
     DWORD m_dwStopDeadline = 0;  // in looks
     BOOL m_bStopping = FALSE;
+    CCmFailure m_Failure;         // of the last StartListen
     int64_t m_llTailSecond = -1;  // when the tails were last asked for
     CCmString m_strTailKeep;
     CCmString m_strTailClose;

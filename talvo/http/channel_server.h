@@ -148,7 +148,8 @@ public:
     // CM_ERROR_NOT_INITIALIZED: it does not listen.
     virtual CmResult GetListenAddr(CCmInetAddr& aAddr) = 0;
 
-    // See ECmChannelServerOption. CM_ERROR_INVALID_ARG: an unknown command, a null argument, or 0 for a time or a limit.
+    // See ECmChannelServerOption. CM_ERROR_INVALID_ARG: an unknown command, a null argument, or 0 for a time or a limit. Also
+    // answers CM_OPT_CONNECT_FAILURE, a CCmFailure: why the last StartListen failed.
     virtual CmResult SetOption(DWORD aCommand, void* aArg) = 0;
     virtual CmResult GetOption(DWORD aCommand, void* aArg) = 0;
 

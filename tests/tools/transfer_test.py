@@ -180,7 +180,7 @@ class TransferTest(unittest.TestCase):
                 self.assertEqual(talvo("send", self.make("next", b"next"), server.address).returncode, 0)
                 os.remove(os.path.join(self.out, "next"))
                 err = server.end()[2]
-            self.assertRegex(err, r"^talvo: dropped 127.0.0.1:\d+: the connection broke .*endless.*\n$")
+            self.assertRegex(err, r"^talvo: dropped 127.0.0.1:\d+: the connection (broke: \S|was closed by the peer).*endless.*\n$")
             self.assertEqual(os.listdir(self.out), [])
 
     def test_killed_receiver_is_reported_and_leaves_no_final_name(self):
@@ -191,7 +191,7 @@ class TransferTest(unittest.TestCase):
         server.end(signal.SIGKILL)
         _, err = sender.communicate(timeout=PATIENCE)
         self.assertEqual(sender.returncode, 1)
-        self.assertRegex(err, r"^talvo: the connection to \S+ broke .*0 of 1 files were delivered\n$")
+        self.assertRegex(err, r"^talvo: the connection to \S+ (broke: \S.*|was closed by the peer); 0 of 1 files were delivered\n$")
         self.assertRegex(" ".join(os.listdir(self.out)), r"^\.talvo-[0-9a-f]{16}\.part$")
 
     def test_interrupted_ends_remove_the_half_file(self):
@@ -305,6 +305,18 @@ class TransferTest(unittest.TestCase):
             while back < sent:
                 back += len(peer.recv(1 << 20))
             self.assertEqual(back, sent)
+
+    def test_messages_name_the_cause(self):
+        file, taken = self.make("file", b""), str(self.serve("echo").port)
+        for arguments, cause in ((["ping", HOST + ":1"], "Connection refused"), (["send", file, HOST + ":1"], "Connection refused"),
+                                 (["ping", "--udp", "--type", "package", HOST + ":1"], "Connection refused"),
+                                 (["serve", self.out, "--port", taken, "--host", HOST], "Address already in use"),
+                                 (["recv", "--out", self.out, "--port", taken, "--host", HOST], "Address already in use"),
+                                 (["echo", "--port", "0", "--host", "192.0.2.1"], "Cannot assign requested address"),
+                                 (["serve", self.out, "--port", "0", "--host", "192.0.2.1"], "Cannot assign requested address")):
+            run = talvo(*arguments)
+            self.assertEqual((1, 1), (run.returncode, len(run.stderr.splitlines())), run.stderr)
+            self.assertIn(cause, run.stderr)
 
     def test_wrong_arguments_give_one_line_and_status_2(self):
         file = self.make("file", b"")
