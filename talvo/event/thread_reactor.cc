@@ -38,8 +38,7 @@ void CCmThreadReactor::OnThreadInit() {
 
 void CCmThreadReactor::OnThreadRun() {
     CM_INFO_TRACE_THIS("CCmThreadReactor::OnThreadRun, Begin.");
-    if (m_pReactor) {
-        m_pReactor->RunEventLoop();
+    if (m_pReactor && m_pReactor->RunEventLoop() != CM_ERROR_ALREADY_INITIALIZED) {
         CloseLink();
         m_pReactor->Close();
     }

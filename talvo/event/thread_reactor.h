@@ -17,7 +17,8 @@ public:
     // CM_ERROR_NOT_INITIALIZED: no reactor.
     CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
     void OnThreadInit() override;
-    // Runs the loop until Stop and closes the reactor: an adopted main thread may call it, once.
+    // Runs the loop until Stop and closes the reactor: an adopted main thread may call it, once. Inside a callback of the loop
+    // it does nothing.
     void OnThreadRun() override;
 
     ICmReactor* GetReactor() override { return m_pReactor.get(); }

@@ -61,11 +61,15 @@ TEST(ThreadTest, TheMainThreadMayServeAsNetworkThread) {
     EXPECT_EQ(CM_OK, Manager().SetNetworkThreadMode(mode));
 }
 
-TEST(ThreadTest, ACallbackCannotDestroyTheMainThread) {
+TEST(ThreadTest, ACallbackCannotEndTheMainThread) {
     CMainThread main;
     CmResult rv = CM_OK;
-    PostTo(main.GetReactor(), [&] { rv = main.Get()->Destory(CM_OK); });
+    PostTo(main.GetReactor(), [&] {
+        rv = main.Get()->Destory(CM_OK);
+        main.Get()->OnThreadRun();
+    });
     main.RunOnce();
+    EXPECT_TRUE(main.Get()->GetLink().IsCurrentThread());
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
 }
 
