@@ -5,7 +5,7 @@
 
 #include "talvo/base/with_memory.h"
 
-CmResult CCmEventHandlerRepository::Reserve(HANDLE aFd) {
+CmResult CCmEventHandlerRepository::MakeRoom(HANDLE aFd) {
     if (aFd < 0)
         return CM_ERROR_INVALID_ARG;
     const size_t stIndex = static_cast<size_t>(aFd);
@@ -16,7 +16,7 @@ CmResult CCmEventHandlerRepository::Reserve(HANDLE aFd) {
 }
 
 CmResult CCmEventHandlerRepository::Bind(HANDLE aFd, ACmEventHandler* aEh, long aMask) {
-    if (const CmResult rv = Reserve(aFd); rv != CM_OK)
+    if (const CmResult rv = MakeRoom(aFd); rv != CM_OK)
         return rv;
     CElement& element = At(aFd);
     const BOOL bFound = element.m_pEh != nullptr;

@@ -28,11 +28,8 @@ public:
     // The number that the next binding of a handler to a handle will have.
     DWORD GetNextBinding() const { return m_dwBindings + 1; }
 
-    // Makes room for a handle, so that binding it cannot fail. CM_ERROR_OUT_OF_MEMORY; CM_ERROR_INVALID_ARG for an invalid one.
-    CmResult Reserve(HANDLE aFd);
-
     // Binds, or changes the mask (the binding stays) or the handler (a new binding). CM_OK, CM_ERROR_FOUND when it was bound,
-    // else as Reserve.
+    // CM_ERROR_INVALID_ARG for an invalid handle, CM_ERROR_OUT_OF_MEMORY.
     CmResult Bind(HANDLE aFd, ACmEventHandler* aEh, long aMask);
 
     // CM_ERROR_INVALID_ARG for an invalid handle.
@@ -48,6 +45,7 @@ public:
     HANDLE TakeMarked(long& aMask);
 
 private:
+    CmResult MakeRoom(HANDLE aFd);
     CElement& At(HANDLE aFd) { return m_Elements[static_cast<size_t>(aFd)]; }
     void Unmark(HANDLE aFd);
 

@@ -45,10 +45,13 @@ CmResult CCmReactorBase::RegisterHandler(ACmEventHandler* aEh, long aMask) {
     const HANDLE fd = aEh->GetHandle();
     const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(fd);
     if (!pElement) {
-        CmResult rv = fd == CM_INVALID_HANDLE ? CM_OK : m_Handlers.Reserve(fd);
-        if (rv == CM_OK)
-            rv = OnHandleRegister(fd, lMask | (aMask & FLAG_MASK), aEh);
-        return rv == CM_OK ? m_Handlers.Bind(fd, aEh, lMask) : rv;
+        CmResult rv = OnHandleRegister(fd, lMask | (aMask & FLAG_MASK), aEh);
+        if (rv != CM_OK)
+            return rv;
+        rv = m_Handlers.Bind(fd, aEh, lMask);
+        if (rv != CM_OK)
+            OnHandleRemoved(fd);
+        return rv;
     }
     if (pElement->m_pEh == aEh && pElement->m_lMask == lMask)
         return CM_OK;
