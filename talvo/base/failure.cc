@@ -18,4 +18,10 @@ CCmFailure::CCmFailure(ECmFailureCause aCause, const char* aText, const char* aV
         aAddr.Print(m_szAttempt + nVerb, static_cast<DWORD>(sizeof m_szAttempt - static_cast<size_t>(nVerb)));
 }
 
+CCmFailure::CCmFailure(ECmFailureCause aCause, const char* aText, const CCmFailure& aAttempt) : CCmFailure(aAttempt) {
+    m_Cause = aCause;
+    m_nErrno = 0;
+    std::snprintf(m_szText, sizeof m_szText, "%s", aText);
+}
+
 CCmString CCmFailure::ToString() const { return *this ? CCmString(m_szAttempt) + ": " + m_szText : CCmString(); }

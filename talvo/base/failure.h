@@ -29,6 +29,9 @@ public:
     // With a cause that has no errno, and a text for it.
     CCmFailure(ECmFailureCause aCause, const char* aText, const char* aVerb, const CCmInetAddr& aAddr);
 
+    // Another end of what aAttempt has attempted.
+    CCmFailure(ECmFailureCause aCause, const char* aText, const CCmFailure& aAttempt);
+
     explicit operator bool() const { return m_Cause != CM_FAILURE_NONE; }
     ECmFailureCause GetCause() const { return m_Cause; }
     int GetErrno() const { return m_nErrno; }               // 0 unless the cause is CM_FAILURE_SYSTEM

@@ -23,20 +23,27 @@ CConnConnectorBase::~CConnConnectorBase() {
 void CConnConnectorBase::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout,
                                      CCmInetAddr* aAddrLocal) {
     m_Est.EnsureSingleThread();
-    if (!aSink || m_Opening) {
+    if (!aSink || m_Opening || m_NoMemory.IsDue()) {
         CM_WARNING_TRACE_THIS("CConnConnectorT::AsycConnect, refused. aSink=" << static_cast<const void*>(aSink) << " m_pSink="
                                                                               << static_cast<const void*>(m_pSink));
         return;
     }
     m_Failure = {};
-    m_AddrPeer = aAddrPeer;
+    m_IfClosed = CCmFailure(CM_FAILURE_PROTOCOL, "the peer has closed before the connection was open", "talk to", aAddrPeer);
+    m_pSink = aSink;
     m_Opening = MakeConnection();
     if (!m_Opening) {
         CM_ERROR_TRACE_THIS("CConnConnectorT::AsycConnect, out of memory.");
+        m_Failure = CCmFailure(CM_FAILURE_LOCAL, "out of memory", m_IfClosed);
+        m_NoMemory.Arm();
         return;
     }
-    m_pSink = aSink;
     m_pLower->AsycConnect(m_Opening.m_pSink, aAddrPeer, aTimeout, aAddrLocal);
+}
+
+void CConnConnectorBase::OnNoMemory() {
+    ICmAcceptorConnectorSink* pSink = std::exchange(m_pSink, nullptr);
+    pSink->OnConnectIndication(CM_ERROR_OUT_OF_MEMORY, nullptr, this);  // last: it may release this connector
 }
 
 void CConnConnectorBase::CancelConnect() {
@@ -46,6 +53,7 @@ void CConnConnectorBase::CancelConnect() {
 
 void CConnConnectorBase::Cancel_i() {
     m_pSink = nullptr;
+    m_NoMemory.Cancel();
     if (const COpeningConn opening = std::exchange(m_Opening, {})) {
         m_pLower->CancelConnect();
         opening.Cancel();
@@ -57,9 +65,7 @@ CCmFailure CConnConnectorBase::FailureOf_i(CConnBase& aConn) const {
     CCmFailure failure = GetConnectFailure(m_pLower.Get());
     if (!failure)
         aConn.GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure);
-    if (!failure)
-        failure = CCmFailure(CM_FAILURE_PROTOCOL, "the peer has closed before the connection was open", "talk to", m_AddrPeer);
-    return failure;
+    return failure ? failure : m_IfClosed;
 }
 
 void CConnConnectorBase::OnOpened(CConnBase& aConn, CmResult aReason) {

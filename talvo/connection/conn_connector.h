@@ -2,6 +2,7 @@
 #pragma once
 
 #include "talvo/connection/opening_conn.h"
+#include "talvo/event/later_report.h"
 #include "talvo/transport/connect_options.h"
 
 namespace talvo {
@@ -33,13 +34,15 @@ private:
     CCmFailure GetFailure() const override { return m_Failure; }
     CCmFailure FailureOf_i(CConnBase& aConn) const;
     void Cancel_i();
+    void OnNoMemory();
 
     CCmEnsureSingleThread m_Est;
     const CCmRefPtrT<ICmConnector> m_pLower;
     ICmAcceptorConnectorSink* m_pSink = nullptr;  // not owned; set while an attempt runs
     COpeningConn m_Opening;                       // of that attempt
-    CCmInetAddr m_AddrPeer;
+    CCmFailure m_IfClosed;                        // what an orderly end before the opening would be
     CCmFailure m_Failure;
+    CLaterReportT<CConnConnectorBase, &CConnConnectorBase::OnNoMemory> m_NoMemory{*this};
 };
 
 }  // namespace talvo

@@ -13,6 +13,7 @@ namespace {
 CCmLiveCounter s_Live("CCmConnectorThreadProxy");
 
 constexpr const char* THREAD_ENDED = "the network thread has ended";
+constexpr const char* OUT_OF_MEMORY = "out of memory";
 
 CCmFailure LocalFailure(const char* aText, const CCmInetAddr& aPeer) {
     return CCmFailure(CM_FAILURE_LOCAL, aText, "connect to", aPeer);
@@ -34,17 +35,26 @@ void CConnectorProxyCore::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCm
         CM_WARNING_TRACE_THIS("CCmConnectorThreadProxy::AsycConnect, refused. aSink=" << static_cast<const void*>(aSink));
         return;
     }
+    try {
+        PostConnect_i(dwAttempt, aAddrPeer, aTimeout, aAddrLocal);
+    } catch (const std::bad_alloc&) {  // a host name that is copied may need memory
+        PostIndication(dwAttempt, CM_ERROR_OUT_OF_MEMORY, nullptr, LocalFailure(OUT_OF_MEMORY, aAddrPeer));
+    }
+}
+
+// A request that is refused, or dropped because the network thread ends before it comes to it, reports that itself.
+void CConnectorProxyCore::PostConnect_i(DWORD aAttempt, const CCmInetAddr& aPeer, const CCmTimeValue* aTimeout,
+                                        const CCmInetAddr* aLocal) {
     const auto timeout = aTimeout ? std::optional(*aTimeout) : std::nullopt;
-    const auto local = aAddrLocal ? std::optional(*aAddrLocal) : std::nullopt;
-    // A request that is refused, or dropped because the network thread ends before it comes to it, reports that itself.
-    auto unrun = [dwAttempt, peer = aAddrPeer](CConnectorProxyCore* aCore) {
-        aCore->PostIndication(dwAttempt, CM_ERROR_NOT_AVAILABLE, nullptr, LocalFailure(THREAD_ENDED, peer));
+    const auto local = aLocal ? std::optional(*aLocal) : std::nullopt;
+    auto unrun = [aAttempt, failure = LocalFailure(THREAD_ENDED, aPeer)](CConnectorProxyCore* aCore) {
+        aCore->PostIndication(aAttempt, CM_ERROR_NOT_AVAILABLE, nullptr, failure);
         aCore->ReleaseReference();
     };
     AddReference();
     std::unique_ptr<CConnectorProxyCore, decltype(unrun)> pRequest(this, unrun);
-    GetNetwork().Post([=, peer = aAddrPeer, pRequest = std::move(pRequest)]() mutable {
-        CCmRefPtrT<CConnectorProxyCore>::Adopt(pRequest.release())->Connect_i(dwAttempt, peer, timeout, local);
+    GetNetwork().Post([=, peer = aPeer, pRequest = std::move(pRequest)]() mutable {
+        CCmRefPtrT<CConnectorProxyCore>::Adopt(pRequest.release())->Connect_i(aAttempt, peer, timeout, local);
     });
 }
 
@@ -60,7 +70,7 @@ void CConnectorProxyCore::Connect_i(DWORD aAttempt, const CCmInetAddr& aPeer, st
         return;
     }
     m_dwRunning = aAttempt;
-    m_AddrPeer = aPeer;
+    m_IfEnded = LocalFailure(THREAD_ENDED, aPeer);
     m_pInner->AsycConnect(this, aPeer, aTimeout ? &*aTimeout : nullptr, aLocal ? &*aLocal : nullptr);
 }
 
@@ -72,7 +82,7 @@ void CConnectorProxyCore::Cancel_i() {
 
 void CConnectorProxyCore::OnThreadEnd() {
     if (m_dwRunning)
-        PostIndication(m_dwRunning, CM_ERROR_NOT_AVAILABLE, nullptr, LocalFailure(THREAD_ENDED, m_AddrPeer));
+        PostIndication(m_dwRunning, CM_ERROR_NOT_AVAILABLE, nullptr, m_IfEnded);
     LetGo_i();
 }
 

@@ -21,12 +21,13 @@ public:
     void OnThreadEnd() override;
 
 private:
+    void PostConnect_i(DWORD aAttempt, const CCmInetAddr& aPeer, const CCmTimeValue* aTimeout, const CCmInetAddr* aLocal);
     void Connect_i(DWORD aAttempt, const CCmInetAddr& aPeer, std::optional<CCmTimeValue> aTimeout,
                    std::optional<CCmInetAddr> aLocal);
     void Cancel_i();
     void Stop_i(ICmConnector& aConnector) override { aConnector.CancelConnect(); }
 
-    CCmInetAddr m_AddrPeer;  // network thread; of the attempt under way
+    CCmFailure m_IfEnded;  // network thread; what its end would be for the attempt under way
 };
 
 }  // namespace talvo

@@ -50,7 +50,7 @@ void CCmConnectorWrapper::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCm
     }
     m_pSink = aSink;
     m_bClosed = FALSE;
-    m_AddrPeer = aAddrPeer;
+    m_IfLate = CCmFailure(CM_FAILURE_TIMEOUT, "the time-out of the attempt has passed", "connect to", aAddrPeer);
     m_Failure = {};
     CM_INFO_TRACE_THIS("CCmConnectorWrapper::AsycConnect, addr="
                        << aAddrPeer.GetIpDisplayName() << " port=" << aAddrPeer.GetPort() << " m_Type=" << m_Type
@@ -62,8 +62,7 @@ void CCmConnectorWrapper::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCm
     }
     CM_WARNING_TRACE("CCmConnectorWrapper::AsycConnect, connect failed. addr=" << aAddrPeer.GetIpDisplayName()
                                                                                << " err=" << errno);
-    m_Failure = m_pConnector ? m_pConnector->GetFailure()
-                             : CCmFailure(CM_FAILURE_LOCAL, "the connector has no type", "connect to", aAddrPeer);
+    m_Failure = m_pConnector ? m_pConnector->GetFailure() : CCmFailure(CM_FAILURE_LOCAL, "the connector has no type", m_IfLate);
     // From a timer even though it is known now: a sink is never called back from inside its own AsycConnect.
     ReportLater_i(CCmTimeValue::s_tvZero, CM_ERROR_NETWORK_CONNECT_TIMEOUT);
 }
@@ -74,8 +73,18 @@ void CCmConnectorWrapper::ReportLater_i(const CCmTimeValue& aDelay, CmResult aRe
     CmResult rv = CM_ERROR_NOT_INITIALIZED;
     if (m_pReactor)
         rv = m_pReactor->ScheduleTimer(this, reinterpret_cast<void*>(static_cast<intptr_t>(aReason)), aDelay, 1);
-    if (rv != CM_OK && rv != CM_ERROR_FOUND)
-        CM_ERROR_TRACE_THIS("CCmConnectorWrapper::AsycConnect, ScheduleTimer() failed! rv=" << rv);
+    if (rv == CM_OK || rv == CM_ERROR_FOUND)
+        return;
+    CM_ERROR_TRACE_THIS("CCmConnectorWrapper::AsycConnect, ScheduleTimer() failed! rv=" << rv);
+    if (m_pConnector)
+        m_pConnector->Close();
+    m_Failure = CCmFailure(CM_FAILURE_LOCAL, "there is no timer for the attempt", m_IfLate);
+    m_NoMemory.Arm();
+}
+
+void CCmConnectorWrapper::OnNoMemory() {
+    Close_i();
+    m_pSink->OnConnectIndication(CM_ERROR_OUT_OF_MEMORY, nullptr, this);  // last: the sink may release this connector
 }
 
 void CCmConnectorWrapper::OnTimeout(const CCmTimeValue&, void* aArg) {
@@ -84,7 +93,7 @@ void CCmConnectorWrapper::OnTimeout(const CCmTimeValue&, void* aArg) {
         CM_INFO_TRACE("CCmConnectorWrapper::OnTimeout, connect failed.");
     } else if (reason == CM_ERROR_NETWORK_CONNECT_ERROR) {
         CM_INFO_TRACE("CCmConnectorWrapper::OnTimeout, connect timeout.");
-        m_Failure = CCmFailure(CM_FAILURE_TIMEOUT, "the time-out of the attempt has passed", "connect to", m_AddrPeer);
+        m_Failure = m_IfLate;
     } else {
         CM_WARNING_TRACE_THIS("CCmConnectorWrapper::OnTimeout, unkown nReason=" << reason);
         return;
@@ -115,6 +124,7 @@ void CCmConnectorWrapper::Close_i() {
     if (m_bClosed)
         return;
     m_bClosed = TRUE;
+    m_NoMemory.Cancel();
     if (m_pConnector)
         m_pConnector->Close();
     if (ICmReactor::IsAlive(m_pReactor))

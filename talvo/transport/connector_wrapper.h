@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "talvo/event/later_report.h"
 #include "talvo/event/reactor.h"
 #include "talvo/transport/connect_options.h"
 #include "talvo/transport/connector_internal.h"
@@ -39,6 +40,7 @@ public:
 private:
     CCmFailure GetFailure() const override { return m_Failure; }
     void Close_i();
+    void OnNoMemory();
     void ReportLater_i(const CCmTimeValue& aDelay, CmResult aReason);
 
     CCmEnsureSingleThread m_Est;
@@ -47,6 +49,7 @@ private:
     std::unique_ptr<ACmConnectorInternal> m_pConnector;
     DWORD m_Type = 0;
     BOOL m_bClosed = TRUE;  // FALSE while an attempt runs
-    CCmInetAddr m_AddrPeer;
+    CCmFailure m_IfLate;    // what a time-out of the attempt would be
     CCmFailure m_Failure;
+    talvo::CLaterReportT<CCmConnectorWrapper, &CCmConnectorWrapper::OnNoMemory> m_NoMemory{*this};  // for a timer
 };

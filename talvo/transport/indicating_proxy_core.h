@@ -74,13 +74,16 @@ protected:
         if (aRequest == m_dwRequest)
             m_Failure = aFailure;
     }
-    // Any thread. The failure can be read before the indication arrives, and needs no event.
+    // Any thread. The failure can be read before the indication arrives.
     void PostIndication(DWORD aRequest, CmResult aReason, CCmRefPtrT<ICmTransport> aTransport, const CCmFailure& aFailure) {
         NoteFailure(aRequest, aFailure);
-        GetUser().Post([=, pTransport = std::move(aTransport), pThis = CCmRefPtrT<CIndicatingProxyCoreT>(this)] {
-            if (ICmAcceptorConnectorSink* pSink = pThis->SinkOf(aRequest))
-                pSink->OnConnectIndication(aReason, pTransport.Get(), pThis->m_pProxy);
-        });
+        const CIndication indication{aRequest, aReason, std::move(aTransport)};
+        if (aReason != CM_OK && !m_bOnce)
+            return;
+        const CmResult rv =
+            GetUser().Post([indication, pThis = CCmRefPtrT<CIndicatingProxyCoreT>(this)] { pThis->Indicate_i(indication); });
+        if (rv == CM_ERROR_INVALID_ARG && m_bOnce)
+            PostSpare_i(indication);
     }
 
     // Network thread: sees that there is an inner object. On failure there is none.
@@ -110,7 +113,36 @@ protected:
     DWORD m_dwRunning = 0;  // the request under way, 0 for none
 
 private:
+    struct CIndication {
+        DWORD m_dwRequest = 0;
+        CmResult m_Reason = CM_OK;
+        CCmRefPtrT<ICmTransport> m_pTransport;
+    };
+
+    // Without memory for an event: a connector's request has one in reserve, so that its indication is not lost. What waits
+    // there for a request that is over makes room. An acceptor's connection is closed instead.
+    void PostSpare_i(CIndication aIndication) {
+        {
+            CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+            std::swap(m_Spare, aIndication);
+            if (std::exchange(m_bSparePosted, TRUE))
+                return;
+        }
+        m_SpareEvent.Post(GetUser());
+    }
+    CIndication TakeSpare_i() {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        m_bSparePosted = FALSE;
+        return std::exchange(m_Spare, {});
+    }
+    void OnSpare() { Indicate_i(TakeSpare_i()); }
+    void OnSpareDropped() { TakeSpare_i(); }
+
     // User's thread.
+    void Indicate_i(const CIndication& aIndication) {
+        if (ICmAcceptorConnectorSink* pSink = SinkOf(aIndication.m_dwRequest))
+            pSink->OnConnectIndication(aIndication.m_Reason, aIndication.m_pTransport.Get(), m_pProxy);
+    }
     ICmAcceptorConnectorSink* SinkOf(DWORD aRequest) {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         if (aRequest != m_dwRequest)
@@ -127,6 +159,10 @@ private:
     ICmAcceptorConnectorSink* m_pSink CM_GUARDED_BY(m_Mutex) = nullptr;  // not owned
     DWORD m_dwRequest CM_GUARDED_BY(m_Mutex) = 0;
     CCmFailure m_Failure CM_GUARDED_BY(m_Mutex);  // of the current request
+    CIndication m_Spare CM_GUARDED_BY(m_Mutex);
+    BOOL m_bSparePosted CM_GUARDED_BY(m_Mutex) = FALSE;
+    CEmbeddedEventT<CIndicatingProxyCoreT, &CIndicatingProxyCoreT::OnSpare, &CIndicatingProxyCoreT::OnSpareDropped>
+        m_SpareEvent{*this};
 };
 
 }  // namespace talvo

@@ -9,7 +9,8 @@
 //
 // Sending: SendData takes the whole chain or nothing, without copying payload that a data block owns, except that messages of
 // at most 1,024 bytes for a protocol connection are copied, which is cheaper. When more than a limit waits for the network (1
-// MiB; CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, bytes) it returns CM_ERROR_PARTIAL_DATA, and one OnSend follows when half of the
+// MiB, or half of the socket's send buffer where that has grown larger; CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, bytes, fixes it), or
+// more blocks than one for each 128 bytes of that, it returns CM_ERROR_PARTIAL_DATA, and one OnSend follows when half of the
 // limit has drained. CM_OK says that the data is on its way: it is lost only when the connection is. What waits together leaves
 // with few system calls. So that much does, sends from inside an event or upcall of the caller's thread wake the network
 // thread when the events that this thread runs in one go (at most 5) are over, or 32 KiB have gathered; who computes for long
@@ -24,9 +25,9 @@
 //   may cost messages under way, which a trace line at level 0 tells. An empty message is CM_OK and nothing is sent.
 //
 // Receiving: OnReceive gets a duplicate of its own, or a view on a copy of a message of at most 1,024 bytes. When more than a
-// limit (1 MiB, each chunk counting 128 bytes beyond its payload; CM_OPT_TRANSPORT_PROXY_RECV_LIMIT) waits for the user's
-// thread, reading stops until half of it is taken. CM_OPT_TRANSPORT_PAUSE_READING pauses by hand, at once: no OnReceive and no
-// OnDisconnect until it is set to FALSE.
+// limit (1 MiB, each chunk counting 128 bytes beyond its payload, or half of the socket's receive buffer where that has grown
+// larger; CM_OPT_TRANSPORT_PROXY_RECV_LIMIT fixes it) waits for the user's thread, reading stops until half of it is taken.
+// CM_OPT_TRANSPORT_PAUSE_READING pauses by hand, at once: no OnReceive and no OnDisconnect until it is set to FALSE.
 //
 // Opening: a raw transport stays unopened until OpenWithSink. A protocol connection runs from the start, and what arrives is
 // kept within the same limit, its end included, so OpenWithSink may come as late as the user likes: it is CM_OK even if the
@@ -52,7 +53,6 @@ public:
             pProxy->m_pCore->Start(pProxy.Get());
         return CCmRefPtrT<ICmTransport>(pProxy.Get());
     }
-
     CmResult OpenWithSink(ICmTransportSink* aSink) override { return m_pCore->OpenWithSink(aSink); }
     ICmTransportSink* GetSink() override { return m_pCore->GetSink(); }
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override {

@@ -1,0 +1,47 @@
+// A report from the loop that needs no memory when it is due.
+#pragma once
+
+#include <utility>
+
+#include "talvo/event/thread.h"
+#include "talvo/event/thread_manager.h"
+
+namespace talvo {
+
+// Part of its owner, a reference-counted object of one thread with an event queue, whose Method it runs from that thread's
+// loop.
+template <class Owner, void (Owner::*Method)()>
+class CLaterReportT final : private ICmEvent {
+public:
+    explicit CLaterReportT(Owner& aOwner) : m_Owner(aOwner) {}
+
+    // In the owner's thread. Keeps the owner alive until the loop has come to it. FALSE: the thread has ended.
+    BOOL Arm() {
+        ACmThread* pThread = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_CURRENT);
+        if (!pThread)
+            return FALSE;
+        m_bDue = TRUE;
+        if (std::exchange(m_bPosted, TRUE))
+            return TRUE;
+        m_Owner.AddReference();
+        return pThread->GetLink().PostEvent(this) == CM_OK;
+    }
+    // Nothing is reported until it is armed again.
+    void Cancel() { m_bDue = FALSE; }
+    BOOL IsDue() const { return m_bDue; }
+
+private:
+    CmResult OnEventFire() override {
+        m_bPosted = FALSE;
+        if (std::exchange(m_bDue, FALSE))
+            (m_Owner.*Method)();
+        return CM_OK;
+    }
+    void OnDestorySelf() override { m_Owner.ReleaseReference(); }
+
+    Owner& m_Owner;
+    BOOL m_bDue = FALSE;
+    BOOL m_bPosted = FALSE;
+};
+
+}  // namespace talvo
