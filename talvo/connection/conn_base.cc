@@ -53,7 +53,10 @@ CmResult CConnBase::DisconnectTransport_i(CmResult aReason) {
     return pTransport ? pTransport->Disconnect(aReason) : CM_OK;
 }
 
+// What is sent and received here are messages: an end of the bytes below would cut them off.
 CmResult CConnBase::SetTransportOption_i(DWORD aCommand, void* aArg) {
+    if (aCommand == CM_OPT_TRANSPORT_END_SENDING || aCommand == CM_OPT_TRANSPORT_TELL_END)
+        return CM_ERROR_INVALID_ARG;
     return m_pTransport ? m_pTransport->SetOption(aCommand, aArg) : CM_ERROR_NOT_AVAILABLE;
 }
 

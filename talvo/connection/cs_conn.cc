@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "talvo/base/trace.h"
+#include "talvo/transport/tcp_settings.h"
 
 namespace {
 
@@ -23,6 +24,8 @@ void CCsConn::TakeTransport_i(ICmTransport* aTransport) {
     GetTransportOption_i(CM_OPT_TRANSPORT_TRAN_TYPE, &m_cBaseType);
     m_bDatagrams = (m_cBaseType & BASE_TYPE_DATAGRAM_BIT) != 0;
     m_Pending.SetDatagrams(m_bDatagrams);
+    if (aTransport && !m_bDatagrams)
+        talvo::AskForLargeReads(*aTransport);
 }
 
 CmResult CCsConn::SetOption(DWORD aCommand, void* aArg) {

@@ -8,6 +8,7 @@
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
 #include "talvo/connection/conn_server_list.h"
+#include "talvo/transport/tcp_settings.h"
 
 namespace {
 
@@ -31,6 +32,8 @@ void CLenPkgConn::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICm
     CmResult rv = aReason;
     if (rv == CM_OK) {
         SetTPTransport(aTrpt);
+        if (aTrpt)
+            talvo::AskForLargeReads(*aTrpt);
         rv = aTrpt ? aTrpt->OpenWithSink(this) : CM_ERROR_INVALID_ARG;
     }
     if (rv == CM_OK)

@@ -8,6 +8,7 @@
 #include "talvo/connection/connection_manager.h"
 #include "talvo/event/thread_manager.h"
 #include "talvo/http/http_client_pool.h"
+#include "talvo/transport/tcp_settings.h"
 
 namespace talvo {
 
@@ -49,8 +50,10 @@ void CHttpClientConnection::OnConnectIndication(CmResult aReason, ICmTransport* 
     m_pConnector.Reset();
     m_pTransport = aTrpt;
     BOOL bTell = TRUE;
-    if (m_pTransport)
+    if (m_pTransport) {
         m_pTransport->SetOption(CM_OPT_TRANSPORT_TELL_END, &bTell);
+        AskForLargeReads(*m_pTransport);
+    }
     const CmResult rv = aReason == CM_OK ? m_pTransport->OpenWithSink(this) : aReason;
     if (rv == CM_OK)
         m_pUser->OnConnectionReady(*this, FALSE);

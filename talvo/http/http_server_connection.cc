@@ -10,6 +10,7 @@
 #include "talvo/http/http_framing.h"
 #include "talvo/http/http_status.h"
 #include "talvo/http/http_text.h"
+#include "talvo/transport/tcp_settings.h"
 
 namespace talvo {
 
@@ -41,6 +42,7 @@ CHttpServerConnection::~CHttpServerConnection() {
 CmResult CHttpServerConnection::Open() {
     BOOL bTell = TRUE;
     m_pTransport->SetOption(CM_OPT_TRANSPORT_TELL_END, &bTell);
+    AskForLargeReads(*m_pTransport);
     const CmResult rv = m_pTransport->OpenWithSink(this);
     if (rv == CM_OK)
         Settle_i();

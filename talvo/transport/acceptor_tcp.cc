@@ -70,6 +70,8 @@ CmResult CCmAcceptorTcp::Bind_i(const CCmInetAddr& aAddrListen) {
     }
     if (m_Socket.Open(TRUE) == -1)
         return failed("Open", "open a socket for");
+    m_Settings = talvo::CTcpSettings::Read();
+    m_Settings.ApplyTo(m_Socket);
     if (bind(GetHandle(), reinterpret_cast<const sockaddr*>(aAddrListen.GetPtr()), aAddrListen.GetSize()) == -1)
         return failed("bind", "bind to");
     // Not blocking, so that a peer that has gone between the report and the accept does not stop the thread.
@@ -119,6 +121,7 @@ int CCmAcceptorTcp::OnInput(HANDLE aFd) {
         return 0;
     }
     pTransport->GetPeer().SetHandle(fdNew);
+    pTransport->SetReadSize(m_Settings.m_dwReadSize);
     pTransport->SetPeerAddr(*addrPeer.GetPtr());
     if (m_AddrListen.sin_addr.s_addr != INADDR_ANY)
         pTransport->SetLocalAddr(m_AddrListen);

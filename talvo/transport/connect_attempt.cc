@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "talvo/base/trace.h"
+#include "talvo/transport/tcp_settings.h"
 
 namespace talvo {
 
@@ -46,6 +47,9 @@ int CConnectAttemptT<TransportType>::Connect_i(const CCmInetAddr& aAddrLocal) {
         CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, Enable(NON_BLOCK) failed! err=" << errno);
         return Failed_i("connect to", m_AddrPeer);
     }
+    const CTcpSettings settings = CTcpSettings::Read();
+    settings.ApplyTo(peer);
+    m_pTransport->SetReadSize(settings.m_dwReadSize);
     m_pTransport->SetPeerAddr(*m_AddrPeer.GetPtr());
     CM_INFO_TRACE_THIS("CCmConnectorTcpT::Connect_i, addr=" << m_AddrPeer.GetIpDisplayName() << " port=" << m_AddrPeer.GetPort()
                                                             << " laddr=" << aAddrLocal.GetIpDisplayName()

@@ -34,6 +34,8 @@ public:
     BOOL IsEmpty() const { return m_stFirst == m_Chains.size(); }
     BOOL HasSeveral() const;
 
+    // Whether the first message is a copy. There must be one.
+    BOOL IsFrontCopied() const { return IsShared(*m_Chains[m_stFirst]); }
     // The first message; stays first, as far as it was consumed, until Pop. There must be one.
     CCmMessageBlock& Front();
     void Pop();

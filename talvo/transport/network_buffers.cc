@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <new>
 
 namespace talvo {
@@ -31,6 +32,18 @@ template <class Buffers>
 
 CNetworkBuffers* GetNetworkBuffers() { return t_pNetwork ? t_pNetwork : Make(t_pNetwork); }
 CDatagramBuffers* GetDatagramBuffers() { return t_pDatagram ? t_pDatagram : Make(t_pDatagram); }
+
+// Used again at once, so it is neither cleared nor kept when a larger one takes its place.
+char* CNetworkBuffers::GetRoom(DWORD& aSize) {
+    if (aSize > DEFAULT_READ && aSize > m_dwLarger) {
+        m_pLarger.reset();
+        m_pLarger.reset(new (std::nothrow) char[aSize]);
+        m_dwLarger = m_pLarger ? aSize : 0;
+    }
+    const BOOL bFirst = aSize <= DEFAULT_READ || !m_pLarger;
+    aSize = bFirst ? std::min(aSize, DEFAULT_READ) : aSize;
+    return bFirst ? m_First : m_pLarger.get();
+}
 
 CDatagramBuffers::CDatagramBuffers() {
     for (DWORD i = 0; i < BATCH; ++i) {

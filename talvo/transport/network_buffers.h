@@ -5,17 +5,27 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include <memory>
+
 #include "talvo/base/types.h"
 
 namespace talvo {
 
 // Shared by all transports of one thread, which is safe because each is used within one call only.
 struct CNetworkBuffers {
-    static constexpr DWORD RECEIVE_SIZE = 16384;
+    static constexpr DWORD DEFAULT_READ = 16384;
     static constexpr DWORD MAX_PIECES = 64;
 
-    char m_Receive[RECEIVE_SIZE];
+    // Room for one read of aSize bytes, which the thread keeps; aSize gets less when memory runs out, never 0. The caller asks
+    // before each read.
+    char* GetRoom(DWORD& aSize);
+
     iovec m_Iov[MAX_PIECES];
+
+private:
+    char m_First[DEFAULT_READ];
+    std::unique_ptr<char[]> m_pLarger;
+    DWORD m_dwLarger = 0;
 };
 
 // For datagrams, several a system call; likewise shared, and valid while a batch is handled.

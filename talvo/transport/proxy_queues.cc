@@ -1,5 +1,6 @@
 #include "talvo/transport/proxy_queues.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace talvo {
@@ -31,14 +32,28 @@ BOOL AddTo(CMessageList& aList, CCmMessageBlock* aChain, const CCmMessageBlock& 
 
 }  // namespace
 
+DWORD CountBlocks(const CCmMessageBlock& aChain) {
+    DWORD dwBlocks = 0;
+    for (const CCmMessageBlock* pMb = &aChain; pMb; pMb = pMb->GetNext())
+        ++dwBlocks;
+    return dwBlocks;
+}
+
+DWORD CProxySendQueue::GetMostBlocks_l() const { return std::max(m_Limit.Get(), CProxyLimit::DEFAULT) / BYTES_A_BLOCK; }
+
 void CProxySendQueue::SetLimit(DWORD aLimit) {
     Guard guard(m_Mutex);
-    m_dwLimit = aLimit;
+    m_Limit.Set(aLimit);
+}
+
+void CProxySendQueue::GrowLimit(DWORD aBuffer) {
+    Guard guard(m_Mutex);
+    m_Limit.Grow(aBuffer);
 }
 
 DWORD CProxySendQueue::GetLimit() {
     Guard guard(m_Mutex);
-    return m_dwLimit;
+    return m_Limit.Get();
 }
 
 CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aTell,
@@ -46,8 +61,9 @@ CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWOR
     CCmMessageBlock* pChain = nullptr;
     if (!DuplicateUnlessSmall(aData, aLength, aMayCopy, pChain))
         return CM_ERROR_OUT_OF_MEMORY;
+    const DWORD dwBlocks = pChain ? CountBlocks(*pChain) : 0;
     Guard guard(m_Mutex);
-    if (m_ullWaiting > m_dwLimit) {
+    if (m_ullWaiting > m_Limit.Get() || m_ullBlocks > GetMostBlocks_l()) {
         m_bRefused = TRUE;
         if (pChain)
             pChain->DestroyChained();
@@ -56,6 +72,7 @@ CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWOR
     if (!AddTo(m_Messages, pChain, aData, aLength))
         return CM_ERROR_OUT_OF_MEMORY;
     m_ullWaiting += aCost;
+    m_ullBlocks += dwBlocks;
     m_ullQuiet += aCost;
     aHurry = m_ullQuiet >= HURRY_STEP;
     if (aHurry)
@@ -72,10 +89,11 @@ BOOL CProxySendQueue::Take(CMessageList& aMessages) {
     return m_bTold;
 }
 
-BOOL CProxySendQueue::Sent(uint64_t aLength) {
+BOOL CProxySendQueue::Sent(uint64_t aCost, DWORD aBlocks) {
     Guard guard(m_Mutex);
-    m_ullWaiting -= aLength;
-    if (!m_bRefused || m_ullWaiting > m_dwLimit / 2)
+    m_ullWaiting -= aCost;
+    m_ullBlocks -= aBlocks;
+    if (!m_bRefused || m_ullWaiting > m_Limit.Get() / 2 || m_ullBlocks > GetMostBlocks_l() / 2)
         return FALSE;
     m_bRefused = FALSE;
     return TRUE;
@@ -88,12 +106,17 @@ BOOL CProxySendQueue::IsEmpty() {
 
 void CProxyReceiveQueue::SetLimit(DWORD aLimit) {
     Guard guard(m_Mutex);
-    m_dwLimit = aLimit;
+    m_Limit.Set(aLimit);
+}
+
+void CProxyReceiveQueue::GrowLimit(DWORD aBuffer) {
+    Guard guard(m_Mutex);
+    m_Limit.Grow(aBuffer);
 }
 
 DWORD CProxyReceiveQueue::GetLimit() {
     Guard guard(m_Mutex);
-    return m_dwLimit;
+    return m_Limit.Get();
 }
 
 CmResult CProxyReceiveQueue::Push(const CCmMessageBlock& aChunk, DWORD aLength, BOOL aMayCopy, BOOL& aStop) {
@@ -104,7 +127,7 @@ CmResult CProxyReceiveQueue::Push(const CCmMessageBlock& aChunk, DWORD aLength, 
     if (!AddTo(m_Chunks, pChain, aChunk, aLength))
         return CM_ERROR_OUT_OF_MEMORY;
     m_ullWaiting += uint64_t{aLength} + CHUNK_COST;
-    aStop = !m_bStopped && m_ullWaiting > m_dwLimit;
+    aStop = !m_bStopped && m_ullWaiting > m_Limit.Get();
     m_bStopped = m_bStopped || aStop;
     return CM_OK;
 }
@@ -118,7 +141,7 @@ BOOL CProxyReceiveQueue::Take(CMessageList& aChunks) {
 BOOL CProxyReceiveQueue::Taken(uint64_t aCost) {
     Guard guard(m_Mutex);
     m_ullWaiting -= aCost;
-    if (!m_bStopped || m_ullWaiting > m_dwLimit / 2)
+    if (!m_bStopped || m_ullWaiting > m_Limit.Get() / 2)
         return FALSE;
     m_bStopped = FALSE;
     return TRUE;

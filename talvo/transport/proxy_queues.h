@@ -6,13 +6,39 @@
 
 namespace talvo {
 
+// How many bytes may wait: what the user has set, or as much as the socket's own buffer where that is larger than the default.
+class CProxyLimit {
+public:
+    static constexpr DWORD DEFAULT = 1 << 20;
+
+    void Set(DWORD aLimit) {
+        m_dwLimit = aLimit;
+        m_bFixed = TRUE;
+    }
+    void Grow(DWORD aBuffer) {
+        if (!m_bFixed)
+            m_dwLimit = aBuffer > DEFAULT ? aBuffer : DEFAULT;
+    }
+    DWORD Get() const { return m_dwLimit; }
+
+private:
+    DWORD m_dwLimit = DEFAULT;
+    BOOL m_bFixed = FALSE;
+};
+
+// How many blocks a chain has.
+DWORD CountBlocks(const CCmMessageBlock& aChain);
+
 // Chains that the user's thread handed over and the network thread has not given to the transport yet. Bounded by a limit on
-// the bytes that wait: above the limit a send is refused, and the queue says when half of it has drained. Any thread.
+// the bytes that wait, and by one on the blocks, which cost memory however few bytes they have: above either a send is refused,
+// and the queue says when half of both has drained. Any thread.
 class CProxySendQueue {
 public:
-    static constexpr DWORD DEFAULT_LIMIT = 1 << 20;
+    // A block for each so many bytes of the limit, and of the default limit at least.
+    static constexpr DWORD BYTES_A_BLOCK = 128;
 
     void SetLimit(DWORD aLimit);
+    void GrowLimit(DWORD aBuffer);
     DWORD GetLimit();
 
     // Takes aData, all or nothing, so a message stays whole: a copy of a small one, if it may be copied, and a duplicate of any
@@ -23,30 +49,34 @@ public:
 
     // Network thread: moves everything that waits to the empty aMessages. FALSE: nothing there, and the next Push has to tell.
     BOOL Take(CMessageList& aMessages);
-    // Network thread: so many bytes are gone. TRUE: the user, who was refused before, can send again.
-    BOOL Sent(uint64_t aLength);
+    // Network thread: so much is gone; a message that was copied had no block. TRUE: the user, who was refused before, can send
+    // again.
+    BOOL Sent(uint64_t aCost, DWORD aBlocks);
 
     // Whether bytes wait, those that were taken but not sent included.
     BOOL IsEmpty();
 
 private:
+    DWORD GetMostBlocks_l() const CM_REQUIRES(m_Mutex);
+
     CCmMutexThread m_Mutex;
     CMessageList m_Messages CM_GUARDED_BY(m_Mutex);
-    DWORD m_dwLimit CM_GUARDED_BY(m_Mutex) = DEFAULT_LIMIT;
+    CProxyLimit m_Limit CM_GUARDED_BY(m_Mutex);
     uint64_t m_ullWaiting CM_GUARDED_BY(m_Mutex) = 0;  // bytes
-    uint64_t m_ullQuiet CM_GUARDED_BY(m_Mutex) = 0;    // bytes since the network thread was hurried
-    BOOL m_bTold CM_GUARDED_BY(m_Mutex) = FALSE;       // the network thread knows that there is something
-    BOOL m_bRefused CM_GUARDED_BY(m_Mutex) = FALSE;    // an OnSend is owed
+    uint64_t m_ullBlocks CM_GUARDED_BY(m_Mutex) = 0;
+    uint64_t m_ullQuiet CM_GUARDED_BY(m_Mutex) = 0;  // bytes since the network thread was hurried
+    BOOL m_bTold CM_GUARDED_BY(m_Mutex) = FALSE;     // the network thread knows that there is something
+    BOOL m_bRefused CM_GUARDED_BY(m_Mutex) = FALSE;  // an OnSend is owed
 };
 
 // Chunks that the network thread received and the user's thread has not taken yet. Any thread.
 class CProxyReceiveQueue {
 public:
-    static constexpr DWORD DEFAULT_LIMIT = 1 << 20;
     // What a chunk counts beyond its payload: a peer that sends single bytes must not make us keep a hundred times as much.
     static constexpr DWORD CHUNK_COST = 128;
 
     void SetLimit(DWORD aLimit);
+    void GrowLimit(DWORD aBuffer);
     DWORD GetLimit();
 
     // Takes aChunk, of aLength bytes, as the send queue does. CM_ERROR_OUT_OF_MEMORY. aStop: more than the limit waits now,
@@ -62,7 +92,7 @@ public:
 private:
     CCmMutexThread m_Mutex;
     CMessageList m_Chunks CM_GUARDED_BY(m_Mutex);
-    DWORD m_dwLimit CM_GUARDED_BY(m_Mutex) = DEFAULT_LIMIT;
+    CProxyLimit m_Limit CM_GUARDED_BY(m_Mutex);
     uint64_t m_ullWaiting CM_GUARDED_BY(m_Mutex) = 0;  // bytes
     BOOL m_bStopped CM_GUARDED_BY(m_Mutex) = FALSE;
 };

@@ -46,8 +46,8 @@ enum ECmTransportOption : DWORD {
     CM_OPT_TRANSPORT_TRAN_TYPE = 107,   // get DWORD: 1 TCP, 2 UDP; a thread proxy adds 0x20000 or else 0x10000 when it was
                                         // made with a type that has that bit
     CM_OPT_TRANSPORT_KEEPALIVE = 108,   // [waits] set DWORD: TCP keep-alive is switched on by more than 0, off by 0
-    CM_OPT_TRANSPORT_SNDBUF = 109,      // [waits] get, set int: the socket's send buffer in bytes; the system doubles what is
-                                        // set, opening a transport sets 65,535: set it afterwards
+    CM_OPT_TRANSPORT_SNDBUF = 109,      // [waits] get, set int: the socket's send buffer in bytes. The system doubles what is
+                                        // set, and no longer makes the buffer of a TCP socket grow by itself then
     CM_OPT_TRANSPORT_RCVBUF = 110,      // [waits] get, set int: the socket's receive buffer in bytes; likewise
     CM_OPT_TRANSPORT_INNER_TRANSPORT = 112,  // [waits] get ICmTransport*, no reference added: thread proxies only, the
                                              // transport in the network thread, to be used there only
@@ -64,11 +64,15 @@ enum ECmTransportOption : DWORD {
     // [waits] set BOOL: protocol connections only. While TRUE SendData gathers, FALSE sends that with few system calls; any
     // upcall may come inside, OnDisconnect included.
     CM_OPT_TRANSPORT_CORK = 146,
-    // set BOOL TRUE: nothing more is sent; the peer sees the end behind what was taken, and receiving goes on. TCP alone.
+    // set BOOL TRUE: nothing more is sent; the peer sees the end behind what was taken, and receiving goes on. A SendData
+    // afterwards is CM_ERROR_NETWORK_SOCKET_ERROR, with no OnDisconnect to follow. Raw TCP alone.
     CM_OPT_TRANSPORT_END_SENDING = 147,
     // set BOOL TRUE: the peer's orderly end is one OnReceive with an empty block, behind all data; the transport stays open and
-    // can send. A hang-up or failure is OnDisconnect as ever. TCP alone; set it before OpenWithSink.
+    // can send. A hang-up or failure is OnDisconnect as ever. Raw TCP alone; set it before OpenWithSink.
     CM_OPT_TRANSPORT_TELL_END = 148,
+    // [waits] get, set DWORD: the most bytes that one read brings, so that one OnReceive of a raw transport does; 4,096 to
+    // 1,048,576. TCP starts with the key "ReadSize" (16,384). Proxies, protocol connections and HTTP ask for 65,536.
+    CM_OPT_TRANSPORT_READ_SIZE = 149,
     // get CCmFailure: what ended the connection; CM_FAILURE_NONE while it runs, behind an orderly end of the peer's and after
     // Disconnect. Inside and after OnDisconnect, in the thread of the upcalls; a thread proxy answers without waiting.
     CM_OPT_TRANSPORT_LAST_FAILURE = 159
@@ -113,7 +117,8 @@ public:
     // CM_OK: all was taken; also for an empty chain. CM_ERROR_PARTIAL_DATA: the rest, perhaps all of it, stays in aData, which
     // the caller keeps and sends again after the OnSend that follows. CM_ERROR_NOT_INITIALIZED: the transport is closed;
     // CM_ERROR_NULL_POINTER: so is a thread proxy's, perhaps before its OnDisconnect has arrived, which follows then.
-    // CM_ERROR_NETWORK_SOCKET_ERROR: the connection is broken; OnDisconnect comes from the loop.
+    // CM_ERROR_NETWORK_SOCKET_ERROR: the connection is broken, and OnDisconnect comes from the loop; or CM_OPT_TRANSPORT_
+    // END_SENDING was set, and it does not.
     virtual CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) = 0;
 
     // See ECmTransportOption. CM_ERROR_INVALID_ARG: an unknown command, or a null argument. CM_ERROR_NETWORK_SOCKET_ERROR: the

@@ -7,7 +7,7 @@
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
 #include "talvo/event/thread_manager.h"
-#include "talvo/transport/network_buffers.h"
+#include "talvo/transport/tcp_settings.h"
 
 namespace talvo {
 
@@ -19,6 +19,7 @@ constexpr DWORD STREAM_TYPE_MASK = 0xFFF0FFFF;  // base type and protocol, witho
 constexpr DWORD PROTOCOL_MASK = 0xFFF00000;
 constexpr DWORD TELL_SENT_STEP = 64 * 1024;  // bytes: a lock for each message would be dear, and the whole batch a long wait
 constexpr DWORD DEFAULT_LINGER_SECONDS = 30;
+constexpr uint64_t LOOK_STEP = 1 << 20;  // bytes between two looks at the socket's buffers
 constexpr DWORD TYPE_FLAG_HIGH = 0x20000;
 constexpr DWORD TYPE_FLAG_LOW = 0x10000;
 constexpr const char* THREAD_ENDED = "the network thread has ended";
@@ -56,6 +57,10 @@ void CTransportProxyCore::Start(ICmTransport* aProxy) {
         LostHere_i(CM_ERROR_NETWORK_SOCKET_CLOSE, THREAD_ENDED);
         return;
     }
+    if (m_bStream) {
+        AskForLargeReads(*m_pTransport);
+        ReadReadSize_i();
+    }
     if (!m_bProtocol)
         return;
     ReadMaxMessage_i();
@@ -71,6 +76,26 @@ void CTransportProxyCore::ReadAddresses_i() {
     DWORD dwType = 0;
     if (m_pTransport->GetOption(CM_OPT_TRANSPORT_TRAN_TYPE, &dwType) == CM_OK)
         m_dwTransportType = dwType | (m_dwType & TYPE_FLAG_HIGH ? TYPE_FLAG_HIGH : m_dwType & TYPE_FLAG_LOW);
+}
+
+void CTransportProxyCore::ReadReadSize_i() {
+    DWORD dwSize = 0;
+    if (m_pTransport && m_pTransport->GetOption(CM_OPT_TRANSPORT_READ_SIZE, &dwSize) == CM_OK)
+        m_dwReadSize = dwSize;
+}
+
+// Looks from time to time how large the system has made the socket's buffers, half of which is payload: a queue that holds less
+// than the way to the peer would be what limits a long one.
+void CTransportProxyCore::Moved_i(uint64_t aBytes) {
+    m_ullMoved += aBytes;
+    if (m_ullMoved < LOOK_STEP || !(m_dwTransportType & CM_TRANSPORT_TYPE_TCP) || !m_pTransport)
+        return;
+    m_ullMoved = 0;
+    int nBytes = 0;
+    if (m_pTransport->GetOption(CM_OPT_TRANSPORT_SNDBUF, &nBytes) == CM_OK)
+        m_SendQueue.GrowLimit(static_cast<DWORD>(nBytes / 2));
+    if (m_pTransport->GetOption(CM_OPT_TRANSPORT_RCVBUF, &nBytes) == CM_OK)
+        m_ReceiveQueue.GrowLimit(static_cast<DWORD>(nBytes / 2));
 }
 
 void CTransportProxyCore::Open_i() {
@@ -94,9 +119,10 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
         LostHere_i(rv, OUT_OF_MEMORY);  // a stream with a hole in it would be worse
         return;
     }
+    Moved_i(dwLength);
     if (bStop)
         ApplyReading_i();
-    if (m_bStream && dwLength < CNetworkBuffers::RECEIVE_SIZE)
+    if (m_bStream && dwLength < m_dwReadSize)
         Tell_i();  // the last one of its report
     else if (!m_bUpcallPosted && !std::exchange(m_bTellPosted, TRUE))
         m_TellEvent.Post(GetNetwork());
@@ -190,6 +216,7 @@ CCmMessageBlock* CTransportProxyCore::JoinWaiting_i() {
         pTail = pNextTail;
         dwBlocks += dwNextBlocks;
     }
+    m_dwUnsentBlocks = dwBlocks;
     return pHead;
 }
 
@@ -200,12 +227,15 @@ CmResult CTransportProxyCore::SendJoined_i() {
     const CmResult rv = m_pTransport->SendData(*m_pUnsent, &para);
     m_ullGone += para.m_dwHaveSent;
     m_pUnsent = m_pUnsent->ReclaimGarbage();
+    if (!m_pUnsent)
+        m_dwGoneBlocks += m_dwUnsentBlocks;
     return rv;
 }
 
 CmResult CTransportProxyCore::SendMessage_i() {
     CCmMessageBlock& message = m_Sending.Front();
     const DWORD dwLength = message.GetChainedLength();
+    const DWORD dwBlocks = m_Sending.IsFrontCopied() ? 0 : CountBlocks(message);
     CCmTransportParameter para;
     const CmResult rv = m_pTransport->SendData(message, &para);
     if (rv != CM_OK && !IsDropped_i(rv)) {
@@ -217,6 +247,7 @@ CmResult CTransportProxyCore::SendMessage_i() {
         CM_ERROR_TRACE_THIS("CTransportProxyCore::SendMessage_i, message too long for the connection, lost. len=" << dwLength);
     }
     m_ullGone += CostOf_i(dwLength);
+    m_dwGoneBlocks += dwBlocks;
     m_Sending.Pop();
     return CM_OK;
 }
@@ -234,7 +265,10 @@ void CTransportProxyCore::Cork_i(BOOL aCork) {
 }
 
 void CTransportProxyCore::TellSent_i() {
-    if (m_ullGone == 0 || !m_SendQueue.Sent(std::exchange(m_ullGone, 0)))
+    if (m_ullGone == 0)
+        return;
+    Moved_i(m_ullGone);
+    if (!m_SendQueue.Sent(std::exchange(m_ullGone, 0), std::exchange(m_dwGoneBlocks, 0)))
         return;
     m_bOnSendDue = TRUE;
     PostUpcall_i();
@@ -348,6 +382,8 @@ CmResult CTransportProxyCore::SetInnerOption_i(DWORD aCommand, void* aArg) {
     const CmResult rv = pTransport->SetOption(aCommand, aArg);
     if (m_bProtocol && m_pTransport)
         ReadMaxMessage_i();
+    if (aCommand == CM_OPT_TRANSPORT_READ_SIZE)
+        ReadReadSize_i();
     return rv;
 }
 

@@ -5,6 +5,7 @@
 
 #include "talvo/event/timer_queue.h"
 #include "talvo/transport/atomic_addr.h"
+#include "talvo/transport/network_buffers.h"
 #include "talvo/transport/proxy_core.h"
 #include "talvo/transport/proxy_queues.h"
 #include "talvo/transport/transport_interface.h"
@@ -69,6 +70,8 @@ private:
     void PostApplyReading_i();
     // Network thread.
     void ReadAddresses_i();
+    void ReadReadSize_i();
+    void Moved_i(uint64_t aBytes);
     void Open_i();
     void TellReceived_i();
     void Tell_i();
@@ -108,6 +111,7 @@ private:
 
     std::atomic<ICmTransportSink*> m_pSink{nullptr};  // not owned; the user's
     std::atomic<BOOL> m_bClosed{FALSE};               // nothing can be sent any more
+    std::atomic<BOOL> m_bEndAsked{FALSE};             // nor after option 147
     std::atomic<BOOL> m_bOver{FALSE};                 // nothing more is told: the user has disconnected or knows of the end
     std::atomic<DWORD> m_dwMaxMessage{NO_LIMIT};      // what the connection said last
     std::atomic<BOOL> m_bPausedByUser{FALSE};
@@ -138,13 +142,17 @@ private:
     CCmRefPtrT<ICmTransport> m_pTransport;
     CMessageList m_Sending;
     CCmMessageBlock* m_pUnsent = nullptr;  // owned; on a stream, what is joined and not sent yet
+    DWORD m_dwUnsentBlocks = 0;            // of m_pUnsent when it was joined
     uint64_t m_ullGone = 0;                // bytes; what the send queue does not know yet to have gone
+    DWORD m_dwGoneBlocks = 0;              // likewise
     BOOL m_bTellPosted = FALSE;
     BOOL m_bDraining = FALSE;
     BOOL m_bRoomMeanwhile = FALSE;  // an OnSend came while draining
     BOOL m_bOpened = FALSE;
-    BOOL m_bEndSending = FALSE;                // behind what waits
-    BOOL m_bReadingPaused = FALSE;             // as the transport was told
+    DWORD m_dwReadSize = CNetworkBuffers::DEFAULT_READ;  // the transport's, on a raw stream
+    uint64_t m_ullMoved = 0;                             // bytes since the socket's buffers were looked at
+    BOOL m_bEndSending = FALSE;                          // behind what waits
+    BOOL m_bReadingPaused = FALSE;                       // as the transport was told
     ICmTimerQueue* m_pLingerTimers = nullptr;  // not owned; set when lingering: this thread's, which may be unregistered by now
     CCmTimeValue m_tvLingerEnd;
 };

@@ -25,6 +25,8 @@ CmResult CTransportProxyCore::SendData(CCmMessageBlock& aData, CCmTransportParam
         aPara->m_dwHaveSent = 0;
     if (m_bClosed)
         return CM_ERROR_NULL_POINTER;
+    if (m_bEndAsked)
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
     DWORD dwLength = aData.GetChainedLength();
     if (dwLength == 0 && !m_bDatagrams)
         return CM_OK;
@@ -80,10 +82,15 @@ CmResult CTransportProxyCore::SetOption(DWORD aCommand, void* aArg) {
         PauseReading_i(!!*static_cast<BOOL*>(aArg));
         return CM_OK;
     case CM_OPT_TRANSPORT_TELL_END:
+        if (!m_bStream)
+            return CM_ERROR_INVALID_ARG;
         return GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this), bTell = *static_cast<BOOL*>(aArg)]() mutable {
             pThis->SetInnerOption_i(CM_OPT_TRANSPORT_TELL_END, &bTell);
         });
     case CM_OPT_TRANSPORT_END_SENDING:
+        if (!m_bStream)
+            return CM_ERROR_INVALID_ARG;
+        m_bEndAsked = TRUE;
         return GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->EndSending_i(); });
     default:
         return GetNetwork().Call(

@@ -9,13 +9,12 @@
 
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
-#include "talvo/transport/network_buffers.h"
+#include "talvo/transport/tcp_settings.h"
 
 namespace {
 
 CCmLiveCounter s_Live("CCmTransportTcp");
 
-constexpr int SOCKET_BUFFER_SIZE = 65535;
 constexpr int WOULD_BLOCK = -2;
 
 BOOL IsWouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
@@ -32,9 +31,6 @@ CCmTransportTcp::~CCmTransportTcp() {
 CmResult CCmTransportTcp::Open_t() {
     if (!talvo::GetNetworkBuffers())
         return CM_ERROR_OUT_OF_MEMORY;
-    int nSize = SOCKET_BUFFER_SIZE;
-    SetOption(CM_OPT_TRANSPORT_SNDBUF, &nSize);
-    SetOption(CM_OPT_TRANSPORT_RCVBUF, &nSize);
     const int nOn = 1;
     if (m_SocketTcp.SetOption(IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof nOn) == -1)
         CM_ERROR_TRACE_THIS("CCmTransportTcp::Open_t, SetOption(TCP_NODELAY) failed! err=" << errno);
@@ -46,6 +42,8 @@ CmResult CCmTransportTcp::Open_t() {
     m_bOpen = TRUE;
     if (m_bReadingPaused)
         m_pReactor->RegisterHandler(this, GetMask_i());
+    if (m_bBroken)
+        TellBroken_i();
     return CM_OK;
 }
 
@@ -115,18 +113,40 @@ int CCmTransportTcp::Send_i(const char* aBuf, DWORD aLen) {
         return nSent;
     if (IsWouldBlock())
         return 0;
-    CM_WARNING_TRACE_THIS("CCmTransportTcp::Send_i, send() failed! fd=" << GetHandle() << " err=" << errno);
+    const int nErr = errno;
+    CM_WARNING_TRACE_THIS("CCmTransportTcp::Send_i, send() failed! fd=" << GetHandle() << " err=" << nErr);
+    SendFailed_i(nErr);
+    errno = nErr;
     return -1;
 }
 
+// The system need not report what a send has met, so the loop does.
+CmResult CCmTransportTcp::SendFailed_i(int aError) {
+    if (m_bEndSent)
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    NoteFailure_i(aError, "send to");
+    m_bBroken = TRUE;
+    if (m_bOpen)
+        TellBroken_i();
+    return CM_ERROR_NETWORK_SOCKET_ERROR;
+}
+
+// Behind what can still be received, unless reading is paused: whatever would end the pause may never come.
+void CCmTransportTcp::TellBroken_i() { m_pReactor->NotifyHandler(this, m_bReadingPaused ? CLOSE_MASK : READ_MASK); }
+
 int CCmTransportTcp::OnInput(HANDLE) {
     m_Est.EnsureSingleThread();
-    char* pBuffer = talvo::GetNetworkBuffers()->m_Receive;
-    const int nRecv = Recv_i(pBuffer, talvo::CNetworkBuffers::RECEIVE_SIZE);
+    DWORD dwSize = m_dwReadSize;
+    char* pBuffer = talvo::GetNetworkBuffers()->GetRoom(dwSize);
+    const int nRecv = Recv_i(pBuffer, dwSize);
+    if (m_bBroken && nRecv <= 0)
+        return -1;
     if (nRecv < 0)
         return nRecv;
     if (nRecv == 0)
         return TellEnd_i();
+    if (m_bBroken)
+        TellBroken_i();  // what is left has its turn after this
     const DWORD dwRecv = static_cast<DWORD>(nRecv);
     m_Counters.m_ullBytesReceived += dwRecv;
     ++m_Counters.m_ullReceives;
@@ -135,7 +155,7 @@ int CCmTransportTcp::OnInput(HANDLE) {
         CCmMessageBlock block(dwRecv, pBuffer, CCmMessageBlock::DONT_DELETE, dwRecv);
         m_pSink->OnReceive(block, this, nullptr);
     }
-    return dwRecv == talvo::CNetworkBuffers::RECEIVE_SIZE ? 0 : WOULD_BLOCK;
+    return dwRecv == dwSize ? 0 : WOULD_BLOCK;
 }
 
 int CCmTransportTcp::OnOutput(HANDLE) {
@@ -165,6 +185,10 @@ CmResult CCmTransportTcp::SendData(CCmMessageBlock& aData, CCmTransportParameter
     const DWORD dwPieces = aData.FillIov(pIov, talvo::CNetworkBuffers::MAX_PIECES);
     if (dwPieces == 0)
         return CM_OK;
+    if (m_bEndSent || m_bBroken) {
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::SendData, sending has ended. m_bBroken=" << m_bBroken);
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    }
     size_t stLength = 0;
     for (DWORD i = 0; i < dwPieces; ++i)
         stLength += pIov[i].iov_len;
@@ -174,8 +198,9 @@ CmResult CCmTransportTcp::SendData(CCmMessageBlock& aData, CCmTransportParameter
     if (nSent == -1) {
         if (IsWouldBlock())
             return PartialSend_i(FALSE);
-        CM_WARNING_TRACE_THIS("CCmTransportTcp::SendData, sendv() failed! err=" << errno);
-        return CM_ERROR_NETWORK_SOCKET_ERROR;
+        const int nErr = errno;
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::SendData, sendv() failed! err=" << nErr);
+        return SendFailed_i(nErr);
     }
     const DWORD dwSent = static_cast<DWORD>(nSent);
     m_Counters.m_ullBytesSent += dwSent;
@@ -209,7 +234,23 @@ CmResult CCmTransportTcp::PauseReading_i(BOOL aPause) {
     if (!m_bOpen)
         return CM_OK;
     const CmResult rv = m_pReactor->RegisterHandler(this, GetMask_i());
+    if (m_bBroken)
+        TellBroken_i();
     return rv == CM_ERROR_FOUND ? CM_OK : rv;
+}
+
+CmResult CCmTransportTcp::EndSending_i() {
+    if (m_SocketTcp.CloseWriter() == -1)
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    m_bEndSent = TRUE;
+    return CM_OK;
+}
+
+CmResult CCmTransportTcp::SetReadSize_i(DWORD aSize) {
+    if (aSize < talvo::CTcpSettings::MIN_READ || aSize > talvo::CTcpSettings::MAX_READ)
+        return CM_ERROR_INVALID_ARG;
+    m_dwReadSize = aSize;
+    return CM_OK;
 }
 
 CmResult CCmTransportTcp::Detach_i(HANDLE aNewHandle) {

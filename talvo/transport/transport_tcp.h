@@ -1,6 +1,7 @@
 // A connected, non-blocking TCP socket as a transport.
 #pragma once
 
+#include "talvo/transport/network_buffers.h"
 #include "talvo/transport/transport_base.h"
 
 // What passed through a transport; read it in its thread.
@@ -13,7 +14,8 @@ struct CCmTransportCounters {
 };
 
 // Made by acceptors and connectors, which put a connected socket into GetPeer(). Received bytes are handed up in the thread's
-// receive buffer, without a copy: a chunk has at most 16,384 bytes and its memory is used again after OnReceive. A send is one
+// receive buffer, without a copy: a chunk has at most CM_OPT_TRANSPORT_READ_SIZE bytes (16,384 at first) and its memory is used
+// again after OnReceive. The system sizes the socket's buffers unless the configuration or an option does. A send is one
 // gathering system call of at most 64 pieces; a longer chain is cut there and CM_ERROR_PARTIAL_DATA is returned, with an OnSend
 // to follow, although the socket could take more.
 class TALVO_API CCmTransportTcp : public CCmTransportBase {
@@ -34,6 +36,8 @@ public:
     // What who made it knows already spares a call of the system; the peer's address can then be asked for after the end, too.
     void SetPeerAddr(const sockaddr_in& aAddr) { m_AddrPeer = aAddr; }
     void SetLocalAddr(const sockaddr_in& aAddr) { m_AddrLocal = aAddr; }
+    // Of one read; between CTcpSettings::MIN_READ and MAX_READ.
+    void SetReadSize(DWORD aSize) { m_dwReadSize = aSize; }
     const CCmTransportCounters& GetCounters() const { return m_Counters; }
 
 protected:
@@ -49,6 +53,10 @@ private:
     BOOL IsWriteOnDemand_i() const { return (m_pReactor->GetProperty() & ICmReactor::PROPERTY_WRITE_ON_DEMAND) != 0; }
     long GetMask_i() const;
     int TellEnd_i();
+    CmResult SendFailed_i(int aError);
+    void TellBroken_i();
+    CmResult EndSending_i();
+    CmResult SetReadSize_i(DWORD aSize);
     CmResult PartialSend_i(BOOL aMoreRoom);
     CmResult PauseReading_i(BOOL aPause);
     CmResult Detach_i(HANDLE aNewHandle);
@@ -59,10 +67,13 @@ private:
     CCmSocketTcp m_SocketTcp;
     sockaddr_in m_AddrPeer{};   // family 0: not known yet
     sockaddr_in m_AddrLocal{};  // likewise
+    DWORD m_dwReadSize = talvo::CNetworkBuffers::DEFAULT_READ;
     BOOL m_bNeedOnSend = FALSE;
     BOOL m_bReadingPaused = FALSE;
     BOOL m_bOpen = FALSE;     // registered with the reactor
     BOOL m_bTellEnd = FALSE;  // option 148
     BOOL m_bEndTold = FALSE;
+    BOOL m_bEndSent = FALSE;  // option 147
+    BOOL m_bBroken = FALSE;   // a send found that out, and OnDisconnect has to come
     CCmTransportCounters m_Counters;
 };

@@ -39,7 +39,9 @@ CmResult CCmTransportTcp::SetOption(DWORD aCommand, void* aArg) {
         m_bTellEnd = m_bTellEnd || *static_cast<BOOL*>(aArg);
         return CM_OK;
     case CM_OPT_TRANSPORT_END_SENDING:
-        return m_SocketTcp.CloseWriter() == 0 ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
+        return EndSending_i();
+    case CM_OPT_TRANSPORT_READ_SIZE:
+        return SetReadSize_i(*static_cast<DWORD*>(aArg));
     default:
         CM_WARNING_TRACE_THIS("CCmTransportTcp::SetOption, unknow aCommand=" << aCommand << " aArg=" << aArg);
         return CM_ERROR_INVALID_ARG;
@@ -85,6 +87,9 @@ CmResult CCmTransportTcp::GetOption(DWORD aCommand, void* aArg) {
         return getInt(SO_SNDBUF);
     case CM_OPT_TRANSPORT_RCVBUF:
         return getInt(SO_RCVBUF);
+    case CM_OPT_TRANSPORT_READ_SIZE:
+        *static_cast<DWORD*>(aArg) = m_dwReadSize;
+        return CM_OK;
     case CM_OPT_TRANSPORT_PAUSE_READING:
         *static_cast<BOOL*>(aArg) = m_bReadingPaused;
         return CM_OK;

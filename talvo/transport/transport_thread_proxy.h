@@ -53,6 +53,7 @@ public:
             pProxy->m_pCore->Start(pProxy.Get());
         return CCmRefPtrT<ICmTransport>(pProxy.Get());
     }
+
     CmResult OpenWithSink(ICmTransportSink* aSink) override { return m_pCore->OpenWithSink(aSink); }
     ICmTransportSink* GetSink() override { return m_pCore->GetSink(); }
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override {

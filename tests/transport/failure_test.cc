@@ -100,7 +100,7 @@ TEST_F(FailureTest, HandshakesTellTheCause) {
         pConnector->AsycConnect(&sink, listener.Addr());
         const CTestFd peer = listener.Accept();
         if (bAnswer)
-            EXPECT_EQ(1, send(peer.Get(), "\x63", 1, MSG_NOSIGNAL));
+            peer.Write("\x63");
         else
             shutdown(peer.Get(), SHUT_WR);
         m_Network.RunUntil([&] { return sink.Count() == 1; });
@@ -183,4 +183,56 @@ TEST_F(FailureTest, DatagramsTellTheCause) {
     m_Network.RunUntil([&] { return sink.m_nDisconnects == 1; });
     EXPECT_EQ(ECONNREFUSED, FailureOf(transport).GetErrno());
     EXPECT_EQ(TextOf(m_Refused), AddressOf(transport, CM_OPT_TRANSPORT_PEER_ADDR));
+}
+
+// What the system does not report after a failed send the loop does, behind what can still be received.
+TEST_F(FailureTest, AFailedSendEndsTheConnectionFromTheLoop) {
+    for (const DWORD dwType : {RAW, LENGTH}) {
+        for (const BOOL bPaused : {FALSE, TRUE}) {
+            const CTestListener listener;
+            CTestConnectSink connected;
+            const auto pConnector = m_Network.MakeConnector(dwType);
+            pConnector->AsycConnect(&connected, listener.Addr());
+            m_Network.RunUntil([&] { return connected.Count() == 1; });
+            CTestFd peer = listener.Accept();
+            ICmTransport& transport = *connected.m_Transports[0];
+            CTestSink sink;
+            EXPECT_EQ(CM_OK, transport.OpenWithSink(&sink));
+            BOOL bPause = bPaused;
+            EXPECT_EQ(CM_OK, transport.SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+            HANDLE fd = CM_INVALID_HANDLE;
+            EXPECT_EQ(CM_OK, transport.GetOption(CM_OPT_TRANSPORT_FD, &fd));
+            m_Network.InNetwork([&] {
+                EXPECT_EQ(0, shutdown(fd, SHUT_WR));  // what the system answers with EPIPE from now on, and with no event
+                peer.Write(std::string("\0\0\0\x04last", 8));
+            });
+            EXPECT_EQ(CM_OK, SendText(transport, "lost"));
+            m_Network.InNetwork([] {});
+            m_Network.InNetwork([] {});
+            bPause = FALSE;
+            EXPECT_EQ(CM_OK, transport.SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+            m_Network.RunUntil([&] { return sink.m_nDisconnects == 1; });
+            EXPECT_EQ(EPIPE, FailureOf(transport).GetErrno());
+            EXPECT_TRUE(bPaused || sink.m_strReceived.ends_with("last"));
+        }
+    }
+}
+
+TEST_F(FailureTest, NothingIsTakenBehindTheEndOfSending) {
+    CTestFd peer;
+    const auto pProxy = m_Network.ConnectTo(peer);
+    CTestSink sink;
+    EXPECT_EQ(CM_OK, pProxy->OpenWithSink(&sink));
+    BOOL bEnd = TRUE;
+    EXPECT_EQ(CM_OK, pProxy->SetOption(CM_OPT_TRANSPORT_END_SENDING, &bEnd));
+    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(*pProxy, "late"));
+    ICmTransport* pInner = nullptr;
+    EXPECT_EQ(CM_OK, pProxy->GetOption(CM_OPT_TRANSPORT_INNER_TRANSPORT, &pInner));
+    m_Network.InNetwork([&] { EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(*pInner, "late")); });
+    std::string strRead;
+    m_Network.RunUntil([&] { return ReadToEnd(peer, strRead); });
+    EXPECT_EQ("", strRead);
+    peer.Write("receiving goes on");
+    m_Network.RunUntil([&] { return sink.m_strReceived == "receiving goes on"; });
+    EXPECT_EQ(0, sink.m_nDisconnects);
 }

@@ -75,6 +75,18 @@ TEST_F(ThreadProxyTest, SendingPushesBackAndTellsOnceWhenHalfHasGone) {
     EXPECT_EQ(110u, FillQueue(connection, 10));
 }
 
+// A byte costs as much memory as a block does.
+TEST_F(ThreadProxyTest, SendingOfSingleBytesIsBoundedByTheirBlocks) {
+    CFakeConnection connection(m_Network);
+    const DWORD dwTaken = FillQueue(connection, 1);
+    EXPECT_EQ(MEBIBYTE / 128 + 1, dwTaken);
+    connection.MakeRoom();
+    m_Network.RunPosted();
+    EXPECT_EQ(1, connection.m_Sink.m_nSends);
+    EXPECT_EQ(std::string(dwTaken, 'q'), connection.m_pFake->m_strSent);
+    EXPECT_EQ(CM_OK, SendText(*connection.m_pProxy, "taken"));
+}
+
 TEST_F(ThreadProxyTest, AcceptedDataGoesOutBeforeTheClose) {
     for (const BOOL bRelease : {FALSE, TRUE}) {  // a transport that was never opened keeps its word, too
         CTestFd peer;

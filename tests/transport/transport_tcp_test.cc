@@ -13,7 +13,11 @@ protected:
         m_pTransport->GetPeer().SetHandle(dup(fdOurs.Get()));
         m_fdPeer = std::move(fdPeer);
     }
-    void Open() { ASSERT_EQ(CM_OK, m_pTransport->OpenWithSink(&m_Sink)); }
+    void Open() {
+        int nSize = 65535;  // small, so that it is full soon
+        EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_SNDBUF, &nSize));
+        ASSERT_EQ(CM_OK, m_pTransport->OpenWithSink(&m_Sink));
+    }
     template <class Condition>
     void Until(Condition aCondition) const {
         RunUntil(m_Main.GetReactor(), aCondition);
@@ -61,6 +65,28 @@ TEST_F(TransportTcpTest, ReceivesExactlyOneBufferAndMore) {
     EXPECT_EQ(nReceives, m_Sink.Upcalls());
     m_fdPeer.Write("more");
     Until([&] { return m_Sink.m_strReceived == strData + "more"; });
+}
+
+TEST_F(TransportTcpTest, ReadsAsMuchAsItIsAskedTo) {
+    DWORD dwSize = 0;
+    EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_READ_SIZE, &dwSize));
+    EXPECT_EQ(16384u, dwSize);
+    for (DWORD dwWrong : {4095u, (1u << 20) + 1})
+        EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pTransport->SetOption(CM_OPT_TRANSPORT_READ_SIZE, &dwWrong));
+    const std::string strData = Pattern(50000);
+    Open();
+    for (DWORD dwRight : {4096u, 1u << 20, 20000u}) {
+        EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_READ_SIZE, &dwRight));
+        const int nBefore = m_Sink.m_nReceives;
+        m_Sink.m_strReceived.clear();
+        m_fdPeer.Write(strData);
+        YieldUntil([&] {
+            int nReadable = 0;
+            return m_pTransport->GetOption(CM_OPT_TRANSPORT_FIO_NREAD, &nReadable) == CM_OK && nReadable == 50000;
+        });
+        Until([&] { return m_Sink.m_strReceived == strData; });
+        EXPECT_EQ(static_cast<int>((50000 + dwRight - 1) / dwRight), m_Sink.m_nReceives - nBefore);
+    }
 }
 
 TEST_F(TransportTcpTest, FullSocketGivesOneOnSend) {
