@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "talvo/base/data_block_no_malloc.h"
 #include "tests/support/trace_capture.h"
 
 namespace {
@@ -39,6 +40,32 @@ TEST(MessageBlock, PositionsStopAtTheirLimits) {
     pFilled->Append(MakeBlock("", 4));
     EXPECT_EQ(pFilled->AdvanceChainedWritePtr(9, &dwDone), CM_ERROR_PARTIAL_DATA);
     EXPECT_EQ(dwDone, 7u);
+}
+
+TEST(MessageBlock, RewindGivesAllTheFirstBegin) {
+    const CChain pFirst(MakeBlock("ab", 2));
+    pFirst->Append(MakeBlock("cd"));
+    CCmMessageBlock& second = *pFirst->GetNext();
+    const char* pSecond = second.GetTopLevelReadPtr();
+    second.AdvanceTopLevelReadPtr(1);
+    pFirst->RewindChained();
+    EXPECT_EQ(pFirst->GetTopLevelLength(), 0u);
+    EXPECT_EQ(second.GetTopLevelReadPtr(), pSecond);
+    EXPECT_EQ(second.GetTopLevelWritePtr(), pFirst->GetTopLevelReadPtr());
+}
+
+TEST(DataBlockNoMalloc, ReadKnowsTheEndOnlyWhenItStandsThere) {
+    char szData[] = "abcdef";
+    char szRead[8] = {};
+    DWORD dwRead = 9;
+    CCmDataBlockNoMalloc block(szData, 4);
+    EXPECT_EQ(block.Read(szRead, 3), CM_OK);
+    EXPECT_EQ(block.Read(szRead + 3, 1), CM_OK);
+    EXPECT_EQ(block.Read(szRead, 1, &dwRead), CM_ERROR_PARTIAL_DATA);
+    EXPECT_EQ(dwRead, 0u);
+    CCmDataBlockNoMalloc beyond(szData, 4);
+    EXPECT_EQ(beyond.Read(szRead, 6, &dwRead), CM_OK);
+    EXPECT_EQ(std::string(szRead, dwRead), "abcdef");
 }
 
 TEST(MessageBlock, ForeignStorageIsCopiedWhereItMightOutliveItsOwner) {
