@@ -217,6 +217,8 @@ private:
         m_World.m_Network.SetWeather(CSimWeather());
         ForAll_i([](CSimUser& aUser) { aUser.Settle(); });
         m_World.m_Network.RunFor(m_World.m_Kind.m_bDatagrams && m_World.m_Kind.m_bKeepAlive ? LONG_CALM : CALM);
+        if (!m_World.m_Kind.m_bDatagrams)  // before one more message pushes what was forgotten
+            ForAll_i([](CSimUser& aUser) { aUser.CheckDebts(); });
         ForAll_i([](CSimUser& aUser) { aUser.Ping(); });
         m_World.m_Network.RunFor(SIM_SEC);
         for (const auto& pClient : m_Clients) {
