@@ -6,7 +6,10 @@ namespace {
 
 class CEchoSession : public bench::CTalvoSession<CEchoSession> {
 public:
-    using CTalvoSession::CTalvoSession;
+    CEchoSession(bench::CTalvoServer<CEchoSession>& aServer, ICmTransport* aTransport) : CTalvoSession(aServer, aTransport) {
+        DWORD dwReadSize = 64 * 1024;  // what the servers on other libraries read at once
+        aTransport->SetOption(CM_OPT_TRANSPORT_READ_SIZE, &dwReadSize);
+    }
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override { Answer(aData); }
 };
 
