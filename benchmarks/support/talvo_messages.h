@@ -33,8 +33,8 @@ inline DWORD ConnectionType(const std::string& aName) {
     return MessageType(aName);
 }
 
-// To be called once the connection is open, with the size of the longest message that will be sent on it. The library's own
-// socket buffers of 64 KiB suit many connections; this is one. CM_OK, or what the connection refused.
+// To be called once the connection is open, with the size of the longest message that will be sent on it. Socket buffers of a
+// fixed size: over loopback a run would measure how the system's own grow. CM_OK, or what the connection refused.
 inline CmResult PrepareForMessages(ICmTransport& aConnection, DWORD aLongest) {
     constexpr DWORD HEADERS = 1024;
     int nSocketBuffer = 1 << 20;
