@@ -11,6 +11,7 @@
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
 #include "talvo/http/channel_options.h"
+#include "talvo/http/http_memory.h"
 #include "talvo/http/http_url.h"
 
 namespace {
@@ -42,16 +43,21 @@ CCmChannelFile::~CCmChannelFile() {
 BOOL CCmChannelFile::Init(CCmHttpUrl* aUrl) {
     if (!aUrl || aUrl->GetScheme() != "file")
         return FALSE;
-    CCmString strPath = aUrl->GetPath();
-    std::replace(strPath.begin(), strPath.end(), '\\', '/');
-    return Init(strPath.starts_with('/') ? strPath : "/" + strPath);
+    BOOL bGood = FALSE;
+    return talvo::WithMemory([&] {
+               CCmString strPath = aUrl->GetPath();
+               std::replace(strPath.begin(), strPath.end(), '\\', '/');
+               bGood = Init(strPath.starts_with('/') ? strPath : "/" + strPath);
+           }) &&
+           bGood;
 }
 
 BOOL CCmChannelFile::Init(const CCmString& aFileName) {
     if (aFileName.empty())
         return FALSE;
     Close_i();
-    m_strFileName = aFileName;
+    if (!talvo::WithMemory([&] { m_strFileName = aFileName; }))
+        return FALSE;
     const BOOL bOneName = aFileName.find('\0') == CCmString::npos;
     m_nFd = bOneName ? OpenRegularFile(m_strFileName.c_str()) : -1;
     if (m_nFd == -1)
@@ -114,18 +120,21 @@ void CCmChannelFile::Deliver_i() {
         End_i(CM_ERROR_NOT_AVAILABLE);
         return;
     }
-    m_pSink->OnConnect(CM_OK, this);
+    talvo::Upcall([this] { m_pSink->OnConnect(CM_OK, this); });
     if (!m_pSink)
         return;
     CCmString strContent;
-    strContent.reserve(static_cast<size_t>(lLength) + PIECE);
-    if (!Read_i(strContent)) {
-        End_i(CM_ERROR_FAILURE);
+    const CmResult rv = talvo::ResultWithMemory([&] {
+        strContent.reserve(static_cast<size_t>(lLength) + PIECE);
+        return Read_i(strContent) ? CM_OK : CM_ERROR_FAILURE;
+    });
+    if (rv != CM_OK) {
+        End_i(rv);
         return;
     }
     const DWORD dwSize = static_cast<DWORD>(strContent.size());
     CCmMessageBlock block(dwSize, strContent.data(), CCmMessageBlock::DONT_DELETE, dwSize);
-    m_pSink->OnReceive(block, this, nullptr);
+    talvo::Upcall([&] { m_pSink->OnReceive(block, this, nullptr); });
     if (m_pSink)
         End_i(CM_OK);
 }
@@ -149,7 +158,7 @@ BOOL CCmChannelFile::Read_i(CCmString& aContent) const {
 void CCmChannelFile::End_i(CmResult aReason) {
     Close_i();
     if (ICmChannelSink* pSink = std::exchange(m_pSink, nullptr))
-        pSink->OnDisconnect(aReason, this);
+        talvo::Upcall([&] { pSink->OnDisconnect(aReason, this); });
 }
 
 void CCmChannelFile::Close_i() {

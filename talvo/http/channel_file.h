@@ -31,7 +31,7 @@ public:
     // CM_ERROR_NOT_INITIALIZED: no file. CM_ERROR_INVALID_ARG: aSink is null. CM_ERROR_ALREADY_INITIALIZED: opened before. Else
     // the result of scheduling the timer that delivers: CM_ERROR_NULL_POINTER, this thread has no timer queue. The reasons of
     // OnDisconnect: CM_OK; CM_ERROR_NOT_AVAILABLE, instead of OnConnect, when the file has grown beyond 1 MiB; CM_ERROR_FAILURE
-    // when it cannot be read.
+    // when it cannot be read; CM_ERROR_OUT_OF_MEMORY.
     CmResult AsyncOpen(ICmChannelSink* aSink) override;
 
     // Closes the file and stops the delivery; no upcall follows. aReason is not used. CM_OK.

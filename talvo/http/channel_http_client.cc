@@ -9,9 +9,13 @@
 #include "talvo/base/trace.h"
 #include "talvo/http/channel_options.h"
 #include "talvo/http/http_atom_list.h"
+#include "talvo/http/http_memory.h"
 #include "talvo/http/http_redirect.h"
 #include "talvo/http/http_text.h"
 #include "talvo/http/http_url.h"
+
+using talvo::ResultWithMemory;
+using talvo::WithMemory;
 
 namespace {
 
@@ -23,8 +27,8 @@ BOOL HasControl(std::string_view aText) {
 
 }  // namespace
 
-CCmChannelHttpClient::CCmChannelHttpClient(const CCmHttpUrl& aUrl, DWORD)
-    : m_dwThread(cm_thread_self_id()), m_pUrl(new (std::nothrow) CCmHttpUrl(aUrl)), m_Exchange(*this) {
+CCmChannelHttpClient::CCmChannelHttpClient(const CCmHttpUrl& aUrl, DWORD) : m_dwThread(cm_thread_self_id()), m_Exchange(*this) {
+    WithMemory([&] { m_pUrl = new CCmHttpUrl(aUrl); });
     ++s_Live;
 }
 
@@ -40,11 +44,15 @@ void CCmChannelHttpClient::OnReferenceDestory() {
 }
 
 CmResult CCmChannelHttpClient::SetRequestMethod(const CCmHttpAtom& aMethod) {
-    return m_Status == SETTING_UP ? m_Request.SetMethod(aMethod) : CM_ERROR_ALREADY_INITIALIZED;
+    if (m_Status != SETTING_UP)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    return ResultWithMemory([&] { return m_Request.SetMethod(aMethod); });
 }
 
 CmResult CCmChannelHttpClient::SetRequestHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, BOOL aMerge) {
-    return m_Status == SETTING_UP ? m_Request.SetHeader(aAtom, aValue, aMerge) : CM_ERROR_ALREADY_INITIALIZED;
+    if (m_Status != SETTING_UP)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    return ResultWithMemory([&] { return m_Request.SetHeader(aAtom, aValue, aMerge); });
 }
 
 BOOL CCmChannelHttpClient::GetRequestHeader(const CCmHttpAtom& aAtom, CCmString& aValue) {
@@ -56,7 +64,9 @@ CmResult CCmChannelHttpClient::SetRequestBody(const CCmMessageBlock& aBody) {
 }
 
 CmResult CCmChannelHttpClient::SetCredentials(const CCmString& aUser, const CCmString& aPassword) {
-    return m_Status == SETTING_UP ? m_Authenticator.SetCredentials(aUser, aPassword) : CM_ERROR_ALREADY_INITIALIZED;
+    if (m_Status != SETTING_UP)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    return ResultWithMemory([&] { return m_Authenticator.SetCredentials(aUser, aPassword); });
 }
 
 // The answers on the way there are nobody's business.
@@ -70,7 +80,7 @@ BOOL CCmChannelHttpClient::GetResponseHeader(const CCmHttpAtom& aAtom, CCmString
 }
 
 CmResult CCmChannelHttpClient::GetFailure(CCmString& aText) {
-    aText = m_strFailure;
+    WithMemory([&] { aText = m_strFailure; });
     return m_Cause;
 }
 
@@ -96,8 +106,9 @@ CmResult CCmChannelHttpClient::AsyncOpen(ICmChannelSink* aSink) {
         return rv;
     m_pSink = aSink;
     m_Status = OPEN;
-    rv = StartExchange_i();
+    rv = ResultWithMemory([this] { return StartExchange_i(); });
     if (rv != CM_OK) {
+        m_Exchange.Close(rv);
         m_pSink = nullptr;
         m_Status = SETTING_UP;
     }
@@ -123,10 +134,12 @@ CmResult CCmChannelHttpClient::SendData(CCmMessageBlock& aData, CCmTransportPara
         aPara->m_dwHaveSent = 0;
     if (!m_pSink)
         return CM_ERROR_NOT_INITIALIZED;
-    return m_Exchange.SendBody(aData, aPara);
+    return ResultWithMemory([&] { return m_Exchange.SendBody(aData, aPara); });
 }
 
-CmResult CCmChannelHttpClient::EndRequestBody() { return m_pSink ? m_Exchange.EndBody() : CM_ERROR_NOT_AVAILABLE; }
+CmResult CCmChannelHttpClient::EndRequestBody() {
+    return m_pSink ? ResultWithMemory([this] { return m_Exchange.EndBody(); }) : CM_ERROR_NOT_AVAILABLE;
+}
 
 CmResult CCmChannelHttpClient::Disconnect(CmResult aReason) {
     Close_i(aReason);
@@ -165,10 +178,8 @@ DWORD* CCmChannelHttpClient::FindOption_i(DWORD aCommand) {
 CmResult CCmChannelHttpClient::SetOption(DWORD aCommand, void* aArg) {
     if (!aArg)
         return CM_ERROR_INVALID_ARG;
-    if (aCommand == CM_OPT_TRANSPORT_PAUSE_READING) {
-        Pause_i(*static_cast<BOOL*>(aArg));
-        return CM_OK;
-    }
+    if (aCommand == CM_OPT_TRANSPORT_PAUSE_READING)
+        return ResultWithMemory([&] { return Pause_i(!!*static_cast<BOOL*>(aArg)); });
     DWORD* pOption = FindOption_i(aCommand);
     if (!pOption)
         return m_Exchange.SetOption(aCommand, aArg);
@@ -187,6 +198,8 @@ CmResult CCmChannelHttpClient::GetOption(DWORD aCommand, void* aArg) {
     const DWORD* pOption = FindOption_i(aCommand);
     if (aCommand == CM_OPT_TRANSPORT_PAUSE_READING)
         *static_cast<BOOL*>(aArg) = m_bPaused;
+    else if (aCommand == CM_OPT_CHANNEL_LAST_FAILURE)
+        *static_cast<CCmFailure*>(aArg) = m_LastFailure;
     else if (pOption)
         *static_cast<DWORD*>(aArg) = *pOption;
     else
@@ -195,11 +208,15 @@ CmResult CCmChannelHttpClient::GetOption(DWORD aCommand, void* aArg) {
 }
 
 // What is held is delivered from the loop, not inside the call.
-void CCmChannelHttpClient::Pause_i(BOOL aPause) {
-    m_bPaused = !!aPause;
+CmResult CCmChannelHttpClient::Pause_i(BOOL aPause) {
+    if (!aPause && m_pSink && (m_Held.GetLength() > 0 || m_bEnded)) {
+        const CmResult rv = m_Timer.Schedule(this, CCmTimeValue::s_tvZero, 1);
+        if (rv != CM_OK && rv != CM_ERROR_FOUND)
+            return rv;
+    }
+    m_bPaused = aPause;
     m_Exchange.Pause(m_bPaused);
-    if (!m_bPaused && m_pSink && (m_Held.GetLength() > 0 || m_bEnded))
-        m_Timer.Schedule(this, CCmTimeValue::s_tvZero, 1);
+    return CM_OK;
 }
 
 void CCmChannelHttpClient::OnTimer(CCmTimerWrapperID*) { Deliver_i(); }

@@ -1,6 +1,7 @@
 // A channel over an HTTP exchange: one request, and the answer to it.
 #pragma once
 
+#include "talvo/base/failure.h"
 #include "talvo/base/ref_ptr.h"
 #include "talvo/connection/receive_chain.h"
 #include "talvo/event/timer_delete.h"
@@ -16,8 +17,9 @@
 // Set the request, then AsyncOpen. The sink hears OnConnect(CM_OK) when the head of the final answer is there, whatever its
 // status; OnReceive for each piece of the body as it arrives, a view on what arrived, copied nowhere; OnDisconnect
 // (CM_OK) behind the last. On the way there, redirects are followed, credentials given when they are asked for, and interim
-// answers passed over. A failure is OnDisconnect(CM_ERROR_NETWORK_HTTP_FAILURE) and a line at level 0; GetFailure has both in
-// words and as the reason beneath.
+// answers passed over. A failure is OnDisconnect(CM_ERROR_NETWORK_HTTP_FAILURE), for want of memory OnDisconnect
+// (CM_ERROR_OUT_OF_MEMORY), and a line at level 0; GetFailure has it in words and as the reason beneath. Any operation that
+// returns a result may return CM_ERROR_OUT_OF_MEMORY, and has then done nothing unless it says so.
 //
 // Belongs to the thread that made it, which needs an event queue and a timer queue: the main thread, the network thread, task
 // threads. The connection comes from that thread's pool and goes back there.
@@ -61,8 +63,9 @@ public:
     virtual const CCmHttpResponseHead& GetResponseHead() = 0;
     virtual const CCmHttpHeaderArray& GetResponseTrailer() = 0;  // behind a chunked body; complete with OnDisconnect(CM_OK)
 
-    // After a failure: CM_ERROR_TIMEOUT, the connector's or transport's reason, or CM_ERROR_NETWORK_HTTP_FAILURE itself when
-    // the server broke the rules; aText says what failed, as the line does. CM_OK: nothing has.
+    // After a failure: CM_ERROR_TIMEOUT, CM_ERROR_OUT_OF_MEMORY, the connector's or transport's reason, or
+    // CM_ERROR_NETWORK_HTTP_FAILURE itself when the server broke the rules; aText says what failed, as the line does. CM_OK:
+    // nothing has.
     virtual CmResult GetFailure(CCmString& aText) = 0;
 };
 
@@ -127,22 +130,25 @@ private:
     BOOL OnExchangeHead() override;
     void OnExchangeBody(CCmMessageBlock& aData) override;
     void OnExchangeRoom() override;
-    void OnExchangeEnd(CmResult aCause, const CCmString& aText) override;
+    void OnExchangeEnd(CmResult aCause, const char* aText) override;
     void OnTimer(CCmTimerWrapperID* aId) override;
     void OnReferenceDestory() override;
 
     CmResult CheckUrl_i() const;
     CmResult StartExchange_i();
     ENext JudgeHead_i();
-    void GoOn_i();
-    void Follow_i();
+    CmResult GoOn_i();
+    CmResult Follow_i();
+    CmResult RefuseLocation_i();
     void KeepWhole_i(const CCmMessageBlock& aData);
+    void DeliverHeld_i();
     void DeliverWhole_i();
     void Deliver_i();
     void Over_i(CmResult aReason);
-    void Fail_i(CmResult aCause, const CCmString& aText);
+    void Fail_i(CmResult aCause, std::string_view aText);
+    void NoteFailure_i(CmResult aCause, std::string_view aText);
     void Close_i(CmResult aReason);
-    void Pause_i(BOOL aPause);
+    CmResult Pause_i(BOOL aPause);
     DWORD* FindOption_i(DWORD aCommand);
 
     const DWORD m_dwThread;  // the one that made it
@@ -170,4 +176,5 @@ private:
 
     CmResult m_Cause = CM_OK;
     CCmString m_strFailure;
+    CCmFailure m_LastFailure;
 };

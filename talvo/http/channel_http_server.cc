@@ -5,6 +5,7 @@
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
 #include "talvo/http/http_atom_list.h"
+#include "talvo/http/http_memory.h"
 #include "talvo/http/http_server_connection.h"
 
 using talvo::EHttpBody;
@@ -56,7 +57,9 @@ CmResult CCmChannelHttpServer::CheckOpen_i(EStatus aMost) const {
 CmResult CCmChannelHttpServer::ReceiveRequest(ICmChannelHttpServerSink* aSink) {
     if (!aSink)
         return CM_ERROR_INVALID_ARG;
-    const CmResult rv = CheckOpen_i(BEGUN);
+    CmResult rv = CheckOpen_i(BEGUN);
+    if (rv == CM_OK && !m_pSink)
+        rv = talvo::ResultWithMemory([this] { return m_pConnection->InviteBody(); });
     if (rv != CM_OK)
         return rv;
     if (!std::exchange(m_pSink, aSink))
@@ -66,7 +69,7 @@ CmResult CCmChannelHttpServer::ReceiveRequest(ICmChannelHttpServerSink* aSink) {
 
 CmResult CCmChannelHttpServer::SetStatus(long aStatus, const CCmString& aText) {
     const CmResult rv = CheckOpen_i(WAITING);
-    return rv == CM_OK ? m_Answer.SetStatus(aStatus, aText) : rv;
+    return rv == CM_OK ? talvo::ResultWithMemory([&] { return m_Answer.SetStatus(aStatus, aText); }) : rv;
 }
 
 CmResult CCmChannelHttpServer::SetHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, BOOL aMerge) {
@@ -74,7 +77,20 @@ CmResult CCmChannelHttpServer::SetHeader(const CCmHttpAtom& aAtom, const CCmStri
     return rv == CM_OK ? m_Answer.SetHeader(aAtom, aValue, aMerge) : rv;
 }
 
+// Of an answer that memory has run out for it is not known how much is printed, so the connection ends.
+template <class Call>
+CmResult CCmChannelHttpServer::Send_i(const Call& aCall) {
+    const CmResult rv = talvo::ResultWithMemory(aCall);
+    if (rv == CM_ERROR_OUT_OF_MEMORY && m_pConnection)
+        m_pConnection->Abort(rv);
+    return rv;
+}
+
 CmResult CCmChannelHttpServer::Answer(CCmMessageBlock* aBody) {
+    return Send_i([=, this] { return AnswerWhole_i(aBody); });
+}
+
+CmResult CCmChannelHttpServer::AnswerWhole_i(CCmMessageBlock* aBody) {
     const CmResult rv = Begin_i(aBody ? aBody->GetChainedLength() : 0);
     if (rv != CM_OK)
         return rv;
@@ -96,7 +112,7 @@ CmResult CCmChannelHttpServer::AnswerText(long aStatus, const CCmString& aConten
 }
 
 CmResult CCmChannelHttpServer::BeginAnswer(uint64_t aLength) {
-    const CmResult rv = Begin_i(aLength);
+    const CmResult rv = Send_i([=, this] { return Begin_i(aLength); });
     if (rv == CM_OK && aLength == 0)
         Complete_i();
     return rv;
@@ -118,9 +134,13 @@ CmResult CCmChannelHttpServer::Begin_i(uint64_t aLength) {
 CmResult CCmChannelHttpServer::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
     if (aPara)
         aPara->m_dwHaveSent = 0;
+    return Send_i([&] { return SendPiece_i(aData, aPara); });
+}
+
+CmResult CCmChannelHttpServer::SendPiece_i(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
     CmResult rv = CheckOpen_i(BEGUN);
     if (rv == CM_OK && m_Status == WAITING)
-        rv = BeginAnswer(UNKNOWN_LENGTH);
+        rv = Begin_i(UNKNOWN_LENGTH);
     if (rv != CM_OK)
         return rv;
     if (m_Body == EHttpBody::LENGTH && aData.GetChainedLength() > m_ullLeft)
@@ -170,6 +190,10 @@ void CCmChannelHttpServer::Drop_i(CCmMessageBlock& aData, CCmTransportParameter*
 }
 
 CmResult CCmChannelHttpServer::EndAnswer() {
+    return Send_i([this] { return End_i(); });
+}
+
+CmResult CCmChannelHttpServer::End_i() {
     if (m_Status == COMPLETE)
         return CM_OK;
     CmResult rv = CheckOpen_i(BEGUN);
@@ -179,7 +203,7 @@ CmResult CCmChannelHttpServer::EndAnswer() {
         return rv;
     if (m_Body == EHttpBody::LENGTH && m_ullLeft > 0 && !m_bNoBody) {
         CM_ERROR_TRACE_THIS("CCmChannelHttpServer::EndAnswer, bytes of the length are missing. m_ullLeft=" << m_ullLeft);
-        m_pConnection->Abort();
+        m_pConnection->Abort(CM_ERROR_FAILURE);
         return CM_ERROR_FAILURE;
     }
     if (m_Body == EHttpBody::CHUNKED && !m_bNoBody)
@@ -187,7 +211,7 @@ CmResult CCmChannelHttpServer::EndAnswer() {
     if (rv == CM_OK)
         Complete_i();
     else
-        m_pConnection->Abort();
+        m_pConnection->Abort(rv);
     return rv;
 }
 

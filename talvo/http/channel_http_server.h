@@ -63,6 +63,11 @@ private:
     enum EStatus { WAITING /* no answer yet */, BEGUN /* the head is out */, COMPLETE };
 
     CmResult CheckOpen_i(EStatus aMost) const;
+    template <class Call>
+    CmResult Send_i(const Call& aCall);
+    CmResult SendPiece_i(CCmMessageBlock& aData, CCmTransportParameter* aPara);
+    CmResult AnswerWhole_i(CCmMessageBlock* aBody);
+    CmResult End_i();
     CmResult Begin_i(uint64_t aLength);
     CmResult SendLength_i(CCmMessageBlock& aData, CCmTransportParameter* aPara);
     CmResult SendChunk_i(CCmMessageBlock& aData, CCmTransportParameter* aPara);

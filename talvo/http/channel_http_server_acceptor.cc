@@ -9,6 +9,7 @@
 #include "talvo/connection/connection_manager.h"
 #include "talvo/event/thread_manager.h"
 #include "talvo/http/http_date.h"
+#include "talvo/http/http_memory.h"
 #include "talvo/transport/connect_options.h"
 
 using talvo::CHttpServerConnection;
@@ -36,9 +37,11 @@ CmResult CCmChannelHttpServerAcceptor::StartListen(ICmChannelServerAcceptorSink*
         return CM_ERROR_INVALID_ARG;
     if (m_pSink)
         return CM_ERROR_ALREADY_INITIALIZED;
+    if (!PrintTails_i())
+        return CM_ERROR_OUT_OF_MEMORY;
     CmResult rv = m_LookTimer.Schedule(this, CCmTimeValue(1), 0);
     if (rv == CM_OK || rv == CM_ERROR_FOUND)
-        rv = Listen_i(aAddrListen);
+        rv = talvo::ResultWithMemory([&] { return Listen_i(aAddrListen); });
     m_Failure = rv == CM_OK ? CCmFailure() : talvo::GetConnectFailure(m_pAcceptor.Get());
     if (rv != CM_OK) {
         m_pAcceptor.Reset();
@@ -46,7 +49,6 @@ CmResult CCmChannelHttpServerAcceptor::StartListen(ICmChannelServerAcceptorSink*
         return rv;
     }
     m_pSink = aSink;
-    PrintTails_i();
     return CM_OK;
 }
 
@@ -65,7 +67,7 @@ CmResult CCmChannelHttpServerAcceptor::StopListen(CmResult aReason) {
     m_pAcceptor.Reset();
     m_bStopping = TRUE;
     m_dwStopDeadline = m_dwLooks + m_Settings.m_dwStopSeconds + 1;
-    for (const auto& pConnection : Connections(m_Connections))
+    for (const auto& pConnection : m_Connections)
         pConnection->Stop();
     if (m_Connections.empty())
         m_StoppedTimer.Schedule(this, CCmTimeValue(0, 0), 1);
@@ -83,14 +85,14 @@ void CCmChannelHttpServerAcceptor::OnReferenceDestory() {
     m_LookTimer.Cancel();
     m_StoppedTimer.Cancel();
     m_pAcceptor.Reset();
-    for (const auto& pConnection : Connections(m_Connections))
-        pConnection->Drop();
+    while (!m_Connections.empty())
+        Connection(m_Connections.back())->Drop();
     CCmReferenceControlTimerDeleteT::OnReferenceDestory();
 }
 
 void CCmChannelHttpServerAcceptor::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
-    if (aReason == CM_OK)
-        Serve(aTrpt);
+    if (aReason == CM_OK && !talvo::WithMemory([=, this] { Serve(aTrpt); }))
+        CM_WARNING_TRACE_THIS("CCmChannelHttpServerAcceptor::Serve, no memory for a connection.");
 }
 
 void CCmChannelHttpServerAcceptor::Serve(ICmTransport* aTransport) {
@@ -98,7 +100,7 @@ void CCmChannelHttpServerAcceptor::Serve(ICmTransport* aTransport) {
         CM_WARNING_TRACE_THIS("CCmChannelHttpServerAcceptor::Serve, too many connections. count=" << m_Connections.size());
         return;
     }
-    const CCmRefPtrT<CHttpServerConnection> pConnection(new (std::nothrow) CHttpServerConnection(*this, aTransport));
+    const Connection pConnection(new (std::nothrow) CHttpServerConnection(*this, aTransport));
     if (!pConnection)
         return;
     if (!CCmThreadManager::IsEqualCurrentThread(CCmThreadManager::TT_NETWORK)) {
@@ -137,22 +139,22 @@ void CCmChannelHttpServerAcceptor::OnTimer(CCmTimerWrapperID* aId) {
         Stopped_i();
 }
 
-// Those who are late are found first: what becomes of them changes the list.
+// A connection that ends leaves its place to another, which is looked at then.
 void CCmChannelHttpServerAcceptor::Look_i() {
     ++m_dwLooks;
     PrintTails_i();
     const BOOL bAll = m_bStopping && static_cast<int32_t>(m_dwLooks - m_dwStopDeadline) >= 0;
-    Connections late;
-    for (const auto& pConnection : m_Connections) {
-        if (bAll || pConnection->IsLate())
-            late.push_back(pConnection);
-    }
-    for (const auto& pConnection : late) {
+    for (size_t i = 0; i < m_Connections.size();) {
+        const Connection pConnection(m_Connections[i]);
         if (bAll)
             pConnection->End(CM_ERROR_NETWORK_SOCKET_CLOSE);
-        else
+        else if (pConnection->IsLate())
             pConnection->OnLate();
+        if (i < m_Connections.size() && m_Connections[i] == pConnection)
+            ++i;
     }
+    if (m_bStopping && m_Connections.empty())
+        Stopped_i();
 }
 
 // Printed anew in every second: a date that lags would be earlier than a time of change that is sent beside it.
@@ -163,15 +165,20 @@ std::string_view CCmChannelHttpServerAcceptor::GetTail(BOOL aKeepAlive) {
     return aKeepAlive ? m_strTailKeep : m_strTailClose;
 }
 
-void CCmChannelHttpServerAcceptor::PrintTails_i() {
-    const CCmString strDate = "Date: " + talvo::format_http_date(CCmClock::GetWallUsec() / USEC_PER_SECOND);
-    m_strTailKeep = strDate + "\r\nConnection: keep-alive\r\n\r\n";
-    m_strTailClose = strDate + "\r\nConnection: close\r\n\r\n";
+// FALSE: memory ran out, and the old ones stay.
+BOOL CCmChannelHttpServerAcceptor::PrintTails_i() {
+    return talvo::WithMemory([this] {
+        const CCmString strDate = "Date: " + talvo::format_http_date(CCmClock::GetWallUsec() / USEC_PER_SECOND);
+        CCmString strKeep = strDate + "\r\nConnection: keep-alive\r\n\r\n";
+        m_strTailClose = strDate + "\r\nConnection: close\r\n\r\n";
+        m_strTailKeep.swap(strKeep);
+    });
 }
 
 void CCmChannelHttpServerAcceptor::Stopped_i() {
     m_bStopping = FALSE;
     m_LookTimer.Cancel();
+    m_StoppedTimer.Cancel();
     if (ICmChannelServerAcceptorSink* pSink = std::exchange(m_pSink, nullptr))
         pSink->OnStopped(this);
 }

@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "talvo/base/failure.h"
 #include "talvo/event/timer_delete.h"
 #include "talvo/http/http_server_connection.h"
 
@@ -42,18 +43,18 @@ private:
     void OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) override;
     void Remove(talvo::CHttpServerConnection& aConnection) override;
 
-    using Connections = std::vector<CCmRefPtrT<talvo::CHttpServerConnection>>;
+    using Connection = CCmRefPtrT<talvo::CHttpServerConnection>;
 
     CmResult Listen_i(const CCmInetAddr& aAddrListen);
     void Look_i();
-    void PrintTails_i();
+    BOOL PrintTails_i();
     void Stopped_i();
     DWORD* GetNumber_i(DWORD aCommand);
 
     talvo::CHttpServerSettings m_Settings;
     ICmChannelServerAcceptorSink* m_pSink = nullptr;  // not owned; from StartListen to OnStopped
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;              // while listening
-    Connections m_Connections;                        // each knows its place
+    std::vector<Connection> m_Connections;            // each knows its place
     CCmTimerWrapperID m_LookTimer;
     CCmTimerWrapperID m_StoppedTimer;
     DWORD m_dwLooks = 0;

@@ -61,9 +61,9 @@ CmResult CCmChannelManager::CreateUrl(CCmHttpUrl*& aOut, const CCmString& aText)
 CmResult CCmChannelManager::SetHttpPoolLimits(const CCmHttpPoolLimits& aLimits) {
     if (aLimits.m_dwMaxPerHost == 0)
         return CM_ERROR_INVALID_ARG;
-    talvo::CHttpClientPool* pPool = talvo::CHttpClientPool::OfThisThread();
-    if (!pPool)
-        return CM_ERROR_NULL_POINTER;
-    pPool->SetLimits(aLimits);
-    return CM_OK;
+    talvo::CHttpClientPool* pPool = nullptr;
+    const CmResult rv = talvo::CHttpClientPool::OfThisThread(pPool);
+    if (rv == CM_OK)
+        pPool->SetLimits(aLimits);
+    return rv;
 }

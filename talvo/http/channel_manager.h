@@ -32,7 +32,7 @@ public:
     CmResult CreateUrl(CCmHttpUrl*& aOut, const CCmString& aText);
 
     // The limits on connections of the calling thread's clients; they hold at once. CM_ERROR_INVALID_ARG: no connection a host.
-    // CM_ERROR_NULL_POINTER: the thread has no event queue or no timer queue.
+    // CM_ERROR_NULL_POINTER: the thread has no event queue or no timer queue. CM_ERROR_OUT_OF_MEMORY.
     CmResult SetHttpPoolLimits(const CCmHttpPoolLimits& aLimits);
 
 private:

@@ -14,5 +14,9 @@ enum ECmChannelOption : DWORD {
     CM_OPT_CHANNEL_CONTINUE_TIMEOUT = 306,  // DWORD (1,000): how long a body waits for "100 Continue" before it is sent anyway
     CM_OPT_CHANNEL_KEEP_ALIVE = 307,        // BOOL (TRUE): FALSE opens a connection of its own and asks the server to close it
 
+    // Of HTTP client channels, get CCmFailure: why the exchange failed, inside OnDisconnect and afterwards. CM_FAILURE_NONE: it
+    // did not. Never waits.
+    CM_OPT_CHANNEL_LAST_FAILURE = 308,
+
     // Those of HTTP server acceptors and channels begin with 331.
 };

@@ -38,7 +38,8 @@ public:
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara = nullptr) override;
 
     // The request cannot be answered any more; the last call. CM_ERROR_NETWORK_SOCKET_ERROR: the peer has gone, or does not
-    // keep to the protocol. CM_ERROR_TIMEOUT: it is too slow. CM_ERROR_NETWORK_SOCKET_CLOSE: the server has stopped. It does
+    // keep to the protocol. CM_ERROR_TIMEOUT: it is too slow. CM_ERROR_NETWORK_SOCKET_CLOSE: the server has stopped.
+    // CM_ERROR_OUT_OF_MEMORY: there was no memory for what the connection brought. It does
     // not come when the answer is complete, nor after the sink's own Disconnect.
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override = 0;
 
@@ -56,7 +57,8 @@ public:
 // ("Content-Length" or "Transfer-Encoding") and "Connection", and leaves the body out where there must not be one: HEAD, 204,
 // 205, 304. Once complete, the answer is the server's to deliver: the channel may be released, and nothing more comes.
 //
-// AsyncOpen, OpenWithSink and GetUrl are not for servers: CM_ERROR_NOT_IMPLEMENTED.
+// AsyncOpen, OpenWithSink and GetUrl are not for servers: CM_ERROR_NOT_IMPLEMENTED. Each operation may also return
+// CM_ERROR_OUT_OF_MEMORY; one that sends a part of the answer has then closed the connection, any other has done nothing.
 //
 // A request that nobody has answered when the last reference of the application is released is answered with 500; an answer
 // that is cut short that way ends the connection.

@@ -4,6 +4,7 @@
 
 #include "talvo/base/clean_up.h"
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/http/http_name_table.h"
 #include "talvo/http/http_text.h"
 
@@ -114,7 +115,10 @@ CCmHttpAtom CCmHttpAtomList::ResolveAtom(std::string_view aName, int aCreate) {
         return atom;
     if (const char* pText = m_pNames->Find(strName))
         return pText;
-    return aCreate ? Learn(strName) : CCmHttpAtom();
+    CCmHttpAtom atom;
+    if (aCreate)
+        talvo::WithMemory([&] { atom = Learn(strName); });
+    return atom;
 }
 
 CCmHttpAtom CCmHttpAtomList::Learn(std::string_view aName) {

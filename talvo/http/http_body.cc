@@ -59,6 +59,8 @@ CmResult CHttpBodyReader::FindData(CCmMessageBlock& aBlock, DWORD& aCount) {
     const BOOL bGood = m_Decoder.Next(strInput, strData);
     aCount = static_cast<DWORD>(strData.size());
     aBlock.AdvanceTopLevelReadPtr(dwLength - static_cast<DWORD>(strInput.size()) - aCount);
+    if (m_Decoder.IsOutOfMemory())
+        return CM_ERROR_OUT_OF_MEMORY;
     if (!bGood || !Count(aCount, uint64_t{aCount} + m_Decoder.GetRemaining()))
         return CM_ERROR_FAILURE;
     return m_Decoder.IsFinished() ? CM_OK : CM_ERROR_PARTIAL_DATA;

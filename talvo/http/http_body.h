@@ -35,7 +35,8 @@ public:
 
     // Consumes what belongs to the body and gives its data to aSink. CM_OK: the body is complete, what follows it stays in the
     // chain. CM_ERROR_PARTIAL_DATA: all was taken and more must follow. CM_ERROR_FAILURE: broken chunks, or the body is beyond
-    // the limit, and stays so. CM_ERROR_NOT_AVAILABLE: aSink said stop; nothing of the reader was touched after that.
+    // the limit, and stays so. CM_ERROR_OUT_OF_MEMORY, likewise. CM_ERROR_NOT_AVAILABLE: aSink said stop; nothing of the reader
+    // was touched after that.
     CmResult Feed(CCmMessageBlock& aChain, CHttpBodySink& aSink);
 
     // No more bytes come. CM_OK: the body is complete, one until close by this. CM_ERROR_NETWORK_HTTP_FAILURE: it is cut short.

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
-#include <exception>
 
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/http/http_text.h"
 
 namespace {
@@ -31,6 +31,7 @@ void CCmHttpChunkedDecoder::Reset() {
     m_strLine.clear();
     m_dwRemaining = 0;
     m_bCRSeen = FALSE;
+    m_bNoMemory = FALSE;
     m_Trailers.Clear();
     m_Folded = {};
     m_dwTrailerLines = 0;
@@ -43,18 +44,22 @@ BOOL CCmHttpChunkedDecoder::HandleChunkedContent(const char* aBuf, unsigned long
         return FALSE;
     std::string_view strInput(aBuf, aLen);
     BOOL bGood = TRUE;
-    try {
-        for (std::string_view strData; bGood && !strInput.empty() && !IsFinished(); aOut.append(strData))
-            bGood = Next(strInput, strData);
-    } catch (const std::exception&) {
-        bGood = FALSE;
-    }
+    for (std::string_view strData; bGood && !strInput.empty() && !IsFinished();)
+        bGood = Next(strInput, strData) && talvo::WithMemory([&] { aOut.append(strData); });
     aConsumed = aLen - strInput.size();
     return bGood;
 }
 
 BOOL CCmHttpChunkedDecoder::Next(std::string_view& aInput, std::string_view& aData) {
     aData = {};
+    BOOL bGood = FALSE;
+    if (!talvo::WithMemory([&] { bGood = Step(aInput, aData); }))
+        m_bNoMemory = TRUE;
+    return bGood;
+}
+
+// Up to the next data.
+BOOL CCmHttpChunkedDecoder::Step(std::string_view& aInput, std::string_view& aData) {
     while (!aInput.empty() && m_State != FINISHED) {
         if (m_State == DATA && m_dwRemaining > 0) {
             aData = aInput.substr(0, m_dwRemaining);
@@ -148,6 +153,7 @@ BOOL CCmHttpChunkedDecoder::HandleTrailer(std::string_view aLine) {
 
 BOOL CCmHttpChunkedDecoder::ParseTrailer(std::string_view aLine) {
     const BOOL bGood = m_Trailers.ParseHeaderLine(aLine, nullptr, nullptr);
+    m_bNoMemory = !bGood;
     return bGood && !(m_bStrict && (m_Trailers.GetFaults() & CM_HTTP_FAULT_NAME));
 }
 

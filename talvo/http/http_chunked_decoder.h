@@ -26,6 +26,7 @@ public:
     BOOL Next(std::string_view& aInput, std::string_view& aData);
 
     BOOL IsFinished() const { return m_State == FINISHED; }
+    BOOL IsOutOfMemory() const { return m_bNoMemory; }  // that was the reason of FALSE
     const CCmHttpHeaderArray& GetTrailers() const { return m_Trailers; }
 
     void SetLimits(const CCmHttpLimits& aLimits) { m_Limits = aLimits; }
@@ -48,6 +49,7 @@ private:
     enum EState : DWORD { SIZE_LINE = 0, DATA = 1, TRAILER = 2, FINISHED = 4 };
     enum ELine { NO_LINE, LINE, TOO_LONG, NO_CR };
 
+    BOOL Step(std::string_view& aInput, std::string_view& aData);
     ELine TakeLine(std::string_view& aInput, std::string_view& aLine);
     BOOL HandleLine(std::string_view& aInput);
     BOOL ParseSize(std::string_view aLine);
@@ -64,5 +66,6 @@ private:
     CCmHttpLimits m_Limits;
     BOOL m_bStrict = FALSE;
     BOOL m_bUnfold = FALSE;
+    BOOL m_bNoMemory = FALSE;
     DWORD m_dwTrailerLines = 0;
 };

@@ -1,6 +1,7 @@
 #include "talvo/http/http_client_connection.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "talvo/base/clock.h"
@@ -8,6 +9,7 @@
 #include "talvo/connection/connection_manager.h"
 #include "talvo/event/thread_manager.h"
 #include "talvo/http/http_client_pool.h"
+#include "talvo/http/http_memory.h"
 #include "talvo/transport/tcp_settings.h"
 
 namespace talvo {
@@ -46,9 +48,23 @@ CmResult CHttpClientConnection::Connect(const CCmString& aHost, WORD aPort, DWOR
     return CM_OK;
 }
 
-void CHttpClientConnection::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
+void CHttpClientConnection::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) {
+    CCmFailure failure;
+    if (ICmConnectOptions* pOptions = aReason != CM_OK ? cm_get_connect_options(aRequestId) : nullptr)
+        pOptions->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
     m_pConnector.Reset();
     m_pTransport = aTrpt;
+    Enter_i([&] { Indicate_i(aReason, failure); });
+}
+
+// Runs what the loop or the transport brings. Memory that runs out inside costs this connection.
+template <class Call>
+void CHttpClientConnection::Enter_i(const Call& aCall) {
+    if (!WithMemory(aCall))
+        Lost_i(CM_ERROR_OUT_OF_MEMORY);
+}
+
+void CHttpClientConnection::Indicate_i(CmResult aReason, const CCmFailure& aFailure) {
     BOOL bTell = TRUE;
     if (m_pTransport) {
         m_pTransport->SetOption(CM_OPT_TRANSPORT_TELL_END, &bTell);
@@ -58,7 +74,7 @@ void CHttpClientConnection::OnConnectIndication(CmResult aReason, ICmTransport* 
     if (rv == CM_OK)
         m_pUser->OnConnectionReady(*this, FALSE);
     else
-        Leave_i(rv)->OnConnectionFailed(rv);
+        Leave_i(rv)->OnConnectionFailed(rv, aFailure);
 }
 
 void CHttpClientConnection::Lend(IHttpConnectionUser& aUser) {
@@ -66,10 +82,10 @@ void CHttpClientConnection::Lend(IHttpConnectionUser& aUser) {
     SetDeadline(NEVER);
 }
 
-void CHttpClientConnection::Park(int64_t aUntil) {
+BOOL CHttpClientConnection::Park(int64_t aUntil) {
     m_pUser = nullptr;
     m_llParked = CCmClock::GetTimeOfDayUsec();
-    SetDeadline(aUntil);
+    return WithMemory([=, this] { SetDeadline(aUntil); });
 }
 
 int64_t CHttpClientConnection::GetRest() const { return CCmClock::GetTimeOfDayUsec() - m_llParked; }
@@ -96,11 +112,18 @@ void CHttpClientConnection::SetDeadline(int64_t aMoment) {
 }
 
 void CHttpClientConnection::Arm_i(int64_t aNow) {
+    m_llTimer = NEVER;
+    const CmResult rv = m_Timer.Schedule(this, CCmTimeValue::FromUsec(std::max<int64_t>(m_llDeadline - aNow, 0)), 1);
+    if (rv == CM_ERROR_OUT_OF_MEMORY)
+        throw std::bad_alloc();
     m_llTimer = m_llDeadline;
-    m_Timer.Schedule(this, CCmTimeValue::FromUsec(std::max<int64_t>(m_llDeadline - aNow, 0)), 1);
 }
 
 void CHttpClientConnection::OnTimer(CCmTimerWrapperID*) {
+    Enter_i([this] { Late_i(); });
+}
+
+void CHttpClientConnection::Late_i() {
     m_llTimer = NEVER;
     const int64_t llNow = CCmClock::GetTimeOfDayUsec();
     if (m_llDeadline == NEVER)
@@ -128,21 +151,25 @@ void CHttpClientConnection::Close(CmResult aReason) { Leave_i(aReason); }
 // Nobody has asked anything of an idle connection, so what comes on one is no answer to anything.
 void CHttpClientConnection::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
     if (m_pUser && aData.GetChainedLength() > 0)
-        m_pUser->OnConnectionReceive(aData);
+        Enter_i([&] { m_pUser->OnConnectionReceive(aData); });
     else
         Lost_i(CM_OK);
 }
 
 void CHttpClientConnection::OnSend(ICmTransport*, CCmTransportParameter*) {
     if (m_pUser)
-        m_pUser->OnConnectionSend();
+        Enter_i([this] { m_pUser->OnConnectionSend(); });
 }
 
-void CHttpClientConnection::OnDisconnect(CmResult aReason, ICmTransport*) { Lost_i(aReason); }
+void CHttpClientConnection::OnDisconnect(CmResult aReason, ICmTransport* aTrptId) {
+    CCmFailure failure;
+    aTrptId->GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure);
+    Lost_i(aReason, failure);
+}
 
-void CHttpClientConnection::Lost_i(CmResult aReason) {
+void CHttpClientConnection::Lost_i(CmResult aReason, const CCmFailure& aFailure) {
     if (IHttpConnectionUser* pUser = Leave_i(CM_OK))
-        pUser->OnConnectionLost(aReason);
+        pUser->OnConnectionLost(aReason, aFailure);
 }
 
 // Closes, lets go of everything, and tells the pool that there is room. Returns whose it was.

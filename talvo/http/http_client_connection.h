@@ -1,6 +1,7 @@
 // A client's connection to an HTTP server: used by one exchange after the other, idle in between.
 #pragma once
 
+#include "talvo/base/failure.h"
 #include "talvo/base/ref_ptr.h"
 #include "talvo/event/timer_delete.h"
 #include "talvo/event/timer_wrapper_id.h"
@@ -11,19 +12,21 @@ namespace talvo {
 class CHttpClientConnection;
 class CHttpClientPool;
 
-// Who has asked the pool for a connection. Inside any of these it may do anything with the connection.
+// Who has asked the pool for a connection. Inside any of these it may do anything with the connection. When memory runs out
+// inside (std::bad_alloc) the connection is closed, and OnConnectionLost comes with CM_ERROR_OUT_OF_MEMORY; inside the calls
+// that tell of an end it must not.
 class IHttpConnectionUser {
 public:
     // aConnection is the user's until it gives it back, closes it or has lost it. aReused: others have used it before.
     virtual void OnConnectionReady(CHttpClientConnection& aConnection, BOOL aReused) = 0;
     // There will be none: the connector's reason.
-    virtual void OnConnectionFailed(CmResult aReason) = 0;
+    virtual void OnConnectionFailed(CmResult aReason, const CCmFailure& aFailure) = 0;
 
     virtual void OnConnectionReceive(CCmMessageBlock& aData) = 0;
     virtual void OnConnectionSend() = 0;
     virtual void OnConnectionDeadline() = 0;  // the moment of SetDeadline has come
     // It is closed and no longer the user's. CM_OK: the server has ended it in order, behind all that it sent.
-    virtual void OnConnectionLost(CmResult aReason) = 0;
+    virtual void OnConnectionLost(CmResult aReason, const CCmFailure& aFailure) = 0;
 
 protected:
     virtual ~IHttpConnectionUser() = default;
@@ -45,7 +48,7 @@ public:
     // The pool's side.
     CmResult Connect(const CCmString& aHost, WORD aPort, DWORD aTimeoutMs);
     void Lend(IHttpConnectionUser& aUser);
-    void Park(int64_t aUntil);  // idle: whatever comes now closes it
+    BOOL Park(int64_t aUntil);  // idle: whatever comes now closes it. FALSE: no memory for the timer
     BOOL IsFit();               // idle, and as far as is known the server would take a request
     int64_t GetRest() const;    // idle: for how many microseconds
     void ForgetPool() { m_pPool = nullptr; }
@@ -58,6 +61,7 @@ public:
     CmResult SetOption(DWORD aCommand, void* aArg) { return m_pTransport->SetOption(aCommand, aArg); }
     CmResult GetOption(DWORD aCommand, void* aArg) { return m_pTransport->GetOption(aCommand, aArg); }
     // Microseconds on the clock of CCmClock::GetTimeOfDayUsec. Moving it ahead costs nothing: the timer is re-armed lazily.
+    // Throws std::bad_alloc when there is no memory for the timer.
     void SetDeadline(int64_t aMoment);
     // The answer was whole and nothing follows it: somebody else may have the connection.
     void GiveBack();
@@ -72,7 +76,11 @@ private:
     void OnTimer(CCmTimerWrapperID* aId) override;
     void OnReferenceDestory() override;
 
-    void Lost_i(CmResult aReason);
+    template <class Call>
+    void Enter_i(const Call& aCall);
+    void Indicate_i(CmResult aReason, const CCmFailure& aFailure);
+    void Late_i();
+    void Lost_i(CmResult aReason, const CCmFailure& aFailure = CCmFailure());
     IHttpConnectionUser* Leave_i(CmResult aReason);
     void Arm_i(int64_t aNow);
 

@@ -1,9 +1,11 @@
 #include "talvo/http/http_client_exchange.h"
 
+#include <new>
 #include <utility>
 
 #include "talvo/base/clock.h"
 #include "talvo/http/http_client_pool.h"
+#include "talvo/http/http_memory.h"
 #include "talvo/http/http_url.h"
 
 namespace talvo {
@@ -11,6 +13,7 @@ namespace talvo {
 namespace {
 
 constexpr DWORD MAX_INTERIMS = 32;
+constexpr const char* NO_MEMORY = "there is no memory";
 constexpr uint64_t MAX_SKIPPED = 64 * 1024;  // bytes of a body that nobody wants, for the sake of its connection
 
 int64_t AfterMs(DWORD aMs) { return CCmClock::GetTimeOfDayUsec() + int64_t{aMs} * 1000; }
@@ -28,7 +31,10 @@ CmResult CHttpClientExchange::Start(const CHttpClientRequest& aRequest, const CC
     m_strHost = aUrl.GetHostName();
     m_wPort = aUrl.GetPort();
     m_strHead = aRequest.MakeHead(aUrl, aAuthorization, !!m_Settings.m_dwKeepAlive);
+    if (m_strHead.empty())
+        return CM_ERROR_OUT_OF_MEMORY;
     m_dwInterims = 0;
+    m_Failure = CCmFailure();
     ResetHead_i();
     m_Framing = CHttpFraming();
     if (const CmResult rv = m_Sender.Begin(aRequest, m_strHead); rv != CM_OK)
@@ -38,11 +44,12 @@ CmResult CHttpClientExchange::Start(const CHttpClientRequest& aRequest, const CC
 }
 
 CmResult CHttpClientExchange::Acquire_i(int64_t aMaxRest) {
-    CHttpClientPool* pPool = CHttpClientPool::OfThisThread();
-    if (!pPool)
-        return CM_ERROR_NULL_POINTER;
+    CHttpClientPool* pPool = nullptr;
+    CmResult rv = CHttpClientPool::OfThisThread(pPool);
+    if (rv != CM_OK)
+        return rv;
     m_State = WAITING;
-    const CmResult rv = pPool->Acquire({this, m_strHost, m_wPort, m_Settings.m_dwConnectTimeout, aMaxRest});
+    rv = pPool->Acquire({this, m_strHost, m_wPort, m_Settings.m_dwConnectTimeout, aMaxRest});
     if (rv != CM_OK)
         m_State = IDLE;
     return rv;
@@ -70,11 +77,16 @@ void CHttpClientExchange::OnConnectionReady(CHttpClientConnection& aConnection, 
     TellRoom_i();
 }
 
-void CHttpClientExchange::OnConnectionFailed(CmResult aReason) { Fail_i(aReason, "there is no connection to the server"); }
+void CHttpClientExchange::OnConnectionFailed(CmResult aReason, const CCmFailure& aFailure) {
+    m_Failure = aFailure;
+    Fail_i(aReason, aReason == CM_ERROR_OUT_OF_MEMORY ? NO_MEMORY : "there is no connection to the server");
+}
 
 // A connection that refuses data has failed, and says so itself; what it has to deliver before that is delivered.
 void CHttpClientExchange::Flush_i() {
     const CmResult rv = m_Sender.Flush(*m_pConnection);
+    if (rv == CM_ERROR_OUT_OF_MEMORY)
+        throw std::bad_alloc();  // only the call has failed, and the request is lost
     if (rv != CM_OK && rv != CM_ERROR_PARTIAL_DATA)
         m_Sender.Stop();
     Touch_i();
@@ -87,12 +99,20 @@ void CHttpClientExchange::TellRoom_i() {
 
 // The time that the server has from now on.
 void CHttpClientExchange::Touch_i() {
-    if (m_Sender.IsHolding())
+    if (m_Sender.HasLost())
+        m_pConnection->SetDeadline(0);
+    else if (m_Sender.IsHolding())
         m_pConnection->SetDeadline(m_llContinueUntil);
     else if (m_bPaused || m_Settings.m_dwSilenceTimeout == 0 || m_Sender.IsUsersTurn())
         m_pConnection->SetDeadline(CHttpClientConnection::NEVER);
     else
         m_pConnection->SetDeadline(AfterMs(m_Settings.m_dwSilenceTimeout));
+}
+
+// What the user's call has done is done: without memory for the timer the server has its time from the next thing that moves.
+void CHttpClientExchange::TouchInCall_i() {
+    if (m_pConnection)
+        WithMemory([this] { Touch_i(); });
 }
 
 void CHttpClientExchange::OnConnectionSend() {
@@ -101,6 +121,10 @@ void CHttpClientExchange::OnConnectionSend() {
 }
 
 void CHttpClientExchange::OnConnectionDeadline() {
+    if (m_Sender.HasLost()) {
+        Fail_i(CM_ERROR_OUT_OF_MEMORY, NO_MEMORY);
+        return;
+    }
     if (!m_Sender.IsHolding()) {
         Fail_i(CM_ERROR_TIMEOUT, "the server was silent for too long");
         return;
@@ -112,15 +136,13 @@ void CHttpClientExchange::OnConnectionDeadline() {
 CmResult CHttpClientExchange::SendBody(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
     CCmTransportParameter para;
     const CmResult rv = m_Sender.Send(m_pConnection.Get(), aData, aPara ? *aPara : para);
-    if (m_pConnection)
-        Touch_i();
+    TouchInCall_i();
     return rv;
 }
 
 CmResult CHttpClientExchange::EndBody() {
     const CmResult rv = m_Sender.End(m_pConnection.Get());
-    if (m_pConnection)
-        Touch_i();
+    TouchInCall_i();
     return rv;
 }
 
@@ -129,7 +151,7 @@ void CHttpClientExchange::Pause(BOOL aPause) {
     if (!m_pConnection)
         return;
     m_pConnection->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &m_bPaused);
-    Touch_i();
+    TouchInCall_i();
 }
 
 CmResult CHttpClientExchange::SetOption(DWORD aCommand, void* aArg) {
@@ -140,11 +162,16 @@ CmResult CHttpClientExchange::GetOption(DWORD aCommand, void* aArg) {
     return m_pConnection ? m_pConnection->GetOption(aCommand, aArg) : CM_ERROR_NOT_AVAILABLE;
 }
 
-void CHttpClientExchange::OnConnectionLost(CmResult aReason) {
+void CHttpClientExchange::OnConnectionLost(CmResult aReason, const CCmFailure& aFailure) {
     m_pConnection.Reset();
-    const BOOL bStale = m_State == HEAD && m_bReused && !m_bAnswered && m_pRequest->MayRepeat();
-    if (bStale && m_Sender.Begin(*m_pRequest, m_strHead) == CM_OK && Acquire_i(0) == CM_OK)
+    if (aReason == CM_ERROR_OUT_OF_MEMORY) {
+        Fail_i(aReason, NO_MEMORY);
         return;
+    }
+    const BOOL bStale = m_State == HEAD && m_bReused && !m_bAnswered && m_pRequest->MayRepeat();
+    if (bStale && ResultWithMemory([this] { return Repeat_i(); }) == CM_OK)
+        return;
+    m_Failure = aFailure;
     const CmResult cause = aReason == CM_OK ? CM_ERROR_NETWORK_SOCKET_ERROR : aReason;
     if (m_State != BODY)
         Fail_i(cause, m_bAnswered ? "the connection broke inside the head" : "the connection broke before the answer");
@@ -152,6 +179,11 @@ void CHttpClientExchange::OnConnectionLost(CmResult aReason) {
         End_i(FALSE);
     else
         Fail_i(cause, "the connection broke inside the body");
+}
+
+CmResult CHttpClientExchange::Repeat_i() {
+    const CmResult rv = m_Sender.Begin(*m_pRequest, m_strHead);
+    return rv == CM_OK ? Acquire_i(0) : rv;
 }
 
 void CHttpClientExchange::OnConnectionReceive(CCmMessageBlock& aData) {
@@ -169,6 +201,8 @@ void CHttpClientExchange::ReadHead_i(CCmMessageBlock& aData) {
     const long lStatus = m_Head.GetStatus();
     if (rv == CM_OK && !m_Head.IsComplete())
         aData.AdvanceChainedReadPtr(aData.GetChainedLength());
+    else if (rv == CM_ERROR_OUT_OF_MEMORY)
+        Fail_i(rv, NO_MEMORY);
     else if (rv != CM_OK)
         Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the answer has no head that can be read");
     else if (m_Head.GetFaults() & CM_HTTP_FAULT_NAME)
@@ -224,6 +258,9 @@ void CHttpClientExchange::ReadBody_i(CCmMessageBlock& aData) {
         return;
     case CM_ERROR_NOT_AVAILABLE:
         return;
+    case CM_ERROR_OUT_OF_MEMORY:
+        Fail_i(CM_ERROR_OUT_OF_MEMORY, NO_MEMORY);
+        return;
     default:
         Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the chunks of the body cannot be read");
         return;
@@ -258,7 +295,7 @@ void CHttpClientExchange::End_i(BOOL aReusable) {
     m_User.OnExchangeEnd(CM_OK, "");
 }
 
-void CHttpClientExchange::Fail_i(CmResult aCause, const CCmString& aText) {
+void CHttpClientExchange::Fail_i(CmResult aCause, const char* aText) {
     Close(CM_ERROR_NETWORK_SOCKET_CLOSE);
     m_User.OnExchangeEnd(aCause, aText);
 }

@@ -19,8 +19,9 @@ public:
     virtual BOOL OnExchangeHead() = 0;
     virtual void OnExchangeBody(CCmMessageBlock& aData) = 0;  // views what arrived, valid during the call
     virtual void OnExchangeRoom() = 0;                        // a streamed body that was refused for want of room can go on
-    // The last call. CM_OK: the answer was whole, or has been passed over. Else what is beneath the failure, and it in words.
-    virtual void OnExchangeEnd(CmResult aCause, const CCmString& aText) = 0;
+    // The last call. CM_OK: the answer was whole, or has been passed over. Else what is beneath the failure, and it in words,
+    // which stay. This one must not run out of memory; after any other that does it comes with CM_ERROR_OUT_OF_MEMORY.
+    virtual void OnExchangeEnd(CmResult aCause, const char* aText) = 0;
 
 protected:
     virtual ~IHttpExchangeUser() = default;
@@ -48,7 +49,7 @@ public:
     CSettings& GetSettings() { return m_Settings; }
 
     // CM_OK: OnExchangeEnd will follow, not inside this call. CM_ERROR_NULL_POINTER: the thread lacks a queue. Else as the
-    // pool. aRequest stays until the end.
+    // pool. aRequest stays until the end. Where this fails, or memory runs out inside (std::bad_alloc), close the exchange.
     CmResult Start(const CHttpClientRequest& aRequest, const CCmHttpUrl& aUrl, const CCmString& aAuthorization);
     // Gives up; no call follows.
     void Close(CmResult aReason);
@@ -66,6 +67,8 @@ public:
     // Of the last exchange; a new one empties it.
     const CCmHttpResponseHead& GetHead() const { return m_Head; }
     const CCmHttpHeaderArray& GetTrailer() const { return m_Body.GetTrailers(); }
+    // What the connection says of its end; CM_FAILURE_NONE unless that was the failure.
+    const CCmFailure& GetFailure() const { return m_Failure; }
     // The announced length of the body, 0 when it is not known.
     uint64_t GetExpected() const { return m_Framing.m_Body == EHttpBody::LENGTH ? m_Framing.m_ullLength : 0; }
 
@@ -73,24 +76,26 @@ private:
     enum EState { IDLE, WAITING /* for a connection */, HEAD, BODY };
 
     void OnConnectionReady(CHttpClientConnection& aConnection, BOOL aReused) override;
-    void OnConnectionFailed(CmResult aReason) override;
+    void OnConnectionFailed(CmResult aReason, const CCmFailure& aFailure) override;
     void OnConnectionReceive(CCmMessageBlock& aData) override;
     void OnConnectionSend() override;
     void OnConnectionDeadline() override;
-    void OnConnectionLost(CmResult aReason) override;
+    void OnConnectionLost(CmResult aReason, const CCmFailure& aFailure) override;
     BOOL OnBody(CCmMessageBlock& aView) override;
 
     CmResult Acquire_i(int64_t aMaxRest);
+    CmResult Repeat_i();
     void Flush_i();
     void TellRoom_i();
     void Touch_i();
+    void TouchInCall_i();
     void ReadHead_i(CCmMessageBlock& aData);
     void OnInterim_i();
     void OnFinal_i();
     void ReadBody_i(CCmMessageBlock& aData);
     void ResetHead_i();
     void End_i(BOOL aReusable);
-    void Fail_i(CmResult aCause, const CCmString& aText);
+    void Fail_i(CmResult aCause, const char* aText);
 
     IHttpExchangeUser& m_User;
     CSettings m_Settings;
@@ -113,6 +118,7 @@ private:
     CHttpFraming m_Framing;
     CHttpBodyReader m_Body;
     BOOL m_bWanted = FALSE;
+    CCmFailure m_Failure;
 };
 
 }  // namespace talvo

@@ -1,7 +1,7 @@
 // The connections of a thread's HTTP client channels.
 #pragma once
 
-#include <deque>
+#include <list>
 #include <unordered_map>
 #include <vector>
 
@@ -24,13 +24,14 @@ struct CHttpConnectionRequest {
 // its host and port; when as many as are allowed are in use, requests wait in turn.
 class CHttpClientPool : private CCmThreadTenant, private CCmTimerWrapperIDSink {
 public:
-    // The calling thread's; null when it has no event queue or no timer queue.
-    static CHttpClientPool* OfThisThread();
+    // The calling thread's. CM_ERROR_NULL_POINTER: it has no event queue or no timer queue. CM_ERROR_OUT_OF_MEMORY.
+    static CmResult OfThisThread(CHttpClientPool*& aPool);
     // The same if there is one already.
     static CHttpClientPool* FindOfThisThread();
 
     // CM_OK: OnConnectionReady or OnConnectionFailed will follow, the first perhaps inside this call. Anything else: there can
-    // be no connection, and the user hears nothing.
+    // be no connection, and the user hears nothing. When memory runs out (std::bad_alloc) the user cancels, and closes the
+    // connection that it has perhaps been given.
     CmResult Acquire(const CHttpConnectionRequest& aRequest);
     // For a request that still waits; a connection that the user has is closed by the user.
     void Cancel(IHttpConnectionUser& aUser);
@@ -49,9 +50,10 @@ private:
         BOOL IsEmpty() const { return m_Connections.empty() && m_Waiting.empty(); }
 
         std::vector<Connection> m_Connections;         // all
-        std::vector<CHttpClientConnection*> m_Unused;  // those that are idle; the last was so most recently
-        std::deque<CHttpConnectionRequest> m_Waiting;
+        std::vector<CHttpClientConnection*> m_Unused;  // those that are idle; the last was so most recently; has room for all
+        std::list<CHttpConnectionRequest> m_Waiting;
     };
+    using Hosts = std::unordered_map<CCmString, CHost>;
 
     CHttpClientPool();
     ~CHttpClientPool() override;
@@ -59,14 +61,23 @@ private:
     void OnTimer(CCmTimerWrapperID* aId) override;
 
     CmResult Serve_i(const CCmString& aKey, const CHttpConnectionRequest& aRequest);
-    BOOL ServeFirst_i(const CCmString& aKey);
+    CmResult ServeUnused_i(const CCmString& aKey, const CHttpConnectionRequest& aRequest);
+    CmResult ServeNew_i(const CCmString& aKey, const CHttpConnectionRequest& aRequest);
+    CmResult Wait_i(const CCmString& aKey, const CHttpConnectionRequest& aRequest);
+    void ServeFirst_i(Hosts::iterator aHost);
+    Hosts::iterator FindServable_i();
+    BOOL HasRoom_i(const CHost& aHost) const;
     void Use_i(CHttpClientConnection& aConnection);
     void Settle_i(const CCmString& aKey);
+    BOOL CloseSurplus_i(CHost& aHost);
+    void ServeSoon_i();
 
     CCmHttpPoolLimits m_Limits;
-    std::unordered_map<CCmString, CHost> m_Hosts;  // by host in lower case and port
-    std::vector<CHttpClientConnection*> m_Unused;  // of all hosts; the last was so most recently
+    Hosts m_Hosts;                                 // by host in lower case and port
+    std::vector<CHttpClientConnection*> m_Unused;  // of all hosts; the last was so most recently; has room for all
+    size_t m_stConnections = 0;                    // of all hosts
     CCmTimerWrapperID m_Timer;                     // serves those who wait, outside the calls that made room
+    CCmTimerWrapperID m_LookTimer;                 // while somebody waits, for want of memory for that one
     BOOL m_bServing = FALSE;
 };
 

@@ -40,7 +40,9 @@ CHttpClientRequest::CHttpClientRequest() { m_Head.SetMethod(Atoms::Get); }
 
 CmResult CHttpClientRequest::SetMethod(const CCmHttpAtom& aMethod) {
     const char* pText = aMethod;
-    return pText && m_Head.SetAnyMethod(pText) ? CM_OK : CM_ERROR_INVALID_ARG;
+    if (!pText || !is_token(pText))
+        return CM_ERROR_INVALID_ARG;
+    return m_Head.SetAnyMethod(pText) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
 
 CmResult CHttpClientRequest::SetHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, BOOL aMerge) {
@@ -52,8 +54,8 @@ CmResult CHttpClientRequest::SetHeader(const CCmHttpAtom& aAtom, const CCmString
         return CM_ERROR_INVALID_ARG;
     if (aAtom == Atoms::Transfer_Encoding && !value.empty() && (aMerge || !equal_no_case(value, "chunked")))
         return CM_ERROR_INVALID_ARG;
-    m_Head.SetHeader(m_Head.ResolveName(pName), aValue, aMerge);
-    return CM_OK;
+    const CCmHttpAtom atom = m_Head.ResolveName(pName);
+    return atom && m_Head.SetHeader(atom, aValue, aMerge) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
 
 CmResult CHttpClientRequest::SetBody(const CCmMessageBlock& aBody) {
@@ -129,23 +131,27 @@ BOOL CHttpClientRequest::IsLengthDue_i() const {
 
 CCmString CHttpClientRequest::MakeHead(const CCmHttpUrl& aUrl, const CCmString& aAuthorization, BOOL aKeepAlive) const {
     CCmHttpRequestHead head;
-    head.SetAnyMethod(GetMethod().operator const char*());
+    BOOL bGood = head.SetAnyMethod(GetMethod().operator const char*());
+    const auto set = [&](const CCmHttpAtom& aAtom, std::string_view aValue) {
+        bGood = head.SetHeader(aAtom, aValue, FALSE) && bGood;
+    };
     head.SetRequestURI(MakeHttpTarget(aUrl));
     head.SetVerion(CM_HTTP_VERSION_11);
-    head.SetHeader(Atoms::Host, aUrl.GetNameAndPort(FALSE), FALSE);
-    head.SetHeader(Atoms::User_Agent, USER_AGENT, FALSE);
+    set(Atoms::Host, aUrl.GetNameAndPort(FALSE));
+    set(Atoms::User_Agent, USER_AGENT);
     for (size_t i = 0; i < m_Head.GetCount(); ++i)
-        head.SetHeader(m_Head.GetName(i), m_Head.GetValue(i), FALSE);
+        set(m_Head.GetName(i), m_Head.GetValue(i));
     if (!aAuthorization.empty())
-        head.SetHeader(Atoms::Authorization, aAuthorization, FALSE);
+        set(Atoms::Authorization, aAuthorization);
     if (!aKeepAlive)
-        head.SetHeader(Atoms::Connection, "close", FALSE);
+        set(Atoms::Connection, "close");
     if (IsLengthDue_i())
-        head.SetHeader(Atoms::Content_Length, std::to_string(m_ullLength), FALSE);
+        set(Atoms::Content_Length, std::to_string(m_ullLength));
     if (m_Body == NO_BODY)
-        head.SetHeader(Atoms::Expect, "", FALSE);
+        set(Atoms::Expect, "");
     CCmString strHead;
-    head.FlattenToSend(strHead);
+    if (bGood)
+        head.FlattenToSend(strHead);
     return strHead;
 }
 

@@ -24,7 +24,7 @@ public:
     CHttpClientRequest(const CHttpClientRequest&) = delete;
     CHttpClientRequest& operator=(const CHttpClientRequest&) = delete;
 
-    // As ICmChannelHttpClient says.
+    // As ICmChannelHttpClient says; CM_ERROR_OUT_OF_MEMORY.
     CmResult SetMethod(const CCmHttpAtom& aMethod);
     CmResult SetHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, BOOL aMerge);
     CmResult SetBody(const CCmMessageBlock& aBody);
@@ -49,7 +49,8 @@ public:
     void BecomeGet();
     void LeaveOrigin();
 
-    // The head for aUrl, as it goes out, the empty line included. aAuthorization: the value to send, "" for the one set.
+    // The head for aUrl, as it goes out, the empty line included. aAuthorization: the value to send, "" for the one set. ""
+    // when memory ran out.
     CCmString MakeHead(const CCmHttpUrl& aUrl, const CCmString& aAuthorization, BOOL aKeepAlive) const;
 
 private:

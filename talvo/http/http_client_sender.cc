@@ -72,6 +72,7 @@ CmResult CHttpClientSender::Flush(CHttpClientConnection& aConnection) {
         return CM_OK;
     CCmTransportParameter para;
     const CmResult rv = aConnection.SendData(*m_pReady, para);
+    m_bLost = rv == CM_ERROR_OUT_OF_MEMORY;
     if (rv == CM_ERROR_PARTIAL_DATA)
         m_pReady = m_pReady->ReclaimGarbage();
     else
@@ -147,7 +148,7 @@ void CHttpClientSender::Clear() {
     Destroy(m_pBody);
     m_ullLeft = 0;
     m_bEnded = TRUE;
-    m_bHolding = m_bStopped = m_bRoomDue = FALSE;
+    m_bHolding = m_bStopped = m_bRoomDue = m_bLost = FALSE;
 }
 
 }  // namespace talvo

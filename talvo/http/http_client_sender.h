@@ -18,7 +18,7 @@ public:
     CmResult Begin(const CHttpClientRequest& aRequest, const CCmString& aHead);
 
     // Sends what is ready. CM_OK: it has gone. CM_ERROR_PARTIAL_DATA: call again when there is room. Else the connection's
-    // result.
+    // result, and what was ready is lost.
     CmResult Flush(CHttpClientConnection& aConnection);
 
     // A body that is streamed; results as ICmChannelHttpClient and its SendData say. aConnection null: there is none yet.
@@ -30,6 +30,9 @@ public:
     // The body waits for the server's leave, or does no longer.
     BOOL IsHolding() const { return m_bHolding; }
     void Release() { m_bHolding = FALSE; }
+
+    // A part of the body was lost for want of memory, of which the connection itself says nothing.
+    BOOL HasLost() const { return m_bLost; }
 
     // The server does not want the rest.
     void Stop();
@@ -51,6 +54,7 @@ private:
     BOOL m_bEnded = TRUE;                 // the application has nothing to bring any more
     BOOL m_bHolding = FALSE;
     BOOL m_bStopped = FALSE;
+    BOOL m_bLost = FALSE;
     BOOL m_bRoomDue = FALSE;  // the application waits for room
 };
 

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/http/http_atom_list.h"
 #include "talvo/http/http_text.h"
 
@@ -53,19 +54,34 @@ BOOL CCmHttpHeaderArray::SetHeader(const CCmHttpAtom& aAtom, std::string_view aV
     const std::string_view strValue = talvo::trim_spaces(aValue);
     CEntry* pEntry;
     LookupEntry(aAtom, pEntry);
-    if (strValue.empty()) {
-        if (pEntry && !aMerge)
-            Remove(pEntry);
-    } else if (!pEntry) {
-        Append(aAtom, strValue);
-    } else if (!aMerge || !CanAppendToHeader(aAtom)) {
-        pEntry->m_strValue.assign(strValue);
+    return talvo::WithMemory([&] {
+        if (strValue.empty()) {
+            if (pEntry && !aMerge)
+                Remove(pEntry);
+        } else if (!pEntry) {
+            Append(aAtom, strValue);
+        } else if (!aMerge || !CanAppendToHeader(aAtom)) {
+            pEntry->m_strValue.assign(strValue);
+        } else {
+            Merge(*pEntry, strValue);
+        }
+    });
+}
+
+// Changes nothing unless there is room for all of it. aValue may be a piece of the value that grows.
+void CCmHttpHeaderArray::Merge(CEntry& aEntry, std::string_view aValue) const {
+    CCmString& strValue = aEntry.m_strValue;
+    const std::string_view strSeparator = is_merged_by_line(aEntry.m_Atom) ? "\n" : ", ";
+    const size_t stEnd = strValue.size();
+    const size_t stSize = stEnd + strSeparator.size() + aValue.size();
+    if (stSize > strValue.capacity()) {
+        CCmString strRoom;
+        strRoom.reserve(std::max(stSize, 2 * strValue.capacity()));
+        strRoom.append(strValue).append(strSeparator).append(aValue);
+        strValue.swap(strRoom);
     } else {
-        // The value first: it may be a piece of the one that grows.
-        const size_t stEnd = pEntry->m_strValue.size();
-        pEntry->m_strValue.append(strValue).insert(stEnd, is_merged_by_line(aAtom) ? "\n" : ", ");
+        strValue.append(aValue).insert(stEnd, strSeparator);
     }
-    return TRUE;
 }
 
 void CCmHttpHeaderArray::Append(const CCmHttpAtom& aAtom, std::string_view aValue) {
@@ -102,10 +118,7 @@ const CCmString* CCmHttpHeaderArray::FindHeader(const CCmHttpAtom& aAtom) const 
 
 BOOL CCmHttpHeaderArray::GetHeader(const CCmHttpAtom& aAtom, CCmString& aValue) const {
     const CCmString* pValue = FindHeader(aAtom);
-    if (!pValue)
-        return FALSE;
-    aValue = *pValue;
-    return TRUE;
+    return pValue && talvo::WithMemory([&] { aValue = *pValue; });
 }
 
 const CCmString* CCmHttpHeaderArray::FindConnection_t() const {
@@ -133,6 +146,12 @@ CCmHttpAtom CCmHttpHeaderArray::FindOwnName(std::string_view aName) const {
 }
 
 CCmHttpAtom CCmHttpHeaderArray::ResolveName(std::string_view aName) {
+    CCmHttpAtom atom;
+    talvo::WithMemory([&] { atom = MakeName(aName); });
+    return atom;
+}
+
+CCmHttpAtom CCmHttpHeaderArray::MakeName(std::string_view aName) {
     const std::string_view strName = talvo::trim_spaces(aName);
     // The own names first: the list may have learned one of them since.
     if (!m_OwnNames.empty()) {
@@ -151,14 +170,25 @@ CCmHttpAtom CCmHttpHeaderArray::ResolveParsed_t(std::string_view aName) {
         return atom;
     if (!talvo::is_token(aName))
         m_dwFaults |= CM_HTTP_FAULT_NAME;
-    return ResolveName(aName);
+    return MakeName(aName);
+}
+
+BOOL CCmHttpHeaderArray::NoteMemory(BOOL aGood) {
+    if (!aGood)
+        m_dwFaults |= CM_HTTP_FAULT_MEMORY;
+    return aGood;
 }
 
 BOOL CCmHttpHeaderArray::ParseLine(std::string_view aLine) {
+    BOOL bGood = FALSE;
+    return NoteMemory(talvo::WithMemory([&] { bGood = TakeLine(aLine); })) && bGood;
+}
+
+BOOL CCmHttpHeaderArray::TakeLine(std::string_view aLine) {
     if (m_bHeadersComplete)
         return TRUE;
     if (!aLine.empty())
-        return m_bFirstLineParsed ? ParseHeaderLine(aLine, nullptr, nullptr) : ParseAnyFirstLine(aLine);
+        return m_bFirstLineParsed ? TakeHeaderLine(aLine, nullptr, nullptr) : ParseAnyFirstLine(aLine);
     if (!m_bFirstLineParsed) {
         CM_ERROR_TRACE_THIS("CCmHttpHeaderArray::ParseLine, no first line!");
         return FALSE;
@@ -186,6 +216,11 @@ BOOL CCmHttpHeaderArray::ParseHeaderLine(const char* aLine, CCmHttpAtom* aOutAto
 }
 
 BOOL CCmHttpHeaderArray::ParseHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue) {
+    BOOL bGood = FALSE;
+    return NoteMemory(talvo::WithMemory([&] { bGood = TakeHeaderLine(aLine, aOutAtom, aOutValue); })) && bGood;
+}
+
+BOOL CCmHttpHeaderArray::TakeHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue) {
     const size_t stAt = find_separator(aLine);
     if (stAt == std::string_view::npos || stAt == 0) {
         m_dwFaults |= CM_HTTP_FAULT_NAME;
@@ -200,7 +235,7 @@ BOOL CCmHttpHeaderArray::ParseHeaderLine(std::string_view aLine, CCmHttpAtom* aO
         *aOutAtom = atom;
     if (aOutValue)
         *aOutValue = strValue;
-    return SetHeader(atom, strValue, 1);
+    return NoteMemory(SetHeader(atom, strValue, 1));
 }
 
 // Remembers what SetHeader lets disappear and what matters to where messages end.

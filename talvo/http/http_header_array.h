@@ -12,8 +12,9 @@
 // What a head's lines did that the array has no room for. A careful receiver refuses such a message, as others on its way may
 // have read it differently.
 enum ECmHttpFault : DWORD {
-    CM_HTTP_FAULT_NAME = 0x1,   // a name or method that is no token (a folded line too), or a line without a colon
-    CM_HTTP_FAULT_LENGTH = 0x2  // Content-Length again with another value, or it or Transfer-Encoding without one
+    CM_HTTP_FAULT_NAME = 0x1,    // a name or method that is no token (a folded line too), or a line without a colon
+    CM_HTTP_FAULT_LENGTH = 0x2,  // Content-Length again with another value, or it or Transfer-Encoding without one
+    CM_HTTP_FAULT_MEMORY = 0x4   // a line was lost, because memory ran out
 };
 
 // A list of (atom, value) with one entry for each header. A value; one thread at a time. Booleans are TRUE for success or yes.
@@ -32,13 +33,14 @@ public:
     // Empties everything; TRUE.
     virtual BOOL Clear();
 
-    // Stores aValue without the spaces (0x20) around it; TRUE. If the header is there already, the value replaces the old one,
-    // or with aMerge is put behind it after ", " (after a line feed for Set-Cookie, WWW-Authenticate and Proxy-Authenticate),
-    // unless CanAppendToHeader says that it is never merged. An empty value changes nothing with aMerge, without it removes
-    // the header. The value is not checked: talvo::is_sendable says whether it may go out.
+    // Stores aValue without the spaces (0x20) around it; TRUE, or FALSE when memory ran out and nothing changed. If the header
+    // is there already, the value replaces the old one, or with aMerge is put behind it after ", " (after a line feed for
+    // Set-Cookie, WWW-Authenticate and Proxy-Authenticate), unless CanAppendToHeader says that it is never merged. An empty
+    // value changes nothing with aMerge, without it removes the header. The value is not checked: talvo::is_sendable says
+    // whether it may go out.
     BOOL SetHeader(const CCmHttpAtom& aAtom, std::string_view aValue, int aMerge);
 
-    // FALSE, and aValue untouched: there is no such header.
+    // FALSE, and aValue untouched: there is no such header, or no memory for the copy.
     BOOL GetHeader(const CCmHttpAtom& aAtom, CCmString& aValue) const;
     // The same without a copy: null if there is none. Valid until the array changes.
     const CCmString* FindHeader(const CCmHttpAtom& aAtom) const;
@@ -48,17 +50,17 @@ public:
     BOOL CanAppendToHeader(const CCmHttpAtom& aAtom) const;
 
     // The atom under which this array keeps aName: the list's, or, if that cannot learn it, the array's own. Null: an empty
-    // name.
+    // name, or memory ran out.
     CCmHttpAtom ResolveName(std::string_view aName);
 
     // Takes the next line of a head, without its line end: first line, headers, and the empty line that completes it, behind
     // which lines are ignored. FALSE: the first line is refused (the next is then taken for one), or is missing before an empty
-    // one (with a line at level 0).
+    // one (with a line at level 0), or memory ran out (CM_HTTP_FAULT_MEMORY).
     BOOL ParseLine(std::string_view aLine);
 
     // Takes a line "name: value", with merging. The separator is the first ':', else the first space, else tab, else '='; a
-    // line without one or beginning with it is ignored. TRUE, except for a null line. aOutAtom and aOutValue, if given, get
-    // what was found, the value as it stands; of an ignored line nothing.
+    // line without one or beginning with it is ignored. TRUE, except for a null line and when memory ran out. aOutAtom and
+    // aOutValue, if given, get what was found, the value as it stands; of an ignored line nothing.
     BOOL ParseHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
     BOOL ParseHeaderLine(const char* aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
 
@@ -99,7 +101,12 @@ protected:
     CCmHttpAtom ResolveParsed_t(std::string_view aName);
 
 private:
+    BOOL NoteMemory(BOOL aGood);
+    BOOL TakeLine(std::string_view aLine);
+    BOOL TakeHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
     BOOL ParseAnyFirstLine(std::string_view aLine);
+    CCmHttpAtom MakeName(std::string_view aName);
+    void Merge(CEntry& aEntry, std::string_view aValue) const;
     void NoteFraming(const CCmHttpAtom& aAtom, std::string_view aValue);
     CCmHttpAtom FindOwnName(std::string_view aName) const;
     void Append(const CCmHttpAtom& aAtom, std::string_view aValue);

@@ -7,6 +7,7 @@
 
 #include "talvo/base/trace.h"
 #include "talvo/http/http_atom_list.h"
+#include "talvo/http/http_memory.h"
 #include "talvo/http/http_text.h"
 
 namespace {
@@ -47,22 +48,32 @@ template <class Head>
 CmResult CCmHttpParserT<Head>::ParseHead(CCmMessageBlock* aChain) {
     if (!aChain || !m_pHead)
         return CM_ERROR_INVALID_ARG;
+    return talvo::ResultWithMemory([&] { return ParseLines(*aChain); });
+}
+
+template <class Head>
+CmResult CCmHttpParserT<Head>::GetRefusal() const {
+    return m_pHead->GetFaults() & CM_HTTP_FAULT_MEMORY ? CM_ERROR_OUT_OF_MEMORY : CM_ERROR_FAILURE;
+}
+
+template <class Head>
+CmResult CCmHttpParserT<Head>::ParseLines(CCmMessageBlock& aChain) {
     DWORD dwBefore = 0;  // bytes of the blocks before this one
     DWORD dwUsed = 0;    // bytes up to the last line feed
-    for (const CCmMessageBlock* pBlock = aChain; pBlock && !m_pHead->IsComplete(); pBlock = pBlock->GetNext()) {
+    for (const CCmMessageBlock* pBlock = &aChain; pBlock && !m_pHead->IsComplete(); pBlock = pBlock->GetNext()) {
         const std::string_view strBlock = unread(*pBlock);
         size_t stAt = 0;
         for (size_t stEnd; !m_pHead->IsComplete() && (stEnd = strBlock.find('\n', stAt)) != std::string_view::npos;) {
             if (!ParseLine(strBlock.substr(stAt, stEnd - stAt)))
-                return CM_ERROR_FAILURE;
+                return GetRefusal();
             stAt = stEnd + 1;
             dwUsed = dwBefore + static_cast<DWORD>(stAt);
         }
         if (!m_pHead->IsComplete() && !KeepLine(strBlock.substr(stAt)))
-            return CM_ERROR_FAILURE;
+            return GetRefusal();
         dwBefore += pBlock->GetTopLevelLength();
     }
-    aChain->AdvanceChainedReadPtr(dwUsed);
+    aChain.AdvanceChainedReadPtr(dwUsed);
     return CM_OK;
 }
 
@@ -134,15 +145,15 @@ template <class Head>
 CmResult CCmHttpParserT<Head>::HandleContent(CCmMessageBlock* aChain) {
     if (!m_pHead)
         return CM_ERROR_INVALID_ARG;
-    try {
+    const CmResult result = talvo::ResultWithMemory([&] {
         CmResult rv = m_bContentSetUp ? CM_OK : SetUpContent();
         if (rv == CM_OK)
             rv = AddBlocks(aChain);
         return rv == CM_OK ? GetContentResult() : rv;
-    } catch (const std::exception&) {
+    });
+    if (result == CM_ERROR_OUT_OF_MEMORY)
         CM_WARNING_TRACE_THIS("CCmHttpParserT::HandleContent, no memory for the body. size=" << m_strBody.size());
-        return CM_ERROR_OUT_OF_MEMORY;
-    }
+    return result;
 }
 
 template <class Head>

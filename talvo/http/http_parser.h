@@ -29,7 +29,7 @@ public:
     // Reads head lines. CM_OK: took them; Head::IsComplete() tells whether the head is whole. If so, the chain stands at its
     // body, else behind its last line feed: what follows that was kept here, so drop the chain and give only new bytes next
     // time. With a complete head nothing happens. CM_ERROR_FAILURE, and the chain stays: a line was refused or is beyond the
-    // limits. CM_ERROR_INVALID_ARG: null.
+    // limits. CM_ERROR_INVALID_ARG: null. CM_ERROR_OUT_OF_MEMORY.
     CmResult ParseHead(CCmMessageBlock* aChain);
 
     // Adds the chain's bytes to the body and consumes what it used; null only looks whether the body is complete. CM_OK:
@@ -67,6 +67,8 @@ private:
     static constexpr DWORD UNKNOWN_LENGTH = 0xFFFFFFFF;
     static constexpr DWORD MAX_BODY = UNKNOWN_LENGTH - 1;
 
+    CmResult ParseLines(CCmMessageBlock& aChain);
+    CmResult GetRefusal() const;
     BOOL ParseLine(std::string_view aLine);
     BOOL KeepLine(std::string_view aPiece);
     BOOL GiveLine(std::string_view aLine);

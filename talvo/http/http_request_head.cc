@@ -16,9 +16,10 @@ BOOL CCmHttpRequestHead::SetMethod(const CCmHttpAtom& aMethod) {
 }
 
 BOOL CCmHttpRequestHead::SetAnyMethod(std::string_view aMethod) {
-    if (!talvo::is_token(aMethod))
+    const CCmHttpAtom method = talvo::is_token(aMethod) ? ResolveName(aMethod) : CCmHttpAtom();
+    if (!method)
         return FALSE;
-    m_Method = ResolveName(aMethod);
+    m_Method = method;
     return TRUE;
 }
 

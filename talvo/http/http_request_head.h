@@ -11,7 +11,7 @@ public:
     CCmHttpAtom GetMethod() const { return m_Method; }
     // FALSE, and nothing changes, for anything but the ten known methods. Other methods are for SetAnyMethod.
     BOOL SetMethod(const CCmHttpAtom& aMethod);
-    // FALSE, and nothing changes: not a token. The text's atom is that of ResolveName.
+    // FALSE, and nothing changes: not a token, or memory ran out. The text's atom is that of ResolveName.
     BOOL SetAnyMethod(std::string_view aMethod);
 
     // Path and query as they stand on the request line.

@@ -9,6 +9,7 @@ namespace {
 constexpr int BAD_REQUEST = 400;
 constexpr int URI_TOO_LONG = 414;
 constexpr int HEADERS_TOO_LARGE = 431;
+constexpr int SERVICE_UNAVAILABLE = 503;
 constexpr size_t KEPT_CAPACITY = 1024;  // of a partial line, between heads
 
 }  // namespace
@@ -68,7 +69,7 @@ int CHttpRequestReader::OnLine(std::string_view aLine, CCmHttpRequestHead& aHead
     if (m_stHead > m_Settings.m_dwMaxHead)
         return HEADERS_TOO_LARGE;
     if (!aHead.ParseLine(aLine))
-        return BAD_REQUEST;
+        return aHead.GetFaults() & CM_HTTP_FAULT_MEMORY ? SERVICE_UNAVAILABLE : BAD_REQUEST;
     return aLine.empty() ? COMPLETE : MORE;
 }
 

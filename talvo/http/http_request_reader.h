@@ -18,7 +18,7 @@ public:
     explicit CHttpRequestReader(const CHttpServerSettings& aSettings) : m_Settings(aSettings) {}
 
     // Takes bytes from the chain up to the end of a head, or all of them, and fills aHead. After anything but MORE it begins
-    // anew. Statuses: 400, 414, 431, 505.
+    // anew. Statuses: 400, 414, 431, 503 (memory ran out), 505.
     int Feed(CCmMessageBlock& aChain, CCmHttpRequestHead& aHead);
 
     // Whether there is a part of a head. The empty lines that may stand before one are none.

@@ -35,8 +35,8 @@ void CHttpServerAnswer::Reset() {
 CmResult CHttpServerAnswer::SetStatus(long aStatus, std::string_view aText) {
     if (aStatus < OK || aStatus > 999 || !is_sendable(aText))
         return CM_ERROR_INVALID_ARG;
-    m_lStatus = aStatus;
     m_strText = aText;
+    m_lStatus = aStatus;
     return CM_OK;
 }
 
@@ -47,8 +47,8 @@ CmResult CHttpServerAnswer::SetHeader(const CCmHttpAtom& aAtom, std::string_view
         return CM_ERROR_INVALID_ARG;
     if (aAtom == Atoms::Connection)
         m_bToClose = has_token(aValue, "close");
-    else
-        CCmHttpHeaderArray::SetHeader(aAtom, aValue, aMerge);
+    else if (!CCmHttpHeaderArray::SetHeader(aAtom, aValue, aMerge))
+        return CM_ERROR_OUT_OF_MEMORY;
     return CM_OK;
 }
 

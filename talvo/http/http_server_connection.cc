@@ -8,6 +8,7 @@
 #include "talvo/base/trace.h"
 #include "talvo/http/http_atom_list.h"
 #include "talvo/http/http_framing.h"
+#include "talvo/http/http_memory.h"
 #include "talvo/http/http_status.h"
 #include "talvo/http/http_text.h"
 #include "talvo/transport/tcp_settings.h"
@@ -49,7 +50,20 @@ CmResult CHttpServerConnection::Open() {
     return rv;
 }
 
+// Runs what the loop or the transport brings. Memory that runs out inside costs this connection.
+template <class Call>
+void CHttpServerConnection::Enter_i(const Call& aCall) {
+    if (WithMemory(aCall))
+        return;
+    m_bRunning = FALSE;
+    End(CM_ERROR_OUT_OF_MEMORY);
+}
+
 void CHttpServerConnection::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
+    Enter_i([&] { TakeData_i(aData); });
+}
+
+void CHttpServerConnection::TakeData_i(CCmMessageBlock& aData) {
     if (aData.GetChainedLength() == 0) {
         m_bPeerEnded = TRUE;
         m_bCutShort = IsCutShort_i();
@@ -70,19 +84,25 @@ void CHttpServerConnection::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCm
 void CHttpServerConnection::OnSend(ICmTransport*, CCmTransportParameter*) {
     m_bBlocked = FALSE;
     m_Wait = FOR_NOBODY;  // who takes something has its time anew
-    Flush_i();
-    if (m_bBlocked)
-        Settle_i();
-    else
-        RunHeld_i(TRUE);
+    Enter_i([this] {
+        Flush_i();
+        if (m_bBlocked)
+            Settle_i();
+        else
+            RunHeld_i(TRUE);
+    });
 }
 
 void CHttpServerConnection::OnDisconnect(CmResult aReason, ICmTransport*) { End(aReason); }
 
 void CHttpServerConnection::OnTimer(CCmTimerWrapperID*) {
+    Enter_i([this] { RunKick_i(); });
+}
+
+void CHttpServerConnection::RunKick_i() {
     const BOOL bStarved = IsStarved_i();
     if (m_bBroken || (bStarved && m_State == BODY))
-        End(CM_ERROR_NETWORK_SOCKET_ERROR);
+        End(m_BrokenReason);
     else if (bStarved)
         End(CM_OK);  // in order: what a proxy holds still goes out
     else
@@ -91,8 +111,10 @@ void CHttpServerConnection::OnTimer(CCmTimerWrapperID*) {
 
 void CHttpServerConnection::RunHeld_i(BOOL aRoom) {
     CCmMessageBlock* pInput = std::exchange(m_pHeld, nullptr);
-    Run_i(pInput, aRoom);
+    const BOOL bGood = WithMemory([=, this] { Run_i(pInput, aRoom); });
     m_pHeld = pInput ? pInput->ReclaimGarbage() : nullptr;
+    if (!bGood)
+        throw std::bad_alloc();  // on its way to the entry
     Settle_i();
 }
 
@@ -161,7 +183,7 @@ BOOL CHttpServerConnection::BeginRequest_i() {
     m_BodyReader.SetLimits(m_Owner.GetSettings().m_Limits);
     m_BodyReader.Begin(framing.m_Body, framing.m_ullLength);
     m_State = m_BodyReader.IsComplete() ? ANSWER : BODY;
-    m_Owner.OnRequest(*m_pChannel);
+    Upcall([this] { m_Owner.OnRequest(*m_pChannel); });
     CheckReleased_i();
     return TRUE;
 }
@@ -196,7 +218,7 @@ BOOL CHttpServerConnection::ReadBody_i(CCmMessageBlock* aInput) {
 BOOL CHttpServerConnection::OnBody(CCmMessageBlock& aView) {
     if (IsAnswered_i())
         return TRUE;
-    m_pChannel->GetServerSink()->OnReceive(aView, m_pChannel.Get(), nullptr);
+    Upcall([&] { m_pChannel->GetServerSink()->OnReceive(aView, m_pChannel.Get(), nullptr); });
     CheckReleased_i();
     return m_State == BODY && (IsAnswered_i() || !m_pChannel->IsHeldBack());
 }
@@ -206,16 +228,18 @@ BOOL CHttpServerConnection::OnBodyResult_i(CmResult aResult) {
         return FALSE;
     if (m_BodyReader.IsComplete())
         m_State = ANSWER;
+    else if (aResult == CM_ERROR_OUT_OF_MEMORY)
+        End(aResult);
     else if (aResult == CM_ERROR_FAILURE)
         Refuse_i(m_BodyReader.IsBeyondLimit() ? CONTENT_TOO_LARGE : BAD_REQUEST);
-    return m_BodyReader.IsComplete() || (IsAnswered_i() && m_bLast);
+    return m_State != ENDED && (m_BodyReader.IsComplete() || (IsAnswered_i() && m_bLast));
 }
 
 BOOL CHttpServerConnection::TellEnd_i() {
     if (m_bEndTold || m_pChannel->IsHeldBack())
         return FALSE;
     m_bEndTold = TRUE;
-    m_pChannel->GetServerSink()->OnRequestEnd(m_pChannel.Get());
+    Upcall([this] { m_pChannel->GetServerSink()->OnRequestEnd(m_pChannel.Get()); });
     CheckReleased_i();
     return TRUE;
 }
@@ -224,7 +248,7 @@ void CHttpServerConnection::TellRoom_i() {
     if (!HasRequest_i() || !m_pChannel->TakeOnSendDue())
         return;
     if (ICmChannelHttpServerSink* pSink = m_pChannel->GetServerSink())
-        pSink->OnSend(m_pChannel.Get(), nullptr);
+        Upcall([&] { pSink->OnSend(m_pChannel.Get(), nullptr); });
     CheckReleased_i();
 }
 
@@ -252,11 +276,15 @@ void CHttpServerConnection::OnAnswered() {
     Settle_i();
 }
 
+CmResult CHttpServerConnection::InviteBody() {
+    if (!m_bContinueDue || m_pChannel->IsBegun())
+        return CM_OK;
+    const CmResult rv = m_Output.Append("HTTP/1.1 100 Continue\r\n\r\n");
+    m_bContinueDue = rv != CM_OK;
+    return rv;
+}
+
 void CHttpServerConnection::OnBodyWanted() {
-    if (m_bContinueDue && !m_pChannel->IsBegun()) {
-        m_bContinueDue = FALSE;
-        m_Output.Append("HTTP/1.1 100 Continue\r\n\r\n");
-    }
     if (m_bRunning)
         return;
     Flush_i();
@@ -291,11 +319,11 @@ void CHttpServerConnection::Refuse_i(int aStatus) {
     const BOOL bAnswered = bRequest && IsAnswered_i();
     if (bRequest && m_pChannel->IsBegun() && !bAnswered)
         return End(reason);
+    if (!bAnswered && !PrintRefusal_i(aStatus))
+        return End(CM_ERROR_OUT_OF_MEMORY);
     const CCmRefPtrT<CCmChannelHttpServer> pChannel = std::move(m_pChannel);
     m_bLast = TRUE;
     m_State = CLOSING;
-    if (!bAnswered)
-        PrintRefusal_i(aStatus, pChannel && pChannel->GetRequest().GetMethod() == CCmHttpAtomList::Head);
     if (!m_bRunning) {
         Flush_i();
         Settle_i();
@@ -306,17 +334,25 @@ void CHttpServerConnection::Refuse_i(int aStatus) {
         pChannel->Detach();
 }
 
-void CHttpServerConnection::PrintRefusal_i(int aStatus, BOOL aHeadOnly) {
-    const CCmString strBody = std::to_string(aStatus) + " " + HttpStatusText(aStatus) + "\n";
-    CHttpServerAnswer answer;
-    answer.SetStatus(aStatus, "");
-    answer.SetHeader(CCmHttpAtomList::Content_Type, "text/plain", FALSE);
-    answer.Print(EHttpBody::LENGTH, strBody.size(), m_Owner.GetTail(FALSE), m_Output.GetText());
-    if (!aHeadOnly)
-        m_Output.Append(strBody);
+// FALSE: for want of memory; who knows how much of it is there.
+BOOL CHttpServerConnection::PrintRefusal_i(int aStatus) {
+    const BOOL bHeadOnly = m_pChannel && m_pChannel->GetRequest().GetMethod() == CCmHttpAtomList::Head;
+    CmResult rv = CM_OK;
+    return WithMemory([&] {
+               const CCmString strBody = std::to_string(aStatus) + " " + HttpStatusText(aStatus) + "\n";
+               CHttpServerAnswer answer;
+               answer.SetStatus(aStatus, "");
+               rv = answer.SetHeader(CCmHttpAtomList::Content_Type, "text/plain", FALSE);
+               answer.Print(EHttpBody::LENGTH, strBody.size(), m_Owner.GetTail(FALSE), m_Output.GetText());
+               if (rv == CM_OK && !bHeadOnly)
+                   rv = m_Output.Append(strBody);
+           }) &&
+           rv == CM_OK;
 }
 
 void CHttpServerConnection::OnLate() {
+    if (std::exchange(m_bKickDue, FALSE))
+        return OnTimer(nullptr);
     switch (m_Wait) {
     case FOR_FIRST:
     case FOR_NEXT:
@@ -342,9 +378,9 @@ void CHttpServerConnection::Stop() {
     Settle_i();
 }
 
-void CHttpServerConnection::Abort() {
+void CHttpServerConnection::Abort(CmResult aReason) {
     m_pChannel->Forget();
-    End(CM_ERROR_FAILURE);
+    End(aReason);
 }
 
 void CHttpServerConnection::End(CmResult aReason) {
@@ -353,6 +389,7 @@ void CHttpServerConnection::End(CmResult aReason) {
     const BOOL bTell = HasRequest_i() && !IsAnswered_i();
     m_State = ENDED;
     m_Wait = FOR_NOBODY;
+    m_bKickDue = FALSE;
     m_Kick.Cancel();
     m_pTransport->Disconnect(aReason);
     m_Output.Clear();
@@ -371,9 +408,9 @@ void CHttpServerConnection::TellLost_i(CCmChannelHttpServer& aChannel, CmResult 
     if (aChannel.IsForgotten())
         return;
     if (pSink)
-        pSink->OnDisconnect(aReason, &aChannel);
+        Upcall([&] { pSink->OnDisconnect(aReason, &aChannel); });
     else if (aChannel.IsShared())
-        m_Owner.OnRequestLost(aReason, aChannel);
+        Upcall([&] { m_Owner.OnRequestLost(aReason, aChannel); });
 }
 
 // Whether the peer, which sends no more, has not sent the whole of a body that nobody reads yet.

@@ -50,7 +50,9 @@ public:
     CmResult Open();
 
     // A look at the clock: whoever was waited for too long.
-    BOOL IsLate() const { return m_Wait != FOR_NOBODY && static_cast<int32_t>(m_Owner.GetLooks() - m_dwDeadline) >= 0; }
+    BOOL IsLate() const {
+        return m_bKickDue || (m_Wait != FOR_NOBODY && static_cast<int32_t>(m_Owner.GetLooks() - m_dwDeadline) >= 0);
+    }
     void OnLate();
     // Finishes what has begun and takes no new request. Ends at once when there is none.
     void Stop();
@@ -70,9 +72,12 @@ public:
     CmResult SendPart(CCmMessageBlock& aData);
     CmResult SendChunk(const CCmMessageBlock& aData, DWORD aLength);
     void OnAnswered();
+    // Tells the client to send the body, if it waits for that. CM_ERROR_OUT_OF_MEMORY.
+    CmResult InviteBody();
     void OnBodyWanted();
     void OnReleased();
-    void Abort();
+    // The answer cannot go on; its user has that from the call under way.
+    void Abort(CmResult aReason);
 
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
@@ -86,6 +91,10 @@ private:
     enum EWait { FOR_NOBODY, FOR_FIRST, FOR_NEXT, FOR_HEAD, FOR_BODY, FOR_READER, FOR_CLOSE };
 
     // Input: http_server_connection.cc.
+    template <class Call>
+    void Enter_i(const Call& aCall);
+    void TakeData_i(CCmMessageBlock& aData);
+    void RunKick_i();
     void Run_i(CCmMessageBlock* aInput, BOOL aRoom);
     void RunHeld_i(BOOL aRoom);
     void TellRoom_i();
@@ -101,7 +110,7 @@ private:
     BOOL IsAnswered_i() const { return m_pChannel && m_pChannel->IsComplete(); }
     void CheckReleased_i();
     void Refuse_i(int aStatus);
-    void PrintRefusal_i(int aStatus, BOOL aHeadOnly);
+    BOOL PrintRefusal_i(int aStatus);
     void TellLost_i(CCmChannelHttpServer& aChannel, CmResult aReason);
     BOOL IsCutShort_i() const;
     void Hold_i(CCmMessageBlock& aInput);
@@ -131,13 +140,15 @@ private:
 
     EState m_State = HEAD;
     EWait m_Wait = FOR_NOBODY;
-    DWORD m_dwDeadline = 0;         // in looks
-    uint64_t m_ullProgress = 0;     // bytes of the body when the wait began
-    uint64_t m_ullDropped = 0;      // bytes that came while closing
-    BOOL m_bRunning = FALSE;        // inside a turn of the loop: what is sent is gathered, upcalls may come
-    BOOL m_bBlocked = FALSE;        // the transport takes no more until its OnSend
-    BOOL m_bBroken = FALSE;         // it takes no more at all
+    DWORD m_dwDeadline = 0;      // in looks
+    uint64_t m_ullProgress = 0;  // bytes of the body when the wait began
+    uint64_t m_ullDropped = 0;   // bytes that came while closing
+    BOOL m_bRunning = FALSE;     // inside a turn of the loop: what is sent is gathered, upcalls may come
+    BOOL m_bBlocked = FALSE;     // the transport takes no more until its OnSend
+    BOOL m_bBroken = FALSE;      // it takes no more at all
+    CmResult m_BrokenReason = CM_ERROR_NETWORK_SOCKET_ERROR;
     BOOL m_bReadingPaused = FALSE;  // as it was told
+    BOOL m_bKickDue = FALSE;        // there was no memory for the timer: the next look runs it
     BOOL m_bPeerEnded = FALSE;      // it sends no more, and may wait for what it has asked
     BOOL m_bCutShort = FALSE;       // and the body under way is not whole
     BOOL m_bFirst = TRUE;           // no request has come yet

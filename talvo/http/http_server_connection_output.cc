@@ -38,10 +38,8 @@ CmResult CHttpServerConnection::SendAll(CCmMessageBlock& aBody) {
             OnSent_i(m_Output.SendWith(*m_pTransport, &aBody));
         if (aBody.GetChainedLength() > 0) {
             CCmMessageBlock* pRest = aBody.DuplicateChained();
-            if (!pRest) {
-                Abort();
+            if (!pRest)
                 return CM_ERROR_OUT_OF_MEMORY;
-            }
             m_Output.AppendChain(pRest);
         }
     }
@@ -81,10 +79,10 @@ CmResult CHttpServerConnection::SendChunk(const CCmMessageBlock& aData, DWORD aL
         } else if (CCmMessageBlock* pCopy = aData.DuplicateChained()) {
             m_Output.AppendChain(pCopy);
         } else {
-            Abort();
             return CM_ERROR_OUT_OF_MEMORY;
         }
-        m_Output.Append("\r\n");
+        if (m_Output.Append("\r\n") != CM_OK)
+            return CM_ERROR_OUT_OF_MEMORY;
     }
     if (!m_bRunning || !IsGathered_i(static_cast<DWORD>(m_Output.GetTextLength())))
         Flush_i();
@@ -103,6 +101,8 @@ void CHttpServerConnection::OnSent_i(CmResult aResult) {
         m_bBlocked = TRUE;
     else if (aResult != CM_OK)
         m_bBroken = TRUE;
+    if (aResult == CM_ERROR_OUT_OF_MEMORY)
+        m_BrokenReason = aResult;
 }
 
 // What follows from the state that it has come to.
@@ -194,6 +194,9 @@ void CHttpServerConnection::PauseReading_i(BOOL aPause) {
         m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &aPause);
 }
 
-void CHttpServerConnection::Kick_i() { m_Kick.Schedule(this, CCmTimeValue(0, 0), 1); }
+void CHttpServerConnection::Kick_i() {
+    const CmResult rv = m_Kick.Schedule(this, CCmTimeValue(0, 0), 1);
+    m_bKickDue = rv != CM_OK && rv != CM_ERROR_FOUND;
+}
 
 }  // namespace talvo

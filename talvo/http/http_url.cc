@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "talvo/base/with_memory.h"
 #include "talvo/http/http_text.h"
 
 namespace {
@@ -27,9 +28,12 @@ CCmHttpUrl& CCmHttpUrl::operator=(const CCmHttpUrl& aOther) {
 
 BOOL CCmHttpUrl::Init(std::string_view aSpec) {
     CCmHttpUrl url;  // not this one: the text given may be its own
-    const BOOL bDone = url.Parse(aSpec);
-    *this = url;
-    return bDone;
+    BOOL bDone = FALSE;
+    return talvo::WithMemory([&] {
+               bDone = url.Parse(aSpec);
+               *this = url;
+           }) &&
+           bDone;
 }
 
 BOOL CCmHttpUrl::Parse(std::string_view aSpec) {
@@ -84,21 +88,23 @@ CCmString CCmHttpUrl::GetNameAndPort(int aForcePort) const {
 }
 
 BOOL CCmHttpUrl::SetNameAndPort(std::string_view aNameAndPort) {
-    if (aNameAndPort.empty())
-        return FALSE;
-    const size_t stColon = std::min(aNameAndPort.find(':'), aNameAndPort.size());
-    const CCmString strPort(aNameAndPort.substr(std::min(stColon + 1, aNameAndPort.size())));
-    m_strHostName = aNameAndPort.substr(0, stColon);
-    SetPort(static_cast<WORD>(std::strtol(strPort.c_str(), nullptr, 10)));
-    return TRUE;
+    return !aNameAndPort.empty() && talvo::WithMemory([&] {
+        const size_t stColon = std::min(aNameAndPort.find(':'), aNameAndPort.size());
+        const CCmString strPort(aNameAndPort.substr(std::min(stColon + 1, aNameAndPort.size())));
+        m_strHostName = aNameAndPort.substr(0, stColon);
+        SetPort(static_cast<WORD>(std::strtol(strPort.c_str(), nullptr, 10)));
+    });
 }
 
 const CCmString& CCmHttpUrl::GetAsciiSpec() const {
-    if (m_strSpec.empty()) {
-        m_strSpec.append(m_strScheme).append(SEPARATOR).append(GetNameAndPort(0));
-        if (m_strPath.empty() || m_strPath.front() != '/')
-            m_strSpec.append("/");
-        m_strSpec.append(m_strPath);
-    }
+    if (m_strSpec.empty() && !talvo::WithMemory([this] { MakeSpec(); }))
+        m_strSpec.clear();
     return m_strSpec;
+}
+
+void CCmHttpUrl::MakeSpec() const {
+    m_strSpec.append(m_strScheme).append(SEPARATOR).append(GetNameAndPort(0));
+    if (m_strPath.empty() || m_strPath.front() != '/')
+        m_strSpec.append("/");
+    m_strSpec.append(m_strPath);
 }

@@ -23,7 +23,7 @@ public:
     CCmHttpUrl& operator=(const CCmHttpUrl& aOther);
 
     // Leading spaces are skipped, the scheme's case does not matter. FALSE: another scheme, or http and https without host and
-    // port; the object is then filled in part and must not be used.
+    // port, or memory ran out; the object is then filled in part and must not be used.
     BOOL Init(std::string_view aSpec);
 
     const CCmString& GetScheme() const { return m_strScheme; }  // in lower case
@@ -39,16 +39,17 @@ public:
     // "host", followed by ":" and the port if it is not the scheme's default or if aForcePort is not 0.
     CCmString GetNameAndPort(int aForcePort) const;
 
-    // "host" or "host:port"; what is no number counts as the default port. FALSE for an empty text. Kept on purpose: a number
-    // beyond 65,535 is not refused but taken modulo 65,536.
+    // "host" or "host:port"; what is no number counts as the default port. FALSE for an empty text, and when memory ran out.
+    // Kept on purpose: a number beyond 65,535 is not refused but taken modulo 65,536.
     BOOL SetNameAndPort(std::string_view aNameAndPort);
 
-    // The whole URL, without a default port.
+    // The whole URL, without a default port; "" when memory ran out.
     const CCmString& GetAsciiSpec() const;
 
 private:
     BOOL Parse(std::string_view aSpec);
     WORD GetDefaultPort() const;
+    void MakeSpec() const;
     static CCmString FilePath(std::string_view aRest);
 
     mutable CCmString m_strSpec;  // of GetAsciiSpec; empty: to be made again

@@ -215,6 +215,11 @@ TEST_F(HttpClientTest, SilenceAndRefusedConnectionsEnd) {
     CTestHttpClient refused(std::string("http://") + OwnLoopback() + ":1/");
     EXPECT_EQ("0  !20008", Run(refused));
     EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, refused.m_pChannel->GetFailure(strText));
+    CCmFailure failure, silence;
+    EXPECT_EQ(CM_OK, refused.m_pChannel->GetOption(CM_OPT_CHANNEL_LAST_FAILURE, &failure));
+    EXPECT_EQ(ECONNREFUSED, failure.GetErrno());
+    EXPECT_EQ(CM_OK, client.m_pChannel->GetOption(CM_OPT_CHANNEL_LAST_FAILURE, &silence));
+    EXPECT_EQ(CM_FAILURE_SILENCE, silence.GetCause());
 }
 
 // Where no proxy stands between; the second is asked for when the first is over, and finds its connection.
