@@ -51,9 +51,15 @@ private:
     }
     // Who is far behind with reading misses lines instead of holding up the others: a send that is refused is forgotten.
     void TellOthers(const ICmTransport* aSpeaker, const std::string& aText) {
+        CCmMessageBlock line(static_cast<DWORD>(aText.size()));
+        line.Write(aText.data(), static_cast<DWORD>(aText.size()));
         for (const auto& [pTransport, client] : m_Clients) {
-            if (pTransport != aSpeaker && !client.m_strName.empty())
-                SendText(*pTransport, aText);
+            if (pTransport == aSpeaker || client.m_strName.empty())
+                continue;
+            if (CCmMessageBlock* pCopy = line.DuplicateChained()) {  // shares the text; a send consumes what it is given
+                pTransport->SendData(*pCopy);
+                pCopy->DestroyChained();
+            }
         }
     }
 

@@ -44,4 +44,5 @@
 #include "talvo/http/http_text.h"
 #include "talvo/http/http_url.h"
 #include "talvo/transport/dns_manager.h"
+#include "talvo/transport/send_bytes.h"
 #include "talvo/transport/transport_interface.h"

@@ -113,9 +113,9 @@ public:
     virtual CmResult OpenWithSink(ICmTransportSink* aSink) = 0;
     virtual ICmTransportSink* GetSink() = 0;
 
-    // Takes as much of the chain as it can, advances the chain's read pointers by that and stores the count in aPara.
-    // CM_OK: all was taken; also for an empty chain. CM_ERROR_PARTIAL_DATA: the rest, perhaps all of it, stays in aData, which
-    // the caller keeps and sends again after the OnSend that follows. CM_ERROR_NOT_INITIALIZED: the transport is closed;
+    // Takes what it can of the chain and consumes that: another transport needs a duplicate, see cm_send_shared. aPara: the
+    // count. CM_OK: all was taken; also for an empty chain. CM_ERROR_PARTIAL_DATA: the rest, perhaps all of it, stays in aData,
+    // which the caller keeps and sends again after the OnSend that follows. CM_ERROR_NOT_INITIALIZED: the transport is closed;
     // CM_ERROR_NULL_POINTER: so is a thread proxy's, perhaps before its OnDisconnect has arrived, which follows then.
     // CM_ERROR_NETWORK_SOCKET_ERROR: the connection is broken, and OnDisconnect comes from the loop; or CM_OPT_TRANSPORT_
     // END_SENDING was set, and it does not.
