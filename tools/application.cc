@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <utility>
 
 #include "tools/console.h"
 
@@ -49,7 +50,7 @@ public:
     int OnInput(HANDLE) override {
         signalfd_siginfo info{};
         if (read(m_nFd, &info, sizeof(info)) == sizeof(info))
-            m_Application.Finish(128 + static_cast<int>(info.ssi_signo));
+            m_Application.OnSignal(static_cast<int>(info.ssi_signo));
         return 0;
     }
 
@@ -99,6 +100,14 @@ void Application::Finish(int aStatus) {
     m_nStatus = nSignal == 0 ? aStatus : 128 + nSignal;
     if (m_bStarted)
         GetMainReactor()->StopEventLoop();
+}
+
+void Application::OnSignal(int aSignal) {
+    const auto begin = std::exchange(m_OrderlyEnd, nullptr);
+    if (begin && aSignal != SIGPIPE)
+        begin(128 + aSignal);
+    else
+        Finish(128 + aSignal);
 }
 
 int Application::GetPendingSignal() {

@@ -7,10 +7,11 @@ namespace tool {
 
 namespace {
 
-// Ends the program when the server has stopped.
+// A signal ends the program when the answers that have begun are through.
 class Server : public FileService {
 public:
-    Server(const ServedDirectory& aDirectory, Console& aConsole) : FileService(aDirectory), m_Console(aConsole) {}
+    Server(const ServedDirectory& aDirectory, Application& aApplication, Console& aConsole)
+        : FileService(aDirectory), m_Application(aApplication), m_Console(aConsole) {}
 
     bool Start(const Endpoint& aEndpoint) {
         CmResult rv = CCmChannelManager::Instance()->CreateHttpAcceptor(m_pAcceptor.ParaOut(), 0);
@@ -21,6 +22,7 @@ public:
             rv = m_pAcceptor->GetListenAddr(addr);
         if (rv == CM_OK) {
             AnnounceListening(addr, m_Console);
+            m_Application.EndInOrder([this](int aStatus) { Stop(aStatus); });
             return true;
         }
         CCmFailure failure;
@@ -31,7 +33,19 @@ public:
     }
 
 private:
+    void Stop(int aStatus) {
+        m_nStatus = aStatus;
+        m_pAcceptor->StopListen(CM_OK);
+        const DWORD dwLeft = m_pAcceptor->GetConnections();
+        if (dwLeft > 0)
+            m_Console.Report("ending; answers under way: " + std::to_string(dwLeft) + "; a second signal ends at once",
+                             JsonLine("ending").Add("answers", dwLeft));
+    }
+    void OnStopped(ICmChannelServerAcceptor*) override { m_Application.Finish(m_nStatus); }
+
+    Application& m_Application;
     Console& m_Console;
+    int m_nStatus = EXIT_OK;
     CCmRefPtrT<ICmChannelServerAcceptor> m_pAcceptor;
 };
 
@@ -48,7 +62,7 @@ int RunServe(const Arguments& aArguments) {
     }
     Application::RaiseDescriptorLimit();
     Application application(CCmThreadManager::NETWORK_THREAD_MAIN);
-    Server server(directory, console);
+    Server server(directory, application, console);
     if (!server.Start(aArguments.m_Endpoint))
         return EXIT_FAILED;
     return application.Run();

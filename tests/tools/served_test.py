@@ -7,6 +7,7 @@ import email.utils
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import sys
 import tempfile
@@ -37,6 +38,20 @@ class ServedTest(unittest.TestCase):
     def ask(self, url):
         with urllib.request.urlopen(url, timeout=PATIENCE) as answer:
             return answer.headers, answer.read()
+
+    def test_a_signal_lets_answers_end_and_a_second_does_not(self):
+        with open(self.directory / "file", "wb") as file:
+            file.truncate(20_000_000)  # more than the sockets' buffers hold
+        for once in True, False:
+            server, url = self.serve()
+            with urllib.request.urlopen(url + "/file", timeout=PATIENCE) as answer:
+                server.send_signal(signal.SIGTERM)
+                self.assertIn("answers under way: 1", server.stdout.readline() + server.stdout.readline())
+                if once:
+                    self.assertEqual(20_000_000, len(answer.read()))
+                else:
+                    server.send_signal(signal.SIGINT)
+                self.assertEqual(128 + (signal.SIGTERM if once else signal.SIGINT), server.wait(PATIENCE))
 
     def test_no_change_is_later_than_the_answer(self):
         file = self.directory / "file"
