@@ -64,8 +64,6 @@ public:
 
     CmResult Open(CPlace aPlace) {
         m_Place = aPlace;
-        DWORD dwRead = 65536;  // as the servers beside it ask for; refused where the type has no such thing
-        m_pTransport->SetOption(CM_OPT_TRANSPORT_READ_SIZE, &dwRead);
         return m_pTransport->OpenWithSink(this);
     }
 
