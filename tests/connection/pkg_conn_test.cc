@@ -172,6 +172,7 @@ TEST_F(PkgConnTest, WhatWasCancelledOrEndedIsSilent) {
     CClient client;
     client.Start();
     client.m_pConn->CancelConnect();
+    EXPECT_EQ(REQUEST + Disconn(CM_OK), client.m_pLower->TakeSent());
     client.m_pConn->OnConnectIndication(CM_ERROR_TIMEOUT, nullptr, nullptr);
     client.m_pConn->OnDisconnect(CM_ERROR_TIMEOUT, client.m_pLower.Get());
     EXPECT_EQ(Lines{}, client.m_Lines);
@@ -214,6 +215,11 @@ TEST_F(PkgConnTest, ConnectPdusStandNeverInsideOthers) {
     client.Start();
     client.m_pLower->MakeRoom();
     EXPECT_EQ(REQUEST, client.m_pLower->TakeSent());
+
+    CClient refused(CM_TRANSPORT_TYPE_UDP);
+    refused.m_pLower->m_dwRoom = 0;
+    refused.Start();
+    EXPECT_EQ(3u, refused.m_pLower->m_Pieces.size()) << "a connect PDU is tried three times";
 
     CServer server;  // asked twice while a PDU is half gone
     server.Connect();

@@ -20,6 +20,9 @@ struct CCase {
     const char* m_pAnswers;
 };
 
+const std::string LONGEST = "/" + std::string(66, 'a');  // its request line has 80 bytes
+const std::string TO_LONGEST = "200:" + LONGEST + " ";
+
 const CCase CASES[] = {
     {"KeptAlive", Get("/a"), "200:/a "},
     {"Pipelined", Get("/a") + Post("Content-Length: 3\r\n", "xyz") + Get("/b"), "200:/a 200:xyz 200:/b "},
@@ -81,7 +84,8 @@ const CCase CASES[] = {
     {"TwoSpaces", Get(" /a"), "400:400 Bad Request\n end"},
     {"NoVersion", "GET /a\r\n\r\n", "400:400 Bad Request\n end"},
     {"OtherVersion", "GET /a HTTP/2.0\r\nHost: h\r\n\r\n", "505:505 HTTP Version Not Supported\n end"},
-    {"LongTarget", Get("/" + std::string(100, 'a')), "414:414 URI Too Long\n end"},
+    {"LongestTarget", Get(LONGEST), TO_LONGEST.c_str()},
+    {"LongTarget", Get(LONGEST + "a"), "414:414 URI Too Long\n end"},
     {"LongLine", Get("/a", "Host: h\r\nX: " + std::string(100, 'a') + "\r\n"), "431:431 Request Header Fields Too Large\n end"},
     {"ManyLines", Get("/a", "Host: h\r\nA: 1\r\nB: 2\r\nC: 3\r\nD: 4\r\n"), "431:431 Request Header Fields Too Large\n end"},
     {"LongHead", Get("/" + std::string(60, 'a'), "Host: h\r\nX: " + std::string(60, 'a') + "\r\nY: b\r\n"),

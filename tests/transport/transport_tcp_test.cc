@@ -109,6 +109,9 @@ TEST_F(TransportTcpTest, FullSocketGivesOneOnSend) {
     EXPECT_EQ(1, m_Sink.m_nSends);
     EXPECT_EQ(CM_OK, m_pTransport->SendData(block, &para));
     EXPECT_EQ(strData, PeerReads(5000));
+    m_fdPeer.Write("x");  // its report says again that there is room
+    Until([&] { return m_Sink.m_nReceives > 0; });
+    EXPECT_EQ(1, m_Sink.m_nSends);
 }
 
 TEST_F(TransportTcpTest, ChainBeyondSixtyFourPiecesGetsItsOnSend) {
@@ -196,8 +199,14 @@ TEST_F(TransportTcpTest, PausedReadingLosesNothing) {
     const std::string strData = Pattern(60000);
     // Pauses in the middle of a burst, behind the first whole buffer.
     m_Sink.m_Receive = [&] { m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause); };
+    EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
     Open();
     m_fdPeer.Write(strData);
+    Settle();
+    EXPECT_EQ(0, m_Sink.Upcalls());
+    bPause = FALSE;
+    EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+    bPause = TRUE;
     Until([&] { return m_Sink.m_nReceives > 0; });
     Settle();
     m_fdPeer.Close();  // with unread bytes at our side
