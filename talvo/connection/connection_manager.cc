@@ -168,7 +168,8 @@ CCmConnectionManager* CCmConnectionManager::Instance() {
     CCmConnectionManager* pInstance = nullptr;
     talvo::WithMemory([&] {
         pDnsManager = CCmDnsManager::Instance();  // the older of the two is cleaned up last
-        pInstance = new CCmConnectionManager;
+        if (pDnsManager)
+            pInstance = new CCmConnectionManager;
     });
     const CmResult rv = pInstance ? pInstance->SpawnNetworkThread_i() : CM_ERROR_OUT_OF_MEMORY;
     if (rv != CM_OK) {

@@ -110,8 +110,10 @@ CmResult CCmAcceptorTcp::GetListenAddr(CCmInetAddr& aAddr) {
 int CCmAcceptorTcp::OnInput(HANDLE aFd) {
     m_Est.EnsureSingleThread();
     CCmRefPtrT<CCmTransportTcp> pTransport(new (std::nothrow) CCmTransportTcp(m_pReactor));
-    if (!pTransport)
+    if (!pTransport) {
+        Rest_i(ENOMEM);
         return 0;
+    }
     CCmInetAddr addrPeer;
     socklen_t length = addrPeer.GetSize();
     constexpr int FLAGS = SOCK_CLOEXEC | SOCK_NONBLOCK;  // together with the call they cost nothing and cannot fail

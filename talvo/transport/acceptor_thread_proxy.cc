@@ -22,8 +22,8 @@ CmResult CAcceptorProxyCore::StartListen(ICmAcceptorConnectorSink* aSink, const 
     CmResult rv = Begin(aSink, dwListening);
     if (rv != CM_OK)
         return rv;
-    rv = GetNetwork().Call([=, addr = aAddrListen, pThis = CCmRefPtrT<CAcceptorProxyCore>(this)] {
-        return pThis->StartListen_i(dwListening, addr);
+    rv = GetNetwork().Call([=, &aAddrListen, pThis = CCmRefPtrT<CAcceptorProxyCore>(this)] {
+        return pThis->StartListen_i(dwListening, aAddrListen);
     });
     if (rv == CM_OK)
         return CM_OK;
@@ -38,7 +38,9 @@ CmResult CAcceptorProxyCore::StopListen(CmResult aReason) {
     const CmResult rv = GetNetwork().Call([=, pThis = CCmRefPtrT<CAcceptorProxyCore>(this)] {
         return pThis->m_pInner ? pThis->m_pInner->StopListen(aReason) : CM_OK;
     });
-    return rv == CM_ERROR_NOT_AVAILABLE ? CM_OK : rv;  // the network thread has ended, and the listening with it
+    if (rv == CM_ERROR_OUT_OF_MEMORY)
+        PostLetGo();  // what listens ends without being waited for
+    return rv == CM_ERROR_NOT_AVAILABLE || rv == CM_ERROR_OUT_OF_MEMORY ? CM_OK : rv;  // or the network thread has ended
 }
 
 CmResult CAcceptorProxyCore::GetListenAddr(CCmInetAddr& aAddr) {

@@ -1,5 +1,7 @@
 #include "talvo/transport/connect_race.h"
 
+#include <cerrno>
+#include <new>
 #include <utility>
 
 namespace talvo {
@@ -14,6 +16,7 @@ template <class TransportType>
 int CConnectRaceT<TransportType>::Start(std::vector<CCmInetAddr> aAddrs, const CCmInetAddr& aAddrLocal,
                                         CCmRefPtrT<TransportType>& aTransport) {
     Stop();
+    m_Attempts.reserve(aAddrs.size());
     m_Addrs = std::move(aAddrs);
     m_AddrLocal = aAddrLocal;
     return StartNext_i(aTransport);
@@ -32,8 +35,13 @@ void CConnectRaceT<TransportType>::Stop() {
 template <class TransportType>
 int CConnectRaceT<TransportType>::StartNext_i(CCmRefPtrT<TransportType>& aTransport) {
     while (m_stNext < m_Addrs.size()) {
-        std::unique_ptr<CAttempt> pAttempt(new CAttempt(*m_pReactor, *this));
-        const int nRv = pAttempt->Start(m_Addrs[m_stNext++], m_AddrLocal);
+        const CCmInetAddr& addr = m_Addrs[m_stNext++];
+        std::unique_ptr<CAttempt> pAttempt(new (std::nothrow) CAttempt(*m_pReactor, *this));
+        if (!pAttempt) {
+            m_Failure = CCmFailure(ENOMEM, "connect to", addr);
+            continue;
+        }
+        const int nRv = pAttempt->Start(addr, m_AddrLocal);
         if (nRv == -1) {
             m_Failure = pAttempt->GetFailure();
             continue;

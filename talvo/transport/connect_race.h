@@ -29,7 +29,7 @@ public:
     CConnectRaceT& operator=(const CConnectRaceT&) = delete;
 
     // 0: aTransport is connected. 1: under way. -1: every address has failed at once, the last one's error in errno. A report
-    // follows only for 1.
+    // follows only for 1. Throws std::bad_alloc, and may be started again.
     int Start(std::vector<CCmInetAddr> aAddrs, const CCmInetAddr& aAddrLocal, CCmRefPtrT<TransportType>& aTransport);
 
     // Why the address that failed last did so.

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 
 template <class TransportType>
 ACmConnectorInternal* CCmConnectorTcpT<TransportType>::Make(ICmReactor* aReactor, ACmConnectorUpper& aUpper) {
@@ -20,10 +21,24 @@ template <class TransportType>
 int CCmConnectorTcpT<TransportType>::Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal) {
     Close();
     m_Failure = {};
-    m_AddrPeer = aAddr;
-    m_AddrLocal = aAddrLocal ? *aAddrLocal : CCmInetAddr::s_InetAddrAny;
-    const CCmString strName = m_AddrPeer.GetHostName();
-    return strName.empty() ? ConnectTo_i({m_AddrPeer.GetIpAddrIn4Bytes()}) : ConnectToName_i(strName);
+    return WithMemory_i([&] {
+        m_AddrPeer = aAddr;
+        m_AddrLocal = aAddrLocal ? *aAddrLocal : CCmInetAddr::s_InetAddrAny;
+        const CCmString strName = m_AddrPeer.GetHostName();
+        return strName.empty() ? ConnectTo_i({m_AddrPeer.GetIpAddrIn4Bytes()}) : ConnectToName_i(strName);
+    });
+}
+
+// What aConnect returns; -1 when memory ran out in it, with nothing under way.
+template <class TransportType>
+template <class Callable>
+int CCmConnectorTcpT<TransportType>::WithMemory_i(Callable aConnect) {
+    int nRv = -1;
+    if (talvo::WithMemory([&] { nRv = aConnect(); }))
+        return nRv;
+    Close();
+    m_Failure = CCmFailure(ENOMEM, "connect to", m_AddrPeer);
+    return -1;
 }
 
 template <class TransportType>
@@ -32,6 +47,8 @@ int CCmConnectorTcpT<TransportType>::ConnectToName_i(const CCmString& aName) {
     const CmResult rv = m_Lookup.Start(aName, pRecord);
     if (rv == CM_ERROR_WOULD_BLOCK)
         return 1;
+    if (rv == CM_ERROR_OUT_OF_MEMORY)
+        throw std::bad_alloc();
     if (rv == CM_OK && pRecord->GetState() == CCmDnsRecord::RESOLVED)
         return ConnectTo_i(pRecord->GetAddresses());
     NameFailed_i(rv == CM_OK ? pRecord.Get() : nullptr, rv);
@@ -65,8 +82,8 @@ void CCmConnectorTcpT<TransportType>::OnNameKnown(const CCmDnsRecord& aRecord) {
     if (aRecord.GetState() == CCmDnsRecord::FAILED) {
         NameFailed_i(&aRecord, CM_OK);
         Report_i(CM_ERROR_NETWORK_DNS_FAILURE);
-    } else if (ConnectTo_i(aRecord.GetAddresses()) == -1) {
-        Report_i(CM_ERROR_NETWORK_CONNECT_ERROR);
+    } else if (WithMemory_i([&] { return ConnectTo_i(aRecord.GetAddresses()); }) == -1) {
+        Report_i(FailureResult_i());
     }
 }
 
@@ -75,6 +92,7 @@ int CCmConnectorTcpT<TransportType>::ReportLater_i(CmResult aReason) {
     const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, CCmTimeValue::s_tvZero, 1);
     if (rv != CM_OK && rv != CM_ERROR_FOUND) {
         Close();
+        m_Failure = CCmFailure(ENOMEM, "connect to", m_AddrPeer);
         return -1;
     }
     m_bTimerArmed = TRUE;
@@ -92,7 +110,12 @@ template <class TransportType>
 void CCmConnectorTcpT<TransportType>::OnRaceDone(CCmRefPtrT<TransportType> aTransport) {
     m_pTransport = std::move(aTransport);
     m_Failure = m_Race.GetFailure();
-    Report_i(m_pTransport ? CM_OK : CM_ERROR_NETWORK_CONNECT_ERROR);
+    Report_i(m_pTransport ? CM_OK : FailureResult_i());
+}
+
+template <class TransportType>
+CmResult CCmConnectorTcpT<TransportType>::FailureResult_i() const {
+    return m_Failure.GetErrno() == ENOMEM ? CM_ERROR_OUT_OF_MEMORY : CM_ERROR_NETWORK_CONNECT_ERROR;
 }
 
 // The last thing of an attempt: the upper connector may delete this one.

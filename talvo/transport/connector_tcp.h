@@ -32,6 +32,9 @@ private:
     int ConnectToName_i(const CCmString& aName);
     int ConnectTo_i(const std::vector<DWORD>& aAddresses);
     void NameFailed_i(const CCmDnsRecord* aRecord, CmResult aReason);
+    template <class Callable>
+    int WithMemory_i(Callable aConnect);
+    CmResult FailureResult_i() const;
     int ReportLater_i(CmResult aReason);
     void Report_i(CmResult aReason);
 

@@ -59,12 +59,14 @@ void CConnectorProxyCore::PostConnect_i(DWORD aAttempt, const CCmInetAddr& aPeer
 }
 
 void CConnectorProxyCore::CancelConnect() {
-    if (End())
-        GetNetwork().Post([pThis = CCmRefPtrT<CConnectorProxyCore>(this)] { pThis->Cancel_i(); });
+    if (End() && !m_bCancelPosted.exchange(TRUE))
+        m_CancelEvent.Post(GetNetwork());
 }
 
 void CConnectorProxyCore::Connect_i(DWORD aAttempt, const CCmInetAddr& aPeer, std::optional<CCmTimeValue> aTimeout,
                                     std::optional<CCmInetAddr> aLocal) {
+    if (!IsCurrent(aAttempt))
+        return;  // cancelled, by an event that was posted before this request
     if (const CmResult rv = Make_i(); rv != CM_OK) {
         PostIndication(aAttempt, rv, nullptr, LocalFailure(cm_result_name(rv), aPeer));
         return;
@@ -75,6 +77,9 @@ void CConnectorProxyCore::Connect_i(DWORD aAttempt, const CCmInetAddr& aPeer, st
 }
 
 void CConnectorProxyCore::Cancel_i() {
+    m_bCancelPosted = FALSE;
+    if (IsCurrent(m_dwRunning))
+        return;
     m_dwRunning = 0;
     if (m_pInner)
         m_pInner->CancelConnect();

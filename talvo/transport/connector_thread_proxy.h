@@ -28,6 +28,8 @@ private:
     void Stop_i(ICmConnector& aConnector) override { aConnector.CancelConnect(); }
 
     CCmFailure m_IfEnded;  // network thread; what its end would be for the attempt under way
+    std::atomic<BOOL> m_bCancelPosted{FALSE};
+    CEmbeddedEventT<CConnectorProxyCore, &CConnectorProxyCore::Cancel_i> m_CancelEvent{*this};
 };
 
 }  // namespace talvo

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 
 template <class TransportType>
 ACmConnectorInternal* CCmConnectorUdpT<TransportType>::Make(ICmReactor* aReactor, ACmConnectorUpper& aUpper) {
@@ -17,10 +18,18 @@ template <class TransportType>
 int CCmConnectorUdpT<TransportType>::Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal) {
     Close();
     m_Failure = {};
-    m_AddrPeer = aAddr;
-    m_AddrLocal = aAddrLocal ? *aAddrLocal : CCmInetAddr::s_InetAddrAny;
-    const CCmString strName = m_AddrPeer.GetHostName();
-    return strName.empty() ? Connect_i() : ConnectToName_i(strName);
+    int nRv = -1;
+    const BOOL bMemory = talvo::WithMemory([&] {
+        m_AddrPeer = aAddr;
+        m_AddrLocal = aAddrLocal ? *aAddrLocal : CCmInetAddr::s_InetAddrAny;
+        const CCmString strName = m_AddrPeer.GetHostName();
+        nRv = strName.empty() ? Connect_i() : ConnectToName_i(strName);
+    });
+    if (bMemory)
+        return nRv;
+    Close();
+    m_Failure = CCmFailure(ENOMEM, "connect to", aAddr);
+    return -1;
 }
 
 template <class TransportType>
@@ -29,6 +38,8 @@ int CCmConnectorUdpT<TransportType>::ConnectToName_i(const CCmString& aName) {
     const CmResult rv = m_Lookup.Start(aName, pRecord);
     if (rv == CM_ERROR_WOULD_BLOCK)
         return 1;
+    if (rv == CM_ERROR_OUT_OF_MEMORY)
+        throw std::bad_alloc();
     if (rv == CM_OK && pRecord->GetState() == CCmDnsRecord::RESOLVED)
         return ConnectToAny_i(pRecord->GetAddresses());
     return NameFailed_i(rv == CM_OK ? pRecord.Get() : nullptr, rv);
@@ -101,7 +112,7 @@ void CCmConnectorUdpT<TransportType>::OnNameKnown(const CCmDnsRecord& aRecord) {
     if (aRecord.GetState() == CCmDnsRecord::FAILED)
         NameFailed_i(&aRecord, CM_OK);
     else if (ConnectToAny_i(aRecord.GetAddresses()) == -1)
-        Report_i(CM_ERROR_NETWORK_CONNECT_ERROR);
+        Report_i(m_Failure.GetErrno() == ENOMEM ? CM_ERROR_OUT_OF_MEMORY : CM_ERROR_NETWORK_CONNECT_ERROR);
 }
 
 template <class TransportType>

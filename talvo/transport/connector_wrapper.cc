@@ -64,7 +64,8 @@ void CCmConnectorWrapper::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCm
                                                                                << " err=" << errno);
     m_Failure = m_pConnector ? m_pConnector->GetFailure() : CCmFailure(CM_FAILURE_LOCAL, "the connector has no type", m_IfLate);
     // From a timer even though it is known now: a sink is never called back from inside its own AsycConnect.
-    ReportLater_i(CCmTimeValue::s_tvZero, CM_ERROR_NETWORK_CONNECT_TIMEOUT);
+    const BOOL bNoMemory = m_Failure.GetErrno() == ENOMEM;
+    ReportLater_i(CCmTimeValue::s_tvZero, bNoMemory ? CM_ERROR_OUT_OF_MEMORY : CM_ERROR_NETWORK_CONNECT_TIMEOUT);
 }
 
 void CCmConnectorWrapper::ReportLater_i(const CCmTimeValue& aDelay, CmResult aReason) {
@@ -89,7 +90,7 @@ void CCmConnectorWrapper::OnNoMemory() {
 
 void CCmConnectorWrapper::OnTimeout(const CCmTimeValue&, void* aArg) {
     const CmResult reason = static_cast<CmResult>(reinterpret_cast<intptr_t>(aArg));
-    if (reason == CM_ERROR_NETWORK_CONNECT_TIMEOUT) {
+    if (reason == CM_ERROR_NETWORK_CONNECT_TIMEOUT || reason == CM_ERROR_OUT_OF_MEMORY) {
         CM_INFO_TRACE("CCmConnectorWrapper::OnTimeout, connect failed.");
     } else if (reason == CM_ERROR_NETWORK_CONNECT_ERROR) {
         CM_INFO_TRACE("CCmConnectorWrapper::OnTimeout, connect timeout.");

@@ -1,26 +1,45 @@
 #include "talvo/transport/dns_askers.h"
 
+#include <new>
 #include <utility>
 
 namespace talvo {
 
-BOOL CDnsAskers::Begin(const CCmString& aName) { return m_ByName.try_emplace(aName).second; }
+BOOL CDnsAskers::Begin(const CCmString& aName, const CCmRefPtrT<CCmDnsRecord>& aNoMemory) {
+    return m_ByName.try_emplace(aName, CLookUp{{}, aNoMemory}).second;
+}
 
-void CDnsAskers::Add(const CCmString& aName, ICmObserver* aObserver, CCmRefPtrT<CCmThreadLink> aLink) {
+uint64_t CDnsAskers::Add(const CCmString& aName, ICmObserver* aObserver, CCmRefPtrT<CCmThreadLink> aLink,
+                         std::unique_ptr<ICmEvent> aTell) {
     const uint64_t ullId = ++m_ullLastId;
-    m_Askers.emplace(ullId, CAsker{aObserver, std::move(aLink), aName});
-    m_ByObserver.emplace(aObserver, ullId);
-    m_ByName[aName].insert(ullId);
+    try {
+        m_Askers.emplace(ullId, CAsker{aObserver, std::move(aLink), aName, std::move(aTell)});
+        m_ByObserver.emplace(aObserver, ullId);
+        m_ByName.at(aName).m_Askers.insert(ullId);
+    } catch (const std::bad_alloc&) {
+        Take(ullId);
+        throw;
+    }
+    return ullId;
 }
 
-std::vector<uint64_t> CDnsAskers::End(const CCmString& aName) {
-    const auto node = m_ByName.extract(aName);
-    return node ? std::vector<uint64_t>(node.mapped().begin(), node.mapped().end()) : std::vector<uint64_t>();
+CDnsAskers::CLookUp CDnsAskers::End(const CCmString& aName) {
+    auto node = m_ByName.extract(aName);
+    return node ? std::move(node.mapped()) : CLookUp();
 }
 
-CCmRefPtrT<CCmThreadLink> CDnsAskers::GetLink(uint64_t aId) const {
+CDnsAskers::CLookUp CDnsAskers::EndAny() {
+    if (m_ByName.empty())
+        return {};
+    return std::move(m_ByName.extract(m_ByName.begin()).mapped());
+}
+
+std::unique_ptr<ICmEvent> CDnsAskers::TakeTell(uint64_t aId, CCmRefPtrT<CCmThreadLink>& aLink) {
     const auto found = m_Askers.find(aId);
-    return found != m_Askers.end() ? found->second.m_pLink : nullptr;
+    if (found == m_Askers.end())
+        return nullptr;
+    aLink = found->second.m_pLink;
+    return std::move(found->second.m_pTell);
 }
 
 ICmObserver* CDnsAskers::Take(uint64_t aId) {
@@ -37,7 +56,7 @@ ICmObserver* CDnsAskers::Take(uint64_t aId) {
     }
     const auto name = m_ByName.find(node.mapped().m_strName);
     if (name != m_ByName.end())
-        name->second.erase(aId);
+        name->second.m_Askers.erase(aId);
     return pObserver;
 }
 
@@ -48,14 +67,6 @@ BOOL CDnsAskers::Cancel(ICmObserver* aObserver) {
         bFound = TRUE;
     }
     return bFound;
-}
-
-std::vector<CCmString> CDnsAskers::GetNames() const {
-    std::vector<CCmString> names;
-    names.reserve(m_ByName.size());
-    for (const auto& [strName, ids] : m_ByName)
-        names.push_back(strName);
-    return names;
 }
 
 }  // namespace talvo

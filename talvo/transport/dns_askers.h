@@ -2,48 +2,56 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <set>
 #include <unordered_map>
-#include <vector>
 
 #include "talvo/base/ref_ptr.h"
 #include "talvo/event/thread_link.h"
+#include "talvo/transport/dns_record.h"
 
 class ICmObserver;
 
 namespace talvo {
 
 // The names that are looked up, and those who want to hear. An asker stays known until it has been told or has cancelled, so
-// that a cancel also reaches what is on its way to it. Its user locks.
+// that a cancel also reaches what is on its way to it. Its user locks. Begin and Add alone need memory: without it they throw
+// std::bad_alloc, and nothing changes.
 class CDnsAskers {
 public:
     struct CAsker {
         ICmObserver* m_pObserver;           // not owned: cancels before it dies
         CCmRefPtrT<CCmThreadLink> m_pLink;  // where it is called
         CCmString m_strName;
+        std::unique_ptr<ICmEvent> m_pTell;  // carries the record to it; null: is on its way
+    };
+    struct CLookUp {
+        std::set<uint64_t> m_Askers;           // in the order in which they asked
+        CCmRefPtrT<CCmDnsRecord> m_pNoMemory;  // the outcome if there is no memory for another
     };
 
-    // TRUE: aName was not being looked up before.
-    BOOL Begin(const CCmString& aName);
-    void Add(const CCmString& aName, ICmObserver* aObserver, CCmRefPtrT<CCmThreadLink> aLink);
+    // TRUE: aName was not being looked up before, and is now.
+    BOOL Begin(const CCmString& aName, const CCmRefPtrT<CCmDnsRecord>& aNoMemory);
+    // aName is being looked up. Returns the asker's number, which aTell is given before it is used.
+    uint64_t Add(const CCmString& aName, ICmObserver* aObserver, CCmRefPtrT<CCmThreadLink> aLink,
+                 std::unique_ptr<ICmEvent> aTell);
 
-    // The look-up of aName is over: those who want to hear of it, in the order in which they asked.
-    std::vector<uint64_t> End(const CCmString& aName);
+    // The look-up of aName, or any, is over. Without a record: there was none.
+    CLookUp End(const CCmString& aName);
+    CLookUp EndAny();
 
-    // The thread that shall call an asker, null when it has cancelled.
-    CCmRefPtrT<CCmThreadLink> GetLink(uint64_t aId) const;
+    // The event for an asker and the thread that it goes to, null when the asker has cancelled.
+    std::unique_ptr<ICmEvent> TakeTell(uint64_t aId, CCmRefPtrT<CCmThreadLink>& aLink);
     // Takes an asker out: its observer, null when it has cancelled.
     ICmObserver* Take(uint64_t aId);
     // Takes out all askers of aObserver; FALSE: it has none.
     BOOL Cancel(ICmObserver* aObserver);
 
-    std::vector<CCmString> GetNames() const;
-
 private:
     uint64_t m_ullLastId = 0;
     std::map<uint64_t, CAsker> m_Askers;
     std::unordered_multimap<ICmObserver*, uint64_t> m_ByObserver;
-    std::unordered_map<CCmString, std::set<uint64_t>> m_ByName;
+    std::unordered_map<CCmString, CLookUp> m_ByName;
 };
 
 }  // namespace talvo

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "talvo/base/clock.h"
+#include "talvo/base/with_memory.h"
 
 CCmRefPtrT<CCmDnsRecord> CCmDnsCache::MakeRecord(const CCmString& aName, talvo::CDnsAnswer aAnswer) {
     if (aAnswer.m_Addresses.size() > MAX_ADDRESSES)
@@ -21,8 +22,10 @@ void CCmDnsCache::Add(CCmRefPtrT<CCmDnsRecord> aRecord) {
         Remove_i(found->second);
     else if (m_Index.size() == MAX_NAMES)
         Remove_i(std::prev(m_Records.end()));
-    m_Records.push_front(std::move(aRecord));
-    m_Index[m_Records.front()->GetName()] = m_Records.begin();
+    if (!talvo::WithMemory([&] { m_Records.push_front(std::move(aRecord)); }))
+        return;
+    if (!talvo::WithMemory([&] { m_Index[m_Records.front()->GetName()] = m_Records.begin(); }))
+        m_Records.pop_front();
 }
 
 CCmRefPtrT<CCmDnsRecord> CCmDnsCache::Find(const CCmString& aName) {

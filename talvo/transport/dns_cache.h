@@ -33,7 +33,7 @@ public:
     // The record for an answer that came now, living as long as the bounds allow.
     static CCmRefPtrT<CCmDnsRecord> MakeRecord(const CCmString& aName, talvo::CDnsAnswer aAnswer);
 
-    // Keeps aRecord under its name, in place of the one before.
+    // Keeps aRecord under its name, in place of the one before; without memory nothing.
     void Add(CCmRefPtrT<CCmDnsRecord> aRecord);
 
     // The live record of that name, which counts as used now; null: there is none. Names are compared exactly.

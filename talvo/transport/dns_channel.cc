@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/event/reactor.h"
 
 namespace talvo {
@@ -57,7 +58,7 @@ public:
     }
     ~CImpl() override;
 
-    void Query(const CCmString& aName);
+    BOOL Query(const CCmString& aName);
     void Process(HANDLE aRead, HANDLE aWrite);
     void OnSocketClosed(HANDLE aFd);
 
@@ -76,7 +77,7 @@ private:
     void Open_i(const CDnsSettings& aSettings);
     void SetServers_i(const CCmString& aServers);
     void Watch_i(HANDLE aFd, long aMask);
-    void ArmTimer_i();
+    BOOL ArmTimer_i();
     void Finish_i();
 
     ICmReactor& m_Reactor;
@@ -84,6 +85,7 @@ private:
     ares_channel m_pChannel = nullptr;  // owned; null: it could not be made
     std::unordered_map<HANDLE, std::unique_ptr<CSocket>> m_Sockets;
     std::vector<CDnsNamedAnswer> m_Answers;  // not handed over yet
+    BOOL m_bNoMemory = FALSE;                // for an answer
 };
 
 // One of the library's sockets, which the library opens and closes.
@@ -154,7 +156,7 @@ CDnsChannel::CImpl::~CImpl() {
     m_Reactor.CancelTimer(this);
 }
 
-void CDnsChannel::CImpl::Query(const CCmString& aName) {
+BOOL CDnsChannel::CImpl::Query(const CCmString& aName) {
     if (m_pChannel) {
         ares_addrinfo_hints hints{};
         hints.ai_family = AF_INET;
@@ -163,14 +165,17 @@ void CDnsChannel::CImpl::Query(const CCmString& aName) {
     } else {
         m_Answers.push_back({aName, {{}, 0, NO_CHANNEL}});
     }
-    ArmTimer_i();
+    return ArmTimer_i();
 }
 
 void CDnsChannel::CImpl::OnAnswer(void* aQuestion, int aStatus, int, ares_addrinfo* aInfo) {
     const std::unique_ptr<CQuestion> pQuestion(static_cast<CQuestion*>(aQuestion));
     const std::unique_ptr<ares_addrinfo, decltype(&ares_freeaddrinfo)> pInfo(aInfo, &ares_freeaddrinfo);
-    if (aStatus != ARES_EDESTRUCTION)
-        pQuestion->m_Impl.m_Answers.push_back({pQuestion->m_strName, AnswerOf(aStatus, aInfo)});
+    CImpl& impl = pQuestion->m_Impl;
+    if (aStatus != ARES_EDESTRUCTION && !WithMemory([&] {
+            impl.m_Answers.push_back({pQuestion->m_strName, AnswerOf(aStatus, aInfo)});
+        }))
+        impl.m_bNoMemory = TRUE;
 }
 
 void CDnsChannel::CImpl::OnSocketState(void* aThis, ares_socket_t aFd, int aReadable, int aWritable) {
@@ -184,11 +189,16 @@ void CDnsChannel::CImpl::Watch_i(HANDLE aFd, long aMask) {
         m_Sockets.erase(aFd);
         return;
     }
-    std::unique_ptr<CSocket>& pSocket = m_Sockets[aFd];
-    if (!pSocket)
-        pSocket = std::make_unique<CSocket>(*this, aFd);
-    pSocket->m_lMask = aMask;
-    const CmResult rv = m_Reactor.RegisterHandler(pSocket.get(), aMask);
+    CmResult rv = CM_ERROR_OUT_OF_MEMORY;
+    WithMemory([&] {
+        std::unique_ptr<CSocket>& pSocket = m_Sockets[aFd];
+        if (!pSocket)
+            pSocket = std::make_unique<CSocket>(*this, aFd);
+        pSocket->m_lMask = aMask;
+        rv = m_Reactor.RegisterHandler(pSocket.get(), aMask);
+    });
+    if (rv == CM_ERROR_OUT_OF_MEMORY)
+        m_Sockets.erase(aFd);
     if (rv != CM_OK && rv != CM_ERROR_FOUND)
         CM_ERROR_TRACE_THIS("CDnsChannel::Watch_i, RegisterHandler() failed! rv=" << rv);  // its questions time out
 }
@@ -213,21 +223,26 @@ void CDnsChannel::CImpl::OnTimeout(const CCmTimeValue&, void*) {
     Finish_i();
 }
 
-void CDnsChannel::CImpl::ArmTimer_i() {
+// FALSE: there is no memory for a timer, so nothing would bring an answer.
+BOOL CDnsChannel::CImpl::ArmTimer_i() {
     timeval next{};
-    if (!m_Answers.empty())
-        m_Reactor.ScheduleTimer(this, nullptr, CCmTimeValue::s_tvZero, 1);
+    CmResult rv = CM_OK;
+    if (!m_Answers.empty() || m_bNoMemory)
+        rv = m_Reactor.ScheduleTimer(this, nullptr, CCmTimeValue::s_tvZero, 1);
     else if (m_pChannel && ares_timeout(m_pChannel, nullptr, &next))
-        m_Reactor.ScheduleTimer(this, nullptr, CCmTimeValue::FromUsec(CCmTimeValue(next).GetTotalInUsec() + 1000), 1);
+        rv = m_Reactor.ScheduleTimer(this, nullptr, CCmTimeValue::FromUsec(CCmTimeValue(next).GetTotalInUsec() + 1000), 1);
     else
         m_Reactor.CancelTimer(this);
+    return rv == CM_OK || rv == CM_ERROR_FOUND;
 }
 
 // The last thing of every turn, see above.
 void CDnsChannel::CImpl::Finish_i() {
     std::vector<CDnsNamedAnswer> answers = std::exchange(m_Answers, {});
-    ArmTimer_i();
-    if (!answers.empty())
+    const BOOL bNoMemory = std::exchange(m_bNoMemory, FALSE);
+    if (!ArmTimer_i() || bNoMemory)
+        m_User.OnDnsNoMemory();
+    else if (!answers.empty())
         m_User.OnDnsAnswers(std::move(answers));
 }
 
@@ -236,6 +251,6 @@ CDnsChannel::CDnsChannel(ICmReactor& aReactor, IDnsChannelUser& aUser, const CDn
 
 CDnsChannel::~CDnsChannel() = default;
 
-void CDnsChannel::Query(const CCmString& aName) { m_pImpl->Query(aName); }
+BOOL CDnsChannel::Query(const CCmString& aName) { return m_pImpl->Query(aName); }
 
 }  // namespace talvo

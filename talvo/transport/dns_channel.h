@@ -22,6 +22,8 @@ class IDnsChannelUser {
 public:
     // What has come since the last call. From the reactor's loop, never from inside Query; may destroy the channel.
     virtual void OnDnsAnswers(std::vector<CDnsNamedAnswer> aAnswers) = 0;
+    // Memory ran out, and some question has no answer. Likewise.
+    virtual void OnDnsNoMemory() = 0;
 
 protected:
     virtual ~IDnsChannelUser() = default;
@@ -38,8 +40,8 @@ public:
     CDnsChannel(const CDnsChannel&) = delete;
     CDnsChannel& operator=(const CDnsChannel&) = delete;
 
-    // One answer follows.
-    void Query(const CCmString& aName);
+    // One answer follows. FALSE: memory ran out, and none does.
+    BOOL Query(const CCmString& aName);
 
 private:
     class CImpl;

@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "talvo/base/inet_addr.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/transport/dns_state.h"
 
 namespace {
@@ -35,7 +36,7 @@ CCmDnsManager* CCmDnsManager::Instance() {
         return pInstance;
     SingletonGuard guard(GetSingletonMutex());
     if (!s_pInstance)
-        s_pInstance = new CCmDnsManager;
+        talvo::WithMemory([] { s_pInstance = new CCmDnsManager; });
     return s_pInstance;
 }
 
@@ -44,23 +45,27 @@ CmResult CCmDnsManager::AsyncResolve(CCmDnsRecord*& aRecord, const CCmString& aH
     aRecord = nullptr;
     if (!IsName(aHostName))
         return CM_ERROR_INVALID_ARG;
-    const CCmString strName = talvo::ToLower(aHostName);
     CCmRefPtrT<CCmDnsRecord> pRecord;
     CmResult rv = CM_OK;
-    DWORD dwAddr;
-    if (CCmInetAddr::IpAddrStringTo4Bytes(strName.c_str(), dwAddr))
-        pRecord = CCmDnsCache::MakeRecord(strName, {{dwAddr}, CCmDnsCache::MAX_TTL, ""});
-    else
-        rv = m_pState->Resolve(pRecord, strName, aObserver, aForced, aThread);
+    const BOOL bMemory = talvo::WithMemory([&] {
+        const CCmString strName = talvo::ToLower(aHostName);
+        DWORD dwAddr;
+        if (CCmInetAddr::IpAddrStringTo4Bytes(strName.c_str(), dwAddr))
+            pRecord = CCmDnsCache::MakeRecord(strName, {{dwAddr}, CCmDnsCache::MAX_TTL, ""});
+        else
+            rv = m_pState->Resolve(pRecord, strName, aObserver, aForced, aThread);
+    });
     aRecord = pRecord.Detach();
-    return rv;
+    return bMemory ? rv : CM_ERROR_OUT_OF_MEMORY;
 }
 
 CmResult CCmDnsManager::CancelResolve(ICmObserver* aObserver) {
     return aObserver ? m_pState->Cancel(aObserver) : CM_ERROR_INVALID_ARG;
 }
 
-void CCmDnsManager::Refresh() { m_pState->Refresh(); }
+void CCmDnsManager::Refresh() {
+    talvo::WithMemory([this] { m_pState->Refresh(); });
+}
 
 CmResult CCmDnsManager::ResolveFromCache(const CCmString& aName, DWORD& aAddr) {
     CCmRefPtrT<CCmDnsRecord> pRecord;

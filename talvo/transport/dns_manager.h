@@ -20,7 +20,8 @@ public:
     static constexpr size_t MAX_NAME_LENGTH = 253;  // without the dot that may end a name
     static constexpr const char* TOPIC = "DnsManager";
 
-    // Created by the first call; null never.
+    // Created by the first call. Null: memory ran out, and the next call tries again; never while there is a connection
+    // manager.
     static CCmDnsManager* Instance();
 
     // Asks for the addresses of aHostName. A literal address (any form that CCmInetAddr takes) is answered at once and never
@@ -35,6 +36,7 @@ public:
     // it cancels before it dies.
     // CM_ERROR_INVALID_ARG: the name is empty, too long or has characters that no name can have. CM_ERROR_NULL_POINTER: an
     // observer, but no thread with an event queue to call it in. CM_ERROR_NOT_AVAILABLE: there is no network thread.
+    // CM_ERROR_OUT_OF_MEMORY. Memory that runs out later is told as a record of state FAILED.
     //
     // aForced: asks anew although the cache knows; the new answer replaces the one before. A look-up that is under way is new
     // enough. When the network thread ends, those who still wait hear a failure that the cache does not keep.

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "talvo/base/clock.h"
 #include "talvo/base/config.h"
@@ -34,11 +35,12 @@ CDnsWatch::CFileState CDnsWatch::CFileState::Of(const CCmString& aPath) {
 }
 
 void CDnsWatch::TakeNote() {
+    CState state{CDnsSettings::Read(), {}, {}};
+    state.m_ResolverFile = CFileState::Of(state.m_Settings.m_strResolverFile);
+    state.m_HostsFile = CFileState::Of(state.m_Settings.m_strHostsFile);
+    m_State = std::move(state);
     m_bLooked = TRUE;
     m_llNextLookUsec = CCmClock::GetTimeOfDayUsec() + LOOK_INTERVAL_USEC;
-    m_State.m_Settings = CDnsSettings::Read();
-    m_State.m_ResolverFile = CFileState::Of(m_State.m_Settings.m_strResolverFile);
-    m_State.m_HostsFile = CFileState::Of(m_State.m_Settings.m_strHostsFile);
 }
 
 BOOL CDnsWatch::HasChanged() {

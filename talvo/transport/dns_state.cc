@@ -1,8 +1,10 @@
 #include "talvo/transport/dns_state.h"
 
+#include <memory>
 #include <new>
 #include <utility>
 
+#include "talvo/base/with_memory.h"
 #include "talvo/event/thread.h"
 #include "talvo/transport/dns_manager.h"
 
@@ -11,6 +13,7 @@ namespace talvo {
 namespace {
 
 constexpr const char* THREAD_ENDED = "the network thread has ended";
+constexpr const char* NO_MEMORY = "out of memory";
 
 using Guard = CCmMutexGuardT<CCmMutexThread>;
 
@@ -20,26 +23,34 @@ public:
     CEventStart(CDnsState& aState, const CCmString& aName) : m_pState(&aState), m_strName(aName) {}
     ~CEventStart() override {
         if (!m_bArrived)
-            m_pState->Fail(m_strName);
+            m_pState->Fail(m_strName, THREAD_ENDED);
     }
     CmResult OnEventFire() override {
         m_bArrived = TRUE;
         m_pState->Start_n(m_strName);
         return CM_OK;
     }
+    // From here on it is under way, and its end without an arrival is a failure.
+    void Count() { m_bArrived = FALSE; }
 
 private:
     const CCmRefPtrT<CDnsState> m_pState;
     const CCmString m_strName;
-    BOOL m_bArrived = FALSE;
+    BOOL m_bArrived = TRUE;
 };
 
-// Carries a record to an asker.
+// Carries a record to an asker; made when that asks, since then the asker can be told that there is no memory.
 class CEventTell final : public ICmEvent {
 public:
-    CEventTell(CDnsState& aState, uint64_t aId, const CCmRefPtrT<CCmDnsRecord>& aRecord)
-        : m_pState(&aState), m_ullId(aId), m_pRecord(aRecord) {}
-    ~CEventTell() override { m_pState->Forget(m_ullId); }
+    explicit CEventTell(CDnsState& aState) : m_pState(&aState) {}
+    ~CEventTell() override {
+        if (m_pRecord)
+            m_pState->Forget(m_ullId);
+    }
+    void SetRecord(uint64_t aId, const CCmRefPtrT<CCmDnsRecord>& aRecord) {
+        m_ullId = aId;
+        m_pRecord = aRecord;
+    }
     CmResult OnEventFire() override {
         m_pState->Tell(m_ullId, *m_pRecord);
         return CM_OK;
@@ -47,9 +58,13 @@ public:
 
 private:
     const CCmRefPtrT<CDnsState> m_pState;
-    const uint64_t m_ullId;
-    const CCmRefPtrT<CCmDnsRecord> m_pRecord;
+    uint64_t m_ullId = 0;
+    CCmRefPtrT<CCmDnsRecord> m_pRecord;
 };
+
+CCmRefPtrT<CCmDnsRecord> MakeFailure(const CCmString& aName, const char* aReason) {
+    return CCmDnsCache::MakeRecord(aName, {{}, 0, aReason});
+}
 
 // The way to the network thread, null when there is none.
 CCmRefPtrT<CCmThreadLink> GetNetworkLink() {
@@ -82,15 +97,23 @@ CmResult CDnsState::Ask_i(const CCmString& aName, ICmObserver* aObserver, CCmThr
     const CCmRefPtrT<CCmThreadLink> pNetwork = GetNetworkLink();
     if (!pNetwork)
         return CM_ERROR_NOT_AVAILABLE;
-    BOOL bNew;
+    // All that the look-up needs to end is made first: nobody waits for an answer that memory is missing for.
+    auto pStart = std::make_unique<CEventStart>(*this, aName);
+    const CCmRefPtrT<CCmDnsRecord> pNoMemory = MakeFailure(aName, NO_MEMORY);
+    std::unique_ptr<ICmEvent> pTell(aObserver ? new CEventTell(*this) : nullptr);
     {
         Guard guard(m_Mutex);
-        bNew = m_Askers.Begin(aName);
-        if (aObserver)
-            m_Askers.Add(aName, aObserver, aLink);
+        const BOOL bNew = m_Askers.Begin(aName, pNoMemory);
+        if (aObserver && !WithMemory([&] { m_Askers.Add(aName, aObserver, aLink, std::move(pTell)); })) {
+            if (bNew)
+                m_Askers.End(aName);
+            return CM_ERROR_OUT_OF_MEMORY;
+        }
+        if (!bNew)
+            return CM_ERROR_WOULD_BLOCK;
     }
-    if (bNew)
-        pNetwork->PostEvent(new CEventStart(*this, aName));
+    pStart->Count();
+    pNetwork->PostEvent(pStart.release());
     return CM_ERROR_WOULD_BLOCK;
 }
 
@@ -137,7 +160,7 @@ void CDnsState::Start_n(const CCmString& aName) {
     if (CDnsWorker* pWorker = GetWorker_n())
         pWorker->Start(aName);
     else
-        Fail(aName);
+        Fail(aName, NO_MEMORY);
 }
 
 // The first question in a network thread makes the worker, which lives until that thread ends.
@@ -148,8 +171,11 @@ CDnsWorker* CDnsState::GetWorker_n() {
     ICmReactor* pReactor = pThread ? pThread->GetReactor() : nullptr;
     if (!pReactor || pThread->GetLink().Join(*this) != CM_OK)
         return nullptr;
-    m_pSelf = this;
-    m_pWorker.reset(new CDnsWorker(*pReactor, *this));
+    m_pWorker.reset(new (std::nothrow) CDnsWorker(*pReactor, *this));
+    if (m_pWorker)
+        m_pSelf = this;
+    else
+        pThread->GetLink().Leave(*this);
     return m_pWorker.get();
 }
 
@@ -157,49 +183,72 @@ CDnsWorker* CDnsState::GetWorker_n() {
 void CDnsState::OnThreadEnd() {
     const CCmRefPtrT<CDnsState> pThis = std::move(m_pSelf);
     m_pWorker.reset();
-    std::vector<CCmString> names;
     {
         Guard guard(m_Mutex);
         BeginAnew_l();
-        names = m_Askers.GetNames();
     }
-    for (const CCmString& strName : names)
-        Fail(strName);
+    FailAll(THREAD_ENDED);
 }
 
 BOOL CDnsState::OnDnsAnswer(DWORD aGeneration, CDnsNamedAnswer aAnswer) {
-    const CCmRefPtrT<CCmDnsRecord> pRecord = CCmDnsCache::MakeRecord(aAnswer.m_strName, std::move(aAnswer.m_Answer));
-    std::vector<uint64_t> askers;
+    CCmRefPtrT<CCmDnsRecord> pRecord;
+    WithMemory([&] { pRecord = CCmDnsCache::MakeRecord(aAnswer.m_strName, std::move(aAnswer.m_Answer)); });
+    CDnsAskers::CLookUp lookUp;
     {
         Guard guard(m_Mutex);
         if (aGeneration != m_dwGeneration)
             return FALSE;
-        m_Cache.Add(pRecord);
-        askers = m_Askers.End(pRecord->GetName());
+        if (pRecord)
+            m_Cache.Add(pRecord);
+        lookUp = m_Askers.End(aAnswer.m_strName);
     }
-    Finish_i(pRecord, askers);
+    Finish_i(pRecord, lookUp);
     return TRUE;
 }
 
-void CDnsState::Fail(const CCmString& aName) {
-    const CCmRefPtrT<CCmDnsRecord> pRecord = CCmDnsCache::MakeRecord(aName, {{}, 0, THREAD_ENDED});
-    std::vector<uint64_t> askers;
+void CDnsState::OnDnsNoMemory() { FailAll(NO_MEMORY); }
+
+void CDnsState::Fail(const CCmString& aName, const char* aReason) {
+    CCmRefPtrT<CCmDnsRecord> pRecord;
+    WithMemory([&] { pRecord = MakeFailure(aName, aReason); });
+    CDnsAskers::CLookUp lookUp;
     {
         Guard guard(m_Mutex);
-        askers = m_Askers.End(aName);
+        lookUp = m_Askers.End(aName);
     }
-    Finish_i(pRecord, askers);
+    Finish_i(pRecord, lookUp);
 }
 
-void CDnsState::Finish_i(const CCmRefPtrT<CCmDnsRecord>& aRecord, const std::vector<uint64_t>& aAskers) {
-    for (const uint64_t ullId : aAskers) {
-        CCmRefPtrT<CCmThreadLink> pLink;
+void CDnsState::FailAll(const char* aReason) {
+    for (;;) {
+        CDnsAskers::CLookUp lookUp;
         {
             Guard guard(m_Mutex);
-            pLink = m_Askers.GetLink(ullId);
+            lookUp = m_Askers.EndAny();
         }
-        if (pLink)
-            pLink->PostEvent(new CEventTell(*this, ullId, aRecord));
+        if (!lookUp.m_pNoMemory)
+            return;
+        CCmRefPtrT<CCmDnsRecord> pRecord;
+        WithMemory([&] { pRecord = MakeFailure(lookUp.m_pNoMemory->GetName(), aReason); });
+        Finish_i(pRecord, lookUp);
+    }
+}
+
+// aRecord null: there was no memory for one.
+void CDnsState::Finish_i(CCmRefPtrT<CCmDnsRecord> aRecord, const CDnsAskers::CLookUp& aLookUp) {
+    if (!aRecord)
+        aRecord = aLookUp.m_pNoMemory;
+    for (const uint64_t ullId : aLookUp.m_Askers) {
+        CCmRefPtrT<CCmThreadLink> pLink;
+        std::unique_ptr<ICmEvent> pTell;
+        {
+            Guard guard(m_Mutex);
+            pTell = m_Askers.TakeTell(ullId, pLink);
+        }
+        if (!pTell)
+            continue;
+        static_cast<CEventTell&>(*pTell).SetRecord(ullId, aRecord);
+        pLink->PostEvent(pTell.release());
     }
 }
 

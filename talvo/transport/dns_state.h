@@ -29,19 +29,21 @@ public:
     // Network thread.
     void Start_n(const CCmString& aName);
     void Refresh_n();
-    // A look-up that the network thread did not or cannot do.
-    void Fail(const CCmString& aName);
+    // A look-up that the network thread did not or cannot do, and all of them.
+    void Fail(const CCmString& aName, const char* aReason);
+    void FailAll(const char* aReason);
 
 private:
     void NoticeChanges_i();
     CmResult Ask_i(const CCmString& aName, ICmObserver* aObserver, CCmThreadLink* aLink);
     void BeginAnew_l() CM_REQUIRES(m_Mutex);
     void PostRefresh_i();
-    void Finish_i(const CCmRefPtrT<CCmDnsRecord>& aRecord, const std::vector<uint64_t>& aAskers);
+    void Finish_i(CCmRefPtrT<CCmDnsRecord> aRecord, const CDnsAskers::CLookUp& aLookUp);
     CDnsWorker* GetWorker_n();
 
     void OnThreadEnd() override;
     BOOL OnDnsAnswer(DWORD aGeneration, CDnsNamedAnswer aAnswer) override;
+    void OnDnsNoMemory() override;
     DWORD GetGeneration() const override { return m_dwGeneration; }
 
     CCmMutexThread m_Mutex;

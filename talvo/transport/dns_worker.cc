@@ -1,13 +1,27 @@
 #include "talvo/transport/dns_worker.h"
 
 #include <iterator>
+#include <new>
 #include <utility>
 
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 
 namespace talvo {
 
-CDnsWorker::CDnsWorker(ICmReactor& aReactor, IDnsWorkerUser& aUser) : m_Reactor(aReactor), m_User(aUser) { Load_i(); }
+// Whatever memory is missing for, all begins anew with the next question.
+template <class Work>
+void CDnsWorker::Do_i(Work aWork) {
+    if (!WithMemory(aWork))
+        OnDnsNoMemory();
+}
+
+void CDnsWorker::OnDnsNoMemory() {
+    m_pChannel.reset();
+    m_AtServers.clear();
+    m_Waiting.clear();
+    m_User.OnDnsNoMemory();
+}
 
 void CDnsWorker::Load_i() {
     m_dwGeneration = m_User.GetGeneration();
@@ -19,6 +33,12 @@ void CDnsWorker::Load_i() {
 }
 
 void CDnsWorker::Refresh() {
+    Do_i([this] { RefreshIfChanged_i(); });
+}
+
+void CDnsWorker::RefreshIfChanged_i() {
+    if (!m_pChannel)
+        Load_i();
     if (m_dwGeneration == m_User.GetGeneration())
         return;
     CM_INFO_TRACE_THIS("CDnsWorker::Refresh, settings or files have changed. under way=" << m_AtServers.size() +
@@ -32,8 +52,10 @@ void CDnsWorker::Refresh() {
 }
 
 void CDnsWorker::Start(const CCmString& aName) {
-    Refresh();
-    Ask_i(aName);
+    Do_i([&] {
+        RefreshIfChanged_i();
+        Ask_i(aName);
+    });
 }
 
 void CDnsWorker::Ask_i(const CCmString& aName) {
@@ -47,12 +69,17 @@ void CDnsWorker::Ask_i(const CCmString& aName) {
 
 void CDnsWorker::AskWaiting_i() {
     while (!m_Waiting.empty() && m_AtServers.size() < MAX_AT_SERVERS) {
-        m_pChannel->Query(*m_AtServers.insert(m_Waiting.front()).first);
+        if (!m_pChannel->Query(*m_AtServers.insert(m_Waiting.front()).first))
+            throw std::bad_alloc();
         m_Waiting.pop_front();
     }
 }
 
 void CDnsWorker::OnDnsAnswers(std::vector<CDnsNamedAnswer> aAnswers) {
+    Do_i([&] { TakeAnswers_i(aAnswers); });
+}
+
+void CDnsWorker::TakeAnswers_i(std::vector<CDnsNamedAnswer>& aAnswers) {
     BOOL bOutOfDate = FALSE;
     for (CDnsNamedAnswer& answer : aAnswers) {
         const CCmString strName = answer.m_strName;
@@ -62,7 +89,7 @@ void CDnsWorker::OnDnsAnswers(std::vector<CDnsNamedAnswer> aAnswers) {
             bOutOfDate = TRUE;
     }
     if (bOutOfDate)
-        Refresh();
+        RefreshIfChanged_i();
     else
         AskWaiting_i();
 }

@@ -16,6 +16,8 @@ public:
     // The answer to a Start. FALSE: the settings have changed since the question, the answer is of no use; the worker asks
     // again. Must not destroy the worker.
     virtual BOOL OnDnsAnswer(DWORD aGeneration, CDnsNamedAnswer aAnswer) = 0;
+    // Memory ran out: all that is under way gets no answer. Likewise.
+    virtual void OnDnsNoMemory() = 0;
     // Counts the changes of the settings.
     virtual DWORD GetGeneration() const = 0;
 
@@ -27,9 +29,9 @@ protected:
 // find room in the receive buffer. Begins anew with all that is under way when the settings have changed.
 class CDnsWorker : private IDnsChannelUser {
 public:
-    CDnsWorker(ICmReactor& aReactor, IDnsWorkerUser& aUser);
+    CDnsWorker(ICmReactor& aReactor, IDnsWorkerUser& aUser) : m_Reactor(aReactor), m_User(aUser) {}
 
-    // One answer follows; perhaps from inside.
+    // One answer follows, or OnDnsNoMemory; perhaps from inside.
     void Start(const CCmString& aName);
     // Reads settings and files again if they have changed.
     void Refresh();
@@ -38,6 +40,11 @@ private:
     static constexpr size_t MAX_AT_SERVERS = 128;
 
     void OnDnsAnswers(std::vector<CDnsNamedAnswer> aAnswers) override;
+    void OnDnsNoMemory() override;
+    template <class Work>
+    void Do_i(Work aWork);
+    void RefreshIfChanged_i();
+    void TakeAnswers_i(std::vector<CDnsNamedAnswer>& aAnswers);
     void Load_i();
     void Ask_i(const CCmString& aName);
     void AskWaiting_i();
@@ -46,7 +53,7 @@ private:
     IDnsWorkerUser& m_User;
     DWORD m_dwGeneration = 0;  // of the user, when the settings were read
     CDnsHosts m_Hosts;
-    std::unique_ptr<CDnsChannel> m_pChannel;
+    std::unique_ptr<CDnsChannel> m_pChannel;  // null: settings and files are not read yet
     std::unordered_set<CCmString> m_AtServers;
     std::deque<CCmString> m_Waiting;
 };

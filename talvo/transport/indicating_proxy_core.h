@@ -1,6 +1,7 @@
 // What the cores of the connectors' and the acceptors' proxies share.
 #pragma once
 
+#include <atomic>
 #include <utility>
 
 #include "talvo/transport/connect_options.h"
@@ -22,7 +23,7 @@ public:
     void SetProxy(Inner* aProxy) { m_pProxy = aProxy; }
     void Abandon() override {
         End();
-        GetNetwork().Post([pThis = CCmRefPtrT<CIndicatingProxyCoreT>(this)] { pThis->LetGo_i(); });
+        PostLetGo();
     }
 
     // From the connector or acceptor, in the network thread.
@@ -67,6 +68,16 @@ protected:
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         ++m_dwRequest;
         return std::exchange(m_pSink, nullptr) != nullptr;
+    }
+    // Any thread.
+    BOOL IsCurrent(DWORD aRequest) {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        return aRequest == m_dwRequest;
+    }
+    // Any thread: ends the network thread's side, for which no memory is needed.
+    void PostLetGo() {
+        if (!m_bLetGoPosted.exchange(TRUE))
+            m_LetGoEvent.Post(GetNetwork());
     }
     // Any thread. Nothing is noted for a request that is not current any more.
     void NoteFailure(DWORD aRequest, const CCmFailure& aFailure) {
@@ -138,6 +149,10 @@ private:
     void OnSpare() { Indicate_i(TakeSpare_i()); }
     void OnSpareDropped() { TakeSpare_i(); }
 
+    void OnLetGo() {
+        m_bLetGoPosted = FALSE;
+        LetGo_i();
+    }
     // User's thread.
     void Indicate_i(const CIndication& aIndication) {
         if (ICmAcceptorConnectorSink* pSink = SinkOf(aIndication.m_dwRequest))
@@ -154,6 +169,9 @@ private:
     const Factory m_Factory;
     const BOOL m_bOnce;         // an indication ends the request
     Inner* m_pProxy = nullptr;  // the handle, for upcalls: alive while there is a sink
+
+    std::atomic<BOOL> m_bLetGoPosted{FALSE};
+    CEmbeddedEventT<CIndicatingProxyCoreT, &CIndicatingProxyCoreT::OnLetGo> m_LetGoEvent{*this};
 
     CCmMutexThread m_Mutex;
     ICmAcceptorConnectorSink* m_pSink CM_GUARDED_BY(m_Mutex) = nullptr;  // not owned

@@ -6,7 +6,10 @@ namespace talvo {
 
 CmResult CNameLookup::Start(const CCmString& aName, CCmRefPtrT<CCmDnsRecord>& aRecord) {
     Cancel();
-    const CmResult rv = CCmDnsManager::Instance()->AsyncResolve(aRecord.ParaOut(), aName, this);
+    CCmDnsManager* pManager = CCmDnsManager::Instance();
+    if (!pManager)
+        return CM_ERROR_OUT_OF_MEMORY;
+    const CmResult rv = pManager->AsyncResolve(aRecord.ParaOut(), aName, this);
     m_bWaiting = rv == CM_ERROR_WOULD_BLOCK;
     return rv;
 }
@@ -22,7 +25,8 @@ void CNameLookup::Cancel() {
     if (!m_bWaiting)
         return;
     m_bWaiting = FALSE;
-    CCmDnsManager::Instance()->CancelResolve(this);
+    if (CCmDnsManager* pManager = CCmDnsManager::Instance())
+        pManager->CancelResolve(this);
 }
 
 void CNameLookup::OnObserve(const char*, void* aData) {
