@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "talvo/base/with_memory.h"
+
 namespace talvo {
 
 namespace {
@@ -55,12 +57,12 @@ CmResult CDnsHosts::Load(const CCmString& aPath) {
     if (fd == CM_INVALID_HANDLE)
         return CM_ERROR_NOT_FOUND;
     CCmString strText;
-    const BOOL bRead = ReadAll(fd, MAX_FILE_LENGTH, strText);
+    BOOL bRead = FALSE;
+    const BOOL bMemory = WithMemory([&] { bRead = ReadAll(fd, MAX_FILE_LENGTH, strText); });
     close(fd);
     if (!bRead)
-        return CM_ERROR_NOT_FOUND;
-    Parse(strText);
-    return CM_OK;
+        return bMemory ? CM_ERROR_NOT_FOUND : CM_ERROR_OUT_OF_MEMORY;
+    return WithMemory([&] { Parse(strText); }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
 
 void CDnsHosts::Parse(std::string_view aText) {

@@ -17,7 +17,7 @@ public:
     static constexpr size_t MAX_FILE_LENGTH = 1 << 20;  // bytes
 
     // Replaces what is known by a file. CM_OK; CM_ERROR_NOT_FOUND: it cannot be read, is no regular file or is too long: no
-    // name is known then.
+    // name is known then. CM_ERROR_OUT_OF_MEMORY: some may be missing.
     CmResult Load(const CCmString& aPath);
     void Parse(std::string_view aText);
 

@@ -26,7 +26,10 @@ void CDnsWorker::OnDnsNoMemory() {
 void CDnsWorker::Load_i() {
     m_dwGeneration = m_User.GetGeneration();
     const CDnsSettings settings = CDnsSettings::Read();
-    if (m_Hosts.Load(settings.m_strHostsFile) != CM_OK)
+    const CmResult rv = m_Hosts.Load(settings.m_strHostsFile);
+    if (rv == CM_ERROR_OUT_OF_MEMORY)
+        throw std::bad_alloc();
+    if (rv != CM_OK)
         CM_WARNING_TRACE_THIS("CDnsWorker::Load_i, no hosts file. path=" << settings.m_strHostsFile);
     m_pChannel.reset();
     m_pChannel.reset(new CDnsChannel(m_Reactor, *this, settings));
