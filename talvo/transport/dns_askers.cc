@@ -9,8 +9,8 @@ BOOL CDnsAskers::Begin(const CCmString& aName, const CCmRefPtrT<CCmDnsRecord>& a
     return m_ByName.try_emplace(aName, CLookUp{{}, aNoMemory}).second;
 }
 
-uint64_t CDnsAskers::Add(const CCmString& aName, ICmObserver* aObserver, CCmRefPtrT<CCmThreadLink> aLink,
-                         std::unique_ptr<ICmEvent> aTell) {
+BOOL CDnsAskers::Add(const CCmString& aName, ICmObserver* aObserver, CCmRefPtrT<CCmThreadLink> aLink,
+                     std::unique_ptr<ICmEvent> aTell) {
     const uint64_t ullId = ++m_ullLastId;
     try {
         m_Askers.emplace(ullId, CAsker{aObserver, std::move(aLink), aName, std::move(aTell)});
@@ -18,9 +18,9 @@ uint64_t CDnsAskers::Add(const CCmString& aName, ICmObserver* aObserver, CCmRefP
         m_ByName.at(aName).m_Askers.insert(ullId);
     } catch (const std::bad_alloc&) {
         Take(ullId);
-        throw;
+        return FALSE;
     }
-    return ullId;
+    return TRUE;
 }
 
 CDnsAskers::CLookUp CDnsAskers::End(const CCmString& aName) {

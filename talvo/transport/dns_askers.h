@@ -15,8 +15,8 @@ class ICmObserver;
 namespace talvo {
 
 // The names that are looked up, and those who want to hear. An asker stays known until it has been told or has cancelled, so
-// that a cancel also reaches what is on its way to it. Its user locks. Begin and Add alone need memory: without it they throw
-// std::bad_alloc, and nothing changes.
+// that a cancel also reaches what is on its way to it. Its user locks. Begin and Add alone need memory; without it
+// nothing changes.
 class CDnsAskers {
 public:
     struct CAsker {
@@ -30,11 +30,10 @@ public:
         CCmRefPtrT<CCmDnsRecord> m_pNoMemory;  // the outcome if there is no memory for another
     };
 
-    // TRUE: aName was not being looked up before, and is now.
+    // TRUE: aName was not being looked up before, and is now. Throws std::bad_alloc.
     BOOL Begin(const CCmString& aName, const CCmRefPtrT<CCmDnsRecord>& aNoMemory);
-    // aName is being looked up. Returns the asker's number, which aTell is given before it is used.
-    uint64_t Add(const CCmString& aName, ICmObserver* aObserver, CCmRefPtrT<CCmThreadLink> aLink,
-                 std::unique_ptr<ICmEvent> aTell);
+    // aName is being looked up; aTell will carry the record to aObserver. FALSE: memory ran out.
+    BOOL Add(const CCmString& aName, ICmObserver* aObserver, CCmRefPtrT<CCmThreadLink> aLink, std::unique_ptr<ICmEvent> aTell);
 
     // The look-up of aName, or any, is over. Without a record: there was none.
     CLookUp End(const CCmString& aName);

@@ -104,7 +104,7 @@ CmResult CDnsState::Ask_i(const CCmString& aName, ICmObserver* aObserver, CCmThr
     {
         Guard guard(m_Mutex);
         const BOOL bNew = m_Askers.Begin(aName, pNoMemory);
-        if (aObserver && !WithMemory([&] { m_Askers.Add(aName, aObserver, aLink, std::move(pTell)); })) {
+        if (aObserver && !m_Askers.Add(aName, aObserver, aLink, std::move(pTell))) {
             if (bNew)
                 m_Askers.End(aName);
             return CM_ERROR_OUT_OF_MEMORY;
