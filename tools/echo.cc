@@ -1,4 +1,5 @@
 #include <memory>
+#include <new>
 #include <unordered_map>
 
 #include "tools/application.h"
@@ -68,9 +69,13 @@ EchoServer::~EchoServer() {
 void EchoServer::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     if (aReason != CM_OK)
         return;
-    auto pSession = std::make_unique<EchoSession>(*this, aTrpt);
-    if (pSession->Open() == CM_OK)
-        m_Sessions.emplace(pSession.get(), std::move(pSession));
+    try {
+        auto pSession = std::make_unique<EchoSession>(*this, aTrpt);
+        if (pSession->Open() == CM_OK)
+            m_Sessions.emplace(pSession.get(), std::move(pSession));
+    } catch (const std::bad_alloc&) {
+        // The client that there is no memory for is let go; the others stay.
+    }
 }
 
 }  // namespace

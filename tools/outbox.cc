@@ -36,7 +36,12 @@ CmResult Outbox::Keep(const CCmMessageBlock& aChain) {
     CCmMessageBlock* pCopy = aChain.DuplicateChained();
     if (!pCopy)
         return CM_ERROR_OUT_OF_MEMORY;
-    m_Rest.push_back(pCopy);
+    try {
+        m_Rest.push_back(pCopy);
+    } catch (const std::bad_alloc&) {
+        pCopy->DestroyChained();
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
     return CM_ERROR_PARTIAL_DATA;
 }
 
