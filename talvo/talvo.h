@@ -21,6 +21,7 @@
 #include "talvo/base/trace.h"
 #include "talvo/connection/connection_manager.h"
 #include "talvo/connection/connection_options.h"
+#include "talvo/connection/drain_sink.h"
 #include "talvo/event/event_queue.h"
 #include "talvo/event/reactor.h"
 #include "talvo/event/reactor_epoll.h"

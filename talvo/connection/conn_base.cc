@@ -8,7 +8,8 @@ CmResult CConnBase::OpenWithSink(ICmTransportSink* aSink) {
         return CM_ERROR_INVALID_ARG;
     if (m_wStatus == CS_STATUS_NOT_CONNECTED)
         return CM_ERROR_NOT_AVAILABLE;
-    m_pSink = aSink;
+    if (!std::exchange(m_pSink, aSink) && !m_bLayered)
+        JoinCurrentThread();
     return CM_OK;
 }
 
@@ -16,6 +17,36 @@ void CConnBase::SetTPTransport(ICmTransport* aTransport) {
     if (m_pTransport && !aTransport)
         m_pEnded = m_pTransport;
     m_pTransport = aTransport;
+    BOOL bLayered = TRUE;
+    if (aTransport)
+        aTransport->SetOption(CM_OPT_TRANSPORT_LAYERED, &bLayered);
+}
+
+CmResult CConnBase::SetLayered_i(BOOL aLayered) {
+    m_bLayered = aLayered;
+    if (aLayered)
+        LeaveThread();
+    return CM_OK;
+}
+
+// What is left to be sent goes its own way, see CTransportLinger.
+void CConnBase::OnDrain(ECmDrainStage aStage) {
+    const BOOL bCut = aStage == ECmDrainStage::CUT;
+    ICmTransportSink* pSink = m_pSink;
+    if (!pSink || (aStage != ECmDrainStage::CLOSE && !bCut))
+        return;
+    LeaveThread();
+    Disconnect(CM_OK);
+    pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_CLOSE, this);  // last: the sink may release this connection
+}
+
+void CConnBase::AddUndrained(CCmUndrained& aLeft) {
+    DWORD dwBytes = 0;
+    if (!m_pSink)
+        return;
+    ++aLeft.m_dwConnections;
+    if (GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK)
+        aLeft.m_ullBytes += dwBytes;
 }
 
 void CConnBase::NoteFailure_i(ECmFailureCause aCause, const char* aText) {

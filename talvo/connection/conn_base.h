@@ -4,13 +4,16 @@
 #include "talvo/base/ensure_single_thread.h"
 #include "talvo/base/ref_ptr.h"
 #include "talvo/connection/conn_owner.h"
+#include "talvo/event/thread_link.h"
 #include "talvo/event/timer_delete.h"
 #include "talvo/transport/transport_interface.h"
 
 // A protocol connection presents itself to the upper layer as a transport and lies over another one. It belongs to the network
 // thread, as all its upcalls; the last release ends it as Disconnect(CM_OK) does, and the object is deleted by a timer, after
 // the current call has returned.
-class TALVO_API CConnBase : public ICmTransport, public CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
+class TALVO_API CConnBase : public ICmTransport,
+                            public CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread>,
+                            private CCmThreadTenant {
 public:
     enum : WORD {
         CS_STATUS_NOT_CONNECTED = 1,  // at first, and after the end
@@ -26,7 +29,7 @@ public:
     CmResult OpenWithSink(ICmTransportSink* aSink) override;
     ICmTransportSink* GetSink() override { return m_pSink; }
 
-    // The transport below; keeps a reference.
+    // The transport below, which leaves its orderly end to this connection; keeps a reference.
     void SetTPTransport(ICmTransport* aTransport);
     ICmTransport* GetTPTransport() const { return m_pTransport.Get(); }
 
@@ -57,6 +60,9 @@ protected:
     // Notes what this end found wrong with the peer, for CM_OPT_TRANSPORT_LAST_FAILURE; aText is a literal. The first counts.
     void NoteFailure_i(ECmFailureCause aCause, const char* aText);
 
+    // CM_OPT_TRANSPORT_LAYERED. CM_OK.
+    CmResult SetLayered_i(BOOL aLayered);
+
     // Answers of the transport below; CM_ERROR_NOT_AVAILABLE without one. The addresses, the type and the last failure can be
     // asked for after the end, too.
     CmResult SetTransportOption_i(DWORD aCommand, void* aArg);
@@ -72,10 +78,15 @@ protected:
     BYTE m_byConnType = 15;
 
 private:
+    void OnThreadEnd() override {}
+    void OnDrain(ECmDrainStage aStage) override;
+    void AddUndrained(CCmUndrained& aLeft) override;
+
     CmResult GetKeptOption_i(DWORD aCommand, void* aArg);
 
     CCmRefPtrT<ICmTransport> m_pEnded;  // was below until the connection ended; only asked
     ECmFailureCause m_Cause = CM_FAILURE_NONE;
     const char* m_pFailureText = nullptr;
     BOOL m_bReleased = FALSE;
+    BOOL m_bLayered = FALSE;  // a proxy ends it in order
 };

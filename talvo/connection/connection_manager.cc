@@ -7,11 +7,13 @@
 #include "talvo/base/with_memory.h"
 #include "talvo/connection/conn_acceptor.h"
 #include "talvo/connection/conn_connector.h"
+#include "talvo/connection/drain.h"
 #include "talvo/connection/len_pkg_conn.h"
 #include "talvo/connection/pkg_conn_client.h"
 #include "talvo/connection/pkg_conn_server.h"
 #include "talvo/connection/pkg_sender.h"
 #include "talvo/event/thread.h"
+#include "talvo/event/thread_linger.h"
 #include "talvo/transport/acceptor_tcp.h"
 #include "talvo/transport/acceptor_thread_proxy.h"
 #include "talvo/transport/acceptor_udp.h"
@@ -192,6 +194,8 @@ void CCmConnectionManager::CleanUp() { CleanupInstance(); }
 
 // A network thread that the application has destroyed itself is no longer registered, and not touched.
 CCmConnectionManager::~CCmConnectionManager() {
+    if (!m_pThreadNetwork && CCmThreadManager::IsEqualCurrentThread(CCmThreadManager::TT_NETWORK))
+        Threads().GetThread(CCmThreadManager::TT_NETWORK)->Linger();
     if (!m_pThreadNetwork || Threads().GetThread(CCmThreadManager::TT_NETWORK) != m_pThreadNetwork)
         return;
     m_pThreadNetwork->Stop(nullptr);
@@ -210,6 +214,29 @@ CmResult CCmConnectionManager::SpawnNetworkThread_i() {
     const CmResult rv = Threads().CreateReactorThread(CCmThreadManager::TT_NETWORK, pReactor, m_pThreadNetwork);
     // A thread whose reactor did not open is there, but has ended or will in a moment.
     return rv == CM_OK ? m_pThreadNetwork->GetLink().Call([] { return CM_OK; }) : rv;
+}
+
+CmResult CCmConnectionManager::Drain(CCmTimeValue* aTimeout, ICmDrainSink* aSink) {
+    const CCmTimeValue tvTime = aTimeout ? *aTimeout : talvo::GetLingerTime();
+    ACmThread* pNetwork = Threads().GetThread(CCmThreadManager::TT_NETWORK);
+    ACmThread* pUser = CallingThread();
+    if (!pNetwork || !pUser)
+        return CM_ERROR_NULL_POINTER;
+    if (!aSink) {
+        if (pUser->GetThreadType() != CCmThreadManager::TT_MAIN || !pUser->GetReactor())
+            return CM_ERROR_FAILURE;
+        return talvo::CDrainWait(*pUser->GetReactor()).Run(pUser->GetLink(), pNetwork->GetLink(), tvTime);
+    }
+    using talvo::CDrain;
+    const CCmRefPtrT<CDrain> pDrain(new (std::nothrow) CDrain(pNetwork->GetLink(), &pUser->GetLink(), *aSink, tvTime));
+    if (!pDrain)
+        return CM_ERROR_OUT_OF_MEMORY;
+    if (!pDrain->Claim())
+        return CM_ERROR_ALREADY_INITIALIZED;
+    const CmResult rv = pDrain->Start();
+    if (rv != CM_OK)
+        pDrain->Withdraw();
+    return rv;
 }
 
 CmResult CCmConnectionManager::CreateConnectionClient(DWORD aType, ICmConnector*& aConnector) {

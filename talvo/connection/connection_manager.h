@@ -4,6 +4,8 @@
 #include "talvo/base/clean_up.h"
 #include "talvo/base/export.h"
 #include "talvo/base/result.h"
+#include "talvo/base/time_value.h"
+#include "talvo/connection/drain_sink.h"
 #include "talvo/transport/transport_interface.h"
 
 class ACmThread;
@@ -39,10 +41,32 @@ public:
     // that, and must have been adopted). Null: there is no network thread; the trace says why,
     // and a later call tries again.
     static CCmConnectionManager* Instance();
-    // Destroys the instance. The network thread, if it was spawned and still exists, is stopped, joined and destroyed. From the
-    // main thread, when nobody uses the instance any more. Proxies that the application still holds may be used and released
+    // Destroys the instance. The network thread, if it was spawned and still exists, is stopped, joined and destroyed; what
+    // lingers there is waited for, see ACmThread::Linger, also when the main thread is the network thread. From the main
+    // thread, when nobody uses the instance any more. Proxies that the application still holds may be used and released
     // afterwards: their operations then fail as documented.
     static void CleanupInstance();
+
+    // Brings everything to an orderly end:
+    //    1. all acceptors stop listening, also those of HTTP; StartListen returns CM_ERROR_NOT_AVAILABLE
+    //    2. HTTP finishes what it has begun, in every thread: answers, and requests of clients; idle connections are closed. A
+    //       client channel's AsyncOpen returns CM_ERROR_NOT_AVAILABLE
+    //    3. every connection ends, one that is made meanwhile as well. Its sink gets OnDisconnect with
+    //       CM_ERROR_NETWORK_SOCKET_CLOSE, once; the peer sees the end that Disconnect(CM_OK) gives. What SendData took goes
+    //       out first, and the peer's system acknowledges it
+    //    4. when aTimeout is over (null: LingerSeconds; zero or less: at once), all that is left is cut off: connections, and
+    //       requests with OnDisconnect. A line in the trace says how much that was
+    // Connectors, acceptors and channels may be used again afterwards (StopListen first), so a server can drain and go on.
+    //
+    // With aSink, from any thread that CreateConnectionClient accepts, callbacks included: returns at once, and aSink (not
+    // owned, alive until then) is told in that thread unless it ends before. CM_OK: it will be told. Threads with HTTP must run
+    // their loop.
+    // Without: from the main thread when its loop has returned. The call runs that loop, and so all callbacks of the thread.
+    // CM_OK: everything has ended; CM_ERROR_TIMEOUT: cut off at the limit; CM_ERROR_NOT_AVAILABLE: the network thread ended
+    // first. CM_ERROR_FAILURE: another thread calls, or the loop runs (from inside a callback).
+    // CM_ERROR_ALREADY_INITIALIZED: one runs already. CM_ERROR_NULL_POINTER: the caller is no thread of the library with an
+    // event queue, or the network thread is gone. CM_ERROR_OUT_OF_MEMORY.
+    CmResult Drain(CCmTimeValue* aTimeout, ICmDrainSink* aSink = nullptr);
 
     // A new connector or acceptor with one reference for the caller, null on failure.
     // CM_ERROR_INVALID_ARG: no such base type. CM_ERROR_FAILURE: flags that name no connection. CM_ERROR_NOT_IMPLEMENTED: a

@@ -50,6 +50,8 @@ CmResult CCsConn::SetOption(DWORD aCommand, void* aArg) {
         if (std::exchange(m_bReadingPaused, *static_cast<BOOL*>(aArg)))
             m_dwLastRecvTick = get_tick_count();
         return SetTransportOption_i(aCommand, aArg);
+    case CM_OPT_TRANSPORT_LAYERED:
+        return SetLayered_i(*static_cast<BOOL*>(aArg));
     default:
         return SetTransportOption_i(aCommand, aArg);
     }
@@ -119,7 +121,8 @@ CmResult CCsConn::Close_i(CmResult aReason) {
         m_SendBuf.Reset();  // data that waits for the response must not go without it
     if (m_pTransport) {
         SendDisconn(aReason);
-        rv = DisconnectTransport_i(aReason);
+        if (aReason != CM_OK || !LetLinger_i())
+            rv = DisconnectTransport_i(aReason);
     }
     Reset();
     return rv;

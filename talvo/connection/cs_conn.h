@@ -123,6 +123,7 @@ private:
     CmResult SendConnectPdu_i(const CCmMessageBlock& aPdu);
     CmResult SendFrame_i(const CCmMessageBlock& aHeader, CCmMessageBlock& aPayload);
     CmResult FlushPending_i();
+    BOOL LetLinger_i();
     CmResult Uncork_i();
     DWORD GetUnsent_i();
     void Sent_i() { m_dwLastSendTick = get_tick_count(); }

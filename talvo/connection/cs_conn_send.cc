@@ -7,6 +7,7 @@
 #include "talvo/connection/cs_conn.h"
 #include "talvo/connection/gather_chain.h"
 #include "talvo/transport/datagram_sender.h"
+#include "talvo/transport/transport_linger.h"
 
 namespace {
 
@@ -151,7 +152,7 @@ CmResult CCsConn::SendUnbuffered_i(CCmMessageBlock& aData) {
     return rv == CM_ERROR_OUT_OF_MEMORY ? rv : CM_OK;
 }
 
-// Sends a frame while nothing is pending. What the transport does not take is pending then.
+// Sends a frame behind what is pending. What the transport does not take is pending then.
 CmResult CCsConn::SendFrame_i(const CCmMessageBlock& aHeader, CCmMessageBlock& aPayload) {
     const CmResult rv = m_Pending.Send(*m_pTransport, aHeader.GetTopLevelReadPtr(), aHeader.GetTopLevelLength(), aPayload);
     m_bRefused = !m_Pending.IsEmpty();
@@ -293,13 +294,27 @@ CmResult CCsConn::SendDisconn(CmResult aReason) {
         m_SendBuf.AddDisconnPDU(aReason);
         return SendDataFromSendBuf();
     }
-    if (const CmResult rv = FlushPending_i(); rv != CM_OK)
-        return rv;
     char szPdu[3] = {};
     CCmMessageBlock block(sizeof szPdu, szPdu);
     CCsPduDisconn(static_cast<WORD>(aReason), CS_PDU_TYPE_DISCONN).Encode(block);
     CCmMessageBlock nothing(DWORD{0});
-    return SendFrame_i(block, nothing);
+    return SendFrame_i(block, nothing);  // behind what is pending
+}
+
+// What the transport has not taken, the farewell last, goes out when there is room. FALSE: there is nothing, or the peer has
+// not been told that it is connected and does not wait for anything.
+BOOL CCsConn::LetLinger_i() {
+    if (m_bDatagrams || m_wStatus != CS_STATUS_CONNECTED)
+        return FALSE;
+    while (m_SendBuf.GetUnsent() > 0) {
+        CCmMessageBlock* pUnsent = nullptr;
+        m_SendBuf.GetData(pUnsent);
+        if (!pUnsent || m_Pending.Add(nullptr, 0, *pUnsent) != CM_OK)
+            return FALSE;
+        m_SendBuf.DataSentLen(pUnsent->GetChainedLength());
+    }
+    CCmMessageBlock* pRest = m_Pending.TakeAll();
+    return pRest && talvo::CTransportLinger::Begin(*m_pTransport, pRest);
 }
 
 int CCsConn::DoACK(DWORD aSeq) {

@@ -177,10 +177,14 @@ DWORD CFrameQueue::FirstDatagram_i() const {
 }
 
 void CFrameQueue::Clear() {
-    if (CCmMessageBlock* pHead = std::exchange(m_pHead, nullptr))
-        pHead->DestroyChained();
+    if (CCmMessageBlock* pAll = TakeAll())
+        pAll->DestroyChained();
+}
+
+CCmMessageBlock* CFrameQueue::TakeAll() {
     m_pTail = nullptr;
     m_dwLength = 0;
+    return std::exchange(m_pHead, nullptr);
 }
 
 }  // namespace talvo

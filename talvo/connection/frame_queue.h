@@ -32,6 +32,9 @@ public:
     // Sends what there is, many pieces a call. CM_OK: the queue is empty. Else the transport's result; try again after OnSend.
     CmResult Flush(ICmTransport& aTransport);
 
+    // Hands over what there is, a chain of DUPLICATED blocks for the caller; null: nothing.
+    CCmMessageBlock* TakeAll();
+
     BOOL IsEmpty() const { return m_dwLength == 0; }
     DWORD GetLength() const { return m_dwLength; }  // bytes, headers included
     void Clear();

@@ -9,6 +9,7 @@
 #include "talvo/base/trace.h"
 #include "talvo/connection/conn_server_list.h"
 #include "talvo/transport/tcp_settings.h"
+#include "talvo/transport/transport_linger.h"
 
 namespace {
 
@@ -181,7 +182,9 @@ CmResult CLenPkgConn::Disconnect(CmResult aReason) {
     m_pSink = nullptr;
     m_pOwner = nullptr;
     SetCurrStatus(CS_STATUS_NOT_CONNECTED);
-    const CmResult rv = DisconnectTransport_i(aReason);
+    CCmMessageBlock* pRest = m_pTransport && aReason == CM_OK ? m_Pending.TakeAll() : nullptr;
+    const BOOL bLingers = pRest && talvo::CTransportLinger::Begin(*m_pTransport, pRest);
+    const CmResult rv = bLingers ? CM_OK : DisconnectTransport_i(aReason);
     Reset();
     return rv;
 }
@@ -217,6 +220,8 @@ CmResult CLenPkgConn::SetOption(DWORD aCommand, void* aArg) {
         if (!m_bCorked && !m_bRefused)
             SendPending_i();  // what is refused waits for the transport
         return CM_OK;
+    case CM_OPT_TRANSPORT_LAYERED:
+        return SetLayered_i(*static_cast<BOOL*>(aArg));
     default:
         return SetTransportOption_i(aCommand, aArg);
     }

@@ -6,12 +6,14 @@
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
 #include "talvo/event/callback_guard.h"
+#include "talvo/event/thread_linger.h"
 
 namespace {
 
 CCmLiveCounter s_Live("ACmThread");
 
-constexpr long JOIN_USEC = 100000;
+const CCmTimeValue JOIN_LIMIT(0, 100000);
+const CCmTimeValue LINGERING_LIMIT(1);  // without a turn of its loop
 
 }  // namespace
 
@@ -119,8 +121,7 @@ void ACmThread::LetGo_i() {
 CmResult ACmThread::Join() {
     if (m_dwThreadId == cm_thread_self_id() || m_dwThreadId == 0 || m_Type == CCmThreadManager::TT_MAIN)
         return CM_ERROR_FAILURE;
-    CCmTimeValue tvLimit(0, JOIN_USEC);
-    const CmResult rv = m_EventEnd.Wait(&tvLimit);
+    const CmResult rv = WaitForEnd_i();
     if (rv == CM_OK && m_bHasHandle) {
         m_bHasHandle = FALSE;
         const int nErr = pthread_join(m_Handle, nullptr);
@@ -134,6 +135,26 @@ CmResult ACmThread::Join() {
         StopWaiting_i();
     }
     return rv;
+}
+
+CmResult ACmThread::WaitForEnd_i() {
+    while (true) {
+        const DWORD dwLooks = m_dwLingerLooks;
+        CCmTimeValue tvLimit = dwLooks > 0 ? LINGERING_LIMIT : JOIN_LIMIT;
+        const CmResult rv = m_EventEnd.Wait(&tvLimit);
+        if (rv != CM_ERROR_TIMEOUT || m_dwLingerLooks == dwLooks)
+            return rv;
+    }
+}
+
+void ACmThread::Linger() {
+    ICmReactor* pReactor = GetReactor();
+    if (!pReactor)
+        return;
+    talvo::CThreadLinger linger(*m_pLink, *pReactor);
+    if (m_Type == CCmThreadManager::TT_MAIN)
+        linger.RunPosted();
+    linger.Run(m_dwLingerLooks);
 }
 
 CmResult ACmThread::Terminate() {

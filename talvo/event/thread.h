@@ -53,12 +53,17 @@ public:
     // runs and was given up before. CM_ERROR_NOT_AVAILABLE, and nothing is done: the main thread from inside a callback.
     CmResult Destory(CmResult aReason);
 
-    // Waits at most 100 ms for the end of the thread. CM_OK. CM_ERROR_TIMEOUT: it runs on, detached, and is no longer waited
-    // for: shutting down never hangs on a stuck thread. CM_ERROR_FAILURE: called by the thread itself, or nothing to wait for.
+    // Waits at most 100 ms for the end of the thread; longer while it lingers, see Linger, as long as its loop turns at least
+    // once a second. CM_OK. CM_ERROR_TIMEOUT: it runs on, detached, and is no longer waited for: shutting down never hangs on a
+    // stuck thread. CM_ERROR_FAILURE: called by the thread itself, or nothing to wait for.
     CmResult Join();
 
     // There is no safe way to end a thread by force: this gives up waiting for it, as Join does after its time.
     CmResult Terminate();
+
+    // The thread's own, when its loop has returned: runs the loop of its reactor on while connections linger that their users
+    // have ended with CM_OK, for at most "LingerSeconds" (section "Proxy", 30; 0: no wait). All other connections end at once.
+    void Linger();
 
     DWORD GetThreadId() const { return m_dwThreadId; }  // 0 until created
     int GetThreadType() const { return m_Type; }        // -1 until created
@@ -81,6 +86,7 @@ private:
     static void* ThreadProc(void* aThread);
     CmResult Start_i();
     void BindToCurrentThread_i();
+    CmResult WaitForEnd_i();
     void StopWaiting_i();
     void LetGo_i();
 
@@ -94,6 +100,7 @@ private:
     std::unique_ptr<CCmEventThread> m_pEventStart;  // while Create waits for the new thread
     CCmEventThread m_EventRun{TRUE};                // registered: OnThreadRun may begin
     CCmEventThread m_EventEnd{TRUE};                // OnThreadRun is over
+    std::atomic<DWORD> m_dwLingerLooks{0};          // counts while it lingers: the thread is alive
     BOOL m_bRegistered = FALSE;
     std::atomic<BOOL> m_bDestoryed{FALSE};
     CCmAtomicOperationT<CCmMutexThread> m_LetGo;  // counts the end of the thread and Destory; 2 deletes

@@ -32,10 +32,19 @@ private:
 
 }  // namespace
 
-CCmThreadTenant::~CCmThreadTenant() {
+CCmThreadTenant::~CCmThreadTenant() { LeaveThread(); }
+
+void CCmThreadTenant::LeaveThread() {
     if (m_pLink)
         m_pLink->Leave(*this);
 }
+
+void CCmThreadTenant::JoinCurrentThread() {
+    if (ACmThread* pThread = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_CURRENT))
+        pThread->GetLink().Join(*this);
+}
+
+BOOL CCmThreadTenant::IsDraining() const { return m_pLink && m_pLink->GetDrainStage() != ECmDrainStage::NONE; }
 
 // A post announces itself before it looks whether the link is open, and Close waits for announced ones: the thread's queue is
 // there for as long as anybody posts to it.
@@ -122,10 +131,35 @@ CmResult CCmThreadLink::Join(CCmThreadTenant& aTenant) {
 void CCmThreadLink::Leave(CCmThreadTenant& aTenant) {
     if (aTenant.m_pLink != this)
         return;
+    if (m_pNextVisited == &aTenant)
+        m_pNextVisited = aTenant.m_pNext;
     *aTenant.m_ppBack = aTenant.m_pNext;
     if (aTenant.m_pNext)
         aTenant.m_pNext->m_ppBack = aTenant.m_ppBack;
     aTenant.m_pLink = nullptr;
+}
+
+// What a visit joins is not visited; what it takes away neither.
+template <class Visit>
+void CCmThreadLink::ForEachTenant_i(Visit aVisit) {
+    m_pNextVisited = m_pTenants;
+    while (CCmThreadTenant* pTenant = m_pNextVisited) {
+        m_pNextVisited = pTenant->m_pNext;
+        aVisit(*pTenant);
+    }
+}
+
+CCmUndrained CCmThreadLink::GetUndrained_i() {
+    CCmUndrained left;
+    ForEachTenant_i([&](CCmThreadTenant& aTenant) { aTenant.AddUndrained(left); });
+    return left;
+}
+
+CCmUndrained CCmThreadLink::Drain(ECmDrainStage aStage) {
+    m_DrainStage = aStage;
+    const CCmUndrained before = aStage == ECmDrainStage::CUT ? GetUndrained_i() : CCmUndrained();
+    ForEachTenant_i([=](CCmThreadTenant& aTenant) { aTenant.OnDrain(aStage); });
+    return aStage == ECmDrainStage::CUT ? before : GetUndrained_i();
 }
 
 void CCmThreadLink::Close() {

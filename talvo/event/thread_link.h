@@ -9,6 +9,7 @@
 #include "talvo/base/reference_control.h"
 #include "talvo/base/synchronization.h"
 #include "talvo/event/event_queue.h"
+#include "talvo/event/orderly_end.h"
 
 class ACmThread;
 class CCmThreadLink;
@@ -23,8 +24,19 @@ public:
     // In the thread, after its loop and before its reactor and queues close. The tenant has left already.
     virtual void OnThreadEnd() = 0;
 
+    // In the thread, while an orderly end is under way, see ECmDrainStage: again and again, so each call does what is left to
+    // do and an ended tenant ignores it. Any tenant may join, leave and be deleted inside.
+    virtual void OnDrain(ECmDrainStage) {}
+    // Adds what this tenant has not finished.
+    virtual void AddUndrained(CCmUndrained&) {}
+
 protected:
     virtual ~CCmThreadTenant();  // leaves, if it has not
+
+    // Joins the calling thread, if it is one of the library's.
+    void JoinCurrentThread();
+    void LeaveThread();
+    BOOL IsDraining() const;  // the thread that it has joined is
 
 private:
     friend class CCmThreadLink;
@@ -91,6 +103,10 @@ public:
     CmResult Join(CCmThreadTenant& aTenant);
     void Leave(CCmThreadTenant& aTenant);
 
+    // The thread's own. Tells its tenants the stage, and adds up what they have left: after that, but at CUT before.
+    CCmUndrained Drain(ECmDrainStage aStage);
+    ECmDrainStage GetDrainStage() const { return m_DrainStage; }
+
     // The thread's end: tells the tenants, then refuses posts and waits for those under way. Called by the thread classes.
     void Close();
 
@@ -127,9 +143,14 @@ private:
     void Exit_i();
     template <class Poster>
     CmResult Post_i(ICmEvent* aEvent, Poster aPoster);
+    template <class Visit>
+    void ForEachTenant_i(Visit aVisit);
+    CCmUndrained GetUndrained_i();
 
     ACmThread* const m_pThread;  // not owned; alive while a post is under way or the link is open
     std::atomic<DWORD> m_dwThreadId{0};
     std::atomic<uint32_t> m_dwPosts{0};  // posts under way, and CLOSED
     CCmThreadTenant* m_pTenants = nullptr;
+    CCmThreadTenant* m_pNextVisited = nullptr;  // of the walk under way
+    ECmDrainStage m_DrainStage = ECmDrainStage::NONE;
 };

@@ -198,6 +198,12 @@ ICmTimerQueue* CCmThreadManager::GetThreadTimerQueue(int aType) {
     return pThread ? pThread->GetTimerQueue() : nullptr;
 }
 
+void CCmThreadManager::ForEachLink(const std::function<void(CCmThreadLink&)>& aVisit) {
+    Guard guard(m_Mutex);
+    for (ACmThread* pThread : m_Threads)
+        aVisit(pThread->GetLink());
+}
+
 // The thread registered behind aThread (null: the first), which stood at aIndex. The calls on threads come without the lock, so
 // that a thread may unregister meanwhile.
 ACmThread* CCmThreadManager::GetNextThread_i(const ACmThread* aThread, size_t& aIndex) {
@@ -228,10 +234,13 @@ CmResult CCmThreadManager::StopAllThreads(CCmTimeValue* aTimeout) {
 }
 
 CmResult CCmThreadManager::JoinAllThreads() {
-    return CallThreads_i([](ACmThread& aThread) {
+    const CmResult rv = CallThreads_i([](ACmThread& aThread) {
         if (aThread.GetThreadType() != TT_MAIN)
             aThread.Join();
     });
+    if (rv == CM_OK && GetNetworkThreadMode() == NETWORK_THREAD_MAIN && IsEqualCurrentThread(TT_MAIN))
+        GetThread(TT_MAIN)->Linger();
+    return rv;
 }
 
 CmResult CCmThreadManager::SocketStartup() { return CM_OK; }

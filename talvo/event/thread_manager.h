@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <vector>
 
 #include "talvo/base/clean_up.h"
@@ -11,6 +12,7 @@
 #include "talvo/base/time_value.h"
 
 class ACmThread;
+class CCmThreadLink;
 class ICmEventQueue;
 class ICmReactor;
 class ICmTimerQueue;
@@ -20,6 +22,7 @@ class ICmTimerQueue;
 //    CCmThreadManager::Instance()->InitMainThread(argc, argv);       before any other thread of the library
 //    ... CCmConnectionManager::Instance() starts the network thread; user threads come and go ...
 //    GetThread(TT_MAIN)->OnThreadRun(), or the reactor's RunEventLoop, for as long as the application lives
+//    CCmConnectionManager::Instance()->Drain(nullptr), which ends all connections in order
 //    StopAllThreads(nullptr); JoinAllThreads(); CCmConnectionManager::CleanupInstance(), which ends the network thread;
 //    then Destory of each thread that the application made, the main thread last
 //
@@ -91,7 +94,11 @@ public:
     ICmEventQueue* GetThreadEventQueue(int aType);
     ICmTimerQueue* GetThreadTimerQueue(int aType);
 
-    // Asks every thread but the main one to end, or waits for each (at most 100 ms, see ACmThread::Join). Only the main thread
+    // The link of each registered thread, with the registry locked: aVisit may post and must not come back here.
+    void ForEachLink(const std::function<void(CCmThreadLink&)>& aVisit);
+
+    // Asks every thread but the main one to end, or waits for each (at most 100 ms, and while it lingers, see ACmThread::Join).
+    // Where the main thread is the network thread, JoinAllThreads lets it linger too, which runs its loop. Only the main thread
     // may call when one is registered: CM_ERROR_FAILURE. Otherwise CM_OK. aTimeout is handed to ACmThread::Stop, whose classes
     // here do not wait.
     CmResult StopAllThreads(CCmTimeValue* aTimeout = nullptr);

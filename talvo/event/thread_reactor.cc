@@ -28,7 +28,13 @@ CmResult CCmThreadReactor::Create(int aType, TFlag aFlag) {
     return rv;
 }
 
-CmResult CCmThreadReactor::Stop(CCmTimeValue*) { return m_pReactor ? m_pReactor->StopEventLoop() : CM_ERROR_NOT_INITIALIZED; }
+// Behind what was posted before, so that connections which their users have ended have ended when the loop returns.
+CmResult CCmThreadReactor::Stop(CCmTimeValue*) {
+    if (!m_pReactor)
+        return CM_ERROR_NOT_INITIALIZED;
+    const CmResult rv = GetLink().Post([pReactor = m_pReactor.get()] { pReactor->StopEventLoop(); });
+    return rv == CM_OK ? CM_OK : m_pReactor->StopEventLoop();
+}
 
 void CCmThreadReactor::OnThreadInit() {
     const CmResult rv = m_pReactor ? m_pReactor->Open() : CM_ERROR_NOT_INITIALIZED;
@@ -39,6 +45,7 @@ void CCmThreadReactor::OnThreadInit() {
 void CCmThreadReactor::OnThreadRun() {
     CM_INFO_TRACE_THIS("CCmThreadReactor::OnThreadRun, Begin.");
     if (m_pReactor && m_pReactor->RunEventLoop() != CM_ERROR_ALREADY_INITIALIZED) {
+        Linger();
         CloseLink();
         m_pReactor->Close();
     }

@@ -9,6 +9,7 @@
 #include "talvo/base/trace.h"
 #include "talvo/http/channel_options.h"
 #include "talvo/http/http_atom_list.h"
+#include "talvo/http/http_client_pool.h"
 #include "talvo/http/http_memory.h"
 #include "talvo/http/http_redirect.h"
 #include "talvo/http/http_text.h"
@@ -95,6 +96,9 @@ CmResult CCmChannelHttpClient::AsyncOpen(ICmChannelSink* aSink) {
     if (m_Status != SETTING_UP)
         return CM_ERROR_ALREADY_INITIALIZED;
     if (m_dwThread != cm_thread_self_id())
+        return CM_ERROR_NOT_AVAILABLE;
+    talvo::CHttpClientPool* pPool = nullptr;
+    if (talvo::CHttpClientPool::OfThisThread(pPool) == CM_OK && pPool->IsDraining())
         return CM_ERROR_NOT_AVAILABLE;
     CmResult rv = m_pUrl ? CheckUrl_i() : CM_ERROR_OUT_OF_MEMORY;
     if (rv == CM_OK)

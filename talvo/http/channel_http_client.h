@@ -84,8 +84,8 @@ public:
 
     // CM_OK: the sink will hear, never inside this call. CM_ERROR_INVALID_ARG: null, or a request that makes no sense (a host
     // or path with control characters, both Content-Length and chunks, a Content-Length other than the body's, a TRACE with a
-    // body). CM_ERROR_ALREADY_INITIALIZED: opened before. CM_ERROR_NOT_AVAILABLE: this is not the thread that made the channel.
-    // CM_ERROR_NOT_IMPLEMENTED, with a line: https, CONNECT, a file URL.
+    // body). CM_ERROR_ALREADY_INITIALIZED: opened before. CM_ERROR_NOT_AVAILABLE: this is not the thread that made the channel,
+    // or CCmConnectionManager::Drain runs. CM_ERROR_NOT_IMPLEMENTED, with a line: https, CONNECT, a file URL.
     // CM_ERROR_NULL_POINTER: the calling thread lacks a queue. Else why there can be no connection. It may be called again
     // after any failure.
     CmResult AsyncOpen(ICmChannelSink* aSink) override;

@@ -49,6 +49,7 @@ CmResult CCmChannelHttpServerAcceptor::StartListen(ICmChannelServerAcceptorSink*
         return rv;
     }
     m_pSink = aSink;
+    JoinCurrentThread();
     return CM_OK;
 }
 
@@ -72,6 +73,18 @@ CmResult CCmChannelHttpServerAcceptor::StopListen(CmResult aReason) {
     if (m_Connections.empty())
         m_StoppedTimer.Schedule(this, CCmTimeValue(0, 0), 1);
     return CM_OK;
+}
+
+void CCmChannelHttpServerAcceptor::OnDrain(ECmDrainStage aStage) {
+    if (aStage == ECmDrainStage::CUT) {
+        while (!m_Connections.empty())
+            Connection(m_Connections.back())->End(CM_ERROR_NETWORK_SOCKET_CLOSE);
+    } else if (aStage == ECmDrainStage::FINISH && m_pAcceptor) {
+        StopListen(CM_OK);
+    } else if (aStage == ECmDrainStage::FINISH) {
+        for (const auto& pConnection : m_Connections)
+            pConnection->Stop();
+    }
 }
 
 CmResult CCmChannelHttpServerAcceptor::GetListenAddr(CCmInetAddr& aAddr) {
@@ -107,6 +120,7 @@ void CCmChannelHttpServerAcceptor::Serve(ICmTransport* aTransport) {
         DWORD dwLimit = PROXY_SEND_LIMIT;
         aTransport->SetOption(CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, &dwLimit);
     }
+    JoinCurrentThread();
     pConnection->m_stPlace = m_Connections.size();
     m_Connections.push_back(pConnection);
     if (pConnection->Open() != CM_OK)

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "talvo/base/failure.h"
+#include "talvo/event/thread_link.h"
 #include "talvo/event/timer_delete.h"
 #include "talvo/http/http_server_connection.h"
 
@@ -12,6 +13,7 @@ class TALVO_API CCmChannelHttpServerAcceptor final : public ICmChannelServerAcce
                                                      private ICmAcceptorConnectorSink,
                                                      private CCmTimerWrapperIDSink,
                                                      private talvo::CHttpServerOwner,
+                                                     private CCmThreadTenant,
                                                      private CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
 public:
     // aFlags: none is known; they are ignored.
@@ -35,6 +37,9 @@ private:
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
     void OnTimer(CCmTimerWrapperID* aId) override;
     void OnReferenceDestory() override;
+    void OnThreadEnd() override {}
+    void OnDrain(ECmDrainStage aStage) override;
+    void AddUndrained(CCmUndrained& aLeft) override { aLeft.m_dwRequests += GetConnections(); }
 
     const talvo::CHttpServerSettings& GetSettings() const override { return m_Settings; }
     DWORD GetLooks() const override { return m_dwLooks; }

@@ -148,6 +148,13 @@ void CHttpClientConnection::GiveBack() {
 
 void CHttpClientConnection::Close(CmResult aReason) { Leave_i(aReason); }
 
+void CHttpClientConnection::Cut(CmResult aReason) {
+    if (m_pTransport || !m_pUser)
+        Lost_i(aReason, CCmFailure());
+    else
+        Leave_i(aReason)->OnConnectionFailed(aReason, CCmFailure());
+}
+
 // Nobody has asked anything of an idle connection, so what comes on one is no answer to anything.
 void CHttpClientConnection::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
     if (m_pUser && aData.GetChainedLength() > 0)

@@ -48,9 +48,10 @@ public:
     // The pool's side.
     CmResult Connect(const CCmString& aHost, WORD aPort, DWORD aTimeoutMs);
     void Lend(IHttpConnectionUser& aUser);
-    BOOL Park(int64_t aUntil);  // idle: whatever comes now closes it. FALSE: no memory for the timer
-    BOOL IsFit();               // idle, and as far as is known the server would take a request
-    int64_t GetRest() const;    // idle: for how many microseconds
+    BOOL Park(int64_t aUntil);   // idle: whatever comes now closes it. FALSE: no memory for the timer
+    BOOL IsFit();                // idle, and as far as is known the server would take a request
+    int64_t GetRest() const;     // idle: for how many microseconds
+    void Cut(CmResult aReason);  // ends it, and the user is told
     void ForgetPool() { m_pPool = nullptr; }
     const CCmString& GetKey() const { return m_strKey; }
     IHttpConnectionUser* GetUser() const { return m_pUser; }

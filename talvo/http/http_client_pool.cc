@@ -63,6 +63,37 @@ void CHttpClientPool::OnThreadEnd() {
     delete this;
 }
 
+void CHttpClientPool::OnDrain(ECmDrainStage aStage) {
+    const BOOL bCut = aStage == ECmDrainStage::CUT;
+    if (!bCut && aStage != ECmDrainStage::FINISH && aStage != ECmDrainStage::CLOSE)
+        return;
+    while (!m_Unused.empty())
+        Connection(m_Unused.front())->Close(CM_OK);
+    if (bCut)
+        WithMemory([this] { CutAll_i(); });
+}
+
+void CHttpClientPool::AddUndrained(CCmUndrained& aLeft) {
+    for (const auto& [strKey, host] : m_Hosts)
+        aLeft.m_dwRequests += static_cast<DWORD>(host.m_Waiting.size() + host.m_Connections.size() - host.m_Unused.size());
+}
+
+// A user that is told may do anything, to this pool too: it is taken out before, and the next is looked up anew.
+void CHttpClientPool::CutAll_i() {
+    while (!m_Hosts.empty()) {
+        CHost& host = m_Hosts.begin()->second;
+        if (!host.m_Waiting.empty()) {
+            IHttpConnectionUser* pUser = host.m_Waiting.front().m_pUser;
+            host.m_Waiting.pop_front();
+            pUser->OnConnectionFailed(CM_ERROR_NETWORK_SOCKET_CLOSE, CCmFailure());
+        } else if (!host.m_Connections.empty()) {
+            Connection(host.m_Connections.back())->Cut(CM_ERROR_NETWORK_SOCKET_CLOSE);
+        } else {
+            m_Hosts.erase(m_Hosts.begin());
+        }
+    }
+}
+
 CmResult CHttpClientPool::Acquire(const CHttpConnectionRequest& aRequest) {
     const CCmString strKey = KeyOf(aRequest);
     const BOOL bNobodyWaits = m_Hosts[strKey].m_Waiting.empty();

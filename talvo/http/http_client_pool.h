@@ -39,6 +39,9 @@ public:
     const CCmHttpPoolLimits& GetLimits() const { return m_Limits; }
     void SetLimits(const CCmHttpPoolLimits& aLimits);
 
+    // Whether the thread finishes what has begun and begins nothing new.
+    using CCmThreadTenant::IsDraining;
+
     // From the connections: to be used by others, or closed.
     void TakeBack(CHttpClientConnection& aConnection);
     void Forget(CHttpClientConnection& aConnection);
@@ -58,6 +61,8 @@ private:
     CHttpClientPool();
     ~CHttpClientPool() override;
     void OnThreadEnd() override;
+    void OnDrain(ECmDrainStage aStage) override;
+    void AddUndrained(CCmUndrained& aLeft) override;
     void OnTimer(CCmTimerWrapperID* aId) override;
 
     CmResult Serve_i(const CCmString& aKey, const CHttpConnectionRequest& aRequest);
@@ -71,6 +76,7 @@ private:
     void Settle_i(const CCmString& aKey);
     BOOL CloseSurplus_i(CHost& aHost);
     void ServeSoon_i();
+    void CutAll_i();
 
     CCmHttpPoolLimits m_Limits;
     Hosts m_Hosts;                                 // by host in lower case and port

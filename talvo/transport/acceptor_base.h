@@ -2,6 +2,7 @@
 #pragma once
 
 #include "talvo/event/reactor.h"
+#include "talvo/event/thread_link.h"
 #include "talvo/transport/connect_options.h"
 
 class ACmThread;
@@ -9,7 +10,8 @@ class ACmThread;
 // Lives in the network thread, whose reactor it takes at construction; other threads use the acceptor thread proxy.
 class TALVO_API CCmAcceptorBase : public ICmAcceptor,
                                   public CCmReferenceControlT<CCmMutexNullSingleThread>,
-                                  public talvo::CConnectOptions {
+                                  public talvo::CConnectOptions,
+                                  protected CCmThreadTenant {
 public:
     CCmAcceptorBase();
 
@@ -19,10 +21,18 @@ public:
 
 protected:
     CCmFailure GetFailure() const override { return m_Failure; }
+    // Whether it may listen now, and that it does. CM_ERROR_NOT_INITIALIZED: there is no network thread.
+    // CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain runs.
+    CmResult CheckListen_i();
+    void Listening_i();
 
     CCmEnsureSingleThread m_Est;
     ACmThread* const m_pThreadNetwork;            // not owned
     ICmReactor* const m_pReactor;                 // not owned; null: there is no network thread
     ICmAcceptorConnectorSink* m_pSink = nullptr;  // not owned; set while listening
     CCmFailure m_Failure;                         // why the last StartListen failed
+
+private:
+    void OnThreadEnd() override {}
+    void OnDrain(ECmDrainStage aStage) override;
 };

@@ -33,11 +33,12 @@ CmResult CCmAcceptorTcp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmI
         return CM_ERROR_ALREADY_INITIALIZED;
     if (!aSink)
         return CM_ERROR_INVALID_ARG;
-    if (!ICmReactor::IsAlive(m_pReactor))
-        return CM_ERROR_NOT_INITIALIZED;
+    CmResult rv = CheckListen_i();
+    if (rv != CM_OK)
+        return rv;
     m_pSink = aSink;
     m_Failure = {};
-    CmResult rv = Bind_i(aAddrListen);
+    rv = Bind_i(aAddrListen);
     if (rv == CM_OK) {
         rv = m_pReactor->RegisterHandler(this, ACCEPT_MASK);
         if (rv != CM_OK)
@@ -47,6 +48,7 @@ CmResult CCmAcceptorTcp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmI
         StopListen(rv);
         return rv;
     }
+    Listening_i();
     CCmInetAddr addrListen;
     if (m_Socket.GetLocalAddr(addrListen) == 0)
         m_AddrListen = *addrListen.GetPtr();
@@ -85,6 +87,7 @@ CmResult CCmAcceptorTcp::Bind_i(const CCmInetAddr& aAddrListen) {
 
 CmResult CCmAcceptorTcp::StopListen(CmResult aReason) {
     m_Est.EnsureSingleThread();
+    LeaveThread();
     if (GetHandle() != CM_INVALID_HANDLE) {
         if (ICmReactor::IsAlive(m_pReactor)) {
             if (m_bResting)

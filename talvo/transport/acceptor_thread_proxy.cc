@@ -49,6 +49,12 @@ CmResult CAcceptorProxyCore::GetListenAddr(CCmInetAddr& aAddr) {
     });
 }
 
+// Also ends the openings of a protocol's acceptor, which the acceptor below knows nothing of.
+void CAcceptorProxyCore::OnDrain(ECmDrainStage aStage) {
+    if (m_pInner && aStage != ECmDrainStage::NONE)
+        Stop_i(*m_pInner);
+}
+
 CmResult CAcceptorProxyCore::StartListen_i(DWORD aListening, const CCmInetAddr& aAddrListen) {
     if (const CmResult rv = Make_i(); rv != CM_OK)
         return rv;

@@ -16,6 +16,7 @@ public:
     CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen);
     CmResult StopListen(CmResult aReason);
     CmResult GetListenAddr(CCmInetAddr& aAddr);
+    void OnDrain(ECmDrainStage aStage) override;
 
 private:
     CmResult StartListen_i(DWORD aListening, const CCmInetAddr& aAddrListen);

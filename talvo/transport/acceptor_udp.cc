@@ -35,15 +35,16 @@ CmResult CCmAcceptorUdp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmI
         return CM_ERROR_ALREADY_INITIALIZED;
     if (!aSink)
         return CM_ERROR_INVALID_ARG;
-    if (!ICmReactor::IsAlive(m_pReactor))
-        return CM_ERROR_NOT_INITIALIZED;
+    CmResult rv = CheckListen_i();
+    if (rv != CM_OK)
+        return rv;
     CCmRefPtrT<talvo::CDatagramHub> pHub(new (std::nothrow) talvo::CDatagramHub(m_pReactor));
     if (!pHub)
         return CM_ERROR_OUT_OF_MEMORY;
     pHub->SetMaxPeers(m_dwMaxPeers);
     pHub->SetPeerIdleTime(m_tvPeerIdle);
     m_Failure = {};
-    CmResult rv = Bind_i(pHub->GetPort().GetSocket(), aAddrListen);
+    rv = Bind_i(pHub->GetPort().GetSocket(), aAddrListen);
     if (rv == CM_OK)
         rv = pHub->StartListen(aSink, this);
     if (rv != CM_OK) {
@@ -52,6 +53,7 @@ CmResult CCmAcceptorUdp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmI
     }
     m_pHub = std::move(pHub);
     m_pSink = aSink;
+    Listening_i();
     CM_INFO_TRACE_THIS("CCmAcceptorUdp::StartListen, addr="
                        << aAddrListen.GetIpDisplayName() << " port=" << aAddrListen.GetPort()
                        << " aSink=" << static_cast<const void*>(aSink) << " fd=" << m_pHub->GetPort().GetHandle());
@@ -72,6 +74,7 @@ CmResult CCmAcceptorUdp::Bind_i(CCmSocketUdp& aSocket, const CCmInetAddr& aAddrL
 
 CmResult CCmAcceptorUdp::StopListen(CmResult) {
     m_Est.EnsureSingleThread();
+    LeaveThread();
     if (const CCmRefPtrT<talvo::CDatagramHub> pHub = std::move(m_pHub))
         pHub->StopListen();
     m_pSink = nullptr;

@@ -63,11 +63,11 @@ CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWOR
         return CM_ERROR_OUT_OF_MEMORY;
     const DWORD dwBlocks = pChain ? CountBlocks(*pChain) : 0;
     Guard guard(m_Mutex);
-    if (m_ullWaiting > m_Limit.Get() || m_ullBlocks > GetMostBlocks_l()) {
+    if (m_bClosed || m_ullWaiting > m_Limit.Get() || m_ullBlocks > GetMostBlocks_l()) {
         m_bRefused = TRUE;
         if (pChain)
             pChain->DestroyChained();
-        return CM_ERROR_PARTIAL_DATA;
+        return m_bClosed ? CM_ERROR_NULL_POINTER : CM_ERROR_PARTIAL_DATA;
     }
     if (!AddTo(m_Messages, pChain, aData, aLength))
         return CM_ERROR_OUT_OF_MEMORY;
@@ -99,9 +99,14 @@ BOOL CProxySendQueue::Sent(uint64_t aCost, DWORD aBlocks) {
     return TRUE;
 }
 
-BOOL CProxySendQueue::IsEmpty() {
+void CProxySendQueue::Close() {
     Guard guard(m_Mutex);
-    return m_ullWaiting == 0;
+    m_bClosed = TRUE;
+}
+
+uint64_t CProxySendQueue::GetWaiting() {
+    Guard guard(m_Mutex);
+    return m_ullWaiting;
 }
 
 void CProxyReceiveQueue::SetLimit(DWORD aLimit) {

@@ -47,14 +47,18 @@ public:
     // aHurry: since it was last hurried much has come. One lock; a duplicate is made before it, in vain when the queue is full.
     CmResult Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aTell, BOOL& aHurry);
 
+    // Refuses all further data with CM_ERROR_NULL_POINTER: afterwards IsEmpty is final. Any thread.
+    void Close();
+
     // Network thread: moves everything that waits to the empty aMessages. FALSE: nothing there, and the next Push has to tell.
     BOOL Take(CMessageList& aMessages);
     // Network thread: so much is gone; a message that was copied had no block. TRUE: the user, who was refused before, can send
     // again.
     BOOL Sent(uint64_t aCost, DWORD aBlocks);
 
-    // Whether bytes wait, those that were taken but not sent included.
-    BOOL IsEmpty();
+    // Bytes that wait, those that were taken but not sent included.
+    uint64_t GetWaiting();
+    BOOL IsEmpty() { return GetWaiting() == 0; }
 
 private:
     DWORD GetMostBlocks_l() const CM_REQUIRES(m_Mutex);
@@ -67,6 +71,7 @@ private:
     uint64_t m_ullQuiet CM_GUARDED_BY(m_Mutex) = 0;  // bytes since the network thread was hurried
     BOOL m_bTold CM_GUARDED_BY(m_Mutex) = FALSE;     // the network thread knows that there is something
     BOOL m_bRefused CM_GUARDED_BY(m_Mutex) = FALSE;  // an OnSend is owed
+    BOOL m_bClosed CM_GUARDED_BY(m_Mutex) = FALSE;
 };
 
 // Chunks that the network thread received and the user's thread has not taken yet. Any thread.

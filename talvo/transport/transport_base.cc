@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "talvo/base/trace.h"
+#include "talvo/transport/transport_linger.h"
 
 CmResult CCmTransportBase::OpenWithSink(ICmTransportSink* aSink) {
     m_Est.EnsureSingleThread();
@@ -18,6 +19,8 @@ CmResult CCmTransportBase::OpenWithSink(ICmTransportSink* aSink) {
     if (rv != CM_OK) {
         Close_t(CM_OK);
         m_pSink = nullptr;
+    } else if (!m_bLayered) {
+        JoinCurrentThread();
     }
     return rv;
 }
@@ -35,6 +38,34 @@ int CCmTransportBase::OnClose(HANDLE, long) {
     if (ICmTransportSink* pSink = std::exchange(m_pSink, nullptr))
         pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_ERROR, this);
     return 0;
+}
+
+CmResult CCmTransportBase::SetLayered_i(BOOL aLayered) {
+    m_bLayered = aLayered;
+    if (aLayered)
+        LeaveThread();
+    return CM_OK;
+}
+
+// What was taken is the system's already; it is only waited for until the peer has it.
+void CCmTransportBase::OnDrain(ECmDrainStage aStage) {
+    const BOOL bCut = aStage == ECmDrainStage::CUT;
+    ICmTransportSink* pSink = m_pSink;
+    if (!pSink || (aStage != ECmDrainStage::CLOSE && !bCut))
+        return;
+    SetLayered_i(TRUE);
+    if (bCut || !talvo::CTransportLinger::Begin(*this, nullptr))
+        Disconnect(CM_OK);
+    pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_CLOSE, this);  // last: the sink may release this transport
+}
+
+void CCmTransportBase::AddUndrained(CCmUndrained& aLeft) {
+    DWORD dwBytes = 0;
+    if (!m_pSink)
+        return;
+    ++aLeft.m_dwConnections;
+    if (GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK)
+        aLeft.m_ullBytes += dwBytes;
 }
 
 void CCmTransportBase::OnReferenceDestory() {

@@ -56,8 +56,8 @@ enum ECmTransportOption : DWORD {
                                            // is FALSE again; nothing is lost. A connection that fails is told all the same
     CM_OPT_TRANSPORT_PROXY_SEND_LIMIT = 142,  // get, set DWORD: thread proxies only, see CCmTransportThreadProxy
     CM_OPT_TRANSPORT_PROXY_RECV_LIMIT = 143,  // get, set DWORD: thread proxies only
-    // [waits] get DWORD: bytes taken that the peer's system has not acknowledged; TCP. On a protocol connection what it has not
-    // sent yet besides what its own transport answers.
+    // [waits] get DWORD: bytes taken that the peer's system has not acknowledged; 0 over UDP. On a protocol connection what it
+    // has not sent yet besides what its own transport answers.
     CM_OPT_TRANSPORT_UNACKNOWLEDGED = 144,
     // [waits] get DWORD: protocol connections only, the longest message that one SendData can take now.
     CM_OPT_TRANSPORT_MAX_MESSAGE = 145,
@@ -73,6 +73,9 @@ enum ECmTransportOption : DWORD {
     // [waits] get, set DWORD: the most bytes that one read brings, so that one OnReceive of a raw transport does; 4,096 to
     // 1,048,576. TCP starts with the key "ReadSize" (16,384). Proxies, protocol connections and HTTP ask for 65,536.
     CM_OPT_TRANSPORT_READ_SIZE = 149,
+    // set BOOL TRUE: a layer above, a protocol connection or a thread proxy, brings this transport to its orderly end, and
+    // CCmConnectionManager::Drain leaves that to it. Set it before OpenWithSink.
+    CM_OPT_TRANSPORT_LAYERED = 150,
     // get CCmFailure: what ended the connection; CM_FAILURE_NONE while it runs, behind an orderly end of the peer's and after
     // Disconnect. Inside and after OnDisconnect, in the thread of the upcalls; a thread proxy answers without waiting.
     CM_OPT_TRANSPORT_LAST_FAILURE = 159
@@ -188,7 +191,8 @@ class TALVO_API ICmAcceptor : public ICmAcceptorConnectorId {
 public:
     // OnConnectIndication follows for every connection. CM_ERROR_ALREADY_INITIALIZED: it listens. CM_ERROR_INVALID_ARG: aSink
     // is null. CM_ERROR_NETWORK_SOCKET_ERROR: the address cannot be bound or listened on; CM_OPT_CONNECT_FAILURE says why.
-    // After any failure it may be tried again. Port 0 lets the system choose: GetListenAddr tells.
+    // CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain runs, which ends all listening in silence (StopListen first to listen
+    // again afterwards). After any failure it may be tried again. Port 0 lets the system choose: GetListenAddr tells.
     virtual CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) = 0;
 
     // No indication follows. Connections that were handed up stay. aReason is for the trace and for those who override. CM_OK.

@@ -3,9 +3,9 @@
 
 #include <utility>
 
-#include "talvo/base/config.h"
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
+#include "talvo/event/thread_linger.h"
 #include "talvo/event/thread_manager.h"
 #include "talvo/transport/tcp_settings.h"
 
@@ -18,11 +18,11 @@ CCmLiveCounter s_Live("CCmTransportThreadProxy");
 constexpr DWORD STREAM_TYPE_MASK = 0xFFF0FFFF;  // base type and protocol, without the thread flags
 constexpr DWORD PROTOCOL_MASK = 0xFFF00000;
 constexpr DWORD TELL_SENT_STEP = 64 * 1024;  // bytes: a lock for each message would be dear, and the whole batch a long wait
-constexpr DWORD DEFAULT_LINGER_SECONDS = 30;
-constexpr uint64_t LOOK_STEP = 1 << 20;  // bytes between two looks at the socket's buffers
+constexpr uint64_t LOOK_STEP = 1 << 20;      // bytes between two looks at the socket's buffers
 constexpr DWORD TYPE_FLAG_HIGH = 0x20000;
 constexpr DWORD TYPE_FLAG_LOW = 0x10000;
 constexpr const char* THREAD_ENDED = "the network thread has ended";
+constexpr const char* CUT_OFF = "not all was sent when the time was over";
 constexpr const char* OUT_OF_MEMORY = "out of memory";
 constexpr long LINGER_LOOK_USEC = 10000;  // between two looks whether the peer has everything
 
@@ -53,6 +53,8 @@ CTransportProxyCore::~CTransportProxyCore() { --s_Live; }
 void CTransportProxyCore::Start(ICmTransport* aProxy) {
     m_pProxy = aProxy;
     ReadAddresses_i();
+    BOOL bLayered = TRUE;
+    m_pTransport->SetOption(CM_OPT_TRANSPORT_LAYERED, &bLayered);
     if (!Host_i()) {
         LostHere_i(CM_ERROR_NETWORK_SOCKET_CLOSE, THREAD_ENDED);
         return;
@@ -139,7 +141,7 @@ void CTransportProxyCore::Tell_i() {
     if (PostUpcall_i() == CM_OK || !m_pTransport)
         return;
     m_bClosed = TRUE;  // the user's thread has ended
-    LetGo_i(CM_OK);
+    EndWith_i(CM_OK);
 }
 
 void CTransportProxyCore::OnSend(ICmTransport*, CCmTransportParameter*) {
@@ -172,8 +174,10 @@ void CTransportProxyCore::Drain() {
         LostHere_i(rv, OUT_OF_MEMORY);  // no OnSend would follow
     else if (rv == CM_OK ? TakeBatch_i() : m_bRoomMeanwhile)
         m_DrainEvent.Post(GetNetwork());
-    else if (rv == CM_OK && m_pLingerTimers && !HasUnacknowledged_i())
+    else if (rv == CM_OK && m_pLingerTimers && GetUnacknowledged_i() == 0)
         LetGo_i(CM_OK);
+    else if (rv != CM_OK && rv != CM_ERROR_PARTIAL_DATA && m_pLingerTimers)
+        LetGo_i(rv);
     else if (rv == CM_OK && m_bEndSending)
         SetInnerOption_i(CM_OPT_TRANSPORT_END_SENDING, &m_bEndSending);
 }
@@ -291,9 +295,9 @@ void CTransportProxyCore::ApplyReading_i() {
 
 // What the peer's system has not acknowledged would be lost by closing while it sends: its bytes, unread here, would be
 // answered with a reset.
-BOOL CTransportProxyCore::HasUnacknowledged_i() {
+DWORD CTransportProxyCore::GetUnacknowledged_i() {
     DWORD dwBytes = 0;
-    return m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK && dwBytes > 0;
+    return m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK ? dwBytes : 0;
 }
 
 void CTransportProxyCore::ApplyReadingAnew_i() {
@@ -301,18 +305,18 @@ void CTransportProxyCore::ApplyReadingAnew_i() {
     ApplyReading_i();
 }
 
-void CTransportProxyCore::Disconnect_i() {
+void CTransportProxyCore::EndWith_i(CmResult aReason) {
     if (!m_pTransport || m_pLingerTimers)
         return;
-    if (m_DisconnectReason == CM_OK && (!m_SendQueue.IsEmpty() || HasUnacknowledged_i()))
+    if (aReason == CM_OK && HasUnsent_i())
         Linger_i();
     else
-        LetGo_i(m_DisconnectReason);
+        LetGo_i(aReason);
 }
 
 void CTransportProxyCore::Linger_i() {
-    const DWORD dwSeconds = get_uint32_param("Proxy", "LingerSeconds", DEFAULT_LINGER_SECONDS);
-    m_tvLingerEnd = CCmTimeValue::GetTimeOfDay() + CCmTimeValue(static_cast<long>(dwSeconds));
+    const CCmTimeValue tvTime = GetLingerTime();
+    m_tvLingerEnd = CCmTimeValue::GetTimeOfDay() + tvTime;
     ICmTimerQueue* pTimers = CCmThreadManager::Instance()->GetThreadTimerQueue(CCmThreadManager::TT_CURRENT);
     const CmResult rv = pTimers ? pTimers->ScheduleTimer(this, nullptr, CCmTimeValue(0, LINGER_LOOK_USEC), 0) : CM_OK;
     if (!pTimers || (rv != CM_OK && rv != CM_ERROR_FOUND)) {
@@ -327,19 +331,59 @@ void CTransportProxyCore::Linger_i() {
 
 void CTransportProxyCore::OnTimeout(const CCmTimeValue& aCurTime, void*) {
     const BOOL bOver = aCurTime >= m_tvLingerEnd;
-    if (bOver)
-        CM_WARNING_TRACE_THIS("CTransportProxyCore::OnTimeout, data unsent when closing.");
-    if (bOver || (m_SendQueue.IsEmpty() && !HasUnacknowledged_i()))
+    if (!HasUnsent_i())
         LetGo_i(CM_OK);
+    else if (bOver) {
+        CM_WARNING_TRACE_THIS("CTransportProxyCore::OnTimeout, data unsent when closing.");
+        LetGo_i(CM_ERROR_TIMEOUT);
+    }
 }
 
-// The transport is of no use any more, and the user has not asked for that.
-void CTransportProxyCore::Lost_i(CmResult aReason, const CCmFailure& aFailure) {
+// As the user's Disconnect(CM_OK), and the user is told.
+void CTransportProxyCore::EndInOrder_i() {
+    m_SendQueue.Close();
+    TellLost_i(CM_ERROR_NETWORK_SOCKET_CLOSE, CCmFailure());
+    EndWith_i(CM_OK);
+}
+
+// A drain has a limit of its own, which holds for what lingers already as well.
+void CTransportProxyCore::OnDrain(ECmDrainStage aStage) {
+    if (!m_pTransport)
+        return;
+    const CCmRefPtrT<CProxyCore> pKeep(this);
+    const BOOL bClose = aStage == ECmDrainStage::CLOSE;
+    const BOOL bCut = aStage == ECmDrainStage::CUT;
+    if (bCut && (m_pLingerTimers || HasUnsent_i()))
+        LostHere_i(CM_ERROR_NETWORK_SOCKET_CLOSE, CUT_OFF);
+    else if ((bClose || bCut) && !m_pLingerTimers)
+        EndInOrder_i();
+    else if (aStage == ECmDrainStage::LINGER && !m_pLingerTimers)
+        OnThreadEnd();
+    if (bClose)
+        m_tvLingerEnd = CCmTimeValue::s_tvMax;
+}
+
+void CTransportProxyCore::AddUndrained(CCmUndrained& aLeft) {
+    if (!m_pTransport)
+        return;
+    ++aLeft.m_dwConnections;
+    aLeft.m_dwLingering += m_pLingerTimers ? 1 : 0;
+    aLeft.m_ullBytes += m_SendQueue.GetWaiting() + GetUnacknowledged_i();
+}
+
+void CTransportProxyCore::TellLost_i(CmResult aReason, const CCmFailure& aFailure) {
     m_bClosed = TRUE;
+    if (m_bLost)
+        return;
     m_LostReason = aReason;
     m_Failure = aFailure;
     m_bLost = TRUE;
     PostUpcall_i();
+}
+
+// The transport is of no use any more, and the user has not asked for that.
+void CTransportProxyCore::Lost_i(CmResult aReason, const CCmFailure& aFailure) {
+    TellLost_i(aReason, aFailure);
     LetGo_i(aReason);
 }
 

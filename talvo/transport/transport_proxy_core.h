@@ -56,6 +56,8 @@ public:
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
 
     void OnThreadEnd() override;
+    void OnDrain(ECmDrainStage aStage) override;
+    void AddUndrained(CCmUndrained& aLeft) override;
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // lingering: done, or long enough
 
 private:
@@ -89,9 +91,13 @@ private:
     void ReadMaxMessage_i();
     void ApplyReading_i();
     void ApplyReadingAnew_i();
-    void Disconnect_i();
-    BOOL HasUnacknowledged_i();
+    void Disconnect_i() { EndWith_i(m_DisconnectReason); }
+    void EndWith_i(CmResult aReason);
+    DWORD GetUnacknowledged_i();
+    BOOL HasUnsent_i() { return !m_SendQueue.IsEmpty() || GetUnacknowledged_i() > 0; }
     void Linger_i();
+    void EndInOrder_i();
+    void TellLost_i(CmResult aReason, const CCmFailure& aFailure);
     void Lost_i(CmResult aReason, const CCmFailure& aFailure);
     void LostHere_i(CmResult aReason, const char* aText);
     void LetGo_i(CmResult aReason);

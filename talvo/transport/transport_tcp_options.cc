@@ -35,6 +35,8 @@ CmResult CCmTransportTcp::SetOption(DWORD aCommand, void* aArg) {
         return SetTos2Socket(m_SocketTcp, aArg);
     case CM_OPT_TRANSPORT_PAUSE_READING:
         return PauseReading_i(*static_cast<BOOL*>(aArg));
+    case CM_OPT_TRANSPORT_LAYERED:
+        return SetLayered_i(*static_cast<BOOL*>(aArg));
     case CM_OPT_TRANSPORT_TELL_END:
         m_bTellEnd = m_bTellEnd || *static_cast<BOOL*>(aArg);
         return CM_OK;

@@ -30,6 +30,8 @@ CmResult CCmTransportUdp::SetOption(DWORD aCommand, void* aArg) {
         return pPort ? SetTos2Socket(pPort->GetSocket(), aArg) : CM_ERROR_NETWORK_SOCKET_ERROR;
     case CM_OPT_TRANSPORT_PAUSE_READING:
         return PauseReading_i(!!*static_cast<BOOL*>(aArg));
+    case CM_OPT_TRANSPORT_LAYERED:
+        return SetLayered_i(*static_cast<BOOL*>(aArg));
     default:
         CM_WARNING_TRACE_THIS("CCmTransportUdp::SetOption, unknow aCommand=" << aCommand << " aArg=" << aArg);
         return CM_ERROR_INVALID_ARG;
@@ -53,6 +55,9 @@ CmResult CCmTransportUdp::GetOption(DWORD aCommand, void* aArg) {
             return CM_OK;
         CM_WARNING_TRACE_THIS("CCmTransportUdp::GetOption, (CM_OPT_TRANSPORT_FIO_NREAD) failed! err=" << errno);
         return CM_ERROR_NETWORK_SOCKET_ERROR;
+    case CM_OPT_TRANSPORT_UNACKNOWLEDGED:
+        *static_cast<DWORD*>(aArg) = 0;  // nobody acknowledges a datagram
+        return CM_OK;
     case CM_OPT_TRANSPORT_FD:
         *static_cast<HANDLE*>(aArg) = GetHandle();
         return CM_OK;

@@ -42,8 +42,8 @@ CmResult CSimTransport::OpenWithSink(ICmTransportSink* aSink) {
         return CM_ERROR_INVALID_ARG;
     if (m_bClosed)
         return CM_ERROR_NOT_INITIALIZED;
-    m_pSink = aSink;
-    if (m_Network.m_pWatch)
+    const BOOL bOpen = std::exchange(m_pSink, aSink) != nullptr;
+    if (m_Network.m_pWatch && !bOpen)
         m_Network.m_pWatch->Opened(GetKey_i());
     ScheduleDelivery_i();
     return CM_OK;

@@ -9,6 +9,7 @@ namespace {
 
 constexpr DWORD MIN_BUFFER = 5;  // for a keep-alive
 constexpr int64_t IDLE_LIMIT = 120000;
+constexpr int64_t LINGER = 30 * SIM_SEC;
 constexpr DWORD DEFAULT_INTERVAL = 15;
 
 // What message aNumber looks like. The first bytes are its number.
@@ -201,7 +202,8 @@ void CSimUser::OnDisconnect(CmResult aReason, ICmTransport*) {
                         (aReason == CM_OK || aReason >= 20000));  // of an earlier peer, perhaps
     if (!bSilence && !bEnded && !bLost && !m_Link.m_bOdd)
         Fail_i("OnDisconnect " + std::to_string(aReason));
-    if (m_Link.m_bComplete && !bSilence && !m_Link.m_bOdd && IsMissing_i())
+    const BOOL bWhole = m_Link.m_bComplete || (m_Network.Now() < m_Link.m_llLingers && !m_Network.HasJumped());
+    if (bWhole && !bSilence && !m_Link.m_bOdd && IsMissing_i())
         Fail_i("the end came before a message");
     if (m_Link.m_bTold && !bSilence && !m_Link.m_bOdd && !bEnded)
         Fail_i("the reason was lost: " + std::to_string(aReason));
@@ -243,7 +245,8 @@ BOOL CSimUser::IsSilenceTheEnd_i() const {
     return m_Network.HasJumped() || (IsPeerSilent_i() && (m_Network.Now() - m_llTimer) % m_llInterval == 0);
 }
 
-// What the transport has not taken by now is lost, the reason among it, and a link that breaks loses more.
+// What the transport has not taken by now lingers after an orderly end; after any other it is lost, the reason among it, and a
+// link that breaks loses more.
 void CSimUser::NoteEnd_i(CmResult aReason) {
     const CSimWeather& weather = m_Network.GetWeather();
     CSimTransport* pBelow = CSimTransport::Find(m_Network, KeyBelow_i());
@@ -254,7 +257,9 @@ void CSimUser::NoteEnd_i(CmResult aReason) {
         pBelow->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwTaken);
     const CSimUser* pPeer = GetPeer_i();
     if (!pPeer || pPeer->m_bOpen) {
-        m_Link.m_bComplete = !m_World.m_Kind.m_bDatagrams && dwUnsent == dwTaken && !weather.m_dwBroken;
+        const BOOL bWhole = !m_World.m_Kind.m_bDatagrams && !weather.m_dwBroken;
+        m_Link.m_bComplete = bWhole && dwUnsent == dwTaken;
+        m_Link.m_llLingers = bWhole && aReason == CM_OK ? m_Network.Now() + LINGER : 0;
         m_Link.m_bTold =
             m_Link.m_bComplete && m_World.m_Kind.m_bTellsReason && !weather.m_dwRefused && dwTaken < weather.m_dwWindow / 2;
         m_Link.m_Reason = m_World.m_Kind.m_bTellsReason ? aReason & 0xFFFF : CM_ERROR_NETWORK_SOCKET_ERROR;

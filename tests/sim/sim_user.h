@@ -41,6 +41,7 @@ struct CSimLink {
     CSimUser* m_pServer = nullptr;
     BOOL m_bOdd = FALSE;        // something was done that may end it with any reason
     BOOL m_bComplete = FALSE;   // the end that was asked for has left nothing unsent,
+    int64_t m_llLingers = 0;    // or until when it goes out,
     BOOL m_bTold = FALSE;       // and was itself sent,
     CmResult m_Reason = CM_OK;  // with this reason for the peer
 };

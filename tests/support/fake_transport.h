@@ -48,8 +48,9 @@ public:
             m_Log.push_back(*static_cast<BOOL*>(aArg) ? "(cork)" : "(uncork)");
             return m_Inside(m_Log.back());
         } else {
-            EXPECT_EQ(OPT_LIMIT, aCommand);
-            m_dwMaxMessage = *static_cast<DWORD*>(aArg);
+            EXPECT_TRUE(aCommand == OPT_LIMIT || aCommand == CM_OPT_TRANSPORT_LAYERED) << aCommand;
+            if (aCommand == OPT_LIMIT)
+                m_dwMaxMessage = *static_cast<DWORD*>(aArg);
         }
         return CM_OK;
     }
@@ -109,6 +110,18 @@ public:
             aPrepare(*m_pFake);
             m_pProxy = CCmTransportThreadProxy::Make(m_pFake.Get(), aUser ? *aUser : m_Network.MainLink(),
                                                      m_Network.NetworkLink(), aType);
+        });
+    }
+    // Takes what a test has left unsent, so that nothing lingers.
+    ~CFakeConnection() {
+        if (!m_Network.Network() || !m_pFake)
+            return;
+        m_Network.InNetwork([&] {
+            m_pFake->m_dwRoom = CFakeTransport::EVERYTHING;
+            m_pFake->m_dwUnacknowledged = 0;
+            m_pFake->m_Inside = [](const std::string&) { return CM_OK; };
+            if (m_pFake->m_pSink)
+                m_pFake->m_pSink->OnSend(m_pFake.Get());
         });
     }
     void Open() {

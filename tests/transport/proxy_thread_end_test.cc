@@ -39,7 +39,7 @@ TEST(ProxyThreadEndTest, ConnectThatTheNetworkThreadNeverReachedIsReported) {
     for (int i = 0; i < 200; ++i)  // more than one turn of the loop runs
         network.NetworkLink().Post([] {});
     pUnreached->AsycConnect(&sink, listener.Addr());
-    network.Network()->Stop();
+    network.Network()->GetReactor()->StopEventLoop();  // in the turn that runs
     busy.Signal();
     network.EndNetworkThread();
     network.RunUntil([&] { return sink.Count() >= 2; });
@@ -47,7 +47,7 @@ TEST(ProxyThreadEndTest, ConnectThatTheNetworkThreadNeverReachedIsReported) {
     EXPECT_EQ(std::vector<CmResult>(2, CM_ERROR_NOT_AVAILABLE), sink.m_Reasons);
 }
 
-// The network thread is too busy to end in time: it is given up and unregistered, and comes back later.
+// The network thread is too busy to end in time: it is given up and unregistered, comes back later and still lingers.
 TEST(ProxyThreadEndTest, NetworkThreadComesBackAfterItWasGivenUp) {
     CTestNetwork network;
     CTestConnectSink sink;
@@ -60,11 +60,16 @@ TEST(ProxyThreadEndTest, NetworkThreadComesBackAfterItWasGivenUp) {
         EXPECT_EQ(CM_OK, SendText(*lingering.m_pProxy, "unsent"));
         lingering.m_pProxy->Disconnect(CM_OK);
         lingering.Sync();
-        network.NetworkLink().Post([&] { busy.Wait(); });
+        const CCmRefPtrT<CCmThreadLink> pLink(&network.NetworkLink());
+        pLink->Post([&] { busy.Wait(); });
         pConnector->AsycConnect(&sink, listener.Addr());
         CCmConnectionManager::CleanupInstance();
         EXPECT_EQ(nullptr, network.Network());
         busy.Signal();
+        RunIn(*pLink, [&] {
+            EXPECT_EQ(0, lingering.m_pFake->m_nDisconnects);
+            lingering.m_pFake->m_pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_ERROR, lingering.m_pFake.Get());
+        });
         network.RunUntil([&] { return sink.Count() == 1 && lingering.m_pFake->m_nDisconnects == 1; });
         YieldUntil([] { return CCmLiveCounter::Dump().find("CCmReactorBase 1\n") != std::string::npos; });
     }

@@ -1,0 +1,187 @@
+#include "talvo/connection/drain.h"
+
+#include <new>
+#include <utility>
+
+#include "talvo/base/trace.h"
+#include "talvo/event/thread.h"
+
+ICmDrainSink::~ICmDrainSink() = default;
+
+namespace talvo {
+
+namespace {
+
+const CCmTimeValue LOOK(0, 10000);
+
+std::atomic<BOOL> s_bRunning{FALSE};
+
+}  // namespace
+
+// Goes to another thread and answers in any case, also when that thread ends before.
+class CDrain::CQuestion {
+public:
+    CQuestion(CDrain& aDrain, CCmThreadLink& aAsked)
+        : m_pDrain(&aDrain), m_pAsked(&aAsked), m_Stage(aDrain.m_Rule.GetStage()) {}
+    CQuestion(CQuestion&&) = default;
+    ~CQuestion() {
+        if (m_pDrain)
+            m_pDrain->m_pNetwork->Post([pDrain = m_pDrain, left = m_Left] { pDrain->OnAnswer_i(left); });
+    }
+    void Ask() { m_Left = m_pAsked->Drain(m_Stage); }
+
+private:
+    CCmRefPtrT<CDrain> m_pDrain;
+    CCmRefPtrT<CCmThreadLink> m_pAsked;
+    ECmDrainStage m_Stage;
+    CCmUndrained m_Left;
+};
+
+CDrain::CDrain(CCmThreadLink& aNetwork, CCmThreadLink* aUser, ICmDrainSink& aSink, const CCmTimeValue& aTime)
+    : m_pNetwork(&aNetwork), m_pUser(aUser), m_pSink(&aSink), m_Rule(CCmTimeValue::GetTimeOfDay() + aTime) {}
+
+// Its beginning was dropped with the network thread.
+CDrain::~CDrain() { Tell_i(CM_ERROR_NOT_AVAILABLE, {}); }
+
+BOOL CDrain::Claim() {
+    m_bClaimed = !s_bRunning.exchange(TRUE);
+    if (!m_bClaimed)
+        m_pSink = nullptr;
+    return m_bClaimed;
+}
+
+CmResult CDrain::Start() {
+    const CmResult rv = m_pNetwork->Post([pThis = CCmRefPtrT<CDrain>(this)] { pThis->Begin_i(); });
+    return rv == CM_OK ? CM_OK : CM_ERROR_NULL_POINTER;
+}
+
+void CDrain::StartOrTell() {
+    if (m_pSink && Start() != CM_OK)
+        Tell_i(CM_ERROR_NOT_AVAILABLE, {});
+}
+
+void CDrain::Withdraw() {
+    m_pSink = nullptr;
+    if (std::exchange(m_bClaimed, FALSE))
+        s_bRunning = FALSE;
+}
+
+void CDrain::Begin_i() {
+    ICmTimerQueue* pTimers = CCmThreadManager::Instance()->GetThreadTimerQueue(CCmThreadManager::TT_CURRENT);
+    if (!pTimers || pTimers->ScheduleTimer(this, nullptr, LOOK, 0) != CM_OK)
+        return Tell_i(CM_ERROR_NOT_AVAILABLE, {});
+    CM_INFO_TRACE_THIS("CCmConnectionManager::Drain, begins.");
+    m_pTimers = pTimers;
+    m_pSelf = this;
+    m_pNetwork->Join(*this);
+    Look_i();
+}
+
+void CDrain::Look_i() {
+    m_Others = {};
+    CCmThreadManager::Instance()->ForEachLink([this](CCmThreadLink& aLink) {
+        if (&aLink == m_pNetwork.Get())
+            return;
+        ++m_dwAwaited;
+        aLink.Post([question = CQuestion(*this, aLink)]() mutable { question.Ask(); });
+    });
+    m_Own = m_pNetwork->Drain(m_Rule.GetStage());
+}
+
+void CDrain::OnAnswer_i(const CCmUndrained& aLeft) {
+    --m_dwAwaited;
+    m_Others += aLeft;
+}
+
+void CDrain::OnTimeout(const CCmTimeValue& aCurTime, void*) {
+    CCmUndrained left = m_Own;
+    left += m_Others;
+    m_Rule.OnLook(left, m_dwAwaited == 0, aCurTime);
+    if (m_Rule.IsOver())
+        Finish_i();
+    else if (m_dwAwaited == 0)
+        Look_i();
+}
+
+void CDrain::Finish_i() {
+    const CCmRefPtrT<CDrain> pKeep = std::move(m_pSelf);
+    m_pTimers->CancelTimer(this);
+    LeaveThread();
+    CCmUndrained left = m_pNetwork->Drain(m_Rule.GetStage());
+    left += m_Others;
+    if (m_Rule.GetStage() == ECmDrainStage::CUT)
+        TellOthers_i(ECmDrainStage::CUT);
+    m_pNetwork->Drain(ECmDrainStage::NONE);
+    TellOthers_i(ECmDrainStage::NONE);
+    Tell_i(m_Rule.GetResult(), left);
+}
+
+void CDrain::TellOthers_i(ECmDrainStage aStage) {
+    CCmThreadManager::Instance()->ForEachLink([this, aStage](CCmThreadLink& aLink) {
+        if (&aLink != m_pNetwork.Get())
+            aLink.Post([pLink = CCmRefPtrT<CCmThreadLink>(&aLink), aStage] { pLink->Drain(aStage); });
+    });
+}
+
+void CDrain::OnThreadEnd() {
+    const CCmRefPtrT<CDrain> pKeep = std::move(m_pSelf);
+    m_pTimers->CancelTimer(this);
+    CCmUndrained left = m_Own;
+    left += m_Others;
+    TellOthers_i(ECmDrainStage::NONE);
+    Tell_i(CM_ERROR_NOT_AVAILABLE, left);
+}
+
+// Once; the sink may begin the next one.
+void CDrain::Tell_i(CmResult aReason, const CCmUndrained& aLeft) {
+    ICmDrainSink* pSink = m_pSink;
+    Withdraw();
+    if (!pSink)
+        return;
+    if (aReason == CM_OK)
+        CM_INFO_TRACE_THIS("CCmConnectionManager::Drain, nothing is left.");
+    else
+        CM_WARNING_TRACE_THIS("CCmConnectionManager::Drain, left: connections="
+                              << aLeft.m_dwConnections << " requests=" << aLeft.m_dwRequests << " bytes=" << aLeft.m_ullBytes
+                              << " rv=" << aReason);
+    if (m_pUser)
+        m_pUser->Post([=] { pSink->OnDrained(aReason, aLeft); });
+    else
+        pSink->OnDrained(aReason, aLeft);
+}
+
+// Begins from inside the loop: if that cannot run, nothing has begun.
+CmResult CDrainWait::Run(CCmThreadLink& aMain, CCmThreadLink& aNetwork, const CCmTimeValue& aTime) {
+    const CCmRefPtrT<CDrain> pDrain(new (std::nothrow) CDrain(aNetwork, nullptr, *this, aTime));
+    if (!pDrain)
+        return CM_ERROR_OUT_OF_MEMORY;
+    if (!pDrain->Claim())
+        return CM_ERROR_ALREADY_INITIALIZED;
+    if (aMain.Post([pDrain] { pDrain->StartOrTell(); }) == CM_OK)
+        return RunLoop_i(*pDrain);
+    // The main thread's loop has ended for good: nothing there could be waited for.
+    pDrain->StartOrTell();
+    m_bDone.wait(FALSE);
+    return m_Result;
+}
+
+CmResult CDrainWait::RunLoop_i(CDrain& aDrain) {
+    while (!m_bDone) {
+        if (m_Reactor.RunEventLoop() == CM_OK)
+            continue;
+        aDrain.Withdraw();
+        return CM_ERROR_FAILURE;
+    }
+    return m_Result;
+}
+
+// From the network thread. Once it is done the waiting thread goes on, and this object with it.
+void CDrainWait::OnDrained(CmResult aReason, const CCmUndrained&) {
+    ICmReactor& reactor = m_Reactor;
+    m_Result = aReason;
+    m_bDone = TRUE;
+    m_bDone.notify_all();
+    reactor.StopEventLoop();
+}
+
+}  // namespace talvo

@@ -1,0 +1,78 @@
+// Brings the connections of all threads of the library to an orderly end.
+#pragma once
+
+#include "talvo/connection/drain_rule.h"
+#include "talvo/connection/drain_sink.h"
+#include "talvo/event/reactor.h"
+#include "talvo/event/thread_link.h"
+
+namespace talvo {
+
+//   network thread                                        every other thread
+//
+//   each 10 ms:  own tenants are told the stage
+//                CQuestion ----------- posted ----------> its tenants are told the stage
+//                OnAnswer_i <--------- posted ----------- what they have left
+//   then:        the rule: the same stage again, the next, or the end
+//
+// One at a time in the process. Counted by what is under way between the threads.
+class TALVO_API CDrain final : public CCmReferenceControlT<CCmMutexThread>, private CCmThreadTenant, private ICmTimerHandler {
+public:
+    // aUser: the thread in which aSink is told; null: the thread in which it ends, directly.
+    CDrain(CCmThreadLink& aNetwork, CCmThreadLink* aUser, ICmDrainSink& aSink, const CCmTimeValue& aTime);
+
+    // Claims the process's one drain; comes first. FALSE: another one runs, and the sink is not told.
+    BOOL Claim();
+    // Any thread. CM_ERROR_NULL_POINTER: the network thread has ended.
+    CmResult Start();
+    // Tells the sink of that failure. Nothing happens behind Withdraw.
+    void StartOrTell();
+    // Instead of Start: the sink is not told.
+    void Withdraw();
+
+private:
+    class CQuestion;
+
+    ~CDrain() override;
+    void OnThreadEnd() override;
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
+
+    void Begin_i();
+    void Look_i();
+    void OnAnswer_i(const CCmUndrained& aLeft);
+    void Finish_i();
+    void Tell_i(CmResult aReason, const CCmUndrained& aLeft);
+    void TellOthers_i(ECmDrainStage aStage);
+
+    const CCmRefPtrT<CCmThreadLink> m_pNetwork;
+    const CCmRefPtrT<CCmThreadLink> m_pUser;
+    ICmDrainSink* m_pSink;  // not owned; null: over
+    BOOL m_bClaimed = FALSE;
+
+    // Network thread only.
+    CDrainRule m_Rule;
+    CCmRefPtrT<CDrain> m_pSelf;          // while it runs
+    ICmTimerQueue* m_pTimers = nullptr;  // not owned; this thread's, while it runs
+    DWORD m_dwAwaited = 0;               // answers
+    CCmUndrained m_Own;                  // as of the last look
+    CCmUndrained m_Others;               // as far as they have answered
+};
+
+// Without a sink: runs the main thread's loop until it is over.
+class TALVO_API CDrainWait final : private ICmDrainSink {
+public:
+    explicit CDrainWait(ICmReactor& aReactor) : m_Reactor(aReactor) {}
+
+    // The result of the drain, see ICmDrainSink. CM_ERROR_FAILURE: from inside a callback.
+    CmResult Run(CCmThreadLink& aMain, CCmThreadLink& aNetwork, const CCmTimeValue& aTime);
+
+private:
+    CmResult RunLoop_i(CDrain& aDrain);
+    void OnDrained(CmResult aReason, const CCmUndrained& aLeft) override;
+
+    ICmReactor& m_Reactor;  // the main thread's
+    CmResult m_Result = CM_OK;
+    std::atomic<BOOL> m_bDone{FALSE};
+};
+
+}  // namespace talvo

@@ -1,0 +1,40 @@
+// Decides how an orderly end goes on.
+#pragma once
+
+#include "talvo/base/export.h"
+#include "talvo/base/result.h"
+#include "talvo/base/time_value.h"
+#include "talvo/event/orderly_end.h"
+
+namespace talvo {
+
+//            no request is left           nothing is left
+//   FINISH -------------------> CLOSE ---------------------> NONE     CM_OK
+//      |                          |
+//      +------ the time is over --+------------------------> CUT      CM_ERROR_TIMEOUT
+//
+// Knows no thread and no timer.
+class TALVO_API CDrainRule {
+public:
+    explicit CDrainRule(const CCmTimeValue& aDeadline) : m_tvDeadline(aDeadline) {}
+
+    ECmDrainStage GetStage() const { return m_Stage; }
+    BOOL IsOver() const { return m_Stage == ECmDrainStage::NONE || m_Stage == ECmDrainStage::CUT; }
+    CmResult GetResult() const { return m_Stage == ECmDrainStage::NONE ? CM_OK : CM_ERROR_TIMEOUT; }
+
+    // What was left at aNow. aAll: every thread has been told the stage and has answered.
+    void OnLook(const CCmUndrained& aLeft, BOOL aAll, const CCmTimeValue& aNow) {
+        if (aAll && m_Stage == ECmDrainStage::CLOSE && aLeft.IsNothing())
+            m_Stage = ECmDrainStage::NONE;
+        else if (aNow >= m_tvDeadline)
+            m_Stage = ECmDrainStage::CUT;
+        else if (aAll && m_Stage == ECmDrainStage::FINISH && aLeft.m_dwRequests == 0)
+            m_Stage = ECmDrainStage::CLOSE;
+    }
+
+private:
+    const CCmTimeValue m_tvDeadline;
+    ECmDrainStage m_Stage = ECmDrainStage::FINISH;
+};
+
+}  // namespace talvo

@@ -1,0 +1,119 @@
+#include "talvo/transport/transport_linger.h"
+
+#include <new>
+
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+#include "talvo/event/thread_linger.h"
+#include "talvo/event/thread_manager.h"
+
+namespace talvo {
+
+namespace {
+
+CCmLiveCounter s_Live("CTransportLinger");
+
+const CCmTimeValue LOOK(0, 10000);  // between two looks whether the peer has everything
+
+}  // namespace
+
+CTransportLinger::CTransportLinger(ICmTransport& aTransport, CCmMessageBlock* aRest)
+    : m_pTransport(&aTransport), m_pRest(aRest) {
+    ++s_Live;
+}
+
+CTransportLinger::~CTransportLinger() {
+    if (m_pTimers)
+        m_pTimers->CancelTimer(this);
+    if (m_pRest)
+        m_pRest->DestroyChained();
+    --s_Live;
+}
+
+BOOL CTransportLinger::Begin(ICmTransport& aTransport, CCmMessageBlock* aRest) {
+    auto* pLinger = new (std::nothrow) CTransportLinger(aTransport, aRest);
+    if (pLinger && pLinger->Start_i())
+        return TRUE;
+    if (!pLinger && aRest)
+        aRest->DestroyChained();
+    delete pLinger;
+    return FALSE;
+}
+
+BOOL CTransportLinger::Start_i() {
+    SendRest_i();
+    const CCmTimeValue tvTime = GetLingerTime();
+    if (IsDone_i() || tvTime == CCmTimeValue::s_tvZero)
+        return FALSE;
+    ICmTimerQueue* pTimers = CCmThreadManager::Instance()->GetThreadTimerQueue(CCmThreadManager::TT_CURRENT);
+    if (!pTimers || pTimers->ScheduleTimer(this, nullptr, LOOK, 0) != CM_OK)
+        return FALSE;
+    m_pTimers = pTimers;
+    m_tvEnd = CCmTimeValue::GetTimeOfDay() + tvTime;
+    BOOL bLayered = TRUE;
+    BOOL bPause = FALSE;
+    m_pTransport->SetOption(CM_OPT_TRANSPORT_LAYERED, &bLayered);
+    m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);  // a peer that closes meanwhile has to be noticed
+    JoinCurrentThread();
+    return m_pTransport->OpenWithSink(this) == CM_OK;
+}
+
+// An end of the sending side behind the rest shows the peer that nothing follows while this side still waits.
+void CTransportLinger::SendRest_i() {
+    while (m_pRest) {
+        CCmTransportParameter para;
+        const CmResult rv = m_pTransport->SendData(*m_pRest, &para);
+        m_pRest = m_pRest->ReclaimGarbage();
+        if (rv != CM_OK)
+            return;
+    }
+    BOOL bEnd = TRUE;
+    if (!m_bEnded)
+        m_pTransport->SetOption(CM_OPT_TRANSPORT_END_SENDING, &bEnd);
+    m_bEnded = TRUE;
+}
+
+void CTransportLinger::OnSend(ICmTransport*, CCmTransportParameter*) { SendRest_i(); }
+
+void CTransportLinger::OnDisconnect(CmResult aReason, ICmTransport*) { End_i(aReason); }
+
+void CTransportLinger::OnTimeout(const CCmTimeValue& aCurTime, void*) {
+    if (IsDone_i())
+        return End_i(CM_OK);
+    if (aCurTime < m_tvEnd)
+        return;
+    CM_WARNING_TRACE_THIS("CTransportLinger::OnTimeout, data unsent when closing.");
+    End_i(CM_ERROR_TIMEOUT);
+}
+
+void CTransportLinger::OnThreadEnd() {
+    SendRest_i();
+    End_i(CM_ERROR_NETWORK_SOCKET_CLOSE);
+}
+
+// A drain has a limit of its own.
+void CTransportLinger::OnDrain(ECmDrainStage aStage) {
+    if (aStage == ECmDrainStage::CLOSE)
+        m_tvEnd = CCmTimeValue::s_tvMax;
+    else if (aStage == ECmDrainStage::CUT)
+        End_i(CM_ERROR_NETWORK_SOCKET_CLOSE);
+}
+
+void CTransportLinger::AddUndrained(CCmUndrained& aLeft) {
+    ++aLeft.m_dwConnections;
+    ++aLeft.m_dwLingering;
+    aLeft.m_ullBytes += uint64_t{GetUnacknowledged_i()} + (m_pRest ? m_pRest->GetChainedLength() : 0);
+}
+
+// A transport that is gone has nothing left.
+DWORD CTransportLinger::GetUnacknowledged_i() {
+    DWORD dwBytes = 0;
+    return m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK ? dwBytes : 0;
+}
+
+void CTransportLinger::End_i(CmResult aReason) {
+    m_pTransport->Disconnect(aReason);
+    delete this;
+}
+
+}  // namespace talvo
