@@ -48,7 +48,7 @@ TEST_F(HttpClientBodyTest, SendsWhatWasSet) {
 }
 
 TEST_F(HttpClientBodyTest, StreamsABodyOfKnownLengthOrInChunks) {
-    const std::string strBody = Pattern(3 << 20);
+    const std::string strBody = Pattern(8 << 20);  // more than the proxy and the system hold
     for (const bool bChunked : {false, true}) {
         std::string strSeen;
         std::atomic<int> nRefused = 0;
