@@ -65,7 +65,11 @@ int RunServe(const Arguments& aArguments) {
     Server server(directory, application, console);
     if (!server.Start(aArguments.m_Endpoint))
         return EXIT_FAILED;
-    return application.Run();
+    const int nStatus = application.Run();
+    // A second signal leaves answers unfinished: their senders let go of themselves when they are cut off.
+    CCmTimeValue tvNone;
+    CCmConnectionManager::Instance()->Drain(&tvNone);
+    return nStatus;
 }
 
 }  // namespace tool
