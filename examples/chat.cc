@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <map>
 #include <string>
+#include <utility>
 
 #include "talvo/talvo.h"
 
@@ -120,12 +121,15 @@ private:
         return 0;
     }
     void Leave(const char* aWhy) {
+        if (std::exchange(m_bLeft, true))
+            return;
         std::printf("* %s\n", aWhy);
         MainReactor()->StopEventLoop();
     }
 
     const std::string m_strName;
     const bool m_bTypes;
+    bool m_bLeft = false;
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pTransport;
     std::string m_strTyped;  // the begun line
@@ -150,7 +154,8 @@ int main(int argc, char** argv) {
     if (strWho.empty())
         other.Start(addr);
     MainReactor()->RunEventLoop();
+    Manager::Instance()->Drain(nullptr);  // what was said last goes out, and everybody is told that this end has left
     pThreads->StopAllThreads(nullptr);
-    pThreads->JoinAllThreads();  // what was said last has gone out now
+    pThreads->JoinAllThreads();
     return 0;
 }

@@ -120,6 +120,7 @@ int main(int argc, char** argv) {
     pServerThread->GetEventQueue()->PostEvent(new StartEvent(server));
     pThreads->GetThreadReactor(CCmThreadManager::TT_MAIN)->RunEventLoop();
 
+    CCmConnectionManager::Instance()->Drain(nullptr);
     pThreads->StopAllThreads(nullptr);
     pThreads->JoinAllThreads();
     pServerThread->Destory(CM_OK);

@@ -51,6 +51,7 @@ int main(int argc, char** argv) {
     std::printf("listening on %s:%u\n", addr.GetIpDisplayName().c_str(), unsigned{addr.GetPort()});
     std::fflush(stdout);
     pThreads->GetThreadReactor(CCmThreadManager::TT_MAIN)->RunEventLoop();
+    CCmConnectionManager::Instance()->Drain(nullptr);
     pAcceptor.Reset();
     pThreads->StopAllThreads(nullptr);
     pThreads->JoinAllThreads();

@@ -37,8 +37,8 @@ public:
     CmResult SetOption(DWORD aCommand, void* aArg) override;
     CmResult GetOption(DWORD aCommand, void* aArg) override;
 
-    // Ends the transport below with aReason and returns its result. What is unsent is lost, see
-    // CM_OPT_TRANSPORT_UNACKNOWLEDGED.
+    // Ends the transport below with aReason and returns its result. With CM_OK what is unsent goes out first, for at most
+    // LingerSeconds (CTransportLinger); with any other reason it is lost, see CM_OPT_TRANSPORT_UNACKNOWLEDGED.
     CmResult Disconnect(CmResult aReason) override;
 
     // Ends an opening; nobody is told.

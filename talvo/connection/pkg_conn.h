@@ -17,9 +17,9 @@
 // so only with keep-alives of its own. The reason is CM_ERROR_NETWORK_CONNECT_TIMEOUT (20005).
 class TALVO_API CPkgConn : public CCsConn, public ICmAcceptorConnectorSink {
 public:
-    // Tells the peer and closes the transport below, at once: what the transport has not taken yet is lost, the notice to the
-    // peer among it (a thread proxy waits first, see CCmTransportThreadProxy). No upcall follows. The transport's result; CM_OK
-    // when the connection had ended.
+    // Tells the peer and closes the transport below. With CM_OK what the transport has not taken yet, the notice last, goes out
+    // first, for at most LingerSeconds (CTransportLinger); over datagrams and with any other reason it is lost. No upcall
+    // follows. The transport's result; CM_OK when the connection lingers or had ended.
     CmResult Disconnect(CmResult aReason) override;
 
 protected:

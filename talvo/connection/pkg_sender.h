@@ -14,8 +14,9 @@ public:
     // Gives the opening up; the owner is told nothing any more.
     void CancelConnect();
 
-    // Tells the peer and closes the transport below, at once: what the transport has not taken yet is lost (a thread proxy
-    // waits first). No upcall follows. The transport's result; CM_OK when the connection had ended.
+    // Tells the peer and closes the transport below. With CM_OK what the transport has not taken yet, the notice last, goes out
+    // first, for at most LingerSeconds (CTransportLinger); over datagrams and with any other reason it is lost. No upcall
+    // follows. The transport's result; CM_OK when the connection lingers or had ended.
     CmResult Disconnect(CmResult aReason) override;
 
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override;

@@ -38,7 +38,7 @@
 // system acknowledge it, for at most 30 s (key "LingerSeconds" in section "Proxy"); then the connection's own Disconnect(CM_OK)
 // does the rest. No upcall follows either, even one that was already posted. Releasing inside any upcall is safe.
 // CM_ERROR_NULL_POINTER: the transport is gone. CM_ERROR_NOT_AVAILABLE: the network thread is. When the network thread ends,
-// OnDisconnect says CM_ERROR_NETWORK_SOCKET_CLOSE.
+// or CCmConnectionManager::Drain ends the connection, OnDisconnect says CM_ERROR_NETWORK_SOCKET_CLOSE.
 //
 // The options 141 to 143 are the proxy's own; ECmTransportOption says which others answer without waiting. OnSend comes during
 // a pause, too. Sends of several threads stay whole, in an order of their own.

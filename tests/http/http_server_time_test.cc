@@ -68,6 +68,32 @@ TEST_F(HttpServerTest, StopsWhenWhatHasBegunIsDone) {
     EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(this, CCmInetAddr(OwnLoopback(), 0)));
 }
 
+TEST_F(HttpServerTest, ADrainFinishesWhatHasBegun) {
+    m_Request = [this](ICmChannelHttpServer& aChannel) { Keep(aChannel).m_End = [] {}; };
+    const auto pIdle = Connect(), pBusy = Connect();
+    pBusy->Receive(GET + GET);
+    struct CSink : ICmDrainSink {
+        void OnDrained(CmResult aReason, const CCmUndrained&) override { m_Reason = aReason; }
+        CmResult m_Reason = CM_ERROR_FAILURE;
+    } drained;
+    CCmTimeValue tvLimit(60);
+    EXPECT_EQ(CM_OK, m_Network.Manager().Drain(&tvLimit, &drained));
+    Pass(1);
+    EXPECT_EQ("end", pIdle->TakeAnswers());
+    pIdle->Vanish();
+    Pass(7);
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, CCmRefPtrT<ICmChannelServerAcceptor>(new CCmChannelHttpServerAcceptor(0))
+                                          ->StartListen(this, CCmInetAddr(OwnLoopback(), 0)));
+    EXPECT_EQ(CM_OK, m_Requests.at(0)->m_pChannel->AnswerText(200, "text/plain", "last"));
+    Turn();
+    EXPECT_EQ("200:last end", pBusy->TakeAnswers());
+    EXPECT_EQ(CM_ERROR_FAILURE, drained.m_Reason);
+    pBusy->Vanish();
+    Pass(3);
+    EXPECT_EQ(CM_OK, drained.m_Reason);
+    EXPECT_EQ(1, m_nStopped);
+}
+
 // Also between two looks at the clock: an application sends times of change that are not later than it.
 TEST_F(HttpServerTest, TheDateIsThatOfTheAnswer) {
     const auto pClient = Connect();

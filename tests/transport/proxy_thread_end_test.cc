@@ -27,6 +27,28 @@ TEST(ProxyThreadEndTest, NetworkThreadFirst) {
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, indications.m_Reasons.at(0));
 }
 
+TEST(ProxyThreadEndTest, WhatLingersGoesOutBeforeTheNetworkThreadEnds) {
+    for (const auto mode : {CCmThreadManager::NETWORK_THREAD_OWN, CCmThreadManager::NETWORK_THREAD_MAIN}) {
+        CTestNetwork network(mode);
+        const CTestListener listener(1, 4096);
+        CTestConnectSink sink;
+        const auto pConnector = network.MakeConnector(CCmConnectionManager::CTYPE_FORCE_THREAD_PROXY | 1);
+        pConnector->AsycConnect(&sink, listener.Addr());
+        network.RunUntil([&] { return sink.Count() == 1; });
+        const CTestFd peer = listener.Accept();
+        const std::string strData = Pattern(900 * 1024);
+        EXPECT_EQ(CM_OK, SendText(*sink.m_Transports.at(0), strData));
+        EXPECT_EQ(CM_OK, sink.m_Transports[0]->Disconnect(CM_OK));
+        CCmThreadManager::Instance()->StopAllThreads();
+        std::string strRead;
+        std::thread reader([&] { YieldUntil([&] { return ReadToEnd(peer, strRead); }); });
+        CCmThreadManager::Instance()->JoinAllThreads();
+        reader.join();
+        EXPECT_TRUE(strData == strRead) << strRead.size();
+        sink.m_Transports.clear();
+    }
+}
+
 TEST(ProxyThreadEndTest, ConnectThatTheNetworkThreadNeverReachedIsReported) {
     CTestNetwork network;
     const CTestListener listener;

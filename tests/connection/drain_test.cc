@@ -1,0 +1,130 @@
+// The orderly end of everything.
+#include "talvo/connection/drain_rule.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/network_fixture.h"
+
+namespace {
+
+class CTestDrain : public ICmDrainSink {
+public:
+    void OnDrained(CmResult aReason, const CCmUndrained& aLeft) override {
+        ++m_nTold;
+        m_Reason = aReason;
+        m_Left = aLeft;
+    }
+    int m_nTold = 0;
+    CmResult m_Reason = CM_OK;
+    CCmUndrained m_Left;
+};
+
+}  // namespace
+
+TEST(DrainTest, TheRule) {
+    const CCmTimeValue tvBefore(9), tvDeadline(10);
+    CCmUndrained request, connection;
+    request.m_dwRequests = 1;
+    connection.m_dwConnections = 1;
+    talvo::CDrainRule rule(tvDeadline);
+    rule.OnLook(request, TRUE, tvBefore);
+    rule.OnLook(connection, FALSE, tvBefore);  // a thread has not answered yet
+    EXPECT_EQ(ECmDrainStage::FINISH, rule.GetStage());
+    rule.OnLook({}, TRUE, tvBefore);
+    EXPECT_EQ(ECmDrainStage::CLOSE, rule.GetStage());
+    talvo::CDrainRule late = rule;
+    late.OnLook(connection, TRUE, tvDeadline);
+    EXPECT_EQ(CM_ERROR_TIMEOUT, late.GetResult());
+    rule.OnLook(connection, TRUE, tvBefore);
+    EXPECT_FALSE(rule.IsOver());
+    rule.OnLook({}, TRUE, tvDeadline);
+    EXPECT_EQ(CM_OK, rule.GetResult());
+}
+
+// In both modes, over every kind of stream, from the side whose sends are refused once the socket is full.
+TEST(DrainTest, WhatWasTakenGoesOutAndEachSinkIsToldOnce) {
+    using Manager = CCmConnectionManager;
+    for (const auto mode : {CCmThreadManager::NETWORK_THREAD_OWN, CCmThreadManager::NETWORK_THREAD_MAIN}) {
+        for (const DWORD dwType : {DWORD{1}, Manager::CTYPE_PDU_LENGTH | 1u, Manager::CTYPE_SEND_NO_PARTIAL_DATA | 1u}) {
+            CTestNetwork network(mode);
+            const CTestListener listener(1, 4096);
+            CTestConnectSink connected, accepted;
+            CTestSink sink;
+            CCmInetAddr addr;
+            const auto pAcceptor = network.Listen(accepted, addr);
+            const auto pConnector = network.MakeConnector(dwType);
+            pConnector->AsycConnect(&connected, listener.Addr());
+            network.RunUntil([&] { return connected.Count() == 1; });
+            ICmTransport& transport = *connected.m_Transports.at(0);
+            transport.OpenWithSink(&sink);
+            int nBuffer = 16384;
+            EXPECT_EQ(CM_OK, transport.SetOption(CM_OPT_TRANSPORT_SNDBUF, &nBuffer));
+            const std::string strPart = Pattern(4096);
+            size_t stTaken = 0;
+            for (CCmTransportParameter para; stTaken < (4u << 20) && SendText(transport, strPart, &para) == CM_OK;)
+                stTaken += para.m_dwHaveSent;
+            const CTestFd peer = listener.Accept();
+            std::string strRead;
+            CCmEventThread told;  // only then the peer reads
+            sink.m_Disconnect = [&] { told.Signal(); };
+            std::thread reader([&] {
+                told.Wait();
+                YieldUntil([&] { return ReadToEnd(peer, strRead); });
+            });
+            CCmTimeValue tvLimit(60);
+            EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit));
+            reader.join();
+            EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, sink.m_Reason);
+            EXPECT_EQ(1, sink.m_nDisconnects);
+            EXPECT_LE(stTaken, strRead.size());
+            EXPECT_NE(CM_OK, SendText(transport, "x"));
+            EXPECT_NE(CM_OK, pAcceptor->GetListenAddr(addr));
+            pAcceptor->StopListen(CM_OK);
+            EXPECT_EQ(CM_OK, pAcceptor->StartListen(&accepted, CCmInetAddr(OwnLoopback(), 0))) << "it can go on";
+        }
+    }
+}
+
+TEST(DrainTest, AtTheLimitItReportsAndCuts) {
+    CCmFakeClock clock;
+    CTestNetwork network;
+    CTestFd peer;
+    CTestSink sink;
+    CTestDrain drain, second;
+    const auto pProxy = network.ConnectTo(peer, 4096);
+    pProxy->OpenWithSink(&sink);
+    EXPECT_EQ(CM_OK, SendText(*pProxy, Pattern(900 * 1024)));
+    CCmTimeValue tvLimit(5);
+    EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit, &drain));
+    EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, network.Manager().Drain(&tvLimit, &second));
+    const auto pass = [&](int aMsec) {
+        clock.Advance(CCmTimeValue(0, aMsec * 1000));
+        network.Main().RunOnce(nullptr);
+    };
+    for (int i = 0; i < 49; ++i)
+        pass(100);
+    EXPECT_EQ(0, drain.m_nTold);
+    network.RunUntil([&] { return pass(10), drain.m_nTold == 1; });
+    EXPECT_EQ(CM_ERROR_TIMEOUT, drain.m_Reason);
+    EXPECT_EQ(1u, drain.m_Left.m_dwConnections);
+    EXPECT_LT(0u, drain.m_Left.m_ullBytes);
+    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, sink.m_Reason);
+    EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit, &second)) << "the next one may begin";
+    network.RunUntil([&] { return pass(10), second.m_nTold == 1; });
+    EXPECT_EQ(CM_OK, second.m_Reason);
+}
+
+TEST(DrainTest, WhoMayCallAndHow) {
+    CTestNetwork network;
+    CCmTimeValue tvLimit(60);
+    CTestDrain drain;
+    std::thread([&] { EXPECT_EQ(CM_ERROR_NULL_POINTER, network.Manager().Drain(&tvLimit, &drain)); }).join();
+    CScopedThread user(CScopedThread::TASK);
+    RunIn(user->GetLink(), [&] { EXPECT_EQ(CM_ERROR_FAILURE, network.Manager().Drain(&tvLimit)); });
+    CmResult rvInside = CM_OK;
+    network.MainLink().Post([&] { rvInside = network.Manager().Drain(&tvLimit); });
+    network.RunPosted();
+    EXPECT_EQ(CM_ERROR_FAILURE, rvInside);
+    EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit, &drain));
+    network.RunUntil([&] { return drain.m_nTold == 1; });
+    EXPECT_EQ(CM_OK, drain.m_Reason);
+    network.EndNetworkThread();
+}
