@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "tools/byte_range.h"
+#include "tools/endpoint.h"
 #include "tools/text.h"
 
 namespace tool {
@@ -172,9 +173,19 @@ void Getter::OnDisconnect(CmResult aReason, ICmTransport*) {
         Finish(m_pOutput->Publish());
         return;
     }
+    Finish(DescribeFailure(aReason));
+}
+
+// What failed, and its cause unless that is the same text.
+std::string Getter::DescribeFailure(CmResult aReason) const {
     CCmString strFailure;
-    const CmResult cause = m_pHttp ? m_pHttp->GetFailure(strFailure) : aReason;
-    Finish((strFailure.empty() ? "it cannot be read" : Printable(strFailure)) + " (" + cm_result_name(cause) + ")");
+    CCmFailure cause;
+    const CmResult rv = m_pHttp ? m_pHttp->GetFailure(strFailure) : aReason;
+    if (m_pHttp)
+        m_pHttp->GetOption(CM_OPT_CHANNEL_LAST_FAILURE, &cause);
+    if (strFailure.empty())
+        return "it cannot be read" + DescribeCause(cause, rv);
+    return Printable(strFailure) + (strFailure.starts_with(cause.GetText()) ? "" : DescribeCause(cause, rv));
 }
 
 void Getter::Finish(const std::string& aProblem) {

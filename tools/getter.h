@@ -47,6 +47,7 @@ private:
     // A weak tag does not tell versions apart byte by byte; a time of change does as well as it can.
     std::string GetVersion() const;
 
+    std::string DescribeFailure(CmResult aReason) const;
     void Deliver();
     void Finish(const std::string& aProblem);
 

@@ -310,6 +310,7 @@ class TransferTest(unittest.TestCase):
         file, taken = self.make("file", b""), str(self.serve("echo").port)
         for arguments, cause in ((["ping", HOST + ":1"], "Connection refused"), (["send", file, HOST + ":1"], "Connection refused"),
                                  (["ping", "--udp", "--type", "package", HOST + ":1"], "Connection refused"),
+                                 (["get", f"http://{HOST}:1/", "-o", "-"], "no connection to the server: Connection refused"),
                                  (["serve", self.out, "--port", taken, "--host", HOST], "Address already in use"),
                                  (["recv", "--out", self.out, "--port", taken, "--host", HOST], "Address already in use"),
                                  (["echo", "--port", "0", "--host", "192.0.2.1"], "Cannot assign requested address"),
