@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 namespace tool {
@@ -22,9 +23,9 @@ FileSender::FileSender(ICmChannelHttpServer* aChannel, FileHandle aFile, uint64_
       m_Piece(static_cast<DWORD>(std::min(aLength, PIECE))) {}
 
 void FileSender::Start(ICmChannelHttpServer* aChannel, FileHandle aFile, uint64_t aOffset, uint64_t aLength) {
-    auto* pSender = new FileSender(aChannel, std::move(aFile), aOffset, aLength);
-    aChannel->ReceiveRequest(pSender);
-    pSender->Pump();
+    std::unique_ptr<FileSender> pSender(new FileSender(aChannel, std::move(aFile), aOffset, aLength));
+    if (aChannel->ReceiveRequest(pSender.get()) == CM_OK)
+        pSender.release()->Pump();
 }
 
 void FileSender::OnSend(ICmTransport*, CCmTransportParameter*) { Pump(); }
@@ -44,7 +45,9 @@ void FileSender::Pump() {
             return;
         }
     }
-    m_Timer.Schedule(this, CCmTimeValue(0, 0), 1);
+    const CmResult rv = m_Timer.Schedule(this, CCmTimeValue(0, 0), 1);
+    if (rv != CM_OK && rv != CM_ERROR_FOUND)
+        delete this;
 }
 
 CmResult FileSender::SendPiece() {

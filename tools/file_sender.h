@@ -11,7 +11,7 @@ namespace tool {
 class FileSender : public ICmChannelHttpServerSink, private CCmTimerWrapperIDSink {
 public:
     // Answers aChannel, whose answer has begun with aLength, with so many bytes from aOffset on. If the file turns out to be
-    // shorter the connection ends, which tells the client.
+    // shorter the connection ends, which tells the client; so it does when memory runs out. Throws std::bad_alloc.
     static void Start(ICmChannelHttpServer* aChannel, FileHandle aFile, uint64_t aOffset, uint64_t aLength);
 
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 
 #include "tools/byte_range.h"
 #include "tools/content_type.h"
@@ -13,8 +14,14 @@ namespace {
 
 using Atoms = CCmHttpAtomList;
 
+// An answer that lacks a part for want of memory would say something else, so it is not given.
+void Require(CmResult aResult) {
+    if (aResult == CM_ERROR_OUT_OF_MEMORY)
+        throw std::bad_alloc();
+}
+
 void AnswerStatus(ICmChannelHttpServer& aChannel, long aStatus, const char* aText) {
-    aChannel.AnswerText(aStatus, "text/plain; charset=utf-8", std::string(aText) + "\n");
+    Require(aChannel.AnswerText(aStatus, "text/plain; charset=utf-8", std::string(aText) + "\n"));
 }
 
 long StatusOfError(int aError) {
@@ -44,34 +51,35 @@ ByteRange GetRange(const CCmHttpRequestHead& aRequest, const FileVersion& aVersi
 void AnswerFile(ICmChannelHttpServer& aChannel, FileHandle aFile, const struct stat& aStatus, const std::string& aName) {
     const CCmHttpRequestHead& request = aChannel.GetRequest();
     const FileVersion version(aStatus);
-    aChannel.SetHeader(Atoms::ETag, version.GetTag());
+    Require(aChannel.SetHeader(Atoms::ETag, version.GetTag()));
     // A time of change in the future would be later than the answer's own date.
     const int64_t llNow = CCmClock::GetWallUsec() / 1000000;
-    aChannel.SetHeader(Atoms::Last_Modified, talvo::format_http_date(std::min(version.GetModified(), llNow)));
-    aChannel.SetHeader(Atoms::Accept_Ranges, "bytes");
+    Require(aChannel.SetHeader(Atoms::Last_Modified, talvo::format_http_date(std::min(version.GetModified(), llNow))));
+    Require(aChannel.SetHeader(Atoms::Accept_Ranges, "bytes"));
     const long lStatus = version.JudgeConditions(request);
     if (lStatus == 412)
         return AnswerStatus(aChannel, lStatus, "another version is meant");
     if (lStatus == 304) {
-        aChannel.SetStatus(lStatus);
-        aChannel.EndAnswer();
+        Require(aChannel.SetStatus(lStatus));
+        Require(aChannel.EndAnswer());
         return;
     }
     const auto ullSize = static_cast<uint64_t>(aStatus.st_size);
     const ByteRange range = GetRange(request, version, ullSize);
     const std::string strSize = "/" + std::to_string(ullSize);
     if (range.m_Kind == ByteRange::UNSATISFIABLE) {
-        aChannel.SetHeader(Atoms::Content_Range, "bytes *" + strSize);
+        Require(aChannel.SetHeader(Atoms::Content_Range, "bytes *" + strSize));
         AnswerStatus(aChannel, 416, "no such range");
         return;
     }
     if (range.m_Kind == ByteRange::PART) {
-        aChannel.SetStatus(206);
+        Require(aChannel.SetStatus(206));
         const std::string strLast = std::to_string(range.m_ullFirst + range.m_ullLength - 1);
-        aChannel.SetHeader(Atoms::Content_Range, "bytes " + std::to_string(range.m_ullFirst) + "-" + strLast + strSize);
+        Require(
+            aChannel.SetHeader(Atoms::Content_Range, "bytes " + std::to_string(range.m_ullFirst) + "-" + strLast + strSize));
     }
-    aChannel.SetHeader(Atoms::Content_Type, GetContentType(aName));
-    aChannel.BeginAnswer(range.m_ullLength);
+    Require(aChannel.SetHeader(Atoms::Content_Type, GetContentType(aName)));
+    Require(aChannel.BeginAnswer(range.m_ullLength));
     if (request.GetMethod() == Atoms::Head || range.m_ullLength == 0)
         aChannel.EndAnswer();
     else
@@ -80,17 +88,26 @@ void AnswerFile(ICmChannelHttpServer& aChannel, FileHandle aFile, const struct s
 
 }  // namespace
 
+// The connection whose answer there is no memory for ends; the others stay.
 void FileService::OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) {
-    const CCmHttpRequestHead& request = aChannel->GetRequest();
+    try {
+        Answer(*aChannel);
+    } catch (const std::bad_alloc&) {
+        aChannel->Disconnect(CM_ERROR_OUT_OF_MEMORY);
+    }
+}
+
+void FileService::Answer(ICmChannelHttpServer& aChannel) const {
+    const CCmHttpRequestHead& request = aChannel.GetRequest();
     const CCmHttpAtom method = request.GetMethod();
     RequestPath path;
     if (method != Atoms::Get && method != Atoms::Head) {
-        aChannel->SetHeader(Atoms::Allow, "GET, HEAD");
-        AnswerStatus(*aChannel, 405, "GET and HEAD only");
+        Require(aChannel.SetHeader(Atoms::Allow, "GET, HEAD"));
+        AnswerStatus(aChannel, 405, "GET and HEAD only");
     } else if (!ParseRequestPath(request.GetRequestURI(), path)) {
-        AnswerStatus(*aChannel, 400, "not a path");
+        AnswerStatus(aChannel, 400, "not a path");
     } else {
-        AnswerPath(*aChannel, path);
+        AnswerPath(aChannel, path);
     }
 }
 
@@ -111,7 +128,7 @@ void FileService::AnswerPath(ICmChannelHttpServer& aChannel, const RequestPath& 
 void FileService::AnswerDirectory(ICmChannelHttpServer& aChannel, const RequestPath& aPath, FileHandle aDirectory) const {
     const std::string strPath = "/" + aPath.m_strPath + (aPath.m_strPath.empty() ? "" : "/");
     if (!aPath.m_bDirectory) {  // what the page links to is meant from behind the slash
-        aChannel.SetHeader(Atoms::Location, EncodePath(strPath));
+        Require(aChannel.SetHeader(Atoms::Location, EncodePath(strPath)));
         return AnswerStatus(aChannel, 301, "it is a directory");
     }
     FileHandle index = m_Directory.OpenAt((strPath + "index.html").substr(1));
@@ -119,7 +136,9 @@ void FileService::AnswerDirectory(ICmChannelHttpServer& aChannel, const RequestP
     if (index && fstat(index.Get(), &status) == 0 && S_ISREG(status.st_mode))
         return AnswerFile(aChannel, std::move(index), status, "index.html");
     const std::string strPage = MakeDirectoryPage(m_Directory, std::move(aDirectory), aPath.m_strPath);
-    aChannel.AnswerText(200, "text/html; charset=utf-8", strPage);
+    if (strPage.empty())
+        return AnswerError(aChannel, StatusOfError(errno));
+    Require(aChannel.AnswerText(200, "text/html; charset=utf-8", strPage));
 }
 
 }  // namespace tool

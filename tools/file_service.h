@@ -16,6 +16,8 @@ public:
     void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor* aAcceptor) override;
 
 private:
+    // The rest throws std::bad_alloc.
+    void Answer(ICmChannelHttpServer& aChannel) const;
     void AnswerPath(ICmChannelHttpServer& aChannel, const RequestPath& aPath) const;
     void AnswerDirectory(ICmChannelHttpServer& aChannel, const RequestPath& aPath, FileHandle aDirectory) const;
 
