@@ -306,8 +306,8 @@ CmResult CCmReactorEpoll::NotifyHandler(ACmEventHandler* aEh, long aMask) {
 }
 
 BOOL CCmReactorEpoll::AddNotification_l(ACmEventHandler* aEh, long aMask) {
-    std::vector<CNotification>& notifications = m_Notifications;
-    return talvo::WithMemory([&] { notifications.push_back({aEh, aEh->GetHandle(), aMask}); });
+    auto* const pNotifications = &m_Notifications;
+    return talvo::WithMemory([&] { pNotifications->push_back({aEh, aEh->GetHandle(), aMask}); });
 }
 
 // What other threads ask for is marked like the rest. Only what is marked now: a handler that marks itself again waits for the

@@ -149,8 +149,8 @@ CmResult CCmThreadManager::RegisterThread(ACmThread* aThread) {
                               << static_cast<const void*>(aThread) << " type=" << nType << " tid=" << aThread->GetThreadId());
         return CM_ERROR_FOUND;
     }
-    std::vector<ACmThread*>& threads = m_Threads;
-    return talvo::WithMemory([&] { threads.push_back(aThread); }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+    auto* const pThreads = &m_Threads;
+    return talvo::WithMemory([&] { pThreads->push_back(aThread); }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
 
 CmResult CCmThreadManager::UnregisterThread(ACmThread* aThread) {

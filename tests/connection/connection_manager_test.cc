@@ -124,7 +124,8 @@ TEST(ConnectionManagerTest, ThreadRule) {
 TEST(ConnectionManagerTest, WithoutDescriptorsThereIsNoManagerUntilThereAreSome) {
     CCmTraceCapture trace;
     const CMainThread main;
-    EXPECT_NE(nullptr, CCmConnectionManager::Instance());  // the sanitizers need descriptors to look at a class for the first time
+    EXPECT_NE(nullptr,
+              CCmConnectionManager::Instance());  // the sanitizers need descriptors to look at a class for the first time
     CCmConnectionManager::CleanupInstance();
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);

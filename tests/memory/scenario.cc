@@ -7,7 +7,7 @@
 namespace {
 
 constexpr int MAX_DESCRIPTORS = 64;
-constexpr int QUICK_TURNS = 500;  // then each waits, since the system has times of its own
+constexpr int QUICK_TURNS = 500;   // then each waits, since the system has times of its own
 constexpr int MOST_TURNS = 20000;  // longer than any limit of the library, and than a look-up takes in real time
 constexpr int TURNS_WITHOUT_MEMORY = 200;
 constexpr long TURN_USEC = 100000;
