@@ -62,6 +62,7 @@ protected:
 
     // CM_OPT_TRANSPORT_LAYERED. CM_OK.
     CmResult SetLayered_i(BOOL aLayered);
+    BOOL IsLayered_i() const { return m_bLayered; }
 
     // Answers of the transport below; CM_ERROR_NOT_AVAILABLE without one. The addresses, the type and the last failure can be
     // asked for after the end, too.

@@ -228,7 +228,7 @@ CmResult CCmConnectionManager::Drain(CCmTimeValue* aTimeout, ICmDrainSink* aSink
         return talvo::CDrainWait(*pUser->GetReactor()).Run(pUser->GetLink(), pNetwork->GetLink(), tvTime);
     }
     using talvo::CDrain;
-    const CCmRefPtrT<CDrain> pDrain(new (std::nothrow) CDrain(pNetwork->GetLink(), &pUser->GetLink(), *aSink, tvTime));
+    const CCmRefPtrT<CDrain> pDrain(new (std::nothrow) CDrain(pNetwork->GetLink(), pUser->GetLink(), *aSink, tvTime, FALSE));
     if (!pDrain)
         return CM_ERROR_OUT_OF_MEMORY;
     if (!pDrain->Claim())

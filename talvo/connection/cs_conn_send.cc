@@ -314,7 +314,7 @@ BOOL CCsConn::LetLinger_i() {
         m_SendBuf.DataSentLen(pUnsent->GetChainedLength());
     }
     CCmMessageBlock* pRest = m_Pending.TakeAll();
-    return pRest && talvo::CTransportLinger::Begin(*m_pTransport, pRest);
+    return (pRest || !IsLayered_i()) && talvo::CTransportLinger::Begin(*m_pTransport, pRest);
 }
 
 int CCsConn::DoACK(DWORD aSeq) {

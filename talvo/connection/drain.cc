@@ -37,8 +37,12 @@ private:
     CCmUndrained m_Left;
 };
 
-CDrain::CDrain(CCmThreadLink& aNetwork, CCmThreadLink* aUser, ICmDrainSink& aSink, const CCmTimeValue& aTime)
-    : m_pNetwork(&aNetwork), m_pUser(aUser), m_pSink(&aSink), m_Rule(CCmTimeValue::GetTimeOfDay() + aTime) {}
+CDrain::CDrain(CCmThreadLink& aNetwork, CCmThreadLink& aUser, ICmDrainSink& aSink, const CCmTimeValue& aTime, BOOL aEvenHere)
+    : m_pNetwork(&aNetwork),
+      m_pUser(&aUser),
+      m_bEvenHere(aEvenHere),
+      m_pSink(&aSink),
+      m_Rule(CCmTimeValue::GetTimeOfDay() + aTime) {}
 
 // Its beginning was dropped with the network thread.
 CDrain::~CDrain() { Tell_i(CM_ERROR_NOT_AVAILABLE, {}); }
@@ -77,15 +81,17 @@ void CDrain::Begin_i() {
     Look_i();
 }
 
+// This thread first: the upcalls of the connections that it ends are posted before the questions, so they run before the
+// answers come.
 void CDrain::Look_i() {
     m_Others = {};
+    m_Own = m_pNetwork->Drain(m_Rule.GetStage());
     CCmThreadManager::Instance()->ForEachLink([this](CCmThreadLink& aLink) {
         if (&aLink == m_pNetwork.Get())
             return;
         ++m_dwAwaited;
         aLink.Post([question = CQuestion(*this, aLink)]() mutable { question.Ask(); });
     });
-    m_Own = m_pNetwork->Drain(m_Rule.GetStage());
 }
 
 void CDrain::OnAnswer_i(const CCmUndrained& aLeft) {
@@ -144,15 +150,14 @@ void CDrain::Tell_i(CmResult aReason, const CCmUndrained& aLeft) {
         CM_WARNING_TRACE_THIS("CCmConnectionManager::Drain, left: connections="
                               << aLeft.m_dwConnections << " requests=" << aLeft.m_dwRequests << " bytes=" << aLeft.m_ullBytes
                               << " rv=" << aReason);
-    if (m_pUser)
-        m_pUser->Post([=] { pSink->OnDrained(aReason, aLeft); });
-    else
+    const CmResult rv = m_pUser->Post([=] { pSink->OnDrained(aReason, aLeft); });
+    if (rv != CM_OK && m_bEvenHere)
         pSink->OnDrained(aReason, aLeft);
 }
 
 // Begins from inside the loop: if that cannot run, nothing has begun.
 CmResult CDrainWait::Run(CCmThreadLink& aMain, CCmThreadLink& aNetwork, const CCmTimeValue& aTime) {
-    const CCmRefPtrT<CDrain> pDrain(new (std::nothrow) CDrain(aNetwork, nullptr, *this, aTime));
+    const CCmRefPtrT<CDrain> pDrain(new (std::nothrow) CDrain(aNetwork, aMain, *this, aTime, TRUE));
     if (!pDrain)
         return CM_ERROR_OUT_OF_MEMORY;
     if (!pDrain->Claim())
@@ -175,7 +180,7 @@ CmResult CDrainWait::RunLoop_i(CDrain& aDrain) {
     return m_Result;
 }
 
-// From the network thread. Once it is done the waiting thread goes on, and this object with it.
+// Behind the upcalls that were posted before. Once it is done the waiting thread goes on, and this object with it.
 void CDrainWait::OnDrained(CmResult aReason, const CCmUndrained&) {
     ICmReactor& reactor = m_Reactor;
     m_Result = aReason;

@@ -18,8 +18,9 @@ namespace talvo {
 // One at a time in the process. Counted by what is under way between the threads.
 class TALVO_API CDrain final : public CCmReferenceControlT<CCmMutexThread>, private CCmThreadTenant, private ICmTimerHandler {
 public:
-    // aUser: the thread in which aSink is told; null: the thread in which it ends, directly.
-    CDrain(CCmThreadLink& aNetwork, CCmThreadLink* aUser, ICmDrainSink& aSink, const CCmTimeValue& aTime);
+    // aUser: the thread whose queue brings aSink the end. aEvenHere: when that queue refuses it, the network thread calls
+    // aSink.
+    CDrain(CCmThreadLink& aNetwork, CCmThreadLink& aUser, ICmDrainSink& aSink, const CCmTimeValue& aTime, BOOL aEvenHere);
 
     // Claims the process's one drain; comes first. FALSE: another one runs, and the sink is not told.
     BOOL Claim();
@@ -46,6 +47,7 @@ private:
 
     const CCmRefPtrT<CCmThreadLink> m_pNetwork;
     const CCmRefPtrT<CCmThreadLink> m_pUser;
+    const BOOL m_bEvenHere;
     ICmDrainSink* m_pSink;  // not owned; null: over
     BOOL m_bClaimed = FALSE;
 

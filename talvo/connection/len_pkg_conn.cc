@@ -183,7 +183,8 @@ CmResult CLenPkgConn::Disconnect(CmResult aReason) {
     m_pOwner = nullptr;
     SetCurrStatus(CS_STATUS_NOT_CONNECTED);
     CCmMessageBlock* pRest = m_pTransport && aReason == CM_OK ? m_Pending.TakeAll() : nullptr;
-    const BOOL bLingers = pRest && talvo::CTransportLinger::Begin(*m_pTransport, pRest);
+    const BOOL bWaits = pRest || (m_pTransport && aReason == CM_OK && !IsLayered_i());
+    const BOOL bLingers = bWaits && talvo::CTransportLinger::Begin(*m_pTransport, pRest);
     const CmResult rv = bLingers ? CM_OK : DisconnectTransport_i(aReason);
     Reset();
     return rv;

@@ -21,6 +21,7 @@ CCmLiveCounter s_Live("CCmChannelHttpServerAcceptor");
 constexpr int64_t USEC_PER_SECOND = 1000000;
 
 // What waits in a proxy for the network: little enough that a slow reader's progress is seen in time.
+constexpr DWORD NO_DEADLINE = 0x40000000;  // looks
 constexpr DWORD PROXY_SEND_LIMIT = 256 * 1024;
 
 }  // namespace
@@ -85,6 +86,8 @@ void CCmChannelHttpServerAcceptor::OnDrain(ECmDrainStage aStage) {
         for (const auto& pConnection : m_Connections)
             pConnection->Stop();
     }
+    if (aStage == ECmDrainStage::FINISH)
+        m_dwStopDeadline = m_dwLooks + NO_DEADLINE;  // a drain has a limit of its own
 }
 
 CmResult CCmChannelHttpServerAcceptor::GetListenAddr(CCmInetAddr& aAddr) {

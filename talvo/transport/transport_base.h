@@ -47,6 +47,7 @@ protected:
 
     // CM_OPT_TRANSPORT_LAYERED. CM_OK.
     CmResult SetLayered_i(BOOL aLayered);
+    BOOL IsLayered_i() const { return m_bLayered; }
 
     CCmEnsureSingleThread m_Est;
     ICmTransportSink* m_pSink = nullptr;  // not owned; set by OpenWithSink, cleared by Disconnect, OnClose and the last release

@@ -1,15 +1,18 @@
 #include "talvo/transport/transport_tcp.h"
 
+#include <linux/sockios.h>
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <new>
 #include <utility>
 
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
 #include "talvo/transport/tcp_settings.h"
+#include "talvo/transport/transport_linger.h"
 
 namespace {
 
@@ -60,6 +63,27 @@ int CCmTransportTcp::TellEnd_i() {
         m_pSink->OnReceive(nothing, this, nullptr);
     }
     return WOULD_BLOCK;
+}
+
+CmResult CCmTransportTcp::Disconnect(CmResult aReason) {
+    if (aReason == CM_OK && m_bOpen && !IsLayered_i())
+        LetLinger_i();
+    return CCmTransportBase::Disconnect(aReason);
+}
+
+// Another transport carries the socket on, so that this one is closed like any other. Without memory it is closed at once.
+void CCmTransportTcp::LetLinger_i() {
+    int nUnacknowledged = 0;
+    if (m_SocketTcp.Control(SIOCOUTQ, &nUnacknowledged) != 0 || nUnacknowledged == 0)
+        return;
+    const CCmRefPtrT<CCmTransportTcp> pCarrier(new (std::nothrow) CCmTransportTcp(m_pReactor));
+    if (!pCarrier)
+        return;
+    RemoveFromReactor_i();
+    m_bOpen = FALSE;
+    pCarrier->m_SocketTcp.SetHandle(m_SocketTcp.GetHandle());
+    m_SocketTcp.SetHandle(CM_INVALID_HANDLE);
+    talvo::CTransportLinger::Begin(*pCarrier, nullptr);
 }
 
 CmResult CCmTransportTcp::Close_t(CmResult aReason) {

@@ -31,6 +31,9 @@ public:
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
     CmResult SetOption(DWORD aCommand, void* aArg) override;
     CmResult GetOption(DWORD aCommand, void* aArg) override;
+    // With CM_OK the socket goes on by itself while the peer's system has not acknowledged everything: closed at once, it
+    // would answer what the peer still sends with a reset, which takes the data with it. See CTransportLinger.
+    CmResult Disconnect(CmResult aReason) override;
 
     CCmSocketTcp& GetPeer() { return m_SocketTcp; }
     // What who made it knows already spares a call of the system; the peer's address can then be asked for after the end, too.
@@ -60,6 +63,7 @@ private:
     CmResult PartialSend_i(BOOL aMoreRoom);
     CmResult PauseReading_i(BOOL aPause);
     CmResult Detach_i(HANDLE aNewHandle);
+    void LetLinger_i();
     CmResult IsAlive_i(BOOL& aAlive) const;
     CmResult GetPeerAddr_i(CCmInetAddr& aAddr);
     CmResult GetLocalAddr_i(CCmInetAddr& aAddr);

@@ -69,6 +69,7 @@ TEST_F(HttpServerTest, StopsWhenWhatHasBegunIsDone) {
 }
 
 TEST_F(HttpServerTest, ADrainFinishesWhatHasBegun) {
+    Set(CM_OPT_CHANNEL_SERVER_STOP_SECONDS, DWORD{5});  // not for a drain, whose own limit is later
     m_Request = [this](ICmChannelHttpServer& aChannel) { Keep(aChannel).m_End = [] {}; };
     const auto pIdle = Connect(), pBusy = Connect();
     pBusy->Receive(GET + GET);

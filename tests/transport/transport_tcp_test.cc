@@ -114,6 +114,20 @@ TEST_F(TransportTcpTest, FullSocketGivesOneOnSend) {
     EXPECT_EQ(1, m_Sink.m_nSends);
 }
 
+// With bytes of the peer unread: a socket closed now would answer the next ones with a reset.
+TEST_F(TransportTcpTest, AnOrderlyEndDeliversWhatWasTaken) {
+    Open();
+    const DWORD dwFilled = Fill();
+    m_fdPeer.Write("unread");
+    EXPECT_EQ(CM_OK, m_pTransport->Disconnect(CM_OK));
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, SendText(*m_pTransport, "x"));
+    EXPECT_EQ(nullptr, m_pTransport->GetSink());
+    EXPECT_EQ(dwFilled, PeerReads(dwFilled).size());
+    char c = 0;
+    Until([&] { return recv(m_fdPeer.Get(), &c, 1, 0) == 0; });
+    EXPECT_EQ(0, m_Sink.Upcalls());
+}
+
 TEST_F(TransportTcpTest, ChainBeyondSixtyFourPiecesGetsItsOnSend) {
     Open();
     Settle();  // the first write readiness is past: no other comes by itself
