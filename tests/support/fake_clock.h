@@ -20,7 +20,10 @@ public:
     CCmFakeClock(const CCmFakeClock&) = delete;
     CCmFakeClock& operator=(const CCmFakeClock&) = delete;
 
-    void Advance(const CCmTimeValue& aBy) {
+    void Advance(const CCmTimeValue& aBy) { AdvanceAny(aBy); }
+
+    // For fixtures: moves the clock that is in use, if any is.
+    static void AdvanceAny(const CCmTimeValue& aBy) {
         Source().m_llMonotonicUsec += aBy.GetTotalInUsec();
         Source().m_llWallUsec += aBy.GetTotalInUsec();
     }

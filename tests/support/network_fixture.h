@@ -14,6 +14,7 @@
 #include "talvo/connection/connection_manager.h"
 #include "tests/support/event_helpers.h"
 #include "tests/support/event_socket.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/own_loopback.h"
 
 // Bytes that differ from their neighbours and, by aSeed, from other data.
@@ -193,7 +194,10 @@ public:
         ACmThread* pNetwork = Network();
         if (pNetwork && pNetwork->GetThreadType() != CCmThreadManager::TT_MAIN) {
             pNetwork->Stop();
-            YieldUntil([=] { return pNetwork->Join() != CM_ERROR_TIMEOUT; });
+            YieldUntil([=] {
+                CCmFakeClock::AdvanceAny(CCmTimeValue(1));  // what lingers is given up in time
+                return pNetwork->Join() != CM_ERROR_TIMEOUT;
+            });
         }
         CCmConnectionManager::CleanupInstance();
     }
