@@ -81,12 +81,13 @@ public:
         Manager::Instance()->CreateConnectionClient(TYPE, m_pConnector.ParaOut());
         m_pConnector->AsycConnect(this, aServer);
     }
+    bool HasFailed() const { return m_bFailed; }
 
 private:
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
         m_pTransport = aTrpt;
         if (aReason != CM_OK || m_pTransport->OpenWithSink(this) != CM_OK || SendText(*m_pTransport, m_strName) != CM_OK)
-            return Leave("cannot connect");
+            return Leave("cannot connect", true);
         if (m_bTypes && MainReactor()->RegisterHandler(this, READ_MASK) != CM_OK)
             Leave("lines are read from a terminal or a pipe only");
     }
@@ -120,9 +121,10 @@ private:
         Leave("good bye");
         return 0;
     }
-    void Leave(const char* aWhy) {
+    void Leave(const char* aWhy, bool aFailed = false) {
         if (std::exchange(m_bLeft, true))
             return;
+        m_bFailed = aFailed;
         std::printf("* %s\n", aWhy);
         MainReactor()->StopEventLoop();
     }
@@ -130,6 +132,7 @@ private:
     const std::string m_strName;
     const bool m_bTypes;
     bool m_bLeft = false;
+    bool m_bFailed = false;
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pTransport;
     std::string m_strTyped;  // the begun line
@@ -157,5 +160,5 @@ int main(int argc, char** argv) {
     Manager::Instance()->Drain(nullptr);  // what was said last goes out, and everybody is told that this end has left
     pThreads->StopAllThreads(nullptr);
     pThreads->JoinAllThreads();
-    return 0;
+    return me.HasFailed() ? 1 : 0;
 }

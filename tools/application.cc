@@ -1,5 +1,6 @@
 #include "tools/application.h"
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -64,6 +65,13 @@ private:
 void Application::BlockSignals() {
     const sigset_t signals = GetEndingSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+void Application::GuardStandardDescriptors() {
+    for (int nFd = STDIN_FILENO; nFd <= STDERR_FILENO; ++nFd) {
+        if (fcntl(nFd, F_GETFD) == -1)
+            open("/dev/null", nFd == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // the lowest free one, which is this
+    }
 }
 
 Application::Application(CCmThreadManager::ENetworkThreadMode aMode) {

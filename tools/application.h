@@ -16,6 +16,9 @@ class Application {
 public:
     // First of all in main(), before any thread: the signals wait for the loop then, whatever thread they hit.
     static void BlockSignals();
+    // Before anything opens a descriptor: what was closed of 0 to 2 is taken by one that fails, so that no handle of the
+    // library is written to as stdout.
+    static void GuardStandardDescriptors();
 
     explicit Application(CCmThreadManager::ENetworkThreadMode aMode);
     ~Application();

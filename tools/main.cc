@@ -2,6 +2,7 @@
 #include "tools/arguments.h"
 
 int main(int argc, char** argv) {
+    tool::Application::GuardStandardDescriptors();
     tool::Application::BlockSignals();
     tool::Arguments arguments;
     int nStatus = tool::EXIT_USAGE;

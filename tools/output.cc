@@ -43,6 +43,25 @@ std::string FollowLinks(std::string aPath) {
     return aPath;
 }
 
+// Whether the path names a descriptor of a process, as /dev/stderr and /dev/fd/3 do by their links. The file behind it is
+// written by others at the same time, so it must not be replaced.
+bool NamesDescriptor(std::string aPath) {
+    for (int i = 0; i < MAX_LINKS; ++i) {
+        const std::unique_ptr<char, decltype(&std::free)> pDirectory(
+            canonicalize_file_name((GetDirectory(aPath) + ".").c_str()), &std::free);
+        const std::string strDirectory = pDirectory ? pDirectory.get() : "";
+        if (strDirectory.starts_with("/proc/") && strDirectory.ends_with("/fd"))
+            return true;
+        char szLink[PATH_MAX];
+        const ssize_t nLength = readlink(aPath.c_str(), szLink, sizeof szLink);
+        if (nLength <= 0)
+            return false;
+        const std::string strLink(szLink, static_cast<size_t>(nLength));
+        aPath = strLink.front() == '/' ? strLink : GetDirectory(aPath) + strLink;
+    }
+    return false;
+}
+
 // Opening a pipe for writing fails while there is no reader; an open that waits could not be interrupted.
 int OpenWithReader(const std::string& aPath) {
     for (;;) {
@@ -86,6 +105,8 @@ std::string JudgeTarget(const std::string& aPath, OutputTarget& aTarget) {
         aTarget = {OutputTarget::SPECIAL, aPath};
         return "";
     }
+    if (NamesDescriptor(aPath))
+        return strQuoted + " is a file that is open already; '-' writes to stdout";
     aTarget = {OutputTarget::REGULAR, FollowLinks(aPath)};
     const std::string strDirectory = GetDirectory(aTarget.m_strPath);
     if (GetBaseName(aTarget.m_strPath).empty())

@@ -106,6 +106,14 @@ class GetTest(unittest.TestCase):
             self.assertEqual((2, 1), (done.returncode, len(done.stderr.splitlines())), done.stderr)
         done = subprocess.run([TALVO, "get", url, "-o", "-"], capture_output=True, timeout=PATIENCE, cwd=self.directory)
         self.assertEqual((0, CONTENT, False), (done.returncode, done.stdout, (self.directory / "-").exists()))
+        # A file that is open already keeps what it holds; a closed stdout is none of the program's own handles.
+        log = self.directory / "log"
+        log.write_bytes(b"kept\n")
+        for name in "/dev/stderr", "/dev/fd/2", "/proc/self/fd/2":
+            with log.open("ab") as error:
+                self.assertEqual(2, subprocess.run([TALVO, "get", url, "-o", name], stderr=error, timeout=PATIENCE).returncode)
+        self.assertTrue(log.read_bytes().startswith(b"kept\n"))
+        self.assertEqual(1, subprocess.run(["sh", "-c", '"$0" get "$1" >&- 2>/dev/null', TALVO, url], timeout=PATIENCE).returncode)
 
     def test_a_part_belongs_to_one_process_and_is_no_link(self):
         url = self.serve() + "/source"
