@@ -120,13 +120,20 @@ std::string Getter::GetVersion() const {
     return IsStrong(strTag) ? strTag : GetHeader(Atoms::Last_Modified);
 }
 
+// Whether the answer belongs to what the beginning belongs to, which a server that ignores If-Range does not look at. A part
+// repeats the tag (RFC 9110, 15.3.7), but not the time of the last change; another answer need not repeat either.
+bool Getter::IsSameVersion(bool aIsPart) const {
+    const std::string strHad = m_pFile->GetTag();
+    const std::string strNow = GetHeader(IsStrong(strHad) ? Atoms::ETag : Atoms::Last_Modified);
+    return strHad.empty() || strNow == strHad || (strNow.empty() && !(aIsPart && IsStrong(strHad)));
+}
+
 std::string Getter::OnRest() {
     ContentRange range;
     if (!ParseContentRange(GetHeader(Atoms::Content_Range), range) || range.m_ullFirst != m_ullBeginning ||
         (range.m_ullSize != ContentRange::NO_SIZE && range.m_ullLast + 1 != range.m_ullSize))
         return "the server sent another part than the rest";
-    const std::string strTag = GetHeader(Atoms::ETag);
-    if (IsStrong(strTag) && IsStrong(m_pFile->GetTag()) && strTag != m_pFile->GetTag())
+    if (!IsSameVersion(true) || !GetHeader(Atoms::Content_Encoding).empty())
         return "the server sent a part of another version";
     m_ullRest = range.m_ullLast - range.m_ullFirst + 1;
     return m_pFile->Continue(GetVersion());
@@ -135,7 +142,7 @@ std::string Getter::OnRest() {
 // All of it is there already, unless the server says otherwise.
 std::string Getter::OnNothingLeft() {
     m_bSkip = true;
-    return GetHeader(Atoms::Content_Range) == "bytes */" + std::to_string(m_ullBeginning)
+    return GetHeader(Atoms::Content_Range) == "bytes */" + std::to_string(m_ullBeginning) && IsSameVersion(false)
                ? m_pFile->Continue(GetVersion())
                : "'" + m_Arguments.m_strOutput + "' is not the beginning of what the server has";
 }

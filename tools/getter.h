@@ -41,6 +41,7 @@ private:
     // What the answer makes of the output; "" or what is wrong with it.
     std::string OnAnswer();
     std::string OnWhole();
+    bool IsSameVersion(bool aIsPart) const;
     std::string OnRest();
     std::string OnNothingLeft();
     std::string GetHeader(const CCmHttpAtom& aAtom) const;

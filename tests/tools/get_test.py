@@ -159,6 +159,20 @@ class GetTest(unittest.TestCase):
                 self.assertEqual(b"overthere", self.out.read_bytes())
                 self.out.unlink()
 
+    def test_a_rest_belongs_to_its_beginning(self):
+        date, other = "Wed, 21 Oct 2015 07:28:00 GMT", "Wed, 21 Oct 2020 07:28:00 GMT"
+        for had, header, same in (('"a"', 'ETag: "a"', True), ('"a"', 'ETag: "b"', False), ('"a"', 'ETag: W/"a"', False),
+                                  ('"a"', "Last-Modified: " + date, False), (date, "Last-Modified: " + date, True),
+                                  (date, 'ETag: "a"', True), (date, "Last-Modified: " + other, False),
+                                  ("", 'ETag: "a"', True), ("", "Content-Encoding: gzip", False)):
+            self.part.write_bytes(b"over")
+            (self.directory / "out.part.tag").write_text(had)
+            answer = f"HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 4-8/9\r\n{header}\r\n\r\nthere".encode()
+            status, said = self.get_from(answer, "--continue")
+            self.assertEqual((0 if same else 1, same), (status, self.out.exists()), (had, header, said))
+            self.assertEqual(b"overthere" if same else b"over", (self.out if same else self.part).read_bytes())
+            self.out.unlink(missing_ok=True)
+
     def test_what_is_not_whole_does_not_get_its_name(self):
         status, said = self.get_from(b'HTTP/1.1 200 OK\r\nETag: "v1"\r\nContent-Length: 9\r\n\r\nhalf')
         self.assertEqual(1, status)
