@@ -94,6 +94,7 @@ private:
     // Lends the calling thread, as the main thread, a timer queue that follows the simulated clock.
     class CSimThread : public ACmThread {
     public:
+        ~CSimThread() override { CloseLink(); }
         void OnThreadRun() override {}
         ICmTimerQueue* GetTimerQueue() override { return &m_Timers; }
         CCmTimerQueueOrderedList m_Timers;
