@@ -4,10 +4,10 @@
 #include <vector>
 
 #include "fuzz/fuzz_lower.h"
-#include "talvo/connection/len_pkg_conn.h"
-#include "talvo/connection/pkg_conn_client.h"
-#include "talvo/connection/pkg_conn_server.h"
-#include "talvo/connection/pkg_sender.h"
+#include "talvo/connection/protocol/len_pkg_conn.h"
+#include "talvo/connection/protocol/pkg_conn_client.h"
+#include "talvo/connection/protocol/pkg_conn_server.h"
+#include "talvo/connection/protocol/pkg_sender.h"
 #include "talvo/event/thread.h"
 #include "talvo/event/timer_queue_ordered_list.h"
 

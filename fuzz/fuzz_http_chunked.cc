@@ -1,8 +1,8 @@
 // Chunked bodies: the same data in whatever pieces they arrive, copied by the decoder or viewed by the body reader.
 #include "fuzz/fuzz_input.h"
-#include "talvo/http/http_atom_list.h"
-#include "talvo/http/http_body.h"
-#include "talvo/http/http_chunked_decoder.h"
+#include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_body.h"
+#include "talvo/http/message/http_chunked_decoder.h"
 
 namespace {
 

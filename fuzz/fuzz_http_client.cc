@@ -3,11 +3,11 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "talvo/http/http_auth.h"
-#include "talvo/http/http_client_request.h"
-#include "talvo/http/http_redirect.h"
-#include "talvo/http/http_text.h"
-#include "talvo/http/http_url.h"
+#include "talvo/http/client/http_client_request.h"
+#include "talvo/http/client/http_redirect.h"
+#include "talvo/http/message/http_auth.h"
+#include "talvo/http/message/http_text.h"
+#include "talvo/http/message/http_url.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 // Heads of requests and responses with what follows them: the same in whatever pieces they arrive, and printed heads are read
 // back as they were.
 #include "fuzz/fuzz_input.h"
-#include "talvo/http/http_atom_list.h"
-#include "talvo/http/http_framing.h"
-#include "talvo/http/http_parser.h"
+#include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_framing.h"
+#include "talvo/http/message/http_parser.h"
 
 namespace {
 

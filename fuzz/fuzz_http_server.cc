@@ -8,8 +8,8 @@
 #include "talvo/connection/connection_manager.h"
 #include "talvo/event/reactor_epoll.h"
 #include "talvo/event/thread_manager.h"
-#include "talvo/http/channel_http_server_acceptor.h"
-#include "talvo/http/http_atom_list.h"
+#include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/server/channel_http_server_acceptor.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // URLs: what is accepted is printed as a URL that means the same.
 #include "fuzz/fuzz_input.h"
-#include "talvo/http/http_date.h"
-#include "talvo/http/http_url.h"
+#include "talvo/http/message/http_date.h"
+#include "talvo/http/message/http_url.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     const std::string strText(reinterpret_cast<const char*>(aData), aSize);

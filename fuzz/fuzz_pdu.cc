@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "fuzz/fuzz_input.h"
-#include "talvo/connection/cs_pdu.h"
+#include "talvo/connection/protocol/cs_pdu.h"
 
 namespace {
 

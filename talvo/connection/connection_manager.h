@@ -6,6 +6,7 @@
 #include "talvo/base/result.h"
 #include "talvo/base/time_value.h"
 #include "talvo/connection/drain_sink.h"
+#include "talvo/transport/connection_type.h"
 #include "talvo/transport/transport_interface.h"
 
 class ACmThread;
@@ -29,9 +30,9 @@ public:
         CTYPE_TCP = 0x1,
         CTYPE_UDP = 0x2,
         CTYPE_FORCE_THREAD_PROXY = 0x20000,  // a proxy even in the network thread
-        CTYPE_SEND_NO_PARTIAL_DATA = 0x00100000,
+        CTYPE_SEND_NO_PARTIAL_DATA = talvo::TYPE_NO_PARTIAL_DATA,
         CTYPE_PDU_LENGTH = 0x08000000,
-        CTYPE_PDU_PACKAGE = 0x10000000,
+        CTYPE_PDU_PACKAGE = talvo::TYPE_PACKAGE,
         CTYPE_PDU_KEEPALIVE = 0x20000000,
         CTYPE_PDU_RELIABLE = 0x70000000
     };

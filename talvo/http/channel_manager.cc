@@ -3,10 +3,10 @@
 #include <new>
 
 #include "talvo/base/trace.h"
-#include "talvo/http/channel_http_client.h"
-#include "talvo/http/channel_http_server_acceptor.h"
-#include "talvo/http/http_client_pool.h"
-#include "talvo/http/http_url.h"
+#include "talvo/http/client/channel_http_client.h"
+#include "talvo/http/client/http_client_pool.h"
+#include "talvo/http/message/http_url.h"
+#include "talvo/http/server/channel_http_server_acceptor.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include "talvo/base/export.h"
 #include "talvo/base/result.h"
 #include "talvo/base/types.h"
-#include "talvo/http/http_pool_limits.h"
+#include "talvo/http/client/http_pool_limits.h"
 
 class CCmHttpProxyInfo;  // proxies are not offered yet
 class CCmHttpUrl;

@@ -1,4 +1,4 @@
-#include "talvo/connection/cs_pdu.h"
+#include "talvo/connection/protocol/cs_pdu.h"
 
 #include <gtest/gtest.h>
 

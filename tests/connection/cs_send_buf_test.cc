@@ -1,11 +1,11 @@
-#include "talvo/connection/cs_send_buf.h"
+#include "talvo/connection/protocol/cs_send_buf.h"
 
 #include <gtest/gtest.h>
 
 #include <deque>
 #include <random>
 
-#include "talvo/connection/gather_chain.h"
+#include "talvo/connection/protocol/gather_chain.h"
 
 namespace {
 

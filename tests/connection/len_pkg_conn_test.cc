@@ -1,4 +1,4 @@
-#include "talvo/connection/len_pkg_conn.h"
+#include "talvo/connection/protocol/len_pkg_conn.h"
 
 #include "tests/support/fake_lower.h"
 #include "tests/support/trace_capture.h"

@@ -3,9 +3,9 @@
 
 #include <algorithm>
 
-#include "talvo/connection/pkg_conn_client.h"
-#include "talvo/connection/pkg_conn_server.h"
-#include "talvo/connection/pkg_sender.h"
+#include "talvo/connection/protocol/pkg_conn_client.h"
+#include "talvo/connection/protocol/pkg_conn_server.h"
+#include "talvo/connection/protocol/pkg_sender.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/fake_lower.h"
 #include "tests/support/trace_capture.h"

@@ -1,4 +1,4 @@
-#include "talvo/connection/receive_chain.h"
+#include "talvo/connection/protocol/receive_chain.h"
 
 #include "tests/support/network_fixture.h"
 

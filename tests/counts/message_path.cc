@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "talvo/http/channel_manager.h"
-#include "talvo/http/channel_server.h"
+#include "talvo/http/server/channel_server.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "talvo/http/channel_file.h"
+#include "talvo/http/channel/channel_file.h"
 
 #include <sys/stat.h>
 

@@ -1,8 +1,8 @@
-#include "talvo/http/http_auth.h"
+#include "talvo/http/message/http_auth.h"
 
 #include <gtest/gtest.h>
 
-#include "talvo/http/http_challenge.h"
+#include "talvo/http/message/http_challenge.h"
 
 namespace {
 

@@ -1,14 +1,14 @@
-#include "talvo/http/http_framing.h"
+#include "talvo/http/message/http_framing.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <random>
 
-#include "talvo/http/http_atom_list.h"
-#include "talvo/http/http_chunk.h"
-#include "talvo/http/http_date.h"
-#include "talvo/http/http_text.h"
+#include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_chunk.h"
+#include "talvo/http/message/http_date.h"
+#include "talvo/http/message/http_text.h"
 #include "tests/support/fake_clock.h"
 
 namespace {

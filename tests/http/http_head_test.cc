@@ -6,9 +6,9 @@
 #include <thread>
 
 #include "talvo/base/clean_up.h"
-#include "talvo/http/http_atom_list.h"
-#include "talvo/http/http_request_head.h"
-#include "talvo/http/http_response_head.h"
+#include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_request_head.h"
+#include "talvo/http/message/http_response_head.h"
 #include "tests/support/trace_capture.h"
 
 namespace {

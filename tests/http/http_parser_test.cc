@@ -1,4 +1,4 @@
-#include "talvo/http/http_parser.h"
+#include "talvo/http/message/http_parser.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
-#include "talvo/http/http_redirect.h"
+#include "talvo/http/client/http_redirect.h"
 
 #include <gtest/gtest.h>
 
-#include "talvo/http/http_url.h"
+#include "talvo/http/message/http_url.h"
 
 namespace {
 

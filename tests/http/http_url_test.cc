@@ -1,4 +1,4 @@
-#include "talvo/http/http_url.h"
+#include "talvo/http/message/http_url.h"
 
 #include <gtest/gtest.h>
 

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "talvo/http/channel_http_server_acceptor.h"
-#include "talvo/http/http_atom_list.h"
+#include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/server/channel_http_server_acceptor.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/fake_lower.h"
 

@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 
-#include "talvo/transport/dns_manager.h"
+#include "talvo/transport/dns/dns_manager.h"
 
 namespace {
 

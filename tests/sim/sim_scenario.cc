@@ -1,12 +1,12 @@
 #include "tests/sim/sim_scenario.h"
 
 #include "talvo/base/live_counter.h"
-#include "talvo/connection/conn_acceptor.h"
-#include "talvo/connection/conn_connector.h"
-#include "talvo/connection/len_pkg_conn.h"
-#include "talvo/connection/pkg_conn_client.h"
-#include "talvo/connection/pkg_conn_server.h"
-#include "talvo/connection/pkg_sender.h"
+#include "talvo/connection/protocol/conn_acceptor.h"
+#include "talvo/connection/protocol/conn_connector.h"
+#include "talvo/connection/protocol/len_pkg_conn.h"
+#include "talvo/connection/protocol/pkg_conn_client.h"
+#include "talvo/connection/protocol/pkg_conn_server.h"
+#include "talvo/connection/protocol/pkg_sender.h"
 #include "tests/sim/sim_transport.h"
 
 namespace {

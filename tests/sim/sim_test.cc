@@ -1,7 +1,7 @@
 // The promises of the protocol connections over simulated networks.
 #include <malloc.h>
 
-#include "talvo/connection/connection_options.h"
+#include "talvo/connection/protocol/connection_options.h"
 #include "tests/sim/sim_scenario.h"
 #include "tests/sim/sim_transport.h"
 #include "tests/support/network_fixture.h"

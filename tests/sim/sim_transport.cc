@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "talvo/transport/datagram_sender.h"
+#include "talvo/transport/udp/datagram_sender.h"
 #include "tests/sim/sim_watch.h"
 
 namespace {

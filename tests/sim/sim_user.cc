@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "talvo/connection/connection_options.h"
+#include "talvo/connection/protocol/connection_options.h"
 #include "tests/sim/sim_transport.h"
 
 namespace {

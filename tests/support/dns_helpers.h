@@ -9,7 +9,7 @@
 
 #include "talvo/base/config.h"
 #include "talvo/connection/connection_manager.h"
-#include "talvo/transport/dns_manager.h"
+#include "talvo/transport/dns/dns_manager.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/network_fixture.h"
 #include "tests/support/temp_dir.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "talvo/transport/transport_thread_proxy.h"
+#include "talvo/transport/thread_proxy/transport_thread_proxy.h"
 #include "tests/support/network_fixture.h"
 
 // What stands in the network thread behind a proxy, a raw transport or a protocol connection; the test decides how much it

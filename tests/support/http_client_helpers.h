@@ -4,11 +4,11 @@
 #include <functional>
 #include <string>
 
-#include "talvo/http/channel_http_client.h"
+#include "talvo/http/channel/channel_options.h"
 #include "talvo/http/channel_manager.h"
-#include "talvo/http/channel_options.h"
-#include "talvo/http/http_atom_list.h"
-#include "talvo/http/http_url.h"
+#include "talvo/http/client/channel_http_client.h"
+#include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_url.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/script_server.h"
 #include "tests/support/trace_capture.h"

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "talvo/transport/transport_udp.h"
+#include "talvo/transport/udp/transport_udp.h"
 #include "tests/support/network_fixture.h"
 
 using Datagrams = std::vector<std::string>;

@@ -1,5 +1,5 @@
-#include "talvo/transport/connector_tcp.h"
 #include "talvo/transport/connector_wrapper.h"
+#include "talvo/transport/tcp/connector_tcp.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/network_fixture.h"
 #include "tests/support/trace_capture.h"

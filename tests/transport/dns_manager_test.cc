@@ -1,4 +1,4 @@
-#include "talvo/transport/dns_manager.h"
+#include "talvo/transport/dns/dns_manager.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "talvo/transport/dns_manager.h"
+#include "talvo/transport/dns/dns_manager.h"
 #include "tests/support/dns_helpers.h"
 #include "tests/support/trace_capture.h"
 

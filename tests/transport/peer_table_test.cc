@@ -1,4 +1,4 @@
-#include "talvo/transport/peer_table.h"
+#include "talvo/transport/udp/peer_table.h"
 
 #include <gtest/gtest.h>
 

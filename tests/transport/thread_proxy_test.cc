@@ -1,4 +1,4 @@
-#include "talvo/transport/transport_thread_proxy.h"
+#include "talvo/transport/thread_proxy/transport_thread_proxy.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/fake_transport.h"
 #include "tests/support/trace_capture.h"

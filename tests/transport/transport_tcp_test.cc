@@ -1,4 +1,4 @@
-#include "talvo/transport/transport_tcp.h"
+#include "talvo/transport/tcp/transport_tcp.h"
 
 #include "tests/support/network_fixture.h"
 

@@ -3,7 +3,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "talvo/transport/acceptor_udp.h"
+#include "talvo/transport/udp/acceptor_udp.h"
 #include "tests/support/udp_helpers.h"
 
 namespace {

@@ -1,0 +1,68 @@
+// Accepts protocol connections.
+#pragma once
+
+#include "talvo/connection/protocol/conn_server_list.h"
+#include "talvo/transport/connect_options.h"
+
+namespace talvo {
+
+// What does not depend on the class of the connections.
+class TALVO_API CConnAcceptorBase : public ICmAcceptor,
+                                    public ICmAcceptorConnectorSink,
+                                    public CConnOwner,
+                                    public CCmReferenceControlT<CCmMutexNullSingleThread>,
+                                    public CConnectOptions {
+public:
+    DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
+    DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
+    BOOL IsConnector() override { return FALSE; }
+
+    CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) override;
+    CmResult StopListen(CmResult aReason) override;
+    CmResult GetListenAddr(CCmInetAddr& aAddr) override { return m_pLower->GetListenAddr(aAddr); }
+
+    // From the acceptor below.
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
+
+    void OnOpened(CConnBase& aConn, CmResult aReason) override;
+
+protected:
+    explicit CConnAcceptorBase(CCmRefPtrT<ICmAcceptor> aLower);
+    ~CConnAcceptorBase() override;
+
+    // A new connection that knows this acceptor; empty: memory ran out.
+    virtual COpeningConn MakeConnection() = 0;
+
+private:
+    CCmFailure GetFailure() const override { return GetConnectFailure(m_pLower.Get()); }
+    void Stop_i(CmResult aReason);
+
+    CCmEnsureSingleThread m_Est;
+    const CCmRefPtrT<ICmAcceptor> m_pLower;
+    ICmAcceptorConnectorSink* m_pSink = nullptr;  // not owned; set while it listens
+    CConnServerList m_Opening;
+};
+
+}  // namespace talvo
+
+// Makes a T for each transport that the acceptor below hands up and indicates it when its opening has ended with CM_OK; a
+// failed one is never told. StopListen and the last release end what is still opening, silently; connections that were handed
+// up stay. Network thread only. T is what CConnConnectorT wants.
+template <class T>
+class CConnAcceptorT final : public talvo::CConnAcceptorBase {
+public:
+    // aLower: the acceptor of the base type, used by nobody else. aNeedKeepAlive: for those T that know keep-alives.
+    CConnAcceptorT(CCmRefPtrT<ICmAcceptor> aLower, BOOL aNeedKeepAlive)
+        : CConnAcceptorBase(std::move(aLower)), m_bNeedKeepAlive(aNeedKeepAlive) {}
+
+private:
+    talvo::COpeningConn MakeConnection() override {
+        const CCmRefPtrT<T> pConn = talvo::NewConn<T>(m_bNeedKeepAlive);
+        if (!pConn)
+            return {};
+        pConn->SetConnAcceptor(this);
+        return talvo::MakeOpeningConn(pConn.Get());
+    }
+
+    const BOOL m_bNeedKeepAlive;
+};

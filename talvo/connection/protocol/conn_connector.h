@@ -1,0 +1,73 @@
+// Opens protocol connections.
+#pragma once
+
+#include "talvo/connection/protocol/opening_conn.h"
+#include "talvo/event/later_report.h"
+#include "talvo/transport/connect_options.h"
+
+namespace talvo {
+
+// What does not depend on the class of the connections.
+class TALVO_API CConnConnectorBase : public ICmConnector,
+                                     public CConnOwner,
+                                     public CCmReferenceControlT<CCmMutexNullSingleThread>,
+                                     public CConnectOptions {
+public:
+    DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
+    DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
+    BOOL IsConnector() override { return TRUE; }
+
+    void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
+                     CCmInetAddr* aAddrLocal = nullptr) override;
+    void CancelConnect() override;
+
+    void OnOpened(CConnBase& aConn, CmResult aReason) override;
+
+protected:
+    explicit CConnConnectorBase(CCmRefPtrT<ICmConnector> aLower);
+    ~CConnConnectorBase() override;
+
+    // A new connection that knows this connector; empty: memory ran out.
+    virtual COpeningConn MakeConnection() = 0;
+
+private:
+    CCmFailure GetFailure() const override { return m_Failure; }
+    CCmFailure FailureOf_i(CConnBase& aConn) const;
+    void Cancel_i();
+    void OnNoMemory();
+
+    CCmEnsureSingleThread m_Est;
+    const CCmRefPtrT<ICmConnector> m_pLower;
+    ICmAcceptorConnectorSink* m_pSink = nullptr;  // not owned; set while an attempt runs
+    COpeningConn m_Opening;                       // of that attempt
+    CCmFailure m_IfClosed;                        // what an orderly end before the opening would be
+    CCmFailure m_Failure;
+    CLaterReportT<CConnConnectorBase, &CConnConnectorBase::OnNoMemory> m_NoMemory{*this};
+};
+
+}  // namespace talvo
+
+// Makes a T for each attempt and gives it to the connector below as its sink; OnConnectIndication hands the T up when its
+// opening has ended, or tells why it failed. One attempt at a time; aTimeout is that of the connector below, what follows it is
+// limited by the T itself. The attempt ends silently with CancelConnect and with the last release. Network thread only.
+//
+// T is a CConnBase and an ICmAcceptorConnectorSink, has a default constructor and void CancelConnect(), which ends an opening
+// without telling anybody.
+template <class T>
+class CConnConnectorT final : public talvo::CConnConnectorBase {
+public:
+    // aLower: the connector of the base type, used by nobody else. aNeedKeepAlive: for those T that know keep-alives.
+    CConnConnectorT(CCmRefPtrT<ICmConnector> aLower, BOOL aNeedKeepAlive)
+        : CConnConnectorBase(std::move(aLower)), m_bNeedKeepAlive(aNeedKeepAlive) {}
+
+private:
+    talvo::COpeningConn MakeConnection() override {
+        const CCmRefPtrT<T> pConn = talvo::NewConn<T>(m_bNeedKeepAlive);
+        if (!pConn)
+            return {};
+        pConn->SetConnConnector(this);
+        return talvo::MakeOpeningConn(pConn.Get());
+    }
+
+    const BOOL m_bNeedKeepAlive;
+};

@@ -1,0 +1,163 @@
+// The engine of the protocol connections.
+#pragma once
+
+#include "talvo/base/clock.h"
+#include "talvo/connection/protocol/conn_base.h"
+#include "talvo/connection/protocol/connection_options.h"
+#include "talvo/connection/protocol/cs_send_buf.h"
+#include "talvo/connection/protocol/frame_queue.h"
+#include "talvo/connection/protocol/receive_chain.h"
+#include "talvo/event/timer_wrapper_id.h"
+
+//   upper layer         SendData                              OnReceive, OnSend, OnDisconnect
+//                          |                                       ^
+//   CCsConn     data PDUs, send buffer                whole PDUs, dispatched by type
+//                          v                                       |
+//   transport           SendData                              OnReceive, OnSend, OnDisconnect
+//
+// Frames what the upper layer sends into data PDUs and keeps them in a send buffer of bounded size or, without one, sends them
+// at once and keeps only what the transport refused. Puts PDUs together from what arrives, and hands connect, disconnect and
+// keep-alive PDUs to the derived classes. Over a datagram transport one PDU is one datagram.
+//
+// SendData takes a message whole or not at all. CM_ERROR_PARTIAL_DATA: no room now, an OnSend follows. CM_ERROR_INVALID_ARG: it
+// is longer than can ever be sent, see CM_OPT_TRANSPORT_MAX_MESSAGE; the trace says which option raises that.
+// CM_ERROR_OUT_OF_MEMORY: not taken, and no OnSend follows; or memory ran out with a part of it sent, and the connection has
+// ended, which OnDisconnect has told. CM_ERROR_NOT_AVAILABLE: not connected. OnSend may also come when nothing was refused.
+//
+// While reading is paused (option 141) the messages that one read of the transport has brought before still come.
+//
+// Network thread only. Every upcall may send, set options, disconnect and release the connection.
+class TALVO_API CCsConn : public CConnBase, public ICmTransportSink, public CCmTimerWrapperIDSink {
+public:
+    // aMaxBufLen: bytes of the send buffer; 0: none.
+    explicit CCsConn(DWORD aMaxBufLen);
+    ~CCsConn() override;
+
+    // Whether keep-alives are to be sent. To be said before it is connected.
+    void NeedKeepAlive(BOOL aNeed) { m_bNeedKeepAlive = aNeed; }
+    // 1: a server's side, 2: a client's; 0: neither.
+    BYTE GetInstanceType() const { return m_byInstanceType; }
+
+    CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
+    // The commands of ECsOption and, of the transport's, 141 and 144 to 146; all others are the transport's below,
+    // CM_ERROR_NOT_AVAILABLE without one.
+    CmResult SetOption(DWORD aCommand, void* aArg) override;
+    CmResult GetOption(DWORD aCommand, void* aArg) override;
+    CmResult Disconnect(CmResult aReason) override;
+
+protected:
+    // These stand behind the transport's operations in this order.
+    virtual CmResult SendKeepAlive();
+    virtual CmResult SendConnReq();
+    virtual CmResult SendConnResp();
+    virtual CmResult SendDisconn(CmResult aReason);
+    virtual CmResult SendDataFromSendBuf();
+    virtual int DoACK(DWORD aSeq);
+    virtual void OnRecvConnResp() {}
+    virtual void OnRecvConnReq() {}
+    virtual void OnRecvDisconn();
+    virtual void OnRecvKeepAlive();
+    virtual void ACK2PeerIfPossiable(CCmMessageBlock& aData);
+    virtual void Reserved() {}  // an empty place that the interface keeps
+
+public:
+    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrpt, CCmTransportParameter* aPara = nullptr) override;
+    void OnSend(ICmTransport* aTrpt, CCmTransportParameter* aPara = nullptr) override;
+
+protected:
+    static constexpr DWORD TYPE_RELIABLE = 0x74000000;
+    enum : BYTE { INSTANCE_NONE = 0, INSTANCE_SERVER = 1, INSTANCE_CLIENT = 2 };
+
+    // Takes the transport below and finds out of what type it is.
+    void TakeTransport_i(ICmTransport* aTransport);
+
+    // Forgets everything of the connection, the transport included.
+    void Reset();
+    void Reset4Recv();
+
+    // The two ends. Close_i was asked for from above: tells the peer, forgets the sink and returns the transport's result.
+    // End_i tells nobody and leaves the sink, for TellEnd_i.
+    CmResult Close_i(CmResult aReason);
+    void End_i(CmResult aTransportReason);
+
+    // Reads the type of the PDU that begins the received bytes. FALSE: there is no such type.
+    BOOL GetPDUType();
+    CCsPduConnReqResp TakeConnectPdu_i();
+    void TakeFixedPdu_i(CCsPduBase& aPdu);
+
+    // The periodic work of a connected side. Silent: nothing has come for 120 s; aSilence is for how many milliseconds. Time in
+    // which reading was paused from above does not count.
+    CmResult ScheduleKeepAlive_i();
+    void SendKeepAliveIfDue_i();
+    BOOL IsPeerSilent_i(DWORD& aSilence) const;
+    virtual BOOL HasKeepAliveTimer_i() const { return m_bNeedKeepAlive; }  // while connected
+
+    // Sends what the sink sent before the connection was up, and pays the OnSend that it is owed.
+    void StartData_i();
+
+    DWORD m_dwType = 0;  // the connection type
+    BOOL m_bNeedACK = TRUE;
+    BYTE m_byInstanceType = INSTANCE_NONE;
+    DWORD m_cBaseType = 0;      // of the transport below
+    BOOL m_bDatagrams = FALSE;  // which says that it is one
+    BOOL m_bNeedKeepAlive = FALSE;
+    char m_szConnReq[CCsPduBase::MAX_FIX_LENGTH] = {};  // the connect request, kept for sending it again
+    DWORD m_dwConnReq = 0;                              // its length; 0: there is none
+    talvo::CReceiveChain m_Receive;
+    CCmTimerWrapperID m_KeepAliveTimer;
+    CCmTimerWrapperID m_SecondTimer;  // of the derived class
+
+private:
+    // Sending.
+    DWORD GetMaxMessage_i() const;
+    CmResult RefuseTooLong_i(DWORD aLength) const;
+    CmResult SendBuffered_i(CCmMessageBlock& aData);
+    BOOL MayGather_i(DWORD aLength);
+    BOOL HasRoom_i(DWORD aLength) const;
+    CmResult AddToSendBuf_i(CCmMessageBlock& aData);
+    CmResult GatherFrame_i(CCmMessageBlock& aData);
+    CmResult SendUnbuffered_i(CCmMessageBlock& aData);
+    CmResult SendCurrent_i();
+    CmResult NoMemoryToSend_i();
+    CmResult DropDatagram_i(DWORD aLength, CmResult aReason);
+    CmResult SendConnectPdu_i(const CCmMessageBlock& aPdu);
+    CmResult SendFrame_i(const CCmMessageBlock& aHeader, CCmMessageBlock& aPayload);
+    CmResult FlushPending_i();
+    BOOL LetLinger_i();
+    CmResult Uncork_i();
+    DWORD GetUnsent_i();
+    void Sent_i() { m_dwLastSendTick = get_tick_count(); }
+    // Options.
+    CmResult SetMaxBufLen_i(DWORD aLength);
+    CmResult SetKeepAliveInterval_i(DWORD aSeconds);
+    // Receiving.
+    BOOL IsMine_i(ICmTransport* aTrpt);
+    BOOL TakePdu_i(CCmTransportParameter* aPara);
+    BOOL TakeData_i(CCmTransportParameter* aPara);
+    BOOL ReadDataLength_i();
+    BOOL Refuse_i(const char* aText);
+    void DropDatagramRest_i();
+
+    CCsSendBuf m_SendBuf;
+    talvo::CFrameQueue m_Pending;  // what the transport did not take; a begun connect PDU, too
+    DWORD m_dwMaxBufLen;
+    DWORD m_dwMaxMessage = CS_DEFAULT_MAX_MESSAGE_LEN;
+    DWORD m_dwKeepAliveInterval = 15;  // seconds
+    BOOL m_bAckProcessing = FALSE;
+    BOOL m_bCorked = FALSE;
+    BOOL m_bRefused = FALSE;     // the transport did not take all that is pending
+    BOOL m_bNeedOnSend = FALSE;  // a send was refused
+    BOOL m_bReadingPaused = FALSE;
+    BOOL m_bPeerDisconnected = FALSE;
+    DWORD m_dwReceived = 0;  // receive counter: the sequence number of the last data byte that came
+    DWORD m_dwAckBytes = 0;  // ACK byte counter
+    DWORD m_dwLastSendTick = 0;
+    DWORD m_dwLastRecvTick = 0;
+    BOOL m_bHasReceived = FALSE;  // m_dwLastRecvTick is recorded
+    // The PDU under way.
+    DWORD m_dwPDULen = 1;
+    DWORD m_dwDataLen = 0;  // of a data PDU whose fixed part has been read, and its acknowledgement
+    DWORD m_dwACK = 0;
+    BYTE m_byType = CS_PDU_TYPE_NONE;
+    BOOL m_bDataLenKnown = FALSE;
+};

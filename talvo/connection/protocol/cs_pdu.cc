@@ -1,0 +1,122 @@
+#include "talvo/connection/protocol/cs_pdu.h"
+
+#include "talvo/base/byte_stream.h"
+#include "talvo/base/trace.h"
+
+DWORD CCsPduBase::GetFixLength(BYTE byType, BOOL bNeedACK) {
+    switch (byType) {
+    case CS_PDU_TYPE_NONE:
+        return 1;
+    case CS_PDU_TYPE_CONN_REQ:
+    case CS_PDU_TYPE_CONN_RESP:
+        return 8;
+    case CS_PDU_TYPE_DISCONN:
+        return 3;
+    case CS_PDU_TYPE_KEEPALIVE:
+        return 5;
+    case CS_PDU_TYPE_DATA_START:
+    case CS_PDU_TYPE_DATA_NORMAL:
+        return bNeedACK ? 9 : 5;
+    default:
+        CM_ERROR_TRACE("CCsPduBase::GetFixLength(BYTE byType, BOOL bNeedACK), Invalid PDU type, byType = " << byType);
+        return 0;
+    }
+}
+
+void CCsPduBase::Decode(CCmMessageBlock& aMb) {
+    CCmByteStreamNetwork is(aMb);
+    is >> m_byType;
+}
+
+void CCsPduBase::Encode(CCmMessageBlock& aMb) const {
+    CCmByteStreamNetwork os(aMb);
+    os << m_byType;
+}
+
+void CCsPduConnReqResp::Decode(CCmMessageBlock& aMb) {
+    CCmByteStreamNetwork is(aMb);
+    is >> m_byType >> m_dwACK >> m_wConTag >> m_byConnType;
+}
+
+void CCsPduConnReqResp::Encode(CCmMessageBlock& aMb) const {
+    CCmByteStreamNetwork os(aMb);
+    os << m_byType << m_dwACK << m_wConTag << m_byConnType;
+}
+
+void CCsPduSendItem::SetSeqStart(DWORD aSeq) {
+    if (m_byType != CS_PDU_TYPE_DATA_START && m_byType != CS_PDU_TYPE_DATA_NORMAL) {
+        CM_ERROR_TRACE_THIS("CCsPduSendItem::SetSeqStart, Only Data PDU can be set Seq#");
+        return;
+    }
+    m_dwSeqStart = aSeq;
+    m_dwSeqEnd = aSeq + GetFixLength() + m_dwDataLen - 1;
+}
+
+void CCsPduSendItem::Prepare(DWORD aACK) {
+    m_dwACK = aACK;
+    CCmMessageBlock mbFixed(sizeof(m_szPrepared), m_szPrepared);
+    Encode(mbFixed);
+}
+
+void CCsPduSendItem::DestroyData() {
+    if (m_pData)
+        m_pData->DestroyChained();
+    m_pData = nullptr;
+}
+
+void CCsPduDisconn::Decode(CCmMessageBlock& aMb) {
+    CCmByteStreamNetwork is(aMb);
+    is >> m_byType >> m_wReason;
+}
+
+void CCsPduDisconn::Encode(CCmMessageBlock& aMb) const {
+    CCmByteStreamNetwork os(aMb);
+    os << m_byType << m_wReason;
+}
+
+void CCsPduKeepAlive::Decode(CCmMessageBlock& aMb) {
+    CCmByteStreamNetwork is(aMb);
+    is >> m_byType >> m_dwACK;
+}
+
+void CCsPduKeepAlive::Encode(CCmMessageBlock& aMb) const {
+    CCmByteStreamNetwork os(aMb);
+    os << m_byType << m_dwACK;
+}
+
+void CCsPduData::DecodeWithOutData(CCmMessageBlock& aMb) {
+    CCmByteStreamNetwork is(aMb);
+    is >> m_byType;
+    if (m_bNeedACK)
+        is >> m_dwACK;
+    is >> m_dwDataLen;
+}
+
+void CCsPduData::EncodeWithOutData(CCmMessageBlock& aMb) const {
+    CCmByteStreamNetwork os(aMb);
+    os << m_byType;
+    if (m_bNeedACK)
+        os << m_dwACK;
+    os << m_dwDataLen;
+}
+
+void CCsPduData::Decode(CCmMessageBlock& aMb) {
+    DecodeWithOutData(aMb);
+    DestroyData();
+    const DWORD dwUnread = aMb.GetChainedLength();
+    CCmMessageBlock* pRest = nullptr;
+    if (dwUnread != m_dwDataLen) {
+        CM_INFO_TRACE_THIS("CCsPduData::Decode(), need Disjoint mb.");
+        pRest = aMb.Disjoint(m_dwDataLen);
+    }
+    // Without the rest cut off, for want of memory, the duplicate would hold it, too.
+    if (pRest || dwUnread <= m_dwDataLen)
+        m_pData = aMb.DuplicateChained();
+    aMb.AdvanceChainedReadPtr(m_dwDataLen);
+    aMb.Append(pRest);
+}
+
+void CCsPduData::Encode(CCmMessageBlock& aMb) const {
+    EncodeWithOutData(aMb);
+    aMb.Append(m_pData);
+}

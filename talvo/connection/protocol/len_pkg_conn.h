@@ -1,0 +1,80 @@
+// Messages over a byte stream, each behind its length.
+#pragma once
+
+#include "talvo/base/time_value.h"
+#include "talvo/connection/protocol/conn_base.h"
+#include "talvo/connection/protocol/connection_options.h"
+#include "talvo/connection/protocol/frame_queue.h"
+#include "talvo/connection/protocol/receive_chain.h"
+
+namespace talvo {
+class CConnServerList;
+}
+
+//  0               4                4 + L
+//  | length L      | payload ...    |           L big-endian, never 0
+//
+// No handshake, no acknowledgement, no keep-alive: connected as soon as the transport below is. Both ends are of this class; a
+// connector or acceptor makes it and gives it the transport. OnReceive brings one whole message. A peer that announces a
+// message of length 0 or beyond CS_OPT_MAX_MESSAGE_LEN is cut off: OnDisconnect with reason CM_OK, or CM_ERROR_NOT_AVAILABLE.
+//
+// Network thread only. Every upcall may send, set options, disconnect and release the connection. Messages that come before
+// OpenWithSink are dropped: open it inside the indication.
+class TALVO_API CLenPkgConn : public CConnBase, public ICmTransportSink, public ICmAcceptorConnectorSink {
+public:
+    CLenPkgConn();
+    ~CLenPkgConn() override;
+
+    // Takes a message whole or not at all. CM_OK: sent, or kept and sent first when the transport has room again.
+    // CM_ERROR_PARTIAL_DATA: one is kept already; OnSend follows. CM_ERROR_INVALID_ARG: longer than CS_OPT_MAX_MESSAGE_LEN.
+    // CM_ERROR_NOT_AVAILABLE: not connected. CM_ERROR_OUT_OF_MEMORY: the connection has ended, which OnDisconnect has told. An
+    // empty message is not sent: CM_OK.
+    CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
+
+    // CS_OPT_MAX_MESSAGE_LEN, CM_OPT_TRANSPORT_UNACKNOWLEDGED, _MAX_MESSAGE and _CORK; all others are the transport's below,
+    // CM_ERROR_NOT_AVAILABLE without one. While corked, up to 64 KiB are gathered. While reading is paused, the messages that
+    // one read of the transport has brought before still come.
+    CmResult SetOption(DWORD aCommand, void* aArg) override;
+    CmResult GetOption(DWORD aCommand, void* aArg) override;
+
+    // Ends the transport below with aReason and returns its result. With CM_OK what is unsent goes out first, for at most
+    // LingerSeconds (CTransportLinger); with any other reason it is lost, see CM_OPT_TRANSPORT_UNACKNOWLEDGED.
+    CmResult Disconnect(CmResult aReason) override;
+
+    // Ends an opening; nobody is told.
+    void CancelConnect() { Disconnect(CM_OK); }
+
+    // Puts it among the connections whose opening has not ended; not owned; may be null.
+    void SetServerList(talvo::CConnServerList* aList);
+
+    // When it has last ended, by the wall clock; zero: it has not.
+    CCmTimeValue GetDisconnTimestamp() const { return m_tvDisconnected; }
+
+    // From the connector or acceptor below.
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
+    // From the transport below. OnSend is passed on, even when what was kept is refused again.
+    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara = nullptr) override;
+    void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara = nullptr) override;
+    void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
+
+private:
+    static constexpr DWORD HEADER_LEN = 4;
+
+    DWORD GetMaxMessage_i() const;
+    CmResult RefuseTooLong_i(DWORD aLength) const;
+    CmResult SendData_i(CCmMessageBlock& aData, DWORD aLength);
+    CmResult SendPending_i();
+    BOOL ReadLength_i();
+    BOOL TakeMessage_i(CCmTransportParameter* aPara);
+    void Reset4Recv();
+    void Reset();
+
+    talvo::CFrameQueue m_Pending;
+    talvo::CReceiveChain m_Receive;
+    DWORD m_dwNeeded = HEADER_LEN;  // bytes until the next step
+    DWORD m_dwMessageLen = 0;       // of the message under way; 0: not read yet
+    DWORD m_dwMaxMessage = CS_DEFAULT_MAX_MESSAGE_LEN;
+    BOOL m_bCorked = FALSE;
+    BOOL m_bRefused = FALSE;  // the transport has not taken all that is pending
+    CCmTimeValue m_tvDisconnected;
+};

@@ -1,0 +1,43 @@
+// A protocol connection whose opening has not ended, as the connector or acceptor that made it holds it.
+#pragma once
+
+#include <new>
+
+#include "talvo/base/ref_ptr.h"
+#include "talvo/connection/protocol/conn_base.h"
+
+namespace talvo {
+
+// One object seen from its sides, whatever its class. Empty: there is none.
+struct COpeningConn {
+    explicit operator bool() const { return bool{m_pConn}; }
+
+    // Ends the opening; nobody is told.
+    void Cancel() const { m_CancelConnect(*m_pConn); }
+
+    CCmRefPtrT<CConnBase> m_pConn;
+    ICmAcceptorConnectorSink* m_pSink = nullptr;  // to be told of the transport below; lives as long as m_pConn
+    void (*m_CancelConnect)(CConnBase& aConn) = nullptr;
+};
+
+template <class T>
+COpeningConn MakeOpeningConn(T* aConn) {
+    COpeningConn opening;
+    opening.m_pConn = aConn;
+    opening.m_pSink = aConn;
+    opening.m_CancelConnect = [](CConnBase& aBase) { static_cast<T&>(aBase).CancelConnect(); };
+    return opening;
+}
+
+// A new T, with keep-alives if that is wanted and it has such; null: memory ran out.
+template <class T>
+CCmRefPtrT<T> NewConn([[maybe_unused]] BOOL aNeedKeepAlive) {
+    CCmRefPtrT<T> pConn(new (std::nothrow) T);
+    if constexpr (requires(T & aConn) { aConn.NeedKeepAlive(TRUE); }) {
+        if (pConn)
+            pConn->NeedKeepAlive(aNeedKeepAlive);
+    }
+    return pConn;
+}
+
+}  // namespace talvo

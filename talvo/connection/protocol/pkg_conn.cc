@@ -1,0 +1,35 @@
+#include "talvo/connection/protocol/pkg_conn.h"
+
+#include "talvo/base/clock.h"
+#include "talvo/base/trace.h"
+#include "talvo/transport/connection_type.h"
+
+namespace {
+
+constexpr DWORD MAX_BUFFER = 0x10000;
+
+}  // namespace
+
+CPkgConn::CPkgConn(BYTE aInstanceType) : CCsConn(MAX_BUFFER), m_dwStartTick(get_tick_count()) {
+    m_dwType = talvo::TYPE_PACKAGE;
+    m_bNeedACK = FALSE;
+    m_byInstanceType = aInstanceType;
+}
+
+DWORD CPkgConn::GetAge_i() const { return calculate_tick_interval(m_dwStartTick, get_tick_count()); }
+
+CmResult CPkgConn::Disconnect(CmResult aReason) {
+    m_Est.EnsureSingleThread();
+    CM_INFO_TRACE_THIS("CPkgConn::Disconnect(), aReason =" << aReason);
+    return Close_i(aReason);
+}
+
+// A peer that ends the opening in order has refused it all the same.
+void CPkgConn::Lost_i(CmResult aReason) {
+    const BOOL bConnected = m_wStatus == CS_STATUS_CONNECTED;
+    End_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);
+    if (bConnected)
+        TellEnd_i(aReason);
+    else
+        Indicate_i(aReason == CM_OK ? CM_ERROR_NETWORK_SOCKET_CLOSE : aReason);
+}

@@ -1,0 +1,36 @@
+// The active side of a package connection.
+#pragma once
+
+#include "talvo/connection/protocol/pkg_conn.h"
+
+// Made by a connector for one attempt: the sink of the lower connector and of its transport. The attempt, from here on, has 60
+// seconds; over datagrams the request is sent up to seven times in 4.2 seconds. Reasons of the connector's OnConnectIndication,
+// beside those of the lower connector: CM_ERROR_NETWORK_CONNECT_ERROR (20006) after 60 s, CM_ERROR_NETWORK_BAD_CONNECT_RESPONSE
+// (20013) when the peer is of another type, CM_ERROR_NETWORK_SOCKET_ERROR (20001) when the transport was lost meanwhile, or the
+// reason that the peer gave.
+class TALVO_API CPkgConnClient : public CPkgConn {
+public:
+    CPkgConnClient();
+    ~CPkgConnClient() override;
+
+    // Gives the attempt up; the owner is told nothing any more.
+    void CancelConnect();
+
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override;
+    void OnDisconnect(CmResult aReason, ICmTransport* aTrpt) override;
+    void OnTimer(CCmTimerWrapperID* aId) override;
+
+protected:
+    void OnRecvConnResp() override;
+    BOOL HasKeepAliveTimer_i() const override { return TRUE; }
+
+private:
+    void OnRetransmitTimer_i();
+    void OnHandshakeTimeout_i();
+    void OnConnected_i();
+
+    CmResult m_LimitResult;     // of arming the time-out of the handshake
+    DWORD m_dwRetransmits = 0;  // firings of the retransmit timer
+    BOOL m_bCancelled = FALSE;
+    BOOL m_bRespReceived = FALSE;
+};

@@ -1,3 +1,0 @@
-#include "talvo/http/channel.h"
-
-ICmChannelSink::~ICmChannelSink() = default;

@@ -1,0 +1,3 @@
+#include "talvo/http/channel/channel.h"
+
+ICmChannelSink::~ICmChannelSink() = default;

@@ -1,0 +1,226 @@
+#include "talvo/http/client/channel_http_client.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "talvo/base/ensure_single_thread.h"
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+#include "talvo/http/channel/channel_options.h"
+#include "talvo/http/client/http_client_pool.h"
+#include "talvo/http/client/http_redirect.h"
+#include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_memory.h"
+#include "talvo/http/message/http_text.h"
+#include "talvo/http/message/http_url.h"
+
+using talvo::ResultWithMemory;
+using talvo::WithMemory;
+
+namespace {
+
+CCmLiveCounter s_Live("CCmChannelHttpClient");
+
+BOOL HasControl(std::string_view aText) {
+    return std::any_of(aText.begin(), aText.end(), [](char c) { return (c >= '\0' && c < ' ') || c == '\x7f'; });
+}
+
+}  // namespace
+
+CCmChannelHttpClient::CCmChannelHttpClient(const CCmHttpUrl& aUrl, DWORD) : m_dwThread(cm_thread_self_id()), m_Exchange(*this) {
+    WithMemory([&] { m_pUrl = new CCmHttpUrl(aUrl); });
+    ++s_Live;
+}
+
+CCmChannelHttpClient::~CCmChannelHttpClient() {
+    Close_i(CM_ERROR_NETWORK_SOCKET_CLOSE);
+    --s_Live;
+}
+
+// Whoever lets go without Disconnect hears nothing more, although the object lives on until its timer.
+void CCmChannelHttpClient::OnReferenceDestory() {
+    Close_i(CM_ERROR_NETWORK_SOCKET_CLOSE);
+    CCmReferenceControlTimerDeleteT::OnReferenceDestory();
+}
+
+CmResult CCmChannelHttpClient::SetRequestMethod(const CCmHttpAtom& aMethod) {
+    if (m_Status != SETTING_UP)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    return ResultWithMemory([&] { return m_Request.SetMethod(aMethod); });
+}
+
+CmResult CCmChannelHttpClient::SetRequestHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, BOOL aMerge) {
+    if (m_Status != SETTING_UP)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    return ResultWithMemory([&] { return m_Request.SetHeader(aAtom, aValue, aMerge); });
+}
+
+BOOL CCmChannelHttpClient::GetRequestHeader(const CCmHttpAtom& aAtom, CCmString& aValue) {
+    return m_Request.GetHead().GetHeader(aAtom, aValue);
+}
+
+CmResult CCmChannelHttpClient::SetRequestBody(const CCmMessageBlock& aBody) {
+    return m_Status == SETTING_UP ? m_Request.SetBody(aBody) : CM_ERROR_ALREADY_INITIALIZED;
+}
+
+CmResult CCmChannelHttpClient::SetCredentials(const CCmString& aUser, const CCmString& aPassword) {
+    if (m_Status != SETTING_UP)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    return ResultWithMemory([&] { return m_Authenticator.SetCredentials(aUser, aPassword); });
+}
+
+// The answers on the way there are nobody's business.
+const CCmHttpResponseHead& CCmChannelHttpClient::GetResponseHead() {
+    static const CCmHttpResponseHead s_None;
+    return m_bAnswered ? m_Exchange.GetHead() : s_None;
+}
+
+BOOL CCmChannelHttpClient::GetResponseHeader(const CCmHttpAtom& aAtom, CCmString& aValue) {
+    return GetResponseHead().GetHeader(aAtom, aValue);
+}
+
+CmResult CCmChannelHttpClient::GetFailure(CCmString& aText) {
+    WithMemory([&] { aText = m_strFailure; });
+    return m_Cause;
+}
+
+CmResult CCmChannelHttpClient::GetUrl(CCmHttpUrl*& aUrl) {
+    aUrl = CCmRefPtrT<CCmHttpUrl>(m_pUrl).Detach();
+    return aUrl ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+}
+
+CmResult CCmChannelHttpClient::AsyncOpen(ICmChannelSink* aSink) {
+    if (!aSink)
+        return CM_ERROR_INVALID_ARG;
+    if (m_Status != SETTING_UP)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    if (m_dwThread != cm_thread_self_id())
+        return CM_ERROR_NOT_AVAILABLE;
+    talvo::CHttpClientPool* pPool = nullptr;
+    if (talvo::CHttpClientPool::OfThisThread(pPool) == CM_OK && pPool->IsDraining())
+        return CM_ERROR_NOT_AVAILABLE;
+    CmResult rv = m_pUrl ? CheckUrl_i() : CM_ERROR_OUT_OF_MEMORY;
+    if (rv == CM_OK)
+        rv = m_Request.Prepare();
+    if (rv == CM_ERROR_NOT_IMPLEMENTED)
+        CM_ERROR_TRACE_THIS("CCmChannelHttpClient::AsyncOpen, not implemented. method="
+                            << m_Request.GetMethod().operator const char*() << " url=" << m_pUrl->GetAsciiSpec());
+    if (rv != CM_OK)
+        return rv;
+    m_pSink = aSink;
+    m_Status = OPEN;
+    rv = ResultWithMemory([this] { return StartExchange_i(); });
+    if (rv != CM_OK) {
+        m_Exchange.Close(rv);
+        m_pSink = nullptr;
+        m_Status = SETTING_UP;
+    }
+    return rv;
+}
+
+CmResult CCmChannelHttpClient::CheckUrl_i() const {
+    if (m_pUrl->GetScheme() != "http")
+        return CM_ERROR_NOT_IMPLEMENTED;
+    const CCmString& strHost = m_pUrl->GetHostName();
+    const BOOL bHost = !strHost.empty() && strHost.find_first_of(" @?#") == CCmString::npos && !HasControl(strHost);
+    return bHost && !HasControl(m_pUrl->GetPath()) ? CM_OK : CM_ERROR_INVALID_ARG;
+}
+
+CmResult CCmChannelHttpClient::StartExchange_i() {
+    const CCmString strAuthorization =
+        m_Authenticator.Authorize(m_Request.GetMethod().operator const char*(), talvo::MakeHttpTarget(*m_pUrl));
+    return m_Exchange.Start(m_Request, *m_pUrl, strAuthorization);
+}
+
+CmResult CCmChannelHttpClient::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
+    if (aPara)
+        aPara->m_dwHaveSent = 0;
+    if (!m_pSink)
+        return CM_ERROR_NOT_INITIALIZED;
+    return ResultWithMemory([&] { return m_Exchange.SendBody(aData, aPara); });
+}
+
+CmResult CCmChannelHttpClient::EndRequestBody() {
+    return m_pSink ? ResultWithMemory([this] { return m_Exchange.EndBody(); }) : CM_ERROR_NOT_AVAILABLE;
+}
+
+CmResult CCmChannelHttpClient::Disconnect(CmResult aReason) {
+    Close_i(aReason);
+    return CM_OK;
+}
+
+void CCmChannelHttpClient::Close_i(CmResult aReason) {
+    m_pSink = nullptr;
+    if (m_Status != SETTING_UP)
+        m_Status = OVER;
+    m_Timer.Cancel();
+    m_Held.Clear();
+    m_strWhole.clear();
+    m_Exchange.Close(aReason);
+}
+
+DWORD* CCmChannelHttpClient::FindOption_i(DWORD aCommand) {
+    talvo::CHttpClientExchange::CSettings& settings = m_Exchange.GetSettings();
+    switch (aCommand) {
+    case CM_OPT_CHANNEL_WHOLE_BODY:
+        return &m_dwWholeBody;
+    case CM_OPT_CHANNEL_MAX_REDIRECTS:
+        return &m_dwMaxRedirects;
+    case CM_OPT_CHANNEL_CONNECT_TIMEOUT:
+        return &settings.m_dwConnectTimeout;
+    case CM_OPT_CHANNEL_SILENCE_TIMEOUT:
+        return &settings.m_dwSilenceTimeout;
+    case CM_OPT_CHANNEL_CONTINUE_TIMEOUT:
+        return &settings.m_dwContinueTimeout;
+    case CM_OPT_CHANNEL_KEEP_ALIVE:
+        return &settings.m_dwKeepAlive;
+    }
+    return nullptr;
+}
+
+CmResult CCmChannelHttpClient::SetOption(DWORD aCommand, void* aArg) {
+    if (!aArg)
+        return CM_ERROR_INVALID_ARG;
+    if (aCommand == CM_OPT_TRANSPORT_PAUSE_READING)
+        return ResultWithMemory([&] { return Pause_i(!!*static_cast<BOOL*>(aArg)); });
+    DWORD* pOption = FindOption_i(aCommand);
+    if (!pOption)
+        return m_Exchange.SetOption(aCommand, aArg);
+    const DWORD dwValue = *static_cast<DWORD*>(aArg);
+    if (m_Status != SETTING_UP)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    if (aCommand == CM_OPT_CHANNEL_MAX_REDIRECTS && dwValue > talvo::MAX_HTTP_REDIRECTS)
+        return CM_ERROR_INVALID_ARG;
+    *pOption = dwValue;
+    return CM_OK;
+}
+
+CmResult CCmChannelHttpClient::GetOption(DWORD aCommand, void* aArg) {
+    if (!aArg)
+        return CM_ERROR_INVALID_ARG;
+    const DWORD* pOption = FindOption_i(aCommand);
+    if (aCommand == CM_OPT_TRANSPORT_PAUSE_READING)
+        *static_cast<BOOL*>(aArg) = m_bPaused;
+    else if (aCommand == CM_OPT_CHANNEL_LAST_FAILURE)
+        *static_cast<CCmFailure*>(aArg) = m_LastFailure;
+    else if (pOption)
+        *static_cast<DWORD*>(aArg) = *pOption;
+    else
+        return m_Exchange.GetOption(aCommand, aArg);
+    return CM_OK;
+}
+
+// What is held is delivered from the loop, not inside the call.
+CmResult CCmChannelHttpClient::Pause_i(BOOL aPause) {
+    if (!aPause && m_pSink && (m_Held.GetLength() > 0 || m_bEnded)) {
+        const CmResult rv = m_Timer.Schedule(this, CCmTimeValue::s_tvZero, 1);
+        if (rv != CM_OK && rv != CM_ERROR_FOUND)
+            return rv;
+    }
+    m_bPaused = aPause;
+    m_Exchange.Pause(m_bPaused);
+    return CM_OK;
+}
+
+void CCmChannelHttpClient::OnTimer(CCmTimerWrapperID*) { Deliver_i(); }

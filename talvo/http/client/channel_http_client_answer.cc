@@ -1,0 +1,187 @@
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "talvo/base/trace.h"
+#include "talvo/http/client/channel_http_client.h"
+#include "talvo/http/client/http_redirect.h"
+#include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_memory.h"
+#include "talvo/http/message/http_url.h"
+
+// What becomes of the answers: followed, answered, delivered.
+
+namespace {
+
+constexpr uint64_t MAX_WHOLE_BODY = UINT32_MAX;
+constexpr const char* NO_MEMORY = "there is no memory";
+constexpr uint64_t MAX_RESERVED = 1 << 20;  // bytes on the word of the server
+
+// Of what neither connector nor transport has found.
+ECmFailureCause CauseOf(CmResult aCause) {
+    if (aCause == CM_ERROR_TIMEOUT)
+        return CM_FAILURE_SILENCE;
+    const BOOL bServer = aCause == CM_ERROR_NETWORK_HTTP_FAILURE || aCause == CM_ERROR_NETWORK_SOCKET_ERROR;
+    return bServer ? CM_FAILURE_PROTOCOL : CM_FAILURE_LOCAL;
+}
+
+}  // namespace
+
+// TRUE: the body is the user's.
+BOOL CCmChannelHttpClient::OnExchangeHead() {
+    m_Next = JudgeHead_i();
+    if (m_Next != NOTHING)
+        return FALSE;
+    if (m_dwWholeBody && m_Exchange.GetExpected() > MAX_WHOLE_BODY) {
+        Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the body is too large to be delivered whole");
+        return FALSE;
+    }
+    m_bAnswered = TRUE;
+    talvo::Upcall([this] { m_pSink->OnConnect(CM_OK, this); });
+    return TRUE;
+}
+
+// An answer that would have to be followed with a body that is not there any more is delivered as it is.
+CCmChannelHttpClient::ENext CCmChannelHttpClient::JudgeHead_i() {
+    const CCmHttpResponseHead& head = m_Exchange.GetHead();
+    const CCmString* pChallenges = head.FindHeader(CCmHttpAtomList::WWW_Authenticate);
+    if (head.GetStatus() == 401 && pChallenges && !m_Request.IsStreamed() && m_Authenticator.OnChallenges(*pChallenges))
+        return AUTHENTICATE;
+    const CCmString* pLocation = head.FindHeader(CCmHttpAtomList::Location);
+    if (!talvo::IsHttpRedirect(head.GetStatus()) || !pLocation || m_dwMaxRedirects == 0)
+        return NOTHING;
+    if (m_Request.IsStreamed() && !talvo::DoesHttpRedirectBecomeGet(head.GetStatus(), m_Request.GetMethod()))
+        return NOTHING;
+    m_strLocation = *pLocation;
+    return REDIRECT;
+}
+
+void CCmChannelHttpClient::OnExchangeBody(CCmMessageBlock& aData) {
+    if (m_dwWholeBody)
+        KeepWhole_i(aData);
+    else if (!m_bPaused && m_Held.GetLength() == 0)
+        talvo::Upcall([&] { m_pSink->OnReceive(aData, this, nullptr); });
+    else if (m_Held.Append(aData, 0) != CM_OK)
+        Fail_i(CM_ERROR_OUT_OF_MEMORY, NO_MEMORY);
+}
+
+void CCmChannelHttpClient::KeepWhole_i(const CCmMessageBlock& aData) {
+    if (m_strWhole.size() + aData.GetTopLevelLength() > MAX_WHOLE_BODY) {
+        Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the body is too large to be delivered whole");
+        return;
+    }
+    if (m_strWhole.empty())
+        m_strWhole.reserve(std::min(m_Exchange.GetExpected(), MAX_RESERVED));
+    m_strWhole.append(aData.GetTopLevelReadPtr(), aData.GetTopLevelLength());
+}
+
+void CCmChannelHttpClient::OnExchangeRoom() {
+    talvo::Upcall([this] { m_pSink->OnSend(this, nullptr); });
+}
+
+// Of an answer that is not the user's it does not matter how it ended, but for want of memory.
+void CCmChannelHttpClient::OnExchangeEnd(CmResult aCause, const char* aText) {
+    if (m_Next != NOTHING && aCause != CM_ERROR_OUT_OF_MEMORY) {
+        const CmResult rv = talvo::ResultWithMemory([this] { return GoOn_i(); });
+        if (rv == CM_ERROR_OUT_OF_MEMORY)
+            Fail_i(rv, NO_MEMORY);
+        else if (rv != CM_OK)
+            Fail_i(rv, "there can be no connection");
+    } else if (aCause != CM_OK) {
+        Fail_i(aCause, aText);
+    } else {
+        m_bEnded = TRUE;
+        Deliver_i();
+    }
+}
+
+// CM_OK: the next exchange is under way, or the failure is told. Else why there is none.
+CmResult CCmChannelHttpClient::GoOn_i() { return std::exchange(m_Next, NOTHING) == REDIRECT ? Follow_i() : StartExchange_i(); }
+
+CmResult CCmChannelHttpClient::Follow_i() {
+    if (m_dwRedirects++ == m_dwMaxRedirects) {
+        Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "there are too many redirects");
+        return CM_OK;
+    }
+    const CCmRefPtrT<CCmHttpUrl> pUrl(new CCmHttpUrl);
+    const CCmString strTarget = talvo::ResolveHttpLocation(*m_pUrl, m_strLocation);
+    if (strTarget.empty())
+        return RefuseLocation_i();
+    if (!pUrl->Init(strTarget))  // what was resolved is a URL
+        return CM_ERROR_OUT_OF_MEMORY;
+    if (pUrl->GetScheme() != "http")
+        return RefuseLocation_i();
+    if (talvo::DoesHttpRedirectBecomeGet(m_Exchange.GetHead().GetStatus(), m_Request.GetMethod()))
+        m_Request.BecomeGet();
+    if (!talvo::IsSameHttpOrigin(*m_pUrl, *pUrl)) {
+        m_Request.LeaveOrigin();
+        m_Authenticator.Forget();
+    }
+    m_pUrl = pUrl;
+    return StartExchange_i();
+}
+
+CmResult CCmChannelHttpClient::RefuseLocation_i() {
+    const CCmString strText = "the redirect is not followed. location=" + m_strLocation;
+    Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, strText);
+    return CM_OK;
+}
+
+// What is held, and behind it the end, as far as the user wants to hear it now.
+void CCmChannelHttpClient::Deliver_i() {
+    if (m_bPaused || !m_pSink)
+        return;
+    if (m_Held.GetLength() > 0)
+        DeliverHeld_i();
+    else if (m_bEnded && m_dwWholeBody && (m_EndReason == CM_OK || !m_strWhole.empty()) && !std::exchange(m_bWholeGiven, TRUE))
+        DeliverWhole_i();
+    if (m_bEnded && !m_bPaused && m_pSink)
+        Over_i(m_EndReason);
+}
+
+// What cannot be delivered for want of memory is lost, and the body with it.
+void CCmChannelHttpClient::DeliverHeld_i() {
+    const CmResult rv = m_Held.Take(m_Held.GetLength(), [this](CCmMessageBlock& aData) {
+        talvo::Upcall([&] { m_pSink->OnReceive(aData, this, nullptr); });
+    });
+    if (rv == CM_OK)
+        return;
+    m_Held.Clear();
+    Fail_i(rv, NO_MEMORY);
+}
+
+void CCmChannelHttpClient::DeliverWhole_i() {
+    const CCmString strBody = std::exchange(m_strWhole, {});
+    const auto dwSize = static_cast<DWORD>(strBody.size());
+    CCmMessageBlock block(dwSize, strBody.data(), CCmMessageBlock::DONT_DELETE, dwSize);
+    talvo::Upcall([&] { m_pSink->OnReceive(block, this, nullptr); });
+}
+
+// What has arrived before is the user's all the same.
+void CCmChannelHttpClient::Fail_i(CmResult aCause, std::string_view aText) {
+    CM_ERROR_TRACE_THIS("CCmChannelHttpClient::OnDisconnect, " << aText << " url=" << m_pUrl->GetAsciiSpec()
+                                                               << " reason=" << aCause);
+    m_Exchange.Close(CM_ERROR_NETWORK_SOCKET_CLOSE);
+    NoteFailure_i(aCause, aText);
+    m_bEnded = TRUE;
+    m_EndReason = aCause == CM_ERROR_OUT_OF_MEMORY ? aCause : CM_ERROR_NETWORK_HTTP_FAILURE;
+    Deliver_i();
+}
+
+void CCmChannelHttpClient::NoteFailure_i(CmResult aCause, std::string_view aText) {
+    m_Cause = aCause;
+    m_LastFailure = m_Exchange.GetFailure();
+    talvo::WithMemory([&] {
+        m_strFailure = aText;
+        if (!m_LastFailure)
+            m_LastFailure = CCmFailure(CauseOf(aCause), m_strFailure.c_str(), "exchange with",
+                                       CCmInetAddr(m_pUrl->GetHostName().c_str(), m_pUrl->GetPort()));
+    });
+}
+
+void CCmChannelHttpClient::Over_i(CmResult aReason) {
+    m_Status = OVER;
+    m_Timer.Cancel();
+    if (ICmChannelSink* pSink = std::exchange(m_pSink, nullptr))
+        talvo::Upcall([&] { pSink->OnDisconnect(aReason, this); });
+}

@@ -1,0 +1,124 @@
+// One request on its way out and the answer on its way in, over a connection of the pool.
+#pragma once
+
+#include "talvo/http/client/http_client_connection.h"
+#include "talvo/http/client/http_client_sender.h"
+#include "talvo/http/message/http_body.h"
+#include "talvo/http/message/http_framing.h"
+#include "talvo/http/message/http_parser.h"
+#include "talvo/http/message/http_response_head.h"
+
+class CCmHttpUrl;
+
+namespace talvo {
+
+// Who wants the answer. The exchange may be closed inside any of these; a new one is started in OnExchangeEnd or later.
+class IHttpExchangeUser {
+public:
+    // The final head is there. TRUE: its body is wanted; FALSE: it is passed over, if that is not too much.
+    virtual BOOL OnExchangeHead() = 0;
+    virtual void OnExchangeBody(CCmMessageBlock& aData) = 0;  // views what arrived, valid during the call
+    virtual void OnExchangeRoom() = 0;                        // a streamed body that was refused for want of room can go on
+    // The last call. CM_OK: the answer was whole, or has been passed over. Else what is beneath the failure, and it in words,
+    // which stay. This one must not run out of memory; after any other that does it comes with CM_ERROR_OUT_OF_MEMORY.
+    virtual void OnExchangeEnd(CmResult aCause, const char* aText) = 0;
+
+protected:
+    virtual ~IHttpExchangeUser() = default;
+};
+
+// Asks the pool, sends, reads interim heads until the final one, cuts the body out of what comes and gives the connection
+// back when nothing stands in the way. A connection that has been used before and dies before a byte of the answer is replaced
+// by a fresh one, once, if the request may be repeated. One that may not is sent over a connection that was used a moment ago,
+// or a fresh one. Of one thread; used for one exchange after the other.
+class CHttpClientExchange : private IHttpConnectionUser, private CHttpBodySink {
+public:
+    // See ECmChannelOption; times in milliseconds.
+    struct CSettings {
+        DWORD m_dwConnectTimeout = 30'000;
+        DWORD m_dwSilenceTimeout = 60'000;
+        DWORD m_dwContinueTimeout = 1'000;
+        DWORD m_dwKeepAlive = TRUE;
+    };
+
+    explicit CHttpClientExchange(IHttpExchangeUser& aUser);
+    ~CHttpClientExchange() override { Close(CM_ERROR_NETWORK_SOCKET_CLOSE); }
+    CHttpClientExchange(const CHttpClientExchange&) = delete;
+    CHttpClientExchange& operator=(const CHttpClientExchange&) = delete;
+
+    CSettings& GetSettings() { return m_Settings; }
+
+    // CM_OK: OnExchangeEnd will follow, not inside this call. CM_ERROR_NULL_POINTER: the thread lacks a queue. Else as the
+    // pool. aRequest stays until the end. Where this fails, or memory runs out inside (std::bad_alloc), close the exchange.
+    CmResult Start(const CHttpClientRequest& aRequest, const CCmHttpUrl& aUrl, const CCmString& aAuthorization);
+    // Gives up; no call follows.
+    void Close(CmResult aReason);
+
+    // A streamed body, see CHttpClientSender.
+    CmResult SendBody(CCmMessageBlock& aData, CCmTransportParameter* aPara);
+    CmResult EndBody();
+
+    // Stops reading until it is FALSE again; at any time.
+    void Pause(BOOL aPause);
+    // The connection's; CM_ERROR_NOT_AVAILABLE without one.
+    CmResult SetOption(DWORD aCommand, void* aArg);
+    CmResult GetOption(DWORD aCommand, void* aArg);
+
+    // Of the last exchange; a new one empties it.
+    const CCmHttpResponseHead& GetHead() const { return m_Head; }
+    const CCmHttpHeaderArray& GetTrailer() const { return m_Body.GetTrailers(); }
+    // What the connection says of its end; CM_FAILURE_NONE unless that was the failure.
+    const CCmFailure& GetFailure() const { return m_Failure; }
+    // The announced length of the body, 0 when it is not known.
+    uint64_t GetExpected() const { return m_Framing.m_Body == EHttpBody::LENGTH ? m_Framing.m_ullLength : 0; }
+
+private:
+    enum EState { IDLE, WAITING /* for a connection */, HEAD, BODY };
+
+    void OnConnectionReady(CHttpClientConnection& aConnection, BOOL aReused) override;
+    void OnConnectionFailed(CmResult aReason, const CCmFailure& aFailure) override;
+    void OnConnectionReceive(CCmMessageBlock& aData) override;
+    void OnConnectionSend() override;
+    void OnConnectionDeadline() override;
+    void OnConnectionLost(CmResult aReason, const CCmFailure& aFailure) override;
+    BOOL OnBody(CCmMessageBlock& aView) override;
+
+    CmResult Acquire_i(int64_t aMaxRest);
+    CmResult Repeat_i();
+    void Flush_i();
+    void TellRoom_i();
+    void Touch_i();
+    void TouchInCall_i();
+    void ReadHead_i(CCmMessageBlock& aData);
+    void OnInterim_i();
+    void OnFinal_i();
+    void ReadBody_i(CCmMessageBlock& aData);
+    void ResetHead_i();
+    void End_i(BOOL aReusable);
+    void Fail_i(CmResult aCause, const char* aText);
+
+    IHttpExchangeUser& m_User;
+    CSettings m_Settings;
+    EState m_State = IDLE;
+    CCmRefPtrT<CHttpClientConnection> m_pConnection;
+    BOOL m_bReused = FALSE;
+    BOOL m_bPaused = FALSE;
+
+    const CHttpClientRequest* m_pRequest = nullptr;  // not owned
+    CCmString m_strHost;
+    WORD m_wPort = 0;
+    CCmString m_strHead;  // as it is sent
+    CHttpClientSender m_Sender;
+    int64_t m_llContinueUntil = 0;
+
+    CCmHttpResponseHead m_Head;
+    CCmHttpParserT<CCmHttpResponseHead> m_Parser{&m_Head};
+    BOOL m_bAnswered = FALSE;  // something has come
+    DWORD m_dwInterims = 0;
+    CHttpFraming m_Framing;
+    CHttpBodyReader m_Body;
+    BOOL m_bWanted = FALSE;
+    CCmFailure m_Failure;
+};
+
+}  // namespace talvo

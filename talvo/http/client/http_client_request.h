@@ -1,0 +1,70 @@
+// What a client asks: method, headers and body, and how they change on the way through redirects.
+#pragma once
+
+#include "talvo/base/message_block.h"
+#include "talvo/base/result.h"
+#include "talvo/http/message/http_request_head.h"
+
+class CCmHttpUrl;
+
+namespace talvo {
+
+class TALVO_API CHttpClientRequest {
+public:
+    enum EBody {
+        NO_BODY,
+        WHOLE,           // known from the start, sent with its length
+        WHOLE_CHUNKED,   // the same as one chunk
+        STREAM,          // comes piece by piece, its length is known
+        STREAM_CHUNKED,  // comes piece by piece, each a chunk
+    };
+
+    CHttpClientRequest();
+    ~CHttpClientRequest() { DropBody_i(); }
+    CHttpClientRequest(const CHttpClientRequest&) = delete;
+    CHttpClientRequest& operator=(const CHttpClientRequest&) = delete;
+
+    // As ICmChannelHttpClient says; CM_ERROR_OUT_OF_MEMORY.
+    CmResult SetMethod(const CCmHttpAtom& aMethod);
+    CmResult SetHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, BOOL aMerge);
+    CmResult SetBody(const CCmMessageBlock& aBody);
+
+    // Judges what was set together, and settles the kind of body. CM_ERROR_INVALID_ARG; CM_ERROR_NOT_IMPLEMENTED: CONNECT.
+    CmResult Prepare();
+
+    const CCmHttpRequestHead& GetHead() const { return m_Head; }
+    CCmHttpAtom GetMethod() const { return m_Head.GetMethod(); }
+    EBody GetBodyKind() const { return m_Body; }
+    uint64_t GetBodyLength() const { return m_ullLength; }  // of WHOLE, WHOLE_CHUNKED and STREAM
+    BOOL IsStreamed() const { return m_Body == STREAM || m_Body == STREAM_CHUNKED; }
+    BOOL IsContinueExpected() const;
+    BOOL IsCloseAsked() const;  // by a Connection header of the user's
+    // Whether the server may see it twice: an idempotent method (RFC 9110, section 9.2.2), and a body that can be sent again.
+    BOOL MayRepeat() const;
+
+    // A new chain over the whole body; null: it has no bytes, or memory ran out.
+    CCmMessageBlock* DuplicateBody() const { return m_pBody ? m_pBody->DuplicateChained() : nullptr; }
+
+    // A redirect's doing.
+    void BecomeGet();
+    void LeaveOrigin();
+
+    // The head for aUrl, as it goes out, the empty line included. aAuthorization: the value to send, "" for the one set. ""
+    // when memory ran out.
+    CCmString MakeHead(const CCmHttpUrl& aUrl, const CCmString& aAuthorization, BOOL aKeepAlive) const;
+
+private:
+    BOOL IsLengthDue_i() const;
+    void DropBody_i();
+
+    CCmHttpRequestHead m_Head;           // without what MakeHead adds
+    CCmMessageBlock* m_pBody = nullptr;  // owned
+    BOOL m_bBodySet = FALSE;
+    EBody m_Body = NO_BODY;
+    uint64_t m_ullLength = 0;
+};
+
+// The path and query of a URL as they are asked for: without a fragment, percent-encoded where they must be.
+TALVO_API CCmString MakeHttpTarget(const CCmHttpUrl& aUrl);
+
+}  // namespace talvo

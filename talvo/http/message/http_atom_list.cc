@@ -1,0 +1,156 @@
+#include "talvo/http/message/http_atom_list.h"
+
+#include <array>
+
+#include "talvo/base/clean_up.h"
+#include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
+#include "talvo/http/message/http_name_table.h"
+#include "talvo/http/message/http_text.h"
+
+#define CM_DEFINE_ATOM(aMember, aText) constinit const CCmHttpAtom CCmHttpAtomList::aMember(aText);
+CM_FOR_EACH_HTTP_ATOM(CM_DEFINE_ATOM)
+#undef CM_DEFINE_ATOM
+
+namespace {
+
+using Guard = CCmMutexGuardT<CCmMutexThread>;
+using SingletonGuard = CCmMutexGuardT<CCmMutexThreadRecursive>;
+
+struct CKnownAtom {
+    std::string_view m_strText;
+    const CCmHttpAtom* m_pAtom;
+};
+
+#define CM_LIST_ATOM(aMember, aText) {aText, &CCmHttpAtomList::aMember},
+constexpr CKnownAtom KNOWN[] = {CM_FOR_EACH_HTTP_ATOM(CM_LIST_ATOM)};
+#undef CM_LIST_ATOM
+
+constexpr BYTE NONE = 0xFF;
+static_assert(std::size(KNOWN) < NONE);
+
+// Length and three letters tell all known names apart, and the factor was searched for that gives each its own slot. Which
+// letters fall together by the bit set does not matter: the whole text is compared afterwards.
+constexpr BYTE slot_of(std::string_view aName) {
+    const auto letter = [&](size_t aAt) { return static_cast<DWORD>(static_cast<BYTE>(aName[aAt] | 0x20)); };
+    const size_t stLength = aName.size();
+    const DWORD dwKey =
+        letter(0) | letter(stLength * 3 / 4) << 8 | letter(stLength - 1) << 16 | static_cast<DWORD>(stLength) << 24;
+    return static_cast<BYTE>(dwKey * 0x4B63E0EF >> 24);
+}
+
+struct CKnownSlots {
+    std::array<BYTE, 256> m_Index{};
+    BOOL m_bPerfect = TRUE;
+};
+
+constexpr CKnownSlots SLOTS = [] {
+    CKnownSlots slots;
+    slots.m_Index.fill(NONE);
+    for (size_t i = 0; i < std::size(KNOWN); ++i) {
+        BYTE& byIndex = slots.m_Index[slot_of(KNOWN[i].m_strText)];
+        slots.m_bPerfect = slots.m_bPerfect && byIndex == NONE;
+        byIndex = static_cast<BYTE>(i);
+    }
+    return slots;
+}();
+static_assert(SLOTS.m_bPerfect, "two known names share a slot: search for another factor");
+
+std::atomic<CCmHttpAtomList*> s_pInstance{nullptr};
+
+// Lets the list go with the other singletons; the list itself can be copied and is therefore none.
+class CAtomListOwner : public CCmCleanUpBase {
+public:
+    explicit CAtomListOwner(CCmHttpAtomList* aList) : m_pList(aList) { s_pInstance = aList; }
+    ~CAtomListOwner() override { s_pInstance = nullptr; }
+
+private:
+    std::unique_ptr<CCmHttpAtomList> m_pList;
+};
+
+}  // namespace
+
+CCmHttpAtomList* CCmHttpAtomList::Instance() {
+    if (CCmHttpAtomList* pInstance = s_pInstance.load(std::memory_order_acquire))
+        return pInstance;
+    SingletonGuard guard(CCmCleanUpBase::GetSingletonMutex());
+    if (!s_pInstance)
+        new CAtomListOwner(new CCmHttpAtomList);
+    return s_pInstance;
+}
+
+CCmHttpAtomList::CCmHttpAtomList() : m_pNames(new talvo::CHttpNameTable) {}
+
+CCmHttpAtomList::CCmHttpAtomList(const CCmHttpAtomList& aOther) { *this = aOther; }
+
+CCmHttpAtomList& CCmHttpAtomList::operator=(const CCmHttpAtomList& aOther) {
+    if (this == &aOther)
+        return *this;
+    auto pNames = std::make_unique<talvo::CHttpNameTable>();
+    Guard guard(aOther.GetMutex());
+    pNames->AddAll(*aOther.m_pNames);
+    m_pNames = std::move(pNames);
+    m_dwMaxNames = aOther.m_dwMaxNames;
+    m_dwMaxBytes = aOther.m_dwMaxBytes;
+    return *this;
+}
+
+CCmHttpAtomList::~CCmHttpAtomList() { CleanupMutex(); }
+
+CCmHttpAtom CCmHttpAtomList::FindKnown(std::string_view aName) {
+    if (aName.empty())
+        return nullptr;
+    const BYTE byIndex = SLOTS.m_Index[slot_of(aName)];
+    if (byIndex == NONE)
+        return nullptr;
+    const CKnownAtom& known = KNOWN[byIndex];
+    return talvo::equal_no_case(aName, known.m_strText) ? *known.m_pAtom : CCmHttpAtom();
+}
+
+CCmHttpAtom CCmHttpAtomList::ResolveAtom(std::string_view aName, int aCreate) {
+    const std::string_view strName = talvo::trim_spaces(aName);
+    if (strName.empty())
+        return nullptr;
+    if (const CCmHttpAtom atom = FindKnown(strName))
+        return atom;
+    if (const char* pText = m_pNames->Find(strName))
+        return pText;
+    CCmHttpAtom atom;
+    if (aCreate)
+        talvo::WithMemory([&] { atom = Learn(strName); });
+    return atom;
+}
+
+CCmHttpAtom CCmHttpAtomList::Learn(std::string_view aName) {
+    Guard guard(GetMutex());
+    if (const char* pText = m_pNames->Find(aName))  // another thread was first
+        return pText;
+    if (!IsFull_l(aName))
+        return m_pNames->Add(aName);
+    if (!m_bFullTraced) {
+        m_bFullTraced = TRUE;
+        CM_WARNING_TRACE_THIS("CCmHttpAtomList::ResolveAtom, the table is full. names=" << m_pNames->GetCount());
+    }
+    return nullptr;
+}
+
+BOOL CCmHttpAtomList::IsFull_l(std::string_view aName) const {
+    return m_pNames->GetCount() >= m_dwMaxNames || m_pNames->GetBytes() + aName.size() + 1 > m_dwMaxBytes;
+}
+
+void CCmHttpAtomList::SetLimits(DWORD aMaxNames, DWORD aMaxBytes) {
+    Guard guard(GetMutex());
+    m_dwMaxNames = aMaxNames;
+    m_dwMaxBytes = aMaxBytes;
+}
+
+CCmMutexThread& CCmHttpAtomList::GetMutex() const {
+    if (CCmMutexThread* pMutex = m_pMutex.load(std::memory_order_acquire))
+        return *pMutex;
+    SingletonGuard guard(CCmCleanUpBase::GetSingletonMutex());
+    if (!m_pMutex)
+        m_pMutex = new CCmMutexThread;
+    return *m_pMutex;
+}
+
+void CCmHttpAtomList::CleanupMutex() { delete m_pMutex.exchange(nullptr); }

@@ -1,0 +1,105 @@
+#include "talvo/http/message/http_challenge.h"
+
+#include <algorithm>
+
+#include "talvo/http/message/http_text.h"
+
+namespace talvo {
+
+namespace {
+
+CCmString ToLower(std::string_view aText) {
+    CCmString strLower(aText);
+    std::transform(strLower.begin(), strLower.end(), strLower.begin(), lower_case);
+    return strLower;
+}
+
+// A list of challenges and a list of parameters are separated alike, by commas: what stands before a "=" belongs to the
+// challenge under way, anything else begins the next.
+class CParser {
+public:
+    explicit CParser(std::string_view aText) : m_Text(aText) {}
+
+    std::vector<CHttpChallenge> Parse() {
+        while (SkipSeparators()) {
+            const std::string_view name = ReadToken();
+            if (name.empty() || !ReadItem(name))
+                SkipItem();
+        }
+        return std::move(m_Challenges);
+    }
+
+private:
+    char Peek() const { return m_Text.empty() ? '\0' : m_Text.front(); }
+
+    BOOL SkipSeparators() {
+        m_Text.remove_prefix(std::min(m_Text.find_first_not_of(" \t,\r\n"), m_Text.size()));
+        return !m_Text.empty();
+    }
+    void SkipBlanks() { m_Text.remove_prefix(std::min(m_Text.find_first_not_of(" \t"), m_Text.size())); }
+    void SkipItem() {
+        const size_t nEnd = std::min(m_Text.find_first_of(",\n"), m_Text.size());
+        m_Text.remove_prefix(nEnd);
+    }
+
+    std::string_view ReadToken() {
+        size_t nLength = 0;
+        while (nLength < m_Text.size() && is_token(m_Text.substr(nLength, 1)))
+            ++nLength;
+        const std::string_view token = m_Text.substr(0, nLength);
+        m_Text.remove_prefix(nLength);
+        return token;
+    }
+
+    // FALSE: the rest of the item makes no sense.
+    BOOL ReadItem(std::string_view aName) {
+        SkipBlanks();
+        if (Peek() == '=')
+            return ReadParameter(aName);
+        m_Challenges.push_back({ToLower(aName), {}});
+        if (Peek() == ',' || Peek() == '\n' || m_Text.empty())
+            return TRUE;
+        const std::string_view first = ReadToken();
+        SkipBlanks();
+        return !first.empty() && Peek() == '=' && ReadParameter(first);
+    }
+
+    BOOL ReadParameter(std::string_view aName) {
+        m_Text.remove_prefix(1);
+        SkipBlanks();
+        const BOOL bQuoted = Peek() == '"';
+        std::string_view value = bQuoted ? ReadQuoted() : ReadToken();
+        if (m_Challenges.empty() || (value.empty() && !bQuoted))
+            return FALSE;
+        m_Challenges.back().m_Parameters.emplace_back(ToLower(aName), CCmString(value));
+        return TRUE;
+    }
+
+    std::string_view ReadQuoted() {
+        m_Text.remove_prefix(1);
+        size_t nEnd = 0;
+        while (nEnd < m_Text.size() && m_Text[nEnd] != '"')
+            nEnd += m_Text[nEnd] == '\\' ? 2 : 1;
+        nEnd = std::min(nEnd, m_Text.size());
+        const std::string_view value = m_Text.substr(0, nEnd);
+        m_Text.remove_prefix(std::min(nEnd + 1, m_Text.size()));
+        return value;
+    }
+
+    std::string_view m_Text;
+    std::vector<CHttpChallenge> m_Challenges;
+};
+
+}  // namespace
+
+const CCmString* CHttpChallenge::Find(std::string_view aName) const {
+    for (const auto& [strName, strValue] : m_Parameters) {
+        if (strName == aName)
+            return &strValue;
+    }
+    return nullptr;
+}
+
+std::vector<CHttpChallenge> ParseHttpChallenges(std::string_view aValue) { return CParser(aValue).Parse(); }
+
+}  // namespace talvo

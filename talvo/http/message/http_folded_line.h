@@ -1,0 +1,33 @@
+// A header field that may go on in the lines behind it.
+#pragma once
+
+#include <string_view>
+
+#include "talvo/base/types.h"
+#include "talvo/http/message/http_text.h"
+
+namespace talvo {
+
+// Joins obsolete line folding (RFC 9112, section 5.2): each fold becomes one space. Holds one line; keeps its memory.
+class CHttpFoldedLine {
+public:
+    BOOL IsEmpty() const { return m_strLine.empty(); }
+    const CCmString& Get() const { return m_strLine; }
+
+    void Hold(std::string_view aLine) { m_strLine.assign(aLine); }
+
+    // TRUE: aLine begins with a blank, and is now the end of the line that was held. FALSE, and nothing changes: it begins a
+    // line of its own, or none was held.
+    BOOL Continue(std::string_view aLine) {
+        if (m_strLine.empty() || aLine.empty() || (aLine.front() != ' ' && aLine.front() != '\t'))
+            return FALSE;
+        m_strLine.resize(m_strLine.find_last_not_of(" \t") + 1);
+        m_strLine.append(" ").append(trim_blanks(aLine));
+        return TRUE;
+    }
+
+private:
+    CCmString m_strLine;
+};
+
+}  // namespace talvo

@@ -1,0 +1,282 @@
+#include "talvo/http/message/http_header_array.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
+#include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_text.h"
+
+namespace {
+
+using Atoms = CCmHttpAtomList;
+
+// What an array keeps across Clear: enough for usual messages, little enough for thousands of idle connections.
+constexpr size_t MOST_SPARE_ENTRIES = 64;
+constexpr size_t MOST_SPARE_VALUE = 2048;
+
+size_t find_separator(std::string_view aLine) {
+    for (const char c : {':', ' ', '\t', '='}) {
+        const size_t stAt = aLine.find(c);
+        if (stAt != std::string_view::npos)
+            return stAt;
+    }
+    return std::string_view::npos;
+}
+
+BOOL is_merged_by_line(const CCmHttpAtom& aAtom) {
+    return aAtom == Atoms::Set_Cookie || aAtom == Atoms::WWW_Authenticate || aAtom == Atoms::Proxy_Authenticate;
+}
+
+void append_line(CCmString& aOut, const char* aName, std::string_view aValue) {
+    aOut.append(aName ? aName : "").append(": ").append(aValue).append("\r\n");
+}
+
+}  // namespace
+
+BOOL CCmHttpHeaderArray::Clear() {
+    if (m_Entries.size() > MOST_SPARE_ENTRIES)
+        m_Entries.resize(MOST_SPARE_ENTRIES);
+    for (CEntry& entry : m_Entries) {
+        if (entry.m_strValue.capacity() > MOST_SPARE_VALUE)
+            CCmString().swap(entry.m_strValue);
+    }
+    m_bHeadersComplete = m_bFirstLineParsed = FALSE;
+    m_stCount = 0;
+    m_OwnNames.clear();
+    m_dwFaults = 0;
+    return TRUE;
+}
+
+BOOL CCmHttpHeaderArray::SetHeader(const CCmHttpAtom& aAtom, std::string_view aValue, int aMerge) {
+    const std::string_view strValue = talvo::trim_spaces(aValue);
+    CEntry* pEntry;
+    LookupEntry(aAtom, pEntry);
+    return talvo::WithMemory([&] {
+        if (strValue.empty()) {
+            if (pEntry && !aMerge)
+                Remove(pEntry);
+        } else if (!pEntry) {
+            Append(aAtom, strValue);
+        } else if (!aMerge || !CanAppendToHeader(aAtom)) {
+            pEntry->m_strValue.assign(strValue);
+        } else {
+            Merge(*pEntry, strValue);
+        }
+    });
+}
+
+// Changes nothing unless there is room for all of it. aValue may be a piece of the value that grows.
+void CCmHttpHeaderArray::Merge(CEntry& aEntry, std::string_view aValue) const {
+    CCmString& strValue = aEntry.m_strValue;
+    const std::string_view strSeparator = is_merged_by_line(aEntry.m_Atom) ? "\n" : ", ";
+    const size_t stEnd = strValue.size();
+    const size_t stSize = stEnd + strSeparator.size() + aValue.size();
+    if (stSize > strValue.capacity()) {
+        CCmString strRoom;
+        strRoom.reserve(std::max(stSize, 2 * strValue.capacity()));
+        strRoom.append(strValue).append(strSeparator).append(aValue);
+        strValue.swap(strRoom);
+    } else {
+        strValue.append(aValue).insert(stEnd, strSeparator);
+    }
+}
+
+void CCmHttpHeaderArray::Append(const CCmHttpAtom& aAtom, std::string_view aValue) {
+    if (m_stCount == m_Entries.size()) {
+        m_Entries.push_back(CEntry{aAtom, CCmString(aValue)});
+    } else {
+        m_Entries[m_stCount].m_Atom = aAtom;
+        m_Entries[m_stCount].m_strValue.assign(aValue);
+    }
+    ++m_stCount;
+}
+
+void CCmHttpHeaderArray::Remove(const CEntry* aEntry) {
+    const auto itFirst = m_Entries.begin() + (aEntry - m_Entries.data());
+    std::rotate(itFirst, itFirst + 1, m_Entries.begin() + static_cast<ptrdiff_t>(m_stCount));
+    --m_stCount;
+}
+
+void CCmHttpHeaderArray::LookupEntry(const CCmHttpAtom& aAtom, CEntry*& aEntry) const {
+    aEntry = nullptr;
+    for (size_t i = 0; i < m_stCount; ++i) {
+        if (m_Entries[i].m_Atom == aAtom) {
+            aEntry = const_cast<CEntry*>(&m_Entries[i]);
+            return;
+        }
+    }
+}
+
+const CCmString* CCmHttpHeaderArray::FindHeader(const CCmHttpAtom& aAtom) const {
+    CEntry* pEntry;
+    LookupEntry(aAtom, pEntry);
+    return pEntry ? &pEntry->m_strValue : nullptr;
+}
+
+BOOL CCmHttpHeaderArray::GetHeader(const CCmHttpAtom& aAtom, CCmString& aValue) const {
+    const CCmString* pValue = FindHeader(aAtom);
+    return pValue && talvo::WithMemory([&] { aValue = *pValue; });
+}
+
+const CCmString* CCmHttpHeaderArray::FindConnection_t() const {
+    const CCmString* pValue = FindHeader(Atoms::Connection);
+    return pValue ? pValue : FindHeader(Atoms::Proxy_Connection);
+}
+
+BOOL CCmHttpHeaderArray::CanAppendToHeader(const CCmHttpAtom& aAtom) const {
+    for (const CCmHttpAtom* pNever :
+         {&Atoms::Accept_Charset, &Atoms::Content_Type, &Atoms::Content_Length, &Atoms::User_Agent, &Atoms::Referer,
+          &Atoms::Host, &Atoms::Authorization, &Atoms::Proxy_Authorization, &Atoms::If_Modified_Since,
+          &Atoms::If_Unmodified_Since, &Atoms::From, &Atoms::Location, &Atoms::Max_Forwards}) {
+        if (aAtom == *pNever)
+            return FALSE;
+    }
+    return TRUE;
+}
+
+CCmHttpAtom CCmHttpHeaderArray::FindOwnName(std::string_view aName) const {
+    for (const auto& pName : m_OwnNames) {
+        if (talvo::equal_no_case(*pName, aName))
+            return pName->c_str();
+    }
+    return nullptr;
+}
+
+CCmHttpAtom CCmHttpHeaderArray::ResolveName(std::string_view aName) {
+    CCmHttpAtom atom;
+    talvo::WithMemory([&] { atom = MakeName(aName); });
+    return atom;
+}
+
+CCmHttpAtom CCmHttpHeaderArray::MakeName(std::string_view aName) {
+    const std::string_view strName = talvo::trim_spaces(aName);
+    // The own names first: the list may have learned one of them since.
+    if (!m_OwnNames.empty()) {
+        if (const CCmHttpAtom atom = FindOwnName(strName))
+            return atom;
+    }
+    const CCmHttpAtom atom = Atoms::Instance()->ResolveAtom(strName, 1);
+    if (atom || strName.empty())
+        return atom;
+    m_OwnNames.push_back(std::make_shared<const CCmString>(strName));
+    return m_OwnNames.back()->c_str();
+}
+
+CCmHttpAtom CCmHttpHeaderArray::ResolveParsed_t(std::string_view aName) {
+    if (const CCmHttpAtom atom = Atoms::FindKnown(aName))
+        return atom;
+    if (!talvo::is_token(aName))
+        m_dwFaults |= CM_HTTP_FAULT_NAME;
+    return MakeName(aName);
+}
+
+BOOL CCmHttpHeaderArray::NoteMemory(BOOL aGood) {
+    if (!aGood)
+        m_dwFaults |= CM_HTTP_FAULT_MEMORY;
+    return aGood;
+}
+
+BOOL CCmHttpHeaderArray::ParseLine(std::string_view aLine) {
+    BOOL bGood = FALSE;
+    return NoteMemory(talvo::WithMemory([&] { bGood = TakeLine(aLine); })) && bGood;
+}
+
+BOOL CCmHttpHeaderArray::TakeLine(std::string_view aLine) {
+    if (m_bHeadersComplete)
+        return TRUE;
+    if (!aLine.empty())
+        return m_bFirstLineParsed ? TakeHeaderLine(aLine, nullptr, nullptr) : ParseAnyFirstLine(aLine);
+    if (!m_bFirstLineParsed) {
+        CM_ERROR_TRACE_THIS("CCmHttpHeaderArray::ParseLine, no first line!");
+        return FALSE;
+    }
+    m_bHeadersComplete = TRUE;
+    return TRUE;
+}
+
+BOOL CCmHttpHeaderArray::ParseAnyFirstLine(std::string_view aLine) {
+    // A usual line gets its terminator here and not on the heap.
+    char szLine[1024];
+    if (aLine.size() < sizeof(szLine)) {
+        szLine[aLine.copy(szLine, sizeof(szLine))] = '\0';
+        m_bFirstLineParsed = ParseFirstLine_t(szLine);
+    } else {
+        m_bFirstLineParsed = ParseFirstLine_t(CCmString(aLine).c_str());
+    }
+    return m_bFirstLineParsed;
+}
+
+BOOL CCmHttpHeaderArray::ParseFirstLine_t(const char*) { return FALSE; }
+
+BOOL CCmHttpHeaderArray::ParseHeaderLine(const char* aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue) {
+    return aLine && ParseHeaderLine(std::string_view(aLine), aOutAtom, aOutValue);
+}
+
+BOOL CCmHttpHeaderArray::ParseHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue) {
+    BOOL bGood = FALSE;
+    return NoteMemory(talvo::WithMemory([&] { bGood = TakeHeaderLine(aLine, aOutAtom, aOutValue); })) && bGood;
+}
+
+BOOL CCmHttpHeaderArray::TakeHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue) {
+    const size_t stAt = find_separator(aLine);
+    if (stAt == std::string_view::npos || stAt == 0) {
+        m_dwFaults |= CM_HTTP_FAULT_NAME;
+        return TRUE;
+    }
+    const CCmHttpAtom atom = ResolveParsed_t(aLine.substr(0, stAt));
+    if (aLine[stAt] != ':')
+        m_dwFaults |= CM_HTTP_FAULT_NAME;
+    const std::string_view strValue = aLine.substr(stAt + 1);
+    NoteFraming(atom, strValue);
+    if (aOutAtom)
+        *aOutAtom = atom;
+    if (aOutValue)
+        *aOutValue = strValue;
+    return NoteMemory(SetHeader(atom, strValue, 1));
+}
+
+// Remembers what SetHeader lets disappear and what matters to where messages end.
+void CCmHttpHeaderArray::NoteFraming(const CCmHttpAtom& aAtom, std::string_view aValue) {
+    if (aAtom != Atoms::Content_Length && aAtom != Atoms::Transfer_Encoding)
+        return;
+    const std::string_view strValue = talvo::trim_spaces(aValue);
+    const CCmString* pLength = FindHeader(Atoms::Content_Length);
+    if (strValue.empty() || (aAtom == Atoms::Content_Length && pLength && *pLength != strValue))
+        m_dwFaults |= CM_HTTP_FAULT_LENGTH;
+}
+
+long CCmHttpHeaderArray::GetContentLength() const {
+    const CCmString* pValue = FindHeader(Atoms::Content_Length);
+    if (!pValue)
+        return -1;
+    const char* pDigit = pValue->c_str() + std::strspn(pValue->c_str(), " \t\n\v\f\r");
+    if (*pDigit == '+')
+        ++pDigit;
+    long lLength = 0;
+    for (; *pDigit >= '0' && *pDigit <= '9'; ++pDigit) {
+        const int nDigit = *pDigit - '0';
+        if (lLength > (LONG_MAX - nDigit) / 10)
+            return LONG_MAX;
+        lLength = lLength * 10 + nDigit;
+    }
+    return lLength;
+}
+
+void CCmHttpHeaderArray::Flatten(CCmString& aOut) const {
+    for (size_t i = 0; i < m_stCount; ++i)
+        append_line(aOut, m_Entries[i].m_Atom, m_Entries[i].m_strValue);
+}
+
+void CCmHttpHeaderArray::FlattenLines_t(CCmString& aOut) const {
+    for (size_t i = 0; i < m_stCount; ++i) {
+        const CEntry& entry = m_Entries[i];
+        std::string_view strValue = entry.m_strValue;
+        for (size_t stEnd; is_merged_by_line(entry.m_Atom) && (stEnd = strValue.find('\n')) != std::string_view::npos;
+             strValue.remove_prefix(stEnd + 1))
+            append_line(aOut, entry.m_Atom, strValue.substr(0, stEnd));
+        append_line(aOut, entry.m_Atom, strValue);
+    }
+}

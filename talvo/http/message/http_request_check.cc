@@ -1,0 +1,134 @@
+#include "talvo/http/message/http_request_check.h"
+
+#include <algorithm>
+#include <array>
+
+#include "talvo/http/message/http_text.h"
+
+namespace talvo {
+
+namespace {
+
+constexpr int BAD_REQUEST = 400;
+constexpr int VERSION_NOT_SUPPORTED = 505;
+
+// What a byte may be part of.
+enum : BYTE { TARGET = 1, VALUE = 2, HOST = 4 };
+
+constexpr std::array<BYTE, 256> MakeTable() {
+    std::array<BYTE, 256> table{};
+    for (size_t i = 0x21; i < 256; ++i)
+        table[i] = i == 0x7F ? 0 : TARGET | VALUE | HOST;
+    table[' '] = table['\t'] = VALUE;
+    table['#'] = VALUE;
+    for (const char c : std::string_view("/@?\\,\"<>"))
+        table[static_cast<BYTE>(c)] &= BYTE{0xFF} ^ HOST;
+    return table;
+}
+
+constexpr std::array<BYTE, 256> TABLE = MakeTable();
+
+BOOL IsAll(std::string_view aText, BYTE aKind) {
+    BYTE cCommon = aKind;
+    for (const char c : aText)
+        cCommon &= TABLE[static_cast<BYTE>(c)];
+    return cCommon != 0;
+}
+
+BOOL IsDigit(char aLetter) { return aLetter >= '0' && aLetter <= '9'; }
+BOOL IsAlpha(char aLetter) { return lower_case(aLetter) >= 'a' && lower_case(aLetter) <= 'z'; }
+
+BOOL AreDigits(std::string_view aText) { return std::all_of(aText.begin(), aText.end(), IsDigit); }
+
+// How long the name, or the address in brackets, at the front of a host field is; npos: it is none.
+size_t GetNameLength(std::string_view aHost) {
+    if (!aHost.starts_with('[')) {
+        const size_t stEnd = std::min(aHost.find_first_of(":[]"), aHost.size());
+        return stEnd == aHost.size() || aHost[stEnd] == ':' ? stEnd : std::string_view::npos;
+    }
+    const size_t stEnd = aHost.find_first_not_of("0123456789abcdefABCDEF:.", 1);
+    return stEnd != std::string_view::npos && stEnd > 1 && aHost[stEnd] == ']' ? stEnd + 1 : std::string_view::npos;
+}
+
+// A name or an address, which may be empty, then perhaps a colon and the digits of a port, which may be none.
+BOOL IsHost(std::string_view aText) {
+    const size_t stName = GetNameLength(aText);
+    if (stName == std::string_view::npos || !IsAll(aText, HOST))
+        return FALSE;
+    const std::string_view port = aText.substr(stName);
+    return port.empty() || (port.front() == ':' && AreDigits(port.substr(1)));
+}
+
+// What CONNECT asks for: both parts.
+BOOL IsAuthority(std::string_view aText) {
+    const size_t stName = GetNameLength(aText);
+    return IsHost(aText) && stName > 0 && stName + 1 < aText.size();
+}
+
+// "http://host/path", which a server must take, too. User information is refused, as section 4.2.4 of RFC 9110 advises.
+BOOL IsAbsolute(std::string_view aTarget) {
+    constexpr std::string_view SEPARATOR = "://";
+    const size_t stEnd = aTarget.find(SEPARATOR);
+    if (stEnd == std::string_view::npos || !IsAlpha(aTarget.front()))
+        return FALSE;
+    const std::string_view scheme = aTarget.substr(0, stEnd), rest = aTarget.substr(stEnd + SEPARATOR.size());
+    const BOOL bScheme = std::all_of(scheme.begin(), scheme.end(),
+                                     [](char c) { return IsAlpha(c) || IsDigit(c) || c == '+' || c == '-' || c == '.'; });
+    const std::string_view authority = rest.substr(0, rest.find_first_of("/?"));
+    return bScheme && !authority.empty() && IsHost(authority);
+}
+
+// One of the forms of RFC 9112, section 3.2.
+BOOL IsTarget(std::string_view aMethod, std::string_view aTarget) {
+    if (!IsAll(aTarget, TARGET))
+        return FALSE;
+    if (aMethod == "CONNECT")
+        return IsAuthority(aTarget);
+    if (aTarget.front() == '/')
+        return TRUE;
+    return (aTarget == "*" && aMethod == "OPTIONS") || IsAbsolute(aTarget);
+}
+
+}  // namespace
+
+int CHttpRequestCheck::OnRequestLine(std::string_view aLine) {
+    const size_t stMethod = aLine.find(' ');
+    const size_t stTarget = stMethod == std::string_view::npos ? stMethod : aLine.find(' ', stMethod + 1);
+    if (stTarget == std::string_view::npos || stMethod == 0 || stTarget == stMethod + 1)
+        return BAD_REQUEST;
+    const std::string_view method = aLine.substr(0, stMethod);
+    if (!is_token(method) || !IsTarget(method, aLine.substr(stMethod + 1, stTarget - stMethod - 1)))
+        return BAD_REQUEST;
+    const std::string_view version = aLine.substr(stTarget + 1);
+    if (version.size() != 8 || !equal_no_case(version.substr(0, 5), "HTTP/") || !IsDigit(version[5]) || version[6] != '.' ||
+        !IsDigit(version[7]))
+        return BAD_REQUEST;
+    m_bHostNeeded = version[7] == '1';
+    return version[5] == '1' && version[7] <= '1' ? 0 : VERSION_NOT_SUPPORTED;
+}
+
+// A line that begins with a space continues the one before it; that form is obsolete and refused like other bad names.
+int CHttpRequestCheck::OnHeaderLine(std::string_view aLine) {
+    const size_t stColon = aLine.find(':');
+    if (stColon == std::string_view::npos || stColon == 0)
+        return BAD_REQUEST;
+    const std::string_view name = aLine.substr(0, stColon);
+    const std::string_view value = aLine.substr(stColon + 1);
+    if (!is_token(name) || !IsAll(value, VALUE))
+        return BAD_REQUEST;
+    return OnHeader(name, value);
+}
+
+int CHttpRequestCheck::OnHeader(std::string_view aName, std::string_view aValue) {
+    if (equal_no_case(aName, "Host"))
+        return ++m_dwHosts == 1 && IsHost(trim_blanks(aValue)) ? 0 : BAD_REQUEST;
+    if (equal_no_case(aName, "Transfer-Encoding"))
+        return trim_blanks(aValue).empty() ? BAD_REQUEST : 0;
+    if (!equal_no_case(aName, "Content-Length"))
+        return 0;
+    const std::string_view length = trim_blanks(aValue);
+    const BOOL bNumber = !length.empty() && AreDigits(length);
+    return ++m_dwLengths == 1 && bNumber ? 0 : BAD_REQUEST;
+}
+
+}  // namespace talvo

@@ -1,0 +1,45 @@
+// The head of a request.
+#pragma once
+
+#include "talvo/http/message/http_header_array.h"
+#include "talvo/http/message/http_version.h"
+
+// Request line and headers. A value.
+class TALVO_API CCmHttpRequestHead : public CCmHttpHeaderArray {
+public:
+    // Null: none. Like a header's name it may be the head's own, and is then gone after Clear.
+    CCmHttpAtom GetMethod() const { return m_Method; }
+    // FALSE, and nothing changes, for anything but the ten known methods. Other methods are for SetAnyMethod.
+    BOOL SetMethod(const CCmHttpAtom& aMethod);
+    // FALSE, and nothing changes: not a token, or memory ran out. The text's atom is that of ResolveName.
+    BOOL SetAnyMethod(std::string_view aMethod);
+
+    // Path and query as they stand on the request line.
+    const CCmString& GetRequestURI() const { return m_strRequestURI; }
+    void SetRequestURI(std::string_view aURI) { m_strRequestURI.assign(aURI); }
+
+    CCmHttpVersion GetVerion() const { return m_Version; }
+    void SetVerion(CCmHttpVersion aVersion) { m_Version = aVersion; }
+
+    // "GET /path HTTP/1.1\r\n" and the headers, without the empty line behind them. What is not 1.1 is printed as 1.0.
+    CCmString Flatten() const;
+
+    // Appends the whole head as it may be sent: merged challenges and cookies a line each, and the empty line.
+    void FlattenToSend(CCmString& aOut) const;
+
+    // Of version 1.1, and Connection, or without it Proxy-Connection, is exactly "keep-alive". This is the framework's old and
+    // strict rule; talvo::is_persistent is that of RFC 9112.
+    BOOL IsPersistent() const;
+
+    BOOL Clear() override;
+
+protected:
+    BOOL ParseFirstLine_t(const char* aLine) override;
+
+private:
+    void FlattenFirstLine(CCmString& aOut) const;
+
+    CCmHttpAtom m_Method;
+    CCmHttpVersion m_Version = CM_HTTP_VERSION_UNKNOWN;
+    CCmString m_strRequestURI;
+};

@@ -1,0 +1,45 @@
+// The head of a response.
+#pragma once
+
+#include "talvo/http/message/http_header_array.h"
+#include "talvo/http/message/http_version.h"
+
+// Status line and headers. A value.
+class TALVO_API CCmHttpResponseHead : public CCmHttpHeaderArray {
+public:
+    long GetStatus() const { return m_lStatus; }
+    void SetStatus(long aStatus) { m_lStatus = static_cast<int32_t>(aStatus); }
+
+    // The reason phrase.
+    const CCmString& GetStatusText() const { return m_strStatusText; }
+    void SetStatusText(std::string_view aText) { m_strStatusText.assign(aText); }
+
+    CCmHttpVersion GetVerion() const { return m_Version; }
+    void SetVerion(CCmHttpVersion aVersion) { m_Version = aVersion; }
+
+    // 0 for the statuses 204, 205 and 304, else that of the headers: -1 when Content-Length is not there.
+    long GetContentLength() const;
+
+    // "HTTP/1.1 200 OK\r\n" and the headers, without the empty line behind them. A version that is not known is left out.
+    CCmString Flatten() const;
+
+    // Appends the whole head as it may be sent: merged challenges and cookies a line each, and the empty line.
+    void FlattenToSend(CCmString& aOut) const;
+
+    // A response must say that its connection persists: FALSE without Connection and Proxy-Connection, of whatever version.
+    // Else by the first of them: 1.1 unless it is "close", 1.0 if it is "keep-alive". This is the framework's old and strict
+    // rule; talvo::is_persistent is that of RFC 9112.
+    BOOL IsPersistent() const;
+
+    BOOL Clear() override;
+
+protected:
+    BOOL ParseFirstLine_t(const char* aLine) override;
+
+private:
+    void FlattenFirstLine(CCmString& aOut) const;
+
+    CCmHttpVersion m_Version = CM_HTTP_VERSION_UNKNOWN;
+    int32_t m_lStatus = 0;
+    CCmString m_strStatusText;
+};

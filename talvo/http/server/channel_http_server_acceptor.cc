@@ -1,0 +1,252 @@
+#include "talvo/http/server/channel_http_server_acceptor.h"
+
+#include <new>
+#include <utility>
+
+#include "talvo/base/clock.h"
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+#include "talvo/connection/connection_manager.h"
+#include "talvo/event/thread_manager.h"
+#include "talvo/http/message/http_date.h"
+#include "talvo/http/message/http_memory.h"
+#include "talvo/transport/connect_options.h"
+
+using talvo::CHttpServerConnection;
+
+namespace {
+
+CCmLiveCounter s_Live("CCmChannelHttpServerAcceptor");
+
+constexpr int64_t USEC_PER_SECOND = 1000000;
+
+// What waits in a proxy for the network: little enough that a slow reader's progress is seen in time.
+constexpr DWORD NO_DEADLINE = 0x40000000;  // looks
+constexpr DWORD PROXY_SEND_LIMIT = 256 * 1024;
+
+}  // namespace
+
+CCmChannelHttpServerAcceptor::CCmChannelHttpServerAcceptor(DWORD) {
+    PrintTails_i();
+    ++s_Live;
+}
+
+CCmChannelHttpServerAcceptor::~CCmChannelHttpServerAcceptor() { --s_Live; }
+
+CmResult CCmChannelHttpServerAcceptor::StartListen(ICmChannelServerAcceptorSink* aSink, const CCmInetAddr& aAddrListen) {
+    if (!aSink)
+        return CM_ERROR_INVALID_ARG;
+    if (m_pSink)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    if (!PrintTails_i())
+        return CM_ERROR_OUT_OF_MEMORY;
+    CmResult rv = m_LookTimer.Schedule(this, CCmTimeValue(1), 0);
+    if (rv == CM_OK || rv == CM_ERROR_FOUND)
+        rv = talvo::ResultWithMemory([&] { return Listen_i(aAddrListen); });
+    m_Failure = rv == CM_OK ? CCmFailure() : talvo::GetConnectFailure(m_pAcceptor.Get());
+    if (rv != CM_OK) {
+        m_pAcceptor.Reset();
+        m_LookTimer.Cancel();
+        return rv;
+    }
+    m_pSink = aSink;
+    JoinCurrentThread();
+    return CM_OK;
+}
+
+CmResult CCmChannelHttpServerAcceptor::Listen_i(const CCmInetAddr& aAddrListen) {
+    CCmConnectionManager* pManager = CCmConnectionManager::Instance();
+    if (!pManager)
+        return CM_ERROR_NULL_POINTER;
+    const CmResult rv = pManager->CreateConnectionServer(CCmConnectionManager::CTYPE_TCP, m_pAcceptor.ParaOut());
+    return rv == CM_OK ? m_pAcceptor->StartListen(this, aAddrListen) : rv;
+}
+
+CmResult CCmChannelHttpServerAcceptor::StopListen(CmResult aReason) {
+    if (!m_pAcceptor)
+        return CM_ERROR_NOT_INITIALIZED;
+    m_pAcceptor->StopListen(aReason);
+    m_pAcceptor.Reset();
+    m_bStopping = TRUE;
+    m_dwStopDeadline = m_dwLooks + m_Settings.m_dwStopSeconds + 1;
+    for (const auto& pConnection : m_Connections)
+        pConnection->Stop();
+    if (m_Connections.empty())
+        m_StoppedTimer.Schedule(this, CCmTimeValue(0, 0), 1);
+    return CM_OK;
+}
+
+void CCmChannelHttpServerAcceptor::OnDrain(ECmDrainStage aStage) {
+    if (aStage == ECmDrainStage::CUT) {
+        while (!m_Connections.empty())
+            Connection(m_Connections.back())->End(CM_ERROR_NETWORK_SOCKET_CLOSE);
+    } else if (aStage == ECmDrainStage::FINISH && m_pAcceptor) {
+        StopListen(CM_OK);
+    } else if (aStage == ECmDrainStage::FINISH) {
+        for (const auto& pConnection : m_Connections)
+            pConnection->Stop();
+    }
+    if (aStage == ECmDrainStage::FINISH)
+        m_dwStopDeadline = m_dwLooks + NO_DEADLINE;  // a drain has a limit of its own
+}
+
+CmResult CCmChannelHttpServerAcceptor::GetListenAddr(CCmInetAddr& aAddr) {
+    return m_pAcceptor ? m_pAcceptor->GetListenAddr(aAddr) : CM_ERROR_NOT_INITIALIZED;
+}
+
+// No upcall from here on.
+void CCmChannelHttpServerAcceptor::OnReferenceDestory() {
+    m_bStopping = FALSE;
+    m_pSink = nullptr;
+    m_LookTimer.Cancel();
+    m_StoppedTimer.Cancel();
+    m_pAcceptor.Reset();
+    while (!m_Connections.empty())
+        Connection(m_Connections.back())->Drop();
+    CCmReferenceControlTimerDeleteT::OnReferenceDestory();
+}
+
+void CCmChannelHttpServerAcceptor::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
+    if (aReason == CM_OK && !talvo::WithMemory([=, this] { Serve(aTrpt); }))
+        CM_WARNING_TRACE_THIS("CCmChannelHttpServerAcceptor::Serve, no memory for a connection.");
+}
+
+void CCmChannelHttpServerAcceptor::Serve(ICmTransport* aTransport) {
+    if (m_Connections.size() >= m_Settings.m_dwMaxConnections) {
+        CM_WARNING_TRACE_THIS("CCmChannelHttpServerAcceptor::Serve, too many connections. count=" << m_Connections.size());
+        return;
+    }
+    const Connection pConnection(new (std::nothrow) CHttpServerConnection(*this, aTransport));
+    if (!pConnection)
+        return;
+    if (!CCmThreadManager::IsEqualCurrentThread(CCmThreadManager::TT_NETWORK)) {
+        DWORD dwLimit = PROXY_SEND_LIMIT;
+        aTransport->SetOption(CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, &dwLimit);
+    }
+    JoinCurrentThread();
+    pConnection->m_stPlace = m_Connections.size();
+    m_Connections.push_back(pConnection);
+    if (pConnection->Open() != CM_OK)
+        pConnection->Drop();
+}
+
+void CCmChannelHttpServerAcceptor::Remove(CHttpServerConnection& aConnection) {
+    const size_t stPlace = aConnection.m_stPlace;
+    std::swap(m_Connections[stPlace], m_Connections.back());
+    m_Connections[stPlace]->m_stPlace = stPlace;
+    m_Connections.pop_back();
+    if (m_bStopping && m_Connections.empty())
+        m_StoppedTimer.Schedule(this, CCmTimeValue(0, 0), 1);
+}
+
+void CCmChannelHttpServerAcceptor::OnRequest(ICmChannelHttpServer& aChannel) {
+    if (m_pSink)
+        m_pSink->OnRequest(&aChannel, this);
+}
+
+void CCmChannelHttpServerAcceptor::OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) {
+    if (m_pSink)
+        m_pSink->OnRequestLost(aReason, &aChannel, this);
+}
+
+void CCmChannelHttpServerAcceptor::OnTimer(CCmTimerWrapperID* aId) {
+    if (aId == &m_LookTimer)
+        Look_i();
+    else
+        Stopped_i();
+}
+
+// A connection that ends leaves its place to another, which is looked at then.
+void CCmChannelHttpServerAcceptor::Look_i() {
+    ++m_dwLooks;
+    PrintTails_i();
+    const BOOL bAll = m_bStopping && static_cast<int32_t>(m_dwLooks - m_dwStopDeadline) >= 0;
+    for (size_t i = 0; i < m_Connections.size();) {
+        const Connection pConnection(m_Connections[i]);
+        if (bAll)
+            pConnection->End(CM_ERROR_NETWORK_SOCKET_CLOSE);
+        else if (pConnection->IsLate())
+            pConnection->OnLate();
+        if (i < m_Connections.size() && m_Connections[i] == pConnection)
+            ++i;
+    }
+    if (m_bStopping && m_Connections.empty())
+        Stopped_i();
+}
+
+// Printed anew in every second: a date that lags would be earlier than a time of change that is sent beside it.
+std::string_view CCmChannelHttpServerAcceptor::GetTail(BOOL aKeepAlive) {
+    const int64_t llSecond = CCmClock::GetWallUsec() / USEC_PER_SECOND;
+    if (std::exchange(m_llTailSecond, llSecond) != llSecond)
+        PrintTails_i();
+    return aKeepAlive ? m_strTailKeep : m_strTailClose;
+}
+
+// FALSE: memory ran out, and the old ones stay.
+BOOL CCmChannelHttpServerAcceptor::PrintTails_i() {
+    return talvo::WithMemory([this] {
+        const CCmString strDate = "Date: " + talvo::format_http_date(CCmClock::GetWallUsec() / USEC_PER_SECOND);
+        CCmString strKeep = strDate + "\r\nConnection: keep-alive\r\n\r\n";
+        m_strTailClose = strDate + "\r\nConnection: close\r\n\r\n";
+        m_strTailKeep.swap(strKeep);
+    });
+}
+
+void CCmChannelHttpServerAcceptor::Stopped_i() {
+    m_bStopping = FALSE;
+    m_LookTimer.Cancel();
+    m_StoppedTimer.Cancel();
+    if (ICmChannelServerAcceptorSink* pSink = std::exchange(m_pSink, nullptr))
+        pSink->OnStopped(this);
+}
+
+DWORD* CCmChannelHttpServerAcceptor::GetNumber_i(DWORD aCommand) {
+    switch (aCommand) {
+    case CM_OPT_CHANNEL_SERVER_MAX_CONNECTIONS:
+        return &m_Settings.m_dwMaxConnections;
+    case CM_OPT_CHANNEL_SERVER_MAX_LINE:
+        return &m_Settings.m_Limits.m_dwMaxLine;
+    case CM_OPT_CHANNEL_SERVER_MAX_LINES:
+        return &m_Settings.m_Limits.m_dwMaxHeaders;
+    case CM_OPT_CHANNEL_SERVER_MAX_HEAD:
+        return &m_Settings.m_dwMaxHead;
+    case CM_OPT_CHANNEL_SERVER_HEAD_SECONDS:
+        return &m_Settings.m_dwHeadSeconds;
+    case CM_OPT_CHANNEL_SERVER_IDLE_SECONDS:
+        return &m_Settings.m_dwIdleSeconds;
+    case CM_OPT_CHANNEL_SERVER_STOP_SECONDS:
+        return &m_Settings.m_dwStopSeconds;
+    default:
+        return nullptr;
+    }
+}
+
+CmResult CCmChannelHttpServerAcceptor::SetOption(DWORD aCommand, void* aArg) {
+    DWORD* pNumber = GetNumber_i(aCommand);
+    const BOOL bBody = aCommand == CM_OPT_CHANNEL_SERVER_MAX_BODY;
+    if (!aArg || (!pNumber && !bBody) || (pNumber && *static_cast<DWORD*>(aArg) == 0)) {
+        CM_WARNING_TRACE_THIS("CCmChannelHttpServerAcceptor::SetOption, wrong aCommand=" << aCommand << " aArg=" << aArg);
+        return CM_ERROR_INVALID_ARG;
+    }
+    if (bBody)
+        m_Settings.m_Limits.m_ullMaxBody = *static_cast<uint64_t*>(aArg);
+    else
+        *pNumber = *static_cast<DWORD*>(aArg);
+    return CM_OK;
+}
+
+CmResult CCmChannelHttpServerAcceptor::GetOption(DWORD aCommand, void* aArg) {
+    const DWORD* pNumber = GetNumber_i(aCommand);
+    const BOOL bBody = aCommand == CM_OPT_CHANNEL_SERVER_MAX_BODY;
+    if (aArg && aCommand == CM_OPT_CONNECT_FAILURE) {
+        *static_cast<CCmFailure*>(aArg) = m_Failure;
+        return CM_OK;
+    }
+    if (!aArg || (!pNumber && !bBody))
+        return CM_ERROR_INVALID_ARG;
+    if (bBody)
+        *static_cast<uint64_t*>(aArg) = m_Settings.m_Limits.m_ullMaxBody;
+    else
+        *static_cast<DWORD*>(aArg) = *pNumber;
+    return CM_OK;
+}

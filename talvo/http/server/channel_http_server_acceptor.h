@@ -1,0 +1,72 @@
+// Listens, and keeps the connections of an HTTP server.
+#pragma once
+
+#include <vector>
+
+#include "talvo/base/failure.h"
+#include "talvo/event/thread_link.h"
+#include "talvo/event/timer_delete.h"
+#include "talvo/http/server/http_server_connection.h"
+
+// What CCmChannelManager::CreateHttpAcceptor makes. One timer, once a second, sees to all time-outs.
+class TALVO_API CCmChannelHttpServerAcceptor final : public ICmChannelServerAcceptor,
+                                                     private ICmAcceptorConnectorSink,
+                                                     private CCmTimerWrapperIDSink,
+                                                     private talvo::CHttpServerOwner,
+                                                     private CCmThreadTenant,
+                                                     private CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
+public:
+    // aFlags: none is known; they are ignored.
+    explicit CCmChannelHttpServerAcceptor(DWORD aFlags);
+    ~CCmChannelHttpServerAcceptor() override;
+
+    DWORD AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }
+    DWORD ReleaseReference() override { return CCmReferenceControlTimerDeleteT::ReleaseReference(); }
+
+    CmResult StartListen(ICmChannelServerAcceptorSink* aSink, const CCmInetAddr& aAddrListen) override;
+    CmResult StopListen(CmResult aReason) override;
+    CmResult GetListenAddr(CCmInetAddr& aAddr) override;
+    CmResult SetOption(DWORD aCommand, void* aArg) override;
+    CmResult GetOption(DWORD aCommand, void* aArg) override;
+    DWORD GetConnections() const override { return static_cast<DWORD>(m_Connections.size()); }
+
+    // Serves a connection that was made elsewhere, as if it had been accepted.
+    void Serve(ICmTransport* aTransport);
+
+private:
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
+    void OnTimer(CCmTimerWrapperID* aId) override;
+    void OnReferenceDestory() override;
+    void OnThreadEnd() override {}
+    void OnDrain(ECmDrainStage aStage) override;
+    void AddUndrained(CCmUndrained& aLeft) override { aLeft.m_dwRequests += GetConnections(); }
+
+    const talvo::CHttpServerSettings& GetSettings() const override { return m_Settings; }
+    DWORD GetLooks() const override { return m_dwLooks; }
+    std::string_view GetTail(BOOL aKeepAlive) override;
+    void OnRequest(ICmChannelHttpServer& aChannel) override;
+    void OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) override;
+    void Remove(talvo::CHttpServerConnection& aConnection) override;
+
+    using Connection = CCmRefPtrT<talvo::CHttpServerConnection>;
+
+    CmResult Listen_i(const CCmInetAddr& aAddrListen);
+    void Look_i();
+    BOOL PrintTails_i();
+    void Stopped_i();
+    DWORD* GetNumber_i(DWORD aCommand);
+
+    talvo::CHttpServerSettings m_Settings;
+    ICmChannelServerAcceptorSink* m_pSink = nullptr;  // not owned; from StartListen to OnStopped
+    CCmRefPtrT<ICmAcceptor> m_pAcceptor;              // while listening
+    std::vector<Connection> m_Connections;            // each knows its place
+    CCmTimerWrapperID m_LookTimer;
+    CCmTimerWrapperID m_StoppedTimer;
+    DWORD m_dwLooks = 0;
+    DWORD m_dwStopDeadline = 0;  // in looks
+    BOOL m_bStopping = FALSE;
+    CCmFailure m_Failure;         // of the last StartListen
+    int64_t m_llTailSecond = -1;  // when the tails were last asked for
+    CCmString m_strTailKeep;
+    CCmString m_strTailClose;
+};

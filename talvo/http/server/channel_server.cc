@@ -1,0 +1,15 @@
+#include "talvo/http/server/channel_server.h"
+
+void ICmChannelHttpServerSink::OnReceive(CCmMessageBlock&, ICmTransport*, CCmTransportParameter*) {}
+
+void ICmChannelHttpServerSink::OnRequestEnd(ICmChannelHttpServer*) {}
+
+void ICmChannelHttpServerSink::OnSend(ICmTransport*, CCmTransportParameter*) {}
+
+void ICmChannelHttpServerSink::OnConnect(CmResult, ICmChannel*) {}
+
+void ICmChannelServerAcceptorSink::OnRequestLost(CmResult, ICmChannelHttpServer*, ICmChannelServerAcceptor*) {}
+
+void ICmChannelServerAcceptorSink::OnStopped(ICmChannelServerAcceptor*) {}
+
+ICmChannelServerAcceptorSink::~ICmChannelServerAcceptorSink() = default;

@@ -1,0 +1,94 @@
+#include "talvo/http/server/http_request_reader.h"
+
+#include <cstring>
+
+namespace talvo {
+
+namespace {
+
+constexpr int BAD_REQUEST = 400;
+constexpr int URI_TOO_LONG = 414;
+constexpr int HEADERS_TOO_LARGE = 431;
+constexpr int SERVICE_UNAVAILABLE = 503;
+constexpr size_t KEPT_CAPACITY = 1024;  // of a partial line, between heads
+
+}  // namespace
+
+int CHttpRequestReader::Feed(CCmMessageBlock& aChain, CCmHttpRequestHead& aHead) {
+    int nResult = MORE;
+    for (CCmMessageBlock* pBlock = &aChain; pBlock && nResult == MORE; pBlock = pBlock->GetNext()) {
+        if (pBlock->GetTopLevelLength() > 0)
+            nResult = FeedBlock(*pBlock, aHead);
+    }
+    if (nResult != MORE)
+        Reset();
+    return nResult;
+}
+
+int CHttpRequestReader::FeedBlock(CCmMessageBlock& aBlock, CCmHttpRequestHead& aHead) {
+    const char* pBegin = aBlock.GetTopLevelReadPtr();
+    const char* const pEnd = pBegin + aBlock.GetTopLevelLength();
+    const char* pLine = pBegin;
+    int nResult = MORE;
+    while (nResult == MORE) {
+        const size_t stLeft = static_cast<size_t>(pEnd - pLine);
+        const auto* pFound = static_cast<const char*>(std::memchr(pLine, '\n', stLeft));
+        if (!pFound) {
+            nResult = OnPart({pLine, stLeft});
+            pLine = pEnd;
+            break;
+        }
+        const std::string_view line(pLine, static_cast<size_t>(pFound - pLine));
+        pLine = pFound + 1;
+        if (m_strPartial.empty()) {
+            nResult = OnLine(line, aHead);
+        } else {
+            m_strPartial += line;
+            nResult = OnLine(m_strPartial, aHead);
+            m_strPartial.clear();
+        }
+    }
+    aBlock.AdvanceTopLevelReadPtr(static_cast<DWORD>(pLine - pBegin));
+    return nResult;
+}
+
+int CHttpRequestReader::OnLine(std::string_view aLine, CCmHttpRequestHead& aHead) {
+    if (!aLine.empty() && aLine.back() == '\r')
+        aLine.remove_suffix(1);
+    const DWORD dwLines = m_Check.GetLines();
+    if (aLine.empty() && dwLines == 0)
+        return MORE;  // some clients send one behind a body
+    m_stHead += aLine.size();
+    if (aLine.size() > m_Settings.m_Limits.m_dwMaxLine)
+        return TooLong();
+    if (dwLines > m_Settings.m_Limits.m_dwMaxHeaders && !aLine.empty())
+        return HEADERS_TOO_LARGE;
+    const int nStatus = aLine.empty() ? m_Check.OnEnd() : m_Check.OnLine(aLine);
+    if (nStatus != 0)
+        return nStatus;
+    if (m_stHead > m_Settings.m_dwMaxHead)
+        return HEADERS_TOO_LARGE;
+    if (!aHead.ParseLine(aLine))
+        return aHead.GetFaults() & CM_HTTP_FAULT_MEMORY ? SERVICE_UNAVAILABLE : BAD_REQUEST;
+    return aLine.empty() ? COMPLETE : MORE;
+}
+
+// The CR of a line end to come is not part of the line.
+int CHttpRequestReader::OnPart(std::string_view aPart) {
+    m_strPartial += aPart;
+    if (m_strPartial.size() > m_Settings.m_Limits.m_dwMaxLine + size_t{1})
+        return TooLong();
+    return m_stHead + m_strPartial.size() > m_Settings.m_dwMaxHead + size_t{1} ? HEADERS_TOO_LARGE : MORE;
+}
+
+int CHttpRequestReader::TooLong() const { return m_Check.GetLines() == 0 ? URI_TOO_LONG : HEADERS_TOO_LARGE; }
+
+void CHttpRequestReader::Reset() {
+    m_Check.Reset();
+    m_strPartial.clear();
+    if (m_strPartial.capacity() > KEPT_CAPACITY)
+        CCmString().swap(m_strPartial);
+    m_stHead = 0;
+}
+
+}  // namespace talvo

@@ -1,0 +1,40 @@
+// Reads the heads of requests from one connection.
+#pragma once
+
+#include "talvo/base/message_block.h"
+#include "talvo/http/message/http_request_check.h"
+#include "talvo/http/message/http_request_head.h"
+#include "talvo/http/server/http_server_settings.h"
+
+namespace talvo {
+
+// Lines are read where they lie; only one that comes in pieces is kept until its end. Each is judged as soon as it is there, so
+// that nonsense is answered at once.
+class CHttpRequestReader {
+public:
+    // What Feed returns besides the status of an answer.
+    enum EResult : int { MORE = 0, COMPLETE = 1 };
+
+    explicit CHttpRequestReader(const CHttpServerSettings& aSettings) : m_Settings(aSettings) {}
+
+    // Takes bytes from the chain up to the end of a head, or all of them, and fills aHead. After anything but MORE it begins
+    // anew. Statuses: 400, 414, 431, 503 (memory ran out), 505.
+    int Feed(CCmMessageBlock& aChain, CCmHttpRequestHead& aHead);
+
+    // Whether there is a part of a head. The empty lines that may stand before one are none.
+    BOOL HasBegun() const { return !m_strPartial.empty() || m_Check.GetLines() > 0; }
+
+private:
+    int FeedBlock(CCmMessageBlock& aBlock, CCmHttpRequestHead& aHead);
+    int OnLine(std::string_view aLine, CCmHttpRequestHead& aHead);
+    int OnPart(std::string_view aPart);
+    int TooLong() const;
+    void Reset();
+
+    const CHttpServerSettings& m_Settings;
+    CHttpRequestCheck m_Check;
+    CCmString m_strPartial;  // a line without its end
+    size_t m_stHead = 0;     // bytes of all lines
+};
+
+}  // namespace talvo

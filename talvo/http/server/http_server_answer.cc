@@ -1,0 +1,88 @@
+#include "talvo/http/server/http_server_answer.h"
+
+#include <charconv>
+
+#include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_status.h"
+#include "talvo/http/message/http_text.h"
+#include "talvo/http/server/channel_server.h"
+
+namespace talvo {
+
+namespace {
+
+using Atoms = CCmHttpAtomList;
+
+constexpr long OK = 200;
+constexpr long NO_CONTENT = 204;
+constexpr long RESET_CONTENT = 205;
+constexpr long NOT_MODIFIED = 304;
+
+void AppendNumber(CCmString& aOut, uint64_t aNumber) {
+    char szNumber[24];
+    aOut.append(szNumber, std::to_chars(szNumber, szNumber + sizeof szNumber, aNumber).ptr);
+}
+
+}  // namespace
+
+void CHttpServerAnswer::Reset() {
+    Clear();
+    m_lStatus = OK;
+    m_strText.clear();
+    m_bToClose = FALSE;
+}
+
+CmResult CHttpServerAnswer::SetStatus(long aStatus, std::string_view aText) {
+    if (aStatus < OK || aStatus > 999 || !is_sendable(aText))
+        return CM_ERROR_INVALID_ARG;
+    m_strText = aText;
+    m_lStatus = aStatus;
+    return CM_OK;
+}
+
+CmResult CHttpServerAnswer::SetHeader(const CCmHttpAtom& aAtom, std::string_view aValue, BOOL aMerge) {
+    if (!aAtom || !is_token(aAtom.operator const char*()) || !is_sendable(aValue))
+        return CM_ERROR_INVALID_ARG;
+    if (aAtom == Atoms::Content_Length || aAtom == Atoms::Transfer_Encoding || aAtom == Atoms::Date)
+        return CM_ERROR_INVALID_ARG;
+    if (aAtom == Atoms::Connection)
+        m_bToClose = has_token(aValue, "close");
+    else if (!CCmHttpHeaderArray::SetHeader(aAtom, aValue, aMerge))
+        return CM_ERROR_OUT_OF_MEMORY;
+    return CM_OK;
+}
+
+BOOL CHttpServerAnswer::IsWithoutBody() const {
+    return m_lStatus == NO_CONTENT || m_lStatus == RESET_CONTENT || m_lStatus == NOT_MODIFIED;
+}
+
+EHttpBody CHttpServerAnswer::GetBody(const CCmHttpRequestHead& aRequest, uint64_t aLength) const {
+    if (m_lStatus == NO_CONTENT || m_lStatus == NOT_MODIFIED)
+        return EHttpBody::NONE;
+    if (aLength != ICmChannelHttpServer::UNKNOWN_LENGTH || m_lStatus == RESET_CONTENT)
+        return EHttpBody::LENGTH;
+    return aRequest.GetVerion() >= CM_HTTP_VERSION_11 ? EHttpBody::CHUNKED : EHttpBody::UNTIL_CLOSE;
+}
+
+void CHttpServerAnswer::Print(EHttpBody aBody, uint64_t aLength, std::string_view aTail, CCmString& aOut) const {
+    if (m_lStatus == OK && m_strText.empty()) {
+        aOut += "HTTP/1.1 200 OK\r\n";
+    } else {
+        aOut += "HTTP/1.1 ";
+        AppendNumber(aOut, static_cast<uint64_t>(m_lStatus));
+        aOut += ' ';
+        aOut += m_strText.empty() ? HttpStatusText(m_lStatus) : m_strText.c_str();
+        aOut += "\r\n";
+    }
+    FlattenLines_t(aOut);
+    if (aBody == EHttpBody::LENGTH) {
+        aOut += "Content-Length: ";
+        AppendNumber(aOut, m_lStatus == RESET_CONTENT ? 0 : aLength);
+        aOut += "\r\n";
+    } else if (aBody == EHttpBody::CHUNKED) {
+        aOut += "Transfer-Encoding: chunked\r\n";
+    }
+    aOut += aTail;
+}
+
+}  // namespace talvo

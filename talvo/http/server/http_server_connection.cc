@@ -1,0 +1,449 @@
+// What comes in; what goes out stands in http_server_connection_output.cc.
+#include "talvo/http/server/http_server_connection.h"
+
+#include <new>
+#include <utility>
+
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+#include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_framing.h"
+#include "talvo/http/message/http_memory.h"
+#include "talvo/http/message/http_status.h"
+#include "talvo/http/message/http_text.h"
+#include "talvo/transport/tcp_settings.h"
+
+namespace talvo {
+
+namespace {
+
+CCmLiveCounter s_Live("CHttpServerConnection");
+
+constexpr int BAD_REQUEST = 400;
+constexpr int REQUEST_TIMEOUT = 408;
+constexpr int CONTENT_TOO_LARGE = 413;
+constexpr int EXPECTATION_FAILED = 417;
+constexpr int SERVER_ERROR = 500;
+
+constexpr size_t MOST_GATHERED = 32 * 1024;    // bytes of answers before they are sent and the next request is looked at
+constexpr uint64_t MOST_DROPPED = 128u << 20;  // bytes read from a peer that goes on sending behind the last answer
+
+}  // namespace
+
+CHttpServerConnection::CHttpServerConnection(CHttpServerOwner& aOwner, ICmTransport* aTransport)
+    : m_Owner(aOwner), m_pTransport(aTransport), m_Reader(aOwner.GetSettings()) {
+    ++s_Live;
+}
+
+CHttpServerConnection::~CHttpServerConnection() {
+    DropHeld_i();
+    --s_Live;
+}
+
+CmResult CHttpServerConnection::Open() {
+    BOOL bTell = TRUE;
+    m_pTransport->SetOption(CM_OPT_TRANSPORT_TELL_END, &bTell);
+    AskForLargeReads(*m_pTransport);
+    const CmResult rv = m_pTransport->OpenWithSink(this);
+    if (rv == CM_OK)
+        Settle_i();
+    return rv;
+}
+
+// Runs what the loop or the transport brings. Memory that runs out inside costs this connection.
+template <class Call>
+void CHttpServerConnection::Enter_i(const Call& aCall) {
+    if (WithMemory(aCall))
+        return;
+    m_bRunning = FALSE;
+    End(CM_ERROR_OUT_OF_MEMORY);
+}
+
+void CHttpServerConnection::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
+    Enter_i([&] { TakeData_i(aData); });
+}
+
+void CHttpServerConnection::TakeData_i(CCmMessageBlock& aData) {
+    if (aData.GetChainedLength() == 0) {
+        m_bPeerEnded = TRUE;
+        m_bCutShort = IsCutShort_i();
+        return Settle_i();
+    }
+    if (m_State == CLOSING) {
+        m_ullDropped += aData.GetChainedLength();
+        if (m_ullDropped > MOST_DROPPED)
+            End(CM_OK);
+        return;
+    }
+    if (!m_pHeld)
+        Run_i(&aData, FALSE);
+    Hold_i(aData);
+    Settle_i();
+}
+
+void CHttpServerConnection::OnSend(ICmTransport*, CCmTransportParameter*) {
+    m_bBlocked = FALSE;
+    m_Wait = FOR_NOBODY;  // who takes something has its time anew
+    Enter_i([this] {
+        Flush_i();
+        if (m_bBlocked)
+            Settle_i();
+        else
+            RunHeld_i(TRUE);
+    });
+}
+
+void CHttpServerConnection::OnDisconnect(CmResult aReason, ICmTransport*) { End(aReason); }
+
+void CHttpServerConnection::OnTimer(CCmTimerWrapperID*) {
+    Enter_i([this] { RunKick_i(); });
+}
+
+void CHttpServerConnection::RunKick_i() {
+    const BOOL bStarved = IsStarved_i();
+    if (m_bBroken || (bStarved && m_State == BODY))
+        End(m_BrokenReason);
+    else if (bStarved)
+        End(CM_OK);  // in order: what a proxy holds still goes out
+    else
+        RunHeld_i(FALSE);
+}
+
+void CHttpServerConnection::RunHeld_i(BOOL aRoom) {
+    CCmMessageBlock* pInput = std::exchange(m_pHeld, nullptr);
+    const BOOL bGood = WithMemory([=, this] { Run_i(pInput, aRoom); });
+    m_pHeld = pInput ? pInput->ReclaimGarbage() : nullptr;
+    if (!bGood)
+        throw std::bad_alloc();  // on its way to the entry
+    Settle_i();
+}
+
+// As far as it goes now. What is left in the input has to wait.
+void CHttpServerConnection::Run_i(CCmMessageBlock* aInput, BOOL aRoom) {
+    m_bRunning = TRUE;
+    if (aRoom)
+        TellRoom_i();
+    while (Step_i(aInput)) {
+    }
+    m_bRunning = FALSE;
+    if (m_State != ENDED)
+        Flush_i();
+}
+
+// TRUE: something was done, and perhaps there is more to do.
+BOOL CHttpServerConnection::Step_i(CCmMessageBlock* aInput) {
+    switch (m_State) {
+    case HEAD:
+        return ReadHead_i(aInput);
+    case BODY:
+        return ReadBody_i(aInput);
+    case ANSWER:
+        return IsAnswered_i() ? Answered_i() : TellEnd_i();
+    case CLOSING:
+    case ENDED:
+        break;
+    }
+    return FALSE;
+}
+
+BOOL CHttpServerConnection::ReadHead_i(CCmMessageBlock* aInput) {
+    if (m_Output.HasChain() || m_Output.GetTextLength() >= MOST_GATHERED)
+        Flush_i();
+    if (m_bBlocked || m_bBroken)
+        return FALSE;
+    if (m_bStopping && !m_Reader.HasBegun()) {
+        m_State = CLOSING;
+        return FALSE;
+    }
+    if (!aInput || aInput->GetChainedLength() == 0)
+        return FALSE;
+    if (!m_pChannel)
+        m_pChannel = new (std::nothrow) CCmChannelHttpServer(*this);
+    if (!m_pChannel) {
+        End(CM_ERROR_OUT_OF_MEMORY);
+        return FALSE;
+    }
+    const int nResult = m_Reader.Feed(*aInput, m_pChannel->GetHead());
+    if (nResult == CHttpRequestReader::COMPLETE)
+        return BeginRequest_i();
+    if (nResult != CHttpRequestReader::MORE)
+        Refuse_i(nResult);
+    return FALSE;
+}
+
+BOOL CHttpServerConnection::BeginRequest_i() {
+    const CCmHttpRequestHead& head = m_pChannel->GetRequest();
+    const CHttpFraming framing = get_request_framing(head);
+    m_bFirst = m_bEndTold = FALSE;
+    m_bLast = m_bStopping || framing.m_bMustClose || !is_persistent(head.GetVerion(), head);
+    if (const int nStatus = CheckRequest_i(framing); nStatus != 0) {
+        Refuse_i(nStatus);
+        return FALSE;
+    }
+    m_BodyReader.SetLimits(m_Owner.GetSettings().m_Limits);
+    m_BodyReader.Begin(framing.m_Body, framing.m_ullLength);
+    m_State = m_BodyReader.IsComplete() ? ANSWER : BODY;
+    Upcall([this] { m_Owner.OnRequest(*m_pChannel); });
+    CheckReleased_i();
+    return TRUE;
+}
+
+// What is to be said before the application hears of the request: 0, or the status of a refusal.
+int CHttpServerConnection::CheckRequest_i(const CHttpFraming& aFraming) {
+    if (aFraming.m_nError != 0)
+        return aFraming.m_nError;
+    if (aFraming.m_Body == EHttpBody::LENGTH && aFraming.m_ullLength > m_Owner.GetSettings().m_Limits.m_ullMaxBody)
+        return CONTENT_TOO_LARGE;
+    const CCmHttpRequestHead& head = m_pChannel->GetRequest();
+    const CCmString* pExpect = head.FindHeader(CCmHttpAtomList::Expect);
+    const BOOL bExpects = pExpect && head.GetVerion() >= CM_HTTP_VERSION_11;  // 1.0 does not know it
+    if (bExpects && !equal_no_case(*pExpect, "100-continue"))
+        return EXPECTATION_FAILED;
+    m_bContinueDue = bExpects && aFraming.m_Body != EHttpBody::NONE;
+    return 0;
+}
+
+BOOL CHttpServerConnection::ReadBody_i(CCmMessageBlock* aInput) {
+    if (IsAnswered_i() && (m_bLast || m_bBroken)) {
+        m_State = ANSWER;  // nobody wants the rest
+        return TRUE;
+    }
+    if (!IsAnswered_i() && m_pChannel->IsHeldBack())
+        return FALSE;
+    if (!aInput || aInput->GetChainedLength() == 0)
+        return FALSE;
+    return OnBodyResult_i(m_BodyReader.Feed(*aInput, *this));
+}
+
+BOOL CHttpServerConnection::OnBody(CCmMessageBlock& aView) {
+    if (IsAnswered_i())
+        return TRUE;
+    Upcall([&] { m_pChannel->GetServerSink()->OnReceive(aView, m_pChannel.Get(), nullptr); });
+    CheckReleased_i();
+    return m_State == BODY && (IsAnswered_i() || !m_pChannel->IsHeldBack());
+}
+
+BOOL CHttpServerConnection::OnBodyResult_i(CmResult aResult) {
+    if (m_State != BODY)
+        return FALSE;
+    if (m_BodyReader.IsComplete())
+        m_State = ANSWER;
+    else if (aResult == CM_ERROR_OUT_OF_MEMORY)
+        End(aResult);
+    else if (aResult == CM_ERROR_FAILURE)
+        Refuse_i(m_BodyReader.IsBeyondLimit() ? CONTENT_TOO_LARGE : BAD_REQUEST);
+    return m_State != ENDED && (m_BodyReader.IsComplete() || (IsAnswered_i() && m_bLast));
+}
+
+BOOL CHttpServerConnection::TellEnd_i() {
+    if (m_bEndTold || m_pChannel->IsHeldBack())
+        return FALSE;
+    m_bEndTold = TRUE;
+    Upcall([this] { m_pChannel->GetServerSink()->OnRequestEnd(m_pChannel.Get()); });
+    CheckReleased_i();
+    return TRUE;
+}
+
+void CHttpServerConnection::TellRoom_i() {
+    if (!HasRequest_i() || !m_pChannel->TakeOnSendDue())
+        return;
+    if (ICmChannelHttpServerSink* pSink = m_pChannel->GetServerSink())
+        Upcall([&] { pSink->OnSend(m_pChannel.Get(), nullptr); });
+    CheckReleased_i();
+}
+
+// On to the next request, in the same channel if nobody has kept it.
+BOOL CHttpServerConnection::Answered_i() {
+    if (m_pChannel->IsShared()) {
+        m_pChannel->Detach();
+        m_pChannel.Reset();
+    } else {
+        m_pChannel->Reset();
+    }
+    m_State = m_bLast ? CLOSING : HEAD;
+    m_Wait = FOR_NOBODY;
+    return TRUE;
+}
+
+void CHttpServerConnection::OnAnswered() {
+    if (m_bRunning)
+        return;
+    if (m_State == ANSWER)
+        Answered_i();
+    Flush_i();
+    if (m_pHeld || m_State == BODY)
+        Kick_i();
+    Settle_i();
+}
+
+CmResult CHttpServerConnection::InviteBody() {
+    if (!m_bContinueDue || m_pChannel->IsBegun())
+        return CM_OK;
+    const CmResult rv = m_Output.Append("HTTP/1.1 100 Continue\r\n\r\n");
+    m_bContinueDue = rv != CM_OK;
+    return rv;
+}
+
+void CHttpServerConnection::OnBodyWanted() {
+    if (m_bRunning)
+        return;
+    Flush_i();
+    Kick_i();
+    Settle_i();
+}
+
+void CHttpServerConnection::OnReleased() {
+    if (!m_bRunning)
+        CheckReleased_i();
+}
+
+// An application that has forgotten a request must not leave its client waiting.
+void CHttpServerConnection::CheckReleased_i() {
+    if (!HasRequest_i() || m_pChannel->IsShared() || m_pChannel->IsComplete())
+        return;
+    m_pChannel->Forget();
+    Refuse_i(SERVER_ERROR);
+}
+
+void CHttpServerConnection::Drop() {
+    if (m_pChannel)
+        m_pChannel->Forget();
+    End(CM_ERROR_NETWORK_SOCKET_CLOSE);
+}
+
+// The server's own answer, which is the last on this connection; when another has begun, it just ends.
+void CHttpServerConnection::Refuse_i(int aStatus) {
+    CM_WARNING_TRACE_THIS("CHttpServerConnection::Refuse_i, aStatus=" << aStatus);
+    const CmResult reason = aStatus == REQUEST_TIMEOUT ? CM_ERROR_TIMEOUT : CM_ERROR_NETWORK_SOCKET_ERROR;
+    const BOOL bRequest = HasRequest_i();
+    const BOOL bAnswered = bRequest && IsAnswered_i();
+    if (bRequest && m_pChannel->IsBegun() && !bAnswered)
+        return End(reason);
+    if (!bAnswered && !PrintRefusal_i(aStatus))
+        return End(CM_ERROR_OUT_OF_MEMORY);
+    const CCmRefPtrT<CCmChannelHttpServer> pChannel = std::move(m_pChannel);
+    m_bLast = TRUE;
+    m_State = CLOSING;
+    if (!m_bRunning) {
+        Flush_i();
+        Settle_i();
+    }
+    if (bRequest && !bAnswered)
+        TellLost_i(*pChannel, reason);
+    else if (pChannel)
+        pChannel->Detach();
+}
+
+// FALSE: for want of memory; who knows how much of it is there.
+BOOL CHttpServerConnection::PrintRefusal_i(int aStatus) {
+    const BOOL bHeadOnly = m_pChannel && m_pChannel->GetRequest().GetMethod() == CCmHttpAtomList::Head;
+    CmResult rv = CM_OK;
+    return WithMemory([&] {
+               const CCmString strBody = std::to_string(aStatus) + " " + HttpStatusText(aStatus) + "\n";
+               CHttpServerAnswer answer;
+               answer.SetStatus(aStatus, "");
+               rv = answer.SetHeader(CCmHttpAtomList::Content_Type, "text/plain", FALSE);
+               answer.Print(EHttpBody::LENGTH, strBody.size(), m_Owner.GetTail(FALSE), m_Output.GetText());
+               if (rv == CM_OK && !bHeadOnly)
+                   rv = m_Output.Append(strBody);
+           }) &&
+           rv == CM_OK;
+}
+
+void CHttpServerConnection::OnLate() {
+    if (std::exchange(m_bKickDue, FALSE))
+        return OnTimer(nullptr);
+    switch (m_Wait) {
+    case FOR_FIRST:
+    case FOR_NEXT:
+        m_State = CLOSING;
+        return Settle_i();
+    case FOR_HEAD:
+    case FOR_BODY:
+        return Refuse_i(REQUEST_TIMEOUT);
+    case FOR_READER:
+        CM_WARNING_TRACE_THIS("CHttpServerConnection::OnLate, the peer does not take its answer.");
+        return End(CM_ERROR_TIMEOUT);
+    case FOR_CLOSE:
+        return End(CM_OK);
+    case FOR_NOBODY:
+        break;
+    }
+}
+
+void CHttpServerConnection::Stop() {
+    m_bStopping = m_bLast = TRUE;
+    if (m_State == HEAD && !m_Reader.HasBegun() && !m_bBlocked)
+        m_State = CLOSING;
+    Settle_i();
+}
+
+void CHttpServerConnection::Abort(CmResult aReason) {
+    m_pChannel->Forget();
+    End(aReason);
+}
+
+void CHttpServerConnection::End(CmResult aReason) {
+    if (m_State == ENDED)
+        return;
+    const BOOL bTell = HasRequest_i() && !IsAnswered_i();
+    m_State = ENDED;
+    m_Wait = FOR_NOBODY;
+    m_bKickDue = FALSE;
+    m_Kick.Cancel();
+    m_pTransport->Disconnect(aReason);
+    m_Output.Clear();
+    DropHeld_i();
+    const CCmRefPtrT<CCmChannelHttpServer> pChannel = std::move(m_pChannel);
+    m_Owner.Remove(*this);
+    if (bTell)
+        TellLost_i(*pChannel, aReason);
+    else if (pChannel)
+        pChannel->Detach();
+}
+
+// The last call for a request; inside anything may be done, to the channel and to the owner.
+void CHttpServerConnection::TellLost_i(CCmChannelHttpServer& aChannel, CmResult aReason) {
+    ICmChannelHttpServerSink* pSink = aChannel.Detach();
+    if (aChannel.IsForgotten())
+        return;
+    if (pSink)
+        Upcall([&] { pSink->OnDisconnect(aReason, &aChannel); });
+    else if (aChannel.IsShared())
+        Upcall([&] { m_Owner.OnRequestLost(aReason, aChannel); });
+}
+
+// Whether the peer, which sends no more, has not sent the whole of a body that nobody reads yet.
+BOOL CHttpServerConnection::IsCutShort_i() const {
+    class CNobody : public CHttpBodySink {
+        BOOL OnBody(CCmMessageBlock&) override { return TRUE; }
+    };
+    if (m_State != BODY)
+        return FALSE;
+    CNobody nobody;
+    CHttpBodyReader reader = m_BodyReader;
+    if (CCmMessageBlock* pHeld = m_pHeld ? m_pHeld->DuplicateChained() : nullptr) {
+        reader.Feed(*pHeld, nobody);
+        pHeld->DestroyChained();
+    }
+    return !reader.IsComplete();
+}
+
+void CHttpServerConnection::Hold_i(CCmMessageBlock& aInput) {
+    if (m_State == CLOSING || m_State == ENDED || aInput.GetChainedLength() == 0)
+        return;
+    CCmMessageBlock* pCopy = aInput.DuplicateChained();
+    if (!pCopy)
+        return End(CM_ERROR_OUT_OF_MEMORY);
+    if (m_pHeld)
+        m_pHeld->Append(pCopy);
+    else
+        m_pHeld = pCopy;
+}
+
+void CHttpServerConnection::DropHeld_i() {
+    if (CCmMessageBlock* pHeld = std::exchange(m_pHeld, nullptr))
+        pHeld->DestroyChained();
+}
+
+}  // namespace talvo

@@ -1,0 +1,20 @@
+// What an HTTP server allows its clients.
+#pragma once
+
+#include "talvo/http/message/http_limits.h"
+
+namespace talvo {
+
+// The options of an acceptor; ECmChannelServerOption says what each is.
+struct CHttpServerSettings {
+    CHttpServerSettings() { m_Limits.m_ullMaxBody = CCmHttpLimits::SERVER_MAX_BODY; }
+
+    CCmHttpLimits m_Limits;
+    DWORD m_dwMaxHead = 256u << 10;
+    DWORD m_dwMaxConnections = 10000;
+    DWORD m_dwHeadSeconds = 10;
+    DWORD m_dwIdleSeconds = 60;
+    DWORD m_dwStopSeconds = 30;
+};
+
+}  // namespace talvo

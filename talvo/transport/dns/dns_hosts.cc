@@ -1,0 +1,107 @@
+#include "talvo/transport/dns/dns_hosts.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "talvo/base/with_memory.h"
+
+namespace talvo {
+
+namespace {
+
+constexpr std::string_view BLANKS = " \t\r\v\f";
+constexpr std::string_view LOCALHOST = "localhost";
+
+// Takes the next word off aLine; empty at its end.
+std::string_view TakeWord(std::string_view& aLine) {
+    aLine.remove_prefix(std::min(aLine.find_first_not_of(BLANKS), aLine.size()));
+    const std::string_view strWord = aLine.substr(0, aLine.find_first_of(BLANKS));
+    aLine.remove_prefix(strWord.size());
+    return strWord;
+}
+
+std::string_view WithoutDot(std::string_view aName) {
+    if (aName.ends_with('.'))
+        aName.remove_suffix(1);
+    return aName;
+}
+
+BOOL IsLocalhost(std::string_view aName) { return aName == LOCALHOST || aName.ends_with(".localhost"); }
+
+// What there is to read of a regular file, at most aMax bytes.
+BOOL ReadAll(HANDLE aFd, size_t aMax, CCmString& aText) {
+    struct stat status {};
+    if (fstat(aFd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size > static_cast<off_t>(aMax))
+        return FALSE;
+    char szPart[4096];
+    while (aText.size() <= aMax) {
+        const ssize_t lRead = read(aFd, szPart, sizeof(szPart));
+        if (lRead > 0)
+            aText.append(szPart, static_cast<size_t>(lRead));
+        else if (lRead == 0 || errno != EINTR)
+            return lRead == 0;
+    }
+    return FALSE;
+}
+
+}  // namespace
+
+CmResult CDnsHosts::Load(const CCmString& aPath) {
+    m_Names.clear();
+    const HANDLE fd = open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd == CM_INVALID_HANDLE)
+        return CM_ERROR_NOT_FOUND;
+    CCmString strText;
+    BOOL bRead = FALSE;
+    const BOOL bMemory = WithMemory([&] { bRead = ReadAll(fd, MAX_FILE_LENGTH, strText); });
+    close(fd);
+    if (!bRead)
+        return bMemory ? CM_ERROR_NOT_FOUND : CM_ERROR_OUT_OF_MEMORY;
+    return WithMemory([&] { Parse(strText); }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+}
+
+void CDnsHosts::Parse(std::string_view aText) {
+    m_Names.clear();
+    while (!aText.empty()) {
+        const size_t nEnd = std::min(aText.find('\n'), aText.size());
+        ParseLine_i(aText.substr(0, nEnd));
+        aText.remove_prefix(std::min(nEnd + 1, aText.size()));
+    }
+}
+
+void CDnsHosts::ParseLine_i(std::string_view aLine) {
+    aLine = aLine.substr(0, aLine.find('#'));
+    in_addr address{};
+    if (inet_pton(AF_INET, CCmString(TakeWord(aLine)).c_str(), &address) != 1)
+        return;
+    for (std::string_view strName = TakeWord(aLine); !strName.empty(); strName = TakeWord(aLine)) {
+        std::vector<DWORD>& addresses = m_Names[ToLower(WithoutDot(strName))];
+        if (std::find(addresses.begin(), addresses.end(), address.s_addr) == addresses.end())
+            addresses.push_back(address.s_addr);
+    }
+}
+
+const std::vector<DWORD>* CDnsHosts::Find(std::string_view aName) const {
+    static const std::vector<DWORD>& s_Loopback = *new std::vector<DWORD>{htonl(INADDR_LOOPBACK)};
+    const std::string_view strName = WithoutDot(aName);
+    const auto found = m_Names.find(CCmString(strName));
+    if (found != m_Names.end())
+        return &found->second;
+    return IsLocalhost(strName) ? &s_Loopback : nullptr;
+}
+
+CCmString ToLower(std::string_view aName) {
+    CCmString strLower(aName);
+    for (char& c : strLower) {
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
+    }
+    return strLower;
+}
+
+}  // namespace talvo

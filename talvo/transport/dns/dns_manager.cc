@@ -1,0 +1,76 @@
+#include "talvo/transport/dns/dns_manager.h"
+
+#include <algorithm>
+#include <atomic>
+
+#include "talvo/base/inet_addr.h"
+#include "talvo/base/with_memory.h"
+#include "talvo/transport/dns/dns_state.h"
+
+namespace {
+
+using SingletonGuard = CCmMutexGuardT<CCmMutexThreadRecursive>;
+
+std::atomic<CCmDnsManager*> s_pInstance{nullptr};
+
+// Bytes above 127 may stand in a name; what would end it or could not be seen may not.
+BOOL IsName(const CCmString& aName) {
+    const size_t stLength = aName.size() - (aName.ends_with('.') ? 1 : 0);
+    return stLength > 0 && stLength <= CCmDnsManager::MAX_NAME_LENGTH &&
+           std::none_of(aName.begin(), aName.end(), [](unsigned char c) { return c <= ' ' || c == 0x7F; });
+}
+
+}  // namespace
+
+CCmDnsManager::CCmDnsManager() : m_pState(new talvo::CDnsState) {}
+
+CCmDnsManager::~CCmDnsManager() {
+    SingletonGuard guard(GetSingletonMutex());
+    if (ICmNameResolver::Get() == this)
+        ICmNameResolver::Set(nullptr);
+    s_pInstance = nullptr;
+}
+
+CCmDnsManager* CCmDnsManager::Instance() {
+    if (CCmDnsManager* pInstance = s_pInstance.load(std::memory_order_acquire))
+        return pInstance;
+    SingletonGuard guard(GetSingletonMutex());
+    if (!s_pInstance)
+        talvo::WithMemory([] { s_pInstance = new CCmDnsManager; });
+    return s_pInstance;
+}
+
+CmResult CCmDnsManager::AsyncResolve(CCmDnsRecord*& aRecord, const CCmString& aHostName, ICmObserver* aObserver, BOOL aForced,
+                                     ACmThread* aThread) {
+    aRecord = nullptr;
+    if (!IsName(aHostName))
+        return CM_ERROR_INVALID_ARG;
+    CCmRefPtrT<CCmDnsRecord> pRecord;
+    CmResult rv = CM_OK;
+    const BOOL bMemory = talvo::WithMemory([&] {
+        const CCmString strName = talvo::ToLower(aHostName);
+        DWORD dwAddr;
+        if (CCmInetAddr::IpAddrStringTo4Bytes(strName.c_str(), dwAddr))
+            pRecord = CCmDnsCache::MakeRecord(strName, {{dwAddr}, CCmDnsCache::MAX_TTL, ""});
+        else
+            rv = m_pState->Resolve(pRecord, strName, aObserver, aForced, aThread);
+    });
+    aRecord = pRecord.Detach();
+    return bMemory ? rv : CM_ERROR_OUT_OF_MEMORY;
+}
+
+CmResult CCmDnsManager::CancelResolve(ICmObserver* aObserver) {
+    return aObserver ? m_pState->Cancel(aObserver) : CM_ERROR_INVALID_ARG;
+}
+
+void CCmDnsManager::Refresh() {
+    talvo::WithMemory([this] { m_pState->Refresh(); });
+}
+
+CmResult CCmDnsManager::ResolveFromCache(const CCmString& aName, DWORD& aAddr) {
+    CCmRefPtrT<CCmDnsRecord> pRecord;
+    const CmResult rv = AsyncResolve(pRecord.ParaOut(), aName);
+    if (pRecord)
+        aAddr = pRecord->GetFirstAddress();
+    return rv;
+}

@@ -1,0 +1,270 @@
+#include "talvo/transport/dns/dns_state.h"
+
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "talvo/base/with_memory.h"
+#include "talvo/event/thread.h"
+#include "talvo/transport/dns/dns_manager.h"
+
+namespace talvo {
+
+namespace {
+
+constexpr const char* THREAD_ENDED = "the network thread has ended";
+constexpr const char* NO_MEMORY = "out of memory";
+
+using Guard = CCmMutexGuardT<CCmMutexThread>;
+
+// Carries a name to the network thread; one that does not arrive has failed.
+class CEventStart final : public ICmEvent {
+public:
+    CEventStart(CDnsState& aState, const CCmString& aName) : m_pState(&aState), m_strName(aName) {}
+    ~CEventStart() override {
+        if (!m_bArrived)
+            m_pState->Fail(m_strName, THREAD_ENDED);
+    }
+    CmResult OnEventFire() override {
+        m_bArrived = TRUE;
+        m_pState->Start_n(m_strName);
+        return CM_OK;
+    }
+    // From here on it is under way, and its end without an arrival is a failure.
+    void Count() { m_bArrived = FALSE; }
+
+private:
+    const CCmRefPtrT<CDnsState> m_pState;
+    const CCmString m_strName;
+    BOOL m_bArrived = TRUE;
+};
+
+// Carries a record to an asker; made when that asks, since then the asker can be told that there is no memory.
+class CEventTell final : public ICmEvent {
+public:
+    explicit CEventTell(CDnsState& aState) : m_pState(&aState) {}
+    ~CEventTell() override {
+        if (m_pRecord)
+            m_pState->Forget(m_ullId);
+    }
+    void SetRecord(uint64_t aId, const CCmRefPtrT<CCmDnsRecord>& aRecord) {
+        m_ullId = aId;
+        m_pRecord = aRecord;
+    }
+    CmResult OnEventFire() override {
+        m_pState->Tell(m_ullId, *m_pRecord);
+        return CM_OK;
+    }
+
+private:
+    const CCmRefPtrT<CDnsState> m_pState;
+    uint64_t m_ullId = 0;
+    CCmRefPtrT<CCmDnsRecord> m_pRecord;
+};
+
+CCmRefPtrT<CCmDnsRecord> MakeFailure(const CCmString& aName, const char* aReason) {
+    return CCmDnsCache::MakeRecord(aName, {{}, 0, aReason});
+}
+
+// The way to the network thread, null when there is none.
+CCmRefPtrT<CCmThreadLink> GetNetworkLink() {
+    ACmThread* pThread = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_NETWORK);
+    return pThread ? &pThread->GetLink() : nullptr;
+}
+
+// The way to the thread that calls an observer: aThread, or the calling one; null if it cannot be called.
+CCmRefPtrT<CCmThreadLink> GetObserverLink(ACmThread* aThread) {
+    ACmThread* pThread = aThread ? aThread : CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_CURRENT);
+    return pThread && pThread->GetEventQueue() ? &pThread->GetLink() : nullptr;
+}
+
+}  // namespace
+
+CmResult CDnsState::Resolve(CCmRefPtrT<CCmDnsRecord>& aRecord, const CCmString& aName, ICmObserver* aObserver, BOOL aForced,
+                            ACmThread* aThread) {
+    NoticeChanges_i();
+    if (!aForced) {
+        Guard guard(m_Mutex);
+        aRecord = m_Cache.Find(aName);
+        if (aRecord)
+            return CM_OK;
+    }
+    const CCmRefPtrT<CCmThreadLink> pLink = aObserver ? GetObserverLink(aThread) : nullptr;
+    return aObserver && !pLink ? CM_ERROR_NULL_POINTER : Ask_i(aName, aObserver, pLink.Get());
+}
+
+CmResult CDnsState::Ask_i(const CCmString& aName, ICmObserver* aObserver, CCmThreadLink* aLink) {
+    const CCmRefPtrT<CCmThreadLink> pNetwork = GetNetworkLink();
+    if (!pNetwork)
+        return CM_ERROR_NOT_AVAILABLE;
+    // All that the look-up needs to end is made first: nobody waits for an answer that memory is missing for.
+    auto pStart = std::make_unique<CEventStart>(*this, aName);
+    const CCmRefPtrT<CCmDnsRecord> pNoMemory = MakeFailure(aName, NO_MEMORY);
+    std::unique_ptr<ICmEvent> pTell(aObserver ? new CEventTell(*this) : nullptr);
+    {
+        Guard guard(m_Mutex);
+        const BOOL bNew = m_Askers.Begin(aName, pNoMemory);
+        if (aObserver && !m_Askers.Add(aName, aObserver, aLink, std::move(pTell))) {
+            if (bNew)
+                m_Askers.End(aName);
+            return CM_ERROR_OUT_OF_MEMORY;
+        }
+        if (!bNew)
+            return CM_ERROR_WOULD_BLOCK;
+    }
+    pStart->Count();
+    pNetwork->PostEvent(pStart.release());
+    return CM_ERROR_WOULD_BLOCK;
+}
+
+CmResult CDnsState::Cancel(ICmObserver* aObserver) {
+    Guard guard(m_Mutex);
+    return m_Askers.Cancel(aObserver) ? CM_OK : CM_ERROR_NOT_FOUND;
+}
+
+void CDnsState::NoticeChanges_i() {
+    {
+        Guard guard(m_Mutex);
+        if (!m_Watch.HasChanged())
+            return;
+        BeginAnew_l();
+    }
+    PostRefresh_i();
+}
+
+void CDnsState::Refresh() {
+    {
+        Guard guard(m_Mutex);
+        m_Watch.TakeNote();
+        BeginAnew_l();
+    }
+    PostRefresh_i();
+}
+
+void CDnsState::BeginAnew_l() {
+    m_Cache.Clear();
+    ++m_dwGeneration;
+}
+
+void CDnsState::PostRefresh_i() {
+    if (const CCmRefPtrT<CCmThreadLink> pNetwork = GetNetworkLink())
+        pNetwork->Post([pThis = CCmRefPtrT<CDnsState>(this)] { pThis->Refresh_n(); });
+}
+
+void CDnsState::Refresh_n() {
+    if (m_pWorker)
+        m_pWorker->Refresh();
+}
+
+void CDnsState::Start_n(const CCmString& aName) {
+    if (CDnsWorker* pWorker = GetWorker_n())
+        pWorker->Start(aName);
+    else
+        Fail(aName, NO_MEMORY);
+}
+
+// The first question in a network thread makes the worker, which lives until that thread ends.
+CDnsWorker* CDnsState::GetWorker_n() {
+    if (m_pWorker)
+        return m_pWorker.get();
+    ACmThread* pThread = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_CURRENT);
+    ICmReactor* pReactor = pThread ? pThread->GetReactor() : nullptr;
+    if (!pReactor || pThread->GetLink().Join(*this) != CM_OK)
+        return nullptr;
+    m_pWorker.reset(new (std::nothrow) CDnsWorker(*pReactor, *this));
+    if (m_pWorker)
+        m_pSelf = this;
+    else
+        pThread->GetLink().Leave(*this);
+    return m_pWorker.get();
+}
+
+// Nobody keeps answers up to date from now on, so none are kept.
+void CDnsState::OnThreadEnd() {
+    const CCmRefPtrT<CDnsState> pThis = std::move(m_pSelf);
+    m_pWorker.reset();
+    {
+        Guard guard(m_Mutex);
+        BeginAnew_l();
+    }
+    FailAll(THREAD_ENDED);
+}
+
+BOOL CDnsState::OnDnsAnswer(DWORD aGeneration, CDnsNamedAnswer aAnswer) {
+    CCmRefPtrT<CCmDnsRecord> pRecord;
+    WithMemory([&] { pRecord = CCmDnsCache::MakeRecord(aAnswer.m_strName, std::move(aAnswer.m_Answer)); });
+    CDnsAskers::CLookUp lookUp;
+    {
+        Guard guard(m_Mutex);
+        if (aGeneration != m_dwGeneration)
+            return FALSE;
+        if (pRecord)
+            m_Cache.Add(pRecord);
+        lookUp = m_Askers.End(aAnswer.m_strName);
+    }
+    Finish_i(pRecord, lookUp);
+    return TRUE;
+}
+
+void CDnsState::OnDnsNoMemory() { FailAll(NO_MEMORY); }
+
+void CDnsState::Fail(const CCmString& aName, const char* aReason) {
+    CCmRefPtrT<CCmDnsRecord> pRecord;
+    WithMemory([&] { pRecord = MakeFailure(aName, aReason); });
+    CDnsAskers::CLookUp lookUp;
+    {
+        Guard guard(m_Mutex);
+        lookUp = m_Askers.End(aName);
+    }
+    Finish_i(pRecord, lookUp);
+}
+
+void CDnsState::FailAll(const char* aReason) {
+    for (;;) {
+        CDnsAskers::CLookUp lookUp;
+        {
+            Guard guard(m_Mutex);
+            lookUp = m_Askers.EndAny();
+        }
+        if (!lookUp.m_pNoMemory)
+            return;
+        CCmRefPtrT<CCmDnsRecord> pRecord;
+        WithMemory([&] { pRecord = MakeFailure(lookUp.m_pNoMemory->GetName(), aReason); });
+        Finish_i(pRecord, lookUp);
+    }
+}
+
+// aRecord null: there was no memory for one.
+void CDnsState::Finish_i(CCmRefPtrT<CCmDnsRecord> aRecord, const CDnsAskers::CLookUp& aLookUp) {
+    if (!aRecord)
+        aRecord = aLookUp.m_pNoMemory;
+    for (const uint64_t ullId : aLookUp.m_Askers) {
+        CCmRefPtrT<CCmThreadLink> pLink;
+        std::unique_ptr<ICmEvent> pTell;
+        {
+            Guard guard(m_Mutex);
+            pTell = m_Askers.TakeTell(ullId, pLink);
+        }
+        if (!pTell)
+            continue;
+        static_cast<CEventTell&>(*pTell).SetRecord(ullId, aRecord);
+        pLink->PostEvent(pTell.release());
+    }
+}
+
+void CDnsState::Tell(uint64_t aId, CCmDnsRecord& aRecord) {
+    ICmObserver* pObserver;
+    {
+        Guard guard(m_Mutex);
+        pObserver = m_Askers.Take(aId);
+    }
+    if (pObserver)
+        pObserver->OnObserve(CCmDnsManager::TOPIC, &aRecord);
+}
+
+void CDnsState::Forget(uint64_t aId) {
+    Guard guard(m_Mutex);
+    m_Askers.Take(aId);
+}
+
+}  // namespace talvo

@@ -1,0 +1,59 @@
+// The inside of the DNS manager: the cache, the askers and the network thread's worker.
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include "talvo/base/mutex.h"
+#include "talvo/event/thread_link.h"
+#include "talvo/transport/dns/dns_askers.h"
+#include "talvo/transport/dns/dns_worker.h"
+
+namespace talvo {
+
+// Shared by the manager and everything that is on its way between the threads, so the manager may end at any time. The mutex is
+// never held while an observer is called or an event is posted. Like the manager it is not among the live counters: both stay
+// with the process.
+class CDnsState final : public CCmReferenceControlT<CCmMutexThread>, private CCmThreadTenant, private IDnsWorkerUser {
+public:
+    // As the operations of the manager; aName is good, in lower case and no literal.
+    CmResult Resolve(CCmRefPtrT<CCmDnsRecord>& aRecord, const CCmString& aName, ICmObserver* aObserver, BOOL aForced,
+                     ACmThread* aThread);
+    CmResult Cancel(ICmObserver* aObserver);
+    void Refresh();
+
+    // Tells one asker, in its thread.
+    void Tell(uint64_t aId, CCmDnsRecord& aRecord);
+    // An asker that cannot be told.
+    void Forget(uint64_t aId);
+    // Network thread.
+    void Start_n(const CCmString& aName);
+    void Refresh_n();
+    // A look-up that the network thread did not or cannot do, and all of them.
+    void Fail(const CCmString& aName, const char* aReason);
+    void FailAll(const char* aReason);
+
+private:
+    void NoticeChanges_i();
+    CmResult Ask_i(const CCmString& aName, ICmObserver* aObserver, CCmThreadLink* aLink);
+    void BeginAnew_l() CM_REQUIRES(m_Mutex);
+    void PostRefresh_i();
+    void Finish_i(CCmRefPtrT<CCmDnsRecord> aRecord, const CDnsAskers::CLookUp& aLookUp);
+    CDnsWorker* GetWorker_n();
+
+    void OnThreadEnd() override;
+    BOOL OnDnsAnswer(DWORD aGeneration, CDnsNamedAnswer aAnswer) override;
+    void OnDnsNoMemory() override;
+    DWORD GetGeneration() const override { return m_dwGeneration; }
+
+    CCmMutexThread m_Mutex;
+    CCmDnsCache m_Cache CM_GUARDED_BY(m_Mutex);
+    CDnsAskers m_Askers CM_GUARDED_BY(m_Mutex);
+    CDnsWatch m_Watch CM_GUARDED_BY(m_Mutex);
+    std::atomic<DWORD> m_dwGeneration{0};  // changes under the mutex
+
+    std::unique_ptr<CDnsWorker> m_pWorker;  // network thread only
+    CCmRefPtrT<CDnsState> m_pSelf;          // while there is a worker
+};
+
+}  // namespace talvo

@@ -1,0 +1,37 @@
+#include "talvo/transport/dns/name_lookup.h"
+
+#include "talvo/transport/dns/dns_manager.h"
+
+namespace talvo {
+
+CmResult CNameLookup::Start(const CCmString& aName, CCmRefPtrT<CCmDnsRecord>& aRecord) {
+    Cancel();
+    CCmDnsManager* pManager = CCmDnsManager::Instance();
+    if (!pManager)
+        return CM_ERROR_OUT_OF_MEMORY;
+    const CmResult rv = pManager->AsyncResolve(aRecord.ParaOut(), aName, this);
+    m_bWaiting = rv == CM_ERROR_WOULD_BLOCK;
+    return rv;
+}
+
+CCmFailure CNameLookup::FailureOf(const CCmDnsRecord* aRecord, CmResult aReason, const CCmInetAddr& aName) {
+    const BOOL bNoSuchName = aRecord ? aRecord->IsNoSuchName() : aReason == CM_ERROR_INVALID_ARG;
+    const char* pText = aReason == CM_ERROR_INVALID_ARG ? "not a host name" : cm_result_name(aReason);
+    return CCmFailure(bNoSuchName ? CM_FAILURE_NO_SUCH_NAME : CM_FAILURE_NO_RESOLVER,
+                      aRecord ? aRecord->GetReason().c_str() : pText, "resolve", aName);
+}
+
+void CNameLookup::Cancel() {
+    if (!m_bWaiting)
+        return;
+    m_bWaiting = FALSE;
+    if (CCmDnsManager* pManager = CCmDnsManager::Instance())
+        pManager->CancelResolve(this);
+}
+
+void CNameLookup::OnObserve(const char*, void* aData) {
+    m_bWaiting = FALSE;
+    m_User.OnNameKnown(*static_cast<const CCmDnsRecord*>(aData));  // last: the user may delete this
+}
+
+}  // namespace talvo

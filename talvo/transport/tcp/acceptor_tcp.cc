@@ -1,0 +1,173 @@
+#include "talvo/transport/tcp/acceptor_tcp.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <new>
+
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+#include "talvo/transport/tcp/transport_tcp.h"
+
+namespace {
+
+CCmLiveCounter s_Live("CCmAcceptorTcp");
+
+constexpr int BACKLOG = 1024;
+constexpr long REST_USEC = 100000;
+
+BOOL IsOutOfDescriptors(int aError) { return aError == EMFILE || aError == ENFILE || aError == ENOBUFS || aError == ENOMEM; }
+
+}  // namespace
+
+CCmAcceptorTcp::CCmAcceptorTcp() { ++s_Live; }
+
+CCmAcceptorTcp::~CCmAcceptorTcp() {
+    StopListen(CM_OK);
+    --s_Live;
+}
+
+CmResult CCmAcceptorTcp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) {
+    m_Est.EnsureSingleThread();
+    if (GetHandle() != CM_INVALID_HANDLE)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    if (!aSink)
+        return CM_ERROR_INVALID_ARG;
+    CmResult rv = CheckListen_i();
+    if (rv != CM_OK)
+        return rv;
+    m_pSink = aSink;
+    m_Failure = {};
+    rv = Bind_i(aAddrListen);
+    if (rv == CM_OK) {
+        rv = m_pReactor->RegisterHandler(this, ACCEPT_MASK);
+        if (rv != CM_OK)
+            m_Failure = CCmFailure(errno, "watch the port", aAddrListen);
+    }
+    if (rv != CM_OK) {
+        StopListen(rv);
+        return rv;
+    }
+    Listening_i();
+    CCmInetAddr addrListen;
+    if (m_Socket.GetLocalAddr(addrListen) == 0)
+        m_AddrListen = *addrListen.GetPtr();
+    CM_INFO_TRACE_THIS("CCmAcceptorTcp::StartListen, addr=" << aAddrListen.GetIpDisplayName()
+                                                            << " port=" << aAddrListen.GetPort() << " aSink="
+                                                            << static_cast<const void*>(aSink) << " fd=" << GetHandle());
+    return CM_OK;
+}
+
+CmResult CCmAcceptorTcp::Bind_i(const CCmInetAddr& aAddrListen) {
+    const auto failed = [&](const char* aCall, const char* aVerb) {
+        m_Failure = CCmFailure(errno, aVerb, aAddrListen);
+        CM_ERROR_TRACE_THIS("CCmAcceptorTcp::StartListen, " << aCall << "() failed! addr=" << aAddrListen.GetIpDisplayName()
+                                                            << " port=" << aAddrListen.GetPort()
+                                                            << " err=" << m_Failure.GetErrno());
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    };
+    if (!aAddrListen.IsResolved()) {
+        errno = EADDRNOTAVAIL;
+        return failed("bind", "bind to");
+    }
+    if (m_Socket.Open(TRUE) == -1)
+        return failed("Open", "open a socket for");
+    m_Settings = talvo::CTcpSettings::Read();
+    m_Settings.ApplyTo(m_Socket);
+    if (bind(GetHandle(), reinterpret_cast<const sockaddr*>(aAddrListen.GetPtr()), aAddrListen.GetSize()) == -1)
+        return failed("bind", "bind to");
+    // Not blocking, so that a peer that has gone between the report and the accept does not stop the thread.
+    if (m_Socket.Enable(CCmIPCBase::NON_BLOCK) == -1 || listen(GetHandle(), BACKLOG) == -1) {
+        m_Failure = CCmFailure(errno, "listen on", aAddrListen);
+        CM_ERROR_TRACE_THIS("CCmAcceptorTcp::StartListen, listen() failed! err=" << m_Failure.GetErrno());
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    }
+    return CM_OK;
+}
+
+CmResult CCmAcceptorTcp::StopListen(CmResult aReason) {
+    m_Est.EnsureSingleThread();
+    LeaveThread();
+    if (GetHandle() != CM_INVALID_HANDLE) {
+        if (ICmReactor::IsAlive(m_pReactor)) {
+            if (m_bResting)
+                m_pReactor->CancelTimer(this);
+            else
+                m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
+        }
+        m_bResting = FALSE;
+        m_Socket.Close(aReason);
+    }
+    m_pSink = nullptr;
+    return CM_OK;
+}
+
+CmResult CCmAcceptorTcp::GetListenAddr(CCmInetAddr& aAddr) {
+    m_Est.EnsureSingleThread();
+    if (GetHandle() == CM_INVALID_HANDLE)
+        return CM_ERROR_NOT_INITIALIZED;
+    return m_Socket.GetLocalAddr(aAddr) == 0 ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
+}
+
+// Touches no member after the upcall, which may have released this acceptor.
+int CCmAcceptorTcp::OnInput(HANDLE aFd) {
+    m_Est.EnsureSingleThread();
+    CCmRefPtrT<CCmTransportTcp> pTransport(new (std::nothrow) CCmTransportTcp(m_pReactor));
+    if (!pTransport) {
+        Rest_i(ENOMEM);
+        return 0;
+    }
+    CCmInetAddr addrPeer;
+    socklen_t length = addrPeer.GetSize();
+    constexpr int FLAGS = SOCK_CLOEXEC | SOCK_NONBLOCK;  // together with the call they cost nothing and cannot fail
+    const HANDLE fdNew = accept4(aFd, reinterpret_cast<sockaddr*>(addrPeer.GetPtr()), &length, FLAGS);
+    if (fdNew == CM_INVALID_HANDLE) {
+        AcceptFailed_i(errno);
+        return 0;
+    }
+    pTransport->GetPeer().SetHandle(fdNew);
+    pTransport->SetReadSize(m_Settings.m_dwReadSize);
+    pTransport->SetPeerAddr(*addrPeer.GetPtr());
+    if (m_AddrListen.sin_addr.s_addr != INADDR_ANY)
+        pTransport->SetLocalAddr(m_AddrListen);
+    CM_INFO_TRACE_THIS("CCmAcceptorTcp::OnInput, addr=" << addrPeer.GetIpDisplayName() << " port=" << addrPeer.GetPort()
+                                                        << " sockNew=" << fdNew
+                                                        << " pTrans=" << static_cast<const void*>(pTransport.Get()));
+    if (m_pSink)
+        m_pSink->OnConnectIndication(CM_OK, pTransport.Get(), this);
+    return 0;
+}
+
+void CCmAcceptorTcp::AcceptFailed_i(int aError) {
+    if (IsOutOfDescriptors(aError)) {
+        Rest_i(aError);
+        return;
+    }
+    if (aError != EAGAIN && aError != EINTR)  // the peer has gone again, or a signal came: nothing has failed
+        CM_ERROR_TRACE_THIS("CCmAcceptorTcp::OnInput, accept() failed! err=" << aError);
+}
+
+void CCmAcceptorTcp::Rest_i(int aError) {
+    const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
+    if (m_tvTraced + CCmTimeValue(1) <= tvNow) {
+        m_tvTraced = tvNow;
+        CM_ERROR_TRACE_THIS("CCmAcceptorTcp::OnInput, accept() failed! err=" << aError);
+    }
+    const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, CCmTimeValue(0, REST_USEC), 1);
+    if (rv != CM_OK && rv != CM_ERROR_FOUND)
+        return;  // no timer: stays registered and tries with every report
+    m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
+    m_bResting = TRUE;
+}
+
+void CCmAcceptorTcp::OnTimeout(const CCmTimeValue&, void*) {
+    m_bResting = FALSE;
+    const CmResult rv = m_pReactor->RegisterHandler(this, ACCEPT_MASK);
+    if (rv != CM_OK)
+        Rest_i(errno);
+}
+
+int CCmAcceptorTcp::OnClose(HANDLE aFd, long aMask) {
+    CM_ERROR_TRACE_THIS("CCmAcceptorTcp::OnClose, it's impossible! aFd=" << aFd << " aMask=" << aMask);
+    return 0;
+}

@@ -1,0 +1,120 @@
+#include "talvo/transport/tcp/connect_attempt.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <new>
+#include <utility>
+
+#include "talvo/base/trace.h"
+#include "talvo/transport/tcp_settings.h"
+
+namespace talvo {
+
+template <class TransportType>
+CConnectAttemptT<TransportType>::~CConnectAttemptT() {
+    Unregister_i();
+}
+
+template <class TransportType>
+int CConnectAttemptT<TransportType>::Start(const CCmInetAddr& aAddr, const CCmInetAddr& aAddrLocal) {
+    m_AddrPeer = aAddr;
+    m_pTransport = new (std::nothrow) TransportType(&m_Reactor);
+    if (!m_pTransport) {
+        errno = ENOMEM;
+        return Failed_i("connect to", aAddr);
+    }
+    const int nRv = Connect_i(aAddrLocal);
+    const int nErr = errno;
+    if (nRv != 1)
+        Unregister_i();  // nothing is to be reported
+    if (nRv == -1)
+        m_pTransport.Reset();
+    errno = nErr;
+    return nRv;
+}
+
+template <class TransportType>
+int CConnectAttemptT<TransportType>::Connect_i(const CCmInetAddr& aAddrLocal) {
+    CCmSocketTcp& peer = m_pTransport->GetPeer();
+    const BOOL bAnyLocal = aAddrLocal == CCmInetAddr::s_InetAddrAny;
+    if ((bAnyLocal ? peer.Open(FALSE) : peer.Open(FALSE, aAddrLocal)) == -1) {
+        CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, Open() failed! laddr=" << aAddrLocal.GetIpDisplayName() << " lport="
+                                                                                 << aAddrLocal.GetPort() << " err=" << errno);
+        return bAnyLocal ? Failed_i("open a socket to", m_AddrPeer) : Failed_i("bind to", aAddrLocal);
+    }
+    if (peer.Enable(CCmIPCBase::NON_BLOCK) == -1) {
+        CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, Enable(NON_BLOCK) failed! err=" << errno);
+        return Failed_i("connect to", m_AddrPeer);
+    }
+    const CTcpSettings settings = CTcpSettings::Read();
+    settings.ApplyTo(peer);
+    m_pTransport->SetReadSize(settings.m_dwReadSize);
+    m_pTransport->SetPeerAddr(*m_AddrPeer.GetPtr());
+    CM_INFO_TRACE_THIS("CCmConnectorTcpT::Connect_i, addr=" << m_AddrPeer.GetIpDisplayName() << " port=" << m_AddrPeer.GetPort()
+                                                            << " laddr=" << aAddrLocal.GetIpDisplayName()
+                                                            << " lport=" << aAddrLocal.GetPort() << " fd=" << GetHandle());
+    if (m_Reactor.RegisterHandler(this, CONNECT_MASK) != CM_OK)
+        return Failed_i("watch the connect to", m_AddrPeer);
+    if (connect(GetHandle(), reinterpret_cast<const sockaddr*>(m_AddrPeer.GetPtr()), m_AddrPeer.GetSize()) == 0)
+        return 0;
+    if (errno == EINPROGRESS || errno == EINTR)  // an interrupted connect goes on in the background
+        return 1;
+    CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, connect() failed! addr=" << m_AddrPeer.GetIpDisplayName() << " port="
+                                                                               << m_AddrPeer.GetPort() << "err=" << errno);
+    return Failed_i("connect to", m_AddrPeer);
+}
+
+// -1, with errno as it was.
+template <class TransportType>
+int CConnectAttemptT<TransportType>::Failed_i(const char* aVerb, const CCmInetAddr& aAddr) {
+    m_Failure = CCmFailure(errno, aVerb, aAddr);
+    return -1;
+}
+
+template <class TransportType>
+CCmRefPtrT<TransportType> CConnectAttemptT<TransportType>::TakeTransport() {
+    return std::move(m_pTransport);
+}
+
+template <class TransportType>
+HANDLE CConnectAttemptT<TransportType>::GetHandle() const {
+    return m_pTransport ? m_pTransport->GetPeer().GetHandle() : CM_INVALID_HANDLE;
+}
+
+// The system says how the connect ended.
+template <class TransportType>
+int CConnectAttemptT<TransportType>::OnOutput(HANDLE) {
+    int nErr = 0;
+    int nLength = sizeof nErr;
+    if (m_pTransport->GetPeer().GetOption(SOL_SOCKET, SO_ERROR, &nErr, &nLength) == -1)
+        nErr = errno;
+    Unregister_i();
+    return Finished_i(nErr);
+}
+
+template <class TransportType>
+int CConnectAttemptT<TransportType>::OnClose(HANDLE, long) {
+    return Finished_i(ECONNABORTED);
+}
+
+template <class TransportType>
+int CConnectAttemptT<TransportType>::Finished_i(int aError) {
+    if (aError != 0) {
+        m_Failure = CCmFailure(aError, "connect to", m_AddrPeer);
+        CM_WARNING_TRACE_THIS("CCmConnectorTcpT::OnOutput, connect() failed! addr="
+                              << m_AddrPeer.GetIpDisplayName() << " port=" << m_AddrPeer.GetPort() << " err=" << aError);
+    }
+    m_Owner.OnAttemptDone(*this, aError);  // last: the owner deletes this attempt
+    return 0;
+}
+
+template <class TransportType>
+void CConnectAttemptT<TransportType>::Unregister_i() {
+    if (m_pTransport && ICmReactor::IsAlive(&m_Reactor))
+        m_Reactor.RemoveHandler(this, ALL_EVENTS_MASK);
+}
+
+template class CConnectAttemptT<CCmTransportTcp>;
+
+}  // namespace talvo

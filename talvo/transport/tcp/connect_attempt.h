@@ -1,0 +1,55 @@
+// One socket on its way to one address.
+#pragma once
+
+#include "talvo/base/failure.h"
+#include "talvo/event/reactor.h"
+#include "talvo/transport/tcp/transport_tcp.h"
+
+namespace talvo {
+
+// Makes a TransportType over a socket and connects it. One use, in the thread of its reactor.
+template <class TransportType>
+class CConnectAttemptT final : public ACmEventHandler {
+public:
+    class IOwner {
+    public:
+        // The one report of an attempt that is under way. 0: connected; else the system's error, already traced. May delete
+        // aAttempt.
+        virtual void OnAttemptDone(CConnectAttemptT& aAttempt, int aError) = 0;
+
+    protected:
+        virtual ~IOwner() = default;
+    };
+
+    CConnectAttemptT(ICmReactor& aReactor, IOwner& aOwner) : m_Reactor(aReactor), m_Owner(aOwner) {}
+    ~CConnectAttemptT() override;
+
+    // 0: connected at once. 1: under way. -1: failed at once, the error in errno. A report follows only for 1.
+    int Start(const CCmInetAddr& aAddr, const CCmInetAddr& aAddrLocal);
+
+    // The transport, connected after a good end; the attempt has let go of it.
+    CCmRefPtrT<TransportType> TakeTransport();
+
+    // What failed, at once or later.
+    const CCmFailure& GetFailure() const { return m_Failure; }
+
+    HANDLE GetHandle() const override;
+    int OnOutput(HANDLE aFd) override;
+    int OnClose(HANDLE aFd, long aMask) override;
+
+private:
+    int Connect_i(const CCmInetAddr& aAddrLocal);
+    int Failed_i(const char* aVerb, const CCmInetAddr& aAddr);
+    int Finished_i(int aError);
+    void Unregister_i();
+
+    ICmReactor& m_Reactor;
+    IOwner& m_Owner;
+    CCmInetAddr m_AddrPeer;
+    CCmRefPtrT<TransportType> m_pTransport;
+    CCmFailure m_Failure;
+};
+
+extern template class CConnectAttemptT<CCmTransportTcp>;
+
+}  // namespace talvo

@@ -1,0 +1,62 @@
+// The attempts at the addresses of one name.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "talvo/transport/tcp/connect_attempt.h"
+
+namespace talvo {
+
+// Tries addresses in turn: the next one when the one before has failed, or has not connected within 250 ms; the first to
+// connect wins and the others are closed. One race at a time, in the thread of its reactor.
+template <class TransportType>
+class CConnectRaceT final : private ICmTimerHandler, private CConnectAttemptT<TransportType>::IOwner {
+public:
+    class IUser {
+    public:
+        // The one report of a race that is under way: the connected transport, or null when every address has failed. May
+        // delete the race.
+        virtual void OnRaceDone(CCmRefPtrT<TransportType> aTransport) = 0;
+
+    protected:
+        virtual ~IUser() = default;
+    };
+
+    CConnectRaceT(ICmReactor* aReactor, IUser& aUser) : m_pReactor(aReactor), m_User(aUser) {}
+    ~CConnectRaceT() override { Stop(); }
+    CConnectRaceT(const CConnectRaceT&) = delete;
+    CConnectRaceT& operator=(const CConnectRaceT&) = delete;
+
+    // 0: aTransport is connected. 1: under way. -1: every address has failed at once, the last one's error in errno. A report
+    // follows only for 1. Throws std::bad_alloc, and may be started again.
+    int Start(std::vector<CCmInetAddr> aAddrs, const CCmInetAddr& aAddrLocal, CCmRefPtrT<TransportType>& aTransport);
+
+    // Why the address that failed last did so.
+    const CCmFailure& GetFailure() const { return m_Failure; }
+
+    // Ends all attempts; no report follows.
+    void Stop();
+
+private:
+    using CAttempt = CConnectAttemptT<TransportType>;
+
+    int StartNext_i(CCmRefPtrT<TransportType>& aTransport);
+    void GoOn_i();
+    void Done_i(CCmRefPtrT<TransportType> aTransport);
+
+    void OnAttemptDone(CAttempt& aAttempt, int aError) override;
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
+
+    ICmReactor* const m_pReactor;  // not owned
+    IUser& m_User;
+    CCmInetAddr m_AddrLocal;
+    std::vector<CCmInetAddr> m_Addrs;
+    size_t m_stNext = 0;                                // the first address that has not been tried
+    std::vector<std::unique_ptr<CAttempt>> m_Attempts;  // under way
+    CCmFailure m_Failure;
+};
+
+extern template class CConnectRaceT<CCmTransportTcp>;
+
+}  // namespace talvo

@@ -1,0 +1,57 @@
+// Opens a TCP connection.
+#pragma once
+
+#include <vector>
+
+#include "talvo/event/reactor.h"
+#include "talvo/transport/connector_internal.h"
+#include "talvo/transport/dns/name_lookup.h"
+#include "talvo/transport/tcp/connect_race.h"
+#include "talvo/transport/tcp/transport_tcp.h"
+
+// Makes a TransportType over a socket that it connects. A host name is looked up first; of several addresses the first to
+// connect is taken, see CConnectRaceT. A connect that completes at once, and a name without an address, are reported from a
+// timer of its own, never from inside Connect.
+template <class TransportType>
+class CCmConnectorTcpT : public ACmConnectorInternal,
+                         private ICmTimerHandler,
+                         private talvo::INameUser,
+                         private talvo::CConnectRaceT<TransportType>::IUser {
+public:
+    CCmConnectorTcpT(ICmReactor* aReactor, ACmConnectorUpper& aUpper)
+        : m_pReactor(aReactor), m_Upper(aUpper), m_Race(aReactor, *this) {}
+    ~CCmConnectorTcpT() override;
+
+    // A CCmConnectorMaker.
+    static ACmConnectorInternal* Make(ICmReactor* aReactor, ACmConnectorUpper& aUpper);
+
+    int Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal = nullptr) override;
+    void Close() override;
+
+private:
+    int ConnectToName_i(const CCmString& aName);
+    int ConnectTo_i(const std::vector<DWORD>& aAddresses);
+    void NameFailed_i(const CCmDnsRecord* aRecord, CmResult aReason);
+    template <class Callable>
+    int WithMemory_i(Callable aConnect);
+    CmResult FailureResult_i() const;
+    int ReportLater_i(CmResult aReason);
+    void Report_i(CmResult aReason);
+
+    void OnNameKnown(const CCmDnsRecord& aRecord) override;
+    void OnRaceDone(CCmRefPtrT<TransportType> aTransport) override;
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
+
+    ICmReactor* const m_pReactor;  // not owned
+    ACmConnectorUpper& m_Upper;
+    CCmInetAddr m_AddrPeer;                      // perhaps with a name
+    CCmInetAddr m_AddrLocal;                     // CCmInetAddr::s_InetAddrAny: not given
+    talvo::CNameLookup m_Lookup{*this};          // runs first,
+    talvo::CConnectRaceT<TransportType> m_Race;  // then this,
+    CCmRefPtrT<TransportType> m_pTransport;      // which gives this
+    BOOL m_bTimerArmed = FALSE;
+    CmResult m_LaterReason = CM_OK;  // what the timer reports
+};
+
+extern template class TALVO_API CCmConnectorTcpT<CCmTransportTcp>;
+using CCmConnectorTcp = CCmConnectorTcpT<CCmTransportTcp>;

@@ -1,0 +1,298 @@
+#include "talvo/transport/tcp/transport_tcp.h"
+
+#include <linux/sockios.h>
+#include <netinet/tcp.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <new>
+#include <utility>
+
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+#include "talvo/transport/tcp_settings.h"
+#include "talvo/transport/transport_linger.h"
+
+namespace {
+
+CCmLiveCounter s_Live("CCmTransportTcp");
+
+constexpr int WOULD_BLOCK = -2;
+
+BOOL IsWouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
+
+}  // namespace
+
+CCmTransportTcp::CCmTransportTcp(ICmReactor* aReactor) : CCmTransportBase(aReactor) { ++s_Live; }
+
+CCmTransportTcp::~CCmTransportTcp() {
+    Close_t(CM_OK);
+    --s_Live;
+}
+
+CmResult CCmTransportTcp::Open_t() {
+    if (!talvo::GetNetworkBuffers())
+        return CM_ERROR_OUT_OF_MEMORY;
+    const int nOn = 1;
+    if (m_SocketTcp.SetOption(IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof nOn) == -1)
+        CM_ERROR_TRACE_THIS("CCmTransportTcp::Open_t, SetOption(TCP_NODELAY) failed! err=" << errno);
+    const CmResult rv = m_pReactor->RegisterHandler(this, READ_MASK | GetMask_i());
+    if (rv != CM_OK && rv != CM_ERROR_FOUND) {
+        CM_ERROR_TRACE_THIS("CCmTransportTcp::Open_t, RegisterHandler(READ_MASK|WRITE_MASK) failed!");
+        return rv;
+    }
+    m_bOpen = TRUE;
+    if (m_bReadingPaused)
+        m_pReactor->RegisterHandler(this, GetMask_i());
+    if (m_bBroken)
+        TellBroken_i();
+    return CM_OK;
+}
+
+// What to be registered for now; never nothing, since that would end the notice of failures.
+long CCmTransportTcp::GetMask_i() const {
+    const long lRead = m_bReadingPaused ? NULL_MASK : READ_MASK;
+    const BOOL bWrite = !IsWriteOnDemand_i() || m_bNeedOnSend || m_bReadingPaused;
+    return lRead | (bWrite ? WRITE_MASK : NULL_MASK) | (m_bTellEnd ? HALF_CLOSE_MASK : NULL_MASK);
+}
+
+int CCmTransportTcp::TellEnd_i() {
+    if (!std::exchange(m_bEndTold, TRUE) && m_pSink) {
+        CCmMessageBlock nothing(DWORD{0});
+        m_pSink->OnReceive(nothing, this, nullptr);
+    }
+    return WOULD_BLOCK;
+}
+
+CmResult CCmTransportTcp::Disconnect(CmResult aReason) {
+    if (aReason == CM_OK && m_bOpen && !IsLayered_i())
+        LetLinger_i();
+    return CCmTransportBase::Disconnect(aReason);
+}
+
+// Another transport carries the socket on, so that this one is closed like any other. Without memory it is closed at once.
+void CCmTransportTcp::LetLinger_i() {
+    int nUnacknowledged = 0;
+    if (m_SocketTcp.Control(SIOCOUTQ, &nUnacknowledged) != 0 || nUnacknowledged == 0)
+        return;
+    const CCmRefPtrT<CCmTransportTcp> pCarrier(new (std::nothrow) CCmTransportTcp(m_pReactor));
+    if (!pCarrier)
+        return;
+    RemoveFromReactor_i();
+    m_bOpen = FALSE;
+    pCarrier->m_SocketTcp.SetHandle(m_SocketTcp.GetHandle());
+    m_SocketTcp.SetHandle(CM_INVALID_HANDLE);
+    talvo::CTransportLinger::Begin(*pCarrier, nullptr);
+}
+
+CmResult CCmTransportTcp::Close_t(CmResult aReason) {
+    if (m_SocketTcp.GetHandle() == CM_INVALID_HANDLE)
+        return CM_OK;
+    RemoveFromReactor_i();
+    m_SocketTcp.Close(aReason);
+    m_bOpen = FALSE;
+    return CM_OK;
+}
+
+// The system notes what it has found out, unless a receive or send has taken that off the socket.
+int CCmTransportTcp::OnClose(HANDLE aFd, long aMask) {
+    int nError = 0;
+    int nLength = sizeof nError;
+    if (!HasFailed_i() && m_SocketTcp.GetOption(SOL_SOCKET, SO_ERROR, &nError, &nLength) == 0)
+        NoteFailure_i(nError, "receive from");
+    CCmInetAddr addrPeer;
+    GetPeerAddr_i(addrPeer);
+    const CCmFailure failure = GetFailure_i(addrPeer);
+    if (failure)
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::OnClose, the connection has failed. fd=" << aFd
+                                                                                         << " err=" << failure.GetErrno());
+    else
+        CM_INFO_TRACE_THIS("CCmTransportTcp::OnClose, the peer has closed in good order. fd=" << aFd);
+    return CCmTransportBase::OnClose(aFd, aMask);
+}
+
+int CCmTransportTcp::Recv_i(char* aBuf, DWORD aLen) {
+    const int nRecv = m_SocketTcp.Recv(aBuf, aLen);
+    if (nRecv > 0)
+        return nRecv;
+    if (nRecv == -1 && IsWouldBlock())
+        return WOULD_BLOCK;
+    if (nRecv == 0 && m_bTellEnd)
+        return 0;
+    const int nErr = errno;
+    if (nRecv == 0)
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::Recv_i, recv() 0! fd=" << GetHandle() << " err=" << nErr);
+    else
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::Recv_i, recv() failed! fd=" << GetHandle() << " err=" << nErr);
+    if (nRecv == -1)
+        NoteFailure_i(nErr, "receive from");
+    errno = nErr;
+    return -1;
+}
+
+int CCmTransportTcp::Send_i(const char* aBuf, DWORD aLen) {
+    const int nSent = m_SocketTcp.Send(aBuf, aLen);
+    if (nSent >= 0)
+        return nSent;
+    if (IsWouldBlock())
+        return 0;
+    const int nErr = errno;
+    CM_WARNING_TRACE_THIS("CCmTransportTcp::Send_i, send() failed! fd=" << GetHandle() << " err=" << nErr);
+    SendFailed_i(nErr);
+    errno = nErr;
+    return -1;
+}
+
+// The system need not report what a send has met, so the loop does.
+CmResult CCmTransportTcp::SendFailed_i(int aError) {
+    if (m_bEndSent)
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    NoteFailure_i(aError, "send to");
+    m_bBroken = TRUE;
+    if (m_bOpen)
+        TellBroken_i();
+    return CM_ERROR_NETWORK_SOCKET_ERROR;
+}
+
+// Behind what can still be received, unless reading is paused: whatever would end the pause may never come.
+void CCmTransportTcp::TellBroken_i() { m_pReactor->NotifyHandler(this, m_bReadingPaused ? CLOSE_MASK : READ_MASK); }
+
+int CCmTransportTcp::OnInput(HANDLE) {
+    m_Est.EnsureSingleThread();
+    DWORD dwSize = m_dwReadSize;
+    char* pBuffer = talvo::GetNetworkBuffers()->GetRoom(dwSize);
+    const int nRecv = Recv_i(pBuffer, dwSize);
+    if (m_bBroken && nRecv <= 0)
+        return -1;
+    if (nRecv < 0)
+        return nRecv;
+    if (nRecv == 0)
+        return TellEnd_i();
+    if (m_bBroken)
+        TellBroken_i();  // what is left has its turn after this
+    const DWORD dwRecv = static_cast<DWORD>(nRecv);
+    m_Counters.m_ullBytesReceived += dwRecv;
+    ++m_Counters.m_ullReceives;
+    if (m_pSink) {
+        // The block covers what was received and no more: a duplicate must not copy what other connections left behind.
+        CCmMessageBlock block(dwRecv, pBuffer, CCmMessageBlock::DONT_DELETE, dwRecv);
+        m_pSink->OnReceive(block, this, nullptr);
+    }
+    return dwRecv == dwSize ? 0 : WOULD_BLOCK;
+}
+
+int CCmTransportTcp::OnOutput(HANDLE) {
+    m_Est.EnsureSingleThread();
+    if (!m_bNeedOnSend)
+        return 0;
+    m_bNeedOnSend = FALSE;
+    if (IsWriteOnDemand_i())
+        m_pReactor->RegisterHandler(this, GetMask_i());
+    if (m_pSink)
+        m_pSink->OnSend(this, nullptr);
+    return 0;
+}
+
+CmResult CCmTransportTcp::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
+    m_Est.EnsureSingleThread();
+    if (aPara)
+        aPara->m_dwHaveSent = 0;
+    if (GetHandle() == CM_INVALID_HANDLE) {
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::SendData, socket is invalid.");
+        return CM_ERROR_NOT_INITIALIZED;
+    }
+    talvo::CNetworkBuffers* pBuffers = talvo::GetNetworkBuffers();
+    if (!pBuffers)
+        return CM_ERROR_OUT_OF_MEMORY;
+    iovec* pIov = pBuffers->m_Iov;
+    const DWORD dwPieces = aData.FillIov(pIov, talvo::CNetworkBuffers::MAX_PIECES);
+    if (dwPieces == 0)
+        return CM_OK;
+    if (m_bEndSent || m_bBroken) {
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::SendData, sending has ended. m_bBroken=" << m_bBroken);
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    }
+    size_t stLength = 0;
+    for (DWORD i = 0; i < dwPieces; ++i)
+        stLength += pIov[i].iov_len;
+
+    ++m_Counters.m_ullSends;
+    const int nSent = m_SocketTcp.SendV(pIov, dwPieces);
+    if (nSent == -1) {
+        if (IsWouldBlock())
+            return PartialSend_i(FALSE);
+        const int nErr = errno;
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::SendData, sendv() failed! err=" << nErr);
+        return SendFailed_i(nErr);
+    }
+    const DWORD dwSent = static_cast<DWORD>(nSent);
+    m_Counters.m_ullBytesSent += dwSent;
+    if (aPara)
+        aPara->m_dwHaveSent = dwSent;
+    if (aData.AdvanceTopLevelReadPtr(dwSent) != CM_OK)
+        aData.AdvanceChainedReadPtr(dwSent);
+    if (dwSent < stLength)
+        return PartialSend_i(FALSE);
+    const BOOL bAll = dwPieces < talvo::CNetworkBuffers::MAX_PIECES || aData.GetChainedLength() == 0;
+    return bAll ? CM_OK : PartialSend_i(TRUE);
+}
+
+// aMoreRoom: the chain was cut, not the socket's buffer full, so no edge will come: the reactor is asked for the report.
+CmResult CCmTransportTcp::PartialSend_i(BOOL aMoreRoom) {
+    ++m_Counters.m_ullPartialSends;
+    m_bNeedOnSend = TRUE;
+    if (!m_bOpen)
+        return CM_ERROR_PARTIAL_DATA;  // opening reports what is ready
+    if (IsWriteOnDemand_i())
+        m_pReactor->RegisterHandler(this, GetMask_i());
+    if (aMoreRoom)
+        m_pReactor->NotifyHandler(this, WRITE_MASK);
+    return CM_ERROR_PARTIAL_DATA;
+}
+
+CmResult CCmTransportTcp::PauseReading_i(BOOL aPause) {
+    if (m_bReadingPaused == !!aPause)
+        return CM_OK;
+    m_bReadingPaused = !!aPause;
+    if (!m_bOpen)
+        return CM_OK;
+    const CmResult rv = m_pReactor->RegisterHandler(this, GetMask_i());
+    if (m_bBroken)
+        TellBroken_i();
+    return rv == CM_ERROR_FOUND ? CM_OK : rv;
+}
+
+CmResult CCmTransportTcp::EndSending_i() {
+    if (m_SocketTcp.CloseWriter() == -1)
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    m_bEndSent = TRUE;
+    return CM_OK;
+}
+
+CmResult CCmTransportTcp::SetReadSize_i(DWORD aSize) {
+    if (aSize < talvo::CTcpSettings::MIN_READ || aSize > talvo::CTcpSettings::MAX_READ)
+        return CM_ERROR_INVALID_ARG;
+    m_dwReadSize = aSize;
+    return CM_OK;
+}
+
+CmResult CCmTransportTcp::Detach_i(HANDLE aNewHandle) {
+    if (aNewHandle != CM_INVALID_HANDLE)
+        return CM_ERROR_INVALID_ARG;
+    if (GetHandle() != CM_INVALID_HANDLE)
+        RemoveFromReactor_i();
+    m_SocketTcp.SetHandle(CM_INVALID_HANDLE);
+    m_bOpen = FALSE;
+    return CM_OK;
+}
+
+CmResult CCmTransportTcp::IsAlive_i(BOOL& aAlive) const {
+    aAlive = FALSE;
+    if (GetHandle() == CM_INVALID_HANDLE)
+        return CM_ERROR_NOT_INITIALIZED;
+    char cPeek = 0;
+    const int nRecv = m_SocketTcp.Recv(&cPeek, 1, MSG_PEEK | MSG_DONTWAIT);
+    aAlive = nRecv > 0 || (nRecv == -1 && IsWouldBlock());
+    return CM_OK;
+}

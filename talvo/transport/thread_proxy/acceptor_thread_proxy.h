@@ -1,0 +1,55 @@
+// An acceptor of the network thread, used from another thread.
+#pragma once
+
+#include "talvo/transport/thread_proxy/indicating_proxy_core.h"
+
+namespace talvo {
+
+using CAcceptorFactory = CIndicatingProxyCoreT<ICmAcceptor>::Factory;
+
+// Each time it listens is a request of the user's.
+class TALVO_API CAcceptorProxyCore final : public CIndicatingProxyCoreT<ICmAcceptor> {
+public:
+    CAcceptorProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, CAcceptorFactory aFactory);
+    ~CAcceptorProxyCore() override;
+
+    CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen);
+    CmResult StopListen(CmResult aReason);
+    CmResult GetListenAddr(CCmInetAddr& aAddr);
+    void OnDrain(ECmDrainStage aStage) override;
+
+private:
+    CmResult StartListen_i(DWORD aListening, const CCmInetAddr& aAddrListen);
+    void Stop_i(ICmAcceptor& aAcceptor) override { aAcceptor.StopListen(CM_OK); }
+};
+
+}  // namespace talvo
+
+// What the connection manager hands to threads other than the network thread. Indications arrive in the thread that made the
+// proxy, with a CCmTransportThreadProxy each. StartListen, StopListen and GetListenAddr wait for the network thread;
+// the first and the last return CM_ERROR_NOT_AVAILABLE when it has ended. After StopListen or the last release no indication
+// arrives, even one that was already posted; a transport that it carried is closed.
+class TALVO_API CCmAcceptorThreadProxy final : public talvo::CThreadProxyT<ICmAcceptor, talvo::CAcceptorProxyCore>,
+                                               public talvo::CConnectOptions {
+public:
+    // Null: memory ran out.
+    static CCmRefPtrT<ICmAcceptor> Make(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType,
+                                        talvo::CAcceptorFactory aFactory) {
+        const auto pProxy = Make_i<CCmAcceptorThreadProxy>(aUser, aNetwork, aType, aFactory);
+        if (pProxy)
+            pProxy->m_pCore->SetProxy(pProxy.Get());
+        return CCmRefPtrT<ICmAcceptor>(pProxy.Get());
+    }
+
+    BOOL IsConnector() override { return FALSE; }
+    CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) override {
+        return m_pCore->StartListen(aSink, aAddrListen);
+    }
+    CmResult StopListen(CmResult aReason) override { return m_pCore->StopListen(aReason); }
+    CmResult GetListenAddr(CCmInetAddr& aAddr) override { return m_pCore->GetListenAddr(aAddr); }
+
+private:
+    using CThreadProxyT::CThreadProxyT;
+
+    CCmFailure GetFailure() const override { return m_pCore->GetFailure(); }
+};

@@ -1,0 +1,64 @@
+// A connector of the network thread, used from another thread.
+#pragma once
+
+#include <optional>
+
+#include "talvo/transport/thread_proxy/indicating_proxy_core.h"
+
+namespace talvo {
+
+using CConnectorFactory = CIndicatingProxyCoreT<ICmConnector>::Factory;
+
+// An attempt is a request of the user's.
+class TALVO_API CConnectorProxyCore final : public CIndicatingProxyCoreT<ICmConnector> {
+public:
+    CConnectorProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, CConnectorFactory aFactory);
+    ~CConnectorProxyCore() override;
+
+    void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout,
+                     CCmInetAddr* aAddrLocal);
+    void CancelConnect();
+    void OnThreadEnd() override;
+
+private:
+    void PostConnect_i(DWORD aAttempt, const CCmInetAddr& aPeer, const CCmTimeValue* aTimeout, const CCmInetAddr* aLocal);
+    void Connect_i(DWORD aAttempt, const CCmInetAddr& aPeer, std::optional<CCmTimeValue> aTimeout,
+                   std::optional<CCmInetAddr> aLocal);
+    void Cancel_i();
+    void Stop_i(ICmConnector& aConnector) override { aConnector.CancelConnect(); }
+
+    CCmFailure m_IfEnded;  // network thread; what its end would be for the attempt under way
+    std::atomic<BOOL> m_bCancelPosted{FALSE};
+    CEmbeddedEventT<CConnectorProxyCore, &CConnectorProxyCore::Cancel_i> m_CancelEvent{*this};
+};
+
+}  // namespace talvo
+
+// What the connection manager hands to threads other than the network thread. The indication arrives in the thread that made
+// the proxy, with a CCmTransportThreadProxy. After CancelConnect or the last release none arrives, even one that was already
+// posted; a transport that it carried is closed. When the network thread has ended, or ends, the reason is
+// CM_ERROR_NOT_AVAILABLE.
+class TALVO_API CCmConnectorThreadProxy final : public talvo::CThreadProxyT<ICmConnector, talvo::CConnectorProxyCore>,
+                                                public talvo::CConnectOptions {
+public:
+    // Null: memory ran out.
+    static CCmRefPtrT<ICmConnector> Make(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType,
+                                         talvo::CConnectorFactory aFactory) {
+        const auto pProxy = Make_i<CCmConnectorThreadProxy>(aUser, aNetwork, aType, aFactory);
+        if (pProxy)
+            pProxy->m_pCore->SetProxy(pProxy.Get());
+        return CCmRefPtrT<ICmConnector>(pProxy.Get());
+    }
+
+    BOOL IsConnector() override { return TRUE; }
+    void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
+                     CCmInetAddr* aAddrLocal = nullptr) override {
+        m_pCore->AsycConnect(aSink, aAddrPeer, aTimeout, aAddrLocal);
+    }
+    void CancelConnect() override { m_pCore->CancelConnect(); }
+
+private:
+    using CThreadProxyT::CThreadProxyT;
+
+    CCmFailure GetFailure() const override { return m_pCore->GetFailure(); }
+};

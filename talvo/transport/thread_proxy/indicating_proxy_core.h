@@ -1,0 +1,186 @@
+// What the cores of the connectors' and the acceptors' proxies share.
+#pragma once
+
+#include <atomic>
+#include <utility>
+
+#include "talvo/transport/connect_options.h"
+#include "talvo/transport/thread_proxy/transport_thread_proxy.h"
+
+namespace talvo {
+
+// Inner, ICmConnector or ICmAcceptor, is what stands in the network thread: made by a factory when it is first needed, and
+// hosted from then on until the user lets go or that thread ends.
+//
+// What the user asks for has a number; an indication of another request than the current one is dropped. A request is current
+// as long as there is a sink: a connector's until its one indication, an acceptor's until it is stopped.
+template <class Inner>
+class CIndicatingProxyCoreT : public CProxyCore, public ICmAcceptorConnectorSink {
+public:
+    // Makes the object behind a proxy, in the network thread: one reference for the caller.
+    using Factory = CmResult (*)(DWORD aType, Inner*& aInner);
+
+    void SetProxy(Inner* aProxy) { m_pProxy = aProxy; }
+    void Abandon() override {
+        End();
+        PostLetGo();
+    }
+
+    // From the connector or acceptor, in the network thread.
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
+        CCmRefPtrT<ICmTransport> pProxy;
+        if (aTrpt)
+            pProxy = CCmTransportThreadProxy::Make(aTrpt, GetUser(), GetNetwork(), m_dwType);
+        if (aTrpt && !pProxy) {
+            aReason = CM_ERROR_OUT_OF_MEMORY;
+            if (!m_bOnce)
+                return;  // an acceptor indicates no failure; the connection closes
+        }
+        PostIndication(m_bOnce ? std::exchange(m_dwRunning, 0) : m_dwRunning, aReason, std::move(pProxy),
+                       aReason == CM_OK ? CCmFailure() : GetConnectFailure(m_pInner.Get()));
+    }
+    void OnThreadEnd() override { LetGo_i(); }
+
+    // Any thread. Of the last request that was begun.
+    CCmFailure GetFailure() {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        return m_Failure;
+    }
+
+protected:
+    CIndicatingProxyCoreT(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, Factory aFactory, BOOL aOnce)
+        : CProxyCore(aUser, aNetwork), m_dwType(aType), m_Factory(aFactory), m_bOnce(aOnce) {}
+
+    // Any thread. CM_ERROR_ALREADY_INITIALIZED: a request is current. CM_ERROR_INVALID_ARG: aSink is null.
+    CmResult Begin(ICmAcceptorConnectorSink* aSink, DWORD& aRequest) {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        if (m_pSink)
+            return CM_ERROR_ALREADY_INITIALIZED;
+        if (!aSink)
+            return CM_ERROR_INVALID_ARG;
+        m_pSink = aSink;
+        m_Failure = {};
+        aRequest = ++m_dwRequest;
+        return CM_OK;
+    }
+    // Any thread. FALSE: none was current.
+    BOOL End() {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        ++m_dwRequest;
+        return std::exchange(m_pSink, nullptr) != nullptr;
+    }
+    // Any thread.
+    BOOL IsCurrent(DWORD aRequest) {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        return aRequest == m_dwRequest;
+    }
+    // Any thread: ends the network thread's side, for which no memory is needed.
+    void PostLetGo() {
+        if (!m_bLetGoPosted.exchange(TRUE))
+            m_LetGoEvent.Post(GetNetwork());
+    }
+    // Any thread. Nothing is noted for a request that is not current any more.
+    void NoteFailure(DWORD aRequest, const CCmFailure& aFailure) {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        if (aRequest == m_dwRequest)
+            m_Failure = aFailure;
+    }
+    // Any thread. The failure can be read before the indication arrives.
+    void PostIndication(DWORD aRequest, CmResult aReason, CCmRefPtrT<ICmTransport> aTransport, const CCmFailure& aFailure) {
+        NoteFailure(aRequest, aFailure);
+        const CIndication indication{aRequest, aReason, std::move(aTransport)};
+        if (aReason != CM_OK && !m_bOnce)
+            return;
+        const CmResult rv =
+            GetUser().Post([indication, pThis = CCmRefPtrT<CIndicatingProxyCoreT>(this)] { pThis->Indicate_i(indication); });
+        if (rv == CM_ERROR_INVALID_ARG && m_bOnce)
+            PostSpare_i(indication);
+    }
+
+    // Network thread: sees that there is an inner object. On failure there is none.
+    CmResult Make_i() {
+        if (m_pInner)
+            return CM_OK;
+        CmResult rv = m_Factory(m_dwType, m_pInner.ParaOut());
+        if (rv == CM_OK && !Host_i())
+            rv = CM_ERROR_NOT_AVAILABLE;
+        if (rv != CM_OK)
+            m_pInner.Reset();
+        return rv;
+    }
+    // Network thread: the end of its side; may delete this object.
+    void LetGo_i() {
+        const CCmRefPtrT<Inner> pInner = std::move(m_pInner);
+        m_dwRunning = 0;
+        if (!pInner)
+            return;
+        Stop_i(*pInner);
+        Leave_i();
+    }
+    virtual void Stop_i(Inner& aInner) = 0;
+
+    // Network thread only.
+    CCmRefPtrT<Inner> m_pInner;
+    DWORD m_dwRunning = 0;  // the request under way, 0 for none
+
+private:
+    struct CIndication {
+        DWORD m_dwRequest = 0;
+        CmResult m_Reason = CM_OK;
+        CCmRefPtrT<ICmTransport> m_pTransport;
+    };
+
+    // Without memory for an event: a connector's request has one in reserve, so that its indication is not lost. What waits
+    // there for a request that is over makes room. An acceptor's connection is closed instead.
+    void PostSpare_i(CIndication aIndication) {
+        {
+            CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+            std::swap(m_Spare, aIndication);
+            if (std::exchange(m_bSparePosted, TRUE))
+                return;
+        }
+        m_SpareEvent.Post(GetUser());
+    }
+    CIndication TakeSpare_i() {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        m_bSparePosted = FALSE;
+        return std::exchange(m_Spare, {});
+    }
+    void OnSpare() { Indicate_i(TakeSpare_i()); }
+    void OnSpareDropped() { TakeSpare_i(); }
+
+    void OnLetGo() {
+        m_bLetGoPosted = FALSE;
+        LetGo_i();
+    }
+    // User's thread.
+    void Indicate_i(const CIndication& aIndication) {
+        if (ICmAcceptorConnectorSink* pSink = SinkOf(aIndication.m_dwRequest))
+            pSink->OnConnectIndication(aIndication.m_Reason, aIndication.m_pTransport.Get(), m_pProxy);
+    }
+    ICmAcceptorConnectorSink* SinkOf(DWORD aRequest) {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        if (aRequest != m_dwRequest)
+            return nullptr;
+        return m_bOnce ? std::exchange(m_pSink, nullptr) : m_pSink;
+    }
+
+    const DWORD m_dwType;
+    const Factory m_Factory;
+    const BOOL m_bOnce;         // an indication ends the request
+    Inner* m_pProxy = nullptr;  // the handle, for upcalls: alive while there is a sink
+
+    std::atomic<BOOL> m_bLetGoPosted{FALSE};
+    CEmbeddedEventT<CIndicatingProxyCoreT, &CIndicatingProxyCoreT::OnLetGo> m_LetGoEvent{*this};
+
+    CCmMutexThread m_Mutex;
+    ICmAcceptorConnectorSink* m_pSink CM_GUARDED_BY(m_Mutex) = nullptr;  // not owned
+    DWORD m_dwRequest CM_GUARDED_BY(m_Mutex) = 0;
+    CCmFailure m_Failure CM_GUARDED_BY(m_Mutex);  // of the current request
+    CIndication m_Spare CM_GUARDED_BY(m_Mutex);
+    BOOL m_bSparePosted CM_GUARDED_BY(m_Mutex) = FALSE;
+    CEmbeddedEventT<CIndicatingProxyCoreT, &CIndicatingProxyCoreT::OnSpare, &CIndicatingProxyCoreT::OnSpareDropped>
+        m_SpareEvent{*this};
+};
+
+}  // namespace talvo

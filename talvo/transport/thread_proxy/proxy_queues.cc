@@ -1,0 +1,160 @@
+#include "talvo/transport/thread_proxy/proxy_queues.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace talvo {
+
+namespace {
+
+using Guard = CCmMutexGuardT<CCmMutexThread>;
+
+constexpr uint64_t HURRY_STEP = 32 * 1024;  // bytes: enough to pay for a wake-up, too little to be late
+
+// What is to be taken over: null, and TRUE, when a copy will do. FALSE: memory ran out.
+BOOL DuplicateUnlessSmall(const CCmMessageBlock& aData, DWORD aLength, BOOL aMayCopy, CCmMessageBlock*& aChain) {
+    aChain = nullptr;
+    if (aMayCopy && aLength <= CMessageList::MAX_COPIED)
+        return TRUE;
+    aChain = aData.DuplicateChained();
+    return aChain != nullptr;
+}
+
+// FALSE: memory ran out, and aChain is gone.
+BOOL AddTo(CMessageList& aList, CCmMessageBlock* aChain, const CCmMessageBlock& aData, DWORD aLength) {
+    if (!aChain)
+        return aList.AddCopy(aData, aLength);
+    if (aList.Add(aChain))
+        return TRUE;
+    aChain->DestroyChained();
+    return FALSE;
+}
+
+}  // namespace
+
+DWORD CountBlocks(const CCmMessageBlock& aChain) {
+    DWORD dwBlocks = 0;
+    for (const CCmMessageBlock* pMb = &aChain; pMb; pMb = pMb->GetNext())
+        ++dwBlocks;
+    return dwBlocks;
+}
+
+DWORD CProxySendQueue::GetMostBlocks_l() const { return std::max(m_Limit.Get(), CProxyLimit::DEFAULT) / BYTES_A_BLOCK; }
+
+void CProxySendQueue::SetLimit(DWORD aLimit) {
+    Guard guard(m_Mutex);
+    m_Limit.Set(aLimit);
+}
+
+void CProxySendQueue::GrowLimit(DWORD aBuffer) {
+    Guard guard(m_Mutex);
+    m_Limit.Grow(aBuffer);
+}
+
+DWORD CProxySendQueue::GetLimit() {
+    Guard guard(m_Mutex);
+    return m_Limit.Get();
+}
+
+CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aTell,
+                               BOOL& aHurry) {
+    CCmMessageBlock* pChain = nullptr;
+    if (!DuplicateUnlessSmall(aData, aLength, aMayCopy, pChain))
+        return CM_ERROR_OUT_OF_MEMORY;
+    const DWORD dwBlocks = pChain ? CountBlocks(*pChain) : 0;
+    Guard guard(m_Mutex);
+    if (m_bClosed || m_ullWaiting > m_Limit.Get() || m_ullBlocks > GetMostBlocks_l()) {
+        m_bRefused = TRUE;
+        if (pChain)
+            pChain->DestroyChained();
+        return m_bClosed ? CM_ERROR_NULL_POINTER : CM_ERROR_PARTIAL_DATA;
+    }
+    if (!AddTo(m_Messages, pChain, aData, aLength))
+        return CM_ERROR_OUT_OF_MEMORY;
+    m_ullWaiting += aCost;
+    m_ullBlocks += dwBlocks;
+    m_ullQuiet += aCost;
+    aHurry = m_ullQuiet >= HURRY_STEP;
+    if (aHurry)
+        m_ullQuiet = 0;
+    aTell = !std::exchange(m_bTold, TRUE);
+    return CM_OK;
+}
+
+BOOL CProxySendQueue::Take(CMessageList& aMessages) {
+    Guard guard(m_Mutex);
+    aMessages.Swap(m_Messages);
+    m_ullQuiet = 0;
+    m_bTold = !aMessages.IsEmpty();
+    return m_bTold;
+}
+
+BOOL CProxySendQueue::Sent(uint64_t aCost, DWORD aBlocks) {
+    Guard guard(m_Mutex);
+    m_ullWaiting -= aCost;
+    m_ullBlocks -= aBlocks;
+    if (!m_bRefused || m_ullWaiting > m_Limit.Get() / 2 || m_ullBlocks > GetMostBlocks_l() / 2)
+        return FALSE;
+    m_bRefused = FALSE;
+    return TRUE;
+}
+
+void CProxySendQueue::Close() {
+    Guard guard(m_Mutex);
+    m_bClosed = TRUE;
+}
+
+uint64_t CProxySendQueue::GetWaiting() {
+    Guard guard(m_Mutex);
+    return m_ullWaiting;
+}
+
+void CProxyReceiveQueue::SetLimit(DWORD aLimit) {
+    Guard guard(m_Mutex);
+    m_Limit.Set(aLimit);
+}
+
+void CProxyReceiveQueue::GrowLimit(DWORD aBuffer) {
+    Guard guard(m_Mutex);
+    m_Limit.Grow(aBuffer);
+}
+
+DWORD CProxyReceiveQueue::GetLimit() {
+    Guard guard(m_Mutex);
+    return m_Limit.Get();
+}
+
+CmResult CProxyReceiveQueue::Push(const CCmMessageBlock& aChunk, DWORD aLength, BOOL aMayCopy, BOOL& aStop) {
+    CCmMessageBlock* pChain = nullptr;
+    if (!DuplicateUnlessSmall(aChunk, aLength, aMayCopy, pChain))
+        return CM_ERROR_OUT_OF_MEMORY;
+    Guard guard(m_Mutex);
+    if (!AddTo(m_Chunks, pChain, aChunk, aLength))
+        return CM_ERROR_OUT_OF_MEMORY;
+    m_ullWaiting += uint64_t{aLength} + CHUNK_COST;
+    aStop = !m_bStopped && m_ullWaiting > m_Limit.Get();
+    m_bStopped = m_bStopped || aStop;
+    return CM_OK;
+}
+
+BOOL CProxyReceiveQueue::Take(CMessageList& aChunks) {
+    Guard guard(m_Mutex);
+    aChunks.Swap(m_Chunks);
+    return !aChunks.IsEmpty();
+}
+
+BOOL CProxyReceiveQueue::Taken(uint64_t aCost) {
+    Guard guard(m_Mutex);
+    m_ullWaiting -= aCost;
+    if (!m_bStopped || m_ullWaiting > m_Limit.Get() / 2)
+        return FALSE;
+    m_bStopped = FALSE;
+    return TRUE;
+}
+
+BOOL CProxyReceiveQueue::IsStopped() {
+    Guard guard(m_Mutex);
+    return m_bStopped;
+}
+
+}  // namespace talvo

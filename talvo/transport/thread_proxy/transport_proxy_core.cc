@@ -1,0 +1,444 @@
+// The half in the network thread; the user's half stands in transport_proxy_core_user.cc.
+#include "talvo/transport/thread_proxy/transport_proxy_core.h"
+
+#include <utility>
+
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+#include "talvo/event/thread_linger.h"
+#include "talvo/event/thread_manager.h"
+#include "talvo/transport/tcp_settings.h"
+
+namespace talvo {
+
+namespace {
+
+CCmLiveCounter s_Live("CCmTransportThreadProxy");
+
+constexpr DWORD STREAM_TYPE_MASK = 0xFFF0FFFF;  // base type and protocol, without the thread flags
+constexpr DWORD PROTOCOL_MASK = 0xFFF00000;
+constexpr DWORD TELL_SENT_STEP = 64 * 1024;  // bytes: a lock for each message would be dear, and the whole batch a long wait
+constexpr uint64_t LOOK_STEP = 1 << 20;      // bytes between two looks at the socket's buffers
+constexpr DWORD TYPE_FLAG_HIGH = 0x20000;
+constexpr DWORD TYPE_FLAG_LOW = 0x10000;
+constexpr const char* THREAD_ENDED = "the network thread has ended";
+constexpr const char* CUT_OFF = "not all was sent when the time was over";
+constexpr const char* OUT_OF_MEMORY = "out of memory";
+constexpr long LINGER_LOOK_USEC = 10000;  // between two looks whether the peer has everything
+
+// The last block of a chain, and how many there are.
+std::pair<CCmMessageBlock*, DWORD> EndOf(CCmMessageBlock* aChain) {
+    DWORD dwBlocks = 1;
+    while (aChain->GetNext()) {
+        aChain = aChain->GetNext();
+        ++dwBlocks;
+    }
+    return {aChain, dwBlocks};
+}
+
+}  // namespace
+
+CTransportProxyCore::CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType)
+    : CProxyCore(aUser, aNetwork),
+      m_dwType(aType),
+      m_bStream((aType & STREAM_TYPE_MASK) == CM_TRANSPORT_TYPE_TCP),
+      m_bDatagrams((aType & STREAM_TYPE_MASK) == CM_TRANSPORT_TYPE_UDP),
+      m_bProtocol((aType & PROTOCOL_MASK) != 0),
+      m_pTransport(aTransport) {
+    ++s_Live;
+}
+
+CTransportProxyCore::~CTransportProxyCore() { --s_Live; }
+
+void CTransportProxyCore::Start(ICmTransport* aProxy) {
+    m_pProxy = aProxy;
+    ReadAddresses_i();
+    BOOL bLayered = TRUE;
+    m_pTransport->SetOption(CM_OPT_TRANSPORT_LAYERED, &bLayered);
+    if (!Host_i()) {
+        LostHere_i(CM_ERROR_NETWORK_SOCKET_CLOSE, THREAD_ENDED);
+        return;
+    }
+    if (m_bStream) {
+        AskForLargeReads(*m_pTransport);
+        ReadReadSize_i();
+    }
+    if (!m_bProtocol)
+        return;
+    ReadMaxMessage_i();
+    Open_i();
+}
+
+void CTransportProxyCore::ReadAddresses_i() {
+    CCmInetAddr addr;
+    if (m_pTransport->GetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &addr) == CM_OK)
+        m_LocalAddr.Store(addr);
+    if (m_pTransport->GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &addr) == CM_OK)
+        m_PeerAddr.Store(addr);
+    DWORD dwType = 0;
+    if (m_pTransport->GetOption(CM_OPT_TRANSPORT_TRAN_TYPE, &dwType) == CM_OK)
+        m_dwTransportType = dwType | (m_dwType & TYPE_FLAG_HIGH ? TYPE_FLAG_HIGH : m_dwType & TYPE_FLAG_LOW);
+}
+
+void CTransportProxyCore::ReadReadSize_i() {
+    DWORD dwSize = 0;
+    if (m_pTransport && m_pTransport->GetOption(CM_OPT_TRANSPORT_READ_SIZE, &dwSize) == CM_OK)
+        m_dwReadSize = dwSize;
+}
+
+// Looks from time to time how large the system has made the socket's buffers, half of which is payload: a queue that holds less
+// than the way to the peer would be what limits a long one.
+void CTransportProxyCore::Moved_i(uint64_t aBytes) {
+    m_ullMoved += aBytes;
+    if (m_ullMoved < LOOK_STEP || !(m_dwTransportType & CM_TRANSPORT_TYPE_TCP) || !m_pTransport)
+        return;
+    m_ullMoved = 0;
+    int nBytes = 0;
+    if (m_pTransport->GetOption(CM_OPT_TRANSPORT_SNDBUF, &nBytes) == CM_OK)
+        m_SendQueue.GrowLimit(static_cast<DWORD>(nBytes / 2));
+    if (m_pTransport->GetOption(CM_OPT_TRANSPORT_RCVBUF, &nBytes) == CM_OK)
+        m_ReceiveQueue.GrowLimit(static_cast<DWORD>(nBytes / 2));
+}
+
+void CTransportProxyCore::Open_i() {
+    if (!m_pTransport)
+        return;
+    m_bOpened = TRUE;
+    const CmResult rv = m_pTransport->OpenWithSink(this);
+    if (rv != CM_OK)
+        LostHere_i(rv, "the connection could not be opened");
+}
+
+void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
+    if (m_pLingerTimers)
+        return;
+    BOOL bStop = FALSE;
+    const DWORD dwLength = aData.GetChainedLength();
+    const CmResult rv = m_ReceiveQueue.Push(aData, dwLength, m_bProtocol, bStop);
+    if (rv != CM_OK && m_bDatagrams)
+        return;
+    if (rv != CM_OK) {
+        LostHere_i(rv, OUT_OF_MEMORY);  // a stream with a hole in it would be worse
+        return;
+    }
+    Moved_i(dwLength);
+    if (bStop)
+        ApplyReading_i();
+    if (m_bStream && dwLength < m_dwReadSize)
+        Tell_i();  // the last one of its report
+    else if (!m_bUpcallPosted && !std::exchange(m_bTellPosted, TRUE))
+        m_TellEvent.Post(GetNetwork());
+}
+
+// One report may bring many messages or reads: the user is told behind the last, with an event of this thread's own, and finds
+// them all.
+void CTransportProxyCore::TellReceived_i() {
+    m_bTellPosted = FALSE;
+    Tell_i();
+}
+
+void CTransportProxyCore::Tell_i() {
+    if (PostUpcall_i() == CM_OK || !m_pTransport)
+        return;
+    m_bClosed = TRUE;  // the user's thread has ended
+    EndWith_i(CM_OK);
+}
+
+void CTransportProxyCore::OnSend(ICmTransport*, CCmTransportParameter*) {
+    m_bRoomMeanwhile = m_bDraining;
+    if (!m_bDraining)
+        Drain();
+}
+
+void CTransportProxyCore::OnDisconnect(CmResult aReason, ICmTransport* aTrptId) {
+    CCmFailure failure;
+    aTrptId->GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure);
+    Lost_i(aReason, failure);
+}
+
+// One batch a call, so that a user who sends all the time leaves the others their turn.
+void CTransportProxyCore::Drain() {
+    if (!m_pTransport)
+        return;
+    const CCmRefPtrT<CProxyCore> pKeep(this);  // a send may end the connection, and with it all that holds the two
+    const CCmRefPtrT<ICmTransport> pTransport = m_pTransport;
+    m_bDraining = TRUE;
+    m_bRoomMeanwhile = FALSE;
+    const CmResult rv = SendWaiting_i();
+    m_bDraining = FALSE;
+    if (!m_pTransport) {
+        ForgetUnsent_i();
+        return;
+    }
+    if (m_bProtocol && rv == CM_ERROR_OUT_OF_MEMORY)
+        LostHere_i(rv, OUT_OF_MEMORY);  // no OnSend would follow
+    else if (rv == CM_OK ? TakeBatch_i() : m_bRoomMeanwhile)
+        m_DrainEvent.Post(GetNetwork());
+    else if (rv == CM_OK && m_pLingerTimers && GetUnacknowledged_i() == 0)
+        LetGo_i(CM_OK);
+    else if (rv != CM_OK && rv != CM_ERROR_PARTIAL_DATA && m_pLingerTimers)
+        LetGo_i(rv);
+    else if (rv == CM_OK && m_bEndSending)
+        SetInnerOption_i(CM_OPT_TRANSPORT_END_SENDING, &m_bEndSending);
+}
+
+void CTransportProxyCore::EndSending_i() {
+    m_bEndSending = TRUE;
+    Drain();
+}
+
+// CM_OK: all that waited here has gone. Otherwise OnSend or OnDisconnect follows, or the latter has been already.
+CmResult CTransportProxyCore::SendWaiting_i() {
+    if (!m_pUnsent && m_Sending.IsEmpty())
+        TakeBatch_i();
+    const BOOL bCork = m_bProtocol && m_Sending.HasSeveral();
+    if (bCork)
+        Cork_i(TRUE);
+    CmResult rv = CM_OK;
+    while (rv == CM_OK && m_pTransport && (m_pUnsent || !m_Sending.IsEmpty())) {
+        rv = m_bStream ? SendJoined_i() : SendMessage_i();
+        if (m_ullGone >= TELL_SENT_STEP)
+            TellSent_i();
+    }
+    if (bCork)
+        Cork_i(FALSE);
+    TellSent_i();
+    return rv;
+}
+
+BOOL CTransportProxyCore::TakeBatch_i() { return m_SendQueue.Take(m_Sending); }
+
+// On a stream everything that waits is joined, as far as one call of the transport takes it.
+CCmMessageBlock* CTransportProxyCore::JoinWaiting_i() {
+    CCmMessageBlock* pHead = m_Sending.TakeChain();
+    auto [pTail, dwBlocks] = EndOf(pHead);
+    while (!m_Sending.IsEmpty()) {
+        const auto [pNextTail, dwNextBlocks] = EndOf(&m_Sending.Front());
+        if (dwBlocks + dwNextBlocks > CNetworkBuffers::MAX_PIECES)
+            break;
+        pTail->Append(m_Sending.TakeChain());
+        pTail = pNextTail;
+        dwBlocks += dwNextBlocks;
+    }
+    m_dwUnsentBlocks = dwBlocks;
+    return pHead;
+}
+
+CmResult CTransportProxyCore::SendJoined_i() {
+    if (!m_pUnsent)
+        m_pUnsent = JoinWaiting_i();
+    CCmTransportParameter para;
+    const CmResult rv = m_pTransport->SendData(*m_pUnsent, &para);
+    m_ullGone += para.m_dwHaveSent;
+    m_pUnsent = m_pUnsent->ReclaimGarbage();
+    if (!m_pUnsent)
+        m_dwGoneBlocks += m_dwUnsentBlocks;
+    return rv;
+}
+
+CmResult CTransportProxyCore::SendMessage_i() {
+    CCmMessageBlock& message = m_Sending.Front();
+    const DWORD dwLength = message.GetChainedLength();
+    const DWORD dwBlocks = m_Sending.IsFrontCopied() ? 0 : CountBlocks(message);
+    CCmTransportParameter para;
+    const CmResult rv = m_pTransport->SendData(message, &para);
+    if (rv != CM_OK && !IsDropped_i(rv)) {
+        if (!m_bDatagrams)
+            m_ullGone += dwLength - message.GetChainedLength();
+        return rv;
+    }
+    if (rv != CM_OK && m_bProtocol) {  // somebody has lowered a limit in the network thread
+        CM_ERROR_TRACE_THIS("CTransportProxyCore::SendMessage_i, message too long for the connection, lost. len=" << dwLength);
+    }
+    m_ullGone += CostOf_i(dwLength);
+    m_dwGoneBlocks += dwBlocks;
+    m_Sending.Pop();
+    return CM_OK;
+}
+
+// Whether a result says that this one can never go out, or is lost, and the next goes on.
+BOOL CTransportProxyCore::IsDropped_i(CmResult aResult) const {
+    if (m_bProtocol)
+        return aResult == CM_ERROR_INVALID_ARG;
+    return m_bDatagrams && aResult != CM_OK && aResult != CM_ERROR_PARTIAL_DATA;
+}
+
+void CTransportProxyCore::Cork_i(BOOL aCork) {
+    if (m_pTransport)
+        m_pTransport->SetOption(CM_OPT_TRANSPORT_CORK, &aCork);
+}
+
+void CTransportProxyCore::TellSent_i() {
+    if (m_ullGone == 0)
+        return;
+    Moved_i(m_ullGone);
+    if (!m_SendQueue.Sent(std::exchange(m_ullGone, 0), std::exchange(m_dwGoneBlocks, 0)))
+        return;
+    m_bOnSendDue = TRUE;
+    PostUpcall_i();
+}
+
+// Whoever does not answer has no limit.
+void CTransportProxyCore::ReadMaxMessage_i() {
+    DWORD dwMax = 0;
+    const CmResult rv = m_pTransport->GetOption(CM_OPT_TRANSPORT_MAX_MESSAGE, &dwMax);
+    m_dwMaxMessage = rv == CM_OK ? dwMax : NO_LIMIT;
+}
+
+void CTransportProxyCore::ApplyReading_i() {
+    BOOL bPause = !m_pLingerTimers && (m_bPausedByUser || m_ReceiveQueue.IsStopped());
+    if (!m_pTransport || bPause == m_bReadingPaused)
+        return;
+    m_bReadingPaused = bPause;
+    m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);
+}
+
+// What the peer's system has not acknowledged would be lost by closing while it sends: its bytes, unread here, would be
+// answered with a reset.
+DWORD CTransportProxyCore::GetUnacknowledged_i() {
+    DWORD dwBytes = 0;
+    return m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK ? dwBytes : 0;
+}
+
+void CTransportProxyCore::ApplyReadingAnew_i() {
+    m_bApplyReadingPosted = FALSE;
+    ApplyReading_i();
+}
+
+void CTransportProxyCore::EndWith_i(CmResult aReason) {
+    if (!m_pTransport || m_pLingerTimers)
+        return;
+    if (aReason == CM_OK && HasUnsent_i())
+        Linger_i();
+    else
+        LetGo_i(aReason);
+}
+
+void CTransportProxyCore::Linger_i() {
+    const CCmTimeValue tvTime = GetLingerTime();
+    m_tvLingerEnd = CCmTimeValue::GetTimeOfDay() + tvTime;
+    ICmTimerQueue* pTimers = CCmThreadManager::Instance()->GetThreadTimerQueue(CCmThreadManager::TT_CURRENT);
+    const CmResult rv = pTimers ? pTimers->ScheduleTimer(this, nullptr, CCmTimeValue(0, LINGER_LOOK_USEC), 0) : CM_OK;
+    if (!pTimers || (rv != CM_OK && rv != CM_ERROR_FOUND)) {
+        LetGo_i(CM_OK);
+        return;
+    }
+    m_pLingerTimers = pTimers;
+    ApplyReading_i();  // a peer that closes meanwhile has to be noticed
+    if (!m_bOpened)
+        Open_i();
+}
+
+void CTransportProxyCore::OnTimeout(const CCmTimeValue& aCurTime, void*) {
+    const BOOL bOver = aCurTime >= m_tvLingerEnd;
+    if (!HasUnsent_i())
+        LetGo_i(CM_OK);
+    else if (bOver) {
+        CM_WARNING_TRACE_THIS("CTransportProxyCore::OnTimeout, data unsent when closing.");
+        LetGo_i(CM_ERROR_TIMEOUT);
+    }
+}
+
+// As the user's Disconnect(CM_OK), and the user is told.
+void CTransportProxyCore::EndInOrder_i() {
+    m_SendQueue.Close();
+    TellLost_i(CM_ERROR_NETWORK_SOCKET_CLOSE, CCmFailure());
+    EndWith_i(CM_OK);
+}
+
+// A drain has a limit of its own, which holds for what lingers already as well.
+void CTransportProxyCore::OnDrain(ECmDrainStage aStage) {
+    if (!m_pTransport)
+        return;
+    const CCmRefPtrT<CProxyCore> pKeep(this);
+    const BOOL bClose = aStage == ECmDrainStage::CLOSE;
+    const BOOL bCut = aStage == ECmDrainStage::CUT;
+    if (bCut && (m_pLingerTimers || HasUnsent_i()))
+        LostHere_i(CM_ERROR_NETWORK_SOCKET_CLOSE, CUT_OFF);
+    else if ((bClose || bCut) && !m_pLingerTimers)
+        EndInOrder_i();
+    else if (aStage == ECmDrainStage::LINGER && !m_pLingerTimers)
+        OnThreadEnd();
+    if (bClose)
+        m_tvLingerEnd = CCmTimeValue::s_tvMax;
+}
+
+void CTransportProxyCore::AddUndrained(CCmUndrained& aLeft) {
+    if (!m_pTransport)
+        return;
+    ++aLeft.m_dwConnections;
+    aLeft.m_dwLingering += m_pLingerTimers ? 1 : 0;
+    aLeft.m_ullBytes += m_SendQueue.GetWaiting() + GetUnacknowledged_i();
+}
+
+void CTransportProxyCore::TellLost_i(CmResult aReason, const CCmFailure& aFailure) {
+    m_bClosed = TRUE;
+    if (m_bLost)
+        return;
+    m_LostReason = aReason;
+    m_Failure = aFailure;
+    m_bLost = TRUE;
+    PostUpcall_i();
+}
+
+// The transport is of no use any more, and the user has not asked for that.
+void CTransportProxyCore::Lost_i(CmResult aReason, const CCmFailure& aFailure) {
+    TellLost_i(aReason, aFailure);
+    LetGo_i(aReason);
+}
+
+void CTransportProxyCore::LostHere_i(CmResult aReason, const char* aText) {
+    CCmInetAddr addrPeer;
+    m_PeerAddr.Load(addrPeer);
+    Lost_i(aReason, CCmFailure(CM_FAILURE_LOCAL, aText, "keep the connection with", addrPeer));
+}
+
+void CTransportProxyCore::OnThreadEnd() {
+    const CCmRefPtrT<CProxyCore> pKeep(this);
+    Drain();  // what the socket still takes goes out
+    if (m_pTransport)
+        LostHere_i(CM_ERROR_NETWORK_SOCKET_CLOSE, THREAD_ENDED);
+}
+
+// The end of the network side; may delete this object.
+void CTransportProxyCore::LetGo_i(CmResult aReason) {
+    const CCmRefPtrT<ICmTransport> pTransport = std::move(m_pTransport);
+    if (!pTransport)
+        return;
+    if (m_pLingerTimers)
+        m_pLingerTimers->CancelTimer(this);
+    if (!m_bDraining)  // what is just being sent stays until that has returned
+        ForgetUnsent_i();
+    pTransport->Disconnect(aReason);
+    Leave_i();
+}
+
+void CTransportProxyCore::ForgetUnsent_i() {
+    if (CCmMessageBlock* pUnsent = std::exchange(m_pUnsent, nullptr))
+        pUnsent->DestroyChained();
+    m_Sending.Clear();
+}
+
+CmResult CTransportProxyCore::SetInnerOption_i(DWORD aCommand, void* aArg) {
+    if (!m_pTransport)
+        return CM_ERROR_NULL_POINTER;
+    const CCmRefPtrT<ICmTransport> pTransport = m_pTransport;
+    const CmResult rv = pTransport->SetOption(aCommand, aArg);
+    if (m_bProtocol && m_pTransport)
+        ReadMaxMessage_i();
+    if (aCommand == CM_OPT_TRANSPORT_READ_SIZE)
+        ReadReadSize_i();
+    return rv;
+}
+
+CmResult CTransportProxyCore::GetInnerOption_i(DWORD aCommand, void* aArg) {
+    if (!m_pTransport)
+        return CM_ERROR_NULL_POINTER;
+    if (aCommand == CM_OPT_TRANSPORT_INNER_TRANSPORT) {
+        *static_cast<ICmTransport**>(aArg) = m_pTransport.Get();
+        return CM_OK;
+    }
+    return m_pTransport->GetOption(aCommand, aArg);
+}
+
+}  // namespace talvo

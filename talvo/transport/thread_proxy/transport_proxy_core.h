@@ -1,0 +1,166 @@
+// The inside of the transport thread proxy.
+#pragma once
+
+#include <atomic>
+
+#include "talvo/event/timer_queue.h"
+#include "talvo/transport/atomic_addr.h"
+#include "talvo/transport/network_buffers.h"
+#include "talvo/transport/thread_proxy/proxy_core.h"
+#include "talvo/transport/thread_proxy/proxy_queues.h"
+#include "talvo/transport/transport_interface.h"
+
+namespace talvo {
+
+//  user's thread                     this object                        network thread
+//
+//  SendData ------ keep -----> [send queue, bytes bounded] -- drain --> transport.SendData
+//  OnReceive <--- upcall ----- [receive queue, bytes bounded] <-------- transport's OnReceive
+//
+// A queue keeps a duplicate of what it is given or, of a small message for a protocol connection, a copy.
+//
+// Each direction has one event, which is posted when its queue gets something to do and nobody is on the way already: a burst
+// costs one wake-up. What is refused in the network thread, or by a full queue, is told with OnSend when half of it has gone.
+//
+// What a batch that was drained becomes depends on the connection type: a raw stream gets it joined, up to 64 pieces a call,
+// a raw flow of datagrams one by one, taken or lost whole, and a protocol connection one message a call, corked when there are
+// several. A protocol connection may do anything inside such a call, OnSend and OnDisconnect included.
+//
+// A protocol connection is opened in the network thread as soon as the proxy is made, since it delivers to nobody what arrives
+// without a sink. What comes, the end included, stays in the receive queue until the user has opened the proxy.
+//
+// Network side: hosted while it holds the transport. Leaving ends it: Disconnect, the peer's close, the thread's end. A
+// Disconnect(CM_OK) with bytes unsent or not acknowledged lingers first, for a bounded time, without a sink and dropping what
+// comes in.
+class TALVO_API CTransportProxyCore final : public CProxyCore, public ICmTransportSink, public ICmTimerHandler {
+public:
+    // In the network thread, which keeps aTransport. aType: the connection type.
+    CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType);
+    ~CTransportProxyCore() override;
+
+    // The same thread, when the handle holds this object: from here on the transport may speak.
+    void Start(ICmTransport* aProxy);
+
+    // The proxy's operations, see ICmTransport and CCmTransportThreadProxy.
+    CmResult OpenWithSink(ICmTransportSink* aSink);
+    ICmTransportSink* GetSink() const { return m_pSink; }
+    CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara);
+    CmResult SetOption(DWORD aCommand, void* aArg);
+    CmResult GetOption(DWORD aCommand, void* aArg);
+    CmResult Disconnect(CmResult aReason);
+    void Abandon() override;
+
+    // From the transport, in the network thread.
+    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
+    void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
+    void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
+
+    void OnThreadEnd() override;
+    void OnDrain(ECmDrainStage aStage) override;
+    void AddUndrained(CCmUndrained& aLeft) override;
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // lingering: done, or long enough
+
+private:
+    // User's thread.
+    void Upcall();
+    void UpcallDropped();
+    BOOL Deliver_i();
+    void PauseReading_i(BOOL aPause);
+    // Either thread.
+    CmResult PostUpcall_i();
+    CmResult GetKept_i(DWORD aCommand, void* aArg) const;
+    void PostApplyReading_i();
+    // Network thread.
+    void ReadAddresses_i();
+    void ReadReadSize_i();
+    void Moved_i(uint64_t aBytes);
+    void Open_i();
+    void TellReceived_i();
+    void Tell_i();
+    void Drain();
+    void EndSending_i();
+    CmResult SendWaiting_i();
+    BOOL TakeBatch_i();
+    CmResult SendJoined_i();
+    CmResult SendMessage_i();
+    BOOL IsDropped_i(CmResult aResult) const;
+    CCmMessageBlock* JoinWaiting_i();
+    void ForgetUnsent_i();
+    void Cork_i(BOOL aCork);
+    void TellSent_i();
+    void ReadMaxMessage_i();
+    void ApplyReading_i();
+    void ApplyReadingAnew_i();
+    void Disconnect_i() { EndWith_i(m_DisconnectReason); }
+    void EndWith_i(CmResult aReason);
+    DWORD GetUnacknowledged_i();
+    BOOL HasUnsent_i() { return !m_SendQueue.IsEmpty() || GetUnacknowledged_i() > 0; }
+    void Linger_i();
+    void EndInOrder_i();
+    void TellLost_i(CmResult aReason, const CCmFailure& aFailure);
+    void Lost_i(CmResult aReason, const CCmFailure& aFailure);
+    void LostHere_i(CmResult aReason, const char* aText);
+    void LetGo_i(CmResult aReason);
+    CmResult SetInnerOption_i(DWORD aCommand, void* aArg);
+    CmResult GetInnerOption_i(DWORD aCommand, void* aArg);
+    // What the queues count for a chain of so many bytes: an empty datagram takes room too.
+    DWORD CostOf_i(DWORD aLength) const { return m_bDatagrams ? aLength + DATAGRAM_OVERHEAD : aLength; }
+
+    static constexpr DWORD DATAGRAM_OVERHEAD = 128;
+    static constexpr DWORD NO_LIMIT = 0xFFFFFFFF;
+
+    const DWORD m_dwType;
+    const BOOL m_bStream;     // raw
+    const BOOL m_bDatagrams;  // raw
+    const BOOL m_bProtocol;
+    ICmTransport* m_pProxy = nullptr;  // the handle, for upcalls: alive while there is a sink
+
+    std::atomic<ICmTransportSink*> m_pSink{nullptr};  // not owned; the user's
+    std::atomic<BOOL> m_bClosed{FALSE};               // nothing can be sent any more
+    std::atomic<BOOL> m_bEndAsked{FALSE};             // nor after option 147
+    std::atomic<BOOL> m_bOver{FALSE};                 // nothing more is told: the user has disconnected or knows of the end
+    std::atomic<DWORD> m_dwMaxMessage{NO_LIMIT};      // what the connection said last
+    std::atomic<BOOL> m_bPausedByUser{FALSE};
+    std::atomic<BOOL> m_bOnSendDue{FALSE};
+    std::atomic<BOOL> m_bLost{FALSE};  // m_LostReason is to be told, after all data
+    std::atomic<BOOL> m_bUpcallPosted{FALSE};
+    CmResult m_LostReason = CM_OK;  // set before m_bLost
+    CCmFailure m_Failure;           // likewise
+    // What the connection said when the proxy was made; one that reconnects may say something else later.
+    CAtomicAddr m_LocalAddr;
+    CAtomicAddr m_PeerAddr;
+    std::atomic<DWORD> m_dwTransportType{0};
+    std::atomic<BOOL> m_bApplyReadingPosted{FALSE};
+    CmResult m_DisconnectReason = CM_OK;  // set before the event is posted
+    CProxySendQueue m_SendQueue;
+    CProxyReceiveQueue m_ReceiveQueue;
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Drain> m_DrainEvent{*this};
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Upcall, &CTransportProxyCore::UpcallDropped> m_UpcallEvent{
+        *this};
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::TellReceived_i> m_TellEvent{*this};
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Disconnect_i> m_DisconnectEvent{*this};
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::ApplyReadingAnew_i> m_ApplyReadingEvent{*this};
+
+    // User's thread only.
+    CMessageList m_Delivering;
+
+    // Network thread only.
+    CCmRefPtrT<ICmTransport> m_pTransport;
+    CMessageList m_Sending;
+    CCmMessageBlock* m_pUnsent = nullptr;  // owned; on a stream, what is joined and not sent yet
+    DWORD m_dwUnsentBlocks = 0;            // of m_pUnsent when it was joined
+    uint64_t m_ullGone = 0;                // bytes; what the send queue does not know yet to have gone
+    DWORD m_dwGoneBlocks = 0;              // likewise
+    BOOL m_bTellPosted = FALSE;
+    BOOL m_bDraining = FALSE;
+    BOOL m_bRoomMeanwhile = FALSE;  // an OnSend came while draining
+    BOOL m_bOpened = FALSE;
+    DWORD m_dwReadSize = CNetworkBuffers::DEFAULT_READ;  // the transport's, on a raw stream
+    uint64_t m_ullMoved = 0;                             // bytes since the socket's buffers were looked at
+    BOOL m_bEndSending = FALSE;                          // behind what waits
+    BOOL m_bReadingPaused = FALSE;                       // as the transport was told
+    ICmTimerQueue* m_pLingerTimers = nullptr;  // not owned; set when lingering: this thread's, which may be unregistered by now
+    CCmTimeValue m_tvLingerEnd;
+};
+
+}  // namespace talvo

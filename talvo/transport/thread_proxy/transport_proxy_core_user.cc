@@ -1,0 +1,199 @@
+// The half of the transport proxy's core in the user's thread; the network's stands in transport_proxy_core.cc.
+#include "talvo/base/trace.h"
+#include "talvo/transport/thread_proxy/transport_proxy_core.h"
+#include "talvo/transport/udp/datagram_sender.h"
+
+namespace talvo {
+
+CmResult CTransportProxyCore::OpenWithSink(ICmTransportSink* aSink) {
+    if (!aSink)
+        return CM_ERROR_INVALID_ARG;
+    if (m_bProtocol ? m_bOver : m_bClosed)
+        return CM_ERROR_NULL_POINTER;
+    if (m_pSink.exchange(aSink))
+        return CM_OK;
+    const CmResult rv = m_bProtocol  // open already, perhaps ended: for what has come
+                            ? PostUpcall_i()
+                            : GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->Open_i(); });
+    if (rv != CM_OK)
+        m_pSink = nullptr;
+    return rv;
+}
+
+CmResult CTransportProxyCore::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
+    if (aPara)
+        aPara->m_dwHaveSent = 0;
+    if (m_bClosed)
+        return CM_ERROR_NULL_POINTER;
+    if (m_bEndAsked)
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    DWORD dwLength = aData.GetChainedLength();
+    if (dwLength == 0 && !m_bDatagrams)
+        return CM_OK;
+    if (m_bDatagrams && CheckDatagram(aData, dwLength) != CM_OK)
+        return CM_ERROR_INVALID_ARG;
+    if (const DWORD dwMax = m_dwMaxMessage; dwLength > dwMax) {
+        CM_ERROR_TRACE_THIS("CCmTransportThreadProxy::SendData, message too long. len="
+                            << dwLength << " max=" << dwMax
+                            << ", raise it with the options 132 (send buffer) and 136 (message length)");
+        return CM_ERROR_INVALID_ARG;
+    }
+    BOOL bTell = FALSE;
+    BOOL bHurry = FALSE;
+    CmResult rv = m_SendQueue.Push(aData, dwLength, CostOf_i(dwLength), m_bProtocol, bTell, bHurry);
+    if (rv != CM_OK)
+        return rv;
+    if (bTell)
+        rv = bHurry ? m_DrainEvent.Post(GetNetwork()) : m_DrainEvent.PostQuietly(GetNetwork());
+    else if (bHurry)
+        GetNetwork().WakeUp();
+    if (rv != CM_OK)
+        return rv;
+    aData.AdvanceChainedReadPtr(dwLength);
+    if (aPara)
+        aPara->m_dwHaveSent = dwLength;
+    return CM_OK;
+}
+
+CmResult CTransportProxyCore::Disconnect(CmResult aReason) {
+    m_bOver = TRUE;
+    m_pSink = nullptr;
+    if (m_bClosed.exchange(TRUE))
+        return CM_OK;
+    m_DisconnectReason = aReason;
+    m_DisconnectEvent.Post(GetNetwork());
+    return CM_OK;
+}
+
+// What was accepted still goes out, as after Disconnect(CM_OK).
+void CTransportProxyCore::Abandon() { Disconnect(CM_OK); }
+
+CmResult CTransportProxyCore::SetOption(DWORD aCommand, void* aArg) {
+    if (!aArg)
+        return CM_ERROR_INVALID_ARG;
+    switch (aCommand) {
+    case CM_OPT_TRANSPORT_PROXY_SEND_LIMIT:
+        m_SendQueue.SetLimit(*static_cast<DWORD*>(aArg));
+        return CM_OK;
+    case CM_OPT_TRANSPORT_PROXY_RECV_LIMIT:
+        m_ReceiveQueue.SetLimit(*static_cast<DWORD*>(aArg));
+        return CM_OK;
+    case CM_OPT_TRANSPORT_PAUSE_READING:
+        PauseReading_i(!!*static_cast<BOOL*>(aArg));
+        return CM_OK;
+    case CM_OPT_TRANSPORT_TELL_END:
+        if (!m_bStream)
+            return CM_ERROR_INVALID_ARG;
+        return GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this), bTell = *static_cast<BOOL*>(aArg)]() mutable {
+            pThis->SetInnerOption_i(CM_OPT_TRANSPORT_TELL_END, &bTell);
+        });
+    case CM_OPT_TRANSPORT_END_SENDING:
+        if (!m_bStream)
+            return CM_ERROR_INVALID_ARG;
+        m_bEndAsked = TRUE;
+        return GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->EndSending_i(); });
+    default:
+        return GetNetwork().Call(
+            [=, pThis = CCmRefPtrT<CTransportProxyCore>(this)] { return pThis->SetInnerOption_i(aCommand, aArg); });
+    }
+}
+
+CmResult CTransportProxyCore::GetOption(DWORD aCommand, void* aArg) {
+    if (!aArg)
+        return CM_ERROR_INVALID_ARG;
+    switch (aCommand) {
+    case CM_OPT_TRANSPORT_PROXY_SEND_LIMIT:
+        *static_cast<DWORD*>(aArg) = m_SendQueue.GetLimit();
+        return CM_OK;
+    case CM_OPT_TRANSPORT_PROXY_RECV_LIMIT:
+        *static_cast<DWORD*>(aArg) = m_ReceiveQueue.GetLimit();
+        return CM_OK;
+    case CM_OPT_TRANSPORT_PAUSE_READING:
+        *static_cast<BOOL*>(aArg) = m_bPausedByUser;
+        return CM_OK;
+    case CM_OPT_TRANSPORT_LOCAL_ADDR:
+    case CM_OPT_TRANSPORT_PEER_ADDR:
+    case CM_OPT_TRANSPORT_TRAN_TYPE:
+    case CM_OPT_TRANSPORT_LAST_FAILURE:
+        return GetKept_i(aCommand, aArg);
+    default:
+        return GetNetwork().Call(
+            [=, pThis = CCmRefPtrT<CTransportProxyCore>(this)] { return pThis->GetInnerOption_i(aCommand, aArg); });
+    }
+}
+
+// What the proxy knows by itself, as long as it exists.
+CmResult CTransportProxyCore::GetKept_i(DWORD aCommand, void* aArg) const {
+    if (aCommand == CM_OPT_TRANSPORT_LAST_FAILURE) {
+        *static_cast<CCmFailure*>(aArg) = m_bLost ? m_Failure : CCmFailure();
+        return CM_OK;
+    }
+    if (aCommand == CM_OPT_TRANSPORT_TRAN_TYPE) {
+        *static_cast<DWORD*>(aArg) = m_dwTransportType;
+        return m_dwTransportType ? CM_OK : CM_ERROR_INVALID_ARG;
+    }
+    const CAtomicAddr& addr = aCommand == CM_OPT_TRANSPORT_LOCAL_ADDR ? m_LocalAddr : m_PeerAddr;
+    return addr.Load(*static_cast<CCmInetAddr*>(aArg)) ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
+}
+
+void CTransportProxyCore::PauseReading_i(BOOL aPause) {
+    if (m_bPausedByUser.exchange(aPause) == aPause)
+        return;
+    PostApplyReading_i();
+    if (!aPause)
+        PostUpcall_i();  // for what waited here
+}
+
+void CTransportProxyCore::PostApplyReading_i() {
+    if (!m_bApplyReadingPosted.exchange(TRUE))
+        m_ApplyReadingEvent.Post(GetNetwork());
+}
+
+CmResult CTransportProxyCore::PostUpcall_i() {
+    if (m_bUpcallPosted || m_bUpcallPosted.exchange(TRUE))  // the first alone is what a burst costs
+        return CM_OK;
+    return m_UpcallEvent.Post(GetUser());
+}
+
+// The user's thread has ended: the next post finds that out, instead of taking this one for under way.
+void CTransportProxyCore::UpcallDropped() { m_bUpcallPosted = FALSE; }
+
+void CTransportProxyCore::Upcall() {
+    m_bUpcallPosted = FALSE;
+    if (!m_pSink && !m_bOver)
+        return;                  // not opened yet: everything waits
+    const BOOL bLost = m_bLost;  // looked at first: all data was queued before it was set
+    const BOOL bAllDelivered = Deliver_i();
+    if (m_bOnSendDue.exchange(FALSE)) {
+        if (ICmTransportSink* pSink = m_pSink)
+            pSink->OnSend(m_pProxy, nullptr);
+    }
+    if (!bLost || !bAllDelivered || m_bPausedByUser)
+        return;
+    m_bOver = TRUE;
+    if (ICmTransportSink* pSink = m_pSink.exchange(nullptr))
+        pSink->OnDisconnect(m_LostReason, m_pProxy);
+}
+
+// What a pause left over, and what has come since. Any upcall may pause, disconnect or release the proxy. FALSE: a pause has
+// left something over again.
+BOOL CTransportProxyCore::Deliver_i() {
+    uint64_t ullTaken = 0;
+    for (int nBatch = 0; nBatch < 2; ++nBatch) {
+        while (!m_Delivering.IsEmpty() && !m_bPausedByUser) {
+            CCmMessageBlock& chunk = m_Delivering.Front();
+            ullTaken += uint64_t{chunk.GetChainedLength()} + CProxyReceiveQueue::CHUNK_COST;
+            if (ICmTransportSink* pSink = m_pSink)
+                pSink->OnReceive(chunk, m_pProxy, nullptr);
+            m_Delivering.Pop();
+        }
+        if (nBatch > 0 || !m_Delivering.IsEmpty())
+            break;
+        m_ReceiveQueue.Take(m_Delivering);
+    }
+    if (m_ReceiveQueue.Taken(ullTaken))
+        PostApplyReading_i();
+    return m_Delivering.IsEmpty();
+}
+
+}  // namespace talvo

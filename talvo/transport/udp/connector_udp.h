@@ -1,0 +1,52 @@
+// Connects a datagram socket.
+#pragma once
+
+#include <vector>
+
+#include "talvo/event/reactor.h"
+#include "talvo/transport/connector_internal.h"
+#include "talvo/transport/dns/name_lookup.h"
+#include "talvo/transport/udp/transport_udp.h"
+
+// Makes a TransportType over a socket that it binds to the local address and connects. Nobody is asked whether he is there, so
+// that is done at once; the report comes when the reactor finds the socket writable, never from inside Connect. A host name is
+// looked up first; of its addresses the first that this machine has a way to is taken.
+template <class TransportType>
+class CCmConnectorUdpT : public ACmConnectorInternal,
+                         private ACmEventHandler,
+                         private ICmTimerHandler,
+                         private talvo::INameUser {
+public:
+    CCmConnectorUdpT(ICmReactor* aReactor, ACmConnectorUpper& aUpper) : m_pReactor(aReactor), m_Upper(aUpper) {}
+    ~CCmConnectorUdpT() override { CCmConnectorUdpT::Close(); }
+
+    // A CCmConnectorMaker.
+    static ACmConnectorInternal* Make(ICmReactor* aReactor, ACmConnectorUpper& aUpper);
+
+    int Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal = nullptr) override;
+    void Close() override;
+
+private:
+    int ConnectToName_i(const CCmString& aName);
+    int ConnectToAny_i(const std::vector<DWORD>& aAddresses);
+    int Connect_i();
+    int NameFailed_i(const CCmDnsRecord* aRecord, CmResult aReason);
+    void Report_i(CmResult aReason);
+
+    HANDLE GetHandle() const override;
+    int OnOutput(HANDLE aFd) override;
+    int OnClose(HANDLE aFd, long aMask) override;
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // a name has no address
+    void OnNameKnown(const CCmDnsRecord& aRecord) override;
+
+    ICmReactor* const m_pReactor;  // not owned
+    ACmConnectorUpper& m_Upper;
+    talvo::CNameLookup m_Lookup{*this};
+    CCmInetAddr m_AddrPeer;
+    CCmInetAddr m_AddrLocal;                 // CCmInetAddr::s_InetAddrAny: not given
+    CCmRefPtrT<TransportType> m_pTransport;  // connected, to be reported
+    BOOL m_bTimerArmed = FALSE;
+};
+
+extern template class TALVO_API CCmConnectorUdpT<CCmTransportUdp>;
+using CCmConnectorUdp = CCmConnectorUdpT<CCmTransportUdp>;

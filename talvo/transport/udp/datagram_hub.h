@@ -1,0 +1,72 @@
+// One bound datagram socket for many peers.
+#pragma once
+
+#include <list>
+
+#include "talvo/event/timer_delete.h"
+#include "talvo/transport/transport_interface.h"
+#include "talvo/transport/udp/datagram_port.h"
+#include "talvo/transport/udp/peer_table.h"
+
+class CCmTransportUdp;
+
+namespace talvo {
+
+// The inside of CCmAcceptorUdp, which may go before its transports do: each of these holds a reference too. Finds the
+// transport of a datagram's source, makes one for a source that is not known, and ends those that have been silent too long.
+// The socket closes when nobody listens and no peer is left.
+class TALVO_API CDatagramHub final : public CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread>,
+                                     public ICmTimerHandler,
+                                     private IDatagramUser {
+public:
+    // What the transports keep of datagrams that cannot be delivered yet, all together; bytes.
+    static constexpr uint64_t MAX_KEPT_BYTES = 8 << 20;
+
+    explicit CDatagramHub(ICmReactor* aReactor) : m_pReactor(aReactor), m_Port(aReactor, *this, FALSE) {}
+    ~CDatagramHub() override;
+
+    // aSink and aId are not owned and used until StopListen. The socket of GetPort() is bound and does not block.
+    CmResult StartListen(ICmAcceptorConnectorSink* aSink, ICmAcceptorConnectorId* aId);
+    void StopListen();
+
+    void SetMaxPeers(DWORD aMaxPeers) { m_dwMaxPeers = aMaxPeers; }
+    void SetPeerIdleTime(const CCmTimeValue& aIdle);
+    size_t GetPeerCount() const { return m_Peers.GetCount(); }
+
+    CDatagramPort& GetPort() { return m_Port; }
+
+    // For the transports. Send: as the port's; after CM_ERROR_PARTIAL_DATA aTransport waits for OnRoom, which comes in its
+    // turn.
+    CmResult Send(CCmTransportUdp& aTransport, CCmMessageBlock& aData, DWORD aLength);
+    void Forget(CCmTransportUdp& aTransport);
+    // Whether so many more bytes may be kept; what was kept is given back.
+    BOOL Keep(DWORD aBytes);
+    void GiveBack(DWORD aBytes) { m_ullKeptBytes -= aBytes; }
+
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // somebody may have been silent too long
+
+private:
+    using CPeers = CPeerTableT<CCmTransportUdp>;
+
+    void OnDatagram(CCmMessageBlock& aData, const sockaddr_in& aFrom) override;
+    void OnWritable() override;
+    void OnBroken(int aError) override;
+
+    void OnStranger(CCmMessageBlock& aData, const sockaddr_in& aFrom, uint64_t aKey);
+    void TraceLimit();
+    void ArmIdleTimer();
+
+    ICmReactor* const m_pReactor;                 // not owned
+    ICmAcceptorConnectorSink* m_pSink = nullptr;  // while listening
+    ICmAcceptorConnectorId* m_pId = nullptr;
+    CDatagramPort m_Port;
+    CPeers m_Peers;
+    std::list<CCmTransportUdp*> m_Refused;  // not owned; wait for room, in turn
+    DWORD m_dwMaxPeers = 0;
+    int64_t m_llIdleUsec = 0;  // 0: nobody is silent for too long
+    BOOL m_bIdleTimer = FALSE;
+    uint64_t m_ullKeptBytes = 0;
+    CCmTimeValue m_tvTraced;  // when the last line about too many peers was written
+};
+
+}  // namespace talvo

@@ -1,0 +1,164 @@
+#include "talvo/transport/udp/datagram_sender.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "talvo/base/with_memory.h"
+#include "talvo/transport/network_buffers.h"
+
+namespace talvo {
+
+namespace {
+
+constexpr int SEND_FLAGS = MSG_DONTWAIT | MSG_NOSIGNAL;
+
+}  // namespace
+
+CmResult CheckDatagram(const CCmMessageBlock& aData, DWORD& aLength) {
+    uint64_t ullLength = 0;
+    DWORD dwPieces = 0;
+    for (const CCmMessageBlock* pBlock = &aData; pBlock; pBlock = pBlock->GetNext()) {
+        ullLength += pBlock->GetTopLevelLength();
+        dwPieces += pBlock->GetTopLevelLength() > 0;
+    }
+    if (ullLength > MAX_DATAGRAM_LENGTH || dwPieces > MAX_DATAGRAM_PIECES)
+        return CM_ERROR_INVALID_ARG;
+    aLength = static_cast<DWORD>(ullLength);
+    return CM_OK;
+}
+
+void CDatagramSender::Lend(const char* aBegin, const char* aEnd) {
+    m_pLentBegin = aBegin;
+    m_pLentEnd = aEnd;
+}
+
+CmResult CDatagramSender::Add(const CCmMessageBlock& aData, const sockaddr_in* aTo) {
+    if (m_bFull)
+        return CM_ERROR_PARTIAL_DATA;
+    CDatagram datagram{aTo ? *aTo : sockaddr_in{}, aTo == nullptr, m_Pieces.size(), 0, nullptr};
+    if (AddPieces(datagram, aData) && WithMemory([&] { m_Datagrams.push_back(datagram); }))
+        return CM_OK;
+    DestroyKept(datagram);
+    m_Pieces.resize(datagram.m_stPiece);
+    return CM_ERROR_OUT_OF_MEMORY;
+}
+
+BOOL CDatagramSender::AddPieces(CDatagram& aDatagram, const CCmMessageBlock& aData) {
+    for (const CCmMessageBlock* pBlock = &aData; pBlock; pBlock = pBlock->GetNext()) {
+        if (pBlock->GetTopLevelLength() == 0)
+            continue;
+        iovec piece{const_cast<char*>(pBlock->GetTopLevelReadPtr()), pBlock->GetTopLevelLength()};
+        if (!IsLent(piece.iov_base) && !Keep(aDatagram, *pBlock, piece))
+            return FALSE;
+        if (!WithMemory([&] { m_Pieces.push_back(piece); }))
+            return FALSE;
+    }
+    aDatagram.m_stPieces = m_Pieces.size() - aDatagram.m_stPiece;
+    return TRUE;
+}
+
+// Moves aPiece, which aBlock shows, into a duplicate of the datagram's own.
+BOOL CDatagramSender::Keep(CDatagram& aDatagram, const CCmMessageBlock& aBlock, iovec& aPiece) {
+    CCmMessageBlock* pKept = aBlock.DuplicateTopLevel();
+    if (!pKept)
+        return FALSE;
+    pKept->Append(aDatagram.m_pKept);
+    aDatagram.m_pKept = pKept;
+    aPiece.iov_base = const_cast<char*>(pKept->GetTopLevelReadPtr());  // sending does not write to it
+    return TRUE;
+}
+
+void CDatagramSender::DestroyKept(CDatagram& aDatagram) {
+    if (CCmMessageBlock* pKept = std::exchange(aDatagram.m_pKept, nullptr))
+        pKept->DestroyChained();
+}
+
+int CDatagramSender::Flush(HANDLE aFd) {
+    int nError = 0;
+    while (m_stGone < m_Datagrams.size()) {
+        const int nSent = SendSome(aFd);
+        if (nSent > 0) {
+            m_stGone += static_cast<size_t>(nSent);
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            m_bFull = TRUE;
+            KeepRest();
+            return nError;
+        } else if (errno != EINTR) {
+            nError = errno;
+            ++m_stGone;
+            ++m_ullLost;
+        }
+    }
+    Clear();
+    return nError;
+}
+
+int CDatagramSender::SendSome(HANDLE aFd) {
+    ++m_ullCalls;
+    const size_t stCount = std::min<size_t>(m_Datagrams.size() - m_stGone, CDatagramBuffers::BATCH);
+    if (stCount == 1 && m_Datagrams[m_stGone].m_stPieces == 1)
+        return SendOne(aFd, m_Datagrams[m_stGone]);
+    CDatagramBuffers* pBuffers = GetDatagramBuffers();
+    if (!pBuffers) {
+        errno = ENOMEM;
+        return -1;
+    }
+    mmsghdr* pMessages = pBuffers->m_Sent;
+    for (size_t i = 0; i < stCount; ++i) {
+        CDatagram& datagram = m_Datagrams[m_stGone + i];
+        msghdr& header = pMessages[i].msg_hdr;
+        header.msg_name = datagram.m_bConnected ? nullptr : &datagram.m_To;
+        header.msg_namelen = datagram.m_bConnected ? 0 : sizeof datagram.m_To;
+        header.msg_iov = m_Pieces.data() + datagram.m_stPiece;
+        header.msg_iovlen = datagram.m_stPieces;
+    }
+    return sendmmsg(aFd, pMessages, static_cast<unsigned>(stCount), SEND_FLAGS);
+}
+
+// The plain call is cheaper when there is nothing to gather.
+int CDatagramSender::SendOne(HANDLE aFd, const CDatagram& aDatagram) const {
+    const iovec& piece = m_Pieces[aDatagram.m_stPiece];
+    const auto* pTo = reinterpret_cast<const sockaddr*>(aDatagram.m_bConnected ? nullptr : &aDatagram.m_To);
+    const socklen_t length = aDatagram.m_bConnected ? 0 : sizeof aDatagram.m_To;
+    return sendto(aFd, piece.iov_base, piece.iov_len, SEND_FLAGS, pTo, length) >= 0 ? 1 : -1;
+}
+
+// What waits for room outlives the loan. A datagram for which there is no memory is lost.
+void CDatagramSender::KeepRest() {
+    const auto first = m_Datagrams.begin() + static_cast<std::ptrdiff_t>(m_stGone);
+    const auto end = std::remove_if(first, m_Datagrams.end(), [this](CDatagram& aDatagram) {
+        if (KeepLent(aDatagram))
+            return false;
+        DestroyKept(aDatagram);
+        ++m_ullLost;
+        return true;
+    });
+    m_Datagrams.erase(end, m_Datagrams.end());
+}
+
+BOOL CDatagramSender::KeepLent(CDatagram& aDatagram) {
+    for (size_t i = 0; i < aDatagram.m_stPieces; ++i) {
+        iovec& piece = m_Pieces[aDatagram.m_stPiece + i];
+        if (!IsLent(piece.iov_base))
+            continue;
+        const DWORD dwLength = static_cast<DWORD>(piece.iov_len);
+        const CCmMessageBlock view(dwLength, static_cast<char*>(piece.iov_base), CCmMessageBlock::DONT_DELETE, dwLength);
+        if (!Keep(aDatagram, view, piece))
+            return FALSE;
+    }
+    return TRUE;
+}
+
+void CDatagramSender::Clear() {
+    for (CDatagram& datagram : m_Datagrams)
+        DestroyKept(datagram);
+    m_Datagrams.clear();
+    m_Pieces.clear();
+    m_stGone = 0;
+    m_bFull = FALSE;
+}
+
+}  // namespace talvo
