@@ -2,7 +2,7 @@
 // counts.
 #include <cstdio>
 
-#include "tests/counts/message_path.h"
+#include "benchmarks/counts/message_path.h"
 
 namespace {
 

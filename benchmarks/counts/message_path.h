@@ -1,7 +1,7 @@
 // Messages on their ways through the library, and what the way costs.
 #pragma once
 
-#include "tests/counts/counters.h"
+#include "benchmarks/counts/counters.h"
 #include "tests/support/network_fixture.h"
 
 // What one message cost on average.

@@ -1,4 +1,4 @@
-#include "tests/counts/message_path.h"
+#include "benchmarks/counts/message_path.h"
 
 #include <sys/syscall.h>
 

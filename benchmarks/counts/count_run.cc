@@ -6,7 +6,7 @@
 #include <map>
 #include <string>
 
-#include "tests/counts/message_path.h"
+#include "benchmarks/counts/message_path.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tests/counts/counters.h"
+#include "benchmarks/counts/counters.h"
 
 #include <dlfcn.h>
 #include <pthread.h>
