@@ -1,48 +1,35 @@
 #!/usr/bin/env python3
-"""Runs `talvo get` as people do, against `talvo serve` and against a server that breaks off.
-
-usage: get_test.py TALVO [TEST...]
-"""
+"""Runs `talvo get` as people do, against `talvo serve` and against a server that breaks off."""
 import fcntl
 import os
-import pathlib
 import socket
 import stat
 import subprocess
-import sys
-import tempfile
 import termios
 import threading
-import time
 import unittest
 
-TALVO = os.path.abspath(sys.argv.pop(1))
-PATIENCE = 240  # seconds; only how long a failing test takes
+from program import PATIENCE, TALVO, ProgramTest, poll
+
 CONTENT = bytes(i * i % 251 for i in range(300000))
 
 
-class GetTest(unittest.TestCase):
+class GetTest(ProgramTest):
     def setUp(self):
-        temporary = tempfile.TemporaryDirectory()
-        self.addCleanup(temporary.cleanup)
-        self.directory = pathlib.Path(temporary.name)
-        (self.directory / "source").write_bytes(CONTENT)
+        super().setUp()
+        self.make("source", CONTENT)
         self.out = self.directory / "out"
         self.part = self.directory / "out.part"
 
-    def serve(self):
-        server = subprocess.Popen([TALVO, "serve", str(self.directory), "--host", "127.0.0.1", "--port", "0"], text=True,
-                                  stdout=subprocess.PIPE)
-        self.addCleanup(lambda: (server.terminate(), server.communicate(timeout=PATIENCE)))
-        return f"http://127.0.0.1:{int(server.stdout.readline().rpartition(':')[2])}"
+    def source(self):
+        return self.serve("serve", self.directory).url + "/source"
 
-    def get(self, url, *arguments):
-        done = subprocess.run([TALVO, "get", url, "--out", str(self.out), *arguments], text=True, capture_output=True,
-                              timeout=PATIENCE)
+    def get(self, url, *arguments, out=None):
+        done = self.run_talvo("get", url, "--out", out or self.out, *arguments)
         return done.returncode, done.stdout + done.stderr
 
     def test_a_beginning_is_gone_on_with(self):
-        url = self.serve() + "/source"
+        url = self.source()
         for name, beginning in (self.out, CONTENT[:1000]), (self.part, CONTENT[:1000]), (self.out, CONTENT):
             name.write_bytes(beginning)
             status, said = self.get(url, "--continue")
@@ -53,27 +40,28 @@ class GetTest(unittest.TestCase):
             self.out.unlink()
         # The beginning of another version, as the tag tells, is not gone on with.
         self.part.write_bytes(b"old")
-        (self.directory / "out.part.tag").write_text('"old"')
+        self.make("out.part.tag", '"old"')
         self.assertEqual(0, self.get(url, "--continue")[0])
         self.assertEqual(CONTENT, self.out.read_bytes())
 
     def test_only_an_answer_that_fits_touches_anything(self):
-        server = self.serve()
+        url = self.source()
         self.out.write_bytes(CONTENT + b"longer")
         self.out.chmod(0o600)
         before = os.stat(self.out)
-        for path, *arguments in (["/missing"], ["/missing", "--continue"], ["/source", "--continue"], ["", "--continue"]):
-            status, said = self.get(server + path if path else "http://127.0.0.1:1/", *arguments)
-            self.assertEqual(1, status, said)
+        for wrong, said_why, *arguments in ((url + "x", "the server answered 404"), (url + "x", "404", "--continue"),
+                                            (url, "", "--continue"), ("http://127.0.0.1:1/", "refused", "--continue")):
+            status, said = self.get(wrong, *arguments)
+            self.assertEqual((1, True), (status, said_why in said), said)
             after = os.stat(self.out)
             self.assertEqual((before.st_ino, before.st_mtime_ns), (after.st_ino, after.st_mtime_ns), said)
             self.assertEqual(["out", "source"], sorted(os.listdir(self.directory)))
-        self.assertEqual(0, self.get(server + "/source")[0])
+        self.assertEqual(0, self.get(url)[0])
         self.assertEqual(CONTENT, self.out.read_bytes())
         self.assertEqual(0o600, stat.S_IMODE(os.stat(self.out).st_mode))
 
     def test_what_is_no_regular_file_is_written_to_and_stays(self):
-        url = self.serve() + "/source"
+        url = self.source()
         os.mkfifo(self.out)
         with open(self.directory / "read", "w+b") as read, subprocess.Popen(["cat", self.out], stdout=read) as reader:
             status, said = self.get(url)
@@ -83,12 +71,10 @@ class GetTest(unittest.TestCase):
         # A signal ends the wait for a reader that does not read.
         reader = os.open(self.out, os.O_RDONLY | os.O_NONBLOCK)
         self.addCleanup(os.close, reader)
-        with subprocess.Popen([TALVO, "get", url, "-o", self.out], stderr=subprocess.DEVNULL) as getter:
-            while not any(fcntl.ioctl(reader, termios.FIONREAD, bytes(4))):
-                self.assertIsNone(getter.poll())
-                time.sleep(0.01)
-            getter.terminate()
-            self.assertEqual(143, getter.wait(PATIENCE))
+        getter = self.start("get", url, "-o", self.out)
+        poll("data arrives", lambda: any(fcntl.ioctl(reader, termios.FIONREAD, bytes(4))))
+        getter.terminate()
+        self.assertEqual(143, getter.wait(PATIENCE))
         self.assertTrue(self.out.is_fifo())
         self.assertEqual(2, self.get(url, "--continue")[0])
         self.out.unlink()
@@ -102,29 +88,26 @@ class GetTest(unittest.TestCase):
         (self.directory / "sub").mkdir()
         self.out.symlink_to("sub")
         for wrong in self.out, self.directory / "sub", self.directory / "no" / "file", str(self.out) + "/", "/dev/null/x":
-            done = subprocess.run([TALVO, "get", url, "-o", str(wrong)], text=True, capture_output=True, timeout=PATIENCE)
-            self.assertEqual((2, 1), (done.returncode, len(done.stderr.splitlines())), done.stderr)
-        done = subprocess.run([TALVO, "get", url, "-o", "-"], capture_output=True, timeout=PATIENCE, cwd=self.directory)
+            self.assert_fails(self.run_talvo("get", url, "-o", wrong), 2)
+        done = self.run_talvo("get", url, "-o", "-", text=False, cwd=self.directory)
         self.assertEqual((0, CONTENT, False), (done.returncode, done.stdout, (self.directory / "-").exists()))
         # A file that is open already keeps what it holds; a closed stdout is none of the program's own handles.
-        log = self.directory / "log"
-        log.write_bytes(b"kept\n")
+        log = self.make("log", "kept\n")
         for name in "/dev/stderr", "/dev/fd/2", "/proc/self/fd/2":
             with log.open("ab") as error:
-                self.assertEqual(2, subprocess.run([TALVO, "get", url, "-o", name], stderr=error, timeout=PATIENCE).returncode)
+                self.assertEqual(2, self.run_talvo("get", url, "-o", name, capture_output=False, stderr=error).returncode)
         self.assertTrue(log.read_bytes().startswith(b"kept\n"))
         self.assertEqual(1, subprocess.run(["sh", "-c", '"$0" get "$1" >&- 2>/dev/null', TALVO, url], timeout=PATIENCE).returncode)
 
     def test_a_part_belongs_to_one_process_and_is_no_link(self):
-        url = self.serve() + "/source"
+        url = self.source()
         self.part.write_bytes(b"old")
         with open(self.part, "rb") as other:
             fcntl.flock(other, fcntl.LOCK_EX)
             status, said = self.get(url)
             self.assertEqual((1, True), (status, "another process is writing" in said), said)
             self.assertEqual(b"old", self.part.read_bytes())
-        victim = self.directory / "victim"
-        victim.write_bytes(b"mine")
+        victim = self.make("victim", "mine")
         for name in self.part, self.directory / "out.part.tag":
             self.part.unlink(missing_ok=True)
             name.symlink_to(victim)
@@ -166,7 +149,7 @@ class GetTest(unittest.TestCase):
                                   (date, 'ETag: "a"', True), (date, "Last-Modified: " + other, False),
                                   ("", 'ETag: "a"', True), ("", "Content-Encoding: gzip", False)):
             self.part.write_bytes(b"over")
-            (self.directory / "out.part.tag").write_text(had)
+            self.make("out.part.tag", had)
             answer = f"HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 4-8/9\r\n{header}\r\n\r\nthere".encode()
             status, said = self.get_from(answer, "--continue")
             self.assertEqual((0 if same else 1, same), (status, self.out.exists()), (had, header, said))
@@ -181,9 +164,7 @@ class GetTest(unittest.TestCase):
         self.assertEqual(b"half", self.part.read_bytes())
         self.assertEqual('"v1"', (self.directory / "out.part.tag").read_text())
 
-    def test_errors_are_told(self):
-        status, said = self.get(self.serve() + "/missing")
-        self.assertEqual((1, True), (status, "the server answered 404" in said), said)
+    def test_files_by_their_urls(self):
         for url, expected in (f"file://{self.directory}/source", 0), (f"file://{self.directory}", 1):
             self.assertEqual(expected, self.get(url)[0], url)
 

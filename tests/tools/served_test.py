@@ -1,39 +1,23 @@
 #!/usr/bin/env python3
-"""Asks `talvo serve` as a browser does.
-
-usage: served_test.py TALVO [TEST...]
-"""
+"""Asks `talvo serve` as a browser does."""
 import email.utils
 import os
-import pathlib
 import re
 import signal
-import subprocess
-import sys
-import tempfile
 import unittest
-import urllib.error
 import urllib.request
 
-TALVO = os.path.abspath(sys.argv.pop(1))
-PATIENCE = 240  # seconds; only how long a failing test takes
+from program import PATIENCE, ProgramTest
+
 NOBODY = 65534
 
 
-class ServedTest(unittest.TestCase):
-    def setUp(self):
-        temporary = tempfile.TemporaryDirectory()
-        self.addCleanup(temporary.cleanup)
-        self.directory = pathlib.Path(temporary.name)
+class ServedTest(ProgramTest):
+    def serve_here(self):
         self.directory.chmod(0o755)
-
-    def serve(self):
         # Not as root, who may read everything.
         user = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}
-        server = subprocess.Popen([TALVO, "serve", ".", "--host", "127.0.0.1", "--port", "0"], text=True,
-                                  stdout=subprocess.PIPE, cwd=self.directory, **user)
-        self.addCleanup(lambda: (server.kill(), server.communicate(timeout=PATIENCE)))
-        return server, f"http://127.0.0.1:{int(server.stdout.readline().rpartition(':')[2])}"
+        return self.serve("serve", ".", cwd=self.directory, **user)
 
     def ask(self, url):
         with urllib.request.urlopen(url, timeout=PATIENCE) as answer:
@@ -43,8 +27,9 @@ class ServedTest(unittest.TestCase):
         with open(self.directory / "file", "wb") as file:
             file.truncate(20_000_000)  # more than the sockets' buffers hold
         for once in True, False:
-            server, url = self.serve()
-            with urllib.request.urlopen(url + "/file", timeout=PATIENCE) as answer:
+            listening = self.serve_here()
+            server = listening.process
+            with urllib.request.urlopen(listening.url + "/file", timeout=PATIENCE) as answer:
                 server.send_signal(signal.SIGTERM)
                 self.assertIn("answers under way: 1", server.stdout.readline() + server.stdout.readline())
                 if once:
@@ -54,9 +39,8 @@ class ServedTest(unittest.TestCase):
                 self.assertEqual(128 + (signal.SIGTERM if once else signal.SIGINT), server.wait(PATIENCE))
 
     def test_no_change_is_later_than_the_answer(self):
-        file = self.directory / "file"
-        file.write_bytes(b"")
-        _, url = self.serve()
+        file = self.make("file", "")
+        url = self.serve_here().url
         for seconds, same in (2**32, True), (784111777, False):
             os.utime(file, (seconds, seconds))
             headers, _ = self.ask(url + "/file")
@@ -66,21 +50,20 @@ class ServedTest(unittest.TestCase):
 
     def test_a_page_links_to_nothing_that_is_refused(self):
         for name in "new\nline", "a%2fb", "q?x", "h#x", "c:d", ".dot", "\x01\x7f", "\u00fc", "a b<\"'&>", "b\\c":
-            (self.directory / name).write_bytes(b"")
-        (self.directory / "sub").mkdir()
-        (self.directory / "sub" / "deep").mkdir()
+            self.make(name, "")
+        (self.directory / "sub" / "deep").mkdir(parents=True)
         (self.directory / "in").symlink_to("sub/deep")
         (self.directory / "index").symlink_to("q?x")
         for number, target in enumerate(("/etc/passwd", "nowhere", "../..", "loop", "/proc/self/fd/0", "fifo")):
             (self.directory / f"link{number}").symlink_to(target)
         (self.directory / "loop").symlink_to("loop")
         os.mkfifo(self.directory / "fifo")
-        (self.directory / "secret").write_bytes(b"")
+        self.make("secret", "")
         (self.directory / "private").mkdir()
         for name in "secret", "private":
             (self.directory / name).chmod(0)
         (self.directory / "sub").chmod(0o311)  # its page cannot be shown, that of what lies in it can
-        _, url = self.serve()
+        url = self.serve_here().url
         links = [b"/in/", b"/sub/deep/"]
         for page in "/", "/sub/deep/":
             links += [page.encode() + link for link in re.findall(rb'<a href="\./(.*?)">', self.ask(url + page)[1])]

@@ -1,18 +1,11 @@
 #!/usr/bin/env python3
-"""A peer of its own, written from docs/wire-format.md, talks to the program in both roles, and looks at every byte.
-
-usage: wire_peer_test.py TALVO [TEST...]
-"""
-import json
+"""A peer of its own, written from docs/wire-format.md, talks to the program in both roles, and looks at every byte."""
 import os
 import socket
 import struct
-import subprocess
-import sys
 import unittest
 
-TALVO = sys.argv.pop(1)
-PATIENCE = 240  # seconds; only how long a failing test takes
+from program import HOST, PATIENCE, ProgramTest
 
 REQUEST, RESPONSE = bytes.fromhex("01 00000000 0000 0F"), bytes.fromhex("02 00000000 0000 0F")
 GOODBYE = bytes.fromhex("03 0000")
@@ -65,21 +58,14 @@ class Peer:
         return data
 
 
-class WirePeerTest(unittest.TestCase):
-    def run_talvo(self, *arguments):
-        process = subprocess.Popen([TALVO, *arguments], text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        self.addCleanup(process.communicate)
-        self.addCleanup(process.kill)
-        return process
-
-    def echo(self, kind, udp=False):
-        process = self.run_talvo("echo", "--json", "--type", kind, "--host", "127.0.0.1", "--port", "0", *["--udp"] * udp)
-        return json.loads(process.stdout.readline())["port"]
+class WirePeerTest(ProgramTest):
+    def echo(self, kind, *more):
+        return self.serve("echo", "--json", "--type", kind, *more).port
 
     def connect(self, port, kind, udp=False):
         end = socket.socket(socket.AF_INET, socket.SOCK_DGRAM if udp else socket.SOCK_STREAM)
         self.addCleanup(end.close)
-        end.connect(("127.0.0.1", port))
+        end.connect((HOST, port))
         return Peer(end, kind)
 
     def expect(self, peer, data):
@@ -115,7 +101,7 @@ class WirePeerTest(unittest.TestCase):
     def test_as_client_over_udp(self):
         for kind in OVER_UDP:
             frame = FRAMES[kind]
-            peer = self.connect(self.echo(kind, udp=True), kind, udp=True)
+            peer = self.connect(self.echo(kind, "--udp"), kind, udp=True)
             self.shake_hands(peer)
             self.shake_hands(peer)
             peer.send(frame(b"abc"))
@@ -133,8 +119,7 @@ class WirePeerTest(unittest.TestCase):
             self.expect(peer, frame(b"again"))
 
     def ping(self, port, kind, *more):
-        return self.run_talvo("ping", f"127.0.0.1:{port}", "--type", kind, "--count", "3", "--interval", "0", "--size", "5000",
-                              *more)
+        return self.start("ping", f"{HOST}:{port}", "--type", kind, "--count", 3, "--interval", 0, "--size", 5000, *more)
 
     def serve_pings(self, peer, count):
         for _ in range(count):
@@ -151,7 +136,7 @@ class WirePeerTest(unittest.TestCase):
 
     def test_as_server_over_tcp(self):
         for kind in FRAMES:
-            with socket.create_server(("127.0.0.1", 0)) as listener:
+            with socket.create_server((HOST, 0)) as listener:
                 listener.settimeout(PATIENCE)
                 ping = self.ping(listener.getsockname()[1], kind)
                 with listener.accept()[0] as end:
@@ -167,7 +152,7 @@ class WirePeerTest(unittest.TestCase):
     def test_as_server_over_udp(self):
         for kind in OVER_UDP:
             with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as end:
-                end.bind(("127.0.0.1", 0))
+                end.bind((HOST, 0))
                 ping = self.ping(end.getsockname()[1], kind, "--udp")
                 peer = Peer(end, kind)
                 end.connect(end.recvfrom(65536, socket.MSG_PEEK)[1])

@@ -1,21 +1,16 @@
 #!/usr/bin/env python3
-"""The dissector reads the library's own traffic: a relay between the program's two ends writes it down as a capture.
-
-usage: wireshark_test.py TALVO DISSECTOR [TEST...]
-"""
-import json
-import os
+"""The dissector reads the library's own traffic: a relay between the program's two ends writes it down as a capture."""
+import pathlib
 import selectors
 import shutil
 import socket
 import struct
 import subprocess
-import sys
-import tempfile
 import unittest
 
-TALVO, DISSECTOR = sys.argv.pop(1), sys.argv.pop(1)
-PATIENCE = 240  # seconds; only how long a failing test takes
+from program import HOST, PATIENCE, ProgramTest
+
+DISSECTOR = pathlib.Path(__file__).parents[2] / "tools/wireshark/talvo.lua"
 CLIENT, SERVER = 40000, 7000  # ports in the capture
 SIZE = 300  # bytes of a ping's message
 
@@ -35,33 +30,6 @@ def record(end, upstream, record_of, udp):
                 if not data or (udp and data[0] == 3):
                     return
     raise AssertionError("nothing happens any more")
-
-
-def traffic(kind, udp):
-    """What a `talvo ping` and a `talvo echo` say to each other: pairs of whether the client speaks, and bytes."""
-    over = ["--type", kind, *["--udp"] * udp]
-    said = []
-    with subprocess.Popen([TALVO, "echo", "--json", *over, "--host", "127.0.0.1", "--port", "0"], text=True,
-                          stdout=subprocess.PIPE) as echo, \
-            socket.socket(socket.AF_INET, socket.SOCK_DGRAM if udp else socket.SOCK_STREAM) as listener:
-        upstream = socket.socket(socket.AF_INET, listener.type)
-        upstream.connect(("127.0.0.1", json.loads(echo.stdout.readline())["port"]))
-        listener.bind(("127.0.0.1", 0))
-        if not udp:
-            listener.listen()
-        port = listener.getsockname()[1]
-        sizes = ["--count", "3", "--interval", "0", "--size", str(SIZE)]
-        with subprocess.Popen([TALVO, "ping", f"127.0.0.1:{port}", *over, *sizes], stdout=subprocess.DEVNULL) as ping:
-            listener.settimeout(PATIENCE)
-            if udp:
-                listener.connect(listener.recvfrom(65536, socket.MSG_PEEK)[1])
-            end = listener if udp else listener.accept()[0]
-            record(end, upstream, said, udp)
-            end.close()
-            assert ping.wait(PATIENCE) == 0
-        upstream.close()
-        echo.kill()
-    return said
 
 
 def packets(said, udp, piece):
@@ -100,14 +68,30 @@ FAULT = find_fault()
 
 
 @unittest.skipIf(FAULT, FAULT)
-class WiresharkTest(unittest.TestCase):
-    def setUp(self):
-        self.directory = tempfile.TemporaryDirectory(prefix="talvo-test-")
-        self.addCleanup(self.directory.cleanup)
+class WiresharkTest(ProgramTest):
+    def traffic(self, kind, *udp):
+        """What a `talvo ping` and a `talvo echo` say to each other: pairs of whether the client speaks, and bytes."""
+        said = []
+        over = ["--type", kind, *udp]
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM if udp else socket.SOCK_STREAM) as listener, \
+                socket.socket(socket.AF_INET, listener.type) as upstream:
+            upstream.connect((HOST, self.serve("echo", *over).port))
+            listener.bind((HOST, 0))
+            if not udp:
+                listener.listen()
+            ping = self.start("ping", f"{HOST}:{listener.getsockname()[1]}", *over, "--count", 3, "--interval", 0, "--size", SIZE)
+            listener.settimeout(PATIENCE)
+            if udp:
+                listener.connect(listener.recvfrom(65536, socket.MSG_PEEK)[1])
+            end = listener if udp else listener.accept()[0]
+            record(end, upstream, said, udp)
+            end.close()
+            self.assertEqual(0, ping.wait(PATIENCE))
+        return said
 
     def dissect(self, data, form, *fields, choose=("-o", f"talvo.ports:{SERVER}")):
         """The values of each field, all packets in a row; and the expert's complaints."""
-        path = os.path.join(self.directory.name, "capture.pcap")
+        path = self.directory / "capture.pcap"
         write_capture(path, data)
         arguments = [argument for field in (*fields, "_ws.expert.message", "_ws.lua.error") for argument in ("-e", field)]
         result = subprocess.run(["tshark", "-X", f"lua_script:{DISSECTOR}", "-o", f"talvo.form:{form}", *choose, "-r", path,
@@ -120,7 +104,7 @@ class WiresharkTest(unittest.TestCase):
 
     def test_streams_whatever_their_segments(self):
         for kind in "package", "nopartial", "length":
-            said = traffic(kind, udp=False)
+            said = self.traffic(kind)
             for piece in 1, 7, 1400:
                 wanted = [str(SIZE)] * 6
                 if kind == "length":
@@ -133,7 +117,7 @@ class WiresharkTest(unittest.TestCase):
                 self.assertEqual((wanted, []), (lengths, complaints), (kind, piece))
 
     def test_every_byte_has_its_field(self):
-        said = traffic("package", udp=False)
+        said = self.traffic("package")
         tags, types, acks, payloads, _ = self.dissect(packets(said, False, 1400), "package", "talvo.contag", "talvo.conntype",
                                                       "talvo.ack", "talvo.payload")
         self.assertEqual((["0", "0"], ["15", "15"], ["0", "0"]), (tags, types, acks))
@@ -143,7 +127,7 @@ class WiresharkTest(unittest.TestCase):
 
     def test_datagrams_and_decode_as(self):
         for kind in "package", "nopartial":
-            said = traffic(kind, udp=True)
+            said = self.traffic(kind, "--udp")
             said[-2:-2] = [(True, said[-2][1] + b"xyz"), (True, said[-2][1][:-1])]
             kinds, rests, complaints = self.dissect(packets(said, True, 0), kind, "talvo.type", "talvo.rest",
                                                     choose=("-d", f"udp.port=={SERVER},talvo"))
