@@ -46,6 +46,7 @@ CmResult CCmInetAddr::Set_i(const char* aHostName, WORD aPort) {
     DWORD dwAddr = 0;
     const BOOL bAddress = IpAddrStringTo4Bytes(aHostName, dwAddr);
     m_strHostName = bAddress ? "" : aHostName;  // not null: that is an address
+    m_bNoAddress = FALSE;
     m_SockAddr = {AF_INET, htons(aPort), {bAddress ? dwAddr : 0}, {}};
     return TryResolve();
 }
@@ -72,6 +73,7 @@ CmResult CCmInetAddr::SetIpAddrByString(const char* aIpAddr) {
 
 CmResult CCmInetAddr::SetIpAddrBy4Bytes(DWORD aIpAddr, BOOL aIsNetworkOrder) {
     m_strHostName.clear();
+    m_bNoAddress = FALSE;
     m_SockAddr.sin_addr.s_addr = aIsNetworkOrder ? aIpAddr : htonl(aIpAddr);
     return CM_OK;
 }
@@ -89,12 +91,20 @@ CmResult CCmInetAddr::TryResolve() {
         return CM_ERROR_WOULD_BLOCK;
     DWORD dwAddr = INADDR_NONE;
     const CmResult rv = pResolver->ResolveFromCache(m_strHostName, dwAddr);
-    if (rv == CM_OK)
-        SetIpAddrBy4Bytes(dwAddr, TRUE);
-    return rv;
+    if (rv != CM_OK)
+        return rv;
+    m_bNoAddress = dwAddr == INADDR_NONE;
+    if (!m_bNoAddress)
+        m_strHostName.clear();
+    m_SockAddr.sin_addr.s_addr = dwAddr;
+    return CM_OK;
 }
 
 WORD CCmInetAddr::GetPort() const { return ntohs(m_SockAddr.sin_port); }
+
+CCmString CCmInetAddr::GetHostName() const { return m_bNoAddress ? CCmString() : m_strHostName; }
+
+CCmString CCmInetAddr::GetFailedName() const { return HasFailed_i() ? m_strHostName : CCmString(); }
 
 CCmString CCmInetAddr::GetIpDisplayName() const {
     return IsResolved() ? IpAddr4BytesToString(GetIpAddrIn4Bytes()) : m_strHostName;
@@ -103,7 +113,7 @@ CCmString CCmInetAddr::GetIpDisplayName() const {
 void CCmInetAddr::Print(char* aText, DWORD aSize) const {
     char szDotted[INET_ADDRSTRLEN] = {};
     inet_ntop(AF_INET, &m_SockAddr.sin_addr, szDotted, sizeof szDotted);
-    std::snprintf(aText, aSize, "%s:%u", IsResolved() ? szDotted : m_strHostName.c_str(), unsigned{GetPort()});
+    std::snprintf(aText, aSize, "%s:%u", HasAddress() ? szDotted : m_strHostName.c_str(), unsigned{GetPort()});
 }
 
 bool CCmInetAddr::operator==(const CCmInetAddr& aRight) const {

@@ -10,8 +10,9 @@
 #include "talvo/base/types.h"
 
 // Address and port as the socket calls take them (network byte order), or port and a host name that still waits for its
-// address. Resolved exactly when no name is pending; while one is, the address field means nothing. A plain value: not shared
-// between threads without a lock.
+// address. Resolved exactly when no name is pending; while one is, the address field means nothing. An address that a look-up
+// gave to a name without addresses counts as resolved: it is 255.255.255.255, keeps the name for messages, and connectors and
+// acceptors refuse it before they ask the system. A plain value: not shared between threads without a lock.
 class TALVO_API CCmInetAddr {
 public:
     CCmInetAddr() = default;                           // 0.0.0.0, port 0
@@ -56,11 +57,17 @@ public:
     const sockaddr_in* GetPtr() const { return &m_SockAddr; }
     sockaddr_in* GetPtr() { return &m_SockAddr; }
 
-    BOOL IsResolved() const { return m_strHostName.empty(); }
-    CCmString GetHostName() const { return m_strHostName; }  // "" when resolved
-    CCmString GetIpDisplayName() const;                      // the pending name, or the dotted address
+    BOOL IsResolved() const { return m_bNoAddress || m_strHostName.empty(); }
+    CCmString GetHostName() const;       // "" when resolved
+    CCmString GetIpDisplayName() const;  // the pending name, or the dotted address
 
-    // Writes "host:port" with a zero behind it, cut to aSize bytes; allocates nothing.
+    // The name that a look-up found no address for, or "".
+    CCmString GetFailedName() const;
+    // Resolved, and to an address.
+    BOOL HasAddress() const { return IsResolved() && !HasFailed_i(); }
+
+    // Writes "host:port" with a zero behind it, cut to aSize bytes; allocates nothing. The host is the name, if there is one,
+    // with or without an address.
     void Print(char* aText, DWORD aSize) const;
 
     // Family, port and address; a pending name is not compared.
@@ -81,7 +88,9 @@ private:
     CmResult Set_i(const char* aHostName, WORD aPort);
     CmResult Set_i(const char* aIpAddrAndPort);
     static CmResult Parse_i(std::string_view aHostAndPort, CCmInetAddr& aAddr, CCmString* aReason);
+    BOOL HasFailed_i() const { return m_bNoAddress && m_SockAddr.sin_addr.s_addr == INADDR_NONE; }
 
     sockaddr_in m_SockAddr{AF_INET, 0, {0}, {}};
     CCmString m_strHostName;
+    BOOL m_bNoAddress = FALSE;  // a look-up has given 255.255.255.255 to the name
 };

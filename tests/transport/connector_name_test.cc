@@ -128,11 +128,44 @@ TEST_F(ConnectorNameTest, ANameWithoutAddressEndsWith20007AndOneLine) {
         }
         EXPECT_EQ(3u, trace.Count("name not resolved."));
     }
-    // An address that still has its name never becomes a connect, one that was completed does.
     EXPECT_EQ(0u, trace.Count("Connect_i, addr="));
-    CCmInetAddr addr = At("cached.invalid");
-    EXPECT_EQ(CM_OK, addr.TryResolve());
-    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, Connect(addr));
+}
+
+// The address that TryResolve gives such a name stands for no machine: the system is not asked.
+TEST_F(ConnectorNameTest, ACompletedNameWithoutAddressIsRefusedByItsName) {
+    EXPECT_EQ(CCmDnsRecord::FAILED, Resolve("none.invalid")->GetState());
+    EXPECT_EQ("255.255.255.255", TextOf(Resolve("nowhere")));
+    const CCmInetAddr addrPending = At("later.invalid");
+    CCmTraceCapture trace;
+    const auto expectFailure = [&](ICmAcceptorConnectorId* aId, ECmFailureCause aCause, const std::string& aName) {
+        CCmFailure failure;
+        EXPECT_EQ(CM_OK, cm_get_connect_options(aId)->GetOption(CM_OPT_CONNECT_FAILURE, &failure));
+        EXPECT_EQ(aCause, failure.GetCause()) << failure.ToString();
+        EXPECT_EQ("resolve " + aName + ":" + std::to_string(m_wPort), failure.GetAttempt());
+    };
+    constexpr DWORD PACKAGE = CCmConnectionManager::CTYPE_PDU_PACKAGE;
+    for (const DWORD dwType : {TCP, UDP, TCP | PACKAGE, UDP | PACKAGE}) {
+        CTestConnectSink sink;
+        const auto pAcceptor = CTestNetwork::MakeAcceptor(dwType);
+        EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&sink, addrPending));
+        expectFailure(pAcceptor.Get(), CM_FAILURE_NO_SUCH_NAME, "later.invalid");
+        for (const auto& [pName, cause] :
+             {std::pair("none.invalid", CM_FAILURE_NO_RESOLVER), {"nowhere", CM_FAILURE_NO_SUCH_NAME}}) {
+            CCmInetAddr addrNone = At(pName);
+            EXPECT_TRUE(addrNone.IsResolved());
+            EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&sink, addrNone));
+            expectFailure(pAcceptor.Get(), cause, pName);
+            for (const BOOL bLocal : {FALSE, TRUE}) {
+                CTestClient client(dwType);
+                client.m_pConnector->AsycConnect(&client, bLocal ? At("good") : addrNone, nullptr,
+                                                 bLocal ? &addrNone : nullptr);
+                RunUntil([&] { return client.m_nIndications > 0; });
+                EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, client.m_Reason);
+                expectFailure(client.m_pConnector.Get(), cause, pName);
+            }
+        }
+    }
+    EXPECT_EQ(0u, trace.Count("connect() ") + trace.Count("bind() ") + trace.Count("Open() "));
 }
 
 TEST_F(ConnectorNameTest, TheNextAddressIsTriedAQuarterOfASecondLater) {

@@ -1,5 +1,9 @@
 #include "talvo/transport/dns/name_lookup.h"
 
+#include <cerrno>
+
+#include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/transport/dns/dns_manager.h"
 
 namespace talvo {
@@ -19,6 +23,29 @@ CCmFailure CNameLookup::FailureOf(const CCmDnsRecord* aRecord, CmResult aReason,
     const char* pText = aReason == CM_ERROR_INVALID_ARG ? "not a host name" : cm_result_name(aReason);
     return CCmFailure(bNoSuchName ? CM_FAILURE_NO_SUCH_NAME : CM_FAILURE_NO_RESOLVER,
                       aRecord ? aRecord->GetReason().c_str() : pText, "resolve", aName);
+}
+
+BOOL CNameLookup::HasAddress(const CCmInetAddr& aAddr, CCmFailure& aFailure) {
+    if (aAddr.HasAddress())
+        return TRUE;
+    aFailure = CCmFailure(ENOMEM, "resolve", aAddr);
+    WithMemory([&] { aFailure = FailureOfName_i(aAddr); });
+    CM_WARNING_TRACE("CNameLookup::HasAddress, name not resolved. attempt=" << aFailure.GetAttempt()
+                                                                            << " why=" << aFailure.GetText());
+    errno = EADDRNOTAVAIL;
+    return FALSE;
+}
+
+// The cache has the reason for as long as it keeps the failure; the address has it no longer.
+CCmFailure CNameLookup::FailureOfName_i(const CCmInetAddr& aName) {
+    if (!aName.IsResolved())
+        return CCmFailure(CM_FAILURE_NO_SUCH_NAME, "the name has not been looked up", "resolve", aName);
+    CCmRefPtrT<CCmDnsRecord> pRecord;
+    CCmDnsManager* pManager = CCmDnsManager::Instance();
+    if (pManager && pManager->AsyncResolve(pRecord.ParaOut(), aName.GetFailedName()) == CM_OK &&
+        pRecord->GetState() == CCmDnsRecord::FAILED)
+        return FailureOf(pRecord.Get(), CM_OK, aName);
+    return CCmFailure(CM_FAILURE_NO_SUCH_NAME, "the name had no address when it was looked up", "resolve", aName);
 }
 
 void CNameLookup::Cancel() {

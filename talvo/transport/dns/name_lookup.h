@@ -34,10 +34,15 @@ public:
     // Why a name has no address: aRecord is a failed one, or null with what Start returned.
     static CCmFailure FailureOf(const CCmDnsRecord* aRecord, CmResult aReason, const CCmInetAddr& aName);
 
+    // Whether aAddr can be handed to the system. FALSE: it is a name that no look-up gave an address to; aFailure says why,
+    // errno is EADDRNOTAVAIL and there is a line in the trace.
+    static BOOL HasAddress(const CCmInetAddr& aAddr, CCmFailure& aFailure);
+
     // The user hears nothing any more. Does nothing when no look-up runs.
     void Cancel();
 
 private:
+    static CCmFailure FailureOfName_i(const CCmInetAddr& aName);
     void OnObserve(const char* aTopic, void* aData) override;
 
     INameUser& m_User;

@@ -7,6 +7,7 @@
 
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
+#include "talvo/transport/dns/name_lookup.h"
 #include "talvo/transport/tcp/transport_tcp.h"
 
 namespace {
@@ -66,10 +67,8 @@ CmResult CCmAcceptorTcp::Bind_i(const CCmInetAddr& aAddrListen) {
                                                             << " err=" << m_Failure.GetErrno());
         return CM_ERROR_NETWORK_SOCKET_ERROR;
     };
-    if (!aAddrListen.IsResolved()) {
-        errno = EADDRNOTAVAIL;
-        return failed("bind", "bind to");
-    }
+    if (!talvo::CNameLookup::HasAddress(aAddrListen, m_Failure))
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
     if (m_Socket.Open(TRUE) == -1)
         return failed("Open", "open a socket for");
     m_Settings = talvo::CTcpSettings::Read();

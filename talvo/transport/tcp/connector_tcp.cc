@@ -24,8 +24,12 @@ int CCmConnectorTcpT<TransportType>::Connect(const CCmInetAddr& aAddr, CCmInetAd
     return WithMemory_i([&] {
         m_AddrPeer = aAddr;
         m_AddrLocal = aAddrLocal ? *aAddrLocal : CCmInetAddr::s_InetAddrAny;
-        const CCmString strName = m_AddrPeer.GetHostName();
-        return strName.empty() ? ConnectTo_i({m_AddrPeer.GetIpAddrIn4Bytes()}) : ConnectToName_i(strName);
+        if (!talvo::CNameLookup::HasAddress(m_AddrLocal, m_Failure))
+            return -1;
+        if (!m_AddrPeer.IsResolved())
+            return ConnectToName_i(m_AddrPeer.GetHostName());
+        const BOOL bAddress = talvo::CNameLookup::HasAddress(m_AddrPeer, m_Failure);
+        return bAddress ? ConnectTo_i({m_AddrPeer.GetIpAddrIn4Bytes()}) : -1;
     });
 }
 

@@ -7,6 +7,7 @@
 #include "talvo/base/config.h"
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
+#include "talvo/transport/dns/name_lookup.h"
 
 namespace {
 
@@ -61,9 +62,9 @@ CmResult CCmAcceptorUdp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmI
 }
 
 CmResult CCmAcceptorUdp::Bind_i(CCmSocketUdp& aSocket, const CCmInetAddr& aAddrListen) {
-    if (!aAddrListen.IsResolved())
-        errno = EADDRNOTAVAIL;
-    else if (aSocket.Open(aAddrListen) == 0 && aSocket.Enable(CCmIPCBase::NON_BLOCK) == 0)
+    if (!talvo::CNameLookup::HasAddress(aAddrListen, m_Failure))
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    if (aSocket.Open(aAddrListen) == 0 && aSocket.Enable(CCmIPCBase::NON_BLOCK) == 0)
         return CM_OK;
     m_Failure = CCmFailure(errno, "bind to", aAddrListen);
     CM_ERROR_TRACE_THIS("CCmAcceptorUdp::StartListen, Open() failed! addr=" << aAddrListen.GetIpDisplayName()

@@ -22,8 +22,12 @@ int CCmConnectorUdpT<TransportType>::Connect(const CCmInetAddr& aAddr, CCmInetAd
     const BOOL bMemory = talvo::WithMemory([&] {
         m_AddrPeer = aAddr;
         m_AddrLocal = aAddrLocal ? *aAddrLocal : CCmInetAddr::s_InetAddrAny;
-        const CCmString strName = m_AddrPeer.GetHostName();
-        nRv = strName.empty() ? Connect_i() : ConnectToName_i(strName);
+        if (!talvo::CNameLookup::HasAddress(m_AddrLocal, m_Failure))
+            return;
+        if (!m_AddrPeer.IsResolved())
+            nRv = ConnectToName_i(m_AddrPeer.GetHostName());
+        else if (talvo::CNameLookup::HasAddress(m_AddrPeer, m_Failure))
+            nRv = Connect_i();
     });
     if (bMemory)
         return nRv;
