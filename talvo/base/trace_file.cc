@@ -4,7 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -45,6 +48,52 @@ public:
 
 protected:
     void Store(std::string_view aLines) override { WriteAll(GetFd(), aLines, -1); }
+};
+
+// Takes the SIGPIPE of a write in this thread away, unless one was waiting before.
+class CNoPipeSignal {
+public:
+    CNoPipeSignal() {
+        sigset_t pending;
+        sigemptyset(&m_Pipe);
+        sigaddset(&m_Pipe, SIGPIPE);
+        sigpending(&pending);
+        m_bMine = sigismember(&pending, SIGPIPE) == 0;
+        pthread_sigmask(SIG_BLOCK, &m_Pipe, &m_Before);
+    }
+    ~CNoPipeSignal() {
+        constexpr timespec NO_TIME{};
+        if (m_bMine)
+            sigtimedwait(&m_Pipe, nullptr, &NO_TIME);
+        pthread_sigmask(SIG_SETMASK, &m_Before, nullptr);
+    }
+    CNoPipeSignal(const CNoPipeSignal&) = delete;
+    CNoPipeSignal& operator=(const CNoPipeSignal&) = delete;
+
+private:
+    sigset_t m_Pipe;
+    sigset_t m_Before;
+    BOOL m_bMine;
+};
+
+// A pipe or a device, which is never waited for: whole lines are lost while it has no room or no reader.
+class CCmTraceFileStream final : public CCmTraceFile {
+public:
+    CCmTraceFileStream(HANDLE aFd, const CCmTraceFileSettings& aSettings) : CCmTraceFile(aFd, aSettings.m_dwFlushPerLines) {}
+    ~CCmTraceFileStream() override { Flush(); }
+
+protected:
+    void Store(std::string_view aLines) override {
+        const CNoPipeSignal noSignal;
+        while (!aLines.empty()) {
+            // A pipe takes as much as this whole or not at all.
+            const std::string_view most = aLines.substr(0, PIPE_BUF);
+            const std::string_view piece = most.substr(0, most.rfind('\n') + 1);
+            const std::string_view lines = piece.empty() ? most : piece;
+            WriteAll(GetFd(), lines, -1);
+            aLines.remove_prefix(lines.size());
+        }
+    }
 };
 
 class CCmTraceFileCircular final : public CCmTraceFile {
@@ -114,21 +163,38 @@ private:
 
 }  // namespace
 
+// Null with errno.
+std::unique_ptr<CCmTraceFile> CCmTraceFile::Make(HANDLE aFd, const CCmTraceFileSettings& aSettings) {
+    struct stat status {};
+    const BOOL bRegular = fstat(aFd, &status) == 0 && S_ISREG(status.st_mode);
+    CCmTraceFile* pFile = nullptr;
+    errno = ESPIPE;
+    if (!bRegular && aSettings.m_bCircular)
+        return nullptr;
+    if (!bRegular)
+        pFile = new (std::nothrow) CCmTraceFileStream(aFd, aSettings);
+    else if (aSettings.m_bCircular)
+        pFile = new (std::nothrow) CCmTraceFileCircular(aFd, aSettings);
+    else
+        pFile = new (std::nothrow) CCmTraceFilePlain(aFd, aSettings);
+    if (!pFile)
+        errno = ENOMEM;
+    return std::unique_ptr<CCmTraceFile>(pFile);
+}
+
+// A pipe without a reader is refused instead of waited for.
 std::unique_ptr<CCmTraceFile> CCmTraceFile::Open(const CCmTraceFileSettings& aSettings) {
     const int nMode = aSettings.m_bCircular ? O_RDWR : O_WRONLY | O_APPEND;
-    const HANDLE fd = open(aSettings.m_strPath.c_str(), nMode | O_CREAT | O_CLOEXEC, 0644);
+    const HANDLE fd = open(aSettings.m_strPath.c_str(), nMode | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);
     if (fd == CM_INVALID_HANDLE)
         return nullptr;
-    CCmTraceFile* pFile;
-    if (aSettings.m_bCircular)
-        pFile = new (std::nothrow) CCmTraceFileCircular(fd, aSettings);
-    else
-        pFile = new (std::nothrow) CCmTraceFilePlain(fd, aSettings);
+    std::unique_ptr<CCmTraceFile> pFile = Make(fd, aSettings);
     if (!pFile) {
+        const int nError = errno;
         close(fd);
-        errno = ENOMEM;
+        errno = nError;
     }
-    return std::unique_ptr<CCmTraceFile>(pFile);
+    return pFile;
 }
 
 CCmTraceFile::~CCmTraceFile() { close(m_Fd); }

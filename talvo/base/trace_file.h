@@ -12,11 +12,12 @@ namespace talvo {
 // One open trace file of either mode. docs/trace.md has the formats.
 //
 // Lines wait in memory until there are enough of them, but never more than 64 KiB. What the system refuses to write is lost:
-// a full disk stops the trace and nothing else.
+// a full disk, or a pipe that is not read, stops the trace and nothing else.
 class CCmTraceFile {
 public:
     // Creates the file or goes on where an earlier process left it: a plain file at its end, a circular one at its offset (a
-    // file without a valid offset is begun anew). Null, with errno, when it cannot be opened.
+    // file without a valid offset is begun anew). Does not wait. Null, with errno, when it cannot be opened: ENXIO for a pipe
+    // without a reader, ESPIPE for a circular file that is a pipe or a device.
     static std::unique_ptr<CCmTraceFile> Open(const CCmTraceFileSettings& aSettings);
 
     virtual ~CCmTraceFile();
@@ -42,6 +43,8 @@ protected:
     HANDLE GetFd() const { return m_Fd; }
 
 private:
+    static std::unique_ptr<CCmTraceFile> Make(HANDLE aFd, const CCmTraceFileSettings& aSettings);
+
     const HANDLE m_Fd;  // owned
     DWORD m_dwFlushPerLines;
     DWORD m_dwWaiting = 0;  // lines

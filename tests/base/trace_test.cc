@@ -1,8 +1,12 @@
 #include "talvo/base/trace.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <sstream>
 #include <thread>
@@ -116,6 +120,34 @@ TEST_F(TraceFileTest, ManyThreadsWriteWholeLinesInTheirOrder) {
         ASSERT_TRUE(strLine.ends_with("] " + std::to_string(nThread) + " " + std::to_string(nNext[nThread]++))) << strLine;
     }
     EXPECT_EQ(CountLines(), 4 * 500);
+}
+
+TEST_F(TraceFileTest, APipeIsNeverWaitedFor) {
+    CCmTraceFileSettings settings;
+    settings.m_strPath = m_Dir.PathOf("pipe");
+    ASSERT_EQ(0, mkfifo(settings.m_strPath.c_str(), 0600));
+    Open(1);
+    EXPECT_EQ(CM_ERROR_FAILURE, CCmTrace::SetFile(settings));  // without a reader
+    for (int nRound = 0; nRound < 2; ++nRound) {
+        const int nReader = open(settings.m_strPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        settings.m_bCircular = TRUE;
+        EXPECT_EQ(CM_ERROR_FAILURE, CCmTrace::SetFile(settings));
+        settings.m_bCircular = FALSE;
+        settings.m_dwFlushPerLines = 7;
+        EXPECT_EQ(CM_OK, CCmTrace::SetFile(settings));
+        for (int n = 0; n < 100; ++n)
+            CM_INFO_TRACE(std::string(1500, 'x') << "end");  // more than there is room for
+        CCmTrace::Flush();
+        char szRead[65536];
+        const ssize_t nRead = read(nReader, szRead, sizeof szRead);
+        EXPECT_TRUE(std::string_view(szRead, nRead < 0 ? 0 : static_cast<size_t>(nRead)).ends_with("xend\n"));
+        EXPECT_GT(nRead, 32768);
+        close(nReader);
+        CM_ERROR_TRACE("nobody reads");  // SIGPIPE would end the process
+    }
+    sigset_t pending;
+    EXPECT_EQ(0, sigpending(&pending));
+    EXPECT_EQ(0, sigismember(&pending, SIGPIPE));
 }
 
 TEST_F(TraceFileTest, ExitWritesOutWhatWaitsWhileThreadsGoOnTracing) {
