@@ -1,6 +1,7 @@
 #include "talvo/http/message/http_atom_list.h"
 
 #include <array>
+#include <utility>
 
 #include "talvo/base/clean_up.h"
 #include "talvo/base/trace.h"
@@ -61,7 +62,7 @@ std::atomic<CCmHttpAtomList*> s_pInstance{nullptr};
 // Lets the list go with the other singletons; the list itself can be copied and is therefore none.
 class CAtomListOwner : public CCmCleanUpBase {
 public:
-    explicit CAtomListOwner(CCmHttpAtomList* aList) : m_pList(aList) { s_pInstance = aList; }
+    explicit CAtomListOwner(std::unique_ptr<CCmHttpAtomList> aList) : m_pList(std::move(aList)) { s_pInstance = m_pList.get(); }
     ~CAtomListOwner() override { s_pInstance = nullptr; }
 
 private:
@@ -74,8 +75,12 @@ CCmHttpAtomList* CCmHttpAtomList::Instance() {
     if (CCmHttpAtomList* pInstance = s_pInstance.load(std::memory_order_acquire))
         return pInstance;
     SingletonGuard guard(CCmCleanUpBase::GetSingletonMutex());
-    if (!s_pInstance)
-        new CAtomListOwner(new CCmHttpAtomList);
+    if (s_pInstance)
+        return s_pInstance;
+    talvo::WithMemory([] {
+        std::unique_ptr<CCmHttpAtomList> pList(new CCmHttpAtomList);
+        new CAtomListOwner(std::move(pList));
+    });
     return s_pInstance;
 }
 
@@ -139,9 +144,11 @@ BOOL CCmHttpAtomList::IsFull_l(std::string_view aName) const {
 }
 
 void CCmHttpAtomList::SetLimits(DWORD aMaxNames, DWORD aMaxBytes) {
-    Guard guard(GetMutex());
-    m_dwMaxNames = aMaxNames;
-    m_dwMaxBytes = aMaxBytes;
+    talvo::WithMemory([=, this] {
+        Guard guard(GetMutex());
+        m_dwMaxNames = aMaxNames;
+        m_dwMaxBytes = aMaxBytes;
+    });
 }
 
 CCmMutexThread& CCmHttpAtomList::GetMutex() const {

@@ -21,9 +21,10 @@ class CHttpNameTable;
 class TALVO_API CCmHttpAtomList {
 public:
     // Made by the first call and destroyed with the other process-wide objects; atoms it has learned are then gone as well.
+    // Null: memory ran out; a later call tries again.
     static CCmHttpAtomList* Instance();
 
-    // A copy has learned the same names, but its atoms of them are not the original's.
+    // A copy has learned the same names, but its atoms of them are not the original's. Without memory copying throws.
     CCmHttpAtomList(const CCmHttpAtomList& aOther);
     CCmHttpAtomList& operator=(const CCmHttpAtomList& aOther);
     ~CCmHttpAtomList();
@@ -37,7 +38,7 @@ public:
     static CCmHttpAtom FindKnown(std::string_view aName);
 
     // What may be learned beside the known names: that many, and that many bytes of text with terminators. Names beyond a new
-    // and smaller limit stay.
+    // and smaller limit stay. Without memory for the mutex the limits stay as they are.
     void SetLimits(DWORD aMaxNames, DWORD aMaxBytes);
     static constexpr DWORD DEFAULT_MAX_NAMES = 65536;
     static constexpr DWORD DEFAULT_MAX_BYTES = 4u << 20;

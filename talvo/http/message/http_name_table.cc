@@ -2,8 +2,8 @@
 
 #include <cstring>
 #include <new>
-#include <random>
 
+#include "talvo/base/random_seed.h"
 #include "talvo/http/message/http_text.h"
 
 namespace talvo {
@@ -28,14 +28,7 @@ uint64_t mix(uint64_t aLeft, uint64_t aRight) {
 
 }  // namespace
 
-CHttpNameTable::CHttpNameTable() {
-    std::random_device random;
-    for (int i = 0; i < 2; ++i) {
-        m_ullSeed = m_ullSeed << 32 | random();
-        m_ullFactor = m_ullFactor << 32 | random();
-    }
-    m_ullFactor |= 1;
-}
+CHttpNameTable::CHttpNameTable() : m_ullSeed(random_seed()), m_ullFactor(random_seed() | 1) {}
 
 CHttpNameTable::~CHttpNameTable() {
     for (std::atomic<CNode*>& bucket : m_Buckets) {

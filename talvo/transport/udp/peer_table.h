@@ -3,9 +3,9 @@
 
 #include <cstdint>
 #include <memory>
-#include <random>
 #include <unordered_map>
 
+#include "talvo/base/random_seed.h"
 #include "talvo/base/types.h"
 #include "talvo/base/with_memory.h"
 
@@ -36,7 +36,7 @@ public:
     // Address and port, both in network order.
     static uint64_t KeyOf(uint32_t aAddr, uint16_t aPort) { return uint64_t{aAddr} << 16 | aPort; }
 
-    CPeerTableT() : m_Peers(0, CHash{std::random_device{}() | uint64_t{std::random_device{}()} << 32}) {}
+    CPeerTableT() : m_Peers(0, CHash{random_seed()}) {}
     CPeerTableT(const CPeerTableT&) = delete;
     CPeerTableT& operator=(const CPeerTableT&) = delete;
 
