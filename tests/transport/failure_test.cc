@@ -226,9 +226,13 @@ TEST_F(FailureTest, NothingIsTakenBehindTheEndOfSending) {
     BOOL bEnd = TRUE;
     EXPECT_EQ(CM_OK, pProxy->SetOption(CM_OPT_TRANSPORT_END_SENDING, &bEnd));
     EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(*pProxy, "late"));
+    EXPECT_EQ(CM_OK, SendText(*pProxy, ""));
     ICmTransport* pInner = nullptr;
     EXPECT_EQ(CM_OK, pProxy->GetOption(CM_OPT_TRANSPORT_INNER_TRANSPORT, &pInner));
-    m_Network.InNetwork([&] { EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(*pInner, "late")); });
+    m_Network.InNetwork([&] {
+        EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(*pInner, "late"));
+        EXPECT_EQ(CM_OK, SendText(*pInner, ""));
+    });
     std::string strRead;
     m_Network.RunUntil([&] { return ReadToEnd(peer, strRead); });
     EXPECT_EQ("", strRead);

@@ -25,11 +25,11 @@ CmResult CTransportProxyCore::SendData(CCmMessageBlock& aData, CCmTransportParam
         aPara->m_dwHaveSent = 0;
     if (m_bClosed)
         return CM_ERROR_NULL_POINTER;
-    if (m_bEndAsked)
-        return CM_ERROR_NETWORK_SOCKET_ERROR;
     DWORD dwLength = aData.GetChainedLength();
     if (dwLength == 0 && !m_bDatagrams)
         return CM_OK;
+    if (m_bEndAsked)
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
     if (m_bDatagrams && CheckDatagram(aData, dwLength) != CM_OK)
         return CM_ERROR_INVALID_ARG;
     if (const DWORD dwMax = m_dwMaxMessage; dwLength > dwMax) {
