@@ -50,13 +50,22 @@ size_t GetNameLength(std::string_view aHost) {
     return stEnd != std::string_view::npos && stEnd > 1 && aHost[stEnd] == ']' ? stEnd + 1 : std::string_view::npos;
 }
 
-// A name or an address, which may be empty, then perhaps a colon and the digits of a port, which may be none.
+// Digits, perhaps none and perhaps leading zeros, of a number up to 65535.
+BOOL IsPort(std::string_view aText) {
+    if (!AreDigits(aText))
+        return FALSE;
+    const std::string_view digits = aText.substr(std::min(aText.find_first_not_of('0'), aText.size()));
+    constexpr std::string_view MAX = "65535";
+    return digits.size() < MAX.size() || (digits.size() == MAX.size() && digits <= MAX);
+}
+
+// A name or an address, which may be empty, then perhaps a colon and a port.
 BOOL IsHost(std::string_view aText) {
     const size_t stName = GetNameLength(aText);
     if (stName == std::string_view::npos || !IsAll(aText, HOST))
         return FALSE;
     const std::string_view port = aText.substr(stName);
-    return port.empty() || (port.front() == ':' && AreDigits(port.substr(1)));
+    return port.empty() || (port.front() == ':' && IsPort(port.substr(1)));
 }
 
 // What CONNECT asks for: both parts.
@@ -103,8 +112,9 @@ int CHttpRequestCheck::OnRequestLine(std::string_view aLine) {
     if (version.size() != 8 || !equal_no_case(version.substr(0, 5), "HTTP/") || !IsDigit(version[5]) || version[6] != '.' ||
         !IsDigit(version[7]))
         return BAD_REQUEST;
-    m_bHostNeeded = version[7] == '1';
-    return version[5] == '1' && version[7] <= '1' ? 0 : VERSION_NOT_SUPPORTED;
+    m_bHostNeeded = version[7] != '0';
+    m_bLaterMinor = version[7] > '1';
+    return version[5] == '1' ? 0 : VERSION_NOT_SUPPORTED;
 }
 
 // A line that begins with a space continues the one before it; that form is obsolete and refused like other bad names.

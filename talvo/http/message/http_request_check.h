@@ -13,11 +13,14 @@ class CHttpRequestCheck {
 public:
     void Reset() { *this = CHttpRequestCheck(); }
 
-    // The next line, without its end. 0, or the status of the answer: 400, 505 for a version that is not known.
+    // The next line, without its end. 0, or the status of the answer: 400, 505 for another major version than 1.
     int OnLine(std::string_view aLine) { return m_dwLines++ == 0 ? OnRequestLine(aLine) : OnHeaderLine(aLine); }
 
     // The head is complete. 0 or 400.
     int OnEnd() const { return m_bHostNeeded && m_dwHosts == 0 ? 400 : 0; }
+
+    // The request is of HTTP/1.2 or a later minor version, which a server handles as 1.1 (RFC 9110, 6.2).
+    BOOL IsLaterMinor() const { return m_bLaterMinor; }
 
     // How many lines there have been.
     DWORD GetLines() const { return m_dwLines; }
@@ -31,6 +34,7 @@ private:
     DWORD m_dwHosts = 0;
     DWORD m_dwLengths = 0;
     BOOL m_bHostNeeded = FALSE;
+    BOOL m_bLaterMinor = FALSE;
 };
 
 }  // namespace talvo

@@ -68,9 +68,18 @@ int CHttpRequestReader::OnLine(std::string_view aLine, CCmHttpRequestHead& aHead
         return nStatus;
     if (m_stHead > m_Settings.m_dwMaxHead)
         return HEADERS_TOO_LARGE;
-    if (!aHead.ParseLine(aLine))
+    if (!ParseLine(aLine, aHead))
         return aHead.GetFaults() & CM_HTTP_FAULT_MEMORY ? SERVICE_UNAVAILABLE : BAD_REQUEST;
     return aLine.empty() ? COMPLETE : MORE;
+}
+
+// The head knows the versions 1.0 and 1.1.
+BOOL CHttpRequestReader::ParseLine(std::string_view aLine, CCmHttpRequestHead& aHead) {
+    if (m_Check.GetLines() != 1 || !m_Check.IsLaterMinor())
+        return aHead.ParseLine(aLine);
+    CCmString strLine(aLine);
+    strLine.back() = '1';
+    return aHead.ParseLine(strLine);
 }
 
 // The CR of a line end to come is not part of the line.

@@ -27,6 +27,7 @@ public:
 private:
     int FeedBlock(CCmMessageBlock& aBlock, CCmHttpRequestHead& aHead);
     int OnLine(std::string_view aLine, CCmHttpRequestHead& aHead);
+    BOOL ParseLine(std::string_view aLine, CCmHttpRequestHead& aHead);
     int OnPart(std::string_view aPart);
     int TooLong() const;
     void Reset();
