@@ -44,6 +44,9 @@ public:
     }
     CmResult TryLock() CM_TRY_ACQUIRE(0) { return CM_OK; }
 
+    // For calls that refuse another thread.
+    BOOL IsCurrentThread() const { return m_Est.IsCurrentThread(); }
+
 private:
     CCmEnsureSingleThread m_Est;
 };

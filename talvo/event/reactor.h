@@ -37,7 +37,9 @@ public:
 };
 
 // Demultiplexes readiness to handlers, and is its thread's event queue and timer queue as well. All calls come from its own
-// thread, except PostEvent, SendEvent, NotifyHandler and StopEventLoop, which may come from any.
+// thread, except PostEvent, SendEvent, NotifyHandler and StopEventLoop, which may come from any. From another thread
+// RegisterHandler, RemoveHandler, RunEventLoop and the timer operations change nothing and return CM_ERROR_FAILURE; before Open
+// the constructing thread is the reactor's.
 class TALVO_API ICmReactor : public ICmEventQueue, public ICmTimerQueue {
 public:
     // Properties of a reactor.
@@ -78,7 +80,8 @@ public:
     virtual CmResult StopEventLoop() = 0;
 
     // Forgets all handlers without a call to them, ends the timers and refuses further events; there is no way back. Objects
-    // whose deletion waits for a timer or an event are deleted. CM_ERROR_NOT_AVAILABLE: from inside a callback.
+    // whose deletion waits for a timer or an event are deleted. CM_ERROR_NOT_AVAILABLE: from inside a callback. From another
+    // thread only when the reactor's has ended.
     virtual CmResult Close() = 0;
 
     // Bits of PROPERTY_...

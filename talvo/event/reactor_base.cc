@@ -33,8 +33,16 @@ CmResult CCmReactorBase::Open() {
     return CM_OK;
 }
 
+BOOL CCmReactorBase::IsOwnThread_i(const char* aCall) const {
+    if (m_Est.IsCurrentThread()) [[likely]]
+        return TRUE;
+    CM_ERROR_TRACE_THIS("CCmReactorBase::" << aCall << ", refused: another thread than the reactor's calls.");
+    return FALSE;
+}
+
 CmResult CCmReactorBase::RegisterHandler(ACmEventHandler* aEh, long aMask) {
-    m_Est.EnsureSingleThread();
+    if (!IsOwnThread_i("RegisterHandler"))
+        return CM_ERROR_FAILURE;
     if (!aEh)
         return CM_ERROR_INVALID_ARG;
     const long lMask = aMask & ACmEventHandler::ALL_EVENTS_MASK;
@@ -63,7 +71,8 @@ CmResult CCmReactorBase::RegisterHandler(ACmEventHandler* aEh, long aMask) {
 }
 
 CmResult CCmReactorBase::RemoveHandler(ACmEventHandler* aEh, long aMask) {
-    m_Est.EnsureSingleThread();
+    if (!IsOwnThread_i("RemoveHandler"))
+        return CM_ERROR_FAILURE;
     if (!aEh)
         return CM_ERROR_INVALID_ARG;
     const long lMask = aMask & ACmEventHandler::ALL_EVENTS_MASK;
@@ -183,7 +192,8 @@ CmResult CCmReactorBase::ProcessTimerTick() {
 }
 
 CmResult CCmReactorBase::ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) {
-    m_Est.EnsureSingleThread();
+    if (!IsOwnThread_i("ScheduleTimer"))
+        return CM_ERROR_FAILURE;
     if (!m_pTimerQueue) {
         CM_ERROR_TRACE_THIS("CCmReactorBase::ScheduleTimer, m_pTimerQueue not inited or closed.");
         return CM_ERROR_NOT_INITIALIZED;
@@ -192,7 +202,8 @@ CmResult CCmReactorBase::ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const C
 }
 
 CmResult CCmReactorBase::CancelTimer(ICmTimerHandler* aEh) {
-    m_Est.EnsureSingleThread();
+    if (!IsOwnThread_i("CancelTimer"))
+        return CM_ERROR_FAILURE;
     if (!m_pTimerQueue) {
         CM_ERROR_TRACE_THIS("CCmReactorBase::CancelTimer, m_pTimerQueue not inited or closed.");
         return CM_ERROR_NOT_INITIALIZED;

@@ -67,6 +67,8 @@ protected:
     virtual void OnHandleMaskAdded(HANDLE aFd);
 
     BOOL IsOpen() const { return m_pTimerQueue != nullptr; }
+    // FALSE, and a line in the trace: a call that belongs to the reactor's thread comes from another one.
+    BOOL IsOwnThread_i(const char* aCall) const;
 
     CCmEnsureSingleThread m_Est;
     CCmEventQueueUsingMutex m_EventQueue;

@@ -126,9 +126,10 @@ CmResult CCmReactorEpoll::Open() {
 CmResult CCmReactorEpoll::Close() { return m_bRunning ? CM_ERROR_NOT_AVAILABLE : CCmReactorBase::Close(); }
 
 CmResult CCmReactorEpoll::RunEventLoop() {
+    if (!IsOwnThread_i("RunEventLoop"))
+        return CM_ERROR_FAILURE;
     if (!IsOpen())
         return CM_ERROR_NOT_INITIALIZED;
-    m_Est.EnsureSingleThread();
     if (m_bRunning)
         return CM_ERROR_ALREADY_INITIALIZED;
     talvo::guard_callbacks([this] {
@@ -145,9 +146,10 @@ CmResult CCmReactorEpoll::StopEventLoop() {
 }
 
 CmResult CCmReactorEpoll::RunOnce(const CCmTimeValue* aTimeout) {
+    if (!IsOwnThread_i("RunOnce"))
+        return CM_ERROR_FAILURE;
     if (!IsOpen())
         return CM_ERROR_NOT_INITIALIZED;
-    m_Est.EnsureSingleThread();
     if (m_bRunning)
         return CM_ERROR_ALREADY_INITIALIZED;
     const int64_t llWait = aTimeout ? std::clamp<int64_t>(aTimeout->GetTotalInUsec(), 0, m_llTickUsec) : m_llTickUsec;

@@ -31,10 +31,12 @@ public:
     // skipped, not made up in a burst. An interval of zero or less with count 1 fires at the next turn of the loop.
     // CM_OK: new. CM_ERROR_FOUND: replaced the timer that aEh had; also a success. CM_ERROR_INVALID_ARG: aEh is null, or
     // aInterval is not positive and aCount is not 1. CM_ERROR_NOT_INITIALIZED: a reactor that is not open.
-    // CM_ERROR_OUT_OF_MEMORY: nothing is scheduled; a timer that aEh had stays.
+    // CM_ERROR_OUT_OF_MEMORY: nothing is scheduled; a timer that aEh had stays. CM_ERROR_FAILURE: another thread than the
+    // queue's calls; nothing changes.
     virtual CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) = 0;
 
-    // CM_OK, CM_ERROR_NOT_FOUND when it has no timer, CM_ERROR_INVALID_ARG for null, CM_ERROR_NOT_INITIALIZED as above.
+    // CM_OK, CM_ERROR_NOT_FOUND when it has no timer, CM_ERROR_INVALID_ARG for null, CM_ERROR_NOT_INITIALIZED and
+    // CM_ERROR_FAILURE as above.
     virtual CmResult CancelTimer(ICmTimerHandler* aEh) = 0;
 
     virtual ~ICmTimerQueue();

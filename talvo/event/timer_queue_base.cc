@@ -35,6 +35,8 @@ CmResult CCmTimerQueueBase::ScheduleTimer(ICmTimerHandler* aEh, void* aArg, cons
         return CM_ERROR_INVALID_ARG;
     if (aInterval <= CCmTimeValue::s_tvZero && aCount != 1)
         return CM_ERROR_INVALID_ARG;
+    if (!m_Mutex.IsCurrentThread())
+        return CM_ERROR_FAILURE;
 
     int64_t llEarliest = 0;
     const BOOL bWasEmpty = m_pObserver && GetEarliestTime_l(llEarliest) == -1;
@@ -85,6 +87,8 @@ void CCmTimerQueueBase::AdmitNextPassNodes_l(int64_t) {}
 CmResult CCmTimerQueueBase::CancelTimer(ICmTimerHandler* aEh) {
     if (!aEh)
         return CM_ERROR_INVALID_ARG;
+    if (!m_Mutex.IsCurrentThread())
+        return CM_ERROR_FAILURE;
     Guard guard(m_Mutex);
     switch (EraseNode_l(aEh)) {
     case 0:

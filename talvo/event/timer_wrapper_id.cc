@@ -34,8 +34,9 @@ void CCmTimerWrapperID::OnThreadEnd() { std::exchange(m_pTimerQueue, nullptr)->C
 CmResult CCmTimerWrapperID::Cancel() {
     if (!m_bScheduled)
         return CM_OK;
-    m_bScheduled = FALSE;
-    return m_pTimerQueue ? m_pTimerQueue->CancelTimer(this) : CM_ERROR_NULL_POINTER;
+    const CmResult rv = m_pTimerQueue ? m_pTimerQueue->CancelTimer(this) : CM_ERROR_NULL_POINTER;
+    m_bScheduled = rv == CM_ERROR_FAILURE;  // another thread calls: the timer goes on
+    return rv;
 }
 
 void CCmTimerWrapperID::OnTimeout(const CCmTimeValue&, void* aArg) {

@@ -29,7 +29,7 @@ public:
     CmResult Schedule(CCmTimerWrapperIDSink* aSink, const CCmTimeValue& aInterval, unsigned long aCount = 0);
 
     // CM_OK, also when never scheduled; CM_ERROR_NOT_FOUND when the last firing is over; CM_ERROR_NULL_POINTER when the thread
-    // has ended since.
+    // has ended since; CM_ERROR_FAILURE when another thread calls, and the timer goes on.
     CmResult Cancel();
 
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;

@@ -4,7 +4,9 @@
 
 #include <cstring>
 
+#include "talvo/event/timer_wrapper_id.h"
 #include "tests/support/event_helpers.h"
+#include "tests/support/event_socket.h"
 #include "tests/support/trace_capture.h"
 
 namespace {
@@ -145,6 +147,30 @@ TEST(ThreadTest, PostsThroughALinkRaceWithTheEndOfTheThread) {
 
 // The body finds its registration, is given up by Join, destroyed by its owner, and comes back to an object that is still
 // there.
+TEST(ThreadTest, HandlersAndTimersOfAnotherThreadAreRefused) {
+    CMainThread main;
+    CTestHandler handler(0);
+    CTestTimer timer;
+    for (const auto kind : {CScopedThread::REACTOR, CScopedThread::TASK}) {
+        CScopedThread thread(kind);
+        ICmTimerQueue* pTimers = thread->GetTimerQueue();
+        EXPECT_EQ(CM_ERROR_FAILURE, pTimers->ScheduleTimer(&timer, nullptr, CCmTimeValue::s_tvZero, 1));
+        EXPECT_EQ(CM_ERROR_FAILURE, pTimers->CancelTimer(&timer));
+        CCmTimerWrapperID wrapper;
+        const CCmTimeValue tvFar(1000);
+        EXPECT_EQ(CM_OK, thread->GetLink().Call([&] { return wrapper.Schedule(nullptr, tvFar, 1); }));
+        EXPECT_EQ(CM_ERROR_FAILURE, wrapper.Schedule(nullptr, tvFar, 1));
+        EXPECT_EQ(CM_ERROR_FAILURE, wrapper.Cancel());
+        EXPECT_EQ(CM_OK, thread->GetLink().Call([&] { return wrapper.Cancel(); }));
+        ICmReactor* pReactor = thread->GetReactor();
+        if (!pReactor)
+            continue;
+        EXPECT_EQ(CM_ERROR_FAILURE, pReactor->RegisterHandler(&handler, ACmEventHandler::READ_MASK));
+        EXPECT_EQ(CM_ERROR_FAILURE, pReactor->RemoveHandler(&handler, ACmEventHandler::READ_MASK));
+        EXPECT_EQ(CM_ERROR_FAILURE, pReactor->RunEventLoop());
+    }
+}
+
 TEST(ThreadTest, AThreadThatJoinGaveUpOnComesBackLater) {
     for (const auto flag : {CCmThreadManager::TF_JOINABLE, CCmThreadManager::TF_DETACHED}) {
         CCmTraceCapture trace;
