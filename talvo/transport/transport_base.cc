@@ -19,8 +19,8 @@ CmResult CCmTransportBase::OpenWithSink(ICmTransportSink* aSink) {
     if (rv != CM_OK) {
         Close_t(CM_OK);
         m_pSink = nullptr;
-    } else if (!m_bLayered) {
-        JoinCurrentThread();
+    } else {
+        Opened_i();
     }
     return rv;
 }
@@ -40,32 +40,11 @@ int CCmTransportBase::OnClose(HANDLE, long) {
     return 0;
 }
 
-CmResult CCmTransportBase::SetLayered_i(BOOL aLayered) {
-    m_bLayered = aLayered;
-    if (aLayered)
-        LeaveThread();
-    return CM_OK;
-}
-
 // What was taken is the system's already; it is only waited for until the peer has it.
-void CCmTransportBase::OnDrain(ECmDrainStage aStage) {
-    const BOOL bCut = aStage == ECmDrainStage::CUT;
-    ICmTransportSink* pSink = m_pSink;
-    if (!pSink || (aStage != ECmDrainStage::CLOSE && !bCut))
-        return;
+void CCmTransportBase::EndInOrder_i(BOOL aCut) {
     SetLayered_i(TRUE);
-    if (bCut || !talvo::CTransportLinger::Begin(*this, nullptr))
+    if (aCut || !talvo::CTransportLinger::Begin(*this, nullptr))
         Disconnect(CM_OK);
-    pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_CLOSE, this);  // last: the sink may release this transport
-}
-
-void CCmTransportBase::AddUndrained(CCmUndrained& aLeft) {
-    DWORD dwBytes = 0;
-    if (!m_pSink)
-        return;
-    ++aLeft.m_dwConnections;
-    if (GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK)
-        aLeft.m_ullBytes += dwBytes;
 }
 
 void CCmTransportBase::OnReferenceDestory() {

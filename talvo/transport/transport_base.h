@@ -2,16 +2,14 @@
 #pragma once
 
 #include "talvo/event/reactor.h"
-#include "talvo/event/thread_link.h"
 #include "talvo/event/timer_delete.h"
+#include "talvo/transport/drained_transport.h"
 #include "talvo/transport/socket.h"
-#include "talvo/transport/transport_interface.h"
 
 // Sink, reactor, the open sequence and the close path. Belongs to the thread of its reactor, as all its upcalls. The last
 // release closes it and forgets the sink at once; the object itself is deleted by a timer, after the current call has returned.
 class TALVO_API CCmTransportBase : public ACmEventHandler,
-                                   public ICmTransport,
-                                   protected CCmThreadTenant,
+                                   public talvo::CDrainedTransport,
                                    public CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
 public:
     // aReactor: of the owning thread; not owned, may die before this object.
@@ -45,20 +43,12 @@ protected:
     // Takes the handler out of the reactor, if that still exists.
     void RemoveFromReactor_i();
 
-    // CM_OPT_TRANSPORT_LAYERED. CM_OK.
-    CmResult SetLayered_i(BOOL aLayered);
-    BOOL IsLayered_i() const { return m_bLayered; }
-
     CCmEnsureSingleThread m_Est;
-    ICmTransportSink* m_pSink = nullptr;  // not owned; set by OpenWithSink, cleared by Disconnect, OnClose and the last release
-    ICmReactor* const m_pReactor;         // not owned
+    ICmReactor* const m_pReactor;  // not owned
 
 private:
-    void OnThreadEnd() override {}
-    void OnDrain(ECmDrainStage aStage) override;
-    void AddUndrained(CCmUndrained& aLeft) override;
+    void EndInOrder_i(BOOL aCut) override;
 
-    BOOL m_bLayered = FALSE;  // a layer above ends it in order
     ECmFailureCause m_Cause = CM_FAILURE_NONE;
     int m_nErrno = 0;
     const char* m_pText = nullptr;  // of a cause without errno

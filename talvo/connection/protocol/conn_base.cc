@@ -8,8 +8,8 @@ CmResult CConnBase::OpenWithSink(ICmTransportSink* aSink) {
         return CM_ERROR_INVALID_ARG;
     if (m_wStatus == CS_STATUS_NOT_CONNECTED)
         return CM_ERROR_NOT_AVAILABLE;
-    if (!std::exchange(m_pSink, aSink) && !m_bLayered)
-        JoinCurrentThread();
+    if (!std::exchange(m_pSink, aSink))
+        Opened_i();
     return CM_OK;
 }
 
@@ -22,32 +22,8 @@ void CConnBase::SetTPTransport(ICmTransport* aTransport) {
         aTransport->SetOption(CM_OPT_TRANSPORT_LAYERED, &bLayered);
 }
 
-CmResult CConnBase::SetLayered_i(BOOL aLayered) {
-    m_bLayered = aLayered;
-    if (aLayered)
-        LeaveThread();
-    return CM_OK;
-}
-
 // What is left to be sent goes its own way, see CTransportLinger.
-void CConnBase::OnDrain(ECmDrainStage aStage) {
-    const BOOL bCut = aStage == ECmDrainStage::CUT;
-    ICmTransportSink* pSink = m_pSink;
-    if (!pSink || (aStage != ECmDrainStage::CLOSE && !bCut))
-        return;
-    LeaveThread();
-    Disconnect(CM_OK);
-    pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_CLOSE, this);  // last: the sink may release this connection
-}
-
-void CConnBase::AddUndrained(CCmUndrained& aLeft) {
-    DWORD dwBytes = 0;
-    if (!m_pSink)
-        return;
-    ++aLeft.m_dwConnections;
-    if (GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK)
-        aLeft.m_ullBytes += dwBytes;
-}
+void CConnBase::EndInOrder_i(BOOL) { Disconnect(CM_OK); }
 
 void CConnBase::NoteFailure_i(ECmFailureCause aCause, const char* aText) {
     if (m_pFailureText)

@@ -4,16 +4,13 @@
 #include "talvo/base/ensure_single_thread.h"
 #include "talvo/base/ref_ptr.h"
 #include "talvo/connection/protocol/conn_owner.h"
-#include "talvo/event/thread_link.h"
 #include "talvo/event/timer_delete.h"
-#include "talvo/transport/transport_interface.h"
+#include "talvo/transport/drained_transport.h"
 
 // A protocol connection presents itself to the upper layer as a transport and lies over another one. It belongs to the network
 // thread, as all its upcalls; the last release ends it as Disconnect(CM_OK) does, and the object is deleted by a timer, after
 // the current call has returned.
-class TALVO_API CConnBase : public ICmTransport,
-                            public CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread>,
-                            private CCmThreadTenant {
+class TALVO_API CConnBase : public talvo::CDrainedTransport, public CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
 public:
     enum : WORD {
         CS_STATUS_NOT_CONNECTED = 1,  // at first, and after the end
@@ -60,17 +57,12 @@ protected:
     // Notes what this end found wrong with the peer, for CM_OPT_TRANSPORT_LAST_FAILURE; aText is a literal. The first counts.
     void NoteFailure_i(ECmFailureCause aCause, const char* aText);
 
-    // CM_OPT_TRANSPORT_LAYERED. CM_OK.
-    CmResult SetLayered_i(BOOL aLayered);
-    BOOL IsLayered_i() const { return m_bLayered; }
-
     // Answers of the transport below; CM_ERROR_NOT_AVAILABLE without one. The addresses, the type and the last failure can be
     // asked for after the end, too.
     CmResult SetTransportOption_i(DWORD aCommand, void* aArg);
     CmResult GetTransportOption_i(DWORD aCommand, void* aArg);
 
     CCmEnsureSingleThread m_Est;
-    ICmTransportSink* m_pSink = nullptr;  // not owned; set by OpenWithSink, cleared when the connection ends
     CCmRefPtrT<ICmTransport> m_pTransport;
     talvo::CConnOwner* m_pOwner = nullptr;  // not owned; set until the opening has ended
     WORD m_wPrevStatus = CS_STATUS_NOT_CONNECTED;
@@ -79,15 +71,11 @@ protected:
     BYTE m_byConnType = 15;
 
 private:
-    void OnThreadEnd() override {}
-    void OnDrain(ECmDrainStage aStage) override;
-    void AddUndrained(CCmUndrained& aLeft) override;
-
+    void EndInOrder_i(BOOL aCut) override;
     CmResult GetKeptOption_i(DWORD aCommand, void* aArg);
 
     CCmRefPtrT<ICmTransport> m_pEnded;  // was below until the connection ended; only asked
     ECmFailureCause m_Cause = CM_FAILURE_NONE;
     const char* m_pFailureText = nullptr;
     BOOL m_bReleased = FALSE;
-    BOOL m_bLayered = FALSE;  // a proxy ends it in order
 };

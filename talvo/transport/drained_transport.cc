@@ -1,0 +1,36 @@
+#include "talvo/transport/drained_transport.h"
+
+namespace talvo {
+
+CmResult CDrainedTransport::SetLayered_i(BOOL aLayered) {
+    m_bLayered = aLayered;
+    if (aLayered)
+        LeaveThread();
+    return CM_OK;
+}
+
+void CDrainedTransport::Opened_i() {
+    if (!m_bLayered)
+        JoinCurrentThread();
+}
+
+void CDrainedTransport::OnDrain(ECmDrainStage aStage) {
+    const BOOL bCut = aStage == ECmDrainStage::CUT;
+    ICmTransportSink* pSink = m_pSink;
+    if (!pSink || (aStage != ECmDrainStage::CLOSE && !bCut))
+        return;
+    LeaveThread();
+    EndInOrder_i(bCut);
+    pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_CLOSE, this);  // last: the sink may release this transport
+}
+
+void CDrainedTransport::AddUndrained(CCmUndrained& aLeft) {
+    DWORD dwBytes = 0;
+    if (!m_pSink)
+        return;
+    ++aLeft.m_dwConnections;
+    if (GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK)
+        aLeft.m_ullBytes += dwBytes;
+}
+
+}  // namespace talvo
