@@ -14,14 +14,13 @@ namespace {
 constexpr std::string_view TEMPORARY_BEGIN = ".talvo-";
 constexpr std::string_view TEMPORARY_END = ".part";
 constexpr size_t TEMPORARY_DIGITS = 16;
-constexpr size_t MAX_NAME = 255;  // what Linux file systems take
 
 }  // namespace
 
 std::string CheckFileName(std::string_view aName) {
     if (aName.empty())
         return "the name is empty";
-    if (aName.size() > MAX_NAME)
+    if (aName.size() > MAX_FILE_NAME)
         return "the name is longer than 255 bytes";
     if (aName == "." || aName == ".." || aName.find('/') != std::string_view::npos)
         return "the name points out of the directory";

@@ -6,6 +6,8 @@
 
 namespace tool {
 
+constexpr size_t MAX_FILE_NAME = 255;  // bytes; what Linux file systems take
+
 // A name that stays in its directory whatever it is joined to: 1 to 255 bytes, no '/', no control character, neither "." nor
 // "..", and not of the form of the receiver's own temporary files. What is wrong with it, or "".
 std::string CheckFileName(std::string_view aName);

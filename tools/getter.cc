@@ -200,10 +200,10 @@ void Getter::Finish(const std::string& aProblem) {
         m_pChannel->Disconnect(CM_OK);
     if (std::exchange(m_bMetered, false))
         m_Progress.GetMeter().End(m_ullSize, m_ullGot);
-    if (!aProblem.empty())
+    if (!aProblem.empty() && Application::GetPendingSignal() == 0)  // a signal is the reason itself, and the exit status
         m_Console.Problem(m_Arguments.m_strUrl + ": " + aProblem,
                           JsonLine("failed").Add("url", m_Arguments.m_strUrl).Add("reason", aProblem));
-    else if (m_Arguments.m_Target.m_Kind != OutputTarget::STDOUT)
+    else if (aProblem.empty() && m_Arguments.m_Target.m_Kind != OutputTarget::STDOUT)
         Deliver();
     m_Application.Finish(aProblem.empty() ? EXIT_OK : EXIT_FAILED);
 }

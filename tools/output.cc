@@ -12,6 +12,7 @@
 #include "tools/application.h"
 #include "tools/file_handle.h"
 #include "tools/file_name.h"
+#include "tools/partial_file.h"
 #include "tools/text.h"
 
 namespace tool {
@@ -27,39 +28,25 @@ std::string GetDirectory(const std::string& aPath) {
     return stSlash == std::string::npos ? "./" : aPath.substr(0, stSlash + 1);
 }
 
-// Where the links that aPath ends with lead.
-std::string FollowLinks(std::string aPath) {
+std::string Canonical(const std::string& aPath) {
+    const std::unique_ptr<char, decltype(&std::free)> pPath(canonicalize_file_name(aPath.c_str()), &std::free);
+    return pPath ? pPath.get() : "";
+}
+
+// Where the links that aPath ends with lead. aIsDescriptor: one of them names a descriptor of a process, as /dev/stderr and
+// /dev/fd/3 do. The file behind it is written by others at the same time, so it must not be replaced.
+std::string FollowLinks(std::string aPath, bool& aIsDescriptor) {
     for (int i = 0; i < MAX_LINKS; ++i) {
-        const std::unique_ptr<char, decltype(&std::free)> pTarget(canonicalize_file_name(aPath.c_str()), &std::free);
-        if (pTarget)
-            return pTarget.get();
+        const std::string strDirectory = Canonical(GetDirectory(aPath) + ".");
+        aIsDescriptor = strDirectory.starts_with("/proc/") && strDirectory.ends_with("/fd");
         char szLink[PATH_MAX];
-        const ssize_t nLength = readlink(aPath.c_str(), szLink, sizeof szLink);
+        const ssize_t nLength = aIsDescriptor ? -1 : readlink(aPath.c_str(), szLink, sizeof szLink);
         if (nLength <= 0)
             return aPath;
         const std::string strLink(szLink, static_cast<size_t>(nLength));
         aPath = strLink.front() == '/' ? strLink : GetDirectory(aPath) + strLink;
     }
     return aPath;
-}
-
-// Whether the path names a descriptor of a process, as /dev/stderr and /dev/fd/3 do by their links. The file behind it is
-// written by others at the same time, so it must not be replaced.
-bool NamesDescriptor(std::string aPath) {
-    for (int i = 0; i < MAX_LINKS; ++i) {
-        const std::unique_ptr<char, decltype(&std::free)> pDirectory(
-            canonicalize_file_name((GetDirectory(aPath) + ".").c_str()), &std::free);
-        const std::string strDirectory = pDirectory ? pDirectory.get() : "";
-        if (strDirectory.starts_with("/proc/") && strDirectory.ends_with("/fd"))
-            return true;
-        char szLink[PATH_MAX];
-        const ssize_t nLength = readlink(aPath.c_str(), szLink, sizeof szLink);
-        if (nLength <= 0)
-            return false;
-        const std::string strLink(szLink, static_cast<size_t>(nLength));
-        aPath = strLink.front() == '/' ? strLink : GetDirectory(aPath) + strLink;
-    }
-    return false;
 }
 
 // Opening a pipe for writing fails while there is no reader; an open that waits could not be interrupted.
@@ -75,6 +62,14 @@ int OpenWithReader(const std::string& aPath) {
             return -1;
         }
     }
+}
+
+// Whether a file of this name, and what stands beside it while it is fetched, can be made.
+std::string CheckNamesBeside(std::string_view aName) {
+    if (aName.empty())
+        return " is not the name of a file";
+    const size_t stMost = MAX_FILE_NAME - PartialFile::LONGEST_SUFFIX.size();
+    return aName.size() <= stMost ? "" : ": the name is longer than " + std::to_string(stMost) + " bytes";
 }
 
 bool WaitForRoom(int aFd) {
@@ -105,12 +100,14 @@ std::string JudgeTarget(const std::string& aPath, OutputTarget& aTarget) {
         aTarget = {OutputTarget::SPECIAL, aPath};
         return "";
     }
-    if (NamesDescriptor(aPath))
+    bool bDescriptor = false;
+    aTarget = {OutputTarget::REGULAR, FollowLinks(aPath, bDescriptor)};
+    if (bDescriptor)
         return strQuoted + " is a file that is open already; '-' writes to stdout";
-    aTarget = {OutputTarget::REGULAR, FollowLinks(aPath)};
     const std::string strDirectory = GetDirectory(aTarget.m_strPath);
-    if (GetBaseName(aTarget.m_strPath).empty())
-        return strQuoted + " is not the name of a file";
+    const std::string strBeside = CheckNamesBeside(GetBaseName(aTarget.m_strPath));
+    if (!strBeside.empty())
+        return strQuoted + strBeside;
     if (access(strDirectory.c_str(), W_OK | X_OK) != 0)
         return "cannot create a file in '" + strDirectory + "': " + SystemError(errno);
     return "";

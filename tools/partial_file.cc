@@ -54,7 +54,9 @@ bool Rename(const std::string& aFrom, const std::string& aTo) {
 }  // namespace
 
 PartialFile::PartialFile(std::string aPath)
-    : m_strPath(std::move(aPath)), m_strPart(m_strPath + ".part"), m_strTagPath(m_strPart + ".tag") {}
+    : m_strPath(std::move(aPath)),
+      m_strPart(m_strPath + std::string(SUFFIX)),
+      m_strTagPath(m_strPath + std::string(LONGEST_SUFFIX)) {}
 
 std::string PartialFile::LookForBeginning() {
     std::string strProblem = LookFor(m_strPart, m_bPartThere, m_ullSize);

@@ -16,6 +16,10 @@ namespace tool {
 // through a symbolic link.
 class PartialFile : public Output {
 public:
+    // Behind the name of FILE, of what stands beside it.
+    static constexpr std::string_view SUFFIX = ".part";
+    static constexpr std::string_view LONGEST_SUFFIX = ".part.tag";
+
     explicit PartialFile(std::string aPath);
 
     // Looks for what is there, FILE.part or else FILE, and touches nothing. GetSize and GetTag tell of it.

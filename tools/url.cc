@@ -20,6 +20,12 @@ std::string CheckAuthority(std::string_view aAuthority) {
     return addr.GetPort() == 0 ? "the port is not a number from 1 to 65535" : "";
 }
 
+// What a request line cannot carry.
+bool IsBlankOrControl(char aLetter) {
+    const auto cLetter = static_cast<unsigned char>(aLetter);
+    return cLetter <= ' ' || cLetter == 0x7F;
+}
+
 std::string CheckParts(std::string_view aScheme, std::string_view aAuthority, std::string_view aRest) {
     if (aScheme == "file")
         return aRest.starts_with('/') && (aAuthority.empty() || aAuthority == "localhost")
@@ -29,6 +35,8 @@ std::string CheckParts(std::string_view aScheme, std::string_view aAuthority, st
         return "https is not offered yet";
     if (!aRest.empty() && aRest.front() != '/')
         return "a '/' is needed behind the host, before the '" + std::string(aRest.substr(0, 1)) + "'";
+    if (std::any_of(aRest.begin(), aRest.end(), IsBlankOrControl))
+        return "there is a blank or a control character in it, '%20' stands for a blank";
     return CheckAuthority(aAuthority);
 }
 

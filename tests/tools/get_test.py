@@ -2,6 +2,7 @@
 """Runs `talvo get` as people do, against `talvo serve` and against a server that breaks off."""
 import fcntl
 import os
+import signal
 import socket
 import stat
 import subprocess
@@ -87,8 +88,10 @@ class GetTest(ProgramTest):
             self.out.unlink()
         (self.directory / "sub").mkdir()
         self.out.symlink_to("sub")
-        for wrong in self.out, self.directory / "sub", self.directory / "no" / "file", str(self.out) + "/", "/dev/null/x":
+        for wrong in (self.out, self.directory / "sub", self.directory / "no" / "file", str(self.out) + "/", "/dev/null/x",
+                      self.directory / ("n" * 247)):
             self.assert_fails(self.run_talvo("get", url, "-o", wrong), 2)
+        self.assertEqual(0, self.get(url, out=self.directory / ("n" * 246))[0])  # ".part.tag" has room behind it
         done = self.run_talvo("get", url, "-o", "-", text=False, cwd=self.directory)
         self.assertEqual((0, CONTENT, False), (done.returncode, done.stdout, (self.directory / "-").exists()))
         # A file that is open already keeps what it holds; a closed stdout is none of the program's own handles.
@@ -163,6 +166,12 @@ class GetTest(ProgramTest):
         self.assertFalse(self.out.exists())
         self.assertEqual(b"half", self.part.read_bytes())
         self.assertEqual('"v1"', (self.directory / "out.part.tag").read_text())
+
+    def test_a_reader_of_stdout_that_has_enough_is_no_problem(self):
+        with subprocess.Popen([TALVO, "get", self.source()], stdout=subprocess.PIPE, stderr=subprocess.PIPE) as getter:
+            self.assertEqual(CONTENT[:1], os.read(getter.stdout.fileno(), 1))
+            getter.stdout.close()
+            self.assertEqual((b"", 128 + signal.SIGPIPE), (getter.stderr.read(), getter.wait(PATIENCE)))
 
     def test_files_by_their_urls(self):
         for url, expected in (f"file://{self.directory}/source", 0), (f"file://{self.directory}", 1):

@@ -46,7 +46,8 @@ TEST(ToolTextTest, EndpointsAreTakenApart) {
 }
 
 TEST(ToolTextTest, UrlsThatWouldBeMisreadAreRefused) {
-    for (const char* pGood : {"http://h", "HTTP://h:1/a@b:c?d#e", "http://192.0.2.7:65535/", "file:///a", "file://localhost/a"})
+    for (const char* pGood :
+         {"http://h", "HTTP://h:1/a@b:c?d#e", "http://192.0.2.7:65535/", "file:///a b", "file://localhost/a"})
         EXPECT_EQ("", CheckUrl(pGood)) << pGood;
     for (const char* pBad : {"",
                              "h",
@@ -67,6 +68,9 @@ TEST(ToolTextTest, UrlsThatWouldBeMisreadAreRefused) {
                              "http://1.2/",
                              "http://h\\@i/",
                              "http://a b/",
+                             "http://h/a b",
+                             "http://h/a\tb",
+                             "http://h/a?b\x7f",
                              "file://h/a",
                              "file://a",
                              "file://"})
