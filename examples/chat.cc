@@ -24,6 +24,13 @@ CmResult SendText(ICmTransport& aTransport, const std::string& aText) {
     return aTransport.SendData(block);
 }
 
+// Of a connector or an acceptor: what it has failed to do, and for what reason.
+std::string WhyNot(ICmAcceptorConnectorId& aId) {
+    CCmFailure failure;
+    cm_get_connect_options(&aId)->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
+    return failure.ToString();
+}
+
 // Passes on what one says to all others. The first message of a client is its name.
 class ChatServer : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
@@ -33,6 +40,7 @@ public:
             rv = m_pAcceptor->StartListen(this, CCmInetAddr("127.0.0.1", aPort));
         return rv == CM_OK ? m_pAcceptor->GetListenAddr(aAddr) : rv;
     }
+    std::string WhyNot() const { return ::WhyNot(*m_pAcceptor); }
 
 private:
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
@@ -87,7 +95,7 @@ private:
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
         m_pTransport = aTrpt;
         if (aReason != CM_OK || m_pTransport->OpenWithSink(this) != CM_OK || SendText(*m_pTransport, m_strName) != CM_OK)
-            return Leave("cannot connect", true);
+            return Leave(("cannot " + WhyNot(*m_pConnector)).c_str(), true);
         if (m_bTypes && MainReactor()->RegisterHandler(this, READ_MASK) != CM_OK)
             Leave("lines are read from a terminal or a pipe only");
     }
@@ -148,7 +156,7 @@ int main(int argc, char** argv) {
     ChatServer server;
     if (bServes) {
         if (server.Start(static_cast<WORD>(argc > 2 ? std::atoi(argv[2]) : strWho.empty() ? 0 : 7000), addr) != CM_OK)
-            return std::puts("cannot listen"), 1;
+            return std::printf("cannot %s\n", server.WhyNot().c_str()), 1;
         std::printf("listening at port %u\n", unsigned{addr.GetPort()});
     }
     ChatClient me(strWho.empty() ? "Ann" : strWho, !bServes), other("Bob", false);

@@ -61,7 +61,9 @@ public:
         if (rv == CM_OK)
             rv = m_pAcceptor->GetListenAddr(addr);
         if (rv != CM_OK) {
-            std::fprintf(stderr, "cannot listen: %s\n", cm_result_name(rv));
+            CCmFailure failure;
+            cm_get_connect_options(m_pAcceptor.Get())->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
+            std::fprintf(stderr, "cannot %s\n", failure.ToString().c_str());
             return Stop();
         }
         std::printf("listening on %s:%u\n", addr.GetIpDisplayName().c_str(), unsigned{addr.GetPort()});

@@ -5,9 +5,11 @@
 
 class Hello : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
-    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override {
+        CCmFailure failure;
+        cm_get_connect_options(aId)->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
         if (aReason != CM_OK)
-            return Stop("cannot connect");
+            return Stop(("cannot " + failure.ToString()).c_str());
         char szLine[] = "hello\n";
         CCmMessageBlock block(6, szLine, CCmMessageBlock::DONT_DELETE, 6);
         m_pTransport = aTrpt;
@@ -20,7 +22,11 @@ public:
         Stop("that was the answer");
     }
     void OnSend(ICmTransport*, CCmTransportParameter*) override {}
-    void OnDisconnect(CmResult, ICmTransport*) override { Stop("the connection broke"); }
+    void OnDisconnect(CmResult, ICmTransport* aTrptId) override {
+        CCmFailure failure;
+        aTrptId->GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure);
+        Stop(failure ? failure.ToString().c_str() : "the server has closed the connection");
+    }
 
     int m_nStatus = 1;  // 0: there was an answer
 

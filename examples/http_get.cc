@@ -22,10 +22,12 @@ public:
     void OnSend(ICmTransport*, CCmTransportParameter*) override {}
     // The body was whole, or something failed.
     void OnDisconnect(CmResult aReason, ICmTransport*) override {
-        CCmString strWhy;
-        m_pChannel->GetFailure(strWhy);
+        CCmString strWhat;  // "there is no connection to the server",
+        CCmFailure cause;   // "connect to 127.0.0.1:8080: Connection refused"
+        m_pChannel->GetFailure(strWhat);
+        m_pChannel->GetOption(CM_OPT_CHANNEL_LAST_FAILURE, &cause);
         if (aReason != CM_OK)
-            std::fprintf(stderr, "failed: %s\n", strWhy.c_str());
+            std::fprintf(stderr, "failed: %s (%s)\n", strWhat.c_str(), cause.ToString().c_str());
         m_bWhole = aReason == CM_OK;
         CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN)->StopEventLoop();
     }

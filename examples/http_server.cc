@@ -45,9 +45,14 @@ int main(int argc, char** argv) {
     CCmRefPtrT<ICmChannelServerAcceptor> pAcceptor;
     CCmInetAddr addr("127.0.0.1", static_cast<WORD>(argc > 1 ? std::atoi(argv[1]) : 0));
     if (pThreads->InitMainThread(argc, argv) != CM_OK ||
-        CCmChannelManager::Instance()->CreateHttpAcceptor(pAcceptor.ParaOut()) != CM_OK ||
-        pAcceptor->StartListen(&server, addr) != CM_OK || pAcceptor->GetListenAddr(addr) != CM_OK)
+        CCmChannelManager::Instance()->CreateHttpAcceptor(pAcceptor.ParaOut()) != CM_OK)
         return 1;
+    if (pAcceptor->StartListen(&server, addr) != CM_OK || pAcceptor->GetListenAddr(addr) != CM_OK) {
+        CCmFailure failure;
+        pAcceptor->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
+        std::fprintf(stderr, "cannot %s\n", failure.ToString().c_str());
+        return 1;
+    }
     std::printf("listening on %s:%u\n", addr.GetIpDisplayName().c_str(), unsigned{addr.GetPort()});
     std::fflush(stdout);
     pThreads->GetThreadReactor(CCmThreadManager::TT_MAIN)->RunEventLoop();
