@@ -49,13 +49,14 @@ TEST_F(HttpServerTest, SlowBodiesAndReaders) {
 
 TEST_F(HttpServerTest, StopsWhenWhatHasBegunIsDone) {
     m_Request = [this](ICmChannelHttpServer& a) { Keep(a).m_End = [] {}; };
-    const auto pIdle = Connect(), pBusy = Connect(), pStuck = Connect();
+    const auto pIdle = Connect(), pBusy = Connect(), pStuck = Connect(), pHead = Connect();
     pBusy->Receive(GET + GET);
     pStuck->Receive(GET);
+    pHead->Receive("GET /");
     EXPECT_EQ(CM_OK, m_pAcceptor->StopListen(CM_OK));
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, m_pAcceptor->StopListen(CM_OK));
     EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, m_pAcceptor->StartListen(this, CCmInetAddr(OwnLoopback(), 0)));
-    EXPECT_EQ("end", pIdle->TakeAnswers());
+    EXPECT_EQ("endend", pIdle->TakeAnswers() + pHead->TakeAnswers());
     EXPECT_EQ(CM_OK, m_Requests[0]->m_pChannel->AnswerText(200, "text/plain", "last"));
     Turn();
     EXPECT_EQ("200:last end", pBusy->TakeAnswers());
@@ -68,11 +69,30 @@ TEST_F(HttpServerTest, StopsWhenWhatHasBegunIsDone) {
     EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(this, CCmInetAddr(OwnLoopback(), 0)));
 }
 
+// What has not begun is closed without a wait: a part of a head, an empty line, a body that is not whole or not wanted.
 TEST_F(HttpServerTest, ADrainFinishesWhatHasBegun) {
     Set(CM_OPT_CHANNEL_SERVER_STOP_SECONDS, DWORD{5});  // not for a drain, whose own limit is later
-    m_Request = [this](ICmChannelHttpServer& aChannel) { Keep(aChannel).m_End = [] {}; };
-    const auto pIdle = Connect(), pBusy = Connect();
+    CCmRefPtrT<ICmChannelHttpServer> pUnread;
+    m_Request = [&](ICmChannelHttpServer& aChannel) {
+        const CCmString strURI = aChannel.GetRequest().GetRequestURI();
+        if (strURI == "/early")
+            aChannel.AnswerText(200, "text/plain", "");
+        else if (strURI == "/unread")
+            pUnread = &aChannel;
+        else
+            Keep(aChannel).m_End = [] {};
+    };
+    const auto pBusy = Connect(), pBody = Connect(), pHeld = Connect(), pFar = Connect();
     pBusy->Receive(GET + GET);
+    pBody->Receive(POST + "a part");
+    pHeld->Receive("POST /unread HTTP/1.1\r\nHost: h\r\nContent-Length: 4\r\n\r\nbody");
+    pFar->m_dwUnacknowledged = 1;
+    std::vector<CCmRefPtrT<CTestClient>> idle;
+    for (const char* pBegun : {"", "GE", "GET / HTTP/1.1\r\nHo", "GET /early HTTP/1.1\r\nHost: h\r\n\r\n\r\n",
+                               "POST /early HTTP/1.1\r\nHost: h\r\nContent-Length: 4\r\n\r\nbo"}) {
+        idle.push_back(Connect());
+        idle.back()->Receive(pBegun);
+    }
     struct CSink : ICmDrainSink {
         void OnDrained(CmResult aReason, const CCmUndrained&) override { m_Reason = aReason; }
         CmResult m_Reason = CM_ERROR_FAILURE;
@@ -80,17 +100,23 @@ TEST_F(HttpServerTest, ADrainFinishesWhatHasBegun) {
     CCmTimeValue tvLimit(60);
     EXPECT_EQ(CM_OK, m_Network.Manager().Drain(&tvLimit, &drained));
     Pass(1);
-    EXPECT_EQ("end", pIdle->TakeAnswers());
-    pIdle->Vanish();
+    for (const auto& pClient : idle)
+        EXPECT_EQ(std::vector<CmResult>{CM_OK}, pClient->m_Disconnects);
+    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, m_Requests.at(1)->m_Reason);
+    EXPECT_EQ("end", pFar->TakeAnswers());
+    EXPECT_EQ(3u, m_pAcceptor->GetConnections());
+    pFar->m_dwUnacknowledged = 0;
     Pass(7);
+    EXPECT_EQ(2u, m_pAcceptor->GetConnections());
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, CCmRefPtrT<ICmChannelServerAcceptor>(new CCmChannelHttpServerAcceptor(0))
                                           ->StartListen(this, CCmInetAddr(OwnLoopback(), 0)));
     EXPECT_EQ(CM_OK, m_Requests.at(0)->m_pChannel->AnswerText(200, "text/plain", "last"));
     Turn();
     EXPECT_EQ("200:last end", pBusy->TakeAnswers());
     EXPECT_EQ(CM_ERROR_FAILURE, drained.m_Reason);
-    pBusy->Vanish();
+    EXPECT_EQ(CM_OK, pUnread->AnswerText(200, "text/plain", "held"));
     Pass(3);
+    EXPECT_EQ("200:held end", pHeld->TakeAnswers());
     EXPECT_EQ(CM_OK, drained.m_Reason);
     EXPECT_EQ(1, m_nStopped);
 }

@@ -20,8 +20,9 @@ CCmLiveCounter s_Live("CCmChannelHttpServerAcceptor");
 
 constexpr int64_t USEC_PER_SECOND = 1000000;
 
-// What waits in a proxy for the network: little enough that a slow reader's progress is seen in time.
 constexpr DWORD NO_DEADLINE = 0x40000000;  // looks
+
+// What waits in a proxy for the network: little enough that a slow reader's progress is seen in time.
 constexpr DWORD PROXY_SEND_LIMIT = 256 * 1024;
 
 }  // namespace
@@ -78,16 +79,24 @@ CmResult CCmChannelHttpServerAcceptor::StopListen(CmResult aReason) {
 
 void CCmChannelHttpServerAcceptor::OnDrain(ECmDrainStage aStage) {
     if (aStage == ECmDrainStage::CUT) {
-        while (!m_Connections.empty())
-            Connection(m_Connections.back())->End(CM_ERROR_NETWORK_SOCKET_CLOSE);
-    } else if (aStage == ECmDrainStage::FINISH && m_pAcceptor) {
-        StopListen(CM_OK);
+        ForEach_i([](CHttpServerConnection& aConnection) { aConnection.End(CM_ERROR_NETWORK_SOCKET_CLOSE); });
     } else if (aStage == ECmDrainStage::FINISH) {
-        for (const auto& pConnection : m_Connections)
-            pConnection->Stop();
-    }
-    if (aStage == ECmDrainStage::FINISH)
+        if (m_pAcceptor)
+            StopListen(CM_OK);
         m_dwStopDeadline = m_dwLooks + NO_DEADLINE;  // a drain has a limit of its own
+        ForEach_i([](CHttpServerConnection& aConnection) { aConnection.Drain(); });
+    }
+}
+
+// A visit may end connections: one that has ended leaves its place to another, which is visited then.
+template <class Visit>
+void CCmChannelHttpServerAcceptor::ForEach_i(const Visit& aVisit) {
+    for (size_t i = 0; i < m_Connections.size();) {
+        const Connection pConnection(m_Connections[i]);
+        aVisit(*pConnection);
+        if (i < m_Connections.size() && m_Connections[i] == pConnection)
+            ++i;
+    }
 }
 
 CmResult CCmChannelHttpServerAcceptor::GetListenAddr(CCmInetAddr& aAddr) {
@@ -156,20 +165,16 @@ void CCmChannelHttpServerAcceptor::OnTimer(CCmTimerWrapperID* aId) {
         Stopped_i();
 }
 
-// A connection that ends leaves its place to another, which is looked at then.
 void CCmChannelHttpServerAcceptor::Look_i() {
     ++m_dwLooks;
     PrintTails_i();
     const BOOL bAll = m_bStopping && static_cast<int32_t>(m_dwLooks - m_dwStopDeadline) >= 0;
-    for (size_t i = 0; i < m_Connections.size();) {
-        const Connection pConnection(m_Connections[i]);
+    ForEach_i([=](CHttpServerConnection& aConnection) {
         if (bAll)
-            pConnection->End(CM_ERROR_NETWORK_SOCKET_CLOSE);
-        else if (pConnection->IsLate())
-            pConnection->OnLate();
-        if (i < m_Connections.size() && m_Connections[i] == pConnection)
-            ++i;
-    }
+            aConnection.End(CM_ERROR_NETWORK_SOCKET_CLOSE);
+        else if (aConnection.IsLate())
+            aConnection.OnLate();
+    });
     if (m_bStopping && m_Connections.empty())
         Stopped_i();
 }

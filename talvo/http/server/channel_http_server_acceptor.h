@@ -51,6 +51,8 @@ private:
     using Connection = CCmRefPtrT<talvo::CHttpServerConnection>;
 
     CmResult Listen_i(const CCmInetAddr& aAddrListen);
+    template <class Visit>
+    void ForEach_i(const Visit& aVisit);
     void Look_i();
     BOOL PrintTails_i();
     void Stopped_i();

@@ -122,7 +122,8 @@ public:
     // reasons of ICmChannelHttpServerSink::OnDisconnect, which comes instead where there is a sink, and under its conditions.
     virtual void OnRequestLost(CmResult aReason, ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor* aAcceptor);
 
-    // StopListen is through: no connection is left. The acceptor may listen again. The last call of a round.
+    // StopListen is through, or the stop that a drain has made: no connection is left. The acceptor may listen again. The last
+    // call of a round.
     virtual void OnStopped(ICmChannelServerAcceptor* aAcceptor);
 
     virtual ~ICmChannelServerAcceptorSink();
@@ -142,9 +143,12 @@ public:
     // CM_ERROR_NETWORK_SOCKET_ERROR: the address cannot be used. Port 0: GetListenAddr tells. aSink is not owned.
     virtual CmResult StartListen(ICmChannelServerAcceptorSink* aSink, const CCmInetAddr& aAddrListen) = 0;
 
-    // Ends in order: no more connections; those without a request are closed, the others when they have been answered, or after
-    // CM_OPT_CHANNEL_SERVER_STOP_SECONDS (their sinks hear CM_ERROR_NETWORK_SOCKET_CLOSE). Then OnStopped follows, never
-    // inside this call. CM_ERROR_NOT_INITIALIZED: it does not listen.
+    // Ends in order: no more connections; those without a whole head of a request are closed, the others when they have been
+    // answered, or after CM_OPT_CHANNEL_SERVER_STOP_SECONDS (OnDisconnect with CM_ERROR_NETWORK_SOCKET_CLOSE). Then OnStopped
+    // follows, never inside this call. CM_ERROR_NOT_INITIALIZED: it does not listen.
+    //
+    // CCmConnectionManager::Drain does the same with its own limit. It also gives up a request whose body is not whole and
+    // whose answer has not begun, with the same OnDisconnect, and does not wait for clients to close.
     virtual CmResult StopListen(CmResult aReason) = 0;
 
     // CM_ERROR_NOT_INITIALIZED: it does not listen.

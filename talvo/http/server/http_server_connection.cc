@@ -66,7 +66,6 @@ void CHttpServerConnection::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCm
 void CHttpServerConnection::TakeData_i(CCmMessageBlock& aData) {
     if (aData.GetChainedLength() == 0) {
         m_bPeerEnded = TRUE;
-        m_bCutShort = IsCutShort_i();
         return Settle_i();
     }
     if (m_State == CLOSING) {
@@ -151,7 +150,7 @@ BOOL CHttpServerConnection::ReadHead_i(CCmMessageBlock* aInput) {
         Flush_i();
     if (m_bBlocked || m_bBroken)
         return FALSE;
-    if (m_bStopping && !m_Reader.HasBegun()) {
+    if (m_bStopping) {
         m_State = CLOSING;
         return FALSE;
     }
@@ -321,6 +320,12 @@ void CHttpServerConnection::Refuse_i(int aStatus) {
         return End(reason);
     if (!bAnswered && !PrintRefusal_i(aStatus))
         return End(CM_ERROR_OUT_OF_MEMORY);
+    Close_i(reason);
+}
+
+// Takes nothing more, and ends behind the answers that are on their way.
+void CHttpServerConnection::Close_i(CmResult aReason) {
+    const BOOL bTell = HasRequest_i() && !IsAnswered_i();
     const CCmRefPtrT<CCmChannelHttpServer> pChannel = std::move(m_pChannel);
     m_bLast = TRUE;
     m_State = CLOSING;
@@ -328,8 +333,8 @@ void CHttpServerConnection::Refuse_i(int aStatus) {
         Flush_i();
         Settle_i();
     }
-    if (bRequest && !bAnswered)
-        TellLost_i(*pChannel, reason);
+    if (bTell)
+        TellLost_i(*pChannel, aReason);
     else if (pChannel)
         pChannel->Detach();
 }
@@ -373,9 +378,21 @@ void CHttpServerConnection::OnLate() {
 
 void CHttpServerConnection::Stop() {
     m_bStopping = m_bLast = TRUE;
-    if (m_State == HEAD && !m_Reader.HasBegun() && !m_bBlocked)
+    if (m_bRunning)
+        return;  // the step after this one sees it
+    if (m_State == BODY && IsAnswered_i())
+        Answered_i();
+    else if (m_State == HEAD && !m_bBlocked)
         m_State = CLOSING;
     Settle_i();
+}
+
+void CHttpServerConnection::Drain() {
+    Stop();
+    if (m_State == BODY && !m_pChannel->IsBegun() && !IsBodyWhole_i(m_pHeld))
+        Close_i(CM_ERROR_NETWORK_SOCKET_CLOSE);
+    if (m_State == CLOSING && m_bEndSent && IsAcknowledged_i())
+        End(CM_OK);
 }
 
 void CHttpServerConnection::Abort(CmResult aReason) {
@@ -413,20 +430,23 @@ void CHttpServerConnection::TellLost_i(CCmChannelHttpServer& aChannel, CmResult 
         Upcall([&] { m_Owner.OnRequestLost(aReason, aChannel); });
 }
 
-// Whether the peer, which sends no more, has not sent the whole of a body that nobody reads yet.
-BOOL CHttpServerConnection::IsCutShort_i() const {
+// Whether aInput (null: nothing) has the rest of the body under way, which may not be read yet. Without memory to see it: no.
+BOOL CHttpServerConnection::IsBodyWhole_i(const CCmMessageBlock* aInput) const {
     class CNobody : public CHttpBodySink {
         BOOL OnBody(CCmMessageBlock&) override { return TRUE; }
     };
-    if (m_State != BODY)
-        return FALSE;
-    CNobody nobody;
-    CHttpBodyReader reader = m_BodyReader;
-    if (CCmMessageBlock* pHeld = m_pHeld ? m_pHeld->DuplicateChained() : nullptr) {
-        reader.Feed(*pHeld, nobody);
-        pHeld->DestroyChained();
-    }
-    return !reader.IsComplete();
+    BOOL bWhole = FALSE;
+    CCmMessageBlock* pInput = aInput ? aInput->DuplicateChained() : nullptr;
+    WithMemory([&] {
+        CNobody nobody;
+        CHttpBodyReader reader = m_BodyReader;
+        if (pInput)
+            reader.Feed(*pInput, nobody);
+        bWhole = reader.IsComplete();
+    });
+    if (pInput)
+        pInput->DestroyChained();
+    return bWhole;
 }
 
 void CHttpServerConnection::Hold_i(CCmMessageBlock& aInput) {

@@ -54,8 +54,11 @@ public:
         return m_bKickDue || (m_Wait != FOR_NOBODY && static_cast<int32_t>(m_Owner.GetLooks() - m_dwDeadline) >= 0);
     }
     void OnLate();
-    // Finishes what has begun and takes no new request. Ends at once when there is none.
+    // Finishes what has begun and takes no new request. Closes at once when there is none. No upcall comes inside.
     void Stop();
+    // Stop for a drain, from the loop, again and again. Also gives up a request whose body is not whole and whose answer has
+    // not begun, and waits no longer for the peer to close when its system has acknowledged everything.
+    void Drain();
     // Ends at once; the user hears aReason unless the answer is complete or it has disconnected.
     void End(CmResult aReason);
     // The same, and the user hears nothing.
@@ -111,8 +114,9 @@ private:
     void CheckReleased_i();
     void Refuse_i(int aStatus);
     BOOL PrintRefusal_i(int aStatus);
+    void Close_i(CmResult aReason);
     void TellLost_i(CCmChannelHttpServer& aChannel, CmResult aReason);
-    BOOL IsCutShort_i() const;
+    BOOL IsBodyWhole_i(const CCmMessageBlock* aInput) const;
     void Hold_i(CCmMessageBlock& aInput);
     void DropHeld_i();
 
@@ -126,6 +130,7 @@ private:
     void SetWait_i(EWait aWait);
     DWORD GetPatience_i(EWait aWait) const;
     BOOL IsStarved_i() const;
+    BOOL IsAcknowledged_i();
     void PauseReading_i(BOOL aPause);
     void Kick_i();
 
@@ -150,13 +155,12 @@ private:
     BOOL m_bReadingPaused = FALSE;  // as it was told
     BOOL m_bKickDue = FALSE;        // there was no memory for the timer: the next look runs it
     BOOL m_bPeerEnded = FALSE;      // it sends no more, and may wait for what it has asked
-    BOOL m_bCutShort = FALSE;       // and the body under way is not whole
     BOOL m_bFirst = TRUE;           // no request has come yet
     BOOL m_bLast = FALSE;           // the connection ends behind this answer
     BOOL m_bStopping = FALSE;
-    BOOL m_bContinueDue = FALSE;  // the client waits for "100 Continue"
-    BOOL m_bEndTold = FALSE;      // that the request is complete
-    BOOL m_bEndSent = FALSE;      // the sending side is shut down
+    BOOL m_bContinueDue = FALSE;    // the client waits for "100 Continue"
+    BOOL m_bEndTold = FALSE;        // that the request is complete
+    BOOL m_bEndSent = FALSE;        // the sending side is shut down
 };
 
 }  // namespace talvo

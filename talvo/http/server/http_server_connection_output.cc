@@ -127,8 +127,8 @@ void CHttpServerConnection::Settle_i() {
 BOOL CHttpServerConnection::IsStarved_i() const {
     if (!m_bPeerEnded || m_bBlocked)
         return FALSE;
-    if (m_bCutShort && m_State == BODY && !IsAnswered_i() && !m_pChannel->GetServerSink())
-        return TRUE;
+    if (m_State == BODY && !IsAnswered_i() && !m_pChannel->GetServerSink())
+        return !IsBodyWhole_i(m_pHeld);
     if (m_pHeld)
         return FALSE;
     switch (m_State) {
@@ -142,6 +142,12 @@ BOOL CHttpServerConnection::IsStarved_i() const {
         break;
     }
     return FALSE;
+}
+
+// A transport that does not know has nothing that could be waited for.
+BOOL CHttpServerConnection::IsAcknowledged_i() {
+    DWORD dwBytes = 0;
+    return m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) != CM_OK || dwBytes == 0;
 }
 
 CHttpServerConnection::EWait CHttpServerConnection::GetWait_i() const {
