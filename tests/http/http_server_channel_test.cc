@@ -140,7 +140,7 @@ TEST_F(HttpServerTest, TheUserHearsOnceOfAnEndBeforeTheAnswerOnly) {
     EXPECT_EQ(0u, m_pAcceptor->GetConnections());
 }
 
-// The acceptor's sink, where the request has none.
+// The acceptor's sink, where the request has none. A client that has sent all of its request and ends its side may wait.
 TEST_F(HttpServerTest, ARequestThatWasNotReceivedIsLostOnce) {
     std::vector<CCmRefPtrT<ICmChannelHttpServer>> channels;
     m_Request = [&](ICmChannelHttpServer& a) { channels.emplace_back(&a); };
@@ -156,12 +156,19 @@ TEST_F(HttpServerTest, ARequestThatWasNotReceivedIsLostOnce) {
         pClient->Vanish();
     EXPECT_EQ((std::vector<ICmChannelHttpServer*>{channels[2].Get()}), m_Lost);
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, channels[2]->Answer(nullptr));
-    for (const auto& pClient : {pCut, pWhole})
+    const auto pBehind = Connect();
+    pBehind->Receive(GET + strChunked);
+    for (const auto& pClient : {pCut, pWhole, pBehind})
         pClient->EndSide();
     Turn();
     EXPECT_EQ((std::vector<ICmChannelHttpServer*>{channels[2].Get(), channels[3].Get()}), m_Lost);
+    EXPECT_EQ((std::vector<ICmChannelHttpServer*>{channels[4].Get(), channels[5].Get()}), m_Ended);
     EXPECT_EQ(CM_OK, channels[4]->AnswerText(200, "text/plain", "whole"));
     EXPECT_EQ("200:whole ", pWhole->TakeAnswers());
+    EXPECT_EQ(CM_OK, channels[5]->Answer(nullptr));
+    Turn();
+    EXPECT_EQ(channels.at(6).Get(), m_Lost.back()) << "what is behind it was cut short";
+    EXPECT_EQ(2u, m_Ended.size());
 }
 
 TEST_F(HttpServerTest, AClientThatEndsItsSideGetsWhatItHasAskedFor) {
@@ -176,6 +183,8 @@ TEST_F(HttpServerTest, AClientThatEndsItsSideGetsWhatItHasAskedFor) {
     EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, m_Requests[1]->m_Reason);
     EXPECT_EQ(CM_OK, m_Requests[0]->m_pChannel->AnswerText(200, "text/plain", "one"));
     Turn();
+    for (const int i : {0, 1, 2})
+        EXPECT_EQ(i != 1, m_Requests[static_cast<size_t>(i)]->m_nClientEnds);
     EXPECT_EQ(CM_OK, m_Requests[2]->m_pChannel->AnswerText(200, "text/plain", "two"));
     EXPECT_EQ("200:one 200:two ", pWaiting->TakeAnswers());
     Turn();

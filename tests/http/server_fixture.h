@@ -67,6 +67,7 @@ public:
         m_End();
     }
     void OnSend(ICmTransport*, CCmTransportParameter*) override { m_Send(); }
+    void OnClientEnd(ICmChannelHttpServer*) override { ++m_nClientEnds; }
     void OnDisconnect(CmResult aReason, ICmTransport*) override {
         EXPECT_EQ(0, m_nDisconnects++);
         m_Reason = aReason;
@@ -76,6 +77,7 @@ public:
     CCmRefPtrT<ICmChannelHttpServer> m_pChannel;
     std::string m_strBody;
     int m_nEnds = 0;
+    int m_nClientEnds = 0;
     int m_nDisconnects = 0;
     CmResult m_Reason = CM_OK;
     std::function<void()> m_Receive = [] {};
@@ -98,6 +100,7 @@ protected:
     void OnRequestLost(CmResult, ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override {
         m_Lost.push_back(aChannel);
     }
+    void OnClientEnd(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override { m_Ended.push_back(aChannel); }
     void OnStopped(ICmChannelServerAcceptor*) override { ++m_nStopped; }
 
     void AnswerWithURI(ICmChannelHttpServer& aChannel) {
@@ -142,5 +145,6 @@ protected:
     std::function<void(ICmChannelHttpServer&)> m_Request = [this](ICmChannelHttpServer& a) { AnswerWithURI(a); };
     std::vector<std::unique_ptr<CTestRequest>> m_Requests;
     std::vector<ICmChannelHttpServer*> m_Lost;
+    std::vector<ICmChannelHttpServer*> m_Ended;
     int m_nStopped = 0;
 };

@@ -158,6 +158,11 @@ void CCmChannelHttpServerAcceptor::OnRequestLost(CmResult aReason, ICmChannelHtt
         m_pSink->OnRequestLost(aReason, &aChannel, this);
 }
 
+void CCmChannelHttpServerAcceptor::OnClientEnd(ICmChannelHttpServer& aChannel) {
+    if (m_pSink)
+        m_pSink->OnClientEnd(&aChannel, this);
+}
+
 void CCmChannelHttpServerAcceptor::OnTimer(CCmTimerWrapperID* aId) {
     if (aId == &m_LookTimer)
         Look_i();

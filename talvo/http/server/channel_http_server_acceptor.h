@@ -46,6 +46,7 @@ private:
     std::string_view GetTail(BOOL aKeepAlive) override;
     void OnRequest(ICmChannelHttpServer& aChannel) override;
     void OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) override;
+    void OnClientEnd(ICmChannelHttpServer& aChannel) override;
     void Remove(talvo::CHttpServerConnection& aConnection) override;
 
     using Connection = CCmRefPtrT<talvo::CHttpServerConnection>;

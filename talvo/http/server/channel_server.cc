@@ -4,11 +4,15 @@ void ICmChannelHttpServerSink::OnReceive(CCmMessageBlock&, ICmTransport*, CCmTra
 
 void ICmChannelHttpServerSink::OnRequestEnd(ICmChannelHttpServer*) {}
 
+void ICmChannelHttpServerSink::OnClientEnd(ICmChannelHttpServer*) {}
+
 void ICmChannelHttpServerSink::OnSend(ICmTransport*, CCmTransportParameter*) {}
 
 void ICmChannelHttpServerSink::OnConnect(CmResult, ICmChannel*) {}
 
 void ICmChannelServerAcceptorSink::OnRequestLost(CmResult, ICmChannelHttpServer*, ICmChannelServerAcceptor*) {}
+
+void ICmChannelServerAcceptorSink::OnClientEnd(ICmChannelHttpServer*, ICmChannelServerAcceptor*) {}
 
 void ICmChannelServerAcceptorSink::OnStopped(ICmChannelServerAcceptor*) {}
 

@@ -34,6 +34,11 @@ public:
     // The whole request has been received, with or without a body. Comes once.
     virtual void OnRequestEnd(ICmChannelHttpServer* aChannel);
 
+    // The client sends no more: it has closed, or it has ended its side alone and waits for the answer, and nothing but an
+    // answer tells which. Once, behind OnRequestEnd and before the answer is complete. The request may still be answered;
+    // OnDisconnect follows if the client has gone. Disconnect of the channel gives the request up.
+    virtual void OnClientEnd(ICmChannelHttpServer* aChannel);
+
     // The answer can take data again, after a SendData that returned CM_ERROR_PARTIAL_DATA.
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara = nullptr) override;
 
@@ -121,6 +126,11 @@ public:
     // A request that the application holds and has not received (ReceiveRequest) cannot be answered any more. Once, for the
     // reasons of ICmChannelHttpServerSink::OnDisconnect, which comes instead where there is a sink, and under its conditions.
     virtual void OnRequestLost(CmResult aReason, ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor* aAcceptor);
+
+    // ICmChannelHttpServerSink::OnClientEnd for a request that the application holds and has not received: its client has sent
+    // all of it and sends no more. OnRequestLost follows if an answer does not reach the client. A body that is not received
+    // hides the end of the client's side while it is longer than 64 KiB.
+    virtual void OnClientEnd(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor* aAcceptor);
 
     // StopListen is through, or the stop that a drain has made: no connection is left. The acceptor may listen again. The last
     // call of a round.

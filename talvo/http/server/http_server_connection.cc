@@ -66,7 +66,7 @@ void CHttpServerConnection::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCm
 void CHttpServerConnection::TakeData_i(CCmMessageBlock& aData) {
     if (aData.GetChainedLength() == 0) {
         m_bPeerEnded = TRUE;
-        return Settle_i();
+        return RunHeld_i(FALSE);
     }
     if (m_State == CLOSING) {
         m_ullDropped += aData.GetChainedLength();
@@ -137,7 +137,7 @@ BOOL CHttpServerConnection::Step_i(CCmMessageBlock* aInput) {
     case BODY:
         return ReadBody_i(aInput);
     case ANSWER:
-        return IsAnswered_i() ? Answered_i() : TellEnd_i();
+        return IsAnswered_i() ? Answered_i() : TellEnd_i() || TellClientEnd_i();
     case CLOSING:
     case ENDED:
         break;
@@ -173,7 +173,7 @@ BOOL CHttpServerConnection::ReadHead_i(CCmMessageBlock* aInput) {
 BOOL CHttpServerConnection::BeginRequest_i() {
     const CCmHttpRequestHead& head = m_pChannel->GetRequest();
     const CHttpFraming framing = get_request_framing(head);
-    m_bFirst = m_bEndTold = FALSE;
+    m_bFirst = m_bEndTold = m_bClientEndTold = FALSE;
     m_bLast = m_bStopping || framing.m_bMustClose || !is_persistent(head.GetVerion(), head);
     if (const int nStatus = CheckRequest_i(framing); nStatus != 0) {
         Refuse_i(nStatus);
@@ -208,7 +208,7 @@ BOOL CHttpServerConnection::ReadBody_i(CCmMessageBlock* aInput) {
         return TRUE;
     }
     if (!IsAnswered_i() && m_pChannel->IsHeldBack())
-        return FALSE;
+        return m_bPeerEnded && IsBodyWhole_i(aInput) && TellClientEnd_i();
     if (!aInput || aInput->GetChainedLength() == 0)
         return FALSE;
     return OnBodyResult_i(m_BodyReader.Feed(*aInput, *this));
@@ -239,6 +239,17 @@ BOOL CHttpServerConnection::TellEnd_i() {
         return FALSE;
     m_bEndTold = TRUE;
     Upcall([this] { m_pChannel->GetServerSink()->OnRequestEnd(m_pChannel.Get()); });
+    CheckReleased_i();
+    return TRUE;
+}
+
+// Where there is a sink it comes behind the end of the request; where there is none the body may still be held back.
+BOOL CHttpServerConnection::TellClientEnd_i() {
+    ICmChannelHttpServerSink* pSink = m_pChannel->GetServerSink();
+    if (!m_bPeerEnded || m_bClientEndTold || (pSink && (!m_bEndTold || m_pChannel->IsHeldBack())))
+        return FALSE;
+    m_bClientEndTold = TRUE;
+    Upcall([&] { pSink ? pSink->OnClientEnd(m_pChannel.Get()) : m_Owner.OnClientEnd(*m_pChannel); });
     CheckReleased_i();
     return TRUE;
 }

@@ -22,6 +22,8 @@ public:
     virtual void OnRequest(ICmChannelHttpServer& aChannel) = 0;
     // A request without a sink has been lost.
     virtual void OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) = 0;
+    // The client of a request without a sink has ended its sending side.
+    virtual void OnClientEnd(ICmChannelHttpServer& aChannel) = 0;
     // The connection has ended: lets go of it.
     virtual void Remove(CHttpServerConnection& aConnection) = 0;
 
@@ -108,6 +110,7 @@ private:
     BOOL ReadBody_i(CCmMessageBlock* aInput);
     BOOL OnBodyResult_i(CmResult aResult);
     BOOL TellEnd_i();
+    BOOL TellClientEnd_i();
     BOOL Answered_i();
     BOOL HasRequest_i() const { return m_State == BODY || m_State == ANSWER; }
     BOOL IsAnswered_i() const { return m_pChannel && m_pChannel->IsComplete(); }
@@ -160,6 +163,7 @@ private:
     BOOL m_bStopping = FALSE;
     BOOL m_bContinueDue = FALSE;    // the client waits for "100 Continue"
     BOOL m_bEndTold = FALSE;        // that the request is complete
+    BOOL m_bClientEndTold = FALSE;  // that its client sends no more
     BOOL m_bEndSent = FALSE;        // the sending side is shut down
 };
 
