@@ -185,6 +185,17 @@ TEST_F(PkgConnTest, WhatWasCancelledOrEndedIsSilent) {
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, server.Send("abc"));
 }
 
+TEST_F(PkgConnTest, WhatTheSinkSendsInsideItsIndicationGoesOutIfItEndsThere) {
+    CServer server;
+    server.m_Inside = [&](const std::string&) {
+        EXPECT_EQ(CM_OK, server.Send("last"));
+        EXPECT_EQ(CM_OK, server.m_pConn->Disconnect(CM_OK));
+    };
+    server.Start();
+    server.Receive(REQUEST);
+    EXPECT_EQ(RESPONSE + Data("last") + Disconn(CM_OK), server.m_pLower->TakeSent());
+}
+
 // What the sink sends inside its indication stands behind the response, however little the transport takes.
 TEST_F(PkgConnTest, ResponseComesBeforeTheSinksData) {
     for (const DWORD dwRoom : {0u, 3u, 10u, CFakeLower::EVERYTHING}) {

@@ -92,7 +92,8 @@ protected:
     BOOL IsPeerSilent_i(DWORD& aSilence) const;
     virtual BOOL HasKeepAliveTimer_i() const { return m_bNeedKeepAlive; }  // while connected
 
-    // Sends what the sink sent before the connection was up, and pays the OnSend that it is owed.
+    // Whether the sink has sent before the connection was up. StartData_i sends that, and pays the OnSend that is owed.
+    BOOL HasUnsentData_i() const { return m_SendBuf.GetUnsent() > 0; }
     void StartData_i();
 
     DWORD m_dwType = 0;  // the connection type

@@ -77,6 +77,14 @@ void CPkgConnServer::Accept_i() {
         StartData_i();
 }
 
+// A sink that has sent inside its indication was promised delivery, and the peer takes no data before the response.
+CmResult CPkgConnServer::Disconnect(CmResult aReason) {
+    m_Est.EnsureSingleThread();
+    if (aReason == CM_OK && m_wStatus == CS_STATUS_HANDSHAKE && HasUnsentData_i() && SendConnResp() != CM_ERROR_OUT_OF_MEMORY)
+        SetCurrStatus(CS_STATUS_CONNECTED);
+    return CPkgConn::Disconnect(aReason);
+}
+
 // A second request, of another type, ends a connection that its sink has to hear of.
 void CPkgConnServer::RefuseType_i() {
     ICmTransportSink* pSink = m_pSink;
