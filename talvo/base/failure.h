@@ -14,7 +14,7 @@ enum ECmFailureCause : DWORD {
     CM_FAILURE_NO_RESOLVER = 4,   // no name server gave an answer that could be used
     CM_FAILURE_SILENCE = 5,       // the peer sent nothing for too long, or did not answer a handshake
     CM_FAILURE_PROTOCOL = 6,      // the peer broke the rules of the protocol, or speaks another
-    CM_FAILURE_LOCAL = 7          // no memory, or no network thread
+    CM_FAILURE_LOCAL = 7          // no memory, no network thread, or a drain
 };
 
 // A plain value without memory of its own: it may be copied and read in any thread, and making one cannot fail. Texts that are

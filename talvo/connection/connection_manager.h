@@ -49,15 +49,20 @@ public:
     static void CleanupInstance();
 
     // Brings everything to an orderly end:
-    //    1. all acceptors stop listening, also those of HTTP; StartListen returns CM_ERROR_NOT_AVAILABLE
-    //    2. HTTP finishes what it has begun, in every thread: answers, and requests of clients; idle connections are closed. A
+    //    1. all acceptors stop as StopListen does, also those of HTTP; what has not finished its handshake is closed.
+    //       StartListen returns CM_ERROR_NOT_AVAILABLE
+    //    2. HTTP finishes what it has begun, in every thread: answers, and requests of clients. A server's connection is closed
+    //       at once when no whole request has come and no answer has begun: the client sees an end instead of an answer. A
     //       client channel's AsyncOpen returns CM_ERROR_NOT_AVAILABLE
     //    3. every connection ends, one that is made meanwhile as well. Its sink gets OnDisconnect with
     //       CM_ERROR_NETWORK_SOCKET_CLOSE, once; the peer sees the end that Disconnect(CM_OK) gives. What SendData took goes
-    //       out first, and the peer's system acknowledges it
+    //       out first, and the peer's system acknowledges it. An attempt to connect, its handshake included, ends with one
+    //       indication of CM_ERROR_NOT_AVAILABLE
     //    4. when aTimeout is over (null: LingerSeconds; zero or less: at once), all that is left is cut off: connections, and
     //       requests with OnDisconnect. A line in the trace says how much that was
-    // Connectors, acceptors and channels may be used again afterwards (StopListen first), so a server can drain and go on.
+    // Reading that the application has paused changes no result: without a proxy OnDisconnect comes all the same, and what was
+    // not received is lost; a proxy keeps its OnDisconnect, and what it had received before, until the pause is lifted.
+    // Connectors, acceptors and channels may be used again afterwards, so a server can drain and go on.
     //
     // With aSink, from any thread that CreateConnectionClient accepts, callbacks included: returns at once, and aSink (not
     // owned, alive until then) is told in that thread unless it ends before. CM_OK: it will be told. Threads with HTTP must run

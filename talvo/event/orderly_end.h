@@ -30,3 +30,10 @@ enum class ECmDrainStage {
     LINGER,  // the thread stops: what lingers may go on, all other connections end at once
     CUT      // the time is over: everything ends at once
 };
+
+namespace talvo {
+
+// Whether connections, and attempts to make one, end in this stage of a drain.
+constexpr BOOL ends_connections(ECmDrainStage aStage) { return aStage == ECmDrainStage::CLOSE || aStage == ECmDrainStage::CUT; }
+
+}  // namespace talvo

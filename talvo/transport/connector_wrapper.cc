@@ -50,6 +50,7 @@ void CCmConnectorWrapper::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCm
     }
     m_pSink = aSink;
     m_bClosed = FALSE;
+    JoinCurrentThread();
     m_IfLate = CCmFailure(CM_FAILURE_TIMEOUT, "the time-out of the attempt has passed", "connect to", aAddrPeer);
     m_Failure = {};
     CM_INFO_TRACE_THIS("CCmConnectorWrapper::AsycConnect, addr="
@@ -101,6 +102,15 @@ void CCmConnectorWrapper::OnTimeout(const CCmTimeValue&, void* aArg) {
     }
     Close_i();
     m_pSink->OnConnectIndication(reason, nullptr, this);  // last: the sink may release this connector
+}
+
+// What has not connected has taken no data.
+void CCmConnectorWrapper::OnDrain(ECmDrainStage aStage) {
+    if (m_bClosed || !talvo::ends_connections(aStage))
+        return;
+    Close_i();
+    m_Failure = CCmFailure(CM_FAILURE_LOCAL, "all connections are being ended", m_IfLate);
+    m_pSink->OnConnectIndication(CM_ERROR_NOT_AVAILABLE, nullptr, this);  // last: the sink may release this connector
 }
 
 int CCmConnectorWrapper::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ACmConnectorInternal* aId) {

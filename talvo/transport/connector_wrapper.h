@@ -15,7 +15,8 @@ class TALVO_API CCmConnectorWrapper : public ICmConnector,
                                       public ACmConnectorUpper,
                                       public ICmTimerHandler,
                                       public CCmReferenceControlT<CCmMutexNullSingleThread>,
-                                      public talvo::CConnectOptions {
+                                      public talvo::CConnectOptions,
+                                      private CCmThreadTenant {
 public:
     CCmConnectorWrapper();
     ~CCmConnectorWrapper() override;
@@ -38,6 +39,9 @@ public:
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
 
 private:
+    void OnThreadEnd() override {}
+    void OnDrain(ECmDrainStage aStage) override;
+
     CCmFailure GetFailure() const override { return m_Failure; }
     void Close_i();
     void OnNoMemory();

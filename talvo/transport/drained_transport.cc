@@ -17,7 +17,7 @@ void CDrainedTransport::Opened_i() {
 void CDrainedTransport::OnDrain(ECmDrainStage aStage) {
     const BOOL bCut = aStage == ECmDrainStage::CUT;
     ICmTransportSink* pSink = m_pSink;
-    if (!pSink || (aStage != ECmDrainStage::CLOSE && !bCut))
+    if (!pSink || !ends_connections(aStage))
         return;
     LeaveThread();
     EndInOrder_i(bCut);

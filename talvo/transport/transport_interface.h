@@ -169,8 +169,9 @@ public:
     // Starts an attempt; exactly one OnConnectIndication follows, after this has returned, unless CancelConnect comes first.
     // Reasons: CM_ERROR_NETWORK_CONNECT_TIMEOUT (20005) when the attempt failed at once; CM_ERROR_NETWORK_CONNECT_ERROR (20006)
     // when it failed later or aTimeout passed (the names of these two notwithstanding; CM_OPT_CONNECT_FAILURE tells the cause);
-    // CM_ERROR_NETWORK_DNS_FAILURE for a name that cannot be resolved. aTimeout null: as long as the system tries. aAddrLocal:
-    // the address to connect from; null: any. The arguments are copied. While an attempt runs, or without a sink, the call is
+    // CM_ERROR_NETWORK_DNS_FAILURE for a name that cannot be resolved; CM_ERROR_NOT_AVAILABLE when CCmConnectionManager::Drain
+    // ends the attempt, or the network thread ends. aTimeout null: as long as the system tries. aAddrLocal: the address to
+    // connect from; null: any. The arguments are copied. While an attempt runs, or without a sink, the call is
     // refused: it is traced and nothing else happens.
     virtual void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
                              CCmInetAddr* aAddrLocal = nullptr) = 0;
@@ -191,8 +192,8 @@ class TALVO_API ICmAcceptor : public ICmAcceptorConnectorId {
 public:
     // OnConnectIndication follows for every connection. CM_ERROR_ALREADY_INITIALIZED: it listens. CM_ERROR_INVALID_ARG: aSink
     // is null. CM_ERROR_NETWORK_SOCKET_ERROR: the address cannot be bound or listened on; CM_OPT_CONNECT_FAILURE says why.
-    // CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain runs, which ends all listening in silence (StopListen first to listen
-    // again afterwards). After any failure it may be tried again. Port 0 lets the system choose: GetListenAddr tells.
+    // CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain runs, which stops all acceptors as StopListen does: they may listen
+    // again when it is over. After any failure it may be tried again. Port 0 lets the system choose: GetListenAddr tells.
     virtual CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) = 0;
 
     // No indication follows. Connections that were handed up stay. aReason is for the trace and for those who override. CM_OK.

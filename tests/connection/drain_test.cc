@@ -77,9 +77,58 @@ TEST(DrainTest, WhatWasTakenGoesOutAndEachSinkIsToldOnce) {
             EXPECT_LE(stTaken, strRead.size());
             EXPECT_NE(CM_OK, SendText(transport, "x"));
             EXPECT_NE(CM_OK, pAcceptor->GetListenAddr(addr));
-            pAcceptor->StopListen(CM_OK);
             EXPECT_EQ(CM_OK, pAcceptor->StartListen(&accepted, CCmInetAddr(OwnLoopback(), 0))) << "it can go on";
         }
+    }
+}
+
+// In both modes: a handshake that the peer leaves open, at either end, and an attempt that nobody answers.
+TEST(DrainTest, WhatIsNotConnectedEnds) {
+    for (const auto mode : {CCmThreadManager::NETWORK_THREAD_OWN, CCmThreadManager::NETWORK_THREAD_MAIN}) {
+        CTestNetwork network(mode);
+        constexpr DWORD PACKAGE = CCmConnectionManager::CTYPE_PDU_PACKAGE | CCmConnectionManager::CTYPE_TCP;
+        const CTestListener silent, full(0);
+        const CTestFd clients[3] = {ConnectPlain(full.Addr()), ConnectPlain(full.Addr()), ConnectPlain(full.Addr())};
+        CTestConnectSink accepted, handshake, attempt;
+        CCmInetAddr addr;
+        const auto pAcceptor = network.Listen(accepted, addr, PACKAGE);
+        const CTestFd client = ConnectPlain(addr);
+        const auto pHandshake = network.MakeConnector(PACKAGE), pAttempt = network.MakeConnector();
+        pHandshake->AsycConnect(&handshake, silent.Addr());
+        pAttempt->AsycConnect(&attempt, full.Addr());
+        const CTestFd peer = silent.Accept();
+        std::string strRequest, strNothing;
+        network.RunUntil([&] { return !ReadToEnd(peer, strRequest) && strRequest.size() == 8; });
+        CCmTimeValue tvLimit(60);
+        EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit));
+        EXPECT_EQ(std::vector<CmResult>{CM_ERROR_NOT_AVAILABLE}, handshake.m_Reasons);
+        EXPECT_EQ(std::vector<CmResult>{CM_ERROR_NOT_AVAILABLE}, attempt.m_Reasons);
+        network.RunUntil([&] { return ReadToEnd(peer, strRequest) && ReadToEnd(client, strNothing); });
+        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&accepted, CCmInetAddr(OwnLoopback(), 0))) << "it can go on";
+        pAttempt->AsycConnect(&attempt, silent.Addr());
+        network.RunUntil([&] { return attempt.Count() == 2; });
+        EXPECT_EQ(CM_OK, attempt.m_Reasons.back());
+    }
+}
+
+// What a user has paused stays so behind a proxy.
+TEST(DrainTest, PausedReadingHidesTheEndBehindAProxyOnly) {
+    for (const auto mode : {CCmThreadManager::NETWORK_THREAD_OWN, CCmThreadManager::NETWORK_THREAD_MAIN}) {
+        CTestNetwork network(mode);
+        CTestFd peer;
+        CTestSink sink;
+        const auto pTransport = network.ConnectTo(peer);
+        BOOL bPause = TRUE;
+        EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
+        EXPECT_EQ(CM_OK, pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+        EXPECT_EQ(4, send(peer.Get(), "late", 4, MSG_NOSIGNAL));
+        CCmTimeValue tvLimit(60);
+        EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit));
+        EXPECT_EQ(mode == CCmThreadManager::NETWORK_THREAD_MAIN, sink.m_nDisconnects);
+        bPause = FALSE;
+        pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);
+        network.RunUntil([&] { return sink.m_nDisconnects == 1; });
+        EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, sink.m_Reason);
     }
 }
 

@@ -28,7 +28,9 @@ CmResult CConnAcceptorBase::StartListen(ICmAcceptorConnectorSink* aSink, const C
         return CM_ERROR_INVALID_ARG;
     m_pSink = aSink;
     const CmResult rv = m_pLower->StartListen(this, aAddrListen);
-    if (rv != CM_OK)
+    if (rv == CM_OK)
+        JoinCurrentThread();
+    else
         m_pSink = nullptr;
     return rv;
 }
@@ -37,6 +39,12 @@ CmResult CConnAcceptorBase::StopListen(CmResult aReason) {
     m_Est.EnsureSingleThread();
     Stop_i(aReason);
     return CM_OK;
+}
+
+// The acceptor below stops by itself, and knows nothing of what is still opening.
+void CConnAcceptorBase::OnDrain(ECmDrainStage aStage) {
+    if (aStage != ECmDrainStage::NONE)
+        Stop_i(CM_OK);
 }
 
 void CConnAcceptorBase::Stop_i(CmResult aReason) {

@@ -11,7 +11,8 @@ class TALVO_API CConnAcceptorBase : public ICmAcceptor,
                                     public ICmAcceptorConnectorSink,
                                     public CConnOwner,
                                     public CCmReferenceControlT<CCmMutexNullSingleThread>,
-                                    public CConnectOptions {
+                                    public CConnectOptions,
+                                    private CCmThreadTenant {
 public:
     DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
     DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
@@ -34,6 +35,9 @@ protected:
     virtual COpeningConn MakeConnection() = 0;
 
 private:
+    void OnThreadEnd() override {}
+    void OnDrain(ECmDrainStage aStage) override;
+
     CCmFailure GetFailure() const override { return GetConnectFailure(m_pLower.Get()); }
     void Stop_i(CmResult aReason);
 

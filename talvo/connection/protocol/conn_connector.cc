@@ -31,6 +31,7 @@ void CConnConnectorBase::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmI
     m_Failure = {};
     m_IfClosed = CCmFailure(CM_FAILURE_PROTOCOL, "the peer has closed before the connection was open", "talk to", aAddrPeer);
     m_pSink = aSink;
+    JoinCurrentThread();
     m_Opening = MakeConnection();
     if (!m_Opening) {
         CM_ERROR_TRACE_THIS("CConnConnectorT::AsycConnect, out of memory.");
@@ -49,6 +50,16 @@ void CConnConnectorBase::OnNoMemory() {
 void CConnConnectorBase::CancelConnect() {
     m_Est.EnsureSingleThread();
     Cancel_i();
+}
+
+// Also during the handshake, when the connector below has done its part.
+void CConnConnectorBase::OnDrain(ECmDrainStage aStage) {
+    ICmAcceptorConnectorSink* pSink = m_pSink;
+    if (!pSink || !ends_connections(aStage))
+        return;
+    Cancel_i();
+    m_Failure = CCmFailure(CM_FAILURE_LOCAL, "all connections are being ended", m_IfClosed);
+    pSink->OnConnectIndication(CM_ERROR_NOT_AVAILABLE, nullptr, this);  // last: it may release this connector
 }
 
 void CConnConnectorBase::Cancel_i() {

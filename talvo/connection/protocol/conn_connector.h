@@ -11,7 +11,8 @@ namespace talvo {
 class TALVO_API CConnConnectorBase : public ICmConnector,
                                      public CConnOwner,
                                      public CCmReferenceControlT<CCmMutexNullSingleThread>,
-                                     public CConnectOptions {
+                                     public CConnectOptions,
+                                     private CCmThreadTenant {
 public:
     DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
     DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
@@ -31,6 +32,9 @@ protected:
     virtual COpeningConn MakeConnection() = 0;
 
 private:
+    void OnThreadEnd() override {}
+    void OnDrain(ECmDrainStage aStage) override;
+
     CCmFailure GetFailure() const override { return m_Failure; }
     CCmFailure FailureOf_i(CConnBase& aConn) const;
     void Cancel_i();

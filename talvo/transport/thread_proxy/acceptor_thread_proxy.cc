@@ -49,10 +49,10 @@ CmResult CAcceptorProxyCore::GetListenAddr(CCmInetAddr& aAddr) {
     });
 }
 
-// Also ends the openings of a protocol's acceptor, which the acceptor below knows nothing of.
+// The acceptor itself stops, and may listen again afterwards.
 void CAcceptorProxyCore::OnDrain(ECmDrainStage aStage) {
-    if (m_pInner && aStage != ECmDrainStage::NONE)
-        Stop_i(*m_pInner);
+    if (aStage != ECmDrainStage::NONE)
+        End();
 }
 
 CmResult CAcceptorProxyCore::StartListen_i(DWORD aListening, const CCmInetAddr& aAddrListen) {
