@@ -24,14 +24,14 @@ constexpr int READ_FLAGS = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 constexpr size_t MAX_ENTRIES = 10000;
 
 // Where the system cannot hold links back, none are followed.
-int OpenWithoutLinks(int aDirectory, std::string_view aPath) {
+int OpenWithoutLinks(int aDirectory, std::string_view aPath, int aFlags) {
     FileHandle current(openat(aDirectory, ".", READ_FLAGS | O_DIRECTORY));
     while (current && !aPath.empty()) {
         const size_t stEnd = std::min(aPath.find('/'), aPath.size());
         const std::string strPart(aPath.substr(0, stEnd));
         aPath.remove_prefix(std::min(stEnd + 1, aPath.size()));
-        const int nDirectory = aPath.empty() ? 0 : O_DIRECTORY;
-        current = FileHandle(openat(current.Get(), strPart.c_str(), READ_FLAGS | O_NOFOLLOW | nDirectory));
+        const int nFlags = aPath.empty() ? aFlags : READ_FLAGS | O_DIRECTORY;
+        current = FileHandle(openat(current.Get(), strPart.c_str(), nFlags | O_NOFOLLOW));
     }
     return current.Detach();
 }
@@ -41,12 +41,11 @@ std::string MakeLink(const std::string& aName) {
     return "<li><a href=\"./" + EncodePath(aName) + "\">" + EscapeHtml(Printable(aName)) + "</a></li>\n";
 }
 
-// "" for what a request would be refused. A pipe or a device must not be opened only to find that out.
-std::string MakeEntry(const ServedDirectory& aRoot, int aDirectory, const std::string& aPath, const std::string& aName) {
+// "" for what a request would be refused.
+std::string MakeEntry(const ServedDirectory& aRoot, const std::string& aPath, const std::string& aName) {
+    const FileHandle file = aRoot.OpenAt(aPath.empty() ? aName : aPath + "/" + aName);
     struct stat status {};
-    if (fstatat(aDirectory, aName.c_str(), &status, 0) != 0 || (!S_ISDIR(status.st_mode) && !S_ISREG(status.st_mode)))
-        return "";
-    if (!aRoot.OpenAt(aPath.empty() ? aName : aPath + "/" + aName))
+    if (!file || fstat(file.Get(), &status) != 0)
         return "";
     return MakeLink(S_ISDIR(status.st_mode) ? aName + "/" : aName);
 }
@@ -58,15 +57,27 @@ std::string ServedDirectory::Open(const std::string& aPath) {
     return m_Directory ? "" : "cannot open '" + aPath + "': " + SystemError(errno);
 }
 
+// To open a pipe for reading, even without waiting, releases its writer; a device may do anything. So it is looked at first.
 FileHandle ServedDirectory::OpenAt(const std::string& aPath) const {
+    const FileHandle look(OpenInside(aPath, O_PATH | O_CLOEXEC));
+    struct stat status {};
+    if (!look || fstat(look.Get(), &status) != 0)
+        return FileHandle();
+    if (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))
+        return FileHandle(OpenInside(aPath, READ_FLAGS));
+    errno = S_ISLNK(status.st_mode) ? ELOOP : EPERM;
+    return FileHandle();
+}
+
+int ServedDirectory::OpenInside(const std::string& aPath, int aFlags) const {
     open_how how{};
-    how.flags = READ_FLAGS;
+    how.flags = static_cast<unsigned>(aFlags);
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
     const char* pPath = aPath.empty() ? "." : aPath.c_str();
     const long lFd = syscall(SYS_openat2, m_Directory.Get(), pPath, &how, sizeof how);
     if (lFd == -1 && (errno == ENOSYS || errno == EPERM))
-        return FileHandle(OpenWithoutLinks(m_Directory.Get(), aPath));
-    return FileHandle(static_cast<int>(lFd));
+        return OpenWithoutLinks(m_Directory.Get(), aPath, aFlags);
+    return static_cast<int>(lFd);
 }
 
 std::string MakeDirectoryPage(const ServedDirectory& aRoot, FileHandle aDirectory, const std::string& aPath) {
@@ -87,7 +98,7 @@ std::string MakeDirectoryPage(const ServedDirectory& aRoot, FileHandle aDirector
     if (!aPath.empty() && aRoot.OpenAt(aPath.substr(0, aPath.find_last_of('/') + 1)))
         strPage += "<li><a href=\"../\">../</a></li>\n";
     for (const std::string& strName : names)
-        strPage += MakeEntry(aRoot, dirfd(pDir.get()), aPath, strName);
+        strPage += MakeEntry(aRoot, aPath, strName);
     return strPage + "</ul></body></html>\n";
 }
 

@@ -13,11 +13,13 @@ public:
     // "" or what is wrong.
     std::string Open(const std::string& aPath);
 
-    // Opens what lies at a relative path for reading: a file, a directory, anything; "" is the directory itself. Symbolic links
-    // are followed while they stay inside. Never waits, whatever it is. Without a file errno says why.
+    // Opens the regular file or the directory at a relative path for reading; "" is the directory itself. Symbolic links are
+    // followed while they stay inside. Without a file errno says why: EPERM for anything else, which is left untouched.
     FileHandle OpenAt(const std::string& aPath) const;
 
 private:
+    int OpenInside(const std::string& aPath, int aFlags) const;
+
     FileHandle m_Directory;
 };
 

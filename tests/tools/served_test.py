@@ -4,7 +4,9 @@ import email.utils
 import os
 import re
 import signal
+import threading
 import unittest
+import urllib.error
 import urllib.request
 
 from program import PATIENCE, ProgramTest
@@ -47,6 +49,30 @@ class ServedTest(ProgramTest):
             date, changed = (email.utils.parsedate_to_datetime(headers[name]) for name in ("Date", "Last-Modified"))
             # The second may have changed between the two.
             self.assertEqual(same, 0 <= (date - changed).total_seconds() < 60, headers)
+
+    def test_a_pipe_is_not_touched(self):
+        def write(fifo):
+            try:
+                fifo.write_bytes(b"x")
+            except BrokenPipeError:
+                pass
+
+        (self.directory / "sub").mkdir()
+        url = self.serve_here().url
+        for fifo, page, status in ("fifo", "fifo", 403), ("sub/index.html", "sub/", 200):
+            fifo = self.directory / fifo
+            os.mkfifo(fifo)
+            fifo.chmod(0o666)
+            writer = threading.Thread(target=write, args=(fifo,))
+            writer.start()
+            for _ in range(5):
+                try:
+                    self.assertEqual((200, b"<!DOCTYPE"), (status, self.ask(f"{url}/{page}")[1][:9]))
+                except urllib.error.HTTPError as error:
+                    self.assertEqual(status, error.code)
+            with open(os.open(fifo, os.O_RDONLY | os.O_NONBLOCK), "rb") as reader:
+                writer.join(PATIENCE)
+                self.assertEqual(b"x", reader.read(), "its writer was let go")
 
     def test_a_page_links_to_nothing_that_is_refused(self):
         for name in "new\nline", "a%2fb", "q?x", "h#x", "c:d", ".dot", "\x01\x7f", "\u00fc", "a b<\"'&>", "b\\c":
