@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <utility>
+#include <cstdlib>
 
 #include "tools/console.h"
 
@@ -110,12 +110,16 @@ void Application::Finish(int aStatus) {
         GetMainReactor()->StopEventLoop();
 }
 
+void Application::Drain() {
+    m_bDraining = true;
+    if (m_bStarted)
+        CCmConnectionManager::Instance()->Drain(nullptr);
+}
+
 void Application::OnSignal(int aSignal) {
-    const auto begin = std::exchange(m_OrderlyEnd, nullptr);
-    if (begin && aSignal != SIGPIPE)
-        begin(128 + aSignal);
-    else
-        Finish(128 + aSignal);
+    if (m_bDraining)
+        std::_Exit(128 + aSignal);  // the system closes what is left
+    Finish(128 + aSignal);
 }
 
 int Application::GetPendingSignal() {

@@ -1,7 +1,6 @@
 // The frame of every subcommand: the adopted main thread, its loop, the signals that end it, the orderly shutdown.
 #pragma once
 
-#include <functional>
 #include <memory>
 
 #include "talvo/talvo.h"
@@ -32,9 +31,9 @@ public:
     // Ends Run. The first call decides on the status; a failure gives way to a signal that waits. Main thread.
     void Finish(int aStatus);
 
-    // From now on the first signal calls aBegin with the status instead of ending Run. What has begun comes to its end, then
-    // aBegin's owner calls Finish. A second signal ends Run at once, and SIGPIPE always does.
-    void EndInOrder(std::function<void(int aStatus)> aBegin) { m_OrderlyEnd = std::move(aBegin); }
+    // For servers, behind Run: brings connections and answers to an orderly end, see CCmConnectionManager::Drain, for at most
+    // LingerSeconds. Another signal ends the process at once.
+    void Drain();
 
     // A signal that wants to end the program and waits for the loop, or 0.
     static int GetPendingSignal();
@@ -48,9 +47,9 @@ private:
     void OnSignal(int aSignal);
 
     BOOL m_bStarted = FALSE;
+    bool m_bDraining = false;
     int m_nStatus = -1;  // -1: not decided
     std::unique_ptr<SignalHandler> m_pSignals;
-    std::function<void(int aStatus)> m_OrderlyEnd;  // empty: a signal ends Run
 };
 
 }  // namespace tool

@@ -88,7 +88,9 @@ int RunEcho(const Arguments& aArguments) {
     EchoServer server;
     if (!server.Start(aArguments, console))
         return EXIT_FAILED;
-    return application.Run();
+    const int nStatus = application.Run();
+    application.Drain();
+    return nStatus;
 }
 
 }  // namespace tool

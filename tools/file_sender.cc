@@ -20,7 +20,9 @@ FileSender::FileSender(ICmChannelHttpServer* aChannel, FileHandle aFile, uint64_
       m_File(std::move(aFile)),
       m_ullOffset(aOffset),
       m_ullLeft(aLength),
-      m_Piece(static_cast<DWORD>(std::min(aLength, PIECE))) {}
+      m_Piece(static_cast<DWORD>(std::min(aLength, PIECE))) {
+    ++s_uCount;
+}
 
 void FileSender::Start(ICmChannelHttpServer* aChannel, FileHandle aFile, uint64_t aOffset, uint64_t aLength) {
     std::unique_ptr<FileSender> pSender(new FileSender(aChannel, std::move(aFile), aOffset, aLength));

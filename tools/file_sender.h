@@ -14,6 +14,10 @@ public:
     // shorter the connection ends, which tells the client; so it does when memory runs out. Throws std::bad_alloc.
     static void Start(ICmChannelHttpServer* aChannel, FileHandle aFile, uint64_t aOffset, uint64_t aLength);
 
+    ~FileSender() override { --s_uCount; }
+    // How many there are.
+    static unsigned GetCount() { return s_uCount; }
+
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
 
@@ -23,6 +27,8 @@ private:
     void OnTimer(CCmTimerWrapperID* aId) override;
     void Pump();
     CmResult SendPiece();
+
+    inline static unsigned s_uCount = 0;
 
     CCmRefPtrT<ICmChannelHttpServer> m_pChannel;
     FileHandle m_File;

@@ -31,10 +31,13 @@ int RunRecv(const Arguments& aArguments) {
     int nStatus = EXIT_FAILED;
     {
         Application application(CCmThreadManager::NETWORK_THREAD_OWN);
-        Receiver receiver(aArguments, nDirectory, application, console);
-        receiver.Start();
-        TidyUp(nDirectory, console);
-        nStatus = application.Run();
+        {
+            Receiver receiver(aArguments, nDirectory, application, console);
+            receiver.Start();
+            TidyUp(nDirectory, console);
+            nStatus = application.Run();
+        }
+        application.Drain();  // no file is under way any more; the last answers go out
     }
     close(nDirectory);
     return nStatus;

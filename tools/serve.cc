@@ -7,11 +7,9 @@ namespace tool {
 
 namespace {
 
-// A signal ends the program when the answers that have begun are through.
 class Server : public FileService {
 public:
-    Server(const ServedDirectory& aDirectory, Application& aApplication, Console& aConsole)
-        : FileService(aDirectory), m_Application(aApplication), m_Console(aConsole) {}
+    Server(const ServedDirectory& aDirectory, Console& aConsole) : FileService(aDirectory), m_Console(aConsole) {}
 
     bool Start(const Endpoint& aEndpoint) {
         CmResult rv = CCmChannelManager::Instance()->CreateHttpAcceptor(m_pAcceptor.ParaOut(), 0);
@@ -22,7 +20,6 @@ public:
             rv = m_pAcceptor->GetListenAddr(addr);
         if (rv == CM_OK) {
             AnnounceListening(addr, m_Console);
-            m_Application.EndInOrder([this](int aStatus) { Stop(aStatus); });
             return true;
         }
         CCmFailure failure;
@@ -32,20 +29,15 @@ public:
         return false;
     }
 
-private:
-    void Stop(int aStatus) {
-        m_nStatus = aStatus;
-        m_pAcceptor->StopListen(CM_OK);
-        const DWORD dwLeft = m_pAcceptor->GetConnections();
-        if (dwLeft > 0)
-            m_Console.Report("ending; answers under way: " + std::to_string(dwLeft) + "; a second signal ends at once",
-                             JsonLine("ending").Add("answers", dwLeft));
+    void AnnounceEnd() {
+        const unsigned uAnswers = FileSender::GetCount();
+        if (uAnswers > 0)
+            m_Console.Report("ending; answers under way: " + std::to_string(uAnswers) + "; a second signal ends at once",
+                             JsonLine("ending").Add("answers", uAnswers));
     }
-    void OnStopped(ICmChannelServerAcceptor*) override { m_Application.Finish(m_nStatus); }
 
-    Application& m_Application;
+private:
     Console& m_Console;
-    int m_nStatus = EXIT_OK;
     CCmRefPtrT<ICmChannelServerAcceptor> m_pAcceptor;
 };
 
@@ -62,13 +54,12 @@ int RunServe(const Arguments& aArguments) {
     }
     Application::RaiseDescriptorLimit();
     Application application(CCmThreadManager::NETWORK_THREAD_MAIN);
-    Server server(directory, application, console);
+    Server server(directory, console);
     if (!server.Start(aArguments.m_Endpoint))
         return EXIT_FAILED;
     const int nStatus = application.Run();
-    // A second signal leaves answers unfinished: their senders let go of themselves when they are cut off.
-    CCmTimeValue tvNone;
-    CCmConnectionManager::Instance()->Drain(&tvNone);
+    server.AnnounceEnd();
+    application.Drain();
     return nStatus;
 }
 

@@ -4,12 +4,13 @@ import email.utils
 import os
 import re
 import signal
+import socket
 import threading
 import unittest
 import urllib.error
 import urllib.request
 
-from program import PATIENCE, ProgramTest
+from program import HOST, PATIENCE, ProgramTest
 
 NOBODY = 65534
 
@@ -31,10 +32,15 @@ class ServedTest(ProgramTest):
         for once in True, False:
             listening = self.serve_here()
             server = listening.process
+            begun = [socket.create_connection((HOST, listening.port), PATIENCE) for _ in range(3)]
+            for client, part in zip(begun, (b"", b"GET", b"POST / HTTP/1.1\r\nHost: h\r\nContent-Length: 9\r\n\r\n")):
+                client.sendall(part)
+                self.addCleanup(client.close)
             with urllib.request.urlopen(listening.url + "/file", timeout=PATIENCE) as answer:
                 server.send_signal(signal.SIGTERM)
                 self.assertIn("answers under way: 1", server.stdout.readline() + server.stdout.readline())
                 if once:
+                    self.assertEqual([b"", b"", b"HTTP/1.1 405"], [client.recv(12) for client in begun])
                     self.assertEqual(20_000_000, len(answer.read()))
                 else:
                     server.send_signal(signal.SIGINT)
