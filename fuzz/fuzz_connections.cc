@@ -125,11 +125,11 @@ void Run(FuzzedDataProvider& aInput, size_t aHeader, char aConnectPdu) {
         stLength = cutter.Next(strBytes.size() - stAt);
         pLower->Receive(strBytes.substr(stAt, stLength));
         if (pLower->IsOpen() && cutter.Next(4) == 0)
-            pLower->HaveRoom();
+            pLower->MakeRoom();
     }
     if (bForetold)
         FUZZ_CHECK(user.m_Received == MessagesOf(strBytes, aHeader, aConnectPdu));
-    pLower->Break();
+    pLower->Vanish();
     user.m_pConn.Reset();
 }
 

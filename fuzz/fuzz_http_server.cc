@@ -109,16 +109,16 @@ std::string Run(const std::string& aBytes, BOOL aEnds, CFuzzServer& aServer, CFu
         stLength = aCutter ? aCutter->Next(aBytes.size() - stAt) : aBytes.size();
         pClient->Receive(aBytes.substr(stAt, stLength));
         if (aCutter)
-            pClient->HaveRoom();
+            pClient->MakeRoom();
     }
     if (aEnds)
-        pClient->EndReceiving();
+        pClient->EndSide();
     pClient->TakeEverything();
     for (int i = 0; i < 20 && pClient->IsOpen(); ++i) {
-        pClient->HaveRoom();
+        pClient->MakeRoom();
         Turn();
     }
-    pClient->Break();
+    pClient->Vanish();
     pAcceptor.Reset();
     Turn();
     FUZZ_CHECK(std::string_view("HTTP/1.1 ").starts_with(pClient->GetSent().substr(0, 9)));

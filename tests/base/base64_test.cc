@@ -1,8 +1,6 @@
 #include "talvo/base/base64.h"
 
-#include <gtest/gtest.h>
-
-namespace {
+#include "tests/support/test.h"
 
 TEST(Base64, EveryByteSurvives) {
     CCmString strText;
@@ -27,5 +25,3 @@ TEST(Base64, BadInputIsRefusedAndChangesNothing) {
     EXPECT_EQ(cm_base64_encode(nullptr, 1, strOut), CM_ERROR_INVALID_ARG);
     EXPECT_EQ(strOut, "before");
 }
-
-}  // namespace

@@ -1,10 +1,6 @@
 #include "talvo/base/byte_stream.h"
 
-#include <gtest/gtest.h>
-
-#include "tests/support/trace_capture.h"
-
-namespace {
+#include "tests/support/test.h"
 
 TEST(ByteStream, NumbersAreBigEndianAndComeBack) {
     CCmMessageBlock mb(64);
@@ -51,5 +47,3 @@ TEST(ByteStream, ALongStringIsWrittenModulo65536) {
     EXPECT_EQ(CCmByteStreamNetwork(mb).ReadString(strBack), CM_OK);
     EXPECT_EQ(strBack.size(), 4464u);
 }
-
-}  // namespace

@@ -1,13 +1,9 @@
 #include "talvo/base/config.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <thread>
-
-#include "tests/support/temp_dir.h"
-#include "tests/support/trace_capture.h"
+#include "tests/support/test.h"
 
 namespace {
 

@@ -1,10 +1,8 @@
 #include "talvo/base/inet_addr.h"
 
-#include <gtest/gtest.h>
-
 #include "talvo/base/address_functions.h"
 #include "talvo/base/name_resolver.h"
-#include "tests/support/trace_capture.h"
+#include "tests/support/test.h"
 
 namespace {
 

@@ -1,15 +1,7 @@
 #include "talvo/base/message_block.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <memory>
-#include <random>
-#include <thread>
-#include <vector>
-
 #include "talvo/base/data_block_no_malloc.h"
-#include "tests/support/trace_capture.h"
+#include "tests/support/test.h"
 
 namespace {
 

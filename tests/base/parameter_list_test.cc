@@ -1,11 +1,6 @@
 #include "talvo/base/parameter_list.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <random>
-
-namespace {
+#include "tests/support/test.h"
 
 TEST(ParameterList, EveryListRoundTrips) {
     std::mt19937 random(7);
@@ -52,5 +47,3 @@ TEST(ParameterList, StaysWithinItsBounds) {
     EXPECT_EQ(list.Append("", ""), CM_ERROR_NOT_AVAILABLE);
     EXPECT_EQ(list.Parse(strText + ";="), CM_ERROR_NOT_AVAILABLE);
 }
-
-}  // namespace

@@ -1,8 +1,6 @@
 #include "talvo/base/synchronization.h"
 
-#include <gtest/gtest.h>
-
-namespace {
+#include "tests/support/test.h"
 
 TEST(Semaphore, CountsUpToItsMaximum) {
     CCmSemaphoreThread semaphore(0, 3);
@@ -13,5 +11,3 @@ TEST(Semaphore, CountsUpToItsMaximum) {
         EXPECT_EQ(semaphore.TryLock(), CM_OK);
     EXPECT_EQ(semaphore.TryLock(), CM_ERROR_FAILURE);
 }
-
-}  // namespace

@@ -1,12 +1,9 @@
 #include "talvo/base/time_value.h"
 
-#include <gtest/gtest.h>
-
-#include <climits>
 #include <cmath>
 
 #include "talvo/base/clock.h"
-#include "tests/support/fake_clock.h"
+#include "tests/support/test.h"
 
 namespace {
 

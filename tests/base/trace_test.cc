@@ -1,21 +1,14 @@
 #include "talvo/base/trace.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <sstream>
-#include <thread>
-#include <vector>
 
 #include "talvo/base/config.h"
-#include "tests/support/fake_clock.h"
-#include "tests/support/temp_dir.h"
-#include "tests/support/trace_capture.h"
+#include "tests/support/test.h"
 
 namespace {
 

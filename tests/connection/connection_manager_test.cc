@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include "tests/support/network_fixture.h"
-#include "tests/support/trace_capture.h"
 
 namespace {
 

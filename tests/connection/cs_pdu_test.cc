@@ -1,11 +1,6 @@
 #include "talvo/connection/protocol/cs_pdu.h"
 
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <random>
-
-#include "tests/support/trace_capture.h"
+#include "tests/support/test.h"
 
 namespace {
 

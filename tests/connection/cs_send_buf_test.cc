@@ -1,11 +1,7 @@
 #include "talvo/connection/protocol/cs_send_buf.h"
 
-#include <gtest/gtest.h>
-
-#include <deque>
-#include <random>
-
 #include "talvo/connection/protocol/gather_chain.h"
+#include "tests/support/test.h"
 
 namespace {
 

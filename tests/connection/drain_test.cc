@@ -1,6 +1,5 @@
 // The orderly end of everything.
 #include "talvo/connection/drain_rule.h"
-#include "tests/support/fake_clock.h"
 #include "tests/support/network_fixture.h"
 
 namespace {
@@ -45,15 +44,13 @@ TEST(DrainTest, WhatWasTakenGoesOutAndEachSinkIsToldOnce) {
     for (const auto mode : {CCmThreadManager::NETWORK_THREAD_OWN, CCmThreadManager::NETWORK_THREAD_MAIN}) {
         for (const DWORD dwType : {DWORD{1}, Manager::CTYPE_PDU_LENGTH | 1u, Manager::CTYPE_SEND_NO_PARTIAL_DATA | 1u}) {
             CTestNetwork network(mode);
-            const CTestListener listener(1, 4096);
-            CTestConnectSink connected, accepted;
+            CTestFd peer;
+            CTestConnectSink accepted;
             CTestSink sink;
             CCmInetAddr addr;
             const auto pAcceptor = network.Listen(accepted, addr);
-            const auto pConnector = network.MakeConnector(dwType);
-            pConnector->AsycConnect(&connected, listener.Addr());
-            network.RunUntil([&] { return connected.Count() == 1; });
-            ICmTransport& transport = *connected.m_Transports.at(0);
+            const auto pTransport = network.ConnectTo(peer, 4096, dwType);
+            ICmTransport& transport = *pTransport;
             transport.OpenWithSink(&sink);
             int nBuffer = 16384;
             EXPECT_EQ(CM_OK, transport.SetOption(CM_OPT_TRANSPORT_SNDBUF, &nBuffer));
@@ -61,7 +58,6 @@ TEST(DrainTest, WhatWasTakenGoesOutAndEachSinkIsToldOnce) {
             size_t stTaken = 0;
             for (CCmTransportParameter para; stTaken < (4u << 20) && SendText(transport, strPart, &para) == CM_OK;)
                 stTaken += para.m_dwHaveSent;
-            const CTestFd peer = listener.Accept();
             std::string strRead;
             CCmEventThread told;  // only then the peer reads
             sink.m_Disconnect = [&] { told.Signal(); };

@@ -1,7 +1,7 @@
 #include "talvo/connection/protocol/len_pkg_conn.h"
 
 #include "tests/support/fake_lower.h"
-#include "tests/support/trace_capture.h"
+#include "tests/support/network_fixture.h"
 
 namespace {
 
@@ -116,7 +116,7 @@ TEST(FrameQueueTest, DatagramsStayApart) {
     lower.m_dwRoom = CFakeLower::EVERYTHING;
     EXPECT_EQ(CM_OK, send("4", ""));
     EXPECT_EQ((std::vector<std::string>{"1short", "2" + strLong, "3short", "4"}), lower.m_Sends);
-    lower.m_SendResult = CM_ERROR_INVALID_ARG;
+    lower.m_Inside = [](const std::string&) { return CM_ERROR_INVALID_ARG; };
     EXPECT_EQ(CM_ERROR_INVALID_ARG, send("5", "never"));
     EXPECT_EQ(CM_OK, queue.Add("6", 1, ViewOf(strLong)));
     EXPECT_EQ(CM_OK, queue.Flush(lower));

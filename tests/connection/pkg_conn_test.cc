@@ -1,14 +1,10 @@
 // Package connections and the no-partial-data sender over a transport that the test plays: bytes, steps and upcalls.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 
 #include "talvo/connection/protocol/pkg_conn_client.h"
 #include "talvo/connection/protocol/pkg_conn_server.h"
 #include "talvo/connection/protocol/pkg_sender.h"
-#include "tests/support/fake_clock.h"
 #include "tests/support/fake_lower.h"
-#include "tests/support/trace_capture.h"
+#include "tests/support/network_fixture.h"
 
 namespace {
 
@@ -287,9 +283,9 @@ TEST_F(PkgConnTest, OnePduIsOneDatagram) {
     EXPECT_EQ((Lines{"receive a", "receive b"}), server.m_Lines);
     EXPECT_EQ(2u, trace.Count("drop the rest of a datagram"));
     // A datagram that the transport will never take does not stop those behind it.
-    server.m_pLower->m_SendResult = CM_ERROR_INVALID_ARG;
+    server.m_pLower->m_Inside = [](const std::string&) { return CM_ERROR_INVALID_ARG; };
     server.Send("never");
-    server.m_pLower->m_SendResult = CM_OK;
+    server.m_pLower->m_Inside = [](const std::string&) { return CM_OK; };
     EXPECT_EQ(CM_OK, server.Send("next"));
     EXPECT_EQ(Lines{Data("next")}, server.m_pLower->m_Sends);
 

@@ -1,8 +1,8 @@
 // What a message costs in things that can be counted, so that no machine's mood changes it. docs/performance.md shows the
 // counts.
-#include <cstdio>
 
 #include "benchmarks/counts/message_path.h"
+#include "tests/support/test.h"
 
 namespace {
 

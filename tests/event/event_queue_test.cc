@@ -1,8 +1,4 @@
-#include <gtest/gtest.h>
 #include <malloc.h>
-
-#include <algorithm>
-#include <array>
 
 #include "talvo/event/event_queue_using_condition_variable.h"
 #include "talvo/event/event_queue_using_mutex.h"

@@ -1,7 +1,5 @@
 #include "talvo/event/event_synchronous.h"
 
-#include <gtest/gtest.h>
-
 #include "talvo/event/event_queue_using_condition_variable.h"
 #include "talvo/event/event_queue_using_mutex.h"
 #include "tests/support/event_helpers.h"

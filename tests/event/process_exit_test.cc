@@ -1,6 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <stdexcept>
 
 #include "talvo/base/trace.h"

@@ -1,7 +1,5 @@
 #include "talvo/event/reactor_base.h"
 
-#include <gtest/gtest.h>
-
 #include "tests/support/event_helpers.h"
 #include "tests/support/event_socket.h"
 

@@ -1,9 +1,5 @@
-#include <gtest/gtest.h>
-
 #include "tests/support/event_helpers.h"
 #include "tests/support/event_socket.h"
-#include "tests/support/fake_clock.h"
-#include "tests/support/trace_capture.h"
 
 namespace {
 
@@ -120,23 +116,6 @@ TEST_F(ReactorTest, HandlesDoNotWaitForManyLongEvents) {
     EXPECT_EQ(10, nRunBeforeInput);
     Turns(2);
     EXPECT_EQ(40, nRun);
-}
-
-TEST_F(ReactorTest, PausedReadingLosesNothing) {
-    CEnd end(m_Reactor, H::READ_MASK | H::WRITE_MASK);
-    end.m_pHandler->m_Input = [&] {
-        end.Pause();
-        return 0;
-    };
-    end.m_Peer.Write("one ");
-    Turns(3);
-    end.m_Peer.Write("two ");
-    Turns(3);
-    EXPECT_EQ(1, end.m_pHandler->m_nInputs);
-    end.m_pHandler->m_Input = [&] { return end.ReadSome(); };
-    end.Resume();
-    Turn();
-    EXPECT_EQ("one two ", end.m_strRead);
 }
 
 TEST_F(ReactorTest, AHandlerThatGoesOnIsAskedAgainAndOthersAreServed) {

@@ -1,7 +1,5 @@
 #include "talvo/base/reference_control.h"
 
-#include <gtest/gtest.h>
-
 #include "talvo/base/ref_ptr.h"
 #include "talvo/event/event_delete.h"
 #include "talvo/event/timer_delete.h"

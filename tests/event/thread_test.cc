@@ -1,13 +1,8 @@
 #include "talvo/event/thread.h"
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-
 #include "talvo/event/timer_wrapper_id.h"
 #include "tests/support/event_helpers.h"
 #include "tests/support/event_socket.h"
-#include "tests/support/trace_capture.h"
 
 namespace {
 

@@ -1,7 +1,5 @@
 #include "talvo/event/timer_queue_calendar.h"
 
-#include <gtest/gtest.h>
-
 #include "talvo/event/event_queue_using_mutex.h"
 #include "tests/support/event_helpers.h"
 

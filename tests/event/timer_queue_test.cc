@@ -1,12 +1,5 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <random>
-#include <string>
-
 #include "talvo/event/timer_queue_ordered_list.h"
 #include "tests/support/event_helpers.h"
-#include "tests/support/fake_clock.h"
 
 namespace {
 

@@ -1,8 +1,5 @@
-#include <gtest/gtest.h>
-
 #include "talvo/event/timer_wrapper_id.h"
 #include "tests/support/event_helpers.h"
-#include "tests/support/fake_clock.h"
 
 namespace {
 

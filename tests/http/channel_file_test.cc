@@ -2,8 +2,11 @@
 
 #include <sys/stat.h>
 
-#include "tests/support/http_client_helpers.h"
-#include "tests/support/temp_dir.h"
+#include "talvo/http/channel/channel_options.h"
+#include "talvo/http/channel_manager.h"
+#include "talvo/http/message/http_url.h"
+#include "tests/support/channel_sink.h"
+#include "tests/support/network_fixture.h"
 
 namespace {
 

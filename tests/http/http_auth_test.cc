@@ -1,10 +1,7 @@
 #include "talvo/http/message/http_auth.h"
 
-#include <gtest/gtest.h>
-
 #include "talvo/http/message/http_challenge.h"
-
-namespace {
+#include "tests/support/test.h"
 
 using namespace talvo;
 
@@ -80,5 +77,3 @@ TEST(HttpAuthTest, TakesTheStrongestAndCountsTheNonce) {
         ++nTries;
     EXPECT_EQ(4, nTries);
 }
-
-}  // namespace

@@ -1,23 +1,21 @@
-#include "tests/support/http_client_helpers.h"
-
-namespace {
+#include "tests/http/client_fixture.h"
 
 using HttpClientPoolTest = CHttpClientTest;
 
 // Each answer is asked for twice, and the second request may come over the first connection only if nothing speaks against it.
 TEST_F(HttpClientPoolTest, AConnectionIsUsedAgainOnlyIfItIsClean) {
-    const std::pair<std::string, size_t> CASES[] = {
+    const std::pair<CAnswer, size_t> CASES[] = {
         {Answer("200 OK", "", "ab"), 1},
-        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nab\r\n0\r\n\r\n", 1},
-        {"HTTP/1.0 200 OK\r\nConnection: keep-alive\r\nContent-Length: 2\r\n\r\nab", 1},
-        {"HTTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\nab", 2},
+        {{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nab\r\n0\r\n\r\n"}, 1},
+        {{"HTTP/1.0 200 OK\r\nConnection: keep-alive\r\nContent-Length: 2\r\n\r\nab"}, 1},
+        {{"HTTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\nab"}, 2},
         {Answer("200 OK", "Connection: x, Close\r\n", "ab"), 2},
-        {Answer("200 OK", "", "ab") + "stray bytes", 2},
-        {"HTTP/1.1 200 OK\r\nContent-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nab\r\n0\r\n\r\n", 2},
+        {{"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nabstray bytes"}, 2},
+        {{"HTTP/1.1 200 OK\r\nContent-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nab\r\n0\r\n\r\n"}, 2},
     };
-    for (const auto& [strAnswer, nConnections] : CASES) {
-        SCOPED_TRACE(strAnswer);
-        CScriptServer server({CScriptServer::Answers({strAnswer, strAnswer})});
+    for (const auto& [answer, nConnections] : CASES) {
+        SCOPED_TRACE(answer.m_strText);
+        const CScriptServer server({{answer, answer}});
         EXPECT_EQ("200 ab", Get(server));
         EXPECT_EQ("200 ab", Get(server));
         EXPECT_EQ(nConnections, server.GetConnections());
@@ -40,17 +38,11 @@ TEST_F(HttpClientPoolTest, AStaleConnectionIsReplacedOnceForWhatMayBeRepeated) {
                            {"POST", 0, true, "0  !20008", 1},
                            {"POST", 1, true, "200 b", 2},
                            {"GET", 0, false, "0  !20008", 2}};
-    CCmFakeClock clock;
+    const CAnswer first = Answer("200 OK", "", "a"), closes{"", CAnswer::CLOSES};
     for (const CCase& test : CASES) {
-        const auto dies = [](CScriptPeer& aPeer) {
-            aPeer.ReadRequest();
-            aPeer.Send(Answer("200 OK", "", "a"));
-            aPeer.ReadRequest();
-        };
-        const CScriptServer::CScript fails = [](CScriptPeer& aPeer) { aPeer.ReadRequest(); };
-        CScriptServer server({dies, test.m_bBetter ? CScriptServer::Answers({Answer("200 OK", "", "b")}) : fails});
+        const CScriptServer server({{first, closes}, {test.m_bBetter ? Answer("200 OK", "", "b") : closes}});
         EXPECT_EQ("200 a", Get(server));
-        clock.Advance(CCmTimeValue(test.m_lRest));
+        m_Clock.Advance(CCmTimeValue(test.m_lRest));
         EXPECT_EQ(test.m_szResult, Get(server, [&](CTestHttpClient& aClient) { aClient.Ask(test.m_szMethod); }));
         EXPECT_EQ(test.m_nConnections, server.GetConnections());
     }
@@ -61,14 +53,14 @@ TEST_F(HttpClientPoolTest, LimitsAndWaitingInTurn) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmChannelManager::Instance()->SetHttpPoolLimits(limits));
     limits.m_dwMaxPerHost = 2;
     EXPECT_EQ(CM_OK, CCmChannelManager::Instance()->SetHttpPoolLimits(limits));
-    CScriptServer server({CScriptServer::Answers(std::vector<std::string>(10, Answer("200 OK", "", "x")))});
+    const CScriptServer server({CScriptServer::CAnswers(10, Answer("200 OK", "", "x"))});
     std::vector<std::unique_ptr<CTestHttpClient>> clients;
     for (int i = 0; i < 6; ++i) {
         clients.push_back(std::make_unique<CTestHttpClient>(server.Url()));
         clients.back()->Open();
     }
     clients[3]->m_pChannel->Disconnect(CM_OK);  // it waits, and gives its turn to the others
-    m_Network.RunUntil([&] {
+    RunUntil([&] {
         return std::count_if(clients.begin(), clients.end(), [](const auto& pClient) { return pClient->IsOver(); }) == 5;
     });
     for (size_t i = 0; i < clients.size(); ++i)
@@ -83,18 +75,11 @@ TEST_F(HttpClientPoolTest, LimitsAndWaitingInTurn) {
 }
 
 TEST_F(HttpClientPoolTest, WhatIsUnusedForLongIsClosed) {
-    CCmFakeClock clock;
-    std::atomic<bool> bClosed = false;
-    CScriptServer server({[&](CScriptPeer& aPeer) {
-        CScriptServer::Answers({Answer("200 OK", "", "a")})(aPeer);
-        bClosed = true;
-    }});
+    const CScriptServer server({{Answer("200 OK", "", "a")}});
     EXPECT_EQ("200 a", Get(server));
-    clock.Advance(CCmTimeValue(29));
-    m_Network.RunPosted();
-    EXPECT_FALSE(bClosed);
-    clock.Advance(CCmTimeValue(2));
-    m_Network.RunUntil([&] { return bClosed.load(); });
+    for (const int nDisconnects : {0, 1}) {
+        m_Clock.Advance(CCmTimeValue(29 - 27 * nDisconnects));
+        Turn();
+        EXPECT_EQ(nDisconnects, server.GetPeer().m_nDisconnects);
+    }
 }
-
-}  // namespace

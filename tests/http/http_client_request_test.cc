@@ -1,6 +1,4 @@
-#include "tests/support/http_client_helpers.h"
-
-namespace {
+#include "tests/http/client_fixture.h"
 
 using HttpClientBodyTest = CHttpClientTest;
 
@@ -34,35 +32,19 @@ TEST_F(HttpClientBodyTest, SendsWhatWasSet) {
          "PUT /a%20b?c=%C3%A4 HTTP/1.1\r\nHost: h\r\nUser-Agent: talvo\r\nConnection: close\r\nContent-Length: 0\r\n\r\n"},
     };
     for (const CCase& test : CASES) {
-        std::string strSeen;
-        CScriptServer server({[&](CScriptPeer& aPeer) {
-            strSeen = aPeer.ReadRequest();
-            aPeer.Send(Answer("200 OK", "", ""));
-            aPeer.WaitForEnd();
-        }});
+        const CScriptServer server({{Answer("200 OK", "", "")}});
         CTestHttpClient client(server.Url("/a b?c=\xc3\xa4#part"));
         test.m_Set(client);
         EXPECT_EQ("200 ", Run(client));
-        EXPECT_EQ(test.m_szSent, strSeen);
+        EXPECT_EQ(std::vector<std::string>{test.m_szSent}, server.m_Requests);
     }
 }
 
 TEST_F(HttpClientBodyTest, StreamsABodyOfKnownLengthOrInChunks) {
-    const std::string strBody = Pattern(8 << 20);  // more than the proxy and the system hold
+    const std::string strBody = Pattern(300000);
     for (const bool bChunked : {false, true}) {
-        std::string strSeen;
-        std::atomic<int> nRefused = 0;
-        CScriptServer server({[&](CScriptPeer& aPeer) {
-            aPeer.ReadTo("\r\n\r\n");
-            YieldUntil([&] { return nRefused > 1; });  // for want of a connection, and of room
-            for (size_t nSize = bChunked ? 1 : 0; nSize > 0; aPeer.ReadTo("\r\n")) {
-                nSize = std::stoul(aPeer.ReadTo("\r\n"), nullptr, 16);
-                strSeen += aPeer.ReadBytes(nSize);
-            }
-            strSeen += bChunked ? "" : aPeer.ReadBytes(strBody.size());
-            aPeer.Send(Answer("200 OK", "", "done"));
-            aPeer.WaitForEnd();
-        }});
+        CScriptServer server({{Answer("200 OK", "", "done")}});
+        server.m_dwRoom = 70000;
         CTestHttpClient client(server.Url());
         client.Ask("POST");
         client.Header(bChunked ? "Transfer-Encoding" : "Content-Length", bChunked ? "chunked" : std::to_string(strBody.size()));
@@ -73,47 +55,48 @@ TEST_F(HttpClientBodyTest, StreamsABodyOfKnownLengthOrInChunks) {
                 CCmMessageBlock block = ViewOf(strPiece);
                 rv = client.m_pChannel->SendData(block);
                 nSent += strPiece.size() - block.GetTopLevelLength();
-                nRefused += rv == CM_ERROR_PARTIAL_DATA;
             }
             const CmResult end = nSent == strBody.size() ? client.m_pChannel->EndRequestBody() : CM_OK;
             EXPECT_EQ(nSent < strBody.size() || bChunked ? CM_OK : CM_ERROR_NOT_AVAILABLE, end);
         };
         client.Open();
         EXPECT_EQ(bChunked ? CM_ERROR_PARTIAL_DATA : CM_ERROR_INVALID_ARG, SendText(*client.m_pChannel, strBody + "x"));
-        client.m_Sink.m_Send();
-        m_Network.RunUntil([&] { return client.IsOver(); });
-        server.End();
+        client.m_Sink.m_Send();  // refused for want of a connection, and later of room
+        RunUntil([&] { return server.GetConnections() > 0; });
+        Turn();
+        EXPECT_GT(strBody.size(), nSent);
+        while (server.GetPeer().m_dwRoom < 70000)
+            server.GetPeer().MakeRoom(70000);
+        RunUntil([&] { return client.IsOver(); });
         EXPECT_EQ("200 done", client.Result());
+        const std::string& strRequest = server.m_Requests.at(0);
+        std::string strSeen = strRequest.substr(strRequest.find("\r\n\r\n") + 4);
+        for (size_t stAt = 0, stSize = 1; bChunked && stSize > 0; stAt += stSize) {  // takes the sizes out
+            stSize = std::stoul(strSeen.substr(stAt), nullptr, 16);
+            strSeen.erase(stAt, strSeen.find("\r\n", stAt) + 2 - stAt).erase(stAt + stSize, 2);
+        }
         EXPECT_TRUE(strBody == strSeen);
         EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, SendText(*client.m_pChannel, "late"));
     }
 }
 
 TEST_F(HttpClientBodyTest, ExpectWaitsForLeaveAnAnswerOrTheTimeOut) {
-    CCmFakeClock clock;
-    for (const std::string& strFirst :
-         {std::string("HTTP/1.1 100 Continue\r\n\r\n"), Answer("417 No", "", "no"), std::string()}) {
-        const bool bRefuses = strFirst.ends_with("no");
-        std::string strBody;
-        std::atomic<bool> bHead = false;
-        CScriptServer server({[&](CScriptPeer& aPeer) {
-            aPeer.ReadTo("\r\n\r\n");
-            bHead = true;
-            aPeer.Send(strFirst);
-            strBody = aPeer.ReadBytes(4);
-            aPeer.Send(Answer("200 OK", "", "yes"));
-            aPeer.WaitForEnd();
-        }});
+    for (const CAnswer& first : {CAnswer{"HTTP/1.1 100 Continue\r\n\r\n"}, Answer("417 No", "", "no"), CAnswer()}) {
+        const CScriptServer server({CScriptServer::CAnswers()});
         CTestHttpClient client(server.Url());
         client.Ask("POST", "body");
         client.Header("Expect", "100-continue");
         client.Open();
-        m_Network.RunUntil([&] { return bHead.load(); });
-        clock.Advance(strFirst.empty() ? CCmTimeValue(1, 1) : CCmTimeValue::s_tvZero);
-        m_Network.RunUntil([&] { return client.IsOver(); });
-        server.End();
+        RunUntil([&] { return server.GetConnections() > 0 && !server.GetPeer().GetSent().empty(); });
+        EXPECT_TRUE(server.GetPeer().TakeSent().ends_with("\r\n\r\n"));
+        m_Clock.Advance(first.m_strText.empty() ? CCmTimeValue(1, 1) : CCmTimeValue::s_tvZero);
+        server.GetPeer().Say(first);
+        Turn();
+        const bool bRefuses = first.m_strText.ends_with("no");
+        EXPECT_EQ(bRefuses ? "" : "body", server.GetPeer().TakeSent());
+        server.GetPeer().Say(Answer("200 OK", "", "yes"));
+        RunUntil([&] { return client.IsOver(); });
         EXPECT_EQ(bRefuses ? "417 no" : "200 yes", client.Result());
-        EXPECT_EQ(bRefuses ? "" : "body", strBody);
     }
 }
 
@@ -129,20 +112,12 @@ TEST_F(HttpClientBodyTest, FollowsRedirectsByTheRules) {
                            {"307 T", "POST", "POST"}, {"308 P", "POST", "POST"}};
     for (const CCase& test : CASES) {
         for (const bool bOther : {false, true}) {
-            std::string strNext;
-            const CScriptServer::CScript there = [&](CScriptPeer& aPeer) {
-                strNext = aPeer.ReadRequest();
-                aPeer.Send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
-                aPeer.WaitForEnd();
-            };
-            CScriptServer other({there});
             SCOPED_TRACE(test.m_szStatus + test.m_strMethod + (bOther ? " elsewhere" : " here"));
-            CScriptServer server({[&](CScriptPeer& aPeer) {
-                aPeer.ReadRequest();
-                aPeer.Send(Answer(test.m_szStatus, "Location: " + (bOther ? other.Url("/c/d") : "../c/./d#x") + "\r\n",
-                                  test.m_strMethod == "HEAD" ? "" : "gone"));
-                bOther ? aPeer.WaitForEnd() : there(aPeer);
-            }});
+            const CAnswer there = Answer("200 OK", "", "");
+            const CScriptServer other({{there}});
+            const std::string strLocation = "Location: " + (bOther ? other.Url("/c/d") : "../c/./d#x") + "\r\n";
+            const CScriptServer server(
+                {{Answer(test.m_szStatus, strLocation, test.m_strMethod == "HEAD" ? "" : "gone"), there}});
             const bool bBody = test.m_strMethod.starts_with('P');
             const bool bSame = test.m_strMethod == test.m_strNext;
             CTestHttpClient client(server.Url("/a/b?q"));
@@ -150,38 +125,38 @@ TEST_F(HttpClientBodyTest, FollowsRedirectsByTheRules) {
             for (const char* szName : {"Content-Type", "Authorization", "Cookie", "X-Kept"})
                 client.Header(szName, "value");
             EXPECT_EQ("200 ", Run(client));
-            (bOther ? other : server).End();
+            const CScriptServer& last = bOther ? other : server;
+            const std::string& strNext = last.m_Requests.back();
             EXPECT_TRUE(strNext.starts_with(test.m_strNext + " /c/d HTTP/1.1\r\n")) << strNext;
             EXPECT_EQ(bBody && bSame, strNext.ends_with("\r\n\r\nbody")) << strNext;
-            EXPECT_EQ(bSame, strNext.find("Content-Type") != std::string::npos) << strNext;
-            EXPECT_EQ(bOther, strNext.find("Authorization") == std::string::npos) << strNext;
-            EXPECT_EQ(bOther, strNext.find("Cookie") == std::string::npos) << strNext;
-            EXPECT_NE(std::string::npos, strNext.find("X-Kept")) << strNext;
+            for (const auto& [szName, bKept] :
+                 {std::pair{"Content-Type", bSame}, {"Authorization", !bOther}, {"Cookie", !bOther}, {"X-Kept", true}})
+                EXPECT_EQ(bKept, strNext.find(szName) != std::string::npos) << strNext;
             EXPECT_EQ(1u, server.GetConnections());
             CCmRefPtrT<CCmHttpUrl> pUrl;
             EXPECT_EQ(CM_OK, client.m_pChannel->GetUrl(pUrl.ParaOut()));
-            EXPECT_EQ((bOther ? other : server).Url("/c/d"), pUrl->GetAsciiSpec());
+            EXPECT_EQ(last.Url("/c/d"), pUrl->GetAsciiSpec());
         }
     }
 }
 
 TEST_F(HttpClientBodyTest, DoesNotFollowEverything) {
+    const CAnswer found = Answer("302 Found", "Location: /\r\n", "body");
     for (const std::string strLocation : {"https://127.0.0.1/", "file:///etc/passwd", "http://a:b@127.0.0.1/", ""}) {
         const CCmTraceCapture trace;
-        CScriptServer server({CScriptServer::Answers({Answer("302 Found", "Location: " + strLocation + "\r\n", "body")})});
+        const CScriptServer server({{Answer("302 Found", "Location: " + strLocation + "\r\n", "body")}});
         EXPECT_EQ(strLocation.empty() ? "302 body" : "0  !20008", Get(server)) << strLocation;
         EXPECT_EQ(strLocation.empty() ? 0u : 1u, trace.Count("the redirect is not followed. location="));
     }
     for (const size_t stRedirects : {size_t{10}, size_t{11}}) {
-        std::vector<std::string> answers(stRedirects, Answer("302 Found", "Location: /\r\n", "body"));
+        CScriptServer::CAnswers answers(stRedirects, found);
         answers.push_back(Answer("200 OK", "", "there"));
-        CScriptServer chain({CScriptServer::Answers(answers)});
-        EXPECT_EQ(stRedirects == 10 ? "200 there" : "0  !20008", Get(chain));
+        EXPECT_EQ(stRedirects == 10 ? "200 there" : "0  !20008", Get(CScriptServer({answers})));
     }
-    CScriptServer loop({CScriptServer::Answers({Answer("302 Found", "Location: /\r\n", "body")})});
-    EXPECT_EQ("302 body", Get(loop, [](CTestHttpClient& aClient) { aClient.Set(CM_OPT_CHANNEL_MAX_REDIRECTS, 0); }));
+    EXPECT_EQ("302 body",
+              Get(CScriptServer({{found}}), [](CTestHttpClient& aClient) { aClient.Set(CM_OPT_CHANNEL_MAX_REDIRECTS, 0); }));
     // A body that has gone by cannot be sent again.
-    CScriptServer server({CScriptServer::Answers({Answer("307 T", "Location: /b\r\n", "body")})});
+    const CScriptServer server({{Answer("307 T", "Location: /b\r\n", "body")}});
     EXPECT_EQ("307 body", Get(server, [](CTestHttpClient& aClient) {
                   aClient.Ask("POST");
                   aClient.Header("Transfer-Encoding", "chunked");
@@ -209,30 +184,29 @@ TEST_F(HttpClientBodyTest, GivesCredentialsWhereTheyAreAskedFor) {
     };
     for (const CCase& test : CASES) {
         SCOPED_TRACE(test.m_szFirst);
-        std::vector<std::string> seen;
-        CScriptServer server({[&](CScriptPeer& aPeer) {
-            for (std::string strRequest; !(strRequest = aPeer.ReadRequest()).empty();) {
-                seen.push_back(strRequest);
-                const std::string strAsk = seen.size() == 1 ? test.m_szFirst : seen.size() == 2 ? test.m_szSecond : "";
-                aPeer.Send(strAsk.empty() ? Answer("200 OK", "", "in")
-                                          : Answer("401 Who", "WWW-Authenticate: " + strAsk + "\r\n",
-                                                   seen.size() == 1 && test.m_nRequests == 3 ? strLong : "out"));
-            }
-        }});
+        const auto ask = [](const char* aChallenge, const std::string& aBody) {
+            return Answer("401 Who", "WWW-Authenticate: " + std::string(aChallenge) + "\r\n", aBody);
+        };
+        const bool bLong = test.m_nRequests == 3;
+        CScriptServer::CAnswers first{ask(test.m_szFirst, bLong ? strLong : "out")}, then{Answer("200 OK", "", "in")};
+        if (*test.m_szSecond)
+            then.push_front(ask(test.m_szSecond, "out"));
+        if (!bLong)
+            first.insert(first.end(), then.begin(), then.end());
+        const CScriptServer server({first, then});
         EXPECT_EQ(test.m_szResult, Get(server, [](CTestHttpClient& aClient) {
                       aClient.Ask("POST", "body");
                       EXPECT_EQ(CM_OK, aClient.m_pChannel->SetCredentials("u", "p"));
                   }));
-        ASSERT_EQ(test.m_nRequests, seen.size());
-        EXPECT_EQ(std::string::npos, seen.front().find("Authorization"));
-        EXPECT_NE(std::string::npos, seen.back().find(test.m_szAuthorization)) << seen.back();
-        EXPECT_TRUE(seen.back().ends_with("\r\n\r\nbody"));
-        EXPECT_EQ(test.m_nRequests == 3 ? 2u : 1u, server.GetConnections());
+        ASSERT_EQ(test.m_nRequests, server.m_Requests.size());
+        EXPECT_EQ(std::string::npos, server.m_Requests.front().find("Authorization"));
+        const std::string& strLast = server.m_Requests.back();
+        EXPECT_NE(std::string::npos, strLast.find(test.m_szAuthorization)) << strLast;
+        EXPECT_TRUE(strLast.ends_with("\r\n\r\nbody"));
+        EXPECT_EQ(bLong ? 2u : 1u, server.GetConnections());
     }
     // They belong to one origin.
-    CScriptServer other({CScriptServer::Answers({Answer("401 Who", "WWW-Authenticate: Basic realm=\"r\"\r\n", "out")})});
-    CScriptServer server({CScriptServer::Answers({Answer("302 Found", "Location: " + other.Url() + "\r\n", "")})});
+    const CScriptServer other({{Answer("401 Who", "WWW-Authenticate: Basic realm=\"r\"\r\n", "out")}});
+    const CScriptServer server({{Answer("302 Found", "Location: " + other.Url() + "\r\n", "")}});
     EXPECT_EQ("401 out", Get(server, [](CTestHttpClient& aClient) { aClient.m_pChannel->SetCredentials("u", "p"); }));
 }
-
-}  // namespace

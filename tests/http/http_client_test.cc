@@ -1,14 +1,14 @@
-#include "tests/support/http_client_helpers.h"
+#include "tests/http/client_fixture.h"
 
 namespace {
 
 using HttpClientTest = CHttpClientTest;
 
-enum EEnd { STAYS, CLOSES, RESETS };
+constexpr auto STAYS = CAnswer::STAYS, CLOSES = CAnswer::CLOSES, RESETS = CAnswer::RESETS;
 struct CCase {
     const char* m_szAnswer;
     const char* m_szMethod;
-    EEnd m_End;
+    CAnswer::EEnd m_End;
     const char* m_szResult;
 };
 const CCase CASES[] = {
@@ -53,16 +53,9 @@ const CCase CASES[] = {
 // What a server says, whole and byte by byte, and what the channel makes of it.
 TEST_F(HttpClientTest, AnswersAsTheyCome) {
     for (const CCase& test : CASES) {
-        for (const size_t nPiece : {size_t{0}, size_t{1}}) {
-            SCOPED_TRACE(std::string(test.m_szAnswer) + " in pieces of " + std::to_string(nPiece));
-            CScriptServer server({[&](CScriptPeer& aPeer) {
-                aPeer.ReadRequest();
-                aPeer.Send(test.m_szAnswer, nPiece);
-                if (test.m_End == STAYS)
-                    aPeer.WaitForEnd();
-                else if (test.m_End == RESETS)
-                    aPeer.Reset();
-            }});
+        for (const size_t stPiece : {std::string::npos, size_t{1}}) {
+            SCOPED_TRACE(std::string(test.m_szAnswer) + " in pieces of " + std::to_string(stPiece));
+            const CScriptServer server({{{test.m_szAnswer, test.m_End}}}, stPiece);
             const CCmTraceCapture trace;
             const std::string strResult = Get(server, [&](CTestHttpClient& aClient) { aClient.Ask(test.m_szMethod); });
             EXPECT_EQ(test.m_szResult, strResult);
@@ -72,10 +65,8 @@ TEST_F(HttpClientTest, AnswersAsTheyCome) {
     std::string strInterims;
     for (int i = 1; i <= 33; ++i) {
         strInterims += "HTTP/1.1 102 Processing\r\n\r\n";
-        if (i < 32)
-            continue;
-        CScriptServer server({CScriptServer::Answers({strInterims + Answer("200 OK", "", "")})});
-        EXPECT_EQ(i == 32 ? "200 " : "0  !20008", Get(server));
+        const CScriptServer server({{{strInterims + Answer("200 OK", "", "").m_strText}}});
+        EXPECT_EQ(i <= 32 ? "200 " : "0  !20008", Get(server));
     }
 }
 
@@ -120,8 +111,8 @@ TEST_F(HttpClientTest, RefusesWhatMustNotBeSent) {
 TEST_F(HttpClientTest, EndsWhereverTheSinkWants) {
     for (const int nWhere : {0, 1, 2, 3}) {
         for (const bool bRelease : {false, true}) {
-            CScriptServer server({CScriptServer::Answers(
-                {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n3\r\ndef\r\n0\r\n\r\n"})});
+            const CScriptServer server(
+                {{{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n3\r\ndef\r\n0\r\n\r\n"}}});
             CTestHttpClient client(server.Url());
             bool bDone = false;
             const std::function<void()> end = [&] {
@@ -136,8 +127,8 @@ TEST_F(HttpClientTest, EndsWhereverTheSinkWants) {
             EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, client.m_pChannel->AsyncOpen(&client.m_Sink));
             if (nWhere == 0)
                 end();
-            m_Network.RunUntil([&] { return bDone; });
-            m_Network.RunPosted();
+            RunUntil([&] { return bDone; });
+            Turn();
             EXPECT_EQ(nWhere > 0, client.m_Sink.m_nConnects);
             EXPECT_EQ(nWhere < 2 ? 0 : nWhere == 2 ? 1 : 2, client.m_Sink.m_nReceives);
             EXPECT_EQ(nWhere == 3, client.m_Sink.m_nDisconnects);
@@ -147,9 +138,10 @@ TEST_F(HttpClientTest, EndsWhereverTheSinkWants) {
 
 TEST_F(HttpClientTest, DeliversTheWholeBodyByOption) {
     const std::string strBody = Pattern(100000);
-    CScriptServer server({CScriptServer::Answers(
-        {Answer("200 OK", "", strBody), Answer("200 OK", "", ""), "HTTP/1.1 200 OK\r\nContent-Length: 4294967296\r\n\r\nabc"},
-        1000)});
+    const CScriptServer server({{Answer("200 OK", "", strBody),
+                                 Answer("200 OK", "", ""),
+                                 {"HTTP/1.1 200 OK\r\nContent-Length: 4294967296\r\n\r\nabc"}}},
+                               1000);
     for (const std::string& strResult : {"200 " + strBody, std::string("200 "), std::string("0  !20008")}) {
         CTestHttpClient client(server.Url());
         client.Set(CM_OPT_CHANNEL_WHOLE_BODY, TRUE);
@@ -160,87 +152,54 @@ TEST_F(HttpClientTest, DeliversTheWholeBodyByOption) {
 
 // Nothing more comes while the sink pauses, however much is there already; the rest stays with the system.
 TEST_F(HttpClientTest, ASinkThatPausesIsLeftInPeace) {
-    const std::string strBody = Pattern(16 << 20);
-    std::atomic<bool> bAllSent = false;
-    CScriptServer server({[&](CScriptPeer& aPeer) {
-        aPeer.ReadRequest();
-        aPeer.Send(Answer("200 OK", "", strBody));
-        bAllSent = true;
-        aPeer.WaitForEnd();
-    }});
+    const std::string strBody = Pattern(100000);
+    const CScriptServer server({{Answer("200 OK", "", strBody)}}, 20000);
     CTestHttpClient client(server.Url());
     const auto pause = [&](BOOL aPause) { client.Set(CM_OPT_TRANSPORT_PAUSE_READING, static_cast<DWORD>(aPause)); };
-    int nSeen = 0;
-    client.m_Sink.m_Receive = [&] {
-        EXPECT_EQ(++nSeen, client.m_Sink.m_nReceives);
-        pause(TRUE);
-        PostTo(m_Network.Main(), [&] {
-            EXPECT_EQ(nSeen, client.m_Sink.m_nReceives);
-            PostTo(m_Network.Main(), [&] { pause(FALSE); });
-        });
-    };
-    client.m_Sink.m_Connect = [&] { pause(TRUE); };
+    client.m_Sink.m_Connect = client.m_Sink.m_Receive = [&] { pause(TRUE); };
     client.Open();
-    m_Network.RunUntil([&] { return client.m_Sink.m_nConnects == 1; });
-    for (int i = 0; i < 1000; ++i)
-        m_Network.RunPosted();
-    EXPECT_EQ(0, client.m_Sink.m_nReceives);
-    EXPECT_FALSE(bAllSent);
-    pause(FALSE);
-    m_Network.RunUntil([&] { return client.IsOver(); });
+    RunUntil([&] { return client.m_Sink.m_nConnects == 1; });
+    for (int nReceives = 0; !client.IsOver(); ++nReceives) {
+        Turn();
+        EXPECT_EQ(nReceives, client.m_Sink.m_nReceives);
+        EXPECT_EQ(nReceives < 6, server.GetPeer().m_bPaused);
+        ASSERT_GT(20, nReceives);
+        pause(FALSE);
+        Turn();
+    }
     EXPECT_TRUE("200 " + strBody == client.Result());
 }
 
 TEST_F(HttpClientTest, SilenceAndRefusedConnectionsEnd) {
-    CCmFakeClock clock;
-    CScriptServer server({[](CScriptPeer& aPeer) {
-        aPeer.ReadRequest();
-        aPeer.Send("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhel");
-        aPeer.WaitForEnd();
-    }});
+    const CScriptServer server({{{"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhel"}}});
     CTestHttpClient client(server.Url());
     client.Set(CM_OPT_CHANNEL_SILENCE_TIMEOUT, 2000);
     client.Open();
-    m_Network.RunUntil([&] { return client.m_Sink.m_strBody == "hel"; });
-    clock.Advance(CCmTimeValue(1, 900000));
-    m_Network.RunPosted();
+    RunUntil([&] { return client.m_Sink.m_strBody == "hel"; });
+    m_Clock.Advance(CCmTimeValue(1, 900000));
+    Turn();
     EXPECT_FALSE(client.IsOver());
-    clock.Advance(CCmTimeValue(0, 200000));
-    m_Network.RunUntil([&] { return client.IsOver(); });
+    m_Clock.Advance(CCmTimeValue(0, 200000));
+    RunUntil([&] { return client.IsOver(); });
     EXPECT_EQ("200 hel !20008", client.Result());
-    CCmString strText;
-    EXPECT_EQ(CM_ERROR_TIMEOUT, client.m_pChannel->GetFailure(strText));
-    EXPECT_EQ("the server was silent for too long", strText);
 
-    CTestHttpClient refused(std::string("http://") + OwnLoopback() + ":1/");
+    CTestHttpClient refused("http://127.0.0.1:1/");
     EXPECT_EQ("0  !20008", Run(refused));
-    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, refused.m_pChannel->GetFailure(strText));
-    CCmFailure failure, silence;
-    EXPECT_EQ(CM_OK, refused.m_pChannel->GetOption(CM_OPT_CHANNEL_LAST_FAILURE, &failure));
-    EXPECT_EQ(ECONNREFUSED, failure.GetErrno());
-    EXPECT_EQ(CM_OK, client.m_pChannel->GetOption(CM_OPT_CHANNEL_LAST_FAILURE, &silence));
-    EXPECT_EQ(CM_FAILURE_SILENCE, silence.GetCause());
-}
-
-// Where no proxy stands between; the second is asked for when the first is over, and finds its connection.
-TEST_F(HttpClientTest, WorksInTheNetworkThread) {
-    CScriptServer server({CScriptServer::Answers({Answer("200 OK", "", "first"), Answer("200 OK", "", "second")})});
-    std::unique_ptr<CTestHttpClient> clients[2];
-    std::atomic<bool> bDone = false;
-    m_Network.InNetwork([&] {
-        for (auto& pClient : clients)
-            pClient = std::make_unique<CTestHttpClient>(server.Url());
-        clients[0]->m_Sink.m_Disconnect = [&] { clients[1]->Open(); };
-        clients[1]->m_Sink.m_Disconnect = [&] { bDone = true; };
-        clients[0]->Open();
-    });
-    YieldUntil([&] { return bDone.load(); });
-    m_Network.InNetwork([&] {
-        EXPECT_EQ("200 first 200 second", clients[0]->Result() + " " + clients[1]->Result());
-        for (auto& pClient : clients)
-            pClient.reset();
-    });
-    EXPECT_EQ(1u, server.GetConnections());
+    const struct {
+        CTestHttpClient& m_Client;
+        CmResult m_Result;
+        ECmFailureCause m_Cause;
+        int m_nErrno;
+    } rows[] = {{client, CM_ERROR_TIMEOUT, CM_FAILURE_SILENCE, 0},
+                {refused, CM_ERROR_NETWORK_CONNECT_ERROR, CM_FAILURE_SYSTEM, ECONNREFUSED}};
+    for (const auto& row : rows) {
+        CCmString strText;
+        CCmFailure failure;
+        EXPECT_EQ(row.m_Result, row.m_Client.m_pChannel->GetFailure(strText));
+        EXPECT_EQ(CM_OK, row.m_Client.m_pChannel->GetOption(CM_OPT_CHANNEL_LAST_FAILURE, &failure));
+        EXPECT_EQ(row.m_Cause, failure.GetCause());
+        EXPECT_EQ(row.m_nErrno, failure.GetErrno());
+    }
 }
 
 }  // namespace

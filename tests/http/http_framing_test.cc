@@ -1,15 +1,10 @@
 #include "talvo/http/message/http_framing.h"
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <random>
-
 #include "talvo/http/message/http_atom_list.h"
 #include "talvo/http/message/http_chunk.h"
 #include "talvo/http/message/http_date.h"
 #include "talvo/http/message/http_text.h"
-#include "tests/support/fake_clock.h"
+#include "tests/support/test.h"
 
 namespace {
 

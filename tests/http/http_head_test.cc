@@ -1,15 +1,8 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <climits>
-#include <cstring>
-#include <thread>
-
 #include "talvo/base/clean_up.h"
 #include "talvo/http/message/http_atom_list.h"
 #include "talvo/http/message/http_request_head.h"
 #include "talvo/http/message/http_response_head.h"
-#include "tests/support/trace_capture.h"
+#include "tests/support/test.h"
 
 namespace {
 

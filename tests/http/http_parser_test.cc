@@ -1,8 +1,6 @@
 #include "talvo/http/message/http_parser.h"
 
-#include <gtest/gtest.h>
-
-#include "tests/support/trace_capture.h"
+#include "tests/support/test.h"
 
 namespace {
 

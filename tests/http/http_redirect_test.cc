@@ -1,10 +1,7 @@
 #include "talvo/http/client/http_redirect.h"
 
-#include <gtest/gtest.h>
-
 #include "talvo/http/message/http_url.h"
-
-namespace {
+#include "tests/support/test.h"
 
 // The examples of RFC 3986, section 5.4, on a base that HTTP has, and what must not be asked for.
 TEST(HttpRedirectTest, ResolvesReferences) {
@@ -29,5 +26,3 @@ TEST(HttpRedirectTest, ResolvesReferences) {
     for (const auto& [szReference, szResult] : CASES)
         EXPECT_EQ(szResult, talvo::ResolveHttpLocation(base, szReference)) << szReference;
 }
-
-}  // namespace

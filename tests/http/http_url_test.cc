@@ -1,8 +1,6 @@
 #include "talvo/http/message/http_url.h"
 
-#include <gtest/gtest.h>
-
-namespace {
+#include "tests/support/test.h"
 
 TEST(HttpUrl, ParsesAndPrints) {
     CCmHttpUrl url;
@@ -33,5 +31,3 @@ TEST(HttpUrl, ChangesReachThePrintedForm) {
     EXPECT_TRUE(url.SetNameAndPort("other:81"));
     EXPECT_EQ(url.GetAsciiSpec(), "https://other:81/");
 }
-
-}  // namespace

@@ -1,41 +1,15 @@
 // An HTTP server with a test for its application and its clients.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <map>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "talvo/http/message/http_atom_list.h"
 #include "talvo/http/server/channel_http_server_acceptor.h"
-#include "tests/support/fake_clock.h"
 #include "tests/support/fake_lower.h"
+#include "tests/support/network_fixture.h"
+#include "tests/support/test.h"
 
 // A client without a socket.
 class CTestClient : public CFakeLower {
 public:
-    CmResult SetOption(DWORD aCommand, void* aArg) override {
-        if (aCommand == CM_OPT_TRANSPORT_END_SENDING)
-            m_bEnded = TRUE;
-        else if (aCommand == CM_OPT_TRANSPORT_PAUSE_READING)
-            m_bPaused = *static_cast<BOOL*>(aArg);
-        else
-            return CM_ERROR_INVALID_ARG;
-        return CM_OK;
-    }
-    // The other end sends no more.
-    void EndSide() {
-        CCmMessageBlock nothing(DWORD{0});
-        m_pSink->OnReceive(nothing, this);
-    }
-    // The other end is gone.
-    void Vanish() {
-        if (ICmTransportSink* pSink = std::exchange(m_pSink, nullptr))
-            pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_ERROR, this);
-    }
     // What has come since it was last asked, "STATUS:BODY " for each answer, and "end" when the server has ended its side.
     std::string TakeAnswers() {
         std::string strAnswers;
@@ -48,9 +22,6 @@ public:
         }
         return strAnswers + (m_bEnded ? "end" : "");
     }
-
-    BOOL m_bEnded = FALSE;
-    BOOL m_bPaused = FALSE;
 };
 
 // What the application knows of one request; takes the body and answers with it unless told otherwise.

@@ -1,18 +1,10 @@
 // A process of the library's that looks names up where a test says, and those who ask.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <map>
-#include <string>
-#include <vector>
-
 #include "talvo/base/config.h"
 #include "talvo/connection/connection_manager.h"
 #include "talvo/transport/dns/dns_manager.h"
-#include "tests/support/fake_clock.h"
 #include "tests/support/network_fixture.h"
-#include "tests/support/temp_dir.h"
 
 using DnsRecordPtr = CCmRefPtrT<CCmDnsRecord>;
 
@@ -36,6 +28,12 @@ inline std::string TextOf(const DnsRecordPtr& aRecord) {
         strText += (strText.empty() ? "" : " ") + CCmInetAddr::IpAddr4BytesToString(dwAddr);
     return strText;
 }
+
+// A DNS server that never answers.
+struct CSilentServer {
+    const CTestFd m_Fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    const std::string m_strAddress = "127.0.0.1:" + std::to_string(Bind(m_Fd, CCmInetAddr("127.0.0.1", 0)).GetPort());
+};
 
 // The main thread with its loop, and a network thread. Time stands still unless Advance moves it, but that of the servers'
 // time-outs is the system's: they are long, so that no answer comes too late. Names are looked up in the test's own hosts file

@@ -2,19 +2,15 @@
 #pragma once
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "tests/support/event_socket.h"
 #include "tests/support/own_loopback.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/test.h"
 
 // Runs dnsmasq with the names of a text like a hosts file; everything else does not exist. Ended with the scope, or with the
 // process.

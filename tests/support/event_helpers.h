@@ -1,20 +1,12 @@
 // Small parts of which the tests of the event room are made.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <functional>
-#include <memory>
-#include <thread>
-#include <utility>
-#include <vector>
-
 #include "talvo/event/event_queue.h"
 #include "talvo/event/reactor_epoll.h"
 #include "talvo/event/thread.h"
 #include "talvo/event/thread_manager.h"
 #include "talvo/event/timer_queue.h"
+#include "tests/support/test.h"
 
 // What became of an event, counted from any thread.
 struct CEventFate {

@@ -2,16 +2,12 @@
 #pragma once
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <functional>
-#include <string>
-#include <utility>
-
 #include "talvo/event/reactor.h"
+#include "tests/support/test.h"
 
 // Owns a descriptor.
 class CTestFd {

@@ -1,18 +1,23 @@
-// What stands below a protocol connection: a transport without a socket, a thread or a loop.
+// What stands below a connection, a server or a proxy: a transport without a socket, a thread or a loop.
 #pragma once
 
 #include <algorithm>
+#include <atomic>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "tests/support/network_fixture.h"
+#include "talvo/base/live_counter.h"
+#include "talvo/base/reference_control.h"
+#include "talvo/transport/transport_interface.h"
 
 // The test is the peer and the system. Takes everything until told otherwise; with the datagram bit in its type, each send
-// whole or not at all.
-class CFakeLower : public ICmTransport, public CCmReferenceControlT<CCmMutexNullSingleThread> {
+// whole or not at all. Used in one thread, but for the references and the count of disconnects.
+class CFakeLower : public ICmTransport, public CCmReferenceControlT<CCmMutexThread> {
 public:
     static constexpr DWORD EVERYTHING = 0xFFFFFFFF;
+    static constexpr DWORD OPT_LIMIT = 136;  // set DWORD: the longest message, as protocol connections have it
 
     explicit CFakeLower(DWORD aType = CM_TRANSPORT_TYPE_TCP) : m_dwType(aType) { ++s_Live; }
     ~CFakeLower() override { --s_Live; }
@@ -21,17 +26,19 @@ public:
 
     CmResult OpenWithSink(ICmTransportSink* aSink) override {
         m_pSink = aSink;
-        return CM_OK;
+        return m_OpenResult;
     }
     ICmTransportSink* GetSink() override { return m_pSink; }
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) override {
-        if (m_SendResult != CM_OK)
-            return m_SendResult;
+        m_Log.push_back(aData.FlattenChained());
+        if (const CmResult rv = m_Inside(m_Log.back()); rv != CM_OK)
+            return rv;
         iovec pieces[256];
         m_Pieces.push_back(aData.FillIov(pieces, 256));
+        m_pFirst = pieces[0].iov_base;
         const DWORD dwLength = aData.GetChainedLength();
-        const BOOL bTooMuch = (m_dwType & CM_TRANSPORT_TYPE_UDP) && dwLength > m_dwRoom;
-        const DWORD dwTaken = bTooMuch ? 0 : std::min(dwLength, m_dwRoom);
+        const DWORD dwRoom = RoomFor(dwLength);
+        const DWORD dwTaken = dwLength > dwRoom && (m_dwType & CM_TRANSPORT_TYPE_UDP) ? 0 : std::min(dwLength, dwRoom);
         if (dwTaken > 0)
             m_Sends.push_back(aData.FlattenChained().substr(0, dwTaken));
         aData.AdvanceChainedReadPtr(dwTaken);
@@ -41,8 +48,23 @@ public:
             aPara->m_dwHaveSent = dwTaken;
         return dwTaken == dwLength ? CM_OK : CM_ERROR_PARTIAL_DATA;
     }
-    CmResult SetOption(DWORD aCommand, void*) override {
-        return aCommand == CM_OPT_TRANSPORT_PAUSE_READING ? CM_OK : CM_ERROR_INVALID_ARG;
+    CmResult SetOption(DWORD aCommand, void* aArg) override {
+        switch (aCommand) {
+        case CM_OPT_TRANSPORT_PAUSE_READING:
+            m_bPaused = *static_cast<BOOL*>(aArg);
+            return CM_OK;
+        case CM_OPT_TRANSPORT_END_SENDING:
+            m_bEnded = TRUE;
+            return CM_OK;
+        case CM_OPT_TRANSPORT_CORK:
+            m_Log.push_back(*static_cast<BOOL*>(aArg) ? "(cork)" : "(uncork)");
+            return m_Inside(m_Log.back());
+        case OPT_LIMIT:
+            m_dwMaxMessage = *static_cast<DWORD*>(aArg);
+            return CM_OK;
+        default:
+            return CM_ERROR_INVALID_ARG;
+        }
     }
     CmResult GetOption(DWORD aCommand, void* aArg) override {
         switch (aCommand) {
@@ -56,6 +78,9 @@ public:
         case CM_OPT_TRANSPORT_UNACKNOWLEDGED:
             *static_cast<DWORD*>(aArg) = m_dwUnacknowledged;
             return CM_OK;
+        case CM_OPT_TRANSPORT_MAX_MESSAGE:
+            *static_cast<DWORD*>(aArg) = m_dwMaxMessage;
+            return m_dwMaxMessage > 0 ? CM_OK : CM_ERROR_INVALID_ARG;
         default:
             return CM_ERROR_INVALID_ARG;
         }
@@ -63,39 +88,67 @@ public:
     CmResult Disconnect(CmResult aReason) override {
         m_Disconnects.push_back(aReason);
         m_pSink = nullptr;
+        ++m_nDisconnects;  // last: a thread that waits for it reads the rest
         return CM_OK;
     }
 
     // Bytes from the peer, in pieces of aPiece each; what they lie in is spoilt behind every upcall, as a socket's buffer is.
     void Receive(const std::string& aBytes, size_t aPiece = std::string::npos) {
-        for (size_t i = 0; i < aBytes.size() && m_pSink; i += std::min(aPiece, aBytes.size())) {
-            std::string strPiece = aBytes.substr(i, aPiece);
-            CCmMessageBlock block = ViewOf(strPiece);
-            m_pSink->OnReceive(block, this);
+        size_t stAt = 0;
+        do {
+            std::string strPiece = aBytes.substr(stAt, aPiece);
+            const DWORD dwSize = static_cast<DWORD>(strPiece.size());
+            CCmMessageBlock block(dwSize, strPiece.data(), CCmMessageBlock::DONT_DELETE, dwSize);
+            if (m_pSink)
+                m_pSink->OnReceive(block, this);
             strPiece.assign(strPiece.size(), '#');
-        }
+            stAt += dwSize;
+        } while (stAt < aBytes.size());
     }
     void MakeRoom(DWORD aBytes = EVERYTHING) {
         m_dwRoom = aBytes;
         if (m_pSink)
             m_pSink->OnSend(this);
     }
-    // Everything that was sent since it was last asked.
-    std::string TakeSent() {
+    // The peer sends no more.
+    void EndSide() { Receive(""); }
+    // The peer has gone.
+    void Vanish(CmResult aReason = CM_ERROR_NETWORK_SOCKET_ERROR) {
+        if (ICmTransportSink* pSink = std::exchange(m_pSink, nullptr))
+            pSink->OnDisconnect(aReason, this);
+    }
+    std::string GetSent() const {
         std::string strAll;
-        for (const std::string& strSend : std::exchange(m_Sends, {}))
+        for (const std::string& strSend : m_Sends)
             strAll += strSend;
+        return strAll;
+    }
+    // Everything that was sent since the last call.
+    std::string TakeSent() {
+        const std::string strAll = GetSent();
+        m_Sends.clear();
         return strAll;
     }
 
     const DWORD m_dwType;
     ICmTransportSink* m_pSink = nullptr;
-    CmResult m_SendResult = CM_OK;  // others refuse everything
+    CmResult m_OpenResult = CM_OK;
+    // Runs inside each call that is logged; SendData returns what it returns, unless that is CM_OK.
+    std::function<CmResult(const std::string&)> m_Inside = [](const std::string&) { return CM_OK; };
     DWORD m_dwRoom = EVERYTHING;
     DWORD m_dwUnacknowledged = 0;
+    DWORD m_dwMaxMessage = 0;             // 0: none
+    std::vector<std::string> m_Log;       // what SendData was given, "(cork)" and "(uncork)"
     std::vector<std::string> m_Sends;     // what each call took
     std::vector<DWORD> m_Pieces;          // how many pieces each call had
+    const void* m_pFirst = nullptr;       // the first piece of the last call
     std::vector<CmResult> m_Disconnects;  // the reasons
+    std::atomic<int> m_nDisconnects{0};
+    BOOL m_bPaused = FALSE;
+    BOOL m_bEnded = FALSE;
+
+protected:
+    virtual DWORD RoomFor(DWORD) { return m_dwRoom; }
 
 private:
     inline static CCmLiveCounter s_Live{"CFakeLower"};

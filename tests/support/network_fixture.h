@@ -2,19 +2,11 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <random>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "talvo/base/live_counter.h"
 #include "talvo/connection/connection_manager.h"
 #include "tests/support/event_helpers.h"
 #include "tests/support/event_socket.h"
-#include "tests/support/fake_clock.h"
 #include "tests/support/own_loopback.h"
 
 // Bytes that differ from their neighbours and, by aSeed, from other data.
@@ -97,17 +89,23 @@ public:
     std::function<void()> m_Indicated = [] {};
 };
 
+// Binds a plain socket; the address with the port that the system has chosen if aAddr has none.
+inline CCmInetAddr Bind(const CTestFd& aFd, const CCmInetAddr& aAddr = CCmInetAddr(OwnLoopback(), 0)) {
+    sockaddr_in addr = *aAddr.GetPtr();
+    socklen_t length = sizeof addr;
+    EXPECT_EQ(0, bind(aFd.Get(), reinterpret_cast<sockaddr*>(&addr), length)) << errno;
+    EXPECT_EQ(0, getsockname(aFd.Get(), reinterpret_cast<sockaddr*>(&addr), &length));
+    return CCmInetAddr(addr);
+}
+
 // A plain listening socket; small buffers make its connections fill up early.
 class CTestListener {
 public:
-    explicit CTestListener(int aBacklog = 128, int aBufferSize = 65536) {
+    explicit CTestListener(int aBacklog = 128, int aBufferSize = 65536,
+                           const CCmInetAddr& aAddr = CCmInetAddr(OwnLoopback(), 0)) {
         setsockopt(m_Fd.Get(), SOL_SOCKET, SO_RCVBUF, &aBufferSize, sizeof aBufferSize);
-        sockaddr_in addr = *CCmInetAddr(OwnLoopback(), 0).GetPtr();
-        socklen_t length = sizeof addr;
-        EXPECT_EQ(0, bind(m_Fd.Get(), reinterpret_cast<sockaddr*>(&addr), length));
+        m_Addr = Bind(m_Fd, aAddr);
         EXPECT_EQ(0, listen(m_Fd.Get(), aBacklog));
-        EXPECT_EQ(0, getsockname(m_Fd.Get(), reinterpret_cast<sockaddr*>(&addr), &length));
-        m_Addr = CCmInetAddr(OwnLoopback(), ntohs(addr.sin_port));
     }
     const CCmInetAddr& Addr() const { return m_Addr; }
     int GetFd() const { return m_Fd.Get(); }
@@ -126,6 +124,18 @@ inline CTestFd ConnectPlain(const CCmInetAddr& aAddr) {
     EXPECT_TRUE(nRv == 0 || errno == EINPROGRESS);
     return fd;
 }
+
+// A listener that takes no more connections and refuses none.
+class CFullListener : public CTestListener {
+public:
+    explicit CFullListener(const CCmInetAddr& aAddr = CCmInetAddr(OwnLoopback(), 0)) : CTestListener(0, 65536, aAddr) {
+        for (CTestFd& client : m_Clients)
+            client = ConnectPlain(Addr());
+    }
+
+private:
+    CTestFd m_Clients[4];
+};
 
 // Two connected TCP sockets that never block.
 inline std::pair<CTestFd, CTestFd> MakeTcpPair() {
@@ -213,14 +223,20 @@ public:
         return pAcceptor;
     }
 
-    // A transport of the main thread to a plain socket.
-    CCmRefPtrT<ICmTransport> ConnectTo(CTestFd& aPeer, int aBufferSize = 65536) const {
-        const CTestListener listener(1, aBufferSize);
+    // A transport of the main thread; null: the connect has failed.
+    CCmRefPtrT<ICmTransport> Connect(const CCmInetAddr& aAddr, DWORD aType = CCmConnectionManager::CTYPE_TCP) const {
         CTestConnectSink sink;
-        const auto pConnector = MakeConnector();
-        pConnector->AsycConnect(&sink, listener.Addr());
+        const auto pConnector = MakeConnector(aType);
+        pConnector->AsycConnect(&sink, aAddr);
+        EXPECT_EQ(0u, sink.Count()) << "reported from inside AsycConnect";
         RunUntil([&] { return sink.Count() == 1; });
-        const auto pTransport = sink.m_Transports.at(0);
+        return sink.m_Transports.empty() ? nullptr : sink.m_Transports[0];
+    }
+    // To a plain socket.
+    CCmRefPtrT<ICmTransport> ConnectTo(CTestFd& aPeer, int aBufferSize = 65536,
+                                       DWORD aType = CCmConnectionManager::CTYPE_TCP) const {
+        const CTestListener listener(1, aBufferSize);
+        const auto pTransport = Connect(listener.Addr(), aType);
         aPeer = listener.Accept();
         return pTransport;
     }

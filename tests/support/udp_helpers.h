@@ -1,9 +1,6 @@
 // Datagrams in tests: a plain socket on the other side, a sink that tells them apart.
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "talvo/transport/udp/transport_udp.h"
 #include "tests/support/network_fixture.h"
 
@@ -70,14 +67,7 @@ inline Datagrams Numbered(int aFrom, int aTo) {
 class UdpTest : public testing::Test {
 protected:
     CCmRefPtrT<CCmTransportUdp> Connect(const CCmInetAddr& aAddr) {
-        CTestConnectSink sink;
-        const auto pConnector = m_Network.MakeConnector(CCmConnectionManager::CTYPE_UDP);
-        pConnector->AsycConnect(&sink, aAddr);
-        EXPECT_EQ(0u, sink.Count());
-        m_Network.RunUntil([&] { return sink.Count() > 0; });
-        if (sink.m_Transports.empty())
-            return nullptr;
-        return static_cast<CCmTransportUdp*>(sink.m_Transports[0].Get());
+        return static_cast<CCmTransportUdp*>(m_Network.Connect(aAddr, CCmConnectionManager::CTYPE_UDP).Get());
     }
     // More than enough for whatever is there.
     void Turns(int aCount = 20) const {

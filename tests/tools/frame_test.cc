@@ -1,8 +1,6 @@
 #include "tools/frame.h"
 
-#include <gtest/gtest.h>
-
-#include <vector>
+#include "tests/support/test.h"
 
 namespace tool {
 

@@ -1,11 +1,10 @@
 #include "tools/incoming_file.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "tests/support/temp_dir.h"
+#include "tests/support/test.h"
 #include "tools/file_name.h"
 
 namespace tool {

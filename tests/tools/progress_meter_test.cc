@@ -1,8 +1,6 @@
 #include "tools/progress_meter.h"
 
-#include <gtest/gtest.h>
-
-#include "tests/support/fake_clock.h"
+#include "tests/support/test.h"
 
 namespace tool {
 

@@ -1,6 +1,5 @@
 // What `serve` makes of what a client asks for.
-#include <gtest/gtest.h>
-
+#include "tests/support/test.h"
 #include "tools/byte_range.h"
 #include "tools/file_version.h"
 #include "tools/request_path.h"

@@ -1,7 +1,6 @@
 #include "tools/text.h"
 
-#include <gtest/gtest.h>
-
+#include "tests/support/test.h"
 #include "tools/endpoint.h"
 #include "tools/file_name.h"
 #include "tools/json_line.h"

@@ -1,9 +1,7 @@
 #include <sys/resource.h>
 
 #include "talvo/transport/tcp/acceptor_tcp.h"
-#include "tests/support/fake_clock.h"
 #include "tests/support/network_fixture.h"
-#include "tests/support/trace_capture.h"
 
 namespace {
 

@@ -1,68 +1,28 @@
-#include <gtest/gtest.h>
-
-#include <memory>
-
 #include "talvo/transport/transport_interface.h"
 #include "tests/support/dns_helpers.h"
 #include "tests/support/event_socket.h"
-#include "tests/support/trace_capture.h"
 
 namespace {
 
 constexpr DWORD TCP = CCmConnectionManager::CTYPE_TCP;
 constexpr DWORD UDP = CCmConnectionManager::CTYPE_UDP;
 
-// One attempt, seen from the main thread.
-class CTestClient : public ICmAcceptorConnectorSink {
+// One attempt after the other, seen from the main thread.
+class CTestClient : public CTestConnectSink {
 public:
     explicit CTestClient(DWORD aType = TCP) : m_pConnector(CTestNetwork::MakeConnector(aType)) {}
-    ~CTestClient() override { Cancel(); }
-
+    ~CTestClient() override { m_pConnector->CancelConnect(); }
     void Connect(const CCmInetAddr& aAddr, CCmTimeValue* aTimeout = nullptr) {
         m_pConnector->AsycConnect(this, aAddr, aTimeout);
     }
-    void Cancel() { m_pConnector->CancelConnect(); }
-
-    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
-        ++m_nIndications;
-        m_Reason = aReason;
-        m_pTransport = aTrpt;
-        if (aTrpt) {
-            EXPECT_EQ(CM_OK, aTrpt->GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &m_AddrPeer));
-        }
-    }
-
-    CCmRefPtrT<ICmConnector> m_pConnector;
-    CCmRefPtrT<ICmTransport> m_pTransport;
-    CCmInetAddr m_AddrPeer;
-    int m_nIndications = 0;
-    CmResult m_Reason = CM_OK;
+    const CCmRefPtrT<ICmConnector> m_pConnector;
 };
-
-// Listens at an address of loopback; a port of 0 is chosen and filled in.
-CTestFd Listen(const char* aAddress, WORD& aPort, int aBacklog) {
-    CTestFd fd = MakeTcpSocket();
-    CCmInetAddr addr(aAddress, aPort);
-    EXPECT_EQ(0, bind(fd.Get(), reinterpret_cast<sockaddr*>(addr.GetPtr()), addr.GetSize())) << errno;
-    socklen_t length = addr.GetSize();
-    EXPECT_EQ(0, getsockname(fd.Get(), reinterpret_cast<sockaddr*>(addr.GetPtr()), &length));
-    aPort = addr.GetPort();
-    EXPECT_EQ(0, listen(fd.Get(), aBacklog));
-    return fd;
-}
 
 // Names stand for addresses of loopback: at 127.0.0.1 somebody listens, at 127.0.0.2 nobody does, and 127.0.0.3 takes no more
 // connections and refuses none.
 class ConnectorNameTest : public CDnsTest {
 protected:
     ConnectorNameTest() {
-        m_Good = Listen("127.0.0.1", m_wPort, 100);
-        m_Full = Listen("127.0.0.3", m_wPort, 0);
-        for (CTestFd& filler : m_Fillers) {
-            filler = MakeTcpSocket();
-            const CCmInetAddr addr("127.0.0.3", m_wPort);
-            connect(filler.Get(), reinterpret_cast<const sockaddr*>(addr.GetPtr()), addr.GetSize());
-        }
         WriteHosts(
             "127.0.0.1 good\n"
             "127.0.0.2 refusing\n127.0.0.2 refusing-twice\n127.0.0.4 refusing-twice\n"
@@ -79,11 +39,10 @@ protected:
     CmResult Connect(const CCmInetAddr& aAddr, DWORD aType = TCP) {
         CTestClient client(aType);
         client.Connect(aAddr);
-        RunUntil([&] { return client.m_nIndications > 0; });
+        RunUntil([&] { return client.Count() > 0; });
         Settle();
-        EXPECT_EQ(1, client.m_nIndications);
-        EXPECT_EQ(client.m_Reason == CM_OK, static_cast<bool>(client.m_pTransport));
-        return client.m_Reason;
+        EXPECT_EQ(1u, client.Count());
+        return client.m_Reasons.at(0);
     }
 
     // Until a line has been written and what belongs to it was done.
@@ -92,10 +51,9 @@ protected:
         Settle();
     }
 
-    WORD m_wPort = 0;
-    CTestFd m_Good;
-    CTestFd m_Full;
-    CTestFd m_Fillers[4];
+    const CTestListener m_Good{100, 65536, CCmInetAddr("127.0.0.1", 0)};
+    const WORD m_wPort = m_Good.Addr().GetPort();
+    const CFullListener m_Full{CCmInetAddr("127.0.0.3", m_wPort)};
 };
 
 }  // namespace
@@ -159,8 +117,8 @@ TEST_F(ConnectorNameTest, ACompletedNameWithoutAddressIsRefusedByItsName) {
                 CTestClient client(dwType);
                 client.m_pConnector->AsycConnect(&client, bLocal ? At("good") : addrNone, nullptr,
                                                  bLocal ? &addrNone : nullptr);
-                RunUntil([&] { return client.m_nIndications > 0; });
-                EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, client.m_Reason);
+                RunUntil([&] { return client.Count() > 0; });
+                EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, client.m_Reasons.back());
                 expectFailure(client.m_pConnector.Get(), cause, pName);
             }
         }
@@ -177,9 +135,11 @@ TEST_F(ConnectorNameTest, TheNextAddressIsTriedAQuarterOfASecondLater) {
     Settle();
     EXPECT_FALSE(trace.Contains("Connect_i, addr=127.0.0.1"));
     m_Clock.Advance(CCmTimeValue(0, 1));
-    RunUntil([&] { return client.m_nIndications > 0; });
-    EXPECT_EQ(CM_OK, client.m_Reason);
-    EXPECT_EQ("127.0.0.1", client.m_AddrPeer.GetIpDisplayName());
+    RunUntil([&] { return client.Count() > 0; });
+    EXPECT_EQ(CM_OK, client.m_Reasons.back());
+    CCmInetAddr addr;
+    EXPECT_EQ(CM_OK, client.m_Transports.at(0)->GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &addr));
+    EXPECT_EQ("127.0.0.1", addr.GetIpDisplayName());
 }
 
 TEST_F(ConnectorNameTest, TheTimeOutCoversEverythingAndEndsEveryAttempt) {
@@ -190,36 +150,31 @@ TEST_F(ConnectorNameTest, TheTimeOutCoversEverythingAndEndsEveryAttempt) {
     RunUntilTraced(trace, "Connect_i, addr=127.0.0.3");
     m_Clock.Advance(CCmTimeValue(1));
     RunUntilTraced(trace, "connect() failed! addr=127.0.0.2");
-    EXPECT_EQ(0, client.m_nIndications);  // the first one still runs
+    EXPECT_EQ(0u, client.Count());  // the first one still runs
     m_Clock.Advance(CCmTimeValue(1));
-    RunUntil([&] { return client.m_nIndications > 0; });
-    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, client.m_Reason);
+    RunUntil([&] { return client.Count() > 0; });
+    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, client.m_Reasons.back());
     EXPECT_TRUE(trace.Contains("CCmConnectorWrapper::OnTimeout, connect timeout."));
 
     // The same clock runs while the name is looked up: nobody answers here.
-    WORD wPort = 0;
-    const CTestFd silent(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    CCmInetAddr addr("127.0.0.1", wPort);
-    ASSERT_EQ(0, bind(silent.Get(), reinterpret_cast<sockaddr*>(addr.GetPtr()), addr.GetSize()));
-    socklen_t length = addr.GetSize();
-    ASSERT_EQ(0, getsockname(silent.Get(), reinterpret_cast<sockaddr*>(addr.GetPtr()), &length));
-    m_Keys["Servers"] = "127.0.0.1:" + std::to_string(addr.GetPort());
+    const CSilentServer silent;
+    m_Keys["Servers"] = silent.m_strAddress;
     Configure();
     client.Connect(At("slow.test"), &tvTimeout);
-    EXPECT_NE("", silent.Read());  // waits until it is asked
+    EXPECT_NE("", silent.m_Fd.Read());  // waits until it is asked
     Settle();
     m_Clock.Advance(CCmTimeValue(2));
-    RunUntil([&] { return client.m_nIndications > 1; });
-    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, client.m_Reason);
+    RunUntil([&] { return client.Count() > 1; });
+    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, client.m_Reasons.back());
 
     // And a cancel in the middle is the end of it.
     client.Connect(At("slow.test"));
     Settle();
-    client.Cancel();
+    client.m_pConnector->CancelConnect();
     client.Connect(At("good"));
-    RunUntil([&] { return client.m_nIndications > 2; });
-    EXPECT_EQ(CM_OK, client.m_Reason);
-    EXPECT_EQ(3, client.m_nIndications);
+    RunUntil([&] { return client.Count() > 2; });
+    EXPECT_EQ(CM_OK, client.m_Reasons.back());
+    EXPECT_EQ(3u, client.Count());
 }
 
 TEST_F(ConnectorNameTest, ACancelledRaceLeavesNothing) {
@@ -227,10 +182,10 @@ TEST_F(ConnectorNameTest, ACancelledRaceLeavesNothing) {
     CTestClient client;
     client.Connect(At("late"));
     RunUntilTraced(trace, "Connect_i, addr=127.0.0.3");
-    client.Cancel();
+    client.m_pConnector->CancelConnect();
     Settle();
     m_Clock.Advance(CCmTimeValue(1));
     Settle();
-    EXPECT_EQ(0, client.m_nIndications);
+    EXPECT_EQ(0u, client.Count());
     EXPECT_FALSE(trace.Contains("Connect_i, addr=127.0.0.1"));
 }

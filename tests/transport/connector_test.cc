@@ -1,8 +1,6 @@
 #include "talvo/transport/connector_wrapper.h"
 #include "talvo/transport/tcp/connector_tcp.h"
-#include "tests/support/fake_clock.h"
 #include "tests/support/network_fixture.h"
-#include "tests/support/trace_capture.h"
 
 namespace {
 
@@ -69,9 +67,7 @@ TEST_F(ConnectorTest, FailuresUnderWayAndAtOnce) {
 }
 
 TEST_F(ConnectorTest, TimeOut) {
-    const CTestListener full(0);
-    const CTestFd clients[4] = {ConnectPlain(full.Addr()), ConnectPlain(full.Addr()), ConnectPlain(full.Addr()),
-                                ConnectPlain(full.Addr())};
+    const CFullListener full;
     CCmFakeClock clock;
     CCmTimeValue tvTimeout(5);
     m_pConnector->AsycConnect(&m_Sink, full.Addr(), &tvTimeout);

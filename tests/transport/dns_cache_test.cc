@@ -1,11 +1,9 @@
 #include "talvo/transport/dns/dns_cache.h"
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 
 #include "talvo/transport/dns/dns_hosts.h"
-#include "tests/support/fake_clock.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/test.h"
 
 namespace {
 

@@ -1,7 +1,5 @@
 #include "talvo/transport/dns/dns_manager.h"
 
-#include <gtest/gtest.h>
-
 #include "tests/support/dns_helpers.h"
 #include "tests/support/event_socket.h"
 
@@ -118,12 +116,8 @@ TEST_F(DnsManagerTest, AddressesAreCompletedFromTheCache) {
 }
 
 TEST_F(DnsManagerTest, TheEndOfTheNetworkThreadIsAFailureThatIsNotKept) {
-    CTestFd silent(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr = *CCmInetAddr("127.0.0.1", 0).GetPtr();
-    socklen_t length = sizeof(addr);
-    ASSERT_EQ(0, bind(silent.Get(), reinterpret_cast<sockaddr*>(&addr), length));
-    ASSERT_EQ(0, getsockname(silent.Get(), reinterpret_cast<sockaddr*>(&addr), &length));
-    m_Keys["Servers"] = "127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
+    const CSilentServer silent;
+    m_Keys["Servers"] = silent.m_strAddress;
     Configure();
     CTestObserver observer;
     DnsRecordPtr pRecord;

@@ -1,10 +1,7 @@
 #include "tests/support/dns_server.h"
 
-#include <gtest/gtest.h>
-
 #include "talvo/transport/dns/dns_manager.h"
 #include "tests/support/dns_helpers.h"
-#include "tests/support/trace_capture.h"
 
 namespace {
 
@@ -72,15 +69,10 @@ TEST_F(DnsServerTest, AnAnswerTooLongForADatagramComesWhole) {
 }
 
 TEST_F(DnsServerTest, ASilentServerIsGivenUpAndTheNextOneAsked) {
-    CTestFd silent(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr = *CCmInetAddr("127.0.0.1", 0).GetPtr();
-    socklen_t length = sizeof(addr);
-    ASSERT_EQ(0, bind(silent.Get(), reinterpret_cast<sockaddr*>(&addr), length));
-    ASSERT_EQ(0, getsockname(silent.Get(), reinterpret_cast<sockaddr*>(&addr), &length));
-    const std::string strSilent = "127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
+    const CSilentServer silent;
     m_Keys["TimeoutMs"] = "20";
     m_Keys["Tries"] = "2";
-    m_Keys["Servers"] = strSilent;
+    m_Keys["Servers"] = silent.m_strAddress;
     Configure();
     const auto resolve = [&](const std::string& aName) {
         CTestObserver observer;
@@ -93,10 +85,10 @@ TEST_F(DnsServerTest, ASilentServerIsGivenUpAndTheNextOneAsked) {
         return observer.m_Records.front();
     };
     EXPECT_EQ(CCmDnsRecord::FAILED, resolve("one.test")->GetState());
-    EXPECT_NE("", silent.Read());  // it was asked
+    EXPECT_NE("", silent.m_Fd.Read());  // it was asked
 
     m_Server.Start("10.0.0.1 one.test\n");
-    m_Keys["Servers"] = strSilent + "," + m_Server.GetAddress();
+    m_Keys["Servers"] = silent.m_strAddress + "," + m_Server.GetAddress();
     m_Keys["Tries"] = "10";  // time enough for its answer
     Configure();
     EXPECT_EQ("10.0.0.1", TextOf(resolve("one.test")));

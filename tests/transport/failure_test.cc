@@ -1,10 +1,6 @@
 #include <arpa/inet.h>
 
-#include <cerrno>
-
-#include "tests/support/fake_clock.h"
 #include "tests/support/network_fixture.h"
-#include "tests/support/trace_capture.h"
 
 namespace {
 
@@ -83,9 +79,7 @@ TEST_F(FailureTest, ConnectorsTellTheCause) {
     EXPECT_EQ(CM_FAILURE_NO_SUCH_NAME, Connect(CCmInetAddr("not a name", 80), RAW).GetCause());
     EXPECT_EQ("resolve not a name:80: not a host name", Connect(CCmInetAddr("not a name", 80), UDP).ToString());
 
-    const CTestListener full(0);
-    const CTestFd clients[4] = {ConnectPlain(full.Addr()), ConnectPlain(full.Addr()), ConnectPlain(full.Addr()),
-                                ConnectPlain(full.Addr())};
+    const CFullListener full;
     CCmTimeValue tvTimeout(1);
     const CCmFailure late = Connect(full.Addr(), RAW, nullptr, &tvTimeout);
     EXPECT_EQ(CM_FAILURE_TIMEOUT, late.GetCause());
@@ -172,11 +166,8 @@ TEST_F(FailureTest, TransportsTellWhoLeftAndWhy) {
 }
 
 TEST_F(FailureTest, DatagramsTellTheCause) {
-    CTestConnectSink connected;
-    const auto pConnector = m_Network.MakeConnector(UDP);
-    pConnector->AsycConnect(&connected, m_Refused);
-    m_Network.RunUntil([&] { return connected.Count() == 1; });
-    ICmTransport& transport = *connected.m_Transports[0];
+    const auto pTransport = m_Network.Connect(m_Refused, UDP);
+    ICmTransport& transport = *pTransport;
     CTestSink sink;
     EXPECT_EQ(CM_OK, transport.OpenWithSink(&sink));
     EXPECT_EQ(CM_OK, SendText(transport, "nobody"));
@@ -189,13 +180,9 @@ TEST_F(FailureTest, DatagramsTellTheCause) {
 TEST_F(FailureTest, AFailedSendEndsTheConnectionFromTheLoop) {
     for (const DWORD dwType : {RAW, LENGTH}) {
         for (const BOOL bPaused : {FALSE, TRUE}) {
-            const CTestListener listener;
-            CTestConnectSink connected;
-            const auto pConnector = m_Network.MakeConnector(dwType);
-            pConnector->AsycConnect(&connected, listener.Addr());
-            m_Network.RunUntil([&] { return connected.Count() == 1; });
-            CTestFd peer = listener.Accept();
-            ICmTransport& transport = *connected.m_Transports[0];
+            CTestFd peer;
+            const auto pTransport = m_Network.ConnectTo(peer, 65536, dwType);
+            ICmTransport& transport = *pTransport;
             CTestSink sink;
             EXPECT_EQ(CM_OK, transport.OpenWithSink(&sink));
             BOOL bPause = bPaused;

@@ -1,15 +1,8 @@
 #include "talvo/transport/udp/peer_table.h"
 
-#include <gtest/gtest.h>
-
-#include <map>
-#include <random>
-
-namespace {
+#include "tests/support/test.h"
 
 using Table = talvo::CPeerTableT<int>;
-
-}  // namespace
 
 TEST(PeerTableTest, TheOneSilentForLongestIsFoundAfterAnyHistory) {
     Table table;

@@ -1,7 +1,5 @@
 // Proxies over protocol connections: what comes early is kept, messages stay whole.
-#include "tests/support/fake_clock.h"
-#include "tests/support/fake_transport.h"
-#include "tests/support/trace_capture.h"
+#include "tests/support/proxy_fixture.h"
 
 namespace {
 
@@ -31,11 +29,11 @@ TEST_F(ProtocolProxyTest, WhatComesBeforeTheOpeningIsKeptItsEndIncluded) {
 }
 
 TEST_F(ProtocolProxyTest, AnEndBeforeTheOpeningIsTold) {
-    CFakeConnection failed(m_Network, PACKAGE_TCP, [](CFakeTransport& aFake) { aFake.m_OpenResult = CM_ERROR_FAILURE; });
+    CFakeConnection failed(m_Network, PACKAGE_TCP, [](CFakeLower& aFake) { aFake.m_OpenResult = CM_ERROR_FAILURE; });
     CFakeConnection orphan(m_Network, PACKAGE_TCP);
     CScopedThread user(CScopedThread::TASK);
     CFakeConnection userless(
-        m_Network, PACKAGE_TCP, [](CFakeTransport&) {}, &user->GetLink());
+        m_Network, PACKAGE_TCP, [](CFakeLower&) {}, &user->GetLink());
     user.End();
     userless.Receive("nobody will have this");
     userless.Sync();
@@ -111,7 +109,7 @@ TEST_F(ProtocolProxyTest, EachSendIsOneMessageAndSeveralAreCorked) {
     connection.SendTogether({"xyz"});
     connection.MakeRoom();
     EXPECT_EQ(Texts({"xyz", "z"}), connection.Seen());
-    EXPECT_EQ("oneabbcdefxyz", connection.m_pFake->m_strSent);
+    EXPECT_EQ("oneabbcdefxyz", connection.m_pFake->GetSent());
     connection.Inside([](const std::string& aText) { return aText == "g" ? CM_ERROR_NOT_AVAILABLE : CM_OK; });
     connection.SendTogether({"g", "h"});
     EXPECT_EQ(Texts({"(cork)", "g", "(uncork)"}), connection.Seen());
@@ -131,16 +129,16 @@ TEST_F(ProtocolProxyTest, OnSendInsideASendGoesOn) {
     });
     connection.SendTogether({"a", "b", "c", "d", "e"});
     connection.Sync();
-    EXPECT_EQ("abcde", connection.m_pFake->m_strSent);
+    EXPECT_EQ("abcde", connection.m_pFake->GetSent());
 }
 
 TEST_F(ProtocolProxyTest, TooLongAMessageIsRefusedBeforeItIsQueued) {
     CCmTraceCapture trace;
-    CFakeConnection connection(m_Network, PACKAGE_TCP, [](CFakeTransport& aFake) { aFake.m_dwMaxMessage = 10; });
+    CFakeConnection connection(m_Network, PACKAGE_TCP, [](CFakeLower& aFake) { aFake.m_dwMaxMessage = 10; });
     EXPECT_EQ(CM_ERROR_INVALID_ARG, SendText(*connection.m_pProxy, "eleven char"));
     EXPECT_EQ(1u, trace.Count("CCmTransportThreadProxy::SendData, message too long. len=11 max=10"));
     DWORD dwMax = 11;
-    EXPECT_EQ(CM_OK, connection.m_pProxy->SetOption(CFakeTransport::OPT_LIMIT, &dwMax));
+    EXPECT_EQ(CM_OK, connection.m_pProxy->SetOption(CFakeLower::OPT_LIMIT, &dwMax));
     EXPECT_EQ(CM_OK, SendText(*connection.m_pProxy, "eleven char"));
     EXPECT_EQ(CM_ERROR_INVALID_ARG, SendText(*connection.m_pProxy, "twelve chars"));
     connection.Sync();
@@ -149,7 +147,7 @@ TEST_F(ProtocolProxyTest, TooLongAMessageIsRefusedBeforeItIsQueued) {
 
 TEST_F(ProtocolProxyTest, LingersWhileTheConnectionHasSomethingUnsent) {
     CCmFakeClock clock;
-    CFakeConnection connection(m_Network, PACKAGE_TCP, [](CFakeTransport& aFake) { aFake.m_dwUnacknowledged = 1; });
+    CFakeConnection connection(m_Network, PACKAGE_TCP, [](CFakeLower& aFake) { aFake.m_dwUnacknowledged = 1; });
     connection.Open();
     connection.m_pProxy.Reset();
     clock.Advance(CCmTimeValue(20));
@@ -158,20 +156,20 @@ TEST_F(ProtocolProxyTest, LingersWhileTheConnectionHasSomethingUnsent) {
     m_Network.InNetwork([&] { connection.m_pFake->m_dwUnacknowledged = 0; });
     clock.Advance(CCmTimeValue(1));
     YieldUntil([&] { return connection.m_pFake->m_nDisconnects == 1; });
-    EXPECT_EQ(CM_OK, connection.m_pFake->m_Reason);
+    EXPECT_EQ(CM_OK, connection.m_pFake->m_Disconnects.at(0));
 }
 
 // The last that hold the core and the connection let go inside a call of the connection.
 TEST_F(ProtocolProxyTest, TheConnectionEndsInsideASend) {
-    const auto refuse = [](CFakeTransport& aFake) { aFake.m_dwRoom = 0; };
+    const auto refuse = [](CFakeLower& aFake) { aFake.m_dwRoom = 0; };
     for (const std::string strWhere : {"(cork)", "b", "(uncork)"}) {
         for (const BOOL bRelease : {FALSE, TRUE}) {
             CScopedThread user(CScopedThread::TASK);
             CFakeConnection connection(m_Network, PACKAGE_TCP, refuse, bRelease ? &user->GetLink() : nullptr);
             connection.Open();
-            CFakeTransport* pFake = connection.m_pFake.Get();
+            CFakeLower* pFake = connection.m_pFake.Get();
             connection.SendTogether({"a", "b", "c"});
-            connection.SetRoom(CFakeTransport::EVERYTHING);
+            connection.SetRoom(CFakeLower::EVERYTHING);
             connection.Inside([=](const std::string& aText) {
                 if (aText != strWhere)
                     return CM_OK;

@@ -1,5 +1,5 @@
 // Proxies whose threads end before them.
-#include "tests/support/fake_transport.h"
+#include "tests/support/proxy_fixture.h"
 
 TEST(ProxyThreadEndTest, NetworkThreadFirst) {
     CTestNetwork network;
@@ -30,22 +30,18 @@ TEST(ProxyThreadEndTest, NetworkThreadFirst) {
 TEST(ProxyThreadEndTest, WhatLingersGoesOutBeforeTheNetworkThreadEnds) {
     for (const auto mode : {CCmThreadManager::NETWORK_THREAD_OWN, CCmThreadManager::NETWORK_THREAD_MAIN}) {
         CTestNetwork network(mode);
-        const CTestListener listener(1, 4096);
-        CTestConnectSink sink;
-        const auto pConnector = network.MakeConnector(CCmConnectionManager::CTYPE_FORCE_THREAD_PROXY | 1);
-        pConnector->AsycConnect(&sink, listener.Addr());
-        network.RunUntil([&] { return sink.Count() == 1; });
-        const CTestFd peer = listener.Accept();
+        CTestFd peer;
+        auto pProxy = network.ConnectTo(peer, 4096, CCmConnectionManager::CTYPE_FORCE_THREAD_PROXY | 1);
         const std::string strData = Pattern(900 * 1024);
-        EXPECT_EQ(CM_OK, SendText(*sink.m_Transports.at(0), strData));
-        EXPECT_EQ(CM_OK, sink.m_Transports[0]->Disconnect(CM_OK));
+        EXPECT_EQ(CM_OK, SendText(*pProxy, strData));
+        EXPECT_EQ(CM_OK, pProxy->Disconnect(CM_OK));
         CCmThreadManager::Instance()->StopAllThreads();
         std::string strRead;
         std::thread reader([&] { YieldUntil([&] { return ReadToEnd(peer, strRead); }); });
         CCmThreadManager::Instance()->JoinAllThreads();
         reader.join();
         EXPECT_TRUE(strData == strRead) << strRead.size();
-        sink.m_Transports.clear();
+        pProxy.Reset();
     }
 }
 

@@ -1,6 +1,6 @@
 #include "talvo/transport/send_bytes.h"
 
-#include "tests/support/fake_transport.h"
+#include "tests/support/proxy_fixture.h"
 
 TEST(SendBytesTest, OneMessageGoesToMany) {
     const CTestNetwork network;
@@ -20,7 +20,7 @@ TEST(SendBytesTest, OneMessageGoesToMany) {
         EXPECT_EQ(3000u, message.GetChainedLength());
     }
     all.Sync();
-    EXPECT_EQ(strText + strText, all.m_pFake->m_strSent);
+    EXPECT_EQ(strText + strText, all.m_pFake->GetSent());
 
     // Without a proxy a part may be taken.
     all.SetRoom(4);

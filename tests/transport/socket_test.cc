@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 
-#include <cerrno>
 #include <csignal>
 
 #include "tests/support/network_fixture.h"

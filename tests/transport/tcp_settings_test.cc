@@ -1,6 +1,5 @@
 #include "talvo/base/config.h"
 #include "tests/support/network_fixture.h"
-#include "tests/support/temp_dir.h"
 
 namespace {
 

@@ -1,7 +1,5 @@
 #include "talvo/transport/thread_proxy/transport_thread_proxy.h"
-#include "tests/support/fake_clock.h"
-#include "tests/support/fake_transport.h"
-#include "tests/support/trace_capture.h"
+#include "tests/support/proxy_fixture.h"
 
 namespace {
 
@@ -21,10 +19,7 @@ protected:
         return dwTaken;
     }
 
-    // However slow the machine is, no time-out of the library's comes unless a test says so.
-    void PassAMillisecond() { m_Clock.Advance(CCmTimeValue(0, 1000)); }
-
-    CCmFakeClock m_Clock;
+    CCmFakeClock m_Clock;  // however slow the machine is, no time-out of the library's comes unless a test says so
     CTestNetwork m_Network;
 };
 
@@ -51,8 +46,8 @@ TEST_F(ThreadProxyTest, SendingCopiesNoPayloadAndJoinsWhatWaits) {
     }
     busy.Signal();
     connection.Sync();
-    EXPECT_EQ(strAll, connection.m_pFake->m_strSent);
-    EXPECT_EQ((std::vector<DWORD>{1, 64, 64, 64, 8}), connection.m_pFake->m_Calls);
+    EXPECT_EQ(strAll, connection.m_pFake->GetSent());
+    EXPECT_EQ((std::vector<DWORD>{1, 64, 64, 64, 8}), connection.m_pFake->m_Pieces);
 }
 
 TEST_F(ThreadProxyTest, SendingPushesBackAndTellsOnceWhenHalfHasGone) {
@@ -69,67 +64,60 @@ TEST_F(ThreadProxyTest, SendingPushesBackAndTellsOnceWhenHalfHasGone) {
     connection.MakeRoom();
     m_Network.RunPosted();
     EXPECT_EQ(1, connection.m_Sink.m_nSends);
-    EXPECT_EQ(std::string(dwTaken, 'q') + "taken", connection.m_pFake->m_strSent);
+    EXPECT_EQ(std::string(dwTaken, 'q') + "taken", connection.m_pFake->GetSent());
     DWORD dwLimit = 100;
     EXPECT_EQ(CM_OK, connection.m_pProxy->SetOption(CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, &dwLimit));
     EXPECT_EQ(110u, FillQueue(connection, 10));
 }
 
-// A byte costs as much memory as a block does.
+// A byte costs as much memory as a block does, and so does a datagram without one.
 TEST_F(ThreadProxyTest, SendingOfSingleBytesIsBoundedByTheirBlocks) {
-    CFakeConnection connection(m_Network);
-    const DWORD dwTaken = FillQueue(connection, 1);
-    EXPECT_EQ(MEBIBYTE / 128 + 1, dwTaken);
-    connection.MakeRoom();
-    m_Network.RunPosted();
-    EXPECT_EQ(1, connection.m_Sink.m_nSends);
-    EXPECT_EQ(std::string(dwTaken, 'q'), connection.m_pFake->m_strSent);
-    EXPECT_EQ(CM_OK, SendText(*connection.m_pProxy, "taken"));
+    for (const DWORD dwType : {CM_TRANSPORT_TYPE_TCP, CM_TRANSPORT_TYPE_UDP}) {
+        CFakeConnection connection(m_Network, dwType);
+        connection.Open();
+        connection.SetRoom(0);
+        const std::string strText(dwType == CM_TRANSPORT_TYPE_TCP ? 1 : 0, 'q');
+        connection.Inside([](const std::string&) { return CM_ERROR_PARTIAL_DATA; });
+        DWORD dwTaken = 0;
+        while (dwTaken < MEBIBYTE && SendText(*connection.m_pProxy, strText) == CM_OK)
+            ++dwTaken;
+        EXPECT_EQ(MEBIBYTE / 128 + 1, dwTaken);
+        connection.Inside([](const std::string&) { return CM_OK; });
+        connection.MakeRoom();
+        m_Network.RunPosted();
+        EXPECT_EQ(1, connection.m_Sink.m_nSends);
+        EXPECT_EQ(dwTaken * strText.size(), connection.m_pFake->GetSent().size());
+        EXPECT_EQ(CM_OK, SendText(*connection.m_pProxy, "taken"));
+    }
 }
 
+// Also while the peer goes on writing: a close with bytes of the peer that nobody reads resets the connection.
 TEST_F(ThreadProxyTest, AcceptedDataGoesOutBeforeTheClose) {
     for (const BOOL bRelease : {FALSE, TRUE}) {  // a transport that was never opened keeps its word, too
         CTestFd peer;
         CTestSink sink;
         auto pProxy = m_Network.ConnectTo(peer, 4096);
         const std::string strData = Pattern(900 * 1024);
-        if (!bRelease)
-            pProxy->OpenWithSink(&sink);
+        BOOL bPause = TRUE;
+        if (!bRelease) {
+            EXPECT_EQ(CM_OK, pProxy->OpenWithSink(&sink));
+            EXPECT_EQ(CM_OK, pProxy->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+        }
         EXPECT_EQ(CM_OK, SendText(*pProxy, strData));
         if (!bRelease)
             pProxy->Disconnect(CM_OK);
         std::thread([&] { pProxy.Reset(); }).join();  // any thread may release it
         std::string strRead;
-        m_Network.RunUntil([&] {
-            PassAMillisecond();  // the library looks from time to time whether all has gone
-            return ReadToEnd(peer, strRead);
+        YieldUntil([&] {
+            m_Clock.Advance(CCmTimeValue(0, 1000));  // the library looks from time to time whether all has gone
+            m_Network.InNetwork([] {});              // the system is filled up again: reading is slower than sending
+            strRead += peer.Read(1024);
+            return strRead.size() == strData.size() || (send(peer.Get(), "unread", 6, MSG_NOSIGNAL) == -1 && errno != EAGAIN);
         });
+        ReadToEnd(peer, strRead);  // writing ends with the close here; what has arrived before is there to be read
         EXPECT_TRUE(strData == strRead);
         EXPECT_EQ(0, sink.Upcalls());
     }
-}
-
-// A close with bytes in the system, and bytes of the peer that nobody reads, resets the connection.
-TEST_F(ThreadProxyTest, PeerThatGoesOnWritingStillGetsEverything) {
-    CTestFd peer;
-    CTestSink sink;
-    const auto pProxy = m_Network.ConnectTo(peer, 4096);
-    ASSERT_EQ(CM_OK, pProxy->OpenWithSink(&sink));
-    BOOL bPause = TRUE;
-    EXPECT_EQ(CM_OK, pProxy->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
-    const std::string strData = Pattern(900 * 1024);
-    EXPECT_EQ(CM_OK, SendText(*pProxy, strData));
-    EXPECT_EQ(CM_OK, pProxy->Disconnect(CM_OK));
-    std::string strRead;
-    YieldUntil([&] {
-        PassAMillisecond();
-        m_Network.InNetwork([] {});  // the system is filled up again: reading is slower than sending
-        strRead += peer.Read(1024);
-        return strRead.size() == strData.size() || (send(peer.Get(), "unread", 6, MSG_NOSIGNAL) == -1 && errno != EAGAIN);
-    });
-    ReadToEnd(peer, strRead);  // writing ends with the close here; what has arrived before is there to be read
-    EXPECT_TRUE(strData == strRead);
-    EXPECT_EQ(0, sink.Upcalls());
 }
 
 TEST_F(ThreadProxyTest, LingeringIsBoundedAndOnlyForAnOrderlyEnd) {
@@ -141,7 +129,7 @@ TEST_F(ThreadProxyTest, LingeringIsBoundedAndOnlyForAnOrderlyEnd) {
     orderly.m_pProxy->Disconnect(CM_OK);
     orderly.Sync();
     EXPECT_EQ(1, broken.m_pFake->m_nDisconnects);
-    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, broken.m_pFake->m_Reason);
+    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, broken.m_pFake->m_Disconnects.at(0));
     EXPECT_FALSE(orderly.m_pFake->m_bPaused) << "the peer's close would not be noticed";
     m_Clock.Advance(CCmTimeValue(29));
     orderly.Sync();

@@ -1,6 +1,4 @@
 #include "talvo/transport/udp/acceptor_udp.h"
-#include "tests/support/fake_clock.h"
-#include "tests/support/trace_capture.h"
 #include "tests/support/udp_helpers.h"
 
 namespace {

@@ -1,5 +1,4 @@
 #include "talvo/transport/udp/transport_udp.h"
-#include "tests/support/trace_capture.h"
 #include "tests/support/udp_helpers.h"
 
 namespace {

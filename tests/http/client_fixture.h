@@ -1,0 +1,234 @@
+// HTTP clients whose servers are scripts: no sockets, no threads, one loop.
+#pragma once
+
+#include "talvo/http/channel/channel_options.h"
+#include "talvo/http/channel_manager.h"
+#include "talvo/http/client/channel_http_client.h"
+#include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_url.h"
+#include "talvo/transport/connector_internal.h"
+#include "tests/support/channel_sink.h"
+#include "tests/support/fake_lower.h"
+#include "tests/support/network_fixture.h"
+#include "tests/support/test.h"
+
+// What a server says to a request, and what it does behind that.
+struct CAnswer {
+    enum EEnd { STAYS, CLOSES, RESETS };
+    std::string m_strText;
+    EEnd m_End = STAYS;
+};
+
+inline CAnswer Answer(const std::string& aStatus, const std::string& aHeaders, const std::string& aBody) {
+    return {"HTTP/1.1 " + aStatus + "\r\n" + aHeaders + "Content-Length: " + std::to_string(aBody.size()) + "\r\n\r\n" + aBody};
+}
+
+// The server's end of a connection: takes requests, and says what its script says while the client reads.
+class CScriptPeer : public CFakeLower {
+public:
+    CmResult GetOption(DWORD aCommand, void* aArg) override {
+        if (aCommand != CM_OPT_TRANSPORT_SOCK_ALIVE && aCommand != CM_OPT_TRANSPORT_FIO_NREAD)
+            return CFakeLower::GetOption(aCommand, aArg);
+        *static_cast<DWORD*>(aArg) = aCommand == CM_OPT_TRANSPORT_SOCK_ALIVE && m_pSink;  // nothing lies unread
+        return CM_OK;
+    }
+    // A whole request that has come, head and body, or "".
+    std::string TakeRequest() {
+        m_strIn += TakeSent();
+        const size_t stHead = m_strIn.find("\r\n\r\n");
+        if (stHead == std::string::npos)
+            return "";
+        const std::string strHead = m_strIn.substr(0, stHead + 4);
+        const size_t stLength = strHead.find("Content-Length: ");
+        size_t stEnd = strHead.size() + (stLength == std::string::npos ? 0 : std::stoul(strHead.substr(stLength + 16)));
+        if (strHead.find("Encoding: chunked") != std::string::npos) {
+            stEnd = m_strIn.find("0\r\n\r\n", stHead);
+            stEnd += stEnd == std::string::npos ? 0 : 5;
+        }
+        if (stEnd > m_strIn.size())
+            return "";
+        const std::string strRequest = m_strIn.substr(0, stEnd);
+        m_strIn.erase(0, stEnd);
+        return strRequest;
+    }
+    void Say(const CAnswer& aAnswer, size_t aPiece = std::string::npos) {
+        m_Out = aAnswer;
+        GoOn(aPiece);
+    }
+    // With what the client has not read.
+    void GoOn(size_t aPiece) {
+        while (!m_Out.m_strText.empty() && m_pSink && !m_bPaused) {
+            const std::string strPiece = m_Out.m_strText.substr(0, aPiece);
+            m_Out.m_strText.erase(0, strPiece.size());
+            Receive(strPiece);
+        }
+        if (!m_Out.m_strText.empty())
+            return;
+        const CAnswer::EEnd end = std::exchange(m_Out.m_End, CAnswer::STAYS);
+        if (end == CAnswer::CLOSES)
+            EndSide();
+        else if (end == CAnswer::RESETS)
+            Vanish();
+    }
+
+private:
+    std::string m_strIn;
+    CAnswer m_Out;
+};
+
+// A server of its own host and port. Each connection gives the answers of its number, those beyond the last give that one's.
+class CScriptServer {
+public:
+    using CAnswers = std::deque<CAnswer>;
+
+    explicit CScriptServer(std::vector<CAnswers> aScripts, size_t aPiece = std::string::npos)
+        : m_Scripts(std::move(aScripts)), m_stPiece(aPiece) {
+        s_Servers[m_wPort] = this;
+    }
+    ~CScriptServer() { s_Servers.erase(m_wPort); }
+    CScriptServer(const CScriptServer&) = delete;
+    CScriptServer& operator=(const CScriptServer&) = delete;
+
+    std::string Url(const std::string& aPath = "/") const { return "http://127.0.0.1:" + std::to_string(m_wPort) + aPath; }
+    size_t GetConnections() const { return m_Peers.size(); }
+    CScriptPeer& GetPeer() const { return *m_Peers.back(); }
+
+    // Answers what has been asked so far.
+    static void PlayAll() {
+        for (const auto& [wPort, pServer] : s_Servers)
+            pServer->Play();
+    }
+    // Null where there is no server.
+    static CCmRefPtrT<CScriptPeer> Connect(const CCmInetAddr& aAddr) {
+        const auto itServer = s_Servers.find(aAddr.GetPort());
+        if (itServer == s_Servers.end())
+            return nullptr;
+        CScriptServer& server = *itServer->second;
+        server.m_Peers.emplace_back(new CScriptPeer);
+        server.m_Peers.back()->m_dwRoom = server.m_dwRoom;
+        server.m_Playing.push_back(server.m_Scripts[std::min(server.m_Playing.size(), server.m_Scripts.size() - 1)]);
+        return server.m_Peers.back();
+    }
+
+    DWORD m_dwRoom = CFakeLower::EVERYTHING;  // of new connections
+    std::vector<std::string> m_Requests;      // that were answered
+
+private:
+    void Play() {
+        for (size_t i = 0; i < m_Peers.size(); ++i) {
+            const CCmRefPtrT<CScriptPeer> pPeer = m_Peers[i];
+            pPeer->GoOn(m_stPiece);
+            for (std::string strRequest; !m_Playing[i].empty() && !(strRequest = pPeer->TakeRequest()).empty();) {
+                m_Requests.push_back(strRequest);
+                const CAnswer answer = m_Playing[i].front();
+                m_Playing[i].pop_front();
+                pPeer->Say(answer, m_stPiece);
+            }
+        }
+    }
+
+    inline static std::map<WORD, CScriptServer*> s_Servers;
+    inline static WORD s_wLastPort = 10000;
+
+    const WORD m_wPort = ++s_wLastPort;
+    const std::vector<CAnswers> m_Scripts;
+    const size_t m_stPiece;
+    std::vector<CCmRefPtrT<CScriptPeer>> m_Peers;
+    std::vector<CAnswers> m_Playing;
+};
+
+// Connects to a script.
+class CScriptConnector : public ACmConnectorInternal {
+public:
+    explicit CScriptConnector(ACmConnectorUpper& aUpper) : m_Upper(aUpper) {}
+    static ACmConnectorInternal* Make(ICmReactor*, ACmConnectorUpper& aUpper) { return new CScriptConnector(aUpper); }
+
+    int Connect(const CCmInetAddr& aAddr, CCmInetAddr*) override {
+        m_pAttempt = std::make_shared<CCmInetAddr>(aAddr);
+        const auto report = [this, pAttempt = std::weak_ptr(m_pAttempt)] {
+            const auto pAddr = pAttempt.lock();
+            if (!pAddr)
+                return;
+            const CCmRefPtrT<CScriptPeer> pPeer = CScriptServer::Connect(*pAddr);
+            m_Failure = pPeer ? CCmFailure() : CCmFailure(ECONNREFUSED, "connect to", *pAddr);
+            m_Upper.OnConnectIndication(pPeer ? CM_OK : CM_ERROR_NETWORK_CONNECT_ERROR, pPeer.Get(), this);
+        };
+        PostTo(*CCmThreadManager::Instance()->GetThreadEventQueue(CCmThreadManager::TT_CURRENT), report);
+        return 0;
+    }
+    void Close() override { m_pAttempt.reset(); }
+
+private:
+    ACmConnectorUpper& m_Upper;
+    std::shared_ptr<CCmInetAddr> m_pAttempt;
+};
+
+// A client of the calling thread with its sink.
+class CTestHttpClient {
+public:
+    explicit CTestHttpClient(const std::string& aUrl) {
+        CCmRefPtrT<CCmHttpUrl> pUrl;
+        EXPECT_EQ(CM_OK, CCmChannelManager::Instance()->CreateUrl(pUrl.ParaOut(), aUrl));
+        EXPECT_EQ(CM_OK, CCmChannelManager::Instance()->CreateChannelHttpClient(m_pChannel.ParaOut(), pUrl.Get()));
+    }
+    CmResult Set(DWORD aOption, DWORD aValue) const { return m_pChannel->SetOption(aOption, &aValue); }
+    CmResult Header(const char* aName, const std::string& aValue, BOOL aMerge = FALSE) const {
+        return m_pChannel->SetRequestHeader(CCmHttpAtomList::Instance()->ResolveAtom(aName, 1), aValue, aMerge);
+    }
+    // With a body unless it is empty.
+    void Ask(const char* aMethod, const std::string& aBody = "") const {
+        EXPECT_EQ(CM_OK, m_pChannel->SetRequestMethod(CCmHttpAtomList::Instance()->ResolveAtom(aMethod, 1)));
+        EXPECT_EQ(CM_OK, aBody.empty() ? CM_OK : m_pChannel->SetRequestBody(ViewOf(aBody)));
+    }
+    void Open() { EXPECT_EQ(CM_OK, m_pChannel->AsyncOpen(&m_Sink)); }
+    bool IsOver() const { return m_Sink.m_nDisconnects > 0; }
+    // Status and body, and behind them the reason if it is not CM_OK.
+    std::string Result() const {
+        const std::string strResult = std::to_string(m_pChannel->GetResponseStatus()) + " " + m_Sink.m_strBody;
+        return m_Sink.m_Reason == CM_OK ? strResult : strResult + " !" + std::to_string(m_Sink.m_Reason);
+    }
+
+    CTestChannelSink m_Sink;
+    CCmRefPtrT<ICmChannelHttpClient> m_pChannel;
+};
+
+// The main thread is the network thread, so that no proxy stands between.
+class CHttpClientTest : public testing::Test {
+protected:
+    CHttpClientTest() {
+        EXPECT_EQ(CM_OK, cm_get_connector_maker(CM_TRANSPORT_TYPE_TCP, m_Maker));
+        EXPECT_EQ(CM_OK, cm_set_connector_maker(CM_TRANSPORT_TYPE_TCP, CScriptConnector::Make));
+    }
+    ~CHttpClientTest() override { cm_set_connector_maker(CM_TRANSPORT_TYPE_TCP, m_Maker); }
+
+    // The servers answer meanwhile.
+    template <class Condition>
+    void RunUntil(Condition aCondition) const {
+        m_Network.RunUntil([&] {
+            CScriptServer::PlayAll();
+            return aCondition();
+        });
+    }
+    void Turn() const {
+        m_Network.RunPosted();
+        CScriptServer::PlayAll();
+        m_Network.RunPosted();
+    }
+    std::string Run(CTestHttpClient& aClient) const {
+        aClient.Open();
+        RunUntil([&] { return aClient.IsOver(); });
+        return aClient.Result();
+    }
+    std::string Get(
+        const CScriptServer& aServer, const std::function<void(CTestHttpClient&)>& aSet = [](CTestHttpClient&) {}) const {
+        CTestHttpClient client(aServer.Url());
+        aSet(client);
+        return Run(client);
+    }
+
+    CCmFakeClock m_Clock;
+    const CTestNetwork m_Network{CCmThreadManager::NETWORK_THREAD_MAIN};
+
+private:
+    CCmConnectorMaker m_Maker = nullptr;
+};

@@ -1,0 +1,88 @@
+// Proxies over a transport that the test plays.
+#pragma once
+
+#include "talvo/transport/thread_proxy/transport_thread_proxy.h"
+#include "tests/support/fake_lower.h"
+#include "tests/support/network_fixture.h"
+
+// A proxy over a fake, of the main thread unless said otherwise, opened with m_Sink unless a type is given.
+class CFakeConnection {
+public:
+    explicit CFakeConnection(const CTestNetwork& aNetwork) : CFakeConnection(aNetwork, aNetwork.MainLink()) {}
+    CFakeConnection(const CTestNetwork& aNetwork, CCmThreadLink& aUser)
+        : CFakeConnection(
+              aNetwork, CM_TRANSPORT_TYPE_TCP, [](CFakeLower&) {}, &aUser) {
+        Open();
+    }
+    // Not opened. aPrepare runs before the proxy is made.
+    CFakeConnection(
+        const CTestNetwork& aNetwork, DWORD aType, const std::function<void(CFakeLower&)>& aPrepare = [](CFakeLower&) {},
+        CCmThreadLink* aUser = nullptr)
+        : m_Network(aNetwork) {
+        m_Network.InNetwork([&] {
+            aPrepare(*m_pFake);
+            m_pProxy = CCmTransportThreadProxy::Make(m_pFake.Get(), aUser ? *aUser : m_Network.MainLink(),
+                                                     m_Network.NetworkLink(), aType);
+        });
+    }
+    // Takes what a test has left unsent, so that nothing lingers.
+    ~CFakeConnection() {
+        if (!m_Network.Network() || !m_pFake)
+            return;
+        m_Network.InNetwork([&] {
+            m_pFake->m_dwRoom = CFakeLower::EVERYTHING;
+            m_pFake->m_dwUnacknowledged = 0;
+            m_pFake->m_Inside = [](const std::string&) { return CM_OK; };
+            if (m_pFake->m_pSink)
+                m_pFake->m_pSink->OnSend(m_pFake.Get());
+        });
+    }
+    void Open() {
+        EXPECT_EQ(CM_OK, m_pProxy->OpenWithSink(&m_Sink));
+        Sync();
+    }
+    // What was posted to the network thread has run; it may take more than one turn.
+    void Sync() const {
+        m_Network.InNetwork([] {});
+        m_Network.InNetwork([] {});
+    }
+    void Receive(const std::string& aText) const {
+        m_Network.InNetwork([&] { m_pFake->Receive(aText); });
+    }
+    void Lose() const {
+        m_Network.InNetwork([&] { m_pFake->m_pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_ERROR, m_pFake.Get()); });
+    }
+    void SetRoom(DWORD aBytes) const {
+        m_Network.InNetwork([&] { m_pFake->m_dwRoom = aBytes; });
+    }
+    void MakeRoom(DWORD aBytes = CFakeLower::EVERYTHING) const {
+        SetRoom(aBytes);
+        m_Network.InNetwork([&] { m_pFake->m_pSink->OnSend(m_pFake.Get()); });
+        Sync();
+    }
+    // Runs inside each call that is logged; SendData returns what it returns, unless that is CM_OK.
+    void Inside(const std::function<CmResult(const std::string&)>& aInside) const {
+        m_Network.InNetwork([&] { m_pFake->m_Inside = aInside; });
+    }
+    // While the network thread is busy, so that all wait together.
+    void SendTogether(const std::vector<std::string>& aTexts) const {
+        CCmEventThread busy;
+        m_Network.NetworkLink().Post([&] { busy.Wait(); });
+        for (const std::string& strText : aTexts)
+            EXPECT_EQ(CM_OK, SendText(*m_pProxy, strText));
+        busy.Signal();
+        Sync();
+    }
+    // What the transport has logged since the last look.
+    std::vector<std::string> Seen() const {
+        std::vector<std::string> seen;
+        m_Network.InNetwork([&] { seen.swap(m_pFake->m_Log); });
+        return seen;
+    }
+    void Pause(BOOL aPause) const { EXPECT_EQ(CM_OK, m_pProxy->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &aPause)); }
+
+    const CTestNetwork& m_Network;
+    CTestSink m_Sink;
+    CCmRefPtrT<CFakeLower> m_pFake{new CFakeLower};
+    CCmRefPtrT<ICmTransport> m_pProxy;
+};
