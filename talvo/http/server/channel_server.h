@@ -150,7 +150,8 @@ class TALVO_API ICmChannelServerAcceptor : public ICmReferenceControl {
 public:
     // CM_ERROR_INVALID_ARG: aSink is null. CM_ERROR_ALREADY_INITIALIZED: it listens, or its stop is not through.
     // CM_ERROR_NULL_POINTER: the thread has no event queue or no timer queue, or there is no network thread.
-    // CM_ERROR_NETWORK_SOCKET_ERROR: the address cannot be used. Port 0: GetListenAddr tells. aSink is not owned.
+    // CM_ERROR_NETWORK_SOCKET_ERROR: the address cannot be used. CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain runs. Port
+    // 0: GetListenAddr tells. aSink is not owned.
     virtual CmResult StartListen(ICmChannelServerAcceptorSink* aSink, const CCmInetAddr& aAddrListen) = 0;
 
     // Ends in order: no more connections; those without a whole head of a request are closed, the others when they have been
