@@ -35,7 +35,7 @@ bool LookUpOwnName(in_addr& aAddr) {
     return LookUp(szName, aAddr);
 }
 
-// What fits of aText, terminated.
+// Copies as much of aText as fits, with a terminator.
 void CopyCut(std::string_view aText, char* aDst, size_t aSize) {
     const size_t nCopy = aText.copy(aDst, aSize - 1);
     aDst[nCopy] = '\0';
@@ -84,7 +84,7 @@ bool is_ip_address(const char* aText) {
 
 void resolve_2_ip(const char* aHostName, char* aIpOut) {
     if (!aHostName || !aIpOut) {
-        // The buffer by its address: it may hold anything before it is written to.
+        // Trace the buffer's address and not its content, which is not initialised yet.
         CM_ERROR_TRACE("resolve_2_ip: No host_name: " << aHostName << "; or ip_address: " << static_cast<const void*>(aIpOut)
                                                       << "; given");
         return;
@@ -122,7 +122,7 @@ const char* id_2_ip(unsigned long aId) {
 const char* get_local_ip() {
     static char s_szText[256];
     if (!*s_szText) {
-        in_addr addr{};  // 0.0.0.0, which a failure leaves
+        in_addr addr{};  // stays 0.0.0.0 if the look-up fails
         LookUpOwnName(addr);
         inet_ntop(AF_INET, &addr, s_szText, sizeof(s_szText));
     }

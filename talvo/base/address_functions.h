@@ -1,33 +1,34 @@
-// Small functions on address texts. They resolve names by waiting, so they are not for the network thread.
+// Small functions on address texts. They resolve names and block until the answer comes: do not call them in the network
+// thread.
 #pragma once
 
 #include "talvo/base/export.h"
 #include "talvo/base/types.h"
 
-// Takes "protocol://host:port" apart, of at most 64 characters. A host name is resolved. aProto and aIp get what fits, with a
-// terminator; a text behind the second colon that is not a number is port 0. false: not of that form, a name without an
-// address, a null pointer or a buffer without room for a terminator.
+// Splits "protocol://host:port", which has at most 64 characters, and resolves a host name. aProto and aIp (out): the parts,
+// cut to their buffers and terminated. aPort (out): a text behind the second colon that is not a number gives port 0. false:
+// another form, a name without an address, a null pointer, or a buffer without room for a terminator.
 TALVO_API bool transport_address_parse(const char* aUrl, char* aProto, int aProtoLen, char* aIp, int aIpLen,
                                        unsigned short* aPort);
 
-// Tells literals from names: true if there are only digits, dots, blanks and tabs, so also for "" and "1.2.3.4.5".
+// Distinguishes literals from names. true: aText has only digits, dots, blanks and tabs; this includes "" and "1.2.3.4.5".
 TALVO_API bool is_ip_address(const char* aText);
 
-// Writes the first IPv4 address of a name into aIpOut, which has room for 16 characters; on failure a line, and it is
-// untouched.
+// aIpOut (out): the first IPv4 address of the name; it needs room for 16 characters. A failure is traced and leaves it
+// unchanged.
 TALVO_API void resolve_2_ip(const char* aHostName, char* aIpOut);
 
-// The address as a number in host order, of a literal or a name; 0 when there is none. Missing numbers count as 0, an octet
+// The address of a literal or a name as a number in host order; 0 if there is none. Missing numbers count as 0, and an octet
 // above 255 carries into the next one. Texts are cut at 127 characters.
 TALVO_API DWORD ip_2_id(const char* aIpOrHost);
 
-// The three below return static memory: one thread at a time, copy at once.
+// The three functions below return static memory. Use them in one thread at a time and copy the result at once.
 
-// The dotted form; overwritten by the next call.
+// The dotted form. The next call overwrites it.
 TALVO_API const char* id_2_ip(unsigned long aId);
 
-// The address of the machine's own name, "0.0.0.0" if it has none. Looked up once, success or not.
+// The address of the machine's own name, or "0.0.0.0". It is looked up once, whether or not that succeeds.
 TALVO_API const char* get_local_ip();
 
-// The same looked up at each call, "127.0.0.1" if there is none.
+// The same, looked up at each call, or "127.0.0.1".
 TALVO_API const char* get_local_ip_address();

@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-// Locked until init_functions() has seen a single processor: the safe choice comes first.
+// The locked routines are the default, which is safe until init_functions() has found a single processor.
 int32_t (*CCmAtomicFunctions::increment_fn_)(volatile int32_t*) = multi_cpu_increment;
 int32_t (*CCmAtomicFunctions::decrement_fn_)(volatile int32_t*) = multi_cpu_decrement;
 int32_t (*CCmAtomicFunctions::exchange_fn_)(volatile int32_t*, int32_t) = multi_cpu_exchange;

@@ -1,4 +1,4 @@
-// The signed 32-bit counter of reference counts and sequence numbers, shared between threads or kept in one.
+// A signed 32-bit counter for reference counts and sequence numbers, shared between threads or used in one.
 #pragma once
 
 #include <atomic>
@@ -7,8 +7,8 @@
 #include "talvo/base/export.h"
 #include "talvo/base/mutex.h"
 
-// Instantiated over CCmMutexThread (safe from any thread) or CCmMutexNullSingleThread (one thread, asserted).
-// Increments and assignments with an operand return the new value.
+// MutexType is CCmMutexThread (safe in any thread) or CCmMutexNullSingleThread (one thread, asserted). Increments and
+// assignments with an operand return the new value.
 template <class MutexType>
 class CCmAtomicOperationT;
 
@@ -70,7 +70,7 @@ private:
     int32_t m_lValue;
 };
 
-// Comparisons with a number, on the current value.
+// Comparisons of the current value with a number.
 template <class MutexType>
 bool operator==(const CCmAtomicOperationT<MutexType>& a, long b) {
     return a.GetValue() == b;
@@ -92,9 +92,8 @@ bool operator>=(const CCmAtomicOperationT<MutexType>& a, long b) {
     return a.GetValue() >= b;
 }
 
-// Four routines over a plain 32-bit value, for callers that go through a table: unlocked ones when the machine has exactly one
-// processor, locked ones otherwise. The counters above do not use it. Each returns: increment and decrement the new value,
-// exchange and exchange-add the old one.
+// A table of four routines over a plain 32-bit value: unlocked on a machine with exactly one processor, locked otherwise. The
+// counters above do not use it. Increment and decrement return the new value, exchange and exchange-add the old one.
 class TALVO_API CCmAtomicFunctions {
 public:
     static int32_t (*increment_fn_)(volatile int32_t*);
@@ -102,7 +101,7 @@ public:
     static int32_t (*exchange_fn_)(volatile int32_t*, int32_t);
     static int32_t (*exchange_add_fn_)(volatile int32_t*, int32_t);
 
-    // Fills the table for this machine. Calling it again changes nothing.
+    // Fills the table for this machine. A second call changes nothing.
     static void init_functions();
 
     static int32_t single_cpu_increment(volatile int32_t* aValue);

@@ -21,7 +21,7 @@ constexpr std::array<BYTE, 256> MakeValues() {
 
 constexpr std::array<BYTE, 256> VALUES = MakeValues();
 
-// 6 bits for each letter, the first one's on top; false if one is no letter.
+// aBits (out): 6 bits for each letter, the first letter's on top. false: a character is not a letter of the alphabet.
 bool DecodeLetters(std::string_view aLetters, DWORD& aBits) {
     aBits = 0;
     for (const char c : aLetters) {
@@ -67,7 +67,7 @@ CmResult cm_base64_decode(std::string_view aText, CCmString& aData) {
         DWORD dwBits;
         if (!DecodeLetters(aText.substr(0, nLetters), dwBits))
             return CM_ERROR_INVALID_ARG;
-        // nLetters letters carry nLetters - 1 bytes and, below them, bits that have to be 0.
+        // nLetters letters carry nLetters - 1 bytes. The bits below these bytes have to be 0.
         const size_t nUnused = nLetters * 6 - (nLetters - 1) * 8;
         if (nLetters < 4 && (dwBits & ((1u << nUnused) - 1)) != 0)
             return CM_ERROR_INVALID_ARG;

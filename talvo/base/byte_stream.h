@@ -10,9 +10,9 @@
 #include "talvo/base/types.h"
 #include "talvo/base/with_memory.h"
 
-// Reads from and writes to a block that it does not own. The first failure of a kind (reading, writing) sticks: what follows of
-// that kind is skipped, changes nothing and is traced as well, so that a decoder looks at the result once, at its end.
-// Reading consumes from the whole chain, writing fills the first block only.
+// Reads from and writes to a block that it does not own. The first failure of each kind (reading, writing) is sticky: later
+// operations of that kind change nothing and are traced. A decoder therefore checks the result once, at its end. Reads consume
+// the whole chain; writes fill the first block only.
 template <class BlockType, class ConvertorType>
 class CCmByteStreamT {
 public:
@@ -21,7 +21,7 @@ public:
     CmResult GetReadResult() const { return m_ResultRead; }
     CmResult GetWriteResult() const { return m_ResultWrite; }
 
-    // Integers of 8, 16 and 32 bits, big-endian. A failed read leaves the variable as it was.
+    // Integers of 8, 16 and 32 bits, big-endian. A failed read leaves the variable unchanged.
     template <class Number>
     CCmByteStreamT& operator>>(Number& aValue) {
         Unsigned<Number> value{};
@@ -38,7 +38,7 @@ public:
         return *this;
     }
 
-    // Raw bytes; the sticky result. CM_ERROR_PARTIAL_DATA: the block had or took only a part.
+    // Raw bytes. The sticky result; CM_ERROR_PARTIAL_DATA: the block held, or had room for, only a part.
     CmResult Read(void* aDst, DWORD aCount) {
         DWORD dwDone = 0;
         if (m_ResultRead == CM_OK)
@@ -57,15 +57,15 @@ public:
         return m_ResultWrite;
     }
 
-    // The length in 16 bits, then the bytes, without a terminator. Kept on purpose: a longer text is not refused but written
-    // with its length modulo 65,536 and that many bytes. A null text counts as empty.
+    // Writes the length in 16 bits, then the bytes without a terminator. Kept on purpose: a longer text is not refused; its
+    // length modulo 65,536 is written with that many bytes. A null text counts as empty.
     CmResult WriteString(const char* aStr, DWORD aLen) {
         const WORD wLen = aStr ? static_cast<WORD>(aLen) : WORD{0};
         *this << wLen;
         return wLen > 0 ? Write(aStr, wLen) : m_ResultWrite;
     }
 
-    // What WriteString wrote. aStr is untouched unless CM_OK. CM_ERROR_OUT_OF_MEMORY sticks, too.
+    // aStr (out): a text that WriteString wrote, unchanged unless CM_OK. CM_ERROR_OUT_OF_MEMORY is sticky, too.
     CmResult ReadString(CCmString& aStr) {
         WORD wLen = 0;
         *this >> wLen;

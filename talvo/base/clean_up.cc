@@ -4,7 +4,7 @@
 
 namespace {
 
-CCmCleanUpBase* s_pHead = nullptr;  // guarded by the singleton mutex; the objects own themselves
+CCmCleanUpBase* s_pHead = nullptr;  // guarded by the singleton mutex; the list does not own its objects
 
 using SingletonGuard = CCmMutexGuardT<CCmMutexThreadRecursive>;
 

@@ -4,25 +4,25 @@
 #include "talvo/base/export.h"
 #include "talvo/base/mutex.h"
 
-// Base of process-wide singletons. The constructor puts the object at the head of the list, the destructor takes it out, so the
-// youngest goes first and one that was destroyed by hand is not touched again. Any thread.
+// Base of process-wide singletons. The constructor adds the object at the head of the list, and the destructor removes it.
+// CleanupAll therefore ends the youngest first and skips an object that was destroyed by hand. Any thread.
 class TALVO_API CCmCleanUpBase {
 public:
     CCmCleanUpBase(const CCmCleanUpBase&) = delete;
     CCmCleanUpBase& operator=(const CCmCleanUpBase&) = delete;
 
-    // Calls CleanUp of every listed object, youngest first, until the list is empty. The thread manager, once made, has it run
-    // at process exit unless threads are still about.
+    // Calls CleanUp of every listed object, the youngest first, until the list is empty. The thread manager, once it exists,
+    // runs this at process exit unless threads still run.
     static void CleanupAll();
 
-    // The mutex that guards the list and the creation of singletons. Never destroyed.
+    // Guards the list and the creation of singletons. Never destroyed.
     static CCmMutexThreadRecursive& GetSingletonMutex();
 
 protected:
     CCmCleanUpBase();
     virtual ~CCmCleanUpBase();
 
-    // Ends the object; deletes it unless overridden.
+    // Ends the object. The default deletes it.
     virtual void CleanUp();
 
 private:

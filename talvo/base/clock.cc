@@ -17,17 +17,17 @@ int64_t ReadUsec(clockid_t aClock) {
     return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
 }
 
-std::atomic<ICmClock*> s_pClock{nullptr};  // not owned; null: the system's
+std::atomic<ICmClock*> s_pClock{nullptr};  // not owned; null: the system's clock
 
 int64_t MonotonicUsec() {
     ICmClock* pClock = s_pClock.load(std::memory_order_acquire);
     return pClock ? pClock->GetMonotonicUsec() : ReadUsec(CLOCK_MONOTONIC);
 }
 
-// To ask the system is most of what it costs to schedule a timer, and the processor's own counter takes a third of that: a
-// reading of this thread serves again for a thousand ticks, which is less than a microsecond, the unit of the result, on
-// anything that counts at 1 GHz or more. So it is late by less than one, never ahead, and never goes back within a thread. A
-// counter that jumps, on the way to another processor or in sleep, leaves that range.
+// Asking the system is most of the cost of scheduling a timer; the processor's tick counter costs a third of that. So one
+// reading serves this thread for a thousand ticks. On a counter of 1 GHz or more that is less than one microsecond, the unit of
+// the result. The result is late by less than one, never ahead, and never goes back within a thread. A counter that jumps
+// (another processor, sleep) leaves that range and causes a new reading.
 int64_t RecentSystemUsec() {
 #ifdef __x86_64__
     [[gnu::tls_model("initial-exec")]] static constinit thread_local uint64_t s_ullTicks = 0;
@@ -35,7 +35,7 @@ int64_t RecentSystemUsec() {
     const uint64_t ullTicks = __rdtsc();
     if (ullTicks - s_ullTicks >= 1000) {
         s_llUsec = ReadUsec(CLOCK_MONOTONIC);
-        s_ullTicks = ullTicks;  // from before the reading, so that it counts as older than it is
+        s_ullTicks = ullTicks;  // taken before the reading, so that the reading counts as older than it is
     }
     return s_llUsec;
 #else
@@ -43,7 +43,8 @@ int64_t RecentSystemUsec() {
 #endif
 }
 
-// Taken once per process; a replaced source keeps the offset, so that time does not jump when it starts where the system stood.
+// Computed once per process. A replaced source keeps the offset, so time does not jump if the source starts at the system's
+// time.
 int64_t WallOffsetUsec() {
     static const int64_t s_llOffset = ReadUsec(CLOCK_REALTIME) - ReadUsec(CLOCK_MONOTONIC);
     return s_llOffset;

@@ -1,37 +1,37 @@
-// The library's one source of time. Everything that measures, waits for a timer or stamps a line asks here, so a test or a
-// simulation that replaces the source controls all of it.
+// The library's only source of time. All timers, measurements and time stamps read it, so that a test or a simulation that
+// replaces it controls all of them.
 #pragma once
 
 #include "talvo/base/export.h"
 #include "talvo/base/types.h"
 
-// What a source of time has to offer. Microseconds, 64 bits. Called from any thread, so it must be safe there.
+// A source of time in microseconds, 64 bits. Any thread may call it.
 class TALVO_API ICmClock {
 public:
-    // Time since an arbitrary moment; never goes back.
+    // Time since an arbitrary moment. It never goes back.
     virtual int64_t GetMonotonicUsec() = 0;
-    // Time since 1 January 1970 UTC as the system has it now; may be stepped.
+    // The system's time since 1 January 1970 UTC. It may be stepped.
     virtual int64_t GetWallUsec() = 0;
     virtual ~ICmClock();
 };
 
 class TALVO_API CCmClock {
 public:
-    // The time of day of all time-outs: the wall time taken once, advanced by the monotonic clock. A stepped system clock
-    // therefore moves no time-out. Microseconds since 1970, from the system late by one at most.
+    // The time of day of all time-outs: the wall time, read once and advanced by the monotonic clock. A step of the system
+    // clock therefore moves no time-out. Microseconds since 1970; with the system's clock late by one at most.
     static int64_t GetTimeOfDayUsec();
 
-    // The true wall time, for people to read. Microseconds since 1970.
+    // The wall time for people to read. Microseconds since 1970.
     static int64_t GetWallUsec();
 
-    // Makes aClock the source (null: the system's again) and returns the one before it (null: the system's). aClock is not
-    // owned and must outlive its use. Replace it while no other thread of the library runs, or with a source that goes on
-    // from where the old one stood.
+    // Replaces the source and returns the previous one; null means the system's clock in both cases. aClock is not owned and
+    // must outlive its use. Replace the source while no other thread of the library runs, or by one that continues from the old
+    // time.
     static ICmClock* Replace(ICmClock* aClock);
 };
 
-// Milliseconds on the monotonic clock, wrapping every 49.7 days: use calculate_tick_interval() to subtract two of them.
+// Milliseconds on the monotonic clock. The value wraps every 49.7 days: subtract two with calculate_tick_interval().
 TALVO_API DWORD get_tick_count();
 
-// aEnd - aStart in unsigned 32-bit arithmetic, so that a wrap of the tick counter between the two does no harm.
+// aEnd - aStart in unsigned 32-bit arithmetic, so that one wrap of the tick counter between them does no harm.
 TALVO_API DWORD calculate_tick_interval(unsigned long aStart, unsigned long aEnd);

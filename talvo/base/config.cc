@@ -23,7 +23,7 @@
 
 namespace {
 
-constexpr size_t MAX_FILE_LENGTH = 1 << 20;  // bytes; a longer file is taken for a wrong one and counts as unreadable
+constexpr size_t MAX_FILE_LENGTH = 1 << 20;  // bytes; a longer file counts as unreadable
 constexpr size_t MAX_COMPLAINTS = 100;
 
 using CKey = std::pair<CCmString, CCmString>;
@@ -62,8 +62,8 @@ std::string_view Trim(std::string_view aText) {
     return aText.substr(nFirst, aText.find_last_not_of(BLANKS) - nFirst + 1);
 }
 
-// Why the content of an open file must not be obeyed, or "". A file that another user may write is another user's will. The
-// descriptor is asked and not the path, which may name another file by now.
+// Returns the reason to refuse an open file, or "". A file that another user can write could carry that user's commands. This
+// checks the descriptor, because the path may name another file by now.
 CCmString JudgeRights(HANDLE aFd) {
     struct stat status {};
     if (fstat(aFd, &status) != 0)
@@ -73,7 +73,7 @@ CCmString JudgeRights(HANDLE aFd) {
     return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ? "users other than its owner may write it" : "";
 }
 
-// Closes the file also when memory runs out.
+// Closes the file, even if memory runs out.
 struct CClose {
     ~CClose() { close(m_Fd); }
     const HANDLE m_Fd;
@@ -95,7 +95,7 @@ CCmString DefaultPath() {
     return pDirectory ? CCmString(pDirectory.get()) + "/conf/talvo.cfg" : "/tmp/talvo.cfg";
 }
 
-// A line is a section, a key with its value, or nothing; else it is false.
+// false: the line is neither a section, a key with its value, a comment, nor empty.
 bool ParseLine_l(CConfiguration& aConfiguration, std::string_view aLine, CCmString& aSection)
     CM_REQUIRES(aConfiguration.m_Mutex) {
     aLine = Trim(aLine);
@@ -149,7 +149,7 @@ CmResult Load_l(CConfiguration& aConfiguration, const CCmString& aPath) CM_REQUI
     return CM_OK;
 }
 
-// Null stands for the default path. Without memory there are no keys for now, and the next reader tries again.
+// A null aPath means the default path. If memory runs out, there are no keys for now, and the next reader tries again.
 CmResult TryLoad_l(CConfiguration& aConfiguration, const char* aPath) CM_REQUIRES(aConfiguration.m_Mutex) {
     try {
         return Load_l(aConfiguration, aPath ? CCmString(aPath) : DefaultPath());
@@ -171,7 +171,7 @@ void LoadOnce() {
     talvo::TraceConfigComplaints();
 }
 
-// Calls aUse with the key's value, if it has one: under the lock, so that reading takes no memory.
+// Calls aUse with the key's value, if there is one. aUse runs under the lock, so that no copy takes memory.
 template <class Use>
 void WithValue(const char* aSection, const char* aKey, Use aUse) {
     if (!aSection || !aKey)

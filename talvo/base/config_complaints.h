@@ -1,10 +1,10 @@
-// What the configuration did not take: a refused file, malformed lines. Inner part of configuration and trace.
+// Warnings about the configuration: a refused file, malformed lines. Internal to configuration and trace.
 #pragma once
 
 namespace talvo {
 
-// Traces each once, or keeps them until warnings are on: the trace is often switched on by the very file that has the malformed
-// lines. Any thread, without the configuration's lock held.
+// Traces each warning once, or keeps them until warnings are on: often the file with the malformed lines is also the one that
+// enables the trace. Any thread, without the configuration's lock.
 void TraceConfigComplaints();
 
 }  // namespace talvo

@@ -7,9 +7,9 @@
 
 namespace {
 
-// Blocks of a burst go from thread to thread, and the general allocator gives them back to the system as soon as they have
-// arrived: to get their pages anew costs more than to fill them. So those of the size that bursts are made of are kept, as many
-// as a proxy lets wait.
+// The blocks of a burst travel between threads, and the general allocator returns their pages to the system as soon as they are
+// freed. Getting new pages costs more than filling them. So blocks of the burst size are kept for reuse, as many as a proxy
+// queues.
 constinit talvo::CSpares<64> s_Spares;
 
 bool IsSpared(DWORD aSize) { return talvo::REUSES_MEMORY && aSize == CCmDataBlock::BURST_SIZE; }
@@ -29,7 +29,7 @@ CmResult CCmDataBlock::CreateInstance(CCmDataBlock*& aDb, DWORD aSize, const cha
     return CM_OK;
 }
 
-// Not a plain delete: the allocation is larger than the object, and was made as raw memory.
+// Not a plain delete: the allocation is raw memory and larger than the object.
 void CCmDataBlock::OnReferenceDestory() {
     const bool bSpared = IsSpared(GetLength());
     this->~CCmDataBlock();

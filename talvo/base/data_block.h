@@ -1,4 +1,4 @@
-// The shared storage behind message blocks.
+// The shared storage of message blocks.
 #pragma once
 
 #include <atomic>
@@ -8,21 +8,21 @@
 #include "talvo/base/result.h"
 #include "talvo/base/types.h"
 
-// Bytes of a fixed size, in one allocation with this header, shared by count. The count may change in any thread; who writes
-// the bytes, and when, is agreed by those who hold references.
+// Bytes of a fixed size in one allocation with this header, shared by reference count. Any thread may change the count. The
+// holders of references must agree which of them writes the bytes, and when.
 class TALVO_API CCmDataBlock final : public ICmReferenceControl {
 public:
-    // Blocks of exactly this size are kept for the next of their kind, up to 1 MiB of them: make those of this size that are
-    // many and short-lived.
+    // Freed blocks of exactly this size are kept for reuse, up to 1 MiB in all. Use this size for blocks that are many and
+    // short-lived.
     static constexpr DWORD BURST_SIZE = 16384;
 
-    // Makes a block of aSize bytes with one reference for the caller and fills it from aData, if given; without it the bytes
-    // are not initialised. CM_ERROR_INVALID_ARG: aSize is 0. CM_ERROR_OUT_OF_MEMORY. aDb is untouched unless CM_OK.
+    // aDb (out): a block of aSize bytes with one reference for the caller, unchanged unless CM_OK. The bytes are copied from
+    // aData, or not initialised if it is null. CM_ERROR_INVALID_ARG: aSize is 0. CM_ERROR_OUT_OF_MEMORY.
     static CmResult CreateInstance(CCmDataBlock*& aDb, DWORD aSize, const char* aData);
 
     DWORD AddReference() override { return m_dwReferences.fetch_add(1, std::memory_order_relaxed) + 1; }
     DWORD ReleaseReference() override {
-        // Whoever takes the last one sees what all others did to the bytes before they let go.
+        // Acquire and release: the thread that drops the last reference sees all writes of the other holders.
         const DWORD dwLeft = m_dwReferences.fetch_sub(1, std::memory_order_acq_rel) - 1;
         if (dwLeft == 0)
             OnReferenceDestory();

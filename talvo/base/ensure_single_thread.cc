@@ -4,7 +4,7 @@
 
 namespace {
 
-// 0: not asked yet. Every post and every assertion reads it; the model of thread-local storage spares that a call.
+// 0: not read yet. Every post and every assertion reads it; this model of thread-local storage saves a call.
 [[gnu::tls_model("initial-exec")]] constinit thread_local DWORD s_dwSelfId = 0;
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The record that keeps an object in one thread.
+// Binds an object to one thread.
 #pragma once
 
 #include <cassert>
@@ -6,11 +6,11 @@
 #include "talvo/base/export.h"
 #include "talvo/base/types.h"
 
-// The calling thread's identifier as the system numbers it; never 0.
+// The system's identifier of the calling thread; never 0.
 TALVO_API DWORD cm_thread_self_id();
 
-// Remembers the constructing thread. EnsureSingleThread asserts in builds with assertions that the caller is that thread and
-// does nothing in others.
+// Stores the constructing thread. In builds with assertions EnsureSingleThread asserts that the caller is that thread; in
+// others it does nothing.
 class CCmEnsureSingleThread {
 public:
     CCmEnsureSingleThread() : m_dwThreadId(cm_thread_self_id()) {}

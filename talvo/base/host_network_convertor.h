@@ -1,11 +1,11 @@
-// Byte order on the wire.
+// Conversion to and from network byte order.
 #pragma once
 
 #include <bit>
 
 #include "talvo/base/types.h"
 
-// Between this machine's order and the network's, which is big-endian. The same operation both ways.
+// Converts between this machine's order and the network's, which is big-endian. Both directions are the same operation.
 class CCmHostNetworkConvertorNormal {
 public:
     static BYTE Convert(BYTE aValue) { return aValue; }

@@ -5,8 +5,8 @@
 
 namespace talvo {
 
-// An object in its own memory, for a static variable: threads and the clean-up at exit may use it until the process is gone,
-// and to make it takes no memory from the heap.
+// An object in memory of its own, for a static variable. Threads and the clean-up at exit may use it until the process ends.
+// Its storage takes no memory from the heap.
 template <class Type>
 class CImmortalT {
 public:

@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t MAX_HOST_LENGTH = 255;
 
-// Made before every other static object and never destroyed: they may look at it at any time.
+// Constructed before every other static object and never destroyed, because these may use it at any time.
 union CImmortalAddr {
     CImmortalAddr() : m_Addr() {}
     ~CImmortalAddr() {}
@@ -41,11 +41,11 @@ CmResult CCmInetAddr::Set(const char* aIpAddrAndPort) {
     return talvo::WithMemory([&] { rv = Set_i(aIpAddrAndPort); }) ? rv : CM_ERROR_OUT_OF_MEMORY;
 }
 
-// The name first, since it alone may fail.
+// Assign the name first: only this can fail.
 CmResult CCmInetAddr::Set_i(const char* aHostName, WORD aPort) {
     DWORD dwAddr = 0;
     const BOOL bAddress = IpAddrStringTo4Bytes(aHostName, dwAddr);
-    m_strHostName = bAddress ? "" : aHostName;  // not null: that is an address
+    m_strHostName = bAddress ? "" : aHostName;  // aHostName is not null here: a null name counts as an address
     m_bNoAddress = FALSE;
     m_SockAddr = {AF_INET, htons(aPort), {bAddress ? dwAddr : 0}, {}};
     return TryResolve();

@@ -1,4 +1,4 @@
-// CCmInetAddr::Parse: what people type as an endpoint.
+// CCmInetAddr::Parse: reads an endpoint that a person typed.
 #include <arpa/inet.h>
 
 #include <algorithm>
@@ -22,13 +22,13 @@ bool ConsistsOf(std::string_view aText, std::string_view aLetters) {
     return aText.find_first_not_of(aLetters) == std::string_view::npos;
 }
 
-// Decimal, octal or behind 0x, as inet_addr() reads the parts of an address.
+// Decimal, octal, or hexadecimal behind 0x, as in the parts of an address for inet_addr().
 bool IsNumber(std::string_view aLabel) {
     const bool bHex = aLabel.starts_with("0x") || aLabel.starts_with("0X");
     return bHex ? ConsistsOf(aLabel.substr(2), HEX_DIGITS) : ConsistsOf(aLabel, DIGITS);
 }
 
-// A text whose last label is a number could be taken for an address ("1.2", "0x7f.1", "256.1.1.1"), so it is no name.
+// A text whose last label is a number could be read as an address ("1.2", "0x7f.1", "256.1.1.1"), so it is not a name.
 bool IsHostName(std::string_view aHost) {
     if (aHost.ends_with('.'))
         aHost.remove_suffix(1);

@@ -6,7 +6,7 @@
 
 namespace {
 
-// Filled while the library is loaded, by one thread, and only read afterwards.
+// One thread fills it while the library is loaded. Later it is only read.
 constinit const CCmLiveCounter* s_pCounters = nullptr;
 
 }  // namespace

@@ -1,4 +1,4 @@
-// How many objects of a class are alive, in every build.
+// Counts the objects of a class that are alive, in every build.
 #pragma once
 
 #include <atomic>
@@ -6,11 +6,11 @@
 #include "talvo/base/export.h"
 #include "talvo/base/types.h"
 
-// One static object a counted class, whose constructor and destructor count it up and down. Any thread. Applications look at
-// Dump to see what they have not released.
+// Each counted class has one static counter, which its constructor increments and its destructor decrements. Any thread. Dump
+// shows an application the objects that it has not released.
 class TALVO_API CCmLiveCounter {
 public:
-    // aName must stay valid for ever.
+    // aName must stay valid until the process ends.
     explicit CCmLiveCounter(const char* aName);
     CCmLiveCounter(const CCmLiveCounter&) = delete;
     CCmLiveCounter& operator=(const CCmLiveCounter&) = delete;
@@ -18,11 +18,11 @@ public:
     void operator++() { m_lValue.fetch_add(1, std::memory_order_relaxed); }
     void operator--() { m_lValue.fetch_sub(1, std::memory_order_relaxed); }
 
-    // A line "name count" for every class of which there are objects, in order of name; empty when there are none.
+    // One line "name count" for every class with live objects, sorted by name; empty if there are none.
     static CCmString Dump();
 
 private:
     const char* const m_szName;
     std::atomic<int32_t> m_lValue{0};
-    const CCmLiveCounter* m_pNext;  // the list of all counters, which are never destroyed before the process ends
+    const CCmLiveCounter* m_pNext;  // the list of all counters, which live until the process ends
 };

@@ -1,4 +1,4 @@
-// Memory that is given back and kept to be used again.
+// Freed memory that is kept for reuse.
 #pragma once
 
 #include <array>
@@ -7,7 +7,7 @@
 
 namespace talvo {
 
-// Not under a sanitizer that looks for its use too late, which reuse would hide.
+// Off under the address sanitizer: reuse would hide a use after free from it.
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool REUSES_MEMORY = false;
 #elif defined(__has_feature)
@@ -16,17 +16,17 @@ constexpr bool REUSES_MEMORY = !__has_feature(address_sanitizer);
 constexpr bool REUSES_MEMORY = true;
 #endif
 
-// At most MOST pieces of memory of one size that no thread has, the last first. Any thread. What it holds at the process's end
-// stays: its owners may end late.
+// A stack of at most MOST free pieces of memory of one size. Any thread. The pieces are not freed at process exit, because
+// their users may end later.
 template <size_t MOST>
 class CSpares {
 public:
-    // Null: there is none.
+    // Null: the stack is empty.
     void* Take() {
         const std::lock_guard guard(m_Mutex);
         return m_nCount > 0 ? m_Spares[--m_nCount] : nullptr;
     }
-    // False: there is no room, and the memory stays the caller's.
+    // false: the stack is full, and the memory stays the caller's.
     bool Give(void* aMemory) {
         const std::lock_guard guard(m_Mutex);
         if (m_nCount == MOST)

@@ -9,10 +9,10 @@
 
 namespace {
 
-// What is never taken over from the flags a constructor is given: the lock bits and how the memory was come by.
+// The flags that a constructor does not copy: the lock bits and the origin of the memory.
 constexpr DWORD NOT_INHERITED = 0xFF03;
 
-// The system's functions may not be given null pointers, not even for no bytes.
+// The system's functions refuse null pointers, even for 0 bytes.
 void CopyBytes(void* aDst, const void* aSrc, DWORD aCount) {
     if (aDst && aSrc && aCount > 0)
         std::memcpy(aDst, aSrc, aCount);
@@ -196,7 +196,7 @@ CCmMessageBlock* CCmMessageBlock::MakeAllDuplicated(CCmMessageBlock* aHead) {
             "CCmMessageBlock::Disjoint, there are not DUPLICATED blocks behind the disjointed block. this=" << pMb);
         CCmMessageBlock* pCopy = pMb->DuplicateTopLevel();
         if (!pCopy) {
-            // Everything before it is a duplicate by now and would be lost.
+            // All blocks before it are duplicates, and no other pointer to them is left.
             if (aHead != pMb)
                 aHead->DestroyChained();
             return nullptr;
@@ -220,7 +220,7 @@ void CCmMessageBlock::DestroyChained() {
 }
 
 CCmMessageBlock* CCmMessageBlock::ReclaimGarbage() {
-    CCmMessageBlock* pKept = nullptr;  // the last one passed that is not ours to free
+    CCmMessageBlock* pKept = nullptr;  // the last visited block that must not be freed
     CCmMessageBlock* pMb = this;
     while (pMb && pMb->m_pReadPtr == pMb->m_pWritePtr) {
         CCmMessageBlock* pNext = pMb->m_pNext;

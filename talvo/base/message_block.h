@@ -1,4 +1,4 @@
-// What every byte travels in: a chain of views on shared storage.
+// A chain of views on shared storage, which carries all data through the library.
 #pragma once
 
 #include <sys/uio.h>
@@ -13,35 +13,35 @@
 //  |--- consumed ----|---- unread ----|----- space -----|           begin <= read <= write <= end
 //
 // One view, linked to the next of its chain. "Top-level" means this view alone, "chained" this view and all behind it. A chain
-// belongs to one thread at a time; only the storage behind it may be shared with other threads.
+// belongs to one thread at a time; only its storage may be shared with other threads.
 //
-// Who frees what: a block made by a Duplicate... or by Disjoint carries the bit DUPLICATED, and its chain is freed with
-// DestroyChained. A block made by its constructor belongs to whoever made it, and its destructor leaves the chain behind it
-// alone. A layer that keeps data keeps a DuplicateChained and advances the caller's read position by what it took.
+// Ownership and deletion: a block from a Duplicate... function or from Disjoint carries the bit DUPLICATED, and DestroyChained
+// frees its chain. A block from a constructor belongs to its creator, and its destructor does not touch the blocks behind it. A
+// layer that keeps data takes a DuplicateChained and advances the caller's read position by that many bytes.
 //
-// Duplicating, cutting and appending copy no payload, except that a view on foreign memory is copied when it is duplicated.
+// Duplicating, cutting and appending copy no payload, with one exception: a duplicate of a view on foreign memory is a copy.
 class TALVO_API CCmMessageBlock {
 public:
     enum : DWORD {
-        DONT_DELETE = 0x1,      // views memory that it does not own
-        MALLOC_AND_COPY = 0x2,  // for the constructor: own storage even though a pointer is given
+        DONT_DELETE = 0x1,      // a view on memory that it does not own
+        MALLOC_AND_COPY = 0x2,  // for the constructor: allocate storage although a pointer is given
         READ_LOCKED = 0x100,
         WRITE_LOCKED = 0x200,
-        DUPLICATED = 0x20000  // freed by DestroyChained
+        DUPLICATED = 0x20000  // DestroyChained frees it
     };
 
-    // With aData and without MALLOC_AND_COPY: a view on the caller's aSize bytes, which must outlive it. Otherwise new storage
-    // of aSize bytes, not initialised (aData is not copied even then: the caller writes), or none for size 0 or when memory
-    // ran out: GetTopLevelSpace() tells. The write position then advances by aAdvanceWritePtrSize, or not at all if that does
-    // not fit.
+    // With aData and without MALLOC_AND_COPY: a view on the caller's aSize bytes, which must outlive it. Otherwise: new storage
+    // of aSize bytes, not initialised; even then the caller, not the constructor, copies aData. There is no storage for size 0
+    // or if memory ran out: check GetTopLevelSpace(). The write position then advances by aAdvanceWritePtrSize, or not at all
+    // if that does not fit.
     explicit CCmMessageBlock(DWORD aSize, const char* aData = nullptr, DWORD aFlag = 0, DWORD aAdvanceWritePtrSize = 0);
 
-    // An empty view on the whole of aDb, which may be null; holds a reference. A CCmDataBlock* will do; a plain 0 is a size.
+    // An empty view on the whole of aDb, which may be null. Holds a reference. A CCmDataBlock* converts; a plain 0 is a size.
     explicit CCmMessageBlock(CCmRefPtrT<CCmDataBlock> aDb, DWORD aFlag = 0);
 
-    // A view on the first aLength unread bytes (or as many as there are) of aSource alone, sharing its storage or, if that is
-    // foreign, viewing it likewise. It has no space behind them: who writes to it, or to a duplicate, cannot reach what
-    // follows.
+    // A view on the first aLength unread bytes of aSource alone, or on all of them if there are fewer. It shares aSource's
+    // storage; foreign memory is viewed, not copied. It has no space, so that a write to it or to its duplicate cannot reach
+    // the bytes behind it.
     CCmMessageBlock(const CCmMessageBlock& aSource, DWORD aLength);
 
     ~CCmMessageBlock() = default;
@@ -55,7 +55,7 @@ public:
     CCmMessageBlock* GetNext() const { return m_pNext; }
     DWORD GetFlag() const { return m_Flag; }
 
-    // CM_ERROR_NOT_AVAILABLE, and nothing moves, beyond the unread bytes or the space.
+    // CM_ERROR_NOT_AVAILABLE: aCount exceeds the unread bytes or the space, and nothing moves.
     CmResult AdvanceTopLevelReadPtr(DWORD aCount) {
         if (aCount > GetTopLevelLength())
             return CM_ERROR_NOT_AVAILABLE;
@@ -69,53 +69,54 @@ public:
         return CM_OK;
     }
 
-    // The operations below that take a count do as much as there is, store it in their last DWORD* (may be null) and return
-    // CM_OK, or CM_ERROR_PARTIAL_DATA when that was not all.
+    // The operations below that have a count do as much as possible. Their last parameter (out, may be null) is the count done.
+    // They return CM_OK, or CM_ERROR_PARTIAL_DATA if that is less than the count asked for.
 
-    // Copies from the whole chain to aDst (null: nowhere) and, with aAdvance, consumes what it copied.
+    // Copies from the whole chain to aDst (null: skips the copy) and, with aAdvance, consumes the copied bytes.
     CmResult Read(void* aDst, DWORD aCount, DWORD* aRead = nullptr, BOOL aAdvance = TRUE);
-    // Copies from aSrc (null: leaves the bytes as they are) into this block alone.
+    // Copies from aSrc (null: leaves the bytes unchanged) into this block alone.
     CmResult Write(const void* aSrc, DWORD aCount, DWORD* aWritten = nullptr);
     CmResult AdvanceChainedReadPtr(DWORD aCount, DWORD* aDone = nullptr) { return Read(nullptr, aCount, aDone, TRUE); }
-    // For a chain that was filled in place. Also stops, with CM_ERROR_PARTIAL_DATA and a line, at a block that was read from.
+    // For a chain that was filled in place. Also stops, with CM_ERROR_PARTIAL_DATA and a trace line, at a block that was read
+    // from.
     CmResult AdvanceChainedWritePtr(DWORD aCount, DWORD* aDone = nullptr);
 
     DWORD GetChainedLength() const;
     DWORD GetChainedSpace() const;
 
-    // Links aMb behind the last block; nothing happens for null or a block that the chain holds already. Ownership is not
-    // touched: the DUPLICATED bits say who frees what.
+    // Links aMb behind the last block. Does nothing for null or for a block that is in the chain already. Ownership does not
+    // change: the DUPLICATED bits determine it.
     void Append(CCmMessageBlock* aMb);
 
-    // A heap block with the same positions over the same storage (over a copy of it, when it is foreign memory); null when
-    // memory ran out. The lock bits are not inherited.
+    // A heap block with the same positions over the same storage, or over a copy of foreign memory. Null: memory ran out. The
+    // lock bits are not inherited.
     CCmMessageBlock* DuplicateTopLevel() const;
     CCmMessageBlock* DuplicateChained() const;
 
-    // Cuts the chain behind aStart unread bytes and returns the second part, all of it DUPLICATED (blocks that were not are
-    // replaced by duplicates, with a line). Null, and nothing is cut, when there is nothing behind. Null also when memory ran
-    // out: the chain is then whole, or ends at the cut if replacing is what failed.
+    // Cuts the chain behind aStart unread bytes and returns the second part. Every block of that part is DUPLICATED; a block
+    // that was not is replaced by a duplicate, with a trace line. Null, and nothing is cut: there is no byte behind. Null also
+    // if memory ran out: the chain is then whole, or ends at the cut if the replacement failed.
     CCmMessageBlock* Disjoint(DWORD aStart);
 
-    // Frees this block and those behind it as far as they are DUPLICATED. Stops with a line at the first that is not: that one
-    // and what hangs behind it stay with their owner.
+    // Frees this block and the blocks behind it up to the first that is not DUPLICATED. There it stops with a trace line; that
+    // block and those behind it stay with their owner.
     void DestroyChained();
 
-    // Drops fully read blocks from the front, freeing those that are DUPLICATED, and returns the first with unread bytes, null
-    // if there is none. A block that is not freed stays linked to what remains.
+    // Removes fully read blocks from the front and frees those that are DUPLICATED. Returns the first block with unread bytes,
+    // or null. A removed block that is not freed stays linked to the rest.
     CCmMessageBlock* ReclaimGarbage();
 
-    // Makes a single block empty again. On a chain every block gets the write position of the first one's begin, so that only
-    // the first is usable afterwards: rewind blocks one by one.
+    // Makes a single block empty again. In a chain every block's write position becomes the first block's begin, so that only
+    // the first is usable afterwards: rewind the blocks one by one.
     void RewindChained();
 
-    // Up to aMax entries for the non-empty blocks, in order; how many were filled.
+    // aIov (out): an entry for each of the first aMax non-empty blocks, in order. Returns the number of entries.
     DWORD FillIov(iovec* aIov, DWORD aMax) const;
 
     // All unread bytes as one string.
     CCmString FlattenChained() const;
 
-    // Marks for the users of a block; no operation tests them.
+    // Marks for the users of a block. No operation checks them.
     void LockReading() { m_Flag |= READ_LOCKED; }
     void LockWriting() { m_Flag |= WRITE_LOCKED; }
 

@@ -1,4 +1,4 @@
-// The mutexes and their scope guard, which is the only way the library takes them.
+// The mutexes and their scope guard. The library locks them only through the guard.
 #pragma once
 
 #include <pthread.h>
@@ -8,7 +8,7 @@
 #include "talvo/base/result.h"
 #include "talvo/base/thread_annotations.h"
 
-// Owns one system mutex. Recursive: the thread that holds it may take it again and gives it back as often.
+// Owns one system mutex. It is recursive: the holding thread may lock it again and must unlock it as often.
 class CM_CAPABILITY("mutex") TALVO_API CCmMutexThreadBase {
 public:
     CCmMutexThreadBase();
@@ -18,7 +18,7 @@ public:
 
     CmResult Lock() CM_ACQUIRE();          // waits; CM_OK
     CmResult UnLock() CM_RELEASE();        // CM_OK
-    CmResult TryLock() CM_TRY_ACQUIRE(0);  // CM_OK if taken, else CM_ERROR_FAILURE; never waits
+    CmResult TryLock() CM_TRY_ACQUIRE(0);  // CM_OK, or CM_ERROR_FAILURE if it is locked; never waits
 
     // The system's object, for the condition variable.
     pthread_mutex_t& GetMutexType() { return m_Lock; }
@@ -27,11 +27,11 @@ private:
     pthread_mutex_t m_Lock;
 };
 
-// Two names for the same thing: both are recursive.
+// Two names for one mutex: both are recursive.
 class TALVO_API CCmMutexThread : public CCmMutexThreadBase {};
 class TALVO_API CCmMutexThreadRecursive : public CCmMutexThreadBase {};
 
-// The mutex of objects that belong to one thread: taking it only asserts that.
+// The mutex of objects that belong to one thread. A lock only asserts the thread.
 class CM_CAPABILITY("mutex") CCmMutexNullSingleThread {
 public:
     CmResult Lock() CM_ACQUIRE() {
@@ -44,14 +44,14 @@ public:
     }
     CmResult TryLock() CM_TRY_ACQUIRE(0) { return CM_OK; }
 
-    // For calls that refuse another thread.
+    // For calls that refuse other threads.
     BOOL IsCurrentThread() const { return m_Est.IsCurrentThread(); }
 
 private:
     CCmEnsureSingleThread m_Est;
 };
 
-// Holds a mutex of any of the types above for the length of a scope.
+// Holds a mutex of any type above for a scope.
 template <class MutexType>
 class CM_SCOPED_CAPABILITY CCmMutexGuardT {
 public:

@@ -1,20 +1,20 @@
-// How an address gets at the addresses of a name without knowing who resolves names.
+// The interface through which an address resolves its name, independent of the resolver.
 #pragma once
 
 #include "talvo/base/export.h"
 #include "talvo/base/result.h"
 #include "talvo/base/types.h"
 
-// Filled by whoever resolves names for the process; an application may bring its own.
+// The process's name resolver implements it. An application may install its own.
 class TALVO_API ICmNameResolver {
 public:
-    // Never waits. CM_OK: aAddr is the first address of aName (network byte order) if the cache knows it, 0xFFFFFFFF if it
-    // knows that the name has none. CM_ERROR_WOULD_BLOCK: a look-up is under way. Anything else: it cannot be looked up. Any
+    // Never waits. aAddr (out): the first cached address of aName in network byte order, or 0xFFFFFFFF if the name has none.
+    // CM_OK: from the cache. CM_ERROR_WOULD_BLOCK: a look-up is under way. Any other result: the name cannot be looked up. Any
     // thread.
     virtual CmResult ResolveFromCache(const CCmString& aName, DWORD& aAddr) = 0;
     virtual ~ICmNameResolver();
 
-    // The process-wide slot; null while nobody has filled it. Not owned.
+    // The process-wide resolver; null until one is installed. Not owned.
     static ICmNameResolver* Get();
     static void Set(ICmNameResolver* aResolver);
 };

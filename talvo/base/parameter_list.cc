@@ -8,7 +8,8 @@
 namespace {
 
 constexpr std::string_view SPECIAL = ";=\\";
-constexpr size_t MAX_TEXT = 2 * CCmParameterList::MAX_BYTES + 2 * CCmParameterList::MAX_PAIRS;  // of any list within bounds
+constexpr size_t MAX_TEXT =
+    2 * CCmParameterList::MAX_BYTES + 2 * CCmParameterList::MAX_PAIRS;  // the longest text of a list within the limits
 
 void AppendEscaped(CCmString& aText, std::string_view aPart) {
     for (const char c : aPart) {
@@ -18,8 +19,8 @@ void AppendEscaped(CCmString& aText, std::string_view aPart) {
     }
 }
 
-// Takes the front of aText up to one of aEnds that has no backslash, without the backslashes, into aPart. aEnd: which one it
-// was, and it is taken off too; 0 at the end of the text. False: a wrong backslash.
+// Moves the front of aText, up to the first of aEnds without a backslash, to aPart (out) and removes the backslashes. aEnd
+// (out): the delimiter, which is also removed, or 0 at the end of the text. False: a wrong backslash.
 bool TakePart(std::string_view& aText, std::string_view aEnds, CCmString& aPart, char& aEnd) {
     aEnd = 0;
     while (!aText.empty()) {
@@ -48,7 +49,7 @@ CmResult CCmParameterList::Set(std::string_view aName, std::string_view aValue) 
 }
 
 CmResult CCmParameterList::Set_i(std::string_view aName, std::string_view aValue) {
-    CPair pair(aName, aValue);  // first of all, the arguments may be parts of this list
+    CPair pair(aName, aValue);  // copied first: the arguments may be parts of this list
     const auto isNamed = [&pair](const CPair& aPair) { return aPair.first == pair.first; };
     const auto itFirst = std::find_if(m_Pairs.begin(), m_Pairs.end(), isNamed);
     if (itFirst == m_Pairs.end())

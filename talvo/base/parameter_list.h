@@ -9,12 +9,12 @@
 #include "talvo/base/result.h"
 #include "talvo/base/types.h"
 
-// Pairs of a name and a value in the order they were added. Both are bytes without a meaning to the list; names are compared
-// exactly, may be empty, and may occur more than once. Bounded, since lists come from peers. Not shared between threads without
-// a lock.
+// Pairs of a name and a value, in the order of insertion. Both are bytes without a meaning to the list. Names are compared
+// exactly, may be empty, and may occur more than once. The list has limits, because peers send lists. Do not share it between
+// threads without a lock.
 //
-// As text a list is "name=value;name=value", with a backslash before each ';', '=' and '\' that belongs to a name or value; no
-// pairs at all are the empty text. Every list survives Print and Parse.
+// As text a list is "name=value;name=value", with a backslash before each ';', '=' and '\' of a name or value. The text of an
+// empty list is empty. Print and Parse preserve every list.
 class TALVO_API CCmParameterList {
 public:
     using CPair = std::pair<CCmString, CCmString>;
@@ -22,14 +22,14 @@ public:
     static constexpr size_t MAX_PAIRS = 1024;
     static constexpr size_t MAX_BYTES = 64 * 1024;  // names and values together
 
-    // The operations that return a result give CM_ERROR_OUT_OF_MEMORY besides what they list, and nothing changes.
+    // Every operation with a result may also return CM_ERROR_OUT_OF_MEMORY; nothing changes then.
 
-    // Set gives the name this one value: in the place of its first pair, removing others, or at the end. Append adds a pair at
-    // the end, whether the name is there or not. CM_ERROR_NOT_AVAILABLE, and nothing changes: the list would pass its bounds.
+    // Set gives the name this one value: it replaces the name's first pair and removes the others, or adds a pair at the end.
+    // Append always adds a pair at the end. CM_ERROR_NOT_AVAILABLE: the list would exceed its limits, and nothing changes.
     CmResult Set(std::string_view aName, std::string_view aValue);
     CmResult Append(std::string_view aName, std::string_view aValue);
 
-    // The first value of the name. CM_ERROR_NOT_FOUND, and aValue is untouched.
+    // aValue (out): the first value of the name. CM_ERROR_NOT_FOUND, and aValue is unchanged.
     CmResult Get(std::string_view aName, CCmString& aValue) const;
 
     // Removes every pair of the name. CM_ERROR_NOT_FOUND: there is none.
@@ -42,9 +42,9 @@ public:
 
     CCmString Print() const;
 
-    // Replaces the list. An '=' in a value may stand without its backslash. CM_ERROR_INVALID_ARG: a pair without '=' (also the
-    // empty one behind a last ';'), or a backslash before anything else. CM_ERROR_NOT_AVAILABLE: beyond the bounds. Both leave
-    // the list as it was.
+    // Replaces the list. An '=' in a value needs no backslash. CM_ERROR_INVALID_ARG: a pair has no '=' (this includes the empty
+    // pair behind a last ';'), or a backslash precedes any other character. CM_ERROR_NOT_AVAILABLE: beyond the limits. After
+    // both the list is unchanged.
     CmResult Parse(std::string_view aText);
 
 private:

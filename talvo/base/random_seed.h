@@ -1,4 +1,4 @@
-// Seeds for hashes whose input strangers choose.
+// Seeds for hashes whose input comes from peers.
 #pragma once
 
 #include <cstdint>
@@ -7,8 +7,8 @@
 
 namespace talvo {
 
-// 64 bits that nobody outside the process can guess. Does not wait and does not fail: without the system's random numbers they
-// come from the clock and the addresses of the process. Any thread.
+// 64 bits that cannot be guessed outside the process. Does not wait and does not fail: if the system has no random numbers,
+// they come from the clock and the addresses of the process. Any thread.
 TALVO_API uint64_t random_seed();
 
 }  // namespace talvo

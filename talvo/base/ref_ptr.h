@@ -1,11 +1,11 @@
-// The one holder of reference-counted objects.
+// The holder of reference-counted objects.
 #pragma once
 
 #include <cstddef>
 #include <utility>
 
-// Holds one reference on an object with AddReference and ReleaseReference, or nothing. Copying adds a reference, moving hands
-// it on. Not itself safe to change from two threads at once, whatever the object is.
+// Holds one reference on an object with AddReference and ReleaseReference, or null. A copy adds a reference, a move transfers
+// it. Two threads must not change one holder at once, whatever the object is.
 template <class Type>
 class CCmRefPtrT {
 public:
@@ -26,23 +26,23 @@ public:
         return *this;
     }
 
-    // Takes over a reference that somebody added already, as the factories hand them out.
+    // Takes over a reference that was added before, as from a factory.
     static CCmRefPtrT Adopt(Type* aObject) {
         CCmRefPtrT result;
         result.m_pObject = aObject;
         return result;
     }
 
-    // Lets go. The holder is empty before the object hears of it, since that may delete the holder's owner.
+    // Releases the reference. The holder is emptied first, because the release may delete the holder's owner.
     void Reset() {
         if (Type* pObject = std::exchange(m_pObject, nullptr))
             pObject->ReleaseReference();
     }
 
-    // Gives the reference away: the caller releases it.
+    // Transfers the reference to the caller, which releases it.
     Type* Detach() { return std::exchange(m_pObject, nullptr); }
 
-    // For out-parameters that return an object with a reference for the caller. Lets go of what it held.
+    // For (out) parameters that return an object with a reference for the caller. Releases the old one.
     Type*& ParaOut() {
         Reset();
         return m_pObject;

@@ -1,21 +1,21 @@
-// Shared ownership by reference count: the interface and the counting base. The variants that delete later, from a timer or an
-// event of the owning thread, stand in talvo/event/.
+// Shared ownership by reference count: the interface and the counting base. talvo/event/ has the variants that delete later,
+// from a timer or an event of the owning thread.
 #pragma once
 
 #include "talvo/base/atomic_operation.h"
 #include "talvo/base/export.h"
 #include "talvo/base/types.h"
 
-// Every interface that crosses a layer begins with these three. An object is made with count 0; its maker adds the first
-// reference for the caller. Hold references in a CCmRefPtrT.
+// Every interface that crosses a layer begins with these three functions. A new object has the count 0; its factory adds the
+// first reference for the caller. Hold references in a CCmRefPtrT.
 class TALVO_API ICmReferenceControl {
 public:
     virtual DWORD AddReference() = 0;      // the new count
-    virtual DWORD ReleaseReference() = 0;  // the new count; at 0 the object is gone, or goes as soon as it safely can
+    virtual DWORD ReleaseReference() = 0;  // the new count; at 0 the object is deleted now or as soon as that is safe
     virtual ~ICmReferenceControl();
 };
 
-// Counts. MutexType is CCmMutexNullSingleThread for objects of one thread, CCmMutexThread for objects of several.
+// The reference count. MutexType is CCmMutexNullSingleThread for objects of one thread, CCmMutexThread for objects of several.
 template <class MutexType>
 class CCmReferenceControlT {
 public:
@@ -34,8 +34,8 @@ protected:
     CCmReferenceControlT() = default;
     virtual ~CCmReferenceControlT() = default;
 
-    // The count has returned to 0, which happens once. Kept out of line: inlined into a class that has this as its second base,
-    // GCC 12 takes the deletion for one of a pointer into the middle of an object.
+    // Called once, when the count has returned to 0. Not inlined: in a class that has this as its second base, GCC 12 would
+    // take the delete for one of a pointer into the middle of an object.
     [[gnu::noinline]] virtual void OnReferenceDestory() { delete this; }
 
 private:

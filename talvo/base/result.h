@@ -1,11 +1,11 @@
-// Result codes: what nearly every operation returns, and the reasons given to disconnect and connect indications.
+// Result codes: the return values of nearly all operations, and the reasons in disconnect and connect indications.
 #pragma once
 
 #include "talvo/base/export.h"
 #include "talvo/base/types.h"
 
-// CM_OK is success, every failure is positive. 10001 to 10014 are general; those from 20001 on are network reasons, which are
-// also passed as aReason. The gaps (20002, 20010, ...) are not used. docs/result-codes.md says what a caller can do about each.
+// CM_OK is success; every failure is positive. 10001 to 10014 are general. Those from 20001 on are network reasons, which are
+// also passed as aReason. The gaps (20002, 20010, ...) are not used. docs/result-codes.md says for each what a caller can do.
 using CmResult = int32_t;
 
 #define CM_FOR_EACH_RESULT(X)                                                                            \
@@ -15,7 +15,7 @@ using CmResult = int32_t;
     X(CM_ERROR_ALREADY_INITIALIZED, 10003)              /* opened, started or created twice */           \
     X(CM_ERROR_NOT_IMPLEMENTED, 10004)                  /* this class does not offer the operation */    \
     X(CM_ERROR_NULL_POINTER, 10005)                     /* a required object is missing or gone */       \
-    X(CM_ERROR_UNEXPECTED, 10006)                       /* an internal call failed where it cannot */    \
+    X(CM_ERROR_UNEXPECTED, 10006)                       /* an internal call failed unexpectedly */       \
     X(CM_ERROR_OUT_OF_MEMORY, 10007)                    /* an object could not be created */             \
     X(CM_ERROR_INVALID_ARG, 10008)                      /* an argument is out of range or unknown */     \
     X(CM_ERROR_NOT_AVAILABLE, 10009)                    /* not possible now */                           \
@@ -37,5 +37,5 @@ using CmResult = int32_t;
 CM_FOR_EACH_RESULT(CM_DECLARE_RESULT)
 #undef CM_DECLARE_RESULT
 
-// The name of a code as it stands above ("CM_ERROR_TIMEOUT"), "unknown" for any other number. The text is static.
+// The name of a code as above ("CM_ERROR_TIMEOUT"), or "unknown" for any other number. The text is static.
 TALVO_API const char* cm_result_name(CmResult aResult);

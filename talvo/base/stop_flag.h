@@ -1,9 +1,9 @@
-// The flag with which a thread's loop is told to end.
+// The flag that ends a thread's loop.
 #pragma once
 
 #include "talvo/base/ensure_single_thread.h"
 
-// Stopped when constructed. Belongs to the thread whose loop it ends; every operation asserts that.
+// Initially stopped. Belongs to the thread that runs the loop; every operation asserts that thread.
 class CCmStopFlag {
 public:
     void SetStartFlag() {
@@ -19,7 +19,7 @@ public:
         return m_bStopped;
     }
 
-    // Hands the flag to the calling thread.
+    // Transfers the flag to the calling thread.
     void Reset2CurrentThreadId() { m_Est.Reset2CurrentThreadId(); }
 
 private:

@@ -9,7 +9,7 @@ namespace {
 
 constexpr int64_t NSEC_PER_SEC = 1000000000;
 
-// The moment on the system's monotonic clock that is aTimeout away; nothing for no limit.
+// The time on the system's monotonic clock at which aTimeout ends; nullopt without a limit.
 std::optional<timespec> Deadline(const CCmTimeValue* aTimeout) {
     if (!aTimeout)
         return std::nullopt;
@@ -72,7 +72,7 @@ CmResult CCmEventThread::Wait(CCmTimeValue* aTimeout) {
     return CM_OK;
 }
 
-// Signalled with the mutex held: a waiter that destroys the event as soon as its wait returns does not find us in it.
+// Signals with the mutex held. A waiter may destroy the event as soon as its wait returns, and this call must be over then.
 CmResult CCmEventThread::Signal() {
     CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
     m_bSignalled = TRUE;

@@ -1,5 +1,5 @@
-// Condition variable, event and semaphore. Every wait takes the longest time to wait (null: without limit), measured on the
-// system's monotonic clock and not on the replaceable one: a thread really sleeps.
+// Condition variable, event and semaphore. The parameter of every wait is its longest duration (null: no limit). It is measured
+// on the system's monotonic clock and not on the replaceable one, because the thread really sleeps.
 #pragma once
 
 #include <pthread.h>
@@ -8,7 +8,7 @@
 #include "talvo/base/mutex.h"
 #include "talvo/base/time_value.h"
 
-// A condition variable bound for life to one mutex, which must outlive it.
+// A condition variable of one mutex, which must outlive it.
 class TALVO_API CCmConditionVariableThread {
 public:
     explicit CCmConditionVariableThread(CCmMutexThread& aMutex);
@@ -16,8 +16,8 @@ public:
     CCmConditionVariableThread(const CCmConditionVariableThread&) = delete;
     CCmConditionVariableThread& operator=(const CCmConditionVariableThread&) = delete;
 
-    // Gives the mutex back while waiting; the caller holds it exactly once. CM_OK: woken (perhaps for nothing: look again),
-    // CM_ERROR_TIMEOUT, or CM_ERROR_FAILURE when the system refuses.
+    // Releases the mutex while it waits; the caller must hold it exactly once. CM_OK: woken, perhaps spuriously: check the
+    // condition again. CM_ERROR_TIMEOUT. CM_ERROR_FAILURE: the system refuses.
     CmResult Wait(CCmTimeValue* aTimeout = nullptr);
     CmResult Signal();     // wakes one waiter; CM_OK
     CmResult Broadcast();  // wakes all; CM_OK
@@ -30,15 +30,15 @@ private:
     pthread_cond_t m_Condition;
 };
 
-// A flag that threads wait for. Auto-reset: one wait is let through by each Signal and takes it away. Manual reset: it stays
+// A flag that threads wait for. Auto-reset: each Signal releases one wait and is then cleared. Manual reset: the flag stays set
 // until Reset. Any thread.
 class TALVO_API CCmEventThread {
 public:
     explicit CCmEventThread(BOOL aManualReset = FALSE, BOOL aSignalled = FALSE);
 
     CmResult Wait(CCmTimeValue* aTimeout = nullptr);  // CM_OK, CM_ERROR_TIMEOUT or CM_ERROR_FAILURE
-    CmResult Signal();                                // lets one wait (auto) or all waits (manual) through; CM_OK
-    CmResult Reset();                                 // not signalled; CM_OK
+    CmResult Signal();                                // releases one wait (auto-reset) or all (manual reset); CM_OK
+    CmResult Reset();                                 // clears the flag; CM_OK
 
 private:
     CCmMutexThread m_Mutex;
@@ -54,8 +54,8 @@ public:
 
     CmResult Lock(CCmTimeValue* aTimeout = nullptr);  // takes one; CM_OK, CM_ERROR_TIMEOUT or CM_ERROR_FAILURE
     CmResult TryLock();                               // CM_OK, or CM_ERROR_FAILURE when the count is 0
-    CmResult UnLock();                                // gives one; CM_ERROR_FAILURE when it stands at the maximum
-    CmResult PostN(DWORD aCount);                     // gives all of aCount or, over the maximum, none and CM_ERROR_FAILURE
+    CmResult UnLock();                                // adds one; CM_ERROR_FAILURE at the maximum
+    CmResult PostN(DWORD aCount);  // adds all of aCount; or, if that exceeds the maximum, none, and CM_ERROR_FAILURE
 
 private:
     CCmMutexThread m_Mutex;

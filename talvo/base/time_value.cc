@@ -17,14 +17,14 @@ constinit const CCmTimeValue CCmTimeValue::s_tvZero{};
 constinit const CCmTimeValue CCmTimeValue::s_tvMax{NormalisedTag{}, std::numeric_limits<int32_t>::max(),
                                                    static_cast<int32_t>(USEC_PER_SEC - 1)};
 
-// Dividing one signed total truncates toward zero, which is the normal form: the remainder has the sign of the whole.
+// The division of one signed total truncates toward zero. This is the normal form: the remainder has the sign of the whole.
 CCmTimeValue CCmTimeValue::FromUsec(int64_t aUsec) {
     const int64_t llUsec = std::clamp(aUsec, -MAX_USEC, MAX_USEC);
     return {NormalisedTag{}, static_cast<int32_t>(llUsec / USEC_PER_SEC), static_cast<int32_t>(llUsec % USEC_PER_SEC)};
 }
 
 void CCmTimeValue::Set(long aSec, long aUsec) {
-    // Seconds are bounded before they are multiplied: whatever microseconds follow, 64 bits then hold the sum.
+    // Limits the seconds before the multiplication, so that 64 bits hold the sum for any number of microseconds.
     constexpr long SEC_LIMIT = std::numeric_limits<long>::max() / (4 * USEC_PER_SEC);
     constexpr long USEC_LIMIT = std::numeric_limits<long>::max() / 2;
     const int64_t llSec = std::clamp(aSec, -SEC_LIMIT, SEC_LIMIT);

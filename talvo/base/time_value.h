@@ -1,4 +1,4 @@
-// Seconds and microseconds: the value of every time-out, interval and timestamp.
+// Seconds and microseconds: the type of every time-out, interval and time stamp.
 #pragma once
 
 #include <sys/time.h>
@@ -6,14 +6,14 @@
 #include "talvo/base/export.h"
 #include "talvo/base/types.h"
 
-// A plain value of two signed 32-bit fields. It is always normalised: the microseconds stay below one million in magnitude and
-// never have the opposite sign of the seconds. What does not fit (a very large interval, the year 2038) saturates at s_tvMax
-// or its negative. Not shared between threads without a lock.
+// A plain value of two signed 32-bit fields, always normalised: the microseconds are below one million in magnitude and never
+// have the opposite sign of the seconds. A value that does not fit (a very large interval, the year 2038) saturates at s_tvMax
+// or its negative. Do not share it between threads without a lock.
 class TALVO_API CCmTimeValue {
 public:
     constexpr CCmTimeValue() = default;
     explicit CCmTimeValue(long aSec) { Set(aSec, 0); }
-    explicit CCmTimeValue(int aSec) { Set(aSec, 0); }  // a plain number is neither long nor double
+    explicit CCmTimeValue(int aSec) { Set(aSec, 0); }  // without it, an int would be ambiguous between long and double
     CCmTimeValue(long aSec, long aUsec) { Set(aSec, aUsec); }
     explicit CCmTimeValue(const timeval& aTv) { Set(aTv); }
     explicit CCmTimeValue(double aSec) { Set(aSec); }  // seconds; a NaN counts as 0
@@ -25,21 +25,21 @@ public:
 
     long GetSec() const { return m_lSec; }
     long GetUsec() const { return m_lUsec; }
-    // Wraps beyond about 24.8 days, as a 32-bit count of milliseconds does: not for intervals of weeks.
+    // Wraps beyond about 24.8 days, as a 32-bit count of milliseconds does: do not use it for intervals of weeks.
     int32_t GetTotalInMsec() const;
 
-    // The whole value in 64 bits, and back; the library's own arithmetic is done in this form.
+    // The whole value in 64 bits, and back. The library computes in this form.
     int64_t GetTotalInUsec() const { return int64_t{m_lSec} * 1000000 + m_lUsec; }
     static CCmTimeValue FromUsec(int64_t aUsec);
 
     CCmTimeValue& operator+=(const CCmTimeValue& aRight);
     CCmTimeValue& operator-=(const CCmTimeValue& aRight);
 
-    // Now, on the clock that all time-outs are measured against: see CCmClock::GetTimeOfDayUsec.
+    // The current time on the clock of all time-outs: see CCmClock::GetTimeOfDayUsec.
     static CCmTimeValue GetTimeOfDay();
 
     static const CCmTimeValue s_tvZero;
-    static const CCmTimeValue s_tvMax;  // the time that never comes
+    static const CCmTimeValue s_tvMax;  // no time reaches it
 
 private:
     struct NormalisedTag {};
@@ -52,7 +52,7 @@ private:
 inline CCmTimeValue operator+(CCmTimeValue aLeft, const CCmTimeValue& aRight) { return aLeft += aRight; }
 inline CCmTimeValue operator-(CCmTimeValue aLeft, const CCmTimeValue& aRight) { return aLeft -= aRight; }
 
-// Seconds first, microseconds on equal seconds. 1 or 0.
+// Compare the seconds, then the microseconds. The result is 1 or 0.
 inline int operator==(const CCmTimeValue& a, const CCmTimeValue& b) { return a.GetTotalInUsec() == b.GetTotalInUsec(); }
 inline int operator!=(const CCmTimeValue& a, const CCmTimeValue& b) { return !(a == b); }
 inline int operator<(const CCmTimeValue& a, const CCmTimeValue& b) { return a.GetTotalInUsec() < b.GetTotalInUsec(); }

@@ -28,7 +28,7 @@ constexpr DWORD MIN_CIRCULAR_SIZE = 1024;
 
 struct CLevel {
     const char* m_pName;
-    bool m_bOn;  // unless the configuration or the application says otherwise
+    bool m_bOn;  // the default; the configuration or the application may change it
 };
 
 constexpr CLevel UNNAMED{"NA", false};
@@ -48,14 +48,14 @@ constexpr DWORD DefaultLevels() {
     return dwLevels;
 }
 
-// Never destroyed: other threads may trace until the process is gone. The mutex is recursive, so that a sink may call the
-// trace's switches, and so that what is traced while it is held reaches Write.
+// Never destroyed, because other threads may trace until the process ends. The mutex is recursive: a sink may call the trace's
+// switches, and code that holds the mutex may trace.
 struct CState {
     CCmMutexThread m_Mutex;
     BOOL m_bOn CM_GUARDED_BY(m_Mutex) = FALSE;
     BOOL m_bConfigured CM_GUARDED_BY(m_Mutex) = FALSE;
     BOOL m_bWriting CM_GUARDED_BY(m_Mutex) = FALSE;  // a sink is being called
-    BOOL m_bExiting CM_GUARDED_BY(m_Mutex) = FALSE;  // nobody will flush any more
+    BOOL m_bExiting CM_GUARDED_BY(m_Mutex) = FALSE;  // no later flush will come
     DWORD m_dwLevels CM_GUARDED_BY(m_Mutex) = DefaultLevels();
     ICmTraceSink* m_pSink CM_GUARDED_BY(m_Mutex) = nullptr;  // not owned
     std::unique_ptr<talvo::CCmTraceFile> m_pFile CM_GUARDED_BY(m_Mutex);
@@ -110,7 +110,7 @@ DWORD ConfiguredLevels(DWORD aLevels) {
     return aLevels;
 }
 
-// Values that are out of range are taken to the nearest in it: a slip in the file does not cost the trace.
+// A value out of range becomes the nearest in range, so that a wrong value in the file does not disable the trace.
 CCmTraceFileSettings ConfiguredFile() {
     CCmTraceFileSettings settings;
     settings.m_strPath = get_string_param(SECTION, "Path", "");
@@ -136,7 +136,7 @@ CmResult OpenFile_l(CState& aState, const CCmTraceFileSettings& aSettings) CM_RE
     return CM_OK;
 }
 
-// Read with the lock held, so that nobody overtakes a reading that is under way. The configuration never waits for the trace
+// Reads with the lock held, so that no other thread overtakes it. No deadlock: the configuration never waits for the trace
 // while it holds its own lock.
 void ReadSwitches_l(CState& aState) CM_REQUIRES(aState.m_Mutex) {
     aState.m_bConfigured = TRUE;
@@ -144,7 +144,7 @@ void ReadSwitches_l(CState& aState) CM_REQUIRES(aState.m_Mutex) {
     aState.m_bOn = get_bool_param(SECTION, "Enable", aState.m_bOn != FALSE);
 }
 
-// Behind the switches: that the file cannot be opened is traced.
+// Runs after the switches are read, so that a failure to open the file is traced.
 void OpenConfiguredFile_l(CState& aState) CM_REQUIRES(aState.m_Mutex) {
     CCmTraceFileSettings settings;
     if (talvo::WithMemory([&] { settings = ConfiguredFile(); }) && !settings.m_strPath.empty())

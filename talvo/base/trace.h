@@ -1,10 +1,10 @@
-// Trace: timestamped lines on 26 levels, to a file and to a sink of the application. Any thread.
+// Trace: lines with time stamps on 26 levels, to a file and to a sink of the application. Any thread.
 //
-// A line for whose file form there is no memory is dropped; nothing here throws.
+// A line is dropped if there is no memory for its file form. No function here throws.
 //
-// Off until the configuration or the application enables it. A level that is off costs one load and one branch: the text after
-// the macro is not evaluated. It is the body of a lambda, where Clang before 16 knows no structured bindings.
-// docs/configuration.md lists the keys of the section "Trace", docs/trace.md the file formats.
+// The trace is off until the configuration or the application enables it. A level that is off costs one load and one branch:
+// the macro does not evaluate its text. The text is the body of a lambda, in which Clang before 16 supports no structured
+// bindings. docs/configuration.md lists the keys of the section "Trace", docs/trace.md the file formats.
 #pragma once
 
 #include <atomic>
@@ -32,62 +32,62 @@ enum ECmTraceLevel : DWORD {
     CM_TRACE_LEVEL_COUNT = 26
 };
 
-// Takes trace lines into the application's own log.
+// Receives trace lines for the application's own log.
 class TALVO_API ICmTraceSink {
 public:
-    // One line, in the thread that traced it and with the trace's lock held, so lines come one at a time and in order: do not
-    // wait for another thread here, nor throw. What the sink itself causes to be traced is dropped. aModule is null unless one
-    // was given; aText has no time stamp and no line end and is valid during the call.
+    // One line, in the thread that traced it and with the trace's lock held, so that lines come one at a time and in order. Do
+    // not wait for another thread here and do not throw. Lines that the sink itself causes are dropped. aModule is null unless
+    // one was given. aText has no time stamp and no line end, and is valid during the call.
     virtual void OnTrace(DWORD aLevel, const char* aModule, std::string_view aText) = 0;
     virtual ~ICmTraceSink();
 };
 
-// Where a trace file is kept and how.
+// The path of a trace file and its mode.
 struct CCmTraceFileSettings {
     CCmString m_strPath;            // empty: no file
-    BOOL m_bCircular = FALSE;       // one file of at most m_dwMaxSize bytes, written round and round
+    BOOL m_bCircular = FALSE;       // one file of at most m_dwMaxSize bytes, used as a ring
     DWORD m_dwMaxSize = 10u << 20;  // bytes; circular mode only, at least 1,024
-    DWORD m_dwFlushPerLines = 1;    // lines kept between writes to the file, at least 1; level 0 is written at once
+    DWORD m_dwFlushPerLines = 1;    // lines buffered between writes to the file, at least 1; level 0 is written at once
 };
 
 class TALVO_API CCmTrace {
 public:
-    // One load and one branch; FALSE for every level while the trace is off.
+    // One load and one branch. FALSE for every level while the trace is off.
     static BOOL IsEnabled(DWORD aLevel) { return (s_dwMask.load(std::memory_order_relaxed) >> (aLevel & 31)) & 1; }
 
-    // Switches the whole trace on or off; the levels keep their own states. This, SetLevel and SetFile read the configuration
-    // first if nobody has.
+    // Switches the whole trace on or off; the levels keep their own states. If the configuration has not been read yet, this
+    // function, SetLevel and SetFile read it first.
     static void Enable(BOOL aOn);
 
-    // Switches one level. CM_ERROR_INVALID_ARG above 25.
+    // Switches one level. CM_ERROR_INVALID_ARG: aLevel exceeds 25.
     static CmResult SetLevel(DWORD aLevel, BOOL aOn);
 
-    // The level's name ("Error", "NA", ...), null above 25.
+    // The level's name ("Error", "NA", ...); null above 25.
     static const char* GetLevelName(DWORD aLevel);
 
-    // Sends lines to aSink as well (null: no more). Not owned. When it returns, no call of the sink before it is under way,
-    // except the caller's own.
+    // Sends lines to aSink as well (null: no sink). Not owned. After the return no call of the previous sink is under way,
+    // except one that the caller itself is in.
     static void SetSink(ICmTraceSink* aSink);
 
-    // Opens the file, after writing out and closing the one before it. CM_ERROR_FAILURE: it cannot be opened, nothing is
-    // written to a file from now on. CM_ERROR_INVALID_ARG: a size or count out of range.
+    // Opens the file, after it has written out and closed the previous one. CM_ERROR_FAILURE: it cannot be opened, and no line
+    // goes to a file from now on. CM_ERROR_INVALID_ARG: a size or count is out of range.
     static CmResult SetFile(const CCmTraceFileSettings& aSettings);
 
-    // Writes out what is buffered.
+    // Writes the buffered lines to the file.
     static void Flush();
 
-    // Reads the section "Trace" of the configuration: levels, "Enable", the file and its mode. What has no key there stays as
-    // it is. Call it again after the configuration was replaced.
+    // Reads the section "Trace" of the configuration: levels, "Enable", the file and its mode. A setting without a key does not
+    // change. Call it again after the configuration was replaced.
     static void ReadConfiguration();
 
-    // The same if nobody has read it yet. Done by the first use of the thread manager; call it earlier to trace from the start.
+    // The same, unless it was read before. The first use of the thread manager calls it; call it earlier to trace from the
+    // start.
     static void ReadConfigurationOnce();
 
-    // What the macros call with a line of an enabled level. aModule may be null.
+    // The macros call it with a line of an enabled level. aModule may be null.
     static void Write(DWORD aLevel, const char* aModule, std::string_view aText);
 
-    // The same with what aFill puts into a text. Never inlined, so that neither the text nor what fills it is in the way of the
-    // code that traces.
+    // The same with the text that aFill writes. Never inlined, so that neither the text nor aFill burdens the code that traces.
     template <class Function>
     [[gnu::cold, gnu::noinline]] static void WriteText(DWORD aLevel, const Function& aFill) {
         CCmTraceText text;
@@ -96,7 +96,7 @@ public:
     }
 
 private:
-    static std::atomic<DWORD> s_dwMask;  // bit n: level n is on and so is the trace
+    static std::atomic<DWORD> s_dwMask;  // bit n: both level n and the trace are on
 };
 
 #define CM_TRACE(aLevel, aText)                                                                    \
@@ -109,7 +109,7 @@ private:
 #define CM_WARNING_TRACE(aText) CM_TRACE(CM_TRACE_WARNING, aText)
 #define CM_INFO_TRACE(aText) CM_TRACE(CM_TRACE_INFO, aText)
 
-// The same with " this=" and the object's address behind the text.
+// The same, with " this=" and the object's address appended.
 #define CM_ERROR_TRACE_THIS(aText) CM_ERROR_TRACE(aText << " this=" << this)
 #define CM_WARNING_TRACE_THIS(aText) CM_WARNING_TRACE(aText << " this=" << this)
 #define CM_INFO_TRACE_THIS(aText) CM_INFO_TRACE(aText << " this=" << this)

@@ -25,7 +25,7 @@ constexpr size_t MAX_WAITING = 64 * 1024;
 constexpr off_t HEADER_LENGTH = 32;
 constexpr std::string_view MARKER = "************************* Current Trace Point *************************\n\n";
 
-// All of aBytes at aOffset, or at the end of an appending file when that is -1.
+// Writes all of aBytes at aOffset, or at the end of an appending file if that is -1.
 bool WriteAll(HANDLE aFd, std::string_view aBytes, off_t aOffset) {
     while (!aBytes.empty()) {
         const ssize_t nDone =
@@ -50,7 +50,7 @@ protected:
     void Store(std::string_view aLines) override { WriteAll(GetFd(), aLines, -1); }
 };
 
-// Takes the SIGPIPE of a write in this thread away, unless one was waiting before.
+// Removes the SIGPIPE of this thread's writes, unless one was pending before.
 class CNoPipeSignal {
 public:
     CNoPipeSignal() {
@@ -76,7 +76,7 @@ private:
     BOOL m_bMine;
 };
 
-// A pipe or a device, which is never waited for: whole lines are lost while it has no room or no reader.
+// A pipe or a device. Writes never block: whole lines are lost while it is full or has no reader.
 class CCmTraceFileStream final : public CCmTraceFile {
 public:
     CCmTraceFileStream(HANDLE aFd, const CCmTraceFileSettings& aSettings) : CCmTraceFile(aFd, aSettings.m_dwFlushPerLines) {}
@@ -86,7 +86,7 @@ protected:
     void Store(std::string_view aLines) override {
         const CNoPipeSignal noSignal;
         while (!aLines.empty()) {
-            // A pipe takes as much as this whole or not at all.
+            // A write to a pipe of at most this size is atomic.
             const std::string_view most = aLines.substr(0, PIPE_BUF);
             const std::string_view piece = most.substr(0, most.rfind('\n') + 1);
             const std::string_view lines = piece.empty() ? most : piece;
@@ -128,7 +128,8 @@ protected:
     }
 
 private:
-    // The file ends behind its last line then: the marker there is no longer where the trace stands, and it is the only one.
+    // Cuts the file behind its last line: this removes the marker there, which is the only one and no longer marks the
+    // position.
     void Wrap() {
         if (ftruncate(GetFd(), m_llOffset) == 0)
             m_llOffset = HEADER_LENGTH;
@@ -146,7 +147,7 @@ private:
         WriteAll(GetFd(), {szHeader, HEADER_LENGTH}, 0);
     }
 
-    // 0: there is none that fits the file and the configured size.
+    // 0: there is no offset that fits the file and the configured size.
     off_t ReadOffset() const {
         char szHeader[HEADER_LENGTH + 1] = "";
         struct stat status {};
@@ -158,12 +159,12 @@ private:
     }
 
     const off_t m_llMaxSize;
-    off_t m_llOffset = 0;  // where the next line that is stored goes
+    off_t m_llOffset = 0;  // of the next stored line
 };
 
 }  // namespace
 
-// Null with errno.
+// Null, with errno: it failed.
 std::unique_ptr<CCmTraceFile> CCmTraceFile::Make(HANDLE aFd, const CCmTraceFileSettings& aSettings) {
     struct stat status {};
     const BOOL bRegular = fstat(aFd, &status) == 0 && S_ISREG(status.st_mode);
@@ -182,7 +183,7 @@ std::unique_ptr<CCmTraceFile> CCmTraceFile::Make(HANDLE aFd, const CCmTraceFileS
     return std::unique_ptr<CCmTraceFile>(pFile);
 }
 
-// A pipe without a reader is refused instead of waited for.
+// A pipe without a reader is refused; the call does not wait for one.
 std::unique_ptr<CCmTraceFile> CCmTraceFile::Open(const CCmTraceFileSettings& aSettings) {
     const int nMode = aSettings.m_bCircular ? O_RDWR : O_WRONLY | O_APPEND;
     const HANDLE fd = open(aSettings.m_strPath.c_str(), nMode | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0644);

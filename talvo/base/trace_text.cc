@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr size_t NUMBER_LENGTH = 32;  // of any number below, in any base used
+constexpr size_t NUMBER_LENGTH = 32;  // enough for any number below, in any base used
 
 template <class... Arguments>
 std::string_view Format(char (&aBuffer)[NUMBER_LENGTH], Arguments... aArguments) {

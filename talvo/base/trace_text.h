@@ -1,4 +1,4 @@
-// Puts one trace line together without allocating.
+// Builds one trace line without allocating.
 #pragma once
 
 #include <string_view>
@@ -7,8 +7,8 @@
 #include "talvo/base/export.h"
 #include "talvo/base/types.h"
 
-// Numbers in decimal, addresses in hexadecimal with 0x, texts as they are (a null text as "(null)"). What goes beyond the
-// buffer is cut off.
+// Numbers are decimal, addresses hexadecimal with 0x, texts unchanged; a null text becomes "(null)". Text beyond the buffer is
+// cut off.
 class TALVO_API CCmTraceText {
 public:
     CCmTraceText& operator<<(std::string_view aText);
@@ -27,7 +27,7 @@ public:
             return AppendUnsigned(aNumber);
     }
 
-    // Valid as long as this object.
+    // Valid during the life of this object.
     std::string_view GetText() const { return {m_szText, m_dwLength}; }
 
 private:

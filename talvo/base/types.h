@@ -1,4 +1,4 @@
-// The interface's own type names. Each has one width on every machine, whatever `long` is there.
+// The library's own type names. Each has the same width on every machine, unlike `long`.
 #pragma once
 
 #include <cstdint>
@@ -20,5 +20,5 @@ using BOOL = int32_t;
 using HANDLE = int;
 constexpr HANDLE CM_INVALID_HANDLE = -1;
 
-// The library's string: bytes, no encoding implied.
+// The library's string: bytes without a fixed encoding.
 using CCmString = std::string;

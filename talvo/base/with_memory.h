@@ -1,4 +1,4 @@
-// The border that std::bad_alloc does not cross.
+// Converts std::bad_alloc into a result.
 #pragma once
 
 #include <new>
@@ -7,8 +7,8 @@
 
 namespace talvo {
 
-// Runs aCallable, which uses the standard library's containers and strings. TRUE: it has returned. FALSE: memory ran out
-// inside; what it had done until then stays done, so it should do one thing. Costs nothing while there is memory.
+// Runs aCallable, which uses containers and strings of the standard library. TRUE: it returned. FALSE: memory ran out inside.
+// Its earlier effects remain, so it should do one thing. It costs nothing while there is memory.
 template <class Callable>
 BOOL WithMemory(Callable&& aCallable) {
     try {
