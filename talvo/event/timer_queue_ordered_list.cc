@@ -32,14 +32,17 @@ int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
     const DWORD dwSlot = entry.m_dwSlot;
     m_Slots[dwSlot] = {aNode.m_pEh, aNode.m_pArg, aNode.m_llInterval, aNode.m_dwCount};
     const CHeapItem item(aNode.m_llExpires, dwOrder, dwSlot);
-    if (!bNew && m_HeapIndexes[dwSlot] < m_dwEnd) {
-        Settle(m_HeapIndexes[dwSlot], item);
-        return 1;
+    if (bNew) {
+        Append(item);
+        return 0;
     }
-    if (!bNew)
+    if (m_HeapIndexes[dwSlot] < m_dwEnd) {
+        Settle(m_HeapIndexes[dwSlot], item);
+    } else {
         Remove(m_HeapIndexes[dwSlot]);  // which frees the slot for the item that is appended now
-    Append(item);
-    return bNew ? 0 : 1;
+        Append(item);
+    }
+    return 1;
 }
 
 // Makes room behind the heap, where the first of those for the next pass may stand.
@@ -189,17 +192,22 @@ void CCmTimerQueueOrderedList::Renumber() {
         Place(dwIndex, {Item(dwIndex).m_llExpires, --m_dwNextOrder, Item(dwIndex).GetSlot()});
 }
 
-// The heap's last item fills the gap in it, the last at all the one behind it; the slot that is free now stands where that was.
+// The heap's last item fills the gap in it.
 void CCmTimerQueueOrderedList::Remove(DWORD aIndex) {
     const DWORD dwSlot = Item(aIndex).GetSlot();
-    const bool bInHeap = aIndex < m_dwEnd;
-    const DWORD dwGap = bInHeap ? --m_dwEnd : aIndex;
-    const CHeapItem last = Item(dwGap);
-    if (dwGap != --m_dwTaken)
-        Place(dwGap, Item(m_dwTaken));
-    Item(m_dwTaken) = {NEVER, 0, dwSlot};
-    if (bInHeap && aIndex < m_dwEnd)
+    if (aIndex >= m_dwEnd)
+        return FreePlace(aIndex, dwSlot);
+    const CHeapItem last = Item(--m_dwEnd);
+    FreePlace(m_dwEnd, dwSlot);
+    if (aIndex < m_dwEnd)
         Settle(aIndex, last);
+}
+
+// The last item at all fills the place behind the heap; the slot that is free now stands where that item was.
+void CCmTimerQueueOrderedList::FreePlace(DWORD aIndex, DWORD aSlot) {
+    if (aIndex != --m_dwTaken)
+        Place(aIndex, Item(m_dwTaken));
+    Item(m_dwTaken) = {NEVER, 0, aSlot};
 }
 
 void CCmTimerQueueOrderedList::RemoveFirst() {
@@ -207,14 +215,17 @@ void CCmTimerQueueOrderedList::RemoveFirst() {
     const DWORD dwSlot = Item(ROOT).GetSlot();
     DWORD dwPosition = Home(HashOf(m_Slots[dwSlot].m_pEh));
     __builtin_prefetch(&m_Table[dwPosition]);
-    Remove(ROOT);
+    const CHeapItem last = Item(--m_dwEnd);
+    FreePlace(m_dwEnd, dwSlot);
+    if (m_dwEnd != ROOT)
+        SiftDown(ROOT, last);
     while (m_Table[dwPosition].m_dwSlot != dwSlot)
         dwPosition = (dwPosition + 1) & dwMask;
     RemoveFromTable(dwPosition);
 }
 
 // The handler's position in the table, or the empty one where it would go.
-DWORD CCmTimerQueueOrderedList::Find(DWORD aHash, const ICmTimerHandler* aEh) const {
+[[gnu::always_inline]] inline DWORD CCmTimerQueueOrderedList::Find(DWORD aHash, const ICmTimerHandler* aEh) const {
     const DWORD dwMask = static_cast<DWORD>(m_Table.size() - 1);
     for (DWORD dwPosition = Home(aHash);; dwPosition = (dwPosition + 1) & dwMask) {
         const CEntry& entry = m_Table[dwPosition];

@@ -75,6 +75,7 @@ private:
     void Append(CHeapItem aItem);
     void LoadFirst(CNode& aNode);
     void Remove(DWORD aIndex);
+    void FreePlace(DWORD aIndex, DWORD aSlot);
     void RemoveFromTable(DWORD aPosition);
     void RemoveFirst();
     DWORD Home(DWORD aHash) const { return static_cast<DWORD>(aHash * uint64_t{m_Table.size()} >> 32); }
