@@ -119,7 +119,8 @@ int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
     int64_t llNow = 0;
     if (m_pDeletions || GetEarliestTime_l(llEarliest) == 0) {  // an empty queue costs no look at the clock
         llNow = CCmClock::GetTimeOfDayUsec();
-        nFired = FirePass_i(llNow);
+        if (m_pDeletions || m_bNextPass || llEarliest <= llNow)  // the loop looks behind each report: mostly nothing is due
+            nFired = FirePass_i(llNow);
     }
     if (aRemainTime) {
         const BOOL bAny = GetEarliestUsec(llEarliest);
