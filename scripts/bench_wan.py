@@ -82,7 +82,7 @@ def commands(program, directory, size):
     if name == "stream":
         return ["bench_wan_talvo", "recv", PORT, size, *kind], ["bench_wan_talvo", "send", SERVER, PORT, size, *kind]
     if name == "http":
-        return ["bench_wan_http_talvo", "serve", PORT, size], ["bench_wan_http_talvo", "get", SERVER, PORT, size]
+        return ["bench_wan_talvo", "serve", PORT, size], ["bench_wan_talvo", "get", SERVER, PORT, size]
     listening = ["--host", "0.0.0.0", "--port", PORT]
     if name == "send":
         return ["talvo", "recv", "--out", f"{directory}/to", *listening], ["talvo", "send", f"{directory}/file", f"{SERVER}:{PORT}"]

@@ -1,8 +1,11 @@
-// A stream over a connection of this library, in messages of 16 KiB. The application's thread is the main thread; connector,
-// acceptor and connection are proxies of what lives in the network thread. No option is set.
+// A stream of a known pattern between two programs on this library: over a connection in messages of 16 KiB, or as the body of
+// an HTTP answer in pieces of as many. The application's thread is the main thread, what it uses are proxies of what lives in
+// the network thread. No option is set.
 //
 //   bench_wan_talvo recv PORT BYTES TYPE            listens, takes one connection, checks every byte, closes
 //   bench_wan_talvo send ADDRESS PORT BYTES TYPE    connects, sends, waits for the close
+//   bench_wan_talvo serve PORT BYTES                answers one request
+//   bench_wan_talvo get ADDRESS PORT BYTES          asks, checks every byte
 //
 // TYPE: raw, length, package, or nopartial.
 #include <algorithm>
@@ -18,12 +21,56 @@ namespace {
 
 using bench::Expect;
 
-constexpr uint64_t MESSAGE = 16 * 1024;
+constexpr uint64_t PIECE = 16 * 1024;
 
-// Main thread.
+void StopLoop() { CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN)->StopEventLoop(); }
+
+// So many bytes of the pattern, to be sent or to be checked.
+class CPatternStream {
+public:
+    explicit CPatternStream(uint64_t aBytes) : m_ullBytes(aBytes) {}
+
+    // Sends until aTransport has enough; what it did not take is sent first by the next call, in its OnSend.
+    void SendTo(ICmTransport& aTransport) {
+        while (m_Refused || MakeNext()) {
+            const CmResult rv = aTransport.SendData(*m_Refused);
+            if (rv == CM_ERROR_PARTIAL_DATA)
+                return;
+            Expect(rv);
+            m_Refused.reset();
+        }
+    }
+
+    void Check(const CCmMessageBlock& aData) {
+        for (const CCmMessageBlock* pBlock = &aData; pBlock; pBlock = pBlock->GetNext())
+            m_Pattern.Check(pBlock->GetTopLevelReadPtr(), pBlock->GetTopLevelLength());
+    }
+
+    // All were taken, or have come.
+    bool IsComplete() const { return !m_Refused && m_Pattern.GetDone() >= m_ullBytes; }
+    uint64_t GetBytes() const { return m_ullBytes; }
+
+private:
+    bool MakeNext() {
+        const auto dwLength = static_cast<DWORD>(std::min(m_ullBytes - m_Pattern.GetDone(), PIECE));
+        if (dwLength == 0)
+            return false;
+        m_Refused.emplace(dwLength);
+        std::copy_n(m_Pattern.Next(), dwLength, m_Refused->GetTopLevelWritePtr());
+        m_Refused->AdvanceTopLevelWritePtr(dwLength);
+        m_Pattern.Advance(dwLength);
+        return true;
+    }
+
+    const uint64_t m_ullBytes;
+    bench::CPattern m_Pattern;
+    std::optional<CCmMessageBlock> m_Refused;  // made and not taken yet
+};
+
+// An end of a connection; as all sinks here it belongs to the main thread.
 class CEnd : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
-    CEnd(DWORD aType, uint64_t aBytes) : m_dwType(aType), m_ullBytes(aBytes) {}
+    CEnd(DWORD aType, uint64_t aBytes) : m_dwType(aType), m_Stream(aBytes) {}
 
     void Listen(const CCmInetAddr& aAddr) {
         Expect(CCmConnectionManager::Instance()->CreateConnectionServer(m_dwType, m_pAcceptor.ParaOut()));
@@ -37,24 +84,17 @@ public:
         m_pConnector->AsycConnect(this, aAddr);
     }
 
-    void Close() {
-        m_pAcceptor.Reset();
-        m_pConnector.Reset();
-        m_pConnection.Reset();
-    }
-
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
         Expect(aReason);
         m_pConnection = aTrpt;
         Expect(aTrpt->OpenWithSink(this));
         if (m_bSends)
-            Stream();
+            m_Stream.SendTo(*aTrpt);
     }
 
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
-        for (const CCmMessageBlock* pBlock = &aData; pBlock; pBlock = pBlock->GetNext())
-            m_Pattern.Check(pBlock->GetTopLevelReadPtr(), pBlock->GetTopLevelLength());
-        if (m_Pattern.GetDone() < m_ullBytes)
+        m_Stream.Check(aData);
+        if (!m_Stream.IsComplete())
             return;
         m_pConnection->Disconnect(CM_OK);
         StopLoop();
@@ -62,71 +102,107 @@ public:
 
     void OnSend(ICmTransport*, CCmTransportParameter*) override {
         if (m_bSends)
-            Stream();
+            m_Stream.SendTo(*m_pConnection);
     }
 
     // The receiver leaves when it has everything.
     void OnDisconnect(CmResult aReason, ICmTransport*) override {
-        if (m_Refused || m_Pattern.GetDone() < m_ullBytes)
+        if (!m_Stream.IsComplete())
             Expect(aReason);
         StopLoop();
     }
 
 private:
-    static void StopLoop() { CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN)->StopEventLoop(); }
-
-    // Until the library has enough; what it did not take is sent first when it says so.
-    void Stream() {
-        while (m_Refused || MakeNext()) {
-            const CmResult rv = m_pConnection->SendData(*m_Refused);
-            if (rv == CM_ERROR_PARTIAL_DATA)
-                return;  // OnSend follows
-            Expect(rv);
-            m_Refused.reset();
-        }
-    }
-
-    bool MakeNext() {
-        const auto dwLength = static_cast<DWORD>(std::min(m_ullBytes - m_Pattern.GetDone(), MESSAGE));
-        if (dwLength == 0)
-            return false;
-        m_Refused.emplace(dwLength);
-        std::copy_n(m_Pattern.Next(), dwLength, m_Refused->GetTopLevelWritePtr());
-        m_Refused->AdvanceTopLevelWritePtr(dwLength);
-        m_Pattern.Advance(dwLength);
-        return true;
-    }
-
     const DWORD m_dwType;
-    const uint64_t m_ullBytes;
+    CPatternStream m_Stream;
     bool m_bSends = false;
-    bench::CPattern m_Pattern;
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pConnection;
-    std::optional<CCmMessageBlock> m_Refused;  // made and not taken yet
 };
+
+class CServer : public ICmChannelServerAcceptorSink, public ICmChannelHttpServerSink {
+public:
+    explicit CServer(uint64_t aBytes) : m_Stream(aBytes) {}
+
+    void Listen(const CCmInetAddr& aAddr) {
+        Expect(CCmChannelManager::Instance()->CreateHttpAcceptor(m_pAcceptor.ParaOut()));
+        Expect(m_pAcceptor->StartListen(this, aAddr));
+        bench::PrintReady();
+    }
+
+    void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override {
+        m_pChannel = aChannel;
+        Expect(aChannel->ReceiveRequest(this));
+        Expect(aChannel->BeginAnswer(m_Stream.GetBytes()));
+        m_pAcceptor->StopListen(CM_OK);  // the answer is finished first
+        m_Stream.SendTo(*aChannel);
+    }
+
+    void OnSend(ICmTransport*, CCmTransportParameter*) override { m_Stream.SendTo(*m_pChannel); }
+    void OnDisconnect(CmResult aReason, ICmTransport*) override { Expect(aReason); }
+    void OnStopped(ICmChannelServerAcceptor*) override { StopLoop(); }
+
+private:
+    CPatternStream m_Stream;
+    CCmRefPtrT<ICmChannelServerAcceptor> m_pAcceptor;
+    CCmRefPtrT<ICmChannelHttpServer> m_pChannel;
+};
+
+class CClient : public ICmChannelSink {
+public:
+    explicit CClient(uint64_t aBytes) : m_Stream(aBytes) {}
+
+    void Get(const std::string& aUrl) {
+        CCmRefPtrT<CCmHttpUrl> pUrl;
+        Expect(CCmChannelManager::Instance()->CreateUrl(pUrl.ParaOut(), aUrl));
+        Expect(CCmChannelManager::Instance()->CreateChannelHttpClient(m_pChannel.ParaOut(), pUrl.Get()));
+        Expect(m_pChannel->AsyncOpen(this));
+    }
+
+    void OnConnect(CmResult aReason, ICmChannel*) override { Expect(aReason); }
+    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override { m_Stream.Check(aData); }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override {}
+    void OnDisconnect(CmResult aReason, ICmTransport*) override {
+        Expect(m_Stream.IsComplete() ? aReason : CM_ERROR_FAILURE);
+        StopLoop();
+    }
+
+private:
+    CPatternStream m_Stream;
+    CCmRefPtrT<ICmChannelHttpClient> m_pChannel;
+};
+
+// Starts one end and runs the loop until it is done.
+template <class End, class Start>
+void Run(End&& aEnd, Start aStart) {
+    aStart(aEnd);
+    CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_MAIN)->OnThreadRun();
+}
+
+CCmInetAddr AddrOf(const char* aHost, const char* aPort) { return CCmInetAddr(aHost, static_cast<WORD>(std::atoi(aPort))); }
+uint64_t BytesOf(const char* aText) { return std::strtoull(aText, nullptr, 10); }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     const std::string strRole = argc > 1 ? argv[1] : "";
-    const bool bSends = strRole == "send";
     const DWORD dwType = argc > 1 ? bench::ConnectionType(argv[argc - 1]) : 0;
-    if ((strRole != "recv" && !bSends) || argc != (bSends ? 6 : 5) || dwType == 0) {
-        std::fputs("usage: bench_wan_talvo recv PORT BYTES TYPE | send ADDRESS PORT BYTES TYPE\n", stderr);
-        return 2;
-    }
     bench::CTalvoProcess process(argc, argv);
     if (!CCmConnectionManager::Instance())
         return 1;
-    CEnd end(dwType, std::strtoull(argv[argc - 2], nullptr, 10));
-    const CCmInetAddr addr(bSends ? argv[2] : "0.0.0.0", static_cast<WORD>(std::atoi(argv[argc - 3])));
-    if (bSends)
-        end.Connect(addr);
-    else
-        end.Listen(addr);
-    CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_MAIN)->OnThreadRun();
-    end.Close();
+    if (strRole == "recv" && argc == 5 && dwType != 0)
+        Run(CEnd(dwType, BytesOf(argv[3])), [&](CEnd& aEnd) { aEnd.Listen(AddrOf("0.0.0.0", argv[2])); });
+    else if (strRole == "send" && argc == 6 && dwType != 0)
+        Run(CEnd(dwType, BytesOf(argv[4])), [&](CEnd& aEnd) { aEnd.Connect(AddrOf(argv[2], argv[3])); });
+    else if (strRole == "serve" && argc == 4)
+        Run(CServer(BytesOf(argv[3])), [&](CServer& aServer) { aServer.Listen(AddrOf("0.0.0.0", argv[2])); });
+    else if (strRole == "get" && argc == 5)
+        Run(CClient(BytesOf(argv[4])),
+            [&](CClient& aClient) { aClient.Get(std::string("http://") + argv[2] + ":" + argv[3] + "/"); });
+    else {
+        std::fputs("usage: see the head of wan_talvo.cc\n", stderr);
+        return 2;
+    }
     return 0;
 }
