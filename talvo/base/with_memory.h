@@ -10,7 +10,7 @@ namespace talvo {
 // Runs aCallable, which uses containers and strings of the standard library. TRUE: it returned. FALSE: memory ran out inside.
 // Its earlier effects remain, so it should do one thing. It costs nothing while there is memory.
 template <class Callable>
-BOOL WithMemory(Callable&& aCallable) {
+[[gnu::always_inline]] inline BOOL WithMemory(Callable&& aCallable) {
     try {
         aCallable();
         return TRUE;

@@ -10,7 +10,7 @@ namespace talvo {
 
 // What aCall returns; CM_ERROR_OUT_OF_MEMORY when memory ran out inside.
 template <class Call>
-CmResult ResultWithMemory(const Call& aCall) {
+[[gnu::always_inline]] inline CmResult ResultWithMemory(const Call& aCall) {
     CmResult rv = CM_ERROR_OUT_OF_MEMORY;
     WithMemory([&] { rv = aCall(); });
     return rv;

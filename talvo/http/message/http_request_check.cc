@@ -13,16 +13,16 @@ constexpr int BAD_REQUEST = 400;
 constexpr int VERSION_NOT_SUPPORTED = 505;
 
 // What a byte may be part of.
-enum : BYTE { TARGET = 1, VALUE = 2, HOST = 4 };
+enum : BYTE { TARGET = 1, VALUE = 2, NAME = 4 };
 
 constexpr std::array<BYTE, 256> MakeTable() {
     std::array<BYTE, 256> table{};
     for (size_t i = 0x21; i < 256; ++i)
-        table[i] = i == 0x7F ? 0 : TARGET | VALUE | HOST;
+        table[i] = i == 0x7F ? 0 : TARGET | VALUE | NAME;
     table[' '] = table['\t'] = VALUE;
     table['#'] = VALUE;
-    for (const char c : std::string_view("/@?\\,\"<>"))
-        table[static_cast<BYTE>(c)] &= BYTE{0xFF} ^ HOST;
+    for (const char c : std::string_view("/@?\\,\"<>:[]"))
+        table[static_cast<BYTE>(c)] &= BYTE{0xFF} ^ NAME;
     return table;
 }
 
@@ -43,7 +43,9 @@ BOOL AreDigits(std::string_view aText) { return std::all_of(aText.begin(), aText
 // How long the name, or the address in brackets, at the front of a host field is; npos: it is none.
 size_t GetNameLength(std::string_view aHost) {
     if (!aHost.starts_with('[')) {
-        const size_t stEnd = std::min(aHost.find_first_of(":[]"), aHost.size());
+        size_t stEnd = 0;
+        while (stEnd < aHost.size() && TABLE[static_cast<BYTE>(aHost[stEnd])] & NAME)
+            ++stEnd;
         return stEnd == aHost.size() || aHost[stEnd] == ':' ? stEnd : std::string_view::npos;
     }
     const size_t stEnd = aHost.find_first_not_of("0123456789abcdefABCDEF:.", 1);
@@ -62,7 +64,7 @@ BOOL IsPort(std::string_view aText) {
 // A name or an address, which may be empty, then perhaps a colon and a port.
 BOOL IsHost(std::string_view aText) {
     const size_t stName = GetNameLength(aText);
-    if (stName == std::string_view::npos || !IsAll(aText, HOST))
+    if (stName == std::string_view::npos)
         return FALSE;
     const std::string_view port = aText.substr(stName);
     return port.empty() || (port.front() == ':' && IsPort(port.substr(1)));

@@ -7,8 +7,6 @@ namespace talvo {
 
 namespace {
 
-constexpr std::string_view BLANKS = " \t";
-
 constexpr auto TOKEN_LETTERS = [] {
     std::array<bool, 256> table{};
     for (const char c : std::string_view("!#$%&'*+-.^_`|~0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"))
@@ -35,22 +33,13 @@ size_t end_of_element(std::string_view aList) {
 int compare_no_case(std::string_view aLeft, std::string_view aRight) {
     const size_t stCommon = std::min(aLeft.size(), aRight.size());
     for (size_t i = 0; i < stCommon; ++i) {
+        if (aLeft[i] == aRight[i])
+            continue;
         const int nDifference = static_cast<BYTE>(lower_case(aLeft[i])) - static_cast<BYTE>(lower_case(aRight[i]));
         if (nDifference != 0)
             return nDifference;
     }
     return aLeft.size() == aRight.size() ? 0 : aLeft.size() < aRight.size() ? -1 : 1;
-}
-
-BOOL equal_no_case(std::string_view aLeft, std::string_view aRight) {
-    return aLeft == aRight || (aLeft.size() == aRight.size() && compare_no_case(aLeft, aRight) == 0);
-}
-
-std::string_view trim_blanks(std::string_view aText) {
-    const size_t stFirst = aText.find_first_not_of(BLANKS);
-    if (stFirst == std::string_view::npos)
-        return {};
-    return aText.substr(stFirst, aText.find_last_not_of(BLANKS) + 1 - stFirst);
 }
 
 BOOL is_token(std::string_view aText) {

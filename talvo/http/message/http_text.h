@@ -13,7 +13,9 @@ constexpr char lower_case(char aLetter) { return aLetter >= 'A' && aLetter <= 'Z
 
 // Below, at or above zero, as _stricmp orders: bytes as unsigned numbers, letters in lower case.
 TALVO_API int compare_no_case(std::string_view aLeft, std::string_view aRight);
-TALVO_API BOOL equal_no_case(std::string_view aLeft, std::string_view aRight);
+inline BOOL equal_no_case(std::string_view aLeft, std::string_view aRight) {
+    return aLeft.size() == aRight.size() && compare_no_case(aLeft, aRight) == 0;  // most that are compared differ in length
+}
 
 // Without the characters 0x20 around it; tabs stay.
 constexpr std::string_view trim_spaces(std::string_view aText) {
@@ -25,7 +27,14 @@ constexpr std::string_view trim_spaces(std::string_view aText) {
 }
 
 // Without spaces and tabs around it.
-TALVO_API std::string_view trim_blanks(std::string_view aText);
+constexpr std::string_view trim_blanks(std::string_view aText) {
+    const auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
+    while (!aText.empty() && isBlank(aText.front()))
+        aText.remove_prefix(1);
+    while (!aText.empty() && isBlank(aText.back()))
+        aText.remove_suffix(1);
+    return aText;
+}
 
 // One or more of the characters that names of headers and methods are made of.
 TALVO_API BOOL is_token(std::string_view aText);
