@@ -26,8 +26,8 @@ CmResult CCmEventHandlerRepository::Bind(HANDLE aFd, ACmEventHandler* aEh, long 
         element.m_dwBinding = ++m_dwBindings;
     }
     element.m_pEh = aEh;
-    element.m_lMask = aMask;
-    element.m_bHasRead |= (aMask & ACmEventHandler::READ_MASK) != 0;
+    element.m_nMask = static_cast<int>(aMask);
+    element.m_bHasRead = element.m_bHasRead || (aMask & ACmEventHandler::READ_MASK);
     return bFound ? CM_ERROR_FOUND : CM_OK;
 }
 
@@ -46,8 +46,9 @@ void CCmEventHandlerRepository::Clear() {
 }
 
 void CCmEventHandlerRepository::Mark(HANDLE aFd, long aMask) {
-    const DWORD dwMask = static_cast<DWORD>(aMask);
-    if (dwMask == 0 || std::exchange(At(aFd).m_dwNotified, At(aFd).m_dwNotified | dwMask) != 0)
+    const WORD wBefore = At(aFd).m_wNotified;
+    At(aFd).m_wNotified = static_cast<WORD>(wBefore | aMask);
+    if (wBefore != 0 || aMask == 0)
         return;
     (m_nMarked == 0 ? m_fdFirstMarked : At(m_fdLastMarked).m_fdNextNotified) = aFd;
     m_fdLastMarked = aFd;
@@ -58,13 +59,13 @@ HANDLE CCmEventHandlerRepository::TakeMarked(long& aMask) {
     if (m_nMarked == 0)
         return CM_INVALID_HANDLE;
     const HANDLE fd = m_fdFirstMarked;
-    aMask = static_cast<long>(At(fd).m_dwNotified);
+    aMask = At(fd).m_wNotified;
     Unmark(fd);
     return fd;
 }
 
 void CCmEventHandlerRepository::Unmark(HANDLE aFd) {
-    if (std::exchange(At(aFd).m_dwNotified, 0u) == 0)
+    if (std::exchange(At(aFd).m_wNotified, WORD{0}) == 0)
         return;
     HANDLE fdBefore = CM_INVALID_HANDLE;
     for (HANDLE fd = m_fdFirstMarked; fd != aFd; fd = At(fd).m_fdNextNotified)

@@ -11,11 +11,11 @@ class TALVO_API CCmEventHandlerRepository {
 public:
     struct CElement {
         ACmEventHandler* m_pEh = nullptr;  // not owned; null: no binding
-        long m_lMask = ACmEventHandler::NULL_MASK;
         DWORD m_dwBinding = 0;
-        BOOL m_bHasRead = FALSE;  // was registered for reading at some time since it was bound
-        DWORD m_dwNotified = 0;   // a mask; not 0: on the list of marked handles
         HANDLE m_fdNextNotified = CM_INVALID_HANDLE;
+        int m_nMask = ACmEventHandler::NULL_MASK;
+        WORD m_wNotified = 0;     // a mask; not 0: on the list of marked handles
+        bool m_bHasRead = false;  // was registered for reading at some time since it was bound
     };
 
     // Null when the handle has no handler. Valid until the next Bind.

@@ -61,9 +61,9 @@ CmResult CCmReactorBase::RegisterHandler(ACmEventHandler* aEh, long aMask) {
             OnHandleRemoved(fd);
         return rv;
     }
-    if (pElement->m_pEh == aEh && pElement->m_lMask == lMask)
+    if (pElement->m_pEh == aEh && pElement->m_nMask == lMask)
         return CM_OK;
-    const BOOL bAdded = (lMask & ~pElement->m_lMask) != 0 || pElement->m_pEh != aEh;
+    const BOOL bAdded = (lMask & ~pElement->m_nMask) != 0 || pElement->m_pEh != aEh;
     const CmResult rv = m_Handlers.Bind(fd, aEh, lMask);
     if (bAdded || (lMask & ACmEventHandler::DATAGRAM_MASK))
         OnHandleMaskAdded(fd);
@@ -90,7 +90,7 @@ CmResult CCmReactorBase::RemoveHandler(ACmEventHandler* aEh, long aMask) {
 CmResult CCmReactorBase::RemoveHandleWithoutFinding_i(HANDLE aFd, const CCmEventHandlerRepository::CElement& aElement,
                                                       long aMask) {
     ACmEventHandler* pEh = aElement.m_pEh;
-    const long lOldMask = aElement.m_lMask;
+    const long lOldMask = aElement.m_nMask;
     const long lNewMask = lOldMask & ~(aMask & ACmEventHandler::ALL_EVENTS_MASK);
     if (lNewMask == lOldMask) {
         CM_WARNING_TRACE_THIS("CCmReactorBase::RemoveHandleWithoutFinding_i, mask is equal. aMask=" << aMask);
@@ -126,11 +126,11 @@ CmResult CCmReactorBase::ProcessHandleEvent(HANDLE aFd, long aMask, CmResult aRe
         RemoveHandleWithoutFinding_i(aFd, *pElement, REMOVE_AND_CALL_MASK);
         return CM_ERROR_FAILURE;
     }
-    const long lReady = pElement->m_lMask & aMask;
+    const long lReady = pElement->m_nMask & aMask;
     if (lReady == ACmEventHandler::NULL_MASK) {
         if (!aIsNotify)
             CM_WARNING_TRACE_THIS("CCmReactorBase::ProcessHandleEvent, mask not registed. aFd="
-                                  << aFd << " m_Mask=" << pElement->m_lMask << " aMask=" << aMask);
+                                  << aFd << " m_Mask=" << pElement->m_nMask << " aMask=" << aMask);
         return CM_OK;
     }
     if (aDropConnect && (lReady & ACmEventHandler::CONNECT_MASK)) {

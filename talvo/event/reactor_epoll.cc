@@ -63,12 +63,12 @@ int BytesReadable(HANDLE aFd) {
 
 // Whether the handler has read before and does not want to for now.
 BOOL IsPaused(const CCmEventHandlerRepository::CElement& aElement) {
-    return aElement.m_bHasRead && !(aElement.m_lMask & ACmEventHandler::READ_MASK);
+    return aElement.m_bHasRead && !(aElement.m_nMask & ACmEventHandler::READ_MASK);
 }
 
 // Whether the connection is over for its handler: by a hang-up, or by the peer's end alone unless it reads that itself.
 BOOL IsEnd(DWORD aEvents, const CCmEventHandlerRepository::CElement& aElement) {
-    const BOOL bReadsIt = !!(aElement.m_lMask & ACmEventHandler::HALF_CLOSE_MASK);
+    const BOOL bReadsIt = !!(aElement.m_nMask & ACmEventHandler::HALF_CLOSE_MASK);
     return !!(aEvents & (bReadsIt ? EPOLLHUP : EPOLLHUP | EPOLLRDHUP));
 }
 
@@ -210,10 +210,10 @@ void CCmReactorEpoll::DispatchReport_i(const epoll_event& aReport) {
     if (!pElement)
         return;  // was removed, or its number used again, by an earlier report of this turn
 
-    const long lSpecial = pElement->m_lMask & (ACmEventHandler::ACCEPT_MASK | ACmEventHandler::CONNECT_MASK);
+    const long lSpecial = pElement->m_nMask & (ACmEventHandler::ACCEPT_MASK | ACmEventHandler::CONNECT_MASK);
     if (lSpecial) {
         ProcessHandleEvent(fd, lSpecial, CM_OK, FALSE, FALSE);
-    } else if (pElement->m_lMask & ACmEventHandler::DATAGRAM_MASK) {
+    } else if (pElement->m_nMask & ACmEventHandler::DATAGRAM_MASK) {
         ReportDatagrams_i(fd, dwBinding, aReport.events);
     } else if (aReport.events & EPOLLERR) {
         ReportClose_i(fd, dwBinding, CM_ERROR_NETWORK_SOCKET_ERROR);
@@ -225,7 +225,7 @@ void CCmReactorEpoll::DispatchReport_i(const epoll_event& aReport) {
         if (aReport.events & EPOLLRDHUP)
             ReportIn_i(fd, dwBinding);  // behind the last bytes there is the end to read, which nobody would report again
         pElement = FindBinding_i(fd, dwBinding);
-        if ((aReport.events & EPOLLOUT) && pElement && (pElement->m_lMask & ACmEventHandler::WRITE_MASK))
+        if ((aReport.events & EPOLLOUT) && pElement && (pElement->m_nMask & ACmEventHandler::WRITE_MASK))
             ProcessHandleEvent(fd, ACmEventHandler::WRITE_MASK, CM_OK, FALSE, FALSE);
     }
     ProcessTimerTick();
@@ -236,14 +236,14 @@ void CCmReactorEpoll::DispatchReport_i(const epoll_event& aReport) {
 void CCmReactorEpoll::ReportIn_i(HANDLE aFd, DWORD aBinding) {
     for (int i = 0; i < MAX_INPUTS; ++i) {
         const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
-        if (!pElement || !(pElement->m_lMask & ACmEventHandler::READ_MASK))
+        if (!pElement || !(pElement->m_nMask & ACmEventHandler::READ_MASK))
             return;  // gone, or paused: reported again when the handler wants to read
-        const BOOL bDatagrams = !!(pElement->m_lMask & ACmEventHandler::DATAGRAM_MASK);
+        const BOOL bDatagrams = !!(pElement->m_nMask & ACmEventHandler::DATAGRAM_MASK);
         if (ProcessHandleEvent(aFd, ACmEventHandler::READ_MASK, CM_OK, FALSE, FALSE) != CM_OK || bDatagrams)
             return;
     }
     const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
-    if (pElement && (pElement->m_lMask & ACmEventHandler::READ_MASK))
+    if (pElement && (pElement->m_nMask & ACmEventHandler::READ_MASK))
         OnHandleMaskAdded(aFd);
 }
 
@@ -252,7 +252,7 @@ void CCmReactorEpoll::ReportDatagrams_i(HANDLE aFd, DWORD aBinding, DWORD aEvent
     if (aEvents & (EPOLLIN | EPOLLERR | EPOLLHUP))
         ReportIn_i(aFd, aBinding);
     const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
-    if ((aEvents & EPOLLOUT) && pElement && (pElement->m_lMask & ACmEventHandler::WRITE_MASK))
+    if ((aEvents & EPOLLOUT) && pElement && (pElement->m_nMask & ACmEventHandler::WRITE_MASK))
         ProcessHandleEvent(aFd, ACmEventHandler::WRITE_MASK, CM_OK, FALSE, FALSE);
 }
 
@@ -270,7 +270,7 @@ BOOL CCmReactorEpoll::DrainBeforeClose_i(HANDLE aFd, DWORD aBinding, CmResult aR
         const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
         if (!pElement)
             return FALSE;
-        if (!(pElement->m_lMask & ACmEventHandler::READ_MASK))
+        if (!(pElement->m_nMask & ACmEventHandler::READ_MASK))
             return !IsPaused(*pElement) || aReason == CM_ERROR_NETWORK_SOCKET_ERROR;
         CM_WARNING_TRACE_THIS(
             "CCmReactorWin32Message::Win32SocketWndProc, data remained in the handle wehn closing, recv it. dwRemain="
@@ -383,9 +383,9 @@ CmResult CCmReactorEpoll::OnHandleRegister(HANDLE aFd, long aMask, ACmEventHandl
 // Changing the watch, even to the same, makes the system look at the handle again and report what is ready.
 void CCmReactorEpoll::OnHandleMaskAdded(HANDLE aFd) {
     const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(aFd);
-    int nRv = Watch_i(EPOLL_CTL_MOD, aFd, pElement->m_lMask, pElement->m_dwBinding);
+    int nRv = Watch_i(EPOLL_CTL_MOD, aFd, pElement->m_nMask, pElement->m_dwBinding);
     if (nRv == -1 && errno == ENOENT)  // its number was closed and used again without a removal
-        nRv = Watch_i(EPOLL_CTL_ADD, aFd, pElement->m_lMask, pElement->m_dwBinding);
+        nRv = Watch_i(EPOLL_CTL_ADD, aFd, pElement->m_nMask, pElement->m_dwBinding);
     if (nRv == -1)
         CM_ERROR_TRACE_THIS("CCmReactorEpoll::OnHandleMaskAdded, epoll_ctl() failed! aFd=" << aFd << " err=" << errno);
 }

@@ -53,25 +53,18 @@ void CCmTransportBase::OnReferenceDestory() {
     CCmReferenceControlTimerDeleteT::OnReferenceDestory();
 }
 
-void CCmTransportBase::NoteFailure_i(int aErrno, const char* aVerb) {
-    if (HasFailed_i() || aErrno == 0)
+void CCmTransportBase::NoteFailure_i(const CWayToFail& aWay, int aErrno) {
+    if (HasFailed_i() || (aWay.m_Cause == CM_FAILURE_SYSTEM && aErrno == 0))
         return;
-    NoteFailure_i(CM_FAILURE_SYSTEM, nullptr, aVerb);
+    m_pFailure = &aWay;
     m_nErrno = aErrno;
-}
-
-void CCmTransportBase::NoteFailure_i(ECmFailureCause aCause, const char* aText, const char* aVerb) {
-    if (HasFailed_i())
-        return;
-    m_Cause = aCause;
-    m_pText = aText;
-    m_pVerb = aVerb;
 }
 
 CCmFailure CCmTransportBase::GetFailure_i(const CCmInetAddr& aPeer) const {
     if (!HasFailed_i())
         return {};
-    return m_nErrno != 0 ? CCmFailure(m_nErrno, m_pVerb, aPeer) : CCmFailure(m_Cause, m_pText, m_pVerb, aPeer);
+    const CWayToFail& way = *m_pFailure;
+    return m_nErrno != 0 ? CCmFailure(m_nErrno, way.m_pVerb, aPeer) : CCmFailure(way.m_Cause, way.m_pText, way.m_pVerb, aPeer);
 }
 
 void CCmTransportBase::RemoveFromReactor_i() {

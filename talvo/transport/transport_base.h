@@ -34,10 +34,21 @@ protected:
 
     void OnReferenceDestory() override;
 
-    // Notes what ends the connection, for CM_OPT_TRANSPORT_LAST_FAILURE. The texts are literals. The first one counts.
-    void NoteFailure_i(int aErrno, const char* aVerb);
-    void NoteFailure_i(ECmFailureCause aCause, const char* aText, const char* aVerb);
-    BOOL HasFailed_i() const { return m_pVerb != nullptr; }
+    // A way in which connections fail; few of them ever do, so each keeps no more than a pointer to it.
+    struct CWayToFail {
+        ECmFailureCause m_Cause;
+        const char* m_pText;  // null: that of the errno
+        const char* m_pVerb;
+    };
+    static constexpr CWayToFail RECEIVING = {CM_FAILURE_SYSTEM, nullptr, "receive from"};
+    static constexpr CWayToFail SENDING = {CM_FAILURE_SYSTEM, nullptr, "send to"};
+    static constexpr CWayToFail EXCHANGING = {CM_FAILURE_SYSTEM, nullptr, "exchange datagrams with"};
+    static constexpr CWayToFail SILENCE = {CM_FAILURE_SILENCE, "the peer has sent nothing for too long", "receive from"};
+
+    // Notes what ends the connection, for CM_OPT_TRANSPORT_LAST_FAILURE. The first one counts; the system's without an errno is
+    // none. aWay is kept.
+    void NoteFailure_i(const CWayToFail& aWay, int aErrno = 0);
+    BOOL HasFailed_i() const { return m_pFailure != nullptr; }
     CCmFailure GetFailure_i(const CCmInetAddr& aPeer) const;
 
     // Takes the handler out of the reactor, if that still exists.
@@ -49,8 +60,6 @@ protected:
 private:
     void EndInOrder_i(BOOL aCut) override;
 
-    ECmFailureCause m_Cause = CM_FAILURE_NONE;
     int m_nErrno = 0;
-    const char* m_pText = nullptr;  // of a cause without errno
-    const char* m_pVerb = nullptr;  // null: nothing has failed
+    const CWayToFail* m_pFailure = nullptr;  // null: nothing has failed
 };

@@ -100,7 +100,7 @@ int CCmTransportTcp::OnClose(HANDLE aFd, long aMask) {
     int nError = 0;
     int nLength = sizeof nError;
     if (!HasFailed_i() && m_SocketTcp.GetOption(SOL_SOCKET, SO_ERROR, &nError, &nLength) == 0)
-        NoteFailure_i(nError, "receive from");
+        NoteFailure_i(RECEIVING, nError);
     CCmInetAddr addrPeer;
     GetPeerAddr_i(addrPeer);
     const CCmFailure failure = GetFailure_i(addrPeer);
@@ -126,7 +126,7 @@ int CCmTransportTcp::Recv_i(char* aBuf, DWORD aLen) {
     else
         CM_WARNING_TRACE_THIS("CCmTransportTcp::Recv_i, recv() failed! fd=" << GetHandle() << " err=" << nErr);
     if (nRecv == -1)
-        NoteFailure_i(nErr, "receive from");
+        NoteFailure_i(RECEIVING, nErr);
     errno = nErr;
     return -1;
 }
@@ -148,7 +148,7 @@ int CCmTransportTcp::Send_i(const char* aBuf, DWORD aLen) {
 CmResult CCmTransportTcp::SendFailed_i(int aError) {
     if (m_bEndSent)
         return CM_ERROR_NETWORK_SOCKET_ERROR;
-    NoteFailure_i(aError, "send to");
+    NoteFailure_i(SENDING, aError);
     m_bBroken = TRUE;
     if (m_bOpen)
         TellBroken_i();

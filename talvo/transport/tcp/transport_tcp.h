@@ -1,6 +1,7 @@
 // A connected, non-blocking TCP socket as a transport.
 #pragma once
 
+#include "talvo/transport/atomic_addr.h"
 #include "talvo/transport/network_buffers.h"
 #include "talvo/transport/transport_base.h"
 
@@ -37,8 +38,8 @@ public:
 
     CCmSocketTcp& GetPeer() { return m_SocketTcp; }
     // What who made it knows already spares a call of the system; the peer's address can then be asked for after the end, too.
-    void SetPeerAddr(const sockaddr_in& aAddr) { m_AddrPeer = aAddr; }
-    void SetLocalAddr(const sockaddr_in& aAddr) { m_AddrLocal = aAddr; }
+    void SetPeerAddr(const sockaddr_in& aAddr) { m_AddrPeer.Store(CCmInetAddr(aAddr)); }
+    void SetLocalAddr(const sockaddr_in& aAddr) { m_AddrLocal.Store(CCmInetAddr(aAddr)); }
     // Of one read; between CTcpSettings::MIN_READ and MAX_READ.
     void SetReadSize(DWORD aSize) { m_dwReadSize = aSize; }
     const CCmTransportCounters& GetCounters() const { return m_Counters; }
@@ -69,15 +70,16 @@ private:
     CmResult GetLocalAddr_i(CCmInetAddr& aAddr);
 
     CCmSocketTcp m_SocketTcp;
-    sockaddr_in m_AddrPeer{};   // family 0: not known yet
-    sockaddr_in m_AddrLocal{};  // likewise
+    // There are tens of thousands of these: small members, side by side.
+    talvo::CAtomicAddr m_AddrPeer;
+    talvo::CAtomicAddr m_AddrLocal;
     DWORD m_dwReadSize = talvo::CNetworkBuffers::DEFAULT_READ;
-    BOOL m_bNeedOnSend = FALSE;
-    BOOL m_bReadingPaused = FALSE;
-    BOOL m_bOpen = FALSE;     // registered with the reactor
-    BOOL m_bTellEnd = FALSE;  // option 148
-    BOOL m_bEndTold = FALSE;
-    BOOL m_bEndSent = FALSE;  // option 147
-    BOOL m_bBroken = FALSE;   // a send found that out, and OnDisconnect has to come
+    bool m_bNeedOnSend = false;
+    bool m_bReadingPaused = false;
+    bool m_bOpen = false;     // registered with the reactor
+    bool m_bTellEnd = false;  // option 148
+    bool m_bEndTold = false;
+    bool m_bEndSent = false;  // option 147
+    bool m_bBroken = false;   // a send found that out, and OnDisconnect has to come
     CCmTransportCounters m_Counters;
 };

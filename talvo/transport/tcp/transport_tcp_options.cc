@@ -103,24 +103,22 @@ CmResult CCmTransportTcp::GetOption(DWORD aCommand, void* aArg) {
 
 CmResult CCmTransportTcp::GetLocalAddr_i(CCmInetAddr& aAddr) {
     CCmInetAddr addr;
-    if (m_AddrLocal.sin_family == 0 && m_SocketTcp.GetLocalAddr(addr) == 0)
-        m_AddrLocal = *addr.GetPtr();
-    if (m_AddrLocal.sin_family == 0) {
+    if (!m_AddrLocal.Load(addr) && m_SocketTcp.GetLocalAddr(addr) != 0) {
         CM_WARNING_TRACE_THIS("CCmTransportTcp::GetOption, (CM_OPT_TRANSPORT_LOCAL_ADDR) failed! err=" << errno);
         return CM_ERROR_NETWORK_SOCKET_ERROR;
     }
-    aAddr = CCmInetAddr(m_AddrLocal);
+    m_AddrLocal.Store(addr);
+    aAddr = addr;
     return CM_OK;
 }
 
 CmResult CCmTransportTcp::GetPeerAddr_i(CCmInetAddr& aAddr) {
     CCmInetAddr addr;
-    if (m_AddrPeer.sin_family == 0 && m_SocketTcp.GetRemoteAddr(addr) == 0)
-        m_AddrPeer = *addr.GetPtr();
-    if (m_AddrPeer.sin_family == 0) {
+    if (!m_AddrPeer.Load(addr) && m_SocketTcp.GetRemoteAddr(addr) != 0) {
         CM_WARNING_TRACE_THIS("CCmTransportTcp::GetOption, (CM_OPT_TRANSPORT_PEER_ADDR) failed! err=" << errno);
         return CM_ERROR_NETWORK_SOCKET_ERROR;
     }
-    aAddr = CCmInetAddr(m_AddrPeer);
+    m_AddrPeer.Store(addr);
+    aAddr = addr;
     return CM_OK;
 }

@@ -91,7 +91,7 @@ void CCmTransportUdp::OnRoom() {
 }
 
 void CCmTransportUdp::OnSilent() {
-    NoteFailure_i(CM_FAILURE_SILENCE, "the peer has sent nothing for too long", "receive from");
+    NoteFailure_i(SILENCE);
     Close_t(CM_OK);
     if (ICmTransportSink* pSink = std::exchange(m_pSink, nullptr))
         pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_CLOSE, this);

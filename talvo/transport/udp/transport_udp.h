@@ -64,7 +64,7 @@ private:
     void OnDatagram(CCmMessageBlock& aData, const sockaddr_in&) override { Take(aData); }
     void OnWritable() override { OnRoom(); }
     void OnBroken(int aError) override {
-        NoteFailure_i(aError, "exchange datagrams with");
+        NoteFailure_i(EXCHANGING, aError);
         OnClose(GetHandle(), READ_MASK);
     }
 
