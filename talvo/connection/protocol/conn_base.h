@@ -75,7 +75,7 @@ private:
     CmResult GetKeptOption_i(DWORD aCommand, void* aArg);
 
     CCmRefPtrT<ICmTransport> m_pEnded;  // was below until the connection ended; only asked
-    ECmFailureCause m_Cause = CM_FAILURE_NONE;
     const char* m_pFailureText = nullptr;
-    BOOL m_bReleased = FALSE;
+    ECmFailureCause m_Cause = CM_FAILURE_NONE;
+    bool m_bReleased = false;
 };

@@ -113,8 +113,7 @@ CmResult CCsConn::Disconnect(CmResult) {
 }
 
 CmResult CCsConn::Close_i(CmResult aReason) {
-    m_KeepAliveTimer.Cancel();
-    m_SecondTimer.Cancel();
+    CancelTimers_i();
     m_pSink = nullptr;
     CmResult rv = CM_OK;
     if (m_wStatus == CS_STATUS_HANDSHAKE)
@@ -129,8 +128,7 @@ CmResult CCsConn::Close_i(CmResult aReason) {
 }
 
 void CCsConn::End_i(CmResult aTransportReason) {
-    m_KeepAliveTimer.Cancel();
-    m_SecondTimer.Cancel();
+    CancelTimers_i();
     DisconnectTransport_i(aTransportReason);
     Reset();
 }

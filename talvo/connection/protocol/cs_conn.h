@@ -91,22 +91,22 @@ protected:
     void SendKeepAliveIfDue_i();
     BOOL IsPeerSilent_i(DWORD& aSilence) const;
     virtual BOOL HasKeepAliveTimer_i() const { return m_bNeedKeepAlive; }  // while connected
+    virtual void CancelTimers_i() { m_KeepAliveTimer.Cancel(); }
 
     // Whether the sink has sent before the connection was up. StartData_i sends that, and pays the OnSend that is owed.
     BOOL HasUnsentData_i() const { return m_SendBuf.GetUnsent() > 0; }
     void StartData_i();
 
-    DWORD m_dwType = 0;  // the connection type
-    BOOL m_bNeedACK = TRUE;
-    BYTE m_byInstanceType = INSTANCE_NONE;
+    DWORD m_dwType = 0;         // the connection type
     DWORD m_cBaseType = 0;      // of the transport below
-    BOOL m_bDatagrams = FALSE;  // which says that it is one
-    BOOL m_bNeedKeepAlive = FALSE;
+    bool m_bDatagrams = false;  // which says that it is one
+    bool m_bNeedACK = true;
+    bool m_bNeedKeepAlive = false;
+    BYTE m_byInstanceType = INSTANCE_NONE;
     char m_szConnReq[CCsPduBase::MAX_FIX_LENGTH] = {};  // the connect request, kept for sending it again
     DWORD m_dwConnReq = 0;                              // its length; 0: there is none
     talvo::CReceiveChain m_Receive;
-    CCmTimerWrapperID m_KeepAliveTimer;
-    CCmTimerWrapperID m_SecondTimer;  // of the derived class
+    CCmTimerWrapperID m_KeepAliveTimer;  // until it is connected: of the time-out that the derived class sets
 
 private:
     // Sending.
@@ -144,21 +144,21 @@ private:
     DWORD m_dwMaxBufLen;
     DWORD m_dwMaxMessage = CS_DEFAULT_MAX_MESSAGE_LEN;
     DWORD m_dwKeepAliveInterval = 15;  // seconds
-    BOOL m_bAckProcessing = FALSE;
-    BOOL m_bCorked = FALSE;
-    BOOL m_bRefused = FALSE;     // the transport did not take all that is pending
-    BOOL m_bNeedOnSend = FALSE;  // a send was refused
-    BOOL m_bReadingPaused = FALSE;
-    BOOL m_bPeerDisconnected = FALSE;
-    DWORD m_dwReceived = 0;  // receive counter: the sequence number of the last data byte that came
-    DWORD m_dwAckBytes = 0;  // ACK byte counter
+    bool m_bAckProcessing = false;
+    bool m_bCorked = false;
+    bool m_bRefused = false;     // the transport did not take all that is pending
+    bool m_bNeedOnSend = false;  // a send was refused
+    bool m_bReadingPaused = false;
+    bool m_bPeerDisconnected = false;
+    bool m_bHasReceived = false;  // m_dwLastRecvTick is recorded
+    DWORD m_dwReceived = 0;       // receive counter: the sequence number of the last data byte that came
+    DWORD m_dwAckBytes = 0;       // ACK byte counter
     DWORD m_dwLastSendTick = 0;
     DWORD m_dwLastRecvTick = 0;
-    BOOL m_bHasReceived = FALSE;  // m_dwLastRecvTick is recorded
     // The PDU under way.
     DWORD m_dwPDULen = 1;
     DWORD m_dwDataLen = 0;  // of a data PDU whose fixed part has been read, and its acknowledgement
     DWORD m_dwACK = 0;
     BYTE m_byType = CS_PDU_TYPE_NONE;
-    BOOL m_bDataLenKnown = FALSE;
+    bool m_bDataLenKnown = false;
 };

@@ -26,8 +26,7 @@ CPkgConnClient::~CPkgConnClient() { --s_Live; }
 void CPkgConnClient::CancelConnect() {
     m_bCancelled = TRUE;
     m_pOwner = nullptr;
-    m_KeepAliveTimer.Cancel();
-    m_SecondTimer.Cancel();
+    CancelTimers_i();
     SendDisconn(CM_OK);  // over datagrams nothing else would tell the server
     DisconnectTransport_i(CM_OK);
 }
@@ -58,7 +57,7 @@ void CPkgConnClient::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, 
     }
     CmResult rv = SendConnReq();
     if (m_bDatagrams)
-        rv = m_SecondTimer.Schedule(this, FIRST_RETRANSMIT, 1);
+        rv = m_RetransmitTimer.Schedule(this, FIRST_RETRANSMIT, 1);
     if (rv == CM_ERROR_OUT_OF_MEMORY)
         Lost_i(rv);
 }
@@ -71,7 +70,7 @@ void CPkgConnClient::OnDisconnect(CmResult aReason, ICmTransport* aTrpt) {
 
 void CPkgConnClient::OnTimer(CCmTimerWrapperID* aId) {
     m_Est.EnsureSingleThread();
-    if (aId == &m_SecondTimer) {
+    if (aId == &m_RetransmitTimer) {
         OnRetransmitTimer_i();
         return;
     }
@@ -94,11 +93,16 @@ void CPkgConnClient::OnRetransmitTimer_i() {
     if (m_dwRetransmits >= MAX_RETRANSMITS || m_wStatus != CS_STATUS_HANDSHAKE)
         return;
     const BOOL bQuick = m_dwRetransmits == 3 || m_dwRetransmits == 4;
-    if (const CmResult rv = m_SecondTimer.Schedule(this, bQuick ? QUICK_RETRANSMIT : RETRANSMIT, 1);
+    if (const CmResult rv = m_RetransmitTimer.Schedule(this, bQuick ? QUICK_RETRANSMIT : RETRANSMIT, 1);
         rv == CM_ERROR_OUT_OF_MEMORY)
         Lost_i(rv);
     else
         SendConnReq();
+}
+
+void CPkgConnClient::CancelTimers_i() {
+    CPkgConn::CancelTimers_i();
+    m_RetransmitTimer.Cancel();
 }
 
 void CPkgConnClient::OnHandshakeTimeout_i() {
@@ -123,8 +127,7 @@ void CPkgConnClient::OnRecvConnResp() {
         return;
     }
     m_bRespReceived = TRUE;
-    m_KeepAliveTimer.Cancel();
-    m_SecondTimer.Cancel();
+    CancelTimers_i();
     if (pdu.GetConnType() != m_byConnType) {
         CM_WARNING_TRACE_THIS("CPkgConnClient::OnRecvConnResp(), Wrong connection type");
         NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer has answered as another connection type");

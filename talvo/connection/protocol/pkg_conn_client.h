@@ -23,12 +23,14 @@ public:
 protected:
     void OnRecvConnResp() override;
     BOOL HasKeepAliveTimer_i() const override { return TRUE; }
+    void CancelTimers_i() override;
 
 private:
     void OnRetransmitTimer_i();
     void OnHandshakeTimeout_i();
     void OnConnected_i();
 
+    CCmTimerWrapperID m_RetransmitTimer;
     CmResult m_LimitResult;     // of arming the time-out of the handshake
     DWORD m_dwRetransmits = 0;  // firings of the retransmit timer
     BOOL m_bCancelled = FALSE;

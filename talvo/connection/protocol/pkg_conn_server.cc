@@ -26,7 +26,7 @@ void CPkgConnServer::CancelConnect() {
 void CPkgConnServer::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     m_Est.EnsureSingleThread();
     CM_INFO_TRACE_THIS("CPkgConnServer::OnConnectIndication aReason =" << aReason);
-    const CmResult rv = m_ReleaseTimer.Schedule(this, HANDSHAKE_TIMEOUT, 1);
+    const CmResult rv = m_KeepAliveTimer.Schedule(this, HANDSHAKE_TIMEOUT, 1);
     TakeTransport_i(aTrpt);
     SetCurrStatus(CS_STATUS_HANDSHAKE);
     if (rv == CM_ERROR_OUT_OF_MEMORY || (aTrpt && aTrpt->OpenWithSink(this) != CM_OK))
@@ -68,9 +68,9 @@ void CPkgConnServer::Accept_i() {
         return;
     CmResult rv = SendConnResp();
     SetCurrStatus(CS_STATUS_CONNECTED);
+    m_KeepAliveTimer.Cancel();  // the time-out of the handshake
     if (m_bNeedKeepAlive && rv != CM_ERROR_OUT_OF_MEMORY)
         rv = ScheduleKeepAlive_i();
-    m_ReleaseTimer.Cancel();
     if (rv == CM_ERROR_OUT_OF_MEMORY)
         Lost_i(rv);
     else
@@ -95,10 +95,10 @@ void CPkgConnServer::RefuseType_i() {
         Indicate_i(CM_ERROR_NOT_AVAILABLE);
 }
 
-void CPkgConnServer::OnTimer(CCmTimerWrapperID* aId) {
+void CPkgConnServer::OnTimer(CCmTimerWrapperID*) {
     m_Est.EnsureSingleThread();
-    if (aId == &m_ReleaseTimer) {
-        OnReleaseTimer_i();
+    if (m_wStatus == CS_STATUS_HANDSHAKE) {
+        OnHandshakeTimeout_i();
         return;
     }
     if (m_wStatus != CS_STATUS_CONNECTED)
@@ -112,7 +112,7 @@ void CPkgConnServer::OnTimer(CCmTimerWrapperID* aId) {
     Lost_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);
 }
 
-void CPkgConnServer::OnReleaseTimer_i() {
+void CPkgConnServer::OnHandshakeTimeout_i() {
     CM_WARNING_TRACE_THIS("CPkgConnServer::OnTimer, m_ReleaseTimer, ref=" << GetReference());
     Lost_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);
 }

@@ -25,7 +25,5 @@ protected:
 private:
     void Accept_i();
     void RefuseType_i();
-    void OnReleaseTimer_i();
-
-    CCmTimerWrapperID& m_ReleaseTimer = m_SecondTimer;  // runs until the request has come
+    void OnHandshakeTimeout_i();
 };
