@@ -1,14 +1,14 @@
-// What becomes of an exception that leaves a callback.
+// Handling of exceptions that leave a callback.
 #pragma once
 
 #include "talvo/base/export.h"
 
 namespace talvo {
 
-// Traces the exception that is being handled, writes the trace out and ends the process through std::terminate.
+// Traces the current exception, flushes the trace and ends the process through std::terminate.
 [[noreturn]] TALVO_API void end_by_exception() noexcept;
 
-// The calling thread runs what calls back; may be nested.
+// Marks a scope in which the calling thread runs callbacks. Scopes may be nested.
 class TALVO_API CCallbackScope {
 public:
     CCallbackScope();
@@ -19,7 +19,7 @@ public:
     static bool IsInside();
 };
 
-// Runs what calls back into the application. Callbacks must not throw: the state that an exception leaves behind is unknown, so
+// Runs a function that calls back into the application. Callbacks must not throw: an exception would leave an unknown state, so
 // it ends the process.
 template <class Function>
 void guard_callbacks(const Function& aFunction) {

@@ -1,4 +1,4 @@
-// The events that a thread runs between two looks around itself.
+// A batch of events, which a thread runs before it checks its handles and timers again.
 #pragma once
 
 #include "talvo/base/ref_ptr.h"
@@ -7,9 +7,9 @@ class CCmThreadLink;
 
 namespace talvo {
 
-// Made by the queue that runs the events, in their thread; may be nested. A thread that they hand work to without hurry, see
-// CCmThreadLink::PostEventQuietly, is woken once, when it ends: woken at once it would take this thread's processor away for
-// the first piece of work, and sleep again when the second comes.
+// The queue creates a batch in its thread around the events. Batches may be nested. Events may post to another thread with
+// CCmThreadLink::PostEventQuietly; the batch then wakes that thread once, at its end. An immediate wake-up would preempt this
+// thread for the first event, and the other thread would sleep again before the second.
 class CEventBatch {
 public:
     CEventBatch();
@@ -17,7 +17,7 @@ public:
     CEventBatch(const CEventBatch&) = delete;
     CEventBatch& operator=(const CEventBatch&) = delete;
 
-    // The calling thread's innermost; null outside of its events.
+    // The calling thread's innermost batch; null outside of events.
     static CEventBatch* Current();
 
     void WakeAtEnd(CCmThreadLink& aLink);

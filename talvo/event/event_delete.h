@@ -1,21 +1,21 @@
-// Deletion by an event of the owning thread: the object outlives everything that was posted there before.
+// Deletion by an event of the owning thread: the object outlives every event that was posted there before.
 #pragma once
 
 #include "talvo/base/trace.h"
 #include "talvo/event/event_queue.h"
 #include "talvo/event/thread_link.h"
 
-// Deletes its target when it runs in the owning thread, and also when that thread's queue ends before it ran.
+// Deletes its target in the owning thread when it runs, or when that thread's queue ends before it runs.
 template <class TargetType>
 class CCmEventDeleteT : public ICmEvent {
 public:
     explicit CCmEventDeleteT(TargetType* aTarget) : m_pTarget(aTarget) {}
     ~CCmEventDeleteT() override { delete m_pTarget; }
 
-    CmResult OnEventFire() override { return CM_OK; }  // the deletion follows when the queue destroys the event
+    CmResult OnEventFire() override { return CM_OK; }  // the queue deletes the target when it destroys the event
 
-    // Posts this event to aThread. Whatever the result, this object and its target belong to the queue afterwards or are gone.
-    // CM_ERROR_ALREADY_INITIALIZED: launched before, nothing done.
+    // Posts this event to aThread. With any result but CM_ERROR_ALREADY_INITIALIZED, the queue owns this object and its target
+    // afterwards, or both are deleted. CM_ERROR_ALREADY_INITIALIZED: launched before; nothing changes.
     CmResult Launch(CCmThreadLink& aThread) {
         if (m_bLaunched)
             return CM_ERROR_ALREADY_INITIALIZED;

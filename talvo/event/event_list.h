@@ -1,4 +1,4 @@
-// The events that wait in a queue or are run in one go.
+// A list of events, for queues and batches.
 #pragma once
 
 #include <cstddef>
@@ -8,8 +8,8 @@
 
 namespace talvo {
 
-// First in, first out, linked through the events themselves: a list needs no memory, so an event that was made can always be
-// posted. The last one points to itself, and an event in no list to nothing. Does not own the events.
+// A first-in-first-out list that links the events themselves: it needs no memory, so a post cannot fail for lack of it. The
+// last event points to itself; an event in no list points to null. Does not own the events.
 class CEventList {
 public:
     CEventList() = default;
@@ -19,13 +19,13 @@ public:
         return *this;
     }
 
-    // Whether the event is in any list.
+    // TRUE: the event is in a list.
     static bool IsListed(const ICmEvent& aEvent) { return aEvent.m_pNext != nullptr; }
 
     bool empty() const { return m_nCount == 0; }
     size_t size() const { return m_nCount; }
 
-    // aEvent is in no list.
+    // aEvent must be in no list.
     void Append(ICmEvent* aEvent) {
         aEvent->m_pNext = aEvent;
         Link(aEvent, aEvent, 1);
@@ -41,7 +41,7 @@ public:
         return pEvent;
     }
 
-    // Moves the aCount oldest events of aFrom, or all if it has fewer, behind this list's.
+    // Moves the aCount oldest events of aFrom, or all if it has fewer, to the end of this list.
     void TakeFrom(CEventList& aFrom, size_t aCount) {
         if (aCount == 0 || aFrom.empty())
             return;
@@ -57,8 +57,7 @@ public:
         Link(pFirst, pLast, aCount);
     }
 
-    // Has the memory of the next event on its way while others run: another thread wrote it, so that it would have to be waited
-    // for.
+    // Prefetches the next event while others run: another thread wrote it, so this processor's cache does not have it.
     void Prefetch() const {
         if (!empty())
             __builtin_prefetch(m_pFirst, 1);
@@ -77,7 +76,7 @@ private:
         std::swap(m_nCount, aOther.m_nCount);
     }
 
-    ICmEvent* m_pFirst = nullptr;  // both stale while the list is empty
+    ICmEvent* m_pFirst = nullptr;  // both pointers are stale while the list is empty
     ICmEvent* m_pLast = nullptr;
     size_t m_nCount = 0;
 };

@@ -14,19 +14,20 @@ namespace talvo {
 namespace {
 
 constexpr size_t SLAB_ALIGNMENT = 4096;
-constexpr size_t SLAB_SIZE = SLAB_ALIGNMENT - 64;  // leaves the general allocator room to put them side by side
+constexpr size_t SLAB_SIZE =
+    SLAB_ALIGNMENT - 64;  // leaves the general allocator room for its header, so that slabs stay adjacent
 constexpr size_t BLOCK_ALIGNMENT = alignof(std::max_align_t);
-constexpr size_t LARGEST = 2000;  // bytes, two to a slab; a larger block has a slab of its own
+constexpr size_t LARGEST = 2000;  // bytes, two blocks to a slab; a larger block has a slab of its own
 constexpr size_t MOST_SPARES = 64;
 
-// The head of a slab; its blocks follow.
+// The header of a slab. The blocks follow it.
 struct alignas(BLOCK_ALIGNMENT) CSlab {
     explicit CSlab(int aBlocks) : m_nOut(aBlocks) {}
 
-    // Blocks that have not come back. Those of an open slab are counted by its thread and added in the end only, so until then
-    // this is zero or below.
+    // Blocks in use. While a slab is open, its thread counts the blocks that it hands out and adds them only when it closes the
+    // slab. Until then this is zero or negative.
     std::atomic<int> m_nOut;
-    bool m_bOne = false;  // a slab of one block
+    bool m_bOne = false;  // a slab with a single block
 };
 
 constinit CSpares<MOST_SPARES> s_Spares;
@@ -54,15 +55,15 @@ void* TakeOne(size_t aSize) {
     return pSlab + 1;
 }
 
-// The slab that a thread cuts its blocks off.
+// The slab from which a thread takes its blocks.
 struct COpenSlab {
-    CSlab* m_pSlab;  // null: none
-    size_t m_nUsed;  // bytes; all of them while there is none
+    CSlab* m_pSlab;  // null: no open slab
+    size_t m_nUsed;  // bytes; SLAB_SIZE without an open slab
     int m_nBlocks;
-    bool m_bEnded;  // the thread is about to end and opens no more
+    bool m_bEnded;  // the thread is about to end and opens no other slab
 };
 
-// Every event asks for it, which this model of thread-local storage makes cheap; it is for a few bytes only.
+// Every allocation reads it, and this model of thread-local storage makes that cheap. It suits only a few bytes.
 [[gnu::tls_model("initial-exec")]] constinit thread_local COpenSlab t_Open{nullptr, SLAB_SIZE, 0, false};
 
 void Close(bool aEnded) {
@@ -71,8 +72,8 @@ void Close(bool aEnded) {
         GiveBack(open.m_pSlab, -open.m_nBlocks);
 }
 
-// Has the slab closed at the calling thread's end. A key of the threads' library does it, since a thread-local object would
-// need memory, without which the process ends. False: a key cannot be had.
+// Closes the slab at the calling thread's end, through a key of the threads' library. A thread-local object with a destructor
+// would need memory, and without it the process would end. False: there is no key.
 bool CloseAtThreadEnd() {
     static pthread_key_t s_Key;
     static const bool s_bKey = pthread_key_create(&s_Key, [](void*) { Close(true); }) == 0;

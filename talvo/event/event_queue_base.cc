@@ -79,7 +79,7 @@ void CCmEventQueueBase::Reset2CurrentThreadId() { m_dwThreadId = cm_thread_self_
 
 BOOL CCmEventQueueBase::IsOwnerThread() const { return m_dwThreadId == cm_thread_self_id(); }
 
-// In this order a difference is never below zero: what was taken had been posted before.
+// Read in this order the difference is never negative: an event is posted before it is taken.
 DWORD CCmEventQueueBase::GetPendingEventsCount() {
     const DWORD dwTaken = m_dwTaken.load(std::memory_order_acquire);
     return m_dwPosted.load(std::memory_order_relaxed) - dwTaken;
@@ -131,7 +131,7 @@ CCmEventQueueBase::EventsType CCmEventQueueBase::TakeAll() {
 }
 
 void CCmEventQueueBase::DestoryPendingEvents() {
-    // An event that is destroyed may post another, so the list is looked at again.
+    // The end of an event may post another one, so check the list again.
     for (EventsType events = TakeAll(); !events.empty(); events = TakeAll()) {
         while (ICmEvent* pEvent = events.TakeFirst())
             pEvent->OnDestorySelf();

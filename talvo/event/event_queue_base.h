@@ -1,4 +1,4 @@
-// What all event queues share: the list, the counters, the owner and the stop flag.
+// The common part of all event queues: the list, the counters, the owner and the stop flag.
 #pragma once
 
 #include <atomic>
@@ -7,14 +7,14 @@
 #include "talvo/event/event_list.h"
 #include "talvo/event/event_queue.h"
 
-// Has no lock of its own: the derived queues hold theirs while they touch what has arrived. The owner collects that in one go
-// and then takes batch after batch from it without the lock. Popping, firing and destroying happen only in the owner thread.
+// Has no lock of its own: the derived queues hold theirs while they access the list of arrived events. The owner collects that
+// whole list at once and takes batches from it without the lock. Only the owner thread takes, fires and destroys events.
 class TALVO_API CCmEventQueueBase : public ICmEventQueue {
 public:
     using EventsType = talvo::CEventList;
 
     CCmEventQueueBase();
-    // Destroys what is pending, unfired.
+    // Destroys the pending events without firing them.
     ~CCmEventQueueBase() override;
     CCmEventQueueBase(const CCmEventQueueBase&) = delete;
     CCmEventQueueBase& operator=(const CCmEventQueueBase&) = delete;
@@ -23,42 +23,44 @@ public:
     CmResult SendEvent(ICmEvent* aEvent) override;
     DWORD GetPendingEventsCount() override;
 
-    // From now on every post and send is refused; there is no restart. What is in the list stays until popped or destroyed.
+    // Refuses every later post and send; there is no restart. Pending events stay until they are taken or destroyed.
     virtual void Stop();
 
     // Makes the calling thread the owner.
     void Reset2CurrentThreadId();
 
-    // Runs a batch in order, to its end even when the queue is stopped meanwhile, and leaves the list empty. CM_OK.
+    // Runs a batch in order and empties the list, even if the queue is stopped meanwhile. CM_OK.
     CmResult ProcessEvents(EventsType& aEvents);
-    // OnEventFire, then OnDestorySelf; CM_OK, or CM_ERROR_INVALID_ARG for null.
+    // Calls OnEventFire, then OnDestorySelf. CM_OK; CM_ERROR_INVALID_ARG: null.
     CmResult ProcessOneEvent(ICmEvent* aEvent);
 
-    // Owner's thread: whether more than so many can be taken without a look at what posters have added since the last look.
+    // Owner's thread. TRUE: more than aCount events are collected, so that no lock is needed to take them.
     BOOL HasMoreThan(unsigned long aCount) const { return m_Collected.size() > aCount; }
 
-    // Destroys all pending events, oldest first, without firing them.
+    // Destroys all pending events, the oldest first, without firing them.
     void DestoryPendingEvents();
 
-    // Kept for reports about slow queues; nothing is reported with it.
+    // Reserved for reports about slow queues; currently unused.
     static CCmTimeValue s_tvReportInterval;
 
 protected:
-    // Moves at most aMaxCount of the oldest events to the empty list aEvents. CM_ERROR_NOT_FOUND: none pending, aRemain
-    // untouched. Otherwise CM_OK, and aRemain (if given) says how many are left; an aMaxCount of 0 moves nothing.
+    // Moves at most aMaxCount of the oldest events to aEvents (out), which must be empty. aRemain (out, may be null): the
+    // number of events left. CM_ERROR_NOT_FOUND: none is pending, and aRemain is unchanged. Otherwise CM_OK; an aMaxCount of 0
+    // moves nothing.
     CmResult PopPendingEvents(EventsType& aEvents, unsigned long aMaxCount, unsigned long* aRemain);
-    // Takes the oldest event. CM_ERROR_NOT_FOUND: none.
+    // aEvent (out): the oldest event. CM_ERROR_NOT_FOUND: none.
     CmResult PopOnePendingEvent(ICmEvent*& aEvent, unsigned long* aRemain);
-    // The same for queues with a lock: aCollect holds it around Collect_l. Without a call of it where HasMoreThan(aMaxCount):
-    // then something is left, and so the owner will look again.
+    // The same for queues with a lock: aCollect holds it around Collect_l. If HasMoreThan(aMaxCount), aCollect is not called:
+    // an event will be left, so the owner will take again.
     template <class Collect>
     CmResult PopPendingEvents(EventsType& aEvents, unsigned long aMaxCount, unsigned long* aRemain, Collect aCollect);
-    // What has arrived becomes what is collected, of which nothing may be left: a swap.
+    // Moves the arrived events to the collected ones, of which none may be left: a swap.
     void Collect_l() { m_Collected.TakeFrom(m_Arrived, m_Arrived.size()); }
-    // The two halves of PostEvent, for queues that hold a lock around the first only: a refused event's end may call anything.
+    // The two halves of PostEvent, so that a derived queue can hold its lock around the first only: the end of a refused event
+    // may call anything.
     CmResult Append_l(ICmEvent* aEvent);
     CmResult Refuse(ICmEvent* aEvent, CmResult aReason);
-    // The whole list, the queue left empty.
+    // Takes the whole list and leaves the queue empty.
     virtual EventsType TakeAll();
 
     BOOL IsOwnerThread() const;
@@ -67,16 +69,16 @@ private:
     void TakeCollected(EventsType& aEvents, unsigned long aMaxCount);
     void CountTaken(size_t aCount);
 
-    static constexpr size_t CACHE_LINE = 64;  // what posters write and what the owner writes lie in different ones
+    static constexpr size_t CACHE_LINE = 64;  // separates the posters' data from the owner's
 
-    // Both own the events in them. What is pending are the collected ones, and behind them those that have arrived. Counted
-    // without end, each in one place only, so that neither needs a locked instruction; the difference is pending.
+    // Both lists own their events. Pending are the collected events and behind them the arrived ones. Each counter is written
+    // in one place and never reset, so that neither needs a locked instruction. The difference is the number of pending events.
     alignas(CACHE_LINE) EventsType m_Collected;  // the owner's
     std::atomic<DWORD> m_dwTaken{0};             // the owner's
     alignas(CACHE_LINE) EventsType m_Arrived;    // under the derived queue's lock
     std::atomic<DWORD> m_dwPosted{0};            // under the lock
     CCmTimeValue m_tvCreated;
-    std::atomic<DWORD> m_dwThreadId{0};  // 0: nobody owns the queue yet
+    std::atomic<DWORD> m_dwThreadId{0};  // 0: the queue has no owner yet
     std::atomic<BOOL> m_bStopped{FALSE};
 };
 

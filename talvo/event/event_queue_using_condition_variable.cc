@@ -38,7 +38,7 @@ CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(EventsType&
 
 void CCmEventQueueUsingConditionVariable::Wait_l(CCmTimeValue* aTimeout) {
     const CmResult rv = m_Condition.Wait(aTimeout);
-    // The wording belongs to another situation; it is what operators search their logs for, so it stays.
+    // The wording fits another situation. It stays, because operators search their logs for it.
     if (rv != CM_OK && rv != CM_ERROR_TIMEOUT) {
         CM_ERROR_TRACE_THIS("CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents,m_Events is not empty. nSize="
                             << GetPendingEventsCount() << " rv=" << rv);

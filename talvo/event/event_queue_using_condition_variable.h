@@ -1,4 +1,4 @@
-// The event queue of a thread without a reactor: its loop sleeps in it.
+// The event queue of a thread without a reactor. The thread's loop waits in it.
 #pragma once
 
 #include "talvo/base/synchronization.h"
@@ -8,14 +8,14 @@ class TALVO_API CCmEventQueueUsingConditionVariable : public CCmEventQueueBase {
 public:
     CCmEventQueueUsingConditionVariable();
 
-    // Wakes the owner after the mutex was given back. A refused post wakes nobody.
+    // Wakes the owner after the mutex was released. A refused post wakes no thread.
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri = EPRIORITY_NORMAL) override;
 
-    // When it returns, no post under way gets in any more.
+    // After its return no post succeeds, not even one that was under way.
     void Stop() override;
 
-    // Owner's thread: waits once, at most aTimeout (null: without limit), if nothing is pending, then takes at most aMaxCount
-    // of the oldest events. CM_ERROR_NOT_FOUND: nothing was there, after a time-out or a wake-up for nothing; not a failure.
+    // Owner's thread. If no event is pending, waits once for at most aTimeout (null: no limit). aEvents (out): at most
+    // aMaxCount of the oldest events. CM_ERROR_NOT_FOUND: there was none after a time-out or a spurious wake-up; not a failure.
     CmResult PopOrWaitPendingEvents(EventsType& aEvents, CCmTimeValue* aTimeout, unsigned long aMaxCount);
 
 protected:

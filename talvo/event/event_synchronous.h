@@ -1,4 +1,4 @@
-// Carries a sent event across threads and its result back.
+// Carries a sent event to another thread and its result back.
 #pragma once
 
 #include <atomic>
@@ -6,27 +6,27 @@
 #include "talvo/base/synchronization.h"
 #include "talvo/event/event_queue.h"
 
-// Made by the sender, posted to the owner's queue, waited for by the sender. Two sides hold it, the queue and the sender; the
-// one that lets go last deletes it, so neither ever touches freed memory, whichever way the queue ends. A sender whose event
-// never ran gets CM_ERROR_NOT_AVAILABLE.
+// The sender creates it, posts it to the owner's queue and waits for it. The queue and the sender both hold it; the last to
+// release it deletes it, so that neither uses freed memory, however the queue ends. If the event never ran, the sender gets
+// CM_ERROR_NOT_AVAILABLE.
 class TALVO_API CCmEventSynchronous final : public ICmEvent {
 public:
-    // aEvent belongs to this object; it is destroyed in the owner's thread, or wherever the queue refuses or drops this one.
+    // Takes over aEvent, and destroys it in the owner's thread or in the thread where the queue refuses or drops this object.
     explicit CCmEventSynchronous(ICmEvent* aEvent) : m_pEventWrapped(aEvent) {}
 
-    // Owner's thread: runs the wrapped event, keeps its result and lets the sender go on. CM_ERROR_NULL_POINTER without one.
+    // Owner's thread: runs the wrapped event, stores its result and signals the sender. CM_ERROR_NULL_POINTER: there is none.
     CmResult OnEventFire() override;
-    // The queue lets go.
+    // Releases the queue's hold.
     void OnDestorySelf() override;
 
-    // Sender's thread, once, also when the post was refused: waits without limit for the result, then lets go.
+    // Sender's thread, once, even if the post was refused: waits without limit for the result, then releases the sender's hold.
     CmResult WaitResultAndDeleteThis();
 
 private:
     ~CCmEventSynchronous() override = default;
     void LetGo();
 
-    ICmEvent* m_pEventWrapped;  // owned until it was destroyed by OnDestorySelf
+    ICmEvent* m_pEventWrapped;  // owned until OnDestorySelf destroys it
     CmResult m_Result = CM_ERROR_NOT_AVAILABLE;
     CCmEventThread m_SendEvent;
     std::atomic<int> m_nHolders{2};

@@ -8,14 +8,14 @@
 
 namespace talvo {
 
-// Part of its owner, a reference-counted object of one thread with an event queue, whose Method it runs from that thread's
-// loop.
+// A member of its owner, a reference-counted object of one thread with an event queue. It runs the owner's Method from that
+// thread's loop.
 template <class Owner, void (Owner::*Method)()>
 class CLaterReportT final : private ICmEvent {
 public:
     explicit CLaterReportT(Owner& aOwner) : m_Owner(aOwner) {}
 
-    // In the owner's thread. Keeps the owner alive until the loop has come to it. FALSE: the thread has ended.
+    // Owner's thread. Keeps the owner alive until the loop has run the report. FALSE: the thread has ended.
     BOOL Arm() {
         ACmThread* pThread = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_CURRENT);
         if (!pThread)
@@ -26,7 +26,7 @@ public:
         m_Owner.AddReference();
         return pThread->GetLink().PostEvent(this) == CM_OK;
     }
-    // Nothing is reported until it is armed again.
+    // Suppresses the report until the next Arm.
     void Cancel() { m_bDue = FALSE; }
     BOOL IsDue() const { return m_bDue; }
 

@@ -1,14 +1,14 @@
-// The stages of an orderly end, and what is left of the work.
+// The stages of an orderly end, and the unfinished work.
 #pragma once
 
 #include <cstdint>
 
 #include "talvo/base/types.h"
 
-// What the tenants of a thread, or of all threads, have not finished.
+// The unfinished work of the tenants of one thread or of all threads.
 struct CCmUndrained {
-    DWORD m_dwConnections = 0;  // open, or ended by their user with data on its way
-    DWORD m_dwLingering = 0;    // those of the connections that were ended in order
+    DWORD m_dwConnections = 0;  // open, or closed by the user with data in flight
+    DWORD m_dwLingering = 0;    // those of the connections that were closed with CM_OK
     DWORD m_dwRequests = 0;     // HTTP: connections of a server, requests of clients
     uint64_t m_ullBytes = 0;    // taken from users and not acknowledged by the peer's system
 
@@ -22,18 +22,18 @@ struct CCmUndrained {
     }
 };
 
-// A tenant is told a stage every few milliseconds while it lasts, so that tenants that join late are told as well.
+// Tenants are notified of the current stage every few milliseconds, so that tenants that join late are notified as well.
 enum class ECmDrainStage {
-    NONE,    // no end is under way, or it is over
-    FINISH,  // nothing new is accepted; requests that have begun are finished
-    CLOSE,   // connections end, and what they have taken goes out
-    LINGER,  // the thread stops: what lingers may go on, all other connections end at once
-    CUT      // the time is over: everything ends at once
+    NONE,    // no drain is under way, or it is over
+    FINISH,  // new work is refused; requests under way are finished
+    CLOSE,   // connections close after they have sent the data that they took
+    LINGER,  // the thread stops: lingering connections may go on, all others are closed at once
+    CUT      // the time is over: everything is closed at once
 };
 
 namespace talvo {
 
-// Whether connections, and attempts to make one, end in this stage of a drain.
+// TRUE: this stage ends connections and connect attempts.
 constexpr BOOL ends_connections(ECmDrainStage aStage) { return aStage == ECmDrainStage::CLOSE || aStage == ECmDrainStage::CUT; }
 
 }  // namespace talvo

@@ -11,7 +11,7 @@ ACmEventHandler::~ACmEventHandler() = default;
 
 namespace {
 
-// All reactors there are.
+// The list of all live reactors.
 struct CLiveReactors {
     CCmMutexThread m_Mutex;
     ICmReactor* m_pFirst CM_GUARDED_BY(m_Mutex) = nullptr;

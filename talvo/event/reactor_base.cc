@@ -10,7 +10,7 @@ namespace {
 
 CCmLiveCounter s_Live("CCmReactorBase");
 
-constexpr long FLAG_MASK = 0x200;            // handed to the concrete reactor as it is
+constexpr long FLAG_MASK = 0x200;            // passed to the concrete reactor unchanged
 constexpr long REMOVE_AND_CALL_MASK = 0x7F;  // all kinds and SHOULD_CALL_MASK
 constexpr unsigned long MAX_EVENTS_A_REPORT = 5;
 
@@ -96,8 +96,8 @@ CmResult CCmReactorBase::RemoveHandleWithoutFinding_i(HANDLE aFd, const CCmEvent
         CM_WARNING_TRACE_THIS("CCmReactorBase::RemoveHandleWithoutFinding_i, mask is equal. aMask=" << aMask);
         return CM_OK;
     }
-    // A partial removal is a change of an entry that existed, and says so. The concrete reactor goes on watching; what it
-    // reports beyond the mask is dropped.
+    // A partial removal changes an existing entry, so the result is CM_ERROR_FOUND. The concrete reactor still watches the
+    // handle; reports beyond the mask are dropped.
     if (lNewMask != ACmEventHandler::NULL_MASK)
         return m_Handlers.Bind(aFd, pEh, lNewMask);
 
@@ -167,7 +167,7 @@ CmResult CCmReactorBase::Dispatch_i(HANDLE aFd, ACmEventHandler* aEh, long aRead
 }
 
 CmResult CCmReactorBase::ProcessEventQueue_i() {
-    // While more are at hand than a batch the wake-up stays under way, and posters' memory need not be touched.
+    // With more than a batch collected the wake-up stays under way, and the posters' memory is not touched.
     if (!m_EventQueue.HasMoreThan(MAX_EVENTS_A_REPORT))
         m_bWakeUpUnderWay = FALSE;
     CCmEventQueueBase::EventsType events;
@@ -179,7 +179,7 @@ CmResult CCmReactorBase::ProcessEventQueue_i() {
         m_bWakeUpUnderWay = TRUE;
     m_Counters.m_ullEvents += events.size();
     m_EventQueue.ProcessEvents(events);
-    if (ulRemain > 0)  // what was posted since has notified by itself
+    if (ulRemain > 0)  // later posts have notified the loop themselves
         NotifyHandler(nullptr, ACmEventHandler::EVENTQUEUE_MASK);
     return rv;
 }
@@ -219,7 +219,7 @@ CmResult CCmReactorBase::PostEvent(ICmEvent* aEvent, EPriority aPri) {
 }
 
 CmResult CCmReactorBase::Close() {
-    // Events first: what they let go of may still want a timer to be deleted by.
+    // Events first: their end may still delete an object through a timer.
     m_bClosed = TRUE;
     m_EventQueue.Stop();
     m_EventQueue.DestoryPendingEvents();

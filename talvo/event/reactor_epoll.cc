@@ -22,13 +22,13 @@
 namespace {
 
 constexpr int MAX_REPORTS = 256;
-constexpr int MAX_INPUTS = 4;            // calls of OnInput for one report, while the handler goes on
-constexpr int MAX_EVENT_BATCHES = 16;    // batches of events between two looks at the handles,
-constexpr int64_t MAX_EVENT_USEC = 100;  // and none is begun later than this behind the first
+constexpr int MAX_INPUTS = 4;            // calls of OnInput for one report, while the handler continues
+constexpr int MAX_EVENT_BATCHES = 16;    // batches of events between two checks of the handles,
+constexpr int64_t MAX_EVENT_USEC = 100;  // no batch starts later than this after the first
 constexpr uint64_t WAKE_UP_DATA = UINT64_MAX;
 constexpr uint64_t TICK_DATA = UINT64_MAX - 1;
 constexpr DWORD DEFAULT_TICK_MSEC = 10;
-constexpr int WAIT_FOR_TICK = -1;  // without a time-out
+constexpr int WAIT_FOR_TICK = -1;  // no time-out
 
 using Guard = CCmMutexGuardT<CCmMutexThread>;
 
@@ -37,7 +37,7 @@ int64_t ReadTickUsec() {
     return int64_t{std::clamp<DWORD>(dwMsec, 1, 1000)} * 1000;
 }
 
-// CM_INVALID_HANDLE, and errno says why.
+// CM_INVALID_HANDLE: it failed, see errno.
 HANDLE MakeTick(int64_t aUsec) {
     const HANDLE fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
     if (fd == CM_INVALID_HANDLE)
@@ -55,25 +55,26 @@ BOOL WatchByEdge(HANDLE aEpoll, HANDLE aFd, uint64_t aData) {
     return aFd != CM_INVALID_HANDLE && epoll_ctl(aEpoll, EPOLL_CTL_ADD, aFd, &event) == 0;
 }
 
-// Bytes that can be read now, 0 for what has no such count.
+// The number of bytes that can be read now; 0 for a handle without such a count.
 int BytesReadable(HANDLE aFd) {
     int nBytes = 0;
     return ioctl(aFd, FIONREAD, &nBytes) == 0 ? nBytes : 0;
 }
 
-// Whether the handler has read before and does not want to for now.
+// TRUE: the handler has read before and is not registered for reading now.
 BOOL IsPaused(const CCmEventHandlerRepository::CElement& aElement) {
     return aElement.m_bHasRead && !(aElement.m_nMask & ACmEventHandler::READ_MASK);
 }
 
-// Whether the connection is over for its handler: by a hang-up, or by the peer's end alone unless it reads that itself.
+// TRUE: the connection is over for its handler. A hang-up always ends it; the peer's end of stream does so unless the handler
+// reads that itself.
 BOOL IsEnd(DWORD aEvents, const CCmEventHandlerRepository::CElement& aElement) {
     const BOOL bReadsIt = !!(aElement.m_nMask & ACmEventHandler::HALF_CLOSE_MASK);
     return !!(aEvents & (bReadsIt ? EPOLLHUP : EPOLLHUP | EPOLLRDHUP));
 }
 
-// By level: a handler that takes one datagram a report pays neither for a look whether there is another nor for a change of the
-// watch. Who does not read would be told of a failure for ever, and so is told by edge.
+// Level-triggered: a handler that takes one datagram a report needs neither another receive nor a change of the watch. A
+// handler that does not read would get a failure reported for ever, so it is watched edge-triggered.
 DWORD WatchDatagrams(long aMask) {
     const DWORD dwRead = aMask & ACmEventHandler::READ_MASK ? DWORD{EPOLLIN} : DWORD{EPOLLET};
     return aMask & ACmEventHandler::WRITE_MASK ? dwRead | EPOLLOUT : dwRead;
@@ -90,8 +91,8 @@ CCmReactorEpoll::~CCmReactorEpoll() {
     CloseHandles_i();
 }
 
-// Handles may be registered before Open; without descriptors now, Open tries again. 0, or why the system refused. With edges
-// nobody has to read the eventfd back.
+// Called by the constructor too, because handles may be registered before Open. If there are no descriptors, Open tries again.
+// Returns 0 or the errno. The watches are edge-triggered, so that the eventfd need not be read.
 int CCmReactorEpoll::OpenHandles_i() {
     if (m_fdEpoll != CM_INVALID_HANDLE)
         return 0;
@@ -171,8 +172,8 @@ void CCmReactorEpoll::Turn_i(int64_t aMaxWaitUsec) {
     m_bRunning = FALSE;
 }
 
-// Milliseconds for the wait, rounded up so that a timer is due after it. Announces the sleep before it looks for work: whoever
-// brings work later sees the announcement and wakes the loop.
+// Milliseconds for the wait, rounded up so that a timer is due after it. Sets m_bSleeping before it checks for work: a thread
+// that adds work later reads it and wakes the loop.
 int CCmReactorEpoll::GetWaitMsec_i(int64_t aMaxWaitUsec) {
     int64_t llWait = aMaxWaitUsec;
     int64_t llEarliest = 0;
@@ -201,14 +202,14 @@ void CCmReactorEpoll::DispatchReport_i(const epoll_event& aReport) {
     }
     if (aReport.data.u64 == TICK_DATA) {
         uint64_t ullTicks = 0;
-        std::ignore = read(m_fdTick, &ullTicks, sizeof ullTicks);  // which starts the next
+        std::ignore = read(m_fdTick, &ullTicks, sizeof ullTicks);  // this starts the next tick
         return;
     }
     const HANDLE fd = static_cast<HANDLE>(aReport.data.u64 & 0xFFFFFFFF);
     const DWORD dwBinding = static_cast<DWORD>(aReport.data.u64 >> 32);
     const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(fd, dwBinding);
     if (!pElement)
-        return;  // was removed, or its number used again, by an earlier report of this turn
+        return;  // an earlier report of this turn removed it, or its number was reused
 
     const long lSpecial = pElement->m_nMask & (ACmEventHandler::ACCEPT_MASK | ACmEventHandler::CONNECT_MASK);
     if (lSpecial) {
@@ -223,7 +224,7 @@ void CCmReactorEpoll::DispatchReport_i(const epoll_event& aReport) {
         if (aReport.events & EPOLLIN)
             ReportIn_i(fd, dwBinding);
         if (aReport.events & EPOLLRDHUP)
-            ReportIn_i(fd, dwBinding);  // behind the last bytes there is the end to read, which nobody would report again
+            ReportIn_i(fd, dwBinding);  // reads the end of stream behind the last bytes; no further edge reports it
         pElement = FindBinding_i(fd, dwBinding);
         if ((aReport.events & EPOLLOUT) && pElement && (pElement->m_nMask & ACmEventHandler::WRITE_MASK))
             ProcessHandleEvent(fd, ACmEventHandler::WRITE_MASK, CM_OK, FALSE, FALSE);
@@ -231,13 +232,13 @@ void CCmReactorEpoll::DispatchReport_i(const epoll_event& aReport) {
     ProcessTimerTick();
 }
 
-// A handler that goes on is asked again at once a few times, which spares a look of the system for each; then the others get
-// their turn, and the system looks whether there is more.
+// Calls a handler that continues again a few times at once, which saves a system call for each. Then the other handles get
+// their turn, and the system checks whether there is more.
 void CCmReactorEpoll::ReportIn_i(HANDLE aFd, DWORD aBinding) {
     for (int i = 0; i < MAX_INPUTS; ++i) {
         const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
         if (!pElement || !(pElement->m_nMask & ACmEventHandler::READ_MASK))
-            return;  // gone, or paused: reported again when the handler wants to read
+            return;  // removed or paused: reported again when the handler registers for reading
         const BOOL bDatagrams = !!(pElement->m_nMask & ACmEventHandler::DATAGRAM_MASK);
         if (ProcessHandleEvent(aFd, ACmEventHandler::READ_MASK, CM_OK, FALSE, FALSE) != CM_OK || bDatagrams)
             return;
@@ -247,7 +248,7 @@ void CCmReactorEpoll::ReportIn_i(HANDLE aFd, DWORD aBinding) {
         OnHandleMaskAdded(aFd);
 }
 
-// A failure is something to receive here: whether the handle lives on is for its handler to say.
+// A failure is received like a datagram: the handler decides whether the handle is still usable.
 void CCmReactorEpoll::ReportDatagrams_i(HANDLE aFd, DWORD aBinding, DWORD aEvents) {
     if (aEvents & (EPOLLIN | EPOLLERR | EPOLLHUP))
         ReportIn_i(aFd, aBinding);
@@ -261,9 +262,9 @@ void CCmReactorEpoll::ReportClose_i(HANDLE aFd, DWORD aBinding, CmResult aReason
         ProcessHandleEvent(aFd, ACmEventHandler::CLOSE_MASK, aReason, FALSE, FALSE);
 }
 
-// What arrived before the close is read first. TRUE: the close can be reported; FALSE: the handler is gone, or it has paused
-// reading and the close waits, with the bytes, until it goes on. A failed connection waits for nobody: whatever would end the
-// pause may never come.
+// Reads the bytes that arrived before the close. TRUE: report the close. FALSE: the handler is gone, or it has paused reading;
+// then the close and the bytes wait until it resumes. A failed connection does not wait: the event that would end the pause may
+// never come.
 BOOL CCmReactorEpoll::DrainBeforeClose_i(HANDLE aFd, DWORD aBinding, CmResult aReason) {
     int nBefore = INT_MAX;
     for (int nRemain = BytesReadable(aFd); nRemain > 0 && nRemain < nBefore; nRemain = BytesReadable(aFd)) {
@@ -278,13 +279,13 @@ BOOL CCmReactorEpoll::DrainBeforeClose_i(HANDLE aFd, DWORD aBinding, CmResult aR
         nBefore = nRemain;
         ProcessHandleEvent(aFd, ACmEventHandler::READ_MASK, CM_OK, FALSE, FALSE);
     }
-    // Here also when a report consumed nothing: the close cannot wait for that.
+    // Reached also if a report consumed nothing: the close cannot wait for that.
     const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
     return pElement && (!IsPaused(*pElement) || aReason == CM_ERROR_NETWORK_SOCKET_ERROR);
 }
 
-// In the reactor's thread the mark stands beside the registration, so that no memory is needed: a handler that waits for this
-// report may get no other.
+// In the reactor's thread the mark is stored in the registration and needs no memory: for the handler this may be the only
+// report to come.
 CmResult CCmReactorEpoll::NotifyHandler(ACmEventHandler* aEh, long aMask) {
     if (!aEh) {
         WakeUp_i();
@@ -312,8 +313,8 @@ BOOL CCmReactorEpoll::AddNotification_l(ACmEventHandler* aEh, long aMask) {
     return talvo::WithMemory([&] { pNotifications->push_back({aEh, aEh->GetHandle(), aMask}); });
 }
 
-// What other threads ask for is marked like the rest. Only what is marked now: a handler that marks itself again waits for the
-// next turn.
+// Adds the notifications of other threads to the marks. Runs only the current marks: a handler that marks itself again waits
+// for the next turn.
 void CCmReactorEpoll::ProcessNotifications_i() {
     if (m_bHasNotifications.exchange(FALSE)) {
         std::vector<CNotification> notifications;
@@ -337,9 +338,8 @@ void CCmReactorEpoll::ProcessNotifications_i() {
     }
 }
 
-// Several batches a turn, so that a burst of posts does not pay for a wait each, with the timers looked at between them. Where
-// each event takes long, as a connect does, the handles do not wait for many; but the last turn does what was posted before the
-// stop.
+// Runs several batches a turn, so that a burst of posts needs fewer waits, and checks the timers between them. If events take
+// long, as a connect does, the time limit lets the handles run. The last turn runs all events that were posted before the stop.
 void CCmReactorEpoll::ProcessEvents_i() {
     int64_t llEnd = 0;
     for (int i = 0; i < MAX_EVENT_BATCHES; ++i) {
@@ -380,18 +380,18 @@ CmResult CCmReactorEpoll::OnHandleRegister(HANDLE aFd, long aMask, ACmEventHandl
     return CM_ERROR_UNEXPECTED;
 }
 
-// Changing the watch, even to the same, makes the system look at the handle again and report what is ready.
+// A change of the watch, even to the same value, makes the system check the handle again and report existing readiness.
 void CCmReactorEpoll::OnHandleMaskAdded(HANDLE aFd) {
     const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(aFd);
     int nRv = Watch_i(EPOLL_CTL_MOD, aFd, pElement->m_nMask, pElement->m_dwBinding);
-    if (nRv == -1 && errno == ENOENT)  // its number was closed and used again without a removal
+    if (nRv == -1 && errno == ENOENT)  // the handle was closed and reused without a removal
         nRv = Watch_i(EPOLL_CTL_ADD, aFd, pElement->m_nMask, pElement->m_dwBinding);
     if (nRv == -1)
         CM_ERROR_TRACE_THIS("CCmReactorEpoll::OnHandleMaskAdded, epoll_ctl() failed! aFd=" << aFd << " err=" << errno);
 }
 
 CmResult CCmReactorEpoll::OnHandleRemoved(HANDLE aFd) {
-    epoll_ctl(m_fdEpoll, EPOLL_CTL_DEL, aFd, nullptr);  // fails harmlessly for a handle that was closed too early
+    epoll_ctl(m_fdEpoll, EPOLL_CTL_DEL, aFd, nullptr);  // fails without harm if the handle was closed too early
     if (m_bHasNotifications) {
         Guard guard(m_NotificationMutex);
         std::erase_if(m_Notifications, [=](const CNotification& a) { return a.m_Fd == aFd; });

@@ -1,4 +1,4 @@
-// The reactor of Linux.
+// The reactor for Linux.
 #pragma once
 
 #include <memory>
@@ -9,29 +9,29 @@
 
 struct epoll_event;
 
-// Handles are watched edge-triggered for reading and writing at once, so a message costs no system call but the wait, the
-// receive and the send. No edge is lost: a handler that returns 0 from OnInput ("go on") is asked again if there really is
-// something to read, kinds that are added to a mask are reported if they are ready. Handles of datagrams are watched
-// level-triggered, and for writing only while their handler asks for it, because the system reports room after each datagram
-// that has left. Listening handles are watched level-triggered, too.
+// Handles are watched edge-triggered for reading and writing at once, so that a message costs no system calls but the wait, the
+// receive and the send. No edge is lost. A handler that returns 0 from OnInput ("continue") is called again if there is more to
+// read. Kinds that are added to a mask are reported if they are ready. Handles of datagrams are watched level-triggered, and
+// for writing only on request, because the system reports room after each datagram that has left. Listening handles are also
+// level-triggered.
 //
-// One turn of the loop: wait; every readiness report, each followed by a look at the timers; notifications; events; timers. The
-// loop wakes at least every tick (10 ms; configuration key "TickMs" in section "Reactor"), and then looks at its events, so
-// that sent ones, which wake nobody, do not wait longer. Other threads wake it through an eventfd, and only while it sleeps.
+// One turn of the loop: wait; readiness reports, with a check of the timers after each; notifications; events; timers. The loop
+// wakes at least once a tick (10 ms; configuration key "TickMs" in section "Reactor") and then runs its events, so that sent
+// events, which do not wake it, wait no longer than a tick. Other threads wake it through an eventfd, only while it sleeps.
 class TALVO_API CCmReactorEpoll : public CCmReactorBase {
 public:
     CCmReactorEpoll();
     ~CCmReactorEpoll() override;
 
-    // CM_ERROR_UNEXPECTED: the system has no descriptor left for it; it may be called again.
+    // CM_ERROR_UNEXPECTED: the system has no free descriptor. A later call may succeed.
     CmResult Open() override;
     CmResult NotifyHandler(ACmEventHandler* aEh, long aMask) override;
     CmResult RunEventLoop() override;
     CmResult StopEventLoop() override;
     CmResult Close() override;
 
-    // One turn of the loop that waits at most aTimeout (null, or longer: a tick). For an application that has a loop of its own
-    // and for tests; the owner's thread. Results as RunEventLoop.
+    // Runs one turn of the loop, which waits at most aTimeout (null, or longer: one tick). For tests and for applications with
+    // a loop of their own; owner's thread. Results as RunEventLoop.
     CmResult RunOnce(const CCmTimeValue* aTimeout = nullptr);
 
 protected:
@@ -62,13 +62,13 @@ private:
     void WakeUp_i();
     BOOL AddNotification_l(ACmEventHandler* aEh, long aMask) CM_REQUIRES(m_NotificationMutex);
 
-    HANDLE m_fdEpoll = CM_INVALID_HANDLE;  // this and the next two are there together
+    HANDLE m_fdEpoll = CM_INVALID_HANDLE;  // this and the next two are valid together
     HANDLE m_fdWakeUp = CM_INVALID_HANDLE;
-    HANDLE m_fdTick = CM_INVALID_HANDLE;  // a timer of the system, so that a wait does not have to set one
+    HANDLE m_fdTick = CM_INVALID_HANDLE;  // a system timer, so that a wait needs no time-out of its own
     const int64_t m_llTickUsec;
-    std::unique_ptr<epoll_event[]> m_pReports;  // null: there was no memory
+    std::unique_ptr<epoll_event[]> m_pReports;  // null: memory ran out
     BOOL m_bRunning = FALSE;                    // a turn is under way
-    std::atomic<BOOL> m_bStop{FALSE};           // each stop ends one run, also one that has not begun
+    std::atomic<BOOL> m_bStop{FALSE};           // a stop ends one run, which may start later
     std::atomic<BOOL> m_bSleeping{FALSE};       // in the system's wait, or about to enter it
 
     CCmMutexThread m_NotificationMutex;

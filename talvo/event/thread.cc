@@ -13,7 +13,7 @@ namespace {
 CCmLiveCounter s_Live("ACmThread");
 
 const CCmTimeValue JOIN_LIMIT(0, 100000);
-const CCmTimeValue LINGERING_LIMIT(1);  // without a turn of its loop
+const CCmTimeValue LINGERING_LIMIT(1);  // the longest turn of its loop
 
 }  // namespace
 

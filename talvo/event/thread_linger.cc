@@ -30,7 +30,7 @@ BOOL CThreadLinger::RunLoop_i(const CCmTimeValue& aTime) {
     return m_bScheduled && m_Reactor.RunEventLoop() == CM_OK;
 }
 
-// A stop that was asked for between two runs of the loop is used up first; it would end the second run too early.
+// Consumes a pending stop first, because it would end the second run too early.
 void CThreadLinger::RunPosted() {
     ICmReactor& reactor = m_Reactor;
     if (RunLoop_i(CCmTimeValue::s_tvZero) && m_Link.Post([&reactor] { reactor.StopEventLoop(); }) == CM_OK)

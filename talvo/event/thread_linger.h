@@ -1,4 +1,4 @@
-// A thread that stops and still has data to bring out.
+// Lets a stopping thread send its remaining data.
 #pragma once
 
 #include <atomic>
@@ -8,19 +8,19 @@
 
 namespace talvo {
 
-// How long a connection lingers after Disconnect(CM_OK): key "LingerSeconds" in section "Proxy", 30 s unless set.
+// The longest time that a connection lingers after Disconnect(CM_OK): key "LingerSeconds" in section "Proxy", default 30 s.
 TALVO_API CCmTimeValue GetLingerTime();
 
-// Runs a reactor's loop on, in its thread and after it has returned, while tenants of the thread linger and the linger time is
-// not over.
+// Runs a reactor's loop again, in its thread and after it has returned, while tenants of the thread linger and the linger time
+// lasts.
 class CThreadLinger final : private ICmTimerHandler {
 public:
     CThreadLinger(CCmThreadLink& aLink, ICmReactor& aReactor) : m_Link(aLink), m_Reactor(aReactor) {}
     ~CThreadLinger() override;
 
-    // Runs the loop until all has run that was posted before: the end of a connection may be among it.
+    // Runs the loop until all events that were posted before have run: one of them may close a connection.
     void RunPosted();
-    // Adds one to aLooks every 10 ms.
+    // Runs the loop and increments aLooks every 10 ms.
     void Run(std::atomic<DWORD>& aLooks);
 
 private:

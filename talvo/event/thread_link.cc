@@ -8,7 +8,7 @@ namespace {
 
 constexpr uint32_t CLOSED = 0x80000000;
 
-// Holds an event until it has run in the thread, or until the thread has ended without it.
+// Holds an event until it has run in the thread, or until the thread has ended without running it.
 class CCarrier {
 public:
     explicit CCarrier(ICmEvent* aEvent) : m_pEvent(aEvent) {}
@@ -46,8 +46,8 @@ void CCmThreadTenant::JoinCurrentThread() {
 
 BOOL CCmThreadTenant::IsDraining() const { return m_pLink && m_pLink->GetDrainStage() != ECmDrainStage::NONE; }
 
-// A post announces itself before it looks whether the link is open, and Close waits for announced ones: the thread's queue is
-// there for as long as anybody posts to it.
+// A post increments m_dwPosts before it checks whether the link is open, and Close waits for posts under way. So the thread's
+// queue exists during every post.
 BOOL CCmThreadLink::Enter_i() {
     if (!(m_dwPosts.fetch_add(1) & CLOSED))
         return TRUE;
@@ -139,7 +139,7 @@ void CCmThreadLink::Leave(CCmThreadTenant& aTenant) {
     aTenant.m_pLink = nullptr;
 }
 
-// What a visit joins is not visited; what it takes away neither.
+// Does not visit a tenant that joins during the walk, nor one that leaves before its turn.
 template <class Visit>
 void CCmThreadLink::ForEachTenant_i(Visit aVisit) {
     m_pNextVisited = m_pTenants;

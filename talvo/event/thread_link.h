@@ -1,4 +1,4 @@
-// The way to a thread that may end at any time.
+// A link to a thread that may end at any time.
 #pragma once
 
 #include <atomic>
@@ -14,62 +14,62 @@
 class ACmThread;
 class CCmThreadLink;
 
-// Something that lives in a thread and has to let go of it when the thread ends. Joins and leaves in that thread only.
+// An object that lives in a thread and must release it when the thread ends. It joins and leaves in that thread only.
 class TALVO_API CCmThreadTenant {
 public:
     CCmThreadTenant() = default;
     CCmThreadTenant(const CCmThreadTenant&) = delete;
     CCmThreadTenant& operator=(const CCmThreadTenant&) = delete;
 
-    // In the thread, after its loop and before its reactor and queues close. The tenant has left already.
+    // Called in the thread, after its loop and before its reactor and queues close. The tenant has left already.
     virtual void OnThreadEnd() = 0;
 
-    // In the thread, while an orderly end is under way, see ECmDrainStage: again and again, so each call does what is left to
-    // do and an ended tenant ignores it. Any tenant may join, leave and be deleted inside.
+    // Called in the thread repeatedly during an orderly end, see ECmDrainStage. Each call does the work that is left; a tenant
+    // that has ended ignores it. Any tenant may join, leave and be deleted inside.
     virtual void OnDrain(ECmDrainStage) {}
-    // Adds what this tenant has not finished.
+    // Adds the unfinished work of this tenant to the parameter (out).
     virtual void AddUndrained(CCmUndrained&) {}
 
 protected:
-    virtual ~CCmThreadTenant();  // leaves, if it has not
+    virtual ~CCmThreadTenant();  // leaves, if it has not left
 
     // Joins the calling thread, if it is one of the library's.
     void JoinCurrentThread();
     void LeaveThread();
-    BOOL IsDraining() const;  // the thread that it has joined is
+    BOOL IsDraining() const;  // the joined thread is draining
 
 private:
     friend class CCmThreadLink;
-    CCmThreadLink* m_pLink = nullptr;  // not owned; null: joined to none
+    CCmThreadLink* m_pLink = nullptr;  // not owned; null: joined to no thread
     CCmThreadTenant* m_pNext = nullptr;
     CCmThreadTenant** m_ppBack = nullptr;
 };
 
-// Every ACmThread has one, which outlives it as long as somebody holds it. Through it work is posted without knowing whether
-// the thread is still there.
+// Every ACmThread has a link, which outlives it while references are held. It lets other threads post work even if the thread
+// may have ended.
 class TALVO_API CCmThreadLink : public CCmReferenceControlT<CCmMutexThread> {
 public:
     explicit CCmThreadLink(ACmThread* aThread) : m_pThread(aThread) {}
 
-    // Posts to the thread's event queue; needs no memory. Any thread. CM_OK; CM_ERROR_INVALID_ARG: null;
-    // CM_ERROR_ALREADY_INITIALIZED: it waits in a queue, and goes on waiting; CM_ERROR_NULL_POINTER: the thread has no event
-    // queue; CM_ERROR_NOT_AVAILABLE: it has ended. The event was destroyed in the last two cases.
+    // Posts to the thread's event queue; needs no memory. Any thread. CM_OK. CM_ERROR_INVALID_ARG: null.
+    // CM_ERROR_ALREADY_INITIALIZED: the event is in a queue and stays there. CM_ERROR_NULL_POINTER: the thread has no event
+    // queue. CM_ERROR_NOT_AVAILABLE: the thread has ended. In the last two cases the event was destroyed.
     CmResult PostEvent(ICmEvent* aEvent);
 
-    // The same for work without hurry. Called from inside an event of the caller's own thread it wakes the thread, if that is a
-    // reactor's, when the events that the caller runs in one go are over; it may look earlier, and does at its next tick.
+    // The same for work that is not urgent. Inside an event of the caller's own thread, it wakes a reactor's thread only at the
+    // end of the caller's batch of events. The thread may run the event earlier, and does so at its next tick.
     CmResult PostEventQuietly(ICmEvent* aEvent);
 
-    // Makes the thread look for what was posted quietly. Any thread.
+    // Makes the thread run the events that were posted quietly. Any thread.
     void WakeUp();
 
-    // Posts and waits until the event has run and was destroyed; runs it at once when the caller is the thread itself. Returns
-    // what OnEventFire returned, or CM_ERROR_NOT_AVAILABLE when the thread ended before it ran; CM_ERROR_INVALID_ARG and
-    // CM_ERROR_ALREADY_INITIALIZED as PostEvent. Wakes the thread and needs no memory. Not to be called in a network thread for
+    // Posts and waits until the event has run and was destroyed; in the thread itself it runs at once. Returns the result of
+    // OnEventFire. CM_ERROR_NOT_AVAILABLE: the thread ended before it ran. CM_ERROR_INVALID_ARG and
+    // CM_ERROR_ALREADY_INITIALIZED as PostEvent. Wakes the thread and needs no memory. Do not call it in a network thread for
     // another thread.
     CmResult CallEvent(ICmEvent* aEvent);
 
-    // The same for a callable that takes nothing and returns a CmResult; it is run at most once, before Call returns.
+    // The same for a callable without parameters that returns a CmResult. It runs at most once, before Call returns.
     template <class Callable>
     CmResult Call(Callable aCallable) {
         if (IsCurrentThread())
@@ -79,8 +79,8 @@ public:
         return event.Wait();
     }
 
-    // Posts a callable that takes and returns nothing; results as PostEvent. If the thread ends first it is destroyed unrun, as
-    // it is when there is no memory: CM_ERROR_OUT_OF_MEMORY.
+    // Posts a callable without parameters and result; results as PostEvent. If the thread ends first, the callable is destroyed
+    // and does not run. The same happens without memory: CM_ERROR_OUT_OF_MEMORY.
     template <class Callable>
     CmResult Post(Callable aCallable) {
         auto run = [callable = std::move(aCallable)]() mutable {
@@ -91,23 +91,24 @@ public:
         return pEvent ? PostEvent(pEvent) : CM_ERROR_OUT_OF_MEMORY;
     }
 
-    // Whether the caller is the thread and it has not ended.
+    // TRUE: the caller is the thread, and the link is open.
     BOOL IsCurrentThread() const;
 
-    // The calling thread is the link's. Called by the thread classes.
+    // Binds the link to the calling thread. Called by the thread classes.
     void BindToCurrentThread();
 
-    // The thread's own, see CCmThreadTenant. Join: CM_OK; CM_ERROR_ALREADY_INITIALIZED: the tenant has joined a link before and
-    // not left it; CM_ERROR_NOT_AVAILABLE: the thread has ended, the tenant has joined nothing and gets no notice. Leave
-    // does nothing for a tenant that has not joined.
+    // For the thread itself, see CCmThreadTenant. Join: CM_OK. CM_ERROR_ALREADY_INITIALIZED: the tenant has joined a link and
+    // not left it. CM_ERROR_NOT_AVAILABLE: the thread has ended; the tenant has not joined and gets no notice. Leave does
+    // nothing for a tenant that has not joined.
     CmResult Join(CCmThreadTenant& aTenant);
     void Leave(CCmThreadTenant& aTenant);
 
-    // The thread's own. Tells its tenants the stage, and adds up what they have left: after that, but at CUT before.
+    // For the thread itself. Notifies its tenants of the stage and adds up their unfinished work: after the notices, but at CUT
+    // before.
     CCmUndrained Drain(ECmDrainStage aStage);
     ECmDrainStage GetDrainStage() const { return m_DrainStage; }
 
-    // The thread's end: tells the tenants, then refuses posts and waits for those under way. Called by the thread classes.
+    // The thread's end: notifies the tenants, then refuses posts and waits for those under way. Called by the thread classes.
     void Close();
 
 private:
@@ -121,7 +122,7 @@ private:
         Callable m_Callable;
     };
 
-    // Stands on the stack of a caller that waits for its end.
+    // An object on the stack of a caller that waits until it has run.
     template <class Callable>
     class CWaitedEventT final : public ICmEvent {
     public:
@@ -147,10 +148,10 @@ private:
     void ForEachTenant_i(Visit aVisit);
     CCmUndrained GetUndrained_i();
 
-    ACmThread* const m_pThread;  // not owned; alive while a post is under way or the link is open
+    ACmThread* const m_pThread;  // not owned; valid while a post is under way or the link is open
     std::atomic<DWORD> m_dwThreadId{0};
-    std::atomic<uint32_t> m_dwPosts{0};  // posts under way, and CLOSED
+    std::atomic<uint32_t> m_dwPosts{0};  // the number of posts under way, and CLOSED
     CCmThreadTenant* m_pTenants = nullptr;
-    CCmThreadTenant* m_pNextVisited = nullptr;  // of the walk under way
+    CCmThreadTenant* m_pNextVisited = nullptr;  // of the current walk
     ECmDrainStage m_DrainStage = ECmDrainStage::NONE;
 };

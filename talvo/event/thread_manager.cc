@@ -20,7 +20,8 @@
 namespace {
 
 std::atomic<CCmThreadManager*> s_pInstance{nullptr};
-alignas(CCmThreadManager) unsigned char s_Memory[sizeof(CCmThreadManager)];  // the instance's, which can always be made
+alignas(CCmThreadManager) unsigned char s_Memory[sizeof(CCmThreadManager)];  // for the instance, so that its creation needs no
+                                                                             // memory
 
 using Guard = CCmMutexGuardT<CCmMutexThread>;
 using SingletonGuard = CCmMutexGuardT<CCmMutexThreadRecursive>;
@@ -73,7 +74,7 @@ CmResult CCmThreadManager::InitMainThread(int, char**) {
     }
     CCmAtomicFunctions::init_functions();
     SocketStartup();
-    GetNetworkThreadMode();  // settled now: from here on GetThread knows who the network thread is
+    GetNetworkThreadMode();  // read once here, so that GetThread knows which thread is the network thread
     ACmThread* pThread = nullptr;
     if (ICmReactor* pReactor = CreateNetworkReactor())
         return CreateReactorThread(TT_MAIN, pReactor, pThread);
@@ -168,7 +169,7 @@ CmResult CCmThreadManager::UnregisterThread(ACmThread* aThread) {
 
 ACmThread* CCmThreadManager::Find_l(int aType) {
     const DWORD dwSelf = cm_thread_self_id();
-    // In the main-thread mode the main thread is the network thread as well.
+    // In the main-thread mode the main thread is also the network thread.
     if (aType == TT_NETWORK && m_NetworkThreadMode == NETWORK_THREAD_MAIN)
         aType = TT_MAIN;
     for (ACmThread* pThread : m_Threads) {
@@ -204,8 +205,8 @@ void CCmThreadManager::ForEachLink(const std::function<void(CCmThreadLink&)>& aV
         aVisit(pThread->GetLink());
 }
 
-// The thread registered behind aThread (null: the first), which stood at aIndex. The calls on threads come without the lock, so
-// that a thread may unregister meanwhile.
+// Returns the thread registered after aThread (null: the first), which was at aIndex. The calls on threads come without the
+// lock, so that a thread may unregister meanwhile.
 ACmThread* CCmThreadManager::GetNextThread_i(const ACmThread* aThread, size_t& aIndex) {
     Guard guard(m_Mutex);
     const auto itThread = std::find(m_Threads.begin(), m_Threads.end(), aThread);

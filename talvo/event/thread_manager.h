@@ -1,4 +1,4 @@
-// The registry of the library's threads, and the first thing an application asks for.
+// The registry of the library's threads, and the starting point of an application.
 #pragma once
 
 #include <atomic>
@@ -26,56 +26,56 @@ class ICmTimerQueue;
 //    StopAllThreads(nullptr); JoinAllThreads(); CCmConnectionManager::CleanupInstance(), which ends the network thread;
 //    then Destory of each thread that the application made, the main thread last
 //
-// A process may also simply exit, from wherever it is: threads that still run keep what they use until the process is gone.
-// Any thread may call, except where it says otherwise.
+// A process may also simply exit at any point: running threads keep everything they use until the process ends. Any thread may
+// call, unless a function says otherwise.
 class TALVO_API CCmThreadManager {
 public:
-    // Thread types: one thread each. User types begin above 1000.
+    // Thread types, with one thread each. User types begin above 1000.
     enum TType : int {
         TT_UNKNOWN = -1,
         TT_MAIN = 0,     // the application's main thread, adopted
-        TT_NETWORK = 1,  // where sockets live
-        TT_CURRENT = 3   // no type, but the registered thread that is asking
+        TT_NETWORK = 1,  // the thread of the sockets
+        TT_CURRENT = 3   // not a type: the registered thread that calls
     };
 
     enum TFlag : int {
-        TF_NONE = 0,      // taken as TF_JOINABLE
+        TF_NONE = 0,      // means TF_JOINABLE
         TF_JOINABLE = 1,  // the owner calls Join and then Destory
-        TF_DETACHED = 2   // nobody joins
+        TF_DETACHED = 2   // no Join
     };
 
-    // Which thread serves as the network thread.
+    // The thread that serves as the network thread.
     enum ENetworkThreadMode {
         NETWORK_THREAD_OWN,  // a thread of its own (the default)
-        NETWORK_THREAD_MAIN  // the main thread: it must run its reactor's loop, and GetThread(TT_NETWORK) answers with it
+        NETWORK_THREAD_MAIN  // the main thread: it must run its reactor's loop, and GetThread(TT_NETWORK) returns it
     };
 
-    // Created by the first call; null never.
+    // The first call creates it. Never null.
     static CCmThreadManager* Instance();
 
-    // At process exit: destroys the instance and what is on the clean-up list. While a thread is still registered, or one that
-    // a Join has given up on still runs, it leaves everything as it is, for that thread.
+    // At process exit: destroys the instance and the objects on the clean-up list. Does nothing while a thread is still
+    // registered, or while a thread that Join has given up on still runs.
     static void CleanupOnlyOne();
 
-    // Adopts the calling thread as the main thread, with a reactor that is open at once (without memory for one, with an event
-    // queue and timers only). aArgc and aArgv are the program's arguments (not looked at). CM_ERROR_ALREADY_INITIALIZED: a
-    // thread is registered already. Other failures: the reactor could not be opened.
+    // Adopts the calling thread as the main thread, with an open reactor; without memory for one, with an event queue and
+    // timers only. aArgc and aArgv are the program's arguments; they are ignored. CM_ERROR_ALREADY_INITIALIZED: a thread is
+    // registered already. Other failures: the reactor could not be opened.
     CmResult InitMainThread(int aArgc, char** aArgv);
 
-    // Chooses the mode; before the connection manager's first Instance. The configuration key "NetworkThread" in section
-    // "Thread" ("own" or "main") chooses where nobody has called this. CM_ERROR_ALREADY_INITIALIZED: there is a network thread.
+    // Sets the mode, before the connection manager's first Instance. Without this call the configuration key "NetworkThread" in
+    // section "Thread" ("own" or "main") sets it. CM_ERROR_ALREADY_INITIALIZED: there is a network thread.
     CmResult SetNetworkThreadMode(ENetworkThreadMode aMode);
     ENetworkThreadMode GetNetworkThreadMode();
 
-    // A new, closed reactor of the kind the network thread runs; the caller's. Null: out of memory.
+    // Creates a closed reactor of the network thread's kind, which the caller owns. Null: out of memory.
     static ICmReactor* CreateNetworkReactor();
 
-    // Starts a joinable thread (type 0: adopts the caller) that runs aReactor, which belongs to it whatever the result.
-    // CM_ERROR_INVALID_ARG: aReactor is null; CM_ERROR_OUT_OF_MEMORY; else as ACmThread::Create. aThread is null on failure.
+    // Starts a joinable thread (type 0: adopts the caller) that runs aReactor, and takes aReactor over with any result. aThread
+    // (out): null on failure. CM_ERROR_INVALID_ARG: aReactor is null. CM_ERROR_OUT_OF_MEMORY. Otherwise as ACmThread::Create.
     CmResult CreateReactorThread(int aType, ICmReactor* aReactor, ACmThread*& aThread);
 
     // Starts a thread with an event queue and, if aWithTimerQueue, a timer queue. An aType of -1 takes the next user type.
-    // CM_ERROR_OUT_OF_MEMORY, or as ACmThread::Create. aThread is null on failure.
+    // aThread (out): null on failure. CM_ERROR_OUT_OF_MEMORY, or as ACmThread::Create.
     CmResult CreateUserTaskThread(ACmThread*& aThread, TFlag aFlag = TF_JOINABLE, BOOL aWithTimerQueue = TRUE,
                                   int aType = TT_UNKNOWN);
 
@@ -87,34 +87,35 @@ public:
     CmResult RegisterThread(ACmThread* aThread);
     CmResult UnregisterThread(ACmThread* aThread);
 
-    // The registered thread of that type, or what it offers; null if there is none. The pointers are good as long as the
-    // thread is: an object that may outlive it holds its CCmThreadLink instead.
+    // The registered thread of that type, or its reactor or queues; null if there is none. The pointers are valid as long as
+    // the thread: an object that may outlive it holds its CCmThreadLink instead.
     ACmThread* GetThread(int aType);
     ICmReactor* GetThreadReactor(int aType);
     ICmEventQueue* GetThreadEventQueue(int aType);
     ICmTimerQueue* GetThreadTimerQueue(int aType);
 
-    // The link of each registered thread, with the registry locked: aVisit may post and must not come back here.
+    // Calls aVisit for the link of each registered thread, with the registry locked: aVisit may post and must not call the
+    // manager.
     void ForEachLink(const std::function<void(CCmThreadLink&)>& aVisit);
 
-    // Asks every thread but the main one to end, or waits for each (at most 100 ms, and while it lingers, see ACmThread::Join).
-    // Where the main thread is the network thread, JoinAllThreads lets it linger too, which runs its loop. Only the main thread
-    // may call when one is registered: CM_ERROR_FAILURE. Otherwise CM_OK. aTimeout is handed to ACmThread::Stop, whose classes
-    // here do not wait.
+    // Stops every thread but the main one, or waits for each: at most 100 ms, longer while it lingers, see ACmThread::Join. If
+    // the main thread is the network thread, JoinAllThreads also lets it linger, which runs its loop. CM_OK. CM_ERROR_FAILURE:
+    // a main thread is registered, and another thread calls. aTimeout is passed to ACmThread::Stop, whose classes here do not
+    // wait.
     CmResult StopAllThreads(CCmTimeValue* aTimeout = nullptr);
     CmResult JoinAllThreads();
 
-    // The socket library. Nothing has to be started or released on Linux; writing to a closed connection raises no signal,
-    // whatever the application does about SIGPIPE. CM_OK.
+    // The socket library. Linux needs no start or release of it. A write to a closed connection raises no signal, whatever the
+    // application does about SIGPIPE. CM_OK.
     static CmResult SocketStartup();
     static CmResult SocketCleanup();
 
     static DWORD GetThreadSelfId();
     static BOOL IsThreadEqual(DWORD aLeft, DWORD aRight);
     static BOOL IsEqualCurrentThread(DWORD aId);
-    static BOOL IsEqualCurrentThread(int aType);  // the registered thread of that type is the caller
+    static BOOL IsEqualCurrentThread(int aType);  // the caller is the registered thread of that type
 
-    // Lent to other singletons for their creation, and for ordering reference counts. The first is never destroyed.
+    // For other singletons: locks for their creation and for the order of reference counts. The first is never destroyed.
     static CCmMutexThreadRecursive& GetSingletonMutex() { return CCmCleanUpBase::GetSingletonMutex(); }
     CCmMutexThread& GetReferenceControlMutex() { return m_ReferenceControlMutex; }
 
@@ -131,11 +132,11 @@ private:
     CmResult CallThreads_i(Function aFunction);
 
     CCmMutexThread m_ReferenceControlMutex;
-    std::vector<ACmThread*> m_Threads CM_GUARDED_BY(m_Mutex);  // in registration order, not owned
+    std::vector<ACmThread*> m_Threads CM_GUARDED_BY(m_Mutex);  // in the order of registration, not owned
     CCmMutexThread m_Mutex;
     int m_LastUserType CM_GUARDED_BY(m_Mutex) = 1000;
-    std::atomic<int> m_NetworkThreadMode{-1};  // -1: not chosen
+    std::atomic<int> m_NetworkThreadMode{-1};  // -1: not set
 };
 
-// Lets the calling thread sleep, really: not on the replaceable clock. Milliseconds.
+// Puts the calling thread to sleep in real time, not on the replaceable clock. Milliseconds.
 TALVO_API void ms_sleep(unsigned long aMilliSeconds);

@@ -22,13 +22,13 @@ CmResult CCmThreadReactor::Create(int aType, TFlag aFlag) {
     if (rv != CM_OK || aType != CCmThreadManager::TT_MAIN)
         return rv;
     rv = m_pReactor ? m_pReactor->Open() : CM_ERROR_NOT_INITIALIZED;
-    // The text names OnThreadRun although this is Create: operators search their logs for it, so it stays.
+    // The text names OnThreadRun although this is Create. It stays, because operators search their logs for it.
     if (rv != CM_OK)
         CM_ERROR_TRACE_THIS("CCmThreadReactor::OnThreadRun, m_pReactor->Open() failed! rv=" << rv);
     return rv;
 }
 
-// Behind what was posted before, so that connections which their users have ended have ended when the loop returns.
+// The stop is posted behind earlier events: connections that their users have closed are closed when the loop returns.
 CmResult CCmThreadReactor::Stop(CCmTimeValue*) {
     if (!m_pReactor)
         return CM_ERROR_NOT_INITIALIZED;

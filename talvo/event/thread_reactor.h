@@ -9,15 +9,15 @@ class TALVO_API CCmThreadReactor : public ACmThread {
 public:
     ~CCmThreadReactor() override;
 
-    // Gives the reactor to the thread, before Create. CM_ERROR_ALREADY_INITIALIZED: it has one (aReactor stays the caller's).
-    // CM_ERROR_INVALID_ARG: null.
+    // Transfers the reactor to the thread, before Create. CM_ERROR_ALREADY_INITIALIZED: it has one, and aReactor stays the
+    // caller's. CM_ERROR_INVALID_ARG: null.
     CmResult AttachReactor(ICmReactor* aReactor);
 
     CmResult Create(int aType, TFlag aFlag = CCmThreadManager::TF_JOINABLE) override;
     // CM_ERROR_NOT_INITIALIZED: no reactor.
     CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
     void OnThreadInit() override;
-    // Runs the loop until Stop and closes the reactor: an adopted main thread may call it, once. Inside a callback of the loop
+    // Runs the loop until Stop and closes the reactor. An adopted main thread may call it, once. Inside a callback of the loop
     // it does nothing.
     void OnThreadRun() override;
 

@@ -21,7 +21,7 @@ CmResult CCmThreadTaskBase::CStopEvent::OnEventFire() {
 CCmThreadTaskBase::~CCmThreadTaskBase() { CloseLink(); }
 
 CmResult CCmThreadTaskBase::Create(int aType, TFlag aFlag) {
-    // An adopted main thread runs no OnThreadInit of its own.
+    // An adopted main thread runs no OnThreadInit.
     if (aType == CCmThreadManager::TT_MAIN && GetThreadType() == CCmThreadManager::TT_UNKNOWN)
         OnThreadInit();
     return ACmThread::Create(aType, aFlag);

@@ -9,27 +9,27 @@
 #include "talvo/event/thread.h"
 #include "talvo/event/timer_queue_base.h"
 
-// What both have in common: a queue whose loop ends with the batch that holds the stop. Events posted behind it are destroyed
-// unrun.
+// The common part of both: a queue whose loop ends with the batch that contains the stop. Events posted behind that batch are
+// destroyed and do not run.
 class TALVO_API CCmThreadTaskBase : public ACmThread {
 public:
     ~CCmThreadTaskBase() override;
 
     CmResult Create(int aType, TFlag aFlag = CCmThreadManager::TF_JOINABLE) override;
-    // Any thread, several times: posts a stop, once. CM_OK, or the result of the post.
+    // Posts a stop, once. Any thread, also repeatedly. CM_OK, or the result of the post.
     CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
     void OnThreadInit() override;
     ICmEventQueue* GetEventQueue() override { return &m_EventQueue; }
 
 protected:
-    // Waits at most aTimeout (null: without limit) for events and runs at most aMaxCount of them.
+    // Waits at most aTimeout (null: no limit) for events and runs at most aMaxCount of them.
     void RunEvents_i(CCmTimeValue* aTimeout, unsigned long aMaxCount);
-    // The end of the loop: no more posts, what is pending is destroyed unrun.
+    // Ends the loop: refuses posts and destroys the pending events without running them.
     void EndEvents_i();
     BOOL IsStopped_i() const { return m_StopFlag.IsFlagStopped(); }
 
 private:
-    // Belongs to the thread, so that it can be asked to end without memory.
+    // A member of the thread, so that a stop needs no memory.
     class CStopEvent final : public ICmEvent {
     public:
         explicit CStopEvent(CCmStopFlag& aFlag) : m_Flag(aFlag) {}
@@ -46,7 +46,7 @@ private:
     CCmEventQueueUsingConditionVariable m_EventQueue;
 };
 
-// Events and timers. At most 5 events run between two looks at the timers.
+// Events and timers. At most 5 events run between two checks of the timers.
 class TALVO_API CCmThreadTask : public CCmThreadTaskBase {
 public:
     ~CCmThreadTask() override;

@@ -13,7 +13,7 @@ namespace {
 
 using Guard = CCmMutexGuardT<CCmMutexNullSingleThread>;
 
-// The first multiple of the interval behind the expiry that is later than now.
+// The first time after aNow that is a multiple of the interval after the expiry.
 int64_t NextExpiry(int64_t aExpires, int64_t aInterval, int64_t aNow) {
     if (aExpires > aNow)
         return aExpires;
@@ -117,7 +117,7 @@ int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
     int nFired = 0;
     int64_t llEarliest = 0;
     int64_t llNow = 0;
-    if (m_pDeletions || GetEarliestTime_l(llEarliest) == 0) {  // an empty queue costs no look at the clock
+    if (m_pDeletions || GetEarliestTime_l(llEarliest) == 0) {  // an empty queue does not read the clock
         llNow = CCmClock::GetTimeOfDayUsec();
         if (m_pDeletions || m_bNextPass || llEarliest <= llNow)  // the loop looks behind each report: mostly nothing is due
             nFired = FirePass_i(llNow);
@@ -137,7 +137,7 @@ int CCmTimerQueueBase::FirePass_i(int64_t aNow) {
     int nFired = 0;
     CNode node;
     RunDeletionsWithoutNode_i(tvNow);
-    AdmitNextPass_i(aNow);  // of a callback that called for this pass itself
+    AdmitNextPass_i(aNow);  // from a callback that started this pass itself
     while (PopDueNode_l(aNow, node)) {
         ++nFired;
         node.m_pEh->OnTimeout(tvNow, node.m_pArg);

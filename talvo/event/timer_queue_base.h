@@ -1,4 +1,4 @@
-// What all timer queues share: the rules of scheduling and firing. How nodes are kept is the concrete queue's.
+// The common part of all timer queues: the rules of scheduling and firing. A concrete queue stores the nodes.
 #pragma once
 
 #include "talvo/base/mutex.h"
@@ -16,8 +16,8 @@ public:
         DWORD m_dwCount = 0;       // firings left; COUNT_WITHOUT_END: until cancelled
     };
 
-    // aObserver (may be null, not owned) is called with OnObserve("TimerQueue") when the queue goes from empty to non-empty, so
-    // that a sleeping loop can recompute its wait.
+    // aObserver (may be null, not owned) gets OnObserve("TimerQueue") when the queue is no longer empty, so that a sleeping
+    // loop can recompute its wait.
     explicit CCmTimerQueueBase(ICmObserver* aObserver) : m_pObserver(aObserver) {}
     ~CCmTimerQueueBase() override;
     CCmTimerQueueBase(const CCmTimerQueueBase&) = delete;
@@ -26,49 +26,49 @@ public:
     CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) override;
     CmResult CancelTimer(ICmTimerHandler* aEh) override;
 
-    // The first expiry; CCmTimeValue::s_tvMax when the queue is empty. From the year 2038 on it is always that.
+    // The first expiry; CCmTimeValue::s_tvMax if the queue is empty. From the year 2038 on it is always s_tvMax.
     CCmTimeValue GetEarliestTime();
-    // The same in microseconds and for any year. FALSE: the queue is empty.
+    // aExpires (out): the same in microseconds and for any year. FALSE: the queue is empty.
     BOOL GetEarliestUsec(int64_t& aExpires);
 
-    // Fires what was due when the call began and returns how many. Timers that a callback schedules with nothing to wait are
-    // due at once, but fire at the next call: one that re-arms itself neither holds the loop nor lets it sleep. One that a
-    // callback cancels does not fire. aRemainTime (may be null) receives how long the next one is away, never negative, s_tvMax
-    // if there is none.
+    // Fires the timers that were due at the start of the call and returns their number. A timer that a callback schedules
+    // without a delay is due at once but fires at the next call: a timer that re-arms itself neither blocks the loop nor lets
+    // it sleep. A timer that a callback cancels does not fire. aRemainTime (out, may be null): the time to the next expiry,
+    // never negative; s_tvMax if there is none.
     int CheckExpire(CCmTimeValue* aRemainTime);
 
-    // Ends the queue's use: objects whose deletion waits for a timer are deleted now, all other timers are dropped unfired.
-    // Every concrete queue's destructor calls it.
+    // Ends the queue's use: deletes the objects whose deletion waits for a timer now, and drops all other timers. The
+    // destructor of every concrete queue calls it.
     void RunPendingDeletions();
 
-    // An aArg that marks a timer as the deferred deletion of an object, which has to happen even when the queue ends first or
-    // has no memory; its handler is a CCmTimerDelete.
+    // An aArg that marks a timer as the deferred deletion of an object. It must happen even if the queue ends first or has no
+    // memory. The handler is a CCmTimerDelete.
     static void* GetDeletionArg();
 
 protected:
-    // What PushNode_l and PushNextPassNode_l return when there is no memory.
+    // The result of PushNode_l and PushNextPassNode_l if there is no memory.
     static constexpr int NO_MEMORY = -1;
 
-    // 0: inserted. 1: inserted in place of the node that the handler had. Anything else: failed.
+    // 0: inserted. 1: replaced the handler's node. Any other result: failed.
     virtual int PushNode_l(const CNode& aNode) = 0;
-    // 0: removed. 1: the handler has none.
+    // 0: removed. 1: the handler has no node.
     virtual int EraseNode_l(ICmTimerHandler* aEh) = 0;
-    // Puts a node back whose expiry was advanced. 0, or anything else on failure.
+    // Inserts a node again whose expiry was advanced. 0, or another number on failure.
     virtual int RePushNode_l(const CNode& aNode) = 0;
-    // Takes out the node that expires first. 0, or -1 when the queue is empty.
+    // Removes the node that expires first. aNode (out). 0, or -1 if the queue is empty.
     virtual int PopFirstNode_l(CNode& aNode) = 0;
-    // The first expiry in microseconds. 0, or -1 when the queue is empty.
+    // aExpires (out): the first expiry in microseconds. 0, or -1 if the queue is empty.
     virtual int GetEarliestTime_l(int64_t& aExpires) const = 0;
-    // Takes out the node that expires first, if it is due at aNow, and puts it back at its next expiry if it has one: one step
-    // for a queue that can do better than to pop and to push. FALSE: none is due.
+    // Removes the node that expires first, if it is due at aNow, and inserts it again at its next expiry, if it has one. A
+    // concrete queue may do this in one step instead of a pop and a push. aNode (out). FALSE: none is due.
     virtual BOOL PopDueNode_l(int64_t aNow, CNode& aNode);
 
-    // As PushNode_l for a node that is due, but not in the pass under way. One microsecond later unless overridden.
+    // As PushNode_l for a node that is due, but not in the current pass. The default makes it due one microsecond later.
     virtual int PushNextPassNode_l(const CNode& aNode);
-    // A pass begins or ends: nodes for the next pass are like any other from now on, due at aNow.
+    // A pass begins or ends: from now on the nodes for the next pass are ordinary nodes, due at aNow.
     virtual void AdmitNextPassNodes_l(int64_t aNow);
 
-    // Counts one firing at aNow and moves the expiry on. FALSE: that was the last.
+    // Counts one firing at aNow and advances the expiry. FALSE: that was the last.
     static BOOL Advance(CNode& aNode, int64_t aNow);
 
     CCmMutexNullSingleThread m_Mutex;
@@ -79,8 +79,8 @@ private:
     void RunDeletionsWithoutNode_i(const CCmTimeValue& aNow);
 
     ICmObserver* m_pObserver;                // not owned
-    CCmTimerDelete* m_pDeletions = nullptr;  // those for which there was no memory; due at once
-    int64_t m_llPassNow = 0;                 // the moment up to which the pass under way fires
+    CCmTimerDelete* m_pDeletions = nullptr;  // those for which memory ran out; due at once
+    int64_t m_llPassNow = 0;                 // the current pass fires up to this time
     BOOL m_bInPass = FALSE;                  // a callback is under way
-    BOOL m_bNextPass = FALSE;                // a callback scheduled something due, which waits for the next pass
+    BOOL m_bNextPass = FALSE;                // a callback scheduled a due timer, which waits for the next pass
 };

@@ -46,9 +46,9 @@ int CCmTimerQueueCalendar::Tick() {
     const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
     CSlot& slot = m_pSlots[m_dwCurrentSlot];
     int nFired = 0;
-    // Nothing that a callback schedules lands here: it goes at least one slot ahead and less than a full turn.
+    // A callback never schedules into this slot: a timer goes at least one slot ahead and less than a full turn.
     while (!slot.empty()) {
-        CSlot single;  // goes on from slot to slot, so that a timer that repeats needs no memory
+        CSlot single;  // reused in the next slot, so that a repeating timer needs no memory
         single.splice_after(single.before_begin(), slot, slot.before_begin());
         if (single.front().m_dwCount != COUNT_WITHOUT_END)
             --single.front().m_dwCount;
@@ -71,11 +71,11 @@ CmResult CCmTimerQueueCalendar::PostTick() {
     auto* pEvent = new (std::nothrow) CTickEvent(*this, m_dwPostedTicks);
     const CmResult rv = pEvent ? m_pEventQueue->PostEvent(pEvent) : CM_ERROR_OUT_OF_MEMORY;
     if (rv != CM_OK)
-        m_dwPostedTicks = 0;  // nobody will come for them: the next tick tries again
+        m_dwPostedTicks = 0;  // no event will run them: the next PostTick tries again
     return rv;
 }
 
-// The handler of the single node has its entry in the map.
+// The handler of the single node must have its entry in the map.
 void CCmTimerQueueCalendar::InsertUnique_i(const CCmTimeValue& aInterval, CSlot& aSingle) {
     const int64_t llMsec = int64_t{aInterval.GetSec()} * 1000 + aInterval.GetUsec() / 1000;
     int64_t llDistance = std::max<int64_t>((llMsec + m_dwSlotInterval - 1) / m_dwSlotInterval, 1);
@@ -116,7 +116,7 @@ int CCmTimerQueueCalendar::EraseNode_l(ICmTimerHandler* aEh) {
     return 0;
 }
 
-// How many ticks away a slot is; the current one is a full turn away.
+// The number of ticks to a slot. The current slot is a full turn away.
 DWORD CCmTimerQueueCalendar::DistanceOf_i(DWORD aSlot) const {
     const DWORD dwSlots = m_dwMaxSlotNumber + 1;
     return (aSlot + dwSlots - m_dwCurrentSlot - 1) % dwSlots + 1;

@@ -11,7 +11,7 @@ constexpr DWORD EMPTY = 0xFFFFFFFF;
 constexpr size_t SMALLEST_TABLE = 16;
 constexpr int64_t NEVER = std::numeric_limits<int64_t>::max();
 
-// Fibonacci hashing: the high bits of the product mix all bits of the address, and spread neighbours evenly.
+// Fibonacci hashing: the high bits of the product mix all bits of the address, and distribute adjacent addresses evenly.
 DWORD HashOf(const ICmTimerHandler* aEh) {
     return static_cast<DWORD>((reinterpret_cast<uintptr_t>(aEh) * 0x9E3779B97F4A7C15u) >> 32);
 }
@@ -39,13 +39,13 @@ int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
     if (m_HeapIndexes[dwSlot] < m_dwEnd) {
         Settle(m_HeapIndexes[dwSlot], item);
     } else {
-        Remove(m_HeapIndexes[dwSlot]);  // which frees the slot for the item that is appended now
+        Remove(m_HeapIndexes[dwSlot]);  // this frees the slot for the item that is appended now
         Append(item);
     }
     return 1;
 }
 
-// Makes room behind the heap, where the first of those for the next pass may stand.
+// Makes room behind the heap by moving the first of the timers for the next pass.
 void CCmTimerQueueOrderedList::Append(CHeapItem aItem) {
     if (m_dwEnd != m_dwTaken)
         Place(m_dwTaken, Item(m_dwEnd));
@@ -119,8 +119,8 @@ int CCmTimerQueueOrderedList::GetEarliestTime_l(int64_t& aExpires) const {
     return 0;
 }
 
-// What firing touches lies scattered: the handler comes into the cache while the heap is put in order, and the next timer's
-// slot during the callback.
+// The data of a firing is scattered. So the handler is prefetched while the heap is reordered, and the next timer's slot during
+// the callback.
 void CCmTimerQueueOrderedList::LoadFirst(CNode& aNode) {
     const CHeapItem& item = Item(ROOT);
     const CSlot& slot = m_Slots[item.GetSlot()];
@@ -128,7 +128,7 @@ void CCmTimerQueueOrderedList::LoadFirst(CNode& aNode) {
     __builtin_prefetch(slot.m_pEh);
 }
 
-// Without branches, which nobody could foretell.
+// Without branches, because no processor could predict them.
 bool CCmTimerQueueOrderedList::FiresBefore(const CHeapItem& a, const CHeapItem& b) {
     return (a.m_llExpires < b.m_llExpires) | ((a.m_llExpires == b.m_llExpires) & (a.m_ullOrderAndSlot < b.m_ullOrderAndSlot));
 }
@@ -145,7 +145,7 @@ void CCmTimerQueueOrderedList::Place(DWORD aIndex, CHeapItem aItem) {
     m_HeapIndexes[aItem.GetSlot()] = aIndex;
 }
 
-// Both sifts move the hole at aIndex to where aItem belongs.
+// Both sifts move the hole at aIndex to the place of aItem.
 void CCmTimerQueueOrderedList::SiftUp(DWORD aIndex, CHeapItem aItem) {
     while (aIndex > ROOT) {
         const DWORD dwParent = aIndex / ARITY + 2;
@@ -184,15 +184,16 @@ DWORD CCmTimerQueueOrderedList::NextOrder() {
     return --m_dwNextOrder;
 }
 
-// Begins the count anew behind the timers that wait, in the order they have. A sorted array is a heap.
+// Restarts the order numbers above those of the pending timers, whose order does not change. A sorted array is a heap.
 void CCmTimerQueueOrderedList::Renumber() {
-    std::sort(&Item(ROOT), &Item(ROOT) + (m_dwTaken - ROOT), FiresBefore);  // those for the next pass stay behind: NEVER
+    std::sort(&Item(ROOT), &Item(ROOT) + (m_dwTaken - ROOT),
+              FiresBefore);  // those for the next pass stay behind, because they expire at NEVER
     m_dwNextOrder = EMPTY;
     for (DWORD dwIndex = m_dwTaken; dwIndex-- > ROOT;)
         Place(dwIndex, {Item(dwIndex).m_llExpires, --m_dwNextOrder, Item(dwIndex).GetSlot()});
 }
 
-// The heap's last item fills the gap in it.
+// The heap's last item fills the gap.
 void CCmTimerQueueOrderedList::Remove(DWORD aIndex) {
     const DWORD dwSlot = Item(aIndex).GetSlot();
     if (aIndex >= m_dwEnd)
@@ -203,7 +204,7 @@ void CCmTimerQueueOrderedList::Remove(DWORD aIndex) {
         Settle(aIndex, last);
 }
 
-// The last item at all fills the place behind the heap; the slot that is free now stands where that item was.
+// The very last item moves to aIndex, and its own place gets the free slot.
 void CCmTimerQueueOrderedList::FreePlace(DWORD aIndex, DWORD aSlot) {
     if (aIndex != --m_dwTaken)
         Place(aIndex, Item(m_dwTaken));
@@ -224,7 +225,7 @@ void CCmTimerQueueOrderedList::RemoveFirst() {
     RemoveFromTable(dwPosition);
 }
 
-// The handler's position in the table, or the empty one where it would go.
+// The position of the handler in the table, or the empty position where it would go.
 [[gnu::always_inline]] inline DWORD CCmTimerQueueOrderedList::Find(DWORD aHash, const ICmTimerHandler* aEh) const {
     const DWORD dwMask = static_cast<DWORD>(m_Table.size() - 1);
     for (DWORD dwPosition = Home(aHash);; dwPosition = (dwPosition + 1) & dwMask) {
@@ -234,7 +235,7 @@ void CCmTimerQueueOrderedList::RemoveFirst() {
     }
 }
 
-// Closes the gap: whatever stands behind it in the same run and may move up does, so that probing never meets a hole.
+// Closes the gap with later entries of the same run that may move up, so that a probe never meets a hole.
 void CCmTimerQueueOrderedList::RemoveFromTable(DWORD aPosition) {
     const DWORD dwMask = static_cast<DWORD>(m_Table.size() - 1);
     DWORD dwGap = aPosition;
@@ -251,7 +252,8 @@ BOOL CCmTimerQueueOrderedList::HasRoom() {
     return (m_dwTaken - ROOT) * size_t{2} < m_Table.size() || talvo::WithMemory([this] { Grow(); });
 }
 
-// What has grown when the memory ends before the rest is larger than it need be, and nothing else: all goes by the table.
+// If memory runs out half-way, the parts that have grown are larger than necessary, without harm: m_Table alone sets the
+// capacity.
 void CCmTimerQueueOrderedList::Grow() {
     const size_t nTable = std::max(m_Table.size() * 2, SMALLEST_TABLE);
     const DWORD dwTimers = m_dwTaken - ROOT;

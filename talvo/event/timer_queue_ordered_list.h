@@ -5,15 +5,15 @@
 
 #include "talvo/event/timer_queue_base.h"
 
-// Earlier expiry first; of equal ones the one that was pushed last.
+// The earlier expiry fires first; of equal ones the last that was pushed.
 //
-// The order of a sorted list at the cost of a heap. What it costs is the memory it touches, so that is kept small and together:
-// m_Heap is a 4-ary heap whose four siblings, a family, lie in one cache line. Its items point to slots: m_Slots has what is
-// needed when a timer fires, m_HeapIndexes where each slot's item stands, which sifting writes at every level. m_Table finds a
-// handler's slot (open addressing, linear probing, never more than half full); the hash beside the slot answers for nearly
-// every probe. All grow together; once grown, nothing allocates.
+// This gives the order of a sorted list at the cost of a heap. The cost is mostly memory access, so the data is small and
+// compact. m_Heap is a 4-ary heap; four siblings, a family, share one cache line. Its items refer to slots. m_Slots has the
+// data for firing, and m_HeapIndexes the position of each slot's item, which sifting writes at every level. m_Table maps a
+// handler to its slot (open addressing, linear probing, at most half full); the hash beside the slot decides nearly every
+// probe. All grow together; once grown, they allocate nothing.
 //
-// Timers for the next pass stand behind the heap, in any order, until they are admitted to it:
+// Timers for the next pass are behind the heap, in any order, until the pass admits them:
 //
 //   | heap, by expiry ... | for the next pass ... | free ... |
 //  ROOT                 m_dwEnd               m_dwTaken
@@ -34,10 +34,10 @@ protected:
 
 private:
     static constexpr DWORD ARITY = 4;
-    static constexpr DWORD ROOT = ARITY - 1;  // families begin at multiples of four; the root's own has no other member
+    static constexpr DWORD ROOT = ARITY - 1;  // families begin at multiples of four; the root has no siblings
 
-    // Those behind the end never expire, and their slots are the free ones. Two words, to be handed on in registers: what was
-    // just written to memory in smaller pieces is slow to read back.
+    // Items behind the end never expire, and their slots are free. Two words, so that they fit registers: reading back memory
+    // that was just written in smaller pieces is slow.
     struct CHeapItem {
         CHeapItem() = default;
         CHeapItem(int64_t aExpires, DWORD aOrder, DWORD aSlot)
@@ -45,7 +45,7 @@ private:
         DWORD GetSlot() const { return static_cast<DWORD>(m_ullOrderAndSlot); }
 
         int64_t m_llExpires;
-        uint64_t m_ullOrderAndSlot;  // the order counts down from push to push
+        uint64_t m_ullOrderAndSlot;  // the order counts down with each push
     };
     struct alignas(ARITY * sizeof(CHeapItem)) CFamily {
         CHeapItem m_Items[ARITY];
@@ -87,8 +87,8 @@ private:
     std::vector<DWORD> m_HeapIndexes;
     std::vector<CEntry> m_Table;
     DWORD m_dwEnd = ROOT;         // behind the last item of the heap
-    DWORD m_dwTaken = ROOT;       // behind the last item at all
-    int64_t m_llNextPassNow = 0;  // when those for the next pass are due
-    // Begins so low that the numbers soon run out: what then happens once in four billion pushes is no rarity in tests.
+    DWORD m_dwTaken = ROOT;       // behind the last item of all
+    int64_t m_llNextPassNow = 0;  // when the timers for the next pass are due
+    // Begins low, so that the numbers soon run out: tests then cover a case that comes once in four billion pushes.
     DWORD m_dwNextOrder = 1000;
 };

@@ -19,7 +19,7 @@ CmResult CCmTimerWrapperID::Schedule(CCmTimerWrapperIDSink* aSink, const CCmTime
     return m_pTimerQueue->ScheduleTimer(this, aSink, aInterval, aCount);
 }
 
-// Once in the life of a wrapper: what is scheduled later looks for no thread.
+// Runs once in the life of a wrapper: a later schedule does not look up the thread.
 BOOL CCmTimerWrapperID::Bind_i() {
     ACmThread* pThread = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_CURRENT);
     ICmTimerQueue* pQueue = pThread ? pThread->GetTimerQueue() : nullptr;
@@ -35,7 +35,7 @@ CmResult CCmTimerWrapperID::Cancel() {
     if (!m_bScheduled)
         return CM_OK;
     const CmResult rv = m_pTimerQueue ? m_pTimerQueue->CancelTimer(this) : CM_ERROR_NULL_POINTER;
-    m_bScheduled = rv == CM_ERROR_FAILURE;  // another thread calls: the timer goes on
+    m_bScheduled = rv == CM_ERROR_FAILURE;  // called in another thread: the timer continues
     return rv;
 }
 
