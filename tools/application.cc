@@ -14,7 +14,7 @@ namespace tool {
 
 namespace {
 
-// SIGPIPE comes from a stdout that nobody reads any more: there is no use in going on.
+// SIGPIPE comes from a stdout without a reader: no further work is useful.
 constexpr int ENDING_SIGNALS[] = {SIGINT, SIGTERM, SIGPIPE, SIGHUP};
 
 sigset_t GetEndingSignals() {
@@ -22,7 +22,7 @@ sigset_t GetEndingSignals() {
     sigemptyset(&signals);
     for (const int nSignal : ENDING_SIGNALS)
         sigaddset(&signals, nSignal);
-    // nohup has it ignored, and means it.
+    // nohup ignores it on purpose.
     struct sigaction action {};
     if (sigaction(SIGHUP, nullptr, &action) == 0 && action.sa_handler == SIG_IGN)
         sigdelset(&signals, SIGHUP);
@@ -33,7 +33,7 @@ ICmReactor* GetMainReactor() { return CCmThreadManager::Instance()->GetThreadRea
 
 }  // namespace
 
-// Signals as one more handle that becomes readable.
+// Handles signals through a handle that becomes readable.
 class Application::SignalHandler : public ACmEventHandler {
 public:
     explicit SignalHandler(Application& aApplication) : m_Application(aApplication) {
@@ -70,7 +70,7 @@ void Application::BlockSignals() {
 void Application::GuardStandardDescriptors() {
     for (int nFd = STDIN_FILENO; nFd <= STDERR_FILENO; ++nFd) {
         if (fcntl(nFd, F_GETFD) == -1)
-            open("/dev/null", nFd == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // the lowest free one, which is this
+            open("/dev/null", nFd == STDIN_FILENO ? O_WRONLY : O_RDONLY);  // the lowest free descriptor, which is nFd
     }
 }
 
@@ -95,7 +95,7 @@ Application::~Application() {
 
 int Application::Run() {
     if (!m_bStarted)
-        Console::Complain("the library did not start: there is no descriptor or no thread left for it");
+        Console::Complain("cannot start the library: no descriptor or no thread is left");
     else if (m_nStatus == -1)
         GetMainReactor()->RunEventLoop();
     return m_nStatus == -1 ? EXIT_FAILED : m_nStatus;
@@ -118,7 +118,7 @@ void Application::Drain() {
 
 void Application::OnSignal(int aSignal) {
     if (m_bDraining)
-        std::_Exit(128 + aSignal);  // the system closes what is left
+        std::_Exit(128 + aSignal);  // the system closes the rest
     Finish(128 + aSignal);
 }
 

@@ -1,4 +1,4 @@
-// The frame of every subcommand: the adopted main thread, its loop, the signals that end it, the orderly shutdown.
+// The common part of every subcommand: the adopted main thread, its loop, the signals that end it, the orderly shutdown.
 #pragma once
 
 #include <memory>
@@ -7,16 +7,16 @@
 
 namespace tool {
 
-// What the program ends with; by a signal it is 128 and the signal's number.
+// The exit status of the program; after a signal it is 128 plus the signal's number.
 enum EExit : int { EXIT_OK = 0, EXIT_FAILED = 1, EXIT_USAGE = 2 };
 
-// Made first in a subcommand and destroyed last: everything that holds a transport stands below it.
+// The first object of a subcommand and the last to be destroyed: all holders of a transport are declared below it.
 class Application {
 public:
-    // First of all in main(), before any thread: the signals wait for the loop then, whatever thread they hit.
+    // Call it first in main(), before any thread starts: the loop then handles the signals, whatever thread receives them.
     static void BlockSignals();
-    // Before anything opens a descriptor: what was closed of 0 to 2 is taken by one that fails, so that no handle of the
-    // library is written to as stdout.
+    // Call it before any descriptor is opened. If descriptor 0, 1 or 2 is closed, it is filled with one whose reads and writes
+    // fail, so that no handle of the library is used as stdout.
     static void GuardStandardDescriptors();
 
     explicit Application(CCmThreadManager::ENetworkThreadMode aMode);
@@ -24,21 +24,21 @@ public:
     Application(const Application&) = delete;
     Application& operator=(const Application&) = delete;
 
-    // Runs the main thread's loop until Finish or a signal; the exit status. EXIT_FAILED at once when the library did not
+    // Runs the main thread's loop until Finish or a signal. Returns the exit status; EXIT_FAILED at once if the library did not
     // start.
     int Run();
 
-    // Ends Run. The first call decides on the status; a failure gives way to a signal that waits. Main thread.
+    // Ends Run. The first call sets the status, but a pending signal overrides a failure. Main thread.
     void Finish(int aStatus);
 
-    // For servers, behind Run: brings connections and answers to an orderly end, see CCmConnectionManager::Drain, for at most
+    // For servers, after Run: ends connections and answers in order, see CCmConnectionManager::Drain, for at most
     // LingerSeconds. Another signal ends the process at once.
     void Drain();
 
-    // A signal that wants to end the program and waits for the loop, or 0.
+    // A pending signal that ends the program, or 0.
     static int GetPendingSignal();
 
-    // As many descriptors as the system grants to this process.
+    // Raises the limit of descriptors to the most that the system allows this process.
     static void RaiseDescriptorLimit();
 
 private:
@@ -48,7 +48,7 @@ private:
 
     BOOL m_bStarted = FALSE;
     bool m_bDraining = false;
-    int m_nStatus = -1;  // -1: not decided
+    int m_nStatus = -1;  // -1: not set
     std::unique_ptr<SignalHandler> m_pSignals;
 };
 

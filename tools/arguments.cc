@@ -29,19 +29,19 @@ constexpr const char* FOOTER = R"(Examples:
   talvo resolve www.example.com
   talvo serve ~/public --port 8080
 
-Types of connection; both ends need the same, and the two that begin with package are that:
-  tcp                the bytes as they are
-  length             messages behind their length
-  package            the library's own protocol, with a handshake; a client that hears nothing for 120 s ends it
-  package-keepalive  package, with a sign of life every 15 s; a server that hears nothing for 120 s ends it, too
-  nopartial          the library's own messages without a handshake
-Over one of the last three --udp puts each message into a datagram of its own.
+Types of connection; both ends need the same, but package and package-keepalive count as the same:
+  tcp                a plain stream of bytes
+  length             messages, each after its length
+  package            the library's own protocol, with a handshake; a client closes it after 120 s of silence
+  package-keepalive  package with a keep-alive every 15 s; a server also closes it after 120 s of silence
+  nopartial          the library's own protocol without a handshake
+With one of the last three, --udp sends each message in a datagram of its own.
 
-Exit status: 0 all went well, 1 something failed, 2 wrong arguments, 128 + N ended by signal N (130 after Ctrl-C).)";
+Exit status: 0 success, 1 failure, 2 wrong arguments, 128 + N ended by signal N (130 after Ctrl-C).)";
 
 constexpr DWORD MAX_DATAGRAM = 65507;
 
-// A number within bounds.
+// An option with a number within limits.
 template <class Number>
 CLI::Option* AddNumber(CLI::App& aApp, const char* aName, Number& aVariable, int aMin, int aMax, const std::string& aHelp) {
     return aApp.add_option(aName, aVariable, aHelp)->check(CLI::Range(aMin, aMax))->option_text("N");
@@ -49,15 +49,14 @@ CLI::Option* AddNumber(CLI::App& aApp, const char* aName, Number& aVariable, int
 
 void DeclareType(CLI::App& aApp, Arguments& a) {
     aApp.add_option("--type", a.m_strType,
-                    "tcp (taken without it), length, package, package-keepalive or nopartial; see talvo --help")
+                    "tcp (the default), length, package, package-keepalive or nopartial; see talvo --help")
         ->check(CLI::IsMember(GetTypeNames()))
         ->option_text("TYPE");
 }
 
 void DeclareUdp(CLI::App& aApp, Arguments& a) {
     DeclareType(aApp, a);
-    aApp.add_flag("--udp", a.m_bUdp,
-                  "Datagrams instead of a TCP connection; goes with package, package-keepalive and nopartial");
+    aApp.add_flag("--udp", a.m_bUdp, "Datagrams instead of a TCP connection; for package, package-keepalive and nopartial");
 }
 
 void DeclareListening(CLI::App& aApp, Arguments& a) {
@@ -68,15 +67,15 @@ void DeclareListening(CLI::App& aApp, Arguments& a) {
 void DeclareRecv(CLI::App& aApp, Arguments& a) {
     DeclareListening(aApp, a);
     DeclareType(aApp, a);
-    aApp.add_option("--out", a.m_strDirectory, "Directory that the files are put in")->required()->option_text("DIR");
-    aApp.add_flag("--force", a.m_bForce, "Replace files that exist");
-    aApp.add_flag("--once", a.m_bOnce, "Serve one sender, then end: with 0 if all its files were kept, else 1");
+    aApp.add_option("--out", a.m_strDirectory, "Directory for the files")->required()->option_text("DIR");
+    aApp.add_flag("--force", a.m_bForce, "Replace existing files");
+    aApp.add_flag("--once", a.m_bOnce, "Serve one sender, then exit with 0 if all its files were kept, else with 1");
 }
 
 void DeclareSend(CLI::App& aApp, Arguments& a) {
     DeclareType(aApp, a);
-    // One list, taken apart in CheckSend: with a second positional, options could not follow the files.
-    aApp.add_option("FILE", a.m_vecFiles, "Files to send and, as the last, where `talvo recv` listens")
+    // One list, which CheckSend splits: with a second positional argument, options could not follow the files.
+    aApp.add_option("FILE", a.m_vecFiles, "Files to send, and last the endpoint of `talvo recv`")
         ->required()
         ->option_text("PATH... HOST:PORT");
 }
@@ -88,15 +87,15 @@ void DeclareEcho(CLI::App& aApp, Arguments& a) {
 
 void DeclarePing(CLI::App& aApp, Arguments& a) {
     DeclareUdp(aApp, a);
-    aApp.add_option("ENDPOINT", a.m_strEndpoint, "Where `talvo echo` listens")->required()->option_text("HOST:PORT");
+    aApp.add_option("ENDPOINT", a.m_strEndpoint, "Endpoint of `talvo echo`")->required()->option_text("HOST:PORT");
     AddNumber(aApp, "--count", a.m_dwCount, 1, 10000000, "Messages to send (10)");
     AddNumber(aApp, "--interval", a.m_dwIntervalMs, 0, 3600000,
-              "Milliseconds from an answer to the next message (1000); 0: as fast as answers come");
+              "Milliseconds from an answer to the next message (1000); 0: no pause");
     AddNumber(aApp, "--size", a.m_dwSize, 1, 16 << 20, "Bytes in a message (64)");
     AddNumber(aApp, "--timeout", a.m_dwTimeoutMs, 1, 3600000, "Milliseconds to wait for the connection and each answer (5000)");
 }
 
-// The checks answer with what is wrong, or "".
+// The checks return "" or an error text.
 
 std::string CheckListening(Arguments& a) {
     return IsIpv4Literal(a.m_Endpoint.m_strHost) ? "" : "--host: '" + a.m_Endpoint.m_strHost + "' is not an IPv4 address";
@@ -126,7 +125,7 @@ std::string CheckFile(const std::string& aPath) {
 
 std::string CheckSend(Arguments& a) {
     if (a.m_vecFiles.size() < 2)
-        return "send needs at least one FILE and, as the last, HOST:PORT";
+        return "send needs at least one FILE and, last, HOST:PORT";
     a.m_strEndpoint = a.m_vecFiles.back();
     a.m_vecFiles.pop_back();
     const std::string strEndpoint = ParseEndpoint(a.m_strEndpoint, a.m_Endpoint);
@@ -159,12 +158,12 @@ std::string CheckResolve(Arguments& a) {
 }
 
 void DeclareGet(CLI::App& aApp, Arguments& a) {
-    aApp.add_option("URL", a.m_strUrl, "What to get: http://... or file://...")->required()->option_text("URL");
+    aApp.add_option("URL", a.m_strUrl, "URL to fetch: http://... or file://...")->required()->option_text("URL");
     aApp.add_option("-o,--out", a.m_strOutput,
-                    "File to put it in; while it is not whole it is FILE.part. Without, or with -: to stdout")
+                    "File to write, named FILE.part until it is complete; by default, or with -: stdout")
         ->option_text("FILE");
-    aApp.add_flag("--continue", a.m_bContinue, "Take FILE.part, or FILE, for the beginning and get only the rest");
-    aApp.add_option("--user", a.m_strUser, "Credentials to give if the server asks")->option_text("NAME:PASSWORD");
+    aApp.add_flag("--continue", a.m_bContinue, "Use FILE.part, or FILE, as the beginning and fetch only the rest");
+    aApp.add_option("--user", a.m_strUser, "Credentials for a server that requires them")->option_text("NAME:PASSWORD");
 }
 
 std::string CheckGet(Arguments& a) {
@@ -185,7 +184,9 @@ std::string CheckGet(Arguments& a) {
 
 void DeclareServe(CLI::App& aApp, Arguments& a) {
     DeclareListening(aApp, a);
-    aApp.add_option("directory", a.m_strDirectory, "What to serve; nothing leads out of it")->required()->option_text("DIR");
+    aApp.add_option("directory", a.m_strDirectory, "Directory to serve; no request leads out of it")
+        ->required()
+        ->option_text("DIR");
 }
 
 std::string CheckServe(Arguments& a) {
@@ -206,9 +207,9 @@ struct Subcommand {
 constexpr Subcommand SUBCOMMANDS[] = {
     {"recv", "Receive files into a directory", DeclareRecv, CheckRecv, RunRecv},
     {"send", "Send files to a `talvo recv`", DeclareSend, CheckSend, RunSend},
-    {"echo", "Send back whatever comes, to any number of clients", DeclareEcho, CheckListening, RunEcho},
+    {"echo", "Send all data back, for any number of clients", DeclareEcho, CheckListening, RunEcho},
     {"ping", "Measure round trips to a `talvo echo`", DeclarePing, CheckPing, RunPing},
-    {"get", "Get a file by its URL", DeclareGet, CheckGet, RunGet},
+    {"get", "Fetch a file by its URL", DeclareGet, CheckGet, RunGet},
     {"resolve", "Look up the addresses of host names", DeclareResolve, CheckResolve, RunResolve},
     {"serve", "Serve the files of a directory over HTTP", DeclareServe, CheckServe, RunServe},
 };
@@ -224,7 +225,7 @@ std::string CheckSubcommand(const CLI::App& aApp, Arguments& aArguments) {
         const std::string strType = ChooseType(aArguments.m_strType, aArguments.m_bUdp, aArguments.m_dwType);
         return strType.empty() ? command.m_pCheck(aArguments) : strType;
     }
-    return "which subcommand? 'talvo --help' lists them";
+    return "a subcommand is missing; 'talvo --help' lists them";
 }
 
 void Declare(CLI::App& aApp, Arguments& aArguments) {
@@ -236,7 +237,7 @@ void Declare(CLI::App& aApp, Arguments& aArguments) {
         pSub->add_flag("--json", aArguments.m_bJson, "Print one JSON object a line");
         pSub->add_option(
                 "--config", aArguments.m_strConfiguration,
-                "Configuration of the library; without: talvo/talvo.cfg in $XDG_CONFIG_HOME or ~/.config, if it is there")
+                "Configuration file of the library; default: talvo/talvo.cfg in $XDG_CONFIG_HOME or ~/.config, if it exists")
             ->option_text("FILE");
     }
     aApp.footer(FOOTER);

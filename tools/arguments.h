@@ -1,4 +1,4 @@
-// What stands on the command line.
+// The parsed command line.
 #pragma once
 
 #include <string>
@@ -10,11 +10,11 @@
 namespace tool {
 
 struct Arguments {
-    int (*m_pRun)(const Arguments&) = nullptr;  // of the subcommand that was named
+    int (*m_pRun)(const Arguments&) = nullptr;  // of the subcommand
 
     bool m_bJson = false;
     std::string m_strConfiguration;     // --config, or ""
-    std::string m_strEndpoint;          // send and ping: HOST:PORT as typed
+    std::string m_strEndpoint;          // send and ping: HOST:PORT as given
     Endpoint m_Endpoint{"0.0.0.0", 0};  // to listen on, or to connect to
 
     std::string m_strDirectory;           // recv, serve
@@ -24,14 +24,14 @@ struct Arguments {
     std::vector<std::string> m_vecNames;  // to look up
 
     std::string m_strUrl;      // get
-    std::string m_strOutput;   // get, as typed
-    OutputTarget m_Target;     // get; what that comes to
+    std::string m_strOutput;   // get, as given
+    OutputTarget m_Target;     // get, from m_strOutput
     bool m_bContinue = false;  // get
     std::string m_strUser;     // get: NAME:PASSWORD or ""
 
-    std::string m_strType;                             // as typed, or ""
+    std::string m_strType;                             // as given, or ""
     bool m_bUdp = false;                               // echo, ping
-    DWORD m_dwType = CCmConnectionManager::CTYPE_TCP;  // what these two come to
+    DWORD m_dwType = CCmConnectionManager::CTYPE_TCP;  // from these two
 
     DWORD m_dwCount = 10;         // ping
     DWORD m_dwIntervalMs = 1000;  // ping
@@ -39,7 +39,7 @@ struct Arguments {
     DWORD m_dwSize = 64;          // ping, bytes
 };
 
-// Fills aArguments. false: aStatus is what to exit with, after --help, --version or one line on what is wrong.
+// aArguments, aStatus (out). false: exit with aStatus, after the output of --help, of --version, or of one line about an error.
 bool ParseArguments(int aArgc, char** aArgv, Arguments& aArguments, int& aStatus);
 
 }  // namespace tool

@@ -7,7 +7,7 @@ namespace tool {
 
 namespace {
 
-// Decimal digits and nothing else; what is too large becomes the largest number.
+// Reads decimal digits only. A number that is too large becomes the largest number.
 bool ParseNumber(std::string_view aText, uint64_t& aNumber) {
     const auto [pEnd, error] = std::from_chars(aText.data(), aText.data() + aText.size(), aNumber);
     if (error == std::errc::result_out_of_range)
@@ -33,7 +33,7 @@ ByteRange ParseByteRange(std::string_view aValue, uint64_t aSize) {
     const std::string_view last = aValue.substr(stDash + 1);
     uint64_t ullFirst = 0;
     uint64_t ullLast = UINT64_MAX;
-    if (first.empty()) {  // so many from the end
+    if (first.empty()) {  // a number of bytes at the end
         if (!ParseNumber(last, ullLast))
             return whole;
         return ullLast == 0 ? MakePart(aSize, 0, aSize) : MakePart(aSize - std::min(ullLast, aSize), UINT64_MAX, aSize);

@@ -1,4 +1,4 @@
-// Which part of a file a request asks for, and which one an answer brings.
+// The requested part of a file, and the part that an answer contains.
 #pragma once
 
 #include <cstdint>
@@ -14,20 +14,20 @@ struct ByteRange {
     uint64_t m_ullLength = 0;
 };
 
-// What the value of a header "Range" means for a file of aSize bytes: "bytes=0-99", "bytes=100-", "bytes=-100". Several ranges
-// at once, other units and nonsense count as none, which RFC 9110 leaves to the server: the whole file.
+// Parses the value of a header "Range" for a file of aSize bytes: "bytes=0-99", "bytes=100-", "bytes=-100". Several ranges,
+// other units and malformed values count as no range and give the whole file; RFC 9110 allows that.
 ByteRange ParseByteRange(std::string_view aValue, uint64_t aSize);
 
 // The value of a header "Content-Range": "bytes 5-9/10".
 struct ContentRange {
-    static constexpr uint64_t NO_SIZE = UINT64_MAX;  // the server does not know: "bytes 5-9/*"
+    static constexpr uint64_t NO_SIZE = UINT64_MAX;  // the server does not know it: "bytes 5-9/*"
 
     uint64_t m_ullFirst = 0;
     uint64_t m_ullLast = 0;
-    uint64_t m_ullSize = NO_SIZE;  // of all there is
+    uint64_t m_ullSize = NO_SIZE;  // of the whole file
 };
 
-// false: it is none, or one that contradicts itself.
+// aRange (out). false: the value is malformed or contradicts itself.
 bool ParseContentRange(std::string_view aValue, ContentRange& aRange);
 
 }  // namespace tool

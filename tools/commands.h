@@ -1,4 +1,4 @@
-// The subcommands. Each returns the program's exit status; its arguments have been checked.
+// The subcommands. Each returns the program's exit status. Its arguments have been checked.
 #pragma once
 
 #include "tools/arguments.h"

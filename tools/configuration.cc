@@ -10,7 +10,7 @@ namespace tool {
 
 namespace {
 
-// "" where the user has no such place. Relative paths do not count.
+// "" if the user has no such directory. Relative paths are ignored.
 std::string GetUserFile() {
     const char* pConfig = std::getenv("XDG_CONFIG_HOME");
     if (pConfig && *pConfig == '/')
@@ -23,11 +23,11 @@ std::string GetUserFile() {
 
 std::string LoadConfiguration(const std::string& aFile) {
     const std::string strPath = aFile.empty() ? GetUserFile() : aFile;
-    const CmResult rv = load_config_file(strPath.c_str());  // also with "": nothing else is read then
+    const CmResult rv = load_config_file(strPath.c_str());  // also with "": no other file is loaded then
     if (rv == CM_OK || (aFile.empty() && access(strPath.c_str(), F_OK) != 0))
         return "";
     if (rv == CM_ERROR_NOT_AVAILABLE)
-        return "the configuration '" + strPath + "' is refused: others may write it, or it belongs to another user";
+        return "the configuration '" + strPath + "' is refused: other users can write it, or another user owns it";
     return "cannot read the configuration '" + strPath + "'";
 }
 

@@ -37,7 +37,7 @@ std::string ChooseType(const std::string& aName, bool aUdp, DWORD& aType) {
         if (aName != type.m_pName)
             continue;
         if (aUdp && !type.m_bOverDatagrams)
-            return "--udp does not go with --type " + aName + ", which needs a stream";
+            return "--udp cannot be combined with --type " + aName + ", which needs a stream";
         aType |= type.m_dwFlags;
     }
     return "";

@@ -1,4 +1,4 @@
-// What --type and --udp choose.
+// The connection type that --type and --udp select.
 #pragma once
 
 #include <string>
@@ -8,19 +8,19 @@
 
 namespace tool {
 
-// The words behind --type.
+// The values of --type.
 std::vector<std::string> GetTypeNames();
 
-// The type for the connection manager. aName: one of the words, or "" when none was given. What is wrong, or "" and aType is
-// set.
+// aType (out): the type for the connection manager. aName is a value of --type, or "" if none was given. Returns "" or an error
+// text.
 std::string ChooseType(const std::string& aName, bool aUdp, DWORD& aType);
 
-// One SendData is one OnReceive.
+// TRUE: one SendData is one OnReceive.
 inline bool KeepsMessages(DWORD aType) { return aType != CCmConnectionManager::CTYPE_TCP; }
-// What is sent may never arrive.
+// TRUE: sent data may be lost.
 inline bool MayLose(DWORD aType) { return (aType & CCmConnectionManager::CTYPE_UDP) != 0; }
 
-// The most that one SendData takes; without a bound where nothing keeps messages.
+// The largest message of one SendData; unlimited on a stream of bytes.
 DWORD GetMaxMessage(ICmTransport& aTransport);
 
 }  // namespace tool

@@ -1,4 +1,4 @@
-// What the program says: lines for people or JSON for scripts, and the one progress line of a terminal.
+// The program's output: lines for people or JSON for scripts, and one progress line on a terminal.
 #pragma once
 
 #include <string>
@@ -8,30 +8,30 @@
 
 namespace tool {
 
-// All from the main thread. Every line leaves at once, whole, and without control characters.
+// Main thread only. Every line is flushed at once, is whole, and has no control characters.
 class Console {
 public:
     enum EOutput { TERMINAL, PIPE, JSON };
 
     explicit Console(bool aJson);
-    ~Console();  // ends a progress line that still stands
+    ~Console();  // ends a progress line
     Console(const Console&) = delete;
     Console& operator=(const Console&) = delete;
 
     EOutput GetOutput() const { return m_Output; }
 
-    // News on stdout, in the form that was asked for.
+    // An event on stdout, as text or JSON.
     void Report(std::string_view aPlain, const JsonLine& aJson);
 
-    // A failure: "talvo: ..." on stderr, or the object on stdout.
+    // A failure: "talvo: ..." on stderr, or the JSON object on stdout.
     void Problem(std::string_view aPlain, const JsonLine& aJson);
-    // The same with the event "error" and the text alone.
+    // The same, with the event "error" and only the text.
     void Problem(std::string_view aText);
 
-    // On a terminal a line that the next output overwrites; elsewhere as Report.
+    // On a terminal a line that the next output overwrites; otherwise as Report.
     void Progress(std::string_view aPlain, const JsonLine& aJson);
 
-    // One line on stderr in any form of output: what is wrong with the arguments.
+    // An error in the arguments: one line of text on stderr, also with --json.
     static void Complain(std::string_view aText);
 
 private:

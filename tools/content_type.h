@@ -1,11 +1,11 @@
-// What kind of content a file is taken for.
+// The media type of a file.
 #pragma once
 
 #include <string_view>
 
 namespace tool {
 
-// The media type for a file's name, by what stands behind its last dot; "application/octet-stream" for what is not known.
+// Returns the media type for the extension of a file's name, and "application/octet-stream" for an unknown one.
 const char* GetContentType(std::string_view aName);
 
 }  // namespace tool

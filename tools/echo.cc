@@ -27,7 +27,8 @@ private:
     std::unordered_map<EchoSession*, std::unique_ptr<EchoSession>> m_Sessions;
 };
 
-// One client, or peer. While it does not take its own bytes back, none are read from it: memory stays bounded by one read.
+// One client, or peer. While it does not read its own bytes, no more are read from it, so that memory stays limited to one
+// read.
 class EchoSession : public ICmTransportSink {
 public:
     EchoSession(EchoServer& aServer, ICmTransport* aTransport) : m_Server(aServer), m_pTransport(aTransport) {}
@@ -74,13 +75,13 @@ void EchoServer::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmA
         if (pSession->Open() == CM_OK)
             m_Sessions.emplace(pSession.get(), std::move(pSession));
     } catch (const std::bad_alloc&) {
-        // The client that there is no memory for is let go; the others stay.
+        // Without memory for it the client is disconnected. The others stay.
     }
 }
 
 }  // namespace
 
-// The main thread serves as network thread here: bytes go back from where they were read, without a change of threads.
+// The main thread is also the network thread: bytes are sent back in the thread that received them.
 int RunEcho(const Arguments& aArguments) {
     Application::RaiseDescriptorLimit();
     Console console(aArguments.m_bJson);

@@ -18,7 +18,7 @@ std::string ParseEndpoint(const std::string& aText, Endpoint& aEndpoint) {
     if (CCmInetAddr::Parse(aText, addr, &strReason) != CM_OK)
         return "'" + aText + "': " + strReason;
     if (addr.GetPort() == 0)
-        return "'" + aText + "': there is nothing to connect to at port 0";
+        return "'" + aText + "': port 0 is not a port to connect to";
     aEndpoint = {addr.GetIpDisplayName(), addr.GetPort()};
     return "";
 }

@@ -1,4 +1,4 @@
-// HOST:PORT as it is typed.
+// HOST:PORT as given on the command line.
 #pragma once
 
 #include <string>
@@ -15,22 +15,22 @@ struct Endpoint {
     CCmInetAddr GetInetAddr() const { return CCmInetAddr(m_strHost.c_str(), m_wPort); }
 };
 
-// Four decimal numbers of 0 to 255, without leading zeros: the one form that everybody reads alike.
+// TRUE: four decimal numbers of 0 to 255 without leading zeros. Every program reads this form alike.
 bool IsIpv4Literal(const std::string& aText);
 
-// An IPv4 literal or what may be a host name.
+// TRUE: an IPv4 literal, or a possible host name.
 bool IsHost(const std::string& aText);
 
-// An IPv4 literal or a host name, a colon and a port from 1 to 65535. What is wrong with it, or "" and aEndpoint is filled.
+// aEndpoint (out): an IPv4 literal or a host name, a colon and a port from 1 to 65535. Returns "" or an error text.
 std::string ParseEndpoint(const std::string& aText, Endpoint& aEndpoint);
 
-// One line on a connect of aConnector's that ended with aReason.
+// One line on a failed connect of aConnector; aReason is its result.
 std::string DescribeConnectFailure(const Endpoint& aEndpoint, ICmConnector& aConnector, CmResult aReason);
 
-// How a connection came to its end, for behind "the connection ...": "was closed by the peer" or "broke: ...". In OnDisconnect.
+// For the end of "the connection ...": "was closed by the peer" or "broke: ...". Call it in OnDisconnect.
 std::string DescribeEnd(ICmTransport& aTransport, CmResult aReason);
 
-// ": Connection refused", or the result's name if no more is known.
+// ": Connection refused", or the result's name if the cause is unknown.
 std::string DescribeCause(const CCmFailure& aFailure, CmResult aReason);
 
 // The transport's peer, for messages.

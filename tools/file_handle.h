@@ -1,4 +1,4 @@
-// Descriptors that close themselves, and all of a text into one.
+// Descriptors that close themselves, and a function that writes a whole text to one.
 #pragma once
 
 #include <string_view>
@@ -15,14 +15,14 @@ public:
     int Get() const { return m_nFd; }
     explicit operator bool() const { return m_nFd >= 0; }
     int Detach();
-    // Some file systems report a failed write only here. false: errno says why; closed in either case.
+    // Some file systems report a failed write only here. false: see errno. The descriptor is closed in both cases.
     bool Close();
 
 private:
     int m_nFd;
 };
 
-// Waits where the descriptor does. false: errno says why, and a part may have been written.
+// Blocks if the descriptor does. false: see errno; a part may have been written.
 bool WriteAll(int aFd, std::string_view aBytes);
 
 }  // namespace tool

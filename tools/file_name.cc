@@ -23,12 +23,12 @@ std::string CheckFileName(std::string_view aName) {
     if (aName.size() > MAX_FILE_NAME)
         return "the name is longer than 255 bytes";
     if (aName == "." || aName == ".." || aName.find('/') != std::string_view::npos)
-        return "the name points out of the directory";
+        return "the name leads out of the directory";
     if (Printable(aName) != aName)
         return "the name has a control character";
-    // Else a peer could put its file where that of another is being written.
+    // Otherwise a peer could overwrite a file of another that is being received.
     if (aName.starts_with(TEMPORARY_BEGIN) && aName.ends_with(TEMPORARY_END))
-        return "the name is kept for temporary files";
+        return "the name is reserved for temporary files";
     return "";
 }
 
@@ -36,7 +36,7 @@ std::string_view GetBaseName(std::string_view aPath) { return aPath.substr(aPath
 
 std::string MakeTemporaryName() {
     uint64_t number = 0;
-    // So few bytes come whole, or not at all on a system without the call: then creating the file anew finds the next free
+    // So few bytes arrive whole, or not at all on a system without the call. Then the creation of the file tries the next free
     // name.
     if (getrandom(&number, sizeof(number), 0) != sizeof(number)) {
         static uint64_t s_ullNext = 0;

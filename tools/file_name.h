@@ -1,4 +1,4 @@
-// Which names a peer may give to a file.
+// The file names that a peer may use.
 #pragma once
 
 #include <string>
@@ -6,19 +6,19 @@
 
 namespace tool {
 
-constexpr size_t MAX_FILE_NAME = 255;  // bytes; what Linux file systems take
+constexpr size_t MAX_FILE_NAME = 255;  // bytes; the limit of Linux file systems
 
-// A name that stays in its directory whatever it is joined to: 1 to 255 bytes, no '/', no control character, neither "." nor
-// "..", and not of the form of the receiver's own temporary files. What is wrong with it, or "".
+// Checks that a name stays in its directory, whatever path it is joined to: 1 to 255 bytes, no '/', no control character,
+// neither "." nor "..", and not the form of the receiver's own temporary files. Returns "" or an error text.
 std::string CheckFileName(std::string_view aName);
 
-// What stands behind the last '/' of a path.
+// The part of a path behind the last '/'.
 std::string_view GetBaseName(std::string_view aPath);
 
-// A fresh temporary name, ".talvo-" + 16 hexadecimal digits + ".part".
+// A new temporary name: ".talvo-", 16 hexadecimal digits, ".part".
 std::string MakeTemporaryName();
 
-// Exactly of that form.
+// TRUE: it has exactly that form.
 bool IsTemporaryName(std::string_view aName);
 
 }  // namespace tool

@@ -11,7 +11,7 @@ namespace tool {
 namespace {
 
 constexpr uint64_t PIECE = 64 * 1024;
-constexpr int MOST_PIECES = 16;  // in one go, to a client that takes them as fast as they come
+constexpr int MOST_PIECES = 16;  // in one call, for a client that reads fast
 
 }  // namespace
 
@@ -36,7 +36,7 @@ void FileSender::OnDisconnect(CmResult, ICmTransport*) { delete this; }
 
 void FileSender::OnTimer(CCmTimerWrapperID*) { Pump(); }
 
-// The channel ends the connection when it is released before its answer is complete.
+// A channel that is released before its answer is complete closes the connection.
 void FileSender::Pump() {
     for (int i = 0; i < MOST_PIECES; ++i) {
         const CmResult rv = SendPiece();

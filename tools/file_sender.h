@@ -6,16 +6,16 @@
 
 namespace tool {
 
-// Lives from Start until the answer is complete or cannot be given any more, in the network thread: what it has read is sent
-// from one piece of memory that it uses again and again, so the size of the file does not matter.
+// Lives from Start until the answer is complete or has failed, in the network thread. It reuses one piece of memory for all
+// reads, so the size of the file does not matter.
 class FileSender : public ICmChannelHttpServerSink, private CCmTimerWrapperIDSink {
 public:
-    // Answers aChannel, whose answer has begun with aLength, with so many bytes from aOffset on. If the file turns out to be
-    // shorter the connection ends, which tells the client; so it does when memory runs out. Throws std::bad_alloc.
+    // Sends aLength bytes from aOffset on as the body of aChannel's answer, which has begun with that length. If the file turns
+    // out to be shorter, or memory runs out, the connection is closed, which reports it to the client. Throws std::bad_alloc.
     static void Start(ICmChannelHttpServer* aChannel, FileHandle aFile, uint64_t aOffset, uint64_t aLength);
 
     ~FileSender() override { --s_uCount; }
-    // How many there are.
+    // The number of live objects.
     static unsigned GetCount() { return s_uCount; }
 
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
@@ -35,7 +35,7 @@ private:
     uint64_t m_ullOffset;
     uint64_t m_ullLeft;  // bytes that have not been read
     CCmMessageBlock m_Piece;
-    CCmTimerWrapperID m_Timer;  // lets others have their turn
+    CCmTimerWrapperID m_Timer;  // yields to other connections
 };
 
 }  // namespace tool

@@ -14,7 +14,7 @@ namespace {
 
 using Atoms = CCmHttpAtomList;
 
-// An answer that lacks a part for want of memory would say something else, so it is not given.
+// An answer without a part that memory ran out for would be wrong, so it is not sent.
 void Require(CmResult aResult) {
     if (aResult == CM_ERROR_OUT_OF_MEMORY)
         throw std::bad_alloc();
@@ -34,7 +34,7 @@ long StatusOfError(int aError) {
     case ENOMEM:
         return 503;
     default:
-        return 404;  // what leads outside is not there
+        return 404;  // a path that leads outside counts as not found
     }
 }
 
@@ -52,13 +52,13 @@ void AnswerFile(ICmChannelHttpServer& aChannel, FileHandle aFile, const struct s
     const CCmHttpRequestHead& request = aChannel.GetRequest();
     const FileVersion version(aStatus);
     Require(aChannel.SetHeader(Atoms::ETag, version.GetTag()));
-    // A time of change in the future would be later than the answer's own date.
+    // A modification time in the future would be later than the answer's own date.
     const int64_t llNow = CCmClock::GetWallUsec() / 1000000;
     Require(aChannel.SetHeader(Atoms::Last_Modified, talvo::format_http_date(std::min(version.GetModified(), llNow))));
     Require(aChannel.SetHeader(Atoms::Accept_Ranges, "bytes"));
     const long lStatus = version.JudgeConditions(request);
     if (lStatus == 412)
-        return AnswerStatus(aChannel, lStatus, "another version is meant");
+        return AnswerStatus(aChannel, lStatus, "the file has another version");
     if (lStatus == 304) {
         Require(aChannel.SetStatus(lStatus));
         Require(aChannel.EndAnswer());
@@ -88,7 +88,7 @@ void AnswerFile(ICmChannelHttpServer& aChannel, FileHandle aFile, const struct s
 
 }  // namespace
 
-// The connection whose answer there is no memory for ends; the others stay.
+// Without memory for its answer the connection is closed. The others stay.
 void FileService::OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) {
     try {
         Answer(*aChannel);
@@ -105,7 +105,7 @@ void FileService::Answer(ICmChannelHttpServer& aChannel) const {
         Require(aChannel.SetHeader(Atoms::Allow, "GET, HEAD"));
         AnswerStatus(aChannel, 405, "GET and HEAD only");
     } else if (!ParseRequestPath(request.GetRequestURI(), path)) {
-        AnswerStatus(aChannel, 400, "not a path");
+        AnswerStatus(aChannel, 400, "the target is not a valid path");
     } else {
         AnswerPath(aChannel, path);
     }
@@ -127,7 +127,7 @@ void FileService::AnswerPath(ICmChannelHttpServer& aChannel, const RequestPath& 
 
 void FileService::AnswerDirectory(ICmChannelHttpServer& aChannel, const RequestPath& aPath, FileHandle aDirectory) const {
     const std::string strPath = "/" + aPath.m_strPath + (aPath.m_strPath.empty() ? "" : "/");
-    if (!aPath.m_bDirectory) {  // what the page links to is meant from behind the slash
+    if (!aPath.m_bDirectory) {  // relative links of the page need the trailing slash
         Require(aChannel.SetHeader(Atoms::Location, EncodePath(strPath)));
         return AnswerStatus(aChannel, 301, "it is a directory");
     }

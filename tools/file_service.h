@@ -8,7 +8,7 @@
 
 namespace tool {
 
-// GET and HEAD of files, one range of them, and of directories: their index.html, or a page with what lies in them.
+// Answers GET and HEAD of files, with at most one range, and of directories: their index.html, or a list of their entries.
 class FileService : public ICmChannelServerAcceptorSink {
 public:
     explicit FileService(const ServedDirectory& aDirectory) : m_Directory(aDirectory) {}
@@ -16,7 +16,7 @@ public:
     void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor* aAcceptor) override;
 
 private:
-    // The rest throws std::bad_alloc.
+    // May throw std::bad_alloc.
     void Answer(ICmChannelHttpServer& aChannel) const;
     void AnswerPath(ICmChannelHttpServer& aChannel, const RequestPath& aPath) const;
     void AnswerDirectory(ICmChannelHttpServer& aChannel, const RequestPath& aPath, FileHandle aDirectory) const;

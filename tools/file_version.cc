@@ -10,7 +10,7 @@ namespace {
 
 using Atoms = CCmHttpAtomList;
 
-// aWeakToo: one that stands there as weak, "W/" before it, counts as well.
+// aWeakToo: a weak tag, with "W/" before it, counts as well.
 bool IsListed(std::string_view aTags, std::string_view aTag, bool aWeakToo) {
     if (aTags == "*")
         return true;
@@ -39,7 +39,7 @@ long FileVersion::JudgeConditions(const CCmHttpRequestHead& aRequest) const {
     return IsNotModified(aRequest) ? 304 : 200;
 }
 
-// Tags decide where there are any, and a date that cannot be read says nothing.
+// Tags take precedence over dates. A malformed date is ignored.
 bool FileVersion::IsMeant(const CCmHttpRequestHead& aRequest) const {
     if (const CCmString* pTags = aRequest.FindHeader(Atoms::If_Match))
         return IsListed(*pTags, m_strTag, false);

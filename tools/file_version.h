@@ -1,4 +1,4 @@
-// What a version of a file is known by, and what a request makes depend on it.
+// The identity of a file's version, and the request conditions that depend on it.
 #pragma once
 
 #include <sys/stat.h>
@@ -13,14 +13,14 @@ class FileVersion {
 public:
     explicit FileVersion(const struct stat& aStatus);
 
-    const std::string& GetTag() const { return m_strTag; }  // as it stands in headers, quotes included
+    const std::string& GetTag() const { return m_strTag; }  // as in headers, with quotes
     int64_t GetModified() const { return m_llModified; }    // seconds since 1970 UTC
 
-    // What a GET or HEAD of this version is answered with, by RFC 9110, 13.2.2: 200 as if there were no conditions; 304: the
-    // client has it; 412: it is another than the client means.
+    // The status for a GET or HEAD of this version, by RFC 9110, 13.2.2. 200: no condition prevents the answer. 304: the client
+    // has this version. 412: the client expects another version.
     long JudgeConditions(const CCmHttpRequestHead& aRequest) const;
 
-    // FALSE: a range is asked for of another version, so that all of this one is due.
+    // FALSE: the range is of another version, so send all of this one.
     bool IsRangeMeant(const CCmHttpRequestHead& aRequest) const;
 
 private:

@@ -1,4 +1,4 @@
-// How files travel: the frames between `talvo send` and `talvo recv`, version 1.
+// The frames between `talvo send` and `talvo recv`, version 1.
 //
 //   0      1                 5
 //   | type | payload length  | payload ...            numbers are big-endian
@@ -6,18 +6,18 @@
 //   sender                                            receiver
 //   HELLO   "TALVO" version(1)         ----------->
 //   FILE    size(8) name(1..255)       ----------->
-//                                      <-----------   ACCEPT  nothing         or RESULT: this file is not wanted
+//                                      <-----------   ACCEPT  empty           or RESULT: this file is refused
 //   DATA    1..262144 bytes            ----------->
 //   DATA    ... until size is reached  ----------->                           a RESULT in between: stop, send ABORT or END;
-//                                                                             ACCEPT again: a sign of life, nothing more
+//                                                                             another ACCEPT: a sign of life, no more
 //   END     SHA-256 of the file(32)    ----------->
 //                                      <-----------   RESULT  status(1: 0 kept, 1 refused) reason(0..512)
-//   ABORT   reason(0..512): instead of the rest and END, the file cannot be read on or is not wanted
+//   ABORT   reason(0..512): instead of the rest and END, the file cannot be read further or was refused
 //   FILE    ... the next file
-//   BYE     nothing: that was all      ----------->   closes the connection
+//   BYE     empty: no more files       ----------->   closes the connection
 //
-// Every FILE is answered by exactly one RESULT, with or without an ACCEPT before it. The hash comes behind the data, so that
-// the sender reads a file once.
+// Exactly one RESULT answers every FILE, with or without an ACCEPT before it. The hash follows the data, so that the sender
+// reads a file once.
 #pragma once
 
 #include <cstdint>
@@ -41,33 +41,33 @@ std::string EncodeFile(uint64_t aSize, std::string_view aName);
 std::string EncodeAbort(std::string_view aReason);
 std::string EncodeResult(bool aKept, std::string_view aReason);
 
-// Writes the header of a DATA frame into aBlock; aLength bytes have to follow.
+// Writes the header of a DATA frame into aBlock. The caller appends aLength bytes.
 void WriteDataHeader(CCmMessageBlock& aBlock, DWORD aLength);
 
-// Payloads. false: not what the frame must hold.
+// Decode payloads. false: not a valid payload of the frame.
 bool DecodeHello(std::string_view aPayload);
 bool DecodeFile(std::string_view aPayload, uint64_t& aSize, std::string& aName);
 bool DecodeResult(std::string_view aPayload, bool& aKept, std::string& aReason);
 
-// Hears what a FrameParser finds. Both return false to stop the parser.
+// Receives the output of a FrameParser. Both operations return false to stop the parser.
 class FrameSink {
 public:
-    virtual bool OnFrame(EFrame aType, std::string_view aPayload) = 0;  // whole, of any type but DATA
-    virtual bool OnData(std::string_view aPiece) = 0;                   // a part of what DATA frames carry, never empty
+    virtual bool OnFrame(EFrame aType, std::string_view aPayload) = 0;  // a whole frame of any type but DATA
+    virtual bool OnData(std::string_view aPiece) = 0;                   // a part of the payload of DATA frames, never empty
     virtual ~FrameSink() = default;
 };
 
-// Cuts a byte stream into frames, whatever pieces it comes in. Data passes through; of the other frames at most one is kept,
-// and none is longer than about a kilobyte: a length is judged as soon as it has come.
+// Splits a byte stream, in pieces of any size, into frames. Data is passed on at once. Of the other frames at most one is kept,
+// of about a kilobyte at most: the parser checks a length as soon as it has arrived.
 class FrameParser {
 public:
     enum EResult {
         ALL_READ,
         STOPPED,  // by the sink
-        BROKEN    // an unknown type, or a length that its type cannot have
+        BROKEN    // an unknown type, or an invalid length for the type
     };
 
-    // After STOPPED or BROKEN the parser is not fed again.
+    // Do not call it again after STOPPED or BROKEN.
     EResult Feed(std::string_view aBytes, FrameSink& aSink);
     EResult Feed(const CCmMessageBlock& aChain, FrameSink& aSink);
 
@@ -78,10 +78,10 @@ private:
     EResult Deliver(FrameSink& aSink);
     void Collect(std::string_view& aBytes, size_t aUpTo);
 
-    std::string m_strKept;  // the header as far as it has come, then the payload of a frame that is not DATA
+    std::string m_strKept;  // the part of the header that has arrived, then the payload of a frame that is not DATA
     bool m_bInPayload = false;
     EFrame m_Type = EFrame::HELLO;
-    DWORD m_dwLeft = 0;  // payload bytes still to come
+    DWORD m_dwLeft = 0;  // payload bytes still missing
 };
 
 }  // namespace tool

@@ -4,7 +4,7 @@
 
 namespace tool {
 
-// The main thread serves as network thread: what arrives goes to the file without a change of threads.
+// The main thread is also the network thread: data goes to the file without a change of threads.
 int RunGet(const Arguments& aArguments) {
     Console console(aArguments.m_bJson);
     Application application(CCmThreadManager::NETWORK_THREAD_MAIN);

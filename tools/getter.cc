@@ -39,7 +39,7 @@ void Getter::Start() {
         strProblem = pUrl->GetScheme() == "file" ? OpenFileUrl(*pUrl) : OpenHttpUrl(*pUrl);
     if (strProblem.empty()) {
         const CmResult rv = m_pChannel->AsyncOpen(this);
-        strProblem = rv == CM_OK ? "" : std::string("cannot ask for it (") + cm_result_name(rv) + ")";
+        strProblem = rv == CM_OK ? "" : std::string("cannot send the request (") + cm_result_name(rv) + ")";
     }
     if (!strProblem.empty())
         Finish(strProblem);
@@ -66,17 +66,17 @@ std::string Getter::MakeOutput() {
 std::string Getter::OpenFileUrl(CCmHttpUrl& aUrl) {
     const CCmRefPtrT<CCmChannelFile> pFile(new CCmChannelFile);
     m_pChannel = pFile;
-    return pFile->Init(&aUrl) ? "" : "'" + m_Arguments.m_strUrl + "' is no file that can be read";
+    return pFile->Init(&aUrl) ? "" : "'" + m_Arguments.m_strUrl + "' is not a readable file";
 }
 
 std::string Getter::OpenHttpUrl(CCmHttpUrl& aUrl) {
     if (CCmChannelManager::Instance()->CreateChannelHttpClient(m_pHttp.ParaOut(), &aUrl) != CM_OK)
-        return "the library gives no HTTP client";
+        return "cannot create the HTTP client";
     m_pChannel = m_pHttp;
     const std::string& strUser = m_Arguments.m_strUser;
     const size_t nColon = strUser.find(':');
     if (nColon != std::string::npos && m_pHttp->SetCredentials(strUser.substr(0, nColon), strUser.substr(nColon + 1)) != CM_OK)
-        return "--user: there are characters in it that cannot be sent";
+        return "--user contains characters that cannot be sent";
     if (m_ullBeginning > 0)
         AskForRest();
     return "";
@@ -120,8 +120,8 @@ std::string Getter::GetVersion() const {
     return IsStrong(strTag) ? strTag : GetHeader(Atoms::Last_Modified);
 }
 
-// Whether the answer belongs to what the beginning belongs to, which a server that ignores If-Range does not look at. A part
-// repeats the tag (RFC 9110, 15.3.7), but not the time of the last change; another answer need not repeat either.
+// TRUE: the answer is of the same version as the beginning. A server that ignores If-Range does not check that. A part repeats
+// the tag (RFC 9110, 15.3.7), but not the modification time; another answer need not repeat either.
 bool Getter::IsSameVersion(bool aIsPart) const {
     const std::string strHad = m_pFile->GetTag();
     const std::string strNow = GetHeader(IsStrong(strHad) ? Atoms::ETag : Atoms::Last_Modified);
@@ -134,17 +134,17 @@ std::string Getter::OnRest() {
         (range.m_ullSize != ContentRange::NO_SIZE && range.m_ullLast + 1 != range.m_ullSize))
         return "the server sent another part than the rest";
     if (!IsSameVersion(true) || !GetHeader(Atoms::Content_Encoding).empty())
-        return "the server sent a part of another version";
+        return "the server sent a part of another version of the file";
     m_ullRest = range.m_ullLast - range.m_ullFirst + 1;
     return m_pFile->Continue(GetVersion());
 }
 
-// All of it is there already, unless the server says otherwise.
+// The file is complete already, unless the server's answer contradicts.
 std::string Getter::OnNothingLeft() {
     m_bSkip = true;
     return GetHeader(Atoms::Content_Range) == "bytes */" + std::to_string(m_ullBeginning) && IsSameVersion(false)
                ? m_pFile->Continue(GetVersion())
-               : "'" + m_Arguments.m_strOutput + "' is not the beginning of what the server has";
+               : "'" + m_Arguments.m_strOutput + "' is not the beginning of the server's file";
 }
 
 std::string Getter::GetHeader(const CCmHttpAtom& aAtom) const {
@@ -183,7 +183,7 @@ void Getter::OnDisconnect(CmResult aReason, ICmTransport*) {
     Finish(DescribeFailure(aReason));
 }
 
-// What failed, and its cause unless that is the same text.
+// The failure, and its cause unless both texts are the same.
 std::string Getter::DescribeFailure(CmResult aReason) const {
     CCmString strFailure;
     CCmFailure cause;
@@ -191,7 +191,7 @@ std::string Getter::DescribeFailure(CmResult aReason) const {
     if (m_pHttp)
         m_pHttp->GetOption(CM_OPT_CHANNEL_LAST_FAILURE, &cause);
     if (strFailure.empty())
-        return "it cannot be read" + DescribeCause(cause, rv);
+        return "cannot read it" + DescribeCause(cause, rv);
     return Printable(strFailure) + (strFailure.starts_with(cause.GetText()) ? "" : DescribeCause(cause, rv));
 }
 
@@ -200,7 +200,7 @@ void Getter::Finish(const std::string& aProblem) {
         m_pChannel->Disconnect(CM_OK);
     if (std::exchange(m_bMetered, false))
         m_Progress.GetMeter().End(m_ullSize, m_ullGot);
-    if (!aProblem.empty() && Application::GetPendingSignal() == 0)  // a signal is the reason itself, and the exit status
+    if (!aProblem.empty() && Application::GetPendingSignal() == 0)  // after a signal that is the cause, and the exit status
         m_Console.Problem(m_Arguments.m_strUrl + ": " + aProblem,
                           JsonLine("failed").Add("url", m_Arguments.m_strUrl).Add("reason", aProblem));
     else if (aProblem.empty() && m_Arguments.m_Target.m_Kind != OutputTarget::STDOUT)

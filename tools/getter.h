@@ -1,4 +1,4 @@
-// The client behind `talvo get`.
+// The client of `talvo get`.
 #pragma once
 
 #include <memory>
@@ -14,8 +14,8 @@
 
 namespace tool {
 
-// Fetches one URL and finishes the application: EXIT_OK if all of it was there. Main thread; the arguments, the application and
-// the console outlive it.
+// Fetches one URL and finishes the application, with EXIT_OK if all of it arrived. Main thread. The arguments, the application
+// and the console outlive it.
 class Getter : private ICmChannelSink {
 public:
     Getter(const Arguments& aArguments, Application& aApplication, Console& aConsole);
@@ -38,14 +38,14 @@ private:
     std::string OpenHttpUrl(CCmHttpUrl& aUrl);
     void AskForRest();
 
-    // What the answer makes of the output; "" or what is wrong with it.
+    // Prepares the output for the answer. Returns "" or an error text.
     std::string OnAnswer();
     std::string OnWhole();
     bool IsSameVersion(bool aIsPart) const;
     std::string OnRest();
     std::string OnNothingLeft();
     std::string GetHeader(const CCmHttpAtom& aAtom) const;
-    // A weak tag does not tell versions apart byte by byte; a time of change does as well as it can.
+    // The strong tag, or the time of the last change: a weak tag does not identify a version byte by byte.
     std::string GetVersion() const;
 
     std::string DescribeFailure(CmResult aReason) const;
@@ -57,15 +57,15 @@ private:
     Console& m_Console;
     ProgressReport m_Progress;
     std::unique_ptr<Output> m_pOutput;
-    PartialFile* m_pFile = nullptr;  // that, if it is one
+    PartialFile* m_pFile = nullptr;  // m_pOutput if it is a PartialFile
     CCmRefPtrT<ICmChannelHttpClient> m_pHttp;
-    CCmRefPtrT<ICmChannel> m_pChannel;  // that, or the file's
-    uint64_t m_ullBeginning = 0;        // bytes that were there
+    CCmRefPtrT<ICmChannel> m_pChannel;  // m_pHttp, or the channel of a file
+    uint64_t m_ullBeginning = 0;        // bytes that existed before
     uint64_t m_ullSize = 0;             // announced
-    uint64_t m_ullRest = UNKNOWN;       // bytes that the answer is to bring, if it is a part
+    uint64_t m_ullRest = UNKNOWN;       // bytes that a partial answer will have
     uint64_t m_ullGot = 0;
     bool m_bMetered = false;
-    bool m_bSkip = false;  // the body is not what was asked for
+    bool m_bSkip = false;  // ignore the body: it is not the requested file
     int64_t m_llStarted = 0;
 };
 

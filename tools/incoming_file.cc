@@ -24,7 +24,7 @@ const std::string EXISTS = "a file of that name exists";
 
 std::string Problem(const char* aWhat) { return std::string(aWhat) + ": " + SystemError(errno); }
 
-// Those who write it hold the lock. On file systems without locks the age alone decides.
+// Its writer holds the lock. On file systems without locks only the age decides.
 bool IsLeftover(int aDirectory, const char* aName) {
     const FileHandle file(openat(aDirectory, aName, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
@@ -44,9 +44,9 @@ IncomingFile::~IncomingFile() {
 std::string IncomingFile::CheckTarget(int aDirectory, const std::string& aName, bool aReplace) {
     struct stat status {};
     if (fstatat(aDirectory, aName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-        return errno == ENOENT ? "" : Problem("cannot look for a file of that name");
+        return errno == ENOENT ? "" : Problem("cannot check for a file of that name");
     if (!S_ISREG(status.st_mode))
-        return S_ISDIR(status.st_mode) ? "a directory has that name" : "something that is not a regular file has that name";
+        return S_ISDIR(status.st_mode) ? "a directory has that name" : "the file of that name is not a regular file";
     return aReplace ? "" : EXISTS;
 }
 
@@ -56,7 +56,7 @@ std::vector<std::string> IncomingFile::RemoveLeftovers(int aDirectory) {
     const std::unique_ptr<DIR, int (*)(DIR*)> pDir(fdopendir(again.Get()), closedir);
     if (!pDir)
         return removed;
-    again.Detach();  // closed with the stream
+    again.Detach();  // the stream closes it
     while (const dirent* pEntry = readdir(pDir.get())) {
         if (IsTemporaryName(pEntry->d_name) && IsLeftover(aDirectory, pEntry->d_name) &&
             unlinkat(aDirectory, pEntry->d_name, 0) == 0)
@@ -95,7 +95,7 @@ std::string IncomingFile::Publish(const std::string& aName, bool aReplace) {
     if (!Rename_i(aName, aReplace))
         return errno == EEXIST ? EXISTS : Problem("cannot rename");
     m_strTemporary.clear();
-    // Some file systems have no such operation on a directory; the name is then as safe as it gets.
+    // Some file systems do not have this operation for a directory; the name cannot be made safer then.
     if (fsync(m_nDirectory) != 0 && errno != EINVAL)
         return Problem("cannot write the directory to the disk");
     return "";

@@ -1,4 +1,4 @@
-// A file that is being received: nobody sees it under its name before it is whole and on the disk.
+// A file that is being received. It gets its name only when it is whole and on the disk.
 #pragma once
 
 #include <string>
@@ -9,8 +9,8 @@
 
 namespace tool {
 
-// Written under a temporary name in the directory and locked meanwhile; Publish gives it its own. Destroyed before that, it is
-// removed. A process that is killed leaves at most the temporary file. The operations return "" or, in words, what went wrong.
+// Written and locked under a temporary name in the directory. Publish renames it; the destructor removes an unpublished file. A
+// killed process leaves at most the temporary file. The operations return "" or an error text.
 class IncomingFile {
 public:
     explicit IncomingFile(int aDirectory) : m_nDirectory(aDirectory) {}
@@ -21,16 +21,16 @@ public:
     std::string Create();
     std::string Write(std::string_view aBytes);
 
-    // Flushes to the disk, then renames in one step. Without aReplace a file that has the name, even if it came up a moment
-    // ago, stays as it is and this one is removed.
+    // Flushes to the disk, then renames in one step. Without aReplace an existing file of that name, even a very new one, is
+    // kept and this one is removed.
     std::string Publish(const std::string& aName, bool aReplace);
 
-    // Why aName cannot be published, as far as it is known now; "" if nothing stands in the way. Only regular files are ever
-    // replaced: links, pipes and devices are not, whatever they lead to.
+    // Returns "" if aName can be published as far as is known now, or an error text. Only regular files are replaced, never
+    // links, pipes and devices, whatever their target.
     static std::string CheckTarget(int aDirectory, const std::string& aName, bool aReplace);
 
-    // Removes the temporary files that killed processes left in the directory: not locked, and unchanged for an hour. Their
-    // names.
+    // Removes the temporary files of killed processes from the directory: those that are not locked and unchanged for an hour.
+    // Returns their names.
     static std::vector<std::string> RemoveLeftovers(int aDirectory);
 
 private:

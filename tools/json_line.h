@@ -8,12 +8,12 @@
 
 namespace tool {
 
-// Every object names its event first: {"event":"sent","name":"a.txt","bytes":12}.
+// The first member of every object is its event: {"event":"sent","name":"a.txt","bytes":12}.
 class JsonLine {
 public:
     explicit JsonLine(std::string_view aEvent);
 
-    // Text is taken as UTF-8; what is none becomes U+FFFD.
+    // aText is UTF-8. Invalid bytes become U+FFFD.
     JsonLine& Add(std::string_view aKey, std::string_view aText);
     JsonLine& Add(std::string_view aKey, double aValue);
     template <class Integer, class = std::enable_if_t<std::is_integral_v<Integer>>>

@@ -1,4 +1,4 @@
-// What a transport has not taken yet.
+// A queue for data that a transport has not taken yet.
 #pragma once
 
 #include <deque>
@@ -8,8 +8,7 @@
 
 namespace tool {
 
-// Sends, and keeps in order what has to wait for the transport's OnSend; a message stays a message. Used in the transport's
-// thread.
+// Sends, and queues data in order until the transport's OnSend; messages stay separate. Used in the transport's thread.
 class Outbox {
 public:
     Outbox() = default;
@@ -17,12 +16,12 @@ public:
     Outbox(const Outbox&) = delete;
     Outbox& operator=(const Outbox&) = delete;
 
-    // CM_OK: the transport has taken everything. CM_ERROR_PARTIAL_DATA: the rest is kept here and goes out by SendRest; be slow
-    // with more until it has. Any other: the connection cannot be used any more.
+    // CM_OK: the transport has taken everything. CM_ERROR_PARTIAL_DATA: the rest is queued here for SendRest; send little more
+    // until then. Any other result: the connection cannot be used any more.
     CmResult Send(ICmTransport& aTransport, CCmMessageBlock& aChain);
     CmResult Send(ICmTransport& aTransport, std::string_view aBytes);
 
-    // From OnSend; results as Send.
+    // Call it in OnSend. Results as Send.
     CmResult SendRest(ICmTransport& aTransport);
 
     void Clear();

@@ -24,7 +24,7 @@ OutgoingFile::~OutgoingFile() {
 
 std::string OutgoingFile::Open(DWORD aMaxPiece) {
     m_dwMaxPiece = std::min(PIECE, aMaxPiece);
-    // Without O_NONBLOCK a pipe in place of the file would keep us here until somebody writes to it.
+    // Without O_NONBLOCK, a pipe instead of a file would block until it has a writer.
     m_nFd = open(m_strPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     struct stat status {};
     if (m_nFd < 0 || fstat(m_nFd, &status) != 0)

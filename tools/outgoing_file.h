@@ -1,4 +1,4 @@
-// A file that is being sent: read once, in pieces, hashed on the way.
+// A file that is being sent: read once, in pieces, and hashed.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace tool {
 
-// The operations return "" or, in words, what went wrong.
+// The operations return "" or an error text.
 class OutgoingFile {
 public:
     explicit OutgoingFile(std::string aPath) : m_strPath(std::move(aPath)) {}
@@ -17,15 +17,15 @@ public:
     OutgoingFile(const OutgoingFile&) = delete;
     OutgoingFile& operator=(const OutgoingFile&) = delete;
 
-    // Regular files only: their size is known beforehand. aMaxPiece: how long a piece may be.
+    // Opens a regular file, whose size is known beforehand. aMaxPiece: the longest piece.
     std::string Open(DWORD aMaxPiece);
 
-    // The length of the next piece, 0 at the end. The size is that of Open: what is appended later is not sent.
+    // The length of the next piece, 0 at the end. The size is that at Open: bytes that are appended later are not sent.
     DWORD GetNextLength() const;
-    // Appends the next GetNextLength() bytes to aBlock, which has room for them.
+    // Appends the next GetNextLength() bytes to aBlock, which must have room for them.
     std::string ReadNext(CCmMessageBlock& aBlock);
 
-    // The SHA-256 of all that was read; once.
+    // The SHA-256 of all bytes that were read. Call it once.
     std::string FinishHash() { return m_Hash.Finish(); }
 
     const std::string& GetPath() const { return m_strPath; }

@@ -33,8 +33,8 @@ std::string Canonical(const std::string& aPath) {
     return pPath ? pPath.get() : "";
 }
 
-// Where the links that aPath ends with lead. aIsDescriptor: one of them names a descriptor of a process, as /dev/stderr and
-// /dev/fd/3 do. The file behind it is written by others at the same time, so it must not be replaced.
+// Resolves the links at the end of aPath. aIsDescriptor (out): one of them names a descriptor of a process, such as /dev/stderr
+// and /dev/fd/3. Another writer uses that file at the same time, so it must not be replaced.
 std::string FollowLinks(std::string aPath, bool& aIsDescriptor) {
     for (int i = 0; i < MAX_LINKS; ++i) {
         const std::string strDirectory = Canonical(GetDirectory(aPath) + ".");
@@ -49,7 +49,7 @@ std::string FollowLinks(std::string aPath, bool& aIsDescriptor) {
     return aPath;
 }
 
-// Opening a pipe for writing fails while there is no reader; an open that waits could not be interrupted.
+// The open of a pipe for writing fails while there is no reader. A blocking open could not be interrupted.
 int OpenWithReader(const std::string& aPath) {
     for (;;) {
         const int nFd = open(aPath.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -64,7 +64,7 @@ int OpenWithReader(const std::string& aPath) {
     }
 }
 
-// Whether a file of this name, and what stands beside it while it is fetched, can be made.
+// Returns "" if a file of this name and the files beside it can be created.
 std::string CheckNamesBeside(std::string_view aName) {
     if (aName.empty())
         return " is not the name of a file";
@@ -103,7 +103,7 @@ std::string JudgeTarget(const std::string& aPath, OutputTarget& aTarget) {
     bool bDescriptor = false;
     aTarget = {OutputTarget::REGULAR, FollowLinks(aPath, bDescriptor)};
     if (bDescriptor)
-        return strQuoted + " is a file that is open already; '-' writes to stdout";
+        return strQuoted + " is a descriptor that is open already; use '-' for stdout";
     const std::string strDirectory = GetDirectory(aTarget.m_strPath);
     const std::string strBeside = CheckNamesBeside(GetBaseName(aTarget.m_strPath));
     if (!strBeside.empty())
@@ -127,13 +127,13 @@ std::string DirectOutput::Begin(std::string_view) {
     if (m_strPath.empty())
         return "";
     if (S_ISREG(status.st_mode))
-        return "'" + m_strPath + "' has become a regular file meanwhile";
+        return "'" + m_strPath + "' has become a regular file";
     const int nFlags = fcntl(m_nFd, F_GETFL);
     fcntl(m_nFd, F_SETFL, nFlags & ~O_NONBLOCK);
     return "";
 }
 
-// In pieces that a pipe with room takes whole. So only WaitForRoom waits, and a signal can end that.
+// Writes pieces that a pipe with room takes whole. So only WaitForRoom waits, and a signal can end that.
 std::string DirectOutput::Write(std::string_view aBytes) {
     while (!aBytes.empty()) {
         const std::string_view piece = aBytes.substr(0, m_stPiece);

@@ -1,4 +1,4 @@
-// Where `talvo get` puts what it fetches.
+// The destination of `talvo get`.
 #pragma once
 
 #include <memory>
@@ -7,39 +7,39 @@
 
 namespace tool {
 
-// What -o FILE comes to, looked at before anything is asked for or touched.
+// The checked target of -o FILE. The check comes before any request and any change.
 struct OutputTarget {
     enum EKind {
         STDOUT,
-        REGULAR,  // a regular file, or nothing yet
-        SPECIAL   // a device, a pipe: written to as it is, never replaced
+        REGULAR,  // a regular file, or no file yet
+        SPECIAL   // a device or a pipe: written directly, never replaced
     };
     EKind m_Kind = STDOUT;
-    std::string m_strPath;  // symbolic links at its end followed, whether they lead to something or not
+    std::string m_strPath;  // with symbolic links at its end resolved, dangling ones as well
 };
 
-// aPath as typed; "", "-" and "/dev/stdout" are stdout. "" and aTarget is filled, or why nothing can be written there.
+// aPath as given; "", "-" and "/dev/stdout" are stdout. aTarget (out). Returns "" or an error text.
 std::string JudgeTarget(const std::string& aPath, OutputTarget& aTarget);
 
-// The operations return "" or, in words, what went wrong. Nothing outside is touched before Begin.
+// The operations return "" or an error text. Nothing outside is changed before Begin.
 class Output {
 public:
     virtual ~Output() = default;
 
-    // There is an answer that fits, and all of it follows. aTag: what the server calls this version, or "".
+    // A suitable answer has come, and its whole body follows. aTag: the server's tag of this version, or "".
     virtual std::string Begin(std::string_view aTag) = 0;
     virtual std::string Write(std::string_view aBytes) = 0;
-    // It is whole.
+    // The file is complete.
     virtual std::string Publish() = 0;
 };
 
-// Writes at once to what is there; an empty path is stdout.
+// Writes directly to an existing target; an empty path is stdout.
 class DirectOutput : public Output {
 public:
     explicit DirectOutput(std::string aPath) : m_strPath(std::move(aPath)) {}
     ~DirectOutput() override;
 
-    // These two wait for the reader of a pipe, until a signal wants to end the program.
+    // These two wait for the reader of a pipe, until a signal ends the program.
     std::string Begin(std::string_view aTag) override;
     std::string Write(std::string_view aBytes) override;
     std::string Publish() override;

@@ -20,17 +20,17 @@ constexpr int CREATE_FLAGS = OPEN_FLAGS | O_CREAT | O_EXCL;
 
 std::string Problem(const std::string& aWhat) { return aWhat + ": " + SystemError(errno); }
 
-// aThere: a regular file has that name. Links are not followed.
+// aThere (out): a regular file has that name. Links are not followed.
 std::string LookFor(const std::string& aPath, bool& aThere, uint64_t& aSize) {
     struct stat status {};
     aThere = lstat(aPath.c_str(), &status) == 0;
     if (!aThere)
         return errno == ENOENT ? "" : Problem("'" + aPath + "'");
     aSize = static_cast<uint64_t>(status.st_size);
-    return S_ISREG(status.st_mode) ? "" : "'" + aPath + "' is in the way: it is not a regular file";
+    return S_ISREG(status.st_mode) ? "" : "'" + aPath + "' exists and is not a regular file";
 }
 
-// "" for one that is not there, or is not what Begin writes.
+// "" if the file does not exist or was not written by Begin.
 std::string ReadTag(const std::string& aPath) {
     const FileHandle file(open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     struct stat status {};
@@ -42,7 +42,7 @@ std::string ReadTag(const std::string& aPath) {
     return strTag;
 }
 
-// Replaces nothing.
+// Never replaces a file.
 bool Rename(const std::string& aFrom, const std::string& aTo) {
     if (renameat2(AT_FDCWD, aFrom.c_str(), AT_FDCWD, aTo.c_str(), RENAME_NOREPLACE) == 0)
         return true;
@@ -74,7 +74,7 @@ std::string PartialFile::Continue(std::string_view aTag) {
         return strProblem;
     struct stat status {};
     if (!m_Part || fstat(m_Part.Get(), &status) != 0 || static_cast<uint64_t>(status.st_size) != m_ullSize)
-        return "'" + m_strPart + "' has changed meanwhile";
+        return "'" + m_strPart + "' has changed";
     return m_bPartThere ? "" : WriteTag(aTag);
 }
 
@@ -88,13 +88,13 @@ std::string PartialFile::Begin(std::string_view aTag) {
     if (!m_Part)
         return Problem("cannot create '" + m_strPart + "'");
     struct stat status {};
-    if (stat(m_strPath.c_str(), &status) == 0)  // what replaces a private file is as private
+    if (stat(m_strPath.c_str(), &status) == 0)  // a private file stays private
         fchmod(m_Part.Get(), status.st_mode & 0777);
     strProblem = Lock();
     return strProblem.empty() ? WriteTag(aTag) : strProblem;
 }
 
-// m_Part stays empty if there is none.
+// m_Part stays empty if there is no part.
 std::string PartialFile::OpenPart() {
     bool bThere = false;
     uint64_t ullSize = 0;
@@ -105,7 +105,7 @@ std::string PartialFile::OpenPart() {
     return m_Part ? Lock() : Problem("cannot open '" + m_strPart + "'");
 }
 
-// A file that another process has renamed or removed since it was opened here is not FILE.part any more.
+// If another process has renamed or removed the open file, it is no longer FILE.part.
 std::string PartialFile::Lock() const {
     struct stat opened {};
     struct stat named {};

@@ -1,4 +1,4 @@
-// A file that is being fetched, perhaps in several goes: nobody takes the beginning for the whole.
+// A file that is fetched, perhaps in several runs, and never mistaken for the whole before it is complete.
 #pragma once
 
 #include <cstdint>
@@ -10,27 +10,27 @@
 
 namespace tool {
 
-// Written as FILE.part and renamed to FILE when it is whole; until then FILE is as it was. A part that a broken transfer left
-// behind can be continued: FILE.part.tag keeps what the server calls this version of the file, so that two versions are never
-// mixed. FILE.part is locked while it is written, so that a second process refuses. Neither of the two is made or opened
-// through a symbolic link.
+// Written as FILE.part and renamed to FILE when it is complete; until then FILE does not change. The part of a broken transfer
+// can be continued: FILE.part.tag stores the server's tag of this version of the file, so that two versions are never mixed.
+// FILE.part is locked while it is written, so that a second process refuses. Neither of the two is created or opened through a
+// symbolic link.
 class PartialFile : public Output {
 public:
-    // Behind the name of FILE, of what stands beside it.
+    // The suffixes of the files beside FILE.
     static constexpr std::string_view SUFFIX = ".part";
     static constexpr std::string_view LONGEST_SUFFIX = ".part.tag";
 
     explicit PartialFile(std::string aPath);
 
-    // Looks for what is there, FILE.part or else FILE, and touches nothing. GetSize and GetTag tell of it.
+    // Looks for FILE.part, then for FILE, and changes nothing. GetSize and GetTag return what it found.
     std::string LookForBeginning();
     uint64_t GetSize() const { return m_ullSize; }
-    const std::string& GetTag() const { return m_strTag; }  // "": not known
+    const std::string& GetTag() const { return m_strTag; }  // "": unknown
 
-    // An answer with the rest of the beginning: FILE becomes FILE.part now, if it was the beginning.
+    // For an answer with the rest: if FILE was the beginning, it is now renamed to FILE.part.
     std::string Continue(std::string_view aTag);
 
-    // Instead of a part that is there.
+    // Replaces an existing part.
     std::string Begin(std::string_view aTag) override;
     std::string Write(std::string_view aBytes) override;
     std::string Publish() override;
@@ -44,7 +44,7 @@ private:
     const std::string m_strPart;
     const std::string m_strTagPath;
     FileHandle m_Part;
-    bool m_bPartThere = false;  // of the beginning: it is FILE.part
+    bool m_bPartThere = false;  // the beginning is FILE.part
     uint64_t m_ullSize = 0;     // of the beginning
     std::string m_strTag;       // of the beginning
 };

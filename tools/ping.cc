@@ -4,7 +4,7 @@
 
 namespace tool {
 
-// The main thread serves as network thread, so that the time of a change of threads is not measured.
+// The main thread is also the network thread, so that the measured time contains no change of threads.
 int RunPing(const Arguments& aArguments) {
     Console console(aArguments.m_bJson);
     Application application(CCmThreadManager::NETWORK_THREAD_MAIN);

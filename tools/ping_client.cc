@@ -28,10 +28,10 @@ PingClient::~PingClient() {
 void PingClient::Start() {
     CCmConnectionManager* pManager = CCmConnectionManager::Instance();
     if (!pManager || pManager->CreateConnectionClient(m_Arguments.m_dwType, m_pConnector.ParaOut()) != CM_OK) {
-        GiveUp("cannot connect: the library gives no connector");
+        GiveUp("cannot create a connector");
         return;
     }
-    // A time-out of the connector's would end before a handshake does.
+    // The connector's own time-out would end before a handshake does.
     m_TimerAnswer.Schedule(this, Milliseconds(m_Arguments.m_dwTimeoutMs), 1);
     m_pConnector->AsycConnect(this, m_Arguments.m_Endpoint.GetInetAddr());
 }
@@ -59,12 +59,12 @@ void PingClient::SendNext() {
     m_TimerAnswer.Schedule(this, Milliseconds(m_Arguments.m_dwTimeoutMs), 1);
     m_llSent = CCmClock::GetTimeOfDayUsec();
     const CmResult rv = m_Outbox.Send(*m_pTransport, m_strMessage);
-    // Of a lost connection OnDisconnect tells.
+    // OnDisconnect reports a lost connection.
     if (rv == CM_ERROR_OUT_OF_MEMORY)
         GiveUp("cannot send: out of memory");
 }
 
-// No two messages in a row are alike, so an answer that comes too late is not taken for the answer to the next.
+// Consecutive messages differ, so that a late answer does not count as the answer to the next message.
 void PingClient::FillMessage() {
     for (size_t i = 0; i < m_strMessage.size(); ++i)
         m_strMessage[i] = static_cast<char>((m_dwSent >> i % 4 * 8) + i * 7);
@@ -76,11 +76,11 @@ void PingClient::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportPa
         if (m_nTaken == m_strMessage.size())
             OnAnswer();
     } else if (!m_bMayLose) {
-        GiveUp("the peer does not echo: it answers something else than it was sent");
+        GiveUp("the peer does not echo: its answer differs from the message");
     }
 }
 
-// A part of the message, or where messages are kept, the whole.
+// TRUE: a part of the message, or the whole if the type keeps messages.
 bool PingClient::IsComingBack(const CCmMessageBlock& aData) const {
     size_t nAt = m_nTaken;
     for (const CCmMessageBlock* p = &aData; p; p = p->GetNext()) {

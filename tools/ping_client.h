@@ -1,4 +1,4 @@
-// The client behind `talvo ping`.
+// The client of `talvo ping`.
 #pragma once
 
 #include <string>
@@ -12,8 +12,9 @@
 
 namespace tool {
 
-// Sends a message, waits until all of it came back unchanged, notes the time, and so on; then finishes the application: EXIT_OK
-// if all came back, or any where messages may be lost. Main thread; the arguments, the application and the console outlive it.
+// Sends a message, waits until all of it has come back unchanged, records the time, and repeats. Then finishes the application,
+// with EXIT_OK if all came back; if messages may be lost, any one is enough. Main thread. The arguments, the application and
+// the console outlive it.
 class PingClient : private ICmAcceptorConnectorSink, private ICmTransportSink, private CCmTimerWrapperIDSink {
 public:
     PingClient(const Arguments& aArguments, Application& aApplication, Console& aConsole);
@@ -22,7 +23,7 @@ public:
     PingClient& operator=(const PingClient&) = delete;
 
     void Start();
-    // What was measured so far.
+    // The results so far.
     void ReportStatistics();
 
 private:
@@ -49,11 +50,11 @@ private:
     CCmRefPtrT<ICmTransport> m_pTransport;
     Outbox m_Outbox;
     CCmTimerWrapperID m_TimerNext;
-    CCmTimerWrapperID m_TimerAnswer;  // runs while the connection or an answer is awaited
-    std::string m_strMessage;         // the one under way
-    size_t m_nTaken = 0;              // how much of it has come back
-    bool m_bWaiting = false;          // it has been sent and is not back yet
-    int64_t m_llSent = 0;             // when, in microseconds
+    CCmTimerWrapperID m_TimerAnswer;  // runs during the connect and while an answer is missing
+    std::string m_strMessage;         // the current message
+    size_t m_nTaken = 0;              // the bytes of it that have come back
+    bool m_bWaiting = false;          // it was sent and is not back yet
+    int64_t m_llSent = 0;             // when it was sent, in microseconds
     DWORD m_dwSent = 0;               // messages
     std::vector<DWORD> m_vecUsec;     // round trips
 };

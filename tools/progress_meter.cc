@@ -43,7 +43,7 @@ ProgressSample ProgressMeter::Sample() {
     return sample;
 }
 
-// Keeps the newest point that is as old as the window, so that the rate always spans the whole of it.
+// Keeps the newest sample that is as old as the window, so that the rate always covers the whole window.
 void ProgressMeter::Forget(int64_t aNow) {
     while (m_Points.size() > 1 && m_Points[1].m_llUsec <= aNow - WINDOW_USEC)
         m_Points.pop_front();

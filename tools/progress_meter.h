@@ -1,4 +1,4 @@
-// How far a transfer is and how fast it goes.
+// The progress and the speed of a transfer.
 #pragma once
 
 #include <cstdint>
@@ -14,16 +14,16 @@ struct ProgressSample {
     int64_t m_llSecondsLeft = -1;  // -1: unknown
 };
 
-// Counts over all files under way; takes the time from the library's clock.
+// Counts over all files under way. Reads the time from the library's clock.
 class ProgressMeter {
 public:
-    void Begin(uint64_t aSize);                 // a file of aSize bytes starts; 0 too if the size is not known
-    void Advance(uint64_t aBytes);              // so many more have been moved
-    void End(uint64_t aSize, uint64_t aMoved);  // that file is over, whole or not
+    void Begin(uint64_t aSize);                 // a file of aSize bytes begins; 0 also if the size is unknown
+    void Advance(uint64_t aBytes);              // aBytes more were transferred
+    void End(uint64_t aSize, uint64_t aMoved);  // that file has ended, complete or not
 
     bool IsIdle() const { return m_nFiles == 0; }
 
-    // Where it stands now. The rate is that between the calls of the last few seconds, so call it regularly.
+    // The current progress. The rate is measured between the calls of the last few seconds, so call it regularly.
     ProgressSample Sample();
 
 private:
@@ -37,7 +37,7 @@ private:
     int m_nFiles = 0;
     uint64_t m_ullTotal = 0;
     uint64_t m_ullDone = 0;
-    uint64_t m_ullMoved = 0;  // never goes back, unlike m_ullDone
+    uint64_t m_ullMoved = 0;  // never decreases, unlike m_ullDone
     std::deque<Point> m_Points;
 };
 

@@ -4,7 +4,7 @@ namespace tool {
 
 namespace {
 
-// A terminal's line is replaced, the others stay and add up.
+// On a terminal a line is replaced; elsewhere the lines accumulate.
 CCmTimeValue GetInterval(Console::EOutput aOutput) {
     switch (aOutput) {
     case Console::TERMINAL:

@@ -1,4 +1,4 @@
-// The meter made visible: from a timer, as often as the output can bear.
+// Prints the meter from a timer, as often as suits the output.
 #pragma once
 
 #include "talvo/talvo.h"
@@ -7,14 +7,14 @@
 
 namespace tool {
 
-// Of the main thread; the console outlives it.
+// Main thread. The console outlives it.
 class ProgressReport : private CCmTimerWrapperIDSink {
 public:
     explicit ProgressReport(Console& aConsole) : m_Console(aConsole) {}
 
     ProgressMeter& GetMeter() { return m_Meter; }
 
-    // Begins to report; nothing is printed while no file is under way.
+    // Begins to report. Prints nothing while no file is under way.
     void Start();
 
 private:

@@ -1,4 +1,4 @@
-// The server behind `talvo recv`.
+// The server of `talvo recv`.
 #pragma once
 
 #include <memory>
@@ -13,14 +13,14 @@
 
 namespace tool {
 
-// Listens and owns a session for every sender. Main thread; the arguments, the directory, the application and the console
+// Listens, and owns one session for each sender. Main thread. The arguments, the directory, the application and the console
 // outlive it.
 class Receiver : private ICmAcceptorConnectorSink, private RecvSessionOwner {
 public:
     Receiver(const Arguments& aArguments, int aDirectory, Application& aApplication, Console& aConsole);
     ~Receiver() override;
 
-    // Begins to listen; if that fails, it says so and finishes the application.
+    // Begins to listen. If that fails, reports it and finishes the application.
     void Start();
 
 private:

@@ -14,14 +14,14 @@ namespace {
 
 void TidyUp(int aDirectory, Console& aConsole) {
     for (const std::string& strName : IncomingFile::RemoveLeftovers(aDirectory))
-        aConsole.Report("removed " + strName + ", which a killed recv left behind", JsonLine("removed").Add("name", strName));
+        aConsole.Report("removed " + strName + ", left by a killed recv", JsonLine("removed").Add("name", strName));
 }
 
 }  // namespace
 
 int RunRecv(const Arguments& aArguments) {
     Console console(aArguments.m_bJson);
-    // Held open, so that the files go into this directory even if its path comes to mean another.
+    // Kept open, so that the files go into this directory even if its path changes its meaning.
     const int nDirectory = open(aArguments.m_strDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (nDirectory < 0) {
         console.Problem("cannot open '" + aArguments.m_strDirectory + "': " + SystemError(errno));
@@ -37,7 +37,7 @@ int RunRecv(const Arguments& aArguments) {
             TidyUp(nDirectory, console);
             nStatus = application.Run();
         }
-        application.Drain();  // no file is under way any more; the last answers go out
+        application.Drain();  // no file is under way any more; the last answers are sent
     }
     close(nDirectory);
     return nStatus;

@@ -25,7 +25,7 @@ RecvSession::~RecvSession() {
 }
 
 CmResult RecvSession::Open() {
-    // A sender whose machine has vanished without a word is found out in the end.
+    // Detects a sender whose machine has disappeared.
     DWORD dwOn = 1;
     m_pTransport->SetOption(CM_OPT_TRANSPORT_KEEPALIVE, &dwOn);
     m_Timer.Schedule(this, CCmTimeValue(HELLO_SECONDS), 1);
@@ -49,7 +49,7 @@ void RecvSession::OnDisconnect(CmResult aReason, ICmTransport*) {
 
 void RecvSession::OnTimer(CCmTimerWrapperID*) {
     if (m_State == WAIT_HELLO)
-        Fault("it said nothing for " + std::to_string(HELLO_SECONDS) + " seconds");
+        Fault("it sent nothing for " + std::to_string(HELLO_SECONDS) + " seconds");
     else if (Answer(EncodeFrame(EFrame::ACCEPT)))
         return;
     End();
@@ -57,7 +57,7 @@ void RecvSession::OnTimer(CCmTimerWrapperID*) {
 
 bool RecvSession::OnFrame(EFrame aType, std::string_view aPayload) {
     if ((aType == EFrame::HELLO) != (m_State == WAIT_HELLO))
-        return Fault("it does not begin as talvo send does");
+        return Fault("it does not begin with one HELLO, as talvo send does");
     switch (aType) {
     case EFrame::HELLO:
         return OnHello(aPayload);
@@ -74,7 +74,7 @@ bool RecvSession::OnFrame(EFrame aType, std::string_view aPayload) {
     case EFrame::RESULT:
         break;
     }
-    return Fault("it sent what only a receiver sends");
+    return Fault("it sent a frame that only a receiver sends");
 }
 
 bool RecvSession::OnHello(std::string_view aPayload) {
@@ -89,9 +89,9 @@ bool RecvSession::OnFile(std::string_view aPayload) {
     std::string strName;
     uint64_t ullSize = 0;
     if (m_State != IDLE || !DecodeFile(aPayload, ullSize, strName))
-        return Fault("it began a file out of turn");
+        return Fault("it began a file at the wrong time, or with a bad frame");
     if (ullSize > uint64_t{std::numeric_limits<int64_t>::max()})
-        return Refuse(strName, "no file can be so large");
+        return Refuse(strName, "no file can have that size");
     const std::string strBadName = CheckFileName(strName);
     if (!strBadName.empty())
         return Refuse(strName, strBadName);
@@ -140,7 +140,7 @@ bool RecvSession::OnEnd(std::string_view aHash) {
 
 bool RecvSession::Keep(std::string_view aHash) {
     if (m_pFile->m_Hash.Finish() != aHash)
-        return RefuseCurrent("what arrived is not what was sent: the SHA-256 differs");
+        return RefuseCurrent("the data was damaged: the SHA-256 differs");
     const std::string strProblem = m_pFile->m_Disk.Publish(m_pFile->m_strName, m_Context.m_bForce);
     if (!strProblem.empty())
         return RefuseCurrent(strProblem);
@@ -162,13 +162,13 @@ bool RecvSession::OnAbort(std::string_view aReason) {
     if (before == SKIPPING)
         return true;
     if (before != RECEIVING)
-        return Fault("it gave up a file that it had not begun");
-    return RefuseCurrent("the sender gave up: " + std::string(aReason));
+        return Fault("it aborted a file that it had not begun");
+    return RefuseCurrent("the sender aborted: " + std::string(aReason));
 }
 
 bool RecvSession::OnBye() {
     if (m_State != IDLE)
-        return Fault("it took its leave in the middle of a file");
+        return Fault("it ended the session within a file");
     m_bSaidBye = true;
     return false;
 }
@@ -178,14 +178,14 @@ bool RecvSession::Fault(std::string_view aText) {
     return false;
 }
 
-// The peer waits for each answer, so they never pile up: one that lets them is none of ours.
+// The peer waits for each answer, so answers never queue up: a peer for which they do breaks the protocol.
 bool RecvSession::Answer(std::string_view aFrame) {
     const auto dwLength = static_cast<DWORD>(aFrame.size());
     CCmMessageBlock block(dwLength, aFrame.data(), CCmMessageBlock::DONT_DELETE, dwLength);
     const CmResult rv = m_pTransport->SendData(block);
     if (rv == CM_OK)
         return true;
-    return Fault(rv == CM_ERROR_PARTIAL_DATA ? "it does not take the answers"
+    return Fault(rv == CM_ERROR_PARTIAL_DATA ? "it does not read the answers"
                                              : std::string("the connection broke: ") + cm_result_name(rv));
 }
 
@@ -217,8 +217,8 @@ void RecvSession::ReportEnd() {
     std::string strText = "dropped " + m_strPeer + ": " + m_strFault;
     if (m_pFile) {
         json.Add("name", m_pFile->m_strName).Add("bytes", m_pFile->m_ullGot);
-        strText += "; of " + m_pFile->m_strName + " nothing is kept (" + FormatBytes(m_pFile->m_ullGot) + " of " +
-                   FormatBytes(m_pFile->m_ullSize) + " had come)";
+        strText += "; " + m_pFile->m_strName + " was removed (" + FormatBytes(m_pFile->m_ullGot) + " of " +
+                   FormatBytes(m_pFile->m_ullSize) + " had arrived)";
     }
     m_Context.m_Console.Problem(strText, json);
 }

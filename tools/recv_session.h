@@ -1,4 +1,4 @@
-// One sender, as `talvo recv` sees it.
+// The session of one sender in `talvo recv`.
 #pragma once
 
 #include <memory>
@@ -17,28 +17,28 @@ class RecvSession;
 
 class RecvSessionOwner {
 public:
-    // The peer turned out to be a sender. false: it is not to be served.
+    // The peer has proved to be a sender. false: do not serve it.
     virtual bool OnSessionBegin(RecvSession& aSession) = 0;
-    // The last call, which may delete the session. aWell: the sender took its leave and all its files were kept.
+    // The last call, which may delete the session. aWell: the sender said BYE and all its files were kept.
     virtual void OnSessionEnd(RecvSession& aSession, bool aWell) = 0;
     virtual ~RecvSessionOwner() = default;
 };
 
-// What all sessions share; outlives them.
+// The common data of all sessions; outlives them.
 struct RecvContext {
     RecvSessionOwner& m_Owner;
     Console& m_Console;
     ProgressMeter& m_Meter;
     int m_nDirectory;
     bool m_bForce;
-    bool m_bSignsOfLife;  // the connections end when a sender hears nothing for long
+    bool m_bSignsOfLife;  // the connection type closes connections after a long silence
 };
 
-// Takes one file after the other, and answers each. A peer that breaks the rules of tools/frame.h is dropped.
+// Receives one file after the other, and answers each. Disconnects a peer that breaks the rules of tools/frame.h.
 class RecvSession : private ICmTransportSink, private FrameSink, private CCmTimerWrapperIDSink {
 public:
     RecvSession(const RecvContext& aContext, ICmTransport* aTransport);
-    ~RecvSession() override;  // without a call to the owner; a file under way is removed
+    ~RecvSession() override;  // does not call the owner; removes a file under way
     RecvSession(const RecvSession&) = delete;
     RecvSession& operator=(const RecvSession&) = delete;
 
@@ -48,8 +48,8 @@ private:
     enum EState {
         WAIT_HELLO,  // the timer ends it
         IDLE,        // between two files
-        RECEIVING,   // there is an m_pFile; the timer gives signs of life, if wanted
-        SKIPPING     // the file was refused while it came: its END or ABORT follows
+        RECEIVING,   // m_pFile is set; the timer sends signs of life, if wanted
+        SKIPPING     // the file was refused during its transfer: its END or ABORT follows
     };
 
     // A file under way.
@@ -70,7 +70,7 @@ private:
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
     void OnTimer(CCmTimerWrapperID* aId) override;
 
-    // These return false when the session has to end: m_strFault says why, or the sender said goodbye.
+    // These return false if the session has to end: m_strFault is the reason, or the sender said BYE.
     bool OnFrame(EFrame aType, std::string_view aPayload) override;
     bool OnData(std::string_view aPiece) override;
     bool OnHello(std::string_view aPayload);
@@ -98,7 +98,7 @@ private:
     std::unique_ptr<File> m_pFile;
     int m_nRefused = 0;
     bool m_bSaidBye = false;
-    std::string m_strFault;  // why the session ends; empty when in peace
+    std::string m_strFault;  // the reason for the end of the session; empty after BYE
 };
 
 }  // namespace tool

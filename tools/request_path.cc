@@ -8,7 +8,7 @@ namespace tool {
 
 namespace {
 
-// -1: no hexadecimal digit.
+// -1: not a hexadecimal digit.
 int HexValue(char aDigit) {
     if (aDigit >= '0' && aDigit <= '9')
         return aDigit - '0';
@@ -32,7 +32,7 @@ bool DecodePercent(std::string_view aText, std::string& aOut) {
     return true;
 }
 
-// The path of a target in the form that is meant for proxies, which servers have to take as well.
+// The path of a target in the form for proxies, which servers must also accept.
 std::string_view CutAuthority(std::string_view aTarget) {
     constexpr std::string_view SCHEME = "http://";
     if (aTarget.size() < SCHEME.size() || strncasecmp(aTarget.data(), SCHEME.data(), SCHEME.size()) != 0)

@@ -1,4 +1,4 @@
-// What a request asks for, as a path below a directory.
+// The path of a request below a directory.
 #pragma once
 
 #include <string>
@@ -11,15 +11,15 @@ struct RequestPath {
     bool m_bDirectory = false;  // it ends with a slash
 };
 
-// Takes a request's target apart: "/a/b%20c.txt?x=y", or the same behind "http://host". Query and fragment are dropped. false:
-// the target is not a path, a percent sign is not followed by two hexadecimal digits, or a part would be "." or "..", or hold a
-// slash or a NUL.
+// Parses a request's target: "/a/b%20c.txt?x=y", or the same behind "http://host". Query and fragment are ignored. aPath (out).
+// false: the target is not a path, a percent sign is not followed by two hexadecimal digits, or a part would be "." or "..", or
+// contain a slash or a NUL.
 bool ParseRequestPath(std::string_view aTarget, RequestPath& aPath);
 
-// aText with everything but letters, digits and "-._~/" as "%XX".
+// aText with every character but letters, digits and "-._~/" as "%XX".
 std::string EncodePath(std::string_view aText);
 
-// aText as it may stand in HTML, attributes included.
+// aText escaped for HTML, attributes included.
 std::string EscapeHtml(std::string_view aText);
 
 }  // namespace tool

@@ -6,7 +6,7 @@ namespace tool {
 
 namespace {
 
-// Asks for one name after another, so that a name given twice shows what the cache does.
+// Looks up one name after another, so that a name given twice comes from the cache.
 class Resolver : private ICmObserver {
 public:
     Resolver(const Arguments& aArguments, Application& aApplication, Console& aConsole)
@@ -15,7 +15,7 @@ public:
     Resolver(const Resolver&) = delete;
     Resolver& operator=(const Resolver&) = delete;
 
-    // Goes on until a name has to be waited for.
+    // Continues until a look-up has to wait.
     void AskNext() {
         while (m_nNext < m_vecNames.size()) {
             const std::string& strName = m_vecNames[m_nNext++];

@@ -9,7 +9,7 @@ namespace tool {
 
 namespace {
 
-constexpr int PIECES_PER_TURN = 16;  // then the loop looks after its other handles, signals above all
+constexpr int PIECES_PER_TURN = 16;  // then the loop handles other handles, above all signals
 constexpr long CONNECT_SECONDS = 10;
 constexpr long CLOSING_SECONDS = 2;
 
@@ -23,11 +23,11 @@ Sender::~Sender() { Close(); }
 void Sender::Start() {
     CCmConnectionManager* pManager = CCmConnectionManager::Instance();
     if (!pManager || pManager->CreateConnectionClient(m_Arguments.m_dwType, m_pConnector.ParaOut()) != CM_OK) {
-        GiveUp("cannot connect: the library gives no connector");
+        GiveUp("cannot create a connector");
         return;
     }
     m_Progress.Start();
-    // A time-out of the connector's would end before a handshake does.
+    // The connector's own time-out would end before a handshake does.
     m_Timer.Schedule(this, CCmTimeValue(CONNECT_SECONDS), 1);
     m_pConnector->AsycConnect(this, m_Arguments.m_Endpoint.GetInetAddr());
 }
@@ -50,7 +50,7 @@ void Sender::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAccep
 
 void Sender::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
     if (m_Parser.Feed(aData, *this) != FrameParser::ALL_READ && m_State != CLOSED)
-        GiveUp("the peer is no talvo recv: it answers something else");
+        GiveUp("the peer is no talvo recv: its answer is unknown");
 }
 
 void Sender::OnSend(ICmTransport*, CCmTransportParameter*) {
@@ -109,7 +109,7 @@ bool Sender::OnResult(std::string_view aPayload) {
     std::string strReason;
     if (!m_pFile || !DecodeResult(aPayload, bKept, strReason) || (bKept && m_State != WAIT_RESULT))
         return false;
-    // The receiver skips what is on its way until it hears that no more comes.
+    // The receiver skips data in flight until ABORT or END.
     if (m_State == SENDING)
         Send(EncodeAbort(""));
     CloseFile(bKept, strReason);
@@ -152,7 +152,7 @@ void Sender::Pump() {
         m_Timer.Schedule(this, CCmTimeValue::s_tvZero, 1);
 }
 
-// false: the transport wants no more at present, or the file is at its end.
+// false: the transport takes no more at present, or the file is at its end.
 bool Sender::SendPiece() {
     const DWORD dwLength = m_pFile->GetNextLength();
     if (dwLength == 0) {
@@ -180,7 +180,7 @@ void Sender::SendEnd() {
 
 bool Sender::Send(std::string_view aFrame) { return m_State != CLOSED && CheckSent(m_Outbox.Send(*m_pTransport, aFrame)); }
 
-// Of a lost connection OnDisconnect tells, and knows more.
+// OnDisconnect reports a lost connection, with more detail.
 bool Sender::CheckSent(CmResult aResult) {
     if (aResult == CM_ERROR_OUT_OF_MEMORY)
         GiveUp("cannot send: out of memory");

@@ -1,4 +1,4 @@
-// The client behind `talvo send`.
+// The client of `talvo send`.
 #pragma once
 
 #include <memory>
@@ -15,8 +15,8 @@
 
 namespace tool {
 
-// Sends the files one after the other, each when the receiver has answered for the one before, and finishes the application:
-// EXIT_OK if all were kept. Main thread; the arguments, the application and the console outlive it.
+// Sends the files one after the other, each after the answer to the one before. Then finishes the application, with EXIT_OK if
+// all were kept. Main thread. The arguments, the application and the console outlive it.
 class Sender : private ICmAcceptorConnectorSink, private ICmTransportSink, private FrameSink, private CCmTimerWrapperIDSink {
 public:
     Sender(const Arguments& aArguments, Application& aApplication, Console& aConsole);
@@ -32,7 +32,7 @@ private:
         WAIT_ACCEPT,  // FILE was sent
         SENDING,      // DATA is being sent
         WAIT_RESULT,  // END or ABORT was sent
-        CLOSING,      // BYE was sent: the receiver closes, or else the timer ends it
+        CLOSING,      // BYE was sent: the receiver closes, or the timer does
         CLOSED
     };
 

@@ -43,7 +43,7 @@ private:
 
 }  // namespace
 
-// The main thread serves as network thread here: nothing else happens in it.
+// The main thread is also the network thread: it has no other work.
 int RunServe(const Arguments& aArguments) {
     Console console(aArguments.m_bJson);
     ServedDirectory directory;

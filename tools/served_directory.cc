@@ -23,7 +23,7 @@ namespace {
 constexpr int READ_FLAGS = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 constexpr size_t MAX_ENTRIES = 10000;
 
-// Where the system cannot hold links back, none are followed.
+// If the system cannot confine links to the directory, none are followed.
 int OpenWithoutLinks(int aDirectory, std::string_view aPath, int aFlags) {
     FileHandle current(openat(aDirectory, ".", READ_FLAGS | O_DIRECTORY));
     while (current && !aPath.empty()) {
@@ -37,11 +37,11 @@ int OpenWithoutLinks(int aDirectory, std::string_view aPath, int aFlags) {
 }
 
 std::string MakeLink(const std::string& aName) {
-    // "./" keeps a name with a colon from being taken for another scheme.
+    // "./" keeps a name with a colon from being read as a scheme.
     return "<li><a href=\"./" + EncodePath(aName) + "\">" + EscapeHtml(Printable(aName)) + "</a></li>\n";
 }
 
-// "" for what a request would be refused.
+// "" for an entry that a request could not get.
 std::string MakeEntry(const ServedDirectory& aRoot, const std::string& aPath, const std::string& aName) {
     const FileHandle file = aRoot.OpenAt(aPath.empty() ? aName : aPath + "/" + aName);
     struct stat status {};
@@ -57,7 +57,8 @@ std::string ServedDirectory::Open(const std::string& aPath) {
     return m_Directory ? "" : "cannot open '" + aPath + "': " + SystemError(errno);
 }
 
-// To open a pipe for reading, even without waiting, releases its writer; a device may do anything. So it is looked at first.
+// Even a non-blocking open of a pipe for reading releases its writer, and opening a device may have any effect. So check the
+// kind of file first.
 FileHandle ServedDirectory::OpenAt(const std::string& aPath) const {
     const FileHandle look(OpenInside(aPath, O_PATH | O_CLOEXEC));
     struct stat status {};
@@ -85,7 +86,7 @@ std::string MakeDirectoryPage(const ServedDirectory& aRoot, FileHandle aDirector
     const std::unique_ptr<DIR, int (*)(DIR*)> pDir(fdopendir(aDirectory.Get()), closedir);
     if (!pDir)
         return "";
-    aDirectory.Detach();  // closed with the stream
+    aDirectory.Detach();  // the stream closes it
     while (const dirent* pEntry = readdir(pDir.get())) {
         const std::string strName = pEntry->d_name;
         if (strName != "." && strName != ".." && names.size() < MAX_ENTRIES)

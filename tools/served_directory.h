@@ -1,4 +1,4 @@
-// The directory that is served, and that nothing leads out of.
+// The directory that is served. No path leads out of it.
 #pragma once
 
 #include <string>
@@ -7,14 +7,15 @@
 
 namespace tool {
 
-// Held open, so that it stays the same directory even if its path comes to mean another.
+// Kept open, so that it stays the same directory even if its path changes its meaning.
 class ServedDirectory {
 public:
-    // "" or what is wrong.
+    // Returns "" or an error text.
     std::string Open(const std::string& aPath);
 
     // Opens the regular file or the directory at a relative path for reading; "" is the directory itself. Symbolic links are
-    // followed while they stay inside. Without a file errno says why: EPERM for anything else, which is left untouched.
+    // followed inside the directory. Returns no file if it fails, see errno: EPERM for any other kind of file, which is not
+    // opened.
     FileHandle OpenAt(const std::string& aPath) const;
 
 private:
@@ -23,8 +24,8 @@ private:
     FileHandle m_Directory;
 };
 
-// A page with links to what lies in aDirectory, which was opened at aPath. There is no link to what would be refused: pipes and
-// devices, what may not be read, symbolic links that lead outside. Entries beyond a limit are left out.
+// A page with links to the entries of aDirectory, which was opened at aPath. It has no link to entries that a request could not
+// get: pipes and devices, unreadable files, symbolic links that lead outside. Entries beyond a limit are omitted.
 std::string MakeDirectoryPage(const ServedDirectory& aRoot, FileHandle aDirectory, const std::string& aPath);
 
 }  // namespace tool

@@ -1,4 +1,4 @@
-// SHA-256, fed in pieces. The only place that knows the library it comes from.
+// SHA-256 of data in pieces. Only this class uses the library behind it.
 #pragma once
 
 #include <memory>
@@ -14,8 +14,8 @@ public:
 
     void Update(std::string_view aBytes);
 
-    // The 32 bytes; once, after the last Update. Empty if any step failed (no memory, or the algorithm is switched off on this
-    // machine): compares equal to no hash.
+    // The 32 bytes. Call it once, after the last Update. Empty if any step failed (no memory, or the algorithm is disabled on
+    // this machine); an empty result equals no hash.
     std::string Finish();
 
 private:

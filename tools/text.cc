@@ -10,7 +10,7 @@ namespace {
 
 bool IsControl(char a) { return static_cast<unsigned char>(a) < 0x20 || a == 0x7f; }
 
-// U+0080 to U+009F in UTF-8: terminals take some of them as the start of a command.
+// U+0080 to U+009F in UTF-8: terminals take some of these as the start of a command.
 bool IsLateControl(char aFirst, char aSecond) {
     const auto second = static_cast<unsigned char>(aSecond);
     return aFirst == '\xc2' && second >= 0x80 && second <= 0x9f;
@@ -35,7 +35,7 @@ std::string FormatBytes(uint64_t aBytes) {
     static constexpr std::array<const char*, 6> UNITS = {"kB", "MB", "GB", "TB", "PB", "EB"};
     double dValue = static_cast<double>(aBytes) / 1000;
     size_t unit = 0;
-    // From 999.95 on, one digit behind the point would show as 1000.0.
+    // From 999.95 on, one decimal would show as 1000.0.
     while (dValue >= 999.95 && unit + 1 < UNITS.size()) {
         dValue /= 1000;
         ++unit;

@@ -11,7 +11,7 @@ namespace {
 
 std::string CheckAuthority(std::string_view aAuthority) {
     if (aAuthority.find('@') != std::string_view::npos)
-        return "user information is not taken from a URL, --user gives it";
+        return "a URL must not contain user information; use --user";
     const bool bPort = aAuthority.find(':') != std::string_view::npos;
     CCmInetAddr addr;
     std::string strReason;
@@ -20,7 +20,7 @@ std::string CheckAuthority(std::string_view aAuthority) {
     return addr.GetPort() == 0 ? "the port is not a number from 1 to 65535" : "";
 }
 
-// What a request line cannot carry.
+// TRUE: a request line cannot contain it.
 bool IsBlankOrControl(char aLetter) {
     const auto cLetter = static_cast<unsigned char>(aLetter);
     return cLetter <= ' ' || cLetter == 0x7F;
@@ -30,13 +30,13 @@ std::string CheckParts(std::string_view aScheme, std::string_view aAuthority, st
     if (aScheme == "file")
         return aRest.starts_with('/') && (aAuthority.empty() || aAuthority == "localhost")
                    ? ""
-                   : "a file's URL begins with file:/// and the path";
+                   : "a file URL begins with file:/// and the path";
     if (aScheme != "http")
         return "https is not offered yet";
     if (!aRest.empty() && aRest.front() != '/')
-        return "a '/' is needed behind the host, before the '" + std::string(aRest.substr(0, 1)) + "'";
+        return "a '/' is missing between the host and the '" + std::string(aRest.substr(0, 1)) + "'";
     if (std::any_of(aRest.begin(), aRest.end(), IsBlankOrControl))
-        return "there is a blank or a control character in it, '%20' stands for a blank";
+        return "it contains a blank or a control character; write '%20' for a blank";
     return CheckAuthority(aAuthority);
 }
 

@@ -1,11 +1,11 @@
-// URLs as they are typed.
+// URLs as given on the command line.
 #pragma once
 
 #include <string>
 
 namespace tool {
 
-// What the library would refuse or, worse, take for another URL than is meant; "" for none of it.
+// Returns an error text for a URL that the library would refuse or, worse, misunderstand; otherwise "".
 std::string CheckUrl(const std::string& aUrl);
 
 }  // namespace tool

@@ -2,8 +2,8 @@
 --
 --   tshark -X lua_script:talvo.lua -o talvo.ports:7000 -o talvo.form:package -r FILE
 --
--- Nothing in the bytes tells the forms apart, so a preference says which one the ports, or the conversations chosen by Decode
--- As, are of. For Wireshark to load it by itself, copy it to the folder of personal Lua plugins (Help, About, Folders).
+-- The bytes do not identify the form, so a preference sets it for the ports, and for the conversations chosen by Decode As.
+-- Wireshark loads this file itself from the folder of personal Lua plugins (Help, About, Folders).
 
 local FORM_PACKAGE, FORM_NOPARTIAL, FORM_LENGTH = 1, 2, 3
 local REQUEST, RESPONSE, DISCONNECT, KEEPALIVE, DATA_START, DATA = 1, 2, 3, 4, 5, 6
@@ -38,15 +38,15 @@ local e = {
 }
 talvo.experts = e
 
-talvo.prefs.form = Pref.enum("Form of the data", FORM_PACKAGE, "Which connection type is spoken", {
+talvo.prefs.form = Pref.enum("Form of the data", FORM_PACKAGE, "The connection type in use", {
     { 1, "package", FORM_PACKAGE },
     { 2, "nopartial", FORM_NOPARTIAL },
     { 3, "length", FORM_LENGTH },
 }, false)
-talvo.prefs.ports = Pref.range("Ports", "", "TCP and UDP ports where it is spoken", 65535)
+talvo.prefs.ports = Pref.range("Ports", "", "TCP and UDP ports of the protocol", 65535)
 
--- The length of a PDU that begins at offset, as far as it can be seen: the bytes that there must be to go on. nil: there is no
--- such PDU. The second result tells whether that is the whole PDU.
+-- The length of the PDU at offset, or the number of bytes needed to compute it. nil: there is no valid PDU. The second result
+-- is true if the first is the length of the whole PDU.
 local function pdu_length(tvb, offset)
     local left = tvb:len() - offset
     if talvo.prefs.form == FORM_LENGTH then
@@ -71,7 +71,7 @@ local function add_payload(pdu, tree, offset)
     return pdu(offset, 4):uint() .. " bytes"
 end
 
--- Adds one whole PDU to the tree; what to say of it in one line.
+-- Adds one whole PDU to the tree. Returns its summary of one line.
 local function add_pdu(pdu, root)
     local tree = root:add(talvo, pdu())
     if talvo.prefs.form == FORM_LENGTH then
@@ -104,7 +104,7 @@ local function add_rest(rest, root, why)
     tree:add_proto_expert_info(why)
 end
 
--- A stream's PDUs begin and end anywhere in its segments; a datagram holds one.
+-- The PDUs of a stream may begin and end anywhere in its segments; a datagram holds one.
 function talvo.dissector(tvb, pinfo, root)
     local datagram = pinfo.port_type == 3
     pinfo.cols.protocol = "TALVO"
