@@ -12,8 +12,8 @@ namespace talvo {
 class CEventList;
 }
 
-// A piece of work for the thread that owns a queue. The posting thread allocates it with new. PostEvent and SendEvent take it
-// over, whatever their result, unless they document otherwise.
+// A piece of work for the thread that owns a queue. The posting thread allocates it with new. It belongs to
+// the queue from the post or send on, with any result.
 class TALVO_API ICmEvent {
 public:
     ICmEvent() = default;
