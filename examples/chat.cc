@@ -65,10 +65,8 @@ private:
         for (const auto& [pTransport, client] : m_Clients) {
             if (pTransport == aSpeaker || client.m_strName.empty())
                 continue;
-            if (CCmMessageBlock* pCopy = line.DuplicateChained()) {  // shares the text; a send consumes what it is given
+            if (const CCmChainPtr pCopy{line.DuplicateChained()})  // shares the text; a send consumes what it is given
                 pTransport->SendData(*pCopy);
-                pCopy->DestroyChained();
-            }
         }
     }
 

@@ -15,26 +15,20 @@ class EchoServer;
 class EchoClient : public ICmTransportSink {
 public:
     EchoClient(EchoServer& aServer, ICmTransport* aTransport) : m_Server(aServer), m_pTransport(aTransport) {}
-    ~EchoClient() override {
-        if (m_pRest)
-            m_pRest->DestroyChained();
-        m_pTransport->Disconnect(CM_OK);
-    }
+    ~EchoClient() override { m_pTransport->Disconnect(CM_OK); }
 
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
         if (m_pTransport->SendData(aData) != CM_ERROR_PARTIAL_DATA)
             return;
         // The client is slower than we are: keep the rest, and read no more until it has gone out.
-        m_pRest = aData.DuplicateChained();
+        m_pRest.reset(aData.DuplicateChained());
         SetPause(TRUE);
     }
 
     void OnSend(ICmTransport*, CCmTransportParameter*) override {
         if (m_pRest && m_pTransport->SendData(*m_pRest) == CM_ERROR_PARTIAL_DATA)
             return;
-        if (m_pRest)
-            m_pRest->DestroyChained();
-        m_pRest = nullptr;
+        m_pRest.reset();
         SetPause(FALSE);
     }
 
@@ -45,7 +39,7 @@ private:
 
     EchoServer& m_Server;
     CCmRefPtrT<ICmTransport> m_pTransport;
-    CCmMessageBlock* m_pRest = nullptr;  // owned; what the transport has not taken yet
+    CCmChainPtr m_pRest;  // what the transport has not taken yet
 };
 
 class EchoServer : public ICmAcceptorConnectorSink {

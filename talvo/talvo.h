@@ -4,6 +4,7 @@
 #include "talvo/base/address_functions.h"
 #include "talvo/base/base64.h"
 #include "talvo/base/byte_stream.h"
+#include "talvo/base/chain_ptr.h"
 #include "talvo/base/clock.h"
 #include "talvo/base/config.h"
 #include "talvo/base/data_block_no_malloc.h"

@@ -20,26 +20,18 @@ CmResult Outbox::SendRest(ICmTransport& aTransport) {
         const CmResult rv = aTransport.SendData(*m_Rest.front());
         if (rv != CM_OK)
             return rv;
-        m_Rest.front()->DestroyChained();
         m_Rest.pop_front();
     }
     return CM_OK;
 }
 
-void Outbox::Clear() {
-    for (CCmMessageBlock* p : m_Rest)
-        p->DestroyChained();
-    m_Rest.clear();
-}
-
 CmResult Outbox::Keep(const CCmMessageBlock& aChain) {
-    CCmMessageBlock* pCopy = aChain.DuplicateChained();
+    CCmChainPtr pCopy(aChain.DuplicateChained());
     if (!pCopy)
         return CM_ERROR_OUT_OF_MEMORY;
     try {
-        m_Rest.push_back(pCopy);
+        m_Rest.push_back(std::move(pCopy));
     } catch (const std::bad_alloc&) {
-        pCopy->DestroyChained();
         return CM_ERROR_OUT_OF_MEMORY;
     }
     return CM_ERROR_PARTIAL_DATA;

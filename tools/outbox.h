@@ -12,7 +12,6 @@ namespace tool {
 class Outbox {
 public:
     Outbox() = default;
-    ~Outbox() { Clear(); }
     Outbox(const Outbox&) = delete;
     Outbox& operator=(const Outbox&) = delete;
 
@@ -24,12 +23,12 @@ public:
     // Call it in OnSend. Results as Send.
     CmResult SendRest(ICmTransport& aTransport);
 
-    void Clear();
+    void Clear() { m_Rest.clear(); }
 
 private:
     CmResult Keep(const CCmMessageBlock& aChain);
 
-    std::deque<CCmMessageBlock*> m_Rest;  // owned
+    std::deque<CCmChainPtr> m_Rest;
 };
 
 }  // namespace tool

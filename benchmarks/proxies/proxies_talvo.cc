@@ -32,7 +32,7 @@ public:
         m_pTransport.Reset();
         m_pConnector.Reset();
         m_pAcceptor.Reset();
-        DropRest();
+        m_pRest.reset();
     }
 
     bool Send(std::string_view aMessage) override {
@@ -42,7 +42,7 @@ public:
         block.Write(aMessage.data(), static_cast<DWORD>(aMessage.size()));
         const CmResult rv = m_pTransport->SendData(block);
         if (rv == CM_ERROR_PARTIAL_DATA)
-            m_pRest = block.DuplicateChained();
+            m_pRest.reset(block.DuplicateChained());
         else
             Expect(rv);
         return true;
@@ -63,24 +63,18 @@ public:
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter*) override {
         if (!m_pRest || aTrptId->SendData(*m_pRest) == CM_ERROR_PARTIAL_DATA)
             return;
-        DropRest();
+        m_pRest.reset();
         m_User.OnWritable();
     }
 
     void OnDisconnect(CmResult, ICmTransport*) override {}  // the other end is done; earlier, the run would not end
 
 private:
-    void DropRest() {
-        if (m_pRest)
-            m_pRest->DestroyChained();
-        m_pRest = nullptr;
-    }
-
     bench::CUser& m_User;
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pTransport;
-    CCmMessageBlock* m_pRest = nullptr;  // owned; pushed back
+    CCmChainPtr m_pRest;  // pushed back
 };
 
 class CUserThread {

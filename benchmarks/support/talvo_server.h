@@ -57,7 +57,7 @@ public:
     CTalvoSession(CTalvoServer<Session>& aServer, ICmTransport* aTransport) : m_Server(aServer), m_pTransport(aTransport) {}
     ~CTalvoSession() override {
         m_pTransport->Disconnect(CM_OK);
-        DropRest();
+        m_pRest.reset();
     }
     CTalvoSession(const CTalvoSession&) = delete;
     CTalvoSession& operator=(const CTalvoSession&) = delete;
@@ -70,7 +70,7 @@ public:
     void OnSend(ICmTransport*, CCmTransportParameter*) override {
         if (!m_pRest || m_pTransport->SendData(*m_pRest) == CM_ERROR_PARTIAL_DATA)
             return;
-        DropRest();
+        m_pRest.reset();
         SetPaused(FALSE);
     }
 
@@ -81,7 +81,7 @@ protected:
     void Answer(CCmMessageBlock& aData) {
         if (m_pTransport->SendData(aData) != CM_ERROR_PARTIAL_DATA)
             return;
-        m_pRest = aData.DuplicateChained();
+        m_pRest.reset(aData.DuplicateChained());
         SetPaused(TRUE);
     }
 
@@ -89,15 +89,10 @@ protected:
 
 private:
     void SetPaused(BOOL aPaused) { m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &aPaused); }
-    void DropRest() {
-        if (m_pRest)
-            m_pRest->DestroyChained();
-        m_pRest = nullptr;
-    }
 
     CTalvoServer<Session>& m_Server;
     CCmRefPtrT<ICmTransport> m_pTransport;
-    CCmMessageBlock* m_pRest = nullptr;  // owned; not yet taken by the transport; reading is paused while there is any
+    CCmChainPtr m_pRest;  // not yet taken by the transport; reading is paused while there is any
     CPlace m_Place;
 };
 

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <new>
+#include <utility>
+
+#include "talvo/base/block_chain.h"
 
 namespace talvo {
 
@@ -27,15 +29,13 @@ BOOL CMessageList::AddCopy(const CCmMessageBlock& aMessage, DWORD aLength) {
 
 CCmMessageBlock* CMessageList::SpaceFor(DWORD aCount) {
     if (!IsEmpty() && IsShared(*m_Chains.back()) && m_Chains.back()->GetTopLevelSpace() >= aCount)
-        return m_Chains.back();
+        return m_Chains.back().get();
     const DWORD dwSize = std::max(aCount, IsEmpty() ? FIRST_BLOCK : NEXT_BLOCK);
-    auto* pBlock = new (std::nothrow) CCmMessageBlock(dwSize, nullptr, CCmMessageBlock::DUPLICATED);
-    if (!pBlock || pBlock->GetTopLevelSpace() < aCount || !Add(pBlock)) {
-        delete pBlock;
+    CCmChainPtr pBlock = NewBlock(dwSize);
+    if (!pBlock)
         return nullptr;
-    }
     pBlock->LockReading();
-    return pBlock;
+    return Add(std::move(pBlock)) ? m_Chains.back().get() : nullptr;
 }
 
 DWORD CMessageList::LengthOfFirst(const CCmMessageBlock& aShared) {
@@ -63,34 +63,25 @@ CCmMessageBlock& CMessageList::Front() {
 }
 
 void CMessageList::Pop() {
-    CCmMessageBlock* pFirst = m_Chains[m_stFirst];
+    CCmMessageBlock& first = *m_Chains[m_stFirst];
     m_View.reset();
-    if (IsShared(*pFirst)) {
-        pFirst->AdvanceTopLevelReadPtr(LENGTH_SIZE + LengthOfFirst(*pFirst));
-        if (pFirst->GetTopLevelLength() > 0)
+    if (IsShared(first)) {
+        first.AdvanceTopLevelReadPtr(LENGTH_SIZE + LengthOfFirst(first));
+        if (first.GetTopLevelLength() > 0)
             return;
     }
-    pFirst->DestroyChained();
-    Forget();
+    TakeChain();
 }
 
-CCmMessageBlock* CMessageList::TakeChain() {
-    CCmMessageBlock* pChain = m_Chains[m_stFirst];
-    Forget();
+CCmChainPtr CMessageList::TakeChain() {
+    CCmChainPtr pChain = std::move(m_Chains[m_stFirst]);
+    if (++m_stFirst == m_Chains.size())
+        Clear();
     return pChain;
-}
-
-void CMessageList::Forget() {
-    if (++m_stFirst < m_Chains.size())
-        return;
-    m_Chains.clear();
-    m_stFirst = 0;
 }
 
 void CMessageList::Clear() {
     m_View.reset();
-    for (; m_stFirst < m_Chains.size(); ++m_stFirst)
-        m_Chains[m_stFirst]->DestroyChained();
     m_Chains.clear();
     m_stFirst = 0;
 }

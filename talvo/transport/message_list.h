@@ -4,7 +4,7 @@
 #include <optional>
 #include <vector>
 
-#include "talvo/base/message_block.h"
+#include "talvo/base/chain_ptr.h"
 #include "talvo/base/with_memory.h"
 
 namespace talvo {
@@ -20,13 +20,12 @@ public:
     static constexpr DWORD MAX_COPIED = 1024;  // bytes of payload up to which a copy is cheaper
 
     CMessageList() = default;
-    ~CMessageList() { Clear(); }
     CMessageList(const CMessageList&) = delete;
     CMessageList& operator=(const CMessageList&) = delete;
 
-    // Takes aChain over, all of it DUPLICATED. FALSE: memory ran out, and it stays the caller's.
-    BOOL Add(CCmMessageBlock* aChain) {
-        return WithMemory([&] { m_Chains.push_back(aChain); });
+    // FALSE: memory ran out, and aChain is gone.
+    BOOL Add(CCmChainPtr aChain) {
+        return WithMemory([&] { m_Chains.push_back(std::move(aChain)); });
     }
     // Copies aMessage, of aLength <= MAX_COPIED bytes. FALSE: memory ran out.
     BOOL AddCopy(const CCmMessageBlock& aMessage, DWORD aLength);
@@ -39,8 +38,8 @@ public:
     // The first message; stays first, as far as it was consumed, until Pop. There must be one.
     CCmMessageBlock& Front();
     void Pop();
-    // Takes the first message out, for the caller to destroy. Only where nothing is copied.
-    CCmMessageBlock* TakeChain();
+    // Takes the first message out. Only where nothing is copied.
+    CCmChainPtr TakeChain();
 
     void Swap(CMessageList& aOther) {
         m_Chains.swap(aOther.m_Chains);
@@ -52,9 +51,8 @@ private:
     static BOOL IsShared(const CCmMessageBlock& aBlock) { return (aBlock.GetFlag() & CCmMessageBlock::READ_LOCKED) != 0; }
     static DWORD LengthOfFirst(const CCmMessageBlock& aShared);
     CCmMessageBlock* SpaceFor(DWORD aCount);
-    void Forget();
 
-    std::vector<CCmMessageBlock*> m_Chains;  // owned from m_stFirst on; shared blocks are READ_LOCKED
+    std::vector<CCmChainPtr> m_Chains;  // from m_stFirst on; shared blocks are READ_LOCKED
     size_t m_stFirst = 0;
     std::optional<CCmMessageBlock> m_View;  // of the first message, when that is a copy
 };

@@ -1,5 +1,7 @@
 #include "talvo/transport/send_bytes.h"
 
+#include "talvo/base/chain_ptr.h"
+
 namespace {
 
 CmResult Send(ICmTransport& aTransport, CCmMessageBlock& aData, DWORD* aTaken) {
@@ -24,10 +26,6 @@ CmResult cm_send_bytes(ICmTransport& aTransport, const void* aData, DWORD aLengt
 CmResult cm_send_shared(ICmTransport& aTransport, const CCmMessageBlock& aData, DWORD* aTaken) {
     if (aTaken)
         *aTaken = 0;
-    CCmMessageBlock* pCopy = aData.DuplicateChained();
-    if (!pCopy)
-        return CM_ERROR_OUT_OF_MEMORY;
-    const CmResult rv = Send(aTransport, *pCopy, aTaken);
-    pCopy->DestroyChained();
-    return rv;
+    const CCmChainPtr pCopy(aData.DuplicateChained());
+    return pCopy ? Send(aTransport, *pCopy, aTaken) : CM_ERROR_OUT_OF_MEMORY;
 }

@@ -1,5 +1,6 @@
 #include "talvo/transport/transport_linger.h"
 
+#include <memory>
 #include <new>
 
 #include "talvo/base/live_counter.h"
@@ -17,25 +18,21 @@ const CCmTimeValue LOOK(0, 10000);  // between two looks whether the peer has ev
 
 }  // namespace
 
-CTransportLinger::CTransportLinger(ICmTransport& aTransport, CCmMessageBlock* aRest)
-    : m_pTransport(&aTransport), m_pRest(aRest) {
+CTransportLinger::CTransportLinger(ICmTransport& aTransport, CCmChainPtr aRest)
+    : m_pTransport(&aTransport), m_Rest(std::move(aRest)) {
     ++s_Live;
 }
 
 CTransportLinger::~CTransportLinger() {
     if (m_pTimers)
         m_pTimers->CancelTimer(this);
-    if (m_pRest)
-        m_pRest->DestroyChained();
     --s_Live;
 }
 
-BOOL CTransportLinger::Begin(ICmTransport& aTransport, CCmMessageBlock* aRest) {
-    auto* pLinger = new (std::nothrow) CTransportLinger(aTransport, aRest);
+BOOL CTransportLinger::Begin(ICmTransport& aTransport, CCmChainPtr aRest) {
+    auto* pLinger = new (std::nothrow) CTransportLinger(aTransport, std::move(aRest));
     if (pLinger && pLinger->Start_i())
         return TRUE;
-    if (!pLinger && aRest)
-        aRest->DestroyChained();
     delete pLinger;
     return FALSE;
 }
@@ -60,10 +57,10 @@ BOOL CTransportLinger::Start_i() {
 
 // An end of the sending side behind the rest shows the peer that nothing follows while this side still waits.
 void CTransportLinger::SendRest_i() {
-    while (m_pRest) {
+    while (!m_Rest.IsEmpty()) {
         CCmTransportParameter para;
-        const CmResult rv = m_pTransport->SendData(*m_pRest, &para);
-        m_pRest = m_pRest->ReclaimGarbage();
+        const CmResult rv = m_pTransport->SendData(*m_Rest.GetHead(), &para);
+        m_Rest.DropRead();
         if (rv != CM_OK)
             return;
     }
@@ -102,7 +99,7 @@ void CTransportLinger::OnDrain(ECmDrainStage aStage) {
 void CTransportLinger::AddUndrained(CCmUndrained& aLeft) {
     ++aLeft.m_dwConnections;
     ++aLeft.m_dwLingering;
-    aLeft.m_ullBytes += uint64_t{GetUnacknowledged_i()} + (m_pRest ? m_pRest->GetChainedLength() : 0);
+    aLeft.m_ullBytes += uint64_t{GetUnacknowledged_i()} + m_Rest.GetLength();
 }
 
 // A transport that is gone has nothing left.

@@ -1,6 +1,7 @@
 // What is left to do for a connection whose user has ended it in order.
 #pragma once
 
+#include "talvo/base/block_chain.h"
 #include "talvo/base/ref_ptr.h"
 #include "talvo/event/thread_link.h"
 #include "talvo/event/timer_queue.h"
@@ -13,13 +14,13 @@ namespace talvo {
 // in the transport's thread, deletes itself, and ends with the thread.
 class TALVO_API CTransportLinger final : private ICmTransportSink, private ICmTimerHandler, private CCmThreadTenant {
 public:
-    // Becomes the sink of aTransport and owns aRest (DUPLICATED blocks; null: nothing is left to send). FALSE: there is nothing
+    // Becomes the sink of aTransport and owns aRest (null: nothing is left to send). FALSE: there is nothing
     // to wait for, or no way to wait (no timers in this thread, no memory, a linger time of zero); what the transport takes of
     // aRest at once has gone, aRest is freed and the caller disconnects.
-    static BOOL Begin(ICmTransport& aTransport, CCmMessageBlock* aRest);
+    static BOOL Begin(ICmTransport& aTransport, CCmChainPtr aRest);
 
 private:
-    CTransportLinger(ICmTransport& aTransport, CCmMessageBlock* aRest);
+    CTransportLinger(ICmTransport& aTransport, CCmChainPtr aRest);
     ~CTransportLinger() override;
 
     void OnReceive(CCmMessageBlock&, ICmTransport*, CCmTransportParameter*) override {}
@@ -33,11 +34,11 @@ private:
     BOOL Start_i();
     void SendRest_i();
     DWORD GetUnacknowledged_i();
-    BOOL IsDone_i() { return !m_pRest && GetUnacknowledged_i() == 0; }
+    BOOL IsDone_i() { return m_Rest.IsEmpty() && GetUnacknowledged_i() == 0; }
     void End_i(CmResult aReason);
 
     const CCmRefPtrT<ICmTransport> m_pTransport;
-    CCmMessageBlock* m_pRest;  // owned
+    CBlockChain m_Rest;
     CCmTimeValue m_tvEnd;
     ICmTimerQueue* m_pTimers = nullptr;  // not owned; this thread's, set while the timer runs
     BOOL m_bEnded = FALSE;               // the sending side

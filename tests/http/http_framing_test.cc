@@ -108,10 +108,10 @@ public:
     int m_nPieces = -1;
 };
 
-CCmMessageBlock* MakeBlock(const std::string& aBytes) {
+CCmChainPtr MakeBlock(const std::string& aBytes) {
     CCmMessageBlock block(static_cast<DWORD>(aBytes.size()));
     block.Write(aBytes.data(), static_cast<DWORD>(aBytes.size()));
-    return block.DuplicateTopLevel();
+    return CCmChainPtr(block.DuplicateTopLevel());
 }
 
 // A chunked body as make_chunk writes it, cut at random, is read back whole, and what follows it stays.
@@ -121,14 +121,12 @@ TEST(HttpBody, WrittenCutAndReadAgain) {
         std::string strBody, strWire;
         for (DWORD i = random() % 5; i > 0; --i) {
             const std::string strPiece(1 + random() % 300, static_cast<char>('a' + i));
-            CCmMessageBlock* pPayload = MakeBlock(strPiece.substr(0, strPiece.size() / 2));
-            pPayload->Append(MakeBlock(strPiece.substr(strPiece.size() / 2)));
-            CCmMessageBlock* pChunk = talvo::make_chunk(*pPayload);
+            const CCmChainPtr pPayload = MakeBlock(strPiece.substr(0, strPiece.size() / 2));
+            pPayload->Append(MakeBlock(strPiece.substr(strPiece.size() / 2)).release());
+            const CCmChainPtr pChunk = talvo::make_chunk(*pPayload);
             strBody += strPiece;
             strWire += pChunk->FlattenChained();
             EXPECT_EQ(pChunk->GetNext()->GetTopLevelReadPtr(), pPayload->GetTopLevelReadPtr());
-            pChunk->DestroyChained();
-            pPayload->DestroyChained();
         }
         strWire.append(talvo::HTTP_LAST_CHUNK).append("next");
         talvo::CHttpBodyReader reader;
@@ -137,10 +135,9 @@ TEST(HttpBody, WrittenCutAndReadAgain) {
         std::string strLeft;
         for (size_t stAt = 0, stLength; stAt < strWire.size(); stAt += stLength) {
             stLength = random() % 40;
-            CCmMessageBlock* pBlock = MakeBlock(strWire.substr(stAt, stLength));
+            const CCmChainPtr pBlock = MakeBlock(strWire.substr(stAt, stLength));
             EXPECT_NE(reader.Feed(*pBlock, sink), CM_ERROR_FAILURE);
             strLeft += pBlock->FlattenChained();
-            pBlock->DestroyChained();
         }
         EXPECT_TRUE(reader.IsComplete() && strLeft == "next" && sink.m_strBody == strBody);
         EXPECT_EQ(reader.GetReceived(), strBody.size());
@@ -174,22 +171,20 @@ TEST(HttpBody, EndsStopsAndLimits) {
     reader.SetLimits(limits);
     for (const auto& row : rows) {
         CCollector sink;
-        CCmMessageBlock* pBlock = MakeBlock(row.m_pBytes);
+        const CCmChainPtr pBlock = MakeBlock(row.m_pBytes);
         reader.Begin(row.m_Kind, row.m_ullLength);
         EXPECT_EQ(reader.Feed(*pBlock, sink), row.m_Fed) << row.m_pBytes;
         EXPECT_EQ(sink.m_strBody, row.m_pBody);
         EXPECT_EQ(pBlock->FlattenChained(), row.m_pLeft);
         EXPECT_EQ(reader.IsBeyondLimit(), row.m_pBytes[std::strlen(row.m_pBytes) - 1] != 'x' && row.m_Fed == CM_ERROR_FAILURE);
         EXPECT_EQ(reader.EndOfStream(), row.m_Ended) << row.m_pBytes;
-        pBlock->DestroyChained();
     }
     CCollector sink;
     sink.m_nPieces = 1;
-    CCmMessageBlock* pBlock = MakeBlock("abcdef");
+    const CCmChainPtr pBlock = MakeBlock("abcdef");
     reader.Begin(EHttpBody::LENGTH, 4);
     EXPECT_EQ(reader.Feed(*pBlock, sink), CM_ERROR_NOT_AVAILABLE);
     EXPECT_EQ(sink.m_pLast + 4, pBlock->GetTopLevelReadPtr());
-    pBlock->DestroyChained();
 }
 
 TEST(HttpDate, FormsAndFaults) {

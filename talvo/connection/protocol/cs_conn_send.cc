@@ -1,7 +1,7 @@
 // The sending half of the engine.
 #include <algorithm>
 #include <limits>
-#include <new>
+#include <utility>
 
 #include "talvo/base/trace.h"
 #include "talvo/connection/protocol/cs_conn.h"
@@ -313,8 +313,8 @@ BOOL CCsConn::LetLinger_i() {
             return FALSE;
         m_SendBuf.DataSentLen(pUnsent->GetChainedLength());
     }
-    CCmMessageBlock* pRest = m_Pending.TakeAll();
-    return (pRest || !IsLayered_i()) && talvo::CTransportLinger::Begin(*m_pTransport, pRest);
+    CCmChainPtr pRest = m_Pending.TakeAll();
+    return (pRest || !IsLayered_i()) && talvo::CTransportLinger::Begin(*m_pTransport, std::move(pRest));
 }
 
 int CCsConn::DoACK(DWORD aSeq) {

@@ -58,10 +58,9 @@ void CCsPduSendItem::Prepare(DWORD aACK) {
     Encode(mbFixed);
 }
 
-void CCsPduSendItem::DestroyData() {
-    if (m_pData)
-        m_pData->DestroyChained();
-    m_pData = nullptr;
+void CCsPduSendItem::SetData(CCmChainPtr aData) {
+    m_pOwnData = std::move(aData);
+    m_pData = m_pOwnData.get();
 }
 
 void CCsPduDisconn::Decode(CCmMessageBlock& aMb) {
@@ -102,18 +101,18 @@ void CCsPduData::EncodeWithOutData(CCmMessageBlock& aMb) const {
 
 void CCsPduData::Decode(CCmMessageBlock& aMb) {
     DecodeWithOutData(aMb);
-    DestroyData();
+    SetData(nullptr);
     const DWORD dwUnread = aMb.GetChainedLength();
-    CCmMessageBlock* pRest = nullptr;
+    CCmChainPtr pRest;
     if (dwUnread != m_dwDataLen) {
         CM_INFO_TRACE_THIS("CCsPduData::Decode(), need Disjoint mb.");
-        pRest = aMb.Disjoint(m_dwDataLen);
+        pRest.reset(aMb.Disjoint(m_dwDataLen));
     }
     // Without the rest cut off, for want of memory, the duplicate would hold it, too.
     if (pRest || dwUnread <= m_dwDataLen)
-        m_pData = aMb.DuplicateChained();
+        SetData(CCmChainPtr(aMb.DuplicateChained()));
     aMb.AdvanceChainedReadPtr(m_dwDataLen);
-    aMb.Append(pRest);
+    aMb.Append(pRest.release());  // the caller's chain owns it again
 }
 
 void CCsPduData::Encode(CCmMessageBlock& aMb) const {

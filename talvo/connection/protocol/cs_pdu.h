@@ -1,8 +1,8 @@
 // The PDUs of the connection protocol: what they look like on the wire, and the classes that write and read them.
 #pragma once
 
+#include "talvo/base/chain_ptr.h"
 #include "talvo/base/export.h"
-#include "talvo/base/message_block.h"
 #include "talvo/base/types.h"
 
 // Every PDU begins with its type; all numbers are big-endian. Nothing separates PDUs: the type gives the length of the fixed
@@ -82,8 +82,7 @@ public:
     // Owns aData from now on, a chain of DUPLICATED blocks or null, and destroys it in the end. Until then the chain is sent,
     // and sent again, through views: nobody moves its positions. aDataLen: how many unread bytes it has.
     CCsPduSendItem(BOOL aNeedACK, DWORD aACK, BYTE aType, DWORD aDataLen, CCmMessageBlock* aData)
-        : CCsPduBase(aType), m_dwACK(aACK), m_dwDataLen(aDataLen), m_pData(aData), m_bNeedACK(aNeedACK) {}
-    ~CCsPduSendItem() override { DestroyData(); }
+        : CCsPduBase(aType), m_dwACK(aACK), m_dwDataLen(aDataLen), m_pOwnData(aData), m_pData(aData), m_bNeedACK(aNeedACK) {}
     CCsPduSendItem(const CCsPduSendItem&) = delete;
     CCsPduSendItem& operator=(const CCsPduSendItem&) = delete;
 
@@ -110,11 +109,12 @@ public:
     const char* GetPrepared() const { return m_szPrepared; }
 
 protected:
-    void DestroyData();
+    void SetData(CCmChainPtr aData);
 
     DWORD m_dwACK;
     DWORD m_dwDataLen;
-    CCmMessageBlock* m_pData;  // owned
+    CCmChainPtr m_pOwnData;
+    CCmMessageBlock* m_pData;  // m_pOwnData, or the derived class's own block
     DWORD m_dwSeqStart = 0;
     DWORD m_dwSeqEnd = 0;
     CCsPduSendItem* m_pNext = nullptr;  // the list's, not owned

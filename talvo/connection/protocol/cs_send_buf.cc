@@ -20,7 +20,6 @@ public:
             m_Payload.Write(pMb->GetTopLevelReadPtr(), pMb->GetTopLevelLength());
         m_pData = &m_Payload;
     }
-    ~CCopiedDataT() override { m_pData = nullptr; }
 
 private:
     char m_szRoom[ROOM];
@@ -33,10 +32,10 @@ CCsPduData* MakeDataPdu(BOOL aNeedACK, DWORD aACK, DWORD aLength, BYTE aType, co
         return new (std::nothrow) CCopiedDataT<128>(aNeedACK, aACK, aLength, aType, aPayload);
     if (aLength <= 1024)
         return new (std::nothrow) CCopiedDataT<1024>(aNeedACK, aACK, aLength, aType, aPayload);
-    CCmMessageBlock* pData = aPayload.DuplicateChained();
-    auto* pItem = pData ? new (std::nothrow) CCsPduData(aNeedACK, aACK, aLength, aType, pData) : nullptr;
-    if (pData && !pItem)
-        pData->DestroyChained();
+    CCmChainPtr pData(aPayload.DuplicateChained());
+    auto* pItem = pData ? new (std::nothrow) CCsPduData(aNeedACK, aACK, aLength, aType, pData.get()) : nullptr;
+    if (pItem)
+        pData.release();  // the item owns it
     return pItem;
 }
 
@@ -173,10 +172,10 @@ BOOL CCsSendBuf::BuildPrepared() {
         m_FirstBlock.emplace(*pData, pData->GetTopLevelLength());
         m_FixedPart->Append(&*m_FirstBlock);
         if (pData->GetNext()) {
-            m_pFurtherBlocks = pData->GetNext()->DuplicateChained();
+            m_pFurtherBlocks.reset(pData->GetNext()->DuplicateChained());
             if (!m_pFurtherBlocks)
                 return FALSE;
-            m_FirstBlock->Append(m_pFurtherBlocks);
+            m_FirstBlock->Append(m_pFurtherBlocks.get());
         }
     }
     m_FixedPart->AdvanceChainedReadPtr(m_dwCurrentSent);
@@ -186,9 +185,7 @@ BOOL CCsSendBuf::BuildPrepared() {
 void CCsSendBuf::DropPrepared() {
     m_FixedPart.reset();
     m_FirstBlock.reset();
-    if (m_pFurtherBlocks)
-        m_pFurtherBlocks->DestroyChained();
-    m_pFurtherBlocks = nullptr;
+    m_pFurtherBlocks.reset();
 }
 
 DWORD CCsSendBuf::GetCurrentUnsent() const { return m_pCurrent ? LengthOf(*m_pCurrent) - m_dwCurrentSent : 0; }

@@ -3,8 +3,8 @@
 
 #include <optional>
 
+#include "talvo/base/chain_ptr.h"
 #include "talvo/base/export.h"
-#include "talvo/base/message_block.h"
 #include "talvo/base/types.h"
 #include "talvo/connection/protocol/cs_pdu.h"
 
@@ -114,5 +114,5 @@ private:
     // What GetData gave: views on the fixed part and on the payload's first block, and duplicates of its further blocks.
     std::optional<CCmMessageBlock> m_FixedPart;
     std::optional<CCmMessageBlock> m_FirstBlock;
-    CCmMessageBlock* m_pFurtherBlocks = nullptr;  // owned
+    CCmChainPtr m_pFurtherBlocks;
 };

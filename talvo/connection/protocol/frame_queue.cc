@@ -1,7 +1,6 @@
 #include "talvo/connection/protocol/frame_queue.h"
 
 #include <algorithm>
-#include <new>
 #include <utility>
 
 namespace talvo {
@@ -28,23 +27,18 @@ DWORD CountPieces(const CCmMessageBlock* aChain, DWORD& aBytes) {
 }
 
 // Views on the unread bytes alone: of foreign memory no more is copied than has to be sent, and there is no space behind them
-// that the queue might take for its own.
-CCmMessageBlock* DuplicateUnread(const CCmMessageBlock& aChain) {
-    CCmMessageBlock* pHead = nullptr;
-    CCmMessageBlock* pTail = nullptr;
+// that the queue might take for its own. Null: memory ran out.
+CCmChainPtr DuplicateUnread(const CCmMessageBlock& aChain) {
+    CBlockChain views;
     for (const CCmMessageBlock* pMb = &aChain; pMb; pMb = pMb->GetNext()) {
         if (pMb->GetTopLevelLength() == 0)
             continue;
-        CCmMessageBlock* pView = CCmMessageBlock(*pMb, pMb->GetTopLevelLength()).DuplicateTopLevel();
-        if (!pView) {
-            if (pHead)
-                pHead->DestroyChained();
+        CCmChainPtr pView(CCmMessageBlock(*pMb, pMb->GetTopLevelLength()).DuplicateTopLevel());
+        if (!pView)
             return nullptr;
-        }
-        pTail ? pTail->Append(pView) : void(pHead = pView);
-        pTail = pView;
+        views.Append(std::move(pView));
     }
-    return pHead;
+    return views.Take();
 }
 
 }  // namespace
@@ -79,60 +73,47 @@ BOOL CFrameQueue::IsSettled_i(CmResult aResult) const {
 CmResult CFrameQueue::Add(const void* aHeader, DWORD aHeaderLen, const CCmMessageBlock& aPayload) {
     const DWORD dwPayload = aPayload.GetChainedLength();
     const BOOL bCopy = dwPayload <= MAX_COPIED;
-    CCmMessageBlock* pViews = nullptr;
-    if (!bCopy && !(pViews = DuplicateUnread(aPayload)))
+    CCmChainPtr pViews = bCopy ? nullptr : DuplicateUnread(aPayload);
+    if (!bCopy && !pViews)
         return CM_ERROR_OUT_OF_MEMORY;
     const DWORD dwWritten = aHeaderLen + (bCopy ? dwPayload : 0);
     CCmMessageBlock* pBlock = dwWritten > 0 ? SpaceFor_i(dwWritten) : nullptr;
-    if (dwWritten > 0 && !pBlock) {
-        if (pViews)
-            pViews->DestroyChained();
+    if (dwWritten > 0 && !pBlock)
         return CM_ERROR_OUT_OF_MEMORY;
-    }
     if (pBlock)
         pBlock->Write(aHeader, aHeaderLen);
     for (const CCmMessageBlock* pMb = &aPayload; pBlock && bCopy && pMb; pMb = pMb->GetNext())
         pBlock->Write(pMb->GetTopLevelReadPtr(), pMb->GetTopLevelLength());
     m_dwLength += aHeaderLen + dwPayload;
     if (pViews)
-        LinkViews_i(pViews);
+        LinkViews_i(std::move(pViews));
     return CM_OK;
 }
 
 // The last block, with so much space; a datagram has its blocks to itself. Null: memory ran out.
 CCmMessageBlock* CFrameQueue::SpaceFor_i(DWORD aCount) {
-    if (!m_bDatagrams && m_pTail && m_pTail->GetTopLevelSpace() >= aCount)
-        return m_pTail;
+    CCmMessageBlock* pLast = m_Chain.GetTail();
+    if (!m_bDatagrams && pLast && pLast->GetTopLevelSpace() >= aCount)
+        return pLast;
     const DWORD dwSize = m_bDatagrams ? aCount : std::max(aCount, std::clamp(m_dwLength, MIN_BLOCK, MAX_BLOCK));
-    auto* pBlock = new (std::nothrow) CCmMessageBlock(dwSize, nullptr, CCmMessageBlock::DUPLICATED);
-    if (!pBlock || pBlock->GetTopLevelSpace() < aCount) {
-        delete pBlock;
+    CCmChainPtr pBlock = NewBlock(dwSize);
+    if (!pBlock)
         return nullptr;
-    }
     if (m_bDatagrams)
         pBlock->LockReading();
-    Link_i(pBlock);
-    return pBlock;
-}
-
-void CFrameQueue::Link_i(CCmMessageBlock* aChain) {
-    if (m_pTail)
-        m_pTail->Append(aChain);
-    else
-        m_pHead = aChain;
-    for (m_pTail = aChain; m_pTail->GetNext(); m_pTail = m_pTail->GetNext()) {
-    }
+    m_Chain.Append(std::move(pBlock));
+    return m_Chain.GetTail();
 }
 
 // What the shared block before the views has left is used behind them.
-void CFrameQueue::LinkViews_i(CCmMessageBlock* aViews) {
-    const BOOL bUseRest = !m_bDatagrams && m_pTail && m_pTail->GetTopLevelSpace() >= MIN_REST;
-    CCmMessageBlock* pRest = bUseRest ? m_pTail->DuplicateTopLevel() : nullptr;
-    Link_i(aViews);
-    if (!pRest)
-        return;
-    pRest->AdvanceTopLevelReadPtr(pRest->GetTopLevelLength());
-    Link_i(pRest);
+void CFrameQueue::LinkViews_i(CCmChainPtr aViews) {
+    const CCmMessageBlock* pLast = m_Chain.GetTail();
+    const BOOL bUseRest = !m_bDatagrams && pLast && pLast->GetTopLevelSpace() >= MIN_REST;
+    CCmChainPtr pRest(bUseRest ? pLast->DuplicateTopLevel() : nullptr);
+    if (pRest)
+        pRest->AdvanceTopLevelReadPtr(pRest->GetTopLevelLength());
+    m_Chain.Append(std::move(aViews));
+    m_Chain.Append(std::move(pRest));
 }
 
 CmResult CFrameQueue::Flush(ICmTransport& aTransport) {
@@ -146,29 +127,29 @@ CmResult CFrameQueue::Flush(ICmTransport& aTransport) {
 // The cut lies between two blocks, where it costs nothing and leaves the last block what it is.
 CmResult CFrameQueue::SendPart_i(ICmTransport& aTransport) {
     const DWORD dwPart = m_bDatagrams ? FirstDatagram_i() : FirstPieces_i();
-    CCmMessageBlock* pRest = dwPart < m_dwLength ? m_pHead->Disjoint(dwPart) : nullptr;
+    CCmChainPtr pRest = dwPart < m_dwLength ? m_Chain.Cut(dwPart) : nullptr;
     CCmTransportParameter para;
-    const CmResult rv = aTransport.SendData(*m_pHead, &para);
+    const CmResult rv = aTransport.SendData(*m_Chain.GetHead(), &para);
     if (IsSettled_i(rv))
-        m_pHead->AdvanceChainedReadPtr(dwPart);
-    m_dwLength -= dwPart - m_pHead->GetChainedLength();
-    m_pHead->Append(pRest);
+        m_Chain.GetHead()->AdvanceChainedReadPtr(dwPart);
+    m_dwLength -= dwPart - m_Chain.GetLength();
+    m_Chain.Append(std::move(pRest));
     if (IsEmpty())
         Clear();
     else
-        m_pHead = m_pHead->ReclaimGarbage();
+        m_Chain.DropRead();
     return IsSettled_i(rv) ? CM_OK : rv;
 }
 
 DWORD CFrameQueue::FirstPieces_i() const {
     DWORD dwBytes = 0;
-    CountPieces(m_pHead, dwBytes);
+    CountPieces(m_Chain.GetHead(), dwBytes);
     return dwBytes;
 }
 
 DWORD CFrameQueue::FirstDatagram_i() const {
-    DWORD dwBytes = m_pHead->GetTopLevelLength();
-    for (const CCmMessageBlock* pMb = m_pHead->GetNext(); pMb; pMb = pMb->GetNext()) {
+    DWORD dwBytes = m_Chain.GetHead()->GetTopLevelLength();
+    for (const CCmMessageBlock* pMb = m_Chain.GetHead()->GetNext(); pMb; pMb = pMb->GetNext()) {
         if (pMb->GetFlag() & CCmMessageBlock::READ_LOCKED)
             break;
         dwBytes += pMb->GetTopLevelLength();
@@ -176,15 +157,9 @@ DWORD CFrameQueue::FirstDatagram_i() const {
     return dwBytes;
 }
 
-void CFrameQueue::Clear() {
-    if (CCmMessageBlock* pAll = TakeAll())
-        pAll->DestroyChained();
-}
-
-CCmMessageBlock* CFrameQueue::TakeAll() {
-    m_pTail = nullptr;
+CCmChainPtr CFrameQueue::TakeAll() {
     m_dwLength = 0;
-    return std::exchange(m_pHead, nullptr);
+    return m_Chain.Take();
 }
 
 }  // namespace talvo

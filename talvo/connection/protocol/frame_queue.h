@@ -1,7 +1,7 @@
 // Frames that a transport has not taken yet.
 #pragma once
 
-#include "talvo/base/message_block.h"
+#include "talvo/base/block_chain.h"
 #include "talvo/transport/transport_interface.h"
 
 namespace talvo {
@@ -13,7 +13,6 @@ namespace talvo {
 class TALVO_API CFrameQueue {
 public:
     CFrameQueue() = default;
-    ~CFrameQueue() { Clear(); }
     CFrameQueue(const CFrameQueue&) = delete;
     CFrameQueue& operator=(const CFrameQueue&) = delete;
 
@@ -32,26 +31,24 @@ public:
     // Sends what there is, many pieces a call. CM_OK: the queue is empty. Else the transport's result; try again after OnSend.
     CmResult Flush(ICmTransport& aTransport);
 
-    // Hands over what there is, a chain of DUPLICATED blocks for the caller; null: nothing.
-    CCmMessageBlock* TakeAll();
+    // Hands over what there is; null: nothing.
+    CCmChainPtr TakeAll();
 
     BOOL IsEmpty() const { return m_dwLength == 0; }
     DWORD GetLength() const { return m_dwLength; }  // bytes, headers included
-    void Clear();
+    void Clear() { TakeAll(); }
 
 private:
     CCmMessageBlock* SpaceFor_i(DWORD aCount);
-    void Link_i(CCmMessageBlock* aChain);
-    void LinkViews_i(CCmMessageBlock* aViews);
+    void LinkViews_i(CCmChainPtr aViews);
     CmResult SendPart_i(ICmTransport& aTransport);
     DWORD FirstPieces_i() const;
     DWORD FirstDatagram_i() const;
     BOOL IsSettled_i(CmResult aResult) const;
 
-    CCmMessageBlock* m_pHead = nullptr;  // owned; all of the chain is DUPLICATED
-    CCmMessageBlock* m_pTail = nullptr;  // the last block; nobody else writes to the space that it has
-    BOOL m_bDatagrams = FALSE;           // the first block of each frame is READ_LOCKED
-    DWORD m_dwLength = 0;                // unread bytes
+    CBlockChain m_Chain;        // no other object writes to the space of the last block
+    BOOL m_bDatagrams = FALSE;  // the first block of each frame is READ_LOCKED
+    DWORD m_dwLength = 0;       // unread bytes
 };
 
 }  // namespace talvo

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
@@ -182,9 +183,9 @@ CmResult CLenPkgConn::Disconnect(CmResult aReason) {
     m_pSink = nullptr;
     m_pOwner = nullptr;
     SetCurrStatus(CS_STATUS_NOT_CONNECTED);
-    CCmMessageBlock* pRest = m_pTransport && aReason == CM_OK ? m_Pending.TakeAll() : nullptr;
+    CCmChainPtr pRest = m_pTransport && aReason == CM_OK ? m_Pending.TakeAll() : nullptr;
     const BOOL bWaits = pRest || (m_pTransport && aReason == CM_OK && !IsLayered_i());
-    const BOOL bLingers = bWaits && talvo::CTransportLinger::Begin(*m_pTransport, pRest);
+    const BOOL bLingers = bWaits && talvo::CTransportLinger::Begin(*m_pTransport, std::move(pRest));
     const CmResult rv = bLingers ? CM_OK : DisconnectTransport_i(aReason);
     Reset();
     return rv;

@@ -1,7 +1,6 @@
 #include "talvo/connection/protocol/receive_chain.h"
 
 #include <algorithm>
-#include <new>
 #include <utility>
 
 namespace talvo {
@@ -20,10 +19,10 @@ CmResult CReceiveChain::Append(const CCmMessageBlock& aData, DWORD aMissing) {
         DWORD dwLeft = pMb->GetTopLevelLength();
         while (dwLeft > 0) {
             const DWORD dwWish = std::clamp(aMissing, MIN_BLOCK, MAX_BLOCK);
-            if ((!m_pTail || m_pTail->GetTopLevelSpace() == 0) && !AddBlock_i(std::max(dwLeft, dwWish)))
+            if ((m_Chain.IsEmpty() || m_Chain.GetTail()->GetTopLevelSpace() == 0) && !AddBlock_i(std::max(dwLeft, dwWish)))
                 return CM_ERROR_OUT_OF_MEMORY;
             DWORD dwDone = 0;
-            m_pTail->Write(pFrom, dwLeft, &dwDone);
+            m_Chain.GetTail()->Write(pFrom, dwLeft, &dwDone);
             pFrom += dwDone;
             dwLeft -= dwDone;
             m_dwLength += dwDone;
@@ -33,25 +32,17 @@ CmResult CReceiveChain::Append(const CCmMessageBlock& aData, DWORD aMissing) {
     return CM_OK;
 }
 
-// A block is its own duplicate, so that whoever gets it frees it like any other.
 BOOL CReceiveChain::AddBlock_i(DWORD aSize) {
-    auto* pBlock = new (std::nothrow) CCmMessageBlock(aSize, nullptr, CCmMessageBlock::DUPLICATED);
-    if (!pBlock || pBlock->GetTopLevelSpace() == 0) {
-        delete pBlock;
-        return FALSE;
-    }
-    if (m_pTail)
-        m_pTail->Append(pBlock);
-    else
-        m_pHead = pBlock;
-    m_pTail = pBlock;
-    return TRUE;
+    CCmChainPtr pBlock = NewBlock(aSize);
+    const BOOL bGood = bool{pBlock};
+    m_Chain.Append(std::move(pBlock));
+    return bGood;
 }
 
 BOOL CReceiveChain::Peek(void* aDst, DWORD aCount) const {
     if (aCount > m_dwLength)
         return FALSE;
-    return !m_pHead || m_pHead->Read(aDst, aCount, nullptr, FALSE) == CM_OK;
+    return m_Chain.IsEmpty() || m_Chain.GetHead()->Read(aDst, aCount, nullptr, FALSE) == CM_OK;
 }
 
 void CReceiveChain::Skip(DWORD aCount) {
@@ -60,37 +51,34 @@ void CReceiveChain::Skip(DWORD aCount) {
         Clear();
         return;
     }
-    m_pHead->AdvanceChainedReadPtr(aCount);
-    if (m_pHead->GetTopLevelLength() == 0)
-        m_pHead = m_pHead->ReclaimGarbage();
+    m_Chain.GetHead()->AdvanceChainedReadPtr(aCount);
+    if (HeadLength_i() == 0)
+        m_Chain.DropRead();
 }
 
-// The cut lies between two blocks. Of a block in which it would lie, the front gets a view without space behind it: whoever
-// writes to what he was given must not reach what follows.
-CCmMessageBlock* CReceiveChain::CutFront_i(DWORD aCount) {
+// The cut lies between two blocks. Of a block in which it would lie, the front gets a view without space behind it: a sink
+// that writes to what it was given must not reach what follows.
+CCmChainPtr CReceiveChain::CutFront_i(DWORD aCount) {
     DWORD dwWhole = 0;
-    for (const CCmMessageBlock* pMb = m_pHead; pMb && pMb->GetTopLevelLength() <= aCount - dwWhole; pMb = pMb->GetNext())
+    for (const CCmMessageBlock* pMb = m_Chain.GetHead(); pMb && pMb->GetTopLevelLength() <= aCount - dwWhole;
+         pMb = pMb->GetNext())
         dwWhole += pMb->GetTopLevelLength();
-    CCmMessageBlock* pRest = dwWhole < m_dwLength ? m_pHead->Disjoint(dwWhole) : nullptr;
+    CBlockChain rest(dwWhole < m_dwLength ? m_Chain.Cut(dwWhole) : nullptr);
     if (const DWORD dwPart = aCount - dwWhole; dwPart > 0) {
-        CCmMessageBlock* pView = CCmMessageBlock(*pRest, dwPart).DuplicateTopLevel();
+        CCmChainPtr pView(CCmMessageBlock(*rest.GetHead(), dwPart).DuplicateTopLevel());
         if (!pView) {
-            m_pHead->Append(pRest);
+            m_Chain.Append(rest.Take());
             return nullptr;
         }
-        m_pHead->Append(pView);
-        pRest->AdvanceTopLevelReadPtr(dwPart);
+        m_Chain.Append(std::move(pView));
+        rest.GetHead()->AdvanceTopLevelReadPtr(dwPart);
     }
-    if (!pRest)
-        m_pTail = nullptr;
     m_dwLength -= aCount;
-    return std::exchange(m_pHead, pRest);
+    return std::exchange(m_Chain, std::move(rest)).Take();
 }
 
 void CReceiveChain::Clear() {
-    if (CCmMessageBlock* pHead = std::exchange(m_pHead, nullptr))
-        pHead->DestroyChained();
-    m_pTail = nullptr;
+    m_Chain.Clear();
     m_dwLength = 0;
 }
 

@@ -1,7 +1,7 @@
 // Received bytes that make no whole message yet.
 #pragma once
 
-#include "talvo/base/message_block.h"
+#include "talvo/base/block_chain.h"
 
 namespace talvo {
 
@@ -10,7 +10,6 @@ namespace talvo {
 class TALVO_API CReceiveChain {
 public:
     CReceiveChain() = default;
-    ~CReceiveChain() { Clear(); }
     CReceiveChain(const CReceiveChain&) = delete;
     CReceiveChain& operator=(const CReceiveChain&) = delete;
 
@@ -36,29 +35,27 @@ public:
             return CM_OK;
         }
         if (aCount <= HeadLength_i()) {
-            CCmMessageBlock slice(*m_pHead, aCount);
+            CCmMessageBlock slice(*m_Chain.GetHead(), aCount);
             Skip(aCount);
             aUse(slice);
             return CM_OK;
         }
-        CCmMessageBlock* pFront = CutFront_i(aCount);
+        const CCmChainPtr pFront = CutFront_i(aCount);
         if (!pFront)
             return CM_ERROR_OUT_OF_MEMORY;
         aUse(*pFront);
-        pFront->DestroyChained();
         return CM_OK;
     }
 
     void Clear();
 
 private:
-    DWORD HeadLength_i() const { return m_pHead ? m_pHead->GetTopLevelLength() : 0; }
+    DWORD HeadLength_i() const { return m_Chain.IsEmpty() ? 0 : m_Chain.GetHead()->GetTopLevelLength(); }
     BOOL AddBlock_i(DWORD aSize);
-    CCmMessageBlock* CutFront_i(DWORD aCount);
+    CCmChainPtr CutFront_i(DWORD aCount);
 
-    CCmMessageBlock* m_pHead = nullptr;  // owned; all of the chain is DUPLICATED
-    CCmMessageBlock* m_pTail = nullptr;  // the last block
-    DWORD m_dwLength = 0;                // unread bytes
+    CBlockChain m_Chain;
+    DWORD m_dwLength = 0;  // unread bytes
 };
 
 }  // namespace talvo

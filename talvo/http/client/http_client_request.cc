@@ -62,11 +62,10 @@ CmResult CHttpClientRequest::SetBody(const CCmMessageBlock& aBody) {
     const uint64_t ullLength = ChainLength(aBody);
     if (ullLength > UINT32_MAX)
         return CM_ERROR_INVALID_ARG;
-    CCmMessageBlock* pBody = ullLength > 0 ? aBody.DuplicateChained() : nullptr;
+    CCmChainPtr pBody(ullLength > 0 ? aBody.DuplicateChained() : nullptr);
     if (ullLength > 0 && !pBody)
         return CM_ERROR_OUT_OF_MEMORY;
-    DropBody_i();
-    m_pBody = pBody;
+    m_pBody = std::move(pBody);
     m_bBodySet = TRUE;
     m_ullLength = ullLength;
     return CM_OK;
@@ -110,7 +109,7 @@ void CHttpClientRequest::BecomeGet() {
                                     Atoms::Content_Language, Atoms::Content_Location, Atoms::Content_MD5, Atoms::Content_Range,
                                     Atoms::Content_Transfer_Encoding, Atoms::Transfer_Encoding, Atoms::Trailer, Atoms::Expect})
         m_Head.SetHeader(atom, "", FALSE);
-    DropBody_i();
+    m_pBody.reset();
     m_bBodySet = FALSE;
     m_Body = NO_BODY;
     m_ullLength = 0;
@@ -153,11 +152,6 @@ CCmString CHttpClientRequest::MakeHead(const CCmHttpUrl& aUrl, const CCmString& 
     if (bGood)
         head.FlattenToSend(strHead);
     return strHead;
-}
-
-void CHttpClientRequest::DropBody_i() {
-    if (CCmMessageBlock* pBody = std::exchange(m_pBody, nullptr))
-        pBody->DestroyChained();
 }
 
 CCmString MakeHttpTarget(const CCmHttpUrl& aUrl) {

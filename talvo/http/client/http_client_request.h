@@ -1,7 +1,7 @@
 // What a client asks: method, headers and body, and how they change on the way through redirects.
 #pragma once
 
-#include "talvo/base/message_block.h"
+#include "talvo/base/chain_ptr.h"
 #include "talvo/base/result.h"
 #include "talvo/http/message/http_request_head.h"
 
@@ -20,7 +20,6 @@ public:
     };
 
     CHttpClientRequest();
-    ~CHttpClientRequest() { DropBody_i(); }
     CHttpClientRequest(const CHttpClientRequest&) = delete;
     CHttpClientRequest& operator=(const CHttpClientRequest&) = delete;
 
@@ -43,7 +42,7 @@ public:
     BOOL MayRepeat() const;
 
     // A new chain over the whole body; null: it has no bytes, or memory ran out.
-    CCmMessageBlock* DuplicateBody() const { return m_pBody ? m_pBody->DuplicateChained() : nullptr; }
+    CCmChainPtr DuplicateBody() const { return CCmChainPtr(m_pBody ? m_pBody->DuplicateChained() : nullptr); }
 
     // A redirect's doing.
     void BecomeGet();
@@ -55,10 +54,9 @@ public:
 
 private:
     BOOL IsLengthDue_i() const;
-    void DropBody_i();
 
-    CCmHttpRequestHead m_Head;           // without what MakeHead adds
-    CCmMessageBlock* m_pBody = nullptr;  // owned
+    CCmHttpRequestHead m_Head;  // without what MakeHead adds
+    CCmChainPtr m_pBody;
     BOOL m_bBodySet = FALSE;
     EBody m_Body = NO_BODY;
     uint64_t m_ullLength = 0;

@@ -1,6 +1,5 @@
 #include "talvo/http/client/http_client_sender.h"
 
-#include <new>
 #include <utility>
 
 #include "talvo/http/message/http_chunk.h"
@@ -9,38 +8,18 @@ namespace talvo {
 
 namespace {
 
-void Destroy(CCmMessageBlock*& aChain) {
-    if (CCmMessageBlock* pChain = std::exchange(aChain, nullptr))
-        pChain->DestroyChained();
-}
-
-// A block that is freed like any duplicate; null: memory ran out.
-CCmMessageBlock* BlockOf(std::string_view aText) {
-    const auto dwSize = static_cast<DWORD>(aText.size());
-    auto* pBlock = new (std::nothrow) CCmMessageBlock(dwSize, nullptr, CCmMessageBlock::DUPLICATED);
-    if (pBlock && pBlock->Write(aText.data(), dwSize) != CM_OK)
-        Destroy(pBlock);
-    return pBlock;
-}
-
-// A body given whole, as it goes out.
-CCmMessageBlock* MakeBody(const CHttpClientRequest& aRequest) {
-    CCmMessageBlock* pBody = aRequest.DuplicateBody();
+// A body given whole, as it goes out. Null: memory ran out.
+CCmChainPtr MakeBody(const CHttpClientRequest& aRequest) {
+    CCmChainPtr pBody = aRequest.DuplicateBody();
     if (aRequest.GetBodyKind() == CHttpClientRequest::WHOLE)
         return pBody;
-    CCmMessageBlock* pLast = BlockOf(HTTP_LAST_CHUNK);
-    CCmMessageBlock* pChunk = pBody ? make_chunk(*pBody) : nullptr;
-    const BOOL bNoMemory = !pLast || (aRequest.GetBodyLength() > 0 && !pChunk);
-    Destroy(pBody);
-    if (bNoMemory) {
-        Destroy(pLast);
-        Destroy(pChunk);
+    CCmChainPtr pChunk = pBody ? make_chunk(*pBody) : nullptr;
+    CCmChainPtr pLast = make_block(HTTP_LAST_CHUNK);
+    if (!pLast || (aRequest.GetBodyLength() > 0 && !pChunk))
         return nullptr;
-    }
-    if (!pChunk)
-        return pLast;
-    pChunk->Append(pLast);
-    return pChunk;
+    CBlockChain body(std::move(pChunk));
+    body.Append(std::move(pLast));
+    return body.Take();
 }
 
 }  // namespace
@@ -51,32 +30,25 @@ CmResult CHttpClientSender::Begin(const CHttpClientRequest& aRequest, const CCmS
     m_bEnded = !aRequest.IsStreamed();
     m_bHolding = aRequest.IsContinueExpected();
     m_ullLeft = aRequest.IsStreamed() ? aRequest.GetBodyLength() : 0;
-    m_pReady = BlockOf(aHead);
+    m_Ready.Append(make_block(aHead));
     if (m_Kind == CHttpClientRequest::WHOLE || m_Kind == CHttpClientRequest::WHOLE_CHUNKED)
         m_pBody = MakeBody(aRequest);
     const BOOL bBody = m_pBody || aRequest.IsStreamed() || m_Kind == CHttpClientRequest::NO_BODY;
-    return m_pReady && bBody ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
-}
-
-void CHttpClientSender::Add_i(CCmMessageBlock* aChain) {
-    if (m_pReady)
-        m_pReady->Append(aChain);
-    else
-        m_pReady = aChain;
+    return !m_Ready.IsEmpty() && bBody ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
 
 CmResult CHttpClientSender::Flush(CHttpClientConnection& aConnection) {
     if (m_pBody && !m_bHolding)
-        Add_i(std::exchange(m_pBody, nullptr));
-    if (!m_pReady)
+        m_Ready.Append(std::move(m_pBody));
+    if (m_Ready.IsEmpty())
         return CM_OK;
     CCmTransportParameter para;
-    const CmResult rv = aConnection.SendData(*m_pReady, para);
+    const CmResult rv = aConnection.SendData(*m_Ready.GetHead(), para);
     m_bLost = rv == CM_ERROR_OUT_OF_MEMORY;
     if (rv == CM_ERROR_PARTIAL_DATA)
-        m_pReady = m_pReady->ReclaimGarbage();
+        m_Ready.DropRead();
     else
-        Destroy(m_pReady);
+        m_Ready.Clear();
     return rv;
 }
 
@@ -88,7 +60,7 @@ CmResult CHttpClientSender::Send(CHttpClientConnection* aConnection, CCmMessageB
         return CM_ERROR_INVALID_ARG;
     if (dwLength == 0)
         return CM_OK;
-    if (!aConnection || m_bHolding || m_pReady) {
+    if (!aConnection || m_bHolding || !m_Ready.IsEmpty()) {
         m_bRoomDue = TRUE;
         return CM_ERROR_PARTIAL_DATA;
     }
@@ -106,10 +78,10 @@ CmResult CHttpClientSender::Send(CHttpClientConnection* aConnection, CCmMessageB
 CmResult CHttpClientSender::SendChunk_i(CHttpClientConnection& aConnection, CCmMessageBlock& aData,
                                         CCmTransportParameter& aPara) {
     const DWORD dwLength = aData.GetChainedLength();
-    CCmMessageBlock* pChunk = make_chunk(aData);
+    CCmChainPtr pChunk = make_chunk(aData);
     if (!pChunk)
         return CM_ERROR_OUT_OF_MEMORY;
-    Add_i(pChunk);
+    m_Ready.Append(std::move(pChunk));
     const CmResult rv = Flush(aConnection);
     if (rv != CM_OK && rv != CM_ERROR_PARTIAL_DATA)
         return rv;
@@ -121,21 +93,23 @@ CmResult CHttpClientSender::SendChunk_i(CHttpClientConnection& aConnection, CCmM
 CmResult CHttpClientSender::End(CHttpClientConnection* aConnection) {
     if (m_Kind != CHttpClientRequest::STREAM_CHUNKED || m_bEnded || m_bStopped)
         return CM_ERROR_NOT_AVAILABLE;
-    CCmMessageBlock* pLast = BlockOf(HTTP_LAST_CHUNK);
+    CCmChainPtr pLast = make_block(HTTP_LAST_CHUNK);
     if (!pLast)
         return CM_ERROR_OUT_OF_MEMORY;
     m_bEnded = TRUE;
     m_bRoomDue = FALSE;
     if (m_bHolding)
-        m_pBody = pLast;
+        m_pBody = std::move(pLast);
     else
-        Add_i(pLast);
+        m_Ready.Append(std::move(pLast));
     if (aConnection)
         Flush(*aConnection);
     return CM_OK;
 }
 
-BOOL CHttpClientSender::TakeRoom() { return !m_pReady && !m_bHolding && !m_bStopped && std::exchange(m_bRoomDue, FALSE); }
+BOOL CHttpClientSender::TakeRoom() {
+    return m_Ready.IsEmpty() && !m_bHolding && !m_bStopped && std::exchange(m_bRoomDue, FALSE);
+}
 
 void CHttpClientSender::Stop() {
     const BOOL bComplete = IsComplete();
@@ -144,8 +118,8 @@ void CHttpClientSender::Stop() {
 }
 
 void CHttpClientSender::Clear() {
-    Destroy(m_pReady);
-    Destroy(m_pBody);
+    m_Ready.Clear();
+    m_pBody.reset();
     m_ullLeft = 0;
     m_bEnded = TRUE;
     m_bHolding = m_bStopped = m_bRoomDue = m_bLost = FALSE;

@@ -1,6 +1,7 @@
 // The way of one request out: head and body, at once, after the server's leave, or as the application brings it.
 #pragma once
 
+#include "talvo/base/block_chain.h"
 #include "talvo/http/client/http_client_connection.h"
 #include "talvo/http/client/http_client_request.h"
 
@@ -10,7 +11,6 @@ namespace talvo {
 class CHttpClientSender {
 public:
     CHttpClientSender() = default;
-    ~CHttpClientSender() { Clear(); }
     CHttpClientSender(const CHttpClientSender&) = delete;
     CHttpClientSender& operator=(const CHttpClientSender&) = delete;
 
@@ -37,21 +37,20 @@ public:
     // The server does not want the rest.
     void Stop();
 
-    BOOL IsComplete() const { return m_bEnded && !m_bStopped && !m_bHolding && !m_pReady && !m_pBody; }
+    BOOL IsComplete() const { return m_bEnded && !m_bStopped && !m_bHolding && m_Ready.IsEmpty() && !m_pBody; }
     // Everything that is there has gone, and the application has yet to bring more.
-    BOOL IsUsersTurn() const { return !m_bEnded && !m_bStopped && !m_bHolding && !m_bRoomDue && !m_pReady; }
+    BOOL IsUsersTurn() const { return !m_bEnded && !m_bStopped && !m_bHolding && !m_bRoomDue && m_Ready.IsEmpty(); }
 
     void Clear();
 
 private:
-    void Add_i(CCmMessageBlock* aChain);
     CmResult SendChunk_i(CHttpClientConnection& aConnection, CCmMessageBlock& aData, CCmTransportParameter& aPara);
 
     CHttpClientRequest::EBody m_Kind = CHttpClientRequest::NO_BODY;
-    CCmMessageBlock* m_pReady = nullptr;  // owned; to be sent as soon as there is room
-    CCmMessageBlock* m_pBody = nullptr;   // owned; joins it when nothing holds it back
-    uint64_t m_ullLeft = 0;               // of a streamed length
-    BOOL m_bEnded = TRUE;                 // the application has nothing to bring any more
+    CBlockChain m_Ready;     // to be sent as soon as there is room
+    CCmChainPtr m_pBody;     // joins it when nothing holds it back
+    uint64_t m_ullLeft = 0;  // of a streamed length
+    BOOL m_bEnded = TRUE;    // the application has nothing to bring any more
     BOOL m_bHolding = FALSE;
     BOOL m_bStopped = FALSE;
     BOOL m_bLost = FALSE;

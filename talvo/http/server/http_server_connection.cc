@@ -35,10 +35,7 @@ CHttpServerConnection::CHttpServerConnection(CHttpServerOwner& aOwner, ICmTransp
     ++s_Live;
 }
 
-CHttpServerConnection::~CHttpServerConnection() {
-    DropHeld_i();
-    --s_Live;
-}
+CHttpServerConnection::~CHttpServerConnection() { --s_Live; }
 
 CmResult CHttpServerConnection::Open() {
     BOOL bTell = TRUE;
@@ -74,7 +71,7 @@ void CHttpServerConnection::TakeData_i(CCmMessageBlock& aData) {
             End(CM_OK);
         return;
     }
-    if (!m_pHeld)
+    if (m_Held.IsEmpty())
         Run_i(&aData, FALSE);
     Hold_i(aData);
     Settle_i();
@@ -109,9 +106,10 @@ void CHttpServerConnection::RunKick_i() {
 }
 
 void CHttpServerConnection::RunHeld_i(BOOL aRoom) {
-    CCmMessageBlock* pInput = std::exchange(m_pHeld, nullptr);
-    const BOOL bGood = WithMemory([=, this] { Run_i(pInput, aRoom); });
-    m_pHeld = pInput ? pInput->ReclaimGarbage() : nullptr;
+    CBlockChain input(m_Held.Take());
+    const BOOL bGood = WithMemory([&] { Run_i(input.GetHead(), aRoom); });
+    input.DropRead();
+    m_Held = std::move(input);
     if (!bGood)
         throw std::bad_alloc();  // on its way to the entry
     Settle_i();
@@ -281,7 +279,7 @@ void CHttpServerConnection::OnAnswered() {
     if (m_State == ANSWER)
         Answered_i();
     Flush_i();
-    if (m_pHeld || m_State == BODY)
+    if (!m_Held.IsEmpty() || m_State == BODY)
         Kick_i();
     Settle_i();
 }
@@ -400,7 +398,7 @@ void CHttpServerConnection::Stop() {
 
 void CHttpServerConnection::Drain() {
     Stop();
-    if (m_State == BODY && !m_pChannel->IsBegun() && !IsBodyWhole_i(m_pHeld))
+    if (m_State == BODY && !m_pChannel->IsBegun() && !IsBodyWhole_i(m_Held.GetHead()))
         Close_i(CM_ERROR_NETWORK_SOCKET_CLOSE);
     if (m_State == CLOSING && m_bEndSent && IsAcknowledged_i())
         End(CM_OK);
@@ -421,7 +419,7 @@ void CHttpServerConnection::End(CmResult aReason) {
     m_Kick.Cancel();
     m_pTransport->Disconnect(aReason);
     m_Output.Clear();
-    DropHeld_i();
+    m_Held.Clear();
     const CCmRefPtrT<CCmChannelHttpServer> pChannel = std::move(m_pChannel);
     m_Owner.Remove(*this);
     if (bTell)
@@ -447,34 +445,23 @@ BOOL CHttpServerConnection::IsBodyWhole_i(const CCmMessageBlock* aInput) const {
         BOOL OnBody(CCmMessageBlock&) override { return TRUE; }
     };
     BOOL bWhole = FALSE;
-    CCmMessageBlock* pInput = aInput ? aInput->DuplicateChained() : nullptr;
     WithMemory([&] {
         CNobody nobody;
         CHttpBodyReader reader = m_BodyReader;
-        if (pInput)
+        if (const CCmChainPtr pInput{aInput ? aInput->DuplicateChained() : nullptr})
             reader.Feed(*pInput, nobody);
         bWhole = reader.IsComplete();
     });
-    if (pInput)
-        pInput->DestroyChained();
     return bWhole;
 }
 
 void CHttpServerConnection::Hold_i(CCmMessageBlock& aInput) {
     if (m_State == CLOSING || m_State == ENDED || aInput.GetChainedLength() == 0)
         return;
-    CCmMessageBlock* pCopy = aInput.DuplicateChained();
+    CCmChainPtr pCopy(aInput.DuplicateChained());
     if (!pCopy)
         return End(CM_ERROR_OUT_OF_MEMORY);
-    if (m_pHeld)
-        m_pHeld->Append(pCopy);
-    else
-        m_pHeld = pCopy;
-}
-
-void CHttpServerConnection::DropHeld_i() {
-    if (CCmMessageBlock* pHeld = std::exchange(m_pHeld, nullptr))
-        pHeld->DestroyChained();
+    m_Held.Append(std::move(pCopy));
 }
 
 }  // namespace talvo

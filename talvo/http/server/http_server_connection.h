@@ -121,7 +121,6 @@ private:
     void TellLost_i(CCmChannelHttpServer& aChannel, CmResult aReason);
     BOOL IsBodyWhole_i(const CCmMessageBlock* aInput) const;
     void Hold_i(CCmMessageBlock& aInput);
-    void DropHeld_i();
 
     // Output and time: http_server_connection_output.cc.
     void Flush_i();
@@ -143,8 +142,8 @@ private:
     CHttpRequestReader m_Reader;
     CHttpBodyReader m_BodyReader;
     CHttpServerOutput m_Output;
-    CCmMessageBlock* m_pHeld = nullptr;  // owned; received and not used yet
-    CCmTimerWrapperID m_Kick;            // runs what has to wait until the user's call has returned
+    CBlockChain m_Held;        // received and not used yet
+    CCmTimerWrapperID m_Kick;  // runs what has to wait until the user's call has returned
 
     EState m_State = HEAD;
     EWait m_Wait = FOR_NOBODY;

@@ -37,10 +37,10 @@ CmResult CHttpServerConnection::SendAll(CCmMessageBlock& aBody) {
         if (!m_bBlocked && !m_bBroken)
             OnSent_i(m_Output.SendWith(*m_pTransport, &aBody));
         if (aBody.GetChainedLength() > 0) {
-            CCmMessageBlock* pRest = aBody.DuplicateChained();
+            CCmChainPtr pRest(aBody.DuplicateChained());
             if (!pRest)
                 return CM_ERROR_OUT_OF_MEMORY;
-            m_Output.AppendChain(pRest);
+            m_Output.AppendChain(std::move(pRest));
         }
     }
     aBody.AdvanceChainedReadPtr(aBody.GetChainedLength());
@@ -76,8 +76,8 @@ CmResult CHttpServerConnection::SendChunk(const CCmMessageBlock& aData, DWORD aL
         m_Output.GetText().append(szSize, static_cast<size_t>(pEnd - szSize)).append("\r\n");
         if (IsGathered_i(aLength)) {
             AppendCopy_i(aData);
-        } else if (CCmMessageBlock* pCopy = aData.DuplicateChained()) {
-            m_Output.AppendChain(pCopy);
+        } else if (CCmChainPtr pCopy{aData.DuplicateChained()}) {
+            m_Output.AppendChain(std::move(pCopy));
         } else {
             return CM_ERROR_OUT_OF_MEMORY;
         }
@@ -110,7 +110,7 @@ void CHttpServerConnection::Settle_i() {
     if (m_State == ENDED)
         return;
     if (m_State == CLOSING) {
-        DropHeld_i();
+        m_Held.Clear();
         if (m_Output.IsEmpty() && !m_bEndSent) {
             BOOL bEnd = m_bEndSent = TRUE;
             if (m_pTransport->SetOption(CM_OPT_TRANSPORT_END_SENDING, &bEnd) != CM_OK)
@@ -119,7 +119,7 @@ void CHttpServerConnection::Settle_i() {
     }
     if (m_bBroken || IsStarved_i())
         return Kick_i();
-    PauseReading_i(m_State != CLOSING && m_pHeld && m_pHeld->GetChainedLength() >= MOST_HELD);
+    PauseReading_i(m_State != CLOSING && m_Held.GetLength() >= MOST_HELD);
     SetWait_i(GetWait_i());
 }
 
@@ -128,8 +128,8 @@ BOOL CHttpServerConnection::IsStarved_i() const {
     if (!m_bPeerEnded || m_bBlocked)
         return FALSE;
     if (m_State == BODY && !IsAnswered_i() && !m_pChannel->GetServerSink())
-        return !IsBodyWhole_i(m_pHeld);
-    if (m_pHeld)
+        return !IsBodyWhole_i(m_Held.GetHead());
+    if (!m_Held.IsEmpty())
         return FALSE;
     switch (m_State) {
     case HEAD:

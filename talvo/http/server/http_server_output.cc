@@ -1,7 +1,5 @@
 #include "talvo/http/server/http_server_output.h"
 
-#include <utility>
-
 namespace talvo {
 
 namespace {
@@ -11,24 +9,17 @@ constexpr size_t KEPT_CAPACITY = 16384;  // of the text, between answers
 }  // namespace
 
 CmResult CHttpServerOutput::Append(std::string_view aText) {
-    if (!m_pChain) {
+    if (m_Chain.IsEmpty()) {
         m_strText += aText;
         return CM_OK;
     }
     const DWORD dwLength = static_cast<DWORD>(aText.size());
     const CCmMessageBlock view(dwLength, aText.data(), CCmMessageBlock::DONT_DELETE, dwLength);
-    CCmMessageBlock* pBlock = view.DuplicateTopLevel();
+    CCmChainPtr pBlock(view.DuplicateTopLevel());
     if (!pBlock)
         return CM_ERROR_OUT_OF_MEMORY;
-    m_pChain->Append(pBlock);
+    m_Chain.Append(std::move(pBlock));
     return CM_OK;
-}
-
-void CHttpServerOutput::AppendChain(CCmMessageBlock* aChain) {
-    if (m_pChain)
-        m_pChain->Append(aChain);
-    else
-        m_pChain = aChain;
 }
 
 CmResult CHttpServerOutput::SendWith(ICmTransport& aTransport, CCmMessageBlock* aBody) {
@@ -43,16 +34,14 @@ CmResult CHttpServerOutput::SendWith(ICmTransport& aTransport, CCmMessageBlock* 
             CCmString().swap(m_strText);
         m_strText.clear();
     }
-    if (m_pChain)
-        m_pChain = m_pChain->ReclaimGarbage();
+    m_Chain.DropRead();
     return rv;
 }
 
 void CHttpServerOutput::Clear() {
     m_strText.clear();
     m_stSent = 0;
-    if (CCmMessageBlock* pChain = std::exchange(m_pChain, nullptr))
-        pChain->DestroyChained();
+    m_Chain.Clear();
 }
 
 }  // namespace talvo

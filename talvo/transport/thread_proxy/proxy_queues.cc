@@ -11,23 +11,17 @@ using Guard = CCmMutexGuardT<CCmMutexThread>;
 
 constexpr uint64_t HURRY_STEP = 32 * 1024;  // bytes: enough to pay for a wake-up, too little to be late
 
-// What is to be taken over: null, and TRUE, when a copy will do. FALSE: memory ran out.
-BOOL DuplicateUnlessSmall(const CCmMessageBlock& aData, DWORD aLength, BOOL aMayCopy, CCmMessageBlock*& aChain) {
-    aChain = nullptr;
+// aChain (out): a duplicate of aData; null, and TRUE, when a copy will do. FALSE: memory ran out.
+BOOL DuplicateUnlessSmall(const CCmMessageBlock& aData, DWORD aLength, BOOL aMayCopy, CCmChainPtr& aChain) {
     if (aMayCopy && aLength <= CMessageList::MAX_COPIED)
         return TRUE;
-    aChain = aData.DuplicateChained();
-    return aChain != nullptr;
+    aChain.reset(aData.DuplicateChained());
+    return bool{aChain};
 }
 
 // FALSE: memory ran out, and aChain is gone.
-BOOL AddTo(CMessageList& aList, CCmMessageBlock* aChain, const CCmMessageBlock& aData, DWORD aLength) {
-    if (!aChain)
-        return aList.AddCopy(aData, aLength);
-    if (aList.Add(aChain))
-        return TRUE;
-    aChain->DestroyChained();
-    return FALSE;
+BOOL AddTo(CMessageList& aList, CCmChainPtr aChain, const CCmMessageBlock& aData, DWORD aLength) {
+    return aChain ? aList.Add(std::move(aChain)) : aList.AddCopy(aData, aLength);
 }
 
 }  // namespace
@@ -58,18 +52,16 @@ DWORD CProxySendQueue::GetLimit() {
 
 CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aTell,
                                BOOL& aHurry) {
-    CCmMessageBlock* pChain = nullptr;
+    CCmChainPtr pChain;
     if (!DuplicateUnlessSmall(aData, aLength, aMayCopy, pChain))
         return CM_ERROR_OUT_OF_MEMORY;
     const DWORD dwBlocks = pChain ? CountBlocks(*pChain) : 0;
     Guard guard(m_Mutex);
     if (m_bClosed || m_ullWaiting > m_Limit.Get() || m_ullBlocks > GetMostBlocks_l()) {
         m_bRefused = TRUE;
-        if (pChain)
-            pChain->DestroyChained();
         return m_bClosed ? CM_ERROR_NULL_POINTER : CM_ERROR_PARTIAL_DATA;
     }
-    if (!AddTo(m_Messages, pChain, aData, aLength))
+    if (!AddTo(m_Messages, std::move(pChain), aData, aLength))
         return CM_ERROR_OUT_OF_MEMORY;
     m_ullWaiting += aCost;
     m_ullBlocks += dwBlocks;
@@ -125,11 +117,11 @@ DWORD CProxyReceiveQueue::GetLimit() {
 }
 
 CmResult CProxyReceiveQueue::Push(const CCmMessageBlock& aChunk, DWORD aLength, BOOL aMayCopy, BOOL& aStop) {
-    CCmMessageBlock* pChain = nullptr;
+    CCmChainPtr pChain;
     if (!DuplicateUnlessSmall(aChunk, aLength, aMayCopy, pChain))
         return CM_ERROR_OUT_OF_MEMORY;
     Guard guard(m_Mutex);
-    if (!AddTo(m_Chunks, pChain, aChunk, aLength))
+    if (!AddTo(m_Chunks, std::move(pChain), aChunk, aLength))
         return CM_ERROR_OUT_OF_MEMORY;
     m_ullWaiting += uint64_t{aLength} + CHUNK_COST;
     aStop = !m_bStopped && m_ullWaiting > m_Limit.Get();

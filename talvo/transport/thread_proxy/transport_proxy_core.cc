@@ -26,16 +26,6 @@ constexpr const char* CUT_OFF = "not all was sent when the time was over";
 constexpr const char* OUT_OF_MEMORY = "out of memory";
 constexpr long LINGER_LOOK_USEC = 10000;  // between two looks whether the peer has everything
 
-// The last block of a chain, and how many there are.
-std::pair<CCmMessageBlock*, DWORD> EndOf(CCmMessageBlock* aChain) {
-    DWORD dwBlocks = 1;
-    while (aChain->GetNext()) {
-        aChain = aChain->GetNext();
-        ++dwBlocks;
-    }
-    return {aChain, dwBlocks};
-}
-
 }  // namespace
 
 CTransportProxyCore::CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType)
@@ -189,13 +179,13 @@ void CTransportProxyCore::EndSending_i() {
 
 // CM_OK: all that waited here has gone. Otherwise OnSend or OnDisconnect follows, or the latter has been already.
 CmResult CTransportProxyCore::SendWaiting_i() {
-    if (!m_pUnsent && m_Sending.IsEmpty())
+    if (m_Unsent.IsEmpty() && m_Sending.IsEmpty())
         TakeBatch_i();
     const BOOL bCork = m_bProtocol && m_Sending.HasSeveral();
     if (bCork)
         Cork_i(TRUE);
     CmResult rv = CM_OK;
-    while (rv == CM_OK && m_pTransport && (m_pUnsent || !m_Sending.IsEmpty())) {
+    while (rv == CM_OK && m_pTransport && (!m_Unsent.IsEmpty() || !m_Sending.IsEmpty())) {
         rv = m_bStream ? SendJoined_i() : SendMessage_i();
         if (m_ullGone >= TELL_SENT_STEP)
             TellSent_i();
@@ -209,29 +199,25 @@ CmResult CTransportProxyCore::SendWaiting_i() {
 BOOL CTransportProxyCore::TakeBatch_i() { return m_SendQueue.Take(m_Sending); }
 
 // On a stream everything that waits is joined, as far as one call of the transport takes it.
-CCmMessageBlock* CTransportProxyCore::JoinWaiting_i() {
-    CCmMessageBlock* pHead = m_Sending.TakeChain();
-    auto [pTail, dwBlocks] = EndOf(pHead);
+void CTransportProxyCore::JoinWaiting_i() {
+    m_dwUnsentBlocks = 0;
     while (!m_Sending.IsEmpty()) {
-        const auto [pNextTail, dwNextBlocks] = EndOf(&m_Sending.Front());
-        if (dwBlocks + dwNextBlocks > CNetworkBuffers::MAX_PIECES)
+        const DWORD dwBlocks = CountBlocks(m_Sending.Front());
+        if (m_dwUnsentBlocks > 0 && m_dwUnsentBlocks + dwBlocks > CNetworkBuffers::MAX_PIECES)
             break;
-        pTail->Append(m_Sending.TakeChain());
-        pTail = pNextTail;
-        dwBlocks += dwNextBlocks;
+        m_Unsent.Append(m_Sending.TakeChain());
+        m_dwUnsentBlocks += dwBlocks;
     }
-    m_dwUnsentBlocks = dwBlocks;
-    return pHead;
 }
 
 CmResult CTransportProxyCore::SendJoined_i() {
-    if (!m_pUnsent)
-        m_pUnsent = JoinWaiting_i();
+    if (m_Unsent.IsEmpty())
+        JoinWaiting_i();
     CCmTransportParameter para;
-    const CmResult rv = m_pTransport->SendData(*m_pUnsent, &para);
+    const CmResult rv = m_pTransport->SendData(*m_Unsent.GetHead(), &para);
     m_ullGone += para.m_dwHaveSent;
-    m_pUnsent = m_pUnsent->ReclaimGarbage();
-    if (!m_pUnsent)
+    m_Unsent.DropRead();
+    if (m_Unsent.IsEmpty())
         m_dwGoneBlocks += m_dwUnsentBlocks;
     return rv;
 }
@@ -414,8 +400,7 @@ void CTransportProxyCore::LetGo_i(CmResult aReason) {
 }
 
 void CTransportProxyCore::ForgetUnsent_i() {
-    if (CCmMessageBlock* pUnsent = std::exchange(m_pUnsent, nullptr))
-        pUnsent->DestroyChained();
+    m_Unsent.Clear();
     m_Sending.Clear();
 }
 

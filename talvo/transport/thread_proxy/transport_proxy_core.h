@@ -3,6 +3,7 @@
 
 #include <atomic>
 
+#include "talvo/base/block_chain.h"
 #include "talvo/event/timer_queue.h"
 #include "talvo/transport/atomic_addr.h"
 #include "talvo/transport/network_buffers.h"
@@ -84,7 +85,7 @@ private:
     CmResult SendJoined_i();
     CmResult SendMessage_i();
     BOOL IsDropped_i(CmResult aResult) const;
-    CCmMessageBlock* JoinWaiting_i();
+    void JoinWaiting_i();
     void ForgetUnsent_i();
     void Cork_i(BOOL aCork);
     void TellSent_i();
@@ -147,10 +148,10 @@ private:
     // Network thread only.
     CCmRefPtrT<ICmTransport> m_pTransport;
     CMessageList m_Sending;
-    CCmMessageBlock* m_pUnsent = nullptr;  // owned; on a stream, what is joined and not sent yet
-    DWORD m_dwUnsentBlocks = 0;            // of m_pUnsent when it was joined
-    uint64_t m_ullGone = 0;                // bytes; what the send queue does not know yet to have gone
-    DWORD m_dwGoneBlocks = 0;              // likewise
+    CBlockChain m_Unsent;        // on a stream, what is joined and not sent yet
+    DWORD m_dwUnsentBlocks = 0;  // of m_Unsent when it was joined
+    uint64_t m_ullGone = 0;      // bytes; what the send queue does not know yet to have gone
+    DWORD m_dwGoneBlocks = 0;    // likewise
     BOOL m_bTellPosted = FALSE;
     BOOL m_bDraining = FALSE;
     BOOL m_bRoomMeanwhile = FALSE;  // an OnSend came while draining

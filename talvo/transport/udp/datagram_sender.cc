@@ -39,10 +39,10 @@ CmResult CDatagramSender::Add(const CCmMessageBlock& aData, const sockaddr_in* a
     if (m_bFull)
         return CM_ERROR_PARTIAL_DATA;
     CDatagram datagram{aTo ? *aTo : sockaddr_in{}, aTo == nullptr, m_Pieces.size(), 0, nullptr};
-    if (AddPieces(datagram, aData) && WithMemory([&] { m_Datagrams.push_back(datagram); }))
+    const size_t stPieces = m_Pieces.size();
+    if (AddPieces(datagram, aData) && WithMemory([&] { m_Datagrams.push_back(std::move(datagram)); }))
         return CM_OK;
-    DestroyKept(datagram);
-    m_Pieces.resize(datagram.m_stPiece);
+    m_Pieces.resize(stPieces);
     return CM_ERROR_OUT_OF_MEMORY;
 }
 
@@ -62,18 +62,13 @@ BOOL CDatagramSender::AddPieces(CDatagram& aDatagram, const CCmMessageBlock& aDa
 
 // Moves aPiece, which aBlock shows, into a duplicate of the datagram's own.
 BOOL CDatagramSender::Keep(CDatagram& aDatagram, const CCmMessageBlock& aBlock, iovec& aPiece) {
-    CCmMessageBlock* pKept = aBlock.DuplicateTopLevel();
+    CCmChainPtr pKept(aBlock.DuplicateTopLevel());
     if (!pKept)
         return FALSE;
-    pKept->Append(aDatagram.m_pKept);
-    aDatagram.m_pKept = pKept;
     aPiece.iov_base = const_cast<char*>(pKept->GetTopLevelReadPtr());  // sending does not write to it
+    pKept->Append(aDatagram.m_pKept.release());
+    aDatagram.m_pKept = std::move(pKept);
     return TRUE;
-}
-
-void CDatagramSender::DestroyKept(CDatagram& aDatagram) {
-    if (CCmMessageBlock* pKept = std::exchange(aDatagram.m_pKept, nullptr))
-        pKept->DestroyChained();
 }
 
 int CDatagramSender::Flush(HANDLE aFd) {
@@ -130,11 +125,9 @@ int CDatagramSender::SendOne(HANDLE aFd, const CDatagram& aDatagram) const {
 void CDatagramSender::KeepRest() {
     const auto first = m_Datagrams.begin() + static_cast<std::ptrdiff_t>(m_stGone);
     const auto end = std::remove_if(first, m_Datagrams.end(), [this](CDatagram& aDatagram) {
-        if (KeepLent(aDatagram))
-            return false;
-        DestroyKept(aDatagram);
-        ++m_ullLost;
-        return true;
+        const BOOL bKept = KeepLent(aDatagram);
+        m_ullLost += bKept ? 0 : 1;
+        return !bKept;
     });
     m_Datagrams.erase(end, m_Datagrams.end());
 }
@@ -153,8 +146,6 @@ BOOL CDatagramSender::KeepLent(CDatagram& aDatagram) {
 }
 
 void CDatagramSender::Clear() {
-    for (CDatagram& datagram : m_Datagrams)
-        DestroyKept(datagram);
     m_Datagrams.clear();
     m_Pieces.clear();
     m_stGone = 0;

@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "talvo/base/message_block.h"
+#include "talvo/base/chain_ptr.h"
 
 namespace talvo {
 
@@ -22,7 +22,6 @@ CmResult CheckDatagram(const CCmMessageBlock& aData, DWORD& aLength);
 class TALVO_API CDatagramSender {
 public:
     CDatagramSender() = default;
-    ~CDatagramSender() { Clear(); }
     CDatagramSender(const CDatagramSender&) = delete;
     CDatagramSender& operator=(const CDatagramSender&) = delete;
 
@@ -51,7 +50,7 @@ private:
         BOOL m_bConnected;
         size_t m_stPiece;  // first of its pieces
         size_t m_stPieces;
-        CCmMessageBlock* m_pKept;  // owned, in no order; what its pieces lie in, apart from lent memory
+        CCmChainPtr m_pKept;  // in no order; what its pieces lie in, apart from lent memory
     };
 
     BOOL IsLent(const void* aByte) const { return aByte >= m_pLentBegin && aByte < m_pLentEnd; }
@@ -61,7 +60,6 @@ private:
     void KeepRest();
     BOOL KeepLent(CDatagram& aDatagram);
     static BOOL Keep(CDatagram& aDatagram, const CCmMessageBlock& aBlock, iovec& aPiece);
-    static void DestroyKept(CDatagram& aDatagram);
 
     std::vector<CDatagram> m_Datagrams;
     std::vector<iovec> m_Pieces;

@@ -54,7 +54,7 @@ CmResult CCmTransportUdp::Open_t() {
 
 CmResult CCmTransportUdp::Close_t(CmResult) {
     while (m_dwKept > 0)
-        TakeFirstKept()->DestroyChained();
+        TakeFirstKept();
     if (std::exchange(m_bDeliverDue, FALSE) && ICmReactor::IsAlive(m_pReactor))
         m_pReactor->CancelTimer(this);
     if (m_pOwnPort)
@@ -108,9 +108,8 @@ void CCmTransportUdp::Take(CCmMessageBlock& aData) {
 
 void CCmTransportUdp::DeliverKept() {
     while (m_dwKept > 0 && CanDeliver()) {
-        CCmMessageBlock* pFirst = TakeFirstKept();
+        const CCmChainPtr pFirst = TakeFirstKept();
         m_pSink->OnReceive(*pFirst, this, nullptr);
-        pFirst->DestroyChained();
     }
 }
 
@@ -118,19 +117,17 @@ void CCmTransportUdp::Keep(const CCmMessageBlock& aData) {
     const DWORD dwCost = CostOf(aData);
     if (m_pHub && (m_dwKept >= MAX_KEPT || !m_pHub->Keep(dwCost)))
         return;
-    CCmMessageBlock* pKept = aData.DuplicateChained();
-    if (pKept && m_Kept.Add(pKept)) {
+    CCmChainPtr pKept(aData.DuplicateChained());
+    if (pKept && m_Kept.Add(std::move(pKept))) {
         ++m_dwKept;
         return;
     }
-    if (pKept)
-        pKept->DestroyChained();
     if (m_pHub)
         m_pHub->GiveBack(dwCost);
 }
 
-CCmMessageBlock* CCmTransportUdp::TakeFirstKept() {
-    CCmMessageBlock* pFirst = m_Kept.TakeChain();
+CCmChainPtr CCmTransportUdp::TakeFirstKept() {
+    CCmChainPtr pFirst = m_Kept.TakeChain();
     --m_dwKept;
     if (m_pHub)
         m_pHub->GiveBack(CostOf(*pFirst));

@@ -73,7 +73,7 @@ private:
     void DeliverKept();
     void DeliverLater();
     void Keep(const CCmMessageBlock& aData);
-    CCmMessageBlock* TakeFirstKept();
+    CCmChainPtr TakeFirstKept();
     CmResult PauseReading_i(BOOL aPause);
     CmResult Detach_i(HANDLE aNewHandle);
 

@@ -1,0 +1,44 @@
+// A chain of message blocks that grows at its end.
+#pragma once
+
+#include <utility>
+
+#include "talvo/base/chain_ptr.h"
+#include "talvo/base/export.h"
+#include "talvo/base/types.h"
+
+namespace talvo {
+
+// A new block of its own, with room for aSize bytes; null: memory ran out.
+TALVO_API CCmChainPtr NewBlock(DWORD aSize);
+
+// Bytes that wait: for room in a transport, or for the rest of a message. Owns its blocks, all of them DUPLICATED, and drops
+// those that have been read. Adding takes constant time for each block. Used by one thread at a time.
+class TALVO_API CBlockChain {
+public:
+    CBlockChain() = default;
+    explicit CBlockChain(CCmChainPtr aChain) { Append(std::move(aChain)); }
+    CBlockChain(CBlockChain&& aRight) noexcept : CBlockChain(aRight.Take()) {}
+    CBlockChain& operator=(CBlockChain&& aRight) noexcept;
+
+    BOOL IsEmpty() const { return !m_pHead; }
+    // Null when it is empty. Owned by this object; the caller may read and write, but not free.
+    CCmMessageBlock* GetHead() const { return m_pHead.get(); }
+    CCmMessageBlock* GetTail() const { return m_pTail; }
+    DWORD GetLength() const { return m_pHead ? m_pHead->GetChainedLength() : 0; }
+
+    // Null adds nothing.
+    void Append(CCmChainPtr aChain);
+    // Cuts the chain behind aCount unread bytes and returns the second part; null: there is none, or memory ran out.
+    CCmChainPtr Cut(DWORD aCount);
+    // Drops blocks without unread bytes from the front.
+    void DropRead();
+    CCmChainPtr Take();
+    void Clear() { Take(); }
+
+private:
+    CCmChainPtr m_pHead;
+    CCmMessageBlock* m_pTail = nullptr;  // the last block
+};
+
+}  // namespace talvo
