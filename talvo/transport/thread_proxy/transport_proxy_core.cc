@@ -15,8 +15,6 @@ namespace {
 
 CCmLiveCounter s_Live("CCmTransportThreadProxy");
 
-constexpr DWORD STREAM_TYPE_MASK = 0xFFF0FFFF;  // base type and protocol, without the thread flags
-constexpr DWORD PROTOCOL_MASK = 0xFFF00000;
 constexpr DWORD TELL_SENT_STEP = 64 * 1024;  // bytes: a lock for each message would be dear, and the whole batch a long wait
 constexpr uint64_t LOOK_STEP = 1 << 20;      // bytes between two looks at the socket's buffers
 constexpr DWORD TYPE_FLAG_HIGH = 0x20000;
@@ -29,12 +27,7 @@ constexpr long LINGER_LOOK_USEC = 10000;  // between two looks whether the peer 
 }  // namespace
 
 CTransportProxyCore::CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType)
-    : CProxyCore(aUser, aNetwork),
-      m_dwType(aType),
-      m_bStream((aType & STREAM_TYPE_MASK) == CM_TRANSPORT_TYPE_TCP),
-      m_bDatagrams((aType & STREAM_TYPE_MASK) == CM_TRANSPORT_TYPE_UDP),
-      m_bProtocol((aType & PROTOCOL_MASK) != 0),
-      m_pTransport(aTransport) {
+    : CProxyCore(aUser, aNetwork), m_dwType(aType), m_Lane(aType), m_pTransport(aTransport) {
     ++s_Live;
 }
 
@@ -49,14 +42,11 @@ void CTransportProxyCore::Start(ICmTransport* aProxy) {
         LostHere_i(CM_ERROR_NETWORK_SOCKET_CLOSE, THREAD_ENDED);
         return;
     }
-    if (m_bStream) {
+    if (m_Lane->IsStream())
         AskForLargeReads(*m_pTransport);
-        ReadReadSize_i();
-    }
-    if (!m_bProtocol)
-        return;
-    ReadMaxMessage_i();
-    Open_i();
+    m_Lane->ReadOptions(*m_pTransport);
+    if (m_Lane->IsMessages())
+        Open_i();
 }
 
 void CTransportProxyCore::ReadAddresses_i() {
@@ -68,12 +58,6 @@ void CTransportProxyCore::ReadAddresses_i() {
     DWORD dwType = 0;
     if (m_pTransport->GetOption(CM_OPT_TRANSPORT_TRAN_TYPE, &dwType) == CM_OK)
         m_dwTransportType = dwType | (m_dwType & TYPE_FLAG_HIGH ? TYPE_FLAG_HIGH : m_dwType & TYPE_FLAG_LOW);
-}
-
-void CTransportProxyCore::ReadReadSize_i() {
-    DWORD dwSize = 0;
-    if (m_pTransport && m_pTransport->GetOption(CM_OPT_TRANSPORT_READ_SIZE, &dwSize) == CM_OK)
-        m_dwReadSize = dwSize;
 }
 
 // Looks from time to time how large the system has made the socket's buffers, half of which is payload: a queue that holds less
@@ -104,8 +88,8 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
         return;
     BOOL bStop = FALSE;
     const DWORD dwLength = aData.GetChainedLength();
-    const CmResult rv = m_ReceiveQueue.Push(aData, dwLength, m_bProtocol, bStop);
-    if (rv != CM_OK && m_bDatagrams)
+    const CmResult rv = m_ReceiveQueue.Push(aData, dwLength, m_Lane->IsMessages(), bStop);
+    if (rv != CM_OK && m_Lane->IsDatagrams())
         return;
     if (rv != CM_OK) {
         LostHere_i(rv, OUT_OF_MEMORY);  // a stream with a hole in it would be worse
@@ -114,8 +98,8 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
     Moved_i(dwLength);
     if (bStop)
         ApplyReading_i();
-    if (m_bStream && dwLength < m_dwReadSize)
-        Tell_i();  // the last one of its report
+    if (m_Lane->EndsReport(dwLength))
+        Tell_i();
     else if (!m_bUpcallPosted && !std::exchange(m_bTellPosted, TRUE))
         m_TellEvent.Post(GetNetwork());
 }
@@ -130,7 +114,7 @@ void CTransportProxyCore::TellReceived_i() {
 void CTransportProxyCore::Tell_i() {
     if (PostUpcall_i() == CM_OK || !m_pTransport)
         return;
-    m_bClosed = TRUE;  // the user's thread has ended
+    Advance_i(ELife::CLOSED);  // the user's thread has ended
     EndWith_i(CM_OK);
 }
 
@@ -157,10 +141,10 @@ void CTransportProxyCore::Drain() {
     const CmResult rv = SendWaiting_i();
     m_bDraining = FALSE;
     if (!m_pTransport) {
-        ForgetUnsent_i();
+        m_Batch.Clear();
         return;
     }
-    if (m_bProtocol && rv == CM_ERROR_OUT_OF_MEMORY)
+    if (m_Lane->IsMessages() && rv == CM_ERROR_OUT_OF_MEMORY)
         LostHere_i(rv, OUT_OF_MEMORY);  // no OnSend would follow
     else if (rv == CM_OK ? TakeBatch_i() : m_bRoomMeanwhile)
         m_DrainEvent.Post(GetNetwork());
@@ -179,15 +163,15 @@ void CTransportProxyCore::EndSending_i() {
 
 // CM_OK: all that waited here has gone. Otherwise OnSend or OnDisconnect follows, or the latter has been already.
 CmResult CTransportProxyCore::SendWaiting_i() {
-    if (m_Unsent.IsEmpty() && m_Sending.IsEmpty())
+    if (m_Batch.IsEmpty())
         TakeBatch_i();
-    const BOOL bCork = m_bProtocol && m_Sending.HasSeveral();
+    const BOOL bCork = m_Lane->IsMessages() && m_Batch.m_Waiting.HasSeveral();
     if (bCork)
         Cork_i(TRUE);
     CmResult rv = CM_OK;
-    while (rv == CM_OK && m_pTransport && (!m_Unsent.IsEmpty() || !m_Sending.IsEmpty())) {
-        rv = m_bStream ? SendJoined_i() : SendMessage_i();
-        if (m_ullGone >= TELL_SENT_STEP)
+    while (rv == CM_OK && m_pTransport && !m_Batch.IsEmpty()) {
+        rv = m_Lane->SendNext(*m_pTransport, m_Batch);
+        if (m_Batch.m_ullGone >= TELL_SENT_STEP)
             TellSent_i();
     }
     if (bCork)
@@ -196,58 +180,7 @@ CmResult CTransportProxyCore::SendWaiting_i() {
     return rv;
 }
 
-BOOL CTransportProxyCore::TakeBatch_i() { return m_SendQueue.Take(m_Sending); }
-
-// On a stream everything that waits is joined, as far as one call of the transport takes it.
-void CTransportProxyCore::JoinWaiting_i() {
-    m_dwUnsentBlocks = 0;
-    while (!m_Sending.IsEmpty()) {
-        const DWORD dwBlocks = CountBlocks(m_Sending.Front());
-        if (m_dwUnsentBlocks > 0 && m_dwUnsentBlocks + dwBlocks > CNetworkBuffers::MAX_PIECES)
-            break;
-        m_Unsent.Append(m_Sending.TakeChain());
-        m_dwUnsentBlocks += dwBlocks;
-    }
-}
-
-CmResult CTransportProxyCore::SendJoined_i() {
-    if (m_Unsent.IsEmpty())
-        JoinWaiting_i();
-    CCmTransportParameter para;
-    const CmResult rv = m_pTransport->SendData(*m_Unsent.GetHead(), &para);
-    m_ullGone += para.m_dwHaveSent;
-    m_Unsent.DropRead();
-    if (m_Unsent.IsEmpty())
-        m_dwGoneBlocks += m_dwUnsentBlocks;
-    return rv;
-}
-
-CmResult CTransportProxyCore::SendMessage_i() {
-    CCmMessageBlock& message = m_Sending.Front();
-    const DWORD dwLength = message.GetChainedLength();
-    const DWORD dwBlocks = m_Sending.IsFrontCopied() ? 0 : CountBlocks(message);
-    CCmTransportParameter para;
-    const CmResult rv = m_pTransport->SendData(message, &para);
-    if (rv != CM_OK && !IsDropped_i(rv)) {
-        if (!m_bDatagrams)
-            m_ullGone += dwLength - message.GetChainedLength();
-        return rv;
-    }
-    if (rv != CM_OK && m_bProtocol) {  // somebody has lowered a limit in the network thread
-        CM_ERROR_TRACE_THIS("CTransportProxyCore::SendMessage_i, message too long for the connection, lost. len=" << dwLength);
-    }
-    m_ullGone += CostOf_i(dwLength);
-    m_dwGoneBlocks += dwBlocks;
-    m_Sending.Pop();
-    return CM_OK;
-}
-
-// Whether a result says that this one can never go out, or is lost, and the next goes on.
-BOOL CTransportProxyCore::IsDropped_i(CmResult aResult) const {
-    if (m_bProtocol)
-        return aResult == CM_ERROR_INVALID_ARG;
-    return m_bDatagrams && aResult != CM_OK && aResult != CM_ERROR_PARTIAL_DATA;
-}
+BOOL CTransportProxyCore::TakeBatch_i() { return m_SendQueue.Take(m_Batch.m_Waiting); }
 
 void CTransportProxyCore::Cork_i(BOOL aCork) {
     if (m_pTransport)
@@ -255,20 +188,13 @@ void CTransportProxyCore::Cork_i(BOOL aCork) {
 }
 
 void CTransportProxyCore::TellSent_i() {
-    if (m_ullGone == 0)
+    if (m_Batch.m_ullGone == 0)
         return;
-    Moved_i(m_ullGone);
-    if (!m_SendQueue.Sent(std::exchange(m_ullGone, 0), std::exchange(m_dwGoneBlocks, 0)))
+    Moved_i(m_Batch.m_ullGone);
+    if (!m_SendQueue.Sent(std::exchange(m_Batch.m_ullGone, 0), std::exchange(m_Batch.m_dwGoneBlocks, 0)))
         return;
     m_bOnSendDue = TRUE;
     PostUpcall_i();
-}
-
-// Whoever does not answer has no limit.
-void CTransportProxyCore::ReadMaxMessage_i() {
-    DWORD dwMax = 0;
-    const CmResult rv = m_pTransport->GetOption(CM_OPT_TRANSPORT_MAX_MESSAGE, &dwMax);
-    m_dwMaxMessage = rv == CM_OK ? dwMax : NO_LIMIT;
 }
 
 void CTransportProxyCore::ApplyReading_i() {
@@ -358,7 +284,7 @@ void CTransportProxyCore::AddUndrained(CCmUndrained& aLeft) {
 }
 
 void CTransportProxyCore::TellLost_i(CmResult aReason, const CCmFailure& aFailure) {
-    m_bClosed = TRUE;
+    Advance_i(ELife::CLOSED);
     if (m_bLost)
         return;
     m_LostReason = aReason;
@@ -394,14 +320,9 @@ void CTransportProxyCore::LetGo_i(CmResult aReason) {
     if (m_pLingerTimers)
         m_pLingerTimers->CancelTimer(this);
     if (!m_bDraining)  // what is just being sent stays until that has returned
-        ForgetUnsent_i();
+        m_Batch.Clear();
     pTransport->Disconnect(aReason);
     Leave_i();
-}
-
-void CTransportProxyCore::ForgetUnsent_i() {
-    m_Unsent.Clear();
-    m_Sending.Clear();
 }
 
 CmResult CTransportProxyCore::SetInnerOption_i(DWORD aCommand, void* aArg) {
@@ -409,10 +330,8 @@ CmResult CTransportProxyCore::SetInnerOption_i(DWORD aCommand, void* aArg) {
         return CM_ERROR_NULL_POINTER;
     const CCmRefPtrT<ICmTransport> pTransport = m_pTransport;
     const CmResult rv = pTransport->SetOption(aCommand, aArg);
-    if (m_bProtocol && m_pTransport)
-        ReadMaxMessage_i();
-    if (aCommand == CM_OPT_TRANSPORT_READ_SIZE)
-        ReadReadSize_i();
+    if (m_pTransport)
+        m_Lane->ReadOptions(*m_pTransport);
     return rv;
 }
 

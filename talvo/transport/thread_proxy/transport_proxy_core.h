@@ -3,11 +3,10 @@
 
 #include <atomic>
 
-#include "talvo/base/block_chain.h"
 #include "talvo/event/timer_queue.h"
 #include "talvo/transport/atomic_addr.h"
-#include "talvo/transport/network_buffers.h"
 #include "talvo/transport/thread_proxy/proxy_core.h"
+#include "talvo/transport/thread_proxy/proxy_lane.h"
 #include "talvo/transport/thread_proxy/proxy_queues.h"
 #include "talvo/transport/transport_interface.h"
 
@@ -23,9 +22,7 @@ namespace talvo {
 // Each direction has one event, which is posted when its queue gets something to do and nobody is on the way already: a burst
 // costs one wake-up. What is refused in the network thread, or by a full queue, is told with OnSend when half of it has gone.
 //
-// What a batch that was drained becomes depends on the connection type: a raw stream gets it joined, up to 64 pieces a call,
-// a raw flow of datagrams one by one, taken or lost whole, and a protocol connection one message a call, corked when there are
-// several. A protocol connection may do anything inside such a call, OnSend and OnDisconnect included.
+// A lane, one of three, says what a batch that was drained becomes: joined bytes, datagrams or messages.
 //
 // A protocol connection is opened in the network thread as soon as the proxy is made, since it delivers to nobody what arrives
 // without a sink. What comes, the end included, stays in the receive queue until the user has opened the proxy.
@@ -73,7 +70,6 @@ private:
     void PostApplyReading_i();
     // Network thread.
     void ReadAddresses_i();
-    void ReadReadSize_i();
     void Moved_i(uint64_t aBytes);
     void Open_i();
     void TellReceived_i();
@@ -82,14 +78,8 @@ private:
     void EndSending_i();
     CmResult SendWaiting_i();
     BOOL TakeBatch_i();
-    CmResult SendJoined_i();
-    CmResult SendMessage_i();
-    BOOL IsDropped_i(CmResult aResult) const;
-    void JoinWaiting_i();
-    void ForgetUnsent_i();
     void Cork_i(BOOL aCork);
     void TellSent_i();
-    void ReadMaxMessage_i();
     void ApplyReading_i();
     void ApplyReadingAnew_i();
     void Disconnect_i() { EndWith_i(m_DisconnectReason); }
@@ -104,23 +94,23 @@ private:
     void LetGo_i(CmResult aReason);
     CmResult SetInnerOption_i(DWORD aCommand, void* aArg);
     CmResult GetInnerOption_i(DWORD aCommand, void* aArg);
-    // What the queues count for a chain of so many bytes: an empty datagram takes room too.
-    DWORD CostOf_i(DWORD aLength) const { return m_bDatagrams ? aLength + DATAGRAM_OVERHEAD : aLength; }
 
-    static constexpr DWORD DATAGRAM_OVERHEAD = 128;
-    static constexpr DWORD NO_LIMIT = 0xFFFFFFFF;
+    // How far the end has come, seen by both threads. It never goes back.
+    enum class ELife {
+        ALIVE,
+        SENDING_ENDED,  // by option 147: nothing more can be sent
+        CLOSED,         // the connection is lost, or the user's thread is
+        OVER            // nothing more is told: the user has disconnected or knows of the end
+    };
+    // Moves on, unless it has come so far already; what it was before.
+    ELife Advance_i(ELife aLife);
 
     const DWORD m_dwType;
-    const BOOL m_bStream;     // raw
-    const BOOL m_bDatagrams;  // raw
-    const BOOL m_bProtocol;
+    CProxyLaneOf m_Lane;
     ICmTransport* m_pProxy = nullptr;  // the handle, for upcalls: alive while there is a sink
 
     std::atomic<ICmTransportSink*> m_pSink{nullptr};  // not owned; the user's
-    std::atomic<BOOL> m_bClosed{FALSE};               // nothing can be sent any more
-    std::atomic<BOOL> m_bEndAsked{FALSE};             // nor after option 147
-    std::atomic<BOOL> m_bOver{FALSE};                 // nothing more is told: the user has disconnected or knows of the end
-    std::atomic<DWORD> m_dwMaxMessage{NO_LIMIT};      // what the connection said last
+    std::atomic<ELife> m_Life{ELife::ALIVE};
     std::atomic<BOOL> m_bPausedByUser{FALSE};
     std::atomic<BOOL> m_bOnSendDue{FALSE};
     std::atomic<BOOL> m_bLost{FALSE};  // m_LostReason is to be told, after all data
@@ -147,19 +137,14 @@ private:
 
     // Network thread only.
     CCmRefPtrT<ICmTransport> m_pTransport;
-    CMessageList m_Sending;
-    CBlockChain m_Unsent;        // on a stream, what is joined and not sent yet
-    DWORD m_dwUnsentBlocks = 0;  // of m_Unsent when it was joined
-    uint64_t m_ullGone = 0;      // bytes; what the send queue does not know yet to have gone
-    DWORD m_dwGoneBlocks = 0;    // likewise
+    CProxyBatch m_Batch;
     BOOL m_bTellPosted = FALSE;
     BOOL m_bDraining = FALSE;
     BOOL m_bRoomMeanwhile = FALSE;  // an OnSend came while draining
     BOOL m_bOpened = FALSE;
-    DWORD m_dwReadSize = CNetworkBuffers::DEFAULT_READ;  // the transport's, on a raw stream
-    uint64_t m_ullMoved = 0;                             // bytes since the socket's buffers were looked at
-    BOOL m_bEndSending = FALSE;                          // behind what waits
-    BOOL m_bReadingPaused = FALSE;                       // as the transport was told
+    uint64_t m_ullMoved = 0;                   // bytes since the socket's buffers were looked at
+    BOOL m_bEndSending = FALSE;                // behind what waits
+    BOOL m_bReadingPaused = FALSE;             // as the transport was told
     ICmTimerQueue* m_pLingerTimers = nullptr;  // not owned; set when lingering: this thread's, which may be unregistered by now
     CCmTimeValue m_tvLingerEnd;
 };

@@ -1,18 +1,24 @@
 // The half of the transport proxy's core in the user's thread; the network's stands in transport_proxy_core.cc.
 #include "talvo/base/trace.h"
 #include "talvo/transport/thread_proxy/transport_proxy_core.h"
-#include "talvo/transport/udp/datagram_sender.h"
 
 namespace talvo {
+
+CTransportProxyCore::ELife CTransportProxyCore::Advance_i(ELife aLife) {
+    ELife life = m_Life;
+    while (life < aLife && !m_Life.compare_exchange_weak(life, aLife)) {
+    }
+    return life;
+}
 
 CmResult CTransportProxyCore::OpenWithSink(ICmTransportSink* aSink) {
     if (!aSink)
         return CM_ERROR_INVALID_ARG;
-    if (m_bProtocol ? m_bOver : m_bClosed)
+    if (m_Life >= (m_Lane->IsMessages() ? ELife::OVER : ELife::CLOSED))
         return CM_ERROR_NULL_POINTER;
     if (m_pSink.exchange(aSink))
         return CM_OK;
-    const CmResult rv = m_bProtocol  // open already, perhaps ended: for what has come
+    const CmResult rv = m_Lane->IsMessages()  // open already, perhaps ended: for what has come
                             ? PostUpcall_i()
                             : GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->Open_i(); });
     if (rv != CM_OK)
@@ -23,24 +29,21 @@ CmResult CTransportProxyCore::OpenWithSink(ICmTransportSink* aSink) {
 CmResult CTransportProxyCore::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
     if (aPara)
         aPara->m_dwHaveSent = 0;
-    if (m_bClosed)
+    const ELife life = m_Life;
+    if (life >= ELife::CLOSED)
         return CM_ERROR_NULL_POINTER;
-    DWORD dwLength = aData.GetChainedLength();
-    if (dwLength == 0 && !m_bDatagrams)
+    DWORD dwLength = 0;
+    const CmResult rvCheck = m_Lane->Check(aData, dwLength);
+    const DWORD dwCost = m_Lane->CostOf(dwLength);
+    if (rvCheck == CM_OK && dwCost == 0)
         return CM_OK;
-    if (m_bEndAsked)
+    if (life == ELife::SENDING_ENDED)
         return CM_ERROR_NETWORK_SOCKET_ERROR;
-    if (m_bDatagrams && CheckDatagram(aData, dwLength) != CM_OK)
-        return CM_ERROR_INVALID_ARG;
-    if (const DWORD dwMax = m_dwMaxMessage; dwLength > dwMax) {
-        CM_ERROR_TRACE_THIS("CCmTransportThreadProxy::SendData, message too long. len="
-                            << dwLength << " max=" << dwMax
-                            << ", raise it with the options 132 (send buffer) and 136 (message length)");
-        return CM_ERROR_INVALID_ARG;
-    }
+    if (rvCheck != CM_OK)
+        return rvCheck;
     BOOL bTell = FALSE;
     BOOL bHurry = FALSE;
-    CmResult rv = m_SendQueue.Push(aData, dwLength, CostOf_i(dwLength), m_bProtocol, bTell, bHurry);
+    CmResult rv = m_SendQueue.Push(aData, dwLength, dwCost, m_Lane->IsMessages(), bTell, bHurry);
     if (rv != CM_OK)
         return rv;
     if (bTell)
@@ -56,9 +59,9 @@ CmResult CTransportProxyCore::SendData(CCmMessageBlock& aData, CCmTransportParam
 }
 
 CmResult CTransportProxyCore::Disconnect(CmResult aReason) {
-    m_bOver = TRUE;
+    const ELife before = Advance_i(ELife::OVER);
     m_pSink = nullptr;
-    if (m_bClosed.exchange(TRUE))
+    if (before >= ELife::CLOSED)
         return CM_OK;
     m_DisconnectReason = aReason;
     m_DisconnectEvent.Post(GetNetwork());
@@ -82,15 +85,15 @@ CmResult CTransportProxyCore::SetOption(DWORD aCommand, void* aArg) {
         PauseReading_i(!!*static_cast<BOOL*>(aArg));
         return CM_OK;
     case CM_OPT_TRANSPORT_TELL_END:
-        if (!m_bStream)
+        if (!m_Lane->IsStream())
             return CM_ERROR_INVALID_ARG;
         return GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this), bTell = *static_cast<BOOL*>(aArg)]() mutable {
             pThis->SetInnerOption_i(CM_OPT_TRANSPORT_TELL_END, &bTell);
         });
     case CM_OPT_TRANSPORT_END_SENDING:
-        if (!m_bStream)
+        if (!m_Lane->IsStream())
             return CM_ERROR_INVALID_ARG;
-        m_bEndAsked = TRUE;
+        Advance_i(ELife::SENDING_ENDED);
         return GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->EndSending_i(); });
     default:
         return GetNetwork().Call(
@@ -160,7 +163,7 @@ void CTransportProxyCore::UpcallDropped() { m_bUpcallPosted = FALSE; }
 
 void CTransportProxyCore::Upcall() {
     m_bUpcallPosted = FALSE;
-    if (!m_pSink && !m_bOver)
+    if (!m_pSink && m_Life != ELife::OVER)
         return;                  // not opened yet: everything waits
     const BOOL bLost = m_bLost;  // looked at first: all data was queued before it was set
     const BOOL bAllDelivered = Deliver_i();
@@ -170,7 +173,7 @@ void CTransportProxyCore::Upcall() {
     }
     if (!bLost || !bAllDelivered || m_bPausedByUser)
         return;
-    m_bOver = TRUE;
+    Advance_i(ELife::OVER);
     if (ICmTransportSink* pSink = m_pSink.exchange(nullptr))
         pSink->OnDisconnect(m_LostReason, m_pProxy);
 }

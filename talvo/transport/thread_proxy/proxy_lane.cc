@@ -1,0 +1,121 @@
+#include "talvo/transport/thread_proxy/proxy_lane.h"
+
+#include "talvo/base/trace.h"
+#include "talvo/transport/thread_proxy/proxy_queues.h"
+#include "talvo/transport/udp/datagram_sender.h"
+
+namespace talvo {
+
+namespace {
+
+constexpr DWORD PROTOCOL_MASK = 0xFFF00000;
+constexpr DWORD BASE_TYPE_MASK = 0x0000FFFF;
+
+// As much as one call of the transport takes.
+void Join(CProxyBatch& aBatch) {
+    aBatch.m_dwJoinedBlocks = 0;
+    while (!aBatch.m_Waiting.IsEmpty()) {
+        const DWORD dwBlocks = CountBlocks(aBatch.m_Waiting.Front());
+        if (aBatch.m_dwJoinedBlocks > 0 && aBatch.m_dwJoinedBlocks + dwBlocks > CNetworkBuffers::MAX_PIECES)
+            break;
+        aBatch.m_Joined.Append(aBatch.m_Waiting.TakeChain());
+        aBatch.m_dwJoinedBlocks += dwBlocks;
+    }
+}
+
+}  // namespace
+
+void CProxyBatch::Pop(DWORD aCost, DWORD aBlocks) {
+    m_ullGone += aCost;
+    m_dwGoneBlocks += aBlocks;
+    m_Waiting.Pop();
+}
+
+void CProxyBatch::Clear() {
+    m_Joined.Clear();
+    m_Waiting.Clear();
+}
+
+CmResult CProxyLane::Check(const CCmMessageBlock& aData, DWORD& aLength) const {
+    aLength = aData.GetChainedLength();
+    return CM_OK;
+}
+
+void CStreamLane::ReadOptions(ICmTransport& aTransport) {
+    DWORD dwSize = 0;
+    if (aTransport.GetOption(CM_OPT_TRANSPORT_READ_SIZE, &dwSize) == CM_OK)
+        m_dwReadSize = dwSize;
+}
+
+CmResult CStreamLane::SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) {
+    if (aBatch.m_Joined.IsEmpty())
+        Join(aBatch);
+    CCmTransportParameter para;
+    const CmResult rv = aTransport.SendData(*aBatch.m_Joined.GetHead(), &para);
+    aBatch.m_ullGone += para.m_dwHaveSent;
+    aBatch.m_Joined.DropRead();
+    if (aBatch.m_Joined.IsEmpty())
+        aBatch.m_dwGoneBlocks += aBatch.m_dwJoinedBlocks;
+    return rv;
+}
+
+CmResult CDatagramLane::Check(const CCmMessageBlock& aData, DWORD& aLength) const { return CheckDatagram(aData, aLength); }
+
+// One that cannot go out is lost, and the next goes on.
+CmResult CDatagramLane::SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) {
+    CCmMessageBlock& datagram = aBatch.m_Waiting.Front();
+    const DWORD dwLength = datagram.GetChainedLength();
+    const DWORD dwBlocks = CountBlocks(datagram);
+    CCmTransportParameter para;
+    const CmResult rv = aTransport.SendData(datagram, &para);
+    if (rv == CM_ERROR_PARTIAL_DATA)
+        return rv;
+    aBatch.Pop(CostOf(dwLength), dwBlocks);
+    return CM_OK;
+}
+
+CmResult CMessageLane::Check(const CCmMessageBlock& aData, DWORD& aLength) const {
+    aLength = aData.GetChainedLength();
+    const DWORD dwMax = m_dwMaxMessage;
+    if (aLength <= dwMax)
+        return CM_OK;
+    CM_ERROR_TRACE_THIS("CCmTransportThreadProxy::SendData, message too long. len="
+                        << aLength << " max=" << dwMax
+                        << ", raise it with the options 132 (send buffer) and 136 (message length)");
+    return CM_ERROR_INVALID_ARG;
+}
+
+// A connection that does not support the option has no limit.
+void CMessageLane::ReadOptions(ICmTransport& aTransport) {
+    DWORD dwMax = 0;
+    const CmResult rv = aTransport.GetOption(CM_OPT_TRANSPORT_MAX_MESSAGE, &dwMax);
+    m_dwMaxMessage = rv == CM_OK ? dwMax : NO_LIMIT;
+}
+
+CmResult CMessageLane::SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) {
+    CCmMessageBlock& message = aBatch.m_Waiting.Front();
+    const DWORD dwLength = message.GetChainedLength();
+    const DWORD dwBlocks = aBatch.m_Waiting.IsFrontCopied() ? 0 : CountBlocks(message);
+    CCmTransportParameter para;
+    const CmResult rv = aTransport.SendData(message, &para);
+    if (rv != CM_OK && rv != CM_ERROR_INVALID_ARG) {
+        aBatch.m_ullGone += dwLength - message.GetChainedLength();
+        return rv;
+    }
+    if (rv != CM_OK)  // the limit was lowered in the network thread
+        CM_ERROR_TRACE_THIS("CTransportProxyCore::SendMessage_i, message too long for the connection, lost. len=" << dwLength);
+    aBatch.Pop(CostOf(dwLength), dwBlocks);
+    return CM_OK;
+}
+
+CProxyLaneOf::CProxyLaneOf(DWORD aType) : m_Lane(Make(aType)) {}
+
+CProxyLane& CProxyLaneOf::Make(DWORD aType) {
+    if ((aType & PROTOCOL_MASK) != 0)
+        return m_Lanes.emplace<CMessageLane>();
+    if ((aType & BASE_TYPE_MASK) == CM_TRANSPORT_TYPE_UDP)
+        return m_Lanes.emplace<CDatagramLane>();
+    return m_Lanes.emplace<CStreamLane>();
+}
+
+}  // namespace talvo

@@ -1,0 +1,117 @@
+// What a transport's thread proxy sends: bytes, datagrams or messages.
+#pragma once
+
+#include <atomic>
+#include <variant>
+
+#include "talvo/base/block_chain.h"
+#include "talvo/transport/message_list.h"
+#include "talvo/transport/network_buffers.h"
+#include "talvo/transport/transport_interface.h"
+
+namespace talvo {
+
+// What is on its way from the send queue to the transport. Network thread.
+struct CProxyBatch {
+    BOOL IsEmpty() const { return m_Joined.IsEmpty() && m_Waiting.IsEmpty(); }
+    // The first that waits has left, sent or lost.
+    void Pop(DWORD aCost, DWORD aBlocks);
+    void Clear();
+
+    CMessageList m_Waiting;
+    CBlockChain m_Joined;        // before that, on a stream
+    DWORD m_dwJoinedBlocks = 0;  // of m_Joined when it was joined
+    uint64_t m_ullGone = 0;      // what has left, as the send queue counts it and does not know yet
+    DWORD m_dwGoneBlocks = 0;    // likewise
+};
+
+// The rules of a kind of connection. The user's thread calls Check and CostOf, the network thread all else. Apart from the
+// batch, so that the threads do not contend for its memory.
+class CProxyLane {
+public:
+    enum EKind { STREAM, DATAGRAMS, MESSAGES };
+
+    virtual ~CProxyLane() = default;
+    CProxyLane(const CProxyLane&) = delete;
+    CProxyLane& operator=(const CProxyLane&) = delete;
+
+    BOOL IsStream() const { return m_Kind == STREAM; }
+    BOOL IsDatagrams() const { return m_Kind == DATAGRAMS; }
+    BOOL IsMessages() const { return m_Kind == MESSAGES; }
+
+    // aLength (out): bytes of aData. CM_ERROR_INVALID_ARG: it can never be sent.
+    virtual CmResult Check(const CCmMessageBlock& aData, DWORD& aLength) const;
+    // What the queues count for so many bytes; 0: there is nothing to send.
+    virtual DWORD CostOf(DWORD aLength) const { return aLength; }
+
+    // Reads those of the transport's options that matter here: at first, and after each change.
+    virtual void ReadOptions(ICmTransport&) {}
+    // A received chunk of so many bytes is the last of its report: the user is told at once.
+    virtual BOOL EndsReport(DWORD) const { return FALSE; }
+    // Sends a part of aBatch, which must not be empty. CM_OK: go on. Else the transport's result. The connection may end
+    // inside; aBatch stays until SendNext has returned.
+    virtual CmResult SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) = 0;
+
+protected:
+    explicit CProxyLane(EKind aKind) : m_Kind(aKind) {}
+
+private:
+    const EKind m_Kind;
+};
+
+// Raw bytes: what waits is joined, up to 64 pieces a call.
+class CStreamLane final : public CProxyLane {
+public:
+    CStreamLane() : CProxyLane(STREAM) {}
+
+    void ReadOptions(ICmTransport& aTransport) override;
+    BOOL EndsReport(DWORD aLength) const override { return aLength < m_dwReadSize; }
+    CmResult SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) override;
+
+private:
+    DWORD m_dwReadSize = CNetworkBuffers::DEFAULT_READ;  // the transport's
+};
+
+// Raw datagrams: one a call, taken or lost whole.
+class CDatagramLane final : public CProxyLane {
+public:
+    CDatagramLane() : CProxyLane(DATAGRAMS) {}
+
+    CmResult Check(const CCmMessageBlock& aData, DWORD& aLength) const override;
+    DWORD CostOf(DWORD aLength) const override { return aLength + OVERHEAD; }  // an empty one takes room too
+    CmResult SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) override;
+
+private:
+    static constexpr DWORD OVERHEAD = 128;
+};
+
+// A protocol connection's messages: one a call. It may do anything inside such a call.
+class CMessageLane final : public CProxyLane {
+public:
+    CMessageLane() : CProxyLane(MESSAGES) {}
+
+    CmResult Check(const CCmMessageBlock& aData, DWORD& aLength) const override;
+    void ReadOptions(ICmTransport& aTransport) override;
+    CmResult SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) override;
+
+private:
+    static constexpr DWORD NO_LIMIT = 0xFFFFFFFF;
+
+    std::atomic<DWORD> m_dwMaxMessage{NO_LIMIT};  // what the connection said last
+};
+
+// The one of the three that fits a connection type.
+class CProxyLaneOf {
+public:
+    explicit CProxyLaneOf(DWORD aType);
+    CProxyLane* operator->() { return &m_Lane; }
+    const CProxyLane* operator->() const { return &m_Lane; }
+
+private:
+    CProxyLane& Make(DWORD aType);
+
+    std::variant<CStreamLane, CDatagramLane, CMessageLane> m_Lanes;
+    CProxyLane& m_Lane;
+};
+
+}  // namespace talvo
