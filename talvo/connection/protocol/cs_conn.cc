@@ -2,7 +2,6 @@
 #include "talvo/connection/protocol/cs_conn.h"
 
 #include <climits>
-#include <utility>
 
 #include "talvo/base/trace.h"
 #include "talvo/transport/tcp_settings.h"
@@ -10,11 +9,13 @@
 namespace {
 
 constexpr DWORD BASE_TYPE_DATAGRAM_BIT = 0x2;
-constexpr DWORD IDLE_LIMIT_MSEC = 120000;
 
 }  // namespace
 
-CCsConn::CCsConn(DWORD aMaxBufLen) : m_SendBuf(aMaxBufLen), m_dwMaxBufLen(aMaxBufLen) {}
+CCsConn::CCsConn(DWORD aMaxBufLen) {
+    if (aMaxBufLen > 0)
+        m_Buffered.emplace(aMaxBufLen, m_Direct);
+}
 
 CCsConn::~CCsConn() { Reset(); }
 
@@ -23,9 +24,12 @@ void CCsConn::TakeTransport_i(ICmTransport* aTransport) {
     m_cBaseType = 0;
     GetTransportOption_i(CM_OPT_TRANSPORT_TRAN_TYPE, &m_cBaseType);
     m_bDatagrams = (m_cBaseType & BASE_TYPE_DATAGRAM_BIT) != 0;
-    m_Pending.SetDatagrams(m_bDatagrams);
+    m_Direct.SetTransport(aTransport, m_bDatagrams);
     if (aTransport && !m_bDatagrams)
         talvo::AskForLargeReads(*aTransport);
+    BOOL bPause = TRUE;
+    if (m_wStatus == CS_STATUS_RECONNECTING && m_Liveness.IsReadingPaused())
+        SetTransportOption_i(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);
 }
 
 CmResult CCsConn::SetOption(DWORD aCommand, void* aArg) {
@@ -44,12 +48,10 @@ CmResult CCsConn::SetOption(DWORD aCommand, void* aArg) {
         m_dwMaxMessage = *static_cast<DWORD*>(aArg);
         return CM_OK;
     case CM_OPT_TRANSPORT_CORK:
-        m_bCorked = *static_cast<BOOL*>(aArg);
-        return m_bCorked ? CM_OK : Uncork_i();
+        m_Direct.SetCorked(*static_cast<BOOL*>(aArg));
+        return m_Direct.IsCorked() ? CM_OK : Uncork_i();
     case CM_OPT_TRANSPORT_PAUSE_READING:
-        if (std::exchange(m_bReadingPaused, *static_cast<BOOL*>(aArg)))
-            m_dwLastRecvTick = get_tick_count();
-        return SetTransportOption_i(aCommand, aArg);
+        return PauseReading_i(*static_cast<BOOL*>(aArg));
     case CM_OPT_TRANSPORT_LAYERED:
         return SetLayered_i(*static_cast<BOOL*>(aArg));
     default:
@@ -64,10 +66,10 @@ CmResult CCsConn::GetOption(DWORD aCommand, void* aArg) {
     auto& dwValue = *static_cast<DWORD*>(aArg);
     switch (aCommand) {
     case CS_OPT_MAX_BUFF_LEN:
-        dwValue = m_dwMaxBufLen;
+        dwValue = m_Buffered ? m_Buffered->GetMaxBufLen() : 0;
         return CM_OK;
     case CS_OPT_KEEPALIVE_INTERVAL:
-        dwValue = m_dwKeepAliveInterval;
+        dwValue = m_Liveness.GetInterval();
         return CM_OK;
     case CS_OPT_ACK_PROCESSING:
         *static_cast<BOOL*>(aArg) = m_bAckProcessing;
@@ -89,26 +91,33 @@ CmResult CCsConn::GetOption(DWORD aCommand, void* aArg) {
 // Whether there is a send buffer is a matter of the type: taken away it could drop a begun PDU, and one made where nothing is
 // acknowledged would never empty.
 CmResult CCsConn::SetMaxBufLen_i(DWORD aLength) {
-    if (aLength == 0 || m_dwMaxBufLen == 0)
+    if (aLength == 0 || !m_Buffered)
         return CM_ERROR_INVALID_ARG;
     CM_INFO_TRACE_THIS("CCsConn::SetOption set max buff len = " << aLength);
-    m_dwMaxBufLen = aLength;
-    m_SendBuf.SetMaxBufLen(aLength);
+    m_Buffered->SetMaxBufLen(aLength);
     return CM_OK;
 }
 
 CmResult CCsConn::SetKeepAliveInterval_i(DWORD aSeconds) {
     if (aSeconds == 0 || aSeconds > INT_MAX)
         return CM_ERROR_INVALID_ARG;
-    m_dwKeepAliveInterval = aSeconds;
+    m_Liveness.SetInterval(aSeconds);
     CM_INFO_TRACE_THIS("CCsConn::SetOption(), CS_OPT_KEEPALIVE_INTERVAL = " << aSeconds << " seconds"
                                                                             << " m_wStatus=" << m_wStatus);
     return m_wStatus == CS_STATUS_CONNECTED && HasKeepAliveTimer_i() ? ScheduleKeepAlive_i() : CM_OK;
 }
 
+// Detached, the pause is for the next transport.
+CmResult CCsConn::PauseReading_i(BOOL aPause) {
+    m_Liveness.SetReadingPaused(aPause);
+    if (!m_pTransport && m_wStatus == CS_STATUS_RECONNECTING)
+        return CM_OK;
+    return SetTransportOption_i(CM_OPT_TRANSPORT_PAUSE_READING, &aPause);
+}
+
 CmResult CCsConn::Disconnect(CmResult) {
     m_Est.EnsureSingleThread();
-    m_Pending.Clear();
+    m_Direct.GetPending().Clear();
     return CM_OK;
 }
 
@@ -116,8 +125,8 @@ CmResult CCsConn::Close_i(CmResult aReason) {
     CancelTimers_i();
     m_pSink = nullptr;
     CmResult rv = CM_OK;
-    if (m_wStatus == CS_STATUS_HANDSHAKE)
-        m_SendBuf.Reset();  // data that waits for the response must not go without it
+    if (m_Buffered && m_wStatus != CS_STATUS_CONNECTED)
+        m_Buffered->Reset();  // data that waits for the response must not go without it
     if (m_pTransport) {
         SendDisconn(aReason);
         if (aReason != CM_OK || !LetLinger_i())
@@ -133,38 +142,45 @@ void CCsConn::End_i(CmResult aTransportReason) {
     Reset();
 }
 
+void CCsConn::DetachTransport_i(CmResult aReason) {
+    CancelTimers_i();
+    SetCurrStatus(CS_STATUS_RECONNECTING);
+    const CCmRefPtrT<ICmTransport> pTransport = m_pTransport;
+    ForgetTransport_i();
+    if (pTransport)
+        pTransport->Disconnect(aReason);
+}
+
+CmResult CCsConn::ResumeData_i(DWORD aPeerReceived) {
+    if (m_Buffered && !m_Buffered->Resume(aPeerReceived))
+        return CM_ERROR_FAILURE;
+    SetCurrStatus(CS_STATUS_CONNECTED);
+    StartData_i();
+    return CM_OK;
+}
+
+// What belongs to the transport and not to the connection. The next connect request says anew how much has been received.
+void CCsConn::ForgetTransport_i() {
+    m_Liveness.Reset();
+    m_Reader.Clear();
+    m_dwConnReq = 0;
+    m_Direct.SetTransport(nullptr, m_bDatagrams);
+    SetTPTransport(nullptr);
+}
+
 void CCsConn::Reset() {
+    ForgetTransport_i();
+    if (m_Buffered)
+        m_Buffered->Reset();
+    m_Direct.SetCorked(FALSE);
+    m_bNeedOnSend = FALSE;
     m_dwReceived = 0;
     m_dwAckBytes = 0;
-    m_dwLastSendTick = 0;
-    m_dwLastRecvTick = 0;
-    m_bHasReceived = FALSE;
-    m_bCorked = FALSE;
-    m_bRefused = FALSE;
-    m_bNeedOnSend = FALSE;
-    m_Pending.Clear();
-    m_SendBuf.Reset();
-    m_Receive.Clear();
-    m_dwConnReq = 0;
-    Reset4Recv();
-    SetTPTransport(nullptr);
     m_wChannel = 0;
-    m_wPrevStatus = m_wStatus = CS_STATUS_NOT_CONNECTED;
+    SetCurrStatus(CS_STATUS_NOT_CONNECTED);
 }
 
-CmResult CCsConn::ScheduleKeepAlive_i() {
-    const CmResult rv = m_KeepAliveTimer.Schedule(this, CCmTimeValue(static_cast<long>(m_dwKeepAliveInterval)));
-    return rv == CM_ERROR_FOUND ? CM_OK : rv;
-}
-
-// Kept on purpose: the interval, in seconds, is compared with milliseconds, so a keep-alive leaves at nearly every firing, busy
-// or not. Pinned by PkgConnTest.KeepAliveLeavesEvenWhileDataFlows.
 void CCsConn::SendKeepAliveIfDue_i() {
-    if (calculate_tick_interval(m_dwLastSendTick, get_tick_count()) > m_dwKeepAliveInterval)
+    if (m_Liveness.IsKeepAliveDue())
         SendKeepAlive();
-}
-
-BOOL CCsConn::IsPeerSilent_i(DWORD& aSilence) const {
-    aSilence = calculate_tick_interval(m_dwLastRecvTick, get_tick_count());
-    return m_bHasReceived && !m_bReadingPaused && aSilence >= IDLE_LIMIT_MSEC;
 }

@@ -1,17 +1,19 @@
 // The engine of the protocol connections.
 #pragma once
 
-#include "talvo/base/clock.h"
+#include <optional>
+
+#include "talvo/connection/protocol/buffered_sending.h"
 #include "talvo/connection/protocol/conn_base.h"
+#include "talvo/connection/protocol/conn_liveness.h"
 #include "talvo/connection/protocol/connection_options.h"
-#include "talvo/connection/protocol/cs_send_buf.h"
-#include "talvo/connection/protocol/frame_queue.h"
-#include "talvo/connection/protocol/receive_chain.h"
-#include "talvo/event/timer_wrapper_id.h"
+#include "talvo/connection/protocol/direct_sending.h"
+#include "talvo/connection/protocol/pdu_reader.h"
 
 //   upper layer         SendData                              OnReceive, OnSend, OnDisconnect
 //                          |                                       ^
-//   CCsConn     data PDUs, send buffer                whole PDUs, dispatched by type
+//   CCsConn     CBufferedSending or                            CPduReader
+//               CDirectSending alone  ------> CConnLiveness <------'
 //                          v                                       |
 //   transport           SendData                              OnReceive, OnSend, OnDisconnect
 //
@@ -71,9 +73,17 @@ protected:
     // Takes the transport below and finds out of what type it is.
     void TakeTransport_i(ICmTransport* aTransport);
 
+    // A connected side changes its transport. DetachTransport_i gives up the one it has, with aReason, and what belongs to
+    // that: pending bytes, a PDU that has not come whole, timers. The sink, the channel, the counters and the send buffer stay,
+    // and SendData fills the buffer. The status is CS_STATUS_RECONNECTING. Then come TakeTransport_i and the handshake, and
+    // ResumeData_i with the receive counter of the peer: connected again, what the peer lacks is sent before anything new.
+    // CM_ERROR_FAILURE: the counter does not fit, nothing has changed and the connection cannot go on.
+    void DetachTransport_i(CmResult aReason);
+    CmResult ResumeData_i(DWORD aPeerReceived);
+
     // Forgets everything of the connection, the transport included.
     void Reset();
-    void Reset4Recv();
+    void Reset4Recv() { m_Reader.Next(); }
 
     // The two ends. Close_i was asked for from above: tells the peer, forgets the sink and returns the transport's result.
     // End_i tells nobody and leaves the sink, for TellEnd_i.
@@ -83,18 +93,17 @@ protected:
     // Reads the type of the PDU that begins the received bytes. FALSE: there is no such type.
     BOOL GetPDUType();
     CCsPduConnReqResp TakeConnectPdu_i();
-    void TakeFixedPdu_i(CCsPduBase& aPdu);
 
-    // The periodic work of a connected side. Silent: nothing has come for 120 s; aSilence is for how many milliseconds. Time in
-    // which reading was paused from above does not count.
-    CmResult ScheduleKeepAlive_i();
+    // The periodic work of a connected side.
+    CmResult ScheduleKeepAlive_i() { return m_Liveness.Start(this); }
     void SendKeepAliveIfDue_i();
-    BOOL IsPeerSilent_i(DWORD& aSilence) const;
     virtual BOOL HasKeepAliveTimer_i() const { return m_bNeedKeepAlive; }  // while connected
-    virtual void CancelTimers_i() { m_KeepAliveTimer.Cancel(); }
+
+    // A derived class adds its own.
+    virtual void CancelTimers_i() { m_Liveness.Stop(); }
 
     // Whether the sink has sent before the connection was up. StartData_i sends that, and pays the OnSend that is owed.
-    BOOL HasUnsentData_i() const { return m_SendBuf.GetUnsent() > 0; }
+    BOOL HasUnsentData_i() const { return m_Buffered && m_Buffered->GetUnsent() > 0; }
     void StartData_i();
 
     DWORD m_dwType = 0;         // the connection type
@@ -105,60 +114,41 @@ protected:
     BYTE m_byInstanceType = INSTANCE_NONE;
     char m_szConnReq[CCsPduBase::MAX_FIX_LENGTH] = {};  // the connect request, kept for sending it again
     DWORD m_dwConnReq = 0;                              // its length; 0: there is none
-    talvo::CReceiveChain m_Receive;
-    CCmTimerWrapperID m_KeepAliveTimer;  // until it is connected: of the time-out that the derived class sets
+    talvo::CConnLiveness m_Liveness;
 
 private:
     // Sending.
     DWORD GetMaxMessage_i() const;
     CmResult RefuseTooLong_i(DWORD aLength) const;
     CmResult SendBuffered_i(CCmMessageBlock& aData);
-    BOOL MayGather_i(DWORD aLength);
-    BOOL HasRoom_i(DWORD aLength) const;
     CmResult AddToSendBuf_i(CCmMessageBlock& aData);
-    CmResult GatherFrame_i(CCmMessageBlock& aData);
-    CmResult SendUnbuffered_i(CCmMessageBlock& aData);
-    CmResult SendCurrent_i();
-    CmResult NoMemoryToSend_i();
-    CmResult DropDatagram_i(DWORD aLength, CmResult aReason);
+    CmResult SendDirect_i(CCmMessageBlock& aData);
     CmResult SendConnectPdu_i(const CCmMessageBlock& aPdu);
-    CmResult SendFrame_i(const CCmMessageBlock& aHeader, CCmMessageBlock& aPayload);
-    CmResult FlushPending_i();
+    CmResult EndIfBroken_i(CmResult aResult);
     BOOL LetLinger_i();
     CmResult Uncork_i();
     DWORD GetUnsent_i();
-    void Sent_i() { m_dwLastSendTick = get_tick_count(); }
+    void ForgetTransport_i();
     // Options.
     CmResult SetMaxBufLen_i(DWORD aLength);
     CmResult SetKeepAliveInterval_i(DWORD aSeconds);
+    CmResult PauseReading_i(BOOL aPause);
     // Receiving.
     BOOL IsMine_i(ICmTransport* aTrpt);
     BOOL TakePdu_i(CCmTransportParameter* aPara);
     BOOL TakeData_i(CCmTransportParameter* aPara);
+    CmResult Deliver_i(DWORD aLength, CCmTransportParameter* aPara);
     BOOL ReadDataLength_i();
     BOOL Refuse_i(const char* aText);
     void DropDatagramRest_i();
 
-    CCsSendBuf m_SendBuf;
-    talvo::CFrameQueue m_Pending;  // what the transport did not take; a begun connect PDU, too
-    DWORD m_dwMaxBufLen;
+    talvo::CPduReader m_Reader;
+    talvo::CDirectSending m_Direct{m_Liveness};
+    std::optional<talvo::CBufferedSending> m_Buffered;  // none: m_Direct alone
     DWORD m_dwMaxMessage = CS_DEFAULT_MAX_MESSAGE_LEN;
-    DWORD m_dwKeepAliveInterval = 15;  // seconds
     bool m_bAckProcessing = false;
-    bool m_bCorked = false;
-    bool m_bRefused = false;     // the transport did not take all that is pending
     bool m_bNeedOnSend = false;  // a send was refused
-    bool m_bReadingPaused = false;
     bool m_bPeerDisconnected = false;
-    bool m_bHasReceived = false;  // m_dwLastRecvTick is recorded
-    DWORD m_dwReceived = 0;       // receive counter: the sequence number of the last data byte that came
-    DWORD m_dwAckBytes = 0;       // ACK byte counter
-    DWORD m_dwLastSendTick = 0;
-    DWORD m_dwLastRecvTick = 0;
-    // The PDU under way.
-    DWORD m_dwPDULen = 1;
-    DWORD m_dwDataLen = 0;  // of a data PDU whose fixed part has been read, and its acknowledgement
-    DWORD m_dwACK = 0;
-    BYTE m_byType = CS_PDU_TYPE_NONE;
-    bool m_bDataLenKnown = false;
+    DWORD m_dwReceived = 0;  // receive counter: the sequence number of the last data byte that came
+    DWORD m_dwAckBytes = 0;  // ACK byte counter
 };

@@ -1,6 +1,4 @@
 // The receiving half of the engine.
-#include <limits>
-
 #include "talvo/base/trace.h"
 #include "talvo/connection/protocol/cs_conn.h"
 
@@ -19,12 +17,6 @@ CCmTraceText PeerOf(ICmTransport* aTransport) { return AddressOf(aTransport, CM_
 
 }  // namespace
 
-void CCsConn::Reset4Recv() {
-    m_dwPDULen = 1;
-    m_byType = CS_PDU_TYPE_NONE;
-    m_bDataLenKnown = FALSE;
-}
-
 BOOL CCsConn::IsMine_i(ICmTransport* aTrpt) {
     if (aTrpt == m_pTransport.Get())
         return TRUE;
@@ -40,14 +32,12 @@ void CCsConn::OnReceive(CCmMessageBlock& aData, ICmTransport* aTrpt, CCmTranspor
     m_Est.EnsureSingleThread();
     if (!IsMine_i(aTrpt))
         return;
-    m_dwLastRecvTick = get_tick_count();
-    m_bHasReceived = TRUE;
-    const DWORD dwHave = m_Receive.GetLength();
-    if (m_Receive.Append(aData, m_dwPDULen > dwHave ? m_dwPDULen - dwHave : 0) != CM_OK) {
+    m_Liveness.OnReceived();
+    if (m_Reader.Append(aData) != CM_OK) {
         OnDisconnect(CM_ERROR_OUT_OF_MEMORY, m_pTransport.Get());
         return;
     }
-    while (m_Receive.GetLength() >= m_dwPDULen && TakePdu_i(aPara)) {
+    while (m_Reader.IsReady() && TakePdu_i(aPara)) {
     }
     if (m_bDatagrams)
         DropDatagramRest_i();
@@ -55,25 +45,25 @@ void CCsConn::OnReceive(CCmMessageBlock& aData, ICmTransport* aTrpt, CCmTranspor
 
 // One PDU is one datagram: what is too much or too little is never joined to the next.
 void CCsConn::DropDatagramRest_i() {
-    if (m_Receive.GetLength() > 0)
-        CM_WARNING_TRACE_THIS("CCsConn::OnReceive, drop the rest of a datagram, len=" << m_Receive.GetLength());
-    m_Receive.Clear();
-    Reset4Recv();
+    if (m_Reader.GetReceived() > 0)
+        CM_WARNING_TRACE_THIS("CCsConn::OnReceive, drop the rest of a datagram, len=" << m_Reader.GetReceived());
+    m_Reader.Clear();
 }
 
 // TRUE: there may be another one.
 BOOL CCsConn::TakePdu_i(CCmTransportParameter* aPara) {
-    if (m_byType == CS_PDU_TYPE_NONE && !GetPDUType())
+    if (m_Reader.GetType() == CS_PDU_TYPE_NONE && !GetPDUType())
         return Refuse_i("CCsConn::OnReceive(), Invalid PDU type, m_byType=");
-    const BOOL bWhole = m_Receive.GetLength() >= m_dwPDULen;
-    switch (m_byType) {
+    const BYTE byType = m_Reader.GetType();
+    const BOOL bWhole = m_Reader.IsReady();
+    switch (byType) {
     case CS_PDU_TYPE_CONN_REQ:
     case CS_PDU_TYPE_CONN_RESP:
-        if (m_byType != m_byInstanceType)  // a server takes requests (1), a client responses (2)
+        if (byType != m_byInstanceType)  // a server takes requests (1), a client responses (2)
             break;
         if (!bWhole)
             return FALSE;
-        m_byType == CS_PDU_TYPE_CONN_REQ ? OnRecvConnReq() : OnRecvConnResp();
+        byType == CS_PDU_TYPE_CONN_REQ ? OnRecvConnReq() : OnRecvConnResp();
         Reset4Recv();
         return !m_bDatagrams;
     case CS_PDU_TYPE_DISCONN:
@@ -102,42 +92,30 @@ BOOL CCsConn::TakePdu_i(CCmTransportParameter* aPara) {
 
 BOOL CCsConn::Refuse_i(const char* aText) {
     NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer has sent a PDU that does not fit");
-    CM_WARNING_TRACE_THIS(aText << static_cast<int>(m_byType) << " m_wStatus=" << m_wStatus
+    CM_WARNING_TRACE_THIS(aText << static_cast<int>(m_Reader.GetType()) << " m_wStatus=" << m_wStatus
                                 << " peer=" << PeerOf(m_pTransport.Get()).GetText());
     OnDisconnect(CM_ERROR_NOT_AVAILABLE, m_pTransport.Get());
     return FALSE;
 }
 
 BOOL CCsConn::GetPDUType() {
-    m_Receive.Peek(&m_byType, sizeof m_byType);
-    m_dwPDULen = CCsPduBase::GetFixLength(m_byType, m_bNeedACK);
-    if (m_dwPDULen > 0)
+    if (m_Reader.ReadType(m_bNeedACK))
         return TRUE;
-    CM_WARNING_TRACE_THIS("CCsConn::GetPDUType, wrong pdu, pdu len = 0, m_byType=" << static_cast<int>(m_byType));
+    CM_WARNING_TRACE_THIS("CCsConn::GetPDUType, wrong pdu, pdu len = 0, m_byType=" << static_cast<int>(m_Reader.GetType()));
     return FALSE;
-}
-
-// Needs no memory.
-void CCsConn::TakeFixedPdu_i(CCsPduBase& aPdu) {
-    char szPdu[CCsPduBase::MAX_FIX_LENGTH] = {};
-    const DWORD dwLength = aPdu.GetFixLength();
-    m_Receive.Peek(szPdu, dwLength);
-    m_Receive.Skip(dwLength);
-    CCmMessageBlock block(dwLength, szPdu, 0, dwLength);
-    aPdu.Decode(block);
 }
 
 CCsPduConnReqResp CCsConn::TakeConnectPdu_i() {
     CCsPduConnReqResp pdu(0, 0, CS_PDU_TYPE_CONN_REQ, 15);
-    TakeFixedPdu_i(pdu);
+    m_Reader.TakeFixed(pdu);
     return pdu;
 }
 
 void CCsConn::OnRecvDisconn() {
     CCsPduDisconn pdu(0, CS_PDU_TYPE_DISCONN);
-    TakeFixedPdu_i(pdu);
+    m_Reader.TakeFixed(pdu);
     m_bPeerDisconnected = TRUE;
-    m_KeepAliveTimer.Cancel();
+    m_Liveness.Stop();
     CM_INFO_TRACE_THIS("CCsConn::OnRecvDisconn(), Normal disconnect, wReason =" << pdu.GetReason());
     Reset4Recv();
     OnDisconnect(pdu.GetReason(), m_pTransport.Get());
@@ -147,69 +125,67 @@ void CCsConn::OnRecvDisconn() {
 void CCsConn::OnRecvKeepAlive() {
     CCsPduKeepAlive pdu(0, CS_PDU_TYPE_KEEPALIVE);
     if (m_dwType != TYPE_RELIABLE) {
-        m_Receive.Skip(pdu.GetFixLength());
+        m_Reader.Skip(pdu.GetFixLength());
         return;
     }
-    TakeFixedPdu_i(pdu);
-    if (m_bNeedACK && m_dwMaxBufLen > 0)
+    m_Reader.TakeFixed(pdu);
+    if (m_bNeedACK && m_Buffered)
         DoACK(pdu.GetACK());
 }
 
 // The fixed part says how long the PDU is. FALSE: not all of it is there, or the connection has ended over it.
 BOOL CCsConn::ReadDataLength_i() {
-    if (m_Receive.GetLength() < m_dwPDULen) {
-        CM_INFO_TRACE_THIS("CCsConn::OnReceive, half PDU header. half_len=" << m_Receive.GetLength()
-                                                                            << " m_dwPDULen=" << m_dwPDULen);
+    if (!m_Reader.IsReady()) {
+        CM_INFO_TRACE_THIS("CCsConn::OnReceive, half PDU header. half_len=" << m_Reader.GetReceived()
+                                                                            << " m_dwPDULen=" << m_Reader.GetLength());
         return FALSE;
     }
-    char szHeader[CCsPduBase::MAX_FIX_LENGTH] = {};
-    m_Receive.Peek(szHeader, m_dwPDULen);
-    CCmMessageBlock header(m_dwPDULen, szHeader, 0, m_dwPDULen);
-    CCsPduData pdu(m_bNeedACK, 0, 0, m_byType, nullptr);
-    pdu.DecodeWithOutData(header);
-    const DWORD dwDataLen = pdu.GetDataLen();
-    if (dwDataLen > m_dwMaxMessage || dwDataLen > std::numeric_limits<DWORD>::max() - m_dwPDULen) {
-        CM_WARNING_TRACE_THIS("CCsConn::OnReceive, message too long, len=" << dwDataLen << " max=" << m_dwMaxMessage
-                                                                           << " peer=" << PeerOf(m_pTransport.Get()).GetText());
-        NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer has announced a message that is too long");
-        OnDisconnect(CM_ERROR_NOT_AVAILABLE, m_pTransport.Get());
+    if (m_Reader.ReadDataHeader(m_bNeedACK, m_dwMaxMessage))
+        return TRUE;
+    CM_WARNING_TRACE_THIS("CCsConn::OnReceive, message too long, len=" << m_Reader.GetDataLength() << " max=" << m_dwMaxMessage
+                                                                       << " peer=" << PeerOf(m_pTransport.Get()).GetText());
+    NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer has announced a message that is too long");
+    OnDisconnect(CM_ERROR_NOT_AVAILABLE, m_pTransport.Get());
+    return FALSE;
+}
+
+// FALSE: not all of it is there, or the transport was lost inside an upcall. A message that the sink has got counts as received
+// all the same: the peer must not send it again over the next transport.
+BOOL CCsConn::TakeData_i(CCmTransportParameter* aPara) {
+    if (!m_Reader.IsDataLengthKnown() && !ReadDataLength_i())
+        return FALSE;
+    if (!m_Reader.IsReady())
+        return FALSE;
+    const ICmTransport* pTransport = m_pTransport.Get();
+    const DWORD dwPDULen = m_Reader.GetLength();
+    const BOOL bRestart = m_Reader.GetType() == CS_PDU_TYPE_DATA_START;
+    m_Reader.SkipHeader();
+    if (m_bNeedACK && m_Buffered)
+        DoACK(m_Reader.GetACK());
+    if (m_pTransport.Get() != pTransport)
+        return FALSE;
+    if (const CmResult rv = Deliver_i(m_Reader.GetDataLength(), aPara); rv != CM_OK) {
+        OnDisconnect(rv, m_pTransport.Get());
         return FALSE;
     }
-    m_dwPDULen += dwDataLen;
-    m_dwDataLen = dwDataLen;
-    m_dwACK = pdu.GetACK();
-    m_bDataLenKnown = TRUE;
+    if (m_wStatus == CS_STATUS_NOT_CONNECTED)
+        return FALSE;
+    // A sender that starts anew counts from 1 again, and so does the counter, which is the end of the last PDU.
+    m_dwReceived = bRestart ? dwPDULen : m_dwReceived + dwPDULen;
+    if (m_Buffered)
+        m_Buffered->SetReceived(m_dwReceived);
+    if (m_pTransport.Get() != pTransport)
+        return FALSE;
+    Reset4Recv();
     return TRUE;
 }
 
-BOOL CCsConn::TakeData_i(CCmTransportParameter* aPara) {
-    if (!m_bDataLenKnown && !ReadDataLength_i())
-        return FALSE;
-    if (m_Receive.GetLength() < m_dwPDULen)
-        return FALSE;
-    const DWORD dwPDULen = m_dwPDULen;
-    const DWORD dwDataLen = m_dwDataLen;
-    m_Receive.Skip(dwPDULen - dwDataLen);
-    if (m_bNeedACK && m_dwMaxBufLen > 0)
-        DoACK(m_dwACK);
-    if (!m_pTransport)  // ended inside the upcall
-        return FALSE;
-    CmResult rv = CM_OK;
-    if (ICmTransportSink* pSink = m_pSink) {
-        rv = m_Receive.Take(dwDataLen, [&](CCmMessageBlock& aPayload) { pSink->OnReceive(aPayload, this, aPara); });
-    } else {
-        CM_WARNING_TRACE_THIS("CCsConn::OnReceive, can't get the sink,discard data, len =" << dwDataLen);
-        m_Receive.Skip(dwDataLen);
-    }
-    if (rv != CM_OK)
-        OnDisconnect(rv, m_pTransport.Get());
-    if (!m_pTransport)
-        return FALSE;
-    // A sender that starts anew counts from 1 again, and so does the counter, which is the end of the last PDU.
-    m_dwReceived = m_byType == CS_PDU_TYPE_DATA_START ? dwPDULen : m_dwReceived + dwPDULen;
-    m_SendBuf.SetSeq4ACK(m_dwReceived);
-    Reset4Recv();
-    return TRUE;
+CmResult CCsConn::Deliver_i(DWORD aLength, CCmTransportParameter* aPara) {
+    if (ICmTransportSink* pSink = m_pSink)
+        return m_Reader.Take(aLength, [&](CCmMessageBlock& aPayload) { pSink->OnReceive(aPayload, this, aPara); });
+    CM_WARNING_TRACE_THIS("CCsConn::OnReceive, can't get the sink,discard data, len =" << aLength);
+    m_Reader.Skip(aLength);
+    return CM_OK;
 }
 
 void CCsConn::ACK2PeerIfPossiable(CCmMessageBlock& aData) {

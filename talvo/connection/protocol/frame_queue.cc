@@ -62,6 +62,13 @@ CmResult CFrameQueue::Send(ICmTransport& aTransport, const void* aHeader, DWORD 
             rv = CM_ERROR_OUT_OF_MEMORY;
     }
     aPayload.AdvanceChainedReadPtr(dwPayload);
+    m_bRefused = !IsEmpty();
+    return rv;
+}
+
+CmResult CFrameQueue::Keep(const CCmMessageBlock& aRest) {
+    const CmResult rv = Add(nullptr, 0, aRest);
+    m_bRefused = !IsEmpty();
     return rv;
 }
 
@@ -117,11 +124,11 @@ void CFrameQueue::LinkViews_i(CCmChainPtr aViews) {
 }
 
 CmResult CFrameQueue::Flush(ICmTransport& aTransport) {
-    while (!IsEmpty()) {
-        if (const CmResult rv = SendPart_i(aTransport); rv != CM_OK)
-            return rv;
-    }
-    return CM_OK;
+    CmResult rv = CM_OK;
+    while (rv == CM_OK && !IsEmpty())
+        rv = SendPart_i(aTransport);
+    m_bRefused = !IsEmpty();
+    return rv;
 }
 
 // The cut lies between two blocks, where it costs nothing and leaves the last block what it is.
@@ -159,6 +166,7 @@ DWORD CFrameQueue::FirstDatagram_i() const {
 
 CCmChainPtr CFrameQueue::TakeAll() {
     m_dwLength = 0;
+    m_bRefused = FALSE;
     return m_Chain.Take();
 }
 

@@ -18,7 +18,7 @@ public:
 
     // While it is empty. For a datagram transport: each frame is a SendData of its own; one that is refused otherwise than with
     // CM_ERROR_PARTIAL_DATA is dropped, since it will never be taken. Without: a stream, of which nothing is ever dropped.
-    void SetDatagrams(BOOL aDatagrams) { m_bDatagrams = aDatagrams; }
+    void SetDatagrams(BOOL aDatagrams) { m_bDatagrams = aDatagrams != FALSE; }
 
     // Sends a frame, after those that wait. It allocates nothing unless something is refused: that is kept. The caller's
     // payload is consumed in any case, and the blocks stay the caller's. The transport's result; CM_ERROR_OUT_OF_MEMORY: the
@@ -28,6 +28,9 @@ public:
     // Adds a frame without sending. CM_ERROR_OUT_OF_MEMORY: nothing was added.
     CmResult Add(const void* aHeader, DWORD aHeaderLen, const CCmMessageBlock& aPayload);
 
+    // The same for what a transport has refused.
+    CmResult Keep(const CCmMessageBlock& aRest);
+
     // Sends what there is, many pieces a call. CM_OK: the queue is empty. Else the transport's result; try again after OnSend.
     CmResult Flush(ICmTransport& aTransport);
 
@@ -35,6 +38,8 @@ public:
     CCmChainPtr TakeAll();
 
     BOOL IsEmpty() const { return m_dwLength == 0; }
+    // A transport has refused a part of what waits, since it was last empty; more has to wait for its OnSend.
+    BOOL IsRefused() const { return m_bRefused; }
     DWORD GetLength() const { return m_dwLength; }  // bytes, headers included
     void Clear() { TakeAll(); }
 
@@ -47,8 +52,9 @@ private:
     BOOL IsSettled_i(CmResult aResult) const;
 
     CBlockChain m_Chain;        // no other object writes to the space of the last block
-    BOOL m_bDatagrams = FALSE;  // the first block of each frame is READ_LOCKED
     DWORD m_dwLength = 0;       // unread bytes
+    bool m_bDatagrams = false;  // the first block of each frame is READ_LOCKED
+    bool m_bRefused = false;
 };
 
 }  // namespace talvo

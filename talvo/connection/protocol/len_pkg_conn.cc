@@ -56,7 +56,7 @@ CmResult CLenPkgConn::SendData(CCmMessageBlock& aData, CCmTransportParameter* aP
     const DWORD dwLength = aData.GetChainedLength();
     if (dwLength > GetMaxMessage_i())
         return RefuseTooLong_i(dwLength);
-    if (m_bRefused)
+    if (m_Pending.IsRefused())
         return CM_ERROR_PARTIAL_DATA;
     if (dwLength == 0)
         return CM_OK;
@@ -83,7 +83,6 @@ CmResult CLenPkgConn::SendData_i(CCmMessageBlock& aData, DWORD aLength) {
         return rv;
     }
     const CmResult rv = m_Pending.Send(*m_pTransport, &dwHeader, HEADER_LEN, aData);
-    m_bRefused = !m_Pending.IsEmpty();
     if (rv == CM_ERROR_OUT_OF_MEMORY) {
         OnDisconnect(rv, m_pTransport.Get());
         return rv;
@@ -97,7 +96,6 @@ CmResult CLenPkgConn::SendPending_i() {
     if (!m_pTransport)
         return CM_OK;
     const CmResult rv = m_Pending.Flush(*m_pTransport);
-    m_bRefused = !m_Pending.IsEmpty();
     if (rv != CM_OK)
         CM_INFO_TRACE_THIS("CLenPkgConn::SendData_i, len=" << m_Pending.GetLength() << " rv=" << rv);
     return rv;
@@ -108,7 +106,7 @@ void CLenPkgConn::OnSend(ICmTransport*, CCmTransportParameter*) {
     if (!m_pTransport)
         return;
     SetCurrStatus(CS_STATUS_CONNECTED);
-    if (m_bRefused || !m_bCorked)
+    if (m_Pending.IsRefused() || !m_bCorked)
         SendPending_i();
     if (m_pSink)
         m_pSink->OnSend(this);
@@ -204,7 +202,6 @@ void CLenPkgConn::Reset() {
     m_Pending.Clear();
     m_Receive.Clear();
     Reset4Recv();
-    m_bRefused = FALSE;
 }
 
 DWORD CLenPkgConn::GetMaxMessage_i() const { return std::min(m_dwMaxMessage, std::numeric_limits<DWORD>::max() - HEADER_LEN); }
@@ -219,7 +216,7 @@ CmResult CLenPkgConn::SetOption(DWORD aCommand, void* aArg) {
         return CM_OK;
     case CM_OPT_TRANSPORT_CORK:
         m_bCorked = *static_cast<BOOL*>(aArg);
-        if (!m_bCorked && !m_bRefused)
+        if (!m_bCorked && !m_Pending.IsRefused())
             SendPending_i();  // what is refused waits for the transport
         return CM_OK;
     case CM_OPT_TRANSPORT_LAYERED:

@@ -75,6 +75,5 @@ private:
     DWORD m_dwMessageLen = 0;       // of the message under way; 0: not read yet
     DWORD m_dwMaxMessage = CS_DEFAULT_MAX_MESSAGE_LEN;
     BOOL m_bCorked = FALSE;
-    BOOL m_bRefused = FALSE;  // the transport has not taken all that is pending
     CCmTimeValue m_tvDisconnected;
 };

@@ -33,3 +33,15 @@ void CPkgConn::Lost_i(CmResult aReason) {
     else
         Indicate_i(aReason == CM_OK ? CM_ERROR_NETWORK_SOCKET_CLOSE : aReason);
 }
+
+void CPkgConn::LookAtPeer_i(const char* aWhere) {
+    if (m_wStatus != CS_STATUS_CONNECTED)
+        return;
+    if (m_bNeedKeepAlive)
+        SendKeepAliveIfDue_i();
+    if (!m_Liveness.IsPeerSilent())
+        return;
+    CM_WARNING_TRACE_THIS(aWhere << ", dwCurrent - m_dwLastRecvTick =" << m_Liveness.GetSilence());
+    NoteFailure_i(CM_FAILURE_SILENCE, "the peer has sent nothing for too long");
+    Lost_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);
+}

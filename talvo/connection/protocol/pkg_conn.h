@@ -25,8 +25,12 @@ public:
 protected:
     explicit CPkgConn(BYTE aInstanceType);
 
-    // The transport below is lost, or the peer has asked for the end; and the end of a silent peer.
+    // The transport below is lost, or the peer has asked for the end.
     void Lost_i(CmResult aReason);
+
+    // The liveness timer has fired: sends a keep-alive that is due, and ends the connection to a silent peer. aWhere: for the
+    // trace.
+    void LookAtPeer_i(const char* aWhere);
 
     DWORD m_dwStartTick;
 

@@ -17,7 +17,7 @@ constexpr DWORD MAX_RETRANSMITS = 7;
 
 CPkgConnClient::CPkgConnClient() : CPkgConn(INSTANCE_CLIENT) {
     ++s_Live;
-    m_LimitResult = m_KeepAliveTimer.Schedule(this, HANDSHAKE_TIMEOUT);
+    m_LimitResult = m_Liveness.StartLimit(this, HANDSHAKE_TIMEOUT);
 }
 
 CPkgConnClient::~CPkgConnClient() { --s_Live; }
@@ -70,22 +70,17 @@ void CPkgConnClient::OnDisconnect(CmResult aReason, ICmTransport* aTrpt) {
 
 void CPkgConnClient::OnTimer(CCmTimerWrapperID* aId) {
     m_Est.EnsureSingleThread();
-    if (aId == &m_RetransmitTimer) {
+    if (aId == &m_RetransmitTimer)
         OnRetransmitTimer_i();
-        return;
-    }
-    if (m_wStatus != CS_STATUS_CONNECTED) {
+    else if (m_wStatus != CS_STATUS_CONNECTED)
         OnHandshakeTimeout_i();
-        return;
-    }
-    if (m_bNeedKeepAlive)
-        SendKeepAliveIfDue_i();
-    DWORD dwSilence = 0;
-    if (!IsPeerSilent_i(dwSilence))
-        return;
-    CM_WARNING_TRACE_THIS("CPkgConnClient::OnTimer(), dwCurrent - m_dwLastRecvTick =" << dwSilence);
-    NoteFailure_i(CM_FAILURE_SILENCE, "the peer has sent nothing for too long");
-    Lost_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);
+    else
+        LookAtPeer_i("CPkgConnClient::OnTimer()");
+}
+
+void CPkgConnClient::CancelTimers_i() {
+    CPkgConn::CancelTimers_i();
+    m_RetransmitTimer.Cancel();
 }
 
 void CPkgConnClient::OnRetransmitTimer_i() {
@@ -100,11 +95,6 @@ void CPkgConnClient::OnRetransmitTimer_i() {
         SendConnReq();
 }
 
-void CPkgConnClient::CancelTimers_i() {
-    CPkgConn::CancelTimers_i();
-    m_RetransmitTimer.Cancel();
-}
-
 void CPkgConnClient::OnHandshakeTimeout_i() {
     CM_WARNING_TRACE_THIS("CPkgConnClient::OnTimer(), haven't recv ConnResp PDU. m_cBaseType=" << m_cBaseType
                                                                                                << " m_wStatus=" << m_wStatus);
@@ -116,7 +106,7 @@ void CPkgConnClient::OnHandshakeTimeout_i() {
 void CPkgConnClient::OnRecvConnResp() {
     if (m_bCancelled) {
         CM_INFO_TRACE_THIS("CPkgConnClient::OnRecvConnResp(), connection has been cancelled.");
-        m_KeepAliveTimer.Cancel();
+        CancelTimers_i();
         TakeConnectPdu_i();
         DisconnectTransport_i(CM_OK);
         return;

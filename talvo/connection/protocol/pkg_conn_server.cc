@@ -26,7 +26,7 @@ void CPkgConnServer::CancelConnect() {
 void CPkgConnServer::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     m_Est.EnsureSingleThread();
     CM_INFO_TRACE_THIS("CPkgConnServer::OnConnectIndication aReason =" << aReason);
-    const CmResult rv = m_KeepAliveTimer.Schedule(this, HANDSHAKE_TIMEOUT, 1);
+    const CmResult rv = m_Liveness.StartLimit(this, HANDSHAKE_TIMEOUT);
     TakeTransport_i(aTrpt);
     SetCurrStatus(CS_STATUS_HANDSHAKE);
     if (rv == CM_ERROR_OUT_OF_MEMORY || (aTrpt && aTrpt->OpenWithSink(this) != CM_OK))
@@ -68,7 +68,7 @@ void CPkgConnServer::Accept_i() {
         return;
     CmResult rv = SendConnResp();
     SetCurrStatus(CS_STATUS_CONNECTED);
-    m_KeepAliveTimer.Cancel();  // the time-out of the handshake
+    m_Liveness.Stop();  // the limit of the handshake
     if (m_bNeedKeepAlive && rv != CM_ERROR_OUT_OF_MEMORY)
         rv = ScheduleKeepAlive_i();
     if (rv == CM_ERROR_OUT_OF_MEMORY)
@@ -97,19 +97,10 @@ void CPkgConnServer::RefuseType_i() {
 
 void CPkgConnServer::OnTimer(CCmTimerWrapperID*) {
     m_Est.EnsureSingleThread();
-    if (m_wStatus == CS_STATUS_HANDSHAKE) {
+    if (m_wStatus == CS_STATUS_HANDSHAKE)
         OnHandshakeTimeout_i();
-        return;
-    }
-    if (m_wStatus != CS_STATUS_CONNECTED)
-        return;
-    SendKeepAliveIfDue_i();
-    DWORD dwSilence = 0;
-    if (!IsPeerSilent_i(dwSilence))
-        return;
-    NoteFailure_i(CM_FAILURE_SILENCE, "the peer has sent nothing for too long");
-    CM_WARNING_TRACE_THIS("CPkgConnServer::OnTimer(), dwCurrent - m_dwLastRecvTick =" << dwSilence);
-    Lost_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);
+    else
+        LookAtPeer_i("CPkgConnServer::OnTimer()");
 }
 
 void CPkgConnServer::OnHandshakeTimeout_i() {

@@ -1,0 +1,43 @@
+#include "talvo/connection/protocol/conn_liveness.h"
+
+#include <utility>
+
+namespace talvo {
+
+namespace {
+
+constexpr DWORD IDLE_LIMIT_MSEC = 120000;
+
+}  // namespace
+
+CmResult CConnLiveness::StartLimit(CCmTimerWrapperIDSink* aSink, const CCmTimeValue& aLimit) {
+    const CmResult rv = m_Timer.Schedule(aSink, aLimit, 1);
+    return rv == CM_ERROR_FOUND ? CM_OK : rv;
+}
+
+CmResult CConnLiveness::Start(CCmTimerWrapperIDSink* aSink) {
+    const CmResult rv = m_Timer.Schedule(aSink, CCmTimeValue(static_cast<long>(m_dwInterval)));
+    return rv == CM_ERROR_FOUND ? CM_OK : rv;
+}
+
+void CConnLiveness::SetReadingPaused(BOOL aPaused) {
+    if (std::exchange(m_bReadingPaused, aPaused != FALSE))
+        m_dwLastRecvTick = get_tick_count();
+}
+
+// Kept on purpose: the interval, in seconds, is compared with milliseconds, so a keep-alive leaves at nearly every firing, busy
+// or not. Pinned by PkgConnTest.KeepAliveLeavesEvenWhileDataFlows.
+BOOL CConnLiveness::IsKeepAliveDue() const {
+    return calculate_tick_interval(m_dwLastSendTick, get_tick_count()) > m_dwInterval;
+}
+
+BOOL CConnLiveness::IsPeerSilent() const { return m_bHasReceived && !m_bReadingPaused && GetSilence() >= IDLE_LIMIT_MSEC; }
+
+void CConnLiveness::Reset() {
+    Stop();
+    m_dwLastSendTick = 0;
+    m_dwLastRecvTick = 0;
+    m_bHasReceived = FALSE;
+}
+
+}  // namespace talvo

@@ -1,0 +1,62 @@
+// PDUs that go to the transport at once.
+#pragma once
+
+#include "talvo/base/export.h"
+#include "talvo/connection/protocol/conn_liveness.h"
+#include "talvo/connection/protocol/cs_pdu.h"
+#include "talvo/connection/protocol/frame_queue.h"
+
+namespace talvo {
+
+// The way of a connection without a send buffer and, with one, of what goes past it: connect PDUs and gathered data. What the
+// transport refuses is pending, and goes first. The transport must be set for all that sends. One thread.
+class TALVO_API CDirectSending {
+public:
+    // aLiveness is told what has been sent, and lives as long as this object.
+    explicit CDirectSending(CConnLiveness& aLiveness) : m_Liveness(aLiveness) {}
+
+    // The transport below; not owned. Null: it is gone, and so is what was pending for it.
+    void SetTransport(ICmTransport* aTransport, BOOL aDatagrams);
+    ICmTransport* GetTransport() const { return m_pTransport; }
+    BOOL IsDatagrams() const { return m_bDatagrams; }
+    CConnLiveness& GetLiveness() const { return m_Liveness; }
+
+    // Corked, data PDUs are gathered, up to some 64 KiB.
+    void SetCorked(BOOL aCorked) { m_bCorked = aCorked != FALSE; }
+    BOOL IsCorked() const { return m_bCorked; }
+    // Pending frames were gathered and not refused, and more may join them.
+    BOOL MayGather() const { return m_bCorked && !m_Pending.IsRefused() && m_Pending.GetLength() < GATHER_LIMIT; }
+
+    CFrameQueue& GetPending() { return m_Pending; }
+
+    // A data PDU around aData, which is consumed: sent or pending. CM_OK; else not taken: the transport's result for what was
+    // pending before, CM_ERROR_OUT_OF_MEMORY.
+    CmResult SendData(CCmMessageBlock& aData);
+    // The same without sending. CM_ERROR_OUT_OF_MEMORY: not taken.
+    CmResult GatherData(CCmMessageBlock& aData, BOOL aNeedACK);
+    // A PDU without payload, behind what is pending. The transport's result; refused, it is pending.
+    CmResult SendPdu(const CCsPduBase& aPdu);
+    // Likewise, with three tries, and dropped when a datagram transport refuses it. aPdu: encoded.
+    CmResult SendConnectPdu(const CCmMessageBlock& aPdu);
+    // Sends what is pending. CM_OK: all has gone.
+    CmResult Flush();
+
+    // Memory ran out with a part of a PDU sent: the stream cannot go on.
+    BOOL IsBroken() const { return m_bBroken; }
+    void SetBroken() { m_bBroken = TRUE; }
+
+private:
+    static constexpr DWORD GATHER_LIMIT = 65536;
+
+    CmResult SendFrame(const CCsPduBase& aHeader, CCmMessageBlock& aPayload);
+    CmResult Sent(CmResult aResult);
+
+    CConnLiveness& m_Liveness;
+    ICmTransport* m_pTransport = nullptr;
+    CFrameQueue m_Pending;
+    bool m_bDatagrams = false;
+    bool m_bCorked = false;
+    bool m_bBroken = false;
+};
+
+}  // namespace talvo
