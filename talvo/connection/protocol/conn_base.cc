@@ -1,6 +1,27 @@
 #include "talvo/connection/protocol/conn_base.h"
 
+#include <cassert>
 #include <utility>
+
+#include "talvo/base/trace.h"
+
+namespace {
+
+BOOL MayFollow(WORD aStatus, WORD aNext) {
+    switch (aStatus) {
+    case CConnBase::CS_STATUS_NOT_CONNECTED:
+        return aNext == CConnBase::CS_STATUS_HANDSHAKE || aNext == CConnBase::CS_STATUS_CONNECTED;
+    case CConnBase::CS_STATUS_HANDSHAKE:
+    case CConnBase::CS_STATUS_RECONNECTING:
+        return aNext == CConnBase::CS_STATUS_CONNECTED || aNext == CConnBase::CS_STATUS_NOT_CONNECTED;
+    case CConnBase::CS_STATUS_CONNECTED:
+        return aNext == CConnBase::CS_STATUS_RECONNECTING || aNext == CConnBase::CS_STATUS_NOT_CONNECTED;
+    default:
+        return FALSE;
+    }
+}
+
+}  // namespace
 
 CmResult CConnBase::OpenWithSink(ICmTransportSink* aSink) {
     m_Est.EnsureSingleThread();
@@ -33,7 +54,14 @@ void CConnBase::NoteFailure_i(ECmFailureCause aCause, const char* aText) {
 }
 
 void CConnBase::SetCurrStatus(WORD aStatus) {
-    m_wPrevStatus = m_wStatus;
+    if (aStatus == m_wStatus)
+        return;
+    if (!MayFollow(m_wStatus, aStatus)) {
+        CM_ERROR_TRACE_THIS("CConnBase::SetCurrStatus, refused. m_wStatus=" << m_wStatus << " aStatus=" << aStatus);
+        assert(FALSE);
+        return;
+    }
+    CM_INFO_TRACE_THIS("CConnBase::SetCurrStatus, m_wStatus=" << m_wStatus << " aStatus=" << aStatus);
     m_wStatus = aStatus;
 }
 

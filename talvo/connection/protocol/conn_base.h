@@ -30,6 +30,12 @@ public:
     void SetTPTransport(ICmTransport* aTransport);
     ICmTransport* GetTPTransport() const { return m_pTransport.Get(); }
 
+    // The one place where the status changes. Traces it; a change that the diagram does not have is traced as an error and
+    // refused, and debug builds end there.
+    //
+    //   NOT_CONNECTED --> HANDSHAKE --> CONNECTED --> RECONNECTING
+    //         |                            ^  ^            |
+    //         +----------------------------+  +------------+      and from each back to NOT_CONNECTED
     void SetCurrStatus(WORD aStatus);
     WORD GetCurrStatus() const { return m_wStatus; }
     void SetChannel(WORD aChannel) { m_wChannel = aChannel; }
@@ -65,7 +71,6 @@ protected:
     CCmEnsureSingleThread m_Est;
     CCmRefPtrT<ICmTransport> m_pTransport;
     talvo::CConnOwner* m_pOwner = nullptr;  // not owned; set until the opening has ended
-    WORD m_wPrevStatus = CS_STATUS_NOT_CONNECTED;
     WORD m_wStatus = CS_STATUS_NOT_CONNECTED;
     WORD m_wChannel = 0;
     BYTE m_byConnType = 15;
