@@ -1,7 +1,8 @@
-// People talk, each line one message:   chat server [PORT]   and   chat NAME [HOST:PORT]
+// A chat in which each line is one message:   chat server [PORT]   and   chat NAME [HOST:PORT]
 //
-// Package connections keep messages apart, so a line needs no end mark; their keep-alives tell when somebody is gone. All
-// callbacks come in the main thread, also what is typed. Without arguments two clients of an own server talk, and it ends.
+// Package connections preserve messages, so a line needs no end mark. Their keep-alives detect a lost participant. All
+// callbacks come in the main thread, including typed input. Without arguments two clients of a local server talk, and the
+// program ends.
 #include <unistd.h>
 
 #include <cctype>
@@ -24,14 +25,14 @@ CmResult SendText(ICmTransport& aTransport, const std::string& aText) {
     return aTransport.SendData(block);
 }
 
-// Of a connector or an acceptor: what it has failed to do, and for what reason.
+// The failed attempt of a connector or an acceptor, and the cause.
 std::string WhyNot(ICmAcceptorConnectorId& aId) {
     CCmFailure failure;
     cm_get_connect_options(&aId)->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
     return failure.ToString();
 }
 
-// Passes on what one says to all others. The first message of a client is its name.
+// Forwards each message to all other clients. The first message of a client is its name.
 class ChatServer : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
     CmResult Start(WORD aPort, CCmInetAddr& aAddr) {
@@ -58,14 +59,14 @@ private:
         TellOthers(aTrptId, "* " + m_Clients[aTrptId].m_strName + " has left");
         m_Clients.erase(aTrptId);
     }
-    // Who is far behind with reading misses lines instead of holding up the others: a send that is refused is forgotten.
+    // A slow client misses lines instead of delaying the others: a refused send is dropped.
     void TellOthers(const ICmTransport* aSpeaker, const std::string& aText) {
         CCmMessageBlock line(static_cast<DWORD>(aText.size()));
         line.Write(aText.data(), static_cast<DWORD>(aText.size()));
         for (const auto& [pTransport, client] : m_Clients) {
             if (pTransport == aSpeaker || client.m_strName.empty())
                 continue;
-            if (const CCmChainPtr pCopy{line.DuplicateChained()})  // shares the text; a send consumes what it is given
+            if (const CCmChainPtr pCopy{line.DuplicateChained()})  // shares the text; a send consumes its block
                 pTransport->SendData(*pCopy);
         }
     }
@@ -78,7 +79,7 @@ private:
     std::map<ICmTransport*, Client> m_Clients;
 };
 
-// Prints what others say and sends what is typed; as one of the two that need nobody to type, answers once and ends.
+// Prints the others' messages and sends typed lines. In the mode without arguments it answers once and ends.
 class ChatClient : public ICmAcceptorConnectorSink, public ICmTransportSink, public ACmEventHandler {
 public:
     ChatClient(std::string aName, bool aTypes) : m_strName(std::move(aName)), m_bTypes(aTypes) {}
@@ -99,7 +100,7 @@ private:
     }
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
         std::string strText = aData.FlattenChained();
-        for (char& letter : strText)  // nobody shall move the cursors of others
+        for (char& letter : strText)  // no control characters, which would move the reader's cursor
             letter = std::iscntrl(static_cast<unsigned char>(letter)) ? '?' : letter;
         std::printf("%s\n", strText.c_str());
         if (!m_bTypes && strText.ends_with('!'))
@@ -141,7 +142,7 @@ private:
     bool m_bFailed = false;
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pTransport;
-    std::string m_strTyped;  // the begun line
+    std::string m_strTyped;  // the incomplete line
 };
 
 int main(int argc, char** argv) {
@@ -163,7 +164,7 @@ int main(int argc, char** argv) {
     if (strWho.empty())
         other.Start(addr);
     MainReactor()->RunEventLoop();
-    Manager::Instance()->Drain(nullptr);  // what was said last goes out, and everybody is told that this end has left
+    Manager::Instance()->Drain(nullptr);  // sends the last messages, and notifies all peers that this end has left
     pThreads->StopAllThreads(nullptr);
     pThreads->JoinAllThreads();
     return me.HasFailed() ? 1 : 0;

@@ -1,7 +1,7 @@
-// Sends back whatever clients send, from a thread of its own:   echo_server [PORT [CLIENTS]]
+// Sends all data of clients back, in a thread of its own:   echo_server [PORT [CLIENTS]]
 //
-// The thread that asks for an acceptor is the one that gets all callbacks. Here that is a user thread, so the main thread would
-// be free for other work. Without arguments: a port that the system chooses, one client. Ends when all clients have left.
+// The thread that creates an acceptor gets all its callbacks. Here that is a user thread, so the main thread is free for other
+// work. Without arguments: a port that the system chooses, one client. Ends when all clients have left.
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -11,7 +11,7 @@
 
 class EchoServer;
 
-// One client. Everything here runs in the server's thread.
+// One client. All its callbacks come in the server's thread.
 class EchoClient : public ICmTransportSink {
 public:
     EchoClient(EchoServer& aServer, ICmTransport* aTransport) : m_Server(aServer), m_pTransport(aTransport) {}
@@ -20,7 +20,7 @@ public:
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
         if (m_pTransport->SendData(aData) != CM_ERROR_PARTIAL_DATA)
             return;
-        // The client is slower than we are: keep the rest, and read no more until it has gone out.
+        // The client is slow: keep the rest, and pause reading until it has been sent.
         m_pRest.reset(aData.DuplicateChained());
         SetPause(TRUE);
     }
@@ -39,7 +39,7 @@ private:
 
     EchoServer& m_Server;
     CCmRefPtrT<ICmTransport> m_pTransport;
-    CCmChainPtr m_pRest;  // what the transport has not taken yet
+    CCmChainPtr m_pRest;  // not yet taken by the transport
 };
 
 class EchoServer : public ICmAcceptorConnectorSink {
@@ -79,7 +79,7 @@ public:
     }
 
 private:
-    // Lets go of everything in the thread that it belongs to; then the main thread may end.
+    // Releases all objects in the thread that they belong to; then the main thread may end.
     void Stop() {
         m_Clients.clear();
         m_pAcceptor.Reset();
@@ -94,7 +94,7 @@ private:
 
 void EchoClient::OnDisconnect(CmResult, ICmTransport*) { m_Server.Remove(this); }
 
-// Carries the start into the server's thread.
+// Starts the server in its thread.
 class StartEvent : public ICmEvent {
 public:
     explicit StartEvent(EchoServer& aServer) : m_Server(aServer) {}

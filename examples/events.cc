@@ -1,9 +1,9 @@
-// Work handed from thread to thread: posted (and not waited for) or sent (and waited for).
+// Work for another thread: posted (without waiting for it) or sent (waiting for its result).
 #include <cstdio>
 
 #include "talvo/talvo.h"
 
-// Back in the main thread: prints a result, and ends the loop with the last one.
+// In the main thread: prints a result, and ends the loop after the last one.
 class ResultEvent : public ICmEvent {
 public:
     ResultEvent(int aNumber, int aSquare, bool aLast) : m_nNumber(aNumber), m_nSquare(aSquare), m_bLast(aLast) {}
@@ -33,7 +33,7 @@ private:
     const bool m_bLast;
 };
 
-// A question: the sender waits for the answer, which it finds in a variable of its own.
+// A question: the sender waits for the answer, which the event stores in a variable of the sender.
 class ThreadIdEvent : public ICmEvent {
 public:
     explicit ThreadIdEvent(DWORD& aAnswer) : m_dwAnswer(aAnswer) {}
@@ -52,7 +52,7 @@ int main(int argc, char** argv) {
     if (pThreads->InitMainThread(argc, argv) != CM_OK || pThreads->CreateUserTaskThread(pWorker) != CM_OK)
         return 1;
 
-    // Events belong to the queue once they are handed over; they run in the order in which they came.
+    // A posted event belongs to the queue. Events run in the order of their posts.
     for (int i = 1; i <= 3; ++i)
         pWorker->GetEventQueue()->PostEvent(new SquareEvent(i, i == 3));
     pThreads->GetThreadReactor(CCmThreadManager::TT_MAIN)->RunEventLoop();

@@ -1,4 +1,4 @@
-// Connects, sends a line, prints what comes back and ends:   hello 127.0.0.1:7000
+// Connects, sends a line, prints the answer and ends:   hello 127.0.0.1:7000
 #include <cstdio>
 
 #include "talvo/talvo.h"
@@ -28,7 +28,7 @@ public:
         Stop(failure ? failure.ToString().c_str() : "the server has closed the connection");
     }
 
-    int m_nStatus = 1;  // 0: there was an answer
+    int m_nStatus = 1;  // 0: an answer came
 
 private:
     void Stop(const char* aWhy) {
@@ -44,6 +44,6 @@ int main(int argc, char** argv) {
     CCmRefPtrT<ICmConnector> pConnector;
     CCmConnectionManager::Instance()->CreateConnectionClient(CCmConnectionManager::CTYPE_TCP, pConnector.ParaOut());
     pConnector->AsycConnect(&hello, CCmInetAddr(argc > 1 ? argv[1] : "127.0.0.1:7000"));
-    CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN)->RunEventLoop();  // callbacks come in here
+    CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN)->RunEventLoop();  // runs all callbacks
     return hello.m_nStatus;
 }

@@ -12,15 +12,15 @@ public:
                pManager->CreateChannelHttpClient(m_pChannel.ParaOut(), pUrl.Get()) == CM_OK &&
                m_pChannel->SetRequestHeader(CCmHttpAtomList::Accept, "*/*") == CM_OK && m_pChannel->AsyncOpen(this) == CM_OK;
     }
-    // The head of the answer is there.
+    // The head of the answer has come.
     void OnConnect(CmResult, ICmChannel*) override { std::fprintf(stderr, "status %ld\n", m_pChannel->GetResponseStatus()); }
-    // The body, as it arrives.
+    // The body, piece by piece.
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
         for (const CCmMessageBlock* p = &aData; p; p = p->GetNext())
             std::fwrite(p->GetTopLevelReadPtr(), 1, p->GetTopLevelLength(), stdout);
     }
     void OnSend(ICmTransport*, CCmTransportParameter*) override {}
-    // The body was whole, or something failed.
+    // The body is complete, or the exchange has failed.
     void OnDisconnect(CmResult aReason, ICmTransport*) override {
         CCmString strWhat;  // "there is no connection to the server",
         CCmFailure cause;   // "connect to 127.0.0.1:8080: Connection refused"

@@ -1,4 +1,4 @@
-// Answers every request with what it was asked for, then ends:   http_server [PORT [REQUESTS]]
+// Echoes the method, the path and the body of each request, then ends:   http_server [PORT [REQUESTS]]
 //
 // Without arguments: a port that the system chooses, one request. Try   curl -d 'some text' http://127.0.0.1:PORT/path
 #include <cstdio>
@@ -6,7 +6,7 @@
 
 #include "talvo/talvo.h"
 
-// One request. It receives the body, answers, and is gone.
+// One request. It receives the body, answers, and deletes itself.
 class Request : public ICmChannelHttpServerSink {
 public:
     explicit Request(ICmChannelHttpServer* aChannel) : m_pChannel(aChannel) {}
@@ -29,7 +29,7 @@ public:
     void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor* aAcceptor) override {
         aChannel->ReceiveRequest(new Request(aChannel));
         if (--m_nLeft == 0)
-            aAcceptor->StopListen(CM_OK);  // what has begun is finished first
+            aAcceptor->StopListen(CM_OK);  // requests that have begun are finished first
     }
     void OnStopped(ICmChannelServerAcceptor*) override {
         CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN)->StopEventLoop();

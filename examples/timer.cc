@@ -1,11 +1,11 @@
-// A timer in a thread of the application's own: prints three ticks and ends.
+// A timer in a user thread: prints three ticks and ends.
 #include <cstdio>
 
 #include "talvo/talvo.h"
 
 class Ticker : public CCmTimerWrapperIDSink {
 public:
-    // In the thread that is to get the ticks: a timer belongs to the thread that schedules it first.
+    // Call it in the thread that shall get the ticks: a timer belongs to the thread that schedules it first.
     void Start() { m_Timer.Schedule(this, CCmTimeValue(0, 100000), 3); }
 
     void OnTimer(CCmTimerWrapperID*) override {
@@ -24,7 +24,7 @@ private:
     int m_nTicks = 0;
 };
 
-// Carries the start into the ticker's thread.
+// Starts the ticker in its thread.
 class StartEvent : public ICmEvent {
 public:
     explicit StartEvent(Ticker& aTicker) : m_Ticker(aTicker) {}
