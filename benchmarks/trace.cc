@@ -1,4 +1,4 @@
-// What a trace line costs whose level is off, beside the load and branch that it cannot do without.
+// The cost of a trace line whose level is off, relative to the unavoidable load and branch.
 #include <atomic>
 
 #include "benchmarks/support/report.h"
@@ -12,7 +12,7 @@ constexpr int COUNT = 100000000;
 std::atomic<DWORD> s_dwMask{0};
 int s_Taken = 0;
 
-// Keeps the compiler from looking at the mask once for the whole loop.
+// Prevents the compiler from moving the load of the mask out of the loop.
 inline void Barrier() { asm volatile("" ::: "memory"); }
 
 template <class Function>

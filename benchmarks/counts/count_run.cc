@@ -1,5 +1,5 @@
-// count_run PATH MESSAGES: sends so many messages of 64 bytes, or requests, on one of the paths below, for
-// instructions_test.py, which counts what it costs.
+// count_run PATH MESSAGES: sends MESSAGES messages of 64 bytes, or requests, on one of the paths below, for
+// instructions_test.py, which counts the cost.
 #include <cstdio>
 #include <cstdlib>
 #include <functional>

@@ -57,7 +57,7 @@ void operator delete(void* aMemory, size_t) noexcept { std::free(aMemory); }
 
 extern "C" {
 
-// The same as without _chk, under a name that nobody else uses here.
+// The same as without _chk, under a name that no other code uses here.
 void* __memcpy_chk(void* aTo, const void* aFrom, size_t aSize, size_t aRoom);
 void* __memmove_chk(void* aTo, const void* aFrom, size_t aSize, size_t aRoom);
 
@@ -73,7 +73,7 @@ void* memmove(void* aTo, const void* aFrom, size_t aSize) {
 
 int pthread_mutex_lock(pthread_mutex_t* aMutex) {
     using Function = int (*)(pthread_mutex_t*);
-    static std::atomic<Function> s_Next;  // not a plain static: that would take a lock to be made
+    static std::atomic<Function> s_Next;  // not a plain static: its initialisation would take a lock
     Function next = s_Next.load(std::memory_order_relaxed);
     if (!next) {
         next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "pthread_mutex_lock"));
@@ -95,8 +95,8 @@ ssize_t sendmsg(int aFd, const msghdr* aMessage, int aFlags) { return Call(SYS_s
 
 ssize_t readv(int aFd, const iovec* aIov, int aCount) { return Call(SYS_readv, aFd, aIov, aCount); }
 
-// Of what is counted only the tick of a loop is read so. Neither it nor a wait that it alone has ended counts: how often it
-// comes depends on how long the test takes.
+// Of the counted descriptors only the tick of a loop is read in this way. Neither the tick nor a wait that it alone ended
+// counts: their number depends on the duration of the test.
 ssize_t read(int aFd, void* aBuffer, size_t aSize) {
     if (t_bOneReport)
         s_Calls.fetch_sub(1, std::memory_order_relaxed);
@@ -109,7 +109,7 @@ int epoll_ctl(int aEpoll, int aOperation, int aFd, epoll_event* aEvent) noexcept
     return static_cast<int>(Call(SYS_epoll_ctl, aEpoll, aOperation, aFd, aEvent));
 }
 
-// The same goes for waits that time out.
+// Waits that time out do not count either.
 int epoll_wait(int aEpoll, epoll_event* aEvents, int aMost, int aTimeout) {
     const long lReady = syscall(SYS_epoll_pwait, aEpoll, aEvents, aMost, aTimeout, nullptr, 0);
     t_bOneReport = lReady == 1;

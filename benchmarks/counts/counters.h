@@ -1,15 +1,15 @@
-// What this process does, counted where the library meets the system: the test program has functions of its own under the names
-// of the system's, and the library calls those.
+// Counts the process's calls from the library to the system. The test program defines functions with the names of the system's,
+// and the library calls those.
 #pragma once
 
 #include <cstdint>
 
-// From the start of the process, all threads together.
+// Since the start of the process, of all threads together.
 struct CCounters {
-    uint64_t m_ullCalls = 0;  // of the system for sockets, epoll and eventfd; waits that end for want of anything are left out
+    uint64_t m_ullCalls = 0;        // system calls for sockets, epoll and eventfd; waits that time out do not count
     uint64_t m_ullAllocations = 0;  // operator new
     uint64_t m_ullCopied = 0;       // bytes that memcpy and memmove copied
-    uint64_t m_ullLocks = 0;        // mutexes taken
+    uint64_t m_ullLocks = 0;        // locked mutexes
 
     static CCounters Now();
 };

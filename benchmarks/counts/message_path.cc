@@ -12,7 +12,7 @@
 
 namespace {
 
-// Accepts, and sends back what comes.
+// Accepts, and sends all data back.
 class CEcho : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
     void OnConnectIndication(CmResult, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
@@ -43,14 +43,14 @@ private:
     const CCmString m_strBody = "Hello, World!";
 };
 
-// A plain socket that waits; its system calls go past the counters.
+// A plain blocking socket; the counters do not count its system calls.
 class CPlainPeer {
 public:
     CPlainPeer(const CCmInetAddr& aAddr, const std::string& aRequest) : m_strRequest(aRequest) {
         EXPECT_EQ(0, connect(m_Fd.Get(), reinterpret_cast<const sockaddr*>(aAddr.GetPtr()), aAddr.GetSize()));
     }
 
-    // The answer, which is as long as the first was.
+    // The answer, which has the length of the first answer.
     size_t Trip() {
         const long lSize = static_cast<long>(m_strRequest.size());
         EXPECT_EQ(lSize, syscall(SYS_sendto, m_Fd.Get(), m_strRequest.data(), lSize, MSG_NOSIGNAL, nullptr, 0));
@@ -68,14 +68,14 @@ private:
     size_t m_stAnswer = 0;
 };
 
-// What aMessages of aRequest cost, one at a time, with their answers.
+// The cost of aMessages copies of aRequest, one at a time, with their answers.
 CCost TripsCost(const CTestNetwork& aNetwork, const CCmInetAddr& aAddr, const std::string& aRequest, size_t aMessages) {
     CCounters spent;
     size_t stAnswer = 0;
     std::atomic<BOOL> bDone{FALSE};
     std::thread peer([&] {
         CPlainPeer plain(aAddr, aRequest);
-        for (size_t n = 0; n < 100; ++n)  // whatever grows to its size once
+        for (size_t n = 0; n < 100; ++n)  // lets all buffers reach their final size
             stAnswer = plain.Trip();
         const CCounters before = CCounters::Now();
         for (size_t n = 0; n < aMessages; ++n)
@@ -88,7 +88,7 @@ CCost TripsCost(const CTestNetwork& aNetwork, const CCmInetAddr& aAddr, const st
     return CCost(spent, aMessages, stAnswer);
 }
 
-// One end of a stream; sends when it is told how much, and counts the bytes that come.
+// One end of a stream. Sends a given number of messages, and counts the received bytes.
 class CStreamEnd : public ICmTransportSink {
 public:
     explicit CStreamEnd(ICmTransport* aTransport) : m_pTransport(aTransport) {
@@ -178,7 +178,7 @@ CCost StreamCost(const CTestNetwork& aNetwork, DWORD aType, size_t aMessages, DW
         PostTo(aNetwork.Main(), [&] { from.Start(aCount, aSize); });
         aNetwork.RunUntil([&] { return to.GetReceived() >= stWanted; });
     };
-    stream(aMessages / 4);  // whatever grows to its size once
+    stream(aMessages / 4);  // lets all buffers reach their final size
     const CCounters before = CCounters::Now();
     stream(aMessages);
     return CCost(CCounters::Now() - before, aMessages, aSize);

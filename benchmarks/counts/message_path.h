@@ -1,27 +1,27 @@
-// Messages on their ways through the library, and what the way costs.
+// The paths of messages through the library, and their cost.
 #pragma once
 
 #include "benchmarks/counts/counters.h"
 #include "tests/support/network_fixture.h"
 
-// What one message cost on average.
+// The average cost of one message.
 struct CCost {
     CCost(const CCounters& aSpent, size_t aMessages, size_t aSize);
 
     double m_dCalls;
     double m_dAllocations;
-    double m_dCopies;  // bytes copied for each of the message's
+    double m_dCopies;  // copied bytes for each byte of the message
     double m_dLocks;
 };
 
 // A message of aSize bytes from a plain socket and back, aMessages times, one at a time. The library's end is in the network
-// thread, or else in the main thread behind a proxy. The plain socket's own system calls are not counted.
+// thread, or in the main thread behind a proxy. The plain socket's own system calls are not counted.
 CCost EchoCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aMessages, DWORD aSize);
 
-// A request of HTTP/1.1 from a plain socket and its answer, aMessages times on one connection, one at a time. The server is in
+// An HTTP/1.1 request from a plain socket and its answer, aMessages times on one connection, one at a time. The server is in
 // the network thread. Copies are counted for each byte of the answer.
 CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages);
 
 // aMessages from one end to the other, both in the main thread behind proxies and of type aType, sent from inside events. Both
-// ends are counted, and the block that the application makes for each message.
+// ends are counted, and the block that the application creates for each message.
 CCost StreamCost(const CTestNetwork& aNetwork, DWORD aType, size_t aMessages, DWORD aSize);

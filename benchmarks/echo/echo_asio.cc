@@ -1,5 +1,5 @@
-// Echo server on Asio, without its locks: answers from the read handler with a direct write, and only what the socket does not
-// take is written asynchronously.
+// Echo server on Asio, without its locks: answers in the read handler with a direct write; only the rest that the socket does
+// not take is written asynchronously.
 #include <array>
 #include <asio.hpp>
 
@@ -47,7 +47,7 @@ private:
     }
 
     tcp::socket m_Socket;
-    std::array<char, 65536> m_Buffer;  // of its own, because a read is always under way
+    std::array<char, 65536> m_Buffer;  // one for each connection, because a read is always pending
 };
 
 void Accept(tcp::acceptor& aAcceptor) {

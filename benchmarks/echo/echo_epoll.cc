@@ -1,5 +1,5 @@
-// Echo server on the bare system: the floor that no library can be much cheaper than. Level-triggered, so that a message costs
-// a wait, a read and a write and nothing else: what one read leaves behind is reported again.
+// Echo server on the bare system: the floor, which no library can undercut by much. Level-triggered, so that a message costs
+// only a wait, a read and a write: bytes that one read leaves are reported again.
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -16,7 +16,7 @@ namespace {
 
 struct CConnection {
     int m_Fd = -1;
-    std::string m_strRest;  // read and not yet taken by the peer; reading is off while there is any
+    std::string m_strRest;  // read and not yet taken by the peer; reading is off meanwhile
 };
 
 class CServer {

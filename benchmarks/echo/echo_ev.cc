@@ -1,4 +1,4 @@
-// Echo server on libev: answers from the read callback, and only what the socket does not take waits for a write watcher.
+// Echo server on libev: answers in the read callback; only the rest that the socket does not take waits for a write watcher.
 #include <ev.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,7 +14,7 @@ namespace {
 
 struct CConnection {
     ev_io m_Read;
-    ev_io m_Write;          // active while there is a rest, and m_Read is not
+    ev_io m_Write;          // active while there is a rest; m_Read is inactive then
     std::string m_strRest;  // read and not yet taken by the peer
 };
 

@@ -1,5 +1,5 @@
-// Echo server on libevent's bufferevents, which is what its users write. A client that does not read is held back by a
-// high-water mark on what waits to be written.
+// Echo server on libevent's bufferevents, the usual style of its users. A high-water mark on the output buffer applies
+// back-pressure to a client that does not read.
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>

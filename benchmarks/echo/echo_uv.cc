@@ -1,4 +1,4 @@
-// Echo server on libuv: answers from the read callback with uv_try_write, and only what the socket does not take is queued.
+// Echo server on libuv: answers in the read callback with uv_try_write; only the rest that the socket does not take is queued.
 #include <uv.h>
 
 #include <array>
@@ -15,7 +15,7 @@ struct CConnection {
     std::string m_strRest;  // being written; reading is off meanwhile
 };
 
-std::array<char, 65536> s_Buffer;  // one is enough: nothing is kept in it between two callbacks
+std::array<char, 65536> s_Buffer;  // one is enough: it keeps nothing between two callbacks
 
 CConnection* ConnectionOf(uv_stream_t* aStream) { return static_cast<CConnection*>(aStream->data); }
 uv_stream_t* StreamOf(CConnection* aConnection) { return reinterpret_cast<uv_stream_t*>(&aConnection->m_Tcp); }

@@ -1,6 +1,6 @@
-// Loads an echo server on 127.0.0.1 and prints what it answered as JSON: "rate" (messages per second), "p50_us" to "p9999_us",
-// "messages", "errors", and with --pid "cpu_ns", what a message cost that process, and "kib_per_connection", by how much its
-// resident memory grew until it had answered once on each connection. The warm-up counts for errors only.
+// Loads an echo server on 127.0.0.1 and prints the results as JSON: "rate" (messages per second), "p50_us" to "p9999_us",
+// "messages", "errors". With --pid also "cpu_ns", the cost of a message to that process, and "kib_per_connection", the growth
+// of its resident memory until it had answered once on each connection. In the warm-up only errors count.
 #include <getopt.h>
 
 #include <cstdio>

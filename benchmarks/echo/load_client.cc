@@ -37,7 +37,7 @@ void CLoadClient::Dispatch(CLoadConnection& aConnection, uint32_t aEvents) {
     const bool bAlive = (!bHadUnsent || !(aEvents & EPOLLOUT) || aConnection.Flush()) &&
                         (!(aEvents & ~EPOLLOUT) || aConnection.OnReadable(m_Buffer.data(), m_Buffer.size()));
     if (!bAlive && m_Settings.m_bReconnect)
-        StartConnection(aConnection);  // closes the old socket, which takes it out of the epoll set
+        StartConnection(aConnection);  // closes the old socket, which removes it from the epoll set
     else if (!bAlive)
         Watch(EPOLL_CTL_DEL, aConnection, 0);
     else if (aConnection.HasUnsent() != bHadUnsent)

@@ -17,10 +17,10 @@ public:
     // Opens all connections.
     void Start();
 
-    // Runs for aNs, or until aMessages (0: any number) have come back, counted from now on; returns the nanoseconds it took.
+    // Runs for aNs, or until aMessages (0: no limit) have come back, counted from now on. Returns the elapsed nanoseconds.
     int64_t Run(int64_t aNs, uint64_t aMessages);
 
-    // Runs until a message has come back on every connection, or has failed: the server knows them all then.
+    // Runs until a message has come back, or has failed, on every connection: the server has accepted all of them then.
     void Settle();
 
     const CLoadCounters& GetCounters() const { return m_Counters; }

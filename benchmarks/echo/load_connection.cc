@@ -42,7 +42,7 @@ bool CLoadConnection::Start() {
         close(m_Fd);
     m_strOut.clear();
     m_nOutSent = 0;
-    const int64_t llNow = bench::NowNs();  // what it takes to connect counts where every message connects
+    const int64_t llNow = bench::NowNs();  // if every message connects, the connect counts
     if (!Connect())
         return Failed();
     for (int n = 0; n < (m_bGoesOn ? m_Settings.m_InFlight : 1); ++n)
@@ -50,7 +50,7 @@ bool CLoadConnection::Start() {
     return Flush();
 }
 
-// Comes from one of many loopback addresses: connections that were closed a moment ago must not use the ports up.
+// Uses one of many loopback addresses, so that recently closed connections do not exhaust the ports.
 bool CLoadConnection::Connect() {
     m_Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int nOn = 1;

@@ -1,4 +1,4 @@
-// One connection of the load program: keeps a number of messages under way and compares every byte that comes back.
+// One connection of the load program: keeps a number of messages in flight and compares every byte that comes back.
 #pragma once
 
 #include <cstdint>
@@ -12,19 +12,19 @@ struct CLoadSettings {
     uint16_t m_wPort = 0;
     int m_Connections = 1;
     size_t m_nSize = 64;        // bytes of a message
-    int m_InFlight = 1;         // messages under way on each connection
+    int m_InFlight = 1;         // messages in flight on each connection
     bool m_bReconnect = false;  // a new connection for every message
-    int m_Busy = 0;             // so many connections go on, the others stop behind their first message; 0: all go on
+    int m_Busy = 0;  // the number of connections that continue; the others stop after their first message; 0: all continue
 };
 
-// What all connections count together.
+// The common counters of all connections.
 struct CLoadCounters {
     uint64_t m_ullMessages = 0;
     uint64_t m_ullErrors = 0;
     bench::CHistogram m_Latencies;
 };
 
-// The bytes of all messages. Each message starts at another offset of the same noise, so none has to be put together.
+// The bytes of all messages. Each message starts at another offset of the same noise, so that none has to be built.
 class CPattern {
 public:
     explicit CPattern(size_t aSize);
@@ -45,11 +45,11 @@ public:
     int GetHandle() const { return m_Fd; }
     bool HasUnsent() const { return m_nOutSent < m_strOut.size(); }
 
-    // Connects and sends the first messages; false, and an error is counted, when that fails.
+    // Connects and sends the first messages. false: that failed, and an error was counted.
     bool Start();
 
-    // Reads what is there, answers it with new messages and counts. False: the connection is over, by an error that is counted
-    // or because its one message is done.
+    // Reads the available bytes, answers them with new messages and counts. False: the connection is over, after a counted
+    // error or after its only message.
     bool OnReadable(char* aBuffer, size_t aSize);
     bool HasAnswered() const { return m_ullReceived > 0; }
     bool Flush();
@@ -68,8 +68,8 @@ private:
     int m_Fd = -1;
     uint64_t m_ullSent = 0;
     uint64_t m_ullReceived = 0;
-    size_t m_nOffset = 0;  // bytes of the next message that have come back
+    size_t m_nOffset = 0;  // bytes of the current message that have come back
     std::string m_strOut;
     size_t m_nOutSent = 0;
-    std::vector<int64_t> m_SendTimes;  // of the messages under way, as a ring
+    std::vector<int64_t> m_SendTimes;  // of the messages in flight, as a ring
 };

@@ -10,7 +10,7 @@
 namespace {
 
 constexpr DWORD SIZE = 64;
-constexpr size_t AT_ONCE = 32;  // connects under way
+constexpr size_t AT_ONCE = 32;  // connects in flight
 
 ICmReactor& Reactor() { return *CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN); }
 
@@ -50,7 +50,7 @@ void CGrowthLoad::Run() {
     m_Ends.clear();
 }
 
-// From one of many loopback addresses, so that ports do not run out.
+// Uses one of many loopback addresses, so that the ports do not run out.
 void CGrowthLoad::ConnectNext(ICmConnector& aConnector) {
     if (m_nAsked == m_Work.m_nConnections)
         return;

@@ -19,19 +19,19 @@ struct CGrowthWork {
     pid_t m_Server = 0;
 };
 
-// Main thread, which is the network thread. Any fault ends the program.
+// Main thread, which is the network thread. Any error ends the program.
 class CGrowthLoad : public ICmAcceptorConnectorSink, public ICmTimerHandler {
 public:
     explicit CGrowthLoad(const CGrowthWork& aWork);
 
-    // Does the work and prints what came of it.
+    // Does the work and prints the results.
     void Run();
 
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
 
 private:
-    // One connection, with at most one message under way.
+    // One connection, with at most one message in flight.
     class CEnd : public ICmTransportSink {
     public:
         CEnd(CGrowthLoad& aLoad, ICmTransport* aTransport) : m_Load(aLoad), m_pTransport(aTransport) {}
@@ -44,7 +44,7 @@ private:
     private:
         CGrowthLoad& m_Load;
         CCmRefPtrT<ICmTransport> m_pTransport;
-        DWORD m_dwMissing = 0;  // bytes of the message under way
+        DWORD m_dwMissing = 0;  // bytes of the message in flight that are missing
         int64_t m_llSent = 0;
     };
 

@@ -5,8 +5,8 @@
 //
 // TYPE is raw, length, package, or keepalive: package with keep-alives and, in the server, a timer of every connection that
 // fires each second. The server sends every message back. The load opens all connections, sends a message of 64 bytes on each,
-// and then has one under way on each of the first --busy (100). Prints "rate", "p50_us", "p99_us", "cpu_ns" of the server for a
-// message, and "kib_per_connection", by how much the server's memory grew until it had answered on each.
+// and then keeps one in flight on each of the first --busy (100). Prints "rate", "p50_us", "p99_us", "cpu_ns" (the server's
+// cost of a message) and "kib_per_connection" (the growth of the server's memory until it had answered on each).
 #include <getopt.h>
 
 #include <cstring>
@@ -25,7 +25,7 @@ public:
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override { Answer(aData); }
 };
 
-// The same with a time-out of its own, as many servers have it.
+// The same with a timer of its own, as many servers have one.
 class CTimedSession : public bench::CTalvoSession<CTimedSession>, public ICmTimerHandler {
 public:
     using CTalvoSession::CTalvoSession;

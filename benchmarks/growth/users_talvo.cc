@@ -1,6 +1,6 @@
-// bench_users_talvo THREADS: so many user threads, each with a server and a client of its own that stream length-prefixed
-// messages of 64 bytes, all through the one network thread. Prints "rate", the messages of all together in a second, and
-// "cpu_ns", what one cost the process.
+// bench_users_talvo THREADS: THREADS user threads, each with a server and a client of its own that stream length-prefixed
+// messages of 64 bytes, all through the one network thread. Prints "rate", the messages of all threads in a second, and
+// "cpu_ns", the process's cost of one.
 #include <unistd.h>
 
 #include <cstdio>
@@ -31,7 +31,7 @@ public:
     void OnReceive(CCmMessageBlock&, ICmTransport*, CCmTransportParameter*) override { ++t_ullReceived; }
 };
 
-// Lives in its own thread but for its constructor and destructor.
+// Lives in its own thread, except its constructor and destructor.
 class CUser : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
     CUser() { bench::Expect(CCmThreadManager::Instance()->CreateUserTaskThread(m_pThread)); }
@@ -72,7 +72,7 @@ public:
     void OnDisconnect(CmResult aReason, ICmTransport*) override { bench::Expect(aReason); }
 
 private:
-    // Until the connection has enough: OnSend goes on, with what it did not take first.
+    // Sends until the connection takes no more. OnSend continues, first with the refused block.
     void Stream() {
         do {
             if (m_Made)

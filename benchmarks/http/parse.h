@@ -1,4 +1,4 @@
-// HTTP messages in memory: what it costs to parse a browser's request head, a response head and a chunked body.
+// HTTP messages in memory: the cost of parsing a browser's request head, a response head and a chunked body.
 #pragma once
 
 #include <algorithm>
@@ -48,7 +48,7 @@ constexpr std::string_view RESPONSE =
 constexpr std::string_view CHUNKED_RESPONSE = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
 constexpr size_t BODY_SIZE = 1 << 20;
 constexpr size_t CHUNK_SIZE = 4096;
-constexpr size_t PIECE_SIZE = 16384;  // what a transport reads at once
+constexpr size_t PIECE_SIZE = 16384;  // the read size of a transport
 
 // 1 MiB of body in chunks, with its end.
 inline std::string ChunkedBody() {
@@ -65,7 +65,7 @@ inline void Check(bool aGood, const char* aWhat) {
     }
 }
 
-// Prints the time of one call of aWork: the best of twenty runs, so that what else the machine does matters little.
+// Prints the time of one call of aWork: the best of twenty runs, so that other work of the machine has little effect.
 template <class Work>
 void Measure(const char* aName, int aCalls, Work aWork) {
     constexpr int RUNS = 20;
@@ -80,7 +80,7 @@ void Measure(const char* aName, int aCalls, Work aWork) {
 }
 
 // Parser is the library under test:
-//   Request(message), Response(message)   parses a whole head and stores it; returns how many headers there are
+//   Request(message), Response(message)   parses a whole head and stores it; returns the number of headers
 //   Chunked(pieces)                       collects the body that follows CHUNKED_RESPONSE in a buffer; returns its length
 template <class Parser>
 int RunParse() {

@@ -1,5 +1,5 @@
-// Heads and chunked bodies on Boost.Beast: its parsers store all fields in its container. A parser is made for each message, as
-// its documentation has it, and given the whole head at once; the body goes into a string that is kept.
+// Heads and chunked bodies on Boost.Beast: its parsers store all fields in its container. As its documentation recommends, each
+// message has a new parser, which gets the whole head at once; the body goes into a string that is kept.
 #include <boost/beast/http.hpp>
 
 #include "benchmarks/http/parse.h"
@@ -27,7 +27,7 @@ public:
         m_strBody.clear();
         parser.get().body() = std::move(m_strBody);
         Put(parser, bench::CHUNKED_RESPONSE);
-        std::string strLeft;  // of a piece: a size line that is not whole
+        std::string strLeft;  // of a piece: an incomplete size line
         for (const std::string_view strPiece : aPieces) {
             if (strLeft.empty()) {
                 strLeft = strPiece.substr(Put(parser, strPiece));
@@ -41,7 +41,7 @@ public:
     }
 
 private:
-    // How much was used; what is left has to come again with more.
+    // Returns the number of bytes used. The rest has to come again with more.
     template <class Parser>
     static size_t Put(Parser& aParser, std::string_view aBytes) {
         size_t stUsed = 0;

@@ -1,5 +1,5 @@
-// Heads and chunked bodies on http_parser, with callbacks as an application has them: names, values and the parts of the first
-// line go into strings that are kept from message to message. It looks at fewer things than the others: names stay texts.
+// Heads and chunked bodies on http_parser, with typical callbacks of an application: names, values and the parts of the first
+// line go into strings that are kept from message to message. It checks less than the others: names stay texts.
 #include <http_parser.h>
 
 #include "benchmarks/http/parse.h"
@@ -54,7 +54,7 @@ private:
         aText.append(aAt, aLength);
         return 0;
     }
-    // A name or value may come in pieces; a name behind a value begins the next field.
+    // A name or value may come in pieces. A name after a value begins the next field.
     int AddName(const char* aAt, size_t aLength) {
         if (m_bInValue) {
             if (++m_stCount > m_Fields.size())

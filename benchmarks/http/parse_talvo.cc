@@ -1,5 +1,5 @@
 // Heads and chunked bodies on this library. Its heads store every name (as an atom) and value and the parts of the first line,
-// in storage that they keep from message to message, as on a connection that persists.
+// in storage that they keep from message to message, as on a persistent connection.
 #include "benchmarks/http/parse.h"
 #include "talvo/talvo.h"
 

@@ -1,6 +1,6 @@
-// Messages on Asio, a 4-byte length before each: the context runs in a thread of its own. The application's thread leaves its
-// messages in an outbox and posts when that was empty; what is read comes back in an inbox, likewise. Either side waits for the
-// other when more than a limit lies there.
+// Messages on Asio, a 4-byte length before each. The context runs in a thread of its own. The application's thread puts its
+// messages into an outbox and posts if that was empty; received messages come back in an inbox in the same way. Each side waits
+// for the other if its box exceeds a limit.
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -22,18 +22,18 @@ using asio::ip::tcp;
 constexpr size_t LIMIT = 1 << 20;
 constexpr size_t READ = 65536;
 constexpr uint32_t COPIED = 1024;
-constexpr int ANY_CORE = -1;  // whoever starts the program binds it
+constexpr int ANY_CORE = -1;  // the caller of the program binds it
 
 struct CMessage {
     explicit CMessage(uint32_t aSize) : m_dwLength(htonl(aSize)), m_dwSize(aSize), m_pBytes(new char[aSize]) {}
 
-    uint32_t m_dwLength;  // as it travels
+    uint32_t m_dwLength;  // in network byte order
     uint32_t m_dwSize;
     std::unique_ptr<char[]> m_pBytes;
 };
 using CMessages = std::vector<CMessage>;
 
-// One way between the two threads. Bounded.
+// One direction between the two threads, with a limit.
 class CBox {
 public:
     // Waits for room. True: it was empty.
@@ -43,7 +43,7 @@ public:
         return Add(std::move(aMessage));
     }
 
-    // All there is; with aWait at least one. True: PutAll had filled it.
+    // Takes all messages; with aWait at least one. True: PutAll had filled it.
     bool TakeAll(CMessages& aMessages, bool aWait) {
         std::unique_lock lock(m_Mutex);
         if (aWait)
@@ -54,7 +54,7 @@ public:
         return std::exchange(m_bFull, false);
     }
 
-    // Adds without waiting for room, wakes a TakeAll that waits. False: it is full now.
+    // Adds without waiting for room, and wakes a waiting TakeAll. False: it is full now.
     bool PutAll(CMessages& aMessages) {
         bool bWasEmpty = false;
         bool bFull = false;
@@ -82,7 +82,7 @@ private:
     std::condition_variable m_Filled;
     CMessages m_Messages;  // under the mutex
     size_t m_nBytes = 0;   // under the mutex
-    bool m_bFull = false;  // under the mutex; said by PutAll
+    bool m_bFull = false;  // under the mutex; set by PutAll
 };
 
 class CEnd {
@@ -132,7 +132,7 @@ public:
     }
 
 private:
-    // From here on in the network thread. One write at a time takes all that waits.
+    // From here on in the network thread. One write at a time takes all queued messages.
     void Write() {
         if (!m_Writing.empty())
             return;
@@ -145,7 +145,7 @@ private:
         Join();
         asio::async_write(m_Socket, m_Bufs, [this](std::error_code aError, size_t) {
             if (aError)
-                std::_Exit(0);  // the peer has gone
+                std::_Exit(0);  // the peer has closed
             m_nWaiting -= m_Writing.size() * m_dwSize;
             m_nWaiting.notify_one();
             m_Writing.clear();
@@ -153,7 +153,7 @@ private:
         });
     }
 
-    // Asio passes 16 buffers at most to one system call, so small messages are copied together.
+    // Asio passes at most 16 buffers to one system call, so small messages are copied together.
     void Join() {
         m_Bufs.clear();
         m_Joined.clear();
@@ -182,7 +182,7 @@ private:
         });
     }
 
-    // Length and bytes of a message may lie in any number of reads.
+    // Length and bytes of a message may be spread over any number of reads.
     void Cut(const char* aBytes, size_t aSize) {
         while (aSize > 0) {
             char* pTo = m_UnderWay ? m_UnderWay->m_pBytes.get() : reinterpret_cast<char*>(&m_dwLength);
@@ -225,7 +225,7 @@ private:
     CMessages m_Arrived;
     std::optional<CMessage> m_UnderWay;
     uint32_t m_dwLength = 0;
-    size_t m_nHave = 0;  // of the length, or of the message under way
+    size_t m_nHave = 0;  // of the length, or of the current message
 };
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Messages on the bare system, a 4-byte length before each: the floor. There is no network thread; the application's thread
-// calls send and recv itself, for many messages at once where it can.
+// itself calls send and recv, for many messages at once if possible.
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -79,12 +79,12 @@ private:
         return fd;
     }
 
-    // Large messages go out no faster from where they are than through this buffer.
+    // Sending large messages from their own memory is no faster than through this buffer.
     void Flush() {
         for (size_t nSent = 0; nSent < m_Out.size();) {
             const ssize_t nNow = send(m_Fd, m_Out.data() + nSent, m_Out.size() - nSent, MSG_NOSIGNAL | MSG_DONTWAIT);
             if (nNow == -1 && (errno == ECONNRESET || errno == EPIPE))
-                std::exit(0);  // the peer has what it wanted
+                std::exit(0);  // the peer has all it needs
             if (nNow == -1 && errno != EAGAIN)
                 bench::Fail("send");
             if (nNow == -1)
@@ -95,7 +95,7 @@ private:
         m_Out.clear();
     }
 
-    // Only what begins the next message is left in the buffer when it gets here.
+    // At this point the buffer contains only the start of the next message.
     void Read() {
         std::memmove(m_In.data(), m_In.data() + m_nInBegin, m_nInEnd - m_nInBegin);
         m_nInEnd -= std::exchange(m_nInBegin, 0);

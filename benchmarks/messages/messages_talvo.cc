@@ -1,5 +1,5 @@
 // Messages on this library's length-prefixed connection or, with --type package, its package connection. The application's
-// thread is the main thread; connector, acceptor and connection are proxies of what lives in the network thread.
+// thread is the main thread; connector, acceptor and connection are proxies of objects in the network thread.
 #include <optional>
 
 #include "benchmarks/messages/work.h"
@@ -77,7 +77,7 @@ private:
         }
     }
 
-    // What is under way is of no interest to anybody.
+    // Data in flight does not matter any more.
     template <class Function>
     [[noreturn]] void End(Function aPrint) {
         aPrint();
@@ -90,7 +90,7 @@ private:
         Expect(m_pConnection->SendData(message));
     }
 
-    // Until the library has enough; what it did not take is sent first when it says so.
+    // Sends until the library takes no more. OnSend continues with the refused block.
     void Stream() {
         for (;; m_Refused.reset()) {
             if (!m_Refused)
@@ -113,7 +113,7 @@ private:
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pConnection;
-    std::optional<CCmMessageBlock> m_Refused;  // made and not taken yet
+    std::optional<CCmMessageBlock> m_Refused;  // created and not taken yet
     uint64_t m_ullNumber = 0;
 };
 

@@ -17,7 +17,7 @@ constexpr const char* USAGE =
     "       PROGRAM recv|ping --port PORT --size SIZE [--type NAME] [--count N] [--seconds S] [--warm-up S] [--pid PEER]\n";
 constexpr const char* ROLES[] = {"send", "recv", "pong", "ping"};  // as ERole
 
-// Looking at the clock for every message would cost a fast receiver more than the message.
+// Reading the clock for every message would cost a fast receiver more than the message.
 constexpr uint64_t CLOCK_EVERY = 32;
 
 [[noreturn]] void ExitWithUsage() {
@@ -98,7 +98,7 @@ void FillMessage(void* aMessage, size_t aSize, uint64_t aNumber) {
 
 CArrived::CArrived(const void* aMessage, size_t aSize) : m_nSize(aSize) {
     if (aSize < sizeof(m_ullNumber))
-        return;  // found out by its size
+        return;  // its size is wrong, which the caller detects
     std::memcpy(&m_ullNumber, aMessage, sizeof(m_ullNumber));
     m_cLast = static_cast<const char*>(aMessage)[aSize - 1];
 }

@@ -1,17 +1,17 @@
 // The work of the message benchmark: two processes, messages of one size between their application threads over TCP.
 //
-//   PROGRAM send PORT SIZE [--type NAME]         listens, prints "ready"; messages without end to the first that connects
-//   PROGRAM recv --port PORT --size SIZE ...     connects and takes what comes
+//   PROGRAM send PORT SIZE [--type NAME]         listens, prints "ready"; sends messages without end to the first client
+//   PROGRAM recv --port PORT --size SIZE ...     connects and receives all messages
 //   PROGRAM pong PORT SIZE [--type NAME]         listens, prints "ready"; answers each message with a new one
 //   PROGRAM ping --port PORT --size SIZE ...     connects; one message at a time, there and back
 //
-// recv and ping end by themselves, after --seconds (default 1) or --count messages, whichever comes first, behind --warm-up
-// seconds (default 0.2) that are not counted. They print JSON: "rate" (messages or round trips a second, from the first
-// counted one to the last), "messages", "p50_us" and "p99_us" (ping), and with --pid, the other process, "cpu_ns": what one
-// message cost both processes together. The listening side runs until its peer goes or a signal ends it.
+// recv and ping end by themselves, after --seconds (default 1) or --count messages, whichever comes first, after --warm-up
+// seconds (default 0.2) that are not counted. They print JSON: "rate" (messages or round trips a second, from the first counted
+// one to the last), "messages", "p50_us" and "p99_us" (ping). With --pid, the other process, also "cpu_ns": the cost of one
+// message to both processes together. The listening side runs until its peer closes or a signal ends it.
 //
-// A message has its number in the first 8 bytes and a letter that goes with its size in all others. It is made anew, in fresh
-// memory, for every send, and checked where it arrives: number, size and last byte. A wrong one ends the program.
+// A message has its number in the first 8 bytes and a letter that depends on its size in all others. It is created in fresh
+// memory for every send. The receiver checks number, size and last byte. A wrong message ends the program.
 #pragma once
 
 #include <sys/types.h>
@@ -37,15 +37,15 @@ struct CMessageWork {
     double m_dSeconds = 1;
     double m_dWarmUp = 0.2;
     pid_t m_Peer = 0;
-    std::string m_strType;  // for programs that know several kinds of connections
+    std::string m_strType;  // for programs with several kinds of connections
 };
 
-// Exits with the usage when the arguments are wrong.
+// Exits with the usage if the arguments are wrong.
 CMessageWork ParseMessageWork(int aArgc, char** aArgv);
 
 void FillMessage(void* aMessage, size_t aSize, uint64_t aNumber);
 
-// What is looked at of a message that has come.
+// The checked parts of a received message.
 struct CArrived {
     CArrived() = default;
     CArrived(const void* aMessage, size_t aSize);
@@ -55,7 +55,7 @@ struct CArrived {
     char m_cLast = 0;
 };
 
-// The number. Exits when the size or the last byte is wrong.
+// Returns the number. Exits if the size or the last byte is wrong.
 uint64_t CheckMessage(const CArrived& aMessage, size_t aExpectedSize);
 
 // Counts from the end of the warm-up to the end of the work.
@@ -63,15 +63,15 @@ class CMeasurement {
 public:
     explicit CMeasurement(const CMessageWork& aWork) : m_Work(aWork) {}
 
-    // Another message is done. False: it was the last.
+    // Counts another message. False: it was the last.
     bool Count(int64_t aNow);
     bool IsWarm() const { return m_llFrom != 0; }
 
-    // aLatencies: null for none.
+    // aLatencies: null if there are none.
     void Print(const CHistogram* aLatencies) const;
 
 protected:
-    // Counts the message as done; exits when it is wrong, or not the one whose turn it is.
+    // Counts the message. Exits if it is wrong or out of order.
     void TakeNext(const CArrived& aMessage);
 
     const CMessageWork& m_Work;
@@ -102,7 +102,7 @@ class CPinger : public CMeasurement {
 public:
     using CMeasurement::CMeasurement;
 
-    // The number of the message to send now.
+    // The number of the next message.
     uint64_t Next();
     // False: it was the last.
     bool Take(const CArrived& aMessage);
@@ -113,10 +113,10 @@ private:
     CHistogram m_Latencies;
 };
 
-// The program, for a library whose calls block. End is one end of the connection, made from the work (a listener has printed
-// "ready" and has its peer when it is made, or takes it later):
-//   void Send(uint64_t aNumber)      makes a message and sends it
-//   CArrived Receive()               waits for a message and looks at it
+// The program, for a library with blocking calls. End is one end of the connection, constructed from the work. A listening End
+// has printed "ready"; it takes its peer in the constructor or later:
+//   void Send(uint64_t aNumber)      creates a message and sends it
+//   CArrived Receive()               waits for a message and reads its checked parts
 template <class End>
 int RunMessageWork(int aArgc, char** aArgv) {
     const CMessageWork work = ParseMessageWork(aArgc, aArgv);
@@ -142,7 +142,7 @@ int RunMessageWork(int aArgc, char** aArgv) {
         pinger.Print();
         break;
     }
-    std::_Exit(0);  // what is under way is of no interest to anybody
+    std::_Exit(0);  // data in flight does not matter any more
 }
 
 }  // namespace bench

@@ -58,14 +58,14 @@ void CClient::OnSend(ICmTransport*, CCmTransportParameter*) {
 
 void CClient::OnDisconnect(CmResult, ICmTransport*) { End("the server has gone"); }
 
-// So many D, and an E.
+// aData D, then an E.
 void CClient::StartPart(uint64_t aData) {
     m_ullPartEnd = m_ullNumber + aData;
     m_bEndMade = false;
     SendPart();
 }
 
-// Until the connection has enough: OnSend goes on, with what it did not take first.
+// Sends until the connection takes no more. OnSend continues, first with the refused block.
 void CClient::SendPart() {
     while (!m_Made || SendMade()) {
         if (m_ullNumber < m_ullPartEnd) {
@@ -123,7 +123,7 @@ void CClient::TakePong(const CSeen& aSeen) {
     End(nullptr);
 }
 
-// Anew, in fresh memory, as an application does.
+// In fresh memory, as applications do.
 void CClient::Make(EKind aKind, DWORD aSize) { Fill(m_Made.emplace(aSize), aKind, m_ullNumber, aSize); }
 
 // False: not now; OnSend or OnDisconnect follows.
@@ -136,7 +136,7 @@ bool CClient::SendMade() {
     return true;
 }
 
-// aFault: null when all went well.
+// aFault: null on success.
 void CClient::End(const char* aFault) {
     if (aFault) {
         std::fprintf(stderr, "%s\n", aFault);

@@ -15,12 +15,12 @@ struct CClientWork {
     uint64_t m_ullCount = 1;
 };
 
-// Main thread. All sends are made inside upcalls, so that the library may gather them.
+// Main thread. All sends are made inside upcalls, so that the library can gather them.
 class CClient : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
     explicit CClient(const CClientWork& aWork);
 
-    // Connects, does the work, prints what came of it; the program's exit status.
+    // Connects, does the work, prints the results. Returns the program's exit status.
     int Run(DWORD aType);
 
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
@@ -40,12 +40,12 @@ private:
 
     const CClientWork m_Work;
     CCmRefPtrT<ICmTransport> m_pConnection;
-    std::optional<CCmMessageBlock> m_Made;  // and not taken by the connection yet
-    uint64_t m_ullNumber = 0;               // of the next D, or of the P that is under way
+    std::optional<CCmMessageBlock> m_Made;  // created and not yet taken by the connection
+    uint64_t m_ullNumber = 0;               // of the next D, or of the P in flight
     uint64_t m_ullPartEnd = 0;              // the number behind the last D of this part
-    bool m_bEndMade = false;                // the E of this part, too
-    bool m_bWarm = false;                   // the part that counts
-    uint64_t m_ullWarmUpCount = 0;          // what the server had counted before it
+    bool m_bEndMade = false;                // the E of this part was created, too
+    bool m_bWarm = false;                   // the current part counts
+    uint64_t m_ullWarmUpCount = 0;          // the server's count before that part
     int64_t m_llStart = 0;
     int64_t m_llPingSent = 0;
     bench::CHistogram m_Latencies;

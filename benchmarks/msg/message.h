@@ -1,9 +1,9 @@
-// What talvo_bench_msg says over a connection for messages. Numbers are little endian.
+// The messages of talvo_bench_msg over a connection for messages. Numbers are little-endian.
 //
 //    0      1                9                  SIZE - 1
 //    | kind | number         | anything         | 'a' + SIZE % 26 |      D and P: at least 10 bytes
 //    | 'E'  | number         |                                           9 bytes, and its answer:
-//    | 'E'  | how many D     | how many faults |                         17 bytes
+//    | 'E'  | number of D    | number of faults |                         17 bytes
 //    | 'Q'  | ...                                                        at least 1 byte
 #pragma once
 
@@ -14,9 +14,9 @@
 namespace msg {
 
 enum EKind : char {
-    DATA = 'D',  // is counted, and its number and last byte are checked
-    PING = 'P',  // comes back as it is
-    END = 'E',   // asks for the counts
+    DATA = 'D',  // is counted; its number and last byte are checked
+    PING = 'P',  // is sent back unchanged
+    END = 'E',   // requests the counts
     QUIT = 'Q'   // ends the server
 };
 
@@ -24,11 +24,11 @@ constexpr DWORD HEAD_SIZE = 9;
 constexpr DWORD SHORTEST = 10;  // of D and P
 constexpr DWORD ANSWER_SIZE = 17;
 
-// A message that has come.
+// A received message.
 struct CSeen {
     explicit CSeen(CCmMessageBlock& aMessage);
 
-    // Whether it is long enough and ends as its size says.
+    // TRUE: it is long enough, and its last byte matches its size.
     bool IsWhole() const;
 
     DWORD m_dwSize;

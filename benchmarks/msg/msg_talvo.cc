@@ -1,9 +1,9 @@
-// Messages between two programs, on this library's length-prefixed connections or its package connections. In both the
-// application's thread, the main thread, is not the network thread. message.h has what is said, server.h what is counted.
+// Messages between two programs, on this library's length-prefixed connections or its package connections. In both programs the
+// application's thread, the main thread, is not the network thread. message.h describes the messages, server.h the counts.
 //
-// stream sends max(COUNT/10, 100) D to warm up, then COUNT, each behind the answer to an E, and prints
-// {"msgs_s":...,"mb_s":...}, millions of bytes; ping sends COUNT P, one at a time, and prints
-// {"msgs_s":...,"p50_us":...,"p99_us":...,"p999_us":...}. Whatever goes wrong ends the client with 1.
+// stream sends max(COUNT/10, 100) D to warm up, then COUNT, each part after the answer to an E, and prints
+// {"msgs_s":...,"mb_s":...}, millions of bytes. ping sends COUNT P, one at a time, and prints
+// {"msgs_s":...,"p50_us":...,"p99_us":...,"p999_us":...}. Any error ends the client with status 1.
 #include <getopt.h>
 
 #include <cstdio>

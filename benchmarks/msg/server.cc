@@ -11,7 +11,7 @@
 
 namespace msg {
 
-// Its answers may be as long as anything that can come. A client that has gone already is told of later.
+// Its answers may be as long as the longest message. If the client has gone already, that is reported later.
 CmResult CSession::Open(CPlace aPlace) {
     const CmResult rv = CTalvoSession::Open(aPlace);
     if (rv == CM_OK)

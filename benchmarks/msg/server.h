@@ -6,8 +6,8 @@
 
 namespace msg {
 
-// One connection. Its counts are of its whole life; a fault is a D too short, with a wrong last byte or with another number
-// than the one before plus one. The first D, and the first behind each E, may have any number, so that a client may begin anew.
+// One connection. Its counts are of its whole life. A fault is a D that is too short, has a wrong last byte, or whose number is
+// not the one before plus one. The first D, and the first after each E, may have any number, so that a client may start again.
 class CSession : public bench::CTalvoSession<CSession> {
 public:
     using CTalvoSession::CTalvoSession;
@@ -24,7 +24,7 @@ private:
     bool m_bAnyNumber = true;
 };
 
-// Listens on 127.0.0.1 until a signal or a Q; the program's exit status.
+// Listens on 127.0.0.1 until a signal or a Q. Returns the program's exit status.
 int RunServer(DWORD aType, uint16_t aPort);
 
 }  // namespace msg

@@ -1,6 +1,6 @@
-// The network thread echoes to one peer, a bare socket in a thread of its own, while the main thread does nothing, connects a
-// thousand times by address, or by a thousand names. Prints the echo's round trips of the second that begins with the connects,
-// and of the time until all are there.
+// The network thread echoes to one peer, a bare socket in a thread of its own. Meanwhile the main thread does nothing, connects
+// a thousand times by address, or by a thousand names. Prints the echo's round trips of the second that begins with the
+// connects, and of the time until all are connected.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -25,7 +25,7 @@ constexpr int ROUNDS = 5;
 constexpr int64_t PAUSE_NS = 200000000;  // before each round
 constexpr int64_t ROUND_NS = 1000000000;
 
-// Made and called back in the network thread.
+// Created and called back in the network thread.
 class CEchoServer : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
     CEchoServer() {
@@ -49,14 +49,14 @@ public:
     uint16_t m_wPort = 0;
 };
 
-// Keeps a message going to and fro. Nothing of this library, so that it waits for the network thread alone.
+// Keeps one message in flight. It uses nothing of this library, so that it waits for the network thread alone.
 class CTalker {
 public:
     explicit CTalker(uint16_t aPort) : m_Thread([this, aPort] { Run(aPort); }) { m_Thread.detach(); }
 
     enum EPhase { PAUSE, BURST, SECOND };
 
-    std::atomic<EPhase> m_Phase{PAUSE};  // set by the main thread, which reads the figures in a pause
+    std::atomic<EPhase> m_Phase{PAUSE};  // the main thread sets it and reads the figures in a pause
     bench::CHistogram m_Second;
     bench::CHistogram m_Burst;
 
@@ -121,7 +121,7 @@ void Idle(int64_t aNs) {
 
 using ClientsType = std::vector<std::unique_ptr<CClient>>;
 
-// All of them at once, until all are there. No name is asked for twice.
+// Connects all at once and waits for all. No name is looked up twice.
 ClientsType ConnectAll(bool aByName, int aFirst, uint16_t aPort) {
     ClientsType clients;
     for (int i = 0; i < CONNECTS; ++i)
@@ -152,7 +152,7 @@ int main(int argc, char** argv) {
     CTalker* pTalker = new CTalker(pServer->m_wPort);
     for (int i = 0; i < ROUNDS; ++i) {
         Idle(PAUSE_NS);
-        ClientsType clients;  // closed when the measuring is over
+        ClientsType clients;  // closed after the measurement
         const int64_t llStart = bench::NowNs();
         pTalker->m_Phase = CTalker::BURST;
         if (strMode != "quiet") {
@@ -162,7 +162,7 @@ int main(int argc, char** argv) {
         Idle(llStart + ROUND_NS - bench::NowNs());
         pTalker->m_Phase = CTalker::PAUSE;
     }
-    Idle(PAUSE_NS);  // the last round trip is recorded
+    Idle(PAUSE_NS);  // lets the last round trip be recorded
     bench::CReport report;
     report.Add("second_p50_us", pTalker->m_Second.PercentileUs(0.5));
     report.Add("second_p99_us", pTalker->m_Second.PercentileUs(0.99));

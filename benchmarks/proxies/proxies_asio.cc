@@ -11,7 +11,7 @@ namespace {
 
 using asio::ip::tcp;
 
-// Lives in the network thread, but for Send.
+// Lives in the network thread, except Send.
 class CConnection : public bench::CChannel {
 public:
     CConnection(bench::CAsioLoop& aNetwork, bench::CAsioLoop& aUserLoop, bench::CUser& aUser)
@@ -45,7 +45,7 @@ private:
         });
     }
 
-    // One write at a time takes all that waits.
+    // One write at a time takes all queued messages.
     void Write() {
         if (!m_Writing.empty() || m_Outbox.empty())
             return;
@@ -86,5 +86,5 @@ int main() {
         pClient->Socket().async_connect(acceptor.local_endpoint(), [&](std::error_code) { pClient->Start(); });
     });
     client.Print(server.WaitForEnd());
-    std::_Exit(0);  // what is open in the contexts would have to be closed in their threads
+    std::_Exit(0);  // objects in the contexts would have to be closed in their threads
 }

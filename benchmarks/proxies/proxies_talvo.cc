@@ -7,7 +7,7 @@ namespace {
 
 using bench::Expect;
 
-// Brings one user's connection about and is its transport's sink. User's thread.
+// Creates one user's connection and is its transport's sink. User's thread.
 class CEnd : public ICmAcceptorConnectorSink, public ICmTransportSink, public bench::CChannel {
 public:
     explicit CEnd(bench::CUser& aUser) : m_User(aUser) {}
@@ -67,14 +67,14 @@ public:
         m_User.OnWritable();
     }
 
-    void OnDisconnect(CmResult, ICmTransport*) override {}  // the other end is done; earlier, the run would not end
+    void OnDisconnect(CmResult, ICmTransport*) override {}  // the other end has finished; otherwise the run would not end
 
 private:
     bench::CUser& m_User;
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pTransport;
-    CCmChainPtr m_pRest;  // pushed back
+    CCmChainPtr m_pRest;  // refused by back-pressure
 };
 
 class CUserThread {

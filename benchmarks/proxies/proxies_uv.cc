@@ -8,7 +8,7 @@
 
 namespace {
 
-// Lives in the network thread, but for Send and m_Outbox.
+// Lives in the network thread, except Send and m_Outbox.
 class CConnection : public bench::CChannel {
 public:
     CConnection(bench::CUvLoop& aNetwork, bench::CUvLoop& aUserLoop, bench::CUser& aUser)
@@ -54,7 +54,7 @@ private:
         m_UserLoop.Post([this, strBytes = std::move(aBytes)] { m_User.OnBytes(strBytes); });
     }
 
-    // One write at a time takes all that waits.
+    // One write at a time takes all queued messages.
     void Write() {
         if (!m_Writing.empty())
             return;

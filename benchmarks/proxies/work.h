@@ -1,6 +1,6 @@
-// The work of the in-process echo: a client and a server with a thread each, and sockets that live in a third, the network
-// thread. First round trips of one message, then as many messages one way as the client may send. How bytes and calls get from
-// thread to thread is each library's affair; this part is the same for all.
+// The work of the in-process echo: a client and a server with a thread each, and sockets in a third, the network thread. First
+// round trips of one message, then as many messages one way as the client may send. Each library hands bytes and calls from
+// thread to thread in its own way; this part is the same for all.
 #pragma once
 
 #include <atomic>
@@ -25,10 +25,10 @@ static_assert(MESSAGE.size() == MESSAGE_SIZE);
 constexpr int NETWORK_CORE = 0;
 constexpr int USER_CORE = 1;
 
-// One end of the connection as its user sees it.
+// One end of the connection, for its user.
 class CChannel {
 public:
-    // User's thread. False: pushed back, nothing is taken; CUser::OnWritable follows.
+    // User's thread. False: back-pressure, and nothing is taken; CUser::OnWritable follows.
     virtual bool Send(std::string_view aMessage) = 0;
     virtual ~CChannel() = default;
 };
@@ -45,7 +45,7 @@ protected:
     CChannel* m_pChannel = nullptr;  // not owned
 };
 
-// Sends back what comes, up to the burst, which it only counts.
+// Sends all data back, up to the burst, which it only counts.
 class CServerUser : public CUser {
 public:
     void OnBytes(std::string_view aBytes) override {
@@ -89,7 +89,7 @@ public:
             ++m_ullBurst;
     }
 
-    // Rates, once the server has seen the end.
+    // Rates, after the server has seen the end.
     void Print(int64_t aEnd) const {
         CReport report;
         report.Add("round_trip", ROUND_TRIPS * 1e9 / static_cast<double>(m_llBurstStart - m_llEchoStart));
@@ -109,10 +109,10 @@ private:
     int64_t m_llBurstStart = 0;
 };
 
-// Holds the user back while more than a limit waits for the network, as this library's proxies do by themselves.
+// Applies back-pressure to the user while more than a limit is queued, as this library's proxies do by themselves.
 class CPushBack {
 public:
-    // User's thread; false: wait until Done has said so.
+    // User's thread. false: wait until Done returns true.
     bool Take(size_t aSize) {
         if (m_nWaiting.load() + aSize > LIMIT) {
             m_bHeld = true;
@@ -123,7 +123,7 @@ public:
         return true;
     }
 
-    // Network thread: that much was sent. True: tell the user to go on.
+    // Network thread: aSize bytes were sent. True: the user can continue.
     bool Done(size_t aSize) { return m_nWaiting.fetch_sub(aSize) - aSize <= LIMIT / 2 && m_bHeld.exchange(false); }
 
 private:

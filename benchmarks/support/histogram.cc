@@ -6,7 +6,7 @@
 namespace bench {
 namespace {
 
-// Every power of two is cut into 64 equal steps; below 64 ns each nanosecond has its own.
+// Every power of two is divided into 64 equal steps; below 64 ns each nanosecond has its own.
 constexpr int STEP_BITS = 6;
 constexpr uint64_t STEPS = 1u << STEP_BITS;
 

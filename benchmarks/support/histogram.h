@@ -1,4 +1,4 @@
-// Latencies, counted in buckets of at most 1.6% width: what is recorded costs no memory.
+// Latencies, counted in buckets of at most 1.6% width: a record takes no memory.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ public:
     void Record(int64_t aNs);
     void Reset();
 
-    // The latency in microseconds that the given share (0 to 1) of all recorded ones does not exceed; 0 when there is none.
+    // The latency in microseconds that the given share (0 to 1) of all recorded ones does not exceed; 0 without records.
     double PercentileUs(double aShare) const;
 
 private:

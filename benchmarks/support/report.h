@@ -1,4 +1,4 @@
-// What a benchmark program prints for the driver: flat JSON objects, one a line.
+// The output of a benchmark program for the driver: flat JSON objects, one a line.
 #pragma once
 
 #include <string>
@@ -18,7 +18,7 @@ private:
 
 // A line {"name":aName,"ns":aNs}: nanoseconds of one operation.
 void PrintCost(const std::string& aName, double aNs);
-// The same of an operation whose time was taken each time: what half and 99 of 100 do not exceed, as "ns" and "p99_ns".
+// The same for an operation that was timed each time: "ns" and "p99_ns" are the times that half and 99 of 100 do not exceed.
 void PrintCost(const std::string& aName, const CHistogram& aTimes);
 
 }  // namespace bench

@@ -47,7 +47,7 @@ void RaiseDescriptorLimit() {
 }
 
 void PinThisThread(int aCore) {
-    // What the first caller may use, which is not bound yet: threads inherit the core of whoever starts them.
+    // The cores of the first caller, which is not bound yet: threads inherit the core of the thread that starts them.
     static const cpu_set_t s_Allowed = [] {
         cpu_set_t allowed;
         CPU_ZERO(&allowed);

@@ -1,4 +1,4 @@
-// Connections for messages, as the benchmark programs on this library use them.
+// Connections for messages, for the benchmark programs on this library.
 #pragma once
 
 #include <cstdio>
@@ -17,14 +17,14 @@ inline void Expect(CmResult aResult) {
     std::exit(1);
 }
 
-// The type of connection that is called "length" or "package"; 0: none is called so.
+// The type of connection named "length" or "package"; 0: unknown name.
 inline DWORD MessageType(const std::string& aName) {
     if (aName == "length")
         return CCmConnectionManager::CTYPE_TCP | CCmConnectionManager::CTYPE_PDU_LENGTH;
     return aName == "package" ? CCmConnectionManager::CTYPE_TCP | CCmConnectionManager::CTYPE_PDU_PACKAGE : 0;
 }
 
-// The same and "raw" and "nopartial".
+// The same, and also "raw" and "nopartial".
 inline DWORD ConnectionType(const std::string& aName) {
     if (aName == "raw")
         return CCmConnectionManager::CTYPE_TCP;
@@ -33,8 +33,8 @@ inline DWORD ConnectionType(const std::string& aName) {
     return MessageType(aName);
 }
 
-// To be called once the connection is open, with the size of the longest message that will be sent on it. Socket buffers of a
-// fixed size: over loopback a run would measure how the system's own grow. CM_OK, or what the connection refused.
+// Call it after the connection is open, with the size of the longest message to be sent. It sets socket buffers of a fixed
+// size: over loopback a run would otherwise measure the growth of the system's own. CM_OK, or the connection's refusal.
 inline CmResult PrepareForMessages(ICmTransport& aConnection, DWORD aLongest) {
     constexpr DWORD HEADERS = 1024;
     int nSocketBuffer = 1 << 20;
@@ -48,7 +48,7 @@ inline CmResult PrepareForMessages(ICmTransport& aConnection, DWORD aLongest) {
     return rv == CM_OK && dwLongest < aLongest ? aConnection.SetOption(CS_OPT_MAX_BUFF_LEN, &dwSendBuffer) : rv;
 }
 
-// The last byte of a message, which may lie in pieces; 0 if it is empty.
+// The last byte of a message, which may be in pieces; 0 if it is empty.
 inline char LastByteOf(const CCmMessageBlock& aMessage) {
     char cLast = 0;
     for (const CCmMessageBlock* pBlock = &aMessage; pBlock; pBlock = pBlock->GetNext()) {

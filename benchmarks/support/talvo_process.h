@@ -1,4 +1,4 @@
-// What every program on this library needs: a main thread, calls handed to other threads, and the end in order.
+// The common part of all programs on this library: a main thread, calls to other threads, and the orderly end.
 #pragma once
 
 #include <signal.h>
@@ -11,7 +11,7 @@
 
 namespace bench {
 
-// Adopts the main thread for as long as it lives; ends all threads of the library afterwards.
+// Adopts the main thread during its life; ends all threads of the library afterwards.
 class CTalvoProcess {
 public:
     CTalvoProcess(int aArgc, char** aArgv) {
@@ -29,7 +29,7 @@ public:
     CTalvoProcess& operator=(const CTalvoProcess&) = delete;
 };
 
-// Blocked before the first thread starts, so that only Wait takes it.
+// Blocks the signals before the first thread starts, so that only Wait receives them.
 class CTermination {
 public:
     CTermination() {

@@ -1,5 +1,5 @@
-// Servers on this library: how they run, and one that listens on loopback and keeps a session for each connection until its
-// peer goes.
+// Servers on this library: their main loop, and a server that listens on loopback and keeps a session for each connection until
+// its peer closes.
 #pragma once
 
 #include <cstdio>
@@ -22,8 +22,8 @@ inline void RunMainLoop(CTermination& aTermination) {
     end.join();
 }
 
-// A whole program: aServer in the network thread until a signal comes. aOpen(port) makes it listen, there. The exit code. No
-// thread of the library runs before or after it.
+// A whole program: aServer in the network thread until a signal comes. aOpen(port), called there, makes it listen. Returns the
+// exit code. No thread of the library runs before or after it.
 template <class Server, class Open>
 int RunNetworkServer(int aArgc, char** aArgv, Server& aServer, Open aOpen) {
     const uint16_t wPort = PortArgument(aArgc, aArgv);
@@ -47,8 +47,8 @@ int RunNetworkServer(int aArgc, char** aArgv, Server& aServer, Open aOpen) {
 template <class Session>
 class CTalvoServer;
 
-// One connection, in its server's list. Session, the class that is derived from this one, is made from the server and the
-// transport and says in OnReceive what is done with what comes.
+// One connection, in its server's list. Session is the class derived from this one. It is constructed from the server and the
+// transport, and handles received data in OnReceive.
 template <class Session>
 class CTalvoSession : public ICmTransportSink {
 public:
@@ -77,7 +77,8 @@ public:
     void OnDisconnect(CmResult, ICmTransport*) override { m_Server.Forget(m_Place); }
 
 protected:
-    // From inside OnReceive. What the transport does not take is kept, and nothing more comes until it has gone.
+    // Call it inside OnReceive. The rest that the transport does not take is kept, and reading is paused until it has been
+    // sent.
     void Answer(CCmMessageBlock& aData) {
         if (m_pTransport->SendData(aData) != CM_ERROR_PARTIAL_DATA)
             return;
@@ -92,7 +93,7 @@ private:
 
     CTalvoServer<Session>& m_Server;
     CCmRefPtrT<ICmTransport> m_pTransport;
-    CCmChainPtr m_pRest;  // not yet taken by the transport; reading is paused while there is any
+    CCmChainPtr m_pRest;  // not yet taken by the transport; reading is paused meanwhile
     CPlace m_Place;
 };
 
@@ -105,7 +106,7 @@ public:
         return rv == CM_OK ? m_pAcceptor->StartListen(this, CCmInetAddr("127.0.0.1", aPort)) : rv;
     }
 
-    // Where it listens, which port 0 leaves to the system.
+    // The listening address; with port 0 the system chooses the port.
     CCmInetAddr GetAddr() {
         CCmInetAddr addr;
         m_pAcceptor->GetListenAddr(addr);

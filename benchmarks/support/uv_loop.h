@@ -26,7 +26,7 @@ public:
             uv_run(&m_Loop, UV_RUN_DEFAULT);
         });
     }
-    // Ends the thread. Handles that its user has open in the loop are abandoned: the program ends behind this.
+    // Ends the thread. Open handles of its user are abandoned, because the program ends afterwards.
     ~CUvLoop() {
         Post([this] { uv_stop(&m_Loop); });
         m_Thread.join();
@@ -34,7 +34,7 @@ public:
     CUvLoop(const CUvLoop&) = delete;
     CUvLoop& operator=(const CUvLoop&) = delete;
 
-    // Any thread. Wakes the loop only when the queue was empty.
+    // Any thread. Wakes the loop only if the queue was empty.
     template <class Function>
     void Post(Function&& aFunction) {
         bool bWasEmpty;

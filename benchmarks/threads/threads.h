@@ -1,4 +1,4 @@
-// Work handed to another thread: what a post costs one way, and how long it takes there and back.
+// Work for another thread: the cost of a post one way, and the time of a round trip.
 #pragma once
 
 #include <array>
@@ -18,7 +18,7 @@ constexpr uint64_t ONE_WAY = 1000000;
 constexpr int WARM_UP_TRIPS = 2000;
 constexpr int ROUND_TRIPS = 50000;
 
-// What the posts of one stream find in the other thread: they must run each once and in order.
+// Checks the posts of one stream in the other thread: each must run once and in order.
 struct CPostsSeen {
     void Take(uint64_t aNumber) {
         if (aNumber != m_ullRan) {
@@ -40,7 +40,7 @@ struct CPost {
     void operator()() const { m_pSeen->Take(m_Words[0]); }
 
     CPostsSeen* m_pSeen;
-    std::array<uint64_t, SIZE / sizeof(uint64_t) - 1> m_Words;  // the number, and what else the post carries
+    std::array<uint64_t, SIZE / sizeof(uint64_t) - 1> m_Words;  // the number, and the rest of the post
 };
 
 // Nanoseconds of one post from this thread to aLoop's, from the first post to the end of the last.
@@ -58,7 +58,7 @@ double OneWayNs(Loop& aLoop) {
     return static_cast<double>(NowNs() - llStart) / static_cast<double>(ONE_WAY);
 }
 
-// A task that goes to and fro between two loops. At any time one thread only touches it.
+// A task that goes to and fro between two loops. Only one thread at a time uses it.
 template <class Loop>
 class CPingPong {
 public:
@@ -92,8 +92,8 @@ private:
     std::promise<void> m_Done;
 };
 
-// Loop is a thread that runs what is posted to it: made with the number of the core that it is bound to; Post(Function) from
-// any thread; ended by its destructor.
+// Loop is a thread that runs posted functions. Its constructor takes the number of its core; any thread may call
+// Post(Function); its destructor ends it.
 template <class Loop>
 int RunThreads() {
     PinThisThread(1);

@@ -1,4 +1,4 @@
-// Threads that wait on a condition variable, and so for nothing else.
+// Threads that wait on a condition variable, and for nothing else.
 #include <condition_variable>
 #include <deque>
 #include <functional>

@@ -1,5 +1,5 @@
-// A plain queue under a mutex, whose thread sleeps in epoll and is woken by an eventfd: the floor of a thread that may also
-// have sockets. Tasks lie in the queue by value; a post wakes the thread only if the queue was empty.
+// A plain queue under a mutex, whose thread sleeps in epoll until an eventfd wakes it: the floor of a thread that may also have
+// sockets. The queue holds tasks by value; a post wakes the thread only if the queue was empty.
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>

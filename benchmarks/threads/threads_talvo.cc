@@ -1,6 +1,6 @@
-// Reactor threads of this library, in which sockets may live. rt_cross and rt_same are round trips between two of them on two
-// cores and on one, half and 99 of 100 of them in at most that time; post16 and post64 what one post of so many bytes costs
-// when a million go one way.
+// Reactor threads of this library, which may have sockets. rt_cross and rt_same are round trips between two of them on two
+// cores and on one: the time that half of them, and 99 of 100, do not exceed. post16 and post64 are the cost of one post of
+// that many bytes when a million go one way.
 #include "benchmarks/support/talvo_process.h"
 #include "benchmarks/threads/threads.h"
 

@@ -1,5 +1,5 @@
-// Timers by the thousand: what it costs to schedule, touch (re-arm), cancel and fire one among many, and to fire one that is
-// periodic, which means to re-arm it as well.
+// Thousands of timers: the cost of scheduling, touching (re-arming), cancelling and firing one among many, and of firing a
+// periodic one, which includes re-arming it.
 #pragma once
 
 #include <algorithm>
@@ -16,12 +16,12 @@
 
 namespace bench {
 
-// Timers is the library under test, holding aCount idle timers:
-//   Schedule(index, ms)   starts one; on one that runs: re-arms it
+// Timers is the library under test, with aCount idle timers:
+//   Schedule(index, ms)   starts one, or re-arms a running one
 //   Cancel(index)
-//   Settle()              finishes what the two before have put off
+//   Settle()              finishes deferred work of the two before
 //   Repeat(index, ms)     starts a periodic one, which Cancel ends
-//   Fire()                fires what is due, returns how many timers have fired in all
+//   Fire()                fires the due ones, returns the number of all firings so far
 template <class Timers>
 class CTimersRun {
 public:
@@ -39,14 +39,14 @@ public:
         ++m_nRounds;
     }
 
-    // Only the firing is measured: none is due before the last is scheduled, all are when the sleep is over.
+    // Measures only the firing: none is due before the last is scheduled, and all are due after the sleep.
     void FireRound() {
         ForEach([this](size_t n) { m_Timers.Schedule(n, SHORTEST_MS + m_Delays[n] % RANGE_MS); });
         m_llFire += FireAll();
         ++m_nFireRounds;
     }
 
-    // The sleep is longer than any period and shorter than two: each timer fires once behind each.
+    // The sleep is longer than any period and shorter than two: each timer fires once after each sleep.
     void PeriodicRounds() {
         ForEach([this](size_t n) { m_Timers.Repeat(n, SHORTEST_MS + m_Delays[n] % RANGE_MS); });
         for (; m_nPeriods < PERIODS; ++m_nPeriods)
@@ -68,7 +68,7 @@ private:
     static constexpr int RANGE_MS = 20;
     static constexpr size_t PERIODS = 3;
 
-    // Waits until all are due, fires them and returns the nanoseconds that took.
+    // Waits until all are due, fires them and returns the nanoseconds of the firing.
     int64_t FireAll() {
         std::this_thread::sleep_for(std::chrono::milliseconds(SHORTEST_MS + RANGE_MS + 5));
         const int64_t llStart = NowNs();
@@ -82,7 +82,7 @@ private:
         return llTook;
     }
 
-    // In another random order each time.
+    // In a different random order each time.
     template <class Function>
     int64_t ForEach(Function aFunction) {
         std::shuffle(m_Order.begin(), m_Order.end(), m_Random);
@@ -100,11 +100,11 @@ private:
     Timers m_Timers;
     std::mt19937 m_Random{1};
     std::vector<size_t> m_Order;
-    std::vector<int> m_Delays;  // milliseconds, as far apart as a server's time-outs
+    std::vector<int> m_Delays;  // milliseconds, as widely spread as a server's time-outs
     size_t m_nRounds = 0;
     size_t m_nFireRounds = 0;
     size_t m_nPeriods = 0;
-    size_t m_nExpected = 0;  // firings in all
+    size_t m_nExpected = 0;  // all firings so far
     int64_t m_llSchedule = 0;
     int64_t m_llTouch = 0;
     int64_t m_llCancel = 0;

@@ -1,4 +1,4 @@
-// Timers on Asio, without its locks. A cancelled wait still calls its handler, which Settle lets run.
+// Timers on Asio, without its locks. A cancelled wait still calls its handler, which Settle runs.
 #include <asio.hpp>
 
 #include "benchmarks/timers/timers.h"

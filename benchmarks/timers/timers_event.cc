@@ -24,14 +24,15 @@ public:
     void Cancel(size_t aIndex) { event_del(m_Timers[aIndex]); }
     void Settle() {}
     size_t Fire() {
-        event_base_loop(m_pBase, EVLOOP_NONBLOCK | EVLOOP_ONCE);  // one pass: otherwise those that are due again fire, too
+        event_base_loop(m_pBase,
+                        EVLOOP_NONBLOCK | EVLOOP_ONCE);  // one pass: otherwise timers that are due again would fire, too
         return m_nFired;
     }
 
 private:
     static void OnTimeout(evutil_socket_t, short, void* aFired) { ++*static_cast<size_t*>(aFired); }
 
-    // Whether it repeats is settled when it is made, and can be changed while it is not pending only.
+    // The event's creation sets whether it repeats; a later change is possible only while it is not pending.
     void Start(size_t aIndex, short aFlags, int aMs) {
         event* pTimer = m_Timers[aIndex];
         if (event_get_events(pTimer) != aFlags)

@@ -1,4 +1,4 @@
-// Timers on this library's ordered queue, the one that its reactors and threads use.
+// Timers on this library's ordered queue, which its reactors and threads use.
 #include "benchmarks/timers/timers.h"
 #include "talvo/talvo.h"
 

@@ -1,6 +1,6 @@
-// Loads a datagram echo server on 127.0.0.1 from several sockets and prints what it answered as JSON: "rate" (messages per
-// second), "cpu_ns" (what a message cost the process --pid), "lost". Every socket keeps so many datagrams under way; what does
-// not come back within a tenth of a second is taken for lost and sent again.
+// Loads a datagram echo server on 127.0.0.1 from several sockets and prints the results as JSON: "rate" (messages per second),
+// "cpu_ns" (the cost of a message to the process --pid), "lost". Every socket keeps a number of datagrams in flight. A datagram
+// that does not come back within a tenth of a second counts as lost and is sent again.
 #include <getopt.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -96,7 +96,7 @@ public:
         }
     }
 
-    // How long it took, in nanoseconds. Counts from 0.
+    // Returns the elapsed nanoseconds. The counters start at 0.
     int64_t Run(int64_t aNs) {
         m_ullMessages = m_ullLost = 0;
         const int64_t llStart = bench::NowNs();

@@ -1,4 +1,4 @@
-// Datagram echo server on Asio, without its locks; answers from the receive handler with a direct send.
+// Datagram echo server on Asio, without its locks. Answers in the receive handler with a direct send.
 #include <array>
 #include <asio.hpp>
 

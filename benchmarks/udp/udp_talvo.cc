@@ -1,4 +1,4 @@
-// Datagram echo server on this library, in the main thread, which serves as network thread. Ends with the process.
+// Datagram echo server on this library, in the main thread, which is also the network thread. Ends with the process.
 #include <cstdio>
 #include <vector>
 

@@ -1,4 +1,4 @@
-// Datagram echo server on libuv, with its batched receiving; answers from the callback with uv_udp_try_send.
+// Datagram echo server on libuv, with its batched receiving. Answers in the callback with uv_udp_try_send.
 #include <uv.h>
 
 #include <array>

@@ -1,11 +1,11 @@
-// A link between two network namespaces, which it makes: delays, limits and drops IPv4 packets between 10.0.0.1 in the first
+// Creates two network namespaces and a link between them: delays, limits and drops IPv4 packets between 10.0.0.1 in the first
 // and 10.0.0.2 in the second.
 //
 //   bench_wan_link RTT_MS MBIT_PER_SECOND QUEUE_KIB LOSS_PERCENT
 //
-// Prints "ready NS1 NS2", two descriptors of this process for nsenter(1). Ends when its stdin does, and prints one JSON object
-// about the direction that carried more: "full_ns" from the first full packet to the last, "packets", "dropped", "lost", and
-// "cpu_ns" of this process. The namespaces end with it and the processes that run there.
+// Prints "ready NS1 NS2", two descriptors of this process for nsenter(1). Ends when its stdin ends, and prints one JSON object
+// about the direction with more traffic: "full_ns" from the first full packet to the last, "packets", "dropped", "lost", and
+// "cpu_ns" of this process. The namespaces end with it and the processes in them.
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -24,7 +24,7 @@ namespace {
 
 using bench::CShapedPipe;
 
-constexpr int64_t TICK_NS = 100000;  // what leaves within it leaves together
+constexpr int64_t TICK_NS = 100000;  // packets that leave within one tick leave together
 constexpr int PACKETS_PER_TURN = 64;
 
 class CLink {

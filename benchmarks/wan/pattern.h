@@ -1,4 +1,4 @@
-// The bytes of a benchmark's stream: each says where in the stream it stands, so that order and wholeness can be checked.
+// The bytes of a benchmark's stream: each depends on its position, so that order and completeness can be checked.
 #pragma once
 
 #include <algorithm>
@@ -21,12 +21,12 @@ public:
             m_Bytes[i] = static_cast<char>(i % PERIOD);
     }
 
-    // The stream's next bytes, at most LONGEST, which are to be sent next.
+    // The stream's next bytes to send, at most LONGEST.
     const char* Next() const { return m_Bytes.data() + m_ullDone % PERIOD; }
     void Advance(size_t aLength) { m_ullDone += aLength; }
     uint64_t GetDone() const { return m_ullDone; }
 
-    // What was received next. Bytes that are not the stream's end the program.
+    // Checks the next received bytes. Wrong bytes end the program.
     void Check(const char* aBytes, size_t aLength) {
         while (aLength > 0) {
             const size_t stPart = std::min(aLength, LONGEST);
@@ -42,7 +42,7 @@ public:
     }
 
 private:
-    static constexpr size_t PERIOD = 251;  // a prime: pieces of usual sizes in a wrong order show
+    static constexpr size_t PERIOD = 251;  // a prime, so that pieces of usual sizes in a wrong order are detected
 
     std::array<char, LONGEST + PERIOD> m_Bytes{};
     uint64_t m_ullDone = 0;

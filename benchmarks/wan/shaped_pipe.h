@@ -15,7 +15,7 @@ struct CLinkSettings {
     double m_dLoss = 0;  // 0 to 1
 };
 
-// What went through: the time from the first full packet's entry to the last one's exit, less the delay.
+// Counts of the pipe, and the time from the first full packet's entry to the last one's exit, without the delay.
 struct CPipeCounters {
     uint64_t m_ullPackets = 0;
     uint64_t m_ullDropped = 0;  // the queue was full
@@ -23,10 +23,10 @@ struct CPipeCounters {
     int64_t m_llFullNs = 0;
 };
 
-//    Put --> [queue, bytes bounded] --> rate --> delay --> Take
+//    Put --> [queue with a limit in bytes] --> rate --> delay --> Take
 //
-// Packets leave in the order in which they came. The time of each packet's exit is known when it enters, hence one list.
-// Times are passed in.
+// Packets leave in the order of arrival. The exit time of each packet is known when it enters, hence one list. The caller
+// passes the times in.
 class CShapedPipe {
 public:
     static constexpr int64_t NEVER = -1;
@@ -35,9 +35,9 @@ public:
 
     void Put(int64_t aNow, const char* aPacket, size_t aLength);
 
-    // When the next packet leaves; NEVER: the pipe is empty.
+    // The exit time of the next packet; NEVER: the pipe is empty.
     int64_t NextExit() const { return m_Packets.empty() ? NEVER : m_Packets.front().m_llExit; }
-    // The next packet, which has to leave by now.
+    // Returns the next packet, whose exit time must have come.
     std::string Take();
 
     CPipeCounters GetCounters() const;
@@ -53,7 +53,7 @@ private:
     const CLinkSettings m_Settings;
     std::mt19937 m_Random;  // with its default seed: each run loses the same packets
     std::deque<CPacket> m_Packets;
-    int64_t m_llIdle = 0;  // when the sender has put everything on the wire
+    int64_t m_llIdle = 0;  // the sender has sent all packets at this time
     int64_t m_llFirstFull = NEVER;
     int64_t m_llLastFull = NEVER;  // its exit
     CPipeCounters m_Counters;

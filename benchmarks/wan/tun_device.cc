@@ -18,8 +18,8 @@ namespace bench {
 namespace {
 
 constexpr const char* NAME = "talvo0";
-// Packets between the namespace's sockets and this process: enough for any time in which it does not run. The link's own
-// queue is the one that drops.
+// Packets between the namespace's sockets and this process: enough for any time in which this process does not run. Only the
+// link's own queue drops packets.
 constexpr int QUEUE_PACKETS = 100000;
 
 ifreq Request(const char* aName) {

@@ -1,6 +1,6 @@
 // A stream between two plain blocking sockets.
 //
-//   bench_wan_plain recv PORT BYTES         listens, takes one connection, checks every byte, closes
+//   bench_wan_plain recv PORT BYTES         listens, accepts one connection, checks every byte, closes
 //   bench_wan_plain send ADDRESS PORT BYTES connects, sends, waits for the close; prints "connect_ms"
 #include <arpa/inet.h>
 #include <sys/socket.h>

@@ -1,11 +1,11 @@
 // A stream of a known pattern between two programs on this library: over a connection in messages of 16 KiB, or as the body of
-// an HTTP answer in pieces of as many. The application's thread is the main thread, what it uses are proxies of what lives in
-// the network thread. No option is set.
+// an HTTP answer in pieces of that size. The application's thread is the main thread; it uses proxies of objects in the network
+// thread. No option is set.
 //
-//   bench_wan_talvo recv PORT BYTES TYPE            listens, takes one connection, checks every byte, closes
+//   bench_wan_talvo recv PORT BYTES TYPE            listens, accepts one connection, checks every byte, closes
 //   bench_wan_talvo send ADDRESS PORT BYTES TYPE    connects, sends, waits for the close
 //   bench_wan_talvo serve PORT BYTES                answers one request
-//   bench_wan_talvo get ADDRESS PORT BYTES          asks, checks every byte
+//   bench_wan_talvo get ADDRESS PORT BYTES          sends a request, checks every byte
 //
 // TYPE: raw, length, package, or nopartial.
 #include <algorithm>
@@ -25,12 +25,12 @@ constexpr uint64_t PIECE = 16 * 1024;
 
 void StopLoop() { CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN)->StopEventLoop(); }
 
-// So many bytes of the pattern, to be sent or to be checked.
+// A given number of bytes of the pattern, to send or to check.
 class CPatternStream {
 public:
     explicit CPatternStream(uint64_t aBytes) : m_ullBytes(aBytes) {}
 
-    // Sends until aTransport has enough; what it did not take is sent first by the next call, in its OnSend.
+    // Sends until aTransport takes no more. The next call, in OnSend, starts with the refused block.
     void SendTo(ICmTransport& aTransport) {
         while (m_Refused || MakeNext()) {
             const CmResult rv = aTransport.SendData(*m_Refused);
@@ -46,7 +46,7 @@ public:
             m_Pattern.Check(pBlock->GetTopLevelReadPtr(), pBlock->GetTopLevelLength());
     }
 
-    // All were taken, or have come.
+    // TRUE: all bytes were taken, or have been received.
     bool IsComplete() const { return !m_Refused && m_Pattern.GetDone() >= m_ullBytes; }
     uint64_t GetBytes() const { return m_ullBytes; }
 
@@ -64,10 +64,10 @@ private:
 
     const uint64_t m_ullBytes;
     bench::CPattern m_Pattern;
-    std::optional<CCmMessageBlock> m_Refused;  // made and not taken yet
+    std::optional<CCmMessageBlock> m_Refused;  // created and not taken yet
 };
 
-// An end of a connection; as all sinks here it belongs to the main thread.
+// An end of a connection. All sinks here belong to the main thread.
 class CEnd : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
     CEnd(DWORD aType, uint64_t aBytes) : m_dwType(aType), m_Stream(aBytes) {}
@@ -105,7 +105,7 @@ public:
             m_Stream.SendTo(*m_pConnection);
     }
 
-    // The receiver leaves when it has everything.
+    // The receiver closes when it has everything.
     void OnDisconnect(CmResult aReason, ICmTransport*) override {
         if (!m_Stream.IsComplete())
             Expect(aReason);
@@ -173,7 +173,7 @@ private:
     CCmRefPtrT<ICmChannelHttpClient> m_pChannel;
 };
 
-// Starts one end and runs the loop until it is done.
+// Starts one end and runs the loop until it has finished.
 template <class End, class Start>
 void Run(End&& aEnd, Start aStart) {
     aStart(aEnd);
