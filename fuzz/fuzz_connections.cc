@@ -1,5 +1,5 @@
-// Protocol connections: whatever arrives, in whatever pieces, does no harm, and the user hears what the bytes say and nothing
-// after the end.
+// Protocol connections: any bytes, in any pieces, do no harm. The user gets the messages of the bytes, and no upcall after the
+// end.
 
 #include <vector>
 
@@ -24,7 +24,7 @@ public:
     CCmTimerQueueOrderedList m_Timers;
 };
 
-// Unless quiet, does something in every upcall; the input says what.
+// Unless quiet, performs an operation in every upcall; the input chooses it.
 class CFuzzUser : public talvo::CConnOwner, public ICmTransportSink {
 public:
     explicit CFuzzUser(FuzzedDataProvider& aInput)
@@ -81,8 +81,8 @@ DWORD NumberAt(const std::string& aBytes, size_t aAt) {
     return dwNumber;
 }
 
-// The messages in a stream of a connected side, up to the first thing that ends it. aHeader: of data PDUs; 4: there is nothing
-// but lengths.
+// The messages in a stream of a connected side, up to the first byte that ends it. aHeader: the fixed part of data PDUs; 4:
+// there are only lengths.
 std::vector<std::string> MessagesOf(const std::string& aBytes, size_t aHeader, char aConnectPdu) {
     std::vector<std::string> messages;
     for (size_t i = 0; i < aBytes.size();) {
@@ -118,7 +118,7 @@ void Run(FuzzedDataProvider& aInput, size_t aHeader, char aConnectPdu) {
 
     if (bConnected && aConnectPdu > 0)
         pLower->Receive(aConnectPdu + std::string("\0\0\0\0\0\0\17", 7));
-    // One request of another type ends a server's connection, so those are not foretold.
+    // One request of another type ends a server's connection, so the messages of those inputs are not predicted.
     const BOOL bForetold = user.m_bQuiet && user.m_bOpen && !bDatagrams && aConnectPdu != 1;
     const std::string strBytes = aInput.ConsumeRemainingBytesAsString();
     for (size_t stAt = 0, stLength; stAt < strBytes.size() && pLower->IsOpen(); stAt += stLength) {
@@ -136,7 +136,7 @@ void Run(FuzzedDataProvider& aInput, size_t aHeader, char aConnectPdu) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
-    static CFuzzThread& thread = *new CFuzzThread;  // the process's main thread to the end
+    static CFuzzThread& thread = *new CFuzzThread;  // the process's main thread until the end
     FuzzedDataProvider input(aData, aSize);
     switch (input.ConsumeIntegralInRange<int>(0, 3)) {
     case 0:
@@ -151,6 +151,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     default:
         Run<CPkgSender>(input, 9, '\0');
     }
-    thread.m_Timers.CheckExpire(nullptr);  // deletes what was released
+    thread.m_Timers.CheckExpire(nullptr);  // deletes the released objects
     return 0;
 }

@@ -1,4 +1,4 @@
-// Chunked bodies: the same data in whatever pieces they arrive, copied by the decoder or viewed by the body reader.
+// Chunked bodies: the same data for any pieces, copied by the decoder or viewed by the body reader.
 #include "fuzz/fuzz_input.h"
 #include "talvo/http/message/http_atom_list.h"
 #include "talvo/http/message/http_body.h"

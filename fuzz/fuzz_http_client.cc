@@ -1,4 +1,4 @@
-// What a server can say to a client besides the message itself: where to go, and who shall prove who he is.
+// A server's instructions to a client beside the message itself: redirects and authentication challenges.
 #include <algorithm>
 #include <cstdlib>
 #include <string_view>
@@ -24,7 +24,7 @@ bool IsClean(std::string_view aText) {
     return true;
 }
 
-// Whatever a Location says, it is refused or leads to a URL that means the same to everybody and can stand in a request line.
+// Any Location is refused, or leads to a URL that every parser reads alike and that fits in a request line.
 void CheckLocation(std::string_view aBase, std::string_view aLocation) {
     CCmHttpUrl base;
     if (!base.Init(CCmString("http://h/") + CCmString(aBase)))
@@ -39,7 +39,7 @@ void CheckLocation(std::string_view aBase, std::string_view aLocation) {
     Require(strAgain == url.GetAsciiSpec());
 }
 
-// Whatever is asked, the answer is one line.
+// For any challenge the answer is one line.
 void CheckChallenges(std::string_view aValue) {
     talvo::CHttpAuthenticator authenticator;
     authenticator.SetCredentials("user", "pass\"word\\");

@@ -1,5 +1,5 @@
-// Heads of requests and responses with what follows them: the same in whatever pieces they arrive, and printed heads are read
-// back as they were.
+// Heads of requests and responses with the bytes behind them: the result does not depend on the pieces, and a printed head
+// parses to the same head.
 #include "fuzz/fuzz_input.h"
 #include "talvo/http/message/http_atom_list.h"
 #include "talvo/http/message/http_framing.h"
@@ -27,7 +27,7 @@ std::string Print(const Head& aHead) {
     return strHead;
 }
 
-// All that came of a message, as one text.
+// The whole result of a message, as one text.
 template <class Head>
 std::string Parse(const std::string& aBytes, const CCmHttpLimits& aLimits, CFuzzCutter* aCutter) {
     Head head;
@@ -57,7 +57,7 @@ std::string Parse(const std::string& aBytes, const CCmHttpLimits& aLimits, CFuzz
         if (pChain)
             pChain->DestroyChained();
     }
-    // What a reader that has failed took and left depends on the pieces.
+    // After a failure the amount that the reader took depends on the pieces.
     if (reader.EndOfStream() != CM_OK) {
         strLeft.clear();
         body.m_strBody.clear();
@@ -102,7 +102,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
         limits.m_dwMaxHeaders = input.ConsumeIntegral<uint8_t>() % 16;
         limits.m_ullMaxBody = input.ConsumeIntegral<uint8_t>();
     }
-    // Few names, so that the own names of heads are tried as well.
+    // A low limit of names, so that the own names of heads are covered as well.
     CCmHttpAtomList::Instance()->SetLimits(1000, 20000);
     const std::string strBytes = input.ConsumeRemainingBytesAsString();
     bResponse ? Run<CCmHttpResponseHead>(strBytes, limits, cutter) : Run<CCmHttpRequestHead>(strBytes, limits, cutter);

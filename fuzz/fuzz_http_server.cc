@@ -1,5 +1,5 @@
-// An HTTP server: whatever a client sends, in whatever pieces, and whatever the application does meanwhile, does no harm; what
-// it sends is answers, one behind the other; and how the bytes were cut makes no difference.
+// An HTTP server: no input of a client, in any pieces, and no operation of the application does harm. The output is a sequence
+// of answers, and it does not depend on the pieces.
 
 #include <memory>
 #include <vector>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// The application: answers with the body, or does what the input says.
+// The application: answers with the body, or performs the operation that the input chooses.
 class CFuzzServer : public ICmChannelServerAcceptorSink {
 public:
     CFuzzServer(BOOL aQuiet, DWORD aSeed) : m_bQuiet(aQuiet), m_Deeds(aSeed) {}
@@ -97,7 +97,7 @@ void Turn() {
         static_cast<CCmReactorEpoll*>(pReactor)->RunOnce(&CCmTimeValue::s_tvZero);
 }
 
-// What a client gets that sends these bytes, in pieces if there is a cutter, and then perhaps ends its side.
+// The server's output to a client that sends these bytes, in pieces if there is a cutter, and then perhaps half-closes.
 std::string Run(const std::string& aBytes, BOOL aEnds, CFuzzServer& aServer, CFuzzCutter* aCutter) {
     CCmRefPtrT<CCmChannelHttpServerAcceptor> pAcceptor(new CCmChannelHttpServerAcceptor(0));
     FUZZ_CHECK(pAcceptor->StartListen(&aServer, CCmInetAddr("127.0.0.1", 0)) == CM_OK);
@@ -142,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     CFuzzServer server(bQuiet, wSeed);
     const std::string strCut = Run(strBytes, bEnds, server, &cutter);
     CFuzzServer other(bQuiet, wSeed);
-    if (bQuiet)  // but for the dates, which end at the same place
+    if (bQuiet)  // without the dates, which end at the same place
         FUZZ_CHECK(strCut.size() == Run(strBytes, bEnds, other, nullptr).size());
     return 0;
 }

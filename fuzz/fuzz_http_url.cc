@@ -1,4 +1,4 @@
-// URLs: what is accepted is printed as a URL that means the same.
+// URLs: an accepted URL prints as one with the same meaning.
 #include "fuzz/fuzz_input.h"
 #include "talvo/http/message/http_date.h"
 #include "talvo/http/message/http_url.h"

@@ -1,4 +1,4 @@
-// What fuzz targets make of their input.
+// The use of their input by fuzz targets.
 #pragma once
 
 #include <fuzzer/FuzzedDataProvider.h>
@@ -11,7 +11,7 @@
 
 #include "talvo/base/message_block.h"
 
-// A rule that has to hold for every input; a broken one is a finding.
+// A rule for every input. A violation is a finding.
 #define FUZZ_CHECK(aCondition)                                                            \
     do {                                                                                  \
         if (!(aCondition)) {                                                              \
@@ -20,14 +20,14 @@
         }                                                                                 \
     } while (0)
 
-// Cuts bytes into random pieces; the input says which. Numbers are taken from the input's end, so that a seed is the bytes of
-// the wire with a few more behind them.
+// Cuts bytes into random pieces; the input is the seed. Numbers come from the input's end, so that a corpus file is the bytes
+// of the wire with a few more behind them.
 class CFuzzCutter {
 public:
     explicit CFuzzCutter(FuzzedDataProvider& aInput)
         : m_Random(aInput.ConsumeIntegral<uint16_t>()), m_stLongest(aInput.ConsumeIntegralInRange<size_t>(1, 64)) {}
 
-    // How many of aLeft bytes make the next piece; now and then none.
+    // The length of the next piece of aLeft bytes; sometimes 0.
     size_t Next(size_t aLeft) { return std::min(aLeft, m_Random() % (m_stLongest + 1)); }
 
     // A chain of DUPLICATED blocks.

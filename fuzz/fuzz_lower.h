@@ -1,18 +1,18 @@
-// The peer of what is fuzzed above a transport.
+// The transport below a fuzzed object.
 #pragma once
 
 #include "fuzz/fuzz_input.h"
 #include "tests/support/fake_lower.h"
 
-// Takes a part of what it is given, now and then.
+// Sometimes takes only a part of the data.
 class CFuzzLower : public CFakeLower {
 public:
     // aCutter null: takes everything.
     explicit CFuzzLower(CFuzzCutter* aCutter, BOOL aDatagrams = FALSE)
         : CFakeLower(aDatagrams ? CM_TRANSPORT_TYPE_UDP : CM_TRANSPORT_TYPE_TCP), m_pCutter(aCutter) {}
 
-    CmResult SetOption(DWORD, void*) override { return CM_OK; }  // deaf to options
-    // On a stream nothing arrives of nothing.
+    CmResult SetOption(DWORD, void*) override { return CM_OK; }  // ignores options
+    // A stream delivers no empty data.
     void Receive(const std::string& aBytes) {
         if (m_dwType == CM_TRANSPORT_TYPE_UDP || !aBytes.empty())
             CFakeLower::Receive(aBytes);

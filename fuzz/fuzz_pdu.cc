@@ -1,4 +1,4 @@
-// PDUs: whatever arrives is decoded without harm and encodes to what it was; whatever is encoded decodes to what it was.
+// PDUs: any bytes decode without harm and encode to the same bytes; any encoded PDU decodes to the same PDU.
 
 #include <memory>
 
@@ -7,7 +7,7 @@
 
 namespace {
 
-// Long enough for a row of PDUs; every one costs a walk over all pieces that follow.
+// Long enough for a series of PDUs; each costs a walk over all later pieces.
 constexpr size_t LONGEST = 512;
 
 std::unique_ptr<CCsPduBase> MakeDecoder(BYTE aType, BOOL aNeedACK) {
@@ -33,8 +33,7 @@ std::string Encode(const CCsPduBase& aPdu) {
     return mb.FlattenChained();
 }
 
-// Takes one PDU from the front of both, as a receiver would. FALSE: there is no whole one, or
-// one that is never sent.
+// Takes one PDU from the front of both, as a receiver would. FALSE: there is no whole one, or one that is never sent.
 BOOL TakeOne(CCmMessageBlock& aChain, std::string& aBytes, BOOL aNeedACK) {
     CCmMessageBlock* pPeek = aChain.DuplicateChained();
     CCsPduBase base(CS_PDU_TYPE_NONE);
@@ -62,7 +61,7 @@ void DecodeAll(CFuzzCutter& aCutter, std::string aBytes, BOOL aNeedACK) {
         pChain->DestroyChained();
 }
 
-// Decodes what aPdu encodes, behind which other bytes follow.
+// Decodes the encoding of aPdu, with other bytes behind it.
 template <class Pdu>
 void CheckRoundTrip(CFuzzCutter& aCutter, const CCsPduBase& aPdu, Pdu& aDecoder) {
     const std::string strPdu = Encode(aPdu);
