@@ -12,7 +12,7 @@ import time
 
 PORT = "7000"
 SERVER = "10.0.0.2"
-MOST_SECONDS = 200  # that any one run may take: 32 MiB over 200 ms with socket buffers of 64 KiB
+MOST_SECONDS = 200  # of any one run: 32 MiB over 200 ms with socket buffers of 64 KiB
 MBIT = 400
 LOADS = {  # round trip in ms, queue in KiB, loss in per cent, MiB to send
     "1 ms": (1, 512, 0, 24),
@@ -23,7 +23,7 @@ LOADS = {  # round trip in ms, queue in KiB, loss in per cent, MiB to send
 
 
 def cannot_run():
-    """Why the suite cannot run here, or None."""
+    """Returns the reason why the suite cannot run here, or None."""
     if os.geteuid() != 0:
         return "it makes network namespaces, which needs root"
     try:
@@ -34,14 +34,14 @@ def cannot_run():
 
 
 class Link:
-    """Everything that runs on it ends with it, and it ends with this process: no namespace or device stays behind."""
+    """All programs on it end with it, and it ends with this process: no namespace or device remains."""
 
     def __init__(self, program, rtt_ms, queue_kib, loss):
         self.process = subprocess.Popen([program, str(rtt_ms), str(MBIT), str(queue_kib), str(loss)], text=True,
                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         words = self.process.stdout.readline().split()
         if not words or words[0] != "ready":
-            raise RuntimeError("the link does not get ready")
+            raise RuntimeError("the link is not ready in time")
         self.namespaces = words[1:]
 
     def start(self, end, command, **how):
@@ -69,13 +69,13 @@ def killed(process):
 
 
 def await_line(process):
-    """The first line that the program prints when it can be connected to."""
+    """Waits for the program's first line, after which it accepts connections."""
     if not select.select([process.stdout], [], [], MOST_SECONDS)[0] or not process.stdout.readline():
-        raise RuntimeError(f"{process.args} does not get ready")
+        raise RuntimeError(f"{process.args} is not ready in time")
 
 
 def commands(program, directory, size):
-    """What listens at the one end, and what connects at the other."""
+    """Returns the command that listens at one end and the one that connects at the other."""
     name, *kind = program
     if name == "plain":
         return ["bench_wan_plain", "recv", PORT, size], ["bench_wan_plain", "send", SERVER, PORT, size]
@@ -90,7 +90,7 @@ def commands(program, directory, size):
 
 
 def run_pair(link, server_command, client_command, stop_server):
-    """What the client printed, and how long it took."""
+    """Returns the client's output and its duration."""
     with killed(link.start(1, server_command, stdout=subprocess.PIPE)) as server:
         await_line(server)
         start = time.monotonic()
@@ -107,7 +107,7 @@ def run_pair(link, server_command, client_command, stop_server):
 
 
 def transfer(program_path, program, row):
-    """Bytes a second between the first and the last full packet on the link, and that as a share of what the link carries."""
+    """Returns bytes a second between the first and the last full packet on the link, and their share of its capacity."""
     rtt_ms, queue_kib, loss, mib = LOADS[row]
     moves_file = program[0] in ("send", "get")
     with tempfile.TemporaryDirectory(prefix="talvo-bench-") as directory:
@@ -118,7 +118,7 @@ def transfer(program_path, program, row):
             printed, seconds = run_pair(link, *([program_path(name), *rest] for name, *rest in both), moves_file)
             seen = link.finish()
         if moves_file and not filecmp.cmp(f"{directory}/file", f"{directory}/to/file", shallow=False):
-            raise RuntimeError("the file is not what was sent")
+            raise RuntimeError("the received file differs")
     if program[0] == "plain" and json.loads(printed)["connect_ms"] < rtt_ms:
         raise RuntimeError("the link is faster than it should be")
     rate = (mib << 20) * 1e9 / seen["full_ns"]
