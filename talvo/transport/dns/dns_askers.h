@@ -1,4 +1,4 @@
-// Who waits for which name.
+// The look-ups under way and their askers.
 #pragma once
 
 #include <map>
@@ -14,36 +14,36 @@ class ICmObserver;
 
 namespace talvo {
 
-// The names that are looked up, and those who want to hear. An asker stays known until it has been told or has cancelled, so
-// that a cancel also reaches what is on its way to it. Its user locks. Begin and Add alone need memory; without it
-// nothing changes.
+// The names under look-up and the observers of each. An asker stays in the list until it was called or has cancelled, so that a
+// cancel also stops a call in flight to it. The user of this class locks. Only Begin and Add need memory; without it nothing
+// changes.
 class CDnsAskers {
 public:
     struct CAsker {
-        ICmObserver* m_pObserver;           // not owned: cancels before it dies
-        CCmRefPtrT<CCmThreadLink> m_pLink;  // where it is called
+        ICmObserver* m_pObserver;           // not owned: cancels before it is deleted
+        CCmRefPtrT<CCmThreadLink> m_pLink;  // the thread in which it is called
         CCmString m_strName;
-        std::unique_ptr<ICmEvent> m_pTell;  // carries the record to it; null: is on its way
+        std::unique_ptr<ICmEvent> m_pTell;  // carries the record to it; null: in flight
     };
     struct CLookUp {
-        std::set<uint64_t> m_Askers;           // in the order in which they asked
+        std::set<uint64_t> m_Askers;           // in the order of their requests
         CCmRefPtrT<CCmDnsRecord> m_pNoMemory;  // the outcome if there is no memory for another
     };
 
-    // TRUE: aName was not being looked up before, and is now. Throws std::bad_alloc.
+    // TRUE: the look-up of aName is new. Throws std::bad_alloc.
     BOOL Begin(const CCmString& aName, const CCmRefPtrT<CCmDnsRecord>& aNoMemory);
-    // aName is being looked up; aTell will carry the record to aObserver. FALSE: memory ran out.
+    // Adds an observer to the look-up of aName; aTell will carry the record to it. FALSE: memory ran out.
     BOOL Add(const CCmString& aName, ICmObserver* aObserver, CCmRefPtrT<CCmThreadLink> aLink, std::unique_ptr<ICmEvent> aTell);
 
-    // The look-up of aName, or any, is over. Without a record: there was none.
+    // Ends the look-up of aName, or any one. Without m_pNoMemory in the result there was no look-up.
     CLookUp End(const CCmString& aName);
     CLookUp EndAny();
 
-    // The event for an asker and the thread that it goes to, null when the asker has cancelled.
+    // The event for an asker, null if the asker has cancelled. aLink (out): the thread for the event.
     std::unique_ptr<ICmEvent> TakeTell(uint64_t aId, CCmRefPtrT<CCmThreadLink>& aLink);
-    // Takes an asker out: its observer, null when it has cancelled.
+    // Removes an asker. Returns its observer; null: it has cancelled.
     ICmObserver* Take(uint64_t aId);
-    // Takes out all askers of aObserver; FALSE: it has none.
+    // Removes all askers of aObserver. FALSE: it has none.
     BOOL Cancel(ICmObserver* aObserver);
 
 private:

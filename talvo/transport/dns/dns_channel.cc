@@ -16,7 +16,7 @@ namespace talvo {
 
 namespace {
 
-// A channel that could not be made answers every question with that.
+// A channel that could not be created answers every question with this.
 constexpr const char* NO_CHANNEL = "the resolver could not be started";
 
 DWORD TtlOf(int aSeconds) { return static_cast<DWORD>(std::max(aSeconds, 0)); }
@@ -49,8 +49,8 @@ CDnsAnswer AnswerOf(int aStatus, const ares_addrinfo* aInfo) {
 
 }  // namespace
 
-// The resolver library calls back from inside its own functions. What it says there is only written down; the user hears of it
-// when the function has returned, as the last thing, because the user may destroy the channel.
+// The resolver library calls back inside its own functions. These callbacks only store the results. The user is called after
+// the function has returned, as the last action, because the user may destroy the channel.
 class CDnsChannel::CImpl : private ICmTimerHandler {
 public:
     CImpl(ICmReactor& aReactor, IDnsChannelUser& aUser, const CDnsSettings& aSettings) : m_Reactor(aReactor), m_User(aUser) {
@@ -63,7 +63,7 @@ public:
     void OnSocketClosed(HANDLE aFd);
 
 private:
-    // One question under way; made by Query, deleted by its answer.
+    // One question under way; Query creates it, its answer deletes it.
     struct CQuestion {
         CImpl& m_Impl;
         CCmString m_strName;
@@ -82,20 +82,20 @@ private:
 
     ICmReactor& m_Reactor;
     IDnsChannelUser& m_User;
-    ares_channel m_pChannel = nullptr;  // owned; null: it could not be made
+    ares_channel m_pChannel = nullptr;  // owned; null: it could not be created
     std::unordered_map<HANDLE, std::unique_ptr<CSocket>> m_Sockets;
-    std::vector<CDnsNamedAnswer> m_Answers;  // not handed over yet
+    std::vector<CDnsNamedAnswer> m_Answers;  // not passed to the user yet
     BOOL m_bNoMemory = FALSE;                // for an answer
 };
 
-// One of the library's sockets, which the library opens and closes.
+// One of the resolver library's sockets, which that library opens and closes.
 class CDnsChannel::CImpl::CSocket final : public ACmEventHandler {
 public:
     CSocket(CImpl& aImpl, HANDLE aFd) : m_Impl(aImpl), m_Fd(aFd) {}
     ~CSocket() override { m_Impl.m_Reactor.RemoveHandler(this, ALL_EVENTS_MASK); }
 
     HANDLE GetHandle() const override { return m_Fd; }
-    // This object may be gone when Process returns.
+    // This object may be deleted when Process returns.
     int OnInput(HANDLE aFd) override {
         m_Impl.Process(aFd, ARES_SOCKET_BAD);
         return 0;
@@ -109,7 +109,7 @@ public:
         return 0;
     }
 
-    long m_lMask = 0;  // as the library wants it
+    long m_lMask = 0;  // set by the library
 
 private:
     CImpl& m_Impl;
@@ -118,7 +118,7 @@ private:
 
 void CDnsChannel::CImpl::Open_i(const CDnsSettings& aSettings) {
     static const int s_nLibrary = ares_library_init(ARES_LIB_INIT_ALL);
-    CCmString strLookups = "b";  // servers only: the hosts file is ours to read
+    CCmString strLookups = "b";  // servers only: this library reads the hosts file
     CCmString strResolverFile = aSettings.m_strResolverFile;
     ares_options options{};
     options.flags = ARES_FLAG_NOALIASES;
@@ -208,7 +208,8 @@ void CDnsChannel::CImpl::Process(HANDLE aRead, HANDLE aWrite) {
     Finish_i();
 }
 
-// The reactor has removed the handler. The library finds out why by using the socket; one that it keeps is watched on.
+// The reactor has removed the handler. The library detects the cause when it uses the socket; if it keeps the socket, it is
+// watched again.
 void CDnsChannel::CImpl::OnSocketClosed(HANDLE aFd) {
     ares_process_fd(m_pChannel, aFd, aFd);
     const auto found = m_Sockets.find(aFd);
@@ -223,7 +224,7 @@ void CDnsChannel::CImpl::OnTimeout(const CCmTimeValue&, void*) {
     Finish_i();
 }
 
-// FALSE: there is no memory for a timer, so nothing would bring an answer.
+// FALSE: there is no memory for a timer, so no answer would come.
 BOOL CDnsChannel::CImpl::ArmTimer_i() {
     timeval next{};
     CmResult rv = CM_OK;
@@ -236,7 +237,7 @@ BOOL CDnsChannel::CImpl::ArmTimer_i() {
     return rv == CM_OK || rv == CM_ERROR_FOUND;
 }
 
-// The last thing of every turn, see above.
+// The last action of every turn, see above.
 void CDnsChannel::CImpl::Finish_i() {
     std::vector<CDnsNamedAnswer> answers = std::exchange(m_Answers, {});
     const BOOL bNoMemory = std::exchange(m_bNoMemory, FALSE);

@@ -1,4 +1,4 @@
-// The conversation with DNS servers.
+// The exchange with DNS servers.
 #pragma once
 
 #include <memory>
@@ -11,36 +11,36 @@ class ICmReactor;
 
 namespace talvo {
 
-// An answer and the name it belongs to.
+// An answer and its name.
 struct CDnsNamedAnswer {
     CCmString m_strName;
     CDnsAnswer m_Answer;
 };
 
-// To whom a channel reports.
+// Receives a channel's answers.
 class IDnsChannelUser {
 public:
-    // What has come since the last call. From the reactor's loop, never from inside Query; may destroy the channel.
+    // The answers since the last call. Called from the reactor's loop, never inside Query. It may destroy the channel.
     virtual void OnDnsAnswers(std::vector<CDnsNamedAnswer> aAnswers) = 0;
-    // Memory ran out, and some question has no answer. Likewise.
+    // Memory ran out, and a question has no answer. Called likewise.
     virtual void OnDnsNoMemory() = 0;
 
 protected:
     virtual ~IDnsChannelUser() = default;
 };
 
-// Asks the servers of its settings for IPv4 addresses, with retries, search domains, and TCP where an answer is cut short. It
-// lives in one thread: the reactor watches its sockets and keeps its time. Time-outs of servers run on the system's monotonic
-// clock. Settings and resolver file are read once, so a change takes a new channel.
+// Asks the servers of its settings for IPv4 addresses, with retries, search domains, and TCP after a truncated answer. It lives
+// in one thread, whose reactor watches its sockets and runs its timer. Time-outs of servers use the system's monotonic clock.
+// Settings and resolver file are read once, so a change needs a new channel.
 class CDnsChannel {
 public:
     CDnsChannel(ICmReactor& aReactor, IDnsChannelUser& aUser, const CDnsSettings& aSettings);
-    // Drops what is under way, without a word.
+    // Drops the questions under way without a report.
     ~CDnsChannel();
     CDnsChannel(const CDnsChannel&) = delete;
     CDnsChannel& operator=(const CDnsChannel&) = delete;
 
-    // One answer follows. FALSE: memory ran out, and none does.
+    // One answer follows. FALSE: memory ran out, and no answer follows.
     BOOL Query(const CCmString& aName);
 
 private:

@@ -17,7 +17,7 @@ namespace {
 constexpr std::string_view BLANKS = " \t\r\v\f";
 constexpr std::string_view LOCALHOST = "localhost";
 
-// Takes the next word off aLine; empty at its end.
+// Removes the next word from aLine and returns it; empty at the end.
 std::string_view TakeWord(std::string_view& aLine) {
     aLine.remove_prefix(std::min(aLine.find_first_not_of(BLANKS), aLine.size()));
     const std::string_view strWord = aLine.substr(0, aLine.find_first_of(BLANKS));
@@ -33,7 +33,7 @@ std::string_view WithoutDot(std::string_view aName) {
 
 BOOL IsLocalhost(std::string_view aName) { return aName == LOCALHOST || aName.ends_with(".localhost"); }
 
-// What there is to read of a regular file, at most aMax bytes.
+// aText (out): the content of a regular file, at most aMax bytes.
 BOOL ReadAll(HANDLE aFd, size_t aMax, CCmString& aText) {
     struct stat status {};
     if (fstat(aFd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size > static_cast<off_t>(aMax))

@@ -10,19 +10,19 @@
 
 namespace talvo {
 
-// Lines of an IPv4 address and the names it has, '#' begins a comment; lines with other addresses are skipped. A name on
-// several lines has all their addresses. Names are compared without regard to case and to a dot at the end.
+// Lines of an IPv4 address and its names; '#' begins a comment, and lines with other addresses are skipped. A name on several
+// lines has all their addresses. Names are compared case-insensitively and without a dot at the end.
 class TALVO_API CDnsHosts {
 public:
     static constexpr size_t MAX_FILE_LENGTH = 1 << 20;  // bytes
 
-    // Replaces what is known by a file. CM_OK; CM_ERROR_NOT_FOUND: it cannot be read, is no regular file or is too long: no
-    // name is known then. CM_ERROR_OUT_OF_MEMORY: some may be missing.
+    // Replaces the names by those of a file. CM_OK. CM_ERROR_NOT_FOUND: it cannot be read, is not a regular file or is too
+    // long; there are no names then. CM_ERROR_OUT_OF_MEMORY: some may be missing.
     CmResult Load(const CCmString& aPath);
     void Parse(std::string_view aText);
 
-    // Addresses in network byte order, null for none. "localhost" and names below it are 127.0.0.1 unless the file knows
-    // better. aName is in lower case.
+    // Addresses in network byte order; null: none. "localhost" and names below it are 127.0.0.1 unless the file has them. aName
+    // is in lower case.
     const std::vector<DWORD>* Find(std::string_view aName) const;
 
 private:
@@ -31,7 +31,7 @@ private:
     std::unordered_map<CCmString, std::vector<DWORD>> m_Names;
 };
 
-// A name as it is compared: in lower case.
+// A name in the form for comparison: in lower case.
 CCmString ToLower(std::string_view aName);
 
 }  // namespace talvo

@@ -13,7 +13,7 @@ using SingletonGuard = CCmMutexGuardT<CCmMutexThreadRecursive>;
 
 std::atomic<CCmDnsManager*> s_pInstance{nullptr};
 
-// Bytes above 127 may stand in a name; what would end it or could not be seen may not.
+// A name may have bytes above 127, but no character that would end it or is invisible.
 BOOL IsName(const CCmString& aName) {
     const size_t stLength = aName.size() - (aName.ends_with('.') ? 1 : 0);
     return stLength > 0 && stLength <= CCmDnsManager::MAX_NAME_LENGTH &&

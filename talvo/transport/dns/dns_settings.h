@@ -1,4 +1,4 @@
-// Where names are looked up, and how to see that this has changed.
+// The settings of the resolver, and the detection of their changes.
 #pragma once
 
 #include <sys/types.h>
@@ -7,7 +7,7 @@
 
 namespace talvo {
 
-// The keys of the section "Dns" as they are now.
+// The current keys of the section "Dns".
 struct CDnsSettings {
     CCmString m_strServers;       // ip[:port], separated by commas; "": those of the resolver file
     CCmString m_strResolverFile;  // servers, search domains and options
@@ -19,13 +19,13 @@ struct CDnsSettings {
     bool operator==(const CDnsSettings&) const = default;
 };
 
-// Tells whether the keys, the resolver file or the hosts file are others than before. Looks at most once a second, and costs
-// two system calls then. Its user locks.
+// Detects changes of the keys, the resolver file and the hosts file. Checks at most once a second, with two system calls. The
+// user of this class locks.
 class CDnsWatch {
 public:
-    // Looks in any case, for HasChanged to compare with.
+    // Stores the current state for comparison by HasChanged.
     void TakeNote();
-    // TRUE: they are others than when it last looked. The first call only takes note.
+    // TRUE: they have changed since the last check. The first call only stores the state.
     BOOL HasChanged();
 
 private:

@@ -17,7 +17,7 @@ constexpr const char* NO_MEMORY = "out of memory";
 
 using Guard = CCmMutexGuardT<CCmMutexThread>;
 
-// Carries a name to the network thread; one that does not arrive has failed.
+// Carries a name to the network thread. If the event does not arrive, the look-up fails.
 class CEventStart final : public ICmEvent {
 public:
     CEventStart(CDnsState& aState, const CCmString& aName) : m_pState(&aState), m_strName(aName) {}
@@ -30,7 +30,7 @@ public:
         m_pState->Start_n(m_strName);
         return CM_OK;
     }
-    // From here on it is under way, and its end without an arrival is a failure.
+    // Starts the look-up: from now on the end of this event without an arrival is a failure.
     void Count() { m_bArrived = FALSE; }
 
 private:
@@ -39,7 +39,7 @@ private:
     BOOL m_bArrived = TRUE;
 };
 
-// Carries a record to an asker; made when that asks, since then the asker can be told that there is no memory.
+// Carries a record to an asker. It is created with the request, so that a later lack of memory can be reported.
 class CEventTell final : public ICmEvent {
 public:
     explicit CEventTell(CDnsState& aState) : m_pState(&aState) {}
@@ -66,13 +66,13 @@ CCmRefPtrT<CCmDnsRecord> MakeFailure(const CCmString& aName, const char* aReason
     return CCmDnsCache::MakeRecord(aName, {{}, 0, aReason});
 }
 
-// The way to the network thread, null when there is none.
+// The link to the network thread; null: there is none.
 CCmRefPtrT<CCmThreadLink> GetNetworkLink() {
     ACmThread* pThread = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_NETWORK);
     return pThread ? &pThread->GetLink() : nullptr;
 }
 
-// The way to the thread that calls an observer: aThread, or the calling one; null if it cannot be called.
+// The link to the thread that calls an observer: aThread, or the calling one. Null: an observer cannot be called there.
 CCmRefPtrT<CCmThreadLink> GetObserverLink(ACmThread* aThread) {
     ACmThread* pThread = aThread ? aThread : CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_CURRENT);
     return pThread && pThread->GetEventQueue() ? &pThread->GetLink() : nullptr;
@@ -97,7 +97,7 @@ CmResult CDnsState::Ask_i(const CCmString& aName, ICmObserver* aObserver, CCmThr
     const CCmRefPtrT<CCmThreadLink> pNetwork = GetNetworkLink();
     if (!pNetwork)
         return CM_ERROR_NOT_AVAILABLE;
-    // All that the look-up needs to end is made first: nobody waits for an answer that memory is missing for.
+    // Allocate everything that the end of the look-up needs first, so that no asker waits for an answer that lacks memory.
     auto pStart = std::make_unique<CEventStart>(*this, aName);
     const CCmRefPtrT<CCmDnsRecord> pNoMemory = MakeFailure(aName, NO_MEMORY);
     std::unique_ptr<ICmEvent> pTell(aObserver ? new CEventTell(*this) : nullptr);
@@ -163,7 +163,7 @@ void CDnsState::Start_n(const CCmString& aName) {
         Fail(aName, NO_MEMORY);
 }
 
-// The first question in a network thread makes the worker, which lives until that thread ends.
+// The first question in a network thread creates the worker, which lives until that thread ends.
 CDnsWorker* CDnsState::GetWorker_n() {
     if (m_pWorker)
         return m_pWorker.get();
@@ -179,7 +179,7 @@ CDnsWorker* CDnsState::GetWorker_n() {
     return m_pWorker.get();
 }
 
-// Nobody keeps answers up to date from now on, so none are kept.
+// From now on no worker keeps answers current, so the cache is emptied.
 void CDnsState::OnThreadEnd() {
     const CCmRefPtrT<CDnsState> pThis = std::move(m_pSelf);
     m_pWorker.reset();

@@ -1,4 +1,4 @@
-// The inside of the DNS manager: the cache, the askers and the network thread's worker.
+// The internals of the DNS manager: the cache, the askers and the network thread's worker.
 #pragma once
 
 #include <atomic>
@@ -11,25 +11,25 @@
 
 namespace talvo {
 
-// Shared by the manager and everything that is on its way between the threads, so the manager may end at any time. The mutex is
-// never held while an observer is called or an event is posted. Like the manager it is not among the live counters: both stay
-// with the process.
+// The manager and all events in flight between the threads share it, so the manager may be destroyed at any time. The mutex is
+// never held while an observer is called or an event is posted. Like the manager it has no live counter: both may stay until
+// the process ends.
 class CDnsState final : public CCmReferenceControlT<CCmMutexThread>, private CCmThreadTenant, private IDnsWorkerUser {
 public:
-    // As the operations of the manager; aName is good, in lower case and no literal.
+    // As the operations of the manager; aName is valid, in lower case and not a literal.
     CmResult Resolve(CCmRefPtrT<CCmDnsRecord>& aRecord, const CCmString& aName, ICmObserver* aObserver, BOOL aForced,
                      ACmThread* aThread);
     CmResult Cancel(ICmObserver* aObserver);
     void Refresh();
 
-    // Tells one asker, in its thread.
+    // Calls one asker, in its thread.
     void Tell(uint64_t aId, CCmDnsRecord& aRecord);
-    // An asker that cannot be told.
+    // Removes an asker that cannot be called.
     void Forget(uint64_t aId);
     // Network thread.
     void Start_n(const CCmString& aName);
     void Refresh_n();
-    // A look-up that the network thread did not or cannot do, and all of them.
+    // Fails one look-up that the network thread did not or cannot do; FailAll fails all of them.
     void Fail(const CCmString& aName, const char* aReason);
     void FailAll(const char* aReason);
 

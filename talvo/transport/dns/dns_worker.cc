@@ -9,7 +9,7 @@
 
 namespace talvo {
 
-// Whatever memory is missing for, all begins anew with the next question.
+// If memory runs out, everything starts again with the next question.
 template <class Work>
 void CDnsWorker::Do_i(Work aWork) {
     if (!WithMemory(aWork))
@@ -63,7 +63,8 @@ void CDnsWorker::Start(const CCmString& aName) {
 
 void CDnsWorker::Ask_i(const CCmString& aName) {
     const std::vector<DWORD>* pAddresses = m_Hosts.Find(aName);
-    // An answer that is out of date already is asked for like the others that are under way: a Refresh is to come.
+    // If the settings have changed, the answer is obsolete; a Refresh follows, which asks for this name again like the other
+    // ones.
     if (pAddresses && m_User.OnDnsAnswer(m_dwGeneration, {aName, {*pAddresses, CCmDnsCache::MAX_TTL, ""}}))
         return;
     m_Waiting.push_back(aName);

@@ -1,4 +1,4 @@
-// The network thread's half of name resolution.
+// The part of name resolution in the network thread.
 #pragma once
 
 #include <deque>
@@ -10,13 +10,13 @@
 
 namespace talvo {
 
-// To whom a worker reports, in the network thread.
+// Receives a worker's answers, in the network thread.
 class IDnsWorkerUser {
 public:
-    // The answer to a Start. FALSE: the settings have changed since the question, the answer is of no use; the worker asks
-    // again. Must not destroy the worker.
+    // The answer to a Start. FALSE: the settings have changed since the question, so the answer is obsolete and the worker asks
+    // again. It must not destroy the worker.
     virtual BOOL OnDnsAnswer(DWORD aGeneration, CDnsNamedAnswer aAnswer) = 0;
-    // Memory ran out: all that is under way gets no answer. Likewise.
+    // Memory ran out: no question under way gets an answer. It must not destroy the worker.
     virtual void OnDnsNoMemory() = 0;
     // Counts the changes of the settings.
     virtual DWORD GetGeneration() const = 0;
@@ -25,13 +25,13 @@ protected:
     virtual ~IDnsWorkerUser() = default;
 };
 
-// Answers questions from the hosts file, or has the servers asked, not too many at a time: answers that come in a burst must
-// find room in the receive buffer. Begins anew with all that is under way when the settings have changed.
+// Answers questions from the hosts file or through the servers. It limits the questions to the servers, so that a burst of
+// answers fits in the receive buffer. After a change of the settings it restarts all questions under way.
 class CDnsWorker : private IDnsChannelUser {
 public:
     CDnsWorker(ICmReactor& aReactor, IDnsWorkerUser& aUser) : m_Reactor(aReactor), m_User(aUser) {}
 
-    // One answer follows, or OnDnsNoMemory; perhaps from inside.
+    // One answer follows, or OnDnsNoMemory; perhaps inside this call.
     void Start(const CCmString& aName);
     // Reads settings and files again if they have changed.
     void Refresh();

@@ -36,7 +36,7 @@ BOOL CNameLookup::HasAddress(const CCmInetAddr& aAddr, CCmFailure& aFailure) {
     return FALSE;
 }
 
-// The cache has the reason for as long as it keeps the failure; the address has it no longer.
+// The address does not have the reason any more. The cache has it as long as it keeps the failure.
 CCmFailure CNameLookup::FailureOfName_i(const CCmInetAddr& aName) {
     if (!aName.IsResolved())
         return CCmFailure(CM_FAILURE_NO_SUCH_NAME, "the name has not been looked up", "resolve", aName);

@@ -1,4 +1,4 @@
-// A connector's wait for the addresses of a name.
+// The look-up of a name for a connector.
 #pragma once
 
 #include "talvo/base/failure.h"
@@ -8,11 +8,11 @@
 
 namespace talvo {
 
-// Hears what a name stands for.
+// Receives the record of a name.
 class INameUser {
 public:
-    // Once for each Start that returned CM_ERROR_WOULD_BLOCK, from a turn of the loop of its own. aRecord lives during the
-    // call. May end or delete the look-up.
+    // Called once for each Start that returned CM_ERROR_WOULD_BLOCK, directly from the loop. aRecord is valid during the call.
+    // It may cancel or delete the look-up.
     virtual void OnNameKnown(const CCmDnsRecord& aRecord) = 0;
 
 protected:
@@ -27,18 +27,18 @@ public:
     CNameLookup(const CNameLookup&) = delete;
     CNameLookup& operator=(const CNameLookup&) = delete;
 
-    // CM_OK: aRecord is what is known already, be it that the name has no address. CM_ERROR_WOULD_BLOCK: the user will hear.
-    // Anything else: it cannot be found out.
+    // CM_OK: aRecord (out) is the cached record; the name may have no address. CM_ERROR_WOULD_BLOCK: OnNameKnown follows. Any
+    // other result: the look-up is not possible.
     CmResult Start(const CCmString& aName, CCmRefPtrT<CCmDnsRecord>& aRecord);
 
-    // Why a name has no address: aRecord is a failed one, or null with what Start returned.
+    // The failure of a name without an address: aRecord is a failed record, or null with aReason, the result of Start.
     static CCmFailure FailureOf(const CCmDnsRecord* aRecord, CmResult aReason, const CCmInetAddr& aName);
 
-    // Whether aAddr can be handed to the system. FALSE: it is a name that no look-up gave an address to; aFailure says why,
-    // errno is EADDRNOTAVAIL and there is a line in the trace.
+    // TRUE: aAddr can be passed to the system. FALSE: it is a name for which no look-up found an address; aFailure (out) has
+    // the cause, errno is EADDRNOTAVAIL, and there is a trace line.
     static BOOL HasAddress(const CCmInetAddr& aAddr, CCmFailure& aFailure);
 
-    // The user hears nothing any more. Does nothing when no look-up runs.
+    // No call of the user follows. Does nothing without a look-up.
     void Cancel();
 
 private:
