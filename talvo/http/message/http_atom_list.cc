@@ -30,8 +30,8 @@ constexpr CKnownAtom KNOWN[] = {CM_FOR_EACH_HTTP_ATOM(CM_LIST_ATOM)};
 constexpr BYTE NONE = 0xFF;
 static_assert(std::size(KNOWN) < NONE);
 
-// Length and three letters tell all known names apart, and the factor was searched for that gives each its own slot. Which
-// letters fall together by the bit set does not matter: the whole text is compared afterwards.
+// Length and three letters distinguish all known names. The factor was found by search and gives each name a slot of its own.
+// Setting the bit may make different letters equal; this is harmless, because the whole text is compared afterwards.
 constexpr BYTE slot_of(std::string_view aName) {
     const auto letter = [&](size_t aAt) { return static_cast<DWORD>(static_cast<BYTE>(aName[aAt] | 0x20)); };
     const size_t stLength = aName.size();
@@ -59,7 +59,7 @@ static_assert(SLOTS.m_bPerfect, "two known names share a slot: search for anothe
 
 std::atomic<CCmHttpAtomList*> s_pInstance{nullptr};
 
-// Lets the list go with the other singletons; the list itself can be copied and is therefore none.
+// Ends the list with the other singletons. The list itself can be copied and is therefore not a singleton.
 class CAtomListOwner : public CCmCleanUpBase {
 public:
     explicit CAtomListOwner(std::unique_ptr<CCmHttpAtomList> aList) : m_pList(std::move(aList)) { s_pInstance = m_pList.get(); }

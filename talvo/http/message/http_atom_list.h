@@ -15,35 +15,35 @@ namespace talvo {
 class CHttpNameTable;
 }
 
-// Resolves texts to atoms, for all threads. It knows 73 names from the start and learns others from whoever resolves them with
-// creation, peers included: that is why it has a limit, behind which it learns no more and a message keeps its own names.
-// What it knows or has learned is found without a lock; only learning takes the mutex.
+// Resolves texts to atoms, for all threads. It has 73 names from the start and stores others that are resolved with creation,
+// including names from peers. So it has a limit, beyond which it stores no more and a message keeps its own names. Finding a
+// name takes no lock; only storing one takes the mutex.
 class TALVO_API CCmHttpAtomList {
 public:
-    // Made by the first call and destroyed with the other process-wide objects; atoms it has learned are then gone as well.
-    // Null: memory ran out; a later call tries again.
+    // The first call creates it. It is destroyed with the other process-wide objects, and its stored atoms with it. Null:
+    // memory ran out; a later call tries again.
     static CCmHttpAtomList* Instance();
 
-    // A copy has learned the same names, but its atoms of them are not the original's. Without memory copying throws.
+    // A copy has stored the same names, but its atoms of them differ from the original's. Without memory the copy throws.
     CCmHttpAtomList(const CCmHttpAtomList& aOther);
     CCmHttpAtomList& operator=(const CCmHttpAtomList& aOther);
     ~CCmHttpAtomList();
 
-    // The atom of aName without the spaces (0x20) around it, whatever its case. A name that is new is learned in the spelling
-    // given if aCreate is not 0. The null atom: the name is empty, or new and not to be learned, or the table is full or memory
-    // ran out (the first time the table is full there is a line).
+    // The atom of aName without the spaces (0x20) around it, in any case. A new name is stored in the given spelling if aCreate
+    // is not 0. The null atom: the name is empty, or new and aCreate is 0, or the table is full or memory ran out. The first
+    // time that the table is full is traced.
     CCmHttpAtom ResolveAtom(std::string_view aName, int aCreate);
 
-    // The known atom of exactly that text, whatever its case; null if it is none. Any thread.
+    // The known atom of that text, in any case; null if there is none. Any thread.
     static CCmHttpAtom FindKnown(std::string_view aName);
 
-    // What may be learned beside the known names: that many, and that many bytes of text with terminators. Names beyond a new
-    // and smaller limit stay. Without memory for the mutex the limits stay as they are.
+    // Limits the stored names, beside the known ones, and the bytes of their texts with terminators. Names beyond a new,
+    // smaller limit stay. Without memory for the mutex the limits do not change.
     void SetLimits(DWORD aMaxNames, DWORD aMaxBytes);
     static constexpr DWORD DEFAULT_MAX_NAMES = 65536;
     static constexpr DWORD DEFAULT_MAX_BYTES = 4u << 20;
 
-    // Destroys the mutex, which the next name to be learned makes again. While no other thread resolves.
+    // Destroys the mutex; the next stored name creates it again. Call it while no other thread resolves.
     void CleanupMutex();
 
     // The known atoms, usable at any time, also before main().

@@ -45,7 +45,7 @@ CCmString CHttpDigest::Answer(const CCmString& aUser, const CCmString& aPassword
     const CCmString strResponse = HttpHashHex(m_Hash, strSecret + ":" + strMiddle + ":" + strRequest);
     if (strSecret.empty() || strRequest.empty() || strResponse.empty())
         return {};
-    // Realm, nonce and opaque go back as they came, the backslashes between their quotes included.
+    // Realm, nonce and opaque are sent back unchanged, with the backslashes between their quotes.
     CCmString strValue = "Digest username=" + Quoted(aUser) + ", realm=\"" + m_strRealm + "\", nonce=\"" + m_strNonce +
                          "\", uri=\"" + strUri + "\", response=\"" + strResponse + "\"";
     if (!m_strAlgorithm.empty())
@@ -92,7 +92,7 @@ BOOL CHttpAuthenticator::OnChallenges(std::string_view aValue) {
     return TRUE;
 }
 
-// What was not understood is not answered: another algorithm, a qop without auth, a text that would break the header.
+// Refuses unsupported challenges: another algorithm, a qop without auth, a text that would break the header.
 CHttpAuthenticator::EScheme CHttpAuthenticator::Judge_i(const CHttpChallenge& aChallenge) const {
     if (aChallenge.m_strScheme == "basic")
         return BASIC;

@@ -47,7 +47,8 @@ CmResult CHttpBodyReader::FeedBlock(CCmMessageBlock& aBlock, CHttpBodySink& aSin
     return m_Result;
 }
 
-// Consumes framing up to the next data, of which aCount bytes then stand at the block's front, and says what holds behind it.
+// Consumes framing up to the next data and sets the state behind it. aCount (out): the number of data bytes at the block's
+// front.
 CmResult CHttpBodyReader::FindData(CCmMessageBlock& aBlock, DWORD& aCount) {
     const DWORD dwLength = aBlock.GetTopLevelLength();
     if (m_Kind != EHttpBody::CHUNKED) {
@@ -66,7 +67,7 @@ CmResult CHttpBodyReader::FindData(CCmMessageBlock& aBlock, DWORD& aCount) {
     return m_Decoder.IsFinished() ? CM_OK : CM_ERROR_PARTIAL_DATA;
 }
 
-// Nothing of a chunk or piece that goes beyond the limit is handed on.
+// No part of a chunk or piece beyond the limit is passed on.
 BOOL CHttpBodyReader::Count(DWORD& aCount, uint64_t aAnnounced) {
     if (aAnnounced > m_ullMaxBody - m_ullReceived) {
         CM_WARNING_TRACE_THIS("CHttpBodyReader::Feed, the body is too large. received=" << m_ullReceived);

@@ -1,4 +1,4 @@
-// Bodies of any length, handed on as they arrive.
+// Bodies of any length, passed on as they arrive.
 #pragma once
 
 #include "talvo/base/export.h"
@@ -10,13 +10,13 @@
 
 namespace talvo {
 
-// How a body's end is found.
+// The delimiter of a body.
 enum class EHttpBody { NONE, LENGTH, CHUNKED, UNTIL_CLOSE };
 
 class TALVO_API CHttpBodySink {
 public:
-    // The next piece of the body, never empty: a view on the block in which it arrived, valid during the call; duplicate what
-    // you keep. TRUE: go on. FALSE: stop, for the reader was begun anew, is gone, or shall give no more of this chain.
+    // The next piece of the body, never empty: a view on the block of its arrival, valid during the call; duplicate it to keep
+    // it. TRUE: continue. FALSE: stop, because the reader was restarted or deleted, or shall give no more of this chain.
     virtual BOOL OnBody(CCmMessageBlock& aView) = 0;
 
 protected:
@@ -25,30 +25,31 @@ protected:
 
 // Finds the body in a stream: takes exactly its bytes, framing included, and copies none. Counts in 64 bits. One thread.
 //
-// Chunks are read strictly: where a message ends must not depend on who reads it.
+// Chunks are read strictly: all readers must find the same end of a message.
 class TALVO_API CHttpBodyReader {
 public:
     CHttpBodyReader() { m_Decoder.SetStrict(TRUE); }
 
-    // A new body; aLength is that of LENGTH. Limits stay.
+    // Starts a new body; aLength is for LENGTH. Limits stay.
     void Begin(EHttpBody aKind, uint64_t aLength = 0);
 
-    // Consumes what belongs to the body and gives its data to aSink. CM_OK: the body is complete, what follows it stays in the
-    // chain. CM_ERROR_PARTIAL_DATA: all was taken and more must follow. CM_ERROR_FAILURE: broken chunks, or the body is beyond
-    // the limit, and stays so. CM_ERROR_OUT_OF_MEMORY, likewise. CM_ERROR_NOT_AVAILABLE: aSink said stop; nothing of the reader
-    // was touched after that.
+    // Consumes the bytes of the body and passes its data to aSink. CM_OK: the body is complete; the bytes behind it stay in the
+    // chain. CM_ERROR_PARTIAL_DATA: all bytes were taken and more must follow. CM_ERROR_FAILURE: broken chunks, or the body
+    // exceeds the limit; this is final. CM_ERROR_OUT_OF_MEMORY: final, too. CM_ERROR_NOT_AVAILABLE: aSink returned FALSE; the
+    // reader was not accessed after that.
     CmResult Feed(CCmMessageBlock& aChain, CHttpBodySink& aSink);
 
-    // No more bytes come. CM_OK: the body is complete, one until close by this. CM_ERROR_NETWORK_HTTP_FAILURE: it is cut short.
+    // No more bytes come. CM_OK: the body is complete; a body until close is now. CM_ERROR_NETWORK_HTTP_FAILURE: it is
+    // incomplete.
     CmResult EndOfStream();
 
     BOOL IsComplete() const { return m_Result == CM_OK; }
-    BOOL IsBeyondLimit() const { return m_bBeyondLimit; }   // that was the reason of a failure
+    BOOL IsBeyondLimit() const { return m_bBeyondLimit; }   // the cause of a failure
     uint64_t GetReceived() const { return m_ullReceived; }  // bytes of data
     const CCmHttpHeaderArray& GetTrailers() const { return m_Decoder.GetTrailers(); }
 
     void SetLimits(const CCmHttpLimits& aLimits);
-    // TRUE: a trailer that begins with a blank continues the one before it. FALSE, as it begins: it breaks the body.
+    // TRUE: a trailer that begins with a blank continues the one before it. FALSE, the default: it breaks the body.
     void SetUnfolding(BOOL aUnfold) { m_Decoder.SetUnfolding(aUnfold); }
 
 private:

@@ -14,8 +14,8 @@ CCmString ToLower(std::string_view aText) {
     return strLower;
 }
 
-// A list of challenges and a list of parameters are separated alike, by commas: what stands before a "=" belongs to the
-// challenge under way, anything else begins the next.
+// Commas separate both challenges and parameters: text before a "=" belongs to the current challenge, any other begins the
+// next.
 class CParser {
 public:
     explicit CParser(std::string_view aText) : m_Text(aText) {}
@@ -51,7 +51,7 @@ private:
         return token;
     }
 
-    // FALSE: the rest of the item makes no sense.
+    // FALSE: the rest of the item is malformed.
     BOOL ReadItem(std::string_view aName) {
         SkipBlanks();
         if (Peek() == '=')

@@ -10,7 +10,8 @@
 
 namespace {
 
-// Hexadecimal as sscanf reads it: blanks, sign and 0x ahead and anything behind are let pass, unless strict. FALSE: no number.
+// Hexadecimal as sscanf reads it: unless strict, leading blanks, sign and 0x, and any text behind are accepted. FALSE: not a
+// number.
 BOOL scan_size(std::string_view aNumber, BOOL aStrict, uint64_t& aSize) {
     const std::string_view strDigits = aStrict ? aNumber.substr(0, aNumber.find_last_not_of(" \t") + 1) : aNumber;
     const auto [pEnd, error] = std::from_chars(strDigits.data(), strDigits.data() + strDigits.size(), aSize, 16);
@@ -18,7 +19,7 @@ BOOL scan_size(std::string_view aNumber, BOOL aStrict, uint64_t& aSize) {
         return TRUE;
     if (aStrict)
         return FALSE;
-    unsigned long ulSize = 0;  // 64 bits, which sscanf fills to the largest number when it overflows
+    unsigned long ulSize = 0;  // 64 bits; on overflow sscanf stores the largest number
     const BOOL bRead = std::sscanf(CCmString(aNumber).c_str(), "%lx", &ulSize) == 1;
     aSize = ulSize;
     return bRead;
@@ -58,7 +59,7 @@ BOOL CCmHttpChunkedDecoder::Next(std::string_view& aInput, std::string_view& aDa
     return bGood;
 }
 
-// Up to the next data.
+// Advances to the next data.
 BOOL CCmHttpChunkedDecoder::Step(std::string_view& aInput, std::string_view& aData) {
     while (!aInput.empty() && m_State != FINISHED) {
         if (m_State == DATA && m_dwRemaining > 0) {
@@ -96,7 +97,7 @@ BOOL CCmHttpChunkedDecoder::HandleLine(std::string_view& aInput) {
     return bGood;
 }
 
-// The line without its end and leading spaces, in the input where it lies there whole, else in the line buffer.
+// The line without its end and leading spaces: in the input if that contains it whole, otherwise in the line buffer.
 CCmHttpChunkedDecoder::ELine CCmHttpChunkedDecoder::TakeLine(std::string_view& aInput, std::string_view& aLine) {
     const size_t stEnd = aInput.find('\n');
     aLine = aInput.substr(0, stEnd);
@@ -135,7 +136,7 @@ BOOL CCmHttpChunkedDecoder::ParseSize(std::string_view aLine) {
     return TRUE;
 }
 
-// The empty line ends the trailers, and so the body.
+// The empty line ends the trailers, and with them the body.
 BOOL CCmHttpChunkedDecoder::HandleTrailer(std::string_view aLine) {
     if (!aLine.empty() && ++m_dwTrailerLines > m_Limits.m_dwMaxHeaders) {
         CM_WARNING_TRACE("CCmHttpChunkedDecoder::HandleChunkedContent, there are too many trailers.");
@@ -157,7 +158,7 @@ BOOL CCmHttpChunkedDecoder::ParseTrailer(std::string_view aLine) {
     return bGood && !(m_bStrict && (m_Trailers.GetFaults() & CM_HTTP_FAULT_NAME));
 }
 
-// The CR and LF behind a chunk's data, which may arrive apart.
+// The CR and LF behind a chunk's data, which may arrive separately.
 BOOL CCmHttpChunkedDecoder::TakeLineEnd(std::string_view& aInput) {
     if (!m_bCRSeen) {
         if (aInput.front() != '\r') {

@@ -1,4 +1,4 @@
-// The chunked transfer coding, read from whatever pieces arrive.
+// Decodes the chunked transfer coding from pieces of any size.
 #pragma once
 
 #include <string_view>
@@ -12,37 +12,37 @@
 //  size [; extension] CRLF   data CRLF   ...   0 CRLF   trailer CRLF ...   CRLF
 //
 // Sizes are hexadecimal and must fit 32 bits. Extensions are dropped, trailers are kept apart from the message's headers. A
-// size is what sscanf takes for one, and of a line's end the CR may be missing, but not behind a chunk's data; see SetStrict.
+// size is any number that sscanf accepts. The CR of a line end may be missing, but not behind a chunk's data; see SetStrict.
 // One body for each object or Reset; one thread at a time.
 class TALVO_API CCmHttpChunkedDecoder {
 public:
-    // Appends the data in aBuf's aLen bytes to aOut; aConsumed is how many bytes were used: all, unless the body ended before.
-    // FALSE, in most cases with a line at level 10: aBuf is null, the coding is broken, a line or the trailers are beyond the
-    // limits, or memory ran out. Behind the end nothing is used and TRUE returned.
+    // Appends the data in aBuf's aLen bytes to aOut. aConsumed (out): the number of bytes used: all, unless the body ended
+    // before. FALSE, mostly with a trace line at level 10: aBuf is null, the coding is broken, a line or the trailers exceed
+    // the limits, or memory ran out. Behind the end no bytes are used, and the result is TRUE.
     BOOL HandleChunkedContent(const char* aBuf, unsigned long aLen, CCmString& aOut, unsigned long& aConsumed);
 
-    // The same without a copy: uses aInput from its front up to the end of the next piece of data, which aData then views, or
-    // all of it if there is no more data (aData is then empty) or up to the body's end. FALSE as above.
+    // The same without a copy. Uses aInput from its front up to the end of the next piece of data, and aData (out) is a view on
+    // that piece. Without more data it uses all of aInput, or up to the body's end, and aData is empty. FALSE as above.
     BOOL Next(std::string_view& aInput, std::string_view& aData);
 
     BOOL IsFinished() const { return m_State == FINISHED; }
-    BOOL IsOutOfMemory() const { return m_bNoMemory; }  // that was the reason of FALSE
+    BOOL IsOutOfMemory() const { return m_bNoMemory; }  // the cause of FALSE
     const CCmHttpHeaderArray& GetTrailers() const { return m_Trailers; }
 
     void SetLimits(const CCmHttpLimits& aLimits) { m_Limits = aLimits; }
 
-    // TRUE also refuses what others on the way may read differently: a size that is more than hexadecimal digits and blanks
-    // behind them, spaces at a line's front, a line end without its CR, a CR or NUL inside a line, a trailer whose name is no
-    // token or that has no colon.
+    // TRUE also refuses input that other readers may interpret differently: a size with more than hexadecimal digits and blanks
+    // behind them, spaces at the start of a line, a line end without its CR, a CR or NUL inside a line, a trailer without a
+    // colon or whose name is not a token.
     void SetStrict(BOOL aStrict) { m_bStrict = aStrict; }
 
     // TRUE: a trailer that begins with a blank continues the one before it.
     void SetUnfolding(BOOL aUnfold) { m_bUnfold = aUnfold; }
 
-    // The bytes of the chunk under way that have not come yet.
+    // The bytes of the current chunk that have not come yet.
     DWORD GetRemaining() const { return m_dwRemaining; }
 
-    // Forgets everything but limits, strictness and unfolding.
+    // Resets everything except limits, strictness and unfolding.
     void Reset();
 
 private:

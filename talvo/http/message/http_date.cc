@@ -25,7 +25,8 @@ struct CFields {
     char m_szMonth[4] = "";
 };
 
-// Each pattern has to match to the text's end, which "%n" at its own tells. A sign is a number's to sscanf, but not a year's.
+// Each pattern has to match to the text's end, which "%n" at its own end detects. sscanf accepts a sign before a number, but a
+// year must not have one.
 BOOL scan(const CCmString& aText, const char* aPattern, CFields& aFields) {
     int nEnd = 0;
     aFields = CFields();
@@ -34,7 +35,7 @@ BOOL scan(const CCmString& aText, const char* aPattern, CFields& aFields) {
     return nEnd > 0 && static_cast<size_t>(nEnd) == aText.size() && aFields.m_nYear >= 0;
 }
 
-// The only form whose year stands last.
+// Only this form has the year at its end.
 BOOL scan_asctime(const CCmString& aText, CFields& aFields) {
     int nEnd = 0;
     aFields = CFields();

@@ -1,4 +1,4 @@
-// A header field that may go on in the lines behind it.
+// A header field that may continue in later lines.
 #pragma once
 
 #include <string_view>
@@ -8,7 +8,7 @@
 
 namespace talvo {
 
-// Joins obsolete line folding (RFC 9112, section 5.2): each fold becomes one space. Holds one line; keeps its memory.
+// Joins obsolete line folding (RFC 9112, section 5.2): each fold becomes one space. Holds one line and reuses its memory.
 class CHttpFoldedLine {
 public:
     BOOL IsEmpty() const { return m_strLine.empty(); }
@@ -16,8 +16,8 @@ public:
 
     void Hold(std::string_view aLine) { m_strLine.assign(aLine); }
 
-    // TRUE: aLine begins with a blank, and is now the end of the line that was held. FALSE, and nothing changes: it begins a
-    // line of its own, or none was held.
+    // TRUE: aLine begins with a blank and was appended to the held line. FALSE, and nothing changes: it begins a new line, or
+    // there is no held line.
     BOOL Continue(std::string_view aLine) {
         if (m_strLine.empty() || aLine.empty() || (aLine.front() != ' ' && aLine.front() != '\t'))
             return FALSE;

@@ -17,7 +17,7 @@ constexpr int NOT_IMPLEMENTED = 501;
 
 enum ECodings { NO_CODING, CHUNKED_ALONE, MISPLACED_CHUNKED, UNKNOWN_CODING };
 
-// aIdentity: "identity", which RFC 9112 no longer has, counts as no coding.
+// aIdentity: "identity", which RFC 9112 has removed, counts as no coding.
 ECodings get_codings(const CCmHttpHeaderArray& aHeaders, BOOL aIdentity) {
     const CCmString* pValue = aHeaders.FindHeader(Atoms::Transfer_Encoding);
     BOOL bChunked = FALSE, bUnknown = FALSE;
@@ -31,7 +31,7 @@ ECodings get_codings(const CCmHttpHeaderArray& aHeaders, BOOL aIdentity) {
     return bUnknown ? UNKNOWN_CODING : bChunked ? CHUNKED_ALONE : NO_CODING;
 }
 
-// One number, or a list of the same number as some intermediaries make it of repeated lines.
+// One number, or a list of equal numbers, into which some intermediaries join repeated lines.
 BOOL parse_length(std::string_view aValue, uint64_t& aLength) {
     std::string_view element, first;
     while (next_element(aValue, element)) {
@@ -102,7 +102,7 @@ CHttpFraming get_response_framing(const CCmHttpResponseHead& aHead, const CCmHtt
         break;
     }
     frame_by_length(aHead, BAD_RESPONSE, framing);
-    // A 205 has nothing to say; do not wait for the end of the connection to learn that.
+    // A 205 has no body, so do not wait for the end of the connection.
     if (framing.m_Body == EHttpBody::NONE && framing.m_nError == 0 && aHead.GetStatus() != 205)
         framing.m_Body = EHttpBody::UNTIL_CLOSE;
     framing.m_bMustClose = framing.m_nError != 0 || framing.m_Body == EHttpBody::UNTIL_CLOSE;

@@ -13,7 +13,7 @@ namespace {
 
 using Atoms = CCmHttpAtomList;
 
-// What an array keeps across Clear: enough for usual messages, little enough for thousands of idle connections.
+// The storage that an array keeps across Clear: enough for usual messages, and little enough for thousands of idle connections.
 constexpr size_t MOST_SPARE_ENTRIES = 64;
 constexpr size_t MOST_SPARE_VALUE = 2048;
 
@@ -68,7 +68,7 @@ BOOL CCmHttpHeaderArray::SetHeader(const CCmHttpAtom& aAtom, std::string_view aV
     });
 }
 
-// Changes nothing unless there is room for all of it. aValue may be a piece of the value that grows.
+// Changes nothing unless there is room for all of it. aValue may be a part of the growing value.
 void CCmHttpHeaderArray::Merge(CEntry& aEntry, std::string_view aValue) const {
     CCmString& strValue = aEntry.m_strValue;
     const std::string_view strSeparator = is_merged_by_line(aEntry.m_Atom) ? "\n" : ", ";
@@ -153,7 +153,7 @@ CCmHttpAtom CCmHttpHeaderArray::ResolveName(std::string_view aName) {
 
 CCmHttpAtom CCmHttpHeaderArray::MakeName(std::string_view aName) {
     const std::string_view strName = talvo::trim_spaces(aName);
-    // The own names first: the list may have learned one of them since.
+    // The own names first: the list may have stored one of them since.
     if (!m_OwnNames.empty()) {
         if (const CCmHttpAtom atom = FindOwnName(strName))
             return atom;
@@ -238,7 +238,7 @@ BOOL CCmHttpHeaderArray::TakeHeaderLine(std::string_view aLine, CCmHttpAtom* aOu
     return NoteMemory(SetHeader(atom, strValue, 1));
 }
 
-// Remembers what SetHeader lets disappear and what matters to where messages end.
+// Records values that SetHeader drops and that affect the end of the message.
 void CCmHttpHeaderArray::NoteFraming(const CCmHttpAtom& aAtom, std::string_view aValue) {
     if (aAtom != Atoms::Content_Length && aAtom != Atoms::Transfer_Encoding)
         return;

@@ -1,4 +1,4 @@
-// The headers of a message, in order, and how they are read, merged and printed.
+// The headers of a message in order: parsing, merging, printing.
 #pragma once
 
 #include <memory>
@@ -9,20 +9,21 @@
 #include "talvo/base/types.h"
 #include "talvo/http/message/http_atom.h"
 
-// What a head's lines did that the array has no room for. A careful receiver refuses such a message, as others on its way may
-// have read it differently.
+// Faults of a head's lines that the array does not preserve. A careful receiver refuses such a message, because other readers
+// on its way may have read it differently.
 enum ECmHttpFault : DWORD {
-    CM_HTTP_FAULT_NAME = 0x1,    // a name or method that is no token (a folded line too), or a line without a colon
-    CM_HTTP_FAULT_LENGTH = 0x2,  // Content-Length again with another value, or it or Transfer-Encoding without one
-    CM_HTTP_FAULT_MEMORY = 0x4   // a line was lost, because memory ran out
+    CM_HTTP_FAULT_NAME = 0x1,    // a name or method is not a token (also in a folded line), or a line has no colon
+    CM_HTTP_FAULT_LENGTH = 0x2,  // Content-Length again with another value, or it or Transfer-Encoding without a value
+    CM_HTTP_FAULT_MEMORY = 0x4   // a line was lost because memory ran out
 };
 
-// A list of (atom, value) with one entry for each header. A value; one thread at a time. Booleans are TRUE for success or yes.
+// A list of (atom, value) with one entry for each header. A value; one thread at a time. Boolean results are TRUE for success
+// or yes.
 //
-// Entries keep their storage when the array is cleared, so that parsing one message after the other soon allocates nothing.
+// Entries keep their storage when the array is cleared, so that parsing a sequence of messages soon allocates nothing.
 //
-// A name that the atom list can no longer learn is kept by the array: copies of the array share it, and its atom is good as
-// long as one of them has not been cleared, assigned to or destroyed. ResolveName gives atoms of either kind.
+// The array keeps a name that the atom list can no longer store. Copies of the array share it, and its atom is valid until all
+// of them have been cleared, assigned to or destroyed. ResolveName returns atoms of either kind.
 class TALVO_API CCmHttpHeaderArray {
 public:
     CCmHttpHeaderArray() = default;
@@ -33,43 +34,42 @@ public:
     // Empties everything; TRUE.
     virtual BOOL Clear();
 
-    // Stores aValue without the spaces (0x20) around it; TRUE, or FALSE when memory ran out and nothing changed. If the header
-    // is there already, the value replaces the old one, or with aMerge is put behind it after ", " (after a line feed for
-    // Set-Cookie, WWW-Authenticate and Proxy-Authenticate), unless CanAppendToHeader says that it is never merged. An empty
-    // value changes nothing with aMerge, without it removes the header. The value is not checked: talvo::is_sendable says
-    // whether it may go out.
+    // Stores aValue without the spaces (0x20) around it. TRUE; FALSE: memory ran out, and nothing changed. If the header
+    // exists, the value replaces the old one. With aMerge it is appended after ", " (after a line feed for Set-Cookie,
+    // WWW-Authenticate and Proxy-Authenticate), unless CanAppendToHeader excludes merging. An empty value changes nothing with
+    // aMerge; without it, it removes the header. The value is not checked: talvo::is_sendable tells whether it may be sent.
     BOOL SetHeader(const CCmHttpAtom& aAtom, std::string_view aValue, int aMerge);
 
-    // FALSE, and aValue untouched: there is no such header, or no memory for the copy.
+    // aValue (out). FALSE, and it is unchanged: there is no such header, or no memory for the copy.
     BOOL GetHeader(const CCmHttpAtom& aAtom, CCmString& aValue) const;
-    // The same without a copy: null if there is none. Valid until the array changes.
+    // The same without a copy; null: there is none. Valid until the array changes.
     const CCmString* FindHeader(const CCmHttpAtom& aAtom) const;
     BOOL PeekHeader(const CCmHttpAtom& aAtom) const { return FindHeader(aAtom) != nullptr; }
 
-    // FALSE for the headers of which a repeat replaces the value.
+    // FALSE for headers whose repetition replaces the value.
     BOOL CanAppendToHeader(const CCmHttpAtom& aAtom) const;
 
-    // The atom under which this array keeps aName: the list's, or, if that cannot learn it, the array's own. Null: an empty
+    // The atom under which this array keeps aName: the list's, or the array's own if the list cannot store it. Null: an empty
     // name, or memory ran out.
     CCmHttpAtom ResolveName(std::string_view aName);
 
-    // Takes the next line of a head, without its line end: first line, headers, and the empty line that completes it, behind
-    // which lines are ignored. FALSE: the first line is refused (the next is then taken for one), or is missing before an empty
-    // one (with a line at level 0), or memory ran out (CM_HTTP_FAULT_MEMORY).
+    // Parses the next line of a head, without its line end: first line, headers, and the empty line that completes the head.
+    // Later lines are ignored. FALSE: the first line is refused (the next line then counts as the first); or an empty line
+    // comes before it (with a trace line at level 0); or memory ran out (CM_HTTP_FAULT_MEMORY).
     BOOL ParseLine(std::string_view aLine);
 
-    // Takes a line "name: value", with merging. The separator is the first ':', else the first space, else tab, else '='; a
-    // line without one or beginning with it is ignored. TRUE, except for a null line and when memory ran out. aOutAtom and
-    // aOutValue, if given, get what was found, the value as it stands; of an ignored line nothing.
+    // Parses a line "name: value", with merging. The separator is the first ':', otherwise the first space, otherwise tab,
+    // otherwise '='; a line without one or beginning with it is ignored. TRUE; FALSE: a null line, or memory ran out. aOutAtom,
+    // aOutValue (out, may be null): the name and the value of this line; unchanged for an ignored line.
     BOOL ParseHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
     BOOL ParseHeaderLine(const char* aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
 
-    // The leading digits of Content-Length as a number; 0: there are none, or a minus is before them. -1: no such header. What
-    // is too large for a long gives the largest one.
+    // The leading digits of Content-Length as a number; 0: there are none, or a minus is before them. -1: no such header. A
+    // number that is too large for a long gives the largest one.
     long GetContentLength() const;
 
     BOOL IsComplete() const { return m_bHeadersComplete; }
-    DWORD GetFaults() const { return m_dwFaults; }  // bits of ECmHttpFault, of what was parsed since Clear
+    DWORD GetFaults() const { return m_dwFaults; }  // bits of ECmHttpFault, of the lines parsed since Clear
 
     // The headers in order; aIndex is below the count.
     size_t GetCount() const { return m_stCount; }
@@ -82,22 +82,22 @@ protected:
         CCmString m_strValue;
     };
 
-    // Reads the first line; the array itself knows none and gives FALSE.
+    // Parses the first line. The array itself has none and returns FALSE.
     virtual BOOL ParseFirstLine_t(const char* aLine);
 
-    // Appends "name: value\r\n" for every header, merged values as they stand.
+    // Appends "name: value\r\n" for every header, with merged values unchanged.
     void Flatten(CCmString& aOut) const;
 
-    // The same as it may be sent: a value that was merged with line feeds gives a line for each part.
+    // The same in a form that may be sent: a value that was merged with line feeds gives a line for each part.
     void FlattenLines_t(CCmString& aOut) const;
 
-    // Null if there is none.
+    // aEntry (out): null if there is none.
     void LookupEntry(const CCmHttpAtom& aAtom, CEntry*& aEntry) const;
 
-    // The value of Connection, else of Proxy-Connection; null if neither is there.
+    // The value of Connection, otherwise of Proxy-Connection; null: neither exists.
     const CCmString* FindConnection_t() const;
 
-    // Resolves a name of the wire; remembers the fault if it is no token.
+    // Resolves a received name. Stores the fault if it is not a token.
     CCmHttpAtom ResolveParsed_t(std::string_view aName);
 
 private:

@@ -1,7 +1,7 @@
-// The headers and methods that every list of atoms knows: X(member, text).
+// The headers and methods that every list of atoms contains: X(member, text).
 #pragma once
 
-// Headers first, methods from Options on. The member is the text with "_" for "-"; Etag is the one whose case differs.
+// Headers first, methods from Options on. The member is the text with "_" for "-"; only Etag differs in case.
 #define CM_FOR_EACH_HTTP_HEADER(X)                            \
     X(Accept, "Accept")                                       \
     X(Accept_Charset, "Accept-Charset")                       \

@@ -1,10 +1,10 @@
-// What a peer may make this side hold.
+// Limits of the memory that a peer can make this side keep.
 #pragma once
 
 #include "talvo/base/types.h"
 
-// Given to parsers and body readers, each of which keeps a copy. A message beyond a limit fails; whether a limit was the reason
-// can be asked there, so that a server can answer 431 or 413.
+// Parsers and body readers each take a copy. A message beyond a limit fails; IsBeyondLimit there reports this cause, so that a
+// server can answer 431 or 413.
 struct CCmHttpLimits {
     static constexpr uint64_t NO_MAX_BODY = UINT64_MAX;
     static constexpr uint64_t SERVER_MAX_BODY = 64u << 20;

@@ -1,5 +1,5 @@
-// Where want of memory ends in this room: at its public calls, and where the loop or a transport calls into it. What lies
-// between may use strings and containers as if there were always memory.
+// Handles lack of memory in this room: at its public calls, and where the loop or a transport calls into it. The code between
+// may use strings and containers as if memory never ran out.
 #pragma once
 
 #include "talvo/base/result.h"
@@ -8,7 +8,7 @@
 
 namespace talvo {
 
-// What aCall returns; CM_ERROR_OUT_OF_MEMORY when memory ran out inside.
+// Returns the result of aCall; CM_ERROR_OUT_OF_MEMORY if memory ran out inside.
 template <class Call>
 [[gnu::always_inline]] inline CmResult ResultWithMemory(const Call& aCall) {
     CmResult rv = CM_ERROR_OUT_OF_MEMORY;
@@ -16,7 +16,7 @@ template <class Call>
     return rv;
 }
 
-// Calls the application. What it throws must not pass for want of memory of this room's: it ends the process here.
+// Calls the application. Its exceptions must not count as lack of memory in this room: they end the process here.
 template <class Call>
 void Upcall(const Call& aCall) {
     try {

@@ -10,7 +10,7 @@ namespace talvo {
 
 namespace {
 
-// Sets the bit by which the cases of a letter differ; that some other characters fall together does no harm to a hash.
+// Sets the bit that distinguishes the cases of a letter. It makes some other characters equal, which is harmless in a hash.
 constexpr uint64_t CASE_BITS = 0x2020202020202020;
 
 uint64_t load(const char* aBytes, size_t aCount) {
@@ -19,7 +19,7 @@ uint64_t load(const char* aBytes, size_t aCount) {
     return ullWord | CASE_BITS;
 }
 
-// Both halves of the product: every bit of either factor reaches every part of the result.
+// Combines both halves of the product: every bit of either factor affects every part of the result.
 uint64_t mix(uint64_t aLeft, uint64_t aRight) {
     __extension__ using Product = unsigned __int128;
     const Product product = static_cast<Product>(aLeft) * aRight;
@@ -67,7 +67,7 @@ const char* CHttpNameTable::Add(std::string_view aName) {
         return nullptr;
     ++m_stCount;
     m_stBytes += aName.size() + 1;
-    bucket.store(pNode, std::memory_order_release);  // last: now others see it
+    bucket.store(pNode, std::memory_order_release);  // last: from now on other threads find it
     return pNode->m_Text.get();
 }
 

@@ -1,4 +1,4 @@
-// The names that an atom list has learned: a hash table that only grows, so that looking up needs no lock.
+// The stored names of an atom list: a hash table that only grows, so that a look-up needs no lock.
 #pragma once
 
 #include <array>
@@ -10,9 +10,11 @@
 
 namespace talvo {
 
-// Find may run in any thread at any time; who calls Add holds the list's mutex. Texts stay where they are until the table goes.
+// Find may run in any thread at any time; the caller of Add holds the list's mutex. Texts stay in place until the table is
+// destroyed.
 //
-// Peers choose the names, so the hash is seeded with numbers that they cannot know: else they could aim all names at one chain.
+// Peers choose the names, so the hash is seeded with numbers that they cannot know: otherwise they could aim all names at one
+// chain.
 class CHttpNameTable {
 public:
     CHttpNameTable();
@@ -20,13 +22,13 @@ public:
     CHttpNameTable(const CHttpNameTable&) = delete;
     CHttpNameTable& operator=(const CHttpNameTable&) = delete;
 
-    // The zero-terminated text that was added for aName, in whatever case; null if none was.
+    // The zero-terminated text that was added for aName, in any case; null: none was.
     const char* Find(std::string_view aName) const;
 
-    // Copies aName, which must not be there yet. Null when memory ran out.
+    // Copies aName, which must not be in the table. Null: memory ran out.
     const char* Add(std::string_view aName);
 
-    // Adds whatever aOther holds, of which nobody else may be a user.
+    // Adds all names of aOther, which no other thread may use.
     void AddAll(const CHttpNameTable& aOther);
 
     size_t GetCount() const { return m_stCount; }

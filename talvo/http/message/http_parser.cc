@@ -12,9 +12,9 @@
 
 namespace {
 
-// Nobody gets more memory for a length that is only announced.
+// An announced length alone reserves no more memory than this.
 constexpr DWORD MOST_RESERVED = 1u << 20;
-// What stays for the next message.
+// The storage kept for the next message.
 constexpr size_t MOST_SPARE_LINE = 4u << 10;
 constexpr size_t MOST_SPARE_BODY = 2 * MOST_RESERVED;
 
@@ -87,7 +87,7 @@ BOOL CCmHttpParserT<Head>::KeepLine(std::string_view aPiece) {
     return TRUE;
 }
 
-// aLine: what stands in one block before the line feed.
+// aLine: the part of the line in this block, before the line feed.
 template <class Head>
 BOOL CCmHttpParserT<Head>::ParseLine(std::string_view aLine) {
     if (!m_strLine.empty()) {
@@ -115,7 +115,7 @@ BOOL CCmHttpParserT<Head>::GiveLine(std::string_view aLine) {
     return m_bStrict ? GiveStrictly(aLine) : m_pHead->ParseLine(aLine);
 }
 
-// A header line is given when the next one shows that it was whole; the first line of a head is never continued.
+// A header line is parsed when the next one shows that it is complete; the first line of a head is never continued.
 template <class Head>
 BOOL CCmHttpParserT<Head>::GiveStrictly(std::string_view aLine) {
     if (!talvo::is_sendable(aLine)) {
@@ -237,7 +237,7 @@ void CCmHttpParserT<Head>::AddOverrun(CCmMessageBlock& aBlock, uint64_t aRead) {
     const BOOL bIsPersistent = m_pHead->IsPersistent();
     CM_WARNING_TRACE_THIS("CCmHttpParserT::HandleContent, m_dwContentRead="
                           << aRead << " > m_dwContentLength=" << m_dwContentLength << " bIsPersistent=" << bIsPersistent);
-    // Kept on purpose: nothing can follow on a connection that ends, so all of it is taken for the body.
+    // Kept on purpose: no message can follow on a connection that ends, so all bytes count as the body.
     Add(aBlock, bIsPersistent ? m_dwContentLength - m_dwContentRead : aBlock.GetTopLevelLength());
     m_dwContentRead = m_dwContentLength;
 }

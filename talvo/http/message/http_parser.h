@@ -1,4 +1,4 @@
-// Makes a head and a whole body of the bytes of a transport.
+// Parses the bytes of a transport into a head and a whole body.
 #pragma once
 
 #include <memory>
@@ -15,52 +15,53 @@
 #include "talvo/transport/transport_interface.h"
 
 // Parses one message into aHead and a body in memory; Head is CCmHttpRequestHead or CCmHttpResponseHead. For the next message
-// clear the head and Reset. One thread at a time.
+// clear the head and call Reset. One thread at a time.
 //
-// The body is that of the headers as they stand: chunked if Transfer-Encoding is just that, else of Content-Length, else none
-// for a request and up to the end of the stream for a response. talvo::CHttpBodyReader streams bodies of any length instead.
+// The headers determine the body: chunked if Transfer-Encoding is exactly that, otherwise of Content-Length, otherwise none for
+// a request and up to the end of the stream for a response. talvo::CHttpBodyReader streams bodies of any length instead.
 template <class Head>
 class CCmHttpParserT {
 public:
-    // aHead is not owned, must outlive the parser and is not cleared here. The limits of a request's parser begin with the
-    // largest body of a server.
+    // aHead is not owned, must outlive the parser and is not cleared here. The default limit of a request's body is that of a
+    // server.
     explicit CCmHttpParserT(Head* aHead);
 
-    // Reads head lines. CM_OK: took them; Head::IsComplete() tells whether the head is whole. If so, the chain stands at its
-    // body, else behind its last line feed: what follows that was kept here, so drop the chain and give only new bytes next
-    // time. With a complete head nothing happens. CM_ERROR_FAILURE, and the chain stays: a line was refused or is beyond the
-    // limits. CM_ERROR_INVALID_ARG: null. CM_ERROR_OUT_OF_MEMORY.
+    // Reads head lines. CM_OK: took them; Head::IsComplete() tells whether the head is complete. If it is, the chain's read
+    // position is at the body. Otherwise it is behind the last line feed; the bytes behind that were copied, so drop the chain
+    // and pass only new bytes next time. With a complete head nothing happens. CM_ERROR_FAILURE: a line was refused or exceeds
+    // the limits, and the chain is unchanged. CM_ERROR_INVALID_ARG: null. CM_ERROR_OUT_OF_MEMORY.
     CmResult ParseHead(CCmMessageBlock* aChain);
 
-    // Adds the chain's bytes to the body and consumes what it used; null only looks whether the body is complete. CM_OK:
-    // complete, or the stream has ended in the middle of a chunked body. CM_ERROR_PARTIAL_DATA: wait for more.
-    // CM_ERROR_FAILURE: broken chunks, or the body is beyond its limit or 4 GiB. CM_ERROR_OUT_OF_MEMORY.
+    // Adds the chain's bytes to the body and consumes them; null only checks whether the body is complete. CM_OK: complete, or
+    // the stream has ended within a chunked body. CM_ERROR_PARTIAL_DATA: wait for more. CM_ERROR_FAILURE: broken chunks, or the
+    // body exceeds its limit or 4 GiB. CM_ERROR_OUT_OF_MEMORY.
     //
-    // Bytes behind a body of known length stay in the chain if the head says IsPersistent, else they become part of the body.
+    // If the head's IsPersistent is true, bytes behind a body of known length stay in the chain; otherwise they become part of
+    // the body.
     CmResult HandleContent(CCmMessageBlock* aChain);
 
-    // Moves the body, complete or not, out of the parser and gives it to aSink's OnReceive as one block, which is valid during
-    // the call: duplicating it copies. The parser may go inside. CM_ERROR_INVALID_ARG: aSink is null.
+    // Moves the body, complete or not, out of the parser and passes it to aSink's OnReceive as one block, which is valid during
+    // the call: duplicating it copies. The parser may be deleted inside. CM_ERROR_INVALID_ARG: aSink is null.
     CmResult Deliver(ICmTransportSink* aSink, ICmTransport* aTransport);
 
-    // The stream has ended: HandleContent with a block, which it does not look into, then takes a body that is not chunked for
-    // complete as it is. So hand over what has arrived first, and then an empty block.
+    // The stream has ended. After this, HandleContent with any block ignores the block and treats a body that is not chunked as
+    // complete. So pass the received data first, and then an empty block.
     void SetEndOfStream(BOOL aEnded) { m_bEndOfStream = aEnded; }
 
     void SetLimits(const CCmHttpLimits& aLimits) { m_Limits = aLimits; }
 
-    // TRUE reads a head as RFC 9112 has it: a header line that begins with a blank continues the line before it, and ParseHead
-    // refuses a CR or NUL inside a line. Lines that are no header fields are still taken, see CCmHttpHeaderArray::GetFaults.
+    // TRUE reads a head by RFC 9112: a header line that begins with a blank continues the line before it, and ParseHead refuses
+    // a CR or NUL inside a line. Lines that are not header fields are still accepted, see CCmHttpHeaderArray::GetFaults.
     void SetStrict(BOOL aStrict) { m_bStrict = aStrict; }
 
-    // Forgets everything but head, limits and strictness.
+    // Resets everything except head, limits and strictness.
     void Reset();
 
-    BOOL IsComplete() const { return m_bComplete; }        // the body is
-    BOOL IsBeyondLimit() const { return m_bBeyondLimit; }  // that was the reason of a failure
+    BOOL IsComplete() const { return m_bComplete; }        // of the body
+    BOOL IsBeyondLimit() const { return m_bBeyondLimit; }  // the cause of a failure
     BOOL IsChunked() const { return m_pDecoder != nullptr; }
     const CCmString& GetBody() const { return m_strBody; }
-    // Of a chunked body; null of another.
+    // Of a chunked body; null for any other.
     const CCmHttpHeaderArray* GetTrailers() const { return m_pDecoder ? &m_pDecoder->GetTrailers() : nullptr; }
 
 private:

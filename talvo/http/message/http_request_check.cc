@@ -12,7 +12,7 @@ namespace {
 constexpr int BAD_REQUEST = 400;
 constexpr int VERSION_NOT_SUPPORTED = 505;
 
-// What a byte may be part of.
+// The parts in which a byte is allowed.
 enum : BYTE { TARGET = 1, VALUE = 2, NAME = 4 };
 
 constexpr std::array<BYTE, 256> MakeTable() {
@@ -40,7 +40,7 @@ BOOL IsAlpha(char aLetter) { return lower_case(aLetter) >= 'a' && lower_case(aLe
 
 BOOL AreDigits(std::string_view aText) { return std::all_of(aText.begin(), aText.end(), IsDigit); }
 
-// How long the name, or the address in brackets, at the front of a host field is; npos: it is none.
+// The length of the name, or of the address in brackets, at the front of a host field; npos: there is none.
 size_t GetNameLength(std::string_view aHost) {
     if (!aHost.starts_with('[')) {
         size_t stEnd = 0;
@@ -52,7 +52,7 @@ size_t GetNameLength(std::string_view aHost) {
     return stEnd != std::string_view::npos && stEnd > 1 && aHost[stEnd] == ']' ? stEnd + 1 : std::string_view::npos;
 }
 
-// Digits, perhaps none and perhaps leading zeros, of a number up to 65535.
+// Digits of a number up to 65535; none and leading zeros are allowed.
 BOOL IsPort(std::string_view aText) {
     if (!AreDigits(aText))
         return FALSE;
@@ -61,7 +61,7 @@ BOOL IsPort(std::string_view aText) {
     return digits.size() < MAX.size() || (digits.size() == MAX.size() && digits <= MAX);
 }
 
-// A name or an address, which may be empty, then perhaps a colon and a port.
+// A name or an address, which may be empty, with an optional colon and port.
 BOOL IsHost(std::string_view aText) {
     const size_t stName = GetNameLength(aText);
     if (stName == std::string_view::npos)
@@ -70,13 +70,13 @@ BOOL IsHost(std::string_view aText) {
     return port.empty() || (port.front() == ':' && IsPort(port.substr(1)));
 }
 
-// What CONNECT asks for: both parts.
+// The target of CONNECT: both parts.
 BOOL IsAuthority(std::string_view aText) {
     const size_t stName = GetNameLength(aText);
     return IsHost(aText) && stName > 0 && stName + 1 < aText.size();
 }
 
-// "http://host/path", which a server must take, too. User information is refused, as section 4.2.4 of RFC 9110 advises.
+// "http://host/path", which a server must accept, too. User information is refused, as section 4.2.4 of RFC 9110 advises.
 BOOL IsAbsolute(std::string_view aTarget) {
     constexpr std::string_view SEPARATOR = "://";
     const size_t stEnd = aTarget.find(SEPARATOR);
@@ -119,7 +119,7 @@ int CHttpRequestCheck::OnRequestLine(std::string_view aLine) {
     return version[5] == '1' ? 0 : VERSION_NOT_SUPPORTED;
 }
 
-// A line that begins with a space continues the one before it; that form is obsolete and refused like other bad names.
+// A line that begins with a space continues the one before it; that obsolete form is refused like other invalid names.
 int CHttpRequestCheck::OnHeaderLine(std::string_view aLine) {
     const size_t stColon = aLine.find(':');
     if (stColon == std::string_view::npos || stColon == 0)

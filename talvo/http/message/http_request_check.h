@@ -1,4 +1,4 @@
-// Whether a request's head is written as RFC 9112 has it.
+// Checks a request's head against RFC 9112.
 #pragma once
 
 #include <string_view>
@@ -7,22 +7,22 @@
 
 namespace talvo {
 
-// Looks at each line before anybody makes something of it: a server that reads a head in another way than the proxy before it
-// lets a stranger hide requests in requests. Knows no socket and no limits.
+// Checks each line before it is parsed: if a server reads a head differently from the proxy before it, an attacker can hide
+// requests in requests. Uses no socket and has no limits.
 class CHttpRequestCheck {
 public:
     void Reset() { *this = CHttpRequestCheck(); }
 
-    // The next line, without its end. 0, or the status of the answer: 400, 505 for another major version than 1.
+    // The next line, without its end. 0, or the status of the answer: 400, or 505 for another major version than 1.
     int OnLine(std::string_view aLine) { return m_dwLines++ == 0 ? OnRequestLine(aLine) : OnHeaderLine(aLine); }
 
     // The head is complete. 0 or 400.
     int OnEnd() const { return m_bHostNeeded && m_dwHosts == 0 ? 400 : 0; }
 
-    // The request is of HTTP/1.2 or a later minor version, which a server handles as 1.1 (RFC 9110, 6.2).
+    // TRUE: the request is of HTTP/1.2 or a later minor version, which a server handles as 1.1 (RFC 9110, 6.2).
     BOOL IsLaterMinor() const { return m_bLaterMinor; }
 
-    // How many lines there have been.
+    // The number of lines so far.
     DWORD GetLines() const { return m_dwLines; }
 
 private:

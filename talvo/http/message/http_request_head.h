@@ -7,28 +7,28 @@
 // Request line and headers. A value.
 class TALVO_API CCmHttpRequestHead : public CCmHttpHeaderArray {
 public:
-    // Null: none. Like a header's name it may be the head's own, and is then gone after Clear.
+    // Null: none. Like a header's name it may belong to the head, and is then invalid after Clear.
     CCmHttpAtom GetMethod() const { return m_Method; }
-    // FALSE, and nothing changes, for anything but the ten known methods. Other methods are for SetAnyMethod.
+    // FALSE, and nothing changes: not one of the ten known methods. For other methods use SetAnyMethod.
     BOOL SetMethod(const CCmHttpAtom& aMethod);
     // FALSE, and nothing changes: not a token, or memory ran out. The text's atom is that of ResolveName.
     BOOL SetAnyMethod(std::string_view aMethod);
 
-    // Path and query as they stand on the request line.
+    // Path and query, as on the request line.
     const CCmString& GetRequestURI() const { return m_strRequestURI; }
     void SetRequestURI(std::string_view aURI) { m_strRequestURI.assign(aURI); }
 
     CCmHttpVersion GetVerion() const { return m_Version; }
     void SetVerion(CCmHttpVersion aVersion) { m_Version = aVersion; }
 
-    // "GET /path HTTP/1.1\r\n" and the headers, without the empty line behind them. What is not 1.1 is printed as 1.0.
+    // "GET /path HTTP/1.1\r\n" and the headers, without the empty line behind them. Any version but 1.1 is printed as 1.0.
     CCmString Flatten() const;
 
-    // Appends the whole head as it may be sent: merged challenges and cookies a line each, and the empty line.
+    // Appends the whole head in a form that may be sent: merged challenges and cookies on a line each, and the empty line.
     void FlattenToSend(CCmString& aOut) const;
 
-    // Of version 1.1, and Connection, or without it Proxy-Connection, is exactly "keep-alive". This is the framework's old and
-    // strict rule; talvo::is_persistent is that of RFC 9112.
+    // TRUE: version 1.1, and Connection, or without it Proxy-Connection, is exactly "keep-alive". This is the framework's old
+    // and strict rule; talvo::is_persistent is that of RFC 9112.
     BOOL IsPersistent() const;
 
     BOOL Clear() override;

@@ -17,18 +17,18 @@ public:
     CCmHttpVersion GetVerion() const { return m_Version; }
     void SetVerion(CCmHttpVersion aVersion) { m_Version = aVersion; }
 
-    // 0 for the statuses 204, 205 and 304, else that of the headers: -1 when Content-Length is not there.
+    // 0 for the statuses 204, 205 and 304, otherwise that of the headers: -1 without Content-Length.
     long GetContentLength() const;
 
-    // "HTTP/1.1 200 OK\r\n" and the headers, without the empty line behind them. A version that is not known is left out.
+    // "HTTP/1.1 200 OK\r\n" and the headers, without the empty line behind them. An unknown version is omitted.
     CCmString Flatten() const;
 
-    // Appends the whole head as it may be sent: merged challenges and cookies a line each, and the empty line.
+    // Appends the whole head in a form that may be sent: merged challenges and cookies on a line each, and the empty line.
     void FlattenToSend(CCmString& aOut) const;
 
-    // A response must say that its connection persists: FALSE without Connection and Proxy-Connection, of whatever version.
-    // Else by the first of them: 1.1 unless it is "close", 1.0 if it is "keep-alive". This is the framework's old and strict
-    // rule; talvo::is_persistent is that of RFC 9112.
+    // A response must declare that its connection persists: FALSE without Connection and Proxy-Connection, for any version.
+    // Otherwise the first of them decides: 1.1 unless it is "close", 1.0 if it is "keep-alive". This is the framework's old and
+    // strict rule; talvo::is_persistent is that of RFC 9112.
     BOOL IsPersistent() const;
 
     BOOL Clear() override;

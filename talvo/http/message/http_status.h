@@ -5,7 +5,7 @@
 
 namespace talvo {
 
-// What stands behind aStatus on a status line ("Not Found"), "Unknown" for a number without a name. The text is static.
+// The text behind aStatus on a status line ("Not Found"), or "Unknown" for a number without a name. The text is static.
 const char* HttpStatusText(long aStatus);
 
 }  // namespace talvo

@@ -14,7 +14,7 @@ constexpr auto TOKEN_LETTERS = [] {
     return table;
 }();
 
-// Where the element at the front ends; a backslash in quotes takes the next letter's meaning.
+// The end of the element at the front. A backslash in quotes escapes the next character.
 size_t end_of_element(std::string_view aList) {
     BOOL bQuoted = FALSE;
     for (size_t i = 0; i < aList.size(); ++i) {

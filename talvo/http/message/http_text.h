@@ -1,4 +1,4 @@
-// What header texts are made of: case, spaces, tokens and lists of them.
+// The elements of header texts: case, spaces, tokens and lists of them.
 #pragma once
 
 #include <string_view>
@@ -8,16 +8,16 @@
 
 namespace talvo {
 
-// Only ASCII letters; the locale has no say.
+// ASCII letters only, independent of the locale.
 constexpr char lower_case(char aLetter) { return aLetter >= 'A' && aLetter <= 'Z' ? static_cast<char>(aLetter + 32) : aLetter; }
 
-// Below, at or above zero, as _stricmp orders: bytes as unsigned numbers, letters in lower case.
+// Below, at or above zero, in the order of _stricmp: bytes as unsigned numbers, letters in lower case.
 TALVO_API int compare_no_case(std::string_view aLeft, std::string_view aRight);
 inline BOOL equal_no_case(std::string_view aLeft, std::string_view aRight) {
-    return aLeft.size() == aRight.size() && compare_no_case(aLeft, aRight) == 0;  // most that are compared differ in length
+    return aLeft.size() == aRight.size() && compare_no_case(aLeft, aRight) == 0;  // most compared texts differ in length
 }
 
-// Without the characters 0x20 around it; tabs stay.
+// Removes the characters 0x20 around it; tabs stay.
 constexpr std::string_view trim_spaces(std::string_view aText) {
     while (!aText.empty() && aText.front() == ' ')
         aText.remove_prefix(1);
@@ -26,7 +26,7 @@ constexpr std::string_view trim_spaces(std::string_view aText) {
     return aText;
 }
 
-// Without spaces and tabs around it.
+// Removes spaces and tabs around it.
 constexpr std::string_view trim_blanks(std::string_view aText) {
     const auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
     while (!aText.empty() && isBlank(aText.front()))
@@ -36,17 +36,17 @@ constexpr std::string_view trim_blanks(std::string_view aText) {
     return aText;
 }
 
-// One or more of the characters that names of headers and methods are made of.
+// TRUE: one or more of the characters allowed in the names of headers and methods.
 TALVO_API BOOL is_token(std::string_view aText);
 
-// FALSE: holds CR, LF or NUL and would, when sent, end its line or be read differently by others.
+// FALSE: contains CR, LF or NUL. When sent, it would end its line or be read differently by others.
 TALVO_API BOOL is_sendable(std::string_view aText);
 
-// Takes the first element off a comma-separated list, without the blanks around it; empty elements are left out. FALSE: there
-// is none left. A comma inside a quoted string separates nothing.
+// Removes the first element from a comma-separated list; empty elements are skipped. aElement (out): without the blanks around
+// it. FALSE: there is none left. A comma inside a quoted string does not separate.
 TALVO_API BOOL next_element(std::string_view& aList, std::string_view& aElement);
 
-// Whether one of the list's elements is aToken, whatever the case.
+// TRUE: aToken is one of the list's elements, in any case.
 TALVO_API BOOL has_token(std::string_view aList, std::string_view aToken);
 
 }  // namespace talvo

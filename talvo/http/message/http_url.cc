@@ -57,7 +57,8 @@ BOOL CCmHttpUrl::Parse(std::string_view aSpec) {
     return TRUE;
 }
 
-// Begins at a drive's letter right before the first slash, else behind that slash, which skips a host's name and an empty one.
+// Begins at a drive's letter right before the first slash, otherwise behind that slash, which skips a host's name or an empty
+// one.
 CCmString CCmHttpUrl::FilePath(std::string_view aRest) {
     const size_t stSlash = aRest.find('/');
     if (stSlash != std::string_view::npos) {

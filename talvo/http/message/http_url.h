@@ -7,13 +7,13 @@
 #include "talvo/base/reference_control.h"
 #include "talvo/base/types.h"
 
-// A value with a reference count: one made with new is deleted by its last ReleaseReference, in whatever thread; a copy has a
-// count of its own. The fields are used by one thread at a time.
+// A value with a reference count. The last ReleaseReference, in any thread, deletes an object that was created with new; a copy
+// has a count of its own. One thread at a time uses the fields.
 //
-// The host is taken as it stands: nothing is percent-decoded, user information and IPv6 literals are not known, and a "#" and
-// what follows it are a part of the path. Nothing is checked for letters that must not be sent.
+// The host is taken unchanged: nothing is percent-decoded, user information and IPv6 literals are not supported, and a "#" and
+// the text behind it are a part of the path. Characters that must not be sent are not checked.
 //
-// A query needs a path before it. Kept on purpose: of "http://host:80?q=1", without a "/" behind the authority, the port ends
+// A query needs a path before it. Kept on purpose: in "http://host:80?q=1", without a "/" behind the authority, the port ends
 // before the "?" and the query is lost; in "http://host?q=1" it becomes a part of the host.
 class TALVO_API CCmHttpUrl : public CCmReferenceControlT<CCmMutexThread> {
 public:
@@ -22,7 +22,7 @@ public:
     CCmHttpUrl(const CCmHttpUrl& aOther);
     CCmHttpUrl& operator=(const CCmHttpUrl& aOther);
 
-    // Leading spaces are skipped, the scheme's case does not matter. FALSE: another scheme, or http and https without host and
+    // Leading spaces are skipped, and the scheme is case-insensitive. FALSE: another scheme, or http and https without host and
     // port, or memory ran out; the object is then filled in part and must not be used.
     BOOL Init(std::string_view aSpec);
 
@@ -39,11 +39,11 @@ public:
     // "host", followed by ":" and the port if it is not the scheme's default or if aForcePort is not 0.
     CCmString GetNameAndPort(int aForcePort) const;
 
-    // "host" or "host:port"; what is no number counts as the default port. FALSE for an empty text, and when memory ran out.
-    // Kept on purpose: a number beyond 65,535 is not refused but taken modulo 65,536.
+    // "host" or "host:port"; a text that is not a number gives the default port. FALSE: an empty text, or memory ran out. Kept
+    // on purpose: a number beyond 65,535 is not refused but taken modulo 65,536.
     BOOL SetNameAndPort(std::string_view aNameAndPort);
 
-    // The whole URL, without a default port; "" when memory ran out.
+    // The whole URL, without a default port; "": memory ran out.
     const CCmString& GetAsciiSpec() const;
 
 private:
@@ -52,7 +52,7 @@ private:
     void MakeSpec() const;
     static CCmString FilePath(std::string_view aRest);
 
-    mutable CCmString m_strSpec;  // of GetAsciiSpec; empty: to be made again
+    mutable CCmString m_strSpec;  // for GetAsciiSpec; empty: must be built again
     CCmString m_strScheme;
     CCmString m_strPath;
     CCmString m_strHostName;

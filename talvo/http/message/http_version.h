@@ -1,4 +1,4 @@
-// The versions of HTTP that heads know.
+// The HTTP versions of heads.
 #pragma once
 
 // "1.1 or later" is a comparison with 11. A head has CM_HTTP_VERSION_UNKNOWN after Clear.
