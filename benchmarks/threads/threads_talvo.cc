@@ -1,6 +1,6 @@
 // Reactor threads of this library, which may have sockets. rt_cross and rt_same are round trips between two of them on two
-// cores and on one: the time that half of them, and 99 of 100, do not exceed. post16 and post64 are the cost of one post of
-// that many bytes when a million go one way.
+// cores and on one, with the times that half of them, and 99 of 100, do not exceed. post16 and post64 are the cost of one post
+// of that many bytes when a million go one way.
 #include "benchmarks/support/talvo_process.h"
 #include "benchmarks/threads/threads.h"
 

@@ -12,8 +12,8 @@ namespace talvo {
 // A new block of its own, with room for aSize bytes; null: memory ran out.
 TALVO_API CCmChainPtr NewBlock(DWORD aSize);
 
-// Bytes that wait: for room in a transport, or for the rest of a message. Owns its blocks, all of them DUPLICATED, and drops
-// those that have been read. Adding takes constant time for each block. Used by one thread at a time.
+// A queue of bytes: they wait for room in a transport, or for the rest of a message. Owns its blocks, all of them DUPLICATED,
+// and frees read ones. An append takes constant time for each block. One thread at a time.
 class TALVO_API CBlockChain {
 public:
     CBlockChain() = default;
@@ -22,7 +22,7 @@ public:
     CBlockChain& operator=(CBlockChain&& aRight) noexcept;
 
     BOOL IsEmpty() const { return !m_pHead; }
-    // Null when it is empty. Owned by this object; the caller may read and write, but not free.
+    // Null: the chain is empty. Owned by this object; the caller may read and write, but not free.
     CCmMessageBlock* GetHead() const { return m_pHead.get(); }
     CCmMessageBlock* GetTail() const { return m_pTail; }
     DWORD GetLength() const { return m_pHead ? m_pHead->GetChainedLength() : 0; }

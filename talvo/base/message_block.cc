@@ -12,7 +12,7 @@ namespace {
 // The flags that a constructor does not copy: the lock bits and the origin of the memory.
 constexpr DWORD NOT_INHERITED = 0xFF03;
 
-// The system's functions refuse null pointers, even for 0 bytes.
+// The system's functions must not get null pointers, not even for 0 bytes.
 void CopyBytes(void* aDst, const void* aSrc, DWORD aCount) {
     if (aDst && aSrc && aCount > 0)
         std::memcpy(aDst, aSrc, aCount);

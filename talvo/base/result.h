@@ -14,7 +14,7 @@ using CmResult = int32_t;
     X(CM_ERROR_NOT_INITIALIZED, 10002)                  /* not opened or set up yet, or stopped */       \
     X(CM_ERROR_ALREADY_INITIALIZED, 10003)              /* opened, started or created twice */           \
     X(CM_ERROR_NOT_IMPLEMENTED, 10004)                  /* this class does not offer the operation */    \
-    X(CM_ERROR_NULL_POINTER, 10005)                     /* a required object is missing or gone */       \
+    X(CM_ERROR_NULL_POINTER, 10005)                     /* a required object does not exist */           \
     X(CM_ERROR_UNEXPECTED, 10006)                       /* an internal call failed unexpectedly */       \
     X(CM_ERROR_OUT_OF_MEMORY, 10007)                    /* an object could not be created */             \
     X(CM_ERROR_INVALID_ARG, 10008)                      /* an argument is out of range or unknown */     \

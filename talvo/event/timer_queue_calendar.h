@@ -9,7 +9,7 @@
 #include "talvo/event/event_queue.h"
 #include "talvo/event/timer_queue_base.h"
 
-// O(1) to schedule and fire, with the precision of one slot. To cancel searches one slot. The wheel turns by one slot a tick:
+// O(1) to schedule and fire, with the precision of one slot. Cancelling searches one slot. The wheel turns by one slot a tick:
 // call Tick in the queue's thread, or PostTick from the thread with the beat, once every slot interval. The tick fires due
 // timers; in one slot the last that was pushed fires first. The base's CheckExpire fires by the clock: do not mix it with
 // ticks.
