@@ -29,13 +29,14 @@ public:
     // prevents that.
     //
     // CM_OK: aRecord (out) is the cached record with a reference for the caller. Check its state: the name may have no address.
-    // The observer is not called. CM_ERROR_WOULD_BLOCK: a look-up is under way, shared by all requests for that name.
-    // aObserver, if there is one, is called once for each such call: OnObserve(TOPIC, record), where record is a CCmDnsRecord*
-    // that is valid during the call. The call comes from the loop of aThread, or of the calling thread if that is null. Inside
-    // it the observer may request again or cancel. It is not owned: it must cancel before it is deleted. CM_ERROR_INVALID_ARG:
-    // the name is empty, too long or has characters that no name can have. CM_ERROR_NULL_POINTER: there is an observer, but no
-    // thread with an event queue to call it in. CM_ERROR_NOT_AVAILABLE: there is no network thread. CM_ERROR_OUT_OF_MEMORY. If
-    // memory runs out later, the observer gets a record of state FAILED.
+    // The observer is not called.
+    // CM_ERROR_WOULD_BLOCK: a look-up is under way, shared by all requests for that name. aObserver, if there is one, is called
+    // once for each such call: OnObserve(TOPIC, record), where record is a CCmDnsRecord* that is valid during the call. The
+    // call comes from the loop of aThread, or of the calling thread if that is null. Inside it the observer may request again
+    // or cancel. It is not owned: it must cancel before it is deleted.
+    // CM_ERROR_INVALID_ARG: the name is empty, too long or has characters that no name can have. CM_ERROR_NULL_POINTER: there
+    // is an observer, but no thread with an event queue to call it in. CM_ERROR_NOT_AVAILABLE: there is no network thread.
+    // CM_ERROR_OUT_OF_MEMORY. If memory runs out later, the observer gets a record of state FAILED.
     //
     // aForced: repeats the look-up of a cached name, and replaces the cached answer. A look-up under way is recent enough. If
     // the network thread ends, all waiting observers get a failure that is not cached.
