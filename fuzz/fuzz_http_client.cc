@@ -1,8 +1,7 @@
 // A server's instructions to a client beside the message itself: redirects and authentication challenges.
-#include <algorithm>
-#include <cstdlib>
 #include <string_view>
 
+#include "fuzz/fuzz_input.h"
 #include "talvo/http/client/http_client_request.h"
 #include "talvo/http/client/http_redirect.h"
 #include "talvo/http/message/http_auth.h"
@@ -10,11 +9,6 @@
 #include "talvo/http/message/http_url.h"
 
 namespace {
-
-void Require(bool aHolds) {
-    if (!aHolds)
-        std::abort();
-}
 
 bool IsClean(std::string_view aText) {
     for (const char c : aText) {
@@ -33,10 +27,10 @@ void CheckLocation(std::string_view aBase, std::string_view aLocation) {
     CCmHttpUrl url;
     if (strTarget.empty() || !url.Init(strTarget) || url.GetScheme() == "file")
         return;
-    Require(IsClean(strTarget) && IsClean(talvo::MakeHttpTarget(url)) && url.GetPath().front() == '/');
-    Require(!url.GetHostName().empty() && url.GetHostName().find_first_of("@/?#:") == CCmString::npos);
+    FUZZ_CHECK(IsClean(strTarget) && IsClean(talvo::MakeHttpTarget(url)) && url.GetPath().front() == '/');
+    FUZZ_CHECK(!url.GetHostName().empty() && url.GetHostName().find_first_of("@/?#:") == CCmString::npos);
     const CCmString strAgain = talvo::ResolveHttpLocation(base, url.GetAsciiSpec());
-    Require(strAgain == url.GetAsciiSpec());
+    FUZZ_CHECK(strAgain == url.GetAsciiSpec());
 }
 
 // For any challenge the answer is one line.
@@ -44,7 +38,7 @@ void CheckChallenges(std::string_view aValue) {
     talvo::CHttpAuthenticator authenticator;
     authenticator.SetCredentials("user", "pass\"word\\");
     while (authenticator.OnChallenges(aValue))
-        Require(talvo::is_sendable(authenticator.Authorize("GET", "/")));
+        FUZZ_CHECK(talvo::is_sendable(authenticator.Authorize("GET", "/")));
 }
 
 }  // namespace

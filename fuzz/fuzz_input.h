@@ -9,7 +9,7 @@
 #include <random>
 #include <string>
 
-#include "talvo/base/message_block.h"
+#include "tests/support/blocks.h"
 
 // A rule for every input. A violation is a finding.
 #define FUZZ_CHECK(aCondition)                                                            \
@@ -32,16 +32,7 @@ public:
 
     // A chain of DUPLICATED blocks.
     CCmMessageBlock* Cut(const std::string& aBytes) {
-        CCmMessageBlock* pChain = CCmMessageBlock(DWORD{0}).DuplicateTopLevel();
-        CCmMessageBlock* pLast = pChain;
-        for (size_t stAt = 0, stLength; stAt < aBytes.size(); stAt += stLength) {
-            stLength = Next(aBytes.size() - stAt);
-            const auto dwLength = static_cast<DWORD>(stLength);
-            CCmMessageBlock* pPiece = CCmMessageBlock(dwLength, aBytes.data() + stAt, 0, dwLength).DuplicateTopLevel();
-            pLast->Append(pPiece);
-            pLast = pPiece;
-        }
-        return pChain;
+        return MakeChain(aBytes, [this] { return Next(std::string::npos); }).release();
     }
 
 private:

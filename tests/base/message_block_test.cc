@@ -1,26 +1,15 @@
 #include "talvo/base/message_block.h"
 
 #include "talvo/base/data_block_no_malloc.h"
+#include "tests/support/blocks.h"
 #include "tests/support/test.h"
 
 namespace {
 
-struct CDestroy {
-    void operator()(CCmMessageBlock* aMb) const { aMb->DestroyChained(); }
-};
-using CChain = std::unique_ptr<CCmMessageBlock, CDestroy>;
-
-// A DUPLICATED block with storage of its own that holds aText and has aSpace bytes left.
-CCmMessageBlock* MakeBlock(const std::string& aText, DWORD aSpace = 0) {
-    CCmMessageBlock mb(static_cast<DWORD>(aText.size()) + aSpace);
-    mb.Write(aText.data(), static_cast<DWORD>(aText.size()));
-    return mb.DuplicateTopLevel();
-}
-
 TEST(MessageBlock, PositionsStopAtTheirLimits) {
     EXPECT_EQ(0u, CCmMessageBlock(0).GetTopLevelSpace());  // a size, and no null pointer
     DWORD dwDone = 9;
-    const CChain pMb(MakeBlock("abc", 2));
+    const CCmChainPtr pMb(MakeBlock("abc", 2));
     EXPECT_EQ(pMb->AdvanceTopLevelReadPtr(4), CM_ERROR_NOT_AVAILABLE);
     EXPECT_EQ(pMb->AdvanceTopLevelReadPtr(0xFFFFFFFF), CM_ERROR_NOT_AVAILABLE);
     EXPECT_EQ(pMb->AdvanceTopLevelWritePtr(3), CM_ERROR_NOT_AVAILABLE);
@@ -28,14 +17,14 @@ TEST(MessageBlock, PositionsStopAtTheirLimits) {
     EXPECT_EQ(pMb->Write("defg", 4, &dwDone), CM_ERROR_PARTIAL_DATA);
     EXPECT_EQ(dwDone, 2u);
     EXPECT_EQ(pMb->FlattenChained(), "cde");
-    const CChain pFilled(MakeBlock("", 3));
+    const CCmChainPtr pFilled(MakeBlock("", 3));
     pFilled->Append(MakeBlock("", 4));
     EXPECT_EQ(pFilled->AdvanceChainedWritePtr(9, &dwDone), CM_ERROR_PARTIAL_DATA);
     EXPECT_EQ(dwDone, 7u);
 }
 
 TEST(MessageBlock, RewindGivesAllTheFirstBegin) {
-    const CChain pFirst(MakeBlock("ab", 2));
+    const CCmChainPtr pFirst(MakeBlock("ab", 2));
     pFirst->Append(MakeBlock("cd"));
     CCmMessageBlock& second = *pFirst->GetNext();
     const char* pSecond = second.GetTopLevelReadPtr();
@@ -65,10 +54,10 @@ TEST(MessageBlock, ForeignStorageIsCopiedWhereItMightOutliveItsOwner) {
     char szData[] = "abcd";
     CCmMessageBlock first(4, szData, 0, 4);
     CCmMessageBlock second(3, "efg", 0, 3);
-    const CChain pCopy(first.DuplicateTopLevel());
+    const CCmChainPtr pCopy(first.DuplicateTopLevel());
     first.Append(&second);
     first.Append(&second);  // already there
-    const CChain pRest(first.Disjoint(2));
+    const CCmChainPtr pRest(first.Disjoint(2));
     szData[3] = 'X';
     EXPECT_EQ(pCopy->FlattenChained(), "abcd");
     EXPECT_EQ(pRest->FlattenChained(), "cdefg");
@@ -82,13 +71,13 @@ TEST(MessageBlock, ForeignStorageIsCopiedWhereItMightOutliveItsOwner) {
 }
 
 TEST(MessageBlock, StorageIsSharedBetweenThreads) {
-    const CChain pMb(MakeBlock("abc"));
+    const CCmChainPtr pMb(MakeBlock("abc"));
     pMb->Append(MakeBlock("def"));
     std::vector<std::thread> threads;
     for (int n = 0; n < 4; ++n) {
         threads.emplace_back([pMine = pMb->DuplicateChained()] {
             for (int i = 0; i < 1000; ++i)
-                CChain(pMine->DuplicateChained())->AdvanceChainedReadPtr(4);
+                CCmChainPtr(pMine->DuplicateChained())->AdvanceChainedReadPtr(4);
             EXPECT_EQ(pMine->FlattenChained(), "abcdef");
             pMine->DestroyChained();
         });
@@ -151,7 +140,7 @@ private:
 
     std::mt19937 m_Random{42};
     std::string m_strModel;
-    CChain m_pChain{MakeBlock("")};
+    CCmChainPtr m_pChain{MakeBlock("")};
 };
 
 TEST(MessageBlock, RandomWalkAgreesWithAString) {

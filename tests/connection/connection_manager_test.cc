@@ -40,8 +40,7 @@ DWORD Exchange(const CTestNetwork& aNetwork, DWORD aType) {
     theirs.OpenWithSink(&serverSink);
     EXPECT_EQ(CM_OK, SendText(ours, "ping"));
     aNetwork.RunUntil([&] { return serverSink.m_strReceived == "ping"; });
-    DWORD dwType = 0;
-    EXPECT_EQ(CM_OK, ours.GetOption(CM_OPT_TRANSPORT_TRAN_TYPE, &dwType));
+    const auto dwType = Get<DWORD>(ours, CM_OPT_TRANSPORT_TRAN_TYPE);
     EXPECT_EQ(CM_OK, SendText(theirs, "pong"));
     EXPECT_EQ(CM_OK, theirs.Disconnect(CM_OK));
     aNetwork.RunUntil([&] { return clientSink.m_nDisconnects == 1; });

@@ -1,27 +1,16 @@
 #include "talvo/connection/protocol/cs_pdu.h"
 
+#include "tests/support/blocks.h"
 #include "tests/support/test.h"
 
 namespace {
 
-CCmMessageBlock* MakeBlock(const std::string& aText) {
-    CCmMessageBlock mb(static_cast<DWORD>(aText.size()) + 1);
-    mb.Write(aText.data(), static_cast<DWORD>(aText.size()));
-    return mb.DuplicateTopLevel();
-}
-
 // In blocks of 0 to 3 bytes. What is left is freed, and returned, after the decoding.
 std::string Decode(CCsPduBase& aPdu, const std::string& aBytes) {
     static std::mt19937 s_Random(7);
-    CCmMessageBlock* pChain = MakeBlock("");
-    for (size_t stAt = 0, stLength; stAt < aBytes.size(); stAt += stLength) {
-        stLength = s_Random() % 4;
-        pChain->Append(MakeBlock(aBytes.substr(stAt, stLength)));
-    }
+    const CCmChainPtr pChain = MakeChain(aBytes, [] { return s_Random() % 4; });
     aPdu.Decode(*pChain);
-    const std::string strLeft = pChain->FlattenChained();
-    pChain->DestroyChained();
-    return strLeft;
+    return pChain->FlattenChained();
 }
 
 std::string Encode(const CCsPduBase& aPdu) {

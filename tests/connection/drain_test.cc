@@ -52,8 +52,7 @@ TEST(DrainTest, WhatWasTakenGoesOutAndEachSinkIsToldOnce) {
             const auto pTransport = network.ConnectTo(peer, 4096, dwType);
             ICmTransport& transport = *pTransport;
             transport.OpenWithSink(&sink);
-            int nBuffer = 16384;
-            EXPECT_EQ(CM_OK, transport.SetOption(CM_OPT_TRANSPORT_SNDBUF, &nBuffer));
+            Set(transport, CM_OPT_TRANSPORT_SNDBUF, 16384);
             const std::string strPart = Pattern(4096);
             size_t stTaken = 0;
             for (CCmTransportParameter para; stTaken < (4u << 20) && SendText(transport, strPart, &para) == CM_OK;)
@@ -114,15 +113,13 @@ TEST(DrainTest, PausedReadingHidesTheEndBehindAProxyOnly) {
         CTestFd peer;
         CTestSink sink;
         const auto pTransport = network.ConnectTo(peer);
-        BOOL bPause = TRUE;
         EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
-        EXPECT_EQ(CM_OK, pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+        Set(*pTransport, CM_OPT_TRANSPORT_PAUSE_READING, TRUE);
         EXPECT_EQ(4, send(peer.Get(), "late", 4, MSG_NOSIGNAL));
         CCmTimeValue tvLimit(60);
         EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit));
         EXPECT_EQ(mode == CCmThreadManager::NETWORK_THREAD_MAIN, sink.m_nDisconnects);
-        bPause = FALSE;
-        pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);
+        Set(*pTransport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
         network.RunUntil([&] { return sink.m_nDisconnects == 1; });
         EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, sink.m_Reason);
     }

@@ -22,12 +22,8 @@ protected:
         m_Sink->m_Receive = [this] { m_Sink->m_strReceived += '|'; };
         EXPECT_EQ(CM_OK, m_pConn->OpenWithSink(m_Sink.get()));
     }
-    DWORD Get(DWORD aCommand) const {
-        DWORD dwValue = 0;
-        EXPECT_EQ(CM_OK, m_pConn->GetOption(aCommand, &dwValue));
-        return dwValue;
-    }
-    void Set(DWORD aCommand, DWORD aValue) const { EXPECT_EQ(CM_OK, m_pConn->SetOption(aCommand, &aValue)); }
+    DWORD Get(DWORD aCommand) const { return ::Get<DWORD>(*m_pConn, aCommand); }
+    void Set(DWORD aCommand, DWORD aValue) const { ::Set(*m_pConn, aCommand, aValue); }
     void Cork(BOOL aCork) const { Set(CM_OPT_TRANSPORT_CORK, static_cast<DWORD>(aCork)); }
 
     CMainThread m_Main;

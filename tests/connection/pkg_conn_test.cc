@@ -245,9 +245,7 @@ TEST_F(PkgConnTest, OptionsSayWhatCanBeSent) {
     CClient client;
     client.Connect();
     const auto expectMax = [](CClient& aClient, DWORD aMax, const char* aRaise) {
-        DWORD dwMax = 0;
-        EXPECT_EQ(CM_OK, aClient.m_pConn->GetOption(CM_OPT_TRANSPORT_MAX_MESSAGE, &dwMax));
-        EXPECT_EQ(aMax, dwMax);
+        EXPECT_EQ(aMax, Get<DWORD>(*aClient.m_pConn, CM_OPT_TRANSPORT_MAX_MESSAGE));
         CCmTraceCapture trace;
         EXPECT_EQ(CM_ERROR_INVALID_ARG, aClient.Send(std::string(aMax + 1, 'x')));
         EXPECT_EQ(1u, trace.Count(aRaise));
@@ -313,29 +311,6 @@ TEST_F(PkgConnTest, CorkedMessagesLeaveTogether) {
         strAll += Data("abc");
     EXPECT_EQ(strAll, check(std::make_unique<CClient>(), 4));        // a header and a payload each
     EXPECT_EQ(1200u, check(std::make_unique<CSender>(), 1).size());  // copied together
-}
-
-TEST_F(PkgConnTest, WhatIsCorkedStaysWithinTheSendBuffer) {
-    CClient client;
-    client.Connect();
-    EXPECT_EQ(CM_OK, client.Set(CS_OPT_MAX_BUFF_LEN, 100));
-    EXPECT_EQ(CM_OK, client.Set(CM_OPT_TRANSPORT_CORK, TRUE));
-    client.m_pLower->m_dwRoom = 50;
-    const std::string strText(20, 'x');
-    for (int i = 0; i < 6; ++i)  // the fifth finds the buffer full and the transport with room for two
-        EXPECT_EQ(CM_OK, client.Send(strText));
-    EXPECT_EQ(CM_ERROR_PARTIAL_DATA, client.Send(strText));
-    DWORD dwUnsent = 0;
-    EXPECT_EQ(CM_OK, client.m_pConn->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwUnsent));
-    EXPECT_EQ(100u, dwUnsent);
-    client.m_pLower->MakeRoom();
-    EXPECT_EQ(Lines{"send"}, client.m_Lines);
-    EXPECT_EQ(CM_OK, client.Send(strText));
-    EXPECT_EQ(CM_OK, client.Set(CM_OPT_TRANSPORT_CORK, FALSE));
-    std::string strAll;
-    for (int i = 0; i < 7; ++i)
-        strAll += Data(strText);
-    EXPECT_EQ(strAll, client.m_pLower->TakeSent());
 }
 
 // The interval in seconds is taken as milliseconds: only what left just now saves a keep-alive.

@@ -4,6 +4,7 @@
 #include "talvo/http/message/http_chunk.h"
 #include "talvo/http/message/http_date.h"
 #include "talvo/http/message/http_text.h"
+#include "tests/support/blocks.h"
 #include "tests/support/test.h"
 
 namespace {
@@ -108,12 +109,6 @@ public:
     int m_nPieces = -1;
 };
 
-CCmChainPtr MakeBlock(const std::string& aBytes) {
-    CCmMessageBlock block(static_cast<DWORD>(aBytes.size()));
-    block.Write(aBytes.data(), static_cast<DWORD>(aBytes.size()));
-    return CCmChainPtr(block.DuplicateTopLevel());
-}
-
 // A chunked body as make_chunk writes it, cut at random, is read back whole, and what follows it stays.
 TEST(HttpBody, WrittenCutAndReadAgain) {
     std::mt19937 random(1);
@@ -121,9 +116,9 @@ TEST(HttpBody, WrittenCutAndReadAgain) {
         std::string strBody, strWire;
         for (DWORD i = random() % 5; i > 0; --i) {
             const std::string strPiece(1 + random() % 300, static_cast<char>('a' + i));
-            const CCmChainPtr pPayload = MakeBlock(strPiece.substr(0, strPiece.size() / 2));
-            pPayload->Append(MakeBlock(strPiece.substr(strPiece.size() / 2)).release());
-            const CCmChainPtr pChunk = talvo::make_chunk(*pPayload);
+            const CCmChainPtr pPayload(MakeBlock(strPiece.substr(0, strPiece.size() / 2)));
+            pPayload->Append(MakeBlock(strPiece.substr(strPiece.size() / 2)));
+            const CCmChainPtr pChunk(talvo::make_chunk(*pPayload));
             strBody += strPiece;
             strWire += pChunk->FlattenChained();
             EXPECT_EQ(pChunk->GetNext()->GetTopLevelReadPtr(), pPayload->GetTopLevelReadPtr());
@@ -135,7 +130,7 @@ TEST(HttpBody, WrittenCutAndReadAgain) {
         std::string strLeft;
         for (size_t stAt = 0, stLength; stAt < strWire.size(); stAt += stLength) {
             stLength = random() % 40;
-            const CCmChainPtr pBlock = MakeBlock(strWire.substr(stAt, stLength));
+            const CCmChainPtr pBlock(MakeBlock(strWire.substr(stAt, stLength)));
             EXPECT_NE(reader.Feed(*pBlock, sink), CM_ERROR_FAILURE);
             strLeft += pBlock->FlattenChained();
         }
@@ -171,7 +166,7 @@ TEST(HttpBody, EndsStopsAndLimits) {
     reader.SetLimits(limits);
     for (const auto& row : rows) {
         CCollector sink;
-        const CCmChainPtr pBlock = MakeBlock(row.m_pBytes);
+        const CCmChainPtr pBlock(MakeBlock(row.m_pBytes));
         reader.Begin(row.m_Kind, row.m_ullLength);
         EXPECT_EQ(reader.Feed(*pBlock, sink), row.m_Fed) << row.m_pBytes;
         EXPECT_EQ(sink.m_strBody, row.m_pBody);
@@ -181,7 +176,7 @@ TEST(HttpBody, EndsStopsAndLimits) {
     }
     CCollector sink;
     sink.m_nPieces = 1;
-    const CCmChainPtr pBlock = MakeBlock("abcdef");
+    const CCmChainPtr pBlock(MakeBlock("abcdef"));
     reader.Begin(EHttpBody::LENGTH, 4);
     EXPECT_EQ(reader.Feed(*pBlock, sink), CM_ERROR_NOT_AVAILABLE);
     EXPECT_EQ(sink.m_pLast + 4, pBlock->GetTopLevelReadPtr());

@@ -1,5 +1,6 @@
 #include "talvo/http/message/http_parser.h"
 
+#include "tests/support/blocks.h"
 #include "tests/support/test.h"
 
 namespace {
@@ -7,17 +8,6 @@ namespace {
 using namespace std::string_literals;
 
 constexpr size_t PIECES[] = {100000, 7, 3, 2, 1};
-
-CCmMessageBlock* MakeChain(const std::string& aBytes, size_t aPiece) {
-    CCmMessageBlock* pChain = CCmMessageBlock(DWORD{0}).DuplicateTopLevel();
-    for (size_t i = 0; i < aBytes.size(); i += aPiece) {
-        const std::string strPiece = aBytes.substr(i, aPiece);
-        CCmMessageBlock block(static_cast<DWORD>(strPiece.size()));
-        block.Write(strPiece.data(), static_cast<DWORD>(strPiece.size()));
-        pChain->Append(block.DuplicateTopLevel());
-    }
-    return pChain;
-}
 
 class CBodySink : public ICmTransportSink {
 public:
@@ -46,15 +36,14 @@ COutcome Parse(const std::string& aBytes, size_t aPiece, BOOL aOneChain, const C
     for (size_t stAt = 0; stAt < aBytes.size() && outcome.m_Result == CM_ERROR_PARTIAL_DATA;) {
         const std::string strCall = aOneChain ? aBytes : aBytes.substr(stAt, aPiece);
         stAt += strCall.size();
-        CCmMessageBlock* pChain = MakeChain(strCall, aPiece);
+        const CCmChainPtr pChain = MakeChain(strCall, [=] { return aPiece; });
         if (!head.IsComplete())
-            outcome.m_Result = parser.ParseHead(pChain);
+            outcome.m_Result = parser.ParseHead(pChain.get());
         if (head.IsComplete())
-            outcome.m_Result = parser.HandleContent(pChain);
+            outcome.m_Result = parser.HandleContent(pChain.get());
         else if (outcome.m_Result == CM_OK)
             outcome.m_Result = CM_ERROR_PARTIAL_DATA;
         outcome.m_strLeft = (head.IsComplete() ? pChain->FlattenChained() : "") + aBytes.substr(stAt);
-        pChain->DestroyChained();
     }
     CBodySink sink;
     EXPECT_EQ(parser.Deliver(&sink, nullptr), CM_OK);
@@ -175,10 +164,10 @@ TEST(HttpParser, OverrunAndEndOfStream) {
         CCmHttpParserT<CCmHttpResponseHead> parser(&head);
         head.ParseLine("HTTP/1.1 200");
         head.ParseLine(row.m_pHeader);
-        CCmMessageBlock *pChain = MakeChain(row.m_pBody, 2), empty(DWORD{0});
-        EXPECT_EQ(parser.HandleContent(pChain), CM_ERROR_PARTIAL_DATA);
+        const CCmChainPtr pChain = MakeChain(row.m_pBody, [] { return 2; });
+        CCmMessageBlock empty(DWORD{0});
+        EXPECT_EQ(parser.HandleContent(pChain.get()), CM_ERROR_PARTIAL_DATA);
         EXPECT_EQ(pChain->GetChainedLength(), 0u);
-        pChain->DestroyChained();
         parser.SetEndOfStream(TRUE);
         EXPECT_EQ(parser.HandleContent(nullptr), row.m_WithNull);
         EXPECT_EQ(parser.HandleContent(&empty), row.m_WithBlock);
@@ -199,10 +188,9 @@ TEST(HttpParser, WhereTheChainStands) {
     for (const auto& [strBytes, strLeft] : rows) {
         CCmHttpResponseHead head;
         CCmHttpParserT<CCmHttpResponseHead> parser(&head);
-        CCmMessageBlock* pChain = MakeChain(strBytes, 5);
-        parser.ParseHead(pChain);
+        const CCmChainPtr pChain = MakeChain(strBytes, [] { return 5; });
+        parser.ParseHead(pChain.get());
         EXPECT_EQ(pChain->FlattenChained(), strLeft);
-        pChain->DestroyChained();
     }
 }
 

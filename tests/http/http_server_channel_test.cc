@@ -95,15 +95,13 @@ TEST_F(HttpServerTest, ABodyComesWhenItIsWanted) {
     const auto pClient = Connect();
     pClient->Receive(POST.substr(0, POST.size() - 3));
     CTestRequest request(pChannel.Get());
-    BOOL bPause = TRUE;
-    request.m_Receive = [&] { pChannel->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause); };
+    request.m_Receive = [&] { ::Set(*pChannel, CM_OPT_TRANSPORT_PAUSE_READING, BOOL{request.m_strBody == "abc"}); };
     EXPECT_EQ(CM_OK, pChannel->ReceiveRequest(&request));
     EXPECT_EQ("", request.m_strBody);
     Turn();
     pClient->Receive("def");
     EXPECT_EQ("abc", request.m_strBody);
-    bPause = FALSE;
-    pChannel->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);
+    ::Set(*pChannel, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
     Turn();
     EXPECT_EQ("200:abcdef ", pClient->TakeAnswers());
 }

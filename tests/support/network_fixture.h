@@ -29,27 +29,45 @@ inline CmResult SendText(ICmTransport& aTransport, const std::string& aText, CCm
     return aTransport.SendData(block, aPara);
 }
 
+// Options of a transport or a channel; the test fails where there is none.
+template <class Transport, class Value>
+void Set(Transport& aTransport, DWORD aOption, Value aValue) {
+    EXPECT_EQ(CM_OK, aTransport.SetOption(aOption, &aValue)) << aOption;
+}
+template <class Value, class Transport>
+Value Get(Transport& aTransport, DWORD aOption) {
+    Value value{};
+    EXPECT_EQ(CM_OK, aTransport.GetOption(aOption, &value)) << aOption;
+    return value;
+}
+
 // Collects what a transport says, in the thread that makes the sink; each upcall may also run a callable.
 class CTestSink : public ICmTransportSink {
 public:
+    CTestSink() = default;
+    explicit CTestSink(ICmTransport& aTransport) { EXPECT_EQ(CM_OK, aTransport.OpenWithSink(this)); }
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter*) override {
-        Seen(aTrptId);
+        const std::string strData = aData.FlattenChained();
+        Seen(aTrptId, m_strLog.empty() || m_cLast != 'r' ? "receive " : "");
+        m_strLog += strData;
         ++m_nReceives;
-        m_strReceived += aData.FlattenChained();
+        m_strReceived += strData;
         m_Receive();
     }
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter*) override {
-        Seen(aTrptId);
+        Seen(aTrptId, "send");
         ++m_nSends;
         m_Send();
     }
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override {
-        Seen(aTrptId);
+        Seen(aTrptId, "disconnect " + std::to_string(aReason));
         ++m_nDisconnects;
         m_Reason = aReason;
         m_Disconnect();
     }
     int Upcalls() const { return m_nReceives + m_nSends + m_nDisconnects; }
+    // Since the last call: "receive DATA, send, disconnect REASON"; what is received in a row is one.
+    std::string Take() { return std::exchange(m_strLog, {}); }
 
     std::string m_strReceived;
     int m_nReceives = 0;
@@ -61,12 +79,16 @@ public:
     std::function<void()> m_Disconnect = [] {};
 
 private:
-    void Seen(ICmTransport* aTrptId) {
+    void Seen(ICmTransport* aTrptId, const std::string& aUpcall) {
+        m_strLog += (m_strLog.empty() || aUpcall.empty() ? "" : ", ") + aUpcall;
+        m_cLast = aUpcall.empty() ? m_cLast : aUpcall[0];
         EXPECT_NE(nullptr, aTrptId);
         EXPECT_EQ(0, m_nDisconnects) << "an upcall after the last one";
         EXPECT_EQ(m_dwThread, cm_thread_self_id());
     }
     const DWORD m_dwThread = cm_thread_self_id();
+    std::string m_strLog;
+    char m_cLast = 0;
 };
 
 // Keeps what an acceptor or connector indicates, unless it is told not to.

@@ -5,20 +5,23 @@
 #include "tests/support/fake_lower.h"
 #include "tests/support/network_fixture.h"
 
-// A proxy over a fake, of the main thread unless said otherwise, opened with m_Sink unless a type is given.
+// The lanes of a proxy: what it is told of the transport below.
+constexpr DWORD STREAM = CM_TRANSPORT_TYPE_TCP, DATAGRAMS = CM_TRANSPORT_TYPE_UDP, MESSAGES = 0x10000001;
+
+// A proxy over a fake, of the main thread unless said otherwise, opened with m_Sink unless a lane is given.
 class CFakeConnection {
 public:
     explicit CFakeConnection(const CTestNetwork& aNetwork) : CFakeConnection(aNetwork, aNetwork.MainLink()) {}
     CFakeConnection(const CTestNetwork& aNetwork, CCmThreadLink& aUser)
         : CFakeConnection(
-              aNetwork, CM_TRANSPORT_TYPE_TCP, [](CFakeLower&) {}, &aUser) {
+              aNetwork, STREAM, [](CFakeLower&) {}, &aUser) {
         Open();
     }
     // Not opened. aPrepare runs before the proxy is made.
     CFakeConnection(
         const CTestNetwork& aNetwork, DWORD aType, const std::function<void(CFakeLower&)>& aPrepare = [](CFakeLower&) {},
         CCmThreadLink* aUser = nullptr)
-        : m_Network(aNetwork) {
+        : m_Network(aNetwork), m_pFake(new CFakeLower(aType)) {
         m_Network.InNetwork([&] {
             aPrepare(*m_pFake);
             m_pProxy = CCmTransportThreadProxy::Make(m_pFake.Get(), aUser ? *aUser : m_Network.MainLink(),
@@ -79,10 +82,27 @@ public:
         m_Network.InNetwork([&] { seen.swap(m_pFake->m_Log); });
         return seen;
     }
+    // Stops the transport and sends messages of aSize until one is refused; how many were taken.
+    DWORD Fill(DWORD aSize = 60000) const {
+        SetRoom(0);
+        Inside([](const std::string&) { return CM_ERROR_PARTIAL_DATA; });
+        const std::string strData(aSize, 'q');
+        CCmTransportParameter para;
+        DWORD dwTaken = 0;
+        for (; dwTaken < 100000 && SendText(*m_pProxy, strData, &para) == CM_OK; ++dwTaken)
+            EXPECT_EQ(aSize, para.m_dwHaveSent);
+        EXPECT_EQ(0u, para.m_dwHaveSent);
+        Inside([](const std::string&) { return CM_OK; });
+        return dwTaken;
+    }
+    std::string TakeUpcalls() {
+        m_Network.RunPosted();
+        return m_Sink.Take();
+    }
     void Pause(BOOL aPause) const { EXPECT_EQ(CM_OK, m_pProxy->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &aPause)); }
 
     const CTestNetwork& m_Network;
     CTestSink m_Sink;
-    CCmRefPtrT<CFakeLower> m_pFake{new CFakeLower};
+    CCmRefPtrT<CFakeLower> m_pFake;
     CCmRefPtrT<ICmTransport> m_pProxy;
 };

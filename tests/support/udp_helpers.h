@@ -45,6 +45,7 @@ private:
 // A sink that keeps each datagram by itself.
 class CDatagramSink : public CTestSink {
 public:
+    using CTestSink::CTestSink;
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override {
         m_Datagrams.push_back(aData.FlattenChained());
         if (m_bEcho)

@@ -96,8 +96,7 @@ TEST_F(ConnectorNameTest, ACompletedNameWithoutAddressIsRefusedByItsName) {
     const CCmInetAddr addrPending = At("later.invalid");
     CCmTraceCapture trace;
     const auto expectFailure = [&](ICmAcceptorConnectorId* aId, ECmFailureCause aCause, const std::string& aName) {
-        CCmFailure failure;
-        EXPECT_EQ(CM_OK, cm_get_connect_options(aId)->GetOption(CM_OPT_CONNECT_FAILURE, &failure));
+        const auto failure = Get<CCmFailure>(*cm_get_connect_options(aId), CM_OPT_CONNECT_FAILURE);
         EXPECT_EQ(aCause, failure.GetCause()) << failure.ToString();
         EXPECT_EQ("resolve " + aName + ":" + std::to_string(m_wPort), failure.GetAttempt());
     };
@@ -137,9 +136,7 @@ TEST_F(ConnectorNameTest, TheNextAddressIsTriedAQuarterOfASecondLater) {
     m_Clock.Advance(CCmTimeValue(0, 1));
     RunUntil([&] { return client.Count() > 0; });
     EXPECT_EQ(CM_OK, client.m_Reasons.back());
-    CCmInetAddr addr;
-    EXPECT_EQ(CM_OK, client.m_Transports.at(0)->GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &addr));
-    EXPECT_EQ("127.0.0.1", addr.GetIpDisplayName());
+    EXPECT_EQ("127.0.0.1", Get<CCmInetAddr>(*client.m_Transports.at(0), CM_OPT_TRANSPORT_PEER_ADDR).GetIpDisplayName());
 }
 
 TEST_F(ConnectorNameTest, TheTimeOutCoversEverythingAndEndsEveryAttempt) {

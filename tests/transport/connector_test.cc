@@ -102,18 +102,6 @@ TEST_F(ConnectorTest, CancelStopsAnAttemptAndASecondOneIsRefused) {
     EXPECT_EQ(m_pConnector.Get(), m_Sink.m_pLastId);
 }
 
-TEST_F(ConnectorTest, CancelAndStartAgainInsideTheIndication) {
-    int nLeft = 3;
-    m_Sink.m_Indicated = [&] {
-        m_pConnector->CancelConnect();
-        if (--nLeft > 0)
-            Start(nLeft - 1);
-    };
-    Start(0);
-    m_Network.RunUntil([&] { return m_Sink.Count() == 3; });
-    EXPECT_EQ((std::vector<CmResult>{CM_OK, CM_ERROR_NETWORK_CONNECT_ERROR, CM_OK}), m_Sink.m_Reasons);
-}
-
 TEST_F(ConnectorTest, ReleaseInsideEveryKindOfIndication) {
     m_Sink.m_Indicated = [&] {
         m_pConnector.Reset();

@@ -41,23 +41,6 @@ TEST_F(DnsServerTest, AnswersAreKeptForTheirTimeAndAskedForAnewBehindIt) {
     EXPECT_EQ("10.0.0.8", TextOf(Resolve("one.test")));
 }
 
-TEST_F(DnsServerTest, AMissingNameAndADeadServerAreRememberedForFiveSeconds) {
-    Serve("10.0.0.1 one.test\n");
-    const DnsRecordPtr pMissing = Resolve("none.test");
-    EXPECT_EQ(CCmDnsRecord::FAILED, pMissing->GetState());
-    EXPECT_NE("", pMissing->GetReason());
-    EXPECT_EQ(5u, pMissing->GetTimeToLive());
-    EXPECT_EQ("10.0.0.1", TextOf(Resolve("one.test")));
-    m_Server.Kill();
-    EXPECT_EQ("10.0.0.1", TextOf(Resolve("one.test")));  // still from the cache
-    EXPECT_EQ(CCmDnsRecord::FAILED, Resolve("two.test")->GetState());
-    m_Server.Start("10.0.0.2 none.test\n10.0.0.3 two.test\n");
-    EXPECT_EQ(CCmDnsRecord::FAILED, Resolve("none.test")->GetState());
-    m_Clock.Advance(CCmTimeValue(5));
-    EXPECT_EQ("10.0.0.2", TextOf(Resolve("none.test")));
-    EXPECT_EQ("10.0.0.3", TextOf(Resolve("two.test")));
-}
-
 TEST_F(DnsServerTest, AnAnswerTooLongForADatagramComesWhole) {
     std::string strNames;
     for (int i = 1; i <= 200; ++i)

@@ -10,16 +10,10 @@ constexpr DWORD PACKAGE = RAW | CCmConnectionManager::CTYPE_PDU_PACKAGE;
 constexpr DWORD UDP = CCmConnectionManager::CTYPE_UDP;
 
 CCmFailure FailureOf(ICmAcceptorConnectorId* aId) {
-    CCmFailure failure;
-    EXPECT_EQ(CM_OK, cm_get_connect_options(aId)->GetOption(CM_OPT_CONNECT_FAILURE, &failure));
-    return failure;
+    return Get<CCmFailure>(*cm_get_connect_options(aId), CM_OPT_CONNECT_FAILURE);
 }
 
-CCmFailure FailureOf(ICmTransport& aTransport) {
-    CCmFailure failure;
-    EXPECT_EQ(CM_OK, aTransport.GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure));
-    return failure;
-}
+CCmFailure FailureOf(ICmTransport& aTransport) { return Get<CCmFailure>(aTransport, CM_OPT_TRANSPORT_LAST_FAILURE); }
 
 std::string TextOf(const CCmInetAddr& aAddr) {
     char szText[32];
@@ -27,11 +21,7 @@ std::string TextOf(const CCmInetAddr& aAddr) {
     return szText;
 }
 
-std::string AddressOf(ICmTransport& aTransport, DWORD aCommand) {
-    CCmInetAddr addr;
-    EXPECT_EQ(CM_OK, aTransport.GetOption(aCommand, &addr));
-    return TextOf(addr);
-}
+std::string AddressOf(ICmTransport& aTransport, DWORD aCommand) { return TextOf(Get<CCmInetAddr>(aTransport, aCommand)); }
 
 // What is read inside an upcall while the network thread can answer nobody.
 class FailureTest : public testing::Test {
@@ -168,8 +158,7 @@ TEST_F(FailureTest, TransportsTellWhoLeftAndWhy) {
 TEST_F(FailureTest, DatagramsTellTheCause) {
     const auto pTransport = m_Network.Connect(m_Refused, UDP);
     ICmTransport& transport = *pTransport;
-    CTestSink sink;
-    EXPECT_EQ(CM_OK, transport.OpenWithSink(&sink));
+    CTestSink sink(transport);
     EXPECT_EQ(CM_OK, SendText(transport, "nobody"));
     m_Network.RunUntil([&] { return sink.m_nDisconnects == 1; });
     EXPECT_EQ(ECONNREFUSED, FailureOf(transport).GetErrno());
@@ -183,12 +172,9 @@ TEST_F(FailureTest, AFailedSendEndsTheConnectionFromTheLoop) {
             CTestFd peer;
             const auto pTransport = m_Network.ConnectTo(peer, 65536, dwType);
             ICmTransport& transport = *pTransport;
-            CTestSink sink;
-            EXPECT_EQ(CM_OK, transport.OpenWithSink(&sink));
-            BOOL bPause = bPaused;
-            EXPECT_EQ(CM_OK, transport.SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
-            HANDLE fd = CM_INVALID_HANDLE;
-            EXPECT_EQ(CM_OK, transport.GetOption(CM_OPT_TRANSPORT_FD, &fd));
+            CTestSink sink(transport);
+            Set(transport, CM_OPT_TRANSPORT_PAUSE_READING, bPaused);
+            const auto fd = Get<HANDLE>(transport, CM_OPT_TRANSPORT_FD);
             m_Network.InNetwork([&] {
                 EXPECT_EQ(0, shutdown(fd, SHUT_WR));  // what the system answers with EPIPE from now on, and with no event
                 peer.Write(std::string("\0\0\0\x04last", 8));
@@ -196,8 +182,7 @@ TEST_F(FailureTest, AFailedSendEndsTheConnectionFromTheLoop) {
             EXPECT_EQ(CM_OK, SendText(transport, "lost"));
             m_Network.InNetwork([] {});
             m_Network.InNetwork([] {});
-            bPause = FALSE;
-            EXPECT_EQ(CM_OK, transport.SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+            Set(transport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
             m_Network.RunUntil([&] { return sink.m_nDisconnects == 1; });
             EXPECT_EQ(EPIPE, FailureOf(transport).GetErrno());
             EXPECT_TRUE(bPaused || sink.m_strReceived.ends_with("last"));
@@ -208,14 +193,11 @@ TEST_F(FailureTest, AFailedSendEndsTheConnectionFromTheLoop) {
 TEST_F(FailureTest, NothingIsTakenBehindTheEndOfSending) {
     CTestFd peer;
     const auto pProxy = m_Network.ConnectTo(peer);
-    CTestSink sink;
-    EXPECT_EQ(CM_OK, pProxy->OpenWithSink(&sink));
-    BOOL bEnd = TRUE;
-    EXPECT_EQ(CM_OK, pProxy->SetOption(CM_OPT_TRANSPORT_END_SENDING, &bEnd));
+    CTestSink sink(*pProxy);
+    Set(*pProxy, CM_OPT_TRANSPORT_END_SENDING, TRUE);
     EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(*pProxy, "late"));
     EXPECT_EQ(CM_OK, SendText(*pProxy, ""));
-    ICmTransport* pInner = nullptr;
-    EXPECT_EQ(CM_OK, pProxy->GetOption(CM_OPT_TRANSPORT_INNER_TRANSPORT, &pInner));
+    auto* pInner = Get<ICmTransport*>(*pProxy, CM_OPT_TRANSPORT_INNER_TRANSPORT);
     m_Network.InNetwork([&] {
         EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(*pInner, "late"));
         EXPECT_EQ(CM_OK, SendText(*pInner, ""));

@@ -1,9 +1,8 @@
-// Proxies over protocol connections: what comes early is kept, messages stay whole.
+// Proxies over protocol connections and datagrams: what comes early is kept, messages stay whole.
 #include "tests/support/proxy_fixture.h"
 
 namespace {
 
-constexpr DWORD PACKAGE_TCP = 0x10000001;
 using Texts = std::vector<std::string>;
 
 struct ProtocolProxyTest : testing::Test {
@@ -13,86 +12,69 @@ struct ProtocolProxyTest : testing::Test {
 }  // namespace
 
 TEST_F(ProtocolProxyTest, WhatComesBeforeTheOpeningIsKeptItsEndIncluded) {
-    CFakeConnection connection(m_Network, PACKAGE_TCP);
-    connection.Receive("a");
-    connection.Receive("bc");
-    connection.Lose();
-    m_Network.RunPosted();
-    EXPECT_EQ(CM_ERROR_NULL_POINTER, SendText(*connection.m_pProxy, "nobody"));
-    connection.Open();
-    EXPECT_EQ(0, connection.m_Sink.Upcalls());
-    m_Network.RunPosted();
-    EXPECT_EQ("abc", connection.m_Sink.m_strReceived);
-    EXPECT_EQ(3, connection.m_Sink.Upcalls());
-    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, connection.m_Sink.m_Reason);
-    EXPECT_EQ(CM_ERROR_NULL_POINTER, connection.m_pProxy->OpenWithSink(&connection.m_Sink));
+    CFakeConnection opened(m_Network, MESSAGES), released(m_Network, MESSAGES), disconnected(m_Network, MESSAGES);
+    for (CFakeConnection* pEach : {&opened, &released, &disconnected}) {
+        pEach->Receive("a");
+        pEach->Receive("bc");
+    }
+    opened.Lose();
+    released.Lose();
+    EXPECT_EQ("", opened.TakeUpcalls());
+    EXPECT_EQ(CM_ERROR_NULL_POINTER, SendText(*opened.m_pProxy, "nobody"));
+    opened.Open();
+    released.m_pProxy.Reset();
+    EXPECT_EQ(CM_OK, disconnected.m_pProxy->Disconnect(CM_ERROR_FAILURE));
+    EXPECT_EQ("", opened.m_Sink.Take());
+    EXPECT_EQ("receive abc, disconnect 20001", opened.TakeUpcalls());
+    for (CFakeConnection* pEach : {&opened, &disconnected})
+        EXPECT_EQ(CM_ERROR_NULL_POINTER, pEach->m_pProxy->OpenWithSink(&pEach->m_Sink));
+    for (CFakeConnection* pEach : {&released, &disconnected}) {
+        pEach->Sync();
+        EXPECT_EQ("", pEach->TakeUpcalls());
+        EXPECT_EQ(1, pEach->m_pFake->m_nDisconnects);
+    }
 }
 
 TEST_F(ProtocolProxyTest, AnEndBeforeTheOpeningIsTold) {
-    CFakeConnection failed(m_Network, PACKAGE_TCP, [](CFakeLower& aFake) { aFake.m_OpenResult = CM_ERROR_FAILURE; });
-    CFakeConnection orphan(m_Network, PACKAGE_TCP);
+    CFakeConnection failed(m_Network, MESSAGES, [](CFakeLower& aFake) { aFake.m_OpenResult = CM_ERROR_FAILURE; });
+    CFakeConnection orphan(m_Network, MESSAGES);
     CScopedThread user(CScopedThread::TASK);
     CFakeConnection userless(
-        m_Network, PACKAGE_TCP, [](CFakeLower&) {}, &user->GetLink());
+        m_Network, MESSAGES, [](CFakeLower&) {}, &user->GetLink());
     user.End();
     userless.Receive("nobody will have this");
     userless.Sync();
     EXPECT_EQ(1, userless.m_pFake->m_nDisconnects);
     m_Network.EndNetworkThread();
-    for (CFakeConnection* pEach : {&failed, &orphan}) {
+    for (const auto& [pEach, szUpcalls] : {std::pair{&failed, "disconnect 10001"}, {&orphan, "disconnect 20003"}}) {
         EXPECT_EQ(CM_OK, pEach->m_pProxy->OpenWithSink(&pEach->m_Sink));
-        m_Network.RunPosted();
-        EXPECT_EQ(1, pEach->m_Sink.Upcalls());
+        EXPECT_EQ(szUpcalls, pEach->TakeUpcalls());
         EXPECT_EQ(1, pEach->m_pFake->m_nDisconnects);
     }
-    EXPECT_EQ(CM_ERROR_FAILURE, failed.m_Sink.m_Reason);
-    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, orphan.m_Sink.m_Reason);
 }
 
 TEST_F(ProtocolProxyTest, TheLimitsHoldBeforeTheOpening) {
-    CFakeConnection connection(m_Network, PACKAGE_TCP);
-    DWORD dwLimit = 1000;
-    connection.m_pProxy->SetOption(CM_OPT_TRANSPORT_PROXY_RECV_LIMIT, &dwLimit);
-    connection.m_pProxy->SetOption(CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, &dwLimit);
+    CFakeConnection connection(m_Network, MESSAGES);
+    for (const DWORD dwOption : {CM_OPT_TRANSPORT_PROXY_RECV_LIMIT, CM_OPT_TRANSPORT_PROXY_SEND_LIMIT})
+        Set(*connection.m_pProxy, dwOption, DWORD{1000});
     for (int i = 0; i < 5; ++i) {
         EXPECT_FALSE(connection.m_pFake->m_bPaused);
         connection.Receive(std::string(100, 'r'));  // counts 228
     }
     EXPECT_TRUE(connection.m_pFake->m_bPaused);
-    connection.SetRoom(0);
-    EXPECT_EQ(CM_OK, SendText(*connection.m_pProxy, std::string(1001, 's')));
+    EXPECT_EQ(1u, connection.Fill(1001));
     EXPECT_EQ(CM_ERROR_PARTIAL_DATA, SendText(*connection.m_pProxy, "s"));
     connection.MakeRoom();
-    m_Network.RunPosted();
-    EXPECT_EQ(0, connection.m_Sink.Upcalls());
+    EXPECT_EQ("", connection.TakeUpcalls());
     connection.Open();
-    m_Network.RunPosted();
+    EXPECT_EQ("receive " + std::string(500, 'r') + ", send", connection.TakeUpcalls()) << "a refused sender waits for it";
     connection.Sync();
-    EXPECT_EQ(500u, connection.m_Sink.m_strReceived.size());
-    EXPECT_EQ(1, connection.m_Sink.m_nSends) << "who was refused waits for it";
     EXPECT_FALSE(connection.m_pFake->m_bPaused);
-}
-
-TEST_F(ProtocolProxyTest, WhoeverNeverOpensHearsNothingAndLeavesNothing) {
-    CFakeConnection released(m_Network, PACKAGE_TCP), disconnected(m_Network, PACKAGE_TCP), lost(m_Network, PACKAGE_TCP);
-    for (CFakeConnection* pEach : {&released, &disconnected, &lost})
-        pEach->Receive("kept");
-    lost.Lose();
-    released.m_pProxy.Reset();
-    lost.m_pProxy.Reset();
-    EXPECT_EQ(CM_OK, disconnected.m_pProxy->Disconnect(CM_ERROR_FAILURE));
-    EXPECT_EQ(CM_ERROR_NULL_POINTER, disconnected.m_pProxy->OpenWithSink(&disconnected.m_Sink));
-    m_Network.RunPosted();
-    for (CFakeConnection* pEach : {&released, &disconnected, &lost}) {
-        pEach->Sync();
-        EXPECT_EQ(0, pEach->m_Sink.Upcalls());
-        EXPECT_EQ(1, pEach->m_pFake->m_nDisconnects);
-    }
 }
 
 TEST_F(ProtocolProxyTest, EachSendIsOneMessageAndSeveralAreCorked) {
     CCmTraceCapture trace;
-    CFakeConnection connection(m_Network, PACKAGE_TCP);
+    CFakeConnection connection(m_Network, MESSAGES);
     connection.Open();
     connection.SendTogether({"one", ""});
     EXPECT_EQ(Texts({"one"}), connection.Seen());
@@ -117,7 +99,7 @@ TEST_F(ProtocolProxyTest, EachSendIsOneMessageAndSeveralAreCorked) {
 
 // A connection that makes room while it sends what was gathered says so at once, and is believed.
 TEST_F(ProtocolProxyTest, OnSendInsideASendGoesOn) {
-    CFakeConnection connection(m_Network, PACKAGE_TCP);
+    CFakeConnection connection(m_Network, MESSAGES);
     connection.Open();
     DWORD dwRoom = 2;
     connection.Inside([&](const std::string& aText) {
@@ -134,29 +116,14 @@ TEST_F(ProtocolProxyTest, OnSendInsideASendGoesOn) {
 
 TEST_F(ProtocolProxyTest, TooLongAMessageIsRefusedBeforeItIsQueued) {
     CCmTraceCapture trace;
-    CFakeConnection connection(m_Network, PACKAGE_TCP, [](CFakeLower& aFake) { aFake.m_dwMaxMessage = 10; });
+    CFakeConnection connection(m_Network, MESSAGES, [](CFakeLower& aFake) { aFake.m_dwMaxMessage = 10; });
     EXPECT_EQ(CM_ERROR_INVALID_ARG, SendText(*connection.m_pProxy, "eleven char"));
     EXPECT_EQ(1u, trace.Count("CCmTransportThreadProxy::SendData, message too long. len=11 max=10"));
-    DWORD dwMax = 11;
-    EXPECT_EQ(CM_OK, connection.m_pProxy->SetOption(CFakeLower::OPT_LIMIT, &dwMax));
+    Set(*connection.m_pProxy, CFakeLower::OPT_LIMIT, DWORD{11});
     EXPECT_EQ(CM_OK, SendText(*connection.m_pProxy, "eleven char"));
     EXPECT_EQ(CM_ERROR_INVALID_ARG, SendText(*connection.m_pProxy, "twelve chars"));
     connection.Sync();
     EXPECT_EQ(Texts({"eleven char"}), connection.Seen());
-}
-
-TEST_F(ProtocolProxyTest, LingersWhileTheConnectionHasSomethingUnsent) {
-    CCmFakeClock clock;
-    CFakeConnection connection(m_Network, PACKAGE_TCP, [](CFakeLower& aFake) { aFake.m_dwUnacknowledged = 1; });
-    connection.Open();
-    connection.m_pProxy.Reset();
-    clock.Advance(CCmTimeValue(20));
-    connection.Sync();
-    EXPECT_EQ(0, connection.m_pFake->m_nDisconnects);
-    m_Network.InNetwork([&] { connection.m_pFake->m_dwUnacknowledged = 0; });
-    clock.Advance(CCmTimeValue(1));
-    YieldUntil([&] { return connection.m_pFake->m_nDisconnects == 1; });
-    EXPECT_EQ(CM_OK, connection.m_pFake->m_Disconnects.at(0));
 }
 
 // The last that hold the core and the connection let go inside a call of the connection.
@@ -165,7 +132,7 @@ TEST_F(ProtocolProxyTest, TheConnectionEndsInsideASend) {
     for (const std::string strWhere : {"(cork)", "b", "(uncork)"}) {
         for (const BOOL bRelease : {FALSE, TRUE}) {
             CScopedThread user(CScopedThread::TASK);
-            CFakeConnection connection(m_Network, PACKAGE_TCP, refuse, bRelease ? &user->GetLink() : nullptr);
+            CFakeConnection connection(m_Network, MESSAGES, refuse, bRelease ? &user->GetLink() : nullptr);
             connection.Open();
             CFakeLower* pFake = connection.m_pFake.Get();
             connection.SendTogether({"a", "b", "c"});
@@ -184,8 +151,7 @@ TEST_F(ProtocolProxyTest, TheConnectionEndsInsideASend) {
                 connection.m_pFake.Reset();
                 pFake->m_pSink->OnSend(pFake);
             });
-            m_Network.RunPosted();
-            EXPECT_EQ(bRelease ? 0 : 1, connection.m_Sink.Upcalls());
+            EXPECT_EQ(bRelease ? "" : "disconnect 10001", connection.TakeUpcalls());
         }
     }
 }

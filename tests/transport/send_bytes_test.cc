@@ -8,8 +8,8 @@ TEST(SendBytesTest, OneMessageGoesToMany) {
     const std::string strText = Pattern(3000);
     CCmMessageBlock message(3000);
     message.Write(strText.data(), 3000);
-    DWORD dwLimit = 0, dwTaken = 0;
-    EXPECT_EQ(CM_OK, none.m_pProxy->SetOption(CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, &dwLimit));
+    DWORD dwTaken = 0;
+    Set(*none.m_pProxy, CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, DWORD{0});
     none.SetRoom(0);
     EXPECT_EQ(CM_OK, cm_send_bytes(*none.m_pProxy, "first", 5, &dwTaken));
     EXPECT_EQ(5u, dwTaken);

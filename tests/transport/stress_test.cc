@@ -61,11 +61,9 @@ public:
         case 1:
             Release();
             break;
-        case 2: {
-            BOOL bPause = m_Random() % 2;
-            m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);
+        case 2:
+            Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, static_cast<BOOL>(m_Random() % 2));
             break;
-        }
         default:
             Send(m_Random() % (m_Random() % 8 ? 300 : 70000));
         }

@@ -10,11 +10,8 @@ struct CSizes {
 };
 
 CSizes SizesOf(ICmTransport& aTransport) {
-    CSizes sizes;
-    EXPECT_EQ(CM_OK, aTransport.GetOption(CM_OPT_TRANSPORT_SNDBUF, &sizes.m_nSend));
-    EXPECT_EQ(CM_OK, aTransport.GetOption(CM_OPT_TRANSPORT_RCVBUF, &sizes.m_nReceive));
-    EXPECT_EQ(CM_OK, aTransport.GetOption(CM_OPT_TRANSPORT_READ_SIZE, &sizes.m_dwRead));
-    return sizes;
+    return {Get<int>(aTransport, CM_OPT_TRANSPORT_SNDBUF), Get<int>(aTransport, CM_OPT_TRANSPORT_RCVBUF),
+            Get<DWORD>(aTransport, CM_OPT_TRANSPORT_READ_SIZE)};
 }
 
 // What both ends of a connection that is opened now have.

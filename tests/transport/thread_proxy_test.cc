@@ -5,20 +5,7 @@ namespace {
 
 constexpr DWORD MEBIBYTE = 1 << 20;
 
-class ThreadProxyTest : public testing::Test {
-protected:
-    // Stops the transport and sends messages of aSize until one is refused; how many bytes were taken.
-    static DWORD FillQueue(const CFakeConnection& aConnection, DWORD aSize = 100000) {
-        aConnection.SetRoom(0);
-        const std::string strData(aSize, 'q');
-        CCmTransportParameter para;
-        DWORD dwTaken = 0;
-        while (SendText(*aConnection.m_pProxy, strData, &para) == CM_OK)
-            dwTaken += para.m_dwHaveSent;
-        EXPECT_EQ(0u, para.m_dwHaveSent);
-        return dwTaken;
-    }
-
+struct ThreadProxyTest : testing::Test {
     CCmFakeClock m_Clock;  // however slow the machine is, no time-out of the library's comes unless a test says so
     CTestNetwork m_Network;
 };
@@ -36,57 +23,39 @@ TEST_F(ThreadProxyTest, SendingCopiesNoPayloadAndJoinsWhatWaits) {
     EXPECT_EQ(0u, block.GetChainedLength());
     connection.Sync();
     EXPECT_EQ(pData->GetBasePtr(), connection.m_pFake->m_pFirst);
-
-    // While the network thread is busy 200 messages come together: 64 pieces a call.
-    CCmEventThread busy;
-    m_Network.NetworkLink().Post([&] { busy.Wait(); });
-    for (unsigned i = 0; i < 200; ++i) {
-        strAll += Pattern(10, i);
-        EXPECT_EQ(CM_OK, SendText(*connection.m_pProxy, Pattern(10, i)));
-    }
-    busy.Signal();
-    connection.Sync();
+    std::vector<std::string> texts;
+    for (unsigned i = 0; i < 200; ++i)
+        strAll += texts.emplace_back(Pattern(10, i));
+    connection.SendTogether(texts);
     EXPECT_EQ(strAll, connection.m_pFake->GetSent());
     EXPECT_EQ((std::vector<DWORD>{1, 64, 64, 64, 8}), connection.m_pFake->m_Pieces);
 }
 
 TEST_F(ThreadProxyTest, SendingPushesBackAndTellsOnceWhenHalfHasGone) {
     CFakeConnection connection(m_Network);
-    const DWORD dwTaken = FillQueue(connection, 64 * 1024);
+    const DWORD dwTaken = connection.Fill(64 * 1024) * 64 * 1024;
     EXPECT_EQ(MEBIBYTE + 64 * 1024, dwTaken);  // one message beyond the limit
     connection.MakeRoom(dwTaken - MEBIBYTE / 2 - 1);
-    m_Network.RunPosted();
-    EXPECT_EQ(0, connection.m_Sink.m_nSends);
+    EXPECT_EQ("", connection.TakeUpcalls());
     connection.MakeRoom(1);
-    m_Network.RunPosted();
-    EXPECT_EQ(1, connection.m_Sink.m_nSends);
+    EXPECT_EQ("send", connection.TakeUpcalls());
     EXPECT_EQ(CM_OK, SendText(*connection.m_pProxy, "taken"));
     connection.MakeRoom();
-    m_Network.RunPosted();
-    EXPECT_EQ(1, connection.m_Sink.m_nSends);
+    EXPECT_EQ("", connection.TakeUpcalls());
     EXPECT_EQ(std::string(dwTaken, 'q') + "taken", connection.m_pFake->GetSent());
-    DWORD dwLimit = 100;
-    EXPECT_EQ(CM_OK, connection.m_pProxy->SetOption(CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, &dwLimit));
-    EXPECT_EQ(110u, FillQueue(connection, 10));
+    Set(*connection.m_pProxy, CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, DWORD{100});
+    EXPECT_EQ(11u, connection.Fill(10));
 }
 
 // A byte costs as much memory as a block does, and so does a datagram without one.
 TEST_F(ThreadProxyTest, SendingOfSingleBytesIsBoundedByTheirBlocks) {
-    for (const DWORD dwType : {CM_TRANSPORT_TYPE_TCP, CM_TRANSPORT_TYPE_UDP}) {
-        CFakeConnection connection(m_Network, dwType);
+    for (const auto& [dwLane, dwSize] : {std::pair{STREAM, 1u}, {DATAGRAMS, 0u}}) {
+        CFakeConnection connection(m_Network, dwLane);
         connection.Open();
-        connection.SetRoom(0);
-        const std::string strText(dwType == CM_TRANSPORT_TYPE_TCP ? 1 : 0, 'q');
-        connection.Inside([](const std::string&) { return CM_ERROR_PARTIAL_DATA; });
-        DWORD dwTaken = 0;
-        while (dwTaken < MEBIBYTE && SendText(*connection.m_pProxy, strText) == CM_OK)
-            ++dwTaken;
-        EXPECT_EQ(MEBIBYTE / 128 + 1, dwTaken);
-        connection.Inside([](const std::string&) { return CM_OK; });
+        EXPECT_EQ(MEBIBYTE / 128 + 1, connection.Fill(dwSize));
         connection.MakeRoom();
-        m_Network.RunPosted();
-        EXPECT_EQ(1, connection.m_Sink.m_nSends);
-        EXPECT_EQ(dwTaken * strText.size(), connection.m_pFake->GetSent().size());
+        EXPECT_EQ("send", connection.TakeUpcalls());
+        EXPECT_EQ(dwSize * (MEBIBYTE / 128 + 1), connection.m_pFake->GetSent().size());
         EXPECT_EQ(CM_OK, SendText(*connection.m_pProxy, "taken"));
     }
 }
@@ -98,10 +67,9 @@ TEST_F(ThreadProxyTest, AcceptedDataGoesOutBeforeTheClose) {
         CTestSink sink;
         auto pProxy = m_Network.ConnectTo(peer, 4096);
         const std::string strData = Pattern(900 * 1024);
-        BOOL bPause = TRUE;
         if (!bRelease) {
             EXPECT_EQ(CM_OK, pProxy->OpenWithSink(&sink));
-            EXPECT_EQ(CM_OK, pProxy->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+            Set(*pProxy, CM_OPT_TRANSPORT_PAUSE_READING, TRUE);
         }
         EXPECT_EQ(CM_OK, SendText(*pProxy, strData));
         if (!bRelease)
@@ -116,60 +84,71 @@ TEST_F(ThreadProxyTest, AcceptedDataGoesOutBeforeTheClose) {
         });
         ReadToEnd(peer, strRead);  // writing ends with the close here; what has arrived before is there to be read
         EXPECT_TRUE(strData == strRead);
-        EXPECT_EQ(0, sink.Upcalls());
+        EXPECT_EQ("", sink.Take());
     }
 }
 
+// For what waits in the proxy, and for what the transport has not got rid of.
 TEST_F(ThreadProxyTest, LingeringIsBoundedAndOnlyForAnOrderlyEnd) {
-    CFakeConnection broken(m_Network), orderly(m_Network);
-    FillQueue(broken);
+    CFakeConnection broken(m_Network), orderly(m_Network), below(m_Network, MESSAGES), done(m_Network, MESSAGES);
+    broken.Fill();
     broken.m_pProxy->Disconnect(CM_ERROR_NETWORK_SOCKET_CLOSE);
     orderly.Pause(TRUE);
-    FillQueue(orderly);
+    orderly.Fill();
     orderly.m_pProxy->Disconnect(CM_OK);
-    orderly.Sync();
-    EXPECT_EQ(1, broken.m_pFake->m_nDisconnects);
-    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, broken.m_pFake->m_Disconnects.at(0));
+    for (CFakeConnection* pEach : {&below, &done}) {
+        m_Network.InNetwork([&] { pEach->m_pFake->m_dwUnacknowledged = 1; });
+        pEach->Open();
+        pEach->m_pProxy.Reset();
+    }
+    done.Sync();
+    EXPECT_EQ(std::vector<CmResult>{CM_ERROR_NETWORK_SOCKET_CLOSE}, broken.m_pFake->m_Disconnects);
     EXPECT_FALSE(orderly.m_pFake->m_bPaused) << "the peer's close would not be noticed";
+    EXPECT_EQ(0, done.m_pFake->m_nDisconnects);
+    m_Network.InNetwork([&] { done.m_pFake->m_dwUnacknowledged = 0; });
     m_Clock.Advance(CCmTimeValue(29));
-    orderly.Sync();
-    EXPECT_EQ(0, orderly.m_pFake->m_nDisconnects);
+    YieldUntil([&] { return done.m_pFake->m_nDisconnects == 1; });
+    EXPECT_EQ(CM_OK, done.m_pFake->m_Disconnects[0]);
+    EXPECT_EQ(0, orderly.m_pFake->m_nDisconnects + below.m_pFake->m_nDisconnects);
     m_Clock.Advance(CCmTimeValue(2));
-    YieldUntil([&] { return orderly.m_pFake->m_nDisconnects == 1; });
+    YieldUntil([&] { return orderly.m_pFake->m_nDisconnects + below.m_pFake->m_nDisconnects == 2; });
 }
 
 TEST_F(ThreadProxyTest, NothingComesAfterDisconnectOrRelease) {
-    for (const int nWay : {0, 1, 2}) {
-        CFakeConnection connection(m_Network);
-        FillQueue(connection);
-        connection.Receive("posted");
-        connection.MakeRoom();
-        connection.Lose();
-        if (nWay == 1)
-            connection.m_pProxy->Disconnect(CM_OK);
-        else if (nWay == 2)
-            connection.m_pProxy.Reset();
-        m_Network.RunPosted();
-        EXPECT_EQ(nWay == 0 ? 3 : 0, connection.m_Sink.Upcalls());
+    for (const DWORD dwLane : {STREAM, DATAGRAMS, MESSAGES}) {
+        for (const int nWay : {0, 1, 2}) {
+            CFakeConnection connection(m_Network, dwLane);
+            connection.Open();
+            connection.Fill();
+            connection.Receive("posted");
+            connection.MakeRoom();
+            connection.Lose();
+            if (nWay == 1)
+                connection.m_pProxy->Disconnect(CM_OK);
+            else if (nWay == 2)
+                connection.m_pProxy.Reset();
+            EXPECT_EQ(nWay == 0 ? "receive posted, send, disconnect 20001" : "", connection.TakeUpcalls()) << dwLane;
+        }
     }
 }
 
 TEST_F(ThreadProxyTest, ReleaseInsideEachUpcall) {
-    CFakeConnection receive(m_Network), send(m_Network), disconnect(m_Network);
-    receive.m_Sink.m_Receive = [&] { receive.m_pProxy.Reset(); };
-    send.m_Sink.m_Send = [&] { send.m_pProxy.Reset(); };
-    disconnect.m_Sink.m_Disconnect = [&] { disconnect.m_pProxy.Reset(); };
-    FillQueue(send);
-    for (CFakeConnection* pEach : {&receive, &send, &disconnect}) {
-        pEach->Receive("first");
-        pEach->Receive("second");
+    for (const DWORD dwLane : {STREAM, DATAGRAMS, MESSAGES}) {
+        for (const std::string strLast :
+             {"receive first", "receive firstsecond, send", "receive firstsecond, send, disconnect 20001"}) {
+            CFakeConnection connection(m_Network, dwLane);
+            connection.Open();
+            const auto release = [&] { connection.m_pProxy.Reset(); };
+            CTestSink& sink = connection.m_Sink;
+            (strLast.ends_with('t') ? sink.m_Receive : strLast.ends_with('d') ? sink.m_Send : sink.m_Disconnect) = release;
+            connection.Fill();
+            connection.Receive("first");
+            connection.Receive("second");
+            connection.MakeRoom();
+            connection.Lose();
+            EXPECT_EQ(strLast, connection.TakeUpcalls()) << dwLane;
+        }
     }
-    send.MakeRoom();
-    disconnect.Lose();
-    m_Network.RunPosted();
-    EXPECT_EQ(1, receive.m_Sink.Upcalls());
-    EXPECT_EQ(3, send.m_Sink.Upcalls());
-    EXPECT_EQ(3, disconnect.m_Sink.Upcalls());
 }
 
 TEST_F(ThreadProxyTest, ReceivingPushesBackAndGoesOn) {
@@ -201,8 +180,8 @@ TEST_F(ThreadProxyTest, ReceivingPushesBackAndGoesOn) {
 TEST_F(ThreadProxyTest, ReceivingNeverSticksAtTheLimit) {
     constexpr size_t TOTAL = 5000;
     CFakeConnection connection(m_Network);
-    DWORD dwLimit = 8 * 129;  // eight chunks of one byte, and what they cost
-    connection.m_pProxy->SetOption(CM_OPT_TRANSPORT_PROXY_RECV_LIMIT, &dwLimit);
+    // Eight chunks of one byte, and what they cost.
+    Set(*connection.m_pProxy, CM_OPT_TRANSPORT_PROXY_RECV_LIMIT, DWORD{8 * 129});
     size_t stPushed = 0;
     BOOL bStop = FALSE;
     std::function<void()> pump = [&] {
@@ -218,28 +197,32 @@ TEST_F(ThreadProxyTest, ReceivingNeverSticksAtTheLimit) {
 }
 
 TEST_F(ThreadProxyTest, PauseByHandHoldsDataAndTheEndBackButNoOnSend) {
-    CFakeConnection connection(m_Network);
-    connection.m_Sink.m_Receive = [&] { connection.Pause(TRUE); };
-    for (const char* pText : {"a", "b", "c"})
-        connection.Receive(pText);
-    m_Network.RunPosted();
-    connection.Sync();
-    EXPECT_EQ("a", connection.m_Sink.m_strReceived);
-    EXPECT_TRUE(connection.m_pFake->m_bPaused);
-    // Two connections that feed each other pause reading until the other has sent: that must not be circular.
-    FillQueue(connection);
-    connection.Receive("d");  // was on its way
-    connection.MakeRoom();
-    m_Network.RunPosted();
-    EXPECT_EQ(1, connection.m_Sink.m_nSends);
-    connection.Lose();
-    m_Network.RunPosted();
-    EXPECT_EQ(2, connection.m_Sink.Upcalls());
-    connection.m_Sink.m_Receive = [] {};
-    connection.m_Sink.m_Disconnect = [&] { EXPECT_EQ("abcd", connection.m_Sink.m_strReceived); };
-    connection.Pause(FALSE);
-    m_Network.RunPosted();
-    EXPECT_EQ(1, connection.m_Sink.m_nDisconnects);
+    for (const DWORD dwLane : {STREAM, DATAGRAMS, MESSAGES}) {
+        SCOPED_TRACE(dwLane);
+        CFakeConnection connection(m_Network, dwLane);
+        connection.Open();
+        for (const std::string strText : {"first", "second"}) {  // each burst has an upcall of its own
+            connection.Receive(strText);
+            connection.Sync();
+            EXPECT_EQ("receive " + strText, connection.TakeUpcalls());
+        }
+        connection.m_Sink.m_Receive = [&] { connection.Pause(TRUE); };
+        for (const char* pText : {"a", "b", "c"})
+            connection.Receive(pText);
+        EXPECT_EQ("receive a", connection.TakeUpcalls());
+        connection.Sync();
+        EXPECT_TRUE(connection.m_pFake->m_bPaused);
+        // Two connections that feed each other pause reading until the other has sent: that must not be circular.
+        connection.Fill();
+        connection.Receive("d");  // was on its way
+        connection.MakeRoom();
+        EXPECT_EQ("send", connection.TakeUpcalls());
+        connection.Lose();
+        EXPECT_EQ("", connection.TakeUpcalls());
+        connection.m_Sink.m_Receive = [] {};
+        connection.Pause(FALSE);
+        EXPECT_EQ("receive bcd, disconnect 20001", connection.TakeUpcalls());
+    }
 }
 
 // Paused, owed an OnSend that ends the pause, and lost: the data still comes before the end.
@@ -247,12 +230,10 @@ TEST_F(ThreadProxyTest, PauseThatEndsInOnSendKeepsTheOrder) {
     CFakeConnection connection(m_Network);
     connection.m_Sink.m_Receive = [&] { connection.Pause(connection.m_Sink.m_nReceives == 1); };
     connection.m_Sink.m_Send = [&] { connection.Pause(FALSE); };
-    connection.m_Sink.m_Disconnect = [&] { EXPECT_EQ("ab", connection.m_Sink.m_strReceived); };
-    FillQueue(connection);
+    connection.Fill();
     connection.Receive("a");
     connection.Receive("b");
     connection.MakeRoom();
     connection.Lose();
-    m_Network.RunPosted();
-    EXPECT_EQ(4, connection.m_Sink.Upcalls());
+    EXPECT_EQ("receive a, send, receive b, disconnect 20001", connection.TakeUpcalls());
 }

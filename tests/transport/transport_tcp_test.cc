@@ -14,8 +14,7 @@ protected:
         m_fdPeer = std::move(fdPeer);
     }
     void Open() {
-        int nSize = 65535;  // small, so that it is full soon
-        EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_SNDBUF, &nSize));
+        Set(*m_pTransport, CM_OPT_TRANSPORT_SNDBUF, 65535);  // small, so that it is full soon
         ASSERT_EQ(CM_OK, m_pTransport->OpenWithSink(&m_Sink));
     }
     template <class Condition>
@@ -68,22 +67,17 @@ TEST_F(TransportTcpTest, ReceivesExactlyOneBufferAndMore) {
 }
 
 TEST_F(TransportTcpTest, ReadsAsMuchAsItIsAskedTo) {
-    DWORD dwSize = 0;
-    EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_READ_SIZE, &dwSize));
-    EXPECT_EQ(16384u, dwSize);
+    EXPECT_EQ(16384u, Get<DWORD>(*m_pTransport, CM_OPT_TRANSPORT_READ_SIZE));
     for (DWORD dwWrong : {4095u, (1u << 20) + 1})
         EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pTransport->SetOption(CM_OPT_TRANSPORT_READ_SIZE, &dwWrong));
     const std::string strData = Pattern(50000);
     Open();
-    for (DWORD dwRight : {4096u, 1u << 20, 20000u}) {
-        EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_READ_SIZE, &dwRight));
+    for (const DWORD dwRight : {4096u, 1u << 20, 20000u}) {
+        Set(*m_pTransport, CM_OPT_TRANSPORT_READ_SIZE, dwRight);
         const int nBefore = m_Sink.m_nReceives;
         m_Sink.m_strReceived.clear();
         m_fdPeer.Write(strData);
-        YieldUntil([&] {
-            int nReadable = 0;
-            return m_pTransport->GetOption(CM_OPT_TRANSPORT_FIO_NREAD, &nReadable) == CM_OK && nReadable == 50000;
-        });
+        YieldUntil([&] { return Get<int>(*m_pTransport, CM_OPT_TRANSPORT_FIO_NREAD) == 50000; });
         Until([&] { return m_Sink.m_strReceived == strData; });
         EXPECT_EQ(static_cast<int>((50000 + dwRight - 1) / dwRight), m_Sink.m_nReceives - nBefore);
     }
@@ -209,25 +203,22 @@ TEST_F(TransportTcpTest, LastReleaseUnregistersAtOnce) {
 }
 
 TEST_F(TransportTcpTest, PausedReadingLosesNothing) {
-    BOOL bPause = TRUE;
+    const auto pause = [&](BOOL aPause) { Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, aPause); };
     const std::string strData = Pattern(60000);
     // Pauses in the middle of a burst, behind the first whole buffer.
-    m_Sink.m_Receive = [&] { m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause); };
-    EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+    m_Sink.m_Receive = [&] { pause(m_Sink.m_nReceives == 1); };
+    pause(TRUE);
     Open();
     m_fdPeer.Write(strData);
     Settle();
     EXPECT_EQ(0, m_Sink.Upcalls());
-    bPause = FALSE;
-    EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
-    bPause = TRUE;
+    pause(FALSE);
     Until([&] { return m_Sink.m_nReceives > 0; });
     Settle();
     m_fdPeer.Close();  // with unread bytes at our side
     Settle();
     EXPECT_EQ(1, m_Sink.Upcalls());
-    bPause = FALSE;
-    EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+    pause(FALSE);
     Until([&] { return m_Sink.m_nDisconnects > 0; });
     Settle();
     EXPECT_EQ(strData, m_Sink.m_strReceived);
@@ -237,8 +228,7 @@ TEST_F(TransportTcpTest, PausedReadingLosesNothing) {
 TEST_F(TransportTcpTest, DetachedSocketStaysOpenAndSilent) {
     Open();
     const CTestFd owned(m_pTransport->GetHandle());
-    HANDLE fdNone = CM_INVALID_HANDLE;
-    EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_FD, &fdNone));
+    Set(*m_pTransport, CM_OPT_TRANSPORT_FD, CM_INVALID_HANDLE);
     m_fdPeer.Write("x");
     Settle();
     m_pTransport.Reset();

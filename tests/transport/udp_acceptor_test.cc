@@ -45,11 +45,8 @@ TEST_F(UdpAcceptorTest, EachPeerHasATransportOfItsOwn) {
     for (size_t i = 0; i < 3; ++i) {
         EXPECT_EQ(Datagrams(5, std::to_string(peers[i].Addr().GetPort())), peers[i].Receive());
         EXPECT_EQ(m_Addr, peers[i].From());
-        CCmInetAddr addr;
-        EXPECT_EQ(CM_OK, Transport(i).GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &addr));
-        EXPECT_EQ(peers[i].Addr(), addr);
-        EXPECT_EQ(CM_OK, Transport(i).GetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &addr));
-        EXPECT_EQ(m_Addr, addr);
+        EXPECT_EQ(peers[i].Addr(), Get<CCmInetAddr>(Transport(i), CM_OPT_TRANSPORT_PEER_ADDR));
+        EXPECT_EQ(m_Addr, Get<CCmInetAddr>(Transport(i), CM_OPT_TRANSPORT_LOCAL_ADDR));
     }
     // Nobody hears from a peer whose system refuses: the socket is not connected, and the others go on.
     {

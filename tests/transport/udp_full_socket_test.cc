@@ -55,8 +55,7 @@ protected:
     // The system tells of room when the size of the buffer is set.
     void MakeRoom(ICmTransport& aTransport, int aRoom = -1) {
         s_nRoom = aRoom;
-        int nSize = 200000;
-        EXPECT_EQ(CM_OK, aTransport.SetOption(CM_OPT_TRANSPORT_SNDBUF, &nSize));
+        Set(aTransport, CM_OPT_TRANSPORT_SNDBUF, 200000);
         Turns();
     }
 };
@@ -66,8 +65,7 @@ protected:
 TEST_F(UdpFullTest, WhatWasTakenGoesOutAndOnSendComesOnce) {
     CPlainUdp peer;
     const auto pTransport = Connect(peer.Addr());
-    CDatagramSink sink;
-    EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
+    CDatagramSink sink(*pTransport);
     s_nRoom = 5;
     const int nTaken = Fill(*pTransport);
     EXPECT_EQ(CM_ERROR_PARTIAL_DATA, SendText(*pTransport, "again"));
@@ -89,11 +87,9 @@ TEST_F(UdpFullTest, WhatWasTakenGoesOutAndOnSendComesOnce) {
 TEST_F(UdpFullTest, WaitingEchoesKeepTheirBytes) {
     CPlainUdp peer;
     const auto pTransport = Connect(peer.Addr());
-    CDatagramSink sink;
+    CDatagramSink sink(*pTransport);
     sink.m_bEcho = TRUE;
-    EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
-    CCmInetAddr addr;
-    EXPECT_EQ(CM_OK, pTransport->GetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &addr));
+    const auto addr = Get<CCmInetAddr>(*pTransport, CM_OPT_TRANSPORT_LOCAL_ADDR);
     s_nRoom = 2;
     for (const std::string& strData : Numbered(0, 8))
         peer.Send(addr, strData);

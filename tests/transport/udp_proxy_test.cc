@@ -28,11 +28,8 @@ TEST(UdpProxyTest, EachSendStaysOneDatagram) {
     listener.m_Sink.m_bEcho = TRUE;
     const auto pTransport = network.Connect(listener.m_Addr, UDP);
     ASSERT_TRUE(pTransport);
-    CDatagramSink sink;
-    EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
-    DWORD dwType = 0;
-    EXPECT_EQ(CM_OK, pTransport->GetOption(CM_OPT_TRANSPORT_TRAN_TYPE, &dwType));
-    EXPECT_EQ(2u, dwType);
+    CDatagramSink sink(*pTransport);
+    EXPECT_EQ(2u, Get<DWORD>(*pTransport, CM_OPT_TRANSPORT_TRAN_TYPE));
 
     const Datagrams all{"a", "", Pattern(65507), "", "bc"};
     CCmTransportParameter para;
@@ -52,10 +49,8 @@ TEST(UdpProxyTest, ABurstTakesFewCallsAndGoesOutBeforeTheEnd) {
     CTestNetwork network;
     CPlainUdp peer;
     auto pTransport = network.Connect(peer.Addr(), UDP);
-    CDatagramSink sink;
-    EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
-    ICmTransport* pInner = nullptr;
-    EXPECT_EQ(CM_OK, pTransport->GetOption(CM_OPT_TRANSPORT_INNER_TRANSPORT, &pInner));
+    CDatagramSink sink(*pTransport);
+    auto* pInner = Get<ICmTransport*>(*pTransport, CM_OPT_TRANSPORT_INNER_TRANSPORT);
     uint64_t ullCalls = 0;
     network.InNetwork([&] {  // holds the network thread until all are waiting
         CCmEventThread done;

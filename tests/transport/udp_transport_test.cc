@@ -63,8 +63,7 @@ TEST_F(UdpTest, EachSendIsOneDatagram) {
 TEST_F(UdpTest, WhatIsAlreadyThereSharesSystemCalls) {
     CPlainUdp peer;
     const auto pTransport = Connect(peer.Addr());
-    CDatagramSink sink;
-    EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
+    CDatagramSink sink(*pTransport);
     for (const std::string& strData : Numbered(0, 100))
         EXPECT_EQ(CM_OK, SendText(*pTransport, strData));
     Turns();
@@ -110,23 +109,15 @@ TEST_F(UdpTest, ARefusalByThePeersSystemEndsItOnce) {
 TEST_F(UdpTest, APauseLosesNothing) {
     CPlainUdp peer;
     const auto pTransport = Connect(peer.Addr());
-    CDatagramSink sink;
-    EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
-    BOOL bPause = TRUE;
-    sink.m_Receive = [&] {
-        if (sink.m_nReceives % 10 == 3) {
-            EXPECT_EQ(CM_OK, pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
-        }
-    };
-    CCmInetAddr addr;
-    EXPECT_EQ(CM_OK, pTransport->GetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &addr));
+    CDatagramSink sink(*pTransport);
+    sink.m_Receive = [&] { Set(*pTransport, CM_OPT_TRANSPORT_PAUSE_READING, BOOL{sink.m_nReceives % 10 == 3}); };
+    const auto addr = Get<CCmInetAddr>(*pTransport, CM_OPT_TRANSPORT_LOCAL_ADDR);
     for (const std::string& strData : Numbered(0, 50))
         peer.Send(addr, strData);
     Turns();
     EXPECT_EQ(Numbered(0, 3), sink.m_Datagrams);
     for (int nStop = 13; nStop < 50; nStop += 10) {
-        BOOL bGoOn = FALSE;
-        EXPECT_EQ(CM_OK, pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bGoOn));
+        Set(*pTransport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
         EXPECT_EQ(Numbered(0, nStop - 10), sink.m_Datagrams);  // nothing from inside the call
         Turns();
         EXPECT_EQ(Numbered(0, nStop), sink.m_Datagrams);
@@ -137,10 +128,8 @@ TEST_F(UdpTest, TheSinkMayEndItInTheMiddleOfABatch) {
     CPlainUdp peer;
     for (const BOOL bRelease : {FALSE, TRUE}) {
         auto pTransport = Connect(peer.Addr());
-        CDatagramSink sink;
-        EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
-        CCmInetAddr addr;
-        EXPECT_EQ(CM_OK, pTransport->GetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &addr));
+        CDatagramSink sink(*pTransport);
+        const auto addr = Get<CCmInetAddr>(*pTransport, CM_OPT_TRANSPORT_LOCAL_ADDR);
         for (const std::string& strData : Numbered(0, 10))
             peer.Send(addr, strData);
         sink.m_bEcho = TRUE;
@@ -160,29 +149,22 @@ TEST_F(UdpTest, OptionsAnswerForDatagrams) {
     CCmTraceCapture trace;
     CPlainUdp peer;
     const auto pTransport = Connect(peer.Addr());
-    DWORD dwValue = 0;
-    BOOL bValue = FALSE;
-    CCmInetAddr addr;
-    EXPECT_EQ(CM_OK, pTransport->GetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &addr));
+    auto addr = Get<CCmInetAddr>(*pTransport, CM_OPT_TRANSPORT_LOCAL_ADDR);
     peer.Send(addr, "12345");
-    EXPECT_EQ(CM_OK, pTransport->GetOption(CM_OPT_TRANSPORT_FIO_NREAD, &dwValue));
-    EXPECT_EQ(5u, dwValue);
-    EXPECT_EQ(CM_OK, pTransport->GetOption(CM_OPT_TRANSPORT_SOCK_ALIVE, &bValue));
-    EXPECT_TRUE(bValue);
-    dwValue = 0x10;
-    EXPECT_EQ(CM_OK, pTransport->SetOption(CM_OPT_TRANSPORT_TOS, &dwValue));
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, pTransport->GetOption(102, &dwValue));
+    EXPECT_EQ(5u, Get<DWORD>(*pTransport, CM_OPT_TRANSPORT_FIO_NREAD));
+    EXPECT_TRUE(Get<BOOL>(*pTransport, CM_OPT_TRANSPORT_SOCK_ALIVE));
+    Set(*pTransport, CM_OPT_TRANSPORT_TOS, DWORD{0x10});
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, pTransport->GetOption(102, &addr));
     EXPECT_EQ(CM_ERROR_INVALID_ARG, pTransport->SetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &addr));
     EXPECT_TRUE(trace.Contains("CCmTransportUdp::GetOption, unknow aCommand=102 aArg="));
     EXPECT_TRUE(trace.Contains("CCmTransportUdp::SetOption, unknow aCommand=104 aArg="));
     EXPECT_EQ(CM_ERROR_INVALID_ARG, pTransport->SetOption(CM_OPT_TRANSPORT_TOS, nullptr));
 
-    HANDLE fd = 0;
-    EXPECT_EQ(CM_OK, pTransport->GetOption(CM_OPT_TRANSPORT_FD, &fd));
+    HANDLE fd = Get<HANDLE>(*pTransport, CM_OPT_TRANSPORT_FD);
     const CTestFd detached(fd);
     EXPECT_EQ(CM_ERROR_INVALID_ARG, pTransport->SetOption(CM_OPT_TRANSPORT_FD, &fd));
-    fd = CM_INVALID_HANDLE;
-    EXPECT_EQ(CM_OK, pTransport->SetOption(CM_OPT_TRANSPORT_FD, &fd));
+    Set(*pTransport, CM_OPT_TRANSPORT_FD, CM_INVALID_HANDLE);
+    BOOL bValue = TRUE;
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, pTransport->GetOption(CM_OPT_TRANSPORT_SOCK_ALIVE, &bValue));
     EXPECT_FALSE(bValue);
     EXPECT_EQ("12345", detached.Read());
