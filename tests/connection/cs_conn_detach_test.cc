@@ -171,7 +171,8 @@ TEST_F(CsConnDetachTest, EachMessageArrivesOnceOverManyTransports) {
     EXPECT_EQ(CM_OK, m_pConn->Disconnect(CM_OK));
 }
 
-// A pause holds for the next transport; data waits for the handshake; a peer that has lost count ends it.
+// A pause holds for the next transport, a begun request does not; data waits for the response; a counter that does not fit is
+// refused.
 TEST_F(CsConnDetachTest, StatusPauseAndMisfit) {
     BOOL bPause = TRUE;
     Attach();
@@ -182,11 +183,17 @@ TEST_F(CsConnDetachTest, StatusPauseAndMisfit) {
     EXPECT_EQ(CConnBase::CS_STATUS_RECONNECTING, m_pConn->GetCurrStatus());
     EXPECT_EQ(static_cast<ICmTransportSink*>(this), m_pConn->GetSink());
     EXPECT_EQ(CM_OK, m_pConn->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+    EXPECT_DEBUG_DEATH(m_pConn->SetCurrStatus(CConnBase::CS_STATUS_HANDSHAKE), "");
+    EXPECT_EQ(CConnBase::CS_STATUS_RECONNECTING, m_pConn->GetCurrStatus());
 
+    m_pLower = CCmRefPtrT<CFakeLower>(new CFakeLower);
+    m_pLower->m_dwRoom = 3;  // for half a request
+    m_pConn->Begin(*m_pLower);
+    Lose();
     m_pLower = CCmRefPtrT<CFakeLower>(new CFakeLower);
     m_pConn->Begin(*m_pLower);
     EXPECT_TRUE(m_pLower->m_bPaused);
-    m_pLower->TakeSent();
+    EXPECT_EQ(std::string("\1\0\0\0\0\0\7\17", 8), m_pLower->TakeSent());
     EXPECT_EQ(CM_OK, SendText(*m_pConn, "d"));
     EXPECT_EQ("", m_pLower->TakeSent());
     m_pLower->Receive("\2" + Bytes(5) + std::string("\0\7\17", 3));
