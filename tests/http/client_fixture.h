@@ -1,6 +1,7 @@
 // HTTP clients whose servers are scripts: no sockets, no threads, one loop.
 #pragma once
 
+#include "talvo/event/timer_wrapper_id.h"
 #include "talvo/http/channel/channel_options.h"
 #include "talvo/http/channel_manager.h"
 #include "talvo/http/client/channel_http_client.h"
@@ -137,30 +138,29 @@ private:
     std::vector<CAnswers> m_Playing;
 };
 
-// Connects to a script.
-class CScriptConnector : public ACmConnectorInternal {
+// Connects to a script. What is released meanwhile is deleted before.
+class CScriptConnector : public ACmConnectorInternal, private CCmTimerWrapperIDSink {
 public:
     explicit CScriptConnector(ACmConnectorUpper& aUpper) : m_Upper(aUpper) {}
     static ACmConnectorInternal* Make(ICmReactor*, ACmConnectorUpper& aUpper) { return new CScriptConnector(aUpper); }
 
     int Connect(const CCmInetAddr& aAddr, CCmInetAddr*) override {
-        m_pAttempt = std::make_shared<CCmInetAddr>(aAddr);
-        const auto report = [this, pAttempt = std::weak_ptr(m_pAttempt)] {
-            const auto pAddr = pAttempt.lock();
-            if (!pAddr)
-                return;
-            const CCmRefPtrT<CScriptPeer> pPeer = CScriptServer::Connect(*pAddr);
-            m_Failure = pPeer ? CCmFailure() : CCmFailure(ECONNREFUSED, "connect to", *pAddr);
-            m_Upper.OnConnectIndication(pPeer ? CM_OK : CM_ERROR_NETWORK_CONNECT_ERROR, pPeer.Get(), this);
-        };
-        PostTo(*CCmThreadManager::Instance()->GetThreadEventQueue(CCmThreadManager::TT_CURRENT), report);
+        m_Addr = aAddr;
+        m_Timer.Schedule(this, CCmTimeValue::s_tvZero, 1);
         return 0;
     }
-    void Close() override { m_pAttempt.reset(); }
+    void Close() override { m_Timer.Cancel(); }
 
 private:
+    void OnTimer(CCmTimerWrapperID*) override {
+        const CCmRefPtrT<CScriptPeer> pPeer = CScriptServer::Connect(m_Addr);
+        m_Failure = pPeer ? CCmFailure() : CCmFailure(ECONNREFUSED, "connect to", m_Addr);
+        m_Upper.OnConnectIndication(pPeer ? CM_OK : CM_ERROR_NETWORK_CONNECT_ERROR, pPeer.Get(), this);
+    }
+
     ACmConnectorUpper& m_Upper;
-    std::shared_ptr<CCmInetAddr> m_pAttempt;
+    CCmInetAddr m_Addr;
+    CCmTimerWrapperID m_Timer;
 };
 
 // A client of the calling thread with its sink.

@@ -67,6 +67,7 @@ TEST_F(HttpClientPoolTest, LimitsAndWaitingInTurn) {
         EXPECT_EQ(i == 3 ? "0 " : "200 x", clients[i]->Result());
     EXPECT_EQ("200 x", Get(server));
     EXPECT_EQ(2u, server.GetConnections());
+    EXPECT_EQ(6u, server.m_Requests.size());
 
     limits.m_dwMaxIdle = 0;
     EXPECT_EQ(CM_OK, CCmChannelManager::Instance()->SetHttpPoolLimits(limits));

@@ -129,6 +129,7 @@ TEST_F(HttpClientTest, EndsWhereverTheSinkWants) {
                 end();
             RunUntil([&] { return bDone; });
             Turn();
+            EXPECT_EQ(nWhere == 0, server.m_Requests.empty()) << "what was given up is asked for";
             EXPECT_EQ(nWhere > 0, client.m_Sink.m_nConnects);
             EXPECT_EQ(nWhere < 2 ? 0 : nWhere == 2 ? 1 : 2, client.m_Sink.m_nReceives);
             EXPECT_EQ(nWhere == 3, client.m_Sink.m_nDisconnects);
