@@ -5,12 +5,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
+#include "talvo/base/live_counter.h"
 #include "talvo/base/name_resolver.h"
 #include "talvo/base/trace.h"
 #include "talvo/base/with_memory.h"
 
 namespace {
+
+CCmLiveCounter s_Live("CAddrRecord");
 
 constexpr size_t MAX_HOST_LENGTH = 255;
 
@@ -27,6 +31,14 @@ union CImmortalAddr {
 
 constinit const CCmInetAddr& CCmInetAddr::s_InetAddrAny = s_Any.m_Addr;
 
+namespace talvo {
+
+CAddrRecord::CAddrRecord(const char* aGivenName) : m_strGivenName(aGivenName) { ++s_Live; }
+
+CAddrRecord::~CAddrRecord() { --s_Live; }
+
+}  // namespace talvo
+
 CCmInetAddr::CCmInetAddr(const char* aHostName, WORD aPort) { Set_i(aHostName, aPort); }
 
 CCmInetAddr::CCmInetAddr(const char* aIpAddrAndPort) { Set_i(aIpAddrAndPort); }
@@ -41,13 +53,22 @@ CmResult CCmInetAddr::Set(const char* aIpAddrAndPort) {
     return talvo::WithMemory([&] { rv = Set_i(aIpAddrAndPort); }) ? rv : CM_ERROR_OUT_OF_MEMORY;
 }
 
-// Assign the name first: only this can fail.
-CmResult CCmInetAddr::Set_i(const char* aHostName, WORD aPort) {
+CmResult CCmInetAddr::SetName(const char* aHostName, WORD aPort) {
+    return talvo::WithMemory([&] { SetName_i(aHostName, aPort); }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+}
+
+// Assign the names first: only this can fail. aHostName may be this address's own name.
+void CCmInetAddr::SetName_i(const char* aHostName, WORD aPort) {
     DWORD dwAddr = 0;
     const BOOL bAddress = IpAddrStringTo4Bytes(aHostName, dwAddr);
-    m_strHostName = bAddress ? "" : aHostName;  // aHostName is not null here: a null name counts as an address
-    m_bNoAddress = FALSE;
+    CCmString strName(bAddress ? "" : aHostName);  // not null: null counts as an address
+    m_pRecord = bAddress ? nullptr : new talvo::CAddrRecord(aHostName);
+    m_strHostName = std::move(strName);
     m_SockAddr = {AF_INET, htons(aPort), {bAddress ? dwAddr : 0}, {}};
+}
+
+CmResult CCmInetAddr::Set_i(const char* aHostName, WORD aPort) {
+    SetName_i(aHostName, aPort);
     return TryResolve();
 }
 
@@ -72,9 +93,13 @@ CmResult CCmInetAddr::SetIpAddrByString(const char* aIpAddr) {
 }
 
 CmResult CCmInetAddr::SetIpAddrBy4Bytes(DWORD aIpAddr, BOOL aIsNetworkOrder) {
+    m_pRecord.Reset();
+    return SetResolvedIpAddr(aIsNetworkOrder ? aIpAddr : htonl(aIpAddr));
+}
+
+CmResult CCmInetAddr::SetResolvedIpAddr(DWORD aIpAddr) {
     m_strHostName.clear();
-    m_bNoAddress = FALSE;
-    m_SockAddr.sin_addr.s_addr = aIsNetworkOrder ? aIpAddr : htonl(aIpAddr);
+    m_SockAddr.sin_addr.s_addr = aIpAddr;
     return CM_OK;
 }
 
@@ -91,20 +116,12 @@ CmResult CCmInetAddr::TryResolve() {
         return CM_ERROR_WOULD_BLOCK;
     DWORD dwAddr = INADDR_NONE;
     const CmResult rv = pResolver->ResolveFromCache(m_strHostName, dwAddr);
-    if (rv != CM_OK)
-        return rv;
-    m_bNoAddress = dwAddr == INADDR_NONE;
-    if (!m_bNoAddress)
-        m_strHostName.clear();
-    m_SockAddr.sin_addr.s_addr = dwAddr;
-    return CM_OK;
+    if (rv == CM_OK)
+        SetResolvedIpAddr(dwAddr);
+    return rv;
 }
 
 WORD CCmInetAddr::GetPort() const { return ntohs(m_SockAddr.sin_port); }
-
-CCmString CCmInetAddr::GetHostName() const { return m_bNoAddress ? CCmString() : m_strHostName; }
-
-CCmString CCmInetAddr::GetFailedName() const { return HasFailed_i() ? m_strHostName : CCmString(); }
 
 CCmString CCmInetAddr::GetIpDisplayName() const {
     return IsResolved() ? IpAddr4BytesToString(GetIpAddrIn4Bytes()) : m_strHostName;
@@ -113,7 +130,7 @@ CCmString CCmInetAddr::GetIpDisplayName() const {
 void CCmInetAddr::Print(char* aText, DWORD aSize) const {
     char szDotted[INET_ADDRSTRLEN] = {};
     inet_ntop(AF_INET, &m_SockAddr.sin_addr, szDotted, sizeof szDotted);
-    std::snprintf(aText, aSize, "%s:%u", HasAddress() ? szDotted : m_strHostName.c_str(), unsigned{GetPort()});
+    std::snprintf(aText, aSize, "%s:%u", HasAddress() ? szDotted : GetGivenName(), unsigned{GetPort()});
 }
 
 bool CCmInetAddr::operator==(const CCmInetAddr& aRight) const {

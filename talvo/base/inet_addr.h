@@ -6,12 +6,31 @@
 #include <string_view>
 
 #include "talvo/base/export.h"
+#include "talvo/base/ref_ptr.h"
+#include "talvo/base/reference_control.h"
 #include "talvo/base/result.h"
 #include "talvo/base/types.h"
 
+namespace talvo {
+
+// The part of an address that few addresses have. The copies of an address share one record, also across threads, so a record
+// never changes.
+class TALVO_API CAddrRecord final : public CCmReferenceControlT<CCmMutexThread> {
+public:
+    explicit CAddrRecord(const char* aGivenName);
+    ~CAddrRecord() override;
+
+    const char* GetGivenName() const { return m_strGivenName.c_str(); }
+
+private:
+    const CCmString m_strGivenName;
+};
+
+}  // namespace talvo
+
 // An address and port in the form of the socket calls (network byte order), or a port and a pending host name. The value is
 // resolved if and only if no name is pending; while one is pending, the address field has no meaning. If a look-up finds no
-// address for the name, the value counts as resolved: the address is 255.255.255.255, the name is kept for messages, and
+// address for the name, the value counts as resolved: the address is 255.255.255.255, messages show the name, and
 // connectors and acceptors refuse it without a system call. A plain value: do not share it between threads without a lock.
 class TALVO_API CCmInetAddr {
 public:
@@ -23,6 +42,10 @@ public:
     // aHostName is a dotted address, a host name, or null or "" for 0.0.0.0; aPort is in host order. CM_OK, or for a name the
     // result of TryResolve. CM_ERROR_OUT_OF_MEMORY.
     CmResult Set(const char* aHostName, WORD aPort);
+
+    // As Set, but without a look-up: a name stays pending. For callers whose proxy resolves names. CM_OK, also for a literal
+    // address, which is no name. CM_ERROR_OUT_OF_MEMORY: nothing changes.
+    CmResult SetName(const char* aHostName, WORD aPort);
 
     // "host:port"; without a colon the port is 0, with a trace line. CM_ERROR_INVALID_ARG: null. CM_ERROR_NOT_AVAILABLE: the
     // host has 256 characters or more. Both change nothing. Otherwise as Set above.
@@ -37,11 +60,14 @@ public:
     static CmResult Parse(std::string_view aHostAndPort, CCmInetAddr& aAddr, CCmString* aReason = nullptr);
 
     // Sets a literal address only, in any form that inet_addr() accepts (also "1.2" and "0x7f.1"); null or "" is 0.0.0.0.
-    // Removes a pending name. CM_ERROR_FAILURE: not an address, and nothing changes.
+    // Removes the name, pending or given. CM_ERROR_FAILURE: not an address, and nothing changes.
     CmResult SetIpAddrByString(const char* aIpAddr);
 
-    CmResult SetIpAddrBy4Bytes(DWORD aIpAddr, BOOL aIsNetworkOrder = TRUE);  // removes a pending name; CM_OK
+    CmResult SetIpAddrBy4Bytes(DWORD aIpAddr, BOOL aIsNetworkOrder = TRUE);  // removes the name, too; CM_OK
     CmResult SetPort(WORD aPort);                                            // host order; CM_OK
+
+    // Completes a pending name with an address that the caller has looked up, in network order; the given name stays. CM_OK.
+    CmResult SetResolvedIpAddr(DWORD aIpAddr);
 
     // Resolves a pending name from the resolver's cache; never waits. CM_OK: resolved, or no name was pending; a name that has
     // no address, as the cache says, becomes 255.255.255.255. CM_ERROR_WOULD_BLOCK: the look-up is under way, or there is no
@@ -57,20 +83,23 @@ public:
     const sockaddr_in* GetPtr() const { return &m_SockAddr; }
     sockaddr_in* GetPtr() { return &m_SockAddr; }
 
-    BOOL IsResolved() const { return m_bNoAddress || m_strHostName.empty(); }
-    CCmString GetHostName() const;       // "" when resolved
-    CCmString GetIpDisplayName() const;  // the pending name, or the dotted address
+    BOOL IsResolved() const { return m_strHostName.empty(); }
+    CCmString GetHostName() const { return m_strHostName; }  // "" when resolved
+    CCmString GetIpDisplayName() const;                      // the pending name, or the dotted address
 
-    // The name for which a look-up found no address, or "".
-    CCmString GetFailedName() const;
+    // The host name that the address was made from, also after its look-up; "" for a literal address, and once the caller has
+    // set another address. Certificates are checked against it. Valid until the address is set again or destroyed.
+    const char* GetGivenName() const { return m_pRecord ? m_pRecord->GetGivenName() : ""; }
+    // The given name if a look-up found no address for it, or "". Valid as above.
+    const char* GetFailedName() const { return IsResolved() && !HasAddress() ? GetGivenName() : ""; }
     // TRUE: resolved, and the look-up found an address.
-    BOOL HasAddress() const { return IsResolved() && !HasFailed_i(); }
+    BOOL HasAddress() const { return IsResolved() && !(m_pRecord && GetIpAddrIn4Bytes() == INADDR_NONE); }
 
-    // aText (out): "host:port" with a terminator, cut to aSize bytes. Allocates nothing. The host is the name if there is one,
-    // with or without an address.
+    // aText (out): "host:port" with a terminator, cut to aSize bytes. Allocates nothing. The host is the name if there is no
+    // address.
     void Print(char* aText, DWORD aSize) const;
 
-    // Compares family, port and address, not a pending name.
+    // Compares family, port and address, not the names.
     bool operator==(const CCmInetAddr& aRight) const;
 
     // An order for map keys: first the stored address, read as a number of this machine, then the stored port, read the same
@@ -86,12 +115,12 @@ public:
     static const CCmInetAddr& s_InetAddrAny;
 
 private:
+    void SetName_i(const char* aHostName, WORD aPort);
     CmResult Set_i(const char* aHostName, WORD aPort);
     CmResult Set_i(const char* aIpAddrAndPort);
     static CmResult Parse_i(std::string_view aHostAndPort, CCmInetAddr& aAddr, CCmString* aReason);
-    BOOL HasFailed_i() const { return m_bNoAddress && m_SockAddr.sin_addr.s_addr == INADDR_NONE; }
 
     sockaddr_in m_SockAddr{AF_INET, 0, {0}, {}};
     CCmString m_strHostName;
-    BOOL m_bNoAddress = FALSE;  // a look-up found no address, and the address is 255.255.255.255
+    CCmRefPtrT<talvo::CAddrRecord> m_pRecord;  // null: a plain address
 };

@@ -79,10 +79,7 @@ CmResult CCmInetAddr::Parse_i(std::string_view aHostAndPort, CCmInetAddr& aAddr,
     if (!port)
         return Refuse(aReason, "the port is not a number from 0 to 65535");
     CCmInetAddr addr;
-    addr.m_SockAddr.sin_addr = literal;
-    addr.SetPort(*port);
-    if (!bLiteral)
-        addr.m_strHostName = strHost;
+    addr.SetName_i(strHost.c_str(), *port);
     aAddr = std::move(addr);
     return CM_OK;
 }

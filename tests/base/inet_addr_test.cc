@@ -91,6 +91,28 @@ TEST(InetAddr, NamesWaitForTheResolversCache) {
     EXPECT_TRUE(addr == CCmInetAddr("10.0.0.1", 7));
 }
 
+TEST(InetAddr, AGivenNameOutlivesItsResolution) {
+    const CResolver resolver;
+    CCmInetAddr addr("known", 7);  // resolved at once
+    const CCmInetAddr copy = addr;
+    EXPECT_EQ("10.0.0.1", addr.GetIpDisplayName());
+    EXPECT_TRUE(addr == CCmInetAddr("10.0.0.1", 7));
+    EXPECT_EQ(CM_OK, addr.SetName(addr.GetGivenName(), 8));  // asks no resolver
+    EXPECT_EQ("known", addr.GetHostName());
+    EXPECT_EQ(CM_OK, addr.SetResolvedIpAddr(htonl(0x0A000002)));
+    EXPECT_STREQ("known", addr.GetGivenName());
+    EXPECT_TRUE(addr == CCmInetAddr("10.0.0.2:8"));
+    for (const auto& set : {+[](CCmInetAddr& a) { return a.SetIpAddrByString("10.0.0.3"); },
+                            +[](CCmInetAddr& a) { return a.SetIpAddrBy4Bytes(1); },
+                            +[](CCmInetAddr& a) { return a.SetName("10.0.0.3", 7); },
+                            +[](CCmInetAddr& a) { return CCmInetAddr::Parse("10.0.0.3:7", a); }}) {
+        addr = copy;
+        EXPECT_EQ(CM_OK, set(addr));
+        EXPECT_STREQ("", addr.GetGivenName());
+    }
+    EXPECT_STREQ("known", copy.GetGivenName());
+}
+
 TEST(AddressFunctions, TextsLongerThanTheirBuffers) {
     EXPECT_STREQ(id_2_ip(0xFFFFFFFF), "255.255.255.255");
     EXPECT_EQ(ip_2_id(("1.2.3." + std::string(1000, '0')).c_str()), 0x01020300u);

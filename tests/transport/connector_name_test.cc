@@ -72,6 +72,18 @@ TEST_F(ConnectorNameTest, EachEndOfAnAttemptByNameIsReportedOnceWithItsReason) {
     EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, Connect(addrNowhere));
 }
 
+TEST_F(ConnectorNameTest, AConnectorsTransportHasTheGivenName) {
+    CTestClient client(UDP);
+    client.Connect(At("good"));
+    RunUntil([&] { return client.Count() > 0; });
+    ICmTransport* pInner = nullptr;
+    ASSERT_EQ(CM_OK, client.m_Transports.at(0)->GetOption(CM_OPT_TRANSPORT_INNER_TRANSPORT, &pInner));
+    CCmInetAddr addr;
+    m_Network.InNetwork([&] { EXPECT_EQ(CM_OK, pInner->GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &addr)); });
+    EXPECT_EQ("127.0.0.1", addr.GetIpDisplayName());
+    EXPECT_STREQ("good", addr.GetGivenName());
+}
+
 TEST_F(ConnectorNameTest, ANameWithoutAddressEndsWith20007AndOneLine) {
     CCmTraceCapture trace;
     for (const DWORD dwType : {TCP, UDP}) {

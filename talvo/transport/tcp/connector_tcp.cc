@@ -70,7 +70,7 @@ template <class TransportType>
 int CCmConnectorTcpT<TransportType>::ConnectTo_i(const std::vector<DWORD>& aAddresses) {
     std::vector<CCmInetAddr> addrs(aAddresses.size(), m_AddrPeer);
     for (size_t i = 0; i < addrs.size(); ++i)
-        addrs[i].SetIpAddrBy4Bytes(aAddresses[i]);
+        addrs[i].SetResolvedIpAddr(aAddresses[i]);
     const int nRv = m_Race.Start(std::move(addrs), m_AddrLocal, m_pTransport);
     if (nRv != 0) {
         m_Failure = m_Race.GetFailure();

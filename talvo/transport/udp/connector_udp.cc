@@ -52,7 +52,7 @@ int CCmConnectorUdpT<TransportType>::ConnectToName_i(const CCmString& aName) {
 template <class TransportType>
 int CCmConnectorUdpT<TransportType>::ConnectToAny_i(const std::vector<DWORD>& aAddresses) {
     for (const DWORD dwAddress : aAddresses) {
-        m_AddrPeer.SetIpAddrBy4Bytes(dwAddress);
+        m_AddrPeer.SetResolvedIpAddr(dwAddress);
         if (Connect_i() != -1)
             return 1;
     }
