@@ -27,14 +27,14 @@ class TALVO_API CCmConnectionManager : public CCmCleanUpBase {
 public:
     // A connection type is a base type in the low 16 bits and flags; CTYPE_PDU_RELIABLE is three of them.
     enum CType : DWORD {
-        CTYPE_TCP = 0x1,
-        CTYPE_UDP = 0x2,
-        CTYPE_FORCE_THREAD_PROXY = 0x20000,  // a proxy even in the network thread
-        CTYPE_SEND_NO_PARTIAL_DATA = talvo::TYPE_NO_PARTIAL_DATA,
-        CTYPE_PDU_LENGTH = 0x08000000,
-        CTYPE_PDU_PACKAGE = talvo::TYPE_PACKAGE,
-        CTYPE_PDU_KEEPALIVE = 0x20000000,
-        CTYPE_PDU_RELIABLE = 0x70000000
+        CTYPE_TCP = CM_TRANSPORT_TYPE_TCP,
+        CTYPE_UDP = CM_TRANSPORT_TYPE_UDP,
+        CTYPE_FORCE_THREAD_PROXY = talvo::CConnectionType::FORCE_THREAD_PROXY,  // a proxy even in the network thread
+        CTYPE_SEND_NO_PARTIAL_DATA = talvo::CConnectionType::NO_PARTIAL_DATA,
+        CTYPE_PDU_LENGTH = talvo::CConnectionType::LENGTH,
+        CTYPE_PDU_PACKAGE = talvo::CConnectionType::PACKAGE,
+        CTYPE_PDU_KEEPALIVE = talvo::CConnectionType::KEEPALIVE,
+        CTYPE_PDU_RELIABLE = talvo::CConnectionType::RELIABLE
     };
     using CPriority = ECmTransportPriority;
 
@@ -76,9 +76,9 @@ public:
 
     // A new connector or acceptor with one reference for the caller, null on failure.
     // CM_ERROR_INVALID_ARG: no such base type. CM_ERROR_FAILURE: flags that name no connection. CM_ERROR_NOT_IMPLEMENTED: a
-    // type that is not offered (today a base type other than CTYPE_TCP and CTYPE_UDP, CTYPE_PDU_RELIABLE, and CTYPE_PDU_LENGTH
-    // over CTYPE_UDP). CM_ERROR_NULL_POINTER: the calling thread has no event queue, or the network thread is gone.
-    // CM_ERROR_OUT_OF_MEMORY.
+    // type that is not offered (today a base type other than CTYPE_TCP, CTYPE_UDP and those of cm_offer_base_type,
+    // CTYPE_PDU_RELIABLE, and CTYPE_PDU_LENGTH over CTYPE_UDP). CM_ERROR_NULL_POINTER: the calling thread has no event queue,
+    // or the network thread is gone. CM_ERROR_OUT_OF_MEMORY.
     CmResult CreateConnectionClient(DWORD aType, ICmConnector*& aConnector);
     CmResult CreateConnectionServer(DWORD aType, ICmAcceptor*& aAcceptor);
     CmResult CreateDetectionConnectionClient(ICmDetectionConnector*& aConnector);  // CM_ERROR_NOT_IMPLEMENTED today

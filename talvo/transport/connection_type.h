@@ -1,11 +1,60 @@
-// The flags of a connection's type that every room reads.
+// A connection type, read.
 #pragma once
 
-#include "talvo/base/types.h"
+#include "talvo/base/export.h"
+#include "talvo/transport/transport_interface.h"
 
 namespace talvo {
 
-inline constexpr DWORD TYPE_NO_PARTIAL_DATA = 0x00100000;
-inline constexpr DWORD TYPE_PACKAGE = 0x10000000;
+//  31              20  18    16                 0
+//  | protocol flags | 0 | thr | base type        |
+//
+// The base type says what lies below, and a protocol flag which connection lies over that; without one the connection is raw.
+// thr: CTYPE_FORCE_THREAD_PROXY and a bit that only option 107 repeats.
+class TALVO_API CConnectionType {
+public:
+    enum : DWORD {
+        THREAD_FLAG = 0x00010000,
+        FORCE_THREAD_PROXY = 0x00020000,
+        NO_PARTIAL_DATA = 0x00100000,
+        LENGTH = 0x08000000,
+        PACKAGE = 0x10000000,
+        KEEPALIVE = 0x20000000,
+        RELIABLE = 0x70000000,
+        CANONICAL_RELIABLE = 0x74000000  // what a creation reports for RELIABLE; the other kinds report their flag
+    };
+
+    constexpr explicit CConnectionType(DWORD aType) : m_dwType(aType) {}
+
+    constexpr DWORD GetBase() const { return m_dwType & BASE_MASK; }
+    constexpr BOOL Has(DWORD aFlags) const { return (m_dwType & aFlags) == aFlags; }  // all of them
+    constexpr DWORD WithoutThreadFlags() const { return m_dwType & ~THREAD_MASK; }
+    constexpr BOOL HasUnknownFlags() const { return (m_dwType & ~(BASE_MASK | THREAD_MASK | PROTOCOL_MASK)) != 0; }
+
+    // Messages of a protocol, raw bytes or raw datagrams: a type is exactly one of these.
+    constexpr BOOL IsProtocol() const { return (m_dwType & PROTOCOL_MASK) != 0; }
+    constexpr BOOL IsStream() const { return !IsProtocol() && !IsOverDatagrams(); }
+    constexpr BOOL IsDatagrams() const { return !IsProtocol() && IsOverDatagrams(); }
+
+    // The base type carries datagrams; every other carries bytes.
+    constexpr BOOL IsOverDatagrams() const { return GetBase() == CM_TRANSPORT_TYPE_UDP; }
+
+    // Not one base type but two in a race, a direct connector and one through a proxy.
+    constexpr BOOL IsRace() const { return GetBase() == RACE; }
+
+    // What a thread proxy adds to the answer of option 107: the higher one of the two thread flags that are set.
+    constexpr DWORD GetThreadFlag() const { return Has(FORCE_THREAD_PROXY) ? +FORCE_THREAD_PROXY : m_dwType & THREAD_FLAG; }
+
+    // For the trace; every base type but TCP has the second name.
+    const char* GetBaseName() const { return GetBase() == CM_TRANSPORT_TYPE_TCP ? "TCP" : "UDP"; }
+
+private:
+    static constexpr DWORD BASE_MASK = 0x0000FFFF;
+    static constexpr DWORD THREAD_MASK = THREAD_FLAG | FORCE_THREAD_PROXY;
+    static constexpr DWORD PROTOCOL_MASK = 0xFFF00000;
+    static constexpr DWORD RACE = 0x8001;
+
+    DWORD m_dwType;
+};
 
 }  // namespace talvo

@@ -1,4 +1,4 @@
-// What a connector wrapper runs, and the table of what there is.
+// What a connector wrapper runs.
 #pragma once
 
 #include "talvo/base/failure.h"
@@ -35,13 +35,3 @@ public:
 protected:
     CCmFailure m_Failure;  // set before the attempt fails
 };
-
-// Connector types beyond those of the transport room are added by the rooms that make them.
-using CCmConnectorMaker = ACmConnectorInternal* (*)(ICmReactor* aReactor, ACmConnectorUpper& aUpper);
-
-// Registers a maker for a base type (1 TCP, 2 UDP, 4, 8 and 12 SSL, 0x8000 through a proxy), replacing the one before. Any
-// thread. CM_ERROR_INVALID_ARG: no base type, or a null maker.
-TALVO_API CmResult cm_set_connector_maker(DWORD aType, CCmConnectorMaker aMaker);
-
-// CM_OK with the type's maker; CM_ERROR_NOT_IMPLEMENTED: a base type that nobody makes yet; CM_ERROR_INVALID_ARG: none.
-TALVO_API CmResult cm_get_connector_maker(DWORD aType, CCmConnectorMaker& aMaker);

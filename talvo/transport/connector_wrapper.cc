@@ -5,6 +5,7 @@
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
 #include "talvo/event/thread_manager.h"
+#include "talvo/transport/base_types.h"
 
 namespace {
 
@@ -26,14 +27,16 @@ CmResult CCmConnectorWrapper::Init(DWORD aType) {
     m_pReactor = CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_NETWORK);
     if (!m_pReactor)
         return CM_ERROR_NOT_INITIALIZED;
-    CCmConnectorMaker maker = nullptr;
-    const CmResult rv = cm_get_connector_maker(aType, maker);
+    CCmBaseTypeMakers makers;
+    CmResult rv = cm_get_base_type(aType, makers);
+    if (rv == CM_OK && !makers.m_Connector)
+        rv = CM_ERROR_NOT_IMPLEMENTED;
     if (rv != CM_OK) {
         CM_WARNING_TRACE_THIS("CCmConnectorWrapper::Init, error type=" << aType);
         Close_i();
         return rv;
     }
-    m_pConnector.reset(maker(m_pReactor, *this));
+    m_pConnector = makers.m_Connector({aType, m_pReactor, this});
     if (!m_pConnector)
         return CM_ERROR_OUT_OF_MEMORY;
     m_Type = aType;

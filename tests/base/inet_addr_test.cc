@@ -102,10 +102,10 @@ TEST(InetAddr, AGivenNameOutlivesItsResolution) {
     EXPECT_EQ(CM_OK, addr.SetResolvedIpAddr(htonl(0x0A000002)));
     EXPECT_STREQ("known", addr.GetGivenName());
     EXPECT_TRUE(addr == CCmInetAddr("10.0.0.2:8"));
-    for (const auto& set : {+[](CCmInetAddr& a) { return a.SetIpAddrByString("10.0.0.3"); },
-                            +[](CCmInetAddr& a) { return a.SetIpAddrBy4Bytes(1); },
-                            +[](CCmInetAddr& a) { return a.SetName("10.0.0.3", 7); },
-                            +[](CCmInetAddr& a) { return CCmInetAddr::Parse("10.0.0.3:7", a); }}) {
+    for (const auto& set :
+         {+[](CCmInetAddr& a) { return a.SetIpAddrByString("10.0.0.3"); },
+          +[](CCmInetAddr& a) { return a.SetIpAddrBy4Bytes(1); }, +[](CCmInetAddr& a) { return a.SetName("10.0.0.3", 7); },
+          +[](CCmInetAddr& a) { return CCmInetAddr::Parse("10.0.0.3:7", a); }}) {
         addr = copy;
         EXPECT_EQ(CM_OK, set(addr));
         EXPECT_STREQ("", addr.GetGivenName());

@@ -3,6 +3,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "talvo/transport/tcp/acceptor_tcp.h"
+#include "talvo/transport/tcp/connector_tcp.h"
 #include "tests/support/network_fixture.h"
 
 namespace {
@@ -38,11 +40,14 @@ DWORD Exchange(const CTestNetwork& aNetwork, DWORD aType) {
     ICmTransport& theirs = *server.m_Transports.at(0);
     ours.OpenWithSink(&clientSink);
     theirs.OpenWithSink(&serverSink);
-    EXPECT_EQ(CM_OK, SendText(ours, "ping"));
-    aNetwork.RunUntil([&] { return serverSink.m_strReceived == "ping"; });
+    const std::string strPing(300000, 'p');  // more than a socket takes at a time
+    EXPECT_EQ(CM_OK, SendText(ours, strPing));
+    aNetwork.RunUntil([&] { return serverSink.m_strReceived == strPing; });
     const auto dwType = Get<DWORD>(ours, CM_OPT_TRANSPORT_TRAN_TYPE);
     EXPECT_EQ(CM_OK, SendText(theirs, "pong"));
-    EXPECT_EQ(CM_OK, theirs.Disconnect(CM_OK));
+    BOOL bEnd = TRUE;
+    const BOOL bStream = (aType & ~0x3FFFFu) == 0;
+    EXPECT_EQ(CM_OK, bStream ? theirs.SetOption(CM_OPT_TRANSPORT_END_SENDING, &bEnd) : theirs.Disconnect(CM_OK));
     aNetwork.RunUntil([&] { return clientSink.m_nDisconnects == 1; });
     EXPECT_EQ("pong", clientSink.m_strReceived);
     EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, clientSink.m_Reason);
@@ -66,6 +71,23 @@ TEST(ConnectionManagerTest, TypesAreJudgedInTheCallingThread) {
         EXPECT_EQ(CM_ERROR_NULL_POINTER, Judge(DIRECT));
         EXPECT_EQ(CM_ERROR_INVALID_ARG, Judge(3));  // the type comes first
     }).join();
+}
+
+// A made-up transport: TCP under another number.
+TEST(ConnectionManagerTest, AnOfferedBaseTypeIsAStreamLikeAnyOther) {
+    constexpr DWORD MADE_UP = 3;
+    CTestNetwork network;
+    EXPECT_EQ(CM_OK, cm_offer_base_type(MADE_UP, {CCmConnectorTcp::Make, CCmAcceptorTcp::Make}));
+    EXPECT_EQ(DIRECT, Exchange(network, MADE_UP));
+    EXPECT_EQ(DIRECT, Exchange(network, MADE_UP | CCmConnectionManager::CTYPE_PDU_LENGTH));
+    // An offer hides the library's own makers and gives them back.
+    EXPECT_EQ(CM_OK, cm_offer_base_type(CM_TRANSPORT_TYPE_UDP, {nullptr, CCmAcceptorTcp::Make}));
+    CCmRefPtrT<ICmConnector> pConnector;
+    EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, network.Manager().CreateConnectionClient(CM_TRANSPORT_TYPE_UDP, pConnector.ParaOut()));
+    for (const DWORD dwType : {MADE_UP, DWORD{CM_TRANSPORT_TYPE_UDP}})
+        EXPECT_EQ(CM_OK, cm_offer_base_type(dwType, {}));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, Judge(MADE_UP));
+    EXPECT_EQ(CM_OK, Judge(CM_TRANSPORT_TYPE_UDP));
 }
 
 // What becomes of a type in the network thread, and the lines of client and server about it.

@@ -7,7 +7,7 @@
 #include "talvo/http/client/channel_http_client.h"
 #include "talvo/http/message/http_atom_list.h"
 #include "talvo/http/message/http_url.h"
-#include "talvo/transport/connector_internal.h"
+#include "talvo/transport/base_types.h"
 #include "tests/support/channel_sink.h"
 #include "tests/support/fake_lower.h"
 #include "tests/support/network_fixture.h"
@@ -142,7 +142,9 @@ private:
 class CScriptConnector : public ACmConnectorInternal, private CCmTimerWrapperIDSink {
 public:
     explicit CScriptConnector(ACmConnectorUpper& aUpper) : m_Upper(aUpper) {}
-    static ACmConnectorInternal* Make(ICmReactor*, ACmConnectorUpper& aUpper) { return new CScriptConnector(aUpper); }
+    static std::unique_ptr<ACmConnectorInternal> Make(const CCmConnectorSettings& aSettings) {
+        return std::make_unique<CScriptConnector>(*aSettings.m_pUpper);
+    }
 
     int Connect(const CCmInetAddr& aAddr, CCmInetAddr*) override {
         m_Addr = aAddr;
@@ -196,10 +198,11 @@ public:
 class CHttpClientTest : public testing::Test {
 protected:
     CHttpClientTest() {
-        EXPECT_EQ(CM_OK, cm_get_connector_maker(CM_TRANSPORT_TYPE_TCP, m_Maker));
-        EXPECT_EQ(CM_OK, cm_set_connector_maker(CM_TRANSPORT_TYPE_TCP, CScriptConnector::Make));
+        CCmBaseTypeMakers makers;
+        EXPECT_EQ(CM_OK, cm_get_base_type(CM_TRANSPORT_TYPE_TCP, makers));
+        EXPECT_EQ(CM_OK, cm_offer_base_type(CM_TRANSPORT_TYPE_TCP, {CScriptConnector::Make, makers.m_Acceptor}));
     }
-    ~CHttpClientTest() override { cm_set_connector_maker(CM_TRANSPORT_TYPE_TCP, m_Maker); }
+    ~CHttpClientTest() override { cm_offer_base_type(CM_TRANSPORT_TYPE_TCP, {}); }
 
     // The servers answer meanwhile.
     template <class Condition>
@@ -228,7 +231,4 @@ protected:
 
     CCmFakeClock m_Clock;
     const CTestNetwork m_Network{CCmThreadManager::NETWORK_THREAD_MAIN};
-
-private:
-    CCmConnectorMaker m_Maker = nullptr;
 };

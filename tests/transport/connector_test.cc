@@ -46,7 +46,15 @@ TEST_F(ConnectorTest, InitJudgesTheType) {
     m_pConnector = new CCmConnectorWrapper;
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pConnector->Init(3));
     EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, m_pConnector->Init(4));
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, cm_set_connector_maker(3, CCmConnectorTcp::Make));
+    for (const DWORD dwType : {0u, 0x8001u, 0x10001u})
+        EXPECT_EQ(CM_ERROR_INVALID_ARG, cm_offer_base_type(dwType, {CCmConnectorTcp::Make, nullptr}));
+    CmResult rv = CM_OK;
+    DWORD dwOffered = 0;
+    while (dwOffered < 17 && (rv = cm_offer_base_type(0x100 + dwOffered, {CCmConnectorTcp::Make, nullptr})) == CM_OK)
+        ++dwOffered;
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
+    while (dwOffered > 0)
+        cm_offer_base_type(0x100 + --dwOffered, {});
     Start(0);
     EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, Outcome());
     EXPECT_EQ(CM_OK, m_pConnector->Init(CM_TRANSPORT_TYPE_TCP));  // refusals leave it as it was

@@ -6,12 +6,6 @@
 #include "talvo/base/trace.h"
 #include "talvo/transport/tcp_settings.h"
 
-namespace {
-
-constexpr DWORD BASE_TYPE_DATAGRAM_BIT = 0x2;
-
-}  // namespace
-
 CCsConn::CCsConn(DWORD aMaxBufLen) {
     if (aMaxBufLen > 0)
         m_Buffered.emplace(aMaxBufLen, m_Direct);
@@ -23,7 +17,7 @@ void CCsConn::TakeTransport_i(ICmTransport* aTransport) {
     SetTPTransport(aTransport);
     m_cBaseType = 0;
     GetTransportOption_i(CM_OPT_TRANSPORT_TRAN_TYPE, &m_cBaseType);
-    m_bDatagrams = (m_cBaseType & BASE_TYPE_DATAGRAM_BIT) != 0;
+    m_bDatagrams = talvo::CConnectionType(m_cBaseType).IsOverDatagrams();
     m_Direct.SetTransport(aTransport, m_bDatagrams);
     if (aTransport && !m_bDatagrams)
         talvo::AskForLargeReads(*aTransport);

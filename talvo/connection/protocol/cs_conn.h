@@ -9,6 +9,7 @@
 #include "talvo/connection/protocol/connection_options.h"
 #include "talvo/connection/protocol/direct_sending.h"
 #include "talvo/connection/protocol/pdu_reader.h"
+#include "talvo/transport/connection_type.h"
 
 //   upper layer         SendData                              OnReceive, OnSend, OnDisconnect
 //                          |                                       ^
@@ -67,7 +68,7 @@ public:
     void OnSend(ICmTransport* aTrpt, CCmTransportParameter* aPara = nullptr) override;
 
 protected:
-    static constexpr DWORD TYPE_RELIABLE = 0x74000000;
+    static constexpr DWORD TYPE_RELIABLE = talvo::CConnectionType::CANONICAL_RELIABLE;
     enum : BYTE { INSTANCE_NONE = 0, INSTANCE_SERVER = 1, INSTANCE_CLIENT = 2 };
 
     // Takes the transport below and finds out of what type it is.

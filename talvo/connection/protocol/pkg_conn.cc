@@ -11,7 +11,7 @@ constexpr DWORD MAX_BUFFER = 0x10000;
 }  // namespace
 
 CPkgConn::CPkgConn(BYTE aInstanceType) : CCsConn(MAX_BUFFER), m_dwStartTick(get_tick_count()) {
-    m_dwType = talvo::TYPE_PACKAGE;
+    m_dwType = talvo::CConnectionType::PACKAGE;
     m_bNeedACK = FALSE;
     m_byInstanceType = aInstanceType;
 }

@@ -12,7 +12,7 @@ CCmLiveCounter s_Live("CPkgSender");
 
 CPkgSender::CPkgSender() : CCsConn(0) {
     ++s_Live;
-    m_dwType = talvo::TYPE_NO_PARTIAL_DATA;
+    m_dwType = talvo::CConnectionType::NO_PARTIAL_DATA;
 }
 
 CPkgSender::~CPkgSender() { --s_Live; }

@@ -28,6 +28,8 @@ CCmAcceptorTcp::~CCmAcceptorTcp() {
     --s_Live;
 }
 
+CCmRefPtrT<ICmAcceptor> CCmAcceptorTcp::Make(const CCmAcceptorSettings&) { return new (std::nothrow) CCmAcceptorTcp; }
+
 CmResult CCmAcceptorTcp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) {
     m_Est.EnsureSingleThread();
     if (GetHandle() != CM_INVALID_HANDLE)

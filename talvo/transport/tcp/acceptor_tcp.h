@@ -2,6 +2,7 @@
 #pragma once
 
 #include "talvo/transport/acceptor_base.h"
+#include "talvo/transport/base_types.h"
 #include "talvo/transport/socket.h"
 #include "talvo/transport/tcp_settings.h"
 
@@ -13,6 +14,8 @@ class TALVO_API CCmAcceptorTcp : public CCmAcceptorBase, public ACmEventHandler,
 public:
     CCmAcceptorTcp();
     ~CCmAcceptorTcp() override;
+
+    static CCmRefPtrT<ICmAcceptor> Make(const CCmAcceptorSettings& aSettings);  // a CCmAcceptorMaker
 
     // Further: CM_ERROR_NOT_INITIALIZED when there is no network thread, or the reactor's failure to register.
     CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) override;

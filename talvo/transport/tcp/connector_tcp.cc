@@ -8,8 +8,8 @@
 #include "talvo/base/with_memory.h"
 
 template <class TransportType>
-ACmConnectorInternal* CCmConnectorTcpT<TransportType>::Make(ICmReactor* aReactor, ACmConnectorUpper& aUpper) {
-    return new (std::nothrow) CCmConnectorTcpT(aReactor, aUpper);
+std::unique_ptr<ACmConnectorInternal> CCmConnectorTcpT<TransportType>::Make(const CCmConnectorSettings& aSettings) {
+    return std::unique_ptr<ACmConnectorInternal>(new (std::nothrow) CCmConnectorTcpT(aSettings));
 }
 
 template <class TransportType>

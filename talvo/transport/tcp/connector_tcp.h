@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "talvo/event/reactor.h"
-#include "talvo/transport/connector_internal.h"
+#include "talvo/transport/base_types.h"
 #include "talvo/transport/dns/name_lookup.h"
 #include "talvo/transport/tcp/connect_race.h"
 #include "talvo/transport/tcp/transport_tcp.h"
@@ -18,12 +18,11 @@ class CCmConnectorTcpT : public ACmConnectorInternal,
                          private talvo::INameUser,
                          private talvo::CConnectRaceT<TransportType>::IUser {
 public:
-    CCmConnectorTcpT(ICmReactor* aReactor, ACmConnectorUpper& aUpper)
-        : m_pReactor(aReactor), m_Upper(aUpper), m_Race(aReactor, *this) {}
+    explicit CCmConnectorTcpT(const CCmConnectorSettings& aSettings)
+        : m_pReactor(aSettings.m_pReactor), m_Upper(*aSettings.m_pUpper), m_Race(m_pReactor, *this) {}
     ~CCmConnectorTcpT() override;
 
-    // A CCmConnectorMaker.
-    static ACmConnectorInternal* Make(ICmReactor* aReactor, ACmConnectorUpper& aUpper);
+    static std::unique_ptr<ACmConnectorInternal> Make(const CCmConnectorSettings& aSettings);  // a CCmConnectorMaker
 
     int Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal = nullptr) override;
     void Close() override;

@@ -1,15 +1,13 @@
 #include "talvo/transport/thread_proxy/proxy_lane.h"
 
 #include "talvo/base/trace.h"
+#include "talvo/transport/connection_type.h"
 #include "talvo/transport/thread_proxy/proxy_queues.h"
 #include "talvo/transport/udp/datagram_sender.h"
 
 namespace talvo {
 
 namespace {
-
-constexpr DWORD PROTOCOL_MASK = 0xFFF00000;
-constexpr DWORD BASE_TYPE_MASK = 0x0000FFFF;
 
 // As much as one call of the transport takes.
 void Join(CProxyBatch& aBatch) {
@@ -111,9 +109,9 @@ CmResult CMessageLane::SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) {
 CProxyLaneOf::CProxyLaneOf(DWORD aType) : m_Lane(Make(aType)) {}
 
 CProxyLane& CProxyLaneOf::Make(DWORD aType) {
-    if ((aType & PROTOCOL_MASK) != 0)
+    if (CConnectionType(aType).IsProtocol())
         return m_Lanes.emplace<CMessageLane>();
-    if ((aType & BASE_TYPE_MASK) == CM_TRANSPORT_TYPE_UDP)
+    if (CConnectionType(aType).IsDatagrams())
         return m_Lanes.emplace<CDatagramLane>();
     return m_Lanes.emplace<CStreamLane>();
 }

@@ -7,6 +7,7 @@
 #include "talvo/base/trace.h"
 #include "talvo/event/thread_linger.h"
 #include "talvo/event/thread_manager.h"
+#include "talvo/transport/connection_type.h"
 #include "talvo/transport/tcp_settings.h"
 
 namespace talvo {
@@ -17,8 +18,6 @@ CCmLiveCounter s_Live("CCmTransportThreadProxy");
 
 constexpr DWORD TELL_SENT_STEP = 64 * 1024;  // bytes: a lock for each message would be dear, and the whole batch a long wait
 constexpr uint64_t LOOK_STEP = 1 << 20;      // bytes between two looks at the socket's buffers
-constexpr DWORD TYPE_FLAG_HIGH = 0x20000;
-constexpr DWORD TYPE_FLAG_LOW = 0x10000;
 constexpr const char* THREAD_ENDED = "the network thread has ended";
 constexpr const char* CUT_OFF = "not all was sent when the time was over";
 constexpr const char* OUT_OF_MEMORY = "out of memory";
@@ -57,14 +56,14 @@ void CTransportProxyCore::ReadAddresses_i() {
         m_PeerAddr.Store(addr);
     DWORD dwType = 0;
     if (m_pTransport->GetOption(CM_OPT_TRANSPORT_TRAN_TYPE, &dwType) == CM_OK)
-        m_dwTransportType = dwType | (m_dwType & TYPE_FLAG_HIGH ? TYPE_FLAG_HIGH : m_dwType & TYPE_FLAG_LOW);
+        m_dwTransportType = dwType | CConnectionType(m_dwType).GetThreadFlag();
 }
 
 // Looks from time to time how large the system has made the socket's buffers, half of which is payload: a queue that holds less
 // than the way to the peer would be what limits a long one.
 void CTransportProxyCore::Moved_i(uint64_t aBytes) {
     m_ullMoved += aBytes;
-    if (m_ullMoved < LOOK_STEP || !(m_dwTransportType & CM_TRANSPORT_TYPE_TCP) || !m_pTransport)
+    if (m_ullMoved < LOOK_STEP || CConnectionType(m_dwTransportType).IsOverDatagrams() || !m_pTransport)
         return;
     m_ullMoved = 0;
     int nBytes = 0;

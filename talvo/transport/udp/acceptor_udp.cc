@@ -30,6 +30,8 @@ CCmAcceptorUdp::~CCmAcceptorUdp() {
     --s_Live;
 }
 
+CCmRefPtrT<ICmAcceptor> CCmAcceptorUdp::Make(const CCmAcceptorSettings&) { return new (std::nothrow) CCmAcceptorUdp; }
+
 CmResult CCmAcceptorUdp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) {
     m_Est.EnsureSingleThread();
     if (m_pHub)

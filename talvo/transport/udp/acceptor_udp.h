@@ -2,6 +2,7 @@
 #pragma once
 
 #include "talvo/transport/acceptor_base.h"
+#include "talvo/transport/base_types.h"
 #include "talvo/transport/udp/datagram_hub.h"
 
 // One bound socket, and a transport for each address that sends to it. The first datagram of an address hands its transport up
@@ -18,6 +19,8 @@ class TALVO_API CCmAcceptorUdp : public CCmAcceptorBase {
 public:
     CCmAcceptorUdp();
     ~CCmAcceptorUdp() override;
+
+    static CCmRefPtrT<ICmAcceptor> Make(const CCmAcceptorSettings& aSettings);  // a CCmAcceptorMaker
 
     // Further: CM_ERROR_NOT_INITIALIZED when there is no network thread, or the reactor's failure to register.
     CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) override;

@@ -10,8 +10,8 @@
 #include "talvo/base/with_memory.h"
 
 template <class TransportType>
-ACmConnectorInternal* CCmConnectorUdpT<TransportType>::Make(ICmReactor* aReactor, ACmConnectorUpper& aUpper) {
-    return new (std::nothrow) CCmConnectorUdpT(aReactor, aUpper);
+std::unique_ptr<ACmConnectorInternal> CCmConnectorUdpT<TransportType>::Make(const CCmConnectorSettings& aSettings) {
+    return std::unique_ptr<ACmConnectorInternal>(new (std::nothrow) CCmConnectorUdpT(aSettings));
 }
 
 template <class TransportType>

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "talvo/event/reactor.h"
-#include "talvo/transport/connector_internal.h"
+#include "talvo/transport/base_types.h"
 #include "talvo/transport/dns/name_lookup.h"
 #include "talvo/transport/udp/transport_udp.h"
 
@@ -17,11 +17,11 @@ class CCmConnectorUdpT : public ACmConnectorInternal,
                          private ICmTimerHandler,
                          private talvo::INameUser {
 public:
-    CCmConnectorUdpT(ICmReactor* aReactor, ACmConnectorUpper& aUpper) : m_pReactor(aReactor), m_Upper(aUpper) {}
+    explicit CCmConnectorUdpT(const CCmConnectorSettings& aSettings)
+        : m_pReactor(aSettings.m_pReactor), m_Upper(*aSettings.m_pUpper) {}
     ~CCmConnectorUdpT() override { CCmConnectorUdpT::Close(); }
 
-    // A CCmConnectorMaker.
-    static ACmConnectorInternal* Make(ICmReactor* aReactor, ACmConnectorUpper& aUpper);
+    static std::unique_ptr<ACmConnectorInternal> Make(const CCmConnectorSettings& aSettings);  // a CCmConnectorMaker
 
     int Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal = nullptr) override;
     void Close() override;

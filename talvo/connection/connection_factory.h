@@ -1,0 +1,17 @@
+// Makes the connectors and acceptors of a connection type.
+#pragma once
+
+#include "talvo/transport/transport_interface.h"
+
+namespace talvo {
+
+// See the operations of CCmConnectionManager that are named alike. Not its members: a proxy may come here while the manager is
+// being destroyed, when asking for its instance would make a new one.
+CmResult CreateClient(DWORD aType, ICmConnector*& aConnector);
+CmResult CreateServer(DWORD aType, ICmAcceptor*& aAcceptor);
+CmResult CreateClient_i(DWORD aType, ICmConnector*& aConnector);
+CmResult CreateServer_i(DWORD aType, ICmAcceptor*& aAcceptor);
+CmResult CreateCsClient(DWORD& aType, ICmConnector*& aConnector);
+CmResult CreateCsServer(DWORD& aType, ICmAcceptor*& aAcceptor);
+
+}  // namespace talvo

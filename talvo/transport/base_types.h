@@ -1,0 +1,53 @@
+// The table from a base type to what makes its connectors and acceptors.
+#pragma once
+
+#include <memory>
+#include <span>
+
+#include "talvo/base/ref_ptr.h"
+#include "talvo/transport/connector_internal.h"
+#include "talvo/transport/transport_interface.h"
+
+// What a maker is given.
+struct CCmConnectorSettings {
+    DWORD m_dwType;               // the base type that was asked for; one maker may serve several
+    ICmReactor* m_pReactor;       // of the network thread; never null
+    ACmConnectorUpper* m_pUpper;  // what the connector reports to; never null, and outlives the connector
+};
+struct CCmAcceptorSettings {
+    DWORD m_dwType;          // likewise
+    ICmReactor* m_pReactor;  // of the network thread; null: there is none
+};
+
+// Both are called in the network thread. Null: memory ran out.
+using CCmConnectorMaker = std::unique_ptr<ACmConnectorInternal> (*)(const CCmConnectorSettings& aSettings);
+using CCmAcceptorMaker = CCmRefPtrT<ICmAcceptor> (*)(const CCmAcceptorSettings& aSettings);
+
+// A null maker: that side of the type is not offered.
+struct CCmBaseTypeMakers {
+    CCmConnectorMaker m_Connector = nullptr;
+    CCmAcceptorMaker m_Acceptor = nullptr;
+};
+
+// Offers makers for a base type: a new one, or one of the library's, whose own makers then wait behind the offer. The last
+// offer of a type counts. An offer without makers takes the one before back. What was made before stays as it is. Any thread.
+// CM_ERROR_INVALID_ARG: 0, more than 0xFFFF, or 0x8001. CM_ERROR_NOT_AVAILABLE: 16 other types have offers.
+//
+// CCmConnectionManager accepts the type from then on, alone and below a protocol. Every base type but 2 carries bytes: its
+// transports may take a part of a send (CM_ERROR_PARTIAL_DATA) and cut or join what they deliver.
+TALVO_API CmResult cm_offer_base_type(DWORD aType, const CCmBaseTypeMakers& aMakers);
+
+// CM_OK with the makers of a base type; CM_ERROR_INVALID_ARG: there is no such type. Any thread.
+TALVO_API CmResult cm_get_base_type(DWORD aType, CCmBaseTypeMakers& aMakers);
+
+namespace talvo {
+
+struct CBaseType {
+    DWORD m_dwType;
+    CCmBaseTypeMakers m_Makers;
+};
+
+// The library's own. The list stands above the rooms that make transports: talvo/connection/own_base_types.cc.
+std::span<const CBaseType> GetOwnBaseTypes();
+
+}  // namespace talvo
