@@ -45,6 +45,7 @@
 #include "talvo/http/message/http_text.h"
 #include "talvo/http/message/http_url.h"
 #include "talvo/http/server/channel_server.h"
+#include "talvo/transport/base_types.h"
 #include "talvo/transport/dns/dns_manager.h"
 #include "talvo/transport/send_bytes.h"
 #include "talvo/transport/transport_interface.h"

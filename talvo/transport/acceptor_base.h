@@ -4,6 +4,7 @@
 #include "talvo/event/reactor.h"
 #include "talvo/event/thread_link.h"
 #include "talvo/transport/connect_options.h"
+#include "talvo/transport/socket_settings.h"
 
 class ACmThread;
 
@@ -21,6 +22,8 @@ public:
 
 protected:
     CCmFailure GetFailure() const override { return m_Failure; }
+    CmResult SetOption_i(DWORD aCommand, void* aArg) override { return m_Sockets.SetOption(aCommand, aArg); }
+    CmResult GetOption_i(DWORD aCommand, void* aArg) override { return m_Sockets.GetOption(aCommand, aArg); }
     // Whether it may listen now, and that it does. CM_ERROR_NOT_INITIALIZED: there is no network thread.
     // CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain runs.
     CmResult CheckListen_i();
@@ -31,6 +34,7 @@ protected:
     ICmReactor* const m_pReactor;                 // not owned; null: there is no network thread
     ICmAcceptorConnectorSink* m_pSink = nullptr;  // not owned; set while listening
     CCmFailure m_Failure;                         // why the last StartListen failed
+    talvo::CSocketSettings m_Sockets;             // as its user has set them
 
 private:
     void OnThreadEnd() override {}

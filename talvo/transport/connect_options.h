@@ -5,7 +5,7 @@
 
 namespace talvo {
 
-// Answers ICmConnectOptions from what the object knows.
+// Answers ICmConnectOptions: the failure from what the object knows, and each other command as the object does.
 class TALVO_API CConnectOptions : public ICmConnectOptions {
 public:
     CmResult SetOption(DWORD aCommand, void* aArg) override;
@@ -14,9 +14,17 @@ public:
 protected:
     // Of the last attempt, or of the last StartListen.
     virtual CCmFailure GetFailure() const = 0;
+
+    // aArg is not null. CM_ERROR_INVALID_ARG: an unknown command, or a value that it cannot have.
+    virtual CmResult SetOption_i(DWORD aCommand, void* aArg);
+    virtual CmResult GetOption_i(DWORD aCommand, void* aArg);
 };
 
-// That of a connector or acceptor below; none if it has no options.
+// The failure of a connector or acceptor below; none if it has no options.
 TALVO_API CCmFailure GetConnectFailure(ICmAcceptorConnectorId* aId);
+
+// The other options of a connector or acceptor below. CM_ERROR_INVALID_ARG also if it has none.
+TALVO_API CmResult SetConnectOption(ICmAcceptorConnectorId* aId, DWORD aCommand, void* aArg);
+TALVO_API CmResult GetConnectOption(ICmAcceptorConnectorId* aId, DWORD aCommand, void* aArg);
 
 }  // namespace talvo

@@ -29,6 +29,11 @@ public:
     virtual void Close() = 0;
     virtual ~ACmConnectorInternal();
 
+    // What the next Connect uses; aArg is not null. CM_ERROR_INVALID_ARG: an unknown command, as all are unless overridden, or
+    // a value that it cannot have. See ECmConnectOption.
+    virtual CmResult SetOption(DWORD aCommand, void* aArg);
+    virtual CmResult GetOption(DWORD aCommand, void* aArg);
+
     // Why the last Connect returned -1, or what it reported failed.
     const CCmFailure& GetFailure() const { return m_Failure; }
 

@@ -134,6 +134,16 @@ void CCmConnectorWrapper::CancelConnect() {
     m_pSink = nullptr;
 }
 
+CmResult CCmConnectorWrapper::SetOption_i(DWORD aCommand, void* aArg) {
+    m_Est.EnsureSingleThread();
+    return m_pConnector ? m_pConnector->SetOption(aCommand, aArg) : CM_ERROR_NOT_INITIALIZED;
+}
+
+CmResult CCmConnectorWrapper::GetOption_i(DWORD aCommand, void* aArg) {
+    m_Est.EnsureSingleThread();
+    return m_pConnector ? m_pConnector->GetOption(aCommand, aArg) : CM_ERROR_NOT_INITIALIZED;
+}
+
 void CCmConnectorWrapper::Close_i() {
     if (m_bClosed)
         return;

@@ -43,6 +43,9 @@ private:
     void OnDrain(ECmDrainStage aStage) override;
 
     CCmFailure GetFailure() const override { return m_Failure; }
+    // The inner connector's. CM_ERROR_NOT_INITIALIZED before Init.
+    CmResult SetOption_i(DWORD aCommand, void* aArg) override;
+    CmResult GetOption_i(DWORD aCommand, void* aArg) override;
     void Close_i();
     void OnNoMemory();
     void ReportLater_i(const CCmTimeValue& aDelay, CmResult aReason);

@@ -39,6 +39,8 @@ private:
     void OnDrain(ECmDrainStage aStage) override;
 
     CCmFailure GetFailure() const override { return GetConnectFailure(m_pLower.Get()); }
+    CmResult SetOption_i(DWORD aCommand, void* aArg) override { return SetConnectOption(m_pLower.Get(), aCommand, aArg); }
+    CmResult GetOption_i(DWORD aCommand, void* aArg) override { return GetConnectOption(m_pLower.Get(), aCommand, aArg); }
     void Stop_i(CmResult aReason);
 
     CCmEnsureSingleThread m_Est;

@@ -36,6 +36,8 @@ private:
     void OnDrain(ECmDrainStage aStage) override;
 
     CCmFailure GetFailure() const override { return m_Failure; }
+    CmResult SetOption_i(DWORD aCommand, void* aArg) override { return SetConnectOption(m_pLower.Get(), aCommand, aArg); }
+    CmResult GetOption_i(DWORD aCommand, void* aArg) override { return GetConnectOption(m_pLower.Get(), aCommand, aArg); }
     CCmFailure FailureOf_i(CConnBase& aConn) const;
     void Cancel_i();
     void OnNoMemory();

@@ -4,7 +4,7 @@
 #include <climits>
 
 #include "talvo/base/trace.h"
-#include "talvo/transport/tcp_settings.h"
+#include "talvo/transport/socket_settings.h"
 
 CCsConn::CCsConn(DWORD aMaxBufLen) {
     if (aMaxBufLen > 0)

@@ -9,7 +9,7 @@
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
 #include "talvo/connection/protocol/conn_server_list.h"
-#include "talvo/transport/tcp_settings.h"
+#include "talvo/transport/socket_settings.h"
 #include "talvo/transport/transport_linger.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include "talvo/event/thread_manager.h"
 #include "talvo/http/client/http_client_pool.h"
 #include "talvo/http/message/http_memory.h"
-#include "talvo/transport/tcp_settings.h"
+#include "talvo/transport/socket_settings.h"
 
 namespace talvo {
 

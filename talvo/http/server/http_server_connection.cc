@@ -11,7 +11,7 @@
 #include "talvo/http/message/http_memory.h"
 #include "talvo/http/message/http_status.h"
 #include "talvo/http/message/http_text.h"
-#include "talvo/transport/tcp_settings.h"
+#include "talvo/transport/socket_settings.h"
 
 namespace talvo {
 

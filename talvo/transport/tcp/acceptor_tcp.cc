@@ -73,8 +73,8 @@ CmResult CCmAcceptorTcp::Bind_i(const CCmInetAddr& aAddrListen) {
         return CM_ERROR_NETWORK_SOCKET_ERROR;
     if (m_Socket.Open(TRUE) == -1)
         return failed("Open", "open a socket for");
-    m_Settings = talvo::CTcpSettings::Read();
-    m_Settings.ApplyTo(m_Socket);
+    m_Listening = m_Sockets.WithConfiguration();
+    m_Listening.ApplyTo(m_Socket);
     if (bind(GetHandle(), reinterpret_cast<const sockaddr*>(aAddrListen.GetPtr()), aAddrListen.GetSize()) == -1)
         return failed("bind", "bind to");
     // Not blocking, so that a peer that has gone between the report and the accept does not stop the thread.
@@ -127,7 +127,7 @@ int CCmAcceptorTcp::OnInput(HANDLE aFd) {
         return 0;
     }
     pTransport->GetPeer().SetHandle(fdNew);
-    pTransport->SetReadSize(m_Settings.m_dwReadSize);
+    pTransport->SetReadSize(m_Listening.m_dwReadSize);
     pTransport->SetPeerAddr(*addrPeer.GetPtr());
     if (m_AddrListen.sin_addr.s_addr != INADDR_ANY)
         pTransport->SetLocalAddr(m_AddrListen);

@@ -4,7 +4,6 @@
 #include "talvo/transport/acceptor_base.h"
 #include "talvo/transport/base_types.h"
 #include "talvo/transport/socket.h"
-#include "talvo/transport/tcp_settings.h"
 
 // One connection is accepted a readiness report. When the process is out of descriptors, it rests for a tenth of a second at a
 // time, leaves the peers in the backlog (1,024) and goes on when there is one again. A failure to accept is traced and never
@@ -34,7 +33,7 @@ private:
 
     CCmSocketTcp m_Socket;
     sockaddr_in m_AddrListen{};
-    talvo::CTcpSettings m_Settings{};  // of the connections; accepted sockets have the listener's buffer sizes
-    BOOL m_bResting = FALSE;           // out of descriptors: not registered, the timer runs
-    CCmTimeValue m_tvTraced;           // when the last line about that was written
+    talvo::CSocketSettings m_Listening;  // of the connections; accepted sockets have the listener's buffer sizes
+    BOOL m_bResting = FALSE;             // out of descriptors: not registered, the timer runs
+    CCmTimeValue m_tvTraced;             // when the last line about that was written
 };

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "talvo/base/trace.h"
-#include "talvo/transport/tcp_settings.h"
 
 namespace talvo {
 
@@ -17,14 +16,15 @@ CConnectAttemptT<TransportType>::~CConnectAttemptT() {
 }
 
 template <class TransportType>
-int CConnectAttemptT<TransportType>::Start(const CCmInetAddr& aAddr, const CCmInetAddr& aAddrLocal) {
+int CConnectAttemptT<TransportType>::Start(const CCmInetAddr& aAddr, const CCmInetAddr& aAddrLocal,
+                                           const CSocketSettings& aSockets) {
     m_AddrPeer = aAddr;
     m_pTransport = new (std::nothrow) TransportType(&m_Reactor);
     if (!m_pTransport) {
         errno = ENOMEM;
         return Failed_i("connect to", aAddr);
     }
-    const int nRv = Connect_i(aAddrLocal);
+    const int nRv = Connect_i(aAddrLocal, aSockets);
     const int nErr = errno;
     if (nRv != 1)
         Unregister_i();  // nothing is to be reported
@@ -35,7 +35,7 @@ int CConnectAttemptT<TransportType>::Start(const CCmInetAddr& aAddr, const CCmIn
 }
 
 template <class TransportType>
-int CConnectAttemptT<TransportType>::Connect_i(const CCmInetAddr& aAddrLocal) {
+int CConnectAttemptT<TransportType>::Connect_i(const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets) {
     CCmSocketTcp& peer = m_pTransport->GetPeer();
     const BOOL bAnyLocal = aAddrLocal == CCmInetAddr::s_InetAddrAny;
     if ((bAnyLocal ? peer.Open(FALSE) : peer.Open(FALSE, aAddrLocal)) == -1) {
@@ -47,9 +47,8 @@ int CConnectAttemptT<TransportType>::Connect_i(const CCmInetAddr& aAddrLocal) {
         CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, Enable(NON_BLOCK) failed! err=" << errno);
         return Failed_i("connect to", m_AddrPeer);
     }
-    const CTcpSettings settings = CTcpSettings::Read();
-    settings.ApplyTo(peer);
-    m_pTransport->SetReadSize(settings.m_dwReadSize);
+    aSockets.ApplyTo(peer);
+    m_pTransport->SetReadSize(aSockets.m_dwReadSize);
     m_pTransport->SetPeerAddr(*m_AddrPeer.GetPtr());
     CM_INFO_TRACE_THIS("CCmConnectorTcpT::Connect_i, addr=" << m_AddrPeer.GetIpDisplayName() << " port=" << m_AddrPeer.GetPort()
                                                             << " laddr=" << aAddrLocal.GetIpDisplayName()

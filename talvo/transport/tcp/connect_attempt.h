@@ -3,6 +3,7 @@
 
 #include "talvo/base/failure.h"
 #include "talvo/event/reactor.h"
+#include "talvo/transport/socket_settings.h"
 #include "talvo/transport/tcp/transport_tcp.h"
 
 namespace talvo {
@@ -25,7 +26,7 @@ public:
     ~CConnectAttemptT() override;
 
     // 0: connected at once. 1: under way. -1: failed at once, the error in errno. A report follows only for 1.
-    int Start(const CCmInetAddr& aAddr, const CCmInetAddr& aAddrLocal);
+    int Start(const CCmInetAddr& aAddr, const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets);
 
     // The transport, connected after a good end; the attempt has let go of it.
     CCmRefPtrT<TransportType> TakeTransport();
@@ -38,7 +39,7 @@ public:
     int OnClose(HANDLE aFd, long aMask) override;
 
 private:
-    int Connect_i(const CCmInetAddr& aAddrLocal);
+    int Connect_i(const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets);
     int Failed_i(const char* aVerb, const CCmInetAddr& aAddr);
     int Finished_i(int aError);
     void Unregister_i();

@@ -14,11 +14,12 @@ constexpr long STAGGER_USEC = 250000;
 
 template <class TransportType>
 int CConnectRaceT<TransportType>::Start(std::vector<CCmInetAddr> aAddrs, const CCmInetAddr& aAddrLocal,
-                                        CCmRefPtrT<TransportType>& aTransport) {
+                                        const CSocketSettings& aSockets, CCmRefPtrT<TransportType>& aTransport) {
     Stop();
     m_Attempts.reserve(aAddrs.size());
     m_Addrs = std::move(aAddrs);
     m_AddrLocal = aAddrLocal;
+    m_Sockets = aSockets;
     return StartNext_i(aTransport);
 }
 
@@ -41,7 +42,7 @@ int CConnectRaceT<TransportType>::StartNext_i(CCmRefPtrT<TransportType>& aTransp
             m_Failure = CCmFailure(ENOMEM, "connect to", addr);
             continue;
         }
-        const int nRv = pAttempt->Start(addr, m_AddrLocal);
+        const int nRv = pAttempt->Start(addr, m_AddrLocal, m_Sockets);
         if (nRv == -1) {
             m_Failure = pAttempt->GetFailure();
             continue;

@@ -30,7 +30,8 @@ public:
 
     // 0: aTransport is connected. 1: under way. -1: every address has failed at once, the last one's error in errno. A report
     // follows only for 1. Throws std::bad_alloc, and may be started again.
-    int Start(std::vector<CCmInetAddr> aAddrs, const CCmInetAddr& aAddrLocal, CCmRefPtrT<TransportType>& aTransport);
+    int Start(std::vector<CCmInetAddr> aAddrs, const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets,
+              CCmRefPtrT<TransportType>& aTransport);
 
     // Why the address that failed last did so.
     const CCmFailure& GetFailure() const { return m_Failure; }
@@ -51,6 +52,7 @@ private:
     ICmReactor* const m_pReactor;  // not owned
     IUser& m_User;
     CCmInetAddr m_AddrLocal;
+    CSocketSettings m_Sockets;
     std::vector<CCmInetAddr> m_Addrs;
     size_t m_stNext = 0;                                // the first address that has not been tried
     std::vector<std::unique_ptr<CAttempt>> m_Attempts;  // under way

@@ -71,7 +71,7 @@ int CCmConnectorTcpT<TransportType>::ConnectTo_i(const std::vector<DWORD>& aAddr
     std::vector<CCmInetAddr> addrs(aAddresses.size(), m_AddrPeer);
     for (size_t i = 0; i < addrs.size(); ++i)
         addrs[i].SetResolvedIpAddr(aAddresses[i]);
-    const int nRv = m_Race.Start(std::move(addrs), m_AddrLocal, m_pTransport);
+    const int nRv = m_Race.Start(std::move(addrs), m_AddrLocal, m_Sockets.WithConfiguration(), m_pTransport);
     if (nRv != 0) {
         m_Failure = m_Race.GetFailure();
         return nRv;

@@ -26,6 +26,8 @@ public:
 
     int Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal = nullptr) override;
     void Close() override;
+    CmResult SetOption(DWORD aCommand, void* aArg) override { return m_Sockets.SetOption(aCommand, aArg); }
+    CmResult GetOption(DWORD aCommand, void* aArg) override { return m_Sockets.GetOption(aCommand, aArg); }
 
 private:
     int ConnectToName_i(const CCmString& aName);
@@ -45,6 +47,7 @@ private:
     ACmConnectorUpper& m_Upper;
     CCmInetAddr m_AddrPeer;                      // perhaps with a name
     CCmInetAddr m_AddrLocal;                     // CCmInetAddr::s_InetAddrAny: not given
+    talvo::CSocketSettings m_Sockets;            // as its user has set them
     talvo::CNameLookup m_Lookup{*this};          // runs first,
     talvo::CConnectRaceT<TransportType> m_Race;  // then this,
     CCmRefPtrT<TransportType> m_pTransport;      // which gives this

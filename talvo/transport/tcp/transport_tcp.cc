@@ -11,7 +11,7 @@
 
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
-#include "talvo/transport/tcp_settings.h"
+#include "talvo/transport/socket_settings.h"
 #include "talvo/transport/transport_linger.h"
 
 namespace {
@@ -271,7 +271,7 @@ CmResult CCmTransportTcp::EndSending_i() {
 }
 
 CmResult CCmTransportTcp::SetReadSize_i(DWORD aSize) {
-    if (aSize < talvo::CTcpSettings::MIN_READ || aSize > talvo::CTcpSettings::MAX_READ)
+    if (aSize < talvo::CSocketSettings::MIN_READ || aSize > talvo::CSocketSettings::MAX_READ)
         return CM_ERROR_INVALID_ARG;
     m_dwReadSize = aSize;
     return CM_OK;

@@ -40,7 +40,7 @@ public:
     // What who made it knows already spares a call of the system; the peer's address can then be asked for after the end, too.
     void SetPeerAddr(const sockaddr_in& aAddr) { m_AddrPeer.Store(CCmInetAddr(aAddr)); }
     void SetLocalAddr(const sockaddr_in& aAddr) { m_AddrLocal.Store(CCmInetAddr(aAddr)); }
-    // Of one read; between CTcpSettings::MIN_READ and MAX_READ.
+    // Of one read; between CSocketSettings::MIN_READ and MAX_READ.
     void SetReadSize(DWORD aSize) { m_dwReadSize = aSize; }
     const CCmTransportCounters& GetCounters() const { return m_Counters; }
 

@@ -29,18 +29,9 @@ private:
 // proxy, with a CCmTransportThreadProxy each. StartListen, StopListen and GetListenAddr wait for the network thread;
 // the first and the last return CM_ERROR_NOT_AVAILABLE when it has ended. After StopListen or the last release no indication
 // arrives, even one that was already posted; a transport that it carried is closed.
-class TALVO_API CCmAcceptorThreadProxy final : public talvo::CThreadProxyT<ICmAcceptor, talvo::CAcceptorProxyCore>,
-                                               public talvo::CConnectOptions {
+class TALVO_API CCmAcceptorThreadProxy final
+    : public talvo::CIndicatingProxyT<CCmAcceptorThreadProxy, ICmAcceptor, talvo::CAcceptorProxyCore> {
 public:
-    // Null: memory ran out.
-    static CCmRefPtrT<ICmAcceptor> Make(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType,
-                                        talvo::CAcceptorFactory aFactory) {
-        const auto pProxy = Make_i<CCmAcceptorThreadProxy>(aUser, aNetwork, aType, aFactory);
-        if (pProxy)
-            pProxy->m_pCore->SetProxy(pProxy.Get());
-        return CCmRefPtrT<ICmAcceptor>(pProxy.Get());
-    }
-
     BOOL IsConnector() override { return FALSE; }
     CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) override {
         return m_pCore->StartListen(aSink, aAddrListen);
@@ -49,7 +40,5 @@ public:
     CmResult GetListenAddr(CCmInetAddr& aAddr) override { return m_pCore->GetListenAddr(aAddr); }
 
 private:
-    using CThreadProxyT::CThreadProxyT;
-
-    CCmFailure GetFailure() const override { return m_pCore->GetFailure(); }
+    using CIndicatingProxyT::CIndicatingProxyT;
 };

@@ -38,18 +38,9 @@ private:
 // the proxy, with a CCmTransportThreadProxy. After CancelConnect or the last release none arrives, even one that was already
 // posted; a transport that it carried is closed. When the network thread has ended, or ends, the reason is
 // CM_ERROR_NOT_AVAILABLE.
-class TALVO_API CCmConnectorThreadProxy final : public talvo::CThreadProxyT<ICmConnector, talvo::CConnectorProxyCore>,
-                                                public talvo::CConnectOptions {
+class TALVO_API CCmConnectorThreadProxy final
+    : public talvo::CIndicatingProxyT<CCmConnectorThreadProxy, ICmConnector, talvo::CConnectorProxyCore> {
 public:
-    // Null: memory ran out.
-    static CCmRefPtrT<ICmConnector> Make(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType,
-                                         talvo::CConnectorFactory aFactory) {
-        const auto pProxy = Make_i<CCmConnectorThreadProxy>(aUser, aNetwork, aType, aFactory);
-        if (pProxy)
-            pProxy->m_pCore->SetProxy(pProxy.Get());
-        return CCmRefPtrT<ICmConnector>(pProxy.Get());
-    }
-
     BOOL IsConnector() override { return TRUE; }
     void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
                      CCmInetAddr* aAddrLocal = nullptr) override {
@@ -58,7 +49,5 @@ public:
     void CancelConnect() override { m_pCore->CancelConnect(); }
 
 private:
-    using CThreadProxyT::CThreadProxyT;
-
-    CCmFailure GetFailure() const override { return m_pCore->GetFailure(); }
+    using CIndicatingProxyT::CIndicatingProxyT;
 };

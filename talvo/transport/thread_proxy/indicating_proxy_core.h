@@ -5,6 +5,8 @@
 #include <utility>
 
 #include "talvo/transport/connect_options.h"
+#include "talvo/transport/connection_type.h"
+#include "talvo/transport/socket_settings.h"
 #include "talvo/transport/thread_proxy/transport_thread_proxy.h"
 
 namespace talvo {
@@ -45,6 +47,17 @@ public:
     CCmFailure GetFailure() {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         return m_Failure;
+    }
+    // Any thread. The value is copied here, and passed on when the next request begins.
+    CmResult SetOption(DWORD aCommand, const void* aArg) {
+        if (aCommand == CM_OPT_TRANSPORT_READ_SIZE && CConnectionType(m_dwType).IsOverDatagrams())
+            return CM_ERROR_INVALID_ARG;
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        return m_Sockets.SetOption(aCommand, aArg);
+    }
+    CmResult GetOption(DWORD aCommand, void* aArg) {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        return m_Sockets.GetOption(aCommand, aArg);
     }
 
 protected:
@@ -97,16 +110,10 @@ protected:
             PostSpare_i(indication);
     }
 
-    // Network thread: sees that there is an inner object. On failure there is none.
+    // Network thread: sees that there is an inner object with the options that the user has set.
     CmResult Make_i() {
-        if (m_pInner)
-            return CM_OK;
-        CmResult rv = m_Factory(m_dwType, m_pInner.ParaOut());
-        if (rv == CM_OK && !Host_i())
-            rv = CM_ERROR_NOT_AVAILABLE;
-        if (rv != CM_OK)
-            m_pInner.Reset();
-        return rv;
+        const CmResult rv = m_pInner ? CM_OK : MakeInner_i();
+        return rv == CM_OK ? PassOptions_i() : rv;
     }
     // Network thread: the end of its side; may delete this object.
     void LetGo_i() {
@@ -129,6 +136,25 @@ private:
         CmResult m_Reason = CM_OK;
         CCmRefPtrT<ICmTransport> m_pTransport;
     };
+
+    // On failure there is none.
+    CmResult MakeInner_i() {
+        m_Passed = {};
+        CmResult rv = m_Factory(m_dwType, m_pInner.ParaOut());
+        if (rv == CM_OK && !Host_i())
+            rv = CM_ERROR_NOT_AVAILABLE;
+        if (rv != CM_OK)
+            m_pInner.Reset();
+        return rv;
+    }
+    CmResult PassOptions_i() {
+        CSocketSettings sockets;
+        {
+            CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+            sockets = m_Sockets;
+        }
+        return sockets.PassTo(m_pInner.Get(), m_Passed);
+    }
 
     // Without memory for an event: a connector's request has one in reserve, so that its indication is not lost. What waits
     // there for a request that is over makes room. An acceptor's connection is closed instead.
@@ -168,6 +194,7 @@ private:
     const DWORD m_dwType;
     const Factory m_Factory;
     const BOOL m_bOnce;         // an indication ends the request
+    CSocketSettings m_Passed;   // network thread only: what m_pInner was told
     Inner* m_pProxy = nullptr;  // the handle, for upcalls: alive while there is a sink
 
     std::atomic<BOOL> m_bLetGoPosted{FALSE};
@@ -176,11 +203,35 @@ private:
     CCmMutexThread m_Mutex;
     ICmAcceptorConnectorSink* m_pSink CM_GUARDED_BY(m_Mutex) = nullptr;  // not owned
     DWORD m_dwRequest CM_GUARDED_BY(m_Mutex) = 0;
-    CCmFailure m_Failure CM_GUARDED_BY(m_Mutex);  // of the current request
+    CCmFailure m_Failure CM_GUARDED_BY(m_Mutex);       // of the current request
+    CSocketSettings m_Sockets CM_GUARDED_BY(m_Mutex);  // as the user has set them
     CIndication m_Spare CM_GUARDED_BY(m_Mutex);
     BOOL m_bSparePosted CM_GUARDED_BY(m_Mutex) = FALSE;
     CEmbeddedEventT<CIndicatingProxyCoreT, &CIndicatingProxyCoreT::OnSpare, &CIndicatingProxyCoreT::OnSpareDropped>
         m_SpareEvent{*this};
+};
+
+// The handle over such a core.
+template <class Proxy, class Interface, class Core>
+class CIndicatingProxyT : public CThreadProxyT<Interface, Core>, public CConnectOptions {
+public:
+    // Null: memory ran out.
+    static CCmRefPtrT<Interface> Make(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType,
+                                      typename Core::Factory aFactory) {
+        const auto pProxy = CBase::template Make_i<Proxy>(aUser, aNetwork, aType, aFactory);
+        if (pProxy)
+            pProxy->m_pCore->SetProxy(pProxy.Get());
+        return pProxy;
+    }
+
+protected:
+    using CBase = CThreadProxyT<Interface, Core>;
+    using CBase::CBase;
+
+private:
+    CCmFailure GetFailure() const override { return this->m_pCore->GetFailure(); }
+    CmResult SetOption_i(DWORD aCommand, void* aArg) override { return this->m_pCore->SetOption(aCommand, aArg); }
+    CmResult GetOption_i(DWORD aCommand, void* aArg) override { return this->m_pCore->GetOption(aCommand, aArg); }
 };
 
 }  // namespace talvo

@@ -8,7 +8,7 @@
 #include "talvo/event/thread_linger.h"
 #include "talvo/event/thread_manager.h"
 #include "talvo/transport/connection_type.h"
-#include "talvo/transport/tcp_settings.h"
+#include "talvo/transport/socket_settings.h"
 
 namespace talvo {
 

@@ -66,8 +66,10 @@ CmResult CCmAcceptorUdp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmI
 CmResult CCmAcceptorUdp::Bind_i(CCmSocketUdp& aSocket, const CCmInetAddr& aAddrListen) {
     if (!talvo::CNameLookup::HasAddress(aAddrListen, m_Failure))
         return CM_ERROR_NETWORK_SOCKET_ERROR;
-    if (aSocket.Open(aAddrListen) == 0 && aSocket.Enable(CCmIPCBase::NON_BLOCK) == 0)
+    if (aSocket.Open(aAddrListen) == 0 && aSocket.Enable(CCmIPCBase::NON_BLOCK) == 0) {
+        m_Sockets.ApplyTo(aSocket);
         return CM_OK;
+    }
     m_Failure = CCmFailure(errno, "bind to", aAddrListen);
     CM_ERROR_TRACE_THIS("CCmAcceptorUdp::StartListen, Open() failed! addr=" << aAddrListen.GetIpDisplayName()
                                                                             << " port=" << aAddrListen.GetPort()

@@ -34,6 +34,9 @@ public:
     size_t GetPeerCount() const { return m_pHub ? m_pHub->GetPeerCount() : 0; }
 
 private:
+    CmResult SetOption_i(DWORD aCommand, void* aArg) override {
+        return aCommand == CM_OPT_TRANSPORT_READ_SIZE ? CM_ERROR_INVALID_ARG : CCmAcceptorBase::SetOption_i(aCommand, aArg);
+    }
     CmResult Bind_i(CCmSocketUdp& aSocket, const CCmInetAddr& aAddrListen);
 
     CCmRefPtrT<talvo::CDatagramHub> m_pHub;  // while listening

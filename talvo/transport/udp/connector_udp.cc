@@ -74,6 +74,7 @@ int CCmConnectorUdpT<TransportType>::Connect_i() {
                             << m_AddrLocal.GetIpDisplayName() << " port=" << m_AddrLocal.GetPort() << " err=" << errno);
         return -1;
     }
+    m_Sockets.ApplyTo(socket);
     if (connect(socket.GetHandle(), reinterpret_cast<const sockaddr*>(m_AddrPeer.GetPtr()), m_AddrPeer.GetSize()) == -1) {
         const int nErr = errno;
         m_Failure = CCmFailure(nErr, "connect to", m_AddrPeer);

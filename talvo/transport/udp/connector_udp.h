@@ -6,6 +6,7 @@
 #include "talvo/event/reactor.h"
 #include "talvo/transport/base_types.h"
 #include "talvo/transport/dns/name_lookup.h"
+#include "talvo/transport/socket_settings.h"
 #include "talvo/transport/udp/transport_udp.h"
 
 // Makes a TransportType over a socket that it binds to the local address and connects. Nobody is asked whether he is there, so
@@ -25,6 +26,10 @@ public:
 
     int Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal = nullptr) override;
     void Close() override;
+    CmResult SetOption(DWORD aCommand, void* aArg) override {
+        return aCommand == CM_OPT_TRANSPORT_READ_SIZE ? CM_ERROR_INVALID_ARG : m_Sockets.SetOption(aCommand, aArg);
+    }
+    CmResult GetOption(DWORD aCommand, void* aArg) override { return m_Sockets.GetOption(aCommand, aArg); }
 
 private:
     int ConnectToName_i(const CCmString& aName);
@@ -44,6 +49,7 @@ private:
     talvo::CNameLookup m_Lookup{*this};
     CCmInetAddr m_AddrPeer;
     CCmInetAddr m_AddrLocal;                 // CCmInetAddr::s_InetAddrAny: not given
+    talvo::CSocketSettings m_Sockets;        // as its user has set them
     CCmRefPtrT<TransportType> m_pTransport;  // connected, to be reported
     BOOL m_bTimerArmed = FALSE;
 };
