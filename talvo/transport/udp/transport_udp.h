@@ -69,6 +69,7 @@ private:
     }
 
     talvo::CDatagramPort* GetPort() const;
+    CCmSocketBase* GetSocket_i() const;  // null after the end
     BOOL CanDeliver() const { return m_pSink && !m_bReadingPaused; }
     void DeliverKept();
     void DeliverLater();
