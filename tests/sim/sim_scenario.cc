@@ -1,45 +1,50 @@
 #include "tests/sim/sim_scenario.h"
 
-#include "talvo/base/live_counter.h"
-#include "talvo/connection/protocol/conn_acceptor.h"
-#include "talvo/connection/protocol/conn_connector.h"
-#include "talvo/connection/protocol/len_pkg_conn.h"
-#include "talvo/connection/protocol/pkg_conn_client.h"
-#include "talvo/connection/protocol/pkg_conn_server.h"
-#include "talvo/connection/protocol/pkg_sender.h"
-#include "tests/sim/sim_transport.h"
+#include <algorithm>
+
+#include "talvo/talvo.h"
 
 namespace {
 
-template <class Conn>
-CCmRefPtrT<ICmConnector> Connector(CSimNetwork& aNetwork, const CSimKind& aKind) {
-    const CCmRefPtrT<ICmConnector> pBelow(new CSimConnector(aNetwork, aKind.m_bDatagrams));
-    return CCmRefPtrT<ICmConnector>(new CConnConnectorT<Conn>(pBelow, aKind.m_bKeepAlive));
-}
+using Manager = CCmConnectionManager;
 
-template <class Conn>
-CCmRefPtrT<ICmAcceptor> Acceptor(CSimNetwork& aNetwork, const CSimKind& aKind) {
-    const CCmRefPtrT<ICmAcceptor> pBelow(new CSimAcceptor(aNetwork));
-    return CCmRefPtrT<ICmAcceptor>(new CConnAcceptorT<Conn>(pBelow, aKind.m_bKeepAlive));
-}
+constexpr DWORD TCP = Manager::CTYPE_TCP;
+constexpr DWORD UDP = Manager::CTYPE_UDP;
+constexpr DWORD LENGTH = Manager::CTYPE_PDU_LENGTH;
+constexpr DWORD PACKAGE = Manager::CTYPE_PDU_PACKAGE;
+constexpr DWORD NO_PARTIAL = Manager::CTYPE_SEND_NO_PARTIAL_DATA;
+constexpr DWORD KEEPALIVE = Manager::CTYPE_PDU_KEEPALIVE;
 
 }  // namespace
 
 const CSimKind SIM_KINDS[] = {
-    {"length", FALSE, FALSE, FALSE, FALSE, Connector<CLenPkgConn>, Acceptor<CLenPkgConn>},
-    {"package", FALSE, FALSE, TRUE, TRUE, Connector<CPkgConnClient>, Acceptor<CPkgConnServer>},
-    {"package-keepalive", FALSE, TRUE, TRUE, TRUE, Connector<CPkgConnClient>, Acceptor<CPkgConnServer>},
-    {"nopartial", FALSE, TRUE, TRUE, FALSE, Connector<CPkgSender>, Acceptor<CPkgSender>},
-    {"package over datagrams", TRUE, FALSE, TRUE, TRUE, Connector<CPkgConnClient>, Acceptor<CPkgConnServer>},
-    {"package-keepalive over datagrams", TRUE, TRUE, TRUE, TRUE, Connector<CPkgConnClient>, Acceptor<CPkgConnServer>},
-    {"nopartial over datagrams", TRUE, TRUE, TRUE, FALSE, Connector<CPkgSender>, Acceptor<CPkgSender>},
+    {"length", LENGTH | TCP, FALSE, FALSE, FALSE, FALSE},
+    {"package", PACKAGE | TCP, FALSE, FALSE, TRUE, TRUE},
+    {"package-keepalive", PACKAGE | KEEPALIVE | TCP, FALSE, TRUE, TRUE, TRUE},
+    {"nopartial", NO_PARTIAL | KEEPALIVE | TCP, FALSE, TRUE, TRUE, FALSE},
+    {"package over datagrams", PACKAGE | UDP, TRUE, FALSE, TRUE, TRUE},
+    {"package-keepalive over datagrams", PACKAGE | KEEPALIVE | UDP, TRUE, TRUE, TRUE, TRUE},
+    {"nopartial over datagrams", NO_PARTIAL | KEEPALIVE | UDP, TRUE, TRUE, TRUE, FALSE},
 };
+
+CCmRefPtrT<ICmConnector> CSimKind::MakeConnector() const {
+    CCmRefPtrT<ICmConnector> pConnector;
+    Manager::Instance()->CreateConnectionClient(m_dwType, pConnector.ParaOut());
+    return pConnector;
+}
+
+CCmRefPtrT<ICmAcceptor> CSimKind::MakeAcceptor() const {
+    CCmRefPtrT<ICmAcceptor> pAcceptor;
+    Manager::Instance()->CreateConnectionServer(m_dwType, pAcceptor.ParaOut());
+    return pAcceptor;
+}
 
 namespace {
 
 const CCmInetAddr SERVER("127.0.0.1", CSimWorld::PORT);
 
-constexpr int64_t CONNECT_LIMIT = 5 * SIM_SEC;  // of the connectors below, in any weather
+constexpr int64_t CONNECT_LIMIT = 15 * SIM_SEC;  // of the connectors below, unless the link is silent,
+constexpr int64_t SYSTEM_LIMIT = 127 * SIM_SEC;  // and then
 constexpr int64_t HANDSHAKE_LIMIT = 60 * SIM_SEC;
 constexpr int64_t CALM = 70 * SIM_SEC;        // every handshake has ended, every message has come
 constexpr int64_t LONG_CALM = 165 * SIM_SEC;  // every silent peer has been given up
@@ -86,7 +91,7 @@ private:
     void Listen_i() {
         m_bExpecting = TRUE;
         if (!m_pAcceptor)
-            m_pAcceptor = m_World.m_Kind.MakeAcceptor(m_World.m_Network);
+            m_pAcceptor = m_World.m_Kind.MakeAcceptor();
         m_pAcceptor->StartListen(this, SERVER);
     }
 
@@ -111,9 +116,9 @@ public:
 
 private:
     void Start_i() {
-        CSimNetwork& network = m_World.m_Network;
+        CSimLab& network = m_World.m_Network;
         if (!m_pConnector)
-            m_pConnector = m_World.m_Kind.MakeConnector(network);
+            m_pConnector = m_World.m_Kind.MakeConnector();
         m_bExpecting = TRUE;
         m_llStarted = network.Now();
         m_pConnector->AsycConnect(this, SERVER);
@@ -130,12 +135,14 @@ private:
 
     // A failure that has taken longer than connecting below can is the end of the handshake, which comes in time.
     void CheckIndication_i(CmResult aReason) {
-        CSimNetwork& network = m_World.m_Network;
+        CSimLab& network = m_World.m_Network;
         const int64_t llTime = network.Now() - m_llStarted;
-        const BOOL bTimeout = aReason == CM_ERROR_NETWORK_CONNECT_ERROR && llTime > CONNECT_LIMIT;
+        const int64_t llLimit = m_World.m_Kind.m_bPackage ? HANDSHAKE_LIMIT : SYSTEM_LIMIT;
+        const int64_t llCalled = std::max(m_llStarted, network.WhenLinkWasSet());
+        const BOOL bTimeout = aReason == CM_ERROR_NETWORK_CONNECT_ERROR && network.Now() - llCalled > CONNECT_LIMIT;
         if (aReason != CM_OK && (aReason < 20000 || aReason == CM_ERROR_NETWORK_BAD_CONNECT_RESPONSE))
             network.Fail("an indication with " + std::to_string(aReason));
-        if (!network.HasJumped() && (llTime > HANDSHAKE_LIMIT || (bTimeout && llTime != HANDSHAKE_LIMIT)))
+        if (!network.HasJumped() && (llTime > llLimit || (bTimeout && llTime != llLimit)))
             network.Fail("an indication with " + std::to_string(aReason) + " after " + std::to_string(llTime));
     }
 
@@ -143,40 +150,43 @@ private:
     int64_t m_llStarted = 0;
 };
 
-CSimWeather RandomWeather(CSimNetwork& aNetwork) {
-    CSimWeather weather;
+double Percent(uint64_t aPercent) { return static_cast<double>(aPercent) / 100; }
+
+CCmSimPath RandomPath(CSimLab& aNetwork, BOOL aDatagrams) {
+    CCmSimPath path;
     if (aNetwork.Chance(20))
-        return weather;
-    weather.m_llMinDelay = aNetwork.RandomTime(20 * SIM_MSEC);
-    weather.m_llMaxDelay = weather.m_llMinDelay + aNetwork.RandomTime(aNetwork.Chance(20) ? 2 * SIM_SEC : 30 * SIM_MSEC);
-    weather.m_dwWindow = 1 + static_cast<DWORD>(aNetwork.Random(aNetwork.Chance(30) ? 300 : 100000));
-    weather.m_dwMaxPiece = 1 + static_cast<DWORD>(aNetwork.Random(aNetwork.Chance(20) ? 10 : 16384));
-    weather.m_dwRefused = static_cast<DWORD>(aNetwork.Random(50));
-    weather.m_dwLost = static_cast<DWORD>(aNetwork.Random(40));
-    weather.m_dwDoubled = static_cast<DWORD>(aNetwork.Random(30));
-    weather.m_dwMangled = static_cast<DWORD>(aNetwork.Random(20));
-    weather.m_dwBroken = aNetwork.Chance(30) ? static_cast<DWORD>(aNetwork.Random(100)) : 0;
-    return weather;
+        return path;
+    path.m_tvDelay = CCmTimeValue::FromUsec(aNetwork.RandomTime(20 * SIM_MSEC));
+    path.m_tvJitter = CCmTimeValue::FromUsec(aNetwork.RandomTime(aNetwork.Chance(20) ? 2 * SIM_SEC : 30 * SIM_MSEC));
+    path.m_dwBandwidth = aNetwork.Chance(20) ? 100000 + static_cast<DWORD>(aNetwork.Random(1000000)) : 0;
+    path.m_dwBuffer = 1 + static_cast<DWORD>(aNetwork.Random(aNetwork.Chance(30) ? 300 : 100000));
+    path.m_dwMaxPiece = 1 + static_cast<DWORD>(aNetwork.Random(aNetwork.Chance(20) ? 10 : 16384));
+    path.m_PartialSend = Percent(aNetwork.Random(50));
+    path.m_Loss = Percent(aNetwork.Random(aDatagrams ? 40 : 5));
+    path.m_Duplication = Percent(aNetwork.Random(30));
+    path.m_Reordering = Percent(aNetwork.Random(20));
+    path.m_Damage = Percent(aNetwork.Random(20));
+    path.m_Cut = aNetwork.Chance(30) ? Percent(aNetwork.Random(100)) / 100 : 0;
+    if (aDatagrams)
+        path.m_dwBuffer += 100000;  // which would drop more than is lost
+    return path;
 }
 
 class CScenario {
 public:
-    explicit CScenario(CSimNetwork& aNetwork)
+    explicit CScenario(CSimLab& aNetwork)
         : m_World{aNetwork, SIM_KINDS[aNetwork.Random(std::size(SIM_KINDS))]}, m_Server(m_World) {
-        aNetwork.m_pWatch = &m_World.m_Watch;
-        aNetwork.m_Settled = [this] { ForAll_i([](CSimUser& aUser) { aUser.CheckStanding(); }); };
+        m_World.m_Watch.m_Settled = [this] { ForAll_i([](CSimUser& aUser) { aUser.CheckStanding(); }); };
+        aNetwork.m_Network.SetObserver(&m_World.m_Watch);
     }
-    ~CScenario() {
-        m_World.m_Network.m_pWatch = nullptr;
-        m_World.m_Network.m_Settled = nullptr;
-    }
+    ~CScenario() { m_World.m_Network.m_Network.SetObserver(nullptr); }
     CScenario(const CScenario&) = delete;
     CScenario& operator=(const CScenario&) = delete;
 
     void Run() {
-        CSimNetwork& network = m_World.m_Network;
-        m_Weather = RandomWeather(network);
-        network.SetWeather(m_Weather);
+        CSimLab& network = m_World.m_Network;
+        m_Path = RandomPath(network, m_World.m_Kind.m_bDatagrams);
+        network.SetPath(m_Path);
         for (uint64_t i = 1 + network.Random(4); i > 0; --i)
             m_Clients.push_back(std::make_unique<CClient>(m_World));
         if (network.Chance(5))
@@ -187,11 +197,9 @@ public:
         SayGoodbye_i();
     }
 
-    const CSimWorld& GetWorld() const { return m_World; }
-
 private:
     void RunAWhile_i() {
-        CSimNetwork& network = m_World.m_Network;
+        CSimLab& network = m_World.m_Network;
         network.RunFor(network.RandomTime(10 * SIM_SEC));
         if (network.Chance(5)) {
             network.JumpClock(network.RandomTime(300 * SIM_SEC));
@@ -203,18 +211,18 @@ private:
     }
 
     void BeSilent_i() {
-        CSimNetwork& network = m_World.m_Network;
-        CSimWeather silent = m_Weather;
-        silent.m_bSilent = TRUE;
-        network.SetWeather(silent);
+        CSimLab& network = m_World.m_Network;
+        CCmSimPath silent = m_Path;
+        silent.m_tvSilentUntil = CCmTimeValue::s_tvMax;
+        network.SetPath(silent);
         network.RunFor(network.RandomTime(200 * SIM_SEC));
-        network.SetWeather(m_Weather);
+        network.SetPath(m_Path);
     }
 
     // Calm weather, and time enough for everything that is owed.
     void Settle_i() {
         m_World.m_bWild = FALSE;
-        m_World.m_Network.SetWeather(CSimWeather());
+        m_World.m_Network.SetPath(CCmSimPath());
         ForAll_i([](CSimUser& aUser) { aUser.Settle(); });
         m_World.m_Network.RunFor(m_World.m_Kind.m_bDatagrams && m_World.m_Kind.m_bKeepAlive ? LONG_CALM : CALM);
         if (!m_World.m_Kind.m_bDatagrams)  // before one more message pushes what was forgotten
@@ -230,7 +238,7 @@ private:
 
     // One side ends, the other hears of it, and nothing remains.
     void SayGoodbye_i() {
-        CSimNetwork& network = m_World.m_Network;
+        CSimLab& network = m_World.m_Network;
         ForAll_i([&](CSimUser& aUser) {
             if (network.Chance(40))
                 aUser.End(CM_ERROR_NETWORK_SOCKET_CLOSE, network.Chance(50));
@@ -243,8 +251,8 @@ private:
         network.RunFor(SIM_SEC);
         m_Server.GiveUp();
         network.RunFor(70 * SIM_SEC);
-        if (!network.m_Ends.empty())
-            network.Fail(std::to_string(network.m_Ends.size()) + " ends remain");
+        if (const size_t stEnds = network.m_Network.CountEnds(); stEnds > 0)
+            network.Fail(std::to_string(stEnds) + " ends remain");
     }
 
     template <class Do>
@@ -259,26 +267,14 @@ private:
     }
 
     CSimWorld m_World;
-    CSimWeather m_Weather;
+    CCmSimPath m_Path;
     CServer m_Server;
     std::vector<std::unique_ptr<CClient>> m_Clients;
 };
 
 }  // namespace
 
-CSimResult RunSeed(uint64_t aSeed, BOOL aVerbose) {
-    const CCmString strAlive = CCmLiveCounter::Dump();
-    CSimResult result{};
-    {
-        CSimNetwork network(aSeed, aVerbose);
-        CScenario scenario(network);
-        result.m_szKind = scenario.GetWorld().m_Kind.m_szName;
-        scenario.Run();
-        result.m_Failures = network.GetFailures();
-        result.m_ullDigest = network.GetDigest();
-        result.m_dwMessages = scenario.GetWorld().m_dwMessages;
-    }
-    if (const CCmString strLeft = CCmLiveCounter::Dump(); strLeft != strAlive)
-        result.m_Failures.push_back("objects are left:\n" + strLeft);
-    return result;
+void RunScenario(CCmSimNetwork& aNetwork) {
+    CSimLab lab(aNetwork);
+    CScenario(lab).Run();
 }

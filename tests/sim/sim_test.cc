@@ -3,7 +3,6 @@
 
 #include "talvo/connection/protocol/connection_options.h"
 #include "tests/sim/sim_scenario.h"
-#include "tests/sim/sim_transport.h"
 #include "tests/support/network_fixture.h"
 
 namespace {
@@ -14,42 +13,42 @@ constexpr uint64_t SEEDS_A_TEST = 250;
 class SimSeedsTest : public testing::TestWithParam<uint64_t> {};
 
 TEST_P(SimSeedsTest, KeepThePromises) {
-    for (uint64_t ullSeed = GetParam(); ullSeed < GetParam() + SEEDS_A_TEST; ++ullSeed) {
-        const CSimResult result = RunSeed(ullSeed);
-        ASSERT_TRUE(result.m_Failures.empty())
-            << "seed " << ullSeed << " (" << result.m_szKind << "), see sim_run: " << result.m_Failures.front();
-    }
+    CCmSimRun failed;
+    ASSERT_TRUE(cm_sim_run_seeds(RunScenario, GetParam(), SEEDS_A_TEST, failed))
+        << "seed " << failed.m_ullSeed << ", see sim_run: " << failed.m_Failures.front();
 }
 
 INSTANTIATE_TEST_SUITE_P(From, SimSeedsTest, testing::Range<uint64_t>(1, SEEDS + 1, SEEDS_A_TEST),
                          [](const auto& aInfo) { return std::to_string(aInfo.param); });
 
 TEST(SimTest, SeedReplaysExactly) {
+    const auto digest = [](uint64_t aSeed) { return cm_sim_run(RunScenario, aSeed).m_ullDigest; };
     for (uint64_t ullSeed = 1; ullSeed <= 30; ++ullSeed)
-        EXPECT_EQ(RunSeed(ullSeed).m_ullDigest, RunSeed(ullSeed).m_ullDigest) << ullSeed;
-    EXPECT_NE(RunSeed(1).m_ullDigest, RunSeed(2).m_ullDigest);
+        EXPECT_EQ(digest(ullSeed), digest(ullSeed)) << ullSeed;
+    EXPECT_NE(digest(1), digest(2));
 }
 
 // At once, and not when the handshake's time is over.
 TEST(SimTest, WhatIsCancelledOrStoppedWhileItOpensIsClosed) {
-    CSimNetwork network(7);
+    CCmSimNetwork network(7);
     CTestConnectSink silent, sink;
-    const CCmRefPtrT<ICmAcceptor> pSilent(new CSimAcceptor(network));
+    const CSimKind raw{"raw", CCmConnectionManager::CTYPE_TCP, FALSE, FALSE, FALSE, FALSE};
+    const auto pSilent = raw.MakeAcceptor();
     pSilent->StartListen(&silent, CCmInetAddr("127.0.0.1", 1));
-    const auto pConnector = SIM_PACKAGE_KEEPALIVE.MakeConnector(network);
+    const auto pConnector = SIM_PACKAGE_KEEPALIVE.MakeConnector();
     pConnector->AsycConnect(&sink, CCmInetAddr("127.0.0.1", 1));
-    const auto pAcceptor = SIM_PACKAGE_KEEPALIVE.MakeAcceptor(network);
+    const auto pAcceptor = SIM_PACKAGE_KEEPALIVE.MakeAcceptor();
     EXPECT_EQ(CM_ERROR_INVALID_ARG, pAcceptor->StartListen(nullptr, CCmInetAddr("127.0.0.1", 2)));
     EXPECT_EQ(CM_OK, pAcceptor->StartListen(&sink, CCmInetAddr("127.0.0.1", 2)));
     EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, pAcceptor->StartListen(&sink, CCmInetAddr("127.0.0.1", 2)));
-    const CCmRefPtrT<ICmConnector> pRaw(new CSimConnector(network, FALSE));
+    const auto pRaw = raw.MakeConnector();
     pRaw->AsycConnect(&silent, CCmInetAddr("127.0.0.1", 2), nullptr, nullptr);
-    network.RunFor(SIM_SEC);
-    EXPECT_EQ(4u, network.m_Ends.size());
+    network.RunFor(CCmTimeValue(1));
+    EXPECT_EQ(4u, network.CountEnds());
     pConnector->CancelConnect();
-    EXPECT_EQ(3u, network.m_Ends.size());
+    EXPECT_EQ(3u, network.CountEnds());
     pAcceptor->StopListen(CM_OK);
-    EXPECT_EQ(2u, network.m_Ends.size());
+    EXPECT_EQ(2u, network.CountEnds());
     EXPECT_EQ(0u, sink.Count());
 }
 
@@ -57,7 +56,7 @@ TEST(SimTest, WhatIsCancelledOrStoppedWhileItOpensIsClosed) {
 TEST(SimTest, FiveThousandConnectionsForAnHour) {
     constexpr size_t CONNECTIONS = 5000;
     const CCmInetAddr addr("127.0.0.1", CSimWorld::PORT);
-    CSimNetwork network(7);
+    CCmSimNetwork network(7);
     CTestConnectSink clients, servers;
     CTestSink user;
     for (CTestConnectSink* pSink : {&clients, &servers}) {
@@ -67,18 +66,18 @@ TEST(SimTest, FiveThousandConnectionsForAnHour) {
             pSink->m_Transports.back()->SetOption(CS_OPT_KEEPALIVE_INTERVAL, &dwInterval);
         };
     }
-    const auto pAcceptor = SIM_PACKAGE_KEEPALIVE.MakeAcceptor(network);
+    const auto pAcceptor = SIM_PACKAGE_KEEPALIVE.MakeAcceptor();
     pAcceptor->StartListen(&servers, addr);
     std::vector<CCmRefPtrT<ICmConnector>> connectors;
     for (size_t i = 0; i < CONNECTIONS; ++i) {
-        connectors.push_back(SIM_PACKAGE_KEEPALIVE.MakeConnector(network));
+        connectors.push_back(SIM_PACKAGE_KEEPALIVE.MakeConnector());
         connectors.back()->AsycConnect(&clients, addr);
-        network.RunFor(3 * SIM_MSEC);
+        network.RunFor(CCmTimeValue(0, 3000));
     }
-    network.RunFor(60 * SIM_SEC);
+    network.RunFor(CCmTimeValue(60));
     const CCmString strAlive = CCmLiveCounter::Dump();
     const size_t stBytes = mallinfo2().uordblks;
-    network.RunFor(3600 * SIM_SEC);
+    network.RunFor(CCmTimeValue(3600));
     EXPECT_EQ(strAlive, CCmLiveCounter::Dump());
     EXPECT_LT(mallinfo2().uordblks, stBytes + 100000);
     EXPECT_EQ(std::make_pair(CONNECTIONS, CONNECTIONS), std::make_pair(clients.Count(), servers.Count()));

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "talvo/connection/protocol/connection_options.h"
-#include "tests/sim/sim_transport.h"
 
 namespace {
 
@@ -20,10 +19,10 @@ std::string TextOf(DWORD aNumber, DWORD aLength) {
     return strText;
 }
 
-WORD ClientPortOf(ICmTransport& aConn, BOOL aServer) {
+CCmInetAddr AddrOf(ICmTransport& aConn, DWORD aOption) {
     CCmInetAddr addr;
-    aConn.GetOption(aServer ? CM_OPT_TRANSPORT_PEER_ADDR : CM_OPT_TRANSPORT_LOCAL_ADDR, &addr);
-    return addr.GetPort();
+    aConn.GetOption(aOption, &addr);
+    return addr;
 }
 
 }  // namespace
@@ -33,7 +32,9 @@ CSimUser::CSimUser(CSimWorld& aWorld, ICmTransport& aConn, BOOL aServer)
       m_Network(aWorld.m_Network),
       m_pConn(&aConn),
       m_bServer(aServer),
-      m_wPort(ClientPortOf(aConn, aServer)),
+      m_AddrOwn(AddrOf(aConn, CM_OPT_TRANSPORT_LOCAL_ADDR)),
+      m_AddrPeer(AddrOf(aConn, CM_OPT_TRANSPORT_PEER_ADDR)),
+      m_wPort((aServer ? m_AddrPeer : m_AddrOwn).GetPort()),
       m_Link(aWorld.m_Links[m_wPort]) {
     m_Network.Note(aServer ? "server up" : "client up", m_wPort);
     CSimUser*& pPlace = aServer ? m_Link.m_pServer : m_Link.m_pClient;
@@ -213,7 +214,7 @@ void CSimUser::OnDisconnect(CmResult aReason, ICmTransport*) {
 }
 
 DWORD CSimUser::KeyBelow_i() const {
-    return m_bServer ? CSimTransport::KeyOf(CSimWorld::PORT, m_wPort) : CSimTransport::KeyOf(m_wPort, CSimWorld::PORT);
+    return m_bServer ? CSimWatch::KeyOf(CSimWorld::PORT, m_wPort) : CSimWatch::KeyOf(m_wPort, CSimWorld::PORT);
 }
 
 // Follows the timer of the connection, which fires first.
@@ -248,20 +249,18 @@ BOOL CSimUser::IsSilenceTheEnd_i() const {
 // What the transport has not taken by now lingers after an orderly end; after any other it is lost, the reason among it, and a
 // link that breaks loses more.
 void CSimUser::NoteEnd_i(CmResult aReason) {
-    const CSimWeather& weather = m_Network.GetWeather();
-    CSimTransport* pBelow = CSimTransport::Find(m_Network, KeyBelow_i());
+    const CCmSimPath& path = m_Network.GetPath();
+    const CCmSimEnd* pBelow = FindBelow_i();
     DWORD dwUnsent = 0;
-    DWORD dwTaken = 0;
+    const DWORD dwTaken = pBelow ? pBelow->m_dwUnread : 0;
     m_pConn->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwUnsent);
-    if (pBelow)
-        pBelow->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwTaken);
     const CSimUser* pPeer = GetPeer_i();
     if (!pPeer || pPeer->m_bOpen) {
-        const BOOL bWhole = !m_World.m_Kind.m_bDatagrams && !weather.m_dwBroken;
+        const BOOL bWhole = !m_World.m_Kind.m_bDatagrams && path.m_Cut == 0;
         m_Link.m_bComplete = bWhole && dwUnsent == dwTaken;
         m_Link.m_llLingers = bWhole && aReason == CM_OK ? m_Network.Now() + LINGER : 0;
         m_Link.m_bTold =
-            m_Link.m_bComplete && m_World.m_Kind.m_bTellsReason && !weather.m_dwRefused && dwTaken < weather.m_dwWindow / 2;
+            m_Link.m_bComplete && m_World.m_Kind.m_bTellsReason && path.m_PartialSend == 0 && dwTaken < path.m_dwBuffer / 2;
         m_Link.m_Reason = m_World.m_Kind.m_bTellsReason ? aReason & 0xFFFF : CM_ERROR_NETWORK_SOCKET_ERROR;
     }
     m_bOpen = FALSE;
@@ -287,10 +286,10 @@ BOOL CSimUser::IsMissing_i() const { return In_i().m_Taken.upper_bound(In_i().m_
 void CSimUser::CheckStanding() {
     if (!m_bOpen)
         return;
-    const CSimTransport* pBelow = CSimTransport::Find(m_Network, KeyBelow_i());
+    const CCmSimEnd* pBelow = FindBelow_i();
     if (!pBelow)
         Fail_i("OnDisconnect is owed: nothing is below");
-    else if (m_bOwedOnSend && !pBelow->OwesUpcall())
+    else if (m_bOwedOnSend && !pBelow->m_bOwesSend && !pBelow->m_bBroken)
         Fail_i("OnSend is owed, and nobody will bring it");
 }
 

@@ -8,23 +8,22 @@
 
 #include "talvo/base/ref_ptr.h"
 #include "talvo/transport/transport_interface.h"
-#include "tests/sim/sim_network.h"
+#include "tests/sim/sim_lab.h"
 #include "tests/sim/sim_watch.h"
 
 class CSimUser;
 
-// What one scenario is about. The makers put connections of this kind over simulated ones.
+// What one scenario is about.
 struct CSimKind {
-    CCmRefPtrT<ICmConnector> MakeConnector(CSimNetwork& aNetwork) const { return m_MakeConnector(aNetwork, *this); }
-    CCmRefPtrT<ICmAcceptor> MakeAcceptor(CSimNetwork& aNetwork) const { return m_MakeAcceptor(aNetwork, *this); }
+    CCmRefPtrT<ICmConnector> MakeConnector() const;
+    CCmRefPtrT<ICmAcceptor> MakeAcceptor() const;
 
     const char* m_szName;
+    DWORD m_dwType;
     BOOL m_bDatagrams;
     BOOL m_bKeepAlive;
     BOOL m_bTellsReason;  // a disconnect PDU tells the peer why
     BOOL m_bPackage;      // there is a handshake, and a silent peer is dropped
-    CCmRefPtrT<ICmConnector> (*m_MakeConnector)(CSimNetwork& aNetwork, const CSimKind& aKind);
-    CCmRefPtrT<ICmAcceptor> (*m_MakeAcceptor)(CSimNetwork& aNetwork, const CSimKind& aKind);
 };
 
 // Messages in one direction of a link, by number; those that SendData took.
@@ -49,7 +48,7 @@ struct CSimLink {
 struct CSimWorld {
     static constexpr WORD PORT = 80;  // the server's
 
-    CSimNetwork& m_Network;
+    CSimLab& m_Network;
     const CSimKind& m_Kind;
     BOOL m_bWild = TRUE;  // users do what they like
     DWORD m_dwMessages = 0;
@@ -97,6 +96,7 @@ private:
     CSimFlow& Out_i() { return m_bServer ? m_Link.m_Down : m_Link.m_Up; }
     BOOL IsMissing_i() const;
     DWORD KeyBelow_i() const;
+    const CCmSimEnd* FindBelow_i() const { return m_Network.m_Network.FindEnd(m_AddrOwn, m_AddrPeer); }
     void StartTimer_i(DWORD aSeconds);
     void Fired_i();
     BOOL IsPeerSilent_i() const;
@@ -105,9 +105,10 @@ private:
     CSimFlow& In_i() const { return m_bServer ? m_Link.m_Up : m_Link.m_Down; }
 
     CSimWorld& m_World;
-    CSimNetwork& m_Network;
+    CSimLab& m_Network;
     CCmRefPtrT<ICmTransport> m_pConn;
     const BOOL m_bServer;
+    CCmInetAddr m_AddrOwn, m_AddrPeer;
     WORD m_wPort = 0;  // the client's
     CSimLink& m_Link;
     BOOL m_bOpen = TRUE;

@@ -26,14 +26,15 @@ void CSimWatch::Fail_i(DWORD aKey, const std::string& aText) {
                    ": " + aText);
 }
 
-void CSimWatch::Opened(DWORD aKey) {
+void CSimWatch::OnOpen(const CCmSimEnd& aEnd) {
+    const DWORD dwKey = KeyOf(aEnd);
     CEnd end;
     end.m_bOpen = TRUE;
     end.m_llOpened = m_Network.Now();
     end.m_llReceivedTick = end.m_llSentTick = m_Network.Tick();
-    m_Ends[aKey] = end;
-    if (m_bHandshake && IsServer(aKey))
-        m_Network.After(RELEASE, [this, aKey, llOpened = end.m_llOpened] { CheckRelease_i(aKey, llOpened); });
+    m_Ends[dwKey] = end;
+    if (m_bHandshake && IsServer(dwKey))
+        m_Network.After(RELEASE, [this, dwKey, llOpened = end.m_llOpened] { CheckRelease_i(dwKey, llOpened); });
 }
 
 // The timer of the same moment has fired before.
@@ -43,18 +44,19 @@ void CSimWatch::CheckRelease_i(DWORD aKey, int64_t aOpened) {
         Fail_i(aKey, "waits for a request for more than 60 s");
 }
 
-void CSimWatch::Sends(DWORD aKey, const std::string& aBytes) {
-    CEnd* pEnd = Find_i(aKey);
+void CSimWatch::OnSend(const CCmSimEnd& aEnd, const std::string& aBytes) {
+    const DWORD dwKey = KeyOf(aEnd);
+    CEnd* pEnd = Find_i(dwKey);
     if (!pEnd || aBytes.empty())
         return;
     pEnd->m_llSentTick = m_Network.Tick();
     if (!m_bHandshake)
         return;
-    const BOOL bFirst = IsServer(aKey) ? pEnd->m_llResponse < 0 : pEnd->m_llRequest < 0;
-    if (IsServer(aKey) && aBytes[0] == RESPONSE && (m_bDatagrams || bFirst))
+    const BOOL bFirst = IsServer(dwKey) ? pEnd->m_llResponse < 0 : pEnd->m_llRequest < 0;
+    if (IsServer(dwKey) && aBytes[0] == RESPONSE && (m_bDatagrams || bFirst))
         pEnd->m_llResponse = m_Network.Now();
-    if (!IsServer(aKey) && aBytes[0] == REQUEST && (m_bDatagrams || bFirst))
-        SentRequest_i(aKey, *pEnd);
+    if (!IsServer(dwKey) && aBytes[0] == REQUEST && (m_bDatagrams || bFirst))
+        SentRequest_i(dwKey, *pEnd);
 }
 
 void CSimWatch::SentRequest_i(DWORD aKey, CEnd& aEnd) {
@@ -79,42 +81,45 @@ void CSimWatch::CheckRequests_i(DWORD aKey, const CEnd& aEnd) {
         Fail_i(aKey, "only " + std::to_string(aEnd.m_stRequests) + " requests in " + std::to_string(llAge));
 }
 
-void CSimWatch::Arrives(DWORD aKey, const std::string& aBytes) {
-    CEnd* pEnd = Find_i(aKey);
+void CSimWatch::OnReceive(const CCmSimEnd& aEnd, const std::string& aBytes) {
+    const DWORD dwKey = KeyOf(aEnd);
+    CEnd* pEnd = Find_i(dwKey);
     if (!pEnd)
         return;
     pEnd->m_llReceivedTick = m_Network.Tick();
     if (m_bDatagrams && (aBytes.size() < CONNECT_LENGTH || aBytes[0] != RESPONSE))
         return;
-    CheckRequests_i(aKey, *pEnd);
+    CheckRequests_i(dwKey, *pEnd);
     const size_t stBehind = CONNECT_LENGTH - std::min(CONNECT_LENGTH, pEnd->m_stReceived);
     pEnd->m_stReceived += aBytes.size();
-    if (m_bHandshake && IsServer(aKey) && stBehind < aBytes.size() && pEnd->m_stReceived - aBytes.size() <= CONNECT_LENGTH &&
+    if (m_bHandshake && IsServer(dwKey) && stBehind < aBytes.size() && pEnd->m_stReceived - aBytes.size() <= CONNECT_LENGTH &&
         aBytes[stBehind] == REQUEST)
-        Fail_i(aKey, "a second request over a stream");
+        Fail_i(dwKey, "a second request over a stream");
 }
 
 // Every request is answered at once, or its end has ended.
-void CSimWatch::Received(DWORD aKey, const std::string& aBytes) {
-    const CEnd* pEnd = Find_i(aKey);
-    if (!pEnd || !IsServer(aKey) || !m_bHandshake)
+void CSimWatch::OnReceived(const CCmSimEnd& aEnd, const std::string& aBytes) {
+    const DWORD dwKey = KeyOf(aEnd);
+    const CEnd* pEnd = Find_i(dwKey);
+    if (!pEnd || !IsServer(dwKey) || !m_bHandshake)
         return;
     const BOOL bAsked = m_bDatagrams ? aBytes.size() >= CONNECT_LENGTH && aBytes[0] == REQUEST
                                      : pEnd->m_llResponse < 0 && pEnd->m_stReceived >= CONNECT_LENGTH;
     if (bAsked && pEnd->m_llResponse != m_Network.Now())
-        Fail_i(aKey, "a request is not answered");
+        Fail_i(dwKey, "a request is not answered");
 }
 
-void CSimWatch::Closed(DWORD aKey, BOOL aByOwner) {
-    CEnd* pEnd = Find_i(aKey);
+void CSimWatch::OnClose(const CCmSimEnd& aEnd, BOOL aByOwner) {
+    const DWORD dwKey = KeyOf(aEnd);
+    CEnd* pEnd = Find_i(dwKey);
     if (!pEnd)
         return;
-    CheckRequests_i(aKey, *pEnd);
+    CheckRequests_i(dwKey, *pEnd);
     pEnd->m_bOpen = FALSE;
-    if (!m_bHandshake || !IsServer(aKey) || !aByOwner || pEnd->m_llResponse >= 0 || m_Network.HasJumped())
+    if (!m_bHandshake || !IsServer(dwKey) || !aByOwner || pEnd->m_llResponse >= 0 || m_Network.HasJumped())
         return;
     const BOOL bReceiving = pEnd->m_llReceivedTick == m_Network.Tick() || m_llStopped == m_Network.Now();
     const int64_t llAge = m_Network.Now() - pEnd->m_llOpened;
     if (!bReceiving && llAge != RELEASE)
-        Fail_i(aKey, "waited for a request for only " + std::to_string(llAge));
+        Fail_i(dwKey, "waited for a request for only " + std::to_string(llAge));
 }

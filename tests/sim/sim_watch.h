@@ -4,24 +4,26 @@
 #include <map>
 #include <string>
 
-#include "tests/sim/sim_network.h"
+#include "tests/sim/sim_lab.h"
 
-// Told by the transports of what they do. Breaches are failures of the network.
-class CSimWatch {
+// Breaches are failures of the network.
+class CSimWatch final : public ICmSimObserver {
 public:
     // aHandshake: a client asks, and the server answers.
-    CSimWatch(CSimNetwork& aNetwork, BOOL aDatagrams, BOOL aHandshake)
+    CSimWatch(CSimLab& aNetwork, BOOL aDatagrams, BOOL aHandshake)
         : m_Network(aNetwork), m_bDatagrams(aDatagrams), m_bHandshake(aHandshake) {}
 
-    void Opened(DWORD aKey);
-    // Whether it is taken or not.
-    void Sends(DWORD aKey, const std::string& aBytes);
-    // Before and after the upcall.
-    void Arrives(DWORD aKey, const std::string& aBytes);
-    void Received(DWORD aKey, const std::string& aBytes);
-    // aByOwner: neither the peer nor the link has ended it.
-    void Closed(DWORD aKey, BOOL aByOwner);
-    void Stopped() { m_llStopped = m_Network.Now(); }
+    void OnOpen(const CCmSimEnd& aEnd) override;
+    void OnSend(const CCmSimEnd& aEnd, const std::string& aBytes) override;
+    void OnReceive(const CCmSimEnd& aEnd, const std::string& aBytes) override;
+    void OnReceived(const CCmSimEnd& aEnd, const std::string& aBytes) override;
+    void OnClose(const CCmSimEnd& aEnd, BOOL aByOwner) override;
+    void OnStopListen(const CCmInetAddr&) override { m_llStopped = m_Network.Now(); }
+    void OnStep() override { m_Settled(); }
+
+    std::function<void()> m_Settled = [] {};  // everything that was due has been done
+    // The own port and, in the lower half, the peer's.
+    static DWORD KeyOf(WORD aPort, WORD aPeerPort) { return DWORD{aPort} << 16 | aPeerPort; }
 
     // In milliseconds of the library's clock; of the end that opened last under the key.
     int64_t LastSent(DWORD aKey) { return m_Ends[aKey].m_llSentTick; }
@@ -39,6 +41,7 @@ private:
         size_t m_stReceived = 0;  // bytes; over datagrams only those of responses
     };
 
+    static DWORD KeyOf(const CCmSimEnd& aEnd) { return KeyOf(aEnd.m_AddrLocal.GetPort(), aEnd.m_AddrPeer.GetPort()); }
     static BOOL IsServer(DWORD aKey) { return aKey >> 16 < 1024; }
     CEnd* Find_i(DWORD aKey);
     void Fail_i(DWORD aKey, const std::string& aText);
@@ -46,7 +49,7 @@ private:
     void CheckRequests_i(DWORD aKey, const CEnd& aEnd);
     void CheckRelease_i(DWORD aKey, int64_t aOpened);
 
-    CSimNetwork& m_Network;
+    CSimLab& m_Network;
     const BOOL m_bDatagrams;
     const BOOL m_bHandshake;
     int64_t m_llStopped = -1;  // when a listener did

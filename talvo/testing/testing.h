@@ -1,0 +1,5 @@
+// Everything that a test over simulated links needs besides talvo/talvo.h; link talvo::testing.
+#pragma once
+
+#include "talvo/testing/sim_network.h"
+#include "talvo/testing/sim_seeds.h"
