@@ -5,7 +5,12 @@ include(CMakePackageConfigHelpers)
 set(talvo_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/talvo)
 
 install(TARGETS talvo EXPORT talvo-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(DIRECTORY talvo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY talvo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h" PATTERN testing EXCLUDE)
+# The library for tests: find_package(talvo COMPONENTS testing), or by itself with `cmake --install BUILD --component testing`.
+install(TARGETS talvo_testing EXPORT talvo-testing-targets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT testing)
+foreach(header sim_link sim_network sim_observer sim_seeds testing)
+  install(FILES talvo/testing/${header}.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/talvo/testing COMPONENT testing)
+endforeach()
 file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 if(TARGET talvo_tool)
   install(TARGETS talvo_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
@@ -20,8 +25,9 @@ foreach(program echo msg timers threads http http_parse)
 endforeach()
 
 install(EXPORT talvo-targets NAMESPACE talvo:: DESTINATION ${talvo_package_dir})
+install(EXPORT talvo-testing-targets NAMESPACE talvo:: DESTINATION ${talvo_package_dir} COMPONENT testing)
 configure_package_config_file(cmake/talvo-config.cmake.in talvo-config.cmake INSTALL_DESTINATION ${talvo_package_dir}
-                              NO_SET_AND_CHECK_MACRO NO_CHECK_REQUIRED_COMPONENTS_MACRO)
+                              NO_SET_AND_CHECK_MACRO)
 # Before 1.0 a minor version may change the interface.
 write_basic_package_version_file(talvo-config-version.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/talvo-config.cmake ${CMAKE_CURRENT_BINARY_DIR}/talvo-config-version.cmake
