@@ -18,17 +18,20 @@ CCmTimeValue Msec(long aMsec) { return CCmTimeValue(0, aMsec * 1000); }
 class SimLinkTest : public testing::Test {
 protected:
     void Connect(DWORD aType = Manager::CTYPE_TCP) {
-        for (auto [pSide, pSink] : {std::pair(&m_Servers, &m_Server), std::pair(&m_Clients, &m_Client)})
-            pSide->m_Indicated = [pSide, pSink] {
-                if (!pSide->m_Transports.empty())
-                    pSide->m_Transports.back()->OpenWithSink(pSink);
-            };
+        Open(m_Servers, m_Server);
+        Open(m_Clients, m_Client);
         ASSERT_EQ(CM_OK, Manager::Instance()->CreateConnectionServer(aType, m_pAcceptor.ParaOut()));
         ASSERT_EQ(CM_OK, m_pAcceptor->StartListen(&m_Servers, ADDR));
         ASSERT_EQ(CM_OK, Manager::Instance()->CreateConnectionClient(aType, m_pConnector.ParaOut()));
         m_pConnector->AsycConnect(&m_Clients, ADDR);
         m_Network.RunFor(CCmTimeValue(1));
         ASSERT_EQ(1u, m_Clients.m_Transports.size());
+    }
+    static void Open(CTestConnectSink& aSide, CTestSink& aSink) {
+        aSide.m_Indicated = [&aSide, &aSink] {
+            if (!aSide.m_Transports.empty())
+                aSide.m_Transports.back()->OpenWithSink(&aSink);
+        };
     }
     void SetPath(const std::function<void(CCmSimPath&)>& aSet) {
         CCmSimPath path;
