@@ -98,9 +98,10 @@ CmResult CCmConnectionManager::Drain(CCmTimeValue* aTimeout, ICmDrainSink* aSink
     const CCmRefPtrT<CDrain> pDrain(new (std::nothrow) CDrain(pNetwork->GetLink(), pUser->GetLink(), *aSink, tvTime, FALSE));
     if (!pDrain)
         return CM_ERROR_OUT_OF_MEMORY;
-    if (!pDrain->Claim())
-        return CM_ERROR_ALREADY_INITIALIZED;
-    const CmResult rv = pDrain->Start();
+    CmResult rv = pDrain->Claim();
+    if (rv != CM_OK)
+        return rv;
+    rv = pDrain->Start();
     if (rv != CM_OK)
         pDrain->Withdraw();
     return rv;

@@ -37,6 +37,18 @@ private:
     CCmUndrained m_Left;
 };
 
+// Goes to the user's thread in the end.
+class CDrain::CReport final : public ICmEvent {
+public:
+    CmResult OnEventFire() override {
+        m_pSink->OnDrained(m_Reason, m_Left);
+        return CM_OK;
+    }
+    ICmDrainSink* m_pSink = nullptr;  // not owned
+    CmResult m_Reason = CM_OK;
+    CCmUndrained m_Left;
+};
+
 CDrain::CDrain(CCmThreadLink& aNetwork, CCmThreadLink& aUser, ICmDrainSink& aSink, const CCmTimeValue& aTime, BOOL aEvenHere)
     : m_pNetwork(&aNetwork),
       m_pUser(&aUser),
@@ -47,21 +59,25 @@ CDrain::CDrain(CCmThreadLink& aNetwork, CCmThreadLink& aUser, ICmDrainSink& aSin
 // Its beginning was dropped with the network thread.
 CDrain::~CDrain() { Tell_i(CM_ERROR_NOT_AVAILABLE, {}); }
 
-BOOL CDrain::Claim() {
+CmResult CDrain::Claim() {
     m_bClaimed = !s_bRunning.exchange(TRUE);
-    if (!m_bClaimed)
-        m_pSink = nullptr;
-    return m_bClaimed;
+    m_pReport.reset(m_bClaimed ? new (std::nothrow) CReport : nullptr);
+    if (m_pReport)
+        return CM_OK;
+    const CmResult rv = m_bClaimed ? CM_ERROR_OUT_OF_MEMORY : CM_ERROR_ALREADY_INITIALIZED;
+    Withdraw();
+    return rv;
 }
 
 CmResult CDrain::Start() {
     const CmResult rv = m_pNetwork->Post([pThis = CCmRefPtrT<CDrain>(this)] { pThis->Begin_i(); });
-    return rv == CM_OK ? CM_OK : CM_ERROR_NULL_POINTER;
+    return rv == CM_OK || rv == CM_ERROR_OUT_OF_MEMORY ? rv : CM_ERROR_NULL_POINTER;
 }
 
 void CDrain::StartOrTell() {
-    if (m_pSink && Start() != CM_OK)
-        Tell_i(CM_ERROR_NOT_AVAILABLE, {});
+    const CmResult rv = m_pSink ? Start() : CM_OK;
+    if (rv != CM_OK)
+        Tell_i(rv == CM_ERROR_OUT_OF_MEMORY ? rv : CM_ERROR_NOT_AVAILABLE, {});
 }
 
 void CDrain::Withdraw() {
@@ -72,8 +88,9 @@ void CDrain::Withdraw() {
 
 void CDrain::Begin_i() {
     ICmTimerQueue* pTimers = CCmThreadManager::Instance()->GetThreadTimerQueue(CCmThreadManager::TT_CURRENT);
-    if (!pTimers || pTimers->ScheduleTimer(this, nullptr, LOOK, 0) != CM_OK)
-        return Tell_i(CM_ERROR_NOT_AVAILABLE, {});
+    const CmResult rv = pTimers ? pTimers->ScheduleTimer(this, nullptr, LOOK, 0) : CM_ERROR_NOT_AVAILABLE;
+    if (rv != CM_OK)
+        return Tell_i(rv == CM_ERROR_OUT_OF_MEMORY ? rv : CM_ERROR_NOT_AVAILABLE, {});
     CM_INFO_TRACE_THIS("CCmConnectionManager::Drain, begins.");
     m_pTimers = pTimers;
     m_pSelf = this;
@@ -150,7 +167,10 @@ void CDrain::Tell_i(CmResult aReason, const CCmUndrained& aLeft) {
         CM_WARNING_TRACE_THIS("CCmConnectionManager::Drain, left: connections="
                               << aLeft.m_dwConnections << " requests=" << aLeft.m_dwRequests << " bytes=" << aLeft.m_ullBytes
                               << " rv=" << aReason);
-    const CmResult rv = m_pUser->Post([=] { pSink->OnDrained(aReason, aLeft); });
+    m_pReport->m_pSink = pSink;
+    m_pReport->m_Reason = aReason;
+    m_pReport->m_Left = aLeft;
+    const CmResult rv = m_pUser->PostEvent(m_pReport.release());
     if (rv != CM_OK && m_bEvenHere)
         pSink->OnDrained(aReason, aLeft);
 }
@@ -160,10 +180,15 @@ CmResult CDrainWait::Run(CCmThreadLink& aMain, CCmThreadLink& aNetwork, const CC
     const CCmRefPtrT<CDrain> pDrain(new (std::nothrow) CDrain(aNetwork, aMain, *this, aTime, TRUE));
     if (!pDrain)
         return CM_ERROR_OUT_OF_MEMORY;
-    if (!pDrain->Claim())
-        return CM_ERROR_ALREADY_INITIALIZED;
-    if (aMain.Post([pDrain] { pDrain->StartOrTell(); }) == CM_OK)
+    if (const CmResult rv = pDrain->Claim(); rv != CM_OK)
+        return rv;
+    const CmResult rv = aMain.Post([pDrain] { pDrain->StartOrTell(); });
+    if (rv == CM_OK)
         return RunLoop_i(*pDrain);
+    if (rv == CM_ERROR_OUT_OF_MEMORY) {
+        pDrain->Withdraw();
+        return rv;
+    }
     // The main thread's loop has ended for good: nothing there could be waited for.
     pDrain->StartOrTell();
     m_bDone.wait(FALSE);

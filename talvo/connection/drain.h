@@ -1,6 +1,8 @@
 // Brings the connections of all threads of the library to an orderly end.
 #pragma once
 
+#include <memory>
+
 #include "talvo/connection/drain_rule.h"
 #include "talvo/connection/drain_sink.h"
 #include "talvo/event/reactor.h"
@@ -22,9 +24,10 @@ public:
     // aSink.
     CDrain(CCmThreadLink& aNetwork, CCmThreadLink& aUser, ICmDrainSink& aSink, const CCmTimeValue& aTime, BOOL aEvenHere);
 
-    // Claims the process's one drain; comes first. FALSE: another one runs, and the sink is not told.
-    BOOL Claim();
-    // Any thread. CM_ERROR_NULL_POINTER: the network thread has ended.
+    // Claims the process's one drain; comes first. CM_ERROR_ALREADY_INITIALIZED: another one runs. CM_ERROR_OUT_OF_MEMORY. The
+    // sink is not told then.
+    CmResult Claim();
+    // Any thread. CM_ERROR_NULL_POINTER: the network thread has ended. CM_ERROR_OUT_OF_MEMORY.
     CmResult Start();
     // Tells the sink of that failure. Nothing happens behind Withdraw.
     void StartOrTell();
@@ -33,6 +36,7 @@ public:
 
 private:
     class CQuestion;
+    class CReport;
 
     ~CDrain() override;
     void OnThreadEnd() override;
@@ -50,6 +54,7 @@ private:
     const BOOL m_bEvenHere;
     ICmDrainSink* m_pSink;  // not owned; null: over
     BOOL m_bClaimed = FALSE;
+    std::unique_ptr<CReport> m_pReport;  // made in time: the end is reported with or without memory
 
     // Network thread only.
     CDrainRule m_Rule;
