@@ -66,12 +66,13 @@ void CDatagramHub::OnStranger(CCmMessageBlock& aData, const sockaddr_in& aFrom, 
     CCmInetAddr addrPeer;
     *addrPeer.GetPtr() = aFrom;
     const CCmRefPtrT<CCmTransportUdp> pTransport(new (std::nothrow) CCmTransportUdp(m_pReactor, this, addrPeer));
-    if (!pTransport || !m_Peers.Add(aKey, pTransport.Get(), m_Port.GetReceivedUsec())) {
+    const BOOL bAdded = pTransport && m_Peers.Add(aKey, pTransport.Get(), m_Port.GetReceivedUsec());
+    if (!m_bIdleTimer)
+        ArmIdleTimer();  // again where there was no memory for it: those that are silent have what a stranger needs
+    if (!bAdded) {
         m_Port.CountDropped();
         return;
     }
-    if (!m_bIdleTimer)
-        ArmIdleTimer();
     CM_INFO_TRACE_THIS("CDatagramHub::OnStranger, addr=" << addrPeer.GetIpDisplayName() << " port=" << addrPeer.GetPort()
                                                          << " pTrans=" << static_cast<const void*>(pTransport.Get()));
     m_pSink->OnConnectIndication(CM_OK, pTransport.Get(), m_pId);
