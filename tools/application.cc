@@ -39,7 +39,7 @@ public:
     explicit SignalHandler(Application& aApplication) : m_Application(aApplication) {
         const sigset_t signals = GetEndingSignals();
         m_nFd = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
-        GetMainReactor()->RegisterHandler(this, READ_MASK);
+        m_bRegistered = GetMainReactor()->RegisterHandler(this, READ_MASK) == CM_OK;
     }
     ~SignalHandler() override {
         GetMainReactor()->RemoveHandler(this, ALL_EVENTS_MASK);
@@ -47,6 +47,7 @@ public:
     }
 
     HANDLE GetHandle() const override { return m_nFd; }
+    bool IsRegistered() const { return m_bRegistered; }
 
     int OnInput(HANDLE) override {
         signalfd_siginfo info{};
@@ -60,6 +61,7 @@ public:
 private:
     Application& m_Application;
     int m_nFd;
+    bool m_bRegistered;
 };
 
 void Application::BlockSignals() {
@@ -80,7 +82,8 @@ Application::Application(CCmThreadManager::ENetworkThreadMode aMode) {
     if (pManager->InitMainThread(0, nullptr) != CM_OK)
         return;
     m_pSignals = std::make_unique<SignalHandler>(*this);
-    m_bStarted = CCmConnectionManager::Instance() != nullptr;
+    // A program that signals could not end does not start.
+    m_bStarted = m_pSignals->IsRegistered() && CCmConnectionManager::Instance();
 }
 
 Application::~Application() {
@@ -95,7 +98,7 @@ Application::~Application() {
 
 int Application::Run() {
     if (!m_bStarted)
-        Console::Complain("cannot start the library: no descriptor or no thread is left");
+        Console::Complain("cannot start the library: no descriptor, thread or memory is left");
     else if (m_nStatus == -1)
         GetMainReactor()->RunEventLoop();
     return m_nStatus == -1 ? EXIT_FAILED : m_nStatus;

@@ -1,10 +1,10 @@
 #include <memory>
-#include <new>
 #include <unordered_map>
 
 #include "tools/application.h"
 #include "tools/commands.h"
 #include "tools/listening.h"
+#include "tools/memory.h"
 #include "tools/outbox.h"
 
 namespace tool {
@@ -70,13 +70,12 @@ EchoServer::~EchoServer() {
 void EchoServer::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     if (aReason != CM_OK)
         return;
-    try {
+    // Without memory for it the client is disconnected. The others stay.
+    talvo::WithMemory([&] {
         auto pSession = std::make_unique<EchoSession>(*this, aTrpt);
         if (pSession->Open() == CM_OK)
             m_Sessions.emplace(pSession.get(), std::move(pSession));
-    } catch (const std::bad_alloc&) {
-        // Without memory for it the client is disconnected. The others stay.
-    }
+    });
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include "tools/byte_range.h"
 #include "tools/content_type.h"
 #include "tools/file_version.h"
+#include "tools/memory.h"
 
 namespace tool {
 
@@ -14,14 +15,8 @@ namespace {
 
 using Atoms = CCmHttpAtomList;
 
-// An answer without a part that memory ran out for would be wrong, so it is not sent.
-void Require(CmResult aResult) {
-    if (aResult == CM_ERROR_OUT_OF_MEMORY)
-        throw std::bad_alloc();
-}
-
 void AnswerStatus(ICmChannelHttpServer& aChannel, long aStatus, const char* aText) {
-    Require(aChannel.AnswerText(aStatus, "text/plain; charset=utf-8", std::string(aText) + "\n"));
+    RequireMemory(aChannel.AnswerText(aStatus, "text/plain; charset=utf-8", std::string(aText) + "\n"));
 }
 
 long StatusOfError(int aError) {
@@ -51,35 +46,35 @@ ByteRange GetRange(const CCmHttpRequestHead& aRequest, const FileVersion& aVersi
 void AnswerFile(ICmChannelHttpServer& aChannel, FileHandle aFile, const struct stat& aStatus, const std::string& aName) {
     const CCmHttpRequestHead& request = aChannel.GetRequest();
     const FileVersion version(aStatus);
-    Require(aChannel.SetHeader(Atoms::ETag, version.GetTag()));
+    RequireMemory(aChannel.SetHeader(Atoms::ETag, version.GetTag()));
     // A modification time in the future would be later than the answer's own date.
     const int64_t llNow = CCmClock::GetWallUsec() / 1000000;
-    Require(aChannel.SetHeader(Atoms::Last_Modified, talvo::format_http_date(std::min(version.GetModified(), llNow))));
-    Require(aChannel.SetHeader(Atoms::Accept_Ranges, "bytes"));
+    RequireMemory(aChannel.SetHeader(Atoms::Last_Modified, talvo::format_http_date(std::min(version.GetModified(), llNow))));
+    RequireMemory(aChannel.SetHeader(Atoms::Accept_Ranges, "bytes"));
     const long lStatus = version.JudgeConditions(request);
     if (lStatus == 412)
         return AnswerStatus(aChannel, lStatus, "the file has another version");
     if (lStatus == 304) {
-        Require(aChannel.SetStatus(lStatus));
-        Require(aChannel.EndAnswer());
+        RequireMemory(aChannel.SetStatus(lStatus));
+        RequireMemory(aChannel.EndAnswer());
         return;
     }
     const auto ullSize = static_cast<uint64_t>(aStatus.st_size);
     const ByteRange range = GetRange(request, version, ullSize);
     const std::string strSize = "/" + std::to_string(ullSize);
     if (range.m_Kind == ByteRange::UNSATISFIABLE) {
-        Require(aChannel.SetHeader(Atoms::Content_Range, "bytes *" + strSize));
+        RequireMemory(aChannel.SetHeader(Atoms::Content_Range, "bytes *" + strSize));
         AnswerStatus(aChannel, 416, "no such range");
         return;
     }
     if (range.m_Kind == ByteRange::PART) {
-        Require(aChannel.SetStatus(206));
+        RequireMemory(aChannel.SetStatus(206));
         const std::string strLast = std::to_string(range.m_ullFirst + range.m_ullLength - 1);
-        Require(
+        RequireMemory(
             aChannel.SetHeader(Atoms::Content_Range, "bytes " + std::to_string(range.m_ullFirst) + "-" + strLast + strSize));
     }
-    Require(aChannel.SetHeader(Atoms::Content_Type, GetContentType(aName)));
-    Require(aChannel.BeginAnswer(range.m_ullLength));
+    RequireMemory(aChannel.SetHeader(Atoms::Content_Type, GetContentType(aName)));
+    RequireMemory(aChannel.BeginAnswer(range.m_ullLength));
     if (request.GetMethod() == Atoms::Head || range.m_ullLength == 0)
         aChannel.EndAnswer();
     else
@@ -88,7 +83,7 @@ void AnswerFile(ICmChannelHttpServer& aChannel, FileHandle aFile, const struct s
 
 }  // namespace
 
-// Without memory for its answer the connection is closed. The others stay.
+// Without memory for its answer the connection is closed. The others stay. An answer without a part would be wrong.
 void FileService::OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) {
     try {
         Answer(*aChannel);
@@ -102,7 +97,7 @@ void FileService::Answer(ICmChannelHttpServer& aChannel) const {
     const CCmHttpAtom method = request.GetMethod();
     RequestPath path;
     if (method != Atoms::Get && method != Atoms::Head) {
-        Require(aChannel.SetHeader(Atoms::Allow, "GET, HEAD"));
+        RequireMemory(aChannel.SetHeader(Atoms::Allow, "GET, HEAD"));
         AnswerStatus(aChannel, 405, "GET and HEAD only");
     } else if (!ParseRequestPath(request.GetRequestURI(), path)) {
         AnswerStatus(aChannel, 400, "the target is not a valid path");
@@ -128,7 +123,7 @@ void FileService::AnswerPath(ICmChannelHttpServer& aChannel, const RequestPath& 
 void FileService::AnswerDirectory(ICmChannelHttpServer& aChannel, const RequestPath& aPath, FileHandle aDirectory) const {
     const std::string strPath = "/" + aPath.m_strPath + (aPath.m_strPath.empty() ? "" : "/");
     if (!aPath.m_bDirectory) {  // relative links of the page need the trailing slash
-        Require(aChannel.SetHeader(Atoms::Location, EncodePath(strPath)));
+        RequireMemory(aChannel.SetHeader(Atoms::Location, EncodePath(strPath)));
         return AnswerStatus(aChannel, 301, "it is a directory");
     }
     FileHandle index = m_Directory.OpenAt((strPath + "index.html").substr(1));
@@ -138,7 +133,7 @@ void FileService::AnswerDirectory(ICmChannelHttpServer& aChannel, const RequestP
     const std::string strPage = MakeDirectoryPage(m_Directory, std::move(aDirectory), aPath.m_strPath);
     if (strPage.empty())
         return AnswerError(aChannel, StatusOfError(errno));
-    Require(aChannel.AnswerText(200, "text/html; charset=utf-8", strPage));
+    RequireMemory(aChannel.AnswerText(200, "text/html; charset=utf-8", strPage));
 }
 
 }  // namespace tool

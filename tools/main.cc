@@ -1,7 +1,9 @@
 #include "tools/application.h"
 #include "tools/arguments.h"
+#include "tools/memory.h"
 
 int main(int argc, char** argv) {
+    tool::EndInWordsWithoutMemory();
     tool::Application::GuardStandardDescriptors();
     tool::Application::BlockSignals();
     tool::Arguments arguments;

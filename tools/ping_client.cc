@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "tools/connection_type.h"
+#include "tools/memory.h"
 #include "tools/percentiles.h"
 
 namespace tool {
@@ -32,7 +33,7 @@ void PingClient::Start() {
         return;
     }
     // The connector's own time-out would end before a handshake does.
-    m_TimerAnswer.Schedule(this, Milliseconds(m_Arguments.m_dwTimeoutMs), 1);
+    RequireMemory(m_TimerAnswer.Schedule(this, Milliseconds(m_Arguments.m_dwTimeoutMs), 1));
     m_pConnector->AsycConnect(this, m_Arguments.m_Endpoint.GetInetAddr());
 }
 
@@ -56,7 +57,7 @@ void PingClient::SendNext() {
     FillMessage();
     m_nTaken = 0;
     m_bWaiting = true;
-    m_TimerAnswer.Schedule(this, Milliseconds(m_Arguments.m_dwTimeoutMs), 1);
+    RequireMemory(m_TimerAnswer.Schedule(this, Milliseconds(m_Arguments.m_dwTimeoutMs), 1));
     m_llSent = CCmClock::GetTimeOfDayUsec();
     const CmResult rv = m_Outbox.Send(*m_pTransport, m_strMessage);
     // OnDisconnect reports a lost connection.
@@ -121,7 +122,7 @@ void PingClient::GoOn() {
     else if (m_Arguments.m_dwIntervalMs == 0)
         SendNext();
     else
-        m_TimerNext.Schedule(this, Milliseconds(m_Arguments.m_dwIntervalMs), 1);
+        RequireMemory(m_TimerNext.Schedule(this, Milliseconds(m_Arguments.m_dwIntervalMs), 1));
 }
 
 void PingClient::OnSend(ICmTransport*, CCmTransportParameter*) { m_Outbox.SendRest(*m_pTransport); }

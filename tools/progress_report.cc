@@ -1,5 +1,7 @@
 #include "tools/progress_report.h"
 
+#include "tools/memory.h"
+
 namespace tool {
 
 namespace {
@@ -21,9 +23,13 @@ CCmTimeValue GetInterval(Console::EOutput aOutput) {
 
 void ProgressReport::Start() { m_Timer.Schedule(this, GetInterval(m_Console.GetOutput())); }
 
+// Without memory for it a line is left out.
 void ProgressReport::OnTimer(CCmTimerWrapperID*) {
-    if (m_Meter.IsIdle())
-        return;
+    if (!m_Meter.IsIdle())
+        talvo::WithMemory([this] { Report(); });
+}
+
+void ProgressReport::Report() {
     const ProgressSample sample = m_Meter.Sample();
     m_Console.Progress(FormatProgress(sample), JsonLine("progress")
                                                    .Add("bytes", sample.m_ullDone)

@@ -19,6 +19,7 @@ public:
 
 private:
     void OnTimer(CCmTimerWrapperID* aId) override;
+    void Report();
 
     Console& m_Console;
     ProgressMeter m_Meter;

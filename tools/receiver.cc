@@ -1,6 +1,7 @@
 #include "tools/receiver.h"
 
 #include "tools/listening.h"
+#include "tools/memory.h"
 
 namespace tool {
 
@@ -30,9 +31,14 @@ void Receiver::Start() {
 void Receiver::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     if (aReason != CM_OK)
         return;
-    auto pSession = std::make_unique<RecvSession>(m_Context, aTrpt);
-    if (pSession->Open() == CM_OK)
-        m_Sessions.emplace(pSession.get(), std::move(pSession));
+    // Without memory for it the sender is disconnected. The others stay.
+    const BOOL bMemory = talvo::WithMemory([&] {
+        auto pSession = std::make_unique<RecvSession>(m_Context, aTrpt);
+        if (pSession->Open() == CM_OK)
+            m_Sessions.emplace(pSession.get(), std::move(pSession));
+    });
+    if (!bMemory)
+        ComplainOfMemory();
 }
 
 bool Receiver::OnSessionBegin(RecvSession& aSession) {

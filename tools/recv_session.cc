@@ -4,6 +4,7 @@
 
 #include "tools/endpoint.h"
 #include "tools/file_name.h"
+#include "tools/memory.h"
 #include "tools/text.h"
 
 namespace tool {
@@ -12,6 +13,7 @@ namespace {
 
 constexpr long HELLO_SECONDS = 10;
 constexpr long SIGN_SECONDS = 30;
+constexpr const char* OUT_OF_MEMORY = "out of memory";  // so short that a string needs none for it
 
 }  // namespace
 
@@ -28,31 +30,39 @@ CmResult RecvSession::Open() {
     // Detects a sender whose machine has disappeared.
     DWORD dwOn = 1;
     m_pTransport->SetOption(CM_OPT_TRANSPORT_KEEPALIVE, &dwOn);
-    m_Timer.Schedule(this, CCmTimeValue(HELLO_SECONDS), 1);
-    return m_pTransport->OpenWithSink(this);
+    const CmResult rv = m_Timer.Schedule(this, CCmTimeValue(HELLO_SECONDS), 1);
+    return rv == CM_OK ? m_pTransport->OpenWithSink(this) : rv;
 }
 
 void RecvSession::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
-    const FrameParser::EResult result = m_Parser.Feed(aData, *this);
-    if (result == FrameParser::ALL_READ)
-        return;
-    if (result == FrameParser::BROKEN)
-        Fault("it does not speak the protocol of talvo send");
-    End();
+    EndUnless([&] {
+        const FrameParser::EResult result = m_Parser.Feed(aData, *this);
+        if (result == FrameParser::BROKEN)
+            Fault("it does not speak the protocol of talvo send");
+        return result == FrameParser::ALL_READ;
+    });
 }
 
 void RecvSession::OnDisconnect(CmResult aReason, ICmTransport*) {
-    Fault("the connection " + DescribeEnd(*m_pTransport, aReason));
-    m_pTransport.Reset();
-    End();
+    EndUnless([&] { return Fault("the connection " + DescribeEnd(*m_pTransport, aReason)); });
 }
 
 void RecvSession::OnTimer(CCmTimerWrapperID*) {
-    if (m_State == WAIT_HELLO)
-        Fault("it sent nothing for " + std::to_string(HELLO_SECONDS) + " seconds");
-    else if (Answer(EncodeFrame(EFrame::ACCEPT)))
-        return;
-    End();
+    EndUnless([&] {
+        if (m_State == WAIT_HELLO)
+            return Fault("it sent nothing for " + std::to_string(HELLO_SECONDS) + " seconds");
+        return Answer(EncodeFrame(EFrame::ACCEPT));
+    });
+}
+
+// Where memory runs out inside aStep the session ends, and it alone.
+template <class Step>
+void RecvSession::EndUnless(const Step& aStep) {
+    bool bGoesOn = false;
+    if (!talvo::WithMemory([&] { bGoesOn = aStep(); }))
+        m_strFault = OUT_OF_MEMORY;
+    if (!bGoesOn)
+        End();
 }
 
 bool RecvSession::OnFrame(EFrame aType, std::string_view aPayload) {
@@ -144,6 +154,12 @@ bool RecvSession::Keep(std::string_view aHash) {
     const std::string strProblem = m_pFile->m_Disk.Publish(m_pFile->m_strName, m_Context.m_bForce);
     if (!strProblem.empty())
         return RefuseCurrent(strProblem);
+    talvo::WithMemory([&] { ReportKept(aHash); });  // a file that is there is acknowledged, with or without a line
+    CloseFile();
+    return Answer(EncodeResult(true, ""));
+}
+
+void RecvSession::ReportKept(std::string_view aHash) const {
     const double dSeconds = static_cast<double>(CCmClock::GetTimeOfDayUsec() - m_pFile->m_llStarted) / 1e6;
     m_Context.m_Console.Report("received " + m_pFile->m_strName + " from " + m_strPeer + ": " + FormatBytes(m_pFile->m_ullSize),
                                JsonLine("received")
@@ -152,8 +168,6 @@ bool RecvSession::Keep(std::string_view aHash) {
                                    .Add("bytes", m_pFile->m_ullSize)
                                    .Add("seconds", dSeconds)
                                    .Add("sha256", ToHex(aHash)));
-    CloseFile();
-    return Answer(EncodeResult(true, ""));
 }
 
 bool RecvSession::OnAbort(std::string_view aReason) {
@@ -224,7 +238,8 @@ void RecvSession::ReportEnd() {
 }
 
 void RecvSession::End() {
-    ReportEnd();
+    if (!talvo::WithMemory([this] { ReportEnd(); }))
+        ComplainOfMemory();
     CloseFile();
     m_Context.m_Owner.OnSessionEnd(*this, m_bSaidBye && m_nRefused == 0);
 }

@@ -85,7 +85,10 @@ private:
     bool Refuse(const std::string& aName, const std::string& aReason);
     bool RefuseCurrent(const std::string& aReason);
 
+    template <class Step>
+    void EndUnless(const Step& aStep);
     void CloseFile();
+    void ReportKept(std::string_view aHash) const;
     void ReportEnd();
     void End();  // the owner may delete this in it
 

@@ -3,6 +3,7 @@
 #include "tools/connection_type.h"
 #include "tools/endpoint.h"
 #include "tools/file_name.h"
+#include "tools/memory.h"
 #include "tools/text.h"
 
 namespace tool {
@@ -28,7 +29,7 @@ void Sender::Start() {
     }
     m_Progress.Start();
     // The connector's own time-out would end before a handshake does.
-    m_Timer.Schedule(this, CCmTimeValue(CONNECT_SECONDS), 1);
+    RequireMemory(m_Timer.Schedule(this, CCmTimeValue(CONNECT_SECONDS), 1));
     m_pConnector->AsycConnect(this, m_Arguments.m_Endpoint.GetInetAddr());
 }
 
@@ -125,7 +126,7 @@ void Sender::StartNextFile() {
     if (m_State == CLOSED)
         return;
     m_State = CLOSING;
-    m_Timer.Schedule(this, CCmTimeValue(CLOSING_SECONDS), 1);
+    RequireMemory(m_Timer.Schedule(this, CCmTimeValue(CLOSING_SECONDS), 1));
     Send(EncodeFrame(EFrame::BYE));
 }
 
@@ -149,7 +150,7 @@ void Sender::Pump() {
             return;
     }
     if (m_State == SENDING)
-        m_Timer.Schedule(this, CCmTimeValue::s_tvZero, 1);
+        RequireMemory(m_Timer.Schedule(this, CCmTimeValue::s_tvZero, 1));
 }
 
 // false: the transport takes no more at present, or the file is at its end.

@@ -1,8 +1,11 @@
 #!/usr/bin/env python3
 """Sends files and messages as people do, and as those do who mean harm."""
+import contextlib
 import json
 import os
+import pathlib
 import re
+import resource
 import signal
 import socket
 import struct
@@ -169,6 +172,27 @@ class TransferTest(ProgramTest):
                 answers += piece
             self.assertIn(b"SHA-256 differs", answers)
         self.assertEqual({}, self.received())
+        self.assertEqual(INTERRUPTED, server.end()[0])
+
+    def test_a_receiver_without_memory_closes_what_it_cannot_serve_and_goes_on(self):
+        server = self.serve("recv", "--out", self.out, "--force", stderr=subprocess.DEVNULL)
+        pid = server.process.pid
+        used = int(re.search(r"VmSize:\s*(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text())[1]) << 10
+        resource.prlimit(pid, resource.RLIMIT_AS, (used + (1 << 20),) * 2)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
+
+        def is_answered(peer):
+            try:
+                peer.sendall(b"\1\0\0\0\6TALVO\1" + struct.pack(">BIQ", 2, 10, 1) + b"..")
+                return peer.recv(1) == b"\x82"
+            except ConnectionError:
+                return False
+        with contextlib.ExitStack() as peers:
+            connect = lambda: peers.enter_context(socket.create_connection((HOST, server.port), PATIENCE))
+            self.assertFalse(all(is_answered(connect()) for _ in range(4000)), "there is still memory")
+        path = self.make("again", b"x")
+        poll("it serves or has ended", lambda: server.process.poll() is not None or
+             self.run_talvo("send", path, server.address).returncode == 0)
         self.assertEqual(INTERRUPTED, server.end()[0])
 
     def test_ping_over_each_type_of_connection(self):
