@@ -1,6 +1,5 @@
 #include "talvo/connection/connection_manager.h"
 
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include "talvo/transport/tcp/acceptor_tcp.h"
@@ -138,31 +137,6 @@ TEST(ConnectionManagerTest, ThreadRule) {
         CTestNetwork::Listen(sink, addr, FORCED);
         EXPECT_TRUE(trace.Contains("create CCmAcceptorThreadProxy"));
     });
-}
-
-// Each of the reactor's three descriptors in turn is the one that cannot be had.
-TEST(ConnectionManagerTest, WithoutDescriptorsThereIsNoManagerUntilThereAreSome) {
-    CCmTraceCapture trace;
-    const CMainThread main;
-    EXPECT_NE(nullptr,
-              CCmConnectionManager::Instance());  // the sanitizers need descriptors to look at a class for the first time
-    CCmConnectionManager::CleanupInstance();
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    const int nFree = dup(0);
-    close(nFree);
-    for (int n = 0; n < 3; ++n) {
-        trace.Clear();
-        const rlimit low{static_cast<rlim_t>(nFree + n), limit.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &low);
-        EXPECT_EQ(nullptr, CCmConnectionManager::Instance());
-        setrlimit(RLIMIT_NOFILE, &limit);
-        EXPECT_TRUE(trace.Contains("no descriptor for epoll, eventfd or timerfd. err=24"));
-        EXPECT_TRUE(trace.Contains("CCmConnectionManager::Instance, SpawnNetworkThread_i() failed! rv="));
-        EXPECT_EQ(nullptr, CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_NETWORK));
-    }
-    EXPECT_NE(nullptr, CCmConnectionManager::Instance());
-    CCmConnectionManager::CleanupInstance();
 }
 
 TEST(ConnectionManagerTest, MainThreadAsNetworkThread) {

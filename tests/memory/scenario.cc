@@ -1,34 +1,8 @@
 #include "tests/memory/scenario.h"
 
-#include <fcntl.h>
-
-#include "talvo/transport/dns/dns_manager.h"
+#include "talvo/talvo.h"
 
 namespace {
-
-constexpr int MAX_DESCRIPTORS = 64;
-constexpr int QUICK_TURNS = 500;   // then each waits, since the system has times of its own
-constexpr int MOST_TURNS = 20000;  // longer than any limit of the library, and than a look-up takes in real time
-constexpr int TURNS_WITHOUT_MEMORY = 200;
-constexpr long TURN_USEC = 100000;
-
-int CountDescriptors() {
-    int nCount = 0;
-    for (int fd = 0; fd < MAX_DESCRIPTORS; ++fd)
-        nCount += fcntl(fd, F_GETFD) != -1;
-    return nCount;
-}
-
-// Objects that are alive, apart from the names that are remembered.
-std::string Left() {
-    std::istringstream all(CCmLiveCounter::Dump());
-    std::string strLeft;
-    for (std::string strLine; std::getline(all, strLine);)
-        strLeft += strLine.starts_with("CCmDnsRecord ") ? "" : strLine + "\n";
-    return strLeft;
-}
-
-void Require(bool aHolds, const char* aText) { CViolation::Require(aHolds, aText); }
 
 constexpr DWORD TCP = CCmConnectionManager::CTYPE_TCP;
 constexpr DWORD UDP = CCmConnectionManager::CTYPE_UDP;
@@ -36,153 +10,6 @@ constexpr DWORD LENGTH = CCmConnectionManager::CTYPE_PDU_LENGTH;
 constexpr DWORD PACKAGE = CCmConnectionManager::CTYPE_PDU_PACKAGE;
 constexpr DWORD NO_PARTIAL = CCmConnectionManager::CTYPE_SEND_NO_PARTIAL_DATA;
 constexpr DWORD PROXY = CCmConnectionManager::CTYPE_FORCE_THREAD_PROXY;
-
-}  // namespace
-
-BOOL CWorld::Run(const std::function<bool()>& aCondition) {
-    int nTurnsSince = 0;
-    for (int i = 0; i < MOST_TURNS && !CViolation::s_szText; ++i) {
-        if (aCondition())
-            return TRUE;
-        if (CFailures::HasFired() && ++nTurnsSince == TURNS_WITHOUT_MEMORY)
-            CFailures::Disarm();
-        const CCmTimeValue tvWait = m_bOwnThread || i > QUICK_TURNS ? CCmTimeValue(0, 1000) : CCmTimeValue::s_tvZero;
-        Do([&] { m_Network.Main().RunOnce(&tvWait); });
-        m_Clock.Advance(CCmTimeValue(0, TURN_USEC));
-    }
-    return FALSE;
-}
-
-void CWorld::RequireClean() {
-    CFailures::Disarm();
-    if (m_nDescriptors == -1) {
-        int nTurns = 0;
-        Run([&] { return ++nTurns > 100; });
-        m_strLeft = Left();
-        m_nDescriptors = CountDescriptors();
-        return;
-    }
-    const std::string strBefore = m_strLeft;
-    Run([&] { return Left() == strBefore && CountDescriptors() == m_nDescriptors; });
-    m_strLeft = Left();
-    Require(m_strLeft == strBefore, "objects are left");
-    Require(CountDescriptors() == m_nDescriptors, "descriptors are left");
-}
-
-void CEnd::Open(ICmTransport* aTransport) {
-    m_pTransport = aTransport;
-    if (CWorld::Do([&] { return m_pTransport->OpenWithSink(this); }) != CM_OK)
-        Close();
-}
-
-void CEnd::Close() {
-    if (const CCmRefPtrT<ICmTransport> pTransport = std::move(m_pTransport))
-        CWorld::Do([&] { pTransport->Disconnect(CM_OK); });
-}
-
-void CEnd::Flush() {
-    while (m_pTransport && !m_ToSend.empty()) {
-        CCmMessageBlock block = ViewOf(m_ToSend.front());
-        const CCmRefPtrT<ICmTransport> pTransport = m_pTransport;
-        const CmResult rv = CWorld::Do([&] { return pTransport->SendData(block); });
-        if (rv == CM_OK)
-            m_ToSend.pop_front();
-        else
-            m_ToSend.front().erase(0, m_ToSend.front().size() - block.GetChainedLength());
-        if (rv != CM_OK)
-            return;
-    }
-}
-
-void CEnd::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
-    const CTestCode test;
-    Require(bool{m_pTransport}, "OnReceive behind the end");
-    if (m_bEcho)
-        m_ToSend.push_back(aData.FlattenChained());
-    else
-        m_strReceived += aData.FlattenChained();
-    Flush();
-}
-
-void CEnd::OnSend(ICmTransport*, CCmTransportParameter*) {
-    const CTestCode test;
-    Require(bool{m_pTransport}, "OnSend behind the end");
-    Flush();
-}
-
-void CEnd::OnDisconnect(CmResult, ICmTransport*) {
-    const CTestCode test;
-    Require(bool{m_pTransport}, "OnDisconnect behind the end");
-    m_pTransport.Reset();
-}
-
-namespace {
-
-// Echoes on every connection.
-class CServer : public ICmAcceptorConnectorSink {
-public:
-    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
-        const CTestCode test;
-        Require(aReason == CM_OK && aTrpt, "an acceptor indicates a failure");
-        CEnd& end = m_Ends.emplace_back();
-        end.m_bEcho = TRUE;
-        end.Open(aTrpt);
-    }
-    CmResult Start(DWORD aType) {
-        CmResult rv = CWorld::Do([&] { return CTestNetwork::Manager().CreateConnectionServer(aType, m_pAcceptor.ParaOut()); });
-        const CCmInetAddr addr(OwnLoopback(), 0);
-        if (rv == CM_OK)
-            rv = CWorld::Do([&] { return m_pAcceptor->StartListen(this, addr); });
-        return rv == CM_OK ? CWorld::Do([&] { return m_pAcceptor->GetListenAddr(m_Addr); }) : rv;
-    }
-    void Stop() {
-        if (m_pAcceptor)
-            CWorld::Do([&] { m_pAcceptor->StopListen(CM_OK); });
-        CWorld::Do([&] { m_pAcceptor.Reset(); });
-    }
-    void Flush() {
-        for (CEnd& end : m_Ends)
-            end.Flush();
-    }
-    bool IsOver() const {
-        return std::all_of(m_Ends.begin(), m_Ends.end(), [](const CEnd& a) { return a.IsOver(); });
-    }
-    CCmInetAddr m_Addr;
-    std::list<CEnd> m_Ends;
-
-private:
-    CCmRefPtrT<ICmAcceptor> m_pAcceptor;
-};
-
-// Connects once.
-class CClient : public ICmAcceptorConnectorSink {
-public:
-    ~CClient() override {
-        CWorld::Do([&] { m_pConnector.Reset(); });
-    }
-    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
-        const CTestCode test;
-        Require((aReason == CM_OK) == (aTrpt != nullptr), "an indication with half a transport");
-        Require(++m_nIndications == 1, "two indications");
-        if (aTrpt)
-            m_End.Open(aTrpt);
-    }
-    // TRUE: there is a connection.
-    bool Connect(CWorld& aWorld, DWORD aType, const CCmInetAddr& aAddr) {
-        CCmTimeValue timeout(5);
-        if (CWorld::Do([&] { return CTestNetwork::Manager().CreateConnectionClient(aType, m_pConnector.ParaOut()); }) != CM_OK)
-            return false;
-        CWorld::Do([&] { m_pConnector->AsycConnect(this, aAddr, &timeout); });
-        Require(m_nIndications == 0, "an indication from inside AsycConnect");
-        Require(aWorld.Run([&] { return m_nIndications > 0; }), "no indication");
-        return !m_End.IsOver();
-    }
-    CEnd m_End;
-    int m_nIndications = 0;
-
-private:
-    CCmRefPtrT<ICmConnector> m_pConnector;
-};
 
 // Sends until the same comes back; what goes as a datagram is sent again when it was lost.
 bool Echo(CWorld& aWorld, CServer& aServer, CEnd& aEnd, const std::string& aText, bool aDatagrams) {
@@ -266,11 +93,12 @@ bool ConnectToName(CWorld& aWorld, DWORD aType) {
     return bListens && (bConnected || client.m_nIndications == 1);
 }
 
-constexpr auto MAIN = CCmThreadManager::NETWORK_THREAD_MAIN;
-constexpr auto OWN = CCmThreadManager::NETWORK_THREAD_OWN;
+constexpr auto MAIN = ELibrary::NETWORK_IS_MAIN;
+constexpr auto OWN = ELibrary::NETWORK_IS_OWN;
+constexpr auto NONE = ELibrary::NOT_STARTED;
 
-CScenario EchoOf(const char* aName, DWORD aType, CCmThreadManager::ENetworkThreadMode aMode = MAIN) {
-    return {aName, aMode, [=](CWorld& aWorld) { return EchoAll(aWorld, aType); }};
+CScenario EchoOf(const char* aName, DWORD aType, ELibrary aLibrary = MAIN) {
+    return {aName, aLibrary, [=](CWorld& aWorld) { return EchoAll(aWorld, aType); }};
 }
 
 }  // namespace
@@ -294,4 +122,9 @@ const std::vector<CScenario> SCENARIOS = {
     {"ConnectToNameUdp", MAIN, [](CWorld& aWorld) { return ConnectToName(aWorld, UDP); }},
     EchoOf("TcpTwoThreads", TCP, OWN),
     EchoOf("PackageTwoThreads", TCP | PACKAGE, OWN),
+    {"Http", MAIN, AskAndAnswer},
+    {"HttpTwoThreads", OWN, AskAndAnswer},
+    {"Threads", MAIN, UseThreads},
+    {"Life", NONE, [](CWorld& aWorld) { return LiveAndEnd(aWorld, CCmThreadManager::NETWORK_THREAD_MAIN); }},
+    {"LifeTwoThreads", NONE, [](CWorld& aWorld) { return LiveAndEnd(aWorld, CCmThreadManager::NETWORK_THREAD_OWN); }},
 };
