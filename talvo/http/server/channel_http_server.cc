@@ -22,7 +22,7 @@ CCmChannelHttpServer::CCmChannelHttpServer(talvo::CHttpServerConnection& aConnec
 
 CCmChannelHttpServer::~CCmChannelHttpServer() { --s_Live; }
 
-// The connection's reference is the last one: the application has let go.
+// The connection's reference is the last one: the application has released its own.
 DWORD CCmChannelHttpServer::ReleaseReference() {
     const DWORD dwLeft = CCmReferenceControlTimerDeleteT::ReleaseReference();
     if (dwLeft == 1 && m_pConnection)
@@ -77,7 +77,7 @@ CmResult CCmChannelHttpServer::SetHeader(const CCmHttpAtom& aAtom, const CCmStri
     return rv == CM_OK ? m_Answer.SetHeader(aAtom, aValue, aMerge) : rv;
 }
 
-// Of an answer that memory has run out for it is not known how much is printed, so the connection ends.
+// If memory runs out for an answer, how much of it is printed is unknown, so the connection ends.
 template <class Call>
 CmResult CCmChannelHttpServer::Send_i(const Call& aCall) {
     const CmResult rv = talvo::ResultWithMemory(aCall);
@@ -176,7 +176,7 @@ CmResult CCmChannelHttpServer::SendChunk_i(CCmMessageBlock& aData, CCmTransportP
     return rv;
 }
 
-// Marks everything as taken.
+// Marks all data as taken.
 void CCmChannelHttpServer::Drop_i(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
     const DWORD dwLength = aData.GetChainedLength();
     aData.AdvanceChainedReadPtr(dwLength);
@@ -218,7 +218,7 @@ CmResult CCmChannelHttpServer::End_i() {
 void CCmChannelHttpServer::Complete_i() {
     m_Status = COMPLETE;
     m_bOnSendDue = FALSE;
-    m_pSink = nullptr;  // nothing more comes
+    m_pSink = nullptr;  // no more upcalls
     m_pConnection->OnAnswered();
 }
 

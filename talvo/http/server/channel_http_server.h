@@ -1,4 +1,4 @@
-// The channel that a request and its answer go through.
+// The channel of a request and its answer.
 #pragma once
 
 #include "talvo/event/timer_delete.h"
@@ -11,7 +11,7 @@ class CHttpServerConnection;
 
 }  // namespace talvo
 
-// Made by a connection, which holds one reference and uses the channel again for its next request when nobody else does.
+// A connection makes it, holds one reference, and uses the channel again for its next request if no other reference is left.
 class CCmChannelHttpServer final : public ICmChannelHttpServer,
                                    private CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
 public:
@@ -35,12 +35,12 @@ public:
     CmResult GetOption(DWORD aCommand, void* aArg) override;
     ICmTransportSink* GetSink() override { return m_pSink; }
 
-    // A server channel is there when it is told of: CM_ERROR_NOT_IMPLEMENTED.
+    // A server channel is connected from the start: CM_ERROR_NOT_IMPLEMENTED.
     CmResult OpenWithSink(ICmTransportSink*) override { return CM_ERROR_NOT_IMPLEMENTED; }
     CmResult AsyncOpen(ICmChannelSink*) override { return CM_ERROR_NOT_IMPLEMENTED; }
     CmResult GetUrl(CCmHttpUrl*&) override { return CM_ERROR_NOT_IMPLEMENTED; }
 
-    // What follows is the connection's.
+    // The following functions are for the connection.
 
     CCmHttpRequestHead& GetHead() { return m_Request; }
     ICmChannelHttpServerSink* GetServerSink() const { return m_pSink; }
@@ -48,19 +48,19 @@ public:
     BOOL IsBegun() const { return m_Status != WAITING; }
     BOOL IsComplete() const { return m_Status == COMPLETE; }
     BOOL IsHeldBack() const { return !m_pSink || m_bPaused; }
-    // Whether the user shall hear of room, which is then told.
+    // TRUE: OnSend is due to the user, who is then notified.
     BOOL TakeOnSendDue() { return std::exchange(m_bOnSendDue, FALSE); }
 
-    // The application shall hear nothing more of it, or wants to.
+    // The application gets no more upcalls, or asks for none.
     void Forget();
     BOOL IsForgotten() const { return m_bForgotten; }
-    // Ready for the next request.
+    // Prepares the channel for the next request.
     void Reset();
-    // The connection has no more to do with it. The sink that it had.
+    // Detaches the connection. Returns the sink that the channel had.
     ICmChannelHttpServerSink* Detach();
 
 private:
-    enum EStatus { WAITING /* no answer yet */, BEGUN /* the head is out */, COMPLETE };
+    enum EStatus { WAITING /* no answer yet */, BEGUN /* the head is sent */, COMPLETE };
 
     CmResult CheckOpen_i(EStatus aMost) const;
     template <class Call>
@@ -81,7 +81,7 @@ private:
     EStatus m_Status = WAITING;
     talvo::EHttpBody m_Body = talvo::EHttpBody::NONE;  // of the answer, once it has begun
     uint64_t m_ullLeft = 0;                            // bytes of the length that SendData has not taken
-    BOOL m_bNoBody = FALSE;                            // whatever is sent, nothing but the head leaves
+    BOOL m_bNoBody = FALSE;                            // only the head is sent, whatever the application gives
     BOOL m_bPaused = FALSE;
     BOOL m_bForgotten = FALSE;
     BOOL m_bOnSendDue = FALSE;

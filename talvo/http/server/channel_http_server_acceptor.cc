@@ -22,7 +22,7 @@ constexpr int64_t USEC_PER_SECOND = 1000000;
 
 constexpr DWORD NO_DEADLINE = 0x40000000;  // looks
 
-// What waits in a proxy for the network: little enough that a slow reader's progress is seen in time.
+// The limit of a proxy's queue to the network. It is small, so that a slow reader's progress shows in time.
 constexpr DWORD PROXY_SEND_LIMIT = 256 * 1024;
 
 }  // namespace
@@ -88,7 +88,7 @@ void CCmChannelHttpServerAcceptor::OnDrain(ECmDrainStage aStage) {
     }
 }
 
-// A visit may end connections: one that has ended leaves its place to another, which is visited then.
+// A visit may end connections. The place of an ended one goes to another, which is visited then.
 template <class Visit>
 void CCmChannelHttpServerAcceptor::ForEach_i(const Visit& aVisit) {
     for (size_t i = 0; i < m_Connections.size();) {
@@ -103,7 +103,7 @@ CmResult CCmChannelHttpServerAcceptor::GetListenAddr(CCmInetAddr& aAddr) {
     return m_pAcceptor ? m_pAcceptor->GetListenAddr(aAddr) : CM_ERROR_NOT_INITIALIZED;
 }
 
-// No upcall from here on.
+// No upcall comes after this.
 void CCmChannelHttpServerAcceptor::OnReferenceDestory() {
     m_bStopping = FALSE;
     m_pSink = nullptr;
@@ -184,7 +184,7 @@ void CCmChannelHttpServerAcceptor::Look_i() {
         Stopped_i();
 }
 
-// Printed anew in every second: a date that lags would be earlier than a time of change that is sent beside it.
+// Printed again in each second: an old date would be earlier than a time of change that is sent beside it.
 std::string_view CCmChannelHttpServerAcceptor::GetTail(BOOL aKeepAlive) {
     const int64_t llSecond = CCmClock::GetWallUsec() / USEC_PER_SECOND;
     if (std::exchange(m_llTailSecond, llSecond) != llSecond)

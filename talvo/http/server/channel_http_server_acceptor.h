@@ -1,4 +1,4 @@
-// Listens, and keeps the connections of an HTTP server.
+// Listens, and holds the connections of an HTTP server.
 #pragma once
 
 #include <vector>
@@ -8,7 +8,7 @@
 #include "talvo/event/timer_delete.h"
 #include "talvo/http/server/http_server_connection.h"
 
-// What CCmChannelManager::CreateHttpAcceptor makes. One timer, once a second, sees to all time-outs.
+// CCmChannelManager::CreateHttpAcceptor makes it. One timer, once a second, checks all time-outs.
 class TALVO_API CCmChannelHttpServerAcceptor final : public ICmChannelServerAcceptor,
                                                      private ICmAcceptorConnectorSink,
                                                      private CCmTimerWrapperIDSink,
@@ -16,7 +16,7 @@ class TALVO_API CCmChannelHttpServerAcceptor final : public ICmChannelServerAcce
                                                      private CCmThreadTenant,
                                                      private CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
 public:
-    // aFlags: none is known; they are ignored.
+    // aFlags: no flags are defined; they are ignored.
     explicit CCmChannelHttpServerAcceptor(DWORD aFlags);
     ~CCmChannelHttpServerAcceptor() override;
 
@@ -62,14 +62,14 @@ private:
     talvo::CHttpServerSettings m_Settings;
     ICmChannelServerAcceptorSink* m_pSink = nullptr;  // not owned; from StartListen to OnStopped
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;              // while listening
-    std::vector<Connection> m_Connections;            // each knows its place
+    std::vector<Connection> m_Connections;            // each stores its place
     CCmTimerWrapperID m_LookTimer;
     CCmTimerWrapperID m_StoppedTimer;
     DWORD m_dwLooks = 0;
     DWORD m_dwStopDeadline = 0;  // in looks
     BOOL m_bStopping = FALSE;
     CCmFailure m_Failure;         // of the last StartListen
-    int64_t m_llTailSecond = -1;  // when the tails were last asked for
+    int64_t m_llTailSecond = -1;  // when the tails were last requested
     CCmString m_strTailKeep;
     CCmString m_strTailClose;
 };

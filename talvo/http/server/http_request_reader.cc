@@ -57,7 +57,7 @@ int CHttpRequestReader::OnLine(std::string_view aLine, CCmHttpRequestHead& aHead
         aLine.remove_suffix(1);
     const DWORD dwLines = m_Check.GetLines();
     if (aLine.empty() && dwLines == 0)
-        return MORE;  // some clients send one behind a body
+        return MORE;  // some clients send an empty line after a body
     m_stHead += aLine.size();
     if (aLine.size() > m_Settings.m_Limits.m_dwMaxLine)
         return TooLong();
@@ -73,7 +73,7 @@ int CHttpRequestReader::OnLine(std::string_view aLine, CCmHttpRequestHead& aHead
     return aLine.empty() ? COMPLETE : MORE;
 }
 
-// The head knows the versions 1.0 and 1.1.
+// CCmHttpRequestHead accepts the versions 1.0 and 1.1.
 BOOL CHttpRequestReader::ParseLine(std::string_view aLine, CCmHttpRequestHead& aHead) {
     if (m_Check.GetLines() != 1 || !m_Check.IsLaterMinor())
         return aHead.ParseLine(aLine);
@@ -82,7 +82,7 @@ BOOL CHttpRequestReader::ParseLine(std::string_view aLine, CCmHttpRequestHead& a
     return aHead.ParseLine(strLine);
 }
 
-// The CR of a line end to come is not part of the line.
+// The CR of a line end that is not complete yet is not part of the line.
 int CHttpRequestReader::OnPart(std::string_view aPart) {
     m_strPartial += aPart;
     if (m_strPartial.size() > m_Settings.m_Limits.m_dwMaxLine + size_t{1})

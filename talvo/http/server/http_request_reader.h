@@ -8,20 +8,20 @@
 
 namespace talvo {
 
-// Lines are read where they lie; only one that comes in pieces is kept until its end. Each is judged as soon as it is there, so
-// that nonsense is answered at once.
+// Reads lines in place; only a line that comes in pieces is stored until its end. Checks each line as soon as it is complete,
+// so that an invalid one is refused at once.
 class CHttpRequestReader {
 public:
-    // What Feed returns besides the status of an answer.
+    // Results of Feed besides the status of an answer.
     enum EResult : int { MORE = 0, COMPLETE = 1 };
 
     explicit CHttpRequestReader(const CHttpServerSettings& aSettings) : m_Settings(aSettings) {}
 
-    // Takes bytes from the chain up to the end of a head, or all of them, and fills aHead. After anything but MORE it begins
-    // anew. Statuses: 400, 414, 431, 503 (memory ran out), 505.
+    // Takes bytes from the chain up to the end of a head, or all of them, and fills aHead (out). After any result but MORE it
+    // starts again. Statuses: 400, 414, 431, 503 (memory ran out), 505.
     int Feed(CCmMessageBlock& aChain, CCmHttpRequestHead& aHead);
 
-    // Whether there is a part of a head. The empty lines that may stand before one are none.
+    // TRUE: a part of a head is read. The empty lines that may precede a head do not count.
     BOOL HasBegun() const { return !m_strPartial.empty() || m_Check.GetLines() > 0; }
 
 private:

@@ -1,4 +1,4 @@
-// What an answer says before its body.
+// The head of an answer.
 #pragma once
 
 #include <string_view>
@@ -8,25 +8,25 @@
 
 namespace talvo {
 
-// Status and headers as the application sets them, and how they are printed. Keeps its memory for the next answer.
+// Status and headers as the application sets them, and their printed form. Keeps its memory for the next answer.
 class CHttpServerAnswer final : private CCmHttpHeaderArray {
 public:
     void Reset();
 
-    // As ICmChannelHttpServer has them: CM_ERROR_INVALID_ARG for what must not be sent, and for what is not theirs.
+    // As in ICmChannelHttpServer: CM_ERROR_INVALID_ARG for invalid texts, and for headers that the server sets itself.
     CmResult SetStatus(long aStatus, std::string_view aText);
     CmResult SetHeader(const CCmHttpAtom& aAtom, std::string_view aValue, BOOL aMerge);
 
-    // "Connection" has been set to "close", which is all that is taken from it.
+    // "Connection" has been set to "close"; no other value of it is used.
     BOOL IsToClose() const { return m_bToClose; }
 
-    // The status says that there is none. A client looks for the body of a 205 all the same: its length is printed as 0.
+    // The status forbids a body. A client still expects the body of a 205, so its length is printed as 0.
     BOOL IsWithoutBody() const;
 
-    // How a body of aLength bytes, perhaps ICmChannelHttpServer::UNKNOWN_LENGTH, is sent to that client.
+    // The framing of a body of aLength bytes (or ICmChannelHttpServer::UNKNOWN_LENGTH) for the client of aRequest.
     EHttpBody GetBody(const CCmHttpRequestHead& aRequest, uint64_t aLength) const;
 
-    // Appends the whole head: status line, headers, framing, then aTail, which ends it.
+    // Appends the whole head to aOut (out): status line, headers, framing, then aTail, which ends it.
     void Print(EHttpBody aBody, uint64_t aLength, std::string_view aTail, CCmString& aOut) const;
 
 private:

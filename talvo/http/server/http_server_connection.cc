@@ -1,4 +1,4 @@
-// What comes in; what goes out stands in http_server_connection_output.cc.
+// The input side; http_server_connection_output.cc has the output side.
 #include "talvo/http/server/http_server_connection.h"
 
 #include <new>
@@ -25,8 +25,8 @@ constexpr int CONTENT_TOO_LARGE = 413;
 constexpr int EXPECTATION_FAILED = 417;
 constexpr int SERVER_ERROR = 500;
 
-constexpr size_t MOST_GATHERED = 32 * 1024;    // bytes of answers before they are sent and the next request is looked at
-constexpr uint64_t MOST_DROPPED = 128u << 20;  // bytes read from a peer that goes on sending behind the last answer
+constexpr size_t MOST_GATHERED = 32 * 1024;    // bytes of answers gathered before they are sent and the next request is read
+constexpr uint64_t MOST_DROPPED = 128u << 20;  // bytes read from a peer that still sends after the last answer
 
 }  // namespace
 
@@ -47,7 +47,7 @@ CmResult CHttpServerConnection::Open() {
     return rv;
 }
 
-// Runs what the loop or the transport brings. Memory that runs out inside costs this connection.
+// Runs one call of the loop or the transport. If memory runs out inside, this connection ends.
 template <class Call>
 void CHttpServerConnection::Enter_i(const Call& aCall) {
     if (WithMemory(aCall))
@@ -79,7 +79,7 @@ void CHttpServerConnection::TakeData_i(CCmMessageBlock& aData) {
 
 void CHttpServerConnection::OnSend(ICmTransport*, CCmTransportParameter*) {
     m_bBlocked = FALSE;
-    m_Wait = FOR_NOBODY;  // who takes something has its time anew
+    m_Wait = FOR_NOBODY;  // each progress restarts the time
     Enter_i([this] {
         Flush_i();
         if (m_bBlocked)
@@ -100,7 +100,7 @@ void CHttpServerConnection::RunKick_i() {
     if (m_bBroken || (bStarved && m_State == BODY))
         End(m_BrokenReason);
     else if (bStarved)
-        End(CM_OK);  // in order: what a proxy holds still goes out
+        End(CM_OK);  // graceful: data in a proxy is still sent
     else
         RunHeld_i(FALSE);
 }
@@ -111,11 +111,11 @@ void CHttpServerConnection::RunHeld_i(BOOL aRoom) {
     input.DropRead();
     m_Held = std::move(input);
     if (!bGood)
-        throw std::bad_alloc();  // on its way to the entry
+        throw std::bad_alloc();  // the entry catches it
     Settle_i();
 }
 
-// As far as it goes now. What is left in the input has to wait.
+// Runs as many steps as possible now. The rest of the input stays.
 void CHttpServerConnection::Run_i(CCmMessageBlock* aInput, BOOL aRoom) {
     m_bRunning = TRUE;
     if (aRoom)
@@ -127,7 +127,7 @@ void CHttpServerConnection::Run_i(CCmMessageBlock* aInput, BOOL aRoom) {
         Flush_i();
 }
 
-// TRUE: something was done, and perhaps there is more to do.
+// TRUE: one step is done, and more may follow.
 BOOL CHttpServerConnection::Step_i(CCmMessageBlock* aInput) {
     switch (m_State) {
     case HEAD:
@@ -185,7 +185,7 @@ BOOL CHttpServerConnection::BeginRequest_i() {
     return TRUE;
 }
 
-// What is to be said before the application hears of the request: 0, or the status of a refusal.
+// Checks a request before its upcall: 0, or the status of a refusal.
 int CHttpServerConnection::CheckRequest_i(const CHttpFraming& aFraming) {
     if (aFraming.m_nError != 0)
         return aFraming.m_nError;
@@ -193,7 +193,7 @@ int CHttpServerConnection::CheckRequest_i(const CHttpFraming& aFraming) {
         return CONTENT_TOO_LARGE;
     const CCmHttpRequestHead& head = m_pChannel->GetRequest();
     const CCmString* pExpect = head.FindHeader(CCmHttpAtomList::Expect);
-    const BOOL bExpects = pExpect && head.GetVerion() >= CM_HTTP_VERSION_11;  // 1.0 does not know it
+    const BOOL bExpects = pExpect && head.GetVerion() >= CM_HTTP_VERSION_11;  // 1.0 does not define it
     if (bExpects && !equal_no_case(*pExpect, "100-continue"))
         return EXPECTATION_FAILED;
     m_bContinueDue = bExpects && aFraming.m_Body != EHttpBody::NONE;
@@ -202,7 +202,7 @@ int CHttpServerConnection::CheckRequest_i(const CHttpFraming& aFraming) {
 
 BOOL CHttpServerConnection::ReadBody_i(CCmMessageBlock* aInput) {
     if (IsAnswered_i() && (m_bLast || m_bBroken)) {
-        m_State = ANSWER;  // nobody wants the rest
+        m_State = ANSWER;  // the rest is not used
         return TRUE;
     }
     if (!IsAnswered_i() && m_pChannel->IsHeldBack())
@@ -241,7 +241,7 @@ BOOL CHttpServerConnection::TellEnd_i() {
     return TRUE;
 }
 
-// Where there is a sink it comes behind the end of the request; where there is none the body may still be held back.
+// With a sink it comes after the end of the request; without one the body may still be held back.
 BOOL CHttpServerConnection::TellClientEnd_i() {
     ICmChannelHttpServerSink* pSink = m_pChannel->GetServerSink();
     if (!m_bPeerEnded || m_bClientEndTold || (pSink && (!m_bEndTold || m_pChannel->IsHeldBack())))
@@ -260,7 +260,7 @@ void CHttpServerConnection::TellRoom_i() {
     CheckReleased_i();
 }
 
-// On to the next request, in the same channel if nobody has kept it.
+// Starts the next request, in the same channel unless the application still holds it.
 BOOL CHttpServerConnection::Answered_i() {
     if (m_pChannel->IsShared()) {
         m_pChannel->Detach();
@@ -305,7 +305,7 @@ void CHttpServerConnection::OnReleased() {
         CheckReleased_i();
 }
 
-// An application that has forgotten a request must not leave its client waiting.
+// An application that drops a request without an answer must not leave its client waiting.
 void CHttpServerConnection::CheckReleased_i() {
     if (!HasRequest_i() || m_pChannel->IsShared() || m_pChannel->IsComplete())
         return;
@@ -319,7 +319,7 @@ void CHttpServerConnection::Drop() {
     End(CM_ERROR_NETWORK_SOCKET_CLOSE);
 }
 
-// The server's own answer, which is the last on this connection; when another has begun, it just ends.
+// The server's own answer, the last on this connection. If another answer has begun, the connection ends without it.
 void CHttpServerConnection::Refuse_i(int aStatus) {
     CM_WARNING_TRACE_THIS("CHttpServerConnection::Refuse_i, aStatus=" << aStatus);
     const CmResult reason = aStatus == REQUEST_TIMEOUT ? CM_ERROR_TIMEOUT : CM_ERROR_NETWORK_SOCKET_ERROR;
@@ -332,7 +332,7 @@ void CHttpServerConnection::Refuse_i(int aStatus) {
     Close_i(reason);
 }
 
-// Takes nothing more, and ends behind the answers that are on their way.
+// Takes no more input, and ends after the answers in flight.
 void CHttpServerConnection::Close_i(CmResult aReason) {
     const BOOL bTell = HasRequest_i() && !IsAnswered_i();
     const CCmRefPtrT<CCmChannelHttpServer> pChannel = std::move(m_pChannel);
@@ -348,7 +348,7 @@ void CHttpServerConnection::Close_i(CmResult aReason) {
         pChannel->Detach();
 }
 
-// FALSE: for want of memory; who knows how much of it is there.
+// FALSE: memory ran out, and how much of it is printed is unknown.
 BOOL CHttpServerConnection::PrintRefusal_i(int aStatus) {
     const BOOL bHeadOnly = m_pChannel && m_pChannel->GetRequest().GetMethod() == CCmHttpAtomList::Head;
     CmResult rv = CM_OK;
@@ -388,7 +388,7 @@ void CHttpServerConnection::OnLate() {
 void CHttpServerConnection::Stop() {
     m_bStopping = m_bLast = TRUE;
     if (m_bRunning)
-        return;  // the step after this one sees it
+        return;  // the next step handles it
     if (m_State == BODY && IsAnswered_i())
         Answered_i();
     else if (m_State == HEAD && !m_bBlocked)
@@ -428,7 +428,7 @@ void CHttpServerConnection::End(CmResult aReason) {
         pChannel->Detach();
 }
 
-// The last call for a request; inside anything may be done, to the channel and to the owner.
+// The last call for a request. The upcall may do anything to the channel and to the owner.
 void CHttpServerConnection::TellLost_i(CCmChannelHttpServer& aChannel, CmResult aReason) {
     ICmChannelHttpServerSink* pSink = aChannel.Detach();
     if (aChannel.IsForgotten())
@@ -439,7 +439,7 @@ void CHttpServerConnection::TellLost_i(CCmChannelHttpServer& aChannel, CmResult 
         Upcall([&] { m_Owner.OnRequestLost(aReason, aChannel); });
 }
 
-// Whether aInput (null: nothing) has the rest of the body under way, which may not be read yet. Without memory to see it: no.
+// TRUE: aInput (null: no input) has the rest of the current body, which may not be read yet. FALSE also if memory runs out.
 BOOL CHttpServerConnection::IsBodyWhole_i(const CCmMessageBlock* aInput) const {
     class CNobody : public CHttpBodySink {
         BOOL OnBody(CCmMessageBlock&) override { return TRUE; }

@@ -11,20 +11,20 @@ namespace talvo {
 
 class CHttpServerConnection;
 
-// What connections ask of the acceptor that they belong to, which outlives them.
+// The services of the acceptor to its connections. It outlives them.
 class CHttpServerOwner {
 public:
     virtual const CHttpServerSettings& GetSettings() const = 0;
     // Counts the looks at the clock, one a second.
     virtual DWORD GetLooks() const = 0;
-    // What ends a head: "Date", "Connection", the empty line.
+    // The end of a head: "Date", "Connection", the empty line.
     virtual std::string_view GetTail(BOOL aKeepAlive) = 0;
     virtual void OnRequest(ICmChannelHttpServer& aChannel) = 0;
     // A request without a sink has been lost.
     virtual void OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) = 0;
     // The client of a request without a sink has ended its sending side.
     virtual void OnClientEnd(ICmChannelHttpServer& aChannel) = 0;
-    // The connection has ended: lets go of it.
+    // The connection has ended: removes it.
     virtual void Remove(CHttpServerConnection& aConnection) = 0;
 
 protected:
@@ -36,11 +36,11 @@ protected:
 //    |   head with a body      ^  \  answer complete, last one
 //    +--------------> BODY ----+   +----------------------------> CLOSING ---> ENDED
 //
-// Reads a request, hands it up, delivers what is answered. Bytes beyond what can be used now are held back, and reading is
-// paused beyond a limit, so that what one peer can make it hold is bounded. Upcalls come from the event loop alone: whatever
-// the user calls returns first. Any of them may end the connection; the object stays until the loop's next turn.
+// Reads a request, passes it to the application, delivers the answer. Data that cannot be used yet is held back, and reading
+// pauses beyond a limit, so the data held for one peer is bounded. Upcalls come from the event loop only: a call of the user
+// returns first. Any upcall may end the connection; the object stays until the loop's next turn.
 //
-// Time is counted in the owner's looks, so that a thread which is busy elsewhere does not make its clients late.
+// Time is counted in the owner's looks, so that clients do not time out while the thread is busy elsewhere.
 class CHttpServerConnection final : public ICmTransportSink,
                                     public CCmTimerWrapperIDSink,
                                     public CHttpBodySink,
@@ -51,37 +51,37 @@ public:
 
     CmResult Open();
 
-    // A look at the clock: whoever was waited for too long.
+    // At a look at the clock: TRUE: the current wait has timed out.
     BOOL IsLate() const {
         return m_bKickDue || (m_Wait != FOR_NOBODY && static_cast<int32_t>(m_Owner.GetLooks() - m_dwDeadline) >= 0);
     }
     void OnLate();
-    // Finishes what has begun and takes no new request. Closes at once when there is none. No upcall comes inside.
+    // Finishes what has begun and takes no new request. Closes at once if no request has begun. Makes no upcall.
     void Stop();
-    // Stop for a drain, from the loop, again and again. Also gives up a request whose body is not whole and whose answer has
-    // not begun, and waits no longer for the peer to close when its system has acknowledged everything.
+    // Stop for a drain, called by the loop repeatedly. Also abandons a request if its body is incomplete and its answer has not
+    // begun. Stops waiting for the peer's close once its system has acknowledged everything.
     void Drain();
-    // Ends at once; the user hears aReason unless the answer is complete or it has disconnected.
+    // Ends at once. The user gets aReason unless the answer is complete or the user has disconnected.
     void End(CmResult aReason);
-    // The same, and the user hears nothing.
+    // The same, without an upcall.
     void Drop();
 
-    size_t m_stPlace = 0;  // the owner's: where it keeps this connection
+    size_t m_stPlace = 0;  // for the owner: its index of this connection
 
-    // For the channel of the request under way.
+    // The following functions are for the channel of the current request.
     ICmTransport& GetTransport() { return *m_pTransport; }
     CHttpServerOutput& GetOutput() { return m_Output; }
-    // What ends the head of the answer that begins now.
+    // Returns the end of the head of the answer that begins now.
     std::string_view BeginAnswer(BOOL aLast);
     CmResult SendAll(CCmMessageBlock& aBody);
     CmResult SendPart(CCmMessageBlock& aData);
     CmResult SendChunk(const CCmMessageBlock& aData, DWORD aLength);
     void OnAnswered();
-    // Tells the client to send the body, if it waits for that. CM_ERROR_OUT_OF_MEMORY.
+    // Sends "100 Continue", if the client waits for it. CM_ERROR_OUT_OF_MEMORY.
     CmResult InviteBody();
     void OnBodyWanted();
     void OnReleased();
-    // The answer cannot go on; its user has that from the call under way.
+    // The answer cannot continue; the current call reports this to its user.
     void Abort(CmResult aReason);
 
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
@@ -92,7 +92,7 @@ public:
 
 private:
     enum EState { HEAD, BODY, ANSWER, CLOSING, ENDED };
-    // Whom it waits for, and so how long.
+    // The event that it waits for; it decides the time-out.
     enum EWait { FOR_NOBODY, FOR_FIRST, FOR_NEXT, FOR_HEAD, FOR_BODY, FOR_READER, FOR_CLOSE };
 
     // Input: http_server_connection.cc.
@@ -138,31 +138,31 @@ private:
 
     CHttpServerOwner& m_Owner;
     CCmRefPtrT<ICmTransport> m_pTransport;
-    CCmRefPtrT<CCmChannelHttpServer> m_pChannel;  // of the request under way, or kept for the next; null: none made yet
+    CCmRefPtrT<CCmChannelHttpServer> m_pChannel;  // of the current request, or kept for the next; null: none made yet
     CHttpRequestReader m_Reader;
     CHttpBodyReader m_BodyReader;
     CHttpServerOutput m_Output;
     CBlockChain m_Held;        // received and not used yet
-    CCmTimerWrapperID m_Kick;  // runs what has to wait until the user's call has returned
+    CCmTimerWrapperID m_Kick;  // runs steps that must wait until the user's call has returned
 
     EState m_State = HEAD;
     EWait m_Wait = FOR_NOBODY;
     DWORD m_dwDeadline = 0;      // in looks
     uint64_t m_ullProgress = 0;  // bytes of the body when the wait began
     uint64_t m_ullDropped = 0;   // bytes that came while closing
-    BOOL m_bRunning = FALSE;     // inside a turn of the loop: what is sent is gathered, upcalls may come
+    BOOL m_bRunning = FALSE;     // inside a turn of the loop: output is gathered, upcalls may come
     BOOL m_bBlocked = FALSE;     // the transport takes no more until its OnSend
-    BOOL m_bBroken = FALSE;      // it takes no more at all
+    BOOL m_bBroken = FALSE;      // the transport takes no more at all
     CmResult m_BrokenReason = CM_ERROR_NETWORK_SOCKET_ERROR;
-    BOOL m_bReadingPaused = FALSE;  // as it was told
-    BOOL m_bKickDue = FALSE;        // there was no memory for the timer: the next look runs it
-    BOOL m_bPeerEnded = FALSE;      // it sends no more, and may wait for what it has asked
+    BOOL m_bReadingPaused = FALSE;  // the state last set in the transport
+    BOOL m_bKickDue = FALSE;        // memory ran out for the timer: the next look runs the steps
+    BOOL m_bPeerEnded = FALSE;      // it sends no more, and may wait for its answers
     BOOL m_bFirst = TRUE;           // no request has come yet
-    BOOL m_bLast = FALSE;           // the connection ends behind this answer
+    BOOL m_bLast = FALSE;           // the connection ends after this answer
     BOOL m_bStopping = FALSE;
     BOOL m_bContinueDue = FALSE;    // the client waits for "100 Continue"
-    BOOL m_bEndTold = FALSE;        // that the request is complete
-    BOOL m_bClientEndTold = FALSE;  // that its client sends no more
+    BOOL m_bEndTold = FALSE;        // OnRequestEnd has been called
+    BOOL m_bClientEndTold = FALSE;  // OnClientEnd has been called
     BOOL m_bEndSent = FALSE;        // the sending side is shut down
 };
 

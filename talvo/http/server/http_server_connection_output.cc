@@ -1,4 +1,4 @@
-// What goes out, and how long is waited; what comes in stands in http_server_connection.cc.
+// The output side and the time-outs; http_server_connection.cc has the input side.
 #include <charconv>
 
 #include "talvo/base/trace.h"
@@ -8,15 +8,15 @@ namespace talvo {
 
 namespace {
 
-constexpr DWORD SMALL = 4096;              // bytes of a body that it is cheaper to copy behind its head than to send as a piece
-constexpr DWORD MOST_HELD = 64 * 1024;     // bytes received before their time; reading is paused then
-constexpr DWORD CLOSE_SECONDS = 5;         // for the peer to close behind the last answer
+constexpr DWORD SMALL = 4096;              // bytes of a body: up to here a copy after its head is cheaper than a piece
+constexpr DWORD MOST_HELD = 64 * 1024;     // bytes received before they can be used; reading pauses then
+constexpr DWORD CLOSE_SECONDS = 5;         // for the peer to close after the last answer
 constexpr uint64_t LEAST_PROGRESS = 1024;  // bytes of a body in each idle time
 
 }  // namespace
 
 std::string_view CHttpServerConnection::BeginAnswer(BOOL aLast) {
-    // A client that has not been told to send the body may send it or not: what comes next could be either.
+    // If no 100 was sent, the client may send the body or omit it: the next bytes could be either.
     if (aLast || m_bContinueDue)
         m_bLast = TRUE;
     return m_Owner.GetTail(!m_bLast);
@@ -105,7 +105,7 @@ void CHttpServerConnection::OnSent_i(CmResult aResult) {
         m_BrokenReason = aResult;
 }
 
-// What follows from the state that it has come to.
+// Applies the consequences of the new state.
 void CHttpServerConnection::Settle_i() {
     if (m_State == ENDED)
         return;
@@ -123,7 +123,7 @@ void CHttpServerConnection::Settle_i() {
     SetWait_i(GetWait_i());
 }
 
-// The peer has ended its side and nothing is left to do for it.
+// The peer has half-closed and no work is left for it.
 BOOL CHttpServerConnection::IsStarved_i() const {
     if (!m_bPeerEnded || m_bBlocked)
         return FALSE;
@@ -144,7 +144,7 @@ BOOL CHttpServerConnection::IsStarved_i() const {
     return FALSE;
 }
 
-// A transport that does not know has nothing that could be waited for.
+// A transport that does not support this has no data to wait for.
 BOOL CHttpServerConnection::IsAcknowledged_i() {
     DWORD dwBytes = 0;
     return m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) != CM_OK || dwBytes == 0;

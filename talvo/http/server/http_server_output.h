@@ -1,4 +1,4 @@
-// What an HTTP server has to send on one connection.
+// The output queue of one connection of an HTTP server.
 #pragma once
 
 #include <string_view>
@@ -11,28 +11,28 @@ namespace talvo {
 //  m_strText  heads and small bodies, joined   | m_Chain   what is too large to be copied
 //  |--- sent ---|------------ unsent ----------|-------------------- unsent -------------|
 //
-// Everything in order. Small answers that follow each other leave with one send; a large body leaves with the head before it,
-// uncopied. The memory of the text is used again for the next answers.
+// Everything is sent in order. Consecutive small answers leave with one send; a large body leaves with the preceding head,
+// uncopied. The memory of the text is reused for the next answers.
 class CHttpServerOutput {
 public:
     CHttpServerOutput() = default;
     CHttpServerOutput(const CHttpServerOutput&) = delete;
     CHttpServerOutput& operator=(const CHttpServerOutput&) = delete;
 
-    // Where heads are printed. Only while HasChain says no.
+    // Heads are printed here. Only while HasChain returns FALSE.
     CCmString& GetText() { return m_strText; }
     BOOL HasChain() const { return !m_Chain.IsEmpty(); }
     BOOL IsEmpty() const { return m_stSent == m_strText.size() && m_Chain.IsEmpty(); }
     size_t GetTextLength() const { return m_strText.size() - m_stSent; }
 
-    // Behind everything else; copied.
+    // Appends a copy after everything else.
     CmResult Append(std::string_view aText);
-    // Likewise; takes aChain over.
+    // Likewise; takes ownership of aChain.
     void AppendChain(CCmChainPtr aChain) { m_Chain.Append(std::move(aChain)); }
 
-    // What the transport takes. CM_OK: all of it. CM_ERROR_PARTIAL_DATA: its OnSend follows.
+    // Sends as much as the transport takes. CM_OK: all of it. CM_ERROR_PARTIAL_DATA: its OnSend follows.
     CmResult Send(ICmTransport& aTransport) { return SendWith(aTransport, m_Chain.GetHead()); }
-    // The same with the caller's chain behind it, from which it takes what it can. Only while HasChain says no.
+    // The same, followed by the caller's chain, from which it takes what it can. Only while HasChain returns FALSE.
     CmResult SendWith(ICmTransport& aTransport, CCmMessageBlock* aBody);
 
     void Clear();

@@ -1,11 +1,11 @@
-// What an HTTP server allows its clients.
+// The limits that an HTTP server sets its clients.
 #pragma once
 
 #include "talvo/http/message/http_limits.h"
 
 namespace talvo {
 
-// The options of an acceptor; ECmChannelServerOption says what each is.
+// The options of an acceptor; ECmChannelServerOption describes each.
 struct CHttpServerSettings {
     CHttpServerSettings() { m_Limits.m_ullMaxBody = CCmHttpLimits::SERVER_MAX_BODY; }
 
