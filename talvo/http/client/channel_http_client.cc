@@ -38,7 +38,7 @@ CCmChannelHttpClient::~CCmChannelHttpClient() {
     --s_Live;
 }
 
-// Whoever lets go without Disconnect hears nothing more, although the object lives on until its timer.
+// A release without Disconnect ends the upcalls, although the object lives on until its timer.
 void CCmChannelHttpClient::OnReferenceDestory() {
     Close_i(CM_ERROR_NETWORK_SOCKET_CLOSE);
     CCmReferenceControlTimerDeleteT::OnReferenceDestory();
@@ -70,7 +70,7 @@ CmResult CCmChannelHttpClient::SetCredentials(const CCmString& aUser, const CCmS
     return ResultWithMemory([&] { return m_Authenticator.SetCredentials(aUser, aPassword); });
 }
 
-// The answers on the way there are nobody's business.
+// The user does not get interim answers.
 const CCmHttpResponseHead& CCmChannelHttpClient::GetResponseHead() {
     static const CCmHttpResponseHead s_None;
     return m_bAnswered ? m_Exchange.GetHead() : s_None;
@@ -211,7 +211,7 @@ CmResult CCmChannelHttpClient::GetOption(DWORD aCommand, void* aArg) {
     return CM_OK;
 }
 
-// What is held is delivered from the loop, not inside the call.
+// Data on hold is delivered from the loop, not inside the call.
 CmResult CCmChannelHttpClient::Pause_i(BOOL aPause) {
     if (!aPause && m_pSink && (m_Held.GetLength() > 0 || m_bEnded)) {
         const CmResult rv = m_Timer.Schedule(this, CCmTimeValue::s_tvZero, 1);

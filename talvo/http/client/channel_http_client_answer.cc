@@ -9,15 +9,15 @@
 #include "talvo/http/message/http_memory.h"
 #include "talvo/http/message/http_url.h"
 
-// What becomes of the answers: followed, answered, delivered.
+// Handles the answers: redirects, challenges, delivery.
 
 namespace {
 
 constexpr uint64_t MAX_WHOLE_BODY = UINT32_MAX;
 constexpr const char* NO_MEMORY = "there is no memory";
-constexpr uint64_t MAX_RESERVED = 1 << 20;  // bytes on the word of the server
+constexpr uint64_t MAX_RESERVED = 1 << 20;  // bytes reserved because the server announced them
 
-// Of what neither connector nor transport has found.
+// The cause of a failure that neither connector nor transport has found.
 ECmFailureCause CauseOf(CmResult aCause) {
     if (aCause == CM_ERROR_TIMEOUT)
         return CM_FAILURE_SILENCE;
@@ -27,7 +27,7 @@ ECmFailureCause CauseOf(CmResult aCause) {
 
 }  // namespace
 
-// TRUE: the body is the user's.
+// TRUE: the user gets the body.
 BOOL CCmChannelHttpClient::OnExchangeHead() {
     m_Next = JudgeHead_i();
     if (m_Next != NOTHING)
@@ -41,7 +41,7 @@ BOOL CCmChannelHttpClient::OnExchangeHead() {
     return TRUE;
 }
 
-// An answer that would have to be followed with a body that is not there any more is delivered as it is.
+// If a redirect or challenge needs a request body that is no longer available, the answer is delivered unchanged.
 CCmChannelHttpClient::ENext CCmChannelHttpClient::JudgeHead_i() {
     const CCmHttpResponseHead& head = m_Exchange.GetHead();
     const CCmString* pChallenges = head.FindHeader(CCmHttpAtomList::WWW_Authenticate);
@@ -79,7 +79,7 @@ void CCmChannelHttpClient::OnExchangeRoom() {
     talvo::Upcall([this] { m_pSink->OnSend(this, nullptr); });
 }
 
-// Of an answer that is not the user's it does not matter how it ended, but for want of memory.
+// If the answer is not for the user, only an end for lack of memory matters.
 void CCmChannelHttpClient::OnExchangeEnd(CmResult aCause, const char* aText) {
     if (m_Next != NOTHING && aCause != CM_ERROR_OUT_OF_MEMORY) {
         const CmResult rv = talvo::ResultWithMemory([this] { return GoOn_i(); });
@@ -95,7 +95,7 @@ void CCmChannelHttpClient::OnExchangeEnd(CmResult aCause, const char* aText) {
     }
 }
 
-// CM_OK: the next exchange is under way, or the failure is told. Else why there is none.
+// CM_OK: the next exchange is in progress, or the failure is reported. Else the reason why there is none.
 CmResult CCmChannelHttpClient::GoOn_i() { return std::exchange(m_Next, NOTHING) == REDIRECT ? Follow_i() : StartExchange_i(); }
 
 CmResult CCmChannelHttpClient::Follow_i() {
@@ -107,7 +107,7 @@ CmResult CCmChannelHttpClient::Follow_i() {
     const CCmString strTarget = talvo::ResolveHttpLocation(*m_pUrl, m_strLocation);
     if (strTarget.empty())
         return RefuseLocation_i();
-    if (!pUrl->Init(strTarget))  // what was resolved is a URL
+    if (!pUrl->Init(strTarget))  // a resolved target is always a URL
         return CM_ERROR_OUT_OF_MEMORY;
     if (pUrl->GetScheme() != "http")
         return RefuseLocation_i();
@@ -127,7 +127,7 @@ CmResult CCmChannelHttpClient::RefuseLocation_i() {
     return CM_OK;
 }
 
-// What is held, and behind it the end, as far as the user wants to hear it now.
+// Delivers the data on hold, and after it the end, until the user pauses.
 void CCmChannelHttpClient::Deliver_i() {
     if (m_bPaused || !m_pSink)
         return;
@@ -139,7 +139,7 @@ void CCmChannelHttpClient::Deliver_i() {
         Over_i(m_EndReason);
 }
 
-// What cannot be delivered for want of memory is lost, and the body with it.
+// If memory runs out, the data on hold is lost, and the body fails.
 void CCmChannelHttpClient::DeliverHeld_i() {
     const CmResult rv = m_Held.Take(m_Held.GetLength(), [this](CCmMessageBlock& aData) {
         talvo::Upcall([&] { m_pSink->OnReceive(aData, this, nullptr); });
@@ -157,7 +157,7 @@ void CCmChannelHttpClient::DeliverWhole_i() {
     talvo::Upcall([&] { m_pSink->OnReceive(block, this, nullptr); });
 }
 
-// What has arrived before is the user's all the same.
+// The user still gets the data that arrived before.
 void CCmChannelHttpClient::Fail_i(CmResult aCause, std::string_view aText) {
     CM_ERROR_TRACE_THIS("CCmChannelHttpClient::OnDisconnect, " << aText << " url=" << m_pUrl->GetAsciiSpec()
                                                                << " reason=" << aCause);

@@ -30,7 +30,7 @@ CHttpClientConnection::~CHttpClientConnection() {
     --s_Live;
 }
 
-// With its last reference gone nobody wants it, although it lives on until its timer.
+// The last reference is released: the connection has no user, although it lives on until its timer.
 void CHttpClientConnection::OnReferenceDestory() {
     Leave_i(CM_OK);
     CCmReferenceControlTimerDeleteT::OnReferenceDestory();
@@ -57,7 +57,7 @@ void CHttpClientConnection::OnConnectIndication(CmResult aReason, ICmTransport* 
     Enter_i([&] { Indicate_i(aReason, failure); });
 }
 
-// Runs what the loop or the transport brings. Memory that runs out inside costs this connection.
+// Runs one call of the loop or the transport. If memory runs out inside, this connection ends.
 template <class Call>
 void CHttpClientConnection::Enter_i(const Call& aCall) {
     if (!WithMemory(aCall))
@@ -90,7 +90,7 @@ BOOL CHttpClientConnection::Park(int64_t aUntil) {
 
 int64_t CHttpClientConnection::GetRest() const { return CCmClock::GetTimeOfDayUsec() - m_llParked; }
 
-// Behind a proxy to look means to wait for the network thread, twice: what has just been used is trusted there.
+// Behind a proxy a check waits for the network thread, twice. So a connection that was just used is assumed to be fit there.
 BOOL CHttpClientConnection::IsFit() {
     const BOOL bProxy = !CCmThreadManager::IsEqualCurrentThread(CCmThreadManager::TT_NETWORK);
     if (bProxy && GetRest() < TRUSTED_USEC)
@@ -155,7 +155,7 @@ void CHttpClientConnection::Cut(CmResult aReason) {
         Leave_i(aReason)->OnConnectionFailed(aReason, CCmFailure());
 }
 
-// Nobody has asked anything of an idle connection, so what comes on one is no answer to anything.
+// An idle connection has no request in flight, so data on it is no answer.
 void CHttpClientConnection::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
     if (m_pUser && aData.GetChainedLength() > 0)
         Enter_i([&] { m_pUser->OnConnectionReceive(aData); });
@@ -179,7 +179,7 @@ void CHttpClientConnection::Lost_i(CmResult aReason, const CCmFailure& aFailure)
         pUser->OnConnectionLost(aReason, aFailure);
 }
 
-// Closes, lets go of everything, and tells the pool that there is room. Returns whose it was.
+// Closes, releases everything, and notifies the pool of the room. Returns the connection's user.
 IHttpConnectionUser* CHttpClientConnection::Leave_i(CmResult aReason) {
     IHttpConnectionUser* pUser = std::exchange(m_pUser, nullptr);
     m_Timer.Cancel();

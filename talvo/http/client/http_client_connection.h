@@ -1,4 +1,4 @@
-// A client's connection to an HTTP server: used by one exchange after the other, idle in between.
+// A client's connection to an HTTP server: used by one exchange after another, idle in between.
 #pragma once
 
 #include "talvo/base/failure.h"
@@ -12,61 +12,62 @@ namespace talvo {
 class CHttpClientConnection;
 class CHttpClientPool;
 
-// Who has asked the pool for a connection. Inside any of these it may do anything with the connection. When memory runs out
-// inside (std::bad_alloc) the connection is closed, and OnConnectionLost comes with CM_ERROR_OUT_OF_MEMORY; inside the calls
-// that tell of an end it must not.
+// The user of a connection of the pool. Each call may do anything with the connection. If memory runs out inside
+// (std::bad_alloc), the connection is closed, and OnConnectionLost comes with CM_ERROR_OUT_OF_MEMORY. The calls that report an
+// end must not throw.
 class IHttpConnectionUser {
 public:
-    // aConnection is the user's until it gives it back, closes it or has lost it. aReused: others have used it before.
+    // aConnection is the user's until the user gives it back, closes it or loses it. aReused: it has served other exchanges
+    // before.
     virtual void OnConnectionReady(CHttpClientConnection& aConnection, BOOL aReused) = 0;
-    // There will be none: the connector's reason.
+    // No connection comes: the connector's reason.
     virtual void OnConnectionFailed(CmResult aReason, const CCmFailure& aFailure) = 0;
 
     virtual void OnConnectionReceive(CCmMessageBlock& aData) = 0;
     virtual void OnConnectionSend() = 0;
-    virtual void OnConnectionDeadline() = 0;  // the moment of SetDeadline has come
-    // It is closed and no longer the user's. CM_OK: the server has ended it in order, behind all that it sent.
+    virtual void OnConnectionDeadline() = 0;  // the time of SetDeadline has come
+    // It is closed and no longer the user's. CM_OK: the server has closed it gracefully, after all its data.
     virtual void OnConnectionLost(CmResult aReason, const CCmFailure& aFailure) = 0;
 
 protected:
     virtual ~IHttpConnectionUser() = default;
 };
 
-// Of one thread. Counted: the pool and the user hold it, and it outlives the call that lets go of it.
+// Of one thread. Reference-counted: the pool and the user hold it, and it outlives the call that releases it.
 class CHttpClientConnection : public CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread>,
                               private ICmAcceptorConnectorSink,
                               private ICmTransportSink,
                               private CCmTimerWrapperIDSink {
 public:
     static constexpr int64_t NEVER = INT64_MAX;
-    // Microseconds of rest after which a server may well be about to close.
+    // Microseconds of idle time after which a server may soon close it.
     static constexpr int64_t TRUSTED_USEC = 1'000'000;
 
     CHttpClientConnection(CHttpClientPool& aPool, const CCmString& aKey, IHttpConnectionUser& aUser);
     ~CHttpClientConnection() override;
 
-    // The pool's side.
+    // For the pool.
     CmResult Connect(const CCmString& aHost, WORD aPort, DWORD aTimeoutMs);
     void Lend(IHttpConnectionUser& aUser);
-    BOOL Park(int64_t aUntil);   // idle: whatever comes now closes it. FALSE: no memory for the timer
-    BOOL IsFit();                // idle, and as far as is known the server would take a request
-    int64_t GetRest() const;     // idle: for how many microseconds
-    void Cut(CmResult aReason);  // ends it, and the user is told
+    BOOL Park(int64_t aUntil);   // idle: any data closes it. FALSE: no memory for the timer
+    BOOL IsFit();                // idle, and as far as is known the server still takes requests
+    int64_t GetRest() const;     // idle: the idle time in microseconds
+    void Cut(CmResult aReason);  // ends it and notifies the user
     void ForgetPool() { m_pPool = nullptr; }
     const CCmString& GetKey() const { return m_strKey; }
     IHttpConnectionUser* GetUser() const { return m_pUser; }
     int64_t GetDeadline() const { return m_llDeadline; }
 
-    // The user's side. Transport operations, as those of ICmTransport.
+    // For the user. Transport operations, as those of ICmTransport.
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter& aPara);
     CmResult SetOption(DWORD aCommand, void* aArg) { return m_pTransport->SetOption(aCommand, aArg); }
     CmResult GetOption(DWORD aCommand, void* aArg) { return m_pTransport->GetOption(aCommand, aArg); }
-    // Microseconds on the clock of CCmClock::GetTimeOfDayUsec. Moving it ahead costs nothing: the timer is re-armed lazily.
-    // Throws std::bad_alloc when there is no memory for the timer.
+    // Microseconds on the clock of CCmClock::GetTimeOfDayUsec. A later deadline costs nothing: the timer is re-armed lazily.
+    // Throws std::bad_alloc if there is no memory for the timer.
     void SetDeadline(int64_t aMoment);
-    // The answer was whole and nothing follows it: somebody else may have the connection.
+    // The answer was complete and no data follows it: another user may get the connection.
     void GiveBack();
-    // Ends it. With CM_OK what was sent goes out first.
+    // Ends it. With CM_OK the data taken is sent first.
     void Close(CmResult aReason);
 
 private:
@@ -85,7 +86,7 @@ private:
     IHttpConnectionUser* Leave_i(CmResult aReason);
     void Arm_i(int64_t aNow);
 
-    CHttpClientPool* m_pPool;      // not owned; null when it is gone, or has forgotten this connection
+    CHttpClientPool* m_pPool;      // not owned; null: it is destroyed, or no longer has this connection
     IHttpConnectionUser* m_pUser;  // not owned; null while idle
     const CCmString m_strKey;
     CCmRefPtrT<ICmConnector> m_pConnector;

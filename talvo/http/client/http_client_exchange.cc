@@ -14,7 +14,7 @@ namespace {
 
 constexpr DWORD MAX_INTERIMS = 32;
 constexpr const char* NO_MEMORY = "there is no memory";
-constexpr uint64_t MAX_SKIPPED = 64 * 1024;  // bytes of a body that nobody wants, for the sake of its connection
+constexpr uint64_t MAX_SKIPPED = 64 * 1024;  // bytes of an unused body that are read to keep its connection
 
 int64_t AfterMs(DWORD aMs) { return CCmClock::GetTimeOfDayUsec() + int64_t{aMs} * 1000; }
 
@@ -82,7 +82,7 @@ void CHttpClientExchange::OnConnectionFailed(CmResult aReason, const CCmFailure&
     Fail_i(aReason, aReason == CM_ERROR_OUT_OF_MEMORY ? NO_MEMORY : "there is no connection to the server");
 }
 
-// A connection that refuses data has failed, and says so itself; what it has to deliver before that is delivered.
+// A connection that refuses data has failed, and reports it itself; the data that it received before is delivered first.
 void CHttpClientExchange::Flush_i() {
     const CmResult rv = m_Sender.Flush(*m_pConnection);
     if (rv == CM_ERROR_OUT_OF_MEMORY)
@@ -97,7 +97,7 @@ void CHttpClientExchange::TellRoom_i() {
         m_User.OnExchangeRoom();
 }
 
-// The time that the server has from now on.
+// Restarts the time-out of the server.
 void CHttpClientExchange::Touch_i() {
     if (m_Sender.HasLost())
         m_pConnection->SetDeadline(0);
@@ -109,7 +109,7 @@ void CHttpClientExchange::Touch_i() {
         m_pConnection->SetDeadline(AfterMs(m_Settings.m_dwSilenceTimeout));
 }
 
-// What the user's call has done is done: without memory for the timer the server has its time from the next thing that moves.
+// The user's call cannot be undone: if memory runs out for the timer, the next progress starts the server's time-out.
 void CHttpClientExchange::TouchInCall_i() {
     if (m_pConnection)
         WithMemory([this] { Touch_i(); });
@@ -195,7 +195,7 @@ void CHttpClientExchange::OnConnectionReceive(CCmMessageBlock& aData) {
         ReadBody_i(aData);
 }
 
-// What belongs to a line that has not ended is kept by the parser, and not taken from the chain.
+// The parser keeps the part of an incomplete line; this part is not taken from the chain.
 void CHttpClientExchange::ReadHead_i(CCmMessageBlock& aData) {
     const CmResult rv = m_Parser.ParseHead(&aData);
     const long lStatus = m_Head.GetStatus();
@@ -229,7 +229,7 @@ void CHttpClientExchange::OnInterim_i() {
     }
 }
 
-// A server that refuses need not be sent the rest of the body, and one that answers without having asked for it must not be.
+// After a refusal the rest of the body need not be sent. After an answer without a 100 it must not be sent.
 void CHttpClientExchange::OnFinal_i() {
     m_Framing = get_response_framing(m_Head, m_pRequest->GetMethod());
     if (m_Framing.m_nError != 0) {
@@ -279,7 +279,7 @@ void CHttpClientExchange::ResetHead_i() {
     m_Parser.Reset();
 }
 
-// The connection goes its way before the user hears, who may begin anew.
+// The connection is given back before the upcall, which may start a new exchange.
 void CHttpClientExchange::End_i(BOOL aReusable) {
     m_State = IDLE;
     const CCmRefPtrT<CHttpClientConnection> pConnection = std::exchange(m_pConnection, nullptr);

@@ -1,4 +1,4 @@
-// One request on its way out and the answer on its way in, over a connection of the pool.
+// One request and its answer, over a connection of the pool.
 #pragma once
 
 #include "talvo/http/client/http_client_connection.h"
@@ -12,25 +12,25 @@ class CCmHttpUrl;
 
 namespace talvo {
 
-// Who wants the answer. The exchange may be closed inside any of these; a new one is started in OnExchangeEnd or later.
+// The user of an exchange. Each call may close the exchange; a new one is started in OnExchangeEnd or later.
 class IHttpExchangeUser {
 public:
-    // The final head is there. TRUE: its body is wanted; FALSE: it is passed over, if that is not too much.
+    // The final head is complete. TRUE: deliver its body; FALSE: skip it, if it is not too long.
     virtual BOOL OnExchangeHead() = 0;
-    virtual void OnExchangeBody(CCmMessageBlock& aData) = 0;  // views what arrived, valid during the call
-    virtual void OnExchangeRoom() = 0;                        // a streamed body that was refused for want of room can go on
-    // The last call. CM_OK: the answer was whole, or has been passed over. Else what is beneath the failure, and it in words,
-    // which stay. This one must not run out of memory; after any other that does it comes with CM_ERROR_OUT_OF_MEMORY.
+    virtual void OnExchangeBody(CCmMessageBlock& aData) = 0;  // views the received data, valid during the call
+    virtual void OnExchangeRoom() = 0;                        // a streamed body that was refused for lack of room can continue
+    // The last call. CM_OK: the answer was complete, or has been skipped. Else the underlying reason and its text, which stays
+    // valid. This call must not run out of memory. If another call does, this one comes with CM_ERROR_OUT_OF_MEMORY.
     virtual void OnExchangeEnd(CmResult aCause, const char* aText) = 0;
 
 protected:
     virtual ~IHttpExchangeUser() = default;
 };
 
-// Asks the pool, sends, reads interim heads until the final one, cuts the body out of what comes and gives the connection
-// back when nothing stands in the way. A connection that has been used before and dies before a byte of the answer is replaced
-// by a fresh one, once, if the request may be repeated. One that may not is sent over a connection that was used a moment ago,
-// or a fresh one. Of one thread; used for one exchange after the other.
+// Acquires a connection, sends, reads interim heads until the final one, extracts the body, and gives the connection back if it
+// is reusable. If a reused connection fails before the first byte of the answer, a fresh one replaces it once, if the request
+// may be repeated. A request that may not be repeated uses a connection that was used a moment ago, or a fresh one. Of one
+// thread; used for one exchange after another.
 class CHttpClientExchange : private IHttpConnectionUser, private CHttpBodySink {
 public:
     // See ECmChannelOption; times in milliseconds.
@@ -48,28 +48,28 @@ public:
 
     CSettings& GetSettings() { return m_Settings; }
 
-    // CM_OK: OnExchangeEnd will follow, not inside this call. CM_ERROR_NULL_POINTER: the thread lacks a queue. Else as the
-    // pool. aRequest stays until the end. Where this fails, or memory runs out inside (std::bad_alloc), close the exchange.
+    // CM_OK: OnExchangeEnd follows, not inside this call. CM_ERROR_NULL_POINTER: the thread lacks a queue. Else as the pool.
+    // aRequest must live until the end. If this fails, or memory runs out inside (std::bad_alloc), close the exchange.
     CmResult Start(const CHttpClientRequest& aRequest, const CCmHttpUrl& aUrl, const CCmString& aAuthorization);
-    // Gives up; no call follows.
+    // Abandons the exchange; no call follows.
     void Close(CmResult aReason);
 
     // A streamed body, see CHttpClientSender.
     CmResult SendBody(CCmMessageBlock& aData, CCmTransportParameter* aPara);
     CmResult EndBody();
 
-    // Stops reading until it is FALSE again; at any time.
+    // TRUE stops reading until it is FALSE again; at any time.
     void Pause(BOOL aPause);
     // The connection's; CM_ERROR_NOT_AVAILABLE without one.
     CmResult SetOption(DWORD aCommand, void* aArg);
     CmResult GetOption(DWORD aCommand, void* aArg);
 
-    // Of the last exchange; a new one empties it.
+    // Of the last exchange; a new one clears it.
     const CCmHttpResponseHead& GetHead() const { return m_Head; }
     const CCmHttpHeaderArray& GetTrailer() const { return m_Body.GetTrailers(); }
-    // What the connection says of its end; CM_FAILURE_NONE unless that was the failure.
+    // The connection's reason for its end; CM_FAILURE_NONE unless that was the failure.
     const CCmFailure& GetFailure() const { return m_Failure; }
-    // The announced length of the body, 0 when it is not known.
+    // The announced length of the body, 0 if it is unknown.
     uint64_t GetExpected() const { return m_Framing.m_Body == EHttpBody::LENGTH ? m_Framing.m_ullLength : 0; }
 
 private:
@@ -107,13 +107,13 @@ private:
     const CHttpClientRequest* m_pRequest = nullptr;  // not owned
     CCmString m_strHost;
     WORD m_wPort = 0;
-    CCmString m_strHead;  // as it is sent
+    CCmString m_strHead;  // in wire format
     CHttpClientSender m_Sender;
     int64_t m_llContinueUntil = 0;
 
     CCmHttpResponseHead m_Head;
     CCmHttpParserT<CCmHttpResponseHead> m_Parser{&m_Head};
-    BOOL m_bAnswered = FALSE;  // something has come
+    BOOL m_bAnswered = FALSE;  // data of the answer has come
     DWORD m_dwInterims = 0;
     CHttpFraming m_Framing;
     CHttpBodyReader m_Body;

@@ -49,8 +49,8 @@ CmResult CHttpClientPool::OfThisThread(CHttpClientPool*& aPool) {
     return CM_OK;
 }
 
-// Who still has a connection keeps it, and hears of its end from the transport; who waits hears nothing, since the loop in
-// which he would is over.
+// A user with a connection keeps it, and its transport reports the end. A waiting user gets no call, because its loop has
+// ended.
 void CHttpClientPool::OnThreadEnd() {
     s_pPool = nullptr;
     for (auto& [strKey, host] : m_Hosts) {
@@ -78,7 +78,7 @@ void CHttpClientPool::AddUndrained(CCmUndrained& aLeft) {
         aLeft.m_dwRequests += static_cast<DWORD>(host.m_Waiting.size() + host.m_Connections.size() - host.m_Unused.size());
 }
 
-// A user that is told may do anything, to this pool too: it is taken out before, and the next is looked up anew.
+// A user that is notified may do anything, also to this pool. So it is removed before, and the next is looked up again.
 void CHttpClientPool::CutAll_i() {
     while (!m_Hosts.empty()) {
         CHost& host = m_Hosts.begin()->second;
@@ -111,8 +111,8 @@ CmResult CHttpClientPool::Wait_i(const CCmString& aKey, const CHttpConnectionReq
     return rv == CM_ERROR_FOUND ? CM_OK : rv;
 }
 
-// CM_ERROR_WOULD_BLOCK: there is no room. The user is told last, since it may do anything, to this pool too: a host is looked
-// up anew after whatever may have removed it.
+// CM_ERROR_WOULD_BLOCK: the limits leave no room. The user is notified last, because it may do anything, also to this pool: a
+// host is looked up again after each call that may have removed it.
 CmResult CHttpClientPool::Serve_i(const CCmString& aKey, const CHttpConnectionRequest& aRequest) {
     const CmResult rv = ServeUnused_i(aKey, aRequest);
     if (rv != CM_ERROR_WOULD_BLOCK)
@@ -125,12 +125,12 @@ CmResult CHttpClientPool::Serve_i(const CCmString& aKey, const CHttpConnectionRe
     return ServeNew_i(aKey, aRequest);
 }
 
-// CM_ERROR_WOULD_BLOCK: no unused one will do.
+// CM_ERROR_WOULD_BLOCK: no unused connection is suitable.
 CmResult CHttpClientPool::ServeUnused_i(const CCmString& aKey, const CHttpConnectionRequest& aRequest) {
     while (!m_Hosts[aKey].m_Unused.empty()) {
         const Connection pConnection(m_Hosts[aKey].m_Unused.back());
         if (pConnection->GetRest() >= aRequest.m_llMaxRest)
-            break;  // the others have rested longer
+            break;  // the others have been idle longer
         if (!pConnection->IsFit()) {
             pConnection->Close(CM_OK);
             continue;
@@ -143,7 +143,7 @@ CmResult CHttpClientPool::ServeUnused_i(const CCmString& aKey, const CHttpConnec
     return CM_ERROR_WOULD_BLOCK;
 }
 
-// Room is made before it is needed: nothing that lets go of a connection, or takes it back, needs memory.
+// Room is reserved in advance: neither a release nor a return of a connection needs memory.
 CmResult CHttpClientPool::ServeNew_i(const CCmString& aKey, const CHttpConnectionRequest& aRequest) {
     CHost& host = m_Hosts[aKey];
     host.m_Connections.reserve(host.m_Connections.size() + 1);
@@ -211,8 +211,8 @@ void CHttpClientPool::Use_i(CHttpClientConnection& aConnection) {
         std::erase(itHost->second.m_Unused, &aConnection);
 }
 
-// After each change at a host: who waits gets what there is, outside the calls that made room; otherwise what is beyond the
-// limits is closed.
+// After each change at a host: waiting users get free connections, outside the calls that freed them; else connections beyond
+// the limits are closed.
 void CHttpClientPool::Settle_i(const CCmString& aKey) {
     const auto itHost = m_Hosts.find(aKey);
     if (itHost == m_Hosts.end() || CloseSurplus_i(itHost->second))
@@ -223,7 +223,7 @@ void CHttpClientPool::Settle_i(const CCmString& aKey) {
         ServeSoon_i();
 }
 
-// TRUE: closed one, which has led to Settle_i again.
+// TRUE: closed one, which has called Settle_i again.
 BOOL CHttpClientPool::CloseSurplus_i(CHost& aHost) {
     if (!aHost.m_Waiting.empty())
         return FALSE;
@@ -263,7 +263,7 @@ CHttpClientPool::Hosts::iterator CHttpClientPool::FindServable_i() {
                         [this](const auto& aHost) { return !aHost.second.m_Waiting.empty() && HasRoom_i(aHost.second); });
 }
 
-// The request is out of the list before its user is told. Without memory it has failed.
+// The request is removed from the list before its user is notified. If memory runs out, the request fails.
 void CHttpClientPool::ServeFirst_i(Hosts::iterator aHost) {
     std::list<CHttpConnectionRequest> first;
     first.splice(first.begin(), aHost->second.m_Waiting, aHost->second.m_Waiting.begin());

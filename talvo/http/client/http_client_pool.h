@@ -11,38 +11,39 @@
 
 namespace talvo {
 
-// What a user wants of the pool.
+// A user's request to the pool.
 struct CHttpConnectionRequest {
     IHttpConnectionUser* m_pUser = nullptr;
     CCmString m_strHost;  // as it is looked up
     WORD m_wPort = 0;     // host order
     DWORD m_dwTimeoutMs = 0;
-    int64_t m_llMaxRest = 0;  // microseconds: one that others have used must have been unused for less than that
+    int64_t m_llMaxRest = 0;  // microseconds: a reused connection must have been idle for less than this
 };
 
-// One a thread, made when the first channel asks and gone with the thread. An unused connection serves the next request for
-// its host and port; when as many as are allowed are in use, requests wait in turn.
+// One a thread; the first channel makes it, the thread's end destroys it. An unused connection serves the next request for its
+// host and port. If the limit of connections is reached, requests wait in turn.
 class CHttpClientPool : private CCmThreadTenant, private CCmTimerWrapperIDSink {
 public:
-    // The calling thread's. CM_ERROR_NULL_POINTER: it has no event queue or no timer queue. CM_ERROR_OUT_OF_MEMORY.
+    // aPool (out): the calling thread's. CM_ERROR_NULL_POINTER: it has no event queue or no timer queue.
+    // CM_ERROR_OUT_OF_MEMORY.
     static CmResult OfThisThread(CHttpClientPool*& aPool);
-    // The same if there is one already.
+    // The same if it exists, else null.
     static CHttpClientPool* FindOfThisThread();
 
-    // CM_OK: OnConnectionReady or OnConnectionFailed will follow, the first perhaps inside this call. Anything else: there can
-    // be no connection, and the user hears nothing. When memory runs out (std::bad_alloc) the user cancels, and closes the
-    // connection that it has perhaps been given.
+    // CM_OK: OnConnectionReady or OnConnectionFailed follows, the first perhaps inside this call. Any other result: a
+    // connection is impossible, and the user gets no call. If memory runs out (std::bad_alloc), the user must cancel, and close
+    // the connection that it may have got.
     CmResult Acquire(const CHttpConnectionRequest& aRequest);
-    // For a request that still waits; a connection that the user has is closed by the user.
+    // For a request that still waits; the user itself closes a connection that it has.
     void Cancel(IHttpConnectionUser& aUser);
 
     const CCmHttpPoolLimits& GetLimits() const { return m_Limits; }
     void SetLimits(const CCmHttpPoolLimits& aLimits);
 
-    // Whether the thread finishes what has begun and begins nothing new.
+    // TRUE: the thread finishes exchanges in progress and begins no new ones.
     using CCmThreadTenant::IsDraining;
 
-    // From the connections: to be used by others, or closed.
+    // From the connections: for reuse, or closed.
     void TakeBack(CHttpClientConnection& aConnection);
     void Forget(CHttpClientConnection& aConnection);
 
@@ -53,7 +54,7 @@ private:
         BOOL IsEmpty() const { return m_Connections.empty() && m_Waiting.empty(); }
 
         std::vector<Connection> m_Connections;         // all
-        std::vector<CHttpClientConnection*> m_Unused;  // those that are idle; the last was so most recently; has room for all
+        std::vector<CHttpClientConnection*> m_Unused;  // the idle ones, most recent last; has room for all
         std::list<CHttpConnectionRequest> m_Waiting;
     };
     using Hosts = std::unordered_map<CCmString, CHost>;
@@ -80,10 +81,10 @@ private:
 
     CCmHttpPoolLimits m_Limits;
     Hosts m_Hosts;                                 // by host in lower case and port
-    std::vector<CHttpClientConnection*> m_Unused;  // of all hosts; the last was so most recently; has room for all
+    std::vector<CHttpClientConnection*> m_Unused;  // of all hosts, most recent last; has room for all
     size_t m_stConnections = 0;                    // of all hosts
-    CCmTimerWrapperID m_Timer;                     // serves those who wait, outside the calls that made room
-    CCmTimerWrapperID m_LookTimer;                 // while somebody waits, for want of memory for that one
+    CCmTimerWrapperID m_Timer;                     // serves waiting users, outside the calls that made room
+    CCmTimerWrapperID m_LookTimer;                 // armed while a user waits, in case memory runs out for m_Timer
     BOOL m_bServing = FALSE;
 };
 

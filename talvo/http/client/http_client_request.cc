@@ -16,7 +16,7 @@ namespace {
 using Atoms = CCmHttpAtomList;
 
 constexpr std::string_view USER_AGENT = "talvo";
-constexpr size_t MAX_DIGITS = 18;  // of a Content-Length: what always fits
+constexpr size_t MAX_DIGITS = 18;  // of a Content-Length: the most that always fit
 
 BOOL IsNumber(std::string_view aText) {
     return !aText.empty() && aText.size() <= MAX_DIGITS && aText.find_first_not_of("0123456789") == std::string_view::npos;
@@ -102,7 +102,7 @@ BOOL CHttpClientRequest::IsCloseAsked() const {
 
 BOOL CHttpClientRequest::MayRepeat() const { return IsIdempotent(GetMethod()) && !IsStreamed(); }
 
-// What described the body goes with it.
+// The headers that describe the body are removed with it.
 void CHttpClientRequest::BecomeGet() {
     m_Head.SetMethod(Atoms::Get);
     for (const CCmHttpAtom& atom : {Atoms::Content_Length, Atoms::Content_Type, Atoms::Content_Encoding,
@@ -120,7 +120,7 @@ void CHttpClientRequest::LeaveOrigin() {
         m_Head.SetHeader(atom, "", FALSE);
 }
 
-// A method that is made for content says that it has none.
+// A method that normally has a body says that it has none.
 BOOL CHttpClientRequest::IsLengthDue_i() const {
     const CCmHttpAtom method = GetMethod();
     const BOOL bMeansContent =

@@ -1,4 +1,4 @@
-// What a client asks: method, headers and body, and how they change on the way through redirects.
+// A client's request: method, headers and body, and their changes by redirects.
 #pragma once
 
 #include "talvo/base/chain_ptr.h"
@@ -28,7 +28,7 @@ public:
     CmResult SetHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, BOOL aMerge);
     CmResult SetBody(const CCmMessageBlock& aBody);
 
-    // Judges what was set together, and settles the kind of body. CM_ERROR_INVALID_ARG; CM_ERROR_NOT_IMPLEMENTED: CONNECT.
+    // Checks all settings together, and decides the kind of body. CM_ERROR_INVALID_ARG; CM_ERROR_NOT_IMPLEMENTED: CONNECT.
     CmResult Prepare();
 
     const CCmHttpRequestHead& GetHead() const { return m_Head; }
@@ -37,32 +37,32 @@ public:
     uint64_t GetBodyLength() const { return m_ullLength; }  // of WHOLE, WHOLE_CHUNKED and STREAM
     BOOL IsStreamed() const { return m_Body == STREAM || m_Body == STREAM_CHUNKED; }
     BOOL IsContinueExpected() const;
-    BOOL IsCloseAsked() const;  // by a Connection header of the user's
-    // Whether the server may see it twice: an idempotent method (RFC 9110, section 9.2.2), and a body that can be sent again.
+    BOOL IsCloseAsked() const;  // by the user's Connection header
+    // TRUE: the request may be sent twice: an idempotent method (RFC 9110, section 9.2.2), and a body that can be sent again.
     BOOL MayRepeat() const;
 
     // A new chain over the whole body; null: it has no bytes, or memory ran out.
     CCmChainPtr DuplicateBody() const { return CCmChainPtr(m_pBody ? m_pBody->DuplicateChained() : nullptr); }
 
-    // A redirect's doing.
+    // Changes the request as a redirect requires.
     void BecomeGet();
     void LeaveOrigin();
 
-    // The head for aUrl, as it goes out, the empty line included. aAuthorization: the value to send, "" for the one set. ""
-    // when memory ran out.
+    // The head for aUrl in wire format, with the empty line. aAuthorization: the value to send, "" for the one set. Returns ""
+    // if memory runs out.
     CCmString MakeHead(const CCmHttpUrl& aUrl, const CCmString& aAuthorization, BOOL aKeepAlive) const;
 
 private:
     BOOL IsLengthDue_i() const;
 
-    CCmHttpRequestHead m_Head;  // without what MakeHead adds
+    CCmHttpRequestHead m_Head;  // without the headers that MakeHead adds
     CCmChainPtr m_pBody;
     BOOL m_bBodySet = FALSE;
     EBody m_Body = NO_BODY;
     uint64_t m_ullLength = 0;
 };
 
-// The path and query of a URL as they are asked for: without a fragment, percent-encoded where they must be.
+// The request target: path and query of a URL, without a fragment, percent-encoded as necessary.
 TALVO_API CCmString MakeHttpTarget(const CCmHttpUrl& aUrl);
 
 }  // namespace talvo

@@ -8,7 +8,7 @@ namespace talvo {
 
 namespace {
 
-// A body given whole, as it goes out. Null: memory ran out.
+// The wire format of a body given whole. Null: memory ran out.
 CCmChainPtr MakeBody(const CHttpClientRequest& aRequest) {
     CCmChainPtr pBody = aRequest.DuplicateBody();
     if (aRequest.GetBodyKind() == CHttpClientRequest::WHOLE)
@@ -74,7 +74,7 @@ CmResult CHttpClientSender::Send(CHttpClientConnection* aConnection, CCmMessageB
     return rv;
 }
 
-// A chunk is announced before it is known how much of it there is room for, so it is taken whole and the rest waits here.
+// A chunk's length is sent before the free room is known. So the chunk is taken whole, and its rest waits here.
 CmResult CHttpClientSender::SendChunk_i(CHttpClientConnection& aConnection, CCmMessageBlock& aData,
                                         CCmTransportParameter& aPara) {
     const DWORD dwLength = aData.GetChainedLength();

@@ -1,4 +1,4 @@
-// The way of one request out: head and body, at once, after the server's leave, or as the application brings it.
+// Sends one request: head and body, at once, after the server's 100, or in the application's pieces.
 #pragma once
 
 #include "talvo/base/block_chain.h"
@@ -7,38 +7,38 @@
 
 namespace talvo {
 
-// Head and body leave with one send where they can. Nothing is copied but what views foreign memory and was not taken at once.
+// Head and body leave with one send where possible. Only views of foreign memory that were not taken at once are copied.
 class CHttpClientSender {
 public:
     CHttpClientSender() = default;
     CHttpClientSender(const CHttpClientSender&) = delete;
     CHttpClientSender& operator=(const CHttpClientSender&) = delete;
 
-    // Puts a new request ready; aHead is its head as it goes out. CM_ERROR_OUT_OF_MEMORY.
+    // Prepares a new request; aHead is its head in wire format. CM_ERROR_OUT_OF_MEMORY.
     CmResult Begin(const CHttpClientRequest& aRequest, const CCmString& aHead);
 
-    // Sends what is ready. CM_OK: it has gone. CM_ERROR_PARTIAL_DATA: call again when there is room. Else the connection's
-    // result, and what was ready is lost.
+    // Sends what is ready. CM_OK: all is sent. CM_ERROR_PARTIAL_DATA: call again when there is room. Else the connection's
+    // result, and the data that was ready is lost.
     CmResult Flush(CHttpClientConnection& aConnection);
 
-    // A body that is streamed; results as ICmChannelHttpClient and its SendData say. aConnection null: there is none yet.
+    // A streamed body; results as ICmChannelHttpClient and its SendData say. aConnection null: no connection yet.
     CmResult Send(CHttpClientConnection* aConnection, CCmMessageBlock& aData, CCmTransportParameter& aPara);
     CmResult End(CHttpClientConnection* aConnection);
-    // Once for every refusal for want of room: whether there is room now.
+    // TRUE, once for every refusal because of missing room: there is room now.
     BOOL TakeRoom();
 
-    // The body waits for the server's leave, or does no longer.
+    // TRUE: the body waits for the server's 100.
     BOOL IsHolding() const { return m_bHolding; }
     void Release() { m_bHolding = FALSE; }
 
-    // A part of the body was lost for want of memory, of which the connection itself says nothing.
+    // A part of the body was lost because memory ran out; the connection itself does not report this.
     BOOL HasLost() const { return m_bLost; }
 
-    // The server does not want the rest.
+    // The server refuses the rest.
     void Stop();
 
     BOOL IsComplete() const { return m_bEnded && !m_bStopped && !m_bHolding && m_Ready.IsEmpty() && !m_pBody; }
-    // Everything that is there has gone, and the application has yet to bring more.
+    // All data so far is sent, and the application must bring more.
     BOOL IsUsersTurn() const { return !m_bEnded && !m_bStopped && !m_bHolding && !m_bRoomDue && m_Ready.IsEmpty(); }
 
     void Clear();
@@ -47,14 +47,14 @@ private:
     CmResult SendChunk_i(CHttpClientConnection& aConnection, CCmMessageBlock& aData, CCmTransportParameter& aPara);
 
     CHttpClientRequest::EBody m_Kind = CHttpClientRequest::NO_BODY;
-    CBlockChain m_Ready;     // to be sent as soon as there is room
-    CCmChainPtr m_pBody;     // joins it when nothing holds it back
+    CBlockChain m_Ready;     // sent as soon as there is room
+    CCmChainPtr m_pBody;     // appended to m_Ready when nothing holds it back
     uint64_t m_ullLeft = 0;  // of a streamed length
-    BOOL m_bEnded = TRUE;    // the application has nothing to bring any more
+    BOOL m_bEnded = TRUE;    // the application has no more data to bring
     BOOL m_bHolding = FALSE;
     BOOL m_bStopped = FALSE;
     BOOL m_bLost = FALSE;
-    BOOL m_bRoomDue = FALSE;  // the application waits for room
+    BOOL m_bRoomDue = FALSE;  // OnSend is due to the application
 };
 
 }  // namespace talvo

@@ -13,7 +13,7 @@ namespace {
 
 BOOL IsAlpha(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); }
 
-// The length of the scheme that the text begins with, 0 if it is a relative reference.
+// The length of the scheme at the start of the text, 0 for a relative reference.
 size_t SchemeLength(std::string_view aText) {
     const size_t nColon = aText.find_first_of(":/?#");
     if (nColon == std::string_view::npos || aText[nColon] != ':' || !IsAlpha(aText.front()))
@@ -49,7 +49,7 @@ CCmString CleanPath(std::string_view aPath) {
     return RemoveDotSegments(aPath.substr(0, nQuery)) + CCmString(aPath.substr(nQuery));
 }
 
-// A host and, perhaps, a port that is one: what the URL class would understand otherwise than it is meant is refused.
+// A host and, perhaps, a valid port. Refuses texts that the URL class would interpret differently.
 BOOL IsPlainAuthority(std::string_view aText) {
     const size_t nColon = std::min(aText.find(':'), aText.size());
     const CCmString strPort(aText.substr(std::min(nColon + 1, aText.size())));
@@ -70,7 +70,7 @@ CCmString JoinUrl(std::string_view aScheme, std::string_view aRest) {
     return CCmString(aScheme) + "://" + CCmString(authority) + CleanPath(strPath);
 }
 
-// A path that is neither empty nor absolute, or a query alone, on that of the base.
+// Merges a path that is neither empty nor absolute, or a query alone, with that of the base.
 CCmString MergePath(std::string_view aBasePath, std::string_view aReference) {
     const std::string_view basePath = aBasePath.substr(0, std::min(aBasePath.find_first_of("?#"), aBasePath.size()));
     if (aReference.empty())
