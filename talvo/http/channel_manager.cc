@@ -10,7 +10,7 @@
 
 namespace {
 
-// Hands aObject out with a reference for the caller.
+// Stores aObject in the caller's pointer, with a reference for the caller.
 template <class Interface, class Object>
 CmResult HandOut(Object* aObject, Interface*& aOut) {
     if (!aObject)

@@ -21,7 +21,7 @@ CCmLiveCounter s_Live("CCmChannelFile");
 constexpr off_t MAX_SIZE = 0x100000;
 constexpr size_t PIECE = 8192;
 
-// The descriptor of a regular file, -1 for anything else. A FIFO would keep a plain open waiting for its writer.
+// The descriptor of a regular file, -1 for anything else. On a FIFO a plain open would block until a writer opens it.
 int OpenRegularFile(const char* aName) {
     const int nFd = open(aName, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     struct stat status {};
@@ -106,7 +106,7 @@ CmResult CCmChannelFile::SetOption(DWORD aCommand, void* aArg) {
 
 void CCmChannelFile::OnTimer(CCmTimerWrapperID*) { Deliver_i(); }
 
-// Whoever lets go without Disconnect hears nothing more, although the object lives on until its timer.
+// A release without Disconnect ends the upcalls, although the object lives on until its timer.
 void CCmChannelFile::OnReferenceDestory() {
     Disconnect(CM_OK);
     CCmReferenceControlTimerDeleteT::OnReferenceDestory();
@@ -139,7 +139,7 @@ void CCmChannelFile::Deliver_i() {
         End_i(CM_OK);
 }
 
-// A file that grows meanwhile is read one byte beyond the limit and no further: it is refused then, not cut.
+// If the file grows meanwhile, reads one byte beyond the limit and no further: the file is refused then, not truncated.
 BOOL CCmChannelFile::Read_i(CCmString& aContent) const {
     char buffer[PIECE];
     for (;;) {

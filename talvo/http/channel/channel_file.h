@@ -7,9 +7,9 @@
 #include "talvo/http/channel/channel.h"
 
 // Delivers a file of at most 1 MiB as an HTTP client channel delivers a body: OnConnect(CM_OK), one OnReceive with the whole
-// content (of an empty file an empty block), OnDisconnect(CM_OK). So code written for channels also reads file URLs.
+// content (an empty block for an empty file), OnDisconnect(CM_OK). So code written for channels also reads file URLs.
 //
-// Made with new, given to a holder, initialised once, opened once. Used from one thread, which needs a timer queue unless
+// Made with new, passed to a holder, initialised once, opened once. Used from one thread, which needs a timer queue unless
 // CM_OPT_CHANNEL_FILE_SYNC is set.
 class TALVO_API CCmChannelFile : public ICmChannel,
                                  private CCmTimerWrapperIDSink,
@@ -21,17 +21,17 @@ public:
     DWORD AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }
     DWORD ReleaseReference() override { return CCmReferenceControlTimerDeleteT::ReleaseReference(); }
 
-    // The file that a URL of the scheme "file" names: its path with every backslash turned back into "/", from the root. FALSE:
-    // null, another scheme, or as below.
+    // The file of a URL of the scheme "file": its path with every backslash changed back into "/", from the root. FALSE: null,
+    // another scheme, or as below.
     BOOL Init(CCmHttpUrl* aUrl);
-    // The file of that name, which is taken as it stands. FALSE: an empty name, or not a regular file that can be read
-    // (traced). Never waits, whatever the name stands for. A second call gives up the first file.
+    // The file of that name, which is used unchanged. FALSE: an empty name, or not a regular file that can be read (traced).
+    // Never waits, whatever kind of file it is. A second call drops the first file.
     BOOL Init(const CCmString& aFileName);
 
     // CM_ERROR_NOT_INITIALIZED: no file. CM_ERROR_INVALID_ARG: aSink is null. CM_ERROR_ALREADY_INITIALIZED: opened before. Else
-    // the result of scheduling the timer that delivers: CM_ERROR_NULL_POINTER, this thread has no timer queue. The reasons of
-    // OnDisconnect: CM_OK; CM_ERROR_NOT_AVAILABLE, instead of OnConnect, when the file has grown beyond 1 MiB; CM_ERROR_FAILURE
-    // when it cannot be read; CM_ERROR_OUT_OF_MEMORY.
+    // the result of scheduling the delivery timer: CM_ERROR_NULL_POINTER: this thread has no timer queue. Reasons of
+    // OnDisconnect: CM_OK; CM_ERROR_NOT_AVAILABLE, instead of OnConnect: the file has grown beyond 1 MiB; CM_ERROR_FAILURE: it
+    // cannot be read; CM_ERROR_OUT_OF_MEMORY.
     CmResult AsyncOpen(ICmChannelSink* aSink) override;
 
     // Closes the file and stops the delivery; no upcall follows. aReason is not used. CM_OK.
