@@ -59,7 +59,7 @@ void CCmConnectionManager::CleanupInstance() {
 
 void CCmConnectionManager::CleanUp() { CleanupInstance(); }
 
-// A network thread that the application has destroyed itself is no longer registered, and not touched.
+// If the application itself has destroyed the network thread, it is no longer registered, and not accessed.
 CCmConnectionManager::~CCmConnectionManager() {
     if (!m_pThreadNetwork && CCmThreadManager::IsEqualCurrentThread(CCmThreadManager::TT_NETWORK))
         Threads().GetThread(CCmThreadManager::TT_NETWORK)->Linger();
@@ -79,7 +79,7 @@ CmResult CCmConnectionManager::SpawnNetworkThread_i() {
     if (!pReactor)
         return CM_ERROR_OUT_OF_MEMORY;
     const CmResult rv = Threads().CreateReactorThread(CCmThreadManager::TT_NETWORK, pReactor, m_pThreadNetwork);
-    // A thread whose reactor did not open is there, but has ended or will in a moment.
+    // A thread whose reactor did not open exists, but has ended or will end soon.
     return rv == CM_OK ? m_pThreadNetwork->GetLink().Call([] { return CM_OK; }) : rv;
 }
 

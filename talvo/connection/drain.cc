@@ -18,7 +18,7 @@ std::atomic<BOOL> s_bRunning{FALSE};
 
 }  // namespace
 
-// Goes to another thread and answers in any case, also when that thread ends before.
+// Runs in another thread and always answers, also if that thread ends before.
 class CDrain::CQuestion {
 public:
     CQuestion(CDrain& aDrain, CCmThreadLink& aAsked)
@@ -56,7 +56,7 @@ CDrain::CDrain(CCmThreadLink& aNetwork, CCmThreadLink& aUser, ICmDrainSink& aSin
       m_pSink(&aSink),
       m_Rule(CCmTimeValue::GetTimeOfDay() + aTime) {}
 
-// Its beginning was dropped with the network thread.
+// The network thread dropped the event that starts it.
 CDrain::~CDrain() { Tell_i(CM_ERROR_NOT_AVAILABLE, {}); }
 
 CmResult CDrain::Claim() {
@@ -98,8 +98,8 @@ void CDrain::Begin_i() {
     Look_i();
 }
 
-// This thread first: the upcalls of the connections that it ends are posted before the questions, so they run before the
-// answers come.
+// This thread first: it posts the upcalls of the connections that it ends before the questions, so they run before the answers
+// arrive.
 void CDrain::Look_i() {
     m_Others = {};
     m_Own = m_pNetwork->Drain(m_Rule.GetStage());
@@ -155,7 +155,7 @@ void CDrain::OnThreadEnd() {
     Tell_i(CM_ERROR_NOT_AVAILABLE, left);
 }
 
-// Once; the sink may begin the next one.
+// Notifies the sink, once; it may start the next drain.
 void CDrain::Tell_i(CmResult aReason, const CCmUndrained& aLeft) {
     ICmDrainSink* pSink = m_pSink;
     Withdraw();
@@ -175,7 +175,7 @@ void CDrain::Tell_i(CmResult aReason, const CCmUndrained& aLeft) {
         pSink->OnDrained(aReason, aLeft);
 }
 
-// Begins from inside the loop: if that cannot run, nothing has begun.
+// Starts from inside the loop: if the loop cannot run, the drain has not started.
 CmResult CDrainWait::Run(CCmThreadLink& aMain, CCmThreadLink& aNetwork, const CCmTimeValue& aTime) {
     const CCmRefPtrT<CDrain> pDrain(new (std::nothrow) CDrain(aNetwork, aMain, *this, aTime, TRUE));
     if (!pDrain)
@@ -205,7 +205,7 @@ CmResult CDrainWait::RunLoop_i(CDrain& aDrain) {
     return m_Result;
 }
 
-// Behind the upcalls that were posted before. Once it is done the waiting thread goes on, and this object with it.
+// Runs after the upcalls that were posted before. Then the waiting thread continues, and destroys this object.
 void CDrainWait::OnDrained(CmResult aReason, const CCmUndrained&) {
     ICmReactor& reactor = m_Reactor;
     m_Result = aReason;

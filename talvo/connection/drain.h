@@ -1,4 +1,4 @@
-// Brings the connections of all threads of the library to an orderly end.
+// Ends the connections of all threads of the library gracefully.
 #pragma once
 
 #include <memory>
@@ -12,16 +12,16 @@ namespace talvo {
 
 //   network thread                                        every other thread
 //
-//   each 10 ms:  own tenants are told the stage
-//                CQuestion ----------- posted ----------> its tenants are told the stage
-//                OnAnswer_i <--------- posted ----------- what they have left
+//   each 10 ms:  sets the stage of its tenants
+//                CQuestion ----------- posted ----------> sets the stage of its tenants
+//                OnAnswer_i <--------- posted ----------- the work that they have left
 //   then:        the rule: the same stage again, the next, or the end
 //
-// One at a time in the process. Counted by what is under way between the threads.
+// One at a time in the process. Events in flight between the threads hold references to it.
 class TALVO_API CDrain final : public CCmReferenceControlT<CCmMutexThread>, private CCmThreadTenant, private ICmTimerHandler {
 public:
-    // aUser: the thread whose queue brings aSink the end. aEvenHere: when that queue refuses it, the network thread calls
-    // aSink.
+    // aUser: the thread whose queue notifies aSink of the end. aEvenHere: if that queue refuses the event, the network thread
+    // calls aSink.
     CDrain(CCmThreadLink& aNetwork, CCmThreadLink& aUser, ICmDrainSink& aSink, const CCmTimeValue& aTime, BOOL aEvenHere);
 
     // Claims the process's one drain; comes first. CM_ERROR_ALREADY_INITIALIZED: another one runs. CM_ERROR_OUT_OF_MEMORY. The
@@ -29,9 +29,9 @@ public:
     CmResult Claim();
     // Any thread. CM_ERROR_NULL_POINTER: the network thread has ended. CM_ERROR_OUT_OF_MEMORY.
     CmResult Start();
-    // Tells the sink of that failure. Nothing happens behind Withdraw.
+    // Start; notifies the sink of a failure. Does nothing after Withdraw.
     void StartOrTell();
-    // Instead of Start: the sink is not told.
+    // Instead of Start: the sink gets no call.
     void Withdraw();
 
 private:
@@ -52,7 +52,7 @@ private:
     const CCmRefPtrT<CCmThreadLink> m_pNetwork;
     const CCmRefPtrT<CCmThreadLink> m_pUser;
     const BOOL m_bEvenHere;
-    ICmDrainSink* m_pSink;  // not owned; null: over
+    ICmDrainSink* m_pSink;  // not owned; null: the drain is over
     BOOL m_bClaimed = FALSE;
     std::unique_ptr<CReport> m_pReport;  // made in time: the end is reported with or without memory
 
@@ -62,10 +62,10 @@ private:
     ICmTimerQueue* m_pTimers = nullptr;  // not owned; this thread's, while it runs
     DWORD m_dwAwaited = 0;               // answers
     CCmUndrained m_Own;                  // as of the last look
-    CCmUndrained m_Others;               // as far as they have answered
+    CCmUndrained m_Others;               // sum of the answers so far
 };
 
-// Without a sink: runs the main thread's loop until it is over.
+// For Drain without a sink: runs the main thread's loop until the drain is over.
 class TALVO_API CDrainWait final : private ICmDrainSink {
 public:
     explicit CDrainWait(ICmReactor& aReactor) : m_Reactor(aReactor) {}

@@ -1,4 +1,4 @@
-// Decides how an orderly end goes on.
+// Decides the stages of a graceful end.
 #pragma once
 
 #include "talvo/base/export.h"
@@ -13,7 +13,7 @@ namespace talvo {
 //      |                          |
 //      +------ the time is over --+------------------------> CUT      CM_ERROR_TIMEOUT
 //
-// Knows no thread and no timer.
+// Independent of threads and timers.
 class TALVO_API CDrainRule {
 public:
     explicit CDrainRule(const CCmTimeValue& aDeadline) : m_tvDeadline(aDeadline) {}
@@ -22,7 +22,7 @@ public:
     BOOL IsOver() const { return m_Stage == ECmDrainStage::NONE || m_Stage == ECmDrainStage::CUT; }
     CmResult GetResult() const { return m_Stage == ECmDrainStage::NONE ? CM_OK : CM_ERROR_TIMEOUT; }
 
-    // What was left at aNow. aAll: every thread has been told the stage and has answered.
+    // The work left at aNow. aAll: every thread has the stage and has answered.
     void OnLook(const CCmUndrained& aLeft, BOOL aAll, const CCmTimeValue& aNow) {
         if (aAll && m_Stage == ECmDrainStage::CLOSE && aLeft.IsNothing())
             m_Stage = ECmDrainStage::NONE;

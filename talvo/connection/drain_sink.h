@@ -1,4 +1,4 @@
-// Who hears how CCmConnectionManager::Drain has ended.
+// The sink of CCmConnectionManager::Drain.
 #pragma once
 
 #include "talvo/base/export.h"
