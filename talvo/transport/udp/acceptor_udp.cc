@@ -51,7 +51,7 @@ CmResult CCmAcceptorUdp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmI
     if (rv == CM_OK)
         rv = pHub->StartListen(aSink, this);
     if (rv != CM_OK) {
-        pHub->StopListen();  // closes the socket now, and not when the hub is deleted
+        pHub->StopListen();  // closes the socket now, and not at the hub's deletion
         return rv;
     }
     m_pHub = std::move(pHub);

@@ -5,16 +5,16 @@
 #include "talvo/transport/base_types.h"
 #include "talvo/transport/udp/datagram_hub.h"
 
-// One bound socket, and a transport for each address that sends to it. The first datagram of an address hands its transport up
-// through OnConnectIndication, and is delivered behind that, or when the sink opens the transport later. A transport that the
-// sink does not keep leaves nothing behind, and the next datagram of that address is a first one again; so it is after a
-// Disconnect, the last release, or the idle time, for which the peer has sent nothing (see CCmTransportUdp).
+// One bound socket, and a transport for each address that sends to it. The first datagram of an address passes its transport to
+// OnConnectIndication. The datagram is delivered after that, or when the sink opens the transport later. If the sink does not
+// keep the transport, no state remains, and the next datagram of that address counts as the first again. The same holds after a
+// Disconnect, the last release, or the idle time without a datagram from the peer (see CCmTransportUdp).
 //
-// At the limit on peers, datagrams of new addresses are dropped, with a line at most every second; known ones are served as
-// before. Anybody can forge a datagram's source: what a sink keeps for a peer it should keep small until that has answered.
+// At the limit on peers, datagrams of new addresses are dropped, with a trace line at most every second; known peers are served
+// as before. Any host can forge a datagram's source address: a sink should keep little for a peer until the peer has answered.
 //
-// Transports that were handed up stay when listening ends, and with them the socket and its port, until the last one goes.
-// The defaults are the configuration's: keys "PeerIdleSeconds" (120) and "MaxPeers" (65,536) in section "Udp".
+// After listening ends, earlier transports stay, and with them the socket and its port, until the last one ends. The defaults
+// come from the configuration: keys "PeerIdleSeconds" (120) and "MaxPeers" (65,536) in section "Udp".
 class TALVO_API CCmAcceptorUdp : public CCmAcceptorBase {
 public:
     CCmAcceptorUdp();
@@ -27,7 +27,7 @@ public:
     CmResult StopListen(CmResult aReason) override;
     CmResult GetListenAddr(CCmInetAddr& aAddr) override;
 
-    // Both at any time. Fewer peers than there are now: those stay. A time of zero: silence does not matter.
+    // Both at any time. A limit below the current number keeps the current peers. A time of zero: no idle time-out.
     void SetMaxPeers(DWORD aMaxPeers);
     void SetPeerIdleTime(const CCmTimeValue& aIdle);
     // 0 when not listening.

@@ -111,7 +111,7 @@ void CCmConnectorUdpT<TransportType>::OnTimeout(const CCmTimeValue&, void*) {
     Report_i(CM_ERROR_NETWORK_DNS_FAILURE);
 }
 
-// By now the attempt is under way, so what fails at once is no longer a refusal by Connect.
+// The attempt is now in progress, so an immediate failure is no longer a refusal by Connect.
 template <class TransportType>
 void CCmConnectorUdpT<TransportType>::OnNameKnown(const CCmDnsRecord& aRecord) {
     if (aRecord.GetState() == CCmDnsRecord::FAILED)
@@ -138,7 +138,7 @@ int CCmConnectorUdpT<TransportType>::OnClose(HANDLE aFd, long aMask) {
     return 0;
 }
 
-// The last thing of an attempt: the upper connector may delete this one.
+// The last step of an attempt: the upper connector may delete this one.
 template <class TransportType>
 void CCmConnectorUdpT<TransportType>::Report_i(CmResult aReason) {
     const CCmRefPtrT<TransportType> pTransport = std::move(m_pTransport);

@@ -9,9 +9,9 @@
 #include "talvo/transport/socket_settings.h"
 #include "talvo/transport/udp/transport_udp.h"
 
-// Makes a TransportType over a socket that it binds to the local address and connects. Nobody is asked whether he is there, so
-// that is done at once; the report comes when the reactor finds the socket writable, never from inside Connect. A host name is
-// looked up first; of its addresses the first that this machine has a way to is taken.
+// Makes a TransportType over a socket that it binds to the local address and connects. This sends no data to the peer, so it is
+// done at once. The report comes when the reactor finds the socket writable, never from inside Connect. A host name is looked
+// up first; the first of its addresses with a route from this machine is used.
 template <class TransportType>
 class CCmConnectorUdpT : public ACmConnectorInternal,
                          private ACmEventHandler,

@@ -12,7 +12,7 @@ namespace talvo {
 
 namespace {
 
-constexpr int MAX_FORGOTTEN_A_PASS = 256;  // the rest after the others have had their turn
+constexpr int MAX_FORGOTTEN_A_PASS = 256;  // the rest follows after other events
 
 uint64_t KeyOf(const sockaddr_in& aAddr) { return CPeerTableT<CCmTransportUdp>::KeyOf(aAddr.sin_addr.s_addr, aAddr.sin_port); }
 
@@ -55,7 +55,7 @@ void CDatagramHub::OnDatagram(CCmMessageBlock& aData, const sockaddr_in& aFrom) 
     pPeer->Get()->Take(aData);
 }
 
-// Nothing of it is left when the sink keeps no reference.
+// If the sink keeps no reference, no state of the peer remains.
 void CDatagramHub::OnStranger(CCmMessageBlock& aData, const sockaddr_in& aFrom, uint64_t aKey) {
     if (!m_pSink || m_Peers.GetCount() >= m_dwMaxPeers) {
         m_Port.CountDropped();
@@ -95,7 +95,7 @@ CmResult CDatagramHub::Send(CCmTransportUdp& aTransport, CCmMessageBlock& aData,
     return WithMemory([&] { m_Refused.push_back(&aTransport); }) ? rv : CM_ERROR_OUT_OF_MEMORY;
 }
 
-// Each once. Whoever fills the socket again lets the others wait; whoever is refused again stands behind them.
+// Each once. If one fills the socket again, the others wait; one that is refused again goes to the end of the queue.
 void CDatagramHub::OnWritable() {
     for (size_t stTurns = m_Refused.size(); stTurns > 0 && !m_Refused.empty(); --stTurns) {
         if (m_Port.IsFull()) {
@@ -127,8 +127,8 @@ BOOL CDatagramHub::Keep(DWORD aBytes) {
     return TRUE;
 }
 
-// For the peer that has been silent for longest. A datagram from it does not change the timer: when that fires it finds out,
-// and waits for whoever it is then.
+// For the peer with the longest silence. A datagram from it does not change the timer: when the timer fires, it is re-armed for
+// the peer with the longest silence then.
 void CDatagramHub::ArmIdleTimer() {
     CPeers::CPeer* pPeer = m_Peers.GetSilent();
     if (m_llIdleUsec == 0 || !pPeer || !ICmReactor::IsAlive(m_pReactor))

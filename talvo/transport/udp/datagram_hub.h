@@ -12,20 +12,20 @@ class CCmTransportUdp;
 
 namespace talvo {
 
-// The inside of CCmAcceptorUdp, which may go before its transports do: each of these holds a reference too. Finds the
-// transport of a datagram's source, makes one for a source that is not known, and ends those that have been silent too long.
-// The socket closes when nobody listens and no peer is left.
+// The implementation of CCmAcceptorUdp, which may be deleted before its transports: each of them holds a reference too. Finds
+// the transport of a datagram's source, makes one for a new source, and ends idle ones. The socket closes when the acceptor no
+// longer listens and no peer is left.
 class TALVO_API CDatagramHub final : public CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread>,
                                      public ICmTimerHandler,
                                      private IDatagramUser {
 public:
-    // What the transports keep of datagrams that cannot be delivered yet, all together; bytes.
+    // The limit on undeliverable datagrams of all transports together; bytes.
     static constexpr uint64_t MAX_KEPT_BYTES = 8 << 20;
 
     explicit CDatagramHub(ICmReactor* aReactor) : m_pReactor(aReactor), m_Port(aReactor, *this, FALSE) {}
     ~CDatagramHub() override;
 
-    // aSink and aId are not owned and used until StopListen. The socket of GetPort() is bound and does not block.
+    // aSink and aId are not owned and used until StopListen. The socket of GetPort() is bound and non-blocking.
     CmResult StartListen(ICmAcceptorConnectorSink* aSink, ICmAcceptorConnectorId* aId);
     void StopListen();
 
@@ -35,15 +35,14 @@ public:
 
     CDatagramPort& GetPort() { return m_Port; }
 
-    // For the transports. Send: as the port's; after CM_ERROR_PARTIAL_DATA aTransport waits for OnRoom, which comes in its
-    // turn.
+    // For the transports. Send: as the port's; after CM_ERROR_PARTIAL_DATA aTransport gets OnRoom in its turn.
     CmResult Send(CCmTransportUdp& aTransport, CCmMessageBlock& aData, DWORD aLength);
     void Forget(CCmTransportUdp& aTransport);
-    // Whether so many more bytes may be kept; what was kept is given back.
+    // Reserves that many more bytes, or returns FALSE; the transport gives them back later.
     BOOL Keep(DWORD aBytes);
     void GiveBack(DWORD aBytes) { m_ullKeptBytes -= aBytes; }
 
-    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // somebody may have been silent too long
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // a peer may have been idle for too long
 
 private:
     using CPeers = CPeerTableT<CCmTransportUdp>;
@@ -63,10 +62,10 @@ private:
     CPeers m_Peers;
     std::list<CCmTransportUdp*> m_Refused;  // not owned; wait for room, in turn
     DWORD m_dwMaxPeers = 0;
-    int64_t m_llIdleUsec = 0;  // 0: nobody is silent for too long
+    int64_t m_llIdleUsec = 0;  // 0: no idle time-out
     BOOL m_bIdleTimer = FALSE;
     uint64_t m_ullKeptBytes = 0;
-    CCmTimeValue m_tvTraced;  // when the last line about too many peers was written
+    CCmTimeValue m_tvTraced;  // time of the last trace line about too many peers
 };
 
 }  // namespace talvo

@@ -15,7 +15,7 @@ namespace {
 
 constexpr int WOULD_BLOCK = -2;
 constexpr int RECEIVE_BUFFER_SIZE = 1 << 20;  // the system grants what its own limit allows
-constexpr DWORD ALONE_PERIOD = 8;             // reports between two looks whether more than one is there
+constexpr DWORD ALONE_PERIOD = 8;             // reports between two checks for more than one datagram
 constexpr int MAX_FAILURES = 4;               // in a row, of a socket that is not connected
 
 BOOL IsWouldBlock(int aError) { return aError == EAGAIN || aError == EWOULDBLOCK; }
@@ -36,7 +36,7 @@ CmResult CDatagramPort::Open() {
     return CM_OK;
 }
 
-// Watched for what is needed now; writing is asked for only while something waits for room.
+// Registers for the events needed now; for writing only while a datagram waits for room.
 CmResult CDatagramPort::Register() {
     const long lRead = m_bPaused ? NULL_MASK : READ_MASK;
     const long lWrite = m_Sender.IsFull() ? WRITE_MASK : NULL_MASK;
@@ -81,10 +81,10 @@ int CDatagramPort::OnInput(HANDLE) {
     if (nCount < 0)
         return nCount;
     Deliver(nCount);
-    return WOULD_BLOCK;  // the reactor asks again while something is there
+    return WOULD_BLOCK;  // level-triggered: the reactor reports again while data is left
 }
 
-// How many datagrams were there; -2 none; -1 the connection is broken.
+// The number of datagrams; -2: none; -1: the connection is broken.
 int CDatagramPort::Receive() {
     int nError = 0;
     for (int nFailures = 0; nFailures < MAX_FAILURES;) {
@@ -99,14 +99,14 @@ int CDatagramPort::Receive() {
             continue;
         if (m_bConnected)
             break;
-        ++nFailures;  // about a datagram that was sent; what was received stands behind it
+        ++nFailures;  // concerns a datagram that was sent; received ones are queued after it
     }
     m_nError = nError;
     CM_WARNING_TRACE_THIS("CDatagramPort::Receive, recvmmsg() failed! fd=" << GetHandle() << " err=" << nError);
     return m_bConnected ? -1 : WOULD_BLOCK;
 }
 
-// One call of the system: a count, or -1. For one datagram the plain call costs two thirds of the other.
+// One system call: a count, or -1. For one datagram the plain call costs two thirds of the other.
 int CDatagramPort::ReceiveSome() {
     CDatagramBuffers& buffers = *GetDatagramBuffers();
     if (m_dwAlone >= ALONE_PERIOD && m_dwAlone % ALONE_PERIOD != 0) {
@@ -118,7 +118,7 @@ int CDatagramPort::ReceiveSome() {
         return lRead >= 0 ? 1 : -1;
     }
     for (mmsghdr& message : buffers.m_Received)
-        message.msg_hdr.msg_namelen = sizeof(sockaddr_in);  // the last call has changed it
+        message.msg_hdr.msg_namelen = sizeof(sockaddr_in);  // the previous call has changed it
     const int nCount = recvmmsg(GetHandle(), buffers.m_Received, CDatagramBuffers::BATCH, MSG_DONTWAIT, nullptr);
     m_dwAlone = nCount == 1 ? m_dwAlone + 1 : 0;
     return nCount;
@@ -133,7 +133,7 @@ void CDatagramPort::Deliver(int aCount) {
     m_bReceiving = TRUE;
     for (int i = 0; i < aCount && m_bOpen; ++i) {
         const DWORD dwLength = buffers.m_Received[i].msg_len;
-        // The block covers what was received and no more: a duplicate must not copy what was there before.
+        // The block covers the received bytes only: a duplicate must not copy older bytes.
         CCmMessageBlock block(dwLength, buffers.m_Slots[i], CCmMessageBlock::DONT_DELETE, dwLength);
         m_User.OnDatagram(block, buffers.m_From[i]);
     }
@@ -186,7 +186,7 @@ void CDatagramPort::Flush() {
         Register();
 }
 
-// A refusal by the peer's system has been taken off the socket by the send that met it: nobody else will hear of it.
+// The send has already consumed the socket's error (a refusal by the peer's system): no other call will report it.
 void CDatagramPort::SendFailed(int aError) {
     const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
     if (m_tvTraced + CCmTimeValue(1) <= tvNow) {

@@ -5,22 +5,22 @@
 #include "talvo/transport/socket.h"
 #include "talvo/transport/udp/datagram_sender.h"
 
-// What passed through a datagram socket; read it in its thread.
+// The traffic of a datagram socket; read it in its thread.
 struct CCmDatagramCounters {
-    uint64_t m_ullReceived = 0;      // datagrams, wherever they went then
-    uint64_t m_ullReceiveCalls = 0;  // system calls that asked for them, those that found none included
+    uint64_t m_ullReceived = 0;      // datagrams, delivered or not
+    uint64_t m_ullReceiveCalls = 0;  // system calls for receiving, with those that found no datagram
     uint64_t m_ullSent = 0;          // datagrams taken for sending
     uint64_t m_ullSendCalls = 0;
-    uint64_t m_ullLost = 0;     // taken, but refused by the system then
-    uint64_t m_ullDropped = 0;  // received, but from too many sources or for somebody who does not take them
+    uint64_t m_ullLost = 0;     // taken, but refused by the system later
+    uint64_t m_ullDropped = 0;  // received, but from too many sources, or not accepted by the user
 };
 
 namespace talvo {
 
-// Whom a port reports to. Any of these may close the port; the object that holds it stays alive until the call has returned.
+// The user of a port. Each call may close the port; the object that holds it stays alive until the call has returned.
 class TALVO_API IDatagramUser {
 public:
-    // One datagram, perhaps empty. aData lies in a buffer of the thread.
+    // One datagram, perhaps empty. aData is in a buffer of the thread.
     virtual void OnDatagram(CCmMessageBlock& aData, const sockaddr_in& aFrom) = 0;
     // A send was refused before; now there is room.
     virtual void OnWritable() = 0;
@@ -31,41 +31,41 @@ protected:
     virtual ~IDatagramUser() = default;
 };
 
-// Receives up to 32 datagrams with one system call a report; where datagrams have come one by one for a while, it asks for
-// one, with a cheaper call, and for more every few reports. What is sent while they are handled leaves with one call behind
-// the last of them; what is sent at any other time is collected in the same way, until 32 wait or a timer of no delay fires,
-// that is before the loop sleeps again. Nothing ever waits for more to come. Lives in the thread of its reactor.
+// Receives up to 32 datagrams with one system call a report. After a series of single datagrams it receives one, with a cheaper
+// call, and tries more every few reports. Datagrams sent during their handling leave with one call after the last of them.
+// Datagrams sent at any other time are collected likewise, until there are 32 or a zero-delay timer fires, which is before the
+// loop sleeps again. No datagram waits for later ones. Lives in the thread of its reactor.
 class TALVO_API CDatagramPort final : public ACmEventHandler, public ICmTimerHandler {
 public:
-    // aConnected: the socket will be; a failure that the system reports then ends it. Without, failures concern one datagram.
+    // aConnected: the socket will be; a failure reported by the system then ends it. Otherwise a failure concerns one datagram.
     CDatagramPort(ICmReactor* aReactor, IDatagramUser& aUser, BOOL aConnected)
         : m_pReactor(aReactor), m_User(aUser), m_bConnected(aConnected) {}
     ~CDatagramPort() override { Close(); }
     CDatagramPort(const CDatagramPort&) = delete;
     CDatagramPort& operator=(const CDatagramPort&) = delete;
 
-    // To be opened, bound, connected and made non-blocking by the owner.
+    // The owner opens, binds, connects it and makes it non-blocking.
     CCmSocketUdp& GetSocket() { return m_Socket; }
 
     // Starts to receive. The reactor's result, or CM_ERROR_OUT_OF_MEMORY.
     CmResult Open();
-    // Gives what was collected a last try, and closes the socket.
+    // Tries once to send the collected datagrams, and closes the socket.
     void Close();
-    // The same, but the socket stays open and is somebody else's.
+    // The same, but the socket stays open and gets another owner.
     void Detach();
 
-    // Takes a whole chain that CheckDatagram found good, see CDatagramSender::Add, and consumes it. aTo null: to whom it is
-    // connected. Further: CM_ERROR_NETWORK_SOCKET_ERROR when it is broken.
+    // Takes a whole chain that CheckDatagram accepts, see CDatagramSender::Add, and consumes it. aTo null: to the connected
+    // peer. Also: CM_ERROR_NETWORK_SOCKET_ERROR: it is broken.
     CmResult Send(CCmMessageBlock& aData, DWORD aLength, const sockaddr_in* aTo);
 
-    // The socket's buffer is full, and what waits here has to leave first. TellWhenWritable: OnWritable then.
+    // The socket's buffer is full, and the collected datagrams must leave first. TellWhenWritable requests OnWritable for that.
     BOOL IsFull() const { return m_Sender.IsFull(); }
     void TellWhenWritable() { m_bRefused = TRUE; }
 
-    // What has not been received stays in the socket; the rest of a batch still comes.
+    // Data not yet received stays in the socket; the rest of a batch is still delivered.
     CmResult PauseReading(BOOL aPause);
 
-    // When the batch under way was received, in microseconds of the time of day.
+    // Receive time of the current batch, in microseconds of the time of day.
     int64_t GetReceivedUsec() const { return m_llReceivedUsec; }
 
     CCmDatagramCounters GetCounters() const;
@@ -87,21 +87,21 @@ private:
     CmResult Register();
     void Leave();
 
-    ICmReactor* const m_pReactor;  // not owned; may die before this object
+    ICmReactor* const m_pReactor;  // not owned; may be deleted before this object
     IDatagramUser& m_User;
     const BOOL m_bConnected;
     CCmSocketUdp m_Socket;
     CDatagramSender m_Sender;
     BOOL m_bOpen = FALSE;       // registered with the reactor
-    BOOL m_bReceiving = FALSE;  // a batch is handled
+    BOOL m_bReceiving = FALSE;  // a batch is being handled
     BOOL m_bFlushDue = FALSE;   // the timer runs
     BOOL m_bPaused = FALSE;
-    BOOL m_bRefused = FALSE;  // somebody waits for OnWritable
-    BOOL m_bBroken = FALSE;   // a send found that out, and OnBroken has to be told
-    int m_nError = 0;         // what broke it
-    DWORD m_dwAlone = 0;      // datagrams that were alone when they came, without another case between them
+    BOOL m_bRefused = FALSE;  // OnWritable is due to the user
+    BOOL m_bBroken = FALSE;   // a send found that out, and OnBroken is due
+    int m_nError = 0;         // the error that broke it
+    DWORD m_dwAlone = 0;      // consecutive datagrams that arrived alone
     int64_t m_llReceivedUsec = 0;
-    CCmTimeValue m_tvTraced;  // when the last line about a lost datagram was written
+    CCmTimeValue m_tvTraced;  // time of the last trace line about a lost datagram
     CCmDatagramCounters m_Counters;
 };
 

@@ -60,7 +60,7 @@ BOOL CDatagramSender::AddPieces(CDatagram& aDatagram, const CCmMessageBlock& aDa
     return TRUE;
 }
 
-// Moves aPiece, which aBlock shows, into a duplicate of the datagram's own.
+// Moves aPiece, a part of aBlock, into a duplicate that the datagram owns.
 BOOL CDatagramSender::Keep(CDatagram& aDatagram, const CCmMessageBlock& aBlock, iovec& aPiece) {
     CCmChainPtr pKept(aBlock.DuplicateTopLevel());
     if (!pKept)
@@ -113,7 +113,7 @@ int CDatagramSender::SendSome(HANDLE aFd) {
     return sendmmsg(aFd, pMessages, static_cast<unsigned>(stCount), SEND_FLAGS);
 }
 
-// The plain call is cheaper when there is nothing to gather.
+// The plain call is cheaper for a single piece.
 int CDatagramSender::SendOne(HANDLE aFd, const CDatagram& aDatagram) const {
     const iovec& piece = m_Pieces[aDatagram.m_stPiece];
     const auto* pTo = reinterpret_cast<const sockaddr*>(aDatagram.m_bConnected ? nullptr : &aDatagram.m_To);
@@ -121,7 +121,7 @@ int CDatagramSender::SendOne(HANDLE aFd, const CDatagram& aDatagram) const {
     return sendto(aFd, piece.iov_base, piece.iov_len, SEND_FLAGS, pTo, length) >= 0 ? 1 : -1;
 }
 
-// What waits for room outlives the loan. A datagram for which there is no memory is lost.
+// Datagrams that wait for room outlive the loan. If memory runs out, a datagram is lost.
 void CDatagramSender::KeepRest() {
     const auto first = m_Datagrams.begin() + static_cast<std::ptrdiff_t>(m_stGone);
     const auto end = std::remove_if(first, m_Datagrams.end(), [this](CDatagram& aDatagram) {

@@ -1,4 +1,4 @@
-// Datagrams on their way to a socket, several a system call.
+// Collects datagrams for a socket and sends several with one system call.
 #pragma once
 
 #include <netinet/in.h>
@@ -10,31 +10,31 @@
 
 namespace talvo {
 
-constexpr DWORD MAX_DATAGRAM_LENGTH = 65507;  // what IPv4 and UDP leave of 65,535 bytes
-constexpr DWORD MAX_DATAGRAM_PIECES = 1024;   // what the system gathers
+constexpr DWORD MAX_DATAGRAM_LENGTH = 65507;  // 65,535 bytes without the IPv4 and UDP headers
+constexpr DWORD MAX_DATAGRAM_PIECES = 1024;   // the system's limit for gathering
 
-// Whether a chain can be sent as one datagram, and its length. CM_ERROR_INVALID_ARG: more bytes or more non-empty blocks than
-// the above.
+// Checks that a chain can be sent as one datagram. aLength (out): its length. CM_ERROR_INVALID_ARG: more bytes or more
+// non-empty blocks than the limits above.
 CmResult CheckDatagram(const CCmMessageBlock& aData, DWORD& aLength);
 
-// Collects datagrams and hands them to the system with one call. Knows no reactor: its owner says when. No payload is copied
-// that a data block owns, nor any that lies in the memory lent for the moment. One thread.
+// Collects datagrams and passes them to the system with one call. Independent of any reactor: its owner chooses the time.
+// Copies no payload that a data block owns, and none in the lent memory. One thread.
 class TALVO_API CDatagramSender {
 public:
     CDatagramSender() = default;
     CDatagramSender(const CDatagramSender&) = delete;
     CDatagramSender& operator=(const CDatagramSender&) = delete;
 
-    // Bytes in this memory stay as they are until the loan is called back, behind a Flush.
+    // Bytes in this memory stay unchanged until the loan is withdrawn, after a Flush.
     void Lend(const char* aBegin, const char* aEnd);
     void CallBackLoan() { Lend(nullptr, nullptr); }
 
-    // Takes a duplicate of a chain that CheckDatagram has found good. aTo null: the socket is connected.
-    // CM_ERROR_PARTIAL_DATA: the socket's buffer is full, and what was taken before has to leave first. CM_ERROR_OUT_OF_MEMORY.
+    // Takes a duplicate of a chain that CheckDatagram accepts. aTo null: the socket is connected. CM_ERROR_PARTIAL_DATA: the
+    // socket's buffer is full, and earlier datagrams must leave first. CM_ERROR_OUT_OF_MEMORY.
     CmResult Add(const CCmMessageBlock& aData, const sockaddr_in* aTo);
 
-    // Sends as much as the socket takes; the rest stays and IsFull says so. A datagram that the system refuses for any other
-    // reason is lost. Returns that reason (the last one's errno), or 0.
+    // Sends as much as the socket takes; the rest stays, and IsFull returns TRUE. A datagram that the system refuses for any
+    // other reason is lost. Returns that reason (the last one's errno), or 0.
     int Flush(HANDLE aFd);
 
     void Clear();
@@ -46,11 +46,11 @@ public:
 
 private:
     struct CDatagram {
-        sockaddr_in m_To;  // nothing when connected
+        sockaddr_in m_To;  // unused if connected
         BOOL m_bConnected;
         size_t m_stPiece;  // first of its pieces
         size_t m_stPieces;
-        CCmChainPtr m_pKept;  // in no order; what its pieces lie in, apart from lent memory
+        CCmChainPtr m_pKept;  // in no order; the memory of its pieces, except lent memory
     };
 
     BOOL IsLent(const void* aByte) const { return aByte >= m_pLentBegin && aByte < m_pLentEnd; }
@@ -63,7 +63,7 @@ private:
 
     std::vector<CDatagram> m_Datagrams;
     std::vector<iovec> m_Pieces;
-    size_t m_stGone = 0;  // so many of m_Datagrams are done with
+    size_t m_stGone = 0;  // the number of m_Datagrams that are finished
     BOOL m_bFull = FALSE;
     const char* m_pLentBegin = nullptr;
     const char* m_pLentEnd = nullptr;

@@ -1,4 +1,4 @@
-// Who has sent datagrams to a socket.
+// The peers that have sent datagrams to a socket.
 #pragma once
 
 #include <cstdint>
@@ -11,9 +11,9 @@
 
 namespace talvo {
 
-// Peers by address, and in the order in which they were last heard of. Every operation takes constant time, whatever addresses
-// strangers choose. Knows no socket and no clock: times are microseconds that the caller reads. The objects are not owned. One
-// thread.
+// Peers by address, and in the order of their last datagrams. Every operation takes constant time, for any choice of addresses
+// by unknown peers. Independent of sockets and clocks: times are microseconds that the caller reads. The objects are not owned.
+// One thread.
 template <class Object>
 class CPeerTableT {
     struct CLink {
@@ -42,13 +42,13 @@ public:
 
     size_t GetCount() const { return m_Peers.size(); }
 
-    // Null: unknown. The peer stays where it is until Remove.
+    // Null: unknown. The peer keeps its place in memory until Remove.
     CPeer* Find(uint64_t aKey) {
         const auto found = m_Peers.find(aKey);
         return found == m_Peers.end() ? nullptr : &found->second;
     }
 
-    // A peer that the table does not hold yet; it has just been heard of. FALSE: memory ran out.
+    // Adds a peer that is not in the table; its last datagram is now. FALSE: memory ran out.
     BOOL Add(uint64_t aKey, Object* aObject, int64_t aNowUsec) {
         return WithMemory([&] {
             CPeer& peer = m_Peers[aKey];
@@ -67,7 +67,7 @@ public:
         m_Ends.m_pOlder = &aPeer;
     }
 
-    // Nothing happens for an unknown one.
+    // Does nothing for an unknown one.
     void Remove(uint64_t aKey) {
         CPeer* pPeer = Find(aKey);
         if (!pPeer)
@@ -76,12 +76,12 @@ public:
         m_Peers.erase(aKey);
     }
 
-    // The peer that has been silent for longest; null: there is none.
+    // The peer with the longest silence; null: there is none.
     CPeer* GetSilent() { return m_Peers.empty() ? nullptr : static_cast<CPeer*>(m_Ends.m_pNewer); }
     static int64_t GetHeardUsec(const CPeer& aPeer) { return aPeer.m_llHeardUsec; }
 
 private:
-    // Seeded, so that nobody can choose addresses that fall together.
+    // Seeded, so that no peer can choose addresses that collide.
     struct CHash {
         uint64_t m_ullSeed;
         size_t operator()(uint64_t aKey) const {

@@ -12,7 +12,7 @@ namespace {
 CCmLiveCounter s_Live("CCmTransportUdp");
 
 constexpr size_t MAX_KEPT = talvo::CDatagramBuffers::BATCH;
-constexpr DWORD KEPT_OVERHEAD = 128;  // what keeping a datagram costs beside its bytes
+constexpr DWORD KEPT_OVERHEAD = 128;  // cost of keeping a datagram besides its bytes
 
 DWORD CostOf(const CCmMessageBlock& aData) { return aData.GetChainedLength() + KEPT_OVERHEAD; }
 
@@ -97,7 +97,7 @@ void CCmTransportUdp::OnSilent() {
         pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_CLOSE, this);
 }
 
-// What was kept goes first; any upcall may pause or close.
+// Kept datagrams go first; any upcall may pause or close.
 void CCmTransportUdp::Take(CCmMessageBlock& aData) {
     DeliverKept();
     if (CanDeliver())
@@ -134,10 +134,10 @@ CCmChainPtr CCmTransportUdp::TakeFirstKept() {
     return pFirst;
 }
 
-// From a timer: nobody is called back from inside his own call.
+// From a timer: no upcall comes from inside a call of the user.
 void CCmTransportUdp::DeliverLater() {
     const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, CCmTimeValue::s_tvZero, 1);
-    m_bDeliverDue = rv == CM_OK || rv == CM_ERROR_FOUND;  // without a timer the next datagram brings them
+    m_bDeliverDue = rv == CM_OK || rv == CM_ERROR_FOUND;  // if there is no timer, the next datagram delivers them
 }
 
 void CCmTransportUdp::OnTimeout(const CCmTimeValue&, void*) {

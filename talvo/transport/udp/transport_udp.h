@@ -7,35 +7,35 @@
 #include "talvo/transport/transport_base.h"
 #include "talvo/transport/udp/datagram_hub.h"
 
-// Connectors make it over a connected socket of its own; the acceptor makes one for each peer, over a socket that all share.
+// Connectors make it over its own connected socket. The acceptor makes one for each peer, over a shared socket.
 //
-// One datagram is one OnReceive, an empty one too; its bytes lie in a buffer of the thread that is used again afterwards. One
-// SendData is one datagram, of at most 65,507 bytes in at most 1,024 non-empty blocks, else CM_ERROR_INVALID_ARG; it is taken
+// One datagram is one OnReceive, an empty one too; its bytes are in a buffer of the thread that is reused afterwards. One
+// SendData is one datagram, of at most 65,507 bytes in at most 1,024 non-empty blocks, else CM_ERROR_INVALID_ARG. It is taken
 // whole or not at all. An empty chain sends an empty datagram.
 //
-// CM_OK says that the datagram was taken and leaves before the loop sleeps again, together with others that are sent in the
-// same turn; whether it arrives nobody knows. If the socket's buffer is full then, it waits for room, and meanwhile SendData
-// returns CM_ERROR_PARTIAL_DATA; one OnSend follows, to each peer that was refused in turn. A datagram that the system refuses
-// for another reason (a firewall, no route) is lost, with a line at most every second.
+// CM_OK: the datagram was taken and leaves before the loop sleeps again, together with others of the same turn. Its arrival is
+// not confirmed. If the socket's buffer is full then, it waits for room, and meanwhile SendData returns CM_ERROR_PARTIAL_DATA.
+// One OnSend follows, to each refused peer in turn. A datagram that the system refuses for another reason (a firewall, no
+// route) is lost, with a trace line at most every second.
 //
-// OnDisconnect: CM_ERROR_NETWORK_SOCKET_ERROR when a connected peer's system refuses datagrams;
-// CM_ERROR_NETWORK_SOCKET_CLOSE when a peer of an acceptor has sent nothing for too long. A peer says no goodbye.
+// OnDisconnect: CM_ERROR_NETWORK_SOCKET_ERROR: a connected peer's system refuses datagrams; CM_ERROR_NETWORK_SOCKET_CLOSE: a
+// peer of an acceptor has been idle for too long. UDP has no close: a peer's end is not reported.
 //
-// Datagrams that arrive while reading is paused, or before the transport is opened: a connected socket holds as many as its
-// buffer does. Of an acceptor's peer up to 32 are kept, all peers' together up to 8 MiB, and those beyond are dropped.
+// Datagrams may arrive while reading is paused, or before the transport is opened. A connected socket keeps as many as fit its
+// buffer. For an acceptor's peer up to 32 are kept, for all peers together up to 8 MiB; further ones are dropped.
 class TALVO_API CCmTransportUdp : public CCmTransportBase, public ICmTimerHandler, private talvo::IDatagramUser {
 public:
-    // Over a socket of its own, which the caller opens, makes non-blocking and connects: GetPeer().
+    // Over its own socket, which the caller opens, makes non-blocking and connects: GetPeer().
     explicit CCmTransportUdp(ICmReactor* aReactor);
-    // FALSE, of the former: memory ran out. GetPeer() must not be used, and everything else finds it closed.
+    // FALSE, after the constructor above: memory ran out. GetPeer() must not be used, and all other calls treat it as closed.
     BOOL HasSocket() const { return bool{m_pOwnPort}; }
     // One peer of aHub.
     CCmTransportUdp(ICmReactor* aReactor, talvo::CDatagramHub* aHub, const CCmInetAddr& aAddrPeer);
     ~CCmTransportUdp() override;
 
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
-    // On a shared socket CM_OPT_TRANSPORT_SNDBUF, _RCVBUF and _TOS concern all peers, and CM_OPT_TRANSPORT_FD only ends the use
-    // of it.
+    // On a shared socket CM_OPT_TRANSPORT_SNDBUF, _RCVBUF and _TOS concern all peers, and CM_OPT_TRANSPORT_FD only ends this
+    // transport's use of it.
     CmResult SetOption(DWORD aCommand, void* aArg) override;
     CmResult GetOption(DWORD aCommand, void* aArg) override;
 
@@ -48,13 +48,13 @@ public:
     // Of the socket; all zero when closed.
     CCmDatagramCounters GetCounters() const;
 
-    // From the hub. A datagram of this peer; room after a refusal; nothing has come for too long.
+    // For the hub: a datagram of this peer; room after a refusal; the idle time-out.
     void Take(CCmMessageBlock& aData);
     void OnRoom();
     void OnSilent();
     BOOL IsWaitingForRoom() const { return m_bNeedOnSend; }
 
-    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // what was kept can be delivered
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // kept datagrams can be delivered
 
 protected:
     CmResult Open_t() override;
@@ -82,7 +82,7 @@ private:
     CCmRefPtrT<talvo::CDatagramHub> m_pHub;            // null: connected, or closed
     CCmInetAddr m_AddrPeer;
     talvo::CMessageList m_Kept;  // datagrams that cannot be delivered yet
-    DWORD m_dwKept = 0;          // so many
+    DWORD m_dwKept = 0;          // their number
     BOOL m_bReadingPaused = FALSE;
     BOOL m_bNeedOnSend = FALSE;
     BOOL m_bDeliverDue = FALSE;  // the timer runs

@@ -32,7 +32,7 @@ CmResult CCmTransportUdp::GetOption(DWORD aCommand, void* aArg) {
     CCmSocketBase* pSocket = GetSocket_i();
     switch (aCommand) {
     case CM_OPT_TRANSPORT_UNACKNOWLEDGED:
-        *static_cast<DWORD*>(aArg) = 0;  // nobody acknowledges a datagram
+        *static_cast<DWORD*>(aArg) = 0;  // UDP has no acknowledgements
         return CM_OK;
     case CM_OPT_TRANSPORT_LOCAL_ADDR:
         if (pSocket && pSocket->GetLocalAddr(*static_cast<CCmInetAddr*>(aArg)) == 0)
