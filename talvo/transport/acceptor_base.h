@@ -1,4 +1,4 @@
-// What acceptors share.
+// The common part of acceptors.
 #pragma once
 
 #include "talvo/event/reactor.h"

@@ -1,4 +1,4 @@
-// An endpoint that threads share without a lock.
+// An endpoint that several threads read without a lock.
 #pragma once
 
 #include <atomic>
@@ -11,7 +11,7 @@ namespace talvo {
 class CAtomicAddr {
 public:
     void Store(const CCmInetAddr& aAddr) { m_ullAddr = KNOWN | uint64_t{aAddr.GetIpAddrIn4Bytes()} << 16 | aAddr.GetPort(); }
-    // FALSE, and aAddr is 0.0.0.0:0: nothing was stored.
+    // FALSE, with 0.0.0.0:0 in aAddr (out): no address was stored.
     BOOL Load(CCmInetAddr& aAddr) const {
         const uint64_t ullAddr = m_ullAddr;
         aAddr.SetIpAddrBy4Bytes(static_cast<DWORD>(ullAddr >> 16));

@@ -9,7 +9,7 @@ class ACmConnectorInternal;
 class ICmReactor;
 class ICmTransport;
 
-// To whom an inner connector reports: the wrapper, or another connector that uses it.
+// An inner connector reports to it: the wrapper, or another connector that uses it.
 class TALVO_API ACmConnectorUpper {
 public:
     // The one report of an attempt. CM_OK with a connected, unopened transport, which lives during the call; else a reason and
@@ -23,7 +23,7 @@ protected:
 // Opens one connection at a time, in the thread of its reactor.
 class TALVO_API ACmConnectorInternal {
 public:
-    // -1: failed at once, nothing is reported. Anything else: under way; one report follows, after this has returned.
+    // -1: failed at once, without a report. Any other value: in progress; one report follows, after the return.
     virtual int Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal = nullptr) = 0;
     // Stops the attempt; no report follows.
     virtual void Close() = 0;

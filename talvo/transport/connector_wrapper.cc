@@ -67,7 +67,7 @@ void CCmConnectorWrapper::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCm
     CM_WARNING_TRACE("CCmConnectorWrapper::AsycConnect, connect failed. addr=" << aAddrPeer.GetIpDisplayName()
                                                                                << " err=" << errno);
     m_Failure = m_pConnector ? m_pConnector->GetFailure() : CCmFailure(CM_FAILURE_LOCAL, "the connector has no type", m_IfLate);
-    // From a timer even though it is known now: a sink is never called back from inside its own AsycConnect.
+    // From a timer, although the result is known now: a sink gets no callback from inside its own AsycConnect.
     const BOOL bNoMemory = m_Failure.GetErrno() == ENOMEM;
     ReportLater_i(CCmTimeValue::s_tvZero, bNoMemory ? CM_ERROR_OUT_OF_MEMORY : CM_ERROR_NETWORK_CONNECT_TIMEOUT);
 }
@@ -107,7 +107,7 @@ void CCmConnectorWrapper::OnTimeout(const CCmTimeValue&, void* aArg) {
     m_pSink->OnConnectIndication(reason, nullptr, this);  // last: the sink may release this connector
 }
 
-// What has not connected has taken no data.
+// An attempt without a connection has taken no data.
 void CCmConnectorWrapper::OnDrain(ECmDrainStage aStage) {
     if (m_bClosed || !talvo::ends_connections(aStage))
         return;

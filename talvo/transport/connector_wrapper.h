@@ -8,7 +8,7 @@
 #include "talvo/transport/connect_options.h"
 #include "talvo/transport/connector_internal.h"
 
-// Chooses an inner connector by type, runs the time-out, and turns every outcome into one indication, never from inside
+// Chooses an inner connector by type, runs the time-out, and reports every outcome with one indication, never from inside
 // AsycConnect. Lives in the network thread; other threads use the connector thread proxy. May be used again after each
 // indication.
 class TALVO_API CCmConnectorWrapper : public ICmConnector,
@@ -22,7 +22,7 @@ public:
     ~CCmConnectorWrapper() override;
 
     // Once, before AsycConnect. aType: a base type. CM_ERROR_ALREADY_INITIALIZED. CM_ERROR_NOT_INITIALIZED: there is no network
-    // thread. CM_ERROR_INVALID_ARG: no such type. CM_ERROR_NOT_IMPLEMENTED: a type that nobody makes yet.
+    // thread. CM_ERROR_INVALID_ARG: no such type. CM_ERROR_NOT_IMPLEMENTED: a type without a maker yet.
     CmResult Init(DWORD aType);
 
     DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
@@ -35,7 +35,7 @@ public:
     void CancelConnect() override;
 
     int OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ACmConnectorInternal* aId) override;
-    // aArg carries the reason to report.
+    // aArg: the reason to report.
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
 
 private:
@@ -56,7 +56,7 @@ private:
     std::unique_ptr<ACmConnectorInternal> m_pConnector;
     DWORD m_Type = 0;
     BOOL m_bClosed = TRUE;  // FALSE while an attempt runs
-    CCmFailure m_IfLate;    // what a time-out of the attempt would be
+    CCmFailure m_IfLate;    // the failure if the attempt times out
     CCmFailure m_Failure;
     talvo::CLaterReportT<CCmConnectorWrapper, &CCmConnectorWrapper::OnNoMemory> m_NoMemory{*this};  // for a timer
 };

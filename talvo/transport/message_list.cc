@@ -10,7 +10,7 @@ namespace talvo {
 
 namespace {
 
-// A first block is small, for the message that stays alone; those behind it are for bursts.
+// The first block is small, for a single message; the following ones are for bursts.
 constexpr DWORD FIRST_BLOCK = 512;
 constexpr DWORD NEXT_BLOCK = CCmDataBlock::BURST_SIZE;
 constexpr DWORD LENGTH_SIZE = sizeof(DWORD);

@@ -1,4 +1,4 @@
-// Messages that wait in order.
+// A queue of messages.
 #pragma once
 
 #include <optional>
@@ -9,12 +9,12 @@
 
 namespace talvo {
 
-// Owns what waits. A message is kept as a chain or, if it is small, as a copy in a block that many share:
+// Owns the queued messages. A message is kept as a chain or, if it is small, as a copy in a block shared by many:
 //
-//   | length | payload ... | length | payload ... |      length: a DWORD as this machine writes it
+//   | length | payload ... | length | payload ... |      length: a DWORD in this machine's byte order
 //
-// A copy costs no allocation of its own, and lets the memory of who gave it be freed where it was made and is wanted again.
-// Used by one thread at a time.
+// A copy needs no allocation of its own. It lets the sender free and reuse its memory in the thread that allocated it. Used by
+// one thread at a time.
 class TALVO_API CMessageList {
 public:
     static constexpr DWORD MAX_COPIED = 1024;  // bytes of payload up to which a copy is cheaper
@@ -23,7 +23,7 @@ public:
     CMessageList(const CMessageList&) = delete;
     CMessageList& operator=(const CMessageList&) = delete;
 
-    // FALSE: memory ran out, and aChain is gone.
+    // FALSE: memory ran out, and aChain is deleted.
     BOOL Add(CCmChainPtr aChain) {
         return WithMemory([&] { m_Chains.push_back(std::move(aChain)); });
     }
@@ -33,12 +33,12 @@ public:
     BOOL IsEmpty() const { return m_stFirst == m_Chains.size(); }
     BOOL HasSeveral() const;
 
-    // Whether the first message is a copy. There must be one.
+    // TRUE: the first message is a copy. There must be one.
     BOOL IsFrontCopied() const { return IsShared(*m_Chains[m_stFirst]); }
-    // The first message; stays first, as far as it was consumed, until Pop. There must be one.
+    // The first message. It stays first, as far as it was consumed, until Pop. There must be one.
     CCmMessageBlock& Front();
     void Pop();
-    // Takes the first message out. Only where nothing is copied.
+    // Removes and returns the first message. Only if no message is a copy.
     CCmChainPtr TakeChain();
 
     void Swap(CMessageList& aOther) {
@@ -54,7 +54,7 @@ private:
 
     std::vector<CCmChainPtr> m_Chains;  // from m_stFirst on; shared blocks are READ_LOCKED
     size_t m_stFirst = 0;
-    std::optional<CCmMessageBlock> m_View;  // of the first message, when that is a copy
+    std::optional<CCmMessageBlock> m_View;  // of the first message, if that is a copy
 };
 
 }  // namespace talvo

@@ -9,13 +9,13 @@ namespace talvo {
 
 namespace {
 
-// On the heap: a thread that moves no data pays a pointer for it. The plain pointers are what the message path reads; the model
-// of thread-local storage spares it a call each time.
+// On the heap: a thread that moves no data pays for one pointer only. The message path reads the plain pointers; this model of
+// thread-local storage saves a call for each access.
 [[gnu::tls_model("initial-exec")]] constinit thread_local CNetworkBuffers* t_pNetwork = nullptr;
 [[gnu::tls_model("initial-exec")]] constinit thread_local CDatagramBuffers* t_pDatagram = nullptr;
 
-// A key frees them when the thread ends. A thread-local object with a destructor would end the process where there is no memory
-// for it.
+// A key frees them at the thread's end. A thread-local object with a destructor would end the process if its registration ran
+// out of memory.
 template <class Buffers>
 [[gnu::noinline]] Buffers* Make(Buffers*& aBuffers) {
     static pthread_key_t s_Key;
@@ -33,7 +33,7 @@ template <class Buffers>
 CNetworkBuffers* GetNetworkBuffers() { return t_pNetwork ? t_pNetwork : Make(t_pNetwork); }
 CDatagramBuffers* GetDatagramBuffers() { return t_pDatagram ? t_pDatagram : Make(t_pDatagram); }
 
-// Used again at once, so it is neither cleared nor kept when a larger one takes its place.
+// Reused at once, so it is not cleared. A larger one replaces it without a copy.
 char* CNetworkBuffers::GetRoom(DWORD& aSize) {
     if (aSize > DEFAULT_READ && aSize > m_dwLarger) {
         m_pLarger.reset();

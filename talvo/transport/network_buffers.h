@@ -11,12 +11,12 @@
 
 namespace talvo {
 
-// Shared by all transports of one thread, which is safe because each is used within one call only.
+// Shared by all transports of one thread. This is safe because each is used within one call only.
 struct CNetworkBuffers {
     static constexpr DWORD DEFAULT_READ = 16384;
     static constexpr DWORD MAX_PIECES = 64;
 
-    // Room for one read of aSize bytes, which the thread keeps; aSize gets less when memory runs out, never 0. The caller asks
+    // Room for one read of aSize bytes, owned by the thread. aSize (in and out) gets less if memory runs out, never 0. Call it
     // before each read.
     char* GetRoom(DWORD& aSize);
 
@@ -28,11 +28,11 @@ private:
     DWORD m_dwLarger = 0;
 };
 
-// For datagrams, several a system call; likewise shared, and valid while a batch is handled.
+// For datagrams, several a system call; shared likewise, and valid while a batch is handled.
 struct CDatagramBuffers {
     static constexpr DWORD BATCH = 32;
-    // Holds a datagram of any size. The extra bytes keep the beginnings of all slots, which is where most datagrams end, from
-    // competing for the same few lines of the processor's cache.
+    // Holds a datagram of any size. Most datagrams end near the start of their slot; the extra bytes prevent the starts of all
+    // slots from competing for the same few cache lines.
     static constexpr size_t SLOT = 65536 + 1280;
 
     CDatagramBuffers();
@@ -44,8 +44,8 @@ struct CDatagramBuffers {
     mmsghdr m_Sent[BATCH];
 };
 
-// The calling thread's, from the first call until the thread ends; null: memory ran out, and the next call tries again. The
-// second costs 2 MiB of address space.
+// The calling thread's, from the first call until the thread ends. Null: memory ran out, and the next call tries again. The
+// second needs 2 MiB of address space.
 CNetworkBuffers* GetNetworkBuffers();
 CDatagramBuffers* GetDatagramBuffers();
 

@@ -68,7 +68,7 @@ int CCmSocketBase::Open(int aFamily, int aType, int aProtocol, BOOL aReuseAddr) 
 int CCmSocketBase::Close() {
     if (m_Handle == CM_INVALID_HANDLE)
         return 0;
-    const int nRv = close(m_Handle);  // never repeated: the descriptor is gone whatever it says
+    const int nRv = close(m_Handle);  // never repeated: the descriptor is closed, whatever the result
     m_Handle = CM_INVALID_HANDLE;
     return nRv;
 }
@@ -107,7 +107,7 @@ int CCmSocketBase::RecvV(iovec* aIov, DWORD aCount) const {
 }
 
 int CCmSocketBase::SendV(const iovec* aIov, DWORD aCount) const {
-    if (aCount == 1)  // the plain call is the cheaper one
+    if (aCount == 1)  // the plain call is cheaper
         return Send(static_cast<const char*>(aIov->iov_base), static_cast<DWORD>(aIov->iov_len));
     const msghdr message = MessageOf(aIov, aCount);
     return Resumed([&] { return sendmsg(m_Handle, &message, MSG_NOSIGNAL); });

@@ -34,9 +34,9 @@ public:
     CCmSocketBase(const CCmSocketBase&) = delete;
     CCmSocketBase& operator=(const CCmSocketBase&) = delete;
 
-    // Closes what is open and makes a new socket, with SO_REUSEADDR if asked for (not on Unix sockets).
+    // Closes an open socket and makes a new one, with SO_REUSEADDR if requested (not on Unix sockets).
     int Open(int aFamily, int aType, int aProtocol, BOOL aReuseAddr);
-    // 0 also when nothing is open.
+    // 0 also if no socket is open.
     int Close();
 
     int GetLocalAddr(CCmInetAddr& aAddr) const;
@@ -65,7 +65,7 @@ public:
     int Open(BOOL aReuseAddr);
     // Also binds; a failed bind closes the socket.
     int Open(BOOL aReuseAddr, const CCmInetAddr& aLocal);
-    // CM_OK: ends the sending side first, so that the peer sees an orderly end.
+    // CM_OK: shuts down the sending side first, so that the peer gets an orderly end.
     int Close(CmResult aReason);
     int CloseWriter() const;
     int CloseReader() const;

@@ -40,7 +40,7 @@ int CCmTransportBase::OnClose(HANDLE, long) {
     return 0;
 }
 
-// What was taken is the system's already; it is only waited for until the peer has it.
+// The system already has all data taken; the linger only waits for the peer's acknowledgement.
 void CCmTransportBase::EndInOrder_i(BOOL aCut) {
     SetLayered_i(TRUE);
     if (aCut || !talvo::CTransportLinger::Begin(*this, nullptr))

@@ -1,4 +1,4 @@
-// What the transports over a socket share.
+// The common part of transports over a socket.
 #pragma once
 
 #include "talvo/event/reactor.h"
@@ -6,13 +6,13 @@
 #include "talvo/transport/drained_transport.h"
 #include "talvo/transport/socket.h"
 
-// Sink, reactor, the open sequence and the close path. Belongs to the thread of its reactor, as all its upcalls. The last
-// release closes it and forgets the sink at once; the object itself is deleted by a timer, after the current call has returned.
+// Sink, reactor, the open sequence and the close path. Belongs to the thread of its reactor, as do all its upcalls. The last
+// release closes it and detaches the sink at once. A timer deletes the object, after the current call has returned.
 class TALVO_API CCmTransportBase : public ACmEventHandler,
                                    public talvo::CDrainedTransport,
                                    public CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
 public:
-    // aReactor: of the owning thread; not owned, may die before this object.
+    // aReactor: of the owning thread; not owned, may be deleted before this object.
     explicit CCmTransportBase(ICmReactor* aReactor) : m_pReactor(aReactor) {}
 
     DWORD AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }
@@ -50,13 +50,13 @@ protected:
     static constexpr CWayToFail EXCHANGING = {CM_FAILURE_SYSTEM, nullptr, "exchange datagrams with"};
     static constexpr CWayToFail SILENCE = {CM_FAILURE_SILENCE, "the peer has sent nothing for too long", "receive from"};
 
-    // Notes what ends the connection, for CM_OPT_TRANSPORT_LAST_FAILURE. The first one counts; the system's without an errno is
-    // none. aWay is kept.
+    // Stores the failure that ends the connection, for CM_OPT_TRANSPORT_LAST_FAILURE. The first one counts; a system failure
+    // without an errno is ignored. aWay must stay valid.
     void NoteFailure_i(const CWayToFail& aWay, int aErrno = 0);
     BOOL HasFailed_i() const { return m_pFailure != nullptr; }
     CCmFailure GetFailure_i(const CCmInetAddr& aPeer) const;
 
-    // Takes the handler out of the reactor, if that still exists.
+    // Removes the handler from the reactor, if the reactor still exists.
     void RemoveFromReactor_i();
 
     CCmEnsureSingleThread m_Est;
@@ -66,5 +66,5 @@ private:
     void EndInOrder_i(BOOL aCut) override;
 
     int m_nErrno = 0;
-    const CWayToFail* m_pFailure = nullptr;  // null: nothing has failed
+    const CWayToFail* m_pFailure = nullptr;  // null: no failure
 };

@@ -14,7 +14,7 @@ namespace {
 
 CCmLiveCounter s_Live("CTransportLinger");
 
-const CCmTimeValue LOOK(0, 10000);  // between two looks whether the peer has everything
+const CCmTimeValue LOOK(0, 10000);  // interval of the checks for a complete acknowledgement
 
 }  // namespace
 
@@ -50,12 +50,12 @@ BOOL CTransportLinger::Start_i() {
     BOOL bLayered = TRUE;
     BOOL bPause = FALSE;
     m_pTransport->SetOption(CM_OPT_TRANSPORT_LAYERED, &bLayered);
-    m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);  // a peer that closes meanwhile has to be noticed
+    m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);  // the peer's close must be noticed
     JoinCurrentThread();
     return m_pTransport->OpenWithSink(this) == CM_OK;
 }
 
-// An end of the sending side behind the rest shows the peer that nothing follows while this side still waits.
+// A half-close after the rest shows the peer that no data follows while this side still waits.
 void CTransportLinger::SendRest_i() {
     while (!m_Rest.IsEmpty()) {
         CCmTransportParameter para;
@@ -102,7 +102,7 @@ void CTransportLinger::AddUndrained(CCmUndrained& aLeft) {
     aLeft.m_ullBytes += uint64_t{GetUnacknowledged_i()} + m_Rest.GetLength();
 }
 
-// A transport that is gone has nothing left.
+// A transport that has ended has no unacknowledged data.
 DWORD CTransportLinger::GetUnacknowledged_i() {
     DWORD dwBytes = 0;
     return m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK ? dwBytes : 0;

@@ -1,4 +1,4 @@
-// What is left to do for a connection whose user has ended it in order.
+// The remaining work for a connection that its user has ended gracefully.
 #pragma once
 
 #include "talvo/base/block_chain.h"
@@ -9,14 +9,14 @@
 
 namespace talvo {
 
-// Sends the rest of what a user was promised with CM_OK, ends the sending side behind it and disconnects the transport when
-// the peer's system has everything, or after the linger time (GetLingerTime). What the peer sends meanwhile is dropped. Lives
-// in the transport's thread, deletes itself, and ends with the thread.
+// Sends the rest of the data that was taken with CM_OK, and then half-closes. Disconnects the transport when the peer's system
+// has acknowledged everything, or after the linger time (GetLingerTime). Data from the peer is dropped meanwhile. Lives in the
+// transport's thread, deletes itself, and ends with the thread.
 class TALVO_API CTransportLinger final : private ICmTransportSink, private ICmTimerHandler, private CCmThreadTenant {
 public:
-    // Becomes the sink of aTransport and owns aRest (null: nothing is left to send). FALSE: there is nothing
-    // to wait for, or no way to wait (no timers in this thread, no memory, a linger time of zero); what the transport takes of
-    // aRest at once has gone, aRest is freed and the caller disconnects.
+    // Becomes the sink of aTransport and owns aRest (null: no data left to send). FALSE: there is no need to wait, or no means
+    // (no timers in this thread, no memory, a linger time of zero). The transport has then taken what it can of aRest at once,
+    // aRest is freed, and the caller disconnects.
     static BOOL Begin(ICmTransport& aTransport, CCmChainPtr aRest);
 
 private:
@@ -41,7 +41,7 @@ private:
     CBlockChain m_Rest;
     CCmTimeValue m_tvEnd;
     ICmTimerQueue* m_pTimers = nullptr;  // not owned; this thread's, set while the timer runs
-    BOOL m_bEnded = FALSE;               // the sending side
+    BOOL m_bEnded = FALSE;               // the sending side is shut down
 };
 
 }  // namespace talvo
