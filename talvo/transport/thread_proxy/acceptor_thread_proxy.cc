@@ -39,7 +39,7 @@ CmResult CAcceptorProxyCore::StopListen(CmResult aReason) {
         return pThis->m_pInner ? pThis->m_pInner->StopListen(aReason) : CM_OK;
     });
     if (rv == CM_ERROR_OUT_OF_MEMORY)
-        PostLetGo();  // what listens ends without being waited for
+        PostLetGo();  // ends the listening, without waiting for it
     return rv == CM_ERROR_NOT_AVAILABLE || rv == CM_ERROR_OUT_OF_MEMORY ? CM_OK : rv;  // or the network thread has ended
 }
 

@@ -7,7 +7,7 @@ namespace talvo {
 
 using CAcceptorFactory = CIndicatingProxyCoreT<ICmAcceptor>::Factory;
 
-// Each time it listens is a request of the user's.
+// Each round of listening is a request of the user.
 class TALVO_API CAcceptorProxyCore final : public CIndicatingProxyCoreT<ICmAcceptor> {
 public:
     CAcceptorProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, CAcceptorFactory aFactory);

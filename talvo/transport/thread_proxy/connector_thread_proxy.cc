@@ -37,12 +37,12 @@ void CConnectorProxyCore::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCm
     }
     try {
         PostConnect_i(dwAttempt, aAddrPeer, aTimeout, aAddrLocal);
-    } catch (const std::bad_alloc&) {  // a host name that is copied may need memory
+    } catch (const std::bad_alloc&) {  // the copy of a host name may need memory
         PostIndication(dwAttempt, CM_ERROR_OUT_OF_MEMORY, nullptr, LocalFailure(OUT_OF_MEMORY, aAddrPeer));
     }
 }
 
-// A request that is refused, or dropped because the network thread ends before it comes to it, reports that itself.
+// A request reports itself if it is refused, or dropped because the network thread ends before it.
 void CConnectorProxyCore::PostConnect_i(DWORD aAttempt, const CCmInetAddr& aPeer, const CCmTimeValue* aTimeout,
                                         const CCmInetAddr* aLocal) {
     const auto timeout = aTimeout ? std::optional(*aTimeout) : std::nullopt;

@@ -9,7 +9,7 @@ namespace talvo {
 
 using CConnectorFactory = CIndicatingProxyCoreT<ICmConnector>::Factory;
 
-// An attempt is a request of the user's.
+// An attempt is a request of the user.
 class TALVO_API CConnectorProxyCore final : public CIndicatingProxyCoreT<ICmConnector> {
 public:
     CConnectorProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, CConnectorFactory aFactory);
@@ -27,7 +27,7 @@ private:
     void Cancel_i();
     void Stop_i(ICmConnector& aConnector) override { aConnector.CancelConnect(); }
 
-    CCmFailure m_IfEnded;  // network thread; what its end would be for the attempt under way
+    CCmFailure m_IfEnded;  // network thread; the failure if this thread ends during the attempt
     std::atomic<BOOL> m_bCancelPosted{FALSE};
     CEmbeddedEventT<CConnectorProxyCore, &CConnectorProxyCore::Cancel_i> m_CancelEvent{*this};
 };

@@ -1,4 +1,4 @@
-// What the cores of the connectors' and the acceptors' proxies share.
+// The common core of the connectors' and the acceptors' proxies.
 #pragma once
 
 #include <atomic>
@@ -11,15 +11,15 @@
 
 namespace talvo {
 
-// Inner, ICmConnector or ICmAcceptor, is what stands in the network thread: made by a factory when it is first needed, and
-// hosted from then on until the user lets go or that thread ends.
+// Inner, ICmConnector or ICmAcceptor, is the object in the network thread. A factory makes it at first use. It is hosted from
+// then on until the user releases it or that thread ends.
 //
-// What the user asks for has a number; an indication of another request than the current one is dropped. A request is current
-// as long as there is a sink: a connector's until its one indication, an acceptor's until it is stopped.
+// Each request of the user has a number. An indication for another request than the current one is dropped. A request is
+// current as long as there is a sink: a connector's until its one indication, an acceptor's until it is stopped.
 template <class Inner>
 class CIndicatingProxyCoreT : public CProxyCore, public ICmAcceptorConnectorSink {
 public:
-    // Makes the object behind a proxy, in the network thread: one reference for the caller.
+    // Makes the object behind a proxy, in the network thread. aInner (out): with one reference for the caller.
     using Factory = CmResult (*)(DWORD aType, Inner*& aInner);
 
     void SetProxy(Inner* aProxy) { m_pProxy = aProxy; }
@@ -43,7 +43,7 @@ public:
     }
     void OnThreadEnd() override { LetGo_i(); }
 
-    // Any thread. Of the last request that was begun.
+    // Any thread. Of the last request that was started.
     CCmFailure GetFailure() {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         return m_Failure;
@@ -64,7 +64,8 @@ protected:
     CIndicatingProxyCoreT(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, Factory aFactory, BOOL aOnce)
         : CProxyCore(aUser, aNetwork), m_dwType(aType), m_Factory(aFactory), m_bOnce(aOnce) {}
 
-    // Any thread. CM_ERROR_ALREADY_INITIALIZED: a request is current. CM_ERROR_INVALID_ARG: aSink is null.
+    // Any thread. aRequest (out): its number. CM_ERROR_ALREADY_INITIALIZED: a request is current. CM_ERROR_INVALID_ARG: aSink
+    // is null.
     CmResult Begin(ICmAcceptorConnectorSink* aSink, DWORD& aRequest) {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         if (m_pSink)
@@ -87,12 +88,12 @@ protected:
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         return aRequest == m_dwRequest;
     }
-    // Any thread: ends the network thread's side, for which no memory is needed.
+    // Any thread: ends the network thread's side. Needs no memory.
     void PostLetGo() {
         if (!m_bLetGoPosted.exchange(TRUE))
             m_LetGoEvent.Post(GetNetwork());
     }
-    // Any thread. Nothing is noted for a request that is not current any more.
+    // Any thread. Has no effect for a request that is no longer current.
     void NoteFailure(DWORD aRequest, const CCmFailure& aFailure) {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         if (aRequest == m_dwRequest)
@@ -115,7 +116,7 @@ protected:
         const CmResult rv = m_pInner ? CM_OK : MakeInner_i();
         return rv == CM_OK ? PassOptions_i() : rv;
     }
-    // Network thread: the end of its side; may delete this object.
+    // Network thread: ends its side; may delete this object.
     void LetGo_i() {
         const CCmRefPtrT<Inner> pInner = std::move(m_pInner);
         m_dwRunning = 0;
@@ -128,7 +129,7 @@ protected:
 
     // Network thread only.
     CCmRefPtrT<Inner> m_pInner;
-    DWORD m_dwRunning = 0;  // the request under way, 0 for none
+    DWORD m_dwRunning = 0;  // the current request, 0 for none
 
 private:
     struct CIndication {

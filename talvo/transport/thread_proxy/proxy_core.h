@@ -1,4 +1,4 @@
-// What the thread proxies share: two threads, and who keeps whom alive.
+// The common core of the thread proxies: two threads, and the references between them.
 #pragma once
 
 #include <atomic>
@@ -11,13 +11,12 @@
 
 namespace talvo {
 
-// The inside of a thread proxy. The proxy itself is a handle that only the user counts references of; whatever is under way
-// between the threads holds the core. So the user's last release is seen as such, and no upcall follows it, even if one has
-// been posted already.
+// The core of a thread proxy. The proxy itself is a handle; only the user holds references to it, and events in flight between
+// the threads hold the core. So the user's last release is detected, and no upcall follows it, not even one that has been
+// posted already.
 //
-// Work crosses threads only as events; an event that its thread refuses or drops lets go of the core like one that ran. While
-// the core is hosted it keeps something alive in the network thread, holds a reference on itself, and hears of that thread's
-// end.
+// Work crosses threads only as events. An event that its thread refuses or drops releases the core like one that ran. A hosted
+// core keeps an object alive in the network thread, holds a reference to itself, and is notified of that thread's end.
 class TALVO_API CProxyCore : public CCmReferenceControlT<CCmMutexThread>, public CCmThreadTenant {
 public:
     CProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork) : m_pUser(&aUser), m_pNetwork(&aNetwork) {}
@@ -25,17 +24,16 @@ public:
     CCmThreadLink& GetUser() const { return *m_pUser; }
     CCmThreadLink& GetNetwork() const { return *m_pNetwork; }
 
-    // The user has let go of the proxy, in whatever thread.
+    // The user has released the proxy, in any thread.
     virtual void Abandon() = 0;
 
 protected:
-    // Network thread. FALSE: the thread is ending, nothing is hosted any more. Leave_i may delete this object: it comes last.
+    // Network thread. FALSE: the thread is ending and hosts no more cores. Leave_i may delete this object: call it last.
     BOOL Host_i();
     void Leave_i();
 
-    // An event that lives in its core, for what is posted all the time: at most one post of it is waiting, so nothing is
-    // allocated. Runs Method of the core or, when it is refused or dropped because its thread has ended, Dropped if that is
-    // given.
+    // An event inside its core, for frequent posts: at most one post of it is queued, so it needs no allocation. Runs Method of
+    // the core. If it is refused or dropped because its thread has ended, runs Dropped, if given.
     template <class Core, void (Core::*Method)(), auto Dropped = nullptr>
     class CEmbeddedEventT final : public ICmEvent {
     public:
@@ -72,8 +70,8 @@ private:
     CCmRefPtrT<CProxyCore> m_pSelf;  // while hosted
 };
 
-// The handle: implements Interface over a core. Released last in the user's thread it is deleted in the network thread, after
-// everything that was posted there before; released last in any other thread, at once.
+// The handle: implements Interface over a core. After a last release in the user's thread it is deleted in the network thread,
+// after all events posted there before; after a last release in any other thread, at once.
 template <class Interface, class Core>
 class CThreadProxyT : public Interface, public CCmReferenceControlT<CCmMutexThread> {
 public:
@@ -103,7 +101,7 @@ protected:
     const CCmRefPtrT<Core> m_pCore;
 
 private:
-    // Part of what it deletes, so that a release needs no memory.
+    // Part of the object that it deletes, so that a release needs no memory.
     class CDeletion final : public ICmEvent {
     public:
         explicit CDeletion(CThreadProxyT& aProxy) : m_Proxy(aProxy) {}

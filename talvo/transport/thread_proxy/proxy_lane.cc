@@ -59,7 +59,7 @@ CmResult CStreamLane::SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) {
 
 CmResult CDatagramLane::Check(const CCmMessageBlock& aData, DWORD& aLength) const { return CheckDatagram(aData, aLength); }
 
-// One that cannot go out is lost, and the next goes on.
+// A datagram that cannot be sent is lost, and the next follows.
 CmResult CDatagramLane::SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) {
     CCmMessageBlock& datagram = aBatch.m_Waiting.Front();
     const DWORD dwLength = datagram.GetChainedLength();

@@ -1,4 +1,4 @@
-// What a transport's thread proxy sends: bytes, datagrams or messages.
+// The units that a transport's thread proxy sends: bytes, datagrams or messages.
 #pragma once
 
 #include <atomic>
@@ -11,21 +11,21 @@
 
 namespace talvo {
 
-// What is on its way from the send queue to the transport. Network thread.
+// The data between the send queue and the transport. Network thread.
 struct CProxyBatch {
     BOOL IsEmpty() const { return m_Joined.IsEmpty() && m_Waiting.IsEmpty(); }
-    // The first that waits has left, sent or lost.
+    // The first entry is finished, sent or lost.
     void Pop(DWORD aCost, DWORD aBlocks);
     void Clear();
 
     CMessageList m_Waiting;
     CBlockChain m_Joined;        // before that, on a stream
     DWORD m_dwJoinedBlocks = 0;  // of m_Joined when it was joined
-    uint64_t m_ullGone = 0;      // what has left, as the send queue counts it and does not know yet
+    uint64_t m_ullGone = 0;      // finished bytes that the send queue still counts
     DWORD m_dwGoneBlocks = 0;    // likewise
 };
 
-// The rules of a kind of connection. The user's thread calls Check and CostOf, the network thread all else. Apart from the
+// The rules of a kind of connection. The user's thread calls Check and CostOf, the network thread all else. Separate from the
 // batch, so that the threads do not contend for its memory.
 class CProxyLane {
 public:
@@ -41,14 +41,14 @@ public:
 
     // aLength (out): bytes of aData. CM_ERROR_INVALID_ARG: it can never be sent.
     virtual CmResult Check(const CCmMessageBlock& aData, DWORD& aLength) const;
-    // What the queues count for so many bytes; 0: there is nothing to send.
+    // The cost of that many bytes in the queues; 0: there is no data to send.
     virtual DWORD CostOf(DWORD aLength) const { return aLength; }
 
-    // Reads those of the transport's options that matter here: at first, and after each change.
+    // Reads the transport's options that are relevant here: at first, and after each change.
     virtual void ReadOptions(ICmTransport&) {}
-    // A received chunk of so many bytes is the last of its report: the user is told at once.
+    // TRUE: a received chunk of that many bytes is the last of its report, and the user is notified at once.
     virtual BOOL EndsReport(DWORD) const { return FALSE; }
-    // Sends a part of aBatch, which must not be empty. CM_OK: go on. Else the transport's result. The connection may end
+    // Sends a part of aBatch, which must not be empty. CM_OK: continue. Else the transport's result. The connection may end
     // inside; aBatch stays until SendNext has returned.
     virtual CmResult SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) = 0;
 
@@ -59,7 +59,7 @@ private:
     const EKind m_Kind;
 };
 
-// Raw bytes: what waits is joined, up to 64 pieces a call.
+// Raw bytes: queued data is joined, up to 64 pieces a call.
 class CStreamLane final : public CProxyLane {
 public:
     CStreamLane() : CProxyLane(STREAM) {}
@@ -85,7 +85,7 @@ private:
     static constexpr DWORD OVERHEAD = 128;
 };
 
-// A protocol connection's messages: one a call. It may do anything inside such a call.
+// A protocol connection's messages: one a call. Such a call may do anything to the connection.
 class CMessageLane final : public CProxyLane {
 public:
     CMessageLane() : CProxyLane(MESSAGES) {}
@@ -97,10 +97,10 @@ public:
 private:
     static constexpr DWORD NO_LIMIT = 0xFFFFFFFF;
 
-    std::atomic<DWORD> m_dwMaxMessage{NO_LIMIT};  // what the connection said last
+    std::atomic<DWORD> m_dwMaxMessage{NO_LIMIT};  // the connection's last value
 };
 
-// The one of the three that fits a connection type.
+// The one of the three for a connection type.
 class CProxyLaneOf {
 public:
     explicit CProxyLaneOf(DWORD aType);

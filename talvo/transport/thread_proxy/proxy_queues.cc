@@ -11,7 +11,7 @@ using Guard = CCmMutexGuardT<CCmMutexThread>;
 
 constexpr uint64_t HURRY_STEP = 32 * 1024;  // bytes: enough to pay for a wake-up, too little to be late
 
-// aChain (out): a duplicate of aData; null, and TRUE, when a copy will do. FALSE: memory ran out.
+// aChain (out): a duplicate of aData; null, with TRUE, if a copy is better. FALSE: memory ran out.
 BOOL DuplicateUnlessSmall(const CCmMessageBlock& aData, DWORD aLength, BOOL aMayCopy, CCmChainPtr& aChain) {
     if (aMayCopy && aLength <= CMessageList::MAX_COPIED)
         return TRUE;
@@ -19,7 +19,7 @@ BOOL DuplicateUnlessSmall(const CCmMessageBlock& aData, DWORD aLength, BOOL aMay
     return bool{aChain};
 }
 
-// FALSE: memory ran out, and aChain is gone.
+// FALSE: memory ran out, and aChain is deleted.
 BOOL AddTo(CMessageList& aList, CCmChainPtr aChain, const CCmMessageBlock& aData, DWORD aLength) {
     return aChain ? aList.Add(std::move(aChain)) : aList.AddCopy(aData, aLength);
 }

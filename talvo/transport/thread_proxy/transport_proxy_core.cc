@@ -1,4 +1,4 @@
-// The half in the network thread; the user's half stands in transport_proxy_core_user.cc.
+// The half in the network thread; transport_proxy_core_user.cc has the user's half.
 #include "talvo/transport/thread_proxy/transport_proxy_core.h"
 
 #include <utility>
@@ -21,7 +21,7 @@ constexpr uint64_t LOOK_STEP = 1 << 20;      // bytes between two looks at the s
 constexpr const char* THREAD_ENDED = "the network thread has ended";
 constexpr const char* CUT_OFF = "not all was sent when the time was over";
 constexpr const char* OUT_OF_MEMORY = "out of memory";
-constexpr long LINGER_LOOK_USEC = 10000;  // between two looks whether the peer has everything
+constexpr long LINGER_LOOK_USEC = 10000;  // interval of the checks for a complete acknowledgement
 
 }  // namespace
 
@@ -59,8 +59,8 @@ void CTransportProxyCore::ReadAddresses_i() {
         m_dwTransportType = dwType | CConnectionType(m_dwType).GetThreadFlag();
 }
 
-// Looks from time to time how large the system has made the socket's buffers, half of which is payload: a queue that holds less
-// than the way to the peer would be what limits a long one.
+// Checks from time to time the size of the socket's buffers, half of which is payload, because the system grows them. A queue
+// smaller than the bandwidth-delay product would limit a long path.
 void CTransportProxyCore::Moved_i(uint64_t aBytes) {
     m_ullMoved += aBytes;
     if (m_ullMoved < LOOK_STEP || CConnectionType(m_dwTransportType).IsOverDatagrams() || !m_pTransport)
@@ -91,7 +91,7 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
     if (rv != CM_OK && m_Lane->IsDatagrams())
         return;
     if (rv != CM_OK) {
-        LostHere_i(rv, OUT_OF_MEMORY);  // a stream with a hole in it would be worse
+        LostHere_i(rv, OUT_OF_MEMORY);  // a stream with a gap would be worse
         return;
     }
     Moved_i(dwLength);
@@ -103,8 +103,8 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
         m_TellEvent.Post(GetNetwork());
 }
 
-// One report may bring many messages or reads: the user is told behind the last, with an event of this thread's own, and finds
-// them all.
+// One report may bring many messages or reads. The user is notified after the last, with an event of this thread's own, and
+// finds them all.
 void CTransportProxyCore::TellReceived_i() {
     m_bTellPosted = FALSE;
     Tell_i();
@@ -129,11 +129,11 @@ void CTransportProxyCore::OnDisconnect(CmResult aReason, ICmTransport* aTrptId) 
     Lost_i(aReason, failure);
 }
 
-// One batch a call, so that a user who sends all the time leaves the others their turn.
+// One batch a call, so that a user with continuous sends does not starve others.
 void CTransportProxyCore::Drain() {
     if (!m_pTransport)
         return;
-    const CCmRefPtrT<CProxyCore> pKeep(this);  // a send may end the connection, and with it all that holds the two
+    const CCmRefPtrT<CProxyCore> pKeep(this);  // a send may end the connection, and so release both objects
     const CCmRefPtrT<ICmTransport> pTransport = m_pTransport;
     m_bDraining = TRUE;
     m_bRoomMeanwhile = FALSE;
@@ -160,7 +160,7 @@ void CTransportProxyCore::EndSending_i() {
     Drain();
 }
 
-// CM_OK: all that waited here has gone. Otherwise OnSend or OnDisconnect follows, or the latter has been already.
+// CM_OK: all queued data is sent. Otherwise OnSend or OnDisconnect follows, or OnDisconnect has already come.
 CmResult CTransportProxyCore::SendWaiting_i() {
     if (m_Batch.IsEmpty())
         TakeBatch_i();
@@ -204,8 +204,8 @@ void CTransportProxyCore::ApplyReading_i() {
     m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);
 }
 
-// What the peer's system has not acknowledged would be lost by closing while it sends: its bytes, unread here, would be
-// answered with a reset.
+// A close while the peer sends could lose unacknowledged data: the peer's bytes, unread here, make the system answer with a
+// reset.
 DWORD CTransportProxyCore::GetUnacknowledged_i() {
     DWORD dwBytes = 0;
     return m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK ? dwBytes : 0;
@@ -235,7 +235,7 @@ void CTransportProxyCore::Linger_i() {
         return;
     }
     m_pLingerTimers = pTimers;
-    ApplyReading_i();  // a peer that closes meanwhile has to be noticed
+    ApplyReading_i();  // the peer's close must be noticed
     if (!m_bOpened)
         Open_i();
 }
@@ -250,14 +250,14 @@ void CTransportProxyCore::OnTimeout(const CCmTimeValue& aCurTime, void*) {
     }
 }
 
-// As the user's Disconnect(CM_OK), and the user is told.
+// As the user's Disconnect(CM_OK), with a notification of the user.
 void CTransportProxyCore::EndInOrder_i() {
     m_SendQueue.Close();
     TellLost_i(CM_ERROR_NETWORK_SOCKET_CLOSE, CCmFailure());
     EndWith_i(CM_OK);
 }
 
-// A drain has a limit of its own, which holds for what lingers already as well.
+// A drain has a limit of its own, also for lingering transports.
 void CTransportProxyCore::OnDrain(ECmDrainStage aStage) {
     if (!m_pTransport)
         return;
@@ -292,7 +292,7 @@ void CTransportProxyCore::TellLost_i(CmResult aReason, const CCmFailure& aFailur
     PostUpcall_i();
 }
 
-// The transport is of no use any more, and the user has not asked for that.
+// The transport has ended, and not by the user's request.
 void CTransportProxyCore::Lost_i(CmResult aReason, const CCmFailure& aFailure) {
     TellLost_i(aReason, aFailure);
     LetGo_i(aReason);
@@ -306,19 +306,19 @@ void CTransportProxyCore::LostHere_i(CmResult aReason, const char* aText) {
 
 void CTransportProxyCore::OnThreadEnd() {
     const CCmRefPtrT<CProxyCore> pKeep(this);
-    Drain();  // what the socket still takes goes out
+    Drain();  // sends as much as the socket still takes
     if (m_pTransport)
         LostHere_i(CM_ERROR_NETWORK_SOCKET_CLOSE, THREAD_ENDED);
 }
 
-// The end of the network side; may delete this object.
+// Ends the network side; may delete this object.
 void CTransportProxyCore::LetGo_i(CmResult aReason) {
     const CCmRefPtrT<ICmTransport> pTransport = std::move(m_pTransport);
     if (!pTransport)
         return;
     if (m_pLingerTimers)
         m_pLingerTimers->CancelTimer(this);
-    if (!m_bDraining)  // what is just being sent stays until that has returned
+    if (!m_bDraining)  // data of a send in progress stays until that has returned
         m_Batch.Clear();
     pTransport->Disconnect(aReason);
     Leave_i();

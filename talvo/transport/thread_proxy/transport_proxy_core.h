@@ -1,4 +1,4 @@
-// The inside of the transport thread proxy.
+// The core of the transport thread proxy.
 #pragma once
 
 #include <atomic>
@@ -17,26 +17,26 @@ namespace talvo {
 //  SendData ------ keep -----> [send queue, bytes bounded] -- drain --> transport.SendData
 //  OnReceive <--- upcall ----- [receive queue, bytes bounded] <-------- transport's OnReceive
 //
-// A queue keeps a duplicate of what it is given or, of a small message for a protocol connection, a copy.
+// A queue stores a duplicate of its data or, for a small message of a protocol connection, a copy.
 //
-// Each direction has one event, which is posted when its queue gets something to do and nobody is on the way already: a burst
-// costs one wake-up. What is refused in the network thread, or by a full queue, is told with OnSend when half of it has gone.
+// Each direction has one event. It is posted when its queue gets data and no such event is in flight: a burst costs one
+// wake-up. After a refusal in the network thread, or by a full queue, OnSend follows when half of the data has drained.
 //
-// A lane, one of three, says what a batch that was drained becomes: joined bytes, datagrams or messages.
+// A lane, one of three, decides the form of a drained batch: joined bytes, datagrams or messages.
 //
-// A protocol connection is opened in the network thread as soon as the proxy is made, since it delivers to nobody what arrives
-// without a sink. What comes, the end included, stays in the receive queue until the user has opened the proxy.
+// A protocol connection is opened in the network thread as soon as the proxy is made, because without a sink it loses received
+// data. Its data and its end stay in the receive queue until the user has opened the proxy.
 //
 // Network side: hosted while it holds the transport. Leaving ends it: Disconnect, the peer's close, the thread's end. A
-// Disconnect(CM_OK) with bytes unsent or not acknowledged lingers first, for a bounded time, without a sink and dropping what
-// comes in.
+// Disconnect(CM_OK) with unsent or unacknowledged bytes lingers first, for a bounded time, without a sink, and drops received
+// data.
 class TALVO_API CTransportProxyCore final : public CProxyCore, public ICmTransportSink, public ICmTimerHandler {
 public:
     // In the network thread, which keeps aTransport. aType: the connection type.
     CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType);
     ~CTransportProxyCore() override;
 
-    // The same thread, when the handle holds this object: from here on the transport may speak.
+    // The same thread, when the handle holds this object: from now on the transport may call.
     void Start(ICmTransport* aProxy);
 
     // The proxy's operations, see ICmTransport and CCmTransportThreadProxy.
@@ -56,7 +56,7 @@ public:
     void OnThreadEnd() override;
     void OnDrain(ECmDrainStage aStage) override;
     void AddUndrained(CCmUndrained& aLeft) override;
-    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // lingering: done, or long enough
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // lingering: complete, or timed out
 
 private:
     // User's thread.
@@ -95,29 +95,29 @@ private:
     CmResult SetInnerOption_i(DWORD aCommand, void* aArg);
     CmResult GetInnerOption_i(DWORD aCommand, void* aArg);
 
-    // How far the end has come, seen by both threads. It never goes back.
+    // The stage of the end, for both threads. It never goes back.
     enum class ELife {
         ALIVE,
-        SENDING_ENDED,  // by option 147: nothing more can be sent
-        CLOSED,         // the connection is lost, or the user's thread is
-        OVER            // nothing more is told: the user has disconnected or knows of the end
+        SENDING_ENDED,  // by option 147: no more data can be sent
+        CLOSED,         // the connection is lost, or the user's thread has ended
+        OVER            // no more upcalls: the user has disconnected or got OnDisconnect
     };
-    // Moves on, unless it has come so far already; what it was before.
+    // Advances to aLife, unless already there or further. Returns the stage before.
     ELife Advance_i(ELife aLife);
 
     const DWORD m_dwType;
     CProxyLaneOf m_Lane;
-    ICmTransport* m_pProxy = nullptr;  // the handle, for upcalls: alive while there is a sink
+    ICmTransport* m_pProxy = nullptr;  // the handle, for upcalls: exists while there is a sink
 
     std::atomic<ICmTransportSink*> m_pSink{nullptr};  // not owned; the user's
     std::atomic<ELife> m_Life{ELife::ALIVE};
     std::atomic<BOOL> m_bPausedByUser{FALSE};
     std::atomic<BOOL> m_bOnSendDue{FALSE};
-    std::atomic<BOOL> m_bLost{FALSE};  // m_LostReason is to be told, after all data
+    std::atomic<BOOL> m_bLost{FALSE};  // m_LostReason is due, after all data
     std::atomic<BOOL> m_bUpcallPosted{FALSE};
     CmResult m_LostReason = CM_OK;  // set before m_bLost
     CCmFailure m_Failure;           // likewise
-    // What the connection said when the proxy was made; one that reconnects may say something else later.
+    // The connection's values when the proxy was made; they may change after a reconnection.
     CAtomicAddr m_LocalAddr;
     CAtomicAddr m_PeerAddr;
     std::atomic<DWORD> m_dwTransportType{0};
@@ -143,8 +143,8 @@ private:
     BOOL m_bRoomMeanwhile = FALSE;  // an OnSend came while draining
     BOOL m_bOpened = FALSE;
     uint64_t m_ullMoved = 0;                   // bytes since the socket's buffers were looked at
-    BOOL m_bEndSending = FALSE;                // behind what waits
-    BOOL m_bReadingPaused = FALSE;             // as the transport was told
+    BOOL m_bEndSending = FALSE;                // due after the queued data
+    BOOL m_bReadingPaused = FALSE;             // the state last set in the transport
     ICmTimerQueue* m_pLingerTimers = nullptr;  // not owned; set when lingering: this thread's, which may be unregistered by now
     CCmTimeValue m_tvLingerEnd;
 };

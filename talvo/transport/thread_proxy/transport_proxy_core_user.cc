@@ -1,4 +1,4 @@
-// The half of the transport proxy's core in the user's thread; the network's stands in transport_proxy_core.cc.
+// The half of the transport proxy's core in the user's thread; transport_proxy_core.cc has the network's.
 #include "talvo/base/trace.h"
 #include "talvo/transport/thread_proxy/transport_proxy_core.h"
 
@@ -18,7 +18,7 @@ CmResult CTransportProxyCore::OpenWithSink(ICmTransportSink* aSink) {
         return CM_ERROR_NULL_POINTER;
     if (m_pSink.exchange(aSink))
         return CM_OK;
-    const CmResult rv = m_Lane->IsMessages()  // open already, perhaps ended: for what has come
+    const CmResult rv = m_Lane->IsMessages()  // open already, perhaps ended: for queued data
                             ? PostUpcall_i()
                             : GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->Open_i(); });
     if (rv != CM_OK)
@@ -68,7 +68,7 @@ CmResult CTransportProxyCore::Disconnect(CmResult aReason) {
     return CM_OK;
 }
 
-// What was accepted still goes out, as after Disconnect(CM_OK).
+// Accepted data is still sent, as after Disconnect(CM_OK).
 void CTransportProxyCore::Abandon() { Disconnect(CM_OK); }
 
 CmResult CTransportProxyCore::SetOption(DWORD aCommand, void* aArg) {
@@ -125,7 +125,7 @@ CmResult CTransportProxyCore::GetOption(DWORD aCommand, void* aArg) {
     }
 }
 
-// What the proxy knows by itself, as long as it exists.
+// The proxy's own values, available as long as it exists.
 CmResult CTransportProxyCore::GetKept_i(DWORD aCommand, void* aArg) const {
     if (aCommand == CM_OPT_TRANSPORT_LAST_FAILURE) {
         *static_cast<CCmFailure*>(aArg) = m_bLost ? m_Failure : CCmFailure();
@@ -144,7 +144,7 @@ void CTransportProxyCore::PauseReading_i(BOOL aPause) {
         return;
     PostApplyReading_i();
     if (!aPause)
-        PostUpcall_i();  // for what waited here
+        PostUpcall_i();  // for queued data
 }
 
 void CTransportProxyCore::PostApplyReading_i() {
@@ -153,19 +153,19 @@ void CTransportProxyCore::PostApplyReading_i() {
 }
 
 CmResult CTransportProxyCore::PostUpcall_i() {
-    if (m_bUpcallPosted || m_bUpcallPosted.exchange(TRUE))  // the first alone is what a burst costs
+    if (m_bUpcallPosted || m_bUpcallPosted.exchange(TRUE))  // a burst costs the first exchange only
         return CM_OK;
     return m_UpcallEvent.Post(GetUser());
 }
 
-// The user's thread has ended: the next post finds that out, instead of taking this one for under way.
+// The user's thread has ended: the next post detects that, because this one no longer counts as in flight.
 void CTransportProxyCore::UpcallDropped() { m_bUpcallPosted = FALSE; }
 
 void CTransportProxyCore::Upcall() {
     m_bUpcallPosted = FALSE;
     if (!m_pSink && m_Life != ELife::OVER)
-        return;                  // not opened yet: everything waits
-    const BOOL bLost = m_bLost;  // looked at first: all data was queued before it was set
+        return;                  // not opened yet: all data stays
+    const BOOL bLost = m_bLost;  // read first: all data was queued before it was set
     const BOOL bAllDelivered = Deliver_i();
     if (m_bOnSendDue.exchange(FALSE)) {
         if (ICmTransportSink* pSink = m_pSink)
@@ -178,8 +178,8 @@ void CTransportProxyCore::Upcall() {
         pSink->OnDisconnect(m_LostReason, m_pProxy);
 }
 
-// What a pause left over, and what has come since. Any upcall may pause, disconnect or release the proxy. FALSE: a pause has
-// left something over again.
+// Delivers the rest from a pause, and newer data. Any upcall may pause, disconnect or release the proxy. FALSE: a pause has
+// left data again.
 BOOL CTransportProxyCore::Deliver_i() {
     uint64_t ullTaken = 0;
     for (int nBatch = 0; nBatch < 2; ++nBatch) {
