@@ -16,7 +16,7 @@ void CBufferedSending::SetMaxBufLen(DWORD aMaxBufLen) {
     m_SendBuf.SetMaxBufLen(aMaxBufLen);
 }
 
-// What is pending counts as if it were in the send buffer, which looks at itself alone.
+// Pending bytes count as if they were in the send buffer, which counts only its own.
 BOOL CBufferedSending::HasRoom(DWORD aLength, BOOL aNeedACK) const {
     const DWORD dwHeader = CCsPduBase::GetFixLength(CS_PDU_TYPE_DATA_NORMAL, aNeedACK);
     return uint64_t{m_Direct.GetPending().GetLength()} + m_SendBuf.GetUsed() + dwHeader + aLength <= m_dwMaxBufLen;
@@ -59,7 +59,7 @@ CmResult CBufferedSending::Flush(BOOL aNeedACK) {
     return rv;
 }
 
-// One send: over a stream as many PDUs as it may gather, over datagrams one.
+// One send: over a stream the PDUs that may be gathered, over datagrams one.
 CmResult CBufferedSending::SendCurrent() {
     CGatherChain gathered;
     CCmMessageBlock* pChain = nullptr;
@@ -70,7 +70,7 @@ CmResult CBufferedSending::SendCurrent() {
     if (!pChain && m_Direct.IsDatagrams())
         return DropDatagram(m_SendBuf.GetCurrentUnsent(), CM_ERROR_OUT_OF_MEMORY);
     if (!pChain) {
-        m_Direct.SetBroken();  // nothing would bring it another try
+        m_Direct.SetBroken();  // no other event would retry it
         return CM_ERROR_OUT_OF_MEMORY;
     }
     const DWORD dwBefore = pChain->GetChainedLength();
@@ -84,7 +84,7 @@ CmResult CBufferedSending::SendCurrent() {
     return rv;
 }
 
-// One that the transport will not take would hold up all behind it.
+// If the transport never takes one, it would block all after it.
 CmResult CBufferedSending::DropDatagram(DWORD aLength, CmResult aReason) {
     CM_WARNING_TRACE_THIS("CCsConn::SendDataFromSendBuf, drop a datagram, len=" << aLength << " rv=" << aReason);
     m_SendBuf.DataSentLen(aLength);

@@ -7,11 +7,11 @@
 
 namespace talvo {
 
-// The way of a connection with a send buffer of bounded size. The buffer belongs to the connection and not to its transport:
-// it outlives the transport, and Resume sends again over another what the peer lacks. One thread.
+// The sending of a connection with a bounded send buffer. The buffer belongs to the connection and not to its transport: it
+// outlives the transport. After a reconnection Resume sends the bytes that the peer lacks over the new one. One thread.
 class TALVO_API CBufferedSending {
 public:
-    // aMaxBufLen: bytes. aDirect has the transport and what goes past the buffer; lives as long as this object.
+    // aMaxBufLen: bytes. aDirect has the transport and sends what bypasses the buffer; it lives as long as this object.
     CBufferedSending(DWORD aMaxBufLen, CDirectSending& aDirect)
         : m_SendBuf(aMaxBufLen), m_dwMaxBufLen(aMaxBufLen), m_Direct(aDirect) {}
 
@@ -22,24 +22,24 @@ public:
 
     // A data PDU around aData, which is consumed. CM_ERROR_PARTIAL_DATA: no room now. CM_ERROR_OUT_OF_MEMORY.
     CmResult Add(CCmMessageBlock& aData, BOOL aNeedACK);
-    // Unless something is to be sent anyway.
+    // Unless other data is due to be sent.
     void AddKeepAlive();
     void AddDisconn(CmResult aReason) { m_SendBuf.AddDisconnPDU(aReason); }
 
-    // A data PDU of aLength bytes needs no place in the buffer: corked, not acknowledged, and none before it is there. Makes
-    // room for it where it can.
+    // TRUE: a data PDU of aLength bytes can bypass the buffer: corked, not acknowledged, and no PDU before it is in the buffer.
+    // Makes room for it if possible.
     BOOL MayGather(DWORD aLength, BOOL aNeedACK);
-    // So much waits that it makes a full call of the transport.
+    // TRUE: the queued bytes fill a call of the transport.
     BOOL HasFullCall() const;
 
-    // Sends what is pending and then what is in the buffer. CM_OK: all has gone; else the transport's result. aNeedACK: what
-    // has gone stays until the peer acknowledges it.
+    // Sends the pending bytes and then the buffer. CM_OK: all is sent; else the transport's result. aNeedACK: sent PDUs stay
+    // until the peer acknowledges them.
     CmResult Flush(BOOL aNeedACK);
-    // Moves what has not been sent behind what is pending. FALSE: memory ran out.
+    // Moves the unsent bytes after the pending ones. FALSE: memory ran out.
     BOOL MoveToPending();
 
     int DoACK(DWORD aSeq) { return m_SendBuf.DoACK(aSeq); }
-    // The peer has received up to aSeq; the rest is to be sent again. FALSE: aSeq fits nothing in the buffer.
+    // The peer has received up to aSeq; the rest is sent again. FALSE: aSeq fits no PDU in the buffer.
     BOOL Resume(DWORD aSeq) { return m_SendBuf.DoReconnACK(aSeq) != -1; }
     void Reset() { m_SendBuf.Reset(); }
 

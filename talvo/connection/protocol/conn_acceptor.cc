@@ -41,7 +41,7 @@ CmResult CConnAcceptorBase::StopListen(CmResult aReason) {
     return CM_OK;
 }
 
-// The acceptor below stops by itself, and knows nothing of what is still opening.
+// The acceptor below stops by itself, but unfinished openings are here.
 void CConnAcceptorBase::OnDrain(ECmDrainStage aStage) {
     if (aStage != ECmDrainStage::NONE)
         Stop_i(CM_OK);
@@ -53,7 +53,7 @@ void CConnAcceptorBase::Stop_i(CmResult aReason) {
     m_Opening.CancelAll();
 }
 
-// Touches no member after the connection has been told: its opening may end at once, and the sink release this acceptor.
+// Accesses no member after the call of the connection: its opening may end at once, and the sink may release this acceptor.
 void CConnAcceptorBase::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) {
     if (aReason != CM_OK || !m_pSink)
         return;
@@ -66,7 +66,7 @@ void CConnAcceptorBase::OnConnectIndication(CmResult aReason, ICmTransport* aTrp
 }
 
 void CConnAcceptorBase::OnOpened(CConnBase& aConn, CmResult aReason) {
-    const COpeningConn opening = m_Opening.Take(aConn);  // lives until the sink has been told
+    const COpeningConn opening = m_Opening.Take(aConn);  // lives until the sink has been notified
     if (opening && aReason == CM_OK && m_pSink)
         m_pSink->OnConnectIndication(CM_OK, &aConn, this);  // last: it may release this acceptor
 }

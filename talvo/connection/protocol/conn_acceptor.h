@@ -6,7 +6,7 @@
 
 namespace talvo {
 
-// What does not depend on the class of the connections.
+// The part that is independent of the connections' class.
 class TALVO_API CConnAcceptorBase : public ICmAcceptor,
                                     public ICmAcceptorConnectorSink,
                                     public CConnOwner,
@@ -31,7 +31,7 @@ protected:
     explicit CConnAcceptorBase(CCmRefPtrT<ICmAcceptor> aLower);
     ~CConnAcceptorBase() override;
 
-    // A new connection that knows this acceptor; empty: memory ran out.
+    // A new connection with this acceptor as its owner; empty: memory ran out.
     virtual COpeningConn MakeConnection() = 0;
 
 private:
@@ -51,13 +51,13 @@ private:
 
 }  // namespace talvo
 
-// Makes a T for each transport that the acceptor below hands up and indicates it when its opening has ended with CM_OK; a
-// failed one is never told. StopListen and the last release end what is still opening, silently; connections that were handed
-// up stay. Network thread only. T is what CConnConnectorT wants.
+// Makes a T for each transport from the acceptor below, and indicates it when its opening has ended with CM_OK; a failed one is
+// not reported. StopListen and the last release end unfinished openings without a call; indicated connections stay. Network
+// thread only. T must fulfil the requirements of CConnConnectorT.
 template <class T>
 class CConnAcceptorT final : public talvo::CConnAcceptorBase {
 public:
-    // aLower: the acceptor of the base type, used by nobody else. aNeedKeepAlive: for those T that know keep-alives.
+    // aLower: the acceptor of the base type, not shared. aNeedKeepAlive: for a T that supports keep-alives.
     CConnAcceptorT(CCmRefPtrT<ICmAcceptor> aLower, BOOL aNeedKeepAlive)
         : CConnAcceptorBase(std::move(aLower)), m_bNeedKeepAlive(aNeedKeepAlive) {}
 

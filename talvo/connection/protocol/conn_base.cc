@@ -43,7 +43,7 @@ void CConnBase::SetTPTransport(ICmTransport* aTransport) {
         aTransport->SetOption(CM_OPT_TRANSPORT_LAYERED, &bLayered);
 }
 
-// What is left to be sent goes its own way, see CTransportLinger.
+// CTransportLinger sends the rest.
 void CConnBase::EndInOrder_i(BOOL) { Disconnect(CM_OK); }
 
 void CConnBase::NoteFailure_i(ECmFailureCause aCause, const char* aText) {
@@ -65,7 +65,7 @@ void CConnBase::SetCurrStatus(WORD aStatus) {
     m_wStatus = aStatus;
 }
 
-// Ending it adds and releases references of its own, which must not end it again.
+// Ending it adds and releases references, which must not end it again.
 void CConnBase::OnReferenceDestory() {
     if (std::exchange(m_bReleased, TRUE))
         return;
@@ -88,7 +88,7 @@ CmResult CConnBase::DisconnectTransport_i(CmResult aReason) {
     return pTransport ? pTransport->Disconnect(aReason) : CM_OK;
 }
 
-// What is sent and received here are messages: an end of the bytes below would cut them off.
+// This connection sends and receives messages: an end of the bytes below would truncate them.
 CmResult CConnBase::SetTransportOption_i(DWORD aCommand, void* aArg) {
     if (aCommand == CM_OPT_TRANSPORT_END_SENDING || aCommand == CM_OPT_TRANSPORT_TELL_END)
         return CM_ERROR_INVALID_ARG;

@@ -1,4 +1,4 @@
-// What every protocol connection has: a sink above, a transport below, and a status.
+// The common part of protocol connections: a sink above, a transport below, and a status.
 #pragma once
 
 #include "talvo/base/ensure_single_thread.h"
@@ -7,15 +7,15 @@
 #include "talvo/event/timer_delete.h"
 #include "talvo/transport/drained_transport.h"
 
-// A protocol connection presents itself to the upper layer as a transport and lies over another one. It belongs to the network
-// thread, as all its upcalls; the last release ends it as Disconnect(CM_OK) does, and the object is deleted by a timer, after
-// the current call has returned.
+// A protocol connection is a transport for the upper layer, over another transport. It belongs to the network thread, as do all
+// its upcalls. The last release ends it as Disconnect(CM_OK) does. A timer deletes the object, after the current call has
+// returned.
 class TALVO_API CConnBase : public talvo::CDrainedTransport, public CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
 public:
     enum : WORD {
         CS_STATUS_NOT_CONNECTED = 1,  // at first, and after the end
         CS_STATUS_HANDSHAKE = 2,
-        CS_STATUS_CONNECTED = 3,    // only now data flows
+        CS_STATUS_CONNECTED = 3,    // data flows in this status only
         CS_STATUS_RECONNECTING = 4  // reliable connections only
     };
 
@@ -26,12 +26,12 @@ public:
     CmResult OpenWithSink(ICmTransportSink* aSink) override;
     ICmTransportSink* GetSink() override { return m_pSink; }
 
-    // The transport below, which leaves its orderly end to this connection; keeps a reference.
+    // The transport below; this connection ends it gracefully and keeps a reference.
     void SetTPTransport(ICmTransport* aTransport);
     ICmTransport* GetTPTransport() const { return m_pTransport.Get(); }
 
-    // The one place where the status changes. Traces it; a change that the diagram does not have is traced as an error and
-    // refused, and debug builds end there.
+    // The only function that changes the status. Traces the change. A change that the diagram does not have is traced as an
+    // error and refused, and debug builds abort.
     //
     //   NOT_CONNECTED --> HANDSHAKE --> CONNECTED --> RECONNECTING
     //         |                            ^  ^            |
@@ -42,7 +42,7 @@ public:
     WORD GetChannel() const { return m_wChannel; }
     BYTE GetConnType() const { return m_byConnType; }
 
-    // Who made it, on the active and on the passive side; not owned. Null: it shall tell nobody any more.
+    // The connector or acceptor that made it; not owned. Null: no more reports to it.
     void SetConnConnector(talvo::CConnOwner* aConnector) { m_pOwner = aConnector; }
     void SetConnAcceptor(talvo::CConnOwner* aAcceptor) { m_pOwner = aAcceptor; }
 
@@ -51,20 +51,22 @@ protected:
 
     void OnReferenceDestory() override;
 
-    // The opening has ended: tells the owner, if there still is one, and forgets it. Comes last: the sink may do anything.
+    // The opening has ended: reports this to the owner, if there still is one, and detaches it. Call it last: the sink may do
+    // anything.
     void Indicate_i(CmResult aReason);
 
-    // The connection has ended: forgets the sink, then tells it. Comes last.
+    // The connection has ended: detaches the sink, then notifies it. Call it last.
     void TellEnd_i(CmResult aReason);
 
-    // Ends the use of the transport below, if there is one, without forgetting it; the result of that.
+    // Ends the use of the transport below, if there is one, and keeps the pointer. Returns the transport's result.
     CmResult DisconnectTransport_i(CmResult aReason);
 
-    // Notes what this end found wrong with the peer, for CM_OPT_TRANSPORT_LAST_FAILURE; aText is a literal. The first counts.
+    // Stores a failure of the peer that this end found, for CM_OPT_TRANSPORT_LAST_FAILURE; aText is a literal. The first
+    // counts.
     void NoteFailure_i(ECmFailureCause aCause, const char* aText);
 
-    // Answers of the transport below; CM_ERROR_NOT_AVAILABLE without one. The addresses, the type and the last failure can be
-    // asked for after the end, too.
+    // Values of the transport below; CM_ERROR_NOT_AVAILABLE without one. The addresses, the type and the last failure are also
+    // available after the end.
     CmResult SetTransportOption_i(DWORD aCommand, void* aArg);
     CmResult GetTransportOption_i(DWORD aCommand, void* aArg);
 
@@ -79,7 +81,7 @@ private:
     void EndInOrder_i(BOOL aCut) override;
     CmResult GetKeptOption_i(DWORD aCommand, void* aArg);
 
-    CCmRefPtrT<ICmTransport> m_pEnded;  // was below until the connection ended; only asked
+    CCmRefPtrT<ICmTransport> m_pEnded;  // the transport below until the end; only for options
     const char* m_pFailureText = nullptr;
     ECmFailureCause m_Cause = CM_FAILURE_NONE;
     bool m_bReleased = false;

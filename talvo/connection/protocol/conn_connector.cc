@@ -52,7 +52,7 @@ void CConnConnectorBase::CancelConnect() {
     Cancel_i();
 }
 
-// Also during the handshake, when the connector below has done its part.
+// Also during the handshake, when the connector below has finished.
 void CConnConnectorBase::OnDrain(ECmDrainStage aStage) {
     ICmAcceptorConnectorSink* pSink = m_pSink;
     if (!pSink || !ends_connections(aStage))
@@ -71,7 +71,7 @@ void CConnConnectorBase::Cancel_i() {
     }
 }
 
-// Of the connector below, or of the opening. A peer that ends that in good order leaves no other trace.
+// Of the connector below, or of the opening. A peer's graceful close leaves no other trace.
 CCmFailure CConnConnectorBase::FailureOf_i(CConnBase& aConn) const {
     CCmFailure failure = GetConnectFailure(m_pLower.Get());
     if (!failure)
@@ -82,10 +82,10 @@ CCmFailure CConnConnectorBase::FailureOf_i(CConnBase& aConn) const {
 void CConnConnectorBase::OnOpened(CConnBase& aConn, CmResult aReason) {
     if (m_Opening.m_pConn.Get() != &aConn)
         return;
-    const COpeningConn opening = std::exchange(m_Opening, {});  // lives until the sink has been told
+    const COpeningConn opening = std::exchange(m_Opening, {});  // lives until the sink has been notified
     if (aReason != CM_OK)
         m_Failure = FailureOf_i(aConn);
-    // The connection may have given up by itself, with the connector below still at work.
+    // The connection may have failed by itself while the connector below still runs.
     m_pLower->CancelConnect();
     ICmAcceptorConnectorSink* pSink = std::exchange(m_pSink, nullptr);
     pSink->OnConnectIndication(aReason, aReason == CM_OK ? &aConn : nullptr, this);  // last: it may release this connector

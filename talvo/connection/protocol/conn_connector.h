@@ -7,7 +7,7 @@
 
 namespace talvo {
 
-// What does not depend on the class of the connections.
+// The part that is independent of the connections' class.
 class TALVO_API CConnConnectorBase : public ICmConnector,
                                      public CConnOwner,
                                      public CCmReferenceControlT<CCmMutexNullSingleThread>,
@@ -28,7 +28,7 @@ protected:
     explicit CConnConnectorBase(CCmRefPtrT<ICmConnector> aLower);
     ~CConnConnectorBase() override;
 
-    // A new connection that knows this connector; empty: memory ran out.
+    // A new connection with this connector as its owner; empty: memory ran out.
     virtual COpeningConn MakeConnection() = 0;
 
 private:
@@ -46,23 +46,23 @@ private:
     const CCmRefPtrT<ICmConnector> m_pLower;
     ICmAcceptorConnectorSink* m_pSink = nullptr;  // not owned; set while an attempt runs
     COpeningConn m_Opening;                       // of that attempt
-    CCmFailure m_IfClosed;                        // what an orderly end before the opening would be
+    CCmFailure m_IfClosed;                        // the failure if the peer closes gracefully before the opening has ended
     CCmFailure m_Failure;
     CLaterReportT<CConnConnectorBase, &CConnConnectorBase::OnNoMemory> m_NoMemory{*this};
 };
 
 }  // namespace talvo
 
-// Makes a T for each attempt and gives it to the connector below as its sink; OnConnectIndication hands the T up when its
-// opening has ended, or tells why it failed. One attempt at a time; aTimeout is that of the connector below, what follows it is
-// limited by the T itself. The attempt ends silently with CancelConnect and with the last release. Network thread only.
+// Makes a T for each attempt and gives it to the connector below as its sink. OnConnectIndication passes the T on when its
+// opening has ended, or reports the failure. One attempt at a time. aTimeout is for the connector below; the T itself limits
+// the time afterwards. CancelConnect and the last release end the attempt without a call. Network thread only.
 //
-// T is a CConnBase and an ICmAcceptorConnectorSink, has a default constructor and void CancelConnect(), which ends an opening
-// without telling anybody.
+// T is a CConnBase and an ICmAcceptorConnectorSink. It has a default constructor and void CancelConnect(), which ends an
+// opening without a call.
 template <class T>
 class CConnConnectorT final : public talvo::CConnConnectorBase {
 public:
-    // aLower: the connector of the base type, used by nobody else. aNeedKeepAlive: for those T that know keep-alives.
+    // aLower: the connector of the base type, not shared. aNeedKeepAlive: for a T that supports keep-alives.
     CConnConnectorT(CCmRefPtrT<ICmConnector> aLower, BOOL aNeedKeepAlive)
         : CConnConnectorBase(std::move(aLower)), m_bNeedKeepAlive(aNeedKeepAlive) {}
 

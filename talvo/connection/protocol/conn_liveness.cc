@@ -25,8 +25,8 @@ void CConnLiveness::SetReadingPaused(BOOL aPaused) {
         m_dwLastRecvTick = get_tick_count();
 }
 
-// Kept on purpose: the interval, in seconds, is compared with milliseconds, so a keep-alive leaves at nearly every firing, busy
-// or not. Pinned by PkgConnTest.KeepAliveLeavesEvenWhileDataFlows.
+// Deliberate: the interval, in seconds, is compared with milliseconds, so a keep-alive leaves at nearly every firing, idle or
+// not. PkgConnTest.KeepAliveLeavesEvenWhileDataFlows checks this.
 BOOL CConnLiveness::IsKeepAliveDue() const {
     return calculate_tick_interval(m_dwLastSendTick, get_tick_count()) > m_dwInterval;
 }

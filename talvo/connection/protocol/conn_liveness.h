@@ -1,4 +1,4 @@
-// Signs of life on a connection: its own and the peer's.
+// The liveness of a connection: of this end and of the peer.
 #pragma once
 
 #include "talvo/base/clock.h"
@@ -7,16 +7,15 @@
 
 namespace talvo {
 
-// When bytes were sent and received last, and the timer of a connection: the limit of its handshake and, while it is connected,
-// the look at those times. Sends nothing. One thread.
+// The times of the last sent and received bytes, and the timer of a connection: the limit of its handshake and, while it is
+// connected, the check of those times. Sends no data. One thread.
 class TALVO_API CConnLiveness {
 public:
     // Seconds between two firings of the timer; 15 at first.
     void SetInterval(DWORD aSeconds) { m_dwInterval = aSeconds; }
     DWORD GetInterval() const { return m_dwInterval; }
 
-    // Arm the timer, or arm it anew: to fire once after aLimit, or with each interval until Stop. CM_OK, or the timer queue's
-    // error.
+    // Arm or re-arm the timer: to fire once after aLimit, or with each interval until Stop. CM_OK, or the timer queue's error.
     CmResult StartLimit(CCmTimerWrapperIDSink* aSink, const CCmTimeValue& aLimit);
     CmResult Start(CCmTimerWrapperIDSink* aSink);
     void Stop() { m_Timer.Cancel(); }
@@ -26,16 +25,16 @@ public:
         m_dwLastRecvTick = get_tick_count();
         m_bHasReceived = TRUE;
     }
-    // While the upper layer pauses reading, and for the time before, the peer is not silent.
+    // While the upper layer pauses reading, and for the time before, the peer does not count as silent.
     void SetReadingPaused(BOOL aPaused);
     BOOL IsReadingPaused() const { return m_bReadingPaused; }
 
     BOOL IsKeepAliveDue() const;
-    // Nothing has been received for 120 s. Never before the first bytes were received.
+    // No data has been received for 120 s. FALSE before the first bytes.
     BOOL IsPeerSilent() const;
     DWORD GetSilence() const { return calculate_tick_interval(m_dwLastRecvTick, get_tick_count()); }  // milliseconds
 
-    // Stops the timer and forgets both times; the interval and the pause stay.
+    // Stops the timer and clears both times; the interval and the pause stay.
     void Reset();
 
 private:

@@ -9,7 +9,7 @@ COpeningConn CConnServerList::Take(const CConnBase& aConn) {
     return node ? std::move(node.mapped()) : COpeningConn();
 }
 
-// Each is out before it hears of it, so that nothing it does can meet it here.
+// Each is removed before its call, so that the call cannot find it in the list.
 void CConnServerList::CancelAll() {
     while (!m_Connections.empty()) {
         const auto node = m_Connections.extract(m_Connections.begin());

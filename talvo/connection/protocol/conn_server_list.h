@@ -8,22 +8,22 @@
 
 namespace talvo {
 
-// Keeps a reference on each. Constant time, however many there are. Network thread only.
+// Holds a reference to each. Constant time for any number of them. Network thread only.
 class TALVO_API CConnServerList {
 public:
     CConnServerList() = default;
     CConnServerList(const CConnServerList&) = delete;
     CConnServerList& operator=(const CConnServerList&) = delete;
 
-    // Nothing happens for a connection that it holds. FALSE: memory ran out.
+    // Has no effect for a connection in the list. FALSE: memory ran out.
     BOOL Add(const COpeningConn& aOpening) {
         return WithMemory([&] { m_Connections.emplace(aOpening.m_pConn.Get(), aOpening); });
     }
 
-    // Takes a connection out; empty: it is not here.
+    // Removes a connection; empty: it is not in the list.
     COpeningConn Take(const CConnBase& aConn);
 
-    // Cancels them all, and lets go of them.
+    // Cancels and releases them all.
     void CancelAll();
 
 private:

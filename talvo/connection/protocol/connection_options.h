@@ -1,4 +1,4 @@
-// Commands that protocol connections add to those of ECmTransportOption.
+// Commands of protocol connections, in addition to ECmTransportOption.
 #pragma once
 
 #include "talvo/base/types.h"

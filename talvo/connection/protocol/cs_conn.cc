@@ -1,4 +1,4 @@
-// The face towards the upper layer; sending stands in cs_conn_send.cc, receiving in cs_conn_receive.cc.
+// The interface to the upper layer; cs_conn_send.cc sends, cs_conn_receive.cc receives.
 #include "talvo/connection/protocol/cs_conn.h"
 
 #include <climits>
@@ -82,8 +82,8 @@ CmResult CCsConn::GetOption(DWORD aCommand, void* aArg) {
     }
 }
 
-// Whether there is a send buffer is a matter of the type: taken away it could drop a begun PDU, and one made where nothing is
-// acknowledged would never empty.
+// The type decides whether there is a send buffer. Removing it could drop a partly sent PDU, and one without acknowledgements
+// would never empty.
 CmResult CCsConn::SetMaxBufLen_i(DWORD aLength) {
     if (aLength == 0 || !m_Buffered)
         return CM_ERROR_INVALID_ARG;
@@ -101,7 +101,7 @@ CmResult CCsConn::SetKeepAliveInterval_i(DWORD aSeconds) {
     return m_wStatus == CS_STATUS_CONNECTED && HasKeepAliveTimer_i() ? ScheduleKeepAlive_i() : CM_OK;
 }
 
-// Detached, the pause is for the next transport.
+// While detached, the pause applies to the next transport.
 CmResult CCsConn::PauseReading_i(BOOL aPause) {
     m_Liveness.SetReadingPaused(aPause);
     if (!m_pTransport && m_wStatus == CS_STATUS_RECONNECTING)
@@ -120,7 +120,7 @@ CmResult CCsConn::Close_i(CmResult aReason) {
     m_pSink = nullptr;
     CmResult rv = CM_OK;
     if (m_Buffered && m_wStatus != CS_STATUS_CONNECTED)
-        m_Buffered->Reset();  // data that waits for the response must not go without it
+        m_Buffered->Reset();  // data that waits for the response must not be sent without it
     if (m_pTransport) {
         SendDisconn(aReason);
         if (aReason != CM_OK || !LetLinger_i())
@@ -153,7 +153,7 @@ CmResult CCsConn::ResumeData_i(DWORD aPeerReceived) {
     return CM_OK;
 }
 
-// What belongs to the transport and not to the connection. The next connect request says anew how much has been received.
+// Clears the state of the transport, not of the connection. The next connect request repeats the receive counter.
 void CCsConn::ForgetTransport_i() {
     m_Liveness.Reset();
     m_Reader.Clear();

@@ -18,16 +18,16 @@
 //                          v                                       |
 //   transport           SendData                              OnReceive, OnSend, OnDisconnect
 //
-// Frames what the upper layer sends into data PDUs and keeps them in a send buffer of bounded size or, without one, sends them
-// at once and keeps only what the transport refused. Puts PDUs together from what arrives, and hands connect, disconnect and
+// Frames the upper layer's data into data PDUs. A send buffer of bounded size keeps them; without one they are sent at once,
+// and only bytes that the transport refused are kept. Assembles PDUs from received bytes, and passes connect, disconnect and
 // keep-alive PDUs to the derived classes. Over a datagram transport one PDU is one datagram.
 //
 // SendData takes a message whole or not at all. CM_ERROR_PARTIAL_DATA: no room now, an OnSend follows. CM_ERROR_INVALID_ARG: it
-// is longer than can ever be sent, see CM_OPT_TRANSPORT_MAX_MESSAGE; the trace says which option raises that.
-// CM_ERROR_OUT_OF_MEMORY: not taken, and no OnSend follows; or memory ran out with a part of it sent, and the connection has
-// ended, which OnDisconnect has told. CM_ERROR_NOT_AVAILABLE: not connected. OnSend may also come when nothing was refused.
+// exceeds the maximum, see CM_OPT_TRANSPORT_MAX_MESSAGE; the trace names the option that raises it. CM_ERROR_OUT_OF_MEMORY: not
+// taken, and no OnSend follows; or memory ran out after a part was sent, and the connection has ended with OnDisconnect.
+// CM_ERROR_NOT_AVAILABLE: not connected. OnSend may also come without a refusal.
 //
-// While reading is paused (option 141) the messages that one read of the transport has brought before still come.
+// While reading is paused (option 141), messages from an earlier read of the transport still come.
 //
 // Network thread only. Every upcall may send, set options, disconnect and release the connection.
 class TALVO_API CCsConn : public CConnBase, public ICmTransportSink, public CCmTimerWrapperIDSink {
@@ -36,20 +36,20 @@ public:
     explicit CCsConn(DWORD aMaxBufLen);
     ~CCsConn() override;
 
-    // Whether keep-alives are to be sent. To be said before it is connected.
+    // TRUE: send keep-alives. Call it before the connection is up.
     void NeedKeepAlive(BOOL aNeed) { m_bNeedKeepAlive = aNeed; }
     // 1: a server's side, 2: a client's; 0: neither.
     BYTE GetInstanceType() const { return m_byInstanceType; }
 
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
-    // The commands of ECsOption and, of the transport's, 141 and 144 to 146; all others are the transport's below,
+    // The commands of ECsOption and, of ECmTransportOption, 141 and 144 to 146. All others go to the transport below,
     // CM_ERROR_NOT_AVAILABLE without one.
     CmResult SetOption(DWORD aCommand, void* aArg) override;
     CmResult GetOption(DWORD aCommand, void* aArg) override;
     CmResult Disconnect(CmResult aReason) override;
 
 protected:
-    // These stand behind the transport's operations in this order.
+    // These follow the transport's operations in this order.
     virtual CmResult SendKeepAlive();
     virtual CmResult SendConnReq();
     virtual CmResult SendConnResp();
@@ -61,7 +61,7 @@ protected:
     virtual void OnRecvDisconn();
     virtual void OnRecvKeepAlive();
     virtual void ACK2PeerIfPossiable(CCmMessageBlock& aData);
-    virtual void Reserved() {}  // an empty place that the interface keeps
+    virtual void Reserved() {}  // an unused slot of the interface
 
 public:
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrpt, CCmTransportParameter* aPara = nullptr) override;
@@ -71,27 +71,27 @@ protected:
     static constexpr DWORD TYPE_RELIABLE = talvo::CConnectionType::CANONICAL_RELIABLE;
     enum : BYTE { INSTANCE_NONE = 0, INSTANCE_SERVER = 1, INSTANCE_CLIENT = 2 };
 
-    // Takes the transport below and finds out of what type it is.
+    // Takes the transport below and determines its type.
     void TakeTransport_i(ICmTransport* aTransport);
 
-    // A connected side changes its transport. DetachTransport_i gives up the one it has, with aReason, and what belongs to
-    // that: pending bytes, a PDU that has not come whole, timers. The sink, the channel, the counters and the send buffer stay,
-    // and SendData fills the buffer. The status is CS_STATUS_RECONNECTING. Then come TakeTransport_i and the handshake, and
-    // ResumeData_i with the receive counter of the peer: connected again, what the peer lacks is sent before anything new.
-    // CM_ERROR_FAILURE: the counter does not fit, nothing has changed and the connection cannot go on.
+    // A connected side changes its transport. DetachTransport_i closes the old one with aReason and drops what belongs to it:
+    // pending bytes, an incomplete PDU, timers. The sink, the channel, the counters and the send buffer stay, and SendData
+    // fills the buffer. The status is CS_STATUS_RECONNECTING. Then come TakeTransport_i and the handshake, and ResumeData_i
+    // with the receive counter of the peer. It is connected again, and the bytes that the peer lacks are sent before new ones.
+    // CM_ERROR_FAILURE: the counter does not fit. The state is unchanged, and the connection cannot continue.
     void DetachTransport_i(CmResult aReason);
     CmResult ResumeData_i(DWORD aPeerReceived);
 
-    // Forgets everything of the connection, the transport included.
+    // Clears the connection's whole state, the transport included.
     void Reset();
     void Reset4Recv() { m_Reader.Next(); }
 
-    // The two ends. Close_i was asked for from above: tells the peer, forgets the sink and returns the transport's result.
-    // End_i tells nobody and leaves the sink, for TellEnd_i.
+    // The two ends. Close_i, for the upper layer: notifies the peer, detaches the sink and returns the transport's result.
+    // End_i makes no notification and leaves the sink for TellEnd_i.
     CmResult Close_i(CmResult aReason);
     void End_i(CmResult aTransportReason);
 
-    // Reads the type of the PDU that begins the received bytes. FALSE: there is no such type.
+    // Reads the type of the first PDU of the received bytes. FALSE: there is no such type.
     BOOL GetPDUType();
     CCsPduConnReqResp TakeConnectPdu_i();
 
@@ -103,18 +103,18 @@ protected:
     // A derived class adds its own.
     virtual void CancelTimers_i() { m_Liveness.Stop(); }
 
-    // Whether the sink has sent before the connection was up. StartData_i sends that, and pays the OnSend that is owed.
+    // TRUE: the sink has sent before the connection was up. StartData_i sends that data, and calls OnSend if it is due.
     BOOL HasUnsentData_i() const { return m_Buffered && m_Buffered->GetUnsent() > 0; }
     void StartData_i();
 
     DWORD m_dwType = 0;         // the connection type
     DWORD m_cBaseType = 0;      // of the transport below
-    bool m_bDatagrams = false;  // which says that it is one
+    bool m_bDatagrams = false;  // derived from m_cBaseType
     bool m_bNeedACK = true;
     bool m_bNeedKeepAlive = false;
     BYTE m_byInstanceType = INSTANCE_NONE;
-    char m_szConnReq[CCsPduBase::MAX_FIX_LENGTH] = {};  // the connect request, kept for sending it again
-    DWORD m_dwConnReq = 0;                              // its length; 0: there is none
+    char m_szConnReq[CCsPduBase::MAX_FIX_LENGTH] = {};  // the connect request, kept for a repeat
+    DWORD m_dwConnReq = 0;                              // its length; 0: none
     talvo::CConnLiveness m_Liveness;
 
 private:
@@ -145,7 +145,7 @@ private:
 
     talvo::CPduReader m_Reader;
     talvo::CDirectSending m_Direct{m_Liveness};
-    std::optional<talvo::CBufferedSending> m_Buffered;  // none: m_Direct alone
+    std::optional<talvo::CBufferedSending> m_Buffered;  // none: m_Direct only
     DWORD m_dwMaxMessage = CS_DEFAULT_MAX_MESSAGE_LEN;
     bool m_bAckProcessing = false;
     bool m_bNeedOnSend = false;  // a send was refused

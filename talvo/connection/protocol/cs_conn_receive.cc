@@ -4,7 +4,7 @@
 
 namespace {
 
-// An address as the transport tells it, for the trace.
+// An address of the transport, for the trace.
 CCmTraceText AddressOf(ICmTransport* aTransport, DWORD aCommand) {
     CCmInetAddr addr;
     CCmTraceText text;
@@ -26,8 +26,8 @@ BOOL CCsConn::IsMine_i(ICmTransport* aTrpt) {
     return FALSE;
 }
 
-// Holds no reference on itself: the last release inside an upcall shall end the connection at once, so that no further PDU is
-// taken. The object stays until the loop is reached.
+// Holds no reference to itself: the last release inside an upcall must end the connection at once, so that no further PDU is
+// taken. The object stays until the loop's next turn.
 void CCsConn::OnReceive(CCmMessageBlock& aData, ICmTransport* aTrpt, CCmTransportParameter* aPara) {
     m_Est.EnsureSingleThread();
     if (!IsMine_i(aTrpt))
@@ -43,7 +43,7 @@ void CCsConn::OnReceive(CCmMessageBlock& aData, ICmTransport* aTrpt, CCmTranspor
         DropDatagramRest_i();
 }
 
-// One PDU is one datagram: what is too much or too little is never joined to the next.
+// One PDU is one datagram: excess or missing bytes are never joined to the next.
 void CCsConn::DropDatagramRest_i() {
     if (m_Reader.GetReceived() > 0)
         CM_WARNING_TRACE_THIS("CCsConn::OnReceive, drop the rest of a datagram, len=" << m_Reader.GetReceived());
@@ -59,7 +59,7 @@ BOOL CCsConn::TakePdu_i(CCmTransportParameter* aPara) {
     switch (byType) {
     case CS_PDU_TYPE_CONN_REQ:
     case CS_PDU_TYPE_CONN_RESP:
-        if (byType != m_byInstanceType)  // a server takes requests (1), a client responses (2)
+        if (byType != m_byInstanceType)  // a server accepts requests (1), a client responses (2)
             break;
         if (!bWhole)
             return FALSE;
@@ -80,7 +80,7 @@ BOOL CCsConn::TakePdu_i(CCmTransportParameter* aPara) {
     case CS_PDU_TYPE_DATA_NORMAL:
         if (m_wStatus == CS_STATUS_CONNECTED)
             return TakeData_i(aPara) && !m_bDatagrams;
-        // The response was lost or overtaken; the request goes out again.
+        // The response was lost or overtaken; the request is sent again.
         if (m_bDatagrams && m_wStatus == CS_STATUS_HANDSHAKE && m_byInstanceType == INSTANCE_CLIENT)
             return FALSE;
         break;
@@ -121,7 +121,7 @@ void CCsConn::OnRecvDisconn() {
     OnDisconnect(pdu.GetReason(), m_pTransport.Get());
 }
 
-// Kept on purpose: only reliable connections look at the acknowledgement.
+// Deliberate: only reliable connections use the acknowledgement.
 void CCsConn::OnRecvKeepAlive() {
     CCsPduKeepAlive pdu(0, CS_PDU_TYPE_KEEPALIVE);
     if (m_dwType != TYPE_RELIABLE) {
@@ -133,7 +133,7 @@ void CCsConn::OnRecvKeepAlive() {
         DoACK(pdu.GetACK());
 }
 
-// The fixed part says how long the PDU is. FALSE: not all of it is there, or the connection has ended over it.
+// The fixed part contains the length of the PDU. FALSE: it is incomplete, or the connection has ended because of it.
 BOOL CCsConn::ReadDataLength_i() {
     if (!m_Reader.IsReady()) {
         CM_INFO_TRACE_THIS("CCsConn::OnReceive, half PDU header. half_len=" << m_Reader.GetReceived()
@@ -149,8 +149,8 @@ BOOL CCsConn::ReadDataLength_i() {
     return FALSE;
 }
 
-// FALSE: not all of it is there, or the transport was lost inside an upcall. A message that the sink has got counts as received
-// all the same: the peer must not send it again over the next transport.
+// FALSE: it is incomplete, or the transport was lost inside an upcall. A message that the sink has got still counts as
+// received: the peer must not send it again over the next transport.
 BOOL CCsConn::TakeData_i(CCmTransportParameter* aPara) {
     if (!m_Reader.IsDataLengthKnown() && !ReadDataLength_i())
         return FALSE;
@@ -170,7 +170,7 @@ BOOL CCsConn::TakeData_i(CCmTransportParameter* aPara) {
     }
     if (m_wStatus == CS_STATUS_NOT_CONNECTED)
         return FALSE;
-    // A sender that starts anew counts from 1 again, and so does the counter, which is the end of the last PDU.
+    // A sender that restarts counts from 1 again, and so does the counter, which is the end of the last PDU.
     m_dwReceived = bRestart ? dwPDULen : m_dwReceived + dwPDULen;
     if (m_Buffered)
         m_Buffered->SetReceived(m_dwReceived);
@@ -194,5 +194,5 @@ void CCsConn::ACK2PeerIfPossiable(CCmMessageBlock& aData) {
         return;
     m_dwAckBytes += aData.GetChainedLength();
     if (m_dwAckBytes >= ACK_EVERY)
-        m_dwAckBytes = m_dwReceived % ACK_EVERY;  // of the receive counter, on purpose
+        m_dwAckBytes = m_dwReceived % ACK_EVERY;  // of the receive counter, deliberately
 }

@@ -10,7 +10,7 @@
 
 namespace {
 
-// Whether a datagram can be made of the chain with a header before it.
+// TRUE: the chain fits one datagram, with a header before it.
 BOOL FitsDatagram(const CCmMessageBlock& aData) {
     DWORD dwPieces = 1;
     for (const CCmMessageBlock* pMb = &aData; pMb; pMb = pMb->GetNext())
@@ -59,7 +59,7 @@ CmResult CCsConn::RefuseTooLong_i(DWORD aLength) const {
     return CM_ERROR_INVALID_ARG;
 }
 
-// Until the handshake is over and while corked, data only waits: the connect PDUs have to go first, the others together.
+// During the handshake and while corked, data only waits: the connect PDUs must go first, other data leaves together.
 CmResult CCsConn::SendBuffered_i(CCmMessageBlock& aData) {
     const BOOL bUp = m_wStatus == CS_STATUS_CONNECTED;
     const BOOL bCorked = m_Direct.IsCorked();
@@ -75,7 +75,7 @@ CmResult CCsConn::SendBuffered_i(CCmMessageBlock& aData) {
     }
     if (rv != CM_OK)
         return rv;
-    // While corked, what makes a full call anyway does not wait for more.
+    // While corked, bytes that fill a call do not wait for more.
     if (bFlushed || (bCorked && bUp && m_Buffered->HasFullCall()))
         SendDataFromSendBuf();
     return CM_OK;
@@ -83,7 +83,7 @@ CmResult CCsConn::SendBuffered_i(CCmMessageBlock& aData) {
 
 CmResult CCsConn::AddToSendBuf_i(CCmMessageBlock& aData) {
     if (m_wStatus == CS_STATUS_NOT_CONNECTED)
-        return CM_ERROR_OUT_OF_MEMORY;  // a send before has ended the connection
+        return CM_ERROR_OUT_OF_MEMORY;  // an earlier send has ended the connection
     return m_Buffered->Add(aData, m_bNeedACK);
 }
 
@@ -99,7 +99,7 @@ CmResult CCsConn::EndIfBroken_i(CmResult aResult) {
     return aResult;
 }
 
-// What was refused waits for the transport.
+// Refused bytes wait for the transport.
 CmResult CCsConn::Uncork_i() {
     if (m_wStatus == CS_STATUS_CONNECTED)
         SendDataFromSendBuf();
@@ -132,7 +132,8 @@ CmResult CCsConn::SendConnResp() {
     return SendConnectPdu_i(block);
 }
 
-// A peer that asks again while data waits on a stream has been answered; the answer would stand inside a begun PDU.
+// A peer that repeats its request while data waits on a stream has its answer already; another one would be inside a partly
+// sent PDU.
 CmResult CCsConn::SendConnectPdu_i(const CCmMessageBlock& aPdu) {
     if (m_wStatus == CS_STATUS_CONNECTED && !m_bDatagrams) {
         if (const CmResult rv = SendDataFromSendBuf(); rv != CM_OK)
@@ -160,8 +161,8 @@ CmResult CCsConn::SendDisconn(CmResult aReason) {
     return SendDataFromSendBuf();
 }
 
-// What the transport has not taken, the farewell last, goes out when there is room. FALSE: there is nothing, or the peer has
-// not been told that it is connected and does not wait for anything.
+// Bytes that the transport has not taken, the disconnect PDU last, are sent when there is room. FALSE: there are none, or the
+// peer has no response yet and does not wait for data.
 BOOL CCsConn::LetLinger_i() {
     if (m_bDatagrams || m_wStatus != CS_STATUS_CONNECTED)
         return FALSE;

@@ -108,7 +108,7 @@ void CCsPduData::Decode(CCmMessageBlock& aMb) {
         CM_INFO_TRACE_THIS("CCsPduData::Decode(), need Disjoint mb.");
         pRest.reset(aMb.Disjoint(m_dwDataLen));
     }
-    // Without the rest cut off, for want of memory, the duplicate would hold it, too.
+    // If memory ran out, the rest is not cut off, and the duplicate would contain it, too.
     if (pRest || dwUnread <= m_dwDataLen)
         SetData(CCmChainPtr(aMb.DuplicateChained()));
     aMb.AdvanceChainedReadPtr(m_dwDataLen);

@@ -1,12 +1,12 @@
-// The PDUs of the connection protocol: what they look like on the wire, and the classes that write and read them.
+// The PDUs of the connection protocol: their wire formats, and the classes that write and read them.
 #pragma once
 
 #include "talvo/base/chain_ptr.h"
 #include "talvo/base/export.h"
 #include "talvo/base/types.h"
 
-// Every PDU begins with its type; all numbers are big-endian. Nothing separates PDUs: the type gives the length of the fixed
-// part, and a data PDU holds the length of what follows it.
+// Every PDU begins with its type; all numbers are big-endian. There is no separator between PDUs: the type defines the length
+// of the fixed part, and a data PDU contains the length of its payload.
 enum ECsPduType : BYTE {
     CS_PDU_TYPE_NONE = 0,  // never sent
     CS_PDU_TYPE_CONN_REQ = 1,
@@ -17,12 +17,11 @@ enum ECsPduType : BYTE {
     CS_PDU_TYPE_DATA_NORMAL = 6
 };
 
-// ACK, wherever it stands, is the sender's receive counter: the sequence number of the last byte that it has received. Only the
-// bytes of data PDUs have sequence numbers, their fixed parts included.
+// ACK is always the sender's receive counter: the sequence number of the last byte that it has received. Only the bytes of data
+// PDUs have sequence numbers, their fixed parts included.
 //
 // Encode writes the fixed part at the block's write position, where there must be room. Decode reads and consumes. Neither
-// reports anything: what could not be read or written is traced, and the fields stay as they were. So decode a PDU when its
-// fixed part has arrived.
+// returns a result: a failure is traced, and the fields do not change. So decode a PDU after its fixed part has arrived.
 //
 // One thread.
 
@@ -42,7 +41,7 @@ public:
     // As below, for this PDU.
     virtual DWORD GetFixLength() const { return GetFixLength(m_byType, TRUE); }
 
-    // Bytes before the payload, at most MAX_FIX_LENGTH. bNeedACK matters for data PDUs only. 0, and a line: no such type.
+    // Bytes before the payload, at most MAX_FIX_LENGTH. bNeedACK is for data PDUs only. 0, with a trace line: no such type.
     static DWORD GetFixLength(BYTE byType, BOOL bNeedACK);
     static constexpr DWORD MAX_FIX_LENGTH = 9;
 
@@ -56,7 +55,7 @@ protected:
 //  | type | ACK          | ConTag | ConnType |
 //
 // Connect request (type 1) and response (2). ConTag is the server's number of the connection, 0 in a client's first request.
-// ConnType tells what kind of connection the sender speaks; the receiver must speak the same. A value.
+// ConnType is the sender's kind of connection; the receiver's must be the same. A value.
 class TALVO_API CCsPduConnReqResp : public CCsPduBase {
 public:
     explicit CCsPduConnReqResp(DWORD aACK = 0, WORD aConTag = 0, BYTE aType = CS_PDU_TYPE_CONN_REQ, BYTE aConnType = 15)
@@ -75,12 +74,12 @@ private:
     BYTE m_byConnType;
 };
 
-// What a send buffer keeps: a PDU on its way, with its place in the sequence and in the list. Has room for its own encoded
-// fixed part, so that it can be sent from where it is without allocating.
+// An entry of a send buffer: a PDU with its place in the sequence and in the list. It has room for its own encoded fixed part,
+// so that it can be sent in place without an allocation.
 class TALVO_API CCsPduSendItem : public CCsPduBase {
 public:
-    // Owns aData from now on, a chain of DUPLICATED blocks or null, and destroys it in the end. Until then the chain is sent,
-    // and sent again, through views: nobody moves its positions. aDataLen: how many unread bytes it has.
+    // Takes ownership of aData, a chain of DUPLICATED blocks or null. The chain is sent, also repeatedly, through views: its
+    // own positions do not move. aDataLen: the number of its unread bytes.
     CCsPduSendItem(BOOL aNeedACK, DWORD aACK, BYTE aType, DWORD aDataLen, CCmMessageBlock* aData)
         : CCsPduBase(aType), m_dwACK(aACK), m_dwDataLen(aDataLen), m_pOwnData(aData), m_pData(aData), m_bNeedACK(aNeedACK) {}
     CCsPduSendItem(const CCsPduSendItem&) = delete;
@@ -94,8 +93,8 @@ public:
     DWORD GetDataLen() const { return m_dwDataLen; }
     CCmMessageBlock* GetData() const { return m_pData; }
 
-    // The first of the sequence numbers of a data PDU; the last one follows from it, fixed part included. Nothing changes, and
-    // there is a line, for any other PDU: those have no numbers, and both are 0.
+    // The first sequence number of a data PDU; the last one follows from it, fixed part included. Any other PDU has no numbers:
+    // both are 0. The call then changes no field, and is traced.
     void SetSeqStart(DWORD aSeq);
     DWORD GetSeqStart() const { return m_dwSeqStart; }
     DWORD GetSeqEnd() const { return m_dwSeqEnd; }
@@ -103,9 +102,9 @@ public:
     void SetNext(CCsPduSendItem* aNext) { m_pNext = aNext; }
     CCsPduSendItem* GetNext() const { return m_pNext; }
 
-    // Encodes the fixed part, with this ACK, into the item's own room. A PDU of which bytes have been sent must stay as it is.
+    // Encodes the fixed part, with this ACK, into the item's own room. Not for a PDU with bytes already sent.
     void Prepare(DWORD aACK);
-    // What Prepare left there, GetFixLength() bytes.
+    // The result of Prepare, GetFixLength() bytes.
     const char* GetPrepared() const { return m_szPrepared; }
 
 protected:
@@ -161,24 +160,24 @@ public:
 //  0      1               5
 //  | type | DataLen       | payload ...                     without
 //
-// Data (types 5 and 6). Nothing in the PDU tells the two forms apart: both ends know it from the type of their connection.
+// Data (types 5 and 6). The PDU does not show its form: both ends know the form from the type of their connection.
 class TALVO_API CCsPduData : public CCsPduSendItem {
 public:
-    // To decode, aNeedACK is all that is needed.
+    // To decode, give aNeedACK only.
     explicit CCsPduData(BOOL aNeedACK, DWORD aACK = 0, DWORD aDataLen = 0, BYTE aType = CS_PDU_TYPE_DATA_NORMAL,
                         CCmMessageBlock* aData = nullptr)
         : CCsPduSendItem(aNeedACK, aACK, aType, aDataLen, aData) {}
 
-    // Duplicates the payload for GetData and consumes it; the next PDU's bytes stay unread in aMb. Those are then blocks of
-    // their own behind aMb, DUPLICATED, to be freed by the holder of the chain. GetDataLen is what the PDU says, also when
-    // fewer bytes are there; GetData is null when memory ran out.
+    // Duplicates the payload for GetData and consumes it; the next PDU's bytes stay unread in aMb. These are then separate
+    // DUPLICATED blocks after aMb; the holder of the chain frees them. GetDataLen is the length in the PDU, even if fewer bytes
+    // are there. GetData is null if memory ran out.
     void Decode(CCmMessageBlock& aMb) override;
 
-    // Links the payload, uncopied and still owned by this PDU, behind aMb: duplicate the whole chain to keep it longer, and do
-    // not destroy it through aMb.
+    // Links the payload after aMb, uncopied and still owned by this PDU. Duplicate the whole chain to keep it longer, and do
+    // not destroy the payload through aMb.
     void Encode(CCmMessageBlock& aMb) const override;
 
-    // The fixed part alone, for instance to learn the length before all has arrived.
+    // Only the fixed part, for example to get the length before all has arrived.
     void DecodeWithOutData(CCmMessageBlock& aMb);
     void EncodeWithOutData(CCmMessageBlock& aMb) const;
 };

@@ -10,7 +10,7 @@ namespace {
 
 DWORD LengthOf(const CCsPduSendItem& aItem) { return aItem.GetFixLength() + aItem.GetDataLen(); }
 
-// A data PDU that has a copy of its payload within itself.
+// A data PDU with an internal copy of its payload.
 template <DWORD ROOM>
 class CCopiedDataT final : public CCsPduData {
 public:
@@ -26,7 +26,7 @@ private:
     CCmMessageBlock m_Payload;
 };
 
-// Small payloads are copied: that is cheaper than to share them. Null: memory ran out.
+// Small payloads are copied: this is cheaper than sharing them. Null: memory ran out.
 CCsPduData* MakeDataPdu(BOOL aNeedACK, DWORD aACK, DWORD aLength, BYTE aType, const CCmMessageBlock& aPayload) {
     if (aLength <= 128)
         return new (std::nothrow) CCopiedDataT<128>(aNeedACK, aACK, aLength, aType, aPayload);
@@ -41,7 +41,7 @@ CCsPduData* MakeDataPdu(BOOL aNeedACK, DWORD aACK, DWORD aLength, BYTE aType, co
 
 }  // namespace
 
-// The cap keeps every sequence number, and the one behind it, within SEQ_LIMIT.
+// The cap keeps every sequence number, and the next one, within SEQ_LIMIT.
 CCsSendBuf::CCsSendBuf(DWORD aMaxBufLen, DWORD aFirstSeq)
     : m_dwMaxBufLen(std::min(aMaxBufLen, SEQ_LIMIT - 1)), m_dwNextSeq(aFirstSeq), m_dwSeqACKed(aFirstSeq - 1) {}
 
@@ -164,7 +164,7 @@ BYTE CCsSendBuf::GetData(CCmMessageBlock*& aMb) {
     return m_pCurrent->GetType();
 }
 
-// The payload itself is not handed out: whoever consumed it would leave nothing to be sent again after a reconnection.
+// The payload itself is not given out: a caller that consumed it would leave no bytes for a repeat after a reconnection.
 BOOL CCsSendBuf::BuildPrepared() {
     const DWORD dwFixLength = m_pCurrent->GetFixLength();
     m_FixedPart.emplace(dwFixLength, m_pCurrent->GetPrepared(), DWORD{0}, dwFixLength);
@@ -218,7 +218,7 @@ void CCsSendBuf::DataSentLen(DWORD aLength) {
             m_pCurrent = m_pCurrent->GetNext();
         }
     }
-    // A fresh ACK for the next one, unless the transport has the old one already.
+    // A fresh ACK for the next one, unless the old one is already sent.
     if (m_dwCurrentSent == 0)
         SetCurrent(m_pCurrent);
     if (m_dwMaxBufLen == 0)
@@ -248,7 +248,7 @@ void CCsSendBuf::FreeAcknowledged() {
     FreeFirst();
 }
 
-// Whether the peer, when it said aSeq, had not seen yet that the numbers start again with aItem.
+// TRUE: when the peer sent aSeq, it had not seen the restart of the numbers at aItem.
 BOOL CCsSendBuf::IsOfRangeBefore(const CCsPduSendItem& aItem, DWORD aSeq) const {
     return &aItem == m_pRestart && m_dwSeqACKed > aItem.GetSeqEnd() && aSeq >= m_dwSeqACKed;
 }
@@ -260,7 +260,7 @@ int CCsSendBuf::DoACK(DWORD aSeq) {
     if (aSeq < m_dwSeqACKed) {
         CM_WARNING_TRACE_THIS("CCsSendBuf::DoACK(), Seq# may rewind, dwSeqACKed = " << aSeq
                                                                                     << ", m_dwSeqACKed = " << m_dwSeqACKed);
-        // Where no restart is under way the peer is wrong, and what it has not acknowledged is kept.
+        // If no restart is in progress the peer is wrong, and unacknowledged items are kept.
         while (m_pRestart && m_pFirst != m_pRestart && m_pFirst != m_pCurrent)
             FreeAcknowledged();
     }

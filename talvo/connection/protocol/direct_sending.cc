@@ -6,7 +6,7 @@ namespace {
 
 constexpr int CONNECT_TRIES = 3;
 
-// A PDU without payload, encoded into bytes that lie here.
+// A PDU without payload, encoded into its own bytes.
 class CEncoded {
 public:
     explicit CEncoded(const CCsPduBase& aPdu) : m_Block(sizeof m_szBytes, m_szBytes) { aPdu.Encode(m_Block); }
@@ -61,11 +61,11 @@ CmResult CDirectSending::SendFrame(const CCsPduBase& aHeader, CCmMessageBlock& a
     const CEncoded header(aHeader);
     const CmResult rv = m_Pending.Send(*m_pTransport, header.GetBytes(), header.GetLength(), aPayload);
     if (rv == CM_ERROR_OUT_OF_MEMORY && !m_bDatagrams)
-        m_bBroken = TRUE;  // a part of it may have gone
+        m_bBroken = TRUE;  // a part of it may be sent
     return Sent(rv);
 }
 
-// On a stream nobody would send it again, so what the last try leaves is pending.
+// A stream has no repeat for it, so the rest after the last try is pending.
 CmResult CDirectSending::SendConnectPdu(const CCmMessageBlock& aPdu) {
     CCmMessageBlock rest(aPdu, aPdu.GetTopLevelLength());
     Flush();

@@ -1,4 +1,4 @@
-// PDUs that go to the transport at once.
+// PDUs that are sent to the transport at once.
 #pragma once
 
 #include "talvo/base/export.h"
@@ -8,14 +8,14 @@
 
 namespace talvo {
 
-// The way of a connection without a send buffer and, with one, of what goes past it: connect PDUs and gathered data. What the
-// transport refuses is pending, and goes first. The transport must be set for all that sends. One thread.
+// The sending of a connection without a send buffer. With a buffer it sends what bypasses it: connect PDUs and gathered data.
+// Bytes that the transport refuses are pending, and are sent first. Every send needs a transport to be set. One thread.
 class TALVO_API CDirectSending {
 public:
-    // aLiveness is told what has been sent, and lives as long as this object.
+    // aLiveness is notified of each send, and lives as long as this object.
     explicit CDirectSending(CConnLiveness& aLiveness) : m_Liveness(aLiveness) {}
 
-    // The transport below; not owned. Null: it is gone, and so is what was pending for it.
+    // The transport below; not owned. Null: none any more, and its pending bytes are dropped.
     void SetTransport(ICmTransport* aTransport, BOOL aDatagrams);
     ICmTransport* GetTransport() const { return m_pTransport; }
     BOOL IsDatagrams() const { return m_bDatagrams; }
@@ -24,24 +24,24 @@ public:
     // Corked, data PDUs are gathered, up to some 64 KiB.
     void SetCorked(BOOL aCorked) { m_bCorked = aCorked != FALSE; }
     BOOL IsCorked() const { return m_bCorked; }
-    // Pending frames were gathered and not refused, and more may join them.
+    // TRUE: pending frames were gathered and not refused, and more may join them.
     BOOL MayGather() const { return m_bCorked && !m_Pending.IsRefused() && m_Pending.GetLength() < GATHER_LIMIT; }
 
     CFrameQueue& GetPending() { return m_Pending; }
 
-    // A data PDU around aData, which is consumed: sent or pending. CM_OK; else not taken: the transport's result for what was
-    // pending before, CM_ERROR_OUT_OF_MEMORY.
+    // Sends a data PDU around aData, which is consumed: sent or pending. CM_OK; else not taken: the transport's result for
+    // earlier pending bytes, CM_ERROR_OUT_OF_MEMORY.
     CmResult SendData(CCmMessageBlock& aData);
     // The same without sending. CM_ERROR_OUT_OF_MEMORY: not taken.
     CmResult GatherData(CCmMessageBlock& aData, BOOL aNeedACK);
-    // A PDU without payload, behind what is pending. The transport's result; refused, it is pending.
+    // A PDU without payload, after the pending bytes. The transport's result; if refused, it is pending.
     CmResult SendPdu(const CCsPduBase& aPdu);
-    // Likewise, with three tries, and dropped when a datagram transport refuses it. aPdu: encoded.
+    // Likewise, with three tries; dropped if a datagram transport refuses it. aPdu: encoded.
     CmResult SendConnectPdu(const CCmMessageBlock& aPdu);
-    // Sends what is pending. CM_OK: all has gone.
+    // Sends the pending bytes. CM_OK: all are sent.
     CmResult Flush();
 
-    // Memory ran out with a part of a PDU sent: the stream cannot go on.
+    // Memory ran out after a part of a PDU was sent: the stream cannot continue.
     BOOL IsBroken() const { return m_bBroken; }
     void SetBroken() { m_bBroken = TRUE; }
 

@@ -8,10 +8,10 @@ namespace talvo {
 namespace {
 
 constexpr DWORD MAX_COPIED = 1024;  // bytes of payload up to which a copy is cheaper than a view
-constexpr DWORD MIN_BLOCK = 1024;   // what frames share grows with what waits
+constexpr DWORD MIN_BLOCK = 1024;   // the shared block grows with the queue
 constexpr DWORD MAX_BLOCK = CCmDataBlock::BURST_SIZE;
 constexpr DWORD MIN_REST = 64;    // less space than this is not worth a view
-constexpr DWORD MAX_PIECES = 64;  // what a stream transport gathers; a longer chain would wait for an OnSend without need
+constexpr DWORD MAX_PIECES = 64;  // the limit of a stream transport; a longer chain would wait for an OnSend needlessly
 
 // Counts the pieces of a chain, up to one more than MAX_PIECES, and the bytes in the first MAX_PIECES.
 DWORD CountPieces(const CCmMessageBlock* aChain, DWORD& aBytes) {
@@ -26,8 +26,8 @@ DWORD CountPieces(const CCmMessageBlock* aChain, DWORD& aBytes) {
     return dwPieces;
 }
 
-// Views on the unread bytes alone: of foreign memory no more is copied than has to be sent, and there is no space behind them
-// that the queue might take for its own. Null: memory ran out.
+// Views on the unread bytes only: of foreign memory only these are copied, and there is no space after them that the queue
+// might use. Null: memory ran out.
 CCmChainPtr DuplicateUnread(const CCmMessageBlock& aChain) {
     CBlockChain views;
     for (const CCmMessageBlock* pMb = &aChain; pMb; pMb = pMb->GetNext()) {
@@ -53,7 +53,7 @@ CmResult CFrameQueue::Send(ICmTransport& aTransport, const void* aHeader, DWORD 
         if (rv == CM_OK)
             rv = Flush(aTransport);
     } else {
-        // The header stands before the caller's chain for this one call; the chain's own links stay as they are.
+        // The header precedes the caller's chain for this one call; the chain's own links do not change.
         CCmMessageBlock front(aHeaderLen, static_cast<const char*>(aHeader), CCmMessageBlock::DONT_DELETE, aHeaderLen);
         front.Append(&aPayload);
         CCmTransportParameter para;
@@ -72,7 +72,7 @@ CmResult CFrameQueue::Keep(const CCmMessageBlock& aRest) {
     return rv;
 }
 
-// Whether a transport that gave aResult has no more to do with what it was given.
+// TRUE: after aResult the transport has finished with the bytes that it was given.
 BOOL CFrameQueue::IsSettled_i(CmResult aResult) const {
     return aResult == CM_OK || (m_bDatagrams && aResult != CM_ERROR_PARTIAL_DATA);
 }
@@ -97,7 +97,7 @@ CmResult CFrameQueue::Add(const void* aHeader, DWORD aHeaderLen, const CCmMessag
     return CM_OK;
 }
 
-// The last block, with so much space; a datagram has its blocks to itself. Null: memory ran out.
+// The last block, with that much space; a datagram does not share blocks. Null: memory ran out.
 CCmMessageBlock* CFrameQueue::SpaceFor_i(DWORD aCount) {
     CCmMessageBlock* pLast = m_Chain.GetTail();
     if (!m_bDatagrams && pLast && pLast->GetTopLevelSpace() >= aCount)
@@ -112,7 +112,7 @@ CCmMessageBlock* CFrameQueue::SpaceFor_i(DWORD aCount) {
     return m_Chain.GetTail();
 }
 
-// What the shared block before the views has left is used behind them.
+// The free space of the shared block before the views is used after them.
 void CFrameQueue::LinkViews_i(CCmChainPtr aViews) {
     const CCmMessageBlock* pLast = m_Chain.GetTail();
     const BOOL bUseRest = !m_bDatagrams && pLast && pLast->GetTopLevelSpace() >= MIN_REST;
@@ -131,7 +131,7 @@ CmResult CFrameQueue::Flush(ICmTransport& aTransport) {
     return rv;
 }
 
-// The cut lies between two blocks, where it costs nothing and leaves the last block what it is.
+// The cut is between two blocks, where it costs nothing and does not change the last block.
 CmResult CFrameQueue::SendPart_i(ICmTransport& aTransport) {
     const DWORD dwPart = m_bDatagrams ? FirstDatagram_i() : FirstPieces_i();
     CCmChainPtr pRest = dwPart < m_dwLength ? m_Chain.Cut(dwPart) : nullptr;

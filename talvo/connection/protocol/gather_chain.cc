@@ -9,7 +9,7 @@ namespace talvo {
 
 namespace {
 
-// Calls aUse with every piece behind the first aSkip bytes while it returns TRUE. FALSE: it did not.
+// Calls aUse with every piece after the first aSkip bytes while it returns TRUE. FALSE: aUse returned FALSE.
 template <class Use>
 BOOL ForEachPiece(const CCmMessageBlock& aChain, DWORD aSkip, Use aUse) {
     for (const CCmMessageBlock* pMb = &aChain; pMb; pMb = pMb->GetNext()) {

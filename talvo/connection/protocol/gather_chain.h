@@ -1,4 +1,4 @@
-// One send made of pieces that lie in different places.
+// One send made of scattered pieces.
 #pragma once
 
 #include <cstddef>
@@ -8,26 +8,25 @@
 
 namespace talvo {
 
-// A chain of views on bytes that stay where they are, built in place without an allocation. The bytes must stay until the chain
-// is cleared or gone. Small pieces are copied into one, so that many of them leave with one call. A transport advances the
-// views and not what they view, so a send that took a part is told by GetLength() minus what is still unread. Some 20 KiB
-// large, meant for the stack. One thread.
+// A chain of views on bytes in place, built without an allocation. The bytes must stay until the chain is cleared or destroyed.
+// Small pieces are copied into one, so that many of them leave with one call. A transport advances the views and not the blocks
+// behind them, so the sent bytes are GetLength() minus the unread ones. Some 20 KiB large, meant for the stack. One thread.
 class TALVO_API CGatherChain {
 public:
-    static constexpr DWORD MAX_PIECES = 64;  // what one system call of a transport gathers
+    static constexpr DWORD MAX_PIECES = 64;  // the limit of one system call of a transport
 
     CGatherChain() {}
     ~CGatherChain() { Clear(); }
     CGatherChain(const CGatherChain&) = delete;
     CGatherChain& operator=(const CGatherChain&) = delete;
 
-    // Adds the unread bytes of aChain behind the first aSkip of them, at most a piece for each block that has any. FALSE, and
-    // nothing is added: there is no room for all of the pieces.
+    // Adds the unread bytes of aChain after the first aSkip of them, at most a piece for each non-empty block. FALSE: there is
+    // no room for all pieces, and none is added.
     BOOL Add(const CCmMessageBlock& aChain, DWORD aSkip = 0);
 
-    // Null when there are no pieces. Owned by this object.
+    // Null if there are no pieces. Owned by this object.
     CCmMessageBlock* GetHead() { return m_dwCount > 0 ? Piece(0) : nullptr; }
-    // Bytes added, whether they have been read or not.
+    // Bytes added, read or not.
     DWORD GetLength() const { return m_dwLength; }
     DWORD GetCount() const { return m_dwCount; }
 
@@ -43,9 +42,9 @@ private:
     DWORD m_dwCount = 0;
     DWORD m_dwLength = 0;
     DWORD m_dwJoined = 0;       // bytes used of m_Joined
-    BOOL m_bLastJoins = FALSE;  // the last piece lies there, and can be longer
+    BOOL m_bLastJoins = FALSE;  // the last piece is there, and can grow
     char m_Joined[16384];
-    alignas(CCmMessageBlock) std::byte m_Storage[MAX_PIECES * sizeof(CCmMessageBlock)];  // the first m_dwCount are alive
+    alignas(CCmMessageBlock) std::byte m_Storage[MAX_PIECES * sizeof(CCmMessageBlock)];  // the first m_dwCount are constructed
 };
 
 }  // namespace talvo

@@ -112,13 +112,13 @@ void CLenPkgConn::OnSend(ICmTransport*, CCmTransportParameter*) {
         m_pSink->OnSend(this);
 }
 
-// Holds no reference on itself: a last release inside an upcall shall end the connection at once, so that no further message
-// comes. The object stays until the loop is reached.
+// Holds no reference to itself: a last release inside an upcall must end the connection at once, so that no further message
+// comes. The object stays until the loop's next turn.
 void CLenPkgConn::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter* aPara) {
     m_Est.EnsureSingleThread();
     if (!m_pTransport)
         return;
-    // The length under way was allowed; more than it is only what one read brings.
+    // The current length was accepted; bytes beyond it come from one read only.
     const DWORD dwHave = m_Receive.GetLength();
     if (m_Receive.Append(aData, m_dwNeeded - std::min(m_dwNeeded, dwHave)) != CM_OK) {
         OnDisconnect(CM_ERROR_OUT_OF_MEMORY, m_pTransport.Get());
@@ -136,7 +136,7 @@ BOOL CLenPkgConn::ReadLength_i() {
     if (dwLength == 0) {
         CM_ERROR_TRACE_THIS("CLenPkgConn::OnReceive PDU length is zero!!! and the connection will be abort");
         NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer has announced a message of length 0");
-        OnDisconnect(CM_OK, m_pTransport.Get());  // on purpose no failure
+        OnDisconnect(CM_OK, m_pTransport.Get());  // deliberately no failure
         return FALSE;
     }
     if (dwLength > GetMaxMessage_i()) {
@@ -194,7 +194,7 @@ void CLenPkgConn::Reset4Recv() {
     m_dwMessageLen = 0;
 }
 
-// What is left of a connection that has ended.
+// Clears a connection that has ended.
 void CLenPkgConn::Reset() {
     if (m_pTransport)
         m_tvDisconnected = CCmTimeValue::GetTimeOfDay();
@@ -217,7 +217,7 @@ CmResult CLenPkgConn::SetOption(DWORD aCommand, void* aArg) {
     case CM_OPT_TRANSPORT_CORK:
         m_bCorked = *static_cast<BOOL*>(aArg);
         if (!m_bCorked && !m_Pending.IsRefused())
-            SendPending_i();  // what is refused waits for the transport
+            SendPending_i();  // refused bytes wait for the transport
         return CM_OK;
     case CM_OPT_TRANSPORT_LAYERED:
         return SetLayered_i(*static_cast<BOOL*>(aArg));

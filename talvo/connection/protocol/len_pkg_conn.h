@@ -1,4 +1,4 @@
-// Messages over a byte stream, each behind its length.
+// Messages over a byte stream, each after its length.
 #pragma once
 
 #include "talvo/base/time_value.h"
@@ -14,12 +14,13 @@ class CConnServerList;
 //  0               4                4 + L
 //  | length L      | payload ...    |           L big-endian, never 0
 //
-// No handshake, no acknowledgement, no keep-alive: connected as soon as the transport below is. Both ends are of this class; a
-// connector or acceptor makes it and gives it the transport. OnReceive brings one whole message. A peer that announces a
-// message of length 0 or beyond CS_OPT_MAX_MESSAGE_LEN is cut off: OnDisconnect with reason CM_OK, or CM_ERROR_NOT_AVAILABLE.
+// No handshake, no acknowledgement, no keep-alive: connected as soon as the transport below is. Both ends must be of this
+// class; a connector or acceptor makes it and gives it the transport. OnReceive brings one whole message. If a peer announces a
+// message of length 0 or beyond CS_OPT_MAX_MESSAGE_LEN, the connection is aborted: OnDisconnect with reason CM_OK, or
+// CM_ERROR_NOT_AVAILABLE.
 //
-// Network thread only. Every upcall may send, set options, disconnect and release the connection. Messages that come before
-// OpenWithSink are dropped: open it inside the indication.
+// Network thread only. Every upcall may send, set options, disconnect and release the connection. Messages before OpenWithSink
+// are dropped: open it inside the indication.
 class TALVO_API CLenPkgConn : public CConnBase, public ICmTransportSink, public ICmAcceptorConnectorSink {
 public:
     CLenPkgConn();
@@ -27,32 +28,32 @@ public:
 
     // Takes a message whole or not at all. CM_OK: sent, or kept and sent first when the transport has room again.
     // CM_ERROR_PARTIAL_DATA: one is kept already; OnSend follows. CM_ERROR_INVALID_ARG: longer than CS_OPT_MAX_MESSAGE_LEN.
-    // CM_ERROR_NOT_AVAILABLE: not connected. CM_ERROR_OUT_OF_MEMORY: the connection has ended, which OnDisconnect has told. An
-    // empty message is not sent: CM_OK.
+    // CM_ERROR_NOT_AVAILABLE: not connected. CM_ERROR_OUT_OF_MEMORY: the connection has ended with OnDisconnect. An empty
+    // message is not sent: CM_OK.
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
 
-    // CS_OPT_MAX_MESSAGE_LEN, CM_OPT_TRANSPORT_UNACKNOWLEDGED, _MAX_MESSAGE and _CORK; all others are the transport's below,
-    // CM_ERROR_NOT_AVAILABLE without one. While corked, up to 64 KiB are gathered. While reading is paused, the messages that
-    // one read of the transport has brought before still come.
+    // CS_OPT_MAX_MESSAGE_LEN, CM_OPT_TRANSPORT_UNACKNOWLEDGED, _MAX_MESSAGE and _CORK. All others go to the transport below,
+    // CM_ERROR_NOT_AVAILABLE without one. While corked, up to 64 KiB are gathered. While reading is paused, messages from an
+    // earlier read of the transport still come.
     CmResult SetOption(DWORD aCommand, void* aArg) override;
     CmResult GetOption(DWORD aCommand, void* aArg) override;
 
-    // Ends the transport below with aReason and returns its result. With CM_OK what is unsent goes out first, for at most
-    // LingerSeconds (CTransportLinger); with any other reason it is lost, see CM_OPT_TRANSPORT_UNACKNOWLEDGED.
+    // Ends the transport below with aReason and returns its result. With CM_OK the unsent bytes are sent first, for at most
+    // LingerSeconds (CTransportLinger). With any other reason they are lost, see CM_OPT_TRANSPORT_UNACKNOWLEDGED.
     CmResult Disconnect(CmResult aReason) override;
 
-    // Ends an opening; nobody is told.
+    // Ends an opening without a call.
     void CancelConnect() { Disconnect(CM_OK); }
 
-    // Puts it among the connections whose opening has not ended; not owned; may be null.
+    // Adds it to the connections with an unfinished opening; not owned; may be null.
     void SetServerList(talvo::CConnServerList* aList);
 
-    // When it has last ended, by the wall clock; zero: it has not.
+    // The time of its last end, by the wall clock; zero: not ended.
     CCmTimeValue GetDisconnTimestamp() const { return m_tvDisconnected; }
 
     // From the connector or acceptor below.
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
-    // From the transport below. OnSend is passed on, even when what was kept is refused again.
+    // From the transport below. OnSend is passed on, even if the kept bytes are refused again.
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara = nullptr) override;
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara = nullptr) override;
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
@@ -72,7 +73,7 @@ private:
     talvo::CFrameQueue m_Pending;
     talvo::CReceiveChain m_Receive;
     DWORD m_dwNeeded = HEADER_LEN;  // bytes until the next step
-    DWORD m_dwMessageLen = 0;       // of the message under way; 0: not read yet
+    DWORD m_dwMessageLen = 0;       // of the current message; 0: not read yet
     DWORD m_dwMaxMessage = CS_DEFAULT_MAX_MESSAGE_LEN;
     BOOL m_bCorked = FALSE;
     CCmTimeValue m_tvDisconnected;

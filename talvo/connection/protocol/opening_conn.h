@@ -1,4 +1,4 @@
-// A protocol connection whose opening has not ended, as the connector or acceptor that made it holds it.
+// A protocol connection with an unfinished opening, as the connector or acceptor that made it holds it.
 #pragma once
 
 #include <new>
@@ -8,15 +8,15 @@
 
 namespace talvo {
 
-// One object seen from its sides, whatever its class. Empty: there is none.
+// One object with its interfaces, for any class. Empty: none.
 struct COpeningConn {
     explicit operator bool() const { return bool{m_pConn}; }
 
-    // Ends the opening; nobody is told.
+    // Ends the opening without a call.
     void Cancel() const { m_CancelConnect(*m_pConn); }
 
     CCmRefPtrT<CConnBase> m_pConn;
-    ICmAcceptorConnectorSink* m_pSink = nullptr;  // to be told of the transport below; lives as long as m_pConn
+    ICmAcceptorConnectorSink* m_pSink = nullptr;  // gets the transport below; lives as long as m_pConn
     void (*m_CancelConnect)(CConnBase& aConn) = nullptr;
 };
 
@@ -29,7 +29,7 @@ COpeningConn MakeOpeningConn(T* aConn) {
     return opening;
 }
 
-// A new T, with keep-alives if that is wanted and it has such; null: memory ran out.
+// A new T, with keep-alives if requested and supported; null: memory ran out.
 template <class T>
 CCmRefPtrT<T> NewConn([[maybe_unused]] BOOL aNeedKeepAlive) {
     CCmRefPtrT<T> pConn(new (std::nothrow) T);

@@ -1,4 +1,4 @@
-// PDUs out of received bytes.
+// Reads PDUs from received bytes.
 #pragma once
 
 #include "talvo/base/export.h"
@@ -7,31 +7,31 @@
 
 namespace talvo {
 
-// Keeps what has been received and reads one PDU after the other: the type, for a data PDU the header with its length, then the
-// whole. Judges nothing but the type. One thread.
+// Stores received bytes and reads one PDU after another: the type, for a data PDU the header with its length, then the whole.
+// Checks only the type. One thread.
 class TALVO_API CPduReader {
 public:
-    // Adds received bytes. CM_ERROR_OUT_OF_MEMORY: some are lost, the stream cannot go on.
+    // Adds received bytes. CM_ERROR_OUT_OF_MEMORY: some are lost, the stream cannot continue.
     CmResult Append(const CCmMessageBlock& aData);
 
-    // There are bytes enough for the next step: the type, the header or the whole PDU.
+    // There are enough bytes for the next step: the type, the header or the whole PDU.
     BOOL IsReady() const { return m_Received.GetLength() >= m_dwLength; }
-    DWORD GetReceived() const { return m_Received.GetLength(); }  // bytes that have not been taken
+    DWORD GetReceived() const { return m_Received.GetLength(); }  // bytes not yet taken
 
-    // The PDU under way.
+    // The current PDU.
     BYTE GetType() const { return m_byType; }                // CS_PDU_TYPE_NONE: not read yet
-    DWORD GetLength() const { return m_dwLength; }           // bytes, as far as they are known
+    DWORD GetLength() const { return m_dwLength; }           // bytes known so far
     DWORD GetDataLength() const { return m_dwDataLength; }   // of a data PDU whose header has been read
     DWORD GetACK() const { return m_dwACK; }                 // likewise
     BOOL IsDataLengthKnown() const { return m_bDataKnown; }  // likewise
 
     // Reads the type. aNeedACK: data PDUs have an ACK field. FALSE: there is no such type.
     BOOL ReadType(BOOL aNeedACK);
-    // Reads the header of a data PDU. FALSE, and the header counts as not read: the length is beyond aMaxData.
+    // Reads the header of a data PDU. FALSE: the length is beyond aMaxData, and the header counts as not read.
     BOOL ReadDataHeader(BOOL aNeedACK, DWORD aMaxData);
     // Takes a PDU without payload.
     void TakeFixed(CCsPduBase& aPdu);
-    // Takes the header of a data PDU, which is whole; the payload comes next.
+    // Takes the complete header of a data PDU; the payload comes next.
     void SkipHeader() { m_Received.Skip(m_dwLength - m_dwDataLength); }
     void Skip(DWORD aCount) { m_Received.Skip(aCount); }
     // Passes the first aCount bytes to aUse as a block; see CReceiveChain::Take.
@@ -40,7 +40,7 @@ public:
         return m_Received.Take(aCount, aUse);
     }
 
-    // The next PDU begins.
+    // Starts the next PDU.
     void Next();
     // Drops everything.
     void Clear();

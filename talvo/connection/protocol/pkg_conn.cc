@@ -24,7 +24,7 @@ CmResult CPkgConn::Disconnect(CmResult aReason) {
     return Close_i(aReason);
 }
 
-// A peer that ends the opening in order has refused it all the same.
+// A peer that closes gracefully during the opening has still refused it.
 void CPkgConn::Lost_i(CmResult aReason) {
     const BOOL bConnected = m_wStatus == CS_STATUS_CONNECTED;
     End_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);

@@ -22,12 +22,12 @@ CPkgConnClient::CPkgConnClient() : CPkgConn(INSTANCE_CLIENT) {
 
 CPkgConnClient::~CPkgConnClient() { --s_Live; }
 
-// The transport stays held: should it still deliver something, that is dropped.
+// The transport is still held: data that it delivers is dropped.
 void CPkgConnClient::CancelConnect() {
     m_bCancelled = TRUE;
     m_pOwner = nullptr;
     CancelTimers_i();
-    SendDisconn(CM_OK);  // over datagrams nothing else would tell the server
+    SendDisconn(CM_OK);  // over datagrams the server gets no other notification
     DisconnectTransport_i(CM_OK);
 }
 

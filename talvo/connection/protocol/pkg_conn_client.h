@@ -3,17 +3,17 @@
 
 #include "talvo/connection/protocol/pkg_conn.h"
 
-// Made by a connector for one attempt: the sink of the lower connector and of its transport. The attempt, from here on, has 60
+// A connector makes it for one attempt: the sink of the lower connector and of its transport. From then on the attempt has 60
 // seconds; over datagrams the request is sent up to seven times in 4.2 seconds. Reasons of the connector's OnConnectIndication,
-// beside those of the lower connector: CM_ERROR_NETWORK_CONNECT_ERROR (20006) after 60 s, CM_ERROR_NETWORK_BAD_CONNECT_RESPONSE
-// (20013) when the peer is of another type, CM_ERROR_NETWORK_SOCKET_ERROR (20001) when the transport was lost meanwhile, or the
-// reason that the peer gave.
+// besides those of the lower connector: CM_ERROR_NETWORK_CONNECT_ERROR (20006) after 60 s;
+// CM_ERROR_NETWORK_BAD_CONNECT_RESPONSE (20013): the peer is of another type; CM_ERROR_NETWORK_SOCKET_ERROR (20001): the
+// transport was lost meanwhile; or the peer's reason.
 class TALVO_API CPkgConnClient : public CPkgConn {
 public:
     CPkgConnClient();
     ~CPkgConnClient() override;
 
-    // Gives the attempt up; the owner is told nothing any more.
+    // Abandons the attempt; the owner gets no more calls.
     void CancelConnect();
 
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override;

@@ -77,7 +77,7 @@ void CPkgConnServer::Accept_i() {
         StartData_i();
 }
 
-// A sink that has sent inside its indication was promised delivery, and the peer takes no data before the response.
+// Data that a sink sent inside its indication must be delivered, and the peer takes no data before the response.
 CmResult CPkgConnServer::Disconnect(CmResult aReason) {
     m_Est.EnsureSingleThread();
     if (aReason == CM_OK && m_wStatus == CS_STATUS_HANDSHAKE && HasUnsentData_i() && SendConnResp() != CM_ERROR_OUT_OF_MEMORY)
@@ -85,7 +85,7 @@ CmResult CPkgConnServer::Disconnect(CmResult aReason) {
     return CPkgConn::Disconnect(aReason);
 }
 
-// A second request, of another type, ends a connection that its sink has to hear of.
+// A second request, of another type, ends a connection whose sink must be notified.
 void CPkgConnServer::RefuseType_i() {
     ICmTransportSink* pSink = m_pSink;
     Disconnect(CM_ERROR_NOT_AVAILABLE);

@@ -3,15 +3,15 @@
 
 #include "talvo/connection/protocol/pkg_conn.h"
 
-// Made by an acceptor for each transport that it is handed. It has 60 seconds for the connect request; then, or when the
-// transport is lost before, it goes without anybody being told. The acceptor's sink hears of it before the response is sent,
-// and what the sink sends inside follows the response, also when it disconnects with CM_OK there.
+// An acceptor makes it for each of its transports. The connect request must come within 60 seconds. After that, or after a loss
+// of the transport, the connection is deleted without a call. The acceptor's sink is notified before the response is sent. Data
+// that the sink sends inside follows the response, also if the sink disconnects with CM_OK there.
 class TALVO_API CPkgConnServer : public CPkgConn {
 public:
     CPkgConnServer();
     ~CPkgConnServer() override;
 
-    // Gives the opening up; the owner is told nothing any more.
+    // Abandons the opening; the owner gets no more calls.
     void CancelConnect();
 
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override;

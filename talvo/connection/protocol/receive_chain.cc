@@ -7,7 +7,7 @@ namespace talvo {
 
 namespace {
 
-// Storage is asked for in pieces of at least and, unless more arrives at once, at most so many bytes.
+// Storage is allocated in pieces of at least MIN_BLOCK and, unless more arrives at once, at most MAX_BLOCK bytes.
 constexpr DWORD MIN_BLOCK = 256;
 constexpr DWORD MAX_BLOCK = CCmDataBlock::BURST_SIZE;
 
@@ -56,8 +56,8 @@ void CReceiveChain::Skip(DWORD aCount) {
         m_Chain.DropRead();
 }
 
-// The cut lies between two blocks. Of a block in which it would lie, the front gets a view without space behind it: a sink
-// that writes to what it was given must not reach what follows.
+// The cut is between two blocks. If it would be inside a block, the front gets a view without space after it: a sink that
+// writes to its block must not reach the bytes that follow.
 CCmChainPtr CReceiveChain::CutFront_i(DWORD aCount) {
     DWORD dwWhole = 0;
     for (const CCmMessageBlock* pMb = m_Chain.GetHead(); pMb && pMb->GetTopLevelLength() <= aCount - dwWhole;

@@ -1,12 +1,12 @@
-// Received bytes that make no whole message yet.
+// Received bytes of incomplete messages.
 #pragma once
 
 #include "talvo/base/block_chain.h"
 
 namespace talvo {
 
-// Every byte is copied once, when it comes in, into blocks of its own: a peer that sends single bytes costs little more than
-// those. What is taken out is viewed or cut, not copied. Empty, it holds no memory.
+// Every byte is copied once on arrival, into the chain's own blocks: a peer that sends single bytes costs little more than
+// those bytes. Bytes taken out are viewed or cut, not copied. Empty, it holds no memory.
 class TALVO_API CReceiveChain {
 public:
     CReceiveChain() = default;
@@ -15,18 +15,18 @@ public:
 
     DWORD GetLength() const { return m_dwLength; }
 
-    // Copies the whole of aData in. aMissing: how many bytes the message under way still lacks, as far as that is known;
-    // storage for them is provided in good time. CM_ERROR_OUT_OF_MEMORY: the chain has lost what it could not take, give it up.
+    // Copies the whole of aData. aMissing: the bytes that the current message still lacks, as far as known; storage for them is
+    // allocated early enough. CM_ERROR_OUT_OF_MEMORY: bytes are lost, so drop the chain.
     CmResult Append(const CCmMessageBlock& aData, DWORD aMissing);
 
-    // Copies the first aCount bytes and leaves them. FALSE: there are not so many.
+    // Copies the first aCount bytes without consuming them. FALSE: there are fewer.
     BOOL Peek(void* aDst, DWORD aCount) const;
 
-    // Drops the first aCount bytes, of which there must be so many.
+    // Drops the first aCount bytes, which must exist.
     void Skip(DWORD aCount);
 
-    // Takes the first aCount bytes, of which there must be so many, out and passes them to aUse as a block; aUse may do
-    // anything to this chain, even clear it, but not destroy it. CM_ERROR_OUT_OF_MEMORY: aUse was not called.
+    // Removes the first aCount bytes, which must exist, and passes them to aUse as a block. aUse may do anything to this chain,
+    // even clear it, but not destroy it. CM_ERROR_OUT_OF_MEMORY: aUse was not called.
     template <class Use>
     CmResult Take(DWORD aCount, Use aUse) {
         if (aCount == 0) {
