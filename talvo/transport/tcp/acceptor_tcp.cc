@@ -77,7 +77,7 @@ CmResult CCmAcceptorTcp::Bind_i(const CCmInetAddr& aAddrListen) {
     m_Listening.ApplyTo(m_Socket);
     if (bind(GetHandle(), reinterpret_cast<const sockaddr*>(aAddrListen.GetPtr()), aAddrListen.GetSize()) == -1)
         return failed("bind", "bind to");
-    // Not blocking, so that a peer that has gone between the report and the accept does not stop the thread.
+    // Non-blocking: a peer that closes between the report and the accept must not block the thread.
     if (m_Socket.Enable(CCmIPCBase::NON_BLOCK) == -1 || listen(GetHandle(), BACKLOG) == -1) {
         m_Failure = CCmFailure(errno, "listen on", aAddrListen);
         CM_ERROR_TRACE_THIS("CCmAcceptorTcp::StartListen, listen() failed! err=" << m_Failure.GetErrno());
@@ -110,7 +110,7 @@ CmResult CCmAcceptorTcp::GetListenAddr(CCmInetAddr& aAddr) {
     return m_Socket.GetLocalAddr(aAddr) == 0 ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
 }
 
-// Touches no member after the upcall, which may have released this acceptor.
+// Accesses no member after the upcall, which may have released this acceptor.
 int CCmAcceptorTcp::OnInput(HANDLE aFd) {
     m_Est.EnsureSingleThread();
     CCmRefPtrT<CCmTransportTcp> pTransport(new (std::nothrow) CCmTransportTcp(m_pReactor));
@@ -120,7 +120,7 @@ int CCmAcceptorTcp::OnInput(HANDLE aFd) {
     }
     CCmInetAddr addrPeer;
     socklen_t length = addrPeer.GetSize();
-    constexpr int FLAGS = SOCK_CLOEXEC | SOCK_NONBLOCK;  // together with the call they cost nothing and cannot fail
+    constexpr int FLAGS = SOCK_CLOEXEC | SOCK_NONBLOCK;  // as part of the call they cost nothing and cannot fail
     const HANDLE fdNew = accept4(aFd, reinterpret_cast<sockaddr*>(addrPeer.GetPtr()), &length, FLAGS);
     if (fdNew == CM_INVALID_HANDLE) {
         AcceptFailed_i(errno);
@@ -144,7 +144,7 @@ void CCmAcceptorTcp::AcceptFailed_i(int aError) {
         Rest_i(aError);
         return;
     }
-    if (aError != EAGAIN && aError != EINTR)  // the peer has gone again, or a signal came: nothing has failed
+    if (aError != EAGAIN && aError != EINTR)  // the peer has closed again, or a signal came: no failure
         CM_ERROR_TRACE_THIS("CCmAcceptorTcp::OnInput, accept() failed! err=" << aError);
 }
 
@@ -156,7 +156,7 @@ void CCmAcceptorTcp::Rest_i(int aError) {
     }
     const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, CCmTimeValue(0, REST_USEC), 1);
     if (rv != CM_OK && rv != CM_ERROR_FOUND)
-        return;  // no timer: stays registered and tries with every report
+        return;  // no timer: stays registered and retries at every report
     m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
     m_bResting = TRUE;
 }

@@ -5,10 +5,10 @@
 #include "talvo/transport/base_types.h"
 #include "talvo/transport/socket.h"
 
-// One connection is accepted a readiness report. When the process is out of descriptors, it rests for a tenth of a second at a
-// time, leaves the peers in the backlog (1,024) and goes on when there is one again. A failure to accept is traced and never
-// reported to the sink. The listener sets SO_REUSEADDR, so that a restarted server can bind at once; a port on which somebody
-// listens is refused all the same.
+// Accepts one connection a readiness report. If the process is out of descriptors, it pauses for a tenth of a second at a time,
+// leaves the peers in the backlog (1,024) and continues when a descriptor is free. A failure to accept is traced and never
+// reported to the sink. The listener sets SO_REUSEADDR, so that a restarted server can bind at once; a port with an active
+// listener is still refused.
 class TALVO_API CCmAcceptorTcp : public CCmAcceptorBase, public ACmEventHandler, public ICmTimerHandler {
 public:
     CCmAcceptorTcp();

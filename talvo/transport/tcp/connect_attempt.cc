@@ -27,7 +27,7 @@ int CConnectAttemptT<TransportType>::Start(const CCmInetAddr& aAddr, const CCmIn
     const int nRv = Connect_i(aAddrLocal, aSockets);
     const int nErr = errno;
     if (nRv != 1)
-        Unregister_i();  // nothing is to be reported
+        Unregister_i();  // no report follows
     if (nRv == -1)
         m_pTransport.Reset();
     errno = nErr;
@@ -57,14 +57,14 @@ int CConnectAttemptT<TransportType>::Connect_i(const CCmInetAddr& aAddrLocal, co
         return Failed_i("watch the connect to", m_AddrPeer);
     if (connect(GetHandle(), reinterpret_cast<const sockaddr*>(m_AddrPeer.GetPtr()), m_AddrPeer.GetSize()) == 0)
         return 0;
-    if (errno == EINPROGRESS || errno == EINTR)  // an interrupted connect goes on in the background
+    if (errno == EINPROGRESS || errno == EINTR)  // an interrupted connect continues in the background
         return 1;
     CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, connect() failed! addr=" << m_AddrPeer.GetIpDisplayName() << " port="
                                                                                << m_AddrPeer.GetPort() << "err=" << errno);
     return Failed_i("connect to", m_AddrPeer);
 }
 
-// -1, with errno as it was.
+// Returns -1, and keeps errno.
 template <class TransportType>
 int CConnectAttemptT<TransportType>::Failed_i(const char* aVerb, const CCmInetAddr& aAddr) {
     m_Failure = CCmFailure(errno, aVerb, aAddr);
@@ -81,7 +81,7 @@ HANDLE CConnectAttemptT<TransportType>::GetHandle() const {
     return m_pTransport ? m_pTransport->GetPeer().GetHandle() : CM_INVALID_HANDLE;
 }
 
-// The system says how the connect ended.
+// The system reports the result of the connect.
 template <class TransportType>
 int CConnectAttemptT<TransportType>::OnOutput(HANDLE) {
     int nErr = 0;

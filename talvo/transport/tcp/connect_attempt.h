@@ -1,4 +1,4 @@
-// One socket on its way to one address.
+// One connect of one socket to one address.
 #pragma once
 
 #include "talvo/base/failure.h"
@@ -14,8 +14,7 @@ class CConnectAttemptT final : public ACmEventHandler {
 public:
     class IOwner {
     public:
-        // The one report of an attempt that is under way. 0: connected; else the system's error, already traced. May delete
-        // aAttempt.
+        // The one report of an attempt in progress. 0: connected; else the system's error, already traced. May delete aAttempt.
         virtual void OnAttemptDone(CConnectAttemptT& aAttempt, int aError) = 0;
 
     protected:
@@ -28,10 +27,10 @@ public:
     // 0: connected at once. 1: under way. -1: failed at once, the error in errno. A report follows only for 1.
     int Start(const CCmInetAddr& aAddr, const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets);
 
-    // The transport, connected after a good end; the attempt has let go of it.
+    // The transport, connected after a success; the attempt no longer holds it.
     CCmRefPtrT<TransportType> TakeTransport();
 
-    // What failed, at once or later.
+    // The failure, immediate or later.
     const CCmFailure& GetFailure() const { return m_Failure; }
 
     HANDLE GetHandle() const override;

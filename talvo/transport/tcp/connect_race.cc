@@ -32,7 +32,7 @@ void CConnectRaceT<TransportType>::Stop() {
         m_pReactor->CancelTimer(this);
 }
 
-// Skips addresses that fail at once. Results as Start; -1: there is no other address.
+// Skips addresses that fail at once. Results as Start; -1: there are no more addresses.
 template <class TransportType>
 int CConnectRaceT<TransportType>::StartNext_i(CCmRefPtrT<TransportType>& aTransport) {
     while (m_stNext < m_Addrs.size()) {

@@ -8,15 +8,15 @@
 
 namespace talvo {
 
-// Tries addresses in turn: the next one when the one before has failed, or has not connected within 250 ms; the first to
-// connect wins and the others are closed. One race at a time, in the thread of its reactor.
+// Tries addresses in turn. The next one starts when the previous one has failed, or has not connected within 250 ms. The first
+// to connect wins and the others are closed. One race at a time, in the thread of its reactor.
 template <class TransportType>
 class CConnectRaceT final : private ICmTimerHandler, private CConnectAttemptT<TransportType>::IOwner {
 public:
     class IUser {
     public:
-        // The one report of a race that is under way: the connected transport, or null when every address has failed. May
-        // delete the race.
+        // The one report of a race in progress: the connected transport, or null if every address has failed. May delete the
+        // race.
         virtual void OnRaceDone(CCmRefPtrT<TransportType> aTransport) = 0;
 
     protected:
@@ -33,7 +33,7 @@ public:
     int Start(std::vector<CCmInetAddr> aAddrs, const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets,
               CCmRefPtrT<TransportType>& aTransport);
 
-    // Why the address that failed last did so.
+    // The failure of the last address that failed.
     const CCmFailure& GetFailure() const { return m_Failure; }
 
     // Ends all attempts; no report follows.
@@ -54,8 +54,8 @@ private:
     CCmInetAddr m_AddrLocal;
     CSocketSettings m_Sockets;
     std::vector<CCmInetAddr> m_Addrs;
-    size_t m_stNext = 0;                                // the first address that has not been tried
-    std::vector<std::unique_ptr<CAttempt>> m_Attempts;  // under way
+    size_t m_stNext = 0;                                // the first address not yet tried
+    std::vector<std::unique_ptr<CAttempt>> m_Attempts;  // in progress
     CCmFailure m_Failure;
 };
 

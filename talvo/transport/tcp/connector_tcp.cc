@@ -33,7 +33,7 @@ int CCmConnectorTcpT<TransportType>::Connect(const CCmInetAddr& aAddr, CCmInetAd
     });
 }
 
-// What aConnect returns; -1 when memory ran out in it, with nothing under way.
+// Returns the result of aConnect; -1 if memory ran out in it, with no attempt in progress.
 template <class TransportType>
 template <class Callable>
 int CCmConnectorTcpT<TransportType>::WithMemory_i(Callable aConnect) {
@@ -80,7 +80,7 @@ int CCmConnectorTcpT<TransportType>::ConnectTo_i(const std::vector<DWORD>& aAddr
     return ReportLater_i(CM_OK);
 }
 
-// The attempt is under way by now, so what fails at once is no longer a refusal by Connect.
+// The attempt is now in progress, so an immediate failure is no longer a refusal by Connect.
 template <class TransportType>
 void CCmConnectorTcpT<TransportType>::OnNameKnown(const CCmDnsRecord& aRecord) {
     if (aRecord.GetState() == CCmDnsRecord::FAILED) {
@@ -122,7 +122,7 @@ CmResult CCmConnectorTcpT<TransportType>::FailureResult_i() const {
     return m_Failure.GetErrno() == ENOMEM ? CM_ERROR_OUT_OF_MEMORY : CM_ERROR_NETWORK_CONNECT_ERROR;
 }
 
-// The last thing of an attempt: the upper connector may delete this one.
+// The last step of an attempt: the upper connector may delete this one.
 template <class TransportType>
 void CCmConnectorTcpT<TransportType>::Report_i(CmResult aReason) {
     const CCmRefPtrT<TransportType> pTransport = std::move(m_pTransport);

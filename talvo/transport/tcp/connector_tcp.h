@@ -10,8 +10,8 @@
 #include "talvo/transport/tcp/transport_tcp.h"
 
 // Makes a TransportType over a socket that it connects. A host name is looked up first; of several addresses the first to
-// connect is taken, see CConnectRaceT. A connect that completes at once, and a name without an address, are reported from a
-// timer of its own, never from inside Connect.
+// connect is used, see CConnectRaceT. An immediate connection, and a name without an address, are reported from a timer, never
+// from inside Connect.
 template <class TransportType>
 class CCmConnectorTcpT : public ACmConnectorInternal,
                          private ICmTimerHandler,
@@ -52,7 +52,7 @@ private:
     talvo::CConnectRaceT<TransportType> m_Race;  // then this,
     CCmRefPtrT<TransportType> m_pTransport;      // which gives this
     BOOL m_bTimerArmed = FALSE;
-    CmResult m_LaterReason = CM_OK;  // what the timer reports
+    CmResult m_LaterReason = CM_OK;  // the reason that the timer reports
 };
 
 extern template class TALVO_API CCmConnectorTcpT<CCmTransportTcp>;

@@ -50,7 +50,7 @@ CmResult CCmTransportTcp::Open_t() {
     return CM_OK;
 }
 
-// What to be registered for now; never nothing, since that would end the notice of failures.
+// The events to register for now; never none, because that would end the reports of failures.
 long CCmTransportTcp::GetMask_i() const {
     const long lRead = m_bReadingPaused ? NULL_MASK : READ_MASK;
     const BOOL bWrite = !IsWriteOnDemand_i() || m_bNeedOnSend || m_bReadingPaused;
@@ -71,7 +71,7 @@ CmResult CCmTransportTcp::Disconnect(CmResult aReason) {
     return CCmTransportBase::Disconnect(aReason);
 }
 
-// Another transport carries the socket on, so that this one is closed like any other. Without memory it is closed at once.
+// Another transport takes the socket over, so that this one is closed like any other. If memory runs out, it is closed at once.
 void CCmTransportTcp::LetLinger_i() {
     int nUnacknowledged = 0;
     if (m_SocketTcp.Control(SIOCOUTQ, &nUnacknowledged) != 0 || nUnacknowledged == 0)
@@ -95,7 +95,7 @@ CmResult CCmTransportTcp::Close_t(CmResult aReason) {
     return CM_OK;
 }
 
-// The system notes what it has found out, unless a receive or send has taken that off the socket.
+// Stores the socket's error, unless a receive or send has consumed it.
 int CCmTransportTcp::OnClose(HANDLE aFd, long aMask) {
     int nError = 0;
     int nLength = sizeof nError;
@@ -144,7 +144,7 @@ int CCmTransportTcp::Send_i(const char* aBuf, DWORD aLen) {
     return -1;
 }
 
-// The system need not report what a send has met, so the loop does.
+// The system need not report an error of a send again, so the loop does.
 CmResult CCmTransportTcp::SendFailed_i(int aError) {
     if (m_bEndSent)
         return CM_ERROR_NETWORK_SOCKET_ERROR;
@@ -155,7 +155,7 @@ CmResult CCmTransportTcp::SendFailed_i(int aError) {
     return CM_ERROR_NETWORK_SOCKET_ERROR;
 }
 
-// Behind what can still be received, unless reading is paused: whatever would end the pause may never come.
+// After all data that can still be received, unless reading is paused: the pause may never end.
 void CCmTransportTcp::TellBroken_i() { m_pReactor->NotifyHandler(this, m_bReadingPaused ? CLOSE_MASK : READ_MASK); }
 
 int CCmTransportTcp::OnInput(HANDLE) {
@@ -170,12 +170,12 @@ int CCmTransportTcp::OnInput(HANDLE) {
     if (nRecv == 0)
         return TellEnd_i();
     if (m_bBroken)
-        TellBroken_i();  // what is left has its turn after this
+        TellBroken_i();  // the rest follows later
     const DWORD dwRecv = static_cast<DWORD>(nRecv);
     m_Counters.m_ullBytesReceived += dwRecv;
     ++m_Counters.m_ullReceives;
     if (m_pSink) {
-        // The block covers what was received and no more: a duplicate must not copy what other connections left behind.
+        // The block covers the received bytes only: a duplicate must not copy bytes of other connections.
         CCmMessageBlock block(dwRecv, pBuffer, CCmMessageBlock::DONT_DELETE, dwRecv);
         m_pSink->OnReceive(block, this, nullptr);
     }
@@ -238,12 +238,13 @@ CmResult CCmTransportTcp::SendData(CCmMessageBlock& aData, CCmTransportParameter
     return bAll ? CM_OK : PartialSend_i(TRUE);
 }
 
-// aMoreRoom: the chain was cut, not the socket's buffer full, so no edge will come: the reactor is asked for the report.
+// aMoreRoom: the chain was cut, but the socket's buffer is not full. No edge will come, so the report is requested from the
+// reactor.
 CmResult CCmTransportTcp::PartialSend_i(BOOL aMoreRoom) {
     ++m_Counters.m_ullPartialSends;
     m_bNeedOnSend = TRUE;
     if (!m_bOpen)
-        return CM_ERROR_PARTIAL_DATA;  // opening reports what is ready
+        return CM_ERROR_PARTIAL_DATA;  // opening reports readiness
     if (IsWriteOnDemand_i())
         m_pReactor->RegisterHandler(this, GetMask_i());
     if (aMoreRoom)
