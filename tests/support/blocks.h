@@ -15,7 +15,7 @@ inline CCmMessageBlock* MakeBlock(const std::string& aText, DWORD aSpace = 0) {
     return mb.DuplicateTopLevel();
 }
 
-// An empty block, and behind it one for each piece; aNext says how long the next piece is.
+// An empty block, followed by one for each piece; aNext returns the length of the next piece.
 template <class Next>
 CCmChainPtr MakeChain(const std::string& aBytes, Next aNext) {
     CCmChainPtr pChain(MakeBlock(""));

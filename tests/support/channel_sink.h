@@ -1,10 +1,10 @@
-// What HTTP and file channels say.
+// A sink for HTTP and file channels.
 #pragma once
 
 #include "talvo/http/channel/channel.h"
 #include "tests/support/test.h"
 
-// Collects what a channel says and sees that it is said in order; each upcall may also run a callable.
+// Collects a channel's upcalls and checks their order; each upcall may also run a callable.
 class CTestChannelSink : public ICmChannelSink {
 public:
     void OnConnect(CmResult aReason, ICmChannel*) override {

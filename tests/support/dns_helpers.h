@@ -1,4 +1,4 @@
-// A process of the library's that looks names up where a test says, and those who ask.
+// A process with the library that looks names up where a test sets it, and its observers.
 #pragma once
 
 #include "talvo/base/config.h"
@@ -8,7 +8,7 @@
 
 using DnsRecordPtr = CCmRefPtrT<CCmDnsRecord>;
 
-// Collects what it hears.
+// Collects its notifications.
 class CTestObserver : public ICmObserver {
 public:
     ~CTestObserver() override { CCmDnsManager::Instance()->CancelResolve(this); }
@@ -35,9 +35,9 @@ struct CSilentServer {
     const std::string m_strAddress = "127.0.0.1:" + std::to_string(Bind(m_Fd, CCmInetAddr("127.0.0.1", 0)).GetPort());
 };
 
-// The main thread with its loop, and a network thread. Time stands still unless Advance moves it, but that of the servers'
-// time-outs is the system's: they are long, so that no answer comes too late. Names are looked up in the test's own hosts file
-// and, until it names a server, nowhere else.
+// The main thread with its loop, and a network thread. Time stands still unless Advance moves it. The time-outs of the servers
+// use the system's time: they are long, so that no answer comes too late. Names are looked up in the test's own hosts file and,
+// until it sets a server, nowhere else.
 class CDnsTest : public testing::Test {
 protected:
     CDnsTest() {
@@ -49,7 +49,7 @@ protected:
     }
     ~CDnsTest() override { load_config_file(""); }
 
-    // Makes the keys count at once.
+    // Applies the keys at once.
     void Configure() {
         std::string strText = "[Dns]\n";
         for (const auto& [strKey, strValue] : m_Keys)
@@ -68,7 +68,7 @@ protected:
         m_Network.RunUntil(aCondition);
     }
 
-    // What is under way in the two threads is through.
+    // Completes the pending events of the two threads.
     void Settle() const {
         for (int i = 0; i < 3; ++i) {
             m_Network.InNetwork([] {});
@@ -80,7 +80,7 @@ protected:
         return CCmDnsManager::Instance()->AsyncResolve(aRecord.ParaOut(), aName, aObserver, aForced);
     }
 
-    // What is known of the name now, from the cache or after a look-up.
+    // The current record of the name, from the cache or after a look-up.
     DnsRecordPtr Resolve(const std::string& aName, BOOL aForced = FALSE) {
         CTestObserver observer;
         DnsRecordPtr pRecord;

@@ -12,7 +12,7 @@
 #include "tests/support/own_loopback.h"
 #include "tests/support/test.h"
 
-// Runs dnsmasq with the names of a text like a hosts file; everything else does not exist. Ended with the scope, or with the
+// Runs dnsmasq with the names of a text like a hosts file; all other names do not exist. Ended with the scope, or with the
 // process.
 class CTestDnsServer {
 public:
@@ -37,7 +37,7 @@ public:
     std::string GetAddress() const { return std::string(OwnLoopback()) + ":" + PORT; }
 
 private:
-    // None that the system chooses by itself.
+    // Outside the range from which the system chooses.
     static constexpr const char* PORT = "5300";
 
     void Spawn_i() {
@@ -77,7 +77,7 @@ private:
         posix_spawn_file_actions_destroy(&actions);
     }
 
-    // Its log tells when it has read the names.
+    // A line of its log shows that it has read the names.
     void WaitForStart_i() const {
         const std::string strRead = "read " + m_Dir.PathOf("names");
         std::string strLog;

@@ -1,4 +1,4 @@
-// Small parts of which the tests of the event room are made.
+// Small helpers for the tests of the event room.
 #pragma once
 
 #include "talvo/event/event_queue.h"
@@ -8,7 +8,7 @@
 #include "talvo/event/timer_queue.h"
 #include "tests/support/test.h"
 
-// What became of an event, counted from any thread.
+// The fate of an event, counted from any thread.
 struct CEventFate {
     std::atomic<int> m_nFired{0};
     std::atomic<int> m_nDestroyed{0};
@@ -57,8 +57,8 @@ public:
     std::function<void()> m_Run;
 };
 
-// Takes turns until the condition holds; each returns what it costs. A wait in vain is given up, as a failure of the line that
-// waits, when some minutes' worth of turns have been taken.
+// Takes turns until the condition holds; each turn returns its cost. After some minutes' worth of turns the wait is abandoned,
+// as a failure of the waiting line.
 template <class Condition, class Turn>
 void TakeTurnsUntil(Condition aCondition, Turn aTurn, const char* aFile, int aLine) {
     long lCost = 0;
@@ -81,7 +81,7 @@ void YieldUntil(Condition aCondition, const char* aFile = __builtin_FILE(), int 
     TakeTurnsUntil(aCondition, turn, aFile, aLine);
 }
 
-// Turns of a reactor until the condition holds, whatever else the loop has to do meanwhile. One without work takes a tick.
+// Turns of a reactor until the condition holds, also if the loop has other work. A turn without work costs a tick.
 template <class Condition>
 void RunUntil(CCmReactorEpoll& aReactor, Condition aCondition, const char* aFile = __builtin_FILE(),
               int aLine = __builtin_LINE()) {

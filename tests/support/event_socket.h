@@ -29,7 +29,7 @@ public:
     void Write(const std::string& aText) const {
         EXPECT_EQ(static_cast<ssize_t>(aText.size()), write(m_Fd, aText.data(), aText.size()));
     }
-    // At most aMax of what is there.
+    // At most aMax of the available bytes.
     std::string Read(size_t aMax = 16384) const {
         std::string strData(aMax, '\0');
         const ssize_t lRead = read(m_Fd, strData.data(), aMax);
@@ -50,7 +50,7 @@ inline std::pair<CTestFd, CTestFd> MakeSocketPair() {
 
 inline CTestFd MakeTcpSocket() { return CTestFd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)); }
 
-// Handler of one descriptor whose behaviour is a callable each; reads nothing and goes on unless told otherwise.
+// Handler of one descriptor with a callable for each behaviour; by default reads no data and continues.
 class CTestHandler : public ACmEventHandler {
 public:
     explicit CTestHandler(int aFd) : m_Fd(aFd) {}

@@ -7,9 +7,9 @@
 #include "talvo/base/clock.h"
 #include "talvo/base/time_value.h"
 
-// Replaces the library's clock while in scope. Starts where the system's clocks stand and moves by Advance alone. Any thread;
-// one at a time. Threads of the library may run before, meanwhile and after, since what they ask is never destroyed; but in the
-// end time goes back by what it was advanced.
+// Replaces the library's clock while in scope. Starts at the time of the system's clocks and moves only by Advance. Any thread;
+// one at a time. Threads of the library may run before, meanwhile and after, because their time source is never destroyed. At
+// the end the time goes back by the advanced amount.
 class CCmFakeClock {
 public:
     CCmFakeClock() {
@@ -22,13 +22,13 @@ public:
 
     void Advance(const CCmTimeValue& aBy) { AdvanceAny(aBy); }
 
-    // For fixtures: moves the clock that is in use, if any is.
+    // For fixtures: moves the clock in use, if there is one.
     static void AdvanceAny(const CCmTimeValue& aBy) {
         Source().m_llMonotonicUsec += aBy.GetTotalInUsec();
         Source().m_llWallUsec += aBy.GetTotalInUsec();
     }
 
-    // Steps the wall time alone, as an administrator does.
+    // Steps the wall time only, as an administrator does.
     void SetWallUsec(int64_t aUsec) { Source().m_llWallUsec = aUsec; }
 
 private:

@@ -1,4 +1,4 @@
-// What stands below a connection, a server or a proxy: a transport without a socket, a thread or a loop.
+// The lower layer of a connection, a server or a proxy: a transport without a socket, a thread or a loop.
 #pragma once
 
 #include <algorithm>
@@ -12,8 +12,8 @@
 #include "talvo/base/reference_control.h"
 #include "talvo/transport/transport_interface.h"
 
-// The test is the peer and the system. Takes everything until told otherwise; with the datagram bit in its type, each send
-// whole or not at all. Used in one thread, but for the references and the count of disconnects.
+// The test acts as the peer and the system. Takes all data unless set otherwise; with the datagram bit in its type, each send
+// whole or not at all. Used in one thread, except for the references and the count of disconnects.
 class CFakeLower : public ICmTransport, public CCmReferenceControlT<CCmMutexThread> {
 public:
     static constexpr DWORD EVERYTHING = 0xFFFFFFFF;
@@ -88,11 +88,11 @@ public:
     CmResult Disconnect(CmResult aReason) override {
         m_Disconnects.push_back(aReason);
         m_pSink = nullptr;
-        ++m_nDisconnects;  // last: a thread that waits for it reads the rest
+        ++m_nDisconnects;  // last: a thread that waits for it reads the others
         return CM_OK;
     }
 
-    // Bytes from the peer, in pieces of aPiece each; what they lie in is spoilt behind every upcall, as a socket's buffer is.
+    // Bytes from the peer, in pieces of aPiece each; their memory is overwritten after every upcall, as a socket's buffer is.
     void Receive(const std::string& aBytes, size_t aPiece = std::string::npos) {
         size_t stAt = 0;
         do {
@@ -112,7 +112,7 @@ public:
     }
     // The peer sends no more.
     void EndSide() { Receive(""); }
-    // The peer has gone.
+    // The peer has closed.
     void Vanish(CmResult aReason = CM_ERROR_NETWORK_SOCKET_ERROR) {
         if (ICmTransportSink* pSink = std::exchange(m_pSink, nullptr))
             pSink->OnDisconnect(aReason, this);
@@ -123,7 +123,7 @@ public:
             strAll += strSend;
         return strAll;
     }
-    // Everything that was sent since the last call.
+    // All data sent since the last call.
     std::string TakeSent() {
         const std::string strAll = GetSent();
         m_Sends.clear();
@@ -133,14 +133,14 @@ public:
     const DWORD m_dwType;
     ICmTransportSink* m_pSink = nullptr;
     CmResult m_OpenResult = CM_OK;
-    // Runs inside each call that is logged; SendData returns what it returns, unless that is CM_OK.
+    // Runs inside each logged call; SendData returns its result, unless that is CM_OK.
     std::function<CmResult(const std::string&)> m_Inside = [](const std::string&) { return CM_OK; };
     DWORD m_dwRoom = EVERYTHING;
     DWORD m_dwUnacknowledged = 0;
     DWORD m_dwMaxMessage = 0;             // 0: none
-    std::vector<std::string> m_Log;       // what SendData was given, "(cork)" and "(uncork)"
-    std::vector<std::string> m_Sends;     // what each call took
-    std::vector<DWORD> m_Pieces;          // how many pieces each call had
+    std::vector<std::string> m_Log;       // the data of each SendData, "(cork)" and "(uncork)"
+    std::vector<std::string> m_Sends;     // the data that each call took
+    std::vector<DWORD> m_Pieces;          // the number of pieces of each call
     const void* m_pFirst = nullptr;       // the first piece of the last call
     std::vector<CmResult> m_Disconnects;  // the reasons
     std::atomic<int> m_nDisconnects{0};

@@ -1,4 +1,4 @@
-// The library in use: threads, sinks and plain sockets on the other side.
+// The library in use: threads, sinks and plain sockets as peers.
 #pragma once
 
 #include <arpa/inet.h>
@@ -18,7 +18,7 @@ inline std::string Pattern(size_t aSize, unsigned aSeed = 1) {
     return strData;
 }
 
-// Views aText, which has to stay.
+// Views aText, which must stay.
 inline CCmMessageBlock ViewOf(const std::string& aText) {
     const DWORD dwSize = static_cast<DWORD>(aText.size());
     return CCmMessageBlock(dwSize, aText.data(), CCmMessageBlock::DONT_DELETE, dwSize);
@@ -29,7 +29,7 @@ inline CmResult SendText(ICmTransport& aTransport, const std::string& aText, CCm
     return aTransport.SendData(block, aPara);
 }
 
-// Options of a transport or a channel; the test fails where there is none.
+// Options of a transport or a channel; the test fails if the option is missing.
 template <class Transport, class Value>
 void Set(Transport& aTransport, DWORD aOption, Value aValue) {
     EXPECT_EQ(CM_OK, aTransport.SetOption(aOption, &aValue)) << aOption;
@@ -41,7 +41,7 @@ Value Get(Transport& aTransport, DWORD aOption) {
     return value;
 }
 
-// Collects what a transport says, in the thread that makes the sink; each upcall may also run a callable.
+// Collects a transport's upcalls, in the thread that makes the sink; each upcall may also run a callable.
 class CTestSink : public ICmTransportSink {
 public:
     CTestSink() = default;
@@ -66,7 +66,7 @@ public:
         m_Disconnect();
     }
     int Upcalls() const { return m_nReceives + m_nSends + m_nDisconnects; }
-    // Since the last call: "receive DATA, send, disconnect REASON"; what is received in a row is one.
+    // Since the last call: "receive DATA, send, disconnect REASON"; consecutive received data is one entry.
     std::string Take() { return std::exchange(m_strLog, {}); }
 
     std::string m_strReceived;
@@ -91,7 +91,7 @@ private:
     char m_cLast = 0;
 };
 
-// Keeps what an acceptor or connector indicates, unless it is told not to.
+// Keeps the indications of an acceptor or connector, unless set otherwise.
 class CTestConnectSink : public ICmAcceptorConnectorSink {
 public:
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override {
@@ -111,7 +111,7 @@ public:
     std::function<void()> m_Indicated = [] {};
 };
 
-// Binds a plain socket; the address with the port that the system has chosen if aAddr has none.
+// Binds a plain socket; returns the address, with the port that the system has chosen if aAddr has none.
 inline CCmInetAddr Bind(const CTestFd& aFd, const CCmInetAddr& aAddr = CCmInetAddr(OwnLoopback(), 0)) {
     sockaddr_in addr = *aAddr.GetPtr();
     socklen_t length = sizeof addr;
@@ -131,7 +131,7 @@ public:
     }
     const CCmInetAddr& Addr() const { return m_Addr; }
     int GetFd() const { return m_Fd.Get(); }
-    // Waits for somebody; what it gives never blocks.
+    // Waits for a peer; the result never blocks.
     CTestFd Accept() const { return CTestFd(accept4(m_Fd.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)); }
 
 private:
@@ -147,7 +147,7 @@ inline CTestFd ConnectPlain(const CCmInetAddr& aAddr) {
     return fd;
 }
 
-// A listener that takes no more connections and refuses none.
+// A listener that accepts no more connections and refuses none.
 class CFullListener : public CTestListener {
 public:
     explicit CFullListener(const CCmInetAddr& aAddr = CCmInetAddr(OwnLoopback(), 0)) : CTestListener(0, 65536, aAddr) {
@@ -166,7 +166,7 @@ inline std::pair<CTestFd, CTestFd> MakeTcpPair() {
     return {std::move(fdClient), listener.Accept()};
 }
 
-// Whether the other side has closed in order; reads and keeps what comes before that.
+// TRUE: the other side has closed gracefully; reads and stores the data before that.
 inline BOOL ReadToEnd(const CTestFd& aFd, std::string& aData) {
     char buffer[65536];
     ssize_t lRead = 0;
@@ -183,7 +183,7 @@ inline void RunIn(CCmThreadLink& aThread, const std::function<void()>& aRun) {
     }));
 }
 
-// The main thread adopted, the network thread and the connection manager. Ends everything with the scope and sees that no
+// The main thread adopted, the network thread and the connection manager. Ends everything with the scope and checks that no
 // object is left.
 class CTestNetwork {
 public:
@@ -208,14 +208,14 @@ public:
     void RunUntil(Condition aCondition, const char* aFile = __builtin_FILE(), int aLine = __builtin_LINE()) const {
         ::RunUntil(Main(), aCondition, aFile, aLine);
     }
-    // A listener of the calling thread on a port of its own, which aAddr gets.
+    // A listener of the calling thread on a port of its own. aAddr (out): the address.
     static CCmRefPtrT<ICmAcceptor> Listen(ICmAcceptorConnectorSink& aSink, CCmInetAddr& aAddr, DWORD aType = 1) {
         const auto pAcceptor = MakeAcceptor(aType);
         EXPECT_EQ(CM_OK, pAcceptor->StartListen(&aSink, CCmInetAddr(OwnLoopback(), 0)));
         EXPECT_EQ(CM_OK, pAcceptor->GetListenAddr(aAddr));
         return pAcceptor;
     }
-    // Everything that has been posted to the main thread so far.
+    // Runs all events posted to the main thread so far.
     void RunPosted() const {
         for (int i = 0; i < 3; ++i)
             m_pMain->RunOnce();
@@ -227,7 +227,7 @@ public:
         if (pNetwork && pNetwork->GetThreadType() != CCmThreadManager::TT_MAIN) {
             pNetwork->Stop();
             YieldUntil([=] {
-                CCmFakeClock::AdvanceAny(CCmTimeValue(1));  // what lingers is given up in time
+                CCmFakeClock::AdvanceAny(CCmTimeValue(1));  // lingering transports time out
                 return pNetwork->Join() != CM_ERROR_TIMEOUT;
             });
         }

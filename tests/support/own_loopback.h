@@ -5,8 +5,8 @@
 
 #include <string>
 
-// Made of the process's number, so that tests that run at the same time never meet: a port that was let go here is taken by
-// nobody else, and a fixed one is free.
+// Derived from the process's number, so that tests at the same time never share it: a released port here stays free, and a
+// fixed port is free.
 inline const char* OwnLoopback() {
     static const std::string s_strAddress = [] {
         const auto nPid = static_cast<unsigned>(getpid());

@@ -1,14 +1,14 @@
-// Proxies over a transport that the test plays.
+// Proxies over a transport that the test controls.
 #pragma once
 
 #include "talvo/transport/thread_proxy/transport_thread_proxy.h"
 #include "tests/support/fake_lower.h"
 #include "tests/support/network_fixture.h"
 
-// The lanes of a proxy: what it is told of the transport below.
+// The lanes of a proxy, by the type of the transport below.
 constexpr DWORD STREAM = CM_TRANSPORT_TYPE_TCP, DATAGRAMS = CM_TRANSPORT_TYPE_UDP, MESSAGES = 0x10000001;
 
-// A proxy over a fake, of the main thread unless said otherwise, opened with m_Sink unless a lane is given.
+// A proxy over a fake, of the main thread unless set otherwise, opened with m_Sink unless a lane is given.
 class CFakeConnection {
 public:
     explicit CFakeConnection(const CTestNetwork& aNetwork) : CFakeConnection(aNetwork, aNetwork.MainLink()) {}
@@ -28,7 +28,7 @@ public:
                                                      m_Network.NetworkLink(), aType);
         });
     }
-    // Takes what a test has left unsent, so that nothing lingers.
+    // Takes data that a test has left unsent, so that no transport lingers.
     ~CFakeConnection() {
         if (!m_Network.Network() || !m_pFake)
             return;
@@ -44,7 +44,7 @@ public:
         EXPECT_EQ(CM_OK, m_pProxy->OpenWithSink(&m_Sink));
         Sync();
     }
-    // What was posted to the network thread has run; it may take more than one turn.
+    // Runs the events posted to the network thread, perhaps in more than one turn.
     void Sync() const {
         m_Network.InNetwork([] {});
         m_Network.InNetwork([] {});
@@ -63,11 +63,11 @@ public:
         m_Network.InNetwork([&] { m_pFake->m_pSink->OnSend(m_pFake.Get()); });
         Sync();
     }
-    // Runs inside each call that is logged; SendData returns what it returns, unless that is CM_OK.
+    // Runs inside each logged call; SendData returns its result, unless that is CM_OK.
     void Inside(const std::function<CmResult(const std::string&)>& aInside) const {
         m_Network.InNetwork([&] { m_pFake->m_Inside = aInside; });
     }
-    // While the network thread is busy, so that all wait together.
+    // While the network thread is busy, so that all are queued together.
     void SendTogether(const std::vector<std::string>& aTexts) const {
         CCmEventThread busy;
         m_Network.NetworkLink().Post([&] { busy.Wait(); });
@@ -76,13 +76,13 @@ public:
         busy.Signal();
         Sync();
     }
-    // What the transport has logged since the last look.
+    // The transport's log since the last call.
     std::vector<std::string> Seen() const {
         std::vector<std::string> seen;
         m_Network.InNetwork([&] { seen.swap(m_pFake->m_Log); });
         return seen;
     }
-    // Stops the transport and sends messages of aSize until one is refused; how many were taken.
+    // Stops the transport and sends messages of aSize until one is refused; returns the number taken.
     DWORD Fill(DWORD aSize = 60000) const {
         SetRoom(0);
         Inside([](const std::string&) { return CM_ERROR_PARTIAL_DATA; });

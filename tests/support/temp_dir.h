@@ -24,7 +24,7 @@ public:
 
     std::string Write(const std::string& aName, const std::string& aText) const {
         std::ofstream(PathOf(aName), std::ios::binary) << aText;
-        // Whatever the umask is: a configuration that others may write is refused.
+        // With any umask: a configuration that others may write is refused.
         std::filesystem::permissions(PathOf(aName), std::filesystem::perms(0644));
         return PathOf(aName);
     }

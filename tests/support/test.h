@@ -1,4 +1,4 @@
-// What nearly every test needs.
+// Includes for nearly every test.
 #pragma once
 
 #include <gtest/gtest.h>

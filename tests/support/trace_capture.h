@@ -1,4 +1,4 @@
-// The library's trace lines, for tests to look at.
+// Captures the library's trace lines for tests.
 #pragma once
 
 #include <algorithm>
@@ -8,8 +8,8 @@
 #include "talvo/base/mutex.h"
 #include "talvo/base/trace.h"
 
-// Turns the trace on and collects every line while in scope; off again, and no sink, behind it. Levels keep their own states:
-// errors, warnings and information are on from the start. Any thread may trace and look; one capture at a time.
+// Enables the trace and collects every line while in scope; afterwards the trace is off, without a sink. Levels keep their own
+// states: errors, warnings and information are on from the start. Any thread may trace and read; one capture at a time.
 class CCmTraceCapture : public ICmTraceSink {
 public:
     CCmTraceCapture() {
@@ -23,7 +23,7 @@ public:
     CCmTraceCapture(const CCmTraceCapture&) = delete;
     CCmTraceCapture& operator=(const CCmTraceCapture&) = delete;
 
-    // How many lines hold aText anywhere.
+    // The number of lines that contain aText.
     size_t Count(const std::string& aText) const {
         const auto lines = Lines();
         return static_cast<size_t>(std::count_if(
@@ -31,7 +31,7 @@ public:
     }
     BOOL Contains(const std::string& aText) const { return Count(aText) > 0; }
 
-    // Everything so far, in order.
+    // All lines so far, in order.
     std::vector<std::string> Lines() const {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         return m_Lines;

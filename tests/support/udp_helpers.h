@@ -1,4 +1,4 @@
-// Datagrams in tests: a plain socket on the other side, a sink that tells them apart.
+// Datagrams in tests: a plain socket as the peer, a sink that separates them.
 #pragma once
 
 #include "talvo/transport/udp/transport_udp.h"
@@ -22,7 +22,7 @@ public:
         const msghdr message{const_cast<sockaddr_in*>(aTo.GetPtr()), aTo.GetSize(), &piece, 1, nullptr, 0, 0};
         EXPECT_EQ(static_cast<ssize_t>(aData.size()), sendmsg(m_Socket.GetHandle(), &message, 0));
     }
-    // Everything that is there now.
+    // All datagrams available now.
     Datagrams Receive() {
         Datagrams all;
         for (;;) {
@@ -42,7 +42,7 @@ private:
     CCmInetAddr m_From;
 };
 
-// A sink that keeps each datagram by itself.
+// A sink that stores each datagram separately.
 class CDatagramSink : public CTestSink {
 public:
     using CTestSink::CTestSink;
@@ -70,7 +70,7 @@ protected:
     CCmRefPtrT<CCmTransportUdp> Connect(const CCmInetAddr& aAddr) {
         return static_cast<CCmTransportUdp*>(m_Network.Connect(aAddr, CCmConnectionManager::CTYPE_UDP).Get());
     }
-    // More than enough for whatever is there.
+    // Enough for all pending work.
     void Turns(int aCount = 20) const {
         for (int i = 0; i < aCount; ++i)
             EXPECT_EQ(CM_OK, m_Network.Main().RunOnce(&CCmTimeValue::s_tvZero));
