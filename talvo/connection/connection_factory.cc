@@ -18,7 +18,7 @@ namespace {
 
 CCmThreadManager& Threads() { return *CCmThreadManager::Instance(); }
 
-// What is a client's and what is a server's; all else is one code for both.
+// The differences between clients and servers; all other code serves both.
 struct CClient {
     using Interface = ICmConnector;
     using Proxy = CCmConnectorThreadProxy;
@@ -55,7 +55,7 @@ struct CServer {
     static CmResult MakeBase(DWORD aBase, CCmRefPtrT<ICmAcceptor>& aAcceptor) {
         CCmBaseTypeMakers makers;
         if (cm_get_base_type(aBase, makers) != CM_OK || !makers.m_Acceptor)
-            return CM_ERROR_NOT_IMPLEMENTED;  // the offer has just been taken back
+            return CM_ERROR_NOT_IMPLEMENTED;  // the offer has just been withdrawn
         aAcceptor = makers.m_Acceptor({aBase, Threads().GetThreadReactor(CCmThreadManager::TT_NETWORK)});
         return aAcceptor ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
     }
@@ -69,7 +69,7 @@ void TraceProtocol(const CProtocol& aProtocol, CConnectionType aType) {
                                  << (bBase ? ", BaseType = " : "") << (bBase ? aType.GetBaseName() : ""));
 }
 
-// What the tables say of a type; makes nothing.
+// Checks a type against the tables; makes nothing.
 template <class Side>
 CmResult Judge(CConnectionType aType) {
     const CProtocol* pProtocol = CProtocol::Find(aType);
@@ -125,7 +125,7 @@ CmResult Make(DWORD aType, typename Side::Interface*& aResult) {
     return rv;
 }
 
-// The thread rule: directly in the network thread, through a proxy everywhere else.
+// The thread rule: directly in the network thread, through a proxy in every other thread.
 template <class Side>
 CmResult Create(DWORD aType, typename Side::Interface*& aResult) {
     aResult = nullptr;
@@ -135,7 +135,7 @@ CmResult Create(DWORD aType, typename Side::Interface*& aResult) {
     ACmThread* pNetwork = Threads().GetThread(CCmThreadManager::TT_NETWORK);
     ACmThread* pUser = Threads().GetThread(CCmThreadManager::TT_CURRENT);
     if (!pNetwork || !pUser || !pUser->GetEventQueue())
-        return CM_ERROR_NULL_POINTER;  // nothing could be told to the caller
+        return CM_ERROR_NULL_POINTER;  // the caller could not receive callbacks
     if (pUser == pNetwork && !type.Has(CConnectionType::FORCE_THREAD_PROXY))
         return Make<Side>(aType, aResult);
     CM_INFO_TRACE(Side::PROXY_LINE << aType);

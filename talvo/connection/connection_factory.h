@@ -5,8 +5,8 @@
 
 namespace talvo {
 
-// See the operations of CCmConnectionManager that are named alike. Not its members: a proxy may come here while the manager is
-// being destroyed, when asking for its instance would make a new one.
+// See the operations of CCmConnectionManager with the same names. These are not its members: a proxy may call them during the
+// manager's destruction, when Instance() would make a new one.
 CmResult CreateClient(DWORD aType, ICmConnector*& aConnector);
 CmResult CreateServer(DWORD aType, ICmAcceptor*& aAcceptor);
 CmResult CreateClient_i(DWORD aType, ICmConnector*& aConnector);

@@ -19,7 +19,7 @@ std::atomic<CCmConnectionManager*> s_pInstance{nullptr};
 
 CCmThreadManager& Threads() { return *CCmThreadManager::Instance(); }
 
-// The calling thread, if it can be called back.
+// The calling thread, if it can receive callbacks.
 ACmThread* CallingThread() {
     ACmThread* pThread = Threads().GetThread(CCmThreadManager::TT_CURRENT);
     return pThread && pThread->GetEventQueue() ? pThread : nullptr;

@@ -24,8 +24,8 @@ protected:
     CCmFailure GetFailure() const override { return m_Failure; }
     CmResult SetOption_i(DWORD aCommand, void* aArg) override { return m_Sockets.SetOption(aCommand, aArg); }
     CmResult GetOption_i(DWORD aCommand, void* aArg) override { return m_Sockets.GetOption(aCommand, aArg); }
-    // Whether it may listen now, and that it does. CM_ERROR_NOT_INITIALIZED: there is no network thread.
-    // CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain runs.
+    // CheckListen_i: CM_OK: it may listen now. CM_ERROR_NOT_INITIALIZED: there is no network thread. CM_ERROR_NOT_AVAILABLE:
+    // CCmConnectionManager::Drain runs. Listening_i: from now on it listens.
     CmResult CheckListen_i();
     void Listening_i();
 
@@ -33,8 +33,8 @@ protected:
     ACmThread* const m_pThreadNetwork;            // not owned
     ICmReactor* const m_pReactor;                 // not owned; null: there is no network thread
     ICmAcceptorConnectorSink* m_pSink = nullptr;  // not owned; set while listening
-    CCmFailure m_Failure;                         // why the last StartListen failed
-    talvo::CSocketSettings m_Sockets;             // as its user has set them
+    CCmFailure m_Failure;                         // of the last StartListen
+    talvo::CSocketSettings m_Sockets;             // the user's values
 
 private:
     void OnThreadEnd() override {}

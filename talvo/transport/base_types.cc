@@ -25,7 +25,7 @@ public:
         *pRow = {IsEmpty(aMakers) ? FREE : aType, aMakers};
         return CM_OK;
     }
-    // Empty: there is no offer.
+    // Empty: no offer.
     CCmBaseTypeMakers Get(DWORD aType) {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         const talvo::CBaseType* pRow = Find_l(aType);

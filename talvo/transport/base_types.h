@@ -1,4 +1,4 @@
-// The table from a base type to what makes its connectors and acceptors.
+// The table of base types and the makers of their connectors and acceptors.
 #pragma once
 
 #include <memory>
@@ -8,15 +8,15 @@
 #include "talvo/transport/connector_internal.h"
 #include "talvo/transport/transport_interface.h"
 
-// What a maker is given.
+// The arguments of a maker.
 struct CCmConnectorSettings {
-    DWORD m_dwType;               // the base type that was asked for; one maker may serve several
+    DWORD m_dwType;               // the requested base type; one maker may serve several
     ICmReactor* m_pReactor;       // of the network thread; never null
-    ACmConnectorUpper* m_pUpper;  // what the connector reports to; never null, and outlives the connector
+    ACmConnectorUpper* m_pUpper;  // gets the connector's reports; never null, and outlives it
 };
 struct CCmAcceptorSettings {
     DWORD m_dwType;          // likewise
-    ICmReactor* m_pReactor;  // of the network thread; null: there is none
+    ICmReactor* m_pReactor;  // of the network thread; null: none
 };
 
 // Both are called in the network thread. Null: memory ran out.
@@ -29,15 +29,15 @@ struct CCmBaseTypeMakers {
     CCmAcceptorMaker m_Acceptor = nullptr;
 };
 
-// Offers makers for a base type: a new one, or one of the library's, whose own makers then wait behind the offer. The last
-// offer of a type counts. An offer without makers takes the one before back. What was made before stays as it is. Any thread.
+// Offers makers for a base type: a new one, or one of the library's, whose own makers apply again after a withdrawal. The last
+// offer of a type counts. An offer without makers withdraws the previous one. Existing objects do not change. Any thread.
 // CM_ERROR_INVALID_ARG: 0, more than 0xFFFF, or 0x8001. CM_ERROR_NOT_AVAILABLE: 16 other types have offers.
 //
 // CCmConnectionManager accepts the type from then on, alone and below a protocol. Every base type but 2 carries bytes: its
-// transports may take a part of a send (CM_ERROR_PARTIAL_DATA) and cut or join what they deliver.
+// transports may take a part of a send (CM_ERROR_PARTIAL_DATA), and may split or join the delivered bytes.
 TALVO_API CmResult cm_offer_base_type(DWORD aType, const CCmBaseTypeMakers& aMakers);
 
-// CM_OK with the makers of a base type; CM_ERROR_INVALID_ARG: there is no such type. Any thread.
+// aMakers (out): the makers of a base type. CM_ERROR_INVALID_ARG: there is no such type. Any thread.
 TALVO_API CmResult cm_get_base_type(DWORD aType, CCmBaseTypeMakers& aMakers);
 
 namespace talvo {
@@ -47,7 +47,7 @@ struct CBaseType {
     CCmBaseTypeMakers m_Makers;
 };
 
-// The library's own. The list stands above the rooms that make transports: talvo/connection/own_base_types.cc.
+// The library's own. The list is above the rooms that make transports: talvo/connection/own_base_types.cc.
 std::span<const CBaseType> GetOwnBaseTypes();
 
 }  // namespace talvo

@@ -5,7 +5,7 @@
 
 namespace talvo {
 
-// Answers ICmConnectOptions: the failure from what the object knows, and each other command as the object does.
+// Implements ICmConnectOptions: the failure is the object's, and SetOption_i handles each other command.
 class TALVO_API CConnectOptions : public ICmConnectOptions {
 public:
     CmResult SetOption(DWORD aCommand, void* aArg) override;
@@ -15,12 +15,12 @@ protected:
     // Of the last attempt, or of the last StartListen.
     virtual CCmFailure GetFailure() const = 0;
 
-    // aArg is not null. CM_ERROR_INVALID_ARG: an unknown command, or a value that it cannot have.
+    // aArg is not null. CM_ERROR_INVALID_ARG: an unknown command, or an invalid value.
     virtual CmResult SetOption_i(DWORD aCommand, void* aArg);
     virtual CmResult GetOption_i(DWORD aCommand, void* aArg);
 };
 
-// The failure of a connector or acceptor below; none if it has no options.
+// The failure of a connector or acceptor below; CM_FAILURE_NONE if it has no options.
 TALVO_API CCmFailure GetConnectFailure(ICmAcceptorConnectorId* aId);
 
 // The other options of a connector or acceptor below. CM_ERROR_INVALID_ARG also if it has none.

@@ -1,4 +1,4 @@
-// A connection type, read.
+// The parts of a connection type.
 #pragma once
 
 #include "talvo/base/export.h"
@@ -9,8 +9,8 @@ namespace talvo {
 //  31              20  18    16                 0
 //  | protocol flags | 0 | thr | base type        |
 //
-// The base type says what lies below, and a protocol flag which connection lies over that; without one the connection is raw.
-// thr: CTYPE_FORCE_THREAD_PROXY and a bit that only option 107 repeats.
+// The base type names the layer below, and a protocol flag the connection over it; without a flag the connection is raw. thr:
+// CTYPE_FORCE_THREAD_PROXY and a bit that only option 107 repeats.
 class TALVO_API CConnectionType {
 public:
     enum : DWORD {
@@ -21,7 +21,7 @@ public:
         PACKAGE = 0x10000000,
         KEEPALIVE = 0x20000000,
         RELIABLE = 0x70000000,
-        CANONICAL_RELIABLE = 0x74000000  // what a creation reports for RELIABLE; the other kinds report their flag
+        CANONICAL_RELIABLE = 0x74000000  // the value that a creation reports for RELIABLE; other kinds report their flag
     };
 
     constexpr explicit CConnectionType(DWORD aType) : m_dwType(aType) {}
@@ -42,7 +42,7 @@ public:
     // Not one base type but two in a race, a direct connector and one through a proxy.
     constexpr BOOL IsRace() const { return GetBase() == RACE; }
 
-    // What a thread proxy adds to the answer of option 107: the higher one of the two thread flags that are set.
+    // A thread proxy adds it to the value of option 107: the higher one of the two thread flags that are set.
     constexpr DWORD GetThreadFlag() const { return Has(FORCE_THREAD_PROXY) ? +FORCE_THREAD_PROXY : m_dwType & THREAD_FLAG; }
 
     // For the trace; every base type but TCP has the second name.

@@ -1,4 +1,4 @@
-// What a connector wrapper runs.
+// The inner connectors of a connector wrapper.
 #pragma once
 
 #include "talvo/base/failure.h"
@@ -29,12 +29,12 @@ public:
     virtual void Close() = 0;
     virtual ~ACmConnectorInternal();
 
-    // What the next Connect uses; aArg is not null. CM_ERROR_INVALID_ARG: an unknown command, as all are unless overridden, or
-    // a value that it cannot have. See ECmConnectOption.
+    // Options for the next Connect; aArg is not null. CM_ERROR_INVALID_ARG: an unknown command (all are, unless overridden), or
+    // an invalid value. See ECmConnectOption.
     virtual CmResult SetOption(DWORD aCommand, void* aArg);
     virtual CmResult GetOption(DWORD aCommand, void* aArg);
 
-    // Why the last Connect returned -1, or what it reported failed.
+    // Why the last Connect returned -1, or the failure that it reported.
     const CCmFailure& GetFailure() const { return m_Failure; }
 
 protected:

@@ -43,7 +43,7 @@ private:
     void OnDrain(ECmDrainStage aStage) override;
 
     CCmFailure GetFailure() const override { return m_Failure; }
-    // The inner connector's. CM_ERROR_NOT_INITIALIZED before Init.
+    // Those of the inner connector. CM_ERROR_NOT_INITIALIZED before Init.
     CmResult SetOption_i(DWORD aCommand, void* aArg) override;
     CmResult GetOption_i(DWORD aCommand, void* aArg) override;
     void Close_i();

@@ -26,7 +26,7 @@ void SetBuffer(const CCmSocketBase& aSocket, int aOption, DWORD aSize) {
         CM_WARNING_TRACE("CSocketSettings::ApplyTo, the system refuses a socket buffer. size=" << nSize << " err=" << errno);
 }
 
-// The size that a command is about; null: none.
+// The field for a command; null: none.
 DWORD CSocketSettings::*FieldOf(DWORD aCommand) {
     switch (aCommand) {
     case CM_OPT_TRANSPORT_SNDBUF:
@@ -42,7 +42,7 @@ DWORD CSocketSettings::*FieldOf(DWORD aCommand) {
 
 }  // namespace
 
-// A buffer's size is an int and never negative, so it may be read and written as a DWORD.
+// A buffer's size is an int and never negative, so it can be read and written as a DWORD.
 CmResult CSocketSettings::SetOption(DWORD aCommand, const void* aArg) {
     const auto field = FieldOf(aCommand);
     if (!field)

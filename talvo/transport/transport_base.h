@@ -34,12 +34,12 @@ protected:
 
     void OnReferenceDestory() override;
 
-    // For the option tables: the options that are the socket's own, and the refusal of unknown ones. aSocket is null when there
-    // is none; aClass is the transport's name in the trace.
+    // For the option tables: the socket's own options, and the refusal of unknown ones. aSocket null: no socket; aClass is the
+    // transport's name in the trace.
     CmResult SetSocketOption_i(const char* aClass, CCmSocketBase* aSocket, DWORD aCommand, void* aArg);
     CmResult GetSocketOption_i(const char* aClass, CCmSocketBase* aSocket, DWORD aCommand, void* aArg);
 
-    // A way in which connections fail; few of them ever do, so each keeps no more than a pointer to it.
+    // A way in which connections fail. Failures are rare, so each connection has only a pointer to one.
     struct CWayToFail {
         ECmFailureCause m_Cause;
         const char* m_pText;  // null: that of the errno

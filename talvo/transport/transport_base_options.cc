@@ -1,4 +1,4 @@
-// The options that are the socket's own, whatever transport lies over it.
+// The socket's own options, the same for every transport over it.
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -14,7 +14,7 @@ CmResult CCmTransportBase::SetSocketOption_i(const char* aClass, CCmSocketBase* 
         return CM_OK;
     };
     switch (aCommand) {
-    case CM_OPT_TRANSPORT_KEEPALIVE: {  // on a datagram socket the system takes it, and does nothing
+    case CM_OPT_TRANSPORT_KEEPALIVE: {  // a datagram socket accepts it, without effect
         const DWORD dwTime = *static_cast<DWORD*>(aArg);
         const CmResult rv = set(SO_KEEPALIVE, dwTime > 0);
         if (rv != CM_OK)

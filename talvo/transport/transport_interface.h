@@ -81,12 +81,12 @@ enum ECmTransportOption : DWORD {
     CM_OPT_TRANSPORT_LAST_FAILURE = 159
 };
 
-// Commands of ICmConnectOptions. Three of ECmTransportOption are such commands, too: CM_OPT_TRANSPORT_SNDBUF and _RCVBUF (get,
-// set int) and CM_OPT_TRANSPORT_READ_SIZE (get, set DWORD; not over datagrams). They are for the sockets that the next
-// AsycConnect or StartListen opens, in the place of the configuration's keys; 0, as at first: the keys count. A receive buffer
-// is set before the connect then, where it still decides what window the peer may be granted. A protocol's connector or
-// acceptor passes all commands but 165 on to the one below. A thread proxy copies the value at once; what the object behind it
-// refuses fails the next attempt or StartListen with that result.
+// Commands of ICmConnectOptions. Three of ECmTransportOption are also valid: CM_OPT_TRANSPORT_SNDBUF and _RCVBUF (get, set int)
+// and CM_OPT_TRANSPORT_READ_SIZE (get, set DWORD; not over datagrams). They apply to the sockets that the next AsycConnect or
+// StartListen opens, instead of the configuration's keys; 0, the default: the keys apply. A receive buffer is set before the
+// connect, because it then limits the window that the peer can get. A protocol's connector or acceptor passes all commands but
+// 165 to the one below. A thread proxy copies the value at once; if the object behind it refuses the value, the next attempt or
+// StartListen fails with that result.
 enum ECmConnectOption : DWORD {
     // get CCmFailure: the failure of a connector's last attempt, inside its indication and until the next AsycConnect; the
     // failure of an acceptor's last StartListen. CM_FAILURE_NONE: no failure. A thread proxy answers without waiting.
@@ -156,8 +156,7 @@ public:
 // The options of connectors and acceptors, in the thread that uses them; see cm_get_connect_options.
 class TALVO_API ICmConnectOptions {
 public:
-    // See ECmConnectOption. CM_ERROR_INVALID_ARG: an unknown command, one that cannot be set, a value that it cannot have, or a
-    // null argument.
+    // See ECmConnectOption. CM_ERROR_INVALID_ARG: an unknown command, a read-only one, an invalid value, or a null argument.
     virtual CmResult SetOption(DWORD aCommand, void* aArg) = 0;
     virtual CmResult GetOption(DWORD aCommand, void* aArg) = 0;
 

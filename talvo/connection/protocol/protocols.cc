@@ -16,7 +16,7 @@ namespace talvo {
 
 namespace {
 
-// Maker is a CConnConnectorT or CConnAcceptorT, Interface what it implements and uses.
+// Maker is a CConnConnectorT or CConnAcceptorT; Interface is the interface that it implements and uses.
 template <class Maker, class Interface>
 CCmRefPtrT<Interface> Make(CCmRefPtrT<Interface> aLower, CConnectionType aType) {
     return new (std::nothrow) Maker(std::move(aLower), aType.Has(CConnectionType::KEEPALIVE));

@@ -1,4 +1,4 @@
-// The kinds of protocol connections, and what makes them.
+// The kinds of protocol connections, and their makers.
 #pragma once
 
 #include "talvo/base/ref_ptr.h"
@@ -8,17 +8,17 @@ namespace talvo {
 
 // A row of the table.
 struct CProtocol {
-    // The kind that a type's flags ask for, the first that fits; null: none.
+    // The kind that a type's flags name, the first match; null: none.
     static const CProtocol* Find(CConnectionType aType);
 
-    DWORD m_dwFlags;          // a type that has them all asks for this kind
+    DWORD m_dwFlags;          // a type with all of them is of this kind
     DWORD m_dwCanonical;      // the type that a creation reports
     const char* m_pName;      // in the trace,
-    BOOL m_bTellsKeepAlive;   // which also says whether keep-alives are sent,
-    BOOL m_bServerTellsBase;  // and for a server what lies below, as it always does for a client
-    BOOL m_bOverDatagrams;    // it can lie over datagrams, too
+    BOOL m_bTellsKeepAlive;   // with an indication whether keep-alives are sent,
+    BOOL m_bServerTellsBase;  // and for a server the layer below; a client always has it
+    BOOL m_bOverDatagrams;    // also works over datagrams
 
-    // Over aLower, which it then owns; aType is the whole type. Network thread. Null maker: nobody makes it yet; null result:
+    // Over aLower, which it then owns; aType is the whole type. Network thread. Null maker: not offered yet; null result:
     // memory ran out.
     CCmRefPtrT<ICmConnector> (*m_MakeConnector)(CCmRefPtrT<ICmConnector> aLower, CConnectionType aType);
     CCmRefPtrT<ICmAcceptor> (*m_MakeAcceptor)(CCmRefPtrT<ICmAcceptor> aLower, CConnectionType aType);

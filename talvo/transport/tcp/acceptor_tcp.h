@@ -16,7 +16,7 @@ public:
 
     static CCmRefPtrT<ICmAcceptor> Make(const CCmAcceptorSettings& aSettings);  // a CCmAcceptorMaker
 
-    // Further: CM_ERROR_NOT_INITIALIZED when there is no network thread, or the reactor's failure to register.
+    // Also: CM_ERROR_NOT_INITIALIZED: there is no network thread; or the reactor's failure to register.
     CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) override;
     CmResult StopListen(CmResult aReason) override;
     CmResult GetListenAddr(CCmInetAddr& aAddr) override;
@@ -35,5 +35,5 @@ private:
     sockaddr_in m_AddrListen{};
     talvo::CSocketSettings m_Listening;  // of the connections; accepted sockets have the listener's buffer sizes
     BOOL m_bResting = FALSE;             // out of descriptors: not registered, the timer runs
-    CCmTimeValue m_tvTraced;             // when the last line about that was written
+    CCmTimeValue m_tvTraced;             // time of the last trace line about that
 };

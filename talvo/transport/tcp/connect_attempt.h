@@ -24,7 +24,7 @@ public:
     CConnectAttemptT(ICmReactor& aReactor, IOwner& aOwner) : m_Reactor(aReactor), m_Owner(aOwner) {}
     ~CConnectAttemptT() override;
 
-    // 0: connected at once. 1: under way. -1: failed at once, the error in errno. A report follows only for 1.
+    // 0: connected at once. 1: in progress. -1: failed at once, the error in errno. A report follows only for 1.
     int Start(const CCmInetAddr& aAddr, const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets);
 
     // The transport, connected after a success; the attempt no longer holds it.

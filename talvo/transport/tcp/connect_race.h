@@ -28,8 +28,8 @@ public:
     CConnectRaceT(const CConnectRaceT&) = delete;
     CConnectRaceT& operator=(const CConnectRaceT&) = delete;
 
-    // 0: aTransport is connected. 1: under way. -1: every address has failed at once, the last one's error in errno. A report
-    // follows only for 1. Throws std::bad_alloc, and may be started again.
+    // 0: aTransport (out) is connected. 1: in progress. -1: every address has failed at once, the last one's error in errno. A
+    // report follows only for 1. Throws std::bad_alloc, and may be started again.
     int Start(std::vector<CCmInetAddr> aAddrs, const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets,
               CCmRefPtrT<TransportType>& aTransport);
 

@@ -47,7 +47,7 @@ private:
     ACmConnectorUpper& m_Upper;
     CCmInetAddr m_AddrPeer;                      // perhaps with a name
     CCmInetAddr m_AddrLocal;                     // CCmInetAddr::s_InetAddrAny: not given
-    talvo::CSocketSettings m_Sockets;            // as its user has set them
+    talvo::CSocketSettings m_Sockets;            // the user's values
     talvo::CNameLookup m_Lookup{*this};          // runs first,
     talvo::CConnectRaceT<TransportType> m_Race;  // then this,
     CCmRefPtrT<TransportType> m_pTransport;      // which gives this

@@ -25,10 +25,10 @@ private:
 
 }  // namespace talvo
 
-// What the connection manager hands to threads other than the network thread. Indications arrive in the thread that made the
-// proxy, with a CCmTransportThreadProxy each. StartListen, StopListen and GetListenAddr wait for the network thread;
-// the first and the last return CM_ERROR_NOT_AVAILABLE when it has ended. After StopListen or the last release no indication
-// arrives, even one that was already posted; a transport that it carried is closed.
+// The connection manager gives it to threads other than the network thread. Indications arrive in the thread that made the
+// proxy, with a CCmTransportThreadProxy each. StartListen, StopListen and GetListenAddr wait for the network thread; the first
+// and the last return CM_ERROR_NOT_AVAILABLE if it has ended. After StopListen or the last release no indication arrives, not
+// even one that was already posted; its transport is closed.
 class TALVO_API CCmAcceptorThreadProxy final
     : public talvo::CIndicatingProxyT<CCmAcceptorThreadProxy, ICmAcceptor, talvo::CAcceptorProxyCore> {
 public:

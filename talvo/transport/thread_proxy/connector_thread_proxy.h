@@ -34,10 +34,9 @@ private:
 
 }  // namespace talvo
 
-// What the connection manager hands to threads other than the network thread. The indication arrives in the thread that made
-// the proxy, with a CCmTransportThreadProxy. After CancelConnect or the last release none arrives, even one that was already
-// posted; a transport that it carried is closed. When the network thread has ended, or ends, the reason is
-// CM_ERROR_NOT_AVAILABLE.
+// The connection manager gives it to threads other than the network thread. The indication arrives in the thread that made the
+// proxy, with a CCmTransportThreadProxy. After CancelConnect or the last release none arrives, not even one that was already
+// posted; its transport is closed. If the network thread has ended, or ends, the reason is CM_ERROR_NOT_AVAILABLE.
 class TALVO_API CCmConnectorThreadProxy final
     : public talvo::CIndicatingProxyT<CCmConnectorThreadProxy, ICmConnector, talvo::CConnectorProxyCore> {
 public:

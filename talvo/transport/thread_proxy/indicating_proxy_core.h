@@ -48,7 +48,7 @@ public:
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         return m_Failure;
     }
-    // Any thread. The value is copied here, and passed on when the next request begins.
+    // Any thread. Copies the value, and passes it on when the next request begins.
     CmResult SetOption(DWORD aCommand, const void* aArg) {
         if (aCommand == CM_OPT_TRANSPORT_READ_SIZE && CConnectionType(m_dwType).IsOverDatagrams())
             return CM_ERROR_INVALID_ARG;
@@ -111,7 +111,7 @@ protected:
             PostSpare_i(indication);
     }
 
-    // Network thread: sees that there is an inner object with the options that the user has set.
+    // Network thread: ensures that there is an inner object with the user's options.
     CmResult Make_i() {
         const CmResult rv = m_pInner ? CM_OK : MakeInner_i();
         return rv == CM_OK ? PassOptions_i() : rv;
@@ -157,8 +157,8 @@ private:
         return sockets.PassTo(m_pInner.Get(), m_Passed);
     }
 
-    // Without memory for an event: a connector's request has one in reserve, so that its indication is not lost. What waits
-    // there for a request that is over makes room. An acceptor's connection is closed instead.
+    // If memory runs out for an event: a connector's request has one in reserve, so that its indication is not lost. An
+    // indication there for an ended request is replaced. For an acceptor the connection is closed instead.
     void PostSpare_i(CIndication aIndication) {
         {
             CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
@@ -195,8 +195,8 @@ private:
     const DWORD m_dwType;
     const Factory m_Factory;
     const BOOL m_bOnce;         // an indication ends the request
-    CSocketSettings m_Passed;   // network thread only: what m_pInner was told
-    Inner* m_pProxy = nullptr;  // the handle, for upcalls: alive while there is a sink
+    CSocketSettings m_Passed;   // network thread only; the values set in m_pInner
+    Inner* m_pProxy = nullptr;  // the handle, for upcalls: exists while there is a sink
 
     std::atomic<BOOL> m_bLetGoPosted{FALSE};
     CEmbeddedEventT<CIndicatingProxyCoreT, &CIndicatingProxyCoreT::OnLetGo> m_LetGoEvent{*this};
@@ -205,7 +205,7 @@ private:
     ICmAcceptorConnectorSink* m_pSink CM_GUARDED_BY(m_Mutex) = nullptr;  // not owned
     DWORD m_dwRequest CM_GUARDED_BY(m_Mutex) = 0;
     CCmFailure m_Failure CM_GUARDED_BY(m_Mutex);       // of the current request
-    CSocketSettings m_Sockets CM_GUARDED_BY(m_Mutex);  // as the user has set them
+    CSocketSettings m_Sockets CM_GUARDED_BY(m_Mutex);  // the user's values
     CIndication m_Spare CM_GUARDED_BY(m_Mutex);
     BOOL m_bSparePosted CM_GUARDED_BY(m_Mutex) = FALSE;
     CEmbeddedEventT<CIndicatingProxyCoreT, &CIndicatingProxyCoreT::OnSpare, &CIndicatingProxyCoreT::OnSpareDropped>

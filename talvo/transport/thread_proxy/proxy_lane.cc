@@ -9,7 +9,7 @@ namespace talvo {
 
 namespace {
 
-// As much as one call of the transport takes.
+// Up to the size of one call of the transport.
 void Join(CProxyBatch& aBatch) {
     aBatch.m_dwJoinedBlocks = 0;
     while (!aBatch.m_Waiting.IsEmpty()) {

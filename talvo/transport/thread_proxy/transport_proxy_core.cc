@@ -16,8 +16,8 @@ namespace {
 
 CCmLiveCounter s_Live("CCmTransportThreadProxy");
 
-constexpr DWORD TELL_SENT_STEP = 64 * 1024;  // bytes: a lock for each message would be dear, and the whole batch a long wait
-constexpr uint64_t LOOK_STEP = 1 << 20;      // bytes between two looks at the socket's buffers
+constexpr DWORD TELL_SENT_STEP = 64 * 1024;  // bytes: a lock a message is expensive, one a batch is slow
+constexpr uint64_t LOOK_STEP = 1 << 20;      // bytes between two checks of the socket's buffers
 constexpr const char* THREAD_ENDED = "the network thread has ended";
 constexpr const char* CUT_OFF = "not all was sent when the time was over";
 constexpr const char* OUT_OF_MEMORY = "out of memory";

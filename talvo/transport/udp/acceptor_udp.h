@@ -22,7 +22,7 @@ public:
 
     static CCmRefPtrT<ICmAcceptor> Make(const CCmAcceptorSettings& aSettings);  // a CCmAcceptorMaker
 
-    // Further: CM_ERROR_NOT_INITIALIZED when there is no network thread, or the reactor's failure to register.
+    // Also: CM_ERROR_NOT_INITIALIZED: there is no network thread; or the reactor's failure to register.
     CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) override;
     CmResult StopListen(CmResult aReason) override;
     CmResult GetListenAddr(CCmInetAddr& aAddr) override;

@@ -49,7 +49,7 @@ private:
     talvo::CNameLookup m_Lookup{*this};
     CCmInetAddr m_AddrPeer;
     CCmInetAddr m_AddrLocal;                 // CCmInetAddr::s_InetAddrAny: not given
-    talvo::CSocketSettings m_Sockets;        // as its user has set them
+    talvo::CSocketSettings m_Sockets;        // the user's values
     CCmRefPtrT<TransportType> m_pTransport;  // connected, to be reported
     BOOL m_bTimerArmed = FALSE;
 };
