@@ -75,7 +75,7 @@ CCmRefPtrT<CSimTransport> CSimAcceptor::MakeEnd(const CCmInetAddr& aLocal, const
     return CCmRefPtrT<CSimTransport>(new CSimTransport(*m_pCore, m_pReactor, end, sizes));
 }
 
-// As the sockets' acceptors, it touches nothing of itself behind the upcall.
+// Like the sockets' acceptors, it accesses no member after the upcall.
 void CSimAcceptor::Accept(CCmRefPtrT<CSimTransport> aTransport) {
     m_pCore->m_Trace.Note(aTransport->Describe(), "is accepted");
     m_pSink->OnConnectIndication(CM_OK, aTransport.Get(), this);

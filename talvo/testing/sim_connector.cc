@@ -11,7 +11,7 @@ namespace talvo {
 
 namespace {
 
-constexpr int64_t SYSTEM_LIMIT = 127000000;  // the system gives up then; microseconds
+constexpr int64_t SYSTEM_LIMIT = 127000000;  // the system's limit; microseconds
 constexpr const char* DEFAULT_LOCAL = "127.0.0.1";
 
 }  // namespace
@@ -24,7 +24,7 @@ CSimConnector::CSimConnector(ICmReactor* aReactor, ACmConnectorUpper& aUpper, BO
 
 CSimConnector::~CSimConnector() = default;
 
-// aRun for the attempt that runs now; nothing once that is over, when this connector may be gone, too.
+// Runs aRun if the current attempt still runs then. Otherwise this connector may be deleted already.
 std::function<void()> CSimConnector::IfStill_i(void (CSimConnector::*aRun)()) {
     return [this, aRun, pAttempt = std::weak_ptr<CAttempt>(m_pAttempt)] {
         if (!pAttempt.expired())

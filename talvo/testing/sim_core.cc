@@ -16,7 +16,7 @@ constexpr WORD FIRST_PORT = 1025;
 
 }  // namespace
 
-// Every simulation begins some minutes before the tick counter wraps, and with a whole tick.
+// Every simulation starts some minutes before the tick counter wraps, and with a whole tick.
 CSimCore::CSimCore(uint64_t aSeed, std::ostream* aTrace)
     : m_ullSeed(aSeed),
       m_Random(aSeed),
@@ -87,7 +87,7 @@ BOOL CSimCore::HoldWhileSilent(const CCmSimPath& aPath, std::function<void()> aR
     return TRUE;
 }
 
-// Each looks again whether it is still held.
+// Each checks again for a silence.
 void CSimCore::RunHeld_i() {
     for (const auto& run : std::exchange(m_Held, {}))
         run();

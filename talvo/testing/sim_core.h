@@ -20,8 +20,8 @@ namespace talvo {
 class CSimAcceptor;
 class CSimTransport;
 
-// The open ends, the listening acceptors, the links and the hosts. Held by the network and by its transports, which may outlive
-// it: IsOver then, and nothing happens any more.
+// The open ends, the listening acceptors, the links and the hosts. The network holds it, and its transports, which may outlive
+// the network: then IsOver returns TRUE, and no event follows.
 class CSimCore : public std::enable_shared_from_this<CSimCore>, public ICmNameResolver {
 public:
     using CEndKey = std::pair<CCmInetAddr, CCmInetAddr>;  // own address, peer's
@@ -29,19 +29,19 @@ public:
 
     CSimCore(uint64_t aSeed, std::ostream* aTrace);
 
-    // Until the network goes.
+    // TRUE after the network's end.
     BOOL IsOver() const { return m_bOver; }
     void End();
 
     CSimTransport* FindEnd(const CEndKey& aKey) const;
-    // One that listens on the address, or on its port alone.
+    // An acceptor on the address, or on its port with any address.
     CSimAcceptor* FindAcceptor(const CCmInetAddr& aAddr, BOOL aDatagrams) const;
-    // A free port of that address; 0: there is none.
+    // A free port of that address; 0: none.
     WORD NewPort(const CCmInetAddr& aLocal, const CCmInetAddr& aPeer);
 
     void SetLink(const CCmInetAddr* aAcceptor, const CCmSimLink& aLink);
     const CCmSimLink& GetLink(const CCmInetAddr& aAcceptor) const;
-    // In a silence of aPath keeps aRun for its end and returns TRUE.
+    // During a silence of aPath stores aRun for its end and returns TRUE.
     BOOL HoldWhileSilent(const CCmSimPath& aPath, std::function<void()> aRun);
     BOOL IsSilent(const CCmSimPath& aPath) const;
     int64_t DelayOf(const CCmSimPath& aPath);

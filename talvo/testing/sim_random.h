@@ -1,4 +1,4 @@
-// The chances of a simulation.
+// The random numbers of a simulation.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 namespace talvo {
 
-// Numbers that follow from the seed alone, on every machine: a counter, well mixed (SplitMix64).
+// Numbers that depend only on the seed, on every machine: a counter, well mixed (SplitMix64).
 class CSimRandom {
 public:
     explicit CSimRandom(uint64_t aSeed) : m_ullState(aSeed) {}
@@ -16,7 +16,7 @@ public:
     uint64_t Below(uint64_t aBound) { return aBound == 0 ? 0 : Next_i() % aBound; }
     // 0 to aBound.
     int64_t UpTo(int64_t aBound) { return static_cast<int64_t>(Below(static_cast<uint64_t>(aBound) + 1)); }
-    // Draws nothing when there is nothing to decide.
+    // Draws no number if the outcome is certain.
     BOOL Chance(double aShare) { return aShare > 0 && (aShare >= 1 || static_cast<double>(Next_i() >> 11) * 0x1p-53 < aShare); }
 
 private:

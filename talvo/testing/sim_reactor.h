@@ -9,8 +9,8 @@ namespace talvo {
 class CSimCore;
 
 // Runs timers and posted events in simulated time. Watches no handles: registering one is CM_ERROR_UNEXPECTED. Its loop is that
-// of the simulation, so RunEventLoop works as ever; besides a stop it ends, with CM_ERROR_TIMEOUT, when nothing is left that
-// could happen. Another thread may post.
+// of the simulation, so RunEventLoop works as usual. It ends after a stop, and with CM_ERROR_TIMEOUT when no event is left.
+// Another thread may post.
 class CSimReactor final : public CCmReactorBase {
 public:
     // Neither is owned; both live until the reactor is closed.
@@ -22,9 +22,9 @@ public:
 
     CmResult RunEventLoop() override;
     CmResult StopEventLoop() override;
-    CmResult NotifyHandler(ACmEventHandler*, long) override { return CM_OK; }  // the schedule looks for events by itself
+    CmResult NotifyHandler(ACmEventHandler*, long) override { return CM_OK; }  // the schedule checks for events itself
 
-    // A batch of posted events. FALSE: there was none.
+    // Runs a batch of posted events. FALSE: there was none.
     BOOL RunPosted();
     // Microseconds until a timer is due; CSimSchedule::NEVER without one.
     int64_t GetTimerWait();

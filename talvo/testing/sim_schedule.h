@@ -13,7 +13,7 @@ namespace talvo {
 
 class CSimReactor;
 
-// The library's clock, and the loop of a simulation. Time stands still while code runs and goes straight to the next event:
+// The library's clock, and the loop of a simulation. Time stands still while code runs and advances directly to the next event:
 // posted events at once, then timers, then calls in the order of their times and, at one time, of their scheduling.
 // Microseconds.
 class CSimSchedule final : public ICmClock {
@@ -28,8 +28,8 @@ public:
     void After(int64_t aDelay, std::function<void()> aRun);
     void Jump(int64_t aTime) { m_llNow += aTime; }
 
-    // Runs everything due until aEnd (since the start; NEVER: until nothing is left) or until aIsDone, which is asked between
-    // all steps. TRUE: aIsDone. FALSE: it is aEnd now, or nothing is left.
+    // Runs all events due until aEnd (since the start; NEVER: until none is left) or until aIsDone, which is called between all
+    // steps. TRUE: aIsDone. FALSE: the time is aEnd, or no event is left.
     BOOL RunUntil(int64_t aEnd, const std::function<BOOL()>& aIsDone);
     BOOL IsRunning() const { return m_bRunning; }
 

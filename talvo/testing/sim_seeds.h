@@ -12,16 +12,16 @@ struct CCmSimRun {
     uint64_t m_ullSeed = 0;
     uint64_t m_ullDigest = 0;  // CCmSimNetwork::GetTraceDigest
     std::vector<std::string> m_Failures;
-    std::string m_strTrace;  // empty unless it was asked for
+    std::string m_strTrace;  // empty unless requested
 };
 
-// Uses the network and returns; calls CCmSimNetwork::Fail for each promise that is broken. Everything that it makes ends with
-// it. Calls with the same seed must do the same.
+// Uses the network and returns; calls CCmSimNetwork::Fail for each violated property. All its objects end with it. Calls with
+// the same seed must do the same.
 using CCmSimScenario = std::function<void(CCmSimNetwork& aNetwork)>;
 
-// Runs aScenario with aSeed. Objects of the library that are left afterwards (see CCmLiveCounter) are a failure as well.
+// Runs aScenario with aSeed. Remaining objects of the library (see CCmLiveCounter) are a failure as well.
 CCmSimRun cm_sim_run(const CCmSimScenario& aScenario, uint64_t aSeed, BOOL aTrace = FALSE);
 
-// Runs aScenario with aCount seeds from aFirst on. TRUE: none has failed. FALSE: aFailed is the run of the first that has, with
+// Runs aScenario with aCount seeds from aFirst on. TRUE: none has failed. FALSE: aFailed (out) is the first failed run, with
 // its trace; cm_sim_run with its seed replays it.
 BOOL cm_sim_run_seeds(const CCmSimScenario& aScenario, uint64_t aFirst, uint64_t aCount, CCmSimRun& aFailed);

@@ -18,7 +18,7 @@ constexpr DWORD MAX_DATAGRAM_PIECES = 1024;
 constexpr size_t MAX_DATAGRAM_LENGTH = 65507;
 constexpr int64_t FIRST_REPEAT = 200000;  // microseconds; each next one takes twice as long
 constexpr int MAX_REPEATS = 6;
-constexpr uint64_t MAX_TAIL = 20;  // bytes behind a damaged datagram
+constexpr uint64_t MAX_TAIL = 20;  // bytes after a damaged datagram
 
 }  // namespace
 
@@ -49,7 +49,7 @@ const CCmSimPath& CSimTransport::GetPathIn_i() const {
 
 void CSimTransport::After_i(int64_t aDelay, void (CSimTransport::*aRun)()) { AfterAt_i(*m_pCore, aDelay, m_Key, aRun); }
 
-// By key: the end may be gone by then.
+// By key: the end may be deleted then.
 void CSimTransport::AfterAt_i(CSimCore& aCore, int64_t aDelay, const CSimCore::CEndKey& aKey, void (CSimTransport::*aRun)()) {
     aCore.m_Schedule.After(aDelay, [&aCore, aKey, aRun] {
         if (CSimTransport* pEnd = aCore.FindEnd(aKey))
@@ -68,7 +68,7 @@ CmResult CSimTransport::Open_t() {
     return CM_OK;
 }
 
-// A stream that was cut has ended for its peer as well.
+// A cut stream has ended for its peer as well.
 CmResult CSimTransport::Close_t(CmResult) {
     if (std::exchange(m_bClosed, TRUE) || m_pCore->IsOver())
         return CM_OK;
@@ -128,7 +128,7 @@ size_t CSimTransport::GetRoom_i(size_t aLength, const CCmSimPath& aPath) const {
     return std::min<size_t>(aLength, dwBuffer - std::min(dwBuffer, m_End.m_dwUnread));
 }
 
-// The part in front of a cut arrives, and behind it the cut.
+// The part before a cut arrives, followed by the cut.
 void CSimTransport::SendStream_i(std::string aBytes) {
     const CCmSimPath& path = GetPathOut_i();
     CSimRandom& random = m_pCore->m_Random;
@@ -151,8 +151,8 @@ void CSimTransport::SendStream_i(std::string aBytes) {
     Break_i();
 }
 
-// Puts something on the way to the peer, behind everything before. A peer that has closed, and whose end was
-// delivered here, answers with a reset.
+// Sends a piece to the peer, after all earlier ones. If the peer has closed, and its end was delivered here, it answers with a
+// reset.
 void CSimTransport::Post_i(EKind aKind, std::string aBytes) {
     const CCmSimPath& path = GetPathOut_i();
     const int64_t llNow = m_pCore->m_Schedule.Now();
@@ -167,7 +167,7 @@ void CSimTransport::Post_i(EKind aKind, std::string aBytes) {
     pPeer->After_i(m_llLastArrival - llNow, &CSimTransport::TakeArrivals_i);
 }
 
-// How long until the last byte has left: those before it come first.
+// The time until the last byte has left, after all earlier ones.
 int64_t CSimTransport::TimeOnLine_i(size_t aLength) {
     const CCmSimPath& path = GetPathOut_i();
     if (path.m_dwBandwidth == 0)
@@ -197,7 +197,7 @@ void CSimTransport::SendDatagram_i(const std::string& aBytes) {
         SendCopy_i(aBytes);
 }
 
-// Nothing that a receiver could take for another datagram.
+// Never makes bytes that a receiver could take for another datagram.
 std::string CSimTransport::Damage_i(std::string aBytes) {
     if (m_pCore->m_Random.Chance(0.5))
         aBytes.resize(m_pCore->m_Random.Below(aBytes.size()));
@@ -227,7 +227,7 @@ void CSimTransport::SendCopy_i(std::string aBytes) {
                               });
 }
 
-// The socket of an accepted peer is shared, so no refusal is its own.
+// The socket of an accepted peer is shared, so a refusal is not for this end.
 void CSimTransport::OnRefused() {
     if (m_End.m_bAccepted || m_pCore->IsSilent(GetPathIn_i()))
         return;

@@ -19,7 +19,7 @@ namespace talvo {
 // Both ends of a stream exist before either is indicated. Datagrams find their receiver when they arrive.
 class CSimTransport final : public CCmTransportBase {
 public:
-    // aEnd: its addresses, of which no other end has both, and its kind. aSizes: a size of 0 is that of the link.
+    // aEnd: its kind and its addresses; no other end has the same pair. aSizes: a size of 0 is the link's.
     CSimTransport(CSimCore& aCore, ICmReactor* aReactor, const CCmSimEnd& aEnd, const CSocketSettings& aSizes);
     ~CSimTransport() override;
 
@@ -29,7 +29,7 @@ public:
 
     // A datagram, from the network.
     void TakeDatagram(std::string aBytes);
-    // A datagram of this end has met no receiver.
+    // A datagram of this end has found no receiver.
     void OnRefused();
 
     const CCmSimEnd& Describe() const { return m_End; }
@@ -46,7 +46,7 @@ private:
         std::string m_strBytes;
     };
 
-    // The loop calls aRun of this end after a while, unless it is closed by then.
+    // The loop calls aRun of this end after a delay, unless it is closed then.
     void After_i(int64_t aDelay, void (CSimTransport::*aRun)());
     static void AfterAt_i(CSimCore& aCore, int64_t aDelay, const CSimCore::CEndKey& aKey, void (CSimTransport::*aRun)());
     const CCmSimPath& GetPathOut_i() const;
@@ -82,16 +82,16 @@ private:
     BOOL m_bClosed = FALSE;
     BOOL m_bPaused = FALSE;
     BOOL m_bDeliveryDue = FALSE;
-    BOOL m_bEndArrived = FALSE;  // of the peer, behind m_Unread
+    BOOL m_bEndArrived = FALSE;  // the peer's, after m_Unread
     BOOL m_bTellEnd = FALSE;     // option 148
     BOOL m_bEndTold = FALSE;
     BOOL m_bEndSent = FALSE;           // option 147
     uint64_t m_ullTaken = 0;           // bytes of the stream
-    int64_t m_llLineFree = 0;          // when the last byte that was taken has left
+    int64_t m_llLineFree = 0;          // the time when the last taken byte has left
     int64_t m_llLastArrival = 0;       // a stream keeps its order
     std::deque<CPiece> m_OnTheWay;     // to this end; a stream's
-    std::deque<std::string> m_Unread;  // arrived and not handed up
-    size_t m_stUnread = 0;             // bytes of these
+    std::deque<std::string> m_Unread;  // arrived and not delivered
+    size_t m_stUnread = 0;             // their bytes
 };
 
 }  // namespace talvo

@@ -46,7 +46,7 @@ void CSimTransport::TakePiece_i(CPiece aPiece) {
     m_Unread.push_back(std::move(aPiece.m_strBytes));
 }
 
-// A broken stream waits for no end of a pause: whatever would end it may never come.
+// A broken stream does not wait for the end of a pause, which may never come.
 void CSimTransport::ScheduleDelivery_i() {
     const BOOL bReadable = !m_bPaused && (!m_Unread.empty() || (m_bEndArrived && !m_bEndTold));
     if (m_pSink && (bReadable || m_End.m_bBroken) && !std::exchange(m_bDeliveryDue, TRUE))
@@ -77,7 +77,7 @@ void CSimTransport::DeliverBytes_i() {
     m_pSink->OnReceive(block, this, nullptr);
     if (pCore->m_pObserver)
         pCore->m_pObserver->OnReceived(m_End, strBytes);
-    std::fill(strBytes.begin(), strBytes.end(), '\xEE');  // a view that was kept shows
+    std::fill(strBytes.begin(), strBytes.end(), '\xEE');  // detects a view that was kept
 }
 
 // The result of one read: a datagram, or any part of the unread bytes of a stream.
@@ -112,7 +112,7 @@ void CSimTransport::TellRoom_i() {
     m_pSink->OnSend(this, nullptr);
 }
 
-// With both directions ended the connection ends.
+// After the ends of both directions the connection ends.
 void CSimTransport::TellEnd_i() {
     if (!m_bTellEnd || m_bEndSent) {
         Fail_i();
@@ -124,7 +124,7 @@ void CSimTransport::TellEnd_i() {
     m_pSink->OnReceive(nothing, this, nullptr);
 }
 
-// From now on sends fail. OnDisconnect comes after a while, behind the unread bytes.
+// From now on sends fail. OnDisconnect comes after a delay, after the unread bytes.
 void CSimTransport::Break_i() {
     if (std::exchange(m_End.m_bBroken, TRUE))
         return;

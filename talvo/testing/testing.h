@@ -1,4 +1,4 @@
-// Everything that a test over simulated links needs besides talvo/talvo.h; link talvo::testing.
+// Includes for a test over simulated links, in addition to talvo/talvo.h; link talvo::testing.
 #pragma once
 
 #include "talvo/testing/sim_network.h"
