@@ -37,7 +37,7 @@ private:
     CCmUndrained m_Left;
 };
 
-// Goes to the user's thread in the end.
+// Reports the end, in the user's thread.
 class CDrain::CReport final : public ICmEvent {
 public:
     CmResult OnEventFire() override {
@@ -189,7 +189,7 @@ CmResult CDrainWait::Run(CCmThreadLink& aMain, CCmThreadLink& aNetwork, const CC
         pDrain->Withdraw();
         return rv;
     }
-    // The main thread's loop has ended for good: nothing there could be waited for.
+    // The main thread's loop has ended permanently: there is no loop to wait for.
     pDrain->StartOrTell();
     m_bDone.wait(FALSE);
     return m_Result;

@@ -24,8 +24,8 @@ public:
     // calls aSink.
     CDrain(CCmThreadLink& aNetwork, CCmThreadLink& aUser, ICmDrainSink& aSink, const CCmTimeValue& aTime, BOOL aEvenHere);
 
-    // Claims the process's one drain; comes first. CM_ERROR_ALREADY_INITIALIZED: another one runs. CM_ERROR_OUT_OF_MEMORY. The
-    // sink is not told then.
+    // Claims the process's one drain; call it first. CM_ERROR_ALREADY_INITIALIZED: another one runs. CM_ERROR_OUT_OF_MEMORY.
+    // After an error the sink gets no call.
     CmResult Claim();
     // Any thread. CM_ERROR_NULL_POINTER: the network thread has ended. CM_ERROR_OUT_OF_MEMORY.
     CmResult Start();
@@ -54,7 +54,7 @@ private:
     const BOOL m_bEvenHere;
     ICmDrainSink* m_pSink;  // not owned; null: the drain is over
     BOOL m_bClaimed = FALSE;
-    std::unique_ptr<CReport> m_pReport;  // made in time: the end is reported with or without memory
+    std::unique_ptr<CReport> m_pReport;  // made in advance: the end is reported with or without memory
 
     // Network thread only.
     CDrainRule m_Rule;

@@ -7,9 +7,9 @@
 
 class TALVO_API ICmDrainSink {
 public:
-    // Once, in the thread that called Drain. CM_OK: everything has ended, aLeft is all zero. CM_ERROR_TIMEOUT: aLeft is what
-    // was left at the limit and has been cut off. CM_ERROR_NOT_AVAILABLE: the network thread ended first, with aLeft
-    // unfinished. CM_ERROR_OUT_OF_MEMORY: it could not begin. Drain may be called again inside.
+    // Once, in the thread that called Drain. CM_OK: everything has ended, and aLeft is all zero. CM_ERROR_TIMEOUT: aLeft was
+    // left at the limit and has been aborted. CM_ERROR_NOT_AVAILABLE: the network thread ended first; aLeft is unfinished.
+    // CM_ERROR_OUT_OF_MEMORY: the drain could not start. This call may call Drain again.
     virtual void OnDrained(CmResult aReason, const CCmUndrained& aLeft) = 0;
     virtual ~ICmDrainSink();
 };

@@ -68,7 +68,7 @@ void CDatagramHub::OnStranger(CCmMessageBlock& aData, const sockaddr_in& aFrom, 
     const CCmRefPtrT<CCmTransportUdp> pTransport(new (std::nothrow) CCmTransportUdp(m_pReactor, this, addrPeer));
     const BOOL bAdded = pTransport && m_Peers.Add(aKey, pTransport.Get(), m_Port.GetReceivedUsec());
     if (!m_bIdleTimer)
-        ArmIdleTimer();  // again where there was no memory for it: those that are silent have what a stranger needs
+        ArmIdleTimer();  // re-armed if memory ran out for it: idle peers hold what a new one needs
     if (!bAdded) {
         m_Port.CountDropped();
         return;
