@@ -16,7 +16,8 @@ CCmLiveCounter s_Live("CSimAcceptor");
 }  // namespace
 
 CSimAcceptor::CSimAcceptor(BOOL aDatagrams)
-    : m_pCore(static_cast<CSimReactor*>(m_pReactor)->GetCore().shared_from_this()), m_bDatagrams(aDatagrams) {
+    : m_pCore(static_cast<CSimReactor*>(static_cast<ICmReactor*>(m_pReactor))->GetCore().shared_from_this()),
+      m_bDatagrams(aDatagrams) {
     ++s_Live;
 }
 

@@ -1,7 +1,7 @@
 // The common part of acceptors.
 #pragma once
 
-#include "talvo/event/reactor.h"
+#include "talvo/event/home_reactor.h"
 #include "talvo/event/thread_link.h"
 #include "talvo/transport/connect_options.h"
 #include "talvo/transport/socket_settings.h"
@@ -31,7 +31,7 @@ protected:
 
     CCmEnsureSingleThread m_Est;
     ACmThread* const m_pThreadNetwork;            // not owned
-    ICmReactor* const m_pReactor;                 // not owned; null: there is no network thread
+    const talvo::CHomeReactor m_pReactor;         // null: there is no network thread
     ICmAcceptorConnectorSink* m_pSink = nullptr;  // not owned; set while listening
     CCmFailure m_Failure;                         // of the last StartListen
     talvo::CSocketSettings m_Sockets;             // the user's values

@@ -46,9 +46,10 @@ CmResult CCmConnectorWrapper::Init(DWORD aType) {
 void CCmConnectorWrapper::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout,
                                       CCmInetAddr* aAddrLocal) {
     m_Est.EnsureSingleThread();
-    if (!aSink || !m_bClosed) {
-        CM_WARNING_TRACE_THIS("CCmConnectorWrapper::AsycConnect, refused. aSink=" << static_cast<const void*>(aSink)
-                                                                                  << " m_bClosed=" << m_bClosed);
+    const BOOL bEnded = m_pReactor && !ICmReactor::IsAlive(m_pReactor);
+    if (!aSink || !m_bClosed || bEnded) {
+        CM_WARNING_TRACE_THIS("CCmConnectorWrapper::AsycConnect, refused. aSink="
+                              << static_cast<const void*>(aSink) << " m_bClosed=" << m_bClosed << " bEnded=" << bEnded);
         return;
     }
     m_pSink = aSink;
@@ -151,6 +152,5 @@ void CCmConnectorWrapper::Close_i() {
     m_NoMemory.Cancel();
     if (m_pConnector)
         m_pConnector->Close();
-    if (ICmReactor::IsAlive(m_pReactor))
-        m_pReactor->CancelTimer(this);
+    m_pReactor->CancelTimer(this);
 }

@@ -3,8 +3,8 @@
 
 #include <memory>
 
+#include "talvo/event/home_reactor.h"
 #include "talvo/event/later_report.h"
-#include "talvo/event/reactor.h"
 #include "talvo/transport/connect_options.h"
 #include "talvo/transport/connector_internal.h"
 
@@ -51,7 +51,7 @@ private:
     void ReportLater_i(const CCmTimeValue& aDelay, CmResult aReason);
 
     CCmEnsureSingleThread m_Est;
-    ICmReactor* m_pReactor = nullptr;             // not owned; the network thread's, also its timers
+    talvo::CHomeReactor m_pReactor = nullptr;     // the network thread's, also its timers
     ICmAcceptorConnectorSink* m_pSink = nullptr;  // not owned
     std::unique_ptr<ACmConnectorInternal> m_pConnector;
     DWORD m_Type = 0;

@@ -67,10 +67,7 @@ CCmFailure CCmTransportBase::GetFailure_i(const CCmInetAddr& aPeer) const {
     return m_nErrno != 0 ? CCmFailure(m_nErrno, way.m_pVerb, aPeer) : CCmFailure(way.m_Cause, way.m_pText, way.m_pVerb, aPeer);
 }
 
-void CCmTransportBase::RemoveFromReactor_i() {
-    if (ICmReactor::IsAlive(m_pReactor))
-        m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
-}
+void CCmTransportBase::RemoveFromReactor_i() { m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK); }
 
 CmResult CCmTransportBase::SetTos2Socket(CCmSocketBase& aSocket, void* aTos) {
     int nTos = 0;

@@ -1,7 +1,7 @@
 // The common part of transports over a socket.
 #pragma once
 
-#include "talvo/event/reactor.h"
+#include "talvo/event/home_reactor.h"
 #include "talvo/event/timer_delete.h"
 #include "talvo/transport/drained_transport.h"
 #include "talvo/transport/socket.h"
@@ -56,11 +56,10 @@ protected:
     BOOL HasFailed_i() const { return m_pFailure != nullptr; }
     CCmFailure GetFailure_i(const CCmInetAddr& aPeer) const;
 
-    // Removes the handler from the reactor, if the reactor still exists.
     void RemoveFromReactor_i();
 
     CCmEnsureSingleThread m_Est;
-    ICmReactor* const m_pReactor;  // not owned
+    const talvo::CHomeReactor m_pReactor;
 
 private:
     void EndInOrder_i(BOOL aCut) override;

@@ -1,5 +1,6 @@
 #include "talvo/transport/tcp/transport_tcp.h"
 
+#include "talvo/transport/udp/transport_udp.h"
 #include "tests/support/network_fixture.h"
 
 namespace {
@@ -52,6 +53,51 @@ protected:
 };
 
 }  // namespace
+
+// Everything over sockets uses its reactor in the same way.
+TEST(HomeReactorTest, NothingIsTouchedAfterTheEndOfTheThread) {
+    CTestSink sink;
+    CTestConnectSink connects;
+    CCmRefPtrT<ICmTransport> pTcp, pUdp;
+    CCmRefPtrT<ICmAcceptor> pAcceptor;
+    CCmRefPtrT<ICmConnector> pConnector;
+    CTestFd peer;
+    {
+        const CMainThread main;
+        auto [fdOurs, fdPeer] = MakeTcpPair();
+        const CCmRefPtrT<CCmTransportTcp> pTransport(new CCmTransportTcp(&main.GetReactor()));
+        pTransport->GetPeer().SetHandle(dup(fdOurs.Get()));
+        pTcp = pTransport.Get();
+        peer = std::move(fdPeer);
+        EXPECT_EQ(CM_OK, pTcp->OpenWithSink(&sink));
+        const CCmRefPtrT<CCmTransportUdp> pDatagrams(new CCmTransportUdp(&main.GetReactor()));
+        pDatagrams->GetPeer().Open(CCmInetAddr(OwnLoopback(), 0));
+        pUdp = pDatagrams.Get();
+        EXPECT_EQ(CM_OK, pUdp->OpenWithSink(&sink));
+        CCmThreadManager::Instance()->SetNetworkThreadMode(CCmThreadManager::NETWORK_THREAD_MAIN);
+        CCmConnectionManager::Instance()->CreateConnectionServer(1, pAcceptor.ParaOut());
+        CCmConnectionManager::Instance()->CreateConnectionClient(1, pConnector.ParaOut());
+        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&connects, CCmInetAddr(OwnLoopback(), 0)));
+        CCmConnectionManager::CleanupInstance();
+    }
+    CCmThreadManager::Instance()->SetNetworkThreadMode(CCmThreadManager::NETWORK_THREAD_OWN);
+    BOOL bPause = TRUE;
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, pTcp->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, pUdp->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+    while (SendText(*pTcp, Pattern(65536)) == CM_OK) {
+    }
+    EXPECT_EQ(CM_OK, pAcceptor->StopListen(CM_OK));
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, pAcceptor->StartListen(&connects, CCmInetAddr(OwnLoopback(), 0)));
+    pConnector->AsycConnect(&connects, CCmInetAddr(OwnLoopback(), 9));
+    pConnector->CancelConnect();
+    EXPECT_EQ(0u, connects.Count());
+    EXPECT_EQ(CM_OK, pTcp->Disconnect(CM_OK));
+    pTcp.Reset();
+    pUdp.Reset();
+    pAcceptor.Reset();
+    pConnector.Reset();
+    EXPECT_EQ("", CCmLiveCounter::Dump());
+}
 
 TEST_F(TransportTcpTest, ReceivesExactlyOneBufferAndMore) {
     const std::string strData = Pattern(16384);

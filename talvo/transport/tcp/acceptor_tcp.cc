@@ -90,12 +90,10 @@ CmResult CCmAcceptorTcp::StopListen(CmResult aReason) {
     m_Est.EnsureSingleThread();
     LeaveThread();
     if (GetHandle() != CM_INVALID_HANDLE) {
-        if (ICmReactor::IsAlive(m_pReactor)) {
-            if (m_bResting)
-                m_pReactor->CancelTimer(this);
-            else
-                m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
-        }
+        if (m_bResting)
+            m_pReactor->CancelTimer(this);
+        else
+            m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
         m_bResting = FALSE;
         m_Socket.Close(aReason);
     }

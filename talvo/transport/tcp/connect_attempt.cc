@@ -19,7 +19,7 @@ template <class TransportType>
 int CConnectAttemptT<TransportType>::Start(const CCmInetAddr& aAddr, const CCmInetAddr& aAddrLocal,
                                            const CSocketSettings& aSockets) {
     m_AddrPeer = aAddr;
-    m_pTransport = new (std::nothrow) TransportType(&m_Reactor);
+    m_pTransport = new (std::nothrow) TransportType(m_pReactor);
     if (!m_pTransport) {
         errno = ENOMEM;
         return Failed_i("connect to", aAddr);
@@ -53,7 +53,7 @@ int CConnectAttemptT<TransportType>::Connect_i(const CCmInetAddr& aAddrLocal, co
     CM_INFO_TRACE_THIS("CCmConnectorTcpT::Connect_i, addr=" << m_AddrPeer.GetIpDisplayName() << " port=" << m_AddrPeer.GetPort()
                                                             << " laddr=" << aAddrLocal.GetIpDisplayName()
                                                             << " lport=" << aAddrLocal.GetPort() << " fd=" << GetHandle());
-    if (m_Reactor.RegisterHandler(this, CONNECT_MASK) != CM_OK)
+    if (m_pReactor->RegisterHandler(this, CONNECT_MASK) != CM_OK)
         return Failed_i("watch the connect to", m_AddrPeer);
     if (connect(GetHandle(), reinterpret_cast<const sockaddr*>(m_AddrPeer.GetPtr()), m_AddrPeer.GetSize()) == 0)
         return 0;
@@ -110,8 +110,8 @@ int CConnectAttemptT<TransportType>::Finished_i(int aError) {
 
 template <class TransportType>
 void CConnectAttemptT<TransportType>::Unregister_i() {
-    if (m_pTransport && ICmReactor::IsAlive(&m_Reactor))
-        m_Reactor.RemoveHandler(this, ALL_EVENTS_MASK);
+    if (m_pTransport)
+        m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
 }
 
 template class CConnectAttemptT<CCmTransportTcp>;

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "talvo/base/failure.h"
-#include "talvo/event/reactor.h"
+#include "talvo/event/home_reactor.h"
 #include "talvo/transport/socket_settings.h"
 #include "talvo/transport/tcp/transport_tcp.h"
 
@@ -21,7 +21,7 @@ public:
         virtual ~IOwner() = default;
     };
 
-    CConnectAttemptT(ICmReactor& aReactor, IOwner& aOwner) : m_Reactor(aReactor), m_Owner(aOwner) {}
+    CConnectAttemptT(ICmReactor* aReactor, IOwner& aOwner) : m_pReactor(aReactor), m_Owner(aOwner) {}
     ~CConnectAttemptT() override;
 
     // 0: connected at once. 1: in progress. -1: failed at once, the error in errno. A report follows only for 1.
@@ -43,7 +43,7 @@ private:
     int Finished_i(int aError);
     void Unregister_i();
 
-    ICmReactor& m_Reactor;
+    const CHomeReactor m_pReactor;
     IOwner& m_Owner;
     CCmInetAddr m_AddrPeer;
     CCmRefPtrT<TransportType> m_pTransport;

@@ -28,8 +28,7 @@ void CConnectRaceT<TransportType>::Stop() {
     m_Attempts.clear();
     m_Addrs.clear();
     m_stNext = 0;
-    if (ICmReactor::IsAlive(m_pReactor))
-        m_pReactor->CancelTimer(this);
+    m_pReactor->CancelTimer(this);
 }
 
 // Skips addresses that fail at once. Results as Start; -1: there are no more addresses.
@@ -37,7 +36,7 @@ template <class TransportType>
 int CConnectRaceT<TransportType>::StartNext_i(CCmRefPtrT<TransportType>& aTransport) {
     while (m_stNext < m_Addrs.size()) {
         const CCmInetAddr& addr = m_Addrs[m_stNext++];
-        std::unique_ptr<CAttempt> pAttempt(new (std::nothrow) CAttempt(*m_pReactor, *this));
+        std::unique_ptr<CAttempt> pAttempt(new (std::nothrow) CAttempt(m_pReactor, *this));
         if (!pAttempt) {
             m_Failure = CCmFailure(ENOMEM, "connect to", addr);
             continue;

@@ -49,7 +49,7 @@ private:
     void OnAttemptDone(CAttempt& aAttempt, int aError) override;
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
 
-    ICmReactor* const m_pReactor;  // not owned
+    const CHomeReactor m_pReactor;
     IUser& m_User;
     CCmInetAddr m_AddrLocal;
     CSocketSettings m_Sockets;

@@ -133,7 +133,7 @@ template <class TransportType>
 void CCmConnectorTcpT<TransportType>::Close() {
     m_Lookup.Cancel();
     m_Race.Stop();
-    if (m_bTimerArmed && ICmReactor::IsAlive(m_pReactor))
+    if (m_bTimerArmed)
         m_pReactor->CancelTimer(this);
     m_bTimerArmed = FALSE;
     m_pTransport.Reset();

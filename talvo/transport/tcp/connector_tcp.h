@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "talvo/event/reactor.h"
+#include "talvo/event/home_reactor.h"
 #include "talvo/transport/base_types.h"
 #include "talvo/transport/dns/name_lookup.h"
 #include "talvo/transport/tcp/connect_race.h"
@@ -43,7 +43,7 @@ private:
     void OnRaceDone(CCmRefPtrT<TransportType> aTransport) override;
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
 
-    ICmReactor* const m_pReactor;  // not owned
+    const talvo::CHomeReactor m_pReactor;
     ACmConnectorUpper& m_Upper;
     CCmInetAddr m_AddrPeer;                      // perhaps with a name
     CCmInetAddr m_AddrLocal;                     // CCmInetAddr::s_InetAddrAny: not given

@@ -148,10 +148,9 @@ void CCmConnectorUdpT<TransportType>::Report_i(CmResult aReason) {
 template <class TransportType>
 void CCmConnectorUdpT<TransportType>::Close() {
     m_Lookup.Cancel();
-    const BOOL bReactor = ICmReactor::IsAlive(m_pReactor);
-    if (std::exchange(m_bTimerArmed, FALSE) && bReactor)
+    if (std::exchange(m_bTimerArmed, FALSE))
         m_pReactor->CancelTimer(this);
-    if (m_pTransport && bReactor)
+    if (m_pTransport)
         m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
     m_pTransport.Reset();
 }

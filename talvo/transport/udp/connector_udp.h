@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "talvo/event/reactor.h"
+#include "talvo/event/home_reactor.h"
 #include "talvo/transport/base_types.h"
 #include "talvo/transport/dns/name_lookup.h"
 #include "talvo/transport/socket_settings.h"
@@ -44,7 +44,7 @@ private:
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // a name has no address
     void OnNameKnown(const CCmDnsRecord& aRecord) override;
 
-    ICmReactor* const m_pReactor;  // not owned
+    const talvo::CHomeReactor m_pReactor;
     ACmConnectorUpper& m_Upper;
     talvo::CNameLookup m_Lookup{*this};
     CCmInetAddr m_AddrPeer;

@@ -19,7 +19,7 @@ uint64_t KeyOf(const sockaddr_in& aAddr) { return CPeerTableT<CCmTransportUdp>::
 }  // namespace
 
 CDatagramHub::~CDatagramHub() {
-    if (m_bIdleTimer && ICmReactor::IsAlive(m_pReactor))
+    if (m_bIdleTimer)
         m_pReactor->CancelTimer(this);
 }
 
@@ -131,7 +131,7 @@ BOOL CDatagramHub::Keep(DWORD aBytes) {
 // the peer with the longest silence then.
 void CDatagramHub::ArmIdleTimer() {
     CPeers::CPeer* pPeer = m_Peers.GetSilent();
-    if (m_llIdleUsec == 0 || !pPeer || !ICmReactor::IsAlive(m_pReactor))
+    if (m_llIdleUsec == 0 || !pPeer)
         return;
     const int64_t llLeft = CPeers::GetHeardUsec(*pPeer) + m_llIdleUsec - CCmClock::GetTimeOfDayUsec();
     const CCmTimeValue tvLeft = CCmTimeValue::FromUsec(std::max<int64_t>(llLeft, 0));

@@ -55,7 +55,7 @@ private:
     void TraceLimit();
     void ArmIdleTimer();
 
-    ICmReactor* const m_pReactor;                 // not owned
+    const CHomeReactor m_pReactor;
     ICmAcceptorConnectorSink* m_pSink = nullptr;  // while listening
     ICmAcceptorConnectorId* m_pId = nullptr;
     CDatagramPort m_Port;

@@ -60,13 +60,10 @@ void CDatagramPort::Leave() {
     if (!m_bBroken)
         m_Sender.Flush(GetHandle());
     m_Sender.Clear();
-    if (ICmReactor::IsAlive(m_pReactor)) {
-        if (std::exchange(m_bFlushDue, FALSE))
-            m_pReactor->CancelTimer(this);
-        if (m_bOpen)
-            m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
-    }
-    m_bOpen = FALSE;
+    if (std::exchange(m_bFlushDue, FALSE))
+        m_pReactor->CancelTimer(this);
+    if (std::exchange(m_bOpen, FALSE))
+        m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
 }
 
 CmResult CDatagramPort::PauseReading(BOOL aPause) {
@@ -163,9 +160,7 @@ CmResult CDatagramPort::Send(CCmMessageBlock& aData, DWORD aLength, const sockad
 void CDatagramPort::FlushLater() {
     if (m_bFlushDue)
         return;
-    CmResult rv = CM_ERROR_NOT_INITIALIZED;
-    if (ICmReactor::IsAlive(m_pReactor))
-        rv = m_pReactor->ScheduleTimer(this, nullptr, CCmTimeValue::s_tvZero, 1);
+    const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, CCmTimeValue::s_tvZero, 1);
     m_bFlushDue = rv == CM_OK || rv == CM_ERROR_FOUND;
     if (!m_bFlushDue)
         Flush();

@@ -1,7 +1,7 @@
 // A datagram socket in the reactor.
 #pragma once
 
-#include "talvo/event/reactor.h"
+#include "talvo/event/home_reactor.h"
 #include "talvo/transport/socket.h"
 #include "talvo/transport/udp/datagram_sender.h"
 
@@ -87,7 +87,7 @@ private:
     CmResult Register();
     void Leave();
 
-    ICmReactor* const m_pReactor;  // not owned; may be deleted before this object
+    const CHomeReactor m_pReactor;
     IDatagramUser& m_User;
     const BOOL m_bConnected;
     CCmSocketUdp m_Socket;

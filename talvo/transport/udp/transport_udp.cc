@@ -55,7 +55,7 @@ CmResult CCmTransportUdp::Open_t() {
 CmResult CCmTransportUdp::Close_t(CmResult) {
     while (m_dwKept > 0)
         TakeFirstKept();
-    if (std::exchange(m_bDeliverDue, FALSE) && ICmReactor::IsAlive(m_pReactor))
+    if (std::exchange(m_bDeliverDue, FALSE))
         m_pReactor->CancelTimer(this);
     if (m_pOwnPort)
         m_pOwnPort->Close();
