@@ -24,6 +24,9 @@ public:
     Application(const Application&) = delete;
     Application& operator=(const Application&) = delete;
 
+    // false: Run reports that and returns at once.
+    bool IsStarted() const { return m_bStarted != FALSE; }
+
     // Runs the main thread's loop until Finish or a signal. Returns the exit status; EXIT_FAILED at once if the library did not
     // start.
     int Run();

@@ -86,7 +86,7 @@ int RunEcho(const Arguments& aArguments) {
     Console console(aArguments.m_bJson);
     Application application(CCmThreadManager::NETWORK_THREAD_MAIN);
     EchoServer server;
-    if (!server.Start(aArguments, console))
+    if (application.IsStarted() && !server.Start(aArguments, console))
         return EXIT_FAILED;
     const int nStatus = application.Run();
     application.Drain();

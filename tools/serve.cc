@@ -55,7 +55,7 @@ int RunServe(const Arguments& aArguments) {
     Application::RaiseDescriptorLimit();
     Application application(CCmThreadManager::NETWORK_THREAD_MAIN);
     Server server(directory, console);
-    if (!server.Start(aArguments.m_Endpoint))
+    if (application.IsStarted() && !server.Start(aArguments.m_Endpoint))
         return EXIT_FAILED;
     const int nStatus = application.Run();
     server.AnnounceEnd();

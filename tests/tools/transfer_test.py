@@ -248,6 +248,10 @@ class TransferTest(ProgramTest):
                                  (["echo", *free, *foreign], "Cannot assign requested address"),
                                  (["serve", self.out, *free, *foreign], "Cannot assign requested address")):
             self.assert_fails(self.run_talvo(*arguments), 1, cause)
+        for arguments in (["echo", *free], ["serve", self.out, *free]):
+            for limit in 4, 5:
+                few = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
+                self.assert_fails(self.run_talvo(*arguments, preexec_fn=few), 1, "cannot start the library: no descriptor")
 
     def test_wrong_arguments_give_one_line_and_status_2(self):
         file, to = self.make("file", ""), "127.0.0.1:1"
