@@ -68,10 +68,11 @@ public:
     // alive until then) is notified in that thread unless the thread ends before. CM_OK: the notification follows. Threads with
     // HTTP must run their loop.
     // Without aSink: from the main thread after its loop has returned. The call runs that loop, and so all callbacks of the
-    // thread. CM_OK: everything has ended; CM_ERROR_TIMEOUT: aborted at the limit; CM_ERROR_NOT_AVAILABLE: the network thread
-    // ended first. CM_ERROR_FAILURE: another thread calls, or the loop runs (from inside a callback).
-    // CM_ERROR_ALREADY_INITIALIZED: a drain runs already. CM_ERROR_NULL_POINTER: the caller is not a thread of the library with
-    // an event queue, or the network thread has ended. CM_ERROR_OUT_OF_MEMORY.
+    // thread. CM_OK: everything has ended; CM_ERROR_NETWORK_SOCKET_ERROR: everything has ended, but connections failed after
+    // their OnDisconnect of step 3 and lost data, and a trace line counts them; CM_ERROR_TIMEOUT: aborted at the limit;
+    // CM_ERROR_NOT_AVAILABLE: the network thread ended first. CM_ERROR_FAILURE: another thread calls, or the loop runs (from
+    // inside a callback). CM_ERROR_ALREADY_INITIALIZED: a drain runs already. CM_ERROR_NULL_POINTER: the caller is not a thread
+    // of the library with an event queue, or the network thread has ended. CM_ERROR_OUT_OF_MEMORY.
     CmResult Drain(CCmTimeValue* aTimeout, ICmDrainSink* aSink = nullptr);
 
     // aConnector (out): a new connector or acceptor with one reference for the caller, null on failure. CM_ERROR_INVALID_ARG:

@@ -136,7 +136,7 @@ void CDrain::Finish_i() {
         TellOthers_i(ECmDrainStage::CUT);
     m_pNetwork->Drain(ECmDrainStage::NONE);
     TellOthers_i(ECmDrainStage::NONE);
-    Tell_i(m_Rule.GetResult(), left);
+    Tell_i(m_Rule.GetResult(left), left);
 }
 
 void CDrain::TellOthers_i(ECmDrainStage aStage) {
@@ -166,7 +166,7 @@ void CDrain::Tell_i(CmResult aReason, const CCmUndrained& aLeft) {
     else
         CM_WARNING_TRACE_THIS("CCmConnectionManager::Drain, left: connections="
                               << aLeft.m_dwConnections << " requests=" << aLeft.m_dwRequests << " bytes=" << aLeft.m_ullBytes
-                              << " rv=" << aReason);
+                              << " lost=" << aLeft.m_dwLost << " lost bytes=" << aLeft.m_ullLostBytes << " rv=" << aReason);
     m_pReport->m_pSink = pSink;
     m_pReport->m_Reason = aReason;
     m_pReport->m_Left = aLeft;

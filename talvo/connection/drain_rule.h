@@ -9,7 +9,7 @@
 namespace talvo {
 
 //            no request is left           nothing is left
-//   FINISH -------------------> CLOSE ---------------------> NONE     CM_OK
+//   FINISH -------------------> CLOSE ---------------------> NONE     CM_OK, after a loss CM_ERROR_NETWORK_SOCKET_ERROR
 //      |                          |
 //      +------ the time is over --+------------------------> CUT      CM_ERROR_TIMEOUT
 //
@@ -20,7 +20,12 @@ public:
 
     ECmDrainStage GetStage() const { return m_Stage; }
     BOOL IsOver() const { return m_Stage == ECmDrainStage::NONE || m_Stage == ECmDrainStage::CUT; }
-    CmResult GetResult() const { return m_Stage == ECmDrainStage::NONE ? CM_OK : CM_ERROR_TIMEOUT; }
+    // aLeft: what was left at the end.
+    CmResult GetResult(const CCmUndrained& aLeft) const {
+        if (m_Stage != ECmDrainStage::NONE)
+            return CM_ERROR_TIMEOUT;
+        return aLeft.m_dwLost == 0 ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
+    }
 
     // The work left at aNow. aAll: every thread has the stage and has answered.
     void OnLook(const CCmUndrained& aLeft, BOOL aAll, const CCmTimeValue& aNow) {

@@ -11,6 +11,10 @@ struct CCmUndrained {
     DWORD m_dwLingering = 0;    // those of the connections that were closed with CM_OK
     DWORD m_dwRequests = 0;     // HTTP: connections of a server, requests of clients
     uint64_t m_ullBytes = 0;    // taken from users and not acknowledged by the peer's system
+    // Of the drain under way: connections that failed, or that the peer ended as well, before its system had
+    // acknowledged everything. They are no unfinished work.
+    DWORD m_dwLost = 0;
+    uint64_t m_ullLostBytes = 0;
 
     BOOL IsNothing() const { return m_dwConnections == 0 && m_dwRequests == 0; }
     CCmUndrained& operator+=(const CCmUndrained& aOther) {
@@ -18,6 +22,8 @@ struct CCmUndrained {
         m_dwLingering += aOther.m_dwLingering;
         m_dwRequests += aOther.m_dwRequests;
         m_ullBytes += aOther.m_ullBytes;
+        m_dwLost += aOther.m_dwLost;
+        m_ullLostBytes += aOther.m_ullLostBytes;
         return *this;
     }
 };

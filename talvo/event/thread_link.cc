@@ -46,6 +46,13 @@ void CCmThreadTenant::JoinCurrentThread() {
 
 BOOL CCmThreadTenant::IsDraining() const { return m_pLink && m_pLink->GetDrainStage() != ECmDrainStage::NONE; }
 
+void CCmThreadTenant::CountLost(uint64_t aBytes) {
+    if (aBytes == 0 || !IsDraining())
+        return;
+    ++m_pLink->m_Lost.m_dwLost;
+    m_pLink->m_Lost.m_ullLostBytes += aBytes;
+}
+
 // A post increments m_dwPosts before it checks whether the link is open, and Close waits for posts under way. So the thread's
 // queue exists during every post.
 BOOL CCmThreadLink::Enter_i() {
@@ -150,7 +157,7 @@ void CCmThreadLink::ForEachTenant_i(Visit aVisit) {
 }
 
 CCmUndrained CCmThreadLink::GetUndrained_i() {
-    CCmUndrained left;
+    CCmUndrained left = m_Lost;
     ForEachTenant_i([&](CCmThreadTenant& aTenant) { aTenant.AddUndrained(left); });
     return left;
 }
@@ -159,7 +166,10 @@ CCmUndrained CCmThreadLink::Drain(ECmDrainStage aStage) {
     m_DrainStage = aStage;
     const CCmUndrained before = aStage == ECmDrainStage::CUT ? GetUndrained_i() : CCmUndrained();
     ForEachTenant_i([=](CCmThreadTenant& aTenant) { aTenant.OnDrain(aStage); });
-    return aStage == ECmDrainStage::CUT ? before : GetUndrained_i();
+    const CCmUndrained left = aStage == ECmDrainStage::CUT ? before : GetUndrained_i();
+    if (aStage == ECmDrainStage::NONE)
+        m_Lost = {};
+    return left;
 }
 
 void CCmThreadLink::Close() {

@@ -37,6 +37,9 @@ protected:
     void JoinCurrentThread();
     void LeaveThread();
     BOOL IsDraining() const;  // the joined thread is draining
+    // The tenant's connection has failed with so many bytes in flight, and no sink is left to be notified. The drain under way
+    // reports it, see CCmUndrained::m_dwLost. 0: nothing was lost.
+    void CountLost(uint64_t aBytes);
 
 private:
     friend class CCmThreadLink;
@@ -104,7 +107,7 @@ public:
     void Leave(CCmThreadTenant& aTenant);
 
     // For the thread itself. Notifies its tenants of the stage and adds up their unfinished work: after the notices, but at CUT
-    // before.
+    // before. NONE forgets what was lost, after it was added.
     CCmUndrained Drain(ECmDrainStage aStage);
     ECmDrainStage GetDrainStage() const { return m_DrainStage; }
 
@@ -112,6 +115,8 @@ public:
     void Close();
 
 private:
+    friend class CCmThreadTenant;
+
     template <class Callable>
     class CCallEventT final : public ICmEvent {
     public:
@@ -154,4 +159,5 @@ private:
     CCmThreadTenant* m_pTenants = nullptr;
     CCmThreadTenant* m_pNextVisited = nullptr;  // of the current walk
     ECmDrainStage m_DrainStage = ECmDrainStage::NONE;
+    CCmUndrained m_Lost;  // in the drain under way
 };

@@ -14,6 +14,11 @@ void CDrainedTransport::Opened_i() {
         JoinCurrentThread();
 }
 
+void CDrainedTransport::NoteLost_i() {
+    DWORD dwInFlight = 0;
+    m_dwLost = GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwInFlight) == CM_OK ? dwInFlight : 0;
+}
+
 void CDrainedTransport::OnDrain(ECmDrainStage aStage) {
     const BOOL bCut = aStage == ECmDrainStage::CUT;
     ICmTransportSink* pSink = m_pSink;

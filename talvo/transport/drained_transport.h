@@ -16,6 +16,9 @@ protected:
     // From now on it has a sink.
     void Opened_i();
 
+    // Call it before a failed connection drops its data. CM_OPT_TRANSPORT_UNACKNOWLEDGED then returns m_dwLost.
+    void NoteLost_i();
+
     ICmTransportSink* m_pSink =
         nullptr;  // not owned; set by OpenWithSink, cleared when the connection has ended or is released
 
@@ -28,6 +31,9 @@ private:
     void AddUndrained(CCmUndrained& aLeft) override;
 
     BOOL m_bLayered = FALSE;  // a layer above ends it gracefully
+
+protected:
+    DWORD m_dwLost = 0;  // bytes in flight at the failure
 };
 
 }  // namespace talvo

@@ -68,7 +68,8 @@ enum ECmTransportOption : DWORD {
     // CM_ERROR_NETWORK_SOCKET_ERROR, and no OnDisconnect follows. Raw TCP only.
     CM_OPT_TRANSPORT_END_SENDING = 147,
     // set BOOL TRUE: the peer's half-close is one OnReceive with an empty block, after all data; the transport stays open and
-    // can send. A hang-up or failure is still OnDisconnect. Raw TCP only; set it before OpenWithSink.
+    // can send. A hang-up or failure is still OnDisconnect. Raw TCP only; a half-close that came before
+    // it is OnDisconnect, so set it before OpenWithSink.
     CM_OPT_TRANSPORT_TELL_END = 148,
     // [waits] get, set DWORD: the most bytes of one read, and so of one OnReceive of a raw transport; 4,096 to 1,048,576. TCP
     // starts with the key "ReadSize" (16,384). Proxies, protocol connections and HTTP set 65,536.
@@ -111,7 +112,8 @@ public:
     virtual ~ICmTransportSink();
 };
 
-// A connected byte stream or datagram flow. Acceptors and connectors make it, and pass it to their sink unopened.
+// A connected byte stream or datagram flow. Acceptors and connectors make it, and pass it to their sink unopened. After the end
+// of its thread a transport without a proxy gets no upcalls. Its operations may still be called; OpenWithSink fails.
 class TALVO_API ICmTransport : public ICmReferenceControl {
 public:
     // Attaches the sink (not owned) and starts reception; no data is delivered before. On an open transport it replaces the
@@ -130,7 +132,8 @@ public:
     virtual CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) = 0;
 
     // See ECmTransportOption. CM_ERROR_INVALID_ARG: an unknown command, or a null argument. CM_ERROR_NETWORK_SOCKET_ERROR: the
-    // system refuses. CM_ERROR_NULL_POINTER: the transport of a thread proxy has ended.
+    // system refuses. CM_ERROR_NULL_POINTER: the transport of a thread proxy has ended. CM_ERROR_NOT_INITIALIZED: the option
+    // needs the transport's thread, which has ended.
     virtual CmResult SetOption(DWORD aCommand, void* aArg) = 0;
     virtual CmResult GetOption(DWORD aCommand, void* aArg) = 0;
 
@@ -176,8 +179,8 @@ public:
     // later or aTimeout passed (despite the names of these two; CM_OPT_CONNECT_FAILURE has the cause);
     // CM_ERROR_NETWORK_DNS_FAILURE: a name that cannot be resolved; CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain ends
     // the attempt, or the network thread ends. aTimeout null: the system's limit. aAddrLocal: the address to connect from;
-    // null: any. The arguments are copied. While an attempt runs, or without a sink, the call is refused: it is traced and has
-    // no other effect.
+    // null: any. The arguments are copied. While an attempt runs, without a sink, or after the end of the
+    // network thread, the call is refused: it is traced and has no other effect.
     virtual void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
                              CCmInetAddr* aAddrLocal = nullptr) = 0;
 
@@ -197,6 +200,7 @@ class TALVO_API ICmAcceptor : public ICmAcceptorConnectorId {
 public:
     // OnConnectIndication follows for every connection. CM_ERROR_ALREADY_INITIALIZED: it listens. CM_ERROR_INVALID_ARG: aSink
     // is null. CM_ERROR_NETWORK_SOCKET_ERROR: the address cannot be bound or listened on; CM_OPT_CONNECT_FAILURE has the cause.
+    // CM_ERROR_NOT_INITIALIZED: there is no network thread, or it has ended.
     // CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain runs. It stops all acceptors as StopListen does: they may listen
     // again afterwards. The call may be repeated after any failure. Port 0: the system chooses one; GetListenAddr returns it.
     virtual CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) = 0;

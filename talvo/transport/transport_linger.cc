@@ -47,9 +47,10 @@ BOOL CTransportLinger::Start_i() {
         return FALSE;
     m_pTimers = pTimers;
     m_tvEnd = CCmTimeValue::GetTimeOfDay() + tvTime;
-    BOOL bLayered = TRUE;
+    BOOL bYes = TRUE;
     BOOL bPause = FALSE;
-    m_pTransport->SetOption(CM_OPT_TRANSPORT_LAYERED, &bLayered);
+    m_pTransport->SetOption(CM_OPT_TRANSPORT_LAYERED, &bYes);
+    m_pTransport->SetOption(CM_OPT_TRANSPORT_TELL_END, &bYes);         // a peer that has finished sending may still read
     m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);  // the peer's close must be noticed
     JoinCurrentThread();
     return m_pTransport->OpenWithSink(this) == CM_OK;
@@ -72,7 +73,18 @@ void CTransportLinger::SendRest_i() {
 
 void CTransportLinger::OnSend(ICmTransport*, CCmTransportParameter*) { SendRest_i(); }
 
-void CTransportLinger::OnDisconnect(CmResult aReason, ICmTransport*) { End_i(aReason); }
+void CTransportLinger::OnDisconnect(CmResult aReason, ICmTransport*) {
+    NoteLoss_i();
+    End_i(aReason);
+}
+
+void CTransportLinger::NoteLoss_i() {
+    const uint64_t ullLost = uint64_t{GetUnacknowledged_i()} + m_Rest.GetLength();
+    if (ullLost == 0)
+        return;
+    CM_WARNING_TRACE_THIS("CTransportLinger::OnDisconnect, the connection has failed, data lost. bytes=" << ullLost);
+    CountLost(ullLost);
+}
 
 void CTransportLinger::OnTimeout(const CCmTimeValue& aCurTime, void*) {
     if (IsDone_i())
@@ -102,7 +114,7 @@ void CTransportLinger::AddUndrained(CCmUndrained& aLeft) {
     aLeft.m_ullBytes += uint64_t{GetUnacknowledged_i()} + m_Rest.GetLength();
 }
 
-// A transport that has ended has no unacknowledged data.
+// A failed transport returns the bytes that it has lost.
 DWORD CTransportLinger::GetUnacknowledged_i() {
     DWORD dwBytes = 0;
     return m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK ? dwBytes : 0;

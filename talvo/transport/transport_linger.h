@@ -36,6 +36,7 @@ private:
     DWORD GetUnacknowledged_i();
     BOOL IsDone_i() { return m_Rest.IsEmpty() && GetUnacknowledged_i() == 0; }
     void End_i(CmResult aReason);
+    void NoteLoss_i();
 
     const CCmRefPtrT<ICmTransport> m_pTransport;
     CBlockChain m_Rest;

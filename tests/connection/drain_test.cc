@@ -31,11 +31,11 @@ TEST(DrainTest, TheRule) {
     EXPECT_EQ(ECmDrainStage::CLOSE, rule.GetStage());
     talvo::CDrainRule late = rule;
     late.OnLook(connection, TRUE, tvDeadline);
-    EXPECT_EQ(CM_ERROR_TIMEOUT, late.GetResult());
+    EXPECT_EQ(CM_ERROR_TIMEOUT, late.GetResult(connection));
     rule.OnLook(connection, TRUE, tvBefore);
     EXPECT_FALSE(rule.IsOver());
     rule.OnLook({}, TRUE, tvDeadline);
-    EXPECT_EQ(CM_OK, rule.GetResult());
+    EXPECT_EQ(CM_OK, rule.GetResult({}));
 }
 
 // In both modes, over every kind of stream, from the side whose sends are refused once the socket is full.
@@ -122,6 +122,31 @@ TEST(DrainTest, PausedReadingHidesTheEndBehindAProxyOnly) {
         Set(*pTransport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
         network.RunUntil([&] { return sink.m_nDisconnects == 1; });
         EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, sink.m_Reason);
+    }
+}
+
+// In both modes the peer dies with data in flight, after the sink's OnDisconnect.
+TEST(DrainTest, ALossAfterTheEndIsReported) {
+    using Manager = CCmConnectionManager;
+    for (const auto mode : {CCmThreadManager::NETWORK_THREAD_OWN, CCmThreadManager::NETWORK_THREAD_MAIN}) {
+        for (const DWORD dwType : {DWORD{1}, Manager::CTYPE_PDU_LENGTH | 1u, Manager::CTYPE_SEND_NO_PARTIAL_DATA | 1u}) {
+            CTestNetwork network(mode);
+            CTestFd peer;
+            CTestSink sink;
+            CTestDrain drain;
+            const auto pTransport = network.ConnectTo(peer, 4096, dwType);
+            pTransport->OpenWithSink(&sink);
+            for (CCmTransportParameter para; SendText(*pTransport, Pattern(4096), &para) == CM_OK;) {
+            }
+            sink.m_Disconnect = [&] { peer = CTestFd(); };  // with unread data, which is a reset
+            CCmTimeValue tvLimit(60);
+            EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit, &drain));
+            network.RunUntil([&] { return drain.m_nTold == 1; });
+            EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, drain.m_Reason);
+            EXPECT_EQ(1u, drain.m_Left.m_dwLost);
+            EXPECT_LT(0u, drain.m_Left.m_ullLostBytes);
+            EXPECT_EQ(1, sink.m_nDisconnects);
+        }
     }
 }
 

@@ -15,6 +15,7 @@ CCsConn::~CCsConn() { Reset(); }
 
 void CCsConn::TakeTransport_i(ICmTransport* aTransport) {
     SetTPTransport(aTransport);
+    m_dwLost = 0;
     m_cBaseType = 0;
     GetTransportOption_i(CM_OPT_TRANSPORT_TRAN_TYPE, &m_cBaseType);
     m_bDatagrams = talvo::CConnectionType(m_cBaseType).IsOverDatagrams();
@@ -131,6 +132,7 @@ CmResult CCsConn::Close_i(CmResult aReason) {
 }
 
 void CCsConn::End_i(CmResult aTransportReason) {
+    NoteLost_i();
     CancelTimers_i();
     DisconnectTransport_i(aTransportReason);
     Reset();

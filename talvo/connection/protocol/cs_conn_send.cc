@@ -206,6 +206,6 @@ void CCsConn::StartData_i() {
 DWORD CCsConn::GetUnsent_i() {
     DWORD dwBelow = 0;
     if (GetTransportOption_i(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBelow) != CM_OK)
-        dwBelow = 0;
+        dwBelow = m_dwLost;
     return dwBelow + m_Direct.GetPending().GetLength() + (m_Buffered ? m_Buffered->GetUnsent() : 0);
 }

@@ -170,6 +170,7 @@ BOOL CLenPkgConn::TakeMessage_i(CCmTransportParameter* aPara) {
 void CLenPkgConn::OnDisconnect(CmResult aReason, ICmTransport* aTrptId) {
     m_Est.EnsureSingleThread();
     CM_INFO_TRACE_THIS("CLenPkgConn::OnDisconnect reason =" << aReason << " aTrptId=" << static_cast<const void*>(aTrptId));
+    NoteLost_i();
     SetCurrStatus(CS_STATUS_NOT_CONNECTED);
     DisconnectTransport_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);
     Reset();
@@ -239,7 +240,7 @@ CmResult CLenPkgConn::GetOption(DWORD aCommand, void* aArg) {
         dwValue = GetMaxMessage_i();
         return CM_OK;
     case CM_OPT_TRANSPORT_UNACKNOWLEDGED:
-        dwValue = 0;
+        dwValue = m_dwLost;
         GetTransportOption_i(aCommand, aArg);
         dwValue += m_Pending.GetLength();
         return CM_OK;

@@ -97,6 +97,9 @@ CmResult CCmTransportTcp::Close_t(CmResult aReason) {
 
 // Stores the socket's error, unless a receive or send has consumed it.
 int CCmTransportTcp::OnClose(HANDLE aFd, long aMask) {
+    NoteLost_i();
+    if (m_bEndSent && m_dwLost > 0)
+        --m_dwLost;  // the end itself counts as a byte
     int nError = 0;
     int nLength = sizeof nError;
     if (!HasFailed_i() && m_SocketTcp.GetOption(SOL_SOCKET, SO_ERROR, &nError, &nLength) == 0)
@@ -262,6 +265,15 @@ CmResult CCmTransportTcp::PauseReading_i(BOOL aPause) {
     if (m_bBroken)
         TellBroken_i();
     return rv == CM_ERROR_FOUND ? CM_OK : rv;
+}
+
+CmResult CCmTransportTcp::SetTellEnd_i(BOOL aTell) {
+    if (!aTell || m_bTellEnd)
+        return CM_OK;
+    m_bTellEnd = TRUE;
+    if (m_bOpen)
+        m_pReactor->RegisterHandler(this, GetMask_i());
+    return CM_OK;
 }
 
 CmResult CCmTransportTcp::EndSending_i() {

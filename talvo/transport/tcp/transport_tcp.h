@@ -64,6 +64,8 @@ private:
     CmResult SetReadSize_i(DWORD aSize);
     CmResult PartialSend_i(BOOL aMoreRoom);
     CmResult PauseReading_i(BOOL aPause);
+    CmResult SetTellEnd_i(BOOL aTell);
+    CmResult GetUnacknowledged_i(DWORD& aBytes);
     CmResult Detach_i(HANDLE aNewHandle);
     void LetLinger_i();
     CmResult IsAlive_i(BOOL& aAlive) const;

@@ -19,8 +19,7 @@ CmResult CCmTransportTcp::SetOption(DWORD aCommand, void* aArg) {
     case CM_OPT_TRANSPORT_LAYERED:
         return SetLayered_i(*static_cast<BOOL*>(aArg));
     case CM_OPT_TRANSPORT_TELL_END:
-        m_bTellEnd = m_bTellEnd || *static_cast<BOOL*>(aArg);
-        return CM_OK;
+        return SetTellEnd_i(*static_cast<BOOL*>(aArg));
     case CM_OPT_TRANSPORT_END_SENDING:
         return EndSending_i();
     case CM_OPT_TRANSPORT_READ_SIZE:
@@ -36,7 +35,7 @@ CmResult CCmTransportTcp::GetOption(DWORD aCommand, void* aArg) {
         return CM_ERROR_INVALID_ARG;
     switch (aCommand) {
     case CM_OPT_TRANSPORT_UNACKNOWLEDGED:
-        return m_SocketTcp.Control(SIOCOUTQ, aArg) == 0 ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
+        return GetUnacknowledged_i(*static_cast<DWORD*>(aArg));
     case CM_OPT_TRANSPORT_LOCAL_ADDR:
         return GetLocalAddr_i(*static_cast<CCmInetAddr*>(aArg));
     case CM_OPT_TRANSPORT_PEER_ADDR:
@@ -61,6 +60,15 @@ CmResult CCmTransportTcp::GetOption(DWORD aCommand, void* aArg) {
     default:
         return GetSocketOption_i("CCmTransportTcp", &m_SocketTcp, aCommand, aArg);
     }
+}
+
+CmResult CCmTransportTcp::GetUnacknowledged_i(DWORD& aBytes) {
+    if (GetHandle() != CM_INVALID_HANDLE)
+        return m_SocketTcp.Control(SIOCOUTQ, &aBytes) == 0 ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
+    if (m_dwLost == 0)
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    aBytes = m_dwLost;
+    return CM_OK;
 }
 
 CmResult CCmTransportTcp::GetLocalAddr_i(CCmInetAddr& aAddr) {

@@ -236,6 +236,9 @@ void CTransportProxyCore::Linger_i() {
     }
     m_pLingerTimers = pTimers;
     ApplyReading_i();  // the peer's close must be noticed
+    BOOL bYes = TRUE;
+    if (m_Lane->IsStream())
+        m_pTransport->SetOption(CM_OPT_TRANSPORT_TELL_END, &bYes);  // a peer that has finished sending may still read
     if (!m_bOpened)
         Open_i();
 }
@@ -313,6 +316,8 @@ void CTransportProxyCore::OnThreadEnd() {
 
 // Ends the network side; may delete this object.
 void CTransportProxyCore::LetGo_i(CmResult aReason) {
+    if (m_pTransport && m_pLingerTimers && aReason != CM_OK)
+        CountLost(m_SendQueue.GetWaiting() + GetUnacknowledged_i());
     const CCmRefPtrT<ICmTransport> pTransport = std::move(m_pTransport);
     if (!pTransport)
         return;
