@@ -154,6 +154,11 @@ TEST_F(HttpServerTest, ARequestThatWasNotReceivedIsLostOnce) {
         pClient->Vanish();
     EXPECT_EQ((std::vector<ICmChannelHttpServer*>{channels[2].Get()}), m_Lost);
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, channels[2]->Answer(nullptr));
+    for (const auto& pEnded : {channels[0], channels[2]}) {
+        EXPECT_EQ(2, Get<CCmInetAddr>(*pEnded, CM_OPT_TRANSPORT_PEER_ADDR).GetPort());
+        EXPECT_EQ(1, Get<CCmInetAddr>(*pEnded, CM_OPT_TRANSPORT_LOCAL_ADDR).GetPort());
+        EXPECT_EQ(CM_TRANSPORT_TYPE_TCP, Get<DWORD>(*pEnded, CM_OPT_TRANSPORT_TRAN_TYPE));
+    }
     const auto pBehind = Connect();
     pBehind->Receive(GET + strChunked);
     for (const auto& pClient : {pCut, pWhole, pBehind})

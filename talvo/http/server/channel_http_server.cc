@@ -44,6 +44,7 @@ void CCmChannelHttpServer::Forget() {
 }
 
 ICmChannelHttpServerSink* CCmChannelHttpServer::Detach() {
+    m_pTransport = &m_pConnection->GetTransport();
     m_pConnection = nullptr;
     return std::exchange(m_pSink, nullptr);
 }
@@ -246,9 +247,21 @@ CmResult CCmChannelHttpServer::GetOption(DWORD aCommand, void* aArg) {
     if (!aArg)
         return CM_ERROR_INVALID_ARG;
     if (!m_pConnection)
-        return CM_ERROR_NOT_INITIALIZED;
+        return GetKept_i(aCommand, aArg);
     if (aCommand != CM_OPT_TRANSPORT_PAUSE_READING)
         return m_pConnection->GetTransport().GetOption(aCommand, aArg);
     *static_cast<BOOL*>(aArg) = m_bPaused;
     return CM_OK;
+}
+
+// What a transport says after its end.
+CmResult CCmChannelHttpServer::GetKept_i(DWORD aCommand, void* aArg) const {
+    switch (aCommand) {
+    case CM_OPT_TRANSPORT_LOCAL_ADDR:
+    case CM_OPT_TRANSPORT_PEER_ADDR:
+    case CM_OPT_TRANSPORT_TRAN_TYPE:
+        return m_pTransport->GetOption(aCommand, aArg);
+    default:
+        return CM_ERROR_NOT_INITIALIZED;
+    }
 }

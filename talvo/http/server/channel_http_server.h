@@ -73,10 +73,12 @@ private:
     CmResult SendChunk_i(CCmMessageBlock& aData, CCmTransportParameter* aPara);
     void Drop_i(CCmMessageBlock& aData, CCmTransportParameter* aPara);
     void Complete_i();
+    CmResult GetKept_i(DWORD aCommand, void* aArg) const;
 
     CCmHttpRequestHead m_Request;
     talvo::CHttpServerAnswer m_Answer;
     talvo::CHttpServerConnection* m_pConnection;  // not owned; null: detached
+    CCmRefPtrT<ICmTransport> m_pTransport;        // once detached: for its addresses
     ICmChannelHttpServerSink* m_pSink = nullptr;  // not owned
     EStatus m_Status = WAITING;
     talvo::EHttpBody m_Body = talvo::EHttpBody::NONE;  // of the answer, once it has begun

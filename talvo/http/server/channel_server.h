@@ -112,8 +112,9 @@ public:
     // Abandons the request: no upcall follows. Unless the answer is complete, the connection is closed. CM_OK.
     CmResult Disconnect(CmResult aReason) override = 0;
 
-    // CM_OPT_TRANSPORT_PAUSE_READING applies to the channel and holds the body back. Other options are the connection's, for
-    // example CM_OPT_TRANSPORT_PEER_ADDR.
+    // CM_OPT_TRANSPORT_PAUSE_READING applies to the channel and holds the body back. Other options are the connection's.
+    // CM_OPT_TRANSPORT_LOCAL_ADDR, _PEER_ADDR and _TRAN_TYPE are answered as long as the channel exists, in its last upcall
+    // too. CM_ERROR_NOT_INITIALIZED: any other after the complete answer or the connection's end.
     CmResult SetOption(DWORD aCommand, void* aArg) override = 0;
     CmResult GetOption(DWORD aCommand, void* aArg) override = 0;
 };

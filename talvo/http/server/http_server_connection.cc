@@ -40,6 +40,8 @@ CHttpServerConnection::~CHttpServerConnection() { --s_Live; }
 CmResult CHttpServerConnection::Open() {
     BOOL bTell = TRUE;
     m_pTransport->SetOption(CM_OPT_TRANSPORT_TELL_END, &bTell);
+    CCmInetAddr addrLocal;
+    m_pTransport->GetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &addrLocal);  // a transport keeps its answer beyond the end
     AskForLargeReads(*m_pTransport);
     const CmResult rv = m_pTransport->OpenWithSink(this);
     if (rv == CM_OK)
