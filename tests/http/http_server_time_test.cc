@@ -177,6 +177,48 @@ TEST(HttpServerSocketTest, TheLastAnswerIsNotLost) {
     }
 }
 
+// Keeps a request without receiving it.
+class CKeeper : public ICmChannelServerAcceptorSink {
+public:
+    void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override { m_pKept = aChannel; }
+    void OnRequestLost(CmResult, ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override {
+        m_AddrLost = Get<CCmInetAddr>(*aChannel, CM_OPT_TRANSPORT_PEER_ADDR);
+    }
+    CCmRefPtrT<ICmChannelHttpServer> m_pKept;
+    CCmInetAddr m_AddrLost;
+};
+
+// Through a proxy, whose reading the server has paused.
+TEST(HttpServerSocketTest, ABodyThatIsNotReceivedHidesNoReset) {
+    const CTestNetwork network;
+    CKeeper server;
+    CCmRefPtrT<CCmChannelHttpServerAcceptor> pAcceptor(new CCmChannelHttpServerAcceptor(0));
+    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&server, CCmInetAddr(OwnLoopback(), 0)));
+    CCmInetAddr addr;
+    EXPECT_EQ(CM_OK, pAcceptor->GetListenAddr(addr));
+    CTestFd fd = ConnectPlain(addr);
+    std::string strLeft = "POST / HTTP/1.1\r\nHost: h\r\nContent-Length: 1000000\r\n\r\n" + std::string(200000, 'b');
+    BOOL bPaused = FALSE;
+    network.RunUntil([&]() -> BOOL {
+        const ssize_t lSent = send(fd.Get(), strLeft.data(), strLeft.size(), MSG_NOSIGNAL);
+        strLeft.erase(0, lSent > 0 ? static_cast<size_t>(lSent) : 0);
+        if (!server.m_pKept)
+            return FALSE;
+        auto* pInner = Get<ICmTransport*>(*server.m_pKept, CM_OPT_TRANSPORT_INNER_TRANSPORT);
+        network.InNetwork([&] { bPaused = Get<BOOL>(*pInner, CM_OPT_TRANSPORT_PAUSE_READING); });
+        return bPaused;
+    });
+    const auto addrClient = Get<CCmInetAddr>(*server.m_pKept, CM_OPT_TRANSPORT_PEER_ADDR);
+    const linger reset{1, 0};
+    EXPECT_EQ(0, setsockopt(fd.Get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset));
+    fd.Close();
+    network.RunUntil([&] { return server.m_AddrLost == addrClient; });
+    EXPECT_EQ(addr, Get<CCmInetAddr>(*server.m_pKept, CM_OPT_TRANSPORT_LOCAL_ADDR));
+    server.m_pKept.Reset();
+    pAcceptor.Reset();
+    network.RunPosted();
+}
+
 TEST(HttpServerSocketTest, AClientMayEndItsSideAndWait) {
     for (const auto mode : {CCmThreadManager::NETWORK_THREAD_MAIN, CCmThreadManager::NETWORK_THREAD_OWN})
         EXPECT_LT(6000000u, AskOverSocket(mode, GET + GET, TRUE).size());

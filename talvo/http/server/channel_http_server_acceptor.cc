@@ -11,6 +11,7 @@
 #include "talvo/http/message/http_date.h"
 #include "talvo/http/message/http_memory.h"
 #include "talvo/transport/connect_options.h"
+#include "talvo/transport/thread_proxy/proxy_options.h"
 
 using talvo::CHttpServerConnection;
 
@@ -131,6 +132,8 @@ void CCmChannelHttpServerAcceptor::Serve(ICmTransport* aTransport) {
     if (!CCmThreadManager::IsEqualCurrentThread(CCmThreadManager::TT_NETWORK)) {
         DWORD dwLimit = PROXY_SEND_LIMIT;
         aTransport->SetOption(CM_OPT_TRANSPORT_PROXY_SEND_LIMIT, &dwLimit);
+        BOOL bAtOnce = TRUE;
+        aTransport->SetOption(talvo::OPT_PROXY_LOSS_AT_ONCE, &bAtOnce);
     }
     JoinCurrentThread();
     pConnection->m_stPlace = m_Connections.size();

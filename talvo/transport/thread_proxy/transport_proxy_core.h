@@ -112,6 +112,7 @@ private:
     std::atomic<ICmTransportSink*> m_pSink{nullptr};  // not owned; the user's
     std::atomic<ELife> m_Life{ELife::ALIVE};
     std::atomic<BOOL> m_bPausedByUser{FALSE};
+    std::atomic<BOOL> m_bLossAtOnce{FALSE};  // a pause does not hold the end back
     std::atomic<BOOL> m_bOnSendDue{FALSE};
     std::atomic<BOOL> m_bLost{FALSE};  // m_LostReason is due, after all data
     std::atomic<BOOL> m_bUpcallPosted{FALSE};

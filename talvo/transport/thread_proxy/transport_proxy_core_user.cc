@@ -1,5 +1,6 @@
 // The half of the transport proxy's core in the user's thread; transport_proxy_core.cc has the network's.
 #include "talvo/base/trace.h"
+#include "talvo/transport/thread_proxy/proxy_options.h"
 #include "talvo/transport/thread_proxy/transport_proxy_core.h"
 
 namespace talvo {
@@ -83,6 +84,9 @@ CmResult CTransportProxyCore::SetOption(DWORD aCommand, void* aArg) {
         return CM_OK;
     case CM_OPT_TRANSPORT_PAUSE_READING:
         PauseReading_i(!!*static_cast<BOOL*>(aArg));
+        return CM_OK;
+    case OPT_PROXY_LOSS_AT_ONCE:
+        m_bLossAtOnce = !!*static_cast<BOOL*>(aArg);
         return CM_OK;
     case CM_OPT_TRANSPORT_TELL_END:
         if (!m_Lane->IsStream())
@@ -171,10 +175,14 @@ void CTransportProxyCore::Upcall() {
         if (ICmTransportSink* pSink = m_pSink)
             pSink->OnSend(m_pProxy, nullptr);
     }
-    if (!bLost || !bAllDelivered || m_bPausedByUser)
+    const BOOL bHeldBack = (!bAllDelivered || m_bPausedByUser) && !m_bLossAtOnce;
+    if (!bLost || bHeldBack)
         return;
     Advance_i(ELife::OVER);
-    if (ICmTransportSink* pSink = m_pSink.exchange(nullptr))
+    ICmTransportSink* pSink = m_pSink.exchange(nullptr);
+    m_bPausedByUser = FALSE;
+    Deliver_i();  // drops what a pause has held back, since there is no sink any more
+    if (pSink)
         pSink->OnDisconnect(m_LostReason, m_pProxy);
 }
 
