@@ -121,6 +121,19 @@ TEST_F(HttpServerTest, ADrainFinishesWhatHasBegun) {
     EXPECT_EQ(1, m_nStopped);
 }
 
+// The objects outlive it, and nothing is told any more.
+TEST_F(HttpServerTest, TheEndOfTheThreadClosesEverything) {
+    m_Request = [this](ICmChannelHttpServer& a) { Keep(a).m_End = [] {}; };
+    const auto pClient = Connect();
+    pClient->Receive(GET);
+    m_Network.MainLink().Close();
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, m_Requests.at(0)->m_pChannel->AnswerText(200, "text/plain", "late"));
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, m_pAcceptor->StopListen(CM_OK));
+    EXPECT_EQ(0u, m_pAcceptor->GetConnections());
+    EXPECT_EQ(1u, pClient->m_Disconnects.size());
+    EXPECT_EQ(0, m_Requests[0]->m_nDisconnects + m_nStopped);
+}
+
 // Also between two looks at the clock: an application sends times of change that are not later than it.
 TEST_F(HttpServerTest, TheDateIsThatOfTheAnswer) {
     const auto pClient = Connect();

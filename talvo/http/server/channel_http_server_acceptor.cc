@@ -104,8 +104,13 @@ CmResult CCmChannelHttpServerAcceptor::GetListenAddr(CCmInetAddr& aAddr) {
     return m_pAcceptor ? m_pAcceptor->GetListenAddr(aAddr) : CM_ERROR_NOT_INITIALIZED;
 }
 
-// No upcall comes after this.
 void CCmChannelHttpServerAcceptor::OnReferenceDestory() {
+    DropAll_i();
+    CCmReferenceControlTimerDeleteT::OnReferenceDestory();
+}
+
+// No upcall comes after this.
+void CCmChannelHttpServerAcceptor::DropAll_i() {
     m_bStopping = FALSE;
     m_pSink = nullptr;
     m_LookTimer.Cancel();
@@ -113,7 +118,6 @@ void CCmChannelHttpServerAcceptor::OnReferenceDestory() {
     m_pAcceptor.Reset();
     while (!m_Connections.empty())
         Connection(m_Connections.back())->Drop();
-    CCmReferenceControlTimerDeleteT::OnReferenceDestory();
 }
 
 void CCmChannelHttpServerAcceptor::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {

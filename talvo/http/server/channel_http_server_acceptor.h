@@ -37,7 +37,7 @@ private:
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
     void OnTimer(CCmTimerWrapperID* aId) override;
     void OnReferenceDestory() override;
-    void OnThreadEnd() override {}
+    void OnThreadEnd() override { DropAll_i(); }
     void OnDrain(ECmDrainStage aStage) override;
     void AddUndrained(CCmUndrained& aLeft) override { aLeft.m_dwRequests += GetConnections(); }
 
@@ -57,6 +57,7 @@ private:
     void Look_i();
     BOOL PrintTails_i();
     void Stopped_i();
+    void DropAll_i();
     DWORD* GetNumber_i(DWORD aCommand);
 
     talvo::CHttpServerSettings m_Settings;

@@ -61,6 +61,11 @@ public:
 // The answer is Answer, or BeginAnswer, SendData as often as there is data, EndAnswer. The server adds "Date", the framing
 // ("Content-Length" or "Transfer-Encoding") and "Connection". It omits the body where HTTP forbids one: HEAD, 204, 205, 304.
 // The server delivers a complete answer by itself: the channel may be released, and no upcall follows.
+// Delivery takes time: before its threads end, an application calls CCmConnectionManager::Drain, or StopListen and waits for
+// OnStopped. A shutdown without either cuts answers off.
+//
+// The end of the thread ends the connection, without an upcall. An operation that needs the connection then returns
+// CM_ERROR_NOT_INITIALIZED.
 //
 // AsyncOpen, OpenWithSink and GetUrl are not for servers: CM_ERROR_NOT_IMPLEMENTED. Each operation may also return
 // CM_ERROR_OUT_OF_MEMORY. An operation that sends a part of the answer has then closed the connection; any other has done
@@ -143,7 +148,7 @@ public:
 
 // Serves HTTP/1.0 and HTTP/1.1 on one address. Belongs to the thread that makes it, which needs an event queue and a timer
 // queue (the main thread, the network thread, a task thread with timers). All upcalls come in that thread. The last release
-// closes everything at once, without an upcall.
+// and the end of the thread close everything at once, without an upcall.
 //
 // Connections are kept alive as RFC 9112 says. Pipelined requests are answered in order: the next one is read after the answer
 // to the one before it is complete. The server itself answers an invalid request, and ends the connection: 400, 408, 413, 414,
@@ -158,7 +163,7 @@ public:
 
     // Ends gracefully: accepts no more connections and closes those without a whole head of a request. The others are closed
     // after their answer, or after CM_OPT_CHANNEL_SERVER_STOP_SECONDS (OnDisconnect with CM_ERROR_NETWORK_SOCKET_CLOSE). Then
-    // OnStopped follows, never inside this call. CM_ERROR_NOT_INITIALIZED: it does not listen.
+    // OnStopped follows, never inside this call. CM_ERROR_NOT_INITIALIZED: it does not listen, or its thread has ended.
     //
     // CCmConnectionManager::Drain does the same with its own limit. It also abandons a request if its body is incomplete and
     // its answer has not begun, with the same OnDisconnect. It does not wait for clients to close.
