@@ -5,7 +5,10 @@ include(CMakePackageConfigHelpers)
 set(talvo_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/talvo)
 
 install(TARGETS talvo EXPORT talvo-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(DIRECTORY talvo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h" PATTERN testing EXCLUDE)
+# The inner headers stay behind.
+install(CODE "set(SOURCE \"${PROJECT_SOURCE_DIR}\")
+  set(TARGET \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_INCLUDEDIR}\")
+  include(\"${PROJECT_SOURCE_DIR}/cmake/public_headers.cmake\")")
 # The library for tests: find_package(talvo COMPONENTS testing), or by itself with `cmake --install BUILD --component testing`.
 install(TARGETS talvo_testing EXPORT talvo-testing-targets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT testing)
 foreach(header sim_link sim_network sim_observer sim_seeds testing)

@@ -9,11 +9,12 @@ using WORD = uint16_t;
 using DWORD = uint32_t;
 using BOOL = int32_t;
 
+// Constants, so that no macro leaves this header; the macros of other headers, if they come first, mean the same.
 #ifndef TRUE
-#define TRUE 1
+constexpr BOOL TRUE = 1;
 #endif
 #ifndef FALSE
-#define FALSE 0
+constexpr BOOL FALSE = 0;
 #endif
 
 // A socket or another descriptor that a reactor can watch.
