@@ -1,5 +1,7 @@
 #include "talvo/transport/tcp/transport_tcp.h"
 
+#include <sys/ioctl.h>
+
 #include "talvo/transport/udp/transport_udp.h"
 #include "tests/support/network_fixture.h"
 
@@ -10,10 +12,12 @@ class TransportTcpTest : public testing::Test {
 protected:
     void SetUp() override {
         auto [fdOurs, fdPeer] = MakeTcpPair();
-        m_pTransport = new CCmTransportTcp(&m_Main.GetReactor());
+        m_pTransport = Make();
         m_pTransport->GetPeer().SetHandle(dup(fdOurs.Get()));
         m_fdPeer = std::move(fdPeer);
     }
+    using CRefTransport = CCmRefPtrT<CCmTransportTcp>;
+    virtual CRefTransport Make() { return new CCmTransportTcp(&m_Main.GetReactor()); }
     void Open() {
         Set(*m_pTransport, CM_OPT_TRANSPORT_SNDBUF, 65535);  // small, so that it is full soon
         ASSERT_EQ(CM_OK, m_pTransport->OpenWithSink(&m_Sink));
@@ -50,6 +54,123 @@ protected:
     CTestSink m_Sink;
     CCmRefPtrT<CCmTransportTcp> m_pTransport;
     CTestFd m_fdPeer;
+};
+
+// Puts every byte, turned over, into a record: its length, and as many bytes. One of no bytes is the end.
+class CRecordTransport : public CCmTransportTcp {
+public:
+    using CCmTransportTcp::CCmTransportTcp;
+
+    static std::string Encode(const std::string& aText) {
+        std::string strRecord(1, static_cast<char>(aText.size()));
+        for (const char c : aText)
+            strRecord += static_cast<char>(~c);
+        return strRecord;
+    }
+    // Takes the whole records off aRaw.
+    static std::string Decode(std::string& aRaw) {
+        std::string strText;
+        size_t st = 0;
+        for (; IsWhole(aRaw, st); st += static_cast<size_t>(aRaw[st]) + 1) {
+            for (const char c : aRaw.substr(st + 1, static_cast<size_t>(aRaw[st])))
+                strText += static_cast<char>(~c);
+        }
+        aRaw.erase(0, st);
+        return strText;
+    }
+    static BOOL IsWhole(const std::string& aRaw, size_t aStart = 0) {
+        return aRaw.size() > aStart && aRaw.size() - aStart > static_cast<size_t>(aRaw[aStart]);
+    }
+
+protected:
+    // A record at a time, however much has come.
+    int Read_i(char* aBuf, DWORD, BOOL& aMore) override {
+        while (!IsWhole(m_strIn)) {
+            char raw[1000];
+            const int nRecv = Recv_i(raw, sizeof raw);
+            if (nRecv == 0)
+                NoteEnd_i();
+            if (nRecv <= 0)
+                return nRecv == 0 ? -1 : nRecv;
+            m_strIn.append(raw, static_cast<size_t>(nRecv));
+        }
+        aMore = TRUE;
+        if (m_strIn[0] == 0)
+            return IsEndTold_i() ? 0 : -1;
+        std::string strRecord = m_strIn.substr(0, static_cast<size_t>(m_strIn[0]) + 1);
+        m_strIn.erase(0, strRecord.size());
+        return static_cast<int>(Decode(strRecord).copy(aBuf, 127));
+    }
+    DWORD GetHeld_i() const override { return IsWhole(m_strIn) ? static_cast<DWORD>(m_strIn[0]) : 0; }
+    void NoteEnd_i() override {
+        static constexpr CWayToFail CUT = {CM_FAILURE_PROTOCOL, "cut off", "receive from"};
+        if (m_strIn != std::string(1, '\0'))
+            NoteFailure_i(CUT);
+    }
+    int Write_i(const iovec* aPieces, DWORD aCount) override {
+        CmResult rv = Flush_i(FALSE);
+        int nTaken = 0;
+        for (DWORD i = 0; i < aCount; ++i) {
+            const std::string strText(static_cast<const char*>(aPieces[i].iov_base), aPieces[i].iov_len);
+            for (size_t st = 0; st < strText.size() && rv == CM_OK; st += 100) {
+                m_strOut = Encode(strText.substr(st, 100));
+                nTaken += static_cast<int>(m_strOut.size() - 1);
+                rv = Flush_i(FALSE);
+            }
+        }
+        if (rv == CM_ERROR_PARTIAL_DATA)
+            WaitForRoom_i();
+        errno = EAGAIN;
+        return nTaken > 0 ? nTaken : -1;
+    }
+    CmResult Flush_i(BOOL aEnd) override {
+        if (aEnd && !std::exchange(m_bEnded, TRUE))
+            m_strOut += Encode("");
+        while (!m_strOut.empty()) {
+            const int nSent = Send_i(m_strOut.data(), static_cast<DWORD>(m_strOut.size()));
+            if (nSent <= 0)
+                return nSent == 0 ? CM_ERROR_PARTIAL_DATA : CM_ERROR_NETWORK_SOCKET_ERROR;
+            m_strOut.erase(0, static_cast<size_t>(nSent));
+        }
+        return CM_OK;
+    }
+    DWORD GetUnsent_i() const override { return static_cast<DWORD>(m_strOut.size()); }
+    CCmChainPtr TakeUnsent_i() override {
+        const std::string strOut = std::exchange(m_strOut, "");
+        return CCmChainPtr(ViewOf(strOut).DuplicateChained());
+    }
+
+private:
+    std::string m_strIn, m_strOut;
+    BOOL m_bEnded = FALSE;
+};
+
+class LayerTest : public TransportTcpTest {
+protected:
+    CRefTransport Make() override { return new CRecordTransport(&m_Main.GetReactor()); }
+    void Again() {
+        m_Sink.m_strReceived.clear();
+        m_Sink.m_nReceives = m_Sink.m_nDisconnects = 0;
+        SetUp();
+    }
+    // Pauses behind the first record of a burst that has left the socket.
+    void OpenAndPause(const std::string& aBurst) {
+        m_Sink.m_Receive = [this] { Pause(TRUE); };
+        Open();
+        m_fdPeer.Write(aBurst);
+        Until([&] { return m_Sink.m_nReceives == 1; });
+        m_Sink.m_Receive = [] {};
+        Settle();
+        EXPECT_EQ(1, m_Sink.Upcalls());
+    }
+    void Pause(BOOL aPause) { EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &aPause)); }
+    ECmFailureCause Cause() {
+        CCmFailure failure;
+        EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure));
+        return failure.GetCause();
+    }
+
+    const std::string m_strRecord = CRecordTransport::Encode(Pattern(100));
 };
 
 }  // namespace
@@ -282,4 +403,73 @@ TEST_F(TransportTcpTest, DetachedSocketStaysOpenAndSilent) {
     EXPECT_EQ(0, m_Sink.Upcalls());
     owned.Write("y");
     EXPECT_EQ("y", PeerReads(1));
+}
+
+// The socket has nothing more to report when the pause ends, then it has the end besides, and then the end of both sides.
+TEST_F(LayerTest, WhatALayerHoldsComesBehindThePauseAndBeforeTheEnd) {
+    const std::string strEnd = CRecordTransport::Encode("");
+    for (const std::string& strRest : {std::string(), strEnd, m_strRecord.substr(0, 50)}) {
+        for (int nEnds = 0; nEnds < 3; ++nEnds) {
+            Again();
+            OpenAndPause(m_strRecord + m_strRecord + m_strRecord + (nEnds > 0 ? strRest : ""));
+            BOOL bAlive = FALSE, bEnd = TRUE;
+            int nUnread = 0;
+            EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_SOCK_ALIVE, &bAlive));
+            EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_FIO_NREAD, &nUnread));
+            EXPECT_TRUE(bAlive && nUnread == 100);
+            if (nEnds == 2) {
+                EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_END_SENDING, &bEnd));
+                EXPECT_EQ(strEnd, PeerReads(1));
+            }
+            if (nEnds > 0)
+                m_fdPeer.Close();
+            Settle();
+            EXPECT_EQ(1, m_Sink.Upcalls());
+            Pause(FALSE);
+            Until([&] { return m_Sink.m_strReceived == Pattern(100) + Pattern(100) + Pattern(100); });
+            if (nEnds == 0)
+                continue;
+            Until([&] { return m_Sink.m_nDisconnects == 1; });
+            EXPECT_EQ(strRest == strEnd ? CM_FAILURE_NONE : CM_FAILURE_PROTOCOL, Cause());
+        }
+    }
+}
+
+// Without the end of the socket, and told of where it is asked for.
+TEST_F(LayerTest, TheEndOfALayerIsThePeersEnd) {
+    const std::string strSent = m_strRecord + CRecordTransport::Encode("");
+    for (BOOL bTold : {FALSE, TRUE}) {
+        Again();
+        EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_TELL_END, &bTold));
+        Open();
+        for (const char c : strSent) {
+            m_fdPeer.Write(std::string(1, c));
+            Settle();
+        }
+        Until([&] { return m_Sink.m_nReceives == (bTold ? 2 : 1) && m_Sink.m_nDisconnects == (bTold ? 0 : 1); });
+        EXPECT_EQ(Pattern(100), m_Sink.m_strReceived);
+    }
+    EXPECT_EQ(CM_OK, SendText(*m_pTransport, "answer"));
+    std::string strRaw;
+    Until([&] { return (strRaw += m_fdPeer.Read()).size() == 7; });
+    EXPECT_EQ("answer", CRecordTransport::Decode(strRaw));
+}
+
+TEST_F(LayerTest, WhatALayerHasTakenGoesOutByItself) {
+    Open();
+    for (const BOOL bLinger : {FALSE, TRUE}) {
+        const DWORD dwTaken = Fill();
+        int nUnacknowledged = 0, nQueued = 0;
+        EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &nUnacknowledged));
+        EXPECT_EQ(0, m_pTransport->GetPeer().Control(TIOCOUTQ, &nQueued));
+        EXPECT_GT(nUnacknowledged, nQueued);
+        if (bLinger)
+            m_pTransport->Disconnect(CM_OK);
+        std::string strRaw;
+        Until([&] { return ReadToEnd(m_fdPeer, strRaw) || (!bLinger && strRaw.size() == dwTaken / 100 * 101); });
+        EXPECT_EQ(bLinger, strRaw.ends_with('\0'));
+        EXPECT_EQ(std::string(dwTaken, 'f'), CRecordTransport::Decode(strRaw));
+        Settle();
+        EXPECT_EQ(1, m_Sink.m_nSends);
+    }
 }

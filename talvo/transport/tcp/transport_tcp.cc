@@ -1,8 +1,6 @@
 #include "talvo/transport/tcp/transport_tcp.h"
 
-#include <linux/sockios.h>
 #include <netinet/tcp.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -11,6 +9,7 @@
 
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/transport/socket_settings.h"
 #include "talvo/transport/transport_linger.h"
 
@@ -37,23 +36,37 @@ CmResult CCmTransportTcp::Open_t() {
     const int nOn = 1;
     if (m_SocketTcp.SetOption(IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof nOn) == -1)
         CM_ERROR_TRACE_THIS("CCmTransportTcp::Open_t, SetOption(TCP_NODELAY) failed! err=" << errno);
-    const CmResult rv = m_pReactor->RegisterHandler(this, READ_MASK | GetMask_i());
-    if (rv != CM_OK && rv != CM_ERROR_FOUND) {
+    const CmResult rv = Watch_i();
+    if (rv != CM_OK)
         CM_ERROR_TRACE_THIS("CCmTransportTcp::Open_t, RegisterHandler(READ_MASK|WRITE_MASK) failed!");
+    return rv;
+}
+
+// For reading first, so that the reactor can tell a pause from a handler that never reads.
+CmResult CCmTransportTcp::Watch_i() {
+    const CmResult rv = m_pReactor->RegisterHandler(this, READ_MASK | GetMask_i());
+    if (rv != CM_OK && rv != CM_ERROR_FOUND)
         return rv;
-    }
     m_bOpen = TRUE;
     if (m_bReadingPaused)
         m_pReactor->RegisterHandler(this, GetMask_i());
     if (m_bBroken)
         TellBroken_i();
+    else
+        GoOnReading_i();
     return CM_OK;
+}
+
+// The socket reports nothing for bytes that have left it. While reading is paused the mark is dropped.
+void CCmTransportTcp::GoOnReading_i() {
+    if (m_bMore || GetHeld_i() > 0)
+        m_pReactor->NotifyHandler(this, READ_MASK);
 }
 
 // The events to register for now; never none, because that would end the reports of failures.
 long CCmTransportTcp::GetMask_i() const {
     const long lRead = m_bReadingPaused ? NULL_MASK : READ_MASK;
-    const BOOL bWrite = !IsWriteOnDemand_i() || m_bNeedOnSend || m_bReadingPaused;
+    const BOOL bWrite = !IsWriteOnDemand_i() || m_bNeedOnSend || m_bNeedFlush || m_bReadingPaused;
     return lRead | (bWrite ? WRITE_MASK : NULL_MASK) | (m_bTellEnd ? HALF_CLOSE_MASK : NULL_MASK);
 }
 
@@ -66,15 +79,19 @@ int CCmTransportTcp::TellEnd_i() {
 }
 
 CmResult CCmTransportTcp::Disconnect(CmResult aReason) {
-    if (aReason == CM_OK && m_bOpen && !IsLayered_i())
-        LetLinger_i();
+    if (aReason == CM_OK && m_bOpen) {
+        if (!m_bEndSent)
+            Flush_i(TRUE);
+        if (!IsLayered_i())
+            LetLinger_i();
+    }
     return CCmTransportBase::Disconnect(aReason);
 }
 
 // Another transport takes the socket over, so that this one is closed like any other. If memory runs out, it is closed at once.
 void CCmTransportTcp::LetLinger_i() {
-    int nUnacknowledged = 0;
-    if (m_SocketTcp.Control(SIOCOUTQ, &nUnacknowledged) != 0 || nUnacknowledged == 0)
+    DWORD dwUnacknowledged = 0;
+    if (GetUnacknowledged_i(dwUnacknowledged) != CM_OK || dwUnacknowledged == 0)
         return;
     const CCmRefPtrT<CCmTransportTcp> pCarrier(new (std::nothrow) CCmTransportTcp(m_pReactor));
     if (!pCarrier)
@@ -83,7 +100,7 @@ void CCmTransportTcp::LetLinger_i() {
     m_bOpen = FALSE;
     pCarrier->m_SocketTcp.SetHandle(m_SocketTcp.GetHandle());
     m_SocketTcp.SetHandle(CM_INVALID_HANDLE);
-    talvo::CTransportLinger::Begin(*pCarrier, nullptr);
+    talvo::CTransportLinger::Begin(*pCarrier, TakeUnsent_i());
 }
 
 CmResult CCmTransportTcp::Close_t(CmResult aReason) {
@@ -98,12 +115,16 @@ CmResult CCmTransportTcp::Close_t(CmResult aReason) {
 // Stores the socket's error, unless a receive or send has consumed it.
 int CCmTransportTcp::OnClose(HANDLE aFd, long aMask) {
     NoteLost_i();
-    if (m_bEndSent && m_dwLost > 0)
+    if (m_bEndSent && !m_bNeedFlush && m_dwLost > 0)
         --m_dwLost;  // the end itself counts as a byte
     int nError = 0;
     int nLength = sizeof nError;
     if (!HasFailed_i() && m_SocketTcp.GetOption(SOL_SOCKET, SO_ERROR, &nError, &nLength) == 0)
         NoteFailure_i(RECEIVING, nError);
+    if (ReadsOn_i())
+        return 0;
+    if (!HasFailed_i())
+        NoteEnd_i();
     CCmInetAddr addrPeer;
     GetPeerAddr_i(addrPeer);
     const CCmFailure failure = GetFailure_i(addrPeer);
@@ -115,7 +136,22 @@ int CCmTransportTcp::OnClose(HANDLE aFd, long aMask) {
     return CCmTransportBase::OnClose(aFd, aMask);
 }
 
+// The reactor has taken the handler out, since reading takes no more from the socket; what is held is still to be delivered,
+// and the close is reported again behind it. A failed connection does not wait for the end of a pause.
+BOOL CCmTransportTcp::ReadsOn_i() {
+    if (!(m_bMore || GetHeld_i() > 0) || !m_pSink || (HasFailed_i() && m_bReadingPaused))
+        return FALSE;
+    m_bBroken = m_bBroken || HasFailed_i();
+    return Watch_i() == CM_OK;
+}
+
+// An empty store stays until the next call, so that Read_i looks at the socket once more.
 int CCmTransportTcp::Recv_i(char* aBuf, DWORD aLen) {
+    if (m_pReadAhead) {
+        if (const DWORD dwTaken = m_pReadAhead->Take(aBuf, aLen))
+            return static_cast<int>(dwTaken);
+        m_pReadAhead.reset();
+    }
     const int nRecv = m_SocketTcp.Recv(aBuf, aLen);
     if (nRecv > 0)
         return nRecv;
@@ -147,6 +183,26 @@ int CCmTransportTcp::Send_i(const char* aBuf, DWORD aLen) {
     return -1;
 }
 
+CmResult CCmTransportTcp::UnRecv_i(const char* aData, DWORD aLen) {
+    if (aLen == 0)
+        return CM_OK;
+    const BOOL bKept = talvo::WithMemory([&] {
+        if (!m_pReadAhead)
+            m_pReadAhead = std::make_unique<talvo::CReadAhead>();
+        m_pReadAhead->Prepend(aData, aLen);
+    });
+    return bKept ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+}
+
+int CCmTransportTcp::Read_i(char* aBuf, DWORD aLen, BOOL& aMore) {
+    aMore = m_pReadAhead != nullptr;
+    return Recv_i(aBuf, aLen);
+}
+
+int CCmTransportTcp::Write_i(const iovec* aPieces, DWORD aCount) { return m_SocketTcp.SendV(aPieces, aCount); }
+
+CmResult CCmTransportTcp::Flush_i(BOOL) { return CM_OK; }
+
 // The system need not report an error of a send again, so the loop does.
 CmResult CCmTransportTcp::SendFailed_i(int aError) {
     if (m_bEndSent)
@@ -165,7 +221,9 @@ int CCmTransportTcp::OnInput(HANDLE) {
     m_Est.EnsureSingleThread();
     DWORD dwSize = m_dwReadSize;
     char* pBuffer = talvo::GetNetworkBuffers()->GetRoom(dwSize);
-    const int nRecv = Recv_i(pBuffer, dwSize);
+    BOOL bMore = FALSE;
+    const int nRecv = Read_i(pBuffer, dwSize, bMore);
+    m_bMore = nRecv > 0 && bMore;
     if (m_bBroken && nRecv <= 0)
         return -1;
     if (nRecv < 0)
@@ -174,6 +232,8 @@ int CCmTransportTcp::OnInput(HANDLE) {
         return TellEnd_i();
     if (m_bBroken)
         TellBroken_i();  // the rest follows later
+    else if (m_bMore)
+        GoOnReading_i();
     const DWORD dwRecv = static_cast<DWORD>(nRecv);
     m_Counters.m_ullBytesReceived += dwRecv;
     ++m_Counters.m_ullReceives;
@@ -182,11 +242,13 @@ int CCmTransportTcp::OnInput(HANDLE) {
         CCmMessageBlock block(dwRecv, pBuffer, CCmMessageBlock::DONT_DELETE, dwRecv);
         m_pSink->OnReceive(block, this, nullptr);
     }
-    return dwRecv == dwSize ? 0 : WOULD_BLOCK;
+    return dwRecv == dwSize && !bMore ? 0 : WOULD_BLOCK;
 }
 
 int CCmTransportTcp::OnOutput(HANDLE) {
     m_Est.EnsureSingleThread();
+    if (m_bNeedFlush && !FlushRest_i())
+        return 0;
     if (!m_bNeedOnSend)
         return 0;
     m_bNeedOnSend = FALSE;
@@ -195,6 +257,27 @@ int CCmTransportTcp::OnOutput(HANDLE) {
     if (m_pSink)
         m_pSink->OnSend(this, nullptr);
     return 0;
+}
+
+void CCmTransportTcp::WaitForRoom_i() {
+    m_bNeedFlush = TRUE;
+    if (m_bOpen && IsWriteOnDemand_i())
+        m_pReactor->RegisterHandler(this, GetMask_i());
+}
+
+// What the layer holds goes before what the user is asked for. FALSE: not all has gone.
+BOOL CCmTransportTcp::FlushRest_i() {
+    const CmResult rv = Flush_i(m_bEndSent);
+    if (rv == CM_ERROR_PARTIAL_DATA)
+        return FALSE;
+    m_bNeedFlush = FALSE;
+    if (m_bOpen && IsWriteOnDemand_i())
+        m_pReactor->RegisterHandler(this, GetMask_i());
+    if (rv != CM_OK)
+        SendFailed_i(errno);
+    else if (m_bEndSent)
+        m_SocketTcp.CloseWriter();
+    return rv == CM_OK;
 }
 
 CmResult CCmTransportTcp::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
@@ -221,7 +304,7 @@ CmResult CCmTransportTcp::SendData(CCmMessageBlock& aData, CCmTransportParameter
         stLength += pIov[i].iov_len;
 
     ++m_Counters.m_ullSends;
-    const int nSent = m_SocketTcp.SendV(pIov, dwPieces);
+    const int nSent = Write_i(pIov, dwPieces);
     if (nSent == -1) {
         if (IsWouldBlock())
             return PartialSend_i(FALSE);
@@ -264,6 +347,8 @@ CmResult CCmTransportTcp::PauseReading_i(BOOL aPause) {
     const CmResult rv = m_pReactor->RegisterHandler(this, GetMask_i());
     if (m_bBroken)
         TellBroken_i();
+    else
+        GoOnReading_i();
     return rv == CM_ERROR_FOUND ? CM_OK : rv;
 }
 
@@ -277,6 +362,14 @@ CmResult CCmTransportTcp::SetTellEnd_i(BOOL aTell) {
 }
 
 CmResult CCmTransportTcp::EndSending_i() {
+    const CmResult rv = Flush_i(TRUE);
+    if (rv == CM_ERROR_PARTIAL_DATA) {
+        m_bEndSent = TRUE;
+        WaitForRoom_i();
+        return CM_OK;
+    }
+    if (rv != CM_OK)
+        return SendFailed_i(errno);
     if (m_SocketTcp.CloseWriter() == -1)
         return CM_ERROR_NETWORK_SOCKET_ERROR;
     m_bEndSent = TRUE;
@@ -304,6 +397,9 @@ CmResult CCmTransportTcp::IsAlive_i(BOOL& aAlive) const {
     aAlive = FALSE;
     if (GetHandle() == CM_INVALID_HANDLE)
         return CM_ERROR_NOT_INITIALIZED;
+    aAlive = GetHeld_i() > 0;
+    if (aAlive)
+        return CM_OK;
     char cPeek = 0;
     const int nRecv = m_SocketTcp.Recv(&cPeek, 1, MSG_PEEK | MSG_DONTWAIT);
     aAlive = nRecv > 0 || (nRecv == -1 && IsWouldBlock());

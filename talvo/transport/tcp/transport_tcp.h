@@ -1,8 +1,12 @@
 // A connected, non-blocking TCP socket as a transport.
 #pragma once
 
+#include <memory>
+
+#include "talvo/base/chain_ptr.h"
 #include "talvo/transport/atomic_addr.h"
 #include "talvo/transport/network_buffers.h"
+#include "talvo/transport/tcp/read_ahead.h"
 #include "talvo/transport/transport_base.h"
 
 // The traffic of a transport; read it in its thread.
@@ -19,6 +23,10 @@ struct CCmTransportCounters {
 // reused after OnReceive. The system sizes the socket's buffers unless the configuration or an option does. A send is one
 // gathering system call of at most 64 pieces. A longer chain is cut there, although the socket could take more:
 // CM_ERROR_PARTIAL_DATA is returned and an OnSend follows.
+//
+// A derived class may put a layer between the socket and the sink, one that encrypts for example. It overrides the hooks below,
+// and calls Recv_i and Send_i, which stay the raw socket. A layer may hold received bytes that the sink has not got, and bytes
+// to send that the socket has not taken; the transport asks the hooks for both.
 class TALVO_API CCmTransportTcp : public CCmTransportBase {
 public:
     explicit CCmTransportTcp(ICmReactor* aReactor);
@@ -45,14 +53,44 @@ public:
     void SetReadSize(DWORD aSize) { m_dwReadSize = aSize; }
     const CCmTransportCounters& GetCounters() const { return m_Counters; }
 
+    // The raw socket, for a layer between socket and sink, and for a handshake before the opening. A count; 0 for Send_i, -2
+    // for Recv_i when it would block; -1 on failure and on the peer's close, traced. 0 for Recv_i at the peer's end if that is
+    // to be told. Bytes of UnRecv_i come first.
+    int Recv_i(char* aBuf, DWORD aLen);
+    int Send_i(const char* aBuf, DWORD aLen);
+    // Puts bytes of Recv_i back for the next reader. CM_ERROR_OUT_OF_MEMORY: nothing is put back, and the stream has a gap.
+    CmResult UnRecv_i(const char* aData, DWORD aLen);
+
 protected:
     CmResult Open_t() override;
     CmResult Close_t(CmResult aReason) override;
 
-    // The raw socket for a layer between socket and sink. A count; if it would block, 0 for Send_i, -2 for Recv_i; -1 on
-    // failure and on the peer's close, traced. 0 for Recv_i at the peer's half-close if that is to be reported.
-    int Recv_i(char* aBuf, DWORD aLen);
-    int Send_i(const char* aBuf, DWORD aLen);
+    // The hooks. They use the socket only through Recv_i and Send_i, and call nothing that may call the sink.
+
+    // Bytes for the sink: a count; otherwise as Recv_i, and an end or a failure comes behind the last byte. aMore (out, FALSE
+    // before): Read_i is called again without a report of the socket. A layer sets it unless Recv_i would block and GetHeld_i
+    // is 0. Without it, and with fewer than aLen bytes, the next call comes with the next report.
+    virtual int Read_i(char* aBuf, DWORD aLen, BOOL& aMore);
+    // Received bytes that Read_i can return without the socket. The beginning of a record does not count.
+    virtual DWORD GetHeld_i() const { return m_pReadAhead ? m_pReadAhead->GetSize() : 0; }
+    // The peer's side of the socket has ended without a failure. A layer notes one here unless its own end came before.
+    virtual void NoteEnd_i() {}
+
+    // Takes bytes of SendData: a count, fewer than all only if the socket would block; -1 with errno, EAGAIN if it takes none
+    // for that reason. A layer that holds bytes to send after that calls WaitForRoom_i.
+    virtual int Write_i(const iovec* aPieces, DWORD aCount);
+    // Sends the bytes that the layer holds. aEnd: no Write_i follows, and the layer's own end goes behind them, once. CM_OK:
+    // all are sent. CM_ERROR_PARTIAL_DATA: the socket would block. CM_ERROR_NETWORK_SOCKET_ERROR with errno.
+    virtual CmResult Flush_i(BOOL aEnd);
+    // How many bytes Flush_i has still to send.
+    virtual DWORD GetUnsent_i() const { return 0; }
+    // Gives these away, encoded, to another transport that continues with the socket. Null: there are none, or memory ran out.
+    virtual CCmChainPtr TakeUnsent_i() { return nullptr; }
+
+    // For a layer: Flush_i is called when the socket has room.
+    void WaitForRoom_i();
+    // For a layer: Read_i returns 0 at the end if this is TRUE, and -1 otherwise.
+    BOOL IsEndTold_i() const { return m_bTellEnd; }
 
 private:
     BOOL IsWriteOnDemand_i() const { return (m_pReactor->GetProperty() & ICmReactor::PROPERTY_WRITE_ON_DEMAND) != 0; }
@@ -60,6 +98,10 @@ private:
     int TellEnd_i();
     CmResult SendFailed_i(int aError);
     void TellBroken_i();
+    CmResult Watch_i();
+    void GoOnReading_i();
+    BOOL ReadsOn_i();
+    BOOL FlushRest_i();
     CmResult EndSending_i();
     CmResult SetReadSize_i(DWORD aSize);
     CmResult PartialSend_i(BOOL aMoreRoom);
@@ -76,8 +118,11 @@ private:
     // There are tens of thousands of these objects: small members, side by side.
     talvo::CAtomicAddr m_AddrPeer;
     talvo::CAtomicAddr m_AddrLocal;
+    std::unique_ptr<talvo::CReadAhead> m_pReadAhead;  // null unless a handshake has read too far
     DWORD m_dwReadSize = talvo::CNetworkBuffers::DEFAULT_READ;
     bool m_bNeedOnSend = false;
+    bool m_bNeedFlush = false;  // the layer waits for room
+    bool m_bMore = false;       // the last Read_i said so
     bool m_bReadingPaused = false;
     bool m_bOpen = false;     // registered with the reactor
     bool m_bTellEnd = false;  // option 148

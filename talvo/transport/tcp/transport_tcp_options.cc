@@ -36,6 +36,12 @@ CmResult CCmTransportTcp::GetOption(DWORD aCommand, void* aArg) {
     switch (aCommand) {
     case CM_OPT_TRANSPORT_UNACKNOWLEDGED:
         return GetUnacknowledged_i(*static_cast<DWORD*>(aArg));
+    case CM_OPT_TRANSPORT_FIO_NREAD: {
+        const CmResult rv = GetSocketOption_i("CCmTransportTcp", &m_SocketTcp, aCommand, aArg);
+        if (rv == CM_OK)
+            *static_cast<int*>(aArg) += static_cast<int>(GetHeld_i());
+        return rv;
+    }
     case CM_OPT_TRANSPORT_LOCAL_ADDR:
         return GetLocalAddr_i(*static_cast<CCmInetAddr*>(aArg));
     case CM_OPT_TRANSPORT_PEER_ADDR:
@@ -63,8 +69,12 @@ CmResult CCmTransportTcp::GetOption(DWORD aCommand, void* aArg) {
 }
 
 CmResult CCmTransportTcp::GetUnacknowledged_i(DWORD& aBytes) {
-    if (GetHandle() != CM_INVALID_HANDLE)
-        return m_SocketTcp.Control(SIOCOUTQ, &aBytes) == 0 ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
+    if (GetHandle() != CM_INVALID_HANDLE) {
+        if (m_SocketTcp.Control(SIOCOUTQ, &aBytes) != 0)
+            return CM_ERROR_NETWORK_SOCKET_ERROR;
+        aBytes += GetUnsent_i();
+        return CM_OK;
+    }
     if (m_dwLost == 0)
         return CM_ERROR_NETWORK_SOCKET_ERROR;
     aBytes = m_dwLost;

@@ -1,0 +1,37 @@
+// Received bytes that a handshake has put back.
+#pragma once
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "talvo/base/types.h"
+
+namespace talvo {
+
+class CReadAhead {
+public:
+    DWORD GetSize() const { return static_cast<DWORD>(m_Bytes.size() - m_stRead); }
+
+    // In front of what is there. Throws std::bad_alloc, and nothing has changed then.
+    void Prepend(const char* aData, DWORD aLen) {
+        std::vector<char> bytes(aData, aData + aLen);
+        bytes.insert(bytes.end(), m_Bytes.begin() + static_cast<std::ptrdiff_t>(m_stRead), m_Bytes.end());
+        m_Bytes.swap(bytes);
+        m_stRead = 0;
+    }
+
+    // Copies and consumes at most aLen bytes; returns their count.
+    DWORD Take(char* aBuf, DWORD aLen) {
+        const DWORD dwTaken = std::min(aLen, GetSize());
+        std::memcpy(aBuf, m_Bytes.data() + m_stRead, dwTaken);
+        m_stRead += dwTaken;
+        return dwTaken;
+    }
+
+private:
+    std::vector<char> m_Bytes;
+    size_t m_stRead = 0;
+};
+
+}  // namespace talvo
