@@ -36,15 +36,16 @@ void CHttpClientConnection::OnReferenceDestory() {
     CCmReferenceControlTimerDeleteT::OnReferenceDestory();
 }
 
-CmResult CHttpClientConnection::Connect(const CCmString& aHost, WORD aPort, DWORD aTimeoutMs) {
+CmResult CHttpClientConnection::Connect(const CHttpConnectionRequest& aRequest) {
     CCmConnectionManager* pManager = CCmConnectionManager::Instance();
     if (!pManager)
         return CM_ERROR_NULL_POINTER;
-    const CmResult rv = pManager->CreateConnectionClient(CCmConnectionManager::CTYPE_TCP, m_pConnector.ParaOut());
+    const CmResult rv = pManager->CreateConnectionClient(aRequest.m_dwType, m_pConnector.ParaOut());
     if (rv != CM_OK)
         return rv;
-    CCmTimeValue tvTimeout = CCmTimeValue::FromUsec(int64_t{aTimeoutMs} * 1000);
-    m_pConnector->AsycConnect(this, CCmInetAddr(aHost.c_str(), aPort), aTimeoutMs > 0 ? &tvTimeout : nullptr);
+    CCmTimeValue tvTimeout = CCmTimeValue::FromUsec(int64_t{aRequest.m_dwTimeoutMs} * 1000);
+    const CCmInetAddr addr(aRequest.m_strHost.c_str(), aRequest.m_wPort);
+    m_pConnector->AsycConnect(this, addr, aRequest.m_dwTimeoutMs > 0 ? &tvTimeout : nullptr);
     return CM_OK;
 }
 
@@ -90,7 +91,8 @@ BOOL CHttpClientConnection::Park(int64_t aUntil) {
 
 int64_t CHttpClientConnection::GetRest() const { return CCmClock::GetTimeOfDayUsec() - m_llParked; }
 
-// Behind a proxy a check waits for the network thread, twice. So a connection that was just used is assumed to be fit there.
+// The transport answers for itself and its socket. Behind a proxy a check waits for the network thread, twice. So a connection
+// that was just used is assumed to be fit there.
 BOOL CHttpClientConnection::IsFit() {
     const BOOL bProxy = !CCmThreadManager::IsEqualCurrentThread(CCmThreadManager::TT_NETWORK);
     if (bProxy && GetRest() < TRUSTED_USEC)

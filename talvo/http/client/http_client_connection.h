@@ -11,6 +11,7 @@ namespace talvo {
 
 class CHttpClientConnection;
 class CHttpClientPool;
+struct CHttpConnectionRequest;
 
 // The user of a connection of the pool. Each call may do anything with the connection. If memory runs out inside
 // (std::bad_alloc), the connection is closed, and OnConnectionLost comes with CM_ERROR_OUT_OF_MEMORY. The calls that report an
@@ -47,7 +48,7 @@ public:
     ~CHttpClientConnection() override;
 
     // For the pool.
-    CmResult Connect(const CCmString& aHost, WORD aPort, DWORD aTimeoutMs);
+    CmResult Connect(const CHttpConnectionRequest& aRequest);
     void Lend(IHttpConnectionUser& aUser);
     BOOL Park(int64_t aUntil);   // idle: any data closes it. FALSE: no memory for the timer
     BOOL IsFit();                // idle, and as far as is known the server still takes requests

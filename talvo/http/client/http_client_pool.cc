@@ -17,10 +17,14 @@ CCmLiveCounter s_Live("CHttpClientPool");
 
 thread_local CHttpClientPool* s_pPool = nullptr;
 
+// What most connections are is left out, so that their key is short.
 CCmString KeyOf(const CHttpConnectionRequest& aRequest) {
     CCmString strKey = aRequest.m_strHost;
     std::transform(strKey.begin(), strKey.end(), strKey.begin(), lower_case);
-    return strKey + ":" + std::to_string(aRequest.m_wPort);
+    strKey += ":" + std::to_string(aRequest.m_wPort);
+    if (aRequest.m_dwType != CM_TRANSPORT_TYPE_TCP || !aRequest.m_strSetUp.empty())
+        strKey += " " + std::to_string(aRequest.m_dwType) + " " + aRequest.m_strSetUp;
+    return strKey;
 }
 
 }  // namespace
@@ -152,8 +156,7 @@ CmResult CHttpClientPool::ServeNew_i(const CCmString& aKey, const CHttpConnectio
     const Connection pConnection(new CHttpClientConnection(*this, aKey, *aRequest.m_pUser));
     host.m_Connections.push_back(pConnection);
     ++m_stConnections;
-    const CmResult rv =
-        ResultWithMemory([&] { return pConnection->Connect(aRequest.m_strHost, aRequest.m_wPort, aRequest.m_dwTimeoutMs); });
+    const CmResult rv = ResultWithMemory([&] { return pConnection->Connect(aRequest); });
     if (rv != CM_OK)
         pConnection->Close(CM_OK);
     return rv;

@@ -17,11 +17,13 @@ struct CHttpConnectionRequest {
     CCmString m_strHost;  // as it is looked up
     WORD m_wPort = 0;     // host order
     DWORD m_dwTimeoutMs = 0;
-    int64_t m_llMaxRest = 0;  // microseconds: a reused connection must have been idle for less than this
+    int64_t m_llMaxRest = 0;                 // microseconds: a reused connection must have been idle for less than this
+    DWORD m_dwType = CM_TRANSPORT_TYPE_TCP;  // the base type of the connection
+    CCmString m_strSetUp{};                  // the settings of the connection, as any text; only an equal one is reused
 };
 
 // One a thread; the first channel makes it, the thread's end destroys it. An unused connection serves the next request for its
-// host and port. If the limit of connections is reached, requests wait in turn.
+// host, port, base type and settings. If the limit of connections is reached, requests wait in turn.
 class CHttpClientPool : private CCmThreadTenant, private CCmTimerWrapperIDSink {
 public:
     // aPool (out): the calling thread's. CM_ERROR_NULL_POINTER: it has no event queue or no timer queue.
@@ -80,7 +82,7 @@ private:
     void CutAll_i();
 
     CCmHttpPoolLimits m_Limits;
-    Hosts m_Hosts;                                 // by host in lower case and port
+    Hosts m_Hosts;                                 // by the key of their requests
     std::vector<CHttpClientConnection*> m_Unused;  // of all hosts, most recent last; has room for all
     size_t m_stConnections = 0;                    // of all hosts
     CCmTimerWrapperID m_Timer;                     // serves waiting users, outside the calls that made room
