@@ -8,15 +8,21 @@
 #include "talvo/transport/connector_internal.h"
 #include "talvo/transport/transport_interface.h"
 
+namespace talvo {
+class IHandshakeMaker;
+}
+
 // The arguments of a maker.
 struct CCmConnectorSettings {
-    DWORD m_dwType;               // the requested base type; one maker may serve several
-    ICmReactor* m_pReactor;       // of the network thread; never null
-    ACmConnectorUpper* m_pUpper;  // gets the connector's reports; never null, and outlives it
+    DWORD m_dwType;                                   // the requested base type; one maker may serve several
+    ICmReactor* m_pReactor;                           // of the network thread; never null
+    ACmConnectorUpper* m_pUpper;                      // gets the connector's reports; never null, and outlives it
+    talvo::IHandshakeMaker* m_pHandshakes = nullptr;  // for TCP, and outlives it; null: there are no handshakes
 };
 struct CCmAcceptorSettings {
-    DWORD m_dwType;          // likewise
-    ICmReactor* m_pReactor;  // of the network thread; null: none
+    DWORD m_dwType;                                   // likewise
+    ICmReactor* m_pReactor;                           // of the network thread; null: none
+    talvo::IHandshakeMaker* m_pHandshakes = nullptr;  // likewise
 };
 
 // Both are called in the network thread. Null: memory ran out.

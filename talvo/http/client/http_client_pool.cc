@@ -17,7 +17,7 @@ CCmLiveCounter s_Live("CHttpClientPool");
 
 thread_local CHttpClientPool* s_pPool = nullptr;
 
-// What most connections are is left out, so that their key is short.
+// The base type and the settings of most connections are left out, so that the key is short.
 CCmString KeyOf(const CHttpConnectionRequest& aRequest) {
     CCmString strKey = aRequest.m_strHost;
     std::transform(strKey.begin(), strKey.end(), strKey.begin(), lower_case);

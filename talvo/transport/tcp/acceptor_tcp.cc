@@ -4,9 +4,11 @@
 
 #include <cerrno>
 #include <new>
+#include <utility>
 
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/transport/dns/name_lookup.h"
 #include "talvo/transport/tcp/transport_tcp.h"
 
@@ -16,19 +18,23 @@ CCmLiveCounter s_Live("CCmAcceptorTcp");
 
 constexpr int BACKLOG = 1024;
 constexpr long REST_USEC = 100000;
+constexpr size_t MAX_HANDSHAKES = 256;
+const CCmTimeValue HANDSHAKE_TIME(10);
 
 BOOL IsOutOfDescriptors(int aError) { return aError == EMFILE || aError == ENFILE || aError == ENOBUFS || aError == ENOMEM; }
 
 }  // namespace
 
-CCmAcceptorTcp::CCmAcceptorTcp() { ++s_Live; }
+CCmAcceptorTcp::CCmAcceptorTcp(talvo::IHandshakeMaker* aHandshakes) : m_pHandshakes(aHandshakes) { ++s_Live; }
 
 CCmAcceptorTcp::~CCmAcceptorTcp() {
     StopListen(CM_OK);
     --s_Live;
 }
 
-CCmRefPtrT<ICmAcceptor> CCmAcceptorTcp::Make(const CCmAcceptorSettings&) { return new (std::nothrow) CCmAcceptorTcp; }
+CCmRefPtrT<ICmAcceptor> CCmAcceptorTcp::Make(const CCmAcceptorSettings& aSettings) {
+    return new (std::nothrow) CCmAcceptorTcp(aSettings.m_pHandshakes);
+}
 
 CmResult CCmAcceptorTcp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) {
     m_Est.EnsureSingleThread();
@@ -92,11 +98,12 @@ CmResult CCmAcceptorTcp::StopListen(CmResult aReason) {
     if (GetHandle() != CM_INVALID_HANDLE) {
         if (m_bResting)
             m_pReactor->CancelTimer(this);
-        else
+        else if (!m_bFull)
             m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
-        m_bResting = FALSE;
+        m_bResting = m_bFull = FALSE;
         m_Socket.Close(aReason);
     }
+    m_Shaking.clear();
     m_pSink = nullptr;
     return CM_OK;
 }
@@ -111,7 +118,7 @@ CmResult CCmAcceptorTcp::GetListenAddr(CCmInetAddr& aAddr) {
 // Accesses no member after the upcall, which may have released this acceptor.
 int CCmAcceptorTcp::OnInput(HANDLE aFd) {
     m_Est.EnsureSingleThread();
-    CCmRefPtrT<CCmTransportTcp> pTransport(new (std::nothrow) CCmTransportTcp(m_pReactor));
+    CCmRefPtrT<CCmTransportTcp> pTransport = talvo::MakeTcpTransport(m_pReactor, m_pHandshakes);
     if (!pTransport) {
         Rest_i(ENOMEM);
         return 0;
@@ -132,9 +139,41 @@ int CCmAcceptorTcp::OnInput(HANDLE aFd) {
     CM_INFO_TRACE_THIS("CCmAcceptorTcp::OnInput, addr=" << addrPeer.GetIpDisplayName() << " port=" << addrPeer.GetPort()
                                                         << " sockNew=" << fdNew
                                                         << " pTrans=" << static_cast<const void*>(pTransport.Get()));
-    if (m_pSink)
+    if (m_pHandshakes)
+        ShakeHands_i(std::move(pTransport));
+    else if (m_pSink)
         m_pSink->OnConnectIndication(CM_OK, pTransport.Get(), this);
     return 0;
+}
+
+// Without memory the connection is closed.
+void CCmAcceptorTcp::ShakeHands_i(CCmRefPtrT<CCmTransportTcp> aTransport) {
+    using Run = talvo::CHandshakeRun;
+    const BOOL bAdded = talvo::WithMemory(
+        [&] { m_Shaking.push_back(std::unique_ptr<Run>(new Run(m_pReactor, *this, *m_pHandshakes, std::move(aTransport)))); });
+    if (!bAdded) {
+        CM_WARNING_TRACE_THIS("CCmAcceptorTcp::ShakeHands_i, no memory for a handshake.");
+        return;
+    }
+    if (m_Shaking.back()->Start(&HANDSHAKE_TIME)) {
+        OnHandshakeDone(*m_Shaking.back());
+    } else if (m_Shaking.size() >= MAX_HANDSHAKES) {
+        m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
+        m_bFull = TRUE;
+    }
+}
+
+// Touches no member after the upcall, as above.
+void CCmAcceptorTcp::OnHandshakeDone(talvo::CHandshakeRun& aRun) {
+    const CCmFailure failure = aRun.GetFailure();
+    const CCmRefPtrT<CCmTransportTcp> pTransport = aRun.TakeTransport();
+    std::erase_if(m_Shaking, [&](const std::unique_ptr<talvo::CHandshakeRun>& a) { return a.get() == &aRun; });
+    if (std::exchange(m_bFull, FALSE))
+        Resume_i();
+    if (failure)
+        CM_WARNING_TRACE_THIS("CCmAcceptorTcp::OnHandshakeDone, the handshake has failed. why=" << failure.ToString());
+    else if (m_pSink)
+        m_pSink->OnConnectIndication(CM_OK, pTransport.Get(), this);
 }
 
 void CCmAcceptorTcp::AcceptFailed_i(int aError) {
@@ -161,6 +200,10 @@ void CCmAcceptorTcp::Rest_i(int aError) {
 
 void CCmAcceptorTcp::OnTimeout(const CCmTimeValue&, void*) {
     m_bResting = FALSE;
+    Resume_i();
+}
+
+void CCmAcceptorTcp::Resume_i() {
     const CmResult rv = m_pReactor->RegisterHandler(this, ACCEPT_MASK);
     if (rv != CM_OK)
         Rest_i(errno);

@@ -1,17 +1,28 @@
 // Listens on a TCP port.
 #pragma once
 
+#include <memory>
+#include <vector>
+
 #include "talvo/transport/acceptor_base.h"
 #include "talvo/transport/base_types.h"
 #include "talvo/transport/socket.h"
+#include "talvo/transport/tcp/handshake_run.h"
 
 // Accepts one connection a readiness report. If the process is out of descriptors, it pauses for a tenth of a second at a time,
 // leaves the peers in the backlog (1,024) and continues when a descriptor is free. A failure to accept is traced and never
 // reported to the sink. The listener sets SO_REUSEADDR, so that a restarted server can bind at once; a port with an active
 // listener is still refused.
-class TALVO_API CCmAcceptorTcp : public CCmAcceptorBase, public ACmEventHandler, public ICmTimerHandler {
+//
+// With a maker of handshakes it indicates a connection after its handshakes. A connection has 10 s for them; a failed one is
+// closed with a line in the trace. While 256 are in progress, no further connection is accepted. StopListen ends them.
+class TALVO_API CCmAcceptorTcp : public CCmAcceptorBase,
+                                 public ACmEventHandler,
+                                 public ICmTimerHandler,
+                                 private talvo::CHandshakeRun::IOwner {
 public:
-    CCmAcceptorTcp();
+    // aHandshakes: outlives the acceptor; null: none.
+    explicit CCmAcceptorTcp(talvo::IHandshakeMaker* aHandshakes = nullptr);
     ~CCmAcceptorTcp() override;
 
     static CCmRefPtrT<ICmAcceptor> Make(const CCmAcceptorSettings& aSettings);  // a CCmAcceptorMaker
@@ -30,10 +41,16 @@ private:
     CmResult Bind_i(const CCmInetAddr& aAddrListen);
     void AcceptFailed_i(int aError);
     void Rest_i(int aError);
+    void Resume_i();
+    void ShakeHands_i(CCmRefPtrT<CCmTransportTcp> aTransport);
+    void OnHandshakeDone(talvo::CHandshakeRun& aRun) override;
 
+    talvo::IHandshakeMaker* const m_pHandshakes;                   // not owned
+    std::vector<std::unique_ptr<talvo::CHandshakeRun>> m_Shaking;  // under way
     CCmSocketTcp m_Socket;
     sockaddr_in m_AddrListen{};
     talvo::CSocketSettings m_Listening;  // of the connections; accepted sockets have the listener's buffer sizes
     BOOL m_bResting = FALSE;             // out of descriptors: not registered, the timer runs
+    BOOL m_bFull = FALSE;                // of handshakes: not registered
     CCmTimeValue m_tvTraced;             // time of the last trace line about that
 };

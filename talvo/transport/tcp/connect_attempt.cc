@@ -19,15 +19,19 @@ template <class TransportType>
 int CConnectAttemptT<TransportType>::Start(const CCmInetAddr& aAddr, const CCmInetAddr& aAddrLocal,
                                            const CSocketSettings& aSockets) {
     m_AddrPeer = aAddr;
-    m_pTransport = new (std::nothrow) TransportType(m_pReactor);
+    m_pTransport = static_cast<TransportType*>(MakeTcpTransport(m_pReactor, m_pMaker).Get());
     if (!m_pTransport) {
         errno = ENOMEM;
         return Failed_i("connect to", aAddr);
     }
-    const int nRv = Connect_i(aAddrLocal, aSockets);
-    const int nErr = errno;
+    int nRv = Connect_i(aAddrLocal, aSockets);
+    int nErr = errno;
     if (nRv != 1)
         Unregister_i();  // no report follows
+    if (nRv == 0 && m_pMaker) {
+        nRv = ShakeHands_i();
+        nErr = errno;
+    }
     if (nRv == -1)
         m_pTransport.Reset();
     errno = nErr;
@@ -89,7 +93,39 @@ int CConnectAttemptT<TransportType>::OnOutput(HANDLE) {
     if (m_pTransport->GetPeer().GetOption(SOL_SOCKET, SO_ERROR, &nErr, &nLength) == -1)
         nErr = errno;
     Unregister_i();
-    return Finished_i(nErr);
+    if (nErr != 0 || !m_pMaker)
+        return Finished_i(nErr);
+    const int nRv = ShakeHands_i();
+    if (nRv != 1)
+        m_Owner.OnAttemptDone(*this, nRv == 0 ? 0 : errno);  // last, as below
+    return 0;
+}
+
+// Results as Start.
+template <class TransportType>
+int CConnectAttemptT<TransportType>::ShakeHands_i() {
+    m_pRun.reset(new (std::nothrow) CHandshakeRun(m_pReactor, *this, *m_pMaker, m_pTransport));
+    if (m_pRun)
+        return m_pRun->Start(nullptr) ? HandshakeOver_i() : 1;
+    errno = ENOMEM;
+    return Failed_i("shake hands with", m_AddrPeer);
+}
+
+// 0, or -1 with an error in errno.
+template <class TransportType>
+int CConnectAttemptT<TransportType>::HandshakeOver_i() {
+    m_Failure = m_pRun->GetFailure();
+    if (!m_Failure)
+        return 0;
+    CM_WARNING_TRACE_THIS("CConnectAttemptT::HandshakeOver_i, the handshake has failed. why=" << m_Failure.ToString());
+    errno = m_Failure.GetErrno() != 0 ? m_Failure.GetErrno() : EPROTO;
+    return -1;
+}
+
+template <class TransportType>
+void CConnectAttemptT<TransportType>::OnHandshakeDone(CHandshakeRun&) {
+    const int nRv = HandshakeOver_i();
+    m_Owner.OnAttemptDone(*this, nRv == 0 ? 0 : errno);  // last, as below
 }
 
 template <class TransportType>

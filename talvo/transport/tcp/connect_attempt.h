@@ -4,24 +4,28 @@
 #include "talvo/base/failure.h"
 #include "talvo/event/home_reactor.h"
 #include "talvo/transport/socket_settings.h"
-#include "talvo/transport/tcp/transport_tcp.h"
+#include "talvo/transport/tcp/handshake_run.h"
 
 namespace talvo {
 
-// Makes a TransportType over a socket and connects it. One use, in the thread of its reactor.
+// Makes a TransportType over a socket, connects it and runs the handshakes of its maker, if there is one. One use, in the
+// thread of its reactor.
 template <class TransportType>
-class CConnectAttemptT final : public ACmEventHandler {
+class CConnectAttemptT final : public ACmEventHandler, private CHandshakeRun::IOwner {
 public:
     class IOwner {
     public:
-        // The one report of an attempt in progress. 0: connected; else the system's error, already traced. May delete aAttempt.
+        // The one report of an attempt in progress. 0: connected; else the system's error or EPROTO, already traced. May delete
+        // aAttempt.
         virtual void OnAttemptDone(CConnectAttemptT& aAttempt, int aError) = 0;
 
     protected:
         virtual ~IOwner() = default;
     };
 
-    CConnectAttemptT(ICmReactor* aReactor, IOwner& aOwner) : m_pReactor(aReactor), m_Owner(aOwner) {}
+    // aMaker: outlives the attempt, its transports are of TransportType; null: none.
+    CConnectAttemptT(ICmReactor* aReactor, IOwner& aOwner, IHandshakeMaker* aMaker)
+        : m_pReactor(aReactor), m_Owner(aOwner), m_pMaker(aMaker) {}
     ~CConnectAttemptT() override;
 
     // 0: connected at once. 1: in progress. -1: failed at once, the error in errno. A report follows only for 1.
@@ -41,12 +45,17 @@ private:
     int Connect_i(const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets);
     int Failed_i(const char* aVerb, const CCmInetAddr& aAddr);
     int Finished_i(int aError);
+    int ShakeHands_i();
+    int HandshakeOver_i();
+    void OnHandshakeDone(CHandshakeRun& aRun) override;
     void Unregister_i();
 
     const CHomeReactor m_pReactor;
     IOwner& m_Owner;
+    IHandshakeMaker* const m_pMaker;  // not owned
     CCmInetAddr m_AddrPeer;
     CCmRefPtrT<TransportType> m_pTransport;
+    std::unique_ptr<CHandshakeRun> m_pRun;  // when connected
     CCmFailure m_Failure;
 };
 

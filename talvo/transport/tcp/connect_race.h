@@ -8,8 +8,9 @@
 
 namespace talvo {
 
-// Tries addresses in turn. The next one starts when the previous one has failed, or has not connected within 250 ms. The first
-// to connect wins and the others are closed. One race at a time, in the thread of its reactor.
+// Tries addresses in turn. The next one starts when the previous one has failed, or has not connected within 250 ms; handshakes
+// are a part of the connect. The first to connect wins and the others are closed. One race at a time, in the thread of its
+// reactor.
 template <class TransportType>
 class CConnectRaceT final : private ICmTimerHandler, private CConnectAttemptT<TransportType>::IOwner {
 public:
@@ -23,7 +24,9 @@ public:
         virtual ~IUser() = default;
     };
 
-    CConnectRaceT(ICmReactor* aReactor, IUser& aUser) : m_pReactor(aReactor), m_User(aUser) {}
+    // aMaker: of the attempts; outlives the race; null: none.
+    CConnectRaceT(ICmReactor* aReactor, IUser& aUser, IHandshakeMaker* aMaker)
+        : m_pReactor(aReactor), m_User(aUser), m_pMaker(aMaker) {}
     ~CConnectRaceT() override { Stop(); }
     CConnectRaceT(const CConnectRaceT&) = delete;
     CConnectRaceT& operator=(const CConnectRaceT&) = delete;
@@ -51,6 +54,7 @@ private:
 
     const CHomeReactor m_pReactor;
     IUser& m_User;
+    IHandshakeMaker* const m_pMaker;  // not owned
     CCmInetAddr m_AddrLocal;
     CSocketSettings m_Sockets;
     std::vector<CCmInetAddr> m_Addrs;

@@ -19,7 +19,7 @@ class CCmConnectorTcpT : public ACmConnectorInternal,
                          private talvo::CConnectRaceT<TransportType>::IUser {
 public:
     explicit CCmConnectorTcpT(const CCmConnectorSettings& aSettings)
-        : m_pReactor(aSettings.m_pReactor), m_Upper(*aSettings.m_pUpper), m_Race(m_pReactor, *this) {}
+        : m_pReactor(aSettings.m_pReactor), m_Upper(*aSettings.m_pUpper), m_Race(m_pReactor, *this, aSettings.m_pHandshakes) {}
     ~CCmConnectorTcpT() override;
 
     static std::unique_ptr<ACmConnectorInternal> Make(const CCmConnectorSettings& aSettings);  // a CCmConnectorMaker

@@ -1,0 +1,159 @@
+#include "talvo/transport/tcp/handshake_run.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <new>
+#include <utility>
+
+#include "talvo/base/live_counter.h"
+#include "talvo/base/with_memory.h"
+
+namespace talvo {
+
+namespace {
+
+CCmLiveCounter s_Live("CHandshakeRun");
+
+constexpr const char* VERB = "shake hands with";
+constexpr int WOULD_BLOCK = -2;
+
+}  // namespace
+
+CCmRefPtrT<CCmTransportTcp> IHandshakeMaker::MakeTransport(ICmReactor* aReactor) {
+    return new (std::nothrow) CCmTransportTcp(aReactor);
+}
+
+CCmRefPtrT<CCmTransportTcp> MakeTcpTransport(ICmReactor* aReactor, IHandshakeMaker* aMaker) {
+    CCmRefPtrT<CCmTransportTcp> pTransport;
+    if (aMaker)
+        WithMemory([&] { pTransport = aMaker->MakeTransport(aReactor); });
+    else
+        pTransport = new (std::nothrow) CCmTransportTcp(aReactor);
+    return pTransport;
+}
+
+CHandshakeRun::CHandshakeRun(ICmReactor* aReactor, IOwner& aOwner, IHandshakeMaker& aMaker,
+                             CCmRefPtrT<CCmTransportTcp> aTransport)
+    : m_pReactor(aReactor), m_Owner(aOwner), m_Maker(aMaker), m_pTransport(std::move(aTransport)) {
+    ++s_Live;
+}
+
+CHandshakeRun::~CHandshakeRun() {
+    Stop_i();
+    --s_Live;
+}
+
+BOOL CHandshakeRun::Start(const CCmTimeValue* aTimeout) {
+    if (GoOn_i())
+        return TRUE;
+    if (!aTimeout)
+        return FALSE;
+    const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, *aTimeout, 1);
+    m_bTimer = rv == CM_OK || rv == CM_ERROR_FOUND;
+    return m_bTimer ? FALSE : Over_i(CCmFailure(ENOMEM, VERB, GetPeerAddr_i()));
+}
+
+// TRUE: over.
+BOOL CHandshakeRun::GoOn_i() {
+    IHandshake::EStep step = IHandshake::FAILED;
+    if (!WithMemory([&] { step = Step_i(); }))
+        return Over_i(CCmFailure(ENOMEM, VERB, GetPeerAddr_i()));
+    switch (step) {
+    case IHandshake::READ:
+    case IHandshake::WRITE:
+        return Wait_i(step);
+    case IHandshake::DONE:
+        return Over_i({});
+    case IHandshake::FAILED:
+        break;
+    }
+    return Over_i(NotedFailure_i());
+}
+
+// DONE: there is no further handshake.
+IHandshake::EStep CHandshakeRun::Step_i() {
+    if (!m_pHandshake)
+        m_pHandshake = m_Maker.MakeHandshake(*m_pTransport, m_dwStep);
+    while (m_pHandshake) {
+        const IHandshake::EStep step = m_pHandshake->Step(*m_pTransport);
+        if (step != IHandshake::DONE)
+            return step;
+        m_pHandshake = m_Maker.MakeHandshake(*m_pTransport, ++m_dwStep);
+    }
+    return IHandshake::DONE;
+}
+
+// FALSE unless the reactor refuses the socket.
+BOOL CHandshakeRun::Wait_i(IHandshake::EStep aStep) {
+    const CmResult rv = m_pReactor->RegisterHandler(this, aStep == IHandshake::WRITE ? READ_MASK | WRITE_MASK : READ_MASK);
+    m_bWatched = m_bWatched || rv == CM_OK || rv == CM_ERROR_FOUND;
+    if (rv == CM_OK || rv == CM_ERROR_FOUND)
+        return FALSE;
+    if (rv == CM_ERROR_OUT_OF_MEMORY)
+        return Over_i(CCmFailure(ENOMEM, VERB, GetPeerAddr_i()));
+    return Over_i(CCmFailure(CM_FAILURE_LOCAL, "the reactor refuses the socket", VERB, GetPeerAddr_i()));
+}
+
+HANDLE CHandshakeRun::GetHandle() const { return m_pTransport ? m_pTransport->GetHandle() : CM_INVALID_HANDLE; }
+
+int CHandshakeRun::OnInput(HANDLE) { return Ready_i(); }
+
+int CHandshakeRun::OnOutput(HANDLE) { return Ready_i(); }
+
+int CHandshakeRun::Ready_i() {
+    if (!GoOn_i())
+        return WOULD_BLOCK;
+    m_Owner.OnHandshakeDone(*this);  // last: the owner deletes this run
+    return 0;
+}
+
+// The reactor has taken the handler out.
+int CHandshakeRun::OnClose(HANDLE, long) {
+    m_bWatched = FALSE;
+    int nError = 0;
+    int nLength = sizeof nError;
+    m_pTransport->GetPeer().GetOption(SOL_SOCKET, SO_ERROR, &nError, &nLength);
+    Over_i(nError != 0 ? CCmFailure(nError, VERB, GetPeerAddr_i()) : NotedFailure_i());
+    m_Owner.OnHandshakeDone(*this);  // last, as above
+    return 0;
+}
+
+void CHandshakeRun::OnTimeout(const CCmTimeValue&, void*) {
+    m_bTimer = FALSE;
+    Over_i(CCmFailure(CM_FAILURE_TIMEOUT, "the time for the handshake has passed", VERB, GetPeerAddr_i()));
+    m_Owner.OnHandshakeDone(*this);  // last, as above
+}
+
+BOOL CHandshakeRun::Over_i(const CCmFailure& aFailure) {
+    Stop_i();
+    m_Failure = aFailure;
+    m_pHandshake.reset();
+    return TRUE;
+}
+
+CCmFailure CHandshakeRun::NotedFailure_i() {
+    CCmFailure failure;
+    if (m_pHandshake)
+        failure = m_pHandshake->GetFailure(GetPeerAddr_i());
+    if (!failure)
+        m_pTransport->GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure);
+    if (!failure)
+        failure = CCmFailure(CM_FAILURE_PROTOCOL, "the peer has closed during the handshake", VERB, GetPeerAddr_i());
+    return failure;
+}
+
+CCmInetAddr CHandshakeRun::GetPeerAddr_i() {
+    CCmInetAddr addrPeer;
+    m_pTransport->GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &addrPeer);
+    return addrPeer;
+}
+
+void CHandshakeRun::Stop_i() {
+    if (std::exchange(m_bTimer, FALSE))
+        m_pReactor->CancelTimer(this);
+    if (std::exchange(m_bWatched, FALSE))
+        m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
+}
+
+}  // namespace talvo

@@ -1,0 +1,64 @@
+// The handshakes of one connection, under way.
+#pragma once
+
+#include <utility>
+
+#include "talvo/base/time_value.h"
+#include "talvo/event/home_reactor.h"
+#include "talvo/transport/tcp/handshake.h"
+
+namespace talvo {
+
+// Runs the handshakes of a connected, unopened transport one after the other. One use, in the thread of its reactor.
+class CHandshakeRun final : public ACmEventHandler, private ICmTimerHandler {
+public:
+    class IOwner {
+    public:
+        // The one report of a run that is under way. May delete aRun.
+        virtual void OnHandshakeDone(CHandshakeRun& aRun) = 0;
+
+    protected:
+        virtual ~IOwner() = default;
+    };
+
+    CHandshakeRun(ICmReactor* aReactor, IOwner& aOwner, IHandshakeMaker& aMaker, CCmRefPtrT<CCmTransportTcp> aTransport);
+    // Ends what is under way; no report follows.
+    ~CHandshakeRun() override;
+
+    // aTimeout null: without a limit. TRUE: over already, well or not. FALSE: under way, and the report follows.
+    BOOL Start(const CCmTimeValue* aTimeout);
+
+    // Why a run that is over has failed; none: it has not.
+    const CCmFailure& GetFailure() const { return m_Failure; }
+    // The transport of a run that is over.
+    CCmRefPtrT<CCmTransportTcp> TakeTransport() { return std::move(m_pTransport); }
+
+    HANDLE GetHandle() const override;
+    int OnInput(HANDLE aFd) override;
+    int OnOutput(HANDLE aFd) override;
+    int OnClose(HANDLE aFd, long aMask) override;
+
+private:
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
+
+    BOOL GoOn_i();
+    IHandshake::EStep Step_i();
+    BOOL Wait_i(IHandshake::EStep aStep);
+    int Ready_i();
+    BOOL Over_i(const CCmFailure& aFailure);
+    CCmFailure NotedFailure_i();
+    CCmInetAddr GetPeerAddr_i();
+    void Stop_i();
+
+    const CHomeReactor m_pReactor;
+    IOwner& m_Owner;
+    IHandshakeMaker& m_Maker;
+    CCmRefPtrT<CCmTransportTcp> m_pTransport;
+    std::unique_ptr<IHandshake> m_pHandshake;  // null before the first and behind the last
+    DWORD m_dwStep = 0;
+    BOOL m_bWatched = FALSE;  // registered; afterwards the handle is another's
+    BOOL m_bTimer = FALSE;
+    CCmFailure m_Failure;
+};
+
+}  // namespace talvo

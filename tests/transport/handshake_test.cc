@@ -1,0 +1,210 @@
+#include "talvo/transport/tcp/handshake.h"
+
+#include "talvo/transport/base_types.h"
+#include "talvo/transport/tcp/acceptor_tcp.h"
+#include "talvo/transport/tcp/connector_tcp.h"
+#include "tests/support/network_fixture.h"
+#include "tests/support/trace_capture.h"
+
+namespace {
+
+constexpr DWORD TYPE = 0x300;
+
+// Sends a greeting and wants one, and reads too far if more comes.
+class CGreeting : public talvo::IHandshake {
+public:
+    CGreeting(std::string aOurs, std::string aTheirs) : m_strOurs(std::move(aOurs)), m_strTheirs(std::move(aTheirs)) {}
+
+    EStep Step(CCmTransportTcp& aTransport) override {
+        while (m_stSent < m_strOurs.size()) {
+            const int nSent = aTransport.Send_i(&m_strOurs[m_stSent], static_cast<DWORD>(m_strOurs.size() - m_stSent));
+            if (nSent <= 0)
+                return nSent == 0 ? WRITE : FAILED;
+            m_stSent += static_cast<size_t>(nSent);
+        }
+        char buffer[100];
+        while (m_strRead.size() < m_strTheirs.size()) {
+            const int nRead = aTransport.Recv_i(buffer, sizeof buffer);
+            if (nRead < 0)
+                return nRead == -2 ? READ : FAILED;
+            m_strRead.append(buffer, static_cast<size_t>(nRead));
+        }
+        const size_t stOwn = m_strTheirs.size();
+        const DWORD dwRest = static_cast<DWORD>(m_strRead.size() - stOwn);
+        EXPECT_EQ(CM_OK, aTransport.UnRecv_i(m_strRead.data() + stOwn, dwRest));
+        m_bRefused = m_strRead.compare(0, stOwn, m_strTheirs) != 0;
+        return m_bRefused ? FAILED : DONE;
+    }
+    CCmFailure GetFailure(const CCmInetAddr& aPeer) const override {
+        return m_bRefused ? CCmFailure(CM_FAILURE_PROTOCOL, "no such greeting", "greet", aPeer) : CCmFailure();
+    }
+
+private:
+    const std::string m_strOurs, m_strTheirs;
+    std::string m_strRead;
+    size_t m_stSent = 0;
+    BOOL m_bRefused = FALSE;
+};
+
+// Two handshakes a connection, of a type of this test's own.
+class HandshakeTest : public testing::Test, public talvo::IHandshakeMaker {
+protected:
+    HandshakeTest() {
+        s_pMaker = this;
+        const auto connector = [](const CCmConnectorSettings& a) {
+            return CCmConnectorTcp::Make({a.m_dwType, a.m_pReactor, a.m_pUpper, s_pMaker});
+        };
+        const auto acceptor = [](const CCmAcceptorSettings& a) {
+            return CCmAcceptorTcp::Make({a.m_dwType, a.m_pReactor, s_pMaker});
+        };
+        EXPECT_EQ(CM_OK, cm_offer_base_type(TYPE, {connector, acceptor}));
+        m_pAcceptor = m_Network.Listen(m_Sink, m_Addr, TYPE);
+    }
+    ~HandshakeTest() override { cm_offer_base_type(TYPE, {}); }
+
+    std::unique_ptr<talvo::IHandshake> MakeHandshake(CCmTransportTcp&, DWORD aStep) override {
+        if (aStep == 2)
+            return nullptr;
+        return std::make_unique<CGreeting>(aStep == 0 ? m_strGreeting : "", aStep == 0 ? "hello" : "again");
+    }
+    // A client that has been greeted.
+    CTestFd Greeted() {
+        CTestFd client = ConnectPlain(m_Addr);
+        m_Network.RunUntil([&] { return IsGreeted(client); });
+        return client;
+    }
+    BOOL IsGreeted(const CTestFd& aClient) const {
+        m_Network.RunPosted();
+        return aClient.Read() == m_strGreeting;
+    }
+    BOOL IsClosed(const CTestFd& aClient) const {
+        std::string strData;
+        m_Network.RunPosted();
+        return ReadToEnd(aClient, strData);
+    }
+    void UntilClosed(const CTestFd& aClient) const {
+        m_Network.RunUntil([&] { return IsClosed(aClient); });
+    }
+
+    static inline talvo::IHandshakeMaker* s_pMaker = nullptr;
+    const CTestNetwork m_Network{CCmThreadManager::NETWORK_THREAD_MAIN};
+    std::string m_strGreeting = "welcome";
+    CTestConnectSink m_Sink;
+    CCmInetAddr m_Addr;
+    CCmRefPtrT<ICmAcceptor> m_pAcceptor;
+};
+
+TEST_F(HandshakeTest, IndicatesBehindTheLastByteAndDeliversWhatWasReadTooFar) {
+    const std::string strSent = "helloagain" + Pattern(300);
+    for (const size_t stSingle : {0u, 1u, 9u}) {
+        for (const BOOL bPaused : {FALSE, TRUE}) {
+            CTestFd client = Greeted();
+            const size_t stBefore = m_Sink.Count();
+            for (size_t i = 0; i < stSingle; ++i) {
+                client.Write(strSent.substr(i, 1));
+                m_Network.RunPosted();
+                EXPECT_EQ(stBefore, m_Sink.Count());
+            }
+            client.Write(strSent.substr(stSingle));
+            client.Close();
+            m_Network.RunUntil([&] { return m_Sink.Count() > stBefore; });
+            CTestSink sink;
+            ICmTransport& transport = *m_Sink.m_Transports.back();
+            BOOL bPause = bPaused;
+            EXPECT_EQ(CM_OK, transport.SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+            EXPECT_EQ(CM_OK, transport.OpenWithSink(&sink));
+            if (bPaused) {
+                m_Network.RunPosted();
+                EXPECT_EQ(0, sink.Upcalls());
+                bPause = FALSE;
+                EXPECT_EQ(CM_OK, transport.SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
+            }
+            m_Network.RunUntil([&] { return sink.m_nDisconnects == 1; });
+            EXPECT_EQ(strSent.substr(10), sink.m_strReceived);
+        }
+    }
+}
+
+TEST_F(HandshakeTest, AFailedOneIsClosedWithALineAndNeverIndicated) {
+    CCmFakeClock clock;
+    CCmTraceCapture trace;
+    constexpr const char* LINE = "CCmAcceptorTcp::OnHandshakeDone, the handshake has failed. why=";
+    const CTestFd wrong = Greeted(), silent = Greeted();
+    CTestFd gone = Greeted();
+    wrong.Write("HELLO");
+    UntilClosed(wrong);
+    EXPECT_TRUE(trace.Contains("no such greeting"));
+    gone.Write("hell");
+    gone.Close();
+    m_Network.RunUntil([&] { return trace.Contains("the peer has closed during the handshake"); });
+    clock.Advance(CCmTimeValue(9, 900000));
+    EXPECT_FALSE(IsClosed(silent));
+    clock.Advance(CCmTimeValue(0, 200000));
+    UntilClosed(silent);
+    EXPECT_TRUE(trace.Contains("the time for the handshake has passed"));
+    EXPECT_EQ(3u, trace.Count(LINE));
+    EXPECT_EQ(0u, m_Sink.Count());
+}
+
+TEST_F(HandshakeTest, AtTheLimitOthersWaitAndAStopOrADrainEndsThem) {
+    auto pClock = std::make_unique<CCmFakeClock>();  // stands still: none of them is late
+    std::vector<CTestFd> clients;
+    for (int i = 0; i < 256; ++i)
+        clients.push_back(Greeted());
+    clients.push_back(ConnectPlain(m_Addr));
+    EXPECT_FALSE(IsGreeted(clients.back()));
+    clients[7].Write("helloagain");
+    m_Network.RunUntil([&] { return IsGreeted(clients.back()); });
+    EXPECT_EQ(1u, m_Sink.Count());
+    EXPECT_EQ(CM_OK, m_pAcceptor->StopListen(CM_OK));
+    UntilClosed(clients.back());
+    EXPECT_FALSE(IsClosed(clients[7]));
+    pClock.reset();
+
+    m_pAcceptor = m_Network.Listen(m_Sink, m_Addr, TYPE);
+    const CTestFd client = Greeted();
+    CCmTimeValue tvLimit(60);
+    m_Sink.m_Transports.clear();
+    EXPECT_EQ(CM_OK, m_Network.Manager().Drain(&tvLimit));
+    UntilClosed(client);
+    EXPECT_EQ(1u, m_Sink.Count());
+}
+
+TEST_F(HandshakeTest, AConnectorReportsItsEnd) {
+    const CTestListener listener;
+    const auto pConnector = m_Network.MakeConnector(TYPE);
+    CCmFakeClock clock;
+    CCmTimeValue tvTimeout(5);
+    m_strGreeting = Pattern(1 << 20);  // more than the sockets take at once
+    const std::pair<std::string, ECmFailureCause> CASES[] = {{"helloagain, and data", CM_FAILURE_NONE},
+                                                             {"HELLO", CM_FAILURE_PROTOCOL},
+                                                             {"", CM_FAILURE_TIMEOUT},
+                                                             {"cancel", CM_FAILURE_NONE}};
+    for (const auto& [strAnswer, cause] : CASES) {
+        CTestConnectSink sink;
+        pConnector->AsycConnect(&sink, listener.Addr(), &tvTimeout);
+        CTestFd peer = listener.Accept();
+        std::string strRead;
+        m_Network.RunUntil([&] { return !ReadToEnd(peer, strRead) && strRead.size() == m_strGreeting.size(); });
+        EXPECT_EQ(0u, sink.Count());
+        if (strAnswer == "cancel")
+            pConnector->CancelConnect();
+        else if (strAnswer.empty())
+            clock.Advance(CCmTimeValue(6));
+        else
+            peer.Write(strAnswer);
+        CTestSink received;
+        sink.m_Indicated = [&] {
+            for (const auto& pTransport : sink.m_Transports)
+                EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&received));
+        };
+        m_Network.RunUntil([&] { return received.m_strReceived == ", and data" || ReadToEnd(peer, strRead); });
+        CCmFailure failure;
+        EXPECT_EQ(CM_OK, cm_get_connect_options(pConnector.Get())->GetOption(CM_OPT_CONNECT_FAILURE, &failure));
+        EXPECT_EQ(cause, failure.GetCause());
+        EXPECT_EQ(strAnswer == "cancel" ? 0u : 1u, sink.Count());
+        EXPECT_EQ(strAnswer.size() > 6, received.m_nReceives == 1);
+    }
+}
+
+}  // namespace
