@@ -175,7 +175,7 @@ TEST_F(HandshakeTest, AConnectorReportsItsEnd) {
     const auto pConnector = m_Network.MakeConnector(TYPE);
     CCmFakeClock clock;
     CCmTimeValue tvTimeout(5);
-    m_strGreeting = Pattern(1 << 20);  // more than the sockets take at once
+    m_strGreeting = Pattern(12 << 20);  // more than the sockets take at once
     const std::pair<std::string, ECmFailureCause> CASES[] = {{"helloagain, and data", CM_FAILURE_NONE},
                                                              {"HELLO", CM_FAILURE_PROTOCOL},
                                                              {"", CM_FAILURE_TIMEOUT},

@@ -150,7 +150,7 @@ protected:
     CRefTransport Make() override { return new CRecordTransport(&m_Main.GetReactor()); }
     void Again() {
         m_Sink.m_strReceived.clear();
-        m_Sink.m_nReceives = m_Sink.m_nDisconnects = 0;
+        m_Sink.m_nReceives = m_Sink.m_nSends = m_Sink.m_nDisconnects = 0;
         SetUp();
     }
     // Pauses behind the first record of a burst that has left the socket.
@@ -414,9 +414,6 @@ TEST_F(LayerTest, WhatALayerHoldsComesBehindThePauseAndBeforeTheEnd) {
             OpenAndPause(m_strRecord + m_strRecord + m_strRecord + (nEnds > 0 ? strRest : ""));
             BOOL bAlive = FALSE, bEnd = TRUE;
             int nUnread = 0;
-            EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_SOCK_ALIVE, &bAlive));
-            EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_FIO_NREAD, &nUnread));
-            EXPECT_TRUE(bAlive && nUnread == 100);
             if (nEnds == 2) {
                 EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_END_SENDING, &bEnd));
                 EXPECT_EQ(strEnd, PeerReads(1));
@@ -425,6 +422,9 @@ TEST_F(LayerTest, WhatALayerHoldsComesBehindThePauseAndBeforeTheEnd) {
                 m_fdPeer.Close();
             Settle();
             EXPECT_EQ(1, m_Sink.Upcalls());
+            EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_SOCK_ALIVE, &bAlive));
+            EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_FIO_NREAD, &nUnread));
+            EXPECT_TRUE(bAlive && nUnread == 100);
             Pause(FALSE);
             Until([&] { return m_Sink.m_strReceived == Pattern(100) + Pattern(100) + Pattern(100); });
             if (nEnds == 0)
@@ -456,20 +456,24 @@ TEST_F(LayerTest, TheEndOfALayerIsThePeersEnd) {
 }
 
 TEST_F(LayerTest, WhatALayerHasTakenGoesOutByItself) {
-    Open();
-    for (const BOOL bLinger : {FALSE, TRUE}) {
+    enum { GOES_ON, ENDS_SENDING, DISCONNECTS };
+    for (const int nEnd : {GOES_ON, ENDS_SENDING, DISCONNECTS}) {
+        Again();
+        Open();
         const DWORD dwTaken = Fill();
-        int nUnacknowledged = 0, nQueued = 0;
+        int nUnacknowledged = 0, nQueued = 0, nEndSending = TRUE;
         EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &nUnacknowledged));
         EXPECT_EQ(0, m_pTransport->GetPeer().Control(TIOCOUTQ, &nQueued));
         EXPECT_GT(nUnacknowledged, nQueued);
-        if (bLinger)
+        if (nEnd == ENDS_SENDING)
+            m_pTransport->SetOption(CM_OPT_TRANSPORT_END_SENDING, &nEndSending);
+        if (nEnd == DISCONNECTS)
             m_pTransport->Disconnect(CM_OK);
         std::string strRaw;
-        Until([&] { return ReadToEnd(m_fdPeer, strRaw) || (!bLinger && strRaw.size() == dwTaken / 100 * 101); });
-        EXPECT_EQ(bLinger, strRaw.ends_with('\0'));
+        Until([&] { return ReadToEnd(m_fdPeer, strRaw) || (nEnd == GOES_ON && strRaw.size() == dwTaken / 100 * 101); });
+        EXPECT_EQ(nEnd != GOES_ON, strRaw.ends_with('\0'));
         EXPECT_EQ(std::string(dwTaken, 'f'), CRecordTransport::Decode(strRaw));
         Settle();
-        EXPECT_EQ(1, m_Sink.m_nSends);
+        EXPECT_EQ(nEnd == DISCONNECTS ? 0 : 1, m_Sink.m_nSends);
     }
 }
