@@ -5,6 +5,7 @@ usage of each test: NAME_test.py TALVO [TEST...]
 import json
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import sys
@@ -13,6 +14,8 @@ import time
 import unittest
 
 TALVO = os.path.abspath(sys.argv.pop(1))
+# A sanitized program needs address space and descriptors of its own.
+SANITIZED = re.search(rb"__[at]san_init", pathlib.Path(TALVO).read_bytes()) is not None
 PATIENCE = 240  # seconds; only how long a failing test takes
 # An address of loopback that no other process uses, so that nobody takes a port that was let go.
 HOST = f"127.{64 + (os.getpid() >> 16) % 128}.{os.getpid() >> 8 & 255}.{os.getpid() & 255}"
