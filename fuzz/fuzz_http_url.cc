@@ -9,6 +9,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     if (url.Init(strText)) {
         const BOOL bFile = url.GetScheme() == "file";
         FUZZ_CHECK(bFile ? url.GetHostName().empty() : url.GetPath()[0] == '/' && url.GetPort() != 0);
+        FUZZ_CHECK(url.GetHostName().find_first_of("[]") == CCmString::npos);
         const CCmHttpUrl before(url);
         FUZZ_CHECK((url.GetHostName().empty() && !bFile) || url.Init(before.GetAsciiSpec()));
         FUZZ_CHECK(url.GetHostName() == before.GetHostName() && url.GetPort() == before.GetPort());

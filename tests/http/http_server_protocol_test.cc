@@ -46,6 +46,8 @@ const CCase CASES[] = {
     {"PortTooHigh", Get("/a", "Host: a:65535\r\n") + Get("/b", "Host: a:065536\r\n"), "200:/a 400:400 Bad Request\n end"},
     {"TwoPorts", Get("/a", "Host: a:1:2\r\n"), "400:400 Bad Request\n end"},
     {"OpenBracket", Get("/a", "Host: [::1\r\n"), "400:400 Bad Request\n end"},
+    {"NoAddressInBrackets", Get("/a", "Host: [:::1]\r\n"), "400:400 Bad Request\n end"},
+    {"ZoneOfTheClient", Get("/a", "Host: [fe80::1%25eth0]\r\n"), "400:400 Bad Request\n end"},
     {"Hosts",
      Get("/a", "Host:\r\n") + Get("/b", "Host: [::1]\r\n") + Get("/c", "Host: [::1]:80\r\n") + Get("/d", "Host: h:\r\n"),
      "200:/a 200:/b 200:/c 200:/d "},

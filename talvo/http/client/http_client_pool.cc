@@ -6,6 +6,7 @@
 #include "talvo/base/clock.h"
 #include "talvo/base/live_counter.h"
 #include "talvo/event/thread.h"
+#include "talvo/http/message/http_authority.h"
 #include "talvo/http/message/http_memory.h"
 #include "talvo/http/message/http_text.h"
 
@@ -20,7 +21,8 @@ thread_local CHttpClientPool* s_pPool = nullptr;
 // The base type and the settings of most connections are left out, so that the key is short.
 CCmString KeyOf(const CHttpConnectionRequest& aRequest) {
     CCmString strKey = aRequest.m_strHost;
-    std::transform(strKey.begin(), strKey.end(), strKey.begin(), lower_case);
+    if (!is_ipv6_host(strKey))  // it is in lower case, and the case of its zone matters
+        std::transform(strKey.begin(), strKey.end(), strKey.begin(), lower_case);
     strKey += ":" + std::to_string(aRequest.m_wPort);
     if (aRequest.m_dwType != CM_TRANSPORT_TYPE_TCP || !aRequest.m_strSetUp.empty())
         strKey += " " + std::to_string(aRequest.m_dwType) + " " + aRequest.m_strSetUp;

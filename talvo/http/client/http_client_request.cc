@@ -6,6 +6,7 @@
 
 #include "talvo/http/client/http_redirect.h"
 #include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_authority.h"
 #include "talvo/http/message/http_text.h"
 #include "talvo/http/message/http_url.h"
 
@@ -32,6 +33,15 @@ uint64_t ChainLength(const CCmMessageBlock& aChain) {
 BOOL IsIdempotent(const CCmHttpAtom& aMethod) {
     return aMethod == Atoms::Get || aMethod == Atoms::Head || aMethod == Atoms::Put || aMethod == Atoms::Delete ||
            aMethod == Atoms::Options || aMethod == Atoms::Trace;
+}
+
+// Without a zone, which has no meaning for the server (RFC 6874, section 3).
+CCmString MakeHostField(const CCmHttpUrl& aUrl) {
+    CCmString strField = aUrl.GetNameAndPort(FALSE);
+    const size_t stZone = is_ipv6_host(aUrl.GetHostName()) ? strField.find('%') : CCmString::npos;
+    if (stZone != CCmString::npos)
+        strField.erase(stZone, strField.find(']') - stZone);
+    return strField;
 }
 
 }  // namespace
@@ -136,7 +146,7 @@ CCmString CHttpClientRequest::MakeHead(const CCmHttpUrl& aUrl, const CCmString& 
     };
     head.SetRequestURI(MakeHttpTarget(aUrl));
     head.SetVerion(CM_HTTP_VERSION_11);
-    set(Atoms::Host, aUrl.GetNameAndPort(FALSE));
+    set(Atoms::Host, MakeHostField(aUrl));
     set(Atoms::User_Agent, USER_AGENT);
     for (size_t i = 0; i < m_Head.GetCount(); ++i)
         set(m_Head.GetName(i), m_Head.GetValue(i));

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_authority.h"
 #include "talvo/http/message/http_text.h"
 #include "talvo/http/message/http_url.h"
 
@@ -49,25 +50,41 @@ CCmString CleanPath(std::string_view aPath) {
     return RemoveDotSegments(aPath.substr(0, nQuery)) + CCmString(aPath.substr(nQuery));
 }
 
+// "", or a colon and, perhaps, the number of a port.
+BOOL IsPort(std::string_view aText) {
+    const CCmString strPort(aText.substr(std::min<size_t>(1, aText.size())));
+    const BOOL bDigits = strPort.size() <= 5 && strPort.find_first_not_of("0123456789") == CCmString::npos;
+    return bDigits && std::atoi(strPort.c_str()) <= 65535;
+}
+
 // A host and, perhaps, a valid port. Refuses texts that the URL class would interpret differently.
 BOOL IsPlainAuthority(std::string_view aText) {
+    if (const std::optional<CHttpIpLiteral> literal = parse_ip_literal(aText))
+        return IsPort(literal->m_Port);
     const size_t nColon = std::min(aText.find(':'), aText.size());
-    const CCmString strPort(aText.substr(std::min(nColon + 1, aText.size())));
-    const BOOL bPort = strPort.size() <= 5 && strPort.find_first_not_of("0123456789") == CCmString::npos;
-    return nColon > 0 && aText.find_first_of("@[]%") == std::string_view::npos && bPort && std::atoi(strPort.c_str()) <= 65535;
+    return nColon > 0 && aText.find_first_of("@[]%") == std::string_view::npos && IsPort(aText.substr(nColon));
+}
+
+// The field Host is without the zone of the base, so the server cannot repeat it: the base's own address keeps its zone.
+CCmString KeepZone(const CCmHttpUrl& aBase, std::string_view aAuthority) {
+    const std::optional<CHttpIpLiteral> literal = parse_ip_literal(aAuthority);
+    const CCmString& strBase = aBase.GetHostName();
+    if (!literal || strBase.substr(0, strBase.find('%')) != literal->GetHost())
+        return CCmString(aAuthority);
+    return bracket_host(strBase) + CCmString(literal->m_Port);
 }
 
 BOOL IsHttpScheme(std::string_view aScheme) { return equal_no_case(aScheme, "http") || equal_no_case(aScheme, "https"); }
 
-CCmString JoinUrl(std::string_view aScheme, std::string_view aRest) {
+CCmString JoinUrl(const CCmHttpUrl& aBase, std::string_view aScheme, std::string_view aRest) {
     const size_t nEnd = std::min(aRest.find_first_of("/?"), aRest.size());
-    const std::string_view authority = aRest.substr(0, nEnd);
-    if (!IsHttpScheme(aScheme) || !IsPlainAuthority(authority))
+    const CCmString strAuthority = KeepZone(aBase, aRest.substr(0, nEnd));
+    if (!IsHttpScheme(aScheme) || !IsPlainAuthority(strAuthority))
         return {};
     CCmString strPath(aRest.substr(nEnd));
     if (!strPath.starts_with('/'))
         strPath.insert(0, 1, '/');
-    return CCmString(aScheme) + "://" + CCmString(authority) + CleanPath(strPath);
+    return CCmString(aScheme) + "://" + strAuthority + CleanPath(strPath);
 }
 
 // Merges a path that is neither empty nor absolute, or a query alone, with that of the base.
@@ -97,17 +114,19 @@ CCmString ResolveHttpLocation(const CCmHttpUrl& aBase, std::string_view aLocatio
     const std::string_view reference = strLocation;
     if (const size_t nScheme = SchemeLength(reference)) {
         const std::string_view rest = reference.substr(nScheme + 1);
-        return rest.starts_with("//") ? JoinUrl(reference.substr(0, nScheme), rest.substr(2)) : CCmString();
+        return rest.starts_with("//") ? JoinUrl(aBase, reference.substr(0, nScheme), rest.substr(2)) : CCmString();
     }
     if (reference.starts_with("//"))
-        return JoinUrl(aBase.GetScheme(), reference.substr(2));
+        return JoinUrl(aBase, aBase.GetScheme(), reference.substr(2));
     const CCmString strPath =
         reference.starts_with("/") ? strLocation : MergePath(EncodeForHttpUrl(aBase.GetPath()), reference);
-    return JoinUrl(aBase.GetScheme(), aBase.GetNameAndPort(FALSE) + strPath);
+    return JoinUrl(aBase, aBase.GetScheme(), aBase.GetNameAndPort(FALSE) + strPath);
 }
 
 BOOL IsSameHttpOrigin(const CCmHttpUrl& a, const CCmHttpUrl& b) {
-    return a.GetScheme() == b.GetScheme() && a.GetPort() == b.GetPort() && equal_no_case(a.GetHostName(), b.GetHostName());
+    const BOOL bSameHost = is_ipv6_host(a.GetHostName()) ? a.GetHostName() == b.GetHostName()  // the case of a zone matters
+                                                         : equal_no_case(a.GetHostName(), b.GetHostName());
+    return bSameHost && a.GetScheme() == b.GetScheme() && a.GetPort() == b.GetPort();
 }
 
 CCmString EncodeForHttpUrl(std::string_view aText) {

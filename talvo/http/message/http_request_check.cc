@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "talvo/http/message/http_authority.h"
 #include "talvo/http/message/http_text.h"
 
 namespace talvo {
@@ -40,16 +41,17 @@ BOOL IsAlpha(char aLetter) { return lower_case(aLetter) >= 'a' && lower_case(aLe
 
 BOOL AreDigits(std::string_view aText) { return std::all_of(aText.begin(), aText.end(), IsDigit); }
 
-// The length of the name, or of the address in brackets, at the front of a host field; npos: there is none.
+// The length of the name, or of the address in brackets, at the front of a host field; npos: there is none. A zone is refused:
+// it has no meaning for another machine.
 size_t GetNameLength(std::string_view aHost) {
-    if (!aHost.starts_with('[')) {
-        size_t stEnd = 0;
-        while (stEnd < aHost.size() && TABLE[static_cast<BYTE>(aHost[stEnd])] & NAME)
-            ++stEnd;
-        return stEnd == aHost.size() || aHost[stEnd] == ':' ? stEnd : std::string_view::npos;
+    if (aHost.starts_with('[')) {
+        const std::optional<CHttpIpLiteral> literal = parse_ip_literal(aHost);
+        return literal && literal->m_Zone.empty() ? aHost.size() - literal->m_Port.size() : std::string_view::npos;
     }
-    const size_t stEnd = aHost.find_first_not_of("0123456789abcdefABCDEF:.", 1);
-    return stEnd != std::string_view::npos && stEnd > 1 && aHost[stEnd] == ']' ? stEnd + 1 : std::string_view::npos;
+    size_t stEnd = 0;
+    while (stEnd < aHost.size() && TABLE[static_cast<BYTE>(aHost[stEnd])] & NAME)
+        ++stEnd;
+    return stEnd == aHost.size() || aHost[stEnd] == ':' ? stEnd : std::string_view::npos;
 }
 
 // Digits of a number up to 65535; none and leading zeros are allowed.

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "talvo/base/with_memory.h"
+#include "talvo/http/message/http_authority.h"
 #include "talvo/http/message/http_text.h"
 
 namespace {
@@ -83,18 +84,24 @@ void CCmHttpUrl::SetPort(WORD aPort) {
 }
 
 CCmString CCmHttpUrl::GetNameAndPort(int aForcePort) const {
-    if (!aForcePort && m_wPort == GetDefaultPort())
-        return m_strHostName;
-    return m_strHostName + ":" + std::to_string(m_wPort);
+    const CCmString strHost = talvo::bracket_host(m_strHostName);
+    return !aForcePort && m_wPort == GetDefaultPort() ? strHost : strHost + ":" + std::to_string(m_wPort);
 }
 
 BOOL CCmHttpUrl::SetNameAndPort(std::string_view aNameAndPort) {
-    return !aNameAndPort.empty() && talvo::WithMemory([&] {
-        const size_t stColon = std::min(aNameAndPort.find(':'), aNameAndPort.size());
-        const CCmString strPort(aNameAndPort.substr(std::min(stColon + 1, aNameAndPort.size())));
-        m_strHostName = aNameAndPort.substr(0, stColon);
-        SetPort(static_cast<WORD>(std::strtol(strPort.c_str(), nullptr, 10)));
-    });
+    BOOL bDone = FALSE;
+    return talvo::WithMemory([&] { bDone = SetNameAndPort_i(aNameAndPort); }) && bDone;
+}
+
+BOOL CCmHttpUrl::SetNameAndPort_i(std::string_view aNameAndPort) {
+    const std::optional<talvo::CHttpIpLiteral> literal = talvo::parse_ip_literal(aNameAndPort);
+    if (aNameAndPort.empty() || (!literal && aNameAndPort.find_first_of("[]") != std::string_view::npos))
+        return FALSE;
+    const size_t stColon = literal ? aNameAndPort.size() - literal->m_Port.size() : aNameAndPort.find(':');
+    const CCmString strPort(aNameAndPort.substr(std::min(stColon, aNameAndPort.size() - 1) + 1));
+    m_strHostName = literal ? literal->GetHost() : CCmString(aNameAndPort.substr(0, stColon));
+    SetPort(static_cast<WORD>(std::strtol(strPort.c_str(), nullptr, 10)));
+    return TRUE;
 }
 
 const CCmString& CCmHttpUrl::GetAsciiSpec() const {
