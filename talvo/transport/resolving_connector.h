@@ -1,0 +1,63 @@
+// The common start of connectors over sockets: the peer's addresses.
+#pragma once
+
+#include <vector>
+
+#include "talvo/event/home_reactor.h"
+#include "talvo/transport/base_types.h"
+#include "talvo/transport/dns/name_lookup.h"
+#include "talvo/transport/socket_settings.h"
+#include "talvo/transport/transport_base.h"
+
+namespace talvo {
+
+// Takes an address, or a host name that it looks up first, and gives the addresses to the derived connector. A name without an
+// address is reported from a timer, never from inside Connect.
+class TALVO_API CResolvingConnector : public ACmConnectorInternal, private ICmTimerHandler, private INameUser {
+public:
+    int Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal = nullptr) override;
+    // Derived connectors also stop their own work, in their destructors, too.
+    void Close() override;
+    CmResult SetOption(DWORD aCommand, void* aArg) override { return m_Sockets.SetOption(aCommand, aArg); }
+    CmResult GetOption(DWORD aCommand, void* aArg) override { return m_Sockets.GetOption(aCommand, aArg); }
+
+protected:
+    // aClass: the connector's name in the trace.
+    CResolvingConnector(const CCmConnectorSettings& aSettings, const char* aClass)
+        : m_pReactor(aSettings.m_pReactor), m_pClass(aClass), m_Upper(*aSettings.m_pUpper) {}
+    ~CResolvingConnector() override { CResolvingConnector::Close(); }
+
+    // Connects m_AddrPeer's port at one of its addresses. Results as Connect; before -1 it sets m_Failure. May throw
+    // std::bad_alloc: the attempt is closed then.
+    virtual int ConnectTo_i(const std::vector<DWORD>& aAddresses) = 0;
+
+    // Reports from a timer; CM_OK with m_pTransport. Results as Connect.
+    int ReportLater_i(CmResult aReason);
+    // The last step of an attempt: the upper connector may delete this one.
+    void Report_i(CmResult aReason);
+    // Reports m_Failure.
+    void ReportFailure_i();
+
+    const CHomeReactor m_pReactor;
+    CCmInetAddr m_AddrPeer;                     // perhaps with a name
+    CCmInetAddr m_AddrLocal;                    // CCmInetAddr::s_InetAddrAny: not given
+    CSocketSettings m_Sockets;                  // the user's values
+    CCmRefPtrT<CCmTransportBase> m_pTransport;  // connected, to be reported
+
+private:
+    int ConnectToName_i(const CCmString& aName);
+    void NameFailed_i(const CCmDnsRecord* aRecord, CmResult aReason);
+    template <class Callable>
+    int WithMemory_i(const CCmInetAddr& aAddr, Callable aConnect);
+
+    void OnNameKnown(const CCmDnsRecord& aRecord) override;
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
+
+    const char* const m_pClass;
+    ACmConnectorUpper& m_Upper;
+    CNameLookup m_Lookup{*this};
+    BOOL m_bTimerArmed = FALSE;
+    CmResult m_LaterReason = CM_OK;  // the reason that the timer reports
+};
+
+}  // namespace talvo
