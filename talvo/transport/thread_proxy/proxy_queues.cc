@@ -33,22 +33,22 @@ DWORD CountBlocks(const CCmMessageBlock& aChain) {
     return dwBlocks;
 }
 
-DWORD CProxySendQueue::GetMostBlocks_l() const { return std::max(m_Limit.Get(), CProxyLimit::DEFAULT) / BYTES_A_BLOCK; }
-
-void CProxySendQueue::SetLimit(DWORD aLimit) {
+void CProxyQueue::SetLimit(DWORD aLimit) {
     Guard guard(m_Mutex);
     m_Limit.Set(aLimit);
 }
 
-void CProxySendQueue::GrowLimit(DWORD aBuffer) {
+void CProxyQueue::GrowLimit(DWORD aBuffer) {
     Guard guard(m_Mutex);
     m_Limit.Grow(aBuffer);
 }
 
-DWORD CProxySendQueue::GetLimit() {
+DWORD CProxyQueue::GetLimit() {
     Guard guard(m_Mutex);
     return m_Limit.Get();
 }
+
+DWORD CProxySendQueue::GetMostBlocks_l() const { return std::max(m_Limit.Get(), CProxyLimit::DEFAULT) / BYTES_A_BLOCK; }
 
 CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aTell,
                                BOOL& aHurry) {
@@ -61,7 +61,7 @@ CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWOR
         m_bRefused = TRUE;
         return m_bClosed ? CM_ERROR_NULL_POINTER : CM_ERROR_PARTIAL_DATA;
     }
-    if (!AddTo(m_Messages, std::move(pChain), aData, aLength))
+    if (!AddTo(m_Chains, std::move(pChain), aData, aLength))
         return CM_ERROR_OUT_OF_MEMORY;
     m_ullWaiting += aCost;
     m_ullBlocks += dwBlocks;
@@ -75,7 +75,7 @@ CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWOR
 
 BOOL CProxySendQueue::Take(CMessageList& aMessages) {
     Guard guard(m_Mutex);
-    aMessages.Swap(m_Messages);
+    aMessages.Swap(m_Chains);
     m_ullQuiet = 0;
     m_bTold = !aMessages.IsEmpty();
     return m_bTold;
@@ -101,27 +101,12 @@ uint64_t CProxySendQueue::GetWaiting() {
     return m_ullWaiting;
 }
 
-void CProxyReceiveQueue::SetLimit(DWORD aLimit) {
-    Guard guard(m_Mutex);
-    m_Limit.Set(aLimit);
-}
-
-void CProxyReceiveQueue::GrowLimit(DWORD aBuffer) {
-    Guard guard(m_Mutex);
-    m_Limit.Grow(aBuffer);
-}
-
-DWORD CProxyReceiveQueue::GetLimit() {
-    Guard guard(m_Mutex);
-    return m_Limit.Get();
-}
-
 CmResult CProxyReceiveQueue::Push(const CCmMessageBlock& aChunk, DWORD aLength, BOOL aMayCopy, BOOL& aStop) {
     CCmChainPtr pChain;
     if (!DuplicateUnlessSmall(aChunk, aLength, aMayCopy, pChain))
         return CM_ERROR_OUT_OF_MEMORY;
     Guard guard(m_Mutex);
-    if (!AddTo(m_Chunks, std::move(pChain), aChunk, aLength))
+    if (!AddTo(m_Chains, std::move(pChain), aChunk, aLength))
         return CM_ERROR_OUT_OF_MEMORY;
     m_ullWaiting += uint64_t{aLength} + CHUNK_COST;
     aStop = !m_bStopped && m_ullWaiting > m_Limit.Get();
@@ -131,7 +116,7 @@ CmResult CProxyReceiveQueue::Push(const CCmMessageBlock& aChunk, DWORD aLength, 
 
 BOOL CProxyReceiveQueue::Take(CMessageList& aChunks) {
     Guard guard(m_Mutex);
-    aChunks.Swap(m_Chunks);
+    aChunks.Swap(m_Chains);
     return !aChunks.IsEmpty();
 }
 

@@ -29,17 +29,32 @@ private:
 // The number of blocks of a chain.
 DWORD CountBlocks(const CCmMessageBlock& aChain);
 
-// Chains from the user's thread that the network thread has not passed to the transport yet. One limit bounds the queued bytes,
-// another the blocks, because a block costs memory even with few bytes. Above either limit a send is refused, and the queue
-// reports when half of both has drained. Any thread.
-class CProxySendQueue {
+// The common part of both queues. Any thread.
+class CProxyQueue {
 public:
-    // One block for each so many bytes of the limit, or of the default limit if that is larger.
-    static constexpr DWORD BYTES_A_BLOCK = 128;
-
     void SetLimit(DWORD aLimit);
     void GrowLimit(DWORD aBuffer);
     DWORD GetLimit();
+
+    CProxyQueue(const CProxyQueue&) = delete;
+    CProxyQueue& operator=(const CProxyQueue&) = delete;
+
+protected:
+    CProxyQueue() = default;
+
+    CCmMutexThread m_Mutex;
+    CMessageList m_Chains CM_GUARDED_BY(m_Mutex);
+    CProxyLimit m_Limit CM_GUARDED_BY(m_Mutex);
+    uint64_t m_ullWaiting CM_GUARDED_BY(m_Mutex) = 0;  // bytes
+};
+
+// Chains from the user's thread that the network thread has not passed to the transport yet. One limit bounds the queued bytes,
+// another the blocks, because a block costs memory even with few bytes. Above either limit a send is refused, and the queue
+// reports when half of both has drained. Any thread.
+class CProxySendQueue : public CProxyQueue {
+public:
+    // One block for each so many bytes of the limit, or of the default limit if that is larger.
+    static constexpr DWORD BYTES_A_BLOCK = 128;
 
     // Takes aData, all or nothing, so a message stays whole. Copies a small one, if it may be copied, and duplicates any other.
     // aLength is its length, aCost its cost; the total may exceed the limit by one message. CM_ERROR_PARTIAL_DATA: full.
@@ -63,10 +78,6 @@ public:
 private:
     DWORD GetMostBlocks_l() const CM_REQUIRES(m_Mutex);
 
-    CCmMutexThread m_Mutex;
-    CMessageList m_Messages CM_GUARDED_BY(m_Mutex);
-    CProxyLimit m_Limit CM_GUARDED_BY(m_Mutex);
-    uint64_t m_ullWaiting CM_GUARDED_BY(m_Mutex) = 0;  // bytes
     uint64_t m_ullBlocks CM_GUARDED_BY(m_Mutex) = 0;
     uint64_t m_ullQuiet CM_GUARDED_BY(m_Mutex) = 0;  // bytes since the network thread was hurried
     BOOL m_bTold CM_GUARDED_BY(m_Mutex) = FALSE;     // the network thread is notified of data
@@ -75,14 +86,10 @@ private:
 };
 
 // Chunks from the network thread that the user's thread has not taken yet. Any thread.
-class CProxyReceiveQueue {
+class CProxyReceiveQueue : public CProxyQueue {
 public:
     // The cost of a chunk besides its payload: a peer that sends single bytes must not use a hundred times as much memory.
     static constexpr DWORD CHUNK_COST = 128;
-
-    void SetLimit(DWORD aLimit);
-    void GrowLimit(DWORD aBuffer);
-    DWORD GetLimit();
 
     // Takes aChunk, of aLength bytes, as the send queue does. CM_ERROR_OUT_OF_MEMORY. aStop (out): the queue exceeds its limit,
     // and reading must stop.
@@ -95,10 +102,6 @@ public:
     BOOL IsStopped();
 
 private:
-    CCmMutexThread m_Mutex;
-    CMessageList m_Chunks CM_GUARDED_BY(m_Mutex);
-    CProxyLimit m_Limit CM_GUARDED_BY(m_Mutex);
-    uint64_t m_ullWaiting CM_GUARDED_BY(m_Mutex) = 0;  // bytes
     BOOL m_bStopped CM_GUARDED_BY(m_Mutex) = FALSE;
 };
 
