@@ -62,6 +62,7 @@ void CConnAcceptorBase::OnConnectIndication(CmResult aReason, ICmTransport* aTrp
         CM_ERROR_TRACE_THIS("CConnAcceptorT::OnConnectIndication, out of memory.");
         return;
     }
+    opening.m_pConn->SetConnAcceptor(this);
     opening.m_pSink->OnConnectIndication(CM_OK, aTrpt, aRequestId);
 }
 

@@ -31,7 +31,7 @@ protected:
     explicit CConnAcceptorBase(CCmRefPtrT<ICmAcceptor> aLower);
     ~CConnAcceptorBase() override;
 
-    // A new connection with this acceptor as its owner; empty: memory ran out.
+    // A new connection; empty: memory ran out.
     virtual COpeningConn MakeConnection() = 0;
 
 private:
@@ -62,13 +62,7 @@ public:
         : CConnAcceptorBase(std::move(aLower)), m_bNeedKeepAlive(aNeedKeepAlive) {}
 
 private:
-    talvo::COpeningConn MakeConnection() override {
-        const CCmRefPtrT<T> pConn = talvo::NewConn<T>(m_bNeedKeepAlive);
-        if (!pConn)
-            return {};
-        pConn->SetConnAcceptor(this);
-        return talvo::MakeOpeningConn(pConn.Get());
-    }
+    talvo::COpeningConn MakeConnection() override { return talvo::NewOpeningConn<T>(m_bNeedKeepAlive); }
 
     const BOOL m_bNeedKeepAlive;
 };

@@ -39,6 +39,7 @@ void CConnConnectorBase::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmI
         m_NoMemory.Arm();
         return;
     }
+    m_Opening.m_pConn->SetConnConnector(this);
     m_pLower->AsycConnect(m_Opening.m_pSink, aAddrPeer, aTimeout, aAddrLocal);
 }
 

@@ -28,7 +28,7 @@ protected:
     explicit CConnConnectorBase(CCmRefPtrT<ICmConnector> aLower);
     ~CConnConnectorBase() override;
 
-    // A new connection with this connector as its owner; empty: memory ran out.
+    // A new connection; empty: memory ran out.
     virtual COpeningConn MakeConnection() = 0;
 
 private:
@@ -67,13 +67,7 @@ public:
         : CConnConnectorBase(std::move(aLower)), m_bNeedKeepAlive(aNeedKeepAlive) {}
 
 private:
-    talvo::COpeningConn MakeConnection() override {
-        const CCmRefPtrT<T> pConn = talvo::NewConn<T>(m_bNeedKeepAlive);
-        if (!pConn)
-            return {};
-        pConn->SetConnConnector(this);
-        return talvo::MakeOpeningConn(pConn.Get());
-    }
+    talvo::COpeningConn MakeConnection() override { return talvo::NewOpeningConn<T>(m_bNeedKeepAlive); }
 
     const BOOL m_bNeedKeepAlive;
 };

@@ -29,15 +29,15 @@ COpeningConn MakeOpeningConn(T* aConn) {
     return opening;
 }
 
-// A new T, with keep-alives if requested and supported; null: memory ran out.
+// A new T, with keep-alives if requested and supported; empty: memory ran out.
 template <class T>
-CCmRefPtrT<T> NewConn([[maybe_unused]] BOOL aNeedKeepAlive) {
-    CCmRefPtrT<T> pConn(new (std::nothrow) T);
-    if constexpr (requires(T & aConn) { aConn.NeedKeepAlive(TRUE); }) {
-        if (pConn)
-            pConn->NeedKeepAlive(aNeedKeepAlive);
-    }
-    return pConn;
+COpeningConn NewOpeningConn([[maybe_unused]] BOOL aNeedKeepAlive) {
+    const CCmRefPtrT<T> pConn(new (std::nothrow) T);
+    if (!pConn)
+        return {};
+    if constexpr (requires(T & aConn) { aConn.NeedKeepAlive(TRUE); })
+        pConn->NeedKeepAlive(aNeedKeepAlive);
+    return MakeOpeningConn(pConn.Get());
 }
 
 }  // namespace talvo
