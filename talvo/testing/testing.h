@@ -1,5 +1,8 @@
-// Includes for a test over simulated links, in addition to talvo/talvo.h; link talvo::testing.
+// Includes for tests, in addition to talvo/talvo.h; link talvo::testing.
 #pragma once
 
+#include "talvo/testing/fake_clock.h"
 #include "talvo/testing/sim_network.h"
 #include "talvo/testing/sim_seeds.h"
+#include "talvo/testing/trace_capture.h"
+#include "talvo/testing/upcall_log.h"

@@ -5,7 +5,7 @@
 #include <random>
 
 #include "talvo/connection/protocol/cs_conn.h"
-#include "tests/support/fake_clock.h"
+#include "talvo/testing/fake_clock.h"
 #include "tests/support/fake_lower.h"
 #include "tests/support/network_fixture.h"
 

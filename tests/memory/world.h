@@ -7,8 +7,8 @@
 #include <thread>
 
 #include "talvo/base/config.h"
+#include "talvo/testing/fake_clock.h"
 #include "tests/memory/failures.h"
-#include "tests/support/fake_clock.h"
 #include "tests/support/network_fixture.h"
 #include "tests/support/temp_dir.h"
 

@@ -4,39 +4,21 @@
 
 #include <cstdio>
 
-namespace {
-
-class Peer : public ICmAcceptorConnectorSink, public ICmTransportSink {
-public:
-    void OnConnectIndication(CmResult, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
-        m_pTransport = aTrpt;
-        aTrpt->OpenWithSink(this);
-    }
-    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
-        m_strReceived = aData.FlattenChained();
-    }
-    void OnSend(ICmTransport*, CCmTransportParameter*) override {}
-    void OnDisconnect(CmResult, ICmTransport*) override {}
-
-    CCmRefPtrT<ICmTransport> m_pTransport;
-    CCmString m_strReceived;
-};
-
-}  // namespace
-
 int main() {
     CCmSimNetwork network(1);
     const CCmInetAddr addr("10.0.0.1", 7070);
-    Peer server, client;
+    CCmUpcallLog server;
+    CCmConnectLog accepted, connected;
+    accepted.m_Indicated = [&] { accepted.m_Transports[0]->OpenWithSink(&server); };
     CCmRefPtrT<ICmAcceptor> pAcceptor;
     CCmRefPtrT<ICmConnector> pConnector;
     CCmConnectionManager::Instance()->CreateConnectionServer(CCmConnectionManager::CTYPE_UDP, pAcceptor.ParaOut());
     CCmConnectionManager::Instance()->CreateConnectionClient(CCmConnectionManager::CTYPE_UDP, pConnector.ParaOut());
-    pAcceptor->StartListen(&server, addr);
-    pConnector->AsycConnect(&client, addr);
+    pAcceptor->StartListen(&accepted, addr);
+    pConnector->AsycConnect(&connected, addr);
     network.RunFor(CCmTimeValue(1));
     CCmMessageBlock block(5, "hello", CCmMessageBlock::DONT_DELETE, 5);
-    if (!client.m_pTransport || client.m_pTransport->SendData(block) != CM_OK)
+    if (connected.Count() != 1 || connected.m_Transports[0]->SendData(block) != CM_OK)
         return 1;
     const BOOL bArrived = network.RunUntil([&server] { return !server.m_strReceived.empty(); }, CCmTimeValue(1));
     std::printf("%s after %d us\n", server.m_strReceived.c_str(), static_cast<int>(network.Now().GetTotalInUsec()));

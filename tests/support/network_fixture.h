@@ -5,6 +5,7 @@
 
 #include "talvo/base/live_counter.h"
 #include "talvo/connection/connection_manager.h"
+#include "talvo/testing/upcall_log.h"
 #include "tests/support/event_helpers.h"
 #include "tests/support/event_socket.h"
 #include "tests/support/own_loopback.h"
@@ -41,78 +42,18 @@ Value Get(Transport& aTransport, DWORD aOption) {
     return value;
 }
 
-// Collects a transport's upcalls, in the thread that makes the sink; each upcall may also run a callable.
-class CTestSink : public ICmTransportSink {
+// Records a transport's upcalls, and fails the test if one breaks the contract.
+class CTestSink : public CCmUpcallLog {
 public:
     CTestSink() = default;
     explicit CTestSink(ICmTransport& aTransport) { EXPECT_EQ(CM_OK, aTransport.OpenWithSink(this)); }
-    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter*) override {
-        const std::string strData = aData.FlattenChained();
-        Seen(aTrptId, m_strLog.empty() || m_cLast != 'r' ? "receive " : "");
-        m_strLog += strData;
-        ++m_nReceives;
-        m_strReceived += strData;
-        m_Receive();
-    }
-    void OnSend(ICmTransport* aTrptId, CCmTransportParameter*) override {
-        Seen(aTrptId, "send");
-        ++m_nSends;
-        m_Send();
-    }
-    void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override {
-        Seen(aTrptId, "disconnect " + std::to_string(aReason));
-        ++m_nDisconnects;
-        m_Reason = aReason;
-        m_Disconnect();
-    }
-    int Upcalls() const { return m_nReceives + m_nSends + m_nDisconnects; }
-    // Since the last call: "receive DATA, send, disconnect REASON"; consecutive received data is one entry.
-    std::string Take() { return std::exchange(m_strLog, {}); }
-
-    std::string m_strReceived;
-    int m_nReceives = 0;
-    int m_nSends = 0;
-    int m_nDisconnects = 0;
-    CmResult m_Reason = CM_OK;
-    std::function<void()> m_Receive = [] {};
-    std::function<void()> m_Send = [] {};
-    std::function<void()> m_Disconnect = [] {};
-
-private:
-    void Seen(ICmTransport* aTrptId, const std::string& aUpcall) {
-        m_strLog += (m_strLog.empty() || aUpcall.empty() ? "" : ", ") + aUpcall;
-        m_cLast = aUpcall.empty() ? m_cLast : aUpcall[0];
-        EXPECT_NE(nullptr, aTrptId);
-        EXPECT_EQ(0, m_nDisconnects) << "an upcall after the last one";
-        EXPECT_EQ(m_dwThread, cm_thread_self_id());
-    }
-    const DWORD m_dwThread = cm_thread_self_id();
-    std::string m_strLog;
-    char m_cLast = 0;
+    ~CTestSink() override { EXPECT_EQ("", GetFaults()); }
 };
 
-// Keeps the indications of an acceptor or connector, unless set otherwise.
-class CTestConnectSink : public ICmAcceptorConnectorSink {
-public:
-    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override {
-        EXPECT_EQ(aReason == CM_OK, aTrpt != nullptr);
-        m_Reasons.push_back(aReason);
-        m_pLastId = aRequestId;
-        if (aTrpt && m_bKeep)
-            m_Transports.emplace_back(aTrpt);
-        m_Indicated();
-    }
-    size_t Count() const { return m_Reasons.size(); }
-
-    BOOL m_bKeep = TRUE;
-    std::vector<CmResult> m_Reasons;
-    std::vector<CCmRefPtrT<ICmTransport>> m_Transports;
-    ICmAcceptorConnectorId* m_pLastId = nullptr;
-    std::function<void()> m_Indicated = [] {};
-};
+using CTestConnectSink = CCmConnectLog;
 
 // Binds a plain socket; returns the address, with the port that the system has chosen if aAddr has none.
-inline CCmInetAddr Bind(const CTestFd& aFd, const CCmInetAddr& aAddr = CCmInetAddr(OwnLoopback(), 0)) {
+inline CCmInetAddr Bind(const CTestFd& aFd, const CCmInetAddr& aAddr = Loopback()) {
     sockaddr_in addr = *aAddr.GetPtr();
     socklen_t length = sizeof addr;
     EXPECT_EQ(0, bind(aFd.Get(), reinterpret_cast<sockaddr*>(&addr), length)) << errno;
@@ -123,8 +64,7 @@ inline CCmInetAddr Bind(const CTestFd& aFd, const CCmInetAddr& aAddr = CCmInetAd
 // A plain listening socket; small buffers make its connections fill up early.
 class CTestListener {
 public:
-    explicit CTestListener(int aBacklog = 128, int aBufferSize = 65536,
-                           const CCmInetAddr& aAddr = CCmInetAddr(OwnLoopback(), 0)) {
+    explicit CTestListener(int aBacklog = 128, int aBufferSize = 65536, const CCmInetAddr& aAddr = Loopback()) {
         setsockopt(m_Fd.Get(), SOL_SOCKET, SO_RCVBUF, &aBufferSize, sizeof aBufferSize);
         m_Addr = Bind(m_Fd, aAddr);
         EXPECT_EQ(0, listen(m_Fd.Get(), aBacklog));
@@ -150,7 +90,7 @@ inline CTestFd ConnectPlain(const CCmInetAddr& aAddr) {
 // A listener that accepts no more connections and refuses none.
 class CFullListener : public CTestListener {
 public:
-    explicit CFullListener(const CCmInetAddr& aAddr = CCmInetAddr(OwnLoopback(), 0)) : CTestListener(0, 65536, aAddr) {
+    explicit CFullListener(const CCmInetAddr& aAddr = Loopback()) : CTestListener(0, 65536, aAddr) {
         for (CTestFd& client : m_Clients)
             client = ConnectPlain(Addr());
     }
@@ -211,7 +151,7 @@ public:
     // A listener of the calling thread on a port of its own. aAddr (out): the address.
     static CCmRefPtrT<ICmAcceptor> Listen(ICmAcceptorConnectorSink& aSink, CCmInetAddr& aAddr, DWORD aType = 1) {
         const auto pAcceptor = MakeAcceptor(aType);
-        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&aSink, CCmInetAddr(OwnLoopback(), 0)));
+        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&aSink, Loopback()));
         EXPECT_EQ(CM_OK, pAcceptor->GetListenAddr(aAddr));
         return pAcceptor;
     }

@@ -1,9 +1,11 @@
-// An address of loopback that no other process uses.
+// Addresses of loopback that no other process uses.
 #pragma once
 
 #include <unistd.h>
 
 #include <string>
+
+#include "talvo/base/inet_addr.h"
 
 // Derived from the process's number, so that tests at the same time never share it: a released port here stays free, and a
 // fixed port is free.
@@ -15,3 +17,6 @@ inline const char* OwnLoopback() {
     }();
     return s_strAddress.c_str();
 }
+
+// The address that tests listen on and connect to where its family does not matter. Port 0: the system chooses one.
+inline CCmInetAddr Loopback(WORD aPort = 0) { return CCmInetAddr(OwnLoopback(), aPort); }

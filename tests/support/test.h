@@ -21,6 +21,6 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/fake_clock.h"
+#include "talvo/testing/fake_clock.h"
+#include "talvo/testing/trace_capture.h"
 #include "tests/support/temp_dir.h"
-#include "tests/support/trace_capture.h"

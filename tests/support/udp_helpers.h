@@ -1,4 +1,4 @@
-// Datagrams in tests: a plain socket as the peer, a sink that separates them.
+// Datagrams in tests: a plain socket as the peer.
 #pragma once
 
 #include "talvo/transport/udp/transport_udp.h"
@@ -10,7 +10,7 @@ using Datagrams = std::vector<std::string>;
 class CPlainUdp {
 public:
     CPlainUdp() {
-        EXPECT_EQ(0, m_Socket.Open(CCmInetAddr(OwnLoopback(), 0)));
+        EXPECT_EQ(0, m_Socket.Open(Loopback()));
         EXPECT_EQ(0, m_Socket.Enable(CCmIPCBase::NON_BLOCK));
         const int nSize = 1 << 20;
         m_Socket.SetOption(SOL_SOCKET, SO_RCVBUF, &nSize, sizeof nSize);
@@ -40,20 +40,6 @@ private:
     CCmSocketUdp m_Socket;
     CCmInetAddr m_Addr;
     CCmInetAddr m_From;
-};
-
-// A sink that stores each datagram separately.
-class CDatagramSink : public CTestSink {
-public:
-    using CTestSink::CTestSink;
-    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override {
-        m_Datagrams.push_back(aData.FlattenChained());
-        if (m_bEcho)
-            aTrptId->SendData(aData);
-        CTestSink::OnReceive(aData, aTrptId, aPara);
-    }
-    Datagrams m_Datagrams;
-    BOOL m_bEcho = FALSE;
 };
 
 // "0", "1", ...

@@ -10,7 +10,7 @@ constexpr char OUT_OF_DESCRIPTORS[] = "CCmAcceptorTcp::OnInput, accept() failed!
 // Acceptors of a process whose main thread is the network thread.
 class AcceptorTest : public testing::Test {
 protected:
-    void Listen(const CCmInetAddr& aAddr = CCmInetAddr(OwnLoopback(), 0)) {
+    void Listen(const CCmInetAddr& aAddr = Loopback()) {
         ASSERT_EQ(CM_OK, m_pAcceptor->StartListen(&m_Sink, aAddr));
         ASSERT_EQ(CM_OK, m_pAcceptor->GetListenAddr(m_Addr));
     }

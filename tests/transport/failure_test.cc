@@ -106,7 +106,7 @@ TEST_F(FailureTest, AcceptorsTellTheCause) {
         });
         EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&sink, CCmInetAddr("192.0.2.1", 0)));
         EXPECT_EQ(EADDRNOTAVAIL, FailureOf(pAcceptor.Get()).GetErrno());
-        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&sink, CCmInetAddr(OwnLoopback(), 0)));
+        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&sink, Loopback()));
         EXPECT_FALSE(FailureOf(pAcceptor.Get()));
     }
     CCmFailure failure;

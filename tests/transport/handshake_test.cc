@@ -4,7 +4,6 @@
 #include "talvo/transport/tcp/acceptor_tcp.h"
 #include "talvo/transport/tcp/connector_tcp.h"
 #include "tests/support/network_fixture.h"
-#include "tests/support/trace_capture.h"
 
 namespace {
 

@@ -19,7 +19,7 @@ std::pair<CSizes, CSizes> Connect(
     const CTestNetwork& aNetwork, DWORD aType = CCmConnectionManager::CTYPE_TCP,
     const std::function<void(ICmAcceptorConnectorId*)>& aSetOptions = [](auto*) {}) {
     CTestConnectSink accepted, connected;
-    CCmInetAddr addr(OwnLoopback(), 0);
+    CCmInetAddr addr = Loopback();
     CCmRefPtrT<ICmAcceptor> pAcceptor;
     EXPECT_EQ(CM_OK, aNetwork.Manager().CreateConnectionServer(aType, pAcceptor.ParaOut()));
     aSetOptions(pAcceptor.Get());

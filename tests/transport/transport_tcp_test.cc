@@ -192,13 +192,13 @@ TEST(HomeReactorTest, NothingIsTouchedAfterTheEndOfTheThread) {
         peer = std::move(fdPeer);
         EXPECT_EQ(CM_OK, pTcp->OpenWithSink(&sink));
         const CCmRefPtrT<CCmTransportUdp> pDatagrams(new CCmTransportUdp(&main.GetReactor()));
-        pDatagrams->GetPeer().Open(CCmInetAddr(OwnLoopback(), 0));
+        pDatagrams->GetPeer().Open(Loopback());
         pUdp = pDatagrams.Get();
         EXPECT_EQ(CM_OK, pUdp->OpenWithSink(&sink));
         CCmThreadManager::Instance()->SetNetworkThreadMode(CCmThreadManager::NETWORK_THREAD_MAIN);
         CCmConnectionManager::Instance()->CreateConnectionServer(1, pAcceptor.ParaOut());
         CCmConnectionManager::Instance()->CreateConnectionClient(1, pConnector.ParaOut());
-        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&connects, CCmInetAddr(OwnLoopback(), 0)));
+        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&connects, Loopback()));
         CCmConnectionManager::CleanupInstance();
     }
     CCmThreadManager::Instance()->SetNetworkThreadMode(CCmThreadManager::NETWORK_THREAD_OWN);
@@ -208,8 +208,8 @@ TEST(HomeReactorTest, NothingIsTouchedAfterTheEndOfTheThread) {
     while (SendText(*pTcp, Pattern(65536)) == CM_OK) {
     }
     EXPECT_EQ(CM_OK, pAcceptor->StopListen(CM_OK));
-    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, pAcceptor->StartListen(&connects, CCmInetAddr(OwnLoopback(), 0)));
-    pConnector->AsycConnect(&connects, CCmInetAddr(OwnLoopback(), 9));
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, pAcceptor->StartListen(&connects, Loopback()));
+    pConnector->AsycConnect(&connects, Loopback(9));
     pConnector->CancelConnect();
     EXPECT_EQ(0u, connects.Count());
     EXPECT_EQ(CM_OK, pTcp->Disconnect(CM_OK));

@@ -15,7 +15,7 @@ protected:
         Listen();
     }
     void Listen() {
-        EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(&m_Sink, CCmInetAddr(OwnLoopback(), 5400)));
+        EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(&m_Sink, Loopback(5400)));
         EXPECT_EQ(CM_OK, m_pAcceptor->GetListenAddr(m_Addr));
     }
     ICmTransport& Transport(size_t aIndex) { return *m_Sink.m_Transports[aIndex]; }
@@ -24,7 +24,7 @@ protected:
         Turns();
     }
 
-    CDatagramSink m_Datagrams;
+    CTestSink m_Datagrams;
     CTestConnectSink m_Sink;
     BOOL m_bOpen = TRUE;
     CCmRefPtrT<CCmAcceptorUdp> m_pAcceptor{new CCmAcceptorUdp};
@@ -72,7 +72,7 @@ TEST_F(UdpAcceptorTest, ATransportThatOpensLaterMissesLittle) {
     SendAndTurn(peer, "and on");
     Datagrams expected = Numbered(0, 32);
     expected.push_back("and on");
-    EXPECT_EQ(expected, m_Datagrams.m_Datagrams);
+    EXPECT_EQ(expected, m_Datagrams.m_Received);
     EXPECT_EQ(Datagrams{"I can send"}, peer.Receive());
 }
 
@@ -87,13 +87,13 @@ TEST_F(UdpAcceptorTest, WhoIsNotKeptLeavesNothing) {
     EXPECT_EQ(std::string::npos, CCmLiveCounter::Dump().find("CCmTransportUdp"));
     m_Sink.m_bKeep = TRUE;  // a peer may be kept at its second try, and again after it was let go
     SendAndTurn(peers[0], "again");
-    EXPECT_EQ(Datagrams{"again"}, m_Datagrams.m_Datagrams);
+    EXPECT_EQ(Datagrams{"again"}, m_Datagrams.m_Received);
     Transport(0).Disconnect(CM_OK);
     SendAndTurn(peers[0], "back");
     m_Sink.m_Transports.clear();
     SendAndTurn(peers[0], "once more");
     EXPECT_EQ(53u, m_Sink.Count());
-    EXPECT_EQ((Datagrams{"again", "back", "once more"}), m_Datagrams.m_Datagrams);
+    EXPECT_EQ((Datagrams{"again", "back", "once more"}), m_Datagrams.m_Received);
 }
 
 TEST_F(UdpAcceptorTest, AFloodOfSourcesFindsTheLimitAndNobodyStarves) {
@@ -111,8 +111,8 @@ TEST_F(UdpAcceptorTest, AFloodOfSourcesFindsTheLimitAndNobodyStarves) {
         clock.Advance(CCmTimeValue(0, 100000));
     }
     EXPECT_EQ(10u, m_Sink.Count());
-    std::erase(m_Datagrams.m_Datagrams, "flood");
-    EXPECT_EQ(Numbered(0, 20), m_Datagrams.m_Datagrams);
+    std::erase(m_Datagrams.m_Received, "flood");
+    EXPECT_EQ(Numbered(0, 20), m_Datagrams.m_Received);
     EXPECT_EQ(2u, trace.Count("too many peers"));
 }
 
@@ -120,7 +120,7 @@ TEST_F(UdpAcceptorTest, SilenceEndsAPeer) {
     CCmFakeClock clock;
     CPlainUdp peers[2];
     std::vector<ICmTransport*> ended;
-    CDatagramSink sinks[2];
+    CTestSink sinks[2];
     m_bOpen = FALSE;
     for (int i = 0; i < 2; ++i) {
         SendAndTurn(peers[i], "x");
@@ -158,7 +158,7 @@ TEST_F(UdpAcceptorTest, PeersOutliveTheListeningAndHoldThePort) {
     EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, m_pAcceptor->StartListen(&m_Sink, m_Addr));
     SendAndTurn(stranger, "nobody listens");
     SendAndTurn(peer, "2");
-    EXPECT_EQ((Datagrams{"1", "2"}), m_Datagrams.m_Datagrams);
+    EXPECT_EQ((Datagrams{"1", "2"}), m_Datagrams.m_Received);
     EXPECT_EQ(1u, m_Sink.Count());
     m_Sink.m_Transports.clear();
     Listen();  // at once
@@ -171,5 +171,5 @@ TEST_F(UdpAcceptorTest, PeersOutliveTheListeningAndHoldThePort) {
     peer.Send(m_Addr, "3");
     stranger.Send(m_Addr, "too late");
     SendAndTurn(peer, "4");
-    EXPECT_EQ((Datagrams{"1", "2", "3", "4"}), m_Datagrams.m_Datagrams);
+    EXPECT_EQ((Datagrams{"1", "2", "3", "4"}), m_Datagrams.m_Received);
 }

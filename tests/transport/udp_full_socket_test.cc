@@ -65,7 +65,7 @@ protected:
 TEST_F(UdpFullTest, WhatWasTakenGoesOutAndOnSendComesOnce) {
     CPlainUdp peer;
     const auto pTransport = Connect(peer.Addr());
-    CDatagramSink sink(*pTransport);
+    CTestSink sink(*pTransport);
     s_nRoom = 5;
     const int nTaken = Fill(*pTransport);
     EXPECT_EQ(CM_ERROR_PARTIAL_DATA, SendText(*pTransport, "again"));
@@ -87,7 +87,7 @@ TEST_F(UdpFullTest, WhatWasTakenGoesOutAndOnSendComesOnce) {
 TEST_F(UdpFullTest, WaitingEchoesKeepTheirBytes) {
     CPlainUdp peer;
     const auto pTransport = Connect(peer.Addr());
-    CDatagramSink sink(*pTransport);
+    CTestSink sink(*pTransport);
     sink.m_bEcho = TRUE;
     const auto addr = Get<CCmInetAddr>(*pTransport, CM_OPT_TRANSPORT_LOCAL_ADDR);
     s_nRoom = 2;
@@ -106,11 +106,11 @@ TEST_F(UdpFullTest, WaitingEchoesKeepTheirBytes) {
 TEST_F(UdpFullTest, EveryRefusedPeerGetsItsTurn) {
     CTestConnectSink connectSink;
     CCmRefPtrT<CCmAcceptorUdp> pAcceptor(new CCmAcceptorUdp);
-    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&connectSink, CCmInetAddr(OwnLoopback(), 0)));
+    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&connectSink, Loopback()));
     CCmInetAddr addr;
     EXPECT_EQ(CM_OK, pAcceptor->GetListenAddr(addr));
     CPlainUdp peers[4];
-    CDatagramSink sinks[4];
+    CTestSink sinks[4];
     for (const CPlainUdp& peer : peers)
         peer.Send(addr, "hello");
     Turns();

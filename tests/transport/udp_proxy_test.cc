@@ -11,11 +11,11 @@ class CListener {
 public:
     explicit CListener(CTestNetwork& aNetwork) : m_pAcceptor(aNetwork.MakeAcceptor(UDP)) {
         m_Connects.m_Indicated = [this] { EXPECT_EQ(CM_OK, m_Connects.m_Transports.back()->OpenWithSink(&m_Sink)); };
-        EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(&m_Connects, CCmInetAddr(OwnLoopback(), 0)));
+        EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(&m_Connects, Loopback()));
         EXPECT_EQ(CM_OK, m_pAcceptor->GetListenAddr(m_Addr));
     }
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;
-    CDatagramSink m_Sink;
+    CTestSink m_Sink;
     CTestConnectSink m_Connects;
     CCmInetAddr m_Addr;
 };
@@ -28,7 +28,7 @@ TEST(UdpProxyTest, EachSendStaysOneDatagram) {
     listener.m_Sink.m_bEcho = TRUE;
     const auto pTransport = network.Connect(listener.m_Addr, UDP);
     ASSERT_TRUE(pTransport);
-    CDatagramSink sink(*pTransport);
+    CTestSink sink(*pTransport);
     EXPECT_EQ(2u, Get<DWORD>(*pTransport, CM_OPT_TRANSPORT_TRAN_TYPE));
 
     const Datagrams all{"a", "", Pattern(65507), "", "bc"};
@@ -40,8 +40,8 @@ TEST(UdpProxyTest, EachSendStaysOneDatagram) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, SendText(*pTransport, Pattern(65508), &para));
     EXPECT_EQ(0u, para.m_dwHaveSent);
     network.RunUntil([&] { return sink.m_nReceives == 5; });
-    EXPECT_EQ(all, listener.m_Sink.m_Datagrams);
-    EXPECT_EQ(all, sink.m_Datagrams);
+    EXPECT_EQ(all, listener.m_Sink.m_Received);
+    EXPECT_EQ(all, sink.m_Received);
     EXPECT_EQ(1u, listener.m_Connects.Count());
 }
 
@@ -49,7 +49,7 @@ TEST(UdpProxyTest, ABurstTakesFewCallsAndGoesOutBeforeTheEnd) {
     CTestNetwork network;
     CPlainUdp peer;
     auto pTransport = network.Connect(peer.Addr(), UDP);
-    CDatagramSink sink(*pTransport);
+    CTestSink sink(*pTransport);
     auto* pInner = Get<ICmTransport*>(*pTransport, CM_OPT_TRANSPORT_INNER_TRANSPORT);
     uint64_t ullCalls = 0;
     network.InNetwork([&] {  // holds the network thread until all are waiting

@@ -31,7 +31,7 @@ TEST_F(UdpTest, EachSendIsOneDatagram) {
     CPlainUdp peer;
     const auto pTransport = Connect(peer.Addr());
     ASSERT_TRUE(pTransport);
-    CDatagramSink sink;
+    CTestSink sink;
     EXPECT_EQ(CM_ERROR_INVALID_ARG, pTransport->OpenWithSink(nullptr));
     EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
 
@@ -56,14 +56,14 @@ TEST_F(UdpTest, EachSendIsOneDatagram) {
     for (const std::string& strData : {std::string(), strLargest, std::string("x"), std::string()})
         peer.Send(peer.From(), strData);
     Turns();
-    EXPECT_EQ((Datagrams{"", strLargest, "x", ""}), sink.m_Datagrams);
+    EXPECT_EQ((Datagrams{"", strLargest, "x", ""}), sink.m_Received);
     EXPECT_EQ(0, sink.m_nDisconnects);
 }
 
 TEST_F(UdpTest, WhatIsAlreadyThereSharesSystemCalls) {
     CPlainUdp peer;
     const auto pTransport = Connect(peer.Addr());
-    CDatagramSink sink(*pTransport);
+    CTestSink sink(*pTransport);
     for (const std::string& strData : Numbered(0, 100))
         EXPECT_EQ(CM_OK, SendText(*pTransport, strData));
     Turns();
@@ -74,7 +74,7 @@ TEST_F(UdpTest, WhatIsAlreadyThereSharesSystemCalls) {
     for (const std::string& strData : Numbered(0, 100))
         peer.Send(peer.From(), strData);
     const uint64_t ullWakeUps = m_Network.Main().GetCounters().m_ullWakeUps;
-    m_Network.RunUntil([&] { return sink.m_Datagrams.size() == 100; });
+    m_Network.RunUntil([&] { return sink.m_Received.size() == 100; });
     EXPECT_EQ(4u, m_Network.Main().GetCounters().m_ullWakeUps - ullWakeUps);
     EXPECT_EQ(Numbered(0, 100), peer.Receive());
     EXPECT_EQ(4u, pTransport->GetCounters().m_ullReceiveCalls);
@@ -85,7 +85,7 @@ TEST_F(UdpTest, WhatIsAlreadyThereSharesSystemCalls) {
 TEST_F(UdpTest, ARefusalByThePeersSystemEndsItOnce) {
     for (int nWay = 0; nWay < 3; ++nWay) {
         const auto pTransport = Connect(DeadAddr());
-        CDatagramSink sink;
+        CTestSink sink;
         if (nWay < 2) {
             EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
         }
@@ -109,18 +109,18 @@ TEST_F(UdpTest, ARefusalByThePeersSystemEndsItOnce) {
 TEST_F(UdpTest, APauseLosesNothing) {
     CPlainUdp peer;
     const auto pTransport = Connect(peer.Addr());
-    CDatagramSink sink(*pTransport);
+    CTestSink sink(*pTransport);
     sink.m_Receive = [&] { Set(*pTransport, CM_OPT_TRANSPORT_PAUSE_READING, BOOL{sink.m_nReceives % 10 == 3}); };
     const auto addr = Get<CCmInetAddr>(*pTransport, CM_OPT_TRANSPORT_LOCAL_ADDR);
     for (const std::string& strData : Numbered(0, 50))
         peer.Send(addr, strData);
     Turns();
-    EXPECT_EQ(Numbered(0, 3), sink.m_Datagrams);
+    EXPECT_EQ(Numbered(0, 3), sink.m_Received);
     for (int nStop = 13; nStop < 50; nStop += 10) {
         Set(*pTransport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
-        EXPECT_EQ(Numbered(0, nStop - 10), sink.m_Datagrams);  // nothing from inside the call
+        EXPECT_EQ(Numbered(0, nStop - 10), sink.m_Received);  // nothing from inside the call
         Turns();
-        EXPECT_EQ(Numbered(0, nStop), sink.m_Datagrams);
+        EXPECT_EQ(Numbered(0, nStop), sink.m_Received);
     }
 }
 
@@ -128,7 +128,7 @@ TEST_F(UdpTest, TheSinkMayEndItInTheMiddleOfABatch) {
     CPlainUdp peer;
     for (const BOOL bRelease : {FALSE, TRUE}) {
         auto pTransport = Connect(peer.Addr());
-        CDatagramSink sink(*pTransport);
+        CTestSink sink(*pTransport);
         const auto addr = Get<CCmInetAddr>(*pTransport, CM_OPT_TRANSPORT_LOCAL_ADDR);
         for (const std::string& strData : Numbered(0, 10))
             peer.Send(addr, strData);

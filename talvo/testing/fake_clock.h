@@ -1,4 +1,4 @@
-// Time under the test's control.
+// The library's time under a test's control, for tests with threads and sockets of their own.
 #pragma once
 
 #include <atomic>
@@ -7,9 +7,12 @@
 #include "talvo/base/clock.h"
 #include "talvo/base/time_value.h"
 
-// Replaces the library's clock while in scope. Starts at the time of the system's clocks and moves only by Advance. Any thread;
-// one at a time. Threads of the library may run before, meanwhile and after, because their time source is never destroyed. At
-// the end the time goes back by the advanced amount.
+// Replaces the library's clock while in scope: it starts at the time of the system's clocks and moves only by Advance. Timers
+// and time-outs that have become due fire in the next turn of their thread's loop. At the end the time goes back by the
+// advanced amount.
+//
+// One at a time, and none beside a CCmSimNetwork, which has a clock of its own. Any thread may advance it. Threads of the
+// library may run before, meanwhile and after, because the time source is never destroyed.
 class CCmFakeClock {
 public:
     CCmFakeClock() {
@@ -22,13 +25,13 @@ public:
 
     void Advance(const CCmTimeValue& aBy) { AdvanceAny(aBy); }
 
-    // For fixtures: moves the clock in use, if there is one.
+    // For fixtures: advances the clock in scope; without one it has no effect.
     static void AdvanceAny(const CCmTimeValue& aBy) {
         Source().m_llMonotonicUsec += aBy.GetTotalInUsec();
         Source().m_llWallUsec += aBy.GetTotalInUsec();
     }
 
-    // Steps the wall time only, as an administrator does.
+    // Steps the wall time only, as an administrator does. Microseconds since 1970.
     void SetWallUsec(int64_t aUsec) { Source().m_llWallUsec = aUsec; }
 
 private:

@@ -1,4 +1,4 @@
-// Captures the library's trace lines for tests.
+// The library's trace lines, for tests that check them.
 #pragma once
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 #include "talvo/base/trace.h"
 
 // Enables the trace and collects every line while in scope; afterwards the trace is off, without a sink. Levels keep their own
-// states: errors, warnings and information are on from the start. Any thread may trace and read; one capture at a time.
+// states: errors, warnings and information are on from the start. Any thread may trace and read. One capture at a time.
 class CCmTraceCapture : public ICmTraceSink {
 public:
     CCmTraceCapture() {
