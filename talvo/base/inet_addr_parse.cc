@@ -1,6 +1,4 @@
 // CCmInetAddr::Parse: reads an endpoint that a person typed.
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <charconv>
 #include <optional>
@@ -59,6 +57,36 @@ CmResult Refuse(CCmString* aReason, const char* aText) {
     return CM_ERROR_INVALID_ARG;
 }
 
+constexpr std::string_view UNIX = "unix:";
+
+// Otherwise "unix" is a host.
+bool IsPath(std::string_view aText) {
+    return aText.starts_with(UNIX) && (aText.find('/') != std::string_view::npos || aText.substr(UNIX.size()).starts_with('@'));
+}
+
+CmResult ParsePath(std::string_view aText, CCmInetAddr& aAddr, CCmString* aReason) {
+    CmResult rv = CM_ERROR_INVALID_ARG;
+    if (aText.find('\0') == std::string_view::npos)
+        rv = aAddr.SetPath(CCmString(aText.substr(UNIX.size())).c_str());
+    if (rv == CM_ERROR_INVALID_ARG || rv == CM_ERROR_NOT_AVAILABLE)
+        return Refuse(aReason, "the path is not 1 to 107 bytes");
+    return rv;
+}
+
+// aIp (out): a literal address, or none for a name. Returns the fault, or null.
+const char* ParseHost(std::string_view aHost, talvo::CIpBytes& aIp) {
+    if (aHost.starts_with('[') && aHost.ends_with(']')) {
+        const std::string_view literal = aHost.substr(1, aHost.size() - 2);
+        const bool bIpv6 = literal.find(':') != std::string_view::npos && talvo::CIpBytes::Parse(literal, aIp);
+        return bIpv6 ? nullptr : "the text in brackets is not an IPv6 address";
+    }
+    if (aHost.find(':') != std::string_view::npos)
+        return "an IPv6 address needs brackets: [HOST]:PORT";
+    if (talvo::CIpBytes::Parse(aHost, aIp) || IsHostName(aHost))
+        return nullptr;
+    return "the host is neither an address nor a host name";
+}
+
 }  // namespace
 
 CmResult CCmInetAddr::Parse(std::string_view aHostAndPort, CCmInetAddr& aAddr, CCmString* aReason) {
@@ -67,19 +95,21 @@ CmResult CCmInetAddr::Parse(std::string_view aHostAndPort, CCmInetAddr& aAddr, C
 }
 
 CmResult CCmInetAddr::Parse_i(std::string_view aHostAndPort, CCmInetAddr& aAddr, CCmString* aReason) {
+    if (IsPath(aHostAndPort))
+        return ParsePath(aHostAndPort, aAddr, aReason);
     const size_t stColon = aHostAndPort.rfind(':');
     if (stColon == std::string_view::npos)
         return Refuse(aReason, "there is no port: HOST:PORT is needed");
-    const CCmString strHost(aHostAndPort.substr(0, stColon));
-    in_addr literal{};
-    const bool bLiteral = strHost.find('\0') == CCmString::npos && inet_pton(AF_INET, strHost.c_str(), &literal) == 1;
-    if (!bLiteral && !IsHostName(strHost))
-        return Refuse(aReason, "the host is neither an IPv4 address nor a host name");
+    const std::string_view host = aHostAndPort.substr(0, stColon);
+    talvo::CIpBytes ip;
+    if (const char* pFault = ParseHost(host, ip))
+        return Refuse(aReason, pFault);
     const std::optional<WORD> port = ParsePort(aHostAndPort.substr(stColon + 1));
     if (!port)
         return Refuse(aReason, "the port is not a number from 0 to 65535");
-    CCmInetAddr addr;
-    addr.SetName_i(strHost.c_str(), *port);
+    CCmInetAddr addr(ip, *port);
+    if (!ip)
+        addr.SetName_i(CCmString(host).c_str(), *port);
     aAddr = std::move(addr);
     return CM_OK;
 }

@@ -98,11 +98,11 @@ int64_t CSimCore::DelayOf(const CCmSimPath& aPath) {
 }
 
 // A name without an address stays pending, and connecting to it fails.
-CmResult CSimCore::ResolveFromCache(const CCmString& aName, DWORD& aAddr) {
+CmResult CSimCore::ResolveFromCache(const CCmString& aName, CIpBytes& aIp) {
     const auto it = m_Hosts.find(aName);
     if (it == m_Hosts.end())
         return CM_ERROR_NETWORK_DNS_FAILURE;
-    aAddr = it->second;
+    aIp = it->second;
     return CM_OK;
 }
 

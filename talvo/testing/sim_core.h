@@ -46,8 +46,8 @@ public:
     BOOL IsSilent(const CCmSimPath& aPath) const;
     int64_t DelayOf(const CCmSimPath& aPath);
 
-    void SetHost(const std::string& aName, DWORD aAddr) { m_Hosts[aName] = aAddr; }
-    CmResult ResolveFromCache(const CCmString& aName, DWORD& aAddr) override;
+    void SetHost(const std::string& aName, const CIpBytes& aIp) { m_Hosts[aName] = aIp; }
+    CmResult ResolveFromCache(const CCmString& aName, CIpBytes& aIp) override;
 
     const uint64_t m_ullSeed;
     CSimRandom m_Random;
@@ -65,7 +65,7 @@ private:
     CCmSimLink m_Link;
     std::map<CCmInetAddr, CCmSimLink> m_Links;
     std::vector<std::function<void()>> m_Held;
-    std::map<std::string, DWORD> m_Hosts;
+    std::map<std::string, CIpBytes> m_Hosts;
 };
 
 }  // namespace talvo

@@ -112,9 +112,7 @@ void CCmSimNetwork::SetLink(const CCmSimLink& aLink) { m_pCore->SetLink(nullptr,
 void CCmSimNetwork::SetLink(const CCmInetAddr& aAcceptor, const CCmSimLink& aLink) { m_pCore->SetLink(&aAcceptor, aLink); }
 const CCmSimLink& CCmSimNetwork::GetLink(const CCmInetAddr& aAcceptor) const { return m_pCore->GetLink(aAcceptor); }
 
-void CCmSimNetwork::SetHost(const std::string& aName, const CCmInetAddr& aAddr) {
-    m_pCore->SetHost(aName, aAddr.GetIpAddrIn4Bytes());
-}
+void CCmSimNetwork::SetHost(const std::string& aName, const CCmInetAddr& aAddr) { m_pCore->SetHost(aName, aAddr.GetIpBytes()); }
 
 CCmTimeValue CCmSimNetwork::Now() const { return CCmTimeValue::FromUsec(m_pCore->m_Schedule.Now()); }
 

@@ -10,8 +10,8 @@ class CResolver : public ICmNameResolver {
 public:
     CResolver() { Set(this); }
     ~CResolver() override { Set(nullptr); }
-    CmResult ResolveFromCache(const CCmString&, DWORD& aAddr) override {
-        aAddr = htonl(0x0A000001);
+    CmResult ResolveFromCache(const CCmString&, talvo::CIpBytes& aIp) override {
+        aIp = talvo::CIpBytes::OfIpv4(htonl(0x0A000001));
         return CM_OK;
     }
 };
@@ -61,8 +61,14 @@ TEST(InetAddr, ParseTakesOnlyWhatCannotBeMisread) {
                                       std::string("a b:1"),
                                       std::string("u@h:1"),
                                       std::string("::1:1"),
-                                      std::string("[::1]:1"),
-                                      std::string("unix:/a"),
+                                      std::string("[::1]"),
+                                      std::string("[::1]:"),
+                                      std::string("[::1%none]:1"),
+                                      std::string("[fe80::1%none]:1"),
+                                      std::string("[1.2.3.4]:1"),
+                                      std::string("unix:@"),
+                                      std::string("unix:/a\0", 8),
+                                      "unix:/" + std::string(107, 'a'),
                                       std::string("h:1/"),
                                       strLabel + "." + strLabel + "." + strLabel + "." + strLabel.substr(1) + ":1"}) {
         strReason.clear();
@@ -78,6 +84,61 @@ TEST(InetAddr, ParseTakesOnlyWhatCannotBeMisread) {
         EXPECT_EQ(CCmInetAddr::Parse(strName + ":65535", addr, &strReason), CM_OK) << strName;
         EXPECT_EQ(addr.GetHostName(), strName);
         EXPECT_EQ(addr.GetPort(), 65535);
+    }
+}
+
+TEST(InetAddr, EveryFormHasOneText) {
+    const struct {
+        const char* m_pTyped;  // for Parse
+        const char* m_pText;
+        DWORD m_dwType;
+        DWORD m_dwSize;
+    } CASES[] = {
+        {"10.1.2.3:5", "10.1.2.3:5", AF_INET, 16},
+        {"[::ffff:10.1.2.3]:5", "10.1.2.3:5", AF_INET, 16},
+        {"[2001:DB8:0:0:1:0:0:1]:65535", "[2001:db8::1:0:0:1]:65535", AF_INET6, 28},
+        {"[fe80::1%lo]:0", "[fe80::1%lo]:0", AF_INET6, 28},
+        {"[ff02::1%1]:0", "[ff02::1%lo]:0", AF_INET6, 28},
+        {"unix:/run/a b", "/run/a b", AF_UNIX, 11},
+        {"unix:./@", "./@", AF_UNIX, 6},
+        {"unix:@name", "@name", AF_UNIX, 7},
+        {"unix:80", "unix:80", AF_INET, 16},
+    };
+    for (const auto& c : CASES) {
+        CCmInetAddr addr;
+        EXPECT_EQ(CM_OK, CCmInetAddr::Parse(c.m_pTyped, addr)) << c.m_pTyped;
+        EXPECT_EQ(c.m_pText, cm_address_text(addr));
+        EXPECT_EQ(c.m_dwType, addr.GetType()) << c.m_pTyped;
+        EXPECT_EQ(c.m_dwSize, addr.GetSize()) << c.m_pTyped;
+        CCmInetAddr copy("[::2]:9");
+        EXPECT_EQ(CM_OK, cm_from_sockaddr(reinterpret_cast<const sockaddr*>(addr.GetPtr()), addr.GetSize(), copy));
+        EXPECT_TRUE(copy == addr) << c.m_pTyped;
+        EXPECT_EQ(CM_ERROR_INVALID_ARG, cm_from_sockaddr(reinterpret_cast<const sockaddr*>(addr.GetPtr()), 1, copy));
+        EXPECT_TRUE(copy == addr) << c.m_pTyped;
+    }
+    EXPECT_TRUE(CCmInetAddr("[::1]:80") == CCmInetAddr("::1", 80));
+    EXPECT_TRUE(CCmInetAddr("[::1]") == CCmInetAddr("::1"));
+    EXPECT_EQ("::1", CCmInetAddr("[::1]:80").GetIpDisplayName());
+    CCmInetAddr addr("[::1]:80");
+    const CCmInetAddr copy = addr;
+    EXPECT_EQ(CM_OK, addr.SetPort(81));
+    EXPECT_EQ("[::1]:80 [::1]:81", cm_address_text(copy) + " " + cm_address_text(addr));
+    EXPECT_EQ(CM_OK, addr.SetIpAddrBy4Bytes(htonl(0x0A000001)));
+    EXPECT_TRUE(addr == CCmInetAddr("10.0.0.1", 81));
+}
+
+TEST(InetAddr, FamiliesAreOrderedAndNeverEqual) {
+    std::vector<CCmInetAddr> addrs = {CCmInetAddr("0.0.0.0", 80), CCmInetAddr("255.255.255.255", 1), CCmInetAddr("::", 80),
+                                      CCmInetAddr("::1", 80),     CCmInetAddr("::1", 256),           CCmInetAddr("::2", 1)};
+    for (const char* pPath : {"@a", "/a", "/a.b", "/b"}) {
+        EXPECT_EQ(CM_OK, addrs.emplace_back("::1", 80).SetPath(pPath));
+        EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, addrs.back().SetPort(1));
+    }
+    for (size_t i = 0; i < addrs.size(); ++i) {
+        for (size_t k = 0; k < addrs.size(); ++k) {
+            EXPECT_EQ(i < k, addrs[i] < addrs[k]) << i << " " << k;
+            EXPECT_EQ(i == k, addrs[i] == addrs[k]) << i << " " << k;
+        }
     }
 }
 
@@ -102,6 +163,10 @@ TEST(InetAddr, AGivenNameOutlivesItsResolution) {
     EXPECT_EQ(CM_OK, addr.SetResolvedIpAddr(htonl(0x0A000002)));
     EXPECT_STREQ("known", addr.GetGivenName());
     EXPECT_TRUE(addr == CCmInetAddr("10.0.0.2:8"));
+    EXPECT_EQ(CM_OK, addr.SetResolvedIpAddr(CCmInetAddr("::2").GetIpBytes()));
+    EXPECT_EQ("known [::2]:8", addr.GetGivenName() + (" " + cm_address_text(addr)));
+    EXPECT_EQ(CM_OK, addr.SetResolvedIpAddr(talvo::CIpBytes()));
+    EXPECT_EQ("known:8", cm_address_text(addr));
     for (const auto& set :
          {+[](CCmInetAddr& a) { return a.SetIpAddrByString("10.0.0.3"); },
           +[](CCmInetAddr& a) { return a.SetIpAddrBy4Bytes(1); }, +[](CCmInetAddr& a) { return a.SetName("10.0.0.3", 7); },

@@ -67,10 +67,10 @@ void CCmDnsManager::Refresh() {
     talvo::WithMemory([this] { m_pState->Refresh(); });
 }
 
-CmResult CCmDnsManager::ResolveFromCache(const CCmString& aName, DWORD& aAddr) {
+CmResult CCmDnsManager::ResolveFromCache(const CCmString& aName, talvo::CIpBytes& aIp) {
     CCmRefPtrT<CCmDnsRecord> pRecord;
     const CmResult rv = AsyncResolve(pRecord.ParaOut(), aName);
-    if (pRecord)
-        aAddr = pRecord->GetFirstAddress();
+    if (pRecord && pRecord->GetState() == CCmDnsRecord::RESOLVED)
+        aIp = talvo::CIpBytes::OfIpv4(pRecord->GetFirstAddress());
     return rv;
 }

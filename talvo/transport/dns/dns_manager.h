@@ -53,7 +53,7 @@ public:
     void Refresh();
 
     // AsyncResolve without an observer. aAddr (out): the record's first address.
-    CmResult ResolveFromCache(const CCmString& aName, DWORD& aAddr) override;
+    CmResult ResolveFromCache(const CCmString& aName, talvo::CIpBytes& aIp) override;
 
 private:
     CCmDnsManager();
