@@ -30,12 +30,6 @@ CAddrRecord::CAddrRecord(const sockaddr_un& aAddr, socklen_t aLength)
 
 CAddrRecord::~CAddrRecord() { --s_Live; }
 
-const sockaddr* CAddrRecord::GetPtr() const {
-    if (m_pUnix)
-        return reinterpret_cast<const sockaddr*>(m_pUnix.get());
-    return reinterpret_cast<const sockaddr*>(GetIpv6());
-}
-
 std::string_view CAddrRecord::GetPath() const {
     if (!m_pUnix)
         return {};

@@ -26,7 +26,9 @@ public:
     const char* GetGivenName() const { return m_strGivenName.c_str(); }
 
     // Null: only a name.
-    const sockaddr* GetPtr() const;
+    const sockaddr* GetPtr() const {
+        return m_pUnix ? reinterpret_cast<const sockaddr*>(m_pUnix.get()) : reinterpret_cast<const sockaddr*>(GetIpv6());
+    }
     socklen_t GetSize() const { return m_Length; }
     const sockaddr_in6* GetIpv6() const { return m_Ipv6.sin6_family == AF_INET6 ? &m_Ipv6 : nullptr; }
     // The bytes of a path; an abstract name begins with NUL.

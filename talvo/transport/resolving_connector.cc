@@ -20,7 +20,7 @@ int CResolvingConnector::Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLoc
         if (!m_AddrPeer.IsResolved())
             return ConnectToName_i(m_AddrPeer.GetHostName());
         const BOOL bAddress = CNameLookup::HasAddress(m_AddrPeer, m_Failure);
-        return bAddress ? ConnectTo_i({m_AddrPeer.GetIpAddrIn4Bytes()}) : -1;
+        return bAddress ? ConnectTo_i({m_AddrPeer}) : -1;
     });
 }
 
@@ -43,9 +43,18 @@ int CResolvingConnector::ConnectToName_i(const CCmString& aName) {
     if (rv == CM_ERROR_OUT_OF_MEMORY)
         throw std::bad_alloc();
     if (rv == CM_OK && pRecord->GetState() == CCmDnsRecord::RESOLVED)
-        return ConnectTo_i(pRecord->GetAddresses());
+        return ConnectToRecord_i(*pRecord);
     NameFailed_i(rv == CM_OK ? pRecord.Get() : nullptr, rv);
     return ReportLater_i(CM_ERROR_NETWORK_DNS_FAILURE);
+}
+
+int CResolvingConnector::ConnectToRecord_i(const CCmDnsRecord& aRecord) {
+    std::vector<CCmInetAddr> addrs(aRecord.GetAddresses().size(), m_AddrPeer);
+    for (size_t i = 0; i < addrs.size(); ++i) {
+        if (addrs[i].SetResolvedIpAddr(aRecord.GetAddresses()[i]) != CM_OK)
+            throw std::bad_alloc();
+    }
+    return ConnectTo_i(std::move(addrs));
 }
 
 void CResolvingConnector::NameFailed_i(const CCmDnsRecord* aRecord, CmResult aReason) {
@@ -59,7 +68,7 @@ void CResolvingConnector::OnNameKnown(const CCmDnsRecord& aRecord) {
     if (aRecord.GetState() == CCmDnsRecord::FAILED) {
         NameFailed_i(&aRecord, CM_OK);
         Report_i(CM_ERROR_NETWORK_DNS_FAILURE);
-    } else if (WithMemory_i(m_AddrPeer, [&] { return ConnectTo_i(aRecord.GetAddresses()); }) == -1) {
+    } else if (WithMemory_i(m_AddrPeer, [&] { return ConnectToRecord_i(aRecord); }) == -1) {
         ReportFailure_i();
     }
 }

@@ -27,9 +27,9 @@ protected:
         : m_pReactor(aSettings.m_pReactor), m_pClass(aClass), m_Upper(*aSettings.m_pUpper) {}
     ~CResolvingConnector() override { CResolvingConnector::Close(); }
 
-    // Connects m_AddrPeer's port at one of its addresses. Results as Connect; before -1 it sets m_Failure. May throw
-    // std::bad_alloc: the attempt is closed then.
-    virtual int ConnectTo_i(const std::vector<DWORD>& aAddresses) = 0;
+    // Connects to one of m_AddrPeer's addresses. Results as Connect; before -1 it sets m_Failure. May throw std::bad_alloc: the
+    // attempt is closed then.
+    virtual int ConnectTo_i(std::vector<CCmInetAddr> aAddrs) = 0;
 
     // Reports from a timer; CM_OK with m_pTransport. Results as Connect.
     int ReportLater_i(CmResult aReason);
@@ -46,6 +46,7 @@ protected:
 
 private:
     int ConnectToName_i(const CCmString& aName);
+    int ConnectToRecord_i(const CCmDnsRecord& aRecord);
     void NameFailed_i(const CCmDnsRecord* aRecord, CmResult aReason);
     template <class Callable>
     int WithMemory_i(const CCmInetAddr& aAddr, Callable aConnect);

@@ -11,12 +11,9 @@ std::unique_ptr<ACmConnectorInternal> CCmConnectorTcpT<TransportType>::Make(cons
 }
 
 template <class TransportType>
-int CCmConnectorTcpT<TransportType>::ConnectTo_i(const std::vector<DWORD>& aAddresses) {
-    std::vector<CCmInetAddr> addrs(aAddresses.size(), m_AddrPeer);
-    for (size_t i = 0; i < addrs.size(); ++i)
-        addrs[i].SetResolvedIpAddr(aAddresses[i]);
+int CCmConnectorTcpT<TransportType>::ConnectTo_i(std::vector<CCmInetAddr> aAddrs) {
     CCmRefPtrT<TransportType> pTransport;
-    const int nRv = m_Race.Start(std::move(addrs), m_AddrLocal, m_Sockets.WithConfiguration(), pTransport);
+    const int nRv = m_Race.Start(std::move(aAddrs), m_AddrLocal, m_Sockets.WithConfiguration(), pTransport);
     if (nRv != 0) {
         m_Failure = m_Race.GetFailure();
         return nRv;

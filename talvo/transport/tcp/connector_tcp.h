@@ -20,7 +20,7 @@ public:
     void Close() override;
 
 private:
-    int ConnectTo_i(const std::vector<DWORD>& aAddresses) override;
+    int ConnectTo_i(std::vector<CCmInetAddr> aAddrs) override;
     void OnRaceDone(CCmRefPtrT<TransportType> aTransport) override;
 
     talvo::CConnectRaceT<TransportType> m_Race;

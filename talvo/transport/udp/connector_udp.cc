@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <new>
+#include <utility>
 
 #include "talvo/base/trace.h"
 
@@ -13,9 +14,9 @@ std::unique_ptr<ACmConnectorInternal> CCmConnectorUdpT<TransportType>::Make(cons
 }
 
 template <class TransportType>
-int CCmConnectorUdpT<TransportType>::ConnectTo_i(const std::vector<DWORD>& aAddresses) {
-    for (const DWORD dwAddress : aAddresses) {
-        m_AddrPeer.SetResolvedIpAddr(dwAddress);
+int CCmConnectorUdpT<TransportType>::ConnectTo_i(std::vector<CCmInetAddr> aAddrs) {
+    for (CCmInetAddr& addr : aAddrs) {
+        m_AddrPeer = std::move(addr);
         if (Connect_i() != -1)
             return 1;
     }

@@ -23,7 +23,7 @@ public:
     }
 
 private:
-    int ConnectTo_i(const std::vector<DWORD>& aAddresses) override;
+    int ConnectTo_i(std::vector<CCmInetAddr> aAddrs) override;
     int Connect_i();
 
     HANDLE GetHandle() const override;
