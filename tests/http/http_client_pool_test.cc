@@ -48,6 +48,22 @@ TEST_F(HttpClientPoolTest, AStaleConnectionIsReplacedOnceForWhatMayBeRepeated) {
     }
 }
 
+TEST_F(HttpClientPoolTest, AChosenAddressReplacesThatOfTheUrl) {
+    const CAnswer moved = Answer("302 Found", "Location: http://b.test/\r\n", ""), found = Answer("200 OK", "", "x");
+    const CScriptServer server({{found}}), chosen({{moved, found}, {found}});
+    CCmHttpUrl url;
+    EXPECT_TRUE(url.Init(chosen.Url()));
+    CCmInetAddr addr(url.GetHostName().c_str(), url.GetPort());
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ("200 x", Get(server, [&](CTestHttpClient& aClient) {
+                      EXPECT_EQ(CM_OK, aClient.m_pChannel->SetOption(CM_OPT_CHANNEL_CONNECT_TO, &addr));
+                  }));
+    EXPECT_EQ(2u, chosen.GetConnections());  // one a host, and each is used again
+    EXPECT_NE(std::string::npos, chosen.m_Requests.back().find("Host: " + server.Url("").substr(7)));
+    EXPECT_EQ("200 x", Get(server));
+    EXPECT_EQ(1u, server.GetConnections());
+}
+
 TEST_F(HttpClientPoolTest, LimitsAndWaitingInTurn) {
     CCmHttpPoolLimits limits{0, 1, 64, 30'000};
     EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmChannelManager::Instance()->SetHttpPoolLimits(limits));

@@ -18,5 +18,9 @@ enum ECmChannelOption : DWORD {
     // CM_FAILURE_NONE: no failure. Never waits.
     CM_OPT_CHANNEL_LAST_FAILURE = 308,
 
+    // For HTTP client channels, get and set CCmInetAddr (CCmInetAddr::s_InetAddrAny): all connections of the channel go to this
+    // address, also after redirects, and not to the URL's host and port. A Unix path serves for HTTP inside a machine.
+    CM_OPT_CHANNEL_CONNECT_TO = 309,
+
     // Options of HTTP server acceptors and channels begin with 331.
 };

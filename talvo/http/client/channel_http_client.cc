@@ -26,6 +26,10 @@ BOOL HasControl(std::string_view aText) {
     return std::any_of(aText.begin(), aText.end(), [](char c) { return (c >= '\0' && c < ' ') || c == '\x7f'; });
 }
 
+CmResult Copy(const CCmInetAddr& aFrom, CCmInetAddr& aTo) {
+    return WithMemory([&] { aTo = aFrom; }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+}
+
 }  // namespace
 
 CCmChannelHttpClient::CCmChannelHttpClient(const CCmHttpUrl& aUrl, DWORD) : m_dwThread(cm_thread_self_id()), m_Exchange(*this) {
@@ -185,11 +189,13 @@ CmResult CCmChannelHttpClient::SetOption(DWORD aCommand, void* aArg) {
     if (aCommand == CM_OPT_TRANSPORT_PAUSE_READING)
         return ResultWithMemory([&] { return Pause_i(!!*static_cast<BOOL*>(aArg)); });
     DWORD* pOption = FindOption_i(aCommand);
-    if (!pOption)
+    if (!pOption && aCommand != CM_OPT_CHANNEL_CONNECT_TO)
         return m_Exchange.SetOption(aCommand, aArg);
-    const DWORD dwValue = *static_cast<DWORD*>(aArg);
     if (m_Status != SETTING_UP)
         return CM_ERROR_ALREADY_INITIALIZED;
+    if (!pOption)
+        return Copy(*static_cast<CCmInetAddr*>(aArg), m_Exchange.GetSettings().m_AddrConnectTo);
+    const DWORD dwValue = *static_cast<DWORD*>(aArg);
     if (aCommand == CM_OPT_CHANNEL_MAX_REDIRECTS && dwValue > talvo::MAX_HTTP_REDIRECTS)
         return CM_ERROR_INVALID_ARG;
     *pOption = dwValue;
@@ -204,6 +210,8 @@ CmResult CCmChannelHttpClient::GetOption(DWORD aCommand, void* aArg) {
         *static_cast<BOOL*>(aArg) = m_bPaused;
     else if (aCommand == CM_OPT_CHANNEL_LAST_FAILURE)
         *static_cast<CCmFailure*>(aArg) = m_LastFailure;
+    else if (aCommand == CM_OPT_CHANNEL_CONNECT_TO)
+        return Copy(m_Exchange.GetSettings().m_AddrConnectTo, *static_cast<CCmInetAddr*>(aArg));
     else if (pOption)
         *static_cast<DWORD*>(aArg) = *pOption;
     else

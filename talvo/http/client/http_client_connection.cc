@@ -44,7 +44,9 @@ CmResult CHttpClientConnection::Connect(const CHttpConnectionRequest& aRequest) 
     if (rv != CM_OK)
         return rv;
     CCmTimeValue tvTimeout = CCmTimeValue::FromUsec(int64_t{aRequest.m_dwTimeoutMs} * 1000);
-    const CCmInetAddr addr(aRequest.m_strHost.c_str(), aRequest.m_wPort);
+    const CCmInetAddr addr = aRequest.m_AddrConnectTo == CCmInetAddr::s_InetAddrAny
+                                 ? CCmInetAddr(aRequest.m_strHost.c_str(), aRequest.m_wPort)
+                                 : aRequest.m_AddrConnectTo;
     m_pConnector->AsycConnect(this, addr, aRequest.m_dwTimeoutMs > 0 ? &tvTimeout : nullptr);
     return CM_OK;
 }

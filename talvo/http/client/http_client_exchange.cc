@@ -49,7 +49,7 @@ CmResult CHttpClientExchange::Acquire_i(int64_t aMaxRest) {
     if (rv != CM_OK)
         return rv;
     m_State = WAITING;
-    rv = pPool->Acquire({this, m_strHost, m_wPort, m_Settings.m_dwConnectTimeout, aMaxRest});
+    rv = pPool->Acquire({this, m_strHost, m_wPort, m_Settings.m_dwConnectTimeout, aMaxRest, m_Settings.m_AddrConnectTo});
     if (rv != CM_OK)
         m_State = IDLE;
     return rv;

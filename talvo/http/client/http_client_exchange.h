@@ -39,6 +39,7 @@ public:
         DWORD m_dwSilenceTimeout = 60'000;
         DWORD m_dwContinueTimeout = 1'000;
         DWORD m_dwKeepAlive = TRUE;
+        CCmInetAddr m_AddrConnectTo;
     };
 
     explicit CHttpClientExchange(IHttpExchangeUser& aUser);

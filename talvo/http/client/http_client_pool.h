@@ -18,12 +18,13 @@ struct CHttpConnectionRequest {
     WORD m_wPort = 0;     // host order
     DWORD m_dwTimeoutMs = 0;
     int64_t m_llMaxRest = 0;                 // microseconds: a reused connection must have been idle for less than this
+    CCmInetAddr m_AddrConnectTo{};           // s_InetAddrAny: the host and port
     DWORD m_dwType = CM_TRANSPORT_TYPE_TCP;  // the base type of the connection
     CCmString m_strSetUp{};                  // the settings of the connection, as any text; only an equal one is reused
 };
 
 // One a thread; the first channel makes it, the thread's end destroys it. An unused connection serves the next request for its
-// host, port, base type and settings. If the limit of connections is reached, requests wait in turn.
+// host, port, address, base type and settings. If the limit of connections is reached, requests wait in turn.
 class CHttpClientPool : private CCmThreadTenant, private CCmTimerWrapperIDSink {
 public:
     // aPool (out): the calling thread's. CM_ERROR_NULL_POINTER: it has no event queue or no timer queue.
