@@ -17,6 +17,7 @@
 
 namespace {
 
+using asio::generic::stream_protocol;
 using asio::ip::tcp;
 
 constexpr size_t LIMIT = 1 << 20;
@@ -89,15 +90,18 @@ class CEnd {
 public:
     explicit CEnd(const bench::CMessageWork& aWork)
         : m_dwSize(static_cast<uint32_t>(aWork.m_nSize)), m_bPostEach(aWork.m_strType != "box") {
-        const tcp::endpoint endpoint(asio::ip::address_v4::loopback(), aWork.m_wPort);
+        stream_protocol::endpoint endpoint(tcp::endpoint(asio::ip::address_v4::loopback(), aWork.m_wPort));
+        if (!aWork.m_strPath.empty())
+            endpoint = asio::local::stream_protocol::endpoint(aWork.m_strPath);
         if (aWork.IsListener()) {
-            tcp::acceptor acceptor(m_Network.Get(), endpoint);
+            asio::basic_socket_acceptor<stream_protocol> acceptor(m_Network.Get(), endpoint);
             bench::PrintReady();
             acceptor.accept(m_Socket);
         } else {
             m_Socket.connect(endpoint);
         }
-        m_Socket.set_option(tcp::no_delay(true));
+        if (aWork.m_strPath.empty())
+            m_Socket.set_option(tcp::no_delay(true));
         m_Network.Post([this] { Read(); });
     }
 
@@ -216,7 +220,7 @@ private:
 
     // Network thread.
     bench::CAsioLoop m_Network{ANY_CORE};
-    tcp::socket m_Socket{m_Network.Get()};
+    stream_protocol::socket m_Socket{m_Network.Get()};
     CMessages m_Posted;
     CMessages m_Writing;
     std::vector<asio::const_buffer> m_Bufs;

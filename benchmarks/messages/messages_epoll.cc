@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,7 +22,7 @@ constexpr size_t BATCH = 262144;  // bytes gathered for one send, and read by on
 class CEnd {
 public:
     explicit CEnd(const bench::CMessageWork& aWork)
-        : m_nSize(aWork.m_nSize), m_Fd(aWork.IsListener() ? Accept(aWork.m_wPort) : Connect(aWork.m_wPort)) {
+        : m_nSize(aWork.m_nSize), m_Fd(aWork.IsListener() ? Accept(aWork) : Connect(aWork)) {
         bench::SetNoDelay(m_Fd);
         epoll_event event{};
         event.events = EPOLLIN;
@@ -60,8 +61,9 @@ public:
     }
 
 private:
-    static int Accept(uint16_t aPort) {
-        const int listener = bench::ListenLoopback(aPort);
+    static int Accept(const bench::CMessageWork& aWork) {
+        const int listener = aWork.m_strPath.empty() ? bench::ListenLoopback(aWork.m_wPort) : Open(aWork.m_strPath, bind);
+        listen(listener, bench::BACKLOG);
         bench::PrintReady();
         pollfd entry{listener, POLLIN, 0};
         const int fd = poll(&entry, 1, -1) == 1 ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
@@ -71,11 +73,24 @@ private:
         return fd;
     }
 
-    static int Connect(uint16_t aPort) {
+    static int Connect(const bench::CMessageWork& aWork) {
+        if (!aWork.m_strPath.empty())
+            return Open(aWork.m_strPath, connect);
         const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const sockaddr_in addr = bench::LoopbackAddress(aPort);
+        const sockaddr_in addr = bench::LoopbackAddress(aWork.m_wPort);
         if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) == -1)
             bench::Fail("connect");
+        return fd;
+    }
+
+    // aAttach is bind or connect.
+    static int Open(const std::string& aPath, int (*aAttach)(int, const sockaddr*, socklen_t)) {
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        aPath.copy(addr.sun_path, sizeof(addr.sun_path) - 1);
+        if (aAttach(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) == -1)
+            bench::Fail(aPath.c_str());
         return fd;
     }
 

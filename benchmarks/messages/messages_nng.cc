@@ -17,7 +17,7 @@ class CEnd {
 public:
     explicit CEnd(const bench::CMessageWork& aWork) : m_nSize(aWork.m_nSize) {
         Open(aWork.m_Role);
-        const std::string strAddress = "tcp://127.0.0.1:" + std::to_string(aWork.m_wPort);
+        const std::string strAddress = aWork.GetUrl();
         const bool bListener = aWork.IsListener();
         Expect(bListener ? nng_listen(m_Socket, strAddress.c_str(), nullptr, 0)
                          : nng_dial(m_Socket, strAddress.c_str(), nullptr, 0));

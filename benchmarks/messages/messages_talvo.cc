@@ -17,7 +17,9 @@ public:
     explicit CEnd(const bench::CMessageWork& aWork) : m_Work(aWork), m_Receiver(aWork), m_Pinger(aWork) {}
 
     void Start() {
-        const CCmInetAddr addr("127.0.0.1", m_Work.m_wPort);
+        CCmInetAddr addr("127.0.0.1", m_Work.m_wPort);
+        if (!m_Work.m_strPath.empty())
+            Expect(addr.SetPath(m_Work.m_strPath.c_str()));
         CCmConnectionManager* pManager = CCmConnectionManager::Instance();
         if (!m_Work.IsListener()) {
             Expect(pManager->CreateConnectionClient(GetType(), m_pConnector.ParaOut()));

@@ -12,7 +12,7 @@ class CEnd {
 public:
     explicit CEnd(const bench::CMessageWork& aWork) : m_nSize(aWork.m_nSize) {
         m_pSocket = zmq_socket(m_pContext, TypeFor(aWork.m_Role));
-        const std::string strAddress = "tcp://127.0.0.1:" + std::to_string(aWork.m_wPort);
+        const std::string strAddress = aWork.GetUrl();
         const bool bListener = aWork.IsListener();
         Expect(bListener ? zmq_bind(m_pSocket, strAddress.c_str()) : zmq_connect(m_pSocket, strAddress.c_str()));
         if (bListener)

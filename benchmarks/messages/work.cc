@@ -38,6 +38,7 @@ void Take(CMessageWork& aWork, int aOption, const char* aText) {
     switch (aOption) {
     case 'p':
         aWork.m_wPort = static_cast<uint16_t>(dValue);
+        aWork.m_strPath = std::strchr(aText, '/') ? aText : "";
         break;
     case 's':
         aWork.m_nSize = static_cast<size_t>(dValue);
@@ -86,7 +87,7 @@ CMessageWork ParseMessageWork(int aArgc, char** aArgv) {
         Take(work, 'p', aArgv[optind + 1]);
         Take(work, 's', aArgv[optind + 2]);
     }
-    if (work.m_wPort == 0 || work.m_nSize <= sizeof(uint64_t) || work.m_ullCount == 0)
+    if ((work.m_wPort == 0 && work.m_strPath.empty()) || work.m_nSize <= sizeof(uint64_t) || work.m_ullCount == 0)
         ExitWithUsage();
     return work;
 }

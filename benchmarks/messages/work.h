@@ -1,4 +1,5 @@
-// The work of the message benchmark: two processes, messages of one size between their application threads over TCP.
+// The work of the message benchmark: two processes, messages of one size between their application threads over TCP or, if PORT
+// is a path with a slash, over a Unix socket.
 //
 //   PROGRAM send PORT SIZE [--type NAME]         listens, prints "ready"; sends messages without end to the first client
 //   PROGRAM recv --port PORT --size SIZE ...     connects and receives all messages
@@ -29,9 +30,13 @@ enum class ERole { SEND, RECV, PONG, PING };
 
 struct CMessageWork {
     bool IsListener() const { return m_Role == ERole::SEND || m_Role == ERole::PONG; }
+    std::string GetUrl() const {
+        return m_strPath.empty() ? "tcp://127.0.0.1:" + std::to_string(m_wPort) : "ipc://" + m_strPath;
+    }
 
     ERole m_Role = ERole::SEND;
     uint16_t m_wPort = 0;
+    std::string m_strPath;  // of a Unix socket; "": TCP over loopback
     size_t m_nSize = 64;
     uint64_t m_ullCount = UINT64_MAX;
     double m_dSeconds = 1;
