@@ -8,11 +8,12 @@
 CmResult CCmEventHandlerRepository::MakeRoom(HANDLE aFd) {
     if (aFd < 0)
         return CM_ERROR_INVALID_ARG;
-    const size_t stIndex = static_cast<size_t>(aFd);
-    if (stIndex < m_Elements.size())
-        return CM_OK;
-    const size_t stCount = std::max(stIndex + 1, m_Elements.size() * 2);
-    return talvo::WithMemory([&] { m_Elements.resize(stCount); }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+    const size_t stPage = static_cast<size_t>(aFd) / PAGE;
+    const BOOL bMemory = Locate(aFd) || talvo::WithMemory([&] {
+                             m_Pages.resize(std::max(stPage + 1, m_Pages.size()));
+                             m_Pages[stPage] = std::make_unique<CElement[]>(PAGE);
+                         });
+    return bMemory ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
 
 CmResult CCmEventHandlerRepository::Bind(HANDLE aFd, ACmEventHandler* aEh, long aMask) {
@@ -23,7 +24,7 @@ CmResult CCmEventHandlerRepository::Bind(HANDLE aFd, ACmEventHandler* aEh, long 
     if (element.m_pEh != aEh) {
         Unmark(aFd);
         element = CElement{};
-        element.m_dwBinding = ++m_dwBindings;
+        element.m_dwBinding = m_dwBindings = GetNextBinding();
     }
     element.m_pEh = aEh;
     element.m_nMask = static_cast<int>(aMask);
@@ -32,7 +33,7 @@ CmResult CCmEventHandlerRepository::Bind(HANDLE aFd, ACmEventHandler* aEh, long 
 }
 
 CmResult CCmEventHandlerRepository::UnBind(HANDLE aFd) {
-    if (aFd < 0 || static_cast<size_t>(aFd) >= m_Elements.size())
+    if (!Locate(aFd))
         return CM_ERROR_INVALID_ARG;
     Unmark(aFd);
     At(aFd) = CElement{};
@@ -40,7 +41,10 @@ CmResult CCmEventHandlerRepository::UnBind(HANDLE aFd) {
 }
 
 void CCmEventHandlerRepository::Clear() {
-    m_Elements.clear();
+    for (const std::unique_ptr<CElement[]>& pPage : m_Pages) {
+        if (pPage)
+            std::fill_n(pPage.get(), PAGE, CElement{});
+    }
     m_fdFirstMarked = m_fdLastMarked = CM_INVALID_HANDLE;
     m_nMarked = 0;
 }

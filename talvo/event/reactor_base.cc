@@ -51,7 +51,7 @@ CmResult CCmReactorBase::RegisterHandler(ACmEventHandler* aEh, long aMask) {
         return CM_ERROR_INVALID_ARG;
     }
     const HANDLE fd = aEh->GetHandle();
-    const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(fd);
+    const CElement* pElement = m_Handlers.Find(fd);
     if (!pElement) {
         CmResult rv = OnHandleRegister(fd, lMask | (aMask & FLAG_MASK), aEh);
         if (rv != CM_OK)
@@ -83,12 +83,11 @@ CmResult CCmReactorBase::RemoveHandler(ACmEventHandler* aEh, long aMask) {
     const HANDLE fd = aEh->GetHandle();
     if (fd == CM_INVALID_HANDLE)
         return CM_ERROR_INVALID_ARG;
-    const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(fd);
+    CElement* pElement = m_Handlers.Find(fd);
     return pElement ? RemoveHandleWithoutFinding_i(fd, *pElement, lMask) : CM_ERROR_NOT_FOUND;
 }
 
-CmResult CCmReactorBase::RemoveHandleWithoutFinding_i(HANDLE aFd, const CCmEventHandlerRepository::CElement& aElement,
-                                                      long aMask) {
+CmResult CCmReactorBase::RemoveHandleWithoutFinding_i(HANDLE aFd, CElement& aElement, long aMask) {
     ACmEventHandler* pEh = aElement.m_pEh;
     const long lOldMask = aElement.m_nMask;
     const long lNewMask = lOldMask & ~(aMask & ACmEventHandler::ALL_EVENTS_MASK);
@@ -98,8 +97,10 @@ CmResult CCmReactorBase::RemoveHandleWithoutFinding_i(HANDLE aFd, const CCmEvent
     }
     // A partial removal changes an existing entry, so the result is CM_ERROR_FOUND. The concrete reactor still watches the
     // handle; reports beyond the mask are dropped.
-    if (lNewMask != ACmEventHandler::NULL_MASK)
-        return m_Handlers.Bind(aFd, pEh, lNewMask);
+    if (lNewMask != ACmEventHandler::NULL_MASK) {
+        aElement.m_nMask = static_cast<int>(lNewMask);
+        return CM_ERROR_FOUND;
+    }
 
     if (m_Handlers.UnBind(aFd) != CM_OK)
         CM_WARNING_TRACE_THIS("CCmReactorBase::RemoveHandleWithoutFinding_i, UnBind() failed! aFd=" << aFd);
@@ -114,55 +115,55 @@ CmResult CCmReactorBase::ProcessHandleEvent(HANDLE aFd, long aMask, CmResult aRe
     if (aFd == CM_INVALID_HANDLE)
         return ProcessEventQueue_i();
 
-    const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(aFd);
-    if (!pElement) {
-        if (!aDropConnect)
-            CM_WARNING_TRACE_THIS("CCmReactorBase::ProcessHandleEvent, handle not registed. aFd=" << aFd << " aMask=" << aMask
-                                                                                                  << " aReason=" << aReason);
-        return CM_ERROR_NOT_FOUND;
-    }
+    if (CElement* pElement = m_Handlers.Find(aFd))
+        return ProcessBinding_i({aFd, *pElement}, aMask, aIsNotify, aDropConnect);
+    if (!aDropConnect)
+        CM_WARNING_TRACE_THIS("CCmReactorBase::ProcessHandleEvent, handle not registed. aFd=" << aFd << " aMask=" << aMask
+                                                                                              << " aReason=" << aReason);
+    return CM_ERROR_NOT_FOUND;
+}
+
+CmResult CCmReactorBase::ProcessBinding_i(const CBinding& aBinding, long aMask, BOOL aIsNotify, BOOL aDropConnect) {
+    CElement& element = *aBinding.Get();
     ++m_Counters.m_ullReports;
     if (aMask & ACmEventHandler::CLOSE_MASK) {
-        RemoveHandleWithoutFinding_i(aFd, *pElement, REMOVE_AND_CALL_MASK);
+        RemoveHandleWithoutFinding_i(aBinding.GetHandle(), element, REMOVE_AND_CALL_MASK);
         return CM_ERROR_FAILURE;
     }
-    const long lReady = pElement->m_nMask & aMask;
+    const long lReady = element.m_nMask & aMask;
     if (lReady == ACmEventHandler::NULL_MASK) {
         if (!aIsNotify)
             CM_WARNING_TRACE_THIS("CCmReactorBase::ProcessHandleEvent, mask not registed. aFd="
-                                  << aFd << " m_Mask=" << pElement->m_nMask << " aMask=" << aMask);
+                                  << aBinding.GetHandle() << " m_Mask=" << element.m_nMask << " aMask=" << aMask);
         return CM_OK;
     }
     if (aDropConnect && (lReady & ACmEventHandler::CONNECT_MASK)) {
-        CM_WARNING_TRACE_THIS("CCmReactorBase::ProcessHandleEvent, drop connect. aFd=" << aFd);
+        CM_WARNING_TRACE_THIS("CCmReactorBase::ProcessHandleEvent, drop connect. aFd=" << aBinding.GetHandle());
         return CM_OK;
     }
-    return Dispatch_i(aFd, pElement->m_pEh, lReady);
+    return Dispatch_i(aBinding, lReady);
 }
 
-CmResult CCmReactorBase::Dispatch_i(HANDLE aFd, ACmEventHandler* aEh, long aReady) {
+// A callback may end the binding: remove, replace or delete the handler.
+CmResult CCmReactorBase::Dispatch_i(const CBinding& aBinding, long aReady) {
     constexpr long IN_MASK = ACmEventHandler::ACCEPT_MASK | ACmEventHandler::READ_MASK;
     constexpr long OUT_MASK = ACmEventHandler::CONNECT_MASK | ACmEventHandler::WRITE_MASK;
-    const DWORD dwBinding = m_Handlers.Find(aFd)->m_dwBinding;
-    const auto isStillBound = [&] {
-        const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(aFd);
-        return pElement && pElement->m_pEh == aEh && pElement->m_dwBinding == dwBinding;
-    };
-
+    const HANDLE fd = aBinding.GetHandle();
+    ACmEventHandler* pEh = aBinding.Get()->m_pEh;
     int nRv = 0;
     if (aReady & IN_MASK)
-        nRv = aEh->OnInput(aFd);
+        nRv = pEh->OnInput(fd);
     if ((nRv == 0 || nRv == -2) && (aReady & OUT_MASK)) {
-        if ((aReady & IN_MASK) && !isStillBound())  // OnInput may have removed or deleted it
+        if ((aReady & IN_MASK) && !aBinding.Get())
             return CM_ERROR_FAILURE;
-        nRv = aEh->OnOutput(aFd);
+        nRv = pEh->OnOutput(fd);
     }
     if (nRv == 0)
         return CM_OK;
     if (nRv == -2)
         return CM_ERROR_WOULD_BLOCK;
-    if (isStillBound())
-        RemoveHandleWithoutFinding_i(aFd, *m_Handlers.Find(aFd), REMOVE_AND_CALL_MASK);
+    if (CElement* pElement = aBinding.Get())
+        RemoveHandleWithoutFinding_i(fd, *pElement, REMOVE_AND_CALL_MASK);
     return CM_ERROR_FAILURE;
 }
 

@@ -66,6 +66,12 @@ protected:
     // its kinds have changed in any way.
     virtual void OnHandleMaskAdded(HANDLE aFd);
 
+    using CElement = CCmEventHandlerRepository::CElement;
+    using CBinding = CCmEventHandlerRepository::CBinding;
+
+    // As ProcessHandleEvent, for a binding that was found already and has not ended.
+    CmResult ProcessBinding_i(const CBinding& aBinding, long aMask, BOOL aIsNotify = FALSE, BOOL aDropConnect = FALSE);
+
     BOOL IsOpen() const { return m_pTimerQueue != nullptr; }
     // FALSE, with a trace line: another thread calls an operation that belongs to the reactor's thread.
     BOOL IsOwnThread_i(const char* aCall) const;
@@ -78,9 +84,9 @@ protected:
     CCmReactorCounters m_Counters;
 
 private:
-    CmResult RemoveHandleWithoutFinding_i(HANDLE aFd, const CCmEventHandlerRepository::CElement& aElement, long aMask);
+    CmResult RemoveHandleWithoutFinding_i(HANDLE aFd, CElement& aElement, long aMask);
     CmResult ProcessEventQueue_i();
-    CmResult Dispatch_i(HANDLE aFd, ACmEventHandler* aEh, long aReady);
+    CmResult Dispatch_i(const CBinding& aBinding, long aReady);
 
     const DWORD m_dwProperty;
     BOOL m_bClosed = FALSE;

@@ -206,69 +206,72 @@ void CCmReactorEpoll::DispatchReport_i(const epoll_event& aReport) {
         return;
     }
     const HANDLE fd = static_cast<HANDLE>(aReport.data.u64 & 0xFFFFFFFF);
-    const DWORD dwBinding = static_cast<DWORD>(aReport.data.u64 >> 32);
-    const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(fd, dwBinding);
-    if (!pElement)
+    CElement* pElement = m_Handlers.Find(fd);
+    if (!pElement || pElement->m_dwBinding != aReport.data.u64 >> 32)
         return;  // an earlier report of this turn removed it, or its number was reused
-
-    const long lSpecial = pElement->m_nMask & (ACmEventHandler::ACCEPT_MASK | ACmEventHandler::CONNECT_MASK);
-    if (lSpecial) {
-        ProcessHandleEvent(fd, lSpecial, CM_OK, FALSE, FALSE);
-    } else if (pElement->m_nMask & ACmEventHandler::DATAGRAM_MASK) {
-        ReportDatagrams_i(fd, dwBinding, aReport.events);
-    } else if (aReport.events & EPOLLERR) {
-        ReportClose_i(fd, dwBinding, CM_ERROR_NETWORK_SOCKET_ERROR);
-    } else if (IsEnd(aReport.events, *pElement) && !IsPaused(*pElement)) {
-        ReportClose_i(fd, dwBinding, CM_ERROR_NETWORK_SOCKET_CLOSE);
-    } else {
-        if (aReport.events & EPOLLIN)
-            ReportIn_i(fd, dwBinding);
-        if (aReport.events & EPOLLRDHUP)
-            ReportIn_i(fd, dwBinding);  // reads the end of stream behind the last bytes; no further edge reports it
-        pElement = FindBinding_i(fd, dwBinding);
-        if ((aReport.events & EPOLLOUT) && pElement && (pElement->m_nMask & ACmEventHandler::WRITE_MASK))
-            ProcessHandleEvent(fd, ACmEventHandler::WRITE_MASK, CM_OK, FALSE, FALSE);
-    }
+    ReportBinding_i({fd, *pElement}, aReport.events);
     ProcessTimerTick();
+}
+
+void CCmReactorEpoll::ReportBinding_i(const CBinding& aBinding, DWORD aEvents) {
+    const CElement& element = *aBinding.Get();
+    if (const long lSpecial = element.m_nMask & (ACmEventHandler::ACCEPT_MASK | ACmEventHandler::CONNECT_MASK)) {
+        ProcessBinding_i(aBinding, lSpecial);
+        return;
+    }
+    // A failure of a datagram socket is received like a datagram: the handler decides whether the handle is still usable.
+    const BOOL bDatagrams = !!(element.m_nMask & ACmEventHandler::DATAGRAM_MASK);
+    if (!bDatagrams && (aEvents & EPOLLERR)) {
+        ReportClose_i(aBinding, CM_ERROR_NETWORK_SOCKET_ERROR);
+        return;
+    }
+    if (!bDatagrams && IsEnd(aEvents, element) && !IsPaused(element)) {
+        ReportClose_i(aBinding, CM_ERROR_NETWORK_SOCKET_CLOSE);
+        return;
+    }
+    if (aEvents & (bDatagrams ? EPOLLIN | EPOLLERR | EPOLLHUP : EPOLLIN))
+        ReportIn_i(aBinding);
+    if (!bDatagrams && (aEvents & EPOLLRDHUP))
+        ReportIn_i(aBinding);  // reads the end of stream behind the last bytes; no further edge reports it
+    if (aEvents & EPOLLOUT)
+        ReportOut_i(aBinding);
 }
 
 // Calls a handler that continues again a few times at once, which saves a system call for each. Then the other handles get
 // their turn, and the system checks whether there is more.
-void CCmReactorEpoll::ReportIn_i(HANDLE aFd, DWORD aBinding) {
+void CCmReactorEpoll::ReportIn_i(const CBinding& aBinding) {
     for (int i = 0; i < MAX_INPUTS; ++i) {
-        const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
+        const CElement* pElement = aBinding.Get();
         if (!pElement || !(pElement->m_nMask & ACmEventHandler::READ_MASK))
             return;  // removed or paused: reported again when the handler registers for reading
         const BOOL bDatagrams = !!(pElement->m_nMask & ACmEventHandler::DATAGRAM_MASK);
-        if (ProcessHandleEvent(aFd, ACmEventHandler::READ_MASK, CM_OK, FALSE, FALSE) != CM_OK || bDatagrams)
+        if (ProcessBinding_i(aBinding, ACmEventHandler::READ_MASK) != CM_OK || bDatagrams)
             return;
     }
-    const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
+    const CElement* pElement = aBinding.Get();
     if (pElement && (pElement->m_nMask & ACmEventHandler::READ_MASK))
-        OnHandleMaskAdded(aFd);
+        OnHandleMaskAdded(aBinding.GetHandle());
 }
 
-// A failure is received like a datagram: the handler decides whether the handle is still usable.
-void CCmReactorEpoll::ReportDatagrams_i(HANDLE aFd, DWORD aBinding, DWORD aEvents) {
-    if (aEvents & (EPOLLIN | EPOLLERR | EPOLLHUP))
-        ReportIn_i(aFd, aBinding);
-    const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
-    if ((aEvents & EPOLLOUT) && pElement && (pElement->m_nMask & ACmEventHandler::WRITE_MASK))
-        ProcessHandleEvent(aFd, ACmEventHandler::WRITE_MASK, CM_OK, FALSE, FALSE);
+void CCmReactorEpoll::ReportOut_i(const CBinding& aBinding) {
+    const CElement* pElement = aBinding.Get();
+    if (pElement && (pElement->m_nMask & ACmEventHandler::WRITE_MASK))
+        ProcessBinding_i(aBinding, ACmEventHandler::WRITE_MASK);
 }
 
-void CCmReactorEpoll::ReportClose_i(HANDLE aFd, DWORD aBinding, CmResult aReason) {
-    if (DrainBeforeClose_i(aFd, aBinding, aReason))
-        ProcessHandleEvent(aFd, ACmEventHandler::CLOSE_MASK, aReason, FALSE, FALSE);
+void CCmReactorEpoll::ReportClose_i(const CBinding& aBinding, CmResult aReason) {
+    if (DrainBeforeClose_i(aBinding, aReason))
+        ProcessBinding_i(aBinding, ACmEventHandler::CLOSE_MASK);
 }
 
 // Reads the bytes that arrived before the close. TRUE: report the close. FALSE: the handler is gone, or it has paused reading;
 // then the close and the bytes wait until it resumes. A failed connection does not wait: the event that would end the pause may
 // never come.
-BOOL CCmReactorEpoll::DrainBeforeClose_i(HANDLE aFd, DWORD aBinding, CmResult aReason) {
+BOOL CCmReactorEpoll::DrainBeforeClose_i(const CBinding& aBinding, CmResult aReason) {
+    const HANDLE fd = aBinding.GetHandle();
     int nBefore = INT_MAX;
-    for (int nRemain = BytesReadable(aFd); nRemain > 0 && nRemain < nBefore; nRemain = BytesReadable(aFd)) {
-        const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
+    for (int nRemain = BytesReadable(fd); nRemain > 0 && nRemain < nBefore; nRemain = BytesReadable(fd)) {
+        const CElement* pElement = aBinding.Get();
         if (!pElement)
             return FALSE;
         if (!(pElement->m_nMask & ACmEventHandler::READ_MASK))
@@ -277,10 +280,10 @@ BOOL CCmReactorEpoll::DrainBeforeClose_i(HANDLE aFd, DWORD aBinding, CmResult aR
             "CCmReactorWin32Message::Win32SocketWndProc, data remained in the handle wehn closing, recv it. dwRemain="
             << nRemain);
         nBefore = nRemain;
-        ProcessHandleEvent(aFd, ACmEventHandler::READ_MASK, CM_OK, FALSE, FALSE);
+        ProcessBinding_i(aBinding, ACmEventHandler::READ_MASK);
     }
     // Reached also if a report consumed nothing: the close cannot wait for that.
-    const CCmEventHandlerRepository::CElement* pElement = FindBinding_i(aFd, aBinding);
+    const CElement* pElement = aBinding.Get();
     return pElement && (!IsPaused(*pElement) || aReason == CM_ERROR_NETWORK_SOCKET_ERROR);
 }
 
@@ -293,7 +296,7 @@ CmResult CCmReactorEpoll::NotifyHandler(ACmEventHandler* aEh, long aMask) {
     }
     if (m_Est.IsCurrentThread()) {
         const HANDLE fd = aEh->GetHandle();
-        const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(fd);
+        const CElement* pElement = m_Handlers.Find(fd);
         if (pElement && pElement->m_pEh == aEh)
             m_Handlers.Mark(fd, aMask);
         return CM_OK;
@@ -323,7 +326,7 @@ void CCmReactorEpoll::ProcessNotifications_i() {
             notifications.swap(m_Notifications);
         }
         for (const CNotification& notification : notifications) {
-            const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(notification.m_Fd);
+            const CElement* pElement = m_Handlers.Find(notification.m_Fd);
             if (pElement && pElement->m_pEh == notification.m_pEh)
                 m_Handlers.Mark(notification.m_Fd, notification.m_lMask);
         }
@@ -356,11 +359,6 @@ void CCmReactorEpoll::ProcessEvents_i() {
     }
 }
 
-CCmEventHandlerRepository::CElement* CCmReactorEpoll::FindBinding_i(HANDLE aFd, DWORD aBinding) {
-    CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(aFd);
-    return pElement && pElement->m_dwBinding == aBinding ? pElement : nullptr;
-}
-
 int CCmReactorEpoll::Watch_i(int aOperation, HANDLE aFd, long aMask, DWORD aBinding) {
     epoll_event event{};
     if (aMask & ACmEventHandler::ACCEPT_MASK)
@@ -382,7 +380,7 @@ CmResult CCmReactorEpoll::OnHandleRegister(HANDLE aFd, long aMask, ACmEventHandl
 
 // A change of the watch, even to the same value, makes the system check the handle again and report existing readiness.
 void CCmReactorEpoll::OnHandleMaskAdded(HANDLE aFd) {
-    const CCmEventHandlerRepository::CElement* pElement = m_Handlers.Find(aFd);
+    const CElement* pElement = m_Handlers.Find(aFd);
     int nRv = Watch_i(EPOLL_CTL_MOD, aFd, pElement->m_nMask, pElement->m_dwBinding);
     if (nRv == -1 && errno == ENOENT)  // the handle was closed and reused without a removal
         nRv = Watch_i(EPOLL_CTL_ADD, aFd, pElement->m_nMask, pElement->m_dwBinding);

@@ -51,13 +51,13 @@ private:
     void Turn_i(int64_t aMaxWaitUsec);
     int GetWaitMsec_i(int64_t aMaxWaitUsec);
     void DispatchReport_i(const epoll_event& aReport);
-    void ReportIn_i(HANDLE aFd, DWORD aBinding);
-    void ReportDatagrams_i(HANDLE aFd, DWORD aBinding, DWORD aEvents);
-    void ReportClose_i(HANDLE aFd, DWORD aBinding, CmResult aReason);
-    BOOL DrainBeforeClose_i(HANDLE aFd, DWORD aBinding, CmResult aReason);
+    void ReportBinding_i(const CBinding& aBinding, DWORD aEvents);
+    void ReportIn_i(const CBinding& aBinding);
+    void ReportOut_i(const CBinding& aBinding);
+    void ReportClose_i(const CBinding& aBinding, CmResult aReason);
+    BOOL DrainBeforeClose_i(const CBinding& aBinding, CmResult aReason);
     void ProcessNotifications_i();
     void ProcessEvents_i();
-    CCmEventHandlerRepository::CElement* FindBinding_i(HANDLE aFd, DWORD aBinding);
     int Watch_i(int aOperation, HANDLE aFd, long aMask, DWORD aBinding);
     void WakeUp_i();
     BOOL AddNotification_l(ACmEventHandler* aEh, long aMask) CM_REQUIRES(m_NotificationMutex);
