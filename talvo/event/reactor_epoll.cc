@@ -319,7 +319,7 @@ BOOL CCmReactorEpoll::AddNotification_l(ACmEventHandler* aEh, long aMask) {
 // Adds the notifications of other threads to the marks. Runs only the current marks: a handler that marks itself again waits
 // for the next turn.
 void CCmReactorEpoll::ProcessNotifications_i() {
-    if (m_bHasNotifications.exchange(FALSE)) {
+    if (m_bHasNotifications && m_bHasNotifications.exchange(FALSE)) {
         std::vector<CNotification> notifications;
         {
             Guard guard(m_NotificationMutex);

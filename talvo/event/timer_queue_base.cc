@@ -129,7 +129,8 @@ int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
     return nFired;
 }
 
-int CCmTimerQueueBase::FirePass_i(int64_t aNow) {
+// Not a part of the look, which the compiler can then put where it is made.
+[[gnu::noinline]] int CCmTimerQueueBase::FirePass_i(int64_t aNow) {
     const int64_t llOuterPassNow = std::exchange(m_llPassNow, aNow);
     const BOOL bOuterInPass = std::exchange(m_bInPass, TRUE);
     const CCmTimeValue tvNow = CCmTimeValue::FromUsec(aNow);
