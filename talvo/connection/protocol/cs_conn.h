@@ -149,7 +149,6 @@ private:
     DWORD m_dwMaxMessage = CS_DEFAULT_MAX_MESSAGE_LEN;
     bool m_bAckProcessing = false;
     bool m_bNeedOnSend = false;  // a send was refused
-    bool m_bPeerDisconnected = false;
-    DWORD m_dwReceived = 0;  // receive counter: the sequence number of the last data byte that came
-    DWORD m_dwAckBytes = 0;  // ACK byte counter
+    DWORD m_dwReceived = 0;      // receive counter: the sequence number of the last data byte that came
+    DWORD m_dwAckBytes = 0;      // ACK byte counter
 };

@@ -114,7 +114,6 @@ CCsPduConnReqResp CCsConn::TakeConnectPdu_i() {
 void CCsConn::OnRecvDisconn() {
     CCsPduDisconn pdu(0, CS_PDU_TYPE_DISCONN);
     m_Reader.TakeFixed(pdu);
-    m_bPeerDisconnected = TRUE;
     m_Liveness.Stop();
     CM_INFO_TRACE_THIS("CCsConn::OnRecvDisconn(), Normal disconnect, wReason =" << pdu.GetReason());
     Reset4Recv();
