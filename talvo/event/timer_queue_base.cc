@@ -129,7 +129,7 @@ int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
     return nFired;
 }
 
-// Not a part of the look, which the compiler can then put where it is made.
+// Out of line, so that the compiler can inline the check above into its callers.
 [[gnu::noinline]] int CCmTimerQueueBase::FirePass_i(int64_t aNow) {
     const int64_t llOuterPassNow = std::exchange(m_llPassNow, aNow);
     const BOOL bOuterInPass = std::exchange(m_bInPass, TRUE);
