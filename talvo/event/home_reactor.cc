@@ -37,7 +37,7 @@ private:
 
 ICmReactor* CHomeReactor::operator->() const {
     static CImmortalT<CEndedReactor> s_Ended;
-    return ICmReactor::IsAlive(m_pReactor) ? m_pReactor : &*s_Ended;
+    return IsAlive() ? m_pReactor : &*s_Ended;
 }
 
 }  // namespace talvo

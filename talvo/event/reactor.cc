@@ -1,5 +1,7 @@
 #include "talvo/event/reactor.h"
 
+#include <atomic>
+
 #include "talvo/base/immortal.h"
 #include "talvo/base/mutex.h"
 
@@ -16,6 +18,11 @@ struct CLiveReactors {
     CCmMutexThread m_Mutex;
     ICmReactor* m_pFirst CM_GUARDED_BY(m_Mutex) = nullptr;
 };
+
+constexpr uint64_t NEVER = 0;
+
+// The number of the last begin or end of a reactor. Changes under the mutex.
+std::atomic<uint64_t> s_ullChanges{NEVER + 1};
 
 CLiveReactors& LiveReactors() {
     static talvo::CImmortalT<CLiveReactors> s_Live;  // threads may outlive the end of main
@@ -34,6 +41,7 @@ ICmReactor::ICmReactor() {
     if (m_pNextAlive)
         m_pNextAlive->m_ppBackAlive = &m_pNextAlive;
     live.m_pFirst = this;
+    m_ullBorn = ++s_ullChanges;
 }
 
 ICmReactor::~ICmReactor() {
@@ -42,16 +50,25 @@ ICmReactor::~ICmReactor() {
     *m_ppBackAlive = m_pNextAlive;
     if (m_pNextAlive)
         m_pNextAlive->m_ppBackAlive = m_ppBackAlive;
+    ++s_ullChanges;
 }
 
 DWORD ICmReactor::GetProperty() const { return 0; }
 CmResult ICmReactor::PostEventQuietly(ICmEvent* aEvent) { return PostEvent(aEvent); }
 
 BOOL ICmReactor::IsAlive(const ICmReactor* aReactor) {
+    uint64_t ullSeen = UINT64_MAX;
+    return IsAlive_i(aReactor, ullSeen);
+}
+
+BOOL ICmReactor::IsAlive_i(const ICmReactor* aReactor, uint64_t& aSeen) {
+    if (aSeen == s_ullChanges.load(std::memory_order_acquire))
+        return TRUE;
     CLiveReactors& live = LiveReactors();
     Guard guard(live.m_Mutex);
     const ICmReactor* pReactor = live.m_pFirst;
     while (pReactor && pReactor != aReactor)
         pReactor = pReactor->m_pNextAlive;
-    return pReactor != nullptr;
+    aSeen = pReactor && pReactor->m_ullBorn <= aSeen ? s_ullChanges.load() : NEVER;
+    return aSeen != NEVER;
 }

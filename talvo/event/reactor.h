@@ -4,6 +4,10 @@
 #include "talvo/event/event_queue.h"
 #include "talvo/event/timer_queue.h"
 
+namespace talvo {
+class CHomeReactor;
+}
+
 // Handles the readiness of one handle. The reactor's thread calls it, with no lock held. It must not throw: an exception is
 // traced and ends the process. A handler may remove, replace or delete itself or another handler inside. The results of OnInput
 // and OnOutput control the reactor:
@@ -95,6 +99,13 @@ public:
     ~ICmReactor() override;
 
 private:
+    friend class talvo::CHomeReactor;
+
+    // TRUE: aReactor still exists, and is no newer than aSeen. aSeen (in, out): the last result of this function for the same
+    // reactor; at first UINT64_MAX. Cheap while no reactor begins or ends.
+    static BOOL IsAlive_i(const ICmReactor* aReactor, uint64_t& aSeen);
+
+    uint64_t m_ullBorn;  // no two reactors have the same; separates a reactor from an older one at its address
     // Links the list of all reactors. It is a member because that list must never fail.
     ICmReactor* m_pNextAlive = nullptr;
     ICmReactor** m_ppBackAlive = nullptr;

@@ -7,7 +7,7 @@ CCmAcceptorBase::CCmAcceptorBase()
       m_pReactor(m_pThreadNetwork ? m_pThreadNetwork->GetReactor() : nullptr) {}
 
 CmResult CCmAcceptorBase::CheckListen_i() {
-    if (!ICmReactor::IsAlive(m_pReactor))
+    if (!m_pReactor.IsAlive())
         return CM_ERROR_NOT_INITIALIZED;
     return m_pThreadNetwork->GetLink().GetDrainStage() == ECmDrainStage::NONE ? CM_OK : CM_ERROR_NOT_AVAILABLE;
 }

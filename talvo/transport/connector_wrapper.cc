@@ -46,7 +46,7 @@ CmResult CCmConnectorWrapper::Init(DWORD aType) {
 void CCmConnectorWrapper::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout,
                                       CCmInetAddr* aAddrLocal) {
     m_Est.EnsureSingleThread();
-    const BOOL bEnded = m_pReactor && !ICmReactor::IsAlive(m_pReactor);
+    const BOOL bEnded = m_pReactor && !m_pReactor.IsAlive();
     if (!aSink || !m_bClosed || bEnded) {
         CM_WARNING_TRACE_THIS("CCmConnectorWrapper::AsycConnect, refused. aSink="
                               << static_cast<const void*>(aSink) << " m_bClosed=" << m_bClosed << " bEnded=" << bEnded);

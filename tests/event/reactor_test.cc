@@ -1,3 +1,6 @@
+#include <optional>
+
+#include "talvo/event/home_reactor.h"
 #include "tests/support/event_helpers.h"
 #include "tests/support/event_socket.h"
 
@@ -69,6 +72,27 @@ TEST_F(ReactorTest, AReportForAnOldHandleNeverReachesTheNewOne) {
     fresh.second.Write("x");
     Turn();
     EXPECT_EQ(1, pNew->m_nInputs);
+    // The same handler again, registered inside its callback, is a new binding, which the callback's result does not end.
+    pNew->m_Input = [&] {
+        EXPECT_EQ(CM_OK, m_Reactor.RemoveHandler(pNew.get(), H::READ_MASK));
+        EXPECT_EQ(CM_OK, m_Reactor.RegisterHandler(pNew.get(), H::READ_MASK));
+        return -1;
+    };
+    fresh.second.Write("x");
+    Turn();
+    EXPECT_EQ(0, pNew->m_nCloses);
+    EXPECT_EQ(CM_OK, m_Reactor.RemoveHandler(pNew.get(), H::READ_MASK));
+}
+
+TEST_F(ReactorTest, AHomeIsNeverTheNewReactorAtTheOldAddress) {
+    std::optional<CCmReactorEpoll> reactor(std::in_place);
+    const talvo::CHomeReactor home(&*reactor);
+    std::make_unique<CCmReactorEpoll>().reset();  // others come and go
+    EXPECT_TRUE(home.IsAlive());
+    reactor.emplace();
+    EXPECT_EQ(&*reactor, static_cast<ICmReactor*>(home));
+    EXPECT_EQ(CM_OK, reactor->Open());
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, home->CancelTimer(nullptr));
 }
 
 TEST_F(ReactorTest, ACallbackMayDeleteAnyHandler) {
