@@ -7,9 +7,10 @@ namespace {
 // Connectors of a process whose main thread is the network thread.
 class ConnectorTest : public testing::Test {
 protected:
-    void SetUp() override {
+    ConnectorTest() { Make(CM_TRANSPORT_TYPE_TCP); }
+    void Make(DWORD aType) {
         m_pConnector = new CCmConnectorWrapper;
-        ASSERT_EQ(CM_OK, m_pConnector->Init(CM_TRANSPORT_TYPE_TCP));
+        EXPECT_EQ(CM_OK, m_pConnector->Init(aType));
     }
     // The one reason that comes, and nothing behind it.
     CmResult Outcome() {
@@ -17,18 +18,12 @@ protected:
         m_Network.RunUntil([&] { return m_Sink.Count() > 0; });
         m_Network.RunPosted();
         EXPECT_EQ(1u, m_Sink.Count());
-        const CmResult reason = m_Sink.m_Reasons.at(0);
-        m_Sink.m_Reasons.clear();
-        return reason;
+        return std::exchange(m_Sink.m_Reasons, {}).at(0);
     }
     // One attempt that succeeds, and ones that fail under way, at once and for their name.
     void Start(int aWay) {
-        if (aWay < 2)
-            m_pConnector->AsycConnect(&m_Sink, aWay == 0 ? m_Listener.Addr() : m_Refused);
-        else if (aWay == 2)
-            m_pConnector->AsycConnect(&m_Sink, m_Refused, nullptr, &m_Foreign);
-        else
-            m_pConnector->AsycConnect(&m_Sink, CCmInetAddr("not a name", 80));
+        const CCmInetAddr peers[] = {m_Listener.Addr(), m_Refused, m_Refused, CCmInetAddr("not a name", 80)};
+        m_pConnector->AsycConnect(&m_Sink, peers[aWay], nullptr, aWay == 2 ? &m_Foreign : nullptr);
     }
 
     CTestNetwork m_Network{CCmThreadManager::NETWORK_THREAD_MAIN};
@@ -60,20 +55,6 @@ TEST_F(ConnectorTest, InitJudgesTheType) {
     EXPECT_EQ(CM_OK, m_pConnector->Init(CM_TRANSPORT_TYPE_TCP));  // refusals leave it as it was
 }
 
-TEST_F(ConnectorTest, FailuresUnderWayAndAtOnce) {
-    CCmTraceCapture trace;
-    Start(1);
-    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, Outcome());
-    EXPECT_TRUE(trace.Contains(" err=111"));
-    Start(2);
-    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, Outcome());
-    m_pConnector->AsycConnect(&m_Sink, CCmInetAddr("255.255.255.255", 9));
-    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, Outcome());
-    EXPECT_EQ(2u, trace.Count("CCmConnectorWrapper::OnTimeout, connect failed."));
-    Start(3);
-    EXPECT_EQ(CM_ERROR_NETWORK_DNS_FAILURE, Outcome());
-}
-
 TEST_F(ConnectorTest, TimeOut) {
     const CFullListener full;
     CCmFakeClock clock;
@@ -95,13 +76,16 @@ TEST_F(ConnectorTest, TimeOut) {
 
 TEST_F(ConnectorTest, CancelStopsAnAttemptAndASecondOneIsRefused) {
     CCmTraceCapture trace;
-    for (int i = 0; i < 4; ++i) {
-        Start(i);
+    for (const DWORD dwType : {CM_TRANSPORT_TYPE_UDP, CM_TRANSPORT_TYPE_TCP}) {
+        Make(dwType);
+        for (int i = 0; i < 4; ++i) {
+            Start(i);
+            m_pConnector->CancelConnect();
+        }
         m_pConnector->CancelConnect();
+        m_Network.RunPosted();
+        EXPECT_EQ(0u, m_Sink.Count());
     }
-    m_pConnector->CancelConnect();
-    m_Network.RunPosted();
-    EXPECT_EQ(0u, m_Sink.Count());
     m_pConnector->AsycConnect(nullptr, m_Listener.Addr());
     Start(0);
     Start(1);
@@ -115,11 +99,13 @@ TEST_F(ConnectorTest, ReleaseInsideEveryKindOfIndication) {
         m_pConnector.Reset();
         m_Sink.m_Transports.clear();
     };
-    for (int i = 0; i < 4; ++i) {
-        SetUp();
-        Start(i);
-        Outcome();
-        EXPECT_FALSE(m_pConnector);
+    for (const DWORD dwType : {CM_TRANSPORT_TYPE_UDP, CM_TRANSPORT_TYPE_TCP}) {
+        for (int i = 0; i < 4; ++i) {
+            Make(dwType);
+            Start(i);
+            Outcome();
+            EXPECT_FALSE(m_pConnector);
+        }
     }
     // What nobody kept is closed.
     std::string strData;

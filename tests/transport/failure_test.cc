@@ -34,7 +34,9 @@ protected:
         busy.Signal();
         m_Network.InNetwork([] {});
     }
-    CCmFailure Connect(const CCmInetAddr& aPeer, DWORD aType, CCmInetAddr* aLocal = nullptr, CCmTimeValue* aTimeout = nullptr) {
+    // How an attempt ends, and the failure as it is told inside the upcall.
+    std::pair<CmResult, CCmFailure> Connect(const CCmInetAddr& aPeer, DWORD aType, CCmInetAddr* aLocal,
+                                            CCmTimeValue* aTimeout) {
         const auto pConnector = m_Network.MakeConnector(aType);
         CTestConnectSink sink;
         CCmFailure failure;
@@ -45,7 +47,7 @@ protected:
             return sink.Count() == 1;
         });
         EXPECT_EQ(failure.ToString(), FailureOf(pConnector.Get()).ToString());
-        return failure;
+        return {sink.m_Reasons.at(0), failure};
     }
 
     CCmFakeClock m_Clock;
@@ -56,24 +58,45 @@ protected:
 }  // namespace
 
 TEST_F(FailureTest, ConnectorsTellTheCause) {
-    for (const DWORD dwType : {RAW, LENGTH, PACKAGE}) {
-        const CCmFailure refused = Connect(m_Refused, dwType);
-        EXPECT_EQ(CM_FAILURE_SYSTEM, refused.GetCause());
-        EXPECT_EQ(ECONNREFUSED, refused.GetErrno());
-        EXPECT_EQ("connect to " + TextOf(m_Refused) + ": Connection refused", refused.ToString());
-    }
-    CCmInetAddr foreign("192.0.2.1", 0);
-    EXPECT_EQ("bind to 192.0.2.1:0: Cannot assign requested address", Connect(m_Refused, RAW, &foreign).ToString());
-    EXPECT_EQ(EADDRNOTAVAIL, Connect(m_Refused, UDP, &foreign).GetErrno());
-    EXPECT_NE(0, Connect(CCmInetAddr("255.255.255.255", 9), RAW).GetErrno());
-    EXPECT_EQ(CM_FAILURE_NO_SUCH_NAME, Connect(CCmInetAddr("not a name", 80), RAW).GetCause());
-    EXPECT_EQ("resolve not a name:80: not a host name", Connect(CCmInetAddr("not a name", 80), UDP).ToString());
-
+    CCmTraceCapture trace;
     const CFullListener full;
     CCmTimeValue tvTimeout(1);
-    const CCmFailure late = Connect(full.Addr(), RAW, nullptr, &tvTimeout);
-    EXPECT_EQ(CM_FAILURE_TIMEOUT, late.GetCause());
-    EXPECT_EQ(0, late.GetErrno());
+    CCmInetAddr foreign("192.0.2.1", 0);
+    const CCmInetAddr broadcast("255.255.255.255", 9), noName("not a name", 80);
+    constexpr CmResult UNDER_WAY = CM_ERROR_NETWORK_CONNECT_ERROR, AT_ONCE = CM_ERROR_NETWORK_CONNECT_TIMEOUT;
+    const std::string strRefused = "connect to " + TextOf(m_Refused) + ": Connection refused";
+    const std::string strForeign = "bind to 192.0.2.1:0: Cannot assign requested address";
+    const struct {
+        CCmInetAddr m_Peer;
+        DWORD m_dwType;
+        CmResult m_Reason;
+        ECmFailureCause m_Cause;
+        std::string m_strFailure;  // how it begins
+        CCmInetAddr* m_pLocal = nullptr;
+        CCmTimeValue* m_pTimeout = nullptr;
+    } rows[] = {
+        {m_Refused, RAW, UNDER_WAY, CM_FAILURE_SYSTEM, strRefused},
+        {m_Refused, LENGTH, UNDER_WAY, CM_FAILURE_SYSTEM, strRefused},
+        {m_Refused, PACKAGE, UNDER_WAY, CM_FAILURE_SYSTEM, strRefused},
+        {m_Refused, RAW, AT_ONCE, CM_FAILURE_SYSTEM, strForeign, &foreign},
+        {m_Refused, UDP, AT_ONCE, CM_FAILURE_SYSTEM, strForeign, &foreign},
+        {broadcast, RAW, AT_ONCE, CM_FAILURE_SYSTEM, "connect to 255.255.255.255:9: "},
+        {broadcast, UDP, AT_ONCE, CM_FAILURE_SYSTEM, "connect to 255.255.255.255:9: "},
+        {noName, RAW, CM_ERROR_NETWORK_DNS_FAILURE, CM_FAILURE_NO_SUCH_NAME, "resolve not a name:80: not a host name"},
+        {noName, UDP, CM_ERROR_NETWORK_DNS_FAILURE, CM_FAILURE_NO_SUCH_NAME, "resolve not a name:80: not a host name"},
+        {full.Addr(), RAW, UNDER_WAY, CM_FAILURE_TIMEOUT, "connect to " + TextOf(full.Addr()), nullptr, &tvTimeout},
+    };
+    for (const auto& row : rows) {
+        const auto [reason, failure] = Connect(row.m_Peer, row.m_dwType, row.m_pLocal, row.m_pTimeout);
+        EXPECT_EQ(row.m_Reason, reason) << failure.ToString();
+        EXPECT_EQ(row.m_Cause, failure.GetCause()) << failure.ToString();
+        EXPECT_EQ(row.m_Cause == CM_FAILURE_SYSTEM, failure.GetErrno() != 0);
+        EXPECT_TRUE(failure.ToString().starts_with(row.m_strFailure)) << failure.ToString();
+    }
+    EXPECT_TRUE(trace.Contains(" err=111"));
+    EXPECT_EQ(4u, trace.Count("CCmConnectorWrapper::OnTimeout, connect failed."));
+    EXPECT_TRUE(trace.Contains("CCmConnectorUdpT::Connect, connect() failed! addr=255.255.255.255 port=9"));
+    EXPECT_TRUE(trace.Contains("CCmConnectorUdpT::Connect, m_Socket.Open() failed! addr=192.0.2.1"));
 }
 
 TEST_F(FailureTest, HandshakesTellTheCause) {
@@ -153,16 +176,6 @@ TEST_F(FailureTest, TransportsTellWhoLeftAndWhy) {
             EXPECT_EQ(TextOf(CCmInetAddr(own)), AddressOf(transport, CM_OPT_TRANSPORT_PEER_ADDR));
         }
     }
-}
-
-TEST_F(FailureTest, DatagramsTellTheCause) {
-    const auto pTransport = m_Network.Connect(m_Refused, UDP);
-    ICmTransport& transport = *pTransport;
-    CTestSink sink(transport);
-    EXPECT_EQ(CM_OK, SendText(transport, "nobody"));
-    m_Network.RunUntil([&] { return sink.m_nDisconnects == 1; });
-    EXPECT_EQ(ECONNREFUSED, FailureOf(transport).GetErrno());
-    EXPECT_EQ(TextOf(m_Refused), AddressOf(transport, CM_OPT_TRANSPORT_PEER_ADDR));
 }
 
 // What the system does not report after a failed send the loop does, behind what can still be received.
