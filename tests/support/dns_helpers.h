@@ -16,9 +16,11 @@ public:
     void OnObserve(const char* aTopic, void* aData) override {
         EXPECT_STREQ("DnsManager", aTopic);
         m_Records.emplace_back(static_cast<CCmDnsRecord*>(aData));
+        m_dwThread = CCmThreadManager::GetThreadSelfId();
     }
 
     std::vector<DnsRecordPtr> m_Records;
+    std::atomic<DWORD> m_dwThread{0};  // of the last notification
 };
 
 // The dotted addresses of a record, separated by blanks.

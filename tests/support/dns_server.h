@@ -1,16 +1,14 @@
 // A real DNS server on loopback.
 #pragma once
 
-#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 
-#include "tests/support/event_socket.h"
+#include "tests/support/event_helpers.h"
 #include "tests/support/own_loopback.h"
-#include "tests/support/test.h"
 
 // Runs dnsmasq with the names of a text like a hosts file; all other names do not exist. Ended with the scope, or with the
 // process.
@@ -21,10 +19,21 @@ public:
     CTestDnsServer(const CTestDnsServer&) = delete;
     CTestDnsServer& operator=(const CTestDnsServer&) = delete;
 
-    // Starts, always on the same port. Returns when it answers.
+    // Starts anew, always on the same port. Returns when it answers.
     void Start(const std::string& aNames) {
-        m_Dir.Write("names", aNames);
-        Spawn_i();
+        Kill();
+        m_Dir.Write("log", "");
+        std::string strCommand =
+            "exec setpriv --pdeathsig KILL /usr/sbin/dnsmasq --no-daemon --conf-file=/dev/null --pid-file= --no-hosts"
+            " --no-resolv --bind-interfaces --no-round-robin --local=/#/ --log-facility=- --port=5300 --listen-address=";
+        strCommand += OwnLoopback() + (" --local-ttl=" + std::to_string(m_nTtl)) +
+                      " --addn-hosts=" + m_Dir.Write("names", aNames) + " 2>" + m_Dir.PathOf("log");
+        std::string strShell = "sh", strOption = "-c";
+        char* const arguments[] = {strShell.data(), strOption.data(), strCommand.data(), nullptr};
+        EXPECT_EQ(0, posix_spawnp(&m_Pid, "sh", nullptr, nullptr, arguments, environ));
+        // A line of its log shows that it has read the names.
+        const std::string strRead = "read " + m_Dir.PathOf("names");
+        YieldUntil([&] { return m_Dir.Read("log").find(strRead) != std::string::npos; });
     }
 
     void Kill() {
@@ -34,62 +43,11 @@ public:
         waitpid(std::exchange(m_Pid, -1), nullptr, 0);
     }
 
-    std::string GetAddress() const { return std::string(OwnLoopback()) + ":" + PORT; }
+    // The port is outside the range from which the system chooses.
+    std::string GetAddress() const { return std::string(OwnLoopback()) + ":5300"; }
 
 private:
-    // Outside the range from which the system chooses.
-    static constexpr const char* PORT = "5300";
-
-    void Spawn_i() {
-        std::vector<std::string> arguments = {"setpriv",
-                                              "--pdeathsig",
-                                              "KILL",
-                                              "/usr/sbin/dnsmasq",
-                                              "--no-daemon",
-                                              "--conf-file=/dev/null",
-                                              "--pid-file=",
-                                              "--no-hosts",
-                                              "--no-resolv",
-                                              "--bind-interfaces",
-                                              std::string("--listen-address=") + OwnLoopback(),
-                                              "--no-round-robin",
-                                              "--local=/#/",
-                                              "--log-facility=-",
-                                              std::string("--port=") + PORT,
-                                              "--local-ttl=" + std::to_string(m_nTtl),
-                                              "--addn-hosts=" + m_Dir.PathOf("names")};
-        int nPipe[2];
-        ASSERT_EQ(0, pipe2(nPipe, O_CLOEXEC));
-        m_Log = CTestFd(nPipe[0]);
-        SpawnWithErrorsTo_i(CTestFd(nPipe[1]), arguments);
-        WaitForStart_i();
-    }
-
-    void SpawnWithErrorsTo_i(const CTestFd& aErrors, std::vector<std::string>& aArguments) {
-        std::vector<char*> arguments;
-        for (std::string& strArgument : aArguments)
-            arguments.push_back(strArgument.data());
-        arguments.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, aErrors.Get(), STDERR_FILENO);
-        EXPECT_EQ(0, posix_spawnp(&m_Pid, "setpriv", &actions, nullptr, arguments.data(), environ));
-        posix_spawn_file_actions_destroy(&actions);
-    }
-
-    // A line of its log shows that it has read the names.
-    void WaitForStart_i() const {
-        const std::string strRead = "read " + m_Dir.PathOf("names");
-        std::string strLog;
-        while (strLog.find(strRead) == std::string::npos) {
-            const std::string strPart = m_Log.Read();
-            ASSERT_NE("", strPart) << "dnsmasq does not start: " << strLog;
-            strLog += strPart;
-        }
-    }
-
     CCmTempDir m_Dir;
     const int m_nTtl;
     pid_t m_Pid = -1;
-    CTestFd m_Log;
 };

@@ -1,6 +1,5 @@
 #include "tests/support/dns_server.h"
 
-#include "talvo/transport/dns/dns_manager.h"
 #include "tests/support/dns_helpers.h"
 
 namespace {
@@ -29,13 +28,11 @@ TEST_F(DnsServerTest, AnswersAreKeptForTheirTimeAndAskedForAnewBehindIt) {
     ASSERT_EQ(CM_OK, Ask("one.test", pRecord));
     EXPECT_EQ(DWORD{TTL}, pRecord->GetTimeToLive());
 
-    m_Server.Kill();
     m_Server.Start("10.0.0.7 one.test\n");
     m_Clock.Advance(CCmTimeValue(TTL - 1));
     EXPECT_EQ("10.0.0.1", TextOf(Resolve("one.test")));
     EXPECT_EQ("10.0.0.7", TextOf(Resolve("one.test", TRUE)));
     EXPECT_EQ("10.0.0.7", TextOf(Resolve("one.test")));
-    m_Server.Kill();
     m_Server.Start("10.0.0.8 one.test\n");
     m_Clock.Advance(CCmTimeValue(TTL));
     EXPECT_EQ("10.0.0.8", TextOf(Resolve("one.test")));
@@ -94,4 +91,29 @@ TEST_F(DnsServerTest, ServersAndSearchDomainsComeFromTheResolverFile) {
     Configure();
     EXPECT_EQ(CCmDnsRecord::FAILED, Resolve("one.corp.test")->GetState());
     EXPECT_EQ(1u, trace.Count("not a list of servers, ignored. Servers=not an address"));
+}
+
+TEST_F(DnsServerTest, MoreNamesThanFitOnTheWireAreAllAnswered) {
+    CCmClock::Replace(nullptr);  // questions that were lost are asked again
+    m_Keys["TimeoutMs"] = "2000";
+    m_Keys["Tries"] = "10";
+    const auto addressOf = [](int aName) { return "10.0." + std::to_string(aName / 250) + "." + std::to_string(aName % 250); };
+    std::string strNames;
+    for (int i = 0; i < 1000; ++i)
+        strNames += addressOf(i) + " m" + std::to_string(i) + ".test\n";
+    Serve(strNames);
+    std::vector<CTestObserver> observers(1000);
+    for (int i = 0; i < 1000; ++i) {
+        DnsRecordPtr pRecord;
+        EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("m" + std::to_string(i) + ".test", pRecord, &observers[i]));
+        if (i == 500)
+            CCmDnsManager::Instance()->Refresh();  // what is under way begins anew, and each observer is still called once
+    }
+    for (int i = 0; i < 1000; ++i) {
+        RunUntil([&] { return !observers[i].m_Records.empty(); });
+        EXPECT_EQ(addressOf(i), TextOf(observers[i].m_Records[0]));
+    }
+    Settle();
+    for (const CTestObserver& observer : observers)
+        EXPECT_EQ(1u, observer.m_Records.size());
 }
