@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 
 #include "talvo/transport/udp/transport_udp.h"
+#include "tests/support/blocks.h"
 #include "tests/support/network_fixture.h"
 
 namespace {
@@ -15,13 +16,11 @@ protected:
         m_pTransport = Make();
         m_pTransport->GetPeer().SetHandle(dup(fdOurs.Get()));
         m_fdPeer = std::move(fdPeer);
+        Set(*m_pTransport, CM_OPT_TRANSPORT_SNDBUF, 65535);  // small, so that it is full soon
     }
     using CRefTransport = CCmRefPtrT<CCmTransportTcp>;
     virtual CRefTransport Make() { return new CCmTransportTcp(&m_Main.GetReactor()); }
-    void Open() {
-        Set(*m_pTransport, CM_OPT_TRANSPORT_SNDBUF, 65535);  // small, so that it is full soon
-        ASSERT_EQ(CM_OK, m_pTransport->OpenWithSink(&m_Sink));
-    }
+    void Open() { EXPECT_EQ(CM_OK, m_pTransport->OpenWithSink(&m_Sink)); }
     template <class Condition>
     void Until(Condition aCondition) const {
         RunUntil(m_Main.GetReactor(), aCondition);
@@ -52,35 +51,27 @@ protected:
 
     CMainThread m_Main;
     CTestSink m_Sink;
-    CCmRefPtrT<CCmTransportTcp> m_pTransport;
+    CRefTransport m_pTransport;
     CTestFd m_fdPeer;
 };
 
-// Puts every byte, turned over, into a record: its length, and as many bytes. One of no bytes is the end.
+// Puts what it sends into records: a length, and as many bytes. One of no bytes is the end.
 class CRecordTransport : public CCmTransportTcp {
 public:
     using CCmTransportTcp::CCmTransportTcp;
 
-    static std::string Encode(const std::string& aText) {
-        std::string strRecord(1, static_cast<char>(aText.size()));
-        for (const char c : aText)
-            strRecord += static_cast<char>(~c);
-        return strRecord;
-    }
-    // Takes the whole records off aRaw.
-    static std::string Decode(std::string& aRaw) {
+    static std::string Encode(const std::string& aText) { return static_cast<char>(aText.size()) + aText; }
+    // The text of the whole records at the start of aRaw, at most aMost of them; they are taken off.
+    static std::string Decode(std::string& aRaw, size_t aMost = std::string::npos) {
         std::string strText;
-        size_t st = 0;
-        for (; IsWhole(aRaw, st); st += static_cast<size_t>(aRaw[st]) + 1) {
-            for (const char c : aRaw.substr(st + 1, static_cast<size_t>(aRaw[st])))
-                strText += static_cast<char>(~c);
+        for (; aMost > 0 && IsWhole(aRaw); --aMost) {
+            const size_t stLength = static_cast<size_t>(aRaw[0]);
+            strText += aRaw.substr(1, stLength);
+            aRaw.erase(0, stLength + 1);
         }
-        aRaw.erase(0, st);
         return strText;
     }
-    static BOOL IsWhole(const std::string& aRaw, size_t aStart = 0) {
-        return aRaw.size() > aStart && aRaw.size() - aStart > static_cast<size_t>(aRaw[aStart]);
-    }
+    static BOOL IsWhole(const std::string& aRaw) { return !aRaw.empty() && aRaw.size() > static_cast<size_t>(aRaw[0]); }
 
 protected:
     // A record at a time, however much has come.
@@ -97,9 +88,7 @@ protected:
         aMore = TRUE;
         if (m_strIn[0] == 0)
             return IsEndTold_i() ? 0 : -1;
-        std::string strRecord = m_strIn.substr(0, static_cast<size_t>(m_strIn[0]) + 1);
-        m_strIn.erase(0, strRecord.size());
-        return static_cast<int>(Decode(strRecord).copy(aBuf, 127));
+        return static_cast<int>(Decode(m_strIn, 1).copy(aBuf, 127));
     }
     DWORD GetHeld_i() const override { return IsWhole(m_strIn) ? static_cast<DWORD>(m_strIn[0]) : 0; }
     void NoteEnd_i() override {
@@ -148,29 +137,10 @@ private:
 class LayerTest : public TransportTcpTest {
 protected:
     CRefTransport Make() override { return new CRecordTransport(&m_Main.GetReactor()); }
-    void Again() {
-        m_Sink.m_strReceived.clear();
-        m_Sink.m_nReceives = m_Sink.m_nSends = m_Sink.m_nDisconnects = 0;
-        SetUp();
-    }
-    // Pauses behind the first record of a burst that has left the socket.
-    void OpenAndPause(const std::string& aBurst) {
-        m_Sink.m_Receive = [this] { Pause(TRUE); };
-        Open();
-        m_fdPeer.Write(aBurst);
-        Until([&] { return m_Sink.m_nReceives == 1; });
-        m_Sink.m_Receive = [] {};
-        Settle();
-        EXPECT_EQ(1, m_Sink.Upcalls());
-    }
-    void Pause(BOOL aPause) { EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &aPause)); }
-    ECmFailureCause Cause() {
-        CCmFailure failure;
-        EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure));
-        return failure.GetCause();
-    }
+    ECmFailureCause Cause() { return Get<CCmFailure>(*m_pTransport, CM_OPT_TRANSPORT_LAST_FAILURE).GetCause(); }
 
-    const std::string m_strRecord = CRecordTransport::Encode(Pattern(100));
+    const std::string m_strText = Pattern(100), m_strRecord = CRecordTransport::Encode(m_strText);
+    const std::string m_strEnd = CRecordTransport::Encode("");
 };
 
 }  // namespace
@@ -179,25 +149,22 @@ protected:
 TEST(HomeReactorTest, NothingIsTouchedAfterTheEndOfTheThread) {
     CTestSink sink;
     CTestConnectSink connects;
-    CCmRefPtrT<ICmTransport> pTcp, pUdp;
+    CCmRefPtrT<CCmTransportTcp> pTcp;
+    CCmRefPtrT<CCmTransportUdp> pUdp;
     CCmRefPtrT<ICmAcceptor> pAcceptor;
     CCmRefPtrT<ICmConnector> pConnector;
-    CTestFd peer;
+    auto [fdOurs, fdPeer] = MakeTcpPair();
+    CCmThreadManager::Instance()->SetNetworkThreadMode(CCmThreadManager::NETWORK_THREAD_MAIN);
     {
         const CMainThread main;
-        auto [fdOurs, fdPeer] = MakeTcpPair();
-        const CCmRefPtrT<CCmTransportTcp> pTransport(new CCmTransportTcp(&main.GetReactor()));
-        pTransport->GetPeer().SetHandle(dup(fdOurs.Get()));
-        pTcp = pTransport.Get();
-        peer = std::move(fdPeer);
-        EXPECT_EQ(CM_OK, pTcp->OpenWithSink(&sink));
-        const CCmRefPtrT<CCmTransportUdp> pDatagrams(new CCmTransportUdp(&main.GetReactor()));
-        pDatagrams->GetPeer().Open(Loopback());
-        pUdp = pDatagrams.Get();
-        EXPECT_EQ(CM_OK, pUdp->OpenWithSink(&sink));
-        CCmThreadManager::Instance()->SetNetworkThreadMode(CCmThreadManager::NETWORK_THREAD_MAIN);
-        CCmConnectionManager::Instance()->CreateConnectionServer(1, pAcceptor.ParaOut());
-        CCmConnectionManager::Instance()->CreateConnectionClient(1, pConnector.ParaOut());
+        pTcp = new CCmTransportTcp(&main.GetReactor());
+        pTcp->GetPeer().SetHandle(dup(fdOurs.Get()));
+        pUdp = new CCmTransportUdp(&main.GetReactor());
+        pUdp->GetPeer().Open(Loopback());
+        for (ICmTransport* pEach : {static_cast<ICmTransport*>(pTcp.Get()), static_cast<ICmTransport*>(pUdp.Get())})
+            EXPECT_EQ(CM_OK, pEach->OpenWithSink(&sink));
+        pAcceptor = CTestNetwork::MakeAcceptor();
+        pConnector = CTestNetwork::MakeConnector();
         EXPECT_EQ(CM_OK, pAcceptor->StartListen(&connects, Loopback()));
         CCmConnectionManager::CleanupInstance();
     }
@@ -220,33 +187,23 @@ TEST(HomeReactorTest, NothingIsTouchedAfterTheEndOfTheThread) {
     EXPECT_EQ("", CCmLiveCounter::Dump());
 }
 
-TEST_F(TransportTcpTest, ReceivesExactlyOneBufferAndMore) {
-    const std::string strData = Pattern(16384);
-    m_fdPeer.Write(strData);
-    Open();
-    Until([&] { return m_Sink.m_strReceived.size() == 16384; });
-    EXPECT_EQ(strData, m_Sink.m_strReceived);
-    const int nReceives = m_Sink.m_nReceives;
-    Settle();
-    EXPECT_EQ(nReceives, m_Sink.Upcalls());
-    m_fdPeer.Write("more");
-    Until([&] { return m_Sink.m_strReceived == strData + "more"; });
-}
-
 TEST_F(TransportTcpTest, ReadsAsMuchAsItIsAskedTo) {
     EXPECT_EQ(16384u, Get<DWORD>(*m_pTransport, CM_OPT_TRANSPORT_READ_SIZE));
     for (DWORD dwWrong : {4095u, (1u << 20) + 1})
         EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pTransport->SetOption(CM_OPT_TRANSPORT_READ_SIZE, &dwWrong));
-    const std::string strData = Pattern(50000);
     Open();
-    for (const DWORD dwRight : {4096u, 1u << 20, 20000u}) {
+    for (const DWORD dwRight : {16384u, 4096u, 1u << 20, 20000u}) {
         Set(*m_pTransport, CM_OPT_TRANSPORT_READ_SIZE, dwRight);
-        const int nBefore = m_Sink.m_nReceives;
-        m_Sink.m_strReceived.clear();
-        m_fdPeer.Write(strData);
-        YieldUntil([&] { return Get<int>(*m_pTransport, CM_OPT_TRANSPORT_FIO_NREAD) == 50000; });
-        Until([&] { return m_Sink.m_strReceived == strData; });
-        EXPECT_EQ(static_cast<int>((50000 + dwRight - 1) / dwRight), m_Sink.m_nReceives - nBefore);
+        for (const int nSize : {16384, 50000}) {  // the first fills one or four buffers exactly
+            const std::string strData = Pattern(static_cast<size_t>(nSize));
+            m_Sink.m_Received.clear();
+            m_Sink.m_strReceived.clear();
+            m_fdPeer.Write(strData);
+            YieldUntil([&] { return Get<int>(*m_pTransport, CM_OPT_TRANSPORT_FIO_NREAD) == nSize; });
+            Until([&] { return m_Sink.m_strReceived == strData; });
+            Settle();
+            EXPECT_EQ((strData.size() + dwRight - 1) / dwRight, m_Sink.m_Received.size());
+        }
     }
 }
 
@@ -263,16 +220,15 @@ TEST_F(TransportTcpTest, FullSocketGivesOneOnSend) {
         EXPECT_EQ(5000u, block.GetChainedLength());
     }
     Settle();
-    EXPECT_EQ(0, m_Sink.m_nSends);
+    EXPECT_EQ("", m_Sink.Take());
     PeerReads(dwFilled);
     Until([&] { return m_Sink.m_nSends > 0; });
     Settle();
-    EXPECT_EQ(1, m_Sink.m_nSends);
     EXPECT_EQ(CM_OK, m_pTransport->SendData(block, &para));
     EXPECT_EQ(strData, PeerReads(5000));
     m_fdPeer.Write("x");  // its report says again that there is room
     Until([&] { return m_Sink.m_nReceives > 0; });
-    EXPECT_EQ(1, m_Sink.m_nSends);
+    EXPECT_EQ("send, receive x", m_Sink.Take());
 }
 
 // With bytes of the peer unread: a socket closed now would answer the next ones with a reset.
@@ -293,23 +249,17 @@ TEST_F(TransportTcpTest, ChainBeyondSixtyFourPiecesGetsItsOnSend) {
     Open();
     Settle();  // the first write readiness is past: no other comes by itself
     const std::string strData = Pattern(150);
-    std::vector<std::unique_ptr<CCmMessageBlock>> blocks;
-    for (const char& c : strData) {
-        blocks.push_back(std::make_unique<CCmMessageBlock>(1, &c, CCmMessageBlock::DONT_DELETE, 1));
-        if (blocks.size() > 1)
-            blocks.front()->Append(blocks.back().get());
-    }
-    CCmTransportParameter para;
+    const CCmChainPtr pChain = MakeChain(strData, [] { return 1; });
     std::vector<DWORD> sent;
     m_Sink.m_Send = [&] {
-        m_pTransport->SendData(*blocks.front(), &para);
+        CCmTransportParameter para;
+        m_pTransport->SendData(*pChain, &para);
         sent.push_back(para.m_dwHaveSent);
     };
-    EXPECT_EQ(CM_ERROR_PARTIAL_DATA, m_pTransport->SendData(*blocks.front(), &para));
-    EXPECT_EQ(64u, para.m_dwHaveSent);
+    m_Sink.m_Send();
     EXPECT_EQ(strData, PeerReads(150));
     Settle();
-    EXPECT_EQ((std::vector<DWORD>{64, 22}), sent);
+    EXPECT_EQ((std::vector<DWORD>{64, 64, 22}), sent);
 }
 
 TEST_F(TransportTcpTest, OpeningAgainChangesTheSinkAndDisconnectEndsUpcalls) {
@@ -330,27 +280,23 @@ TEST_F(TransportTcpTest, OpeningAgainChangesTheSinkAndDisconnectEndsUpcalls) {
 }
 
 TEST_F(TransportTcpTest, ReleaseInsideEachUpcall) {
-    const auto release = [this] { m_pTransport.Reset(); };
-    const HANDLE fd = m_pTransport->GetHandle();
-    m_Sink.m_Receive = release;
-    Open();
-    m_fdPeer.Write(Pattern(40000));  // more than one buffer: the loop would go on reading
-    Until([&] { return m_Sink.m_nReceives > 0; });
-    EXPECT_EQ(-1, fcntl(fd, F_GETFD)) << "the socket is open after the last release";
-    Settle();
-    EXPECT_EQ(1, m_Sink.Upcalls());
-
-    SetUp();
-    m_Sink.m_Send = release;
-    Open();
-    PeerReads(Fill());
-    Until([&] { return m_Sink.m_nSends > 0; });
-    SetUp();
-    m_Sink.m_Disconnect = release;
-    Open();
-    m_fdPeer.Close();
-    Until([&] { return m_Sink.m_nDisconnects > 0; });
-    Settle();
+    for (const auto upcall : {&CTestSink::m_Receive, &CTestSink::m_Send, &CTestSink::m_Disconnect}) {
+        SetUp();
+        CTestSink sink;
+        sink.*upcall = [this] { m_pTransport.Reset(); };
+        const HANDLE fd = m_pTransport->GetHandle();
+        EXPECT_EQ(CM_OK, m_pTransport->OpenWithSink(&sink));
+        if (upcall == &CTestSink::m_Receive)
+            m_fdPeer.Write(Pattern(40000));  // more than one buffer: the loop would go on reading
+        else if (upcall == &CTestSink::m_Send)
+            PeerReads(Fill());
+        else
+            m_fdPeer.Close();
+        Until([&] { return !m_pTransport; });
+        EXPECT_EQ(-1, fcntl(fd, F_GETFD)) << "the socket is open after the last release";
+        Settle();
+        EXPECT_EQ(1, sink.Upcalls());
+    }
     EXPECT_EQ(std::string::npos, CCmLiveCounter::Dump().find("CCmTransportTcp"));
 }
 
@@ -405,68 +351,63 @@ TEST_F(TransportTcpTest, DetachedSocketStaysOpenAndSilent) {
     EXPECT_EQ("y", PeerReads(1));
 }
 
-// The socket has nothing more to report when the pause ends, then it has the end besides, and then the end of both sides.
+// Behind the first record of a burst that has left the socket. The socket has nothing more to report when the pause ends, then
+// it has the end besides, and then the end of both sides.
 TEST_F(LayerTest, WhatALayerHoldsComesBehindThePauseAndBeforeTheEnd) {
-    const std::string strEnd = CRecordTransport::Encode("");
-    for (const std::string& strRest : {std::string(), strEnd, m_strRecord.substr(0, 50)}) {
+    for (const std::string& strRest : {std::string(), m_strEnd, m_strRecord.substr(0, 50)}) {
         for (int nEnds = 0; nEnds < 3; ++nEnds) {
-            Again();
-            OpenAndPause(m_strRecord + m_strRecord + m_strRecord + (nEnds > 0 ? strRest : ""));
-            BOOL bAlive = FALSE, bEnd = TRUE;
-            int nUnread = 0;
+            SetUp();
+            CTestSink sink;
+            sink.m_Receive = [&] { Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, BOOL{sink.m_nReceives == 1}); };
+            EXPECT_EQ(CM_OK, m_pTransport->OpenWithSink(&sink));
+            m_fdPeer.Write(m_strRecord + m_strRecord + m_strRecord + (nEnds > 0 ? strRest : ""));
+            Until([&] { return sink.m_nReceives == 1; });
             if (nEnds == 2) {
-                EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_END_SENDING, &bEnd));
-                EXPECT_EQ(strEnd, PeerReads(1));
+                Set(*m_pTransport, CM_OPT_TRANSPORT_END_SENDING, TRUE);
+                EXPECT_EQ(m_strEnd, PeerReads(1));
             }
             if (nEnds > 0)
                 m_fdPeer.Close();
             Settle();
-            EXPECT_EQ(1, m_Sink.Upcalls());
-            EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_SOCK_ALIVE, &bAlive));
-            EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_FIO_NREAD, &nUnread));
-            EXPECT_TRUE(bAlive && nUnread == 100);
-            Pause(FALSE);
-            Until([&] { return m_Sink.m_strReceived == Pattern(100) + Pattern(100) + Pattern(100); });
-            if (nEnds == 0)
-                continue;
-            Until([&] { return m_Sink.m_nDisconnects == 1; });
-            EXPECT_EQ(strRest == strEnd ? CM_FAILURE_NONE : CM_FAILURE_PROTOCOL, Cause());
+            EXPECT_EQ("receive " + m_strText, sink.Take());
+            EXPECT_TRUE(Get<BOOL>(*m_pTransport, CM_OPT_TRANSPORT_SOCK_ALIVE));
+            EXPECT_EQ(100, Get<int>(*m_pTransport, CM_OPT_TRANSPORT_FIO_NREAD));
+            Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
+            Until([&] { return sink.Upcalls() == (nEnds > 0 ? 4 : 3); });
+            EXPECT_EQ("receive " + m_strText + m_strText + (nEnds > 0 ? ", disconnect 20001" : ""), sink.Take());
+            EXPECT_EQ(nEnds == 0 || strRest == m_strEnd ? CM_FAILURE_NONE : CM_FAILURE_PROTOCOL, Cause());
         }
     }
 }
 
 // Without the end of the socket, and told of where it is asked for.
 TEST_F(LayerTest, TheEndOfALayerIsThePeersEnd) {
-    const std::string strSent = m_strRecord + CRecordTransport::Encode("");
-    for (BOOL bTold : {FALSE, TRUE}) {
-        Again();
-        EXPECT_EQ(CM_OK, m_pTransport->SetOption(CM_OPT_TRANSPORT_TELL_END, &bTold));
-        Open();
-        for (const char c : strSent) {
+    for (const BOOL bTold : {FALSE, TRUE}) {
+        SetUp();
+        Set(*m_pTransport, CM_OPT_TRANSPORT_TELL_END, bTold);
+        CTestSink sink(*m_pTransport);
+        for (const char c : m_strRecord + m_strEnd) {
             m_fdPeer.Write(std::string(1, c));
             Settle();
         }
-        Until([&] { return m_Sink.m_nReceives == (bTold ? 2 : 1) && m_Sink.m_nDisconnects == (bTold ? 0 : 1); });
-        EXPECT_EQ(Pattern(100), m_Sink.m_strReceived);
+        Until([&] { return sink.Upcalls() == 2; });
+        EXPECT_EQ("receive " + m_strText + (bTold ? "" : ", disconnect 20001"), sink.Take());
+        EXPECT_EQ(bTold, SendText(*m_pTransport, "answer") == CM_OK);
     }
-    EXPECT_EQ(CM_OK, SendText(*m_pTransport, "answer"));
-    std::string strRaw;
-    Until([&] { return (strRaw += m_fdPeer.Read()).size() == 7; });
-    EXPECT_EQ("answer", CRecordTransport::Decode(strRaw));
+    EXPECT_EQ(CRecordTransport::Encode("answer"), PeerReads(7));
 }
 
 TEST_F(LayerTest, WhatALayerHasTakenGoesOutByItself) {
     enum { GOES_ON, ENDS_SENDING, DISCONNECTS };
     for (const int nEnd : {GOES_ON, ENDS_SENDING, DISCONNECTS}) {
-        Again();
-        Open();
+        SetUp();
+        CTestSink sink(*m_pTransport);
         const DWORD dwTaken = Fill();
-        int nUnacknowledged = 0, nQueued = 0, nEndSending = TRUE;
-        EXPECT_EQ(CM_OK, m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &nUnacknowledged));
+        int nQueued = 0;
         EXPECT_EQ(0, m_pTransport->GetPeer().Control(TIOCOUTQ, &nQueued));
-        EXPECT_GT(nUnacknowledged, nQueued);
+        EXPECT_GT(Get<int>(*m_pTransport, CM_OPT_TRANSPORT_UNACKNOWLEDGED), nQueued);
         if (nEnd == ENDS_SENDING)
-            m_pTransport->SetOption(CM_OPT_TRANSPORT_END_SENDING, &nEndSending);
+            Set(*m_pTransport, CM_OPT_TRANSPORT_END_SENDING, TRUE);
         if (nEnd == DISCONNECTS)
             m_pTransport->Disconnect(CM_OK);
         std::string strRaw;
@@ -474,6 +415,6 @@ TEST_F(LayerTest, WhatALayerHasTakenGoesOutByItself) {
         EXPECT_EQ(nEnd != GOES_ON, strRaw.ends_with('\0'));
         EXPECT_EQ(std::string(dwTaken, 'f'), CRecordTransport::Decode(strRaw));
         Settle();
-        EXPECT_EQ(nEnd == DISCONNECTS ? 0 : 1, m_Sink.m_nSends);
+        EXPECT_EQ(nEnd == DISCONNECTS ? "" : "send", sink.Take());
     }
 }
