@@ -147,33 +147,31 @@ TEST_F(FailureTest, TransportsTellWhoLeftAndWhy) {
             CTestConnectSink connected;
             CCmInetAddr addr;
             const auto pAcceptor = m_Network.Listen(connected, addr, dwType);
-            CTestFd peer = ConnectPlain(addr);
-            sockaddr_in own{};
-            socklen_t length = sizeof own;
-            EXPECT_EQ(0, getsockname(peer.Get(), reinterpret_cast<sockaddr*>(&own), &length));
+            CTestFd peer = MakeTcpSocket();
+            const std::string strPeer = TextOf(Bind(peer));
+            EXPECT_EQ(-1, connect(peer.Get(), reinterpret_cast<const sockaddr*>(addr.GetPtr()), addr.GetSize()));
             m_Network.RunUntil([&] { return connected.Count() == 1; });
             ICmTransport& transport = *connected.m_Transports[0];
-            CTestSink sink;
+            CTestSink sink(transport);
+            EXPECT_FALSE(FailureOf(transport));
             CCmFailure failure;
             sink.m_Disconnect = [&] {
                 WithoutTheNetworkThread([&] {
                     failure = FailureOf(transport);
-                    EXPECT_EQ(TextOf(CCmInetAddr(own)), AddressOf(transport, CM_OPT_TRANSPORT_PEER_ADDR));
+                    EXPECT_EQ(strPeer, AddressOf(transport, CM_OPT_TRANSPORT_PEER_ADDR));
                     EXPECT_EQ(TextOf(addr), AddressOf(transport, CM_OPT_TRANSPORT_LOCAL_ADDR));
                 });
             };
-            EXPECT_EQ(CM_OK, transport.OpenWithSink(&sink));
-            EXPECT_FALSE(FailureOf(transport));
             const linger hard{bReset, 0};
             EXPECT_EQ(0, setsockopt(peer.Get(), SOL_SOCKET, SO_LINGER, &hard, sizeof hard));
-            peer = CTestFd();
+            peer.Close();
             m_Network.RunUntil([&] { return sink.m_nDisconnects == 1; });
-            EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, sink.m_Reason);
+            EXPECT_EQ("disconnect 20001", sink.Take());
             EXPECT_EQ(bReset ? ECONNRESET : 0, failure.GetErrno());
             EXPECT_EQ(bReset, trace.Contains("CCmTransportTcp::OnClose, the connection has failed."));
             EXPECT_EQ(!bReset, trace.Contains("CCmTransportTcp::OnClose, the peer has closed in good order."));
             EXPECT_EQ(failure.ToString(), FailureOf(transport).ToString());
-            EXPECT_EQ(TextOf(CCmInetAddr(own)), AddressOf(transport, CM_OPT_TRANSPORT_PEER_ADDR));
+            EXPECT_EQ(strPeer, AddressOf(transport, CM_OPT_TRANSPORT_PEER_ADDR));
         }
     }
 }
@@ -208,17 +206,16 @@ TEST_F(FailureTest, NothingIsTakenBehindTheEndOfSending) {
     const auto pProxy = m_Network.ConnectTo(peer);
     CTestSink sink(*pProxy);
     Set(*pProxy, CM_OPT_TRANSPORT_END_SENDING, TRUE);
-    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(*pProxy, "late"));
-    EXPECT_EQ(CM_OK, SendText(*pProxy, ""));
-    auto* pInner = Get<ICmTransport*>(*pProxy, CM_OPT_TRANSPORT_INNER_TRANSPORT);
-    m_Network.InNetwork([&] {
-        EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(*pInner, "late"));
-        EXPECT_EQ(CM_OK, SendText(*pInner, ""));
-    });
+    const auto expectRefused = [](ICmTransport& aTransport) {
+        EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(aTransport, "late"));
+        EXPECT_EQ(CM_OK, SendText(aTransport, ""));
+    };
+    expectRefused(*pProxy);
+    m_Network.InNetwork([&] { expectRefused(*Get<ICmTransport*>(*pProxy, CM_OPT_TRANSPORT_INNER_TRANSPORT)); });
     std::string strRead;
     m_Network.RunUntil([&] { return ReadToEnd(peer, strRead); });
     EXPECT_EQ("", strRead);
     peer.Write("receiving goes on");
-    m_Network.RunUntil([&] { return sink.m_strReceived == "receiving goes on"; });
-    EXPECT_EQ(0, sink.m_nDisconnects);
+    m_Network.RunUntil([&] { return sink.Upcalls() > 0; });
+    EXPECT_EQ("receive receiving goes on", sink.Take());
 }

@@ -107,17 +107,13 @@ TEST_F(HandshakeTest, IndicatesBehindTheLastByteAndDeliversWhatWasReadTooFar) {
             client.Write(strSent.substr(stSingle));
             client.Close();
             m_Network.RunUntil([&] { return m_Sink.Count() > stBefore; });
-            CTestSink sink;
             ICmTransport& transport = *m_Sink.m_Transports.back();
-            BOOL bPause = bPaused;
-            EXPECT_EQ(CM_OK, transport.SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
-            EXPECT_EQ(CM_OK, transport.OpenWithSink(&sink));
-            if (bPaused) {
+            Set(transport, CM_OPT_TRANSPORT_PAUSE_READING, bPaused);
+            CTestSink sink(transport);
+            for (int i = 0; bPaused && i < 3; ++i)
                 m_Network.RunPosted();
-                EXPECT_EQ(0, sink.Upcalls());
-                bPause = FALSE;
-                EXPECT_EQ(CM_OK, transport.SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause));
-            }
+            EXPECT_EQ("", sink.Take());
+            Set(transport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
             m_Network.RunUntil([&] { return sink.m_nDisconnects == 1; });
             EXPECT_EQ(strSent.substr(10), sink.m_strReceived);
         }
@@ -132,7 +128,6 @@ TEST_F(HandshakeTest, AFailedOneIsClosedWithALineAndNeverIndicated) {
     CTestFd gone = Greeted();
     wrong.Write("HELLO");
     UntilClosed(wrong);
-    EXPECT_TRUE(trace.Contains("no such greeting"));
     gone.Write("hell");
     gone.Close();
     m_Network.RunUntil([&] { return trace.Contains("the peer has closed during the handshake"); });
@@ -140,7 +135,7 @@ TEST_F(HandshakeTest, AFailedOneIsClosedWithALineAndNeverIndicated) {
     EXPECT_FALSE(IsClosed(silent));
     clock.Advance(CCmTimeValue(0, 200000));
     UntilClosed(silent);
-    EXPECT_TRUE(trace.Contains("the time for the handshake has passed"));
+    EXPECT_TRUE(trace.Contains("no such greeting") && trace.Contains("the time for the handshake has passed"));
     EXPECT_EQ(3u, trace.Count(LINE));
     EXPECT_EQ(0u, m_Sink.Count());
 }
@@ -194,15 +189,12 @@ TEST_F(HandshakeTest, AConnectorReportsItsEnd) {
             peer.Write(strAnswer);
         CTestSink received;
         sink.m_Indicated = [&] {
-            for (const auto& pTransport : sink.m_Transports)
-                EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&received));
+            if (!sink.m_Transports.empty())
+                sink.m_Transports[0]->OpenWithSink(&received);
         };
         m_Network.RunUntil([&] { return received.m_strReceived == ", and data" || ReadToEnd(peer, strRead); });
-        CCmFailure failure;
-        EXPECT_EQ(CM_OK, cm_get_connect_options(pConnector.Get())->GetOption(CM_OPT_CONNECT_FAILURE, &failure));
-        EXPECT_EQ(cause, failure.GetCause());
+        EXPECT_EQ(cause, Get<CCmFailure>(*cm_get_connect_options(pConnector.Get()), CM_OPT_CONNECT_FAILURE).GetCause());
         EXPECT_EQ(strAnswer == "cancel" ? 0u : 1u, sink.Count());
-        EXPECT_EQ(strAnswer.size() > 6, received.m_nReceives == 1);
     }
 }
 

@@ -4,44 +4,45 @@
 TEST(ProxyThreadEndTest, NetworkThreadFirst) {
     CTestNetwork network;
     CTestFd peer;
-    CTestSink sink;
     const auto pProxy = network.ConnectTo(peer);
-    pProxy->OpenWithSink(&sink);
+    CTestSink sink(*pProxy);
     CTestConnectSink indications;
     CCmInetAddr addr;
     const auto pAcceptor = network.Listen(indications, addr);
     const auto pConnector = network.MakeConnector();
     network.EndNetworkThread();
 
-    network.RunUntil([&] { return sink.m_nDisconnects == 1; });
+    pConnector->AsycConnect(&indications, addr);
+    EXPECT_EQ(0u, indications.Count());
+    network.RunUntil([&] { return sink.m_nDisconnects + indications.Count() == 2; });
     EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, sink.m_Reason);
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, indications.m_Reasons.at(0));
     std::string strRead;
     EXPECT_TRUE(ReadToEnd(peer, strRead));
+    EXPECT_EQ(CM_ERROR_NULL_POINTER, SendText(*pProxy, "x"));
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, pAcceptor->GetListenAddr(addr));
     EXPECT_EQ(CM_OK, pAcceptor->StopListen(CM_OK));
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, pAcceptor->StartListen(&indications, addr));
-    EXPECT_EQ(CM_ERROR_NULL_POINTER, SendText(*pProxy, "x"));
-    pConnector->AsycConnect(&indications, addr);
-    EXPECT_EQ(0u, indications.Count());
-    network.RunUntil([&] { return indications.Count() == 1; });
-    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, indications.m_Reasons.at(0));
 }
 
 TEST(ProxyThreadEndTest, WhatLingersGoesOutBeforeTheNetworkThreadEnds) {
     for (const auto mode : {CCmThreadManager::NETWORK_THREAD_OWN, CCmThreadManager::NETWORK_THREAD_MAIN}) {
-        CTestNetwork network(mode);
-        CTestFd peer;
-        auto pProxy = network.ConnectTo(peer, 4096, CCmConnectionManager::CTYPE_FORCE_THREAD_PROXY | 1);
-        const std::string strData = Pattern(900 * 1024);
-        EXPECT_EQ(CM_OK, SendText(*pProxy, strData));
-        EXPECT_EQ(CM_OK, pProxy->Disconnect(CM_OK));
-        CCmThreadManager::Instance()->StopAllThreads();
-        std::string strRead;
-        std::thread reader([&] { YieldUntil([&] { return ReadToEnd(peer, strRead); }); });
-        CCmThreadManager::Instance()->JoinAllThreads();
-        reader.join();
-        EXPECT_TRUE(strData == strRead) << strRead.size();
-        pProxy.Reset();
+        for (const BOOL bDisconnect : {TRUE, FALSE}) {  // a transport that was never opened keeps its word, too
+            CTestNetwork network(mode);
+            CTestFd peer;
+            auto pProxy = network.ConnectTo(peer, 4096, CCmConnectionManager::CTYPE_FORCE_THREAD_PROXY | 1);
+            const std::string strData = Pattern(900 * 1024);
+            EXPECT_EQ(CM_OK, SendText(*pProxy, strData));
+            if (bDisconnect)
+                pProxy->Disconnect(CM_OK);
+            std::thread([&] { pProxy.Reset(); }).join();  // any thread may release it
+            CCmThreadManager::Instance()->StopAllThreads();
+            std::string strRead;
+            std::thread reader([&] { YieldUntil([&] { return ReadToEnd(peer, strRead); }); });
+            CCmThreadManager::Instance()->JoinAllThreads();
+            reader.join();
+            EXPECT_TRUE(strData == strRead) << strRead.size();
+        }
     }
 }
 
@@ -97,34 +98,30 @@ TEST(ProxyThreadEndTest, NetworkThreadComesBackAfterItWasGivenUp) {
 
 TEST(ProxyThreadEndTest, UserThreadFirst) {
     CTestNetwork network;
+    CScopedThread user(CScopedThread::TASK);
     CCmRefPtrT<ICmAcceptor> pAcceptor;
     CCmRefPtrT<ICmConnector> pConnector;
     CTestConnectSink indications;
-    CTestSink sink;
+    std::unique_ptr<CTestSink> pSink;
     CCmInetAddr addr;
     const CTestListener listener;
     CCmEventThread connected;
-    {
-        CScopedThread user(CScopedThread::TASK);
-        indications.m_Indicated = [&] {
-            indications.m_Transports.at(0)->OpenWithSink(&sink);
-            connected.Signal();
-        };
-        RunIn(user->GetLink(), [&] {
-            pAcceptor = network.Listen(indications, addr);
-            pConnector = network.MakeConnector();
-            pConnector->AsycConnect(&indications, listener.Addr());
-        });
-        connected.Wait();
-    }
-    const CTestFd peer = listener.Accept();
-    // Whoever connects now finds nobody; what arrives for the dead thread closes its connection.
-    const CTestFd late = ConnectPlain(addr);
+    indications.m_Indicated = [&] {
+        pSink = std::make_unique<CTestSink>(*indications.m_Transports.at(0));
+        connected.Signal();
+    };
+    RunIn(user->GetLink(), [&] {
+        pAcceptor = network.Listen(indications, addr);
+        pConnector = network.MakeConnector();
+        pConnector->AsycConnect(&indications, listener.Addr());
+    });
+    connected.Wait();
+    user.End();
+    // A connect is now closed without a sink; data for the dead thread closes its connection.
+    const CTestFd peer = listener.Accept(), late = ConnectPlain(addr);
     std::string strLate;
     YieldUntil([&] { return ReadToEnd(late, strLate); });
     YieldUntil([&] { return send(peer.Get(), "x", 1, MSG_NOSIGNAL) == -1 && errno != EAGAIN; });
-    EXPECT_EQ(0, sink.Upcalls());
-    EXPECT_EQ(1u, indications.Count());
     EXPECT_EQ(CM_ERROR_NULL_POINTER, SendText(*indications.m_Transports[0], "x"));
     // A third thread may release them, and a connector of two dead threads does nothing.
     std::thread([&] {
@@ -135,6 +132,7 @@ TEST(ProxyThreadEndTest, UserThreadFirst) {
     pConnector->CancelConnect();
     pConnector->AsycConnect(&indications, addr);
     network.RunPosted();
+    EXPECT_EQ(0, pSink->Upcalls());
     EXPECT_EQ(1u, indications.Count());
 }
 

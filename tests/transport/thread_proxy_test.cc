@@ -1,4 +1,3 @@
-#include "talvo/transport/thread_proxy/transport_thread_proxy.h"
 #include "tests/support/proxy_fixture.h"
 
 namespace {
@@ -60,34 +59,6 @@ TEST_F(ThreadProxyTest, SendingOfSingleBytesIsBoundedByTheirBlocks) {
     }
 }
 
-// Also while the peer goes on writing: a close with bytes of the peer that nobody reads resets the connection.
-TEST_F(ThreadProxyTest, AcceptedDataGoesOutBeforeTheClose) {
-    for (const BOOL bRelease : {FALSE, TRUE}) {  // a transport that was never opened keeps its word, too
-        CTestFd peer;
-        CTestSink sink;
-        auto pProxy = m_Network.ConnectTo(peer, 4096);
-        const std::string strData = Pattern(900 * 1024);
-        if (!bRelease) {
-            EXPECT_EQ(CM_OK, pProxy->OpenWithSink(&sink));
-            Set(*pProxy, CM_OPT_TRANSPORT_PAUSE_READING, TRUE);
-        }
-        EXPECT_EQ(CM_OK, SendText(*pProxy, strData));
-        if (!bRelease)
-            pProxy->Disconnect(CM_OK);
-        std::thread([&] { pProxy.Reset(); }).join();  // any thread may release it
-        std::string strRead;
-        YieldUntil([&] {
-            m_Clock.Advance(CCmTimeValue(0, 1000));  // the library looks from time to time whether all has gone
-            m_Network.InNetwork([] {});              // the system is filled up again: reading is slower than sending
-            strRead += peer.Read(1024);
-            return strRead.size() == strData.size() || (send(peer.Get(), "unread", 6, MSG_NOSIGNAL) == -1 && errno != EAGAIN);
-        });
-        ReadToEnd(peer, strRead);  // writing ends with the close here; what has arrived before is there to be read
-        EXPECT_TRUE(strData == strRead);
-        EXPECT_EQ("", sink.Take());
-    }
-}
-
 // For what waits in the proxy, and for what the transport has not got rid of.
 TEST_F(ThreadProxyTest, LingeringIsBoundedAndOnlyForAnOrderlyEnd) {
     CFakeConnection broken(m_Network), orderly(m_Network), below(m_Network, MESSAGES), done(m_Network, MESSAGES);
@@ -115,38 +86,33 @@ TEST_F(ThreadProxyTest, LingeringIsBoundedAndOnlyForAnOrderlyEnd) {
 }
 
 TEST_F(ThreadProxyTest, NothingComesAfterDisconnectOrRelease) {
+    enum { NEITHER, DISCONNECT, RELEASE, RELEASE_IN_RECEIVE, RELEASE_IN_SEND, RELEASE_IN_DISCONNECT };
+    const std::pair<int, std::string> WAYS[] = {{NEITHER, "receive firstsecond, send, disconnect 20001"},
+                                                {DISCONNECT, ""},
+                                                {RELEASE, ""},
+                                                {RELEASE_IN_RECEIVE, "receive first"},
+                                                {RELEASE_IN_SEND, "receive firstsecond, send"},
+                                                {RELEASE_IN_DISCONNECT, "receive firstsecond, send, disconnect 20001"}};
     for (const DWORD dwLane : {STREAM, DATAGRAMS, MESSAGES}) {
-        for (const int nWay : {0, 1, 2}) {
+        for (const auto& [nWay, strUpcalls] : WAYS) {
             CFakeConnection connection(m_Network, dwLane);
             connection.Open();
-            connection.Fill();
-            connection.Receive("posted");
-            connection.MakeRoom();
-            connection.Lose();
-            if (nWay == 1)
-                connection.m_pProxy->Disconnect(CM_OK);
-            else if (nWay == 2)
-                connection.m_pProxy.Reset();
-            EXPECT_EQ(nWay == 0 ? "receive posted, send, disconnect 20001" : "", connection.TakeUpcalls()) << dwLane;
-        }
-    }
-}
-
-TEST_F(ThreadProxyTest, ReleaseInsideEachUpcall) {
-    for (const DWORD dwLane : {STREAM, DATAGRAMS, MESSAGES}) {
-        for (const std::string strLast :
-             {"receive first", "receive firstsecond, send", "receive firstsecond, send, disconnect 20001"}) {
-            CFakeConnection connection(m_Network, dwLane);
-            connection.Open();
-            const auto release = [&] { connection.m_pProxy.Reset(); };
-            CTestSink& sink = connection.m_Sink;
-            (strLast.ends_with('t') ? sink.m_Receive : strLast.ends_with('d') ? sink.m_Send : sink.m_Disconnect) = release;
             connection.Fill();
             connection.Receive("first");
             connection.Receive("second");
             connection.MakeRoom();
             connection.Lose();
-            EXPECT_EQ(strLast, connection.TakeUpcalls()) << dwLane;
+            const auto releaseIf = [&, nNow = nWay](int aWay) {
+                if (aWay == nNow)
+                    connection.m_pProxy.Reset();
+            };
+            connection.m_Sink.m_Receive = [&] { releaseIf(RELEASE_IN_RECEIVE); };
+            connection.m_Sink.m_Send = [&] { releaseIf(RELEASE_IN_SEND); };
+            connection.m_Sink.m_Disconnect = [&] { releaseIf(RELEASE_IN_DISCONNECT); };
+            releaseIf(RELEASE);
+            if (nWay == DISCONNECT)
+                connection.m_pProxy->Disconnect(CM_OK);
+            EXPECT_EQ(strUpcalls, connection.TakeUpcalls()) << dwLane;
         }
     }
 }
