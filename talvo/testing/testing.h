@@ -2,6 +2,7 @@
 #pragma once
 
 #include "talvo/testing/fake_clock.h"
+#include "talvo/testing/scripted_transport.h"
 #include "talvo/testing/sim_network.h"
 #include "talvo/testing/sim_seeds.h"
 #include "talvo/testing/trace_capture.h"
