@@ -110,6 +110,13 @@ void CCmInetAddr::SetOther_i(CCmRefPtrT<CAddrRecord> aRecord, WORD aPort) {
     m_pRecord = std::move(aRecord);
 }
 
+// With the record's own port.
+void CCmInetAddr::SetOther_i(CCmRefPtrT<CAddrRecord> aRecord) {
+    const sockaddr_in6* pIpv6 = aRecord->GetIpv6();
+    const WORD wPort = pIpv6 ? ntohs(pIpv6->sin6_port) : WORD{0};
+    SetOther_i(std::move(aRecord), wPort);
+}
+
 CmResult CCmInetAddr::Set_i(const char* aHostName, WORD aPort) {
     SetName_i(aHostName, aPort);
     return TryResolve();

@@ -12,6 +12,10 @@
 #include "talvo/base/result.h"
 #include "talvo/base/types.h"
 
+namespace talvo {
+class CAtomicAddr;
+}
+
 // An IPv4 or IPv6 address and a port in the form of the socket calls (network byte order), the path of a Unix socket, or a port
 // and a pending host name. The value is resolved if and only if no name is pending; while one is pending, the address field has
 // no meaning. If a look-up finds no address for the name, the value counts as resolved: the address is 255.255.255.255,
@@ -24,7 +28,6 @@ public:
     CCmInetAddr() = default;                           // 0.0.0.0, port 0
     CCmInetAddr(const char* aHostName, WORD aPort);    // as Set, without the result; throws if memory runs out
     explicit CCmInetAddr(const char* aIpAddrAndPort);  // likewise
-    explicit CCmInetAddr(const sockaddr_in& aAddr) : m_SockAddr(aAddr) {}
 
     CCmInetAddr(const talvo::CIpBytes& aIp, WORD aPort);  // no address: 0.0.0.0; throws if memory runs out
 
@@ -132,11 +135,13 @@ private:
     CmResult SetIp_i(const talvo::CIpBytes& aIp, WORD aPort);
     void SetIpv4_i(DWORD aIpAddr, WORD aPort);
     void SetOther_i(CCmRefPtrT<talvo::CAddrRecord> aRecord, WORD aPort);
+    void SetOther_i(CCmRefPtrT<talvo::CAddrRecord> aRecord);
     static CmResult Parse_i(std::string_view aHostAndPort, CCmInetAddr& aAddr, CCmString* aReason);
 
     // The socket address of a family other than IPv4, or null.
     const sockaddr* GetOther_i() const { return m_pRecord ? m_pRecord->GetPtr() : nullptr; }
 
+    friend class talvo::CAtomicAddr;
     friend CmResult cm_from_sockaddr(const sockaddr* aAddr, socklen_t aLength, CCmInetAddr& aOut);
 
     sockaddr_in m_SockAddr{AF_INET, 0, {0}, {}};  // of IPv4; of another family only the port

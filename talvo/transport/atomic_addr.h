@@ -7,20 +7,51 @@
 
 namespace talvo {
 
-// An address and a port, or none. One thread stores, any thread loads.
+// An address, or none, in the room of one pointer. One thread stores, any thread loads. An address that is not IPv4 is stored
+// once: a later Store has no effect, because another thread may still load the first one.
 class CAtomicAddr {
 public:
-    void Store(const CCmInetAddr& aAddr) { m_ullAddr = KNOWN | uint64_t{aAddr.GetIpAddrIn4Bytes()} << 16 | aAddr.GetPort(); }
+    CAtomicAddr() = default;
+    CAtomicAddr(const CAtomicAddr&) = delete;
+    CAtomicAddr& operator=(const CAtomicAddr&) = delete;
+    ~CAtomicAddr() {
+        if (CAddrRecord* pRecord = GetRecord())
+            pRecord->ReleaseReference();
+    }
+
+    void Store(const CCmInetAddr& aAddr) {
+        if (GetRecord())
+            return;
+        if (!aAddr.GetOther_i()) {
+            m_ullAddr = uint64_t{aAddr.GetIpAddrIn4Bytes()} << 17 | uint64_t{aAddr.GetPort()} << 1 | IPV4;
+            return;
+        }
+        aAddr.m_pRecord->AddReference();
+        m_ullAddr = reinterpret_cast<uintptr_t>(aAddr.m_pRecord.Get());
+    }
+
     // FALSE, with 0.0.0.0:0 in aAddr (out): no address was stored.
     BOOL Load(CCmInetAddr& aAddr) const {
         const uint64_t ullAddr = m_ullAddr;
-        aAddr.SetIpAddrBy4Bytes(static_cast<DWORD>(ullAddr >> 16));
-        aAddr.SetPort(static_cast<WORD>(ullAddr));
+        if (CAddrRecord* pRecord = GetRecord())
+            aAddr.SetOther_i(pRecord);
+        else
+            aAddr.SetIpv4_i(static_cast<DWORD>(ullAddr >> 17), static_cast<WORD>(ullAddr >> 1));
         return ullAddr != 0;
     }
 
+    BOOL IsPath() const {
+        const CAddrRecord* pRecord = GetRecord();
+        return pRecord && pRecord->GetPtr()->sa_family == AF_UNIX;
+    }
+
 private:
-    static constexpr uint64_t KNOWN = uint64_t{1} << 48;
+    static constexpr uint64_t IPV4 = 1;  // not set in the address of a record
+
+    CAddrRecord* GetRecord() const {
+        const uint64_t ullAddr = m_ullAddr;
+        return ullAddr & IPV4 ? nullptr : reinterpret_cast<CAddrRecord*>(static_cast<uintptr_t>(ullAddr));
+    }
 
     std::atomic<uint64_t> m_ullAddr{0};
 };

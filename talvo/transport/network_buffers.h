@@ -39,8 +39,8 @@ struct CDatagramBuffers {
 
     char m_Slots[BATCH][SLOT];
     iovec m_Iov[BATCH];
-    sockaddr_in m_From[BATCH];
-    mmsghdr m_Received[BATCH];  // each over its slot and address
+    sockaddr_in6 m_From[BATCH];  // of either family
+    mmsghdr m_Received[BATCH];   // each over its slot and address
     mmsghdr m_Sent[BATCH];
 };
 

@@ -20,6 +20,22 @@ int Resumed(Call aCall) {
     }
 }
 
+// aCall fills a socket address in; its result.
+template <class Call>
+int WithAddr(CCmInetAddr& aAddr, Call aCall) {
+    sockaddr_storage storage;
+    socklen_t length = sizeof storage;
+    auto* pAny = reinterpret_cast<sockaddr*>(&storage);
+    const int nRv = aCall(pAny, &length);
+    if (nRv == -1)
+        return -1;
+    const CmResult rv = cm_from_sockaddr(pAny, length, aAddr);
+    if (rv == CM_OK)
+        return nRv;
+    errno = rv == CM_ERROR_OUT_OF_MEMORY ? ENOMEM : EAFNOSUPPORT;
+    return -1;
+}
+
 msghdr MessageOf(const iovec* aIov, DWORD aCount) {
     msghdr message{};
     message.msg_iov = const_cast<iovec*>(aIov);  // sending does not write to it
@@ -57,12 +73,19 @@ int CCmSocketBase::Open(int aFamily, int aType, int aProtocol, BOOL aReuseAddr) 
     if (m_Handle == CM_INVALID_HANDLE)
         return -1;
     const int nOn = 1;
-    if (aFamily == AF_UNIX || !aReuseAddr || SetOption(SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof nOn) == 0)
+    const int nOff = 0;  // whatever the system's default is
+    const bool bBoth = aFamily != AF_INET6 || SetOption(IPPROTO_IPV6, IPV6_V6ONLY, &nOff, sizeof nOff) == 0;
+    const bool bReuse = aFamily != AF_UNIX && aReuseAddr;
+    if (bBoth && (!bReuse || SetOption(SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof nOn) == 0))
         return 0;
     const int nErr = errno;
     Close();
     errno = nErr;
     return -1;
+}
+
+int CCmSocketBase::OpenFor(const CCmInetAddr& aAddr, int aType, BOOL aReuseAddr) {
+    return Open(static_cast<int>(aAddr.GetType()), aType, 0, aReuseAddr);
 }
 
 int CCmSocketBase::Close() {
@@ -74,13 +97,11 @@ int CCmSocketBase::Close() {
 }
 
 int CCmSocketBase::GetLocalAddr(CCmInetAddr& aAddr) const {
-    socklen_t length = aAddr.GetSize();
-    return getsockname(m_Handle, reinterpret_cast<sockaddr*>(aAddr.GetPtr()), &length);
+    return WithAddr(aAddr, [this](sockaddr* aAny, socklen_t* aLength) { return getsockname(m_Handle, aAny, aLength); });
 }
 
 int CCmSocketBase::GetRemoteAddr(CCmInetAddr& aAddr) const {
-    socklen_t length = aAddr.GetSize();
-    return getpeername(m_Handle, reinterpret_cast<sockaddr*>(aAddr.GetPtr()), &length);
+    return WithAddr(aAddr, [this](sockaddr* aAny, socklen_t* aLength) { return getpeername(m_Handle, aAny, aLength); });
 }
 
 int CCmSocketBase::SetOption(int aLevel, int aOption, const void* aValue, int aLength) const {
@@ -126,7 +147,7 @@ int CCmSocketBase::BindOr_i(const CCmInetAddr& aLocal, End aEnd) {
 int CCmSocketTcp::Open(BOOL aReuseAddr) { return CCmSocketBase::Open(AF_INET, SOCK_STREAM, 0, aReuseAddr); }
 
 int CCmSocketTcp::Open(BOOL aReuseAddr, const CCmInetAddr& aLocal) {
-    if (Open(aReuseAddr) == -1)
+    if (OpenFor(aLocal, SOCK_STREAM, aReuseAddr) == -1)
         return -1;
     return BindOr_i(aLocal, [this] { Close(CM_OK); });
 }
@@ -143,14 +164,22 @@ int CCmSocketTcp::CloseWriter() const { return shutdown(m_Handle, SHUT_WR); }
 int CCmSocketTcp::CloseReader() const { return shutdown(m_Handle, SHUT_RD); }
 
 int CCmSocketUdp::Open(const CCmInetAddr& aLocal) {
-    if (CCmSocketBase::Open(AF_INET, SOCK_DGRAM, 0, FALSE) == -1)
+    if (OpenFor(aLocal) == -1)
         return -1;
     return BindOr_i(aLocal, [this] { Close(); });
 }
 
+int CCmSocketUdp::OpenFor(const CCmInetAddr& aAddr) {
+    if (aAddr.GetType() != AF_UNIX)
+        return CCmSocketBase::OpenFor(aAddr, SOCK_DGRAM, FALSE);
+    errno = EAFNOSUPPORT;
+    return -1;
+}
+
 int CCmSocketUdp::RecvFrom(char* aBuf, DWORD aLen, CCmInetAddr& aFrom, int aFlag) const {
-    socklen_t length = aFrom.GetSize();
-    return Resumed([&] { return recvfrom(m_Handle, aBuf, aLen, aFlag, reinterpret_cast<sockaddr*>(aFrom.GetPtr()), &length); });
+    return WithAddr(aFrom, [&](sockaddr* aAny, socklen_t* aLength) {
+        return Resumed([&] { return recvfrom(m_Handle, aBuf, aLen, aFlag, aAny, aLength); });
+    });
 }
 
 int CCmSocketUdp::SendTo(const char* aBuf, DWORD aLen, const CCmInetAddr& aTo, int aFlag) const {

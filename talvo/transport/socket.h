@@ -34,11 +34,15 @@ public:
     CCmSocketBase(const CCmSocketBase&) = delete;
     CCmSocketBase& operator=(const CCmSocketBase&) = delete;
 
-    // Closes an open socket and makes a new one, with SO_REUSEADDR if requested (not on Unix sockets).
+    // Closes an open socket and makes a new one, with SO_REUSEADDR if requested (not on Unix sockets). An IPv6 socket also
+    // serves IPv4 peers if it is bound to "::".
     int Open(int aFamily, int aType, int aProtocol, BOOL aReuseAddr);
+    // The same for the family of aAddr.
+    int OpenFor(const CCmInetAddr& aAddr, int aType, BOOL aReuseAddr);
     // 0 also if no socket is open.
     int Close();
 
+    // Addresses that are not IPv4 need memory: ENOMEM.
     int GetLocalAddr(CCmInetAddr& aAddr) const;
     int GetRemoteAddr(CCmInetAddr& aAddr) const;
     int SetOption(int aLevel, int aOption, const void* aValue, int aLength) const;
@@ -62,8 +66,8 @@ class TALVO_API CCmSocketTcp : public CCmSocketBase {
 public:
     ~CCmSocketTcp() { Close(CM_OK); }
 
-    int Open(BOOL aReuseAddr);
-    // Also binds; a failed bind closes the socket.
+    int Open(BOOL aReuseAddr);  // for IPv4
+    // For the family of aLocal. Also binds; a failed bind closes the socket.
     int Open(BOOL aReuseAddr, const CCmInetAddr& aLocal);
     // CM_OK: shuts down the sending side first, so that the peer gets an orderly end.
     int Close(CmResult aReason);
@@ -73,8 +77,11 @@ public:
 
 class TALVO_API CCmSocketUdp : public CCmSocketBase {
 public:
-    // Opens and binds; a failed bind closes the socket.
+    // Opens and binds; a failed bind closes the socket. EAFNOSUPPORT: a path.
     int Open(const CCmInetAddr& aLocal);
+    // Unlike the base's: EAFNOSUPPORT: a path.
+    int OpenFor(const CCmInetAddr& aAddr);
+    // ENOMEM: the datagram is lost; never for IPv4.
     int RecvFrom(char* aBuf, DWORD aLen, CCmInetAddr& aFrom, int aFlag = 0) const;
     int SendTo(const char* aBuf, DWORD aLen, const CCmInetAddr& aTo, int aFlag = 0) const;
     int SendVTo(const iovec* aIov, DWORD aCount, const CCmInetAddr& aTo) const;

@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 #include <netinet/ip.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <utility>
@@ -75,6 +76,15 @@ CmResult CCmTransportBase::SetTos2Socket(CCmSocketBase& aSocket, void* aTos) {
     if (aSocket.GetOption(IPPROTO_IP, IP_TOS, &nTos, &nLength) == -1)
         CM_ERROR_TRACE("CCmTransportBase::SetTos2Socket, GetOption(IP_TOS) failed! err=" << errno);
     nTos = static_cast<int>(*static_cast<DWORD*>(aTos));
+    // An IPv6 socket has both fields, because its peers may be IPv4.
+    int nFamily = 0;
+    nLength = sizeof nFamily;
+    aSocket.GetOption(SOL_SOCKET, SO_DOMAIN, &nFamily, &nLength);
+    const int nClass = nTos & 0xFF;
+    if (nFamily == AF_INET6 && aSocket.SetOption(IPPROTO_IPV6, IPV6_TCLASS, &nClass, sizeof nClass) == -1) {
+        CM_ERROR_TRACE("CCmTransportBase::SetTos2Socket, SetOption(IPV6_TCLASS) failed! err=" << errno);
+        return CM_ERROR_NETWORK_SOCKET_ERROR;
+    }
     if (aSocket.SetOption(IPPROTO_IP, IP_TOS, &nTos, sizeof nTos) == -1) {
         CM_ERROR_TRACE("CCmTransportBase::SetTos2Socket, SetOption(IP_TOS) failed! err=" << errno);
         return CM_ERROR_NETWORK_SOCKET_ERROR;

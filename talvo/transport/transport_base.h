@@ -24,7 +24,8 @@ public:
 
     int OnClose(HANDLE aFd, long aMask) override;
 
-    // Sets a socket's IP type-of-service byte to the DWORD at aTos. CM_ERROR_NETWORK_SOCKET_ERROR, traced.
+    // Sets a socket's IP type-of-service byte to the DWORD at aTos; of an IPv6 socket also the traffic class.
+    // CM_ERROR_NETWORK_SOCKET_ERROR, traced: the system refuses, or it is a Unix socket.
     static CmResult SetTos2Socket(CCmSocketBase& aSocket, void* aTos);
 
 protected:

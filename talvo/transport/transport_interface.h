@@ -77,6 +77,9 @@ enum ECmTransportOption : DWORD {
     // set BOOL TRUE: a layer above, a protocol connection or a thread proxy, ends this transport gracefully, so
     // CCmConnectionManager::Drain does not. Set it before OpenWithSink.
     CM_OPT_TRANSPORT_LAYERED = 150,
+    // [waits] get ucred (<sys/socket.h>): process, user and group of the peer of a Unix socket when it connected or listened,
+    // as SO_PEERCRED. CM_ERROR_INVALID_ARG: not a Unix socket.
+    CM_OPT_TRANSPORT_PEER_CREDENTIALS = 158,
     // get CCmFailure: the failure that ended the connection. CM_FAILURE_NONE: it runs, the peer ended it gracefully, or after
     // Disconnect. Inside and after OnDisconnect, in the thread of the upcalls; a thread proxy answers without waiting.
     CM_OPT_TRANSPORT_LAST_FAILURE = 159

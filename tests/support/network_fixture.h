@@ -52,13 +52,19 @@ public:
 
 using CTestConnectSink = CCmConnectLog;
 
+inline CCmInetAddr LocalAddr(const CTestFd& aFd) {
+    sockaddr_storage addr{};
+    socklen_t length = sizeof addr;
+    CCmInetAddr local;
+    EXPECT_EQ(0, getsockname(aFd.Get(), reinterpret_cast<sockaddr*>(&addr), &length));
+    EXPECT_EQ(CM_OK, cm_from_sockaddr(reinterpret_cast<sockaddr*>(&addr), length, local));
+    return local;
+}
+
 // Binds a plain socket; returns the address, with the port that the system has chosen if aAddr has none.
 inline CCmInetAddr Bind(const CTestFd& aFd, const CCmInetAddr& aAddr = Loopback()) {
-    sockaddr_in addr = *aAddr.GetPtr();
-    socklen_t length = sizeof addr;
-    EXPECT_EQ(0, bind(aFd.Get(), reinterpret_cast<sockaddr*>(&addr), length)) << errno;
-    EXPECT_EQ(0, getsockname(aFd.Get(), reinterpret_cast<sockaddr*>(&addr), &length));
-    return CCmInetAddr(addr);
+    EXPECT_EQ(0, bind(aFd.Get(), reinterpret_cast<const sockaddr*>(aAddr.GetPtr()), aAddr.GetSize())) << errno;
+    return LocalAddr(aFd);
 }
 
 // A plain listening socket; small buffers make its connections fill up early.

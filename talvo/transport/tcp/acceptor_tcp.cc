@@ -23,6 +23,11 @@ const CCmTimeValue HANDSHAKE_TIME(10);
 
 BOOL IsOutOfDescriptors(int aError) { return aError == EMFILE || aError == ENFILE || aError == ENOBUFS || aError == ENOMEM; }
 
+BOOL IsAnyAddress(const CCmInetAddr& aAddr) {
+    const talvo::CIpBytes ip = aAddr.GetIpBytes();
+    return ip == talvo::CIpBytes::OfIpv4(INADDR_ANY) || ip == talvo::CIpBytes::OfIpv6(in6addr_any);
+}
+
 }  // namespace
 
 CCmAcceptorTcp::CCmAcceptorTcp(talvo::IHandshakeMaker* aHandshakes) : m_pHandshakes(aHandshakes) { ++s_Live; }
@@ -58,9 +63,7 @@ CmResult CCmAcceptorTcp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmI
         return rv;
     }
     Listening_i();
-    CCmInetAddr addrListen;
-    if (m_Socket.GetLocalAddr(addrListen) == 0)
-        m_AddrListen = *addrListen.GetPtr();
+    m_bOneLocal = m_Socket.GetLocalAddr(m_AddrListen) == 0 && !IsAnyAddress(m_AddrListen);
     CM_INFO_TRACE_THIS("CCmAcceptorTcp::StartListen, addr=" << aAddrListen.GetIpDisplayName()
                                                             << " port=" << aAddrListen.GetPort() << " aSink="
                                                             << static_cast<const void*>(aSink) << " fd=" << GetHandle());
@@ -77,11 +80,13 @@ CmResult CCmAcceptorTcp::Bind_i(const CCmInetAddr& aAddrListen) {
     };
     if (!talvo::CNameLookup::HasAddress(aAddrListen, m_Failure))
         return CM_ERROR_NETWORK_SOCKET_ERROR;
-    if (m_Socket.Open(TRUE) == -1)
+    if (m_Socket.OpenFor(aAddrListen, SOCK_STREAM, TRUE) == -1)
         return failed("Open", "open a socket for");
     m_Listening = m_Sockets.WithConfiguration();
     m_Listening.ApplyTo(m_Socket);
-    if (bind(GetHandle(), reinterpret_cast<const sockaddr*>(aAddrListen.GetPtr()), aAddrListen.GetSize()) == -1)
+    const auto* pAddr = reinterpret_cast<const sockaddr*>(aAddrListen.GetPtr());
+    const BOOL bPath = aAddrListen.GetType() == AF_UNIX;
+    if ((bPath ? m_Path.Bind(m_Socket, aAddrListen) : bind(GetHandle(), pAddr, aAddrListen.GetSize())) == -1)
         return failed("bind", "bind to");
     // Non-blocking: a peer that closes between the report and the accept must not block the thread.
     if (m_Socket.Enable(CCmIPCBase::NON_BLOCK) == -1 || listen(GetHandle(), BACKLOG) == -1) {
@@ -101,6 +106,7 @@ CmResult CCmAcceptorTcp::StopListen(CmResult aReason) {
         else if (!m_bFull)
             m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
         m_bResting = m_bFull = FALSE;
+        m_Path.Remove();
         m_Socket.Close(aReason);
     }
     m_Shaking.clear();
@@ -123,18 +129,23 @@ int CCmAcceptorTcp::OnInput(HANDLE aFd) {
         Rest_i(ENOMEM);
         return 0;
     }
-    CCmInetAddr addrPeer;
-    socklen_t length = addrPeer.GetSize();
+    sockaddr_storage peer;
+    socklen_t length = sizeof peer;
     constexpr int FLAGS = SOCK_CLOEXEC | SOCK_NONBLOCK;  // as part of the call they cost nothing and cannot fail
-    const HANDLE fdNew = accept4(aFd, reinterpret_cast<sockaddr*>(addrPeer.GetPtr()), &length, FLAGS);
+    const HANDLE fdNew = accept4(aFd, reinterpret_cast<sockaddr*>(&peer), &length, FLAGS);
     if (fdNew == CM_INVALID_HANDLE) {
         AcceptFailed_i(errno);
         return 0;
     }
     pTransport->GetPeer().SetHandle(fdNew);
     pTransport->SetReadSize(m_Listening.m_dwReadSize);
-    pTransport->SetPeerAddr(*addrPeer.GetPtr());
-    if (m_AddrListen.sin_addr.s_addr != INADDR_ANY)
+    CCmInetAddr addrPeer;
+    if (cm_from_sockaddr(reinterpret_cast<const sockaddr*>(&peer), length, addrPeer) != CM_OK) {
+        CM_WARNING_TRACE_THIS("CCmAcceptorTcp::OnInput, no memory for the address of a peer. sockNew=" << fdNew);
+        return 0;
+    }
+    pTransport->SetPeerAddr(addrPeer);
+    if (m_bOneLocal)
         pTransport->SetLocalAddr(m_AddrListen);
     CM_INFO_TRACE_THIS("CCmAcceptorTcp::OnInput, addr=" << addrPeer.GetIpDisplayName() << " port=" << addrPeer.GetPort()
                                                         << " sockNew=" << fdNew

@@ -1,4 +1,4 @@
-// Listens on a TCP port.
+// Listens on a TCP port or a path.
 #pragma once
 
 #include <memory>
@@ -8,6 +8,7 @@
 #include "talvo/transport/base_types.h"
 #include "talvo/transport/socket.h"
 #include "talvo/transport/tcp/handshake_run.h"
+#include "talvo/transport/unix_path.h"
 
 // Accepts one connection a readiness report. If the process is out of descriptors, it pauses for a tenth of a second at a time,
 // leaves the peers in the backlog (1,024) and continues when a descriptor is free. A failure to accept is traced and never
@@ -48,7 +49,9 @@ private:
     talvo::IHandshakeMaker* const m_pHandshakes;                   // not owned
     std::vector<std::unique_ptr<talvo::CHandshakeRun>> m_Shaking;  // under way
     CCmSocketTcp m_Socket;
-    sockaddr_in m_AddrListen{};
+    talvo::CUnixPath m_Path;
+    CCmInetAddr m_AddrListen;
+    BOOL m_bOneLocal = FALSE;            // each connection's local address is m_AddrListen
     talvo::CSocketSettings m_Listening;  // of the connections; accepted sockets have the listener's buffer sizes
     BOOL m_bResting = FALSE;             // out of descriptors: not registered, the timer runs
     BOOL m_bFull = FALSE;                // of handshakes: not registered

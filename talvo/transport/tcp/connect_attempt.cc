@@ -42,7 +42,7 @@ template <class TransportType>
 int CConnectAttemptT<TransportType>::Connect_i(const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets) {
     CCmSocketTcp& peer = m_pTransport->GetPeer();
     const BOOL bAnyLocal = aAddrLocal == CCmInetAddr::s_InetAddrAny;
-    if ((bAnyLocal ? peer.Open(FALSE) : peer.Open(FALSE, aAddrLocal)) == -1) {
+    if ((bAnyLocal ? peer.OpenFor(m_AddrPeer, SOCK_STREAM, FALSE) : peer.Open(FALSE, aAddrLocal)) == -1) {
         CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, Open() failed! laddr=" << aAddrLocal.GetIpDisplayName() << " lport="
                                                                                  << aAddrLocal.GetPort() << " err=" << errno);
         return bAnyLocal ? Failed_i("open a socket to", m_AddrPeer) : Failed_i("bind to", aAddrLocal);
@@ -53,7 +53,7 @@ int CConnectAttemptT<TransportType>::Connect_i(const CCmInetAddr& aAddrLocal, co
     }
     aSockets.ApplyTo(peer);
     m_pTransport->SetReadSize(aSockets.m_dwReadSize);
-    m_pTransport->SetPeerAddr(*m_AddrPeer.GetPtr());
+    m_pTransport->SetPeerAddr(m_AddrPeer);
     CM_INFO_TRACE_THIS("CCmConnectorTcpT::Connect_i, addr=" << m_AddrPeer.GetIpDisplayName() << " port=" << m_AddrPeer.GetPort()
                                                             << " laddr=" << aAddrLocal.GetIpDisplayName()
                                                             << " lport=" << aAddrLocal.GetPort() << " fd=" << GetHandle());

@@ -34,7 +34,7 @@ CmResult CCmTransportTcp::Open_t() {
     if (!talvo::GetNetworkBuffers())
         return CM_ERROR_OUT_OF_MEMORY;
     const int nOn = 1;
-    if (m_SocketTcp.SetOption(IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof nOn) == -1)
+    if (!m_AddrPeer.IsPath() && m_SocketTcp.SetOption(IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof nOn) == -1)
         CM_ERROR_TRACE_THIS("CCmTransportTcp::Open_t, SetOption(TCP_NODELAY) failed! err=" << errno);
     const CmResult rv = Watch_i();
     if (rv != CM_OK)
@@ -96,6 +96,9 @@ void CCmTransportTcp::LetLinger_i() {
     const CCmRefPtrT<CCmTransportTcp> pCarrier(new (std::nothrow) CCmTransportTcp(m_pReactor));
     if (!pCarrier)
         return;
+    CCmInetAddr addrPeer;
+    if (m_AddrPeer.Load(addrPeer))
+        pCarrier->SetPeerAddr(addrPeer);
     RemoveFromReactor_i();
     m_bOpen = FALSE;
     pCarrier->m_SocketTcp.SetHandle(m_SocketTcp.GetHandle());
@@ -107,9 +110,19 @@ CmResult CCmTransportTcp::Close_t(CmResult aReason) {
     if (m_SocketTcp.GetHandle() == CM_INVALID_HANDLE)
         return CM_OK;
     RemoveFromReactor_i();
+    if (aReason == CM_OK && m_AddrPeer.IsPath())
+        DropUnread_i();
     m_SocketTcp.Close(aReason);
     m_bOpen = FALSE;
     return CM_OK;
+}
+
+// The close of a Unix socket with unread data is a reset for the peer. No data comes after the shutdown.
+void CCmTransportTcp::DropUnread_i() {
+    char buffer[4096];
+    m_SocketTcp.CloseReader();
+    while (m_SocketTcp.Recv(buffer, sizeof buffer, MSG_DONTWAIT) > 0) {
+    }
 }
 
 // Stores the socket's error, unless a receive or send has consumed it.

@@ -47,8 +47,8 @@ public:
     CCmSocketTcp& GetPeer() { return m_SocketTcp; }
     // The maker stores the address that it has, which saves a system call. The peer's address is then also available after the
     // end.
-    void SetPeerAddr(const sockaddr_in& aAddr) { m_AddrPeer.Store(CCmInetAddr(aAddr)); }
-    void SetLocalAddr(const sockaddr_in& aAddr) { m_AddrLocal.Store(CCmInetAddr(aAddr)); }
+    void SetPeerAddr(const CCmInetAddr& aAddr) { m_AddrPeer.Store(aAddr); }
+    void SetLocalAddr(const CCmInetAddr& aAddr) { m_AddrLocal.Store(aAddr); }
     // Of one read; between CSocketSettings::MIN_READ and MAX_READ.
     void SetReadSize(DWORD aSize) { m_dwReadSize = aSize; }
     const CCmTransportCounters& GetCounters() const { return m_Counters; }
@@ -112,6 +112,8 @@ private:
     void LetLinger_i();
     CmResult IsAlive_i(BOOL& aAlive) const;
     CmResult GetPeerAddr_i(CCmInetAddr& aAddr);
+    CmResult GetPeerCredentials_i(ucred& aPeer) const;
+    void DropUnread_i();
     CmResult GetLocalAddr_i(CCmInetAddr& aAddr);
 
     CCmSocketTcp m_SocketTcp;

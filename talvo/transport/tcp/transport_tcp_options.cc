@@ -1,6 +1,7 @@
 // The option table of the TCP transport.
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 
@@ -57,6 +58,8 @@ CmResult CCmTransportTcp::GetOption(DWORD aCommand, void* aArg) {
     case CM_OPT_TRANSPORT_TRAN_TYPE:
         *static_cast<DWORD*>(aArg) = CM_TRANSPORT_TYPE_TCP;
         return CM_OK;
+    case CM_OPT_TRANSPORT_PEER_CREDENTIALS:
+        return GetPeerCredentials_i(*static_cast<ucred*>(aArg));
     case CM_OPT_TRANSPORT_READ_SIZE:
         *static_cast<DWORD*>(aArg) = m_dwReadSize;
         return CM_OK;
@@ -70,7 +73,9 @@ CmResult CCmTransportTcp::GetOption(DWORD aCommand, void* aArg) {
 
 CmResult CCmTransportTcp::GetUnacknowledged_i(DWORD& aBytes) {
     if (GetHandle() != CM_INVALID_HANDLE) {
-        if (m_SocketTcp.Control(SIOCOUTQ, &aBytes) != 0)
+        aBytes = 0;
+        // The peer's system is this one. It counts what the peer has not read, with its own overhead.
+        if (!m_AddrPeer.IsPath() && m_SocketTcp.Control(SIOCOUTQ, &aBytes) != 0)
             return CM_ERROR_NETWORK_SOCKET_ERROR;
         aBytes += GetUnsent_i();
         return CM_OK;
@@ -101,4 +106,13 @@ CmResult CCmTransportTcp::GetPeerAddr_i(CCmInetAddr& aAddr) {
     m_AddrPeer.Store(addr);
     aAddr = addr;
     return CM_OK;
+}
+
+// The system also answers for other sockets, with an invalid user.
+CmResult CCmTransportTcp::GetPeerCredentials_i(ucred& aPeer) const {
+    if (!m_AddrPeer.IsPath())
+        return CM_ERROR_INVALID_ARG;
+    int nLength = sizeof aPeer;
+    const int nRv = m_SocketTcp.GetOption(SOL_SOCKET, SO_PEERCRED, &aPeer, &nLength);
+    return nRv == 0 ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
 }

@@ -32,8 +32,10 @@ int CCmConnectorUdpT<TransportType>::Connect_i() {
         return -1;
     }
     CCmSocketUdp& socket = pTransport->GetPeer();
-    if (socket.Open(m_AddrLocal) == -1 || socket.Enable(CCmIPCBase::NON_BLOCK) == -1) {
-        m_Failure = CCmFailure(errno, "bind to", m_AddrLocal);
+    const BOOL bAnyLocal = m_AddrLocal == CCmInetAddr::s_InetAddrAny;
+    if ((bAnyLocal ? socket.OpenFor(m_AddrPeer) : socket.Open(m_AddrLocal)) == -1 ||
+        socket.Enable(CCmIPCBase::NON_BLOCK) == -1) {
+        m_Failure = bAnyLocal ? CCmFailure(errno, "open a socket to", m_AddrPeer) : CCmFailure(errno, "bind to", m_AddrLocal);
         CM_ERROR_TRACE_THIS("CCmConnectorUdpT::Connect, m_Socket.Open() failed! addr="
                             << m_AddrLocal.GetIpDisplayName() << " port=" << m_AddrLocal.GetPort() << " err=" << errno);
         return -1;

@@ -14,7 +14,7 @@ namespace {
 
 constexpr int MAX_FORGOTTEN_A_PASS = 256;  // the rest follows after other events
 
-uint64_t KeyOf(const sockaddr_in& aAddr) { return CPeerTableT<CCmTransportUdp>::KeyOf(aAddr.sin_addr.s_addr, aAddr.sin_port); }
+CPeerKey KeyOf(const CCmInetAddr& aAddr) { return CPeerKey::Of(*reinterpret_cast<const sockaddr*>(aAddr.GetPtr())); }
 
 }  // namespace
 
@@ -44,11 +44,11 @@ void CDatagramHub::SetPeerIdleTime(const CCmTimeValue& aIdle) {
     ArmIdleTimer();
 }
 
-void CDatagramHub::OnDatagram(CCmMessageBlock& aData, const sockaddr_in& aFrom) {
-    const uint64_t ullKey = KeyOf(aFrom);
-    CPeers::CPeer* pPeer = m_Peers.Find(ullKey);
+void CDatagramHub::OnDatagram(CCmMessageBlock& aData, const sockaddr& aFrom) {
+    const CPeerKey key = CPeerKey::Of(aFrom);
+    CPeers::CPeer* pPeer = m_Peers.Find(key);
     if (!pPeer) {
-        OnStranger(aData, aFrom, ullKey);
+        OnStranger(aData, aFrom, key);
         return;
     }
     m_Peers.Hear(*pPeer, m_Port.GetReceivedUsec());
@@ -56,7 +56,7 @@ void CDatagramHub::OnDatagram(CCmMessageBlock& aData, const sockaddr_in& aFrom) 
 }
 
 // If the sink keeps no reference, no state of the peer remains.
-void CDatagramHub::OnStranger(CCmMessageBlock& aData, const sockaddr_in& aFrom, uint64_t aKey) {
+void CDatagramHub::OnStranger(CCmMessageBlock& aData, const sockaddr& aFrom, const CPeerKey& aKey) {
     if (!m_pSink || m_Peers.GetCount() >= m_dwMaxPeers) {
         m_Port.CountDropped();
         if (m_pSink)
@@ -64,8 +64,9 @@ void CDatagramHub::OnStranger(CCmMessageBlock& aData, const sockaddr_in& aFrom, 
         return;
     }
     CCmInetAddr addrPeer;
-    *addrPeer.GetPtr() = aFrom;
-    const CCmRefPtrT<CCmTransportUdp> pTransport(new (std::nothrow) CCmTransportUdp(m_pReactor, this, addrPeer));
+    const BOOL bAddr = cm_from_sockaddr(&aFrom, sizeof(sockaddr_in6), addrPeer) == CM_OK;
+    const CCmRefPtrT<CCmTransportUdp> pTransport(bAddr ? new (std::nothrow) CCmTransportUdp(m_pReactor, this, addrPeer)
+                                                       : nullptr);
     const BOOL bAdded = pTransport && m_Peers.Add(aKey, pTransport.Get(), m_Port.GetReceivedUsec());
     if (!m_bIdleTimer)
         ArmIdleTimer();  // re-armed if memory ran out for it: idle peers hold what a new one needs
@@ -89,7 +90,7 @@ void CDatagramHub::TraceLimit() {
 }
 
 CmResult CDatagramHub::Send(CCmTransportUdp& aTransport, CCmMessageBlock& aData, DWORD aLength) {
-    const CmResult rv = m_Port.Send(aData, aLength, aTransport.GetPeerAddr().GetPtr());
+    const CmResult rv = m_Port.Send(aData, aLength, &aTransport.GetPeerAddr());
     if (rv != CM_ERROR_PARTIAL_DATA || aTransport.IsWaitingForRoom())
         return rv;
     return WithMemory([&] { m_Refused.push_back(&aTransport); }) ? rv : CM_ERROR_OUT_OF_MEMORY;
@@ -111,7 +112,7 @@ void CDatagramHub::OnWritable() {
 void CDatagramHub::OnBroken(int) { CM_ERROR_TRACE_THIS("CDatagramHub::OnBroken, it's impossible!"); }
 
 void CDatagramHub::Forget(CCmTransportUdp& aTransport) {
-    m_Peers.Remove(KeyOf(*aTransport.GetPeerAddr().GetPtr()));
+    m_Peers.Remove(KeyOf(aTransport.GetPeerAddr()));
     if (aTransport.IsWaitingForRoom())
         std::erase(m_Refused, &aTransport);
     if (!m_pSink && m_Peers.GetCount() == 0)

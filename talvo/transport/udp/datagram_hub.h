@@ -47,11 +47,11 @@ public:
 private:
     using CPeers = CPeerTableT<CCmTransportUdp>;
 
-    void OnDatagram(CCmMessageBlock& aData, const sockaddr_in& aFrom) override;
+    void OnDatagram(CCmMessageBlock& aData, const sockaddr& aFrom) override;
     void OnWritable() override;
     void OnBroken(int aError) override;
 
-    void OnStranger(CCmMessageBlock& aData, const sockaddr_in& aFrom, uint64_t aKey);
+    void OnStranger(CCmMessageBlock& aData, const sockaddr& aFrom, const CPeerKey& aKey);
     void TraceLimit();
     void ArmIdleTimer();
 

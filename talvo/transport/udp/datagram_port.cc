@@ -115,7 +115,7 @@ int CDatagramPort::ReceiveSome() {
         return lRead >= 0 ? 1 : -1;
     }
     for (mmsghdr& message : buffers.m_Received)
-        message.msg_hdr.msg_namelen = sizeof(sockaddr_in);  // the previous call has changed it
+        message.msg_hdr.msg_namelen = sizeof(sockaddr_in6);  // the previous call has changed it
     const int nCount = recvmmsg(GetHandle(), buffers.m_Received, CDatagramBuffers::BATCH, MSG_DONTWAIT, nullptr);
     m_dwAlone = nCount == 1 ? m_dwAlone + 1 : 0;
     return nCount;
@@ -132,7 +132,7 @@ void CDatagramPort::Deliver(int aCount) {
         const DWORD dwLength = buffers.m_Received[i].msg_len;
         // The block covers the received bytes only: a duplicate must not copy older bytes.
         CCmMessageBlock block(dwLength, buffers.m_Slots[i], CCmMessageBlock::DONT_DELETE, dwLength);
-        m_User.OnDatagram(block, buffers.m_From[i]);
+        m_User.OnDatagram(block, reinterpret_cast<const sockaddr&>(buffers.m_From[i]));
     }
     m_bReceiving = FALSE;
     if (m_bOpen)
@@ -140,7 +140,7 @@ void CDatagramPort::Deliver(int aCount) {
     m_Sender.CallBackLoan();
 }
 
-CmResult CDatagramPort::Send(CCmMessageBlock& aData, DWORD aLength, const sockaddr_in* aTo) {
+CmResult CDatagramPort::Send(CCmMessageBlock& aData, DWORD aLength, const CCmInetAddr* aTo) {
     if (m_bBroken)
         return CM_ERROR_NETWORK_SOCKET_ERROR;
     const CmResult rv = m_Sender.Add(aData, aTo);

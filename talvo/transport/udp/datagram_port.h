@@ -20,8 +20,9 @@ namespace talvo {
 // The user of a port. Each call may close the port; the object that holds it stays alive until the call has returned.
 class TALVO_API IDatagramUser {
 public:
-    // One datagram, perhaps empty. aData is in a buffer of the thread.
-    virtual void OnDatagram(CCmMessageBlock& aData, const sockaddr_in& aFrom) = 0;
+    // One datagram, perhaps empty. aData is in a buffer of the thread. aFrom: a sockaddr_in or sockaddr_in6, with room for the
+    // latter.
+    virtual void OnDatagram(CCmMessageBlock& aData, const sockaddr& aFrom) = 0;
     // A send was refused before; now there is room.
     virtual void OnWritable() = 0;
     // Connected sockets only: it has failed, and is no longer in the reactor. aError: an errno.
@@ -56,7 +57,7 @@ public:
 
     // Takes a whole chain that CheckDatagram accepts, see CDatagramSender::Add, and consumes it. aTo null: to the connected
     // peer. Also: CM_ERROR_NETWORK_SOCKET_ERROR: it is broken.
-    CmResult Send(CCmMessageBlock& aData, DWORD aLength, const sockaddr_in* aTo);
+    CmResult Send(CCmMessageBlock& aData, DWORD aLength, const CCmInetAddr* aTo);
 
     // The socket's buffer is full, and the collected datagrams must leave first. TellWhenWritable requests OnWritable for that.
     BOOL IsFull() const { return m_Sender.IsFull(); }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include "talvo/base/with_memory.h"
@@ -35,10 +36,14 @@ void CDatagramSender::Lend(const char* aBegin, const char* aEnd) {
     m_pLentEnd = aEnd;
 }
 
-CmResult CDatagramSender::Add(const CCmMessageBlock& aData, const sockaddr_in* aTo) {
+CmResult CDatagramSender::Add(const CCmMessageBlock& aData, const CCmInetAddr* aTo) {
     if (m_bFull)
         return CM_ERROR_PARTIAL_DATA;
-    CDatagram datagram{aTo ? *aTo : sockaddr_in{}, aTo == nullptr, m_Pieces.size(), 0, nullptr};
+    CDatagram datagram{{}, 0, m_Pieces.size(), 0, nullptr};
+    if (aTo) {
+        datagram.m_ToLength = std::min<socklen_t>(aTo->GetSize(), sizeof datagram.m_To);
+        std::memcpy(&datagram.m_To, aTo->GetPtr(), datagram.m_ToLength);
+    }
     const size_t stPieces = m_Pieces.size();
     if (AddPieces(datagram, aData) && WithMemory([&] { m_Datagrams.push_back(std::move(datagram)); }))
         return CM_OK;
@@ -105,8 +110,8 @@ int CDatagramSender::SendSome(HANDLE aFd) {
     for (size_t i = 0; i < stCount; ++i) {
         CDatagram& datagram = m_Datagrams[m_stGone + i];
         msghdr& header = pMessages[i].msg_hdr;
-        header.msg_name = datagram.m_bConnected ? nullptr : &datagram.m_To;
-        header.msg_namelen = datagram.m_bConnected ? 0 : sizeof datagram.m_To;
+        header.msg_name = datagram.m_ToLength == 0 ? nullptr : &datagram.m_To;
+        header.msg_namelen = datagram.m_ToLength;
         header.msg_iov = m_Pieces.data() + datagram.m_stPiece;
         header.msg_iovlen = datagram.m_stPieces;
     }
@@ -116,9 +121,8 @@ int CDatagramSender::SendSome(HANDLE aFd) {
 // The plain call is cheaper for a single piece.
 int CDatagramSender::SendOne(HANDLE aFd, const CDatagram& aDatagram) const {
     const iovec& piece = m_Pieces[aDatagram.m_stPiece];
-    const auto* pTo = reinterpret_cast<const sockaddr*>(aDatagram.m_bConnected ? nullptr : &aDatagram.m_To);
-    const socklen_t length = aDatagram.m_bConnected ? 0 : sizeof aDatagram.m_To;
-    return sendto(aFd, piece.iov_base, piece.iov_len, SEND_FLAGS, pTo, length) >= 0 ? 1 : -1;
+    const auto* pTo = reinterpret_cast<const sockaddr*>(aDatagram.m_ToLength == 0 ? nullptr : &aDatagram.m_To);
+    return sendto(aFd, piece.iov_base, piece.iov_len, SEND_FLAGS, pTo, aDatagram.m_ToLength) >= 0 ? 1 : -1;
 }
 
 // Datagrams that wait for room outlive the loan. If memory runs out, a datagram is lost.

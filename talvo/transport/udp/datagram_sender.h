@@ -7,10 +7,11 @@
 #include <vector>
 
 #include "talvo/base/chain_ptr.h"
+#include "talvo/base/inet_addr.h"
 
 namespace talvo {
 
-constexpr DWORD MAX_DATAGRAM_LENGTH = 65507;  // 65,535 bytes without the IPv4 and UDP headers
+constexpr DWORD MAX_DATAGRAM_LENGTH = 65507;  // 65,535 bytes without the IPv4 and UDP headers; also over IPv6
 constexpr DWORD MAX_DATAGRAM_PIECES = 1024;   // the system's limit for gathering
 
 // Checks that a chain can be sent as one datagram. aLength (out): its length. CM_ERROR_INVALID_ARG: more bytes or more
@@ -31,7 +32,7 @@ public:
 
     // Takes a duplicate of a chain that CheckDatagram accepts. aTo null: the socket is connected. CM_ERROR_PARTIAL_DATA: the
     // socket's buffer is full, and earlier datagrams must leave first. CM_ERROR_OUT_OF_MEMORY.
-    CmResult Add(const CCmMessageBlock& aData, const sockaddr_in* aTo);
+    CmResult Add(const CCmMessageBlock& aData, const CCmInetAddr* aTo);
 
     // Sends as much as the socket takes; the rest stays, and IsFull returns TRUE. A datagram that the system refuses for any
     // other reason is lost. Returns that reason (the last one's errno), or 0.
@@ -46,9 +47,9 @@ public:
 
 private:
     struct CDatagram {
-        sockaddr_in m_To;  // unused if connected
-        BOOL m_bConnected;
-        size_t m_stPiece;  // first of its pieces
+        sockaddr_in6 m_To;     // of either family
+        socklen_t m_ToLength;  // 0: connected
+        size_t m_stPiece;      // first of its pieces
         size_t m_stPieces;
         CCmChainPtr m_pKept;  // in no order; the memory of its pieces, except lent memory
     };

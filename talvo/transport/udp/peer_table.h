@@ -5,9 +5,9 @@
 #include <memory>
 #include <unordered_map>
 
-#include "talvo/base/random_seed.h"
 #include "talvo/base/types.h"
 #include "talvo/base/with_memory.h"
+#include "talvo/transport/udp/peer_key.h"
 
 namespace talvo {
 
@@ -29,31 +29,26 @@ public:
     private:
         friend class CPeerTableT;
         Object* m_pObject = nullptr;
-        uint64_t m_ullKey = 0;
         int64_t m_llHeardUsec = 0;
     };
 
-    // Address and port, both in network order.
-    static uint64_t KeyOf(uint32_t aAddr, uint16_t aPort) { return uint64_t{aAddr} << 16 | aPort; }
-
-    CPeerTableT() : m_Peers(0, CHash{random_seed()}) {}
+    CPeerTableT() = default;
     CPeerTableT(const CPeerTableT&) = delete;
     CPeerTableT& operator=(const CPeerTableT&) = delete;
 
     size_t GetCount() const { return m_Peers.size(); }
 
     // Null: unknown. The peer keeps its place in memory until Remove.
-    CPeer* Find(uint64_t aKey) {
+    CPeer* Find(const CPeerKey& aKey) {
         const auto found = m_Peers.find(aKey);
         return found == m_Peers.end() ? nullptr : &found->second;
     }
 
     // Adds a peer that is not in the table; its last datagram is now. FALSE: memory ran out.
-    BOOL Add(uint64_t aKey, Object* aObject, int64_t aNowUsec) {
+    BOOL Add(const CPeerKey& aKey, Object* aObject, int64_t aNowUsec) {
         return WithMemory([&] {
             CPeer& peer = m_Peers[aKey];
             peer.m_pObject = aObject;
-            peer.m_ullKey = aKey;
             Hear(peer, aNowUsec);
         });
     }
@@ -68,7 +63,7 @@ public:
     }
 
     // Does nothing for an unknown one.
-    void Remove(uint64_t aKey) {
+    void Remove(const CPeerKey& aKey) {
         CPeer* pPeer = Find(aKey);
         if (!pPeer)
             return;
@@ -81,17 +76,6 @@ public:
     static int64_t GetHeardUsec(const CPeer& aPeer) { return aPeer.m_llHeardUsec; }
 
 private:
-    // Seeded, so that no peer can choose addresses that collide.
-    struct CHash {
-        uint64_t m_ullSeed;
-        size_t operator()(uint64_t aKey) const {
-            uint64_t ull = aKey ^ m_ullSeed;
-            ull = (ull ^ ull >> 30) * 0xBF58476D1CE4E5B9;
-            ull = (ull ^ ull >> 27) * 0x94D049BB133111EB + m_ullSeed;
-            return (ull ^ ull >> 31) * 0xFF51AFD7ED558CCD >> 16;
-        }
-    };
-
     static void Unlink(CLink& aLink) {
         aLink.m_pOlder->m_pNewer = aLink.m_pNewer;
         aLink.m_pNewer->m_pOlder = aLink.m_pOlder;
@@ -99,7 +83,7 @@ private:
     }
 
     CLink m_Ends;  // its newer neighbour is the oldest peer
-    std::unordered_map<uint64_t, CPeer, CHash> m_Peers;
+    std::unordered_map<CPeerKey, CPeer, CPeerKeyHash> m_Peers;
 };
 
 }  // namespace talvo

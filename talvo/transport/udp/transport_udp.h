@@ -61,7 +61,7 @@ protected:
     CmResult Close_t(CmResult aReason) override;
 
 private:
-    void OnDatagram(CCmMessageBlock& aData, const sockaddr_in&) override { Take(aData); }
+    void OnDatagram(CCmMessageBlock& aData, const sockaddr&) override { Take(aData); }
     void OnWritable() override { OnRoom(); }
     void OnBroken(int aError) override {
         NoteFailure_i(EXCHANGING, aError);
