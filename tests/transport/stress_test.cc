@@ -15,58 +15,23 @@ std::string Sequence(uint64_t aFrom, size_t aSize) {
     return strData;
 }
 
-// One end of a connection, in its user's thread.
-class CStressEnd : public ICmTransportSink {
-public:
-    explicit CStressEnd(std::minstd_rand& aRandom) : m_Random(aRandom) {}
+// Checks the bytes at the end, and the order and thread of its upcalls.
+struct CStressSink : CTestSink {
+    ~CStressSink() override { EXPECT_TRUE(m_strReceived == Sequence(0, m_strReceived.size())) << "data is wrong"; }
+};
 
-    void Use(ICmTransport* aTransport) {
-        m_pTransport = aTransport;
-        m_ullSent = m_ullReceived = 0;
-        m_pTransport->OpenWithSink(this);
-    }
-    BOOL IsFree() const { return !m_pTransport; }
-    void Step() {
-        const unsigned uPick = m_Random() % 40;
-        if (uPick == 0)
-            m_pTransport->Disconnect(m_Random() % 2 ? CM_OK : CM_ERROR_NETWORK_SOCKET_CLOSE);
-        if (uPick < 2)
-            ReleaseOnceIn(1);
-        else if (uPick == 2)
-            Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, static_cast<BOOL>(m_Random() % 2));
-        else
-            Send(m_Random() % (m_Random() % 8 ? 300 : 70000));
-    }
-    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
-        const std::string strData = aData.FlattenChained();
-        EXPECT_TRUE(strData == Sequence(m_ullReceived, strData.size())) << "from position " << m_ullReceived;
-        m_ullReceived += strData.size();
-        ReleaseOnceIn(64);
-    }
-    void OnSend(ICmTransport*, CCmTransportParameter*) override { ReleaseOnceIn(8); }
-    void OnDisconnect(CmResult, ICmTransport*) override { ReleaseOnceIn(1); }
-
-private:
-    void Send(DWORD aSize) {
-        CCmTransportParameter para;
-        SendText(*m_pTransport, Sequence(m_ullSent, aSize), &para);
-        m_ullSent += para.m_dwHaveSent;
-    }
-    void ReleaseOnceIn(unsigned aTimes) {
-        if (m_Random() % aTimes == 0)
-            m_pTransport.Reset();
-    }
-
-    std::minstd_rand& m_Random;
+// One end of a connection; free without a transport.
+struct CStressEnd {
     CCmRefPtrT<ICmTransport> m_pTransport;
-    uint64_t m_ullSent = 0, m_ullReceived = 0;
+    std::unique_ptr<CStressSink> m_pSink;
+    uint64_t m_ullSent = 0;
 };
 
 // A server and clients in a thread of their own; both ends of a connection are one user's or two users'.
 class CStressUser : public ICmAcceptorConnectorSink {
 public:
     CStressUser(unsigned aSeed, CScopedThread::EKind aKind, const std::vector<WORD>& aPorts)
-        : m_Thread(aKind), m_Random(aSeed), m_Ports(aPorts), m_Ends(2 * CONNECTIONS, CStressEnd(m_Random)) {}
+        : m_Thread(aKind), m_Random(aSeed), m_Ports(aPorts), m_Ends(2 * CONNECTIONS) {}
 
     CCmThreadLink& GetLink() const { return m_Thread->GetLink(); }
     WORD Listen() {
@@ -76,8 +41,8 @@ public:
     }
     void Step() {
         CStressEnd& end = m_Ends[m_Random() % m_Ends.size()];
-        if (!end.IsFree())
-            end.Step();
+        if (end.m_pTransport)
+            Use(end);
         if (m_Random() % 10 == 0)
             ConnectSomewhere();
         if (m_Random() % 10 == 0)
@@ -88,9 +53,9 @@ public:
     }
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override {
         m_nConnected += aReason == CM_OK;
-        const auto itFree = std::find_if(m_Ends.begin(), m_Ends.end(), [](const CStressEnd& a) { return a.IsFree(); });
+        const auto itFree = std::find_if(m_Ends.begin(), m_Ends.end(), [](const CStressEnd& a) { return !a.m_pTransport; });
         if (aTrpt && itFree != m_Ends.end())
-            itFree->Use(aTrpt);
+            Open(*itFree, aTrpt);
         if (aId->IsConnector() && m_Random() % 2)
             m_pConnector.Reset();
     }
@@ -104,6 +69,32 @@ public:
     std::atomic<BOOL> m_bDone{FALSE};
 
 private:
+    void Open(CStressEnd& aEnd, ICmTransport* aTransport) {
+        aEnd = {aTransport, std::make_unique<CStressSink>()};
+        const auto releaseOnceIn = [&](unsigned aTimes) {
+            return [this, aTimes, &aEnd] {
+                if (m_Random() % aTimes == 0)
+                    aEnd.m_pTransport.Reset();
+            };
+        };
+        aEnd.m_pSink->m_Receive = releaseOnceIn(64);
+        aEnd.m_pSink->m_Send = releaseOnceIn(8);
+        aEnd.m_pSink->m_Disconnect = releaseOnceIn(1);
+        aTransport->OpenWithSink(aEnd.m_pSink.get());
+    }
+    void Use(CStressEnd& aEnd) {
+        const unsigned uPick = m_Random() % 40;
+        if (uPick == 0)
+            aEnd.m_pTransport->Disconnect(m_Random() % 2 ? CM_OK : CM_ERROR_NETWORK_SOCKET_CLOSE);
+        if (uPick == 2)
+            Set(*aEnd.m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, static_cast<BOOL>(m_Random() % 2));
+        CCmTransportParameter para;
+        if (uPick > 2)
+            SendText(*aEnd.m_pTransport, Sequence(aEnd.m_ullSent, m_Random() % (m_Random() % 8 ? 300 : 70000)), &para);
+        aEnd.m_ullSent += para.m_dwHaveSent;
+        if (uPick < 2)
+            aEnd.m_pTransport.Reset();
+    }
     void ConnectSomewhere() {
         if (!m_pConnector)
             m_pConnector = CTestNetwork::MakeConnector();
