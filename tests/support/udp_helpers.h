@@ -51,11 +51,8 @@ inline Datagrams Numbered(int aFrom, int aTo) {
 }
 
 // The main thread serves as network thread: the test makes every turn of the loop itself.
-class UdpTest : public testing::Test {
+class CUdpTest : public testing::Test {
 protected:
-    CCmRefPtrT<CCmTransportUdp> Connect(const CCmInetAddr& aAddr) {
-        return static_cast<CCmTransportUdp*>(m_Network.Connect(aAddr, CCmConnectionManager::CTYPE_UDP).Get());
-    }
     // Enough for all pending work.
     void Turns(int aCount = 20) const {
         for (int i = 0; i < aCount; ++i)

@@ -77,27 +77,15 @@ TEST_F(ConnectorNameTest, EachEndOfAnAttemptByNameIsReportedOnceWithItsReason) {
         EXPECT_EQ(CM_OK, Connect(At("late"), UDP));
         EXPECT_STREQ("late", m_AddrPeer.GetGivenName());
     }
-    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, Connect(CCmInetAddr("255.255.255.255", m_wPort)));
+    CCmTraceCapture trace;
+    const CCmInetAddr addrNone = At("none.invalid");  // asked for, then from the cache
+    for (const DWORD dwType : {TCP, UDP})
+        EXPECT_EQ(CM_ERROR_NETWORK_DNS_FAILURE, Connect(addrNone, dwType));
+    EXPECT_EQ(2u, trace.Count("name not resolved. addr=none.invalid"));
+    EXPECT_EQ(0u, trace.Count("Connect_i, addr="));
     const CCmInetAddr addrNowhere = At("nowhere");  // still a name; its address is known when the connect begins
     EXPECT_EQ("255.255.255.255", TextOf(Resolve("nowhere")));
     EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, Connect(addrNowhere));
-}
-
-TEST_F(ConnectorNameTest, ANameWithoutAddressEndsWith20007AndOneLine) {
-    CCmTraceCapture trace;
-    for (const DWORD dwType : {TCP, UDP}) {
-        m_Clock.Advance(CCmTimeValue(5));
-        // One question after the other: a send may meet the refusal that another question waits for.
-        const CCmInetAddr addrCached = At("cached.invalid");
-        EXPECT_EQ(CCmDnsRecord::FAILED, Resolve("cached.invalid")->GetState());
-        trace.Clear();
-        for (const CCmInetAddr& addr : {addrCached, At("none.invalid"), At("not a name")}) {
-            EXPECT_EQ(CM_ERROR_NETWORK_DNS_FAILURE, Connect(addr, dwType));
-            EXPECT_EQ(1u, trace.Count("name not resolved. addr=" + addr.GetHostName()));
-        }
-        EXPECT_EQ(3u, trace.Count("name not resolved."));
-    }
-    EXPECT_EQ(0u, trace.Count("Connect_i, addr="));
 }
 
 // The address that TryResolve gives such a name stands for no machine: the system is not asked.
@@ -112,24 +100,23 @@ TEST_F(ConnectorNameTest, ACompletedNameWithoutAddressIsRefusedByItsName) {
         EXPECT_EQ("resolve " + aName + ":" + std::to_string(m_wPort), failure.GetAttempt());
     };
     constexpr DWORD PACKAGE = CCmConnectionManager::CTYPE_PDU_PACKAGE;
+    CCmInetAddr addrNone = At("none.invalid"), addrNowhere = At("nowhere");
+    EXPECT_TRUE(addrNone.IsResolved() && addrNowhere.IsResolved());
     for (const DWORD dwType : {TCP, UDP, TCP | PACKAGE, UDP | PACKAGE}) {
-        CTestConnectSink sink;
+        CTestClient client(dwType);
         const auto pAcceptor = CTestNetwork::MakeAcceptor(dwType);
-        EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&sink, addrPending));
+        EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&client, addrPending));
         expectFailure(pAcceptor.Get(), CM_FAILURE_NO_SUCH_NAME, "later.invalid");
-        for (const auto& [pName, cause] :
-             {std::pair("none.invalid", CM_FAILURE_NO_RESOLVER), {"nowhere", CM_FAILURE_NO_SUCH_NAME}}) {
-            CCmInetAddr addrNone = At(pName);
-            EXPECT_TRUE(addrNone.IsResolved());
-            EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&sink, addrNone));
-            expectFailure(pAcceptor.Get(), cause, pName);
+        for (CCmInetAddr* pAddr : {&addrNone, &addrNowhere}) {
+            const ECmFailureCause cause = pAddr == &addrNone ? CM_FAILURE_NO_RESOLVER : CM_FAILURE_NO_SUCH_NAME;
+            EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&client, *pAddr));
+            expectFailure(pAcceptor.Get(), cause, pAddr->GetGivenName());
             for (const BOOL bLocal : {FALSE, TRUE}) {
-                CTestClient client(dwType);
-                client.m_pConnector->AsycConnect(&client, bLocal ? At("good") : addrNone, nullptr,
-                                                 bLocal ? &addrNone : nullptr);
-                RunUntil([&] { return client.Count() > 0; });
+                const size_t stBefore = client.Count();
+                client.m_pConnector->AsycConnect(&client, bLocal ? At("good") : *pAddr, nullptr, bLocal ? pAddr : nullptr);
+                RunUntil([&] { return client.Count() > stBefore; });
                 EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, client.m_Reasons.back());
-                expectFailure(client.m_pConnector.Get(), cause, pName);
+                expectFailure(client.m_pConnector.Get(), cause, pAddr->GetGivenName());
             }
         }
     }

@@ -15,11 +15,11 @@ public:
     CGreeting(std::string aOurs, std::string aTheirs) : m_strOurs(std::move(aOurs)), m_strTheirs(std::move(aTheirs)) {}
 
     EStep Step(CCmTransportTcp& aTransport) override {
-        while (m_stSent < m_strOurs.size()) {
-            const int nSent = aTransport.Send_i(&m_strOurs[m_stSent], static_cast<DWORD>(m_strOurs.size() - m_stSent));
+        while (!m_strOurs.empty()) {
+            const int nSent = aTransport.Send_i(m_strOurs.data(), static_cast<DWORD>(m_strOurs.size()));
             if (nSent <= 0)
                 return nSent == 0 ? WRITE : FAILED;
-            m_stSent += static_cast<size_t>(nSent);
+            m_strOurs.erase(0, static_cast<size_t>(nSent));
         }
         char buffer[100];
         while (m_strRead.size() < m_strTheirs.size()) {
@@ -28,10 +28,9 @@ public:
                 return nRead == -2 ? READ : FAILED;
             m_strRead.append(buffer, static_cast<size_t>(nRead));
         }
-        const size_t stOwn = m_strTheirs.size();
-        const DWORD dwRest = static_cast<DWORD>(m_strRead.size() - stOwn);
-        EXPECT_EQ(CM_OK, aTransport.UnRecv_i(m_strRead.data() + stOwn, dwRest));
-        m_bRefused = m_strRead.compare(0, stOwn, m_strTheirs) != 0;
+        const std::string strRest = m_strRead.substr(m_strTheirs.size());
+        EXPECT_EQ(CM_OK, aTransport.UnRecv_i(strRest.data(), static_cast<DWORD>(strRest.size())));
+        m_bRefused = !m_strRead.starts_with(m_strTheirs);
         return m_bRefused ? FAILED : DONE;
     }
     CCmFailure GetFailure(const CCmInetAddr& aPeer) const override {
@@ -39,9 +38,7 @@ public:
     }
 
 private:
-    const std::string m_strOurs, m_strTheirs;
-    std::string m_strRead;
-    size_t m_stSent = 0;
+    std::string m_strOurs, m_strTheirs, m_strRead;
     BOOL m_bRefused = FALSE;
 };
 

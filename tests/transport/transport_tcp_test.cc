@@ -376,8 +376,10 @@ TEST_F(LayerTest, WhatALayerHasTakenGoesOutByItself) {
         int nQueued = 0;
         EXPECT_EQ(0, m_pTransport->GetPeer().Control(TIOCOUTQ, &nQueued));
         EXPECT_GT(Get<int>(*m_pTransport, CM_OPT_TRANSPORT_UNACKNOWLEDGED), nQueued);
-        if (nEnd == ENDS_SENDING)
+        if (nEnd == ENDS_SENDING) {
             Set(*m_pTransport, CM_OPT_TRANSPORT_END_SENDING, TRUE);
+            EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(*m_pTransport, "late"));
+        }
         if (nEnd == DISCONNECTS)
             m_pTransport->Disconnect(CM_OK);
         std::string strRaw;

@@ -3,7 +3,7 @@
 
 namespace {
 
-class UdpAcceptorTest : public UdpTest {
+class UdpAcceptorTest : public CUdpTest {
 protected:
     UdpAcceptorTest() {
         m_Sink.m_Indicated = [this] {

@@ -38,8 +38,33 @@ extern "C" [[gnu::visibility("default")]] int sendmmsg(int aFd, mmsghdr* aMessag
 
 namespace {
 
+// A transport that is connected to a plain socket.
+class UdpTest : public CUdpTest {
+protected:
+    UdpTest() { Connect(m_Peer.Addr()); }
+    void Connect(const CCmInetAddr& aAddr) {
+        m_pTransport = static_cast<CCmTransportUdp*>(m_Network.Connect(aAddr, UDP).Get());
+        m_Addr = Get<CCmInetAddr>(*m_pTransport, CM_OPT_TRANSPORT_LOCAL_ADDR);
+    }
+    void Open() { EXPECT_EQ(CM_OK, m_pTransport->OpenWithSink(&m_Sink)); }
+    void SendAll(const Datagrams& aAll) {
+        for (const std::string& strData : aAll)
+            EXPECT_EQ(CM_OK, SendText(*m_pTransport, strData));
+    }
+    void PeerSends(const Datagrams& aAll) {
+        for (const std::string& strData : aAll)
+            m_Peer.Send(m_Addr, strData);
+    }
+
+    CPlainUdp m_Peer;
+    CTestSink m_Sink;
+    CCmRefPtrT<CCmTransportUdp> m_pTransport;
+    CCmInetAddr m_Addr;
+};
+
 class UdpFullTest : public UdpTest {
 protected:
+    UdpFullTest() { Open(); }
     ~UdpFullTest() override { s_nRoom = -1; }
 
     // Sends numbers until one is refused: how many were taken.
@@ -62,188 +87,157 @@ protected:
 }  // namespace
 
 TEST_F(UdpTest, EachSendIsOneDatagram) {
-    CPlainUdp peer;
-    const auto pTransport = Connect(peer.Addr());
-    ASSERT_TRUE(pTransport);
-    CTestSink sink;
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, pTransport->OpenWithSink(nullptr));
-    EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
-
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pTransport->OpenWithSink(nullptr));
+    Open();
     CCmTransportParameter para;
     const std::string strPieces = Pattern(1024), strLargest = Pattern(65507);
     const auto oneByOne = [] { return 1; };
     const CCmChainPtr pPieces = MakeChain(strPieces, oneByOne), pTooMany = MakeChain(strPieces + "x", oneByOne);
-    EXPECT_EQ(CM_OK, pTransport->SendData(*pPieces, &para));
+    EXPECT_EQ(CM_OK, m_pTransport->SendData(*pPieces, &para));
     EXPECT_EQ(1024u, para.m_dwHaveSent);
     EXPECT_EQ(0u, pPieces->GetChainedLength());
-    EXPECT_EQ(CM_OK, SendText(*pTransport, strLargest));
-    EXPECT_EQ(CM_OK, SendText(*pTransport, "", &para));
+    EXPECT_EQ(CM_OK, SendText(*m_pTransport, strLargest));
+    EXPECT_EQ(CM_OK, SendText(*m_pTransport, "", &para));
     EXPECT_EQ(0u, para.m_dwHaveSent);
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, SendText(*pTransport, strLargest + "x", &para));
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, pTransport->SendData(*pTooMany, &para));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, SendText(*m_pTransport, strLargest + "x", &para));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pTransport->SendData(*pTooMany, &para));
     EXPECT_EQ(1025u, pTooMany->GetChainedLength());
-    EXPECT_EQ(0u, pTransport->GetCounters().m_ullSendCalls);
+    EXPECT_EQ(0u, m_pTransport->GetCounters().m_ullSendCalls);
     Turns();
-    EXPECT_EQ(1u, pTransport->GetCounters().m_ullSendCalls);
-    EXPECT_EQ((Datagrams{strPieces, strLargest, ""}), peer.Receive());
+    EXPECT_EQ(1u, m_pTransport->GetCounters().m_ullSendCalls);
+    EXPECT_EQ((Datagrams{strPieces, strLargest, ""}), m_Peer.Receive());
 
-    for (const std::string& strData : {std::string(), strLargest, std::string("x"), std::string()})
-        peer.Send(peer.From(), strData);
+    const Datagrams answers{"", strLargest, "x", ""};
+    PeerSends(answers);
     Turns();
-    EXPECT_EQ((Datagrams{"", strLargest, "x", ""}), sink.m_Received);
-    EXPECT_EQ(0, sink.m_nDisconnects);
+    EXPECT_EQ(answers, m_Sink.m_Received);
+    EXPECT_EQ(0, m_Sink.m_nDisconnects);
 }
 
 TEST_F(UdpTest, WhatIsAlreadyThereSharesSystemCalls) {
-    CPlainUdp peer;
-    const auto pTransport = Connect(peer.Addr());
-    CTestSink sink(*pTransport);
-    for (const std::string& strData : Numbered(0, 100))
-        EXPECT_EQ(CM_OK, SendText(*pTransport, strData));
+    Open();
+    const Datagrams all = Numbered(0, 100);
+    SendAll(all);
     Turns();
-    EXPECT_EQ(Numbered(0, 100), peer.Receive());
-    EXPECT_EQ(4u, pTransport->GetCounters().m_ullSendCalls);
+    EXPECT_EQ(all, m_Peer.Receive());
+    EXPECT_EQ(4u, m_pTransport->GetCounters().m_ullSendCalls);
 
-    sink.m_bEcho = TRUE;
-    for (const std::string& strData : Numbered(0, 100))
-        peer.Send(peer.From(), strData);
+    m_Sink.m_bEcho = TRUE;
+    PeerSends(all);
     const uint64_t ullWakeUps = m_Network.Main().GetCounters().m_ullWakeUps;
-    m_Network.RunUntil([&] { return sink.m_Received.size() == 100; });
+    m_Network.RunUntil([&] { return m_Sink.m_nReceives == 100; });
     EXPECT_EQ(4u, m_Network.Main().GetCounters().m_ullWakeUps - ullWakeUps);
-    EXPECT_EQ(Numbered(0, 100), peer.Receive());
-    EXPECT_EQ(4u, pTransport->GetCounters().m_ullReceiveCalls);
-    EXPECT_EQ(8u, pTransport->GetCounters().m_ullSendCalls);
+    EXPECT_EQ(all, m_Peer.Receive());
+    EXPECT_EQ(4u, m_pTransport->GetCounters().m_ullReceiveCalls);
+    EXPECT_EQ(8u, m_pTransport->GetCounters().m_ullSendCalls);
 }
 
 // The refusal is met by the next receive, by the next send, or before the transport was opened.
 TEST_F(UdpTest, ARefusalByThePeersSystemEndsItOnce) {
     for (int nWay = 0; nWay < 3; ++nWay) {
-        const auto pTransport = Connect(CPlainUdp().Addr());  // nobody receives there any more
+        Connect(CPlainUdp().Addr());  // nobody receives there any more
         CTestSink sink;
-        const auto open = [&] { EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink)); };
+        const auto open = [&] { EXPECT_EQ(CM_OK, m_pTransport->OpenWithSink(&sink)); };
         if (nWay < 2)
             open();
-        EXPECT_EQ(CM_OK, SendText(*pTransport, "anybody?"));
+        SendAll({"anybody?"});
         if (nWay > 0) {
             m_Network.Main().ProcessTimerTick();
-            EXPECT_EQ(CM_OK, SendText(*pTransport, "nobody?"));
+            SendAll({"nobody?"});
             m_Network.Main().ProcessTimerTick();
-            EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(*pTransport, "no"));
+            EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(*m_pTransport, "no"));
         }
         if (nWay == 2)
             open();
         Turns();
         EXPECT_EQ("disconnect 20001", sink.Take());
-        EXPECT_EQ(ECONNREFUSED, Get<CCmFailure>(*pTransport, CM_OPT_TRANSPORT_LAST_FAILURE).GetErrno());
-        EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, SendText(*pTransport, "over"));
+        EXPECT_EQ(ECONNREFUSED, Get<CCmFailure>(*m_pTransport, CM_OPT_TRANSPORT_LAST_FAILURE).GetErrno());
+        EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, SendText(*m_pTransport, "over"));
     }
 }
 
 TEST_F(UdpTest, APauseLosesNothing) {
-    CPlainUdp peer;
-    const auto pTransport = Connect(peer.Addr());
-    CTestSink sink(*pTransport);
-    sink.m_Receive = [&] { Set(*pTransport, CM_OPT_TRANSPORT_PAUSE_READING, BOOL{sink.m_nReceives % 10 == 3}); };
-    const auto addr = Get<CCmInetAddr>(*pTransport, CM_OPT_TRANSPORT_LOCAL_ADDR);
-    for (const std::string& strData : Numbered(0, 50))
-        peer.Send(addr, strData);
+    Open();
+    m_Sink.m_Receive = [&] { Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, BOOL{m_Sink.m_nReceives % 10 == 3}); };
+    PeerSends(Numbered(0, 50));
     Turns();
-    EXPECT_EQ(Numbered(0, 3), sink.m_Received);
+    EXPECT_EQ(Numbered(0, 3), m_Sink.m_Received);
     for (int nStop = 13; nStop < 50; nStop += 10) {
-        Set(*pTransport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
-        EXPECT_EQ(Numbered(0, nStop - 10), sink.m_Received);  // nothing from inside the call
+        Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
+        EXPECT_EQ(Numbered(0, nStop - 10), m_Sink.m_Received);  // nothing from inside the call
         Turns();
-        EXPECT_EQ(Numbered(0, nStop), sink.m_Received);
+        EXPECT_EQ(Numbered(0, nStop), m_Sink.m_Received);
     }
 }
 
 TEST_F(UdpTest, TheSinkMayEndItInTheMiddleOfABatch) {
-    CPlainUdp peer;
     for (const BOOL bRelease : {FALSE, TRUE}) {
-        auto pTransport = Connect(peer.Addr());
-        CTestSink sink(*pTransport);
-        const auto addr = Get<CCmInetAddr>(*pTransport, CM_OPT_TRANSPORT_LOCAL_ADDR);
-        for (const std::string& strData : Numbered(0, 10))
-            peer.Send(addr, strData);
+        Connect(m_Peer.Addr());
+        CTestSink sink(*m_pTransport);
+        PeerSends(Numbered(0, 10));
         sink.m_bEcho = TRUE;
         sink.m_Receive = [&] {
             if (sink.m_nReceives == 3 && bRelease)
-                pTransport.Reset();
+                m_pTransport.Reset();
             else if (sink.m_nReceives == 3)
-                pTransport->Disconnect(CM_OK);
+                m_pTransport->Disconnect(CM_OK);
         };
         Turns();
-        EXPECT_EQ(3, sink.Upcalls());
-        EXPECT_EQ(Numbered(0, 3), peer.Receive());  // what was taken went out
+        EXPECT_EQ("receive 012", sink.Take());
+        EXPECT_EQ(Numbered(0, 3), m_Peer.Receive());  // what was taken went out
     }
 }
 
 TEST_F(UdpTest, OptionsAnswerForDatagrams) {
     CCmTraceCapture trace;
-    CPlainUdp peer;
-    const auto pTransport = Connect(peer.Addr());
-    auto addr = Get<CCmInetAddr>(*pTransport, CM_OPT_TRANSPORT_LOCAL_ADDR);
-    peer.Send(addr, "12345");
-    EXPECT_EQ(5u, Get<DWORD>(*pTransport, CM_OPT_TRANSPORT_FIO_NREAD));
-    EXPECT_TRUE(Get<BOOL>(*pTransport, CM_OPT_TRANSPORT_SOCK_ALIVE));
-    Set(*pTransport, CM_OPT_TRANSPORT_TOS, DWORD{0x10});
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, pTransport->GetOption(102, &addr));
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, pTransport->SetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &addr));
+    PeerSends({"12345"});
+    EXPECT_EQ(5u, Get<DWORD>(*m_pTransport, CM_OPT_TRANSPORT_FIO_NREAD));
+    EXPECT_TRUE(Get<BOOL>(*m_pTransport, CM_OPT_TRANSPORT_SOCK_ALIVE));
+    Set(*m_pTransport, CM_OPT_TRANSPORT_TOS, DWORD{0x10});
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pTransport->GetOption(102, &m_Addr));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pTransport->SetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &m_Addr));
     EXPECT_TRUE(trace.Contains("CCmTransportUdp::GetOption, unknow aCommand=102 aArg="));
     EXPECT_TRUE(trace.Contains("CCmTransportUdp::SetOption, unknow aCommand=104 aArg="));
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, pTransport->SetOption(CM_OPT_TRANSPORT_TOS, nullptr));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pTransport->SetOption(CM_OPT_TRANSPORT_TOS, nullptr));
 
-    HANDLE fd = Get<HANDLE>(*pTransport, CM_OPT_TRANSPORT_FD);
-    const CTestFd detached(fd);
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, pTransport->SetOption(CM_OPT_TRANSPORT_FD, &fd));
-    Set(*pTransport, CM_OPT_TRANSPORT_FD, CM_INVALID_HANDLE);
+    const CTestFd detached(Get<HANDLE>(*m_pTransport, CM_OPT_TRANSPORT_FD));
+    Set(*m_pTransport, CM_OPT_TRANSPORT_FD, CM_INVALID_HANDLE);
     BOOL bValue = TRUE;
-    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, pTransport->GetOption(CM_OPT_TRANSPORT_SOCK_ALIVE, &bValue));
-    EXPECT_FALSE(bValue);
+    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, m_pTransport->GetOption(CM_OPT_TRANSPORT_SOCK_ALIVE, &bValue));
     EXPECT_EQ("12345", detached.Read());
 }
 
 TEST_F(UdpFullTest, WhatWasTakenGoesOutAndOnSendComesOnce) {
-    CPlainUdp peer;
-    const auto pTransport = Connect(peer.Addr());
-    CTestSink sink(*pTransport);
     s_nRoom = 5;
-    const int nTaken = Fill(*pTransport);
-    EXPECT_EQ(Numbered(0, 5), peer.Receive());
+    const int nTaken = Fill(*m_pTransport);
+    EXPECT_EQ(Numbered(0, 5), m_Peer.Receive());
     Turns();
-    MakeRoom(*pTransport, 3);
-    EXPECT_EQ("", sink.Take());
-    MakeRoom(*pTransport);
-    EXPECT_EQ("send", sink.Take());
-    EXPECT_EQ(Numbered(5, nTaken), peer.Receive());
+    MakeRoom(*m_pTransport, 3);
+    EXPECT_EQ("", m_Sink.Take());
+    MakeRoom(*m_pTransport);
+    EXPECT_EQ("send", m_Sink.Take());
+    EXPECT_EQ(Numbered(5, nTaken), m_Peer.Receive());
     // One that the system never takes is lost, and no other with it.
     s_nError = EMSGSIZE;
-    for (const char* szText : {"too long", "next"})
-        EXPECT_EQ(CM_OK, SendText(*pTransport, szText));
-    MakeRoom(*pTransport);
-    EXPECT_EQ("", sink.Take());
-    EXPECT_EQ(Datagrams{"next"}, peer.Receive());
-    EXPECT_EQ(1u, pTransport->GetCounters().m_ullLost);
+    SendAll({"too long", "next"});
+    MakeRoom(*m_pTransport);
+    EXPECT_EQ("", m_Sink.Take());
+    EXPECT_EQ(Datagrams{"next"}, m_Peer.Receive());
+    EXPECT_EQ(1u, m_pTransport->GetCounters().m_ullLost);
 }
 
 // An echo is sent from the buffer it was received into; what has to wait must not change when that is used again.
 TEST_F(UdpFullTest, WaitingEchoesKeepTheirBytes) {
-    CPlainUdp peer;
-    const auto pTransport = Connect(peer.Addr());
-    CTestSink sink(*pTransport);
-    sink.m_bEcho = TRUE;
-    const auto addr = Get<CCmInetAddr>(*pTransport, CM_OPT_TRANSPORT_LOCAL_ADDR);
+    m_Sink.m_bEcho = TRUE;
     s_nRoom = 2;
-    for (const std::string& strData : Numbered(0, 8))
-        peer.Send(addr, strData);
+    PeerSends(Numbered(0, 8));
     Turns();
-    for (const std::string& strData : Numbered(8, 16))
-        peer.Send(addr, strData);  // refused, and lost
+    PeerSends(Numbered(8, 16));  // refused, and lost
     Turns();
-    EXPECT_EQ(16, sink.m_nReceives);
-    MakeRoom(*pTransport);
-    EXPECT_EQ(Numbered(0, 8), peer.Receive());
-    EXPECT_EQ(1, sink.m_nSends);
+    EXPECT_EQ(16, m_Sink.m_nReceives);
+    MakeRoom(*m_pTransport);
+    EXPECT_EQ(Numbered(0, 8), m_Peer.Receive());
+    EXPECT_EQ(1, m_Sink.m_nSends);
 }
 
 TEST_F(UdpFullTest, EveryRefusedPeerGetsItsTurn) {
@@ -308,33 +302,7 @@ TEST(UdpProxyTest, EachSendStaysOneDatagram) {
     EXPECT_EQ(all, echo.m_Received);
     EXPECT_EQ(all, sink.m_Received);
     EXPECT_EQ(1u, accepted.Count());
-}
-
-TEST(UdpProxyTest, ABurstTakesFewCallsAndGoesOutBeforeTheEnd) {
-    CTestNetwork network;
-    CPlainUdp peer;
-    const auto pTransport = network.Connect(peer.Addr(), UDP);
-    CTestSink sink(*pTransport);
-    auto* pInner = Get<ICmTransport*>(*pTransport, CM_OPT_TRANSPORT_INNER_TRANSPORT);
-    CCmEventThread busy;
-    network.NetworkLink().Post([&] { busy.Wait(); });  // until all are waiting
-    Datagrams expected = Numbered(0, 200);
-    expected.push_back("");
-    for (const std::string& strData : expected)
-        EXPECT_EQ(CM_OK, SendText(*pTransport, strData));
-    busy.Signal();
-    network.InNetwork([&] {
-        const uint64_t ullCalls = static_cast<CCmTransportUdp*>(pInner)->GetCounters().m_ullSendCalls;
-        EXPECT_TRUE(ullCalls > 0 && ullCalls <= 7) << ullCalls;
-    });
     EXPECT_EQ(CM_OK, SendText(*pTransport, ""));  // even one without a byte goes out before the end
     EXPECT_EQ(CM_OK, pTransport->Disconnect(CM_OK));
-    expected.push_back("");
-    Datagrams received;
-    YieldUntil([&] {
-        const Datagrams more = peer.Receive();
-        received.insert(received.end(), more.begin(), more.end());
-        return received.size() >= expected.size();
-    });
-    EXPECT_EQ(expected, received);
+    network.RunUntil([&] { return echo.m_nReceives == 6; });
 }
