@@ -9,160 +9,100 @@ from program import HOST, PATIENCE, ProgramTest
 
 REQUEST, RESPONSE = bytes.fromhex("01 00000000 0000 0F"), bytes.fromhex("02 00000000 0000 0F")
 GOODBYE = bytes.fromhex("03 0000")
+STREAM, DATAGRAMS = socket.SOCK_STREAM, socket.SOCK_DGRAM
+KINDS = [(kind, over) for kind in ("package", "package-keepalive", "nopartial") for over in (STREAM, DATAGRAMS)]
 
 
-def package(payload):
-    return b"\x06" + struct.pack(">I", len(payload)) + payload
-
-
-def nopartial(payload):
-    return b"\x06" + struct.pack(">II", 0, len(payload)) + payload
-
-
-def length(payload):
-    return struct.pack(">I", len(payload)) + payload
-
-
-FRAMES = {"package": package, "package-keepalive": package, "nopartial": nopartial, "length": length}
-OVER_UDP = "package", "package-keepalive", "nopartial"
-
-
-def shakes_hands(kind):
-    return kind.startswith("package")
-
-
-class Peer:
-    """Our end of a connection or of a flow of datagrams."""
-
-    def __init__(self, end, kind):
-        self.end, self.kind, self.frame = end, kind, FRAMES[kind]
-        self.udp = end.type == socket.SOCK_DGRAM
-        end.settimeout(PATIENCE)
-
-    def send(self, data, one_by_one=False):
-        for i in range(len(data)) if one_by_one else []:
-            self.end.sendall(data[i:i + 1])
-        if not one_by_one:
-            self.end.sendall(data)
-
-    def take(self, count):
-        """That many bytes, over UDP a datagram, whatever it holds; fewer when the other side has ended."""
-        if self.udp:
-            return self.end.recv(65536)
-        data = b""
-        try:
-            while len(data) < count and (piece := self.end.recv(count - len(data))):
-                data += piece
-        except ConnectionResetError:
-            pass
-        return data
+def frame(kind, payload):
+    head = b"" if kind == "length" else b"\x06" + bytes(4) * (kind == "nopartial")
+    return head + struct.pack(">I", len(payload)) + payload
 
 
 class WirePeerTest(ProgramTest):
-    def echo(self, kind, *more):
-        return self.serve("echo", "--json", "--type", kind, *more).port
+    def open(self, over):
+        end = self.enterContext(socket.socket(socket.AF_INET, over))
+        end.setsockopt(socket.SOL_SOCKET, socket.SO_RCVTIMEO, struct.pack("ll", PATIENCE, 0))
+        return end
 
-    def connect(self, port, kind, udp=False):
-        end = socket.socket(socket.AF_INET, socket.SOCK_DGRAM if udp else socket.SOCK_STREAM)
-        self.addCleanup(end.close)
-        end.connect((HOST, port))
-        return Peer(end, kind)
+    def send(self, end, data):
+        """Over a stream byte by byte, as far as a head may reach."""
+        alone = 20 if end.type == STREAM else 0
+        for i in range(min(alone, len(data))):
+            end.sendall(data[i:i + 1])
+        if len(data) > alone:
+            end.sendall(data[alone:])
 
-    def expect(self, peer, data):
-        self.assertEqual(data, peer.take(len(data)), peer.kind)
+    def take(self, end, count):
+        """So many bytes, or a datagram."""
+        return end.recv(65536) if end.type == DATAGRAMS else end.recv(count, socket.MSG_WAITALL)
 
-    def shake_hands(self, peer, one_by_one=False):
-        if shakes_hands(peer.kind):
-            peer.send(REQUEST, one_by_one)
-            self.expect(peer, RESPONSE)
+    def expect(self, end, data):
+        self.assertEqual(data, self.take(end, len(data)))
 
-    def expect_end(self, peer):
-        self.assertEqual(b"", peer.take(1), peer.kind)
+    def expect_end(self, end):
+        try:
+            self.assertEqual(b"", end.recv(1))
+        except ConnectionResetError:
+            pass
 
-    def test_as_client_over_tcp(self):
-        for kind, frame in FRAMES.items():
-            peer = self.connect(self.echo(kind), kind)
-            self.shake_hands(peer, one_by_one=True)
-            self.shake_hands(peer)  # a second request is answered again
-            peer.send(frame(b"abc"), one_by_one=True)
-            self.expect(peer, frame(b"abc"))
-            if kind != "length":
-                peer.send(b"\x04\0\0\0\0" + frame(b"first after a keep-alive") + b"\x05" + frame(b"second")[1:])
-                self.expect(peer, frame(b"first after a keep-alive") + frame(b"second"))
-            large = os.urandom(60000)
-            peer.send(frame(large) * 3)
-            self.expect(peer, frame(large) * 3)
-            if kind == "length":
-                peer.end.shutdown(socket.SHUT_WR)
-            else:
-                peer.send(GOODBYE + frame(b"too late"))
-            self.expect_end(peer)
+    def shake_hands(self, end, kind):
+        if kind.startswith("package"):
+            self.send(end, REQUEST)
+            self.expect(end, RESPONSE)
 
-    def test_as_client_over_udp(self):
-        for kind in OVER_UDP:
-            frame = FRAMES[kind]
-            peer = self.connect(self.echo(kind, "--udp"), kind, udp=True)
-            self.shake_hands(peer)
-            self.shake_hands(peer)
-            peer.send(frame(b"abc"))
-            self.expect(peer, frame(b"abc"))
-            # Neither half a PDU nor what stands behind one reaches the next datagram.
-            peer.send(frame(b"half of it")[:-5])
-            peer.send(frame(b"whole") + frame(b"too much"))
-            peer.send(frame(b"and so on"))
-            self.expect(peer, frame(b"whole"))
-            self.expect(peer, frame(b"and so on"))
-            # After a farewell the same address is a new peer.
-            peer.send(GOODBYE)
-            self.shake_hands(peer)
-            peer.send(frame(b"again"))
-            self.expect(peer, frame(b"again"))
+    def test_as_client(self):
+        for kind, over in *KINDS, ("length", STREAM):
+            with self.subTest(kind=kind, over=over):
+                end = self.open(over)
+                end.connect((HOST, self.serve("echo", "--json", "--type", kind, *["--udp"] * (over == DATAGRAMS)).port))
+                self.shake_hands(end, kind)
+                self.shake_hands(end, kind)  # a second request is answered again
+                for_echo = frame(kind, b"abc")
+                self.send(end, for_echo)
+                self.expect(end, for_echo)
+                if over == DATAGRAMS:
+                    # Neither half a PDU nor what stands behind one reaches the next datagram.
+                    for data in frame(kind, b"half of it")[:-5], for_echo + frame(kind, b"too much"), GOODBYE:
+                        self.send(end, data)
+                    self.expect(end, for_echo)
+                    self.shake_hands(end, kind)  # after a farewell the same address is a new peer
+                    self.send(end, for_echo)
+                    self.expect(end, for_echo)
+                    continue
+                if kind != "length":
+                    self.send(end, b"\4\0\0\0\0" + for_echo + b"\5" + for_echo[1:])  # a keep-alive and a first part
+                    self.expect(end, for_echo * 2)
+                large = frame(kind, os.urandom(60000)) * 3
+                end.sendall(large)
+                self.expect(end, large)
+                end.shutdown(socket.SHUT_WR) if kind == "length" else end.sendall(GOODBYE + frame(kind, b"too late"))
+                self.expect_end(end)
 
-    def ping(self, port, kind, *more):
-        return self.start("ping", f"{HOST}:{port}", "--type", kind, "--count", 3, "--interval", 0, "--size", 5000, *more)
-
-    def serve_pings(self, peer, count):
-        for _ in range(count):
-            data = peer.take(len(peer.frame(bytes(5000))))
-            self.assertEqual(peer.frame(data[-5000:]), data, peer.kind)
-            peer.send(data[:7], one_by_one=True) if not peer.udp else None
-            peer.send(data if peer.udp else data[7:])
-        self.expect(peer, b"" if peer.kind == "length" else GOODBYE)
-
-    def end_well(self, ping):
-        out, err = ping.communicate(timeout=PATIENCE)
-        self.assertEqual((0, ""), (ping.returncode, err))
-        self.assertIn("3 came back", out)
-
-    def test_as_server_over_tcp(self):
-        for kind in FRAMES:
-            with socket.create_server((HOST, 0)) as listener:
-                listener.settimeout(PATIENCE)
-                ping = self.ping(listener.getsockname()[1], kind)
-                with listener.accept()[0] as end:
-                    peer = Peer(end, kind)
-                    if shakes_hands(kind):
-                        self.expect(peer, REQUEST)
-                        peer.send(RESPONSE, one_by_one=True)
-                        peer.send(RESPONSE)  # is ignored
-                    self.serve_pings(peer, 3)
-                    self.expect_end(peer)
-            self.end_well(ping)
-
-    def test_as_server_over_udp(self):
-        for kind in OVER_UDP:
-            with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as end:
+    def test_as_server(self):
+        for kind, over in *KINDS, ("length", STREAM):
+            with self.subTest(kind=kind, over=over):
+                end = self.open(over)
                 end.bind((HOST, 0))
-                ping = self.ping(end.getsockname()[1], kind, "--udp")
-                peer = Peer(end, kind)
-                end.connect(end.recvfrom(65536, socket.MSG_PEEK)[1])
-                if shakes_hands(kind):
-                    for _ in range(3):  # it asks again while it gets no answer
-                        self.expect(peer, REQUEST)
-                    peer.send(RESPONSE)
-                    peer.send(RESPONSE)
-                self.serve_pings(peer, 3)
-            self.end_well(ping)
+                if over == STREAM:
+                    end.listen()
+                ping = self.start("ping", f"{HOST}:{end.getsockname()[1]}", "--type", kind, *["--udp"] * (over == DATAGRAMS),
+                                  "--count", 3, "--interval", 0, "--size", 5000)
+                if over == STREAM:
+                    end = self.enterContext(end.accept()[0])
+                else:
+                    end.connect(end.recvfrom(65536, socket.MSG_PEEK)[1])
+                if kind.startswith("package"):
+                    for _ in range(3 if over == DATAGRAMS else 1):  # it asks again while it gets no answer
+                        self.expect(end, REQUEST)
+                    self.send(end, RESPONSE)
+                    self.send(end, RESPONSE)  # is ignored
+                for _ in range(3):
+                    data = self.take(end, len(frame(kind, bytes(5000))))
+                    self.assertEqual(frame(kind, data[-5000:]), data)
+                    self.send(end, data)
+                self.expect(end, b"" if kind == "length" else GOODBYE)
+                out, err = ping.communicate(timeout=PATIENCE)
+                self.assertEqual((0, "", True), (ping.returncode, err, "3 came back" in out))
 
 
 if __name__ == "__main__":
