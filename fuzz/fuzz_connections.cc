@@ -1,6 +1,7 @@
 // Protocol connections: any bytes, in any pieces, do no harm. The user gets the messages of the bytes, and no upcall after the
 // end.
 
+#include <functional>
 #include <vector>
 
 #include "fuzz/fuzz_lower.h"
@@ -121,9 +122,8 @@ void Run(FuzzedDataProvider& aInput, size_t aHeader, char aConnectPdu) {
     // One request of another type ends a server's connection, so the messages of those inputs are not predicted.
     const BOOL bForetold = user.m_bQuiet && user.m_bOpen && !bDatagrams && aConnectPdu != 1;
     const std::string strBytes = aInput.ConsumeRemainingBytesAsString();
-    for (size_t stAt = 0, stLength; stAt < strBytes.size() && pLower->IsOpen(); stAt += stLength) {
-        stLength = cutter.Next(strBytes.size() - stAt);
-        pLower->Receive(strBytes.substr(stAt, stLength));
+    for (const std::string& strPiece : PiecesOf(strBytes, &cutter)) {
+        pLower->Receive(strPiece);
         if (pLower->IsOpen() && cutter.Next(4) == 0)
             pLower->MakeRoom();
     }
@@ -138,19 +138,10 @@ void Run(FuzzedDataProvider& aInput, size_t aHeader, char aConnectPdu) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     static CFuzzThread& thread = *new CFuzzThread;  // the process's main thread until the end
     FuzzedDataProvider input(aData, aSize);
-    switch (input.ConsumeIntegralInRange<int>(0, 3)) {
-    case 0:
-        Run<CLenPkgConn>(input, 4, '\0');
-        break;
-    case 1:
-        Run<CPkgConnClient>(input, 5, '\2');
-        break;
-    case 2:
-        Run<CPkgConnServer>(input, 5, '\1');
-        break;
-    default:
-        Run<CPkgSender>(input, 9, '\0');
-    }
+    const std::function<void()> kinds[] = {
+        [&] { Run<CLenPkgConn>(input, 4, '\0'); }, [&] { Run<CPkgConnClient>(input, 5, '\2'); },
+        [&] { Run<CPkgConnServer>(input, 5, '\1'); }, [&] { Run<CPkgSender>(input, 9, '\0'); }};
+    kinds[input.ConsumeIntegralInRange<int>(0, 3)]();
     thread.m_Timers.CheckExpire(nullptr);  // deletes the released objects
     return 0;
 }

@@ -1,65 +1,43 @@
 // Chunked bodies: the same data for any pieces, copied by the decoder or viewed by the body reader.
+#include <tuple>
+
 #include "fuzz/fuzz_input.h"
 #include "talvo/http/message/http_atom_list.h"
-#include "talvo/http/message/http_body.h"
 #include "talvo/http/message/http_chunked_decoder.h"
 
 namespace {
 
-class CFuzzBody : public talvo::CHttpBodySink {
-public:
-    explicit CFuzzBody(CFuzzCutter& aCutter) : m_Cutter(aCutter) {}
-    BOOL OnBody(CCmMessageBlock& aView) override {
-        m_strBody += aView.FlattenChained();
-        return m_Cutter.Next(8) > 0;
-    }
-    std::string m_strBody;
-
-private:
-    CFuzzCutter& m_Cutter;
-};
-
-struct COutcome {
-    BOOL operator==(const COutcome& aRight) const {
-        return m_bGood == aRight.m_bGood && m_bFinished == aRight.m_bFinished && m_strData == aRight.m_strData &&
-               (!m_bGood || m_stConsumed == aRight.m_stConsumed);
-    }
-    BOOL m_bGood = TRUE;
-    BOOL m_bFinished = FALSE;
-    std::string m_strData;
-    size_t m_stConsumed = 0;
-};
+// The result, what was found, and the bytes that were used unless they are broken.
+using COutcome = std::tuple<bool, bool, std::string, size_t>;
 
 COutcome Decode(const std::string& aBytes, const CCmHttpLimits& aLimits, BOOL aStrict, CFuzzCutter* aCutter) {
     CCmHttpChunkedDecoder decoder;
     decoder.SetStrict(aStrict);
     decoder.SetLimits(aLimits);
-    COutcome outcome;
-    for (size_t stAt = 0, stLength; stAt < aBytes.size() && outcome.m_bGood; stAt += stLength) {
-        stLength = aCutter ? aCutter->Next(aBytes.size() - stAt) : aBytes.size();
-        const std::string strPiece = aBytes.substr(stAt, stLength);
+    BOOL bGood = TRUE;
+    std::string strData;
+    size_t stConsumed = 0;
+    for (const std::string& strPiece : PiecesOf(aBytes, aCutter)) {
         unsigned long ulConsumed = 0;
-        outcome.m_bGood = decoder.HandleChunkedContent(strPiece.data(), strPiece.size(), outcome.m_strData, ulConsumed);
-        FUZZ_CHECK(ulConsumed <= stLength && (ulConsumed == stLength || !outcome.m_bGood || decoder.IsFinished()));
-        outcome.m_stConsumed += ulConsumed;
+        bGood = bGood && decoder.HandleChunkedContent(strPiece.data(), strPiece.size(), strData, ulConsumed);
+        FUZZ_CHECK(ulConsumed <= strPiece.size() && (ulConsumed == strPiece.size() || !bGood || decoder.IsFinished()));
+        stConsumed += ulConsumed;
     }
-    outcome.m_bFinished = decoder.IsFinished();
-    return outcome;
+    return {bGood, decoder.IsFinished(), strData, bGood ? stConsumed : 0};
 }
 
 COutcome Read(const std::string& aBytes, const CCmHttpLimits& aLimits, CFuzzCutter& aCutter) {
     talvo::CHttpBodyReader reader;
     reader.SetLimits(aLimits);
     reader.Begin(talvo::EHttpBody::CHUNKED);
-    CFuzzBody body(aCutter);
-    CCmMessageBlock* pChain = aCutter.Cut(aBytes);
+    CFuzzBody body(&aCutter);
+    const CCmChainPtr pChain = aCutter.Cut(aBytes);
     CmResult rv;
     while ((rv = reader.Feed(*pChain, body)) == CM_ERROR_NOT_AVAILABLE)
         continue;
-    COutcome outcome{rv != CM_ERROR_FAILURE, reader.IsComplete(), body.m_strBody, aBytes.size() - pChain->GetChainedLength()};
     FUZZ_CHECK(reader.GetReceived() == body.m_strBody.size());
-    pChain->DestroyChained();
-    return outcome;
+    const bool bGood = rv != CM_ERROR_FAILURE;
+    return {bGood, reader.IsComplete(), body.m_strBody, bGood ? aBytes.size() - pChain->GetChainedLength() : 0};
 }
 
 }  // namespace
@@ -77,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     const COutcome outcome = Decode(strBytes, limits, FALSE, nullptr);
     FUZZ_CHECK(outcome == Decode(strBytes, limits, FALSE, &cutter));
     const COutcome strict = Decode(strBytes, limits, TRUE, nullptr);
-    FUZZ_CHECK(!strict.m_bFinished || strict == outcome);
+    FUZZ_CHECK(!std::get<1>(strict) || strict == outcome);
     FUZZ_CHECK(strict == Read(strBytes, limits, cutter));
     return 0;
 }

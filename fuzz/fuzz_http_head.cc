@@ -7,16 +7,6 @@
 
 namespace {
 
-class CFuzzBody : public talvo::CHttpBodySink {
-public:
-    BOOL OnBody(CCmMessageBlock& aView) override {
-        FUZZ_CHECK(aView.GetTopLevelLength() > 0);
-        m_strBody += aView.FlattenChained();
-        return TRUE;
-    }
-    std::string m_strBody;
-};
-
 talvo::CHttpFraming FramingOf(const CCmHttpRequestHead& aHead) { return talvo::get_request_framing(aHead); }
 talvo::CHttpFraming FramingOf(const CCmHttpResponseHead& aHead) { return talvo::get_response_framing(aHead, nullptr); }
 
@@ -35,27 +25,20 @@ std::string Parse(const std::string& aBytes, const CCmHttpLimits& aLimits, CFuzz
     parser.SetLimits(aLimits);
     talvo::CHttpBodyReader reader;
     reader.SetLimits(aLimits);
-    CFuzzBody body;
+    CFuzzBody body(nullptr);
     std::string strLeft;
     CmResult rv = CM_OK;
-    for (size_t stAt = 0, stLength; stAt < aBytes.size() && rv == CM_OK; stAt += stLength) {
-        stLength = aCutter ? aCutter->Next(aBytes.size() - stAt) : aBytes.size();
-        const std::string strPiece = aBytes.substr(stAt, stLength);
-        CCmMessageBlock* pChain = aCutter ? aCutter->Cut(strPiece) : nullptr;
-        CCmMessageBlock whole(static_cast<DWORD>(strPiece.size()), strPiece.data(), 0, static_cast<DWORD>(strPiece.size()));
-        CCmMessageBlock& chain = pChain ? *pChain : whole;
+    for (const std::string& strPiece : PiecesOf(aBytes, aCutter)) {
+        const CCmChainPtr pChain = aCutter ? aCutter->Cut(strPiece) : CCmChainPtr(MakeBlock(strPiece));
         const BOOL bBefore = head.IsComplete();
+        rv = rv == CM_OK && !bBefore ? parser.ParseHead(pChain.get()) : rv;
+        if (!head.IsComplete())
+            continue;
+        const talvo::CHttpFraming framing = FramingOf(head);
         if (!bBefore)
-            rv = parser.ParseHead(&chain);
-        if (head.IsComplete()) {
-            const talvo::CHttpFraming framing = FramingOf(head);
-            if (!bBefore)
-                reader.Begin(framing.m_nError ? talvo::EHttpBody::NONE : framing.m_Body, framing.m_ullLength);
-            reader.Feed(chain, body);
-            strLeft += chain.FlattenChained();
-        }
-        if (pChain)
-            pChain->DestroyChained();
+            reader.Begin(framing.m_nError ? talvo::EHttpBody::NONE : framing.m_Body, framing.m_ullLength);
+        reader.Feed(*pChain, body);
+        strLeft += pChain->FlattenChained();
     }
     // After a failure the amount that the reader took depends on the pieces.
     if (reader.EndOfStream() != CM_OK) {
@@ -70,17 +53,17 @@ template <class Head>
 void Reprint(const std::string& aBytes) {
     Head head;
     CCmHttpParserT<Head> parser(&head);
-    CCmMessageBlock block(static_cast<DWORD>(aBytes.size()), aBytes.data(), 0, static_cast<DWORD>(aBytes.size()));
-    if (parser.ParseHead(&block) != CM_OK || !head.IsComplete())
+    const CCmChainPtr pBytes(MakeBlock(aBytes));
+    if (parser.ParseHead(pBytes.get()) != CM_OK || !head.IsComplete())
         return;
-    parser.HandleContent(&block);
+    parser.HandleContent(pBytes.get());
     if (head.GetFaults() != 0)
         return;
     const std::string strPrinted = Print(head);
-    CCmMessageBlock printed(static_cast<DWORD>(strPrinted.size()), strPrinted.data(), 0, static_cast<DWORD>(strPrinted.size()));
+    const CCmChainPtr pPrinted(MakeBlock(strPrinted));
     Head again;
     CCmHttpParserT<Head> reparser(&again);
-    FUZZ_CHECK(reparser.ParseHead(&printed) == CM_OK && again.IsComplete() && printed.GetTopLevelLength() == 0);
+    FUZZ_CHECK(reparser.ParseHead(pPrinted.get()) == CM_OK && again.IsComplete() && pPrinted->GetChainedLength() == 0);
     FUZZ_CHECK(Print(again) == strPrinted && Print(Head(again)) == strPrinted);
 }
 

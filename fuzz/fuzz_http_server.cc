@@ -1,6 +1,7 @@
 // An HTTP server: no input of a client, in any pieces, and no operation of the application does harm. The output is a sequence
 // of answers, and it does not depend on the pieces.
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -52,38 +53,25 @@ private:
     };
 
     void Act(CRequest& aRequest) {
-        const DWORD dwDeed = m_bQuiet || !aRequest.m_pChannel ? 0 : m_Deeds() % 16;
+        if (m_bQuiet || !aRequest.m_pChannel)
+            return;
+        const DWORD dwDeed = m_Deeds() % 16;
         const std::string strText(dwDeed * 1000, 'x');
         CCmMessageBlock block(static_cast<DWORD>(strText.size()), strText.data(), CCmMessageBlock::DONT_DELETE,
                               static_cast<DWORD>(strText.size()));
-        BOOL bPause = dwDeed == 6;
-        switch (dwDeed) {
-        case 1:
-            aRequest.m_pChannel->Answer(&block);
-            break;
-        case 2:
-            aRequest.m_pChannel->BeginAnswer(5000);
-            break;
-        case 3:
-        case 4:
-            aRequest.m_pChannel->SendData(block);
-            break;
-        case 5:
-            aRequest.m_pChannel->EndAnswer();
-            break;
-        case 6:
-        case 7:
-            aRequest.m_pChannel->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);
-            break;
-        case 8:
-            aRequest.m_pChannel.Reset();
-            break;
-        case 9:
-            aRequest.m_pChannel->Disconnect(CM_OK);
-            break;
-        default:
-            break;
-        }
+        BOOL bPause = dwDeed == 5;
+        ICmChannelHttpServer& channel = *aRequest.m_pChannel;
+        const std::function<void()> deeds[] = {[&] { channel.Answer(&block); },
+                                               [&] { channel.BeginAnswer(5000); },
+                                               [&] { channel.SendData(block); },
+                                               [&] { channel.SendData(block); },
+                                               [&] { channel.EndAnswer(); },
+                                               [&] { channel.SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause); },
+                                               [&] { channel.SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause); },
+                                               [&] { aRequest.m_pChannel.Reset(); },
+                                               [&] { channel.Disconnect(CM_OK); }};
+        if (dwDeed < std::size(deeds))
+            deeds[dwDeed]();
     }
 
     const BOOL m_bQuiet;
@@ -105,9 +93,8 @@ std::string Run(const std::string& aBytes, BOOL aEnds, CFuzzServer& aServer, CFu
     pAcceptor->SetOption(CM_OPT_CHANNEL_SERVER_MAX_BODY, &ullMaxBody);
     const CCmRefPtrT<CFuzzLower> pClient(new CFuzzLower(aCutter));
     pAcceptor->Serve(pClient.Get());
-    for (size_t stAt = 0, stLength; stAt < aBytes.size(); stAt += stLength) {
-        stLength = aCutter ? aCutter->Next(aBytes.size() - stAt) : aBytes.size();
-        pClient->Receive(aBytes.substr(stAt, stLength));
+    for (const std::string& strPiece : PiecesOf(aBytes, aCutter)) {
+        pClient->Receive(strPiece);
         if (aCutter)
             pClient->MakeRoom();
     }

@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <random>
 #include <string>
+#include <vector>
 
+#include "talvo/http/message/http_body.h"
 #include "tests/support/blocks.h"
 
 // A rule for every input. A violation is a finding.
@@ -31,11 +33,34 @@ public:
     size_t Next(size_t aLeft) { return std::min(aLeft, m_Random() % (m_stLongest + 1)); }
 
     // A chain of DUPLICATED blocks.
-    CCmMessageBlock* Cut(const std::string& aBytes) {
-        return MakeChain(aBytes, [this] { return Next(std::string::npos); }).release();
+    CCmChainPtr Cut(const std::string& aBytes) {
+        return MakeChain(aBytes, [this] { return Next(std::string::npos); });
     }
 
 private:
     std::minstd_rand m_Random;
     size_t m_stLongest;
+};
+
+// The pieces in which bytes arrive: one if there is no cutter.
+inline std::vector<std::string> PiecesOf(const std::string& aBytes, CFuzzCutter* aCutter) {
+    std::vector<std::string> pieces;
+    for (size_t stAt = 0; stAt < aBytes.size(); stAt += pieces.back().size())
+        pieces.push_back(aBytes.substr(stAt, aCutter ? aCutter->Next(aBytes.size() - stAt) : aBytes.size()));
+    return pieces;
+}
+
+// Keeps a body; sometimes wants no more of a chain, if there is a cutter.
+class CFuzzBody : public talvo::CHttpBodySink {
+public:
+    explicit CFuzzBody(CFuzzCutter* aCutter) : m_pCutter(aCutter) {}
+    BOOL OnBody(CCmMessageBlock& aView) override {
+        FUZZ_CHECK(aView.GetTopLevelLength() > 0);
+        m_strBody += aView.FlattenChained();
+        return !m_pCutter || m_pCutter->Next(8) > 0;
+    }
+    std::string m_strBody;
+
+private:
+    CFuzzCutter* m_pCutter;  // not owned
 };

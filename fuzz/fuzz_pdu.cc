@@ -1,4 +1,4 @@
-// PDUs: any bytes decode without harm and encode to the same bytes; any encoded PDU decodes to the same PDU.
+// PDUs: any bytes decode without harm and encode to the same bytes.
 
 #include <memory>
 
@@ -35,10 +35,9 @@ std::string Encode(const CCsPduBase& aPdu) {
 
 // Takes one PDU from the front of both, as a receiver would. FALSE: there is no whole one, or one that is never sent.
 BOOL TakeOne(CCmMessageBlock& aChain, std::string& aBytes, BOOL aNeedACK) {
-    CCmMessageBlock* pPeek = aChain.DuplicateChained();
+    const CCmChainPtr pPeek(aChain.DuplicateChained());
     CCsPduBase base(CS_PDU_TYPE_NONE);
     base.Decode(*pPeek);
-    pPeek->DestroyChained();
     FUZZ_CHECK(base.GetType() == (aBytes.empty() ? 0 : static_cast<BYTE>(aBytes[0])));
 
     const DWORD dwFixLength = CCsPduBase::GetFixLength(base.GetType(), aNeedACK);
@@ -53,57 +52,17 @@ BOOL TakeOne(CCmMessageBlock& aChain, std::string& aBytes, BOOL aNeedACK) {
     return base.GetType() != CS_PDU_TYPE_NONE;
 }
 
-void DecodeAll(CFuzzCutter& aCutter, std::string aBytes, BOOL aNeedACK) {
-    CCmMessageBlock* pChain = aCutter.Cut(aBytes);
-    while (pChain && TakeOne(*pChain, aBytes, aNeedACK))
-        pChain = pChain->ReclaimGarbage();
-    if (pChain)
-        pChain->DestroyChained();
-}
-
-// Decodes the encoding of aPdu, with other bytes behind it.
-template <class Pdu>
-void CheckRoundTrip(CFuzzCutter& aCutter, const CCsPduBase& aPdu, Pdu& aDecoder) {
-    const std::string strPdu = Encode(aPdu);
-    CCmMessageBlock* pChain = aCutter.Cut(strPdu + "next");
-    aDecoder.Decode(*pChain);
-    FUZZ_CHECK(pChain->FlattenChained() == "next");
-    FUZZ_CHECK(Encode(aDecoder) == strPdu);
-    FUZZ_CHECK(aDecoder.GetType() == aPdu.GetType());
-    pChain->DestroyChained();
-}
-
-void EncodeAll(CFuzzCutter& aCutter, const std::string& aBytes, DWORD aNumber, BOOL aNeedACK) {
-    const auto wNumber = static_cast<WORD>(aNumber);
-    CCsPduConnReqResp conn(aNumber, wNumber, CS_PDU_TYPE_CONN_RESP, static_cast<BYTE>(aNumber)), connDecoder;
-    CheckRoundTrip(aCutter, conn, connDecoder);
-    FUZZ_CHECK(connDecoder.GetACK() == aNumber && connDecoder.GetConTag() == wNumber);
-    FUZZ_CHECK(connDecoder.GetConnType() == conn.GetConnType());
-
-    CCsPduDisconn disconn(wNumber), disconnDecoder;
-    CheckRoundTrip(aCutter, disconn, disconnDecoder);
-    FUZZ_CHECK(disconnDecoder.GetReason() == wNumber);
-
-    CCsPduKeepAlive keepAlive(aNumber), keepAliveDecoder;
-    CheckRoundTrip(aCutter, keepAlive, keepAliveDecoder);
-    FUZZ_CHECK(keepAliveDecoder.GetACK() == aNumber);
-
-    const auto dwLength = static_cast<DWORD>(aBytes.size());
-    CCsPduData data(aNeedACK, aNumber, dwLength, CS_PDU_TYPE_DATA_NORMAL, aCutter.Cut(aBytes)), dataDecoder(aNeedACK);
-    CheckRoundTrip(aCutter, data, dataDecoder);
-    FUZZ_CHECK(dataDecoder.GetACK() == (aNeedACK ? aNumber : 0) && dataDecoder.GetDataLen() == dwLength);
-    FUZZ_CHECK(dataDecoder.GetData()->FlattenChained() == aBytes);
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     FuzzedDataProvider input(aData, std::min(aSize, LONGEST));
     const BOOL bNeedACK = input.ConsumeBool();
-    const auto dwNumber = input.ConsumeIntegral<DWORD>();
     CFuzzCutter cutter(input);
-    const std::string strBytes = input.ConsumeRemainingBytesAsString();
-    DecodeAll(cutter, strBytes, bNeedACK);
-    EncodeAll(cutter, strBytes, dwNumber, bNeedACK);
+    std::string strBytes = input.ConsumeRemainingBytesAsString();
+    CCmMessageBlock* pChain = cutter.Cut(strBytes).release();
+    while (pChain && TakeOne(*pChain, strBytes, bNeedACK))
+        pChain = pChain->ReclaimGarbage();
+    if (pChain)
+        pChain->DestroyChained();
     return 0;
 }
