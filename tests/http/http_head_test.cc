@@ -1,22 +1,30 @@
 #include "talvo/base/clean_up.h"
 #include "talvo/http/message/http_atom_list.h"
-#include "talvo/http/message/http_request_head.h"
-#include "talvo/http/message/http_response_head.h"
+#include "talvo/http/message/http_framing.h"
+#include "talvo/http/message/http_text.h"
 #include "tests/support/test.h"
 
 namespace {
 
+using talvo::EHttpBody;
 using Atoms = CCmHttpAtomList;
 
-// Everything up to the first header.
-constexpr const char* FIRST_LINE = "GET / HTTP/1.1";
+// Of lines that end at line feeds; the result of the last one.
+template <class Head>
+BOOL Read(Head& aHead, const std::string& aLines) {
+    BOOL bGood = TRUE;
+    for (size_t stAt = 0, stEnd = 0; stEnd != std::string::npos; stAt = stEnd + 1) {
+        stEnd = aLines.find('\n', stAt);
+        bGood = aHead.ParseLine(aLines.substr(stAt, stEnd == std::string::npos ? stEnd : stEnd - stAt));
+    }
+    return bGood;
+}
 
-std::string Headers(const std::vector<std::string>& aLines) {
-    CCmHttpRequestHead head;
-    head.ParseLine(FIRST_LINE);
-    for (const std::string& strLine : aLines)
-        EXPECT_TRUE(head.ParseLine(strLine));
-    return head.Flatten().substr(std::strlen(FIRST_LINE) + 2);
+template <class Head>
+Head MakeHead(const std::string& aLines) {
+    Head head;
+    EXPECT_TRUE(Read(head, aLines)) << aLines;
+    return head;
 }
 
 TEST(HttpAtom, NamesAreResolvedWhateverTheirCase) {
@@ -78,79 +86,47 @@ TEST(HttpAtom, BeyondTheLimitAMessageKeepsItsNames) {
     EXPECT_EQ(copy.GetName(0), copy.ResolveName("X-Beyond"));
 }
 
-TEST(HttpHeaderArray, LinesAreMergedAndPrinted) {
-    const struct {
-        std::vector<std::string> m_Lines;
-        std::string m_strPrinted;
-    } rows[] = {{{"content-length: 42"}, "Content-Length: 42\r\n"},
-                {{"X-Foo-Merge: a", "x-foo-merge:   b  "}, "X-Foo-Merge: a, b\r\n"},
-                {{"Set-Cookie: a=1", "set-cookie: b=2"}, "Set-Cookie: a=1\nb=2\r\n"},
-                {{"WWW-Authenticate: A", "WWW-Authenticate: B", "Proxy-Authenticate: C", "Proxy-Authenticate: D"},
-                 "WWW-Authenticate: A\nB\r\nProxy-Authenticate: C\nD\r\n"},
-                {{"Host: a", "Accept: x", "Host: b", "Accept: y"}, "Host: b\r\nAccept: x, y\r\n"},
-                {{"Accept-Charset: a", "Accept-Charset: b", "From: c", "From: d"}, "Accept-Charset: b\r\nFrom: d\r\n"},
-                {{"Age:\t1\t", "Foo bar", "Foo2\tbar", "Foo3=bar"}, "Age: \t1\t\r\nFoo: bar\r\nFoo2: bar\r\nFoo3: bar\r\n"},
-                {{":no name", "nothing", "Age:", "Age:  ", "X-Colon:b:c", "", "Host: ignored"}, "X-Colon: b:c\r\n"}};
-    for (const auto& row : rows)
-        EXPECT_EQ(Headers(row.m_Lines), row.m_strPrinted);
-}
-
-TEST(HttpHeaderArray, SettingRemovingAndAsking) {
-    CCmHttpResponseHead head;
-    for (const char* pLine : {"HTTP/1.1 401 No", "Date: 1", "Connection: close", "Set-Cookie: a", "Set-Cookie: b", "Age: 2"})
-        head.ParseLine(pLine);
-    EXPECT_TRUE(head.SetHeader(Atoms::Connection, "  ", 1));
-    EXPECT_TRUE(head.PeekHeader(Atoms::Connection));
-    EXPECT_TRUE(head.SetHeader(Atoms::Connection, "", 0));
-    head.SetHeader(Atoms::Server, "s", 0);
-    head.SetHeader(Atoms::Date, *head.FindHeader(Atoms::Date), 1);  // its own value
-    CCmString strValue = "untouched";
-    EXPECT_FALSE(head.GetHeader(Atoms::Connection, strValue));
-    EXPECT_EQ(strValue, "untouched");
-    EXPECT_EQ(head.Flatten(), "HTTP/1.1 401 No\r\nDate: 1, 1\r\nSet-Cookie: a\nb\r\nAge: 2\r\nServer: s\r\n");
-    CCmString strSent;
-    head.FlattenToSend(strSent);
-    EXPECT_EQ(strSent, "HTTP/1.1 401 No\r\nDate: 1, 1\r\nSet-Cookie: a\r\nSet-Cookie: b\r\nAge: 2\r\nServer: s\r\n\r\n");
-
-    CCmHttpHeaderArray any;
-    CCmHttpAtom atom;
-    EXPECT_TRUE(any.ParseHeaderLine("Host:  a ", &atom, &strValue));
-    EXPECT_TRUE(atom == Atoms::Host && strValue == "  a ");
-    EXPECT_FALSE(any.ParseHeaderLine(nullptr, &atom, &strValue));
-    EXPECT_FALSE(any.ParseLine(FIRST_LINE));  // it knows no first line
-}
-
-TEST(HttpHead, FirstLines) {
-    const struct {
-        const char* m_pLine;
-        const char* m_pPrinted;  // empty: refused
-        const char* m_pTrace;
-    } rows[] = {{"GET /a HTTP/1.1", "GET /a HTTP/1.1\r\n", ""},
-                {"get /a?b#c http/1.0", "GET /a?b#c HTTP/1.0\r\n", ""},
-                {"M-Other * HTTP/1.1", "M-Other * HTTP/1.1\r\n", ""},
-                {"GET /a", "", "CCmHttpRequestHead::ParseFirstLine_t, unknow method. aLine=GET /a"},
-                {" /a HTTP/1.1", "", "CCmHttpRequestHead::ParseFirstLine_t, unknow method. aLine= /a HTTP/1.1"},
-                {"GET  /a HTTP/1.1", "", "CCmHttpRequestHead::ParseFirstLine_t, unknow method."},
-                {"GET /a HTTP/1.1 ", "", "CCmHttpRequestHead::ParseFirstLine_t, unknow HTTP version. aLine=GET /a HTTP/1.1 "},
-                {"HTTP/1.1 200", "HTTP/1.1 200 OK\r\n", ""},
-                {"http/1.0 404 Not Found", "HTTP/1.0 404 Not Found\r\n", ""},
-                {"HTTP 200 Fine", "HTTP/1.0 200 Fine\r\n", ""},
-                {"HTTP/1.1", "HTTP/1.1 0 OK\r\n", ""},
-                {"HTTP", "HTTP/1.0 0 OK\r\n", ""},
-                {"HTTP/1.1_99999999999 ", "HTTP/1.1 2147483647 \r\n", ""},
-                {"HTTP/2.0 200 OK", "", "CCmHttpResponseHead::ParseFirstLine_t, unknow HTTP version. aLine=HTTP/2.0 200 OK"},
-                {"HTT", "", "CCmHttpResponseHead::ParseFirstLine_t, no HTTP ahead. aLine=HTT"},
-                {"", "", "CCmHttpHeaderArray::ParseLine, no first line! this="}};
-    for (const auto& row : rows) {
-        CCmTraceCapture trace;
-        const BOOL bResponse = row.m_pLine[0] == 'H' || row.m_pLine[0] == 'h';
+// The lines of a head, and how they are printed or the trace of their refusal.
+TEST(HttpHead, LinesAreReadAndPrinted) {
+    const std::string REQUEST = "CCmHttpRequestHead::ParseFirstLine_t, ", RESPONSE = "CCmHttpResponseHead::ParseFirstLine_t, ";
+    const std::pair<std::string, std::string> rows[] = {
+        {"GET /a HTTP/1.1", "GET /a HTTP/1.1\r\n"},
+        {"get /a?b#c http/1.0", "GET /a?b#c HTTP/1.0\r\n"},
+        {"M-Other * HTTP/1.1", "M-Other * HTTP/1.1\r\n"},
+        {"GET /a", REQUEST + "unknow method. aLine=GET /a"},
+        {" /a HTTP/1.1", REQUEST + "unknow method. aLine= /a HTTP/1.1"},
+        {"GET  /a HTTP/1.1", REQUEST + "unknow method."},
+        {"GET /a HTTP/1.1 ", REQUEST + "unknow HTTP version. aLine=GET /a HTTP/1.1 "},
+        {"HTTP/1.1 200", "HTTP/1.1 200 OK\r\n"},
+        {"http/1.0 404 Not Found", "HTTP/1.0 404 Not Found\r\n"},
+        {"HTTP 200 Fine", "HTTP/1.0 200 Fine\r\n"},
+        {"HTTP/1.1", "HTTP/1.1 0 OK\r\n"},
+        {"HTTP", "HTTP/1.0 0 OK\r\n"},
+        {"HTTP/1.1_99999999999 ", "HTTP/1.1 2147483647 \r\n"},
+        {"HTTP/2.0 200 OK", RESPONSE + "unknow HTTP version. aLine=HTTP/2.0 200 OK"},
+        {"HTT", RESPONSE + "no HTTP ahead. aLine=HTT"},
+        {"", "CCmHttpHeaderArray::ParseLine, no first line! this="},
+        {"HTTP\ncontent-length: 42", "HTTP/1.0 0 OK\r\nContent-Length: 42\r\n"},
+        {"HTTP\nX-Foo-Merge: a\nx-foo-merge:   b  ", "HTTP/1.0 0 OK\r\nX-Foo-Merge: a, b\r\n"},
+        {"HTTP\nSet-Cookie: a=1\nset-cookie: b=2", "HTTP/1.0 0 OK\r\nSet-Cookie: a=1\nb=2\r\n"},
+        {"HTTP\nWWW-Authenticate: A\nWWW-Authenticate: B", "HTTP/1.0 0 OK\r\nWWW-Authenticate: A\nB\r\n"},
+        {"HTTP\nProxy-Authenticate: C\nProxy-Authenticate: D", "HTTP/1.0 0 OK\r\nProxy-Authenticate: C\nD\r\n"},
+        {"HTTP\nHost: a\nAccept: x\nHost: b\nAccept: y", "HTTP/1.0 0 OK\r\nHost: b\r\nAccept: x, y\r\n"},
+        {"HTTP\nAccept-Charset: a\nAccept-Charset: b\nFrom: c\nFrom: d", "HTTP/1.0 0 OK\r\nAccept-Charset: b\r\nFrom: d\r\n"},
+        {"HTTP\nAge:\t1\t\nFoo bar\nFoo2\tbar\nFoo3=bar",
+         "HTTP/1.0 0 OK\r\nAge: \t1\t\r\nFoo: bar\r\nFoo2: bar\r\nFoo3: bar\r\n"},
+        {"HTTP\n:no name\nnothing\nAge:\nAge:  \nX-Colon:b:c\n\nHost: ignored", "HTTP/1.0 0 OK\r\nX-Colon: b:c\r\n"}};
+    for (const auto& [strLines, strPrinted] : rows) {
+        const CCmTraceCapture trace;
+        const BOOL bResponse = strLines[0] == 'H' || strLines[0] == 'h';
         CCmHttpRequestHead request;
         CCmHttpResponseHead response;
-        const BOOL bGood = bResponse ? response.ParseLine(row.m_pLine) : request.ParseLine(row.m_pLine);
-        EXPECT_EQ(bGood, row.m_pPrinted[0] != '\0') << row.m_pLine;
-        EXPECT_EQ(!bGood ? "" : bResponse ? response.Flatten() : request.Flatten(), row.m_pPrinted);
-        EXPECT_EQ(trace.Lines().empty(), bGood);
-        EXPECT_TRUE(bGood || trace.Contains(row.m_pTrace)) << row.m_pTrace;
+        if (bResponse ? Read(response, strLines) : Read(request, strLines)) {
+            EXPECT_EQ(bResponse ? response.Flatten() : request.Flatten(), strPrinted);
+            EXPECT_TRUE(trace.Lines().empty()) << strLines;
+        } else {
+            EXPECT_TRUE(trace.Contains(strPrinted)) << strPrinted;
+        }
     }
     CCmHttpRequestHead head;
     EXPECT_FALSE(head.SetMethod(Atoms::Host) || head.GetMethod() || head.SetAnyMethod("A B"));
@@ -159,24 +135,33 @@ TEST(HttpHead, FirstLines) {
     EXPECT_TRUE(CCmString(head.GetMethod()) == "PATCH" && head.ParseLine(strLong) && head.Flatten() == strLong + "\r\n");
 }
 
-template <class Head>
-BOOL IsPersistent(const std::string& aFirst, const std::string& aHeader) {
-    Head head;
-    EXPECT_TRUE(head.ParseLine(aFirst) && head.ParseLine(aHeader));
-    return head.IsPersistent();
+TEST(HttpHeaderArray, SettingRemovingAndAsking) {
+    auto head =
+        MakeHead<CCmHttpResponseHead>("HTTP/1.1 401 No\nDate: 1\nConnection: close\nSet-Cookie: a\nSet-Cookie: b\nAge: 2");
+    EXPECT_TRUE(head.SetHeader(Atoms::Connection, "  ", 1) && head.PeekHeader(Atoms::Connection));
+    EXPECT_TRUE(head.SetHeader(Atoms::Connection, "", 0) && head.SetHeader(Atoms::Server, "s", 0));
+    head.SetHeader(Atoms::Date, *head.FindHeader(Atoms::Date), 1);  // its own value
+    CCmString strValue = "untouched", strSent;
+    EXPECT_FALSE(head.GetHeader(Atoms::Connection, strValue));
+    EXPECT_EQ(strValue, "untouched");
+    head.FlattenToSend(strSent);
+    EXPECT_EQ(strSent, "HTTP/1.1 401 No\r\nDate: 1, 1\r\nSet-Cookie: a\r\nSet-Cookie: b\r\nAge: 2\r\nServer: s\r\n\r\n");
+
+    CCmHttpHeaderArray any;
+    CCmHttpAtom atom;
+    EXPECT_TRUE(any.ParseHeaderLine("Host:  a ", &atom, &strValue) && atom == Atoms::Host && strValue == "  a ");
+    EXPECT_FALSE(any.ParseHeaderLine(nullptr, &atom, &strValue) || any.ParseLine("GET / HTTP/1.1"));  // it knows no first line
 }
 
 TEST(HttpHead, PersistenceAndLength) {
-    for (const char* pHeader : {"Connection: Keep-Alive", "Proxy-Connection: keep-alive", "Connection: close", "Age: 1",
-                                "Connection: keep-alive, TE", "Connection: CLOSE\t", "Proxy-Connection: x"}) {
-        const std::string strHeader = pHeader;
+    for (const std::string strHeader : {"Connection: Keep-Alive", "Proxy-Connection: keep-alive", "Connection: close", "Age: 1",
+                                        "Connection: keep-alive, TE", "Connection: CLOSE\t", "Proxy-Connection: x"}) {
         const BOOL bKeepAlive = strHeader.ends_with("Keep-Alive") || strHeader.ends_with("keep-alive");
-        EXPECT_EQ(IsPersistent<CCmHttpRequestHead>("GET / HTTP/1.1", strHeader), bKeepAlive) << pHeader;
-        EXPECT_FALSE(IsPersistent<CCmHttpRequestHead>("GET / HTTP/1.0", strHeader)) << pHeader;
-        EXPECT_EQ(IsPersistent<CCmHttpResponseHead>("HTTP/1.0 200", strHeader), bKeepAlive) << pHeader;
-        EXPECT_EQ(IsPersistent<CCmHttpResponseHead>("HTTP/1.1 200", strHeader),
-                  strHeader != "Age: 1" && strHeader != "Connection: close")
-            << pHeader;
+        const BOOL bKept = strHeader != "Age: 1" && strHeader != "Connection: close";
+        EXPECT_EQ(MakeHead<CCmHttpRequestHead>("GET / HTTP/1.1\n" + strHeader).IsPersistent(), bKeepAlive) << strHeader;
+        EXPECT_FALSE(MakeHead<CCmHttpRequestHead>("GET / HTTP/1.0\n" + strHeader).IsPersistent()) << strHeader;
+        EXPECT_EQ(MakeHead<CCmHttpResponseHead>("HTTP/1.0 200\n" + strHeader).IsPersistent(), bKeepAlive) << strHeader;
+        EXPECT_EQ(MakeHead<CCmHttpResponseHead>("HTTP/1.1 200\n" + strHeader).IsPersistent(), bKept) << strHeader;
     }
     CCmHttpResponseHead head;
     EXPECT_EQ(head.GetContentLength(), -1);
@@ -190,6 +175,64 @@ TEST(HttpHead, PersistenceAndLength) {
         head.SetStatus(lStatus);
         EXPECT_EQ(head.GetContentLength(), lStatus == 100 ? LONG_MAX : 0);
     }
+}
+
+std::string Describe(const talvo::CHttpFraming& aFraming) {
+    static const char* const KINDS[] = {"none", "length", "chunked", "until close"};
+    std::string strText = aFraming.m_nError ? std::to_string(aFraming.m_nError) : KINDS[static_cast<int>(aFraming.m_Body)];
+    if (!aFraming.m_nError && aFraming.m_Body == EHttpBody::LENGTH)
+        strText += " " + std::to_string(aFraming.m_ullLength);
+    return strText + (aFraming.m_bMustClose ? ", close" : "");
+}
+
+// "METHOD FRAMING: HEAD", where the head is that of a response, or a request's lines behind the first.
+TEST(HttpFraming, FollowsFromTheHead) {
+    for (const std::string strRow : {"POST none: Host: a",
+                                     "POST length 5: Content-Length: 5, 5",
+                                     "POST 400, close: Content-Length: 5, 6",
+                                     "POST length 18446744073709551615: Content-Length: 18446744073709551615",
+                                     "POST 400, close: Content-Length: 18446744073709551616",
+                                     "POST length 5: Content-Length: 5\nContent-Length: 5",
+                                     "POST 400, close: Content-Length: 5\nContent-Length: 6",
+                                     "POST 400, close: Content-Length: 5 5",
+                                     "POST chunked: Transfer-Encoding: \tCHUNKED",
+                                     "POST 400, close: Transfer-Encoding: chunked, gzip",
+                                     "POST 501, close: Transfer-Encoding: xchunked",
+                                     "POST 400, close: Transfer-Encoding: ,",
+                                     "GET until close, close: HTTP/1.1 200",
+                                     "HEAD none: HTTP/1.1 200\nContent-Length: 5",
+                                     "GET none: HTTP/1.1 100\nContent-Length: 5",
+                                     "GET none: HTTP/1.1 205",
+                                     "CONNECT none: HTTP/1.1 200\nContent-Length: 5",
+                                     "CONNECT length 5: HTTP/1.1 300\nContent-Length: 5",
+                                     "GET chunked: HTTP/1.1 200\nTransfer-Encoding: chunked",
+                                     "GET chunked, close: HTTP/1.1 200\nTransfer-Encoding: chunked\nContent-Length: 5",
+                                     "GET chunked, close: HTTP/1.0 200\nTransfer-Encoding: chunked",
+                                     "GET length 5: HTTP/1.1 200\nTransfer-Encoding: identity\nContent-Length: 5",
+                                     "GET 501, close: HTTP/1.1 200\nTransfer-Encoding: gzip",
+                                     "GET 502, close: HTTP/1.1 200\nTransfer-Encoding: chunked, chunked"}) {
+        const size_t stMethod = strRow.find(' '), stFraming = strRow.find(": ");
+        const std::string strMethod = strRow.substr(0, stMethod), strHead = strRow.substr(stFraming + 2);
+        const auto framing =
+            strHead.starts_with("HTTP")
+                ? talvo::get_response_framing(MakeHead<CCmHttpResponseHead>(strHead),
+                                              Atoms::Instance()->ResolveAtom(strMethod, 0))
+                : talvo::get_request_framing(MakeHead<CCmHttpRequestHead>(strMethod + " / HTTP/1.1\n" + strHead));
+        EXPECT_EQ(Describe(framing), strRow.substr(stMethod + 1, stFraming - stMethod - 1)) << strRow;
+    }
+}
+
+TEST(HttpFraming, Persistence) {
+    for (const char* pHead :
+         {"HTTP/1.1 200", "HTTP/1.1 200\nConnection: closed", "HTTP/1.0 200\nConnection: a\nConnection: Keep-Alive"}) {
+        auto head = MakeHead<CCmHttpResponseHead>(pHead);
+        EXPECT_TRUE(talvo::is_persistent(head.GetVerion(), head)) << pHead;
+        head.SetHeader(Atoms::Connection, "upgrade, \tClose", 1);
+        EXPECT_FALSE(talvo::is_persistent(head.GetVerion(), head)) << pHead;
+    }
+    EXPECT_FALSE(talvo::is_persistent(CM_HTTP_VERSION_10, CCmHttpResponseHead()));
+    EXPECT_TRUE(talvo::has_token("a=\"x, b, \\\", b\" ,, b ", "B") && !talvo::has_token("a=\"x, b, \\\", b\"", "b"));
+    EXPECT_TRUE(talvo::is_sendable("a\tb") && !talvo::is_sendable("a\nb") && !talvo::is_sendable("a\rb"));
 }
 
 }  // namespace

@@ -66,6 +66,7 @@ const CCase CASES[] = {
     {"SignedLength", Post("Content-Length: +1\r\n", "x"), "400:400 Bad Request\n end"},
     {"CodingAndLength", Post("Content-Length: 1\r\nTransfer-Encoding: chunked\r\n", "x"), "400:400 Bad Request\n end"},
     {"EmptyCoding", Post("Transfer-Encoding: \t\r\n", "x"), "400:400 Bad Request\n end"},
+    {"CodingOfOldVersion", "POST / HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", "400:400 Bad Request\n end"},
     {"UnknownCoding", Post("Transfer-Encoding: gzip, chunked\r\n", "x"), "501:501 Not Implemented\n end"},
     {"Identity", Post("Transfer-Encoding: identity\r\nTransfer-Encoding: chunked\r\n", "0\r\n\r\n"),
      "501:501 Not Implemented\n end"},
