@@ -59,8 +59,9 @@ class ProgramTest(unittest.TestCase):
     def run_talvo(self, *arguments, **more):
         return subprocess.run([TALVO, *map(str, arguments)], **{"text": True, "capture_output": True, "timeout": 2 * PATIENCE, **more})
 
-    def start(self, *arguments, **more):
-        process = subprocess.Popen([TALVO, *map(str, arguments)], **{"text": True, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **more})
+    def start(self, *arguments, program=(TALVO,), **more):
+        process = subprocess.Popen([*program, *map(str, arguments)],
+                                   **{"text": True, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **more})
         self.addCleanup(process.communicate)
         self.addCleanup(process.kill)
         return process
