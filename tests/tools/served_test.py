@@ -46,6 +46,40 @@ class ServedTest(ProgramTest):
                     server.send_signal(signal.SIGINT)
                 self.assertEqual(128 + (signal.SIGTERM if once else signal.SIGINT), server.wait(PATIENCE))
 
+    def test_targets_ranges_and_conditions(self):
+        for name in "a/b c", "...", "\u00fc":
+            os.utime(self.make(name, "0123456789"), (784111777, 784111777))
+        listening = self.serve_here()
+
+        def ask(target, *headers):
+            with socket.create_connection((HOST, listening.port), PATIENCE) as client, client.makefile("rb") as answer:
+                head = "".join(header + "\r\n" for header in headers)
+                client.sendall(f"GET {target} HTTP/1.1\r\nHost: h\r\nConnection: close\r\n{head}\r\n".encode())
+                head, _, body = answer.read().partition(b"\r\n\r\n")
+                return int(head[9:12]), body
+        for target in "/a/b%20c?x=/../y", "//a///b%20c", "http://host/a/b%20c", "HTTP://host/a/b%20c", "/...", "/%C3%BC":
+            self.assertEqual((200, b"0123456789"), ask(target), target)
+        for target in "/..", "/a/../b", "/%2e%2E/b", "/.%2e", "/.", "/a%2fb%20c", "/...%00b", "/...%", "/...%4", "/...%4g":
+            self.assertIn(ask(target)[0], (400, 404), target)
+        for ranges, expected in (("bytes=0-0", "0"), ("bytes=3-5", "345"), ("bytes=3-", "3456789"), ("bytes=-4", "6789"),
+                                 ("bytes=-40", "0123456789"), ("bytes=9-99999999999999999999999", "9"), ("bytes=10-", None),
+                                 ("bytes=99999999999999999999999-", None), ("bytes=-0", None)):
+            status, body = ask("/...", "Range: " + ranges)
+            self.assertEqual((206, expected.encode()) if expected else (416, body), (status, body), ranges)
+        for ranges in "bytes=0-1,3-4", "bytes=5-3", "bytes=a-", "bytes=-", "lines=0-1", "":
+            self.assertEqual((200, b"0123456789"), ask("/...", "Range: " + ranges), ranges)
+        tag = self.ask(listening.url + "/...")[0]["ETag"]
+        now, before = "Sun, 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:36 GMT"
+        for status, *headers in ((200, f'If-Match: "a", {tag}'), (200, "If-Match: *"), (412, f'If-Match: "a", W/{tag}'),
+                                 (200, "If-Unmodified-Since: " + now), (412, "If-Unmodified-Since: " + before),
+                                 (200, "If-Unmodified-Since: yesterday"),
+                                 (200, "If-Match: " + tag, "If-Unmodified-Since: " + before),
+                                 (412, 'If-Match: "a"', "If-None-Match: " + tag),
+                                 (304, "If-Match: " + tag, "If-None-Match: " + tag), (304, f'If-None-Match: "a" , W/{tag}'),
+                                 (200, 'If-None-Match: "a"', "If-Modified-Since: " + now),
+                                 (304, "If-Modified-Since: " + now), (200, "If-Modified-Since: " + before)):
+            self.assertEqual(status, ask("/...", *headers)[0], headers)
+
     def test_no_change_is_later_than_the_answer(self):
         file = self.make("file", "")
         url = self.serve_here().url
@@ -101,6 +135,7 @@ class ServedTest(ProgramTest):
             links += [page.encode() + link for link in re.findall(rb'<a href="\./(.*?)">', self.ask(url + page)[1])]
             links += [page.encode() + link for link in re.findall(rb'<a href="(\.\./)">', self.ask(url + page)[1])]
         self.assertEqual(2 + 12, len(links), links)
+        self.assertIn(b">a b&lt;&quot;&#39;&amp;&gt;<", self.ask(url)[1])
         for link in links:
             self.ask(url + link.decode())  # throws at a status that is none of success
 

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Sends files and messages as people do, and as those do who mean harm."""
 import contextlib
+import hashlib
 import json
 import os
 import pathlib
@@ -15,6 +16,17 @@ import unittest
 from program import ANY_PORT, HOST, PATIENCE, SANITIZED, TALVO, ProgramTest, Server, poll
 
 INTERRUPTED = 128 + signal.SIGINT
+
+
+def frame(kind, payload):
+    return struct.pack(">BI", kind, len(payload)) + payload
+
+
+def file(size, name):
+    return frame(2, struct.pack(">Q", size) + name)
+
+
+HELLO = frame(1, b"TALVO\1")
 
 
 class TransferTest(ProgramTest):
@@ -117,36 +129,68 @@ class TransferTest(ProgramTest):
         self.assertEqual({"small": b"small"}, self.received())
 
     def attack(self, server, data):
-        """The answers until the receiver closes."""
+        """The answers until the receiver closes, to a peer whose first bytes come one by one."""
         answers = b""
-        with socket.create_connection((HOST, server.port), PATIENCE) as peer, contextlib.suppress(ConnectionResetError):
-            peer.sendall(data)
+        with socket.create_connection((HOST, server.port), PATIENCE) as peer, contextlib.suppress(ConnectionError):
+            peer.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            for i in range(min(50, len(data))):
+                peer.sendall(data[i:i + 1])
+            peer.sendall(data[50:])
             while piece := peer.recv(4096):
                 answers += piece
         return answers
 
     def test_hostile_peers_are_dropped(self):
-        def frame(kind, payload):
-            return struct.pack(">BI", kind, len(payload)) + payload
-
-        def file(size, name):
-            return frame(2, struct.pack(">Q", size) + name)
-        hello = frame(1, b"TALVO\1")
         server = self.receive()
-        for data, expected in ((b"\xff" * 10000, "does not speak"), (file(3, b"early"), "does not begin"),
-                               (hello + hello, "does not begin"), (frame(1, b"TALVO\2"), "another version"),
-                               (hello + frame(3, b"x"), "belongs to no file"),
-                               (hello + file(1, b"more") + frame(3, b"xx"), "belongs to no file"),
-                               (hello + file(2, b"less") + frame(3, b"x") + frame(4, bytes(32)), "too early"),
-                               (hello + frame(0x81, b""), "only a receiver")):
+        wrong = [HELLO + struct.pack(">BI", kind, size) + b"x" for kind, size in (
+            (7, 0), (3, 256 * 1024 + 1), (3, 0), (2, 0xffffffff), (2, 8 + 256), (2, 8), (4, 31), (5, 513), (0x82, 514), (6, 1))]
+        for data, expected in (*((data, "does not speak") for data in (b"GET / HTTP/1.1\r\n\r\n", b"\xff" * 10000, *wrong)),
+                               (file(3, b"early"), "does not begin"), (HELLO + HELLO, "does not begin"),
+                               (frame(1, b"TALVO\2"), "another version"), (HELLO + frame(3, b"x"), "belongs to no file"),
+                               (HELLO + file(1, b"more") + frame(3, b"xx"), "belongs to no file"),
+                               (HELLO + file(2, b"less") + frame(3, b"x") + frame(4, bytes(32)), "too early"),
+                               (HELLO + frame(0x81, b""), "only a receiver")):
             self.attack(server, data)
-            self.assertIn(expected, server.process.stderr.readline())
+            self.assertIn(expected, server.process.stderr.readline(), data)
         # Well-formed, but its files are refused one by one.
-        names = b"../up", b"/abs", b"..", b"new\nline", b".talvo-x.part"
-        answers = self.attack(server, hello + b"".join(file(8, name) for name in names) + file(1 << 63, b"huge") +
+        names = (b".", b"..", b"/", b"../a", b"/etc/passwd", b"a/", b"a\0b", b"a\nb", b"\x7f", b"a\xc2\x9b", b".talvo-00.part")
+        answers = self.attack(server, HELLO + b"".join(file(8, name) for name in names) + file(1 << 63, b"huge") +
                               file(1, b"wrong") + frame(3, b"x") + frame(4, bytes(32)) + frame(6, b""))
-        self.assertEqual((7, True), (answers.count(b"\x82\0\0"), b"SHA-256 differs" in answers), answers)
-        self.assertEqual(({}, INTERRUPTED), (self.received(), server.end()[0]))
+        self.assertEqual((len(names) + 2, True), (answers.count(b"\x82\0\0"), b"SHA-256 differs" in answers), answers)
+        self.assertEqual({}, self.received())
+        names = b"a", b"...", "r\u00e9sum\u00e9 2.pdf".encode(), b"n" * 255, b".talvo-notes"
+        self.attack(server, HELLO + b"".join(file(4, name) + frame(3, b"cont"[:2]) + frame(3, b"cont"[2:]) +
+                                             frame(4, hashlib.sha256(b"cont").digest()) for name in names) + frame(6, b""))
+        self.assertEqual({name.decode(): b"cont" for name in names}, self.received())
+        self.assertEqual(INTERRUPTED, server.end()[0])
+
+    def test_only_regular_files_are_replaced(self):
+        old = [f".talvo-{'0' * 16}.part", ".talvo-1.part", "a"]
+        for name in *old, f".talvo-{'1' * 16}.part":
+            self.make("out/" + name, "half")
+        for name in old:
+            os.utime(self.out / name, (0, 0))
+        server = self.receive("--force")
+        self.assertEqual(sorted(set(self.received()) | {old[0]}), sorted([*old, f".talvo-{'1' * 16}.part"]))
+        self.assertFalse((self.out / old[0]).exists())  # the leftover of a killed process
+        (self.out / "link").symlink_to("a")
+        (self.out / "dir").mkdir()
+        os.mkfifo(self.out / "fifo")
+        answers = self.attack(server, HELLO + b"".join(file(1, name) for name in (b"link", b"dir", b"fifo")) + frame(6, b""))
+        self.assertEqual(3, answers.count(b"\x82\0\0"), answers)
+        server.end()
+        # The same looks come again at the end: something may have come up meanwhile.
+        for force, make in ([], lambda path: path.write_text("old")), (["--force"], os.mkfifo):
+            server = self.receive(*force)
+            with socket.create_connection((HOST, server.port), PATIENCE) as peer:
+                peer.sendall(HELLO + file(4, b"late"))
+                self.assertEqual(b"\x81", peer.recv(1))
+                make(self.out / "late")
+                peer.sendall(frame(3, b"cont") + frame(4, hashlib.sha256(b"cont").digest()) + frame(6, b""))
+                poll("it is refused", lambda: b"\x82" in peer.recv(4096))
+            server.end()
+            self.assertEqual(bool(force), (self.out / "late").is_fifo())
+            (self.out / "late").unlink()
 
     @unittest.skipIf(SANITIZED, "sanitizers reserve address space")
     def test_a_receiver_without_memory_closes_what_it_cannot_serve_and_goes_on(self):
@@ -158,7 +202,7 @@ class TransferTest(ProgramTest):
 
         def is_answered(peer):
             try:
-                peer.sendall(b"\1\0\0\0\6TALVO\1" + struct.pack(">BIQ", 2, 10, 1) + b"..")
+                peer.sendall(HELLO + file(1, b".."))
                 return peer.recv(1) == b"\x82"
             except ConnectionError:
                 return False
@@ -230,7 +274,13 @@ class TransferTest(ProgramTest):
     def test_wrong_arguments_give_one_line_and_status_2(self):
         file, to = self.make("file", ""), "127.0.0.1:1"
         recv = ["recv", "--port", 0, "--out"]
-        for arguments in ([], ["fly"], ["recv"], ["recv", "--port", 0], ["recv", "--port", "x", "--out", self.out],
+        endpoints = ("", ":", "host", "host:", ":80", "host:0", "host:65536", "host:-1", "host:1x", "host: 1", "1.2.3:80",
+                     "256.1.1.1:80", "a b:80", "::1:80", "a/b:80")
+        urls = ("", "h", "ftp://h/", "https://h/", "http://", "http:///a", "http://h?q=1", "http://h?q=1/a", "http://h#a/",
+                "http://u@h/", "http://u:p@h/", "http://h:98539/", "http://h:notaport/", "http://h:0/", "http://h:/",
+                "http://1.2/", "http://h\\@i/", "http://a b/", "http://h/a b", "http://h/a\tb", "http://h/a?b\x7f", "file://h/a",
+                "file://a", "file://")
+        for arguments in (*(["ping", endpoint] for endpoint in endpoints), *(["get", url] for url in urls), [], ["fly"], ["recv"], ["recv", "--port", 0], ["recv", "--port", "x", "--out", self.out],
                           [*recv, self.directory / "no"], [*recv, file], [*recv, self.out, "extra"],
                           [*recv, self.out, "--host", "here"], ["send", file], ["send", to],
                           ["send", self.directory / "no", to], ["send", self.out, to], ["send", file, "127.0.0.1"],
