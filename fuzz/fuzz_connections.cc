@@ -11,6 +11,7 @@
 #include "talvo/connection/protocol/pkg_sender.h"
 #include "talvo/event/thread.h"
 #include "talvo/event/timer_queue_ordered_list.h"
+#include "talvo/testing/upcall_log.h"
 
 namespace {
 
@@ -26,28 +27,20 @@ public:
 };
 
 // Unless quiet, performs an operation in every upcall; the input chooses it.
-class CFuzzUser : public talvo::CConnOwner, public ICmTransportSink {
+class CFuzzUser : public talvo::CConnOwner {
 public:
     explicit CFuzzUser(FuzzedDataProvider& aInput)
-        : m_bQuiet(aInput.ConsumeBool()), m_Deeds(aInput.ConsumeIntegral<uint16_t>()) {}
-
+        : m_bQuiet(aInput.ConsumeBool()), m_Deeds(aInput.ConsumeIntegral<uint16_t>()) {
+        m_Log.m_Receive = m_Log.m_Send = m_Log.m_Disconnect = [this] {
+            FUZZ_CHECK(m_bOpen && (m_Log.m_Received.empty() || m_Log.m_Received.back().size() <= MAX_MESSAGE));
+            m_bOpen = m_Log.m_nDisconnects == 0;
+            Act();
+        };
+    }
     void OnOpened(CConnBase& aConn, CmResult aReason) override {
         m_bOpen = aReason == CM_OK;
         if (m_bOpen)
-            aConn.OpenWithSink(this);
-        Act();
-    }
-    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
-        FUZZ_CHECK(m_bOpen && aData.GetChainedLength() <= MAX_MESSAGE);
-        m_Received.push_back(aData.FlattenChained());
-        Act();
-    }
-    void OnSend(ICmTransport*, CCmTransportParameter*) override {
-        FUZZ_CHECK(m_bOpen);
-        Act();
-    }
-    void OnDisconnect(CmResult, ICmTransport*) override {
-        FUZZ_CHECK(std::exchange(m_bOpen, FALSE));
+            aConn.OpenWithSink(&m_Log);
         Act();
     }
     void Act() {
@@ -71,8 +64,8 @@ public:
     const BOOL m_bQuiet;
     std::minstd_rand m_Deeds;
     BOOL m_bOpen = FALSE;
+    CCmUpcallLog m_Log;
     CCmRefPtrT<CConnBase> m_pConn;
-    std::vector<std::string> m_Received;
 };
 
 DWORD NumberAt(const std::string& aBytes, size_t aAt) {
@@ -128,7 +121,7 @@ void Run(FuzzedDataProvider& aInput, size_t aHeader, char aConnectPdu) {
             pLower->MakeRoom();
     }
     if (bForetold)
-        FUZZ_CHECK(user.m_Received == MessagesOf(strBytes, aHeader, aConnectPdu));
+        FUZZ_CHECK(user.m_Log.m_Received == MessagesOf(strBytes, aHeader, aConnectPdu));
     pLower->Vanish();
     user.m_pConn.Reset();
 }

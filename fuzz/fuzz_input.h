@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "talvo/http/message/http_body.h"
 #include "tests/support/blocks.h"
 
 // A rule for every input. A violation is a finding.
@@ -49,18 +48,3 @@ inline std::vector<std::string> PiecesOf(const std::string& aBytes, CFuzzCutter*
         pieces.push_back(aBytes.substr(stAt, aCutter ? aCutter->Next(aBytes.size() - stAt) : aBytes.size()));
     return pieces;
 }
-
-// Keeps a body; sometimes wants no more of a chain, if there is a cutter.
-class CFuzzBody : public talvo::CHttpBodySink {
-public:
-    explicit CFuzzBody(CFuzzCutter* aCutter) : m_pCutter(aCutter) {}
-    BOOL OnBody(CCmMessageBlock& aView) override {
-        FUZZ_CHECK(aView.GetTopLevelLength() > 0);
-        m_strBody += aView.FlattenChained();
-        return !m_pCutter || m_pCutter->Next(8) > 0;
-    }
-    std::string m_strBody;
-
-private:
-    CFuzzCutter* m_pCutter;  // not owned
-};

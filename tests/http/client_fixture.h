@@ -24,42 +24,47 @@ inline CAnswer Answer(const std::string& aStatus, const std::string& aHeaders, c
     return {"HTTP/1.1 " + aStatus + "\r\n" + aHeaders + "Content-Length: " + std::to_string(aBody.size()) + "\r\n\r\n" + aBody};
 }
 
+using CAnswers = std::deque<CAnswer>;
+
 // The server's end of a connection: takes requests, and says what its script says while the client reads.
 class CScriptPeer : public CFakeLower {
 public:
+    CScriptPeer(CAnswers aAnswers, size_t aPiece) : m_Answers(std::move(aAnswers)), m_stPiece(aPiece) {}
     CmResult GetOption(DWORD aCommand, void* aArg) override {
         if (aCommand != CM_OPT_TRANSPORT_SOCK_ALIVE && aCommand != CM_OPT_TRANSPORT_FIO_NREAD)
             return CFakeLower::GetOption(aCommand, aArg);
         *static_cast<DWORD*>(aArg) = aCommand == CM_OPT_TRANSPORT_SOCK_ALIVE && m_pSink;  // nothing lies unread
         return CM_OK;
     }
-    // A whole request that has come, head and body, or "".
+    // Answers what has been asked so far.
+    void Play(std::vector<std::string>& aRequests) {
+        GoOn();
+        for (std::string strRequest; !m_Answers.empty() && !(strRequest = TakeRequest()).empty();) {
+            aRequests.push_back(strRequest);
+            const CAnswer answer = m_Answers.front();
+            m_Answers.pop_front();
+            Say(answer);
+        }
+    }
+    void Say(const CAnswer& aAnswer) {
+        m_Out = aAnswer;
+        GoOn();
+    }
+
+private:
+    // The request that has come, head and body, or "" while it is not whole; clients send one at a time.
     std::string TakeRequest() {
         m_strIn += TakeSent();
-        const size_t stHead = m_strIn.find("\r\n\r\n");
-        if (stHead == std::string::npos)
-            return "";
-        const std::string strHead = m_strIn.substr(0, stHead + 4);
-        const size_t stLength = strHead.find("Content-Length: ");
-        size_t stEnd = strHead.size() + (stLength == std::string::npos ? 0 : std::stoul(strHead.substr(stLength + 16)));
-        if (strHead.find("Encoding: chunked") != std::string::npos) {
-            stEnd = m_strIn.find("0\r\n\r\n", stHead);
-            stEnd += stEnd == std::string::npos ? 0 : 5;
-        }
-        if (stEnd > m_strIn.size())
-            return "";
-        const std::string strRequest = m_strIn.substr(0, stEnd);
-        m_strIn.erase(0, stEnd);
-        return strRequest;
-    }
-    void Say(const CAnswer& aAnswer, size_t aPiece = std::string::npos) {
-        m_Out = aAnswer;
-        GoOn(aPiece);
+        const size_t stHead = m_strIn.find("\r\n\r\n"), stLength = m_strIn.find("Content-Length: ");
+        const size_t stBody = stLength < stHead ? std::stoul(m_strIn.substr(stLength + 16)) : 0;
+        const BOOL bChunked = m_strIn.find("Encoding: chunked") < stHead;
+        const BOOL bWhole = bChunked ? m_strIn.ends_with("0\r\n\r\n") : m_strIn.size() >= stHead + 4 + stBody;
+        return stHead != std::string::npos && bWhole ? std::exchange(m_strIn, {}) : "";
     }
     // With what the client has not read.
-    void GoOn(size_t aPiece) {
+    void GoOn() {
         while (!m_Out.m_strText.empty() && m_pSink && !m_bPaused) {
-            const std::string strPiece = m_Out.m_strText.substr(0, aPiece);
+            const std::string strPiece = m_Out.m_strText.substr(0, m_stPiece);
             m_Out.m_strText.erase(0, strPiece.size());
             Receive(strPiece);
         }
@@ -72,7 +77,8 @@ public:
             Vanish();
     }
 
-private:
+    CAnswers m_Answers;
+    const size_t m_stPiece;
     std::string m_strIn;
     CAnswer m_Out;
 };
@@ -80,8 +86,6 @@ private:
 // A server of its own host and port. Each connection gives the answers of its number, those beyond the last give that one's.
 class CScriptServer {
 public:
-    using CAnswers = std::deque<CAnswer>;
-
     explicit CScriptServer(std::vector<CAnswers> aScripts, size_t aPiece = std::string::npos)
         : m_Scripts(std::move(aScripts)), m_stPiece(aPiece) {
         s_Servers[m_wPort] = this;
@@ -94,10 +98,11 @@ public:
     size_t GetConnections() const { return m_Peers.size(); }
     CScriptPeer& GetPeer() const { return *m_Peers.back(); }
 
-    // Answers what has been asked so far.
     static void PlayAll() {
-        for (const auto& [wPort, pServer] : s_Servers)
-            pServer->Play();
+        for (const auto& [wPort, pServer] : s_Servers) {
+            for (size_t i = 0; i < pServer->m_Peers.size(); ++i)
+                CCmRefPtrT<CScriptPeer>(pServer->m_Peers[i])->Play(pServer->m_Requests);
+        }
     }
     // Null where there is no server.
     static CCmRefPtrT<CScriptPeer> Connect(const CCmInetAddr& aAddr) {
@@ -105,9 +110,9 @@ public:
         if (itServer == s_Servers.end())
             return nullptr;
         CScriptServer& server = *itServer->second;
-        server.m_Peers.emplace_back(new CScriptPeer);
+        const size_t stScript = std::min(server.m_Peers.size(), server.m_Scripts.size() - 1);
+        server.m_Peers.emplace_back(new CScriptPeer(server.m_Scripts[stScript], server.m_stPiece));
         server.m_Peers.back()->m_dwRoom = server.m_dwRoom;
-        server.m_Playing.push_back(server.m_Scripts[std::min(server.m_Playing.size(), server.m_Scripts.size() - 1)]);
         return server.m_Peers.back();
     }
 
@@ -115,19 +120,6 @@ public:
     std::vector<std::string> m_Requests;      // that were answered
 
 private:
-    void Play() {
-        for (size_t i = 0; i < m_Peers.size(); ++i) {
-            const CCmRefPtrT<CScriptPeer> pPeer = m_Peers[i];
-            pPeer->GoOn(m_stPiece);
-            for (std::string strRequest; !m_Playing[i].empty() && !(strRequest = pPeer->TakeRequest()).empty();) {
-                m_Requests.push_back(strRequest);
-                const CAnswer answer = m_Playing[i].front();
-                m_Playing[i].pop_front();
-                pPeer->Say(answer, m_stPiece);
-            }
-        }
-    }
-
     inline static std::map<WORD, CScriptServer*> s_Servers;
     inline static WORD s_wLastPort = 10000;
 
@@ -135,7 +127,6 @@ private:
     const std::vector<CAnswers> m_Scripts;
     const size_t m_stPiece;
     std::vector<CCmRefPtrT<CScriptPeer>> m_Peers;
-    std::vector<CAnswers> m_Playing;
 };
 
 // Connects to a script. What is released meanwhile is deleted before.

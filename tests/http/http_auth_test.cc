@@ -25,11 +25,11 @@ TEST(HttpAuthTest, DigestsAreThePublishedOnes) {
     digest.m_Hash = EHttpHash::SHA256;
     EXPECT_NE(CCmString::npos, answer().find("\"753927fa0e85d155564e2e272a28d1802ca10daf4496794697cf8db5856cb6c1\""));
 
-    CHttpDigest old;
-    old.m_strRealm = "testrealm@host.com";
-    old.m_strNonce = "dcd98b7102dd2f0e8b11d0f600bfb0c093";
+    digest = CHttpDigest();
+    digest.m_strRealm = "testrealm@host.com";
+    digest.m_strNonce = "dcd98b7102dd2f0e8b11d0f600bfb0c093";
     EXPECT_NE(CCmString::npos,
-              old.Answer("Mufasa", "CircleOfLife", "GET", "/dir/index.html").find("1949323746fe6a43ef61f9606e7febea"));
+              digest.Answer("Mufasa", "CircleOfLife", "GET", "/dir/index.html").find("1949323746fe6a43ef61f9606e7febea"));
 }
 
 TEST(HttpAuthTest, ChallengesAndParametersAreToldApart) {

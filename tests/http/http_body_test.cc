@@ -25,27 +25,21 @@ public:
 TEST(HttpBody, LimitsStopsAndViews) {
     CCmHttpLimits limits;
     limits.m_ullMaxBody = 5;
-    const struct {
-        EHttpBody m_Kind;
-        uint64_t m_ullLength;
-        const char* m_pBytes;
-        const char* m_pOutcome;  // the body, what stays, and why
-    } rows[] = {{EHttpBody::LENGTH, 5, "abcdenext", "abcde|next|"},
-                {EHttpBody::LENGTH, 6, "abcdef", "|abcdef|too much"},
-                {EHttpBody::UNTIL_CLOSE, 0, "abcdef", "|abcdef|too much"},
-                {EHttpBody::CHUNKED, 0, "2\r\nab\r\n4\r\ncdef\r\n", "ab|cdef\r\n|too much"},
-                {EHttpBody::CHUNKED, 0, "2\r\nabx", "ab|x|broken"}};
+    // The length, the bytes, and the outcome: the body, what stays, and why.
+    const std::tuple<EHttpBody, uint64_t, const char*, const char*> rows[] = {
+        {EHttpBody::LENGTH, 5, "abcdenext", "abcde|next|"},
+        {EHttpBody::LENGTH, 6, "abcdef", "|abcdef|too much"},
+        {EHttpBody::UNTIL_CLOSE, 0, "abcdef", "|abcdef|too much"},
+        {EHttpBody::CHUNKED, 0, "2\r\nab\r\n4\r\ncdef\r\n", "ab|cdef\r\n|too much"},
+        {EHttpBody::CHUNKED, 0, "2\r\nabx", "ab|x|broken"}};
     talvo::CHttpBodyReader reader;
     reader.SetLimits(limits);
-    for (const auto& row : rows) {
+    for (const auto& [kind, ullLength, szBytes, szOutcome] : rows) {
         CCollector sink;
-        const CCmChainPtr pBlock(MakeBlock(row.m_pBytes));
-        reader.Begin(row.m_Kind, row.m_ullLength);
-        const BOOL bGood = reader.Feed(*pBlock, sink) == CM_OK;
-        EXPECT_EQ(row.m_pOutcome, sink.m_strBody + "|" + pBlock->FlattenChained() + "|" +
-                                      (bGood                    ? ""
-                                       : reader.IsBeyondLimit() ? "too much"
-                                                                : "broken"));
+        const CCmChainPtr pBlock(MakeBlock(szBytes));
+        reader.Begin(kind, ullLength);
+        const char* szWhy = reader.Feed(*pBlock, sink) == CM_OK ? "" : reader.IsBeyondLimit() ? "too much" : "broken";
+        EXPECT_EQ(szOutcome, sink.m_strBody + "|" + pBlock->FlattenChained() + "|" + szWhy);
     }
     // No byte is copied, in either direction.
     CCollector sink;

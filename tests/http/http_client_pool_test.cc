@@ -27,24 +27,16 @@ TEST_F(HttpClientPoolTest, AConnectionIsUsedAgainOnlyIfItIsClean) {
 // The first request is answered, the second kills the connection; it may only be sent again if that does no harm, and only
 // once. A POST takes no chance with a connection that has rested.
 TEST_F(HttpClientPoolTest, AStaleConnectionIsReplacedOnceForWhatMayBeRepeated) {
-    struct CCase {
-        const char* m_szMethod;
-        long m_lRest;    // seconds between the requests
-        bool m_bBetter;  // the second connection
-        const char* m_szResult;
-        size_t m_nConnections;
-    };
-    const CCase CASES[] = {{"GET", 20, true, "200 b", 2},
-                           {"POST", 0, true, "0  !20008", 1},
-                           {"POST", 1, true, "200 b", 2},
-                           {"GET", 0, false, "0  !20008", 2}};
-    const CAnswer first = Answer("200 OK", "", "a"), closes{"", CAnswer::CLOSES};
-    for (const CCase& test : CASES) {
-        const CScriptServer server({{first, closes}, {test.m_bBetter ? Answer("200 OK", "", "b") : closes}});
+    const CAnswer first = Answer("200 OK", "", "a"), closes{"", CAnswer::CLOSES}, better = Answer("200 OK", "", "b");
+    for (const auto& [szMethod, lRest, second, szResult, stConnections] : {std::tuple{"GET", 20L, better, "200 b", size_t{2}},
+                                                                           {"POST", 0L, better, "0  !20008", size_t{1}},
+                                                                           {"POST", 1L, better, "200 b", size_t{2}},
+                                                                           {"GET", 0L, closes, "0  !20008", size_t{2}}}) {
+        const CScriptServer server({{first, closes}, {second}});
         EXPECT_EQ("200 a", Get(server));
-        m_Clock.Advance(CCmTimeValue(test.m_lRest));
-        EXPECT_EQ(test.m_szResult, Get(server, [&](CTestHttpClient& aClient) { aClient.Ask(test.m_szMethod); }));
-        EXPECT_EQ(test.m_nConnections, server.GetConnections());
+        m_Clock.Advance(CCmTimeValue(lRest));
+        EXPECT_EQ(szResult, Get(server, [&](CTestHttpClient& aClient) { aClient.Ask(szMethod); }));
+        EXPECT_EQ(stConnections, server.GetConnections());
     }
 }
 
@@ -69,7 +61,7 @@ TEST_F(HttpClientPoolTest, LimitsAndWaitingInTurn) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmChannelManager::Instance()->SetHttpPoolLimits(limits));
     limits.m_dwMaxPerHost = 2;
     EXPECT_EQ(CM_OK, CCmChannelManager::Instance()->SetHttpPoolLimits(limits));
-    const CScriptServer server({CScriptServer::CAnswers(10, Answer("200 OK", "", "x"))});
+    const CScriptServer server({CAnswers(10, Answer("200 OK", "", "x"))});
     std::vector<std::unique_ptr<CTestHttpClient>> clients;
     for (int i = 0; i < 6; ++i) {
         clients.push_back(std::make_unique<CTestHttpClient>(server.Url()));

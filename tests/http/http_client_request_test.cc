@@ -3,40 +3,33 @@
 using HttpClientBodyTest = CHttpClientTest;
 
 TEST_F(HttpClientBodyTest, SendsWhatWasSet) {
-    struct CCase {
-        std::function<void(CTestHttpClient&)> m_Set;
-        const char* m_szSent;
-    };
-    const CCase CASES[] = {
+    const std::string strFirst = " /a%20b?c=%C3%A4 HTTP/1.1\r\nHost: example.com\r\nUser-Agent: talvo\r\n";
+    const std::pair<std::function<void(CTestHttpClient&)>, std::string> CASES[] = {
         {[](CTestHttpClient& aClient) {
              aClient.Ask("POST", "some body");
-             aClient.Header("Host", "example.com");
              aClient.Header("X-One", "1");
              aClient.Header("x-one", "2", TRUE);
          },
-         "POST /a%20b?c=%C3%A4 HTTP/1.1\r\nHost: example.com\r\nUser-Agent: talvo\r\nX-One: 1, 2\r\nContent-Length: 9\r\n\r\n"
-         "some body"},
+         "POST" + strFirst + "X-One: 1, 2\r\nContent-Length: 9\r\n\r\nsome body"},
         {[](CTestHttpClient& aClient) {
              aClient.Ask("PATCH", "abc");
-             aClient.Header("Host", "h");
              aClient.Header("Transfer-Encoding", "chunked");
          },
-         "PATCH /a%20b?c=%C3%A4 HTTP/1.1\r\nHost: h\r\nUser-Agent: talvo\r\nTransfer-Encoding: chunked\r\n\r\n"
-         "3\r\nabc\r\n0\r\n\r\n"},
+         "PATCH" + strFirst + "Transfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n"},
         {[](CTestHttpClient& aClient) {
              aClient.Ask("PUT");
-             aClient.Header("Host", "h");
              aClient.Header("Expect", "100-continue");
              aClient.Set(CM_OPT_CHANNEL_KEEP_ALIVE, FALSE);
          },
-         "PUT /a%20b?c=%C3%A4 HTTP/1.1\r\nHost: h\r\nUser-Agent: talvo\r\nConnection: close\r\nContent-Length: 0\r\n\r\n"},
+         "PUT" + strFirst + "Connection: close\r\nContent-Length: 0\r\n\r\n"},
     };
-    for (const CCase& test : CASES) {
+    for (const auto& [set, strSent] : CASES) {
         const CScriptServer server({{Answer("200 OK", "", "")}});
         CTestHttpClient client(server.Url("/a b?c=\xc3\xa4#part"));
-        test.m_Set(client);
+        client.Header("Host", "example.com");
+        set(client);
         EXPECT_EQ("200 ", Run(client));
-        EXPECT_EQ(std::vector<std::string>{test.m_szSent}, server.m_Requests);
+        EXPECT_EQ(std::vector<std::string>{strSent}, server.m_Requests);
     }
 }
 
@@ -82,7 +75,7 @@ TEST_F(HttpClientBodyTest, StreamsABodyOfKnownLengthOrInChunks) {
 
 TEST_F(HttpClientBodyTest, ExpectWaitsForLeaveAnAnswerOrTheTimeOut) {
     for (const CAnswer& first : {CAnswer{"HTTP/1.1 100 Continue\r\n\r\n"}, Answer("417 No", "", "no"), CAnswer()}) {
-        const CScriptServer server({CScriptServer::CAnswers()});
+        const CScriptServer server({CAnswers()});
         CTestHttpClient client(server.Url());
         client.Ask("POST", "body");
         client.Header("Expect", "100-continue");
@@ -102,32 +95,25 @@ TEST_F(HttpClientBodyTest, ExpectWaitsForLeaveAnAnswerOrTheTimeOut) {
 
 // Method, body, what describes it, and what is secret, on the way to the same place and to another.
 TEST_F(HttpClientBodyTest, FollowsRedirectsByTheRules) {
-    struct CCase {
-        const char* m_szStatus;
-        std::string m_strMethod;
-        std::string m_strNext;
-    };
-    const CCase CASES[] = {{"301 M", "GET", "GET"},   {"301 M", "POST", "GET"}, {"302 F", "PUT", "PUT"},
-                           {"302 F", "HEAD", "HEAD"}, {"303 S", "POST", "GET"}, {"303 S", "HEAD", "HEAD"},
-                           {"307 T", "POST", "POST"}, {"308 P", "POST", "POST"}};
-    for (const CCase& test : CASES) {
+    for (const std::string strCase : {"301 GET GET", "301 POST GET", "302 PUT PUT", "302 HEAD HEAD", "303 POST GET",
+                                      "303 HEAD HEAD", "307 POST POST", "308 POST POST"}) {
+        const std::string strMethod = strCase.substr(4, strCase.rfind(' ') - 4),
+                          strNewMethod = strCase.substr(strCase.rfind(' ') + 1);
         for (const bool bOther : {false, true}) {
-            SCOPED_TRACE(test.m_szStatus + test.m_strMethod + (bOther ? " elsewhere" : " here"));
+            SCOPED_TRACE(strCase + (bOther ? " elsewhere" : " here"));
             const CAnswer there = Answer("200 OK", "", "");
             const CScriptServer other({{there}});
             const std::string strLocation = "Location: " + (bOther ? other.Url("/c/d") : "../c/./d#x") + "\r\n";
-            const CScriptServer server(
-                {{Answer(test.m_szStatus, strLocation, test.m_strMethod == "HEAD" ? "" : "gone"), there}});
-            const bool bBody = test.m_strMethod.starts_with('P');
-            const bool bSame = test.m_strMethod == test.m_strNext;
+            const CScriptServer server({{Answer(strCase.substr(0, 3), strLocation, strMethod == "HEAD" ? "" : "gone"), there}});
+            const bool bBody = strMethod.starts_with('P'), bSame = strMethod == strNewMethod;
             CTestHttpClient client(server.Url("/a/b?q"));
-            client.Ask(test.m_strMethod.c_str(), bBody ? "body" : "");
+            client.Ask(strMethod.c_str(), bBody ? "body" : "");
             for (const char* szName : {"Content-Type", "Authorization", "Cookie", "X-Kept"})
                 client.Header(szName, "value");
             EXPECT_EQ("200 ", Run(client));
             const CScriptServer& last = bOther ? other : server;
             const std::string& strNext = last.m_Requests.back();
-            EXPECT_TRUE(strNext.starts_with(test.m_strNext + " /c/d HTTP/1.1\r\n")) << strNext;
+            EXPECT_TRUE(strNext.starts_with(strNewMethod + " /c/d HTTP/1.1\r\n")) << strNext;
             EXPECT_EQ(bBody && bSame, strNext.ends_with("\r\n\r\nbody")) << strNext;
             for (const auto& [szName, bKept] :
                  {std::pair{"Content-Type", bSame}, {"Authorization", !bOther}, {"Cookie", !bOther}, {"X-Kept", true}})
@@ -149,7 +135,7 @@ TEST_F(HttpClientBodyTest, DoesNotFollowEverything) {
         EXPECT_EQ(strLocation.empty() ? 0u : 1u, trace.Count("the redirect is not followed. location="));
     }
     for (const size_t stRedirects : {size_t{10}, size_t{11}}) {
-        CScriptServer::CAnswers answers(stRedirects, found);
+        CAnswers answers(stRedirects, found);
         answers.push_back(Answer("200 OK", "", "there"));
         EXPECT_EQ(stRedirects == 10 ? "200 there" : "0  !20008", Get(CScriptServer({answers})));
     }
@@ -166,13 +152,8 @@ TEST_F(HttpClientBodyTest, DoesNotFollowEverything) {
 }
 
 TEST_F(HttpClientBodyTest, GivesCredentialsWhereTheyAreAskedFor) {
-    struct CCase {
-        const char* m_szFirst;  // challenge
-        const char* m_szSecond;
-        const char* m_szAuthorization;  // in the last request
-        size_t m_nRequests;
-        const char* m_szResult;
-    };
+    // The first and second challenge, the last request's header, the requests and the result.
+    using CCase = std::tuple<const char*, const char*, const char*, size_t, const char*>;
     const std::string strLong(100000, 'x');  // not waited for, at the price of the connection
     const CCase CASES[] = {
         {"Basic realm=\"r\"", "", "Authorization: Basic dTpw\r\n", 2, "200 in"},
@@ -182,26 +163,26 @@ TEST_F(HttpClientBodyTest, GivesCredentialsWhereTheyAreAskedFor) {
         {"Basic realm=\"r\"", "Basic realm=\"r\"", "Authorization: Basic", 2, "401 out"},
         {"Digest realm=\"r\", nonce=\"n\"", "Digest realm=\"r\", nonce=\"m\", stale=TRUE", "nonce=\"m\"", 3, "200 in"},
     };
-    for (const CCase& test : CASES) {
-        SCOPED_TRACE(test.m_szFirst);
+    for (const auto& [szFirst, szSecond, szAuthorization, stRequests, szResult] : CASES) {
+        SCOPED_TRACE(szFirst);
         const auto ask = [](const char* aChallenge, const std::string& aBody) {
             return Answer("401 Who", "WWW-Authenticate: " + std::string(aChallenge) + "\r\n", aBody);
         };
-        const bool bLong = test.m_nRequests == 3;
-        CScriptServer::CAnswers first{ask(test.m_szFirst, bLong ? strLong : "out")}, then{Answer("200 OK", "", "in")};
-        if (*test.m_szSecond)
-            then.push_front(ask(test.m_szSecond, "out"));
+        const bool bLong = stRequests == 3;
+        CAnswers first{ask(szFirst, bLong ? strLong : "out")}, then{Answer("200 OK", "", "in")};
+        if (*szSecond)
+            then.push_front(ask(szSecond, "out"));
         if (!bLong)
             first.insert(first.end(), then.begin(), then.end());
         const CScriptServer server({first, then});
-        EXPECT_EQ(test.m_szResult, Get(server, [](CTestHttpClient& aClient) {
+        EXPECT_EQ(szResult, Get(server, [](CTestHttpClient& aClient) {
                       aClient.Ask("POST", "body");
                       EXPECT_EQ(CM_OK, aClient.m_pChannel->SetCredentials("u", "p"));
                   }));
-        ASSERT_EQ(test.m_nRequests, server.m_Requests.size());
+        ASSERT_EQ(stRequests, server.m_Requests.size());
         EXPECT_EQ(std::string::npos, server.m_Requests.front().find("Authorization"));
         const std::string& strLast = server.m_Requests.back();
-        EXPECT_NE(std::string::npos, strLast.find(test.m_szAuthorization)) << strLast;
+        EXPECT_NE(std::string::npos, strLast.find(szAuthorization)) << strLast;
         EXPECT_TRUE(strLast.ends_with("\r\n\r\nbody"));
         EXPECT_EQ(bLong ? 2u : 1u, server.GetConnections());
     }

@@ -5,13 +5,8 @@ namespace {
 using HttpClientTest = CHttpClientTest;
 
 constexpr auto STAYS = CAnswer::STAYS, CLOSES = CAnswer::CLOSES, RESETS = CAnswer::RESETS;
-struct CCase {
-    const char* m_szAnswer;
-    const char* m_szMethod;
-    CAnswer::EEnd m_End;
-    const char* m_szResult;
-};
-const CCase CASES[] = {
+// Answer, method, what the server does then, and the result.
+const std::tuple<const char*, const char*, CAnswer::EEnd, const char*> CASES[] = {
     {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello", "GET", STAYS, "200 hello"},
     {"HTTP/1.1 404\r\nContent-Length: 0\r\n\r\n", "GET", STAYS, "404 "},
     {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4;x=1\r\nwiki\r\n5\r\npedia\r\n0\r\nX-T: 1\r\n\r\n", "GET", STAYS,
@@ -52,13 +47,13 @@ const CCase CASES[] = {
 
 // What a server says, whole and byte by byte, and what the channel makes of it.
 TEST_F(HttpClientTest, AnswersAsTheyCome) {
-    for (const CCase& test : CASES) {
+    for (const auto& [szAnswer, szMethod, end, szResult] : CASES) {
         for (const size_t stPiece : {std::string::npos, size_t{1}}) {
-            SCOPED_TRACE(std::string(test.m_szAnswer) + " in pieces of " + std::to_string(stPiece));
-            const CScriptServer server({{{test.m_szAnswer, test.m_End}}}, stPiece);
+            SCOPED_TRACE(std::string(szAnswer) + " in pieces of " + std::to_string(stPiece));
+            const CScriptServer server({{{szAnswer, end}}}, stPiece);
             const CCmTraceCapture trace;
-            const std::string strResult = Get(server, [&](CTestHttpClient& aClient) { aClient.Ask(test.m_szMethod); });
-            EXPECT_EQ(test.m_szResult, strResult);
+            const std::string strResult = Get(server, [&](CTestHttpClient& aClient) { aClient.Ask(szMethod); });
+            EXPECT_EQ(szResult, strResult);
             EXPECT_EQ(strResult.ends_with("!20008") ? 1u : 0u, trace.Count("CCmChannelHttpClient::OnDisconnect, "));
         }
     }
@@ -186,21 +181,13 @@ TEST_F(HttpClientTest, SilenceAndRefusedConnectionsEnd) {
 
     CTestHttpClient refused("http://127.0.0.1:1/");
     EXPECT_EQ("0  !20008", Run(refused));
-    const struct {
-        CTestHttpClient& m_Client;
-        CmResult m_Result;
-        ECmFailureCause m_Cause;
-        int m_nErrno;
-    } rows[] = {{client, CM_ERROR_TIMEOUT, CM_FAILURE_SILENCE, 0},
-                {refused, CM_ERROR_NETWORK_CONNECT_ERROR, CM_FAILURE_SYSTEM, ECONNREFUSED}};
-    for (const auto& row : rows) {
+    const auto failureOf = [](const CTestHttpClient& aClient) {
         CCmString strText;
-        CCmFailure failure;
-        EXPECT_EQ(row.m_Result, row.m_Client.m_pChannel->GetFailure(strText));
-        EXPECT_EQ(CM_OK, row.m_Client.m_pChannel->GetOption(CM_OPT_CHANNEL_LAST_FAILURE, &failure));
-        EXPECT_EQ(row.m_Cause, failure.GetCause());
-        EXPECT_EQ(row.m_nErrno, failure.GetErrno());
-    }
+        const auto failure = ::Get<CCmFailure>(*aClient.m_pChannel, CM_OPT_CHANNEL_LAST_FAILURE);
+        return std::tuple(aClient.m_pChannel->GetFailure(strText), failure.GetCause(), failure.GetErrno());
+    };
+    EXPECT_EQ(std::tuple(CM_ERROR_TIMEOUT, CM_FAILURE_SILENCE, 0), failureOf(client));
+    EXPECT_EQ(std::tuple(CM_ERROR_NETWORK_CONNECT_ERROR, CM_FAILURE_SYSTEM, ECONNREFUSED), failureOf(refused));
 }
 
 }  // namespace

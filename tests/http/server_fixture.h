@@ -24,40 +24,39 @@ public:
     }
 };
 
-// What the application knows of one request; takes the body and answers with it unless told otherwise.
+// One request and its upcalls; takes the body and answers with it, unless told otherwise.
 class CTestRequest : public ICmChannelHttpServerSink {
 public:
-    explicit CTestRequest(ICmChannelHttpServer* aChannel) : m_pChannel(aChannel) {}
+    CTestRequest(ICmChannelHttpServer& aChannel, std::string& aLog) : m_pChannel(&aChannel), m_strLog(aLog) {}
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
-        EXPECT_EQ(0, m_nEnds + m_nDisconnects);
         m_strBody += aData.FlattenChained();
-        m_Receive();
+        Upcall("receive", m_bEnded);
     }
-    void OnRequestEnd(ICmChannelHttpServer*) override {
-        EXPECT_EQ(0, m_nEnds++);
-        m_End();
-    }
-    void OnSend(ICmTransport*, CCmTransportParameter*) override { m_Send(); }
-    void OnClientEnd(ICmChannelHttpServer*) override { ++m_nClientEnds; }
+    void OnRequestEnd(ICmChannelHttpServer*) override { Upcall("end", std::exchange(m_bEnded, TRUE)); }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override { Upcall("send"); }
+    void OnClientEnd(ICmChannelHttpServer*) override { Upcall("client-end"); }
     void OnDisconnect(CmResult aReason, ICmTransport*) override {
-        EXPECT_EQ(0, m_nDisconnects++);
-        m_Reason = aReason;
-        m_Disconnect();
+        Upcall("gone:" + std::to_string(aReason), std::exchange(m_bGone, TRUE));
     }
 
     CCmRefPtrT<ICmChannelHttpServer> m_pChannel;
     std::string m_strBody;
-    int m_nEnds = 0;
-    int m_nClientEnds = 0;
-    int m_nDisconnects = 0;
-    CmResult m_Reason = CM_OK;
-    std::function<void()> m_Receive = [] {};
-    std::function<void()> m_End = [this] {
+    // Runs inside each upcall.
+    std::function<void(const std::string&)> m_Inside = [this](const std::string& aUpcall) {
+        if (aUpcall != "end")
+            return;
         m_pChannel->AnswerText(200, "text/plain", m_strBody);
         m_pChannel.Reset();
     };
-    std::function<void()> m_Send = [] {};
-    std::function<void()> m_Disconnect = [] {};
+
+private:
+    void Upcall(const std::string& aUpcall, BOOL aTooLate = FALSE) {
+        EXPECT_FALSE(aTooLate || (m_bGone && !aUpcall.starts_with("gone"))) << aUpcall;
+        m_strLog += aUpcall + " ";
+        m_Inside(aUpcall);
+    }
+    std::string& m_strLog;
+    BOOL m_bEnded = FALSE, m_bGone = FALSE;
 };
 
 // The main thread is network thread and application. A POST is answered with its body, anything else with its URI, at once.
@@ -65,14 +64,12 @@ class HttpServerTest : public testing::Test, public ICmChannelServerAcceptorSink
 protected:
     void SetUp() override {
         m_pAcceptor = new CCmChannelHttpServerAcceptor(0);
-        ASSERT_EQ(CM_OK, m_pAcceptor->StartListen(this, CCmInetAddr(OwnLoopback(), 0)));
+        ASSERT_EQ(CM_OK, m_pAcceptor->StartListen(this, Loopback()));
     }
     void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override { m_Request(*aChannel); }
-    void OnRequestLost(CmResult, ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override {
-        m_Lost.push_back(aChannel);
-    }
-    void OnClientEnd(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override { m_Ended.push_back(aChannel); }
-    void OnStopped(ICmChannelServerAcceptor*) override { ++m_nStopped; }
+    void OnRequestLost(CmResult, ICmChannelHttpServer*, ICmChannelServerAcceptor*) override { m_strLog += "lost "; }
+    void OnClientEnd(ICmChannelHttpServer*, ICmChannelServerAcceptor*) override { m_strLog += "client-end "; }
+    void OnStopped(ICmChannelServerAcceptor*) override { m_strLog += "stopped "; }
 
     void AnswerWithURI(ICmChannelHttpServer& aChannel) {
         if (aChannel.GetRequest().GetMethod() == CCmHttpAtomList::Post)
@@ -81,13 +78,27 @@ protected:
             aChannel.AnswerText(200, "text/plain", aChannel.GetRequest().GetRequestURI());
     }
     CTestRequest& Keep(ICmChannelHttpServer& aChannel) {
-        m_Requests.push_back(std::make_unique<CTestRequest>(&aChannel));
+        m_Requests.push_back(std::make_unique<CTestRequest>(aChannel, m_strLog));
         EXPECT_EQ(CM_OK, aChannel.ReceiveRequest(m_Requests.back().get()));
         return *m_Requests.back();
     }
-    CCmRefPtrT<CTestClient> Connect() {
+    // Without an answer.
+    void Hold(ICmChannelHttpServer& aChannel) {
+        Keep(aChannel).m_Inside = [](const std::string&) {};
+    }
+    void HoldRequests() {
+        m_Request = [this](ICmChannelHttpServer& a) { Hold(a); };
+    }
+    CmResult Answer(size_t aRequest, const char* aText) {
+        return m_Requests.at(aRequest)->m_pChannel->AnswerText(200, "text/plain", aText);
+    }
+    // The upcalls of the requests and the acceptor since the last call.
+    std::string TakeLog() { return std::exchange(m_strLog, {}); }
+    CCmRefPtrT<CTestClient> Connect(const std::string& aBytes = "") {
         CCmRefPtrT<CTestClient> pClient(new CTestClient);
         m_pAcceptor->Serve(pClient.Get());
+        if (!aBytes.empty())
+            pClient->Receive(aBytes);
         return pClient;
     }
     template <class Value>
@@ -115,7 +126,5 @@ protected:
     CCmRefPtrT<CCmChannelHttpServerAcceptor> m_pAcceptor;
     std::function<void(ICmChannelHttpServer&)> m_Request = [this](ICmChannelHttpServer& a) { AnswerWithURI(a); };
     std::vector<std::unique_ptr<CTestRequest>> m_Requests;
-    std::vector<ICmChannelHttpServer*> m_Lost;
-    std::vector<ICmChannelHttpServer*> m_Ended;
-    int m_nStopped = 0;
+    std::string m_strLog;
 };
