@@ -280,7 +280,8 @@ class TransferTest(ProgramTest):
                 "http://u@h/", "http://u:p@h/", "http://h:98539/", "http://h:notaport/", "http://h:0/", "http://h:/",
                 "http://1.2/", "http://h\\@i/", "http://a b/", "http://h/a b", "http://h/a\tb", "http://h/a?b\x7f", "file://h/a",
                 "file://a", "file://")
-        for arguments in (*(["ping", endpoint] for endpoint in endpoints), *(["get", url] for url in urls), [], ["fly"], ["recv"], ["recv", "--port", 0], ["recv", "--port", "x", "--out", self.out],
+        for arguments in (*(["ping", endpoint] for endpoint in endpoints), *(["get", url] for url in urls),
+                          [], ["fly"], ["recv"], ["recv", "--port", 0], ["recv", "--port", "x", "--out", self.out],
                           [*recv, self.directory / "no"], [*recv, file], [*recv, self.out, "extra"],
                           [*recv, self.out, "--host", "here"], ["send", file], ["send", to],
                           ["send", self.directory / "no", to], ["send", self.out, to], ["send", file, "127.0.0.1"],

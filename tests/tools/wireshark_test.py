@@ -38,8 +38,8 @@ class WiresharkTest(ProgramTest):
                    for from_client, data in said for i in range(0, len(data), piece)]
         text = self.make("packets.txt", "".join(f"{way} {data}\n" for way, data in packets))
         capture = self.directory / "capture.pcap"
-        subprocess.run(["text2pcap", "-q", "-r", "^(?<dir>[IO]) (?<data>[0-9a-f]+)$", "-u" if udp else "-T", PORTS, text, capture],
-                       check=True, capture_output=True)
+        line = "^(?<dir>[IO]) (?<data>[0-9a-f]+)$"
+        subprocess.run(["text2pcap", "-q", "-r", line, "-u" if udp else "-T", PORTS, text, capture], check=True, capture_output=True)
         choose = ["-d", "udp.port==7000,talvo"] if udp else ["-o", "talvo.ports:7000"]
         arguments = [argument for field in (*fields, "_ws.expert.message", "_ws.lua.error") for argument in ("-e", field)]
         result = subprocess.run(["tshark", "-X", f"lua_script:{DISSECTOR}", "-o", f"talvo.form:{form}", *choose, "-r", capture,
@@ -53,9 +53,8 @@ class WiresharkTest(ProgramTest):
     def test_streams_whatever_their_segments(self):
         for kind in "package", "nopartial", "length":
             for piece in 1, 7, 1400:
-                kinds, lengths, reasons, tags, types, payloads, complaints = self.dissect(
-                    session(kind), kind, *("talvo." + field for field in ("type", "length", "reason", "contag", "conntype", "payload")),
-                    piece=piece)
+                fields = ["talvo." + name for name in ("type", "length", "reason", "contag", "conntype", "payload")]
+                kinds, lengths, reasons, tags, types, payloads, complaints = self.dissect(session(kind), kind, *fields, piece=piece)
                 handshake = kind == "package"
                 self.assertEqual([] if kind == "length" else ["1", "2"] * handshake + ["6"] * 6 + ["3"], kinds)
                 self.assertEqual((["300"] * 6, [] if kind == "length" else ["0"], []), (lengths, reasons, complaints), (kind, piece))
