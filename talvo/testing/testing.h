@@ -1,7 +1,9 @@
 // Includes for tests, in addition to talvo/talvo.h; link talvo::testing.
 #pragma once
 
+#include "talvo/testing/channel_log.h"
 #include "talvo/testing/fake_clock.h"
+#include "talvo/testing/scripted_http.h"
 #include "talvo/testing/scripted_transport.h"
 #include "talvo/testing/sim_network.h"
 #include "talvo/testing/sim_seeds.h"

@@ -14,7 +14,7 @@ TEST_F(HttpClientPoolTest, AConnectionIsUsedAgainOnlyIfItIsClean) {
         {{"HTTP/1.1 200 OK\r\nContent-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nab\r\n0\r\n\r\n"}, 2},
     };
     for (const auto& [answer, nConnections] : CASES) {
-        SCOPED_TRACE(answer.m_strText);
+        SCOPED_TRACE(answer.m_strBytes);
         const CScriptServer server({{answer, answer}});
         EXPECT_EQ("200 ab", Get(server));
         EXPECT_EQ("200 ab", Get(server));
@@ -35,7 +35,7 @@ TEST_F(HttpClientPoolTest, AStaleConnectionIsReplacedOnceForWhatMayBeRepeated) {
         const CScriptServer server({{first, closes}, {second}});
         EXPECT_EQ("200 a", Get(server));
         m_Clock.Advance(CCmTimeValue(lRest));
-        EXPECT_EQ(szResult, Get(server, [&](CTestHttpClient& aClient) { aClient.Ask(szMethod); }));
+        EXPECT_EQ(szResult, Get(server, [szAsked = szMethod](CTestHttpClient& aClient) { aClient.Ask(szAsked); }));
         EXPECT_EQ(stConnections, server.GetConnections());
     }
 }
@@ -44,14 +44,14 @@ TEST_F(HttpClientPoolTest, AChosenAddressReplacesThatOfTheUrl) {
     const CAnswer moved = Answer("302 Found", "Location: http://b.test/\r\n", ""), found = Answer("200 OK", "", "x");
     const CScriptServer server({{found}}), chosen({{moved, found}, {found}});
     CCmHttpUrl url;
-    EXPECT_TRUE(url.Init(chosen.Url()));
+    EXPECT_TRUE(url.Init(chosen.GetUrl()));
     CCmInetAddr addr(url.GetHostName().c_str(), url.GetPort());
     for (int i = 0; i < 2; ++i)
         EXPECT_EQ("200 x", Get(server, [&](CTestHttpClient& aClient) {
                       EXPECT_EQ(CM_OK, aClient.m_pChannel->SetOption(CM_OPT_CHANNEL_CONNECT_TO, &addr));
                   }));
     EXPECT_EQ(2u, chosen.GetConnections());  // one a host, and each is used again
-    EXPECT_NE(std::string::npos, chosen.m_Requests.back().find("Host: " + server.Url("").substr(7)));
+    EXPECT_NE(std::string::npos, chosen.m_Requests.back().find("Host: " + server.GetUrl("").substr(7)));
     EXPECT_EQ("200 x", Get(server));
     EXPECT_EQ(1u, server.GetConnections());
 }
@@ -64,7 +64,7 @@ TEST_F(HttpClientPoolTest, LimitsAndWaitingInTurn) {
     const CScriptServer server({CAnswers(10, Answer("200 OK", "", "x"))});
     std::vector<std::unique_ptr<CTestHttpClient>> clients;
     for (int i = 0; i < 6; ++i) {
-        clients.push_back(std::make_unique<CTestHttpClient>(server.Url()));
+        clients.push_back(std::make_unique<CTestHttpClient>(server.GetUrl()));
         clients.back()->Open();
     }
     clients[3]->m_pChannel->Disconnect(CM_OK);  // it waits, and gives its turn to the others

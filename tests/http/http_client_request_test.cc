@@ -25,7 +25,7 @@ TEST_F(HttpClientBodyTest, SendsWhatWasSet) {
     };
     for (const auto& [set, strSent] : CASES) {
         const CScriptServer server({{Answer("200 OK", "", "")}});
-        CTestHttpClient client(server.Url("/a b?c=\xc3\xa4#part"));
+        CTestHttpClient client(server.GetUrl("/a b?c=\xc3\xa4#part"));
         client.Header("Host", "example.com");
         set(client);
         EXPECT_EQ("200 ", Run(client));
@@ -38,7 +38,7 @@ TEST_F(HttpClientBodyTest, StreamsABodyOfKnownLengthOrInChunks) {
     for (const bool bChunked : {false, true}) {
         CScriptServer server({{Answer("200 OK", "", "done")}});
         server.m_dwRoom = 70000;
-        CTestHttpClient client(server.Url());
+        CTestHttpClient client(server.GetUrl());
         client.Ask("POST");
         client.Header(bChunked ? "Transfer-Encoding" : "Content-Length", bChunked ? "chunked" : std::to_string(strBody.size()));
         size_t nSent = 0;
@@ -76,16 +76,16 @@ TEST_F(HttpClientBodyTest, StreamsABodyOfKnownLengthOrInChunks) {
 TEST_F(HttpClientBodyTest, ExpectWaitsForLeaveAnAnswerOrTheTimeOut) {
     for (const CAnswer& first : {CAnswer{"HTTP/1.1 100 Continue\r\n\r\n"}, Answer("417 No", "", "no"), CAnswer()}) {
         const CScriptServer server({CAnswers()});
-        CTestHttpClient client(server.Url());
+        CTestHttpClient client(server.GetUrl());
         client.Ask("POST", "body");
         client.Header("Expect", "100-continue");
         client.Open();
         RunUntil([&] { return server.GetConnections() > 0 && !server.GetPeer().GetSent().empty(); });
         EXPECT_TRUE(server.GetPeer().TakeSent().ends_with("\r\n\r\n"));
-        m_Clock.Advance(first.m_strText.empty() ? CCmTimeValue(1, 1) : CCmTimeValue::s_tvZero);
+        m_Clock.Advance(first.m_strBytes.empty() ? CCmTimeValue(1, 1) : CCmTimeValue::s_tvZero);
         server.GetPeer().Say(first);
         Turn();
-        const bool bRefuses = first.m_strText.ends_with("no");
+        const bool bRefuses = first.m_strBytes.ends_with("no");
         EXPECT_EQ(bRefuses ? "" : "body", server.GetPeer().TakeSent());
         server.GetPeer().Say(Answer("200 OK", "", "yes"));
         RunUntil([&] { return client.IsOver(); });
@@ -103,10 +103,10 @@ TEST_F(HttpClientBodyTest, FollowsRedirectsByTheRules) {
             SCOPED_TRACE(strCase + (bOther ? " elsewhere" : " here"));
             const CAnswer there = Answer("200 OK", "", "");
             const CScriptServer other({{there}});
-            const std::string strLocation = "Location: " + (bOther ? other.Url("/c/d") : "../c/./d#x") + "\r\n";
+            const std::string strLocation = "Location: " + (bOther ? other.GetUrl("/c/d") : "../c/./d#x") + "\r\n";
             const CScriptServer server({{Answer(strCase.substr(0, 3), strLocation, strMethod == "HEAD" ? "" : "gone"), there}});
             const bool bBody = strMethod.starts_with('P'), bSame = strMethod == strNewMethod;
-            CTestHttpClient client(server.Url("/a/b?q"));
+            CTestHttpClient client(server.GetUrl("/a/b?q"));
             client.Ask(strMethod.c_str(), bBody ? "body" : "");
             for (const char* szName : {"Content-Type", "Authorization", "Cookie", "X-Kept"})
                 client.Header(szName, "value");
@@ -121,7 +121,7 @@ TEST_F(HttpClientBodyTest, FollowsRedirectsByTheRules) {
             EXPECT_EQ(1u, server.GetConnections());
             CCmRefPtrT<CCmHttpUrl> pUrl;
             EXPECT_EQ(CM_OK, client.m_pChannel->GetUrl(pUrl.ParaOut()));
-            EXPECT_EQ(last.Url("/c/d"), pUrl->GetAsciiSpec());
+            EXPECT_EQ(last.GetUrl("/c/d"), pUrl->GetAsciiSpec());
         }
     }
 }
@@ -188,6 +188,6 @@ TEST_F(HttpClientBodyTest, GivesCredentialsWhereTheyAreAskedFor) {
     }
     // They belong to one origin.
     const CScriptServer other({{Answer("401 Who", "WWW-Authenticate: Basic realm=\"r\"\r\n", "out")}});
-    const CScriptServer server({{Answer("302 Found", "Location: " + other.Url() + "\r\n", "")}});
+    const CScriptServer server({{Answer("302 Found", "Location: " + other.GetUrl() + "\r\n", "")}});
     EXPECT_EQ("401 out", Get(server, [](CTestHttpClient& aClient) { aClient.m_pChannel->SetCredentials("u", "p"); }));
 }
