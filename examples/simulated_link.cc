@@ -1,9 +1,7 @@
-// A chat over a bad network, without a network:   simulated_link [SEED]
+// A chat over a bad network, without a network:   simulated_link [SEED [COUNT]]
 //
 // A server and a client of package connections talk over a simulated link that loses, delays and cuts, in simulated time. With
 // a seed one run is printed, line by line; without one a thousand runs are checked, which takes a few seconds for some hours.
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "talvo/talvo.h"
@@ -104,16 +102,4 @@ void Scenario(CCmSimNetwork& aNetwork) {
         aNetwork.Fail("not all messages came back in a minute");
 }
 
-int main(int argc, char** argv) {
-    CCmSimRun run;
-    if (argc > 1) {
-        run = cm_sim_run(Scenario, std::strtoull(argv[1], nullptr, 10), TRUE);
-    } else if (cm_sim_run_seeds(Scenario, 1, 1000, run)) {
-        std::puts("1000 seeds, no failure");
-        return 0;
-    }
-    std::fputs(run.m_strTrace.c_str(), stdout);
-    for (const std::string& strFailure : run.m_Failures)
-        std::fprintf(stderr, "seed %llu failed: %s\n", static_cast<unsigned long long>(run.m_ullSeed), strFailure.c_str());
-    return run.m_Failures.empty() ? 0 : 1;
-}
+int main(int argc, char** argv) { return cm_sim_main(argc, argv, Scenario); }

@@ -8,7 +8,7 @@
 // Changes apply to later sends. By default every byte arrives one millisecond after its send.
 struct CCmSimPath {
     CCmTimeValue m_tvDelay{0, 1000};
-    CCmTimeValue m_tvJitter;     // the most extra time of a piece; datagrams may overtake each other, streams keep their order
+    CCmTimeValue m_tvJitter{};   // the most extra time of a piece; datagrams may overtake each other, streams keep their order
     DWORD m_dwBandwidth = 0;     // bytes a second for each connection; 0: no limit
     double m_Loss = 0;           // a datagram is lost; a piece of a stream is sent again, after 200 ms, 400 ms, ... 6.4 s
     double m_Duplication = 0;    // a datagram arrives twice
@@ -19,8 +19,8 @@ struct CCmSimPath {
     uint64_t m_ullCutAfter = 0;  // each stream breaks after this number of bytes, which arrive; 0: never
 
     // Silence between the two simulated times: datagrams are lost, and bytes, ends and connects of streams wait.
-    CCmTimeValue m_tvSilentFrom;
-    CCmTimeValue m_tvSilentUntil;  // CCmTimeValue::s_tvMax: until SetLink changes it
+    CCmTimeValue m_tvSilentFrom{};
+    CCmTimeValue m_tvSilentUntil{};  // CCmTimeValue::s_tvMax: until SetLink changes it
 
     // The sender's end of a stream is lost: its peer keeps a half-open connection, whose sends fill the buffer and never
     // arrive.
@@ -35,6 +35,6 @@ struct CCmSimPath {
 
 // Both directions. m_Up leads from the connector to the acceptor.
 struct CCmSimLink {
-    CCmSimPath m_Up;
-    CCmSimPath m_Down;
+    CCmSimPath m_Up{};
+    CCmSimPath m_Down{};
 };

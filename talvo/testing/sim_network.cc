@@ -137,6 +137,31 @@ void CCmSimNetwork::Jump(const CCmTimeValue& aTime) { m_pCore->m_Schedule.Jump(a
 uint64_t CCmSimNetwork::Random(uint64_t aBound) { return m_pCore->m_Random.Below(aBound); }
 BOOL CCmSimNetwork::Chance(double aShare) { return m_pCore->m_Random.Chance(aShare); }
 
+CCmTimeValue CCmSimNetwork::RandomTime(const CCmTimeValue& aBound) {
+    return CCmTimeValue::FromUsec(static_cast<int64_t>(Random(static_cast<uint64_t>(aBound.GetTotalInUsec()))));
+}
+CCmSimPath CCmSimNetwork::RandomPath(BOOL aDatagrams) {
+    const auto below = [this](uint64_t aBound) { return static_cast<DWORD>(Random(aBound)); };
+    const auto share = [this](uint64_t aPercent) { return static_cast<double>(Random(aPercent)) / 100; };
+    CCmSimPath path;
+    if (Chance(0.2))
+        return path;
+    path.m_tvDelay = RandomTime(CCmTimeValue(0.02));
+    path.m_tvJitter = RandomTime(CCmTimeValue(Chance(0.2) ? 2 : 0.03));
+    path.m_dwBandwidth = Chance(0.2) ? 100000 + below(1000000) : 0;
+    path.m_dwBuffer = 1 + below(Chance(0.3) ? 300 : 100000);
+    path.m_dwMaxPiece = 1 + below(Chance(0.2) ? 10 : 16384);
+    path.m_PartialSend = share(50);
+    path.m_Loss = share(aDatagrams ? 40 : 5);
+    path.m_Duplication = share(30);
+    path.m_Reordering = share(20);
+    path.m_Damage = share(20);
+    path.m_Cut = Chance(0.3) ? share(100) / 100 : 0;
+    if (aDatagrams)
+        path.m_dwBuffer += 100000;  // drops far less than m_Loss
+    return path;
+}
+
 void CCmSimNetwork::Note(const std::string& aText) { m_pCore->m_Trace.Note(aText); }
 uint64_t CCmSimNetwork::GetTraceDigest() const { return m_pCore->m_Trace.GetDigest(); }
 void CCmSimNetwork::Fail(const std::string& aText) { m_pCore->m_Trace.Fail(aText); }

@@ -62,6 +62,8 @@ public:
     // without an address then no longer changes. Ends a silence that is not in aLink.
     void SetLink(const CCmSimLink& aLink);
     void SetLink(const CCmInetAddr& aAcceptor, const CCmSimLink& aLink);
+    // The same path in both directions of all connections.
+    void SetPath(const CCmSimPath& aPath) { SetLink({aPath, aPath}); }
     // The link of those connections; s_InetAddrAny: of all without a link of their own.
     const CCmSimLink& GetLink(const CCmInetAddr& aAcceptor = CCmInetAddr::s_InetAddrAny) const;
 
@@ -84,6 +86,10 @@ public:
     // Random numbers of the simulation: 0 to aBound - 1, aBound not 0; TRUE in that share of calls.
     uint64_t Random(uint64_t aBound);
     BOOL Chance(double aShare);
+    // A time from 0 to just below aBound, which is positive.
+    CCmTimeValue RandomTime(const CCmTimeValue& aBound);
+    // A path with random faults, each between none and much, for streams or datagrams. Some paths have no faults.
+    CCmSimPath RandomPath(BOOL aDatagrams);
 
     // Adds a line of the application to the trace.
     void Note(const std::string& aText);

@@ -25,3 +25,9 @@ CCmSimRun cm_sim_run(const CCmSimScenario& aScenario, uint64_t aSeed, BOOL aTrac
 // Runs aScenario with aCount seeds from aFirst on. TRUE: none has failed. FALSE: aFailed (out) is the first failed run, with
 // its trace; cm_sim_run with its seed replays it.
 BOOL cm_sim_run_seeds(const CCmSimScenario& aScenario, uint64_t aFirst, uint64_t aCount, CCmSimRun& aFailed);
+
+// The main function of a program that runs aScenario:   PROGRAM [FIRST_SEED [COUNT]]
+//
+// Without arguments it runs the seeds 1 to 1000. With a seed alone it prints the trace of that run; with a count it runs that
+// many seeds. Prints the trace and the failures of the first seed that fails, and returns 1 then, 0 otherwise.
+int cm_sim_main(int argc, char** argv, const CCmSimScenario& aScenario);

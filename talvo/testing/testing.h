@@ -6,6 +6,7 @@
 #include "talvo/testing/scripted_http.h"
 #include "talvo/testing/scripted_transport.h"
 #include "talvo/testing/sim_network.h"
+#include "talvo/testing/sim_peer.h"
 #include "talvo/testing/sim_seeds.h"
 #include "talvo/testing/trace_capture.h"
 #include "talvo/testing/upcall_log.h"

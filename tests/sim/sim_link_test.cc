@@ -28,15 +28,10 @@ protected:
         ASSERT_EQ(1u, m_Clients.m_Transports.size());
     }
     static void Open(CTestConnectSink& aSide, CTestSink& aSink) {
-        aSide.m_Indicated = [&aSide, &aSink] {
+        aSide.m_Indicated = [&] {
             if (!aSide.m_Transports.empty())
                 aSide.m_Transports.back()->OpenWithSink(&aSink);
         };
-    }
-    void SetPath(const std::function<void(CCmSimPath&)>& aSet) {
-        CCmSimPath path;
-        aSet(path);
-        m_Network.SetLink({path, path});
     }
     ICmTransport& Client() { return *m_Clients.m_Transports.at(0); }
     ICmTransport& Server() { return *m_Servers.m_Transports.at(0); }
@@ -56,7 +51,7 @@ protected:
 // The bytes in front of the cut arrive, those behind it do not, and both ends get OnDisconnect.
 TEST_F(SimLinkTest, AStreamBreaksAtItsByte) {
     Connect();
-    SetPath([](CCmSimPath& aPath) { aPath.m_ullCutAfter = 7; });
+    m_Network.SetPath({.m_ullCutAfter = 7});
     EXPECT_EQ(CM_OK, SendText(Client(), "01234"));
     EXPECT_EQ(CM_OK, SendText(Client(), "56789"));
     EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(Client(), "x"));
@@ -69,11 +64,7 @@ TEST_F(SimLinkTest, AStreamBreaksAtItsByte) {
 
 TEST_F(SimLinkTest, ALossDelaysAStream) {
     Connect();
-    SetPath([](CCmSimPath& aPath) {
-        aPath.m_Loss = 0.3;
-        aPath.m_tvJitter = Msec(50);
-        aPath.m_PartialSend = 0.5;
-    });
+    m_Network.SetPath({.m_tvJitter = Msec(50), .m_Loss = 0.3, .m_PartialSend = 0.5});
     const std::string strData = Pattern(20000);
     size_t stSent = 0;
     m_Client.m_Send = [&] {
@@ -93,19 +84,19 @@ TEST_F(SimLinkTest, DatagramsAreLostDoubledDelayedAndDamaged) {
     Connect(Manager::CTYPE_UDP);
     SendText(Client(), "a");
     m_Network.RunFor(CCmTimeValue(1));
-    SetPath([](CCmSimPath& aPath) { aPath.m_Duplication = 1; });
+    m_Network.SetPath({.m_Duplication = 1});
     SendText(Server(), "b");
-    SetPath([](CCmSimPath& aPath) { aPath.m_Loss = 1; });
+    m_Network.SetPath({.m_Loss = 1});
     SendText(Server(), "c");
-    SetPath([](CCmSimPath& aPath) { aPath.m_Reordering = 1; });
+    m_Network.SetPath({.m_Reordering = 1});
     SendText(Server(), "d");
-    SetPath([](CCmSimPath&) {});
+    m_Network.SetPath({});
     SendText(Server(), "e");
     m_Network.RunFor(CCmTimeValue(1));
     EXPECT_EQ("bbed", m_Client.m_strReceived);
-    SetPath([](CCmSimPath& aPath) { aPath.m_Damage = 1; });
+    m_Network.SetPath({.m_Damage = 1});
     SendText(Client(), "damage");
-    SetPath([](CCmSimPath& aPath) { aPath.m_PartialSend = 1; });
+    m_Network.SetPath({.m_PartialSend = 1});
     EXPECT_EQ(CM_ERROR_PARTIAL_DATA, SendText(Client(), "refused"));
     m_Network.RunFor(CCmTimeValue(1));
     EXPECT_EQ(2, m_Server.m_nReceives);
@@ -115,16 +106,13 @@ TEST_F(SimLinkTest, DatagramsAreLostDoubledDelayedAndDamaged) {
 
 TEST_F(SimLinkTest, SilenceDelaysAStreamAndConnects) {
     Connect();
-    SetPath([](CCmSimPath& aPath) {
-        aPath.m_tvSilentFrom = CCmTimeValue(2);
-        aPath.m_tvSilentUntil = CCmTimeValue(100);
-    });
+    m_Network.SetPath({.m_tvSilentFrom = CCmTimeValue(2), .m_tvSilentUntil = CCmTimeValue(100)});
     m_Network.RunFor(CCmTimeValue(2));
     SendText(Client(), "late");
     m_pConnector->AsycConnect(&m_Clients, ADDR);
     EXPECT_TRUE(m_Network.RunUntil([&] { return m_Server.m_nReceives + m_Clients.Count() == 3; }, CCmTimeValue(1000)));
     EXPECT_EQ(CCmTimeValue(100), m_Network.Now());
-    SetPath([](CCmSimPath& aPath) { aPath.m_tvSilentUntil = CCmTimeValue::s_tvMax; });
+    m_Network.SetPath({.m_tvSilentUntil = CCmTimeValue::s_tvMax});
     m_pConnector->AsycConnect(&m_Clients, ADDR);
     m_Network.RunFor(CCmTimeValue(126));
     EXPECT_EQ(2u, m_Clients.Count());
@@ -138,10 +126,7 @@ TEST_F(SimLinkTest, SilenceDelaysAStreamAndConnects) {
 // A half-open end fills its buffer and gets no upcall.
 TEST_F(SimLinkTest, BuffersPushBackAndHalfOpenEndsStay) {
     Connect();
-    SetPath([](CCmSimPath& aPath) {
-        aPath.m_dwBuffer = 1000;
-        aPath.m_dwBandwidth = 1000;
-    });
+    m_Network.SetPath({.m_dwBandwidth = 1000, .m_dwBuffer = 1000});
     BOOL bPause = TRUE;
     Server().SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);
     CCmTransportParameter para;
@@ -159,7 +144,7 @@ TEST_F(SimLinkTest, BuffersPushBackAndHalfOpenEndsStay) {
     EXPECT_TRUE(m_Network.RunUntil([&] { return m_Server.m_strReceived.size() == 1500; }, CCmTimeValue(9)));
     EXPECT_EQ(Msec(501), m_Network.Now() - tvBegin);
 
-    SetPath([](CCmSimPath& aPath) { aPath.m_bLoseEnd = TRUE; });
+    m_Network.SetPath({.m_bLoseEnd = TRUE});
     Server().Disconnect(CM_OK);
     SendText(Client(), "into the void");
     m_Network.RunFor(CCmTimeValue(3600));

@@ -9,6 +9,8 @@ namespace {
 
 constexpr uint64_t SEEDS = 2000;
 constexpr uint64_t SEEDS_A_TEST = 250;
+constexpr DWORD PACKAGE =
+    CCmConnectionManager::CTYPE_PDU_PACKAGE | CCmConnectionManager::CTYPE_PDU_KEEPALIVE | CCmConnectionManager::CTYPE_TCP;
 
 class SimSeedsTest : public testing::TestWithParam<uint64_t> {};
 
@@ -32,16 +34,15 @@ TEST(SimTest, SeedReplaysExactly) {
 TEST(SimTest, WhatIsCancelledOrStoppedWhileItOpensIsClosed) {
     CCmSimNetwork network(7);
     CTestConnectSink silent, sink;
-    const CSimKind raw{"raw", CCmConnectionManager::CTYPE_TCP, FALSE, FALSE, FALSE, FALSE};
-    const auto pSilent = raw.MakeAcceptor();
+    const auto pSilent = CTestNetwork::MakeAcceptor();
     pSilent->StartListen(&silent, CCmInetAddr("127.0.0.1", 1));
-    const auto pConnector = SIM_PACKAGE_KEEPALIVE.MakeConnector();
+    const auto pConnector = CTestNetwork::MakeConnector(PACKAGE);
     pConnector->AsycConnect(&sink, CCmInetAddr("127.0.0.1", 1));
-    const auto pAcceptor = SIM_PACKAGE_KEEPALIVE.MakeAcceptor();
+    const auto pAcceptor = CTestNetwork::MakeAcceptor(PACKAGE);
     EXPECT_EQ(CM_ERROR_INVALID_ARG, pAcceptor->StartListen(nullptr, CCmInetAddr("127.0.0.1", 2)));
     EXPECT_EQ(CM_OK, pAcceptor->StartListen(&sink, CCmInetAddr("127.0.0.1", 2)));
     EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, pAcceptor->StartListen(&sink, CCmInetAddr("127.0.0.1", 2)));
-    const auto pRaw = raw.MakeConnector();
+    const auto pRaw = CTestNetwork::MakeConnector();
     pRaw->AsycConnect(&silent, CCmInetAddr("127.0.0.1", 2), nullptr, nullptr);
     network.RunFor(CCmTimeValue(1));
     EXPECT_EQ(4u, network.CountEnds());
@@ -55,22 +56,21 @@ TEST(SimTest, WhatIsCancelledOrStoppedWhileItOpensIsClosed) {
 // Many quiet connections: an hour later there is not one object or byte more, and nobody has heard anything.
 TEST(SimTest, FiveThousandConnectionsForAnHour) {
     constexpr size_t CONNECTIONS = 5000;
-    const CCmInetAddr addr("127.0.0.1", CSimWorld::PORT);
+    const CCmInetAddr addr("127.0.0.1", 80);
     CCmSimNetwork network(7);
     CTestConnectSink clients, servers;
     CTestSink user;
     for (CTestConnectSink* pSink : {&clients, &servers}) {
         pSink->m_Indicated = [&user, pSink] {
-            DWORD dwInterval = 60;
             pSink->m_Transports.back()->OpenWithSink(&user);
-            pSink->m_Transports.back()->SetOption(CS_OPT_KEEPALIVE_INTERVAL, &dwInterval);
+            Set(*pSink->m_Transports.back(), CS_OPT_KEEPALIVE_INTERVAL, DWORD{60});
         };
     }
-    const auto pAcceptor = SIM_PACKAGE_KEEPALIVE.MakeAcceptor();
+    const auto pAcceptor = CTestNetwork::MakeAcceptor(PACKAGE);
     pAcceptor->StartListen(&servers, addr);
     std::vector<CCmRefPtrT<ICmConnector>> connectors;
     for (size_t i = 0; i < CONNECTIONS; ++i) {
-        connectors.push_back(SIM_PACKAGE_KEEPALIVE.MakeConnector());
+        connectors.push_back(CTestNetwork::MakeConnector(PACKAGE));
         connectors.back()->AsycConnect(&clients, addr);
         network.RunFor(CCmTimeValue(0, 3000));
     }

@@ -1,41 +1,24 @@
-// Users of protocol connections in a simulation, and what they may rely on.
+// Users of protocol connections in a simulation, and the promises of the connections to them.
 #pragma once
 
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "talvo/base/ref_ptr.h"
-#include "talvo/transport/transport_interface.h"
-#include "tests/sim/sim_lab.h"
-#include "tests/sim/sim_watch.h"
+#include "talvo/connection/connection_manager.h"
+#include "talvo/testing/testing.h"
 
 class CSimUser;
 
-// What one scenario is about.
-struct CSimKind {
-    CCmRefPtrT<ICmConnector> MakeConnector() const;
-    CCmRefPtrT<ICmAcceptor> MakeAcceptor() const;
-
-    const char* m_szName;
-    DWORD m_dwType;
-    BOOL m_bDatagrams;
-    BOOL m_bKeepAlive;
-    BOOL m_bTellsReason;  // a disconnect PDU tells the peer why
-    BOOL m_bPackage;      // there is a handshake, and a silent peer is dropped
-};
-
-// Messages in one direction of a link, by number; those that SendData took.
-struct CSimFlow {
-    std::map<DWORD, DWORD> m_Taken;  // number and length
-    DWORD m_dwLast = 0;              // the last one that arrived
-};
+constexpr int64_t SIM_SEC = 1000000;  // times are in microseconds
 
 // A client's connection and those that the server made for it: one, or over datagrams one after the other.
 struct CSimLink {
-    CSimFlow m_Up;
-    CSimFlow m_Down;
+    explicit CSimLink(WORD aPort) : m_Up(DWORD{aPort} << 16), m_Down(DWORD{aPort} << 16 | 0x8000) {}
+
+    CCmSimFlow m_Up, m_Down;
     CSimUser* m_pClient = nullptr;
     CSimUser* m_pServer = nullptr;
     BOOL m_bOdd = FALSE;        // something was done that may end it with any reason
@@ -45,74 +28,84 @@ struct CSimLink {
     CmResult m_Reason = CM_OK;  // with this reason for the peer
 };
 
-struct CSimWorld {
+// What all users share. It also notes when the transports below last sent and received.
+class CSimWorld : public ICmSimObserver {
+public:
     static constexpr WORD PORT = 80;  // the server's
+    struct CTicks {
+        int64_t m_llSent, m_llReceived;  // in milliseconds of the library's clock
+    };
 
-    CSimLab& m_Network;
-    const CSimKind& m_Kind;
-    BOOL m_bWild = TRUE;  // users do what they like
-    DWORD m_dwMessages = 0;
-    std::map<WORD, CSimLink> m_Links{};  // by the client's port
-    CSimWatch m_Watch{m_Network, m_Kind.m_bDatagrams, m_Kind.m_bPackage};
+    CSimWorld(CCmSimNetwork& aNetwork, DWORD aType);
+    ~CSimWorld() override { m_Network.SetObserver(nullptr); }
+
+    BOOL Is(DWORD aBits) const { return (m_dwType & aBits) != 0; }
+    int64_t Now() const { return m_Network.Now().GetTotalInUsec(); }
+    int64_t Tick() const { return Now() / 1000; }
+    BOOL Chance(uint64_t aPercent) { return m_Network.Random(100) < aPercent; }
+    DWORD Below(uint64_t aBound) { return static_cast<DWORD>(m_Network.Random(aBound)); }
+    int64_t RandomTime(int64_t aBound) { return static_cast<int64_t>(m_Network.Random(static_cast<uint64_t>(aBound))); }
+    void After(int64_t aDelay, std::function<void()> aRun) { m_Network.After(CCmTimeValue::FromUsec(aDelay), std::move(aRun)); }
+    void RunFor(int64_t aTime) { m_Network.RunFor(CCmTimeValue::FromUsec(aTime)); }
+    void AddUser(ICmTransport& aTransport, BOOL aServer);
+    template <class Do>
+    void ForAll(Do aDo) {
+        for (size_t i = 0; i < m_Users.size(); ++i)  // aDo may add more
+            aDo(*m_Users[i]);
+    }
+
+    void OnOpen(const CCmSimEnd& aEnd) override { TicksOf(aEnd) = {Tick(), Tick()}; }
+    void OnSend(const CCmSimEnd& aEnd, const std::string& aBytes) override;
+    void OnReceive(const CCmSimEnd& aEnd, const std::string&) override { TicksOf(aEnd).m_llReceived = Tick(); }
+    void OnStep() override;
+    CTicks& TicksOf(const CCmSimEnd& aEnd) { return m_Ticks[{aEnd.m_AddrLocal.GetPort(), aEnd.m_AddrPeer.GetPort()}]; }
+
+    CCmSimNetwork& m_Network;
+    const DWORD m_dwType;
+    const BOOL m_bDatagrams, m_bPackage, m_bKeepAlive;
+    BOOL m_bWild = TRUE;                              // users act at random
+    BOOL m_bJumped = FALSE;                           // so nothing is known of when timers fire
+    std::map<WORD, CSimLink> m_Links;                 // by the client's port
+    std::map<std::pair<WORD, WORD>, CTicks> m_Ticks;  // by the own port and the peer's
+    std::vector<std::unique_ptr<CSimUser>> m_Users;
 };
 
-// One end of a connection. Sends, checks what arrives, and in its wild time does everything that a user may do, above all
-// inside the upcalls.
-class CSimUser final : public ICmTransportSink {
+// One end of a connection. In its wild time it does everything that a user may do, above all inside the upcalls.
+class CSimUser final : public CCmSimPeer {
 public:
-    CSimUser(CSimWorld& aWorld, ICmTransport& aConn, BOOL aServer);
+    CSimUser(CSimWorld& aWorld, CSimLink& aLink, ICmTransport& aTransport, BOOL aServer, WORD aPort);
 
+    void Begin();
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
 
-    // One thing that comes to its mind, and the next one after a while.
-    void Live();
     // Its last word: what was held back may go now.
     void Settle();
-    // With a disconnect, or by letting go of the connection.
-    void End(CmResult aReason, BOOL aRelease);
-    // What has to hold whenever nothing is under way: while the connection stands, something stands below it, and will wake it
-    // when a send was refused.
-    void CheckStanding();
+    // With a disconnect, or by releasing the connection.
+    void EndNow(CmResult aReason, BOOL aRelease);
     // Whether something was promised and has not come while the connection stands, in weather that was calm for long enough.
     void CheckDebts();
-    // One message more, to see that both ends mean the same connection.
-    void Ping() { Send_i(MIN_LENGTH); }
 
 private:
-    static constexpr DWORD MIN_LENGTH = 4;  // holds a number
-
-    void Upcall_i(const char* aWhat);
+    void Live_i();
     void Feel_i(uint64_t aPercent);
     void Act_i();
-    void Send_i(DWORD aLength);
+    void SendMaybe_i(DWORD aLength);
     void SendMany_i(BOOL aCorked);
     void Set_i(DWORD aOption, DWORD aValue);
     void ChangeOption_i();
     void NoteEnd_i(CmResult aReason);
-    void CheckMessage_i(CCmMessageBlock& aData);
-    void Fail_i(const std::string& aText);
-    CSimFlow& Out_i() { return m_bServer ? m_Link.m_Down : m_Link.m_Up; }
-    BOOL IsMissing_i() const;
-    DWORD KeyBelow_i() const;
-    const CCmSimEnd* FindBelow_i() const { return m_Network.m_Network.FindEnd(m_AddrOwn, m_AddrPeer); }
+    CSimWorld::CTicks& Ticks_i() const { return m_World.m_Ticks[{GetLocalAddr().GetPort(), GetPeerAddr().GetPort()}]; }
     void StartTimer_i(DWORD aSeconds);
     void Fired_i();
     BOOL IsPeerSilent_i() const;
     BOOL IsSilenceTheEnd_i() const;
     CSimUser* GetPeer_i() const { return m_bServer ? m_Link.m_pClient : m_Link.m_pServer; }
-    CSimFlow& In_i() const { return m_bServer ? m_Link.m_Up : m_Link.m_Down; }
 
     CSimWorld& m_World;
-    CSimLab& m_Network;
-    CCmRefPtrT<ICmTransport> m_pConn;
-    const BOOL m_bServer;
-    CCmInetAddr m_AddrOwn, m_AddrPeer;
-    WORD m_wPort = 0;  // the client's
     CSimLink& m_Link;
-    BOOL m_bOpen = TRUE;
-    BOOL m_bOwedOnSend = FALSE;
+    const BOOL m_bServer;
     BOOL m_bPaused = FALSE;
     BOOL m_bShy = FALSE;       // never acts of itself
     int64_t m_llUnpaused = 0;  // tick
