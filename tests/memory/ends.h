@@ -9,75 +9,111 @@
 // One end of a connection: keeps what it shall send until that was taken, and what comes.
 class CEnd : public ICmTransportSink {
 public:
+    explicit CEnd(BOOL aEcho = FALSE) : m_bEcho(aEcho) {}
     ~CEnd() override { Close(); }
 
-    void Open(ICmTransport* aTransport);
-    void Close();
-    void Flush();
+    void Open(ICmTransport* aTransport) {
+        m_pTransport = aTransport;
+        if (CWorld::Do([&] { return m_pTransport->OpenWithSink(this); }) != CM_OK)
+            Close();
+    }
+    void Close() {
+        if (const CCmRefPtrT<ICmTransport> pTransport = std::move(m_pTransport))
+            CWorld::Do([&] { pTransport->Disconnect(CM_OK); });
+    }
+    void Flush() {
+        for (CmResult rv = CM_OK; rv == CM_OK && m_pTransport && !m_ToSend.empty();) {
+            std::string& strFirst = m_ToSend.front();
+            CCmMessageBlock block = ViewOf(strFirst);
+            const CCmRefPtrT<ICmTransport> pTransport = m_pTransport;
+            rv = CWorld::Do([&] { return pTransport->SendData(block); });
+            strFirst.erase(0, strFirst.size() - block.GetChainedLength());
+            if (rv == CM_OK)
+                m_ToSend.pop_front();
+        }
+    }
     BOOL IsOver() const { return !m_pTransport; }
 
-    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara = nullptr) override;
-    void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara = nullptr) override;
-    void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
+    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
+        const CTestCode test;
+        Require(!IsOver(), "OnReceive behind the end");
+        m_strReceived += aData.FlattenChained();
+        if (m_bEcho)
+            m_ToSend.push_back(std::exchange(m_strReceived, {}));
+        Flush();
+    }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override {
+        const CTestCode test;
+        Require(!IsOver(), "OnSend behind the end");
+        Flush();
+    }
+    void OnDisconnect(CmResult, ICmTransport*) override {
+        const CTestCode test;
+        Require(!IsOver(), "OnDisconnect behind the end");
+        m_pTransport.Reset();
+    }
 
     std::list<std::string> m_ToSend;
-    std::string m_strReceived;  // on a server's side sent back
-    BOOL m_bEcho = FALSE;
+    std::string m_strReceived;
 
 private:
+    const BOOL m_bEcho;
     CCmRefPtrT<ICmTransport> m_pTransport;
 };
 
-// Echoes on every connection.
-class CServer : public ICmAcceptorConnectorSink {
+// The ends of what a listener or a connector indicates.
+class CSide : public ICmAcceptorConnectorSink {
 public:
+    explicit CSide(BOOL aEcho) : m_bEcho(aEcho) {}
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
         const CTestCode test;
-        Require(aReason == CM_OK && aTrpt, "an acceptor indicates a failure");
-        CEnd& end = m_Ends.emplace_back();
-        end.m_bEcho = TRUE;
-        end.Open(aTrpt);
+        Require((aReason == CM_OK) == (aTrpt != nullptr), "an indication with half a transport");
+        ++m_nIndications;
+        if (aTrpt)
+            m_Ends.emplace_back(m_bEcho).Open(aTrpt);
     }
+
+    std::list<CEnd> m_Ends;
+    int m_nIndications = 0;
+
+private:
+    const BOOL m_bEcho;
+};
+
+// Echoes on every connection.
+class CServer : public CSide {
+public:
+    CServer() : CSide(TRUE) {}
     CmResult Start(DWORD aType) {
-        CmResult rv = CWorld::Do([&] { return CTestNetwork::Manager().CreateConnectionServer(aType, m_pAcceptor.ParaOut()); });
         const CCmInetAddr addr(OwnLoopback(), 0);
-        if (rv == CM_OK)
-            rv = CWorld::Do([&] { return m_pAcceptor->StartListen(this, addr); });
-        return rv == CM_OK ? CWorld::Do([&] { return m_pAcceptor->GetListenAddr(m_Addr); }) : rv;
+        return CWorld::Do([&] {
+            CmResult rv = CTestNetwork::Manager().CreateConnectionServer(aType, m_pAcceptor.ParaOut());
+            rv = rv == CM_OK ? m_pAcceptor->StartListen(this, addr) : rv;
+            return rv == CM_OK ? m_pAcceptor->GetListenAddr(m_Addr) : rv;
+        });
     }
     void Stop() {
-        if (m_pAcceptor)
-            CWorld::Do([&] { m_pAcceptor->StopListen(CM_OK); });
-        CWorld::Do([&] { m_pAcceptor.Reset(); });
+        CWorld::Do([&] {
+            if (m_pAcceptor)
+                m_pAcceptor->StopListen(CM_OK);
+            m_pAcceptor.Reset();
+        });
     }
-    void Flush() {
-        for (CEnd& end : m_Ends)
-            end.Flush();
-    }
-    bool IsOver() const {
-        return std::all_of(m_Ends.begin(), m_Ends.end(), [](const CEnd& a) { return a.IsOver(); });
-    }
+
     CCmInetAddr m_Addr;
-    std::list<CEnd> m_Ends;
 
 private:
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;
 };
 
 // Connects once.
-class CClient : public ICmAcceptorConnectorSink {
+class CClient : public CSide {
 public:
+    CClient() : CSide(FALSE) {}
     ~CClient() override {
         CWorld::Do([&] { m_pConnector.Reset(); });
     }
-    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
-        const CTestCode test;
-        Require((aReason == CM_OK) == (aTrpt != nullptr), "an indication with half a transport");
-        Require(++m_nIndications == 1, "two indications");
-        if (aTrpt)
-            m_End.Open(aTrpt);
-    }
-    // TRUE: there is a connection.
+    // TRUE: there is a connection, the first end.
     bool Connect(CWorld& aWorld, DWORD aType, const CCmInetAddr& aAddr) {
         CCmTimeValue timeout(5);
         if (CWorld::Do([&] { return CTestNetwork::Manager().CreateConnectionClient(aType, m_pConnector.ParaOut()); }) != CM_OK)
@@ -85,10 +121,9 @@ public:
         CWorld::Do([&] { m_pConnector->AsycConnect(this, aAddr, &timeout); });
         Require(m_nIndications == 0, "an indication from inside AsycConnect");
         Require(aWorld.Run([&] { return m_nIndications > 0; }), "no indication");
-        return !m_End.IsOver();
+        Require(m_nIndications <= 1, "two indications");
+        return !m_Ends.empty() && !m_Ends.front().IsOver();
     }
-    CEnd m_End;
-    int m_nIndications = 0;
 
 private:
     CCmRefPtrT<ICmConnector> m_pConnector;

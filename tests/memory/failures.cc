@@ -59,9 +59,10 @@ bool CallFails(const char* aCall, std::initializer_list<int> aErrors) {
     return true;
 }
 
-template <class... Arguments>
-long Call(const char* aName, std::initializer_list<int> aErrors, long aNumber, Arguments... aArguments) {
-    return CallFails(aName, aErrors) ? -1 : syscall(aNumber, aArguments...);
+// The caller chooses the type of the result.
+template <class Result = int, class... Arguments>
+Result Call(const char* aName, std::initializer_list<int> aErrors, long aNumber, Arguments... aArguments) {
+    return CallFails(aName, aErrors) ? -1 : static_cast<Result>(syscall(aNumber, aArguments...));
 }
 
 }  // namespace
@@ -101,60 +102,57 @@ int posix_memalign(void** aMemory, size_t aAlignment, size_t aSize) {
 }
 
 int socket(int aFamily, int aType, int aProtocol) noexcept {
-    return static_cast<int>(Call("socket", {EMFILE, ENFILE, ENOBUFS}, SYS_socket, aFamily, aType, aProtocol));
+    return Call("socket", {EMFILE, ENFILE, ENOBUFS}, SYS_socket, aFamily, aType, aProtocol);
 }
 int bind(int aFd, const sockaddr* aAddr, socklen_t aLength) noexcept {
-    return static_cast<int>(Call("bind", {EADDRINUSE, EACCES}, SYS_bind, aFd, aAddr, aLength));
+    return Call("bind", {EADDRINUSE, EACCES}, SYS_bind, aFd, aAddr, aLength);
 }
-int listen(int aFd, int aBacklog) noexcept { return static_cast<int>(Call("listen", {EADDRINUSE}, SYS_listen, aFd, aBacklog)); }
+int listen(int aFd, int aBacklog) noexcept { return Call("listen", {EADDRINUSE}, SYS_listen, aFd, aBacklog); }
 int accept4(int aFd, sockaddr* aAddr, socklen_t* aLength, int aFlags) {
-    return static_cast<int>(Call("accept4", {EMFILE, ENOMEM, ECONNABORTED}, SYS_accept4, aFd, aAddr, aLength, aFlags));
+    return Call("accept4", {EMFILE, ENOMEM, ECONNABORTED}, SYS_accept4, aFd, aAddr, aLength, aFlags);
 }
 int connect(int aFd, const sockaddr* aAddr, socklen_t aLength) {
-    return static_cast<int>(Call("connect", {ENOBUFS, EADDRNOTAVAIL, ECONNREFUSED}, SYS_connect, aFd, aAddr, aLength));
+    return Call("connect", {ENOBUFS, EADDRNOTAVAIL, ECONNREFUSED}, SYS_connect, aFd, aAddr, aLength);
 }
 int getsockname(int aFd, sockaddr* aAddr, socklen_t* aLength) noexcept {
-    return static_cast<int>(Call("getsockname", {ENOBUFS}, SYS_getsockname, aFd, aAddr, aLength));
+    return Call("getsockname", {ENOBUFS}, SYS_getsockname, aFd, aAddr, aLength);
 }
 int getpeername(int aFd, sockaddr* aAddr, socklen_t* aLength) noexcept {
-    return static_cast<int>(Call("getpeername", {ENOTCONN}, SYS_getpeername, aFd, aAddr, aLength));
+    return Call("getpeername", {ENOTCONN}, SYS_getpeername, aFd, aAddr, aLength);
 }
 int setsockopt(int aFd, int aLevel, int aOption, const void* aValue, socklen_t aLength) noexcept {
-    return static_cast<int>(Call("setsockopt", {ENOBUFS}, SYS_setsockopt, aFd, aLevel, aOption, aValue, aLength));
+    return Call("setsockopt", {ENOBUFS}, SYS_setsockopt, aFd, aLevel, aOption, aValue, aLength);
 }
 int getsockopt(int aFd, int aLevel, int aOption, void* aValue, socklen_t* aLength) noexcept {
-    return static_cast<int>(Call("getsockopt", {ENOBUFS}, SYS_getsockopt, aFd, aLevel, aOption, aValue, aLength));
+    return Call("getsockopt", {ENOBUFS}, SYS_getsockopt, aFd, aLevel, aOption, aValue, aLength);
 }
 ssize_t recv(int aFd, void* aBuffer, size_t aSize, int aFlags) {
-    return Call("recv", {ECONNRESET, ENOMEM, EINTR}, SYS_recvfrom, aFd, aBuffer, aSize, aFlags, nullptr, nullptr);
+    return Call<ssize_t>("recv", {ECONNRESET, ENOMEM, EINTR}, SYS_recvfrom, aFd, aBuffer, aSize, aFlags, nullptr, nullptr);
 }
 ssize_t recvfrom(int aFd, void* aBuffer, size_t aSize, int aFlags, sockaddr* aAddr, socklen_t* aLength) {
-    return Call("recvfrom", {ECONNREFUSED, ENOMEM, EINTR}, SYS_recvfrom, aFd, aBuffer, aSize, aFlags, aAddr, aLength);
+    return Call<ssize_t>("recvfrom", {ECONNREFUSED, ENOMEM, EINTR}, SYS_recvfrom, aFd, aBuffer, aSize, aFlags, aAddr, aLength);
 }
 int recvmmsg(int aFd, mmsghdr* aMessages, unsigned aCount, int aFlags, timespec* aTimeout) {
-    return static_cast<int>(
-        Call("recvmmsg", {ECONNREFUSED, ENOMEM, EINTR}, SYS_recvmmsg, aFd, aMessages, aCount, aFlags, aTimeout));
+    return Call("recvmmsg", {ECONNREFUSED, ENOMEM, EINTR}, SYS_recvmmsg, aFd, aMessages, aCount, aFlags, aTimeout);
 }
 ssize_t send(int aFd, const void* aBuffer, size_t aSize, int aFlags) {
-    return Call("send", {ENOBUFS, ENOMEM, EPIPE}, SYS_sendto, aFd, aBuffer, aSize, aFlags, nullptr, 0);
+    return Call<ssize_t>("send", {ENOBUFS, ENOMEM, EPIPE}, SYS_sendto, aFd, aBuffer, aSize, aFlags, nullptr, 0);
 }
 ssize_t sendto(int aFd, const void* aBuffer, size_t aSize, int aFlags, const sockaddr* aAddr, socklen_t aLength) {
-    return Call("sendto", {ENOBUFS, EPERM, ECONNREFUSED}, SYS_sendto, aFd, aBuffer, aSize, aFlags, aAddr, aLength);
+    return Call<ssize_t>("sendto", {ENOBUFS, EPERM, ECONNREFUSED}, SYS_sendto, aFd, aBuffer, aSize, aFlags, aAddr, aLength);
 }
 ssize_t sendmsg(int aFd, const msghdr* aMessage, int aFlags) {
-    return Call("sendmsg", {ENOBUFS, ENOMEM, EPIPE}, SYS_sendmsg, aFd, aMessage, aFlags);
+    return Call<ssize_t>("sendmsg", {ENOBUFS, ENOMEM, EPIPE}, SYS_sendmsg, aFd, aMessage, aFlags);
 }
 int sendmmsg(int aFd, mmsghdr* aMessages, unsigned aCount, int aFlags) {
-    return static_cast<int>(Call("sendmmsg", {ENOBUFS, EPERM, ECONNREFUSED}, SYS_sendmmsg, aFd, aMessages, aCount, aFlags));
+    return Call("sendmmsg", {ENOBUFS, EPERM, ECONNREFUSED}, SYS_sendmmsg, aFd, aMessages, aCount, aFlags);
 }
-int epoll_create1(int aFlags) noexcept {
-    return static_cast<int>(Call("epoll_create1", {EMFILE, ENFILE, ENOMEM}, SYS_epoll_create1, aFlags));
-}
+int epoll_create1(int aFlags) noexcept { return Call("epoll_create1", {EMFILE, ENFILE, ENOMEM}, SYS_epoll_create1, aFlags); }
 int eventfd(unsigned aCount, int aFlags) noexcept {
-    return static_cast<int>(Call("eventfd", {EMFILE, ENFILE, ENOMEM}, SYS_eventfd2, aCount, aFlags));
+    return Call("eventfd", {EMFILE, ENFILE, ENOMEM}, SYS_eventfd2, aCount, aFlags);
 }
 int timerfd_create(clockid_t aClock, int aFlags) noexcept {
-    return static_cast<int>(Call("timerfd_create", {EMFILE, ENFILE, ENOMEM}, SYS_timerfd_create, aClock, aFlags));
+    return Call("timerfd_create", {EMFILE, ENFILE, ENOMEM}, SYS_timerfd_create, aClock, aFlags);
 }
 // Taking something out of the watch cannot fail.
 int epoll_ctl(int aEpoll, int aOperation, int aFd, epoll_event* aEvent) noexcept {
@@ -167,7 +165,7 @@ int ioctl(int aFd, unsigned long aRequest, ...) noexcept {
     va_start(arguments, aRequest);
     void* pArgument = va_arg(arguments, void*);
     va_end(arguments);
-    return static_cast<int>(Call("ioctl", {ENOMEM}, SYS_ioctl, aFd, aRequest, pArgument));
+    return Call("ioctl", {ENOMEM}, SYS_ioctl, aFd, aRequest, pArgument);
 }
 
 }  // extern "C"

@@ -8,30 +8,8 @@ using Atoms = CCmHttpAtomList;
 
 const std::string TEXT = Pattern(20000, 3);
 
-// The answer to one request is the request's body.
-class CUpload : public ICmChannelHttpServerSink {
-public:
-    explicit CUpload(ICmChannelHttpServer* aChannel) : m_pChannel(aChannel) {}
-    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
-        const CTestCode test;
-        m_strBody += aData.FlattenChained();
-    }
-    void OnRequestEnd(ICmChannelHttpServer*) override {
-        const CTestCode test;
-        CWorld::Do([&] { m_pChannel->AnswerText(200, "text/plain", m_strBody); });
-        delete this;
-    }
-    void OnDisconnect(CmResult, ICmTransport*) override {
-        const CTestCode test;
-        delete this;
-    }
-
-private:
-    const CCmRefPtrT<ICmChannelHttpServer> m_pChannel;
-    std::string m_strBody;
-};
-
-class CWebServer : public ICmChannelServerAcceptorSink {
+// Answers one request after the other: with TEXT, a redirection, or the request's body.
+class CWebServer : public ICmChannelServerAcceptorSink, public ICmChannelHttpServerSink {
 public:
     ~CWebServer() override {
         CWorld::Do([&] { m_pAcceptor.Reset(); });
@@ -52,32 +30,35 @@ public:
     }
     void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override {
         const CTestCode test;
+        static const CCmString TARGET = "/a-target-with-a-long-name";
         const CCmHttpRequestHead& head = aChannel->GetRequest();
-        if (head.GetMethod() == Atoms::Post)
-            Receive(*aChannel);
-        else if (head.GetRequestURI() == "/moved")
-            Redirect(*aChannel);
-        else
-            CWorld::Do([&] { aChannel->AnswerText(200, "text/plain", TEXT); });
+        const bool bMoved = head.GetRequestURI() == "/moved";
+        m_strBody.clear();
+        CWorld::Do([&] {
+            if (head.GetMethod() == Atoms::Post)
+                m_pChannel = aChannel->ReceiveRequest(this) == CM_OK ? aChannel : nullptr;
+            else if (!bMoved)
+                aChannel->AnswerText(200, "text/plain", TEXT);
+            else if (aChannel->SetStatus(302) == CM_OK && aChannel->SetHeader(Atoms::Location, TARGET) == CM_OK)
+                aChannel->Answer(nullptr);
+        });
     }
+    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
+        const CTestCode test;
+        m_strBody += aData.FlattenChained();
+    }
+    void OnRequestEnd(ICmChannelHttpServer*) override {
+        std::exchange(m_pChannel, {})->AnswerText(200, "text/plain", m_strBody);
+    }
+    void OnDisconnect(CmResult, ICmTransport*) override { m_pChannel.Reset(); }
     void OnStopped(ICmChannelServerAcceptor*) override { ++m_nStops; }
 
     std::string m_strUrl;
 
 private:
-    static void Receive(ICmChannelHttpServer& aChannel) {
-        auto pUpload = std::make_unique<CUpload>(&aChannel);
-        if (CWorld::Do([&] { return aChannel.ReceiveRequest(pUpload.get()); }) == CM_OK)
-            pUpload.release();
-    }
-    static void Redirect(ICmChannelHttpServer& aChannel) {
-        static const CCmString TARGET = "/a-target-with-a-long-name";
-        CWorld::Do([&] {
-            if (aChannel.SetStatus(302) == CM_OK && aChannel.SetHeader(Atoms::Location, TARGET) == CM_OK)
-                aChannel.Answer(nullptr);
-        });
-    }
     CCmRefPtrT<ICmChannelServerAcceptor> m_pAcceptor;
+    CCmRefPtrT<ICmChannelHttpServer> m_pChannel;  // while it receives
+    std::string m_strBody;
     int m_nStops = 0;
 };
 

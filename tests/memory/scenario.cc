@@ -1,6 +1,10 @@
 #include "tests/memory/scenario.h"
 
+#include <array>
+
+#include "talvo/event/timer_wrapper_id.h"
 #include "talvo/talvo.h"
+#include "tests/memory/ends.h"
 
 namespace {
 
@@ -16,14 +20,13 @@ bool Echo(CWorld& aWorld, CServer& aServer, CEnd& aEnd, const std::string& aText
     int nTurns = 0;
     aEnd.m_strReceived.clear();
     aEnd.m_ToSend = {aText};
-    const auto isBack = [&] {
-        return aDatagrams ? aEnd.m_strReceived.find(aText) != std::string::npos : aEnd.m_strReceived == aText;
-    };
+    const auto isBack = [&] { return aEnd.m_strReceived == aText || (aDatagrams && aEnd.m_strReceived.ends_with(aText)); };
     const BOOL bEnded = aWorld.Run([&] {
         if (aDatagrams && ++nTurns % 50 == 0 && aEnd.m_ToSend.empty())
             aEnd.m_ToSend = {aText};
         aEnd.Flush();
-        aServer.Flush();
+        for (CEnd& end : aServer.m_Ends)
+            end.Flush();
         return isBack() || aEnd.IsOver() || (aDatagrams && nTurns > 300);
     });
     Require(bEnded, "neither echo nor end");
@@ -36,17 +39,15 @@ bool EchoAll(CWorld& aWorld, DWORD aType) {
     CClient client;
     bool bAll = server.Start(aType) == CM_OK && client.Connect(aWorld, aType, server.m_Addr);
     for (const size_t nSize : {size_t{100}, size_t{2000}, bDatagrams ? size_t{5000} : size_t{40000}})
-        bAll = bAll && Echo(aWorld, server, client.m_End, Pattern(nSize, static_cast<unsigned>(nSize)), bDatagrams);
-    client.m_End.Close();
-    if (!bDatagrams)
-        Require(aWorld.Run([&] { return server.IsOver(); }), "a server's connection has no end");
+        bAll = bAll && Echo(aWorld, server, client.m_Ends.front(), Pattern(nSize, static_cast<unsigned>(nSize)), bDatagrams);
+    client.m_Ends.clear();
+    const auto isOver = [&] { return std::ranges::all_of(server.m_Ends, [](const CEnd& a) { return a.IsOver(); }); };
+    Require(bDatagrams || aWorld.Run(isOver), "a server's connection has no end");
     server.Stop();
-    for (CEnd& end : server.m_Ends)
-        end.Close();
     return bAll;
 }
 
-// Asks for a name, anew or not, and waits for what becomes of it.
+// Asks for a name, anew or not, and waits for the answer.
 class CAsker : public ICmObserver {
 public:
     ~CAsker() override {
@@ -85,12 +86,119 @@ bool AskNames(CWorld& aWorld) {
 bool ConnectToName(CWorld& aWorld, DWORD aType) {
     CServer server;
     CClient client;
-    const bool bListens = server.Start(aType) == CM_OK;
     const std::string strName = "a-name-that-is-longer-than-a-short-string.localhost";
-    const bool bConnected = bListens && client.Connect(aWorld, aType, CCmInetAddr(strName.c_str(), server.m_Addr.GetPort()));
-    client.m_End.Close();
+    bool bAll = server.Start(aType) == CM_OK;
+    bAll = bAll &&
+           (client.Connect(aWorld, aType, CCmInetAddr(strName.c_str(), server.m_Addr.GetPort())) || client.m_nIndications == 1);
     server.Stop();
-    return bListens && (bConnected || client.m_nIndications == 1);
+    return bAll;
+}
+
+// Those that were taken fire once each.
+class CTimers : public CCmTimerWrapperIDSink {
+public:
+    bool RunAll(CWorld& aWorld) {
+        int nTaken = 0;
+        for (CCmTimerWrapperID& timer : m_Timers)
+            nTaken += CWorld::Do([&] { return timer.Schedule(this, CCmTimeValue(1), 1); }) == CM_OK;
+        Require(aWorld.Run([&] { return m_nFired >= nTaken; }), "a timer does not fire");
+        Require(m_nFired == nTaken, "a refused timer fires");
+        return nTaken == static_cast<int>(m_Timers.size());
+    }
+    void OnTimer(CCmTimerWrapperID*) override { ++m_nFired; }
+
+private:
+    std::array<CCmTimerWrapperID, 40> m_Timers;
+    int m_nFired = 0;
+};
+
+// A posted call, a call and a sent event. Those that were taken run.
+bool CallThread(ACmThread& aThread) {
+    std::atomic<int> nPosted{0};
+    CEventFate sent;
+    CCmThreadLink& link = aThread.GetLink();
+    const CmResult rvPost = CWorld::Do([&] { return link.Post([&] { ++nPosted; }); });
+    auto* pEvent = new CTestEvent(sent);
+    const CmResult rvSend = CWorld::Do([&] { return aThread.GetEventQueue()->SendEvent(pEvent); });
+    int nCalled = 0;
+    const CmResult rvCall = CWorld::Do([&] { return link.Call([&] { return ++nCalled, CM_OK; }); });
+    Require(nCalled == (rvCall == CM_OK), "called and run differ");
+    // What a thread has taken whose reactor did not open is destroyed unrun.
+    Require(nPosted == (rvPost == CM_OK) || (nPosted == 0 && rvCall != CM_OK), "posted and run differ");
+    Require(sent.m_nFired == (rvSend == CM_OK) && sent.m_nDestroyed == 1, "sent and run differ");
+    return rvPost == CM_OK && rvSend == CM_OK && rvCall == CM_OK;
+}
+
+bool UseThreads(CWorld& aWorld) {
+    bool bAll = CTimers().RunAll(aWorld);
+    for (const BOOL bReactor : {FALSE, TRUE}) {
+        ACmThread* pThread = nullptr;
+        const CmResult rv = CWorld::Do([&] {
+            CCmThreadManager* pManager = CCmThreadManager::Instance();
+            return bReactor ? pManager->CreateReactorThread(1001, CCmThreadManager::CreateNetworkReactor(), pThread)
+                            : pManager->CreateUserTaskThread(pThread);
+        });
+        Require((rv == CM_OK) == (pThread != nullptr), "a result without a thread");
+        if (!pThread)
+            return false;
+        bAll = CallThread(*pThread) && bAll;
+        CWorld::Do([&] {
+            pThread->Stop();
+            pThread->Join();
+            pThread->Destory(CM_OK);
+        });
+    }
+    return bAll;
+}
+
+class CEnded : public ICmDrainSink {
+public:
+    void OnDrained(CmResult aReason, const CCmUndrained&) override {
+        Require(m_nCalls++ == 0, "two ends of a drain");
+        m_Reason = aReason;
+    }
+    int m_nCalls = 0;
+    CmResult m_Reason = CM_OK;
+};
+
+// Both ends are here and end together, so one may lose what the other no longer receives.
+bool IsDrained(CmResult aResult) { return aResult == CM_OK || aResult == CM_ERROR_NETWORK_SOCKET_ERROR; }
+
+bool DrainWithSink(CWorld& aWorld) {
+    CEnded ended;
+    if (CWorld::Do([&] { return CTestNetwork::Manager().Drain(nullptr, &ended); }) != CM_OK)
+        return false;
+    Require(aWorld.Run([&] { return ended.m_nCalls > 0; }), "a drain has no end");
+    return IsDrained(ended.m_Reason);
+}
+
+// The library from its start to the documented end.
+bool LiveAndEnd(CWorld& aWorld, CCmThreadManager::ENetworkThreadMode aMode) {
+    CCmThreadManager& threads = *CCmThreadManager::Instance();
+    CServer server;
+    CClient client;
+    bool bAll = CWorld::Do([&] {
+        threads.SetNetworkThreadMode(aMode);
+        return threads.InitMainThread(0, nullptr) == CM_OK && threads.GetThreadReactor(CCmThreadManager::TT_MAIN) &&
+               CCmConnectionManager::Instance();
+    });
+    const CTimeGoesOn time;
+    if (bAll) {
+        bAll = server.Start(TCP | LENGTH) == CM_OK && client.Connect(aWorld, TCP | LENGTH, server.m_Addr);
+        for (CEnd& end : client.m_Ends) {
+            end.m_ToSend = {Pattern(40000)};
+            end.Flush();
+        }
+        bAll = DrainWithSink(aWorld) && IsDrained(CWorld::Do([] { return CTestNetwork::Manager().Drain(nullptr); })) && bAll;
+    }
+    CWorld::Do([&] {
+        threads.StopAllThreads();
+        threads.JoinAllThreads();
+        CCmConnectionManager::CleanupInstance();
+        if (ACmThread* pMain = threads.GetThread(CCmThreadManager::TT_MAIN))
+            pMain->Destory(CM_OK);
+    });
+    return bAll;
 }
 
 constexpr auto MAIN = ELibrary::NETWORK_IS_MAIN;
@@ -99,6 +207,12 @@ constexpr auto NONE = ELibrary::NOT_STARTED;
 
 CScenario EchoOf(const char* aName, DWORD aType, ELibrary aLibrary = MAIN) {
     return {aName, aLibrary, [=](CWorld& aWorld) { return EchoAll(aWorld, aType); }};
+}
+CScenario ConnectOf(const char* aName, DWORD aType) {
+    return {aName, MAIN, [=](CWorld& aWorld) { return ConnectToName(aWorld, aType); }};
+}
+CScenario LifeOf(const char* aName, CCmThreadManager::ENetworkThreadMode aMode) {
+    return {aName, NONE, [=](CWorld& aWorld) { return LiveAndEnd(aWorld, aMode); }};
 }
 
 }  // namespace
@@ -116,15 +230,15 @@ const std::vector<CScenario> SCENARIOS = {
     EchoOf("NoPartialDataProxy", TCP | NO_PARTIAL | PROXY),
     EchoOf("UdpProxy", UDP | PROXY),
     EchoOf("PackageOverUdpProxy", UDP | PACKAGE | PROXY),
-    {"Names", MAIN, AskNames},
-    {"ConnectToName", MAIN, [](CWorld& aWorld) { return ConnectToName(aWorld, TCP); }},
-    {"ConnectToNameProxy", MAIN, [](CWorld& aWorld) { return ConnectToName(aWorld, TCP | PROXY); }},
-    {"ConnectToNameUdp", MAIN, [](CWorld& aWorld) { return ConnectToName(aWorld, UDP); }},
     EchoOf("TcpTwoThreads", TCP, OWN),
     EchoOf("PackageTwoThreads", TCP | PACKAGE, OWN),
+    {"Names", MAIN, AskNames},
+    ConnectOf("ConnectToName", TCP),
+    ConnectOf("ConnectToNameProxy", TCP | PROXY),
+    ConnectOf("ConnectToNameUdp", UDP),
     {"Http", MAIN, AskAndAnswer},
     {"HttpTwoThreads", OWN, AskAndAnswer},
     {"Threads", MAIN, UseThreads},
-    {"Life", NONE, [](CWorld& aWorld) { return LiveAndEnd(aWorld, CCmThreadManager::NETWORK_THREAD_MAIN); }},
-    {"LifeTwoThreads", NONE, [](CWorld& aWorld) { return LiveAndEnd(aWorld, CCmThreadManager::NETWORK_THREAD_OWN); }},
+    LifeOf("Life", CCmThreadManager::NETWORK_THREAD_MAIN),
+    LifeOf("LifeTwoThreads", CCmThreadManager::NETWORK_THREAD_OWN),
 };

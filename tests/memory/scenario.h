@@ -1,7 +1,7 @@
 // What a user does with the library, told step by step, so that any step may fail.
 #pragma once
 
-#include "tests/memory/ends.h"
+#include "tests/memory/world.h"
 
 // A scenario. TRUE: everything that it wants to do was done.
 struct CScenario {
@@ -13,7 +13,3 @@ extern const std::vector<CScenario> SCENARIOS;
 
 // A server and a client of HTTP.
 bool AskAndAnswer(CWorld& aWorld);
-// Events and timers of several threads.
-bool UseThreads(CWorld& aWorld);
-// The library from its start to the documented end.
-bool LiveAndEnd(CWorld& aWorld, CCmThreadManager::ENetworkThreadMode aMode);
