@@ -145,63 +145,54 @@ TEST(ConnectionManagerTest, MainThreadAsNetworkThread) {
     EXPECT_EQ(FORCED, Exchange(network, FORCED));
 }
 
-TEST(ConnectionManagerTest, AcceptorProxyForgetsWhatWasPosted) {
+// What a network thread has posted to a proxy that was stopped, restarted or released meanwhile is dropped and closed.
+TEST(ConnectionManagerTest, ProxiesForgetWhatWasPosted) {
     CTestNetwork network;
-    CTestConnectSink sink;
+    CTestConnectSink accepted, sink;
+    const CTestListener listener;
     CCmRefPtrT<ICmAcceptor> pAcceptor;
-    const auto startAndPost = [&] {
+    auto pConnector = network.MakeConnector();
+    std::vector<CTestFd> clients;
+    const auto accept = [&] {
         CCmInetAddr addr;
-        pAcceptor = network.Listen(sink, addr);
+        pAcceptor = network.Listen(accepted, addr);
+        clients.push_back(ConnectPlain(addr));
+    };
+    const auto connect = [&] { pConnector->AsycConnect(&sink, listener.Addr()); };
+    const auto untilPosted = [&](const auto& aStart) {
         const DWORD dwPending = network.Main().GetPendingEventsCount();
-        const CTestFd client = ConnectPlain(addr);
+        aStart();
         YieldUntil([&] { return network.Main().GetPendingEventsCount() > dwPending; });
     };
-    startAndPost();
+    untilPosted(accept);
     EXPECT_EQ(CM_OK, pAcceptor->StopListen(CM_OK));
     // An indication of the time before is not taken for one of now.
-    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&sink, CCmInetAddr("192.0.2.1", 0)));
-    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&sink, CCmInetAddr(OwnLoopback(), 0)));
+    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&accepted, CCmInetAddr("192.0.2.1", 0)));
+    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&accepted, CCmInetAddr(OwnLoopback(), 0)));
     network.RunPosted();
-    startAndPost();
+    untilPosted(accept);
     pAcceptor.Reset();
     network.RunPosted();
-    EXPECT_EQ(0u, sink.Count());
-    startAndPost();
-    sink.m_Indicated = [&] { pAcceptor.Reset(); };
+    EXPECT_EQ(0u, accepted.Count());
+    untilPosted(accept);
+    accepted.m_Indicated = [&] { pAcceptor.Reset(); };
     network.RunPosted();
-    EXPECT_EQ(1u, sink.Count());
-}
+    EXPECT_EQ(1u, accepted.Count());
 
-TEST(ConnectionManagerTest, ConnectorProxyIndicatesOnceAndForgetsWhatWasPosted) {
-    CTestNetwork network;
-    CTestConnectSink sink;
-    const CTestListener listener;
-    auto pConnector = network.MakeConnector();
-    const auto startAndPost = [&] {
-        const DWORD dwPending = network.Main().GetPendingEventsCount();
-        pConnector->AsycConnect(&sink, listener.Addr());
-        YieldUntil([&] { return network.Main().GetPendingEventsCount() > dwPending; });
-    };
-    startAndPost();
+    untilPosted(connect);
     pConnector->CancelConnect();
-    startAndPost();
+    untilPosted(connect);
     network.RunPosted();
     EXPECT_EQ(std::vector<CmResult>{CM_OK}, sink.m_Reasons);
-    // Again, and again from inside; then released inside.
-    sink.m_Indicated = [&] {
-        if (sink.Count() == 2)
-            pConnector->AsycConnect(&sink, listener.Addr());
-        else
-            pConnector.Reset();
-    };
-    startAndPost();
+    // Again, and again from inside; then released inside, and released while an indication is posted.
+    sink.m_Indicated = [&] { sink.Count() == 2 ? connect() : pConnector.Reset(); };
+    untilPosted(connect);
     network.RunUntil([&] { return sink.Count() == 3; });
     pConnector = network.MakeConnector();
-    startAndPost();
+    untilPosted(connect);
     pConnector.Reset();
     network.RunPosted();
     EXPECT_EQ(3u, sink.Count());
-    // What nobody kept, and what was dropped on the way, is closed.
     sink.m_Transports.clear();
     for (int i = 0; i < 5; ++i) {
         const CTestFd peer = listener.Accept();

@@ -1,13 +1,6 @@
 // A protocol connection that goes on over another transport.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <random>
-
 #include "talvo/connection/protocol/cs_conn.h"
-#include "talvo/testing/fake_clock.h"
-#include "tests/support/fake_lower.h"
-#include "tests/support/network_fixture.h"
+#include "tests/connection/conn_end.h"
 
 namespace {
 
@@ -45,24 +38,18 @@ DWORD Number(const std::string& aBytes, size_t aAt) {
         dwValue = dwValue << 8 | static_cast<BYTE>(aBytes[aAt + i]);
     return dwValue;
 }
-std::string Bytes(DWORD aValue) {
-    return {static_cast<char>(aValue >> 24), static_cast<char>(aValue >> 16), static_cast<char>(aValue >> 8),
-            static_cast<char>(aValue)};
-}
 
-class CsConnDetachTest : public testing::Test, public ICmTransportSink {
+class CsConnDetachTest : public ConnTest, public ICmTransportSink {
 protected:
-    ~CsConnDetachTest() override {
-        m_pConn.Reset();
-        m_pLower.Reset();
-        m_Main.RunOnce();
-        EXPECT_EQ(m_strAlive, CCmLiveCounter::Dump());
+    void Begin(DWORD aRoom = CFakeLower::EVERYTHING) {
+        m_pLower = CCmRefPtrT<CFakeLower>(new CFakeLower);
+        m_pLower->m_dwRoom = aRoom;
+        m_pConn->Begin(*m_pLower);
     }
     // The peer's side of a transport. A begun PDU ends with its transport.
     void Attach(DWORD aRoom = CFakeLower::EVERYTHING) {
         m_strStream.clear();
-        m_pLower = CCmRefPtrT<CFakeLower>(new CFakeLower);
-        m_pConn->Begin(*m_pLower);
+        Begin();
         EXPECT_EQ("\1" + Bytes(m_dwSent) + std::string(m_nAttached > 0 ? "\0\7\17" : "\0\0\17", 3), m_pLower->TakeSent());
         ++m_nAttached;
         m_pLower->m_dwRoom = aRoom;
@@ -96,9 +83,6 @@ protected:
     void OnSend(ICmTransport*, CCmTransportParameter*) override { ++m_nRoom; }
     void OnDisconnect(CmResult, ICmTransport*) override { ADD_FAILURE(); }
 
-    CMainThread m_Main;
-    CCmFakeClock m_Clock;
-    const CCmString m_strAlive = CCmLiveCounter::Dump();
     CCmRefPtrT<CResuming> m_pConn{new CResuming};
     CCmRefPtrT<CFakeLower> m_pLower;
     std::string m_strStream;  // what the peer has received and not taken
@@ -119,29 +103,31 @@ TEST_F(CsConnDetachTest, EachMessageArrivesOnceOverManyTransports) {
     const auto below = [&](DWORD aLimit) { return static_cast<DWORD>(random() % aLimit); };
     std::string strSent, strFromPeer;
     int nRefused = 0;
+    const auto send = [&](const std::string& aText) {
+        const CmResult rv = SendText(*m_pConn, aText);
+        strSent += rv == CM_OK ? aText + "\n" : "";
+        nRefused += rv == CM_ERROR_PARTIAL_DATA;
+    };
     Attach();
     for (int i = 0; i < 3000; ++i) {
+        const std::string strText = std::to_string(i);
         switch (below(8)) {
         case 0:
             Lose();
-            for (DWORD n = below(3); n > 0; --n) {  // detached, the send buffer takes it
-                const std::string strText = std::to_string(i) + std::string(below(30), 'd');
-                strSent += SendText(*m_pConn, strText) == CM_OK ? strText + "\n" : "";
-            }
+            for (DWORD n = below(3); n > 0; --n)
+                send(strText + std::string(below(30), 'd'));  // detached, the send buffer takes it
             Attach(below(300));
             break;
         case 1:
             m_pLower->MakeRoom(below(500));
             break;
-        case 2: {
-            const std::string strText = std::to_string(i);
+        case 2:
             m_bLoseInside = below(4) == 0;
             SendFromPeer(strText);
             strFromPeer += strText + "\n";
             if (std::exchange(m_bLoseInside, FALSE))
                 Attach(below(300));
             break;
-        }
         case 3:
             SendFromPeer("never whole", 1 + below(15));
             Take();
@@ -152,12 +138,8 @@ TEST_F(CsConnDetachTest, EachMessageArrivesOnceOverManyTransports) {
             Take();
             m_pLower->Receive("\4" + Bytes(m_dwReceived));
             break;
-        default: {
-            const std::string strText = std::to_string(i) + std::string(below(60), 's');
-            const CmResult rv = SendText(*m_pConn, strText);
-            strSent += rv == CM_OK ? strText + "\n" : "";
-            nRefused += rv == CM_ERROR_PARTIAL_DATA;
-        }
+        default:
+            send(strText + std::string(below(60), 's'));
         }
         ASSERT_NO_FATAL_FAILURE(Take());
         ASSERT_EQ(strSent.substr(0, m_strTaken.size()), m_strTaken);
@@ -186,12 +168,9 @@ TEST_F(CsConnDetachTest, StatusPauseAndMisfit) {
     EXPECT_DEBUG_DEATH(m_pConn->SetCurrStatus(CConnBase::CS_STATUS_HANDSHAKE), "");
     EXPECT_EQ(CConnBase::CS_STATUS_RECONNECTING, m_pConn->GetCurrStatus());
 
-    m_pLower = CCmRefPtrT<CFakeLower>(new CFakeLower);
-    m_pLower->m_dwRoom = 3;  // for half a request
-    m_pConn->Begin(*m_pLower);
+    Begin(3);  // takes half a request
     Lose();
-    m_pLower = CCmRefPtrT<CFakeLower>(new CFakeLower);
-    m_pConn->Begin(*m_pLower);
+    Begin();
     EXPECT_TRUE(m_pLower->m_bPaused);
     EXPECT_EQ(std::string("\1\0\0\0\0\0\7\17", 8), m_pLower->TakeSent());
     EXPECT_EQ(CM_OK, SendText(*m_pConn, "d"));

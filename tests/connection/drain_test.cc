@@ -16,6 +16,17 @@ public:
     CCmUndrained m_Left;
 };
 
+constexpr CCmThreadManager::ENetworkThreadMode MODES[] = {CCmThreadManager::NETWORK_THREAD_OWN,
+                                                          CCmThreadManager::NETWORK_THREAD_MAIN};
+
+void ForAllStreams(const std::function<void(const CTestNetwork&, DWORD aType, BOOL aDies)>& aRun) {
+    using Manager = CCmConnectionManager;
+    for (const auto mode : MODES)
+        for (const DWORD dwType : {DWORD{1}, Manager::CTYPE_PDU_LENGTH | 1u, Manager::CTYPE_SEND_NO_PARTIAL_DATA | 1u})
+            for (const BOOL bDies : {FALSE, TRUE})
+                aRun(CTestNetwork(mode), dwType, bDies);
+}
+
 }  // namespace
 
 TEST(DrainTest, TheRule) {
@@ -38,52 +49,56 @@ TEST(DrainTest, TheRule) {
     EXPECT_EQ(CM_OK, rule.GetResult({}));
 }
 
-// In both modes, over every kind of stream, from the side whose sends are refused once the socket is full.
-TEST(DrainTest, WhatWasTakenGoesOutAndEachSinkIsToldOnce) {
-    using Manager = CCmConnectionManager;
-    for (const auto mode : {CCmThreadManager::NETWORK_THREAD_OWN, CCmThreadManager::NETWORK_THREAD_MAIN}) {
-        for (const DWORD dwType : {DWORD{1}, Manager::CTYPE_PDU_LENGTH | 1u, Manager::CTYPE_SEND_NO_PARTIAL_DATA | 1u}) {
-            CTestNetwork network(mode);
-            CTestFd peer;
-            CTestConnectSink accepted;
-            CTestSink sink;
-            CCmInetAddr addr;
-            const auto pAcceptor = network.Listen(accepted, addr);
-            const auto pTransport = network.ConnectTo(peer, 4096, dwType);
-            ICmTransport& transport = *pTransport;
-            transport.OpenWithSink(&sink);
-            Set(transport, CM_OPT_TRANSPORT_SNDBUF, 16384);
-            const std::string strPart = Pattern(4096);
-            size_t stTaken = 0;
-            for (CCmTransportParameter para; stTaken < (4u << 20) && SendText(transport, strPart, &para) == CM_OK;)
-                stTaken += para.m_dwHaveSent;
-            std::string strRead;
-            CCmEventThread told;  // only then the peer reads
-            sink.m_Disconnect = [&] { told.Signal(); };
-            std::thread reader([&] {
-                told.Wait();
+// In both modes, over every kind of stream, from the side whose sends are refused once the socket is full. The peer reads what
+// was sent once the sink has got OnDisconnect, or it dies then.
+TEST(DrainTest, SinksGetOneEndWhatWasTakenGoesOutAndALossIsReported) {
+    ForAllStreams([](const CTestNetwork& aNetwork, DWORD aType, BOOL aDies) {
+        CTestFd peer;
+        CTestConnectSink accepted;
+        CTestSink sink;
+        CTestDrain drain;
+        CCmInetAddr addr;
+        const auto pAcceptor = aNetwork.Listen(accepted, addr);
+        const auto pTransport = aNetwork.ConnectTo(peer, 4096, aType);
+        pTransport->OpenWithSink(&sink);
+        Set(*pTransport, CM_OPT_TRANSPORT_SNDBUF, 16384);
+        const std::string strPart = Pattern(4096);
+        size_t stTaken = 0;
+        for (CCmTransportParameter para; stTaken < (4u << 20) && SendText(*pTransport, strPart, &para) == CM_OK;)
+            stTaken += para.m_dwHaveSent;
+        std::string strRead;
+        CCmEventThread ended;
+        sink.m_Disconnect = [&] { ended.Signal(); };
+        std::thread reader([&] {
+            ended.Wait();
+            if (aDies)
+                peer = CTestFd();  // with unread data, which is a reset
+            else
                 YieldUntil([&] { return ReadToEnd(peer, strRead); });
-            });
-            CCmTimeValue tvLimit(60);
-            EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit));
-            reader.join();
-            EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, sink.m_Reason);
-            EXPECT_EQ(1, sink.m_nDisconnects);
-            EXPECT_LE(stTaken, strRead.size());
-            EXPECT_NE(CM_OK, SendText(transport, "x"));
-            EXPECT_NE(CM_OK, pAcceptor->GetListenAddr(addr));
-            EXPECT_EQ(CM_OK, pAcceptor->StartListen(&accepted, CCmInetAddr(OwnLoopback(), 0))) << "it can go on";
-        }
-    }
+        });
+        CCmTimeValue tvLimit(60);
+        EXPECT_EQ(CM_OK, CTestNetwork::Manager().Drain(&tvLimit, aDies ? &drain : nullptr));
+        aNetwork.RunUntil([&] { return drain.m_nTold == aDies; });
+        reader.join();
+        EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, sink.m_Reason);
+        EXPECT_EQ(1, sink.m_nDisconnects);
+        EXPECT_LE(aDies ? 0 : stTaken, strRead.size());
+        EXPECT_EQ(aDies ? CM_ERROR_NETWORK_SOCKET_ERROR : CM_OK, drain.m_Reason);
+        EXPECT_EQ(aDies, drain.m_Left.m_dwLost);
+        EXPECT_EQ(aDies, drain.m_Left.m_ullLostBytes > 0);
+        EXPECT_NE(CM_OK, SendText(*pTransport, "x"));
+        EXPECT_NE(CM_OK, pAcceptor->GetListenAddr(addr));
+        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&accepted, CCmInetAddr(OwnLoopback(), 0))) << "it can go on";
+    });
 }
 
 // In both modes: a handshake that the peer leaves open, at either end, and an attempt that nobody answers.
 TEST(DrainTest, WhatIsNotConnectedEnds) {
-    for (const auto mode : {CCmThreadManager::NETWORK_THREAD_OWN, CCmThreadManager::NETWORK_THREAD_MAIN}) {
+    for (const auto mode : MODES) {
         CTestNetwork network(mode);
         constexpr DWORD PACKAGE = CCmConnectionManager::CTYPE_PDU_PACKAGE | CCmConnectionManager::CTYPE_TCP;
-        const CTestListener silent, full(0);
-        const CTestFd clients[3] = {ConnectPlain(full.Addr()), ConnectPlain(full.Addr()), ConnectPlain(full.Addr())};
+        const CTestListener silent;
+        const CFullListener full;
         CTestConnectSink accepted, handshake, attempt;
         CCmInetAddr addr;
         const auto pAcceptor = network.Listen(accepted, addr, PACKAGE);
@@ -108,7 +123,7 @@ TEST(DrainTest, WhatIsNotConnectedEnds) {
 
 // What a user has paused stays so behind a proxy.
 TEST(DrainTest, PausedReadingHidesTheEndBehindAProxyOnly) {
-    for (const auto mode : {CCmThreadManager::NETWORK_THREAD_OWN, CCmThreadManager::NETWORK_THREAD_MAIN}) {
+    for (const auto mode : MODES) {
         CTestNetwork network(mode);
         CTestFd peer;
         CTestSink sink;
@@ -122,31 +137,6 @@ TEST(DrainTest, PausedReadingHidesTheEndBehindAProxyOnly) {
         Set(*pTransport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
         network.RunUntil([&] { return sink.m_nDisconnects == 1; });
         EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, sink.m_Reason);
-    }
-}
-
-// In both modes the peer dies with data in flight, after the sink's OnDisconnect.
-TEST(DrainTest, ALossAfterTheEndIsReported) {
-    using Manager = CCmConnectionManager;
-    for (const auto mode : {CCmThreadManager::NETWORK_THREAD_OWN, CCmThreadManager::NETWORK_THREAD_MAIN}) {
-        for (const DWORD dwType : {DWORD{1}, Manager::CTYPE_PDU_LENGTH | 1u, Manager::CTYPE_SEND_NO_PARTIAL_DATA | 1u}) {
-            CTestNetwork network(mode);
-            CTestFd peer;
-            CTestSink sink;
-            CTestDrain drain;
-            const auto pTransport = network.ConnectTo(peer, 4096, dwType);
-            pTransport->OpenWithSink(&sink);
-            for (CCmTransportParameter para; SendText(*pTransport, Pattern(4096), &para) == CM_OK;) {
-            }
-            sink.m_Disconnect = [&] { peer = CTestFd(); };  // with unread data, which is a reset
-            CCmTimeValue tvLimit(60);
-            EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit, &drain));
-            network.RunUntil([&] { return drain.m_nTold == 1; });
-            EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, drain.m_Reason);
-            EXPECT_EQ(1u, drain.m_Left.m_dwLost);
-            EXPECT_LT(0u, drain.m_Left.m_ullLostBytes);
-            EXPECT_EQ(1, sink.m_nDisconnects);
-        }
     }
 }
 

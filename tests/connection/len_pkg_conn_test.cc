@@ -1,60 +1,43 @@
 #include "talvo/connection/protocol/len_pkg_conn.h"
 
-#include "tests/support/fake_lower.h"
-#include "tests/support/network_fixture.h"
+#include "tests/connection/conn_end.h"
 
 namespace {
 
-std::string Framed(const std::string& aText) {
-    const size_t n = aText.size();
-    return std::string{char(n >> 24), char(n >> 16), char(n >> 8), char(n)} + aText;
-}
+std::string Framed(const std::string& aText) { return Bytes(static_cast<DWORD>(aText.size())) + aText; }
 
-// A connected one over a fake; the sink puts a bar behind each message.
-class LenPkgConnTest : public testing::Test {
+class LenPkgConnTest : public ConnTest {
 protected:
-    LenPkgConnTest() { Connect(); }
-    void Connect() {
-        m_pLower = new CFakeLower;
-        m_pConn = new CLenPkgConn;
-        m_pConn->OnConnectIndication(CM_OK, m_pLower.Get(), nullptr);
-        m_Sink = std::make_unique<CTestSink>();
-        m_Sink->m_Receive = [this] { m_Sink->m_strReceived += '|'; };
-        EXPECT_EQ(CM_OK, m_pConn->OpenWithSink(m_Sink.get()));
-    }
-    DWORD Get(DWORD aCommand) const { return ::Get<DWORD>(*m_pConn, aCommand); }
-    void Set(DWORD aCommand, DWORD aValue) const { ::Set(*m_pConn, aCommand, aValue); }
-    void Cork(BOOL aCork) const { Set(CM_OPT_TRANSPORT_CORK, static_cast<DWORD>(aCork)); }
+    LenPkgConnTest() { m_End.Connect(); }
 
-    CMainThread m_Main;
-    std::unique_ptr<CTestSink> m_Sink;
-    CCmRefPtrT<CFakeLower> m_pLower;
-    CCmRefPtrT<CLenPkgConn> m_pConn;
+    CConnEnd<CLenPkgConn> m_End;
+    CFakeLower& m_Lower = *m_End.m_pLower;
 };
 
 }  // namespace
 
 TEST_F(LenPkgConnTest, RefusedMessagesGoFirst) {
     CCmTransportParameter para;
-    EXPECT_EQ(CM_OK, SendText(*m_pConn, "0123456789", &para));
+    EXPECT_EQ(CM_OK, SendText(*m_End.m_pConn, "0123456789", &para));
     EXPECT_EQ(10u, para.m_dwHaveSent);
-    EXPECT_EQ(CM_OK, SendText(*m_pConn, ""));
-    EXPECT_EQ(std::vector<std::string>{std::string("\0\0\0\x0A", 4) + "0123456789"}, m_pLower->m_Sends);
-    m_pLower->TakeSent();
-    m_pLower->m_dwRoom = 2;
-    m_pLower->m_dwUnacknowledged = 100;
-    EXPECT_EQ(CM_OK, SendText(*m_pConn, "abcdef"));
-    EXPECT_EQ(108u, Get(CM_OPT_TRANSPORT_UNACKNOWLEDGED));
+    EXPECT_EQ(CM_OK, m_End.Send(""));
+    EXPECT_EQ(Lines{Framed("0123456789")}, m_Lower.m_Sends);
+    m_Lower.TakeSent();
+    m_Lower.m_dwRoom = 2;
+    m_Lower.m_dwUnacknowledged = 100;
+    EXPECT_EQ(CM_OK, m_End.Send("abcdef"));
+    EXPECT_EQ(108u, m_End.Get(CM_OPT_TRANSPORT_UNACKNOWLEDGED));
+    m_Lower.m_dwUnacknowledged = 0;
     const std::string strText = "next";
     CCmMessageBlock next = ViewOf(strText);
-    EXPECT_EQ(CM_ERROR_PARTIAL_DATA, m_pConn->SendData(next));
+    EXPECT_EQ(CM_ERROR_PARTIAL_DATA, m_End.m_pConn->SendData(next));
     EXPECT_EQ(4u, next.GetChainedLength());
-    m_pLower->MakeRoom(3);
-    EXPECT_EQ(CM_ERROR_PARTIAL_DATA, m_pConn->SendData(next));
-    m_Sink->m_Send = [&] { EXPECT_EQ(CM_OK, m_pConn->SendData(next)); };
-    m_pLower->MakeRoom();
-    EXPECT_EQ(2, m_Sink->m_nSends);
-    EXPECT_EQ(Framed("abcdef") + Framed("next"), m_pLower->TakeSent());
+    m_Lower.MakeRoom(3);
+    EXPECT_EQ(CM_ERROR_PARTIAL_DATA, m_End.m_pConn->SendData(next));
+    m_End.m_Inside = [&](const std::string&) { EXPECT_EQ(CM_OK, m_End.m_pConn->SendData(next)); };
+    m_Lower.MakeRoom();
+    EXPECT_EQ((Lines{"send", "send"}), m_End.m_Lines);
+    EXPECT_EQ(Framed("abcdef") + Framed("next"), m_Lower.TakeSent());
 }
 
 // Chains of many shapes, corked and not, into a transport that takes what it likes.
@@ -64,33 +47,33 @@ TEST_F(LenPkgConnTest, EverythingThatWasTakenIsSentInOrder) {
     std::string strExpected, strSent;
     for (int i = 0; i < 3000; ++i) {
         if (below(4) == 0)
-            Cork(below(2));
+            m_End.Set(CM_OPT_TRANSPORT_CORK, below(2));
         if (below(4) == 0)
-            m_pLower->MakeRoom(below(3) ? below(20000) : CFakeLower::EVERYTHING);
+            m_Lower.MakeRoom(below(3) ? below(20000) : CFakeLower::EVERYTHING);
         const std::string strText = Pattern(1 + (below(3) ? below(100) : below(6000)), i);
         const DWORD dwPiece = below(3) ? 6000 : 1 + static_cast<DWORD>(strText.size()) / (1 + below(100));
         CCmMessageBlock head(DWORD{0});
         for (size_t k = 0; k < strText.size(); k += dwPiece)
             head.Append(CCmMessageBlock(ViewOf(strText.substr(k, dwPiece))).DuplicateTopLevel());
-        const CmResult rv = m_pConn->SendData(head);
+        const CmResult rv = m_End.m_pConn->SendData(head);
         strExpected += rv == CM_OK ? Framed(strText) : "";
         ASSERT_EQ(rv == CM_OK ? 0 : strText.size(), head.GetChainedLength());
         head.GetNext()->DestroyChained();
-        strSent += m_pLower->TakeSent();
-        ASSERT_EQ(strExpected.size() - strSent.size(), Get(CM_OPT_TRANSPORT_UNACKNOWLEDGED));
+        strSent += m_Lower.TakeSent();
+        ASSERT_EQ(strExpected.size() - strSent.size(), m_End.Get(CM_OPT_TRANSPORT_UNACKNOWLEDGED));
     }
-    Cork(FALSE);
-    m_pLower->MakeRoom();
-    EXPECT_TRUE(strExpected == strSent + m_pLower->TakeSent());
-    EXPECT_LE(*std::max_element(m_pLower->m_Pieces.begin(), m_pLower->m_Pieces.end()), 64u);
+    m_End.Set(CM_OPT_TRANSPORT_CORK, FALSE);
+    m_Lower.MakeRoom();
+    EXPECT_TRUE(strExpected == strSent + m_Lower.TakeSent());
+    EXPECT_LE(*std::max_element(m_Lower.m_Pieces.begin(), m_Lower.m_Pieces.end()), 64u);
     // Many messages, one call.
-    m_pLower->m_Pieces.clear();
-    Cork(TRUE);
+    m_Lower.m_Pieces.clear();
+    m_End.Set(CM_OPT_TRANSPORT_CORK, TRUE);
     for (int i = 0; i < 100; ++i)
-        EXPECT_EQ(CM_OK, SendText(*m_pConn, std::string(100, 'a')));
-    EXPECT_EQ(0u, m_pLower->m_Pieces.size());
-    Cork(FALSE);
-    EXPECT_EQ(1u, m_pLower->m_Pieces.size());
+        EXPECT_EQ(CM_OK, m_End.Send(std::string(100, 'a')));
+    EXPECT_EQ(0u, m_Lower.m_Pieces.size());
+    m_End.Set(CM_OPT_TRANSPORT_CORK, FALSE);
+    EXPECT_EQ(1u, m_Lower.m_Pieces.size());
 }
 
 TEST(FrameQueueTest, DatagramsStayApart) {
@@ -120,33 +103,28 @@ TEST(FrameQueueTest, DatagramsStayApart) {
 }
 
 TEST_F(LenPkgConnTest, ImpossibleLengthsEndIt) {
-    Set(CS_OPT_MAX_MESSAGE_LEN, 5);
-    EXPECT_EQ(5u, Get(CM_OPT_TRANSPORT_MAX_MESSAGE));
     CCmTraceCapture trace;
-    EXPECT_EQ(CM_OK, SendText(*m_pConn, "12345"));
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, SendText(*m_pConn, "123456"));
+    EXPECT_EQ(CM_OK, m_End.Set(CS_OPT_MAX_MESSAGE_LEN, 5));
+    EXPECT_EQ(5u, m_End.Get(CM_OPT_TRANSPORT_MAX_MESSAGE));
+    EXPECT_EQ(CM_OK, m_End.Send("12345"));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_End.Send("123456"));
     EXPECT_TRUE(trace.Contains("option 136"));
-    for (const auto& [strLength, reason] :
-         {std::pair{std::string(4, '\0'), CM_OK}, std::pair{std::string("\0\0\0\6", 4), CM_ERROR_NOT_AVAILABLE},
-          std::pair{std::string(4, '\xFF'), CM_ERROR_NOT_AVAILABLE}}) {
-        Connect();
-        Set(CS_OPT_MAX_MESSAGE_LEN, strLength[0] ? 0xFFFFFFFF : 5);
-        m_pLower->Receive(Framed("limit") + strLength + Framed("no"));
-        EXPECT_EQ("limit|", m_Sink->m_strReceived);
-        EXPECT_EQ(1, m_Sink->m_nDisconnects);
-        EXPECT_EQ(reason, m_Sink->m_Reason);
-        EXPECT_EQ(std::vector<CmResult>{CM_ERROR_NETWORK_CONNECT_TIMEOUT}, m_pLower->m_Disconnects);
-        EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, SendText(*m_pConn, "x"));
-        EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, m_pConn->OpenWithSink(m_Sink.get()));
-        EXPECT_NE(CCmTimeValue(), m_pConn->GetDisconnTimestamp());
+    for (const auto& [dwLength, szEnd] :
+         {std::pair{0u, "disconnect 0"}, {6u, "disconnect 10009"}, {0xFFFFFFFF, "disconnect 10009"}}) {
+        CConnEnd<CLenPkgConn> end;
+        end.Connect();
+        end.Set(CS_OPT_MAX_MESSAGE_LEN, dwLength > 6 ? 0xFFFFFFFF : 5);
+        end.Receive(Framed("limit") + Bytes(dwLength) + Framed("no"));
+        EXPECT_EQ((Lines{"receive limit", szEnd}), end.m_Lines);
+        EXPECT_EQ(std::vector<CmResult>{CM_ERROR_NETWORK_CONNECT_TIMEOUT}, end.m_pLower->m_Disconnects);
+        EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, end.Send("x"));
+        EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, end.m_pConn->OpenWithSink(&end));
+        EXPECT_NE(CCmTimeValue(), end.m_pConn->GetDisconnTimestamp());
     }
     EXPECT_EQ(1u, trace.Count("CLenPkgConn::OnReceive PDU length is zero!!! and the connection will be abort"));
     EXPECT_EQ(3u, trace.Count("CLenPkgConn::OnDisconnect reason ="));
-}
-
-TEST_F(LenPkgConnTest, AShorterLimitCountsFromTheNextMessageOn) {
-    m_Sink->m_Receive = [&] { Set(CS_OPT_MAX_MESSAGE_LEN, 2); };
-    m_pLower->Receive(Framed("one") + Framed("two"));
-    EXPECT_EQ("one", m_Sink->m_strReceived);
-    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, m_Sink->m_Reason);
+    // A shorter limit counts from the next message on.
+    m_End.m_Inside = [&](const std::string&) { m_End.Set(CS_OPT_MAX_MESSAGE_LEN, 2); };
+    m_End.Receive(Framed("one") + Framed("two"));
+    EXPECT_EQ((Lines{"receive one", "disconnect 10009"}), m_End.m_Lines);
 }

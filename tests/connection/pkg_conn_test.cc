@@ -1,10 +1,10 @@
 // Package connections and the no-partial-data sender over a transport that the test plays: bytes, steps and upcalls.
 
+#include "talvo/connection/protocol/conn_liveness.h"
 #include "talvo/connection/protocol/pkg_conn_client.h"
 #include "talvo/connection/protocol/pkg_conn_server.h"
 #include "talvo/connection/protocol/pkg_sender.h"
-#include "tests/support/fake_lower.h"
-#include "tests/support/network_fixture.h"
+#include "tests/connection/conn_end.h"
 
 namespace {
 
@@ -13,76 +13,23 @@ const std::string RESPONSE("\2\0\0\0\0\0\0\17", 8);
 const std::string OTHER_REQUEST("\1\0\0\0\0\0\0\7", 8);
 const std::string KEEPALIVE("\4\0\0\0\0", 5);
 
-using Lines = std::vector<std::string>;
-
-std::string Data(const std::string& aText) {
-    std::string strPdu("\6\0\0\0\0", 5);
-    for (int i = 0; i < 4; ++i)
-        strPdu[static_cast<size_t>(1 + i)] = static_cast<char>(aText.size() >> (24 - 8 * i));
-    return strPdu + aText;
-}
+std::string Data(const std::string& aText) { return "\6" + Bytes(static_cast<DWORD>(aText.size())) + aText; }
 std::string Disconn(CmResult aReason) { return {'\3', static_cast<char>(aReason >> 8), static_cast<char>(aReason)}; }
 
-// One connection between a fake transport and a user who writes every upcall down and runs m_Inside in it.
 template <class Conn>
-class CEnd : public talvo::CConnOwner, public ICmTransportSink {
+class CEnd : public CConnEnd<Conn> {
 public:
-    explicit CEnd(DWORD aType = CM_TRANSPORT_TYPE_TCP, BOOL aKeepAlive = TRUE) : m_pLower(new CFakeLower(aType)) {
-        m_pConn->NeedKeepAlive(aKeepAlive);
-        m_pConn->SetConnConnector(this);
-    }
-    ~CEnd() override { m_pConn.Reset(); }
-
-    void Start() { m_pConn->OnConnectIndication(CM_OK, m_pLower.Get(), nullptr); }
+    using CConnEnd<Conn>::CConnEnd;
     void Connect() {
-        Start();
-        Receive(m_pConn->GetInstanceType() == 1 ? REQUEST : m_pConn->GetInstanceType() == 2 ? RESPONSE : "");
-        ASSERT_EQ(Lines{"connect 0"}, std::exchange(m_Lines, {}));
-        m_pLower->TakeSent();
+        const BYTE byType = this->m_pConn->GetInstanceType();
+        CConnEnd<Conn>::Connect(byType == 1 ? REQUEST : byType == 2 ? RESPONSE : "");
     }
-    void Receive(const std::string& aBytes, size_t aPiece = std::string::npos) { m_pLower->Receive(aBytes, aPiece); }
-    CmResult Send(const std::string& aText) { return SendText(*m_pConn, aText); }
-    CmResult Set(DWORD aOption, DWORD aValue) { return m_pConn->SetOption(aOption, &aValue); }
-
-    void OnOpened(CConnBase& aConn, CmResult aReason) override {
-        if (aReason == CM_OK)
-            aConn.OpenWithSink(this);
-        Write("connect " + std::to_string(aReason));
-    }
-    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
-        Write("receive " + aData.FlattenChained());
-    }
-    void OnSend(ICmTransport*, CCmTransportParameter*) override { Write("send"); }
-    void OnDisconnect(CmResult aReason, ICmTransport*) override { Write("disconnect " + std::to_string(aReason)); }
-    void Write(const std::string& aLine) {
-        m_Lines.push_back(aLine);
-        m_Inside(aLine);
-    }
-
-    CCmRefPtrT<CFakeLower> m_pLower;
-    CCmRefPtrT<Conn> m_pConn{new Conn};
-    Lines m_Lines;
-    std::function<void(const std::string&)> m_Inside = [](const std::string&) {};
 };
 using CClient = CEnd<CPkgConnClient>;
 using CServer = CEnd<CPkgConnServer>;
 using CSender = CEnd<CPkgSender>;
 
-class PkgConnTest : public testing::Test {
-protected:
-    ~PkgConnTest() override {
-        m_Main.RunOnce();
-        EXPECT_EQ(m_strAlive, CCmLiveCounter::Dump());
-    }
-    void Pass(const CCmTimeValue& aTime) {
-        m_Clock.Advance(aTime);
-        m_Main.RunOnce();
-    }
-
-    CMainThread m_Main;
-    CCmFakeClock m_Clock;
-    const CCmString m_strAlive = CCmLiveCounter::Dump();
-};
+class PkgConnTest : public ConnTest {};
 
 struct CStep {
     const char* m_szName;
@@ -134,17 +81,13 @@ TEST_F(PkgConnTest, ClientStepByStep) {
 }
 
 TEST_F(PkgConnTest, ServerStepByStep) {
+    // The counter in the response starts again with a PDU of type 5, which has six bytes here.
+    const std::string RESTARTED("\2\0\0\0\6\0\0\17", 8);
     RunSteps<CServer>({
         {"request", FALSE, REQUEST, {"connect 0"}, RESPONSE, {}},
         {"request and data", FALSE, REQUEST + Data("a"), {"connect 0", "receive a"}, RESPONSE, {}},
         {"second request", TRUE, REQUEST + Data("a"), {"receive a"}, RESPONSE, {}},
-        // The counter in the response starts again with a PDU of type 5, which has six bytes here.
-        {"restart",
-         TRUE,
-         Data("a") + "\5" + Data("b").substr(1) + REQUEST,
-         {"receive a", "receive b"},
-         std::string("\2\0\0\0\6\0\0\17", 8),
-         {}},
+        {"restart", TRUE, Data("a") + "\5" + Data("b").substr(1) + REQUEST, {"receive a", "receive b"}, RESTARTED, {}},
         {"other type", FALSE, OTHER_REQUEST, {"connect 10009"}, RESPONSE + Disconn(10009), {10009}},
         {"other type later", TRUE, OTHER_REQUEST, {"disconnect 10009"}, RESPONSE + Disconn(10009), {10009}},
         {"response", FALSE, RESPONSE, {"connect 10009"}, "", {20005}},
@@ -181,17 +124,6 @@ TEST_F(PkgConnTest, WhatWasCancelledOrEndedIsSilent) {
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, server.Send("abc"));
 }
 
-TEST_F(PkgConnTest, WhatTheSinkSendsInsideItsIndicationGoesOutIfItEndsThere) {
-    CServer server;
-    server.m_Inside = [&](const std::string&) {
-        EXPECT_EQ(CM_OK, server.Send("last"));
-        EXPECT_EQ(CM_OK, server.m_pConn->Disconnect(CM_OK));
-    };
-    server.Start();
-    server.Receive(REQUEST);
-    EXPECT_EQ(RESPONSE + Data("last") + Disconn(CM_OK), server.m_pLower->TakeSent());
-}
-
 // What the sink sends inside its indication stands behind the response, however little the transport takes.
 TEST_F(PkgConnTest, ResponseComesBeforeTheSinksData) {
     for (const DWORD dwRoom : {0u, 3u, 10u, CFakeLower::EVERYTHING}) {
@@ -209,11 +141,14 @@ TEST_F(PkgConnTest, ResponseComesBeforeTheSinksData) {
         const std::string strData = Data(std::string(30000, 'x'));
         EXPECT_EQ(RESPONSE + strData + strData, server.m_pLower->TakeSent());
     }
-    CServer server;  // ended inside, it sends neither
-    server.m_Inside = [&](const std::string&) { server.Send("too early"), server.m_pConn->Disconnect(20004); };
-    server.Start();
-    server.Receive(REQUEST);
-    EXPECT_EQ(Disconn(20004), server.m_pLower->TakeSent());
+    // An orderly end inside sends both, any other end neither.
+    for (const CmResult reason : {CM_OK, CM_ERROR_NETWORK_SOCKET_CLOSE}) {
+        CServer server;
+        server.m_Inside = [&](const std::string&) { server.Send("last"), server.m_pConn->Disconnect(reason); };
+        server.Start();
+        server.Receive(REQUEST);
+        EXPECT_EQ((reason == CM_OK ? RESPONSE + Data("last") : "") + Disconn(reason), server.m_pLower->TakeSent());
+    }
 }
 
 TEST_F(PkgConnTest, ConnectPdusStandNeverInsideOthers) {
@@ -371,11 +306,20 @@ TEST_F(PkgConnTest, SilentPeersAreGivenUp) {
     paused.Connect();
     paused.Set(CM_OPT_TRANSPORT_PAUSE_READING, TRUE);
     expect(paused, 500000, "", {});
+    paused.Set(CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
+    expect(paused, 119000, "", {});
+    expect(paused, 11000, "", {"disconnect 20005"});
     CServer keeping;
     keeping.Connect();
     for (int i = 0; i < 7; ++i)
         expect(keeping, 15000, KEEPALIVE, {});
     expect(keeping, 15000, KEEPALIVE, {"disconnect 20005"});
+    talvo::CConnLiveness liveness;
+    liveness.OnReceived();
+    m_Clock.Advance(CCmTimeValue(120));
+    EXPECT_TRUE(liveness.IsPeerSilent());
+    liveness.Reset();
+    EXPECT_FALSE(liveness.IsPeerSilent()) << "after a reset nothing was received";
 }
 
 }  // namespace
