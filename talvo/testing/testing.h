@@ -3,6 +3,7 @@
 
 #include "talvo/testing/channel_log.h"
 #include "talvo/testing/fake_clock.h"
+#include "talvo/testing/faults.h"
 #include "talvo/testing/scripted_http.h"
 #include "talvo/testing/scripted_transport.h"
 #include "talvo/testing/sim_network.h"

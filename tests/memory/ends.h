@@ -35,7 +35,7 @@ public:
     BOOL IsOver() const { return !m_pTransport; }
 
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
-        const CTestCode test;
+        const CCmSafeCode safe;
         Require(!IsOver(), "OnReceive behind the end");
         m_strReceived += aData.FlattenChained();
         if (m_bEcho)
@@ -43,12 +43,12 @@ public:
         Flush();
     }
     void OnSend(ICmTransport*, CCmTransportParameter*) override {
-        const CTestCode test;
+        const CCmSafeCode safe;
         Require(!IsOver(), "OnSend behind the end");
         Flush();
     }
     void OnDisconnect(CmResult, ICmTransport*) override {
-        const CTestCode test;
+        const CCmSafeCode safe;
         Require(!IsOver(), "OnDisconnect behind the end");
         m_pTransport.Reset();
     }
@@ -66,7 +66,7 @@ class CSide : public ICmAcceptorConnectorSink {
 public:
     explicit CSide(BOOL aEcho) : m_bEcho(aEcho) {}
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
-        const CTestCode test;
+        const CCmSafeCode safe;
         Require((aReason == CM_OK) == (aTrpt != nullptr), "an indication with half a transport");
         ++m_nIndications;
         if (aTrpt)

@@ -29,7 +29,7 @@ public:
             Require(aWorld.Run([&] { return m_nStops == 1; }), "a server does not stop");
     }
     void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override {
-        const CTestCode test;
+        const CCmSafeCode safe;
         static const CCmString TARGET = "/a-target-with-a-long-name";
         const CCmHttpRequestHead& head = aChannel->GetRequest();
         const bool bMoved = head.GetRequestURI() == "/moved";
@@ -44,7 +44,7 @@ public:
         });
     }
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
-        const CTestCode test;
+        const CCmSafeCode safe;
         m_strBody += aData.FlattenChained();
     }
     void OnRequestEnd(ICmChannelHttpServer*) override {
@@ -84,7 +84,7 @@ public:
         Require(aReason == CM_OK && m_nConnects++ == 0 && m_nEnds == 0, "OnConnect out of turn");
     }
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
-        const CTestCode test;
+        const CCmSafeCode safe;
         Require(m_nConnects == 1 && m_nEnds == 0, "OnReceive out of turn");
         m_strBody += aData.FlattenChained();
     }

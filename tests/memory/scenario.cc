@@ -54,7 +54,7 @@ public:
         CWorld::Do([&] { CCmDnsManager::Instance()->CancelResolve(this); });
     }
     void OnObserve(const char*, void* aData) override {
-        const CTestCode test;
+        const CCmSafeCode safe;
         Require(++m_nAnswers == 1, "two answers");
         m_State = static_cast<CCmDnsRecord*>(aData)->GetState();
     }

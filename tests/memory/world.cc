@@ -33,8 +33,8 @@ BOOL CWorld::Run(const std::function<bool()>& aCondition) {
     for (int i = 0; i < MOST_TURNS && !g_szViolation; ++i) {
         if (aCondition())
             return TRUE;
-        if (CFailures::HasFired() && ++nTurnsSince == TURNS_WITHOUT_MEMORY)
-            CFailures::Disarm();
+        if (CCmFaults::HasFired() && ++nTurnsSince == TURNS_WITHOUT_MEMORY)
+            CCmFaults::Disarm();
         const CCmTimeValue tvWait = m_bOwnThread || i > QUICK_TURNS ? CCmTimeValue(0, 1000) : CCmTimeValue::s_tvZero;
         if (ICmReactor* pMain = CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN))
             Do([&] { static_cast<CCmReactorEpoll*>(pMain)->RunOnce(&tvWait); });
@@ -44,7 +44,7 @@ BOOL CWorld::Run(const std::function<bool()>& aCondition) {
 }
 
 void CWorld::RequireClean() {
-    CFailures::Disarm();
+    CCmFaults::Disarm();
     if (m_nDescriptors == -1) {
         int nTurns = 0;
         Run([&] { return ++nTurns > 100; });

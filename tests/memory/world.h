@@ -8,7 +8,7 @@
 
 #include "talvo/base/config.h"
 #include "talvo/testing/fake_clock.h"
-#include "tests/memory/failures.h"
+#include "talvo/testing/faults.h"
 #include "tests/support/network_fixture.h"
 #include "tests/support/temp_dir.h"
 
@@ -36,7 +36,7 @@ private:
 // Time goes on by itself while one of these is in scope, for calls that run the loop or wait for a thread.
 class CTimeGoesOn {
     std::jthread m_Thread{[](const std::stop_token& aStop) {
-        const CTestCode test;
+        const CCmSafeCode safe;
         for (; !aStop.stop_requested(); ms_sleep(1))
             CCmFakeClock::AdvanceAny(CCmTimeValue(0, 100000));
     }};
@@ -60,7 +60,7 @@ public:
     // What a call of the library returns.
     template <class Callable>
     static auto Do(Callable aCallable) {
-        const CLibraryCode library;
+        const CCmFaultyCode faulty;
         return aCallable();
     }
 

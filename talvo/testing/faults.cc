@@ -1,4 +1,4 @@
-#include "tests/memory/failures.h"
+#include "talvo/testing/faults.h"
 
 #include <execinfo.h>
 #include <pthread.h>
@@ -22,25 +22,25 @@ void* __libc_memalign(size_t aAlignment, size_t aSize);
 
 namespace {
 
-constinit thread_local bool t_bTestCode = false;
+constinit thread_local bool t_bSafe = false;
 std::atomic<bool> s_bArmed{false}, s_bFired{false};
-std::atomic<uint32_t> s_dwCalls{0};
-CFailures::EKind s_Kind;
-uint32_t s_dwNth;
+std::atomic<DWORD> s_dwCalls{0};
+CCmFaults::EKind s_Kind;
+DWORD s_dwNth;
 int s_nError;
-CFailures::CPlace* s_pPlace = nullptr;
+CCmFaults::CPlace* s_pPlace = nullptr;
 
 // Whether this call is one that fails.
 bool IsReached(bool aAllocation, const char* aCall) {
-    if (!s_bArmed || t_bTestCode || aAllocation != (s_Kind != CFailures::SYSTEM_CALL))
+    if (!s_bArmed || t_bSafe || aAllocation != (s_Kind != CCmFaults::SYSTEM_CALL))
         return false;
-    const uint32_t dwCall = ++s_dwCalls;
-    if (s_Kind == CFailures::ALLOCATIONS_FROM ? dwCall < s_dwNth : dwCall != s_dwNth)
+    const DWORD dwCall = ++s_dwCalls;
+    if (s_Kind == CCmFaults::ALLOCATIONS_FROM ? dwCall < s_dwNth : dwCall != s_dwNth)
         return false;
     if (!s_bFired.exchange(true) && s_pPlace) {
-        const CTestCode test;
-        s_pPlace->m_szCall = aCall;
-        s_pPlace->m_nDepth = backtrace(s_pPlace->m_Stack, CFailures::STACK);
+        const CCmSafeCode safe;
+        s_pPlace->m_pCall = aCall;
+        s_pPlace->m_nDepth = backtrace(s_pPlace->m_Stack, CCmFaults::CPlace::MAX_DEPTH);
     }
     return true;
 }
@@ -67,7 +67,7 @@ Result Call(const char* aName, std::initializer_list<int> aErrors, long aNumber,
 
 }  // namespace
 
-void CFailures::Arm(EKind aKind, uint32_t aNth, int aError) {
+void CCmFaults::Arm(EKind aKind, DWORD aNth, int aError) {
     s_Kind = aKind;
     s_dwNth = aNth;
     s_nError = aError;
@@ -75,28 +75,30 @@ void CFailures::Arm(EKind aKind, uint32_t aNth, int aError) {
     s_bFired = false;
     s_bArmed = true;
 }
-void CFailures::Disarm() { s_bArmed = false; }
-bool CFailures::HasFired() { return s_bFired; }
-void CFailures::RecordAt(CPlace* aPlace) {
+void CCmFaults::Disarm() { s_bArmed = false; }
+BOOL CCmFaults::HasFired() { return s_bFired; }
+void CCmFaults::RecordAt(CPlace* aPlace) {
     void* pFirst;
-    backtrace(&pFirst, 1);  // which loads what it needs
+    backtrace(&pFirst, 1);  // allocates what it needs
     s_pPlace = aPlace;
 }
 
-CTestCode::CTestCode() : m_bBefore(t_bTestCode) { t_bTestCode = true; }
-CTestCode::~CTestCode() { t_bTestCode = m_bBefore; }
-CLibraryCode::CLibraryCode() : m_bBefore(t_bTestCode) { t_bTestCode = false; }
-CLibraryCode::~CLibraryCode() { t_bTestCode = m_bBefore; }
+CCmSafeCode::CCmSafeCode(bool aSafe) : m_bBefore(t_bSafe) { t_bSafe = aSafe; }
+CCmSafeCode::~CCmSafeCode() { t_bSafe = m_bBefore; }
 
 extern "C" {
 
-void* malloc(size_t aSize) { return AllocationFails("malloc") ? nullptr : __libc_malloc(aSize); }
-void* calloc(size_t aCount, size_t aSize) { return AllocationFails("calloc") ? nullptr : __libc_calloc(aCount, aSize); }
-void* realloc(void* aMemory, size_t aSize) { return AllocationFails("realloc") ? nullptr : __libc_realloc(aMemory, aSize); }
-void* aligned_alloc(size_t aAlignment, size_t aSize) {
+void* malloc(size_t aSize) noexcept { return AllocationFails("malloc") ? nullptr : __libc_malloc(aSize); }
+void* calloc(size_t aCount, size_t aSize) noexcept {
+    return AllocationFails("calloc") ? nullptr : __libc_calloc(aCount, aSize);
+}
+void* realloc(void* aMemory, size_t aSize) noexcept {
+    return AllocationFails("realloc") ? nullptr : __libc_realloc(aMemory, aSize);
+}
+void* aligned_alloc(size_t aAlignment, size_t aSize) noexcept {
     return AllocationFails("aligned_alloc") ? nullptr : __libc_memalign(aAlignment, aSize);
 }
-int posix_memalign(void** aMemory, size_t aAlignment, size_t aSize) {
+int posix_memalign(void** aMemory, size_t aAlignment, size_t aSize) noexcept {
     *aMemory = AllocationFails("posix_memalign") ? nullptr : __libc_memalign(aAlignment, aSize);
     return *aMemory ? 0 : ENOMEM;
 }
