@@ -48,6 +48,7 @@ void CCmSimPeer::Open() {
         Fail("OpenWithSink fails");
 }
 
+void CCmSimPeer::Note(const std::string& aText) { m_Network.Note(m_strName + " " + aText); }
 void CCmSimPeer::Fail(const std::string& aText) { m_Network.Fail(m_strName + ": " + aText); }
 
 // As a chain of two blocks; the second owns its storage.
@@ -65,7 +66,7 @@ CmResult CCmSimPeer::Send(DWORD aLength) {
     DWORD dwMax = 0xFFFFFFFF;
     m_pTransport->GetOption(CM_OPT_TRANSPORT_MAX_MESSAGE, &dwMax);
     const CmResult rv = m_pTransport->SendData(first);
-    m_Network.Note(m_strName + " sends message " + std::to_string(dwNumber) + ", result " + std::to_string(rv));
+    Note("sends message " + std::to_string(dwNumber) + ", result " + std::to_string(rv));
     if (!m_bOpen)
         return rv;
     if (first.GetChainedLength() != (rv == CM_OK ? 0 : aLength))
@@ -78,14 +79,20 @@ CmResult CCmSimPeer::Send(DWORD aLength) {
     return rv;
 }
 
-void CCmSimPeer::End(CmResult aReason) {
+void CCmSimPeer::Ending_i(CmResult aReason) {
+    if (m_bOpen)
+        OnEnding(aReason);
     m_bOpen = FALSE;
+}
+
+void CCmSimPeer::End(CmResult aReason) {
+    Ending_i(aReason);
     if (m_pTransport)
         m_pTransport->Disconnect(aReason);
 }
 
 void CCmSimPeer::Release() {
-    m_bOpen = FALSE;
+    Ending_i(CM_OK);
     m_pTransport.Reset();
 }
 
@@ -100,7 +107,7 @@ void CCmSimPeer::CheckStep() {
 }
 
 void CCmSimPeer::Upcall_i(const char* aName) {
-    m_Network.Note(m_strName + " gets " + aName);
+    Note(std::string("gets ") + aName);
     if (!m_bOpen)
         Fail(std::string(aName) + " after the end");
 }

@@ -64,16 +64,23 @@ public:
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
 
 protected:
+    // This end is about to end the open connection; CM_OK: with Release or in order.
+    virtual void OnEnding(CmResult) {}
+
+    CCmSimNetwork& GetNetwork() const { return m_Network; }
     ICmTransport* GetTransport() const { return m_pTransport.Get(); }  // null after Release
     const CCmInetAddr& GetLocalAddr() const { return m_AddrLocal; }
     const CCmInetAddr& GetPeerAddr() const { return m_AddrPeer; }
     // The end of the simulated link below the connection; null: it is closed.
     const CCmSimEnd* FindBelow() const { return m_Network.FindEnd(m_AddrLocal, m_AddrPeer); }
     const CCmSimFlow& GetIncoming() const { return m_In; }
-    // A failure of the network, with the name of this end.
+    BOOL IsDatagrams() const { return m_bDatagrams; }
+    // A line of the trace, and a failure of the network, with the name of this end.
+    void Note(const std::string& aText);
     void Fail(const std::string& aText);
 
 private:
+    void Ending_i(CmResult aReason);
     void Upcall_i(const char* aName);
 
     CCmSimNetwork& m_Network;

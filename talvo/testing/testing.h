@@ -9,5 +9,6 @@
 #include "talvo/testing/sim_network.h"
 #include "talvo/testing/sim_peer.h"
 #include "talvo/testing/sim_seeds.h"
+#include "talvo/testing/sim_wild_peer.h"
 #include "talvo/testing/trace_capture.h"
 #include "talvo/testing/upcall_log.h"

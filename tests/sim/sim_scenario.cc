@@ -154,7 +154,7 @@ private:
     void Settle_i() {
         m_World.m_bWild = FALSE;
         m_World.m_Network.SetPath({});
-        m_World.ForAll([](CSimUser& aUser) { aUser.Settle(); });
+        m_World.ForAll([](CSimUser& aUser) { aUser.Calm(); });
         m_World.RunFor(m_World.m_bDatagrams && m_World.m_bKeepAlive ? LONG_CALM : CALM);
         if (!m_World.m_bDatagrams)  // before one more message pushes what was forgotten
             m_World.ForAll([](CSimUser& aUser) { aUser.CheckDebts(); });
@@ -171,11 +171,11 @@ private:
     void SayGoodbye_i() {
         m_World.ForAll([this](CSimUser& aUser) {
             if (m_World.Chance(40))
-                aUser.EndNow(CM_ERROR_NETWORK_SOCKET_CLOSE, m_World.Chance(50));
+                m_World.Chance(50) ? aUser.Release() : aUser.End(CM_ERROR_NETWORK_SOCKET_CLOSE);
         });
         m_World.RunFor(SIM_SEC);
         m_World.ForAll([](CSimUser& aUser) { aUser.CheckDebts(); });
-        m_World.ForAll([](CSimUser& aUser) { aUser.EndNow(CM_OK, TRUE); });
+        m_World.ForAll([](CSimUser& aUser) { aUser.Release(); });
         for (const auto& pClient : m_Clients)
             pClient->GiveUp();
         m_World.RunFor(SIM_SEC);

@@ -70,32 +70,19 @@ public:
     std::vector<std::unique_ptr<CSimUser>> m_Users;
 };
 
-// One end of a connection. In its wild time it does everything that a user may do, above all inside the upcalls.
-class CSimUser final : public CCmSimPeer {
+// One end of a connection, which acts at random.
+class CSimUser final : public CCmSimWildPeer {
 public:
     CSimUser(CSimWorld& aWorld, CSimLink& aLink, ICmTransport& aTransport, BOOL aServer, WORD aPort);
 
-    void Begin();
-    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
-    void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
+    void Start();
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
-
-    // Its last word: what was held back may go now.
-    void Settle();
-    // With a disconnect, or by releasing the connection.
-    void EndNow(CmResult aReason, BOOL aRelease);
     // Whether something was promised and has not come while the connection stands, in weather that was calm for long enough.
     void CheckDebts();
 
 private:
-    void Live_i();
-    void Feel_i(uint64_t aPercent);
-    void Act_i();
-    void SendMaybe_i(DWORD aLength);
-    void SendMany_i(BOOL aCorked);
-    void Set_i(DWORD aOption, DWORD aValue);
-    void ChangeOption_i();
-    void NoteEnd_i(CmResult aReason);
+    void OnOptionSet(DWORD aOption, DWORD aValue) override;
+    void OnEnding(CmResult aReason) override;
     CSimWorld::CTicks& Ticks_i() const { return m_World.m_Ticks[{GetLocalAddr().GetPort(), GetPeerAddr().GetPort()}]; }
     void StartTimer_i(DWORD aSeconds);
     void Fired_i();
@@ -106,10 +93,7 @@ private:
     CSimWorld& m_World;
     CSimLink& m_Link;
     const BOOL m_bServer;
-    BOOL m_bPaused = FALSE;
-    BOOL m_bShy = FALSE;       // never acts of itself
     int64_t m_llUnpaused = 0;  // tick
     int64_t m_llTimer = -1;    // when its keep-alive timer was scheduled
     int64_t m_llInterval = 0;  // of that
-    int m_nDepth = 0;          // of deeds inside deeds
 };
