@@ -1,26 +1,43 @@
 #include "talvo/transport/tcp/connect_race.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <new>
 #include <utility>
+
+#include "talvo/base/clock.h"
 
 namespace talvo {
 
 namespace {
 
-constexpr long STAGGER_USEC = 250000;
+constexpr int64_t STAGGER_USEC = 250000;
+
+// TRUE: the failure is due to this machine or to aAddrLocal, not to the peer or the network.
+BOOL IsOwnFault(int aErrno) {
+    return aErrno == ENETUNREACH || aErrno == EAFNOSUPPORT || aErrno == EADDRNOTAVAIL || aErrno == EINVAL;
+}
 
 }  // namespace
 
 template <class TransportType>
-int CConnectRaceT<TransportType>::Start(std::vector<CCmInetAddr> aAddrs, const CCmInetAddr& aAddrLocal,
-                                        const CSocketSettings& aSockets, CCmRefPtrT<TransportType>& aTransport) {
-    Stop();
-    m_Attempts.reserve(aAddrs.size());
-    m_Addrs = std::move(aAddrs);
+int CConnectRaceT<TransportType>::Run(std::vector<CCmInetAddr> aAddrs, const CCmInetAddr& aAddrLocal,
+                                      const CSocketSettings& aSockets, CCmRefPtrT<TransportType>& aTransport) {
+    if (m_stNext == 0)
+        m_Failure = {};
     m_AddrLocal = aAddrLocal;
     m_Sockets = aSockets;
-    return StartNext_i(aTransport);
+    m_Addrs.resize(m_stNext);
+    for (CCmInetAddr& addr : aAddrs) {
+        const auto tried = m_Addrs.begin() + static_cast<ptrdiff_t>(m_stNext);
+        if (std::find(m_Addrs.begin(), tried, addr) == tried)
+            m_Addrs.push_back(std::move(addr));
+    }
+    m_Attempts.reserve(m_Addrs.size());
+    if (m_Attempts.empty())
+        return StartNext_i(aTransport);
+    ArmTimer_i();
+    return 1;
 }
 
 template <class TransportType>
@@ -38,12 +55,12 @@ int CConnectRaceT<TransportType>::StartNext_i(CCmRefPtrT<TransportType>& aTransp
         const CCmInetAddr& addr = m_Addrs[m_stNext++];
         std::unique_ptr<CAttempt> pAttempt(new (std::nothrow) CAttempt(m_pReactor, *this, m_pMaker));
         if (!pAttempt) {
-            m_Failure = CCmFailure(ENOMEM, "connect to", addr);
+            Note_i(CCmFailure(ENOMEM, "connect to", addr));
             continue;
         }
         const int nRv = pAttempt->Start(addr, m_AddrLocal, m_Sockets);
         if (nRv == -1) {
-            m_Failure = pAttempt->GetFailure();
+            Note_i(pAttempt->GetFailure());
             continue;
         }
         if (nRv == 0) {
@@ -51,11 +68,27 @@ int CConnectRaceT<TransportType>::StartNext_i(CCmRefPtrT<TransportType>& aTransp
             return 0;
         }
         m_Attempts.push_back(std::move(pAttempt));
-        if (m_stNext < m_Addrs.size())
-            m_pReactor->ScheduleTimer(this, nullptr, CCmTimeValue(0, STAGGER_USEC), 1);
+        m_llLastUsec = CCmClock::GetTimeOfDayUsec();
+        ArmTimer_i();
         return 1;
     }
     return -1;
+}
+
+// The next address starts 250 ms after the last one.
+template <class TransportType>
+void CConnectRaceT<TransportType>::ArmTimer_i() {
+    m_pReactor->CancelTimer(this);
+    if (m_stNext == m_Addrs.size())
+        return;
+    const int64_t llWait = m_llLastUsec + STAGGER_USEC - CCmClock::GetTimeOfDayUsec();
+    m_pReactor->ScheduleTimer(this, nullptr, CCmTimeValue::FromUsec(std::clamp<int64_t>(llWait, 0, STAGGER_USEC)), 1);
+}
+
+template <class TransportType>
+void CConnectRaceT<TransportType>::Note_i(const CCmFailure& aFailure) {
+    if (!m_Failure || !IsOwnFault(aFailure.GetErrno()))
+        m_Failure = aFailure;
 }
 
 template <class TransportType>
@@ -69,7 +102,7 @@ void CConnectRaceT<TransportType>::OnAttemptDone(CAttempt& aAttempt, int aError)
         Done_i(aAttempt.TakeTransport());
         return;
     }
-    m_Failure = aAttempt.GetFailure();
+    Note_i(aAttempt.GetFailure());
     std::erase_if(m_Attempts, [&](const std::unique_ptr<CAttempt>& a) { return a.get() == &aAttempt; });
     GoOn_i();
 }
@@ -84,7 +117,9 @@ void CConnectRaceT<TransportType>::GoOn_i() {
 
 template <class TransportType>
 void CConnectRaceT<TransportType>::Done_i(CCmRefPtrT<TransportType> aTransport) {
-    Stop();
+    if (aTransport)
+        Stop();
+    m_pReactor->CancelTimer(this);
     m_User.OnRaceDone(std::move(aTransport));  // last: the user may delete this race
 }
 

@@ -9,8 +9,8 @@
 namespace talvo {
 
 // Tries addresses in turn. The next one starts when the previous one has failed, or has not connected within 250 ms; handshakes
-// are a part of the connect. The first to connect wins and the others are closed. One race at a time, in the thread of its
-// reactor.
+// are a part of the connect. The first to connect wins and the others are closed. More addresses may join a race, also one
+// that has failed. One race at a time, in the thread of its reactor.
 template <class TransportType>
 class CConnectRaceT final : private ICmTimerHandler, private CConnectAttemptT<TransportType>::IOwner {
 public:
@@ -31,15 +31,17 @@ public:
     CConnectRaceT(const CConnectRaceT&) = delete;
     CConnectRaceT& operator=(const CConnectRaceT&) = delete;
 
-    // 0: aTransport (out) is connected. 1: in progress. -1: every address has failed at once, the last one's error in errno. A
-    // report follows only for 1. Throws std::bad_alloc, and may be started again.
-    int Start(std::vector<CCmInetAddr> aAddrs, const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets,
-              CCmRefPtrT<TransportType>& aTransport);
+    // Starts the race, or continues it with these addresses after those that were tried. 0: aTransport (out) is connected. 1:
+    // in progress. -1: no attempt is in progress, and every address has failed. A report follows only for 1. Throws
+    // std::bad_alloc; Stop it then.
+    int Run(std::vector<CCmInetAddr> aAddrs, const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets,
+            CCmRefPtrT<TransportType>& aTransport);
 
-    // The failure of the last address that failed.
+    // The failure of the last address that failed. One that could not even be tried from this machine does not replace
+    // another's failure.
     const CCmFailure& GetFailure() const { return m_Failure; }
 
-    // Ends all attempts; no report follows.
+    // Ends all attempts and forgets the addresses; no report follows.
     void Stop();
 
 private:
@@ -47,6 +49,8 @@ private:
 
     int StartNext_i(CCmRefPtrT<TransportType>& aTransport);
     void GoOn_i();
+    void ArmTimer_i();
+    void Note_i(const CCmFailure& aFailure);
     void Done_i(CCmRefPtrT<TransportType> aTransport);
 
     void OnAttemptDone(CAttempt& aAttempt, int aError) override;
@@ -59,6 +63,7 @@ private:
     CSocketSettings m_Sockets;
     std::vector<CCmInetAddr> m_Addrs;
     size_t m_stNext = 0;                                // the first address not yet tried
+    int64_t m_llLastUsec = 0;                           // when the last attempt started
     std::vector<std::unique_ptr<CAttempt>> m_Attempts;  // in progress
     CCmFailure m_Failure;
 };

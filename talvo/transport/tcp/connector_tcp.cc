@@ -13,7 +13,7 @@ std::unique_ptr<ACmConnectorInternal> CCmConnectorTcpT<TransportType>::Make(cons
 template <class TransportType>
 int CCmConnectorTcpT<TransportType>::ConnectTo_i(std::vector<CCmInetAddr> aAddrs) {
     CCmRefPtrT<TransportType> pTransport;
-    const int nRv = m_Race.Start(std::move(aAddrs), m_AddrLocal, m_Sockets.WithConfiguration(), pTransport);
+    const int nRv = m_Race.Run(std::move(aAddrs), m_AddrLocal, m_Sockets.WithConfiguration(), pTransport);
     if (nRv != 0) {
         m_Failure = m_Race.GetFailure();
         return nRv;
