@@ -43,8 +43,8 @@ private:
             return;
         }
         std::string strAddresses;
-        for (const DWORD dwAddr : aRecord.GetAddresses())
-            strAddresses += (strAddresses.empty() ? "" : " ") + CCmInetAddr::IpAddr4BytesToString(dwAddr);
+        for (const talvo::CIpBytes& ip : aRecord.GetAddresses())
+            strAddresses += (strAddresses.empty() ? "" : " ") + ip.GetText();
         const DWORD dwTtl = aRecord.GetTimeToLive();
         m_Console.Report(aRecord.GetName() + ": " + strAddresses + ", ttl " + std::to_string(dwTtl) + " s, from " + aSource,
                          JsonLine("resolved")

@@ -6,12 +6,14 @@
 
 #include "talvo/base/trace.h"
 #include "talvo/base/with_memory.h"
+#include "talvo/transport/destination_order.h"
 
 namespace talvo {
 
 int CResolvingConnector::Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal) {
     Close();
     m_Failure = {};
+    m_bTried = FALSE;
     return WithMemory_i(aAddr, [&] {
         m_AddrPeer = aAddr;
         m_AddrLocal = aAddrLocal ? *aAddrLocal : CCmInetAddr::s_InetAddrAny;
@@ -48,13 +50,17 @@ int CResolvingConnector::ConnectToName_i(const CCmString& aName) {
     return ReportLater_i(CM_ERROR_NETWORK_DNS_FAILURE);
 }
 
+// 1: in progress, or more addresses may come.
 int CResolvingConnector::ConnectToRecord_i(const CCmDnsRecord& aRecord) {
-    std::vector<CCmInetAddr> addrs(aRecord.GetAddresses().size(), m_AddrPeer);
+    const std::vector<CIpBytes> addresses = OrderDestinations(aRecord.GetAddresses());
+    std::vector<CCmInetAddr> addrs(addresses.size(), m_AddrPeer);
     for (size_t i = 0; i < addrs.size(); ++i) {
-        if (addrs[i].SetResolvedIpAddr(aRecord.GetAddresses()[i]) != CM_OK)
+        if (addrs[i].SetResolvedIpAddr(addresses[i]) != CM_OK)
             throw std::bad_alloc();
     }
-    return ConnectTo_i(std::move(addrs));
+    m_bTried = TRUE;
+    const int nRv = ConnectTo_i(std::move(addrs));
+    return nRv == -1 && m_Lookup.IsWaiting() ? 1 : nRv;
 }
 
 void CResolvingConnector::NameFailed_i(const CCmDnsRecord* aRecord, CmResult aReason) {
@@ -65,10 +71,11 @@ void CResolvingConnector::NameFailed_i(const CCmDnsRecord* aRecord, CmResult aRe
 
 // The attempt is now in progress, so an immediate failure is no longer a refusal by Connect.
 void CResolvingConnector::OnNameKnown(const CCmDnsRecord& aRecord) {
-    if (aRecord.GetState() == CCmDnsRecord::FAILED) {
+    const BOOL bFailed = aRecord.GetState() == CCmDnsRecord::FAILED;
+    if (bFailed && !m_bTried) {
         NameFailed_i(&aRecord, CM_OK);
         Report_i(CM_ERROR_NETWORK_DNS_FAILURE);
-    } else if (WithMemory_i(m_AddrPeer, [&] { return ConnectToRecord_i(aRecord); }) == -1) {
+    } else if (WithMemory_i(m_AddrPeer, [&] { return bFailed ? ConnectTo_i({}) : ConnectToRecord_i(aRecord); }) == -1) {
         ReportFailure_i();
     }
 }
@@ -91,6 +98,8 @@ void CResolvingConnector::OnTimeout(const CCmTimeValue&, void*) {
 }
 
 void CResolvingConnector::ReportFailure_i() {
+    if (m_Lookup.IsWaiting())
+        return;
     Report_i(m_Failure.GetErrno() == ENOMEM ? CM_ERROR_OUT_OF_MEMORY : CM_ERROR_NETWORK_CONNECT_ERROR);
 }
 

@@ -22,21 +22,24 @@ public:
     CmResult GetOption(DWORD aCommand, void* aArg) override { return m_Sockets.GetOption(aCommand, aArg); }
 
 protected:
-    // aClass: the connector's name in the trace.
-    CResolvingConnector(const CCmConnectorSettings& aSettings, const char* aClass)
-        : m_pReactor(aSettings.m_pReactor), m_pClass(aClass), m_Upper(*aSettings.m_pUpper) {}
+    // aClass: the connector's name in the trace. aEarly: ConnectTo_i can begin with the first addresses of a name.
+    CResolvingConnector(const CCmConnectorSettings& aSettings, const char* aClass, BOOL aEarly)
+        : m_pReactor(aSettings.m_pReactor), m_pClass(aClass), m_Upper(*aSettings.m_pUpper), m_Lookup(*this, aEarly) {}
     ~CResolvingConnector() override { CResolvingConnector::Close(); }
 
-    // Connects to one of m_AddrPeer's addresses. Results as Connect; before -1 it sets m_Failure. May throw std::bad_alloc: the
-    // attempt is closed then.
+    // Connects to one of m_AddrPeer's addresses, which are in the order to try. Results as Connect; before -1 it sets
+    // m_Failure. Called again with more addresses while the attempt has no connection and the servers answer; the earlier ones
+    // are among them. May throw std::bad_alloc: the attempt is closed then.
     virtual int ConnectTo_i(std::vector<CCmInetAddr> aAddrs) = 0;
 
     // Reports from a timer; CM_OK with m_pTransport. Results as Connect.
     int ReportLater_i(CmResult aReason);
     // The last step of an attempt: the upper connector may delete this one.
     void Report_i(CmResult aReason);
-    // Reports m_Failure.
+    // Reports m_Failure, unless more addresses may come.
     void ReportFailure_i();
+    // A connection needs no more addresses.
+    void StopLookUp_i() { m_Lookup.Cancel(); }
 
     const CHomeReactor m_pReactor;
     CCmInetAddr m_AddrPeer;                     // perhaps with a name
@@ -56,7 +59,8 @@ private:
 
     const char* const m_pClass;
     ACmConnectorUpper& m_Upper;
-    CNameLookup m_Lookup{*this};
+    CNameLookup m_Lookup;
+    BOOL m_bTried = FALSE;  // an address of the name
     BOOL m_bTimerArmed = FALSE;
     CmResult m_LaterReason = CM_OK;  // the reason that the timer reports
 };

@@ -23,11 +23,11 @@ public:
     std::atomic<DWORD> m_dwThread{0};  // of the last notification
 };
 
-// The dotted addresses of a record, separated by blanks.
+// The addresses of a record, separated by blanks.
 inline std::string TextOf(const DnsRecordPtr& aRecord) {
     std::string strText;
-    for (const DWORD dwAddr : aRecord->GetAddresses())
-        strText += (strText.empty() ? "" : " ") + CCmInetAddr::IpAddr4BytesToString(dwAddr);
+    for (const talvo::CIpBytes& ip : aRecord->GetAddresses())
+        strText += (strText.empty() ? "" : " ") + ip.GetText();
     return strText;
 }
 
@@ -91,7 +91,7 @@ protected:
             return pRecord;
         EXPECT_EQ(CM_ERROR_WOULD_BLOCK, rv);
         RunUntil([&] { return !observer.m_Records.empty(); });
-        return observer.m_Records.empty() ? new CCmDnsRecord(aName, {}, 0, "no answer") : observer.m_Records.front();
+        return observer.m_Records.empty() ? new CCmDnsRecord(aName, {}) : observer.m_Records.front();
     }
 
     CCmFakeClock m_Clock;

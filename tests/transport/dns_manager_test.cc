@@ -107,5 +107,5 @@ TEST_F(DnsManagerTest, TheEndOfTheNetworkThreadIsAFailureThatIsNotKept) {
 
     // The next network thread takes over.
     ASSERT_NE(nullptr, CCmConnectionManager::Instance());
-    EXPECT_EQ("127.0.0.1", TextOf(Resolve("localhost")));
+    EXPECT_EQ("::1 127.0.0.1", TextOf(Resolve("localhost")));
 }

@@ -38,6 +38,20 @@ TEST_F(DnsServerTest, AnswersAreKeptForTheirTimeAndAskedForAnewBehindIt) {
     EXPECT_EQ("10.0.0.8", TextOf(Resolve("one.test")));
 }
 
+TEST_F(DnsServerTest, TheKeyAllowsOneFamily) {
+    WriteHosts("10.0.0.2 file.test\n::2 file.test\n10.0.0.1 six.test\n");
+    m_Server.Start("10.0.0.1 both.test\n2001:db8::1 both.test\n2001:db8::2 both.test\n2001:db8::3 six.test\n");
+    m_Keys["Servers"] = m_Server.GetAddress();
+    for (const auto& [pFamily, pBoth, pFile, pSix] : {std::tuple("4", "10.0.0.1", "10.0.0.2", "10.0.0.1"),
+                                                      std::tuple("6", "2001:db8::1 2001:db8::2", "::2", "2001:db8::3")}) {
+        m_Keys["AddressFamily"] = pFamily;
+        Configure();
+        EXPECT_EQ(pBoth, TextOf(Resolve("both.test")));
+        EXPECT_EQ(pFile, TextOf(Resolve("file.test")));
+        EXPECT_EQ(pSix, TextOf(Resolve("six.test")));
+    }
+}
+
 TEST_F(DnsServerTest, AnAnswerTooLongForADatagramComesWhole) {
     std::string strNames;
     for (int i = 1; i <= 200; ++i)

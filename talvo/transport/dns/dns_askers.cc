@@ -9,18 +9,32 @@ BOOL CDnsAskers::Begin(const CCmString& aName, const CCmRefPtrT<CCmDnsRecord>& a
     return m_ByName.try_emplace(aName, CLookUp{{}, aNoMemory}).second;
 }
 
-BOOL CDnsAskers::Add(const CCmString& aName, ICmObserver* aObserver, CCmRefPtrT<CCmThreadLink> aLink,
-                     std::unique_ptr<ICmEvent> aTell) {
+BOOL CDnsAskers::Add(CAsker aAsker) {
     const uint64_t ullId = ++m_ullLastId;
     try {
-        m_Askers.emplace(ullId, CAsker{aObserver, std::move(aLink), aName, std::move(aTell)});
-        m_ByObserver.emplace(aObserver, ullId);
-        m_ByName.at(aName).m_Askers.insert(ullId);
+        const CAsker& asker = m_Askers.emplace(ullId, std::move(aAsker)).first->second;
+        m_ByObserver.emplace(asker.m_pObserver, ullId);
+        m_ByName.at(asker.m_strName).m_Askers.insert(ullId);
     } catch (const std::bad_alloc&) {
         Take(ullId);
         return FALSE;
     }
     return TRUE;
+}
+
+CDnsAskers::CLookUp CDnsAskers::TakeEarly(const CCmString& aName) {
+    const auto found = m_ByName.find(aName);
+    if (found == m_ByName.end())
+        return {};
+    CLookUp early{{}, found->second.m_pNoMemory};
+    std::set<uint64_t>& askers = found->second.m_Askers;
+    for (auto i = askers.begin(); i != askers.end();) {
+        const auto next = std::next(i);
+        if (m_Askers.at(*i).m_bEarly)
+            early.m_Askers.insert(askers.extract(i));
+        i = next;
+    }
+    return early;
 }
 
 CDnsAskers::CLookUp CDnsAskers::End(const CCmString& aName) {

@@ -23,6 +23,7 @@ public:
         ICmObserver* m_pObserver;           // not owned: cancels before it is deleted
         CCmRefPtrT<CCmThreadLink> m_pLink;  // the thread in which it is called
         CCmString m_strName;
+        BOOL m_bEarly;                      // called when the first answer has come
         std::unique_ptr<ICmEvent> m_pTell;  // carries the record to it; null: in flight
     };
     struct CLookUp {
@@ -32,9 +33,12 @@ public:
 
     // TRUE: the look-up of aName is new. Throws std::bad_alloc.
     BOOL Begin(const CCmString& aName, const CCmRefPtrT<CCmDnsRecord>& aNoMemory);
-    // Adds an observer to the look-up of aName; aTell will carry the record to it. FALSE: memory ran out.
-    BOOL Add(const CCmString& aName, ICmObserver* aObserver, CCmRefPtrT<CCmThreadLink> aLink, std::unique_ptr<ICmEvent> aTell);
+    BOOL IsUnderWay(const CCmString& aName) const { return m_ByName.contains(aName); }
+    // Adds aAsker to the look-up of its name. FALSE: memory ran out.
+    BOOL Add(CAsker aAsker);
 
+    // Removes the early askers from the look-up of aName; they get a record of their own.
+    CLookUp TakeEarly(const CCmString& aName);
     // Ends the look-up of aName, or any one. Without m_pNoMemory in the result there was no look-up.
     CLookUp End(const CCmString& aName);
     CLookUp EndAny();

@@ -1,20 +1,17 @@
 #include "talvo/transport/dns/dns_cache.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "talvo/base/clock.h"
 #include "talvo/base/with_memory.h"
 
-CCmRefPtrT<CCmDnsRecord> CCmDnsCache::MakeRecord(const CCmString& aName, talvo::CDnsAnswer aAnswer) {
-    if (aAnswer.m_Addresses.size() > MAX_ADDRESSES)
-        aAnswer.m_Addresses.resize(MAX_ADDRESSES);
-    const BOOL bFailed = aAnswer.m_Addresses.empty();
-    const DWORD dwTtl = bFailed ? FAILURE_TTL : std::clamp(aAnswer.m_dwTtl, MIN_TTL, MAX_TTL);
-    const int64_t llExpiry = CCmClock::GetTimeOfDayUsec() + int64_t{dwTtl} * 1000000;
-    return new CCmDnsRecord(aName, std::move(aAnswer.m_Addresses), llExpiry, bFailed ? aAnswer.m_strReason : "",
-                            bFailed && aAnswer.m_bNoSuchName);
+namespace {
+
+BOOL HasLiveAddress(const talvo::CDnsAnswer& aAnswer) {
+    return aAnswer.IsFound() && aAnswer.m_llExpiryUsec > CCmClock::GetTimeOfDayUsec();
 }
+
+}  // namespace
 
 void CCmDnsCache::Add(CCmRefPtrT<CCmDnsRecord> aRecord) {
     const auto found = m_Index.find(aRecord->GetName());
@@ -34,11 +31,27 @@ CCmRefPtrT<CCmDnsRecord> CCmDnsCache::Find(const CCmString& aName) {
         return nullptr;
     const Records::iterator position = found->second;
     if ((*position)->GetExpiryUsec() <= CCmClock::GetTimeOfDayUsec()) {
-        Remove_i(position);
+        const talvo::CDnsAnswers& answers = (*position)->GetAnswers();
+        if (!HasLiveAddress(answers.m_Ipv4) && !HasLiveAddress(answers.m_Ipv6))
+            Remove_i(position);
         return nullptr;
     }
     m_Records.splice(m_Records.begin(), m_Records, position);
     return *position;
+}
+
+talvo::CDnsAnswers CCmDnsCache::FindRest(const CCmString& aName) const {
+    talvo::CDnsAnswers rest;
+    const auto found = m_Index.find(aName);
+    if (found == m_Index.end())
+        return rest;
+    const talvo::CDnsAnswers& answers = (*found->second)->GetAnswers();
+    if (HasLiveAddress(answers.m_Ipv4))
+        rest.m_Ipv4 = answers.m_Ipv4;
+    if (HasLiveAddress(answers.m_Ipv6))
+        rest.m_Ipv6 = answers.m_Ipv6;
+    rest.m_strFound = answers.m_strFound;
+    return rest;
 }
 
 void CCmDnsCache::Clear() {

@@ -1,9 +1,12 @@
 #include "talvo/transport/dns/dns_channel.h"
 
 #include <ares.h>
-#include <netinet/in.h>
+#include <arpa/nameser.h>
 
 #include <algorithm>
+#include <cstring>
+#include <new>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -21,30 +24,52 @@ constexpr const char* NO_CHANNEL = "the resolver could not be started";
 
 DWORD TtlOf(int aSeconds) { return static_cast<DWORD>(std::max(aSeconds, 0)); }
 
-CDnsAnswer AnswerOf(const ares_addrinfo& aInfo) {
-    CDnsAnswer answer;
-    answer.m_dwTtl = CCmDnsCache::MAX_TTL;
-    for (const ares_addrinfo_cname* p = aInfo.cnames; p; p = p->next)
-        answer.m_dwTtl = std::min(answer.m_dwTtl, TtlOf(p->ttl));
-    for (const ares_addrinfo_node* p = aInfo.nodes; p; p = p->ai_next) {
-        if (p->ai_family != AF_INET)
-            continue;
-        answer.m_dwTtl = std::min(answer.m_dwTtl, TtlOf(p->ai_ttl));
-        answer.m_Addresses.push_back(reinterpret_cast<const sockaddr_in*>(p->ai_addr)->sin_addr.s_addr);
-    }
-    return answer;
+CIpBytes IpOf(const ares_addrttl& aAddress) { return CIpBytes::OfIpv4(aAddress.ipaddr.s_addr); }
+
+CIpBytes IpOf(const ares_addr6ttl& aAddress) {
+    in6_addr ip;
+    std::memcpy(&ip, &aAddress.ip6addr, sizeof ip);
+    return CIpBytes::OfIpv6(ip);
 }
 
-CDnsAnswer AnswerOf(int aStatus, const ares_addrinfo* aInfo) {
+// aParse reads the addresses of one family, with the shortest time to live of each and its aliases.
+template <class Address>
+int ParseAddresses(int (*aParse)(const unsigned char*, int, hostent**, Address*, int*), const unsigned char* aReply,
+                   int aLength, CDnsAnswer& aAnswer) {
+    Address found[CDnsAnswer::MAX_ADDRESSES];
+    int nFound = CDnsAnswer::MAX_ADDRESSES;
+    const int nStatus = aParse(aReply, aLength, nullptr, found, &nFound);
+    if (nStatus != ARES_SUCCESS || nFound <= 0)
+        return nStatus == ARES_SUCCESS ? ARES_ENODATA : nStatus;
+    std::vector<CIpBytes> addresses;
+    DWORD dwTtl = CDnsAnswer::MAX_TTL;
+    for (const Address& address : std::span(found, static_cast<size_t>(nFound))) {
+        addresses.push_back(IpOf(address));
+        dwTtl = std::min(dwTtl, TtlOf(address.ttl));
+    }
+    aAnswer = CDnsAnswer::Found(std::move(addresses), dwTtl);
+    return ARES_SUCCESS;
+}
+
+EDnsAnswer StateOf(int aStatus) {
+    if (aStatus == ARES_ENODATA)
+        return EDnsAnswer::NO_DATA;
+    return aStatus == ARES_ENOTFOUND || aStatus == ARES_EBADNAME ? EDnsAnswer::NO_NAME : EDnsAnswer::FAILED;
+}
+
+CDnsAnswer AnswerOf(BYTE aFamily, int aStatus, const unsigned char* aReply, int aLength) {
     CDnsAnswer answer;
-    if (aStatus == ARES_SUCCESS && aInfo)
-        answer = AnswerOf(*aInfo);
-    if (!answer.m_Addresses.empty())
-        return answer;
-    const int nStatus = aStatus == ARES_SUCCESS ? ARES_ENODATA : aStatus;
-    answer.m_strReason = ares_strerror(nStatus);
-    answer.m_bNoSuchName = nStatus == ARES_ENODATA || nStatus == ARES_ENOTFOUND || nStatus == ARES_EBADNAME;
-    return answer;
+    if (aStatus == ARES_SUCCESS)
+        aStatus = aFamily == 4 ? ParseAddresses(ares_parse_a_reply, aReply, aLength, answer)
+                               : ParseAddresses(ares_parse_aaaa_reply, aReply, aLength, answer);
+    return aStatus == ARES_SUCCESS ? answer : CDnsAnswer::None(StateOf(aStatus), ares_strerror(aStatus));
+}
+
+// Servers know no names of this domain, and must not see them (RFC 7686).
+BOOL IsHidden(std::string_view aName) {
+    if (aName.ends_with('.'))
+        aName.remove_suffix(1);
+    return aName == "onion" || aName.ends_with(".onion");
 }
 
 }  // namespace
@@ -53,39 +78,45 @@ CDnsAnswer AnswerOf(int aStatus, const ares_addrinfo* aInfo) {
 // the function has returned, as the last action, because the user may destroy the channel.
 class CDnsChannel::CImpl : private ICmTimerHandler {
 public:
-    CImpl(ICmReactor& aReactor, IDnsChannelUser& aUser, const CDnsSettings& aSettings) : m_Reactor(aReactor), m_User(aUser) {
+    CImpl(ICmReactor& aReactor, IDnsChannelUser& aUser, const CDnsSettings& aSettings, BYTE aFamily)
+        : m_Reactor(aReactor), m_User(aUser), m_byFamily(aFamily) {
         Open_i(aSettings);
     }
     ~CImpl() override;
 
-    BOOL Query(const CCmString& aName);
+    std::vector<CCmString> GetFullNames(const CCmString& aName) const;
+    BOOL Query(const CDnsQuestion& aQuestion, const CCmString& aFullName);
     void Process(HANDLE aRead, HANDLE aWrite);
     void OnSocketClosed(HANDLE aFd);
 
 private:
-    // One question under way; Query creates it, its answer deletes it.
-    struct CQuestion {
+    // One question under way; Query creates it, its reply deletes it.
+    struct CUnderWay {
         CImpl& m_Impl;
-        CCmString m_strName;
+        CDnsQuestion m_Question;
     };
     class CSocket;
 
-    static void OnAnswer(void* aQuestion, int aStatus, int aTimeouts, ares_addrinfo* aInfo);
+    static void OnReply(void* aUnderWay, int aStatus, int aTimeouts, unsigned char* aReply, int aLength);
     static void OnSocketState(void* aThis, ares_socket_t aFd, int aReadable, int aWritable);
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
 
     void Open_i(const CDnsSettings& aSettings);
-    void SetServers_i(const CCmString& aServers);
+    void SetServers_i(const CDnsSettings& aSettings);
+    void LoadSearch_i();
     void Watch_i(HANDLE aFd, long aMask);
     BOOL ArmTimer_i();
     void Finish_i();
 
     ICmReactor& m_Reactor;
     IDnsChannelUser& m_User;
-    ares_channel m_pChannel = nullptr;  // owned; null: it could not be created
+    const BYTE m_byFamily;
+    std::unique_ptr<ares_channeldata, decltype(&ares_destroy)> m_pChannel{nullptr, &ares_destroy};  // null: not created
     std::unordered_map<HANDLE, std::unique_ptr<CSocket>> m_Sockets;
-    std::vector<CDnsNamedAnswer> m_Answers;  // not passed to the user yet
-    BOOL m_bNoMemory = FALSE;                // for an answer
+    std::vector<CCmString> m_Domains;  // to search
+    size_t m_stDots = 1;               // a name with so many is tried as it is first
+    std::vector<CDnsReply> m_Replies;  // not passed to the user yet
+    BOOL m_bNoMemory = FALSE;          // for a reply
 };
 
 // One of the resolver library's sockets, which that library opens and closes.
@@ -128,52 +159,74 @@ void CDnsChannel::CImpl::Open_i(const CDnsSettings& aSettings) {
     options.resolvconf_path = strResolverFile.data();
     options.sock_state_cb = OnSocketState;
     options.sock_state_cb_data = this;
+    ares_channel pChannel = nullptr;
     const int nRv = s_nLibrary != ARES_SUCCESS
                         ? s_nLibrary
-                        : ares_init_options(&m_pChannel, &options,
+                        : ares_init_options(&pChannel, &options,
                                             ARES_OPT_FLAGS | ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_LOOKUPS |
                                                 ARES_OPT_RESOLVCONF | ARES_OPT_SOCK_STATE_CB);
     if (nRv != ARES_SUCCESS) {
         CM_ERROR_TRACE_THIS("CDnsChannel::Open_i, ares_init_options() failed! err=" << ares_strerror(nRv));
-        m_pChannel = nullptr;
         return;
     }
-    SetServers_i(aSettings.m_strServers);
+    m_pChannel.reset(pChannel);
+    SetServers_i(aSettings);
+    LoadSearch_i();
 }
 
-void CDnsChannel::CImpl::SetServers_i(const CCmString& aServers) {
-    if (aServers.empty())
+void CDnsChannel::CImpl::LoadSearch_i() {
+    ares_options options{};
+    int nMask = 0;
+    if (ares_save_options(m_pChannel.get(), &options, &nMask) == ARES_ENOMEM)
+        throw std::bad_alloc();
+    const std::unique_ptr<ares_options, decltype(&ares_destroy_options)> pOptions(&options, &ares_destroy_options);
+    m_Domains.assign(options.domains, options.domains + std::max(options.ndomains, 0));
+    m_stDots = static_cast<size_t>(std::max(options.ndots, 0));
+}
+
+void CDnsChannel::CImpl::SetServers_i(const CDnsSettings& aSettings) {
+    if (aSettings.m_strServers.empty())
         return;
-    const int nRv = ares_set_servers_ports_csv(m_pChannel, aServers.c_str());
-    if (nRv != ARES_SUCCESS)
-        CM_WARNING_TRACE_THIS("CDnsChannel::SetServers_i, not a list of servers, ignored. Servers=" << aServers);
+    const int nRv = ares_set_servers_ports_csv(m_pChannel.get(), aSettings.m_strServers.c_str());
+    const BOOL bIsFirst = m_byFamily == 4 || !aSettings.AsksForIpv4();  // one line for both channels
+    if (nRv != ARES_SUCCESS && bIsFirst)
+        CM_WARNING_TRACE_THIS("CDnsChannel::SetServers_i, not a list of servers, ignored. Servers=" << aSettings.m_strServers);
 }
 
 CDnsChannel::CImpl::~CImpl() {
-    if (m_pChannel)
-        ares_destroy(m_pChannel);  // calls back for every question and socket
+    m_pChannel.reset();  // calls back for every question and socket
     m_Sockets.clear();
     m_Reactor.CancelTimer(this);
 }
 
-BOOL CDnsChannel::CImpl::Query(const CCmString& aName) {
-    if (m_pChannel) {
-        ares_addrinfo_hints hints{};
-        hints.ai_family = AF_INET;
-        hints.ai_flags = ARES_AI_NOSORT;  // the order of the answer; sorting would open sockets
-        ares_getaddrinfo(m_pChannel, aName.c_str(), nullptr, &hints, OnAnswer, new CQuestion{*this, aName});
-    } else {
-        m_Answers.push_back({aName, {{}, 0, NO_CHANNEL}});
-    }
+std::vector<CCmString> CDnsChannel::CImpl::GetFullNames(const CCmString& aName) const {
+    if (aName.ends_with('.'))
+        return {aName};
+    std::vector<CCmString> names;
+    for (const CCmString& strDomain : m_Domains)
+        names.push_back(aName + (strDomain == "." ? "" : ".") + strDomain);
+    const auto stDots = static_cast<size_t>(std::count(aName.begin(), aName.end(), '.'));
+    names.insert(stDots >= m_stDots ? names.begin() : names.end(), aName);
+    return names;
+}
+
+BOOL CDnsChannel::CImpl::Query(const CDnsQuestion& aQuestion, const CCmString& aFullName) {
+    if (!m_pChannel)
+        m_Replies.push_back({aQuestion, m_byFamily, CDnsAnswer::None(EDnsAnswer::FAILED, NO_CHANNEL)});
+    else if (IsHidden(aFullName))
+        m_Replies.push_back({aQuestion, m_byFamily, CDnsAnswer::None(EDnsAnswer::NO_NAME, ares_strerror(ARES_ENOTFOUND))});
+    else
+        ares_query(m_pChannel.get(), aFullName.c_str(), ns_c_in, m_byFamily == 4 ? ns_t_a : ns_t_aaaa, OnReply,
+                   new CUnderWay{*this, aQuestion});
     return ArmTimer_i();
 }
 
-void CDnsChannel::CImpl::OnAnswer(void* aQuestion, int aStatus, int, ares_addrinfo* aInfo) {
-    const std::unique_ptr<CQuestion> pQuestion(static_cast<CQuestion*>(aQuestion));
-    const std::unique_ptr<ares_addrinfo, decltype(&ares_freeaddrinfo)> pInfo(aInfo, &ares_freeaddrinfo);
-    CImpl& impl = pQuestion->m_Impl;
+void CDnsChannel::CImpl::OnReply(void* aUnderWay, int aStatus, int, unsigned char* aReply, int aLength) {
+    const std::unique_ptr<CUnderWay> pUnderWay(static_cast<CUnderWay*>(aUnderWay));
+    CImpl& impl = pUnderWay->m_Impl;
     if (aStatus != ARES_EDESTRUCTION && !WithMemory([&] {
-            impl.m_Answers.push_back({pQuestion->m_strName, AnswerOf(aStatus, aInfo)});
+            impl.m_Replies.push_back(
+                {pUnderWay->m_Question, impl.m_byFamily, AnswerOf(impl.m_byFamily, aStatus, aReply, aLength)});
         }))
         impl.m_bNoMemory = TRUE;
 }
@@ -204,14 +257,14 @@ void CDnsChannel::CImpl::Watch_i(HANDLE aFd, long aMask) {
 }
 
 void CDnsChannel::CImpl::Process(HANDLE aRead, HANDLE aWrite) {
-    ares_process_fd(m_pChannel, aRead, aWrite);
+    ares_process_fd(m_pChannel.get(), aRead, aWrite);
     Finish_i();
 }
 
 // The reactor has removed the handler. The library detects the cause when it uses the socket; if it keeps the socket, it is
 // watched again.
 void CDnsChannel::CImpl::OnSocketClosed(HANDLE aFd) {
-    ares_process_fd(m_pChannel, aFd, aFd);
+    ares_process_fd(m_pChannel.get(), aFd, aFd);
     const auto found = m_Sockets.find(aFd);
     if (found != m_Sockets.end())
         Watch_i(aFd, found->second->m_lMask);
@@ -220,7 +273,7 @@ void CDnsChannel::CImpl::OnSocketClosed(HANDLE aFd) {
 
 void CDnsChannel::CImpl::OnTimeout(const CCmTimeValue&, void*) {
     if (m_pChannel)
-        ares_process_fd(m_pChannel, ARES_SOCKET_BAD, ARES_SOCKET_BAD);
+        ares_process_fd(m_pChannel.get(), ARES_SOCKET_BAD, ARES_SOCKET_BAD);
     Finish_i();
 }
 
@@ -228,9 +281,9 @@ void CDnsChannel::CImpl::OnTimeout(const CCmTimeValue&, void*) {
 BOOL CDnsChannel::CImpl::ArmTimer_i() {
     timeval next{};
     CmResult rv = CM_OK;
-    if (!m_Answers.empty() || m_bNoMemory)
+    if (!m_Replies.empty() || m_bNoMemory)
         rv = m_Reactor.ScheduleTimer(this, nullptr, CCmTimeValue::s_tvZero, 1);
-    else if (m_pChannel && ares_timeout(m_pChannel, nullptr, &next))
+    else if (m_pChannel && ares_timeout(m_pChannel.get(), nullptr, &next))
         rv = m_Reactor.ScheduleTimer(this, nullptr, CCmTimeValue::FromUsec(CCmTimeValue(next).GetTotalInUsec() + 1000), 1);
     else
         m_Reactor.CancelTimer(this);
@@ -239,19 +292,23 @@ BOOL CDnsChannel::CImpl::ArmTimer_i() {
 
 // The last action of every turn, see above.
 void CDnsChannel::CImpl::Finish_i() {
-    std::vector<CDnsNamedAnswer> answers = std::exchange(m_Answers, {});
+    std::vector<CDnsReply> replies = std::exchange(m_Replies, {});
     const BOOL bNoMemory = std::exchange(m_bNoMemory, FALSE);
     if (!ArmTimer_i() || bNoMemory)
         m_User.OnDnsNoMemory();
-    else if (!answers.empty())
-        m_User.OnDnsAnswers(std::move(answers));
+    else if (!replies.empty())
+        m_User.OnDnsReplies(std::move(replies));
 }
 
-CDnsChannel::CDnsChannel(ICmReactor& aReactor, IDnsChannelUser& aUser, const CDnsSettings& aSettings)
-    : m_pImpl(std::make_unique<CImpl>(aReactor, aUser, aSettings)) {}
+CDnsChannel::CDnsChannel(ICmReactor& aReactor, IDnsChannelUser& aUser, const CDnsSettings& aSettings, BYTE aFamily)
+    : m_pImpl(std::make_unique<CImpl>(aReactor, aUser, aSettings, aFamily)) {}
 
 CDnsChannel::~CDnsChannel() = default;
 
-BOOL CDnsChannel::Query(const CCmString& aName) { return m_pImpl->Query(aName); }
+std::vector<CCmString> CDnsChannel::GetFullNames(const CCmString& aName) const { return m_pImpl->GetFullNames(aName); }
+
+BOOL CDnsChannel::Query(const CDnsQuestion& aQuestion, const CCmString& aFullName) {
+    return m_pImpl->Query(aQuestion, aFullName);
+}
 
 }  // namespace talvo

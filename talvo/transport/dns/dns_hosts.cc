@@ -1,6 +1,5 @@
 #include "talvo/transport/dns/dns_hosts.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -76,18 +75,19 @@ void CDnsHosts::Parse(std::string_view aText) {
 
 void CDnsHosts::ParseLine_i(std::string_view aLine) {
     aLine = aLine.substr(0, aLine.find('#'));
-    in_addr address{};
-    if (inet_pton(AF_INET, CCmString(TakeWord(aLine)).c_str(), &address) != 1)
+    CIpBytes address;
+    if (!CIpBytes::Parse(TakeWord(aLine), address))
         return;
     for (std::string_view strName = TakeWord(aLine); !strName.empty(); strName = TakeWord(aLine)) {
-        std::vector<DWORD>& addresses = m_Names[ToLower(WithoutDot(strName))];
-        if (std::find(addresses.begin(), addresses.end(), address.s_addr) == addresses.end())
-            addresses.push_back(address.s_addr);
+        std::vector<CIpBytes>& addresses = m_Names[ToLower(WithoutDot(strName))];
+        if (std::find(addresses.begin(), addresses.end(), address) == addresses.end())
+            addresses.push_back(address);
     }
 }
 
-const std::vector<DWORD>* CDnsHosts::Find(std::string_view aName) const {
-    static const std::vector<DWORD>& s_Loopback = *new std::vector<DWORD>{htonl(INADDR_LOOPBACK)};
+const std::vector<CIpBytes>* CDnsHosts::Find(std::string_view aName) const {
+    static const std::vector<CIpBytes>& s_Loopback =
+        *new std::vector<CIpBytes>{CIpBytes::OfIpv6(in6addr_loopback), CIpBytes::OfIpv4(htonl(INADDR_LOOPBACK))};
     const std::string_view strName = WithoutDot(aName);
     const auto found = m_Names.find(CCmString(strName));
     if (found != m_Names.end())

@@ -5,13 +5,13 @@
 #include <unordered_map>
 #include <vector>
 
+#include "talvo/base/ip_bytes.h"
 #include "talvo/base/result.h"
-#include "talvo/base/types.h"
 
 namespace talvo {
 
-// Lines of an IPv4 address and its names; '#' begins a comment, and lines with other addresses are skipped. A name on several
-// lines has all their addresses. Names are compared case-insensitively and without a dot at the end.
+// Lines of an address and its names; '#' begins a comment, and lines that begin otherwise are skipped. A name on several lines
+// has all their addresses. Names are compared case-insensitively and without a dot at the end.
 class TALVO_API CDnsHosts {
 public:
     static constexpr size_t MAX_FILE_LENGTH = 1 << 20;  // bytes
@@ -21,14 +21,13 @@ public:
     CmResult Load(const CCmString& aPath);
     void Parse(std::string_view aText);
 
-    // Addresses in network byte order; null: none. "localhost" and names below it are 127.0.0.1 unless the file has them. aName
-    // is in lower case.
-    const std::vector<DWORD>* Find(std::string_view aName) const;
+    // Null: none. "localhost" and names below it are ::1 and 127.0.0.1 unless the file has them. aName is in lower case.
+    const std::vector<CIpBytes>* Find(std::string_view aName) const;
 
 private:
     void ParseLine_i(std::string_view aLine);
 
-    std::unordered_map<CCmString, std::vector<DWORD>> m_Names;
+    std::unordered_map<CCmString, std::vector<CIpBytes>> m_Names;
 };
 
 // A name in the form for comparison: in lower case.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <new>
 
 #include "talvo/base/inet_addr.h"
 #include "talvo/base/with_memory.h"
@@ -18,6 +19,15 @@ BOOL IsName(const CCmString& aName) {
     const size_t stLength = aName.size() - (aName.ends_with('.') ? 1 : 0);
     return stLength > 0 && stLength <= CCmDnsManager::MAX_NAME_LENGTH &&
            std::none_of(aName.begin(), aName.end(), [](unsigned char c) { return c <= ' ' || c == 0x7F; });
+}
+
+// No address: aName is a host name.
+talvo::CIpBytes ParseLiteral(const CCmString& aName) {
+    CCmInetAddr addr;
+    const CmResult rv = addr.SetIpAddrByString(aName.c_str());
+    if (rv == CM_ERROR_OUT_OF_MEMORY)
+        throw std::bad_alloc();
+    return rv == CM_OK ? addr.GetIpBytes() : talvo::CIpBytes();
 }
 
 }  // namespace
@@ -42,6 +52,11 @@ CCmDnsManager* CCmDnsManager::Instance() {
 
 CmResult CCmDnsManager::AsyncResolve(CCmDnsRecord*& aRecord, const CCmString& aHostName, ICmObserver* aObserver, BOOL aForced,
                                      ACmThread* aThread) {
+    return Resolve_i(aRecord, aHostName, aObserver, aForced ? talvo::EDnsWait::FORCED : talvo::EDnsWait::READY, aThread);
+}
+
+CmResult CCmDnsManager::Resolve_i(CCmDnsRecord*& aRecord, const CCmString& aHostName, ICmObserver* aObserver,
+                                  talvo::EDnsWait aWait, ACmThread* aThread) {
     aRecord = nullptr;
     if (!IsName(aHostName))
         return CM_ERROR_INVALID_ARG;
@@ -49,11 +64,11 @@ CmResult CCmDnsManager::AsyncResolve(CCmDnsRecord*& aRecord, const CCmString& aH
     CmResult rv = CM_OK;
     const BOOL bMemory = talvo::WithMemory([&] {
         const CCmString strName = talvo::ToLower(aHostName);
-        DWORD dwAddr;
-        if (CCmInetAddr::IpAddrStringTo4Bytes(strName.c_str(), dwAddr))
-            pRecord = CCmDnsCache::MakeRecord(strName, {{dwAddr}, CCmDnsCache::MAX_TTL, ""});
+        const talvo::CIpBytes ip = ParseLiteral(strName);
+        if (ip)
+            pRecord = new CCmDnsRecord(strName, talvo::CDnsAnswers::Of({ip}, talvo::CDnsAnswer::MAX_TTL));
         else
-            rv = m_pState->Resolve(pRecord, strName, aObserver, aForced, aThread);
+            rv = m_pState->Resolve(pRecord, strName, aObserver, aWait, aThread);
     });
     aRecord = pRecord.Detach();
     return bMemory ? rv : CM_ERROR_OUT_OF_MEMORY;
@@ -70,7 +85,7 @@ void CCmDnsManager::Refresh() {
 CmResult CCmDnsManager::ResolveFromCache(const CCmString& aName, talvo::CIpBytes& aIp) {
     CCmRefPtrT<CCmDnsRecord> pRecord;
     const CmResult rv = AsyncResolve(pRecord.ParaOut(), aName);
-    if (pRecord && pRecord->GetState() == CCmDnsRecord::RESOLVED)
-        aIp = talvo::CIpBytes::OfIpv4(pRecord->GetFirstAddress());
+    if (pRecord)
+        aIp = pRecord->GetFirstIp();
     return rv;
 }

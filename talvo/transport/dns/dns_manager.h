@@ -11,10 +11,12 @@ class ACmThread;
 
 namespace talvo {
 class CDnsState;
-}
+class CNameLookup;
+enum class EDnsWait;
+}  // namespace talvo
 
-// Resolves names to IPv4 addresses with a cache. The network thread asks the hosts file and the servers; no thread blocks on
-// them. Any thread may call all operations. docs/names.md describes the sources and the lifetimes of answers.
+// Resolves names to IPv4 and IPv6 addresses with a cache. The network thread asks the hosts file and the servers; no thread
+// blocks on them. Any thread may call all operations. docs/names.md describes the sources and the lifetimes of answers.
 class TALVO_API CCmDnsManager : public CCmCleanUpBase, public ICmNameResolver {
 public:
     static constexpr size_t MAX_NAME_LENGTH = 253;  // without the dot that may end a name
@@ -29,7 +31,8 @@ public:
     // prevents that.
     //
     // CM_OK: aRecord (out) is the cached record with a reference for the caller. Check its state: the name may have no address.
-    // The observer is not called.
+    // The observer is not called. Both families are asked at the same time. If one answers with addresses, the record waits
+    // 50 ms for the other, and is partial after that.
     // CM_ERROR_WOULD_BLOCK: a look-up is under way, shared by all requests for that name. aObserver, if there is one, is called
     // once for each such call: OnObserve(TOPIC, record), where record is a CCmDnsRecord* that is valid during the call. The
     // call comes from the loop of aThread, or of the calling thread if that is null. Inside it the observer may request again
@@ -52,12 +55,18 @@ public:
     // second of the next request.
     void Refresh();
 
-    // AsyncResolve without an observer. aAddr (out): the record's first address.
+    // AsyncResolve without an observer. aIp (out): the record's first IPv4 address, or else its first IPv6 address: an address
+    // that is completed stands alone, and IPv4 works on more machines.
     CmResult ResolveFromCache(const CCmString& aName, talvo::CIpBytes& aIp) override;
 
 private:
+    friend class talvo::CNameLookup;
+
     CCmDnsManager();
     ~CCmDnsManager() override;
+
+    CmResult Resolve_i(CCmDnsRecord*& aRecord, const CCmString& aHostName, ICmObserver* aObserver, talvo::EDnsWait aWait,
+                       ACmThread* aThread);
 
     const CCmRefPtrT<talvo::CDnsState> m_pState;
 };

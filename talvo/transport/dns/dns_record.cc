@@ -12,23 +12,35 @@ CCmLiveCounter s_Live("CCmDnsRecord");
 
 constexpr int64_t SECOND = 1000000;
 
+std::vector<talvo::CIpBytes> AddressesOf(const talvo::CDnsAnswers& aAnswers) {
+    std::vector<talvo::CIpBytes> addresses = aAnswers.m_Ipv6.m_Addresses;
+    addresses.insert(addresses.end(), aAnswers.m_Ipv4.m_Addresses.begin(), aAnswers.m_Ipv4.m_Addresses.end());
+    return addresses;
+}
+
 }  // namespace
 
-CCmDnsRecord::CCmDnsRecord(const CCmString& aName, std::vector<DWORD> aAddresses, int64_t aExpiryUsec, const CCmString& aReason,
-                           BOOL aNoSuchName)
+CCmDnsRecord::CCmDnsRecord(const CCmString& aName, talvo::CDnsAnswers aAnswers)
     : m_strName(aName),
-      m_Addresses(std::move(aAddresses)),
-      m_llExpiryUsec(aExpiryUsec),
-      m_strReason(aReason),
-      m_bNoSuchName(aNoSuchName) {
+      m_Answers(std::move(aAnswers)),
+      m_Addresses(AddressesOf(m_Answers)),
+      m_strReason(m_Answers.HasAddress() ? CCmString() : m_Answers.GetFailure().m_strReason) {
     ++s_Live;
 }
 
 CCmDnsRecord::~CCmDnsRecord() { --s_Live; }
 
-DWORD CCmDnsRecord::GetFirstAddress() const { return m_Addresses.empty() ? 0xFFFFFFFF : m_Addresses.front(); }
+DWORD CCmDnsRecord::GetFirstAddress() const {
+    return m_Answers.m_Ipv4.IsFound() ? m_Answers.m_Ipv4.m_Addresses.front().GetIpv4() : 0xFFFFFFFF;
+}
+
+talvo::CIpBytes CCmDnsRecord::GetFirstIp() const {
+    if (m_Answers.m_Ipv4.IsFound())
+        return m_Answers.m_Ipv4.m_Addresses.front();
+    return m_Addresses.empty() ? talvo::CIpBytes() : m_Addresses.front();
+}
 
 DWORD CCmDnsRecord::GetTimeToLive() const {
-    const int64_t llLeft = std::max<int64_t>(m_llExpiryUsec - CCmClock::GetTimeOfDayUsec(), 0);
+    const int64_t llLeft = std::max<int64_t>(GetExpiryUsec() - CCmClock::GetTimeOfDayUsec(), 0);
     return static_cast<DWORD>((llLeft + SECOND - 1) / SECOND);
 }

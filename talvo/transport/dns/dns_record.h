@@ -5,45 +5,51 @@
 
 #include "talvo/base/reference_control.h"
 #include "talvo/base/result.h"
+#include "talvo/transport/dns/dns_answer.h"
 
 // The outcome of one look-up. It never changes after its creation, so any thread with a reference may read it.
 class TALVO_API CCmDnsRecord : public CCmReferenceControlT<CCmMutexThread> {
 public:
     enum EState {
-        RESOLVED,  // there is at least one address
+        RESOLVED,  // there is at least one address, of either family
         FAILED     // there is none; see GetReason
     };
 
-    // A record of state RESOLVED with addresses, otherwise FAILED. aExpiryUsec: on the clock of CCmClock::GetTimeOfDayUsec.
-    CCmDnsRecord(const CCmString& aName, std::vector<DWORD> aAddresses, int64_t aExpiryUsec, const CCmString& aReason,
-                 BOOL aNoSuchName = FALSE);
+    CCmDnsRecord(const CCmString& aName, talvo::CDnsAnswers aAnswers);
 
     // The requested name in lower case.
     const CCmString& GetName() const { return m_strName; }
     EState GetState() const { return m_Addresses.empty() ? FAILED : RESOLVED; }
 
-    // IPv4 addresses in network byte order, in the order of the answer; empty if FAILED.
-    const std::vector<DWORD>& GetAddresses() const { return m_Addresses; }
-    // The first address, or 0xFFFFFFFF if FAILED.
+    // First the IPv6 addresses, then the IPv4 addresses, each in the order of the answer; empty if FAILED. Connectors order
+    // them by the routes of this machine, see docs/names.md.
+    const std::vector<talvo::CIpBytes>& GetAddresses() const { return m_Addresses; }
+    // The first IPv4 address in network byte order, or 0xFFFFFFFF if there is none.
     DWORD GetFirstAddress() const;
+    // The first IPv4 address, or else the first IPv6 address, or none if FAILED.
+    talvo::CIpBytes GetFirstIp() const;
+    // TRUE: the servers have not answered for one family yet, and later records of this name may have more addresses.
+    BOOL IsPartial() const { return m_Answers.IsPending(); }
 
     // When the record expires, on the clock of CCmClock::GetTimeOfDayUsec.
-    int64_t GetExpiryUsec() const { return m_llExpiryUsec; }
+    int64_t GetExpiryUsec() const { return m_Answers.GetExpiryUsec(); }
     // Seconds from now until the expiry, rounded up; 0: it has expired.
     DWORD GetTimeToLive() const;
 
     // For people; "" if RESOLVED.
     const CCmString& GetReason() const { return m_strReason; }
     // TRUE: FAILED because the name has no address. FALSE: no server gave a usable answer, or it is RESOLVED.
-    BOOL IsNoSuchName() const { return m_bNoSuchName; }
+    BOOL IsNoSuchName() const { return !m_Answers.HasAddress() && m_Answers.GetFailure().IsDenied(); }
+
+    // The answers that the record is made of.
+    const talvo::CDnsAnswers& GetAnswers() const { return m_Answers; }
 
 protected:
     ~CCmDnsRecord() override;
 
 private:
     const CCmString m_strName;
-    const std::vector<DWORD> m_Addresses;
-    const int64_t m_llExpiryUsec;
+    const talvo::CDnsAnswers m_Answers;
+    const std::vector<talvo::CIpBytes> m_Addresses;
     const CCmString m_strReason;
-    const BOOL m_bNoSuchName;
 };

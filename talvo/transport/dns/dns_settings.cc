@@ -1,8 +1,11 @@
 #include "talvo/transport/dns/dns_settings.h"
 
+#include <ifaddrs.h>
+#include <net/if.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <utility>
 
 #include "talvo/base/clock.h"
@@ -19,12 +22,43 @@ DWORD ReadNumber(const char* aKey, DWORD aDefault, DWORD aMax) {
     return std::clamp<DWORD>(get_uint32_param(SECTION, aKey, aDefault), 1, aMax);
 }
 
+BOOL ReachesFurtherThanItsLink(const ifaddrs& aAddress) {
+    if (!aAddress.ifa_addr || aAddress.ifa_addr->sa_family != AF_INET6 || !(aAddress.ifa_flags & IFF_UP))
+        return FALSE;
+    const in6_addr& ip = reinterpret_cast<const sockaddr_in6*>(aAddress.ifa_addr)->sin6_addr;
+    return !IN6_IS_ADDR_LOOPBACK(&ip) && !IN6_IS_ADDR_LINKLOCAL(&ip);
+}
+
 }  // namespace
 
+BOOL HasIpv6() {
+    static std::atomic<BOOL> s_bLast{FALSE};  // the answer while there are no descriptors or memory to find it
+    ifaddrs* pFirst = nullptr;
+    if (getifaddrs(&pFirst) != 0)
+        return s_bLast;
+    BOOL bFound = FALSE;
+    for (const ifaddrs* p = pFirst; p && !bFound; p = p->ifa_next)
+        bFound = ReachesFurtherThanItsLink(*p);
+    freeifaddrs(pFirst);
+    return s_bLast = bFound;
+}
+
 CDnsSettings CDnsSettings::Read() {
-    return {get_string_param(SECTION, "Servers", ""), get_string_param(SECTION, "ResolverFile", "/etc/resolv.conf"),
-            get_string_param(SECTION, "HostsFile", "/etc/hosts"), ReadNumber("TimeoutMs", 2000, 60000),
-            ReadNumber("Tries", 3, 10)};
+    const CCmString strFamily = get_string_param(SECTION, "AddressFamily", "both");
+    return {get_string_param(SECTION, "Servers", ""),
+            get_string_param(SECTION, "ResolverFile", "/etc/resolv.conf"),
+            get_string_param(SECTION, "HostsFile", "/etc/hosts"),
+            ReadNumber("TimeoutMs", 2000, 60000),
+            ReadNumber("Tries", 3, 10),
+            strFamily != "6",
+            strFamily != "4",
+            HasIpv6()};
+}
+
+BOOL CDnsSettings::Allows(const CIpBytes& aIp) const {
+    if (aIp.m_byFamily == 4)
+        return m_bIpv4;
+    return aIp == CIpBytes::OfIpv6(in6addr_loopback) ? m_bIpv6 : AsksForIpv6();
 }
 
 CDnsWatch::CFileState CDnsWatch::CFileState::Of(const CCmString& aPath) {

@@ -3,24 +3,38 @@
 
 #include <sys/types.h>
 
-#include "talvo/base/types.h"
+#include "talvo/base/ip_bytes.h"
 
 namespace talvo {
 
-// The current keys of the section "Dns".
+// The current keys of the section "Dns", and whether this machine has IPv6.
 struct CDnsSettings {
     CCmString m_strServers;       // ip[:port], separated by commas; "": those of the resolver file
     CCmString m_strResolverFile;  // servers, search domains and options
     CCmString m_strHostsFile;
     DWORD m_dwTimeoutMs = 0;  // of the first try at a server; doubles with each round
     DWORD m_dwTries = 0;      // rounds over the servers
+    BOOL m_bIpv4 = TRUE;      // the families that the key AddressFamily allows
+    BOOL m_bIpv6 = TRUE;
+    BOOL m_bHasIpv6 = FALSE;  // see HasIpv6
 
     static CDnsSettings Read();
+
+    BOOL AsksForIpv4() const { return m_bIpv4; }
+    // A machine without IPv6 asks for such addresses only if the key allows no others.
+    BOOL AsksForIpv6() const { return m_bIpv6 && (m_bHasIpv6 || !m_bIpv4); }
+    // Whether an address of the hosts file is used. That of loopback needs no IPv6 of the machine.
+    BOOL Allows(const CIpBytes& aIp) const;
+
     bool operator==(const CDnsSettings&) const = default;
 };
 
-// Detects changes of the keys, the resolver file and the hosts file. Checks at most once a second, with two system calls. The
-// user of this class locks.
+// TRUE: an interface of this machine is up and has an IPv6 address that reaches further than its link. Costs the system calls
+// of getifaddrs.
+BOOL HasIpv6();
+
+// Detects changes of the keys, the resolver file, the hosts file and the interfaces. Checks at most once a second, with a
+// handful of system calls. The user of this class locks.
 class CDnsWatch {
 public:
     // Stores the current state for comparison by HasChanged.

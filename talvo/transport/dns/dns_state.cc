@@ -20,14 +20,15 @@ using Guard = CCmMutexGuardT<CCmMutexThread>;
 // Carries a name to the network thread. If the event does not arrive, the look-up fails.
 class CEventStart final : public ICmEvent {
 public:
-    CEventStart(CDnsState& aState, const CCmString& aName) : m_pState(&aState), m_strName(aName) {}
+    CEventStart(CDnsState& aState, const CCmString& aName, BOOL aForced)
+        : m_pState(&aState), m_strName(aName), m_bForced(aForced) {}
     ~CEventStart() override {
         if (!m_bArrived)
             m_pState->Fail(m_strName, THREAD_ENDED);
     }
     CmResult OnEventFire() override {
         m_bArrived = TRUE;
-        m_pState->Start_n(m_strName);
+        m_pState->Start_n(m_strName, m_bForced);
         return CM_OK;
     }
     // Starts the look-up: from now on the end of this event without an arrival is a failure.
@@ -36,6 +37,7 @@ public:
 private:
     const CCmRefPtrT<CDnsState> m_pState;
     const CCmString m_strName;
+    const BOOL m_bForced;
     BOOL m_bArrived = TRUE;
 };
 
@@ -63,8 +65,11 @@ private:
 };
 
 CCmRefPtrT<CCmDnsRecord> MakeFailure(const CCmString& aName, const char* aReason) {
-    return CCmDnsCache::MakeRecord(aName, {{}, 0, aReason});
+    return new CCmDnsRecord(aName, {CDnsAnswer::None(EDnsAnswer::FAILED, aReason), {}, {}});
 }
+
+// The key of the askers that wait for the rest of a ready record. No name has a blank.
+CCmString LateKey(const CCmString& aName) { return aName + " late"; }
 
 // The link to the network thread; null: there is none.
 CCmRefPtrT<CCmThreadLink> GetNetworkLink() {
@@ -80,31 +85,36 @@ CCmRefPtrT<CCmThreadLink> GetObserverLink(ACmThread* aThread) {
 
 }  // namespace
 
-CmResult CDnsState::Resolve(CCmRefPtrT<CCmDnsRecord>& aRecord, const CCmString& aName, ICmObserver* aObserver, BOOL aForced,
+CmResult CDnsState::Resolve(CCmRefPtrT<CCmDnsRecord>& aRecord, const CCmString& aName, ICmObserver* aObserver, EDnsWait aWait,
                             ACmThread* aThread) {
     NoticeChanges_i();
-    if (!aForced) {
+    if (aWait != EDnsWait::FORCED) {
         Guard guard(m_Mutex);
         aRecord = m_Cache.Find(aName);
+        if (aRecord && aWait == EDnsWait::REST && aRecord->IsPartial())
+            aRecord.Reset();
         if (aRecord)
             return CM_OK;
     }
     const CCmRefPtrT<CCmThreadLink> pLink = aObserver ? GetObserverLink(aThread) : nullptr;
-    return aObserver && !pLink ? CM_ERROR_NULL_POINTER : Ask_i(aName, aObserver, pLink.Get());
+    if (aObserver && !pLink)
+        return CM_ERROR_NULL_POINTER;
+    return aWait == EDnsWait::REST ? AskRest_i(aName, aObserver, pLink.Get()) : Ask_i(aName, aObserver, pLink.Get(), aWait);
 }
 
-CmResult CDnsState::Ask_i(const CCmString& aName, ICmObserver* aObserver, CCmThreadLink* aLink) {
+CmResult CDnsState::Ask_i(const CCmString& aName, ICmObserver* aObserver, CCmThreadLink* aLink, EDnsWait aWait) {
     const CCmRefPtrT<CCmThreadLink> pNetwork = GetNetworkLink();
     if (!pNetwork)
         return CM_ERROR_NOT_AVAILABLE;
     // Allocate everything that the end of the look-up needs first, so that no asker waits for an answer that lacks memory.
-    auto pStart = std::make_unique<CEventStart>(*this, aName);
+    auto pStart = std::make_unique<CEventStart>(*this, aName, aWait == EDnsWait::FORCED);
     const CCmRefPtrT<CCmDnsRecord> pNoMemory = MakeFailure(aName, NO_MEMORY);
-    std::unique_ptr<ICmEvent> pTell(aObserver ? new CEventTell(*this) : nullptr);
+    CDnsAskers::CAsker asker = MakeAsker_i(aName, aObserver, aLink);
+    asker.m_bEarly = aWait == EDnsWait::EARLY;
     {
         Guard guard(m_Mutex);
         const BOOL bNew = m_Askers.Begin(aName, pNoMemory);
-        if (aObserver && !m_Askers.Add(aName, aObserver, aLink, std::move(pTell))) {
+        if (aObserver && !m_Askers.Add(std::move(asker))) {
             if (bNew)
                 m_Askers.End(aName);
             return CM_ERROR_OUT_OF_MEMORY;
@@ -115,6 +125,21 @@ CmResult CDnsState::Ask_i(const CCmString& aName, ICmObserver* aObserver, CCmThr
     pStart->Count();
     pNetwork->PostEvent(pStart.release());
     return CM_ERROR_WOULD_BLOCK;
+}
+
+CDnsAskers::CAsker CDnsState::MakeAsker_i(const CCmString& aKey, ICmObserver* aObserver, CCmThreadLink* aLink) {
+    return {aObserver, aLink, aKey, FALSE, std::unique_ptr<ICmEvent>(aObserver ? new CEventTell(*this) : nullptr)};
+}
+
+// Waits for the outcome if it has not come, else for the rest.
+CmResult CDnsState::AskRest_i(const CCmString& aName, ICmObserver* aObserver, CCmThreadLink* aLink) {
+    CDnsAskers::CAsker outcome = MakeAsker_i(aName, aObserver, aLink);
+    CDnsAskers::CAsker late = MakeAsker_i(LateKey(aName), aObserver, aLink);
+    Guard guard(m_Mutex);
+    CDnsAskers::CAsker& asker = m_Askers.IsUnderWay(aName) ? outcome : late;
+    if (!m_Askers.IsUnderWay(asker.m_strName))
+        return CM_ERROR_NOT_FOUND;
+    return m_Askers.Add(std::move(asker)) ? CM_ERROR_WOULD_BLOCK : CM_ERROR_OUT_OF_MEMORY;
 }
 
 CmResult CDnsState::Cancel(ICmObserver* aObserver) {
@@ -156,9 +181,9 @@ void CDnsState::Refresh_n() {
         m_pWorker->Refresh();
 }
 
-void CDnsState::Start_n(const CCmString& aName) {
+void CDnsState::Start_n(const CCmString& aName, BOOL aForced) {
     if (CDnsWorker* pWorker = GetWorker_n())
-        pWorker->Start(aName);
+        pWorker->Start(aName, aForced);
     else
         Fail(aName, NO_MEMORY);
 }
@@ -190,20 +215,43 @@ void CDnsState::OnThreadEnd() {
     FailAll(THREAD_ENDED);
 }
 
-BOOL CDnsState::OnDnsAnswer(DWORD aGeneration, CDnsNamedAnswer aAnswer) {
+BOOL CDnsState::OnDnsNews(DWORD aGeneration, EDnsNews aNews, const CCmString& aName, const CDnsAnswers& aAnswers) {
     CCmRefPtrT<CCmDnsRecord> pRecord;
-    WithMemory([&] { pRecord = CCmDnsCache::MakeRecord(aAnswer.m_strName, std::move(aAnswer.m_Answer)); });
+    WithMemory([&] { pRecord = new CCmDnsRecord(aName, aAnswers); });
     CDnsAskers::CLookUp lookUp;
     {
         Guard guard(m_Mutex);
-        if (aGeneration != m_dwGeneration)
+        const BOOL bCurrent = aGeneration == m_dwGeneration;
+        if (!bCurrent && aNews != EDnsNews::LATE)
             return FALSE;
-        if (pRecord)
+        if (pRecord && bCurrent && aNews != EDnsNews::EARLY)
             m_Cache.Add(pRecord);
-        lookUp = m_Askers.End(aAnswer.m_strName);
+        if (pRecord && aNews == EDnsNews::READY && pRecord->IsPartial())
+            BeginLate_l(pRecord);
+        lookUp = TakeLookUp_l(aNews, aName);
     }
     Finish_i(pRecord, lookUp);
     return TRUE;
+}
+
+CDnsAskers::CLookUp CDnsState::TakeLookUp_l(EDnsNews aNews, const CCmString& aName) {
+    if (aNews == EDnsNews::EARLY)
+        return m_Askers.TakeEarly(aName);
+    if (aNews == EDnsNews::READY)
+        return m_Askers.End(aName);
+    CDnsAskers::CLookUp late;
+    WithMemory([&] { late = m_Askers.End(LateKey(aName)); });
+    return late;
+}
+
+// Without memory nobody can wait for the rest, and the record is used as it is.
+void CDnsState::BeginLate_l(const CCmRefPtrT<CCmDnsRecord>& aRecord) {
+    WithMemory([&] { m_Askers.Begin(LateKey(aRecord->GetName()), aRecord); });
+}
+
+CDnsAnswers CDnsState::FindRest(const CCmString& aName) {
+    Guard guard(m_Mutex);
+    return m_Cache.FindRest(aName);
 }
 
 void CDnsState::OnDnsNoMemory() { FailAll(NO_MEMORY); }

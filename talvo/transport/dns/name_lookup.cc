@@ -5,17 +5,32 @@
 #include "talvo/base/trace.h"
 #include "talvo/base/with_memory.h"
 #include "talvo/transport/dns/dns_manager.h"
+#include "talvo/transport/dns/dns_state.h"
 
 namespace talvo {
 
 CmResult CNameLookup::Start(const CCmString& aName, CCmRefPtrT<CCmDnsRecord>& aRecord) {
     Cancel();
+    const CmResult rv = Ask_i(aRecord, aName, m_bEarly ? EDnsWait::EARLY : EDnsWait::READY);
+    if (rv == CM_OK)
+        AskRest_i(aRecord);
+    return rv;
+}
+
+CmResult CNameLookup::Ask_i(CCmRefPtrT<CCmDnsRecord>& aRecord, const CCmString& aName, EDnsWait aWait) {
     CCmDnsManager* pManager = CCmDnsManager::Instance();
     if (!pManager)
         return CM_ERROR_OUT_OF_MEMORY;
-    const CmResult rv = pManager->AsyncResolve(aRecord.ParaOut(), aName, this);
+    const CmResult rv = pManager->Resolve_i(aRecord.ParaOut(), aName, this, aWait, nullptr);
     m_bWaiting = rv == CM_ERROR_WOULD_BLOCK;
     return rv;
+}
+
+// aRecord (out): a newer one if there is one. A rest that cannot be requested does not come.
+void CNameLookup::AskRest_i(CCmRefPtrT<CCmDnsRecord>& aRecord) {
+    CCmRefPtrT<CCmDnsRecord> pNewer;
+    if (aRecord->IsPartial() && Ask_i(pNewer, aRecord->GetName(), EDnsWait::REST) == CM_OK)
+        aRecord = pNewer;
 }
 
 CCmFailure CNameLookup::FailureOf(const CCmDnsRecord* aRecord, CmResult aReason, const CCmInetAddr& aName) {
@@ -58,7 +73,9 @@ void CNameLookup::Cancel() {
 
 void CNameLookup::OnObserve(const char*, void* aData) {
     m_bWaiting = FALSE;
-    m_User.OnNameKnown(*static_cast<const CCmDnsRecord*>(aData));  // last: the user may delete this
+    CCmRefPtrT<CCmDnsRecord> pRecord(static_cast<CCmDnsRecord*>(aData));
+    AskRest_i(pRecord);
+    m_User.OnNameKnown(*pRecord);  // last: the user may delete this
 }
 
 }  // namespace talvo

@@ -8,11 +8,14 @@
 
 namespace talvo {
 
+enum class EDnsWait;
+
 // Receives the record of a name.
 class INameUser {
 public:
-    // Called once for each Start that returned CM_ERROR_WOULD_BLOCK, directly from the loop. aRecord is valid during the call.
-    // It may cancel or delete the look-up.
+    // Called directly from the loop after a Start that returned CM_ERROR_WOULD_BLOCK, and again while the look-up IsWaiting: a
+    // later record has all addresses of an earlier one and perhaps more. aRecord is valid during the call. It may cancel or
+    // delete the look-up.
     virtual void OnNameKnown(const CCmDnsRecord& aRecord) = 0;
 
 protected:
@@ -22,7 +25,8 @@ protected:
 // One look-up at a time, in one thread that has an event queue.
 class CNameLookup : private ICmObserver {
 public:
-    explicit CNameLookup(INameUser& aUser) : m_User(aUser) {}
+    // aEarly: the user can begin with the first addresses, so it does not wait for the IPv4 addresses of a name with IPv6.
+    CNameLookup(INameUser& aUser, BOOL aEarly) : m_User(aUser), m_bEarly(aEarly) {}
     ~CNameLookup() override { Cancel(); }
     CNameLookup(const CNameLookup&) = delete;
     CNameLookup& operator=(const CNameLookup&) = delete;
@@ -30,6 +34,8 @@ public:
     // CM_OK: aRecord (out) is the cached record; the name may have no address. CM_ERROR_WOULD_BLOCK: OnNameKnown follows. Any
     // other result: the look-up is not possible.
     CmResult Start(const CCmString& aName, CCmRefPtrT<CCmDnsRecord>& aRecord);
+    // TRUE: OnNameKnown follows, with the outcome or with further addresses.
+    BOOL IsWaiting() const { return m_bWaiting; }
 
     // The failure of a name without an address: aRecord is a failed record, or null with aReason, the result of Start.
     static CCmFailure FailureOf(const CCmDnsRecord* aRecord, CmResult aReason, const CCmInetAddr& aName);
@@ -44,8 +50,11 @@ public:
 private:
     static CCmFailure FailureOfName_i(const CCmInetAddr& aName);
     void OnObserve(const char* aTopic, void* aData) override;
+    CmResult Ask_i(CCmRefPtrT<CCmDnsRecord>& aRecord, const CCmString& aName, EDnsWait aWait);
+    void AskRest_i(CCmRefPtrT<CCmDnsRecord>& aRecord);
 
     INameUser& m_User;
+    const BOOL m_bEarly;
     BOOL m_bWaiting = FALSE;
 };
 

@@ -20,6 +20,7 @@ int CCmConnectorTcpT<TransportType>::ConnectTo_i(std::vector<CCmInetAddr> aAddrs
     }
     CM_WARNING_TRACE_THIS("CCmConnectorTcpT::Connect, connect return 0.");
     m_pTransport = pTransport;
+    StopLookUp_i();
     return ReportLater_i(CM_OK);
 }
 

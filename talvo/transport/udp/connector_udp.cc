@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <new>
 #include <utility>
@@ -15,10 +16,13 @@ std::unique_ptr<ACmConnectorInternal> CCmConnectorUdpT<TransportType>::Make(cons
 
 template <class TransportType>
 int CCmConnectorUdpT<TransportType>::ConnectTo_i(std::vector<CCmInetAddr> aAddrs) {
+    std::stable_partition(aAddrs.begin(), aAddrs.end(), [](const CCmInetAddr& addr) { return addr.GetType() == AF_INET; });
     for (CCmInetAddr& addr : aAddrs) {
         m_AddrPeer = std::move(addr);
-        if (Connect_i() != -1)
-            return 1;
+        if (Connect_i() == -1)
+            continue;
+        StopLookUp_i();
+        return 1;
     }
     return -1;
 }

@@ -8,11 +8,13 @@
 
 // Makes a TransportType over a socket that it binds to the local address and connects. This sends no data to the peer, so it is
 // done at once. The report comes when the reactor finds the socket writable, never from inside Connect. A host name is looked
-// up first; the first of its addresses with a route from this machine is used.
+// up first; the first of its addresses with a route from this machine is used. IPv4 addresses come first: a datagram socket
+// connects to a host that is not there, so no other address would be tried.
 template <class TransportType>
 class CCmConnectorUdpT : public talvo::CResolvingConnector, private ACmEventHandler {
 public:
-    explicit CCmConnectorUdpT(const CCmConnectorSettings& aSettings) : CResolvingConnector(aSettings, "CCmConnectorUdpT") {}
+    explicit CCmConnectorUdpT(const CCmConnectorSettings& aSettings)
+        : CResolvingConnector(aSettings, "CCmConnectorUdpT", FALSE) {}
     ~CCmConnectorUdpT() override { CCmConnectorUdpT::Close(); }
 
     static std::unique_ptr<ACmConnectorInternal> Make(const CCmConnectorSettings& aSettings);  // a CCmConnectorMaker
