@@ -1,5 +1,5 @@
-// Protocol connections: any bytes, in any pieces, do no harm. The user gets the messages of the bytes, and no upcall after the
-// end.
+// Protocol connections: any bytes, in any pieces, do no harm. The user gets the same messages whatever the pieces, and no
+// upcall after the end.
 
 #include <functional>
 #include <vector>
@@ -29,8 +29,7 @@ public:
 // Unless quiet, performs an operation in every upcall; the input chooses it.
 class CFuzzUser : public talvo::CConnOwner {
 public:
-    explicit CFuzzUser(FuzzedDataProvider& aInput)
-        : m_bQuiet(aInput.ConsumeBool()), m_Deeds(aInput.ConsumeIntegral<uint16_t>()) {
+    CFuzzUser(BOOL aQuiet, DWORD aSeed) : m_bQuiet(aQuiet), m_Deeds(aSeed) {
         m_Log.m_Receive = m_Log.m_Send = m_Log.m_Disconnect = [this] {
             FUZZ_CHECK(m_bOpen && (m_Log.m_Received.empty() || m_Log.m_Received.back().size() <= MAX_MESSAGE));
             m_bOpen = m_Log.m_nDisconnects == 0;
@@ -68,62 +67,40 @@ public:
     CCmRefPtrT<CConnBase> m_pConn;
 };
 
-DWORD NumberAt(const std::string& aBytes, size_t aAt) {
-    DWORD dwNumber = 0;
-    for (size_t i = 0; i < 4; ++i)
-        dwNumber = dwNumber << 8 | static_cast<BYTE>(aBytes[aAt + i]);
-    return dwNumber;
-}
-
-// The messages in a stream of a connected side, up to the first byte that ends it. aHeader: the fixed part of data PDUs; 4:
-// there are only lengths.
-std::vector<std::string> MessagesOf(const std::string& aBytes, size_t aHeader, char aConnectPdu) {
-    std::vector<std::string> messages;
-    for (size_t i = 0; i < aBytes.size();) {
-        const char cType = aHeader == 4 ? '\6' : aBytes[i];
-        const size_t stFixed = cType == 4 ? 5 : cType > 0 && cType == aConnectPdu ? 8 : cType == 5 || cType == 6 ? aHeader : 0;
-        if (stFixed == 0 || i + stFixed > aBytes.size())
-            break;
-        i += stFixed;
-        if (cType != 5 && cType != 6)
-            continue;
-        const DWORD dwLength = NumberAt(aBytes, i - 4);
-        if (dwLength > std::min<size_t>(MAX_MESSAGE, aBytes.size() - i) || (aHeader == 4 && dwLength == 0))
-            break;
-        messages.push_back(aBytes.substr(i, dwLength));
-        i += dwLength;
-    }
-    return messages;
-}
-
+// The messages of these bytes, which come in pieces if there is a cutter.
 template <class Conn>
-void Run(FuzzedDataProvider& aInput, size_t aHeader, char aConnectPdu) {
-    const BOOL bDatagrams = aHeader != 4 && aInput.ConsumeBool();
-    const BOOL bConnected = aInput.ConsumeBool();
-    CFuzzUser user(aInput);
-    CFuzzCutter cutter(aInput);
-    const CCmRefPtrT<CFuzzLower> pLower(new CFuzzLower(&cutter, bDatagrams));
+std::vector<std::string> Run(CFuzzUser& aUser, const std::string& aBytes, BOOL aDatagrams, CFuzzCutter* aCutter) {
+    const CCmRefPtrT<CFuzzLower> pLower(new CFuzzLower(aCutter, aDatagrams));
     auto* pConn = new Conn;
-    user.m_pConn = pConn;
-    pConn->SetConnConnector(&user);
+    aUser.m_pConn = pConn;
+    pConn->SetConnConnector(&aUser);
     DWORD dwMaxMessage = MAX_MESSAGE;
     pConn->SetOption(CS_OPT_MAX_MESSAGE_LEN, &dwMaxMessage);
     pConn->OnConnectIndication(CM_OK, pLower.Get(), nullptr);
-
-    if (bConnected && aConnectPdu > 0)
-        pLower->Receive(aConnectPdu + std::string("\0\0\0\0\0\0\17", 7));
-    // One request of another type ends a server's connection, so the messages of those inputs are not predicted.
-    const BOOL bForetold = user.m_bQuiet && user.m_bOpen && !bDatagrams && aConnectPdu != 1;
-    const std::string strBytes = aInput.ConsumeRemainingBytesAsString();
-    for (const std::string& strPiece : PiecesOf(strBytes, &cutter)) {
+    for (const std::string& strPiece : PiecesOf(aBytes, aCutter)) {
         pLower->Receive(strPiece);
-        if (pLower->IsOpen() && cutter.Next(4) == 0)
+        if (aCutter && aCutter->Next(4) == 0)
             pLower->MakeRoom();
     }
-    if (bForetold)
-        FUZZ_CHECK(user.m_Log.m_Received == MessagesOf(strBytes, aHeader, aConnectPdu));
     pLower->Vanish();
-    user.m_pConn.Reset();
+    aUser.m_pConn.Reset();
+    return aUser.m_Log.m_Received;
+}
+
+// aConnectPdu: the first byte of the peer's part of a handshake; 0: there is none.
+template <class Conn>
+void Check(FuzzedDataProvider& aInput, BOOL aDatagramsToo, char aConnectPdu) {
+    const BOOL bDatagrams = aDatagramsToo && aInput.ConsumeBool();
+    const BOOL bConnected = aInput.ConsumeBool();
+    const BOOL bQuiet = aInput.ConsumeBool();
+    const auto wSeed = aInput.ConsumeIntegral<uint16_t>();
+    CFuzzCutter cutter(aInput);
+    const std::string strHandshake = bConnected && aConnectPdu > 0 ? aConnectPdu + std::string("\0\0\0\0\0\0\17", 7) : "";
+    const std::string strBytes = strHandshake + aInput.ConsumeRemainingBytesAsString();
+    CFuzzUser cut(bQuiet, wSeed), whole(bQuiet, wSeed);
+    const auto messages = Run<Conn>(cut, strBytes, bDatagrams, &cutter);
+    if (bQuiet && !bDatagrams)
+        FUZZ_CHECK(messages == Run<Conn>(whole, strBytes, bDatagrams, nullptr));
 }
 
 }  // namespace
@@ -132,8 +109,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     static CFuzzThread& thread = *new CFuzzThread;  // the process's main thread until the end
     FuzzedDataProvider input(aData, aSize);
     const std::function<void()> kinds[] = {
-        [&] { Run<CLenPkgConn>(input, 4, '\0'); }, [&] { Run<CPkgConnClient>(input, 5, '\2'); },
-        [&] { Run<CPkgConnServer>(input, 5, '\1'); }, [&] { Run<CPkgSender>(input, 9, '\0'); }};
+        [&] { Check<CLenPkgConn>(input, FALSE, '\0'); }, [&] { Check<CPkgConnClient>(input, TRUE, '\2'); },
+        [&] { Check<CPkgConnServer>(input, TRUE, '\1'); }, [&] { Check<CPkgSender>(input, TRUE, '\0'); }};
     kinds[input.ConsumeIntegralInRange<int>(0, 3)]();
     thread.m_Timers.CheckExpire(nullptr);  // deletes the released objects
     return 0;

@@ -1,10 +1,11 @@
-// A server's instructions to a client beside the message itself: redirects and authentication challenges.
+// A server's instructions to a client beside the message itself: URLs, dates, redirects and authentication challenges.
 #include <string_view>
 
 #include "fuzz/fuzz_input.h"
 #include "talvo/http/client/http_client_request.h"
 #include "talvo/http/client/http_redirect.h"
 #include "talvo/http/message/http_auth.h"
+#include "talvo/http/message/http_date.h"
 #include "talvo/http/message/http_text.h"
 #include "talvo/http/message/http_url.h"
 
@@ -41,14 +42,30 @@ void CheckChallenges(std::string_view aValue) {
         FUZZ_CHECK(talvo::is_sendable(authenticator.Authorize("GET", "/")));
 }
 
+// An accepted URL prints as one with the same meaning, and so does a date.
+void CheckUrlAndDate(const std::string& aText) {
+    CCmHttpUrl url;
+    if (url.Init(aText)) {
+        const BOOL bFile = url.GetScheme() == "file";
+        FUZZ_CHECK(bFile ? url.GetHostName().empty() : url.GetPath()[0] == '/' && url.GetPort() != 0);
+        FUZZ_CHECK(url.GetHostName().find_first_of("[]") == CCmString::npos);
+        const CCmHttpUrl before(url);
+        FUZZ_CHECK((url.GetHostName().empty() && !bFile) || url.Init(before.GetAsciiSpec()));
+        FUZZ_CHECK(url.GetHostName() == before.GetHostName() && url.GetPort() == before.GetPort());
+        FUZZ_CHECK(url.GetPath() == before.GetPath() && url.GetAsciiSpec() == before.GetAsciiSpec());
+    }
+    int64_t llSeconds = 0, llAgain = 0;
+    if (talvo::parse_http_date(aText, llSeconds))
+        FUZZ_CHECK(talvo::parse_http_date(talvo::format_http_date(llSeconds), llAgain) && llAgain == llSeconds);
+}
+
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize);
-
-int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* aData, size_t aSize) {
     const std::string_view text(reinterpret_cast<const char*>(aData), aSize);
     const size_t nLine = std::min(text.find('\n'), text.size());
     CheckLocation(text.substr(0, nLine), text.substr(std::min(nLine + 1, text.size())));
     CheckChallenges(text);
+    CheckUrlAndDate(std::string(text));
     return 0;
 }

@@ -95,16 +95,16 @@ TEST_F(HttpClientBodyTest, ExpectWaitsForLeaveAnAnswerOrTheTimeOut) {
 
 // Method, body, what describes it, and what is secret, on the way to the same place and to another.
 TEST_F(HttpClientBodyTest, FollowsRedirectsByTheRules) {
-    for (const std::string strCase : {"301 GET GET", "301 POST GET", "302 PUT PUT", "302 HEAD HEAD", "303 POST GET",
-                                      "303 HEAD HEAD", "307 POST POST", "308 POST POST"}) {
-        const std::string strMethod = strCase.substr(4, strCase.rfind(' ') - 4),
-                          strNewMethod = strCase.substr(strCase.rfind(' ') + 1);
+    const std::tuple<std::string, std::string, std::string> CASES[] = {
+        {"301", "GET", "GET"},  {"301", "POST", "GET"},  {"302", "PUT", "PUT"},   {"302", "HEAD", "HEAD"},
+        {"303", "POST", "GET"}, {"303", "HEAD", "HEAD"}, {"307", "POST", "POST"}, {"308", "POST", "POST"}};
+    for (const auto& [strStatus, strMethod, strNewMethod] : CASES) {
         for (const bool bOther : {false, true}) {
-            SCOPED_TRACE(strCase + (bOther ? " elsewhere" : " here"));
+            SCOPED_TRACE(strStatus + strMethod + (bOther ? " elsewhere" : " here"));
             const CAnswer there = Answer("200 OK", "", "");
             const CScriptServer other({{there}});
             const std::string strLocation = "Location: " + (bOther ? other.GetUrl("/c/d") : "../c/./d#x") + "\r\n";
-            const CScriptServer server({{Answer(strCase.substr(0, 3), strLocation, strMethod == "HEAD" ? "" : "gone"), there}});
+            const CScriptServer server({{Answer(strStatus, strLocation, strMethod == "HEAD" ? "" : "gone"), there}});
             const bool bBody = strMethod.starts_with('P'), bSame = strMethod == strNewMethod;
             CTestHttpClient client(server.GetUrl("/a/b?q"));
             client.Ask(strMethod.c_str(), bBody ? "body" : "");
