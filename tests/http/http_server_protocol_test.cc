@@ -77,7 +77,8 @@ TEST_F(HttpServerTest, AnswersInWhateverPieces) {
     refuse(strBad, {"Content-Length: 1\r\nContent-Length: 1", "Content-Length: 1, 1", "Content-Length:", "Content-Length: +1"},
            post);
     refuse(strBad, {"Content-Length: 1\r\nTransfer-Encoding: chunked", "Transfer-Encoding: \t"}, post);
-    refuse(strBad, {"zz\r\n", "+1\r\nx\r\n", "0x1\r\nx\r\n", "1 x\r\nx\r\n", " 1\r\nx\r\n", "1;a\nx\r\n"}, Chunks);
+    refuse(strBad, {"zz\r\n", "+1\r\n", "0x1\r\n", "1 x\r\n", " 1\r\n", "1;a\n"},
+           [](auto a) { return Chunks(a + "x\r\n0\r\n\r\n"); });
     refuse(strBad, {"0\r\nno trailer\r\n\r\n", "0\r\nT: v\r\n w\r\n\r\n"}, Chunks);
     refuse(strBad, {"POST / HTTP/1.0\r\nConnection: keep-alive\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"}, whole);
     refuse(strTooLarge, {"Content-Length: 11", "Content-Length: 9999999999999999999"}, post);
