@@ -46,7 +46,8 @@ private:
 // A plain blocking socket; the counters do not count its system calls.
 class CPlainPeer {
 public:
-    CPlainPeer(const CCmInetAddr& aAddr, const std::string& aRequest) : m_strRequest(aRequest) {
+    CPlainPeer(const CCmInetAddr& aAddr, const std::string& aRequest)
+        : m_Fd(socket(static_cast<int>(aAddr.GetType()), SOCK_STREAM | SOCK_CLOEXEC, 0)), m_strRequest(aRequest) {
         EXPECT_EQ(0, connect(m_Fd.Get(), reinterpret_cast<const sockaddr*>(aAddr.GetPtr()), aAddr.GetSize()));
     }
 
@@ -62,7 +63,7 @@ public:
     }
 
 private:
-    const CTestFd m_Fd{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    const CTestFd m_Fd;
     const std::string m_strRequest;
     char m_Room[4096];
     size_t m_stAnswer = 0;
@@ -151,9 +152,10 @@ CCost EchoCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aMessages, 
     return cost;
 }
 
-CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages) {
+CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages, const char* aPath) {
     CHello hello;
     CCmInetAddr addr("127.0.0.1", 0);
+    EXPECT_EQ(CM_OK, aPath ? addr.SetPath(aPath) : CM_OK);
     RunIn(aNetwork.NetworkLink(), [&] {
         EXPECT_EQ(CM_OK, CCmChannelManager::Instance()->CreateHttpAcceptor(hello.m_pAcceptor.ParaOut()));
         EXPECT_EQ(CM_OK, hello.m_pAcceptor->StartListen(&hello, addr));

@@ -19,8 +19,8 @@ struct CCost {
 CCost EchoCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aMessages, DWORD aSize);
 
 // An HTTP/1.1 request from a plain socket and its answer, aMessages times on one connection, one at a time. The server is in
-// the network thread. Copies are counted for each byte of the answer.
-CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages);
+// the network thread; with a path, on a Unix socket. Copies are counted for each byte of the answer.
+CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages, const char* aPath = nullptr);
 
 // aMessages from one end to the other, both in the main thread behind proxies and of type aType, sent from inside events. Both
 // ends are counted, and the block that the application creates for each message.

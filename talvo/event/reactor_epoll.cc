@@ -55,6 +55,8 @@ BOOL WatchByEdge(HANDLE aEpoll, HANDLE aFd, uint64_t aData) {
     return aFd != CM_INVALID_HANDLE && epoll_ctl(aEpoll, EPOLL_CTL_ADD, aFd, &event) == 0;
 }
 
+constexpr long OUT_MASK = ACmEventHandler::CONNECT_MASK | ACmEventHandler::WRITE_MASK;
+
 // The number of bytes that can be read now; 0 for a handle without such a count.
 int BytesReadable(HANDLE aFd) {
     int nBytes = 0;
@@ -255,8 +257,12 @@ void CCmReactorEpoll::ReportIn_i(const CBinding& aBinding) {
 
 void CCmReactorEpoll::ReportOut_i(const CBinding& aBinding) {
     const CElement* pElement = aBinding.Get();
-    if (pElement && (pElement->m_nMask & ACmEventHandler::WRITE_MASK))
+    if (!pElement)
+        return;
+    if (pElement->m_nMask & ACmEventHandler::WRITE_MASK)
         ProcessBinding_i(aBinding, ACmEventHandler::WRITE_MASK);
+    else if (!(pElement->m_nMask & ACmEventHandler::DATAGRAM_MASK))
+        OnHandleMaskAdded(aBinding.GetHandle());  // it no longer waits for room: one report is enough
 }
 
 void CCmReactorEpoll::ReportClose_i(const CBinding& aBinding, CmResult aReason) {
@@ -366,7 +372,7 @@ int CCmReactorEpoll::Watch_i(int aOperation, HANDLE aFd, long aMask, DWORD aBind
     else if (aMask & ACmEventHandler::DATAGRAM_MASK)
         event.events = WatchDatagrams(aMask);
     else
-        event.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+        event.events = EPOLLIN | EPOLLRDHUP | EPOLLET | (aMask & OUT_MASK ? DWORD{EPOLLOUT} : 0);
     event.data.u64 = uint64_t{aBinding} << 32 | static_cast<DWORD>(aFd);
     return epoll_ctl(m_fdEpoll, aOperation, aFd, &event);
 }

@@ -93,7 +93,10 @@ protected:
     BOOL IsEndTold_i() const { return m_bTellEnd; }
 
 private:
-    BOOL IsWriteOnDemand_i() const { return (m_pReactor->GetProperty() & ICmReactor::PROPERTY_WRITE_ON_DEMAND) != 0; }
+    // A Unix socket reports room after each read of the peer, which would wake the loop for nothing.
+    BOOL IsWriteOnDemand_i() const {
+        return m_AddrPeer.IsPath() || (m_pReactor->GetProperty() & ICmReactor::PROPERTY_WRITE_ON_DEMAND) != 0;
+    }
     long GetMask_i() const;
     int TellEnd_i();
     CmResult SendFailed_i(int aError);
