@@ -28,6 +28,10 @@ constexpr const char* FOOTER = R"(Examples:
   talvo get http://192.0.2.7/photos.tar -o photos.tar
   talvo resolve www.example.com
   talvo serve ~/public --port 8080
+  talvo echo --host unix:/run/user/1000/echo.sock
+
+An endpoint is a host and a port, with an IPv6 address in brackets, or a Unix socket:
+  192.0.2.7:7070  www.example.com:80  [::1]:7000  [fe80::1%eth0]:7000  unix:/run/echo.sock  unix:@abstract-name
 
 Types of connection; both ends need the same, but package and package-keepalive count as the same:
   tcp                a plain stream of bytes
@@ -60,8 +64,11 @@ void DeclareUdp(CLI::App& aApp, Arguments& a) {
 }
 
 void DeclareListening(CLI::App& aApp, Arguments& a) {
-    AddNumber(aApp, "--port", a.m_Endpoint.m_wPort, 0, 65535, "Port to listen on; 0 lets the system choose")->required();
-    aApp.add_option("--host", a.m_Endpoint.m_strHost, "IPv4 address to listen on (0.0.0.0)")->option_text("ADDRESS");
+    AddNumber(aApp, "--port", a.m_nPort, 0, 65535, "Port to listen on; 0 lets the system choose");
+    aApp.add_option("--host", a.m_strHost,
+                    "Address to listen on, IPv4 or IPv6, by default all addresses of the machine; with a port ([::1]:7000), or "
+                    "as unix:PATH or unix:@NAME, instead of --port")
+        ->option_text("ADDRESS");
 }
 
 void DeclareRecv(CLI::App& aApp, Arguments& a) {
@@ -75,9 +82,9 @@ void DeclareRecv(CLI::App& aApp, Arguments& a) {
 void DeclareSend(CLI::App& aApp, Arguments& a) {
     DeclareType(aApp, a);
     // One list, which CheckSend splits: with a second positional argument, options could not follow the files.
-    aApp.add_option("FILE", a.m_vecFiles, "Files to send, and last the endpoint of `talvo recv`")
+    aApp.add_option("FILE", a.m_vecFiles, "Files to send, and last the endpoint of `talvo recv`, see talvo --help")
         ->required()
-        ->option_text("PATH... HOST:PORT");
+        ->option_text("PATH... ENDPOINT");
 }
 
 void DeclareEcho(CLI::App& aApp, Arguments& a) {
@@ -87,7 +94,9 @@ void DeclareEcho(CLI::App& aApp, Arguments& a) {
 
 void DeclarePing(CLI::App& aApp, Arguments& a) {
     DeclareUdp(aApp, a);
-    aApp.add_option("ENDPOINT", a.m_strEndpoint, "Endpoint of `talvo echo`")->required()->option_text("HOST:PORT");
+    aApp.add_option("ENDPOINT", a.m_strEndpoint, "Endpoint of `talvo echo`, see talvo --help")
+        ->required()
+        ->option_text("ENDPOINT");
     AddNumber(aApp, "--count", a.m_dwCount, 1, 10000000, "Messages to send (10)");
     AddNumber(aApp, "--interval", a.m_dwIntervalMs, 0, 3600000,
               "Milliseconds from an answer to the next message (1000); 0: no pause");
@@ -97,8 +106,14 @@ void DeclarePing(CLI::App& aApp, Arguments& a) {
 
 // The checks return "" or an error text.
 
+// Datagrams need IP addresses.
+std::string CheckPath(const Arguments& a) {
+    return a.m_bUdp && IsPath(a.m_Addr) ? "--udp needs an IP address, not '" + cm_address_text(a.m_Addr) + "'" : "";
+}
+
 std::string CheckListening(Arguments& a) {
-    return IsIpv4Literal(a.m_Endpoint.m_strHost) ? "" : "--host: '" + a.m_Endpoint.m_strHost + "' is not an IPv4 address";
+    const std::string strProblem = ParseListening(a.m_strHost, a.m_nPort, a.m_Addr);
+    return strProblem.empty() ? CheckPath(a) : strProblem;
 }
 
 std::string CheckRecv(Arguments& a) {
@@ -125,10 +140,10 @@ std::string CheckFile(const std::string& aPath) {
 
 std::string CheckSend(Arguments& a) {
     if (a.m_vecFiles.size() < 2)
-        return "send needs at least one FILE and, last, HOST:PORT";
+        return "send needs at least one FILE and, last, HOST:PORT or unix:PATH";
     a.m_strEndpoint = a.m_vecFiles.back();
     a.m_vecFiles.pop_back();
-    const std::string strEndpoint = ParseEndpoint(a.m_strEndpoint, a.m_Endpoint);
+    const std::string strEndpoint = ParseEndpoint(a.m_strEndpoint, a.m_Addr);
     if (!strEndpoint.empty())
         return strEndpoint;
     for (const std::string& strPath : a.m_vecFiles) {
@@ -142,7 +157,8 @@ std::string CheckSend(Arguments& a) {
 std::string CheckPing(Arguments& a) {
     if (a.m_dwType == CCmConnectionManager::CTYPE_UDP && a.m_dwSize > MAX_DATAGRAM)
         return "--size: a datagram has at most " + std::to_string(MAX_DATAGRAM) + " bytes";
-    return ParseEndpoint(a.m_strEndpoint, a.m_Endpoint);
+    const std::string strProblem = ParseEndpoint(a.m_strEndpoint, a.m_Addr);
+    return strProblem.empty() ? CheckPath(a) : strProblem;
 }
 
 void DeclareResolve(CLI::App& aApp, Arguments& a) {
@@ -152,7 +168,7 @@ void DeclareResolve(CLI::App& aApp, Arguments& a) {
 std::string CheckResolve(Arguments& a) {
     for (const std::string& strName : a.m_vecNames) {
         if (!IsHost(strName))
-            return "'" + strName + "' is neither a host name nor an IPv4 address";
+            return "'" + strName + "' is neither a host name nor an IP address";
     }
     return "";
 }
@@ -163,6 +179,8 @@ void DeclareGet(CLI::App& aApp, Arguments& a) {
                     "File to write, named FILE.part until it is complete; by default, or with -: stdout")
         ->option_text("FILE");
     aApp.add_flag("--continue", a.m_bContinue, "Use FILE.part, or FILE, as the beginning and fetch only the rest");
+    aApp.add_option("--connect-to", a.m_strEndpoint, "Connect there instead of to the URL's host; see talvo --help")
+        ->option_text("ENDPOINT");
     aApp.add_option("--user", a.m_strUser, "Credentials for a server that requires them")->option_text("NAME:PASSWORD");
 }
 
@@ -170,6 +188,9 @@ std::string CheckGet(Arguments& a) {
     const std::string strUrl = CheckUrl(a.m_strUrl);
     if (!strUrl.empty())
         return strUrl;
+    const std::string strEndpoint = a.m_strEndpoint.empty() ? "" : ParseEndpoint(a.m_strEndpoint, a.m_Addr);
+    if (!strEndpoint.empty())
+        return "--connect-to: " + strEndpoint;
     const std::string strTarget = JudgeTarget(a.m_strOutput, a.m_Target);
     if (!strTarget.empty())
         return "--out: " + strTarget;

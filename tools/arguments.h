@@ -13,9 +13,11 @@ struct Arguments {
     int (*m_pRun)(const Arguments&) = nullptr;  // of the subcommand
 
     bool m_bJson = false;
-    std::string m_strConfiguration;     // --config, or ""
-    std::string m_strEndpoint;          // send and ping: HOST:PORT as given
-    Endpoint m_Endpoint{"0.0.0.0", 0};  // to listen on, or to connect to
+    std::string m_strConfiguration;  // --config, or ""
+    std::string m_strEndpoint;       // send, ping, and get with --connect-to: as given
+    std::string m_strHost;           // servers: --host as given
+    int m_nPort = NO_PORT;           // servers: --port
+    CCmInetAddr m_Addr;              // from these; get without --connect-to: s_InetAddrAny
 
     std::string m_strDirectory;           // recv, serve
     bool m_bForce = false;                // recv

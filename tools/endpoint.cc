@@ -1,38 +1,71 @@
 #include "tools/endpoint.h"
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 namespace tool {
+
+namespace {
+
+std::string Quote(const std::string& aText) { return "'" + aText + "': "; }
+
+// TRUE: the text needs no further port.
+bool IsWhole(const std::string& aHost) {
+    const size_t stColon = aHost.find(':');
+    if (aHost.starts_with('['))
+        return aHost.find("]:") != std::string::npos;
+    return aHost.starts_with("unix:") || (stColon != std::string::npos && stColon == aHost.rfind(':'));
+}
+
+std::string WithPort(const std::string& aHost, int aPort) {
+    const bool bBare = aHost.find(':') != std::string::npos && !aHost.starts_with('[');
+    return (bBare ? "[" + aHost + "]" : aHost) + ":" + std::to_string(aPort);
+}
+
+// A socket of IPv6 also takes IPv4, but a machine may be without IPv6.
+const char* GetAnyAddress() {
+    const int nFd = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (nFd == -1)
+        return "0.0.0.0";
+    close(nFd);
+    return "::";
+}
+
+}  // namespace
+
+std::string ParseEndpoint(const std::string& aText, CCmInetAddr& aAddr) {
+    std::string strReason;
+    if (CCmInetAddr::Parse(aText, aAddr, &strReason) != CM_OK)
+        return Quote(aText) + strReason;
+    return aAddr.GetPort() == 0 && !IsPath(aAddr) ? Quote(aText) + "port 0 is not a port to connect to" : "";
+}
+
+std::string ParseListening(const std::string& aHost, int aPort, CCmInetAddr& aAddr) {
+    const bool bWhole = IsWhole(aHost);
+    if (bWhole == (aPort != NO_PORT))
+        return bWhole ? "--port: --host says all" : "--port is required";
+    const std::string strHost = aHost.empty() ? GetAnyAddress() : aHost;
+    std::string strReason;
+    if (CCmInetAddr::Parse(bWhole ? strHost : WithPort(strHost, aPort), aAddr, &strReason) != CM_OK)
+        return "--host: " + Quote(aHost) + strReason;
+    return aAddr.IsResolved() ? "" : "--host: " + Quote(aHost) + "a name, but an address is needed";
+}
 
 bool IsHost(const std::string& aText) {
     CCmInetAddr addr;
-    return CCmInetAddr::Parse(aText + ":0", addr) == CM_OK;
-}
-
-bool IsIpv4Literal(const std::string& aText) {
-    CCmInetAddr addr;
-    return CCmInetAddr::Parse(aText + ":0", addr) == CM_OK && addr.IsResolved();
-}
-
-std::string ParseEndpoint(const std::string& aText, Endpoint& aEndpoint) {
-    CCmInetAddr addr;
-    std::string strReason;
-    if (CCmInetAddr::Parse(aText, addr, &strReason) != CM_OK)
-        return "'" + aText + "': " + strReason;
-    if (addr.GetPort() == 0)
-        return "'" + aText + "': port 0 is not a port to connect to";
-    aEndpoint = {addr.GetIpDisplayName(), addr.GetPort()};
-    return "";
+    return CCmInetAddr::Parse(WithPort(aText, 0), addr) == CM_OK;
 }
 
 std::string DescribeCause(const CCmFailure& aFailure, CmResult aReason) {
     return std::string(": ") + (aFailure ? aFailure.GetText() : cm_result_name(aReason));
 }
 
-std::string DescribeConnectFailure(const Endpoint& aEndpoint, ICmConnector& aConnector, CmResult aReason) {
+std::string DescribeConnectFailure(const CCmInetAddr& aAddr, ICmConnector& aConnector, CmResult aReason) {
     CCmFailure failure;
     if (ICmConnectOptions* pOptions = cm_get_connect_options(&aConnector))
         pOptions->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
-    const std::string strWhat = aReason == CM_ERROR_NETWORK_DNS_FAILURE ? "cannot resolve '" + aEndpoint.m_strHost + "'"
-                                                                        : "cannot connect to " + aEndpoint.GetText();
+    const std::string strWhat = aReason == CM_ERROR_NETWORK_DNS_FAILURE ? "cannot resolve '" + aAddr.GetIpDisplayName() + "'"
+                                                                        : "cannot connect to " + cm_address_text(aAddr);
     return strWhat + DescribeCause(failure, aReason);
 }
 
@@ -42,11 +75,15 @@ std::string DescribeEnd(ICmTransport& aTransport, CmResult aReason) {
     return bKnown && !failure ? "was closed by the peer" : "broke" + DescribeCause(failure, aReason);
 }
 
+// The client of a Unix socket has no path.
 std::string GetPeerText(ICmTransport& aTransport) {
     CCmInetAddr addr;
     if (aTransport.GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &addr) != CM_OK)
         return "an unknown peer";
-    return addr.GetIpDisplayName() + ":" + std::to_string(addr.GetPort());
+    ucred process{};
+    if (IsPath(addr) && aTransport.GetOption(CM_OPT_TRANSPORT_PEER_CREDENTIALS, &process) == CM_OK)
+        return "process " + std::to_string(process.pid);
+    return cm_address_text(addr);
 }
 
 }  // namespace tool

@@ -1,4 +1,4 @@
-// HOST:PORT as given on the command line.
+// Addresses as given on the command line, and in messages.
 #pragma once
 
 #include <string>
@@ -7,25 +7,25 @@
 
 namespace tool {
 
-struct Endpoint {
-    std::string m_strHost;
-    WORD m_wPort = 0;
+// The functions that parse return "" or an error text.
 
-    std::string GetText() const { return m_strHost + ":" + std::to_string(m_wPort); }
-    CCmInetAddr GetInetAddr() const { return CCmInetAddr(m_strHost.c_str(), m_wPort); }
-};
+// aAddr (out): the endpoint to connect to. aText is "HOST:PORT" with a port from 1 to 65535, and an IPv6 address in brackets,
+// or "unix:PATH". A name stays pending.
+std::string ParseEndpoint(const std::string& aText, CCmInetAddr& aAddr);
 
-// TRUE: four decimal numbers of 0 to 255 without leading zeros. Every program reads this form alike.
-bool IsIpv4Literal(const std::string& aText);
+constexpr int NO_PORT = -1;
 
-// TRUE: an IPv4 literal, or a possible host name.
+// aAddr (out): the address to listen on. aHost is an IPv4 or IPv6 address; with its port, or as "unix:PATH", it needs no aPort.
+// "": all addresses of the machine.
+std::string ParseListening(const std::string& aHost, int aPort, CCmInetAddr& aAddr);
+
+// TRUE: an address, or a possible host name.
 bool IsHost(const std::string& aText);
 
-// aEndpoint (out): an IPv4 literal or a host name, a colon and a port from 1 to 65535. Returns "" or an error text.
-std::string ParseEndpoint(const std::string& aText, Endpoint& aEndpoint);
+inline bool IsPath(const CCmInetAddr& aAddr) { return aAddr.GetType() == AF_UNIX; }
 
 // One line on a failed connect of aConnector; aReason is its result.
-std::string DescribeConnectFailure(const Endpoint& aEndpoint, ICmConnector& aConnector, CmResult aReason);
+std::string DescribeConnectFailure(const CCmInetAddr& aAddr, ICmConnector& aConnector, CmResult aReason);
 
 // For the end of "the connection ...": "was closed by the peer" or "broke: ...". Call it in OnDisconnect.
 std::string DescribeEnd(ICmTransport& aTransport, CmResult aReason);

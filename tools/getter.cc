@@ -73,6 +73,9 @@ std::string Getter::OpenHttpUrl(CCmHttpUrl& aUrl) {
     if (CCmChannelManager::Instance()->CreateChannelHttpClient(m_pHttp.ParaOut(), &aUrl) != CM_OK)
         return "cannot create the HTTP client";
     m_pChannel = m_pHttp;
+    CCmInetAddr addr = m_Arguments.m_Addr;
+    if (m_pHttp->SetOption(CM_OPT_CHANNEL_CONNECT_TO, &addr) != CM_OK)
+        return "cannot connect elsewhere";
     const std::string& strUser = m_Arguments.m_strUser;
     const size_t nColon = strUser.find(':');
     if (nColon != std::string::npos && m_pHttp->SetCredentials(strUser.substr(0, nColon), strUser.substr(nColon + 1)) != CM_OK)

@@ -3,35 +3,37 @@
 namespace tool {
 
 void AnnounceListening(const CCmInetAddr& aAddr, Console& aConsole) {
-    const JsonLine json = JsonLine("ready").Add("address", aAddr.GetIpDisplayName()).Add("port", aAddr.GetPort());
+    JsonLine json = JsonLine("ready").Add("address", aAddr.GetIpDisplayName());
+    if (!IsPath(aAddr))
+        json.Add("port", aAddr.GetPort());
     if (aConsole.GetOutput() != Console::JSON)
-        aConsole.Report("listening on " + aAddr.GetIpDisplayName() + ":" + std::to_string(aAddr.GetPort()), json);
+        aConsole.Report("listening on " + cm_address_text(aAddr), json);
     aConsole.Report("ready", json);
 }
 
-void ComplainOfListening(const Endpoint& aEndpoint, const CCmFailure& aFailure, CmResult aReason, Console& aConsole) {
-    aConsole.Problem("cannot listen on " + aEndpoint.GetText() + DescribeCause(aFailure, aReason));
+void ComplainOfListening(const CCmInetAddr& aAddr, const CCmFailure& aFailure, CmResult aReason, Console& aConsole) {
+    aConsole.Problem("cannot listen on " + cm_address_text(aAddr) + DescribeCause(aFailure, aReason));
 }
 
-bool StartListening(const Endpoint& aEndpoint, ICmAcceptorConnectorSink* aSink, Console& aConsole,
+bool StartListening(const CCmInetAddr& aAddr, ICmAcceptorConnectorSink* aSink, Console& aConsole,
                     CCmRefPtrT<ICmAcceptor>& aAcceptor, DWORD aType) {
     CCmConnectionManager* pManager = CCmConnectionManager::Instance();
     CmResult rv = CM_ERROR_NOT_INITIALIZED;
     if (pManager)
         rv = pManager->CreateConnectionServer(aType, aAcceptor.ParaOut());
     if (rv == CM_OK)
-        rv = aAcceptor->StartListen(aSink, aEndpoint.GetInetAddr());
-    CCmInetAddr addr;
+        rv = aAcceptor->StartListen(aSink, aAddr);
+    CCmInetAddr listening;
     if (rv == CM_OK)
-        rv = aAcceptor->GetListenAddr(addr);
+        rv = aAcceptor->GetListenAddr(listening);
     if (rv != CM_OK) {
         CCmFailure failure;
         if (ICmConnectOptions* pOptions = cm_get_connect_options(aAcceptor.Get()))
             pOptions->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
-        ComplainOfListening(aEndpoint, failure, rv, aConsole);
+        ComplainOfListening(aAddr, failure, rv, aConsole);
         return false;
     }
-    AnnounceListening(addr, aConsole);
+    AnnounceListening(listening, aConsole);
     return true;
 }
 

@@ -34,12 +34,12 @@ void PingClient::Start() {
     }
     // The connector's own time-out would end before a handshake does.
     RequireMemory(m_TimerAnswer.Schedule(this, Milliseconds(m_Arguments.m_dwTimeoutMs), 1));
-    m_pConnector->AsycConnect(this, m_Arguments.m_Endpoint.GetInetAddr());
+    m_pConnector->AsycConnect(this, m_Arguments.m_Addr);
 }
 
 void PingClient::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     if (aReason != CM_OK) {
-        GiveUp(DescribeConnectFailure(m_Arguments.m_Endpoint, *m_pConnector, aReason));
+        GiveUp(DescribeConnectFailure(m_Arguments.m_Addr, *m_pConnector, aReason));
         return;
     }
     m_pTransport = aTrpt;
@@ -99,8 +99,8 @@ void PingClient::OnAnswer() {
     m_vecUsec.push_back(dwUsec);
     m_TimerAnswer.Cancel();
     if (m_Arguments.m_dwIntervalMs > 0)
-        m_Console.Report(std::to_string(m_strMessage.size()) + " bytes from " + m_Arguments.m_Endpoint.GetText() + ": number " +
-                             std::to_string(m_dwSent) + ", " + std::to_string(dwUsec) + " us",
+        m_Console.Report(std::to_string(m_strMessage.size()) + " bytes from " + cm_address_text(m_Arguments.m_Addr) +
+                             ": number " + std::to_string(m_dwSent) + ", " + std::to_string(dwUsec) + " us",
                          JsonLine("answer").Add("number", m_dwSent).Add("usec", dwUsec));
     GoOn();
 }
@@ -112,7 +112,7 @@ void PingClient::OnNoAnswer() {
         GoOn();
         return;
     }
-    GiveUp("no answer from " + m_Arguments.m_Endpoint.GetText() + " within " + std::to_string(m_Arguments.m_dwTimeoutMs) +
+    GiveUp("no answer from " + cm_address_text(m_Arguments.m_Addr) + " within " + std::to_string(m_Arguments.m_dwTimeoutMs) +
            " ms");
 }
 
@@ -128,7 +128,7 @@ void PingClient::GoOn() {
 void PingClient::OnSend(ICmTransport*, CCmTransportParameter*) { m_Outbox.SendRest(*m_pTransport); }
 
 void PingClient::OnDisconnect(CmResult aReason, ICmTransport*) {
-    GiveUp("the connection to " + m_Arguments.m_Endpoint.GetText() + " " + DescribeEnd(*m_pTransport, aReason));
+    GiveUp("the connection to " + cm_address_text(m_Arguments.m_Addr) + " " + DescribeEnd(*m_pTransport, aReason));
 }
 
 void PingClient::OnTimer(CCmTimerWrapperID* aId) {
@@ -137,7 +137,7 @@ void PingClient::OnTimer(CCmTimerWrapperID* aId) {
     else if (m_pTransport)
         OnNoAnswer();
     else
-        GiveUp("cannot connect to " + m_Arguments.m_Endpoint.GetText() + ": no answer within " +
+        GiveUp("cannot connect to " + cm_address_text(m_Arguments.m_Addr) + ": no answer within " +
                std::to_string(m_Arguments.m_dwTimeoutMs) + " ms");
 }
 

@@ -30,12 +30,12 @@ void Sender::Start() {
     m_Progress.Start();
     // The connector's own time-out would end before a handshake does.
     RequireMemory(m_Timer.Schedule(this, CCmTimeValue(CONNECT_SECONDS), 1));
-    m_pConnector->AsycConnect(this, m_Arguments.m_Endpoint.GetInetAddr());
+    m_pConnector->AsycConnect(this, m_Arguments.m_Addr);
 }
 
 void Sender::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     if (aReason != CM_OK) {
-        GiveUp(DescribeConnectFailure(m_Arguments.m_Endpoint, *m_pConnector, aReason));
+        GiveUp(DescribeConnectFailure(m_Arguments.m_Addr, *m_pConnector, aReason));
         return;
     }
     m_Timer.Cancel();
@@ -64,13 +64,13 @@ void Sender::OnDisconnect(CmResult aReason, ICmTransport*) {
     if (m_State == CLOSING)
         Close();
     else
-        GiveUp("the connection to " + m_Arguments.m_Endpoint.GetText() + " " + DescribeEnd(*m_pTransport, aReason) + "; " +
+        GiveUp("the connection to " + cm_address_text(m_Arguments.m_Addr) + " " + DescribeEnd(*m_pTransport, aReason) + "; " +
                std::to_string(m_nKept) + " of " + std::to_string(m_Arguments.m_vecFiles.size()) + " files were delivered");
 }
 
 void Sender::OnTimer(CCmTimerWrapperID*) {
     if (m_State == CONNECTING)
-        GiveUp("cannot connect to " + m_Arguments.m_Endpoint.GetText() + ": no answer within " +
+        GiveUp("cannot connect to " + cm_address_text(m_Arguments.m_Addr) + ": no answer within " +
                std::to_string(CONNECT_SECONDS) + " s");
     else if (m_State == CLOSING)
         Close();

@@ -11,21 +11,21 @@ class Server : public FileService {
 public:
     Server(const ServedDirectory& aDirectory, Console& aConsole) : FileService(aDirectory), m_Console(aConsole) {}
 
-    bool Start(const Endpoint& aEndpoint) {
+    bool Start(const CCmInetAddr& aAddr) {
         CmResult rv = CCmChannelManager::Instance()->CreateHttpAcceptor(m_pAcceptor.ParaOut(), 0);
         if (rv == CM_OK)
-            rv = m_pAcceptor->StartListen(this, aEndpoint.GetInetAddr());
-        CCmInetAddr addr;
+            rv = m_pAcceptor->StartListen(this, aAddr);
+        CCmInetAddr listening;
         if (rv == CM_OK)
-            rv = m_pAcceptor->GetListenAddr(addr);
+            rv = m_pAcceptor->GetListenAddr(listening);
         if (rv == CM_OK) {
-            AnnounceListening(addr, m_Console);
+            AnnounceListening(listening, m_Console);
             return true;
         }
         CCmFailure failure;
         if (m_pAcceptor)
             m_pAcceptor->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
-        ComplainOfListening(aEndpoint, failure, rv, m_Console);
+        ComplainOfListening(aAddr, failure, rv, m_Console);
         return false;
     }
 
@@ -55,7 +55,7 @@ int RunServe(const Arguments& aArguments) {
     Application::RaiseDescriptorLimit();
     Application application(CCmThreadManager::NETWORK_THREAD_MAIN);
     Server server(directory, console);
-    if (application.IsStarted() && !server.Start(aArguments.m_Endpoint))
+    if (application.IsStarted() && !server.Start(aArguments.m_Addr))
         return EXIT_FAILED;
     const int nStatus = application.Run();
     server.AnnounceEnd();

@@ -9,13 +9,22 @@ namespace tool {
 
 namespace {
 
-std::string CheckAuthority(std::string_view aAuthority) {
+// aTaken: aUrl has parsed it.
+std::string CheckAuthority(const CCmHttpUrl& aUrl, bool aTaken, std::string_view aAuthority) {
     if (aAuthority.find('@') != std::string_view::npos)
         return "a URL must not contain user information; use --user";
-    const bool bPort = aAuthority.find(':') != std::string_view::npos;
+    const size_t stColon = std::min(aAuthority.find(':', aAuthority.find(']') + 1), aAuthority.size());
+    std::string strHost(aAuthority.substr(0, stColon));
+    if (strHost.find_first_of("[]") != std::string::npos) {
+        if (!aTaken)
+            return "the text in brackets is not an IPv6 address";
+        const bool bIpv4 = aUrl.GetHostName().find(':') == std::string::npos;
+        strHost = bIpv4 ? aUrl.GetHostName() : "[" + aUrl.GetHostName() + "]";
+    }
+    const std::string strPort = stColon < aAuthority.size() ? std::string(aAuthority.substr(stColon)) : ":80";
     CCmInetAddr addr;
     std::string strReason;
-    if (CCmInetAddr::Parse(std::string(aAuthority) + (bPort ? "" : ":80"), addr, &strReason) != CM_OK)
+    if (CCmInetAddr::Parse(strHost + strPort, addr, &strReason) != CM_OK)
         return strReason;
     return addr.GetPort() == 0 ? "the port is not a number from 1 to 65535" : "";
 }
@@ -26,18 +35,18 @@ bool IsBlankOrControl(char aLetter) {
     return cLetter <= ' ' || cLetter == 0x7F;
 }
 
-std::string CheckParts(std::string_view aScheme, std::string_view aAuthority, std::string_view aRest) {
-    if (aScheme == "file")
+std::string CheckParts(const CCmHttpUrl& aUrl, bool aTaken, std::string_view aAuthority, std::string_view aRest) {
+    if (aUrl.GetScheme() == "file")
         return aRest.starts_with('/') && (aAuthority.empty() || aAuthority == "localhost")
                    ? ""
                    : "a file URL begins with file:/// and the path";
-    if (aScheme != "http")
+    if (aUrl.GetScheme() != "http")
         return "https is not offered yet";
     if (!aRest.empty() && aRest.front() != '/')
         return "a '/' is missing between the host and the '" + std::string(aRest.substr(0, 1)) + "'";
     if (std::any_of(aRest.begin(), aRest.end(), IsBlankOrControl))
         return "it contains a blank or a control character; write '%20' for a blank";
-    return CheckAuthority(aAuthority);
+    return CheckAuthority(aUrl, aTaken, aAuthority);
 }
 
 }  // namespace
@@ -50,7 +59,7 @@ std::string CheckUrl(const std::string& aUrl) {
         return strQuoted + " is not a URL that begins with http:// or file://";
     const std::string_view rest = std::string_view(aUrl).substr(aUrl.find("://") + 3);
     const size_t stAuthority = std::min(rest.find_first_of("/?#"), rest.size());
-    const std::string strFault = CheckParts(url.GetScheme(), rest.substr(0, stAuthority), rest.substr(stAuthority));
+    const std::string strFault = CheckParts(url, bTaken, rest.substr(0, stAuthority), rest.substr(stAuthority));
     if (!strFault.empty())
         return strQuoted + ": " + strFault;
     return bTaken ? "" : strQuoted + " has no host";

@@ -24,8 +24,8 @@ TEST(ToolTextTest, NumbersAreReadableAtTheEdgesOfTheirUnits) {
 }
 
 TEST(ToolTextTest, UrlsThatCanBeReadInOneWayAreGood) {
-    for (const char* pGood :
-         {"http://h", "HTTP://h:1/a@b:c?d#e", "http://192.0.2.7:65535/", "file:///a b", "file://localhost/a"})
+    for (const char* pGood : {"http://h", "HTTP://h:1/a@b:c?d#e", "http://192.0.2.7:65535/", "http://[::1]/a",
+                              "http://[::ffff:1.2.3.4]:80/", "file:///a b", "file://localhost/a"})
         EXPECT_EQ("", CheckUrl(pGood)) << pGood;
 }
 

@@ -275,15 +275,17 @@ class TransferTest(ProgramTest):
         file, to = self.make("file", ""), "127.0.0.1:1"
         recv = ["recv", "--port", 0, "--out"]
         endpoints = ("", ":", "host", "host:", ":80", "host:0", "host:65536", "host:-1", "host:1x", "host: 1", "1.2.3:80",
-                     "256.1.1.1:80", "a b:80", "::1:80", "a/b:80")
+                     "256.1.1.1:80", "a b:80", "::1:80", "a/b:80", "[::1]", "[::1]:0", "[h]:80", "unix:x", "unix:@")
         urls = ("", "h", "ftp://h/", "https://h/", "http://", "http:///a", "http://h?q=1", "http://h?q=1/a", "http://h#a/",
                 "http://u@h/", "http://u:p@h/", "http://h:98539/", "http://h:notaport/", "http://h:0/", "http://h:/",
-                "http://1.2/", "http://h\\@i/", "http://a b/", "http://h/a b", "http://h/a\tb", "http://h/a?b\x7f", "file://h/a",
+                "http://1.2/", "http://h\\@i/", "http://[h]/", "http://[::1]:0/", "http://a b/", "http://h/a b", "http://h/a\tb", "http://h/a?b\x7f", "file://h/a",
                 "file://a", "file://")
         for arguments in (*(["ping", endpoint] for endpoint in endpoints), *(["get", url] for url in urls),
                           [], ["fly"], ["recv"], ["recv", "--port", 0], ["recv", "--port", "x", "--out", self.out],
                           [*recv, self.directory / "no"], [*recv, file], [*recv, self.out, "extra"],
-                          [*recv, self.out, "--host", "here"], ["send", file], ["send", to],
+                          *([*recv, self.out, "--host", host] for host in ("here", "[h]", "[::1]:1", "unix:/x", "1.2")),
+                          ["echo", "--host", "::1"], ["echo", "--host", "h:1"], ["get", "http://h/", "--connect-to", "h"],
+                          ["echo", "--udp", "--type", "package", "--host", "unix:/x"], ["send", file], ["send", to],
                           ["send", self.directory / "no", to], ["send", self.out, to], ["send", file, "127.0.0.1"],
                           ["send", file, to, "--fast"], ["send", file, to, "--udp"], ["echo", "--port", -1],
                           ["echo", "--port", 0, "--udp", "--type", "tcp"], ["ping", "a:1", "b:1"], ["ping", "a:1", "--count", 0],
