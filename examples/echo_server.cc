@@ -60,7 +60,7 @@ public:
             std::fprintf(stderr, "cannot %s\n", failure.ToString().c_str());
             return Stop();
         }
-        std::printf("listening on %s:%u\n", addr.GetIpDisplayName().c_str(), unsigned{addr.GetPort()});
+        std::printf("listening on %s\n", cm_address_text(addr).c_str());
         std::fflush(stdout);
     }
 

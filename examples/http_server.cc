@@ -53,7 +53,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "cannot %s\n", failure.ToString().c_str());
         return 1;
     }
-    std::printf("listening on %s:%u\n", addr.GetIpDisplayName().c_str(), unsigned{addr.GetPort()});
+    std::printf("listening on %s\n", cm_address_text(addr).c_str());
     std::fflush(stdout);
     pThreads->GetThreadReactor(CCmThreadManager::TT_MAIN)->RunEventLoop();
     CCmConnectionManager::Instance()->Drain(nullptr);
