@@ -51,13 +51,14 @@ enum ECmTransportOption : DWORD {
     CM_OPT_TRANSPORT_RCVBUF = 110,      // [waits] get, set int: the socket's receive buffer in bytes; likewise
     CM_OPT_TRANSPORT_INNER_TRANSPORT = 112,  // [waits] get ICmTransport*, no reference added: thread proxies only, the
                                              // transport in the network thread, to be used there only
-    CM_OPT_TRANSPORT_TOS = 113,              // [waits] set DWORD: the IP type-of-service byte
+    CM_OPT_TRANSPORT_TOS = 113,              // [waits] set DWORD: the IP type-of-service byte, or IPv6 traffic class; not on
+                                             // Unix sockets
     CM_OPT_TRANSPORT_PAUSE_READING = 141,  // get, set BOOL: no OnReceive and no report of an orderly close by the peer until it
                                            // is FALSE again; no data is lost. A failure is still reported
     CM_OPT_TRANSPORT_PROXY_SEND_LIMIT = 142,  // get, set DWORD: thread proxies only, see CCmTransportThreadProxy
     CM_OPT_TRANSPORT_PROXY_RECV_LIMIT = 143,  // get, set DWORD: thread proxies only
-    // [waits] get DWORD: bytes taken that the peer's system has not acknowledged; 0 over UDP. A protocol connection adds the
-    // bytes that it has not sent yet to the value of its own transport.
+    // [waits] get DWORD: bytes taken that the peer's system has not acknowledged; 0 over UDP, and over Unix sockets, where it
+    // has them at once. A protocol connection adds the bytes that it has not sent yet to the value of its own transport.
     CM_OPT_TRANSPORT_UNACKNOWLEDGED = 144,
     // [waits] get DWORD: protocol connections only, the longest message that one SendData can take now.
     CM_OPT_TRANSPORT_MAX_MESSAGE = 145,
@@ -181,9 +182,10 @@ public:
     // CM_ERROR_NETWORK_CONNECT_TIMEOUT (20005): the attempt failed at once; CM_ERROR_NETWORK_CONNECT_ERROR (20006): it failed
     // later or aTimeout passed (despite the names of these two; CM_OPT_CONNECT_FAILURE has the cause);
     // CM_ERROR_NETWORK_DNS_FAILURE: a name that cannot be resolved; CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain ends
-    // the attempt, or the network thread ends. aTimeout null: the system's limit. aAddrLocal: the address to connect from;
-    // null: any. The arguments are copied. While an attempt runs, without a sink, or after the end of the
-    // network thread, the call is refused: it is traced and has no other effect.
+    // the attempt, or the network thread ends. aTimeout null: the system's limit; none at a path. aAddrLocal: the address to
+    // connect from, of the peer's family; null: any. A path as aAddrLocal is not removed at the end. At a path whose listener
+    // has no room the attempt waits for room. The arguments are copied. While an attempt runs, without a sink, or after the end
+    // of the network thread, the call is refused: it is traced and has no other effect.
     virtual void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
                              CCmInetAddr* aAddrLocal = nullptr) = 0;
 
@@ -206,6 +208,9 @@ public:
     // CM_ERROR_NOT_INITIALIZED: there is no network thread, or it has ended.
     // CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain runs. It stops all acceptors as StopListen does: they may listen
     // again afterwards. The call may be repeated after any failure. Port 0: the system chooses one; GetListenAddr returns it.
+    // "::": peers of IPv4, too, which have IPv4 addresses. A path (not for datagrams): its file gets the mode of key "UnixMode"
+    // in section "Transport" and is removed by StopListen. A socket that no process listens on is replaced; any other file at
+    // the path is a failure.
     virtual CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) = 0;
 
     // No indication follows. Earlier connections stay. aReason is for the trace and for overriding classes. CM_OK.

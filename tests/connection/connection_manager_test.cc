@@ -168,7 +168,7 @@ TEST(ConnectionManagerTest, ProxiesForgetWhatWasPosted) {
     EXPECT_EQ(CM_OK, pAcceptor->StopListen(CM_OK));
     // An indication of the time before is not taken for one of now.
     EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&accepted, CCmInetAddr("192.0.2.1", 0)));
-    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&accepted, CCmInetAddr(OwnLoopback(), 0)));
+    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&accepted, Loopback()));
     network.RunPosted();
     untilPosted(accept);
     pAcceptor.Reset();

@@ -88,7 +88,7 @@ TEST(DrainTest, SinksGetOneEndWhatWasTakenGoesOutAndALossIsReported) {
         EXPECT_EQ(aDies, drain.m_Left.m_ullLostBytes > 0);
         EXPECT_NE(CM_OK, SendText(*pTransport, "x"));
         EXPECT_NE(CM_OK, pAcceptor->GetListenAddr(addr));
-        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&accepted, CCmInetAddr(OwnLoopback(), 0))) << "it can go on";
+        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&accepted, Loopback())) << "it can go on";
     });
 }
 
@@ -114,7 +114,7 @@ TEST(DrainTest, WhatIsNotConnectedEnds) {
         EXPECT_EQ(std::vector<CmResult>{CM_ERROR_NOT_AVAILABLE}, handshake.m_Reasons);
         EXPECT_EQ(std::vector<CmResult>{CM_ERROR_NOT_AVAILABLE}, attempt.m_Reasons);
         network.RunUntil([&] { return ReadToEnd(peer, strRequest) && ReadToEnd(client, strNothing); });
-        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&accepted, CCmInetAddr(OwnLoopback(), 0))) << "it can go on";
+        EXPECT_EQ(CM_OK, pAcceptor->StartListen(&accepted, Loopback())) << "it can go on";
         pAttempt->AsycConnect(&attempt, silent.Addr());
         network.RunUntil([&] { return attempt.Count() == 2; });
         EXPECT_EQ(CM_OK, attempt.m_Reasons.back());

@@ -48,7 +48,9 @@ inline std::pair<CTestFd, CTestFd> MakeSocketPair() {
     return {CTestFd(nFds[0]), CTestFd(nFds[1])};
 }
 
-inline CTestFd MakeTcpSocket() { return CTestFd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)); }
+inline CTestFd MakeTcpSocket(DWORD aFamily = AF_INET) {
+    return CTestFd(socket(static_cast<int>(aFamily), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+}
 
 // Handler of one descriptor with a callable for each behaviour; by default reads no data and continues.
 class CTestHandler : public ACmEventHandler {

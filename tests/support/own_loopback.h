@@ -3,9 +3,12 @@
 
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdlib>
 #include <string>
 
 #include "talvo/base/inet_addr.h"
+#include "tests/support/temp_dir.h"
 
 // Derived from the process's number, so that tests at the same time never share it: a released port here stays free, and a
 // fixed port is free.
@@ -18,5 +21,19 @@ inline const char* OwnLoopback() {
     return s_strAddress.c_str();
 }
 
-// The address that tests listen on and connect to where its family does not matter. Port 0: the system chooses one.
-inline CCmInetAddr Loopback(WORD aPort = 0) { return CCmInetAddr(OwnLoopback(), aPort); }
+// A path for each port, a new one for port 0.
+inline CCmInetAddr OwnPath(WORD aPort) {
+    static const CCmTempDir s_Dir;
+    static std::atomic<int> s_nLast{0};
+    CCmInetAddr addr;
+    addr.SetPath(s_Dir.PathOf(aPort ? "port-" + std::to_string(aPort) : std::to_string(++s_nLast)).c_str());
+    return addr;
+}
+
+// The address that tests listen on and connect to where its family does not matter. Port 0: the system chooses one. The tests
+// run again with TALVO_TEST_FAMILY "6" and "unix" in the environment.
+inline CCmInetAddr Loopback(WORD aPort = 0) {
+    static const char* const s_pFamily = std::getenv("TALVO_TEST_FAMILY");
+    const std::string strFamily = s_pFamily ? s_pFamily : "";
+    return strFamily == "unix" ? OwnPath(aPort) : CCmInetAddr(strFamily == "6" ? "::1" : OwnLoopback(), aPort);
+}

@@ -147,7 +147,7 @@ TEST_F(FailureTest, TransportsTellWhoLeftAndWhy) {
             CTestConnectSink connected;
             CCmInetAddr addr;
             const auto pAcceptor = m_Network.Listen(connected, addr, dwType);
-            CTestFd peer = MakeTcpSocket();
+            CTestFd peer = MakeTcpSocket(addr.GetType());
             const std::string strPeer = TextOf(Bind(peer));
             EXPECT_EQ(-1, connect(peer.Get(), reinterpret_cast<const sockaddr*>(addr.GetPtr()), addr.GetSize()));
             m_Network.RunUntil([&] { return connected.Count() == 1; });

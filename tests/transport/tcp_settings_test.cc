@@ -36,7 +36,7 @@ TEST(TcpSettingsTest, OnlyTheConfigurationFixesTheBuffers) {
     const auto configure = [&](const std::string& aText) {
         EXPECT_EQ(CM_OK, load_config_file(dir.Write("talvo.cfg", "[Transport]\n" + aText).c_str()));
     };
-    const CTestFd plain = MakeTcpSocket();
+    const CTestFd plain = MakeTcpSocket(Loopback().GetType());
     int nReceive = 0;
     socklen_t length = sizeof nReceive;
     EXPECT_EQ(0, getsockopt(plain.Get(), SOL_SOCKET, SO_RCVBUF, &nReceive, &length));

@@ -145,6 +145,8 @@ int CCmAcceptorTcp::OnInput(HANDLE aFd) {
         return 0;
     }
     pTransport->SetPeerAddr(addrPeer);
+    if (addrPeer.GetType() == AF_UNIX)  // accepted ones have the system's sizes
+        m_Listening.ApplyTo(pTransport->GetPeer());
     if (m_bOneLocal)
         pTransport->SetLocalAddr(m_AddrListen);
     CM_INFO_TRACE_THIS("CCmAcceptorTcp::OnInput, addr=" << addrPeer.GetIpDisplayName() << " port=" << addrPeer.GetPort()

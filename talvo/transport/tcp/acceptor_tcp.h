@@ -52,7 +52,7 @@ private:
     talvo::CUnixPath m_Path;
     CCmInetAddr m_AddrListen;
     BOOL m_bOneLocal = FALSE;            // each connection's local address is m_AddrListen
-    talvo::CSocketSettings m_Listening;  // of the connections; accepted sockets have the listener's buffer sizes
+    talvo::CSocketSettings m_Listening;  // of the connections; accepted TCP sockets have the listener's buffer sizes
     BOOL m_bResting = FALSE;             // out of descriptors: not registered, the timer runs
     BOOL m_bFull = FALSE;                // of handshakes: not registered
     CCmTimeValue m_tvTraced;             // time of the last trace line about that

@@ -10,6 +10,12 @@
 
 namespace talvo {
 
+namespace {
+
+const CCmTimeValue RETRY(0, 10000);
+
+}  // namespace
+
 template <class TransportType>
 CConnectAttemptT<TransportType>::~CConnectAttemptT() {
     Unregister_i();
@@ -57,11 +63,19 @@ int CConnectAttemptT<TransportType>::Connect_i(const CCmInetAddr& aAddrLocal, co
     CM_INFO_TRACE_THIS("CCmConnectorTcpT::Connect_i, addr=" << m_AddrPeer.GetIpDisplayName() << " port=" << m_AddrPeer.GetPort()
                                                             << " laddr=" << aAddrLocal.GetIpDisplayName()
                                                             << " lport=" << aAddrLocal.GetPort() << " fd=" << GetHandle());
-    if (m_pReactor->RegisterHandler(this, CONNECT_MASK) != CM_OK)
+    if (m_AddrPeer.GetType() != AF_UNIX && m_pReactor->RegisterHandler(this, CONNECT_MASK) != CM_OK)
         return Failed_i("watch the connect to", m_AddrPeer);
+    return ConnectSocket_i();
+}
+
+// Results as Start. At a path whose listener has no room the system does not wait, and it does not report room.
+template <class TransportType>
+int CConnectAttemptT<TransportType>::ConnectSocket_i() {
     if (connect(GetHandle(), reinterpret_cast<const sockaddr*>(m_AddrPeer.GetPtr()), m_AddrPeer.GetSize()) == 0)
         return 0;
     if (errno == EINPROGRESS || errno == EINTR)  // an interrupted connect continues in the background
+        return 1;
+    if (errno == EAGAIN && m_AddrPeer.GetType() == AF_UNIX && m_pReactor->ScheduleTimer(this, nullptr, RETRY, 1) == CM_OK)
         return 1;
     CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, connect() failed! addr=" << m_AddrPeer.GetIpDisplayName() << " port="
                                                                                << m_AddrPeer.GetPort() << "err=" << errno);
@@ -93,9 +107,21 @@ int CConnectAttemptT<TransportType>::OnOutput(HANDLE) {
     if (m_pTransport->GetPeer().GetOption(SOL_SOCKET, SO_ERROR, &nErr, &nLength) == -1)
         nErr = errno;
     Unregister_i();
-    if (nErr != 0 || !m_pMaker)
-        return Finished_i(nErr);
-    const int nRv = ShakeHands_i();
+    return nErr == 0 ? Connected_i() : Finished_i(nErr);
+}
+
+template <class TransportType>
+void CConnectAttemptT<TransportType>::OnTimeout(const CCmTimeValue&, void*) {
+    const int nRv = ConnectSocket_i();
+    if (nRv == 0)
+        Connected_i();
+    else if (nRv == -1)
+        m_Owner.OnAttemptDone(*this, errno);  // last, as below
+}
+
+template <class TransportType>
+int CConnectAttemptT<TransportType>::Connected_i() {
+    const int nRv = m_pMaker ? ShakeHands_i() : 0;
     if (nRv != 1)
         m_Owner.OnAttemptDone(*this, nRv == 0 ? 0 : errno);  // last, as below
     return 0;
@@ -146,6 +172,7 @@ int CConnectAttemptT<TransportType>::Finished_i(int aError) {
 
 template <class TransportType>
 void CConnectAttemptT<TransportType>::Unregister_i() {
+    m_pReactor->CancelTimer(this);
     if (m_pTransport)
         m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
 }

@@ -11,7 +11,7 @@ namespace talvo {
 // Makes a TransportType over a socket, connects it and runs the handshakes of its maker, if there is one. One use, in the
 // thread of its reactor.
 template <class TransportType>
-class CConnectAttemptT final : public ACmEventHandler, private CHandshakeRun::IOwner {
+class CConnectAttemptT final : public ACmEventHandler, private ICmTimerHandler, private CHandshakeRun::IOwner {
 public:
     class IOwner {
     public:
@@ -43,6 +43,9 @@ public:
 
 private:
     int Connect_i(const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets);
+    int ConnectSocket_i();
+    int Connected_i();
+    void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // time to try a path again
     int Failed_i(const char* aVerb, const CCmInetAddr& aAddr);
     int Finished_i(int aError);
     int ShakeHands_i();
