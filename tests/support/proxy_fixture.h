@@ -11,12 +11,7 @@ constexpr DWORD STREAM = CM_TRANSPORT_TYPE_TCP, DATAGRAMS = CM_TRANSPORT_TYPE_UD
 // A proxy over a fake, of the main thread unless set otherwise, opened with m_Sink unless a lane is given.
 class CFakeConnection {
 public:
-    explicit CFakeConnection(const CTestNetwork& aNetwork) : CFakeConnection(aNetwork, aNetwork.MainLink()) {}
-    CFakeConnection(const CTestNetwork& aNetwork, CCmThreadLink& aUser)
-        : CFakeConnection(
-              aNetwork, STREAM, [](CFakeLower&) {}, &aUser) {
-        Open();
-    }
+    explicit CFakeConnection(const CTestNetwork& aNetwork) : CFakeConnection(aNetwork, STREAM) { Open(); }
     // Not opened. aPrepare runs before the proxy is made.
     CFakeConnection(
         const CTestNetwork& aNetwork, DWORD aType, const std::function<void(CFakeLower&)>& aPrepare = [](CFakeLower&) {},

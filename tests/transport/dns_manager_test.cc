@@ -23,11 +23,9 @@ TEST_F(DnsManagerTest, LiteralsAndBadNamesAreAnsweredAtOnce) {
 }
 
 TEST_F(DnsManagerTest, OneLookUpServesAllAskersAndThenTheCache) {
-    WriteHosts("10.0.0.1 one\n10.0.0.2 one\n");
+    WriteHosts("10.0.0.1 one\n10.0.0.2 one\n10.0.0.3 completed\n");
     CTestObserver first, second;
     DnsRecordPtr pRecord;
-    CCmInetAddr addr("one", 80), addrBad("a b", 80);
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, addrBad.TryResolve());
     EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("one", pRecord, &first));
     EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("ONE", pRecord, &second, TRUE));
     EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("one", pRecord, &second, TRUE));
@@ -35,9 +33,11 @@ TEST_F(DnsManagerTest, OneLookUpServesAllAskersAndThenTheCache) {
     RunUntil([&] { return second.m_Records.size() == 2; });
     ASSERT_EQ(1u, first.m_Records.size());
     EXPECT_EQ("10.0.0.1 10.0.0.2", TextOf(first.m_Records[0]));
+    CCmInetAddr addr("completed", 80), addrBad("a b", 80);
     EXPECT_FALSE(addr.IsResolved());
-    EXPECT_EQ(CM_OK, addr.TryResolve());
-    EXPECT_EQ("10.0.0.1:80", addr.GetIpDisplayName() + ":" + std::to_string(addr.GetPort()));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, addrBad.TryResolve());
+    RunUntil([&] { return addr.TryResolve() == CM_OK; });
+    EXPECT_EQ("10.0.0.3:80", addr.GetIpDisplayName() + ":" + std::to_string(addr.GetPort()));
     EXPECT_EQ(CM_OK, Ask("One", pRecord, &first));
     EXPECT_EQ("10.0.0.1 10.0.0.2", TextOf(pRecord));
     Settle();

@@ -190,3 +190,16 @@ TEST_F(ThreadProxyTest, PauseByHandHoldsDataAndTheEndBackButNoOnSend) {
         EXPECT_EQ("receive bcd, disconnect 20001", connection.TakeUpcalls());
     }
 }
+
+// Paused, owed an OnSend that ends the pause, and lost: the data still comes before the end.
+TEST_F(ThreadProxyTest, PauseThatEndsInOnSendKeepsTheOrder) {
+    CFakeConnection connection(m_Network);
+    connection.m_Sink.m_Receive = [&] { connection.Pause(connection.m_Sink.m_nReceives == 1); };
+    connection.m_Sink.m_Send = [&] { connection.Pause(FALSE); };
+    connection.Fill();
+    connection.Receive("a");
+    connection.Receive("b");
+    connection.MakeRoom();
+    connection.Lose();
+    EXPECT_EQ("receive a, send, receive b, disconnect 20001", connection.TakeUpcalls());
+}
