@@ -77,8 +77,9 @@ CmResult ParsePath(std::string_view aText, CCmInetAddr& aAddr, CCmString* aReaso
 const char* ParseHost(std::string_view aHost, talvo::CIpBytes& aIp) {
     if (aHost.starts_with('[') && aHost.ends_with(']')) {
         const std::string_view literal = aHost.substr(1, aHost.size() - 2);
-        const bool bIpv6 = literal.find(':') != std::string_view::npos && talvo::CIpBytes::Parse(literal, aIp);
-        return bIpv6 ? nullptr : "the text in brackets is not an IPv6 address";
+        if (literal.find(':') == std::string_view::npos || !talvo::CIpBytes::Parse(literal.substr(0, literal.find('%')), aIp))
+            return "the text in brackets is not an IPv6 address";
+        return talvo::CIpBytes::Parse(literal, aIp) ? nullptr : "no interface of a link-local address follows the '%'";
     }
     if (aHost.find(':') != std::string_view::npos)
         return "an IPv6 address needs brackets: [HOST]:PORT";

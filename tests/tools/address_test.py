@@ -45,6 +45,7 @@ class AddressTest(ProgramTest):
 
     def test_a_wrong_address_is_named(self):
         self.assert_fails(self.run_talvo("ping", "::1:80"), 2, "brackets")
+        self.assert_fails(self.run_talvo("get", "http://[fe80::1%25none]/"), 2, "no interface")
         self.assert_fails(self.run_talvo("ping", f"unix:{self.directory}/none"), 1, "/none: No such file")
 
 
