@@ -43,7 +43,7 @@ std::string ParseEndpoint(const std::string& aText, CCmInetAddr& aAddr) {
 std::string ParseListening(const std::string& aHost, int aPort, CCmInetAddr& aAddr) {
     const bool bWhole = IsWhole(aHost);
     if (bWhole == (aPort != NO_PORT))
-        return bWhole ? "--port: --host says all" : "--port is required";
+        return bWhole ? "--port: --host has a port or a path already" : "--port is required";
     const std::string strHost = aHost.empty() ? GetAnyAddress() : aHost;
     std::string strReason;
     if (CCmInetAddr::Parse(bWhole ? strHost : WithPort(strHost, aPort), aAddr, &strReason) != CM_OK)
