@@ -240,13 +240,13 @@ CDnsAskers::CLookUp CDnsState::TakeLookUp_l(EDnsNews aNews, const CCmString& aNa
     if (aNews == EDnsNews::READY)
         return m_Askers.End(aName);
     CDnsAskers::CLookUp late;
-    WithMemory([&] { late = m_Askers.End(LateKey(aName)); });
+    WithMemory([&]() CM_NO_THREAD_SAFETY_ANALYSIS { late = m_Askers.End(LateKey(aName)); });
     return late;
 }
 
 // Without memory nobody can wait for the rest, and the record is used as it is.
 void CDnsState::BeginLate_l(const CCmRefPtrT<CCmDnsRecord>& aRecord) {
-    WithMemory([&] { m_Askers.Begin(LateKey(aRecord->GetName()), aRecord); });
+    WithMemory([&]() CM_NO_THREAD_SAFETY_ANALYSIS { m_Askers.Begin(LateKey(aRecord->GetName()), aRecord); });
 }
 
 CDnsAnswers CDnsState::FindRest(const CCmString& aName) {
