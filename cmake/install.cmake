@@ -10,7 +10,7 @@ install(CODE "set(SOURCE \"${PROJECT_SOURCE_DIR}\")
   set(TARGET \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_INCLUDEDIR}\")
   include(\"${PROJECT_SOURCE_DIR}/cmake/public_headers.cmake\")")
 # The library for tests: find_package(talvo COMPONENTS testing), or by itself with `cmake --install BUILD --component testing`.
-install(TARGETS talvo_testing EXPORT talvo-testing-targets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT testing)
+install(TARGETS talvo_testing talvo_testing_faults EXPORT talvo-testing-targets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT testing)
 foreach(header channel_log fake_clock faults scripted_http scripted_transport sim_link sim_network sim_observer sim_peer sim_seeds sim_wild_peer testing trace_capture upcall_log)
   install(FILES talvo/testing/${header}.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/talvo/testing COMPONENT testing)
 endforeach()

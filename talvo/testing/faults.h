@@ -1,4 +1,5 @@
-// Allocations and system calls that fail on request, for tests of applications that survive a lack of memory or descriptors.
+// Allocations and system calls that fail on request, for tests of applications that survive a lack of memory or descriptors. Link
+// talvo::testing_faults.
 #pragma once
 
 #include <functional>
@@ -11,8 +12,8 @@
 // What fails: allocations of the process (malloc and everything above it), or the system calls of the library: those of
 // sockets, epoll, eventfd and timerfd.
 //
-// A program that refers to this class has malloc and these calls replaced. It links the shared library, and no sanitizer,
-// which replaces the same functions. Built with glibc only.
+// A program that links talvo::testing_faults has malloc and these calls replaced. It links the shared library, and no
+// sanitizer, which replaces the same functions. Built with glibc only.
 class CCmFaults {
 public:
     enum EKind { ONE_ALLOCATION, ALLOCATIONS_FROM, SYSTEM_CALL };

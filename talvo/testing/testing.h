@@ -1,9 +1,9 @@
-// Includes for tests, in addition to talvo/talvo.h; link talvo::testing.
+// Includes for tests, in addition to talvo/talvo.h; link talvo::testing. The rest is talvo/testing/faults.h, which needs a library
+// of its own.
 #pragma once
 
 #include "talvo/testing/channel_log.h"
 #include "talvo/testing/fake_clock.h"
-#include "talvo/testing/faults.h"
 #include "talvo/testing/scripted_http.h"
 #include "talvo/testing/scripted_transport.h"
 #include "talvo/testing/sim_network.h"
