@@ -1,5 +1,5 @@
-// Allocations and system calls that fail on request, for tests of applications that survive a lack of memory or descriptors. Link
-// talvo::testing_faults.
+// Allocations and system calls that fail on request, for tests of applications that survive a lack of memory or descriptors.
+// Link talvo::testing_faults.
 #pragma once
 
 #include <functional>

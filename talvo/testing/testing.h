@@ -1,5 +1,5 @@
-// Includes for tests, in addition to talvo/talvo.h; link talvo::testing. The rest is talvo/testing/faults.h, which needs a library
-// of its own.
+// Includes for tests, in addition to talvo/talvo.h; link talvo::testing. talvo/testing/faults.h is apart, because
+// it needs a library of its own.
 #pragma once
 
 #include "talvo/testing/channel_log.h"
