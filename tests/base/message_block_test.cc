@@ -70,22 +70,6 @@ TEST(MessageBlock, ForeignStorageIsCopiedWhereItMightOutliveItsOwner) {
     EXPECT_EQ(trace.Count("CCmMessageBlock::DestroyChained, block is not DUPLICATED."), 1u);
 }
 
-TEST(MessageBlock, StorageIsSharedBetweenThreads) {
-    const CCmChainPtr pMb(MakeBlock("abc"));
-    pMb->Append(MakeBlock("def"));
-    std::vector<std::thread> threads;
-    for (int n = 0; n < 4; ++n) {
-        threads.emplace_back([pMine = pMb->DuplicateChained()] {
-            for (int i = 0; i < 1000; ++i)
-                CCmChainPtr(pMine->DuplicateChained())->AdvanceChainedReadPtr(4);
-            EXPECT_EQ(pMine->FlattenChained(), "abcdef");
-            pMine->DestroyChained();
-        });
-    }
-    for (auto& thread : threads)
-        thread.join();
-}
-
 // The same random operations on a chain and on a string.
 class CWalk {
 public:

@@ -126,9 +126,8 @@ TEST(DrainTest, PausedReadingHidesTheEndBehindAProxyOnly) {
     for (const auto mode : MODES) {
         CTestNetwork network(mode);
         CTestFd peer;
-        CTestSink sink;
         const auto pTransport = network.ConnectTo(peer);
-        EXPECT_EQ(CM_OK, pTransport->OpenWithSink(&sink));
+        CTestSink sink(*pTransport);
         Set(*pTransport, CM_OPT_TRANSPORT_PAUSE_READING, TRUE);
         EXPECT_EQ(4, send(peer.Get(), "late", 4, MSG_NOSIGNAL));
         CCmTimeValue tvLimit(60);

@@ -60,20 +60,14 @@ void ExitBeforeAThreadComesBack() {
     exit(6);
 }
 
-// The trace goes to where a death test looks.
-void ThrowInACallback(CScopedThread::EKind aKind) {
-    CCmTrace::SetFile({"/dev/stderr", FALSE, 0, 100});
-    CCmTrace::Enable(TRUE);
-    const CMainThread main;
-    CScopedThread thread(aKind);
-    thread->GetLink().Call([]() -> CmResult { throw std::runtime_error("thrown on purpose"); });
-}
-
-void ThrowInATimerOfTheMainThread() {
+// The trace goes to where a death test looks. Null: in a timer of the main thread.
+void ThrowInACallback(const CScopedThread::EKind* aKind) {
     CCmTrace::SetFile({"/dev/stderr", FALSE, 0, 100});
     CCmTrace::Enable(TRUE);
     const CMainThread main;
     CTestTimer timer([] { throw 1; });
+    if (aKind)
+        CScopedThread(*aKind)->GetLink().Call([]() -> CmResult { throw std::runtime_error("thrown on purpose"); });
     main.GetReactor().ScheduleTimer(&timer, nullptr, CCmTimeValue::s_tvZero, 1);
     main.Get()->OnThreadRun();
 }
@@ -90,6 +84,6 @@ TEST(ProcessExitDeathTest, EndsCleanlyFromWhereverItIs) {
 TEST(ProcessExitDeathTest, AnExceptionThatLeavesACallbackIsTracedAndEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (const auto kind : {CScopedThread::REACTOR, CScopedThread::TASK, CScopedThread::EVENT_QUEUE_ONLY})
-        EXPECT_DEATH(ThrowInACallback(kind), "left a callback, the process ends. what=thrown on purpose");
-    EXPECT_DEATH(ThrowInATimerOfTheMainThread(), "left a callback, the process ends. what=not a std::exception");
+        EXPECT_DEATH(ThrowInACallback(&kind), "left a callback, the process ends. what=thrown on purpose");
+    EXPECT_DEATH(ThrowInACallback(nullptr), "left a callback, the process ends. what=not a std::exception");
 }

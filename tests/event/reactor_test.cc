@@ -99,7 +99,7 @@ TEST_F(ReactorTest, ACallbackMayDeleteAnyHandler) {
     CEnd a(m_Reactor);
     CEnd b(m_Reactor);
     int nCalls = 0;
-    const auto removeBoth = [&] {
+    const std::function<int()> removeBoth = [&] {
         ++nCalls;
         for (CEnd* pEnd : {&a, &b}) {
             EXPECT_EQ(CM_OK, m_Reactor.RemoveHandler(pEnd->m_pHandler.get(), H::READ_MASK));
@@ -107,14 +107,10 @@ TEST_F(ReactorTest, ACallbackMayDeleteAnyHandler) {
         }
         return -1;
     };
-    const auto fromACopy = [&removeBoth] {  // the running one dies with its handler
-        const auto copy = removeBoth;
-        return copy();
-    };
-    a.m_pHandler->m_Input = fromACopy;
-    b.m_pHandler->m_Input = fromACopy;
-    a.m_Peer.Write("x");
-    b.m_Peer.Write("x");
+    for (CEnd* pEnd : {&a, &b}) {
+        pEnd->m_pHandler->m_Input = [&removeBoth] { return removeBoth(); };
+        pEnd->m_Peer.Write("x");
+    }
     Turns(3);
     EXPECT_EQ(1, nCalls);
 }
@@ -187,13 +183,13 @@ TEST_F(ReactorTest, ACloseWaitsWithTheBytesWhileReadingIsPaused) {
     for (const bool bPauseInside : {false, true}) {
         CEnd end(m_Reactor, H::READ_MASK | H::WRITE_MASK);
         Turn();
-        if (bPauseInside)
-            end.m_pHandler->m_Input = [&] {
-                end.Pause();
-                return -2;  // has read nothing
-            };
-        else
+        const auto pause = [&end] {
             end.Pause();
+            return -2;  // has read nothing
+        };
+        end.m_pHandler->m_Input = pause;
+        if (!bPauseInside)
+            pause();
         end.m_Peer.Write("last words");
         end.m_Peer.Close();
         Turns(3);

@@ -118,10 +118,11 @@ TEST(ThreadTest, WhatWasPostedBehindTheStopIsDestroyedUnrun) {
     }
 }
 
-TEST(ThreadTest, PostsThroughALinkRaceWithTheEndOfTheThread) {
-    for (int nRound = 0; nRound < 20; ++nRound) {
-        CEventFate fate;
-        std::atomic<int> nPosts{0};
+// Whatever moment the thread ends at, each caller comes back, and each event is destroyed once.
+TEST(ThreadTest, PostsAndCallsRaceWithTheEndOfTheThread) {
+    for (int nRound = 0; nRound < 30; ++nRound) {
+        CEventFate fate, called;
+        std::atomic<int> nPosts{0}, nCalls{0}, nRun{0};
         CScopedThread thread(ALL_KINDS[nRound % 3]);
         std::vector<std::thread> posters;
         for (int i = 0; i < 2; ++i) {
@@ -132,11 +133,19 @@ TEST(ThreadTest, PostsThroughALinkRaceWithTheEndOfTheThread) {
                 EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, pLink->Call([] { return CM_OK; }));
             });
         }
-        YieldUntil([&] { return nPosts > 50; });
+        posters.emplace_back([&, pLink = CCmRefPtrT<CCmThreadLink>(&thread->GetLink())] {
+            for (CmResult rv = CM_ERROR_FOUND; rv == CM_ERROR_FOUND; ++nCalls) {
+                rv = pLink->CallEvent(new CTestEvent([] { return CM_ERROR_FOUND; }, &called));  // the event's own result
+                nRun += rv == CM_ERROR_FOUND;
+            }
+        });
+        YieldUntil([&] { return nPosts > 50 && nRun > 0; });
         thread.End();
         for (std::thread& poster : posters)
             poster.join();
         EXPECT_EQ(nPosts, fate.m_nDestroyed);
+        EXPECT_EQ(nCalls, called.m_nDestroyed);
+        EXPECT_EQ(nRun, called.m_nFired);
     }
 }
 
