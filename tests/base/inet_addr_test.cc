@@ -6,6 +6,8 @@
 
 namespace {
 
+using namespace std::string_literals;
+
 class CResolver : public ICmNameResolver {
 public:
     CResolver() { Set(this); }
@@ -40,37 +42,15 @@ TEST(InetAddr, ParseTakesOnlyWhatCannotBeMisread) {
     CCmInetAddr addr("10.1.2.3:5");
     CCmString strReason;
     const std::string strLabel(63, 'a');
-    for (const std::string& strBad : {std::string(),
-                                      std::string("host"),
-                                      std::string("host:"),
-                                      std::string("host:notaport"),
-                                      std::string("host:65536"),
-                                      std::string("host:000080"),
-                                      std::string("host:+1"),
-                                      std::string("host: 1"),
-                                      std::string(":1"),
-                                      std::string("1.2:1"),
-                                      std::string("0x7f.1:1"),
-                                      std::string("a.0x1f:1"),
-                                      std::string("256.1.1.1:1"),
-                                      std::string("1.2.3.04:1"),
-                                      std::string("1.2.3.4\0:1", 10),
-                                      std::string("a..b:1"),
-                                      std::string(".:1"),
-                                      strLabel + "a:1",
-                                      std::string("a b:1"),
-                                      std::string("u@h:1"),
-                                      std::string("::1:1"),
-                                      std::string("[::1]"),
-                                      std::string("[::1]:"),
-                                      std::string("[::1%none]:1"),
-                                      std::string("[fe80::1%none]:1"),
-                                      std::string("[1.2.3.4]:1"),
-                                      std::string("unix:@"),
-                                      std::string("unix:/a\0", 8),
-                                      "unix:/" + std::string(107, 'a'),
-                                      std::string("h:1/"),
-                                      strLabel + "." + strLabel + "." + strLabel + "." + strLabel.substr(1) + ":1"}) {
+    const std::string strLong = strLabel + "." + strLabel + "." + strLabel + ".";
+    std::vector<std::string> bad = {strLabel + "a:1", "1.2.3.4\0:1"s, "unix:/a\0"s, "unix:/" + std::string(107, 'a')};
+    for (const char* pBad :
+         {"",      "host",     "host:",    "host:notaport", "host:65536",       "host:000080", "host:+1", "host: 1", ":1",
+          "1.2:1", "0x7f.1:1", "a.0x1f:1", "256.1.1.1:1",   "1.2.3.04:1",       "a..b:1",      ".:1",     "a b:1",   "u@h:1",
+          "::1:1", "[::1]",    "[::1]:",   "[::1%none]:1",  "[fe80::1%none]:1", "[1.2.3.4]:1", "unix:@",  "h:1/"})
+        bad.emplace_back(pBad);
+    bad.push_back(strLong + strLabel.substr(1) + ":1");
+    for (const std::string& strBad : bad) {
         strReason.clear();
         EXPECT_EQ(CCmInetAddr::Parse(strBad, addr, &strReason), CM_ERROR_INVALID_ARG) << strBad;
         EXPECT_FALSE(strReason.empty()) << strBad;
@@ -79,8 +59,7 @@ TEST(InetAddr, ParseTakesOnlyWhatCannotBeMisread) {
     EXPECT_EQ(CCmInetAddr::Parse("10.1.2.4:00080", addr), CM_OK);
     EXPECT_TRUE(addr.IsResolved() && addr == CCmInetAddr("10.1.2.4", 80));
     const CResolver resolver;  // is not asked
-    const std::string strLongest = strLabel + "." + strLabel + "." + strLabel + "." + strLabel.substr(2);
-    for (const std::string& strName : {std::string("a-1.b_2."), std::string("1.2.c"), std::string("0xyz"), strLongest}) {
+    for (const std::string& strName : {"a-1.b_2."s, "1.2.c"s, "0xyz"s, strLong + strLabel.substr(2)}) {
         EXPECT_EQ(CCmInetAddr::Parse(strName + ":65535", addr, &strReason), CM_OK) << strName;
         EXPECT_EQ(addr.GetHostName(), strName);
         EXPECT_EQ(addr.GetPort(), 65535);
