@@ -1,4 +1,4 @@
-# What `cmake --install` puts where: the library, its headers, the programs, a CMake package and a pkg-config file. The tree may
+# What `cmake --install` puts where: the library, its headers, the programs, a CMake package and pkg-config files. The tree may
 # be moved after it was installed: nothing in it names the prefix.
 include(CMakePackageConfigHelpers)
 
@@ -39,3 +39,5 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/talvo-config.cmake ${CMAKE_CURRENT_BIN
 file(RELATIVE_PATH TALVO_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/talvo.pc.in talvo.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/talvo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+configure_file(cmake/talvo-testing.pc.in talvo-testing.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/talvo-testing.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT testing)
