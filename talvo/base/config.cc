@@ -73,6 +73,16 @@ CCmString JudgeRights(HANDLE aFd) {
     return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ? "users other than its owner may write it" : "";
 }
 
+// Likewise for the folder of the path: without the sticky bit, other users can move another of the owner's files there.
+CCmString JudgeFolder(const CCmString& aPath) {
+    const size_t nSlash = aPath.rfind('/');
+    const CCmString strFolder = nSlash == CCmString::npos ? "." : aPath.substr(0, nSlash + 1);
+    struct stat status {};
+    if (stat(strFolder.c_str(), &status) != 0)
+        return "its folder is not known";
+    return (status.st_mode & (S_IWOTH | S_ISVTX)) == S_IWOTH ? "all users may write its folder" : "";
+}
+
 // Closes the file, even if memory runs out.
 struct CClose {
     ~CClose() { close(m_Fd); }
@@ -137,7 +147,9 @@ CmResult Load_l(CConfiguration& aConfiguration, const CCmString& aPath) CM_REQUI
     if (fd == CM_INVALID_HANDLE)
         return CM_ERROR_NOT_FOUND;
     const CClose closing{fd};
-    const CCmString strRefusal = JudgeRights(fd);
+    CCmString strRefusal = JudgeRights(fd);
+    if (strRefusal.empty())
+        strRefusal = JudgeFolder(aPath);
     const auto strText = strRefusal.empty() ? ReadText(fd) : std::nullopt;
     if (!strRefusal.empty()) {
         aConfiguration.m_Complaints.push_back("file is refused: " + strRefusal + ", path=" + aPath);

@@ -3,7 +3,8 @@
 // The file has at most 1 MiB and is read once, at the first use. It is "conf/talvo.cfg" under the process's current directory,
 // or "/tmp/talvo.cfg" if there is no current directory. If it is missing or unreadable, every reader returns its default. The
 // file is refused, with one warning, if other users than its owner can write it, or if its owner is neither root nor the
-// process's effective user: another user could have planted it. A refused file counts as unreadable.
+// process's effective user, or if all users can write its folder and the folder has no sticky bit: another user could have
+// planted it. A refused file counts as unreadable.
 //
 // Blanks around names, keys and values are removed, and so is a trailing ";" of a value. Empty lines and lines that begin with
 // '#' or ';' are comments. Any other line without a section or a key is skipped with a warning that gives its number. Names are
@@ -25,6 +26,6 @@ TALVO_API uint32_t get_uint32_param(const char* aSection, const char* aKey, uint
 TALVO_API bool get_bool_param(const char* aSection, const char* aKey, bool aDefault);
 
 // Replaces the configuration by aPath's content for all later reads. Values that were read before do not change.
-// CM_ERROR_NOT_FOUND: the file cannot be read. CM_ERROR_NOT_AVAILABLE: it is refused for its owner or its rights.
+// CM_ERROR_NOT_FOUND: the file cannot be read. CM_ERROR_NOT_AVAILABLE: it is refused for its owner, its rights or its folder.
 // CM_ERROR_OUT_OF_MEMORY. After these three all keys are absent. CM_ERROR_INVALID_ARG: aPath is null, and nothing changes.
 TALVO_API CmResult load_config_file(const char* aPath);

@@ -57,6 +57,10 @@ TEST_F(ConfigTest, AFileThatOthersMayWriteIsRefused) {
         EXPECT_EQ(trace.Lines().size(), bRefused ? 1u : 0u);
         EXPECT_EQ(trace.Count("load_config_file, file is refused: users other than its owner may write it, path="), bRefused);
     }
+    for (const mode_t nFolder : {0777, 01777, 0775, 0700}) {
+        chmod(m_Dir.PathOf("").c_str(), nFolder);
+        EXPECT_EQ(load_config_file(strPath.c_str()), nFolder == 0777 ? CM_ERROR_NOT_AVAILABLE : CM_OK) << nFolder;
+    }
     EXPECT_EQ(load_config_file("/dev/null"), CM_ERROR_NOT_AVAILABLE);
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can give a file away";
