@@ -178,7 +178,7 @@ void DeclareGet(CLI::App& aApp, Arguments& a) {
     aApp.add_option("-o,--out", a.m_strOutput,
                     "File to write, named FILE.part until it is complete; by default, or with -: stdout")
         ->option_text("FILE");
-    aApp.add_flag("--continue", a.m_bContinue, "Use FILE.part, or FILE, as the beginning and fetch only the rest");
+    aApp.add_flag("--continue", a.m_bContinue, "Fetch only the rest if FILE.part is a beginning of the same version");
     aApp.add_option("--connect-to", a.m_strEndpoint, "Connect there instead of to the URL's host; see talvo --help")
         ->option_text("ENDPOINT");
     aApp.add_option("--user", a.m_strUser, "Credentials for a server that requires them")->option_text("NAME:PASSWORD");

@@ -87,8 +87,7 @@ std::string Getter::OpenHttpUrl(CCmHttpUrl& aUrl) {
 
 void Getter::AskForRest() {
     m_pHttp->SetRequestHeader(Atoms::Range, "bytes=" + std::to_string(m_ullBeginning) + "-");
-    if (!m_pFile->GetTag().empty())
-        m_pHttp->SetRequestHeader(Atoms::If_Range, m_pFile->GetTag());
+    m_pHttp->SetRequestHeader(Atoms::If_Range, m_pFile->GetTag());
 }
 
 void Getter::OnConnect(CmResult, ICmChannel*) {
@@ -128,7 +127,7 @@ std::string Getter::GetVersion() const {
 bool Getter::IsSameVersion(bool aIsPart) const {
     const std::string strHad = m_pFile->GetTag();
     const std::string strNow = GetHeader(IsStrong(strHad) ? Atoms::ETag : Atoms::Last_Modified);
-    return strHad.empty() || strNow == strHad || (strNow.empty() && !(aIsPart && IsStrong(strHad)));
+    return strNow == strHad || (strNow.empty() && !(aIsPart && IsStrong(strHad)));
 }
 
 std::string Getter::OnRest() {
@@ -139,15 +138,15 @@ std::string Getter::OnRest() {
     if (!IsSameVersion(true) || !GetHeader(Atoms::Content_Encoding).empty())
         return "the server sent a part of another version of the file";
     m_ullRest = range.m_ullLast - range.m_ullFirst + 1;
-    return m_pFile->Continue(GetVersion());
+    return m_pFile->Continue();
 }
 
 // The file is complete already, unless the server's answer contradicts.
 std::string Getter::OnNothingLeft() {
     m_bSkip = true;
     return GetHeader(Atoms::Content_Range) == "bytes */" + std::to_string(m_ullBeginning) && IsSameVersion(false)
-               ? m_pFile->Continue(GetVersion())
-               : "'" + m_Arguments.m_strOutput + "' is not the beginning of the server's file";
+               ? m_pFile->Continue()
+               : "the part of '" + m_Arguments.m_strOutput + "' is not the beginning of the server's file";
 }
 
 std::string Getter::GetHeader(const CCmHttpAtom& aAtom) const {

@@ -42,15 +42,6 @@ std::string ReadTag(const std::string& aPath) {
     return strTag;
 }
 
-// Never replaces a file.
-bool Rename(const std::string& aFrom, const std::string& aTo) {
-    if (renameat2(AT_FDCWD, aFrom.c_str(), AT_FDCWD, aTo.c_str(), RENAME_NOREPLACE) == 0)
-        return true;
-    if (errno != EINVAL && errno != ENOSYS)
-        return false;
-    return link(aFrom.c_str(), aTo.c_str()) == 0 && unlink(aFrom.c_str()) == 0;
-}
-
 }  // namespace
 
 PartialFile::PartialFile(std::string aPath)
@@ -59,23 +50,21 @@ PartialFile::PartialFile(std::string aPath)
       m_strTagPath(m_strPath + std::string(LONGEST_SUFFIX)) {}
 
 std::string PartialFile::LookForBeginning() {
-    std::string strProblem = LookFor(m_strPart, m_bPartThere, m_ullSize);
-    if (m_bPartThere)
-        m_strTag = ReadTag(m_strTagPath);
     bool bThere = false;
-    return strProblem.empty() && !m_bPartThere ? LookFor(m_strPath, bThere, m_ullSize) : strProblem;
+    uint64_t ullSize = 0;
+    const std::string strProblem = LookFor(m_strPart, bThere, ullSize);
+    m_strTag = bThere ? ReadTag(m_strTagPath) : "";
+    m_ullSize = m_strTag.empty() ? 0 : ullSize;
+    return strProblem;
 }
 
-std::string PartialFile::Continue(std::string_view aTag) {
-    if (!m_bPartThere && !Rename(m_strPath, m_strPart))
-        return Problem("cannot rename '" + m_strPath + "'");
+std::string PartialFile::Continue() {
     const std::string strProblem = OpenPart();
     if (!strProblem.empty())
         return strProblem;
     struct stat status {};
-    if (!m_Part || fstat(m_Part.Get(), &status) != 0 || static_cast<uint64_t>(status.st_size) != m_ullSize)
-        return "'" + m_strPart + "' has changed";
-    return m_bPartThere ? "" : WriteTag(aTag);
+    const bool bSame = m_Part && fstat(m_Part.Get(), &status) == 0 && static_cast<uint64_t>(status.st_size) == m_ullSize;
+    return bSame ? "" : "'" + m_strPart + "' has changed";
 }
 
 std::string PartialFile::Begin(std::string_view aTag) {

@@ -11,7 +11,8 @@
 namespace tool {
 
 // Written as FILE.part and renamed to FILE when it is complete; until then FILE does not change. The part of a broken transfer
-// can be continued: FILE.part.tag stores the server's tag of this version of the file, so that two versions are never mixed.
+// can be continued: FILE.part.tag stores the server's tag of this version of the file, so that two versions are never mixed. A
+// part without a tag is not continued, because it may be another file's.
 // FILE.part is locked while it is written, so that a second process refuses. Neither of the two is created or opened through a
 // symbolic link.
 class PartialFile : public Output {
@@ -22,13 +23,13 @@ public:
 
     explicit PartialFile(std::string aPath);
 
-    // Looks for FILE.part, then for FILE, and changes nothing. GetSize and GetTag return what it found.
+    // Looks for a FILE.part with a tag, and changes nothing. GetSize and GetTag return what it found.
     std::string LookForBeginning();
-    uint64_t GetSize() const { return m_ullSize; }
-    const std::string& GetTag() const { return m_strTag; }  // "": unknown
+    uint64_t GetSize() const { return m_ullSize; }  // 0: no beginning
+    const std::string& GetTag() const { return m_strTag; }
 
-    // For an answer with the rest: if FILE was the beginning, it is now renamed to FILE.part.
-    std::string Continue(std::string_view aTag);
+    // For an answer with the rest.
+    std::string Continue();
 
     // Replaces an existing part.
     std::string Begin(std::string_view aTag) override;
@@ -44,9 +45,8 @@ private:
     const std::string m_strPart;
     const std::string m_strTagPath;
     FileHandle m_Part;
-    bool m_bPartThere = false;  // the beginning is FILE.part
-    uint64_t m_ullSize = 0;     // of the beginning
-    std::string m_strTag;       // of the beginning
+    uint64_t m_ullSize = 0;  // of the beginning
+    std::string m_strTag;    // of the beginning
 };
 
 }  // namespace tool
