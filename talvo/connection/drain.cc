@@ -18,23 +18,32 @@ std::atomic<BOOL> s_bRunning{FALSE};
 
 }  // namespace
 
-// Runs in another thread and always answers, also if that thread ends before.
-class CDrain::CQuestion {
+// Runs in another thread, and then as its own answer in the network thread, also if the other thread ends before. So an answer
+// needs no memory.
+class CDrain::CQuestion final : public ICmEvent {
 public:
     CQuestion(CDrain& aDrain, CCmThreadLink& aAsked)
         : m_pDrain(&aDrain), m_pAsked(&aAsked), m_Stage(aDrain.m_Rule.GetStage()) {}
-    CQuestion(CQuestion&&) = default;
-    ~CQuestion() {
-        if (m_pDrain)
-            m_pDrain->m_pNetwork->Post([pDrain = m_pDrain, left = m_Left] { pDrain->OnAnswer_i(left); });
+    CmResult OnEventFire() override {
+        if (m_bAnswer)
+            m_pDrain->OnAnswer_i(m_Left);
+        else
+            m_Left = m_pAsked->Drain(m_Stage);
+        return CM_OK;
     }
-    void Ask() { m_Left = m_pAsked->Drain(m_Stage); }
+    void OnDestorySelf() override {
+        if (std::exchange(m_bAnswer, TRUE))
+            return delete this;
+        const CCmRefPtrT<CCmThreadLink> pNetwork = m_pDrain->m_pNetwork;
+        pNetwork->PostEvent(this);
+    }
 
 private:
     CCmRefPtrT<CDrain> m_pDrain;
     CCmRefPtrT<CCmThreadLink> m_pAsked;
     ECmDrainStage m_Stage;
     CCmUndrained m_Left;
+    BOOL m_bAnswer = FALSE;
 };
 
 // Reports the end, in the user's thread.
@@ -99,15 +108,21 @@ void CDrain::Begin_i() {
 }
 
 // This thread first: it posts the upcalls of the connections that it ends before the questions, so they run before the answers
-// arrive.
+// arrive. A thread that could not be asked is asked by the next look; until then the stage stays.
 void CDrain::Look_i() {
     m_Others = {};
+    m_bAllAsked = TRUE;
     m_Own = m_pNetwork->Drain(m_Rule.GetStage());
     CCmThreadManager::Instance()->ForEachLink([this](CCmThreadLink& aLink) {
         if (&aLink == m_pNetwork.Get())
             return;
+        auto* pQuestion = new (std::nothrow) CQuestion(*this, aLink);
+        if (!pQuestion) {
+            m_bAllAsked = FALSE;
+            return;
+        }
         ++m_dwAwaited;
-        aLink.Post([question = CQuestion(*this, aLink)]() mutable { question.Ask(); });
+        aLink.PostEvent(pQuestion);
     });
 }
 
@@ -119,7 +134,7 @@ void CDrain::OnAnswer_i(const CCmUndrained& aLeft) {
 void CDrain::OnTimeout(const CCmTimeValue& aCurTime, void*) {
     CCmUndrained left = m_Own;
     left += m_Others;
-    m_Rule.OnLook(left, m_dwAwaited == 0, aCurTime);
+    m_Rule.OnLook(left, m_bAllAsked && m_dwAwaited == 0, aCurTime);
     if (m_Rule.IsOver())
         Finish_i();
     else if (m_dwAwaited == 0)
@@ -132,17 +147,15 @@ void CDrain::Finish_i() {
     LeaveThread();
     CCmUndrained left = m_pNetwork->Drain(m_Rule.GetStage());
     left += m_Others;
-    if (m_Rule.GetStage() == ECmDrainStage::CUT)
-        TellOthers_i(ECmDrainStage::CUT);
     m_pNetwork->Drain(ECmDrainStage::NONE);
-    TellOthers_i(ECmDrainStage::NONE);
+    EndOthers_i(m_Rule.GetStage() == ECmDrainStage::CUT);
     Tell_i(m_Rule.GetResult(left), left);
 }
 
-void CDrain::TellOthers_i(ECmDrainStage aStage) {
-    CCmThreadManager::Instance()->ForEachLink([this, aStage](CCmThreadLink& aLink) {
+void CDrain::EndOthers_i(BOOL aCut) {
+    CCmThreadManager::Instance()->ForEachLink([this, aCut](CCmThreadLink& aLink) {
         if (&aLink != m_pNetwork.Get())
-            aLink.Post([pLink = CCmRefPtrT<CCmThreadLink>(&aLink), aStage] { pLink->Drain(aStage); });
+            aLink.EndDrain(aCut);
     });
 }
 
@@ -151,7 +164,7 @@ void CDrain::OnThreadEnd() {
     m_pTimers->CancelTimer(this);
     CCmUndrained left = m_Own;
     left += m_Others;
-    TellOthers_i(ECmDrainStage::NONE);
+    EndOthers_i(FALSE);
     Tell_i(CM_ERROR_NOT_AVAILABLE, left);
 }
 

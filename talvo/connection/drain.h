@@ -47,7 +47,7 @@ private:
     void OnAnswer_i(const CCmUndrained& aLeft);
     void Finish_i();
     void Tell_i(CmResult aReason, const CCmUndrained& aLeft);
-    void TellOthers_i(ECmDrainStage aStage);
+    void EndOthers_i(BOOL aCut);
 
     const CCmRefPtrT<CCmThreadLink> m_pNetwork;
     const CCmRefPtrT<CCmThreadLink> m_pUser;
@@ -61,6 +61,7 @@ private:
     CCmRefPtrT<CDrain> m_pSelf;          // while it runs
     ICmTimerQueue* m_pTimers = nullptr;  // not owned; this thread's, while it runs
     DWORD m_dwAwaited = 0;               // answers
+    BOOL m_bAllAsked = FALSE;            // by the last look; FALSE: memory ran out
     CCmUndrained m_Own;                  // as of the last look
     CCmUndrained m_Others;               // sum of the answers so far
 };

@@ -172,6 +172,28 @@ CCmUndrained CCmThreadLink::Drain(ECmDrainStage aStage) {
     return left;
 }
 
+void CCmThreadLink::EndDrain(BOOL aCut) {
+    if (aCut)
+        m_bCut = TRUE;
+    if (m_dwEndsOfDrain++ == 0)
+        m_EndOfDrain.Post();
+}
+
+void CCmThreadLink::CEndOfDrain::Post() {
+    m_Link.AddReference();
+    m_Link.PostEvent(this);
+}
+
+// A further end may belong to a drain whose stages were posted behind this event: it runs behind them.
+CmResult CCmThreadLink::CEndOfDrain::OnEventFire() {
+    if (m_Link.m_bCut.exchange(FALSE))
+        m_Link.Drain(ECmDrainStage::CUT);
+    m_Link.Drain(ECmDrainStage::NONE);
+    if (--m_Link.m_dwEndsOfDrain > 0)
+        Post();
+    return CM_OK;
+}
+
 void CCmThreadLink::Close() {
     while (m_pTenants) {
         CCmThreadTenant& tenant = *m_pTenants;

@@ -111,6 +111,9 @@ public:
     CCmUndrained Drain(ECmDrainStage aStage);
     ECmDrainStage GetDrainStage() const { return m_DrainStage; }
 
+    // Any thread, at the end of a drain: the thread drains with CUT if aCut, and then with NONE. Needs no memory.
+    void EndDrain(BOOL aCut);
+
     // The thread's end: notifies the tenants, then refuses posts and waits for those under way. Called by the thread classes.
     void Close();
 
@@ -145,6 +148,17 @@ private:
         CCmEventThread m_Over;
     };
 
+    class CEndOfDrain final : public ICmEvent {
+    public:
+        explicit CEndOfDrain(CCmThreadLink& aLink) : m_Link(aLink) {}
+        void Post();
+        CmResult OnEventFire() override;
+        void OnDestorySelf() override { m_Link.ReleaseReference(); }  // each post holds one
+
+    private:
+        CCmThreadLink& m_Link;
+    };
+
     BOOL Enter_i();
     void Exit_i();
     template <class Poster>
@@ -160,4 +174,7 @@ private:
     CCmThreadTenant* m_pNextVisited = nullptr;  // of the current walk
     ECmDrainStage m_DrainStage = ECmDrainStage::NONE;
     CCmUndrained m_Lost;  // in the drain under way
+    CEndOfDrain m_EndOfDrain{*this};
+    std::atomic<DWORD> m_dwEndsOfDrain{0};  // requested and not yet run
+    std::atomic<BOOL> m_bCut{FALSE};
 };

@@ -182,5 +182,12 @@ TEST(DrainTest, WhoMayCallAndHow) {
     EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit, &drain));
     network.RunUntil([&] { return drain.m_nTold == 1; });
     EXPECT_EQ(CM_OK, drain.m_Reason);
+    // A thread that is late runs the end of each drain behind its stages.
+    CCmThreadLink& link = network.MainLink();
+    link.EndDrain(FALSE);
+    link.Post([&] { link.Drain(ECmDrainStage::CLOSE); });
+    link.EndDrain(TRUE);
+    network.RunPosted();
+    EXPECT_EQ(ECmDrainStage::NONE, link.GetDrainStage());
     network.EndNetworkThread();
 }
