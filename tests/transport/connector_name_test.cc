@@ -1,4 +1,4 @@
-#include "talvo/transport/transport_interface.h"
+#include "talvo/transport/tcp/connector_tcp.h"
 #include "tests/support/dns_helpers.h"
 #include "tests/support/event_socket.h"
 
@@ -135,6 +135,43 @@ TEST_F(ConnectorNameTest, TheNextAddressIsTriedAQuarterOfASecondLater) {
     RunUntil([&] { return client.Count() > 0; });
     EXPECT_EQ(CM_OK, client.m_Reasons.back());
     EXPECT_EQ("127.0.0.1", PeerOf(*client.m_Transports.at(0)).GetIpDisplayName());
+}
+
+// A handshake that waits for a byte.
+struct CWaits : talvo::IHandshakeMaker {
+    struct CWait : talvo::IHandshake {
+        EStep Step(CCmTransportTcp& aTransport) override {
+            char c = 0;
+            const int nRead = aTransport.Recv_i(&c, 1);
+            return nRead == -2 ? READ : nRead < 0 ? FAILED : DONE;
+        }
+        CCmFailure GetFailure(const CCmInetAddr&) const override { return {}; }
+    };
+    std::unique_ptr<talvo::IHandshake> MakeHandshake(CCmTransportTcp&, DWORD aStep) override {
+        return aStep == 0 ? std::make_unique<CWait>() : nullptr;
+    }
+};
+
+TEST_F(ConnectorNameTest, NoNextAddressIsTriedDuringAHandshakeUnlessItFails) {
+    static CWaits s_Maker;
+    constexpr DWORD TYPE = 0x301;
+    const auto maker = [](const CCmConnectorSettings& a) {
+        return CCmConnectorTcp::Make({a.m_dwType, a.m_pReactor, a.m_pUpper, &s_Maker});
+    };
+    EXPECT_EQ(CM_OK, cm_offer_base_type(TYPE, {maker, nullptr}));
+    CCmTraceCapture trace;
+    const CTestListener slow(1, 65536, CCmInetAddr("127.0.0.5", m_wPort));
+    WriteHosts("127.0.0.5 shaking\n127.0.0.1 shaking\n");
+    CTestClient client(TYPE);
+    client.Connect(At("shaking"));
+    CTestFd peer = slow.Accept();
+    Settle();
+    m_Clock.Advance(CCmTimeValue(1));
+    Settle();
+    EXPECT_FALSE(trace.Contains("Connect_i, addr=127.0.0.1"));
+    peer.Close();
+    RunUntilTraced(trace, "Connect_i, addr=127.0.0.1");
+    cm_offer_base_type(TYPE, {});
 }
 
 TEST_F(ConnectorNameTest, TheTimeOutCoversEverythingAndEndsEveryAttempt) {

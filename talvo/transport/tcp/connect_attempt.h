@@ -34,6 +34,9 @@ public:
     // The transport, connected after a success; the attempt no longer holds it.
     CCmRefPtrT<TransportType> TakeTransport();
 
+    // TRUE: connected, and shaking hands.
+    BOOL IsShakingHands() const { return m_pRun != nullptr; }
+
     // The failure, immediate or later.
     const CCmFailure& GetFailure() const { return m_Failure; }
 

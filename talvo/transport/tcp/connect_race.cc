@@ -93,7 +93,9 @@ void CConnectRaceT<TransportType>::Note_i(const CCmFailure& aFailure) {
 
 template <class TransportType>
 void CConnectRaceT<TransportType>::OnTimeout(const CCmTimeValue&, void*) {
-    GoOn_i();
+    const auto shakesHands = [](const std::unique_ptr<CAttempt>& a) { return a->IsShakingHands(); };
+    if (std::ranges::none_of(m_Attempts, shakesHands))
+        GoOn_i();
 }
 
 template <class TransportType>
