@@ -100,6 +100,7 @@ CmResult CCmAcceptorTcp::Bind_i(const CCmInetAddr& aAddrListen) {
 CmResult CCmAcceptorTcp::StopListen(CmResult aReason) {
     m_Est.EnsureSingleThread();
     LeaveThread();
+    m_Retry.Cancel();
     if (GetHandle() != CM_INVALID_HANDLE) {
         if (m_bResting)
             m_pReactor->CancelTimer(this);
@@ -218,9 +219,14 @@ void CCmAcceptorTcp::OnTimeout(const CCmTimeValue&, void*) {
 
 void CCmAcceptorTcp::Resume_i() {
     const CmResult rv = m_pReactor->RegisterHandler(this, ACCEPT_MASK);
-    if (rv != CM_OK)
-        Rest_i(errno);
+    if (rv == CM_OK)
+        return;
+    Rest_i(errno);
+    if (!m_bResting)
+        m_Retry.Arm();  // neither registered nor timed
 }
+
+void CCmAcceptorTcp::OnRetry() { Resume_i(); }
 
 int CCmAcceptorTcp::OnClose(HANDLE aFd, long aMask) {
     CM_ERROR_TRACE_THIS("CCmAcceptorTcp::OnClose, it's impossible! aFd=" << aFd << " aMask=" << aMask);

@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include "talvo/event/later_report.h"
 #include "talvo/transport/acceptor_base.h"
 #include "talvo/transport/base_types.h"
 #include "talvo/transport/socket.h"
@@ -43,6 +44,7 @@ private:
     void AcceptFailed_i(int aError);
     void Rest_i(int aError);
     void Resume_i();
+    void OnRetry();
     void ShakeHands_i(CCmRefPtrT<CCmTransportTcp> aTransport);
     void OnHandshakeDone(talvo::CHandshakeRun& aRun) override;
 
@@ -56,4 +58,5 @@ private:
     BOOL m_bResting = FALSE;             // out of descriptors: not registered, the timer runs
     BOOL m_bFull = FALSE;                // of handshakes: not registered
     CCmTimeValue m_tvTraced;             // time of the last trace line about that
+    talvo::CLaterReportT<CCmAcceptorTcp, &CCmAcceptorTcp::OnRetry> m_Retry{*this};  // instead of the timer, without memory
 };
