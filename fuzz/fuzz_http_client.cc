@@ -55,8 +55,8 @@ void CheckUrlAndDate(const std::string& aText) {
         FUZZ_CHECK(url.GetPath() == before.GetPath() && url.GetAsciiSpec() == before.GetAsciiSpec());
     }
     int64_t llSeconds = 0, llAgain = 0;
-    if (talvo::parse_http_date(aText, llSeconds))
-        FUZZ_CHECK(talvo::parse_http_date(talvo::format_http_date(llSeconds), llAgain) && llAgain == llSeconds);
+    if (cm_parse_http_date(aText, llSeconds))
+        FUZZ_CHECK(cm_parse_http_date(cm_format_http_date(llSeconds), llAgain) && llAgain == llSeconds);
 }
 
 }  // namespace

@@ -49,7 +49,7 @@ void AnswerFile(ICmChannelHttpServer& aChannel, FileHandle aFile, const struct s
     RequireMemory(aChannel.SetHeader(Atoms::ETag, version.GetTag()));
     // A modification time in the future would be later than the answer's own date.
     const int64_t llNow = CCmClock::GetWallUsec() / 1000000;
-    RequireMemory(aChannel.SetHeader(Atoms::Last_Modified, talvo::format_http_date(std::min(version.GetModified(), llNow))));
+    RequireMemory(aChannel.SetHeader(Atoms::Last_Modified, cm_format_http_date(std::min(version.GetModified(), llNow))));
     RequireMemory(aChannel.SetHeader(Atoms::Accept_Ranges, "bytes"));
     const long lStatus = version.JudgeConditions(request);
     if (lStatus == 412)

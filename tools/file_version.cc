@@ -14,7 +14,7 @@ using Atoms = CCmHttpAtomList;
 bool IsListed(std::string_view aTags, std::string_view aTag, bool aWeakToo) {
     if (aTags == "*")
         return true;
-    for (std::string_view element; talvo::next_element(aTags, element);) {
+    for (std::string_view element; cm_next_list_element(aTags, element);) {
         if (aWeakToo && element.starts_with("W/"))
             element.remove_prefix(2);
         if (element == aTag)
@@ -45,7 +45,7 @@ bool FileVersion::IsMeant(const CCmHttpRequestHead& aRequest) const {
         return IsListed(*pTags, m_strTag, false);
     const CCmString* pDate = aRequest.FindHeader(Atoms::If_Unmodified_Since);
     int64_t llDate = 0;
-    return !pDate || !talvo::parse_http_date(*pDate, llDate) || m_llModified <= llDate;
+    return !pDate || !cm_parse_http_date(*pDate, llDate) || m_llModified <= llDate;
 }
 
 bool FileVersion::IsNotModified(const CCmHttpRequestHead& aRequest) const {
@@ -53,7 +53,7 @@ bool FileVersion::IsNotModified(const CCmHttpRequestHead& aRequest) const {
         return IsListed(*pTags, m_strTag, true);
     const CCmString* pDate = aRequest.FindHeader(Atoms::If_Modified_Since);
     int64_t llDate = 0;
-    return pDate && talvo::parse_http_date(*pDate, llDate) && m_llModified <= llDate;
+    return pDate && cm_parse_http_date(*pDate, llDate) && m_llModified <= llDate;
 }
 
 bool FileVersion::IsRangeMeant(const CCmHttpRequestHead& aRequest) const {
@@ -61,7 +61,7 @@ bool FileVersion::IsRangeMeant(const CCmHttpRequestHead& aRequest) const {
     if (!pIf || *pIf == m_strTag)
         return true;
     int64_t llDate = 0;
-    return talvo::parse_http_date(*pIf, llDate) && m_llModified == llDate;
+    return cm_parse_http_date(*pIf, llDate) && m_llModified == llDate;
 }
 
 }  // namespace tool

@@ -58,16 +58,16 @@ TEST(HttpDate, FormsAndFaults) {
           "784111777 Sun Nov  6 08:49:37 1994", "1709251200 Thu, 29 Feb 2024 23:59:60 GMT",
           "-62135596800 Mon, 01 Jan 0001 00:00:00 GMT", "253402300799 Fri, 31 Dec 9999 23:59:59 GMT"}) {
         int64_t llParsed = 1;
-        EXPECT_TRUE(talvo::parse_http_date(strRow.substr(strRow.find(' ')), llParsed)) << strRow;
+        EXPECT_TRUE(cm_parse_http_date(strRow.substr(strRow.find(' ')), llParsed)) << strRow;
         EXPECT_EQ(llParsed, std::atoll(strRow.c_str())) << strRow;
     }
-    EXPECT_EQ(talvo::format_http_date(784111777), "Sun, 06 Nov 1994 08:49:37 GMT");
-    EXPECT_EQ(talvo::format_http_date(INT64_MAX), "Fri, 31 Dec 9999 23:59:59 GMT");
+    EXPECT_EQ(cm_format_http_date(784111777), "Sun, 06 Nov 1994 08:49:37 GMT");
+    EXPECT_EQ(cm_format_http_date(INT64_MAX), "Fri, 31 Dec 9999 23:59:59 GMT");
     int64_t llParsed = 42;
     for (const char* pText :
          {"", "Sun, 06 Nov 1994 08:49:37", "Sun, 31 Feb 1994 08:49:37 GMT", "Sun, 06 Now 1994 08:49:37 GMT",
           "Sun, 06 Nov 1994 24:00:00 GMT", "Sun, 06 Nov 1994 08:49:37 GMT x", "784111777", "Sun Nov  6 08:49:37 -994"})
-        EXPECT_FALSE(talvo::parse_http_date(pText, llParsed)) << pText;
+        EXPECT_FALSE(cm_parse_http_date(pText, llParsed)) << pText;
     EXPECT_EQ(llParsed, 42);
 }
 

@@ -7,8 +7,6 @@
 #include "talvo/base/clock.h"
 #include "talvo/http/message/http_text.h"
 
-namespace talvo {
-
 namespace {
 
 using std::chrono::sys_days;
@@ -27,7 +25,7 @@ struct CFields {
 
 // Each pattern has to match to the text's end, which "%n" at its own end detects. sscanf accepts a sign before a number, but a
 // year must not have one.
-BOOL scan(const CCmString& aText, const char* aPattern, CFields& aFields) {
+BOOL Scan(const CCmString& aText, const char* aPattern, CFields& aFields) {
     int nEnd = 0;
     aFields = CFields();
     std::sscanf(aText.c_str(), aPattern, &aFields.m_nDay, aFields.m_szMonth, &aFields.m_nYear, &aFields.m_nHour,
@@ -36,7 +34,7 @@ BOOL scan(const CCmString& aText, const char* aPattern, CFields& aFields) {
 }
 
 // Only this form has the year at its end.
-BOOL scan_asctime(const CCmString& aText, CFields& aFields) {
+BOOL ScanAsctime(const CCmString& aText, CFields& aFields) {
     int nEnd = 0;
     aFields = CFields();
     std::sscanf(aText.c_str(), "%*3[A-Za-z] %3s %2d %2d:%2d:%2d %4d%n", aFields.m_szMonth, &aFields.m_nDay, &aFields.m_nHour,
@@ -44,16 +42,16 @@ BOOL scan_asctime(const CCmString& aText, CFields& aFields) {
     return nEnd > 0 && static_cast<size_t>(nEnd) == aText.size() && aFields.m_nYear >= 0;
 }
 
-int full_year(int aYear) {
+int FullYear(int aYear) {
     const sys_days today(std::chrono::days(CCmClock::GetWallUsec() / (DAY * 1000000)));
     const int nThisYear = static_cast<int>(year_month_day(today).year());
     const int nYear = nThisYear - nThisYear % 100 + aYear;
     return nYear > nThisYear + 50 ? nYear - 100 : nYear;
 }
 
-BOOL to_seconds(const CFields& aFields, int64_t& aSeconds) {
+BOOL ToSeconds(const CFields& aFields, int64_t& aSeconds) {
     const auto pMonth = std::find_if(std::begin(MONTHS), std::end(MONTHS),
-                                     [&](const char* aMonth) { return equal_no_case(aMonth, aFields.m_szMonth); });
+                                     [&](const char* aMonth) { return talvo::equal_no_case(aMonth, aFields.m_szMonth); });
     const auto month = std::chrono::month(static_cast<unsigned>(pMonth - std::begin(MONTHS) + 1));
     const year_month_day date(std::chrono::year(aFields.m_nYear), month,
                               std::chrono::day(static_cast<unsigned>(aFields.m_nDay)));
@@ -68,7 +66,7 @@ BOOL to_seconds(const CFields& aFields, int64_t& aSeconds) {
 
 }  // namespace
 
-CCmString format_http_date(int64_t aSeconds) {
+CCmString cm_format_http_date(int64_t aSeconds) {
     const auto time = std::chrono::sys_seconds(std::chrono::seconds(std::clamp(aSeconds, FIRST_SECOND, LAST_SECOND)));
     const auto day = std::chrono::floor<std::chrono::days>(time);
     const year_month_day date(day);
@@ -81,15 +79,13 @@ CCmString format_http_date(int64_t aSeconds) {
     return szDate;
 }
 
-BOOL parse_http_date(std::string_view aText, int64_t& aSeconds) {
-    const CCmString strText(trim_blanks(aText));
+BOOL cm_parse_http_date(std::string_view aText, int64_t& aSeconds) {
+    const CCmString strText(talvo::trim_blanks(aText));
     CFields fields;
-    if (scan(strText, "%*3[A-Za-z], %2d %3s %4d %2d:%2d:%2d GMT%n", fields) || scan_asctime(strText, fields))
-        return to_seconds(fields, aSeconds);
-    if (!scan(strText, "%*9[A-Za-z], %2d-%3[A-Za-z]-%2d %2d:%2d:%2d GMT%n", fields))
+    if (Scan(strText, "%*3[A-Za-z], %2d %3s %4d %2d:%2d:%2d GMT%n", fields) || ScanAsctime(strText, fields))
+        return ToSeconds(fields, aSeconds);
+    if (!Scan(strText, "%*9[A-Za-z], %2d-%3[A-Za-z]-%2d %2d:%2d:%2d GMT%n", fields))
         return FALSE;
-    fields.m_nYear = full_year(fields.m_nYear);
-    return to_seconds(fields, aSeconds);
+    fields.m_nYear = FullYear(fields.m_nYear);
+    return ToSeconds(fields, aSeconds);
 }
-
-}  // namespace talvo

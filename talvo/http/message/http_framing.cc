@@ -4,6 +4,7 @@
 #include <charconv>
 
 #include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_list.h"
 #include "talvo/http/message/http_text.h"
 
 namespace talvo {
@@ -22,7 +23,7 @@ ECodings get_codings(const CCmHttpHeaderArray& aHeaders, BOOL aIdentity) {
     const CCmString* pValue = aHeaders.FindHeader(Atoms::Transfer_Encoding);
     BOOL bChunked = FALSE, bUnknown = FALSE;
     std::string_view strList = pValue ? std::string_view(*pValue) : std::string_view();
-    for (std::string_view element; next_element(strList, element);) {
+    for (std::string_view element; cm_next_list_element(strList, element);) {
         if (bChunked)
             return MISPLACED_CHUNKED;
         bChunked = equal_no_case(element, "chunked");
@@ -34,7 +35,7 @@ ECodings get_codings(const CCmHttpHeaderArray& aHeaders, BOOL aIdentity) {
 // One number, or a list of equal numbers, into which some intermediaries join repeated lines.
 BOOL parse_length(std::string_view aValue, uint64_t& aLength) {
     std::string_view element, first;
-    while (next_element(aValue, element)) {
+    while (cm_next_list_element(aValue, element)) {
         if (!first.empty() && element != first)
             return FALSE;
         first = element;

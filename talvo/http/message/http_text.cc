@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 
+#include "talvo/http/message/http_list.h"
+
 namespace talvo {
 
 namespace {
@@ -13,20 +15,6 @@ constexpr auto TOKEN_LETTERS = [] {
         table[static_cast<BYTE>(c)] = true;
     return table;
 }();
-
-// The end of the element at the front. A backslash in quotes escapes the next character.
-size_t end_of_element(std::string_view aList) {
-    BOOL bQuoted = FALSE;
-    for (size_t i = 0; i < aList.size(); ++i) {
-        if (aList[i] == '"')
-            bQuoted = !bQuoted;
-        else if (bQuoted && aList[i] == '\\')
-            ++i;
-        else if (!bQuoted && aList[i] == ',')
-            return i;
-    }
-    return aList.size();
-}
 
 }  // namespace
 
@@ -52,19 +40,8 @@ BOOL is_sendable(std::string_view aText) {
            aText.find('\0') == std::string_view::npos;
 }
 
-BOOL next_element(std::string_view& aList, std::string_view& aElement) {
-    while (!aList.empty()) {
-        const size_t stEnd = end_of_element(aList);
-        aElement = trim_blanks(aList.substr(0, stEnd));
-        aList.remove_prefix(std::min(stEnd + 1, aList.size()));
-        if (!aElement.empty())
-            return TRUE;
-    }
-    return FALSE;
-}
-
 BOOL has_token(std::string_view aList, std::string_view aToken) {
-    for (std::string_view element; next_element(aList, element);) {
+    for (std::string_view element; cm_next_list_element(aList, element);) {
         if (equal_no_case(element, aToken))
             return TRUE;
     }

@@ -42,10 +42,6 @@ TALVO_API BOOL is_token(std::string_view aText);
 // FALSE: contains CR, LF or NUL. When sent, it would end its line or be read differently by others.
 TALVO_API BOOL is_sendable(std::string_view aText);
 
-// Removes the first element from a comma-separated list; empty elements are skipped. aElement (out): without the blanks around
-// it. FALSE: there is none left. A comma inside a quoted string does not separate.
-TALVO_API BOOL next_element(std::string_view& aList, std::string_view& aElement);
-
 // TRUE: aToken is one of the list's elements, in any case.
 TALVO_API BOOL has_token(std::string_view aList, std::string_view aToken);
 

@@ -10,6 +10,7 @@
 #include "talvo/event/thread_manager.h"
 #include "talvo/http/message/http_date.h"
 #include "talvo/http/message/http_memory.h"
+#include "talvo/http/server/http_server_connection.h"
 #include "talvo/transport/connect_options.h"
 #include "talvo/transport/thread_proxy/proxy_options.h"
 
@@ -202,7 +203,7 @@ std::string_view CCmChannelHttpServerAcceptor::GetTail(BOOL aKeepAlive) {
 // FALSE: memory ran out, and the old ones stay.
 BOOL CCmChannelHttpServerAcceptor::PrintTails_i() {
     return talvo::WithMemory([this] {
-        const CCmString strDate = "Date: " + talvo::format_http_date(CCmClock::GetWallUsec() / USEC_PER_SECOND);
+        const CCmString strDate = "Date: " + cm_format_http_date(CCmClock::GetWallUsec() / USEC_PER_SECOND);
         CCmString strKeep = strDate + "\r\nConnection: keep-alive\r\n\r\n";
         m_strTailClose = strDate + "\r\nConnection: close\r\n\r\n";
         m_strTailKeep.swap(strKeep);

@@ -9,9 +9,9 @@
 namespace talvo {
 
 // Tries addresses in turn. The next one starts when one before it has failed, or when none has connected within 250 ms.
-// Handshakes are a part of an attempt, and while one runs only its failure starts the next address. The first attempt to succeed
-// wins and the others are closed. More addresses may join a race, also one that has failed. One race at a time, in the thread of
-// its reactor.
+// Handshakes are a part of an attempt, and while one runs only its failure starts the next address. The first attempt to
+// succeed wins and the others are closed. More addresses may join a race, also one that has failed. One race at a time, in the
+// thread of its reactor.
 template <class TransportType>
 class CConnectRaceT final : private ICmTimerHandler, private CConnectAttemptT<TransportType>::IOwner {
 public:
