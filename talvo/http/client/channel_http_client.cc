@@ -32,7 +32,8 @@ CmResult Copy(const CCmInetAddr& aFrom, CCmInetAddr& aTo) {
 
 }  // namespace
 
-CCmChannelHttpClient::CCmChannelHttpClient(const CCmHttpUrl& aUrl, DWORD) : m_dwThread(cm_thread_self_id()), m_Exchange(*this) {
+CCmChannelHttpClient::CCmChannelHttpClient(const CCmHttpUrl& aUrl, DWORD)
+    : m_dwThread(cm_thread_self_id()), m_Exchange(*this), m_dwMaxRedirects(talvo::MAX_HTTP_REDIRECTS) {
     WithMemory([&] { m_pUrl = new CCmHttpUrl(aUrl); });
     ++s_Live;
 }

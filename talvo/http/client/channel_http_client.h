@@ -9,7 +9,6 @@
 #include "talvo/http/channel/channel_http_client_interface.h"
 #include "talvo/http/client/http_client_exchange.h"
 #include "talvo/http/client/http_client_request.h"
-#include "talvo/http/client/http_redirect.h"
 #include "talvo/http/message/http_auth.h"
 
 // What CCmChannelManager::CreateChannelHttpClient makes.
@@ -107,7 +106,7 @@ private:
     DWORD m_dwRedirects = 0;
 
     DWORD m_dwWholeBody = FALSE;
-    DWORD m_dwMaxRedirects = talvo::MAX_HTTP_REDIRECTS;
+    DWORD m_dwMaxRedirects;
 
     BOOL m_bPaused = FALSE;
     talvo::CReceiveChain m_Held;  // came during a pause

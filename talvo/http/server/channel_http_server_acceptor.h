@@ -6,7 +6,8 @@
 #include "talvo/base/failure.h"
 #include "talvo/event/thread_link.h"
 #include "talvo/event/timer_delete.h"
-#include "talvo/http/server/http_server_connection.h"
+#include "talvo/event/timer_wrapper_id.h"
+#include "talvo/http/server/http_server_owner.h"
 
 // CCmChannelManager::CreateHttpAcceptor makes it. One timer, once a second, checks all time-outs.
 class TALVO_API CCmChannelHttpServerAcceptor final : public ICmChannelServerAcceptor,

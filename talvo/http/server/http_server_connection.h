@@ -6,30 +6,9 @@
 #include "talvo/http/server/channel_http_server.h"
 #include "talvo/http/server/http_request_reader.h"
 #include "talvo/http/server/http_server_output.h"
+#include "talvo/http/server/http_server_owner.h"
 
 namespace talvo {
-
-class CHttpServerConnection;
-
-// The services of the acceptor to its connections. It outlives them.
-class CHttpServerOwner {
-public:
-    virtual const CHttpServerSettings& GetSettings() const = 0;
-    // Counts the looks at the clock, one a second.
-    virtual DWORD GetLooks() const = 0;
-    // The end of a head: "Date", "Connection", the empty line.
-    virtual std::string_view GetTail(BOOL aKeepAlive) = 0;
-    virtual void OnRequest(ICmChannelHttpServer& aChannel) = 0;
-    // A request without a sink has been lost.
-    virtual void OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) = 0;
-    // The client of a request without a sink has ended its sending side.
-    virtual void OnClientEnd(ICmChannelHttpServer& aChannel) = 0;
-    // The connection has ended: removes it.
-    virtual void Remove(CHttpServerConnection& aConnection) = 0;
-
-protected:
-    ~CHttpServerOwner() = default;
-};
 
 //          request complete           answer complete, connection kept
 //   HEAD ------------------> ANSWER -----------------------------------> HEAD
