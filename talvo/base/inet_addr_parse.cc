@@ -64,12 +64,14 @@ bool IsPath(std::string_view aText) {
     return aText.starts_with(UNIX) && (aText.find('/') != std::string_view::npos || aText.substr(UNIX.size()).starts_with('@'));
 }
 
+bool IsControl(char aByte) { return static_cast<unsigned char>(aByte) < ' ' || aByte == '\x7F'; }
+
 CmResult ParsePath(std::string_view aText, CCmInetAddr& aAddr, CCmString* aReason) {
     CmResult rv = CM_ERROR_INVALID_ARG;
-    if (aText.find('\0') == std::string_view::npos)
+    if (std::none_of(aText.begin(), aText.end(), IsControl))
         rv = aAddr.SetPath(CCmString(aText.substr(UNIX.size())).c_str());
     if (rv == CM_ERROR_INVALID_ARG || rv == CM_ERROR_NOT_AVAILABLE)
-        return Refuse(aReason, "the path is not 1 to 107 bytes");
+        return Refuse(aReason, "the path is not 1 to 107 bytes without control characters");
     return rv;
 }
 

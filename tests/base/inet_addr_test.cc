@@ -45,9 +45,10 @@ TEST(InetAddr, ParseTakesOnlyWhatCannotBeMisread) {
     const std::string strLong = strLabel + "." + strLabel + "." + strLabel + ".";
     std::vector<std::string> bad = {strLabel + "a:1", "1.2.3.4\0:1"s, "unix:/a\0"s, "unix:/" + std::string(107, 'a')};
     for (const char* pBad :
-         {"",      "host",     "host:",    "host:notaport", "host:65536",       "host:000080", "host:+1", "host: 1", ":1",
-          "1.2:1", "0x7f.1:1", "a.0x1f:1", "256.1.1.1:1",   "1.2.3.04:1",       "a..b:1",      ".:1",     "a b:1",   "u@h:1",
-          "::1:1", "[::1]",    "[::1]:",   "[::1%none]:1",  "[fe80::1%none]:1", "[1.2.3.4]:1", "unix:@",  "h:1/"})
+         {"",       "host",  "host:",     "host:notaport", "host:65536",  "host:000080",  "host:+1",          "host: 1",
+          ":1",     "1.2:1", "0x7f.1:1",  "a.0x1f:1",      "256.1.1.1:1", "1.2.3.04:1",   "a..b:1",           ".:1",
+          "a b:1",  "u@h:1", "::1:1",     "[::1]",         "[::1]:",      "[::1%none]:1", "[fe80::1%none]:1", "[1.2.3.4]:1",
+          "unix:@", "h:1/",  "unix:/a\nb"})
         bad.emplace_back(pBad);
     bad.push_back(strLong + strLabel.substr(1) + ":1");
     for (const std::string& strBad : bad) {
