@@ -132,7 +132,10 @@ void CCmSimNetwork::After(const CCmTimeValue& aDelay, std::function<void()> aRun
     m_pCore->m_Schedule.After(aDelay.GetTotalInUsec(), std::move(aRun));
 }
 
-void CCmSimNetwork::Jump(const CCmTimeValue& aTime) { m_pCore->m_Schedule.Jump(aTime.GetTotalInUsec()); }
+void CCmSimNetwork::Jump(const CCmTimeValue& aTime) {
+    m_bJumped = TRUE;
+    m_pCore->m_Schedule.Jump(aTime.GetTotalInUsec());
+}
 
 uint64_t CCmSimNetwork::Random(uint64_t aBound) { return m_pCore->m_Random.Below(aBound); }
 BOOL CCmSimNetwork::Chance(double aShare) { return m_pCore->m_Random.Chance(aShare); }

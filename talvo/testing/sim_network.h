@@ -82,6 +82,7 @@ public:
     void After(const CCmTimeValue& aDelay, std::function<void()> aRun);
     // Time advances without the loop, as on a machine after a suspend: overdue timers fire late, in the next run.
     void Jump(const CCmTimeValue& aTime);
+    BOOL HasJumped() const { return m_bJumped; }
 
     // Random numbers of the simulation: 0 to aBound - 1, aBound not 0; TRUE in that share of calls.
     uint64_t Random(uint64_t aBound);
@@ -110,4 +111,5 @@ public:
 private:
     const std::shared_ptr<talvo::CSimCore> m_pCore;  // also held by the simulated transports
     const std::unique_ptr<talvo::CSimSetup> m_pSetup;
+    BOOL m_bJumped = FALSE;
 };

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "talvo/connection/drain_sink.h"
 #include "talvo/event/thread_manager.h"
 #include "talvo/transport/transport_interface.h"
 
@@ -75,6 +76,19 @@ private:
     const DWORD m_dwThread = CCmThreadManager::GetThreadSelfId();
     std::string m_strLog, m_strFaults;
     BOOL m_bReceiving = FALSE;
+};
+
+// The sink of a drain. Allocates no memory.
+class CCmDrainLog : public ICmDrainSink {
+public:
+    void OnDrained(CmResult aReason, const CCmUndrained& aLeft) override {
+        ++m_nCalls;
+        m_Reason = aReason;
+        m_Left = aLeft;
+    }
+    int m_nCalls = 0;
+    CmResult m_Reason = CM_OK;
+    CCmUndrained m_Left;
 };
 
 // The sink of an acceptor or a connector: keeps the transports, unless set otherwise. One thread at a time.

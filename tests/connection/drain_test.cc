@@ -4,18 +4,6 @@
 
 namespace {
 
-class CTestDrain : public ICmDrainSink {
-public:
-    void OnDrained(CmResult aReason, const CCmUndrained& aLeft) override {
-        ++m_nTold;
-        m_Reason = aReason;
-        m_Left = aLeft;
-    }
-    int m_nTold = 0;
-    CmResult m_Reason = CM_OK;
-    CCmUndrained m_Left;
-};
-
 constexpr CCmThreadManager::ENetworkThreadMode MODES[] = {CCmThreadManager::NETWORK_THREAD_OWN,
                                                           CCmThreadManager::NETWORK_THREAD_MAIN};
 
@@ -56,7 +44,7 @@ TEST(DrainTest, SinksGetOneEndWhatWasTakenGoesOutAndALossIsReported) {
         CTestFd peer;
         CTestConnectSink accepted;
         CTestSink sink;
-        CTestDrain drain;
+        CCmDrainLog drain;
         CCmInetAddr addr;
         const auto pAcceptor = aNetwork.Listen(accepted, addr);
         const auto pTransport = aNetwork.ConnectTo(peer, 4096, aType);
@@ -78,7 +66,7 @@ TEST(DrainTest, SinksGetOneEndWhatWasTakenGoesOutAndALossIsReported) {
         });
         CCmTimeValue tvLimit(60);
         EXPECT_EQ(CM_OK, CTestNetwork::Manager().Drain(&tvLimit, aDies ? &drain : nullptr));
-        aNetwork.RunUntil([&] { return drain.m_nTold == aDies; });
+        aNetwork.RunUntil([&] { return drain.m_nCalls == aDies; });
         reader.join();
         EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, sink.m_Reason);
         EXPECT_EQ(1, sink.m_nDisconnects);
@@ -144,7 +132,7 @@ TEST(DrainTest, AtTheLimitItReportsAndCuts) {
     CTestNetwork network;
     CTestFd peer;
     CTestSink sink;
-    CTestDrain drain, second;
+    CCmDrainLog drain, second;
     const auto pProxy = network.ConnectTo(peer, 4096);
     pProxy->OpenWithSink(&sink);
     EXPECT_EQ(CM_OK, SendText(*pProxy, Pattern(900 * 1024)));
@@ -157,21 +145,21 @@ TEST(DrainTest, AtTheLimitItReportsAndCuts) {
     };
     for (int i = 0; i < 49; ++i)
         pass(100);
-    EXPECT_EQ(0, drain.m_nTold);
-    network.RunUntil([&] { return pass(10), drain.m_nTold == 1; });
+    EXPECT_EQ(0, drain.m_nCalls);
+    network.RunUntil([&] { return pass(10), drain.m_nCalls == 1; });
     EXPECT_EQ(CM_ERROR_TIMEOUT, drain.m_Reason);
     EXPECT_EQ(1u, drain.m_Left.m_dwConnections);
     EXPECT_LT(0u, drain.m_Left.m_ullBytes);
     EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_CLOSE, sink.m_Reason);
     EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit, &second)) << "the next one may begin";
-    network.RunUntil([&] { return pass(10), second.m_nTold == 1; });
+    network.RunUntil([&] { return pass(10), second.m_nCalls == 1; });
     EXPECT_EQ(CM_OK, second.m_Reason);
 }
 
 TEST(DrainTest, WhoMayCallAndHow) {
     CTestNetwork network;
     CCmTimeValue tvLimit(60);
-    CTestDrain drain;
+    CCmDrainLog drain;
     std::thread([&] { EXPECT_EQ(CM_ERROR_NULL_POINTER, network.Manager().Drain(&tvLimit, &drain)); }).join();
     CScopedThread user(CScopedThread::TASK);
     RunIn(user->GetLink(), [&] { EXPECT_EQ(CM_ERROR_FAILURE, network.Manager().Drain(&tvLimit)); });
@@ -180,7 +168,7 @@ TEST(DrainTest, WhoMayCallAndHow) {
     network.RunPosted();
     EXPECT_EQ(CM_ERROR_FAILURE, rvInside);
     EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit, &drain));
-    network.RunUntil([&] { return drain.m_nTold == 1; });
+    network.RunUntil([&] { return drain.m_nCalls == 1; });
     EXPECT_EQ(CM_OK, drain.m_Reason);
     // A thread that is late runs the end of each drain behind its stages.
     CCmThreadLink& link = network.MainLink();

@@ -75,7 +75,8 @@ void CSimUser::OnDisconnect(CmResult aReason, ICmTransport* aTrptId) {
     if (!bSilence && !m_Link.m_bOdd && !IsOdd()) {
         if (!bEnded && (!bLost || m_Link.m_bTold))
             Fail("OnDisconnect " + std::to_string(aReason));
-        if ((m_Link.m_bComplete || (m_World.Now() < m_Link.m_llLingers && !m_World.m_bJumped)) && GetIncoming().IsMissing())
+        if ((m_Link.m_bComplete || (m_World.Now() < m_Link.m_llLingers && !m_World.m_Network.HasJumped())) &&
+            GetIncoming().IsMissing())
             Fail("the end came before a message");
     }
 }
@@ -89,7 +90,7 @@ void CSimUser::StartTimer_i(DWORD aSeconds) {
 
 void CSimUser::Fired_i() {
     const int64_t llPassed = m_World.Now() - m_llTimer;
-    if (!IsOpen() || llPassed == 0 || llPassed % m_llInterval != 0 || m_World.m_bJumped)
+    if (!IsOpen() || llPassed == 0 || llPassed % m_llInterval != 0 || m_World.m_Network.HasJumped())
         return;
     m_World.After(m_llInterval, [this] { Fired_i(); });
     if (IsPeerSilent_i())
@@ -106,7 +107,7 @@ BOOL CSimUser::IsPeerSilent_i() const {
 
 // Only a firing ends it.
 BOOL CSimUser::IsSilenceTheEnd_i() const {
-    return m_World.m_bJumped || (IsPeerSilent_i() && (m_World.Now() - m_llTimer) % m_llInterval == 0);
+    return m_World.m_Network.HasJumped() || (IsPeerSilent_i() && (m_World.Now() - m_llTimer) % m_llInterval == 0);
 }
 
 // What the transport has not taken by now lingers after an orderly end; after any other it is lost, the reason among it, and a

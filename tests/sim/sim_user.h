@@ -64,7 +64,6 @@ public:
     const DWORD m_dwType;
     const BOOL m_bDatagrams, m_bPackage, m_bKeepAlive;
     BOOL m_bWild = TRUE;                              // users act at random
-    BOOL m_bJumped = FALSE;                           // so nothing is known of when timers fire
     std::map<WORD, CSimLink> m_Links;                 // by the client's port
     std::map<std::pair<WORD, WORD>, CTicks> m_Ticks;  // by the own port and the peer's
     std::vector<std::unique_ptr<CSimUser>> m_Users;
