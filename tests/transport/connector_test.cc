@@ -55,25 +55,6 @@ TEST_F(ConnectorTest, InitJudgesTheType) {
     EXPECT_EQ(CM_OK, m_pConnector->Init(CM_TRANSPORT_TYPE_TCP));  // refusals leave it as it was
 }
 
-TEST_F(ConnectorTest, TimeOut) {
-    const CFullListener full;
-    CCmFakeClock clock;
-    CCmTimeValue tvTimeout(5);
-    m_pConnector->AsycConnect(&m_Sink, full.Addr(), &tvTimeout);
-    m_Network.RunPosted();
-    clock.Advance(CCmTimeValue(4, 900000));
-    m_Network.RunPosted();
-    EXPECT_EQ(0u, m_Sink.Count());
-    clock.Advance(CCmTimeValue(0, 200000));
-    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, Outcome());
-    // A connection that succeeds leaves no timer behind.
-    m_pConnector->AsycConnect(&m_Sink, m_Listener.Addr(), &tvTimeout);
-    EXPECT_EQ(CM_OK, Outcome());
-    clock.Advance(CCmTimeValue(60));
-    m_Network.RunPosted();
-    EXPECT_EQ(0u, m_Sink.Count());
-}
-
 TEST_F(ConnectorTest, CancelStopsAnAttemptAndASecondOneIsRefused) {
     CCmTraceCapture trace;
     for (const DWORD dwType : {CM_TRANSPORT_TYPE_UDP, CM_TRANSPORT_TYPE_TCP}) {

@@ -20,18 +20,14 @@ CCmRefPtrT<CCmDnsRecord> MakeGood(const CCmString& aName, DWORD aTtl) {
 
 TEST(DnsCacheTest, AnswersLiveAsLongAsTheySayWithinBounds) {
     CCmFakeClock clock;
-    const struct {
-        DWORD m_dwGiven;
-        int m_nLives;  // seconds
-    } rows[] = {{0, 1}, {1, 1}, {30, 30}, {3600, 3600}, {3601, 3600}, {0xFFFFFFFF, 3600}};
-    for (const auto& row : rows) {
+    for (const auto& [dwGiven, nLives] : {std::pair{0u, 1}, {1u, 1}, {3600u, 3600}, {3601u, 3600}, {0xFFFFFFFF, 3600}}) {
         CCmDnsCache cache;
-        cache.Add(MakeGood("a", row.m_dwGiven));
-        clock.Advance(CCmTimeValue(row.m_nLives - 1, 999999));
-        EXPECT_TRUE(cache.Find("a")) << row.m_dwGiven;
+        cache.Add(MakeGood("a", dwGiven));
+        clock.Advance(CCmTimeValue(nLives - 1, 999999));
+        EXPECT_TRUE(cache.Find("a")) << dwGiven;
         EXPECT_EQ(1u, cache.Find("a")->GetTimeToLive());
         clock.Advance(CCmTimeValue(0, 1));
-        EXPECT_FALSE(cache.Find("a")) << row.m_dwGiven;
+        EXPECT_FALSE(cache.Find("a")) << dwGiven;
         EXPECT_EQ(0u, cache.GetSize());
     }
     CCmDnsCache cache;

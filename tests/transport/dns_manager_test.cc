@@ -40,22 +40,14 @@ TEST_F(DnsManagerTest, OneLookUpServesAllAskersAndThenTheCache) {
     EXPECT_EQ("10.0.0.3:80", addr.GetIpDisplayName() + ":" + std::to_string(addr.GetPort()));
     EXPECT_EQ(CM_OK, Ask("One", pRecord, &first));
     EXPECT_EQ("10.0.0.1 10.0.0.2", TextOf(pRecord));
+    // Behind a cancel nothing comes, even what is in the main thread's queue.
+    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("localhost", pRecord, &first));
+    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("x.localhost", pRecord, &first));
+    m_Network.InNetwork([] {});
+    for (const CmResult rv : {CM_OK, CM_ERROR_NOT_FOUND})
+        EXPECT_EQ(rv, CCmDnsManager::Instance()->CancelResolve(&first));
     Settle();
     EXPECT_EQ(1u, first.m_Records.size());
-    EXPECT_EQ(CM_ERROR_NOT_FOUND, CCmDnsManager::Instance()->CancelResolve(&first));
-}
-
-TEST_F(DnsManagerTest, NothingIsHeardAfterCancelEvenWhatWasPosted) {
-    CTestObserver observer;
-    DnsRecordPtr pRecord;
-    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("localhost", pRecord, &observer));
-    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("x.localhost", pRecord, &observer));
-    // The answers are in the main thread's queue now.
-    m_Network.InNetwork([] {});
-    EXPECT_EQ(CM_OK, CCmDnsManager::Instance()->CancelResolve(&observer));
-    EXPECT_EQ(CM_ERROR_NOT_FOUND, CCmDnsManager::Instance()->CancelResolve(&observer));
-    Settle();
-    EXPECT_TRUE(observer.m_Records.empty());
     EXPECT_EQ(CM_OK, Ask("localhost", pRecord));
 }
 

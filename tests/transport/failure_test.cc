@@ -15,13 +15,9 @@ CCmFailure FailureOf(ICmAcceptorConnectorId* aId) {
 
 CCmFailure FailureOf(ICmTransport& aTransport) { return Get<CCmFailure>(aTransport, CM_OPT_TRANSPORT_LAST_FAILURE); }
 
-std::string TextOf(const CCmInetAddr& aAddr) {
-    char szText[32];
-    aAddr.Print(szText, sizeof szText);
-    return szText;
+std::string AddressOf(ICmTransport& aTransport, DWORD aCommand) {
+    return cm_address_text(Get<CCmInetAddr>(aTransport, aCommand));
 }
-
-std::string AddressOf(ICmTransport& aTransport, DWORD aCommand) { return TextOf(Get<CCmInetAddr>(aTransport, aCommand)); }
 
 // What is read inside an upcall while the network thread can answer nobody.
 class FailureTest : public testing::Test {
@@ -64,7 +60,7 @@ TEST_F(FailureTest, ConnectorsTellTheCause) {
     CCmInetAddr foreign("192.0.2.1", 0);
     const CCmInetAddr broadcast("255.255.255.255", 9), noName("not a name", 80);
     constexpr CmResult UNDER_WAY = CM_ERROR_NETWORK_CONNECT_ERROR, AT_ONCE = CM_ERROR_NETWORK_CONNECT_TIMEOUT;
-    const std::string strRefused = "connect to " + TextOf(m_Refused) + ": Connection refused";
+    const std::string strRefused = "connect to " + cm_address_text(m_Refused) + ": Connection refused";
     const std::string strForeign = "bind to 192.0.2.1:0: Cannot assign requested address";
     const struct {
         CCmInetAddr m_Peer;
@@ -84,7 +80,7 @@ TEST_F(FailureTest, ConnectorsTellTheCause) {
         {broadcast, UDP, AT_ONCE, CM_FAILURE_SYSTEM, "connect to 255.255.255.255:9: "},
         {noName, RAW, CM_ERROR_NETWORK_DNS_FAILURE, CM_FAILURE_NO_SUCH_NAME, "resolve not a name:80: not a host name"},
         {noName, UDP, CM_ERROR_NETWORK_DNS_FAILURE, CM_FAILURE_NO_SUCH_NAME, "resolve not a name:80: not a host name"},
-        {full.Addr(), RAW, UNDER_WAY, CM_FAILURE_TIMEOUT, "connect to " + TextOf(full.Addr()), nullptr, &tvTimeout},
+        {full.Addr(), RAW, UNDER_WAY, CM_FAILURE_TIMEOUT, "connect to " + cm_address_text(full.Addr()), nullptr, &tvTimeout},
     };
     for (const auto& row : rows) {
         const auto [reason, failure] = Connect(row.m_Peer, row.m_dwType, row.m_pLocal, row.m_pTimeout);
@@ -113,7 +109,7 @@ TEST_F(FailureTest, HandshakesTellTheCause) {
         m_Network.RunUntil([&] { return sink.Count() == 1; });
         const CCmFailure failure = FailureOf(pConnector.Get());
         EXPECT_EQ(CM_FAILURE_PROTOCOL, failure.GetCause()) << failure.ToString();
-        EXPECT_EQ("talk to " + TextOf(listener.Addr()), std::string(failure.GetAttempt()));
+        EXPECT_EQ("talk to " + cm_address_text(listener.Addr()), std::string(failure.GetAttempt()));
     }
 }
 
@@ -125,7 +121,8 @@ TEST_F(FailureTest, AcceptorsTellTheCause) {
         EXPECT_FALSE(FailureOf(pAcceptor.Get()));
         EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&sink, taken.Addr()));
         WithoutTheNetworkThread([&] {
-            EXPECT_EQ("bind to " + TextOf(taken.Addr()) + ": Address already in use", FailureOf(pAcceptor.Get()).ToString());
+            EXPECT_EQ("bind to " + cm_address_text(taken.Addr()) + ": Address already in use",
+                      FailureOf(pAcceptor.Get()).ToString());
         });
         EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, pAcceptor->StartListen(&sink, CCmInetAddr("192.0.2.1", 0)));
         EXPECT_EQ(EADDRNOTAVAIL, FailureOf(pAcceptor.Get()).GetErrno());
@@ -148,7 +145,7 @@ TEST_F(FailureTest, TransportsTellWhoLeftAndWhy) {
             CCmInetAddr addr;
             const auto pAcceptor = m_Network.Listen(connected, addr, dwType);
             CTestFd peer = MakeTcpSocket(addr.GetType());
-            const std::string strPeer = TextOf(Bind(peer));
+            const std::string strPeer = cm_address_text(Bind(peer));
             EXPECT_EQ(-1, connect(peer.Get(), reinterpret_cast<const sockaddr*>(addr.GetPtr()), addr.GetSize()));
             m_Network.RunUntil([&] { return connected.Count() == 1; });
             ICmTransport& transport = *connected.m_Transports[0];
@@ -159,7 +156,7 @@ TEST_F(FailureTest, TransportsTellWhoLeftAndWhy) {
                 WithoutTheNetworkThread([&] {
                     failure = FailureOf(transport);
                     EXPECT_EQ(strPeer, AddressOf(transport, CM_OPT_TRANSPORT_PEER_ADDR));
-                    EXPECT_EQ(TextOf(addr), AddressOf(transport, CM_OPT_TRANSPORT_LOCAL_ADDR));
+                    EXPECT_EQ(cm_address_text(addr), AddressOf(transport, CM_OPT_TRANSPORT_LOCAL_ADDR));
                 });
             };
             const linger hard{bReset, 0};
@@ -199,18 +196,4 @@ TEST_F(FailureTest, AFailedSendEndsTheConnectionFromTheLoop) {
             EXPECT_TRUE(bPaused || sink.m_strReceived.ends_with("last"));
         }
     }
-}
-
-TEST_F(FailureTest, NothingIsTakenBehindTheEndOfSending) {
-    CTestFd peer;
-    const auto pProxy = m_Network.ConnectTo(peer);
-    const CTestSink sink(*pProxy);
-    Set(*pProxy, CM_OPT_TRANSPORT_END_SENDING, TRUE);
-    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(*pProxy, "late"));
-    EXPECT_EQ(CM_OK, SendText(*pProxy, ""));
-    std::string strRead;
-    m_Network.RunUntil([&] { return ReadToEnd(peer, strRead); });
-    EXPECT_EQ("", strRead);
-    peer.Write("receiving goes on");
-    m_Network.RunUntil([&] { return sink.m_strReceived == "receiving goes on"; });
 }

@@ -135,29 +135,3 @@ TEST(ProxyThreadEndTest, UserThreadFirst) {
     EXPECT_EQ(0, pSink->Upcalls());
     EXPECT_EQ(1u, indications.Count());
 }
-
-// An upcall that was posted, and dropped with the user's thread, is not taken for one that is under way.
-TEST(ProxyThreadEndTest, DroppedUpcallDoesNotHideTheEndOfTheUserThread) {
-    CTestNetwork network;
-    CCmEventThread busy, last, received;
-    CScopedThread user(CScopedThread::EVENT_QUEUE_ONLY);
-    CFakeConnection connection(
-        network, STREAM, [](CFakeLower&) {}, &user->GetLink());
-    connection.Open();
-    user->GetLink().Post([&] { busy.Wait(); });
-    YieldUntil([&] { return user->GetEventQueue()->GetPendingEventsCount() == 0; });
-    user->Stop();
-    user->GetLink().Post([&] {
-        last.Signal();
-        received.Wait();
-    });
-    busy.Signal();
-    last.Wait();  // the batch with the stop runs: what is posted now is never run
-    connection.Receive("first");
-    received.Signal();
-    user.End();
-    EXPECT_EQ(0, connection.m_pFake->m_nDisconnects);
-    connection.Receive("second");
-    EXPECT_EQ(1, connection.m_pFake->m_nDisconnects);
-    EXPECT_EQ(0, connection.m_Sink.Upcalls());
-}

@@ -70,57 +70,50 @@ protected:
     CTestFd m_fdPeer;
 };
 
-// Puts what it sends into records: a length, and as many bytes. One of no bytes is the end.
-class CRecordTransport : public CCmTransportTcp {
+// Sets the high bit of each byte that it sends; a byte 0 is the end. Reads at most a hundred bytes at a time.
+class CMarkTransport : public CCmTransportTcp {
 public:
     using CCmTransportTcp::CCmTransportTcp;
 
-    static std::string Encode(const std::string& aText) { return static_cast<char>(aText.size()) + aText; }
-    // The text of the whole records at the start of aRaw, at most aMost of them; they are taken off.
-    static std::string Decode(std::string& aRaw, size_t aMost = std::string::npos) {
-        std::string strText;
-        for (; aMost > 0 && IsWhole(aRaw); --aMost) {
-            const size_t stLength = static_cast<size_t>(aRaw[0]);
-            strText += aRaw.substr(1, stLength);
-            aRaw.erase(0, stLength + 1);
-        }
-        return strText;
+    static inline const std::string END = std::string(1, '\0');
+    // Encodes a text, and decodes it again.
+    static std::string Flip(std::string aText) {
+        for (char& c : aText)
+            c = static_cast<char>(c ^ 0x80);
+        return aText;
     }
-    static BOOL IsWhole(const std::string& aRaw) { return !aRaw.empty() && aRaw.size() > static_cast<size_t>(aRaw[0]); }
 
 protected:
-    // A record at a time, however much has come.
     int Read_i(char* aBuf, DWORD, BOOL& aMore) override {
-        while (!IsWhole(m_strIn)) {
+        if (m_strIn.empty()) {
             char raw[1000];
             const int nRecv = Recv_i(raw, sizeof raw);
             if (nRecv == 0)
                 NoteEnd_i();
             if (nRecv <= 0)
                 return nRecv == 0 ? -1 : nRecv;
-            m_strIn.append(raw, static_cast<size_t>(nRecv));
+            m_strIn.assign(raw, static_cast<size_t>(nRecv));
         }
         aMore = TRUE;
-        if (m_strIn[0] == 0)
+        if (m_strIn == END)
             return IsEndTold_i() ? 0 : -1;
-        return static_cast<int>(Decode(m_strIn, 1).copy(aBuf, 127));
+        const std::string strText = Flip(m_strIn.substr(0, std::min(100u, GetHeld_i())));
+        m_strIn.erase(0, strText.size());
+        return static_cast<int>(strText.copy(aBuf, 100));
     }
-    DWORD GetHeld_i() const override { return IsWhole(m_strIn) ? static_cast<DWORD>(m_strIn[0]) : 0; }
+    DWORD GetHeld_i() const override { return static_cast<DWORD>(std::min(m_strIn.size(), m_strIn.find('\0'))); }
     void NoteEnd_i() override {
         static constexpr CWayToFail CUT = {CM_FAILURE_PROTOCOL, "cut off", "receive from"};
-        if (m_strIn != std::string(1, '\0'))
+        if (m_strIn != END)
             NoteFailure_i(CUT);
     }
     int Write_i(const iovec* aPieces, DWORD aCount) override {
         CmResult rv = Flush_i(FALSE);
         int nTaken = 0;
-        for (DWORD i = 0; i < aCount; ++i) {
-            const std::string strText(static_cast<const char*>(aPieces[i].iov_base), aPieces[i].iov_len);
-            for (size_t st = 0; st < strText.size() && rv == CM_OK; st += 100) {
-                m_strOut = Encode(strText.substr(st, 100));
-                nTaken += static_cast<int>(m_strOut.size() - 1);
-                rv = Flush_i(FALSE);
-            }
+        for (DWORD i = 0; i < aCount && rv == CM_OK; ++i) {
+            m_strOut = Flip({static_cast<const char*>(aPieces[i].iov_base), aPieces[i].iov_len});
+            nTaken += static_cast<int>(m_strOut.size());
+            rv = Flush_i(FALSE);
         }
         if (rv == CM_ERROR_PARTIAL_DATA)
             WaitForRoom_i();
@@ -129,7 +122,7 @@ protected:
     }
     CmResult Flush_i(BOOL aEnd) override {
         if (aEnd && !std::exchange(m_bEnded, TRUE))
-            m_strOut += Encode("");
+            m_strOut += END;
         while (!m_strOut.empty()) {
             const int nSent = Send_i(m_strOut.data(), static_cast<DWORD>(m_strOut.size()));
             if (nSent <= 0)
@@ -151,11 +144,11 @@ private:
 
 class LayerTest : public TransportTcpTest {
 protected:
-    CRefTransport Make() override { return new CRecordTransport(&m_Main.GetReactor()); }
+    CRefTransport Make() override { return new CMarkTransport(&m_Main.GetReactor()); }
     ECmFailureCause Cause() { return Get<CCmFailure>(*m_pTransport, CM_OPT_TRANSPORT_LAST_FAILURE).GetCause(); }
 
-    const std::string m_strText = Pattern(100), m_strRecord = CRecordTransport::Encode(m_strText);
-    const std::string m_strEnd = CRecordTransport::Encode("");
+    const std::string m_strText = std::string(50, 'a') + std::string(50, 'b'), m_strRaw = CMarkTransport::Flip(m_strText);
+    const std::string m_strEnd = CMarkTransport::END;
 };
 
 }  // namespace
@@ -337,16 +330,16 @@ TEST_F(TransportTcpTest, DetachedSocketStaysOpenAndSilent) {
     EXPECT_EQ("y", PeerReads(1));
 }
 
-// Behind the first record of a burst that has left the socket. The socket has nothing more to report when the pause ends, then
+// Behind the first part of a burst that has left the socket. The socket has nothing more to report when the pause ends, then
 // it has the end besides, and then the end of both sides.
 TEST_F(LayerTest, WhatALayerHoldsComesBehindThePauseAndBeforeTheEnd) {
-    for (const std::string& strRest : {std::string(), m_strEnd, m_strRecord.substr(0, 50)}) {
+    for (const std::string& strRest : {std::string(), m_strEnd}) {
         for (int nEnds = 0; nEnds < 3; ++nEnds) {
             SetUp();
             CTestSink sink;
             sink.m_Receive = [&] { Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, BOOL{sink.m_nReceives == 1}); };
             EXPECT_EQ(CM_OK, m_pTransport->OpenWithSink(&sink));
-            m_fdPeer.Write(m_strRecord + m_strRecord + m_strRecord + (nEnds > 0 ? strRest : ""));
+            m_fdPeer.Write(m_strRaw + m_strRaw + m_strRaw + (nEnds > 0 ? strRest : ""));
             Until([&] { return sink.m_nReceives == 1; });
             if (nEnds == 2) {
                 Set(*m_pTransport, CM_OPT_TRANSPORT_END_SENDING, TRUE);
@@ -357,7 +350,7 @@ TEST_F(LayerTest, WhatALayerHoldsComesBehindThePauseAndBeforeTheEnd) {
             Settle();
             EXPECT_EQ("receive " + m_strText, sink.Take());
             EXPECT_TRUE(Get<BOOL>(*m_pTransport, CM_OPT_TRANSPORT_SOCK_ALIVE));
-            EXPECT_EQ(100, Get<int>(*m_pTransport, CM_OPT_TRANSPORT_FIO_NREAD));
+            EXPECT_EQ(200, Get<int>(*m_pTransport, CM_OPT_TRANSPORT_FIO_NREAD));
             Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
             Until([&] { return sink.Upcalls() == (nEnds > 0 ? 4 : 3); });
             EXPECT_EQ("receive " + m_strText + m_strText + (nEnds > 0 ? ", disconnect 20001" : ""), sink.Take());
@@ -372,15 +365,13 @@ TEST_F(LayerTest, TheEndOfALayerIsThePeersEnd) {
         SetUp();
         Set(*m_pTransport, CM_OPT_TRANSPORT_TELL_END, bTold);
         CTestSink sink(*m_pTransport);
-        for (const char c : m_strRecord + m_strEnd) {
-            m_fdPeer.Write(std::string(1, c));
-            Settle();
-        }
-        Until([&] { return sink.Upcalls() == 2; });
+        m_fdPeer.Write(m_strRaw + m_strEnd);
+        Until([&] { return sink.m_strReceived == m_strText; });
+        Settle();
         EXPECT_EQ("receive " + m_strText + (bTold ? "" : ", disconnect 20001"), sink.Take());
         EXPECT_EQ(bTold, SendText(*m_pTransport, "answer") == CM_OK);
     }
-    EXPECT_EQ(CRecordTransport::Encode("answer"), PeerReads(7));
+    EXPECT_EQ(CMarkTransport::Flip("answer"), PeerReads(6));
 }
 
 TEST_F(LayerTest, WhatALayerHasTakenGoesOutByItself) {
@@ -399,9 +390,9 @@ TEST_F(LayerTest, WhatALayerHasTakenGoesOutByItself) {
         if (nEnd == DISCONNECTS)
             m_pTransport->Disconnect(CM_OK);
         std::string strRaw;
-        Until([&] { return ReadToEnd(m_fdPeer, strRaw) || (nEnd == GOES_ON && strRaw.size() == dwTaken / 100 * 101); });
+        Until([&] { return ReadToEnd(m_fdPeer, strRaw) || (nEnd == GOES_ON && strRaw.size() == dwTaken); });
         EXPECT_EQ(nEnd != GOES_ON, strRaw.ends_with('\0'));
-        EXPECT_EQ(std::string(dwTaken, 'f'), CRecordTransport::Decode(strRaw));
+        EXPECT_EQ(std::string(dwTaken, 'f'), CMarkTransport::Flip(strRaw.substr(0, dwTaken)));
         Settle();
         EXPECT_EQ(nEnd == DISCONNECTS ? "" : "send", sink.Take());
     }
