@@ -169,10 +169,6 @@ TEST_F(HttpServerTest, AnythingMayBeDoneInsideAnyUpcall) {
         [](CTestRequest& a) { a.m_pChannel->AnswerText(200, "text/plain", std::string(10000, 'x')); },
         [this](CTestRequest&) { m_pAcceptor->StopListen(CM_OK); },
         [this](CTestRequest&) { m_pAcceptor.Reset(); },
-        [this](CTestRequest& a) {
-            a.m_pChannel.Reset();
-            m_pAcceptor.Reset();
-        },
     };
     for (const auto& deed : deeds) {
         for (const std::string strWhere : {"request", "receive", "end", "send", "gone:20001"}) {
