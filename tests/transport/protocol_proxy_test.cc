@@ -112,6 +112,14 @@ TEST_F(ProtocolProxyTest, OnSendInsideASendGoesOn) {
     connection.SendTogether({"a", "b", "c", "d", "e"});
     connection.Sync();
     EXPECT_EQ("abcde", connection.m_pFake->GetSent());
+    dwRoom = 2;
+    m_Network.InNetwork([&] {
+        EXPECT_EQ(CM_OK, SendText(*connection.m_pProxy, "f"));  // its event is still queued at the next send
+        connection.m_pFake->m_pSink->OnSend(connection.m_pFake.Get());
+        EXPECT_EQ(CM_OK, SendText(*connection.m_pProxy, "g"));
+    });
+    connection.Sync();
+    EXPECT_EQ("abcdefg", connection.m_pFake->GetSent());
 }
 
 TEST_F(ProtocolProxyTest, TooLongAMessageIsRefusedBeforeItIsQueued) {

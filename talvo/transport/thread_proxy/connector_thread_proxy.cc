@@ -59,7 +59,7 @@ void CConnectorProxyCore::PostConnect_i(DWORD aAttempt, const CCmInetAddr& aPeer
 }
 
 void CConnectorProxyCore::CancelConnect() {
-    if (End() && !m_bCancelPosted.exchange(TRUE))
+    if (End())
         m_CancelEvent.Post(GetNetwork());
 }
 
@@ -77,7 +77,6 @@ void CConnectorProxyCore::Connect_i(DWORD aAttempt, const CCmInetAddr& aPeer, st
 }
 
 void CConnectorProxyCore::Cancel_i() {
-    m_bCancelPosted = FALSE;
     if (IsCurrent(m_dwRunning))
         return;
     m_dwRunning = 0;

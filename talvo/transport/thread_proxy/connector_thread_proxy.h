@@ -28,7 +28,6 @@ private:
     void Stop_i(ICmConnector& aConnector) override { aConnector.CancelConnect(); }
 
     CCmFailure m_IfEnded;  // network thread; the failure if this thread ends during the attempt
-    std::atomic<BOOL> m_bCancelPosted{FALSE};
     CEmbeddedEventT<CConnectorProxyCore, &CConnectorProxyCore::Cancel_i> m_CancelEvent{*this};
 };
 

@@ -89,10 +89,7 @@ protected:
         return aRequest == m_dwRequest;
     }
     // Any thread: ends the network thread's side. Needs no memory.
-    void PostLetGo() {
-        if (!m_bLetGoPosted.exchange(TRUE))
-            m_LetGoEvent.Post(GetNetwork());
-    }
+    void PostLetGo() { m_LetGoEvent.Post(GetNetwork()); }
     // Any thread. Has no effect for a request that is no longer current.
     void NoteFailure(DWORD aRequest, const CCmFailure& aFailure) {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
@@ -176,10 +173,6 @@ private:
     void OnSpare() { Indicate_i(TakeSpare_i()); }
     void OnSpareDropped() { TakeSpare_i(); }
 
-    void OnLetGo() {
-        m_bLetGoPosted = FALSE;
-        LetGo_i();
-    }
     // User's thread.
     void Indicate_i(const CIndication& aIndication) {
         if (ICmAcceptorConnectorSink* pSink = SinkOf(aIndication.m_dwRequest))
@@ -198,8 +191,7 @@ private:
     CSocketSettings m_Passed;   // network thread only; the values set in m_pInner
     Inner* m_pProxy = nullptr;  // the handle, for upcalls: exists while there is a sink
 
-    std::atomic<BOOL> m_bLetGoPosted{FALSE};
-    CEmbeddedEventT<CIndicatingProxyCoreT, &CIndicatingProxyCoreT::OnLetGo> m_LetGoEvent{*this};
+    CEmbeddedEventT<CIndicatingProxyCoreT, &CIndicatingProxyCoreT::LetGo_i> m_LetGoEvent{*this};
 
     CCmMutexThread m_Mutex;
     ICmAcceptorConnectorSink* m_pSink CM_GUARDED_BY(m_Mutex) = nullptr;  // not owned

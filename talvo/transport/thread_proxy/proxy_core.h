@@ -33,26 +33,28 @@ protected:
     void Leave_i();
 
     // An event inside its core, for frequent posts: at most one post of it is queued, so it needs no allocation. Runs Method of
-    // the core. If it is refused or dropped because its thread has ended, runs Dropped, if given.
+    // the core. If it is refused or dropped because its thread has ended, runs Dropped, if given. A core posts it to one thread
+    // only.
     template <class Core, void (Core::*Method)(), auto Dropped = nullptr>
     class CEmbeddedEventT final : public ICmEvent {
     public:
         explicit CEmbeddedEventT(Core& aCore) : m_Core(aCore) {}
-        CmResult Post(CCmThreadLink& aThread) {
-            m_Core.AddReference();
-            return aThread.PostEvent(this);
-        }
-        CmResult PostQuietly(CCmThreadLink& aThread) {
-            m_Core.AddReference();
-            return aThread.PostEventQuietly(this);
-        }
+        // Any thread. CM_OK: Method runs after this call; the post is this one or an earlier one. Otherwise the refusal of
+        // PostEvent.
+        CmResult Post(CCmThreadLink& aThread) { return Begin_i() ? aThread.PostEvent(this) : CM_OK; }
+        CmResult PostQuietly(CCmThreadLink& aThread) { return Begin_i() ? aThread.PostEventQuietly(this) : CM_OK; }
+        // A post is queued, and Method has not begun.
+        BOOL IsPosted() const { return m_bPosted; }
+
         CmResult OnEventFire() override {
             m_bFired = TRUE;
+            m_bPosted = FALSE;
             (m_Core.*Method)();
             return CM_OK;
         }
         void OnDestorySelf() override {
             if (!m_bFired.exchange(FALSE)) {
+                m_bPosted = FALSE;
                 if constexpr (!std::is_null_pointer_v<decltype(Dropped)>)
                     (m_Core.*Dropped)();
             }
@@ -60,7 +62,15 @@ protected:
         }
 
     private:
+        BOOL Begin_i() {
+            if (m_bPosted || m_bPosted.exchange(TRUE))  // a burst costs the first exchange only
+                return FALSE;
+            m_Core.AddReference();
+            return TRUE;
+        }
+
         Core& m_Core;
+        std::atomic<BOOL> m_bPosted{FALSE};
         std::atomic<BOOL> m_bFired{FALSE};  // between OnEventFire and OnDestorySelf of one post
     };
 

@@ -99,17 +99,12 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
         ApplyReading_i();
     if (m_Lane->EndsReport(dwLength))
         Tell_i();
-    else if (!m_bUpcallPosted && !std::exchange(m_bTellPosted, TRUE))
+    else if (!m_UpcallEvent.IsPosted())
         m_TellEvent.Post(GetNetwork());
 }
 
 // One report may bring many messages or reads. The user is notified after the last, with an event of this thread's own, and
 // finds them all.
-void CTransportProxyCore::TellReceived_i() {
-    m_bTellPosted = FALSE;
-    Tell_i();
-}
-
 void CTransportProxyCore::Tell_i() {
     if (PostUpcall_i() == CM_OK || !m_pTransport)
         return;
@@ -209,11 +204,6 @@ void CTransportProxyCore::ApplyReading_i() {
 DWORD CTransportProxyCore::GetUnacknowledged_i() {
     DWORD dwBytes = 0;
     return m_pTransport->GetOption(CM_OPT_TRANSPORT_UNACKNOWLEDGED, &dwBytes) == CM_OK ? dwBytes : 0;
-}
-
-void CTransportProxyCore::ApplyReadingAnew_i() {
-    m_bApplyReadingPosted = FALSE;
-    ApplyReading_i();
 }
 
 void CTransportProxyCore::EndWith_i(CmResult aReason) {

@@ -61,18 +61,16 @@ public:
 private:
     // User's thread.
     void Upcall();
-    void UpcallDropped();
     BOOL Deliver_i();
     void PauseReading_i(BOOL aPause);
     // Either thread.
-    CmResult PostUpcall_i();
+    CmResult PostUpcall_i() { return m_UpcallEvent.Post(GetUser()); }
+    void PostApplyReading_i() { m_ApplyReadingEvent.Post(GetNetwork()); }
     CmResult GetKept_i(DWORD aCommand, void* aArg) const;
-    void PostApplyReading_i();
     // Network thread.
     void ReadAddresses_i();
     void Moved_i(uint64_t aBytes);
     void Open_i();
-    void TellReceived_i();
     void Tell_i();
     void Drain();
     void EndSending_i();
@@ -81,7 +79,6 @@ private:
     void Cork_i(BOOL aCork);
     void TellSent_i();
     void ApplyReading_i();
-    void ApplyReadingAnew_i();
     void Disconnect_i() { EndWith_i(m_DisconnectReason); }
     void EndWith_i(CmResult aReason);
     DWORD GetUnacknowledged_i();
@@ -115,23 +112,20 @@ private:
     std::atomic<BOOL> m_bLossAtOnce{FALSE};  // a pause does not hold the end back
     std::atomic<BOOL> m_bOnSendDue{FALSE};
     std::atomic<BOOL> m_bLost{FALSE};  // m_LostReason is due, after all data
-    std::atomic<BOOL> m_bUpcallPosted{FALSE};
     CmResult m_LostReason = CM_OK;  // set before m_bLost
     CCmFailure m_Failure;           // likewise
     // The connection's values when the proxy was made; they may change after a reconnection.
     CAtomicAddr m_LocalAddr;
     CAtomicAddr m_PeerAddr;
     std::atomic<DWORD> m_dwTransportType{0};
-    std::atomic<BOOL> m_bApplyReadingPosted{FALSE};
     CmResult m_DisconnectReason = CM_OK;  // set before the event is posted
     CProxySendQueue m_SendQueue;
     CProxyReceiveQueue m_ReceiveQueue;
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Drain> m_DrainEvent{*this};
-    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Upcall, &CTransportProxyCore::UpcallDropped> m_UpcallEvent{
-        *this};
-    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::TellReceived_i> m_TellEvent{*this};
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Upcall> m_UpcallEvent{*this};
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Tell_i> m_TellEvent{*this};
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Disconnect_i> m_DisconnectEvent{*this};
-    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::ApplyReadingAnew_i> m_ApplyReadingEvent{*this};
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::ApplyReading_i> m_ApplyReadingEvent{*this};
 
     // User's thread only.
     CMessageList m_Delivering;
@@ -139,7 +133,6 @@ private:
     // Network thread only.
     CCmRefPtrT<ICmTransport> m_pTransport;
     CProxyBatch m_Batch;
-    BOOL m_bTellPosted = FALSE;
     BOOL m_bDraining = FALSE;
     BOOL m_bRoomMeanwhile = FALSE;  // an OnSend came while draining
     BOOL m_bOpened = FALSE;

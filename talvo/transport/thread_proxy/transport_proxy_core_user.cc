@@ -151,22 +151,7 @@ void CTransportProxyCore::PauseReading_i(BOOL aPause) {
         PostUpcall_i();  // for queued data
 }
 
-void CTransportProxyCore::PostApplyReading_i() {
-    if (!m_bApplyReadingPosted.exchange(TRUE))
-        m_ApplyReadingEvent.Post(GetNetwork());
-}
-
-CmResult CTransportProxyCore::PostUpcall_i() {
-    if (m_bUpcallPosted || m_bUpcallPosted.exchange(TRUE))  // a burst costs the first exchange only
-        return CM_OK;
-    return m_UpcallEvent.Post(GetUser());
-}
-
-// The user's thread has ended: the next post detects that, because this one no longer counts as in flight.
-void CTransportProxyCore::UpcallDropped() { m_bUpcallPosted = FALSE; }
-
 void CTransportProxyCore::Upcall() {
-    m_bUpcallPosted = FALSE;
     if (!m_pSink && m_Life != ELife::OVER)
         return;                  // not opened yet: all data stays
     const BOOL bLost = m_bLost;  // read first: all data was queued before it was set
