@@ -181,8 +181,8 @@ TEST(ConnectionManagerTest, ProxiesForgetWhatWasPosted) {
 
     untilPosted(connect);
     pConnector->CancelConnect();
-    untilPosted(connect);
-    network.RunPosted();
+    connect();
+    network.RunUntil([&] { return sink.Count() > 0; });
     EXPECT_EQ(std::vector<CmResult>{CM_OK}, sink.m_Reasons);
     // Again, and again from inside; then released inside, and released while an indication is posted.
     sink.m_Indicated = [&] { sink.Count() == 2 ? connect() : pConnector.Reset(); };

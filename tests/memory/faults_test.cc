@@ -1,4 +1,5 @@
 // No failed allocation and no failed system call ends more than what needed it: each of a scenario's fails in turn.
+#include "tests/memory/ends.h"
 #include "tests/memory/scenario.h"
 
 namespace {
@@ -38,6 +39,26 @@ TEST_P(FaultsTest, EndNothingElse) {
     for (const std::string& strFailure : report.m_Failures)
         ADD_FAILURE() << strFailure;
     std::printf("%u calls\n", report.m_dwCalls);
+}
+
+// The free memory of events hides failed allocations.
+TEST(ConnectProxyTest, IndicatesWithoutMemoryForEvents) {
+    const CCmSafeCode safe;
+    CWorld world(ELibrary::NETWORK_IS_MAIN);
+    CClient client;
+    const auto pConnector =
+        CTestNetwork::MakeConnector(CCmConnectionManager::CTYPE_TCP | CCmConnectionManager::CTYPE_FORCE_THREAD_PROXY);
+    CEventFate fate;
+    std::vector<std::unique_ptr<ICmEvent>> taken(10000);
+    CCmFaults::Arm(CCmFaults::ALLOCATIONS_FROM, 1);
+    CWorld::Do([&] {
+        for (size_t i = 0; i == 0 || taken[i - 1]; ++i)
+            taken.at(i).reset(new (std::nothrow) CTestEvent(fate));
+        pConnector->AsycConnect(&client, CCmInetAddr("127.0.0.1", 1));
+    });
+    const BOOL bIndicated = world.Run([&] { return client.m_nIndications == 1; });
+    CCmFaults::Disarm();
+    EXPECT_TRUE(bIndicated);
 }
 
 INSTANTIATE_TEST_SUITE_P(Memory, FaultsTest, testing::Combine(testing::ValuesIn(SCENARIOS), testing::ValuesIn(KINDS)),

@@ -1,6 +1,5 @@
 #include "talvo/transport/thread_proxy/connector_thread_proxy.h"
 
-#include <memory>
 #include <utility>
 
 #include "talvo/base/live_counter.h"
@@ -36,26 +35,30 @@ void CConnectorProxyCore::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCm
         return;
     }
     try {
-        PostConnect_i(dwAttempt, aAddrPeer, aTimeout, aAddrLocal);
+        CAttempt attempt{dwAttempt, aAddrPeer, {}, {}};
+        if (aTimeout)
+            attempt.m_Timeout = *aTimeout;
+        if (aAddrLocal)
+            attempt.m_AddrLocal = *aAddrLocal;
+        {
+            CCmMutexGuardT<CCmMutexThread> guard(m_AttemptMutex);
+            std::swap(m_Attempt, attempt);
+        }
+        m_ConnectEvent.Post(GetNetwork());
     } catch (const std::bad_alloc&) {  // the copy of a host name may need memory
         PostIndication(dwAttempt, CM_ERROR_OUT_OF_MEMORY, nullptr, LocalFailure(OUT_OF_MEMORY, aAddrPeer));
     }
 }
 
-// A request reports itself if it is refused, or dropped because the network thread ends before it.
-void CConnectorProxyCore::PostConnect_i(DWORD aAttempt, const CCmInetAddr& aPeer, const CCmTimeValue* aTimeout,
-                                        const CCmInetAddr* aLocal) {
-    const auto timeout = aTimeout ? std::optional(*aTimeout) : std::nullopt;
-    const auto local = aLocal ? std::optional(*aLocal) : std::nullopt;
-    auto unrun = [aAttempt, failure = LocalFailure(THREAD_ENDED, aPeer)](CConnectorProxyCore* aCore) {
-        aCore->PostIndication(aAttempt, CM_ERROR_NOT_AVAILABLE, nullptr, failure);
-        aCore->ReleaseReference();
-    };
-    AddReference();
-    std::unique_ptr<CConnectorProxyCore, decltype(unrun)> pRequest(this, unrun);
-    GetNetwork().Post([=, peer = aPeer, pRequest = std::move(pRequest)]() mutable {
-        CCmRefPtrT<CConnectorProxyCore>::Adopt(pRequest.release())->Connect_i(aAttempt, peer, timeout, local);
-    });
+CConnectorProxyCore::CAttempt CConnectorProxyCore::TakeAttempt_i() {
+    CCmMutexGuardT<CCmMutexThread> guard(m_AttemptMutex);
+    return std::exchange(m_Attempt, {});
+}
+
+// The network thread has ended, or ends before the attempt.
+void CConnectorProxyCore::ConnectDropped_i() {
+    const CAttempt attempt = TakeAttempt_i();
+    PostIndication(attempt.m_dwRequest, CM_ERROR_NOT_AVAILABLE, nullptr, LocalFailure(THREAD_ENDED, attempt.m_AddrPeer));
 }
 
 void CConnectorProxyCore::CancelConnect() {
@@ -63,17 +66,18 @@ void CConnectorProxyCore::CancelConnect() {
         m_CancelEvent.Post(GetNetwork());
 }
 
-void CConnectorProxyCore::Connect_i(DWORD aAttempt, const CCmInetAddr& aPeer, std::optional<CCmTimeValue> aTimeout,
-                                    std::optional<CCmInetAddr> aLocal) {
-    if (!IsCurrent(aAttempt))
-        return;  // cancelled, by an event that was posted before this request
+void CConnectorProxyCore::Connect_i() {
+    CAttempt attempt = TakeAttempt_i();
+    if (!IsCurrent(attempt.m_dwRequest))
+        return;  // cancelled
     if (const CmResult rv = Make_i(); rv != CM_OK) {
-        PostIndication(aAttempt, rv, nullptr, LocalFailure(cm_result_name(rv), aPeer));
+        PostIndication(attempt.m_dwRequest, rv, nullptr, LocalFailure(cm_result_name(rv), attempt.m_AddrPeer));
         return;
     }
-    m_dwRunning = aAttempt;
-    m_IfEnded = LocalFailure(THREAD_ENDED, aPeer);
-    m_pInner->AsycConnect(this, aPeer, aTimeout ? &*aTimeout : nullptr, aLocal ? &*aLocal : nullptr);
+    m_dwRunning = attempt.m_dwRequest;
+    m_IfEnded = LocalFailure(THREAD_ENDED, attempt.m_AddrPeer);
+    m_pInner->AsycConnect(this, attempt.m_AddrPeer, attempt.m_Timeout ? &*attempt.m_Timeout : nullptr,
+                          attempt.m_AddrLocal ? &*attempt.m_AddrLocal : nullptr);
 }
 
 void CConnectorProxyCore::Cancel_i() {

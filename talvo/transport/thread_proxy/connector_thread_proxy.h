@@ -21,13 +21,24 @@ public:
     void OnThreadEnd() override;
 
 private:
-    void PostConnect_i(DWORD aAttempt, const CCmInetAddr& aPeer, const CCmTimeValue* aTimeout, const CCmInetAddr* aLocal);
-    void Connect_i(DWORD aAttempt, const CCmInetAddr& aPeer, std::optional<CCmTimeValue> aTimeout,
-                   std::optional<CCmInetAddr> aLocal);
+    // The arguments of AsycConnect.
+    struct CAttempt {
+        DWORD m_dwRequest = 0;
+        CCmInetAddr m_AddrPeer;
+        std::optional<CCmTimeValue> m_Timeout;
+        std::optional<CCmInetAddr> m_AddrLocal;
+    };
+    void Connect_i();
+    void ConnectDropped_i();
+    CAttempt TakeAttempt_i();
     void Cancel_i();
     void Stop_i(ICmConnector& aConnector) override { aConnector.CancelConnect(); }
 
     CCmFailure m_IfEnded;  // network thread; the failure if this thread ends during the attempt
+    CCmMutexThread m_AttemptMutex;
+    CAttempt m_Attempt CM_GUARDED_BY(m_AttemptMutex);  // until the network thread takes it; a later one replaces it
+    CEmbeddedEventT<CConnectorProxyCore, &CConnectorProxyCore::Connect_i, &CConnectorProxyCore::ConnectDropped_i>
+        m_ConnectEvent{*this};
     CEmbeddedEventT<CConnectorProxyCore, &CConnectorProxyCore::Cancel_i> m_CancelEvent{*this};
 };
 

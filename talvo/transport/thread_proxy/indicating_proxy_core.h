@@ -96,16 +96,15 @@ protected:
         if (aRequest == m_dwRequest)
             m_Failure = aFailure;
     }
-    // Any thread. The failure can be read before the indication arrives.
+    // Any thread. The failure can be read before the indication arrives. A connector's needs no memory; without memory for an
+    // acceptor's the connection closes.
     void PostIndication(DWORD aRequest, CmResult aReason, CCmRefPtrT<ICmTransport> aTransport, const CCmFailure& aFailure) {
         NoteFailure(aRequest, aFailure);
-        const CIndication indication{aRequest, aReason, std::move(aTransport)};
-        if (aReason != CM_OK && !m_bOnce)
-            return;
-        const CmResult rv =
+        CIndication indication{aRequest, aReason, std::move(aTransport)};
+        if (m_bOnce)
+            PostOnly_i(indication);
+        else if (aReason == CM_OK)
             GetUser().Post([indication, pThis = CCmRefPtrT<CIndicatingProxyCoreT>(this)] { pThis->Indicate_i(indication); });
-        if (rv == CM_ERROR_INVALID_ARG && m_bOnce)
-            PostSpare_i(indication);
     }
 
     // Network thread: ensures that there is an inner object with the user's options.
@@ -154,24 +153,22 @@ private:
         return sockets.PassTo(m_pInner.Get(), m_Passed);
     }
 
-    // If memory runs out for an event: a connector's request has one in reserve, so that its indication is not lost. An
-    // indication there for an ended request is replaced. For an acceptor the connection is closed instead.
-    void PostSpare_i(CIndication aIndication) {
+    // A request of a connector has one indication. It replaces one that is still queued for an ended request.
+    void PostOnly_i(CIndication& aIndication) {
         {
             CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
-            std::swap(m_Spare, aIndication);
-            if (std::exchange(m_bSparePosted, TRUE))
+            if (aIndication.m_dwRequest != m_dwRequest)
                 return;
+            std::swap(m_Only, aIndication);
         }
-        m_SpareEvent.Post(GetUser());
+        m_OnlyEvent.Post(GetUser());
     }
-    CIndication TakeSpare_i() {
+    CIndication TakeOnly_i() {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
-        m_bSparePosted = FALSE;
-        return std::exchange(m_Spare, {});
+        return std::exchange(m_Only, {});
     }
-    void OnSpare() { Indicate_i(TakeSpare_i()); }
-    void OnSpareDropped() { TakeSpare_i(); }
+    void OnOnly() { Indicate_i(TakeOnly_i()); }
+    void OnOnlyDropped() { TakeOnly_i(); }
 
     // User's thread.
     void Indicate_i(const CIndication& aIndication) {
@@ -198,10 +195,9 @@ private:
     DWORD m_dwRequest CM_GUARDED_BY(m_Mutex) = 0;
     CCmFailure m_Failure CM_GUARDED_BY(m_Mutex);       // of the current request
     CSocketSettings m_Sockets CM_GUARDED_BY(m_Mutex);  // the user's values
-    CIndication m_Spare CM_GUARDED_BY(m_Mutex);
-    BOOL m_bSparePosted CM_GUARDED_BY(m_Mutex) = FALSE;
-    CEmbeddedEventT<CIndicatingProxyCoreT, &CIndicatingProxyCoreT::OnSpare, &CIndicatingProxyCoreT::OnSpareDropped>
-        m_SpareEvent{*this};
+    CIndication m_Only CM_GUARDED_BY(m_Mutex);         // a connector's, queued
+    CEmbeddedEventT<CIndicatingProxyCoreT, &CIndicatingProxyCoreT::OnOnly, &CIndicatingProxyCoreT::OnOnlyDropped> m_OnlyEvent{
+        *this};
 };
 
 // The handle over such a core.

@@ -112,8 +112,8 @@ private:
     std::atomic<BOOL> m_bLossAtOnce{FALSE};  // a pause does not hold the end back
     std::atomic<BOOL> m_bOnSendDue{FALSE};
     std::atomic<BOOL> m_bLost{FALSE};  // m_LostReason is due, after all data
-    CmResult m_LostReason = CM_OK;  // set before m_bLost
-    CCmFailure m_Failure;           // likewise
+    CmResult m_LostReason = CM_OK;     // set before m_bLost
+    CCmFailure m_Failure;              // likewise
     // The connection's values when the proxy was made; they may change after a reconnection.
     CAtomicAddr m_LocalAddr;
     CAtomicAddr m_PeerAddr;
