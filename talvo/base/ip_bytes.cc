@@ -24,8 +24,10 @@ struct CTerminated {
 // The index of an interface; 0: there is none.
 DWORD ParseScope(std::string_view aText) {
     DWORD dwScope = 0;
+    char szInterface[IF_NAMESIZE];
     const auto [pEnd, error] = std::from_chars(aText.data(), aText.data() + aText.size(), dwScope);
-    if (error == std::errc() && pEnd == aText.data() + aText.size())
+    const bool bNumber = error == std::errc() && pEnd == aText.data() + aText.size();
+    if (bNumber && if_indextoname(dwScope, szInterface))
         return dwScope;
     return if_nametoindex(CTerminated<IF_NAMESIZE>(aText).m_szText);
 }
