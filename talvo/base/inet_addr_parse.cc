@@ -101,13 +101,16 @@ CmResult CCmInetAddr::Parse_i(std::string_view aHostAndPort, CCmInetAddr& aAddr,
     if (IsPath(aHostAndPort))
         return ParsePath(aHostAndPort, aAddr, aReason);
     const size_t stColon = aHostAndPort.rfind(':');
-    if (stColon == std::string_view::npos)
+    const size_t stBracket = aHostAndPort.rfind(']');
+    if (stColon == std::string_view::npos || (stBracket != std::string_view::npos && stColon < stBracket))
         return Refuse(aReason, "there is no port: HOST:PORT is needed");
     const std::string_view host = aHostAndPort.substr(0, stColon);
     talvo::CIpBytes ip;
     if (const char* pFault = ParseHost(host, ip))
         return Refuse(aReason, pFault);
     const std::optional<WORD> port = ParsePort(aHostAndPort.substr(stColon + 1));
+    if (!port && aHostAndPort.starts_with(UNIX))
+        return Refuse(aReason, "a path contains a '/', as in unix:./NAME");
     if (!port)
         return Refuse(aReason, "the port is not a number from 0 to 65535");
     CCmInetAddr addr(ip, *port);
