@@ -287,11 +287,12 @@ CmResult cm_from_sockaddr(const sockaddr* aAddr, socklen_t aLength, CCmInetAddr&
         const auto* pIpv6 = reinterpret_cast<const sockaddr_in6*>(aAddr);
         return aOut.SetIp_i(CIpBytes::OfIpv6(pIpv6->sin6_addr, pIpv6->sin6_scope_id), ntohs(pIpv6->sin6_port));
     }
-    if (aAddr->sa_family != AF_UNIX || aLength > sizeof(sockaddr_un))
+    if (aAddr->sa_family != AF_UNIX)
         return CM_ERROR_INVALID_ARG;
     sockaddr_un addr{};
-    std::memcpy(&addr, aAddr, aLength);
-    const BOOL bMemory = talvo::WithMemory([&] { aOut.SetOther_i(new CAddrRecord(addr, aLength), 0); });
+    const socklen_t length = std::min<socklen_t>(aLength, sizeof addr);  // 111 if the path fills it
+    std::memcpy(&addr, aAddr, length);
+    const BOOL bMemory = talvo::WithMemory([&] { aOut.SetOther_i(new CAddrRecord(addr, length), 0); });
     return bMemory ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
 

@@ -43,7 +43,8 @@ TEST(InetAddr, ParseTakesOnlyWhatCannotBeMisread) {
     CCmString strReason;
     const std::string strLabel(63, 'a');
     const std::string strLong = strLabel + "." + strLabel + "." + strLabel + ".";
-    std::vector<std::string> bad = {strLabel + "a:1", "1.2.3.4\0:1"s, "unix:/a\0"s, "unix:/" + std::string(107, 'a')};
+    std::vector<std::string> bad = {strLabel + "a:1", "1.2.3.4\0:1"s, "unix:/a\0"s, "unix:/" + std::string(107, 'a'),
+                                    "[fe80::1%99999]:1"};
     for (const char* pBad :
          {"",       "host",  "host:",     "host:notaport", "host:65536",  "host:000080",  "host:+1",          "host: 1",
           ":1",     "1.2:1", "0x7f.1:1",  "a.0x1f:1",      "256.1.1.1:1", "1.2.3.04:1",   "a..b:1",           ".:1",
@@ -55,6 +56,7 @@ TEST(InetAddr, ParseTakesOnlyWhatCannotBeMisread) {
         strReason.clear();
         EXPECT_EQ(CCmInetAddr::Parse(strBad, addr, &strReason), CM_ERROR_INVALID_ARG) << strBad;
         EXPECT_FALSE(strReason.empty()) << strBad;
+        EXPECT_TRUE(strBad != "[::1]" || strReason.starts_with("there is no port")) << strReason;
         EXPECT_TRUE(addr == CCmInetAddr("10.1.2.3", 5)) << strBad;
     }
     EXPECT_EQ(CCmInetAddr::Parse("10.1.2.4:00080", addr), CM_OK);
@@ -99,7 +101,10 @@ TEST(InetAddr, EveryFormHasOneText) {
     EXPECT_TRUE(CCmInetAddr("[::1]:80") == CCmInetAddr("::1", 80));
     EXPECT_TRUE(CCmInetAddr("[::1]") == CCmInetAddr("::1"));
     EXPECT_EQ("::1", CCmInetAddr("[::1]:80").GetIpDisplayName());
-    CCmInetAddr addr("[::1]:80");
+    CCmInetAddr addr;
+    const sockaddr_storage full{AF_UNIX, "/a", 0};
+    EXPECT_EQ(CM_OK, cm_from_sockaddr(reinterpret_cast<const sockaddr*>(&full), sizeof(sockaddr_un) + 1, addr));
+    addr = CCmInetAddr("[::1]:80");
     const CCmInetAddr copy = addr;
     EXPECT_EQ(CM_OK, addr.SetPort(81));
     EXPECT_EQ("[::1]:80 [::1]:81", cm_address_text(copy) + " " + cm_address_text(addr));
