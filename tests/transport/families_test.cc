@@ -59,6 +59,13 @@ TEST_F(FamiliesTest, AnIpv6ListenerHasPeersOfBothFamilies) {
             EXPECT_EQ(0x20, nField);
             EXPECT_EQ(0, getsockopt(fd, IPPROTO_IPV6, IPV6_TCLASS, &nField, &length));
             EXPECT_EQ(0x20, nField);
+            CTestConnectSink refused;
+            CCmInetAddr addrOther(*pHost == ':' ? "127.0.0.1" : "::1", 0);
+            const auto pConnector = m_Network.MakeConnector(dwType);
+            pConnector->AsycConnect(&refused, CCmInetAddr(pHost, 1), nullptr, &addrOther);
+            m_Network.RunUntil([&] { return refused.Count() == 1; });
+            EXPECT_EQ(EAFNOSUPPORT,
+                      Get<CCmFailure>(*cm_get_connect_options(pConnector.Get()), CM_OPT_CONNECT_FAILURE).GetErrno());
         }
     }
 }

@@ -48,6 +48,10 @@ template <class TransportType>
 int CConnectAttemptT<TransportType>::Connect_i(const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets) {
     CCmSocketTcp& peer = m_pTransport->GetPeer();
     const BOOL bAnyLocal = aAddrLocal == CCmInetAddr::s_InetAddrAny;
+    if (!bAnyLocal && aAddrLocal.GetType() != m_AddrPeer.GetType()) {
+        errno = EAFNOSUPPORT;  // otherwise it would depend on the families
+        return Failed_i("connect to", m_AddrPeer);
+    }
     if ((bAnyLocal ? peer.OpenFor(m_AddrPeer, SOCK_STREAM, FALSE) : peer.Open(FALSE, aAddrLocal)) == -1) {
         CM_ERROR_TRACE_THIS("CCmConnectorTcpT::Connect_i, Open() failed! laddr=" << aAddrLocal.GetIpDisplayName() << " lport="
                                                                                  << aAddrLocal.GetPort() << " err=" << errno);

@@ -37,6 +37,11 @@ int CCmConnectorUdpT<TransportType>::Connect_i() {
     }
     CCmSocketUdp& socket = pTransport->GetPeer();
     const BOOL bAnyLocal = m_AddrLocal == CCmInetAddr::s_InetAddrAny;
+    if (!bAnyLocal && m_AddrLocal.GetType() != m_AddrPeer.GetType()) {
+        m_Failure = CCmFailure(EAFNOSUPPORT, "connect to", m_AddrPeer);
+        errno = EAFNOSUPPORT;
+        return -1;
+    }
     if ((bAnyLocal ? socket.OpenFor(m_AddrPeer) : socket.Open(m_AddrLocal)) == -1 ||
         socket.Enable(CCmIPCBase::NON_BLOCK) == -1) {
         m_Failure = bAnyLocal ? CCmFailure(errno, "open a socket to", m_AddrPeer) : CCmFailure(errno, "bind to", m_AddrLocal);
