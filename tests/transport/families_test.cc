@@ -1,5 +1,6 @@
 // What differs between the families of addresses.
 #include <netinet/ip.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include "talvo/base/config.h"
@@ -83,9 +84,15 @@ TEST_F(FamiliesTest, OnlyASocketWithoutAProcessIsReplaced) {
     {
         const CTestListener stale(1, 4096, m_Addr);  // leaves its path
     }
+    {
+        const CTestFd starting(open(m_Dir.Write("socket.starting", "").c_str(), O_RDONLY));
+        EXPECT_EQ(0, flock(starting.Get(), LOCK_EX));
+        EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, ListenOnPath(m_strPath)) << "another process starts";
+    }
     EXPECT_EQ(CM_OK, load_config_file(m_Dir.Write("talvo.cfg", "[Transport]\nUnixMode=0606\n").c_str()));
     EXPECT_EQ(CM_OK, ListenOnPath(m_strPath));
     EXPECT_EQ(S_IFSOCK | 0606u, ModeOf(m_strPath));
+    EXPECT_EQ(0u, ModeOf(m_strPath + ".starting"));
     std::filesystem::remove(m_strPath);
     m_Dir.Write("socket", "another's");
     m_pAcceptor->StopListen(CM_OK);

@@ -86,10 +86,10 @@ CmResult CCmAcceptorTcp::Bind_i(const CCmInetAddr& aAddrListen) {
     m_Listening.ApplyTo(m_Socket);
     const auto* pAddr = reinterpret_cast<const sockaddr*>(aAddrListen.GetPtr());
     const BOOL bPath = aAddrListen.GetType() == AF_UNIX;
-    if ((bPath ? m_Path.Bind(m_Socket, aAddrListen) : bind(GetHandle(), pAddr, aAddrListen.GetSize())) == -1)
+    if ((bPath ? m_Path.Listen(m_Socket, aAddrListen, BACKLOG) : bind(GetHandle(), pAddr, aAddrListen.GetSize())) == -1)
         return failed("bind", "bind to");
     // Non-blocking: a peer that closes between the report and the accept must not block the thread.
-    if (m_Socket.Enable(CCmIPCBase::NON_BLOCK) == -1 || listen(GetHandle(), BACKLOG) == -1) {
+    if (m_Socket.Enable(CCmIPCBase::NON_BLOCK) == -1 || (!bPath && listen(GetHandle(), BACKLOG) == -1)) {
         m_Failure = CCmFailure(errno, "listen on", aAddrListen);
         CM_ERROR_TRACE_THIS("CCmAcceptorTcp::StartListen, listen() failed! err=" << m_Failure.GetErrno());
         return CM_ERROR_NETWORK_SOCKET_ERROR;
