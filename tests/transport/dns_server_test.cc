@@ -39,7 +39,7 @@ TEST_F(DnsServerTest, AnswersAreKeptForTheirTimeAndAskedForAnewBehindIt) {
 }
 
 TEST_F(DnsServerTest, TheKeyAllowsOneFamily) {
-    WriteHosts("10.0.0.2 file.test\n::2 file.test\n10.0.0.1 six.test\n");
+    WriteHosts("10.0.0.2 file.test\n::2 file.test\n10.0.0.1 six.test\n10.0.0.4 localhost\n");
     m_Server.Start("10.0.0.1 both.test\n2001:db8::1 both.test\n2001:db8::2 both.test\n2001:db8::3 six.test\n");
     m_Keys["Servers"] = m_Server.GetAddress();
     for (const auto& [pFamily, pBoth, pFile, pSix] : {std::tuple("4", "10.0.0.1", "10.0.0.2", "10.0.0.1"),
@@ -49,6 +49,7 @@ TEST_F(DnsServerTest, TheKeyAllowsOneFamily) {
         EXPECT_EQ(pBoth, TextOf(Resolve("both.test")));
         EXPECT_EQ(pFile, TextOf(Resolve("file.test")));
         EXPECT_EQ(pSix, TextOf(Resolve("six.test")));
+        EXPECT_EQ(*pFamily == '4' ? "10.0.0.4" : "::1", TextOf(Resolve("localhost")));
     }
 }
 

@@ -86,13 +86,14 @@ void CDnsHosts::ParseLine_i(std::string_view aLine) {
 }
 
 const std::vector<CIpBytes>* CDnsHosts::Find(std::string_view aName) const {
+    const auto found = m_Names.find(CCmString(WithoutDot(aName)));
+    return found != m_Names.end() ? &found->second : FindBuiltIn(aName);
+}
+
+const std::vector<CIpBytes>* CDnsHosts::FindBuiltIn(std::string_view aName) {
     static const std::vector<CIpBytes>& s_Loopback =
         *new std::vector<CIpBytes>{CIpBytes::OfIpv6(in6addr_loopback), CIpBytes::OfIpv4(htonl(INADDR_LOOPBACK))};
-    const std::string_view strName = WithoutDot(aName);
-    const auto found = m_Names.find(CCmString(strName));
-    if (found != m_Names.end())
-        return &found->second;
-    return IsLocalhost(strName) ? &s_Loopback : nullptr;
+    return IsLocalhost(WithoutDot(aName)) ? &s_Loopback : nullptr;
 }
 
 CCmString ToLower(std::string_view aName) {

@@ -23,6 +23,8 @@ public:
 
     // Null: none. "localhost" and names below it are ::1 and 127.0.0.1 unless the file has them. aName is in lower case.
     const std::vector<CIpBytes>* Find(std::string_view aName) const;
+    // Those of "localhost" and the names below it, whatever the file has. Null: another name.
+    static const std::vector<CIpBytes>* FindBuiltIn(std::string_view aName);
 
 private:
     void ParseLine_i(std::string_view aLine);

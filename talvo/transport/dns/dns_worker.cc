@@ -112,15 +112,16 @@ void CDnsWorker::Ask_i(const CCmString& aName, BOOL aForced) {
     AskWaiting_i();
 }
 
-// FALSE: the file has no usable address, or the settings have changed. Then a Refresh follows, which asks for this name again
+// A server is not asked for "localhost", also if the file has only addresses of the family that the settings exclude.
+// FALSE: there is no usable address, or the settings have changed. Then a Refresh follows, which asks for this name again
 // like the other ones.
 BOOL CDnsWorker::AnswerFromHosts_i(const CCmString& aName) {
-    const std::vector<CIpBytes>* pInFile = m_Hosts.Find(aName);
-    if (!pInFile)
-        return FALSE;
     std::vector<CIpBytes> addresses;
-    std::copy_if(pInFile->begin(), pInFile->end(), std::back_inserter(addresses),
-                 [this](const CIpBytes& ip) { return m_Settings.Allows(ip); });
+    for (const std::vector<CIpBytes>* pKnown : {m_Hosts.Find(aName), CDnsHosts::FindBuiltIn(aName)}) {
+        if (pKnown && addresses.empty())
+            std::copy_if(pKnown->begin(), pKnown->end(), std::back_inserter(addresses),
+                         [this](const CIpBytes& ip) { return m_Settings.Allows(ip); });
+    }
     const CDnsAnswers answers = CDnsAnswers::Of(addresses, CDnsAnswer::MAX_TTL);
     return answers.HasAddress() && m_User.OnDnsNews(m_dwGeneration, EDnsNews::READY, aName, answers);
 }
