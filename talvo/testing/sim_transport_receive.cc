@@ -168,7 +168,7 @@ CmResult CSimTransport::SetOption(DWORD aCommand, void* aArg) {
         m_bTellEnd = m_bTellEnd || *static_cast<BOOL*>(aArg);
         return m_End.m_bDatagrams ? CM_ERROR_INVALID_ARG : CM_OK;
     case CM_OPT_TRANSPORT_END_SENDING:
-        return EndSending_i();
+        return *static_cast<BOOL*>(aArg) ? EndSending_i() : CM_ERROR_INVALID_ARG;
     case CM_OPT_TRANSPORT_READ_SIZE:
         return m_End.m_bDatagrams ? CM_ERROR_INVALID_ARG : m_Sizes.SetOption(aCommand, aArg);
     case CM_OPT_TRANSPORT_SNDBUF:

@@ -66,7 +66,8 @@ enum ECmTransportOption : DWORD {
     // calls. Any upcall may come inside, OnDisconnect included.
     CM_OPT_TRANSPORT_CORK = 146,
     // set BOOL TRUE: half-close. The peer gets the end after all data taken, and reception continues. A SendData afterwards is
-    // CM_ERROR_NETWORK_SOCKET_ERROR, and no OnDisconnect follows. Raw TCP only.
+    // CM_ERROR_NETWORK_SOCKET_ERROR, and no OnDisconnect follows. A second TRUE is CM_OK and has no effect; FALSE is
+    // CM_ERROR_INVALID_ARG. Raw TCP only.
     CM_OPT_TRANSPORT_END_SENDING = 147,
     // set BOOL TRUE: the peer's half-close is one OnReceive with an empty block, after all data; the transport stays open and
     // can send. A hang-up or failure is still OnDisconnect. Raw TCP only; a half-close that came before

@@ -121,6 +121,7 @@ protected:
         return nTaken > 0 ? nTaken : -1;
     }
     CmResult Flush_i(BOOL aEnd) override {
+        EXPECT_FALSE(aEnd && m_bEnded && m_strOut.empty()) << "all has gone";
         if (aEnd && !std::exchange(m_bEnded, TRUE))
             m_strOut += END;
         while (!m_strOut.empty()) {
@@ -393,6 +394,10 @@ TEST_F(LayerTest, WhatALayerHasTakenGoesOutByItself) {
         Until([&] { return ReadToEnd(m_fdPeer, strRaw) || (nEnd == GOES_ON && strRaw.size() == dwTaken); });
         EXPECT_EQ(nEnd != GOES_ON, strRaw.ends_with('\0'));
         EXPECT_EQ(std::string(dwTaken, 'f'), CMarkTransport::Flip(strRaw.substr(0, dwTaken)));
+        BOOL bEnd = FALSE;
+        EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pTransport->SetOption(CM_OPT_TRANSPORT_END_SENDING, &bEnd));
+        if (nEnd == ENDS_SENDING)
+            Set(*m_pTransport, CM_OPT_TRANSPORT_END_SENDING, TRUE);
         Settle();
         EXPECT_EQ(nEnd == DISCONNECTS ? "" : "send", sink.Take());
     }

@@ -374,7 +374,11 @@ CmResult CCmTransportTcp::SetTellEnd_i(BOOL aTell) {
     return CM_OK;
 }
 
-CmResult CCmTransportTcp::EndSending_i() {
+CmResult CCmTransportTcp::EndSending_i(BOOL aEnd) {
+    if (!aEnd)
+        return CM_ERROR_INVALID_ARG;
+    if (m_bEndSent)
+        return CM_OK;
     const CmResult rv = Flush_i(TRUE);
     if (rv == CM_ERROR_PARTIAL_DATA) {
         m_bEndSent = TRUE;

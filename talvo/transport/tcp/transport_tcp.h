@@ -79,8 +79,9 @@ protected:
     // Takes bytes of SendData: a count, fewer than all only if the socket would block; -1 with errno, EAGAIN if it takes none
     // for that reason. A layer that holds bytes to send after that calls WaitForRoom_i.
     virtual int Write_i(const iovec* aPieces, DWORD aCount);
-    // Sends the bytes that the layer holds. aEnd: no Write_i follows, and the layer's own end goes behind them, once. CM_OK:
-    // all are sent. CM_ERROR_PARTIAL_DATA: the socket would block. CM_ERROR_NETWORK_SOCKET_ERROR with errno.
+    // Sends the bytes that the layer holds. aEnd: no Write_i follows, and the layer's own end goes behind them, once. CM_OK (no
+    // call follows if aEnd): all are sent. CM_ERROR_PARTIAL_DATA: the socket would block. CM_ERROR_NETWORK_SOCKET_ERROR with
+    // errno.
     virtual CmResult Flush_i(BOOL aEnd);
     // How many bytes Flush_i has still to send.
     virtual DWORD GetUnsent_i() const { return 0; }
@@ -105,7 +106,7 @@ private:
     void GoOnReading_i();
     BOOL ReadsOn_i();
     BOOL FlushRest_i();
-    CmResult EndSending_i();
+    CmResult EndSending_i(BOOL aEnd);
     CmResult SetReadSize_i(DWORD aSize);
     CmResult PartialSend_i(BOOL aMoreRoom);
     CmResult PauseReading_i(BOOL aPause);

@@ -22,7 +22,7 @@ CmResult CCmTransportTcp::SetOption(DWORD aCommand, void* aArg) {
     case CM_OPT_TRANSPORT_TELL_END:
         return SetTellEnd_i(*static_cast<BOOL*>(aArg));
     case CM_OPT_TRANSPORT_END_SENDING:
-        return EndSending_i();
+        return EndSending_i(*static_cast<BOOL*>(aArg));
     case CM_OPT_TRANSPORT_READ_SIZE:
         return SetReadSize_i(*static_cast<DWORD*>(aArg));
     default:

@@ -146,8 +146,8 @@ void CTransportProxyCore::Drain() {
         LetGo_i(CM_OK);
     else if (rv != CM_OK && rv != CM_ERROR_PARTIAL_DATA && m_pLingerTimers)
         LetGo_i(rv);
-    else if (rv == CM_OK && m_bEndSending)
-        SetInnerOption_i(CM_OPT_TRANSPORT_END_SENDING, &m_bEndSending);
+    else if (BOOL bEnd = TRUE; rv == CM_OK && std::exchange(m_bEndSending, FALSE))
+        SetInnerOption_i(CM_OPT_TRANSPORT_END_SENDING, &bEnd);
 }
 
 void CTransportProxyCore::EndSending_i() {

@@ -124,6 +124,7 @@ private:
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Drain> m_DrainEvent{*this};
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Upcall> m_UpcallEvent{*this};
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Tell_i> m_TellEvent{*this};
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::EndSending_i> m_EndSendingEvent{*this};
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Disconnect_i> m_DisconnectEvent{*this};
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::ApplyReading_i> m_ApplyReadingEvent{*this};
 

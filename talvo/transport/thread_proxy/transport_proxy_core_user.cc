@@ -95,10 +95,9 @@ CmResult CTransportProxyCore::SetOption(DWORD aCommand, void* aArg) {
             pThis->SetInnerOption_i(CM_OPT_TRANSPORT_TELL_END, &bTell);
         });
     case CM_OPT_TRANSPORT_END_SENDING:
-        if (!m_Lane->IsStream())
+        if (!m_Lane->IsStream() || !*static_cast<BOOL*>(aArg))
             return CM_ERROR_INVALID_ARG;
-        Advance_i(ELife::SENDING_ENDED);
-        return GetNetwork().Post([pThis = CCmRefPtrT<CTransportProxyCore>(this)] { pThis->EndSending_i(); });
+        return Advance_i(ELife::SENDING_ENDED) == ELife::ALIVE ? m_EndSendingEvent.Post(GetNetwork()) : CM_OK;
     default:
         return GetNetwork().Call(
             [=, pThis = CCmRefPtrT<CTransportProxyCore>(this)] { return pThis->SetInnerOption_i(aCommand, aArg); });
