@@ -183,10 +183,10 @@ public:
     // CM_ERROR_NETWORK_CONNECT_TIMEOUT (20005): the attempt failed at once; CM_ERROR_NETWORK_CONNECT_ERROR (20006): it failed
     // later or aTimeout passed (despite the names of these two; CM_OPT_CONNECT_FAILURE has the cause);
     // CM_ERROR_NETWORK_DNS_FAILURE: a name that cannot be resolved; CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain ends
-    // the attempt, or the network thread ends. aTimeout null: the system's limit; none at a path. aAddrLocal: the address to
-    // connect from, of the peer's family; null: any. A path as aAddrLocal is not removed at the end. At a path whose listener
-    // has no room the attempt waits for room. The arguments are copied. While an attempt runs, without a sink, or after the end
-    // of the network thread, the call is refused: it is traced and has no other effect.
+    // the attempt, or the network thread ends. aTimeout null: the system's limit, none at a path, and 10 s for handshakes.
+    // aAddrLocal: the address to connect from, of the peer's family; null: any. A path as aAddrLocal is not removed at the end.
+    // At a path whose listener has no room the attempt waits for room. The arguments are copied. While an attempt runs, without
+    // a sink, or after the end of the network thread, the call is refused: it is traced and has no other effect.
     virtual void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
                              CCmInetAddr* aAddrLocal = nullptr) = 0;
 

@@ -170,18 +170,19 @@ TEST_F(HandshakeTest, AConnectorReportsItsEnd) {
     const std::pair<std::string, ECmFailureCause> CASES[] = {{"helloagain, and data", CM_FAILURE_NONE},
                                                              {"HELLO", CM_FAILURE_PROTOCOL},
                                                              {"", CM_FAILURE_TIMEOUT},
+                                                             {"no limit", CM_FAILURE_TIMEOUT},
                                                              {"cancel", CM_FAILURE_NONE}};
     for (const auto& [strAnswer, cause] : CASES) {
         CTestConnectSink sink;
-        pConnector->AsycConnect(&sink, listener.Addr(), &tvTimeout);
+        pConnector->AsycConnect(&sink, listener.Addr(), strAnswer == "no limit" ? nullptr : &tvTimeout);
         CTestFd peer = listener.Accept();
         std::string strRead;
         m_Network.RunUntil([&] { return !ReadToEnd(peer, strRead) && strRead.size() == m_strGreeting.size(); });
         EXPECT_EQ(0u, sink.Count());
         if (strAnswer == "cancel")
             pConnector->CancelConnect();
-        else if (strAnswer.empty())
-            clock.Advance(CCmTimeValue(6));
+        else if (cause == CM_FAILURE_TIMEOUT)
+            clock.Advance(CCmTimeValue(strAnswer.empty() ? 6 : 11));
         else
             peer.Write(strAnswer);
         CTestSink received;

@@ -19,7 +19,6 @@ CCmLiveCounter s_Live("CCmAcceptorTcp");
 constexpr int BACKLOG = 1024;
 constexpr long REST_USEC = 100000;
 constexpr size_t MAX_HANDSHAKES = 256;
-const CCmTimeValue HANDSHAKE_TIME(10);
 
 BOOL IsOutOfDescriptors(int aError) { return aError == EMFILE || aError == ENFILE || aError == ENOBUFS || aError == ENOMEM; }
 
@@ -169,7 +168,7 @@ void CCmAcceptorTcp::ShakeHands_i(CCmRefPtrT<CCmTransportTcp> aTransport) {
         CM_WARNING_TRACE_THIS("CCmAcceptorTcp::ShakeHands_i, no memory for a handshake.");
         return;
     }
-    if (m_Shaking.back()->Start(&HANDSHAKE_TIME)) {
+    if (m_Shaking.back()->Start()) {
         OnHandshakeDone(*m_Shaking.back());
     } else if (m_Shaking.size() >= MAX_HANDSHAKES) {
         m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);

@@ -136,7 +136,7 @@ template <class TransportType>
 int CConnectAttemptT<TransportType>::ShakeHands_i() {
     m_pRun.reset(new (std::nothrow) CHandshakeRun(m_pReactor, *this, *m_pMaker, m_pTransport));
     if (m_pRun)
-        return m_pRun->Start(nullptr) ? HandshakeOver_i() : 1;
+        return m_pRun->Start() ? HandshakeOver_i() : 1;
     errno = ENOMEM;
     return Failed_i("shake hands with", m_AddrPeer);
 }

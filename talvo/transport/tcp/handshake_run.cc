@@ -18,6 +18,8 @@ CCmLiveCounter s_Live("CHandshakeRun");
 constexpr const char* VERB = "shake hands with";
 constexpr int WOULD_BLOCK = -2;
 
+const CCmTimeValue TIME_LIMIT(10);  // of all handshakes of a connection
+
 }  // namespace
 
 CCmRefPtrT<CCmTransportTcp> IHandshakeMaker::MakeTransport(ICmReactor* aReactor) {
@@ -44,12 +46,10 @@ CHandshakeRun::~CHandshakeRun() {
     --s_Live;
 }
 
-BOOL CHandshakeRun::Start(const CCmTimeValue* aTimeout) {
+BOOL CHandshakeRun::Start() {
     if (GoOn_i())
         return TRUE;
-    if (!aTimeout)
-        return FALSE;
-    const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, *aTimeout, 1);
+    const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, TIME_LIMIT, 1);
     m_bTimer = rv == CM_OK || rv == CM_ERROR_FOUND;
     return m_bTimer ? FALSE : Over_i(CCmFailure(ENOMEM, VERB, GetPeerAddr_i()));
 }

@@ -25,8 +25,9 @@ public:
     // Ends what is under way; no report follows.
     ~CHandshakeRun() override;
 
-    // aTimeout null: without a limit. TRUE: over already, well or not. FALSE: under way, and the report follows.
-    BOOL Start(const CCmTimeValue* aTimeout);
+    // TRUE: over already, well or not. FALSE: under way, and the report follows. After 10 s the run fails with
+    // CM_FAILURE_TIMEOUT.
+    BOOL Start();
 
     // Why a run that is over has failed; none: it has not.
     const CCmFailure& GetFailure() const { return m_Failure; }
