@@ -1,6 +1,7 @@
 // Package connections and the no-partial-data sender over a transport that the test plays: bytes, steps and upcalls.
 
 #include "talvo/connection/protocol/conn_liveness.h"
+#include "talvo/connection/protocol/len_pkg_conn.h"
 #include "talvo/connection/protocol/pkg_conn_client.h"
 #include "talvo/connection/protocol/pkg_conn_server.h"
 #include "talvo/connection/protocol/pkg_sender.h"
@@ -55,6 +56,22 @@ void RunSteps(const std::vector<CStep>& aSteps) {
             EXPECT_EQ(step.m_Disconnects, end.m_pLower->m_Disconnects);
         }
     }
+}
+
+// A proxy has waited for its own data, not for the last PDU of the connection below.
+TEST_F(PkgConnTest, LingersBelowAProxy) {
+    const auto linger = [&](auto&& aEnd) {
+        aEnd.Connect();
+        aEnd.Set(CM_OPT_TRANSPORT_LAYERED, TRUE);
+        aEnd.m_pLower->m_dwUnacknowledged = 1;
+        aEnd.m_pConn->Disconnect(CM_OK);
+        EXPECT_EQ(0, aEnd.m_pLower->m_nDisconnects);
+        aEnd.m_pLower->m_dwUnacknowledged = 0;
+        Pass(CCmTimeValue(1));
+        EXPECT_EQ(std::vector<CmResult>{CM_OK}, aEnd.m_pLower->m_Disconnects);
+    };
+    linger(CClient());
+    linger(CConnEnd<CLenPkgConn>());
 }
 
 TEST_F(PkgConnTest, ClientStepByStep) {

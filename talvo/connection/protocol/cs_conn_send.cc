@@ -161,15 +161,15 @@ CmResult CCsConn::SendDisconn(CmResult aReason) {
     return SendDataFromSendBuf();
 }
 
-// Bytes that the transport has not taken, the disconnect PDU last, are sent when there is room. FALSE: there are none, or the
+// Bytes that the transport has not taken, the disconnect PDU last, are sent when there is room. A proxy has waited for its data
+// before, but not for that PDU. FALSE: there are none, or the
 // peer has no response yet and does not wait for data.
 BOOL CCsConn::LetLinger_i() {
     if (m_bDatagrams || m_wStatus != CS_STATUS_CONNECTED)
         return FALSE;
     if (m_Buffered && !m_Buffered->MoveToPending())
         return FALSE;
-    CCmChainPtr pRest = m_Direct.GetPending().TakeAll();
-    return (pRest || !IsLayered_i()) && talvo::CTransportLinger::Begin(*m_pTransport, std::move(pRest));
+    return talvo::CTransportLinger::Begin(*m_pTransport, m_Direct.GetPending().TakeAll());
 }
 
 int CCsConn::DoACK(DWORD aSeq) {

@@ -182,9 +182,8 @@ CmResult CLenPkgConn::Disconnect(CmResult aReason) {
     m_pSink = nullptr;
     m_pOwner = nullptr;
     SetCurrStatus(CS_STATUS_NOT_CONNECTED);
-    CCmChainPtr pRest = m_pTransport && aReason == CM_OK ? m_Pending.TakeAll() : nullptr;
-    const BOOL bWaits = pRest || (m_pTransport && aReason == CM_OK && !IsLayered_i());
-    const BOOL bLingers = bWaits && talvo::CTransportLinger::Begin(*m_pTransport, std::move(pRest));
+    const BOOL bOrderly = m_pTransport && aReason == CM_OK;
+    const BOOL bLingers = bOrderly && talvo::CTransportLinger::Begin(*m_pTransport, m_Pending.TakeAll());
     const CmResult rv = bLingers ? CM_OK : DisconnectTransport_i(aReason);
     Reset();
     return rv;
