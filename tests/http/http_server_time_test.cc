@@ -63,6 +63,11 @@ TEST_F(HttpServerTest, StopsWhenWhatHasBegunIsDone) {
 
 // What has not begun is closed without a wait: a part of a head, an empty line, a body that is not whole or not wanted.
 TEST_F(HttpServerTest, ADrainFinishesWhatHasBegun) {
+    for (DWORD dwOption = CM_OPT_CHANNEL_SERVER_HEAD_SECONDS; dwOption <= CM_OPT_CHANNEL_SERVER_STOP_SECONDS; ++dwOption) {
+        DWORD dwSeconds = 0x40000000;
+        Set(dwOption, dwSeconds);
+        EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pAcceptor->SetOption(dwOption, &++dwSeconds));
+    }
     Set(CM_OPT_CHANNEL_SERVER_STOP_SECONDS, DWORD{5});  // not for a drain, whose own limit is later
     CCmRefPtrT<ICmChannelHttpServer> pUnread;
     m_Request = [&](ICmChannelHttpServer& aChannel) {

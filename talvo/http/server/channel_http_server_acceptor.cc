@@ -242,7 +242,9 @@ DWORD* CCmChannelHttpServerAcceptor::GetNumber_i(DWORD aCommand) {
 CmResult CCmChannelHttpServerAcceptor::SetOption(DWORD aCommand, void* aArg) {
     DWORD* pNumber = GetNumber_i(aCommand);
     const BOOL bBody = aCommand == CM_OPT_CHANNEL_SERVER_MAX_BODY;
-    if (!aArg || (!pNumber && !bBody) || (pNumber && *static_cast<DWORD*>(aArg) == 0)) {
+    const BOOL bSeconds = aCommand >= CM_OPT_CHANNEL_SERVER_HEAD_SECONDS;
+    const auto isValid = [=](DWORD aNumber) { return aNumber > 0 && (!bSeconds || aNumber <= NO_DEADLINE); };
+    if (!aArg || (!pNumber && !bBody) || (pNumber && !isValid(*static_cast<DWORD*>(aArg)))) {
         CM_WARNING_TRACE_THIS("CCmChannelHttpServerAcceptor::SetOption, wrong aCommand=" << aCommand << " aArg=" << aArg);
         return CM_ERROR_INVALID_ARG;
     }
