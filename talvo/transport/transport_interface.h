@@ -38,7 +38,8 @@ struct CCmTransportParameter {
 enum ECmTransportOption : DWORD {
     CM_OPT_TRANSPORT_FIO_NREAD = 101,   // [waits] get DWORD: bytes that can be read now
     CM_OPT_TRANSPORT_FD = 103,          // [waits] get HANDLE; set HANDLE: only CM_INVALID_HANDLE, which takes the socket out of
-                                        // the reactor and detaches it: closing the transport no longer closes it
+                                        // the reactor and detaches it: closing the transport no longer closes it;
+                                        // CM_ERROR_NOT_AVAILABLE: the transport holds bytes of the connection
     CM_OPT_TRANSPORT_LOCAL_ADDR = 104,  // get CCmInetAddr; a proxy's also after the end
     CM_OPT_TRANSPORT_PEER_ADDR = 105,   // get CCmInetAddr; also after the end
     CM_OPT_TRANSPORT_SOCK_ALIVE = 106,  // [waits] get BOOL: FALSE: the peer is known to have closed;

@@ -106,6 +106,8 @@ TEST_F(HandshakeTest, IndicatesBehindTheLastByteAndDeliversWhatWasReadTooFar) {
             m_Network.RunUntil([&] { return m_Sink.Count() > stBefore; });
             ICmTransport& transport = *m_Sink.m_Transports.back();
             Set(transport, CM_OPT_TRANSPORT_PAUSE_READING, bPaused);
+            HANDLE none = CM_INVALID_HANDLE;
+            EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, transport.SetOption(CM_OPT_TRANSPORT_FD, &none)) << "bytes are held";
             CTestSink sink(transport);
             for (int i = 0; bPaused && i < 3; ++i)
                 m_Network.RunPosted();

@@ -403,6 +403,8 @@ CmResult CCmTransportTcp::SetReadSize_i(DWORD aSize) {
 CmResult CCmTransportTcp::Detach_i(HANDLE aNewHandle) {
     if (aNewHandle != CM_INVALID_HANDLE)
         return CM_ERROR_INVALID_ARG;
+    if (GetHeld_i() > 0 || GetUnsent_i() > 0)
+        return CM_ERROR_NOT_AVAILABLE;
     if (GetHandle() != CM_INVALID_HANDLE)
         RemoveFromReactor_i();
     m_SocketTcp.SetHandle(CM_INVALID_HANDLE);
