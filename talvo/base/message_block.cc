@@ -104,10 +104,10 @@ CmResult CCmMessageBlock::AdvanceChainedWritePtr(DWORD aCount, DWORD* aDone) {
 }
 
 DWORD CCmMessageBlock::GetChainedLength() const {
-    DWORD dwSum = 0;
+    uint64_t ullSum = 0;
     for (const CCmMessageBlock* pMb = this; pMb; pMb = pMb->m_pNext)
-        dwSum += pMb->GetTopLevelLength();
-    return dwSum;
+        ullSum += pMb->GetTopLevelLength();
+    return static_cast<DWORD>(std::min<uint64_t>(ullSum, MOST_LENGTH));
 }
 
 DWORD CCmMessageBlock::GetChainedSpace() const {

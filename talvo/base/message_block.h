@@ -81,7 +81,9 @@ public:
     // from.
     CmResult AdvanceChainedWritePtr(DWORD aCount, DWORD* aDone = nullptr);
 
+    // 0xFFFFFFFF: so much or more.
     DWORD GetChainedLength() const;
+    static constexpr DWORD MOST_LENGTH = 0xFFFFFFFF;
     DWORD GetChainedSpace() const;
 
     // Links aMb behind the last block. Does nothing for null or for a block that is in the chain already. Ownership does not

@@ -62,6 +62,10 @@ TEST(MessageBlock, ForeignStorageIsCopiedWhereItMightOutliveItsOwner) {
     EXPECT_EQ(pCopy->FlattenChained(), "abcd");
     EXPECT_EQ(pRest->FlattenChained(), "cdefg");
     EXPECT_EQ(first.FlattenChained(), "ab");
+    CCmMessageBlock large(0xFFFFFFF0, szData, CCmMessageBlock::DONT_DELETE, 0xFFFFFFF0);  // nothing reads it
+    CCmMessageBlock more(0x20, szData, CCmMessageBlock::DONT_DELETE, 0x20);
+    large.Append(&more);
+    EXPECT_EQ(large.GetChainedLength(), 0xFFFFFFFF);
     EXPECT_EQ(trace.Count("CCmMessageBlock::Disjoint, there are not DUPLICATED blocks behind the disjointed block."), 1u);
 
     CCmMessageBlock* pHead = MakeBlock("xyz");

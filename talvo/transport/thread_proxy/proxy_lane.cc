@@ -36,7 +36,7 @@ void CProxyBatch::Clear() {
 
 CmResult CProxyLane::Check(const CCmMessageBlock& aData, DWORD& aLength) const {
     aLength = aData.GetChainedLength();
-    return CM_OK;
+    return aLength < CCmMessageBlock::MOST_LENGTH ? CM_OK : CM_ERROR_INVALID_ARG;
 }
 
 void CStreamLane::ReadOptions(ICmTransport& aTransport) {

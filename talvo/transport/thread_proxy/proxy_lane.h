@@ -95,7 +95,7 @@ public:
     CmResult SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) override;
 
 private:
-    static constexpr DWORD NO_LIMIT = 0xFFFFFFFF;
+    static constexpr DWORD NO_LIMIT = CCmMessageBlock::MOST_LENGTH - 1;
 
     std::atomic<DWORD> m_dwMaxMessage{NO_LIMIT};  // the connection's last value
 };
