@@ -3,6 +3,7 @@
 #include <new>
 #include <utility>
 
+#include "talvo/base/clock.h"
 #include "talvo/base/trace.h"
 #include "talvo/event/thread.h"
 
@@ -63,7 +64,7 @@ CDrain::CDrain(CCmThreadLink& aNetwork, CCmThreadLink& aUser, ICmDrainSink& aSin
       m_pUser(&aUser),
       m_bEvenHere(aEvenHere),
       m_pSink(&aSink),
-      m_Rule(CCmTimeValue::GetTimeOfDay() + aTime) {}
+      m_Rule(CCmClock::GetTimeOfDayUsec() + aTime.GetTotalInUsec()) {}
 
 // The network thread dropped the event that starts it.
 CDrain::~CDrain() { Tell_i(CM_ERROR_NOT_AVAILABLE, {}); }
@@ -131,10 +132,10 @@ void CDrain::OnAnswer_i(const CCmUndrained& aLeft) {
     m_Others += aLeft;
 }
 
-void CDrain::OnTimeout(const CCmTimeValue& aCurTime, void*) {
+void CDrain::OnTimeout(const CCmTimeValue&, void*) {
     CCmUndrained left = m_Own;
     left += m_Others;
-    m_Rule.OnLook(left, m_bAllAsked && m_dwAwaited == 0, aCurTime);
+    m_Rule.OnLook(left, m_bAllAsked && m_dwAwaited == 0, CCmClock::GetTimeOfDayUsec());
     if (m_Rule.IsOver())
         Finish_i();
     else if (m_dwAwaited == 0)

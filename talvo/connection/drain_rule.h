@@ -3,7 +3,6 @@
 
 #include "talvo/base/export.h"
 #include "talvo/base/result.h"
-#include "talvo/base/time_value.h"
 #include "talvo/event/orderly_end.h"
 
 namespace talvo {
@@ -13,10 +12,10 @@ namespace talvo {
 //      |                          |
 //      +------ the time is over --+------------------------> CUT      CM_ERROR_TIMEOUT
 //
-// Independent of threads and timers.
+// Independent of threads and timers. The times are those of CCmClock::GetTimeOfDayUsec.
 class TALVO_API CDrainRule {
 public:
-    explicit CDrainRule(const CCmTimeValue& aDeadline) : m_tvDeadline(aDeadline) {}
+    explicit CDrainRule(int64_t aDeadlineUsec) : m_llDeadlineUsec(aDeadlineUsec) {}
 
     ECmDrainStage GetStage() const { return m_Stage; }
     BOOL IsOver() const { return m_Stage == ECmDrainStage::NONE || m_Stage == ECmDrainStage::CUT; }
@@ -27,18 +26,18 @@ public:
         return aLeft.m_dwLost == 0 ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
     }
 
-    // The work left at aNow. aAll: every thread has the stage and has answered.
-    void OnLook(const CCmUndrained& aLeft, BOOL aAll, const CCmTimeValue& aNow) {
+    // The work left at aNowUsec. aAll: every thread has the stage and has answered.
+    void OnLook(const CCmUndrained& aLeft, BOOL aAll, int64_t aNowUsec) {
         if (aAll && m_Stage == ECmDrainStage::CLOSE && aLeft.IsNothing())
             m_Stage = ECmDrainStage::NONE;
-        else if (aNow >= m_tvDeadline)
+        else if (aNowUsec >= m_llDeadlineUsec)
             m_Stage = ECmDrainStage::CUT;
         else if (aAll && m_Stage == ECmDrainStage::FINISH && aLeft.m_dwRequests == 0)
             m_Stage = ECmDrainStage::CLOSE;
     }
 
 private:
-    const CCmTimeValue m_tvDeadline;
+    const int64_t m_llDeadlineUsec;
     ECmDrainStage m_Stage = ECmDrainStage::FINISH;
 };
 

@@ -1,5 +1,6 @@
 #include "talvo/event/thread_linger.h"
 
+#include "talvo/base/clock.h"
 #include "talvo/base/config.h"
 #include "talvo/base/trace.h"
 
@@ -42,8 +43,8 @@ void CThreadLinger::Run(std::atomic<DWORD>& aLooks) {
     if (tvTime == CCmTimeValue::s_tvZero || m_Link.Drain(ECmDrainStage::NONE).m_dwLingering == 0)
         return;
     CM_INFO_TRACE_THIS("CThreadLinger::Run, connections linger. seconds=" << tvTime.GetSec());
-    const CCmTimeValue tvEnd = CCmTimeValue::GetTimeOfDay() + tvTime;
-    while (m_Link.Drain(ECmDrainStage::LINGER).m_dwLingering > 0 && CCmTimeValue::GetTimeOfDay() < tvEnd) {
+    const int64_t llEndUsec = CCmClock::GetTimeOfDayUsec() + tvTime.GetTotalInUsec();
+    while (m_Link.Drain(ECmDrainStage::LINGER).m_dwLingering > 0 && CCmClock::GetTimeOfDayUsec() < llEndUsec) {
         ++aLooks;
         if (!RunLoop_i(LOOK))
             return;

@@ -1,8 +1,10 @@
 #include "talvo/transport/transport_linger.h"
 
+#include <limits>
 #include <memory>
 #include <new>
 
+#include "talvo/base/clock.h"
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
 #include "talvo/event/thread_linger.h"
@@ -46,7 +48,7 @@ BOOL CTransportLinger::Start_i() {
     if (!pTimers || pTimers->ScheduleTimer(this, nullptr, LOOK, 0) != CM_OK)
         return FALSE;
     m_pTimers = pTimers;
-    m_tvEnd = CCmTimeValue::GetTimeOfDay() + tvTime;
+    m_llEndUsec = CCmClock::GetTimeOfDayUsec() + tvTime.GetTotalInUsec();
     BOOL bYes = TRUE;
     BOOL bPause = FALSE;
     m_pTransport->SetOption(CM_OPT_TRANSPORT_LAYERED, &bYes);
@@ -89,7 +91,7 @@ void CTransportLinger::NoteLoss_i() {
 void CTransportLinger::OnTimeout(const CCmTimeValue& aCurTime, void*) {
     if (IsDone_i())
         return End_i(CM_OK);
-    if (aCurTime < m_tvEnd)
+    if (CCmClock::GetTimeOfDayUsec() < m_llEndUsec)
         return;
     CM_WARNING_TRACE_THIS("CTransportLinger::OnTimeout, data unsent when closing.");
     End_i(CM_ERROR_TIMEOUT);
@@ -103,7 +105,7 @@ void CTransportLinger::OnThreadEnd() {
 // A drain has a limit of its own.
 void CTransportLinger::OnDrain(ECmDrainStage aStage) {
     if (aStage == ECmDrainStage::CLOSE)
-        m_tvEnd = CCmTimeValue::s_tvMax;
+        m_llEndUsec = std::numeric_limits<int64_t>::max();
     else if (aStage == ECmDrainStage::CUT)
         End_i(CM_ERROR_NETWORK_SOCKET_CLOSE);
 }

@@ -40,7 +40,7 @@ private:
 
     const CCmRefPtrT<ICmTransport> m_pTransport;
     CBlockChain m_Rest;
-    CCmTimeValue m_tvEnd;
+    int64_t m_llEndUsec = 0;
     ICmTimerQueue* m_pTimers = nullptr;  // not owned; this thread's, set while the timer runs
     BOOL m_bEnded = FALSE;               // the sending side is shut down
 };

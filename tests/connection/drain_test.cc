@@ -18,22 +18,22 @@ void ForAllStreams(const std::function<void(const CTestNetwork&, DWORD aType, BO
 }  // namespace
 
 TEST(DrainTest, TheRule) {
-    const CCmTimeValue tvBefore(9), tvDeadline(10);
+    constexpr int64_t llBefore = 9, llDeadline = 10;
     CCmUndrained request, connection;
     request.m_dwRequests = 1;
     connection.m_dwConnections = 1;
-    talvo::CDrainRule rule(tvDeadline);
-    rule.OnLook(request, TRUE, tvBefore);
-    rule.OnLook(connection, FALSE, tvBefore);  // a thread has not answered yet
+    talvo::CDrainRule rule(llDeadline);
+    rule.OnLook(request, TRUE, llBefore);
+    rule.OnLook(connection, FALSE, llBefore);  // a thread has not answered yet
     EXPECT_EQ(ECmDrainStage::FINISH, rule.GetStage());
-    rule.OnLook({}, TRUE, tvBefore);
+    rule.OnLook({}, TRUE, llBefore);
     EXPECT_EQ(ECmDrainStage::CLOSE, rule.GetStage());
     talvo::CDrainRule late = rule;
-    late.OnLook(connection, TRUE, tvDeadline);
+    late.OnLook(connection, TRUE, llDeadline);
     EXPECT_EQ(CM_ERROR_TIMEOUT, late.GetResult(connection));
-    rule.OnLook(connection, TRUE, tvBefore);
+    rule.OnLook(connection, TRUE, llBefore);
     EXPECT_FALSE(rule.IsOver());
-    rule.OnLook({}, TRUE, tvDeadline);
+    rule.OnLook({}, TRUE, llDeadline);
     EXPECT_EQ(CM_OK, rule.GetResult({}));
 }
 

@@ -61,6 +61,7 @@ TEST_F(ThreadProxyTest, SendingOfSingleBytesIsBoundedByTheirBlocks) {
 
 // For what waits in the proxy, and for what the transport has not got rid of.
 TEST_F(ThreadProxyTest, LingeringIsBoundedAndOnlyForAnOrderlyEnd) {
+    m_Clock.Advance(CCmTimeValue(20L * 365 * 86400));  // beyond 2038
     CFakeConnection broken(m_Network), orderly(m_Network), below(m_Network, MESSAGES), done(m_Network, MESSAGES);
     broken.Fill();
     broken.m_pProxy->Disconnect(CM_ERROR_NETWORK_SOCKET_CLOSE);

@@ -199,9 +199,7 @@ void CCmAcceptorTcp::AcceptFailed_i(int aError) {
 }
 
 void CCmAcceptorTcp::Rest_i(int aError) {
-    const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
-    if (m_tvTraced + CCmTimeValue(1) <= tvNow) {
-        m_tvTraced = tvNow;
+    if (m_TracePace.IsDue())
         CM_ERROR_TRACE_THIS("CCmAcceptorTcp::OnInput, accept() failed! err=" << aError);
     }
     const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, CCmTimeValue(0, REST_USEC), 1);

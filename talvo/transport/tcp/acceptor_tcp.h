@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include "talvo/base/trace_pace.h"
 #include "talvo/event/later_report.h"
 #include "talvo/transport/acceptor_base.h"
 #include "talvo/transport/base_types.h"
@@ -57,6 +58,6 @@ private:
     talvo::CSocketSettings m_Listening;  // of the connections; accepted TCP sockets have the listener's buffer sizes
     BOOL m_bResting = FALSE;             // out of descriptors: not registered, the timer runs
     BOOL m_bFull = FALSE;                // of handshakes: not registered
-    CCmTimeValue m_tvTraced;             // time of the last trace line about that
+    talvo::CTracePace m_TracePace;       // of the lines about that
     talvo::CLaterReportT<CCmAcceptorTcp, &CCmAcceptorTcp::OnRetry> m_Retry{*this};  // instead of the timer, without memory
 };

@@ -1,8 +1,10 @@
 // The half in the network thread; transport_proxy_core_user.cc has the user's half.
 #include "talvo/transport/thread_proxy/transport_proxy_core.h"
 
+#include <limits>
 #include <utility>
 
+#include "talvo/base/clock.h"
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
 #include "talvo/event/thread_linger.h"
@@ -217,7 +219,7 @@ void CTransportProxyCore::EndWith_i(CmResult aReason) {
 
 void CTransportProxyCore::Linger_i() {
     const CCmTimeValue tvTime = GetLingerTime();
-    m_tvLingerEnd = CCmTimeValue::GetTimeOfDay() + tvTime;
+    m_llLingerEndUsec = CCmClock::GetTimeOfDayUsec() + tvTime.GetTotalInUsec();
     ICmTimerQueue* pTimers = CCmThreadManager::Instance()->GetThreadTimerQueue(CCmThreadManager::TT_CURRENT);
     const CmResult rv = pTimers ? pTimers->ScheduleTimer(this, nullptr, CCmTimeValue(0, LINGER_LOOK_USEC), 0) : CM_OK;
     if (!pTimers || (rv != CM_OK && rv != CM_ERROR_FOUND)) {
@@ -233,8 +235,8 @@ void CTransportProxyCore::Linger_i() {
         Open_i();
 }
 
-void CTransportProxyCore::OnTimeout(const CCmTimeValue& aCurTime, void*) {
-    const BOOL bOver = aCurTime >= m_tvLingerEnd;
+void CTransportProxyCore::OnTimeout(const CCmTimeValue&, void*) {
+    const BOOL bOver = CCmClock::GetTimeOfDayUsec() >= m_llLingerEndUsec;
     if (!HasUnsent_i())
         LetGo_i(CM_OK);
     else if (bOver) {
@@ -264,7 +266,7 @@ void CTransportProxyCore::OnDrain(ECmDrainStage aStage) {
     else if (aStage == ECmDrainStage::LINGER && !m_pLingerTimers)
         OnThreadEnd();
     if (bClose)
-        m_tvLingerEnd = CCmTimeValue::s_tvMax;
+        m_llLingerEndUsec = std::numeric_limits<int64_t>::max();
 }
 
 void CTransportProxyCore::AddUndrained(CCmUndrained& aLeft) {

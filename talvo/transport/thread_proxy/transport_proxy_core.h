@@ -141,7 +141,7 @@ private:
     BOOL m_bEndSending = FALSE;                // due after the queued data
     BOOL m_bReadingPaused = FALSE;             // the state last set in the transport
     ICmTimerQueue* m_pLingerTimers = nullptr;  // not owned; set when lingering: this thread's, which may be unregistered by now
-    CCmTimeValue m_tvLingerEnd;
+    int64_t m_llLingerEndUsec = 0;
 };
 
 }  // namespace talvo

@@ -82,11 +82,8 @@ void CDatagramHub::OnStranger(CCmMessageBlock& aData, const sockaddr& aFrom, con
 }
 
 void CDatagramHub::TraceLimit() {
-    const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
-    if (tvNow < m_tvTraced + CCmTimeValue(1))
-        return;
-    m_tvTraced = tvNow;
-    CM_WARNING_TRACE_THIS("CDatagramHub::OnStranger, too many peers. m_dwMaxPeers=" << m_dwMaxPeers);
+    if (m_TracePace.IsDue())
+        CM_WARNING_TRACE_THIS("CDatagramHub::OnStranger, too many peers. m_dwMaxPeers=" << m_dwMaxPeers);
 }
 
 CmResult CDatagramHub::Send(CCmTransportUdp& aTransport, CCmMessageBlock& aData, DWORD aLength) {

@@ -65,7 +65,7 @@ private:
     int64_t m_llIdleUsec = 0;  // 0: no idle time-out
     BOOL m_bIdleTimer = FALSE;
     uint64_t m_ullKeptBytes = 0;
-    CCmTimeValue m_tvTraced;  // time of the last trace line about too many peers
+    CTracePace m_TracePace;  // of the lines about too many peers
 };
 
 }  // namespace talvo

@@ -183,11 +183,8 @@ void CDatagramPort::Flush() {
 
 // The send has already consumed the socket's error (a refusal by the peer's system): no other call will report it.
 void CDatagramPort::SendFailed(int aError) {
-    const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
-    if (m_tvTraced + CCmTimeValue(1) <= tvNow) {
-        m_tvTraced = tvNow;
+    if (m_TracePace.IsDue())
         CM_WARNING_TRACE_THIS("CDatagramPort::Flush, sendmmsg() failed! fd=" << GetHandle() << " err=" << aError);
-    }
     if (!m_bConnected || aError != ECONNREFUSED)
         return;
     m_bBroken = TRUE;

@@ -1,6 +1,7 @@
 // A datagram socket in the reactor.
 #pragma once
 
+#include "talvo/base/trace_pace.h"
 #include "talvo/event/home_reactor.h"
 #include "talvo/transport/socket.h"
 #include "talvo/transport/udp/datagram_sender.h"
@@ -102,7 +103,7 @@ private:
     int m_nError = 0;         // the error that broke it
     DWORD m_dwAlone = 0;      // consecutive datagrams that arrived alone
     int64_t m_llReceivedUsec = 0;
-    CCmTimeValue m_tvTraced;  // time of the last trace line about a lost datagram
+    CTracePace m_TracePace;  // of the lines about lost datagrams
     CCmDatagramCounters m_Counters;
 };
 
