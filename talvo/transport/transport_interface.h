@@ -108,6 +108,7 @@ public:
     virtual void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara = nullptr) = 0;
 
     // A send has returned CM_ERROR_PARTIAL_DATA; now the transport can take data again. One call for any number of such sends.
+    // A protocol connection also calls it without such a send.
     virtual void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara = nullptr) = 0;
 
     // The last call: the peer has closed or the connection has failed. Both are CM_ERROR_NETWORK_SOCKET_ERROR on a socket's
@@ -134,7 +135,10 @@ public:
     // aData. The caller keeps it and sends it again after the OnSend that follows. CM_ERROR_NOT_INITIALIZED: the transport is
     // closed; CM_ERROR_NULL_POINTER: a thread proxy's transport is closed, and its OnDisconnect may still follow.
     // CM_ERROR_NETWORK_SOCKET_ERROR: the connection is broken, and OnDisconnect comes from the loop; or
-    // CM_OPT_TRANSPORT_END_SENDING was set, and no OnDisconnect comes.
+    // CM_OPT_TRANSPORT_END_SENDING was set, and no OnDisconnect comes. CM_ERROR_INVALID_ARG: a datagram or message is too long,
+    // or a chain has 4 GiB or more. CM_ERROR_NOT_AVAILABLE: a protocol connection is not connected, or the network thread of a
+    // proxy has ended. CM_ERROR_OUT_OF_MEMORY: nothing was taken, and no OnSend follows; a protocol connection has ended with
+    // OnDisconnect.
     virtual CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) = 0;
 
     // See ECmTransportOption. CM_ERROR_INVALID_ARG: an unknown command, or a null argument. CM_ERROR_NETWORK_SOCKET_ERROR: the

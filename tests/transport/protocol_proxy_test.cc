@@ -122,6 +122,16 @@ TEST_F(ProtocolProxyTest, OnSendInsideASendGoesOn) {
     EXPECT_EQ("abcdefg", connection.m_pFake->GetSent());
 }
 
+TEST_F(ProtocolProxyTest, ASendWithoutMemoryEndsTheConnection) {
+    for (const DWORD dwLane : {STREAM, MESSAGES}) {
+        CFakeConnection connection(m_Network, dwLane);
+        connection.Open();
+        connection.Inside([](const std::string&) { return CM_ERROR_OUT_OF_MEMORY; });
+        connection.SendTogether({"lost"});
+        EXPECT_EQ("disconnect 10007", connection.TakeUpcalls());
+    }
+}
+
 TEST_F(ProtocolProxyTest, TooLongAMessageIsRefusedBeforeItIsQueued) {
     CCmTraceCapture trace;
     CFakeConnection connection(m_Network, MESSAGES, [](CFakeLower& aFake) { aFake.m_dwMaxMessage = 10; });

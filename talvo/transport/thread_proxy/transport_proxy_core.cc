@@ -140,7 +140,7 @@ void CTransportProxyCore::Drain() {
         m_Batch.Clear();
         return;
     }
-    if (m_Lane->IsMessages() && rv == CM_ERROR_OUT_OF_MEMORY)
+    if (rv == CM_ERROR_OUT_OF_MEMORY)
         LostHere_i(rv, OUT_OF_MEMORY);  // no OnSend would follow
     else if (rv == CM_OK ? TakeBatch_i() : m_bRoomMeanwhile)
         m_DrainEvent.Post(GetNetwork());
@@ -223,6 +223,8 @@ void CTransportProxyCore::Linger_i() {
     ICmTimerQueue* pTimers = CCmThreadManager::Instance()->GetThreadTimerQueue(CCmThreadManager::TT_CURRENT);
     const CmResult rv = pTimers ? pTimers->ScheduleTimer(this, nullptr, CCmTimeValue(0, LINGER_LOOK_USEC), 0) : CM_OK;
     if (!pTimers || (rv != CM_OK && rv != CM_ERROR_FOUND)) {
+        CM_WARNING_TRACE_THIS("CTransportProxyCore::Linger_i, no timer, data unsent when closing. rv=" << rv);
+        CountLost(m_SendQueue.GetWaiting() + GetUnacknowledged_i());
         LetGo_i(CM_OK);
         return;
     }
