@@ -14,15 +14,15 @@ class IHandshakeMaker;
 
 // The arguments of a maker.
 struct CCmConnectorSettings {
-    DWORD m_dwType;                                   // the requested base type; one maker may serve several
-    ICmReactor* m_pReactor;                           // of the network thread; never null
-    ACmConnectorUpper* m_pUpper;                      // gets the connector's reports; never null, and outlives it
-    talvo::IHandshakeMaker* m_pHandshakes = nullptr;  // for TCP, and outlives it; null: there are no handshakes
+    DWORD m_dwType;                                              // the requested base type; one maker may serve several
+    ICmReactor* m_pReactor;                                      // of the network thread; never null
+    ACmConnectorUpper* m_pUpper;                                 // gets the connector's reports; never null, and outlives it
+    std::shared_ptr<talvo::IHandshakeMaker> m_pHandshakes = {};  // for TCP; null: there are no handshakes
 };
 struct CCmAcceptorSettings {
-    DWORD m_dwType;                                   // likewise
-    ICmReactor* m_pReactor;                           // of the network thread; null: none
-    talvo::IHandshakeMaker* m_pHandshakes = nullptr;  // likewise
+    DWORD m_dwType;                                              // likewise
+    ICmReactor* m_pReactor;                                      // of the network thread; null: none
+    std::shared_ptr<talvo::IHandshakeMaker> m_pHandshakes = {};  // likewise
 };
 
 // Both are called in the network thread. Null: memory ran out.
@@ -38,6 +38,19 @@ struct CCmBaseTypeMakers {
 // Offers makers for a base type: a new one, or one of the library's, whose own makers apply again after a withdrawal. The last
 // offer of a type counts. An offer without makers withdraws the previous one. Existing objects do not change. Any thread.
 // CM_ERROR_INVALID_ARG: 0, more than 0xFFFF, or 0x8001. CM_ERROR_NOT_AVAILABLE: 16 other types have offers.
+//
+// The objects of the makers belong to the network thread, which makes, uses and destroys them. Their transports fulfil the
+// contract of ICmTransport, and have these options:
+//
+//   PAUSE_READING (141)                 a thread proxy pauses a fast peer with it: without it the proxy's memory has no limit
+//   UNACKNOWLEDGED (144)                an orderly end waits until it is 0; a refusal counts as 0, so the end does not wait
+//   END_SENDING (147), TELL_END (148)   of a byte stream; both are also set while an orderly end waits
+//   LAYERED (150)                       TRUE: the transport does not join a drain, because the layer above does
+//   LOCAL_ADDR, PEER_ADDR, TRAN_TYPE    read once by a thread proxy
+//   LAST_FAILURE (159)                  inside and after OnDisconnect
+//
+// The others may be refused with CM_ERROR_INVALID_ARG. After CM_ERROR_PARTIAL_DATA of SendData one OnSend follows from the
+// loop. CM_ERROR_OUT_OF_MEMORY of SendData ends a connection with a proxy.
 //
 // CCmConnectionManager accepts the type from then on, alone and below a protocol. Every base type but 2 carries bytes: its
 // transports may take a part of a send (CM_ERROR_PARTIAL_DATA), and may split or join the delivered bytes.

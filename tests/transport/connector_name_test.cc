@@ -158,10 +158,9 @@ struct CWaits : talvo::IHandshakeMaker {
 };
 
 TEST_F(ConnectorNameTest, NoNextAddressIsTriedDuringAHandshakeUnlessItFails) {
-    static CWaits s_Maker;
     constexpr DWORD TYPE = 0x301;
     const auto maker = [](const CCmConnectorSettings& a) {
-        return CCmConnectorTcp::Make({a.m_dwType, a.m_pReactor, a.m_pUpper, &s_Maker});
+        return CCmConnectorTcp::Make({a.m_dwType, a.m_pReactor, a.m_pUpper, std::make_shared<CWaits>()});
     };
     EXPECT_EQ(CM_OK, cm_offer_base_type(TYPE, {maker, nullptr}));
     CCmTraceCapture trace;

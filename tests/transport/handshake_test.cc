@@ -46,7 +46,7 @@ private:
 class HandshakeTest : public testing::Test, public talvo::IHandshakeMaker {
 protected:
     HandshakeTest() {
-        s_pMaker = this;
+        s_pMaker.reset(this, [](talvo::IHandshakeMaker*) {});
         const auto connector = [](const CCmConnectorSettings& a) {
             return CCmConnectorTcp::Make({a.m_dwType, a.m_pReactor, a.m_pUpper, s_pMaker});
         };
@@ -55,6 +55,7 @@ protected:
         };
         EXPECT_EQ(CM_OK, cm_offer_base_type(TYPE, {connector, acceptor}));
         m_pAcceptor = m_Network.Listen(m_Sink, m_Addr, TYPE);
+        EXPECT_EQ(2, s_pMaker.use_count());
     }
     ~HandshakeTest() override { cm_offer_base_type(TYPE, {}); }
 
@@ -82,7 +83,7 @@ protected:
         m_Network.RunUntil([&] { return IsClosed(aClient); });
     }
 
-    static inline talvo::IHandshakeMaker* s_pMaker = nullptr;
+    static inline std::shared_ptr<talvo::IHandshakeMaker> s_pMaker;
     const CTestNetwork m_Network{CCmThreadManager::NETWORK_THREAD_MAIN};
     std::string m_strGreeting = "welcome";
     CTestConnectSink m_Sink;
@@ -105,9 +106,9 @@ TEST_F(HandshakeTest, IndicatesBehindTheLastByteAndDeliversWhatWasReadTooFar) {
             client.Close();
             m_Network.RunUntil([&] { return m_Sink.Count() > stBefore; });
             ICmTransport& transport = *m_Sink.m_Transports.back();
-            Set(transport, CM_OPT_TRANSPORT_PAUSE_READING, bPaused);
             HANDLE none = CM_INVALID_HANDLE;
             EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, transport.SetOption(CM_OPT_TRANSPORT_FD, &none)) << "bytes are held";
+            Set(transport, CM_OPT_TRANSPORT_PAUSE_READING, bPaused);
             CTestSink sink(transport);
             for (int i = 0; bPaused && i < 3; ++i)
                 m_Network.RunPosted();

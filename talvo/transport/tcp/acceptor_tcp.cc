@@ -29,7 +29,9 @@ BOOL IsAnyAddress(const CCmInetAddr& aAddr) {
 
 }  // namespace
 
-CCmAcceptorTcp::CCmAcceptorTcp(talvo::IHandshakeMaker* aHandshakes) : m_pHandshakes(aHandshakes) { ++s_Live; }
+CCmAcceptorTcp::CCmAcceptorTcp(std::shared_ptr<talvo::IHandshakeMaker> aHandshakes) : m_pHandshakes(std::move(aHandshakes)) {
+    ++s_Live;
+}
 
 CCmAcceptorTcp::~CCmAcceptorTcp() {
     StopListen(CM_OK);
@@ -124,7 +126,7 @@ CmResult CCmAcceptorTcp::GetListenAddr(CCmInetAddr& aAddr) {
 // Accesses no member after the upcall, which may have released this acceptor.
 int CCmAcceptorTcp::OnInput(HANDLE aFd) {
     m_Est.EnsureSingleThread();
-    CCmRefPtrT<CCmTransportTcp> pTransport = talvo::MakeTcpTransport(m_pReactor, m_pHandshakes);
+    CCmRefPtrT<CCmTransportTcp> pTransport = talvo::MakeTcpTransport(m_pReactor, m_pHandshakes.get());
     if (!pTransport) {
         Rest_i(ENOMEM);
         return 0;
@@ -201,7 +203,6 @@ void CCmAcceptorTcp::AcceptFailed_i(int aError) {
 void CCmAcceptorTcp::Rest_i(int aError) {
     if (m_TracePace.IsDue())
         CM_ERROR_TRACE_THIS("CCmAcceptorTcp::OnInput, accept() failed! err=" << aError);
-    }
     const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, CCmTimeValue(0, REST_USEC), 1);
     if (rv != CM_OK && rv != CM_ERROR_FOUND)
         return;  // no timer: stays registered and retries at every report

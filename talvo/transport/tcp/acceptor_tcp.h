@@ -24,8 +24,8 @@ class TALVO_API CCmAcceptorTcp : public CCmAcceptorBase,
                                  public ICmTimerHandler,
                                  private talvo::CHandshakeRun::IOwner {
 public:
-    // aHandshakes: outlives the acceptor; null: none.
-    explicit CCmAcceptorTcp(talvo::IHandshakeMaker* aHandshakes = nullptr);
+    // aHandshakes: null: none.
+    explicit CCmAcceptorTcp(std::shared_ptr<talvo::IHandshakeMaker> aHandshakes = nullptr);
     ~CCmAcceptorTcp() override;
 
     static CCmRefPtrT<ICmAcceptor> Make(const CCmAcceptorSettings& aSettings);  // a CCmAcceptorMaker
@@ -49,7 +49,7 @@ private:
     void ShakeHands_i(CCmRefPtrT<CCmTransportTcp> aTransport);
     void OnHandshakeDone(talvo::CHandshakeRun& aRun) override;
 
-    talvo::IHandshakeMaker* const m_pHandshakes;                   // not owned
+    const std::shared_ptr<talvo::IHandshakeMaker> m_pHandshakes;
     std::vector<std::unique_ptr<talvo::CHandshakeRun>> m_Shaking;  // under way
     CCmSocketTcp m_Socket;
     talvo::CUnixPath m_Path;

@@ -58,7 +58,7 @@ private:
 
     const CHomeReactor m_pReactor;
     IOwner& m_Owner;
-    IHandshakeMaker* const m_pMaker;  // not owned
+    IHandshakeMaker* const m_pMaker;  // not owned; the owner's
     CCmInetAddr m_AddrPeer;
     CCmRefPtrT<TransportType> m_pTransport;
     std::unique_ptr<CHandshakeRun> m_pRun;  // when connected

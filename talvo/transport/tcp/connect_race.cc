@@ -53,7 +53,7 @@ template <class TransportType>
 int CConnectRaceT<TransportType>::StartNext_i(CCmRefPtrT<TransportType>& aTransport) {
     while (m_stNext < m_Addrs.size()) {
         const CCmInetAddr& addr = m_Addrs[m_stNext++];
-        std::unique_ptr<CAttempt> pAttempt(new (std::nothrow) CAttempt(m_pReactor, *this, m_pMaker));
+        std::unique_ptr<CAttempt> pAttempt(new (std::nothrow) CAttempt(m_pReactor, *this, m_pMaker.get()));
         if (!pAttempt) {
             Note_i(CCmFailure(ENOMEM, "connect to", addr));
             continue;

@@ -25,9 +25,9 @@ public:
         virtual ~IUser() = default;
     };
 
-    // aMaker: of the attempts; outlives the race; null: none.
-    CConnectRaceT(ICmReactor* aReactor, IUser& aUser, IHandshakeMaker* aMaker)
-        : m_pReactor(aReactor), m_User(aUser), m_pMaker(aMaker) {}
+    // aMaker: of the attempts; null: none.
+    CConnectRaceT(ICmReactor* aReactor, IUser& aUser, std::shared_ptr<IHandshakeMaker> aMaker)
+        : m_pReactor(aReactor), m_User(aUser), m_pMaker(std::move(aMaker)) {}
     ~CConnectRaceT() override { Stop(); }
     CConnectRaceT(const CConnectRaceT&) = delete;
     CConnectRaceT& operator=(const CConnectRaceT&) = delete;
@@ -59,7 +59,7 @@ private:
 
     const CHomeReactor m_pReactor;
     IUser& m_User;
-    IHandshakeMaker* const m_pMaker;  // not owned
+    const std::shared_ptr<IHandshakeMaker> m_pMaker;
     CCmInetAddr m_AddrLocal;
     CSocketSettings m_Sockets;
     std::vector<CCmInetAddr> m_Addrs;
