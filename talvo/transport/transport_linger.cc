@@ -9,6 +9,7 @@
 #include "talvo/base/trace.h"
 #include "talvo/event/thread_linger.h"
 #include "talvo/event/thread_manager.h"
+#include "talvo/transport/connection_type.h"
 
 namespace talvo {
 
@@ -68,7 +69,9 @@ void CTransportLinger::SendRest_i() {
             return;
     }
     BOOL bEnd = TRUE;
-    if (!m_bEnded)
+    DWORD dwType = 0;
+    m_pTransport->GetOption(CM_OPT_TRANSPORT_TRAN_TYPE, &dwType);
+    if (!m_bEnded && !CConnectionType(dwType).IsOverDatagrams())
         m_pTransport->SetOption(CM_OPT_TRANSPORT_END_SENDING, &bEnd);
     m_bEnded = TRUE;
 }
@@ -88,7 +91,7 @@ void CTransportLinger::NoteLoss_i() {
     CountLost(ullLost);
 }
 
-void CTransportLinger::OnTimeout(const CCmTimeValue& aCurTime, void*) {
+void CTransportLinger::OnTimeout(const CCmTimeValue&, void*) {
     if (IsDone_i())
         return End_i(CM_OK);
     if (CCmClock::GetTimeOfDayUsec() < m_llEndUsec)

@@ -38,9 +38,7 @@ CmResult CAcceptorProxyCore::StopListen(CmResult aReason) {
     const CmResult rv = GetNetwork().Call([=, pThis = CCmRefPtrT<CAcceptorProxyCore>(this)] {
         return pThis->m_pInner ? pThis->m_pInner->StopListen(aReason) : CM_OK;
     });
-    if (rv == CM_ERROR_OUT_OF_MEMORY)
-        PostLetGo();  // ends the listening, without waiting for it
-    return rv == CM_ERROR_NOT_AVAILABLE || rv == CM_ERROR_OUT_OF_MEMORY ? CM_OK : rv;  // or the network thread has ended
+    return rv == CM_ERROR_NOT_AVAILABLE ? CM_OK : rv;  // the network thread has ended
 }
 
 CmResult CAcceptorProxyCore::GetListenAddr(CCmInetAddr& aAddr) {
