@@ -18,16 +18,17 @@ CCmLiveCounter s_Live("CHttpClientPool");
 
 thread_local CHttpClientPool* s_pPool = nullptr;
 
-// The address, the base type and the settings of most connections are left out, so that the key is short.
+// The address, the base type and the settings of most connections are left out, so that the key is short. No text of a
+// host or an address has a line feed.
 CCmString KeyOf(const CHttpConnectionRequest& aRequest) {
     CCmString strKey = aRequest.m_strHost;
     if (!is_ipv6_host(strKey))  // it is in lower case, and the case of its zone matters
         std::transform(strKey.begin(), strKey.end(), strKey.begin(), lower_case);
     strKey += ":" + std::to_string(aRequest.m_wPort);
     if (aRequest.m_AddrConnectTo != CCmInetAddr::s_InetAddrAny)
-        strKey += " at " + cm_address_text(aRequest.m_AddrConnectTo);
+        strKey += "\nat " + cm_address_text(aRequest.m_AddrConnectTo);
     if (aRequest.m_dwType != CM_TRANSPORT_TYPE_TCP || !aRequest.m_strSetUp.empty())
-        strKey += " " + std::to_string(aRequest.m_dwType) + " " + aRequest.m_strSetUp;
+        strKey += "\n" + std::to_string(aRequest.m_dwType) + "\n" + aRequest.m_strSetUp;
     return strKey;
 }
 

@@ -158,7 +158,8 @@ CCmHttpAtom CCmHttpHeaderArray::MakeName(std::string_view aName) {
         if (const CCmHttpAtom atom = FindOwnName(strName))
             return atom;
     }
-    const CCmHttpAtom atom = Atoms::Instance()->ResolveAtom(strName, 1);
+    Atoms* pAtoms = Atoms::Instance();  // null without memory: the message keeps the name
+    const CCmHttpAtom atom = pAtoms ? pAtoms->ResolveAtom(strName, 1) : Atoms::FindKnown(strName);
     if (atom || strName.empty())
         return atom;
     m_OwnNames.push_back(std::make_shared<const CCmString>(strName));

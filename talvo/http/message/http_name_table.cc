@@ -74,7 +74,8 @@ const char* CHttpNameTable::Add(std::string_view aName) {
 void CHttpNameTable::AddAll(const CHttpNameTable& aOther) {
     for (const std::atomic<CNode*>& bucket : aOther.m_Buckets) {
         for (const CNode* pNode = bucket; pNode; pNode = pNode->m_pNext)
-            Add(pNode->GetText());
+            if (!Add(pNode->GetText()))
+                throw std::bad_alloc();
     }
 }
 
