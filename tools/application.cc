@@ -39,10 +39,12 @@ public:
     explicit SignalHandler(Application& aApplication) : m_Application(aApplication) {
         const sigset_t signals = GetEndingSignals();
         m_nFd = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
-        m_bRegistered = GetMainReactor()->RegisterHandler(this, READ_MASK) == CM_OK;
+        ICmReactor* pReactor = GetMainReactor();
+        m_bRegistered = pReactor && pReactor->RegisterHandler(this, READ_MASK) == CM_OK;
     }
     ~SignalHandler() override {
-        GetMainReactor()->RemoveHandler(this, ALL_EVENTS_MASK);
+        if (m_bRegistered)
+            GetMainReactor()->RemoveHandler(this, ALL_EVENTS_MASK);
         close(m_nFd);
     }
 

@@ -40,7 +40,7 @@ public:
         m_Log.push_back(aData.FlattenChained());
         if (const CmResult rv = m_Inside(m_Log.back()); rv != CM_OK)
             return rv;
-        iovec pieces[256];
+        iovec pieces[256]{};
         m_Pieces.push_back(aData.FillIov(pieces, 256));
         m_pFirst = pieces[0].iov_base;
         const DWORD dwLength = aData.GetChainedLength();
