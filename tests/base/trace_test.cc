@@ -65,22 +65,6 @@ TEST_F(TraceFileTest, LinesCarryLocalWallTimeProcessThreadAndModule) {
                           " tid=" + std::to_string(cm_thread_self_id()) + "] module:text\n");
 }
 
-TEST_F(TraceFileTest, WaitsForItsLinesExceptErrors) {
-    Open(3);
-    for (const long nWritten : {0, 0, 3, 3}) {
-        CM_INFO_TRACE("text");
-        EXPECT_EQ(CountLines(), nWritten);
-    }
-    CM_ERROR_TRACE("text");
-    EXPECT_EQ(CountLines(), 5);
-    CM_INFO_TRACE("text");
-    Open(1000000);  // closing the one before writes it out, and memory stays bounded
-    EXPECT_EQ(CountLines(), 6);
-    for (int n = 0; n < 100; ++n)
-        CM_INFO_TRACE(std::string(2000, 'x'));
-    EXPECT_GT(CountLines(), 60);
-}
-
 TEST_F(TraceFileTest, CircularFileGoesRoundAndIsContinued) {
     m_Dir.Write("trace", "-17" + std::string(28, ' ') + "\n" + std::string(5000, '*'));  // somebody else's
     for (int n = 0; n < 200 && !HasFatalFailure(); ++n) {

@@ -122,23 +122,6 @@ TEST(ConnectionManagerTest, ProtocolTypes) {
     });
 }
 
-TEST(ConnectionManagerTest, ThreadRule) {
-    CTestNetwork network;
-    EXPECT_EQ(DIRECT, Exchange(network, DIRECT));
-    EXPECT_EQ(FORCED, Exchange(network, FORCED));
-    EXPECT_EQ(DIRECT, Exchange(network, DIRECT | CCmConnectionManager::CTYPE_PDU_LENGTH));
-    network.InNetwork([] {
-        CCmTraceCapture trace;
-        EXPECT_EQ(CM_OK, Judge(DIRECT));
-        EXPECT_FALSE(trace.Contains("ThreadProxy"));
-        // A listener of the network thread itself, through a proxy: its calls run at once instead of waiting for ever.
-        CTestConnectSink sink;
-        CCmInetAddr addr;
-        CTestNetwork::Listen(sink, addr, FORCED);
-        EXPECT_TRUE(trace.Contains("create CCmAcceptorThreadProxy"));
-    });
-}
-
 TEST(ConnectionManagerTest, MainThreadAsNetworkThread) {
     CTestNetwork network(CCmThreadManager::NETWORK_THREAD_MAIN);
     EXPECT_EQ(DIRECT, Exchange(network, DIRECT));

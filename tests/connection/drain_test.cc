@@ -17,26 +17,6 @@ void ForAllStreams(const std::function<void(const CTestNetwork&, DWORD aType, BO
 
 }  // namespace
 
-TEST(DrainTest, TheRule) {
-    constexpr int64_t llBefore = 9, llDeadline = 10;
-    CCmUndrained request, connection;
-    request.m_dwRequests = 1;
-    connection.m_dwConnections = 1;
-    talvo::CDrainRule rule(llDeadline);
-    rule.OnLook(request, TRUE, llBefore);
-    rule.OnLook(connection, FALSE, llBefore);  // a thread has not answered yet
-    EXPECT_EQ(ECmDrainStage::FINISH, rule.GetStage());
-    rule.OnLook({}, TRUE, llBefore);
-    EXPECT_EQ(ECmDrainStage::CLOSE, rule.GetStage());
-    talvo::CDrainRule late = rule;
-    late.OnLook(connection, TRUE, llDeadline);
-    EXPECT_EQ(CM_ERROR_TIMEOUT, late.GetResult(connection));
-    rule.OnLook(connection, TRUE, llBefore);
-    EXPECT_FALSE(rule.IsOver());
-    rule.OnLook({}, TRUE, llDeadline);
-    EXPECT_EQ(CM_OK, rule.GetResult({}));
-}
-
 // In both modes, over every kind of stream, from the side whose sends are refused once the socket is full. The peer reads what
 // was sent once the sink has got OnDisconnect, or it dies then.
 TEST(DrainTest, SinksGetOneEndWhatWasTakenGoesOutAndALossIsReported) {

@@ -282,17 +282,6 @@ TEST_F(PkgConnTest, KeepAliveLeavesEvenWhileDataFlows) {
     EXPECT_EQ(KEEPALIVE, server.m_pLower->TakeSent());
 }
 
-// Two connections whose timers are due in the same pass: the end of the first ends the second, which then says nothing.
-TEST_F(PkgConnTest, TimerOfAnEndedConnectionIsSilent) {
-    CServer first, second;
-    first.Connect();
-    second.Connect();
-    first.m_Inside = [&](const std::string&) { second.m_pConn.Reset(); };
-    second.m_Inside = [&](const std::string&) { first.m_pConn.Reset(); };
-    Pass(CCmTimeValue(120));
-    EXPECT_EQ(1u, first.m_Lines.size() + second.m_Lines.size());
-}
-
 // A handshake, and then a peer, that never comes: when each thing happens, to the millisecond.
 TEST_F(PkgConnTest, SilentPeersAreGivenUp) {
     const auto expect = [this](auto& aEnd, int64_t aMsec, const std::string& aSent, const Lines& aLines) {

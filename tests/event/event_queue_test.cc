@@ -120,14 +120,3 @@ TEST(EventQueueTest, ABurstLeavesNoMemoryBehind) {
         queue.ProcessEvents(events);
     EXPECT_GT(stBefore + 500000, HeapInUse());
 }
-
-TEST(EventQueueTest, EventsOfAnySizeMayEndInAnotherThread) {
-    for (int nRound = 0; nRound < 3; ++nRound) {
-        MoveEvents<1>();
-        MoveEvents<57>();
-        MoveEvents<1992>();  // with the pointer to its functions the largest that shares a slab,
-        MoveEvents<1993>();  // and just more
-        MoveEvents<5000>();
-        MoveEvents<100, 128>();
-    }
-}

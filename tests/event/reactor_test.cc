@@ -179,30 +179,6 @@ TEST_F(ReactorTest, CloseComesBehindUnreadBytesUnlessNobodyReadsThem) {
     EXPECT_TRUE(trace.Contains("data remained in the handle wehn closing, recv it. dwRemain=40000 this="));
 }
 
-TEST_F(ReactorTest, ACloseWaitsWithTheBytesWhileReadingIsPaused) {
-    for (const bool bPauseInside : {false, true}) {
-        CEnd end(m_Reactor, H::READ_MASK | H::WRITE_MASK);
-        Turn();
-        const auto pause = [&end] {
-            end.Pause();
-            return -2;  // has read nothing
-        };
-        end.m_pHandler->m_Input = pause;
-        if (!bPauseInside)
-            pause();
-        end.m_Peer.Write("last words");
-        end.m_Peer.Close();
-        Turns(3);
-        EXPECT_EQ(bPauseInside ? 1 : 0, end.m_pHandler->m_nInputs);
-        EXPECT_EQ(0, end.m_pHandler->m_nCloses);
-        end.m_pHandler->m_Input = [&] { return end.ReadSome(); };
-        end.Resume();
-        Turn();
-        EXPECT_EQ("last words", end.m_strRead);
-        EXPECT_EQ(1, end.m_pHandler->m_nCloses);
-    }
-}
-
 // Somebody who paused because the peer does not read must hear that it reads again, even if it will send no more; and must hear
 // of a failure, since then nothing else will come.
 TEST_F(ReactorTest, APauseHoldsBackAnOrderlyCloseButNeitherRoomNorFailures) {
@@ -226,49 +202,4 @@ TEST_F(ReactorTest, APauseHoldsBackAnOrderlyCloseButNeitherRoomNorFailures) {
     end.m_Peer.Close();  // with bytes unread: a reset
     Turns(2);
     EXPECT_EQ(1, end.m_pHandler->m_nCloses);
-}
-
-// Nothing but posts and sends: each must be seen in its thread's order, whatever moment of the loop it meets.
-TEST_F(ReactorTest, PostsAndSendsFromManyThreadsAreAllRun) {
-    constexpr int THREADS = 4;
-    constexpr int POSTS = 3000;
-    int nRun = 0;
-    int nLast[THREADS] = {};
-    std::atomic<int> nThreads{THREADS};
-    std::vector<std::thread> threads;
-    for (int nThread = 0; nThread < THREADS; ++nThread) {
-        threads.emplace_back([&, nThread] {
-            for (int i = 1; i <= POSTS; ++i) {
-                EXPECT_EQ(CM_OK, PostTo(m_Reactor, [&, nThread, i] {
-                              EXPECT_EQ(i - 1, std::exchange(nLast[nThread], i));
-                              ++nRun;
-                          }));
-                if (i % 1000 == 0)
-                    m_Reactor.SendEvent(new CTestEvent([] { return CM_OK; }));
-            }
-            if (--nThreads == 0)
-                PostTo(m_Reactor, [&] { m_Reactor.StopEventLoop(); });
-        });
-    }
-    EXPECT_EQ(CM_OK, m_Reactor.RunEventLoop());
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(THREADS * POSTS, nRun);
-}
-
-// Goes on until a post met the loop asleep and the system had to be asked: without wake-ups it never ends.
-TEST_F(ReactorTest, APostIntoASleepingLoopWakesIt) {
-    CCmSemaphoreThread answered;
-    std::thread asker([&] {
-        for (uint64_t ullWrites = 0; ullWrites == 0;) {
-            PostTo(m_Reactor, [&] {
-                ullWrites = m_Reactor.GetCounters().m_ullWakeWrites;
-                answered.UnLock();
-            });
-            answered.Lock();
-        }
-        m_Reactor.StopEventLoop();
-    });
-    EXPECT_EQ(CM_OK, m_Reactor.RunEventLoop());
-    asker.join();
 }

@@ -25,23 +25,6 @@ struct CTarget {
 
 }  // namespace
 
-TEST(ReferenceControlTest, TheTimerDeletesAfterTheCallHasReturned) {
-    std::atomic<int> nDead{0};
-    CMainThread main;
-    PostTo(main.GetReactor(), [&] {
-        CLate* pObject = new CLate(nDead);
-        CCmRefPtrT<CLate> pHolder(pObject);
-        pHolder.Reset();
-        EXPECT_EQ(0, nDead);
-        pObject->AddReference();  // somebody on the stack still used it: deleted once for all that
-        pObject->ReleaseReference();
-        EXPECT_EQ(0, nDead);
-    });
-    main.RunOnce();
-    main.RunOnce();
-    EXPECT_EQ(1, nDead);
-}
-
 // Whichever thread class ends first, and also what dies only because another object did.
 TEST(ReferenceControlTest, PendingDeletionsHappenWhenTheThreadEnds) {
     for (const auto kind : {CScopedThread::REACTOR, CScopedThread::TASK}) {

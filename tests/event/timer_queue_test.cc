@@ -127,24 +127,6 @@ TEST(TimerQueueWalkTest, FiresInTheOrderOfASortedList) {
     }
 }
 
-// Nor does it let a loop sleep that waits for the time that is left.
-TEST(TimerQueueTest, AZeroDelayTimerThatReArmsItselfMakesNoOtherEarly) {
-    CCmFakeClock clock;
-    CCmTimerQueueOrderedList queue;
-    CTestTimer later;
-    CTestTimer again([&] { queue.ScheduleTimer(&again, nullptr, CCmTimeValue::s_tvZero, 1); });
-    queue.ScheduleTimer(&again, nullptr, CCmTimeValue::s_tvZero, 1);
-    queue.ScheduleTimer(&later, nullptr, Msec(1), 1);
-    for (int i = 0; i < 5000; ++i) {
-        CCmTimeValue tvRemain;
-        EXPECT_EQ(1, queue.CheckExpire(&tvRemain));
-        EXPECT_EQ(CCmTimeValue::s_tvZero, tvRemain);
-    }
-    EXPECT_EQ(0, later.m_nFired);
-    clock.Advance(Msec(1));
-    EXPECT_EQ(2, queue.CheckExpire(nullptr));
-}
-
 TEST(TimerQueueTest, AFarYearIsNeitherAnEmptyQueueNorAnOverflow) {
     CCmFakeClock clock;
     CCmTimerQueueOrderedList queue;

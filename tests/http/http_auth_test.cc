@@ -32,21 +32,6 @@ TEST(HttpAuthTest, DigestsAreThePublishedOnes) {
               digest.Answer("Mufasa", "CircleOfLife", "GET", "/dir/index.html").find("1949323746fe6a43ef61f9606e7febea"));
 }
 
-TEST(HttpAuthTest, ChallengesAndParametersAreToldApart) {
-    std::string strAll;
-    for (const CHttpChallenge& challenge : ParseHttpChallenges(
-             "Newauth realm=\"apps\", type=1,\n  title=\"Login to \\\"apps, here\\\"\", Negotiate abc==, ,Basic realm=simple "
-             ",Bare\nDigest\tREALM = \"r\" ,nonce=n, =broken, qop=\"auth,auth-int\", last=\"unterminated")) {
-        strAll += challenge.m_strScheme + ":";
-        for (const auto& [strName, strValue] : challenge.m_Parameters)
-            strAll += strName + "[" + strValue + "]";
-    }
-    EXPECT_EQ(
-        "newauth:realm[apps]type[1]title[Login to \\\"apps, here\\\"]negotiate:basic:realm[simple]bare:"
-        "digest:realm[r]nonce[n]qop[auth,auth-int]last[unterminated]",
-        strAll);
-}
-
 TEST(HttpAuthTest, TakesTheStrongestAndCountsTheNonce) {
     const std::string DIGEST = "Digest realm=\"r\", nonce=\"n\", qop=\"auth\", algorithm=";
     const std::pair<std::string, const char*> CASES[] = {

@@ -120,17 +120,4 @@ TEST_F(HttpServerTest, WhatIsPrinted) {
     }
 }
 
-TEST_F(HttpServerTest, AnswersWithoutABody) {
-    long lStatus = 0;
-    m_Request = [&](ICmChannelHttpServer& a) { a.AnswerText(lStatus, "text/plain", "body"); };
-    for (const std::string strRow : {"200 HEAD Content-Length: 4", "204 GET ", "304 GET ", "205 GET Content-Length: 0"}) {
-        lStatus = std::stol(strRow);
-        const std::string strSent =
-            Connect(strRow.substr(4, strRow.find(' ', 4) - 3) + "/ HTTP/1.1\r\nHost: h\r\n\r\n")->TakeSent();
-        EXPECT_TRUE(strSent.ends_with("\r\n\r\n")) << strSent;
-        const size_t stLength = strSent.find("Content-Length");
-        EXPECT_TRUE(strRow.ends_with(" " + (stLength == std::string::npos ? "" : strSent.substr(stLength, 17)))) << strSent;
-    }
-}
-
 }  // namespace

@@ -27,17 +27,3 @@ TEST(HttpUrl, ParsesAndPrints) {
         EXPECT_EQ(bGood ? strParts + CCmHttpUrl(url).GetAsciiSpec() : "", strRow.substr(stEnd + 1)) << strRow;
     }
 }
-
-TEST(HttpUrl, ChangesReachThePrintedForm) {
-    CCmHttpUrl url;
-    EXPECT_TRUE(url.Init("https://h/a") && url.Init(url.GetAsciiSpec()));
-    url.SetPort(444);
-    EXPECT_EQ(url.GetAsciiSpec(), "https://h:444/a");
-    url.SetPort(0);
-    EXPECT_EQ(url.GetNameAndPort(1), "h:443");
-    url.SetPath("");
-    EXPECT_EQ(url.GetAsciiSpec(), "https://h/");
-    EXPECT_FALSE(url.SetNameAndPort("") || url.SetNameAndPort("[h]:80"));
-    EXPECT_TRUE(url.SetNameAndPort("other:81"));
-    EXPECT_EQ(url.GetAsciiSpec(), "https://other:81/");
-}

@@ -53,16 +53,6 @@ TEST_F(DnsServerTest, TheKeyAllowsOneFamily) {
     }
 }
 
-TEST_F(DnsServerTest, AnAnswerTooLongForADatagramComesWhole) {
-    std::string strNames;
-    for (int i = 1; i <= 200; ++i)
-        strNames += "10.0.0." + std::to_string(i) + " many.test\n";
-    Serve(strNames);
-    const DnsRecordPtr pRecord = Resolve("many.test");
-    EXPECT_EQ(200u, pRecord->GetAddresses().size());
-    EXPECT_NE(std::string::npos, TextOf(pRecord).find("10.0.0.200"));
-}
-
 TEST_F(DnsServerTest, ASilentServerIsGivenUpAndTheNextOneAsked) {
     const CSilentServer silent;
     m_Server.Start("10.0.0.1 one.test\n");

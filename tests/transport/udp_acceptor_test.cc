@@ -33,25 +33,6 @@ protected:
 
 }  // namespace
 
-TEST_F(UdpAcceptorTest, EachPeerHasATransportOfItsOwn) {
-    CPlainUdp peers[2];
-    m_Datagrams.m_bEcho = TRUE;
-    for (CPlainUdp& peer : peers) {
-        SendAndTurn(peer, "hello");
-        EXPECT_EQ(Datagrams{"hello"}, peer.Receive());
-        EXPECT_EQ(m_Addr, peer.From());
-    }
-    // Nobody hears from a peer whose system refuses: the socket is not connected, and the others go on.
-    {
-        CPlainUdp gone;
-        SendAndTurn(gone, "bye");
-    }
-    EXPECT_EQ(CM_OK, SendText(Transport(2), "?"));
-    SendAndTurn(peers[0], "still here");
-    EXPECT_EQ(0, m_Datagrams.m_nDisconnects);
-    EXPECT_EQ(Datagrams{"still here"}, peers[0].Receive());
-}
-
 TEST_F(UdpAcceptorTest, ATransportThatOpensLaterMissesLittle) {
     CPlainUdp peer;
     m_bOpen = FALSE;
@@ -67,26 +48,6 @@ TEST_F(UdpAcceptorTest, ATransportThatOpensLaterMissesLittle) {
     expected.push_back("and on");
     EXPECT_EQ(expected, m_Datagrams.m_Received);
     EXPECT_EQ(Datagrams{"I can send"}, peer.Receive());
-}
-
-TEST_F(UdpAcceptorTest, WhoIsNotKeptLeavesNothing) {
-    m_Sink.m_bKeep = FALSE;
-    CPlainUdp peers[50];
-    for (const CPlainUdp& peer : peers)
-        peer.Send(m_Addr, "x");
-    Turns();
-    EXPECT_EQ(50u, m_Sink.Count());
-    EXPECT_EQ(0u, m_pAcceptor->GetPeerCount());
-    EXPECT_EQ(std::string::npos, CCmLiveCounter::Dump().find("CCmTransportUdp"));
-    m_Sink.m_bKeep = TRUE;  // a peer may be kept at its second try, and again after it was let go
-    SendAndTurn(peers[0], "again");
-    EXPECT_EQ(Datagrams{"again"}, m_Datagrams.m_Received);
-    Transport(0).Disconnect(CM_OK);
-    SendAndTurn(peers[0], "back");
-    m_Sink.m_Transports.clear();
-    SendAndTurn(peers[0], "once more");
-    EXPECT_EQ(53u, m_Sink.Count());
-    EXPECT_EQ((Datagrams{"again", "back", "once more"}), m_Datagrams.m_Received);
 }
 
 TEST_F(UdpAcceptorTest, AFloodOfSourcesFindsTheLimitAndNobodyStarves) {

@@ -156,20 +156,6 @@ TEST_F(UdpTest, ARefusalByThePeersSystemEndsItOnce) {
     }
 }
 
-TEST_F(UdpTest, APauseLosesNothing) {
-    Open();
-    m_Sink.m_Receive = [&] { Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, BOOL{m_Sink.m_nReceives % 10 == 3}); };
-    PeerSends(Numbered(0, 50));
-    Turns();
-    EXPECT_EQ(Numbered(0, 3), m_Sink.m_Received);
-    for (int nStop = 13; nStop < 50; nStop += 10) {
-        Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
-        EXPECT_EQ(Numbered(0, nStop - 10), m_Sink.m_Received);  // nothing from inside the call
-        Turns();
-        EXPECT_EQ(Numbered(0, nStop), m_Sink.m_Received);
-    }
-}
-
 TEST_F(UdpTest, TheSinkMayEndItInTheMiddleOfABatch) {
     for (const BOOL bRelease : {FALSE, TRUE}) {
         Connect(m_Peer.Addr());
@@ -186,25 +172,6 @@ TEST_F(UdpTest, TheSinkMayEndItInTheMiddleOfABatch) {
         EXPECT_EQ("receive 012", sink.Take());
         EXPECT_EQ(Numbered(0, 3), m_Peer.Receive());  // what was taken went out
     }
-}
-
-TEST_F(UdpTest, OptionsAnswerForDatagrams) {
-    CCmTraceCapture trace;
-    PeerSends({"12345"});
-    EXPECT_EQ(5u, Get<DWORD>(*m_pTransport, CM_OPT_TRANSPORT_FIO_NREAD));
-    EXPECT_TRUE(Get<BOOL>(*m_pTransport, CM_OPT_TRANSPORT_SOCK_ALIVE));
-    Set(*m_pTransport, CM_OPT_TRANSPORT_TOS, DWORD{0x10});
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pTransport->GetOption(102, &m_Addr));
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pTransport->SetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &m_Addr));
-    EXPECT_TRUE(trace.Contains("CCmTransportUdp::GetOption, unknow aCommand=102 aArg="));
-    EXPECT_TRUE(trace.Contains("CCmTransportUdp::SetOption, unknow aCommand=104 aArg="));
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pTransport->SetOption(CM_OPT_TRANSPORT_TOS, nullptr));
-
-    const CTestFd detached(Get<HANDLE>(*m_pTransport, CM_OPT_TRANSPORT_FD));
-    Set(*m_pTransport, CM_OPT_TRANSPORT_FD, CM_INVALID_HANDLE);
-    BOOL bValue = TRUE;
-    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, m_pTransport->GetOption(CM_OPT_TRANSPORT_SOCK_ALIVE, &bValue));
-    EXPECT_EQ("12345", detached.Read());
 }
 
 TEST_F(UdpFullTest, WhatWasTakenGoesOutAndOnSendComesOnce) {
