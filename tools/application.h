@@ -13,7 +13,7 @@ enum EExit : int { EXIT_OK = 0, EXIT_FAILED = 1, EXIT_USAGE = 2 };
 // The first object of a subcommand and the last to be destroyed: all holders of a transport are declared below it.
 class Application {
 public:
-    // Call it first in main(), before any thread starts: the loop then handles the signals, whatever thread receives them.
+    // Call it first in main(), before any thread starts: the loop then handles the signals of all threads.
     static void BlockSignals();
     // Call it before any descriptor is opened. If descriptor 0, 1 or 2 is closed, it is filled with one whose reads and writes
     // fail, so that no handle of the library is used as stdout.

@@ -20,7 +20,7 @@ ByteRange ParseByteRange(std::string_view aValue, uint64_t aSize);
 
 // The value of a header "Content-Range": "bytes 5-9/10".
 struct ContentRange {
-    static constexpr uint64_t NO_SIZE = UINT64_MAX;  // the server does not know it: "bytes 5-9/*"
+    static constexpr uint64_t NO_SIZE = UINT64_MAX;  // unknown to the server: "bytes 5-9/*"
 
     uint64_t m_ullFirst = 0;
     uint64_t m_ullLast = 0;

@@ -25,7 +25,7 @@ public:
     // kept and this one is removed.
     std::string Publish(const std::string& aName, bool aReplace);
 
-    // Returns "" if aName can be published as far as is known now, or an error text. Only regular files are replaced, never
+    // Returns "" if no obstacle to publishing aName is found now, or an error text. Only regular files are replaced, never
     // links, pipes and devices, whatever their target.
     static std::string CheckTarget(int aDirectory, const std::string& aName, bool aReplace);
 

@@ -1,4 +1,4 @@
-// What becomes of the program when memory runs out.
+// The program's reaction to a lack of memory.
 #pragma once
 
 #include "talvo/talvo.h"
@@ -6,7 +6,7 @@
 namespace tool {
 
 // A std::bad_alloc that nothing catches ends the program with one line on stderr and EXIT_FAILED. Servers catch it and end only
-// the connection that needed the memory. First of all in main().
+// the connection that needed the memory. Call it first in main().
 void EndInWordsWithoutMemory();
 
 // One line on stderr, for which no memory is needed.

@@ -23,7 +23,7 @@ public:
 
     explicit PartialFile(std::string aPath);
 
-    // Looks for a FILE.part with a tag, and changes nothing. GetSize and GetTag return what it found.
+    // Looks for a FILE.part with a tag, and changes nothing. GetSize and GetTag return its result.
     std::string LookForBeginning();
     uint64_t GetSize() const { return m_ullSize; }  // 0: no beginning
     const std::string& GetTag() const { return m_strTag; }

@@ -13,7 +13,7 @@ namespace {
 
 constexpr long HELLO_SECONDS = 10;
 constexpr long SIGN_SECONDS = 30;
-constexpr const char* OUT_OF_MEMORY = "out of memory";  // so short that a string needs none for it
+constexpr const char* OUT_OF_MEMORY = "out of memory";  // so short that a string holds it without an allocation
 
 }  // namespace
 
@@ -55,7 +55,7 @@ void RecvSession::OnTimer(CCmTimerWrapperID*) {
     });
 }
 
-// Where memory runs out inside aStep the session ends, and it alone.
+// If memory runs out inside aStep, only this session ends.
 template <class Step>
 void RecvSession::EndUnless(const Step& aStep) {
     bool bGoesOn = false;

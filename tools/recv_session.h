@@ -19,7 +19,7 @@ class RecvSessionOwner {
 public:
     // The peer has proved to be a sender. false: do not serve it.
     virtual bool OnSessionBegin(RecvSession& aSession) = 0;
-    // The last call, which may delete the session. aWell: the sender said BYE and all its files were kept.
+    // The last call, which may delete the session. aWell: the sender sent BYE and all its files were kept.
     virtual void OnSessionEnd(RecvSession& aSession, bool aWell) = 0;
     virtual ~RecvSessionOwner() = default;
 };
@@ -70,7 +70,7 @@ private:
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
     void OnTimer(CCmTimerWrapperID* aId) override;
 
-    // These return false if the session has to end: m_strFault is the reason, or the sender said BYE.
+    // These return false if the session has to end: m_strFault is the reason, or the sender sent BYE.
     bool OnFrame(EFrame aType, std::string_view aPayload) override;
     bool OnData(std::string_view aPiece) override;
     bool OnHello(std::string_view aPayload);

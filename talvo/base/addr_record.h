@@ -13,7 +13,7 @@
 
 namespace talvo {
 
-// What few IPv4 addresses have: the given name, or the socket address of another family. The copies of an address share one
+// Few IPv4 addresses need it: the given name, or the socket address of another family. The copies of an address share one
 // record, also across threads, so a record never changes.
 class TALVO_API CAddrRecord final : public CCmReferenceControlT<CCmMutexThread> {
 public:

@@ -73,7 +73,7 @@ public:
     CmResult SetResolvedIpAddr(DWORD aIpAddr) { return SetResolvedIpAddr(talvo::CIpBytes::OfIpv4(aIpAddr)); }  // network order
 
     // Resolves a pending name from the resolver's cache; never waits. CM_OK: resolved, or no name was pending; a name that has
-    // no address, as the cache says, becomes 255.255.255.255. CM_ERROR_WOULD_BLOCK: the look-up is under way, or there is no
+    // no address in the cache becomes 255.255.255.255. CM_ERROR_WOULD_BLOCK: the look-up is under way, or there is no
     // resolver. Any other result: the resolver cannot look it up. After a failure the name stays pending.
     CmResult TryResolve();
 
@@ -96,8 +96,7 @@ public:
     BOOL IsResolved() const { return m_strHostName.empty(); }
     CCmString GetHostName() const { return m_strHostName; }  // "" when resolved
     // The pending name, the dotted address, the IPv6 address in the form of RFC 5952 with the interface behind "%", or the
-    // path.
-    // "@" replaces each NUL of an abstract name; the text of a Unix socket without a path is "".
+    // path. "@" replaces each NUL of an abstract name; the text of a Unix socket without a path is "".
     CCmString GetIpDisplayName() const;
 
     // The host name that the address was made from, also after its look-up; "" for a literal address, and once the caller has

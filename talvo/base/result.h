@@ -5,7 +5,7 @@
 #include "talvo/base/types.h"
 
 // CM_OK is success; every failure is positive. 10001 to 10014 are general. Those from 20001 on are network reasons, which are
-// also passed as aReason. The gaps (20002, 20010, ...) are not used. docs/result-codes.md says for each what a caller can do.
+// also passed as aReason. The gaps (20002, 20010, ...) are not used. docs/result-codes.md has the action for each.
 using CmResult = int32_t;
 
 #define CM_FOR_EACH_RESULT(X)                                                                            \
@@ -29,7 +29,7 @@ using CmResult = int32_t;
     X(CM_ERROR_NETWORK_CONNECT_TIMEOUT, 20005)          /* a connect attempt failed at once */           \
     X(CM_ERROR_NETWORK_CONNECT_ERROR, 20006)            /* an attempt under way failed or timed out */   \
     X(CM_ERROR_NETWORK_DNS_FAILURE, 20007)              /* a name could not be resolved */               \
-    X(CM_ERROR_NETWORK_HTTP_FAILURE, 20008)             /* HTTP: the exchange failed, a line says how */ \
+    X(CM_ERROR_NETWORK_HTTP_FAILURE, 20008)             /* HTTP: the exchange failed, see trace lines */ \
     X(CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE, 20009) /* the proxy cannot be reached or used */        \
     X(CM_ERROR_NETWORK_BAD_CONNECT_RESPONSE, 20013)     /* the peer speaks another connection type */
 

@@ -51,14 +51,14 @@ public:
     // Ends everything gracefully:
     //    1. all acceptors stop as StopListen does, also those of HTTP; connections with an unfinished handshake are closed.
     //       StartListen returns CM_ERROR_NOT_AVAILABLE
-    //    2. HTTP finishes what it has begun, in every thread: answers, and requests of clients. A server's connection is closed
+    //    2. HTTP finishes begun answers and begun requests of clients, in every thread. A server's connection is closed
     //       at once if no whole request has come and no answer has begun: the client gets an end instead of an answer. A
     //       client channel's AsyncOpen returns CM_ERROR_NOT_AVAILABLE
     //    3. every connection ends, also one that is made meanwhile. Its sink gets OnDisconnect with
     //       CM_ERROR_NETWORK_SOCKET_CLOSE, once; the peer gets the same end as from Disconnect(CM_OK). Data that SendData took
     //       is sent first, and the peer's system acknowledges it. An attempt to connect, its handshake included, ends with one
     //       indication of CM_ERROR_NOT_AVAILABLE
-    //    4. after aTimeout (null: LingerSeconds; zero or less: at once), all that is left is aborted: connections, and requests
+    //    4. after aTimeout (null: LingerSeconds; zero or less: at once), all remaining work is aborted: connections, requests
     //       with OnDisconnect. A trace line gives their number
     // If the application has paused reading, the results are the same. Without a proxy OnDisconnect still comes, and unreceived
     // data is lost. A proxy keeps its OnDisconnect, and the data that it received before, until the pause ends. Connectors,

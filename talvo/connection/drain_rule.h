@@ -19,7 +19,7 @@ public:
 
     ECmDrainStage GetStage() const { return m_Stage; }
     BOOL IsOver() const { return m_Stage == ECmDrainStage::NONE || m_Stage == ECmDrainStage::CUT; }
-    // aLeft: what was left at the end.
+    // aLeft: the unfinished work at the end.
     CmResult GetResult(const CCmUndrained& aLeft) const {
         if (m_Stage != ECmDrainStage::NONE)
             return CM_ERROR_TIMEOUT;

@@ -11,10 +11,10 @@ std::span<const CBaseType> GetOwnBaseTypes() {
     static constexpr CBaseType TYPES[] = {
         {CM_TRANSPORT_TYPE_TCP, {CCmConnectorTcp::Make, CCmAcceptorTcp::Make}},
         {CM_TRANSPORT_TYPE_UDP, {CCmConnectorUdp::Make, CCmAcceptorUdp::Make}},
-        {4, {}},       // TLS: without a maker yet,
-        {8, {}},       // as are
-        {12, {}},      // these
-        {0x8000, {}},  // and connections through a proxy
+        {4, {}},       // TLS: no makers yet
+        {8, {}},       // as 4
+        {12, {}},      // as 4
+        {0x8000, {}},  // through a proxy server: no makers yet
     };
     return TYPES;
 }

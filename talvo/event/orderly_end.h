@@ -33,8 +33,8 @@ enum class ECmDrainStage {
     NONE,    // no drain is under way, or it is over
     FINISH,  // new work is refused; requests under way are finished
     CLOSE,   // connections close after they have sent the data that they took
-    LINGER,  // the thread stops: lingering connections may go on, all others are closed at once
-    CUT      // the time is over: everything is closed at once
+    LINGER,  // the thread stops: lingering connections continue, all others are closed at once
+    CUT      // the time limit has passed: everything is closed at once
 };
 
 namespace talvo {

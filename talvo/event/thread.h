@@ -20,7 +20,6 @@
 // Ownership and deletion: the creator owns the object until Destory. The object is deleted when its thread has ended and
 // Destory was called, whichever comes last. So if Join gives up, a thread that continues later still has its object, its
 // reactor and its queues.
-// its object, its reactor and its queues.
 class TALVO_API ACmThread {
 public:
     using TFlag = CCmThreadManager::TFlag;

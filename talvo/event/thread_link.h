@@ -107,7 +107,7 @@ public:
     void Leave(CCmThreadTenant& aTenant);
 
     // For the thread itself. Notifies its tenants of the stage and adds up their unfinished work: after the notices, but at CUT
-    // before. NONE forgets what was lost, after it was added.
+    // before. NONE adds the lost work, too, and then clears it.
     CCmUndrained Drain(ECmDrainStage aStage);
     ECmDrainStage GetDrainStage() const { return m_DrainStage; }
 

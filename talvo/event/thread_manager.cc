@@ -74,7 +74,7 @@ CmResult CCmThreadManager::InitMainThread(int, char**) {
     }
     CCmAtomicFunctions::init_functions();
     SocketStartup();
-    GetNetworkThreadMode();  // read once here, so that GetThread knows which thread is the network thread
+    GetNetworkThreadMode();  // read once here, so that GetThread finds the network thread
     ACmThread* pThread = nullptr;
     if (ICmReactor* pReactor = CreateNetworkReactor())
         return CreateReactorThread(TT_MAIN, pReactor, pThread);

@@ -27,7 +27,7 @@ class ICmTimerQueue;
 //    then Destory of each thread that the application made, the main thread last
 //
 // A process may also simply exit at any point: running threads keep everything they use until the process ends. Any thread may
-// call, unless a function says otherwise.
+// call, unless a function excludes it.
 class TALVO_API CCmThreadManager {
 public:
     // Thread types, with one thread each. User types begin above 1000.
@@ -105,8 +105,8 @@ public:
     CmResult StopAllThreads(CCmTimeValue* aTimeout = nullptr);
     CmResult JoinAllThreads();
 
-    // The socket library. Linux needs no start or release of it. A write to a closed connection raises no signal, whatever the
-    // application does about SIGPIPE. CM_OK.
+    // The socket library. Linux needs no start or release of it. A write to a closed connection raises no signal, also if the
+    // application handles SIGPIPE. CM_OK.
     static CmResult SocketStartup();
     static CmResult SocketCleanup();
 

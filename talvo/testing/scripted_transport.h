@@ -19,7 +19,7 @@
 //    pTransport->Receive("PING\r\n", 1);               // byte by byte
 //    EXPECT_EQ("PONG\r\n", pTransport->TakeSent());
 //
-// Takes all data unless m_dwRoom says otherwise; with the datagram bit in its type, each send whole or not at all. One thread,
+// Takes all data unless m_dwRoom limits it; with the datagram bit in its type, each send whole or not at all. One thread,
 // except for the references and m_nDisconnects.
 class CCmScriptedTransport : public ICmTransport, public CCmReferenceControlT<CCmMutexThread> {
 public:

@@ -29,7 +29,7 @@ class CSimSetup;
 //    ... CCmConnectionManager::Instance()->CreateConnectionServer, StartListen, CreateConnectionClient, AsycConnect ...
 //    network.RunFor(CCmTimeValue(60));
 //
-// Simulated time stands still while code runs and advances directly to the next event. The whole run follows from the seed, if
+// Simulated time does not run while code runs; it advances directly to the next event. The whole run follows from the seed, if
 // the application takes its random numbers from Random and starts no threads. The traces of two runs are then equal.
 //
 // RunFor and RunUntil run the loop. So does RunEventLoop, which returns CM_ERROR_TIMEOUT when no event is left.

@@ -13,7 +13,7 @@ namespace talvo {
 
 class CSimReactor;
 
-// The library's clock, and the loop of a simulation. Time stands still while code runs and advances directly to the next event:
+// The library's clock, and the loop of a simulation. Time does not run while code runs; it advances directly to the next event:
 // posted events at once, then timers, then calls in the order of their times and, at one time, of their scheduling.
 // Microseconds.
 class CSimSchedule final : public ICmClock {

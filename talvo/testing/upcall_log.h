@@ -23,7 +23,7 @@ public:
     // The upcalls since the last call, in order: "receive DATA, send, disconnect REASON". Data that was received in a row is
     // one entry.
     std::string Take() { return std::exchange(m_strLog, {}); }
-    // What no sink may see: an upcall after OnDisconnect, in another thread or without a transport. Empty: nothing of that.
+    // Breaches of the contract: upcalls after OnDisconnect, in another thread or without a transport. Empty: none.
     const std::string& GetFaults() const { return m_strFaults; }
     int Upcalls() const { return m_nReceives + m_nSends + m_nDisconnects; }
 

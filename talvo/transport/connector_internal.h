@@ -34,7 +34,7 @@ public:
     virtual CmResult SetOption(DWORD aCommand, void* aArg);
     virtual CmResult GetOption(DWORD aCommand, void* aArg);
 
-    // Why the last Connect returned -1, or the failure that it reported.
+    // The failure of the last Connect: the cause of its -1, or the one that it reported.
     const CCmFailure& GetFailure() const { return m_Failure; }
 
 protected:

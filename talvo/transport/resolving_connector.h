@@ -16,7 +16,7 @@ namespace talvo {
 class TALVO_API CResolvingConnector : public ACmConnectorInternal, private ICmTimerHandler, private INameUser {
 public:
     int Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal = nullptr) override;
-    // Derived connectors also stop their own work, in their destructors, too.
+    // Derived connectors also stop their own work, here and in their destructors.
     void Close() override;
     CmResult SetOption(DWORD aCommand, void* aArg) override { return m_Sockets.SetOption(aCommand, aArg); }
     CmResult GetOption(DWORD aCommand, void* aArg) override { return m_Sockets.GetOption(aCommand, aArg); }

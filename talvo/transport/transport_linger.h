@@ -15,7 +15,7 @@ namespace talvo {
 class TALVO_API CTransportLinger final : private ICmTransportSink, private ICmTimerHandler, private CCmThreadTenant {
 public:
     // Becomes the sink of aTransport and owns aRest (null: no data left to send). FALSE: there is no need to wait, or no means
-    // (no timers in this thread, no memory, a linger time of zero). The transport has then taken what it can of aRest at once,
+    // (no timers in this thread, no memory, a linger time of zero). The transport has then taken as much of aRest as it can,
     // aRest is freed, and the caller disconnects.
     static BOOL Begin(ICmTransport& aTransport, CCmChainPtr aRest);
 

@@ -1,5 +1,4 @@
 // The orderly end of everything.
-#include "talvo/connection/drain_rule.h"
 #include "tests/support/network_fixture.h"
 
 namespace {

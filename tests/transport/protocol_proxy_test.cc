@@ -97,7 +97,7 @@ TEST_F(ProtocolProxyTest, EachSendIsOneMessageAndSeveralAreCorked) {
     EXPECT_EQ(Texts({"(cork)", "g", "(uncork)"}), connection.Seen());
 }
 
-// A connection that makes room while it sends what was gathered says so at once, and is believed.
+// A connection may report room from inside a send of gathered data; the proxy then continues.
 TEST_F(ProtocolProxyTest, OnSendInsideASendGoesOn) {
     CFakeConnection connection(m_Network, MESSAGES);
     connection.Open();

@@ -11,7 +11,7 @@ namespace talvo {
 // outlives the transport. After a reconnection Resume sends the bytes that the peer lacks over the new one. One thread.
 class TALVO_API CBufferedSending {
 public:
-    // aMaxBufLen: bytes. aDirect has the transport and sends what bypasses the buffer; it lives as long as this object.
+    // aMaxBufLen: bytes. aDirect has the transport and sends the data that bypasses the buffer. It outlives this object.
     CBufferedSending(DWORD aMaxBufLen, CDirectSending& aDirect)
         : m_SendBuf(aMaxBufLen), m_dwMaxBufLen(aMaxBufLen), m_Direct(aDirect) {}
 

@@ -53,7 +53,7 @@ private:
 
 // Makes a T for each transport from the acceptor below, and indicates it when its opening has ended with CM_OK; a failed one is
 // not reported. StopListen and the last release end unfinished openings without a call; indicated connections stay. Network
-// thread only. T must fulfil the requirements of CConnConnectorT.
+// thread only. T fulfils the requirements of CConnConnectorT.
 template <class T>
 class CConnAcceptorT final : public talvo::CConnAcceptorBase {
 public:

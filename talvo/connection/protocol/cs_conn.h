@@ -74,7 +74,7 @@ protected:
     // Takes the transport below and determines its type.
     void TakeTransport_i(ICmTransport* aTransport);
 
-    // A connected side changes its transport. DetachTransport_i closes the old one with aReason and drops what belongs to it:
+    // A connected side changes its transport. DetachTransport_i closes the old one with aReason and drops its state:
     // pending bytes, an incomplete PDU, timers. The sink, the channel, the counters and the send buffer stay, and SendData
     // fills the buffer. The status is CS_STATUS_RECONNECTING. Then come TakeTransport_i and the handshake, and ResumeData_i
     // with the receive counter of the peer. It is connected again, and the bytes that the peer lacks are sent before new ones.

@@ -8,7 +8,7 @@
 
 namespace talvo {
 
-// The sending of a connection without a send buffer. With a buffer it sends what bypasses it: connect PDUs and gathered data.
+// The sending of a connection without a send buffer. With a buffer it sends only connect PDUs and gathered data.
 // Bytes that the transport refuses are pending, and are sent first. Every send needs a transport to be set. One thread.
 class TALVO_API CDirectSending {
 public:

@@ -25,7 +25,7 @@ public:
     // another scheme, or as below.
     BOOL Init(CCmHttpUrl* aUrl);
     // The file of that name, which is used unchanged. FALSE: an empty name, or not a regular file that can be read (traced).
-    // Never waits, whatever kind of file it is. A second call drops the first file.
+    // Never waits, also for a pipe or a device. A second call drops the first file.
     BOOL Init(const CCmString& aFileName);
 
     // CM_ERROR_NOT_INITIALIZED: no file. CM_ERROR_INVALID_ARG: aSink is null. CM_ERROR_ALREADY_INITIALIZED: opened before. Else

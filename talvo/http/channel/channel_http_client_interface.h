@@ -11,7 +11,7 @@
 // channel follows redirects, sends credentials when the server requires them, and skips interim answers. A failure is
 // OnDisconnect(CM_ERROR_NETWORK_HTTP_FAILURE), or OnDisconnect(CM_ERROR_OUT_OF_MEMORY), and a trace line at level 0. GetFailure
 // has its text and its underlying reason. Any operation with a result may return CM_ERROR_OUT_OF_MEMORY, and has then done
-// nothing unless it says so.
+// nothing unless its comment lists an effect.
 //
 // Belongs to the thread that made it, which needs an event queue and a timer queue: the main thread, the network thread, task
 // threads. The connection comes from that thread's pool and returns to it.

@@ -11,7 +11,7 @@
 #include "talvo/http/client/http_client_request.h"
 #include "talvo/http/message/http_auth.h"
 
-// What CCmChannelManager::CreateChannelHttpClient makes.
+// The product of CCmChannelManager::CreateChannelHttpClient.
 class TALVO_API CCmChannelHttpClient : public ICmChannelHttpClient,
                                        private talvo::IHttpExchangeUser,
                                        private CCmTimerWrapperIDSink,
@@ -35,14 +35,14 @@ public:
     // aUrl (out): the last URL requested, redirects included, with a reference for the caller. CM_OK, CM_ERROR_OUT_OF_MEMORY.
     CmResult GetUrl(CCmHttpUrl*& aUrl) override;
 
-    // The next bytes of a body that was announced with Content-Length or chunks; taken and advanced as ICmTransport says.
+    // The next bytes of a body that was announced with Content-Length or chunks; taken and advanced as by ICmTransport.
     // CM_ERROR_PARTIAL_DATA: there is no connection yet, the server's 100 is awaited, or the connection is full: OnSend
     // follows. CM_ERROR_INVALID_ARG: more than the announced length; no data is taken. CM_ERROR_NOT_AVAILABLE: there is no body
     // to send, it is complete, or the server has answered and refused the rest. CM_ERROR_NOT_INITIALIZED: not open.
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
 
     // Options of ECmChannelOption from 302 on, before AsyncOpen: CM_ERROR_ALREADY_INITIALIZED after it. Of ECmTransportOption:
-    // CM_OPT_TRANSPORT_PAUSE_READING at any time, the others as the connection says, CM_ERROR_NOT_AVAILABLE without a
+    // CM_OPT_TRANSPORT_PAUSE_READING at any time, the others as for the connection, CM_ERROR_NOT_AVAILABLE without a
     // connection. CM_ERROR_INVALID_ARG: null, unknown, out of range.
     CmResult SetOption(DWORD aCommand, void* aArg) override;
     CmResult GetOption(DWORD aCommand, void* aArg) override;

@@ -51,7 +51,7 @@ public:
     CmResult Connect(const CHttpConnectionRequest& aRequest);
     void Lend(IHttpConnectionUser& aUser);
     BOOL Park(int64_t aUntil);   // idle: any data closes it. FALSE: no memory for the timer
-    BOOL IsFit();                // idle, and as far as is known the server still takes requests
+    BOOL IsFit();                // idle, and no end of the server was seen
     int64_t GetRest() const;     // idle: the idle time in microseconds
     void Cut(CmResult aReason);  // ends it and notifies the user
     void ForgetPool() { m_pPool = nullptr; }

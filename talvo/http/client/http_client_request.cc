@@ -130,7 +130,7 @@ void CHttpClientRequest::LeaveOrigin() {
         m_Head.SetHeader(atom, "", FALSE);
 }
 
-// A method that normally has a body says that it has none.
+// TRUE: the head needs a length; 0 if the method normally has a body and there is none.
 BOOL CHttpClientRequest::IsLengthDue_i() const {
     const CCmHttpAtom method = GetMethod();
     const BOOL bMeansContent =

@@ -23,7 +23,7 @@ public:
     CHttpClientRequest(const CHttpClientRequest&) = delete;
     CHttpClientRequest& operator=(const CHttpClientRequest&) = delete;
 
-    // As ICmChannelHttpClient says; CM_ERROR_OUT_OF_MEMORY.
+    // See ICmChannelHttpClient; CM_ERROR_OUT_OF_MEMORY.
     CmResult SetMethod(const CCmHttpAtom& aMethod);
     CmResult SetHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, BOOL aMerge);
     CmResult SetBody(const CCmMessageBlock& aBody);

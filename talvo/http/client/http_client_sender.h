@@ -17,7 +17,7 @@ public:
     // Prepares a new request; aHead is its head in wire format. CM_ERROR_OUT_OF_MEMORY.
     CmResult Begin(const CHttpClientRequest& aRequest, const CCmString& aHead);
 
-    // Sends what is ready. CM_OK: all is sent. CM_ERROR_PARTIAL_DATA: call again when there is room. Else the connection's
+    // Sends the ready data. CM_OK: all is sent. CM_ERROR_PARTIAL_DATA: call again when there is room. Else the connection's
     // result, and the data that was ready is lost.
     CmResult Flush(CHttpClientConnection& aConnection);
 

@@ -37,7 +37,7 @@ public:
     // Stores aValue without the spaces (0x20) around it. TRUE; FALSE: memory ran out, and nothing changed. If the header
     // exists, the value replaces the old one. With aMerge it is appended after ", " (after a line feed for Set-Cookie,
     // WWW-Authenticate and Proxy-Authenticate), unless CanAppendToHeader excludes merging. An empty value changes nothing with
-    // aMerge; without it, it removes the header. The value is not checked: talvo::is_sendable tells whether it may be sent.
+    // aMerge; without it, it removes the header. The value is not checked: talvo::is_sendable returns whether it may be sent.
     BOOL SetHeader(const CCmHttpAtom& aAtom, std::string_view aValue, int aMerge);
 
     // aValue (out). FALSE, and it is unchanged: there is no such header, or no memory for the copy.

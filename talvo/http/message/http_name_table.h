@@ -13,7 +13,7 @@ namespace talvo {
 // Find may run in any thread at any time; the caller of Add holds the list's mutex. Texts stay in place until the table is
 // destroyed.
 //
-// Peers choose the names, so the hash is seeded with numbers that they cannot know: otherwise they could aim all names at one
+// Peers choose the names, so the hash is seeded with secret numbers: otherwise they could aim all names at one
 // chain.
 class CHttpNameTable {
 public:

@@ -26,7 +26,7 @@ public:
     // server.
     explicit CCmHttpParserT(Head* aHead);
 
-    // Reads head lines. CM_OK: took them; Head::IsComplete() tells whether the head is complete. If it is, the chain's read
+    // Reads head lines. CM_OK: took them; Head::IsComplete() is TRUE for a complete head. If it is, the chain's read
     // position is at the body. Otherwise it is behind the last line feed; the bytes behind that were copied, so drop the chain
     // and pass only new bytes next time. With a complete head nothing happens. CM_ERROR_FAILURE: a line was refused or exceeds
     // the limits, and the chain is unchanged. CM_ERROR_INVALID_ARG: null. CM_ERROR_OUT_OF_MEMORY.

@@ -30,7 +30,7 @@ BOOL CCmHttpRequestHead::Clear() {
     return CCmHttpHeaderArray::Clear();
 }
 
-// METHOD SP URI SP VERSION: the first two spaces separate, whatever the parts contain.
+// METHOD SP URI SP VERSION: the first two spaces separate, also if the parts contain others.
 BOOL CCmHttpRequestHead::ParseFirstLine_t(const char* aLine) {
     const std::string_view strLine = aLine;
     const size_t stMethod = strLine.find(' ');

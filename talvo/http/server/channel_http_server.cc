@@ -254,7 +254,7 @@ CmResult CCmChannelHttpServer::GetOption(DWORD aCommand, void* aArg) {
     return CM_OK;
 }
 
-// What a transport says after its end.
+// The options that can be read after the end of the transport.
 CmResult CCmChannelHttpServer::GetKept_i(DWORD aCommand, void* aArg) const {
     switch (aCommand) {
     case CM_OPT_TRANSPORT_LOCAL_ADDR:

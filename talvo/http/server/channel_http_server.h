@@ -83,7 +83,7 @@ private:
     EStatus m_Status = WAITING;
     talvo::EHttpBody m_Body = talvo::EHttpBody::NONE;  // of the answer, once it has begun
     uint64_t m_ullLeft = 0;                            // bytes of the length that SendData has not taken
-    BOOL m_bNoBody = FALSE;                            // only the head is sent, whatever the application gives
+    BOOL m_bNoBody = FALSE;                            // only the head is sent; the application's body is dropped
     BOOL m_bPaused = FALSE;
     BOOL m_bForgotten = FALSE;
     BOOL m_bOnSendDue = FALSE;

@@ -8,9 +8,9 @@
 class ICmChannelHttpServer;
 class ICmChannelServerAcceptor;
 
-// Options of ICmChannelServerAcceptor; the argument points at the value. They apply to what begins afterwards. Times are
-// checked once a second, so a time-out comes up to a second late. A number is at least 1, a time at most 0x40000000 s, which is
-// no limit: CM_ERROR_INVALID_ARG otherwise. Times stand still while the thread is busy elsewhere.
+// Options of ICmChannelServerAcceptor; the argument points at the value. They apply to connections and requests that begin
+// afterwards. Times are checked once a second, so a time-out comes up to a second late. A number is at least 1, a time at most
+// 0x40000000 s, which is no limit: CM_ERROR_INVALID_ARG otherwise. They do not run while the thread is busy elsewhere.
 enum ECmChannelServerOption : DWORD {
     CM_OPT_CHANNEL_SERVER_MAX_CONNECTIONS = 331,  // DWORD (10,000): a connection beyond it is closed at once, unanswered
     CM_OPT_CHANNEL_SERVER_MAX_BODY = 332,         // uint64_t (64 MiB): a longer request body is answered with 413
@@ -105,7 +105,7 @@ public:
     // this call. Results as Answer.
     virtual CmResult BeginAnswer(uint64_t aLength = UNKNOWN_LENGTH) = 0;
 
-    // The next piece; begins an answer of unknown length if none has begun. Takes what it can, as ICmTransport says, but a
+    // The next piece; begins an answer of unknown length if none has begun. Takes as much as it can, like ICmTransport, but a
     // chunk as a whole. Small pieces from inside an upcall are sent together at its end. CM_ERROR_PARTIAL_DATA: OnSend follows,
     // if there is a sink. CM_ERROR_INVALID_ARG: more than the length; no data is taken. CM_ERROR_NOT_AVAILABLE: the answer is
     // complete. CM_ERROR_NOT_INITIALIZED: the connection has ended. If the answer has no body, the data is taken and dropped.
@@ -151,7 +151,7 @@ public:
 // queue (the main thread, the network thread, a task thread with timers). All upcalls come in that thread. The last release
 // and the end of the thread close everything at once, without an upcall.
 //
-// Connections are kept alive as RFC 9112 says. Pipelined requests are answered in order: the next one is read after the answer
+// Connections are kept alive by RFC 9112. Pipelined requests are answered in order: the next one is read after the answer
 // to the one before it is complete. The server itself answers an invalid request, and ends the connection: 400, 408, 413, 414,
 // 417, 431, 501, 505.
 class TALVO_API ICmChannelServerAcceptor : public ICmReferenceControl {

@@ -30,12 +30,12 @@ public:
 
     CmResult Open();
 
-    // At a look at the clock: TRUE: the current wait has timed out.
+    // For the look at the clock. TRUE: the current wait has timed out.
     BOOL IsLate() const {
         return m_bKickDue || (m_Wait != FOR_NOBODY && static_cast<int32_t>(m_Owner.GetLooks() - m_dwDeadline) >= 0);
     }
     void OnLate();
-    // Finishes what has begun and takes no new request. Closes at once if no request has begun. Makes no upcall.
+    // Finishes the current request and takes no new one. Closes at once if no request has begun. Makes no upcall.
     void Stop();
     // Stop for a drain, called by the loop repeatedly. Also abandons a request if its body is incomplete and its answer has not
     // begun. Stops waiting for the peer's close once its system has acknowledged everything.

@@ -32,7 +32,7 @@ public:
 
     // Sends as much as the transport takes. CM_OK: all of it. CM_ERROR_PARTIAL_DATA: its OnSend follows.
     CmResult Send(ICmTransport& aTransport) { return SendWith(aTransport, m_Chain.GetHead()); }
-    // The same, followed by the caller's chain, from which it takes what it can. Only while HasChain returns FALSE.
+    // The same, followed by the caller's chain, of which it takes as much as it can. Only while HasChain returns FALSE.
     CmResult SendWith(ICmTransport& aTransport, CCmMessageBlock* aBody);
 
     void Clear();

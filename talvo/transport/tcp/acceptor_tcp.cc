@@ -178,7 +178,7 @@ void CCmAcceptorTcp::ShakeHands_i(CCmRefPtrT<CCmTransportTcp> aTransport) {
     }
 }
 
-// Touches no member after the upcall, as above.
+// Accesses no member after the upcall, as above.
 void CCmAcceptorTcp::OnHandshakeDone(talvo::CHandshakeRun& aRun) {
     const CCmFailure failure = aRun.GetFailure();
     const CCmRefPtrT<CCmTransportTcp> pTransport = aRun.TakeTransport();

@@ -44,7 +44,7 @@ protected:
     virtual ~IHandshakeMaker() = default;
 };
 
-// A new transport of aMaker's, a CCmTransportTcp without one. Null: memory ran out.
+// A new transport from aMaker; without a maker a CCmTransportTcp. Null: memory ran out.
 CCmRefPtrT<CCmTransportTcp> MakeTcpTransport(ICmReactor* aReactor, IHandshakeMaker* aMaker);
 
 }  // namespace talvo

@@ -54,7 +54,7 @@ BOOL CHandshakeRun::Start() {
     return m_bTimer ? FALSE : Over_i(CCmFailure(ENOMEM, VERB, GetPeerAddr_i()));
 }
 
-// TRUE: over.
+// TRUE: the run has ended.
 BOOL CHandshakeRun::GoOn_i() {
     IHandshake::EStep step = IHandshake::FAILED;
     if (!WithMemory([&] { step = Step_i(); }))
@@ -108,7 +108,7 @@ int CHandshakeRun::Ready_i() {
     return 0;
 }
 
-// The reactor has taken the handler out.
+// The reactor has removed the handler.
 int CHandshakeRun::OnClose(HANDLE, long) {
     m_bWatched = FALSE;
     int nError = 0;

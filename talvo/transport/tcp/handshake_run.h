@@ -22,16 +22,16 @@ public:
     };
 
     CHandshakeRun(ICmReactor* aReactor, IOwner& aOwner, IHandshakeMaker& aMaker, CCmRefPtrT<CCmTransportTcp> aTransport);
-    // Ends what is under way; no report follows.
+    // Cancels a run that is under way; no report follows.
     ~CHandshakeRun() override;
 
     // TRUE: over already, well or not. FALSE: under way, and the report follows. After 10 s the run fails with
     // CM_FAILURE_TIMEOUT.
     BOOL Start();
 
-    // Why a run that is over has failed; none: it has not.
+    // The failure of a run that has ended; CM_FAILURE_NONE: it succeeded.
     const CCmFailure& GetFailure() const { return m_Failure; }
-    // The transport of a run that is over.
+    // The transport of a run that has ended.
     CCmRefPtrT<CCmTransportTcp> TakeTransport() { return std::move(m_pTransport); }
 
     HANDLE GetHandle() const override;
@@ -55,9 +55,9 @@ private:
     IOwner& m_Owner;
     IHandshakeMaker& m_Maker;
     CCmRefPtrT<CCmTransportTcp> m_pTransport;
-    std::unique_ptr<IHandshake> m_pHandshake;  // null before the first and behind the last
+    std::unique_ptr<IHandshake> m_pHandshake;  // null before the first and after the last
     DWORD m_dwStep = 0;
-    BOOL m_bWatched = FALSE;  // registered; afterwards the handle is another's
+    BOOL m_bWatched = FALSE;  // registered; afterwards another handler has the handle
     BOOL m_bTimer = FALSE;
     CCmFailure m_Failure;
 };

@@ -13,7 +13,7 @@ class CReadAhead {
 public:
     DWORD GetSize() const { return static_cast<DWORD>(m_Bytes.size() - m_stRead); }
 
-    // In front of what is there. Throws std::bad_alloc, and nothing has changed then.
+    // Inserts aData before the current bytes. Throws std::bad_alloc; nothing changes then.
     void Prepend(const char* aData, DWORD aLen) {
         std::vector<char> bytes(aData, aData + aLen);
         bytes.insert(bytes.end(), m_Bytes.begin() + static_cast<std::ptrdiff_t>(m_stRead), m_Bytes.end());

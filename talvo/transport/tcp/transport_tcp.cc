@@ -42,7 +42,7 @@ CmResult CCmTransportTcp::Open_t() {
     return rv;
 }
 
-// For reading first, so that the reactor can tell a pause from a handler that never reads.
+// For reading first, so that the reactor can distinguish a pause from a handler that never reads.
 CmResult CCmTransportTcp::Watch_i() {
     const CmResult rv = m_pReactor->RegisterHandler(this, READ_MASK | GetMask_i());
     if (rv != CM_OK && rv != CM_ERROR_FOUND)
@@ -149,8 +149,8 @@ int CCmTransportTcp::OnClose(HANDLE aFd, long aMask) {
     return CCmTransportBase::OnClose(aFd, aMask);
 }
 
-// The reactor has taken the handler out, since reading takes no more from the socket; what is held is still to be delivered,
-// and the close is reported again behind it. A failed connection does not wait for the end of a pause.
+// The reactor has removed the handler, because reading takes no more from the socket. Held bytes are delivered first, and the
+// close is reported again after them. A failed connection does not wait for the end of a pause.
 BOOL CCmTransportTcp::ReadsOn_i() {
     if (!(m_bMore || GetHeld_i() > 0) || !m_pSink || (HasFailed_i() && m_bReadingPaused))
         return FALSE;
@@ -278,7 +278,7 @@ void CCmTransportTcp::WaitForRoom_i() {
         m_pReactor->RegisterHandler(this, GetMask_i());
 }
 
-// What the layer holds goes before what the user is asked for. FALSE: not all has gone.
+// Sends the layer's bytes before OnSend requests more from the user. FALSE: some are still unsent.
 BOOL CCmTransportTcp::FlushRest_i() {
     const CmResult rv = Flush_i(m_bEndSent);
     if (rv == CM_ERROR_PARTIAL_DATA)

@@ -54,8 +54,8 @@ public:
     const CCmTransportCounters& GetCounters() const { return m_Counters; }
 
     // The raw socket, for a layer between socket and sink, and for a handshake before the opening. A count; 0 for Send_i, -2
-    // for Recv_i when it would block; -1 on failure and on the peer's close, traced. 0 for Recv_i at the peer's end if that is
-    // to be told. Bytes of UnRecv_i come first.
+    // for Recv_i when it would block; -1 on failure and on the peer's close, traced. 0 for Recv_i at the peer's end if
+    // CM_OPT_TRANSPORT_TELL_END is set. Bytes of UnRecv_i come first.
     int Recv_i(char* aBuf, DWORD aLen);
     int Send_i(const char* aBuf, DWORD aLen);
     // Puts bytes of Recv_i back for the next reader. CM_ERROR_OUT_OF_MEMORY: nothing is put back, and the stream has a gap.
@@ -83,9 +83,9 @@ protected:
     // call follows if aEnd): all are sent. CM_ERROR_PARTIAL_DATA: the socket would block. CM_ERROR_NETWORK_SOCKET_ERROR with
     // errno.
     virtual CmResult Flush_i(BOOL aEnd);
-    // How many bytes Flush_i has still to send.
+    // The number of bytes that Flush_i still has to send.
     virtual DWORD GetUnsent_i() const { return 0; }
-    // Gives these away, encoded, to another transport that continues with the socket. Null: there are none, or memory ran out.
+    // Moves these bytes, encoded, to the caller: another transport continues with the socket. Null: none, or memory ran out.
     virtual CCmChainPtr TakeUnsent_i() { return nullptr; }
 
     // For a layer: Flush_i is called when the socket has room.
@@ -128,12 +128,12 @@ private:
     DWORD m_dwReadSize = talvo::CNetworkBuffers::DEFAULT_READ;
     bool m_bNeedOnSend = false;
     bool m_bNeedFlush = false;  // the layer waits for room
-    bool m_bMore = false;       // the last Read_i said so
+    bool m_bMore = false;       // aMore of the last Read_i
     bool m_bReadingPaused = false;
     bool m_bOpen = false;     // registered with the reactor
     bool m_bTellEnd = false;  // option 148
     bool m_bEndTold = false;
     bool m_bEndSent = false;  // option 147
-    bool m_bBroken = false;   // a send found that out, and OnDisconnect is due
+    bool m_bBroken = false;   // a send has failed, and OnDisconnect is due
     CCmTransportCounters m_Counters;
 };

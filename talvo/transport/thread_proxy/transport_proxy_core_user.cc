@@ -165,7 +165,7 @@ void CTransportProxyCore::Upcall() {
     Advance_i(ELife::OVER);
     ICmTransportSink* pSink = m_pSink.exchange(nullptr);
     m_bPausedByUser = FALSE;
-    Deliver_i();  // drops what a pause has held back, since there is no sink any more
+    Deliver_i();  // drops the data that a pause has held back, because there is no sink any more
     if (pSink)
         pSink->OnDisconnect(m_LostReason, m_pProxy);
 }

@@ -69,7 +69,7 @@ void CDatagramHub::OnStranger(CCmMessageBlock& aData, const sockaddr& aFrom, con
                                                        : nullptr);
     const BOOL bAdded = pTransport && m_Peers.Add(aKey, pTransport.Get(), m_Port.GetReceivedUsec());
     if (!m_bIdleTimer)
-        ArmIdleTimer();  // re-armed if memory ran out for it: idle peers hold what a new one needs
+        ArmIdleTimer();  // re-armed if memory ran out for it: idle peers hold memory that a new one needs
     if (!bAdded) {
         m_Port.CountDropped();
         return;

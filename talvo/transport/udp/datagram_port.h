@@ -99,7 +99,7 @@ private:
     BOOL m_bFlushDue = FALSE;   // the timer runs
     BOOL m_bPaused = FALSE;
     BOOL m_bRefused = FALSE;  // OnWritable is due to the user
-    BOOL m_bBroken = FALSE;   // a send found that out, and OnBroken is due
+    BOOL m_bBroken = FALSE;   // a send has failed, and OnBroken is due
     int m_nError = 0;         // the error that broke it
     DWORD m_dwAlone = 0;      // consecutive datagrams that arrived alone
     int64_t m_llReceivedUsec = 0;
