@@ -32,10 +32,6 @@ protected:
         CCmTrace::ReadConfiguration();
     }
     std::string File() const { return m_Dir.Read("trace"); }
-    long CountLines() const {
-        const std::string strFile = File();
-        return std::count(strFile.begin(), strFile.end(), '\n');
-    }
 
     // The file is well formed and its newest line ends with aText.
     void ExpectCircular(const std::string& aText) const {
@@ -77,26 +73,6 @@ TEST_F(TraceFileTest, CircularFileGoesRoundAndIsContinued) {
         CCmTrace::Flush();
         ExpectCircular(strText);
     }
-}
-
-TEST_F(TraceFileTest, ManyThreadsWriteWholeLinesInTheirOrder) {
-    Open(7);
-    std::vector<std::thread> threads;
-    for (int nThread = 0; nThread < 4; ++nThread)
-        threads.emplace_back([nThread] {
-            for (int n = 0; n < 500; ++n)
-                CM_INFO_TRACE(nThread << " " << n);
-        });
-    for (auto& thread : threads)
-        thread.join();
-    CCmTrace::Flush();
-    std::istringstream file(File());
-    int nNext[4] = {};
-    for (std::string strLine; std::getline(file, strLine);) {
-        const size_t nThread = static_cast<size_t>(strLine.at(strLine.find("] ") + 2) - '0') % 4;
-        ASSERT_TRUE(strLine.ends_with("] " + std::to_string(nThread) + " " + std::to_string(nNext[nThread]++))) << strLine;
-    }
-    EXPECT_EQ(CountLines(), 4 * 500);
 }
 
 TEST_F(TraceFileTest, APipeIsNeverWaitedFor) {

@@ -53,24 +53,6 @@ TEST_F(DnsServerTest, TheKeyAllowsOneFamily) {
     }
 }
 
-TEST_F(DnsServerTest, ASilentServerIsGivenUpAndTheNextOneAsked) {
-    const CSilentServer silent;
-    m_Server.Start("10.0.0.1 one.test\n");
-    m_Keys["TimeoutMs"] = "20";
-    m_Keys["Tries"] = "10";  // time enough for its answer
-    m_Keys["Servers"] = silent.m_strAddress + "," + m_Server.GetAddress();
-    Configure();
-    CTestObserver observer;
-    DnsRecordPtr pRecord;
-    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("one.test", pRecord, &observer));
-    RunUntil([&] {
-        m_Clock.Advance(CCmTimeValue(0, 10000));
-        return !observer.m_Records.empty();
-    });
-    EXPECT_NE("", silent.m_Fd.Read());  // it was asked
-    EXPECT_EQ("10.0.0.1", TextOf(observer.m_Records.front()));
-}
-
 TEST_F(DnsServerTest, ServersAndSearchDomainsComeFromTheResolverFile) {
     m_Server.Start("10.0.0.1 one.corp.test\n");
     m_Keys["Servers"] = m_Server.GetAddress();
