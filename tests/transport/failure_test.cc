@@ -57,11 +57,11 @@ TEST_F(FailureTest, ConnectorsTellTheCause) {
     CCmTraceCapture trace;
     const CFullListener full;
     CCmTimeValue tvTimeout(1);
-    CCmInetAddr foreign("192.0.2.1", 0);
+    CCmInetAddr foreign(m_Refused.GetType() == AF_INET6 ? "2001:db8::1" : "192.0.2.1", 0);
     const CCmInetAddr broadcast("255.255.255.255", 9), noName("not a name", 80);
     constexpr CmResult UNDER_WAY = CM_ERROR_NETWORK_CONNECT_ERROR, AT_ONCE = CM_ERROR_NETWORK_CONNECT_TIMEOUT;
     const std::string strRefused = "connect to " + cm_address_text(m_Refused) + ": Connection refused";
-    const std::string strForeign = "bind to 192.0.2.1:0: Cannot assign requested address";
+    const std::string strForeign = "bind to " + cm_address_text(foreign) + ": Cannot assign requested address";
     const struct {
         CCmInetAddr m_Peer;
         DWORD m_dwType;
@@ -92,7 +92,7 @@ TEST_F(FailureTest, ConnectorsTellTheCause) {
     EXPECT_TRUE(trace.Contains(" err=111"));
     EXPECT_EQ(4u, trace.Count("CCmConnectorWrapper::OnTimeout, connect failed."));
     EXPECT_TRUE(trace.Contains("CCmConnectorUdpT::Connect, connect() failed! addr=255.255.255.255 port=9"));
-    EXPECT_TRUE(trace.Contains("CCmConnectorUdpT::Connect, m_Socket.Open() failed! addr=192.0.2.1"));
+    EXPECT_TRUE(trace.Contains("CCmConnectorUdpT::Connect, m_Socket.Open() failed! addr=" + foreign.GetIpDisplayName()));
 }
 
 TEST_F(FailureTest, HandshakesTellTheCause) {
