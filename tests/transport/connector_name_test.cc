@@ -146,6 +146,7 @@ TEST_F(ConnectorNameTest, TheNextAddressIsTriedAQuarterOfASecondLater) {
 struct CWaits : talvo::IHandshakeMaker {
     struct CWait : talvo::IHandshake {
         EStep Step(CCmTransportTcp& aTransport) override {
+            ++s_nSteps;
             char c = 0;
             const int nRead = aTransport.Recv_i(&c, 1);
             return nRead == -2 ? READ : nRead < 0 ? FAILED : DONE;
@@ -155,6 +156,7 @@ struct CWaits : talvo::IHandshakeMaker {
     std::unique_ptr<talvo::IHandshake> MakeHandshake(CCmTransportTcp&, DWORD aStep) override {
         return aStep == 0 ? std::make_unique<CWait>() : nullptr;
     }
+    static inline std::atomic<int> s_nSteps = 0;
 };
 
 TEST_F(ConnectorNameTest, NoNextAddressIsTriedDuringAHandshakeUnlessItFails) {
@@ -169,7 +171,7 @@ TEST_F(ConnectorNameTest, NoNextAddressIsTriedDuringAHandshakeUnlessItFails) {
     CTestClient client(TYPE);
     client.Connect(At("shaking"));
     CTestFd peer = slow.Accept();
-    Settle();
+    RunUntil([] { return CWaits::s_nSteps > 0; });
     m_Clock.Advance(CCmTimeValue(1));
     Settle();
     EXPECT_FALSE(trace.Contains("Connect_i, addr=127.0.0.1"));
