@@ -142,44 +142,6 @@ TEST_F(ConnectorNameTest, TheNextAddressIsTriedAQuarterOfASecondLater) {
     }
 }
 
-// A handshake that waits for a byte.
-struct CWaits : talvo::IHandshakeMaker {
-    struct CWait : talvo::IHandshake {
-        EStep Step(CCmTransportTcp& aTransport) override {
-            ++s_nSteps;
-            char c = 0;
-            const int nRead = aTransport.Recv_i(&c, 1);
-            return nRead == -2 ? READ : nRead < 0 ? FAILED : DONE;
-        }
-        CCmFailure GetFailure(const CCmInetAddr&) const override { return {}; }
-    };
-    std::unique_ptr<talvo::IHandshake> MakeHandshake(CCmTransportTcp&, DWORD aStep) override {
-        return aStep == 0 ? std::make_unique<CWait>() : nullptr;
-    }
-    static inline std::atomic<int> s_nSteps = 0;
-};
-
-TEST_F(ConnectorNameTest, NoNextAddressIsTriedDuringAHandshakeUnlessItFails) {
-    constexpr DWORD TYPE = 0x301;
-    const auto maker = [](const CCmConnectorSettings& a) {
-        return CCmConnectorTcp::Make({a.m_dwType, a.m_pReactor, a.m_pUpper, std::make_shared<CWaits>()});
-    };
-    EXPECT_EQ(CM_OK, cm_offer_base_type(TYPE, {maker, nullptr}));
-    CCmTraceCapture trace;
-    const CTestListener slow(1, 65536, CCmInetAddr("127.0.0.5", m_wPort));
-    WriteHosts("127.0.0.5 shaking\n127.0.0.1 shaking\n");
-    CTestClient client(TYPE);
-    client.Connect(At("shaking"));
-    CTestFd peer = slow.Accept();
-    RunUntil([] { return CWaits::s_nSteps > 0; });
-    m_Clock.Advance(CCmTimeValue(1));
-    Settle();
-    EXPECT_FALSE(trace.Contains("Connect_i, addr=127.0.0.1"));
-    peer.Close();
-    RunUntilTraced(trace, "Connect_i, addr=127.0.0.1");
-    cm_offer_base_type(TYPE, {});
-}
-
 TEST_F(ConnectorNameTest, TheTimeOutCoversEverythingAndEndsEveryAttempt) {
     CCmTraceCapture trace;
     CTestClient client;
