@@ -31,7 +31,10 @@ using CmResult = int32_t;
     X(CM_ERROR_NETWORK_DNS_FAILURE, 20007)              /* a name could not be resolved */               \
     X(CM_ERROR_NETWORK_HTTP_FAILURE, 20008)             /* HTTP: the exchange failed, see trace lines */ \
     X(CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE, 20009) /* the proxy cannot be reached or used */        \
-    X(CM_ERROR_NETWORK_BAD_CONNECT_RESPONSE, 20013)     /* the peer speaks another connection type */
+    X(CM_ERROR_NETWORK_BAD_CONNECT_RESPONSE, 20013)     /* the peer speaks another connection type */    \
+    X(CM_ERROR_NETWORK_TLS_HANDSHAKE, 20101)            /* the peers cannot agree on a TLS session */    \
+    X(CM_ERROR_NETWORK_TLS_CERTIFICATE, 20102)          /* the peer's certificate is refused */          \
+    X(CM_ERROR_NETWORK_TLS_CUT, 20103)                  /* a TLS stream ended without close_notify */
 
 #define CM_DECLARE_RESULT(aName, aValue) constexpr CmResult aName = aValue;
 CM_FOR_EACH_RESULT(CM_DECLARE_RESULT)

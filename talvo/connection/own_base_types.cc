@@ -2,6 +2,8 @@
 #include "talvo/transport/base_types.h"
 #include "talvo/transport/tcp/acceptor_tcp.h"
 #include "talvo/transport/tcp/connector_tcp.h"
+#include "talvo/transport/tls/acceptor_ssl.h"
+#include "talvo/transport/tls/connector_ssl.h"
 #include "talvo/transport/udp/acceptor_udp.h"
 #include "talvo/transport/udp/connector_udp.h"
 
@@ -11,9 +13,9 @@ std::span<const CBaseType> GetOwnBaseTypes() {
     static constexpr CBaseType TYPES[] = {
         {CM_TRANSPORT_TYPE_TCP, {CCmConnectorTcp::Make, CCmAcceptorTcp::Make}},
         {CM_TRANSPORT_TYPE_UDP, {CCmConnectorUdp::Make, CCmAcceptorUdp::Make}},
-        {4, {}},       // TLS: no makers yet
-        {8, {}},       // as 4
-        {12, {}},      // as 4
+        {CM_TRANSPORT_TYPE_TLS_1_2, {CCmConnectorSsl::Make, CCmAcceptorSsl::Make}},
+        {CM_TRANSPORT_TYPE_TLS_1_3, {CCmConnectorSsl::Make, CCmAcceptorSsl::Make}},
+        {CM_TRANSPORT_TYPE_TLS, {CCmConnectorSsl::Make, CCmAcceptorSsl::Make}},
         {0x8000, {}},  // through a proxy server: no makers yet
     };
     return TYPES;

@@ -35,9 +35,10 @@ CmResult CCmTransportBase::Disconnect(CmResult aReason) {
 
 int CCmTransportBase::OnClose(HANDLE, long) {
     m_Est.EnsureSingleThread();
+    const CmResult reason = GetEndReason_i();
     Close_t(CM_OK);
     if (ICmTransportSink* pSink = std::exchange(m_pSink, nullptr))
-        pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_ERROR, this);
+        pSink->OnDisconnect(reason, this);
     return 0;
 }
 

@@ -33,6 +33,9 @@ protected:
     virtual CmResult Open_t() = 0;
     virtual CmResult Close_t(CmResult aReason) = 0;
 
+    // The reason of OnDisconnect when the peer or a failure has ended the connection.
+    virtual CmResult GetEndReason_i() const { return CM_ERROR_NETWORK_SOCKET_ERROR; }
+
     void OnReferenceDestory() override;
 
     // For the option tables: the socket's own options, and the refusal of unknown ones. aSocket null: no socket; aClass is the

@@ -21,7 +21,13 @@ enum ECmTransportPriority : DWORD {
 };
 
 // Base types of a connection type, and the values of CM_OPT_TRANSPORT_TRAN_TYPE.
-enum ECmTransportType : DWORD { CM_TRANSPORT_TYPE_TCP = 1, CM_TRANSPORT_TYPE_UDP = 2 };
+enum ECmTransportType : DWORD {
+    CM_TRANSPORT_TYPE_TCP = 1,
+    CM_TRANSPORT_TYPE_UDP = 2,
+    CM_TRANSPORT_TYPE_TLS_1_2 = 4,
+    CM_TRANSPORT_TYPE_TLS_1_3 = 8,
+    CM_TRANSPORT_TYPE_TLS = 12  // of the two versions the higher one that the peer has; the one to use
+};
 
 // Accompanies a send, and is returned with the sent data. Upcalls pass null unless a transport has parameters to report.
 struct CCmTransportParameter {
@@ -83,6 +89,10 @@ enum ECmTransportOption : DWORD {
     // [waits] get ucred (<sys/socket.h>): process, user and group of the peer of a Unix socket when it connected or listened,
     // as SO_PEERCRED. CM_ERROR_INVALID_ARG: not a Unix socket.
     CM_OPT_TRANSPORT_PEER_CREDENTIALS = 158,
+    // get CCmSslInfo: TLS only, the properties of the session.
+    CM_OPT_TRANSPORT_SSL_INFO = 151,
+    // get CCmString: TLS only, the peer's certificate (DER). CM_ERROR_NOT_FOUND: it has sent none.
+    CM_OPT_TRANSPORT_SSL_PEER_CERTIFICATE = 152,
     // get CCmFailure: the failure that ended the connection. CM_FAILURE_NONE: it runs, the peer ended it gracefully, or after
     // Disconnect. Inside and after OnDisconnect, in the thread of the upcalls; a thread proxy answers without waiting.
     CM_OPT_TRANSPORT_LAST_FAILURE = 159
@@ -95,6 +105,14 @@ enum ECmTransportOption : DWORD {
 // 165 to the one below. A thread proxy copies the value at once; if the object behind it refuses the value, the next attempt or
 // StartListen fails with that result.
 enum ECmConnectOption : DWORD {
+    // get, set CCmRefPtrT<CCmSslContext>: TLS only. Null, the default: a client uses CCmSslContext::GetDefault(); a server
+    // needs
+    // one.
+    CM_OPT_CONNECT_SSL_CONTEXT = 161,
+    // get, set CCmString: TLS only. The name that the server's certificate must have, also sent to it. "", the default: the
+    // given
+    // name of the address, or else the address.
+    CM_OPT_CONNECT_SERVER_NAME = 162,
     // get CCmFailure: the failure of a connector's last attempt, inside its indication and until the next AsycConnect; the
     // failure of an acceptor's last StartListen. CM_FAILURE_NONE: no failure. A thread proxy answers without waiting.
     CM_OPT_CONNECT_FAILURE = 165

@@ -27,6 +27,9 @@ public:
     // The reason of FAILED. None: the transport has noted it, or the peer has closed.
     virtual CCmFailure GetFailure(const CCmInetAddr& aPeer) const = 0;
 
+    // Of FAILED, for the indication.
+    virtual CmResult GetReason() const { return CM_ERROR_NETWORK_CONNECT_ERROR; }
+
     virtual ~IHandshake() = default;
 };
 

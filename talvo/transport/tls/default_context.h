@@ -1,0 +1,23 @@
+// The TLS context of clients without one of their own.
+#pragma once
+
+#include "talvo/base/mutex.h"
+#include "talvo/transport/tls/ssl_context.h"
+
+namespace talvo {
+
+// Made from section "Ssl" of the configuration. Its files are looked at once a minute at most; when one has changed, new
+// connections get a new context. Any thread.
+class CDefaultContext {
+public:
+    // Null: memory ran out. A file that cannot be used is traced, and then nothing is trusted.
+    CCmRefPtrT<CCmSslContext> Get();
+
+private:
+    CCmMutexThread m_Mutex;
+    CCmRefPtrT<CCmSslContext> m_pContext CM_GUARDED_BY(m_Mutex);
+    CCmTimeValue m_tvLooked CM_GUARDED_BY(m_Mutex);
+    CCmString m_strState CM_GUARDED_BY(m_Mutex);  // of the files, when they were read
+};
+
+}  // namespace talvo

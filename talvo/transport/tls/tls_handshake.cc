@@ -1,0 +1,68 @@
+#include "talvo/transport/tls/tls_handshake.h"
+
+#include <new>
+#include <utility>
+
+namespace talvo {
+
+namespace {
+
+constexpr const char* VERB = "begin TLS with";
+
+class CTlsHandshake final : public IHandshake {
+public:
+    CTlsHandshake(CCmTransportSsl& aTransport, CmResult aBegun) : m_Transport(aTransport), m_Begun(aBegun) {}
+
+    EStep Step(CCmTransportTcp&) override {
+        if (m_Begun != CM_OK)
+            return FAILED;
+        switch (m_Transport.GetSession()->Handshake()) {
+        case CTlsSession::DONE:
+            return DONE;
+        case CTlsSession::WANT_READ:
+            return READ;
+        case CTlsSession::WANT_WRITE:
+            return WRITE;
+        default:
+            return FAILED;
+        }
+    }
+
+    CCmFailure GetFailure(const CCmInetAddr& aPeer) const override {
+        if (m_Begun != CM_OK)
+            return CCmFailure(CM_FAILURE_LOCAL, "the settings of TLS cannot be used", VERB, aPeer);
+        return CCmFailure(CM_FAILURE_PROTOCOL, m_Transport.GetSession()->GetFailureText(), VERB, aPeer);
+    }
+
+    CmResult GetReason() const override {
+        const BOOL bCertificate = m_Begun == CM_OK && m_Transport.GetSession()->IsUnverified();
+        return bCertificate ? CM_ERROR_NETWORK_TLS_CERTIFICATE : CM_ERROR_NETWORK_TLS_HANDSHAKE;
+    }
+
+private:
+    CCmTransportSsl& m_Transport;
+    const CmResult m_Begun;
+};
+
+}  // namespace
+
+void CTlsHandshakes::Use(CCmRefPtrT<CCmSslContext> aContext, CCmString aServerName) {
+    m_pContext = std::move(aContext);
+    m_strServerName = std::move(aServerName);
+}
+
+CCmRefPtrT<CCmTransportTcp> CTlsHandshakes::MakeTransport(ICmReactor* aReactor) {
+    return new (std::nothrow) CCmTransportSsl(aReactor, m_dwType);
+}
+
+std::unique_ptr<IHandshake> CTlsHandshakes::MakeHandshake(CCmTransportTcp& aTransport, DWORD aStep) {
+    if (aStep > 0)
+        return nullptr;
+    auto& transport = static_cast<CCmTransportSsl&>(aTransport);
+    const CmResult rv = transport.Begin(m_pContext, m_strServerName.empty() ? nullptr : m_strServerName.c_str());
+    if (rv == CM_ERROR_OUT_OF_MEMORY)
+        throw std::bad_alloc();
+    return std::make_unique<CTlsHandshake>(transport, rv);
+}
+
+}  // namespace talvo

@@ -1,0 +1,53 @@
+// A TCP connection whose bytes TLS protects.
+#pragma once
+
+#include <memory>
+
+#include "talvo/transport/tls/ssl_context.h"
+#include "talvo/transport/tls/tls_session.h"
+
+// A stream like TCP's; see CCmTransportTcp. Connectors and acceptors of the types 4, 8 and 12 make it, and indicate it when its
+// handshake is complete. An OnReceive has at most 16,384 bytes.
+//
+// OnDisconnect is CM_ERROR_NETWORK_SOCKET_ERROR behind the peer's close_notify. Any other end is CM_ERROR_NETWORK_TLS_CUT: the
+// stream may be truncated. Disconnect(CM_OK) and CM_OPT_TRANSPORT_END_SENDING send close_notify; a peer of TLS 1.2 may then
+// drop what it has not sent yet (RFC 5246, 7.2.1).
+//
+// A send is sealed in records of at most 16 KiB, 64 KiB in one system call. A sealed record counts as sent. What the socket
+// does not take of it is kept, and leaves by itself before anything new is sealed.
+class TALVO_API CCmTransportSsl : public CCmTransportTcp {
+public:
+    // aType: 4, 8 or 12. The session begins with Begin.
+    CCmTransportSsl(ICmReactor* aReactor, DWORD aType);
+    ~CCmTransportSsl() override;
+
+    // Before the handshake, once. aServerName: the name that a client expects, or an address; null for a server.
+    // CM_ERROR_ALREADY_INITIALIZED. CM_ERROR_OUT_OF_MEMORY. CM_ERROR_FAILURE: the versions of the type and the context are
+    // disjoint, or OpenSSL refuses the name.
+    CmResult Begin(const CCmRefPtrT<CCmSslContext>& aContext, const char* aServerName);
+
+    // Null before Begin.
+    talvo::CTlsSession* GetSession() const { return m_pSession.get(); }
+
+    // Also CM_ERROR_NOT_INITIALIZED: there is no session.
+    CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
+    CmResult GetOption(DWORD aCommand, void* aArg) override;
+
+protected:
+    int Read_i(char* aBuf, DWORD aLen, BOOL& aMore) override;
+    DWORD GetHeld_i() const override;
+    void NoteEnd_i() override;
+    int Write_i(const iovec* aPieces, DWORD aCount) override;
+    CmResult Flush_i(BOOL aEnd) override;
+    DWORD GetUnsent_i() const override;
+    CCmChainPtr TakeUnsent_i() override;
+    CmResult GetEndReason_i() const override;
+
+private:
+    int Ended_i(talvo::CTlsSession::EResult aResult);
+    CmResult GetInfo_i(CCmSslInfo& aInfo) const;
+
+    CCmRefPtrT<CCmSslContext> m_pContext;  // as long as the session
+    std::unique_ptr<talvo::CTlsSession> m_pSession;
+    const DWORD m_dwType;
+};
