@@ -10,6 +10,7 @@
 #include "talvo/event/thread.h"
 #include "talvo/event/thread_linger.h"
 #include "talvo/transport/dns/dns_manager.h"
+#include "talvo/transport/tls/default_context.h"
 
 namespace {
 
@@ -55,6 +56,7 @@ void CCmConnectionManager::CleanupInstance() {
     SingletonGuard guard(GetSingletonMutex());
     if (CCmConnectionManager* pInstance = s_pInstance.exchange(nullptr))
         delete pInstance;
+    talvo::CDefaultContext::Instance().Clear();
 }
 
 void CCmConnectionManager::CleanUp() { CleanupInstance(); }

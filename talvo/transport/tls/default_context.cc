@@ -5,6 +5,7 @@
 #include <new>
 
 #include "talvo/base/config.h"
+#include "talvo/base/immortal.h"
 #include "talvo/base/with_memory.h"
 
 namespace talvo {
@@ -30,6 +31,17 @@ void SetUp(CCmSslContext& aContext, const CCmString& aFile, const CCmString& aFo
 }
 
 }  // namespace
+
+// Never destroyed: threads may still connect while the process exits.
+CDefaultContext& CDefaultContext::Instance() {
+    static CImmortalT<CDefaultContext> s_Default;
+    return *s_Default;
+}
+
+void CDefaultContext::Clear() {
+    const CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+    m_pContext = nullptr;
+}
 
 CCmRefPtrT<CCmSslContext> CDefaultContext::Get() {
     const CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);

@@ -10,8 +10,13 @@ namespace talvo {
 // connections get a new context. Any thread.
 class CDefaultContext {
 public:
+    // Of the process.
+    static CDefaultContext& Instance();
+
     // Null: memory ran out. A file that cannot be used is traced, and then nothing is trusted.
     CCmRefPtrT<CCmSslContext> Get();
+    // Releases the context; the next Get makes a new one.
+    void Clear();
 
 private:
     CCmMutexThread m_Mutex;

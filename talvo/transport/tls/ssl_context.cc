@@ -287,10 +287,7 @@ CmResult CCmSslContext::SetKeyLog(const char* aFile) {
     });
 }
 
-CCmRefPtrT<CCmSslContext> CCmSslContext::GetDefault() {
-    static talvo::CDefaultContext s_Default;
-    return s_Default.Get();
-}
+CCmRefPtrT<CCmSslContext> CCmSslContext::GetDefault() { return talvo::CDefaultContext::Instance().Get(); }
 
 // The name is set before the version: a session without one must never connect.
 CmResult CCmSslContext::Begin_i(CCmTransportSsl& aTransport, DWORD aType, const char* aServerName,
