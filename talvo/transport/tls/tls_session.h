@@ -16,7 +16,7 @@ namespace talvo {
 // The handshake, the records and the ends of one connection, client or server. It reads and writes the socket by Recv_i and
 // Send_i. Sealed bytes that the socket refuses are kept and leave before anything new is sealed. In the thread of the
 // transport.
-class CTlsSession {
+class TALVO_API CTlsSession {
 public:
     enum EResult {
         DONE,
