@@ -9,6 +9,10 @@
 class ACmThread;
 
 // Lives in the network thread, whose reactor it takes at construction; other threads use the acceptor thread proxy.
+//
+// A derived class begins StartListen with the checks that ICmAcceptor lists and CheckListen_i, and ends it with m_pSink and
+// Listening_i. Its StopListen may be called at any time; it clears m_pSink and calls LeaveThread. Its destructor calls
+// StopListen. An indication may release the acceptor, which accesses no member afterwards.
 class TALVO_API CCmAcceptorBase : public ICmAcceptor,
                                   public CCmReferenceControlT<CCmMutexNullSingleThread>,
                                   public talvo::CConnectOptions,

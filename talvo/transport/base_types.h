@@ -46,11 +46,12 @@ struct CCmBaseTypeMakers {
 //   UNACKNOWLEDGED (144)                an orderly end waits until it is 0; a refusal counts as 0, so the end does not wait
 //   END_SENDING (147), TELL_END (148)   of a byte stream; both are also set while an orderly end waits
 //   LAYERED (150)                       TRUE: the transport does not join a drain, because the layer above does
-//   LOCAL_ADDR, PEER_ADDR, TRAN_TYPE    read once by a thread proxy
+//   LOCAL_ADDR, PEER_ADDR, TRAN_TYPE    read once by a thread proxy; the last one is the base type
 //   LAST_FAILURE (159)                  inside and after OnDisconnect
 //
 // The others may be refused with CM_ERROR_INVALID_ARG. After CM_ERROR_PARTIAL_DATA of SendData one OnSend follows from the
-// loop. CM_ERROR_OUT_OF_MEMORY of SendData ends a connection with a proxy.
+// loop. CM_ERROR_OUT_OF_MEMORY of SendData ends a connection with a proxy. Disconnect(CM_OK) loses no byte that SendData took,
+// even if received bytes are unread.
 //
 // CCmConnectionManager accepts the type from then on, alone and below a protocol. Every base type but 2 carries bytes: its
 // transports may take a part of a send (CM_ERROR_PARTIAL_DATA), and may split or join the delivered bytes.

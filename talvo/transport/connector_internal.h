@@ -12,15 +12,17 @@ class ICmTransport;
 // An inner connector reports to it: the wrapper, or another connector that uses it.
 class TALVO_API ACmConnectorUpper {
 public:
-    // The one report of an attempt. CM_OK with a connected, unopened transport, which lives during the call; else a reason and
-    // null. May delete aId. Returns 0.
+    // The one report of an attempt. CM_OK with a connected, unopened transport, which lives during the call; else null and a
+    // reason, CM_ERROR_NETWORK_CONNECT_ERROR or CM_ERROR_NETWORK_DNS_FAILURE. May delete aId. Returns 0.
     virtual int OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ACmConnectorInternal* aId) = 0;
 
 protected:
     virtual ~ACmConnectorUpper();
 };
 
-// Opens one connection at a time, in the thread of its reactor.
+// Opens one connection at a time, in the thread of its reactor. A derived class sets m_Failure before it fails, reports from a
+// timer or a handler of its reactor, accesses no member after a report, and calls Close in its destructor. The wrapper above it
+// runs the caller's time-out.
 class TALVO_API ACmConnectorInternal {
 public:
     // -1: failed at once, without a report. Any other value: in progress; one report follows, after the return.

@@ -7,7 +7,12 @@
 #include "talvo/transport/socket.h"
 
 // Sink, reactor, the open sequence and the close path. Belongs to the thread of its reactor, as do all its upcalls. The last
-// release closes it and detaches the sink at once. A timer deletes the object, after the current call has returned.
+// release closes it and detaches the sink at once. A timer deletes the object, after the current call has returned. So a
+// derived class may access its members after an upcall; m_pSink may be null then.
+//
+// A derived class reads in OnInput (one receive, at most of the read size, into GetNetworkBuffers) and reports room for sends
+// in OnOutput; see ACmEventHandler for the results. Its SetOption and GetOption end with SetSocketOption_i and
+// GetSocketOption_i. Its OnClose stores the failure with NoteFailure_i and calls this class's. Its destructor calls Close_t.
 class TALVO_API CCmTransportBase : public ACmEventHandler,
                                    public talvo::CDrainedTransport,
                                    public CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {

@@ -50,8 +50,8 @@ enum ECmTransportOption : DWORD {
     CM_OPT_TRANSPORT_PEER_ADDR = 105,   // get CCmInetAddr; also after the end
     CM_OPT_TRANSPORT_SOCK_ALIVE = 106,  // [waits] get BOOL: FALSE: the close of the peer was seen;
                                         // CM_ERROR_NOT_INITIALIZED (and FALSE) on a closed transport
-    CM_OPT_TRANSPORT_TRAN_TYPE = 107,   // get DWORD: 1 TCP, 2 UDP; a thread proxy adds 0x20000 or else 0x10000 if the
-                                        // type that it was made with has that bit
+    CM_OPT_TRANSPORT_TRAN_TYPE = 107,   // get DWORD: 1 TCP, 2 UDP, or another base type; a thread proxy adds 0x20000 or else
+                                        // 0x10000 if the type that it was made with has that bit
     CM_OPT_TRANSPORT_KEEPALIVE = 108,   // [waits] set DWORD: more than 0 enables TCP keep-alive, 0 disables it
     CM_OPT_TRANSPORT_SNDBUF = 109,      // [waits] get, set int: the socket's send buffer in bytes. The system doubles the set
                                         // value, and then no longer grows the buffer of a TCP socket itself
