@@ -6,6 +6,8 @@
 
 #include "talvo/base/live_counter.h"
 #include "talvo/testing/sim_acceptor.h"
+#include "talvo/transport/datagram.h"
+#include "talvo/transport/network_buffers.h"
 
 namespace talvo {
 
@@ -13,9 +15,6 @@ namespace {
 
 CCmLiveCounter s_Live("CSimTransport");
 
-constexpr DWORD MAX_PIECES = 64;  // of one send to a stream
-constexpr DWORD MAX_DATAGRAM_PIECES = 1024;
-constexpr size_t MAX_DATAGRAM_LENGTH = 65507;
 constexpr int64_t FIRST_REPEAT = 200000;  // microseconds; each next one takes twice as long
 constexpr int MAX_REPEATS = 6;
 constexpr uint64_t MAX_TAIL = 20;  // bytes after a damaged datagram
@@ -88,7 +87,7 @@ CmResult CSimTransport::SendData(CCmMessageBlock& aData, CCmTransportParameter* 
     if (m_bClosed || m_pCore->IsOver())
         return CM_ERROR_NOT_INITIALIZED;
     iovec pieces[MAX_DATAGRAM_PIECES + 1];
-    const DWORD dwPieces = aData.FillIov(pieces, m_End.m_bDatagrams ? MAX_DATAGRAM_PIECES + 1 : MAX_PIECES);
+    const DWORD dwPieces = aData.FillIov(pieces, m_End.m_bDatagrams ? MAX_DATAGRAM_PIECES + 1 : CNetworkBuffers::MAX_PIECES);
     std::string strBytes;
     for (DWORD i = 0; i < dwPieces; ++i)
         strBytes.append(static_cast<const char*>(pieces[i].iov_base), pieces[i].iov_len);

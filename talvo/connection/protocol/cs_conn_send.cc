@@ -5,8 +5,8 @@
 
 #include "talvo/base/trace.h"
 #include "talvo/connection/protocol/cs_conn.h"
+#include "talvo/transport/datagram.h"
 #include "talvo/transport/transport_linger.h"
-#include "talvo/transport/udp/datagram_sender.h"
 
 namespace {
 

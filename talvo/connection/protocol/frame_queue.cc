@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "talvo/transport/network_buffers.h"
+
 namespace talvo {
 
 namespace {
@@ -10,8 +12,10 @@ namespace {
 constexpr DWORD MAX_COPIED = 1024;  // bytes of payload up to which a copy is cheaper than a view
 constexpr DWORD MIN_BLOCK = 1024;   // the shared block grows with the queue
 constexpr DWORD MAX_BLOCK = CCmDataBlock::BURST_SIZE;
-constexpr DWORD MIN_REST = 64;    // less space than this is not worth a view
-constexpr DWORD MAX_PIECES = 64;  // the limit of a stream transport; a longer chain would wait for an OnSend needlessly
+constexpr DWORD MIN_REST = 64;  // less space than this is not worth a view
+
+// A longer chain would wait for an OnSend needlessly.
+constexpr DWORD MAX_PIECES = CNetworkBuffers::MAX_PIECES;
 
 // Counts the pieces of a chain, up to one more than MAX_PIECES, and the bytes in the first MAX_PIECES.
 DWORD CountPieces(const CCmMessageBlock* aChain, DWORD& aBytes) {

@@ -5,6 +5,7 @@
 
 #include "talvo/base/export.h"
 #include "talvo/base/message_block.h"
+#include "talvo/transport/network_buffers.h"
 
 namespace talvo {
 
@@ -13,7 +14,7 @@ namespace talvo {
 // behind them, so the sent bytes are GetLength() minus the unread ones. Some 20 KiB large, meant for the stack. One thread.
 class TALVO_API CGatherChain {
 public:
-    static constexpr DWORD MAX_PIECES = 64;  // the limit of one system call of a transport
+    static constexpr DWORD MAX_PIECES = CNetworkBuffers::MAX_PIECES;
 
     CGatherChain() {}
     ~CGatherChain() { Clear(); }

@@ -2,8 +2,9 @@
 
 #include "talvo/base/trace.h"
 #include "talvo/transport/connection_type.h"
+#include "talvo/transport/datagram.h"
+#include "talvo/transport/network_buffers.h"
 #include "talvo/transport/thread_proxy/proxy_queues.h"
-#include "talvo/transport/udp/datagram_sender.h"
 
 namespace talvo {
 

@@ -18,19 +18,6 @@ constexpr int SEND_FLAGS = MSG_DONTWAIT | MSG_NOSIGNAL;
 
 }  // namespace
 
-CmResult CheckDatagram(const CCmMessageBlock& aData, DWORD& aLength) {
-    uint64_t ullLength = 0;
-    DWORD dwPieces = 0;
-    for (const CCmMessageBlock* pBlock = &aData; pBlock; pBlock = pBlock->GetNext()) {
-        ullLength += pBlock->GetTopLevelLength();
-        dwPieces += pBlock->GetTopLevelLength() > 0;
-    }
-    if (ullLength > MAX_DATAGRAM_LENGTH || dwPieces > MAX_DATAGRAM_PIECES)
-        return CM_ERROR_INVALID_ARG;
-    aLength = static_cast<DWORD>(ullLength);
-    return CM_OK;
-}
-
 void CDatagramSender::Lend(const char* aBegin, const char* aEnd) {
     m_pLentBegin = aBegin;
     m_pLentEnd = aEnd;

@@ -11,13 +11,6 @@
 
 namespace talvo {
 
-constexpr DWORD MAX_DATAGRAM_LENGTH = 65507;  // 65,535 bytes without the IPv4 and UDP headers; also over IPv6
-constexpr DWORD MAX_DATAGRAM_PIECES = 1024;   // the system's limit for gathering
-
-// Checks that a chain can be sent as one datagram. aLength (out): its length. CM_ERROR_INVALID_ARG: more bytes or more
-// non-empty blocks than the limits above.
-CmResult CheckDatagram(const CCmMessageBlock& aData, DWORD& aLength);
-
 // Collects datagrams and passes them to the system with one call. Independent of any reactor: its owner chooses the time.
 // Copies no payload that a data block owns, and none in the lent memory. One thread.
 class TALVO_API CDatagramSender {
@@ -30,8 +23,8 @@ public:
     void Lend(const char* aBegin, const char* aEnd);
     void CallBackLoan() { Lend(nullptr, nullptr); }
 
-    // Takes a duplicate of a chain that CheckDatagram accepts. aTo null: the socket is connected. CM_ERROR_PARTIAL_DATA: the
-    // socket's buffer is full, and earlier datagrams must leave first. CM_ERROR_OUT_OF_MEMORY.
+    // Takes a duplicate of a chain that CheckDatagram (datagram.h) accepts. aTo null: the socket is connected.
+    // CM_ERROR_PARTIAL_DATA: the socket's buffer is full, and earlier datagrams must leave first. CM_ERROR_OUT_OF_MEMORY.
     CmResult Add(const CCmMessageBlock& aData, const CCmInetAddr* aTo);
 
     // Sends as much as the socket takes; the rest stays, and IsFull returns TRUE. A datagram that the system refuses for any

@@ -5,6 +5,7 @@
 
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
+#include "talvo/transport/datagram.h"
 #include "talvo/transport/network_buffers.h"
 
 namespace {
