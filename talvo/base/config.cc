@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <map>
@@ -19,6 +18,7 @@
 #include "talvo/base/config_complaints.h"
 #include "talvo/base/immortal.h"
 #include "talvo/base/mutex.h"
+#include "talvo/base/read_text.h"
 #include "talvo/base/trace.h"
 
 namespace {
@@ -89,17 +89,6 @@ struct CClose {
     const HANDLE m_Fd;
 };
 
-std::optional<CCmString> ReadText(HANDLE aFd) {
-    CCmString strText;
-    char szPart[4096];
-    ssize_t nDone;
-    while ((nDone = read(aFd, szPart, sizeof(szPart))) > 0 && strText.size() <= MAX_FILE_LENGTH)
-        strText.append(szPart, static_cast<size_t>(nDone));
-    if (nDone != 0 || strText.size() > MAX_FILE_LENGTH)
-        return std::nullopt;
-    return strText;
-}
-
 CCmString DefaultPath() {
     const std::unique_ptr<char, decltype(&std::free)> pDirectory(getcwd(nullptr, 0), &std::free);
     return pDirectory ? CCmString(pDirectory.get()) + "/conf/talvo.cfg" : "/tmp/talvo.cfg";
@@ -150,7 +139,7 @@ CmResult Load_l(CConfiguration& aConfiguration, const CCmString& aPath) CM_REQUI
     CCmString strRefusal = JudgeRights(fd);
     if (strRefusal.empty())
         strRefusal = JudgeFolder(aPath);
-    const auto strText = strRefusal.empty() ? ReadText(fd) : std::nullopt;
+    const auto strText = strRefusal.empty() ? talvo::ReadText(fd, MAX_FILE_LENGTH) : std::nullopt;
     if (!strRefusal.empty()) {
         aConfiguration.m_Complaints.push_back("file is refused: " + strRefusal + ", path=" + aPath);
         return CM_ERROR_NOT_AVAILABLE;

@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 
+#include "talvo/base/read_text.h"
 #include "talvo/base/with_memory.h"
 
 namespace talvo {
@@ -32,20 +32,9 @@ std::string_view WithoutDot(std::string_view aName) {
 
 BOOL IsLocalhost(std::string_view aName) { return aName == LOCALHOST || aName.ends_with(".localhost"); }
 
-// aText (out): the content of a regular file, at most aMax bytes.
-BOOL ReadAll(HANDLE aFd, size_t aMax, CCmString& aText) {
+BOOL IsRegular(HANDLE aFd) {
     struct stat status {};
-    if (fstat(aFd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size > static_cast<off_t>(aMax))
-        return FALSE;
-    char szPart[4096];
-    while (aText.size() <= aMax) {
-        const ssize_t lRead = read(aFd, szPart, sizeof(szPart));
-        if (lRead > 0)
-            aText.append(szPart, static_cast<size_t>(lRead));
-        else if (lRead == 0 || errno != EINTR)
-            return lRead == 0;
-    }
-    return FALSE;
+    return fstat(aFd, &status) == 0 && S_ISREG(status.st_mode);
 }
 
 }  // namespace
@@ -55,13 +44,12 @@ CmResult CDnsHosts::Load(const CCmString& aPath) {
     const HANDLE fd = open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd == CM_INVALID_HANDLE)
         return CM_ERROR_NOT_FOUND;
-    CCmString strText;
-    BOOL bRead = FALSE;
-    const BOOL bMemory = WithMemory([&] { bRead = ReadAll(fd, MAX_FILE_LENGTH, strText); });
+    std::optional<CCmString> strText;
+    const BOOL bMemory = !IsRegular(fd) || WithMemory([&] { strText = ReadText(fd, MAX_FILE_LENGTH); });
     close(fd);
-    if (!bRead)
+    if (!strText)
         return bMemory ? CM_ERROR_NOT_FOUND : CM_ERROR_OUT_OF_MEMORY;
-    return WithMemory([&] { Parse(strText); }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+    return WithMemory([&] { Parse(*strText); }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
 
 void CDnsHosts::Parse(std::string_view aText) {
