@@ -32,7 +32,8 @@ public:
     CCmInetAddr(const talvo::CIpBytes& aIp, WORD aPort);  // no address: 0.0.0.0; throws if memory runs out
 
     // aHostName is a dotted address, an IPv6 literal with or without brackets, a host name, or null or "" for 0.0.0.0; aPort is
-    // in host order. The forms of IPv6 are those of CIpBytes::Parse. CM_OK, or for a name the result of TryResolve.
+    // in host order. The forms of IPv6 are those of CIpBytes::Parse: as with getaddrinfo(), an interface belongs to link-local
+    // addresses only, so "::1%lo" is a name, which the resolver refuses. CM_OK, or for a name the result of TryResolve.
     // CM_ERROR_OUT_OF_MEMORY.
     CmResult Set(const char* aHostName, WORD aPort);
 
@@ -40,7 +41,8 @@ public:
     // address, which is no name. CM_ERROR_OUT_OF_MEMORY: nothing changes.
     CmResult SetName(const char* aHostName, WORD aPort);
 
-    // "host:port" or "[IPv6]:port"; without a port, as in "::1", the port is 0, with a trace line. CM_ERROR_INVALID_ARG: null.
+    // "host:port" or "[IPv6]:port"; without a port, as in "::1", the port is 0, with a trace line. The port is the number that
+    // the text begins with, modulo 65,536, and 0 for other texts; Parse refuses them. CM_ERROR_INVALID_ARG: null.
     // CM_ERROR_NOT_AVAILABLE: the host has 256 characters or more. Both change nothing. Otherwise as Set above.
     CmResult Set(const char* aIpAddrAndPort);
 
@@ -48,8 +50,8 @@ public:
     // unchanged unless CM_OK. The host is four decimal numbers without leading zeros, or a name of at most 253 characters. A
     // name is labels of 1 to 63 letters, digits, "-" and "_", joined by dots; the last label is not a number, and one dot may
     // end the name. The port is a decimal number of at most five digits, 0 to 65535. A name stays pending: TryResolve or a
-    // connector looks it up. The path contains a "/", or begins with "@"; see SetPath. CM_ERROR_INVALID_ARG: every other form;
-    // aReason (out, may be null) is a description of the fault. CM_ERROR_OUT_OF_MEMORY.
+    // connector looks it up. The path contains a "/", or begins with "@", and has no control characters; see SetPath.
+    // CM_ERROR_INVALID_ARG: every other form; aReason (out, may be null) is a description of the fault. CM_ERROR_OUT_OF_MEMORY.
     static CmResult Parse(std::string_view aHostAndPort, CCmInetAddr& aAddr, CCmString* aReason = nullptr);
 
     // Sets a literal address only: IPv4 in any form that inet_addr() accepts (also "1.2" and "0x7f.1"), or IPv6 as in Set; null

@@ -13,7 +13,7 @@ TEST_F(DnsManagerTest, LiteralsAndBadNamesAreAnsweredAtOnce) {
     const std::string strLabel = std::string(63, 'a') + ".", strLongest = strLabel + strLabel + strLabel + std::string(61, 'a');
     ASSERT_EQ(CCmDnsManager::MAX_NAME_LENGTH, strLongest.size());
     for (const std::string& strBad : {std::string(), std::string("."), std::string("a b"), std::string("a\0b", 3),
-                                      std::string("a\nb"), strLongest + "a", strLongest + "a."}) {
+                                      std::string("a\nb"), std::string("::1%lo"), strLongest + "a", strLongest + "a."}) {
         EXPECT_EQ(CM_ERROR_INVALID_ARG, Ask(strBad, pRecord, &observer)) << strBad;
         EXPECT_FALSE(pRecord);
     }

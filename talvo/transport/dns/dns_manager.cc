@@ -65,7 +65,9 @@ CmResult CCmDnsManager::Resolve_i(CCmDnsRecord*& aRecord, const CCmString& aHost
     const BOOL bMemory = talvo::WithMemory([&] {
         const CCmString strName = talvo::ToLower(aHostName);
         const talvo::CIpBytes ip = ParseLiteral(strName);
-        if (ip)
+        if (!ip && strName.find(':') != CCmString::npos)  // an address that was misspelled
+            rv = CM_ERROR_INVALID_ARG;
+        else if (ip)
             pRecord = new CCmDnsRecord(strName, talvo::CDnsAnswers::Of({ip}, talvo::CDnsAnswer::MAX_TTL));
         else
             rv = m_pState->Resolve(pRecord, strName, aObserver, aWait, aThread);
