@@ -29,6 +29,8 @@ constexpr CKind KINDS[] = {{"OneAllocation", CCmFaults::ONE_ALLOCATION, 0},
                            {"Call1", CCmFaults::SYSTEM_CALL, 1},
                            {"Call2", CCmFaults::SYSTEM_CALL, 2}};
 
+void PrintTo(const CKind& aKind, std::ostream* aOut) { *aOut << aKind.m_pName; }
+
 class FaultsTest : public testing::TestWithParam<std::tuple<CScenario, CKind>> {};
 
 }  // namespace

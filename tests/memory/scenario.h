@@ -9,6 +9,7 @@ struct CScenario {
     ELibrary m_Library;
     std::function<bool(CWorld& aWorld)> m_Run;
 };
+inline void PrintTo(const CScenario& aScenario, std::ostream* aOut) { *aOut << aScenario.m_szName; }
 extern const std::vector<CScenario> SCENARIOS;
 
 // A server and a client of HTTP.
