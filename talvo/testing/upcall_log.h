@@ -33,7 +33,7 @@ public:
     int m_nSends = 0;
     int m_nDisconnects = 0;
     CmResult m_Reason = CM_OK;  // of OnDisconnect
-    BOOL m_bEcho = FALSE;       // OnReceive sends the data back
+    BOOL m_bEcho = FALSE;       // OnReceive sends the data back; the rest of a partial send is lost
     std::function<void()> m_Receive = [] {};
     std::function<void()> m_Send = [] {};
     std::function<void()> m_Disconnect = [] {};
