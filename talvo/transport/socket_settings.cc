@@ -8,7 +8,6 @@
 
 #include "talvo/base/config.h"
 #include "talvo/base/trace.h"
-#include "talvo/transport/connect_options.h"
 #include "talvo/transport/network_buffers.h"
 #include "talvo/transport/transport_interface.h"
 
@@ -17,8 +16,6 @@ namespace talvo {
 namespace {
 
 constexpr const char* SECTION = "Transport";
-
-BOOL IsReadSize(DWORD aSize) { return aSize >= CSocketSettings::MIN_READ && aSize <= CSocketSettings::MAX_READ; }
 
 void SetBuffer(const CCmSocketBase& aSocket, int aOption, DWORD aSize) {
     const int nSize = static_cast<int>(std::min<DWORD>(aSize, INT_MAX));
@@ -42,14 +39,17 @@ DWORD CSocketSettings::*FieldOf(DWORD aCommand) {
 
 }  // namespace
 
-// A buffer's size is an int and never negative, so it can be read and written as a DWORD.
+// 0: the configuration's key. The size is an int and never negative, so it can be read and written as a DWORD.
+BOOL CSocketSettings::IsBufferSize(const DWORD& aSize) { return aSize <= INT_MAX; }
+
+BOOL CSocketSettings::IsReadSize(const DWORD& aSize) { return aSize == 0 || (aSize >= MIN_READ && aSize <= MAX_READ); }
+
 CmResult CSocketSettings::SetOption(DWORD aCommand, const void* aArg) {
     const auto field = FieldOf(aCommand);
     if (!field)
         return CM_ERROR_INVALID_ARG;
     const DWORD dwSize = *static_cast<const DWORD*>(aArg);
-    const BOOL bFits = aCommand == CM_OPT_TRANSPORT_READ_SIZE ? dwSize == 0 || IsReadSize(dwSize) : dwSize <= INT_MAX;
-    if (!bFits)
+    if (!(aCommand == CM_OPT_TRANSPORT_READ_SIZE ? IsReadSize(dwSize) : IsBufferSize(dwSize)))
         return CM_ERROR_INVALID_ARG;
     this->*field = dwSize;
     return CM_OK;
@@ -63,25 +63,11 @@ CmResult CSocketSettings::GetOption(DWORD aCommand, void* aArg) const {
     return CM_OK;
 }
 
-CmResult CSocketSettings::PassTo(ICmAcceptorConnectorId* aId, CSocketSettings& aPassed) const {
-    for (const DWORD dwCommand : {CM_OPT_TRANSPORT_SNDBUF, CM_OPT_TRANSPORT_RCVBUF, CM_OPT_TRANSPORT_READ_SIZE}) {
-        const auto field = FieldOf(dwCommand);
-        DWORD dwSize = this->*field;
-        if (dwSize == aPassed.*field)
-            continue;
-        const CmResult rv = SetConnectOption(aId, dwCommand, &dwSize);
-        if (rv != CM_OK)
-            return rv;
-        aPassed.*field = dwSize;
-    }
-    return CM_OK;
-}
-
 CSocketSettings CSocketSettings::WithConfiguration() const {
     const DWORD dwRead = get_uint32_param(SECTION, "ReadSize", CNetworkBuffers::DEFAULT_READ);
     CSocketSettings settings = *this;
     if (settings.m_dwReadSize == 0)
-        settings.m_dwReadSize = IsReadSize(dwRead) ? dwRead : CNetworkBuffers::DEFAULT_READ;
+        settings.m_dwReadSize = dwRead != 0 && IsReadSize(dwRead) ? dwRead : CNetworkBuffers::DEFAULT_READ;
     if (settings.m_dwSendBuffer == 0)
         settings.m_dwSendBuffer = get_uint32_param(SECTION, "SendBuffer", 0);
     if (settings.m_dwReceiveBuffer == 0)

@@ -3,7 +3,6 @@
 
 #include "talvo/transport/socket.h"
 
-class ICmAcceptorConnectorId;
 class ICmTransport;
 
 namespace talvo {
@@ -18,9 +17,9 @@ struct TALVO_API CSocketSettings {
     CmResult SetOption(DWORD aCommand, const void* aArg);
     CmResult GetOption(DWORD aCommand, void* aArg) const;
 
-    // Sets on aId the values that differ from aPassed (in and out), which stores the values set. Ends at the first refusal and
-    // returns it.
-    CmResult PassTo(ICmAcceptorConnectorId* aId, CSocketSettings& aPassed) const;
+    // The valid values of 109 and 110, and of 149.
+    static BOOL IsBufferSize(const DWORD& aSize);
+    static BOOL IsReadSize(const DWORD& aSize);
 
     // These sizes, and for each that is 0 the one of section "Transport". Read by each attempt to connect and each StartListen.
     CSocketSettings WithConfiguration() const;

@@ -102,16 +102,18 @@ enum ECmTransportOption : DWORD {
 // and CM_OPT_TRANSPORT_READ_SIZE (get, set DWORD; not over datagrams). They apply to the sockets that the next AsycConnect or
 // StartListen opens, instead of the configuration's keys; 0, the default: the keys apply. A receive buffer is set before the
 // connect, because it then limits the window that the peer can get. A protocol's connector or acceptor passes all commands but
-// 165 to the one below. A thread proxy copies the value at once; if the object behind it refuses the value, the next attempt or
-// StartListen fails with that result.
+// 165 to the one below. A thread proxy copies the value at once, and passes it on when the next attempt or StartListen begins;
+// if the object behind it refuses the value, that one fails with the refusal's result.
+//
+// "TLS only": CM_ERROR_INVALID_ARG on types 1 and 2. Each value applies from the next AsycConnect or StartListen.
 enum ECmConnectOption : DWORD {
-    // get, set CCmRefPtrT<CCmSslContext>: TLS only. Null, the default: a client uses CCmSslContext::GetDefault(); a server
-    // needs
-    // one.
+    // get, set CCmRefPtrT<CCmSslContext>: TLS only. Null, the default: a client uses CCmSslContext::GetDefault(), and
+    // StartListen
+    // fails.
     CM_OPT_CONNECT_SSL_CONTEXT = 161,
-    // get, set CCmString: TLS only. The name that the server's certificate must have, also sent to it. "", the default: the
-    // given
-    // name of the address, or else the address.
+    // get, set CCmString: connectors of TLS only. The name that the server's certificate must have, also sent to it. "", the
+    // default: the given name of the address, or else the address; a path then has none, and the attempt fails with
+    // CM_ERROR_INVALID_ARG. CM_ERROR_INVALID_ARG: more than 255 bytes, a NUL, or a dot at the front.
     CM_OPT_CONNECT_SERVER_NAME = 162,
     // get CCmFailure: the failure of a connector's last attempt, inside its indication and until the next AsycConnect; the
     // failure of an acceptor's last StartListen. CM_FAILURE_NONE: no failure. A thread proxy answers without waiting.

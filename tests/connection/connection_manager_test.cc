@@ -57,10 +57,10 @@ DWORD Exchange(const CTestNetwork& aNetwork, DWORD aType) {
 
 TEST(ConnectionManagerTest, TypesAreJudgedInTheCallingThread) {
     CTestNetwork network;
-    for (const DWORD dwType :
-         {0x1u, 0x2u, 0x4u, 0xCu, 0x10001u, 0x20001u, 0x30001u, 0x10000001u, 0x10000004u, 0x30000002u, 0x8000001u, 0x100002u})
+    for (const DWORD dwType : {0x1u, 0x2u, 0x4u, 0x8u, 0xCu, 0x10001u, 0x20001u, 0x30001u, 0x10000001u, 0x10000004u,
+                               0x30000002u, 0x8000001u, 0x100002u})
         EXPECT_EQ(CM_OK, Judge(dwType)) << std::hex << dwType;
-    for (const DWORD dwType : {0x8000u, 0x8001u, 0x70000001u, 0x8000002u})
+    for (const DWORD dwType : {0x8000u, 0x8001u, 0x10008000u, 0x70000001u, 0x8000002u})
         EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, Judge(dwType)) << std::hex << dwType;
     for (const DWORD dwType : {0x0u, 0x3u, 0x8002u, 0x40001u, 0x10000003u})
         EXPECT_EQ(CM_ERROR_INVALID_ARG, Judge(dwType)) << std::hex << dwType;

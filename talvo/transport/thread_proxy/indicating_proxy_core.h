@@ -4,9 +4,9 @@
 #include <atomic>
 #include <utility>
 
+#include "talvo/base/with_memory.h"
 #include "talvo/transport/connect_options.h"
-#include "talvo/transport/connection_type.h"
-#include "talvo/transport/socket_settings.h"
+#include "talvo/transport/option_values.h"
 #include "talvo/transport/thread_proxy/transport_thread_proxy.h"
 
 namespace talvo {
@@ -50,14 +50,12 @@ public:
     }
     // Any thread. Copies the value, and passes it on when the next request begins.
     CmResult SetOption(DWORD aCommand, const void* aArg) {
-        if (aCommand == CM_OPT_TRANSPORT_READ_SIZE && CConnectionType(m_dwType).IsOverDatagrams())
-            return CM_ERROR_INVALID_ARG;
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
-        return m_Sockets.SetOption(aCommand, aArg);
+        return m_Options.Set(aCommand, aArg);
     }
     CmResult GetOption(DWORD aCommand, void* aArg) {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
-        return m_Sockets.GetOption(aCommand, aArg);
+        return m_Options.Get(aCommand, aArg);
     }
 
 protected:
@@ -136,7 +134,7 @@ private:
 
     // On failure there is none.
     CmResult MakeInner_i() {
-        m_Passed = {};
+        m_Passed = NoOptions_i();
         CmResult rv = m_Factory(m_dwType, m_pInner.ParaOut());
         if (rv == CM_OK && !Host_i())
             rv = CM_ERROR_NOT_AVAILABLE;
@@ -145,13 +143,14 @@ private:
         return rv;
     }
     CmResult PassOptions_i() {
-        CSocketSettings sockets;
-        {
+        COptionValues options = NoOptions_i();
+        const BOOL bCopied = WithMemory([&] {
             CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
-            sockets = m_Sockets;
-        }
-        return sockets.PassTo(m_pInner.Get(), m_Passed);
+            options = m_Options;
+        });
+        return bCopied ? options.PassTo(m_pInner.Get(), m_Passed) : CM_ERROR_OUT_OF_MEMORY;
     }
+    COptionValues NoOptions_i() const { return COptionValues(m_dwType, m_bOnce); }
 
     // A request of a connector has one indication. It replaces one that is still queued for an ended request.
     void PostOnly_i(CIndication& aIndication) {
@@ -184,18 +183,18 @@ private:
 
     const DWORD m_dwType;
     const Factory m_Factory;
-    const BOOL m_bOnce;         // an indication ends the request
-    CSocketSettings m_Passed;   // network thread only; the values set in m_pInner
-    Inner* m_pProxy = nullptr;  // the handle, for upcalls: exists while there is a sink
+    const BOOL m_bOnce;                      // an indication ends the request
+    COptionValues m_Passed = NoOptions_i();  // network thread only; the values set in m_pInner
+    Inner* m_pProxy = nullptr;               // the handle, for upcalls: exists while there is a sink
 
     CEmbeddedEventT<CIndicatingProxyCoreT, &CIndicatingProxyCoreT::LetGo_i> m_LetGoEvent{*this};
 
     CCmMutexThread m_Mutex;
     ICmAcceptorConnectorSink* m_pSink CM_GUARDED_BY(m_Mutex) = nullptr;  // not owned
     DWORD m_dwRequest CM_GUARDED_BY(m_Mutex) = 0;
-    CCmFailure m_Failure CM_GUARDED_BY(m_Mutex);       // of the current request
-    CSocketSettings m_Sockets CM_GUARDED_BY(m_Mutex);  // the user's values
-    CIndication m_Only CM_GUARDED_BY(m_Mutex);         // a connector's, queued
+    CCmFailure m_Failure CM_GUARDED_BY(m_Mutex);                     // of the current request
+    COptionValues m_Options CM_GUARDED_BY(m_Mutex) = NoOptions_i();  // the user's values
+    CIndication m_Only CM_GUARDED_BY(m_Mutex);                       // a connector's, queued
     CEmbeddedEventT<CIndicatingProxyCoreT, &CIndicatingProxyCoreT::OnOnly, &CIndicatingProxyCoreT::OnOnlyDropped> m_OnlyEvent{
         *this};
 };

@@ -1,9 +1,11 @@
 #include "talvo/transport/tls/connector_ssl.h"
 
+#include <cerrno>
 #include <new>
 
 #include "talvo/base/with_memory.h"
 #include "talvo/transport/tcp/connector_tcp.h"
+#include "talvo/transport/tls/server_name.h"
 
 std::unique_ptr<ACmConnectorInternal> CCmConnectorSsl::Make(const CCmConnectorSettings& aSettings) {
     std::unique_ptr<CCmConnectorSsl> pConnector;
@@ -20,10 +22,7 @@ CCmConnectorSsl::CCmConnectorSsl(const CCmConnectorSettings& aSettings)
 
 int CCmConnectorSsl::Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal) {
     const BOOL bMemory = talvo::WithMemory([&] {
-        CCmString strName = m_strServerName;
-        if (strName.empty())
-            strName = *aAddr.GetGivenName() ? CCmString(aAddr.GetGivenName()) : aAddr.GetIpDisplayName();
-        m_pHandshakes->Use(m_pContext ? m_pContext : CCmSslContext::GetDefault(), std::move(strName));
+        m_pHandshakes->Use(m_pContext ? m_pContext : CCmSslContext::GetDefault(), talvo::ServerNameOf(m_strServerName, aAddr));
     });
     if (!bMemory) {
         m_Failure = CCmFailure(ENOMEM, "connect to", aAddr);
@@ -46,7 +45,7 @@ CmResult CCmConnectorSsl::SetOption(DWORD aCommand, void* aArg) {
         return CM_OK;
     case CM_OPT_CONNECT_SERVER_NAME: {
         const auto& strName = *static_cast<const CCmString*>(aArg);
-        if (strName.find('\0') != CCmString::npos || strName.size() > 255)
+        if (!talvo::IsServerName(strName))
             return CM_ERROR_INVALID_ARG;
         return talvo::WithMemory([&] { m_strServerName = strName; }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
     }

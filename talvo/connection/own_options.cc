@@ -1,0 +1,23 @@
+// The options of the library's connectors and acceptors, and the rooms that have them.
+#include "talvo/transport/option_values.h"
+#include "talvo/transport/socket_settings.h"
+#include "talvo/transport/tls/server_name.h"
+#include "talvo/transport/tls/ssl_context.h"
+
+namespace talvo {
+
+std::span<const COptionType> GetOwnOptions() {
+    using T = COptionType;
+    constexpr DWORD BOTH = T::CONNECTORS | T::ACCEPTORS;
+    constexpr DWORD STREAMS = T::OVER_TCP | T::OVER_OTHERS;
+    static constexpr COptionType OPTIONS[] = {
+        OptionOf<DWORD, CSocketSettings::IsBufferSize>(CM_OPT_TRANSPORT_SNDBUF, BOTH | STREAMS | T::OVER_UDP),
+        OptionOf<DWORD, CSocketSettings::IsBufferSize>(CM_OPT_TRANSPORT_RCVBUF, BOTH | STREAMS | T::OVER_UDP),
+        OptionOf<DWORD, CSocketSettings::IsReadSize>(CM_OPT_TRANSPORT_READ_SIZE, BOTH | STREAMS),
+        OptionOf<CCmRefPtrT<CCmSslContext>>(CM_OPT_CONNECT_SSL_CONTEXT, BOTH | T::OVER_OTHERS),
+        OptionOf<CCmString, IsServerName>(CM_OPT_CONNECT_SERVER_NAME, T::CONNECTORS | T::OVER_OTHERS),
+    };
+    return OPTIONS;
+}
+
+}  // namespace talvo

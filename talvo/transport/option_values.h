@@ -1,0 +1,72 @@
+// Values of the options of connectors and acceptors, independent of the objects that use them.
+#pragma once
+
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "talvo/base/result.h"
+#include "talvo/transport/transport_interface.h"
+
+namespace talvo {
+
+// The type of an option's value, and the objects that have it. Values are copied and destroyed in any thread.
+struct COptionType {
+    // A kind and a base type of these must fit.
+    enum : DWORD { CONNECTORS = 1, ACCEPTORS = 2, OVER_TCP = 4, OVER_UDP = 8, OVER_OTHERS = 16 };
+
+    DWORD m_dwCommand;
+    DWORD m_dwOf;
+    BOOL (*m_IsValid)(const void* aValue);
+    std::shared_ptr<void> (*m_Copy)(const void* aValue);  // may throw std::bad_alloc
+    void (*m_Assign)(const void* aValue, void* aOut);     // of null: T(); may throw std::bad_alloc
+};
+
+template <class T>
+BOOL IsAny(const T&) {
+    return TRUE;
+}
+
+// An option whose value is a T. Its value before the first Set is T().
+template <class T, BOOL (*IsValid)(const T&) = IsAny<T>>
+constexpr COptionType OptionOf(DWORD aCommand, DWORD aOf) {
+    return {aCommand, aOf,                                                               //
+            [](const void* aValue) { return IsValid(*static_cast<const T*>(aValue)); },  //
+            [](const void* aValue) -> std::shared_ptr<void> { return std::make_shared<T>(*static_cast<const T*>(aValue)); },
+            [](const void* aValue, void* aOut) { *static_cast<T*>(aOut) = aValue ? *static_cast<const T*>(aValue) : T(); }};
+}
+
+// All options that connectors and acceptors of the library have, one line each: talvo/connection/own_options.cc, above the
+// rooms that have them.
+std::span<const COptionType> GetOwnOptions();
+
+// The values that a user has set. It needs a lock of its owner between threads.
+class TALVO_API COptionValues {
+public:
+    // Of a connection type's connector or acceptor.
+    COptionValues(DWORD aType, BOOL aConnector);
+
+    // aArg points at the value, and is not null. Set copies it. CM_ERROR_INVALID_ARG: no such option of this object, or an
+    // invalid value. CM_ERROR_OUT_OF_MEMORY: nothing changes.
+    CmResult Set(DWORD aCommand, const void* aArg);
+    CmResult Get(DWORD aCommand, void* aArg) const;
+
+    // Sets on aId the values that differ from aPassed (in and out), which stores the values set. Ends at the first refusal and
+    // returns it.
+    CmResult PassTo(ICmAcceptorConnectorId* aId, COptionValues& aPassed) const;
+
+private:
+    struct CValue {
+        DWORD m_dwCommand;
+        std::shared_ptr<void> m_pValue;  // never changed; shared with copies of the store
+    };
+
+    const COptionType* Find_i(DWORD aCommand) const;
+    std::shared_ptr<void> ValueOf_i(DWORD aCommand) const;
+    void Put_i(const CValue& aValue);
+
+    DWORD m_dwOf;
+    std::vector<CValue> m_Values;
+};
+
+}  // namespace talvo
