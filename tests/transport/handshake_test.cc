@@ -1,5 +1,7 @@
 #include "talvo/transport/tcp/handshake.h"
 
+#include <poll.h>
+
 #include "talvo/transport/base_types.h"
 #include "talvo/transport/tcp/acceptor_tcp.h"
 #include "talvo/transport/tcp/connector_tcp.h"
@@ -12,7 +14,8 @@ constexpr DWORD TYPE = 0x300;
 // Sends a greeting and wants one, and reads too far if more comes.
 class CGreeting : public talvo::IHandshake {
 public:
-    CGreeting(std::string aOurs, std::string aTheirs) : m_strOurs(std::move(aOurs)), m_strTheirs(std::move(aTheirs)) {}
+    CGreeting(std::string aOurs, std::string aTheirs, CmResult aReason)
+        : m_strOurs(std::move(aOurs)), m_strTheirs(std::move(aTheirs)), m_Reason(aReason) {}
 
     EStep Step(CCmTransportTcp& aTransport) override {
         while (!m_strOurs.empty()) {
@@ -36,9 +39,11 @@ public:
     CCmFailure GetFailure(const CCmInetAddr& aPeer) const override {
         return m_bRefused ? CCmFailure(CM_FAILURE_PROTOCOL, "no such greeting", "greet", aPeer) : CCmFailure();
     }
+    CmResult GetReason() const override { return m_Reason; }
 
 private:
     std::string m_strOurs, m_strTheirs, m_strRead;
+    const CmResult m_Reason;
     BOOL m_bRefused = FALSE;
 };
 
@@ -62,8 +67,11 @@ protected:
     std::unique_ptr<talvo::IHandshake> MakeHandshake(CCmTransportTcp&, DWORD aStep) override {
         if (aStep == 2)
             return nullptr;
-        return std::make_unique<CGreeting>(aStep == 0 ? m_strGreeting : "", aStep == 0 ? "hello" : "again");
+        return std::make_unique<CGreeting>(aStep == 0 ? m_strGreeting : "", aStep == 0 ? "hello" : "again", m_Reason);
     }
+    CCmTimeValue GetTimeLimit() const override { return m_tvLimit; }
+    DWORD GetMostInFlight() const override { return 20; }
+
     // A client that has been greeted.
     CTestFd Greeted() {
         CTestFd client = ConnectPlain(m_Addr);
@@ -86,6 +94,8 @@ protected:
     static inline std::shared_ptr<talvo::IHandshakeMaker> s_pMaker;
     const CTestNetwork m_Network{CCmThreadManager::NETWORK_THREAD_MAIN};
     std::string m_strGreeting = "welcome";
+    CmResult m_Reason = CM_ERROR_NETWORK_CONNECT_ERROR;  // of a failure
+    CCmTimeValue m_tvLimit = CCmTimeValue(10);
     CTestConnectSink m_Sink;
     CCmInetAddr m_Addr;
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;
@@ -130,26 +140,36 @@ TEST_F(HandshakeTest, AFailedOneIsClosedWithALineAndNeverIndicated) {
     UntilClosed(wrong);
     gone.Write("hell");
     gone.Close();
-    m_Network.RunUntil([&] { return trace.Contains("the peer has closed during the handshake"); });
+    m_Network.RunUntil([] { return CCmLiveCounter::Dump().find("CHandshakeRun 1\n") != std::string::npos; });
+    EXPECT_EQ(1u, trace.Count(LINE)) << "one a second";
     clock.Advance(CCmTimeValue(9, 900000));
     EXPECT_FALSE(IsClosed(silent));
     clock.Advance(CCmTimeValue(0, 200000));
     UntilClosed(silent);
     EXPECT_TRUE(trace.Contains("no such greeting") && trace.Contains("the time for the handshake has passed"));
-    EXPECT_EQ(3u, trace.Count(LINE));
+    EXPECT_EQ(2u, trace.Count(LINE));
     EXPECT_EQ(0u, m_Sink.Count());
 }
 
 TEST_F(HandshakeTest, AtTheLimitOthersWaitAndAStopOrADrainEndsThem) {
     auto pClock = std::make_unique<CCmFakeClock>();  // stands still: none of them is late
     std::vector<CTestFd> clients;
-    for (int i = 0; i < 256; ++i)
+    for (int i = 0; i < 20; ++i)
         clients.push_back(Greeted());
     clients.push_back(ConnectPlain(m_Addr));
     EXPECT_FALSE(IsGreeted(clients.back()));
     clients[7].Write("helloagain");
     m_Network.RunUntil([&] { return IsGreeted(clients.back()); });
     EXPECT_EQ(1u, m_Sink.Count());
+
+    clients.push_back(ConnectPlain(m_Addr));  // replaces one, but none that was heard of within a second
+    pClock->Advance(CCmTimeValue(0, 999000));
+    clients[0].Write("h");
+    EXPECT_FALSE(IsGreeted(clients.back()));
+    pClock->Advance(CCmTimeValue(0, 1000));
+    m_Network.RunUntil([&] { return IsGreeted(clients.back()); });
+    UntilClosed(clients[1]);
+    EXPECT_FALSE(IsClosed(clients[0]) || IsClosed(clients[2]));
     EXPECT_EQ(CM_OK, m_pAcceptor->StopListen(CM_OK));
     UntilClosed(clients.back());
     EXPECT_FALSE(IsClosed(clients[7]));
@@ -170,12 +190,15 @@ TEST_F(HandshakeTest, AConnectorReportsItsEnd) {
     CCmFakeClock clock;
     CCmTimeValue tvTimeout(5);
     m_strGreeting = Pattern(12 << 20);  // more than the sockets take at once
-    const std::pair<std::string, ECmFailureCause> CASES[] = {{"helloagain, and data", CM_FAILURE_NONE},
-                                                             {"HELLO", CM_FAILURE_PROTOCOL},
-                                                             {"", CM_FAILURE_TIMEOUT},
-                                                             {"no limit", CM_FAILURE_TIMEOUT},
-                                                             {"cancel", CM_FAILURE_NONE}};
-    for (const auto& [strAnswer, cause] : CASES) {
+    m_Reason = CM_ERROR_NETWORK_TLS_HANDSHAKE;
+    const std::tuple<std::string, ECmFailureCause, CmResult> CASES[] = {
+        {"helloagain, and data", CM_FAILURE_NONE, CM_OK},
+        {"HELLO", CM_FAILURE_PROTOCOL, m_Reason},
+        {"close", CM_FAILURE_PROTOCOL, m_Reason},
+        {"", CM_FAILURE_TIMEOUT, CM_ERROR_NETWORK_CONNECT_ERROR},
+        {"no limit", CM_FAILURE_TIMEOUT, CM_ERROR_NETWORK_CONNECT_ERROR},
+        {"cancel", CM_FAILURE_NONE, CM_OK}};
+    for (const auto& [strAnswer, cause, reason] : CASES) {
         CTestConnectSink sink;
         pConnector->AsycConnect(&sink, listener.Addr(), strAnswer == "no limit" ? nullptr : &tvTimeout);
         CTestFd peer = listener.Accept();
@@ -184,6 +207,8 @@ TEST_F(HandshakeTest, AConnectorReportsItsEnd) {
         EXPECT_EQ(0u, sink.Count());
         if (strAnswer == "cancel")
             pConnector->CancelConnect();
+        else if (strAnswer == "close")
+            shutdown(peer.Get(), SHUT_WR);
         else if (cause == CM_FAILURE_TIMEOUT)
             clock.Advance(CCmTimeValue(strAnswer.empty() ? 6 : 11));
         else
@@ -195,7 +220,65 @@ TEST_F(HandshakeTest, AConnectorReportsItsEnd) {
         };
         m_Network.RunUntil([&] { return received.m_strReceived == ", and data" || ReadToEnd(peer, strRead); });
         EXPECT_EQ(cause, Get<CCmFailure>(*cm_get_connect_options(pConnector.Get()), CM_OPT_CONNECT_FAILURE).GetCause());
-        EXPECT_EQ(strAnswer == "cancel" ? 0u : 1u, sink.Count());
+        EXPECT_EQ(strAnswer == "cancel" ? std::vector<CmResult>() : std::vector{reason}, sink.m_Reasons);
+    }
+}
+
+TEST_F(HandshakeTest, ItsReasonPassesEveryLayer) {
+    m_Reason = CM_ERROR_NETWORK_TLS_CERTIFICATE;
+    constexpr DWORD PROXY = CCmConnectionManager::CTYPE_FORCE_THREAD_PROXY;
+    for (const DWORD dwType :
+         {0u, +PROXY, +CCmConnectionManager::CTYPE_PDU_LENGTH, CCmConnectionManager::CTYPE_PDU_PACKAGE | PROXY}) {
+        const CTestListener listener;
+        CTestConnectSink sink;
+        const auto pConnector = m_Network.MakeConnector(TYPE | dwType);
+        pConnector->AsycConnect(&sink, listener.Addr());
+        m_Network.RunPosted();
+        const CTestFd peer = listener.Accept();
+        peer.Write("HELLO");
+        m_Network.RunUntil([&] { return sink.Count() == 1; });
+        EXPECT_EQ(m_Reason, sink.m_Reasons[0]) << std::hex << dwType;
+        EXPECT_STREQ("no such greeting",
+                     Get<CCmFailure>(*cm_get_connect_options(pConnector.Get()), CM_OPT_CONNECT_FAILURE).GetText());
+    }
+}
+
+// Two addresses. The peer at the first one refuses: a reason of the handshake's own is the answer of the name's server.
+TEST_F(HandshakeTest, NoFurtherAddressIsTriedDuringAHandshakeOrAfterARefusal) {
+    struct CUser : talvo::CConnectRaceT<CCmTransportTcp>::IUser {
+        void OnRaceDone(CCmRefPtrT<CCmTransportTcp> aTransport) override {
+            EXPECT_EQ(nullptr, aTransport.Get());
+            m_bDone = TRUE;
+        }
+        BOOL m_bDone = FALSE;
+    };
+    const auto hasClient = [](const CTestListener& aListener) {
+        pollfd fd{aListener.GetFd(), POLLIN, 0};
+        return poll(&fd, 1, 0) == 1;
+    };
+    CCmFakeClock clock;
+    for (const CmResult reason : {CM_ERROR_NETWORK_CONNECT_ERROR, CM_ERROR_NETWORK_TLS_CERTIFICATE}) {
+        const BOOL bFurther = reason == CM_ERROR_NETWORK_CONNECT_ERROR;
+        m_Reason = reason;
+        const CTestListener first, second;
+        CUser user;
+        talvo::CConnectRaceT<CCmTransportTcp> race(&m_Network.Main(), user, s_pMaker);
+        CCmRefPtrT<CCmTransportTcp> pTransport;
+        EXPECT_EQ(1, race.Run({first.Addr(), second.Addr()}, CCmInetAddr::s_InetAddrAny, {}, pTransport));
+        for (const CTestListener* pListener : {&first, &second}) {
+            if (pListener == &second && !bFurther)
+                break;
+            const CTestFd peer = pListener->Accept();
+            m_Network.RunUntil([&] { return IsGreeted(peer); });
+            clock.Advance(CCmTimeValue(1));
+            m_Network.RunPosted();
+            EXPECT_FALSE(hasClient(second));
+            peer.Write("HELLO");
+            m_Network.RunUntil([&] { return user.m_bDone || (pListener == &first && hasClient(second)); });
+        }
+        EXPECT_TRUE(user.m_bDone);
+        EXPECT_FALSE(hasClient(second));
+        EXPECT_EQ(bFurther ? CM_OK : reason, race.GetRefusal());
     }
 }
 

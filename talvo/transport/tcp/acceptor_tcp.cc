@@ -18,7 +18,6 @@ CCmLiveCounter s_Live("CCmAcceptorTcp");
 
 constexpr int BACKLOG = 1024;
 constexpr long REST_USEC = 100000;
-constexpr size_t MAX_HANDSHAKES = 256;
 
 BOOL IsOutOfDescriptors(int aError) { return aError == EMFILE || aError == ENFILE || aError == ENOBUFS || aError == ENOMEM; }
 
@@ -53,7 +52,9 @@ CmResult CCmAcceptorTcp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmI
         return rv;
     m_pSink = aSink;
     m_Failure = {};
-    rv = Bind_i(aAddrListen);
+    rv = Prepare_i(aAddrListen);
+    if (rv == CM_OK)
+        rv = Bind_i(aAddrListen);
     if (rv == CM_OK) {
         rv = m_pReactor->RegisterHandler(this, ACCEPT_MASK);
         if (rv != CM_OK)
@@ -103,15 +104,14 @@ CmResult CCmAcceptorTcp::StopListen(CmResult aReason) {
     LeaveThread();
     m_Retry.Cancel();
     if (GetHandle() != CM_INVALID_HANDLE) {
-        if (m_bResting)
+        if (std::exchange(m_Pause, NOT) != NOT)
             m_pReactor->CancelTimer(this);
-        else if (!m_bFull)
+        else
             m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
-        m_bResting = m_bFull = FALSE;
         m_Path.Remove();
         m_Socket.Close(aReason);
     }
-    m_Shaking.clear();
+    m_Shaking.CloseAll();
     m_pSink = nullptr;
     return CM_OK;
 }
@@ -126,6 +126,8 @@ CmResult CCmAcceptorTcp::GetListenAddr(CCmInetAddr& aAddr) {
 // Accesses no member after the upcall, which may have released this acceptor.
 int CCmAcceptorTcp::OnInput(HANDLE aFd) {
     m_Est.EnsureSingleThread();
+    if (m_pHandshakes && !MakeRoom_i())
+        return 0;
     CCmRefPtrT<CCmTransportTcp> pTransport = talvo::MakeTcpTransport(m_pReactor, m_pHandshakes.get());
     if (!pTransport) {
         Rest_i(ENOMEM);
@@ -161,34 +163,40 @@ int CCmAcceptorTcp::OnInput(HANDLE aFd) {
     return 0;
 }
 
-// Without memory the connection is closed.
+// FALSE: there is no room for a further handshake, and the acceptor pauses.
+BOOL CCmAcceptorTcp::MakeRoom_i() {
+    if (m_Shaking.GetCount() < m_pHandshakes->GetMostInFlight())
+        return TRUE;
+    const CCmTimeValue tvPatience = m_Shaking.GetPatience();
+    if (tvPatience > CCmTimeValue::s_tvZero) {
+        Pause_i(HANDSHAKES, tvPatience);
+        return FALSE;
+    }
+    const CCmInetAddr addr = m_Shaking.CloseMostSilent();
+    TraceFailure_i(CCmFailure(CM_FAILURE_SILENCE, "the peer was silent while others waited", "shake hands with", addr));
+    return TRUE;
+}
+
 void CCmAcceptorTcp::ShakeHands_i(CCmRefPtrT<CCmTransportTcp> aTransport) {
-    using Run = talvo::CHandshakeRun;
-    const BOOL bAdded = talvo::WithMemory(
-        [&] { m_Shaking.push_back(std::unique_ptr<Run>(new Run(m_pReactor, *this, *m_pHandshakes, std::move(aTransport)))); });
-    if (!bAdded) {
+    if (!m_Shaking.Begin(std::move(aTransport), *m_pHandshakes))
         CM_WARNING_TRACE_THIS("CCmAcceptorTcp::ShakeHands_i, no memory for a handshake.");
-        return;
-    }
-    if (m_Shaking.back()->Start()) {
-        OnHandshakeDone(*m_Shaking.back());
-    } else if (m_Shaking.size() >= MAX_HANDSHAKES) {
-        m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
-        m_bFull = TRUE;
-    }
 }
 
 // Accesses no member after the upcall, as above.
-void CCmAcceptorTcp::OnHandshakeDone(talvo::CHandshakeRun& aRun) {
-    const CCmFailure failure = aRun.GetFailure();
-    const CCmRefPtrT<CCmTransportTcp> pTransport = aRun.TakeTransport();
-    std::erase_if(m_Shaking, [&](const std::unique_ptr<talvo::CHandshakeRun>& a) { return a.get() == &aRun; });
-    if (std::exchange(m_bFull, FALSE))
+void CCmAcceptorTcp::OnShaken(CCmRefPtrT<CCmTransportTcp> aTransport, const CCmFailure& aFailure) {
+    if (m_Pause == HANDSHAKES) {
+        m_pReactor->CancelTimer(this);
         Resume_i();
-    if (failure)
-        CM_WARNING_TRACE_THIS("CCmAcceptorTcp::OnHandshakeDone, the handshake has failed. why=" << failure.ToString());
+    }
+    if (aFailure)
+        TraceFailure_i(aFailure);
     else if (m_pSink)
-        m_pSink->OnConnectIndication(CM_OK, pTransport.Get(), this);
+        m_pSink->OnConnectIndication(CM_OK, aTransport.Get(), this);
+}
+
+void CCmAcceptorTcp::TraceFailure_i(const CCmFailure& aFailure) {
+    if (m_ShakingPace.IsDue())
+        CM_WARNING_TRACE_THIS("CCmAcceptorTcp::OnHandshakeDone, the handshake has failed. why=" << aFailure.ToString());
 }
 
 void CCmAcceptorTcp::AcceptFailed_i(int aError) {
@@ -203,24 +211,26 @@ void CCmAcceptorTcp::AcceptFailed_i(int aError) {
 void CCmAcceptorTcp::Rest_i(int aError) {
     if (m_TracePace.IsDue())
         CM_ERROR_TRACE_THIS("CCmAcceptorTcp::OnInput, accept() failed! err=" << aError);
-    const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, CCmTimeValue(0, REST_USEC), 1);
+    Pause_i(DESCRIPTORS, CCmTimeValue(0, REST_USEC));
+}
+
+void CCmAcceptorTcp::Pause_i(EPause aPause, const CCmTimeValue& aTime) {
+    const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, aTime, 1);
     if (rv != CM_OK && rv != CM_ERROR_FOUND)
         return;  // no timer: stays registered and retries at every report
     m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
-    m_bResting = TRUE;
+    m_Pause = aPause;
 }
 
-void CCmAcceptorTcp::OnTimeout(const CCmTimeValue&, void*) {
-    m_bResting = FALSE;
-    Resume_i();
-}
+void CCmAcceptorTcp::OnTimeout(const CCmTimeValue&, void*) { Resume_i(); }
 
 void CCmAcceptorTcp::Resume_i() {
+    m_Pause = NOT;
     const CmResult rv = m_pReactor->RegisterHandler(this, ACCEPT_MASK);
     if (rv == CM_OK)
         return;
     Rest_i(errno);
-    if (!m_bResting)
+    if (m_Pause == NOT)
         m_Retry.Arm();  // neither registered nor timed
 }
 

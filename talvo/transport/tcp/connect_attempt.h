@@ -15,8 +15,8 @@ class CConnectAttemptT final : public ACmEventHandler, private ICmTimerHandler, 
 public:
     class IOwner {
     public:
-        // The one report of an attempt in progress. 0: connected; else the system's error or EPROTO, already traced. May delete
-        // aAttempt.
+        // The one report of an attempt in progress. aError 0: connected; else the system's error or EPROTO, already traced. May
+        // delete aAttempt.
         virtual void OnAttemptDone(CConnectAttemptT& aAttempt, int aError) = 0;
 
     protected:
@@ -37,8 +37,9 @@ public:
     // TRUE: connected, and shaking hands.
     BOOL IsShakingHands() const { return m_pRun != nullptr; }
 
-    // The failure, immediate or later.
+    // The failure, immediate or later, and its reason.
     const CCmFailure& GetFailure() const { return m_Failure; }
+    CmResult GetReason() const { return m_pRun ? m_pRun->GetReason() : CM_ERROR_NETWORK_CONNECT_ERROR; }
 
     HANDLE GetHandle() const override;
     int OnOutput(HANDLE aFd) override;

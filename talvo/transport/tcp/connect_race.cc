@@ -23,8 +23,10 @@ BOOL IsOwnFault(int aErrno) {
 template <class TransportType>
 int CConnectRaceT<TransportType>::Run(std::vector<CCmInetAddr> aAddrs, const CCmInetAddr& aAddrLocal,
                                       const CSocketSettings& aSockets, CCmRefPtrT<TransportType>& aTransport) {
-    if (m_stNext == 0)
+    if (m_stNext == 0) {
         m_Failure = {};
+        m_Refusal = CM_OK;
+    }
     m_AddrLocal = aAddrLocal;
     m_Sockets = aSockets;
     m_Addrs.resize(m_stNext);
@@ -48,7 +50,7 @@ void CConnectRaceT<TransportType>::Stop() {
     m_pReactor->CancelTimer(this);
 }
 
-// Skips addresses that fail at once. Results as Start; -1: there are no more addresses.
+// Skips addresses that fail at once. Results as Start; -1: there are no more addresses, or the race is over.
 template <class TransportType>
 int CConnectRaceT<TransportType>::StartNext_i(CCmRefPtrT<TransportType>& aTransport) {
     while (m_stNext < m_Addrs.size()) {
@@ -60,7 +62,8 @@ int CConnectRaceT<TransportType>::StartNext_i(CCmRefPtrT<TransportType>& aTransp
         }
         const int nRv = pAttempt->Start(addr, m_AddrLocal, m_Sockets);
         if (nRv == -1) {
-            Note_i(pAttempt->GetFailure());
+            if (IsOver_i(*pAttempt))
+                return -1;
             continue;
         }
         if (nRv == 0) {
@@ -73,6 +76,18 @@ int CConnectRaceT<TransportType>::StartNext_i(CCmRefPtrT<TransportType>& aTransp
         return 1;
     }
     return -1;
+}
+
+// TRUE: the failure of an attempt has ended the race.
+template <class TransportType>
+BOOL CConnectRaceT<TransportType>::IsOver_i(const CAttempt& aFailed) {
+    Note_i(aFailed.GetFailure());
+    if (aFailed.GetReason() == CM_ERROR_NETWORK_CONNECT_ERROR)
+        return FALSE;
+    m_Failure = aFailed.GetFailure();
+    m_Refusal = aFailed.GetReason();
+    Stop();
+    return TRUE;
 }
 
 // The next address starts 250 ms after the last one.
@@ -104,7 +119,10 @@ void CConnectRaceT<TransportType>::OnAttemptDone(CAttempt& aAttempt, int aError)
         Done_i(aAttempt.TakeTransport());
         return;
     }
-    Note_i(aAttempt.GetFailure());
+    if (IsOver_i(aAttempt)) {
+        Done_i(nullptr);
+        return;
+    }
     std::erase_if(m_Attempts, [&](const std::unique_ptr<CAttempt>& a) { return a.get() == &aAttempt; });
     GoOn_i();
 }

@@ -16,7 +16,10 @@ int CCmConnectorTcpT<TransportType>::ConnectTo_i(std::vector<CCmInetAddr> aAddrs
     const int nRv = m_Race.Run(std::move(aAddrs), m_AddrLocal, m_Sockets.WithConfiguration(), pTransport);
     if (nRv != 0) {
         m_Failure = m_Race.GetFailure();
-        return nRv;
+        if (nRv == 1 || m_Race.GetRefusal() == CM_OK)
+            return nRv;
+        StopLookUp_i();
+        return ReportLater_i(m_Race.GetRefusal());
     }
     CM_WARNING_TRACE_THIS("CCmConnectorTcpT::Connect, connect return 0.");
     m_pTransport = pTransport;
@@ -28,8 +31,8 @@ template <class TransportType>
 void CCmConnectorTcpT<TransportType>::OnRaceDone(CCmRefPtrT<TransportType> aTransport) {
     m_pTransport = aTransport;
     m_Failure = m_Race.GetFailure();
-    if (m_pTransport)
-        Report_i(CM_OK);
+    if (m_pTransport || m_Race.GetRefusal() != CM_OK)
+        Report_i(m_pTransport ? CM_OK : m_Race.GetRefusal());
     else
         ReportFailure_i();
 }

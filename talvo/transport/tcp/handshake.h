@@ -27,7 +27,9 @@ public:
     // The reason of FAILED. None: the transport has noted it, or the peer has closed.
     virtual CCmFailure GetFailure(const CCmInetAddr& aPeer) const = 0;
 
-    // Of FAILED, for the indication.
+    // The reason of the indication if the handshake has failed, also if the socket has; a time-out has
+    // CM_ERROR_NETWORK_CONNECT_ERROR. Another reason than that one ends a race of addresses: the peer has answered, and a
+    // further address of the name would hide the answer.
     virtual CmResult GetReason() const { return CM_ERROR_NETWORK_CONNECT_ERROR; }
 
     virtual ~IHandshake() = default;
@@ -42,6 +44,11 @@ public:
 
     // Handshake number aStep of a connection, from 0. Each begins after the one before. Null: there is no further one.
     virtual std::unique_ptr<IHandshake> MakeHandshake(CCmTransportTcp& aTransport, DWORD aStep) = 0;
+
+    // For all handshakes of a connection; zero: no limit. 10 s unless overridden.
+    virtual CCmTimeValue GetTimeLimit() const;
+    // The connections of an acceptor that may shake hands at the same time, at least 1. 1,024 unless overridden.
+    virtual DWORD GetMostInFlight() const;
 
 protected:
     virtual ~IHandshakeMaker() = default;

@@ -18,13 +18,15 @@ CCmLiveCounter s_Live("CHandshakeRun");
 constexpr const char* VERB = "shake hands with";
 constexpr int WOULD_BLOCK = -2;
 
-const CCmTimeValue TIME_LIMIT(10);  // of all handshakes of a connection
-
 }  // namespace
 
 CCmRefPtrT<CCmTransportTcp> IHandshakeMaker::MakeTransport(ICmReactor* aReactor) {
     return new (std::nothrow) CCmTransportTcp(aReactor);
 }
+
+CCmTimeValue IHandshakeMaker::GetTimeLimit() const { return CCmTimeValue(10); }
+
+DWORD IHandshakeMaker::GetMostInFlight() const { return 1024; }
 
 CCmRefPtrT<CCmTransportTcp> MakeTcpTransport(ICmReactor* aReactor, IHandshakeMaker* aMaker) {
     CCmRefPtrT<CCmTransportTcp> pTransport;
@@ -49,16 +51,19 @@ CHandshakeRun::~CHandshakeRun() {
 BOOL CHandshakeRun::Start() {
     if (GoOn_i())
         return TRUE;
-    const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, TIME_LIMIT, 1);
+    const CCmTimeValue tvLimit = m_Maker.GetTimeLimit();
+    if (tvLimit == CCmTimeValue::s_tvZero)
+        return FALSE;
+    const CmResult rv = m_pReactor->ScheduleTimer(this, nullptr, tvLimit, 1);
     m_bTimer = rv == CM_OK || rv == CM_ERROR_FOUND;
-    return m_bTimer ? FALSE : Over_i(CCmFailure(ENOMEM, VERB, GetPeerAddr_i()));
+    return m_bTimer ? FALSE : Over_i(CCmFailure(ENOMEM, VERB, GetPeerAddr()));
 }
 
 // TRUE: the run has ended.
 BOOL CHandshakeRun::GoOn_i() {
     IHandshake::EStep step = IHandshake::FAILED;
     if (!WithMemory([&] { step = Step_i(); }))
-        return Over_i(CCmFailure(ENOMEM, VERB, GetPeerAddr_i()));
+        return Over_i(CCmFailure(ENOMEM, VERB, GetPeerAddr()));
     switch (step) {
     case IHandshake::READ:
     case IHandshake::WRITE:
@@ -68,7 +73,7 @@ BOOL CHandshakeRun::GoOn_i() {
     case IHandshake::FAILED:
         break;
     }
-    return Over_i(NotedFailure_i());
+    return Failed_i(0);
 }
 
 // DONE: there is no further handshake.
@@ -91,13 +96,16 @@ BOOL CHandshakeRun::Wait_i(IHandshake::EStep aStep) {
     if (rv == CM_OK || rv == CM_ERROR_FOUND)
         return FALSE;
     if (rv == CM_ERROR_OUT_OF_MEMORY)
-        return Over_i(CCmFailure(ENOMEM, VERB, GetPeerAddr_i()));
-    return Over_i(CCmFailure(CM_FAILURE_LOCAL, "the reactor refuses the socket", VERB, GetPeerAddr_i()));
+        return Over_i(CCmFailure(ENOMEM, VERB, GetPeerAddr()));
+    return Over_i(CCmFailure(CM_FAILURE_LOCAL, "the reactor refuses the socket", VERB, GetPeerAddr()));
 }
 
 HANDLE CHandshakeRun::GetHandle() const { return m_pTransport ? m_pTransport->GetHandle() : CM_INVALID_HANDLE; }
 
-int CHandshakeRun::OnInput(HANDLE) { return Ready_i(); }
+int CHandshakeRun::OnInput(HANDLE) {
+    m_Owner.OnHandshakeInput();
+    return Ready_i();
+}
 
 int CHandshakeRun::OnOutput(HANDLE) { return Ready_i(); }
 
@@ -114,36 +122,45 @@ int CHandshakeRun::OnClose(HANDLE, long) {
     int nError = 0;
     int nLength = sizeof nError;
     m_pTransport->GetPeer().GetOption(SOL_SOCKET, SO_ERROR, &nError, &nLength);
-    Over_i(nError != 0 ? CCmFailure(nError, VERB, GetPeerAddr_i()) : NotedFailure_i());
+    Failed_i(nError);
     m_Owner.OnHandshakeDone(*this);  // last, as above
     return 0;
 }
 
 void CHandshakeRun::OnTimeout(const CCmTimeValue&, void*) {
     m_bTimer = FALSE;
-    Over_i(CCmFailure(CM_FAILURE_TIMEOUT, "the time for the handshake has passed", VERB, GetPeerAddr_i()));
+    Over_i(CCmFailure(CM_FAILURE_TIMEOUT, "the time for the handshake has passed", VERB, GetPeerAddr()));
     m_Owner.OnHandshakeDone(*this);  // last, as above
 }
 
 BOOL CHandshakeRun::Over_i(const CCmFailure& aFailure) {
     Stop_i();
     m_Failure = aFailure;
+    if (!m_Failure)
+        m_Reason = CM_OK;
     m_pHandshake.reset();
     return TRUE;
+}
+
+// aError: of the socket; 0: the handshake has failed, or the peer has closed.
+BOOL CHandshakeRun::Failed_i(int aError) {
+    if (m_pHandshake)
+        m_Reason = m_pHandshake->GetReason();
+    return Over_i(aError != 0 ? CCmFailure(aError, VERB, GetPeerAddr()) : NotedFailure_i());
 }
 
 CCmFailure CHandshakeRun::NotedFailure_i() {
     CCmFailure failure;
     if (m_pHandshake)
-        failure = m_pHandshake->GetFailure(GetPeerAddr_i());
+        failure = m_pHandshake->GetFailure(GetPeerAddr());
     if (!failure)
         m_pTransport->GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure);
     if (!failure)
-        failure = CCmFailure(CM_FAILURE_PROTOCOL, "the peer has closed during the handshake", VERB, GetPeerAddr_i());
+        failure = CCmFailure(CM_FAILURE_PROTOCOL, "the peer has closed during the handshake", VERB, GetPeerAddr());
     return failure;
 }
 
-CCmInetAddr CHandshakeRun::GetPeerAddr_i() {
+CCmInetAddr CHandshakeRun::GetPeerAddr() const {
     CCmInetAddr addrPeer;
     m_pTransport->GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &addrPeer);
     return addrPeer;

@@ -16,6 +16,8 @@ public:
     public:
         // The one report of a run that is under way. May delete aRun.
         virtual void OnHandshakeDone(CHandshakeRun& aRun) = 0;
+        // The peer of a run under way has sent bytes.
+        virtual void OnHandshakeInput() {}
 
     protected:
         virtual ~IOwner() = default;
@@ -25,14 +27,17 @@ public:
     // Cancels a run that is under way; no report follows.
     ~CHandshakeRun() override;
 
-    // TRUE: over already, well or not. FALSE: under way, and the report follows. After 10 s the run fails with
+    // TRUE: over already, well or not. FALSE: under way, and the report follows. At the maker's time limit the run fails with
     // CM_FAILURE_TIMEOUT.
     BOOL Start();
 
-    // The failure of a run that has ended; CM_FAILURE_NONE: it succeeded.
+    // The failure of a run that has ended, and its reason; CM_FAILURE_NONE: it succeeded.
     const CCmFailure& GetFailure() const { return m_Failure; }
+    CmResult GetReason() const { return m_Reason; }
     // The transport of a run that has ended.
     CCmRefPtrT<CCmTransportTcp> TakeTransport() { return std::move(m_pTransport); }
+
+    CCmInetAddr GetPeerAddr() const;
 
     HANDLE GetHandle() const override;
     int OnInput(HANDLE aFd) override;
@@ -47,8 +52,8 @@ private:
     BOOL Wait_i(IHandshake::EStep aStep);
     int Ready_i();
     BOOL Over_i(const CCmFailure& aFailure);
+    BOOL Failed_i(int aError);
     CCmFailure NotedFailure_i();
-    CCmInetAddr GetPeerAddr_i();
     void Stop_i();
 
     const CHomeReactor m_pReactor;
@@ -60,6 +65,7 @@ private:
     BOOL m_bWatched = FALSE;  // registered; afterwards another handler has the handle
     BOOL m_bTimer = FALSE;
     CCmFailure m_Failure;
+    CmResult m_Reason = CM_ERROR_NETWORK_CONNECT_ERROR;
 };
 
 }  // namespace talvo
