@@ -16,6 +16,8 @@ std::span<const COptionType> GetOwnOptions() {
         OptionOf<DWORD, CSocketSettings::IsReadSize>(CM_OPT_TRANSPORT_READ_SIZE, BOTH | STREAMS),
         OptionOf<CCmRefPtrT<CCmSslContext>>(CM_OPT_CONNECT_SSL_CONTEXT, BOTH | T::OVER_OTHERS),
         OptionOf<CCmString, IsServerName>(CM_OPT_CONNECT_SERVER_NAME, T::CONNECTORS | T::OVER_OTHERS),
+        OptionOf<DWORD>(CM_OPT_CONNECT_HANDSHAKE_TIME, BOTH | T::OVER_OTHERS),
+        OptionOf<DWORD>(CM_OPT_CONNECT_MAX_HANDSHAKES, T::ACCEPTORS | T::OVER_OTHERS),
     };
     return OPTIONS;
 }

@@ -36,9 +36,13 @@ public:
     virtual CmResult SetOption(DWORD aCommand, void* aArg);
     virtual CmResult GetOption(DWORD aCommand, void* aArg);
 
+    // TRUE: the upper connector limits the time of the next attempt, so handshakes need no limit of their own.
+    void SetTimed(BOOL aTimed) { m_bTimed = aTimed; }
+
     // The failure of the last Connect: the cause of its -1, or the one that it reported.
     const CCmFailure& GetFailure() const { return m_Failure; }
 
 protected:
     CCmFailure m_Failure;  // set before the attempt fails
+    BOOL m_bTimed = FALSE;
 };

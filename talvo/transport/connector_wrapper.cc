@@ -60,6 +60,8 @@ void CCmConnectorWrapper::AsycConnect(ICmAcceptorConnectorSink* aSink, const CCm
     CM_INFO_TRACE_THIS("CCmConnectorWrapper::AsycConnect, addr="
                        << aAddrPeer.GetIpDisplayName() << " port=" << aAddrPeer.GetPort() << " m_Type=" << m_Type
                        << " m_pConnector=" << static_cast<const void*>(m_pConnector.get()));
+    if (m_pConnector)
+        m_pConnector->SetTimed(aTimeout != nullptr);
     if (m_pConnector && m_pConnector->Connect(aAddrPeer, aAddrLocal) != -1) {
         if (aTimeout)
             ReportLater_i(*aTimeout, CM_ERROR_NETWORK_CONNECT_ERROR);

@@ -50,6 +50,12 @@ public:
     // invalid value. CM_ERROR_OUT_OF_MEMORY: nothing changes.
     CmResult Set(DWORD aCommand, const void* aArg);
     CmResult Get(DWORD aCommand, void* aArg) const;
+    // Likewise for a T; of an option that this object has. May throw std::bad_alloc.
+    template <class T>
+    T ValueOf(DWORD aCommand) const {
+        const std::shared_ptr<void> pValue = ValueOf_i(aCommand);
+        return pValue ? *static_cast<const T*>(pValue.get()) : T();
+    }
 
     // Sets on aId the values that differ from aPassed (in and out), which stores the values set. Ends at the first refusal and
     // returns it.

@@ -39,6 +39,8 @@ DWORD CSocketSettings::*FieldOf(DWORD aCommand) {
 
 }  // namespace
 
+BOOL CSocketSettings::Has(DWORD aCommand) { return FieldOf(aCommand) != nullptr; }
+
 // 0: the configuration's key. The size is an int and never negative, so it can be read and written as a DWORD.
 BOOL CSocketSettings::IsBufferSize(const DWORD& aSize) { return aSize <= INT_MAX; }
 

@@ -13,7 +13,9 @@ struct TALVO_API CSocketSettings {
     static constexpr DWORD MAX_READ = 1 << 20;
     static constexpr DWORD LARGE_READ = 65536;  // for the library's layers that pass bytes on
 
-    // The options 109, 110 and 149 of connectors and acceptors. CM_ERROR_INVALID_ARG: another command, or an invalid size.
+    // TRUE: one of the options 109, 110 and 149 of connectors and acceptors.
+    static BOOL Has(DWORD aCommand);
+    // These options. CM_ERROR_INVALID_ARG: another command, or an invalid size.
     CmResult SetOption(DWORD aCommand, const void* aArg);
     CmResult GetOption(DWORD aCommand, void* aArg) const;
 

@@ -117,7 +117,13 @@ enum ECmConnectOption : DWORD {
     CM_OPT_CONNECT_SERVER_NAME = 162,
     // get CCmFailure: the failure of a connector's last attempt, inside its indication and until the next AsycConnect; the
     // failure of an acceptor's last StartListen. CM_FAILURE_NONE: no failure. A thread proxy answers without waiting.
-    CM_OPT_CONNECT_FAILURE = 165
+    CM_OPT_CONNECT_FAILURE = 165,
+    // get, set DWORD: TLS only, the milliseconds that a handshake may take. 0, the default: 10,000; a connector whose
+    // AsycConnect has a time-out then has only that one.
+    CM_OPT_CONNECT_HANDSHAKE_TIME = 166,
+    // get, set DWORD: acceptors of TLS only, the most handshakes at the same time. 0, the default: 1,024. Beyond it a further
+    // peer replaces the one that has been silent longest, if that is a second or more; otherwise peers wait in the backlog.
+    CM_OPT_CONNECT_MAX_HANDSHAKES = 167
 };
 
 // The user of a transport implements it. All calls come in the transport's thread; a thread proxy's in the thread that made it.
@@ -207,11 +213,14 @@ public:
     // Starts an attempt. Exactly one OnConnectIndication follows, after the return, unless CancelConnect comes first. Reasons:
     // CM_ERROR_NETWORK_CONNECT_TIMEOUT (20005): the attempt failed at once; CM_ERROR_NETWORK_CONNECT_ERROR (20006): it failed
     // later or aTimeout passed (despite the names of these two; CM_OPT_CONNECT_FAILURE has the cause);
-    // CM_ERROR_NETWORK_DNS_FAILURE: a name that cannot be resolved; CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain ends
-    // the attempt, or the network thread ends. aTimeout null: the system's limit, none at a path, and 10 s for handshakes.
-    // aAddrLocal: the address to connect from, of the peer's family; null: any. A path as aAddrLocal is not removed at the end.
-    // At a path whose listener has no room the attempt waits for room. The arguments are copied. While an attempt runs, without
-    // a sink, or after the end of the network thread, the call is refused: it is traced and has no other effect.
+    // CM_ERROR_NETWORK_DNS_FAILURE: a name that cannot be resolved; CM_ERROR_NETWORK_TLS_CERTIFICATE (20102): the server's
+    // certificate is refused; CM_ERROR_NETWORK_TLS_HANDSHAKE (20101): TLS failed otherwise, also by an end of the connection;
+    // CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain ends the attempt, or the network thread ends. After 20101 and 20102
+    // no further address of a name is tried: a server has answered. aTimeout covers everything; null: the system's limit, none
+    // at a path, and 10 s for handshakes. aAddrLocal: the address to connect from, of the peer's family; null: any. A path as
+    // aAddrLocal is not removed at the end. At a path whose listener has no room the attempt waits for room. The arguments are
+    // copied. While an attempt runs, without a sink, or after the end of the network thread, the call is refused: it is traced
+    // and has no other effect.
     virtual void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
                              CCmInetAddr* aAddrLocal = nullptr) = 0;
 
@@ -231,9 +240,10 @@ class TALVO_API ICmAcceptor : public ICmAcceptorConnectorId {
 public:
     // OnConnectIndication follows for every connection. CM_ERROR_ALREADY_INITIALIZED: it listens. CM_ERROR_INVALID_ARG: aSink
     // is null. CM_ERROR_NETWORK_SOCKET_ERROR: the address cannot be bound or listened on; CM_OPT_CONNECT_FAILURE has the cause.
-    // CM_ERROR_NOT_INITIALIZED: there is no network thread, or it has ended.
-    // CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain runs. It stops all acceptors as StopListen does: they may listen
-    // again afterwards. The call may be repeated after any failure. Port 0: the system chooses one; GetListenAddr returns it.
+    // CM_ERROR_NOT_INITIALIZED: there is no network thread, or it has ended; or an acceptor of TLS has no context, or its
+    // context no certificate. CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain runs. It stops all acceptors as StopListen
+    // does: they may listen again afterwards. The call may be repeated after any failure. Port 0: the system chooses one;
+    // GetListenAddr returns it.
     // "::": peers of IPv4, too, which have IPv4 addresses. A path (not for datagrams): its file gets the mode of key "UnixMode"
     // in section "Transport" and is removed by StopListen. A socket that no process listens on is replaced; any other file at
     // the path is a failure.

@@ -235,6 +235,13 @@ CmResult CCmSslContext::AddCertificate(const char* aChainFile, const char* aKeyF
     });
 }
 
+BOOL CCmSslContext::HasCertificate() const {
+    if (!m_pSettings)
+        return FALSE;
+    const CCmMutexGuardT<CCmMutexThread> guard(m_pSettings->m_Mutex);
+    return !m_pSettings->m_Own.empty();
+}
+
 CmResult CCmSslContext::SetAlpn(const char* aProtocols) {
     if (!aProtocols)
         return CM_ERROR_INVALID_ARG;

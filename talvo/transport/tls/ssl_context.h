@@ -48,6 +48,9 @@ public:
     // label), or else the first.
     CmResult AddCertificate(const char* aChainFile, const char* aKeyFile, const Passphrase& aPassphrase = {});
 
+    // TRUE: AddCertificate has succeeded, so a server can use the context.
+    BOOL HasCertificate() const;
+
     // Of a client: the protocols that it offers, the preferred one first, separated by commas ("http/1.1"). Of a server: those
     // that it takes, in its order of preference. Without a common one the connection is made without a protocol.
     CmResult SetAlpn(const char* aProtocols);

@@ -1,7 +1,6 @@
 #include "talvo/transport/tls/tls_handshake.h"
 
 #include <new>
-#include <utility>
 
 namespace talvo {
 
@@ -46,20 +45,19 @@ private:
 
 }  // namespace
 
-void CTlsHandshakes::Use(CCmRefPtrT<CCmSslContext> aContext, CCmString aServerName) {
-    m_pContext = std::move(aContext);
-    m_strServerName = std::move(aServerName);
-}
-
 CCmRefPtrT<CCmTransportTcp> CTlsHandshakes::MakeTransport(ICmReactor* aReactor) {
     return new (std::nothrow) CCmTransportSsl(aReactor, m_dwType);
 }
 
+// The session begins with the handshake of TLS, which is the last.
 std::unique_ptr<IHandshake> CTlsHandshakes::MakeHandshake(CCmTransportTcp& aTransport, DWORD aStep) {
-    if (aStep > 0)
-        return nullptr;
     auto& transport = static_cast<CCmTransportSsl&>(aTransport);
-    const CmResult rv = transport.Begin(m_pContext, m_strServerName.empty() ? nullptr : m_strServerName.c_str());
+    if (transport.GetSession())
+        return nullptr;
+    if (std::unique_ptr<IHandshake> pFirst = m_pFirst ? m_pFirst->MakeHandshake(aTransport, aStep) : nullptr)
+        return pFirst;
+    const CCmString& strName = m_Settings.m_strServerName;
+    const CmResult rv = transport.Begin(m_Settings.m_pContext, strName.empty() ? nullptr : strName.c_str());
     if (rv == CM_ERROR_OUT_OF_MEMORY)
         throw std::bad_alloc();
     return std::make_unique<CTlsHandshake>(transport, rv);
