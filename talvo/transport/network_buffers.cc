@@ -1,9 +1,9 @@
 #include "talvo/transport/network_buffers.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <new>
+
+#include "talvo/transport/thread_buffers.h"
 
 namespace talvo {
 
@@ -14,24 +14,10 @@ namespace {
 [[gnu::tls_model("initial-exec")]] constinit thread_local CNetworkBuffers* t_pNetwork = nullptr;
 [[gnu::tls_model("initial-exec")]] constinit thread_local CDatagramBuffers* t_pDatagram = nullptr;
 
-// A key frees them at the thread's end. A thread-local object with a destructor would end the process if its registration ran
-// out of memory.
-template <class Buffers>
-[[gnu::noinline]] Buffers* Make(Buffers*& aBuffers) {
-    static pthread_key_t s_Key;
-    static const bool s_bKey = pthread_key_create(&s_Key, [](void* a) { delete static_cast<Buffers*>(a); }) == 0;
-    auto* pBuffers = s_bKey ? new (std::nothrow) Buffers : nullptr;
-    if (pBuffers && pthread_setspecific(s_Key, pBuffers) != 0) {
-        delete pBuffers;
-        return nullptr;
-    }
-    return aBuffers = pBuffers;
-}
-
 }  // namespace
 
-CNetworkBuffers* GetNetworkBuffers() { return t_pNetwork ? t_pNetwork : Make(t_pNetwork); }
-CDatagramBuffers* GetDatagramBuffers() { return t_pDatagram ? t_pDatagram : Make(t_pDatagram); }
+CNetworkBuffers* GetNetworkBuffers() { return t_pNetwork ? t_pNetwork : MakeThreadBuffers(t_pNetwork); }
+CDatagramBuffers* GetDatagramBuffers() { return t_pDatagram ? t_pDatagram : MakeThreadBuffers(t_pDatagram); }
 
 // Reused at once, so it is not cleared. A larger one replaces it without a copy.
 char* CNetworkBuffers::GetRoom(DWORD& aSize) {

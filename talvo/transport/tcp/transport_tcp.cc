@@ -208,8 +208,9 @@ CmResult CCmTransportTcp::UnRecv_i(const char* aData, DWORD aLen) {
 }
 
 int CCmTransportTcp::Read_i(char* aBuf, DWORD aLen, BOOL& aMore) {
-    aMore = m_pReadAhead != nullptr;
-    return Recv_i(aBuf, aLen);
+    const int nRecv = Recv_i(aBuf, aLen);
+    aMore = HasReadAhead_i();
+    return nRecv;
 }
 
 int CCmTransportTcp::Write_i(const iovec* aPieces, DWORD aCount) { return m_SocketTcp.SendV(aPieces, aCount); }
@@ -236,17 +237,18 @@ int CCmTransportTcp::OnInput(HANDLE) {
     char* pBuffer = talvo::GetNetworkBuffers()->GetRoom(dwSize);
     BOOL bMore = FALSE;
     const int nRecv = Read_i(pBuffer, dwSize, bMore);
-    m_bMore = nRecv > 0 && bMore;
-    if (m_bBroken && nRecv <= 0)
+    m_bMore = bMore && (nRecv > 0 || nRecv == WOULD_BLOCK);
+    if (m_bBroken && nRecv <= 0 && !m_bMore)
         return -1;
-    if (nRecv < 0)
-        return nRecv;
-    if (nRecv == 0)
-        return TellEnd_i();
     if (m_bBroken)
         TellBroken_i();  // the rest follows later
     else if (m_bMore)
         GoOnReading_i();
+    if (nRecv < 0)
+        return nRecv;
+    if (nRecv == 0)
+        return TellEnd_i();
+    const BOOL bAgain = bMore ? GetHeld_i() > 0 : static_cast<DWORD>(nRecv) == dwSize;
     const DWORD dwRecv = static_cast<DWORD>(nRecv);
     m_Counters.m_ullBytesReceived += dwRecv;
     ++m_Counters.m_ullReceives;
@@ -255,7 +257,7 @@ int CCmTransportTcp::OnInput(HANDLE) {
         CCmMessageBlock block(dwRecv, pBuffer, CCmMessageBlock::DONT_DELETE, dwRecv);
         m_pSink->OnReceive(block, this, nullptr);
     }
-    return dwRecv == dwSize && !bMore ? 0 : WOULD_BLOCK;
+    return bAgain ? 0 : WOULD_BLOCK;
 }
 
 int CCmTransportTcp::OnOutput(HANDLE) {
@@ -273,8 +275,7 @@ int CCmTransportTcp::OnOutput(HANDLE) {
 }
 
 void CCmTransportTcp::WaitForRoom_i() {
-    m_bNeedFlush = TRUE;
-    if (m_bOpen && IsWriteOnDemand_i())
+    if (!std::exchange(m_bNeedFlush, true) && m_bOpen && IsWriteOnDemand_i())
         m_pReactor->RegisterHandler(this, GetMask_i());
 }
 

@@ -60,6 +60,8 @@ public:
     int Send_i(const char* aBuf, DWORD aLen);
     // Puts bytes of Recv_i back for the next reader. CM_ERROR_OUT_OF_MEMORY: nothing is put back, and the stream has a gap.
     CmResult UnRecv_i(const char* aData, DWORD aLen);
+    // TRUE after Recv_i: its bytes were those of UnRecv_i, and the socket may have more.
+    BOOL HasReadAhead_i() const { return m_pReadAhead != nullptr; }
 
 protected:
     CmResult Open_t() override;
@@ -68,8 +70,8 @@ protected:
     // The hooks. They use the socket only through Recv_i and Send_i, and call nothing that may call the sink.
 
     // Bytes for the sink: a count; otherwise as Recv_i, and an end or a failure comes behind the last byte. aMore (out, FALSE
-    // before): Read_i is called again without a report of the socket. A layer sets it unless Recv_i would block and GetHeld_i
-    // is 0. Without it, and with fewer than aLen bytes, the next call comes with the next report.
+    // before): Read_i is called again without a report of the socket, also after a -2. A layer sets it unless Recv_i would
+    // block and GetHeld_i is 0. Without it, and with fewer than aLen bytes, the next call comes with the next report.
     virtual int Read_i(char* aBuf, DWORD aLen, BOOL& aMore);
     // Received bytes that Read_i can return without the socket. The beginning of a record does not count.
     virtual DWORD GetHeld_i() const { return m_pReadAhead ? m_pReadAhead->GetSize() : 0; }
@@ -92,6 +94,8 @@ protected:
     void WaitForRoom_i();
     // For a layer: Read_i returns 0 at the end if this is TRUE, and -1 otherwise.
     BOOL IsEndTold_i() const { return m_bTellEnd; }
+    // Unacknowledged bytes and those that the layer holds leave without this transport, which is closed then.
+    void LetLinger_i();
 
 private:
     // A Unix socket reports room after each read of the peer, which would wake the loop for nothing.
@@ -113,7 +117,6 @@ private:
     CmResult SetTellEnd_i(BOOL aTell);
     CmResult GetUnacknowledged_i(DWORD& aBytes);
     CmResult Detach_i(HANDLE aNewHandle);
-    void LetLinger_i();
     CmResult IsAlive_i(BOOL& aAlive) const;
     CmResult GetPeerAddr_i(CCmInetAddr& aAddr);
     CmResult GetPeerCredentials_i(ucred& aPeer) const;

@@ -12,31 +12,20 @@
 
 #include "talvo/base/trace.h"
 #include "talvo/base/with_memory.h"
-#include "talvo/transport/network_buffers.h"
+#include "talvo/transport/tls/tls_call.h"
+#include "talvo/transport/tls/tls_pieces.h"
 
 namespace talvo {
 
 namespace {
 
-constexpr DWORD GATHER = 4096;         // smaller pieces are copied into a full record
-constexpr DWORD MOST_ANSWERS = 16384;  // kept while Read still reads
-constexpr BYTE MOST_READS = 4;         // that bring no data, in one Read
+constexpr int MOST_READS = 2;  // of the socket in one Read: the longest record arrives with the second one
 constexpr int WOULD_BLOCK = -2;
 
-// Shared by the sessions of one thread, each within one call.
-struct CTlsBuffers {
-    CTlsBuffers() { m_Sealed.reserve(CTlsSession::MOST_SEALED + 2 * CTlsSession::RECORD); }
-
-    char m_Received[CTlsSession::RECORD];
-    char m_Record[CTlsSession::RECORD];
-    std::vector<char> m_Sealed;
-};
-
-CTlsBuffers* GetTlsBuffers() {
-    static thread_local std::unique_ptr<CTlsBuffers> s_pBuffers;
-    if (!s_pBuffers)
-        WithMemory([] { s_pBuffers = std::make_unique<CTlsBuffers>(); });
-    return s_pBuffers.get();
+// The queue belongs to the thread, which may have other users of OpenSSL.
+void ClearErrors() {
+    if (ERR_peek_error() != 0)
+        ERR_clear_error();
 }
 
 }  // namespace
@@ -90,12 +79,12 @@ struct CTlsBio {
 };
 
 CTlsSession::CTlsSession(CCmTransportTcp& aSocket, ssl_st* aSsl) : m_Socket(aSocket), m_pSsl(aSsl) {
-    ERR_clear_error();
+    ClearErrors();
     SSL_set_app_data(m_pSsl, this);
     SSL_set_verify(m_pSsl, SSL_get_verify_mode(m_pSsl), CTlsBio::Verify);
     const BIO_METHOD* pMethod = CTlsBio::GetMethod();
     BIO* pBio = pMethod ? BIO_new(pMethod) : nullptr;
-    ERR_clear_error();
+    ClearErrors();
     if (!pBio)
         throw std::bad_alloc();
     BIO_set_data(pBio, this);
@@ -104,25 +93,32 @@ CTlsSession::CTlsSession(CCmTransportTcp& aSocket, ssl_st* aSsl) : m_Socket(aSoc
 
 CTlsSession::~CTlsSession() {
     SSL_free(m_pSsl);
-    ERR_clear_error();
+    ClearErrors();
 }
 
 void CTlsSession::Verified_i(int aError, int aDepth, const char* aSubject) {
     const char* pText = X509_verify_cert_error_string(aError);
     CM_WARNING_TRACE_THIS("CTlsSession::Verified_i, the certificate is refused. why=" << pText << " depth=" << aDepth
                                                                                       << " subject=" << aSubject);
-    if (std::exchange(m_bUnverified, true))
-        return;
-    WithMemory([&] { m_strFailure = pText; });
+    if (!m_pUnverified)
+        m_pUnverified = pText;
 }
-
-BOOL CTlsSession::HasPeerEnded() const { return (SSL_get_shutdown(m_pSsl) & SSL_RECEIVED_SHUTDOWN) != 0; }
 
 BOOL CTlsSession::IsVerified() const {
-    return m_bShaken && !m_bUnverified && SSL_get_verify_result(m_pSsl) == X509_V_OK && SSL_get0_peer_certificate(m_pSsl);
+    return m_bUp && !m_pUnverified && SSL_get_verify_result(m_pSsl) == X509_V_OK && SSL_get0_peer_certificate(m_pSsl);
 }
 
-DWORD CTlsSession::GetHeld() const { return static_cast<DWORD>(SSL_pending(m_pSsl)); }
+const char* CTlsSession::GetFailureText() const {
+    if (m_pUnverified && !m_bUp)
+        return m_pUnverified;
+    return m_pFailure ? m_pFailure : "the peer has closed without an end of TLS";
+}
+
+DWORD CTlsSession::GetHeld() const { return m_bFailed ? 0 : static_cast<DWORD>(SSL_pending(m_pSsl)); }
+
+BOOL CTlsSession::HasBegunRecord() const { return SSL_has_pending(m_pSsl) == 1; }
+
+BOOL CTlsSession::CanSeal() const { return SSL_in_init(m_pSsl) == 0; }
 
 CmResult CTlsSession::GetPeerCertificate(CCmString& aDer) const {
     const X509* pPeer = SSL_get0_peer_certificate(m_pSsl);
@@ -151,53 +147,54 @@ void CTlsSession::GetInfo(CCmSslInfo& aInfo) const {
     aInfo.m_bResumed = SSL_session_reused(m_pSsl);
     aInfo.m_bVerified = IsVerified();
     if (!aInfo.m_bVerified)
-        aInfo.m_strNotVerified = m_bUnverified ? m_strFailure : "not checked";
+        aInfo.m_strNotVerified = m_pUnverified ? m_pUnverified : "not checked";
 }
 
 // A count; -2: would block, or this call may read no more; -1: the socket has ended or failed.
 int CTlsSession::ReadRaw_i(char* aBuf, int aLen) {
-    if (m_dwInput == 0) {
-        const int nRv = TakeInput_i(GetTlsBuffers()->m_Received, RECORD);
-        if (nRv < 0)
-            return nRv;
-    }
-    const DWORD dwTaken = std::min(static_cast<DWORD>(aLen), m_dwInput);
-    std::memcpy(aBuf, m_pInput, dwTaken);
-    m_pInput += dwTaken;
-    m_dwInput -= dwTaken;
+    CTlsCall& call = *m_pCall;
+    if (m_bUp && HasTooManyAnswers_i())
+        return WOULD_BLOCK;
+    if (call.m_dwInput == 0 && !Receive_i())
+        return m_bCut ? -1 : WOULD_BLOCK;
+    const DWORD dwTaken = std::min(static_cast<DWORD>(aLen), call.m_dwInput);
+    std::memcpy(aBuf, call.m_pInput, dwTaken);
+    call.m_pInput += dwTaken;
+    call.m_dwInput -= dwTaken;
     return static_cast<int>(dwTaken);
 }
 
-int CTlsSession::TakeInput_i(char* aBuf, DWORD aLen) {
-    if (m_bCut)
-        return -1;
-    if (m_byReads == 0)
-        return WOULD_BLOCK;
-    --m_byReads;
-    const int nReceived = m_Socket.Recv_i(aBuf, aLen);
-    m_bDry = nReceived == WOULD_BLOCK;
-    if (m_bDry)
-        return WOULD_BLOCK;
-    m_bCut = nReceived <= 0;
-    if (m_bCut)
-        return -1;
-    m_pInput = aBuf;
-    m_dwInput = static_cast<DWORD>(nReceived);
-    m_dwReceived += m_bShaken ? 0 : m_dwInput;
-    return nReceived;
+// Fewer bytes than there is room for mean that the socket is dry: the next ones are reported. Only an end behind them is not,
+// if earlier ones have waited for this call.
+BOOL CTlsSession::Receive_i() {
+    CTlsCall& call = *m_pCall;
+    if (m_bCut || !std::exchange(call.m_bMayReceive, false))
+        return FALSE;
+    DWORD dwRoom = call.m_dwReadSize;
+    char* pRoom = call.m_pBuffers->m_Received.GetRoom(dwRoom);
+    const int nReceived = m_Socket.Recv_i(pRoom, dwRoom);
+    call.m_bReceived = true;
+    m_bCut = nReceived <= 0 && nReceived != WOULD_BLOCK;
+    call.m_bDry = nReceived < static_cast<int>(dwRoom) && !m_Socket.HasReadAhead_i() && (nReceived <= 0 || !m_bBehind);
+    if (nReceived <= 0)
+        return FALSE;
+    call.m_pInput = pRoom;
+    call.m_dwInput = static_cast<DWORD>(nReceived);
+    m_dwReceived += m_bUp ? 0 : call.m_dwInput;
+    return TRUE;
 }
 
-// Takes all; -1: memory ran out.
+// Takes all, so that OpenSSL never has to repeat a write; -1: memory ran out.
 int CTlsSession::WriteRaw_i(const char* aBuf, int aLen) {
-    std::vector<char>& sealed = GetTlsBuffers()->m_Sealed;
+    std::vector<char>& sealed = m_pCall->m_pBuffers->m_Sealed;
     return WithMemory([&] { sealed.insert(sealed.end(), aBuf, aBuf + aLen); }) ? aLen : -1;
 }
 
 CTlsSession::EResult CTlsSession::Fail_i(const char* aText) {
     m_bFailed = true;
-    if (m_strFailure.empty())
-        WithMemory([&] { m_strFailure = aText; });
-    ERR_clear_error();
+    if (!m_pFailure)
+        m_pFailure = aText;
+    ClearErrors();
     return FAILED;
 }
 
@@ -205,10 +202,11 @@ CTlsSession::EResult CTlsSession::Fail_i(const char* aText) {
 CTlsSession::EResult CTlsSession::Outcome_i(int aReturned) {
     switch (SSL_get_error(m_pSsl, aReturned)) {
     case SSL_ERROR_WANT_READ:
-        ERR_clear_error();
+        ClearErrors();
         return WANT_READ;
     case SSL_ERROR_ZERO_RETURN:
-        ERR_clear_error();
+        ClearErrors();
+        m_bPeerEnded = true;
         return ENDED;
     default: {
         if (m_bCut)
@@ -220,28 +218,27 @@ CTlsSession::EResult CTlsSession::Outcome_i(int aReturned) {
 }
 
 CTlsSession::EResult CTlsSession::Handshake() {
-    if (!GetTlsBuffers())
-        throw std::bad_alloc();
-    if (m_bShaken)
+    if (m_bUp)
         return SendKept_i();
-    m_byReads = MOST_READS;
+    CTlsCall call(m_pCall, RECORD);
+    if (!call.IsReady())
+        throw std::bad_alloc();
     EResult result = WANT_READ;
-    while (result == WANT_READ && !m_bDry) {
-        ERR_clear_error();
+    while (result == WANT_READ && !call.m_bDry) {
+        call.m_bMayReceive = true;
+        ClearErrors();
         const int nRv = SSL_do_handshake(m_pSsl);
         result = nRv == 1 ? DONE : Outcome_i(nRv);
-        if (m_byReads == 0)
-            m_byReads = 1;
-        if (m_dwReceived > MOST_HANDSHAKE && SSL_is_server(m_pSsl))
+        if (result == WANT_READ && m_dwReceived > MOST_HANDSHAKE && SSL_is_server(m_pSsl))
             result = Fail_i("the handshake is too long");
     }
-    m_bDry = false;
     const EResult sent = SendSealed_i();
-    if (result == WANT_READ || result == FAILED)
+    if (sent == FAILED || result == WANT_READ || result == FAILED)
         return sent == FAILED ? FAILED : result;
     if (result == ENDED)
         return Fail_i("the peer has ended the handshake");
-    m_bShaken = true;
+    m_bUp = true;
+    ClearErrors();
     if (!PutBack_i())
         throw std::bad_alloc();
     return sent;
@@ -249,147 +246,166 @@ CTlsSession::EResult CTlsSession::Handshake() {
 
 // What this call has received and not decrypted is for the next one.
 BOOL CTlsSession::PutBack_i() {
-    const DWORD dwRest = std::exchange(m_dwInput, 0);
-    return dwRest == 0 || m_Socket.UnRecv_i(m_pInput, dwRest) == CM_OK;
+    const DWORD dwRest = std::exchange(m_pCall->m_dwInput, 0);
+    return dwRest == 0 || m_Socket.UnRecv_i(m_pCall->m_pInput, dwRest) == CM_OK;
 }
 
 CTlsSession::EResult CTlsSession::Read(char* aBuf, DWORD aLen, DWORD& aRead, BOOL& aMore) {
     aRead = 0;
     aMore = FALSE;
-    if (m_bFailed)
+    if (m_bPeerEnded)
+        return ENDED;
+    if (m_bFailed || !m_bUp)
         return FAILED;
-    m_bAnswersWait = GetUnsent() > MOST_SEALED + MOST_ANSWERS;
+    if (HasTooManyAnswers_i())
+        SendKept_i();
+    m_bAnswersWait = HasTooManyAnswers_i();
     if (m_bAnswersWait)
         return WANT_READ;
-    if (!GetTlsBuffers())
+    CTlsCall call(m_pCall, aLen);
+    if (!call.IsReady())
         return Fail_i("memory ran out");
     EResult result = WANT_READ;
-    m_bDry = false;
-    for (BYTE by = 0; by < MOST_READS && aRead == 0 && result == WANT_READ && !m_bDry; ++by)
-        result = ReadOnce_i(aBuf, aLen, aRead);
-    if (!PutBack_i())
+    for (int i = 0; i < MOST_READS && aRead == 0 && result == WANT_READ && !call.m_bDry; ++i)
+        result = ReadSome_i(aBuf, std::min(aLen, RECORD), aRead);
+    if (result != ENDED && result != FAILED && !PutBack_i())
         result = Fail_i("memory ran out");
-    if (SendSealed_i() == FAILED)
-        result = FAILED;
-    aMore = !m_bDry || aRead == aLen;
+    SendSealed_i();
+    m_bAnswersWait = HasTooManyAnswers_i();
+    m_bBehind = call.m_bReceived ? !call.m_bDry : m_bBehind;
+    const BOOL bHeld = m_bBehind || GetHeld() > 0 || m_Socket.HasReadAhead_i();
+    aMore = result == ENDED || m_bFailed || (bHeld && !m_bAnswersWait);
     if (aRead > 0)
         return DONE;  // an end or a failure comes with the next call
-    return result;
+    return m_bFailed ? FAILED : result;
 }
 
-// One read of the socket, and all that can be decrypted then.
-CTlsSession::EResult CTlsSession::ReadOnce_i(char* aBuf, DWORD aLen, DWORD& aRead) {
-    m_byReads = 1;
+// One read of the socket, and all that can be decrypted then. If aBuf is full, OpenSSL takes one record more, or its
+// beginning, so that nothing has to be put back as a rule.
+CTlsSession::EResult CTlsSession::ReadSome_i(char* aBuf, DWORD aLen, DWORD& aRead) {
+    m_pCall->m_bMayReceive = true;
     while (aRead < aLen) {
-        ERR_clear_error();
+        ClearErrors();
         const int nRead = SSL_read(m_pSsl, aBuf + aRead, static_cast<int>(aLen - aRead));
         if (nRead <= 0)
             return Outcome_i(nRead);
         aRead += static_cast<DWORD>(nRead);
     }
-    return DONE;
+    if (m_pCall->m_dwInput == 0)
+        return DONE;
+    const int nRv = SSL_read(m_pSsl, aBuf, 0);
+    return nRv < 0 ? Outcome_i(nRv) : DONE;
 }
 
 CTlsSession::EResult CTlsSession::Write(const iovec* aPieces, DWORD aCount, DWORD& aTaken) {
     aTaken = 0;
+    if (m_bFailed || m_bEnded || !m_bUp)
+        return FAILED;
     EResult result = SendKept_i();
-    const iovec* pPiece = aPieces;
-    size_t stOffset = 0;
-    while (result == DONE && pPiece != aPieces + aCount) {
-        result = SealSome_i(pPiece, aPieces + aCount, stOffset, aTaken);
+    if (result != DONE)
+        return result;
+    CTlsCall call(m_pCall, 0);
+    if (!call.IsReady() || !CanSeal())
+        return WANT_WRITE;
+    CTlsPieces pieces(aPieces, aCount);
+    while (result == DONE && !pieces.IsEmpty()) {
+        result = SealSome_i(pieces, aTaken);
         const EResult sent = SendSealed_i();
-        if (result == DONE)
-            result = sent;
+        result = result == DONE ? sent : result;
     }
     return result;
 }
 
-// Up to MOST_SEALED bytes. Small pieces share a record; a large one is sealed where it lies.
-CTlsSession::EResult CTlsSession::SealSome_i(const iovec*& aPiece, const iovec* aEnd, size_t& aOffset, DWORD& aTaken) {
-    CTlsBuffers* pBuffers = GetTlsBuffers();
-    if (!pBuffers)
-        return Fail_i("memory ran out");
-    while (aPiece != aEnd && pBuffers->m_Sealed.size() < MOST_SEALED) {
-        const char* pData = static_cast<const char*>(aPiece->iov_base) + aOffset;
-        size_t stLength = std::min<size_t>(aPiece->iov_len - aOffset, RECORD);
-        if (stLength < GATHER && aPiece + 1 != aEnd) {
-            size_t stGathered = 0;
-            while (aPiece != aEnd && stGathered < RECORD) {
-                const size_t st = std::min(aPiece->iov_len - aOffset, RECORD - stGathered);
-                std::memcpy(pBuffers->m_Record + stGathered, static_cast<const char*>(aPiece->iov_base) + aOffset, st);
-                stGathered += st;
-                aOffset += st;
-                if (aOffset == aPiece->iov_len) {
-                    ++aPiece;
-                    aOffset = 0;
-                }
-            }
-            pData = pBuffers->m_Record;
-            stLength = stGathered;
-        } else if ((aOffset += stLength) == aPiece->iov_len) {
-            ++aPiece;
-            aOffset = 0;
-        }
-        if (stLength == 0)
-            continue;
-        ERR_clear_error();
-        const int nSealed = SSL_write(m_pSsl, pData, static_cast<int>(stLength));
+// For one system call.
+CTlsSession::EResult CTlsSession::SealSome_i(CTlsPieces& aPieces, DWORD& aTaken) {
+    size_t stSealed = 0;
+    while (!aPieces.IsEmpty() && stSealed + RECORD <= MOST_SEALED) {
+        const std::string_view data = aPieces.Take(m_pCall->m_pBuffers->m_Record, RECORD);
+        ClearErrors();
+        const int nSealed = SSL_write(m_pSsl, data.data(), static_cast<int>(data.size()));
         if (nSealed <= 0)
             return Outcome_i(nSealed) == FAILED ? FAILED : Fail_i("TLS took no data");
-        aTaken += static_cast<DWORD>(nSealed);
+        stSealed += data.size();
+        aTaken += static_cast<DWORD>(data.size());
     }
     return DONE;
 }
 
-// DONE, WANT_WRITE with the rest kept, or FAILED.
+// DONE, WANT_WRITE with the rest kept, or FAILED. Behind our end and a failure the bytes are dropped.
 CTlsSession::EResult CTlsSession::SendSealed_i() {
-    std::vector<char>& sealed = GetTlsBuffers()->m_Sealed;
+    std::vector<char>& sealed = m_pCall->m_pBuffers->m_Sealed;
+    if (m_bSendFailed || m_bEnded)
+        sealed.clear();
     size_t stSent = 0;
-    int nSent = 1;
-    if (GetUnsent() > 0)
-        nSent = 0;  // behind those
+    int nSent = GetUnsent() > 0 ? 0 : 1;  // behind those that are kept
     while (stSent < sealed.size() && nSent > 0) {
         nSent = m_Socket.Send_i(sealed.data() + stSent, static_cast<DWORD>(sealed.size() - stSent));
         stSent += nSent > 0 ? static_cast<size_t>(nSent) : 0;
     }
-    const BOOL bKept = nSent < 0 || stSent == sealed.size() || Keep_i(sealed.data() + stSent, sealed.size() - stSent);
+    if (nSent < 0)
+        return SendFailed_i();
+    const BOOL bKept = stSent == sealed.size() || Keep_i(sealed.data() + stSent, sealed.size() - stSent);
     sealed.clear();
-    if (nSent < 0 || !bKept)
-        return Fail_i("the socket has failed");
+    if (!bKept)
+        return Fail_i("memory ran out");
     return GetUnsent() > 0 ? WANT_WRITE : DONE;
 }
 
+CTlsSession::EResult CTlsSession::SendFailed_i() {
+    m_nSendErrno = errno;
+    m_bSendFailed = true;
+    if (!m_pFailure)
+        m_pFailure = "the socket has failed";
+    return FAILED;
+}
+
 BOOL CTlsSession::Keep_i(const char* aData, size_t aLen) {
-    return WithMemory([&] {
+    const BOOL bKept = WithMemory([&] {
         if (!m_pKept)
             m_pKept = std::make_unique<std::vector<char>>();
+        m_pKept->erase(m_pKept->begin(), m_pKept->begin() + static_cast<std::ptrdiff_t>(m_stKeptSent));
+        m_stKeptSent = 0;
         m_pKept->insert(m_pKept->end(), aData, aData + aLen);
     });
+    if (bKept && m_pCall->m_dwReadSize > 0)
+        m_dwAnswers = GetAnswers_i() + static_cast<DWORD>(aLen);
+    return bKept;
 }
 
 CTlsSession::EResult CTlsSession::SendKept_i() {
     while (GetUnsent() > 0) {
+        if (m_bSendFailed)
+            return FAILED;
         const int nSent = m_Socket.Send_i(m_pKept->data() + m_stKeptSent, GetUnsent());
         if (nSent < 0)
-            return Fail_i("the socket has failed");
+            return SendFailed_i();
         if (nSent == 0)
             return WANT_WRITE;
         m_stKeptSent += static_cast<size_t>(nSent);
     }
+    DropKept_i();
+    return m_bSendFailed ? FAILED : DONE;
+}
+
+void CTlsSession::DropKept_i() {
     m_pKept.reset();
     m_stKeptSent = 0;
-    return DONE;
+    m_dwAnswers = 0;
 }
 
 CTlsSession::EResult CTlsSession::Flush(BOOL aEnd) {
-    if (aEnd && m_bShaken && !m_bFailed && !std::exchange(m_bEnded, true) && GetTlsBuffers()) {
-        ERR_clear_error();
+    if (aEnd && m_bUp && !m_bFailed && !m_bEnded) {
+        CTlsCall call(m_pCall, 0);
+        if (!call.IsReady())
+            return SendKept_i();
+        ClearErrors();
         SSL_shutdown(m_pSsl);
-        ERR_clear_error();
-        if (SendSealed_i() == FAILED)
-            return FAILED;
+        ClearErrors();
+        SendSealed_i();
+        m_bEnded = true;
     }
-    return SendKept_i();
+    const EResult result = SendKept_i();
+    return result == DONE && !aEnd && !CanSeal() ? WANT_WRITE : result;
 }
 
 CCmChainPtr CTlsSession::TakeUnsent() {
@@ -398,9 +414,20 @@ CCmChainPtr CTlsSession::TakeUnsent() {
         return nullptr;
     const CCmMessageBlock kept(dwUnsent, m_pKept->data() + m_stKeptSent, CCmMessageBlock::DONT_DELETE, dwUnsent);
     CCmChainPtr pChain(kept.DuplicateChained());
-    m_pKept.reset();
-    m_stKeptSent = 0;
+    DropKept_i();
     return pChain;
 }
+
+// At the end of the bytes that are kept: Write seals nothing behind them.
+DWORD CTlsSession::GetAnswers_i() const { return std::min(m_dwAnswers, GetUnsent()); }
+
+BOOL CTlsSession::HasTooManyAnswers_i() const {
+    const size_t stSealed = m_pCall ? m_pCall->m_pBuffers->m_Sealed.size() : 0;
+    return !m_bSendFailed && !m_bEnded && GetAnswers_i() + stSealed >= MOST_ANSWERS;
+}
+
+BOOL CTlsSession::MayReadOn() { return !HasTooManyAnswers_i() && std::exchange(m_bAnswersWait, false); }
+
+void CTlsSession::DropAnswers() { m_bSendFailed = m_bSendFailed || m_bAnswersWait; }
 
 }  // namespace talvo

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "talvo/base/chain_ptr.h"
@@ -13,21 +12,25 @@ struct ssl_st;
 
 namespace talvo {
 
+class CTlsCall;
+class CTlsPieces;
+
 // The handshake, the records and the ends of one connection, client or server. It reads and writes the socket by Recv_i and
 // Send_i. Sealed bytes that the socket refuses are kept and leave before anything new is sealed. In the thread of the
-// transport.
+// transport. A call inside another call of the same session, from a sink of the trace, does nothing.
 class TALVO_API CTlsSession {
 public:
     enum EResult {
         DONE,
         WANT_READ,   // the socket would block
-        WANT_WRITE,  // sealed bytes wait for room
+        WANT_WRITE,  // sealed bytes wait for room, or a message of the peer's handshake is incomplete
         ENDED,       // the peer has sent close_notify, and there is no more data
         FAILED       // see GetFailureText
     };
 
     static constexpr DWORD RECORD = 16384;          // the data of one record (RFC 8446, 5.1)
-    static constexpr DWORD MOST_SEALED = 65536;     // in one system call
+    static constexpr DWORD MOST_SEALED = 65536;     // the data of one system call
+    static constexpr DWORD MOST_ANSWERS = 16384;    // OpenSSL's own bytes to the peer that wait for room
     static constexpr DWORD MOST_HANDSHAKE = 65536;  // bytes of a client's handshake
 
     // aSsl: owned, a client's or a server's, and configured. aSocket outlives the session.
@@ -36,34 +39,49 @@ public:
     CTlsSession(const CTlsSession&) = delete;
     CTlsSession& operator=(const CTlsSession&) = delete;
 
-    // DONE: complete, and all of it has been sent. Bytes behind it go back by UnRecv_i.
+    // DONE: complete, and all of it has been sent. Bytes behind it go back by UnRecv_i. Throws std::bad_alloc.
     EResult Handshake();
+    // The handshake is complete. Without it there is neither Read nor Write.
+    BOOL IsUp() const { return m_bUp; }
 
-    // Decrypts into aBuf with at most one read of the socket, more only if a read brings no data. aRead (out): the bytes; 0
-    // unless DONE. aMore (out): there is more to read without a report of the socket.
+    // Decrypts into aBuf with at most one read of the socket, of aLen bytes; a second one follows if the first brings no data.
+    // aRead (out): at most aLen and RECORD bytes; 0 unless DONE. aMore (out): there is more to read without a report of the
+    // socket.
     EResult Read(char* aBuf, DWORD aLen, DWORD& aRead, BOOL& aMore);
     // Decrypted bytes that Read returns without the socket.
     DWORD GetHeld() const;
+    // The beginning of a record, or more, has left the socket.
+    BOOL HasBegunRecord() const;
 
     // Seals and sends. aTaken (out): the bytes taken, fewer than all only with WANT_WRITE or FAILED.
     EResult Write(const iovec* aPieces, DWORD aCount, DWORD& aTaken);
-    // Sends the sealed bytes that are kept. aEnd: seals close_notify behind them, once.
+    // FALSE: Write takes nothing before Read has read the rest of a message.
+    BOOL CanSeal() const;
+    // Sends the sealed bytes that are kept. aEnd: seals close_notify behind them, once; nothing is sealed after that.
     EResult Flush(BOOL aEnd);
     DWORD GetUnsent() const { return m_pKept ? static_cast<DWORD>(m_pKept->size() - m_stKeptSent) : 0; }
     // Null: there are none, or memory ran out.
     CCmChainPtr TakeUnsent();
-    // Read waits until the answers to the peer have left; it must be called again then.
-    BOOL WaitsForAnswers() const { return m_bAnswersWait; }
+    // The errno of the send that has failed; 0: none.
+    int GetSendErrno() const { return m_nSendErrno; }
 
-    BOOL HasPeerEnded() const;
-    BOOL IsCut() const { return m_bCut; }                // the socket has ended or failed
-    BOOL IsUnverified() const { return m_bUnverified; }  // the handshake has failed for the peer's certificate
+    // Read waits until OpenSSL's answers to the peer have left.
+    BOOL WaitsForAnswers() const { return m_bAnswersWait; }
+    // TRUE once after that: Read must be called again.
+    BOOL MayReadOn();
+    // The peer has gone: its answers are dropped instead.
+    void DropAnswers();
+
+    BOOL HasPeerEnded() const { return m_bPeerEnded; }              // close_notify has arrived
+    BOOL IsBroken() const { return m_bFailed && !m_bCut; }          // a record was wrong, or an alert has arrived
+    BOOL IsUnverified() const { return m_pUnverified != nullptr; }  // for the peer's certificate
     BOOL IsVerified() const;
-    // "certificate has expired", "unexpected eof while reading": static, or as long as the session.
-    const char* GetFailureText() const { return m_strFailure.c_str(); }
+    // "certificate has expired", "unexpected eof while reading". Static.
+    const char* GetFailureText() const;
 
     // aDer (out): the peer's certificate. CM_ERROR_NOT_FOUND: it has sent none.
     CmResult GetPeerCertificate(CCmString& aDer) const;
+    // Throws std::bad_alloc.
     void GetInfo(CCmSslInfo& aInfo) const;
 
 private:
@@ -71,33 +89,39 @@ private:
 
     int ReadRaw_i(char* aBuf, int aLen);
     int WriteRaw_i(const char* aBuf, int aLen);
-    int TakeInput_i(char* aBuf, DWORD aLen);
-    EResult ReadOnce_i(char* aBuf, DWORD aLen, DWORD& aRead);
+    BOOL Receive_i();
+    EResult ReadSome_i(char* aBuf, DWORD aLen, DWORD& aRead);
     EResult Outcome_i(int aReturned);
     EResult Fail_i(const char* aText);
     BOOL PutBack_i();
     EResult SendSealed_i();
     EResult SendKept_i();
+    EResult SendFailed_i();
     BOOL Keep_i(const char* aData, size_t aLen);
-    EResult SealSome_i(const iovec*& aPiece, const iovec* aEnd, size_t& aOffset, DWORD& aTaken);
+    EResult SealSome_i(CTlsPieces& aPieces, DWORD& aTaken);
+    void DropKept_i();
+    DWORD GetAnswers_i() const;
+    BOOL HasTooManyAnswers_i() const;
     void Verified_i(int aError, int aDepth, const char* aSubject);
 
     CCmTransportTcp& m_Socket;
     ssl_st* const m_pSsl;
+    CTlsCall* m_pCall = nullptr;                 // under way
     std::unique_ptr<std::vector<char>> m_pKept;  // sealed, for the socket; null: none
     size_t m_stKeptSent = 0;
-    std::string m_strFailure;
-    const char* m_pInput = nullptr;  // received in this call, not decrypted yet
-    DWORD m_dwInput = 0;
+    DWORD m_dwAnswers = 0;   // bytes at the end of m_pKept that Read has sealed, sent ones included
     DWORD m_dwReceived = 0;  // by the handshake
-    BYTE m_byReads = 0;      // that this call may still make
-    bool m_bDry = false;     // the socket would block
-    bool m_bCut = false;     // it has ended or failed
-    bool m_bFailed = false;
-    bool m_bShaken = false;
-    bool m_bEnded = false;  // ours: close_notify is sealed
+    int m_nSendErrno = 0;
+    const char* m_pFailure = nullptr;     // null: none
+    const char* m_pUnverified = nullptr;  // null: the certificate is good, or was not checked
+    bool m_bUp = false;
+    bool m_bBehind = false;      // the last Read has ended before the socket was dry
+    bool m_bCut = false;         // the socket has ended or failed
+    bool m_bFailed = false;      // nothing is read or written any more
+    bool m_bSendFailed = false;  // nothing is written any more
+    bool m_bEnded = false;       // ours: close_notify is sealed
+    bool m_bPeerEnded = false;
     bool m_bAnswersWait = false;
-    bool m_bUnverified = false;
 };
 
 }  // namespace talvo

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <utility>
 
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
@@ -35,8 +34,17 @@ CmResult CCmTransportSsl::Begin(const CCmRefPtrT<CCmSslContext>& aContext, const
     return aContext->Begin_i(*this, m_dwType, aServerName, m_pSession);
 }
 
+CmResult CCmTransportSsl::Open_t() { return IsUp_i() ? CCmTransportTcp::Open_t() : CM_ERROR_NOT_INITIALIZED; }
+
+// The bytes that SendData has taken still leave, as the system's own do.
+void CCmTransportSsl::OnReferenceDestory() {
+    if (GetHandle() != CM_INVALID_HANDLE && Flush_i(TRUE) == CM_ERROR_PARTIAL_DATA)
+        LetLinger_i();
+    CCmTransportTcp::OnReferenceDestory();
+}
+
 CmResult CCmTransportSsl::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
-    if (m_pSession)
+    if (IsUp_i())
         return CCmTransportTcp::SendData(aData, aPara);
     if (aPara)
         aPara->m_dwHaveSent = 0;
@@ -44,25 +52,26 @@ CmResult CCmTransportSsl::SendData(CCmMessageBlock& aData, CCmTransportParameter
 }
 
 int CCmTransportSsl::Read_i(char* aBuf, DWORD aLen, BOOL& aMore) {
-    if (!m_pSession)
-        return CCmTransportTcp::Read_i(aBuf, aLen, aMore);
+    const BOOL bCouldSeal = m_pSession->CanSeal();
     DWORD dwRead = 0;
-    const CTlsSession::EResult result = m_pSession->Read(aBuf, std::min(aLen, CTlsSession::RECORD), dwRead, aMore);
+    const CTlsSession::EResult result = m_pSession->Read(aBuf, aLen, dwRead, aMore);
     if (m_pSession->GetUnsent() > 0)
         WaitForRoom_i();
+    if (!bCouldSeal && m_pSession->CanSeal())
+        m_pReactor->NotifyHandler(this, WRITE_MASK);
     if (dwRead > 0)
         return static_cast<int>(dwRead);
-    if (result != CTlsSession::WANT_READ)
-        return Ended_i(result);
-    if (aMore)
-        m_pReactor->NotifyHandler(this, READ_MASK);  // the peer sends records without data
-    return WOULD_BLOCK;
+    return result == CTlsSession::WANT_READ ? WOULD_BLOCK : Ended_i(result);
 }
 
+// The answer to close_notify is one: the peer may still read.
 int CCmTransportSsl::Ended_i(CTlsSession::EResult aResult) {
+    if (aResult == CTlsSession::ENDED && IsEndTold_i())
+        return 0;
     if (aResult == CTlsSession::ENDED)
-        return IsEndTold_i() ? 0 : -1;
-    NoteEnd_i();
+        m_pSession->Flush(TRUE);
+    else
+        NoteEnd_i();
     return -1;
 }
 
@@ -70,41 +79,51 @@ DWORD CCmTransportSsl::GetHeld_i() const { return CCmTransportTcp::GetHeld_i() +
 
 void CCmTransportSsl::NoteEnd_i() {
     static constexpr CWayToFail CUT = {CM_FAILURE_PROTOCOL, "the stream has ended without close_notify", "receive from"};
-    static constexpr CWayToFail BROKEN = {CM_FAILURE_PROTOCOL, "a record is not valid", "receive from"};
+    static constexpr CWayToFail BROKEN = {CM_FAILURE_PROTOCOL, "the peer has broken TLS off", "receive from"};
     if (!m_pSession || m_pSession->HasPeerEnded() || HasFailed_i())
         return;
     CM_WARNING_TRACE_THIS("CCmTransportSsl::NoteEnd_i, fd=" << GetHandle() << " why=" << m_pSession->GetFailureText());
-    NoteFailure_i(m_pSession->IsCut() ? CUT : BROKEN);
+    NoteFailure_i(m_pSession->IsBroken() ? BROKEN : CUT);
+}
+
+// The peer reads no more answers, so reading need not wait for them.
+int CCmTransportSsl::OnClose(HANDLE aFd, long aMask) {
+    if (m_pSession)
+        m_pSession->DropAnswers();
+    return CCmTransportTcp::OnClose(aFd, aMask);
 }
 
 int CCmTransportSsl::Write_i(const iovec* aPieces, DWORD aCount) {
     DWORD dwTaken = 0;
     const CTlsSession::EResult result = m_pSession->Write(aPieces, aCount, dwTaken);
-    if (result == CTlsSession::FAILED) {
-        errno = EPROTO;
-        return -1;
-    }
-    if (result == CTlsSession::WANT_WRITE)
+    ReadOn_i();
+    if (result == CTlsSession::WANT_WRITE || (result == CTlsSession::FAILED && dwTaken > 0))
         WaitForRoom_i();
-    errno = EAGAIN;
-    return dwTaken > 0 ? static_cast<int>(dwTaken) : -1;
+    if (dwTaken > 0)
+        return static_cast<int>(dwTaken);  // a failure comes with the flush
+    if (result == CTlsSession::FAILED)
+        errno = m_pSession->GetSendErrno() != 0 ? m_pSession->GetSendErrno() : EPROTO;
+    else
+        errno = EAGAIN;
+    return -1;
 }
 
 CmResult CCmTransportSsl::Flush_i(BOOL aEnd) {
     if (!m_pSession)
         return CM_OK;
-    const BOOL bWaited = m_pSession->WaitsForAnswers();
-    switch (m_pSession->Flush(aEnd)) {
-    case CTlsSession::DONE:
-        if (bWaited)
-            m_pReactor->NotifyHandler(this, READ_MASK);
-        return CM_OK;
-    case CTlsSession::FAILED:
-        errno = errno ? errno : EPROTO;
-        return CM_ERROR_NETWORK_SOCKET_ERROR;
-    default:
+    const CTlsSession::EResult result = m_pSession->Flush(aEnd);
+    ReadOn_i();
+    if (result == CTlsSession::WANT_WRITE)
         return CM_ERROR_PARTIAL_DATA;
-    }
+    if (result == CTlsSession::DONE)
+        return CM_OK;
+    errno = m_pSession->GetSendErrno() != 0 ? m_pSession->GetSendErrno() : EPROTO;
+    return CM_ERROR_NETWORK_SOCKET_ERROR;
+}
+
+void CCmTransportSsl::ReadOn_i() {
+    if (m_pSession->MayReadOn())
+        m_pReactor->NotifyHandler(this, READ_MASK);
 }
 
 DWORD CCmTransportSsl::GetUnsent_i() const { return m_pSession ? m_pSession->GetUnsent() : 0; }
@@ -113,6 +132,14 @@ CCmChainPtr CCmTransportSsl::TakeUnsent_i() { return m_pSession ? m_pSession->Ta
 
 CmResult CCmTransportSsl::GetEndReason_i() const {
     return !m_pSession || m_pSession->HasPeerEnded() ? CM_ERROR_NETWORK_SOCKET_ERROR : CM_ERROR_NETWORK_TLS_CUT;
+}
+
+// The socket alone is of no use to its next owner if a record has begun.
+CmResult CCmTransportSsl::SetOption(DWORD aCommand, void* aArg) {
+    const BOOL bDetach = aCommand == CM_OPT_TRANSPORT_FD && aArg && *static_cast<HANDLE*>(aArg) == CM_INVALID_HANDLE;
+    if (bDetach && m_pSession && m_pSession->HasBegunRecord())
+        return CM_ERROR_NOT_AVAILABLE;
+    return CCmTransportTcp::SetOption(aCommand, aArg);
 }
 
 CmResult CCmTransportSsl::GetOption(DWORD aCommand, void* aArg) {

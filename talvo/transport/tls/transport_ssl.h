@@ -7,14 +7,19 @@
 #include "talvo/transport/tls/tls_session.h"
 
 // A stream like TCP's; see CCmTransportTcp. Connectors and acceptors of the types 4, 8 and 12 make it, and indicate it when its
-// handshake is complete. An OnReceive has at most 16,384 bytes.
+// handshake is complete; OpenWithSink returns CM_ERROR_NOT_INITIALIZED before. An OnReceive has at most 16,384 bytes.
+// CM_OPT_TRANSPORT_READ_SIZE is that of the ciphertext.
 //
 // OnDisconnect is CM_ERROR_NETWORK_SOCKET_ERROR behind the peer's close_notify. Any other end is CM_ERROR_NETWORK_TLS_CUT: the
 // stream may be truncated. Disconnect(CM_OK) and CM_OPT_TRANSPORT_END_SENDING send close_notify; a peer of TLS 1.2 may then
 // drop what it has not sent yet (RFC 5246, 7.2.1).
 //
-// A send is sealed in records of at most 16 KiB, 64 KiB in one system call. A sealed record counts as sent. What the socket
-// does not take of it is kept, and leaves by itself before anything new is sealed.
+// A send is sealed in records of at most 16 KiB, 64 KiB in one system call. A sealed record counts as sent. Sealed bytes that
+// the socket does not take are kept, at most 64 KiB and a record, and leave by themselves before anything new is sealed. The
+// last release does not lose them either: see CTransportLinger.
+//
+// The answers of OpenSSL to a peer, to key updates for example, wait for room likewise. With 16 KiB of them nothing is read
+// until they have left.
 class TALVO_API CCmTransportSsl : public CCmTransportTcp {
 public:
     // aType: 4, 8 or 12. The session begins with Begin.
@@ -29,11 +34,17 @@ public:
     // Null before Begin.
     talvo::CTlsSession* GetSession() const { return m_pSession.get(); }
 
-    // Also CM_ERROR_NOT_INITIALIZED: there is no session.
+    int OnClose(HANDLE aFd, long aMask) override;
+
+    // Also CM_ERROR_NOT_INITIALIZED: the handshake is not complete.
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
+    CmResult SetOption(DWORD aCommand, void* aArg) override;
     CmResult GetOption(DWORD aCommand, void* aArg) override;
 
 protected:
+    CmResult Open_t() override;
+    void OnReferenceDestory() override;
+
     int Read_i(char* aBuf, DWORD aLen, BOOL& aMore) override;
     DWORD GetHeld_i() const override;
     void NoteEnd_i() override;
@@ -44,7 +55,9 @@ protected:
     CmResult GetEndReason_i() const override;
 
 private:
+    BOOL IsUp_i() const { return m_pSession && m_pSession->IsUp(); }
     int Ended_i(talvo::CTlsSession::EResult aResult);
+    void ReadOn_i();
     CmResult GetInfo_i(CCmSslInfo& aInfo) const;
 
     CCmRefPtrT<CCmSslContext> m_pContext;  // as long as the session
