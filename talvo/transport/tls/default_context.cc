@@ -44,22 +44,25 @@ void CDefaultContext::Clear() {
 }
 
 CCmRefPtrT<CCmSslContext> CDefaultContext::Get() {
+    WithMemory([this] { Renew(); });
+    const CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+    return m_pContext;
+}
+
+void CDefaultContext::Renew() {
     const CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
     const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
     if (m_pContext && tvNow < m_tvLooked + LOOK_TIME)
-        return m_pContext;
-    WithMemory([&]() CM_REQUIRES(m_Mutex) {
-        const CCmString strFile = get_string_param("Ssl", "CaFile", ""), strFolder = get_string_param("Ssl", "CaPath", "");
-        CCmString strState = StateOf(strFile) + StateOf(strFolder);
-        m_tvLooked = tvNow;
-        if (m_pContext && strState == m_strState)
-            return;
-        CCmRefPtrT<CCmSslContext> pContext(new CCmSslContext);
-        SetUp(*pContext, strFile, strFolder);
-        m_strState.swap(strState);
-        m_pContext = pContext;
-    });
-    return m_pContext;
+        return;
+    const CCmString strFile = get_string_param("Ssl", "CaFile", ""), strFolder = get_string_param("Ssl", "CaPath", "");
+    CCmString strState = StateOf(strFile) + StateOf(strFolder);
+    m_tvLooked = tvNow;
+    if (m_pContext && strState == m_strState)
+        return;
+    CCmRefPtrT<CCmSslContext> pContext(new CCmSslContext);
+    SetUp(*pContext, strFile, strFolder);
+    m_strState.swap(strState);
+    m_pContext = pContext;
 }
 
 }  // namespace talvo

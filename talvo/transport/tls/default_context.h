@@ -19,6 +19,9 @@ public:
     void Clear();
 
 private:
+    // Makes the context, or a new one if the files have changed. Throws std::bad_alloc.
+    void Renew();
+
     CCmMutexThread m_Mutex;
     CCmRefPtrT<CCmSslContext> m_pContext CM_GUARDED_BY(m_Mutex);
     CCmTimeValue m_tvLooked CM_GUARDED_BY(m_Mutex);
