@@ -29,7 +29,7 @@ struct CClient {
 
     static auto MakerIn(const CCmBaseTypeMakers& aMakers) { return aMakers.m_Connector; }
     static auto MakerIn(const CProtocol& aProtocol) { return aProtocol.m_MakeConnector; }
-    static BOOL TellsBase(const CProtocol&) { return TRUE; }
+    static BOOL TracesBase(const CProtocol&) { return TRUE; }
 
     static CmResult MakeBase(DWORD aBase, CCmRefPtrT<ICmConnector>& aConnector) {
         const CCmRefPtrT<CCmConnectorWrapper> pConnector(new (std::nothrow) CCmConnectorWrapper);
@@ -50,7 +50,7 @@ struct CServer {
 
     static auto MakerIn(const CCmBaseTypeMakers& aMakers) { return aMakers.m_Acceptor; }
     static auto MakerIn(const CProtocol& aProtocol) { return aProtocol.m_MakeAcceptor; }
-    static BOOL TellsBase(const CProtocol& aProtocol) { return aProtocol.m_bServerTellsBase; }
+    static BOOL TracesBase(const CProtocol& aProtocol) { return aProtocol.m_bServerTracesBase; }
 
     static CmResult MakeBase(DWORD aBase, CCmRefPtrT<ICmAcceptor>& aAcceptor) {
         CCmBaseTypeMakers makers;
@@ -64,8 +64,8 @@ struct CServer {
 template <class Side>
 void TraceProtocol(const CProtocol& aProtocol, CConnectionType aType) {
     const char* pKeepAlive = aType.Has(CConnectionType::KEEPALIVE) ? ", bNeedKeepAlive = 1" : ", bNeedKeepAlive = 0";
-    const BOOL bBase = Side::TellsBase(aProtocol);
-    CM_INFO_TRACE(Side::WHERE_CS << ", " << aProtocol.m_pName << (aProtocol.m_bTellsKeepAlive ? pKeepAlive : "")
+    const BOOL bBase = Side::TracesBase(aProtocol);
+    CM_INFO_TRACE(Side::WHERE_CS << ", " << aProtocol.m_pName << (aProtocol.m_bTracesKeepAlive ? pKeepAlive : "")
                                  << (bBase ? ", BaseType = " : "") << (bBase ? aType.GetBaseName() : ""));
 }
 

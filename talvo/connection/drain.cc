@@ -67,7 +67,7 @@ CDrain::CDrain(CCmThreadLink& aNetwork, CCmThreadLink& aUser, ICmDrainSink& aSin
       m_Rule(CCmClock::GetTimeOfDayUsec() + aTime.GetTotalInUsec()) {}
 
 // The network thread dropped the event that starts it.
-CDrain::~CDrain() { Tell_i(CM_ERROR_NOT_AVAILABLE, {}); }
+CDrain::~CDrain() { Notify_i(CM_ERROR_NOT_AVAILABLE, {}); }
 
 CmResult CDrain::Claim() {
     m_bClaimed = !s_bRunning.exchange(TRUE);
@@ -84,10 +84,10 @@ CmResult CDrain::Start() {
     return rv == CM_OK || rv == CM_ERROR_OUT_OF_MEMORY ? rv : CM_ERROR_NULL_POINTER;
 }
 
-void CDrain::StartOrTell() {
+void CDrain::StartOrNotify() {
     const CmResult rv = m_pSink ? Start() : CM_OK;
     if (rv != CM_OK)
-        Tell_i(rv == CM_ERROR_OUT_OF_MEMORY ? rv : CM_ERROR_NOT_AVAILABLE, {});
+        Notify_i(rv == CM_ERROR_OUT_OF_MEMORY ? rv : CM_ERROR_NOT_AVAILABLE, {});
 }
 
 void CDrain::Withdraw() {
@@ -100,7 +100,7 @@ void CDrain::Begin_i() {
     ICmTimerQueue* pTimers = CCmThreadManager::Instance()->GetThreadTimerQueue(CCmThreadManager::TT_CURRENT);
     const CmResult rv = pTimers ? pTimers->ScheduleTimer(this, nullptr, LOOK, 0) : CM_ERROR_NOT_AVAILABLE;
     if (rv != CM_OK)
-        return Tell_i(rv == CM_ERROR_OUT_OF_MEMORY ? rv : CM_ERROR_NOT_AVAILABLE, {});
+        return Notify_i(rv == CM_ERROR_OUT_OF_MEMORY ? rv : CM_ERROR_NOT_AVAILABLE, {});
     CM_INFO_TRACE_THIS("CCmConnectionManager::Drain, begins.");
     m_pTimers = pTimers;
     m_pSelf = this;
@@ -150,7 +150,7 @@ void CDrain::Finish_i() {
     left += m_Others;
     m_pNetwork->Drain(ECmDrainStage::NONE);
     EndOthers_i(m_Rule.GetStage() == ECmDrainStage::CUT);
-    Tell_i(m_Rule.GetResult(left), left);
+    Notify_i(m_Rule.GetResult(left), left);
 }
 
 void CDrain::EndOthers_i(BOOL aCut) {
@@ -166,11 +166,11 @@ void CDrain::OnThreadEnd() {
     CCmUndrained left = m_Own;
     left += m_Others;
     EndOthers_i(FALSE);
-    Tell_i(CM_ERROR_NOT_AVAILABLE, left);
+    Notify_i(CM_ERROR_NOT_AVAILABLE, left);
 }
 
 // Notifies the sink, once; it may start the next drain.
-void CDrain::Tell_i(CmResult aReason, const CCmUndrained& aLeft) {
+void CDrain::Notify_i(CmResult aReason, const CCmUndrained& aLeft) {
     ICmDrainSink* pSink = m_pSink;
     Withdraw();
     if (!pSink)
@@ -196,7 +196,7 @@ CmResult CDrainWait::Run(CCmThreadLink& aMain, CCmThreadLink& aNetwork, const CC
         return CM_ERROR_OUT_OF_MEMORY;
     if (const CmResult rv = pDrain->Claim(); rv != CM_OK)
         return rv;
-    const CmResult rv = aMain.Post([pDrain] { pDrain->StartOrTell(); });
+    const CmResult rv = aMain.Post([pDrain] { pDrain->StartOrNotify(); });
     if (rv == CM_OK)
         return RunLoop_i(*pDrain);
     if (rv == CM_ERROR_OUT_OF_MEMORY) {
@@ -204,7 +204,7 @@ CmResult CDrainWait::Run(CCmThreadLink& aMain, CCmThreadLink& aNetwork, const CC
         return rv;
     }
     // The main thread's loop has ended permanently: there is no loop to wait for.
-    pDrain->StartOrTell();
+    pDrain->StartOrNotify();
     m_bDone.wait(FALSE);
     return m_Result;
 }

@@ -30,7 +30,7 @@ public:
     // Any thread. CM_ERROR_NULL_POINTER: the network thread has ended. CM_ERROR_OUT_OF_MEMORY.
     CmResult Start();
     // Start; notifies the sink of a failure. Does nothing after Withdraw.
-    void StartOrTell();
+    void StartOrNotify();
     // Instead of Start: the sink gets no call.
     void Withdraw();
 
@@ -46,7 +46,7 @@ private:
     void Look_i();
     void OnAnswer_i(const CCmUndrained& aLeft);
     void Finish_i();
-    void Tell_i(CmResult aReason, const CCmUndrained& aLeft);
+    void Notify_i(CmResult aReason, const CCmUndrained& aLeft);
     void EndOthers_i(BOOL aCut);
 
     const CCmRefPtrT<CCmThreadLink> m_pNetwork;

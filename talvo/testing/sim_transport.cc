@@ -62,7 +62,7 @@ CmResult CSimTransport::Open_t() {
     if (m_pCore->m_pObserver)
         m_pCore->m_pObserver->OnOpen(m_End);
     if (m_End.m_bOwesSend)
-        After_i(0, &CSimTransport::TellRoom_i);
+        After_i(0, &CSimTransport::NotifyRoom_i);
     ScheduleDelivery_i();
     return CM_OK;
 }
@@ -116,7 +116,7 @@ CmResult CSimTransport::SendData(CCmMessageBlock& aData, CCmTransportParameter* 
     if (m_End.m_bDatagrams ? !bRefused : aData.GetChainedLength() == 0)
         return CM_OK;
     m_End.m_bOwesSend = TRUE;
-    After_i(m_pCore->DelayOf(GetPathIn_i()), &CSimTransport::TellRoom_i);
+    After_i(m_pCore->DelayOf(GetPathIn_i()), &CSimTransport::NotifyRoom_i);
     return CM_ERROR_PARTIAL_DATA;
 }
 
@@ -158,7 +158,7 @@ void CSimTransport::Post_i(EKind aKind, std::string aBytes) {
     const int64_t llDelay = TimeOnLine_i(aBytes.size()) + TimeToRepeat_i() + m_pCore->DelayOf(path);
     m_llLastArrival = std::max(m_llLastArrival, llNow + llDelay);
     CSimTransport* pPeer = FindPeer_i();
-    if (!pPeer && m_bEndTold && aKind == DATA)
+    if (!pPeer && m_bEndNotified && aKind == DATA)
         After_i(m_llLastArrival - llNow + m_pCore->DelayOf(GetPathIn_i()), &CSimTransport::Break_i);
     if (!pPeer || pPeer->m_End.m_bBroken || (aKind == END && path.m_bLoseEnd))  // a broken stream has lost what was before
         return;

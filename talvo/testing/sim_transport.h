@@ -69,8 +69,8 @@ private:
     void DeliverBytes_i();
     std::string TakeUnread_i();
     void OnPeerRead_i(size_t aLength);
-    void TellRoom_i();
-    void TellEnd_i();
+    void NotifyRoom_i();
+    void NotifyEnd_i();
     void Break_i();
     void Fail_i();
     CmResult EndSending_i();
@@ -84,7 +84,7 @@ private:
     BOOL m_bDeliveryDue = FALSE;
     BOOL m_bEndArrived = FALSE;  // the peer's, after m_Unread
     BOOL m_bTellEnd = FALSE;     // option 148
-    BOOL m_bEndTold = FALSE;
+    BOOL m_bEndNotified = FALSE;
     BOOL m_bEndSent = FALSE;           // option 147
     uint64_t m_ullTaken = 0;           // bytes of the stream
     int64_t m_llLineFree = 0;          // the time when the last taken byte has left

@@ -48,7 +48,7 @@ void CSimTransport::TakePiece_i(CPiece aPiece) {
 
 // A broken stream does not wait for the end of a pause, which may never come.
 void CSimTransport::ScheduleDelivery_i() {
-    const BOOL bReadable = !m_bPaused && (!m_Unread.empty() || (m_bEndArrived && !m_bEndTold));
+    const BOOL bReadable = !m_bPaused && (!m_Unread.empty() || (m_bEndArrived && !m_bEndNotified));
     if (m_pSink && (bReadable || m_End.m_bBroken) && !std::exchange(m_bDeliveryDue, TRUE))
         After_i(0, &CSimTransport::Deliver_i);
 }
@@ -62,7 +62,7 @@ void CSimTransport::Deliver_i() {
     else if (m_End.m_bBroken)
         Fail_i();
     else if (!m_bPaused && m_bEndArrived)
-        TellEnd_i();
+        NotifyEnd_i();
 }
 
 void CSimTransport::DeliverBytes_i() {
@@ -101,10 +101,10 @@ std::string CSimTransport::TakeUnread_i() {
 
 void CSimTransport::OnPeerRead_i(size_t aLength) {
     m_End.m_dwUnread -= static_cast<DWORD>(aLength);
-    After_i(m_pCore->DelayOf(GetPathIn_i()), &CSimTransport::TellRoom_i);
+    After_i(m_pCore->DelayOf(GetPathIn_i()), &CSimTransport::NotifyRoom_i);
 }
 
-void CSimTransport::TellRoom_i() {
+void CSimTransport::NotifyRoom_i() {
     if (!m_End.m_bOwesSend || !m_pSink || m_End.m_bBroken || GetRoom_i(1, GetPathOut_i()) == 0)
         return;
     m_End.m_bOwesSend = FALSE;
@@ -113,12 +113,12 @@ void CSimTransport::TellRoom_i() {
 }
 
 // After the ends of both directions the connection ends.
-void CSimTransport::TellEnd_i() {
+void CSimTransport::NotifyEnd_i() {
     if (!m_bTellEnd || m_bEndSent) {
         Fail_i();
         return;
     }
-    m_bEndTold = TRUE;
+    m_bEndNotified = TRUE;
     m_pCore->m_Trace.Note(m_End, "delivers the end");
     CCmMessageBlock nothing(DWORD{0});
     m_pSink->OnReceive(nothing, this, nullptr);
@@ -148,8 +148,8 @@ CmResult CSimTransport::EndSending_i() {
         return CM_ERROR_NETWORK_SOCKET_ERROR;
     if (!std::exchange(m_bEndSent, TRUE))
         Post_i(END, {});
-    if (m_bEndTold)
-        After_i(0, &CSimTransport::TellEnd_i);
+    if (m_bEndNotified)
+        After_i(0, &CSimTransport::NotifyEnd_i);
     return CM_OK;
 }
 

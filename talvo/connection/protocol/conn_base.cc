@@ -78,7 +78,7 @@ void CConnBase::Indicate_i(CmResult aReason) {
         pOwner->OnOpened(*this, aReason);
 }
 
-void CConnBase::TellEnd_i(CmResult aReason) {
+void CConnBase::NotifyEnd_i(CmResult aReason) {
     if (ICmTransportSink* pSink = std::exchange(m_pSink, nullptr))
         pSink->OnDisconnect(aReason, this);
 }

@@ -56,7 +56,7 @@ protected:
     void Indicate_i(CmResult aReason);
 
     // The connection has ended: detaches the sink, then notifies it. Call it last.
-    void TellEnd_i(CmResult aReason);
+    void NotifyEnd_i(CmResult aReason);
 
     // Ends the use of the transport below, if there is one, and keeps the pointer. Returns the transport's result.
     CmResult DisconnectTransport_i(CmResult aReason);

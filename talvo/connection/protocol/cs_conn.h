@@ -87,7 +87,7 @@ protected:
     void Reset4Recv() { m_Reader.Next(); }
 
     // The two ends. Close_i, for the upper layer: notifies the peer, detaches the sink and returns the transport's result.
-    // End_i makes no notification and leaves the sink for TellEnd_i.
+    // End_i makes no notification and leaves the sink for NotifyEnd_i.
     CmResult Close_i(CmResult aReason);
     void End_i(CmResult aTransportReason);
 

@@ -174,7 +174,7 @@ void CLenPkgConn::OnDisconnect(CmResult aReason, ICmTransport* aTrptId) {
     SetCurrStatus(CS_STATUS_NOT_CONNECTED);
     DisconnectTransport_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);
     Reset();
-    TellEnd_i(aReason);
+    NotifyEnd_i(aReason);
 }
 
 CmResult CLenPkgConn::Disconnect(CmResult aReason) {

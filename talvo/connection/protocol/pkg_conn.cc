@@ -29,7 +29,7 @@ void CPkgConn::Lost_i(CmResult aReason) {
     const BOOL bConnected = m_wStatus == CS_STATUS_CONNECTED;
     End_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);
     if (bConnected)
-        TellEnd_i(aReason);
+        NotifyEnd_i(aReason);
     else
         Indicate_i(aReason == CM_OK ? CM_ERROR_NETWORK_SOCKET_CLOSE : aReason);
 }

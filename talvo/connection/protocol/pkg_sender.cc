@@ -54,7 +54,7 @@ void CPkgSender::OnDisconnect(CmResult aReason, ICmTransport* aTrpt) {
     CM_INFO_TRACE_THIS("CPkgSender::OnDisconnect(), aReason =" << aReason << ", aTrptId =" << static_cast<void*>(aTrpt));
     m_tvDisconnect = CCmTimeValue::GetTimeOfDay() - CCmTimeValue(90);
     End_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);
-    TellEnd_i(aReason);
+    NotifyEnd_i(aReason);
 }
 
 void CPkgSender::OnTimer(CCmTimerWrapperID*) {

@@ -11,12 +11,12 @@ struct CProtocol {
     // The kind that a type's flags name, the first match; null: none.
     static const CProtocol* Find(CConnectionType aType);
 
-    DWORD m_dwFlags;          // a type with all of them is of this kind
-    DWORD m_dwCanonical;      // the type that a creation reports
-    const char* m_pName;      // in the trace,
-    BOOL m_bTellsKeepAlive;   // with an indication whether keep-alives are sent,
-    BOOL m_bServerTellsBase;  // and for a server the layer below; a client always has it
-    BOOL m_bOverDatagrams;    // also works over datagrams
+    DWORD m_dwFlags;           // a type with all of them is of this kind
+    DWORD m_dwCanonical;       // the type that a creation reports
+    const char* m_pName;       // in the trace,
+    BOOL m_bTracesKeepAlive;   // with an indication whether keep-alives are sent,
+    BOOL m_bServerTracesBase;  // and for a server the layer below; a client always has it
+    BOOL m_bOverDatagrams;     // also works over datagrams
 
     // Over aLower, which it then owns; aType is the whole type. Network thread. Null maker: not offered yet; null result:
     // memory ran out.

@@ -48,12 +48,12 @@ CDnsAskers::CLookUp CDnsAskers::EndAny() {
     return std::move(m_ByName.extract(m_ByName.begin()).mapped());
 }
 
-std::unique_ptr<ICmEvent> CDnsAskers::TakeTell(uint64_t aId, CCmRefPtrT<CCmThreadLink>& aLink) {
+std::unique_ptr<ICmEvent> CDnsAskers::TakeNotification(uint64_t aId, CCmRefPtrT<CCmThreadLink>& aLink) {
     const auto found = m_Askers.find(aId);
     if (found == m_Askers.end())
         return nullptr;
     aLink = found->second.m_pLink;
-    return std::move(found->second.m_pTell);
+    return std::move(found->second.m_pNotification);
 }
 
 ICmObserver* CDnsAskers::Take(uint64_t aId) {

@@ -23,8 +23,8 @@ public:
         ICmObserver* m_pObserver;           // not owned: cancels before it is deleted
         CCmRefPtrT<CCmThreadLink> m_pLink;  // the thread in which it is called
         CCmString m_strName;
-        BOOL m_bEarly;                      // called when the first answer has come
-        std::unique_ptr<ICmEvent> m_pTell;  // carries the record to it; null: in flight
+        BOOL m_bEarly;                              // called when the first answer has come
+        std::unique_ptr<ICmEvent> m_pNotification;  // carries the record to it; null: in flight
     };
     struct CLookUp {
         std::set<uint64_t> m_Askers;           // in the order of their requests
@@ -44,7 +44,7 @@ public:
     CLookUp EndAny();
 
     // The event for an asker, null if the asker has cancelled. aLink (out): the thread for the event.
-    std::unique_ptr<ICmEvent> TakeTell(uint64_t aId, CCmRefPtrT<CCmThreadLink>& aLink);
+    std::unique_ptr<ICmEvent> TakeNotification(uint64_t aId, CCmRefPtrT<CCmThreadLink>& aLink);
     // Removes an asker. Returns its observer; null: it has cancelled.
     ICmObserver* Take(uint64_t aId);
     // Removes all askers of aObserver. FALSE: it has none.

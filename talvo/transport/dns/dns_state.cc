@@ -42,10 +42,10 @@ private:
 };
 
 // Carries a record to an asker. It is created with the request, so that a later lack of memory can be reported.
-class CEventTell final : public ICmEvent {
+class CEventNotify final : public ICmEvent {
 public:
-    explicit CEventTell(CDnsState& aState) : m_pState(&aState) {}
-    ~CEventTell() override {
+    explicit CEventNotify(CDnsState& aState) : m_pState(&aState) {}
+    ~CEventNotify() override {
         if (m_pRecord)
             m_pState->Forget(m_ullId);
     }
@@ -54,7 +54,7 @@ public:
         m_pRecord = aRecord;
     }
     CmResult OnEventFire() override {
-        m_pState->Tell(m_ullId, *m_pRecord);
+        m_pState->Notify(m_ullId, *m_pRecord);
         return CM_OK;
     }
 
@@ -128,7 +128,7 @@ CmResult CDnsState::Ask_i(const CCmString& aName, ICmObserver* aObserver, CCmThr
 }
 
 CDnsAskers::CAsker CDnsState::MakeAsker_i(const CCmString& aKey, ICmObserver* aObserver, CCmThreadLink* aLink) {
-    return {aObserver, aLink, aKey, FALSE, std::unique_ptr<ICmEvent>(aObserver ? new CEventTell(*this) : nullptr)};
+    return {aObserver, aLink, aKey, FALSE, std::unique_ptr<ICmEvent>(aObserver ? new CEventNotify(*this) : nullptr)};
 }
 
 // Waits for the outcome if it has not come, else for the rest.
@@ -288,19 +288,19 @@ void CDnsState::Finish_i(CCmRefPtrT<CCmDnsRecord> aRecord, const CDnsAskers::CLo
         aRecord = aLookUp.m_pNoMemory;
     for (const uint64_t ullId : aLookUp.m_Askers) {
         CCmRefPtrT<CCmThreadLink> pLink;
-        std::unique_ptr<ICmEvent> pTell;
+        std::unique_ptr<ICmEvent> pNotification;
         {
             Guard guard(m_Mutex);
-            pTell = m_Askers.TakeTell(ullId, pLink);
+            pNotification = m_Askers.TakeNotification(ullId, pLink);
         }
-        if (!pTell)
+        if (!pNotification)
             continue;
-        static_cast<CEventTell&>(*pTell).SetRecord(ullId, aRecord);
-        pLink->PostEvent(pTell.release());
+        static_cast<CEventNotify&>(*pNotification).SetRecord(ullId, aRecord);
+        pLink->PostEvent(pNotification.release());
     }
 }
 
-void CDnsState::Tell(uint64_t aId, CCmDnsRecord& aRecord) {
+void CDnsState::Notify(uint64_t aId, CCmDnsRecord& aRecord) {
     ICmObserver* pObserver;
     {
         Guard guard(m_Mutex);

@@ -32,7 +32,7 @@ public:
     void Refresh();
 
     // Calls one asker, in its thread.
-    void Tell(uint64_t aId, CCmDnsRecord& aRecord);
+    void Notify(uint64_t aId, CCmDnsRecord& aRecord);
     // Removes an asker that cannot be called.
     void Forget(uint64_t aId);
     // Network thread.

@@ -203,7 +203,7 @@ void CDnsWorker::Advance_i(uint64_t aId) {
         return;
     CRunning& running = *found->second;
     const CDnsLookUp& lookUp = running.m_LookUp;
-    const auto tell = [&](EDnsNews aNews) {
+    const auto notify = [&](EDnsNews aNews) {
         return m_User.OnDnsNews(m_dwGeneration, aNews, lookUp.GetName(), lookUp.GetAnswers());
     };
     switch (running.m_LookUp.Next()) {
@@ -212,12 +212,12 @@ void CDnsWorker::Advance_i(uint64_t aId) {
     case CDnsLookUp::EStep::ASK:
         return Query_i(running);
     case CDnsLookUp::EStep::EARLY:
-        tell(EDnsNews::EARLY);
+        notify(EDnsNews::EARLY);
         return running.StartGrace();
     case CDnsLookUp::EStep::GRACE:
         return running.StartGrace();
     case CDnsLookUp::EStep::READY:
-        if (!tell(EDnsNews::READY))
+        if (!notify(EDnsNews::READY))
             return;
         running.m_bReady = TRUE;
         --m_stUnready;
@@ -227,7 +227,7 @@ void CDnsWorker::Advance_i(uint64_t aId) {
     case CDnsLookUp::EStep::LATE:
         if (!running.m_bReady)
             return;
-        tell(EDnsNews::LATE);
+        notify(EDnsNews::LATE);
         m_Running.erase(found);
         return;
     }

@@ -9,7 +9,7 @@ namespace {
 
 using Guard = CCmMutexGuardT<CCmMutexThread>;
 
-constexpr uint64_t HURRY_STEP = 32 * 1024;  // bytes: enough to pay for a wake-up, too little to be late
+constexpr uint64_t WAKE_STEP = 32 * 1024;  // bytes: enough to pay for a wake-up, too little to be late
 
 // aChain (out): a duplicate of aData; null, with TRUE, if a copy is better. FALSE: memory ran out.
 BOOL DuplicateUnlessSmall(const CCmMessageBlock& aData, DWORD aLength, BOOL aMayCopy, CCmChainPtr& aChain) {
@@ -50,8 +50,8 @@ DWORD CProxyQueue::GetLimit() {
 
 DWORD CProxySendQueue::GetMostBlocks_l() const { return std::max(m_Limit.Get(), CProxyLimit::DEFAULT) / BYTES_A_BLOCK; }
 
-CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aTell,
-                               BOOL& aHurry) {
+CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aNotify,
+                               BOOL& aWake) {
     CCmChainPtr pChain;
     if (!DuplicateUnlessSmall(aData, aLength, aMayCopy, pChain))
         return CM_ERROR_OUT_OF_MEMORY;
@@ -66,10 +66,10 @@ CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWOR
     m_ullWaiting += aCost;
     m_ullBlocks += dwBlocks;
     m_ullQuiet += aCost;
-    aHurry = m_ullQuiet >= HURRY_STEP;
-    if (aHurry)
+    aWake = m_ullQuiet >= WAKE_STEP;
+    if (aWake)
         m_ullQuiet = 0;
-    aTell = !std::exchange(m_bTold, TRUE);
+    aNotify = !std::exchange(m_bNotified, TRUE);
     return CM_OK;
 }
 
@@ -77,8 +77,8 @@ BOOL CProxySendQueue::Take(CMessageList& aMessages) {
     Guard guard(m_Mutex);
     aMessages.Swap(m_Chains);
     m_ullQuiet = 0;
-    m_bTold = !aMessages.IsEmpty();
-    return m_bTold;
+    m_bNotified = !aMessages.IsEmpty();
+    return m_bNotified;
 }
 
 BOOL CProxySendQueue::Sent(uint64_t aCost, DWORD aBlocks) {

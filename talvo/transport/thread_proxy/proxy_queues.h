@@ -58,9 +58,9 @@ public:
 
     // Takes aData, all or nothing, so a message stays whole. Copies a small one, if it may be copied, and duplicates any other.
     // aLength is its length, aCost its cost; the total may exceed the limit by one message. CM_ERROR_PARTIAL_DATA: full.
-    // CM_ERROR_OUT_OF_MEMORY. aTell (out): the network thread must be notified. aHurry (out): 32 KiB have come
+    // CM_ERROR_OUT_OF_MEMORY. aNotify (out): the network thread must be notified. aWake (out): 32 KiB have come
     // since the last wake-up; wake it now. Takes one lock; a duplicate is made before, and dropped if the queue is full.
-    CmResult Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aTell, BOOL& aHurry);
+    CmResult Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aNotify, BOOL& aWake);
 
     // Refuses all further data with CM_ERROR_NULL_POINTER: afterwards IsEmpty is final. Any thread.
     void Close();
@@ -79,9 +79,9 @@ private:
     DWORD GetMostBlocks_l() const CM_REQUIRES(m_Mutex);
 
     uint64_t m_ullBlocks CM_GUARDED_BY(m_Mutex) = 0;
-    uint64_t m_ullQuiet CM_GUARDED_BY(m_Mutex) = 0;  // bytes since the last wake-up
-    BOOL m_bTold CM_GUARDED_BY(m_Mutex) = FALSE;     // the network thread is notified of data
-    BOOL m_bRefused CM_GUARDED_BY(m_Mutex) = FALSE;  // an OnSend is due
+    uint64_t m_ullQuiet CM_GUARDED_BY(m_Mutex) = 0;   // bytes since the last wake-up
+    BOOL m_bNotified CM_GUARDED_BY(m_Mutex) = FALSE;  // the network thread is notified of data
+    BOOL m_bRefused CM_GUARDED_BY(m_Mutex) = FALSE;   // an OnSend is due
     BOOL m_bClosed CM_GUARDED_BY(m_Mutex) = FALSE;
 };
 

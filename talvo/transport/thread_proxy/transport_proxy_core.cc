@@ -18,8 +18,8 @@ namespace {
 
 CCmLiveCounter s_Live("CCmTransportThreadProxy");
 
-constexpr DWORD TELL_SENT_STEP = 64 * 1024;  // bytes: a lock a message is expensive, one a batch is slow
-constexpr uint64_t LOOK_STEP = 1 << 20;      // bytes between two checks of the socket's buffers
+constexpr DWORD REPORT_SENT_STEP = 64 * 1024;  // bytes: a lock a message is expensive, one a batch is slow
+constexpr uint64_t LOOK_STEP = 1 << 20;        // bytes between two checks of the socket's buffers
 constexpr const char* THREAD_ENDED = "the network thread has ended";
 constexpr const char* CUT_OFF = "not all was sent when the time was over";
 constexpr const char* OUT_OF_MEMORY = "out of memory";
@@ -100,14 +100,14 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
     if (bStop)
         ApplyReading_i();
     if (m_Lane->EndsReport(dwLength))
-        Tell_i();
+        Notify_i();
     else if (!m_UpcallEvent.IsPosted())
-        m_TellEvent.Post(GetNetwork());
+        m_NotifyEvent.Post(GetNetwork());
 }
 
 // One report may bring many messages or reads. The user is notified after the last, with an event of this thread's own, and
 // finds them all.
-void CTransportProxyCore::Tell_i() {
+void CTransportProxyCore::Notify_i() {
     if (PostUpcall_i() == CM_OK || !m_pTransport)
         return;
     Advance_i(ELife::CLOSED);  // the user's thread has ended
@@ -167,12 +167,12 @@ CmResult CTransportProxyCore::SendWaiting_i() {
     CmResult rv = CM_OK;
     while (rv == CM_OK && m_pTransport && !m_Batch.IsEmpty()) {
         rv = m_Lane->SendNext(*m_pTransport, m_Batch);
-        if (m_Batch.m_ullGone >= TELL_SENT_STEP)
-            TellSent_i();
+        if (m_Batch.m_ullGone >= REPORT_SENT_STEP)
+            ReportSent_i();
     }
     if (bCork)
         Cork_i(FALSE);
-    TellSent_i();
+    ReportSent_i();
     return rv;
 }
 
@@ -183,7 +183,7 @@ void CTransportProxyCore::Cork_i(BOOL aCork) {
         m_pTransport->SetOption(CM_OPT_TRANSPORT_CORK, &aCork);
 }
 
-void CTransportProxyCore::TellSent_i() {
+void CTransportProxyCore::ReportSent_i() {
     if (m_Batch.m_ullGone == 0)
         return;
     Moved_i(m_Batch.m_ullGone);
@@ -250,7 +250,7 @@ void CTransportProxyCore::OnTimeout(const CCmTimeValue&, void*) {
 // As the user's Disconnect(CM_OK), with a notification of the user.
 void CTransportProxyCore::EndInOrder_i() {
     m_SendQueue.Close();
-    TellLost_i(CM_ERROR_NETWORK_SOCKET_CLOSE, CCmFailure());
+    NotifyLost_i(CM_ERROR_NETWORK_SOCKET_CLOSE, CCmFailure());
     EndWith_i(CM_OK);
 }
 
@@ -279,7 +279,7 @@ void CTransportProxyCore::AddUndrained(CCmUndrained& aLeft) {
     aLeft.m_ullBytes += m_SendQueue.GetWaiting() + GetUnacknowledged_i();
 }
 
-void CTransportProxyCore::TellLost_i(CmResult aReason, const CCmFailure& aFailure) {
+void CTransportProxyCore::NotifyLost_i(CmResult aReason, const CCmFailure& aFailure) {
     Advance_i(ELife::CLOSED);
     if (m_bLost)
         return;
@@ -291,7 +291,7 @@ void CTransportProxyCore::TellLost_i(CmResult aReason, const CCmFailure& aFailur
 
 // The transport has ended, and not by the user's request.
 void CTransportProxyCore::Lost_i(CmResult aReason, const CCmFailure& aFailure) {
-    TellLost_i(aReason, aFailure);
+    NotifyLost_i(aReason, aFailure);
     LetGo_i(aReason);
 }
 

@@ -71,13 +71,13 @@ private:
     void ReadAddresses_i();
     void Moved_i(uint64_t aBytes);
     void Open_i();
-    void Tell_i();
+    void Notify_i();
     void Drain();
     void EndSending_i();
     CmResult SendWaiting_i();
     BOOL TakeBatch_i();
     void Cork_i(BOOL aCork);
-    void TellSent_i();
+    void ReportSent_i();
     void ApplyReading_i();
     void Disconnect_i() { EndWith_i(m_DisconnectReason); }
     void EndWith_i(CmResult aReason);
@@ -85,7 +85,7 @@ private:
     BOOL HasUnsent_i() { return !m_SendQueue.IsEmpty() || GetUnacknowledged_i() > 0; }
     void Linger_i();
     void EndInOrder_i();
-    void TellLost_i(CmResult aReason, const CCmFailure& aFailure);
+    void NotifyLost_i(CmResult aReason, const CCmFailure& aFailure);
     void Lost_i(CmResult aReason, const CCmFailure& aFailure);
     void LostHere_i(CmResult aReason, const char* aText);
     void LetGo_i(CmResult aReason);
@@ -123,7 +123,7 @@ private:
     CProxyReceiveQueue m_ReceiveQueue;
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Drain> m_DrainEvent{*this};
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Upcall> m_UpcallEvent{*this};
-    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Tell_i> m_TellEvent{*this};
+    CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Notify_i> m_NotifyEvent{*this};
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::EndSending_i> m_EndSendingEvent{*this};
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Disconnect_i> m_DisconnectEvent{*this};
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::ApplyReading_i> m_ApplyReadingEvent{*this};

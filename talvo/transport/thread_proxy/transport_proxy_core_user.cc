@@ -42,14 +42,14 @@ CmResult CTransportProxyCore::SendData(CCmMessageBlock& aData, CCmTransportParam
         return CM_ERROR_NETWORK_SOCKET_ERROR;
     if (rvCheck != CM_OK)
         return rvCheck;
-    BOOL bTell = FALSE;
-    BOOL bHurry = FALSE;
-    CmResult rv = m_SendQueue.Push(aData, dwLength, dwCost, m_Lane->IsMessages(), bTell, bHurry);
+    BOOL bNotify = FALSE;
+    BOOL bWake = FALSE;
+    CmResult rv = m_SendQueue.Push(aData, dwLength, dwCost, m_Lane->IsMessages(), bNotify, bWake);
     if (rv != CM_OK)
         return rv;
-    if (bTell)
-        rv = bHurry ? m_DrainEvent.Post(GetNetwork()) : m_DrainEvent.PostQuietly(GetNetwork());
-    else if (bHurry)
+    if (bNotify)
+        rv = bWake ? m_DrainEvent.Post(GetNetwork()) : m_DrainEvent.PostQuietly(GetNetwork());
+    else if (bWake)
         GetNetwork().WakeUp();
     if (rv != CM_OK)
         return rv;

@@ -51,7 +51,7 @@ void CDatagramHub::OnDatagram(CCmMessageBlock& aData, const sockaddr& aFrom) {
         OnStranger(aData, aFrom, key);
         return;
     }
-    m_Peers.Hear(*pPeer, m_Port.GetReceivedUsec());
+    m_Peers.Touch(*pPeer, m_Port.GetReceivedUsec());
     pPeer->Get()->Take(aData);
 }
 
@@ -97,7 +97,7 @@ CmResult CDatagramHub::Send(CCmTransportUdp& aTransport, CCmMessageBlock& aData,
 void CDatagramHub::OnWritable() {
     for (size_t stTurns = m_Refused.size(); stTurns > 0 && !m_Refused.empty(); --stTurns) {
         if (m_Port.IsFull()) {
-            m_Port.TellWhenWritable();
+            m_Port.NotifyWhenWritable();
             return;
         }
         CCmTransportUdp* pTransport = m_Refused.front();

@@ -60,9 +60,10 @@ public:
     // peer. Also: CM_ERROR_NETWORK_SOCKET_ERROR: it is broken.
     CmResult Send(CCmMessageBlock& aData, DWORD aLength, const CCmInetAddr* aTo);
 
-    // The socket's buffer is full, and the collected datagrams must leave first. TellWhenWritable requests OnWritable for that.
+    // The socket's buffer is full, and the collected datagrams must leave first. NotifyWhenWritable requests OnWritable for
+    // that.
     BOOL IsFull() const { return m_Sender.IsFull(); }
-    void TellWhenWritable() { m_bRefused = TRUE; }
+    void NotifyWhenWritable() { m_bRefused = TRUE; }
 
     // Data not yet received stays in the socket; the rest of a batch is still delivered.
     CmResult PauseReading(BOOL aPause);

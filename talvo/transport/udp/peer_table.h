@@ -49,11 +49,11 @@ public:
         return WithMemory([&] {
             CPeer& peer = m_Peers[aKey];
             peer.m_pObject = aObject;
-            Hear(peer, aNowUsec);
+            Touch(peer, aNowUsec);
         });
     }
 
-    void Hear(CPeer& aPeer, int64_t aNowUsec) {
+    void Touch(CPeer& aPeer, int64_t aNowUsec) {
         aPeer.m_llHeardUsec = aNowUsec;
         Unlink(aPeer);
         aPeer.m_pOlder = m_Ends.m_pOlder;
