@@ -92,6 +92,8 @@
 #include "talvo/transport/tcp/transport_tcp.h"
 #include "talvo/transport/thread_proxy/acceptor_thread_proxy.h"
 #include "talvo/transport/thread_proxy/connector_thread_proxy.h"
+#include "talvo/transport/tls/ssl_context.h"
+#include "talvo/transport/tls/ssl_info.h"
 #include "talvo/transport/transport_base.h"
 #include "talvo/transport/transport_interface.h"
 #include "talvo/transport/udp/connector_udp.h"

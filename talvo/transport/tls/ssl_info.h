@@ -1,6 +1,8 @@
 // The properties of a TLS connection.
 #pragma once
 
+#include <vector>
+
 #include "talvo/base/types.h"
 
 // The versions of TLS; older ones are not offered.
@@ -12,6 +14,8 @@ struct CCmSslInfo {
     CCmString m_strCipher;      // "TLS_AES_256_GCM_SHA384"
     CCmString m_strAlpn;        // "" if none was agreed on
     CCmString m_strServerName;  // that a client has asked for; "" if none
+    // The certificates that the peer has sent (DER), its own one first. A server has only the own one after a resumption.
+    std::vector<CCmString> m_Chain;
     BOOL m_bResumed = FALSE;
     BOOL m_bVerified = FALSE;    // the peer's certificate was checked and is good
     CCmString m_strNotVerified;  // why not: "self-signed certificate", "not checked"

@@ -28,6 +28,13 @@ void ClearErrors() {
         ERR_clear_error();
 }
 
+CCmString DerOf(const X509* aCertificate) {
+    CCmString strDer(static_cast<size_t>(std::max(i2d_X509(aCertificate, nullptr), 0)), '\0');
+    auto* pOut = reinterpret_cast<unsigned char*>(strDer.data());
+    i2d_X509(aCertificate, &pOut);
+    return strDer;
+}
+
 }  // namespace
 
 // The adapter between OpenSSL and a session.
@@ -122,16 +129,9 @@ BOOL CTlsSession::CanSeal() const { return SSL_in_init(m_pSsl) == 0; }
 
 CmResult CTlsSession::GetPeerCertificate(CCmString& aDer) const {
     const X509* pPeer = SSL_get0_peer_certificate(m_pSsl);
-    const int nLength = pPeer ? i2d_X509(pPeer, nullptr) : 0;
-    if (nLength <= 0)
+    if (!pPeer)
         return CM_ERROR_NOT_FOUND;
-    const BOOL bMemory = WithMemory([&] {
-        CCmString strDer(static_cast<size_t>(nLength), '\0');
-        auto* pOut = reinterpret_cast<unsigned char*>(strDer.data());
-        i2d_X509(pPeer, &pOut);
-        aDer.swap(strDer);
-    });
-    return bMemory ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+    return WithMemory([&] { aDer = DerOf(pPeer); }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
 
 void CTlsSession::GetInfo(CCmSslInfo& aInfo) const {
@@ -144,6 +144,11 @@ void CTlsSession::GetInfo(CCmSslInfo& aInfo) const {
     aInfo.m_strAlpn.assign(reinterpret_cast<const char*>(pAlpn), uAlpn);
     if (const char* pName = SSL_get_servername(m_pSsl, TLSEXT_NAMETYPE_host_name))
         aInfo.m_strServerName = pName;
+    if (const X509* pPeer = SSL_get0_peer_certificate(m_pSsl))
+        aInfo.m_Chain.push_back(DerOf(pPeer));
+    const STACK_OF(X509)* pSent = SSL_get_peer_cert_chain(m_pSsl);  // of a client it begins with the own one
+    for (int i = SSL_is_server(m_pSsl) ? 0 : 1; i < sk_X509_num(pSent); ++i)
+        aInfo.m_Chain.push_back(DerOf(sk_X509_value(pSent, i)));
     aInfo.m_bResumed = SSL_session_reused(m_pSsl);
     aInfo.m_bVerified = IsVerified();
     if (!aInfo.m_bVerified)
