@@ -13,6 +13,7 @@
 #include "tools/console.h"
 #include "tools/file_name.h"
 #include "tools/text.h"
+#include "tools/tls_arguments.h"
 #include "tools/url.h"
 
 namespace tool {
@@ -29,6 +30,9 @@ constexpr const char* FOOTER = R"(Examples:
   talvo resolve www.example.com
   talvo serve ~/public --port 8080
   talvo echo --host unix:/run/user/1000/echo.sock
+  talvo echo --tls --port 7000 --cert server.pem --key server.key
+  talvo ping --tls --cacert root.pem localhost:7000
+  talvo tls www.example.com:443
 
 An endpoint is a host and a port, with an IPv6 address in brackets, or a Unix socket:
   192.0.2.7:7070  www.example.com:80  [::1]:7000  [fe80::1%eth0]:7000  unix:/run/echo.sock  unix:@abstract-name
@@ -39,7 +43,8 @@ Types of connection; both ends need the same, but package and package-keepalive 
   package            the library's own protocol, with a handshake; a client closes it after 120 s of silence
   package-keepalive  package with a keep-alive every 15 s; a server also closes it after 120 s of silence
   nopartial          the library's own protocol without a handshake
-With one of the last three, --udp sends each message in a datagram of its own.
+With one of the last three, --udp sends each message in a datagram of its own. With each of the five, --tls encrypts a
+connection over TCP.
 
 Exit status: 0 success, 1 failure, 2 wrong arguments, 128 + N ended by signal N (130 after Ctrl-C).)";
 
@@ -60,7 +65,8 @@ void DeclareType(CLI::App& aApp, Arguments& a) {
 
 void DeclareUdp(CLI::App& aApp, Arguments& a) {
     DeclareType(aApp, a);
-    aApp.add_flag("--udp", a.m_bUdp, "Datagrams instead of a TCP connection; for package, package-keepalive and nopartial");
+    aApp.add_flag("--udp", a.m_bUdp, "Datagrams instead of a TCP connection; for package, package-keepalive and nopartial")
+        ->excludes(aApp.get_option("--tls"));
 }
 
 void DeclareListening(CLI::App& aApp, Arguments& a) {
@@ -74,6 +80,7 @@ void DeclareListening(CLI::App& aApp, Arguments& a) {
 void DeclareRecv(CLI::App& aApp, Arguments& a) {
     DeclareListening(aApp, a);
     DeclareType(aApp, a);
+    DeclareTlsServer(aApp, a);
     aApp.add_option("--out", a.m_strDirectory, "Directory for the files")->required()->option_text("DIR");
     aApp.add_flag("--force", a.m_bForce, "Replace existing files");
     aApp.add_flag("--once", a.m_bOnce, "Serve one sender, then exit with 0 if all its files were kept, else with 1");
@@ -81,6 +88,7 @@ void DeclareRecv(CLI::App& aApp, Arguments& a) {
 
 void DeclareSend(CLI::App& aApp, Arguments& a) {
     DeclareType(aApp, a);
+    DeclareTlsClient(aApp, a);
     // One list, which CheckSend splits: with a second positional argument, options could not follow the files.
     aApp.add_option("FILE", a.m_vecFiles, "Files to send, and last the endpoint of `talvo recv`, see talvo --help")
         ->required()
@@ -89,14 +97,18 @@ void DeclareSend(CLI::App& aApp, Arguments& a) {
 
 void DeclareEcho(CLI::App& aApp, Arguments& a) {
     DeclareListening(aApp, a);
+    DeclareTlsServer(aApp, a);
     DeclareUdp(aApp, a);
 }
 
+void DeclareEndpoint(CLI::App& aApp, Arguments& a, const char* aHelp) {
+    aApp.add_option("ENDPOINT", a.m_strEndpoint, aHelp)->required()->option_text("ENDPOINT");
+}
+
 void DeclarePing(CLI::App& aApp, Arguments& a) {
+    DeclareTlsClient(aApp, a);
     DeclareUdp(aApp, a);
-    aApp.add_option("ENDPOINT", a.m_strEndpoint, "Endpoint of `talvo echo`, see talvo --help")
-        ->required()
-        ->option_text("ENDPOINT");
+    DeclareEndpoint(aApp, a, "Endpoint of `talvo echo`, see talvo --help");
     AddNumber(aApp, "--count", a.m_dwCount, 1, 10000000, "Messages to send (10)");
     AddNumber(aApp, "--interval", a.m_dwIntervalMs, 0, 3600000,
               "Milliseconds from an answer to the next message (1000); 0: no pause");
@@ -112,8 +124,9 @@ std::string CheckPath(const Arguments& a) {
 }
 
 std::string CheckListening(Arguments& a) {
-    const std::string strProblem = ParseListening(a.m_strHost, a.m_nPort, a.m_Addr);
-    return strProblem.empty() ? CheckPath(a) : strProblem;
+    const std::string strAddress = ParseListening(a.m_strHost, a.m_nPort, a.m_Addr);
+    const std::string strPath = strAddress.empty() ? CheckPath(a) : strAddress;
+    return strPath.empty() && !a.m_Tls.m_strCertFile.empty() ? MakeServerContext(a.m_Tls, a.m_pContext) : strPath;
 }
 
 std::string CheckRecv(Arguments& a) {
@@ -151,14 +164,28 @@ std::string CheckSend(Arguments& a) {
         if (!strProblem.empty())
             return strProblem;
     }
-    return "";
+    return CheckTlsClient(a);
 }
 
 std::string CheckPing(Arguments& a) {
     if (a.m_dwType == CCmConnectionManager::CTYPE_UDP && a.m_dwSize > MAX_DATAGRAM)
         return "--size: a datagram has at most " + std::to_string(MAX_DATAGRAM) + " bytes";
-    const std::string strProblem = ParseEndpoint(a.m_strEndpoint, a.m_Addr);
-    return strProblem.empty() ? CheckPath(a) : strProblem;
+    const std::string strEndpoint = ParseEndpoint(a.m_strEndpoint, a.m_Addr);
+    const std::string strPath = strEndpoint.empty() ? CheckPath(a) : strEndpoint;
+    return strPath.empty() ? CheckTlsClient(a) : strPath;
+}
+
+void DeclareTls(CLI::App& aApp, Arguments& a) {
+    DeclareEndpoint(aApp, a, "Endpoint of a server, see talvo --help");
+    DeclareTrust(aApp, a);
+    DeclareServerName(aApp, a);
+}
+
+std::string CheckTls(Arguments& a) {
+    a.m_Tls.m_bTls = true;
+    a.m_dwType = CM_TRANSPORT_TYPE_TLS;
+    const std::string strEndpoint = ParseEndpoint(a.m_strEndpoint, a.m_Addr);
+    return strEndpoint.empty() ? CheckTlsClient(a) : strEndpoint;
 }
 
 void DeclareResolve(CLI::App& aApp, Arguments& a) {
@@ -233,7 +260,14 @@ constexpr Subcommand SUBCOMMANDS[] = {
     {"get", "Fetch a file by its URL", DeclareGet, CheckGet, RunGet},
     {"resolve", "Look up the addresses of host names", DeclareResolve, CheckResolve, RunResolve},
     {"serve", "Serve the files of a directory over HTTP", DeclareServe, CheckServe, RunServe},
+    {"tls", "Show the TLS of a server: certificates, protocol, resumption", DeclareTls, CheckTls, RunTls},
 };
+
+DWORD GetBaseType(const Arguments& a) {
+    if (a.m_bUdp)
+        return CM_TRANSPORT_TYPE_UDP;
+    return a.m_Tls.m_bTls ? CM_TRANSPORT_TYPE_TLS : CM_TRANSPORT_TYPE_TCP;
+}
 
 std::string CheckSubcommand(const CLI::App& aApp, Arguments& aArguments) {
     for (const Subcommand& command : SUBCOMMANDS) {
@@ -243,7 +277,7 @@ std::string CheckSubcommand(const CLI::App& aApp, Arguments& aArguments) {
         const std::string strConfiguration = LoadConfiguration(aArguments.m_strConfiguration);
         if (!strConfiguration.empty())
             return strConfiguration;
-        const std::string strType = ChooseType(aArguments.m_strType, aArguments.m_bUdp, aArguments.m_dwType);
+        const std::string strType = ChooseType(aArguments.m_strType, GetBaseType(aArguments), aArguments.m_dwType);
         return strType.empty() ? command.m_pCheck(aArguments) : strType;
     }
     return "a subcommand is missing; 'talvo --help' lists them";
@@ -280,8 +314,12 @@ bool ParseArguments(int aArgc, char** aArgv, Arguments& aArguments, int& aStatus
         }
         strProblem = error.what();
     }
-    if (strProblem.empty())
+    if (strProblem.empty()) {
+        if (aArguments.m_Tls.m_bInsecure)
+            Console::Complain(
+                "warning: --insecure: the server is not verified, so anyone on the way can read and change the data");
         return true;
+    }
     Console::Complain(strProblem);
     aStatus = EXIT_USAGE;
     return false;

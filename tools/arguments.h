@@ -6,6 +6,7 @@
 
 #include "tools/endpoint.h"
 #include "tools/output.h"
+#include "tools/tls_options.h"
 
 namespace tool {
 
@@ -14,7 +15,7 @@ struct Arguments {
 
     bool m_bJson = false;
     std::string m_strConfiguration;  // --config, or ""
-    std::string m_strEndpoint;       // send, ping, and get with --connect-to: as given
+    std::string m_strEndpoint;       // send, ping, tls, and get with --connect-to: as given
     std::string m_strHost;           // servers: --host as given
     int m_nPort = NO_PORT;           // servers: --port
     CCmInetAddr m_Addr;              // from these; get without --connect-to: s_InetAddrAny
@@ -33,7 +34,10 @@ struct Arguments {
 
     std::string m_strType;                             // as given, or ""
     bool m_bUdp = false;                               // echo, ping
-    DWORD m_dwType = CCmConnectionManager::CTYPE_TCP;  // from these two
+    DWORD m_dwType = CCmConnectionManager::CTYPE_TCP;  // from these two and --tls
+
+    TlsOptions m_Tls;
+    CCmRefPtrT<CCmSslContext> m_pContext;  // from these; null: none, or the default one of clients
 
     DWORD m_dwCount = 10;         // ping
     DWORD m_dwIntervalMs = 1000;  // ping

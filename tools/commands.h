@@ -12,5 +12,6 @@ int RunPing(const Arguments& aArguments);
 int RunGet(const Arguments& aArguments);
 int RunResolve(const Arguments& aArguments);
 int RunServe(const Arguments& aArguments);
+int RunTls(const Arguments& aArguments);
 
 }  // namespace tool

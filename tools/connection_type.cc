@@ -31,12 +31,12 @@ std::vector<std::string> GetTypeNames() {
     return vecNames;
 }
 
-std::string ChooseType(const std::string& aName, bool aUdp, DWORD& aType) {
-    aType = aUdp ? Manager::CTYPE_UDP : Manager::CTYPE_TCP;
+std::string ChooseType(const std::string& aName, DWORD aBase, DWORD& aType) {
+    aType = aBase;
     for (const Type& type : TYPES) {
         if (aName != type.m_pName)
             continue;
-        if (aUdp && !type.m_bOverDatagrams)
+        if (aBase == Manager::CTYPE_UDP && !type.m_bOverDatagrams)
             return "--udp cannot be combined with --type " + aName + ", which needs a stream";
         aType |= type.m_dwFlags;
     }

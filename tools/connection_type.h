@@ -1,4 +1,4 @@
-// The connection type that --type and --udp select.
+// The connection type that --type, --udp and --tls select.
 #pragma once
 
 #include <string>
@@ -11,12 +11,12 @@ namespace tool {
 // The values of --type.
 std::vector<std::string> GetTypeNames();
 
-// aType (out): the type for the connection manager. aName is a value of --type, or "" if none was given. Returns "" or an error
-// text.
-std::string ChooseType(const std::string& aName, bool aUdp, DWORD& aType);
+// aBase: the base type. aType (out): the type for the connection manager. aName is a value of --type, or "" if none was given.
+// Returns "" or an error text.
+std::string ChooseType(const std::string& aName, DWORD aBase, DWORD& aType);
 
 // TRUE: one SendData is one OnReceive.
-inline bool KeepsMessages(DWORD aType) { return aType != CCmConnectionManager::CTYPE_TCP; }
+inline bool KeepsMessages(DWORD aType) { return aType != CCmConnectionManager::CTYPE_TCP && aType != CM_TRANSPORT_TYPE_TLS; }
 // TRUE: sent data may be lost.
 inline bool MayLose(DWORD aType) { return (aType & CCmConnectionManager::CTYPE_UDP) != 0; }
 

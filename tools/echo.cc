@@ -17,7 +17,7 @@ class EchoServer : public ICmAcceptorConnectorSink {
 public:
     ~EchoServer() override;
     bool Start(const Arguments& aArguments, Console& aConsole) {
-        return StartListening(aArguments.m_Addr, this, aConsole, m_pAcceptor, aArguments.m_dwType);
+        return StartListening(aArguments, this, aConsole, m_pAcceptor);
     }
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
     void Remove(EchoSession* aSession) { m_Sessions.erase(aSession); }

@@ -22,6 +22,19 @@ std::string WithPort(const std::string& aHost, int aPort) {
     return (bBare ? "[" + aHost + "]" : aHost) + ":" + std::to_string(aPort);
 }
 
+std::string DescribeRefusal(const CCmInetAddr& aAddr, CmResult aReason) {
+    switch (aReason) {
+    case CM_ERROR_NETWORK_DNS_FAILURE:
+        return "cannot resolve '" + aAddr.GetIpDisplayName() + "'";
+    case CM_ERROR_NETWORK_TLS_CERTIFICATE:
+        return "the certificate of " + cm_address_text(aAddr) + " is refused";
+    case CM_ERROR_NETWORK_TLS_HANDSHAKE:
+        return "cannot agree on TLS with " + cm_address_text(aAddr);
+    default:
+        return "cannot connect to " + cm_address_text(aAddr);
+    }
+}
+
 // A socket of IPv6 also takes IPv4, but a machine may be without IPv6.
 const char* GetAnyAddress() {
     const int nFd = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -64,15 +77,15 @@ std::string DescribeConnectFailure(const CCmInetAddr& aAddr, ICmConnector& aConn
     CCmFailure failure;
     if (ICmConnectOptions* pOptions = cm_get_connect_options(&aConnector))
         pOptions->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
-    const std::string strWhat = aReason == CM_ERROR_NETWORK_DNS_FAILURE ? "cannot resolve '" + aAddr.GetIpDisplayName() + "'"
-                                                                        : "cannot connect to " + cm_address_text(aAddr);
-    return strWhat + DescribeCause(failure, aReason);
+    return DescribeRefusal(aAddr, aReason) + DescribeCause(failure, aReason);
 }
 
 std::string DescribeEnd(ICmTransport& aTransport, CmResult aReason) {
     CCmFailure failure;
     const bool bKnown = aTransport.GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure) == CM_OK;
-    return bKnown && !failure ? "was closed by the peer" : "broke" + DescribeCause(failure, aReason);
+    if (bKnown && !failure)
+        return "was closed by the peer";
+    return (aReason == CM_ERROR_NETWORK_TLS_CUT ? "broke, and the stream was cut" : "broke") + DescribeCause(failure, aReason);
 }
 
 // The client of a Unix socket has no path.

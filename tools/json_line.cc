@@ -6,8 +6,9 @@ namespace tool {
 
 namespace {
 
-std::string ToJson(std::string_view aText) {
-    return nlohmann::json(aText).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+template <class Value>
+std::string ToJson(const Value& aValue) {
+    return nlohmann::json(aValue).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace
@@ -16,7 +17,9 @@ JsonLine::JsonLine(std::string_view aEvent) : m_strText("{\"event\":" + ToJson(a
 
 JsonLine& JsonLine::Add(std::string_view aKey, std::string_view aText) { return AddRaw(aKey, ToJson(aText)); }
 
-JsonLine& JsonLine::Add(std::string_view aKey, double aValue) { return AddRaw(aKey, nlohmann::json(aValue).dump()); }
+JsonLine& JsonLine::Add(std::string_view aKey, double aValue) { return AddRaw(aKey, ToJson(aValue)); }
+
+JsonLine& JsonLine::Add(std::string_view aKey, const std::vector<std::string>& aTexts) { return AddRaw(aKey, ToJson(aTexts)); }
 
 JsonLine& JsonLine::AddRaw(std::string_view aKey, std::string_view aJson) {
     m_strText.append(",").append(ToJson(aKey)).append(":").append(aJson);

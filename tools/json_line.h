@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 namespace tool {
 
@@ -16,9 +17,13 @@ public:
     // aText is UTF-8. Invalid bytes become U+FFFD.
     JsonLine& Add(std::string_view aKey, std::string_view aText);
     JsonLine& Add(std::string_view aKey, double aValue);
+    JsonLine& Add(std::string_view aKey, const std::vector<std::string>& aTexts);
     template <class Integer, class = std::enable_if_t<std::is_integral_v<Integer>>>
     JsonLine& Add(std::string_view aKey, Integer aValue) {
-        return AddRaw(aKey, std::to_string(aValue));
+        if constexpr (std::is_same_v<Integer, bool>)
+            return AddRaw(aKey, aValue ? "true" : "false");
+        else
+            return AddRaw(aKey, std::to_string(aValue));
     }
 
     std::string GetText() const { return m_strText + "}"; }

@@ -15,14 +15,16 @@ void ComplainOfListening(const CCmInetAddr& aAddr, const CCmFailure& aFailure, C
     aConsole.Problem("cannot listen on " + cm_address_text(aAddr) + DescribeCause(aFailure, aReason));
 }
 
-bool StartListening(const CCmInetAddr& aAddr, ICmAcceptorConnectorSink* aSink, Console& aConsole,
-                    CCmRefPtrT<ICmAcceptor>& aAcceptor, DWORD aType) {
+bool StartListening(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink, Console& aConsole,
+                    CCmRefPtrT<ICmAcceptor>& aAcceptor) {
     CCmConnectionManager* pManager = CCmConnectionManager::Instance();
     CmResult rv = CM_ERROR_NOT_INITIALIZED;
     if (pManager)
-        rv = pManager->CreateConnectionServer(aType, aAcceptor.ParaOut());
+        rv = pManager->CreateConnectionServer(aArguments.m_dwType, aAcceptor.ParaOut());
+    if (rv == CM_OK && aArguments.m_Tls.m_bTls)
+        rv = UseContext(aAcceptor.Get(), aArguments.m_pContext);
     if (rv == CM_OK)
-        rv = aAcceptor->StartListen(aSink, aAddr);
+        rv = aAcceptor->StartListen(aSink, aArguments.m_Addr);
     CCmInetAddr listening;
     if (rv == CM_OK)
         rv = aAcceptor->GetListenAddr(listening);
@@ -30,7 +32,7 @@ bool StartListening(const CCmInetAddr& aAddr, ICmAcceptorConnectorSink* aSink, C
         CCmFailure failure;
         if (ICmConnectOptions* pOptions = cm_get_connect_options(aAcceptor.Get()))
             pOptions->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
-        ComplainOfListening(aAddr, failure, rv, aConsole);
+        ComplainOfListening(aArguments.m_Addr, failure, rv, aConsole);
         return false;
     }
     AnnounceListening(listening, aConsole);

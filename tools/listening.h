@@ -2,14 +2,15 @@
 #pragma once
 
 #include "talvo/talvo.h"
+#include "tools/arguments.h"
 #include "tools/console.h"
-#include "tools/endpoint.h"
 
 namespace tool {
 
-// Creates an acceptor of aType that passes connections to aSink, and announces it. false: it cannot listen, which was reported.
-bool StartListening(const CCmInetAddr& aAddr, ICmAcceptorConnectorSink* aSink, Console& aConsole,
-                    CCmRefPtrT<ICmAcceptor>& aAcceptor, DWORD aType);
+// Creates an acceptor of the arguments' type and address that passes connections to aSink, and announces it. false: it cannot
+// listen, which was reported.
+bool StartListening(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink, Console& aConsole,
+                    CCmRefPtrT<ICmAcceptor>& aAcceptor);
 
 // Prints "listening on ADDRESS:PORT" or the path, and "ready" (as JSON: one object with address and port; a path has none).
 void AnnounceListening(const CCmInetAddr& aAddr, Console& aConsole);

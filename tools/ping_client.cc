@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "tools/connecting.h"
 #include "tools/connection_type.h"
 #include "tools/memory.h"
 #include "tools/percentiles.h"
@@ -27,8 +28,7 @@ PingClient::~PingClient() {
 }
 
 void PingClient::Start() {
-    CCmConnectionManager* pManager = CCmConnectionManager::Instance();
-    if (!pManager || pManager->CreateConnectionClient(m_Arguments.m_dwType, m_pConnector.ParaOut()) != CM_OK) {
+    if (MakeConnector(m_Arguments, m_pConnector) != CM_OK) {
         GiveUp("cannot create a connector");
         return;
     }

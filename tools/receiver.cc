@@ -24,7 +24,7 @@ Receiver::~Receiver() {
 
 void Receiver::Start() {
     m_Progress.Start();
-    if (!StartListening(m_Arguments.m_Addr, this, m_Console, m_pAcceptor, m_Arguments.m_dwType))
+    if (!StartListening(m_Arguments, this, m_Console, m_pAcceptor))
         m_Application.Finish(EXIT_FAILED);
 }
 

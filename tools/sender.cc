@@ -1,5 +1,6 @@
 #include "tools/sender.h"
 
+#include "tools/connecting.h"
 #include "tools/connection_type.h"
 #include "tools/endpoint.h"
 #include "tools/file_name.h"
@@ -22,8 +23,7 @@ Sender::Sender(const Arguments& aArguments, Application& aApplication, Console& 
 Sender::~Sender() { Close(); }
 
 void Sender::Start() {
-    CCmConnectionManager* pManager = CCmConnectionManager::Instance();
-    if (!pManager || pManager->CreateConnectionClient(m_Arguments.m_dwType, m_pConnector.ParaOut()) != CM_OK) {
+    if (MakeConnector(m_Arguments, m_pConnector) != CM_OK) {
         GiveUp("cannot create a connector");
         return;
     }

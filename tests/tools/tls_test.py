@@ -1,0 +1,118 @@
+#!/usr/bin/env python3
+"""Runs the program over TLS as people do, with certificates of its own root, and against peers that break off."""
+import json
+import os
+import pathlib
+import socket
+import ssl
+import struct
+import subprocess
+import tempfile
+import threading
+import unittest
+
+from program import HOST, PATIENCE, ProgramTest
+
+MAKE_CERTIFICATES = pathlib.Path(__file__).parents[2] / "scripts" / "make-certificates"
+UNVERIFIED = "unable to get local issuer certificate"
+
+
+class TlsTest(ProgramTest):
+    @classmethod
+    def setUpClass(cls):
+        cls.certificates = tempfile.TemporaryDirectory(prefix="talvo-test-")
+        cls.addClassCleanup(cls.certificates.cleanup)
+        subprocess.run([MAKE_CERTIFICATES, "--name", "IP:" + HOST, cls.certificates.name, "expired"], check=True)
+
+    def path(self, name):
+        return os.path.join(self.certificates.name, name)
+
+    def own(self, name="server"):
+        return "--cert", self.path(name + ".pem"), "--key", self.path(name + ".key")
+
+    def root(self, name="root"):
+        return "--cacert", self.path(name + ".pem")
+
+    def answer_once(self, answer):
+        """Of a server that reads once, sends this and closes without an end of TLS. Its port."""
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(self.path("server.pem"), self.path("server.key"))
+        listener = self.enterContext(socket.create_server((HOST, 0)))
+
+        def serve():
+            with context.wrap_socket(listener.accept()[0], server_side=True) as peer:
+                peer.recv(65536)
+                peer.sendall(answer)
+        thread = threading.Thread(target=serve)
+        thread.start()
+        self.addCleanup(thread.join)
+        return listener.getsockname()[1]
+
+    def test_connections_of_each_type(self):
+        content = self.make("file", os.urandom(3_000_000)).read_bytes()
+        for kind in [], ["--type", "length"], ["--type", "package"], ["--type", "nopartial"]:
+            echo = self.serve("echo", "--tls", *self.own(), *kind)
+            ping = self.run_talvo("ping", echo.address, "--tls", *self.root(), *kind, "--count", 5, "--interval", 0,
+                                  "--size", 60000, "--json")
+            self.assertEqual((0, "", 5), (ping.returncode, ping.stderr, json.loads(ping.stdout)["received"]), kind)
+            out = self.directory / f"out{len(kind)}{kind[-1:]}"
+            out.mkdir()
+            recv = self.serve("recv", "--out", out, "--once", "--tls", *self.own(), *self.root(), *kind)
+            sent = self.run_talvo("send", self.directory / "file", recv.address, "--tls", *self.root(), *self.own("client"), *kind)
+            self.assertEqual((0, "", 0), (sent.returncode, sent.stderr, recv.end(None)[0]), kind)
+            self.assertEqual(content, (out / "file").read_bytes())
+        for arguments, cause in (([], UNVERIFIED), (["--servername", "localhost", *self.root()], ""),
+                                 (["--servername", "other.test", *self.root()], "hostname mismatch"),
+                                 (["--insecure"], "warning")):
+            echo = self.serve("echo", "--tls", *self.own())
+            run = self.run_talvo("ping", echo.address, "--tls", *arguments, "--count", 1)
+            self.assertEqual((cause in (UNVERIFIED, "hostname mismatch"), True), (run.returncode == 1, cause in run.stderr), run)
+        self.assert_fails(self.run_talvo("ping", echo.address, "--count", 1), 1)  # plain
+
+    def test_a_cut_stream_is_a_failure(self):
+        port = self.answer_once(b"")
+        self.assert_fails(self.run_talvo("ping", f"{HOST}:{port}", "--tls", *self.root()), 1, "the stream was cut")
+        recv = self.serve("recv", "--out", self.directory, "--once", "--tls", *self.own())
+        context = ssl.create_default_context(cafile=self.path("root.pem"))
+        with context.wrap_socket(socket.create_connection((HOST, recv.port), PATIENCE), server_hostname=HOST) as peer:
+            peer.sendall(struct.pack(">BI6sBIQ4s", 1, 6, b"TALVO\1", 2, 12, 9, b"file") + b"\3\0\0\0\4half")
+            peer.recv(1)
+        status, _, err = recv.end(None)
+        self.assertEqual((1, True), (status, "the stream was cut" in err), err)
+
+    def look(self, server, *arguments):
+        run = self.run_talvo("tls", server.address, "--json", *arguments)
+        return run.returncode, [json.loads(line) for line in run.stdout.splitlines()]
+
+    def test_tls_shows_a_server(self):
+        server = self.serve("echo", "--tls", *self.own())
+        status, (own, intermediate, session) = self.look(server, *self.root())
+        self.assertEqual((0, "TLS 1.3", "", HOST, True, "", False),
+                         (status, *(session[key] for key in ("protocol", "alpn", "name", "verified", "reason", "resumed"))))
+        self.assertTrue({"localhost", "127.0.0.1", HOST} <= set(own["names"]), own)
+        self.assertEqual(("CN=localhost", intermediate["subject"], 0), (own["subject"], own["issuer"], own["number"]))
+        self.assertIn(own["days_left"], (29, 30))
+        status, (*chain, session) = self.look(server, *self.root("other-root"))
+        self.assertEqual((1, 2, False, UNVERIFIED, False),
+                         (status, len(chain), *(session[key] for key in ("verified", "reason", "resumed"))))
+        self.assertIn("hostname mismatch", self.look(server, *self.root(), "--servername", "other.test")[1][-1]["reason"])
+        status, (own, *_, session) = self.look(self.serve("echo", "--tls", *self.own("expired")), *self.root())
+        self.assertEqual((1, True, "certificate has expired"), (status, own["days_left"] < 0, session["reason"]))
+        self.assert_fails(self.run_talvo("tls", self.serve("echo").address), 1)
+
+    def test_options_that_make_no_sense(self):
+        pem, missing = self.path("root.pem"), self.path("missing.pem")
+        ping, echo = ["ping", "h:1", "--tls"], ["echo", "--port", 0, "--tls"]
+        for arguments in (echo, [*echo, *self.root()], [*echo, "--cert", pem], [*echo, "--cert", pem, "--key", pem],
+                          [*echo, *self.own(), "--udp", "--type", "package"], [*echo, *self.own(), "--insecure"],
+                          ["echo", "--port", 0, *self.own()],
+                          [*ping, "--udp", "--type", "package"], [*ping, "--insecure", *self.root()], [*ping, "--cacert", missing],
+                          [*ping, "--cacert", self.path("root.key")], [*ping, "--key", self.path("client.key")],
+                          [*ping, "--servername", "a b"], ["ping", "unix:/x", "--tls"], ["ping", "h:1", *self.root()],
+                          ["tls"],
+                          ["tls", "h"], ["tls", "h:1", "--insecure"]):
+            self.assert_fails(self.run_talvo(*arguments), 2)
+
+
+if __name__ == "__main__":
+    unittest.main()
