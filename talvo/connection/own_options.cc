@@ -1,6 +1,7 @@
 // The options of the library's connectors and acceptors, and the rooms that have them.
 #include "talvo/transport/option_values.h"
 #include "talvo/transport/socket_settings.h"
+#include "talvo/transport/tls/alpn.h"
 #include "talvo/transport/tls/server_name.h"
 #include "talvo/transport/tls/ssl_context.h"
 
@@ -16,6 +17,7 @@ std::span<const COptionType> GetOwnOptions() {
         OptionOf<DWORD, CSocketSettings::IsReadSize>(CM_OPT_TRANSPORT_READ_SIZE, BOTH | STREAMS),
         OptionOf<CCmRefPtrT<CCmSslContext>>(CM_OPT_CONNECT_SSL_CONTEXT, BOTH | T::OVER_OTHERS),
         OptionOf<CCmString, IsServerName>(CM_OPT_CONNECT_SERVER_NAME, T::CONNECTORS | T::OVER_OTHERS),
+        OptionOf<CCmString, IsAlpn>(CM_OPT_CONNECT_ALPN, BOTH | T::OVER_OTHERS),
         OptionOf<DWORD>(CM_OPT_CONNECT_HANDSHAKE_TIME, BOTH | T::OVER_OTHERS),
         OptionOf<DWORD>(CM_OPT_CONNECT_MAX_HANDSHAKES, T::ACCEPTORS | T::OVER_OTHERS),
     };

@@ -115,6 +115,9 @@ enum ECmConnectOption : DWORD {
     // default: the given name of the address, or else the address; a path then has none, and the attempt fails with
     // CM_ERROR_INVALID_ARG. CM_ERROR_INVALID_ARG: more than 255 bytes, a NUL, or a dot at the front.
     CM_OPT_CONNECT_SERVER_NAME = 162,
+    // get, set CCmString: TLS only. The protocols of the connections, as for CCmSslContext::SetAlpn and instead of the
+    // context's; "", the default: the context's.
+    CM_OPT_CONNECT_ALPN = 163,
     // get CCmFailure: the failure of a connector's last attempt, inside its indication and until the next AsycConnect; the
     // failure of an acceptor's last StartListen. CM_FAILURE_NONE: no failure. A thread proxy answers without waiting.
     CM_OPT_CONNECT_FAILURE = 165,

@@ -31,6 +31,7 @@ CmResult CCmAcceptorSsl::Prepare_i(const CCmInetAddr& aAddrListen) {
     }
     m_pHandshakes->Use({pContext,
                         {},
+                        m_Options.ValueOf<CCmString>(CM_OPT_CONNECT_ALPN),
                         valueOr(CM_OPT_CONNECT_HANDSHAKE_TIME, Handshakes::DEFAULT_TIME),
                         valueOr(CM_OPT_CONNECT_MAX_HANDSHAKES, Handshakes::DEFAULT_MOST)});
     return CM_OK;

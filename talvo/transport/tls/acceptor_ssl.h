@@ -14,7 +14,7 @@ public:
     static CCmRefPtrT<ICmAcceptor> Make(const CCmAcceptorSettings& aSettings);
 
 protected:
-    // Also CM_OPT_CONNECT_SSL_CONTEXT, CM_OPT_CONNECT_HANDSHAKE_TIME and CM_OPT_CONNECT_MAX_HANDSHAKES.
+    // Also CM_OPT_CONNECT_SSL_CONTEXT, CM_OPT_CONNECT_ALPN, CM_OPT_CONNECT_HANDSHAKE_TIME and CM_OPT_CONNECT_MAX_HANDSHAKES.
     CmResult SetOption_i(DWORD aCommand, void* aArg) override;
     CmResult GetOption_i(DWORD aCommand, void* aArg) override;
     CmResult Prepare_i(const CCmInetAddr& aAddrListen) override;

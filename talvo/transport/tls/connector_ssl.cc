@@ -48,6 +48,7 @@ talvo::CTlsHandshakes::CSettings CCmConnectorSsl::SettingsFor_i(const CCmInetAdd
     if (!settings.m_pContext)
         settings.m_pContext = CCmSslContext::GetDefault();
     settings.m_strServerName = talvo::ServerNameOf(m_Options.ValueOf<CCmString>(CM_OPT_CONNECT_SERVER_NAME), aAddr);
+    settings.m_strAlpn = m_Options.ValueOf<CCmString>(CM_OPT_CONNECT_ALPN);
     const DWORD dwTime = m_Options.ValueOf<DWORD>(CM_OPT_CONNECT_HANDSHAKE_TIME);
     if (dwTime > 0 || m_bTimed)
         settings.m_dwTime = dwTime;

@@ -20,7 +20,8 @@ public:
     int Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal = nullptr) override;
     void Close() override;
 
-    // Also CM_OPT_CONNECT_SSL_CONTEXT, CM_OPT_CONNECT_SERVER_NAME and CM_OPT_CONNECT_HANDSHAKE_TIME.
+    // Also CM_OPT_CONNECT_SSL_CONTEXT, CM_OPT_CONNECT_SERVER_NAME, CM_OPT_CONNECT_ALPN and
+    // CM_OPT_CONNECT_HANDSHAKE_TIME.
     CmResult SetOption(DWORD aCommand, void* aArg) override;
     CmResult GetOption(DWORD aCommand, void* aArg) override;
 

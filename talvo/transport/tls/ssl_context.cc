@@ -17,6 +17,7 @@
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
 #include "talvo/base/with_memory.h"
+#include "talvo/transport/tls/alpn.h"
 #include "talvo/transport/tls/default_context.h"
 #include "talvo/transport/tls/own_certificate.h"
 #include "talvo/transport/tls/tls_session.h"
@@ -32,21 +33,6 @@ constexpr long MODES = SSL_MODE_RELEASE_BUFFERS | SSL_MODE_ACCEPT_MOVING_WRITE_B
 // Of a file that OpenSSL did not take.
 CmResult ResultOfFile(const char* aFile) {
     return aFile && access(aFile, R_OK) != 0 ? CM_ERROR_NOT_FOUND : CM_ERROR_INVALID_ARG;
-}
-
-// "h2,http/1.1" as OpenSSL wants it; empty: not valid.
-std::vector<unsigned char> AlpnOf(std::string_view aProtocols) {
-    std::vector<unsigned char> list;
-    for (size_t st = 0; st <= aProtocols.size();) {
-        const size_t stEnd = std::min(aProtocols.find(',', st), aProtocols.size());
-        if (stEnd == st || stEnd - st > 255)
-            return {};
-        list.push_back(static_cast<unsigned char>(stEnd - st));
-        list.insert(list.end(), aProtocols.begin() + static_cast<std::ptrdiff_t>(st),
-                    aProtocols.begin() + static_cast<std::ptrdiff_t>(stEnd));
-        st = stEnd + 1;
-    }
-    return list;
 }
 
 }  // namespace
@@ -108,9 +94,10 @@ int CSslSettings::ChooseCertificate(SSL* aSsl, int*, void* aSettings) {
     return !pOwn || pOwn->UseFor(aSsl) ? SSL_TLSEXT_ERR_OK : SSL_TLSEXT_ERR_ALERT_FATAL;
 }
 
-int CSslSettings::ChooseAlpn(SSL*, const unsigned char** aOut, unsigned char* aOutLen, const unsigned char* aIn,
+int CSslSettings::ChooseAlpn(SSL* aSsl, const unsigned char** aOut, unsigned char* aOutLen, const unsigned char* aIn,
                              unsigned aInLen, void* aSettings) {
-    const auto& alpn = static_cast<CSslSettings*>(aSettings)->m_Alpn;
+    const auto& own = static_cast<CTlsSession*>(SSL_get_app_data(aSsl))->GetAlpn();
+    const auto& alpn = own.empty() ? static_cast<CSslSettings*>(aSettings)->m_Alpn : own;
     unsigned char* pOut = nullptr;
     const int nRv = SSL_select_next_proto(&pOut, aOutLen, alpn.data(), static_cast<unsigned>(alpn.size()), aIn, aInLen);
     *aOut = pOut;
@@ -246,7 +233,7 @@ CmResult CCmSslContext::SetAlpn(const char* aProtocols) {
     if (!aProtocols)
         return CM_ERROR_INVALID_ARG;
     return Set_i("SetAlpn", nullptr, [&](talvo::CSslSettings& aSettings) {
-        std::vector<unsigned char> list = AlpnOf(aProtocols);
+        std::vector<unsigned char> list = talvo::MakeAlpnList(aProtocols);
         if (list.empty() || SSL_CTX_set_alpn_protos(aSettings.m_pCtx, list.data(), static_cast<unsigned>(list.size())) != 0)
             return CM_ERROR_INVALID_ARG;
         aSettings.m_Alpn = std::move(list);
@@ -298,7 +285,7 @@ CCmRefPtrT<CCmSslContext> CCmSslContext::GetDefault() { return talvo::CDefaultCo
 
 // The name is set before the version: a session without one must never connect.
 CmResult CCmSslContext::Begin_i(CCmTransportSsl& aTransport, DWORD aType, const char* aServerName,
-                                std::unique_ptr<talvo::CTlsSession>& aSession) {
+                                const std::vector<unsigned char>& aAlpn, std::unique_ptr<talvo::CTlsSession>& aSession) {
     if (!m_pSettings)
         return CM_ERROR_OUT_OF_MEMORY;
     CmResult rv = Use_i();
@@ -315,6 +302,8 @@ CmResult CCmSslContext::Begin_i(CCmTransportSsl& aTransport, DWORD aType, const 
     rv = aServerName ? m_pSettings->BeginClient(pSsl, aServerName) : m_pSettings->BeginServer(pSsl);
     if (rv == CM_OK)
         rv = m_pSettings->LimitVersions(pSsl, aType);
+    if (rv == CM_OK && !aAlpn.empty() && !aSession->UseAlpn(aAlpn))
+        rv = CM_ERROR_OUT_OF_MEMORY;
     if (rv != CM_OK)
         aSession.reset();
     ERR_clear_error();

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "talvo/base/ref_ptr.h"
 #include "talvo/base/reference_control.h"
@@ -69,7 +70,7 @@ public:
 
 private:
     friend class CCmTransportSsl;
-    CmResult Begin_i(CCmTransportSsl& aTransport, DWORD aType, const char* aServerName,
+    CmResult Begin_i(CCmTransportSsl& aTransport, DWORD aType, const char* aServerName, const std::vector<unsigned char>& aAlpn,
                      std::unique_ptr<talvo::CTlsSession>& aSession);
     CmResult Use_i();
     template <class Callable>

@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "talvo/transport/tls/alpn.h"
+
 namespace talvo {
 
 namespace {
@@ -57,7 +59,8 @@ std::unique_ptr<IHandshake> CTlsHandshakes::MakeHandshake(CCmTransportTcp& aTran
     if (std::unique_ptr<IHandshake> pFirst = m_pFirst ? m_pFirst->MakeHandshake(aTransport, aStep) : nullptr)
         return pFirst;
     const CCmString& strName = m_Settings.m_strServerName;
-    const CmResult rv = transport.Begin(m_Settings.m_pContext, strName.empty() ? nullptr : strName.c_str());
+    const char* pName = strName.empty() ? nullptr : strName.c_str();
+    const CmResult rv = transport.Begin(m_Settings.m_pContext, pName, MakeAlpnList(m_Settings.m_strAlpn));
     if (rv == CM_ERROR_OUT_OF_MEMORY)
         throw std::bad_alloc();
     return std::make_unique<CTlsHandshake>(transport, rv);

@@ -17,6 +17,7 @@ public:
     struct CSettings {
         CCmRefPtrT<CCmSslContext> m_pContext;
         CCmString m_strServerName;      // "": of a server
+        CCmString m_strAlpn;            // "": the context's
         DWORD m_dwTime = DEFAULT_TIME;  // milliseconds, of all handshakes of a connection; 0: no limit
         DWORD m_dwMost = DEFAULT_MOST;
     };

@@ -103,6 +103,12 @@ CTlsSession::~CTlsSession() {
     ClearErrors();
 }
 
+BOOL CTlsSession::UseAlpn(const std::vector<unsigned char>& aList) {
+    if (!SSL_is_server(m_pSsl))
+        return SSL_set_alpn_protos(m_pSsl, aList.data(), static_cast<unsigned>(aList.size())) == 0;
+    return WithMemory([&] { m_Alpn = aList; });
+}
+
 void CTlsSession::Verified_i(int aError, int aDepth, const char* aSubject) {
     const char* pText = X509_verify_cert_error_string(aError);
     CM_WARNING_TRACE_THIS("CTlsSession::Verified_i, the certificate is refused. why=" << pText << " depth=" << aDepth

@@ -39,6 +39,10 @@ public:
     CTlsSession(const CTlsSession&) = delete;
     CTlsSession& operator=(const CTlsSession&) = delete;
 
+    // Before the handshake, instead of the context's protocols; see MakeAlpnList. FALSE: memory ran out.
+    BOOL UseAlpn(const std::vector<unsigned char>& aList);
+    const std::vector<unsigned char>& GetAlpn() const { return m_Alpn; }  // of a server
+
     // DONE: complete, and all of it has been sent. Bytes behind it go back by UnRecv_i. Throws std::bad_alloc.
     EResult Handshake();
     // The handshake is complete. Without it there is neither Read nor Write.
@@ -106,6 +110,7 @@ private:
 
     CCmTransportTcp& m_Socket;
     ssl_st* const m_pSsl;
+    std::vector<unsigned char> m_Alpn;           // empty: the context's
     CTlsCall* m_pCall = nullptr;                 // under way
     std::unique_ptr<std::vector<char>> m_pKept;  // sealed, for the socket; null: none
     size_t m_stKeptSent = 0;

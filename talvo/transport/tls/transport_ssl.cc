@@ -25,13 +25,14 @@ CCmTransportSsl::~CCmTransportSsl() {
     --s_Live;
 }
 
-CmResult CCmTransportSsl::Begin(const CCmRefPtrT<CCmSslContext>& aContext, const char* aServerName) {
+CmResult CCmTransportSsl::Begin(const CCmRefPtrT<CCmSslContext>& aContext, const char* aServerName,
+                                const std::vector<unsigned char>& aAlpn) {
     if (m_pSession)
         return CM_ERROR_ALREADY_INITIALIZED;
     if (!aContext)
         return CM_ERROR_INVALID_ARG;
     m_pContext = aContext;
-    return aContext->Begin_i(*this, m_dwType, aServerName, m_pSession);
+    return aContext->Begin_i(*this, m_dwType, aServerName, aAlpn, m_pSession);
 }
 
 CmResult CCmTransportSsl::Open_t() { return IsUp_i() ? CCmTransportTcp::Open_t() : CM_ERROR_NOT_INITIALIZED; }

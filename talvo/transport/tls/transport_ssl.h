@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "talvo/transport/tls/ssl_context.h"
 #include "talvo/transport/tls/tls_session.h"
@@ -29,7 +30,9 @@ public:
     // Before the handshake, once. aServerName: the name that a client expects, or an address; null for a server.
     // CM_ERROR_ALREADY_INITIALIZED. CM_ERROR_OUT_OF_MEMORY. CM_ERROR_FAILURE: the versions of the type and the context are
     // disjoint, or OpenSSL refuses the name.
-    CmResult Begin(const CCmRefPtrT<CCmSslContext>& aContext, const char* aServerName);
+    // aAlpn: instead of the context's protocols; empty: those. See MakeAlpnList.
+    CmResult Begin(const CCmRefPtrT<CCmSslContext>& aContext, const char* aServerName,
+                   const std::vector<unsigned char>& aAlpn = {});
 
     // Null before Begin.
     talvo::CTlsSession* GetSession() const { return m_pSession.get(); }
