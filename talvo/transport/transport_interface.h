@@ -48,7 +48,8 @@ enum ECmTransportOption : DWORD {
                                         // CM_ERROR_NOT_AVAILABLE: the transport holds bytes of the connection
     CM_OPT_TRANSPORT_LOCAL_ADDR = 104,  // get CCmInetAddr; a proxy's also after the end
     CM_OPT_TRANSPORT_PEER_ADDR = 105,   // get CCmInetAddr; also after the end
-    CM_OPT_TRANSPORT_SOCK_ALIVE = 106,  // [waits] get BOOL: FALSE: the close of the peer was seen;
+    CM_OPT_TRANSPORT_SOCK_ALIVE = 106,  // [waits] get BOOL: FALSE: the close of the peer was seen; over TLS
+                                        // also while records before it are unread;
                                         // CM_ERROR_NOT_INITIALIZED (and FALSE) on a closed transport
     CM_OPT_TRANSPORT_TRAN_TYPE = 107,   // get DWORD: 1 TCP, 2 UDP, or another base type; a thread proxy adds 0x20000 or else
                                         // 0x10000 if the type that it was made with has that bit

@@ -1,5 +1,7 @@
 #include "talvo/transport/tls/transport_ssl.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <cerrno>
 
@@ -157,11 +159,7 @@ CmResult CCmTransportSsl::GetOption(DWORD aCommand, void* aArg) {
         return CM_OK;
     }
     case CM_OPT_TRANSPORT_SOCK_ALIVE:
-        if (m_pSession && m_pSession->HasPeerEnded() && GetHandle() != CM_INVALID_HANDLE) {
-            *static_cast<BOOL*>(aArg) = FALSE;
-            return CM_OK;
-        }
-        break;
+        return GetAlive_i(*static_cast<BOOL*>(aArg));
     case CM_OPT_TRANSPORT_SSL_INFO:
         return GetInfo_i(*static_cast<CCmSslInfo*>(aArg));
     case CM_OPT_TRANSPORT_SSL_PEER_CERTIFICATE:
@@ -170,6 +168,15 @@ CmResult CCmTransportSsl::GetOption(DWORD aCommand, void* aArg) {
         break;
     }
     return CCmTransportTcp::GetOption(aCommand, aArg);
+}
+
+// An unread record, close_notify for example, hides the end of the socket behind it from the TCP transport.
+CmResult CCmTransportSsl::GetAlive_i(BOOL& aAlive) {
+    const CmResult rv = CCmTransportTcp::GetOption(CM_OPT_TRANSPORT_SOCK_ALIVE, &aAlive);
+    pollfd socket{GetHandle(), POLLRDHUP, 0};
+    if (rv == CM_OK && m_pSession && (m_pSession->HasPeerEnded() || poll(&socket, 1, 0) > 0))
+        aAlive = FALSE;
+    return rv;
 }
 
 CmResult CCmTransportSsl::GetInfo_i(CCmSslInfo& aInfo) const {

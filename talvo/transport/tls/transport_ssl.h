@@ -61,6 +61,7 @@ private:
     BOOL IsUp_i() const { return m_pSession && m_pSession->IsUp(); }
     int Ended_i(talvo::CTlsSession::EResult aResult);
     void ReadOn_i();
+    CmResult GetAlive_i(BOOL& aAlive);
     CmResult GetInfo_i(CCmSslInfo& aInfo) const;
 
     CCmRefPtrT<CCmSslContext> m_pContext;  // as long as the session
