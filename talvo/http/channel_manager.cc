@@ -30,7 +30,7 @@ CCmChannelManager* CCmChannelManager::Instance() {
 CmResult CCmChannelManager::CreateChannelHttpClient(ICmChannelHttpClient*& aOut, CCmHttpUrl* aUrl, DWORD aFlags) {
     if (!aUrl)
         return CM_ERROR_INVALID_ARG;
-    if ((aFlags & BROWSER_PROXY) || aUrl->GetScheme() == "https") {
+    if (aFlags & BROWSER_PROXY) {
         CM_ERROR_TRACE_THIS("CCmChannelManager::CreateChannelHttpClient, not implemented. url=" << aUrl->GetAsciiSpec()
                                                                                                 << " flags=" << aFlags);
         return CM_ERROR_NOT_IMPLEMENTED;

@@ -18,7 +18,7 @@ public:
     static CCmChannelManager* Instance();
 
     // A client for aUrl, which is copied; see ICmChannelHttpClient. CM_ERROR_INVALID_ARG: aUrl is null.
-    // CM_ERROR_NOT_IMPLEMENTED, with a trace line: https, or the flag BROWSER_PROXY. CM_ERROR_OUT_OF_MEMORY.
+    // CM_ERROR_NOT_IMPLEMENTED, with a trace line: the flag BROWSER_PROXY. CM_ERROR_OUT_OF_MEMORY.
     CmResult CreateChannelHttpClient(ICmChannelHttpClient*& aOut, CCmHttpUrl* aUrl, DWORD aFlags = 0);
     static constexpr DWORD BROWSER_PROXY = 2;  // through the proxy of the user's browser
 

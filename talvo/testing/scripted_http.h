@@ -109,7 +109,11 @@ public:
     CCmScriptedHttpServer(const CCmScriptedHttpServer&) = delete;
     CCmScriptedHttpServer& operator=(const CCmScriptedHttpServer&) = delete;
 
-    std::string GetUrl(const std::string& aPath = "/") const { return "http://127.0.0.1:" + std::to_string(m_wPort) + aPath; }
+    // aScheme "": that of CCmScriptedHttp.
+    std::string GetUrl(const std::string& aPath = "/", const std::string& aScheme = "") const {
+        return (aScheme.empty() ? s_strScheme : aScheme) + "://127.0.0.1:" + std::to_string(m_wPort) + aPath;
+    }
+    CCmInetAddr GetAddr() const { return CCmInetAddr("127.0.0.1", m_wPort); }
     size_t GetConnections() const { return m_Peers.size(); }
     CCmScriptedHttpPeer& GetPeer() const { return *m_Peers.back(); }  // of the last connection
 
@@ -120,6 +124,7 @@ private:
     friend class CCmScriptedHttp;
     inline static std::map<WORD, CCmScriptedHttpServer*> s_Servers;
     inline static WORD s_wLastPort = 10000;
+    inline static std::string s_strScheme = "http";
 
     const WORD m_wPort = ++s_wLastPort;
     const std::vector<CAnswers> m_Scripts;
@@ -127,16 +132,25 @@ private:
     std::vector<CCmRefPtrT<CCmScriptedHttpPeer>> m_Peers;
 };
 
-// While one is in scope, TCP connections of new channels lead to the scripted servers; to any other port they are refused.
-// Create it in the network thread, which must be the calling thread: CCmThreadManager::NETWORK_THREAD_MAIN.
+// While one is in scope, TCP and TLS connections of new channels lead to the scripted servers; to any other port they are
+// refused. TLS has no handshake: every certificate is good. Create it in the network thread, which must be the calling thread:
+// CCmThreadManager::NETWORK_THREAD_MAIN.
 class CCmScriptedHttp {
 public:
-    CCmScriptedHttp() {
-        CCmBaseTypeMakers makers;
-        cm_get_base_type(CM_TRANSPORT_TYPE_TCP, makers);
-        cm_offer_base_type(CM_TRANSPORT_TYPE_TCP, {CConnector::Make, makers.m_Acceptor});
+    // aScheme: of the servers' URLs, "http" or "https".
+    explicit CCmScriptedHttp(const std::string& aScheme = "http") {
+        CCmScriptedHttpServer::s_strScheme = aScheme;
+        for (const DWORD dwType : TYPES) {
+            CCmBaseTypeMakers makers;
+            cm_get_base_type(dwType, makers);
+            cm_offer_base_type(dwType, {CConnector::Make, makers.m_Acceptor});
+        }
     }
-    ~CCmScriptedHttp() { cm_offer_base_type(CM_TRANSPORT_TYPE_TCP, {}); }
+    ~CCmScriptedHttp() {
+        for (const DWORD dwType : TYPES)
+            cm_offer_base_type(dwType, {});
+        CCmScriptedHttpServer::s_strScheme = "http";
+    }
     CCmScriptedHttp(const CCmScriptedHttp&) = delete;
     CCmScriptedHttp& operator=(const CCmScriptedHttp&) = delete;
 
@@ -148,7 +162,21 @@ public:
         }
     }
 
+    // A connection to the server of a port, as a channel gets it. Null: there is no such server.
+    static CCmRefPtrT<CCmScriptedHttpPeer> ConnectTo(WORD aPort) {
+        const auto itServer = CCmScriptedHttpServer::s_Servers.find(aPort);
+        if (itServer == CCmScriptedHttpServer::s_Servers.end())
+            return nullptr;
+        CCmScriptedHttpServer& server = *itServer->second;
+        const size_t stScript = std::min(server.m_Peers.size(), server.m_Scripts.size() - 1);
+        server.m_Peers.emplace_back(new CCmScriptedHttpPeer(server.m_Scripts[stScript], server.m_stPiece));
+        server.m_Peers.back()->m_dwRoom = server.m_dwRoom;
+        return server.m_Peers.back();
+    }
+
 private:
+    static constexpr DWORD TYPES[] = {CM_TRANSPORT_TYPE_TCP, CM_TRANSPORT_TYPE_TLS};
+
     // Reports from the loop, as any connector does.
     class CConnector : public ACmConnectorInternal, private CCmTimerWrapperIDSink {
     public:
@@ -162,6 +190,7 @@ private:
             return 0;
         }
         void Close() override { m_Timer.Cancel(); }
+        CmResult SetOption(DWORD, void*) override { return CM_OK; }  // those of TLS have no effect
 
     private:
         void OnTimer(CCmTimerWrapperID*) override {
@@ -174,16 +203,4 @@ private:
         CCmInetAddr m_Addr;
         CCmTimerWrapperID m_Timer;
     };
-
-    // Null where there is no server.
-    static CCmRefPtrT<CCmScriptedHttpPeer> ConnectTo(WORD aPort) {
-        const auto itServer = CCmScriptedHttpServer::s_Servers.find(aPort);
-        if (itServer == CCmScriptedHttpServer::s_Servers.end())
-            return nullptr;
-        CCmScriptedHttpServer& server = *itServer->second;
-        const size_t stScript = std::min(server.m_Peers.size(), server.m_Scripts.size() - 1);
-        server.m_Peers.emplace_back(new CCmScriptedHttpPeer(server.m_Scripts[stScript], server.m_stPiece));
-        server.m_Peers.back()->m_dwRoom = server.m_dwRoom;
-        return server.m_Peers.back();
-    }
 };

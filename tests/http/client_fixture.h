@@ -7,6 +7,7 @@
 #include "talvo/http/message/http_atom_list.h"
 #include "talvo/http/message/http_url.h"
 #include "talvo/testing/scripted_http.h"
+#include "tests/http/tls_front.h"
 #include "tests/support/channel_sink.h"
 #include "tests/support/network_fixture.h"
 #include "tests/support/test.h"
@@ -48,9 +49,12 @@ public:
     CCmRefPtrT<ICmChannelHttpClient> m_pChannel;
 };
 
-// The main thread is the network thread, so that no proxy stands between.
+// The main thread is the network thread, so that no proxy stands between. With "tls" as the family the servers are real ones.
 class CHttpClientTest : public testing::Test {
 protected:
+    explicit CHttpClientTest(bool aTls = std::string_view(OwnFamily()) == "tls")
+        : m_Http(aTls ? "https" : "http"), m_pFront(aTls ? std::make_unique<CTlsFront>() : nullptr) {}
+
     // The servers answer meanwhile.
     template <class Condition>
     void RunUntil(Condition aCondition) const {
@@ -79,4 +83,5 @@ protected:
     CCmFakeClock m_Clock;
     const CTestNetwork m_Network{CCmThreadManager::NETWORK_THREAD_MAIN};
     const CCmScriptedHttp m_Http;
+    const std::unique_ptr<CTlsFront> m_pFront;
 };

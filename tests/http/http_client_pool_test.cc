@@ -43,13 +43,9 @@ TEST_F(HttpClientPoolTest, AStaleConnectionIsReplacedOnceForWhatMayBeRepeated) {
 TEST_F(HttpClientPoolTest, AChosenAddressReplacesThatOfTheUrl) {
     const CAnswer moved = Answer("302 Found", "Location: http://b.test/\r\n", ""), found = Answer("200 OK", "", "x");
     const CScriptServer server({{found}}), chosen({{moved, found}, {found}});
-    CCmHttpUrl url;
-    EXPECT_TRUE(url.Init(chosen.GetUrl()));
-    CCmInetAddr addr(url.GetHostName().c_str(), url.GetPort());
-    for (int i = 0; i < 2; ++i)
-        EXPECT_EQ("200 x", Get(server, [&](CTestHttpClient& aClient) {
-                      EXPECT_EQ(CM_OK, aClient.m_pChannel->SetOption(CM_OPT_CHANNEL_CONNECT_TO, &addr));
-                  }));
+    const auto choose = [&](CTestHttpClient& a) { Set(*a.m_pChannel, CM_OPT_CHANNEL_CONNECT_TO, chosen.GetAddr()); };
+    EXPECT_EQ("200 x", Get(server, choose));
+    EXPECT_EQ("200 x", Get(server, choose));
     EXPECT_EQ(2u, chosen.GetConnections());  // one a host, and each is used again
     EXPECT_NE(std::string::npos, chosen.m_Requests.back().find("Host: " + server.GetUrl("").substr(7)));
     EXPECT_EQ("200 x", Get(server));

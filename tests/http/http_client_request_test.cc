@@ -128,7 +128,7 @@ TEST_F(HttpClientBodyTest, FollowsRedirectsByTheRules) {
 
 TEST_F(HttpClientBodyTest, DoesNotFollowEverything) {
     const CAnswer found = Answer("302 Found", "Location: /\r\n", "body");
-    for (const std::string strLocation : {"https://127.0.0.1/", "file:///etc/passwd", "http://a:b@127.0.0.1/", ""}) {
+    for (const std::string strLocation : {"file:///etc/passwd", "http://a:b@127.0.0.1/", ""}) {
         const CCmTraceCapture trace;
         const CScriptServer server({{Answer("302 Found", "Location: " + strLocation + "\r\n", "body")}});
         EXPECT_EQ(strLocation.empty() ? "302 body" : "0  !20008", Get(server)) << strLocation;

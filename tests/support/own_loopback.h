@@ -30,10 +30,14 @@ inline CCmInetAddr OwnPath(WORD aPort) {
     return addr;
 }
 
-// The address that tests listen on and connect to where its family does not matter. Port 0: the system chooses one. The tests
-// run again with TALVO_TEST_FAMILY "6" and "unix" in the environment.
-inline CCmInetAddr Loopback(WORD aPort = 0) {
+// The tests run again with TALVO_TEST_FAMILY "6" and "unix" in the environment, and those of HTTP clients with "tls".
+inline const char* OwnFamily() {
     static const char* const s_pFamily = std::getenv("TALVO_TEST_FAMILY");
-    const std::string strFamily = s_pFamily ? s_pFamily : "";
+    return s_pFamily ? s_pFamily : "";
+}
+
+// The address that tests listen on and connect to where its family does not matter. Port 0: the system chooses one.
+inline CCmInetAddr Loopback(WORD aPort = 0) {
+    const std::string strFamily = OwnFamily();
     return strFamily == "unix" ? OwnPath(aPort) : CCmInetAddr(strFamily == "6" ? "::1" : OwnLoopback(), aPort);
 }

@@ -17,10 +17,17 @@ enum ECmChannelOption : DWORD {
     // For HTTP client channels, get CCmFailure: the failure of the exchange, inside OnDisconnect and afterwards.
     // CM_FAILURE_NONE: no failure. Never waits.
     CM_OPT_CHANNEL_LAST_FAILURE = 308,
+    // For HTTP client channels, set BOOL (FALSE): redirects from https to http are followed. The two names share a number: one
+    // is only read, the other only set.
+    CM_OPT_CHANNEL_ALLOW_DOWNGRADE = 308,
 
     // For HTTP client channels, get and set CCmInetAddr (CCmInetAddr::s_InetAddrAny): all connections of the channel go to this
     // address, also after redirects, and not to the URL's host and port. A Unix path serves for HTTP inside a machine.
     CM_OPT_CHANNEL_CONNECT_TO = 309,
+
+    // For HTTP client channels, get and set CCmRefPtrT<CCmSslContext>: for https. Null, the default:
+    // CCmSslContext::GetDefault(). The certificate must have the URL's host as its name, whatever CM_OPT_CHANNEL_CONNECT_TO is.
+    CM_OPT_CHANNEL_SSL_CONTEXT = 310,
 
     // Options of HTTP server acceptors and channels begin with 331.
 };

@@ -125,7 +125,7 @@ CmResult CCmChannelHttpClient::AsyncOpen(ICmChannelSink* aSink) {
 }
 
 CmResult CCmChannelHttpClient::CheckUrl_i() const {
-    if (m_pUrl->GetScheme() != "http")
+    if (m_pUrl->GetScheme() != "http" && m_pUrl->GetScheme() != "https")
         return CM_ERROR_NOT_IMPLEMENTED;
     const CCmString& strHost = m_pUrl->GetHostName();
     const BOOL bHost = !strHost.empty() && strHost.find_first_of(" @?#") == CCmString::npos && !HasControl(strHost);
@@ -189,17 +189,25 @@ CmResult CCmChannelHttpClient::SetOption(DWORD aCommand, void* aArg) {
         return CM_ERROR_INVALID_ARG;
     if (aCommand == CM_OPT_TRANSPORT_PAUSE_READING)
         return ResultWithMemory([&] { return Pause_i(!!*static_cast<BOOL*>(aArg)); });
-    DWORD* pOption = FindOption_i(aCommand);
-    if (!pOption && aCommand != CM_OPT_CHANNEL_CONNECT_TO)
+    if (aCommand < CM_OPT_CHANNEL_WHOLE_BODY || aCommand > CM_OPT_CHANNEL_SSL_CONTEXT)
         return m_Exchange.SetOption(aCommand, aArg);
     if (m_Status != SETTING_UP)
         return CM_ERROR_ALREADY_INITIALIZED;
-    if (!pOption)
+    switch (aCommand) {
+    case CM_OPT_CHANNEL_ALLOW_DOWNGRADE:
+        m_bMayDowngrade = !!*static_cast<BOOL*>(aArg);
+        return CM_OK;
+    case CM_OPT_CHANNEL_CONNECT_TO:
         return Copy(*static_cast<CCmInetAddr*>(aArg), m_Exchange.GetSettings().m_AddrConnectTo);
-    const DWORD dwValue = *static_cast<DWORD*>(aArg);
-    if (aCommand == CM_OPT_CHANNEL_MAX_REDIRECTS && dwValue > talvo::MAX_HTTP_REDIRECTS)
-        return CM_ERROR_INVALID_ARG;
-    *pOption = dwValue;
+    case CM_OPT_CHANNEL_SSL_CONTEXT:
+        m_Exchange.GetSettings().m_pContext = *static_cast<CCmRefPtrT<CCmSslContext>*>(aArg);
+        return CM_OK;
+    case CM_OPT_CHANNEL_MAX_REDIRECTS:
+        if (*static_cast<DWORD*>(aArg) > talvo::MAX_HTTP_REDIRECTS)
+            return CM_ERROR_INVALID_ARG;
+        break;
+    }
+    *FindOption_i(aCommand) = *static_cast<DWORD*>(aArg);
     return CM_OK;
 }
 
@@ -213,6 +221,8 @@ CmResult CCmChannelHttpClient::GetOption(DWORD aCommand, void* aArg) {
         *static_cast<CCmFailure*>(aArg) = m_LastFailure;
     else if (aCommand == CM_OPT_CHANNEL_CONNECT_TO)
         return Copy(m_Exchange.GetSettings().m_AddrConnectTo, *static_cast<CCmInetAddr*>(aArg));
+    else if (aCommand == CM_OPT_CHANNEL_SSL_CONTEXT)
+        *static_cast<CCmRefPtrT<CCmSslContext>*>(aArg) = m_Exchange.GetSettings().m_pContext;
     else if (pOption)
         *static_cast<DWORD*>(aArg) = *pOption;
     else

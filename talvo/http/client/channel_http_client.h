@@ -27,7 +27,7 @@ public:
     // CM_OK: upcalls follow, never inside this call. CM_ERROR_INVALID_ARG: null, or an invalid request (a host or path with
     // control characters, both Content-Length and chunks, a Content-Length other than the body's, a TRACE with a body).
     // CM_ERROR_ALREADY_INITIALIZED: opened before. CM_ERROR_NOT_AVAILABLE: this is not the thread that made the channel, or
-    // CCmConnectionManager::Drain runs. CM_ERROR_NOT_IMPLEMENTED, with a trace line: https, CONNECT, a file URL.
+    // CCmConnectionManager::Drain runs. CM_ERROR_NOT_IMPLEMENTED, with a trace line: CONNECT, a file URL.
     // CM_ERROR_NULL_POINTER: the calling thread lacks a queue. Else the reason why a connection is impossible. It may be called
     // again after any failure.
     CmResult AsyncOpen(ICmChannelSink* aSink) override;
@@ -107,6 +107,7 @@ private:
 
     DWORD m_dwWholeBody = FALSE;
     DWORD m_dwMaxRedirects;
+    BOOL m_bMayDowngrade = FALSE;
 
     BOOL m_bPaused = FALSE;
     talvo::CReceiveChain m_Held;  // came during a pause

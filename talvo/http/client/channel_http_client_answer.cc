@@ -21,7 +21,8 @@ constexpr uint64_t MAX_RESERVED = 1 << 20;  // bytes reserved because the server
 ECmFailureCause CauseOf(CmResult aCause) {
     if (aCause == CM_ERROR_TIMEOUT)
         return CM_FAILURE_SILENCE;
-    const BOOL bServer = aCause == CM_ERROR_NETWORK_HTTP_FAILURE || aCause == CM_ERROR_NETWORK_SOCKET_ERROR;
+    const BOOL bServer = aCause == CM_ERROR_NETWORK_HTTP_FAILURE || aCause == CM_ERROR_NETWORK_SOCKET_ERROR ||
+                         aCause == CM_ERROR_NETWORK_TLS_CUT;
     return bServer ? CM_FAILURE_PROTOCOL : CM_FAILURE_LOCAL;
 }
 
@@ -109,7 +110,7 @@ CmResult CCmChannelHttpClient::Follow_i() {
         return RefuseLocation_i();
     if (!pUrl->Init(strTarget))  // a resolved target is always a URL
         return CM_ERROR_OUT_OF_MEMORY;
-    if (pUrl->GetScheme() != "http")
+    if (m_pUrl->GetScheme() == "https" && pUrl->GetScheme() == "http" && !m_bMayDowngrade)
         return RefuseLocation_i();
     if (talvo::DoesHttpRedirectBecomeGet(m_Exchange.GetHead().GetStatus(), m_Request.GetMethod()))
         m_Request.BecomeGet();

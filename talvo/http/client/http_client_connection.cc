@@ -10,6 +10,8 @@
 #include "talvo/event/thread_manager.h"
 #include "talvo/http/client/http_client_pool.h"
 #include "talvo/http/message/http_memory.h"
+#include "talvo/http/message/http_version.h"
+#include "talvo/transport/connect_options.h"
 #include "talvo/transport/socket_settings.h"
 
 namespace talvo {
@@ -40,7 +42,10 @@ CmResult CHttpClientConnection::Connect(const CHttpConnectionRequest& aRequest) 
     CCmConnectionManager* pManager = CCmConnectionManager::Instance();
     if (!pManager)
         return CM_ERROR_NULL_POINTER;
-    const CmResult rv = pManager->CreateConnectionClient(aRequest.m_dwType, m_pConnector.ParaOut());
+    const DWORD dwType = aRequest.m_pContext ? CM_TRANSPORT_TYPE_TLS : CM_TRANSPORT_TYPE_TCP;
+    CmResult rv = pManager->CreateConnectionClient(dwType, m_pConnector.ParaOut());
+    if (rv == CM_OK && aRequest.m_pContext)
+        rv = SetTls_i(aRequest);
     if (rv != CM_OK)
         return rv;
     CCmTimeValue tvTimeout = CCmTimeValue::FromUsec(int64_t{aRequest.m_dwTimeoutMs} * 1000);
@@ -49,6 +54,17 @@ CmResult CHttpClientConnection::Connect(const CHttpConnectionRequest& aRequest) 
                                  : aRequest.m_AddrConnectTo;
     m_pConnector->AsycConnect(this, addr, aRequest.m_dwTimeoutMs > 0 ? &tvTimeout : nullptr);
     return CM_OK;
+}
+
+CmResult CHttpClientConnection::SetTls_i(const CHttpConnectionRequest& aRequest) {
+    m_pContext = aRequest.m_pContext;
+    CCmString strName = aRequest.m_strHost, strAlpn = HTTP_ALPN;
+    CmResult rv = SetConnectOption(m_pConnector.Get(), CM_OPT_CONNECT_SSL_CONTEXT, &m_pContext);
+    if (rv == CM_OK)
+        rv = SetConnectOption(m_pConnector.Get(), CM_OPT_CONNECT_SERVER_NAME, &strName);
+    if (rv == CM_OK)
+        rv = SetConnectOption(m_pConnector.Get(), CM_OPT_CONNECT_ALPN, &strAlpn);
+    return rv;
 }
 
 void CHttpClientConnection::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) {

@@ -5,6 +5,7 @@
 #include "talvo/base/ref_ptr.h"
 #include "talvo/event/timer_delete.h"
 #include "talvo/event/timer_wrapper_id.h"
+#include "talvo/transport/tls/ssl_context.h"
 #include "talvo/transport/transport_interface.h"
 
 namespace talvo {
@@ -79,6 +80,7 @@ private:
     void OnTimer(CCmTimerWrapperID* aId) override;
     void OnReferenceDestory() override;
 
+    CmResult SetTls_i(const CHttpConnectionRequest& aRequest);
     template <class Call>
     void Enter_i(const Call& aCall);
     void Indicate_i(CmResult aReason, const CCmFailure& aFailure);
@@ -90,6 +92,7 @@ private:
     CHttpClientPool* m_pPool;      // not owned; null: it is destroyed, or no longer has this connection
     IHttpConnectionUser* m_pUser;  // not owned; null while idle
     const CCmString m_strKey;
+    CCmRefPtrT<CCmSslContext> m_pContext;  // of TLS; null: plain TCP. Kept because the key has its address
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pTransport;
     CCmTimerWrapperID m_Timer;

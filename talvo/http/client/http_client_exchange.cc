@@ -16,6 +16,19 @@ constexpr DWORD MAX_INTERIMS = 32;
 constexpr const char* NO_MEMORY = "there is no memory";
 constexpr uint64_t MAX_SKIPPED = 64 * 1024;  // bytes of an unused body that are read to keep its connection
 
+const char* ConnectFailureText(CmResult aReason) {
+    switch (aReason) {
+    case CM_ERROR_OUT_OF_MEMORY:
+        return NO_MEMORY;
+    case CM_ERROR_NETWORK_TLS_CERTIFICATE:
+        return "the server's certificate is refused";
+    case CM_ERROR_NETWORK_TLS_HANDSHAKE:
+        return "the TLS handshake with the server has failed";
+    default:
+        return "there is no connection to the server";
+    }
+}
+
 int64_t AfterMs(DWORD aMs) { return CCmClock::GetTimeOfDayUsec() + int64_t{aMs} * 1000; }
 
 }  // namespace
@@ -30,6 +43,10 @@ CmResult CHttpClientExchange::Start(const CHttpClientRequest& aRequest, const CC
     m_pRequest = &aRequest;
     m_strHost = aUrl.GetHostName();
     m_wPort = aUrl.GetPort();
+    const BOOL bTls = aUrl.GetScheme() == "https";
+    m_pContext = !bTls ? nullptr : m_Settings.m_pContext ? m_Settings.m_pContext : CCmSslContext::GetDefault();
+    if (bTls && !m_pContext)
+        return CM_ERROR_OUT_OF_MEMORY;
     m_strHead = aRequest.MakeHead(aUrl, aAuthorization, !!m_Settings.m_dwKeepAlive);
     if (m_strHead.empty())
         return CM_ERROR_OUT_OF_MEMORY;
@@ -49,7 +66,8 @@ CmResult CHttpClientExchange::Acquire_i(int64_t aMaxRest) {
     if (rv != CM_OK)
         return rv;
     m_State = WAITING;
-    rv = pPool->Acquire({this, m_strHost, m_wPort, m_Settings.m_dwConnectTimeout, aMaxRest, m_Settings.m_AddrConnectTo});
+    rv = pPool->Acquire(
+        {this, m_strHost, m_wPort, m_Settings.m_dwConnectTimeout, aMaxRest, m_Settings.m_AddrConnectTo, m_pContext});
     if (rv != CM_OK)
         m_State = IDLE;
     return rv;
@@ -79,7 +97,7 @@ void CHttpClientExchange::OnConnectionReady(CHttpClientConnection& aConnection, 
 
 void CHttpClientExchange::OnConnectionFailed(CmResult aReason, const CCmFailure& aFailure) {
     m_Failure = aFailure;
-    Fail_i(aReason, aReason == CM_ERROR_OUT_OF_MEMORY ? NO_MEMORY : "there is no connection to the server");
+    Fail_i(aReason, ConnectFailureText(aReason));
 }
 
 // A connection that refuses data has failed, and reports it itself; the data that it received before is delivered first.

@@ -40,6 +40,7 @@ public:
         DWORD m_dwContinueTimeout = 1'000;
         DWORD m_dwKeepAlive = TRUE;
         CCmInetAddr m_AddrConnectTo;
+        CCmRefPtrT<CCmSslContext> m_pContext;
     };
 
     explicit CHttpClientExchange(IHttpExchangeUser& aUser);
@@ -108,7 +109,8 @@ private:
     const CHttpClientRequest* m_pRequest = nullptr;  // not owned
     CCmString m_strHost;
     WORD m_wPort = 0;
-    CCmString m_strHead;  // in wire format
+    CCmRefPtrT<CCmSslContext> m_pContext;  // null: plain http
+    CCmString m_strHead;                   // in wire format
     CHttpClientSender m_Sender;
     int64_t m_llContinueUntil = 0;
 

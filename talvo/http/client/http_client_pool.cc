@@ -18,8 +18,8 @@ CCmLiveCounter s_Live("CHttpClientPool");
 
 thread_local CHttpClientPool* s_pPool = nullptr;
 
-// The address, the base type and the settings of most connections are left out, so that the key is short. No text of a
-// host or an address has a line feed.
+// The parts that most connections lack are left out, so that the key is short. No text of a host or an address has a line feed.
+// A connection keeps its context, so no other context gets the same address meanwhile.
 CCmString KeyOf(const CHttpConnectionRequest& aRequest) {
     CCmString strKey = aRequest.m_strHost;
     if (!is_ipv6_host(strKey))  // it is in lower case, and the case of its zone matters
@@ -27,8 +27,8 @@ CCmString KeyOf(const CHttpConnectionRequest& aRequest) {
     strKey += ":" + std::to_string(aRequest.m_wPort);
     if (aRequest.m_AddrConnectTo != CCmInetAddr::s_InetAddrAny)
         strKey += "\nat " + cm_address_text(aRequest.m_AddrConnectTo);
-    if (aRequest.m_dwType != CM_TRANSPORT_TYPE_TCP || !aRequest.m_strSetUp.empty())
-        strKey += "\n" + std::to_string(aRequest.m_dwType) + "\n" + aRequest.m_strSetUp;
+    if (aRequest.m_pContext)
+        strKey += "\ntls " + std::to_string(reinterpret_cast<uintptr_t>(aRequest.m_pContext.Get()));
     return strKey;
 }
 

@@ -8,6 +8,7 @@
 #include "talvo/event/thread_link.h"
 #include "talvo/http/client/http_client_connection.h"
 #include "talvo/http/client/http_pool_limits.h"
+#include "talvo/transport/tls/ssl_context.h"
 
 namespace talvo {
 
@@ -19,12 +20,11 @@ struct CHttpConnectionRequest {
     DWORD m_dwTimeoutMs = 0;
     int64_t m_llMaxRest = 0;                 // microseconds: a reused connection must have been idle for less than this
     CCmInetAddr m_AddrConnectTo{};           // s_InetAddrAny: the host and port
-    DWORD m_dwType = CM_TRANSPORT_TYPE_TCP;  // the base type of the connection
-    CCmString m_strSetUp{};                  // the settings of the connection, as any text; only an equal one is reused
+    CCmRefPtrT<CCmSslContext> m_pContext{};  // of TLS; null: plain TCP
 };
 
 // One a thread; the first channel makes it, the thread's end destroys it. An unused connection serves the next request for its
-// host, port, address, base type and settings. If the limit of connections is reached, requests wait in turn.
+// host, port, address and TLS context. If the limit of connections is reached, requests wait in turn.
 class CHttpClientPool : private CCmThreadTenant, private CCmTimerWrapperIDSink {
 public:
     // aPool (out): the calling thread's. CM_ERROR_NULL_POINTER: it has no event queue or no timer queue.

@@ -10,6 +10,7 @@
 #include "talvo/event/thread_manager.h"
 #include "talvo/http/message/http_date.h"
 #include "talvo/http/message/http_memory.h"
+#include "talvo/http/message/http_version.h"
 #include "talvo/http/server/http_server_connection.h"
 #include "talvo/transport/connect_options.h"
 #include "talvo/transport/thread_proxy/proxy_options.h"
@@ -61,8 +62,17 @@ CmResult CCmChannelHttpServerAcceptor::Listen_i(const CCmInetAddr& aAddrListen) 
     CCmConnectionManager* pManager = CCmConnectionManager::Instance();
     if (!pManager)
         return CM_ERROR_NULL_POINTER;
-    const CmResult rv = pManager->CreateConnectionServer(CCmConnectionManager::CTYPE_TCP, m_pAcceptor.ParaOut());
+    const DWORD dwType = m_pContext ? CM_TRANSPORT_TYPE_TLS : CM_TRANSPORT_TYPE_TCP;
+    CmResult rv = pManager->CreateConnectionServer(dwType, m_pAcceptor.ParaOut());
+    if (rv == CM_OK && m_pContext)
+        rv = SetTls_i();
     return rv == CM_OK ? m_pAcceptor->StartListen(this, aAddrListen) : rv;
+}
+
+CmResult CCmChannelHttpServerAcceptor::SetTls_i() {
+    CCmString strAlpn = talvo::HTTP_ALPN;
+    const CmResult rv = talvo::SetConnectOption(m_pAcceptor.Get(), CM_OPT_CONNECT_SSL_CONTEXT, &m_pContext);
+    return rv == CM_OK ? talvo::SetConnectOption(m_pAcceptor.Get(), CM_OPT_CONNECT_ALPN, &strAlpn) : rv;
 }
 
 CmResult CCmChannelHttpServerAcceptor::StopListen(CmResult aReason) {
@@ -240,6 +250,8 @@ DWORD* CCmChannelHttpServerAcceptor::GetNumber_i(DWORD aCommand) {
 }
 
 CmResult CCmChannelHttpServerAcceptor::SetOption(DWORD aCommand, void* aArg) {
+    if (aArg && aCommand == CM_OPT_CHANNEL_SERVER_SSL_CONTEXT)
+        return SetContext_i(*static_cast<CCmRefPtrT<CCmSslContext>*>(aArg));
     DWORD* pNumber = GetNumber_i(aCommand);
     const BOOL bBody = aCommand == CM_OPT_CHANNEL_SERVER_MAX_BODY;
     const BOOL bSeconds = aCommand >= CM_OPT_CHANNEL_SERVER_HEAD_SECONDS;
@@ -255,11 +267,22 @@ CmResult CCmChannelHttpServerAcceptor::SetOption(DWORD aCommand, void* aArg) {
     return CM_OK;
 }
 
+CmResult CCmChannelHttpServerAcceptor::SetContext_i(const CCmRefPtrT<CCmSslContext>& aContext) {
+    if (m_pSink)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    m_pContext = aContext;
+    return CM_OK;
+}
+
 CmResult CCmChannelHttpServerAcceptor::GetOption(DWORD aCommand, void* aArg) {
     const DWORD* pNumber = GetNumber_i(aCommand);
     const BOOL bBody = aCommand == CM_OPT_CHANNEL_SERVER_MAX_BODY;
     if (aArg && aCommand == CM_OPT_CONNECT_FAILURE) {
         *static_cast<CCmFailure*>(aArg) = m_Failure;
+        return CM_OK;
+    }
+    if (aArg && aCommand == CM_OPT_CHANNEL_SERVER_SSL_CONTEXT) {
+        *static_cast<CCmRefPtrT<CCmSslContext>*>(aArg) = m_pContext;
         return CM_OK;
     }
     if (!aArg || (!pNumber && !bBody))

@@ -8,6 +8,7 @@
 #include "talvo/event/timer_delete.h"
 #include "talvo/event/timer_wrapper_id.h"
 #include "talvo/http/server/http_server_owner.h"
+#include "talvo/transport/tls/ssl_context.h"
 
 // CCmChannelManager::CreateHttpAcceptor makes it. One timer, once a second, checks all time-outs.
 class TALVO_API CCmChannelHttpServerAcceptor final : public ICmChannelServerAcceptor,
@@ -53,6 +54,8 @@ private:
     using Connection = CCmRefPtrT<talvo::CHttpServerConnection>;
 
     CmResult Listen_i(const CCmInetAddr& aAddrListen);
+    CmResult SetTls_i();
+    CmResult SetContext_i(const CCmRefPtrT<CCmSslContext>& aContext);
     template <class Visit>
     void ForEach_i(const Visit& aVisit);
     void Look_i();
@@ -63,6 +66,7 @@ private:
 
     talvo::CHttpServerSettings m_Settings;
     ICmChannelServerAcceptorSink* m_pSink = nullptr;  // not owned; from StartListen to OnStopped
+    CCmRefPtrT<CCmSslContext> m_pContext;             // null: plain http
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;              // while listening
     std::vector<Connection> m_Connections;            // each stores its place
     CCmTimerWrapperID m_LookTimer;

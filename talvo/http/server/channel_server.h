@@ -21,7 +21,10 @@ enum ECmChannelServerOption : DWORD {
     // DWORD (60): between two requests; also for each KiB of a request's body, and for each progress of an answer that the
     // peer's system does not take.
     CM_OPT_CHANNEL_SERVER_IDLE_SECONDS = 337,
-    CM_OPT_CHANNEL_SERVER_STOP_SECONDS = 338  // DWORD (30): the time that StopListen gives to requests that have begun
+    CM_OPT_CHANNEL_SERVER_STOP_SECONDS = 338,  // DWORD (30): the time that StopListen gives to requests that have begun
+    // CCmRefPtrT<CCmSslContext> (null): https with this context, which needs a certificate; null: http. Set it before
+    // StartListen; CM_ERROR_ALREADY_INITIALIZED afterwards.
+    CM_OPT_CHANNEL_SERVER_SSL_CONTEXT = 339
 };
 
 // The upcalls of one request, in the acceptor's thread. Each of them may do anything to the channel: answer, disconnect,
@@ -44,9 +47,9 @@ public:
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara = nullptr) override;
 
     // The request can no longer be answered; the last call. CM_ERROR_NETWORK_SOCKET_ERROR: the peer has closed, or violates the
-    // protocol. CM_ERROR_TIMEOUT: it is too slow. CM_ERROR_NETWORK_SOCKET_CLOSE: the server has stopped.
-    // CM_ERROR_OUT_OF_MEMORY: memory ran out for received data. It does not come when the answer is complete, nor after the
-    // sink's own Disconnect.
+    // protocol. CM_ERROR_NETWORK_TLS_CUT: it has closed without close_notify. CM_ERROR_TIMEOUT: it is too slow.
+    // CM_ERROR_NETWORK_SOCKET_CLOSE: the server has stopped. CM_ERROR_OUT_OF_MEMORY: memory ran out for received data. It does
+    // not come when the answer is complete, nor after the sink's own Disconnect.
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override = 0;
 
     // Never comes: the channel is connected from the start.
@@ -158,8 +161,9 @@ class TALVO_API ICmChannelServerAcceptor : public ICmReferenceControl {
 public:
     // CM_ERROR_INVALID_ARG: aSink is null. CM_ERROR_ALREADY_INITIALIZED: it listens, or its stop is not complete.
     // CM_ERROR_NULL_POINTER: the thread has no event queue or no timer queue, or there is no network thread.
-    // CM_ERROR_NETWORK_SOCKET_ERROR: the address cannot be used. CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain runs. Port
-    // 0: the system chooses one; GetListenAddr returns it. aSink is not owned.
+    // CM_ERROR_NETWORK_SOCKET_ERROR: the address cannot be used. CM_ERROR_NOT_INITIALIZED: the TLS context has no certificate.
+    // CM_ERROR_NOT_AVAILABLE: CCmConnectionManager::Drain runs. Port 0: the system chooses one; GetListenAddr returns it. aSink
+    // is not owned.
     virtual CmResult StartListen(ICmChannelServerAcceptorSink* aSink, const CCmInetAddr& aAddrListen) = 0;
 
     // Ends gracefully: accepts no more connections and closes those without a whole head of a request. The others are closed
