@@ -1,5 +1,6 @@
 #include "tools/arguments.h"
 
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,6 +31,8 @@ constexpr const char* FOOTER = R"(Examples:
   talvo resolve www.example.com
   talvo serve ~/public --port 8080
   talvo echo --host unix:/run/user/1000/echo.sock
+  talvo get https://www.example.com/photos.tar -o photos.tar
+  talvo serve ~/public --port 8443 --cert server.pem --key server.key
   talvo echo --tls --port 7000 --cert server.pem --key server.key
   talvo ping --tls --cacert root.pem localhost:7000
   talvo tls www.example.com:443
@@ -179,6 +182,8 @@ void DeclareTls(CLI::App& aApp, Arguments& a) {
     DeclareEndpoint(aApp, a, "Endpoint of a server, see talvo --help");
     DeclareTrust(aApp, a);
     DeclareServerName(aApp, a);
+    aApp.add_option("--alpn", a.m_strAlpn, "Protocols to offer, the preferred one first; default: h2,http/1.1")
+        ->option_text("NAME,...");
 }
 
 std::string CheckTls(Arguments& a) {
@@ -201,7 +206,7 @@ std::string CheckResolve(Arguments& a) {
 }
 
 void DeclareGet(CLI::App& aApp, Arguments& a) {
-    aApp.add_option("URL", a.m_strUrl, "URL to fetch: http://... or file://...")->required()->option_text("URL");
+    aApp.add_option("URL", a.m_strUrl, "URL to fetch: http://..., https://... or file://...")->required()->option_text("URL");
     aApp.add_option("-o,--out", a.m_strOutput,
                     "File to write, named FILE.part until it is complete; by default, or with -: stdout")
         ->option_text("FILE");
@@ -209,6 +214,8 @@ void DeclareGet(CLI::App& aApp, Arguments& a) {
     aApp.add_option("--connect-to", a.m_strEndpoint, "Connect there instead of to the URL's host; see talvo --help")
         ->option_text("ENDPOINT");
     aApp.add_option("--user", a.m_strUser, "Credentials for a server that requires them")->option_text("NAME:PASSWORD");
+    DeclareTrust(aApp, a);
+    DeclareInsecure(aApp, a);
 }
 
 std::string CheckGet(Arguments& a) {
@@ -227,11 +234,14 @@ std::string CheckGet(Arguments& a) {
         return "--json needs --out";
     if (!a.m_strUser.empty() && a.m_strUser.find(':') == std::string::npos)
         return "--user needs NAME:PASSWORD";
-    return "";
+    const std::string strTls = MakeClientContext(a.m_Tls, a.m_pContext);
+    return strTls.empty() && a.m_pContext && strncasecmp(a.m_strUrl.c_str(), "file:", 5) == 0 ? "a file URL has no TLS"
+                                                                                              : strTls;
 }
 
 void DeclareServe(CLI::App& aApp, Arguments& a) {
     DeclareListening(aApp, a);
+    DeclareClientTrust(aApp, a);
     aApp.add_option("directory", a.m_strDirectory, "Directory to serve; no request leads out of it")
         ->required()
         ->option_text("DIR");
@@ -259,7 +269,7 @@ constexpr Subcommand SUBCOMMANDS[] = {
     {"ping", "Measure round trips to a `talvo echo`", DeclarePing, CheckPing, RunPing},
     {"get", "Fetch a file by its URL", DeclareGet, CheckGet, RunGet},
     {"resolve", "Look up the addresses of host names", DeclareResolve, CheckResolve, RunResolve},
-    {"serve", "Serve the files of a directory over HTTP", DeclareServe, CheckServe, RunServe},
+    {"serve", "Serve the files of a directory over HTTP or https", DeclareServe, CheckServe, RunServe},
     {"tls", "Show the TLS of a server: certificates, protocol, resumption", DeclareTls, CheckTls, RunTls},
 };
 

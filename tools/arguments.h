@@ -37,7 +37,8 @@ struct Arguments {
     DWORD m_dwType = CCmConnectionManager::CTYPE_TCP;  // from these two and --tls
 
     TlsOptions m_Tls;
-    CCmRefPtrT<CCmSslContext> m_pContext;  // from these; null: none, or the default one of clients
+    CCmRefPtrT<CCmSslContext> m_pContext;   // from these; null: none, or the default one of clients
+    std::string m_strAlpn = "h2,http/1.1";  // tls
 
     DWORD m_dwCount = 10;         // ping
     DWORD m_dwIntervalMs = 1000;  // ping

@@ -76,6 +76,9 @@ std::string Getter::OpenHttpUrl(CCmHttpUrl& aUrl) {
     CCmInetAddr addr = m_Arguments.m_Addr;
     if (m_pHttp->SetOption(CM_OPT_CHANNEL_CONNECT_TO, &addr) != CM_OK)
         return "cannot connect elsewhere";
+    CCmRefPtrT<CCmSslContext> pContext = m_Arguments.m_pContext;
+    if (m_pHttp->SetOption(CM_OPT_CHANNEL_SSL_CONTEXT, &pContext) != CM_OK)
+        return "cannot set up TLS";
     const std::string& strUser = m_Arguments.m_strUser;
     const size_t nColon = strUser.find(':');
     if (nColon != std::string::npos && m_pHttp->SetCredentials(strUser.substr(0, nColon), strUser.substr(nColon + 1)) != CM_OK)
@@ -194,7 +197,8 @@ std::string Getter::DescribeFailure(CmResult aReason) const {
         m_pHttp->GetOption(CM_OPT_CHANNEL_LAST_FAILURE, &cause);
     if (strFailure.empty())
         return "cannot read it" + DescribeCause(cause, rv);
-    return Printable(strFailure) + (strFailure.starts_with(cause.GetText()) ? "" : DescribeCause(cause, rv));
+    const std::string strCut = rv == CM_ERROR_NETWORK_TLS_CUT ? "the stream was cut: " : "";
+    return strCut + Printable(strFailure) + (strFailure.starts_with(cause.GetText()) ? "" : DescribeCause(cause, rv));
 }
 
 void Getter::Finish(const std::string& aProblem) {

@@ -11,8 +11,11 @@ class Server : public FileService {
 public:
     Server(const ServedDirectory& aDirectory, Console& aConsole) : FileService(aDirectory), m_Console(aConsole) {}
 
-    bool Start(const CCmInetAddr& aAddr) {
+    // aContext null: http.
+    bool Start(const CCmInetAddr& aAddr, CCmRefPtrT<CCmSslContext> aContext) {
         CmResult rv = CCmChannelManager::Instance()->CreateHttpAcceptor(m_pAcceptor.ParaOut(), 0);
+        if (rv == CM_OK && aContext)
+            rv = m_pAcceptor->SetOption(CM_OPT_CHANNEL_SERVER_SSL_CONTEXT, &aContext);
         if (rv == CM_OK)
             rv = m_pAcceptor->StartListen(this, aAddr);
         CCmInetAddr listening;
@@ -55,7 +58,7 @@ int RunServe(const Arguments& aArguments) {
     Application::RaiseDescriptorLimit();
     Application application(CCmThreadManager::NETWORK_THREAD_MAIN);
     Server server(directory, console);
-    if (application.IsStarted() && !server.Start(aArguments.m_Addr))
+    if (application.IsStarted() && !server.Start(aArguments.m_Addr, aArguments.m_pContext))
         return EXIT_FAILED;
     const int nStatus = application.Run();
     server.AnnounceEnd();

@@ -30,7 +30,10 @@ void TlsLook::Connect(EStep aStep) {
 }
 
 CmResult TlsLook::MakeConnectorOfStep() {
-    const CmResult rv = MakeConnector(m_Arguments, m_pConnector);
+    CmResult rv = MakeConnector(m_Arguments, m_pConnector);
+    CCmString strAlpn = m_Arguments.m_strAlpn;
+    if (rv == CM_OK)
+        rv = cm_get_connect_options(m_pConnector.Get())->SetOption(CM_OPT_CONNECT_ALPN, &strAlpn);
     if (rv != CM_OK || m_Step != SHOW)
         return rv;
     TlsOptions options = m_Arguments.m_Tls;
@@ -90,7 +93,14 @@ void TlsLook::WaitForTickets() {
     RequireMemory(m_Timer.Schedule(this, CCmTimeValue(TICKET_SECONDS), 1));
 }
 
-void TlsLook::OnDisconnect(CmResult, ICmTransport*) { OnTimer(nullptr); }
+// Under TLS 1.3 a server refuses the client's certificate, or none, only now.
+void TlsLook::OnDisconnect(CmResult aReason, ICmTransport* aTrptId) {
+    CCmFailure failure;
+    if (aReason == CM_ERROR_NETWORK_TLS_CUT)
+        aTrptId->GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure);
+    m_strEnd = failure.GetText();
+    OnTimer(nullptr);
+}
 
 void TlsLook::OnTimer(CCmTimerWrapperID*) {
     Close();
@@ -119,19 +129,24 @@ void TlsLook::ReportCertificates() const {
 void TlsLook::Report() {
     Close();
     ReportCertificates();
+    const bool bVerified = m_Step == RESUME && m_Info.m_bVerified;
     const std::string& strGiven = m_Arguments.m_Tls.m_strServerName;
     const std::string strName = strGiven.empty() ? m_Arguments.m_Addr.GetIpDisplayName() : strGiven;
     const std::string strVersion = m_Info.m_dwVersion == CM_TLS_1_3 ? "TLS 1.3" : "TLS 1.2";
-    const std::string strAlpn = m_Info.m_strAlpn.empty() ? "no ALPN" : "ALPN " + m_Info.m_strAlpn;
-    const bool bVerified = m_Step == RESUME && m_Info.m_bVerified;
-    JsonLine json("tls");
-    json.Add("protocol", strVersion).Add("cipher", m_Info.m_strCipher).Add("alpn", m_Info.m_strAlpn).Add("name", strName);
-    json.Add("verified", bVerified).Add("reason", m_strNotVerified).Add("resumed", m_bResumed);
-    m_Console.Report(strVersion + ", " + m_Info.m_strCipher + ", " + strAlpn + "; " +
-                         (bVerified ? "verified" : "not verified") + " as " + strName +
-                         (bVerified ? "" : ": " + m_strNotVerified) + "; " +
-                         (m_bResumed ? "resumed on the second connect" : "not resumed"),
-                     json);
+    std::string strText = strVersion + ", " + m_Info.m_strCipher;
+    strText += m_Info.m_strAlpn.empty() ? ", no ALPN" : ", ALPN " + m_Info.m_strAlpn;
+    strText += bVerified ? "; verified as " + strName : "; not verified as " + strName + ": " + m_strNotVerified;
+    strText += m_bResumed ? "; resumed on the second connect" : "; not resumed";
+    strText += m_strEnd.empty() ? "" : "; end: " + m_strEnd;
+    m_Console.Report(strText, JsonLine("tls")
+                                  .Add("protocol", strVersion)
+                                  .Add("cipher", m_Info.m_strCipher)
+                                  .Add("alpn", m_Info.m_strAlpn)
+                                  .Add("name", strName)
+                                  .Add("verified", bVerified)
+                                  .Add("reason", m_strNotVerified)
+                                  .Add("resumed", m_bResumed)
+                                  .Add("end", m_strEnd));
     m_Application.Finish(bVerified ? EXIT_OK : EXIT_FAILED);
 }
 

@@ -54,6 +54,7 @@ private:
     CCmTimerWrapperID m_Timer;     // the end of the wait for tickets
     CCmSslInfo m_Info;             // of the first connection with a complete handshake
     std::string m_strNotVerified;  // the reason of the refusal; "": the certificate was not refused
+    std::string m_strEnd;          // of the first connection; "": it was orderly, or has not come in time
     bool m_bResumed = false;
 };
 

@@ -40,8 +40,6 @@ std::string CheckParts(const CCmHttpUrl& aUrl, bool aTaken, std::string_view aAu
         return aRest.starts_with('/') && (aAuthority.empty() || aAuthority == "localhost")
                    ? ""
                    : "a file URL begins with file:/// and the path";
-    if (aUrl.GetScheme() != "http")
-        return "https is not offered yet";
     if (!aRest.empty() && aRest.front() != '/')
         return "a '/' is missing between the host and the '" + std::string(aRest.substr(0, 1)) + "'";
     if (std::any_of(aRest.begin(), aRest.end(), IsBlankOrControl))
@@ -56,7 +54,7 @@ std::string CheckUrl(const std::string& aUrl) {
     CCmHttpUrl url;
     const bool bTaken = url.Init(aUrl);
     if (url.GetScheme().empty())
-        return strQuoted + " is not a URL that begins with http:// or file://";
+        return strQuoted + " is not a URL that begins with http://, https:// or file://";
     const std::string_view rest = std::string_view(aUrl).substr(aUrl.find("://") + 3);
     const size_t stAuthority = std::min(rest.find_first_of("/?#"), rest.size());
     const std::string strFault = CheckParts(url, bTaken, rest.substr(0, stAuthority), rest.substr(stAuthority));

@@ -10,6 +10,7 @@ import subprocess
 import tempfile
 import threading
 import unittest
+import urllib.request
 
 from program import HOST, PATIENCE, ProgramTest
 
@@ -48,6 +49,26 @@ class TlsTest(ProgramTest):
         self.addCleanup(thread.join)
         return listener.getsockname()[1]
 
+    def test_https_is_verified_at_both_ends(self):
+        content = self.make("source", os.urandom(300000)).read_bytes()
+        out = self.directory / "out"
+        server = self.serve("serve", self.directory, *self.own())
+        url = f"https://{server.address}/source"
+        context = ssl.create_default_context(cafile=self.path("root.pem"))
+        with urllib.request.urlopen(url, timeout=PATIENCE, context=context) as answer:
+            self.assertEqual(content, answer.read())
+        self.assertEqual((0, content), (self.run_talvo("get", url, *self.root(), "-o", out).returncode, out.read_bytes()))
+        for trust in (), self.root("other-root"):
+            self.assert_fails(self.run_talvo("get", url, *trust, "-o", self.directory / "refused"), 1, UNVERIFIED)
+        self.assert_fails(self.run_talvo("get", url.replace("https", "http"), "-o", self.directory / "refused"), 1)
+        self.assertFalse((self.directory / "refused").exists())
+        insecure = self.run_talvo("get", url, "--insecure", "-o", out)
+        self.assertEqual((0, True), (insecure.returncode, "warning: --insecure" in insecure.stderr))
+        server = self.serve("serve", self.directory, *self.own(), *self.root())
+        url = f"https://{server.address}/source"
+        for own, status in ((), 1), (self.own(), 1), (self.own("client"), 0):
+            self.assertEqual(status, self.run_talvo("get", url, *self.root(), *own, "-o", out).returncode, own)
+
     def test_connections_of_each_type(self):
         content = self.make("file", os.urandom(3_000_000)).read_bytes()
         for kind in [], ["--type", "length"], ["--type", "package"], ["--type", "nopartial"]:
@@ -72,6 +93,9 @@ class TlsTest(ProgramTest):
     def test_a_cut_stream_is_a_failure(self):
         port = self.answer_once(b"")
         self.assert_fails(self.run_talvo("ping", f"{HOST}:{port}", "--tls", *self.root()), 1, "the stream was cut")
+        port = self.answer_once(b"HTTP/1.1 200 OK\r\n\r\nhalf")  # only its end delimits the body
+        self.assert_fails(self.run_talvo("get", f"https://{HOST}:{port}/", *self.root(), "-o", self.directory / "out"), 1, "cut")
+        self.assertFalse((self.directory / "out").exists())
         recv = self.serve("recv", "--out", self.directory, "--once", "--tls", *self.own())
         context = ssl.create_default_context(cafile=self.path("root.pem"))
         with context.wrap_socket(socket.create_connection((HOST, recv.port), PATIENCE), server_hostname=HOST) as peer:
@@ -85,10 +109,10 @@ class TlsTest(ProgramTest):
         return run.returncode, [json.loads(line) for line in run.stdout.splitlines()]
 
     def test_tls_shows_a_server(self):
-        server = self.serve("echo", "--tls", *self.own())
+        server = self.serve("serve", self.directory, *self.own())
         status, (own, intermediate, session) = self.look(server, *self.root())
-        self.assertEqual((0, "TLS 1.3", "", HOST, True, "", False),
-                         (status, *(session[key] for key in ("protocol", "alpn", "name", "verified", "reason", "resumed"))))
+        self.assertEqual((0, "TLS 1.3", "http/1.1", HOST, True, "", ""),
+                         (status, *(session[key] for key in ("protocol", "alpn", "name", "verified", "reason", "end"))))
         self.assertTrue({"localhost", "127.0.0.1", HOST} <= set(own["names"]), own)
         self.assertEqual(("CN=localhost", intermediate["subject"], 0), (own["subject"], own["issuer"], own["number"]))
         self.assertIn(own["days_left"], (29, 30))
@@ -98,18 +122,22 @@ class TlsTest(ProgramTest):
         self.assertIn("hostname mismatch", self.look(server, *self.root(), "--servername", "other.test")[1][-1]["reason"])
         status, (own, *_, session) = self.look(self.serve("echo", "--tls", *self.own("expired")), *self.root())
         self.assertEqual((1, True, "certificate has expired"), (status, own["days_left"] < 0, session["reason"]))
-        self.assert_fails(self.run_talvo("tls", self.serve("echo").address), 1)
+        server = self.serve("echo", "--tls", *self.own(), *self.root())
+        status, (*_, session) = self.look(server, *self.root())
+        self.assertEqual((0, True), (status, "broken" in session["end"]), session)  # it requires a certificate
+        self.assertEqual("", self.look(server, *self.root(), *self.own("client"))[1][-1]["end"])
+        self.assert_fails(self.run_talvo("tls", self.serve("echo").address, "--alpn", "h2"), 1)
 
     def test_options_that_make_no_sense(self):
         pem, missing = self.path("root.pem"), self.path("missing.pem")
         ping, echo = ["ping", "h:1", "--tls"], ["echo", "--port", 0, "--tls"]
         for arguments in (echo, [*echo, *self.root()], [*echo, "--cert", pem], [*echo, "--cert", pem, "--key", pem],
                           [*echo, *self.own(), "--udp", "--type", "package"], [*echo, *self.own(), "--insecure"],
-                          ["echo", "--port", 0, *self.own()],
+                          ["echo", "--port", 0, *self.own()], ["serve", self.directory, "--port", 0, *self.root()],
                           [*ping, "--udp", "--type", "package"], [*ping, "--insecure", *self.root()], [*ping, "--cacert", missing],
                           [*ping, "--cacert", self.path("root.key")], [*ping, "--key", self.path("client.key")],
                           [*ping, "--servername", "a b"], ["ping", "unix:/x", "--tls"], ["ping", "h:1", *self.root()],
-                          ["tls"],
+                          ["get", "https://h/", "--insecure", *self.root()], ["get", "file:///x", *self.root()], ["tls"],
                           ["tls", "h"], ["tls", "h:1", "--insecure"]):
             self.assert_fails(self.run_talvo(*arguments), 2)
 

@@ -276,7 +276,7 @@ class TransferTest(ProgramTest):
         recv = ["recv", "--port", 0, "--out"]
         endpoints = ("", ":", "host", "host:", ":80", "host:0", "host:65536", "host:-1", "host:1x", "host: 1", "1.2.3:80",
                      "256.1.1.1:80", "a b:80", "::1:80", "a/b:80", "[::1]", "[::1]:0", "[h]:80", "unix:x", "unix:@")
-        urls = ("", "h", "ftp://h/", "https://h/", "http://", "http:///a", "http://h?q=1", "http://h?q=1/a", "http://h#a/",
+        urls = ("", "h", "ftp://h/", "https://", "http://", "http:///a", "http://h?q=1", "http://h?q=1/a", "http://h#a/",
                 "http://u@h/", "http://u:p@h/", "http://h:98539/", "http://h:notaport/", "http://h:0/", "http://h:/",
                 "http://1.2/", "http://h\\@i/", "http://[h]/", "http://[::1]:0/", "http://a b/", "http://h/a b", "http://h/a\tb", "http://h/a?b\x7f", "file://h/a",
                 "file://a", "file://")
