@@ -9,6 +9,7 @@
 #include <cstring>
 #include <utility>
 
+#include "talvo/base/ascii.h"
 #include "talvo/base/name_resolver.h"
 #include "talvo/base/trace.h"
 #include "talvo/base/with_memory.h"
@@ -56,7 +57,7 @@ size_t FindPort(std::string_view aHostAndPort) {
 char Printable(char aByte) {
     if (aByte == '\0')
         return '@';
-    return static_cast<unsigned char>(aByte) < ' ' || aByte == '\x7F' ? '?' : aByte;
+    return talvo::is_control(aByte) ? '?' : aByte;
 }
 
 }  // namespace

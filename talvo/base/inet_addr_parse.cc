@@ -4,6 +4,7 @@
 #include <optional>
 #include <utility>
 
+#include "talvo/base/ascii.h"
 #include "talvo/base/inet_addr.h"
 #include "talvo/base/with_memory.h"
 
@@ -64,11 +65,9 @@ bool IsPath(std::string_view aText) {
     return aText.starts_with(UNIX) && (aText.find('/') != std::string_view::npos || aText.substr(UNIX.size()).starts_with('@'));
 }
 
-bool IsControl(char aByte) { return static_cast<unsigned char>(aByte) < ' ' || aByte == '\x7F'; }
-
 CmResult ParsePath(std::string_view aText, CCmInetAddr& aAddr, CCmString* aReason) {
     CmResult rv = CM_ERROR_INVALID_ARG;
-    if (std::none_of(aText.begin(), aText.end(), IsControl))
+    if (!talvo::has_control(aText))
         rv = aAddr.SetPath(CCmString(aText.substr(UNIX.size())).c_str());
     if (rv == CM_ERROR_INVALID_ARG || rv == CM_ERROR_NOT_AVAILABLE)
         return Refuse(aReason, "the path is not 1 to 107 bytes without control characters");

@@ -1,6 +1,5 @@
 #include "talvo/http/client/channel_http_client.h"
 
-#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -15,16 +14,13 @@
 #include "talvo/http/message/http_text.h"
 #include "talvo/http/message/http_url.h"
 
+using talvo::has_control;
 using talvo::ResultWithMemory;
 using talvo::WithMemory;
 
 namespace {
 
 CCmLiveCounter s_Live("CCmChannelHttpClient");
-
-BOOL HasControl(std::string_view aText) {
-    return std::any_of(aText.begin(), aText.end(), [](char c) { return (c >= '\0' && c < ' ') || c == '\x7f'; });
-}
 
 CmResult Copy(const CCmInetAddr& aFrom, CCmInetAddr& aTo) {
     return WithMemory([&] { aTo = aFrom; }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
@@ -128,8 +124,8 @@ CmResult CCmChannelHttpClient::CheckUrl_i() const {
     if (m_pUrl->GetScheme() != "http" && m_pUrl->GetScheme() != "https")
         return CM_ERROR_NOT_IMPLEMENTED;
     const CCmString& strHost = m_pUrl->GetHostName();
-    const BOOL bHost = !strHost.empty() && strHost.find_first_of(" @?#") == CCmString::npos && !HasControl(strHost);
-    return bHost && !HasControl(m_pUrl->GetPath()) ? CM_OK : CM_ERROR_INVALID_ARG;
+    const BOOL bHost = !strHost.empty() && strHost.find_first_of(" @?#") == CCmString::npos && !has_control(strHost);
+    return bHost && !has_control(m_pUrl->GetPath()) ? CM_OK : CM_ERROR_INVALID_ARG;
 }
 
 CmResult CCmChannelHttpClient::StartExchange_i() {

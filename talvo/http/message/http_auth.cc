@@ -1,6 +1,5 @@
 #include "talvo/http/message/http_auth.h"
 
-#include <algorithm>
 #include <cstdio>
 
 #include "talvo/base/base64.h"
@@ -12,10 +11,6 @@ namespace talvo {
 namespace {
 
 constexpr DWORD MAX_STALE = 3;
-
-BOOL HasControl(std::string_view aText) {
-    return std::any_of(aText.begin(), aText.end(), [](char c) { return (c >= '\0' && c < ' ') || c == '\x7f'; });
-}
 
 CCmString Quoted(std::string_view aText) {
     CCmString strQuoted = "\"";
@@ -58,7 +53,7 @@ CCmString CHttpDigest::Answer(const CCmString& aUser, const CCmString& aPassword
 }
 
 CmResult CHttpAuthenticator::SetCredentials(const CCmString& aUser, const CCmString& aPassword) {
-    if (HasControl(aUser) || HasControl(aPassword) || aUser.find(':') != CCmString::npos)
+    if (has_control(aUser) || has_control(aPassword) || aUser.find(':') != CCmString::npos)
         return CM_ERROR_INVALID_ARG;
     Forget();
     m_bCredentials = TRUE;
@@ -99,7 +94,7 @@ CHttpAuthenticator::EScheme CHttpAuthenticator::Judge_i(const CHttpChallenge& aC
     if (aChallenge.m_strScheme != "digest" || !aChallenge.Find("realm") || !aChallenge.Find("nonce"))
         return NONE;
     for (const auto& [strName, strValue] : aChallenge.m_Parameters) {
-        if (HasControl(strValue))
+        if (has_control(strValue))
             return NONE;
     }
     const CCmString* pQop = aChallenge.Find("qop");

@@ -8,12 +8,6 @@ namespace talvo {
 
 namespace {
 
-CCmString ToLower(std::string_view aText) {
-    CCmString strLower(aText);
-    std::transform(strLower.begin(), strLower.end(), strLower.begin(), lower_case);
-    return strLower;
-}
-
 // Commas separate both challenges and parameters: text before a "=" belongs to the current challenge, any other begins the
 // next.
 class CParser {
@@ -56,7 +50,7 @@ private:
         SkipBlanks();
         if (Peek() == '=')
             return ReadParameter(aName);
-        m_Challenges.push_back({ToLower(aName), {}});
+        m_Challenges.push_back({to_lower(aName), {}});
         if (Peek() == ',' || Peek() == '\n' || m_Text.empty())
             return TRUE;
         const std::string_view first = ReadToken();
@@ -71,7 +65,7 @@ private:
         std::string_view value = bQuoted ? ReadQuoted() : ReadToken();
         if (m_Challenges.empty() || (value.empty() && !bQuoted))
             return FALSE;
-        m_Challenges.back().m_Parameters.emplace_back(ToLower(aName), CCmString(value));
+        m_Challenges.back().m_Parameters.emplace_back(to_lower(aName), CCmString(value));
         return TRUE;
     }
 

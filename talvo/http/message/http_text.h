@@ -3,13 +3,11 @@
 
 #include <string_view>
 
+#include "talvo/base/ascii.h"
 #include "talvo/base/export.h"
 #include "talvo/base/types.h"
 
 namespace talvo {
-
-// ASCII letters only, independent of the locale.
-constexpr char lower_case(char aLetter) { return aLetter >= 'A' && aLetter <= 'Z' ? static_cast<char>(aLetter + 32) : aLetter; }
 
 // Below, at or above zero, in the order of _stricmp: bytes as unsigned numbers, letters in lower case.
 TALVO_API int compare_no_case(std::string_view aLeft, std::string_view aRight);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "talvo/base/ascii.h"
 #include "talvo/base/read_text.h"
 #include "talvo/base/with_memory.h"
 
@@ -67,7 +68,7 @@ void CDnsHosts::ParseLine_i(std::string_view aLine) {
     if (!CIpBytes::Parse(TakeWord(aLine), address))
         return;
     for (std::string_view strName = TakeWord(aLine); !strName.empty(); strName = TakeWord(aLine)) {
-        std::vector<CIpBytes>& addresses = m_Names[ToLower(WithoutDot(strName))];
+        std::vector<CIpBytes>& addresses = m_Names[to_lower(WithoutDot(strName))];
         if (std::find(addresses.begin(), addresses.end(), address) == addresses.end())
             addresses.push_back(address);
     }
@@ -82,15 +83,6 @@ const std::vector<CIpBytes>* CDnsHosts::FindBuiltIn(std::string_view aName) {
     static const std::vector<CIpBytes>& s_Loopback =
         *new std::vector<CIpBytes>{CIpBytes::OfIpv6(in6addr_loopback), CIpBytes::OfIpv4(htonl(INADDR_LOOPBACK))};
     return IsLocalhost(WithoutDot(aName)) ? &s_Loopback : nullptr;
-}
-
-CCmString ToLower(std::string_view aName) {
-    CCmString strLower(aName);
-    for (char& c : strLower) {
-        if (c >= 'A' && c <= 'Z')
-            c = static_cast<char>(c - 'A' + 'a');
-    }
-    return strLower;
 }
 
 }  // namespace talvo

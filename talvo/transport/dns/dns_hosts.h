@@ -32,7 +32,4 @@ private:
     std::unordered_map<CCmString, std::vector<CIpBytes>> m_Names;
 };
 
-// A name in the form for comparison: in lower case.
-CCmString ToLower(std::string_view aName);
-
 }  // namespace talvo

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <new>
 
+#include "talvo/base/ascii.h"
 #include "talvo/base/inet_addr.h"
 #include "talvo/base/with_memory.h"
 #include "talvo/transport/dns/dns_state.h"
@@ -18,7 +19,7 @@ std::atomic<CCmDnsManager*> s_pInstance{nullptr};
 BOOL IsName(const CCmString& aName) {
     const size_t stLength = aName.size() - (aName.ends_with('.') ? 1 : 0);
     return stLength > 0 && stLength <= CCmDnsManager::MAX_NAME_LENGTH &&
-           std::none_of(aName.begin(), aName.end(), [](unsigned char c) { return c <= ' ' || c == 0x7F; });
+           std::none_of(aName.begin(), aName.end(), [](char c) { return c == ' ' || talvo::is_control(c); });
 }
 
 // No address: aName is a host name.
@@ -63,7 +64,7 @@ CmResult CCmDnsManager::Resolve_i(CCmDnsRecord*& aRecord, const CCmString& aHost
     CCmRefPtrT<CCmDnsRecord> pRecord;
     CmResult rv = CM_OK;
     const BOOL bMemory = talvo::WithMemory([&] {
-        const CCmString strName = talvo::ToLower(aHostName);
+        const CCmString strName = talvo::to_lower(aHostName);
         const talvo::CIpBytes ip = ParseLiteral(strName);
         if (!ip && strName.find(':') != CCmString::npos)  // an address that was misspelled
             rv = CM_ERROR_INVALID_ARG;
