@@ -5,6 +5,7 @@
 
 #include "talvo/http/message/http_atom_list.h"
 #include "talvo/http/message/http_list.h"
+#include "talvo/http/message/http_status.h"
 #include "talvo/http/message/http_text.h"
 
 namespace talvo {
@@ -12,9 +13,6 @@ namespace talvo {
 namespace {
 
 using Atoms = CCmHttpAtomList;
-
-constexpr int BAD_REQUEST = 400;
-constexpr int NOT_IMPLEMENTED = 501;
 
 enum ECodings { NO_CODING, CHUNKED_ALONE, MISPLACED_CHUNKED, UNKNOWN_CODING };
 
@@ -73,28 +71,27 @@ CHttpFraming get_request_framing(const CCmHttpRequestHead& aHead) {
     if (aHead.PeekHeader(Atoms::Transfer_Encoding)) {
         const ECodings codings = get_codings(aHead, FALSE);
         if (codings == UNKNOWN_CODING)
-            return refuse(NOT_IMPLEMENTED);
+            return refuse(HTTP_NOT_IMPLEMENTED);
         if (codings != CHUNKED_ALONE || aHead.GetVerion() < CM_HTTP_VERSION_11 || aHead.PeekHeader(Atoms::Content_Length) ||
             (aHead.GetFaults() & CM_HTTP_FAULT_LENGTH) != 0)
-            return refuse(BAD_REQUEST);
+            return refuse(HTTP_BAD_REQUEST);
         framing.m_Body = EHttpBody::CHUNKED;
         return framing;
     }
-    frame_by_length(aHead, BAD_REQUEST, framing);
+    frame_by_length(aHead, HTTP_BAD_REQUEST, framing);
     framing.m_bMustClose = framing.m_nError != 0;
     return framing;
 }
 
 CHttpFraming get_response_framing(const CCmHttpResponseHead& aHead, const CCmHttpAtom& aMethod) {
-    constexpr int BAD_RESPONSE = 502;
     CHttpFraming framing;
     if (has_no_body(aHead, aMethod))
         return framing;
     switch (get_codings(aHead, TRUE)) {
     case MISPLACED_CHUNKED:
-        return refuse(BAD_RESPONSE);
+        return refuse(HTTP_BAD_RESPONSE);
     case UNKNOWN_CODING:
-        return refuse(NOT_IMPLEMENTED);
+        return refuse(HTTP_NOT_IMPLEMENTED);
     case CHUNKED_ALONE:
         framing.m_Body = EHttpBody::CHUNKED;
         framing.m_bMustClose = aHead.PeekHeader(Atoms::Content_Length) || aHead.GetVerion() < CM_HTTP_VERSION_11;
@@ -102,7 +99,7 @@ CHttpFraming get_response_framing(const CCmHttpResponseHead& aHead, const CCmHtt
     case NO_CODING:
         break;
     }
-    frame_by_length(aHead, BAD_RESPONSE, framing);
+    frame_by_length(aHead, HTTP_BAD_RESPONSE, framing);
     // A 205 has no body, so do not wait for the end of the connection.
     if (framing.m_Body == EHttpBody::NONE && framing.m_nError == 0 && aHead.GetStatus() != 205)
         framing.m_Body = EHttpBody::UNTIL_CLOSE;

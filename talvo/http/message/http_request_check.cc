@@ -4,14 +4,12 @@
 #include <array>
 
 #include "talvo/http/message/http_authority.h"
+#include "talvo/http/message/http_status.h"
 #include "talvo/http/message/http_text.h"
 
 namespace talvo {
 
 namespace {
-
-constexpr int BAD_REQUEST = 400;
-constexpr int VERSION_NOT_SUPPORTED = 505;
 
 // The parts in which a byte is allowed.
 enum : BYTE { TARGET = 1, VALUE = 2, NAME = 4 };
@@ -108,41 +106,41 @@ int CHttpRequestCheck::OnRequestLine(std::string_view aLine) {
     const size_t stMethod = aLine.find(' ');
     const size_t stTarget = stMethod == std::string_view::npos ? stMethod : aLine.find(' ', stMethod + 1);
     if (stTarget == std::string_view::npos || stMethod == 0 || stTarget == stMethod + 1)
-        return BAD_REQUEST;
+        return HTTP_BAD_REQUEST;
     const std::string_view method = aLine.substr(0, stMethod);
     if (!is_token(method) || !IsTarget(method, aLine.substr(stMethod + 1, stTarget - stMethod - 1)))
-        return BAD_REQUEST;
+        return HTTP_BAD_REQUEST;
     const std::string_view version = aLine.substr(stTarget + 1);
     if (version.size() != 8 || !equal_no_case(version.substr(0, 5), "HTTP/") || !IsDigit(version[5]) || version[6] != '.' ||
         !IsDigit(version[7]))
-        return BAD_REQUEST;
+        return HTTP_BAD_REQUEST;
     m_bHostNeeded = version[7] != '0';
     m_bLaterMinor = version[7] > '1';
-    return version[5] == '1' ? 0 : VERSION_NOT_SUPPORTED;
+    return version[5] == '1' ? 0 : HTTP_VERSION_NOT_SUPPORTED;
 }
 
 // A line that begins with a space continues the one before it; that obsolete form is refused like other invalid names.
 int CHttpRequestCheck::OnHeaderLine(std::string_view aLine) {
     const size_t stColon = aLine.find(':');
     if (stColon == std::string_view::npos || stColon == 0)
-        return BAD_REQUEST;
+        return HTTP_BAD_REQUEST;
     const std::string_view name = aLine.substr(0, stColon);
     const std::string_view value = aLine.substr(stColon + 1);
     if (!is_token(name) || !IsAll(value, VALUE))
-        return BAD_REQUEST;
+        return HTTP_BAD_REQUEST;
     return OnHeader(name, value);
 }
 
 int CHttpRequestCheck::OnHeader(std::string_view aName, std::string_view aValue) {
     if (equal_no_case(aName, "Host"))
-        return ++m_dwHosts == 1 && IsHost(trim_blanks(aValue)) ? 0 : BAD_REQUEST;
+        return ++m_dwHosts == 1 && IsHost(trim_blanks(aValue)) ? 0 : HTTP_BAD_REQUEST;
     if (equal_no_case(aName, "Transfer-Encoding"))
-        return trim_blanks(aValue).empty() ? BAD_REQUEST : 0;
+        return trim_blanks(aValue).empty() ? HTTP_BAD_REQUEST : 0;
     if (!equal_no_case(aName, "Content-Length"))
         return 0;
     const std::string_view length = trim_blanks(aValue);
     const BOOL bNumber = !length.empty() && AreDigits(length);
-    return ++m_dwLengths == 1 && bNumber ? 0 : BAD_REQUEST;
+    return ++m_dwLengths == 1 && bNumber ? 0 : HTTP_BAD_REQUEST;
 }
 
 }  // namespace talvo

@@ -2,14 +2,12 @@
 
 #include <cstring>
 
+#include "talvo/http/message/http_status.h"
+
 namespace talvo {
 
 namespace {
 
-constexpr int BAD_REQUEST = 400;
-constexpr int URI_TOO_LONG = 414;
-constexpr int HEADERS_TOO_LARGE = 431;
-constexpr int SERVICE_UNAVAILABLE = 503;
 constexpr size_t KEPT_CAPACITY = 1024;  // of a partial line, between heads
 
 }  // namespace
@@ -62,14 +60,14 @@ int CHttpRequestReader::OnLine(std::string_view aLine, CCmHttpRequestHead& aHead
     if (aLine.size() > m_Settings.m_Limits.m_dwMaxLine)
         return TooLong();
     if (dwLines > m_Settings.m_Limits.m_dwMaxHeaders && !aLine.empty())
-        return HEADERS_TOO_LARGE;
+        return HTTP_HEADERS_TOO_LARGE;
     const int nStatus = aLine.empty() ? m_Check.OnEnd() : m_Check.OnLine(aLine);
     if (nStatus != 0)
         return nStatus;
     if (m_stHead > m_Settings.m_dwMaxHead)
-        return HEADERS_TOO_LARGE;
+        return HTTP_HEADERS_TOO_LARGE;
     if (!ParseLine(aLine, aHead))
-        return aHead.GetFaults() & CM_HTTP_FAULT_MEMORY ? SERVICE_UNAVAILABLE : BAD_REQUEST;
+        return aHead.GetFaults() & CM_HTTP_FAULT_MEMORY ? HTTP_SERVICE_UNAVAILABLE : HTTP_BAD_REQUEST;
     return aLine.empty() ? COMPLETE : MORE;
 }
 
@@ -87,10 +85,10 @@ int CHttpRequestReader::OnPart(std::string_view aPart) {
     m_strPartial += aPart;
     if (m_strPartial.size() > m_Settings.m_Limits.m_dwMaxLine + size_t{1})
         return TooLong();
-    return m_stHead + m_strPartial.size() > m_Settings.m_dwMaxHead + size_t{1} ? HEADERS_TOO_LARGE : MORE;
+    return m_stHead + m_strPartial.size() > m_Settings.m_dwMaxHead + size_t{1} ? HTTP_HEADERS_TOO_LARGE : MORE;
 }
 
-int CHttpRequestReader::TooLong() const { return m_Check.GetLines() == 0 ? URI_TOO_LONG : HEADERS_TOO_LARGE; }
+int CHttpRequestReader::TooLong() const { return m_Check.GetLines() == 0 ? HTTP_URI_TOO_LONG : HTTP_HEADERS_TOO_LARGE; }
 
 void CHttpRequestReader::Reset() {
     m_Check.Reset();

@@ -19,12 +19,6 @@ namespace {
 
 CCmLiveCounter s_Live("CHttpServerConnection");
 
-constexpr int BAD_REQUEST = 400;
-constexpr int REQUEST_TIMEOUT = 408;
-constexpr int CONTENT_TOO_LARGE = 413;
-constexpr int EXPECTATION_FAILED = 417;
-constexpr int SERVER_ERROR = 500;
-
 constexpr size_t MOST_GATHERED = 32 * 1024;    // bytes of answers gathered before they are sent and the next request is read
 constexpr uint64_t MOST_DROPPED = 128u << 20;  // bytes read from a peer that still sends after the last answer
 
@@ -192,12 +186,12 @@ int CHttpServerConnection::CheckRequest_i(const CHttpFraming& aFraming) {
     if (aFraming.m_nError != 0)
         return aFraming.m_nError;
     if (aFraming.m_Body == EHttpBody::LENGTH && aFraming.m_ullLength > m_Owner.GetSettings().m_Limits.m_ullMaxBody)
-        return CONTENT_TOO_LARGE;
+        return HTTP_CONTENT_TOO_LARGE;
     const CCmHttpRequestHead& head = m_pChannel->GetRequest();
     const CCmString* pExpect = head.FindHeader(CCmHttpAtomList::Expect);
     const BOOL bExpects = pExpect && head.GetVerion() >= CM_HTTP_VERSION_11;  // 1.0 does not define it
     if (bExpects && !equal_no_case(*pExpect, "100-continue"))
-        return EXPECTATION_FAILED;
+        return HTTP_EXPECTATION_FAILED;
     m_bContinueDue = bExpects && aFraming.m_Body != EHttpBody::NONE;
     return 0;
 }
@@ -230,7 +224,7 @@ BOOL CHttpServerConnection::OnBodyResult_i(CmResult aResult) {
     else if (aResult == CM_ERROR_OUT_OF_MEMORY)
         End(aResult);
     else if (aResult == CM_ERROR_FAILURE)
-        Refuse_i(m_BodyReader.IsBeyondLimit() ? CONTENT_TOO_LARGE : BAD_REQUEST);
+        Refuse_i(m_BodyReader.IsBeyondLimit() ? HTTP_CONTENT_TOO_LARGE : HTTP_BAD_REQUEST);
     return m_State != ENDED && (m_BodyReader.IsComplete() || (IsAnswered_i() && m_bLast));
 }
 
@@ -312,7 +306,7 @@ void CHttpServerConnection::CheckReleased_i() {
     if (!HasRequest_i() || m_pChannel->IsShared() || m_pChannel->IsComplete())
         return;
     m_pChannel->Forget();
-    Refuse_i(SERVER_ERROR);
+    Refuse_i(HTTP_SERVER_ERROR);
 }
 
 void CHttpServerConnection::Drop() {
@@ -324,7 +318,7 @@ void CHttpServerConnection::Drop() {
 // The server's own answer, the last on this connection. If another answer has begun, the connection ends without it.
 void CHttpServerConnection::Refuse_i(int aStatus) {
     CM_WARNING_TRACE_THIS("CHttpServerConnection::Refuse_i, aStatus=" << aStatus);
-    const CmResult reason = aStatus == REQUEST_TIMEOUT ? CM_ERROR_TIMEOUT : CM_ERROR_NETWORK_SOCKET_ERROR;
+    const CmResult reason = aStatus == HTTP_REQUEST_TIMEOUT ? CM_ERROR_TIMEOUT : CM_ERROR_NETWORK_SOCKET_ERROR;
     const BOOL bRequest = HasRequest_i();
     const BOOL bAnswered = bRequest && IsAnswered_i();
     if (bRequest && m_pChannel->IsBegun() && !bAnswered)
@@ -376,7 +370,7 @@ void CHttpServerConnection::OnLate() {
         return Settle_i();
     case FOR_HEAD:
     case FOR_BODY:
-        return Refuse_i(REQUEST_TIMEOUT);
+        return Refuse_i(HTTP_REQUEST_TIMEOUT);
     case FOR_READER:
         CM_WARNING_TRACE_THIS("CHttpServerConnection::OnLate, the peer does not take its answer.");
         return End(CM_ERROR_TIMEOUT);
