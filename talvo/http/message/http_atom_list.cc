@@ -122,11 +122,11 @@ CCmHttpAtom CCmHttpAtomList::ResolveAtom(std::string_view aName, int aCreate) {
         return pText;
     CCmHttpAtom atom;
     if (aCreate)
-        talvo::WithMemory([&] { atom = Learn(strName); });
+        talvo::WithMemory([&] { atom = Store(strName); });
     return atom;
 }
 
-CCmHttpAtom CCmHttpAtomList::Learn(std::string_view aName) {
+CCmHttpAtom CCmHttpAtomList::Store(std::string_view aName) {
     Guard guard(GetMutex());
     if (const char* pText = m_pNames->Find(aName))  // another thread was first
         return pText;

@@ -54,7 +54,7 @@ public:
 private:
     CCmHttpAtomList();
 
-    CCmHttpAtom Learn(std::string_view aName);
+    CCmHttpAtom Store(std::string_view aName);
     BOOL IsFull_l(std::string_view aName) const;
     CCmMutexThread& GetMutex() const;
 

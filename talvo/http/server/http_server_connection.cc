@@ -75,7 +75,7 @@ void CHttpServerConnection::TakeData_i(CCmMessageBlock& aData) {
 
 void CHttpServerConnection::OnSend(ICmTransport*, CCmTransportParameter*) {
     m_bBlocked = FALSE;
-    m_Wait = FOR_NOBODY;  // each progress restarts the time
+    m_Wait = FOR_NOTHING;  // each progress restarts the time
     Enter_i([this] {
         Flush_i();
         if (m_bBlocked)
@@ -115,7 +115,7 @@ void CHttpServerConnection::RunHeld_i(BOOL aRoom) {
 void CHttpServerConnection::Run_i(CCmMessageBlock* aInput, BOOL aRoom) {
     m_bRunning = TRUE;
     if (aRoom)
-        TellRoom_i();
+        NotifyRoom_i();
     while (Step_i(aInput)) {
     }
     m_bRunning = FALSE;
@@ -131,7 +131,7 @@ BOOL CHttpServerConnection::Step_i(CCmMessageBlock* aInput) {
     case BODY:
         return ReadBody_i(aInput);
     case ANSWER:
-        return IsAnswered_i() ? Answered_i() : TellEnd_i() || TellClientEnd_i();
+        return IsAnswered_i() ? Answered_i() : NotifyEnd_i() || NotifyClientEnd_i();
     case CLOSING:
     case ENDED:
         break;
@@ -167,7 +167,7 @@ BOOL CHttpServerConnection::ReadHead_i(CCmMessageBlock* aInput) {
 BOOL CHttpServerConnection::BeginRequest_i() {
     const CCmHttpRequestHead& head = m_pChannel->GetRequest();
     const CHttpFraming framing = get_request_framing(head);
-    m_bFirst = m_bEndTold = m_bClientEndTold = FALSE;
+    m_bFirst = m_bEndNotified = m_bClientEndNotified = FALSE;
     m_bLast = m_bStopping || framing.m_bMustClose || !is_persistent(head.GetVerion(), head);
     if (const int nStatus = CheckRequest_i(framing); nStatus != 0) {
         Refuse_i(nStatus);
@@ -202,7 +202,7 @@ BOOL CHttpServerConnection::ReadBody_i(CCmMessageBlock* aInput) {
         return TRUE;
     }
     if (!IsAnswered_i() && m_pChannel->IsHeldBack())
-        return m_bPeerEnded && IsBodyWhole_i(aInput) && TellClientEnd_i();
+        return m_bPeerEnded && IsBodyWhole_i(aInput) && NotifyClientEnd_i();
     if (!aInput || aInput->GetChainedLength() == 0)
         return FALSE;
     return OnBodyResult_i(m_BodyReader.Feed(*aInput, *this));
@@ -228,27 +228,27 @@ BOOL CHttpServerConnection::OnBodyResult_i(CmResult aResult) {
     return m_State != ENDED && (m_BodyReader.IsComplete() || (IsAnswered_i() && m_bLast));
 }
 
-BOOL CHttpServerConnection::TellEnd_i() {
-    if (m_bEndTold || m_pChannel->IsHeldBack())
+BOOL CHttpServerConnection::NotifyEnd_i() {
+    if (m_bEndNotified || m_pChannel->IsHeldBack())
         return FALSE;
-    m_bEndTold = TRUE;
+    m_bEndNotified = TRUE;
     Upcall([this] { m_pChannel->GetServerSink()->OnRequestEnd(m_pChannel.Get()); });
     CheckReleased_i();
     return TRUE;
 }
 
 // With a sink it comes after the end of the request; without one the body may still be held back.
-BOOL CHttpServerConnection::TellClientEnd_i() {
+BOOL CHttpServerConnection::NotifyClientEnd_i() {
     ICmChannelHttpServerSink* pSink = m_pChannel->GetServerSink();
-    if (!m_bPeerEnded || m_bClientEndTold || (pSink && (!m_bEndTold || m_pChannel->IsHeldBack())))
+    if (!m_bPeerEnded || m_bClientEndNotified || (pSink && (!m_bEndNotified || m_pChannel->IsHeldBack())))
         return FALSE;
-    m_bClientEndTold = TRUE;
+    m_bClientEndNotified = TRUE;
     Upcall([&] { pSink ? pSink->OnClientEnd(m_pChannel.Get()) : m_Owner.OnClientEnd(*m_pChannel); });
     CheckReleased_i();
     return TRUE;
 }
 
-void CHttpServerConnection::TellRoom_i() {
+void CHttpServerConnection::NotifyRoom_i() {
     if (!HasRequest_i() || !m_pChannel->TakeOnSendDue())
         return;
     if (ICmChannelHttpServerSink* pSink = m_pChannel->GetServerSink())
@@ -265,7 +265,7 @@ BOOL CHttpServerConnection::Answered_i() {
         m_pChannel->Reset();
     }
     m_State = m_bLast ? CLOSING : HEAD;
-    m_Wait = FOR_NOBODY;
+    m_Wait = FOR_NOTHING;
     return TRUE;
 }
 
@@ -339,7 +339,7 @@ void CHttpServerConnection::Close_i(CmResult aReason) {
         Settle_i();
     }
     if (bTell)
-        TellLost_i(*pChannel, aReason);
+        NotifyLost_i(*pChannel, aReason);
     else if (pChannel)
         pChannel->Detach();
 }
@@ -376,7 +376,7 @@ void CHttpServerConnection::OnLate() {
         return End(CM_ERROR_TIMEOUT);
     case FOR_CLOSE:
         return End(CM_OK);
-    case FOR_NOBODY:
+    case FOR_NOTHING:
         break;
     }
 }
@@ -410,7 +410,7 @@ void CHttpServerConnection::End(CmResult aReason) {
         return;
     const BOOL bTell = HasRequest_i() && !IsAnswered_i();
     m_State = ENDED;
-    m_Wait = FOR_NOBODY;
+    m_Wait = FOR_NOTHING;
     m_bKickDue = FALSE;
     m_Kick.Cancel();
     m_pTransport->Disconnect(aReason);
@@ -419,13 +419,13 @@ void CHttpServerConnection::End(CmResult aReason) {
     const CCmRefPtrT<CCmChannelHttpServer> pChannel = std::move(m_pChannel);
     m_Owner.Remove(*this);
     if (bTell)
-        TellLost_i(*pChannel, aReason);
+        NotifyLost_i(*pChannel, aReason);
     else if (pChannel)
         pChannel->Detach();
 }
 
 // The last call for a request. The upcall may do anything to the channel and to the owner.
-void CHttpServerConnection::TellLost_i(CCmChannelHttpServer& aChannel, CmResult aReason) {
+void CHttpServerConnection::NotifyLost_i(CCmChannelHttpServer& aChannel, CmResult aReason) {
     ICmChannelHttpServerSink* pSink = aChannel.Detach();
     if (aChannel.IsForgotten())
         return;
@@ -437,15 +437,15 @@ void CHttpServerConnection::TellLost_i(CCmChannelHttpServer& aChannel, CmResult 
 
 // TRUE: aInput (null: no input) has the rest of the current body, which may not be read yet. FALSE also if memory runs out.
 BOOL CHttpServerConnection::IsBodyWhole_i(const CCmMessageBlock* aInput) const {
-    class CNobody : public CHttpBodySink {
+    class CDiscard : public CHttpBodySink {
         BOOL OnBody(CCmMessageBlock&) override { return TRUE; }
     };
     BOOL bWhole = FALSE;
     WithMemory([&] {
-        CNobody nobody;
+        CDiscard discard;
         CHttpBodyReader reader = m_BodyReader;
         if (const CCmChainPtr pInput{aInput ? aInput->DuplicateChained() : nullptr})
-            reader.Feed(*pInput, nobody);
+            reader.Feed(*pInput, discard);
         bWhole = reader.IsComplete();
     });
     return bWhole;

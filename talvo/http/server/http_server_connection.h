@@ -32,7 +32,7 @@ public:
 
     // For the look at the clock. TRUE: the current wait has timed out.
     BOOL IsLate() const {
-        return m_bKickDue || (m_Wait != FOR_NOBODY && static_cast<int32_t>(m_Owner.GetLooks() - m_dwDeadline) >= 0);
+        return m_bKickDue || (m_Wait != FOR_NOTHING && static_cast<int32_t>(m_Owner.GetLooks() - m_dwDeadline) >= 0);
     }
     void OnLate();
     // Finishes the current request and takes no new one. Closes at once if no request has begun. Makes no upcall.
@@ -72,7 +72,7 @@ public:
 private:
     enum EState { HEAD, BODY, ANSWER, CLOSING, ENDED };
     // The event that it waits for; it decides the time-out.
-    enum EWait { FOR_NOBODY, FOR_FIRST, FOR_NEXT, FOR_HEAD, FOR_BODY, FOR_READER, FOR_CLOSE };
+    enum EWait { FOR_NOTHING, FOR_FIRST, FOR_NEXT, FOR_HEAD, FOR_BODY, FOR_READER, FOR_CLOSE };
 
     // Input: http_server_connection.cc.
     template <class Call>
@@ -81,15 +81,15 @@ private:
     void RunKick_i();
     void Run_i(CCmMessageBlock* aInput, BOOL aRoom);
     void RunHeld_i(BOOL aRoom);
-    void TellRoom_i();
+    void NotifyRoom_i();
     BOOL Step_i(CCmMessageBlock* aInput);
     BOOL ReadHead_i(CCmMessageBlock* aInput);
     BOOL BeginRequest_i();
     int CheckRequest_i(const CHttpFraming& aFraming);
     BOOL ReadBody_i(CCmMessageBlock* aInput);
     BOOL OnBodyResult_i(CmResult aResult);
-    BOOL TellEnd_i();
-    BOOL TellClientEnd_i();
+    BOOL NotifyEnd_i();
+    BOOL NotifyClientEnd_i();
     BOOL Answered_i();
     BOOL HasRequest_i() const { return m_State == BODY || m_State == ANSWER; }
     BOOL IsAnswered_i() const { return m_pChannel && m_pChannel->IsComplete(); }
@@ -97,7 +97,7 @@ private:
     void Refuse_i(int aStatus);
     BOOL PrintRefusal_i(int aStatus);
     void Close_i(CmResult aReason);
-    void TellLost_i(CCmChannelHttpServer& aChannel, CmResult aReason);
+    void NotifyLost_i(CCmChannelHttpServer& aChannel, CmResult aReason);
     BOOL IsBodyWhole_i(const CCmMessageBlock* aInput) const;
     void Hold_i(CCmMessageBlock& aInput);
 
@@ -109,7 +109,7 @@ private:
     void Settle_i();
     EWait GetWait_i() const;
     void SetWait_i(EWait aWait);
-    DWORD GetPatience_i(EWait aWait) const;
+    DWORD GetTimeout_i(EWait aWait) const;
     BOOL IsStarved_i() const;
     BOOL IsAcknowledged_i();
     void PauseReading_i(BOOL aPause);
@@ -125,7 +125,7 @@ private:
     CCmTimerWrapperID m_Kick;  // runs steps that must wait until the user's call has returned
 
     EState m_State = HEAD;
-    EWait m_Wait = FOR_NOBODY;
+    EWait m_Wait = FOR_NOTHING;
     DWORD m_dwDeadline = 0;      // in looks
     uint64_t m_ullProgress = 0;  // bytes of the body when the wait began
     uint64_t m_ullDropped = 0;   // bytes that came while closing
@@ -139,10 +139,10 @@ private:
     BOOL m_bFirst = TRUE;           // no request has come yet
     BOOL m_bLast = FALSE;           // the connection ends after this answer
     BOOL m_bStopping = FALSE;
-    BOOL m_bContinueDue = FALSE;    // the client waits for "100 Continue"
-    BOOL m_bEndTold = FALSE;        // OnRequestEnd has been called
-    BOOL m_bClientEndTold = FALSE;  // OnClientEnd has been called
-    BOOL m_bEndSent = FALSE;        // the sending side is shut down
+    BOOL m_bContinueDue = FALSE;        // the client waits for "100 Continue"
+    BOOL m_bEndNotified = FALSE;        // OnRequestEnd has been called
+    BOOL m_bClientEndNotified = FALSE;  // OnClientEnd has been called
+    BOOL m_bEndSent = FALSE;            // the sending side is shut down
 };
 
 }  // namespace talvo

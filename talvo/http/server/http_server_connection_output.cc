@@ -159,14 +159,14 @@ CHttpServerConnection::EWait CHttpServerConnection::GetWait_i() const {
             return FOR_HEAD;
         return m_bFirst ? FOR_FIRST : FOR_NEXT;
     case BODY:
-        return IsAnswered_i() || !m_pChannel->IsHeldBack() ? FOR_BODY : FOR_NOBODY;
+        return IsAnswered_i() || !m_pChannel->IsHeldBack() ? FOR_BODY : FOR_NOTHING;
     case CLOSING:
         return FOR_CLOSE;
     case ANSWER:
     case ENDED:
         break;
     }
-    return FOR_NOBODY;
+    return FOR_NOTHING;
 }
 
 void CHttpServerConnection::SetWait_i(EWait aWait) {
@@ -175,10 +175,10 @@ void CHttpServerConnection::SetWait_i(EWait aWait) {
         return;
     m_Wait = aWait;
     m_ullProgress = ullReceived;
-    m_dwDeadline = m_Owner.GetLooks() + GetPatience_i(aWait) + 1;  // the first look may come at once
+    m_dwDeadline = m_Owner.GetLooks() + GetTimeout_i(aWait) + 1;  // the first look may come at once
 }
 
-DWORD CHttpServerConnection::GetPatience_i(EWait aWait) const {
+DWORD CHttpServerConnection::GetTimeout_i(EWait aWait) const {
     switch (aWait) {
     case FOR_FIRST:
     case FOR_HEAD:
@@ -189,7 +189,7 @@ DWORD CHttpServerConnection::GetPatience_i(EWait aWait) const {
         return m_Owner.GetSettings().m_dwIdleSeconds;
     case FOR_CLOSE:
         return CLOSE_SECONDS;
-    case FOR_NOBODY:
+    case FOR_NOTHING:
         break;
     }
     return 0;

@@ -17,7 +17,7 @@ namespace {
 CCmLiveCounter s_Live("CCmAcceptorTcp");
 
 constexpr int BACKLOG = 1024;
-constexpr long REST_USEC = 100000;
+constexpr long PAUSE_USEC = 100000;
 
 BOOL IsOutOfDescriptors(int aError) { return aError == EMFILE || aError == ENFILE || aError == ENOBUFS || aError == ENOMEM; }
 
@@ -130,7 +130,7 @@ int CCmAcceptorTcp::OnInput(HANDLE aFd) {
         return 0;
     CCmRefPtrT<CCmTransportTcp> pTransport = talvo::MakeTcpTransport(m_pReactor, m_pHandshakes.get());
     if (!pTransport) {
-        Rest_i(ENOMEM);
+        OutOfDescriptors_i(ENOMEM);
         return 0;
     }
     sockaddr_storage peer;
@@ -201,17 +201,17 @@ void CCmAcceptorTcp::TraceFailure_i(const CCmFailure& aFailure) {
 
 void CCmAcceptorTcp::AcceptFailed_i(int aError) {
     if (IsOutOfDescriptors(aError)) {
-        Rest_i(aError);
+        OutOfDescriptors_i(aError);
         return;
     }
     if (aError != EAGAIN && aError != EINTR)  // the peer has closed again, or a signal came: no failure
         CM_ERROR_TRACE_THIS("CCmAcceptorTcp::OnInput, accept() failed! err=" << aError);
 }
 
-void CCmAcceptorTcp::Rest_i(int aError) {
+void CCmAcceptorTcp::OutOfDescriptors_i(int aError) {
     if (m_TracePace.IsDue())
         CM_ERROR_TRACE_THIS("CCmAcceptorTcp::OnInput, accept() failed! err=" << aError);
-    Pause_i(DESCRIPTORS, CCmTimeValue(0, REST_USEC));
+    Pause_i(DESCRIPTORS, CCmTimeValue(0, PAUSE_USEC));
 }
 
 void CCmAcceptorTcp::Pause_i(EPause aPause, const CCmTimeValue& aTime) {
@@ -229,7 +229,7 @@ void CCmAcceptorTcp::Resume_i() {
     const CmResult rv = m_pReactor->RegisterHandler(this, ACCEPT_MASK);
     if (rv == CM_OK)
         return;
-    Rest_i(errno);
+    OutOfDescriptors_i(errno);
     if (m_Pause == NOT)
         m_Retry.Arm();  // neither registered nor timed
 }

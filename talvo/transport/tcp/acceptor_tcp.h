@@ -50,7 +50,7 @@ private:
 
     CmResult Bind_i(const CCmInetAddr& aAddrListen);
     void AcceptFailed_i(int aError);
-    void Rest_i(int aError);
+    void OutOfDescriptors_i(int aError);
     void Pause_i(EPause aPause, const CCmTimeValue& aTime);
     void Resume_i();
     void OnRetry();
