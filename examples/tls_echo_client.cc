@@ -13,6 +13,8 @@ public:
         cm_get_connect_options(m_pConnector.Get())->SetOption(CM_OPT_CONNECT_SSL_CONTEXT, &pContext);
         m_pConnector->AsycConnect(this, CCmInetAddr(aEndpoint));  // its host is the name in the certificate
         CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN)->RunEventLoop();
+        m_pTransport.Reset();
+        CCmConnectionManager::Instance()->Drain(nullptr);  // the process exits after the end of TLS has been sent
     }
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override {
         CCmFailure failure;
