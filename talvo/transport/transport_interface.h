@@ -109,16 +109,12 @@ enum ECmTransportOption : DWORD {
 // "TLS only": CM_ERROR_INVALID_ARG on types 1 and 2. Each value applies from the next AsycConnect or StartListen.
 enum ECmConnectOption : DWORD {
     // get, set CCmRefPtrT<CCmSslContext>: TLS only. Null, the default: a client uses CCmSslContext::GetDefault(), and
-    // StartListen
-    // fails.
+    // StartListen fails.
     CM_OPT_CONNECT_SSL_CONTEXT = 161,
     // get, set CCmString: connectors of TLS only. The name that the server's certificate must have, also sent to it. "", the
     // default: the given name of the address, or else the address; a path then has none, and the attempt fails with
     // CM_ERROR_INVALID_ARG. CM_ERROR_INVALID_ARG: more than 255 bytes, a NUL, or a dot at the front.
     CM_OPT_CONNECT_SERVER_NAME = 162,
-    // get, set CCmString: TLS only. The protocols of the connections, as for CCmSslContext::SetAlpn and instead of the
-    // context's; "", the default: the context's.
-    CM_OPT_CONNECT_ALPN = 163,
     // get CCmFailure: the failure of a connector's last attempt, inside its indication and until the next AsycConnect; the
     // failure of an acceptor's last StartListen. CM_FAILURE_NONE: no failure. A thread proxy answers without waiting.
     CM_OPT_CONNECT_FAILURE = 165,
@@ -127,7 +123,10 @@ enum ECmConnectOption : DWORD {
     CM_OPT_CONNECT_HANDSHAKE_TIME = 166,
     // get, set DWORD: acceptors of TLS only, the most handshakes at the same time. 0, the default: 1,024. Beyond it a further
     // peer replaces the one that has been silent longest, if that is a second or more; otherwise peers wait in the backlog.
-    CM_OPT_CONNECT_MAX_HANDSHAKES = 167
+    CM_OPT_CONNECT_MAX_HANDSHAKES = 167,
+    // get, set CCmString: TLS only. The protocols of the connections, as for CCmSslContext::SetAlpn and instead of the
+    // context's; "", the default: the context's.
+    CM_OPT_CONNECT_ALPN = 168
 };
 
 // The user of a transport implements it. All calls come in the transport's thread; a thread proxy's in the thread that made it.
