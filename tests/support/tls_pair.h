@@ -7,10 +7,12 @@
 
 class CTlsEnd {
 public:
-    // aName: null for a server.
-    CTlsEnd(ICmReactor& aReactor, CTestFd aFd, const CCmRefPtrT<CCmSslContext>& aContext, const char* aName, DWORD aType)
+    // aName: null for a server. aPort: of the server, as far as the client knows.
+    CTlsEnd(ICmReactor& aReactor, CTestFd aFd, const CCmRefPtrT<CCmSslContext>& aContext, const char* aName, DWORD aType,
+            WORD aPort = 443)
         : m_Transport(&aReactor, aType) {
         m_Transport.GetPeer().SetHandle(dup(aFd.Get()));
+        m_Transport.SetPeerAddr(CCmInetAddr("127.0.0.1", aPort));
         EXPECT_EQ(CM_OK, m_Transport.Begin(aContext, aName));
     }
     talvo::CTlsSession& Session() { return *m_Transport.GetSession(); }
@@ -43,16 +45,18 @@ private:
 // A client and a server behind their handshake, which may have failed.
 struct CTlsPair {
     CTlsPair(ICmReactor& aReactor, const CCmRefPtrT<CCmSslContext>& aClient, const CCmRefPtrT<CCmSslContext>& aServer,
-             const char* aName = "localhost", DWORD aType = CM_TRANSPORT_TYPE_TLS)
-        : CTlsPair(aReactor, MakeSocketPair(), aClient, aServer, aName, aType) {}
+             const char* aName = "localhost", DWORD aType = CM_TRANSPORT_TYPE_TLS, WORD aPort = 443)
+        : CTlsPair(aReactor, MakeSocketPair(), aClient, aServer, aName, aType, aPort) {}
+
+    BOOL IsDone() const { return m_Client.IsDone() && m_Server.IsDone(); }
 
     CTlsEnd m_Client;
     CTlsEnd m_Server;
 
 private:
     CTlsPair(ICmReactor& aReactor, std::pair<CTestFd, CTestFd> aSockets, const CCmRefPtrT<CCmSslContext>& aClient,
-             const CCmRefPtrT<CCmSslContext>& aServer, const char* aName, DWORD aType)
-        : m_Client(aReactor, std::move(aSockets.first), aClient, aName, aType),
+             const CCmRefPtrT<CCmSslContext>& aServer, const char* aName, DWORD aType, WORD aPort)
+        : m_Client(aReactor, std::move(aSockets.first), aClient, aName, aType, aPort),
           m_Server(aReactor, std::move(aSockets.second), aServer, nullptr, CM_TRANSPORT_TYPE_TLS) {
         for (int i = 0; i < 10; ++i) {
             m_Client.Step();

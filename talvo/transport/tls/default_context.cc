@@ -6,6 +6,7 @@
 
 #include "talvo/base/config.h"
 #include "talvo/base/immortal.h"
+#include "talvo/base/trace.h"
 #include "talvo/base/with_memory.h"
 
 namespace talvo {
@@ -14,20 +15,30 @@ namespace {
 
 const CCmTimeValue LOOK_TIME(60);
 
+struct CSection {
+    const CCmString m_strFile = get_string_param("Ssl", "CaFile", "");
+    const CCmString m_strFolder = get_string_param("Ssl", "CaPath", "");
+    const CCmString m_strVersion = get_string_param("Ssl", "MinVersion", "1.2");
+};
+
 // Differs when the file or folder does.
 CCmString StateOf(const CCmString& aPath) {
     struct stat state {};
     if (aPath.empty() || stat(aPath.c_str(), &state) != 0)
         return aPath + "\n";
     return aPath + "\n" + std::to_string(state.st_ino) + " " + std::to_string(state.st_size) + " " +
-           std::to_string(state.st_mtim.tv_sec) + "." + std::to_string(state.st_mtim.tv_nsec) + "\n";
+           std::to_string(state.st_ctim.tv_sec) + "." + std::to_string(state.st_ctim.tv_nsec) + "\n";
 }
 
-void SetUp(CCmSslContext& aContext, const CCmString& aFile, const CCmString& aFolder) {
-    if (!aFile.empty() || !aFolder.empty())
-        aContext.SetTrust(aFile.empty() ? nullptr : aFile.c_str(), aFolder.empty() ? nullptr : aFolder.c_str());
-    if (get_string_param("Ssl", "MinVersion", "1.2") == "1.3")
+void SetUp(CCmSslContext& aContext, const CSection& aSection) {
+    if (!aSection.m_strFile.empty() || !aSection.m_strFolder.empty())
+        aContext.SetTrust(aSection.m_strFile.empty() ? nullptr : aSection.m_strFile.c_str(),
+                          aSection.m_strFolder.empty() ? nullptr : aSection.m_strFolder.c_str());
+    if (aSection.m_strVersion == "1.3")
         aContext.SetVersions(CM_TLS_1_3, CM_TLS_1_3);
+    else if (aSection.m_strVersion != "1.2")
+        CM_WARNING_TRACE("CCmSslContext::GetDefault, MinVersion is neither 1.2 nor 1.3 and is ignored. MinVersion="
+                         << aSection.m_strVersion);
 }
 
 }  // namespace
@@ -54,13 +65,13 @@ void CDefaultContext::Renew() {
     const CCmTimeValue tvNow = CCmTimeValue::GetTimeOfDay();
     if (m_pContext && tvNow < m_tvLooked + LOOK_TIME)
         return;
-    const CCmString strFile = get_string_param("Ssl", "CaFile", ""), strFolder = get_string_param("Ssl", "CaPath", "");
-    CCmString strState = StateOf(strFile) + StateOf(strFolder);
+    const CSection section;
+    CCmString strState = StateOf(section.m_strFile) + StateOf(section.m_strFolder) + section.m_strVersion;
     m_tvLooked = tvNow;
     if (m_pContext && strState == m_strState)
         return;
     CCmRefPtrT<CCmSslContext> pContext(new CCmSslContext);
-    SetUp(*pContext, strFile, strFolder);
+    SetUp(*pContext, section);
     m_strState.swap(strState);
     m_pContext = pContext;
 }

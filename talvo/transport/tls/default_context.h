@@ -6,14 +6,15 @@
 
 namespace talvo {
 
-// Made from section "Ssl" of the configuration. Its files are looked at once a minute at most; when one has changed, new
-// connections get a new context. Any thread.
-class CDefaultContext {
+// Made from section "Ssl" of the configuration. The section and its files are checked once a minute at most; after a change
+// new connections get a new context. Any thread.
+class TALVO_API CDefaultContext {
 public:
     // Of the process.
     static CDefaultContext& Instance();
 
-    // Null: memory ran out. A file that cannot be used is traced, and then nothing is trusted.
+    // May wait for the disk. Null: memory ran out. If a file cannot be used, the trace has a line and no certificate is
+    // trusted.
     CCmRefPtrT<CCmSslContext> Get();
     // Releases the context; the next Get makes a new one.
     void Clear();
@@ -25,7 +26,7 @@ private:
     CCmMutexThread m_Mutex;
     CCmRefPtrT<CCmSslContext> m_pContext CM_GUARDED_BY(m_Mutex);
     CCmTimeValue m_tvLooked CM_GUARDED_BY(m_Mutex);
-    CCmString m_strState CM_GUARDED_BY(m_Mutex);  // of the files, when they were read
+    CCmString m_strState CM_GUARDED_BY(m_Mutex);  // of the section and its files, when they were read
 };
 
 }  // namespace talvo

@@ -6,41 +6,57 @@
 #include <string>
 #include <vector>
 
-#include "talvo/base/result.h"
+#include "talvo/transport/tls/ssl_problem.h"
 
 struct ssl_st;
+struct ssl_ctx_st;
 struct x509_st;
 struct evp_pkey_st;
+struct stack_st_X509;
 
 namespace talvo {
 
+// Immutable once it is loaded; any thread.
 class COwnCertificate {
 public:
     using Passphrase = std::function<std::string()>;
 
-    COwnCertificate();
-    COwnCertificate(COwnCertificate&&) noexcept;
+    COwnCertificate(std::string aChainFile, std::string aKeyFile, Passphrase aPassphrase);
     ~COwnCertificate();
+    COwnCertificate(const COwnCertificate&) = delete;
+    COwnCertificate& operator=(const COwnCertificate&) = delete;
 
-    // PEM files. CM_ERROR_NOT_FOUND: one cannot be read. CM_ERROR_INVALID_ARG: no certificate or no key in it, or the key is of
-    // another one. OpenSSL's queue has the reason. Throws std::bad_alloc.
-    CmResult Load(const char* aChainFile, const char* aKeyFile, const Passphrase& aPassphrase);
+    // Reads the two PEM files, once. Also CM_ERROR_INVALID_ARG: no certificate or no key in them, or the key is of another
+    // certificate. Throws std::bad_alloc.
+    CSslProblem Load();
+    // A new one from the same files, not loaded yet.
+    std::shared_ptr<COwnCertificate> Renew() const;
 
-    // FALSE: OpenSSL refuses it.
+    // FALSE: OpenSSL refuses it, for a weak key or hash for example.
+    bool UseFor(ssl_ctx_st* aContext) const;
+    // Replaces those of the context.
     bool UseFor(ssl_st* aSsl) const;
 
-    // The first with aName exactly, else the first with a wildcard for its first label; null: none.
-    static const COwnCertificate* Find(const std::vector<COwnCertificate>& aAll, const char* aName);
+    // Its DNS names in lower case, as they are written: "*.example.com".
+    const std::vector<std::string>& GetNames() const { return m_Names; }
+    const std::string& GetFile() const { return m_strChainFile; }
 
 private:
-    bool HasName_i(const char* aName, bool aWildcards) const;
+    CSslProblem LoadChain_i();
+    CSslProblem LoadKey_i();
+    void ReadNames_i();
 
+    const std::string m_strChainFile, m_strKeyFile;
+    const Passphrase m_Passphrase;
     struct CFree {
         void operator()(x509_st* aCertificate) const;
         void operator()(evp_pkey_st* aKey) const;
+        void operator()(stack_st_X509* aChain) const;
     };
-    std::vector<std::unique_ptr<x509_st, CFree>> m_Chain;  // the own one first
+    std::unique_ptr<x509_st, CFree> m_pCertificate;
+    std::unique_ptr<stack_st_X509, CFree> m_pChain;  // the ones behind it
     std::unique_ptr<evp_pkey_st, CFree> m_pKey;
+    std::vector<std::string> m_Names;
 };
 
 }  // namespace talvo

@@ -16,7 +16,9 @@ class CCmTransportSsl;
 
 namespace talvo {
 class CTlsSession;
-struct CSslSettings;
+struct CSslProblem;
+struct CSslRecipe;
+struct CSslState;
 }  // namespace talvo
 
 // Whether the certificate of the peer is checked: chain, dates, purpose and name. A server asks a client for one unless it is
@@ -24,12 +26,18 @@ struct CSslSettings;
 enum ECmTlsVerify : DWORD { CM_TLS_VERIFY_NONE = 0, CM_TLS_VERIFY_OPTIONAL = 1, CM_TLS_VERIFY_REQUIRED = 2 };
 
 // Shared by any number of connections, of connectors and acceptors, in any threads. Settings are made before the first
-// connection uses it; afterwards they return CM_ERROR_ALREADY_INITIALIZED. A file is read at once: CM_ERROR_NOT_FOUND if it
-// cannot be read, CM_ERROR_INVALID_ARG if its content is not what the call needs, each with a line in the trace. All files are
-// PEM. Keys and pass phrases are never traced. The settings may wait for the disk.
+// connection uses it; afterwards they return CM_ERROR_ALREADY_INITIALIZED. All files are PEM, and are read at once:
+// CM_ERROR_NOT_FOUND if one cannot be read, CM_ERROR_INVALID_ARG if its content is not what the call needs or an argument is
+// null, each with a line in the trace. Also CM_ERROR_OUT_OF_MEMORY. Keys and pass phrases are never traced, and leave memory
+// with the context. The settings may wait for the disk.
 //
 // A new context trusts the system's store, verifies a server and asks no client for a certificate, offers TLS 1.2 and 1.3, and
-// keeps no certificate of its own. Renegotiation and compression are refused always.
+// has no certificate of its own. Renegotiation, compression and early data are refused always. OpenSSL's configuration file
+// can make these rules stricter, not weaker: TLS 1.2 and security level 2 (no SHA-1 in certificates, RSA of 2,048 bits) are
+// the least. Certificates are checked by the system's time. A peer may send 100 KiB of them.
+//
+// A certificate must have the name of the server among its DNS names, or its address among its addresses. A "*" stands for one
+// whole label. The common name of the subject does not count.
 class TALVO_API CCmSslContext : public ICmReferenceControl, public CCmReferenceControlT<CCmMutexThread> {
 public:
     CCmSslContext();
@@ -38,43 +46,61 @@ public:
     DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
     DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
 
-    // The certificates that sign others, instead of the system's: a file, a folder with hashed names, or both.
+    // The roots, instead of those of the system or of an earlier call: a file, a folder with hashed names, or both. A folder is
+    // read when a connection needs it. After a failure the context trusts no certificate at all. A server sends the names in
+    // the file to its clients, if there are at most 256. The system's store is OpenSSL's; the variables SSL_CERT_FILE and
+    // SSL_CERT_DIR replace it.
     CmResult SetTrust(const char* aFile, const char* aFolder = nullptr);
-    // Lists of revoked certificates; every certificate of a chain but the root needs one then.
+    // Lists of revoked certificates, of each issuer in a chain. Without the list of an issuer its certificates are refused, and
+    // after a failure all certificates.
     CmResult SetRevocationLists(const char* aFile);
 
     using Passphrase = std::function<CCmString()>;
-    // The own certificate, behind it the intermediate ones, and its key. aPassphrase is called at once, if the key is
-    // encrypted. A server may add several: it presents the one whose name is the client's (exact, then with "*." for one
-    // label), or else the first.
+    // The own certificate, behind it the intermediate ones, and its key. aPassphrase is called at once, perhaps twice, if the
+    // key is encrypted, and again by Reload; nothing is asked on a terminal. A server may add several: it presents the one of
+    // the name that the client asks for (exact, then with "*" for the first label), or else the first one added. A client
+    // presents the first one if the server asks.
     CmResult AddCertificate(const char* aChainFile, const char* aKeyFile, const Passphrase& aPassphrase = {});
 
     // TRUE: AddCertificate has succeeded, so a server can use the context.
     BOOL HasCertificate() const;
 
     // Of a client: the protocols that it offers, the preferred one first, separated by commas ("http/1.1"). Of a server: those
-    // that it takes, in its order of preference. Without a common one the connection is made without a protocol.
+    // that it takes, in its order of preference. A server refuses a client that offers protocols and none of these; a client
+    // that offers none is accepted.
     CmResult SetAlpn(const char* aProtocols);
     CmResult SetVersions(ECmTlsVersion aLowest, ECmTlsVersion aHighest);
-    // Lists of OpenSSL's names, for TLS 1.2 and for TLS 1.3; null leaves one as it is.
+    // Lists of OpenSSL's names, for TLS 1.2 and for TLS 1.3; null leaves one as it is. "@SECLEVEL=n" in the first changes the
+    // level of security, for the certificates added later too. Ciphers without authentication or encryption are never used.
     CmResult SetCiphers(const char* aTls12, const char* aTls13);
     // Without verification everybody can read and change the traffic; each such connection of a client traces a warning.
     CmResult SetVerify(ECmTlsVerify aVerify);
 
-    // Appends the secrets of all connections to a file, for a tool that decrypts recorded traffic.
+    // TRUE at first: a client keeps up to 4 sessions of each of 1,024 servers (name and port), for 2 hours at most, and resumes
+    // them; none of a connection that was not verified. A session of TLS 1.3 is used once. A server issues tickets, whose key
+    // changes every 12 hours; the previous key is still accepted. No session passes from one context to another.
+    CmResult SetSessionKeeping(BOOL aKeep);
+
+    // Appends the secrets of all connections to a file, which only its owner may read, for a tool that decrypts recorded
+    // traffic. Traces a warning. No environment variable does this.
     CmResult SetKeyLog(const char* aFile);
 
+    // Reads all files again, at any time. Connections from now on use the new content, without the sessions of the past;
+    // existing ones stay. After a failure the context stays as it was; the trace has the reason.
+    CmResult Reload();
+
     // Of the process, for clients without a context of their own: the system's store, or section "Ssl" of the configuration.
-    // Null: memory ran out.
+    // Once a minute it checks the files for changes. Null: memory ran out.
     static CCmRefPtrT<CCmSslContext> GetDefault();
 
 private:
     friend class CCmTransportSsl;
     CmResult Begin_i(CCmTransportSsl& aTransport, DWORD aType, const char* aServerName, const std::vector<unsigned char>& aAlpn,
                      std::unique_ptr<talvo::CTlsSession>& aSession);
-    CmResult Use_i();
-    template <class Callable>
-    CmResult Set_i(const char* aWhat, const char* aFile, Callable aSet);
+    using Change = std::function<talvo::CSslProblem(talvo::CSslRecipe&)>;
+    CmResult Set_i(const char* aWhat, const Change& aChange);
+    CmResult Change_i(const char* aWhat, const Change& aChange);
+    CmResult Finish_i(const char* aWhat, const talvo::CSslProblem& aProblem);
 
-    const std::unique_ptr<talvo::CSslSettings> m_pSettings;  // null: memory ran out
+    const std::unique_ptr<talvo::CSslState> m_pState;  // null: memory ran out
 };
