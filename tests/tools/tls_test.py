@@ -111,8 +111,8 @@ class TlsTest(ProgramTest):
     def test_tls_shows_a_server(self):
         server = self.serve("serve", self.directory, *self.own())
         status, (own, intermediate, session) = self.look(server, *self.root())
-        self.assertEqual((0, "TLS 1.3", "http/1.1", HOST, True, "", ""),
-                         (status, *(session[key] for key in ("protocol", "alpn", "name", "verified", "reason", "end"))))
+        keys = "protocol", "alpn", "name", "verified", "reason", "resumed", "end"
+        self.assertEqual((0, "TLS 1.3", "http/1.1", HOST, True, "", True, ""), (status, *(session[key] for key in keys)))
         self.assertTrue({"localhost", "127.0.0.1", HOST} <= set(own["names"]), own)
         self.assertEqual(("CN=localhost", intermediate["subject"], 0), (own["subject"], own["issuer"], own["number"]))
         self.assertIn(own["days_left"], (29, 30))
