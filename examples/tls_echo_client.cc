@@ -1,20 +1,20 @@
-// Sends a line over TLS, prints the answer and ends:   tls_echo_client localhost:7000 [root.pem]
+// Sends a line over TLS, prints the answer and ends:   tls_echo_client localhost:7000 root.pem
 #include <cstdio>
 
 #include "talvo/talvo.h"
 
 class Client : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
-    void Connect(const char* aEndpoint, const char* aRoot) {
+    int Run(const char* aEndpoint, const char* aRoot) {
         CCmConnectionManager::Instance()->CreateConnectionClient(CM_TRANSPORT_TYPE_TLS, m_pConnector.ParaOut());
-        CCmRefPtrT<CCmSslContext> pContext(new CCmSslContext);  // trusts the system's roots
-        if (aRoot && pContext->SetTrust(aRoot) != CM_OK)
-            return;
+        CCmRefPtrT<CCmSslContext> pContext(new CCmSslContext);
+        pContext->SetTrust(aRoot);  // instead of the system's roots; after a failure nothing is trusted
         cm_get_connect_options(m_pConnector.Get())->SetOption(CM_OPT_CONNECT_SSL_CONTEXT, &pContext);
         m_pConnector->AsycConnect(this, CCmInetAddr(aEndpoint));  // its host is the name in the certificate
         CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN)->RunEventLoop();
         m_pTransport.Reset();
         CCmConnectionManager::Instance()->Drain(nullptr);  // the process exits after the end of TLS has been sent
+        return m_nStatus;
     }
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override {
         CCmFailure failure;
@@ -32,7 +32,6 @@ public:
     }
     void OnSend(ICmTransport*, CCmTransportParameter*) override {}
     void OnDisconnect(CmResult aReason, ICmTransport*) override { Stop(cm_result_name(aReason)); }
-    int m_nStatus = 1;  // 0: an answer came
 
 private:
     void Stop(const char* aWhy) {
@@ -41,11 +40,10 @@ private:
     }
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pTransport;
+    int m_nStatus = 1;
 };
 
 int main(int argc, char** argv) {
     CCmThreadManager::Instance()->InitMainThread(argc, argv);
-    Client client;
-    client.Connect(argc > 1 ? argv[1] : "localhost:7000", argc > 2 ? argv[2] : nullptr);
-    return client.m_nStatus;
+    return argc == 3 ? Client().Run(argv[1], argv[2]) : 2;
 }
