@@ -30,6 +30,7 @@ CCmConnectorSsl::~CCmConnectorSsl() {
 }
 
 int CCmConnectorSsl::Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal) {
+    Close();
     m_Failure = {};
     talvo::CTlsHandshakes::CSettings settings;
     if (!talvo::WithMemory([&] { settings = SettingsFor_i(aAddr); }) || !settings.m_pContext)

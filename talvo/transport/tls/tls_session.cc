@@ -111,8 +111,16 @@ BOOL CTlsSession::UseAlpn(const std::vector<unsigned char>& aList) {
 
 void CTlsSession::Verified_i(int aError, int aDepth, const char* aSubject) {
     const char* pText = X509_verify_cert_error_string(aError);
-    CM_WARNING_TRACE_THIS("CTlsSession::Verified_i, the certificate is refused. why=" << pText << " depth=" << aDepth
+    X509_VERIFY_PARAM* pParam = SSL_get0_param(m_pSsl);
+    const char* pName = X509_VERIFY_PARAM_get0_host(pParam, 0);
+    char* pAddress = pName ? nullptr : X509_VERIFY_PARAM_get1_ip_asc(pParam);
+    CM_WARNING_TRACE_THIS("CTlsSession::Verified_i, the certificate is refused. why=" << pText << " name="
+                                                                                      << (pName      ? pName
+                                                                                          : pAddress ? pAddress
+                                                                                                     : "")
+                                                                                      << " depth=" << aDepth
                                                                                       << " subject=" << aSubject);
+    OPENSSL_free(pAddress);
     if (!m_pUnverified)
         m_pUnverified = pText;
 }
