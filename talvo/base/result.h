@@ -26,12 +26,16 @@ using CmResult = int32_t;
     X(CM_ERROR_TIMEOUT, 10014)                          /* a bounded wait ended without its event */     \
     X(CM_ERROR_NETWORK_SOCKET_ERROR, 20001)             /* a socket call failed, a connection broke */   \
     X(CM_ERROR_NETWORK_SOCKET_CLOSE, 20003)             /* the framework closed the handle */            \
+    X(CM_ERROR_NETWORK_PEER_NOT_BACK, 20004)            /* reliable: the client did not come back */     \
     X(CM_ERROR_NETWORK_CONNECT_TIMEOUT, 20005)          /* a connect attempt failed at once */           \
     X(CM_ERROR_NETWORK_CONNECT_ERROR, 20006)            /* an attempt under way failed or timed out */   \
     X(CM_ERROR_NETWORK_DNS_FAILURE, 20007)              /* a name could not be resolved */               \
     X(CM_ERROR_NETWORK_HTTP_FAILURE, 20008)             /* HTTP: the exchange failed, see trace lines */ \
     X(CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE, 20009) /* the proxy cannot be reached or used */        \
+    X(CM_ERROR_NETWORK_RECONNECT_FAILED, 20011)         /* reliable: the server was not reached again */ \
+    X(CM_ERROR_NETWORK_CONNECT_REFUSED, 20012)          /* reliable: the peer refused a connect PDU */   \
     X(CM_ERROR_NETWORK_BAD_CONNECT_RESPONSE, 20013)     /* the peer speaks another connection type */    \
+    X(CM_ERROR_NETWORK_IN_DOUBT, 20017)                 /* reliable: ended while it was suspended */     \
     X(CM_ERROR_NETWORK_TLS_HANDSHAKE, 20101)            /* the peers cannot agree on a TLS session */    \
     X(CM_ERROR_NETWORK_TLS_CERTIFICATE, 20102)          /* the peer's certificate is refused */          \
     X(CM_ERROR_NETWORK_TLS_CUT, 20103)                  /* a TLS stream ended without close_notify */

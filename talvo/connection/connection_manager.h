@@ -34,7 +34,8 @@ public:
         CTYPE_PDU_LENGTH = talvo::CConnectionType::LENGTH,
         CTYPE_PDU_PACKAGE = talvo::CConnectionType::PACKAGE,
         CTYPE_PDU_KEEPALIVE = talvo::CConnectionType::KEEPALIVE,
-        CTYPE_PDU_RELIABLE = talvo::CConnectionType::RELIABLE
+        CTYPE_PDU_RELIABLE = talvo::CConnectionType::RELIABLE,
+        CTYPE_RECONNECT_TOKEN = talvo::CConnectionType::RECONNECT_TOKEN  // with CTYPE_PDU_RELIABLE: the token form
     };
     using CPriority = ECmTransportPriority;
 

@@ -16,6 +16,8 @@ struct CCmSimPath {
     double m_Damage = 0;         // a datagram arrives truncated, or with extra bytes at its end
     double m_PartialSend = 0;    // SendData takes a part, or no bytes, although there is room: CM_ERROR_PARTIAL_DATA
     double m_Cut = 0;            // the stream breaks inside this send, at any byte
+    double m_CutOneEnd = 0;      // only one end, either, notices such a break; the other one's end stays half-open
+    double m_Mute = 0;           // from this send on the stream delivers nothing in this direction, and reports nothing
     uint64_t m_ullCutAfter = 0;  // each stream breaks after this number of bytes, which arrive; 0: never
 
     // Silence between the two simulated times: datagrams are lost, and bytes, ends and connects of streams wait.

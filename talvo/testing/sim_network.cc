@@ -3,6 +3,7 @@
 #include <new>
 #include <utility>
 
+#include "talvo/base/random_source.h"
 #include "talvo/connection/connection_manager.h"
 #include "talvo/event/thread.h"
 #include "talvo/event/thread_manager.h"
@@ -67,6 +68,7 @@ private:
         m_Core.m_Schedule.SetReactor(pReactor);
         m_pOldResolver = ICmNameResolver::Get();
         ICmNameResolver::Set(&m_Core);
+        CCmRandomSource::Replace(FillRandom_i, &m_Core.m_Random);
         for (const DWORD dwType : BASE_TYPES)
             cm_offer_base_type(dwType, {MakeConnector, MakeAcceptor});
         return CM_OK;
@@ -83,7 +85,14 @@ private:
         Restore_i();
     }
 
+    static void FillRandom_i(void* aRandom, void* aBytes, size_t aCount) {
+        auto* pBytes = static_cast<BYTE*>(aBytes);
+        for (size_t i = 0; i < aCount; ++i)
+            pBytes[i] = static_cast<BYTE>(static_cast<CSimRandom*>(aRandom)->Below(256));
+    }
+
     void Restore_i() {
+        CCmRandomSource::Replace(nullptr, nullptr);
         Threads_i().SetNetworkThreadMode(m_OldMode);
         CCmClock::Replace(m_pOldClock);
     }

@@ -141,13 +141,23 @@ void CSimTransport::SendStream_i(std::string aBytes) {
     }
     m_ullTaken += aBytes.size();
     m_End.m_dwUnread += static_cast<DWORD>(aBytes.size());
+    m_bMute = m_bMute || random.Chance(path.m_Mute);
     aBytes.resize(ullBeforeCut);
     if (!aBytes.empty())
         Post_i(DATA, std::move(aBytes));
-    if (!bCut)
-        return;
-    Post_i(CUT, {});
-    Break_i();
+    if (bCut)
+        Cut_i();
+}
+
+void CSimTransport::Cut_i() {
+    CSimRandom& random = m_pCore->m_Random;
+    const BOOL bOne = random.Chance(GetPathOut_i().m_CutOneEnd);
+    const BOOL bHere = !bOne || random.Chance(0.5);
+    if (!bOne || !bHere)
+        Post_i(CUT, {});
+    m_bMute = TRUE;
+    if (bHere)
+        Break_i();
 }
 
 // Sends a piece to the peer, after all earlier ones. If the peer has closed, and its end was delivered here, it answers with a
@@ -160,7 +170,7 @@ void CSimTransport::Post_i(EKind aKind, std::string aBytes) {
     CSimTransport* pPeer = FindPeer_i();
     if (!pPeer && m_bEndNotified && aKind == DATA)
         After_i(m_llLastArrival - llNow + m_pCore->DelayOf(GetPathIn_i()), &CSimTransport::Break_i);
-    if (!pPeer || pPeer->m_End.m_bBroken || (aKind == END && path.m_bLoseEnd))  // a broken stream has lost what was before
+    if (m_bMute || !pPeer || pPeer->m_End.m_bBroken || (aKind == END && path.m_bLoseEnd))  // a broken stream has lost what was before
         return;
     pPeer->m_OnTheWay.push_back({m_llLastArrival, aKind, std::move(aBytes)});
     pPeer->After_i(m_llLastArrival - llNow, &CSimTransport::TakeArrivals_i);

@@ -72,6 +72,7 @@ private:
     void NotifyRoom_i();
     void NotifyEnd_i();
     void Break_i();
+    void Cut_i();
     void Fail_i();
     CmResult EndSending_i();
 
@@ -86,6 +87,7 @@ private:
     BOOL m_bTellEnd = FALSE;     // option 148
     BOOL m_bEndNotified = FALSE;
     BOOL m_bEndSent = FALSE;           // option 147
+    BOOL m_bMute = FALSE;              // nothing of this end arrives any more
     uint64_t m_ullTaken = 0;           // bytes of the stream
     int64_t m_llLineFree = 0;          // the time when the last taken byte has left
     int64_t m_llLastArrival = 0;       // a stream keeps its order

@@ -45,7 +45,7 @@ struct CCmBaseTypeMakers {
 //   PAUSE_READING (141)                 a thread proxy pauses a fast peer with it: without it the proxy's memory has no limit
 //   UNACKNOWLEDGED (144)                an orderly end waits until it is 0; a refusal counts as 0, so the end does not wait
 //   END_SENDING (147), TELL_END (148)   of a byte stream; both are also set while an orderly end waits
-//   LAYERED (150)                       TRUE: the transport does not join a drain, because the layer above does
+//   LAYERED (160)                       TRUE: the transport does not join a drain, because the layer above does
 //   LOCAL_ADDR, PEER_ADDR, TRAN_TYPE    read once by a thread proxy; the last one is the base type
 //   LAST_FAILURE (159)                  inside and after OnDisconnect
 //

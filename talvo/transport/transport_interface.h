@@ -86,7 +86,7 @@ enum ECmTransportOption : DWORD {
     CM_OPT_TRANSPORT_READ_SIZE = 149,
     // set BOOL TRUE: a layer above, a protocol connection or a thread proxy, ends this transport gracefully, so
     // CCmConnectionManager::Drain does not. Set it before OpenWithSink.
-    CM_OPT_TRANSPORT_LAYERED = 150,
+    CM_OPT_TRANSPORT_LAYERED = 160,
     // [waits] get ucred (<sys/socket.h>): process, user and group of the peer of a Unix socket when it connected or listened,
     // as SO_PEERCRED. CM_ERROR_INVALID_ARG: not a Unix socket.
     CM_OPT_TRANSPORT_PEER_CREDENTIALS = 158,

@@ -58,9 +58,9 @@ DWORD Exchange(const CTestNetwork& aNetwork, DWORD aType) {
 TEST(ConnectionManagerTest, TypesAreJudgedInTheCallingThread) {
     CTestNetwork network;
     for (const DWORD dwType : {0x1u, 0x2u, 0x4u, 0x8u, 0xCu, 0x10001u, 0x20001u, 0x30001u, 0x10000001u, 0x10000004u,
-                               0x30000002u, 0x8000001u, 0x100002u})
+                               0x30000002u, 0x8000001u, 0x100002u, 0x70000001u, 0x7200000Cu})
         EXPECT_EQ(CM_OK, Judge(dwType)) << std::hex << dwType;
-    for (const DWORD dwType : {0x8000u, 0x8001u, 0x10008000u, 0x70000001u, 0x8000002u})
+    for (const DWORD dwType : {0x8000u, 0x8001u, 0x10008000u, 0x70000002u, 0x8000002u})
         EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, Judge(dwType)) << std::hex << dwType;
     for (const DWORD dwType : {0x0u, 0x3u, 0x8002u, 0x40001u, 0x10000003u})
         EXPECT_EQ(CM_ERROR_INVALID_ARG, Judge(dwType)) << std::hex << dwType;
@@ -96,7 +96,8 @@ TEST(ConnectionManagerTest, ProtocolTypes) {
         DWORD m_dwType, m_dwCanonical;
         std::string m_strClient, m_strServer;
     } types[] = {
-        {0x78100002, 0, "CTYPE_PDU_RELIABLE, BaseType = UDP", "CTYPE_PDU_RELIABLE"},
+        {0x78100001, 0x74000000, "CTYPE_PDU_RELIABLE, BaseType = TCP", "CTYPE_PDU_RELIABLE"},
+        {0x72000001, 0x74000000, "CTYPE_PDU_RELIABLE, BaseType = TCP", "CTYPE_PDU_RELIABLE"},
         {0x38100002, 0x100000, "CTYPE_SEND_NO_PARTIAL_DATA, BaseType = UDP", "CTYPE_SEND_NO_PARTIAL_DATA, BaseType = UDP"},
         {0x18000001, 0x10000000, "CTYPE_PDU_PACKAGE, bNeedKeepAlive = 0, BaseType = TCP",
          "CTYPE_PDU_PACKAGE, bNeedKeepAlive = 0"},

@@ -29,6 +29,8 @@ private:
         const CCsPduConnReqResp pdu = TakeConnectPdu_i();
         SetChannel(pdu.GetConTag());
         m_Resumed = ResumeData_i(pdu.GetACK());
+        if (m_Resumed == CM_OK)
+            StartData_i();
     }
 };
 
@@ -171,8 +173,8 @@ TEST_F(CsConnDetachTest, StatusPauseAndMisfit) {
     Begin(3);  // takes half a request
     Lose();
     Begin();
-    EXPECT_TRUE(m_pLower->m_bPaused);
     EXPECT_EQ(std::string("\1\0\0\0\0\0\7\17", 8), m_pLower->TakeSent());
+    EXPECT_FALSE(m_pLower->m_bPaused);  // the response must come
     EXPECT_EQ(CM_OK, SendText(*m_pConn, "d"));
     EXPECT_EQ("", m_pLower->TakeSent());
     m_pLower->Receive("\2" + Bytes(5) + std::string("\0\7\17", 3));

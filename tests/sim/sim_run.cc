@@ -1,3 +1,9 @@
+#include <cstring>
+
 #include "tests/sim/sim_scenario.h"
 
-int main(int argc, char** argv) { return cm_sim_main(argc, argv, RunScenario); }
+// sim_run [reliable] [FIRST_SEED [COUNT]]
+int main(int argc, char** argv) {
+    const bool bReliable = argc > 1 && std::strcmp(argv[1], "reliable") == 0;
+    return bReliable ? cm_sim_main(argc - 1, argv + 1, RunReliableScenario) : cm_sim_main(argc, argv, RunScenario);
+}

@@ -5,3 +5,5 @@
 
 // A CCmSimScenario.
 void RunScenario(CCmSimNetwork& aNetwork);
+// The same for reliable connections, over networks that break.
+void RunReliableScenario(CCmSimNetwork& aNetwork);

@@ -39,9 +39,13 @@ public:
     BOOL MoveToPending();
 
     int DoACK(DWORD aSeq) { return m_SendBuf.DoACK(aSeq); }
-    // The peer has received up to aSeq; the rest is sent again. FALSE: aSeq fits no PDU in the buffer.
-    BOOL Resume(DWORD aSeq) { return m_SendBuf.DoReconnACK(aSeq) != -1; }
+    void OnTransportLost() { m_SendBuf.OnTransportLost(); }
+    // The peer has received up to aSeq; the rest is sent again. FALSE: aSeq is no resume point, and the state is unchanged.
+    BOOL Resume(DWORD aSeq) { return m_SendBuf.IsResumePoint(aSeq) && m_SendBuf.DoReconnACK(aSeq) != -1; }
     void Reset() { m_SendBuf.Reset(); }
+
+    CCsSendBuf& GetSendBuf() { return m_SendBuf; }
+    const CCsSendBuf& GetSendBuf() const { return m_SendBuf; }
 
 private:
     BOOL HasRoom(DWORD aLength, BOOL aNeedACK) const;

@@ -4,12 +4,6 @@
 
 namespace talvo {
 
-namespace {
-
-constexpr DWORD IDLE_LIMIT_MSEC = 120000;
-
-}  // namespace
-
 CmResult CConnLiveness::StartLimit(CCmTimerWrapperIDSink* aSink, const CCmTimeValue& aLimit) {
     const CmResult rv = m_Timer.Schedule(aSink, aLimit, 1);
     return rv == CM_ERROR_FOUND ? CM_OK : rv;
@@ -31,7 +25,7 @@ BOOL CConnLiveness::IsKeepAliveDue() const {
     return calculate_tick_interval(m_dwLastSendTick, get_tick_count()) > m_dwInterval;
 }
 
-BOOL CConnLiveness::IsPeerSilent() const { return m_bHasReceived && !m_bReadingPaused && GetSilence() >= IDLE_LIMIT_MSEC; }
+BOOL CConnLiveness::IsPeerSilent() const { return m_bHasReceived && !m_bReadingPaused && GetSilence() >= m_dwSilenceLimit; }
 
 void CConnLiveness::Reset() {
     Stop();

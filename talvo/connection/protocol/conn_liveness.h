@@ -30,16 +30,20 @@ public:
     BOOL IsReadingPaused() const { return m_bReadingPaused; }
 
     BOOL IsKeepAliveDue() const;
-    // No data has been received for 120 s. FALSE before the first bytes.
+    // Milliseconds of silence after which the peer is silent; 120,000 at first.
+    void SetSilenceLimit(DWORD aMsec) { m_dwSilenceLimit = aMsec; }
+    DWORD GetSilenceLimit() const { return m_dwSilenceLimit; }
+    // No data has been received for that time. FALSE before the first bytes.
     BOOL IsPeerSilent() const;
     DWORD GetSilence() const { return calculate_tick_interval(m_dwLastRecvTick, get_tick_count()); }  // milliseconds
 
-    // Stops the timer and clears both times; the interval and the pause stay.
+    // Stops the timer and clears both times; the interval, the limit and the pause stay.
     void Reset();
 
 private:
     CCmTimerWrapperID m_Timer;
     DWORD m_dwInterval = 15;
+    DWORD m_dwSilenceLimit = 120000;
     DWORD m_dwLastSendTick = 0;
     DWORD m_dwLastRecvTick = 0;
     bool m_bHasReceived = false;  // m_dwLastRecvTick is recorded

@@ -22,9 +22,6 @@ void CCsConn::TakeTransport_i(ICmTransport* aTransport) {
     m_Direct.SetTransport(aTransport, m_bDatagrams);
     if (aTransport && !m_bDatagrams)
         talvo::AskForLargeReads(*aTransport);
-    BOOL bPause = TRUE;
-    if (m_wStatus == CS_STATUS_RECONNECTING && m_Liveness.IsReadingPaused())
-        SetTransportOption_i(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);
 }
 
 CmResult CCsConn::SetOption(DWORD aCommand, void* aArg) {
@@ -102,10 +99,10 @@ CmResult CCsConn::SetKeepAliveInterval_i(DWORD aSeconds) {
     return m_wStatus == CS_STATUS_CONNECTED && HasKeepAliveTimer_i() ? ScheduleKeepAlive_i() : CM_OK;
 }
 
-// While detached, the pause applies to the next transport.
+// While it reconnects, the pause applies to the data behind the handshake.
 CmResult CCsConn::PauseReading_i(BOOL aPause) {
     m_Liveness.SetReadingPaused(aPause);
-    if (!m_pTransport && m_wStatus == CS_STATUS_RECONNECTING)
+    if (m_wStatus == CS_STATUS_RECONNECTING)
         return CM_OK;
     return SetTransportOption_i(CM_OPT_TRANSPORT_PAUSE_READING, &aPause);
 }
@@ -143,6 +140,8 @@ void CCsConn::DetachTransport_i(CmResult aReason) {
     SetCurrStatus(CS_STATUS_RECONNECTING);
     const CCmRefPtrT<ICmTransport> pTransport = m_pTransport;
     ForgetTransport_i();
+    if (m_Buffered)
+        m_Buffered->OnTransportLost();
     if (pTransport)
         pTransport->Disconnect(aReason);
 }
@@ -151,7 +150,9 @@ CmResult CCsConn::ResumeData_i(DWORD aPeerReceived) {
     if (m_Buffered && !m_Buffered->Resume(aPeerReceived))
         return CM_ERROR_FAILURE;
     SetCurrStatus(CS_STATUS_CONNECTED);
-    StartData_i();
+    BOOL bPause = TRUE;
+    if (m_Liveness.IsReadingPaused())
+        SetTransportOption_i(CM_OPT_TRANSPORT_PAUSE_READING, &bPause);
     return CM_OK;
 }
 

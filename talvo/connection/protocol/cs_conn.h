@@ -76,11 +76,15 @@ protected:
 
     // A connected side changes its transport. DetachTransport_i closes the old one with aReason and drops its state:
     // pending bytes, an incomplete PDU, timers. The sink, the channel, the counters and the send buffer stay, and SendData
-    // fills the buffer. The status is CS_STATUS_RECONNECTING. Then come TakeTransport_i and the handshake, and ResumeData_i
-    // with the receive counter of the peer. It is connected again, and the bytes that the peer lacks are sent before new ones.
-    // CM_ERROR_FAILURE: the counter does not fit. The state is unchanged, and the connection cannot continue.
+    // fills the buffer. The status is CS_STATUS_RECONNECTING. Then come TakeTransport_i and the handshake, ResumeData_i with the
+    // receive counter of the peer, and StartData_i. It is connected again, and the bytes that the peer lacks are sent before
+    // new ones. CM_ERROR_FAILURE: the counter is no resume point. The state is unchanged, and the connection cannot continue.
     void DetachTransport_i(CmResult aReason);
     CmResult ResumeData_i(DWORD aPeerReceived);
+
+    // The engine has found the end: a violation, a disconnect PDU, or no memory. The same as a loss of the transport, unless a
+    // derived class continues after a loss.
+    virtual void Finish_i(CmResult aReason) { OnDisconnect(aReason, m_pTransport.Get()); }
 
     // Clears the connection's whole state, the transport included.
     void Reset();
@@ -94,6 +98,16 @@ protected:
     // Reads the type of the first PDU of the received bytes. FALSE: there is no such type.
     BOOL GetPDUType();
     CCsPduConnReqResp TakeConnectPdu_i();
+    // The first 8 bytes of a connect PDU have come. FALSE: more of it is missing.
+    virtual BOOL IsConnectPduWhole_i() { return TRUE; }
+    // Encodes a connect PDU of this connection, with its counter and channel.
+    virtual void EncodeConnectPdu_i(BYTE aType, CCmMessageBlock& aMb) const;
+
+    // Enough bytes have come for an acknowledgement.
+    virtual void SendAck_i() {}
+
+    // Ends the connection if aResult has left a PDU half sent. Returns aResult.
+    CmResult EndIfBroken_i(CmResult aResult);
 
     // The periodic work of a connected side.
     CmResult ScheduleKeepAlive_i() { return m_Liveness.Start(this); }
@@ -113,9 +127,13 @@ protected:
     bool m_bNeedACK = true;
     bool m_bNeedKeepAlive = false;
     BYTE m_byInstanceType = INSTANCE_NONE;
-    char m_szConnReq[CCsPduBase::MAX_FIX_LENGTH] = {};  // the connect request, kept for a repeat
-    DWORD m_dwConnReq = 0;                              // its length; 0: none
+    char m_szConnReq[CCsPduConnToken::LENGTH] = {};  // the connect request, kept for a repeat
+    DWORD m_dwConnReq = 0;                           // its length; 0: none
     talvo::CConnLiveness m_Liveness;
+    talvo::CPduReader m_Reader;
+    talvo::CDirectSending m_Direct{m_Liveness};
+    std::optional<talvo::CBufferedSending> m_Buffered;  // none: m_Direct only
+    DWORD m_dwReceived = 0;  // receive counter: the sequence number of the last data byte that came
 
 private:
     // Sending.
@@ -125,7 +143,6 @@ private:
     CmResult AddToSendBuf_i(CCmMessageBlock& aData);
     CmResult SendDirect_i(CCmMessageBlock& aData);
     CmResult SendConnectPdu_i(const CCmMessageBlock& aPdu);
-    CmResult EndIfBroken_i(CmResult aResult);
     BOOL LetLinger_i();
     CmResult Uncork_i();
     DWORD GetUnsent_i();
@@ -140,15 +157,13 @@ private:
     BOOL TakeData_i(CCmTransportParameter* aPara);
     CmResult Deliver_i(DWORD aLength, CCmTransportParameter* aPara);
     BOOL ReadDataLength_i();
+    BOOL TakeAck_i(DWORD aSeq);
+    void CountReceived_i();
     BOOL Refuse_i(const char* aText);
     void DropDatagramRest_i();
 
-    talvo::CPduReader m_Reader;
-    talvo::CDirectSending m_Direct{m_Liveness};
-    std::optional<talvo::CBufferedSending> m_Buffered;  // none: m_Direct only
     DWORD m_dwMaxMessage = CS_DEFAULT_MAX_MESSAGE_LEN;
     bool m_bAckProcessing = false;
     bool m_bNeedOnSend = false;  // a send was refused
-    DWORD m_dwReceived = 0;      // receive counter: the sequence number of the last data byte that came
     DWORD m_dwAckBytes = 0;      // ACK byte counter
 };

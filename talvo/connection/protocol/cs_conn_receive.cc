@@ -34,7 +34,7 @@ void CCsConn::OnReceive(CCmMessageBlock& aData, ICmTransport* aTrpt, CCmTranspor
         return;
     m_Liveness.OnReceived();
     if (m_Reader.Append(aData) != CM_OK) {
-        OnDisconnect(CM_ERROR_OUT_OF_MEMORY, m_pTransport.Get());
+        Finish_i(CM_ERROR_OUT_OF_MEMORY);
         return;
     }
     while (m_Reader.IsReady() && TakePdu_i(aPara)) {
@@ -61,7 +61,7 @@ BOOL CCsConn::TakePdu_i(CCmTransportParameter* aPara) {
     case CS_PDU_TYPE_CONN_RESP:
         if (byType != m_byInstanceType)  // a server accepts requests (1), a client responses (2)
             break;
-        if (!bWhole)
+        if (!bWhole || !IsConnectPduWhole_i())
             return FALSE;
         byType == CS_PDU_TYPE_CONN_REQ ? OnRecvConnReq() : OnRecvConnResp();
         Reset4Recv();
@@ -94,7 +94,7 @@ BOOL CCsConn::Refuse_i(const char* aText) {
     NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer has sent a PDU that does not fit");
     CM_WARNING_TRACE_THIS(aText << static_cast<int>(m_Reader.GetType()) << " m_wStatus=" << m_wStatus
                                 << " peer=" << PeerOf(m_pTransport.Get()).GetText());
-    OnDisconnect(CM_ERROR_NOT_AVAILABLE, m_pTransport.Get());
+    Finish_i(CM_ERROR_NOT_AVAILABLE);
     return FALSE;
 }
 
@@ -117,7 +117,7 @@ void CCsConn::OnRecvDisconn() {
     m_Liveness.Stop();
     CM_INFO_TRACE_THIS("CCsConn::OnRecvDisconn(), Normal disconnect, wReason =" << pdu.GetReason());
     Reset4Recv();
-    OnDisconnect(pdu.GetReason(), m_pTransport.Get());
+    Finish_i(pdu.GetReason());
 }
 
 // Deliberate: only reliable connections use the acknowledgement.
@@ -129,7 +129,16 @@ void CCsConn::OnRecvKeepAlive() {
     }
     m_Reader.TakeFixed(pdu);
     if (m_bNeedACK && m_Buffered)
-        DoACK(pdu.GetACK());
+        TakeAck_i(pdu.GetACK());
+}
+
+// FALSE: the acknowledgement has ended the connection, or the transport was lost inside an upcall.
+BOOL CCsConn::TakeAck_i(DWORD aSeq) {
+    const ICmTransport* pTransport = m_pTransport.Get();
+    if (!m_Buffered->GetSendBuf().IsSent(aSeq))
+        return Refuse_i("CCsConn::OnReceive, acknowledges what was not sent. m_byType=");
+    DoACK(aSeq);
+    return m_pTransport.Get() == pTransport;
 }
 
 // The fixed part contains the length of the PDU. FALSE: it is incomplete, or the connection has ended because of it.
@@ -144,39 +153,41 @@ BOOL CCsConn::ReadDataLength_i() {
     CM_WARNING_TRACE_THIS("CCsConn::OnReceive, message too long, len=" << m_Reader.GetDataLength() << " max=" << m_dwMaxMessage
                                                                        << " peer=" << PeerOf(m_pTransport.Get()).GetText());
     NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer has announced a message that is too long");
-    OnDisconnect(CM_ERROR_NOT_AVAILABLE, m_pTransport.Get());
+    Finish_i(CM_ERROR_NOT_AVAILABLE);
     return FALSE;
 }
 
-// FALSE: it is incomplete, or the transport was lost inside an upcall. A message that the sink has got still counts as
-// received: the peer must not send it again over the next transport.
+// FALSE: it is incomplete, or the transport was lost inside an upcall. The counter moves before the upcall: a message that the
+// sink has got counts as received, so the peer does not send it again over the next transport.
 BOOL CCsConn::TakeData_i(CCmTransportParameter* aPara) {
     if (!m_Reader.IsDataLengthKnown() && !ReadDataLength_i())
         return FALSE;
     if (!m_Reader.IsReady())
         return FALSE;
     const ICmTransport* pTransport = m_pTransport.Get();
-    const DWORD dwPDULen = m_Reader.GetLength();
-    const BOOL bRestart = m_Reader.GetType() == CS_PDU_TYPE_DATA_START;
     m_Reader.SkipHeader();
-    if (m_bNeedACK && m_Buffered)
-        DoACK(m_Reader.GetACK());
+    if (m_bNeedACK && m_Buffered && !TakeAck_i(m_Reader.GetACK()))
+        return FALSE;
+    CountReceived_i();
+    const CmResult rv = Deliver_i(m_Reader.GetDataLength(), aPara);
     if (m_pTransport.Get() != pTransport)
         return FALSE;
-    if (const CmResult rv = Deliver_i(m_Reader.GetDataLength(), aPara); rv != CM_OK) {
-        OnDisconnect(rv, m_pTransport.Get());
+    if (rv != CM_OK) {
+        Finish_i(rv);
         return FALSE;
     }
     if (m_wStatus == CS_STATUS_NOT_CONNECTED)
         return FALSE;
-    // A sender that restarts counts from 1 again, and so does the counter, which is the end of the last PDU.
-    m_dwReceived = bRestart ? dwPDULen : m_dwReceived + dwPDULen;
-    if (m_Buffered)
-        m_Buffered->SetReceived(m_dwReceived);
-    if (m_pTransport.Get() != pTransport)
-        return FALSE;
     Reset4Recv();
     return TRUE;
+}
+
+// A sender that restarts counts from 1 again, and so does the counter, which is the end of the last PDU.
+void CCsConn::CountReceived_i() {
+    const BOOL bRestart = m_Reader.GetType() == CS_PDU_TYPE_DATA_START;
+    m_dwReceived = (bRestart ? 0 : m_dwReceived) + m_Reader.GetLength();
+    if (m_Buffered)
+        m_Buffered->SetReceived(m_dwReceived);
 }
 
 CmResult CCsConn::Deliver_i(DWORD aLength, CCmTransportParameter* aPara) {
@@ -192,6 +203,8 @@ void CCsConn::ACK2PeerIfPossiable(CCmMessageBlock& aData) {
     if (m_wStatus != CS_STATUS_CONNECTED)
         return;
     m_dwAckBytes += aData.GetChainedLength();
-    if (m_dwAckBytes >= ACK_EVERY)
-        m_dwAckBytes = m_dwReceived % ACK_EVERY;  // of the receive counter, deliberately
+    if (m_dwAckBytes < ACK_EVERY)
+        return;
+    m_dwAckBytes = m_dwReceived % ACK_EVERY;  // of the receive counter, deliberately
+    SendAck_i();
 }

@@ -95,7 +95,7 @@ CmResult CCsConn::SendDirect_i(CCmMessageBlock& aData) {
 
 CmResult CCsConn::EndIfBroken_i(CmResult aResult) {
     if (m_Direct.IsBroken())
-        OnDisconnect(CM_ERROR_OUT_OF_MEMORY, m_pTransport.Get());
+        Finish_i(CM_ERROR_OUT_OF_MEMORY);
     return aResult;
 }
 
@@ -117,7 +117,7 @@ CmResult CCsConn::SendConnReq() {
         return CM_ERROR_NOT_AVAILABLE;
     if (m_dwConnReq == 0) {
         CCmMessageBlock block(sizeof m_szConnReq, m_szConnReq);
-        CCsPduConnReqResp(m_dwReceived, m_wChannel, CS_PDU_TYPE_CONN_REQ, m_byConnType).Encode(block);
+        EncodeConnectPdu_i(CS_PDU_TYPE_CONN_REQ, block);
         m_dwConnReq = block.GetTopLevelLength();
     }
     return SendConnectPdu_i(CCmMessageBlock(m_dwConnReq, m_szConnReq, CCmMessageBlock::DONT_DELETE, m_dwConnReq));
@@ -126,10 +126,14 @@ CmResult CCsConn::SendConnReq() {
 CmResult CCsConn::SendConnResp() {
     if (!m_pTransport)
         return CM_ERROR_NOT_AVAILABLE;
-    char szPdu[CCsPduBase::MAX_FIX_LENGTH] = {};
+    char szPdu[sizeof m_szConnReq] = {};
     CCmMessageBlock block(sizeof szPdu, szPdu);
-    CCsPduConnReqResp(m_dwReceived, m_wChannel, CS_PDU_TYPE_CONN_RESP, m_byConnType).Encode(block);
+    EncodeConnectPdu_i(CS_PDU_TYPE_CONN_RESP, block);
     return SendConnectPdu_i(block);
+}
+
+void CCsConn::EncodeConnectPdu_i(BYTE aType, CCmMessageBlock& aMb) const {
+    CCsPduConnReqResp(m_dwReceived, m_wChannel, aType, m_byConnType).Encode(aMb);
 }
 
 // A peer that repeats its request while data waits on a stream has its answer already; another one would be inside a partly

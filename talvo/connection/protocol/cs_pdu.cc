@@ -43,6 +43,27 @@ void CCsPduConnReqResp::Encode(CCmMessageBlock& aMb) const {
     os << m_byType << m_dwACK << m_wConTag << m_byConnType;
 }
 
+BOOL CCsConnToken::operator==(const CCsConnToken& aOther) const {
+    BYTE byDifference = 0;
+    for (size_t i = 0; i < sizeof m_Bytes; ++i)
+        byDifference |= m_Bytes[i] ^ aOther.m_Bytes[i];
+    return byDifference == 0;
+}
+
+void CCsPduConnToken::Decode(CCmMessageBlock& aMb) {
+    CCsPduConnReqResp::Decode(aMb);
+    CCmByteStreamNetwork is(aMb);
+    is.Read(m_Token.m_Bytes, sizeof m_Token.m_Bytes);
+    is >> m_dwAttempt;
+}
+
+void CCsPduConnToken::Encode(CCmMessageBlock& aMb) const {
+    CCsPduConnReqResp::Encode(aMb);
+    CCmByteStreamNetwork os(aMb);
+    os.Write(m_Token.m_Bytes, sizeof m_Token.m_Bytes);
+    os << m_dwAttempt;
+}
+
 void CCsPduSendItem::SetSeqStart(DWORD aSeq) {
     if (m_byType != CS_PDU_TYPE_DATA_START && m_byType != CS_PDU_TYPE_DATA_NORMAL) {
         CM_ERROR_TRACE_THIS("CCsPduSendItem::SetSeqStart, Only Data PDU can be set Seq#");

@@ -74,6 +74,34 @@ private:
     BYTE m_byConnType;
 };
 
+// The secret of a connection. A value.
+struct CCsConnToken {
+    BYTE m_Bytes[16] = {};
+
+    // In constant time.
+    BOOL operator==(const CCsConnToken& aOther) const;
+};
+
+//  0                8               24        28
+//  | as above       | Token         | Attempt |
+//
+// Connect request and response of the token form. Token: the secret that the first response gives, 0 in the first request.
+// Attempt: the number of the request, which grows with each; the response repeats it. A value.
+class TALVO_API CCsPduConnToken : public CCsPduConnReqResp {
+public:
+    static constexpr BYTE CONN_TYPE = 31;
+    static constexpr DWORD LENGTH = 28;
+
+    using CCsPduConnReqResp::CCsPduConnReqResp;
+    using CCsPduBase::GetFixLength;
+    DWORD GetFixLength() const override { return LENGTH; }
+    void Decode(CCmMessageBlock& aMb) override;
+    void Encode(CCmMessageBlock& aMb) const override;
+
+    CCsConnToken m_Token;
+    DWORD m_dwAttempt = 0;
+};
+
 // An entry of a send buffer: a PDU with its place in the sequence and in the list. It has room for its own encoded fixed part,
 // so that it can be sent in place without an allocation.
 class TALVO_API CCsPduSendItem : public CCsPduBase {

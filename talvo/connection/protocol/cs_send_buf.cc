@@ -43,7 +43,10 @@ CCsPduData* MakeDataPdu(BOOL aNeedACK, DWORD aACK, DWORD aLength, BYTE aType, co
 
 // The cap keeps every sequence number, and the next one, within SEQ_LIMIT.
 CCsSendBuf::CCsSendBuf(DWORD aMaxBufLen, DWORD aFirstSeq)
-    : m_dwMaxBufLen(std::min(aMaxBufLen, SEQ_LIMIT - 1)), m_dwNextSeq(aFirstSeq), m_dwSeqACKed(aFirstSeq - 1) {}
+    : m_dwMaxBufLen(std::min(aMaxBufLen, SEQ_LIMIT - 1)),
+      m_dwSeqSent(aFirstSeq - 1),
+      m_dwNextSeq(aFirstSeq),
+      m_dwSeqACKed(aFirstSeq - 1) {}
 
 CCsSendBuf::~CCsSendBuf() {
     if (m_dwCount > 0)
@@ -60,6 +63,7 @@ void CCsSendBuf::SetMaxBufLen(DWORD aMaxBufLen) {
 void CCsSendBuf::Reset() {
     FreeItemsBut(nullptr);
     m_dwSeq4ACK = 0;
+    m_dwACKSent = 0;
 }
 
 // aKept is null or the current item.
@@ -72,10 +76,10 @@ void CCsSendBuf::FreeItemsBut(CCsPduSendItem* aKept) {
             delete pItem;
         pItem = pNext;
     }
-    m_pFirst = m_pLast = m_pCurrent = aKept;
+    m_pFirst = m_pLast = m_pCurrent = m_pNew = aKept;
     m_pRestart = nullptr;
     m_dwNextSeq = FIRST_SEQ;
-    m_dwSeqACKed = FIRST_SEQ - 1;
+    m_dwSeqACKed = m_dwSeqSent = FIRST_SEQ - 1;
     if (!aKept) {
         m_dwCount = m_dwUsed = m_dwUnsent = m_dwCurrentSent = 0;
         return;
@@ -107,10 +111,12 @@ DWORD CCsSendBuf::AddDataPDU(CCmMessageBlock* aMb, BOOL aNeedACK) {
     CCsPduData* pItem = MakeDataPdu(aNeedACK, m_dwSeq4ACK, dwLength, byType, *aMb);
     if (!pItem)
         return 0;
+    if (bRestart) {
+        m_dwSeqBeforeRestart = m_dwNextSeq - 1;
+        m_pRestart = pItem;
+    }
     pItem->SetSeqStart(bRestart ? FIRST_SEQ : m_dwNextSeq);
     m_dwNextSeq = pItem->GetSeqEnd() + 1;
-    if (bRestart)
-        m_pRestart = pItem;
     Append(pItem);
     aMb->AdvanceChainedReadPtr(dwLength);
     return dwLength;
@@ -143,6 +149,8 @@ DWORD CCsSendBuf::Append(CCsPduSendItem* aItem) {
     ++m_dwCount;
     m_dwUsed += dwLength;
     m_dwUnsent += dwLength;
+    if (!m_pNew)
+        m_pNew = aItem;
     if (!m_pCurrent)
         SetCurrent(aItem);
     return dwLength;
@@ -210,10 +218,13 @@ void CCsSendBuf::DataSentLen(DWORD aLength) {
     while (m_pCurrent && aLength > 0) {
         const DWORD dwLeft = LengthOf(*m_pCurrent) - m_dwCurrentSent;
         const DWORD dwGone = std::min(aLength, dwLeft);
+        if (m_dwCurrentSent == 0 && m_pCurrent->GetType() != CS_PDU_TYPE_DISCONN)
+            m_dwACKSent = m_pCurrent->GetACK();
         aLength -= dwGone;
         m_dwUnsent -= dwGone;
         m_dwCurrentSent += dwGone;
         if (dwGone == dwLeft) {
+            OnItemSent(*m_pCurrent);
             m_dwCurrentSent = 0;
             m_pCurrent = m_pCurrent->GetNext();
         }
@@ -223,6 +234,46 @@ void CCsSendBuf::DataSentLen(DWORD aLength) {
         SetCurrent(m_pCurrent);
     if (m_dwMaxBufLen == 0)
         ClearAllSent();
+}
+
+void CCsSendBuf::OnItemSent(const CCsPduSendItem& aItem) {
+    if (&aItem != m_pNew)
+        return;
+    m_pNew = aItem.GetNext();
+    if (aItem.GetSeqEnd() > 0)
+        m_dwSeqSent = aItem.GetSeqEnd();
+}
+
+// After a restart of the numbers the sent ones are two ranges until the peer acknowledges the new one.
+BOOL CCsSendBuf::IsSent(DWORD aSeq) const {
+    if (m_dwSeqSent >= m_dwSeqACKed)
+        return aSeq <= m_dwSeqSent;
+    return aSeq <= m_dwSeqSent || (aSeq >= m_dwSeqACKed && aSeq <= m_dwSeqBeforeRestart);
+}
+
+BOOL CCsSendBuf::IsResumePoint(DWORD aSeq) const {
+    if (aSeq == m_dwSeqACKed)
+        return TRUE;
+    for (const CCsPduSendItem* pItem = m_pFirst; pItem != m_pNew; pItem = pItem->GetNext()) {
+        if (pItem->GetSeqEnd() == aSeq && aSeq > 0)
+            return TRUE;
+    }
+    return FALSE;
+}
+
+void CCsSendBuf::OnTransportLost() {
+    DropPrepared();
+    SetCurrent(m_pNew);
+    m_dwUnsent = 0;
+    for (const CCsPduSendItem* pItem = m_pNew; pItem; pItem = pItem->GetNext())
+        m_dwUnsent += LengthOf(*pItem);
+}
+
+DWORD CCsSendBuf::GetRepeated() const {
+    DWORD dwBytes = 0;
+    for (const CCsPduSendItem* pItem = m_pCurrent; pItem != m_pNew; pItem = pItem->GetNext())
+        dwBytes += LengthOf(*pItem);
+    return dwBytes;
 }
 
 void CCsSendBuf::ClearAllSent() {

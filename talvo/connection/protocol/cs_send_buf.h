@@ -73,8 +73,25 @@ public:
     // unchanged.
     int DoReconnACK(DWORD aSeq);
 
+    // Reliable connections only: TRUE: a peer may state aSeq as its receive counter after a reconnection. It is the last
+    // acknowledged number, or the end of a kept data PDU that was handed whole to a transport.
+    BOOL IsResumePoint(DWORD aSeq) const;
+    // TRUE: aSeq is not beyond the data that was handed whole to a transport, so a peer may acknowledge it.
+    BOOL IsSent(DWORD aSeq) const;
+
+    // The transport is lost. The next item to send is the first that was never handed whole to any transport, from its first
+    // byte. A late request with an old counter therefore rewinds the buffer for its own transport only.
+    void OnTransportLost();
+
     // As new, except for the capacity.
     void Reset();
+
+    // The value in the ACK field that was sent last, in a PDU of this buffer or elsewhere.
+    DWORD GetACKSent() const { return m_dwACKSent; }
+    void SetACKSent(DWORD aSeq) { m_dwACKSent = aSeq; }
+
+    // Bytes of items that were handed whole to a transport before and are to be sent again.
+    DWORD GetRepeated() const;
 
     // Bytes still to send, and bytes of all items; fixed parts included.
     DWORD GetUnsent() const { return m_dwUnsent; }
@@ -96,6 +113,7 @@ private:
     void DropPrepared();
     void FreeFirst();
     void FreeAcknowledged();
+    void OnItemSent(const CCsPduSendItem& aItem);
     BOOL IsOfRangeBefore(const CCsPduSendItem& aItem, DWORD aSeq) const;
     void FreeItemsBut(CCsPduSendItem* aKept);
 
@@ -104,8 +122,12 @@ private:
     CCsPduSendItem* m_pLast = nullptr;
     DWORD m_dwCount = 0;
     CCsPduSendItem* m_pCurrent = nullptr;  // first with unsent bytes, in the list; null: all is sent
+    CCsPduSendItem* m_pNew = nullptr;      // first that was never handed whole to a transport, in the list; null: all were
     CCsPduSendItem* m_pRestart = nullptr;  // the last one of type DATA_START, in the list
     DWORD m_dwCurrentSent = 0;             // sent bytes of the current item
+    DWORD m_dwSeqSent;                     // last number of the items before m_pNew
+    DWORD m_dwSeqBeforeRestart = 0;        // last number before m_pRestart
+    DWORD m_dwACKSent = 0;
     DWORD m_dwNextSeq;
     DWORD m_dwSeqACKed;  // highest acknowledged sequence number
     DWORD m_dwSeq4ACK = 0;

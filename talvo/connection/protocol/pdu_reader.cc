@@ -32,7 +32,7 @@ BOOL CPduReader::ReadDataHeader(BOOL aNeedACK, DWORD aMaxData) {
 
 // Needs no memory.
 void CPduReader::TakeFixed(CCsPduBase& aPdu) {
-    char szPdu[CCsPduBase::MAX_FIX_LENGTH] = {};
+    char szPdu[CCsPduConnToken::LENGTH] = {};
     const DWORD dwLength = aPdu.GetFixLength();
     m_Received.Peek(szPdu, dwLength);
     m_Received.Skip(dwLength);

@@ -29,6 +29,10 @@ public:
     BOOL ReadType(BOOL aNeedACK);
     // Reads the header of a data PDU. FALSE: the length is beyond aMaxData, and the header counts as not read.
     BOOL ReadDataHeader(BOOL aNeedACK, DWORD aMaxData);
+    // The current PDU has aLength bytes, and not those of its type.
+    void SetLength(DWORD aLength) { m_dwLength = aLength; }
+    // Copies the first aCount bytes, which must exist, without consuming them.
+    void Peek(void* aDst, DWORD aCount) const { m_Received.Peek(aDst, aCount); }
     // Takes a PDU without payload.
     void TakeFixed(CCsPduBase& aPdu);
     // Takes the complete header of a data PDU; the payload comes next.

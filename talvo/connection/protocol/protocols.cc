@@ -11,6 +11,8 @@
 #include "talvo/connection/protocol/pkg_conn_client.h"
 #include "talvo/connection/protocol/pkg_conn_server.h"
 #include "talvo/connection/protocol/pkg_sender.h"
+#include "talvo/connection/protocol/rlb_conn_acceptor.h"
+#include "talvo/connection/protocol/rlb_conn_connector.h"
 
 namespace talvo {
 
@@ -22,10 +24,17 @@ CCmRefPtrT<Interface> Make(CCmRefPtrT<Interface> aLower, CConnectionType aType) 
     return new (std::nothrow) Maker(std::move(aLower), aType.Has(CConnectionType::KEEPALIVE));
 }
 
+// The connections of these need more of the type.
+template <class Maker, class Interface>
+CCmRefPtrT<Interface> MakeWithType(CCmRefPtrT<Interface> aLower, CConnectionType aType) {
+    return new (std::nothrow) Maker(std::move(aLower), aType);
+}
+
 using CType = CConnectionType;
 
 constexpr CProtocol PROTOCOLS[] = {
-    {CType::RELIABLE, CType::CANONICAL_RELIABLE, "CTYPE_PDU_RELIABLE", FALSE, FALSE, TRUE, nullptr, nullptr},
+    {CType::RELIABLE, CType::CANONICAL_RELIABLE, "CTYPE_PDU_RELIABLE", FALSE, FALSE, FALSE,
+     MakeWithType<CConnConnectorT<CRlbConnTCPClient>>, MakeWithType<CConnAcceptorT<CRlbConnTCPServer>>},
     {CType::NO_PARTIAL_DATA, CType::NO_PARTIAL_DATA, "CTYPE_SEND_NO_PARTIAL_DATA", FALSE, TRUE, TRUE,
      Make<CConnConnectorT<CPkgSender>>, Make<CConnAcceptorT<CPkgSender>>},
     {CType::PACKAGE, CType::PACKAGE, "CTYPE_PDU_PACKAGE", TRUE, FALSE, TRUE, Make<CConnConnectorT<CPkgConnClient>>,

@@ -1,0 +1,68 @@
+// The active side of a reliable connection.
+#pragma once
+
+#include "talvo/base/inet_addr.h"
+#include "talvo/base/ref_ptr.h"
+#include "talvo/connection/protocol/reconnect_backoff.h"
+#include "talvo/connection/protocol/rlb_conn.h"
+#include "talvo/transport/transport_interface.h"
+
+// Where a client connects again.
+struct CRlbTarget {
+    DWORD m_dwBaseType = CM_TRANSPORT_TYPE_TCP;
+    CCmInetAddr m_AddrPeer;  // as the application gave it: a name is resolved anew
+    CCmInetAddr m_AddrLocal;
+    BOOL m_bLocal = FALSE;  // m_AddrLocal is given
+    // The values of the connector's options, 0: none.
+    DWORD m_dwSendBuffer = 0;
+    DWORD m_dwReceiveBuffer = 0;
+    DWORD m_dwReadSize = 0;
+};
+
+// A connector makes it for one attempt, the opening, which has 60 seconds and is not repeated. Once connected, it connects again
+// by itself after each loss of its transport, with connectors of its own: the application's connector may be used again or
+// released. Reasons of the opening's failure as of CPkgConnClient, and the peer's refusal, CM_ERROR_NETWORK_CONNECT_REFUSED.
+//
+//   state           event                          next
+//   RECONNECTING    lost: back-off timer           WAITING
+//     WAITING       timer: connect                 CONNECTING
+//     CONNECTING    connected: send the request    ASKING
+//     CONNECTING, ASKING   failure, loss, 10 s     WAITING, with a longer back-off
+//     ASKING        good response                  CONNECTED
+class TALVO_API CRlbConnTCPClient : public CRlbConn {
+public:
+    CRlbConnTCPClient();
+    ~CRlbConnTCPClient() override;
+
+    // Before the attempt.
+    void SetTarget(const CRlbTarget& aTarget) { m_Target = aTarget; }
+
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override;
+
+protected:
+    void OnRecvConnResp() override;
+    void LostWhileOpening_i(CmResult aReason) override;
+    void Suspended_i(CmResult aReason, DWORD aConnectedMsec) override;
+    void OnRetryTimer_i() override;
+    void Ending_i(BOOL aRemember, CmResult aReason) override;
+    CmResult GetLateReason_i() const override { return CM_ERROR_NETWORK_RECONNECT_FAILED; }
+
+private:
+    enum EAttempt { NONE, WAITING, CONNECTING, ASKING };
+
+    void Ask_i(ICmTransport& aTransport);
+    void WaitForRetry_i();
+    void Connect_i();
+    void AttemptFailed_i();
+    void DropConnector_i();
+    void OnFirstResponse_i(const CCsPduConnToken& aPdu);
+    void OnReopenResponse_i(const CCsPduConnToken& aPdu);
+    void RefuseResponse_i(const char* aText);
+
+    CRlbTarget m_Target;
+    CCmReconnectBackoff m_Backoff;
+    EAttempt m_Attempt = NONE;
+    CCmRefPtrT<ICmConnector> m_pConnector;  // of the attempt
+    CmResult m_LimitResult;                 // of arming the limit of the opening
+    BOOL m_bCancelled = FALSE;
+};

@@ -1,0 +1,46 @@
+// The user of one end of a reliable connection in a simulation.
+#pragma once
+
+#include "talvo/talvo.h"
+#include "talvo/testing/testing.h"
+
+// Sends at random, also inside its upcalls, pauses reading, and checks what a reliable connection promises to its sinks.
+class CRlbUser final : public CCmSimPeer, public ICmReconnectSink {
+public:
+    using CCmSimPeer::CCmSimPeer;
+    ~CRlbUser() override { *m_pWild = FALSE; }
+
+    // aMayEnd: it ends the connection one day, perhaps. aReconnectTime: seconds.
+    void Start(BOOL aMayEnd, DWORD aReconnectTime);
+    // Sends no more, and reads what was held back.
+    void Calm();
+    void CheckStep();
+    // The connection has been up or over for long enough.
+    void CheckSettled(BOOL aMustBeOpen);
+    BOOL IsSuspended() const { return m_bSuspended; }
+    CmResult GetReason() const { return m_Reason; }
+    DWORD GetResumed() const { return m_dwResumed; }
+
+    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
+    void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
+    void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
+    void OnSuspended(ICmTransport* aTrptId, CmResult aReason) override;
+    void OnResumed(ICmTransport* aTrptId, DWORD aMilliseconds) override;
+
+private:
+    DWORD Below_i(uint64_t aBound) { return static_cast<DWORD>(GetNetwork().Random(aBound)); }
+    BOOL Chance_i(DWORD aPercent) { return Below_i(100) < aPercent; }
+    void ActLater_i();
+    void Act_i();
+    void ActInside_i(DWORD aPercent);
+    void Pause_i(BOOL aPause);
+
+    const std::shared_ptr<BOOL> m_pWild = std::make_shared<BOOL>(FALSE);  // shared with what was scheduled
+    BOOL m_bMayEnd = FALSE;
+    BOOL m_bPaused = FALSE;
+    BOOL m_bSuspended = FALSE;
+    DWORD m_dwResumed = 0;
+    DWORD m_dwMaxBuffer = 1 << 20;
+    int m_nDepth = 0;
+    CmResult m_Reason = CM_OK;
+};
