@@ -9,7 +9,7 @@ class ICmTransport;
 
 // Commands of reliable connections, in addition to ECmTransportOption; also through a thread proxy.
 enum ECmReconnectOption : DWORD {
-    CM_OPT_TRANSPORT_RECONNECT_SINK = 140,   // [waits] set ICmReconnectSink*: not owned; null, the default: none
+    CM_OPT_TRANSPORT_RECONNECT_SINK = 140,   // set ICmReconnectSink*: not owned; null, the default: none
     CM_OPT_TRANSPORT_RECONNECT_STATUS = 150  // [waits] get CCmReconnectStatus
 };
 

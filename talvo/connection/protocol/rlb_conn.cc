@@ -120,11 +120,6 @@ CmResult CRlbConn::Disconnect(CmResult aReason) {
     return CM_ERROR_NETWORK_IN_DOUBT;
 }
 
-void CRlbConn::CancelConnect() {
-    m_pOwner = nullptr;
-    Disconnect(CM_OK);
-}
-
 void CRlbConn::CancelTimers_i() {
     CCsConn::CancelTimers_i();
     m_Timer.Cancel();

@@ -33,9 +33,6 @@ public:
     // Connected: as a package connection. Suspended: everything is freed, CM_ERROR_NETWORK_IN_DOUBT: data may not have reached
     // the peer. No upcall follows.
     CmResult Disconnect(CmResult aReason) override;
-    // Abandons the opening; the owner gets no more calls.
-    void CancelConnect();
-
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrpt, CCmTransportParameter* aPara = nullptr) override;
     void OnDisconnect(CmResult aReason, ICmTransport* aTrpt) override;
     void OnTimer(CCmTimerWrapperID* aId) override;

@@ -40,6 +40,11 @@ CRlbConnTCPClient::CRlbConnTCPClient() : CRlbConn(INSTANCE_CLIENT) {
 
 CRlbConnTCPClient::~CRlbConnTCPClient() { --s_Live; }
 
+void CRlbConnTCPClient::CancelConnect() {
+    m_pOwner = nullptr;
+    Disconnect(CM_OK);
+}
+
 void CRlbConnTCPClient::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     m_Est.EnsureSingleThread();
     CM_INFO_TRACE_THIS("CRlbConnTCPClient::OnConnectIndication(), aReason =" << aReason << " m_wStatus=" << m_wStatus);

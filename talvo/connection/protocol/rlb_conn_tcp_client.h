@@ -37,6 +37,9 @@ public:
     // Before the attempt.
     void SetTarget(const CRlbTarget& aTarget) { m_Target = aTarget; }
 
+    // Abandons the opening; the owner gets no more calls.
+    void CancelConnect();
+
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override;
 
 protected:

@@ -16,6 +16,11 @@ CRlbConnTCPServer::CRlbConnTCPServer() : CRlbConn(INSTANCE_SERVER) { ++s_Live; }
 
 CRlbConnTCPServer::~CRlbConnTCPServer() { --s_Live; }
 
+void CRlbConnTCPServer::CancelConnect() {
+    m_pOwner = nullptr;
+    End_i(CM_OK);
+}
+
 void CRlbConnTCPServer::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     m_Est.EnsureSingleThread();
     CM_INFO_TRACE_THIS("CRlbConnTCPServer::OnConnectIndication aReason =" << aReason);

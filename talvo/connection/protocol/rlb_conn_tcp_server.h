@@ -20,6 +20,9 @@ public:
     // Before the transport.
     void SetChannels(std::shared_ptr<talvo::CReliableChannels> aChannels) { m_pChannels = std::move(aChannels); }
 
+    // Abandons the opening. Nothing is sent: a client that asks for its channel tries again.
+    void CancelConnect();
+
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
     CmResult Disconnect(CmResult aReason) override;
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override;

@@ -46,6 +46,9 @@ void CTransportProxyCore::Start(ICmTransport* aProxy) {
     if (m_Lane->IsStream())
         AskForLargeReads(*m_pTransport);
     m_Lane->ReadOptions(*m_pTransport);
+    ICmReconnectSink* pReconnectSink = this;
+    if (CConnectionType(m_dwType).Has(CConnectionType::RELIABLE))
+        m_pTransport->SetOption(CM_OPT_TRANSPORT_RECONNECT_SINK, &pReconnectSink);
     if (m_Lane->IsMessages())
         Open_i();
 }
@@ -96,6 +99,7 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
         LostHere_i(rv, OUT_OF_MEMORY);  // a stream with a gap would be worse
         return;
     }
+    ++m_ullChunks;
     Moved_i(dwLength);
     if (bStop)
         ApplyReading_i();
@@ -103,6 +107,21 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
         Notify_i();
     else if (!m_UpcallEvent.IsPosted())
         m_NotifyEvent.Post(GetNetwork());
+}
+
+void CTransportProxyCore::OnSuspended(ICmTransport*, CmResult aReason) {
+    AddNotice_i({.m_bSuspended = TRUE, .m_Reason = aReason});
+}
+
+void CTransportProxyCore::OnResumed(ICmTransport*, DWORD aMilliseconds) {
+    ReadAddresses_i();
+    AddNotice_i({.m_dwMilliseconds = aMilliseconds});
+}
+
+void CTransportProxyCore::AddNotice_i(CProxyNotice aNotice) {
+    aNotice.m_ullAfter = m_ullChunks;
+    m_Notices.Add(aNotice);
+    m_NotifyEvent.Post(GetNetwork());
 }
 
 // One report may bring many messages or reads. The user is notified after the last, with an event of this thread's own, and

@@ -6,7 +6,9 @@
 #include "talvo/event/timer_queue.h"
 #include "talvo/transport/atomic_addr.h"
 #include "talvo/transport/thread_proxy/proxy_core.h"
+#include "talvo/transport/reconnect_sink.h"
 #include "talvo/transport/thread_proxy/proxy_lane.h"
+#include "talvo/transport/thread_proxy/proxy_notices.h"
 #include "talvo/transport/thread_proxy/proxy_queues.h"
 #include "talvo/transport/transport_interface.h"
 
@@ -30,7 +32,11 @@ namespace talvo {
 // Network side: hosted while it holds the transport. Leaving ends it: Disconnect, the peer's close, the thread's end. A
 // Disconnect(CM_OK) with unsent or unacknowledged bytes lingers first, for a bounded time, without a sink, and drops received
 // data.
-class TALVO_API CTransportProxyCore final : public CProxyCore, public ICmTransportSink, public ICmTimerHandler {
+// The suspensions of a reliable connection come to the user's reconnect sink at their places between the received chunks.
+class TALVO_API CTransportProxyCore final : public CProxyCore,
+                                            public ICmTransportSink,
+                                            public ICmReconnectSink,
+                                            public ICmTimerHandler {
 public:
     // In the network thread, which keeps aTransport. aType: the connection type.
     CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType);
@@ -53,6 +59,9 @@ public:
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
 
+    void OnSuspended(ICmTransport* aTrptId, CmResult aReason) override;
+    void OnResumed(ICmTransport* aTrptId, DWORD aMilliseconds) override;
+
     void OnThreadEnd() override;
     void OnDrain(ECmDrainStage aStage) override;
     void AddUndrained(CCmUndrained& aLeft) override;
@@ -62,6 +71,7 @@ private:
     // User's thread.
     void Upcall();
     BOOL Deliver_i();
+    void TellNotices_i();
     void PauseReading_i(BOOL aPause);
     // Either thread.
     CmResult PostUpcall_i() { return m_UpcallEvent.Post(GetUser()); }
@@ -71,6 +81,7 @@ private:
     void ReadAddresses_i();
     void Moved_i(uint64_t aBytes);
     void Open_i();
+    void AddNotice_i(CProxyNotice aNotice);
     void Notify_i();
     void Drain();
     void EndSending_i();
@@ -107,6 +118,7 @@ private:
     ICmTransport* m_pProxy = nullptr;  // the handle, for upcalls: exists while there is a sink
 
     std::atomic<ICmTransportSink*> m_pSink{nullptr};  // not owned; the user's
+    std::atomic<ICmReconnectSink*> m_pReconnectSink{nullptr};  // likewise
     std::atomic<ELife> m_Life{ELife::ALIVE};
     std::atomic<BOOL> m_bPausedByUser{FALSE};
     std::atomic<BOOL> m_bLossAtOnce{FALSE};  // a pause does not hold the end back
@@ -114,13 +126,14 @@ private:
     std::atomic<BOOL> m_bLost{FALSE};  // m_LostReason is due, after all data
     CmResult m_LostReason = CM_OK;     // set before m_bLost
     CCmFailure m_Failure;              // likewise
-    // The connection's values when the proxy was made; they may change after a reconnection.
+    // The connection's values when the proxy was made, or when it was last resumed.
     CAtomicAddr m_LocalAddr;
     CAtomicAddr m_PeerAddr;
     std::atomic<DWORD> m_dwTransportType{0};
     CmResult m_DisconnectReason = CM_OK;  // set before the event is posted
     CProxySendQueue m_SendQueue;
     CProxyReceiveQueue m_ReceiveQueue;
+    CProxyNotices m_Notices;
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Drain> m_DrainEvent{*this};
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Upcall> m_UpcallEvent{*this};
     CEmbeddedEventT<CTransportProxyCore, &CTransportProxyCore::Notify_i> m_NotifyEvent{*this};
@@ -130,6 +143,8 @@ private:
 
     // User's thread only.
     CMessageList m_Delivering;
+    uint64_t m_ullDelivered = 0;  // chunks
+    BOOL m_bToldSuspended = FALSE;
 
     // Network thread only.
     CCmRefPtrT<ICmTransport> m_pTransport;
@@ -137,6 +152,7 @@ private:
     BOOL m_bDraining = FALSE;
     BOOL m_bRoomMeanwhile = FALSE;  // an OnSend came while draining
     BOOL m_bOpened = FALSE;
+    uint64_t m_ullChunks = 0;                  // received
     uint64_t m_ullMoved = 0;                   // bytes since the socket's buffers were looked at
     BOOL m_bEndSending = FALSE;                // due after the queued data
     BOOL m_bReadingPaused = FALSE;             // the state last set in the transport

@@ -1,5 +1,8 @@
 // The half of the transport proxy's core in the user's thread; transport_proxy_core.cc has the network's.
+#include <utility>
+
 #include "talvo/base/trace.h"
+#include "talvo/transport/connection_type.h"
 #include "talvo/transport/thread_proxy/proxy_options.h"
 #include "talvo/transport/thread_proxy/transport_proxy_core.h"
 
@@ -84,6 +87,11 @@ CmResult CTransportProxyCore::SetOption(DWORD aCommand, void* aArg) {
         return CM_OK;
     case CM_OPT_TRANSPORT_PAUSE_READING:
         PauseReading_i(!!*static_cast<BOOL*>(aArg));
+        return CM_OK;
+    case CM_OPT_TRANSPORT_RECONNECT_SINK:
+        if (!CConnectionType(m_dwType).Has(CConnectionType::RELIABLE))
+            return CM_ERROR_INVALID_ARG;
+        m_pReconnectSink = *static_cast<ICmReconnectSink**>(aArg);
         return CM_OK;
     case OPT_PROXY_LOSS_AT_ONCE:
         m_bLossAtOnce = !!*static_cast<BOOL*>(aArg);
@@ -176,19 +184,37 @@ BOOL CTransportProxyCore::Deliver_i() {
     uint64_t ullTaken = 0;
     for (int nBatch = 0; nBatch < 2; ++nBatch) {
         while (!m_Delivering.IsEmpty() && !m_bPausedByUser) {
+            TellNotices_i();
+            if (m_bPausedByUser)
+                break;
             CCmMessageBlock& chunk = m_Delivering.Front();
             ullTaken += uint64_t{chunk.GetChainedLength()} + CProxyReceiveQueue::CHUNK_COST;
             if (ICmTransportSink* pSink = m_pSink)
                 pSink->OnReceive(chunk, m_pProxy, nullptr);
             m_Delivering.Pop();
+            ++m_ullDelivered;
         }
         if (nBatch > 0 || !m_Delivering.IsEmpty())
             break;
         m_ReceiveQueue.Take(m_Delivering);
     }
+    TellNotices_i();
     if (m_ReceiveQueue.Taken(ullTaken))
         PostApplyReading_i();
     return m_Delivering.IsEmpty();
+}
+
+// A sink that was set during a gap gets the next one.
+void CTransportProxyCore::TellNotices_i() {
+    CProxyNotice notice;
+    while (m_Notices.Take(m_ullDelivered, notice)) {
+        ICmReconnectSink* pSink = m_pSink ? m_pReconnectSink.load() : nullptr;
+        const BOOL bTold = std::exchange(m_bToldSuspended, notice.m_bSuspended && pSink);
+        if (pSink && notice.m_bSuspended)
+            pSink->OnSuspended(m_pProxy, notice.m_Reason);
+        else if (pSink && bTold)
+            pSink->OnResumed(m_pProxy, notice.m_dwMilliseconds);
+    }
 }
 
 }  // namespace talvo
