@@ -46,8 +46,10 @@ Types of connection; both ends need the same, but package and package-keepalive 
   package            the library's own protocol, with a handshake; a client closes it after 120 s of silence
   package-keepalive  package with a keep-alive every 15 s; a server also closes it after 120 s of silence
   nopartial          the library's own protocol without a handshake
-With one of the last three, --udp sends each message in a datagram of its own. With each of the five, --tls encrypts a
-connection over TCP.
+  reliable           as package-keepalive, and a connection survives the loss of its transport
+  reliable-plain     reliable without the secret that proves who may continue a connection
+With package, package-keepalive and nopartial, --udp sends each message in a datagram of its own. With each type, --tls encrypts
+a connection over TCP.
 
 Exit status: 0 success, 1 failure, 2 wrong arguments, 128 + N ended by signal N (130 after Ctrl-C).)";
 
@@ -61,7 +63,8 @@ CLI::Option* AddNumber(CLI::App& aApp, const char* aName, Number& aVariable, int
 
 void DeclareType(CLI::App& aApp, Arguments& a) {
     aApp.add_option("--type", a.m_strType,
-                    "tcp (the default), length, package, package-keepalive or nopartial; see talvo --help")
+                    "tcp (the default), length, package, package-keepalive, nopartial, reliable or reliable-plain; see talvo "
+                    "--help")
         ->check(CLI::IsMember(GetTypeNames()))
         ->option_text("TYPE");
 }

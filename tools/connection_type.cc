@@ -20,6 +20,8 @@ constexpr Type TYPES[] = {
     {"package", Manager::CTYPE_PDU_PACKAGE, true},
     {"package-keepalive", Manager::CTYPE_PDU_PACKAGE | Manager::CTYPE_PDU_KEEPALIVE, true},
     {"nopartial", Manager::CTYPE_SEND_NO_PARTIAL_DATA, true},
+    {"reliable", Manager::CTYPE_PDU_RELIABLE | Manager::CTYPE_RECONNECT_TOKEN, false},
+    {"reliable-plain", Manager::CTYPE_PDU_RELIABLE, false},
 };
 
 }  // namespace

@@ -16,7 +16,8 @@ class ACmThread;
 // those of CCmThreadManager::CreateUserTaskThread and CreateReactorThread.
 //
 // The connections of a type; both ends must have the same type. The flags are checked in this order:
-//   reliable         package connections that survive the loss of their transport; not offered yet
+//   reliable         whole messages; the connection survives the loss of its transport, see CRlbConn. Over any stream. With
+//                    CTYPE_RECONNECT_TOKEN a secret proves who may continue it; without, the peer's address and 16 bits do
 //   no partial data  whole messages, no handshake: connected as soon as the transport is. TCP and UDP
 //   package          whole messages; connected after the peer's answer, with a time-out of 60 s at the client. TCP and UDP
 //   length           whole messages, each after its length only. TCP only: a length cannot frame datagrams
@@ -78,7 +79,7 @@ public:
 
     // aConnector (out): a new connector or acceptor with one reference for the caller, null on failure. CM_ERROR_INVALID_ARG:
     // no such base type. CM_ERROR_FAILURE: flags that name no connection. CM_ERROR_NOT_IMPLEMENTED: a type that is not offered
-    // (today a base type other than CTYPE_TCP, CTYPE_UDP and those of cm_offer_base_type, CTYPE_PDU_RELIABLE, and
+    // (today a base type other than CTYPE_TCP, CTYPE_UDP and those of cm_offer_base_type, and CTYPE_PDU_RELIABLE and
     // CTYPE_PDU_LENGTH over CTYPE_UDP). CM_ERROR_NULL_POINTER: the calling thread has no event queue, or the network thread has
     // ended. CM_ERROR_OUT_OF_MEMORY.
     CmResult CreateConnectionClient(DWORD aType, ICmConnector*& aConnector);

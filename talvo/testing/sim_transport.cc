@@ -170,7 +170,8 @@ void CSimTransport::Post_i(EKind aKind, std::string aBytes) {
     CSimTransport* pPeer = FindPeer_i();
     if (!pPeer && m_bEndNotified && aKind == DATA)
         After_i(m_llLastArrival - llNow + m_pCore->DelayOf(GetPathIn_i()), &CSimTransport::Break_i);
-    if (m_bMute || !pPeer || pPeer->m_End.m_bBroken || (aKind == END && path.m_bLoseEnd))  // a broken stream has lost what was before
+    if (m_bMute || !pPeer || pPeer->m_End.m_bBroken ||
+        (aKind == END && path.m_bLoseEnd))  // a broken stream has lost what was before
         return;
     pPeer->m_OnTheWay.push_back({m_llLastArrival, aKind, std::move(aBytes)});
     pPeer->After_i(m_llLastArrival - llNow, &CSimTransport::TakeArrivals_i);

@@ -16,8 +16,8 @@ enum ECmReconnectOption : DWORD {
 // Since the connection was opened.
 struct CCmReconnectStatus {
     BOOL m_bSuspended = FALSE;
-    DWORD m_dwResumed = 0;                // times
-    uint64_t m_ullSentAgain = 0;          // bytes of data PDUs, headers included
+    DWORD m_dwResumed = 0;                    // times
+    uint64_t m_ullSentAgain = 0;              // bytes of data PDUs, headers included
     uint64_t m_ullSuspendedMilliseconds = 0;  // in all, without the gap under way
 };
 

@@ -76,9 +76,10 @@ protected:
 
     // A connected side changes its transport. DetachTransport_i closes the old one with aReason and drops its state:
     // pending bytes, an incomplete PDU, timers. The sink, the channel, the counters and the send buffer stay, and SendData
-    // fills the buffer. The status is CS_STATUS_RECONNECTING. Then come TakeTransport_i and the handshake, ResumeData_i with the
-    // receive counter of the peer, and StartData_i. It is connected again, and the bytes that the peer lacks are sent before
-    // new ones. CM_ERROR_FAILURE: the counter is no resume point. The state is unchanged, and the connection cannot continue.
+    // fills the buffer. The status is CS_STATUS_RECONNECTING. Then come TakeTransport_i and the handshake, ResumeData_i with
+    // the receive counter of the peer, and StartData_i. It is connected again, and the bytes that the peer lacks are sent
+    // before new ones. CM_ERROR_FAILURE: the counter is no resume point. The state is unchanged, and the connection cannot
+    // continue.
     void DetachTransport_i(CmResult aReason);
     CmResult ResumeData_i(DWORD aPeerReceived);
 
@@ -133,7 +134,7 @@ protected:
     talvo::CPduReader m_Reader;
     talvo::CDirectSending m_Direct{m_Liveness};
     std::optional<talvo::CBufferedSending> m_Buffered;  // none: m_Direct only
-    DWORD m_dwReceived = 0;  // receive counter: the sequence number of the last data byte that came
+    DWORD m_dwReceived = 0;                             // receive counter: the sequence number of the last data byte that came
 
 private:
     // Sending.

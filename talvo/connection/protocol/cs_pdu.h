@@ -92,8 +92,8 @@ public:
     static constexpr BYTE CONN_TYPE = 31;
     static constexpr DWORD LENGTH = 28;
 
-    using CCsPduConnReqResp::CCsPduConnReqResp;
     using CCsPduBase::GetFixLength;
+    using CCsPduConnReqResp::CCsPduConnReqResp;
     DWORD GetFixLength() const override { return LENGTH; }
     void Decode(CCmMessageBlock& aMb) override;
     void Encode(CCmMessageBlock& aMb) const override;

@@ -26,10 +26,10 @@ struct CReopenRequest {
 };
 
 // Gives channels, judges requests for them and bounds what clients that are away can hold. A channel is up, lost or, when its
-// application has ended it, remembered with the reason: a client that was away gets that reason. The bounds are those of section
-// "Reliable" in the configuration: MaxLost and MaxLostBytes for all addresses, and MaxLostShare per cent of both for one. Beyond
-// them the oldest remembered channel is forgotten, and then the connection that was lost longest, of that address first, ends
-// with CM_ERROR_NETWORK_PEER_NOT_BACK.
+// application has ended it, remembered with the reason: a client that was away gets that reason. The bounds are those of
+// section "Reliable" in the configuration: MaxLost and MaxLostBytes for all addresses, and MaxLostShare per cent of both for
+// one. Beyond them the oldest remembered channel is forgotten, and then the connection that was lost longest, of that address
+// first, ends with CM_ERROR_NETWORK_PEER_NOT_BACK.
 //
 // The acceptor and its connections share it. Any call that ends a connection may release both. Network thread only.
 class TALVO_API CReliableChannels : public std::enable_shared_from_this<CReliableChannels> {
@@ -48,8 +48,8 @@ public:
     };
     CVerdict Judge(const CReopenRequest& aRequest);
 
-    // The transport of a channel is lost, with so many bytes in its send buffer; these have changed while it is lost; it is back,
-    // from that address. 0 is no channel.
+    // The transport of a channel is lost, with so many bytes in its send buffer; these have changed while it is lost; it is
+    // back, from that address. 0 is no channel.
     void OnLost(WORD aChannel, DWORD aBytes);
     void OnBytes(WORD aChannel, DWORD aBytes);
     void OnBack(WORD aChannel, const CIpBytes& aAddr);
@@ -72,7 +72,7 @@ private:
         CIpBytes m_Addr;
         DWORD m_dwBytes = 0;  // while lost
         CmResult m_Reason = CM_OK;
-        int64_t m_llUntil = 0;             // remembered
+        int64_t m_llUntil = 0;              // remembered
         std::list<WORD>::iterator m_Place;  // in m_Lost or m_Remembered
     };
     struct CUse {

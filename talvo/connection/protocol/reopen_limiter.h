@@ -9,9 +9,9 @@
 
 namespace talvo {
 
-// Counts the refused re-opens of existing channels by address, for the plain form, whose 16 bits can be guessed. After 10 within
-// 60 s the address is blocked for 60 s. Keeps 4,096 addresses, and forgets the oldest. Times are microseconds of a clock that
-// does not go back. One thread.
+// Counts the refused re-opens of existing channels by address, for the plain form, whose 16 bits can be guessed. After 10
+// within 60 s the address is blocked for 60 s. Keeps 4,096 addresses, and forgets the oldest. Times are microseconds of a clock
+// that does not go back. One thread.
 class TALVO_API CReopenLimiter {
 public:
     BOOL IsBlocked(const CIpBytes& aAddr, int64_t aNow) const;

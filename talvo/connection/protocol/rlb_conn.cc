@@ -297,7 +297,7 @@ void CRlbConn::Final_i(CmResult aReason) {
     Ending_i(FALSE, aReason);
     End_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);
     if (bOpened)
-        TellEnd_i(aReason);
+        NotifyEnd_i(aReason);
     else
         Indicate_i(aReason == CM_OK ? CM_ERROR_NETWORK_SOCKET_CLOSE : aReason);
 }

@@ -100,8 +100,8 @@ private:
     CCmTimerWrapperID m_Timer;     // handshake: its limit; connected: silence; reconnecting: the side's own
     CCmTimerWrapperID m_Deadline;  // of the reconnect time
     CCmTimerWrapperID m_AckTimer;
-    bool m_bAckTimer = false;    // runs
-    bool m_bAckWanted = false;   // an acknowledgement is due as soon as the transport takes it
-    bool m_bKeepAlive = false;   // likewise a keep-alive, with or without news
+    bool m_bAckTimer = false;   // runs
+    bool m_bAckWanted = false;  // an acknowledgement is due as soon as the transport takes it
+    bool m_bKeepAlive = false;  // likewise a keep-alive, with or without news
     bool m_bToldSuspended = false;
 };

@@ -19,9 +19,9 @@ struct CRlbTarget {
     DWORD m_dwReadSize = 0;
 };
 
-// A connector makes it for one attempt, the opening, which has 60 seconds and is not repeated. Once connected, it connects again
-// by itself after each loss of its transport, with connectors of its own: the application's connector may be used again or
-// released. Reasons of the opening's failure as of CPkgConnClient, and the peer's refusal, CM_ERROR_NETWORK_CONNECT_REFUSED.
+// A connector makes it for one attempt, the opening, which has 60 seconds and is not repeated. Once connected, it connects
+// again by itself after each loss of its transport, with connectors of its own: the application's connector may be used again
+// or released. Reasons of the opening's failure as of CPkgConnClient, and the peer's refusal, CM_ERROR_NETWORK_CONNECT_REFUSED.
 //
 //   state           event                          next
 //   RECONNECTING    lost: back-off timer           WAITING

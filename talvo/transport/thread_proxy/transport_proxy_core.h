@@ -5,8 +5,8 @@
 
 #include "talvo/event/timer_queue.h"
 #include "talvo/transport/atomic_addr.h"
-#include "talvo/transport/thread_proxy/proxy_core.h"
 #include "talvo/transport/reconnect_sink.h"
+#include "talvo/transport/thread_proxy/proxy_core.h"
 #include "talvo/transport/thread_proxy/proxy_lane.h"
 #include "talvo/transport/thread_proxy/proxy_notices.h"
 #include "talvo/transport/thread_proxy/proxy_queues.h"
@@ -117,7 +117,7 @@ private:
     CProxyLaneOf m_Lane;
     ICmTransport* m_pProxy = nullptr;  // the handle, for upcalls: exists while there is a sink
 
-    std::atomic<ICmTransportSink*> m_pSink{nullptr};  // not owned; the user's
+    std::atomic<ICmTransportSink*> m_pSink{nullptr};           // not owned; the user's
     std::atomic<ICmReconnectSink*> m_pReconnectSink{nullptr};  // likewise
     std::atomic<ELife> m_Life{ELife::ALIVE};
     std::atomic<BOOL> m_bPausedByUser{FALSE};

@@ -1,0 +1,69 @@
+// Reliable connections over sockets, used from another thread.
+#include "talvo/connection/protocol/conn_base.h"
+#include "talvo/transport/reconnect_sink.h"
+#include "tests/support/network_fixture.h"
+
+namespace {
+
+constexpr DWORD TYPE =
+    CCmConnectionManager::CTYPE_PDU_RELIABLE | CCmConnectionManager::CTYPE_RECONNECT_TOKEN | CCmConnectionManager::CTYPE_TCP;
+
+// Messages and gaps in the order of their calls.
+class CUser : public CTestSink, public ICmReconnectSink {
+public:
+    void Open(ICmTransport& aTransport) {
+        ICmReconnectSink* pSink = this;
+        EXPECT_EQ(CM_OK, aTransport.SetOption(CM_OPT_TRANSPORT_RECONNECT_SINK, &pSink));
+        EXPECT_EQ(CM_OK, aTransport.OpenWithSink(this));
+        m_Receive = [this] { m_strOrder += m_Received.back() + " "; };
+    }
+    void OnSuspended(ICmTransport*, CmResult) override { m_strOrder += "suspended "; }
+    void OnResumed(ICmTransport*, DWORD) override { m_strOrder += "resumed "; }
+
+    std::string m_strOrder;
+};
+
+}  // namespace
+
+TEST(RlbProxyTest, MessagesAndGapsComeInOrder) {
+    CTestNetwork network;
+    CTestConnectSink servers, clients;
+    CUser server, client;
+    CCmInetAddr addr, addrBefore;
+    const auto pAcceptor = network.Listen(servers, addr, TYPE);
+    auto pConnector = network.MakeConnector(TYPE);
+    pConnector->AsycConnect(&clients, addr);
+    network.RunUntil([&] { return servers.Count() == 1 && clients.Count() == 1; });
+    pConnector.Reset();
+    ICmTransport& ours = *clients.m_Transports.at(0);
+    ICmTransport& theirs = *servers.m_Transports.at(0);
+    client.Open(ours);
+    server.Open(theirs);
+    ours.GetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &addrBefore);
+    EXPECT_EQ(CM_OK, SendText(ours, "1"));
+    network.RunUntil([&] { return server.m_nReceives == 1; });
+
+    ICmTransport* pInner = nullptr;
+    EXPECT_EQ(CM_OK, theirs.GetOption(CM_OPT_TRANSPORT_INNER_TRANSPORT, &pInner));
+    network.InNetwork([&] {  // the client loses its transport, and the server does not notice
+        ICmTransport* pLower = dynamic_cast<CConnBase&>(*pInner).GetTPTransport();
+        pLower->Disconnect(CM_ERROR_NETWORK_SOCKET_ERROR);
+    });
+    EXPECT_EQ(CM_OK, SendText(theirs, "a"));
+    EXPECT_EQ(CM_OK, SendText(ours, "2"));
+    network.RunUntil([&] { return server.m_nReceives == 2 && client.m_nReceives == 1; });
+    EXPECT_EQ("1 suspended resumed 2 ", server.m_strOrder);
+    EXPECT_EQ("suspended resumed a ", client.m_strOrder);
+    if (addr.GetPort() != 0) {  // not at a path: the proxy has the address of the new transport
+        CCmInetAddr addrAfter;
+        ours.GetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &addrAfter);
+        EXPECT_NE(addrBefore.GetPort(), addrAfter.GetPort());
+    }
+    EXPECT_EQ(1u, Get<CCmReconnectStatus>(ours, CM_OPT_TRANSPORT_RECONNECT_STATUS).m_dwResumed);
+    // Accepted messages are acknowledged before an orderly end.
+    EXPECT_EQ(CM_OK, SendText(ours, "3"));
+    EXPECT_EQ(CM_OK, ours.Disconnect(CM_OK));
+    network.RunUntil([&] { return server.m_nDisconnects == 1; });
+    EXPECT_EQ("1 suspended resumed 2 3 ", server.m_strOrder);
+    EXPECT_EQ(CM_OK, server.m_Reason);
+}
