@@ -3,9 +3,10 @@
 
 #include "talvo/connection/protocol/conn_connector.h"
 #include "talvo/connection/protocol/rlb_conn_tcp_client.h"
+#include "talvo/transport/option_values.h"
 
-// As for other connections. Each one also gets the arguments of its attempt and the connector's socket options of that time,
-// with which it connects again by itself.
+// As for other connections. Each one also gets the arguments of its attempt and the connector's options of that time, with
+// which it connects again by itself.
 template <>
 class CConnConnectorT<CRlbConnTCPClient> final : public talvo::CConnConnectorBase {
 public:
@@ -13,6 +14,10 @@ public:
     CConnConnectorT(CCmRefPtrT<ICmConnector> aLower, talvo::CConnectionType aType)
         : CConnConnectorBase(std::move(aLower)), m_Type(aType) {}
 
+    CmResult SetOption(DWORD aCommand, void* aArg) override {
+        const CmResult rv = CConnConnectorBase::SetOption(aCommand, aArg);
+        return rv == CM_OK ? m_Options.Set(aCommand, aArg) : rv;
+    }
     void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
                      CCmInetAddr* aAddrLocal = nullptr) override {
         m_Target.m_dwBaseType = m_Type.GetBase();
@@ -20,9 +25,6 @@ public:
         m_Target.m_bLocal = aAddrLocal != nullptr;
         if (aAddrLocal)
             m_Target.m_AddrLocal = *aAddrLocal;
-        talvo::GetConnectOption(this, CM_OPT_TRANSPORT_SNDBUF, &m_Target.m_dwSendBuffer);
-        talvo::GetConnectOption(this, CM_OPT_TRANSPORT_RCVBUF, &m_Target.m_dwReceiveBuffer);
-        talvo::GetConnectOption(this, CM_OPT_TRANSPORT_READ_SIZE, &m_Target.m_dwReadSize);
         CConnConnectorBase::AsycConnect(aSink, aAddrPeer, aTimeout, aAddrLocal);
     }
 
@@ -32,10 +34,13 @@ private:
         if (!pConn)
             return {};
         pConn->UseToken(m_Type.Has(talvo::CConnectionType::RECONNECT_TOKEN));
+        if (!talvo::WithMemory([this] { m_Target.m_pOptions = std::make_shared<const talvo::COptionValues>(m_Options); }))
+            return {};
         pConn->SetTarget(m_Target);
         return talvo::MakeOpeningConn(pConn.Get());
     }
 
     const talvo::CConnectionType m_Type;
+    talvo::COptionValues m_Options{m_Type.GetBase(), TRUE};
     CRlbTarget m_Target;  // of the last attempt
 };

@@ -5,8 +5,9 @@
 #include "talvo/base/clock.h"
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
-#include "talvo/transport/connect_options.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/transport/connector_wrapper.h"
+#include "talvo/transport/option_values.h"
 
 namespace {
 
@@ -15,20 +16,17 @@ CCmLiveCounter s_Live("CRlbConnTCPClient");
 const CCmTimeValue OPENING_LIMIT(60);
 const CCmTimeValue ATTEMPT_LIMIT(10);
 
-void SetIfGiven(ICmConnector& aConnector, DWORD aCommand, DWORD aValue) {
-    if (aValue > 0)
-        talvo::SetConnectOption(&aConnector, aCommand, &aValue);
-}
-
-// Null: there is no memory, or the base type is no longer offered.
+// Null: there is no memory, or the base type is no longer offered, or refuses an option.
 CCmRefPtrT<ICmConnector> MakeConnector(const CRlbTarget& aTarget) {
     const CCmRefPtrT<CCmConnectorWrapper> pConnector(new (std::nothrow) CCmConnectorWrapper);
     if (!pConnector || pConnector->Init(aTarget.m_dwBaseType) != CM_OK)
         return {};
-    SetIfGiven(*pConnector, CM_OPT_TRANSPORT_SNDBUF, aTarget.m_dwSendBuffer);
-    SetIfGiven(*pConnector, CM_OPT_TRANSPORT_RCVBUF, aTarget.m_dwReceiveBuffer);
-    SetIfGiven(*pConnector, CM_OPT_TRANSPORT_READ_SIZE, aTarget.m_dwReadSize);
-    return pConnector;
+    CmResult rv = CM_OK;
+    const BOOL bMemory = !aTarget.m_pOptions || talvo::WithMemory([&] {
+        talvo::COptionValues passed(aTarget.m_dwBaseType, TRUE);
+        rv = aTarget.m_pOptions->PassTo(pConnector.Get(), passed);
+    });
+    return bMemory && rv == CM_OK ? pConnector : nullptr;
 }
 
 }  // namespace

@@ -1,22 +1,25 @@
 // The active side of a reliable connection.
 #pragma once
 
+#include <memory>
+
 #include "talvo/base/inet_addr.h"
 #include "talvo/base/ref_ptr.h"
 #include "talvo/connection/protocol/reconnect_backoff.h"
 #include "talvo/connection/protocol/rlb_conn.h"
 #include "talvo/transport/transport_interface.h"
 
-// Where a client connects again.
+namespace talvo {
+class COptionValues;
+}
+
+// Where and how a client connects again.
 struct CRlbTarget {
     DWORD m_dwBaseType = CM_TRANSPORT_TYPE_TCP;
     CCmInetAddr m_AddrPeer;  // as the application gave it: a name is resolved anew
     CCmInetAddr m_AddrLocal;
-    BOOL m_bLocal = FALSE;  // m_AddrLocal is given
-    // The values of the connector's options, 0: none.
-    DWORD m_dwSendBuffer = 0;
-    DWORD m_dwReceiveBuffer = 0;
-    DWORD m_dwReadSize = 0;
+    BOOL m_bLocal = FALSE;                                   // m_AddrLocal is given
+    std::shared_ptr<const talvo::COptionValues> m_pOptions;  // those of the application's connector; null: none
 };
 
 // A connector makes it for one attempt, the opening, which has 60 seconds and is not repeated. Once connected, it connects
