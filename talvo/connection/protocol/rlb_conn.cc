@@ -250,15 +250,17 @@ void CRlbConn::OnDisconnect(CmResult aReason, ICmTransport* aTrpt) {
         return;
     }
     const DWORD dwConnected = GetSince_i();
-    Detach_i(aReason);
-    Suspended_i(aReason, dwConnected);
+    if (Detach_i(aReason))
+        Suspended_i(aReason, dwConnected);
+    else
+        Final_i(CM_ERROR_OUT_OF_MEMORY);
 }
 
-void CRlbConn::Detach_i(CmResult aReason) {
+BOOL CRlbConn::Detach_i(CmResult aReason) {
     DetachTransport_i(aReason == CM_OK ? CM_ERROR_NETWORK_SOCKET_ERROR : aReason);
     m_Status.m_bSuspended = TRUE;
     m_dwSinceTick = get_tick_count();
-    m_Deadline.Schedule(this, CCmTimeValue(static_cast<long>(m_dwReconnectTime)), 1);
+    return ResultOfTimer(m_Deadline.Schedule(this, CCmTimeValue(static_cast<long>(m_dwReconnectTime)), 1)) == CM_OK;
 }
 
 void CRlbConn::TellSuspended_i(CmResult aReason) {

@@ -51,8 +51,9 @@ protected:
     // The connection is about to end. aRemember: by the application, with aReason.
     virtual void Ending_i(BOOL /*aRemember*/, CmResult /*aReason*/) {}
 
-    // The transport is lost, and the connection can continue over another one. No upcall.
-    void Detach_i(CmResult aReason);
+    // The transport is lost, and the connection can continue over another one. No upcall. FALSE: there is no memory for the
+    // timer that limits this.
+    BOOL Detach_i(CmResult aReason);
     void TellSuspended_i(CmResult aReason);
     // Continues over the current transport, with the peer's counter, a resume point. No upcall; StartResumed_i makes them.
     void Continue_i(DWORD aPeerReceived);
