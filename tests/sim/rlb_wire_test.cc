@@ -158,18 +158,23 @@ TEST_F(RlbWireTest, ServerInThePlainForm) {
     Run();
     EXPECT_EQ("receive abcxyz", m_User.Take());
     EXPECT_EQ(0u, Get<DWORD>(server, CM_OPT_TRANSPORT_UNACKNOWLEDGED));
+}
 
-    // Lost, ended by the application, asked for again.
-    second.m_pTransport->Disconnect(CM_OK);
+// The client was away, and gets the reason for as long as it is kept; nobody else does.
+TEST_F(RlbWireTest, AReasonIsKeptForTheClient) {
+    Listen(PLAIN);
+    const std::string strChannel = Ask("01 00000000 0000 0F").substr(10, 4);
+    ICmTransport& server = *m_Accepted.m_Transports.at(0);
+    Raw().m_pTransport->Disconnect(CM_OK);
     Run();
     EXPECT_EQ("suspended 20001 ", m_Gaps.Take());
     EXPECT_EQ(CM_OK, SendText(server, "never"));
     EXPECT_EQ(CM_ERROR_NETWORK_IN_DOUBT, server.Disconnect(1234));
-    EXPECT_EQ("034E2C", Ask("01 00000015 " + strChannel + " 0F", "10.0.0.3"));
-    EXPECT_EQ("0304D2", Ask("01 00000015 " + strChannel + " 0F"));
+    EXPECT_EQ("034E2C", Ask("01 00000000 " + strChannel + " 0F", "10.0.0.3"));
+    EXPECT_EQ("0304D2", Ask("01 00000000 " + strChannel + " 0F"));
     EXPECT_EQ("", m_User.Take());
     Run(121);
-    EXPECT_EQ("034E2C", Ask("01 00000015 " + strChannel + " 0F"));
+    EXPECT_EQ("034E2C", Ask("01 00000000 " + strChannel + " 0F"));
 }
 
 // A late request of an attempt that the client has given up takes a good transport over, rewinds the send buffer and is lost.
