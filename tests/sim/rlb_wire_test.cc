@@ -160,6 +160,18 @@ TEST_F(RlbWireTest, ServerInThePlainForm) {
     EXPECT_EQ(0u, Get<DWORD>(server, CM_OPT_TRANSPORT_UNACKNOWLEDGED));
 }
 
+TEST_F(RlbWireTest, AMessageWhoseUpcallLosesTheTransportCounts) {
+    Listen(PLAIN);
+    const std::string strChannel = Ask("01 00000000 0000 0F").substr(10, 4);
+    m_User.m_Receive = [&] {
+        const CCmRefPtrT<ICmTransport> pLower(dynamic_cast<CConnBase&>(*m_Accepted.m_Transports[0]).GetTPTransport());
+        pLower->GetSink()->OnDisconnect(CM_ERROR_NETWORK_SOCKET_ERROR, pLower.Get());
+    };
+    Raw().Send("06 00000000 00000003 616263");
+    Run();
+    EXPECT_EQ("020000000C" + strChannel + "0F", Ask("01 00000000 " + strChannel + " 0F"));
+}
+
 // The client was away, and gets the reason for as long as it is kept; nobody else does.
 TEST_F(RlbWireTest, AReasonIsKeptForTheClient) {
     Listen(PLAIN);
