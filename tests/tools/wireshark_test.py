@@ -50,6 +50,15 @@ class WiresharkTest(ProgramTest):
         self.assertEqual([], columns[-1])
         return columns[:-1]
 
+    def test_reliable_connections_in_both_forms(self):
+        for connect, token in (("0000000012340f", ""), ("0000000012341f" + "ab" * 16 + "00000007", "ab" * 16)):
+            said = [(True, bytes.fromhex("01" + connect)), (False, bytes.fromhex("02" + connect)),
+                    (True, bytes.fromhex("06000000000000000161")), (False, bytes.fromhex("040000000a"))]
+            for piece in 1, 1400:
+                columns = self.dissect(said, "reliable", "talvo.type", "talvo.contag", "talvo.ack", "talvo.token", piece=piece)
+                self.assertEqual([["1", "2", "6", "4"], [str(0x1234)] * 2, ["0", "0", "0", "10"], [token] * 2 * bool(token), []],
+                                 columns)
+
     def test_streams_whatever_their_segments(self):
         for kind in "package", "nopartial", "length":
             for piece in 1, 7, 1400:

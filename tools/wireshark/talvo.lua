@@ -5,7 +5,8 @@
 -- The bytes do not identify the form, so a preference sets it for the ports, and for the conversations chosen by Decode As.
 -- Wireshark loads this file itself from the folder of personal Lua plugins (Help, About, Folders).
 
-local FORM_PACKAGE, FORM_NOPARTIAL, FORM_LENGTH = 1, 2, 3
+local FORM_PACKAGE, FORM_NOPARTIAL, FORM_LENGTH, FORM_RELIABLE = 1, 2, 3, 4
+local TOKEN_FORM = 31  -- of ConnType
 local REQUEST, RESPONSE, DISCONNECT, KEEPALIVE, DATA_START, DATA = 1, 2, 3, 4, 5, 6
 
 local TYPES = {
@@ -24,6 +25,8 @@ local f = {
     ack = ProtoField.uint32("talvo.ack", "ACK"),
     contag = ProtoField.uint16("talvo.contag", "ConTag"),
     conntype = ProtoField.uint8("talvo.conntype", "ConnType"),
+    token = ProtoField.bytes("talvo.token", "Token"),
+    attempt = ProtoField.uint32("talvo.attempt", "Attempt"),
     reason = ProtoField.uint16("talvo.reason", "Reason"),
     length = ProtoField.uint32("talvo.length", "Payload length"),
     payload = ProtoField.bytes("talvo.payload", "Payload"),
@@ -42,8 +45,14 @@ talvo.prefs.form = Pref.enum("Form of the data", FORM_PACKAGE, "The connection t
     { 1, "package", FORM_PACKAGE },
     { 2, "nopartial", FORM_NOPARTIAL },
     { 3, "length", FORM_LENGTH },
+    { 4, "reliable", FORM_RELIABLE },
 }, false)
 talvo.prefs.ports = Pref.range("Ports", "", "TCP and UDP ports of the protocol", 65535)
+
+-- Data PDUs have an ACK.
+local function has_ack()
+    return talvo.prefs.form == FORM_NOPARTIAL or talvo.prefs.form == FORM_RELIABLE
+end
 
 -- The length of the PDU at offset, or the number of bytes needed to compute it. nil: there is no valid PDU. The second result
 -- is true if the first is the length of the whole PDU.
@@ -56,11 +65,15 @@ local function pdu_length(tvb, offset)
         return 4 + payload, true
     end
     local kind = tvb(offset, 1):uint()
+    if (kind == REQUEST or kind == RESPONSE) and talvo.prefs.form == FORM_RELIABLE then
+        if left < 8 then return 8, false end
+        return tvb(offset + 7, 1):uint() == TOKEN_FORM and 28 or 8, true
+    end
     if kind == REQUEST or kind == RESPONSE then return 8, true end
     if kind == DISCONNECT then return 3, true end
     if kind == KEEPALIVE then return 5, true end
     if kind ~= DATA and kind ~= DATA_START then return nil end
-    local fixed = talvo.prefs.form == FORM_NOPARTIAL and 9 or 5
+    local fixed = has_ack() and 9 or 5
     if left < fixed then return fixed, false end
     return fixed + tvb(offset + fixed - 4, 4):uint(), true
 end
@@ -85,14 +98,20 @@ local function add_pdu(pdu, root)
     if kind == DISCONNECT then
         tree:add(f.reason, pdu(1, 2))
         text = text .. " " .. pdu(1, 2):uint()
-    elseif kind < DATA_START or talvo.prefs.form == FORM_NOPARTIAL then
+    elseif kind < DATA_START or has_ack() then
         tree:add(f.ack, pdu(1, 4))
     end
     if kind == REQUEST or kind == RESPONSE then
         tree:add(f.contag, pdu(5, 2))
         tree:add(f.conntype, pdu(7, 1))
+        text = text .. ", channel " .. pdu(5, 2):uint()
+        if pdu:len() > 8 then
+            tree:add(f.token, pdu(8, 16))
+            tree:add(f.attempt, pdu(24, 4))
+            text = text .. ", attempt " .. pdu(24, 4):uint()
+        end
     elseif kind >= DATA_START then
-        text = text .. ", " .. add_payload(pdu, tree, talvo.prefs.form == FORM_NOPARTIAL and 5 or 1)
+        text = text .. ", " .. add_payload(pdu, tree, has_ack() and 5 or 1)
     end
     tree:append_text(", " .. text)
     return text
