@@ -118,7 +118,7 @@ private:
         m_Network.SetPath({});
         ForAll([](CRlbUser& aUser) { aUser.Calm(); });
         m_Network.RunFor(RECOVERY);
-        ForAll([this](CRlbUser& aUser) { aUser.Send(4); });
+        ForAll([](CRlbUser& aUser) { aUser.Send(4); });
         m_Network.RunFor(RECOVERY);
         for (auto& [wPort, link] : m_Links) {
             if (!link.m_pClient || !link.m_pServer)

@@ -27,8 +27,9 @@ public:
             m_Notices.pop_back();  // the last gap goes on
             return;
         }
-        WithMemory([&] { m_Notices.push_back(aNotice); });
-        m_bAny = !m_Notices.empty();
+        std::deque<CProxyNotice>& notices = m_Notices;
+        WithMemory([&] { notices.push_back(aNotice); });
+        m_bAny = !notices.empty();
     }
 
     // Takes the first one that is due behind so many chunks. FALSE: there is none. Costs next to nothing without notices.
