@@ -27,9 +27,8 @@ public:
             m_Notices.pop_back();  // the last gap goes on
             return;
         }
-        std::deque<CProxyNotice>& notices = m_Notices;
-        WithMemory([&] { notices.push_back(aNotice); });
-        m_bAny = !notices.empty();
+        Append(m_Notices, aNotice);
+        m_bAny = !m_Notices.empty();
     }
 
     // Takes the first one that is due behind so many chunks. FALSE: there is none. Costs next to nothing without notices.
@@ -46,6 +45,10 @@ public:
     }
 
 private:
+    static void Append(std::deque<CProxyNotice>& aNotices, const CProxyNotice& aNotice) {
+        WithMemory([&] { aNotices.push_back(aNotice); });
+    }
+
     static constexpr size_t MOST = 64;  // even: the last of so many ends a gap
 
     CCmMutexThread m_Mutex;
