@@ -99,25 +99,27 @@ BOOL CReliableChannels::Move_i(WORD aChannel, EState aState) {
             entry.m_Place = place;
         }))
         return FALSE;
-    if (entry.m_State != UP)
-        Count_i(entry, -1);
     if (aState == UP && entry.m_State != UP)
         (entry.m_State == LOST ? m_Lost : m_Remembered).erase(entry.m_Place);
+    const CEntry before = entry;
     entry.m_State = aState;
     entry.m_dwBytes = 0;
-    if (aState != UP)
-        Count_i(entry, 1);
+    Count_i(entry, 1);
+    Count_i(before, -1);
     return TRUE;
 }
 
+// An address without use is forgotten, so the new state of an entry counts before the old one is taken off.
 void CReliableChannels::Count_i(const CEntry& aEntry, int aSign) {
-    const auto it = m_UseOf.find(aEntry.m_Addr);
-    if (it == m_UseOf.end())
+    if (aEntry.m_State == UP)
         return;
+    const auto it = m_UseOf.find(aEntry.m_Addr);
     for (CUse* pUse : {&m_Use, &it->second}) {
         pUse->m_dwCount += static_cast<DWORD>(aSign);
         pUse->m_ullBytes += static_cast<uint64_t>(aSign * int64_t{aEntry.m_dwBytes});
     }
+    if (it->second.m_dwCount == 0)
+        m_UseOf.erase(it);
 }
 
 void CReliableChannels::OnLost(WORD aChannel, DWORD aBytes) {
@@ -133,9 +135,10 @@ void CReliableChannels::OnBytes(WORD aChannel, DWORD aBytes) {
     CEntry* pEntry = Find_i(aChannel);
     if (!pEntry || pEntry->m_State != LOST)
         return;
-    Count_i(*pEntry, -1);
+    const CEntry before = *pEntry;
     pEntry->m_dwBytes = aBytes;
     Count_i(*pEntry, 1);
+    Count_i(before, -1);
     Enforce_i(pEntry->m_Addr, aChannel);
 }
 
@@ -150,13 +153,9 @@ void CReliableChannels::OnBack(WORD aChannel, const CIpBytes& aAddr) {
 void CReliableChannels::Forget(WORD aChannel, DWORD aSeconds) {
     if (!Find_i(aChannel))
         return;
-    const CIpBytes addr = Find_i(aChannel)->m_Addr;
     Move_i(aChannel, UP);
     m_Entries.erase(aChannel);
     m_Numbers.GiveBack(aChannel, After(aSeconds));
-    const auto use = m_UseOf.find(addr);
-    if (use != m_UseOf.end() && use->second.m_dwCount == 0)
-        m_UseOf.erase(use);
 }
 
 void CReliableChannels::Remember(WORD aChannel, CmResult aReason, DWORD aSeconds) {
