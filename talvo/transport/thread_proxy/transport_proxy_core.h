@@ -4,8 +4,8 @@
 #include <atomic>
 
 #include "talvo/event/timer_queue.h"
-#include "talvo/transport/atomic_addr.h"
 #include "talvo/transport/reconnect_sink.h"
+#include "talvo/transport/thread_proxy/guarded_addr.h"
 #include "talvo/transport/thread_proxy/proxy_core.h"
 #include "talvo/transport/thread_proxy/proxy_lane.h"
 #include "talvo/transport/thread_proxy/proxy_notices.h"
@@ -127,8 +127,8 @@ private:
     CmResult m_LostReason = CM_OK;     // set before m_bLost
     CCmFailure m_Failure;              // likewise
     // The connection's values when the proxy was made, or when it was last resumed.
-    CAtomicAddr m_LocalAddr;
-    CAtomicAddr m_PeerAddr;
+    CGuardedAddr m_LocalAddr;
+    CGuardedAddr m_PeerAddr;
     std::atomic<DWORD> m_dwTransportType{0};
     CmResult m_DisconnectReason = CM_OK;  // set before the event is posted
     CProxySendQueue m_SendQueue;

@@ -146,7 +146,7 @@ CmResult CTransportProxyCore::GetKept_i(DWORD aCommand, void* aArg) const {
         *static_cast<DWORD*>(aArg) = m_dwTransportType;
         return m_dwTransportType ? CM_OK : CM_ERROR_INVALID_ARG;
     }
-    const CAtomicAddr& addr = aCommand == CM_OPT_TRANSPORT_LOCAL_ADDR ? m_LocalAddr : m_PeerAddr;
+    const CGuardedAddr& addr = aCommand == CM_OPT_TRANSPORT_LOCAL_ADDR ? m_LocalAddr : m_PeerAddr;
     return addr.Load(*static_cast<CCmInetAddr*>(aArg)) ? CM_OK : CM_ERROR_NETWORK_SOCKET_ERROR;
 }
 
