@@ -20,6 +20,11 @@ inline bool KeepsMessages(DWORD aType) { return aType != CCmConnectionManager::C
 // TRUE: sent data may be lost.
 inline bool MayLose(DWORD aType) { return (aType & CCmConnectionManager::CTYPE_UDP) != 0; }
 
+// TRUE: a client connects again after the loss of its transport.
+inline bool ConnectsAgain(DWORD aType) {
+    return (aType & CCmConnectionManager::CTYPE_PDU_RELIABLE) == CCmConnectionManager::CTYPE_PDU_RELIABLE;
+}
+
 // The largest message of one SendData; unlimited on a stream of bytes.
 DWORD GetMaxMessage(ICmTransport& aTransport);
 

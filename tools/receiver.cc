@@ -1,5 +1,6 @@
 #include "tools/receiver.h"
 
+#include "tools/connection_type.h"
 #include "tools/listening.h"
 #include "tools/memory.h"
 
@@ -19,7 +20,8 @@ Receiver::Receiver(const Arguments& aArguments, int aDirectory, Application& aAp
 
 Receiver::~Receiver() {
     if (m_pAcceptor)
-        m_pAcceptor->StopListen(CM_OK);
+        if (!ConnectsAgain(m_Arguments.m_dwType))
+            m_pAcceptor->StopListen(CM_OK);
 }
 
 void Receiver::Start() {
