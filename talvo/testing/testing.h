@@ -9,6 +9,7 @@
 #include "talvo/testing/sim_network.h"
 #include "talvo/testing/sim_pair.h"
 #include "talvo/testing/sim_peer.h"
+#include "talvo/testing/sim_reliable_peer.h"
 #include "talvo/testing/sim_seeds.h"
 #include "talvo/testing/sim_wild_peer.h"
 #include "talvo/testing/sim_wild_sides.h"

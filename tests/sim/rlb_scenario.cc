@@ -1,5 +1,6 @@
 // Reliable connections in bad weather.
-#include "tests/sim/rlb_user.h"
+#include "talvo/talvo.h"
+#include "talvo/testing/testing.h"
 #include "tests/sim/sim_scenario.h"
 
 namespace {
@@ -15,7 +16,7 @@ struct CLink {
     explicit CLink(WORD aPort) : m_Up(DWORD{aPort} << 16), m_Down(DWORD{aPort} << 16 | 0x8000) {}
 
     CCmSimFlow m_Up, m_Down;
-    std::unique_ptr<CRlbUser> m_pClient, m_pServer;
+    std::unique_ptr<CCmSimReliablePeer> m_pClient, m_pServer;
 };
 
 class CRlbScenario : public ICmSimObserver {
@@ -46,7 +47,7 @@ public:
     }
 
     void OnStep() override {
-        ForAll([](CRlbUser& aUser) { aUser.CheckStep(); });
+        ForAll([](CCmSimReliablePeer& aUser) { aUser.CheckStep(); });
     }
 
 private:
@@ -55,7 +56,7 @@ private:
     template <class Do>
     void ForAll(Do aDo) {
         for (auto& [wPort, link] : m_Links) {
-            for (CRlbUser* pUser : {link.m_pClient.get(), link.m_pServer.get()}) {
+            for (CCmSimReliablePeer* pUser : {link.m_pClient.get(), link.m_pServer.get()}) {
                 if (pUser)
                     aDo(*pUser);
             }
@@ -75,9 +76,9 @@ private:
         transport.GetOption(aServer ? CM_OPT_TRANSPORT_PEER_ADDR : CM_OPT_TRANSPORT_LOCAL_ADDR, &addr);
         CLink& link = m_Links.try_emplace(addr.GetPort(), addr.GetPort()).first->second;
         auto& pUser = aServer ? link.m_pServer : link.m_pClient;
-        pUser = std::make_unique<CRlbUser>(m_Network, transport, aServer ? link.m_Down : link.m_Up,
-                                           aServer ? link.m_Up : link.m_Down,
-                                           (aServer ? "server " : "client ") + std::to_string(addr.GetPort()));
+        pUser = std::make_unique<CCmSimReliablePeer>(m_Network, transport, aServer ? link.m_Down : link.m_Up,
+                                                     aServer ? link.m_Up : link.m_Down,
+                                                     (aServer ? "server " : "client ") + std::to_string(addr.GetPort()));
         aSide.m_Transports.clear();
         pUser->Start(!m_bStable, m_bStable ? FOR_EVER : 10 + Below(200));
     }
@@ -116,9 +117,9 @@ private:
 
     void Settle() {
         m_Network.SetPath({});
-        ForAll([](CRlbUser& aUser) { aUser.Calm(); });
+        ForAll([](CCmSimReliablePeer& aUser) { aUser.Calm(); });
         m_Network.RunFor(RECOVERY);
-        ForAll([](CRlbUser& aUser) { aUser.Send(4); });
+        ForAll([](CCmSimReliablePeer& aUser) { aUser.Send(4); });
         m_Network.RunFor(RECOVERY);
         for (auto& [wPort, link] : m_Links) {
             if (!link.m_pClient || !link.m_pServer)
@@ -140,14 +141,14 @@ private:
             const BOOL bBoth = link.m_pClient && link.m_pServer && link.m_pClient->IsOpen() && link.m_pServer->IsOpen();
             if (!bBoth)
                 continue;
-            CRlbUser& first = Chance(50) ? *link.m_pClient : *link.m_pServer;
-            CRlbUser& second = &first == link.m_pClient.get() ? *link.m_pServer : *link.m_pClient;
+            CCmSimReliablePeer& first = Chance(50) ? *link.m_pClient : *link.m_pServer;
+            CCmSimReliablePeer& second = &first == link.m_pClient.get() ? *link.m_pServer : *link.m_pClient;
             first.Release();
             m_Network.RunFor(CCmTimeValue(2));
             if (second.IsOpen() || second.GetReason() != CM_OK)
                 m_Network.Fail("the end has not come, " + std::to_string(wPort));
         }
-        ForAll([](CRlbUser& aUser) { aUser.Release(); });
+        ForAll([](CCmSimReliablePeer& aUser) { aUser.Release(); });
         m_pAcceptor.Reset();
         m_Network.RunFor(RECOVERY);
         if (m_Network.CountEnds() > 0)

@@ -1,14 +1,18 @@
-// The user of one end of a reliable connection in a simulation.
+// A peer of reliable connections that acts at random.
 #pragma once
 
-#include "talvo/talvo.h"
-#include "talvo/testing/testing.h"
+#include <memory>
 
-// Sends at random, also inside its upcalls, pauses reading, and checks what a reliable connection promises to its sinks.
-class CRlbUser final : public CCmSimPeer, public ICmReconnectSink {
+#include "talvo/testing/sim_peer.h"
+#include "talvo/transport/reconnect_sink.h"
+
+// Sends at random, also inside its upcalls, pauses reading, and checks the promises of a reliable connection to its sinks over
+// any number of gaps: suspensions and resumptions alternate, none comes after the end, and the bytes kept stay within the send
+// buffer. All chances are the network's. Do not call CCmSimPeer::CheckStep: there may be no link below.
+class CCmSimReliablePeer final : public CCmSimPeer, public ICmReconnectSink {
 public:
     using CCmSimPeer::CCmSimPeer;
-    ~CRlbUser() override { *m_pWild = FALSE; }
+    ~CCmSimReliablePeer() override { *m_pWild = FALSE; }
 
     // aMayEnd: it ends the connection one day, perhaps. aReconnectTime: seconds.
     void Start(BOOL aMayEnd, DWORD aReconnectTime);
@@ -17,9 +21,7 @@ public:
     void CheckStep();
     // The connection has been up or over for long enough.
     void CheckSettled(BOOL aMustBeOpen);
-    BOOL IsSuspended() const { return m_bSuspended; }
     CmResult GetReason() const { return m_Reason; }
-    DWORD GetResumed() const { return m_dwResumed; }
 
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
@@ -39,7 +41,6 @@ private:
     BOOL m_bMayEnd = FALSE;
     BOOL m_bPaused = FALSE;
     BOOL m_bSuspended = FALSE;
-    DWORD m_dwResumed = 0;
     DWORD m_dwMaxBuffer = 1 << 20;
     int m_nDepth = 0;
     CmResult m_Reason = CM_OK;

@@ -1,4 +1,8 @@
-#include "tests/sim/rlb_user.h"
+#include "talvo/testing/sim_reliable_peer.h"
+
+#include <utility>
+
+#include "talvo/connection/protocol/connection_options.h"
 
 namespace {
 
@@ -7,7 +11,7 @@ const CCmTimeValue PERIOD(3);
 
 }  // namespace
 
-void CRlbUser::Start(BOOL aMayEnd, DWORD aReconnectTime) {
+void CCmSimReliablePeer::Start(BOOL aMayEnd, DWORD aReconnectTime) {
     m_bMayEnd = aMayEnd;
     *m_pWild = TRUE;
     Open();
@@ -25,12 +29,12 @@ void CRlbUser::Start(BOOL aMayEnd, DWORD aReconnectTime) {
     ActLater_i();
 }
 
-void CRlbUser::Calm() {
+void CCmSimReliablePeer::Calm() {
     *m_pWild = FALSE;
     Pause_i(FALSE);
 }
 
-void CRlbUser::ActLater_i() {
+void CCmSimReliablePeer::ActLater_i() {
     GetNetwork().After(GetNetwork().RandomTime(PERIOD), [this, pWild = m_pWild] {
         if (!*pWild || !IsOpen())
             return;
@@ -39,12 +43,12 @@ void CRlbUser::ActLater_i() {
     });
 }
 
-void CRlbUser::ActInside_i(DWORD aPercent) {
+void CCmSimReliablePeer::ActInside_i(DWORD aPercent) {
     if (*m_pWild && Chance_i(aPercent))
         Act_i();
 }
 
-void CRlbUser::Act_i() {
+void CCmSimReliablePeer::Act_i() {
     if (m_nDepth > 2 || !IsOpen())
         return;
     ++m_nDepth;
@@ -64,13 +68,13 @@ void CRlbUser::Act_i() {
     --m_nDepth;
 }
 
-void CRlbUser::Pause_i(BOOL aPause) {
+void CCmSimReliablePeer::Pause_i(BOOL aPause) {
     m_bPaused = aPause;
     if (IsOpen() && GetTransport()->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &aPause) != CM_OK)
         Fail("a pause is refused");
 }
 
-void CRlbUser::CheckStep() {
+void CCmSimReliablePeer::CheckStep() {
     DWORD dwKept = 0;
     if (!IsOpen())
         return;
@@ -79,7 +83,7 @@ void CRlbUser::CheckStep() {
         Fail(std::to_string(dwKept) + " bytes are kept");
 }
 
-void CRlbUser::CheckSettled(BOOL aMustBeOpen) {
+void CCmSimReliablePeer::CheckSettled(BOOL aMustBeOpen) {
     if (!IsOpen()) {
         if (aMustBeOpen)
             Fail("ended with " + std::to_string(m_Reason));
@@ -93,19 +97,19 @@ void CRlbUser::CheckSettled(BOOL aMustBeOpen) {
         Fail("OnSend is owed");
 }
 
-void CRlbUser::OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) {
+void CCmSimReliablePeer::OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) {
     if (m_bSuspended)
         Fail("OnReceive while suspended");
     CCmSimPeer::OnReceive(aData, aTrptId, aPara);
     ActInside_i(10);
 }
 
-void CRlbUser::OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) {
+void CCmSimReliablePeer::OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) {
     CCmSimPeer::OnSend(aTrptId, aPara);
     ActInside_i(30);
 }
 
-void CRlbUser::OnDisconnect(CmResult aReason, ICmTransport* aTrptId) {
+void CCmSimReliablePeer::OnDisconnect(CmResult aReason, ICmTransport* aTrptId) {
     CCmSimPeer::OnDisconnect(aReason, aTrptId);
     Note("ends with " + std::to_string(aReason));
     m_Reason = aReason;
@@ -113,16 +117,15 @@ void CRlbUser::OnDisconnect(CmResult aReason, ICmTransport* aTrptId) {
         Release();
 }
 
-void CRlbUser::OnSuspended(ICmTransport*, CmResult aReason) {
+void CCmSimReliablePeer::OnSuspended(ICmTransport*, CmResult aReason) {
     Note("is suspended " + std::to_string(aReason));
     if (std::exchange(m_bSuspended, TRUE) || !IsOpen())
         Fail("OnSuspended twice or after the end");
     ActInside_i(30);
 }
 
-void CRlbUser::OnResumed(ICmTransport*, DWORD) {
+void CCmSimReliablePeer::OnResumed(ICmTransport*, DWORD) {
     Note("is resumed");
-    ++m_dwResumed;
     if (!std::exchange(m_bSuspended, FALSE) || !IsOpen())
         Fail("OnResumed twice or after the end");
     ActInside_i(30);
