@@ -104,6 +104,10 @@ protected:
     // Encodes a connect PDU of this connection, with its counter and channel.
     virtual void EncodeConnectPdu_i(BYTE aType, CCmMessageBlock& aMb) const;
 
+    // TRUE: a message counts as received before the sink gets it, so that the peer does not send it again over a transport that
+    // an upcall makes necessary.
+    virtual BOOL CountsBeforeUpcall_i() const { return FALSE; }
+
     // Enough bytes have come for an acknowledgement.
     virtual void SendAck_i() {}
 
@@ -159,7 +163,8 @@ private:
     CmResult Deliver_i(DWORD aLength, CCmTransportParameter* aPara);
     BOOL ReadDataLength_i();
     BOOL TakeAck_i(DWORD aSeq);
-    void CountReceived_i();
+    DWORD GetReceivedThen_i() const;
+    void SetReceived_i(DWORD aReceived);
     BOOL Refuse_i(const char* aText);
     void DropDatagramRest_i();
 

@@ -157,8 +157,7 @@ BOOL CCsConn::ReadDataLength_i() {
     return FALSE;
 }
 
-// FALSE: it is incomplete, or the transport was lost inside an upcall. The counter moves before the upcall: a message that the
-// sink has got counts as received, so the peer does not send it again over the next transport.
+// FALSE: it is incomplete, or the transport was lost inside an upcall.
 BOOL CCsConn::TakeData_i(CCmTransportParameter* aPara) {
     if (!m_Reader.IsDataLengthKnown() && !ReadDataLength_i())
         return FALSE;
@@ -168,7 +167,9 @@ BOOL CCsConn::TakeData_i(CCmTransportParameter* aPara) {
     m_Reader.SkipHeader();
     if (m_bNeedACK && m_Buffered && !TakeAck_i(m_Reader.GetACK()))
         return FALSE;
-    CountReceived_i();
+    const DWORD dwReceived = GetReceivedThen_i();
+    if (CountsBeforeUpcall_i())
+        SetReceived_i(dwReceived);
     const CmResult rv = Deliver_i(m_Reader.GetDataLength(), aPara);
     if (m_pTransport.Get() != pTransport)
         return FALSE;
@@ -178,14 +179,20 @@ BOOL CCsConn::TakeData_i(CCmTransportParameter* aPara) {
     }
     if (m_wStatus == CS_STATUS_NOT_CONNECTED)
         return FALSE;
+    if (!CountsBeforeUpcall_i())
+        SetReceived_i(dwReceived);
     Reset4Recv();
     return TRUE;
 }
 
-// A sender that restarts counts from 1 again, and so does the counter, which is the end of the last PDU.
-void CCsConn::CountReceived_i() {
+// The counter behind the current PDU. A sender that restarts counts from 1 again, and so does the counter.
+DWORD CCsConn::GetReceivedThen_i() const {
     const BOOL bRestart = m_Reader.GetType() == CS_PDU_TYPE_DATA_START;
-    m_dwReceived = (bRestart ? 0 : m_dwReceived) + m_Reader.GetLength();
+    return (bRestart ? 0 : m_dwReceived) + m_Reader.GetLength();
+}
+
+void CCsConn::SetReceived_i(DWORD aReceived) {
+    m_dwReceived = aReceived;
     if (m_Buffered)
         m_Buffered->SetReceived(m_dwReceived);
 }

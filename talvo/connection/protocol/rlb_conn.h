@@ -73,6 +73,7 @@ protected:
 
     BOOL IsConnectPduWhole_i() override;
     void EncodeConnectPdu_i(BYTE aType, CCmMessageBlock& aMb) const override;
+    BOOL CountsBeforeUpcall_i() const override { return TRUE; }
     BOOL HasKeepAliveTimer_i() const override { return TRUE; }
     CmResult SendKeepAlive() override;
     CmResult SendDataFromSendBuf() override;
