@@ -248,8 +248,8 @@ int CCmTransportTcp::OnInput(HANDLE) {
         return nRecv;
     if (nRecv == 0)
         return TellEnd_i();
-    const BOOL bAgain = bMore ? GetHeld_i() > 0 : static_cast<DWORD>(nRecv) == dwSize;
     const DWORD dwRecv = static_cast<DWORD>(nRecv);
+    const BOOL bAgain = bMore ? GetHeld_i() > 0 : !IsDry_i(dwRecv, dwSize);
     m_Counters.m_ullBytesReceived += dwRecv;
     ++m_Counters.m_ullReceives;
     if (m_pSink) {

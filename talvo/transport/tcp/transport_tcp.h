@@ -73,6 +73,8 @@ protected:
     // before): Read_i is called again without a report of the socket, also after a -2. A layer sets it unless Recv_i would
     // block and GetHeld_i is 0. Without it, and with fewer than aLen bytes, the next call comes with the next report.
     virtual int Read_i(char* aBuf, DWORD aLen, BOOL& aMore);
+    // Of aRead bytes without aMore: the socket reports the next ones. Otherwise Read_i is called again at once.
+    virtual BOOL IsDry_i(DWORD aRead, DWORD aLen) const { return aRead < aLen; }
     // Received bytes that Read_i can return without the socket. The beginning of a record does not count.
     virtual DWORD GetHeld_i() const { return m_pReadAhead ? m_pReadAhead->GetSize() : 0; }
     // The peer's side of the socket has ended without a failure. A layer notes one here unless its own end came before.

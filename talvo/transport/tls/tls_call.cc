@@ -1,5 +1,6 @@
 #include "talvo/transport/tls/tls_call.h"
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -30,6 +31,23 @@ void GiveBack(CTlsBuffers* aBuffers) {
 }
 
 }  // namespace
+
+std::unique_ptr<CTlsInput> CTlsBuffers::TakeInput(DWORD aRoom) {
+    if (m_pInput && m_pInput->m_dwRoom >= aRoom)
+        return std::move(m_pInput);
+    m_pInput.reset();
+    std::unique_ptr<CTlsInput> pInput(new (std::nothrow) CTlsInput);
+    if (!pInput)
+        return nullptr;
+    pInput->m_dwRoom = std::max(aRoom, CTlsSession::RECORD);
+    pInput->m_pBytes.reset(new (std::nothrow) char[pInput->m_dwRoom]);
+    return pInput->m_pBytes ? std::move(pInput) : nullptr;
+}
+
+void CTlsBuffers::GiveBack(std::unique_ptr<CTlsInput> aInput) {
+    if (aInput && (!m_pInput || m_pInput->m_dwRoom < aInput->m_dwRoom))
+        m_pInput = std::move(aInput);
+}
 
 CTlsCall::CTlsCall(CTlsCall*& aCurrent, DWORD aReadSize)
     : m_pBuffers(TakeBuffers()), m_dwReadSize(aReadSize), m_pCurrent(aCurrent), m_pOuter(std::exchange(aCurrent, this)) {}

@@ -1,19 +1,35 @@
 // The buffers and the state of one call of a TLS session.
 #pragma once
 
+#include <memory>
 #include <vector>
 
-#include "talvo/transport/network_buffers.h"
 #include "talvo/transport/tls/tls_session.h"
 
 namespace talvo {
 
+// Ciphertext from one read of the socket. Large, so that there is one a thread; a session keeps it only while bytes are left.
+struct CTlsInput {
+    DWORD GetSize() const { return m_dwEnd - m_dwBegin; }
+
+    std::unique_ptr<char[]> m_pBytes;
+    DWORD m_dwRoom = 0;
+    DWORD m_dwBegin = 0;
+    DWORD m_dwEnd = 0;
+};
+
 // Of a thread. Each is used within one call only, so that idle sessions have none.
 struct CTlsBuffers {
-    CNetworkBuffers m_Received;  // not decrypted yet
+    // Null: memory ran out.
+    std::unique_ptr<CTlsInput> TakeInput(DWORD aRoom);
+    void GiveBack(std::unique_ptr<CTlsInput> aInput);
+
     char m_Record[CTlsSession::RECORD];
     std::vector<char> m_Sealed;
     bool m_bInUse = false;
+
+private:
+    std::unique_ptr<CTlsInput> m_pInput;  // for the next read
 };
 
 // While in scope, its session has the thread's buffers. A call inside another one, from a sink of the trace, has its own.
@@ -28,9 +44,7 @@ public:
     bool IsReady() const { return m_pBuffers && !m_pOuter; }
 
     CTlsBuffers* const m_pBuffers;
-    DWORD m_dwReadSize;              // of the ciphertext
-    const char* m_pInput = nullptr;  // in m_Received
-    DWORD m_dwInput = 0;
+    const DWORD m_dwReadSize;    // of the ciphertext; 0: this call does not read
     bool m_bMayReceive = false;  // once
     bool m_bReceived = false;
     bool m_bDry = false;  // the socket would block

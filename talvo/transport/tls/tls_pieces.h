@@ -13,8 +13,9 @@ namespace talvo {
 
 class CTlsPieces {
 public:
-    // Smaller pieces in a row share a record. A copy of so many bytes costs as much as another record.
-    static constexpr size_t SMALL = 4096;
+    // Two smaller pieces share a record. A copy of so many bytes takes 0.1 us; another record takes 0.5 us to seal, and as much
+    // to open.
+    static constexpr size_t SMALL = 8192;
 
     CTlsPieces(const iovec* aPieces, DWORD aCount) : m_pPiece(aPieces), m_pEnd(aPieces + aCount) { Skip_i(); }
 
@@ -23,19 +24,24 @@ public:
     // The next record's data, at most aMost bytes; not empty unless IsEmpty. It lies in its piece, or in aRoom (of aMost
     // bytes).
     std::string_view Take(char* aRoom, size_t aMost) {
-        if (IsEmpty() || Left_i() >= SMALL || m_pPiece + 1 == m_pEnd || m_pPiece[1].iov_len >= SMALL)
-            return TakeOne_i(aMost);
-        size_t stTaken = 0;
-        while (!IsEmpty() && Left_i() < SMALL && stTaken < aMost) {
-            const std::string_view data = TakeOne_i(aMost - stTaken);
-            std::memcpy(aRoom + stTaken, data.data(), data.size());
-            stTaken += data.size();
+        const std::string_view first = TakeOne_i(aMost);
+        size_t stTaken = first.size();
+        if (stTaken >= SMALL || !IsShared_i(aMost - stTaken))
+            return first;
+        std::memcpy(aRoom, first.data(), stTaken);
+        while (IsShared_i(aMost - stTaken)) {
+            const std::string_view next = TakeOne_i(aMost - stTaken);
+            std::memcpy(aRoom + stTaken, next.data(), next.size());
+            stTaken += next.size();
         }
         return {aRoom, stTaken};
     }
 
 private:
     size_t Left_i() const { return m_pPiece->iov_len - m_stOffset; }
+
+    // The next piece begins in a record that has room for aRoom bytes more.
+    BOOL IsShared_i(size_t aRoom) const { return aRoom > 0 && !IsEmpty() && (Left_i() < SMALL || Left_i() <= aRoom); }
 
     std::string_view TakeOne_i(size_t aMost) {
         if (IsEmpty())

@@ -125,19 +125,25 @@ void CTlsSession::Verified_i(int aError, int aDepth, const char* aSubject) {
         m_pUnverified = pText;
 }
 
+BOOL CTlsSession::IsUnverified() const {
+    return !m_bUp && m_pUnverified && (SSL_get_verify_mode(m_pSsl) & SSL_VERIFY_PEER) != 0;
+}
+
 BOOL CTlsSession::IsVerified() const {
     return m_bUp && !m_pUnverified && SSL_get_verify_result(m_pSsl) == X509_V_OK && SSL_get0_peer_certificate(m_pSsl);
 }
 
 const char* CTlsSession::GetFailureText() const {
-    if (m_pUnverified && !m_bUp)
+    if (IsUnverified())
         return m_pUnverified;
     return m_pFailure ? m_pFailure : "the peer has closed without an end of TLS";
 }
 
 DWORD CTlsSession::GetHeld() const { return m_bFailed ? 0 : static_cast<DWORD>(SSL_pending(m_pSsl)); }
 
-BOOL CTlsSession::HasBegunRecord() const { return SSL_has_pending(m_pSsl) == 1; }
+DWORD CTlsSession::GetInput() const { return m_pInput ? m_pInput->GetSize() : 0; }
+
+BOOL CTlsSession::HasBegunRecord() const { return GetInput() > 0 || SSL_has_pending(m_pSsl) == 1; }
 
 BOOL CTlsSession::CanSeal() const { return SSL_in_init(m_pSsl) == 0; }
 
@@ -171,15 +177,13 @@ void CTlsSession::GetInfo(CCmSslInfo& aInfo) const {
 
 // A count; -2: would block, or this call may read no more; -1: the socket has ended or failed.
 int CTlsSession::ReadRaw_i(char* aBuf, int aLen) {
-    CTlsCall& call = *m_pCall;
     if (m_bUp && HasTooManyAnswers_i())
         return WOULD_BLOCK;
-    if (call.m_dwInput == 0 && !Receive_i())
+    if (GetInput() == 0 && !Receive_i())
         return m_bCut ? -1 : WOULD_BLOCK;
-    const DWORD dwTaken = std::min(static_cast<DWORD>(aLen), call.m_dwInput);
-    std::memcpy(aBuf, call.m_pInput, dwTaken);
-    call.m_pInput += dwTaken;
-    call.m_dwInput -= dwTaken;
+    const DWORD dwTaken = std::min(static_cast<DWORD>(aLen), GetInput());
+    std::memcpy(aBuf, m_pInput->m_pBytes.get() + m_pInput->m_dwBegin, dwTaken);
+    m_pInput->m_dwBegin += dwTaken;
     return static_cast<int>(dwTaken);
 }
 
@@ -189,18 +193,22 @@ BOOL CTlsSession::Receive_i() {
     CTlsCall& call = *m_pCall;
     if (m_bCut || !std::exchange(call.m_bMayReceive, false))
         return FALSE;
-    DWORD dwRoom = call.m_dwReadSize;
-    char* pRoom = call.m_pBuffers->m_Received.GetRoom(dwRoom);
-    const int nReceived = m_Socket.Recv_i(pRoom, dwRoom);
+    if (!m_pInput)
+        m_pInput = call.m_pBuffers->TakeInput(call.m_dwReadSize);
+    m_bCut = !m_pInput;
+    if (m_bCut) {
+        m_pFailure = "memory ran out";
+        return FALSE;
+    }
+    const DWORD dwRoom = std::min(call.m_dwReadSize, m_pInput->m_dwRoom);
+    const int nReceived = m_Socket.Recv_i(m_pInput->m_pBytes.get(), dwRoom);
     call.m_bReceived = true;
     m_bCut = nReceived <= 0 && nReceived != WOULD_BLOCK;
     call.m_bDry = nReceived < static_cast<int>(dwRoom) && !m_Socket.HasReadAhead_i() && (nReceived <= 0 || !m_bBehind);
-    if (nReceived <= 0)
-        return FALSE;
-    call.m_pInput = pRoom;
-    call.m_dwInput = static_cast<DWORD>(nReceived);
-    m_dwReceived += m_bUp ? 0 : call.m_dwInput;
-    return TRUE;
+    m_pInput->m_dwBegin = 0;
+    m_pInput->m_dwEnd = nReceived > 0 ? static_cast<DWORD>(nReceived) : 0;
+    m_dwReceived += m_bUp ? 0 : GetInput();
+    return nReceived > 0;
 }
 
 // Takes all, so that OpenSSL never has to repeat a write; -1: memory ran out.
@@ -252,21 +260,20 @@ CTlsSession::EResult CTlsSession::Handshake() {
             result = Fail_i("the handshake is too long");
     }
     const EResult sent = SendSealed_i();
+    PutBack_i();
     if (sent == FAILED || result == WANT_READ || result == FAILED)
         return sent == FAILED ? FAILED : result;
     if (result == ENDED)
         return Fail_i("the peer has ended the handshake");
     m_bUp = true;
     ClearErrors();
-    if (!PutBack_i())
-        throw std::bad_alloc();
     return sent;
 }
 
-// What this call has received and not decrypted is for the next one.
-BOOL CTlsSession::PutBack_i() {
-    const DWORD dwRest = std::exchange(m_pCall->m_dwInput, 0);
-    return dwRest == 0 || m_Socket.UnRecv_i(m_pCall->m_pInput, dwRest) == CM_OK;
+// What this call has received and not decrypted is for the next one, unless there is none.
+void CTlsSession::PutBack_i() {
+    if (GetInput() == 0 || m_bFailed || m_bPeerEnded)
+        m_pCall->m_pBuffers->GiveBack(std::move(m_pInput));
 }
 
 CTlsSession::EResult CTlsSession::Read(char* aBuf, DWORD aLen, DWORD& aRead, BOOL& aMore) {
@@ -287,31 +294,31 @@ CTlsSession::EResult CTlsSession::Read(char* aBuf, DWORD aLen, DWORD& aRead, BOO
     EResult result = WANT_READ;
     for (int i = 0; i < MOST_READS && aRead == 0 && result == WANT_READ && !call.m_bDry; ++i)
         result = ReadSome_i(aBuf, std::min(aLen, RECORD), aRead);
-    if (result != ENDED && result != FAILED && !PutBack_i())
-        result = Fail_i("memory ran out");
     SendSealed_i();
+    PutBack_i();
     m_bAnswersWait = HasTooManyAnswers_i();
     m_bBehind = call.m_bReceived ? !call.m_bDry : m_bBehind;
-    const BOOL bHeld = m_bBehind || GetHeld() > 0 || m_Socket.HasReadAhead_i();
+    const BOOL bHeld = m_bBehind || GetHeld() > 0 || GetInput() > 0;
     aMore = result == ENDED || m_bFailed || (bHeld && !m_bAnswersWait);
     if (aRead > 0)
         return DONE;  // an end or a failure comes with the next call
     return m_bFailed ? FAILED : result;
 }
 
-// One read of the socket, and all that can be decrypted then. If aBuf is full, OpenSSL takes one record more, or its
-// beginning, so that nothing has to be put back as a rule.
+// All that can be decrypted of the input, or of one read of the socket if there is none. If aBuf is full, OpenSSL takes one
+// record more, or its beginning.
 CTlsSession::EResult CTlsSession::ReadSome_i(char* aBuf, DWORD aLen, DWORD& aRead) {
-    m_pCall->m_bMayReceive = true;
+    m_pCall->m_bMayReceive = GetInput() == 0;
     while (aRead < aLen) {
         ClearErrors();
         const int nRead = SSL_read(m_pSsl, aBuf + aRead, static_cast<int>(aLen - aRead));
         if (nRead <= 0)
             return Outcome_i(nRead);
         aRead += static_cast<DWORD>(nRead);
+        if (GetInput() == 0 && GetHeld() == 0)
+            return DONE;
     }
-    if (m_pCall->m_dwInput == 0)
-        return DONE;
+    ClearErrors();
     const int nRv = SSL_read(m_pSsl, aBuf, 0);
     return nRv < 0 ? Outcome_i(nRv) : DONE;
 }
@@ -328,24 +335,24 @@ CTlsSession::EResult CTlsSession::Write(const iovec* aPieces, DWORD aCount, DWOR
         return WANT_WRITE;
     CTlsPieces pieces(aPieces, aCount);
     while (result == DONE && !pieces.IsEmpty()) {
-        result = SealSome_i(pieces, aTaken);
+        DWORD dwSealed = 0;
+        result = SealSome_i(pieces, dwSealed);
         const EResult sent = SendSealed_i();
+        aTaken += sent == FAILED ? 0 : dwSealed;
         result = result == DONE ? sent : result;
     }
     return result;
 }
 
 // For one system call.
-CTlsSession::EResult CTlsSession::SealSome_i(CTlsPieces& aPieces, DWORD& aTaken) {
-    size_t stSealed = 0;
-    while (!aPieces.IsEmpty() && stSealed + RECORD <= MOST_SEALED) {
+CTlsSession::EResult CTlsSession::SealSome_i(CTlsPieces& aPieces, DWORD& aSealed) {
+    while (!aPieces.IsEmpty() && aSealed + RECORD <= MOST_SEALED) {
         const std::string_view data = aPieces.Take(m_pCall->m_pBuffers->m_Record, RECORD);
         ClearErrors();
         const int nSealed = SSL_write(m_pSsl, data.data(), static_cast<int>(data.size()));
         if (nSealed <= 0)
             return Outcome_i(nSealed) == FAILED ? FAILED : Fail_i("TLS took no data");
-        stSealed += data.size();
-        aTaken += static_cast<DWORD>(data.size());
+        aSealed += static_cast<DWORD>(data.size());
     }
     return DONE;
 }

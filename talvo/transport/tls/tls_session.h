@@ -14,6 +14,7 @@ namespace talvo {
 
 class CTlsCall;
 class CTlsPieces;
+struct CTlsInput;
 
 // The handshake, the records and the ends of one connection, client or server. It reads and writes the socket by Recv_i and
 // Send_i. Sealed bytes that the socket refuses are kept and leave before anything new is sealed. In the thread of the
@@ -43,7 +44,7 @@ public:
     BOOL UseAlpn(const std::vector<unsigned char>& aList);
     const std::vector<unsigned char>& GetAlpn() const { return m_Alpn; }  // of a server
 
-    // DONE: complete, and all of it has been sent. Bytes behind it go back by UnRecv_i. Throws std::bad_alloc.
+    // DONE: complete, and all of it has been sent. Throws std::bad_alloc.
     EResult Handshake();
     // The handshake is complete. Without it there is neither Read nor Write.
     BOOL IsUp() const { return m_bUp; }
@@ -54,6 +55,8 @@ public:
     EResult Read(char* aBuf, DWORD aLen, DWORD& aRead, BOOL& aMore);
     // Decrypted bytes that Read returns without the socket.
     DWORD GetHeld() const;
+    // Bytes that have left the socket, but not OpenSSL: the next Read looks at them without the socket.
+    DWORD GetInput() const;
     // The beginning of a record, or more, has left the socket.
     BOOL HasBegunRecord() const;
 
@@ -76,9 +79,9 @@ public:
     // The peer has gone: its answers are dropped instead.
     void DropAnswers();
 
-    BOOL HasPeerEnded() const { return m_bPeerEnded; }              // close_notify has arrived
-    BOOL IsBroken() const { return m_bFailed && !m_bCut; }          // a record was wrong, or an alert has arrived
-    BOOL IsUnverified() const { return m_pUnverified != nullptr; }  // for the peer's certificate
+    BOOL HasPeerEnded() const { return m_bPeerEnded; }      // close_notify has arrived
+    BOOL IsBroken() const { return m_bFailed && !m_bCut; }  // a record was wrong, or an alert has arrived
+    BOOL IsUnverified() const;                              // the peer's certificate was refused
     BOOL IsVerified() const;
     // "certificate has expired", "unexpected eof while reading". Static.
     const char* GetFailureText() const;
@@ -97,12 +100,12 @@ private:
     EResult ReadSome_i(char* aBuf, DWORD aLen, DWORD& aRead);
     EResult Outcome_i(int aReturned);
     EResult Fail_i(const char* aText);
-    BOOL PutBack_i();
+    void PutBack_i();
     EResult SendSealed_i();
     EResult SendKept_i();
     EResult SendFailed_i();
     BOOL Keep_i(const char* aData, size_t aLen);
-    EResult SealSome_i(CTlsPieces& aPieces, DWORD& aTaken);
+    EResult SealSome_i(CTlsPieces& aPieces, DWORD& aSealed);
     void DropKept_i();
     DWORD GetAnswers_i() const;
     BOOL HasTooManyAnswers_i() const;
@@ -112,13 +115,14 @@ private:
     ssl_st* const m_pSsl;
     std::vector<unsigned char> m_Alpn;           // empty: the context's
     CTlsCall* m_pCall = nullptr;                 // under way
+    std::unique_ptr<CTlsInput> m_pInput;         // of this call, or left by the last one; null: none
     std::unique_ptr<std::vector<char>> m_pKept;  // sealed, for the socket; null: none
     size_t m_stKeptSent = 0;
     DWORD m_dwAnswers = 0;   // bytes at the end of m_pKept that Read has sealed, sent ones included
     DWORD m_dwReceived = 0;  // by the handshake
     int m_nSendErrno = 0;
     const char* m_pFailure = nullptr;     // null: none
-    const char* m_pUnverified = nullptr;  // null: the certificate is good, or was not checked
+    const char* m_pUnverified = nullptr;  // the fault of the peer's certificate; null: none
     bool m_bUp = false;
     bool m_bBehind = false;      // the last Read has ended before the socket was dry
     bool m_bCut = false;         // the socket has ended or failed

@@ -78,7 +78,10 @@ int CCmTransportSsl::Ended_i(CTlsSession::EResult aResult) {
     return -1;
 }
 
-DWORD CCmTransportSsl::GetHeld_i() const { return CCmTransportTcp::GetHeld_i() + (m_pSession ? m_pSession->GetHeld() : 0); }
+DWORD CCmTransportSsl::GetHeld_i() const {
+    const DWORD dwSession = m_pSession ? m_pSession->GetHeld() + m_pSession->GetInput() : 0;
+    return CCmTransportTcp::GetHeld_i() + dwSession;
+}
 
 void CCmTransportSsl::NoteEnd_i() {
     static constexpr CWayToFail CUT = {CM_FAILURE_PROTOCOL, "the stream has ended without close_notify", "receive from"};

@@ -49,6 +49,7 @@ protected:
     void OnReferenceDestory() override;
 
     int Read_i(char* aBuf, DWORD aLen, BOOL& aMore) override;
+    BOOL IsDry_i(DWORD, DWORD) const override { return TRUE; }  // Read_i has asked for more otherwise
     DWORD GetHeld_i() const override;
     void NoteEnd_i() override;
     int Write_i(const iovec* aPieces, DWORD aCount) override;
