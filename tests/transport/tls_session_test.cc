@@ -10,9 +10,9 @@ namespace {
 // An open transport and a peer behind their handshake.
 class TlsSessionTest : public testing::Test {
 protected:
-    void Shake(BOOL aServer, int aVersion) {
+    void Shake(BOOL aServer, int aVersion, std::pair<CTestFd, CTestFd> aSockets = MakeTcpPair()) {
         m_pTransport.Reset();
-        auto [fdOurs, fdPeer] = MakeTcpPair();
+        auto [fdOurs, fdPeer] = std::move(aSockets);
         m_pTransport = new CCmTransportSsl(&m_Main.GetReactor(), CM_TRANSPORT_TYPE_TLS);
         m_pTransport->GetPeer().SetHandle(dup(fdOurs.Get()));
         m_pPeer = std::make_unique<CTlsPeer>(std::move(fdPeer), !aServer, aVersion);
@@ -43,6 +43,146 @@ protected:
     CCmRefPtrT<CCmTransportSsl> m_pTransport;
     std::unique_ptr<CTlsPeer> m_pPeer;
 };
+
+// Data before it is delivered, and the peer learns of what is wrong.
+TEST_F(TlsSessionTest, EachEndHasItsReason) {
+    enum { GARBAGE, CHANGED, ALERT };
+    for (const int nVersion : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        for (const int nEnd : {GARBAGE, CHANGED, ALERT}) {
+            Shake(nVersion == TLS1_2_VERSION, nVersion);
+            CTestSink sink(*m_pTransport);
+            m_pPeer->Seal("good");
+            m_pPeer->Send(0);
+            const size_t stGood = m_pPeer->m_strSealed.size();
+            if (nEnd == ALERT) {
+                const std::string strWrong = "\x17\x03\x03" + std::string("\0\x20", 2) + std::string(32, 'x');
+                BIO_write(SSL_get_rbio(m_pPeer->Get()), strWrong.data(), static_cast<int>(strWrong.size()));
+            } else {
+                SSL_shutdown(m_pPeer->Get());
+            }
+            m_pPeer->Receive();
+            m_pPeer->Send(0);
+            if (nEnd == CHANGED)
+                m_pPeer->m_strSealed[stGood + 6] ^= 1;
+            if (nEnd == GARBAGE)
+                m_pPeer->m_strSealed += Pattern(30000);
+            Until([&] { return sink.m_nDisconnects == 1 && (nEnd == ALERT || m_pPeer->HasEnd()); });
+            EXPECT_EQ(nEnd == GARBAGE ? "receive good, disconnect 20001" : "receive good, disconnect 20103", sink.Take());
+            EXPECT_EQ(nEnd == GARBAGE ? CM_FAILURE_NONE : CM_FAILURE_PROTOCOL,
+                      Get<CCmFailure>(*m_pTransport, CM_OPT_TRANSPORT_LAST_FAILURE).GetCause());
+        }
+    }
+}
+
+TEST_F(TlsSessionTest, AnswersThatNobodyReadsStopReading) {
+    for (const BOOL bEnds : {FALSE, TRUE}) {
+        Shake(bEnds, TLS1_3_VERSION, MakeSocketPair());
+        CTestSink sink(*m_pTransport);
+        while (m_pPeer->m_strSealed.size() < 50000) {
+            EXPECT_EQ(1, SSL_key_update(m_pPeer->Get(), SSL_KEY_UPDATE_REQUESTED));
+            SSL_do_handshake(m_pPeer->Get());
+            m_pPeer->Send();
+            m_Main.RunOnce();
+        }
+        EXPECT_TRUE(Session().WaitsForAnswers());
+        EXPECT_LE(Session().GetUnsent(), 16384u + 100u);
+        m_pPeer->Seal("all read");
+        if (bEnds)
+            shutdown(m_pPeer->Socket().Get(), SHUT_WR);
+        else
+            Until([&] { return sink.m_strReceived == "all read"; });
+        RunUntil(m_Main.GetReactor(), [&] { return sink.m_nDisconnects == bEnds; });
+    }
+}
+
+TEST_F(TlsSessionTest, ASendWaitsWhileATicketIsIncomplete) {
+    constexpr auto WRITE = [](SSL* aSsl, void*) {
+        return SSL_SESSION_set1_ticket_appdata(SSL_get_session(aSsl), std::string(2000, 't').data(), 2000);
+    };
+    Shake(FALSE, TLS1_3_VERSION, MakeSocketPair());
+    CTestSink sink(*m_pTransport);
+    SSL_CTX_set_session_ticket_cb(SSL_get_SSL_CTX(m_pPeer->Get()), WRITE, nullptr, nullptr);
+    SSL_set_max_send_fragment(m_pPeer->Get(), 512);
+    EXPECT_EQ(1, SSL_new_session_ticket(m_pPeer->Get()));
+    SSL_do_handshake(m_pPeer->Get());
+    while (m_pPeer->m_strSealed.size() != 1) {
+        m_pPeer->Send(0);
+        m_pPeer->Send(m_pPeer->m_strSealed.size() - 1);
+        m_Main.RunOnce();
+    }
+    RunUntil(m_Main.GetReactor(), [&] { return !Session().CanSeal(); });
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(CM_ERROR_PARTIAL_DATA, SendText(*m_pTransport, "too early"));
+        m_Main.RunOnce();
+    }
+    EXPECT_EQ("", sink.Take());
+    Until([&] { return sink.m_nSends == 1; });
+    EXPECT_EQ(CM_OK, SendText(*m_pTransport, "now"));
+    Until([&] { return m_pPeer->m_strReceived == "now"; });
+}
+
+TEST_F(TlsSessionTest, TheUserEndsItInsideEachUpcall) {
+    enum { RELEASE, DISCONNECT, SEND_AND_RELEASE };
+    for (const int nEnd : {RELEASE, DISCONNECT, SEND_AND_RELEASE}) {
+        for (const auto upcall : {&CTestSink::m_Receive, &CTestSink::m_Send, &CTestSink::m_Disconnect}) {
+            Shake(nEnd == RELEASE, TLS1_3_VERSION);
+            CTestSink sink;
+            std::string strTaken;
+            const auto fill = [&] {
+                CCmTransportParameter para;
+                for (CmResult rv = CM_OK; rv == CM_OK; strTaken.append(para.m_dwHaveSent, 'f'))
+                    rv = SendText(*m_pTransport, std::string(60000, 'f'), &para);
+            };
+            sink.*upcall = [&] {
+                if (nEnd == SEND_AND_RELEASE && upcall != &CTestSink::m_Disconnect)
+                    fill();
+                nEnd == DISCONNECT ? void(m_pTransport->Disconnect(CM_OK)) : m_pTransport.Reset();
+            };
+            EXPECT_EQ(CM_OK, m_pTransport->OpenWithSink(&sink));
+            if (upcall == &CTestSink::m_Receive)
+                m_pPeer->Seal(Pattern(40000));
+            else if (upcall == &CTestSink::m_Send)
+                fill();
+            else
+                SSL_shutdown(m_pPeer->Get());
+            Until([&] { return m_pPeer->HasEnd(); });
+            EXPECT_EQ(strTaken, m_pPeer->m_strReceived);
+            EXPECT_EQ(1, sink.Upcalls());
+        }
+    }
+}
+
+// A log that is sent over TLS. The line comes while OpenSSL reads, and has sealed answers already.
+TEST_F(TlsSessionTest, ALineOfTheTraceIsSentFromInsideACall) {
+    class CLog : public ICmTraceSink {
+    public:
+        void OnTrace(DWORD, const char*, std::string_view) override { m_Line(); }
+        std::function<void()> m_Line;
+    } log;
+    Shake(FALSE, TLS1_3_VERSION, MakeSocketPair());
+    const auto pLog = m_pTransport;
+    const auto pReader = std::move(m_pPeer);
+    CTestSink logSink(*pLog);
+    Shake(FALSE, TLS1_3_VERSION, MakeSocketPair());
+    CTestSink sink(*m_pTransport);
+    std::string strLog;
+    log.m_Line = [&] {
+        EXPECT_EQ(CM_OK, SendText(*pLog, "line "));
+        SendText(*m_pTransport, "of the session in the call");
+        strLog += "line ";
+    };
+    CCmTrace::SetSink(&log);
+    CCmTrace::Enable(TRUE);
+    EXPECT_EQ(1, SSL_key_update(m_pPeer->Get(), SSL_KEY_UPDATE_REQUESTED));
+    SSL_do_handshake(m_pPeer->Get());
+    m_pPeer->Send();
+    shutdown(m_pPeer->Socket().Get(), SHUT_RDWR);
+    RunUntil(m_Main.GetReactor(), [&] { return sink.m_nDisconnects == 1; });
+    CCmTrace::Enable(FALSE);
+    CCmTrace::SetSink(nullptr);
+    EXPECT_NE("", strLog);
+    RunUntil(m_Main.GetReactor(), [&] { return (pReader->Receive(), pReader->m_strReceived == strLog); });
+}
 
 // Random traffic in both directions, compared with strings.
 class TlsWalkTest : public TlsSessionTest {
