@@ -250,7 +250,8 @@ protected:
         EXPECT_EQ(para.m_dwHaveSent == strText.size() ? CM_OK : CM_ERROR_PARTIAL_DATA, rv);
         m_strTaken += strText.substr(0, para.m_dwHaveSent);
         m_bOwed = m_bOwed || rv != CM_OK;
-        EXPECT_LE(Session().GetUnsent(), 65536u + 16384u + 16384u + 1000u);
+        EXPECT_LE(Session().GetUnsent(), 65536u + 16384u + 1000u);
+        EXPECT_GE(Get<DWORD>(*m_pTransport, CM_OPT_TRANSPORT_UNACKNOWLEDGED), Session().GetUnsent());
     }
     void End(EEnd aEnd, CTestSink& aSink) {
         if (aEnd == WE_DISCONNECT || aEnd == WE_END_SENDING) {
@@ -266,14 +267,21 @@ protected:
         }
         if (aEnd == WE_DISCONNECT)
             return;
-        m_pPeer->Seal("last");
+        Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, BOOL{Pick(2) == 1 && aEnd != WE_END_SENDING});
+        m_strSealed += Pattern(Pick(100000));
+        m_pPeer->Seal(m_strSealed.substr(aSink.m_strReceived.size()));
         if (aEnd != PEER_CUTS)
             SSL_shutdown(m_pPeer->Get());
-        m_pPeer->Send();
+        do {
+            m_pPeer->Send();
+            m_Main.RunOnce();
+        } while (!m_pPeer->m_strSealed.empty() || Pick(3) > 0);
         shutdown(m_pPeer->Socket().Get(), SHUT_WR);
+        m_Main.RunOnce();
+        Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
         const int nEmpty = m_bTold && aEnd != PEER_CUTS ? 1 : 0;
         const int nDisconnects = aEnd == PEER_ENDS && m_bTold ? 0 : 1;
-        Until([&] { return aSink.m_nDisconnects == nDisconnects && aSink.m_strReceived == m_strSealed + "last"; });
+        Until([&] { return aSink.m_nDisconnects == nDisconnects && aSink.m_strReceived == m_strSealed; });
         Until([&] { return std::count(aSink.m_Received.begin(), aSink.m_Received.end(), "") == nEmpty; });
         EXPECT_EQ(nDisconnects == 0   ? CM_OK
                   : aEnd == PEER_CUTS ? CM_ERROR_NETWORK_TLS_CUT

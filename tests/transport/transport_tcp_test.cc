@@ -28,13 +28,11 @@ class TransportTcpTest : public testing::Test {
 protected:
     void SetUp() override {
         auto [fdOurs, fdPeer] = MakeTcpPair();
-        m_pTransport = Make();
+        m_pTransport = new CCmTransportTcp(&m_Main.GetReactor());
         m_pTransport->GetPeer().SetHandle(dup(fdOurs.Get()));
         m_fdPeer = std::move(fdPeer);
         Set(*m_pTransport, CM_OPT_TRANSPORT_SNDBUF, 65535);  // small, so that it is full soon
     }
-    using CRefTransport = CCmRefPtrT<CCmTransportTcp>;
-    virtual CRefTransport Make() { return new CCmTransportTcp(&m_Main.GetReactor()); }
     void Open() { EXPECT_EQ(CM_OK, m_pTransport->OpenWithSink(&m_Sink)); }
     template <class Condition>
     void Until(Condition aCondition) const {
@@ -66,90 +64,8 @@ protected:
 
     CMainThread m_Main;
     CTestSink m_Sink;
-    CRefTransport m_pTransport;
+    CCmRefPtrT<CCmTransportTcp> m_pTransport;
     CTestFd m_fdPeer;
-};
-
-// Sets the high bit of each byte that it sends; a byte 0 is the end. Reads at most a hundred bytes at a time.
-class CMarkTransport : public CCmTransportTcp {
-public:
-    using CCmTransportTcp::CCmTransportTcp;
-
-    static inline const std::string END = std::string(1, '\0');
-    // Encodes a text, and decodes it again.
-    static std::string Flip(std::string aText) {
-        for (char& c : aText)
-            c = static_cast<char>(c ^ 0x80);
-        return aText;
-    }
-
-protected:
-    int Read_i(char* aBuf, DWORD, BOOL& aMore) override {
-        if (m_strIn.empty()) {
-            char raw[1000];
-            const int nRecv = Recv_i(raw, sizeof raw);
-            if (nRecv == 0)
-                NoteEnd_i();
-            if (nRecv <= 0)
-                return nRecv == 0 ? -1 : nRecv;
-            m_strIn.assign(raw, static_cast<size_t>(nRecv));
-        }
-        aMore = TRUE;
-        if (m_strIn == END)
-            return IsEndTold_i() ? 0 : -1;
-        const std::string strText = Flip(m_strIn.substr(0, std::min(100u, GetHeld_i())));
-        m_strIn.erase(0, strText.size());
-        return static_cast<int>(strText.copy(aBuf, 100));
-    }
-    DWORD GetHeld_i() const override { return static_cast<DWORD>(std::min(m_strIn.size(), m_strIn.find('\0'))); }
-    void NoteEnd_i() override {
-        static constexpr CWayToFail CUT = {CM_FAILURE_PROTOCOL, "cut off", "receive from"};
-        if (m_strIn != END)
-            NoteFailure_i(CUT);
-    }
-    int Write_i(const iovec* aPieces, DWORD aCount) override {
-        CmResult rv = Flush_i(FALSE);
-        int nTaken = 0;
-        for (DWORD i = 0; i < aCount && rv == CM_OK; ++i) {
-            m_strOut = Flip({static_cast<const char*>(aPieces[i].iov_base), aPieces[i].iov_len});
-            nTaken += static_cast<int>(m_strOut.size());
-            rv = Flush_i(FALSE);
-        }
-        if (rv == CM_ERROR_PARTIAL_DATA)
-            WaitForRoom_i();
-        errno = EAGAIN;
-        return nTaken > 0 ? nTaken : -1;
-    }
-    CmResult Flush_i(BOOL aEnd) override {
-        EXPECT_FALSE(aEnd && m_bEnded && m_strOut.empty()) << "all has gone";
-        if (aEnd && !std::exchange(m_bEnded, TRUE))
-            m_strOut += END;
-        while (!m_strOut.empty()) {
-            const int nSent = Send_i(m_strOut.data(), static_cast<DWORD>(m_strOut.size()));
-            if (nSent <= 0)
-                return nSent == 0 ? CM_ERROR_PARTIAL_DATA : CM_ERROR_NETWORK_SOCKET_ERROR;
-            m_strOut.erase(0, static_cast<size_t>(nSent));
-        }
-        return CM_OK;
-    }
-    DWORD GetUnsent_i() const override { return static_cast<DWORD>(m_strOut.size()); }
-    CCmChainPtr TakeUnsent_i() override {
-        const std::string strOut = std::exchange(m_strOut, "");
-        return CCmChainPtr(ViewOf(strOut).DuplicateChained());
-    }
-
-private:
-    std::string m_strIn, m_strOut;
-    BOOL m_bEnded = FALSE;
-};
-
-class LayerTest : public TransportTcpTest {
-protected:
-    CRefTransport Make() override { return new CMarkTransport(&m_Main.GetReactor()); }
-    ECmFailureCause Cause() { return Get<CCmFailure>(*m_pTransport, CM_OPT_TRANSPORT_LAST_FAILURE).GetCause(); }
-
-    const std::string m_strText = std::string(50, 'a') + std::string(50, 'b'), m_strRaw = CMarkTransport::Flip(m_strText);
-    const std::string m_strEnd = CMarkTransport::END;
 };
 
 }  // namespace
@@ -329,76 +245,4 @@ TEST_F(TransportTcpTest, DetachedSocketStaysOpenAndSilent) {
     EXPECT_EQ(0, m_Sink.Upcalls());
     owned.Write("y");
     EXPECT_EQ("y", PeerReads(1));
-}
-
-// Behind the first part of a burst that has left the socket. The socket has nothing more to report when the pause ends, then
-// it has the end besides, and then the end of both sides.
-TEST_F(LayerTest, WhatALayerHoldsComesBehindThePauseAndBeforeTheEnd) {
-    for (const std::string& strRest : {std::string(), m_strEnd}) {
-        for (int nEnds = 0; nEnds < 3; ++nEnds) {
-            SetUp();
-            CTestSink sink;
-            sink.m_Receive = [&] { Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, BOOL{sink.m_nReceives == 1}); };
-            EXPECT_EQ(CM_OK, m_pTransport->OpenWithSink(&sink));
-            m_fdPeer.Write(m_strRaw + m_strRaw + m_strRaw + (nEnds > 0 ? strRest : ""));
-            Until([&] { return sink.m_nReceives == 1; });
-            if (nEnds == 2) {
-                Set(*m_pTransport, CM_OPT_TRANSPORT_END_SENDING, TRUE);
-                EXPECT_EQ(m_strEnd, PeerReads(1));
-            }
-            if (nEnds > 0)
-                m_fdPeer.Close();
-            Settle();
-            EXPECT_EQ("receive " + m_strText, sink.Take());
-            EXPECT_TRUE(Get<BOOL>(*m_pTransport, CM_OPT_TRANSPORT_SOCK_ALIVE));
-            EXPECT_EQ(200, Get<int>(*m_pTransport, CM_OPT_TRANSPORT_FIO_NREAD));
-            Set(*m_pTransport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
-            Until([&] { return sink.Upcalls() == (nEnds > 0 ? 4 : 3); });
-            EXPECT_EQ("receive " + m_strText + m_strText + (nEnds > 0 ? ", disconnect 20001" : ""), sink.Take());
-            EXPECT_EQ(nEnds == 0 || strRest == m_strEnd ? CM_FAILURE_NONE : CM_FAILURE_PROTOCOL, Cause());
-        }
-    }
-}
-
-// Without the end of the socket, and told of where it is asked for.
-TEST_F(LayerTest, TheEndOfALayerIsThePeersEnd) {
-    for (const BOOL bTold : {FALSE, TRUE}) {
-        SetUp();
-        Set(*m_pTransport, CM_OPT_TRANSPORT_TELL_END, bTold);
-        CTestSink sink(*m_pTransport);
-        m_fdPeer.Write(m_strRaw + m_strEnd);
-        Until([&] { return sink.m_strReceived == m_strText; });
-        Settle();
-        EXPECT_EQ("receive " + m_strText + (bTold ? "" : ", disconnect 20001"), sink.Take());
-        EXPECT_EQ(bTold, SendText(*m_pTransport, "answer") == CM_OK);
-    }
-    EXPECT_EQ(CMarkTransport::Flip("answer"), PeerReads(6));
-}
-
-TEST_F(LayerTest, WhatALayerHasTakenGoesOutByItself) {
-    enum { GOES_ON, ENDS_SENDING, DISCONNECTS };
-    for (const int nEnd : {GOES_ON, ENDS_SENDING, DISCONNECTS}) {
-        SetUp();
-        CTestSink sink(*m_pTransport);
-        const DWORD dwTaken = Fill();
-        int nQueued = 0;
-        EXPECT_EQ(0, m_pTransport->GetPeer().Control(TIOCOUTQ, &nQueued));
-        EXPECT_GT(Get<int>(*m_pTransport, CM_OPT_TRANSPORT_UNACKNOWLEDGED), nQueued);
-        if (nEnd == ENDS_SENDING) {
-            Set(*m_pTransport, CM_OPT_TRANSPORT_END_SENDING, TRUE);
-            EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, SendText(*m_pTransport, "late"));
-        }
-        if (nEnd == DISCONNECTS)
-            m_pTransport->Disconnect(CM_OK);
-        std::string strRaw;
-        Until([&] { return ReadToEnd(m_fdPeer, strRaw) || (nEnd == GOES_ON && strRaw.size() == dwTaken); });
-        EXPECT_EQ(nEnd != GOES_ON, strRaw.ends_with('\0'));
-        EXPECT_EQ(std::string(dwTaken, 'f'), CMarkTransport::Flip(strRaw.substr(0, dwTaken)));
-        BOOL bEnd = FALSE;
-        EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pTransport->SetOption(CM_OPT_TRANSPORT_END_SENDING, &bEnd));
-        if (nEnd == ENDS_SENDING)
-            Set(*m_pTransport, CM_OPT_TRANSPORT_END_SENDING, TRUE);
-        Settle();
-        EXPECT_EQ(nEnd == DISCONNECTS ? "" : "send", sink.Take());
-    }
 }
