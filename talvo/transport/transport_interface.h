@@ -113,7 +113,7 @@ enum ECmConnectOption : DWORD {
     CM_OPT_CONNECT_SSL_CONTEXT = 161,
     // get, set CCmString: connectors of TLS only. The name that the server's certificate must have, also sent to it. "", the
     // default: the given name of the address, or else the address; a path then has none, and the attempt fails with
-    // CM_ERROR_INVALID_ARG. CM_ERROR_INVALID_ARG: more than 255 bytes, a NUL, or a dot at the front.
+    // CM_ERROR_INVALID_ARG. CM_ERROR_INVALID_ARG: more than 255 bytes, a NUL, "*", or a dot at the front.
     CM_OPT_CONNECT_SERVER_NAME = 162,
     // get CCmFailure: the failure of a connector's last attempt, inside its indication and until the next AsycConnect; the
     // failure of an acceptor's last StartListen. CM_FAILURE_NONE: no failure. A thread proxy answers without waiting.

@@ -112,7 +112,7 @@ TEST(TcpSettingsTest, AProxyPassesEachValueOnceAndFailsARequestWithTheRefusalOfI
     EXPECT_EQ(reasons, sink.m_Reasons);
     EXPECT_EQ((std::vector<CCmString>{"one", "bad", "bad", "two"}), CNamed::s_Names);
     EXPECT_EQ("two", Get<CCmString>(options, CM_OPT_CONNECT_SERVER_NAME));
-    for (CCmString strBad : {CCmString(256, 'a'), CCmString("a\0b", 3), CCmString(".below")})
+    for (CCmString strBad : {CCmString(256, 'a'), CCmString("a\0b", 3), CCmString(".below"), CCmString("a*.b.c")})
         EXPECT_EQ(CM_ERROR_INVALID_ARG, options.SetOption(CM_OPT_CONNECT_SERVER_NAME, &strBad));
     cm_offer_base_type(TYPE, {});
 }

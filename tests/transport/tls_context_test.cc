@@ -185,9 +185,13 @@ TEST_F(TlsContextTest, RefusedSettingsHaveAResultAndALineWithoutSecrets) {
     };
     const auto wrong = [] { return "wrong-phrase"; };
     const auto throwing = []() -> CCmString { throw std::runtime_error("no phrase"); };
-    const CmResult missing[] = {context.SetTrust(strNone.c_str()), context.SetTrust(nullptr, strBad.c_str()),
-                                own(strNone, strLocked),           context.SetRevocationLists(strNone.c_str()),
-                                own(strServer, strNone),           context.SetKeyLog((strNone + "/log").c_str())};
+    const CmResult missing[] = {context.SetTrust(strNone.c_str()),
+                                context.SetTrust(nullptr, strBad.c_str()),
+                                own(strNone, strLocked),
+                                context.SetRevocationLists(strNone.c_str()),
+                                own(strServer, strNone),
+                                context.SetKeyLog((strNone + "/log").c_str()),
+                                context.SetTrust("")};
     const CmResult invalid[] = {context.SetTrust(strBad.c_str()),
                                 context.SetRevocationLists(strServer.c_str()),
                                 context.AddCertificate(strServer.c_str(), nullptr),

@@ -16,7 +16,7 @@ CCmString AsGiven(const CCmString& aName, const CCmInetAddr& aAddr) {
 }  // namespace
 
 BOOL IsServerName(const CCmString& aName) {
-    return aName.size() <= LONGEST && !aName.starts_with('.') && aName.find('\0') == CCmString::npos;
+    return aName.size() <= LONGEST && !aName.starts_with('.') && aName.find_first_of(CCmString("\0*", 2)) == CCmString::npos;
 }
 
 CCmString ServerNameOf(const CCmString& aName, const CCmInetAddr& aAddr) {

@@ -5,8 +5,8 @@
 
 namespace talvo {
 
-// The valid values of CM_OPT_CONNECT_SERVER_NAME: "", or at most 255 bytes without a NUL. A leading dot would accept the
-// certificate of every name below it.
+// The valid values of CM_OPT_CONNECT_SERVER_NAME: "", or at most 255 bytes without a NUL and "*". A leading dot would accept
+// the certificate of every name below it.
 BOOL IsServerName(const CCmString& aName);
 
 // The name to check and to send: aName; if it is "", the given name of aAddr; without one the address as text. An address has

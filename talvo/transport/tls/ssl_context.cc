@@ -141,6 +141,8 @@ CmResult CCmSslContext::SetTrust(const char* aFile, const char* aFolder) {
     });
     if (rv != CM_OK)
         return rv;
+    if (!(aFile && *aFile) && !(aFolder && *aFolder))
+        return Finish_i("SetTrust", {CM_ERROR_NOT_FOUND, {}, "the path is empty"});
     return Set_i("SetTrust", [&](CSslRecipe& aRecipe) {
         aRecipe.m_Trust = CSslRecipe::FILES;
         aRecipe.m_strTrustFile = aFile ? aFile : "";
