@@ -89,6 +89,45 @@ CCost TripsCost(const CTestNetwork& aNetwork, const CCmInetAddr& aAddr, const st
     return CCost(spent, aMessages, stAnswer);
 }
 
+// Connects, and sends a message again whenever it has come back.
+class CTrips : public ICmAcceptorConnectorSink, public ICmTransportSink {
+public:
+    CTrips(size_t aTrips, DWORD aSize) : m_strMessage(aSize, 'x'), m_stLeft(aTrips + WARM_UP) {}
+
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
+        ASSERT_EQ(CM_OK, aReason);
+        m_pTransport = aTrpt;
+        EXPECT_EQ(CM_OK, aTrpt->OpenWithSink(this));
+        EXPECT_EQ(CM_OK, SendText(*aTrpt, m_strMessage));
+    }
+    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter*) override {
+        m_stReceived += aData.GetChainedLength();
+        if (m_stReceived % m_strMessage.size() != 0)
+            return;
+        if (m_stReceived == WARM_UP * m_strMessage.size())
+            m_Before = CCounters::Now();
+        if (--m_stLeft > 0)
+            EXPECT_EQ(CM_OK, SendText(*aTrptId, m_strMessage));
+        else
+            m_Spent = CCounters::Now() - m_Before;
+    }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override {}
+    void OnDisconnect(CmResult, ICmTransport*) override {}
+
+    BOOL IsDone() const { return m_stLeft == 0; }
+    const CCounters& GetSpent() const { return m_Spent; }
+
+    CCmRefPtrT<ICmConnector> m_pConnector;
+    CCmRefPtrT<ICmTransport> m_pTransport;
+
+private:
+    static constexpr size_t WARM_UP = 100;  // lets all buffers reach their final size
+    const std::string m_strMessage;
+    std::atomic<size_t> m_stLeft;
+    size_t m_stReceived = 0;
+    CCounters m_Before, m_Spent;
+};
+
 // One end of a stream. Sends a given number of messages, and counts the received bytes.
 class CStreamEnd : public ICmTransportSink {
 public:
@@ -150,6 +189,30 @@ CCost EchoCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aMessages, 
         echo.m_pTransport.Reset();
     });
     return cost;
+}
+
+CCost TlsEchoCost(const CTestNetwork& aNetwork, CCmRefPtrT<CCmSslContext> aServer, CCmRefPtrT<CCmSslContext> aClient,
+                  size_t aMessages, DWORD aSize) {
+    CEcho echo;
+    CTrips trips(aMessages, aSize);
+    aNetwork.InNetwork([&] {
+        echo.m_pAcceptor = CTestNetwork::MakeAcceptor(CM_TRANSPORT_TYPE_TLS);
+        Set(*cm_get_connect_options(echo.m_pAcceptor.Get()), CM_OPT_CONNECT_SSL_CONTEXT, aServer);
+        EXPECT_EQ(CM_OK, echo.m_pAcceptor->StartListen(&echo, Loopback()));
+        CCmInetAddr addr;
+        EXPECT_EQ(CM_OK, echo.m_pAcceptor->GetListenAddr(addr));
+        trips.m_pConnector = CTestNetwork::MakeConnector(CM_TRANSPORT_TYPE_TLS);
+        Set(*cm_get_connect_options(trips.m_pConnector.Get()), CM_OPT_CONNECT_SSL_CONTEXT, aClient);
+        trips.m_pConnector->AsycConnect(&trips, addr);
+    });
+    aNetwork.RunUntil([&] { return trips.IsDone(); });
+    aNetwork.InNetwork([&] {
+        for (auto* pTransport : {&trips.m_pTransport, &echo.m_pTransport})
+            pTransport->Reset();
+        trips.m_pConnector.Reset();
+        echo.m_pAcceptor.Reset();
+    });
+    return CCost(trips.GetSpent(), aMessages, aSize);
 }
 
 CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages, const char* aPath) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "benchmarks/counts/counters.h"
+#include "talvo/transport/tls/ssl_context.h"
 #include "tests/support/network_fixture.h"
 
 // The average cost of one message.
@@ -17,6 +18,10 @@ struct CCost {
 // A message of aSize bytes from a plain socket and back, aMessages times, one at a time. The library's end is in the network
 // thread, or in the main thread behind a proxy. The plain socket's own system calls are not counted.
 CCost EchoCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aMessages, DWORD aSize);
+
+// The same over TLS, with the library at both ends, each in the network thread. OpenSSL's copies are counted, too.
+CCost TlsEchoCost(const CTestNetwork& aNetwork, CCmRefPtrT<CCmSslContext> aServer, CCmRefPtrT<CCmSslContext> aClient,
+                  size_t aMessages, DWORD aSize);
 
 // An HTTP/1.1 request from a plain socket and its answer, aMessages times on one connection, one at a time. The server is in
 // the network thread; with a path, on a Unix socket. Copies are counted for each byte of the answer.

@@ -1,33 +1,45 @@
 // Loads an echo server on 127.0.0.1 and prints the results as JSON: "rate" (messages per second), "p50_us" to "p9999_us",
 // "messages", "errors". With --pid also "cpu_ns", the cost of a message to that process, and "kib_per_connection", the growth
-// of its resident memory until it had answered once on each connection. In the warm-up only errors count.
+// of its resident memory until it had answered once on each connection. In the warm-up only errors count. With --handshakes a
+// message is a connection to any server of TLS: connect, handshake, close.
 #include <getopt.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 #include <utility>
 
 #include "benchmarks/echo/load_client.h"
 #include "benchmarks/support/report.h"
 #include "benchmarks/support/system.h"
+#include "benchmarks/tls/handshakes.h"
 
 namespace {
 
 constexpr const char* USAGE =
     "usage: bench_load --port PORT [--connections N] [--size BYTES] [--in-flight N] [--seconds S] [--messages N]\n"
-    "                  [--warm-up S] [--reconnect] [--busy N] [--pid SERVER]\n"
+    "                  [--warm-up S] [--reconnect] [--busy N] [--pid SERVER] [--tls] [--handshakes full|resumed]\n"
     "ends after --seconds (default 1) or --messages, whichever comes first\n";
 
 constexpr std::pair<const char*, double> PERCENTILES[] = {
     {"p50_us", 0.5}, {"p90_us", 0.9}, {"p99_us", 0.99}, {"p999_us", 0.999}, {"p9999_us", 0.9999}};
 
+enum EKind { TCP, TLS, FULL_HANDSHAKES, RESUMED_HANDSHAKES };
+
 struct CArguments {
     CLoadSettings m_Load;
+    EKind m_Kind = TCP;
     double m_dSeconds = 1;
     double m_dWarmUp = 0.2;
     uint64_t m_ullMessages = 0;
     pid_t m_Server = 0;
 };
+
+bool TakeHandshakes(CArguments& aArguments, std::string_view aText) {
+    aArguments.m_Load.m_bReconnect = true;
+    aArguments.m_Kind = aText == "full" ? FULL_HANDSHAKES : RESUMED_HANDSHAKES;
+    return aText == "full" || aText == "resumed";
+}
 
 bool Take(CArguments& aArguments, int aOption, const char* aText) {
     const double dValue = aText ? std::atof(aText) : 1;
@@ -62,6 +74,11 @@ bool Take(CArguments& aArguments, int aOption, const char* aText) {
     case 'i':
         aArguments.m_Server = static_cast<pid_t>(dValue);
         break;
+    case 't':
+        aArguments.m_Kind = TLS;
+        break;
+    case 'h':
+        return TakeHandshakes(aArguments, aText);
     default:
         return false;
     }
@@ -79,6 +96,8 @@ CArguments Parse(int aArgc, char** aArgv) {
                                        {"reconnect", no_argument, nullptr, 'r'},
                                        {"busy", required_argument, nullptr, 'b'},
                                        {"pid", required_argument, nullptr, 'i'},
+                                       {"tls", no_argument, nullptr, 't'},
+                                       {"handshakes", required_argument, nullptr, 'h'},
                                        {nullptr, 0, nullptr, 0}};
     CArguments arguments;
     bool bGood = true;
@@ -91,12 +110,41 @@ CArguments Parse(int aArgc, char** aArgv) {
     return arguments;
 }
 
+// Makes the connections of one kind.
+class CMaker {
+public:
+    explicit CMaker(const CArguments& aArguments) : m_Kind(aArguments.m_Kind) {
+        if (m_Kind != TCP)
+            m_pContext = MakeClientContext();
+        if (m_Kind == RESUMED_HANDSHAKES)
+            m_pTicket = TakeTicket(*m_pContext, aArguments.m_Load.m_wPort);
+    }
+
+    std::unique_ptr<ILoadConnection> Make(const CLoadSettings& aSettings, const CPattern& aPattern, CLoadCounters& aCounters,
+                                          int aIndex) {
+        if (m_Kind == FULL_HANDSHAKES || m_Kind == RESUMED_HANDSHAKES)
+            return std::make_unique<CHandshakeConnection>(*m_pContext, m_pTicket.get(), aSettings.m_wPort, aCounters, aIndex);
+        std::unique_ptr<CLoadStream> pStream;
+        if (m_Kind == TCP)
+            pStream = std::make_unique<CLoadStream>();
+        else
+            pStream = std::make_unique<CTlsClientStream>(*m_pContext);
+        return std::make_unique<CLoadConnection>(aSettings, aPattern, aCounters, aIndex, std::move(pStream));
+    }
+
+private:
+    const EKind m_Kind;
+    std::unique_ptr<SSL_CTX, CFreeSsl> m_pContext;
+    std::unique_ptr<SSL_SESSION, CFreeSsl> m_pTicket;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
     const CArguments arguments = Parse(argc, argv);
     bench::RaiseDescriptorLimit();
-    CLoadClient client(arguments.m_Load);
+    CMaker maker(arguments);
+    CLoadClient client(arguments.m_Load, [&](auto&&... aArguments) { return maker.Make(aArguments...); });
     const double dKibBefore = bench::ResidentKib(arguments.m_Server);
     client.Start();
     client.Settle();

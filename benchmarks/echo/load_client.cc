@@ -4,27 +4,32 @@
 #include <unistd.h>
 
 #include <array>
+#include <utility>
 
 #include "benchmarks/support/system.h"
 
-CLoadClient::CLoadClient(const CLoadSettings& aSettings)
-    : m_Settings(aSettings), m_Pattern(aSettings.m_nSize), m_Buffer(256 * 1024), m_Epoll(epoll_create1(EPOLL_CLOEXEC)) {}
+CLoadClient::CLoadClient(const CLoadSettings& aSettings, CLoadConnectionMaker aMake)
+    : m_Settings(aSettings),
+      m_Make(std::move(aMake)),
+      m_Pattern(aSettings.m_nSize),
+      m_Buffer(256 * 1024),
+      m_Epoll(epoll_create1(EPOLL_CLOEXEC)) {}
 
 CLoadClient::~CLoadClient() { close(m_Epoll); }
 
 void CLoadClient::Start() {
     for (int n = 0; n < m_Settings.m_Connections; ++n) {
-        m_Connections.push_back(std::make_unique<CLoadConnection>(m_Settings, m_Pattern, m_Counters, n));
+        m_Connections.push_back(m_Make(m_Settings, m_Pattern, m_Counters, n));
         StartConnection(*m_Connections.back());
     }
 }
 
-void CLoadClient::StartConnection(CLoadConnection& aConnection) {
+void CLoadClient::StartConnection(ILoadConnection& aConnection) {
     if (aConnection.Start())
         Watch(EPOLL_CTL_ADD, aConnection, aConnection.HasUnsent() ? EPOLLIN | EPOLLOUT : EPOLLIN);
 }
 
-void CLoadClient::Watch(int aOperation, CLoadConnection& aConnection, uint32_t aEvents) {
+void CLoadClient::Watch(int aOperation, ILoadConnection& aConnection, uint32_t aEvents) {
     epoll_event event{};
     event.events = aEvents;
     event.data.ptr = &aConnection;
@@ -32,7 +37,7 @@ void CLoadClient::Watch(int aOperation, CLoadConnection& aConnection, uint32_t a
         bench::Fail("epoll_ctl");
 }
 
-void CLoadClient::Dispatch(CLoadConnection& aConnection, uint32_t aEvents) {
+void CLoadClient::Dispatch(ILoadConnection& aConnection, uint32_t aEvents) {
     const bool bHadUnsent = aConnection.HasUnsent();
     const bool bAlive = (!bHadUnsent || !(aEvents & EPOLLOUT) || aConnection.Flush()) &&
                         (!(aEvents & ~EPOLLOUT) || aConnection.OnReadable(m_Buffer.data(), m_Buffer.size()));
@@ -49,7 +54,7 @@ void CLoadClient::Turn(int aWaitMs) {
     const int nReady = epoll_wait(m_Epoll, events.data(), static_cast<int>(events.size()), aWaitMs);
     for (int n = 0; n < nReady; ++n) {
         const epoll_event& event = events[static_cast<size_t>(n)];
-        Dispatch(*static_cast<CLoadConnection*>(event.data.ptr), event.events);
+        Dispatch(*static_cast<ILoadConnection*>(event.data.ptr), event.events);
     }
 }
 

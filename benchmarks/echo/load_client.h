@@ -2,14 +2,19 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
 #include "benchmarks/echo/load_connection.h"
 
+// Makes connection number aIndex. The arguments outlive it.
+using CLoadConnectionMaker = std::function<std::unique_ptr<ILoadConnection>(
+    const CLoadSettings& aSettings, const CPattern& aPattern, CLoadCounters& aCounters, int aIndex)>;
+
 class CLoadClient {
 public:
-    explicit CLoadClient(const CLoadSettings& aSettings);
+    CLoadClient(const CLoadSettings& aSettings, CLoadConnectionMaker aMake);
     ~CLoadClient();
     CLoadClient(const CLoadClient&) = delete;
     CLoadClient& operator=(const CLoadClient&) = delete;
@@ -26,15 +31,16 @@ public:
     const CLoadCounters& GetCounters() const { return m_Counters; }
 
 private:
-    void Watch(int aOperation, CLoadConnection& aConnection, uint32_t aEvents);
-    void StartConnection(CLoadConnection& aConnection);
+    void Watch(int aOperation, ILoadConnection& aConnection, uint32_t aEvents);
+    void StartConnection(ILoadConnection& aConnection);
     void Turn(int aWaitMs);
-    void Dispatch(CLoadConnection& aConnection, uint32_t aEvents);
+    void Dispatch(ILoadConnection& aConnection, uint32_t aEvents);
 
     CLoadSettings m_Settings;
+    CLoadConnectionMaker m_Make;
     CPattern m_Pattern;
     CLoadCounters m_Counters;
-    std::vector<std::unique_ptr<CLoadConnection>> m_Connections;
+    std::vector<std::unique_ptr<ILoadConnection>> m_Connections;
     std::vector<char> m_Buffer;
     int m_Epoll;
 };

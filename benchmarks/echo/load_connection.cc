@@ -1,13 +1,9 @@
 #include "benchmarks/echo/load_connection.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "benchmarks/support/system.h"
 
@@ -19,18 +15,15 @@ CPattern::CPattern(size_t aSize) : m_Bytes(aSize + SHIFTS) {
     }
 }
 
-CLoadConnection::CLoadConnection(const CLoadSettings& aSettings, const CPattern& aPattern, CLoadCounters& aCounters, int aIndex)
+CLoadConnection::CLoadConnection(const CLoadSettings& aSettings, const CPattern& aPattern, CLoadCounters& aCounters, int aIndex,
+                                 std::unique_ptr<CLoadStream> aStream)
     : m_Settings(aSettings),
       m_Pattern(aPattern),
       m_Counters(aCounters),
       m_ullFirst(static_cast<uint64_t>(aIndex) * 17),
       m_bGoesOn(!aSettings.m_bReconnect && (aSettings.m_Busy == 0 || aIndex < aSettings.m_Busy)),
+      m_pStream(std::move(aStream)),
       m_SendTimes(static_cast<size_t>(aSettings.m_InFlight)) {}
-
-CLoadConnection::~CLoadConnection() {
-    if (m_Fd != -1)
-        close(m_Fd);
-}
 
 bool CLoadConnection::Failed() {
     ++m_Counters.m_ullErrors;
@@ -38,31 +31,14 @@ bool CLoadConnection::Failed() {
 }
 
 bool CLoadConnection::Start() {
-    if (m_Fd != -1)
-        close(m_Fd);
     m_strOut.clear();
     m_nOutSent = 0;
     const int64_t llNow = bench::NowNs();  // if every message connects, the connect counts
-    if (!Connect())
+    if (!m_pStream->Connect(m_Settings.m_wPort, m_ullReceived + m_ullFirst))
         return Failed();
     for (int n = 0; n < (m_bGoesOn ? m_Settings.m_InFlight : 1); ++n)
         QueueMessage(llNow);
     return Flush();
-}
-
-// Uses one of many loopback addresses, so that recently closed connections do not exhaust the ports.
-bool CLoadConnection::Connect() {
-    m_Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int nOn = 1;
-    setsockopt(m_Fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &nOn, sizeof(nOn));
-    sockaddr_in local = bench::LoopbackAddress(0);
-    local.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1 + static_cast<uint32_t>((m_ullReceived + m_ullFirst) % 200));
-    const sockaddr_in peer = bench::LoopbackAddress(m_Settings.m_wPort);
-    if (bind(m_Fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == -1 ||
-        connect(m_Fd, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer)) == -1)
-        return false;
-    bench::SetNoDelay(m_Fd);
-    return fcntl(m_Fd, F_SETFL, O_NONBLOCK) != -1;
 }
 
 void CLoadConnection::QueueMessage(int64_t aNow) {
@@ -72,7 +48,7 @@ void CLoadConnection::QueueMessage(int64_t aNow) {
 }
 
 bool CLoadConnection::Flush() {
-    const ssize_t nSent = send(m_Fd, m_strOut.data() + m_nOutSent, m_strOut.size() - m_nOutSent, MSG_NOSIGNAL);
+    const ssize_t nSent = m_pStream->Send(m_strOut.data() + m_nOutSent, m_strOut.size() - m_nOutSent);
     if (nSent == -1)
         return errno == EAGAIN || Failed();
     m_nOutSent += static_cast<size_t>(nSent);
@@ -84,7 +60,7 @@ bool CLoadConnection::Flush() {
 }
 
 bool CLoadConnection::OnReadable(char* aBuffer, size_t aSize) {
-    const ssize_t nRead = recv(m_Fd, aBuffer, aSize, 0);
+    const ssize_t nRead = m_pStream->Recv(aBuffer, aSize);
     if (nRead == -1 && errno == EAGAIN)
         return true;
     if (nRead <= 0 || !Compare(aBuffer, static_cast<size_t>(nRead), bench::NowNs()))

@@ -1,4 +1,4 @@
-// One connection of the load program: keeps a number of messages in flight and compares every byte that comes back.
+// The connections of the load program.
 #pragma once
 
 #include <cstdint>
@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "benchmarks/echo/load_stream.h"
 #include "benchmarks/support/histogram.h"
 
 struct CLoadSettings {
@@ -35,27 +36,40 @@ private:
     std::vector<char> m_Bytes;
 };
 
-class CLoadConnection {
+class ILoadConnection {
 public:
-    CLoadConnection(const CLoadSettings& aSettings, const CPattern& aPattern, CLoadCounters& aCounters, int aIndex);
-    ~CLoadConnection();
-    CLoadConnection(const CLoadConnection&) = delete;
-    CLoadConnection& operator=(const CLoadConnection&) = delete;
+    ILoadConnection() = default;
+    virtual ~ILoadConnection() = default;
+    ILoadConnection(const ILoadConnection&) = delete;
+    ILoadConnection& operator=(const ILoadConnection&) = delete;
 
-    int GetHandle() const { return m_Fd; }
-    bool HasUnsent() const { return m_nOutSent < m_strOut.size(); }
+    virtual int GetHandle() const = 0;
+    virtual bool HasUnsent() const = 0;
+    virtual bool HasAnswered() const = 0;
 
-    // Connects and sends the first messages. false: that failed, and an error was counted.
-    bool Start();
+    // Connects, after closing the last connection, and sends the first messages. False: that failed, and an error was counted.
+    virtual bool Start() = 0;
+    virtual bool Flush() = 0;
 
     // Reads the available bytes, answers them with new messages and counts. False: the connection is over, after a counted
     // error or after its only message.
-    bool OnReadable(char* aBuffer, size_t aSize);
-    bool HasAnswered() const { return m_ullReceived > 0; }
-    bool Flush();
+    virtual bool OnReadable(char* aBuffer, size_t aSize) = 0;
+};
+
+// Sends messages and compares every byte that comes back.
+class CLoadConnection : public ILoadConnection {
+public:
+    CLoadConnection(const CLoadSettings& aSettings, const CPattern& aPattern, CLoadCounters& aCounters, int aIndex,
+                    std::unique_ptr<CLoadStream> aStream);
+
+    int GetHandle() const override { return m_pStream->GetHandle(); }
+    bool HasUnsent() const override { return m_nOutSent < m_strOut.size(); }
+    bool HasAnswered() const override { return m_ullReceived > 0; }
+    bool Start() override;
+    bool Flush() override;
+    bool OnReadable(char* aBuffer, size_t aSize) override;
 
 private:
-    bool Connect();
     void QueueMessage(int64_t aNow);
     bool Compare(const char* aData, size_t aSize, int64_t aNow);
     bool Failed();
@@ -65,7 +79,7 @@ private:
     CLoadCounters& m_Counters;
     const uint64_t m_ullFirst;  // number of this connection's first message
     const bool m_bGoesOn;
-    int m_Fd = -1;
+    const std::unique_ptr<CLoadStream> m_pStream;
     uint64_t m_ullSent = 0;
     uint64_t m_ullReceived = 0;
     size_t m_nOffset = 0;  // bytes of the current message that have come back

@@ -8,6 +8,7 @@
 
 #include "benchmarks/support/system.h"
 #include "benchmarks/support/talvo_process.h"
+#include "talvo/transport/tls/ssl_context.h"
 
 namespace bench {
 
@@ -20,6 +21,14 @@ inline void RunMainLoop(CTermination& aTermination) {
     });
     pReactor->RunEventLoop();
     end.join();
+}
+
+// Presents a certificate. Ends the program if its files cannot be used.
+inline CCmRefPtrT<CCmSslContext> MakeServerContext(const char* aChain, const char* aKey) {
+    CCmRefPtrT<CCmSslContext> pContext(new CCmSslContext);
+    if (pContext->AddCertificate(aChain, aKey) != CM_OK)
+        Fail("the certificate");
+    return pContext;
 }
 
 // A whole program: aServer in the network thread until a signal comes. aOpen(port), called there, makes it listen. Returns the
@@ -101,8 +110,11 @@ private:
 template <class Session>
 class CTalvoServer : public ICmAcceptorConnectorSink {
 public:
-    CmResult Open(DWORD aType, uint16_t aPort) {
-        const CmResult rv = CCmConnectionManager::Instance()->CreateConnectionServer(aType, m_pAcceptor.ParaOut());
+    // aContext: of TLS.
+    CmResult Open(DWORD aType, uint16_t aPort, CCmRefPtrT<CCmSslContext> aContext = {}) {
+        CmResult rv = CCmConnectionManager::Instance()->CreateConnectionServer(aType, m_pAcceptor.ParaOut());
+        if (rv == CM_OK && aContext)
+            rv = cm_get_connect_options(m_pAcceptor.Get())->SetOption(CM_OPT_CONNECT_SSL_CONTEXT, &aContext);
         return rv == CM_OK ? m_pAcceptor->StartListen(this, CCmInetAddr("127.0.0.1", aPort)) : rv;
     }
 
