@@ -2,7 +2,7 @@
 #pragma once
 
 #include <atomic>
-#include <deque>
+#include <vector>
 
 #include "talvo/base/mutex.h"
 #include "talvo/base/result.h"
@@ -39,20 +39,20 @@ public:
         if (m_Notices.empty() || m_Notices.front().m_ullAfter > aChunks)
             return FALSE;
         aNotice = m_Notices.front();
-        m_Notices.pop_front();
+        m_Notices.erase(m_Notices.begin());
         m_bAny = !m_Notices.empty();
         return TRUE;
     }
 
 private:
-    static void Append(std::deque<CProxyNotice>& aNotices, const CProxyNotice& aNotice) {
+    static void Append(std::vector<CProxyNotice>& aNotices, const CProxyNotice& aNotice) {
         WithMemory([&] { aNotices.push_back(aNotice); });
     }
 
     static constexpr size_t MOST = 64;  // even: the last of so many ends a gap
 
     CCmMutexThread m_Mutex;
-    std::deque<CProxyNotice> m_Notices CM_GUARDED_BY(m_Mutex);
+    std::vector<CProxyNotice> m_Notices CM_GUARDED_BY(m_Mutex);  // takes no memory until a notice comes
     std::atomic<bool> m_bAny{false};
 };
 
