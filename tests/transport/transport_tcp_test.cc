@@ -3,19 +3,21 @@
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 
+#include <atomic>
+
 #include "talvo/transport/udp/transport_udp.h"
 #include "tests/support/blocks.h"
 #include "tests/support/network_fixture.h"
 
 namespace {
 
-BOOL s_bInterrupt = FALSE;  // the next receive, as by a signal
+std::atomic<bool> s_bInterrupt = false;  // the next receive, as by a signal
 
 }  // namespace
 
 // Stands in for the system's, also inside the library.
 extern "C" [[gnu::visibility("default")]] ssize_t recv(int aFd, void* aBuffer, size_t aSize, int aFlags) {
-    if (!std::exchange(s_bInterrupt, FALSE))
+    if (!s_bInterrupt.exchange(false))
         return syscall(SYS_recvfrom, aFd, aBuffer, aSize, aFlags, nullptr, nullptr);
     errno = EINTR;
     return -1;
@@ -125,7 +127,7 @@ TEST_F(TransportTcpTest, ReadsAsMuchAsItIsAskedTo) {
             m_Sink.m_strReceived.clear();
             m_fdPeer.Write(strData);
             YieldUntil([&] { return Get<int>(*m_pTransport, CM_OPT_TRANSPORT_FIO_NREAD) == nSize; });
-            s_bInterrupt = TRUE;
+            s_bInterrupt = true;
             Until([&] { return m_Sink.m_strReceived == strData; });
             Settle();
             EXPECT_EQ((strData.size() + dwRight - 1) / dwRight, m_Sink.m_Received.size());
