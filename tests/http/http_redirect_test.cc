@@ -35,5 +35,5 @@ TEST(HttpRedirectTest, ResolvesReferences) {
     EXPECT_EQ("http://[fe80::1%25Eth0]:8/b", talvo::ResolveHttpLocation(base, "//[fe80::1]:8/b"));
     EXPECT_EQ("http://[fe80::2]/b", talvo::ResolveHttpLocation(base, "http://[fe80::2]/b"));
     EXPECT_FALSE(talvo::IsSameHttpOrigin(base, other));
-    EXPECT_NE(std::string::npos, talvo::CHttpClientRequest().MakeHead(base, "", TRUE).find("\r\nHost: [fe80::1]:81\r\n"));
+    EXPECT_NE(std::string::npos, talvo::CHttpClientRequest().MakeHead(base, {}).find("\r\nHost: [fe80::1]:81\r\n"));
 }

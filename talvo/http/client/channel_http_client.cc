@@ -129,9 +129,17 @@ CmResult CCmChannelHttpClient::CheckUrl_i() const {
 }
 
 CmResult CCmChannelHttpClient::StartExchange_i() {
-    const CCmString strAuthorization =
-        m_Authenticator.Authorize(m_Request.GetMethod().operator const char*(), talvo::MakeHttpTarget(*m_pUrl));
-    return m_Exchange.Start(m_Request, *m_pUrl, strAuthorization);
+    talvo::CHttpDestination to;
+    if (const CmResult rv = m_Route.MakeDestination(*m_pUrl, to); rv != CM_OK)
+        return rv;
+    talvo::CHttpHeadParts parts;
+    parts.m_strTarget = talvo::MakeHttpTarget(*m_pUrl);
+    parts.m_strAuthorization = m_Authenticator.Authorize(m_Request.GetMethod().operator const char*(), parts.m_strTarget);
+    parts.m_bKeepAlive = !!m_Exchange.GetSettings().m_dwKeepAlive;
+    CCmString strHead = m_Request.MakeHead(*m_pUrl, parts);
+    if (strHead.empty())
+        return CM_ERROR_OUT_OF_MEMORY;
+    return m_Exchange.Start(m_Request, std::move(strHead), std::move(to));
 }
 
 CmResult CCmChannelHttpClient::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
@@ -194,9 +202,9 @@ CmResult CCmChannelHttpClient::SetOption(DWORD aCommand, void* aArg) {
         m_bMayDowngrade = !!*static_cast<BOOL*>(aArg);
         return CM_OK;
     case CM_OPT_CHANNEL_CONNECT_TO:
-        return Copy(*static_cast<CCmInetAddr*>(aArg), m_Exchange.GetSettings().m_AddrConnectTo);
+        return Copy(*static_cast<CCmInetAddr*>(aArg), m_Route.GetConnectTo());
     case CM_OPT_CHANNEL_SSL_CONTEXT:
-        m_Exchange.GetSettings().m_pContext = *static_cast<CCmRefPtrT<CCmSslContext>*>(aArg);
+        m_Route.GetContext() = *static_cast<CCmRefPtrT<CCmSslContext>*>(aArg);
         return CM_OK;
     case CM_OPT_CHANNEL_MAX_REDIRECTS:
         if (*static_cast<DWORD*>(aArg) > talvo::MAX_HTTP_REDIRECTS)
@@ -216,9 +224,9 @@ CmResult CCmChannelHttpClient::GetOption(DWORD aCommand, void* aArg) {
     else if (aCommand == CM_OPT_CHANNEL_LAST_FAILURE)
         *static_cast<CCmFailure*>(aArg) = m_LastFailure;
     else if (aCommand == CM_OPT_CHANNEL_CONNECT_TO)
-        return Copy(m_Exchange.GetSettings().m_AddrConnectTo, *static_cast<CCmInetAddr*>(aArg));
+        return Copy(m_Route.GetConnectTo(), *static_cast<CCmInetAddr*>(aArg));
     else if (aCommand == CM_OPT_CHANNEL_SSL_CONTEXT)
-        *static_cast<CCmRefPtrT<CCmSslContext>*>(aArg) = m_Exchange.GetSettings().m_pContext;
+        *static_cast<CCmRefPtrT<CCmSslContext>*>(aArg) = m_Route.GetContext();
     else if (pOption)
         *static_cast<DWORD*>(aArg) = *pOption;
     else

@@ -9,6 +9,7 @@
 #include "talvo/http/channel/channel_http_client_interface.h"
 #include "talvo/http/client/http_client_exchange.h"
 #include "talvo/http/client/http_client_request.h"
+#include "talvo/http/client/http_client_route.h"
 #include "talvo/http/message/http_auth.h"
 
 // The product of CCmChannelManager::CreateChannelHttpClient.
@@ -98,6 +99,7 @@ private:
     ICmChannelSink* m_pSink = nullptr;  // not owned; set by AsyncOpen, cleared by Disconnect, the end and the last release
     CCmRefPtrT<CCmHttpUrl> m_pUrl;
     talvo::CHttpClientRequest m_Request;
+    talvo::CHttpClientRoute m_Route;
     talvo::CHttpAuthenticator m_Authenticator;
     talvo::CHttpClientExchange m_Exchange;
     ENext m_Next = NOTHING;

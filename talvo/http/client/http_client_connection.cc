@@ -42,23 +42,23 @@ CmResult CHttpClientConnection::Connect(const CHttpConnectionRequest& aRequest) 
     CCmConnectionManager* pManager = CCmConnectionManager::Instance();
     if (!pManager)
         return CM_ERROR_NULL_POINTER;
-    const DWORD dwType = aRequest.m_pContext ? CM_TRANSPORT_TYPE_TLS : CM_TRANSPORT_TYPE_TCP;
+    const CHttpDestination& to = aRequest.m_To;
+    const DWORD dwType = to.m_pContext ? CM_TRANSPORT_TYPE_TLS : CM_TRANSPORT_TYPE_TCP;
     CmResult rv = pManager->CreateConnectionClient(dwType, m_pConnector.ParaOut());
-    if (rv == CM_OK && aRequest.m_pContext)
-        rv = SetTls_i(aRequest);
+    if (rv == CM_OK && to.m_pContext)
+        rv = SetTls_i(to);
     if (rv != CM_OK)
         return rv;
     CCmTimeValue tvTimeout = CCmTimeValue::FromUsec(int64_t{aRequest.m_dwTimeoutMs} * 1000);
-    const CCmInetAddr addr = aRequest.m_AddrConnectTo == CCmInetAddr::s_InetAddrAny
-                                 ? CCmInetAddr(aRequest.m_strHost.c_str(), aRequest.m_wPort)
-                                 : aRequest.m_AddrConnectTo;
+    const CCmInetAddr addr =
+        to.m_AddrConnectTo == CCmInetAddr::s_InetAddrAny ? CCmInetAddr(to.m_strHost.c_str(), to.m_wPort) : to.m_AddrConnectTo;
     m_pConnector->AsycConnect(this, addr, aRequest.m_dwTimeoutMs > 0 ? &tvTimeout : nullptr);
     return CM_OK;
 }
 
-CmResult CHttpClientConnection::SetTls_i(const CHttpConnectionRequest& aRequest) {
-    m_pContext = aRequest.m_pContext;
-    CCmString strName = aRequest.m_strHost, strAlpn = HTTP_ALPN;
+CmResult CHttpClientConnection::SetTls_i(const CHttpDestination& aTo) {
+    m_pContext = aTo.m_pContext;
+    CCmString strName = aTo.m_strHost, strAlpn = HTTP_ALPN;
     CmResult rv = SetConnectOption(m_pConnector.Get(), CM_OPT_CONNECT_SSL_CONTEXT, &m_pContext);
     if (rv == CM_OK)
         rv = SetConnectOption(m_pConnector.Get(), CM_OPT_CONNECT_SERVER_NAME, &strName);

@@ -13,6 +13,7 @@ namespace talvo {
 class CHttpClientConnection;
 class CHttpClientPool;
 struct CHttpConnectionRequest;
+struct CHttpDestination;
 
 // The user of a connection of the pool. Each call may do anything with the connection. If memory runs out inside
 // (std::bad_alloc), the connection is closed, and OnConnectionLost comes with CM_ERROR_OUT_OF_MEMORY. The calls that report an
@@ -80,7 +81,7 @@ private:
     void OnTimer(CCmTimerWrapperID* aId) override;
     void OnReferenceDestory() override;
 
-    CmResult SetTls_i(const CHttpConnectionRequest& aRequest);
+    CmResult SetTls_i(const CHttpDestination& aTo);
     template <class Call>
     void Enter_i(const Call& aCall);
     void Indicate_i(CmResult aReason, const CCmFailure& aFailure);

@@ -6,7 +6,6 @@
 #include "talvo/base/clock.h"
 #include "talvo/http/client/http_client_pool.h"
 #include "talvo/http/message/http_memory.h"
-#include "talvo/http/message/http_url.h"
 
 namespace talvo {
 
@@ -38,18 +37,10 @@ CHttpClientExchange::CHttpClientExchange(IHttpExchangeUser& aUser) : m_User(aUse
     m_Body.SetUnfolding(TRUE);
 }
 
-CmResult CHttpClientExchange::Start(const CHttpClientRequest& aRequest, const CCmHttpUrl& aUrl,
-                                    const CCmString& aAuthorization) {
+CmResult CHttpClientExchange::Start(const CHttpClientRequest& aRequest, CCmString aHead, CHttpDestination aTo) {
     m_pRequest = &aRequest;
-    m_strHost = aUrl.GetHostName();
-    m_wPort = aUrl.GetPort();
-    const BOOL bTls = aUrl.GetScheme() == "https";
-    m_pContext = !bTls ? nullptr : m_Settings.m_pContext ? m_Settings.m_pContext : CCmSslContext::GetDefault();
-    if (bTls && !m_pContext)
-        return CM_ERROR_OUT_OF_MEMORY;
-    m_strHead = aRequest.MakeHead(aUrl, aAuthorization, !!m_Settings.m_dwKeepAlive);
-    if (m_strHead.empty())
-        return CM_ERROR_OUT_OF_MEMORY;
+    m_strHead = std::move(aHead);
+    m_To = std::move(aTo);
     m_dwInterims = 0;
     m_Failure = CCmFailure();
     ResetHead_i();
@@ -66,8 +57,7 @@ CmResult CHttpClientExchange::Acquire_i(int64_t aMaxRest) {
     if (rv != CM_OK)
         return rv;
     m_State = WAITING;
-    rv = pPool->Acquire(
-        {this, m_strHost, m_wPort, m_Settings.m_dwConnectTimeout, aMaxRest, m_Settings.m_AddrConnectTo, m_pContext});
+    rv = pPool->Acquire({this, m_To, m_Settings.m_dwConnectTimeout, aMaxRest});
     if (rv != CM_OK)
         m_State = IDLE;
     return rv;

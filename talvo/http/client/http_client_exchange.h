@@ -3,12 +3,11 @@
 
 #include "talvo/http/client/http_client_connection.h"
 #include "talvo/http/client/http_client_sender.h"
+#include "talvo/http/client/http_destination.h"
 #include "talvo/http/message/http_body.h"
 #include "talvo/http/message/http_framing.h"
 #include "talvo/http/message/http_parser.h"
 #include "talvo/http/message/http_response_head.h"
-
-class CCmHttpUrl;
 
 namespace talvo {
 
@@ -39,8 +38,6 @@ public:
         DWORD m_dwSilenceTimeout = 60'000;
         DWORD m_dwContinueTimeout = 1'000;
         DWORD m_dwKeepAlive = TRUE;
-        CCmInetAddr m_AddrConnectTo;
-        CCmRefPtrT<CCmSslContext> m_pContext;
     };
 
     explicit CHttpClientExchange(IHttpExchangeUser& aUser);
@@ -51,8 +48,9 @@ public:
     CSettings& GetSettings() { return m_Settings; }
 
     // CM_OK: OnExchangeEnd follows, not inside this call. CM_ERROR_NULL_POINTER: the thread lacks a queue. Else as the pool.
-    // aRequest must live until the end. If this fails, or memory runs out inside (std::bad_alloc), close the exchange.
-    CmResult Start(const CHttpClientRequest& aRequest, const CCmHttpUrl& aUrl, const CCmString& aAuthorization);
+    // aRequest must live until the end; aHead is its head in wire format. If this fails, or memory runs out inside
+    // (std::bad_alloc), close the exchange.
+    CmResult Start(const CHttpClientRequest& aRequest, CCmString aHead, CHttpDestination aTo);
     // Abandons the exchange; no call follows.
     void Close(CmResult aReason);
 
@@ -107,10 +105,8 @@ private:
     BOOL m_bPaused = FALSE;
 
     const CHttpClientRequest* m_pRequest = nullptr;  // not owned
-    CCmString m_strHost;
-    WORD m_wPort = 0;
-    CCmRefPtrT<CCmSslContext> m_pContext;  // null: plain http
-    CCmString m_strHead;                   // in wire format
+    CHttpDestination m_To;
+    CCmString m_strHead;  // in wire format
     CHttpClientSender m_Sender;
     int64_t m_llContinueUntil = 0;
 

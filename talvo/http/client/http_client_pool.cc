@@ -6,9 +6,7 @@
 #include "talvo/base/clock.h"
 #include "talvo/base/live_counter.h"
 #include "talvo/event/thread.h"
-#include "talvo/http/message/http_authority.h"
 #include "talvo/http/message/http_memory.h"
-#include "talvo/http/message/http_text.h"
 
 namespace talvo {
 
@@ -17,20 +15,6 @@ namespace {
 CCmLiveCounter s_Live("CHttpClientPool");
 
 thread_local CHttpClientPool* s_pPool = nullptr;
-
-// The parts that most connections lack are left out, so that the key is short. No text of a host or an address has a line feed.
-// A connection keeps its context, so no other context gets the same address meanwhile.
-CCmString KeyOf(const CHttpConnectionRequest& aRequest) {
-    CCmString strKey = aRequest.m_strHost;
-    if (!is_ipv6_host(strKey))  // it is in lower case, and the case of its zone matters
-        std::transform(strKey.begin(), strKey.end(), strKey.begin(), lower_case);
-    strKey += ":" + std::to_string(aRequest.m_wPort);
-    if (aRequest.m_AddrConnectTo != CCmInetAddr::s_InetAddrAny)
-        strKey += "\nat " + cm_address_text(aRequest.m_AddrConnectTo);
-    if (aRequest.m_pContext)
-        strKey += "\ntls " + std::to_string(reinterpret_cast<uintptr_t>(aRequest.m_pContext.Get()));
-    return strKey;
-}
 
 }  // namespace
 
@@ -104,7 +88,7 @@ void CHttpClientPool::CutAll_i() {
 }
 
 CmResult CHttpClientPool::Acquire(const CHttpConnectionRequest& aRequest) {
-    const CCmString strKey = KeyOf(aRequest);
+    const CCmString strKey = aRequest.m_To.MakeKey();
     const BOOL bNobodyWaits = m_Hosts[strKey].m_Waiting.empty();
     CmResult rv = bNobodyWaits ? Serve_i(strKey, aRequest) : CM_ERROR_WOULD_BLOCK;
     if (rv == CM_ERROR_WOULD_BLOCK)

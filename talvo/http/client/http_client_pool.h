@@ -7,24 +7,21 @@
 
 #include "talvo/event/thread_link.h"
 #include "talvo/http/client/http_client_connection.h"
+#include "talvo/http/client/http_destination.h"
 #include "talvo/http/client/http_pool_limits.h"
-#include "talvo/transport/tls/ssl_context.h"
 
 namespace talvo {
 
 // A user's request to the pool.
 struct CHttpConnectionRequest {
     IHttpConnectionUser* m_pUser = nullptr;
-    CCmString m_strHost;  // as it is looked up
-    WORD m_wPort = 0;     // host order
+    CHttpDestination m_To;
     DWORD m_dwTimeoutMs = 0;
-    int64_t m_llMaxRest = 0;                 // microseconds: a reused connection must have been idle for less than this
-    CCmInetAddr m_AddrConnectTo{};           // s_InetAddrAny: the host and port
-    CCmRefPtrT<CCmSslContext> m_pContext{};  // of TLS; null: plain TCP
+    int64_t m_llMaxRest = 0;  // microseconds: a reused connection must have been idle for less than this
 };
 
 // One a thread; the first channel makes it, the thread's end destroys it. An unused connection serves the next request for its
-// host, port, address and TLS context. If the limit of connections is reached, requests wait in turn.
+// destination. If the limit of connections is reached, requests wait in turn.
 class CHttpClientPool : private CCmThreadTenant, private CCmTimerWrapperIDSink {
 public:
     // aPool (out): the calling thread's. CM_ERROR_NULL_POINTER: it has no event queue or no timer queue.

@@ -138,21 +138,21 @@ BOOL CHttpClientRequest::IsLengthDue_i() const {
     return m_Body == WHOLE || m_Body == STREAM || (m_Body == NO_BODY && (m_bBodySet || bMeansContent));
 }
 
-CCmString CHttpClientRequest::MakeHead(const CCmHttpUrl& aUrl, const CCmString& aAuthorization, BOOL aKeepAlive) const {
+CCmString CHttpClientRequest::MakeHead(const CCmHttpUrl& aUrl, const CHttpHeadParts& aParts) const {
     CCmHttpRequestHead head;
     BOOL bGood = head.SetAnyMethod(GetMethod().operator const char*());
     const auto set = [&](const CCmHttpAtom& aAtom, std::string_view aValue) {
         bGood = head.SetHeader(aAtom, aValue, FALSE) && bGood;
     };
-    head.SetRequestURI(MakeHttpTarget(aUrl));
+    head.SetRequestURI(aParts.m_strTarget);
     head.SetVerion(CM_HTTP_VERSION_11);
     set(Atoms::Host, MakeHostField(aUrl));
     set(Atoms::User_Agent, USER_AGENT);
     for (size_t i = 0; i < m_Head.GetCount(); ++i)
         set(m_Head.GetName(i), m_Head.GetValue(i));
-    if (!aAuthorization.empty())
-        set(Atoms::Authorization, aAuthorization);
-    if (!aKeepAlive)
+    if (!aParts.m_strAuthorization.empty())
+        set(Atoms::Authorization, aParts.m_strAuthorization);
+    if (!aParts.m_bKeepAlive)
         set(Atoms::Connection, "close");
     if (IsLengthDue_i())
         set(Atoms::Content_Length, std::to_string(m_ullLength));

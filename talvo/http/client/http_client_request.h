@@ -9,6 +9,13 @@ class CCmHttpUrl;
 
 namespace talvo {
 
+// The parts of a head that are not the request's own.
+struct CHttpHeadParts {
+    CCmString m_strTarget;         // in the form that the receiver of the request needs
+    CCmString m_strAuthorization;  // "": the one that the application has set
+    BOOL m_bKeepAlive = TRUE;
+};
+
 class TALVO_API CHttpClientRequest {
 public:
     enum EBody {
@@ -48,9 +55,8 @@ public:
     void BecomeGet();
     void LeaveOrigin();
 
-    // The head for aUrl in wire format, with the empty line. aAuthorization: the value to send, "" for the one set. Returns ""
-    // if memory runs out.
-    CCmString MakeHead(const CCmHttpUrl& aUrl, const CCmString& aAuthorization, BOOL aKeepAlive) const;
+    // The head for aUrl in wire format, with the empty line. Returns "" if memory runs out.
+    CCmString MakeHead(const CCmHttpUrl& aUrl, const CHttpHeadParts& aParts) const;
 
 private:
     BOOL IsLengthDue_i() const;
