@@ -1,11 +1,18 @@
 // The options of the library's connectors and acceptors, and the rooms that have them.
 #include "talvo/transport/option_values.h"
+#include "talvo/transport/proxy_route.h"
 #include "talvo/transport/socket_settings.h"
 #include "talvo/transport/tls/alpn.h"
 #include "talvo/transport/tls/server_name.h"
 #include "talvo/transport/tls/ssl_context.h"
 
 namespace talvo {
+
+namespace {
+
+BOOL IsConnectProxy(const DWORD& aValue) { return aValue <= CM_CONNECT_PROXY_DISCOVERED; }
+
+}  // namespace
 
 std::span<const COptionType> GetOwnOptions() {
     using T = COptionType;
@@ -19,6 +26,8 @@ std::span<const COptionType> GetOwnOptions() {
         OptionOf<CCmString, IsServerName>(CM_OPT_CONNECT_SERVER_NAME, T::CONNECTORS | T::OVER_OTHERS),
         OptionOf<CCmString, IsAlpn>(CM_OPT_CONNECT_ALPN, BOTH | T::OVER_OTHERS),
         OptionOf<DWORD>(CM_OPT_CONNECT_HANDSHAKE_TIME, BOTH | T::OVER_OTHERS),
+        OptionOf<CCmProxyRoute>(CM_OPT_CONNECT_ROUTE, T::CONNECTORS | STREAMS),
+        OptionOf<DWORD, IsConnectProxy>(CM_OPT_CONNECT_PROXY, T::CONNECTORS | STREAMS),
         OptionOf<DWORD>(CM_OPT_CONNECT_MAX_HANDSHAKES, T::ACCEPTORS | T::OVER_OTHERS),
     };
     return OPTIONS;

@@ -6,7 +6,7 @@
 #include "talvo/base/types.h"
 #include "talvo/http/client/http_pool_limits.h"
 
-class CCmHttpProxyInfo;  // proxies are not supported yet
+class CCmHttpProxyInfo;  // talvo/transport/proxy_route.h
 class CCmHttpUrl;
 class ICmChannelHttpClient;
 class ICmChannelServerAcceptor;

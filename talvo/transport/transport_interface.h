@@ -26,7 +26,8 @@ enum ECmTransportType : DWORD {
     CM_TRANSPORT_TYPE_UDP = 2,
     CM_TRANSPORT_TYPE_TLS_1_2 = 4,
     CM_TRANSPORT_TYPE_TLS_1_3 = 8,
-    CM_TRANSPORT_TYPE_TLS = 12  // of the two versions the higher one that the peer has; the one to use
+    CM_TRANSPORT_TYPE_TLS = 12,       // of the two versions the higher one that the peer has; the one to use
+    CM_TRANSPORT_TYPE_PROXY = 0x8000  // connectors only: TCP through the user's proxy. Its transports have the type 1
 };
 
 // Accompanies a send, and is returned with the sent data. Upcalls pass null unless a transport has parameters to report.
@@ -94,6 +95,9 @@ enum ECmTransportOption : DWORD {
     CM_OPT_TRANSPORT_SSL_INFO = 151,
     // get CCmString: TLS only, the peer's certificate (DER). CM_ERROR_NOT_FOUND: it has sent none.
     CM_OPT_TRANSPORT_SSL_PEER_CERTIFICATE = 152,
+    // [waits] get CCmString: TCP and TLS, the proxy server of the connection, "http://host:3128", without credentials;
+    // "direct://" without one. CM_OPT_TRANSPORT_PEER_ADDR is then the address of the server.
+    CM_OPT_TRANSPORT_ROUTE = 153,
     // get CCmFailure: the failure that ended the connection. CM_FAILURE_NONE: it runs, the peer ended it gracefully, or after
     // Disconnect. Inside and after OnDisconnect, in the thread of the upcalls; a thread proxy answers without waiting.
     CM_OPT_TRANSPORT_LAST_FAILURE = 159
@@ -115,6 +119,11 @@ enum ECmConnectOption : DWORD {
     // default: the given name of the address, or else the address; a path then has none, and the attempt fails with
     // CM_ERROR_INVALID_ARG. CM_ERROR_INVALID_ARG: more than 255 bytes, a NUL, "*", or a dot at the front.
     CM_OPT_CONNECT_SERVER_NAME = 162,
+    // get, set CCmProxyRoute: connectors of the types 1, 4, 8, 12 and 0x8000. The proxy servers to use, in this order, without
+    // any rule of the user's settings. Empty, the default: CM_OPT_CONNECT_PROXY decides. A path is connected directly.
+    CM_OPT_CONNECT_ROUTE = 163,
+    // get, set DWORD: likewise, an ECmConnectProxy for attempts without a route.
+    CM_OPT_CONNECT_PROXY = 164,
     // get CCmFailure: the failure of a connector's last attempt, inside its indication and until the next AsycConnect; the
     // failure of an acceptor's last StartListen. CM_FAILURE_NONE: no failure. A thread proxy answers without waiting.
     CM_OPT_CONNECT_FAILURE = 165,
@@ -127,6 +136,13 @@ enum ECmConnectOption : DWORD {
     // get, set CCmString: TLS only. The protocols of the connections, as for CCmSslContext::SetAlpn and instead of the
     // context's; "", the default: the context's.
     CM_OPT_CONNECT_ALPN = 168
+};
+
+// Values of CM_OPT_CONNECT_PROXY.
+enum ECmConnectProxy : DWORD {
+    CM_CONNECT_PROXY_DEFAULT = 0,    // DISCOVERED for type 0x8000, NEVER for all others
+    CM_CONNECT_PROXY_NEVER = 1,      // directly
+    CM_CONNECT_PROXY_DISCOVERED = 2  // the route of the process's proxy source, see ICmProxySource; without one directly
 };
 
 // The user of a transport implements it. All calls come in the transport's thread; a thread proxy's in the thread that made it.
