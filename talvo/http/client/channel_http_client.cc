@@ -134,7 +134,12 @@ CmResult CCmChannelHttpClient::StartExchange_i() {
         return rv;
     talvo::CHttpHeadParts parts;
     parts.m_strTarget = talvo::MakeHttpTarget(*m_pUrl);
-    parts.m_strAuthorization = m_Authenticator.Authorize(m_Request.GetMethod().operator const char*(), parts.m_strTarget);
+    CCmSecret authorization;
+    const CmResult rv =
+        m_Authenticator.Authorize(m_Request.GetMethod().operator const char*(), parts.m_strTarget, authorization);
+    if (rv != CM_OK)
+        return rv;
+    parts.m_strAuthorization = authorization.Get();
     parts.m_bKeepAlive = !!m_Exchange.GetSettings().m_dwKeepAlive;
     CCmString strHead = m_Request.MakeHead(*m_pUrl, parts);
     if (strHead.empty())

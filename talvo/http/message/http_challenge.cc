@@ -45,13 +45,33 @@ private:
         return token;
     }
 
+    BOOL IsItemOver() const { return m_Text.empty() || Peek() == ',' || Peek() == '\n' || Peek() == '\r'; }
+
+    // Reads letters of base64 with their padding that fill the rest of the item (RFC 9110, section 11.2). FALSE: none are
+    // there.
+    BOOL ReadToken68() {
+        static constexpr char LETTERS[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~+/";
+        const std::string_view before = m_Text;
+        m_Text.remove_prefix(std::min(m_Text.find_first_not_of(LETTERS), m_Text.size()));
+        const BOOL bLetters = m_Text.size() < before.size();
+        m_Text.remove_prefix(std::min(m_Text.find_first_not_of('='), m_Text.size()));
+        const size_t stLength = before.size() - m_Text.size();
+        SkipBlanks();
+        if (!bLetters || !IsItemOver()) {
+            m_Text = before;
+            return FALSE;
+        }
+        m_Challenges.back().m_strToken = before.substr(0, stLength);
+        return TRUE;
+    }
+
     // FALSE: the rest of the item is malformed.
     BOOL ReadItem(std::string_view aName) {
         SkipBlanks();
         if (Peek() == '=')
             return ReadParameter(aName);
-        m_Challenges.push_back({to_lower(aName), {}});
-        if (Peek() == ',' || Peek() == '\n' || m_Text.empty())
+        m_Challenges.push_back({to_lower(aName), {}, {}});
+        if (IsItemOver() || ReadToken68())
             return TRUE;
         const std::string_view first = ReadToken();
         SkipBlanks();

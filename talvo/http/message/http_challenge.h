@@ -15,6 +15,7 @@ struct CHttpChallenge {
     const CCmString* Find(std::string_view aName) const;
 
     CCmString m_strScheme;  // in lower case
+    CCmString m_strToken;   // the scheme's own data in place of parameters, such as a message of NTLM; "": none
     // Names in lower case. A quoted value has no quotes and is otherwise unchanged, backslashes included.
     std::vector<std::pair<CCmString, CCmString>> m_Parameters;
 };

@@ -1,6 +1,7 @@
 // The hashes and random texts of Digest authentication.
 #pragma once
 
+#include <initializer_list>
 #include <string_view>
 
 #include "talvo/base/export.h"
@@ -10,8 +11,9 @@ namespace talvo {
 
 enum class EHttpHash { MD5, SHA256 };
 
-// The hash of aText in lower-case hexadecimal digits; "": the system's cryptography refuses it.
-TALVO_API CCmString HttpHashHex(EHttpHash aHash, std::string_view aText);
+// The hash of the parts, one after the other, in lower-case hexadecimal digits; "": the system's cryptography refuses it. No
+// copy of the parts is made.
+TALVO_API CCmString HttpHashHex(EHttpHash aHash, std::initializer_list<std::string_view> aParts);
 
 // 32 hexadecimal digits that cannot be guessed; "": the system has no random numbers.
 TALVO_API CCmString HttpRandomHex();
