@@ -83,6 +83,7 @@
 #include "talvo/http/message/http_version.h"
 #include "talvo/http/server/channel_http_server_acceptor.h"
 #include "talvo/http/server/channel_server.h"
+#include "talvo/proxy/proxy_functions.h"
 #include "talvo/transport/acceptor_base.h"
 #include "talvo/transport/base_types.h"
 #include "talvo/transport/connector_internal.h"

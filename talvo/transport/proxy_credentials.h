@@ -32,7 +32,7 @@ public:
     // CM_ERROR_WOULD_BLOCK: the user is asked, once for all that wait for this proxy and realm. aSink is notified once, in the
     // calling thread; it is not owned and must cancel before it is deleted. One sink has one wait at a time.
     // CM_ERROR_NOT_FOUND: nothing is stored, and there is no asker, or aSink is null, which asks for stored ones only.
-    // CM_ERROR_NULL_POINTER: the calling thread has no event queue. CM_ERROR_NOT_AVAILABLE: too many questions or waits.
+    // CM_ERROR_NULL_POINTER: the calling thread has no event queue or no timers. CM_ERROR_NOT_AVAILABLE: 64 questions are open.
     // CM_ERROR_ALREADY_INITIALIZED: the sink waits already. CM_ERROR_OUT_OF_MEMORY.
     virtual CmResult GetCredentials(const CCmProxyQuestion& aQuestion, CCmCredentials& aCredentials,
                                     ICmProxyCredentialsSink* aSink) = 0;
