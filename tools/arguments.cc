@@ -36,6 +36,7 @@ constexpr const char* FOOTER = R"(Examples:
   talvo echo --tls --port 7000 --cert server.pem --key server.key
   talvo ping --tls --cacert root.pem localhost:7000
   talvo tls www.example.com:443
+  talvo flaky 127.0.0.1:7001 127.0.0.1:7000 --every 500 --faults reset,stall
 
 An endpoint is a host and a port, with an IPv6 address in brackets, or a Unix socket:
   192.0.2.7:7070  www.example.com:80  [::1]:7000  [fe80::1%eth0]:7000  unix:/run/echo.sock  unix:@abstract-name
@@ -257,6 +258,35 @@ std::string CheckServe(Arguments& a) {
     return S_ISDIR(status.st_mode) ? CheckListening(a) : "'" + a.m_strDirectory + "' is not a directory";
 }
 
+void DeclareFlaky(CLI::App& aApp, Arguments& a) {
+    aApp.add_option("LISTEN", a.m_strListen, "Address to listen on; port 0 lets the system choose")
+        ->required()
+        ->option_text("ADDRESS:PORT");
+    aApp.add_option("TARGET", a.m_strEndpoint, "Endpoint to forward to, see talvo --help")->required()->option_text("ENDPOINT");
+    FlakyPlan& plan = a.m_Flaky;
+    aApp.add_option("--faults", plan.m_vecFaults,
+                    "Faults to choose from (close,reset,stall): close ends a connection in good order, reset does not, stall "
+                    "forwards nothing for a time, halve forwards one way only from then on")
+        ->delimiter(',')
+        ->check(CLI::IsMember({"close", "reset", "stall", "halve"}))
+        ->option_text("NAME,...");
+    AddNumber(aApp, "--every", plan.m_dwEveryMs, 1, 3600000,
+              "Milliseconds to the next fault of a connection, on average (2000)");
+    AddNumber(aApp, "--bytes", plan.m_dwBytes, 1, 1000000000, "Instead of --every: bytes to the next fault, both ways counted")
+        ->excludes(aApp.get_option("--every"));
+    aApp.add_flag("--together", plan.m_bTogether, "Each fault is one of all connections at once")
+        ->excludes(aApp.get_option("--bytes"));
+    AddNumber(aApp, "--count", plan.m_dwCount, 1, 1000000000, "Faults to make; then forward without");
+    AddNumber(aApp, "--stall", plan.m_dwStallMs, 1, 3600000, "Milliseconds of a stall (3000)");
+    AddNumber(aApp, "--delay", plan.m_dwDelayMs, 0, 60000, "Milliseconds that all data takes, each way (0)");
+    AddNumber(aApp, "--seed", plan.m_dwSeed, 0, 2147483647, "Seed of all choices (1)");
+}
+
+std::string CheckFlaky(Arguments& a) {
+    const std::string strListen = ParseListenEndpoint(a.m_strListen, a.m_Addr);
+    return strListen.empty() ? ParseEndpoint(a.m_strEndpoint, a.m_AddrTarget) : strListen;
+}
+
 struct Subcommand {
     const char* m_pName;
     const char* m_pSummary;
@@ -273,6 +303,7 @@ constexpr Subcommand SUBCOMMANDS[] = {
     {"get", "Fetch a file by its URL", DeclareGet, CheckGet, RunGet},
     {"resolve", "Look up the addresses of host names", DeclareResolve, CheckResolve, RunResolve},
     {"serve", "Serve the files of a directory over HTTP or https", DeclareServe, CheckServe, RunServe},
+    {"flaky", "Forward connections, and break them by a plan", DeclareFlaky, CheckFlaky, RunFlaky},
     {"tls", "Show the TLS of a server: certificates, protocol, resumption", DeclareTls, CheckTls, RunTls},
 };
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tools/endpoint.h"
+#include "tools/flaky_plan.h"
 #include "tools/output.h"
 #include "tools/tls_options.h"
 
@@ -39,6 +40,10 @@ struct Arguments {
     TlsOptions m_Tls;
     CCmRefPtrT<CCmSslContext> m_pContext;   // from these; null: none, or the default one of clients
     std::string m_strAlpn = "h2,http/1.1";  // tls
+
+    std::string m_strListen;   // flaky: as given
+    CCmInetAddr m_AddrTarget;  // flaky
+    FlakyPlan m_Flaky;
 
     DWORD m_dwCount = 10;         // ping
     DWORD m_dwIntervalMs = 1000;  // ping

@@ -13,5 +13,6 @@ int RunGet(const Arguments& aArguments);
 int RunResolve(const Arguments& aArguments);
 int RunServe(const Arguments& aArguments);
 int RunTls(const Arguments& aArguments);
+int RunFlaky(const Arguments& aArguments);
 
 }  // namespace tool

@@ -44,6 +44,13 @@ const char* GetAnyAddress() {
     return "::";
 }
 
+std::string JudgeListening(const std::string& aText, CCmInetAddr& aAddr) {
+    std::string strReason;
+    if (CCmInetAddr::Parse(aText, aAddr, &strReason) != CM_OK)
+        return strReason;
+    return aAddr.IsResolved() ? "" : "a name, but an address is needed";
+}
+
 }  // namespace
 
 std::string ParseEndpoint(const std::string& aText, CCmInetAddr& aAddr) {
@@ -58,10 +65,13 @@ std::string ParseListening(const std::string& aHost, int aPort, CCmInetAddr& aAd
     if (bWhole == (aPort != NO_PORT))
         return bWhole ? "--port: --host has a port or a path already" : "--port is required";
     const std::string strHost = aHost.empty() ? GetAnyAddress() : aHost;
-    std::string strReason;
-    if (CCmInetAddr::Parse(bWhole ? strHost : WithPort(strHost, aPort), aAddr, &strReason) != CM_OK)
-        return "--host: " + Quote(aHost) + strReason;
-    return aAddr.IsResolved() ? "" : "--host: " + Quote(aHost) + "a name, but an address is needed";
+    const std::string strProblem = JudgeListening(bWhole ? strHost : WithPort(strHost, aPort), aAddr);
+    return strProblem.empty() ? "" : "--host: " + Quote(aHost) + strProblem;
+}
+
+std::string ParseListenEndpoint(const std::string& aText, CCmInetAddr& aAddr) {
+    const std::string strProblem = JudgeListening(aText, aAddr);
+    return strProblem.empty() ? "" : Quote(aText) + strProblem;
 }
 
 bool IsHost(const std::string& aText) {

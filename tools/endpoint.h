@@ -19,6 +19,9 @@ constexpr int NO_PORT = -1;
 // "": all addresses of the machine.
 std::string ParseListening(const std::string& aHost, int aPort, CCmInetAddr& aAddr);
 
+// Likewise; aText is "ADDRESS:PORT" or "unix:PATH".
+std::string ParseListenEndpoint(const std::string& aText, CCmInetAddr& aAddr);
+
 // TRUE: an address, or a possible host name.
 bool IsHost(const std::string& aText);
 

@@ -44,12 +44,18 @@ void PingClient::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmA
     }
     m_pTransport = aTrpt;
     const DWORD dwMax = GetMaxMessage(*m_pTransport);
-    if (m_pTransport->OpenWithSink(this) != CM_OK)
+    if (!Open())
         GiveUp("cannot use the connection");
     else if (m_Arguments.m_dwSize > dwMax)
         GiveUp("--size: a message over this connection has at most " + std::to_string(dwMax) + " bytes");
     else
         SendNext();
+}
+
+bool PingClient::Open() {
+    ICmReconnectSink* pGaps = this;
+    return m_pTransport->OpenWithSink(this) == CM_OK &&
+           (!ConnectsAgain(m_Arguments.m_dwType) || m_pTransport->SetOption(CM_OPT_TRANSPORT_RECONNECT_SINK, &pGaps) == CM_OK);
 }
 
 void PingClient::SendNext() {
@@ -131,6 +137,21 @@ void PingClient::OnDisconnect(CmResult aReason, ICmTransport*) {
     GiveUp("the connection to " + cm_address_text(m_Arguments.m_Addr) + " " + DescribeEnd(*m_pTransport, aReason));
 }
 
+void PingClient::OnSuspended(ICmTransport*, CmResult aReason) {
+    m_TimerAnswer.Cancel();
+    m_Console.Report("the connection broke: " + std::string(cm_result_name(aReason)) + "; connecting again",
+                     JsonLine("suspended").Add("reason", cm_result_name(aReason)));
+}
+
+void PingClient::OnResumed(ICmTransport*, DWORD aMilliseconds) {
+    ++m_dwGaps;
+    m_ullGapMs += aMilliseconds;
+    m_Console.Report("connected again after " + std::to_string(aMilliseconds) + " ms",
+                     JsonLine("resumed").Add("milliseconds", aMilliseconds));
+    if (m_bWaiting)
+        RequireMemory(m_TimerAnswer.Schedule(this, Milliseconds(m_Arguments.m_dwTimeoutMs), 1));
+}
+
 void PingClient::OnTimer(CCmTimerWrapperID* aId) {
     if (aId == &m_TimerNext)
         SendNext();
@@ -154,6 +175,10 @@ void PingClient::ReportStatistics() {
         std::snprintf(szLoss, sizeof szLoss, "%.1f", 100.0 * static_cast<double>(nLost) / m_dwSent);
         strText += ", " + std::to_string(nLost) + " lost (" + szLoss + "%)";
         json.Add("lost", nLost);
+    }
+    if (ConnectsAgain(m_Arguments.m_dwType)) {
+        strText += ", " + std::to_string(m_dwGaps) + " gaps of " + std::to_string(m_ullGapMs) + " ms in all";
+        json.Add("gaps", m_dwGaps).Add("gap_msec", m_ullGapMs);
     }
     const Percentiles p = ComputePercentiles(m_vecUsec);
     if (nBack > 0)

@@ -13,9 +13,13 @@
 namespace tool {
 
 // Sends a message, waits until all of it has come back unchanged, records the time, and repeats. Then finishes the application,
-// with EXIT_OK if all came back; if messages may be lost, any one is enough. Main thread. The arguments, the application and
+// with EXIT_OK if all came back; if messages may be lost, any one is enough. The gaps of a reliable connection are printed, and
+// the wait for an answer begins anew behind each. Main thread. The arguments, the application and
 // the console outlive it.
-class PingClient : private ICmAcceptorConnectorSink, private ICmTransportSink, private CCmTimerWrapperIDSink {
+class PingClient : private ICmAcceptorConnectorSink,
+                   private ICmTransportSink,
+                   private ICmReconnectSink,
+                   private CCmTimerWrapperIDSink {
 public:
     PingClient(const Arguments& aArguments, Application& aApplication, Console& aConsole);
     ~PingClient() override;
@@ -31,8 +35,11 @@ private:
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
+    void OnSuspended(ICmTransport* aTrptId, CmResult aReason) override;
+    void OnResumed(ICmTransport* aTrptId, DWORD aMilliseconds) override;
     void OnTimer(CCmTimerWrapperID* aId) override;
 
+    bool Open();
     void SendNext();
     void FillMessage();
     bool IsComingBack(const CCmMessageBlock& aData) const;
@@ -57,6 +64,8 @@ private:
     int64_t m_llSent = 0;             // when it was sent, in microseconds
     DWORD m_dwSent = 0;               // messages
     std::vector<DWORD> m_vecUsec;     // round trips
+    DWORD m_dwGaps = 0;
+    uint64_t m_ullGapMs = 0;  // in all
 };
 
 }  // namespace tool

@@ -59,7 +59,8 @@ class TransferTest(ProgramTest):
     def test_files_of_all_sizes_arrive_over_each_type_of_connection(self):
         contents = {"empty": b"", "one": b"1", "with spaces \u00e9": b"text\n" * 1000, "large": os.urandom(10_000_000)}
         paths = [self.make(name, content) for name, content in contents.items()]
-        for kind in [], ["--type", "length"], ["--type", "package"], ["--type", "package-keepalive"], ["--type", "nopartial"]:
+        for kind in [], ["--type", "length"], ["--type", "package"], ["--type", "package-keepalive"], ["--type", "nopartial"], \
+                ["--type", "reliable"], ["--type", "reliable-plain"]:
             server = self.receive("--once", "--force", *kind)
             sent = self.run_talvo("send", *paths, server.address, *kind)
             self.assertEqual((0, ""), (sent.returncode, sent.stderr), kind)
@@ -215,7 +216,7 @@ class TransferTest(ProgramTest):
         self.assertEqual(INTERRUPTED, server.end()[0])
 
     def test_ping_over_each_type_of_connection(self):
-        longest = {"tcp": 16 << 20, "length": 16 << 20, "package": 65531, "package-keepalive": 65531, "nopartial": 16 << 20,
+        longest = {"tcp": 16 << 20, "length": 16 << 20, "package": 65531, "package-keepalive": 65531, "nopartial": 16 << 20, "reliable": 1048567, "reliable-plain": 1048567,
                    "package --udp": 65502, "package-keepalive --udp": 65502, "nopartial --udp": 65498}
         for kind, size in longest.items():
             over = ["--type", *kind.split()]
@@ -290,7 +291,8 @@ class TransferTest(ProgramTest):
                           ["send", file, to, "--fast"], ["send", file, to, "--udp"], ["echo", "--port", -1],
                           ["echo", "--port", 0, "--udp", "--type", "tcp"], ["ping", "a:1", "b:1"], ["ping", "a:1", "--count", 0],
                           ["ping", "a:1", "--size"], ["ping", "a:1", "--interval", "1.5"], ["ping", "a:1", "--type", "fast"],
-                          ["ping", "a:1", "--udp", "--size", "65508"]):
+                          ["ping", "a:1", "--udp", "--size", "65508"], ["flaky", to], ["flaky", "h:1", to], ["flaky", to, "h"],
+                          *(["flaky", to, to, *wrong.split()] for wrong in ("--faults fire", "--every 1 --bytes 1", "--count 0"))):
             run = self.run_talvo(*arguments)
             self.assert_fails(run, 2)
             self.assertEqual("", run.stdout)
