@@ -1,18 +1,26 @@
 // A timing wheel for many timers of coarse precision.
 #pragma once
 
-#include <atomic>
-#include <forward_list>
 #include <memory>
 #include <unordered_map>
 
+#include "talvo/base/ref_ptr.h"
 #include "talvo/event/event_queue.h"
 #include "talvo/event/timer_queue_base.h"
 
-// O(1) to schedule and fire, with the precision of one slot. Cancelling searches one slot. The wheel turns by one slot a tick:
-// call Tick in the queue's thread, or PostTick from the thread with the beat, once every slot interval. The tick fires due
-// timers; in one slot the last that was pushed fires first. The base's CheckExpire fires by the clock: do not mix it with
-// ticks.
+namespace talvo {
+class CPostedTicks;
+}
+
+// O(1) to schedule, cancel and fire. In one slot the last timer that was pushed fires first. The wheel turns by one slot a
+// tick, once every slot interval, by one of two calls:
+//
+//   Tick, in the queue's thread, counts slots and does not read the clock: a timer is up to one slot early.
+//   PostTick, from the thread with the beat, also looks at the clock: a timer that is not yet due waits for a later tick, so it
+//   is never early, and at most one slot and the delay of the event queue late. A repeating timer does not drift.
+//
+// The base's CheckExpire fires by the clock without turning the wheel: do not mix it with ticks. CCmPreciseTimerManager has a
+// thread with a beat and makes calendars for it.
 class TALVO_API CCmTimerQueueCalendar : public CCmTimerQueueBase {
 public:
     // aSlotInterval: milliseconds, at least 10. aMaxInterval: milliseconds; longer timers fire early, after one turn of the
@@ -23,9 +31,10 @@ public:
     // Turns the wheel by one slot and fires the timers there. Returns their number.
     int Tick();
 
-    // Any thread: makes the queue's thread tick. Ticks that wait there run together. CM_ERROR_NULL_POINTER: there is no event
-    // queue. Otherwise the result of the post. The queue's thread must be alive, and must run the posted ticks before this
-    // object is destroyed.
+    // Any thread, as long as the queue's thread and this object exist: makes the queue's thread tick. Ticks that wait there run
+    // together; a repeating timer skips the periods that it has missed. Ticks that still wait when this object is destroyed do
+    // nothing. CM_ERROR_NULL_POINTER: there is no event queue. CM_ERROR_OUT_OF_MEMORY: there was no memory for the wheel.
+    // Otherwise the result of the post.
     CmResult PostTick();
 
 protected:
@@ -35,18 +44,37 @@ protected:
     int PopFirstNode_l(CNode& aNode) override;
     int GetEarliestTime_l(int64_t& aExpires) const override;
 
-private:
-    using CSlot = std::forward_list<CNode>;
+    BOOL IsEmpty_i() const { return m_Handlers.empty(); }
+    // Posted ticks have run.
+    virtual void OnTicked_i() {}
 
-    void InsertUnique_i(const CCmTimeValue& aInterval, CSlot& aSingle);
-    DWORD DistanceOf_i(DWORD aSlot) const;
-    BOOL FindFirst_i(ICmTimerHandler*& aEh, DWORD& aSlot) const;
+    ICmEventQueue* const m_pEventQueue;  // not owned
+
+private:
+    friend class talvo::CPostedTicks;
+
+    struct CEntry {
+        CNode m_Node;
+        CEntry* m_pNext = nullptr;    // in its slot
+        CEntry** m_ppBack = nullptr;  // null: in no slot
+        bool m_bTurn = false;         // longer than a turn of the wheel: fires at the end of one
+    };
+    struct CFree {
+        void operator()(CEntry** aSlots) const;
+    };
+
+    void RunPostedTicks_i(DWORD aCount);
+    int Turn_i(int64_t aNow, BOOL aByClock);
+    void InsertUnique_i(const CCmTimeValue& aInterval, CEntry& aEntry);
+    void Unlink_i(CEntry& aEntry);
+    CEntry* FindFirst_i() const;
+    CEntry*& SlotAt_i(DWORD aDistance) const;
 
     const DWORD m_dwSlotInterval;  // milliseconds
     const DWORD m_dwMaxSlotNumber;
-    const std::unique_ptr<CSlot[]> m_pSlots;  // m_dwMaxSlotNumber + 1 list heads; null: memory ran out
+    const std::unique_ptr<CEntry*[], CFree> m_pSlots;  // m_dwMaxSlotNumber + 1 list heads; null: memory ran out
     DWORD m_dwCurrentSlot = 0;
-    std::unordered_map<ICmTimerHandler*, DWORD> m_Handlers;  // the slot of each handler's node
-    ICmEventQueue* m_pEventQueue;                            // not owned
-    std::atomic<DWORD> m_dwPostedTicks{0};
+    mutable DWORD m_dwNearest = 1;  // in ticks: nearer slots are empty
+    std::unordered_map<ICmTimerHandler*, CEntry> m_Handlers;
+    const CCmRefPtrT<talvo::CPostedTicks> m_pTicks;  // null: memory ran out
 };
