@@ -50,6 +50,7 @@
 #include "talvo/event/event_queue_using_condition_variable.h"
 #include "talvo/event/event_queue_using_mutex.h"
 #include "talvo/event/event_synchronous.h"
+#include "talvo/event/precise_timer_manager.h"
 #include "talvo/event/reactor.h"
 #include "talvo/event/reactor_base.h"
 #include "talvo/event/reactor_epoll.h"

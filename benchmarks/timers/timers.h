@@ -36,6 +36,8 @@ public:
         m_llSchedule += ForEach([this](size_t n) { m_Timers.Schedule(n, m_Delays[n]); });
         m_llTouch += ForEach([this](size_t n) { m_Timers.Schedule(n, m_Delays[n] + 1); });
         m_llCancel += ForEach([this](size_t n) { m_Timers.Cancel(n); });
+        ForEach([this](size_t n) { m_Timers.Schedule(n, SAME_MS); });
+        m_llCancelSame += ForEach([this](size_t n) { m_Timers.Cancel(n); });
         ++m_nRounds;
     }
 
@@ -59,11 +61,13 @@ public:
         PrintCost("schedule" + strCount, PerTimer(m_llSchedule, m_nRounds));
         PrintCost("touch" + strCount, PerTimer(m_llTouch, m_nRounds));
         PrintCost("cancel" + strCount, PerTimer(m_llCancel, m_nRounds));
+        PrintCost("cancel at one time" + strCount, PerTimer(m_llCancelSame, m_nRounds));
         PrintCost("fire" + strCount, PerTimer(m_llFire, m_nFireRounds));
         PrintCost("periodic" + strCount, PerTimer(m_llPeriodic, m_nPeriods));
     }
 
 private:
+    static constexpr int SAME_MS = 500000;  // of timers that share one slot of a wheel
     static constexpr int SHORTEST_MS = 200;
     static constexpr int RANGE_MS = 20;
     static constexpr size_t PERIODS = 3;
@@ -108,6 +112,7 @@ private:
     int64_t m_llSchedule = 0;
     int64_t m_llTouch = 0;
     int64_t m_llCancel = 0;
+    int64_t m_llCancelSame = 0;
     int64_t m_llFire = 0;
     int64_t m_llPeriodic = 0;
 };

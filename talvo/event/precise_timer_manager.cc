@@ -1,0 +1,216 @@
+#include "talvo/event/precise_timer_manager.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
+#include "talvo/event/precise_timer_thread.h"
+
+using talvo::CPreciseTimerThread;
+
+namespace {
+
+using Guard = CCmMutexGuardT<CCmMutexThread>;
+using SingletonGuard = CCmMutexGuardT<CCmMutexThreadRecursive>;
+
+CCmLiveCounter s_Live("CCmPreciseTimerQueue");
+
+constexpr DWORD SLOT_INTERVAL = 10;      // milliseconds
+constexpr DWORD MAX_INTERVAL = 7200000;  // likewise
+
+std::atomic<CCmPreciseTimerManager*> s_pInstance{nullptr};
+
+// Outside of the manager's mutex, which the thread takes. aThread may be null.
+void EndThread(CPreciseTimerThread* aThread) {
+    if (!aThread)
+        return;
+    aThread->Stop();
+    aThread->Join();
+    aThread->Destory(CM_OK);
+}
+
+}  // namespace
+
+CCmPreciseTimerQueue::CCmPreciseTimerQueue(CCmPreciseTimerManager& aManager, ICmEventQueue* aQueue)
+    : CCmTimerQueueCalendar(SLOT_INTERVAL, MAX_INTERVAL, aQueue), m_Manager(aManager) {
+    ++s_Live;
+}
+
+CCmPreciseTimerQueue::~CCmPreciseTimerQueue() { --s_Live; }
+
+DWORD CCmPreciseTimerQueue::AddReference() {
+    Guard guard(m_Manager.m_Mutex);
+    return ++m_dwReferences;
+}
+
+DWORD CCmPreciseTimerQueue::ReleaseReference() { return m_Manager.Release_i(*this); }
+
+CmResult CCmPreciseTimerQueue::ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval,
+                                             unsigned long aCount) {
+    if (const CmResult rv = m_bBound ? CM_OK : Bind_i(); rv != CM_OK)
+        return rv;
+    if (m_bEnded)
+        return CM_ERROR_NOT_INITIALIZED;
+    const CmResult rv = CCmTimerQueueCalendar::ScheduleTimer(aEh, aArg, aInterval, aCount);
+    if ((rv == CM_OK || rv == CM_ERROR_FOUND) && !m_bArmed.exchange(true))
+        m_Manager.Arm_i();
+    return rv;
+}
+
+CmResult CCmPreciseTimerQueue::CancelTimer(ICmTimerHandler* aEh) {
+    return m_bBound || !aEh ? CCmTimerQueueCalendar::CancelTimer(aEh) : CM_ERROR_NOT_FOUND;
+}
+
+// The calendar may have been made by another thread.
+CmResult CCmPreciseTimerQueue::Bind_i() {
+    ACmThread* pThread = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_CURRENT);
+    if (pThread && pThread->GetEventQueue() != m_pEventQueue)
+        return CM_ERROR_FAILURE;
+    if (pThread && pThread->GetLink().Join(*this) != CM_OK)
+        return CM_ERROR_NOT_INITIALIZED;
+    m_Mutex = CCmMutexNullSingleThread();
+    m_bBound = true;
+    return CM_OK;
+}
+
+void CCmPreciseTimerQueue::End_i() {
+    LeaveThread();
+    RunPendingDeletions();
+}
+
+// Another thread may delete the calendar as soon as it has ended.
+void CCmPreciseTimerQueue::OnThreadEnd() {
+    RunPendingDeletions();
+    m_Manager.ThreadHasEnded_i(*this);
+}
+
+void CCmPreciseTimerQueue::OnTicked_i() {
+    if (IsEmpty_i())
+        m_bArmed = false;
+}
+
+CCmPreciseTimerManager::~CCmPreciseTimerManager() {
+    EndThread(m_pThread);
+    s_pInstance = nullptr;
+}
+
+CCmPreciseTimerManager* CCmPreciseTimerManager::Instance() {
+    if (CCmPreciseTimerManager* pInstance = s_pInstance.load(std::memory_order_acquire))
+        return pInstance;
+    SingletonGuard guard(GetSingletonMutex());
+    if (!s_pInstance)
+        s_pInstance = new (std::nothrow) CCmPreciseTimerManager;
+    return s_pInstance;
+}
+
+CCmPreciseTimerQueue* CCmPreciseTimerManager::GetTimerQueue(ICmEventQueue* aQueue) {
+    ICmEventQueue* pEvents = aQueue ? aQueue : CCmThreadManager::Instance()->GetThreadEventQueue(CCmThreadManager::TT_CURRENT);
+    if (!pEvents) {
+        CM_ERROR_TRACE_THIS("CCmPreciseTimerManager::GetTimerQueue, the calling thread has no event queue.");
+        return nullptr;
+    }
+    Guard guard(m_Mutex);
+    if (CCmPreciseTimerQueue* pFound = Find_i(pEvents)) {
+        ++pFound->m_dwReferences;
+        return pFound;
+    }
+    if (!StartThread_i() || !talvo::WithMemory([&] { m_Queues.reserve(m_Queues.size() + 1); }))
+        return nullptr;
+    auto* pQueue = new (std::nothrow) CCmPreciseTimerQueue(*this, pEvents);
+    if (pQueue)
+        m_Queues.push_back(pQueue);
+    return pQueue;
+}
+
+BOOL CCmPreciseTimerManager::StartThread_i() {
+    if (m_pThread && !m_pThread->IsStopped())
+        return TRUE;
+    if (m_pThread)
+        std::exchange(m_pThread, nullptr)->Destory(CM_OK);  // stopped together with all other threads
+    CPreciseTimerThread* pThread = nullptr;
+    talvo::WithMemory([&] { pThread = new CPreciseTimerThread([this](uint64_t aBeats) { OnBeat_i(aBeats); }); });
+    CmResult rv = CM_ERROR_OUT_OF_MEMORY;
+    if (pThread)
+        rv = pThread->IsReady() ? pThread->Create(CCmThreadManager::Instance()->GetAndIncreamUserType()) : CM_ERROR_UNEXPECTED;
+    if (rv == CM_OK) {
+        m_pThread = pThread;
+        m_pThread->Beat(m_bBeating);
+        return TRUE;
+    }
+    CM_ERROR_TRACE_THIS("CCmPreciseTimerManager::StartThread_i, there is no thread for the beat. rv=" << rv);
+    if (pThread)
+        pThread->Destory(rv);
+    return FALSE;
+}
+
+CCmPreciseTimerQueue* CCmPreciseTimerManager::Find_i(const ICmEventQueue* aQueue) {
+    const auto it = std::find_if(m_Queues.begin(), m_Queues.end(),
+                                 [=](const CCmPreciseTimerQueue* aFound) { return aFound->m_pEventQueue == aQueue; });
+    return it == m_Queues.end() ? nullptr : *it;
+}
+
+void CCmPreciseTimerManager::Arm_i() {
+    Guard guard(m_Mutex);
+    if (m_pThread && !std::exchange(m_bBeating, true))
+        m_pThread->Beat(TRUE);
+}
+
+void CCmPreciseTimerManager::OnBeat_i(uint64_t aTicks) {
+    Guard guard(m_Mutex);
+    if (!m_pThread)
+        return;
+    BOOL bAny = FALSE;
+    for (CCmPreciseTimerQueue* pQueue : m_Queues) {
+        for (uint64_t ullTick = 0; ullTick < aTicks && pQueue->m_bArmed; ++ullTick)
+            pQueue->PostTick();
+        bAny = bAny || pQueue->m_bArmed;
+    }
+    m_bBeating = bAny;
+    if (!bAny)
+        m_pThread->Beat(FALSE);
+}
+
+// The thread that has no calendar left, for the caller to end; otherwise null.
+CPreciseTimerThread* CCmPreciseTimerManager::Remove_i(CCmPreciseTimerQueue& aQueue) {
+    m_Queues.erase(std::remove(m_Queues.begin(), m_Queues.end(), &aQueue), m_Queues.end());
+    if (!m_Queues.empty())
+        return nullptr;
+    m_bBeating = false;
+    return std::exchange(m_pThread, nullptr);
+}
+
+void CCmPreciseTimerManager::ThreadHasEnded_i(CCmPreciseTimerQueue& aQueue) {
+    CPreciseTimerThread* pThread = nullptr;
+    {
+        Guard guard(m_Mutex);
+        pThread = Remove_i(aQueue);
+        aQueue.m_bEnded = true;
+    }
+    EndThread(pThread);
+}
+
+// A calendar that a thread uses is deleted by an event of that thread, which cannot end while the mutex is locked.
+DWORD CCmPreciseTimerManager::Release_i(CCmPreciseTimerQueue& aQueue) {
+    CPreciseTimerThread* pThread = nullptr;
+    BOOL bInside = FALSE;
+    {
+        Guard guard(m_Mutex);
+        if (--aQueue.m_dwReferences > 0)
+            return aQueue.m_dwReferences;
+        pThread = Remove_i(aQueue);
+        bInside = aQueue.m_bBound && !aQueue.m_bEnded && aQueue.m_Mutex.IsCurrentThread();
+        if (!aQueue.m_bBound || aQueue.m_bEnded)
+            delete &aQueue;
+        else if (!bInside)
+            aQueue.m_pEventQueue->PostEvent(&aQueue.m_Deletion);
+    }
+    if (bInside) {
+        aQueue.End_i();
+        aQueue.m_pEventQueue->PostEvent(&aQueue.m_Deletion);
+    }
+    EndThread(pThread);
+    return 0;
+}

@@ -1,0 +1,101 @@
+// Timers for threads without a reactor.
+#pragma once
+
+#include <atomic>
+#include <vector>
+
+#include "talvo/base/clean_up.h"
+#include "talvo/event/thread_link.h"
+#include "talvo/event/timer_queue_calendar.h"
+
+class CCmPreciseTimerManager;
+
+namespace talvo {
+class CPreciseTimerThread;
+}
+
+// The calendar of one event queue, with slots of 10 ms and a wheel of two hours. Schedule and cancel in the thread of that
+// event queue only; the first schedule binds the calendar to the calling thread. A timer is never early, and late by at most 10
+// ms and the time that its event waits in the event queue. One of two hours or more is traced and fires after one turn of the
+// wheel.
+//
+//   this queue                  threads without a reactor; 100,000 coarse timers: each operation is O(1)
+//   the queue of a reactor      precision of 1 ms, and O(log n)
+//   the queue of CCmThreadTask  likewise, as long as the thread returns to its loop in time
+//
+// Counted: GetTimerQueue adds a reference for its caller, and the last release ends the calendar and its timers. Any thread may
+// add and release references. The end of the thread ends its calendar, too: it then fires nothing and refuses timers, and still
+// has to be released.
+class TALVO_API CCmPreciseTimerQueue final : public CCmTimerQueueCalendar, private CCmThreadTenant {
+public:
+    DWORD AddReference();
+    // Inside OnTimeout, too: no other timer of the calendar fires then.
+    DWORD ReleaseReference();
+
+    // As ICmTimerQueue. CM_ERROR_NOT_INITIALIZED: the thread of the event queue has ended.
+    CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) override;
+    CmResult CancelTimer(ICmTimerHandler* aEh) override;
+
+private:
+    friend class CCmPreciseTimerManager;
+
+    // Deletes the calendar outside of its callbacks.
+    class CDeletion final : public ICmEvent {
+    public:
+        explicit CDeletion(CCmPreciseTimerQueue& aQueue) : m_Queue(aQueue) {}
+        CmResult OnEventFire() override { return CM_OK; }
+        void OnDestorySelf() override { delete &m_Queue; }
+
+    private:
+        CCmPreciseTimerQueue& m_Queue;
+    };
+
+    CCmPreciseTimerQueue(CCmPreciseTimerManager& aManager, ICmEventQueue* aQueue);
+    ~CCmPreciseTimerQueue() override;
+
+    CmResult Bind_i();
+    void End_i();
+    void OnThreadEnd() override;
+    void OnTicked_i() override;
+
+    CCmPreciseTimerManager& m_Manager;
+    DWORD m_dwReferences = 1;           // the manager's mutex guards it
+    std::atomic<bool> m_bBound{false};  // to a thread, which alone uses it
+    std::atomic<bool> m_bEnded{false};  // the thread has ended
+    std::atomic<bool> m_bArmed{false};  // the beat ticks it
+    CDeletion m_Deletion{*this};
+};
+
+// The process's precise timers: one thread of a user type, started with the first calendar and ended with the last one, ticks
+// all calendars that have timers. It sleeps without wake-ups while none has. Any thread.
+class TALVO_API CCmPreciseTimerManager : public CCmCleanUpBase {
+public:
+    // The first call creates it. Null: memory ran out.
+    static CCmPreciseTimerManager* Instance();
+
+    // The calendar of aQueue, which must live as long as its timers; null: the calling thread's event queue. The caller
+    // releases it. The same calendar for each call with that queue, until its last release. Null: the calling thread has no
+    // event queue, or memory, descriptors or threads ran out; a trace line has the cause.
+    CCmPreciseTimerQueue* GetTimerQueue(ICmEventQueue* aQueue = nullptr);
+
+protected:
+    ~CCmPreciseTimerManager() override;
+
+private:
+    friend class CCmPreciseTimerQueue;
+
+    CCmPreciseTimerManager() = default;
+
+    BOOL StartThread_i() CM_REQUIRES(m_Mutex);
+    CCmPreciseTimerQueue* Find_i(const ICmEventQueue* aQueue) CM_REQUIRES(m_Mutex);
+    void Arm_i();
+    DWORD Release_i(CCmPreciseTimerQueue& aQueue);
+    void ThreadHasEnded_i(CCmPreciseTimerQueue& aQueue);
+    talvo::CPreciseTimerThread* Remove_i(CCmPreciseTimerQueue& aQueue) CM_REQUIRES(m_Mutex);
+    void OnBeat_i(uint64_t aTicks);
+
+    CCmMutexThread m_Mutex;
+    std::vector<CCmPreciseTimerQueue*> m_Queues CM_GUARDED_BY(m_Mutex);      // of threads that have not ended
+    talvo::CPreciseTimerThread* m_pThread CM_GUARDED_BY(m_Mutex) = nullptr;  // null: there is no calendar
+    bool m_bBeating CM_GUARDED_BY(m_Mutex) = false;
+};
