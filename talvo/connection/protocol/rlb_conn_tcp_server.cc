@@ -82,7 +82,8 @@ void CRlbConnTCPServer::Accept_i() {
         Final_i(rv);
 }
 
-// The transport's further bytes go to the other connection. This one has no transport any more and ends.
+// The transport's further bytes go to the other connection. This one has no transport any more and ends. A reference to the
+// other one would delay the end that its user's last release makes.
 void CRlbConnTCPServer::HandOver_i(const CCsPduConnToken& aRequest) {
     talvo::CReopenRequest request{aRequest, IsToken_i(), TRUE, GetPeer_i()};
     GetTransportOption_i(CM_OPT_TRANSPORT_SOCK_ALIVE, &request.m_bAlive);
@@ -99,11 +100,10 @@ void CRlbConnTCPServer::HandOver_i(const CCsPduConnToken& aRequest) {
         return;
     }
     const CCmRefPtrT<ICmTransport> pTransport = m_pTransport;
-    const CCmRefPtrT<CRlbConnTCPServer> pConn(verdict.m_pConn);
     SetTPTransport(nullptr);
     m_Direct.SetTransport(nullptr, FALSE);
     Final_i(CM_ERROR_NETWORK_SOCKET_CLOSE);  // without a notification
-    pConn->Reopen_i(*pTransport, aRequest);
+    verdict.m_pConn->Reopen_i(*pTransport, aRequest);
 }
 
 BOOL CRlbConnTCPServer::MayReopen(DWORD aPeerReceived) const {
