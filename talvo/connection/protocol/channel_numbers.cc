@@ -1,53 +1,72 @@
 #include "talvo/connection/protocol/channel_numbers.h"
 
+#include <bit>
+
 #include "talvo/base/random_source.h"
 #include "talvo/base/with_memory.h"
 
 namespace talvo {
 
-BOOL CChannelNumbers::IsFree_i(WORD aNumber, BOOL aRestingToo) const {
-    return aNumber != 0 && !m_Used.contains(aNumber) && (aRestingToo || !m_Resting.contains(aNumber));
+void CChannelNumbers::CNumberSet::Add(WORD aNumber) {
+    m_dwCount += !Has(aNumber);
+    m_Bits[aNumber / 64] |= BitOf(aNumber);
 }
 
-// A few random tries, and then every number from a random one on.
-WORD CChannelNumbers::Find_i(BOOL aRestingToo) const {
-    constexpr int TRIES = 32;
-    for (int i = 0; i < TRIES; ++i) {
-        const auto wNumber = static_cast<WORD>(CCmRandomSource::Below(COUNT) + 1);
-        if (IsFree_i(wNumber, aRestingToo))
-            return wNumber;
+void CChannelNumbers::CNumberSet::Remove(WORD aNumber) {
+    m_dwCount -= Has(aNumber);
+    m_Bits[aNumber / 64] &= ~BitOf(aNumber);
+}
+
+WORD CChannelNumbers::CNumberSet::PickOther() const {
+    if (m_dwCount == COUNT)
+        return 0;
+    uint64_t ullSkip = CCmRandomSource::Below(COUNT - m_dwCount);
+    size_t stWord = 0;
+    uint64_t ullFree = ~m_Bits[0];
+    for (int nFree = std::popcount(ullFree); ullSkip >= static_cast<uint64_t>(nFree); nFree = std::popcount(ullFree)) {
+        ullSkip -= static_cast<uint64_t>(nFree);
+        ullFree = ~m_Bits[++stWord];
     }
-    const auto dwFirst = static_cast<DWORD>(CCmRandomSource::Below(COUNT));
-    for (DWORD i = 0; i < COUNT; ++i) {
-        const auto wNumber = static_cast<WORD>((dwFirst + i) % COUNT + 1);
-        if (IsFree_i(wNumber, aRestingToo))
-            return wNumber;
-    }
-    return 0;
+    for (; ullSkip > 0; --ullSkip)
+        ullFree &= ullFree - 1;  // without the lowest
+    return static_cast<WORD>(stWord * 64 + static_cast<size_t>(std::countr_zero(ullFree)));
 }
 
 WORD CChannelNumbers::Take(int64_t aNow) {
-    for (auto it = m_ByTime.begin(); it != m_ByTime.end() && it->first <= aNow; it = m_ByTime.erase(it)) {
-        if (const auto resting = m_Resting.find(it->second); resting != m_Resting.end() && resting->second == it->first)
-            m_Resting.erase(resting);
-    }
-    WORD wNumber = m_Used.size() + m_Resting.size() < COUNT ? Find_i(FALSE) : 0;
-    if (wNumber == 0 && m_Used.size() < COUNT)
-        wNumber = Find_i(TRUE);
-    if (wNumber == 0 || !WithMemory([&] { m_Used.insert(wNumber); }))
+    while (!m_ByTime.empty() && m_ByTime.begin()->first <= aNow)
+        Wake_i(m_ByTime.begin());
+    WORD wNumber = m_Busy.PickOther();
+    if (wNumber == 0)
+        wNumber = m_Used.PickOther();
+    if (wNumber == 0)
         return 0;
-    m_Resting.erase(wNumber);
+    if (const auto it = m_Resting.find(wNumber); it != m_Resting.end())
+        Wake_i(it->second);
+    m_Used.Add(wNumber);
+    m_Busy.Add(wNumber);
     return wNumber;
 }
 
-// Without memory the number does not rest.
+void CChannelNumbers::Wake_i(CByTime::iterator aPlace) {
+    m_Busy.Remove(aPlace->second);
+    m_Resting.erase(aPlace->second);
+    m_ByTime.erase(aPlace);
+}
+
 void CChannelNumbers::GiveBack(WORD aNumber, int64_t aUntil) {
-    if (m_Used.erase(aNumber) == 0)
+    if (!m_Used.Has(aNumber))
         return;
-    WithMemory([&] {
-        m_ByTime.emplace(aUntil, aNumber);
-        m_Resting[aNumber] = aUntil;
+    m_Used.Remove(aNumber);
+    auto place = m_ByTime.end();
+    const BOOL bRests = WithMemory([&] {
+        place = m_ByTime.emplace(aUntil, aNumber);
+        m_Resting.emplace(aNumber, place);
     });
+    if (bRests)
+        return;
+    if (place != m_ByTime.end())
+        m_ByTime.erase(place);
+    m_Busy.Remove(aNumber);
 }
 
 }  // namespace talvo

@@ -1,9 +1,9 @@
 // The channel numbers of an acceptor.
 #pragma once
 
+#include <array>
 #include <map>
 #include <unordered_map>
-#include <unordered_set>
 
 #include "talvo/base/export.h"
 #include "talvo/base/types.h"
@@ -11,23 +11,40 @@
 namespace talvo {
 
 // Gives numbers from 1 to 65,535 at random, each once at a time. A number that was given back rests, and is given again only
-// when no other is free: a client that comes back too late then rarely meets another's channel. One thread.
+// when no other is free: a client that comes back too late then rarely meets another's channel. Its memory and the time of a
+// call do not depend on the number of calls. One thread.
 class TALVO_API CChannelNumbers {
 public:
-    // 0: none is free, or memory ran out. aNow: microseconds of any clock that does not go back.
+    // 0: none is free. aNow: microseconds of any clock that does not go back.
     WORD Take(int64_t aNow);
-    // The number rests until then.
+    // The number rests until then; without memory it does not rest.
     void GiveBack(WORD aNumber, int64_t aUntil);
 
 private:
-    BOOL IsFree_i(WORD aNumber, BOOL aRestingToo) const;
-    WORD Find_i(BOOL aRestingToo) const;
-
     static constexpr DWORD COUNT = 65535;
 
-    std::unordered_set<WORD> m_Used;
-    std::unordered_map<WORD, int64_t> m_Resting;  // and until when
-    std::multimap<int64_t, WORD> m_ByTime;        // the same, by the end of the rest
+    class CNumberSet {
+    public:
+        BOOL Has(WORD aNumber) const { return (m_Bits[aNumber / 64] & BitOf(aNumber)) != 0; }
+        void Add(WORD aNumber);
+        void Remove(WORD aNumber);
+        // A number that is not in the set, each with the same chance. 0: there is none.
+        WORD PickOther() const;
+
+    private:
+        static uint64_t BitOf(WORD aNumber) { return uint64_t{1} << aNumber % 64; }
+
+        std::array<uint64_t, (COUNT + 1) / 64> m_Bits{1};  // 0 is no number
+        DWORD m_dwCount = 0;
+    };
+    using CByTime = std::multimap<int64_t, WORD>;
+
+    void Wake_i(CByTime::iterator aPlace);
+
+    CNumberSet m_Used;
+    CNumberSet m_Busy;  // used or resting
+    CByTime m_ByTime;   // the resting ones, by the end of the rest
+    std::unordered_map<WORD, CByTime::iterator> m_Resting;
 };
 
 }  // namespace talvo

@@ -150,12 +150,15 @@ void CReliableChannels::OnBack(WORD aChannel, const CIpBytes& aAddr) {
     DropOld_i();
 }
 
-void CReliableChannels::Forget(WORD aChannel, DWORD aSeconds) {
+void CReliableChannels::Forget(WORD aChannel, DWORD aSeconds) { Erase_i(aChannel, After(aSeconds)); }
+
+// The number rests until then.
+void CReliableChannels::Erase_i(WORD aChannel, int64_t aUntil) {
     if (!Find_i(aChannel))
         return;
     Move_i(aChannel, UP);
     m_Entries.erase(aChannel);
-    m_Numbers.GiveBack(aChannel, After(aSeconds));
+    m_Numbers.GiveBack(aChannel, aUntil);
 }
 
 void CReliableChannels::Remember(WORD aChannel, CmResult aReason, DWORD aSeconds) {
@@ -208,21 +211,21 @@ void CReliableChannels::EndLost_i(WORD aChannel) {
     CEntry* pEntry = Find_i(aChannel);
     if (pEntry && pEntry->m_pConn)
         pEntry->m_pConn->EndLost();  // forgets it; may release anything
-    else
-        Forget(aChannel, 0);
+    else if (pEntry)
+        Erase_i(aChannel, pEntry->m_llUntil);
 }
 
 // Of different times of remembering, so those behind a longer one stay longer.
 void CReliableChannels::DropOld_i() {
     while (!m_Remembered.empty() && Find_i(m_Remembered.front())->m_llUntil <= Now())
-        Forget(m_Remembered.front(), 0);
+        Erase_i(m_Remembered.front(), 0);
 }
 
 void CReliableChannels::Close() {
     const std::shared_ptr<CReliableChannels> pKeep = shared_from_this();
     m_bClosed = TRUE;
     while (!m_Remembered.empty())
-        Forget(m_Remembered.front(), 0);
+        Erase_i(m_Remembered.front(), 0);
     while (!m_Lost.empty())
         EndLost_i(m_Lost.front());
 }

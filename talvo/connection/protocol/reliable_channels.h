@@ -88,6 +88,7 @@ private:
     void Enforce_i(const CIpBytes& aAddr, WORD aNewcomer);
     WORD FindVictim_i(const CIpBytes& aAddr, WORD aNewcomer) const;
     void EndLost_i(WORD aChannel);
+    void Erase_i(WORD aChannel, int64_t aUntil);
     void DropOld_i();
     const char* FindFault_i(const CEntry& aEntry, const CReopenRequest& aRequest) const;
 
