@@ -142,6 +142,7 @@ TEST_F(RlbWireTest, ServerInThePlainForm) {
         Ask("01 00000000 0000 1F"));
     EXPECT_EQ("", Ask("01 00000000 0000 0F 06 00000000 00000001 61"));  // data before the response
     EXPECT_EQ("", Ask("06 00000000 00000001 61"));
+    EXPECT_EQ("", Ask("04 00000000 01 00000000 0000 0F"));  // nothing to acknowledge yet
     EXPECT_EQ("", m_Gaps.Take());
     EXPECT_FALSE(first.IsClosed());
 
@@ -229,6 +230,7 @@ TEST_F(RlbWireTest, ServerInTheTokenForm) {
     strWrong[31] = strWrong[31] == '0' ? '1' : '0';
     EXPECT_EQ("034E2C", Ask("01 00000000 " + strChannel + " 1F " + strWrong + " 00000001"));
     EXPECT_EQ("034E2C", Ask(strRequest + " 00000000"));
+    EXPECT_EQ("034E2C", Ask("01 00000000 0000 1F " + strToken + " 00000000"));
     EXPECT_EQ(
         "02"
         "00000000"
@@ -240,7 +242,7 @@ TEST_F(RlbWireTest, ServerInTheTokenForm) {
     EXPECT_EQ("034E2C", Ask(strRequest + " 00000007"));
     EXPECT_EQ("034E2C", Ask(strRequest + " 00000006"));
     EXPECT_TRUE(first.IsClosed());
-    EXPECT_FALSE(m_Raw[4]->IsClosed());
+    EXPECT_FALSE(m_Raw[5]->IsClosed());
     EXPECT_EQ("suspended 20003 resumed ", m_Gaps.Take());
     // The last byte of a request comes late.
     CRawEnd& late = Connect(strRequest + " 000000");
@@ -420,4 +422,11 @@ TEST_F(RlbWireTest, ClientGivesUp) {
     EXPECT_EQ("", m_User.Take());
     Run(2);
     EXPECT_EQ("disconnect 20011", m_User.Take());
+    // The first connect has 60 seconds in all, the transport's included.
+    m_Network.SetPath({.m_tvSilentUntil = CCmTimeValue::s_tvMax});
+    m_pConnector->AsycConnect(&m_Clients, SERVER);
+    Run(59);
+    EXPECT_EQ(1u, m_Clients.m_Reasons.size());
+    Run(2);
+    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, m_Clients.m_Reasons.back());
 }

@@ -71,6 +71,8 @@ BOOL CCsConn::TakePdu_i(CCmTransportParameter* aPara) {
             OnRecvDisconn();
         return FALSE;
     case CS_PDU_TYPE_KEEPALIVE:
+        if (m_dwType == TYPE_RELIABLE && m_wStatus != CS_STATUS_CONNECTED)
+            break;  // before the response there is no acknowledgement
         if (!bWhole)
             return FALSE;
         OnRecvKeepAlive();

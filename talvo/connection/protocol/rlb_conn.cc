@@ -139,7 +139,7 @@ void CRlbConn::OnTimer(CCmTimerWrapperID* aId) {
         Final_i(GetLateReason_i());
     } else if (aId != &m_Timer) {
         SendKeepAliveIfDue_i();
-    } else if (m_wStatus == CS_STATUS_HANDSHAKE) {
+    } else if (m_wStatus == CS_STATUS_HANDSHAKE || m_wStatus == CS_STATUS_NOT_CONNECTED) {
         CM_WARNING_TRACE_THIS("CRlbConn::OnTimer(), the handshake is not complete.");
         NoteFailure_i(CM_FAILURE_SILENCE, "the peer has not answered the connect request");
         Final_i(CM_ERROR_NETWORK_CONNECT_ERROR);

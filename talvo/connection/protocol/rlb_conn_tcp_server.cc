@@ -50,7 +50,7 @@ void CRlbConnTCPServer::OnRecvConnReq() {
         ViolatedBy_i("data before the connect response");
     } else if (pdu.GetConTag() != 0) {
         HandOver_i(pdu);
-    } else if (pdu.GetACK() != 0 || pdu.m_dwAttempt != 0) {
+    } else if (pdu.GetACK() != 0 || pdu.m_dwAttempt != 0 || !(pdu.m_Token == CCsConnToken{})) {
         RefuseClient_i(CM_ERROR_NETWORK_CONNECT_REFUSED);
     } else {
         Accept_i();
