@@ -47,8 +47,11 @@ int CSimConnector::Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal) {
         return 0;
     }
     const CCmSimLink& link = m_pCore->GetLink(m_pAttempt->m_AddrPeer);
-    const int64_t llThereAndBack = m_pCore->DelayOf(link.m_Up) + m_pCore->DelayOf(link.m_Down);
+    const int64_t llThereAndBack = m_pCore->DelayOf(link.m_Up) + m_pCore->DelayOf(link.m_Down) +
+                                   m_pCore->m_Random.UpTo(link.m_Up.m_tvConnect.GetTotalInUsec());
     m_pCore->m_Trace.Note(m_pAttempt->m_AddrPeer, "is called");
+    if (m_pCore->m_pObserver)
+        m_pCore->m_pObserver->OnConnect(addrLocal, m_pAttempt->m_AddrPeer);
     After_i(m_bDatagrams ? 0 : llThereAndBack, &CSimConnector::Finish_i);
     After_i(SYSTEM_LIMIT, &CSimConnector::GiveUp_i);
     return 0;
@@ -101,7 +104,9 @@ void CSimConnector::Succeed_i() {
 // The other end of a stream exists at once; its acceptor indicates it later.
 void CSimConnector::Answer_i(const CCmInetAddr& aLocal, const CCmInetAddr& aPeer) {
     const auto pAnswer = m_pCore->FindAcceptor(aLocal, FALSE)->MakeEnd(aLocal, aPeer);
-    m_pCore->m_Schedule.After(m_pCore->DelayOf(m_pCore->GetLink(aLocal).m_Up), [&core = *m_pCore, pAnswer] {
+    const CCmSimPath& path = m_pCore->GetLink(aLocal).m_Up;
+    const int64_t llDelay = m_pCore->DelayOf(path) + m_pCore->m_Random.UpTo(path.m_tvBacklog.GetTotalInUsec());
+    m_pCore->m_Schedule.After(llDelay, [&core = *m_pCore, pAnswer] {
         if (CSimAcceptor* pAcceptor = core.FindAcceptor(pAnswer->Describe().m_AddrLocal, FALSE))
             pAcceptor->Accept(pAnswer);
     });

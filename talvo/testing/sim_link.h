@@ -20,6 +20,11 @@ struct CCmSimPath {
     double m_Mute = 0;           // from this send on the stream delivers nothing in this direction, and reports nothing
     uint64_t m_ullCutAfter = 0;  // each stream breaks after this number of bytes, which arrive; 0: never
 
+    // Of m_Up. The most extra time until a connect succeeds; and until the acceptor indicates it afterwards: meanwhile it is in
+    // the listener's backlog, with what its connector sends and with its end.
+    CCmTimeValue m_tvConnect{};
+    CCmTimeValue m_tvBacklog{};
+
     // Silence between the two simulated times: datagrams are lost, and bytes, ends and connects of streams wait.
     CCmTimeValue m_tvSilentFrom{};
     CCmTimeValue m_tvSilentUntil{};  // CCmTimeValue::s_tvMax: until SetLink changes it

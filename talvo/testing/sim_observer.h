@@ -4,6 +4,7 @@
 #include <string>
 
 #include "talvo/base/inet_addr.h"
+#include "talvo/base/message_block.h"
 
 // The current state of one end of a simulated connection.
 struct CCmSimEnd {
@@ -21,8 +22,9 @@ struct CCmSimEnd {
 // library. A method does nothing unless overridden.
 class ICmSimObserver {
 public:
-    virtual void OnOpen(const CCmSimEnd&) {}                          // the first call of OpenWithSink
-    virtual void OnSend(const CCmSimEnd&, const std::string&) {}      // a call of SendData, before it takes data
+    virtual void OnConnect(const CCmInetAddr& /*aLocal*/, const CCmInetAddr& /*aPeer*/) {}  // an attempt begins
+    virtual void OnOpen(const CCmSimEnd&) {}                                                // the first call of OpenWithSink
+    virtual void OnSend(const CCmSimEnd&, const CCmMessageBlock&) {}  // a call of SendData, before it takes data
     virtual void OnReceive(const CCmSimEnd&, const std::string&) {}   // before the sink's OnReceive,
     virtual void OnReceived(const CCmSimEnd&, const std::string&) {}  // and after it; the end may be closed then
     // aByOwner: the user has closed it; otherwise the peer or the link.

@@ -6,17 +6,17 @@
 
 namespace {
 
-constexpr DWORD MAX_PDU = 16 << 10;
+constexpr DWORD MAX_PDU = 4 << 10;
 const CCmTimeValue PERIOD(3);
 
 }  // namespace
 
-void CCmSimReliablePeer::Start(BOOL aMayEnd, DWORD aReconnectTime) {
+void CCmSimReliablePeer::Start(BOOL aMayEnd, DWORD aReconnectTime, BOOL aSmall) {
     m_bMayEnd = aMayEnd;
     *m_pWild = TRUE;
     Open();
     ICmReconnectSink* pSink = this;
-    m_dwMaxBuffer = Chance_i(50) ? 1 << 20 : MAX_PDU + Below_i(100000);
+    m_dwMaxBuffer = !aSmall && Chance_i(50) ? 1 << 20 : MAX_PDU + Below_i(MAX_SMALL_BUFFER - MAX_PDU);
     DWORD dwKeepAlive = 1 + Below_i(15);
     for (auto [dwOption, pValue] : {std::pair<DWORD, void*>{CM_OPT_TRANSPORT_RECONNECT_SINK, &pSink},
                                     {CS_OPT_RECONNECT_TIME, &aReconnectTime},
@@ -59,7 +59,7 @@ void CCmSimReliablePeer::Act_i() {
         Chance_i(50) ? Release() : End(Chance_i(50) ? CM_OK : CM_ERROR_NETWORK_SOCKET_CLOSE);
     else if (BOOL bCork = Chance_i(30); dwAct < 900) {
         GetTransport()->SetOption(CM_OPT_TRANSPORT_CORK, &bCork);
-        for (DWORD i = Below_i(Chance_i(10) ? 200 : 10); i > 0 && IsOpen(); --i)
+        for (DWORD i = Below_i(Chance_i(5) ? 200 : 10); i > 0 && IsOpen(); --i)
             Send(Below_i(Chance_i(5) ? MAX_PDU - 100 : 300));
         bCork = FALSE;
         if (IsOpen())
@@ -70,6 +70,7 @@ void CCmSimReliablePeer::Act_i() {
 
 void CCmSimReliablePeer::Pause_i(BOOL aPause) {
     m_bPaused = aPause;
+    m_tvQuiet = GetNetwork().Now();
     if (IsOpen() && GetTransport()->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &aPause) != CM_OK)
         Fail("a pause is refused");
 }
@@ -100,6 +101,8 @@ void CCmSimReliablePeer::CheckSettled(BOOL aMustBeOpen) {
 void CCmSimReliablePeer::OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) {
     if (m_bSuspended)
         Fail("OnReceive while suspended");
+    if (m_bPaused && GetNetwork().Now() > m_tvQuiet)
+        Fail("OnReceive while reading is paused");
     CCmSimPeer::OnReceive(aData, aTrptId, aPara);
     ActInside_i(10);
 }
@@ -128,5 +131,6 @@ void CCmSimReliablePeer::OnResumed(ICmTransport*, DWORD) {
     Note("is resumed");
     if (!std::exchange(m_bSuspended, FALSE) || !IsOpen())
         Fail("OnResumed twice or after the end");
+    m_tvQuiet = GetNetwork().Now();
     ActInside_i(30);
 }

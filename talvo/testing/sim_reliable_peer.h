@@ -7,20 +7,26 @@
 #include "talvo/transport/reconnect_sink.h"
 
 // Sends at random, also inside its upcalls, pauses reading, and checks the promises of a reliable connection to its sinks over
-// any number of gaps: suspensions and resumptions alternate, none comes after the end, and the bytes kept stay within the send
-// buffer. All chances are the network's. Do not call CCmSimPeer::CheckStep: there may be no link below.
+// any number of gaps: suspensions and resumptions alternate, none comes after the end, a pause of reading outlasts them, and
+// the bytes kept stay within the send buffer. All chances are the network's. Do not call CCmSimPeer::CheckStep: there may be no
+// link below.
 class CCmSimReliablePeer final : public CCmSimPeer, public ICmReconnectSink {
 public:
     using CCmSimPeer::CCmSimPeer;
     ~CCmSimReliablePeer() override { *m_pWild = FALSE; }
 
-    // aMayEnd: it ends the connection one day, perhaps. aReconnectTime: seconds.
-    void Start(BOOL aMayEnd, DWORD aReconnectTime);
+    // Of a small send buffer, bytes.
+    static constexpr DWORD MAX_SMALL_BUFFER = 24 << 10;
+
+    // aMayEnd: it ends the connection one day, perhaps. aReconnectTime: seconds. aSmall: a small send buffer; otherwise it may
+    // be of any size.
+    void Start(BOOL aMayEnd, DWORD aReconnectTime, BOOL aSmall = FALSE);
     // Sends no more, and reads what was held back.
     void Calm();
     void CheckStep();
     // The connection has been up or over for long enough.
     void CheckSettled(BOOL aMustBeOpen);
+    BOOL IsSuspended() const { return m_bSuspended && IsOpen(); }
     CmResult GetReason() const { return m_Reason; }
 
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
@@ -41,6 +47,7 @@ private:
     BOOL m_bMayEnd = FALSE;
     BOOL m_bPaused = FALSE;
     BOOL m_bSuspended = FALSE;
+    CCmTimeValue m_tvQuiet;  // the last pause or resumption; only messages of the same read come behind it while it pauses
     DWORD m_dwMaxBuffer = 1 << 20;
     int m_nDepth = 0;
     CmResult m_Reason = CM_OK;

@@ -8,12 +8,23 @@
 namespace talvo {
 
 void CSimSchedule::After(int64_t aDelay, std::function<void()> aRun) {
-    m_Calls.push({m_llNow + aDelay, m_ullCalls++, std::move(aRun)});
+    size_t stRun = m_Runs.size();
+    if (m_FreeRuns.empty()) {
+        m_Runs.push_back(std::move(aRun));
+    } else {
+        stRun = m_FreeRuns.back();
+        m_FreeRuns.pop_back();
+        m_Runs[stRun] = std::move(aRun);
+    }
+    m_Calls.push({m_llNow + aDelay, m_ullCalls++, stRun});
 }
 
 void CSimSchedule::Clear() {
-    while (!m_Calls.empty())
-        std::exchange(m_Calls, {});
+    while (!m_Calls.empty()) {
+        m_Calls = {};
+        m_FreeRuns.clear();
+        const auto runs = std::exchange(m_Runs, {});
+    }
 }
 
 // FALSE: nothing is due until aEnd, on the library's clock.
@@ -31,8 +42,10 @@ BOOL CSimSchedule::RunNext_i(int64_t aEnd) {
         m_pReactor->ProcessTimerTick();
         return TRUE;
     }
-    const auto run = std::move(const_cast<CCall&>(m_Calls.top()).m_Run);  // popped next
+    const size_t stRun = m_Calls.top().m_stRun;
     m_Calls.pop();
+    const auto run = std::exchange(m_Runs[stRun], {});
+    m_FreeRuns.push_back(stRun);
     run();
     return TRUE;
 }

@@ -47,7 +47,7 @@ private:
     struct CCall {
         int64_t m_llAt;
         uint64_t m_ullNumber;
-        std::function<void()> m_Run;
+        size_t m_stRun;                              // in m_Runs: the heap moves its entries often
         bool operator<(const CCall& aRight) const {  // the later one is less
             return m_llAt != aRight.m_llAt ? m_llAt > aRight.m_llAt : m_ullNumber > aRight.m_ullNumber;
         }
@@ -60,6 +60,8 @@ private:
     BOOL m_bRunning = FALSE;
     uint64_t m_ullCalls = 0;
     std::priority_queue<CCall> m_Calls;
+    std::vector<std::function<void()>> m_Runs;
+    std::vector<size_t> m_FreeRuns;
     CSimReactor* m_pReactor = nullptr;
     std::function<void()> m_Step = [] {};
 };

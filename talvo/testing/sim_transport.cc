@@ -46,7 +46,12 @@ const CCmSimPath& CSimTransport::GetPathIn_i() const {
     return m_End.m_bAccepted ? link.m_Up : link.m_Down;
 }
 
-void CSimTransport::After_i(int64_t aDelay, void (CSimTransport::*aRun)()) { AfterAt_i(*m_pCore, aDelay, m_Key, aRun); }
+void CSimTransport::After_i(int64_t aDelay, void (CSimTransport::*aRun)()) {
+    m_pCore->m_Schedule.After(aDelay, [pSelf = m_pSelf, aRun] {
+        if (*pSelf)
+            ((*pSelf)->*aRun)();
+    });
+}
 
 // By key: the end may be deleted then.
 void CSimTransport::AfterAt_i(CSimCore& aCore, int64_t aDelay, const CSimCore::CEndKey& aKey, void (CSimTransport::*aRun)()) {
@@ -73,6 +78,7 @@ CmResult CSimTransport::Close_t(CmResult) {
         return CM_OK;
     m_pCore->m_Trace.Note(m_End, "closes");
     m_pCore->m_Ends.erase(m_Key);
+    *m_pSelf = nullptr;
     if (m_pCore->m_pObserver)
         m_pCore->m_pObserver->OnClose(m_End, !m_bEndArrived && !m_End.m_bBroken);
     if (!m_End.m_bDatagrams && !m_End.m_bBroken && !m_bEndSent)
@@ -88,24 +94,26 @@ CmResult CSimTransport::SendData(CCmMessageBlock& aData, CCmTransportParameter* 
         return CM_ERROR_NOT_INITIALIZED;
     iovec pieces[MAX_DATAGRAM_PIECES + 1];
     const DWORD dwPieces = aData.FillIov(pieces, m_End.m_bDatagrams ? MAX_DATAGRAM_PIECES + 1 : CNetworkBuffers::MAX_PIECES);
-    std::string strBytes;
+    size_t stLength = 0;
     for (DWORD i = 0; i < dwPieces; ++i)
-        strBytes.append(static_cast<const char*>(pieces[i].iov_base), pieces[i].iov_len);
+        stLength += pieces[i].iov_len;
     if (m_pCore->m_pObserver)
-        m_pCore->m_pObserver->OnSend(m_End, strBytes);
-    if (m_End.m_bDatagrams && (strBytes.size() > MAX_DATAGRAM_LENGTH || dwPieces > MAX_DATAGRAM_PIECES))
+        m_pCore->m_pObserver->OnSend(m_End, aData);
+    if (m_End.m_bDatagrams && (stLength > MAX_DATAGRAM_LENGTH || dwPieces > MAX_DATAGRAM_PIECES))
         return CM_ERROR_INVALID_ARG;
-    if (!m_End.m_bDatagrams && strBytes.empty())
+    if (!m_End.m_bDatagrams && stLength == 0)
         return CM_OK;
     if (m_End.m_bBroken || m_bEndSent)
         return CM_ERROR_NETWORK_SOCKET_ERROR;
 
     const CCmSimPath& path = GetPathOut_i();
-    const size_t stRoom = GetRoom_i(strBytes.size(), path);
+    const size_t stRoom = GetRoom_i(stLength, path);
     const BOOL bRefused = m_pCore->m_Random.Chance(path.m_PartialSend);
     const size_t stTaken = !bRefused ? stRoom : m_End.m_bDatagrams ? 0 : m_pCore->m_Random.Below(stRoom + 1);
     m_pCore->m_Trace.Note(m_End, "sends", static_cast<int64_t>(stTaken));
-    strBytes.resize(stTaken);
+    std::string strBytes;
+    for (DWORD i = 0; strBytes.size() < stTaken; ++i)
+        strBytes.append(static_cast<const char*>(pieces[i].iov_base), std::min(pieces[i].iov_len, stTaken - strBytes.size()));
     aData.AdvanceChainedReadPtr(static_cast<DWORD>(stTaken));
     if (aPara)
         aPara->m_dwHaveSent = static_cast<DWORD>(stTaken);

@@ -68,6 +68,7 @@ private:
     void Deliver_i();
     void DeliverBytes_i();
     std::string TakeUnread_i();
+    std::string TakeFromStream_i(size_t aMax);
     void OnPeerRead_i(size_t aLength);
     void NotifyRoom_i();
     void NotifyEnd_i();
@@ -78,7 +79,8 @@ private:
 
     const std::shared_ptr<CSimCore> m_pCore;
     const CSimCore::CEndKey m_Key;
-    CCmSimEnd m_End;  // kept up to date
+    const std::shared_ptr<CSimTransport*> m_pSelf = std::make_shared<CSimTransport*>(this);  // shared with calls; null: closed
+    CCmSimEnd m_End;                                                                         // kept up to date
     CSocketSettings m_Sizes;
     BOOL m_bClosed = FALSE;
     BOOL m_bPaused = FALSE;
@@ -93,7 +95,8 @@ private:
     int64_t m_llLastArrival = 0;       // a stream keeps its order
     std::deque<CPiece> m_OnTheWay;     // to this end; a stream's
     std::deque<std::string> m_Unread;  // arrived and not delivered
-    size_t m_stUnread = 0;             // their bytes
+    size_t m_stFrontRead = 0;          // bytes of the first that are delivered; a stream's
+    size_t m_stUnread = 0;             // the bytes that are not
 };
 
 }  // namespace talvo

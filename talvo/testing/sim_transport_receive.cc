@@ -82,16 +82,13 @@ void CSimTransport::DeliverBytes_i() {
 
 // The result of one read: a datagram, or any part of the unread bytes of a stream.
 std::string CSimTransport::TakeUnread_i() {
-    std::string strBytes = std::move(m_Unread.front());
-    m_Unread.pop_front();
-    if (!m_End.m_bDatagrams) {
+    std::string strBytes;
+    if (m_End.m_bDatagrams) {
+        strBytes = std::move(m_Unread.front());
+        m_Unread.pop_front();
+    } else {
         const size_t stMax = std::max<size_t>(std::min(GetPathIn_i().m_dwMaxPiece, m_Sizes.m_dwReadSize), 1);
-        for (; !m_Unread.empty() && strBytes.size() < stMax; m_Unread.pop_front())
-            strBytes += m_Unread.front();
-        const size_t stPiece = m_pCore->m_Random.Chance(0.5) ? stMax : 1 + m_pCore->m_Random.Below(stMax);
-        if (stPiece < strBytes.size())
-            m_Unread.push_front(strBytes.substr(stPiece));
-        strBytes.resize(std::min(stPiece, strBytes.size()));
+        strBytes = TakeFromStream_i(m_pCore->m_Random.Chance(0.5) ? stMax : 1 + m_pCore->m_Random.Below(stMax));
         if (CSimTransport* pPeer = FindPeer_i())
             pPeer->OnPeerRead_i(strBytes.size());
     }
@@ -99,9 +96,24 @@ std::string CSimTransport::TakeUnread_i() {
     return strBytes;
 }
 
+std::string CSimTransport::TakeFromStream_i(size_t aMax) {
+    std::string strBytes;
+    while (!m_Unread.empty() && strBytes.size() < aMax) {
+        const size_t stTaken = std::min(aMax - strBytes.size(), m_Unread.front().size() - m_stFrontRead);
+        strBytes.append(m_Unread.front(), m_stFrontRead, stTaken);
+        m_stFrontRead += stTaken;
+        if (m_stFrontRead < m_Unread.front().size())
+            continue;
+        m_Unread.pop_front();
+        m_stFrontRead = 0;
+    }
+    return strBytes;
+}
+
 void CSimTransport::OnPeerRead_i(size_t aLength) {
     m_End.m_dwUnread -= static_cast<DWORD>(aLength);
-    After_i(m_pCore->DelayOf(GetPathIn_i()), &CSimTransport::NotifyRoom_i);
+    if (m_End.m_bOwesSend)
+        After_i(m_pCore->DelayOf(GetPathIn_i()), &CSimTransport::NotifyRoom_i);
 }
 
 void CSimTransport::NotifyRoom_i() {

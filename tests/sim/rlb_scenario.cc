@@ -1,15 +1,31 @@
 // Reliable connections in bad weather.
+#include <deque>
+
+#include "talvo/connection/protocol/cs_send_buf.h"
 #include "talvo/talvo.h"
 #include "talvo/testing/testing.h"
 #include "tests/sim/sim_scenario.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
 using Manager = CCmConnectionManager;
 
 const CCmInetAddr SERVER("10.0.0.1", 80);
-const CCmTimeValue RECOVERY(100);  // 45 s of silence, an attempt of 10 s, 30 s of back-off, and the messages
+const CCmTimeValue BACK(86);       // 45 s of silence, an attempt of 10 s, 30 s of back-off, and a second
+const CCmTimeValue BLOCKED(60);    // an address whose requests were refused
+const CCmTimeValue DELIVERED(20);  // everything that was kept
 constexpr DWORD FOR_EVER = 86400;
+constexpr size_t MAX_REPLAYS = 8;
+constexpr size_t MAX_ATTEMPTS = 30;  // of one client in a minute; the waits allow half of it on average
+const CCmInetAddr STRANGER("10.0.0.3", 0);
+
+// At most one lost connection at a time.
+void LimitLost(BOOL aLimit) {
+    static const CCmTempDir s_Dir;
+    static const std::string s_strPath = s_Dir.Write("talvo.cfg", "[Reliable]\nMaxLost=1\n");
+    load_config_file(aLimit ? s_strPath.c_str() : "/nonexistent");
+}
 
 // A client's connection and the one that the server has made for it.
 struct CLink {
@@ -24,16 +40,22 @@ public:
     explicit CRlbScenario(CCmSimNetwork& aNetwork)
         : m_Network(aNetwork),
           m_dwType(Manager::CTYPE_PDU_RELIABLE | Manager::CTYPE_TCP | (Chance(50) ? +Manager::CTYPE_RECONNECT_TOKEN : 0)),
-          m_bStable(Chance(50)) {
+          m_bStable(Chance(50)),
+          m_bFewLost(!m_bStable && Chance(30)),
+          m_bRestarts(Chance(50)) {
+        CCsSendBuf::LimitNumbers(m_bRestarts ? 4 * CCmSimReliablePeer::MAX_SMALL_BUFFER : CCsSendBuf::SEQ_LIMIT);
         m_Network.SetObserver(this);
         m_Servers.m_Indicated = [this] { Add(m_Servers, TRUE); };
         m_Clients.m_Indicated = [this] { Add(m_Clients, FALSE); };
         Listen();
     }
-    ~CRlbScenario() override { m_Network.SetObserver(nullptr); }
+    ~CRlbScenario() override {
+        m_Network.SetObserver(nullptr);
+        CCsSendBuf::LimitNumbers();
+    }
 
     void Run() {
-        for (DWORD i = 1 + Below(3); i > 0; --i) {
+        for (m_stClients = 1 + Below(3); m_Connectors.size() < m_stClients;) {
             auto& pConnector = m_Connectors.emplace_back();
             Manager::Instance()->CreateConnectionClient(m_dwType, pConnector.ParaOut());
             pConnector->AsycConnect(&m_Clients, SERVER);
@@ -43,14 +65,46 @@ public:
         for (DWORD i = 1 + Below(8); i > 0; --i)
             RunAWhile();
         Settle();
-        SayGoodbye();
+        m_Intruders.clear();
+        Chance(20) ? DrainAll() : SayGoodbye();
+        ForAll([](CCmSimReliablePeer& aUser) { aUser.Release(); });
+        m_pAcceptor.Reset();
+        m_Network.RunFor(BACK);
+        if (m_Network.CountEnds() > 0)
+            m_Network.Fail("ends remain");
     }
 
     void OnStep() override {
+        size_t stLost = 0;
         ForAll([](CCmSimReliablePeer& aUser) { aUser.CheckStep(); });
+        for (const auto& [wPort, link] : m_Links)
+            stLost += link.m_pServer && link.m_pServer->IsSuspended();
+        if (m_bFewLost && stLost > 1)
+            m_Network.Fail(std::to_string(stLost) + " connections are lost");
+    }
+    // The clients have no port of their own.
+    void OnConnect(const CCmInetAddr& aLocal, const CCmInetAddr&) override {
+        if (aLocal.GetPort() != 0 || aLocal.GetIpBytes() == STRANGER.GetIpBytes())
+            return;
+        m_Attempts.push_back(m_Network.Now());
+        while (m_Attempts.front() + CCmTimeValue(60) < m_Attempts.back())
+            m_Attempts.pop_front();
+        if (m_Attempts.size() > m_stClients * MAX_ATTEMPTS)
+            m_Network.Fail(std::to_string(m_Attempts.size()) + " attempts in a minute");
+    }
+    // Remembers the requests for a channel.
+    void OnSend(const CCmSimEnd& aEnd, const CCmMessageBlock& aData) override {
+        if (aEnd.m_bAccepted || aEnd.m_AddrLocal.GetIpBytes() == STRANGER.GetIpBytes() ||
+            aData.GetChainedLength() != (IsToken() ? 28 : 8))
+            return;
+        const std::string strBytes = aData.FlattenChained();
+        const std::string strChannel = strBytes.substr(5, 2);
+        if (strBytes[0] == CS_PDU_TYPE_CONN_REQ && strChannel != std::string(2, '\0'))
+            m_Requests[strChannel].push_back(strBytes);
     }
 
 private:
+    BOOL IsToken() const { return m_dwType & Manager::CTYPE_RECONNECT_TOKEN; }
     BOOL Chance(DWORD aPercent) { return m_Network.Random(100) < aPercent; }
     DWORD Below(uint64_t aBound) { return static_cast<DWORD>(m_Network.Random(aBound)); }
     template <class Do>
@@ -64,7 +118,9 @@ private:
     }
 
     void Listen() {
+        LimitLost(m_bFewLost);
         Manager::Instance()->CreateConnectionServer(m_dwType, m_pAcceptor.ParaOut());
+        LimitLost(FALSE);
         m_pAcceptor->StartListen(&m_Servers, SERVER);
     }
 
@@ -80,7 +136,7 @@ private:
                                                      aServer ? link.m_Up : link.m_Down,
                                                      (aServer ? "server " : "client ") + std::to_string(addr.GetPort()));
         aSide.m_Transports.clear();
-        pUser->Start(!m_bStable, m_bStable ? FOR_EVER : 10 + Below(200));
+        pUser->Start(!m_bStable, m_bStable ? FOR_EVER : 10 + Below(200), m_bRestarts);
     }
 
     CCmSimPath RandomWeather() {
@@ -92,7 +148,31 @@ private:
         if (Chance(20))
             path.m_tvSilentUntil = CCmTimeValue::s_tvMax;
         path.m_bLoseEnd = Chance(20);
+        path.m_tvConnect = Chance(20) ? CCmTimeValue(15) : CCmTimeValue(0);
+        path.m_tvBacklog = Chance(20) ? CCmTimeValue(30) : CCmTimeValue(0);
         return path;
+    }
+
+    // Another address has no business with a channel of the plain form, nor a wrong token in the other. Earlier requests are
+    // repeated from the client's address, too: the good ones among them take a transport over, and that is all.
+    void Intrude() {
+        if (m_Requests.empty())
+            return;
+        const auto& requests = std::next(m_Requests.begin(), static_cast<long>(Below(m_Requests.size())))->second;
+        std::string strRequest = requests[Below(requests.size())];
+        CCmInetAddr addrLocal = STRANGER;
+        const BOOL bReplay = Chance(30) && strRequest != requests.back() && m_stReplays < MAX_REPLAYS;
+        if (bReplay)
+            addrLocal.Set("127.0.0.1", static_cast<WORD>(60000 + m_stReplays++));
+        else if (IsToken())
+            strRequest[8 + Below(16)] ^= static_cast<char>(1 << Below(7));
+        m_Intruders.emplace_back(std::make_unique<CCmSimIntruder>(addrLocal, SERVER, strRequest), bReplay);
+    }
+    void CheckIntruders() {
+        for (const auto& [pIntruder, bReplay] : m_Intruders) {
+            if (!bReplay && pIntruder->GetAnswer()[0] == CS_PDU_TYPE_CONN_RESP)
+                m_Network.Fail("an intruder was let in");
+        }
     }
 
     void RunAWhile() {
@@ -102,6 +182,12 @@ private:
             m_pAcceptor->StopListen(CM_OK);  // connects are refused
             m_Network.RunFor(m_Network.RandomTime(CCmTimeValue(20)));
             m_pAcceptor->StartListen(&m_Servers, SERVER);
+        }
+        for (DWORD i = Chance(30) ? 1 + Below(4) : 0; i > 0; --i)
+            Intrude();
+        if (Chance(30)) {
+            CheckIntruders();
+            m_Intruders.clear();
         }
         if (Chance(5))
             m_Network.Jump(m_Network.RandomTime(CCmTimeValue(200)));
@@ -118,9 +204,16 @@ private:
     void Settle() {
         m_Network.SetPath({});
         ForAll([](CCmSimReliablePeer& aUser) { aUser.Calm(); });
-        m_Network.RunFor(RECOVERY);
-        ForAll([](CCmSimReliablePeer& aUser) { aUser.Send(4); });
-        m_Network.RunFor(RECOVERY);
+        if (m_stReplays > 0 && !IsToken())
+            m_Network.RunFor(BLOCKED);
+        m_Network.RunFor(BACK);
+        ForAll([this](CCmSimReliablePeer& aUser) {
+            if (aUser.IsSuspended() && m_bStable)
+                m_Network.Fail("is suspended for too long");
+            aUser.Send(4);
+        });
+        m_Network.RunFor(DELIVERED);
+        CheckIntruders();
         for (auto& [wPort, link] : m_Links) {
             if (!link.m_pClient || !link.m_pServer)
                 continue;
@@ -148,16 +241,31 @@ private:
             if (second.IsOpen() || second.GetReason() != CM_OK)
                 m_Network.Fail("the end has not come, " + std::to_string(wPort));
         }
-        ForAll([](CCmSimReliablePeer& aUser) { aUser.Release(); });
-        m_pAcceptor.Reset();
-        m_Network.RunFor(RECOVERY);
-        if (m_Network.CountEnds() > 0)
-            m_Network.Fail("ends remain");
+    }
+
+    // Ends all, the suspended ones too.
+    void DrainAll() {
+        CCmTimeValue tvLimit(10);
+        m_Network.SetLink({RandomWeather(), RandomWeather()});
+        m_Network.RunFor(m_Network.RandomTime(CCmTimeValue(10)));
+        Manager::Instance()->Drain(&tvLimit);
+        m_Network.RunFor(CCmTimeValue(12));
+        ForAll([this](CCmSimReliablePeer& aUser) {
+            if (aUser.IsOpen())
+                m_Network.Fail("a drain has left a connection");
+        });
     }
 
     CCmSimNetwork& m_Network;
     const DWORD m_dwType;
-    const BOOL m_bStable;  // neither an end nor a restart, and time without limit
+    const BOOL m_bStable;    // neither an end nor a restart, and time without limit
+    const BOOL m_bFewLost;   // MaxLost is 1
+    const BOOL m_bRestarts;  // the numbers restart often
+    size_t m_stClients = 0;
+    std::deque<CCmTimeValue> m_Attempts;                                        // of the last minute
+    std::map<std::string, std::vector<std::string>> m_Requests;                 // seen, by channel
+    std::vector<std::pair<std::unique_ptr<CCmSimIntruder>, BOOL>> m_Intruders;  // and whether it replays
+    size_t m_stReplays = 0;
     CCmConnectLog m_Servers, m_Clients;
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;
     std::vector<CCmRefPtrT<ICmConnector>> m_Connectors;

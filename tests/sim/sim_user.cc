@@ -29,8 +29,8 @@ void CSimWorld::AddUser(ICmTransport& aTransport, BOOL aServer) {
     m_Users.back()->Start();
 }
 
-void CSimWorld::OnSend(const CCmSimEnd& aEnd, const std::string& aBytes) {
-    if (!aBytes.empty())
+void CSimWorld::OnSend(const CCmSimEnd& aEnd, const CCmMessageBlock& aData) {
+    if (aData.GetChainedLength() > 0)
         TicksOf(aEnd).m_llSent = Tick();
 }
 

@@ -55,7 +55,7 @@ public:
     }
 
     void OnOpen(const CCmSimEnd& aEnd) override { TicksOf(aEnd) = {Tick(), Tick()}; }
-    void OnSend(const CCmSimEnd& aEnd, const std::string& aBytes) override;
+    void OnSend(const CCmSimEnd& aEnd, const CCmMessageBlock& aData) override;
     void OnReceive(const CCmSimEnd& aEnd, const std::string&) override { TicksOf(aEnd).m_llReceived = Tick(); }
     void OnStep() override;
     CTicks& TicksOf(const CCmSimEnd& aEnd) { return m_Ticks[{aEnd.m_AddrLocal.GetPort(), aEnd.m_AddrPeer.GetPort()}]; }

@@ -8,6 +8,8 @@
 
 namespace {
 
+DWORD s_dwLimit = CCsSendBuf::SEQ_LIMIT;
+
 DWORD LengthOf(const CCsPduSendItem& aItem) { return aItem.GetFixLength() + aItem.GetDataLen(); }
 
 // A data PDU with an internal copy of its payload.
@@ -40,6 +42,8 @@ CCsPduData* MakeDataPdu(BOOL aNeedACK, DWORD aACK, DWORD aLength, BYTE aType, co
 }
 
 }  // namespace
+
+void CCsSendBuf::LimitNumbers(DWORD aLimit) { s_dwLimit = aLimit; }
 
 // The cap keeps every sequence number, and the next one, within SEQ_LIMIT.
 CCsSendBuf::CCsSendBuf(DWORD aMaxBufLen, DWORD aFirstSeq)
@@ -106,7 +110,7 @@ DWORD CCsSendBuf::AddDataPDU(CCmMessageBlock* aMb, BOOL aNeedACK) {
         CM_INFO_TRACE_THIS("CCsSendBuf::AddDataPDU(), no space available");
         return 0;
     }
-    const BOOL bRestart = SEQ_LIMIT - m_dwNextSeq < dwFixLength + dwLength;
+    const BOOL bRestart = s_dwLimit - m_dwNextSeq < dwFixLength + dwLength;
     const BYTE byType = bRestart ? CS_PDU_TYPE_DATA_START : CS_PDU_TYPE_DATA_NORMAL;
     CCsPduData* pItem = MakeDataPdu(aNeedACK, m_dwSeq4ACK, dwLength, byType, *aMb);
     if (!pItem)

@@ -23,6 +23,11 @@ class CGatherChain;
 // the blocks of a payload after its first. Adding, and freeing an item, take constant time. One thread.
 class TALVO_API CCsSendBuf {
 public:
+    static constexpr DWORD SEQ_LIMIT = 0xFFF00000;  // a data PDU that would go beyond restarts the numbers at 1
+
+    // For tests of the restart: aLimit takes the place of SEQ_LIMIT in all send buffers. Each must fit into a quarter of it.
+    static void LimitNumbers(DWORD aLimit = SEQ_LIMIT);
+
     // Capacity in bytes, fixed parts included; at most the range of the sequence numbers, some 4 GiB.
     explicit CCsSendBuf(DWORD aMaxBufLen) : CCsSendBuf(aMaxBufLen, FIRST_SEQ) {}
     ~CCsSendBuf();
@@ -104,7 +109,6 @@ protected:
 
 private:
     static constexpr DWORD FIRST_SEQ = 1;
-    static constexpr DWORD SEQ_LIMIT = 0xFFF00000;  // a data PDU that would go beyond starts again at FIRST_SEQ
 
     BOOL HasRoom(DWORD aFixLength, DWORD aDataLength) const;
     DWORD Append(CCsPduSendItem* aItem);
