@@ -132,6 +132,10 @@ CmResult CCmChannelHttpClient::StartExchange_i() {
     talvo::CHttpDestination to;
     if (const CmResult rv = m_Route.MakeDestination(*m_pUrl, to); rv != CM_OK)
         return rv;
+    return m_Exchange.Start(m_Request, to, m_dwConnectTimeout);
+}
+
+CCmString CCmChannelHttpClient::OnExchangeConnection() {
     talvo::CHttpHeadParts parts;
     parts.m_strTarget = talvo::MakeHttpTarget(*m_pUrl);
     CCmSecret authorization;
@@ -143,8 +147,8 @@ CmResult CCmChannelHttpClient::StartExchange_i() {
     parts.m_bKeepAlive = !!m_Exchange.GetSettings().m_dwKeepAlive;
     CCmString strHead = m_Request.MakeHead(*m_pUrl, parts);
     if (strHead.empty())
-        return CM_ERROR_OUT_OF_MEMORY;
-    return m_Exchange.Start(m_Request, std::move(strHead), std::move(to));
+        throw std::bad_alloc();
+    return strHead;
 }
 
 CmResult CCmChannelHttpClient::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
@@ -182,7 +186,7 @@ DWORD* CCmChannelHttpClient::FindOption_i(DWORD aCommand) {
     case CM_OPT_CHANNEL_MAX_REDIRECTS:
         return &m_dwMaxRedirects;
     case CM_OPT_CHANNEL_CONNECT_TIMEOUT:
-        return &settings.m_dwConnectTimeout;
+        return &m_dwConnectTimeout;
     case CM_OPT_CHANNEL_SILENCE_TIMEOUT:
         return &settings.m_dwSilenceTimeout;
     case CM_OPT_CHANNEL_CONTINUE_TIMEOUT:

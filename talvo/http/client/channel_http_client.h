@@ -70,6 +70,7 @@ private:
     enum EStatus { SETTING_UP, OPEN, OVER };
     enum ENext { NOTHING, AUTHENTICATE, REDIRECT };  // the next step after an answer that is not for the user
 
+    CCmString OnExchangeConnection() override;
     BOOL OnExchangeHead() override;
     void OnExchangeBody(CCmMessageBlock& aData) override;
     void OnExchangeRoom() override;
@@ -107,6 +108,7 @@ private:
     CCmString m_strLocation;   // of the next redirect
     DWORD m_dwRedirects = 0;
 
+    DWORD m_dwConnectTimeout = 30'000;
     DWORD m_dwWholeBody = FALSE;
     DWORD m_dwMaxRedirects;
     BOOL m_bMayDowngrade = FALSE;

@@ -37,15 +37,16 @@ CHttpClientExchange::CHttpClientExchange(IHttpExchangeUser& aUser) : m_User(aUse
     m_Body.SetUnfolding(TRUE);
 }
 
-CmResult CHttpClientExchange::Start(const CHttpClientRequest& aRequest, CCmString aHead, CHttpDestination aTo) {
+CmResult CHttpClientExchange::Start(const CHttpClientRequest& aRequest, const CHttpDestination& aTo, DWORD aConnectMs) {
     m_pRequest = &aRequest;
-    m_strHead = std::move(aHead);
-    m_To = std::move(aTo);
+    m_To = aTo;
+    m_dwConnectMs = aConnectMs;
     m_dwInterims = 0;
     m_Failure = CCmFailure();
+    m_bUnconnected = FALSE;
     ResetHead_i();
     m_Framing = CHttpFraming();
-    if (const CmResult rv = m_Sender.Begin(aRequest, m_strHead); rv != CM_OK)
+    if (const CmResult rv = m_Sender.Begin(aRequest); rv != CM_OK)
         return rv;
     const int64_t llMaxRest = aRequest.MayRepeat() ? CHttpClientConnection::NEVER : CHttpClientConnection::TRUSTED_USEC;
     return Acquire_i(m_Settings.m_dwKeepAlive ? llMaxRest : 0);
@@ -57,7 +58,7 @@ CmResult CHttpClientExchange::Acquire_i(int64_t aMaxRest) {
     if (rv != CM_OK)
         return rv;
     m_State = WAITING;
-    rv = pPool->Acquire({this, m_To, m_Settings.m_dwConnectTimeout, aMaxRest});
+    rv = pPool->Acquire({this, m_To, m_dwConnectMs, aMaxRest});
     if (rv != CM_OK)
         m_State = IDLE;
     return rv;
@@ -81,12 +82,15 @@ void CHttpClientExchange::OnConnectionReady(CHttpClientConnection& aConnection, 
     if (m_bPaused)
         m_pConnection->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &m_bPaused);
     m_llContinueUntil = AfterMs(m_Settings.m_dwContinueTimeout);
+    if (m_Sender.SetHead(m_User.OnExchangeConnection()) != CM_OK)
+        throw std::bad_alloc();
     Flush_i();
     TellRoom_i();
 }
 
 void CHttpClientExchange::OnConnectionFailed(CmResult aReason, const CCmFailure& aFailure) {
     m_Failure = aFailure;
+    m_bUnconnected = TRUE;
     Fail_i(aReason, ConnectFailureText(aReason));
 }
 
@@ -190,7 +194,7 @@ void CHttpClientExchange::OnConnectionLost(CmResult aReason, const CCmFailure& a
 }
 
 CmResult CHttpClientExchange::Repeat_i() {
-    const CmResult rv = m_Sender.Begin(*m_pRequest, m_strHead);
+    const CmResult rv = m_Sender.Begin(*m_pRequest);
     return rv == CM_OK ? Acquire_i(0) : rv;
 }
 

@@ -14,6 +14,8 @@ namespace talvo {
 // The user of an exchange. Each call may close the exchange; a new one is started in OnExchangeEnd or later.
 class IHttpExchangeUser {
 public:
+    // A connection is there: the head of the request in wire format, also when the request is repeated.
+    virtual CCmString OnExchangeConnection() = 0;
     // The final head is complete. TRUE: deliver its body; FALSE: skip it, if it is not too long.
     virtual BOOL OnExchangeHead() = 0;
     virtual void OnExchangeBody(CCmMessageBlock& aData) = 0;  // views the received data, valid during the call
@@ -34,7 +36,6 @@ class CHttpClientExchange : private IHttpConnectionUser, private CHttpBodySink {
 public:
     // See ECmChannelOption; times in milliseconds.
     struct CSettings {
-        DWORD m_dwConnectTimeout = 30'000;
         DWORD m_dwSilenceTimeout = 60'000;
         DWORD m_dwContinueTimeout = 1'000;
         DWORD m_dwKeepAlive = TRUE;
@@ -48,9 +49,9 @@ public:
     CSettings& GetSettings() { return m_Settings; }
 
     // CM_OK: OnExchangeEnd follows, not inside this call. CM_ERROR_NULL_POINTER: the thread lacks a queue. Else as the pool.
-    // aRequest must live until the end; aHead is its head in wire format. If this fails, or memory runs out inside
-    // (std::bad_alloc), close the exchange.
-    CmResult Start(const CHttpClientRequest& aRequest, CCmString aHead, CHttpDestination aTo);
+    // aRequest must live until the end. aConnectMs: the limit for a new connection, 0 for none. If this fails, or memory runs
+    // out inside (std::bad_alloc), close the exchange.
+    CmResult Start(const CHttpClientRequest& aRequest, const CHttpDestination& aTo, DWORD aConnectMs);
     // Abandons the exchange; no call follows.
     void Close(CmResult aReason);
 
@@ -69,6 +70,7 @@ public:
     const CCmHttpHeaderArray& GetTrailer() const { return m_Body.GetTrailers(); }
     // The connection's reason for its end; CM_FAILURE_NONE unless that was the failure.
     const CCmFailure& GetFailure() const { return m_Failure; }
+    BOOL IsUnconnected() const { return m_bUnconnected; }  // the failure: no connection came
     // The announced length of the body, 0 if it is unknown.
     uint64_t GetExpected() const { return m_Framing.m_Body == EHttpBody::LENGTH ? m_Framing.m_ullLength : 0; }
 
@@ -106,7 +108,7 @@ private:
 
     const CHttpClientRequest* m_pRequest = nullptr;  // not owned
     CHttpDestination m_To;
-    CCmString m_strHead;  // in wire format
+    DWORD m_dwConnectMs = 0;
     CHttpClientSender m_Sender;
     int64_t m_llContinueUntil = 0;
 
@@ -118,6 +120,7 @@ private:
     CHttpBodyReader m_Body;
     BOOL m_bWanted = FALSE;
     CCmFailure m_Failure;
+    BOOL m_bUnconnected = FALSE;
 };
 
 }  // namespace talvo

@@ -24,17 +24,26 @@ CCmChainPtr MakeBody(const CHttpClientRequest& aRequest) {
 
 }  // namespace
 
-CmResult CHttpClientSender::Begin(const CHttpClientRequest& aRequest, const CCmString& aHead) {
+CmResult CHttpClientSender::Begin(const CHttpClientRequest& aRequest) {
     Clear();
     m_Kind = aRequest.GetBodyKind();
     m_bEnded = !aRequest.IsStreamed();
     m_bHolding = aRequest.IsContinueExpected();
     m_ullLeft = aRequest.IsStreamed() ? aRequest.GetBodyLength() : 0;
-    m_Ready.Append(make_block(aHead));
     if (m_Kind == CHttpClientRequest::WHOLE || m_Kind == CHttpClientRequest::WHOLE_CHUNKED)
         m_pBody = MakeBody(aRequest);
-    const BOOL bBody = m_pBody || aRequest.IsStreamed() || m_Kind == CHttpClientRequest::NO_BODY;
-    return !m_Ready.IsEmpty() && bBody ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+    return m_pBody || aRequest.IsStreamed() || m_Kind == CHttpClientRequest::NO_BODY ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+}
+
+// The application may have ended a body without a byte before.
+CmResult CHttpClientSender::SetHead(const CCmString& aHead) {
+    CCmChainPtr pHead = make_block(aHead);
+    if (!pHead)
+        return CM_ERROR_OUT_OF_MEMORY;
+    CBlockChain rest(m_Ready.Take());
+    m_Ready.Append(std::move(pHead));
+    m_Ready.Append(rest.Take());
+    return CM_OK;
 }
 
 CmResult CHttpClientSender::Flush(CHttpClientConnection& aConnection) {

@@ -14,8 +14,10 @@ public:
     CHttpClientSender(const CHttpClientSender&) = delete;
     CHttpClientSender& operator=(const CHttpClientSender&) = delete;
 
-    // Prepares a new request; aHead is its head in wire format. CM_ERROR_OUT_OF_MEMORY.
-    CmResult Begin(const CHttpClientRequest& aRequest, const CCmString& aHead);
+    // Prepares a new request. CM_ERROR_OUT_OF_MEMORY.
+    CmResult Begin(const CHttpClientRequest& aRequest);
+    // Its head in wire format, before the first Flush. CM_ERROR_OUT_OF_MEMORY.
+    CmResult SetHead(const CCmString& aHead);
 
     // Sends the ready data. CM_OK: all is sent. CM_ERROR_PARTIAL_DATA: call again when there is room. Else the connection's
     // result, and the data that was ready is lost.
