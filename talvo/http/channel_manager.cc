@@ -7,6 +7,7 @@
 #include "talvo/http/client/http_client_pool.h"
 #include "talvo/http/message/http_url.h"
 #include "talvo/http/server/channel_http_server_acceptor.h"
+#include "talvo/transport/proxy_route.h"
 
 namespace {
 
@@ -38,11 +39,11 @@ CmResult CCmChannelManager::CreateChannelHttpClient(ICmChannelHttpClient*& aOut,
     return HandOut(new (std::nothrow) CCmChannelHttpClient(*aUrl, aFlags), aOut);
 }
 
-CmResult CCmChannelManager::CreateChannelHttpClientWithProxy(ICmChannelHttpClient*&, CCmHttpUrl* aUrl, CCmHttpProxyInfo*) {
-    if (!aUrl)
+CmResult CCmChannelManager::CreateChannelHttpClientWithProxy(ICmChannelHttpClient*& aOut, CCmHttpUrl* aUrl,
+                                                             CCmHttpProxyInfo* aProxy) {
+    if (!aUrl || !aProxy || aProxy->GetRoute().IsEmpty())
         return CM_ERROR_INVALID_ARG;
-    CM_ERROR_TRACE_THIS("CCmChannelManager::CreateChannelHttpClientWithProxy, not implemented. url=" << aUrl->GetAsciiSpec());
-    return CM_ERROR_NOT_IMPLEMENTED;
+    return HandOut(new (std::nothrow) CCmChannelHttpClient(*aUrl, 0, aProxy->GetRoute()), aOut);
 }
 
 CmResult CCmChannelManager::CreateHttpAcceptor(ICmChannelServerAcceptor*& aOut, DWORD aFlags) {

@@ -22,7 +22,9 @@ public:
     CmResult CreateChannelHttpClient(ICmChannelHttpClient*& aOut, CCmHttpUrl* aUrl, DWORD aFlags = 0);
     static constexpr DWORD BROWSER_PROXY = 2;  // through the proxy of the user's browser
 
-    // The same through a proxy; not supported yet: CM_ERROR_INVALID_ARG for a null URL, else CM_ERROR_NOT_IMPLEMENTED, traced.
+    // The same through the servers of a route, one after the other until one can be reached: http through an HTTP or HTTPS
+    // proxy by requests in absolute form, everything else in tunnels. docs/http_client.md describes both. CM_ERROR_INVALID_ARG:
+    // aUrl or aProxy is null, or the route is empty. CM_ERROR_OUT_OF_MEMORY.
     CmResult CreateChannelHttpClientWithProxy(ICmChannelHttpClient*& aOut, CCmHttpUrl* aUrl, CCmHttpProxyInfo* aProxy);
 
     // A server. aFlags: no flags are defined yet. CM_ERROR_OUT_OF_MEMORY.

@@ -7,6 +7,7 @@
 #include "talvo/http/message/http_atom_list.h"
 #include "talvo/http/message/http_url.h"
 #include "talvo/testing/scripted_http.h"
+#include "talvo/transport/proxy_route.h"
 #include "tests/http/tls_front.h"
 #include "tests/support/channel_sink.h"
 #include "tests/support/network_fixture.h"
@@ -23,10 +24,17 @@ inline CAnswer Answer(const std::string& aStatus, const std::string& aHeaders, c
 // A client of the calling thread with its sink.
 class CTestHttpClient {
 public:
-    explicit CTestHttpClient(const std::string& aUrl) {
+    // aProxies: URIs; "": no proxies.
+    explicit CTestHttpClient(const std::string& aUrl, const std::string& aProxies = "") {
+        CCmChannelManager& manager = *CCmChannelManager::Instance();
         CCmRefPtrT<CCmHttpUrl> pUrl;
-        EXPECT_EQ(CM_OK, CCmChannelManager::Instance()->CreateUrl(pUrl.ParaOut(), aUrl));
-        EXPECT_EQ(CM_OK, CCmChannelManager::Instance()->CreateChannelHttpClient(m_pChannel.ParaOut(), pUrl.Get()));
+        EXPECT_EQ(CM_OK, manager.CreateUrl(pUrl.ParaOut(), aUrl));
+        CCmProxyRoute route;
+        EXPECT_EQ(CM_OK, aProxies.empty() ? CM_OK : CCmProxyRoute::FromUris(aProxies, route)) << aProxies;
+        const CCmRefPtrT<CCmHttpProxyInfo> pProxy(new CCmHttpProxyInfo(route));
+        EXPECT_EQ(CM_OK, aProxies.empty()
+                             ? manager.CreateChannelHttpClient(m_pChannel.ParaOut(), pUrl.Get())
+                             : manager.CreateChannelHttpClientWithProxy(m_pChannel.ParaOut(), pUrl.Get(), pProxy.Get()));
     }
     CmResult Set(DWORD aOption, DWORD aValue) const { return m_pChannel->SetOption(aOption, &aValue); }
     CmResult Header(const char* aName, const std::string& aValue, BOOL aMerge = FALSE) const {

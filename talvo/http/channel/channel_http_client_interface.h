@@ -31,6 +31,7 @@ public:
     //    Transfer-Encoding  "chunked": the body is sent in chunks; without SetRequestBody it comes with SendData
     //    Expect             "100-continue": the body waits for the server's 100, see CM_OPT_CHANNEL_CONTINUE_TIMEOUT
     //    Authorization, Cookie, Proxy-Authorization    are never sent to another scheme, host or port by a redirect
+    //    Proxy-Authorization    is sent to the first proxy of the route, if that gets requests in absolute form
     // CM_ERROR_INVALID_ARG: a name that is not a token, a value with CR, LF or NUL, a Content-Length that is not a number,
     // another Transfer-Encoding.
     virtual CmResult SetRequestHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, BOOL aMerge = FALSE) = 0;
@@ -55,8 +56,8 @@ public:
     virtual const CCmHttpResponseHead& GetResponseHead() = 0;
     virtual const CCmHttpHeaderArray& GetResponseTrailer() = 0;  // after a chunked body; complete with OnDisconnect(CM_OK)
 
-    // After a failure: CM_ERROR_TIMEOUT, CM_ERROR_OUT_OF_MEMORY, the connector's or transport's reason, or
-    // CM_ERROR_NETWORK_HTTP_FAILURE if the server violated the protocol. aText (out): the failure in words, as in the trace
-    // line. CM_OK: no failure.
+    // After a failure: CM_ERROR_TIMEOUT, CM_ERROR_OUT_OF_MEMORY, the connector's or transport's reason, such as
+    // CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE, or CM_ERROR_NETWORK_HTTP_FAILURE if the server violated the protocol. aText
+    // (out): the failure in words, as in the trace line. CM_OK: no failure.
     virtual CmResult GetFailure(CCmString& aText) = 0;
 };

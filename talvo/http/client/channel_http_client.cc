@@ -28,8 +28,9 @@ CmResult Copy(const CCmInetAddr& aFrom, CCmInetAddr& aTo) {
 
 }  // namespace
 
-CCmChannelHttpClient::CCmChannelHttpClient(const CCmHttpUrl& aUrl, DWORD)
+CCmChannelHttpClient::CCmChannelHttpClient(const CCmHttpUrl& aUrl, DWORD, const CCmProxyRoute& aProxies)
     : m_dwThread(cm_thread_self_id()), m_Exchange(*this), m_dwMaxRedirects(talvo::MAX_HTTP_REDIRECTS) {
+    m_Route.SetProxies(aProxies);
     WithMemory([&] { m_pUrl = new CCmHttpUrl(aUrl); });
     ++s_Live;
 }
@@ -111,7 +112,11 @@ CmResult CCmChannelHttpClient::AsyncOpen(ICmChannelSink* aSink) {
         return rv;
     m_pSink = aSink;
     m_Status = OPEN;
-    rv = ResultWithMemory([this] { return StartExchange_i(); });
+    rv = ResultWithMemory([this] {
+        m_Route.Begin(*m_pUrl, m_dwConnectTimeout);
+        m_FirstProxy = m_Route.GetHttpProxy() ? *m_Route.GetHttpProxy() : CCmProxyServer();
+        return StartExchange_i();
+    });
     if (rv != CM_OK) {
         m_Exchange.Close(rv);
         m_pSink = nullptr;
@@ -130,22 +135,21 @@ CmResult CCmChannelHttpClient::CheckUrl_i() const {
 
 CmResult CCmChannelHttpClient::StartExchange_i() {
     talvo::CHttpDestination to;
-    if (const CmResult rv = m_Route.MakeDestination(*m_pUrl, to); rv != CM_OK)
-        return rv;
-    return m_Exchange.Start(m_Request, to, m_dwConnectTimeout);
+    CmResult rv = m_Route.MakeDestination(*m_pUrl, to);
+    if (rv == CM_OK)
+        rv = MeetProxy_i(to);
+    return rv == CM_OK ? m_Exchange.Start(m_Request, to, m_Route.GetConnectMs()) : rv;
 }
 
-CCmString CCmChannelHttpClient::OnExchangeConnection() {
+CCmString CCmChannelHttpClient::OnExchangeConnection(talvo::EHttpConnection aConnection) {
     talvo::CHttpHeadParts parts;
     parts.m_strTarget = talvo::MakeHttpTarget(*m_pUrl);
-    CCmSecret authorization;
-    const CmResult rv =
-        m_Authenticator.Authorize(m_Request.GetMethod().operator const char*(), parts.m_strTarget, authorization);
-    if (rv != CM_OK)
-        return rv;
-    parts.m_strAuthorization = authorization.Get();
     parts.m_bKeepAlive = !!m_Exchange.GetSettings().m_dwKeepAlive;
-    CCmString strHead = m_Request.MakeHead(*m_pUrl, parts);
+    CmResult rv =
+        m_Authenticator.Authorize(m_Request.GetMethod().operator const char*(), parts.m_strTarget, parts.m_Authorization);
+    if (rv == CM_OK)
+        rv = AddProxyParts_i(aConnection, parts);
+    CCmString strHead = rv == CM_OK ? m_Request.MakeHead(*m_pUrl, parts) : CCmString();
     if (strHead.empty())
         throw std::bad_alloc();
     return strHead;
@@ -175,6 +179,7 @@ void CCmChannelHttpClient::Close_i(CmResult aReason) {
     m_Timer.Cancel();
     m_Held.Clear();
     m_strWhole.clear();
+    m_pProxyAuthentication.reset();
     m_Exchange.Close(aReason);
 }
 

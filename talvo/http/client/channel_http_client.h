@@ -1,6 +1,8 @@
 // The HTTP client channel.
 #pragma once
 
+#include <memory>
+
 #include "talvo/base/failure.h"
 #include "talvo/base/ref_ptr.h"
 #include "talvo/connection/protocol/receive_chain.h"
@@ -10,16 +12,18 @@
 #include "talvo/http/client/http_client_exchange.h"
 #include "talvo/http/client/http_client_request.h"
 #include "talvo/http/client/http_client_route.h"
+#include "talvo/http/client/proxy_authentication.h"
 #include "talvo/http/message/http_auth.h"
 
 // The product of CCmChannelManager::CreateChannelHttpClient.
 class TALVO_API CCmChannelHttpClient : public ICmChannelHttpClient,
                                        private talvo::IHttpExchangeUser,
+                                       private talvo::IProxyAuthenticationUser,
                                        private CCmTimerWrapperIDSink,
                                        private CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
 public:
-    // aUrl is copied. aFlags: no flags are defined yet.
-    CCmChannelHttpClient(const CCmHttpUrl& aUrl, DWORD aFlags);
+    // aUrl is copied. aFlags: no flags are defined yet. aProxies: the proxy servers to use; empty: none.
+    CCmChannelHttpClient(const CCmHttpUrl& aUrl, DWORD aFlags, const CCmProxyRoute& aProxies = {});
     ~CCmChannelHttpClient() override;
 
     DWORD AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }
@@ -68,19 +72,26 @@ public:
 
 private:
     enum EStatus { SETTING_UP, OPEN, OVER };
-    enum ENext { NOTHING, AUTHENTICATE, REDIRECT };  // the next step after an answer that is not for the user
+    // The next step after an answer that is not for the user. ASK: repeat it when the credentials for the proxy are known.
+    enum ENext { NOTHING, REPEAT, REDIRECT, ASK };
 
-    CCmString OnExchangeConnection() override;
+    CCmString OnExchangeConnection(talvo::EHttpConnection aConnection) override;
     BOOL OnExchangeHead() override;
     void OnExchangeBody(CCmMessageBlock& aData) override;
     void OnExchangeRoom() override;
     void OnExchangeEnd(CmResult aCause, const char* aText) override;
+    void OnProxyAuthentication(CmResult aResult) override;
     void OnTimer(CCmTimerWrapperID* aId) override;
     void OnReferenceDestory() override;
 
     CmResult CheckUrl_i() const;
     CmResult StartExchange_i();
+    void StartNext_i();
+    CmResult MeetProxy_i(talvo::CHttpDestination& aTo);
+    CmResult AddProxyParts_i(talvo::EHttpConnection aConnection, talvo::CHttpHeadParts& aParts);
     ENext JudgeHead_i();
+    ENext JudgeProxy_i();
+    BOOL IsProxySameConnection_i() const;
     CmResult GoOn_i();
     CmResult Follow_i();
     CmResult RefuseLocation_i();
@@ -103,6 +114,11 @@ private:
     talvo::CHttpClientRoute m_Route;
     talvo::CHttpAuthenticator m_Authenticator;
     talvo::CHttpClientExchange m_Exchange;
+    // Of proxies that get requests in absolute form.
+    CCmProxyServer m_FirstProxy;  // the one that the application's Proxy-Authorization is for
+    CCmProxyServer m_Proxy;       // the one that m_pProxyAuthentication is for
+    std::unique_ptr<talvo::CProxyAuthentication> m_pProxyAuthentication;
+    BOOL m_bProxyRefuses = FALSE;  // the next 407 is for the user
     ENext m_Next = NOTHING;
     BOOL m_bAnswered = FALSE;  // the user gets this head
     CCmString m_strLocation;   // of the next redirect

@@ -15,6 +15,7 @@ namespace {
 
 constexpr uint64_t MAX_WHOLE_BODY = UINT32_MAX;
 constexpr const char* NO_MEMORY = "there is no memory";
+constexpr const char* NO_PROXY = "the proxy cannot be reached or used";
 constexpr uint64_t MAX_RESERVED = 1 << 20;  // bytes reserved because the server announced them
 
 // The cause of a failure that neither connector nor transport has found.
@@ -45,9 +46,11 @@ BOOL CCmChannelHttpClient::OnExchangeHead() {
 // If a redirect or challenge needs a request body that is no longer available, the answer is delivered unchanged.
 CCmChannelHttpClient::ENext CCmChannelHttpClient::JudgeHead_i() {
     const CCmHttpResponseHead& head = m_Exchange.GetHead();
+    if (const ENext next = m_Route.GetHttpProxy() ? JudgeProxy_i() : NOTHING; next != NOTHING)
+        return next;
     const CCmString* pChallenges = head.FindHeader(CCmHttpAtomList::WWW_Authenticate);
     if (head.GetStatus() == 401 && pChallenges && !m_Request.IsStreamed() && m_Authenticator.OnChallenges(*pChallenges))
-        return AUTHENTICATE;
+        return REPEAT;
     const CCmString* pLocation = head.FindHeader(CCmHttpAtomList::Location);
     if (!talvo::IsHttpRedirect(head.GetStatus()) || !pLocation || m_dwMaxRedirects == 0)
         return NOTHING;
@@ -83,17 +86,26 @@ void CCmChannelHttpClient::OnExchangeRoom() {
 // If the answer is not for the user, only an end for lack of memory matters.
 void CCmChannelHttpClient::OnExchangeEnd(CmResult aCause, const char* aText) {
     if (m_Next != NOTHING && aCause != CM_ERROR_OUT_OF_MEMORY) {
-        const CmResult rv = talvo::ResultWithMemory([this] { return GoOn_i(); });
-        if (rv == CM_ERROR_OUT_OF_MEMORY)
-            Fail_i(rv, NO_MEMORY);
-        else if (rv != CM_OK)
-            Fail_i(rv, "there can be no connection");
+        if (m_Next == REPEAT && IsProxySameConnection_i() && !m_Exchange.HasKeptConnection())
+            Fail_i(CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE, "the proxy closed a connection that it had half authenticated");
+        else if (m_Next != ASK)
+            StartNext_i();
+    } else if (m_Exchange.IsUnconnected() && m_Route.OnUnconnected(aCause)) {
+        StartNext_i();
     } else if (aCause != CM_OK) {
-        Fail_i(aCause, aText);
+        Fail_i(aCause, aCause == CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE ? NO_PROXY : aText);
     } else {
         m_bEnded = TRUE;
         Deliver_i();
     }
+}
+
+void CCmChannelHttpClient::StartNext_i() {
+    const CmResult rv = talvo::ResultWithMemory([this] { return GoOn_i(); });
+    if (rv == CM_ERROR_OUT_OF_MEMORY)
+        Fail_i(rv, NO_MEMORY);
+    else if (rv != CM_OK)
+        Fail_i(rv, "there can be no connection");
 }
 
 // CM_OK: the next exchange is in progress, or the failure is reported. Else the reason why there is none.
@@ -119,6 +131,7 @@ CmResult CCmChannelHttpClient::Follow_i() {
         m_Authenticator.Forget();
     }
     m_pUrl = pUrl;
+    m_Route.Begin(*m_pUrl, m_dwConnectTimeout);
     return StartExchange_i();
 }
 
@@ -162,6 +175,7 @@ void CCmChannelHttpClient::DeliverWhole_i() {
 void CCmChannelHttpClient::Fail_i(CmResult aCause, std::string_view aText) {
     CM_ERROR_TRACE_THIS("CCmChannelHttpClient::OnDisconnect, " << aText << " url=" << m_pUrl->GetAsciiSpec()
                                                                << " reason=" << aCause);
+    m_Next = NOTHING;
     m_Exchange.Close(CM_ERROR_NETWORK_SOCKET_CLOSE);
     NoteFailure_i(aCause, aText);
     m_bEnded = TRUE;

@@ -47,11 +47,14 @@ CmResult CHttpClientConnection::Connect(const CHttpConnectionRequest& aRequest) 
     CmResult rv = pManager->CreateConnectionClient(dwType, m_pConnector.ParaOut());
     if (rv == CM_OK && to.m_pContext)
         rv = SetTls_i(to);
+    CCmInetAddr addr = to.m_AddrConnectTo;
+    if (rv == CM_OK && !to.m_Tunnel.IsEmpty())
+        rv = SetTunnel_i(to, addr);
+    else if (addr == CCmInetAddr::s_InetAddrAny)
+        addr = CCmInetAddr(to.m_strHost.c_str(), to.m_wPort);
     if (rv != CM_OK)
         return rv;
     CCmTimeValue tvTimeout = CCmTimeValue::FromUsec(int64_t{aRequest.m_dwTimeoutMs} * 1000);
-    const CCmInetAddr addr =
-        to.m_AddrConnectTo == CCmInetAddr::s_InetAddrAny ? CCmInetAddr(to.m_strHost.c_str(), to.m_wPort) : to.m_AddrConnectTo;
     m_pConnector->AsycConnect(this, addr, aRequest.m_dwTimeoutMs > 0 ? &tvTimeout : nullptr);
     return CM_OK;
 }
@@ -65,6 +68,15 @@ CmResult CHttpClientConnection::SetTls_i(const CHttpDestination& aTo) {
     if (rv == CM_OK)
         rv = SetConnectOption(m_pConnector.Get(), CM_OPT_CONNECT_ALPN, &strAlpn);
     return rv;
+}
+
+// aAddr (out): the end of the tunnel. Its name is looked up by the proxy.
+CmResult CHttpClientConnection::SetTunnel_i(const CHttpDestination& aTo, CCmInetAddr& aAddr) {
+    CCmProxyRoute route = aTo.m_Tunnel;
+    const CmResult rv = SetConnectOption(m_pConnector.Get(), CM_OPT_CONNECT_ROUTE, &route);
+    if (rv != CM_OK || !(aAddr == CCmInetAddr::s_InetAddrAny))
+        return rv;
+    return aAddr.SetName(aTo.m_strHost.c_str(), aTo.m_wPort);
 }
 
 void CHttpClientConnection::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) {

@@ -82,6 +82,7 @@ private:
     void OnReferenceDestory() override;
 
     CmResult SetTls_i(const CHttpDestination& aTo);
+    CmResult SetTunnel_i(const CHttpDestination& aTo, CCmInetAddr& aAddr);
     template <class Call>
     void Enter_i(const Call& aCall);
     void Indicate_i(CmResult aReason, const CCmFailure& aFailure);

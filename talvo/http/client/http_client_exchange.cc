@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "talvo/base/clock.h"
+#include "talvo/base/secret.h"
 #include "talvo/http/client/http_client_pool.h"
 #include "talvo/http/message/http_memory.h"
 
@@ -15,14 +16,14 @@ constexpr DWORD MAX_INTERIMS = 32;
 constexpr const char* NO_MEMORY = "there is no memory";
 constexpr uint64_t MAX_SKIPPED = 64 * 1024;  // bytes of an unused body that are read to keep its connection
 
-const char* ConnectFailureText(CmResult aReason) {
+const char* ConnectFailureText(CmResult aReason, BOOL aProxy) {
     switch (aReason) {
     case CM_ERROR_OUT_OF_MEMORY:
         return NO_MEMORY;
     case CM_ERROR_NETWORK_TLS_CERTIFICATE:
-        return "the server's certificate is refused";
+        return aProxy ? "the proxy's certificate is refused" : "the server's certificate is refused";
     case CM_ERROR_NETWORK_TLS_HANDSHAKE:
-        return "the TLS handshake with the server has failed";
+        return aProxy ? "the TLS handshake with the proxy has failed" : "the TLS handshake with the server has failed";
     default:
         return "there is no connection to the server";
     }
@@ -48,6 +49,10 @@ CmResult CHttpClientExchange::Start(const CHttpClientRequest& aRequest, const CH
     m_Framing = CHttpFraming();
     if (const CmResult rv = m_Sender.Begin(aRequest); rv != CM_OK)
         return rv;
+    if (std::exchange(m_bKeep, FALSE) && m_pConnection) {
+        Use_i(EHttpConnection::SAME);
+        return CM_OK;
+    }
     const int64_t llMaxRest = aRequest.MayRepeat() ? CHttpClientConnection::NEVER : CHttpClientConnection::TRUSTED_USEC;
     return Acquire_i(m_Settings.m_dwKeepAlive ? llMaxRest : 0);
 }
@@ -69,6 +74,7 @@ void CHttpClientExchange::Close(CmResult aReason) {
     CHttpClientPool* pPool = state == WAITING ? CHttpClientPool::FindOfThisThread() : nullptr;
     if (pPool)
         pPool->Cancel(*this);
+    m_bKeep = FALSE;
     if (const CCmRefPtrT<CHttpClientConnection> pConnection = std::move(m_pConnection))
         pConnection->Close(aReason);
     m_Sender.Clear();
@@ -76,13 +82,20 @@ void CHttpClientExchange::Close(CmResult aReason) {
 
 void CHttpClientExchange::OnConnectionReady(CHttpClientConnection& aConnection, BOOL aReused) {
     m_pConnection = &aConnection;
+    Use_i(aReused ? EHttpConnection::REUSED : EHttpConnection::FRESH);
+}
+
+void CHttpClientExchange::Use_i(EHttpConnection aConnection) {
     m_State = HEAD;
-    m_bReused = aReused;
+    m_bReused = aConnection == EHttpConnection::REUSED;
     m_bAnswered = FALSE;
     if (m_bPaused)
         m_pConnection->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &m_bPaused);
     m_llContinueUntil = AfterMs(m_Settings.m_dwContinueTimeout);
-    if (m_Sender.SetHead(m_User.OnExchangeConnection()) != CM_OK)
+    CCmString strHead = m_User.OnExchangeConnection(aConnection);
+    const CmResult rv = m_Sender.SetHead(strHead);
+    WipeText(strHead);  // it may have credentials
+    if (rv != CM_OK)
         throw std::bad_alloc();
     Flush_i();
     TellRoom_i();
@@ -91,7 +104,7 @@ void CHttpClientExchange::OnConnectionReady(CHttpClientConnection& aConnection, 
 void CHttpClientExchange::OnConnectionFailed(CmResult aReason, const CCmFailure& aFailure) {
     m_Failure = aFailure;
     m_bUnconnected = TRUE;
-    Fail_i(aReason, ConnectFailureText(aReason));
+    Fail_i(aReason, ConnectFailureText(aReason, !m_To.m_Proxy.IsDirect()));
 }
 
 // A connection that refuses data has failed, and reports it itself; the data that it received before is delivered first.
@@ -170,8 +183,16 @@ CmResult CHttpClientExchange::SetOption(DWORD aCommand, void* aArg) {
     return m_pConnection ? m_pConnection->SetOption(aCommand, aArg) : CM_ERROR_NOT_AVAILABLE;
 }
 
+// The connection to a proxy does not know its part, and its TLS is not that of the server.
 CmResult CHttpClientExchange::GetOption(DWORD aCommand, void* aArg) {
-    return m_pConnection ? m_pConnection->GetOption(aCommand, aArg) : CM_ERROR_NOT_AVAILABLE;
+    if (!m_pConnection)
+        return CM_ERROR_NOT_AVAILABLE;
+    const BOOL bProxy = !m_To.m_Proxy.IsDirect();
+    if (bProxy && (aCommand == CM_OPT_TRANSPORT_SSL_INFO || aCommand == CM_OPT_TRANSPORT_SSL_PEER_CERTIFICATE))
+        return CM_ERROR_INVALID_ARG;
+    if (!bProxy || aCommand != CM_OPT_TRANSPORT_ROUTE)
+        return m_pConnection->GetOption(aCommand, aArg);
+    return WithMemory([&] { *static_cast<CCmString*>(aArg) = m_To.m_Proxy.GetText(); }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
 
 void CHttpClientExchange::OnConnectionLost(CmResult aReason, const CCmFailure& aFailure) {
@@ -261,8 +282,7 @@ void CHttpClientExchange::OnFinal_i() {
 void CHttpClientExchange::ReadBody_i(CCmMessageBlock& aData) {
     switch (m_Body.Feed(aData, *this)) {
     case CM_OK:
-        End_i(!m_Framing.m_bMustClose && is_persistent(m_Head.GetVerion(), m_Head) && m_Sender.IsComplete() &&
-              aData.GetChainedLength() == 0 && m_Framing.m_Body != EHttpBody::UNTIL_CLOSE);
+        End_i(MayStayOpen() && aData.GetChainedLength() == 0);
         return;
     case CM_ERROR_PARTIAL_DATA:
         if (!m_bWanted && m_Body.GetReceived() > MAX_SKIPPED)
@@ -279,6 +299,16 @@ void CHttpClientExchange::ReadBody_i(CCmMessageBlock& aData) {
     }
 }
 
+BOOL CHttpClientExchange::MayStayOpen() const {
+    return m_Settings.m_dwKeepAlive && !m_pRequest->IsCloseAsked() && !m_Framing.m_bMustClose &&
+           m_Framing.m_Body != EHttpBody::UNTIL_CLOSE && is_persistent(m_Head.GetVerion(), m_Head) && m_Sender.IsComplete();
+}
+
+// The connection is not its user's, who must not get it again.
+BOOL CHttpClientExchange::IsRefused_i() const {
+    return m_To.m_Identity && (m_Head.GetStatus() == 401 || m_Head.GetStatus() == 407);
+}
+
 // FALSE: the user has closed the exchange.
 BOOL CHttpClientExchange::OnBody(CCmMessageBlock& aView) {
     if (m_bWanted)
@@ -291,12 +321,18 @@ void CHttpClientExchange::ResetHead_i() {
     m_Parser.Reset();
 }
 
-// The connection is given back before the upcall, which may start a new exchange.
+// The connection is given back before the upcall, which may start a new exchange, unless that is to use the same one.
 void CHttpClientExchange::End_i(BOOL aReusable) {
     m_State = IDLE;
+    if (m_bKeep && aReusable) {
+        m_User.OnExchangeEnd(CM_OK, "");
+        if (m_State == IDLE)
+            Close(CM_OK);
+        return;
+    }
     const CCmRefPtrT<CHttpClientConnection> pConnection = std::exchange(m_pConnection, nullptr);
     BOOL bPaused = FALSE;
-    if (pConnection && aReusable && m_Settings.m_dwKeepAlive && !m_pRequest->IsCloseAsked()) {
+    if (pConnection && aReusable && !IsRefused_i()) {
         if (m_bPaused)
             pConnection->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &bPaused);
         pConnection->GiveBack();

@@ -11,11 +11,17 @@
 
 namespace talvo {
 
+enum class EHttpConnection {
+    FRESH,
+    REUSED,  // it has served other exchanges
+    SAME     // that of the exchange before, see CHttpClientExchange::KeepConnection
+};
+
 // The user of an exchange. Each call may close the exchange; a new one is started in OnExchangeEnd or later.
 class IHttpExchangeUser {
 public:
     // A connection is there: the head of the request in wire format, also when the request is repeated.
-    virtual CCmString OnExchangeConnection() = 0;
+    virtual CCmString OnExchangeConnection(EHttpConnection aConnection) = 0;
     // The final head is complete. TRUE: deliver its body; FALSE: skip it, if it is not too long.
     virtual BOOL OnExchangeHead() = 0;
     virtual void OnExchangeBody(CCmMessageBlock& aData) = 0;  // views the received data, valid during the call
@@ -49,8 +55,8 @@ public:
     CSettings& GetSettings() { return m_Settings; }
 
     // CM_OK: OnExchangeEnd follows, not inside this call. CM_ERROR_NULL_POINTER: the thread lacks a queue. Else as the pool.
-    // aRequest must live until the end. aConnectMs: the limit for a new connection, 0 for none. If this fails, or memory runs
-    // out inside (std::bad_alloc), close the exchange.
+    // aRequest must live until the end; aTo is not considered for a kept connection. aConnectMs: the limit for a new
+    // connection, 0 for none. If this fails, or memory runs out inside (std::bad_alloc), close the exchange.
     CmResult Start(const CHttpClientRequest& aRequest, const CHttpDestination& aTo, DWORD aConnectMs);
     // Abandons the exchange; no call follows.
     void Close(CmResult aReason);
@@ -64,6 +70,15 @@ public:
     // The connection's; CM_ERROR_NOT_AVAILABLE without one.
     CmResult SetOption(DWORD aCommand, void* aArg);
     CmResult GetOption(DWORD aCommand, void* aArg);
+
+    // TRUE: no exchange is in progress.
+    BOOL IsOver() const { return m_State == IDLE; }
+    // In OnExchangeHead: the connection can carry another request after the answer, unless the body is too long to be skipped.
+    BOOL MayStayOpen() const;
+    // Likewise: the next exchange, started in OnExchangeEnd, goes over this connection and no other.
+    void KeepConnection() { m_bKeep = TRUE; }
+    // In OnExchangeEnd: the connection was kept.
+    BOOL HasKeptConnection() const { return m_bKeep && m_pConnection; }
 
     // Of the last exchange; a new one clears it.
     const CCmHttpResponseHead& GetHead() const { return m_Head; }
@@ -96,6 +111,8 @@ private:
     void OnFinal_i();
     void ReadBody_i(CCmMessageBlock& aData);
     void ResetHead_i();
+    void Use_i(EHttpConnection aConnection);
+    BOOL IsRefused_i() const;
     void End_i(BOOL aReusable);
     void Fail_i(CmResult aCause, const char* aText);
 
@@ -104,6 +121,7 @@ private:
     EState m_State = IDLE;
     CCmRefPtrT<CHttpClientConnection> m_pConnection;
     BOOL m_bReused = FALSE;
+    BOOL m_bKeep = FALSE;
     BOOL m_bPaused = FALSE;
 
     const CHttpClientRequest* m_pRequest = nullptr;  // not owned

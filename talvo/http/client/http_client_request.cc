@@ -44,6 +44,24 @@ CCmString MakeHostField(const CCmHttpUrl& aUrl) {
     return strField;
 }
 
+// At the end of aHead, without a copy of them in memory that has been freed.
+void AddSecrets(const CHttpHeadParts& aParts, CCmString& aHead) {
+    const std::pair<const CCmHttpAtom&, const CCmSecret&> SECRETS[] = {
+        {Atoms::Authorization, aParts.m_Authorization}, {Atoms::Proxy_Authorization, aParts.m_ProxyAuthorization}};
+    size_t stLength = aHead.size();
+    for (const auto& [atom, secret] : SECRETS)
+        stLength += secret.IsEmpty() ? 0 : std::string_view(atom.operator const char*()).size() + secret.Get().size() + 4;
+    if (stLength == aHead.size())
+        return;
+    aHead.reserve(stLength);
+    aHead.resize(aHead.size() - 2);  // the empty line
+    for (const auto& [atom, secret] : SECRETS) {
+        if (!secret.IsEmpty())
+            aHead.append(atom.operator const char*()).append(": ").append(secret.Get()).append("\r\n");
+    }
+    aHead.append("\r\n");
+}
+
 }  // namespace
 
 CHttpClientRequest::CHttpClientRequest() { m_Head.SetMethod(Atoms::Get); }
@@ -130,6 +148,8 @@ void CHttpClientRequest::LeaveOrigin() {
         m_Head.SetHeader(atom, "", FALSE);
 }
 
+void CHttpClientRequest::LeaveProxy() { m_Head.SetHeader(Atoms::Proxy_Authorization, "", FALSE); }
+
 // TRUE: the head needs a length; 0 if the method normally has a body and there is none.
 BOOL CHttpClientRequest::IsLengthDue_i() const {
     const CCmHttpAtom method = GetMethod();
@@ -150,8 +170,10 @@ CCmString CHttpClientRequest::MakeHead(const CCmHttpUrl& aUrl, const CHttpHeadPa
     set(Atoms::User_Agent, USER_AGENT);
     for (size_t i = 0; i < m_Head.GetCount(); ++i)
         set(m_Head.GetName(i), m_Head.GetValue(i));
-    if (!aParts.m_strAuthorization.empty())
-        set(Atoms::Authorization, aParts.m_strAuthorization);
+    if (!aParts.m_Authorization.IsEmpty())
+        set(Atoms::Authorization, "");
+    if (!aParts.m_bProxy || !aParts.m_ProxyAuthorization.IsEmpty())
+        set(Atoms::Proxy_Authorization, "");
     if (!aParts.m_bKeepAlive)
         set(Atoms::Connection, "close");
     if (IsLengthDue_i())
@@ -161,12 +183,18 @@ CCmString CHttpClientRequest::MakeHead(const CCmHttpUrl& aUrl, const CHttpHeadPa
     CCmString strHead;
     if (bGood)
         head.FlattenToSend(strHead);
+    if (bGood && !strHead.empty())
+        AddSecrets(aParts, strHead);
     return strHead;
 }
 
 CCmString MakeHttpTarget(const CCmHttpUrl& aUrl) {
     const CCmString& strPath = aUrl.GetPath();
     return EncodeForHttpUrl(std::string_view(strPath).substr(0, strPath.find('#')));
+}
+
+CCmString MakeAbsoluteHttpTarget(const CCmHttpUrl& aUrl) {
+    return aUrl.GetScheme() + "://" + MakeHostField(aUrl) + MakeHttpTarget(aUrl);
 }
 
 }  // namespace talvo

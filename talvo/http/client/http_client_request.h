@@ -3,6 +3,7 @@
 
 #include "talvo/base/chain_ptr.h"
 #include "talvo/base/result.h"
+#include "talvo/base/secret.h"
 #include "talvo/http/message/http_request_head.h"
 
 class CCmHttpUrl;
@@ -11,8 +12,10 @@ namespace talvo {
 
 // The parts of a head that are not the request's own.
 struct CHttpHeadParts {
-    CCmString m_strTarget;         // in the form that the receiver of the request needs
-    CCmString m_strAuthorization;  // "": the one that the application has set
+    CCmString m_strTarget;           // in the form that the receiver of the request needs
+    CCmSecret m_Authorization;       // "": the one that the application has set
+    CCmSecret m_ProxyAuthorization;  // likewise
+    BOOL m_bProxy = FALSE;           // the receiver is a proxy; else Proxy-Authorization is left out
     BOOL m_bKeepAlive = TRUE;
 };
 
@@ -54,8 +57,10 @@ public:
     // Changes the request as a redirect requires.
     void BecomeGet();
     void LeaveOrigin();
+    void LeaveProxy();
 
-    // The head for aUrl in wire format, with the empty line. Returns "" if memory runs out.
+    // The head for aUrl in wire format, with the empty line. Returns "" if memory runs out. Credentials are in the result only:
+    // the caller overwrites it.
     CCmString MakeHead(const CCmHttpUrl& aUrl, const CHttpHeadParts& aParts) const;
 
 private:
@@ -70,5 +75,7 @@ private:
 
 // The request target: path and query of a URL, without a fragment, percent-encoded as necessary.
 TALVO_API CCmString MakeHttpTarget(const CCmHttpUrl& aUrl);
+// The same in absolute form, for proxies.
+TALVO_API CCmString MakeAbsoluteHttpTarget(const CCmHttpUrl& aUrl);
 
 }  // namespace talvo

@@ -1,0 +1,146 @@
+#include "talvo/transport/bad_proxies.h"
+#include "talvo/transport/proxy_credentials.h"
+#include "tests/http/client_fixture.h"
+
+// Proxies are scripts, too: a request in absolute form goes to them and not to the server of its URL.
+class HttpClientProxyTest : public CHttpClientTest {
+protected:
+    ~HttpClientProxyTest() override { talvo::CBadProxies::Instance().Clear(); }
+
+    std::string Get(
+        const std::string& aUrl, const std::string& aProxies,
+        const std::function<void(CTestHttpClient&)>& aSet = [](CTestHttpClient&) {}) const {
+        CTestHttpClient client(aUrl, aProxies);
+        aSet(client);
+        return Run(client);
+    }
+    static std::string Proxy(const CScriptServer& aServer, const std::string& aCredentials = "") {
+        return "http://" + aCredentials + aServer.GetUrl("").substr(aServer.GetUrl("").find("//") + 2);
+    }
+};
+
+TEST_F(HttpClientProxyTest, RequestsInAbsoluteFormShareTheConnectionsToTheProxy) {
+    const CAnswer found = Answer("200 OK", "", "x");
+    const CScriptServer proxy({{found, found, Answer("307 T", "Location: http://b.test:81/c\r\n", ""), found}}),
+        server({{found}});
+    EXPECT_EQ("200 x", Get("http://a.test/a b?q#part", Proxy(proxy), [](CTestHttpClient& a) { a.Ask("POST", "body"); }));
+    EXPECT_EQ("200 x", Get("http://[fe80::1%25eth0]:8080", Proxy(proxy)));
+    EXPECT_EQ("200 x", Get("http://a.test/", Proxy(proxy)));
+    EXPECT_EQ("POST http://a.test/a%20b?q HTTP/1.1\r\nHost: a.test\r\nUser-Agent: talvo\r\nContent-Length: 4\r\n\r\nbody",
+              proxy.m_Requests[0]);
+    EXPECT_TRUE(proxy.m_Requests[1].starts_with("GET http://[fe80::1]:8080/ HTTP/1.1\r\nHost: [fe80::1]:8080\r\n"));
+    EXPECT_TRUE(proxy.m_Requests[3].starts_with("GET http://b.test:81/c HTTP/1.1\r\nHost: b.test:81\r\n"));
+    EXPECT_EQ(1u, proxy.GetConnections());
+    // The same host as a server: another connection.
+    EXPECT_EQ("200 x", Get(proxy.GetUrl("/"), "direct"));
+    EXPECT_EQ(2u, proxy.GetConnections());
+}
+
+TEST_F(HttpClientProxyTest, AnswersTheChallengesOfTheProxyAlone) {
+    // Credentials of the route, the first and the second challenge, the last request's header, the requests and the result.
+    using CCase = std::tuple<const char*, const char*, const char*, const char*, size_t, const char*>;
+    const std::string strLong(100000, 'x');  // not waited for, at the price of the connection
+    const CCase CASES[] = {
+        {"u:p@", "Basic realm=\"r\"", "", "Proxy-Authorization: Basic dTpw\r\n", 2, "200 in"},
+        {"u:p@", "Digest realm=\"r\", nonce=\"n\", qop=\"auth\"", "", "nonce=\"n\", uri=\"http://a.test/\", response=\"", 2,
+         "200 in"},
+        {"u:p@", "Basic realm=\"r\"", "Basic realm=\"r\"", "Proxy-Authorization: Basic", 2, "407 out"},
+        {"u:p@", "Digest realm=\"r\", nonce=\"n\"", "Digest realm=\"r\", nonce=\"m\", stale=TRUE", "nonce=\"m\"", 3, "200 in"},
+        {"", "Basic realm=\"r\"", "", "", 1, "407 out"},
+        {"u:p@", "Negotiate abc==", "", "", 1, "407 out"},
+    };
+    for (const auto& [szCredentials, szFirst, szSecond, szAuthorization, stRequests, szResult] : CASES) {
+        SCOPED_TRACE(szFirst);
+        const auto ask = [](const char* aChallenge, const std::string& aBody) {
+            return Answer("407 Who", "Proxy-Authenticate: " + std::string(aChallenge) + "\r\n", aBody);
+        };
+        const bool bLong = stRequests == 3;
+        CAnswers first{ask(szFirst, bLong ? strLong : "out")}, then{Answer("200 OK", "", "in")};
+        if (*szSecond)
+            then.push_front(ask(szSecond, "out"));
+        if (!bLong)
+            first.insert(first.end(), then.begin(), then.end());
+        const CScriptServer proxy({first, then});
+        EXPECT_EQ(szResult, Get("http://a.test/", Proxy(proxy, szCredentials), [](CTestHttpClient& aClient) {
+                      aClient.Ask("POST", "body");
+                      aClient.m_pChannel->SetCredentials("origin", "secret");
+                  }));
+        ASSERT_EQ(stRequests, proxy.m_Requests.size());
+        EXPECT_EQ(std::string::npos, proxy.m_Requests.front().find("Authorization"));
+        const std::string& strLast = proxy.m_Requests.back();
+        EXPECT_NE(std::string::npos, strLast.find(szAuthorization)) << strLast;
+        EXPECT_TRUE(strLast.ends_with("\r\n\r\nbody"));
+        EXPECT_EQ(bLong ? 2u : 1u, proxy.GetConnections());
+    }
+    // A server is no proxy.
+    const CScriptServer server({{Answer("407 Who", "Proxy-Authenticate: Basic realm=\"r\"\r\n", "out")}});
+    EXPECT_EQ("407 out", Get(server.GetUrl(), "direct", [](CTestHttpClient& a) { a.Header("Proxy-Authorization", "x"); }));
+    EXPECT_EQ(std::string::npos, server.m_Requests.at(0).find("Proxy-Authorization"));
+}
+
+TEST_F(HttpClientProxyTest, TheNextServerIsForOneThatCannotBeReached) {
+    const CAnswer found = Answer("200 OK", "", "x"),
+                  ask = Answer("407 Who", "Proxy-Authenticate: Basic realm=\"r\"\r\n", "out");
+    const CScriptServer proxy({{ask, found}}), server({{found}});
+    const std::string strDead = "http://u:p@127.0.0.1:9";
+    const auto set = [](CTestHttpClient& a) { a.Header("Proxy-Authorization", "x"); };
+    CTestHttpClient lost("http://a.test/", strDead + ",http://127.0.0.1:8");
+    EXPECT_EQ("0  !20008", Run(lost));
+    CCmString strText;
+    EXPECT_EQ(CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE, lost.m_pChannel->GetFailure(strText));
+    EXPECT_EQ("connect to 127.0.0.1:8: Connection refused",
+              ::Get<CCmFailure>(*lost.m_pChannel, CM_OPT_CHANNEL_LAST_FAILURE).ToString());
+    talvo::CBadProxies::Instance().Clear();
+    EXPECT_EQ("407 out", Get("http://a.test/", strDead + "," + Proxy(proxy), set));
+    EXPECT_EQ(std::string::npos, proxy.m_Requests.at(0).find("Proxy-Authorization"));
+    EXPECT_EQ("200 x", Get("http://a.test/", strDead + "," + Proxy(proxy), set));  // the dead one comes last now
+    EXPECT_NE(std::string::npos, proxy.m_Requests.at(1).find("Proxy-Authorization: x\r\n"));
+    EXPECT_EQ("200 x", Get(server.GetUrl(), strDead + ",direct"));
+    EXPECT_TRUE(server.m_Requests.at(0).starts_with("GET / HTTP/1.1\r\n"));
+    const CScriptServer broken({{{"nonsense\r\n\r\n"}}});  // it has been reached
+    EXPECT_EQ("0  !20008", Get("http://a.test/", Proxy(broken) + "," + Proxy(proxy)));
+}
+
+// The user answers the first question, and gives up at the second.
+TEST_F(HttpClientProxyTest, WaitsForTheUser) {
+    struct CAsker : ICmProxyCredentials {
+        CmResult GetCredentials(const CCmProxyQuestion&, CCmCredentials&, ICmProxyCredentialsSink* aSink) override {
+            m_pSink = aSink;
+            return aSink ? CM_ERROR_WOULD_BLOCK : CM_ERROR_NOT_FOUND;
+        }
+        CmResult Cancel(ICmProxyCredentialsSink*) override {
+            m_pSink = nullptr;
+            return CM_OK;
+        }
+        void Forget(const CCmProxyQuestion&, const CCmCredentials&) override {}
+        BOOL MayHaveCredentials(const CCmString&) override { return TRUE; }
+        void Answer(CmResult aReason) {
+            CCmCredentials credentials;
+            EXPECT_EQ(CM_OK, credentials.Set("u", std::to_string(++m_nAnswers)));
+            std::exchange(m_pSink, nullptr)->OnProxyCredentials(aReason, credentials);
+        }
+
+        ICmProxyCredentialsSink* m_pSink = nullptr;
+        int m_nAnswers = 0;
+    } asker;
+    ICmProxyCredentials* const pBefore = ICmProxyCredentials::Get();
+    ICmProxyCredentials::Set(&asker);
+    const CAnswer ask = Answer("407 Who", "Proxy-Authenticate: Basic realm=\"r\"\r\n", "out");
+    for (const std::string strResult : {"200 in", "407 out", "0 "}) {
+        const CScriptServer proxy({{ask, ask, strResult == "200 in" ? Answer("200 OK", "", "in") : ask}});
+        CTestHttpClient client("http://a.test/", Proxy(proxy));
+        client.Open();
+        RunUntil([&] { return asker.m_pSink != nullptr; });
+        asker.Answer(CM_OK);
+        RunUntil([&] { return asker.m_pSink != nullptr; });
+        if (strResult == "0 ") {
+            client.m_pChannel->Disconnect(CM_OK);
+            EXPECT_EQ(nullptr, asker.m_pSink);
+            continue;
+        }
+        asker.Answer(strResult == "200 in" ? CM_OK : CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE);
+        RunUntil([&] { return client.IsOver(); });
+        EXPECT_EQ(strResult, client.Result());
+    }
+    ICmProxyCredentials::Set(pBefore);
+}
