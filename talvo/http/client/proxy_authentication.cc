@@ -4,6 +4,7 @@
 
 #include "talvo/http/client/proxy_offers.h"
 #include "talvo/http/message/http_memory.h"
+#include "talvo/http/message/ntlm_permission.h"
 
 namespace talvo {
 
@@ -14,7 +15,7 @@ CProxyAuthentication::CProxyAuthentication(IProxyAuthenticationUser& aUser, cons
 CmResult CProxyAuthentication::Start() {
     return ResultWithMemory([&] {
         CHttpOffer offer;
-        if (!CProxyOffers::Find(m_Choice.GetProxy(), FALSE, offer))
+        if (!CProxyOffers::Find(m_Choice.GetProxy(), FALSE, offer) || (offer.m_Scheme == EHttpScheme::NTLM && !IsNtlmAllowed()))
             return CM_OK;
         const CmResult rv = m_Choice.ChooseKnown(offer.m_strRealm, HttpSchemeName(offer.m_Scheme));
         if (rv == CM_OK && IsUsable_i())
@@ -37,7 +38,7 @@ CmResult CProxyAuthentication::Authorize(std::string_view aMethod, std::string_v
 
 CmResult CProxyAuthentication::OnChallenges(std::string_view aChallenges, BOOL aStaysOpen) {
     return ResultWithMemory([&] {
-        const CHttpAuthState::EVerdict verdict = m_State.OnChallenges(aChallenges, FALSE, aStaysOpen);
+        const CHttpAuthState::EVerdict verdict = m_State.OnChallenges(aChallenges, IsNtlmAllowed(), aStaysOpen);
         if (verdict == CHttpAuthState::HOPELESS)
             return CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE;
         if (verdict == CHttpAuthState::REFUSED)

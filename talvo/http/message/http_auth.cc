@@ -1,5 +1,7 @@
 #include "talvo/http/message/http_auth.h"
 
+#include "talvo/http/message/ntlm_permission.h"
+
 namespace talvo {
 
 CmResult CHttpAuthenticator::SetCredentials(std::string_view aUser, std::string_view aPassword) {
@@ -15,8 +17,11 @@ CmResult CHttpAuthenticator::SetCredentials(std::string_view aUser, std::string_
     return CM_OK;
 }
 
-BOOL CHttpAuthenticator::OnChallenges(std::string_view aValue, BOOL aStaysOpen) {
-    return m_bCredentials && m_State.OnChallenges(aValue, FALSE, aStaysOpen) == CHttpAuthState::ANSWER;
+BOOL CHttpAuthenticator::OnChallenges(std::string_view aValue, BOOL aEndToEnd, BOOL aStaysOpen) {
+    if (!m_bCredentials)
+        return FALSE;
+    const BOOL bNtlm = aEndToEnd && !m_Credentials.m_User.IsEmpty() && IsNtlmAllowed();
+    return m_State.OnChallenges(aValue, bNtlm, aStaysOpen) == CHttpAuthState::ANSWER;
 }
 
 CmResult CHttpAuthenticator::Authorize(std::string_view aMethod, std::string_view aUri, CCmSecret& aValue) {

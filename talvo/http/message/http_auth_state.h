@@ -2,6 +2,7 @@
 #pragma once
 
 #include "talvo/http/message/http_offer.h"
+#include "talvo/http/message/ntlm_session.h"
 
 namespace talvo {
 
@@ -10,7 +11,7 @@ namespace talvo {
 class TALVO_API CHttpAuthState {
 public:
     enum EVerdict {
-        HOPELESS,  // no supported scheme, or too many stale nonces
+        HOPELESS,  // no supported scheme, too many stale nonces, or a broken exchange of NTLM
         ANSWER,    // repeat the request with Authorize
         REFUSED    // the credentials were refused: repeat it with others
     };
@@ -22,27 +23,32 @@ public:
     // the credentials, unless by Basic in the same realm.
     void TakeUp(const CHttpOffer& aOffer);
 
-    // A request was not refused: the limit of stale nonces begins anew.
-    void OnAccepted() { m_dwStale = 0; }
+    // A request was not refused: the limits of repeated requests begin anew.
+    void OnAccepted();
 
     // The next request goes over another connection. aAuthenticated: NTLM has authenticated it for these credentials.
     void OnConnection(BOOL aAuthenticated);
 
-    // aValue (out): to send; "": nothing. Results as CHttpOffer::Answer.
+    // aValue (out): to send; "": nothing, also if the system lacks a hash or the scheme cannot carry the credentials. CM_OK,
+    // CM_ERROR_OUT_OF_MEMORY.
     CmResult Authorize(const CCmCredentials& aCredentials, std::string_view aMethod, std::string_view aUri, CCmSecret& aValue);
 
     // TRUE: the next request must go over the connection of the last answer.
-    BOOL NeedsSameConnection() const { return FALSE; }
+    BOOL NeedsSameConnection() const { return IsNtlm() && m_Ntlm.GetStep() == CNtlmSession::CHALLENGED; }
 
     BOOL HasOffer() const { return m_Offer.m_Scheme != EHttpScheme::NONE; }
     BOOL IsNtlm() const { return m_Offer.m_Scheme == EHttpScheme::NTLM; }
     CHttpOffer& GetOffer() { return m_Offer; }
 
 private:
+    EVerdict GoOnWithNtlm_i(const CHttpOffer& aOffer, BOOL aStaysOpen);
+
     CHttpOffer m_Offer;
-    BOOL m_bTried = FALSE;  // Authorize has answered the offer
-    BOOL m_bEarly = FALSE;  // the offer is of an earlier request
-    DWORD m_dwStale = 0;    // replaced nonces
+    CNtlmSession m_Ntlm;
+    BOOL m_bTried = FALSE;       // credentials have answered the offer
+    BOOL m_bEarly = FALSE;       // the offer is of an earlier request
+    DWORD m_dwStale = 0;         // replaced nonces
+    DWORD m_dwNegotiations = 0;  // exchanges of NTLM that were begun
 };
 
 }  // namespace talvo
