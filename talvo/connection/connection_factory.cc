@@ -7,10 +7,12 @@
 #include "talvo/connection/protocol/protocols.h"
 #include "talvo/event/thread.h"
 #include "talvo/event/thread_manager.h"
+#include "talvo/transport/base_connector.h"
 #include "talvo/transport/base_types.h"
-#include "talvo/transport/connector_wrapper.h"
+#include "talvo/transport/detection_connector.h"
 #include "talvo/transport/thread_proxy/acceptor_thread_proxy.h"
 #include "talvo/transport/thread_proxy/connector_thread_proxy.h"
+#include "talvo/transport/thread_proxy/detection_thread_proxy.h"
 
 namespace talvo {
 
@@ -27,17 +29,11 @@ struct CClient {
     static constexpr const char* PROXY_LINE =
         "CCmConnectionManager::CreateConnectionClient, create CCmConnectorThreadProxy. aType=";
 
-    static auto MakerIn(const CCmBaseTypeMakers& aMakers) { return aMakers.m_Connector; }
     static auto MakerIn(const CProtocol& aProtocol) { return aProtocol.m_MakeConnector; }
     static BOOL TracesBase(const CProtocol&) { return TRUE; }
 
-    static CmResult MakeBase(DWORD aBase, CCmRefPtrT<ICmConnector>& aConnector) {
-        const CCmRefPtrT<CCmConnectorWrapper> pConnector(new (std::nothrow) CCmConnectorWrapper);
-        const CmResult rv = pConnector ? pConnector->Init(aBase) : CM_ERROR_OUT_OF_MEMORY;
-        if (rv == CM_OK)
-            aConnector = pConnector;
-        return rv;
-    }
+    static CmResult JudgeBase(DWORD aBase) { return JudgeBaseConnector(aBase); }
+    static CmResult MakeBase(DWORD aBase, CCmRefPtrT<ICmConnector>& aConnector) { return MakeBaseConnector(aBase, aConnector); }
 };
 
 struct CServer {
@@ -48,10 +44,14 @@ struct CServer {
     static constexpr const char* PROXY_LINE =
         "CCmConnectionManager::CreateConnectionServer, create CCmAcceptorThreadProxy. aType=";
 
-    static auto MakerIn(const CCmBaseTypeMakers& aMakers) { return aMakers.m_Acceptor; }
     static auto MakerIn(const CProtocol& aProtocol) { return aProtocol.m_MakeAcceptor; }
     static BOOL TracesBase(const CProtocol& aProtocol) { return aProtocol.m_bServerTracesBase; }
 
+    static CmResult JudgeBase(DWORD aBase) {
+        CCmBaseTypeMakers makers;
+        const CmResult rv = CConnectionType(aBase).IsRace() ? CM_OK : cm_get_base_type(aBase, makers);
+        return rv == CM_OK && !makers.m_Acceptor ? CM_ERROR_NOT_IMPLEMENTED : rv;
+    }
     static CmResult MakeBase(DWORD aBase, CCmRefPtrT<ICmAcceptor>& aAcceptor) {
         CCmBaseTypeMakers makers;
         if (cm_get_base_type(aBase, makers) != CM_OK || !makers.m_Acceptor)
@@ -75,14 +75,13 @@ CmResult Judge(CConnectionType aType) {
     const CProtocol* pProtocol = CProtocol::Find(aType);
     if (aType.IsProtocol() && !pProtocol)
         return CM_ERROR_FAILURE;
-    CCmBaseTypeMakers makers;
-    const BOOL bBaseKnown = aType.IsRace() || cm_get_base_type(aType.GetBase(), makers) == CM_OK;
-    if (!bBaseKnown || aType.HasUnknownFlags()) {
+    const CmResult rvBase = Side::JudgeBase(aType.GetBase());
+    if (rvBase == CM_ERROR_INVALID_ARG || aType.HasUnknownFlags()) {
         CM_WARNING_TRACE(Side::WHERE << ", wrong type=" << aType.WithoutThreadFlags());
         return CM_ERROR_INVALID_ARG;
     }
     const BOOL bStreamOnly = pProtocol && !pProtocol->m_bOverDatagrams && aType.IsOverDatagrams();
-    if (!Side::MakerIn(makers) || bStreamOnly) {
+    if (rvBase != CM_OK || bStreamOnly) {
         CM_WARNING_TRACE(Side::WHERE << ", type not implemented. type=" << aType.WithoutThreadFlags());
         return CM_ERROR_NOT_IMPLEMENTED;
     }
@@ -125,6 +124,16 @@ CmResult Make(DWORD aType, typename Side::Interface*& aResult) {
     return rv;
 }
 
+// The calling thread and the network thread.
+struct CThreads {
+    ACmThread* const m_pUser = Threads().GetThread(CCmThreadManager::TT_CURRENT);
+    ACmThread* const m_pNetwork = Threads().GetThread(CCmThreadManager::TT_NETWORK);
+
+    // FALSE: the caller could not receive callbacks, or there is no network thread.
+    BOOL CanCall() const { return m_pNetwork && m_pUser && m_pUser->GetEventQueue(); }
+    BOOL IsNetwork() const { return m_pUser == m_pNetwork; }
+};
+
 // The thread rule: directly in the network thread, through a proxy in every other thread.
 template <class Side>
 CmResult Create(DWORD aType, typename Side::Interface*& aResult) {
@@ -132,20 +141,45 @@ CmResult Create(DWORD aType, typename Side::Interface*& aResult) {
     const CConnectionType type(aType);
     if (const CmResult rv = Judge<Side>(type); rv != CM_OK)
         return rv;
-    ACmThread* pNetwork = Threads().GetThread(CCmThreadManager::TT_NETWORK);
-    ACmThread* pUser = Threads().GetThread(CCmThreadManager::TT_CURRENT);
-    if (!pNetwork || !pUser || !pUser->GetEventQueue())
-        return CM_ERROR_NULL_POINTER;  // the caller could not receive callbacks
-    if (pUser == pNetwork && !type.Has(CConnectionType::FORCE_THREAD_PROXY))
+    const CThreads threads;
+    if (!threads.CanCall())
+        return CM_ERROR_NULL_POINTER;
+    if (threads.IsNetwork() && !type.Has(CConnectionType::FORCE_THREAD_PROXY))
         return Make<Side>(aType, aResult);
     CM_INFO_TRACE(Side::PROXY_LINE << aType);
-    aResult = Side::Proxy::Make(pUser->GetLink(), pNetwork->GetLink(), aType, Make<Side>).Detach();
+    aResult = Side::Proxy::Make(threads.m_pUser->GetLink(), threads.m_pNetwork->GetLink(), aType, Make<Side>).Detach();
     return aResult ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+}
+
+CmResult JudgeConnection(DWORD aType) { return Judge<CClient>(CConnectionType(aType)); }
+
+CmResult MakeRace(DWORD, CCmDetectionConnector*& aConnector) {
+    aConnector = CCmDetectionConnector::Make(JudgeConnection, CreateClient_i).Detach();
+    return aConnector ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
 
 }  // namespace
 
 CmResult CreateClient(DWORD aType, ICmConnector*& aConnector) { return Create<CClient>(aType, aConnector); }
+
+CmResult CreateRace(ICmDetectionConnector*& aConnector) {
+    aConnector = nullptr;
+    const CThreads threads;
+    if (!threads.CanCall())
+        return CM_ERROR_NULL_POINTER;
+    if (threads.IsNetwork()) {
+        CCmDetectionConnector* pConnector = nullptr;
+        const CmResult rv = MakeRace(0, pConnector);
+        aConnector = pConnector;
+        return rv;
+    }
+    CM_INFO_TRACE("CCmConnectionManager::CreateDetectionConnectionClient, create CCmDetectionConnectorThreadProxy.");
+    CCmThreadLink& network = threads.m_pNetwork->GetLink();
+    aConnector =
+        CCmDetectionConnectorThreadProxy::Make(threads.m_pUser->GetLink(), network, JudgeConnection, MakeRace).Detach();
+    return aConnector ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+}
+
 CmResult CreateServer(DWORD aType, ICmAcceptor*& aAcceptor) { return Create<CServer>(aType, aAcceptor); }
 CmResult CreateClient_i(DWORD aType, ICmConnector*& aConnector) { return Make<CClient>(aType, aConnector); }
 CmResult CreateServer_i(DWORD aType, ICmAcceptor*& aAcceptor) { return Make<CServer>(aType, aAcceptor); }

@@ -118,9 +118,7 @@ CmResult CCmConnectionManager::CreateConnectionServer(DWORD aType, ICmAcceptor*&
 }
 
 CmResult CCmConnectionManager::CreateDetectionConnectionClient(ICmDetectionConnector*& aConnector) {
-    aConnector = nullptr;
-    CM_WARNING_TRACE_THIS("CCmConnectionManager::CreateDetectionConnectionClient, not implemented.");
-    return CM_ERROR_NOT_IMPLEMENTED;
+    return talvo::CreateRace(aConnector);
 }
 
 CmResult CCmConnectionManager::CreateConnectionClient_i(DWORD aType, ICmConnector*& aConnector) {

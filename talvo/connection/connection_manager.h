@@ -78,13 +78,15 @@ public:
     CmResult Drain(CCmTimeValue* aTimeout, ICmDrainSink* aSink = nullptr);
 
     // aConnector (out): a new connector or acceptor with one reference for the caller, null on failure. CM_ERROR_INVALID_ARG:
-    // no such base type. CM_ERROR_FAILURE: flags that name no connection. CM_ERROR_NOT_IMPLEMENTED: a type that is not offered
-    // (today a base type other than CTYPE_TCP, CTYPE_UDP and those of cm_offer_base_type, and CTYPE_PDU_RELIABLE and
-    // CTYPE_PDU_LENGTH over CTYPE_UDP). CM_ERROR_NULL_POINTER: the calling thread has no event queue, or the network thread has
-    // ended. CM_ERROR_OUT_OF_MEMORY.
+    // no such base type. CM_ERROR_FAILURE: flags that name no connection. CM_ERROR_NOT_IMPLEMENTED: a type that is not offered:
+    // a server of CM_TRANSPORT_TYPE_PROXY or CM_TRANSPORT_TYPE_RACE, and CTYPE_PDU_RELIABLE and CTYPE_PDU_LENGTH over
+    // CTYPE_UDP. CM_ERROR_NULL_POINTER: the calling thread has no event queue, or the network thread has ended.
+    // CM_ERROR_OUT_OF_MEMORY.
     CmResult CreateConnectionClient(DWORD aType, ICmConnector*& aConnector);
     CmResult CreateConnectionServer(DWORD aType, ICmAcceptor*& aAcceptor);
-    CmResult CreateDetectionConnectionClient(ICmDetectionConnector*& aConnector);  // CM_ERROR_NOT_IMPLEMENTED today
+
+    // aConnector (out): a detection connector without connections, likewise. CM_ERROR_NULL_POINTER. CM_ERROR_OUT_OF_MEMORY.
+    CmResult CreateDetectionConnectionClient(ICmDetectionConnector*& aConnector);
 
     // The same without a proxy. Only in the network thread, in which all upcalls come.
     CmResult CreateConnectionClient_i(DWORD aType, ICmConnector*& aConnector);

@@ -41,7 +41,15 @@ public:
     constexpr BOOL IsOverDatagrams() const { return GetBase() == CM_TRANSPORT_TYPE_UDP; }
 
     // Not one base type but two in a race, a direct connector and one through a proxy.
-    constexpr BOOL IsRace() const { return GetBase() == RACE; }
+    constexpr BOOL IsRace() const { return GetBase() == CM_TRANSPORT_TYPE_RACE; }
+    // Over TCP, without TLS: directly, through a proxy server, or in that race.
+    constexpr BOOL IsOverTcp() const { return GetBase() == CM_TRANSPORT_TYPE_TCP || IsProxied() || IsRace(); }
+    // A connector through the user's proxy server.
+    constexpr BOOL IsProxied() const { return GetBase() == CM_TRANSPORT_TYPE_PROXY; }
+    // The same connection as a proxied one, without the proxy server.
+    constexpr BOOL IsDirectTwinOf(CConnectionType aProxied) const {
+        return GetBase() == CM_TRANSPORT_TYPE_TCP && (m_dwType & PROTOCOL_MASK) == (aProxied.m_dwType & PROTOCOL_MASK);
+    }
 
     // A thread proxy adds it to the value of option 107: the higher one of the two thread flags that are set.
     constexpr DWORD GetThreadFlag() const { return Has(FORCE_THREAD_PROXY) ? +FORCE_THREAD_PROXY : m_dwType & THREAD_FLAG; }
@@ -53,7 +61,6 @@ private:
     static constexpr DWORD BASE_MASK = 0x0000FFFF;
     static constexpr DWORD THREAD_MASK = THREAD_FLAG | FORCE_THREAD_PROXY;
     static constexpr DWORD PROTOCOL_MASK = 0xFFF00000;
-    static constexpr DWORD RACE = 0x8001;
 
     DWORD m_dwType;
 };

@@ -11,14 +11,10 @@ namespace talvo {
 namespace {
 
 DWORD BaseBit(DWORD aType) {
-    switch (CConnectionType(aType).GetBase()) {
-    case CM_TRANSPORT_TYPE_TCP:
+    const CConnectionType type(aType);
+    if (type.IsOverTcp())
         return COptionType::OVER_TCP;
-    case CM_TRANSPORT_TYPE_UDP:
-        return COptionType::OVER_UDP;
-    default:
-        return COptionType::OVER_OTHERS;
-    }
+    return type.IsOverDatagrams() ? COptionType::OVER_UDP : COptionType::OVER_OTHERS;
 }
 
 }  // namespace
@@ -51,6 +47,15 @@ CmResult COptionValues::PassTo(ICmAcceptorConnectorId* aId, COptionValues& aPass
             return CM_ERROR_OUT_OF_MEMORY;
     }
     return CM_OK;
+}
+
+COptionValues COptionValues::For(DWORD aType) const {
+    COptionValues values(aType, TRUE);
+    for (const CValue& value : m_Values) {
+        if (values.Find_i(value.m_dwCommand))
+            values.m_Values.push_back(value);
+    }
+    return values;
 }
 
 // Null: this object has no such option.

@@ -57,6 +57,9 @@ public:
         return pValue ? *static_cast<const T*>(pValue.get()) : T();
     }
 
+    // The values that a connector of another type can have. May throw std::bad_alloc.
+    COptionValues For(DWORD aType) const;
+
     // Sets on aId the values that differ from aPassed (in and out), which stores the values set. Ends at the first refusal and
     // returns it.
     CmResult PassTo(ICmAcceptorConnectorId* aId, COptionValues& aPassed) const;

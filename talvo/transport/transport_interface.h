@@ -26,8 +26,11 @@ enum ECmTransportType : DWORD {
     CM_TRANSPORT_TYPE_UDP = 2,
     CM_TRANSPORT_TYPE_TLS_1_2 = 4,
     CM_TRANSPORT_TYPE_TLS_1_3 = 8,
-    CM_TRANSPORT_TYPE_TLS = 12,       // of the two versions the higher one that the peer has; the one to use
-    CM_TRANSPORT_TYPE_PROXY = 0x8000  // connectors only: TCP through the user's proxy. Its transports have the type 1
+    CM_TRANSPORT_TYPE_TLS = 12,        // of the two versions the higher one that the peer has; the one to use
+    CM_TRANSPORT_TYPE_PROXY = 0x8000,  // connectors only: TCP through the user's proxy. Its transports have the type 1
+    // Connectors only: a race of CM_TRANSPORT_TYPE_TCP and, 250 ms later, CM_TRANSPORT_TYPE_PROXY to the same address. Options
+    // go to both. At DIRECT the proxied one leaves the attempt to the other one.
+    CM_TRANSPORT_TYPE_RACE = 0x8001
 };
 
 // Accompanies a send, and is returned with the sent data. Upcalls pass null unless a transport has parameters to report.
@@ -247,10 +250,25 @@ public:
     virtual void CancelConnect() = 0;
 };
 
-// Races several connectors, each started aDelay after the previous one. Not offered yet.
+// Races several connections: the first one to be connected wins, and is the only one indicated, with this connector as its id.
+// Of two in one turn of the loop the one added first wins, except that a protocol connection wins at once. The others are
+// cancelled, or closed, before the indication. Made by CCmConnectionManager::CreateDetectionConnectionClient.
+//
+// Each connection has an option value of its own: ICmConnectOptions sets and gets those of the connection added last. Before
+// the first AddConnection it sets the values of all connections that have the option.
 class TALVO_API ICmDetectionConnector : public ICmConnector {
 public:
+    // aType: of a client, with flags of a protocol; its thread flags have no effect. The connection starts aDelay after the one
+    // before, at least 10 ms; null: 250 ms. The first one starts aDelay after the race; null: at once. If all connections that
+    // have started have failed, the next one starts at once. The connections stay for later races. CM_ERROR_NOT_AVAILABLE: a
+    // race runs, or there are 16. CM_ERROR_INVALID_ARG: type 0x8001. Otherwise the results of
+    // CCmConnectionManager::CreateConnectionClient for the type.
     virtual CmResult AddConnection(DWORD aType, const CCmInetAddr& aAddrPeer, CCmTimeValue* aDelay = nullptr) = 0;
+
+    // Starts a race, as AsycConnect starts an attempt, to the addresses of AddConnection. AsycConnect starts the same race to
+    // its own address. aTimeout covers the race. If all connections have failed, the reason and CM_OPT_CONNECT_FAILURE are
+    // those of the one added first, and the trace has a line for each. CM_ERROR_NETWORK_CONNECT_TIMEOUT: there is no
+    // connection.
     virtual void StartDetectionConnect(ICmAcceptorConnectorSink* aSink, CCmTimeValue* aTimeout = nullptr) = 0;
 };
 

@@ -60,7 +60,7 @@ TEST(ConnectionManagerTest, TypesAreJudgedInTheCallingThread) {
     for (const DWORD dwType : {0x1u, 0x2u, 0x4u, 0x8u, 0xCu, 0x10001u, 0x20001u, 0x30001u, 0x10000001u, 0x10000004u,
                                0x30000002u, 0x8000001u, 0x100002u, 0x70000001u, 0x7200000Cu})
         EXPECT_EQ(CM_OK, Judge(dwType)) << std::hex << dwType;
-    for (const DWORD dwType : {0x8000u, 0x8001u, 0x10008000u, 0x70000002u, 0x8000002u})
+    for (const DWORD dwType : {0x8000u, 0x10008000u, 0x70000002u, 0x8000002u})
         EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, Judge(dwType)) << std::hex << dwType;
     for (const DWORD dwType : {0x0u, 0x3u, 0x8002u, 0x40001u, 0x10000003u})
         EXPECT_EQ(CM_ERROR_INVALID_ARG, Judge(dwType)) << std::hex << dwType;
@@ -71,6 +71,101 @@ TEST(ConnectionManagerTest, TypesAreJudgedInTheCallingThread) {
         EXPECT_EQ(CM_ERROR_NULL_POINTER, Judge(DIRECT));
         EXPECT_EQ(CM_ERROR_INVALID_ARG, Judge(3));  // the type comes first
     }).join();
+}
+
+// From a thread beside the network thread: the same results, and indications of the kind of the winner's connection.
+TEST(ConnectionManagerTest, ARaceThroughAThreadProxy) {
+    constexpr DWORD PACKAGE = CCmConnectionManager::CTYPE_PDU_PACKAGE;
+    CTestNetwork network;
+    CTestConnectSink server, sink;
+    CTestSink serverSink, clientSink;
+    CCmInetAddr addr;
+    const CCmInetAddr addrRefused = CTestListener().Addr();
+    const auto pAcceptor = network.Listen(server, addr, DIRECT | PACKAGE);
+    server.m_Indicated = [&] { server.m_Transports.back()->OpenWithSink(&serverSink); };
+    CCmRefPtrT<ICmDetectionConnector> pRace;
+    const auto start = [&] { pRace->StartDetectionConnect(&sink); };
+    const auto untilCount = [&](size_t aCount) { network.RunUntil([&] { return sink.Count() == aCount; }); };
+    ASSERT_EQ(CM_OK, network.Manager().CreateDetectionConnectionClient(pRace.ParaOut()));
+    start();
+    untilCount(1);
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, pRace->AddConnection(0x8001, addr));
+    EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, pRace->AddConnection(0x8000002, addr));
+    EXPECT_EQ(CM_OK, pRace->AddConnection(DIRECT, addrRefused));
+    Set(*cm_get_connect_options(pRace.Get()), CM_OPT_TRANSPORT_RCVBUF, 10000);
+    pRace->StartDetectionConnect(nullptr);
+    start();
+    start();
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, pRace->AddConnection(DIRECT, addr));
+    untilCount(2);
+    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, sink.m_Reasons[0]);
+    EXPECT_NE(CM_OK, sink.m_Reasons[1]);
+    EXPECT_EQ(ECONNREFUSED, Get<CCmFailure>(*cm_get_connect_options(pRace.Get()), CM_OPT_CONNECT_FAILURE).GetErrno());
+    EXPECT_EQ(CM_OK, pRace->AddConnection(FORCED | PACKAGE, addr));
+    sink.m_Indicated = [&] { sink.m_Transports.back()->OpenWithSink(&clientSink); };
+    start();
+    untilCount(3);
+    EXPECT_EQ(pRace.Get(), sink.m_pLastId);
+    EXPECT_EQ(FORCED, Get<DWORD>(*sink.m_Transports.back(), CM_OPT_TRANSPORT_TRAN_TYPE));
+    for (const char* pText : {"one", "two"})
+        EXPECT_EQ(CM_OK, SendText(*sink.m_Transports.back(), pText));
+    network.RunUntil([&] { return serverSink.m_nReceives == 2; });  // messages, not bytes
+}
+
+// Cancelled and released while it runs, released inside, and without the network thread.
+TEST(ConnectionManagerTest, ARaceThroughAThreadProxyEndsWithItsUser) {
+    CTestNetwork network;
+    CTestConnectSink sink;
+    const CTestListener listener;
+    CCmRefPtrT<ICmDetectionConnector> pRace;
+    const auto make = [&] {
+        EXPECT_EQ(CM_OK, network.Manager().CreateDetectionConnectionClient(pRace.ParaOut()));
+        EXPECT_EQ(CM_OK, pRace->AddConnection(DIRECT, listener.Addr()));
+        pRace->StartDetectionConnect(&sink);
+    };
+    const CCmInetAddr addrRefused = CTestListener().Addr();
+    sink.m_Indicated = [&] { pRace.Reset(); };
+    make();
+    pRace->CancelConnect();
+    pRace->AsycConnect(&sink, addrRefused);  // to that address only
+    network.RunUntil([&] { return sink.Count() > 0; });
+    EXPECT_NE(CM_OK, sink.m_Reasons[0]);
+    EXPECT_FALSE(pRace);
+    for (int i = 0; i < 2; ++i) {
+        make();
+        if (i == 0)
+            network.InNetwork([] {});
+        pRace.Reset();
+    }
+    network.InNetwork([] {});
+    network.RunPosted();
+    EXPECT_EQ(1u, sink.Count());
+    std::thread([&] {  // without an event queue
+        EXPECT_EQ(CM_ERROR_NULL_POINTER, network.Manager().CreateDetectionConnectionClient(pRace.ParaOut()));
+    })
+        .join();
+    make();
+    pRace->CancelConnect();
+    network.EndNetworkThread();
+    pRace->StartDetectionConnect(&sink);
+    network.RunUntil([&] { return sink.Count() == 2; });
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, sink.m_Reasons.back());
+}
+
+// A race has no server.
+TEST(ConnectionManagerTest, TheTypeOfARaceIsAClients) {
+    CTestNetwork network;
+    for (const DWORD dwType : {0x8001u, 0x10008001u, 0x70008001u, 0x28001u}) {
+        CCmRefPtrT<ICmAcceptor> pAcceptor;
+        EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, network.Manager().CreateConnectionServer(dwType, pAcceptor.ParaOut()));
+        CTestConnectSink server, sink;
+        CCmInetAddr addr;
+        pAcceptor = network.Listen(server, addr, (dwType & ~0xFFFFu) | DIRECT);
+        const auto pConnector = network.MakeConnector(dwType);
+        pConnector->AsycConnect(&sink, addr);
+        network.RunUntil([&] { return sink.Count() == 1; });
+        EXPECT_EQ(CM_OK, sink.m_Reasons[0]) << std::hex << dwType;
+    }
 }
 
 // A made-up transport: TCP under another number.

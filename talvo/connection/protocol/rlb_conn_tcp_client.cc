@@ -6,7 +6,7 @@
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
 #include "talvo/base/with_memory.h"
-#include "talvo/transport/connector_wrapper.h"
+#include "talvo/transport/base_connector.h"
 #include "talvo/transport/option_values.h"
 
 namespace {
@@ -18,8 +18,8 @@ const CCmTimeValue ATTEMPT_LIMIT(10);
 
 // Null: there is no memory, or the base type is no longer offered, or refuses an option.
 CCmRefPtrT<ICmConnector> MakeConnector(const CRlbTarget& aTarget) {
-    const CCmRefPtrT<CCmConnectorWrapper> pConnector(new (std::nothrow) CCmConnectorWrapper);
-    if (!pConnector || pConnector->Init(aTarget.m_dwBaseType) != CM_OK)
+    CCmRefPtrT<ICmConnector> pConnector;
+    if (talvo::MakeBaseConnector(aTarget.m_dwBaseType, pConnector) != CM_OK)
         return {};
     CmResult rv = CM_OK;
     const BOOL bMemory = !aTarget.m_pOptions || talvo::WithMemory([&] {

@@ -3,43 +3,30 @@
 
 #include <optional>
 
-#include "talvo/transport/thread_proxy/indicating_proxy_core.h"
+#include "talvo/transport/thread_proxy/connector_proxy_core.h"
 
 namespace talvo {
 
-using CConnectorFactory = CIndicatingProxyCoreT<ICmConnector>::Factory;
+// Of AsycConnect.
+struct CConnectArguments {
+    static constexpr const char* CALL = "CCmConnectorThreadProxy::AsycConnect";
 
-// An attempt is a request of the user.
-class TALVO_API CConnectorProxyCore final : public CIndicatingProxyCoreT<ICmConnector> {
+    void Start(ICmConnector& aInner, ICmAcceptorConnectorSink& aSink) {
+        aInner.AsycConnect(&aSink, m_AddrPeer, m_Timeout ? &*m_Timeout : nullptr, m_AddrLocal ? &*m_AddrLocal : nullptr);
+    }
+
+    CCmInetAddr m_AddrPeer;
+    std::optional<CCmTimeValue> m_Timeout;
+    std::optional<CCmInetAddr> m_AddrLocal;
+};
+
+class TALVO_API CConnectorProxyCore final : public CConnectorProxyCoreT<ICmConnector, CConnectArguments> {
 public:
-    CConnectorProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, CConnectorFactory aFactory);
+    CConnectorProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, Factory aFactory);
     ~CConnectorProxyCore() override;
 
     void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout,
                      CCmInetAddr* aAddrLocal);
-    void CancelConnect();
-    void OnThreadEnd() override;
-
-private:
-    // The arguments of AsycConnect.
-    struct CAttempt {
-        DWORD m_dwRequest = 0;
-        CCmInetAddr m_AddrPeer;
-        std::optional<CCmTimeValue> m_Timeout;
-        std::optional<CCmInetAddr> m_AddrLocal;
-    };
-    void Connect_i();
-    void ConnectDropped_i();
-    CAttempt TakeAttempt_i();
-    void Cancel_i();
-    void Stop_i(ICmConnector& aConnector) override { aConnector.CancelConnect(); }
-
-    CCmFailure m_IfEnded;  // network thread; the failure if this thread ends during the attempt
-    CCmMutexThread m_AttemptMutex;
-    CAttempt m_Attempt CM_GUARDED_BY(m_AttemptMutex);  // until the network thread takes it; a later one replaces it
-    CEmbeddedEventT<CConnectorProxyCore, &CConnectorProxyCore::Connect_i, &CConnectorProxyCore::ConnectDropped_i>
-        m_ConnectEvent{*this};
-    CEmbeddedEventT<CConnectorProxyCore, &CConnectorProxyCore::Cancel_i> m_CancelEvent{*this};
 };
 
 }  // namespace talvo

@@ -11,7 +11,7 @@
 
 namespace talvo {
 
-// Inner, ICmConnector or ICmAcceptor, is the object in the network thread. A factory makes it at first use. It is hosted from
+// Inner, a connector or an acceptor, is the object in the network thread. A factory makes it at first use. It is hosted from
 // then on until the user releases it or that thread ends.
 //
 // Each request of the user has a number. An indication for another request than the current one is dropped. A request is
@@ -22,7 +22,7 @@ public:
     // Makes the object behind a proxy, in the network thread. aInner (out): with one reference for the caller.
     using Factory = CmResult (*)(DWORD aType, Inner*& aInner);
 
-    void SetProxy(Inner* aProxy) { m_pProxy = aProxy; }
+    void SetProxy(ICmAcceptorConnectorId* aProxy) { m_pProxy = aProxy; }
     void Abandon() override {
         End();
         PostLetGo();
@@ -32,7 +32,7 @@ public:
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
         CCmRefPtrT<ICmTransport> pProxy;
         if (aTrpt)
-            pProxy = CCmTransportThreadProxy::Make(aTrpt, GetUser(), GetNetwork(), m_dwType);
+            pProxy = CCmTransportThreadProxy::Make(aTrpt, GetUser(), GetNetwork(), GetIndicatedType_i());
         if (aTrpt && !pProxy) {
             aReason = CM_ERROR_OUT_OF_MEMORY;
             if (!m_bOnce)
@@ -62,6 +62,11 @@ protected:
     CIndicatingProxyCoreT(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, Factory aFactory, BOOL aOnce)
         : CProxyCore(aUser, aNetwork), m_dwType(aType), m_Factory(aFactory), m_bOnce(aOnce) {}
 
+    // Any thread.
+    BOOL HasRequest() {
+        CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
+        return m_pSink != nullptr;
+    }
     // Any thread. aRequest (out): its number. CM_ERROR_ALREADY_INITIALIZED: a request is current. CM_ERROR_INVALID_ARG: aSink
     // is null.
     CmResult Begin(ICmAcceptorConnectorSink* aSink, DWORD& aRequest) {
@@ -120,6 +125,8 @@ protected:
         Leave_i();
     }
     virtual void Stop_i(Inner& aInner) = 0;
+    // The connection type of the transport that is being indicated.
+    virtual DWORD GetIndicatedType_i() const { return m_dwType; }
 
     // Network thread only.
     CCmRefPtrT<Inner> m_pInner;
@@ -183,9 +190,9 @@ private:
 
     const DWORD m_dwType;
     const Factory m_Factory;
-    const BOOL m_bOnce;                      // an indication ends the request
-    COptionValues m_Passed = NoOptions_i();  // network thread only; the values set in m_pInner
-    Inner* m_pProxy = nullptr;               // the handle, for upcalls: exists while there is a sink
+    const BOOL m_bOnce;                          // an indication ends the request
+    COptionValues m_Passed = NoOptions_i();      // network thread only; the values set in m_pInner
+    ICmAcceptorConnectorId* m_pProxy = nullptr;  // the handle, for upcalls: exists while there is a sink
 
     CEmbeddedEventT<CIndicatingProxyCoreT, &CIndicatingProxyCoreT::LetGo_i> m_LetGoEvent{*this};
 
@@ -203,10 +210,10 @@ private:
 template <class Proxy, class Interface, class Core>
 class CIndicatingProxyT : public CThreadProxyT<Interface, Core>, public CConnectOptions {
 public:
-    // Null: memory ran out.
-    static CCmRefPtrT<Interface> Make(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType,
-                                      typename Core::Factory aFactory) {
-        const auto pProxy = CBase::template Make_i<Proxy>(aUser, aNetwork, aType, aFactory);
+    // aArguments: the others of the core. Null: memory ran out.
+    template <class... Arguments>
+    static CCmRefPtrT<Interface> Make(CCmThreadLink& aUser, CCmThreadLink& aNetwork, Arguments... aArguments) {
+        const auto pProxy = CBase::template Make_i<Proxy>(aUser, aNetwork, aArguments...);
         if (pProxy)
             pProxy->m_pCore->SetProxy(pProxy.Get());
         return pProxy;
