@@ -30,6 +30,7 @@ constexpr const char* FOOTER = R"(Examples:
   talvo get http://192.0.2.7/photos.tar -o photos.tar
   talvo resolve www.example.com
   talvo serve ~/public --port 8080
+  talvo ping --race [2001:db8::7]:7000 192.0.2.7:7000
   talvo echo --host unix:/run/user/1000/echo.sock
   talvo get https://www.example.com/photos.tar -o photos.tar
   talvo serve ~/public --port 8443 --cert server.pem --key server.key
@@ -55,6 +56,7 @@ a connection over TCP.
 Exit status: 0 success, 1 failure, 2 wrong arguments, 128 + N ended by signal N (130 after Ctrl-C).)";
 
 constexpr DWORD MAX_DATAGRAM = 65507;
+constexpr size_t MOST_RACERS = 16;
 
 // An option with a number within limits.
 template <class Number>
@@ -115,7 +117,12 @@ void DeclareEndpoint(CLI::App& aApp, Arguments& a, const char* aHelp) {
 void DeclarePing(CLI::App& aApp, Arguments& a) {
     DeclareTlsClient(aApp, a);
     DeclareUdp(aApp, a);
-    DeclareEndpoint(aApp, a, "Endpoint of `talvo echo`, see talvo --help");
+    aApp.add_option("ENDPOINT", a.m_vecEndpoints, "Endpoint of `talvo echo`, see talvo --help; several with --race")
+        ->required()
+        ->option_text("ENDPOINT...");
+    aApp.add_flag(
+        "--race", a.m_bRace,
+        "Connect to all endpoints, in steps of 250 ms, and use the first that is connected; all of them can see this");
     AddNumber(aApp, "--count", a.m_dwCount, 1, 10000000, "Messages to send (10)");
     AddNumber(aApp, "--interval", a.m_dwIntervalMs, 0, 3600000,
               "Milliseconds from an answer to the next message (1000); 0: no pause");
@@ -174,12 +181,26 @@ std::string CheckSend(Arguments& a) {
     return CheckTlsClient(a);
 }
 
+std::string CheckPeer(Arguments& a, const std::string& aEndpoint) {
+    const std::string strEndpoint = ParseEndpoint(aEndpoint, a.m_Addr);
+    const std::string strPath = strEndpoint.empty() ? CheckPath(a) : strEndpoint;
+    return strPath.empty() ? CheckTlsClient(a) : strPath;
+}
+
 std::string CheckPing(Arguments& a) {
     if (a.m_dwType == CCmConnectionManager::CTYPE_UDP && a.m_dwSize > MAX_DATAGRAM)
         return "--size: a datagram has at most " + std::to_string(MAX_DATAGRAM) + " bytes";
-    const std::string strEndpoint = ParseEndpoint(a.m_strEndpoint, a.m_Addr);
-    const std::string strPath = strEndpoint.empty() ? CheckPath(a) : strEndpoint;
-    return strPath.empty() ? CheckTlsClient(a) : strPath;
+    const size_t stMost = a.m_bRace ? MOST_RACERS : 1;
+    if (a.m_vecEndpoints.size() > stMost)
+        return a.m_bRace ? "--race takes " + std::to_string(stMost) + " endpoints at most" : "several endpoints need --race";
+    for (const std::string& strEndpoint : a.m_vecEndpoints) {
+        const std::string strProblem = CheckPeer(a, strEndpoint);
+        if (!strProblem.empty())
+            return strProblem;
+        if (a.m_bRace)
+            a.m_vecRacers.push_back(a.m_Addr);
+    }
+    return "";
 }
 
 void DeclareTls(CLI::App& aApp, Arguments& a) {

@@ -16,7 +16,7 @@ struct Arguments {
 
     bool m_bJson = false;
     std::string m_strConfiguration;  // --config, or ""
-    std::string m_strEndpoint;       // send, ping, tls, and get with --connect-to: as given
+    std::string m_strEndpoint;       // send, tls, and get with --connect-to: as given
     std::string m_strHost;           // servers: --host as given
     int m_nPort = NO_PORT;           // servers: --port
     CCmInetAddr m_Addr;              // from these; get without --connect-to: s_InetAddrAny
@@ -44,6 +44,10 @@ struct Arguments {
     std::string m_strListen;   // flaky: as given
     CCmInetAddr m_AddrTarget;  // flaky
     FlakyPlan m_Flaky;
+
+    std::vector<std::string> m_vecEndpoints;  // ping: as given
+    bool m_bRace = false;                     // ping
+    std::vector<CCmInetAddr> m_vecRacers;     // ping with --race: their addresses, of which m_Addr is one
 
     DWORD m_dwCount = 10;         // ping
     DWORD m_dwIntervalMs = 1000;  // ping

@@ -2,16 +2,49 @@
 
 namespace tool {
 
+namespace {
+
+CmResult SetOptions(const Arguments& aArguments, ICmConnector* aConnector) {
+    if (!aArguments.m_Tls.m_bTls)
+        return CM_OK;
+    const CmResult rv = UseContext(aConnector, aArguments.m_pContext);
+    CCmString strName = aArguments.m_Tls.m_strServerName;
+    return rv == CM_OK ? cm_get_connect_options(aConnector)->SetOption(CM_OPT_CONNECT_SERVER_NAME, &strName) : rv;
+}
+
+// The options are those of all its connections.
+CmResult StartRace(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink, CCmConnectionManager& aManager,
+                   CCmRefPtrT<ICmConnector>& aConnector) {
+    CCmRefPtrT<ICmDetectionConnector> pRace;
+    CmResult rv = aManager.CreateDetectionConnectionClient(pRace.ParaOut());
+    if (rv == CM_OK)
+        rv = SetOptions(aArguments, pRace.Get());
+    for (size_t i = 0; rv == CM_OK && i < aArguments.m_vecRacers.size(); ++i)
+        rv = pRace->AddConnection(aArguments.m_dwType, aArguments.m_vecRacers[i]);
+    if (rv == CM_OK)
+        pRace->StartDetectionConnect(aSink);
+    aConnector = pRace;
+    return rv;
+}
+
+}  // namespace
+
 CmResult MakeConnector(const Arguments& aArguments, CCmRefPtrT<ICmConnector>& aConnector) {
     CCmConnectionManager* pManager = CCmConnectionManager::Instance();
     CmResult rv = CM_ERROR_NOT_INITIALIZED;
     if (pManager)
         rv = pManager->CreateConnectionClient(aArguments.m_dwType, aConnector.ParaOut());
-    if (rv != CM_OK || !aArguments.m_Tls.m_bTls)
-        return rv;
-    rv = UseContext(aConnector.Get(), aArguments.m_pContext);
-    CCmString strName = aArguments.m_Tls.m_strServerName;
-    return rv == CM_OK ? cm_get_connect_options(aConnector.Get())->SetOption(CM_OPT_CONNECT_SERVER_NAME, &strName) : rv;
+    return rv == CM_OK ? SetOptions(aArguments, aConnector.Get()) : rv;
+}
+
+CmResult StartConnect(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink, CCmRefPtrT<ICmConnector>& aConnector) {
+    CCmConnectionManager* pManager = CCmConnectionManager::Instance();
+    if (!aArguments.m_vecRacers.empty() && pManager)
+        return StartRace(aArguments, aSink, *pManager, aConnector);
+    const CmResult rv = MakeConnector(aArguments, aConnector);
+    if (rv == CM_OK)
+        aConnector->AsycConnect(aSink, aArguments.m_Addr);
+    return rv;
 }
 
 }  // namespace tool

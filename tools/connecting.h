@@ -9,4 +9,7 @@ namespace tool {
 // aConnector (out): of the type of the arguments, with their settings of TLS.
 CmResult MakeConnector(const Arguments& aArguments, CCmRefPtrT<ICmConnector>& aConnector);
 
+// Likewise, and connects it: to m_Addr of the arguments, or to the endpoints of a race.
+CmResult StartConnect(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink, CCmRefPtrT<ICmConnector>& aConnector);
+
 }  // namespace tool

@@ -20,6 +20,8 @@ PingClient::PingClient(const Arguments& aArguments, Application& aApplication, C
       m_bMayLose(MayLose(aArguments.m_dwType)),
       m_Application(aApplication),
       m_Console(aConsole),
+      m_FirstAddr(aArguments.m_bRace ? aArguments.m_vecRacers.front() : aArguments.m_Addr),
+      m_strPeer(cm_address_text(m_FirstAddr)),
       m_strMessage(aArguments.m_dwSize, '\0') {}
 
 PingClient::~PingClient() {
@@ -28,21 +30,24 @@ PingClient::~PingClient() {
 }
 
 void PingClient::Start() {
-    if (MakeConnector(m_Arguments, m_pConnector) != CM_OK) {
+    if (StartConnect(m_Arguments, this, m_pConnector) != CM_OK) {
         GiveUp("cannot create a connector");
         return;
     }
     // The connector's own time-out would end before a handshake does.
     RequireMemory(m_TimerAnswer.Schedule(this, Milliseconds(m_Arguments.m_dwTimeoutMs), 1));
-    m_pConnector->AsycConnect(this, m_Arguments.m_Addr);
 }
 
 void PingClient::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     if (aReason != CM_OK) {
-        GiveUp(DescribeConnectFailure(m_Arguments.m_Addr, *m_pConnector, aReason));
+        GiveUp(DescribeConnectFailure(m_FirstAddr, *m_pConnector, aReason));
         return;
     }
     m_pTransport = aTrpt;
+    if (m_Arguments.m_bRace) {
+        m_strPeer = GetPeerText(*m_pTransport);
+        m_Console.Report("connected to " + m_strPeer, JsonLine("connected").Add("peer", m_strPeer));
+    }
     const DWORD dwMax = GetMaxMessage(*m_pTransport);
     if (!Open())
         GiveUp("cannot use the connection");
@@ -105,8 +110,8 @@ void PingClient::OnAnswer() {
     m_vecUsec.push_back(dwUsec);
     m_TimerAnswer.Cancel();
     if (m_Arguments.m_dwIntervalMs > 0)
-        m_Console.Report(std::to_string(m_strMessage.size()) + " bytes from " + cm_address_text(m_Arguments.m_Addr) +
-                             ": number " + std::to_string(m_dwSent) + ", " + std::to_string(dwUsec) + " us",
+        m_Console.Report(std::to_string(m_strMessage.size()) + " bytes from " + m_strPeer + ": number " +
+                             std::to_string(m_dwSent) + ", " + std::to_string(dwUsec) + " us",
                          JsonLine("answer").Add("number", m_dwSent).Add("usec", dwUsec));
     GoOn();
 }
@@ -118,8 +123,7 @@ void PingClient::OnNoAnswer() {
         GoOn();
         return;
     }
-    GiveUp("no answer from " + cm_address_text(m_Arguments.m_Addr) + " within " + std::to_string(m_Arguments.m_dwTimeoutMs) +
-           " ms");
+    GiveUp("no answer from " + m_strPeer + " within " + std::to_string(m_Arguments.m_dwTimeoutMs) + " ms");
 }
 
 void PingClient::GoOn() {
@@ -134,7 +138,7 @@ void PingClient::GoOn() {
 void PingClient::OnSend(ICmTransport*, CCmTransportParameter*) { m_Outbox.SendRest(*m_pTransport); }
 
 void PingClient::OnDisconnect(CmResult aReason, ICmTransport*) {
-    GiveUp("the connection to " + cm_address_text(m_Arguments.m_Addr) + " " + DescribeEnd(*m_pTransport, aReason));
+    GiveUp("the connection to " + m_strPeer + " " + DescribeEnd(*m_pTransport, aReason));
 }
 
 void PingClient::OnSuspended(ICmTransport*, CmResult aReason) {
@@ -158,8 +162,7 @@ void PingClient::OnTimer(CCmTimerWrapperID* aId) {
     else if (m_pTransport)
         OnNoAnswer();
     else
-        GiveUp("cannot connect to " + cm_address_text(m_Arguments.m_Addr) + ": no answer within " +
-               std::to_string(m_Arguments.m_dwTimeoutMs) + " ms");
+        GiveUp("cannot connect to " + m_strPeer + ": no answer within " + std::to_string(m_Arguments.m_dwTimeoutMs) + " ms");
 }
 
 void PingClient::ReportStatistics() {

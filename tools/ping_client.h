@@ -53,6 +53,8 @@ private:
     const bool m_bMayLose;
     Application& m_Application;
     Console& m_Console;
+    const CCmInetAddr m_FirstAddr;  // the peer, or of a race the first one
+    std::string m_strPeer;          // for messages
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pTransport;
     Outbox m_Outbox;

@@ -23,14 +23,13 @@ Sender::Sender(const Arguments& aArguments, Application& aApplication, Console& 
 Sender::~Sender() { Close(); }
 
 void Sender::Start() {
-    if (MakeConnector(m_Arguments, m_pConnector) != CM_OK) {
+    if (StartConnect(m_Arguments, this, m_pConnector) != CM_OK) {
         GiveUp("cannot create a connector");
         return;
     }
     m_Progress.Start();
     // The connector's own time-out would end before a handshake does.
     RequireMemory(m_Timer.Schedule(this, CCmTimeValue(CONNECT_SECONDS), 1));
-    m_pConnector->AsycConnect(this, m_Arguments.m_Addr);
 }
 
 void Sender::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {

@@ -43,6 +43,17 @@ class AddressTest(ProgramTest):
             with urllib.request.urlopen(f"http://{host}:{port}/file", timeout=PATIENCE) as answer:
                 self.assertEqual(b"content", answer.read())
 
+    def test_a_race_has_one_winner(self):
+        _, echo = self.listen("echo", "--host", HOST, "--port", 0)
+        _, slow = self.listen("echo", "--host", f"unix:{self.directory}/slow.sock")
+        refused = HOST + ":1"
+        run = self.run_talvo("ping", "--race", refused, f"unix:{self.directory}/none", echo, slow, "--count", 1, "--json")
+        lines = [json.loads(line) for line in run.stdout.splitlines()]
+        self.assertEqual([("connected", echo), ("answer", None)], [(line["event"], line.get("peer")) for line in lines[:2]], run.stderr)
+        self.assert_fails(self.run_talvo("ping", "--race", refused, HOST + ":2"), 1, f"{refused}: Connection refused")
+        self.assert_fails(self.run_talvo("ping", echo, slow), 2, "--race")
+        self.assert_fails(self.run_talvo("ping", "--race", *[echo] * 17), 2, "16")
+
     def test_a_wrong_address_is_named(self):
         self.assert_fails(self.run_talvo("ping", "::1:80"), 2, "brackets")
         self.assert_fails(self.run_talvo("get", "http://[fe80::1%25none]/"), 2, "no interface")
