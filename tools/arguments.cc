@@ -13,6 +13,7 @@
 #include "tools/connection_type.h"
 #include "tools/console.h"
 #include "tools/file_name.h"
+#include "tools/proxy_arguments.h"
 #include "tools/text.h"
 #include "tools/tls_arguments.h"
 #include "tools/url.h"
@@ -30,6 +31,7 @@ constexpr const char* FOOTER = R"(Examples:
   talvo get http://192.0.2.7/photos.tar -o photos.tar
   talvo resolve www.example.com
   talvo serve ~/public --port 8080
+  talvo get --proxy http://proxy.example:3128 --proxy-user ann https://www.example.com/photos.tar -o photos.tar
   talvo ping --race [2001:db8::7]:7000 192.0.2.7:7000
   talvo echo --host unix:/run/user/1000/echo.sock
   talvo get https://www.example.com/photos.tar -o photos.tar
@@ -98,6 +100,7 @@ void DeclareRecv(CLI::App& aApp, Arguments& a) {
 void DeclareSend(CLI::App& aApp, Arguments& a) {
     DeclareType(aApp, a);
     DeclareTlsClient(aApp, a);
+    DeclareProxy(aApp, a);
     // One list, which CheckSend splits: with a second positional argument, options could not follow the files.
     aApp.add_option("FILE", a.m_vecFiles, "Files to send, and last the endpoint of `talvo recv`, see talvo --help")
         ->required()
@@ -117,12 +120,14 @@ void DeclareEndpoint(CLI::App& aApp, Arguments& a, const char* aHelp) {
 void DeclarePing(CLI::App& aApp, Arguments& a) {
     DeclareTlsClient(aApp, a);
     DeclareUdp(aApp, a);
+    DeclareProxy(aApp, a);
+    aApp.get_option("--proxy")->excludes(aApp.get_option("--udp"));
     aApp.add_option("ENDPOINT", a.m_vecEndpoints, "Endpoint of `talvo echo`, see talvo --help; several with --race")
         ->required()
         ->option_text("ENDPOINT...");
-    aApp.add_flag(
-        "--race", a.m_bRace,
-        "Connect to all endpoints, in steps of 250 ms, and use the first that is connected; all of them can see this");
+    aApp.add_flag("--race", a.m_bRace,
+                  "Connect to all endpoints, in steps of 250 ms, and use the first that is connected; all of them can see this")
+        ->excludes(aApp.get_option("--proxy"));
     AddNumber(aApp, "--count", a.m_dwCount, 1, 10000000, "Messages to send (10)");
     AddNumber(aApp, "--interval", a.m_dwIntervalMs, 0, 3600000,
               "Milliseconds from an answer to the next message (1000); 0: no pause");
@@ -178,7 +183,8 @@ std::string CheckSend(Arguments& a) {
         if (!strProblem.empty())
             return strProblem;
     }
-    return CheckTlsClient(a);
+    const std::string strTls = CheckTlsClient(a);
+    return strTls.empty() ? CheckProxy(a) : strTls;
 }
 
 std::string CheckPeer(Arguments& a, const std::string& aEndpoint) {
@@ -200,7 +206,7 @@ std::string CheckPing(Arguments& a) {
         if (a.m_bRace)
             a.m_vecRacers.push_back(a.m_Addr);
     }
-    return "";
+    return CheckProxy(a);
 }
 
 void DeclareTls(CLI::App& aApp, Arguments& a) {
@@ -241,6 +247,7 @@ void DeclareGet(CLI::App& aApp, Arguments& a) {
     aApp.add_option("--user", a.m_strUser, "Credentials for a server that requires them")->option_text("NAME:PASSWORD");
     DeclareTrust(aApp, a);
     DeclareInsecure(aApp, a);
+    DeclareProxy(aApp, a);
 }
 
 std::string CheckGet(Arguments& a) {
@@ -260,8 +267,11 @@ std::string CheckGet(Arguments& a) {
     if (!a.m_strUser.empty() && a.m_strUser.find(':') == std::string::npos)
         return "--user needs NAME:PASSWORD";
     const std::string strTls = MakeClientContext(a.m_Tls, a.m_pContext);
-    return strTls.empty() && a.m_pContext && strncasecmp(a.m_strUrl.c_str(), "file:", 5) == 0 ? "a file URL has no TLS"
-                                                                                              : strTls;
+    const std::string strProblem = strTls.empty() ? CheckProxy(a) : strTls;
+    const bool bNetwork = strncasecmp(a.m_strUrl.c_str(), "file:", 5) != 0;
+    if (!strProblem.empty() || bNetwork || (!a.m_pContext && a.m_Proxy.m_Route.IsEmpty()))
+        return strProblem;
+    return a.m_pContext ? "a file URL has no TLS" : "a file URL has no proxy";
 }
 
 void DeclareServe(CLI::App& aApp, Arguments& a) {

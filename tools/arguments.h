@@ -7,6 +7,7 @@
 #include "tools/endpoint.h"
 #include "tools/flaky_plan.h"
 #include "tools/output.h"
+#include "tools/proxy_options.h"
 #include "tools/tls_options.h"
 
 namespace tool {
@@ -44,6 +45,8 @@ struct Arguments {
     std::string m_strListen;   // flaky: as given
     CCmInetAddr m_AddrTarget;  // flaky
     FlakyPlan m_Flaky;
+
+    ProxyOptions m_Proxy;  // get, ping, send
 
     std::vector<std::string> m_vecEndpoints;  // ping: as given
     bool m_bRace = false;                     // ping

@@ -5,9 +5,13 @@ namespace tool {
 namespace {
 
 CmResult SetOptions(const Arguments& aArguments, ICmConnector* aConnector) {
-    if (!aArguments.m_Tls.m_bTls)
-        return CM_OK;
-    const CmResult rv = UseContext(aConnector, aArguments.m_pContext);
+    CCmProxyRoute route = aArguments.m_Proxy.m_Route;
+    CmResult rv = CM_OK;
+    if (!route.IsEmpty())
+        rv = cm_get_connect_options(aConnector)->SetOption(CM_OPT_CONNECT_ROUTE, &route);
+    if (rv != CM_OK || !aArguments.m_Tls.m_bTls)
+        return rv;
+    rv = UseContext(aConnector, aArguments.m_pContext);
     CCmString strName = aArguments.m_Tls.m_strServerName;
     return rv == CM_OK ? cm_get_connect_options(aConnector)->SetOption(CM_OPT_CONNECT_SERVER_NAME, &strName) : rv;
 }
@@ -45,6 +49,15 @@ CmResult StartConnect(const Arguments& aArguments, ICmAcceptorConnectorSink* aSi
     if (rv == CM_OK)
         aConnector->AsycConnect(aSink, aArguments.m_Addr);
     return rv;
+}
+
+void ReportRoute(const Arguments& aArguments, ICmTransport& aTransport, Console& aConsole) {
+    CCmString strServer;
+    if (aArguments.m_Proxy.m_Route.IsEmpty() || aTransport.GetOption(CM_OPT_TRANSPORT_ROUTE, &strServer) != CM_OK)
+        return;
+    const std::string strPeer = cm_address_text(aArguments.m_Addr);
+    aConsole.Report("connected to " + strPeer + " through " + strServer,
+                    JsonLine("connected").Add("peer", strPeer).Add("proxy", strServer));
 }
 
 }  // namespace tool

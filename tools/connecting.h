@@ -3,6 +3,7 @@
 
 #include "talvo/talvo.h"
 #include "tools/arguments.h"
+#include "tools/console.h"
 
 namespace tool {
 
@@ -11,5 +12,8 @@ CmResult MakeConnector(const Arguments& aArguments, CCmRefPtrT<ICmConnector>& aC
 
 // Likewise, and connects it: to m_Addr of the arguments, or to the endpoints of a race.
 CmResult StartConnect(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink, CCmRefPtrT<ICmConnector>& aConnector);
+
+// With --proxy: a line that names the server that aTransport, which is connected, uses.
+void ReportRoute(const Arguments& aArguments, ICmTransport& aTransport, Console& aConsole);
 
 }  // namespace tool

@@ -30,6 +30,8 @@ std::string DescribeRefusal(const CCmInetAddr& aAddr, CmResult aReason) {
         return "the certificate of " + cm_address_text(aAddr) + " is refused";
     case CM_ERROR_NETWORK_TLS_HANDSHAKE:
         return "cannot agree on TLS with " + cm_address_text(aAddr);
+    case CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE:
+        return "no proxy server connects to " + cm_address_text(aAddr);
     default:
         return "cannot connect to " + cm_address_text(aAddr);
     }

@@ -69,8 +69,17 @@ std::string Getter::OpenFileUrl(CCmHttpUrl& aUrl) {
     return pFile->Init(&aUrl) ? "" : "'" + m_Arguments.m_strUrl + "' is not a readable file";
 }
 
+CmResult Getter::MakeClient(CCmHttpUrl& aUrl) {
+    CCmChannelManager& manager = *CCmChannelManager::Instance();
+    const CCmProxyRoute& route = m_Arguments.m_Proxy.m_Route;
+    if (route.IsEmpty())
+        return manager.CreateChannelHttpClient(m_pHttp.ParaOut(), &aUrl);
+    const CCmRefPtrT<CCmHttpProxyInfo> pProxy(new CCmHttpProxyInfo(route));
+    return manager.CreateChannelHttpClientWithProxy(m_pHttp.ParaOut(), &aUrl, pProxy.Get());
+}
+
 std::string Getter::OpenHttpUrl(CCmHttpUrl& aUrl) {
-    if (CCmChannelManager::Instance()->CreateChannelHttpClient(m_pHttp.ParaOut(), &aUrl) != CM_OK)
+    if (MakeClient(aUrl) != CM_OK)
         return "cannot create the HTTP client";
     m_pChannel = m_pHttp;
     CCmInetAddr addr = m_Arguments.m_Addr;
@@ -94,6 +103,8 @@ void Getter::AskForRest() {
 }
 
 void Getter::OnConnect(CmResult, ICmChannel*) {
+    if (!m_Arguments.m_Proxy.m_Route.IsEmpty())
+        m_pHttp->GetOption(CM_OPT_TRANSPORT_ROUTE, &m_strServer);
     const std::string strProblem = OnAnswer();
     if (!strProblem.empty()) {
         Finish(strProblem);
@@ -217,12 +228,16 @@ void Getter::Finish(const std::string& aProblem) {
 void Getter::Deliver() {
     const double dSeconds = static_cast<double>(CCmClock::GetTimeOfDayUsec() - m_llStarted) / 1e6;
     const auto ullRate = static_cast<uint64_t>(static_cast<double>(m_ullGot) / (dSeconds > 0 ? dSeconds : 1e-6));
-    m_Console.Report("got " + m_Arguments.m_strOutput + ": " + FormatBytes(m_ullGot) + ", " + FormatBytes(ullRate) + "/s",
-                     JsonLine("got")
-                         .Add("name", m_Arguments.m_strOutput)
-                         .Add("bytes", m_ullGot)
-                         .Add("size", m_ullBeginning + m_ullGot)
-                         .Add("seconds", dSeconds));
+    JsonLine json("got");
+    json.Add("name", m_Arguments.m_strOutput)
+        .Add("bytes", m_ullGot)
+        .Add("size", m_ullBeginning + m_ullGot)
+        .Add("seconds", dSeconds);
+    if (!m_strServer.empty())
+        json.Add("proxy", m_strServer);
+    m_Console.Report("got " + m_Arguments.m_strOutput + ": " + FormatBytes(m_ullGot) + ", " + FormatBytes(ullRate) + "/s" +
+                         (m_strServer.empty() ? "" : " through " + m_strServer),
+                     json);
 }
 
 }  // namespace tool

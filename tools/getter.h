@@ -36,6 +36,7 @@ private:
     std::string MakeOutput();
     std::string OpenFileUrl(CCmHttpUrl& aUrl);
     std::string OpenHttpUrl(CCmHttpUrl& aUrl);
+    CmResult MakeClient(CCmHttpUrl& aUrl);
     void AskForRest();
 
     // Prepares the output for the answer. Returns "" or an error text.
@@ -67,6 +68,7 @@ private:
     bool m_bMetered = false;
     bool m_bSkip = false;  // ignore the body: it is not the requested file
     int64_t m_llStarted = 0;
+    CCmString m_strServer;  // the proxy server of the answer, with --proxy
 };
 
 }  // namespace tool

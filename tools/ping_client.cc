@@ -44,6 +44,7 @@ void PingClient::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmA
         return;
     }
     m_pTransport = aTrpt;
+    ReportRoute(m_Arguments, *m_pTransport, m_Console);
     if (m_Arguments.m_bRace) {
         m_strPeer = GetPeerText(*m_pTransport);
         m_Console.Report("connected to " + m_strPeer, JsonLine("connected").Add("peer", m_strPeer));

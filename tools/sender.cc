@@ -39,6 +39,7 @@ void Sender::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAccep
     }
     m_Timer.Cancel();
     m_pTransport = aTrpt;
+    ReportRoute(m_Arguments, *m_pTransport, m_Console);
     m_dwMaxPiece = GetMaxMessage(*m_pTransport) - FRAME_HEADER;
     DWORD dwOn = 1;
     m_pTransport->SetOption(CM_OPT_TRANSPORT_KEEPALIVE, &dwOn);

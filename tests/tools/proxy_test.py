@@ -1,0 +1,115 @@
+#!/usr/bin/env python3
+"""The program through proxy servers."""
+import base64
+import json
+import os
+import pty
+import socket
+import socketserver
+import threading
+import unittest
+
+from program import HOST, PATIENCE, TALVO, ProgramTest
+
+VARIABLE = "TALVO_PROXY_PASSWORD"
+WITHOUT = {name: value for name, value in os.environ.items() if name != VARIABLE}
+
+
+class Proxy(socketserver.ThreadingTCPServer):
+    """CONNECT and GET in absolute form, for one user or for all. It records the head of each request."""
+    daemon_threads = True
+
+    def __init__(self, credentials=None):
+        super().__init__((HOST, 0), Handler)
+        self.credentials, self.heads = credentials, []
+        self.uri = f"http://{HOST}:{self.server_address[1]}"
+        threading.Thread(target=self.serve_forever, daemon=True).start()
+
+
+class Handler(socketserver.StreamRequestHandler):
+    def handle(self):
+        lines = list(iter(self.rfile.readline, b"\r\n"))
+        self.server.heads.append(b"".join(lines).decode())
+        wanted = base64.b64encode((self.server.credentials or "").encode()).decode()
+        if self.server.credentials and f"Proxy-Authorization: Basic {wanted}" not in self.server.heads[-1]:
+            self.wfile.write(b'HTTP/1.1 407 no\r\nProxy-Authenticate: Basic realm="test"\r\nConnection: close\r\nContent-Length: 0\r\n\r\n')
+            return
+        method, target, _ = lines[0].decode().split()
+        host, _, port = target.removeprefix("http://").partition("/")[0].rpartition(":")
+        with socket.create_connection((host, int(port))) as peer:
+            if method == "CONNECT":
+                self.wfile.write(b"HTTP/1.1 200 yes\r\n\r\n")
+            else:
+                peer.sendall(f"GET /{target.split('/', 3)[3]} HTTP/1.1\r\nHost: {host}\r\nConnection: close\r\n\r\n".encode())
+            threading.Thread(target=self.relay, args=(peer, self.connection), daemon=True).start()
+            self.relay(self.connection, peer)
+
+    def relay(self, source, target):
+        try:
+            while data := source.recv(65536):
+                target.sendall(data)
+            target.shutdown(socket.SHUT_WR)
+        except OSError:
+            pass
+
+
+class ProxyTest(ProgramTest):
+    def proxy(self, credentials=None):
+        server = Proxy(credentials)
+        self.addCleanup(server.server_close)
+        self.addCleanup(server.shutdown)
+        return server
+
+    def test_messages_files_and_pages(self):
+        proxy, echo, web = self.proxy("ann:pass word"), self.serve("echo", "--type", "package"), self.serve("serve", self.directory)
+        file, copy = self.make("file", os.urandom(100000)), self.directory / "copy"
+        through = ["--proxy", "http://127.0.0.1:1," + proxy.uri, "--proxy-user", "ann", "--json"]
+        for to in ["ping", "--type", "package", "--count", "1", echo.address], ["get", web.url + "/file", "-o", copy]:
+            # The password belongs to the first server; the second one gets none.
+            self.assertEqual(1, self.run_talvo(*to, *through, env={**WITHOUT, VARIABLE: "pass word"}).returncode)
+            through[1] = proxy.uri
+            run = self.run_talvo(*to, *through, env={**WITHOUT, VARIABLE: "pass word"})
+            lines = [json.loads(line) for line in run.stdout.splitlines()]
+            self.assertEqual((0, [proxy.uri]), (run.returncode, [line["proxy"] for line in lines if "proxy" in line]), run.stderr)
+            wrong = self.run_talvo(*to, *through, env={**WITHOUT, VARIABLE: "wrong"})
+            self.assertEqual(1, wrong.returncode)
+            self.assertNotIn("wrong", wrong.stdout + wrong.stderr)
+            through[1] = "http://127.0.0.1:1," + proxy.uri
+        self.assertEqual(file.read_bytes(), copy.read_bytes())
+        run = self.run_talvo("ping", "--type", "package", "--count", 1, echo.address, "--proxy", "http://127.0.0.1:1,direct", "--json")
+        self.assertEqual("direct://", json.loads(run.stdout.splitlines()[0])["proxy"], run.stderr)
+
+    def test_the_password_is_typed_without_echo(self):
+        proxy, echo = self.proxy("ann:secret"), self.serve("echo")
+        pid, terminal = pty.fork()
+        if pid == 0:
+            os.execve(TALVO, [TALVO, "ping", "--count", "1", echo.address, "--proxy", proxy.uri, "--proxy-user", "ann"], WITHOUT)
+        shown = b""
+        while b": " not in shown:
+            shown += os.read(terminal, 1000)
+        self.assertIn(f"Password of ann at {proxy.uri}: ".encode(), shown)
+        os.write(terminal, b"secret\n")
+        try:
+            while data := os.read(terminal, 1000):
+                shown += data
+        except OSError:  # the other end is closed
+            pass
+        os.close(terminal)
+        self.assertEqual(0, os.waitpid(pid, 0)[1], shown)
+        self.assertNotIn(b"secret", shown)
+
+    def test_arguments_that_others_could_read_are_refused(self):
+        for arguments, cause in ((["--proxy", "http://ann:secret@h:1"], "--proxy-user"), (["--proxy", "h,socks5://ann@h"], "--proxy-user"),
+                                 (["--proxy", "h", "--proxy-user", "ann:secret"], VARIABLE), (["--proxy", ""], "missing"),
+                                 (["--proxy", "h", "--proxy-user", "ann"], "a terminal"), (["--proxy", "h,ftp://h"], "ftp://h"),
+                                 (["--proxy", "direct", "--proxy-user", "ann"], "needs a proxy server"),
+                                 (["--proxy-user", "ann"], "--proxy"), (["--proxy", "h", "--race"], "--race"),
+                                 (["--proxy", "h", "--udp", "--type", "package"], "--udp")):
+            run = self.run_talvo("ping", "a:1", *arguments, env=WITHOUT, start_new_session=True, timeout=PATIENCE)
+            self.assert_fails(run, 2, cause)
+            self.assertNotIn("secret", run.stderr)
+        self.assert_fails(self.run_talvo("get", "file:///x", "--proxy", "h"), 2, "file URL")
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,88 @@
+#include "tools/password.h"
+
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include "tools/file_handle.h"
+
+namespace tool {
+
+namespace {
+
+constexpr size_t LONGEST_PASSWORD = 1024;
+
+// Without echo while in scope. The signals of the program are blocked then, so Ctrl-C only ends the line.
+class SilentTerminal {
+public:
+    explicit SilentTerminal(int aFd) : m_nFd(aFd), m_bIsOne(tcgetattr(aFd, &m_Before) == 0) {
+        termios silent = m_Before;
+        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ISIG);
+        silent.c_cc[VEOL] = m_Before.c_cc[VINTR];
+        m_bIsOne = m_bIsOne && tcsetattr(aFd, TCSAFLUSH, &silent) == 0;
+    }
+    ~SilentTerminal() {
+        if (m_bIsOne)
+            tcsetattr(m_nFd, TCSAFLUSH, &m_Before);
+    }
+    SilentTerminal(const SilentTerminal&) = delete;
+    SilentTerminal& operator=(const SilentTerminal&) = delete;
+
+    bool IsOne() const { return m_bIsOne; }
+    char GetInterrupt() const { return static_cast<char>(m_Before.c_cc[VINTR]); }
+
+private:
+    const int m_nFd;
+    termios m_Before{};
+    bool m_bIsOne;
+};
+
+enum EEnd { WHOLE, INTERRUPTED, NO_TERMINAL };
+
+EEnd ReadLine(int aFd, char aInterrupt, std::string& aLine) {
+    char c = 0;
+    while (aLine.size() <= LONGEST_PASSWORD && read(aFd, &c, 1) == 1 && c != '\n') {
+        if (c == aInterrupt)
+            return INTERRUPTED;
+        aLine += c;
+    }
+    return WHOLE;
+}
+
+EEnd ReadTyped(const std::string& aPrompt, std::string& aLine) {
+    const FileHandle terminal(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
+    if (!terminal)
+        return NO_TERMINAL;
+    const SilentTerminal silent(terminal.Get());
+    if (!silent.IsOne())
+        return NO_TERMINAL;
+    WriteAll(terminal.Get(), aPrompt);
+    const EEnd end = ReadLine(terminal.Get(), silent.GetInterrupt(), aLine);
+    WriteAll(terminal.Get(), "\n");
+    return end;
+}
+
+}  // namespace
+
+std::string ReadPassword(const char* aVariable, const std::string& aPrompt, std::string& aPassword) {
+    aPassword.clear();
+    aPassword.reserve(LONGEST_PASSWORD + 1);  // the text has one place in memory
+    if (char* pValue = std::getenv(aVariable)) {
+        aPassword = pValue;
+        explicit_bzero(pValue, aPassword.size());
+        unsetenv(aVariable);
+        return "";
+    }
+    const EEnd end = ReadTyped(aPrompt, aPassword);
+    if (end == INTERRUPTED)
+        std::exit(128 + SIGINT);
+    if (end == NO_TERMINAL)
+        return std::string("a terminal, or the password in ") + aVariable;
+    return aPassword.size() > LONGEST_PASSWORD ? "a shorter password" : "";
+}
+
+}  // namespace tool

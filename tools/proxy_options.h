@@ -1,0 +1,21 @@
+// The options of proxies on the command line, and the route that they describe.
+#pragma once
+
+#include <string>
+
+#include "talvo/talvo.h"
+
+namespace tool {
+
+struct ProxyOptions {
+    std::string m_strServers;   // --proxy, or ""
+    std::string m_strUser;      // --proxy-user, or ""
+    bool m_bAllowNtlm = false;  // --allow-ntlm
+    CCmProxyRoute m_Route;      // from these; empty: no proxy
+};
+
+// Reads the servers, and the password of the user, which belongs to the first server that is not "direct". Returns "" or an
+// error text without credentials.
+std::string MakeRoute(ProxyOptions& aOptions);
+
+}  // namespace tool
