@@ -28,9 +28,10 @@ size_t ChainSizeOf(const SSL* aSsl) {
 }  // namespace
 
 // A server that refuses a session of TLS 1.2, or closes at the sight of it, gets it only once.
-CSslUse::~CSslUse() {
-    if (m_pOffered && !m_bResumed)
+void CSslUse::EndOffer(bool aResumed) {
+    if (m_pOffered && !aResumed)
         m_pSetup->GetStore().Drop(m_strServer, m_pOffered.get());
+    m_pOffered.reset();
 }
 
 BOOL CSslUse::Attach(SSL* aSsl, std::unique_ptr<CSslUse> aUse) {
@@ -90,9 +91,9 @@ int CSslCallbacks::KeepSession(SSL* aSsl, SSL_SESSION* aSession) {
     return 0;  // the session stays OpenSSL's
 }
 
-void CSslCallbacks::NoteResumed(const SSL* aSsl, int aWhere, int) {
+void CSslCallbacks::EndOffer(const SSL* aSsl, int aWhere, int) {
     if (aWhere & SSL_CB_HANDSHAKE_DONE)
-        CSslUse::Of(aSsl).m_bResumed = SSL_session_reused(aSsl) == 1;
+        CSslUse::Of(aSsl).EndOffer(SSL_session_reused(aSsl) == 1);
 }
 
 int CSslCallbacks::UseTicketKey(SSL* aSsl, unsigned char* aName, unsigned char* aIv, EVP_CIPHER_CTX* aCipher, EVP_MAC_CTX* aMac,

@@ -11,16 +11,18 @@ namespace talvo {
 struct CSslUse {
     CSslUse(std::shared_ptr<CSslSetup> aSetup, std::string aServer)
         : m_pSetup(std::move(aSetup)), m_strServer(std::move(aServer)) {}
-    ~CSslUse();
+    ~CSslUse() { EndOffer(false); }
 
     // FALSE: memory ran out, and the use is deleted.
     static BOOL Attach(SSL* aSsl, std::unique_ptr<CSslUse> aUse);
     static CSslUse& Of(const SSL* aSsl);
 
+    // The handshake is complete, or will never be.
+    void EndOffer(bool aResumed);
+
     const std::shared_ptr<CSslSetup> m_pSetup;
     const std::string m_strServer;  // whose sessions are kept; "": none are
-    CSslSessionPtr m_pOffered;      // of TLS 1.2, to be resumed; null: none
-    bool m_bResumed = false;
+    CSslSessionPtr m_pOffered;      // of TLS 1.2, to be resumed by the handshake; null: none
 };
 
 struct CSslCallbacks {
@@ -32,7 +34,7 @@ struct CSslCallbacks {
                           unsigned aInLen, void*);
     static void LogKey(const SSL* aSsl, const char* aLine);
     static int KeepSession(SSL* aSsl, SSL_SESSION* aSession);
-    static void NoteResumed(const SSL* aSsl, int aWhere, int);
+    static void EndOffer(const SSL* aSsl, int aWhere, int);
     static int UseTicketKey(SSL* aSsl, unsigned char* aName, unsigned char* aIv, EVP_CIPHER_CTX* aCipher, EVP_MAC_CTX* aMac,
                             int aSeal);
 };
