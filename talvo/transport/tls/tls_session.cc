@@ -143,7 +143,10 @@ DWORD CTlsSession::GetHeld() const { return m_bFailed ? 0 : static_cast<DWORD>(S
 
 DWORD CTlsSession::GetInput() const { return m_pInput ? m_pInput->GetSize() : 0; }
 
-BOOL CTlsSession::HasBegunRecord() const { return GetInput() > 0 || SSL_has_pending(m_pSsl) == 1; }
+// OpenSSL has taken a whole header if it waits for the body ("RB").
+BOOL CTlsSession::HasBegunRecord() const {
+    return GetInput() > 0 || SSL_has_pending(m_pSsl) == 1 || std::strcmp(SSL_rstate_string(m_pSsl), "RB") == 0;
+}
 
 BOOL CTlsSession::CanSeal() const { return SSL_in_init(m_pSsl) == 0; }
 
@@ -274,6 +277,13 @@ CTlsSession::EResult CTlsSession::Handshake() {
 void CTlsSession::PutBack_i() {
     if (GetInput() == 0 || m_bFailed || m_bPeerEnded)
         m_pCall->m_pBuffers->GiveBack(std::move(m_pInput));
+    ReleaseBuffers_i();
+}
+
+// A message of the handshake, a ticket for example, allocates one for sending that only the next send would release.
+void CTlsSession::ReleaseBuffers_i() {
+    if (!HasBegunRecord())
+        SSL_free_buffers(m_pSsl);
 }
 
 CTlsSession::EResult CTlsSession::Read(char* aBuf, DWORD aLen, DWORD& aRead, BOOL& aMore) {

@@ -101,6 +101,7 @@ private:
     EResult Outcome_i(int aReturned);
     EResult Fail_i(const char* aText);
     void PutBack_i();
+    void ReleaseBuffers_i();
     EResult SendSealed_i();
     EResult SendKept_i();
     EResult SendFailed_i();
