@@ -96,10 +96,14 @@ void CSslCallbacks::EndOffer(const SSL* aSsl, int aWhere, int) {
         CSslUse::Of(aSsl).EndOffer(SSL_session_reused(aSsl) == 1);
 }
 
+// A client uses a ticket of TLS 1.3 once, so a resumed connection brings the next one.
 int CSslCallbacks::UseTicketKey(SSL* aSsl, unsigned char* aName, unsigned char* aIv, EVP_CIPHER_CTX* aCipher, EVP_MAC_CTX* aMac,
                                 int aSeal) {
     CTicketKeys& keys = CSslUse::Of(aSsl).m_pSetup->m_Keys;
-    return aSeal ? keys.Seal(aName, aIv, aCipher, aMac) : keys.Open(aName, aIv, aCipher, aMac);
+    if (aSeal)
+        return keys.Seal(aName, aIv, aCipher, aMac);
+    const CTicketKeys::EResult result = keys.Open(aName, aIv, aCipher, aMac);
+    return result == CTicketKeys::GOOD && SSL_version(aSsl) == TLS1_3_VERSION ? CTicketKeys::RENEW : result;
 }
 
 }  // namespace talvo
