@@ -4,12 +4,27 @@
 #include <list>
 #include <string>
 
+#include "talvo/transport/tls/ssl_context.h"
 #include "tests/memory/world.h"
+#include "tests/support/tls_certificates.h"
+
+// The files of TLS. The system's roots take long to read.
+struct CTestTls {
+    static const CTestTls& Get() {
+        static const CTestTls s_Tls;
+        return s_Tls;
+    }
+    CTestTls() { setenv("SSL_CERT_FILE", m_strRoot.c_str(), 1); }
+
+    const std::string m_strChain = CTestCertificates::Get().PathOf("server.pem");
+    const std::string m_strKey = CTestCertificates::Get().PathOf("server.key");
+    const std::string m_strRoot = CTestCertificates::Get().PathOf("root.pem");
+};
 
 // One end of a connection: keeps what it shall send until that was taken, and what comes.
 class CEnd : public ICmTransportSink {
 public:
-    explicit CEnd(BOOL aEcho = FALSE) : m_bEcho(aEcho) {}
+    explicit CEnd(BOOL aEcho = FALSE, BOOL aTls = FALSE) : m_bEcho(aEcho), m_bTls(aTls) {}
     ~CEnd() override { Close(); }
 
     void Open(ICmTransport* aTransport) {
@@ -47,8 +62,10 @@ public:
         Require(!IsOver(), "OnSend behind the end");
         Flush();
     }
-    void OnDisconnect(CmResult, ICmTransport*) override {
+    void OnDisconnect(CmResult aReason, ICmTransport*) override {
         const CCmSafeCode safe;
+        Require(!m_bTls || aReason == CM_ERROR_NETWORK_SOCKET_ERROR || aReason == CM_ERROR_NETWORK_TLS_CUT,
+                "an end of TLS with another reason");
         Require(!IsOver(), "OnDisconnect behind the end");
         m_pTransport.Reset();
     }
@@ -58,8 +75,23 @@ public:
 
 private:
     const BOOL m_bEcho;
+    const BOOL m_bTls;
     CCmRefPtrT<ICmTransport> m_pTransport;
 };
+
+// Gives an acceptor its certificate, or a connector its root, if aType is that of TLS.
+inline CmResult UseTls(DWORD aType, ICmAcceptorConnectorId& aId, BOOL aServer) {
+    if (aType != CM_TRANSPORT_TYPE_TLS)
+        return CM_OK;
+    const CTestTls& tls = CTestTls::Get();
+    CCmRefPtrT<CCmSslContext> pContext(new (std::nothrow) CCmSslContext);
+    if (!pContext)
+        return CM_ERROR_OUT_OF_MEMORY;
+    const CmResult rv = aServer ? pContext->AddCertificate(tls.m_strChain.c_str(), tls.m_strKey.c_str())
+                                : pContext->SetTrust(tls.m_strRoot.c_str());
+    Require(rv != CM_OK || !aServer || pContext->HasCertificate(), "a setting that failed has a good result");
+    return rv == CM_OK ? cm_get_connect_options(&aId)->SetOption(CM_OPT_CONNECT_SSL_CONTEXT, &pContext) : rv;
+}
 
 // The ends of what a listener or a connector indicates.
 class CSide : public ICmAcceptorConnectorSink {
@@ -70,11 +102,14 @@ public:
         Require((aReason == CM_OK) == (aTrpt != nullptr), "an indication with half a transport");
         ++m_nIndications;
         if (aTrpt)
-            m_Ends.emplace_back(m_bEcho).Open(aTrpt);
+            m_Ends.emplace_back(m_bEcho, m_dwType == CM_TRANSPORT_TYPE_TLS).Open(aTrpt);
     }
 
     std::list<CEnd> m_Ends;
     int m_nIndications = 0;
+
+protected:
+    DWORD m_dwType = 0;
 
 private:
     const BOOL m_bEcho;
@@ -85,9 +120,11 @@ class CServer : public CSide {
 public:
     CServer() : CSide(TRUE) {}
     CmResult Start(DWORD aType) {
+        m_dwType = aType;
         const CCmInetAddr addr(OwnLoopback(), 0);
         return CWorld::Do([&] {
             CmResult rv = CTestNetwork::Manager().CreateConnectionServer(aType, m_pAcceptor.ParaOut());
+            rv = rv == CM_OK ? UseTls(aType, *m_pAcceptor, TRUE) : rv;
             rv = rv == CM_OK ? m_pAcceptor->StartListen(this, addr) : rv;
             return rv == CM_OK ? m_pAcceptor->GetListenAddr(m_Addr) : rv;
         });
@@ -116,7 +153,12 @@ public:
     // TRUE: there is a connection, the first end.
     bool Connect(CWorld& aWorld, DWORD aType, const CCmInetAddr& aAddr) {
         CCmTimeValue timeout(5);
-        if (CWorld::Do([&] { return CTestNetwork::Manager().CreateConnectionClient(aType, m_pConnector.ParaOut()); }) != CM_OK)
+        m_dwType = aType;
+        const CmResult rv = CWorld::Do([&] {
+            const CmResult rvMade = CTestNetwork::Manager().CreateConnectionClient(aType, m_pConnector.ParaOut());
+            return rvMade == CM_OK ? UseTls(aType, *m_pConnector, FALSE) : rvMade;
+        });
+        if (rv != CM_OK)
             return false;
         CWorld::Do([&] { m_pConnector->AsycConnect(this, aAddr, &timeout); });
         Require(m_nIndications == 0, "an indication from inside AsycConnect");

@@ -1,6 +1,9 @@
 #include "tests/memory/scenario.h"
 
+#include <openssl/crypto.h>
+
 #include <array>
+#include <cstdlib>
 
 #include "talvo/event/timer_wrapper_id.h"
 #include "talvo/talvo.h"
@@ -45,6 +48,22 @@ bool EchoAll(CWorld& aWorld, DWORD aType) {
     Require(bDatagrams || aWorld.Run(isOver), "a server's connection has no end");
     server.Stop();
     return bAll;
+}
+
+// OpenSSL's own allocations do not fail: it loses memory then.
+bool EchoOverTls(CWorld& aWorld) {
+    static const bool s_bSafe = CRYPTO_set_mem_functions(
+                                    [](size_t aSize, const char*, int) {
+                                        const CCmSafeCode safe;
+                                        return std::malloc(aSize);
+                                    },
+                                    [](void* aMemory, size_t aSize, const char*, int) {
+                                        const CCmSafeCode safe;
+                                        return std::realloc(aMemory, aSize);
+                                    },
+                                    [](void* aMemory, const char*, int) { std::free(aMemory); }) == 1;
+    Require(s_bSafe, "OpenSSL has allocated before");
+    return EchoAll(aWorld, CM_TRANSPORT_TYPE_TLS);
 }
 
 // Asks for a name, anew or not, and waits for the answer.
@@ -221,6 +240,7 @@ const std::vector<CScenario> SCENARIOS = {
     EchoOf("NoPartialDataProxy", TCP | NO_PARTIAL | PROXY),
     EchoOf("UdpProxy", UDP | PROXY),
     EchoOf("PackageOverUdpProxy", UDP | PACKAGE | PROXY),
+    {"Tls", MAIN, EchoOverTls},
     EchoOf("TcpTwoThreads", TCP, OWN),
     EchoOf("PackageTwoThreads", TCP | PACKAGE, OWN),
     {"Names", MAIN, AskNames},

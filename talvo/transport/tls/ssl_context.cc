@@ -25,8 +25,7 @@ namespace {
 
 CCmLiveCounter s_Live("CCmSslContext");
 
-CSslProblem Invalid(const char* aWhy) { return {CM_ERROR_INVALID_ARG, {}, aWhy}; }
-CSslProblem IsNull() { return Invalid("an argument is null"); }
+constexpr const char* IS_NULL = "an argument is null";
 
 // Separates the sessions of servers that have one name.
 CCmString PortOf(CCmTransportSsl& aTransport) {
@@ -58,6 +57,7 @@ struct CSslState {
         m_bUsed = TRUE;
         return m_pSetup;
     }
+    // Null: memory ran out for a setting.
     std::shared_ptr<CSslSetup> Get() {
         const CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         return m_pSetup;
@@ -69,6 +69,11 @@ struct CSslState {
     void Store(std::shared_ptr<CSslSetup> aSetup) {
         const CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         m_pSetup.swap(aSetup);
+    }
+    // A connection without one of the settings could be less secure.
+    void Break() {
+        Use();
+        Store({});
     }
 
     CCmMutexThread m_Changing;
@@ -98,21 +103,19 @@ CCmSslContext::CCmSslContext()
 
 CCmSslContext::~CCmSslContext() { --s_Live; }
 
-// Traces a refusal.
-CmResult CCmSslContext::Finish_i(const char* aWhat, const CSslProblem& aProblem) {
-    if (aProblem)
-        CM_WARNING_TRACE_THIS("CCmSslContext::" << aWhat << ", refused. file=" << aProblem.m_strFile
-                                                << " rv=" << aProblem.m_Result << " why=" << aProblem.m_strWhy);
-    return aProblem.m_Result;
+CmResult CCmSslContext::Refuse_i(const char* aWhat, CmResult aResult, const char* aWhy, const char* aFile) {
+    CM_WARNING_TRACE_THIS("CCmSslContext::" << aWhat << ", refused. file=" << aFile << " rv=" << aResult << " why=" << aWhy);
+    return aResult;
 }
 
 // A change that is refused leaves the context as it was.
+template <class Change>
 CmResult CCmSslContext::Change_i(const char* aWhat, const Change& aChange) {
-    if (!m_pState)
+    if (!m_pState || !m_pState->Get())
         return CM_ERROR_OUT_OF_MEMORY;
     const CCmMutexGuardT<CCmMutexThread> guard(m_pState->m_Changing);
-    CSslProblem problem{CM_ERROR_OUT_OF_MEMORY, {}, {}};
-    talvo::WithMemory([&]() CM_NO_THREAD_SAFETY_ANALYSIS {
+    CSslProblem problem;
+    const BOOL bMemory = talvo::WithMemory([&]() CM_NO_THREAD_SAFETY_ANALYSIS {
         CSslRecipe recipe = m_pState->m_Recipe;
         std::shared_ptr<CSslSetup> pSetup;
         problem = aChange(recipe);
@@ -123,18 +126,24 @@ CmResult CCmSslContext::Change_i(const char* aWhat, const Change& aChange) {
         m_pState->m_Recipe = std::move(recipe);
         m_pState->Store(pSetup);
     });
-    return Finish_i(aWhat, problem);
+    if (!bMemory)
+        return Refuse_i(aWhat, CM_ERROR_OUT_OF_MEMORY, "memory ran out");
+    return problem ? Refuse_i(aWhat, problem.m_Result, problem.m_strWhy.c_str(), problem.m_strFile.c_str()) : CM_OK;
 }
 
+template <class Change>
 CmResult CCmSslContext::Set_i(const char* aWhat, const Change& aChange) {
     if (m_pState && m_pState->IsUsed())
-        return Finish_i(aWhat, {CM_ERROR_ALREADY_INITIALIZED, {}, "the context is in use"});
-    return Change_i(aWhat, aChange);
+        return Refuse_i(aWhat, CM_ERROR_ALREADY_INITIALIZED, "the context is in use");
+    const CmResult rv = Change_i(aWhat, aChange);
+    if (rv == CM_ERROR_OUT_OF_MEMORY && m_pState)
+        m_pState->Break();
+    return rv;
 }
 
 CmResult CCmSslContext::SetTrust(const char* aFile, const char* aFolder) {
     if (!aFile && !aFolder)
-        return Finish_i("SetTrust", IsNull());
+        return Refuse_i("SetTrust", CM_ERROR_INVALID_ARG, IS_NULL);
     const CmResult rv = Set_i("SetTrust", [](CSslRecipe& aRecipe) {
         aRecipe.m_Trust = CSslRecipe::NOTHING;
         return CSslProblem();
@@ -142,7 +151,7 @@ CmResult CCmSslContext::SetTrust(const char* aFile, const char* aFolder) {
     if (rv != CM_OK)
         return rv;
     if (!(aFile && *aFile) && !(aFolder && *aFolder))
-        return Finish_i("SetTrust", {CM_ERROR_NOT_FOUND, {}, "the path is empty"});
+        return Refuse_i("SetTrust", CM_ERROR_NOT_FOUND, "the path is empty");
     return Set_i("SetTrust", [&](CSslRecipe& aRecipe) {
         aRecipe.m_Trust = CSslRecipe::FILES;
         aRecipe.m_strTrustFile = aFile ? aFile : "";
@@ -153,7 +162,7 @@ CmResult CCmSslContext::SetTrust(const char* aFile, const char* aFolder) {
 
 CmResult CCmSslContext::SetRevocationLists(const char* aFile) {
     if (!aFile)
-        return Finish_i("SetRevocationLists", IsNull());
+        return Refuse_i("SetRevocationLists", CM_ERROR_INVALID_ARG, IS_NULL);
     const auto set = [](const char* aPath) {
         return [=](CSslRecipe& aRecipe) {
             aRecipe.m_bRevocations = true;
@@ -167,7 +176,7 @@ CmResult CCmSslContext::SetRevocationLists(const char* aFile) {
 
 CmResult CCmSslContext::AddCertificate(const char* aChainFile, const char* aKeyFile, const Passphrase& aPassphrase) {
     if (!aChainFile || !aKeyFile)
-        return Finish_i("AddCertificate", IsNull());
+        return Refuse_i("AddCertificate", CM_ERROR_INVALID_ARG, IS_NULL);
     return Set_i("AddCertificate", [&](CSslRecipe& aRecipe) {
         const auto pOwn = std::make_shared<talvo::COwnCertificate>(aChainFile, aKeyFile, aPassphrase);
         aRecipe.m_Own.push_back(pOwn);
@@ -175,21 +184,25 @@ CmResult CCmSslContext::AddCertificate(const char* aChainFile, const char* aKeyF
     });
 }
 
-BOOL CCmSslContext::HasCertificate() const { return m_pState && m_pState->Get()->HasCertificate(); }
+BOOL CCmSslContext::HasCertificate() const {
+    const std::shared_ptr<CSslSetup> pSetup = m_pState ? m_pState->Get() : nullptr;
+    return pSetup && pSetup->HasCertificate();
+}
 
 CmResult CCmSslContext::SetAlpn(const char* aProtocols) {
     if (!aProtocols)
-        return Finish_i("SetAlpn", IsNull());
+        return Refuse_i("SetAlpn", CM_ERROR_INVALID_ARG, IS_NULL);
     return Set_i("SetAlpn", [&](CSslRecipe& aRecipe) {
         aRecipe.m_Alpn = talvo::MakeAlpnList(aProtocols);
-        return aRecipe.m_Alpn.empty() || aRecipe.m_Alpn.size() > 0xFFFF ? Invalid("a name is empty or too long")
-                                                                        : CSslProblem();
+        if (aRecipe.m_Alpn.empty() || aRecipe.m_Alpn.size() > 0xFFFF)
+            return CSslProblem{CM_ERROR_INVALID_ARG, {}, "a name is empty or too long"};
+        return CSslProblem();
     });
 }
 
 CmResult CCmSslContext::SetVersions(ECmTlsVersion aLowest, ECmTlsVersion aHighest) {
     if (aLowest < CM_TLS_1_2 || aHighest > CM_TLS_1_3 || aLowest > aHighest)
-        return Finish_i("SetVersions", Invalid("there is no such range"));
+        return Refuse_i("SetVersions", CM_ERROR_INVALID_ARG, "there is no such range");
     return Set_i("SetVersions", [&](CSslRecipe& aRecipe) {
         aRecipe.m_nLowest = static_cast<int>(aLowest);
         aRecipe.m_nHighest = static_cast<int>(aHighest);
@@ -199,7 +212,7 @@ CmResult CCmSslContext::SetVersions(ECmTlsVersion aLowest, ECmTlsVersion aHighes
 
 CmResult CCmSslContext::SetCiphers(const char* aTls12, const char* aTls13) {
     if ((!aTls12 && !aTls13) || (aTls12 && !*aTls12) || (aTls13 && !*aTls13))
-        return Finish_i("SetCiphers", Invalid("the list is empty"));
+        return Refuse_i("SetCiphers", CM_ERROR_INVALID_ARG, "the list is empty");
     return Set_i("SetCiphers", [&](CSslRecipe& aRecipe) {
         if (aTls12)
             aRecipe.m_strCiphers12 = aTls12;
@@ -211,7 +224,7 @@ CmResult CCmSslContext::SetCiphers(const char* aTls12, const char* aTls13) {
 
 CmResult CCmSslContext::SetVerify(ECmTlsVerify aVerify) {
     if (aVerify > CM_TLS_VERIFY_REQUIRED)
-        return Finish_i("SetVerify", Invalid("there is no such value"));
+        return Refuse_i("SetVerify", CM_ERROR_INVALID_ARG, "there is no such value");
     return Set_i("SetVerify", [&](CSslRecipe& aRecipe) {
         aRecipe.m_Verify = aVerify;
         aRecipe.m_bAsk = true;
@@ -228,7 +241,7 @@ CmResult CCmSslContext::SetSessionKeeping(BOOL aKeep) {
 
 CmResult CCmSslContext::SetKeyLog(const char* aFile) {
     if (!aFile)
-        return Finish_i("SetKeyLog", IsNull());
+        return Refuse_i("SetKeyLog", CM_ERROR_INVALID_ARG, IS_NULL);
     const CmResult rv = Set_i("SetKeyLog", [&](CSslRecipe& aRecipe) { return talvo::CKeyLog::Open(aFile, aRecipe.m_pKeyLog); });
     if (rv == CM_OK)
         CM_WARNING_TRACE_THIS("CCmSslContext::SetKeyLog, the secrets of all connections go to a file. file=" << aFile);
@@ -241,9 +254,9 @@ CCmRefPtrT<CCmSslContext> CCmSslContext::GetDefault() { return talvo::CDefaultCo
 
 CmResult CCmSslContext::Begin_i(CCmTransportSsl& aTransport, DWORD aType, const char* aServerName,
                                 const std::vector<unsigned char>& aAlpn, std::unique_ptr<talvo::CTlsSession>& aSession) {
-    if (!m_pState)
+    const std::shared_ptr<CSslSetup> pSetup = m_pState ? m_pState->Use() : nullptr;
+    if (!pSetup)
         return CM_ERROR_OUT_OF_MEMORY;
-    const std::shared_ptr<CSslSetup> pSetup = m_pState->Use();
     SSL* pSsl = nullptr;
     const BOOL bMemory = talvo::WithMemory([&] {
         pSsl = aServerName ? pSetup->MakeClient(aType, aServerName, PortOf(aTransport)) : pSetup->MakeServer(aType);

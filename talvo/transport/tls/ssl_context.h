@@ -16,8 +16,6 @@ class CCmTransportSsl;
 
 namespace talvo {
 class CTlsSession;
-struct CSslProblem;
-struct CSslRecipe;
 struct CSslState;
 }  // namespace talvo
 
@@ -28,8 +26,8 @@ enum ECmTlsVerify : DWORD { CM_TLS_VERIFY_NONE = 0, CM_TLS_VERIFY_OPTIONAL = 1, 
 // Shared by any number of connections, of connectors and acceptors, in any threads. Settings are made before the first
 // connection uses it; afterwards they return CM_ERROR_ALREADY_INITIALIZED. All files are PEM, and are read at once:
 // CM_ERROR_NOT_FOUND if one cannot be read, CM_ERROR_INVALID_ARG if its content is not what the call needs or an argument is
-// null, each with a line in the trace. Also CM_ERROR_OUT_OF_MEMORY. Keys and pass phrases are never traced, and leave memory
-// with the context. The settings may wait for the disk.
+// null, each with a line in the trace. After CM_ERROR_OUT_OF_MEMORY no connection can use the context, which lacks a setting.
+// Keys and pass phrases are never traced, and leave memory with the context. The settings may wait for the disk.
 //
 // A new context trusts the system's store, verifies a server and asks no client for a certificate, offers TLS 1.2 and 1.3, and
 // has no certificate of its own. Renegotiation, compression and early data are refused always. OpenSSL's configuration file
@@ -97,10 +95,11 @@ private:
     friend class CCmTransportSsl;
     CmResult Begin_i(CCmTransportSsl& aTransport, DWORD aType, const char* aServerName, const std::vector<unsigned char>& aAlpn,
                      std::unique_ptr<talvo::CTlsSession>& aSession);
-    using Change = std::function<talvo::CSslProblem(talvo::CSslRecipe&)>;
+    template <class Change>
     CmResult Set_i(const char* aWhat, const Change& aChange);
+    template <class Change>
     CmResult Change_i(const char* aWhat, const Change& aChange);
-    CmResult Finish_i(const char* aWhat, const talvo::CSslProblem& aProblem);
+    CmResult Refuse_i(const char* aWhat, CmResult aResult, const char* aWhy, const char* aFile = "");
 
     const std::unique_ptr<talvo::CSslState> m_pState;  // null: memory ran out
 };
