@@ -174,6 +174,21 @@ CCmSimPath CCmSimNetwork::RandomPath(BOOL aDatagrams) {
     return path;
 }
 
+CCmSimPath CCmSimNetwork::RandomStorm() {
+    const auto seconds = [this](double aShare, long aSeconds) { return CCmTimeValue(Chance(aShare) ? aSeconds : 0); };
+    CCmSimPath path = RandomPath(FALSE);
+    path.m_Cut = Chance(0.6) ? static_cast<double>(Random(30)) / 100 : 0;
+    path.m_CutOneEnd = Chance(0.5) ? 0.3 : 0;
+    path.m_Mute = Chance(0.3) ? static_cast<double>(Random(10)) / 100 : 0;
+    path.m_dwBuffer += 20;
+    if (Chance(0.2))
+        path.m_tvSilentUntil = CCmTimeValue::s_tvMax;
+    path.m_bLoseEnd = Chance(0.2);
+    path.m_tvConnect = seconds(0.2, 15);
+    path.m_tvBacklog = seconds(0.2, 30);
+    return path;
+}
+
 void CCmSimNetwork::Note(const std::string& aText) { m_pCore->m_Trace.Note(aText); }
 uint64_t CCmSimNetwork::GetTraceDigest() const { return m_pCore->m_Trace.GetDigest(); }
 void CCmSimNetwork::Fail(const std::string& aText) { m_pCore->m_Trace.Fail(aText); }

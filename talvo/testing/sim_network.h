@@ -92,6 +92,10 @@ public:
     // A path with random faults, each between none and much, for streams or datagrams. Some paths have no faults.
     CCmSimPath RandomPath(BOOL aDatagrams);
 
+    // The same for streams, which it breaks at times: cuts, half-open ends, silence, connects that take long or wait in the
+    // listener's backlog.
+    CCmSimPath RandomStorm();
+
     // Adds a line of the application to the trace.
     void Note(const std::string& aText);
     // A number that is equal for two runs if and only if their traces are (except for a coincidence in 2^64). Needs no aTrace.

@@ -16,7 +16,7 @@ public:
     ~CCmSimReliablePeer() override { *m_pWild = FALSE; }
 
     // Of a small send buffer, bytes.
-    static constexpr DWORD MAX_SMALL_BUFFER = 24 << 10;
+    static constexpr DWORD MAX_SMALL_BUFFER = 8 << 10;
 
     // aMayEnd: it ends the connection one day, perhaps. aReconnectTime: seconds. aSmall: a small send buffer; otherwise it may
     // be of any size.

@@ -16,8 +16,7 @@ TEST(ReliableChannelsTest, NumbersRest) {
     EXPECT_EQ(CM_ERROR_NOT_FOUND, load_config_file("/nonexistent"));
     const CCmRefPtrT<CRlbConnTCPServer> pConn(new CRlbConnTCPServer);
     const auto open = [&] { return pChannels->Open(*pConn, {}, {}); };
-    const WORD wFirst = open();
-    const WORD wSecond = open();
+    const WORD wFirst = open(), wSecond = open();
     pChannels->Remember(wFirst, 1, 86400);
     pChannels->Remember(wSecond, 1, 86400);  // instead of the first one's
     std::set<WORD> others;

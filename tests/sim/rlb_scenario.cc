@@ -1,5 +1,6 @@
 // Reliable connections in bad weather.
 #include <deque>
+#include <set>
 
 #include "talvo/connection/protocol/cs_send_buf.h"
 #include "talvo/talvo.h"
@@ -18,7 +19,7 @@ const CCmTimeValue DELIVERED(20);  // everything that was kept
 constexpr DWORD FOR_EVER = 86400;
 constexpr size_t MAX_REPLAYS = 8;
 constexpr size_t MAX_ATTEMPTS = 30;  // of one client in a minute; the waits allow half of it on average
-const CCmInetAddr STRANGER("10.0.0.3", 0);
+constexpr WORD INTRUDERS = 60000;    // the first port of theirs
 
 // At most one lost connection at a time.
 void LimitLost(BOOL aLimit) {
@@ -65,7 +66,6 @@ public:
         for (DWORD i = 1 + Below(8); i > 0; --i)
             RunAWhile();
         Settle();
-        m_Intruders.clear();
         Chance(20) ? DrainAll() : SayGoodbye();
         ForAll([](CCmSimReliablePeer& aUser) { aUser.Release(); });
         m_pAcceptor.Reset();
@@ -82,9 +82,8 @@ public:
         if (m_bFewLost && stLost > 1)
             m_Network.Fail(std::to_string(stLost) + " connections are lost");
     }
-    // The clients have no port of their own.
     void OnConnect(const CCmInetAddr& aLocal, const CCmInetAddr&) override {
-        if (aLocal.GetPort() != 0 || aLocal.GetIpBytes() == STRANGER.GetIpBytes())
+        if (aLocal.GetPort() >= INTRUDERS)
             return;
         m_Attempts.push_back(m_Network.Now());
         while (m_Attempts.front() + CCmTimeValue(60) < m_Attempts.back())
@@ -92,14 +91,17 @@ public:
         if (m_Attempts.size() > m_stClients * MAX_ATTEMPTS)
             m_Network.Fail(std::to_string(m_Attempts.size()) + " attempts in a minute");
     }
-    // Remembers the requests for a channel.
+    void OnOpen(const CCmSimEnd& aEnd) override {
+        if (!aEnd.m_bAccepted && aEnd.m_AddrLocal.GetPort() < INTRUDERS)
+            m_Fresh.insert(aEnd.m_AddrLocal);
+    }
+    // Remembers the requests for a channel: what an end sends first.
     void OnSend(const CCmSimEnd& aEnd, const CCmMessageBlock& aData) override {
-        if (aEnd.m_bAccepted || aEnd.m_AddrLocal.GetIpBytes() == STRANGER.GetIpBytes() ||
-            aData.GetChainedLength() != (IsToken() ? 28 : 8))
+        if (aEnd.m_bAccepted || m_Fresh.erase(aEnd.m_AddrLocal) == 0)
             return;
         const std::string strBytes = aData.FlattenChained();
         const std::string strChannel = strBytes.substr(5, 2);
-        if (strBytes[0] == CS_PDU_TYPE_CONN_REQ && strChannel != std::string(2, '\0'))
+        if (strChannel != std::string(2, '\0'))
             m_Requests[strChannel].push_back(strBytes);
     }
 
@@ -139,20 +141,6 @@ private:
         pUser->Start(!m_bStable, m_bStable ? FOR_EVER : 10 + Below(200), m_bRestarts);
     }
 
-    CCmSimPath RandomWeather() {
-        CCmSimPath path = m_Network.RandomPath(FALSE);
-        path.m_Cut = Chance(60) ? Below(30) / 100.0 : 0;
-        path.m_CutOneEnd = Chance(50) ? 0.3 : 0;
-        path.m_Mute = Chance(30) ? Below(10) / 100.0 : 0;
-        path.m_dwBuffer += 20;
-        if (Chance(20))
-            path.m_tvSilentUntil = CCmTimeValue::s_tvMax;
-        path.m_bLoseEnd = Chance(20);
-        path.m_tvConnect = Chance(20) ? CCmTimeValue(15) : CCmTimeValue(0);
-        path.m_tvBacklog = Chance(20) ? CCmTimeValue(30) : CCmTimeValue(0);
-        return path;
-    }
-
     // Another address has no business with a channel of the plain form, nor a wrong token in the other. Earlier requests are
     // repeated from the client's address, too: the good ones among them take a transport over, and that is all.
     void Intrude() {
@@ -160,35 +148,33 @@ private:
             return;
         const auto& requests = std::next(m_Requests.begin(), static_cast<long>(Below(m_Requests.size())))->second;
         std::string strRequest = requests[Below(requests.size())];
-        CCmInetAddr addrLocal = STRANGER;
-        const BOOL bReplay = Chance(30) && strRequest != requests.back() && m_stReplays < MAX_REPLAYS;
-        if (bReplay)
-            addrLocal.Set("127.0.0.1", static_cast<WORD>(60000 + m_stReplays++));
-        else if (IsToken())
+        const BOOL bReplay = Chance(30) && (!IsToken() || strRequest != requests.back()) && m_stReplays < MAX_REPLAYS;
+        m_stReplays += bReplay;
+        if (!bReplay && IsToken())
             strRequest[8 + Below(16)] ^= static_cast<char>(1 << Below(7));
+        const CCmInetAddr addrLocal(bReplay ? "127.0.0.1" : "10.0.0.3", m_wIntruder++);
         m_Intruders.emplace_back(std::make_unique<CCmSimIntruder>(addrLocal, SERVER, strRequest), bReplay);
     }
-    void CheckIntruders() {
+    void EndIntruders() {
         for (const auto& [pIntruder, bReplay] : m_Intruders) {
             if (!bReplay && pIntruder->GetAnswer()[0] == CS_PDU_TYPE_CONN_RESP)
                 m_Network.Fail("an intruder was let in");
         }
+        m_Intruders.clear();
     }
 
     void RunAWhile() {
-        m_Network.SetLink({RandomWeather(), RandomWeather()});
+        m_Network.SetLink({m_Network.RandomStorm(), m_Network.RandomStorm()});
         m_Network.RunFor(m_Network.RandomTime(CCmTimeValue(Chance(30) ? 70 : 10)));
         if (Chance(10)) {
             m_pAcceptor->StopListen(CM_OK);  // connects are refused
             m_Network.RunFor(m_Network.RandomTime(CCmTimeValue(20)));
             m_pAcceptor->StartListen(&m_Servers, SERVER);
         }
-        for (DWORD i = Chance(30) ? 1 + Below(4) : 0; i > 0; --i)
+        for (DWORD i = Chance(50) ? 1 + Below(4) : 0; i > 0; --i)
             Intrude();
-        if (Chance(30)) {
-            CheckIntruders();
-            m_Intruders.clear();
-        }
+        if (Chance(30))
+            EndIntruders();
         if (Chance(5))
             m_Network.Jump(m_Network.RandomTime(CCmTimeValue(200)));
         if (!m_bStable && Chance(5)) {  // the server's process is replaced
@@ -213,7 +199,7 @@ private:
             aUser.Send(4);
         });
         m_Network.RunFor(DELIVERED);
-        CheckIntruders();
+        EndIntruders();
         for (auto& [wPort, link] : m_Links) {
             if (!link.m_pClient || !link.m_pServer)
                 continue;
@@ -246,7 +232,7 @@ private:
     // Ends all, the suspended ones too.
     void DrainAll() {
         CCmTimeValue tvLimit(10);
-        m_Network.SetLink({RandomWeather(), RandomWeather()});
+        m_Network.SetLink({m_Network.RandomStorm(), m_Network.RandomStorm()});
         m_Network.RunFor(m_Network.RandomTime(CCmTimeValue(10)));
         Manager::Instance()->Drain(&tvLimit);
         m_Network.RunFor(CCmTimeValue(12));
@@ -263,9 +249,11 @@ private:
     const BOOL m_bRestarts;  // the numbers restart often
     size_t m_stClients = 0;
     std::deque<CCmTimeValue> m_Attempts;                                        // of the last minute
+    std::set<CCmInetAddr> m_Fresh;                                              // of clients, without a send
     std::map<std::string, std::vector<std::string>> m_Requests;                 // seen, by channel
     std::vector<std::pair<std::unique_ptr<CCmSimIntruder>, BOOL>> m_Intruders;  // and whether it replays
     size_t m_stReplays = 0;
+    WORD m_wIntruder = INTRUDERS;
     CCmConnectLog m_Servers, m_Clients;
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;
     std::vector<CCmRefPtrT<ICmConnector>> m_Connectors;

@@ -23,7 +23,7 @@ TEST_P(SimSeedsTest, KeepThePromises) {
 
 TEST_P(SimSeedsTest, ReliableConnectionsLoseAndDoubleNothing) {
     CCmSimRun failed;
-    ASSERT_TRUE(cm_sim_run_seeds(RunReliableScenario, GetParam(), SEEDS_A_TEST / 10, failed))
+    ASSERT_TRUE(cm_sim_run_seeds(RunReliableScenario, GetParam(), SEEDS_A_TEST, failed))
         << "seed " << failed.m_ullSeed << ", see sim_run reliable: " << failed.m_Failures.front();
 }
 
