@@ -1,13 +1,14 @@
 // What proxies have asked of earlier requests.
 #pragma once
 
+#include "talvo/base/export.h"
 #include "talvo/http/message/http_offer.h"
 
 namespace talvo {
 
 // The last accepted offer of each proxy, for the whole process; without credentials. The number of proxies is bounded. Any
 // thread.
-class CProxyOffers {
+class TALVO_API CProxyOffers {
 public:
     static constexpr size_t MAX_PROXIES = 64;
 
