@@ -324,6 +324,7 @@ void CHttpClientExchange::ResetHead_i() {
 // The connection is given back before the upcall, which may start a new exchange, unless that is to use the same one.
 void CHttpClientExchange::End_i(BOOL aReusable) {
     m_State = IDLE;
+    m_Sender.WipeHead();
     if (m_bKeep && aReusable) {
         m_User.OnExchangeEnd(CM_OK, "");
         if (m_State == IDLE)

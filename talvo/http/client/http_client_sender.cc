@@ -1,5 +1,6 @@
 #include "talvo/http/client/http_client_sender.h"
 
+#include <cstring>
 #include <utility>
 
 #include "talvo/http/message/http_chunk.h"
@@ -37,13 +38,28 @@ CmResult CHttpClientSender::Begin(const CHttpClientRequest& aRequest) {
 
 // The application may have ended a body without a byte before.
 CmResult CHttpClientSender::SetHead(const CCmString& aHead) {
-    CCmChainPtr pHead = make_block(aHead);
+    WipeHead();
+    const auto dwLength = static_cast<DWORD>(aHead.size());
+    if (CCmDataBlock::CreateInstance(m_pHead.ParaOut(), dwLength, aHead.data()) != CM_OK)
+        return CM_ERROR_OUT_OF_MEMORY;
+    CCmMessageBlock view(m_pHead);
+    view.AdvanceTopLevelWritePtr(dwLength);
+    CCmChainPtr pHead(view.DuplicateTopLevel());
     if (!pHead)
         return CM_ERROR_OUT_OF_MEMORY;
     CBlockChain rest(m_Ready.Take());
     m_Ready.Append(std::move(pHead));
     m_Ready.Append(rest.Take());
     return CM_OK;
+}
+
+void CHttpClientSender::WipeHead() {
+    if (!m_pHead)
+        return;
+    m_pHead->AddReference();
+    if (m_pHead->ReleaseReference() == 1)
+        explicit_bzero(m_pHead->GetBasePtr(), m_pHead->GetLength());
+    m_pHead.Reset();
 }
 
 CmResult CHttpClientSender::Flush(CHttpClientConnection& aConnection) {
@@ -128,6 +144,7 @@ void CHttpClientSender::Stop() {
 
 void CHttpClientSender::Clear() {
     m_Ready.Clear();
+    WipeHead();
     m_pBody.reset();
     m_ullLeft = 0;
     m_bEnded = TRUE;

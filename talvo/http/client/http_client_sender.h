@@ -11,12 +11,14 @@ namespace talvo {
 class CHttpClientSender {
 public:
     CHttpClientSender() = default;
+    ~CHttpClientSender() { WipeHead(); }
     CHttpClientSender(const CHttpClientSender&) = delete;
     CHttpClientSender& operator=(const CHttpClientSender&) = delete;
 
     // Prepares a new request. CM_ERROR_OUT_OF_MEMORY.
     CmResult Begin(const CHttpClientRequest& aRequest);
-    // Its head in wire format, before the first Flush. CM_ERROR_OUT_OF_MEMORY.
+    // Its head in wire format, before the first Flush. It may have credentials: the copy is overwritten at the end of the
+    // request. CM_ERROR_OUT_OF_MEMORY.
     CmResult SetHead(const CCmString& aHead);
 
     // Sends the ready data. CM_OK: all is sent. CM_ERROR_PARTIAL_DATA: call again when there is room. Else the connection's
@@ -45,14 +47,18 @@ public:
 
     void Clear();
 
+    // The head was sent, or no longer will be: overwrites its bytes, unless the connection still has them.
+    void WipeHead();
+
 private:
     CmResult SendChunk_i(CHttpClientConnection& aConnection, CCmMessageBlock& aData, CCmTransportParameter& aPara);
 
     CHttpClientRequest::EBody m_Kind = CHttpClientRequest::NO_BODY;
-    CBlockChain m_Ready;     // sent as soon as there is room
-    CCmChainPtr m_pBody;     // appended to m_Ready when nothing holds it back
-    uint64_t m_ullLeft = 0;  // of a streamed length
-    BOOL m_bEnded = TRUE;    // the application has no more data to bring
+    CCmRefPtrT<CCmDataBlock> m_pHead;  // its bytes, which m_Ready and the connection share
+    CBlockChain m_Ready;               // sent as soon as there is room
+    CCmChainPtr m_pBody;               // appended to m_Ready when nothing holds it back
+    uint64_t m_ullLeft = 0;            // of a streamed length
+    BOOL m_bEnded = TRUE;              // the application has no more data to bring
     BOOL m_bHolding = FALSE;
     BOOL m_bStopped = FALSE;
     BOOL m_bLost = FALSE;
