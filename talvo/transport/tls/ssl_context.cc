@@ -252,7 +252,7 @@ CmResult CCmSslContext::Reload() { return Change_i("Reload", RenewOwn); }
 
 CCmRefPtrT<CCmSslContext> CCmSslContext::GetDefault() { return talvo::CDefaultContext::Instance().Get(); }
 
-CmResult CCmSslContext::Begin_i(CCmTransportSsl& aTransport, DWORD aType, const char* aServerName,
+CmResult CCmSslContext::Begin_i(CCmTransportSsl& aTransport, talvo::ITlsLower& aLower, DWORD aType, const char* aServerName,
                                 const std::vector<unsigned char>& aAlpn, std::unique_ptr<talvo::CTlsSession>& aSession) {
     const std::shared_ptr<CSslSetup> pSetup = m_pState ? m_pState->Use() : nullptr;
     if (!pSetup)
@@ -261,7 +261,7 @@ CmResult CCmSslContext::Begin_i(CCmTransportSsl& aTransport, DWORD aType, const 
     const BOOL bMemory = talvo::WithMemory([&] {
         pSsl = aServerName ? pSetup->MakeClient(aType, aServerName, PortOf(aTransport)) : pSetup->MakeServer(aType);
         if (pSsl)
-            aSession = std::make_unique<talvo::CTlsSession>(aTransport, pSsl);
+            aSession = std::make_unique<talvo::CTlsSession>(aLower, pSsl);
     });
     if (!aSession)
         SSL_free(pSsl);

@@ -16,6 +16,7 @@ class CCmTransportSsl;
 
 namespace talvo {
 class CTlsSession;
+class ITlsLower;
 struct CSslState;
 }  // namespace talvo
 
@@ -93,8 +94,8 @@ public:
 
 private:
     friend class CCmTransportSsl;
-    CmResult Begin_i(CCmTransportSsl& aTransport, DWORD aType, const char* aServerName, const std::vector<unsigned char>& aAlpn,
-                     std::unique_ptr<talvo::CTlsSession>& aSession);
+    CmResult Begin_i(CCmTransportSsl& aTransport, talvo::ITlsLower& aLower, DWORD aType, const char* aServerName,
+                     const std::vector<unsigned char>& aAlpn, std::unique_ptr<talvo::CTlsSession>& aSession);
     template <class Change>
     CmResult Set_i(const char* aWhat, const Change& aChange);
     template <class Change>

@@ -17,7 +17,7 @@ public:
     EStep Step(CCmTransportTcp&) override {
         if (m_Begun != CM_OK)
             return FAILED;
-        switch (m_Transport.GetSession()->Handshake()) {
+        switch (m_Transport.Handshake()) {
         case CTlsSession::DONE:
             return DONE;
         case CTlsSession::WANT_READ:

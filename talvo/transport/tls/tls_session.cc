@@ -85,7 +85,7 @@ struct CTlsBio {
     }
 };
 
-CTlsSession::CTlsSession(CCmTransportTcp& aSocket, ssl_st* aSsl) : m_Socket(aSocket), m_pSsl(aSsl) {
+CTlsSession::CTlsSession(ITlsLower& aLower, ssl_st* aSsl) : m_Lower(aLower), m_pSsl(aSsl) {
     ClearErrors();
     SSL_set_app_data(m_pSsl, this);
     SSL_set_verify(m_pSsl, SSL_get_verify_mode(m_pSsl), CTlsBio::Verify);
@@ -204,10 +204,10 @@ BOOL CTlsSession::Receive_i() {
         return FALSE;
     }
     const DWORD dwRoom = std::min(call.m_dwReadSize, m_pInput->m_dwRoom);
-    const int nReceived = m_Socket.Recv_i(m_pInput->m_pBytes.get(), dwRoom);
+    const int nReceived = m_Lower.RecvSealed(m_pInput->m_pBytes.get(), dwRoom);
     call.m_bReceived = true;
     m_bCut = nReceived <= 0 && nReceived != WOULD_BLOCK;
-    call.m_bDry = nReceived < static_cast<int>(dwRoom) && !m_Socket.HasReadAhead_i() && (nReceived <= 0 || !m_bBehind);
+    call.m_bDry = nReceived < static_cast<int>(dwRoom) && !m_Lower.HasMoreSealed() && (nReceived <= 0 || !m_bBehind);
     m_pInput->m_dwBegin = 0;
     m_pInput->m_dwEnd = nReceived > 0 ? static_cast<DWORD>(nReceived) : 0;
     m_dwReceived += m_bUp ? 0 : GetInput();
@@ -315,6 +315,29 @@ CTlsSession::EResult CTlsSession::Read(char* aBuf, DWORD aLen, DWORD& aRead, BOO
     return m_bFailed ? FAILED : result;
 }
 
+CTlsSession::EResult CTlsSession::Peek(char* aBuf, DWORD aLen, DWORD& aRead) {
+    aRead = 0;
+    if (m_bPeerEnded)
+        return ENDED;
+    if (m_bFailed || !m_bUp)
+        return FAILED;
+    CTlsCall call(m_pCall, RECORD);
+    if (!call.IsReady())
+        return Fail_i("memory ran out");
+    EResult result = WANT_READ;
+    while (result == WANT_READ && !call.m_bDry) {
+        call.m_bMayReceive = GetInput() == 0;
+        ClearErrors();
+        const int nRead = SSL_peek(m_pSsl, aBuf, static_cast<int>(aLen));
+        aRead = nRead > 0 ? static_cast<DWORD>(nRead) : 0;
+        result = nRead > 0 ? DONE : Outcome_i(nRead);
+    }
+    SendSealed_i();
+    PutBack_i();
+    m_bBehind = call.m_bReceived ? !call.m_bDry : m_bBehind;
+    return result;
+}
+
 // All that can be decrypted of the input, or of one read of the socket if there is none. If aBuf is full, OpenSSL takes one
 // record more, or its beginning.
 CTlsSession::EResult CTlsSession::ReadSome_i(char* aBuf, DWORD aLen, DWORD& aRead) {
@@ -333,18 +356,18 @@ CTlsSession::EResult CTlsSession::ReadSome_i(char* aBuf, DWORD aLen, DWORD& aRea
     return nRv < 0 ? Outcome_i(nRv) : DONE;
 }
 
-CTlsSession::EResult CTlsSession::Write(const iovec* aPieces, DWORD aCount, DWORD& aTaken) {
+CTlsSession::EResult CTlsSession::Write(const iovec* aPieces, DWORD aCount, DWORD& aTaken, BOOL aAll) {
     aTaken = 0;
     if (m_bFailed || m_bEnded || !m_bUp)
         return FAILED;
     EResult result = SendKept_i();
-    if (result != DONE)
+    if (result != DONE && !(aAll && result == WANT_WRITE))
         return result;
     CTlsCall call(m_pCall, 0);
     if (!call.IsReady() || !CanSeal())
         return WANT_WRITE;
     CTlsPieces pieces(aPieces, aCount);
-    while (result == DONE && !pieces.IsEmpty()) {
+    while ((result == DONE || (aAll && result == WANT_WRITE)) && !pieces.IsEmpty()) {
         DWORD dwSealed = 0;
         result = SealSome_i(pieces, dwSealed);
         const EResult sent = SendSealed_i();
@@ -375,7 +398,7 @@ CTlsSession::EResult CTlsSession::SendSealed_i() {
     size_t stSent = 0;
     int nSent = GetUnsent() > 0 ? 0 : 1;  // behind those that are kept
     while (stSent < sealed.size() && nSent > 0) {
-        nSent = m_Socket.Send_i(sealed.data() + stSent, static_cast<DWORD>(sealed.size() - stSent));
+        nSent = m_Lower.SendSealed(sealed.data() + stSent, static_cast<DWORD>(sealed.size() - stSent));
         stSent += nSent > 0 ? static_cast<size_t>(nSent) : 0;
     }
     if (nSent < 0)
@@ -412,7 +435,7 @@ CTlsSession::EResult CTlsSession::SendKept_i() {
     while (GetUnsent() > 0) {
         if (m_bSendFailed)
             return FAILED;
-        const int nSent = m_Socket.Send_i(m_pKept->data() + m_stKeptSent, GetUnsent());
+        const int nSent = m_Lower.SendSealed(m_pKept->data() + m_stKeptSent, GetUnsent());
         if (nSent < 0)
             return SendFailed_i();
         if (nSent == 0)

@@ -1,4 +1,5 @@
-// TLS over the raw socket of a transport; the one file that hands bytes to OpenSSL and takes them back.
+// TLS over the raw socket of a transport, or over another session; the one file that hands bytes to OpenSSL and takes them
+// back.
 #pragma once
 
 #include <memory>
@@ -7,6 +8,7 @@
 #include "talvo/base/chain_ptr.h"
 #include "talvo/transport/tcp/transport_tcp.h"
 #include "talvo/transport/tls/ssl_info.h"
+#include "talvo/transport/tls/tls_lower.h"
 
 struct ssl_st;
 
@@ -34,8 +36,8 @@ public:
     static constexpr DWORD MOST_ANSWERS = 16384;    // OpenSSL's own bytes to the peer that wait for room
     static constexpr DWORD MOST_HANDSHAKE = 65536;  // bytes of a client's handshake
 
-    // aSsl: owned, a client's or a server's, and configured. aSocket outlives the session.
-    CTlsSession(CCmTransportTcp& aSocket, ssl_st* aSsl);
+    // aSsl: owned, a client's or a server's, and configured. aLower outlives the session; "the socket" below is this side.
+    CTlsSession(ITlsLower& aLower, ssl_st* aSsl);
     ~CTlsSession();
     CTlsSession(const CTlsSession&) = delete;
     CTlsSession& operator=(const CTlsSession&) = delete;
@@ -53,6 +55,8 @@ public:
     // aRead (out): at most aLen and RECORD bytes; 0 unless DONE. aMore (out): there is more to read without a report of the
     // socket.
     EResult Read(char* aBuf, DWORD aLen, DWORD& aRead, BOOL& aMore);
+    // As Read, without aMore, but the bytes stay in the session. After a DONE its caller reads them, or calls it again.
+    EResult Peek(char* aBuf, DWORD aLen, DWORD& aRead);
     // Decrypted bytes that Read returns without the socket.
     DWORD GetHeld() const;
     // Bytes that have left the socket, but not OpenSSL: the next Read looks at them without the socket.
@@ -61,7 +65,8 @@ public:
     BOOL HasBegunRecord() const;
 
     // Seals and sends. aTaken (out): the bytes taken, fewer than all only with WANT_WRITE or FAILED.
-    EResult Write(const iovec* aPieces, DWORD aCount, DWORD& aTaken);
+    // aAll: takes all that it can seal, and keeps without a limit what the socket does not take.
+    EResult Write(const iovec* aPieces, DWORD aCount, DWORD& aTaken, BOOL aAll = FALSE);
     // FALSE: Write takes nothing before Read has read the rest of a message.
     BOOL CanSeal() const;
     // Sends the sealed bytes that are kept. aEnd: seals close_notify behind them, once; nothing is sealed after that.
@@ -112,7 +117,7 @@ private:
     BOOL HasTooManyAnswers_i() const;
     void Verified_i(int aError, int aDepth, const char* aSubject);
 
-    CCmTransportTcp& m_Socket;
+    ITlsLower& m_Lower;
     ssl_st* const m_pSsl;
     std::vector<unsigned char> m_Alpn;           // empty: the context's
     CTlsCall* m_pCall = nullptr;                 // under way

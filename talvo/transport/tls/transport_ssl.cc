@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
+#include <utility>
 
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
@@ -34,7 +36,35 @@ CmResult CCmTransportSsl::Begin(const CCmRefPtrT<CCmSslContext>& aContext, const
     if (!aContext)
         return CM_ERROR_INVALID_ARG;
     m_pContext = aContext;
-    return aContext->Begin_i(*this, m_dwType, aServerName, aAlpn, m_pSession);
+    talvo::ITlsLower& lower = m_pOuter ? static_cast<talvo::ITlsLower&>(*m_pOuter) : *this;
+    return aContext->Begin_i(*this, lower, m_dwType, aServerName, aAlpn, m_pSession);
+}
+
+CmResult CCmTransportSsl::BeginOuter(const CCmRefPtrT<CCmSslContext>& aContext, const char* aServerName) {
+    if (m_pOuter || m_pSession)
+        return CM_ERROR_ALREADY_INITIALIZED;
+    if (!aContext || !aServerName)
+        return CM_ERROR_INVALID_ARG;
+    std::unique_ptr<talvo::CTlsOuter> pOuter(new (std::nothrow) talvo::CTlsOuter(aContext));
+    if (!pOuter)
+        return CM_ERROR_OUT_OF_MEMORY;
+    const CmResult rv = aContext->Begin_i(*this, *this, CM_TRANSPORT_TYPE_TLS, aServerName, {}, pOuter->ParaOut());
+    if (rv == CM_OK)
+        m_pOuter = std::move(pOuter);
+    return rv;
+}
+
+void CCmTransportSsl::UseOuter() {
+    m_pContext = m_pOuter->GetContext();
+    m_pSession = std::move(m_pOuter->ParaOut());
+    m_pOuter.reset();
+}
+
+CTlsSession::EResult CCmTransportSsl::Handshake() {
+    const CTlsSession::EResult result = m_pSession->Handshake();
+    if (result == CTlsSession::FAILED || !m_pOuter || m_pOuter->GetSession().Flush(FALSE) == CTlsSession::DONE)
+        return result;
+    return CTlsSession::WANT_WRITE;
 }
 
 CmResult CCmTransportSsl::Open_t() { return IsUp_i() ? CCmTransportTcp::Open_t() : CM_ERROR_NOT_INITIALIZED; }
@@ -58,7 +88,7 @@ int CCmTransportSsl::Read_i(char* aBuf, DWORD aLen, BOOL& aMore) {
     const BOOL bCouldSeal = m_pSession->CanSeal();
     DWORD dwRead = 0;
     const CTlsSession::EResult result = m_pSession->Read(aBuf, aLen, dwRead, aMore);
-    if (m_pSession->GetUnsent() > 0)
+    if (GetUnsent_i() > 0)
         WaitForRoom_i();
     if (!bCouldSeal && m_pSession->CanSeal())
         m_pReactor->NotifyHandler(this, WRITE_MASK);
@@ -72,15 +102,15 @@ int CCmTransportSsl::Ended_i(CTlsSession::EResult aResult) {
     if (aResult == CTlsSession::ENDED && IsEndTold_i())
         return 0;
     if (aResult == CTlsSession::ENDED)
-        m_pSession->Flush(TRUE);
+        Flush_i(TRUE);
     else
         NoteEnd_i();
     return -1;
 }
 
 DWORD CCmTransportSsl::GetHeld_i() const {
-    const DWORD dwSession = m_pSession ? m_pSession->GetHeld() + m_pSession->GetInput() : 0;
-    return CCmTransportTcp::GetHeld_i() + dwSession;
+    const auto heldBy = [](const CTlsSession* a) { return a ? a->GetHeld() + a->GetInput() : 0; };
+    return CCmTransportTcp::GetHeld_i() + heldBy(m_pSession.get()) + heldBy(GetOuter());
 }
 
 void CCmTransportSsl::NoteEnd_i() {
@@ -96,12 +126,18 @@ void CCmTransportSsl::NoteEnd_i() {
 int CCmTransportSsl::OnClose(HANDLE aFd, long aMask) {
     if (m_pSession)
         m_pSession->DropAnswers();
+    if (m_pOuter)
+        m_pOuter->GetSession().DropAnswers();
     return CCmTransportTcp::OnClose(aFd, aMask);
 }
 
 int CCmTransportSsl::Write_i(const iovec* aPieces, DWORD aCount) {
     DWORD dwTaken = 0;
-    const CTlsSession::EResult result = m_pSession->Write(aPieces, aCount, dwTaken);
+    CTlsSession::EResult result = m_pOuter ? m_pOuter->GetSession().Flush(FALSE) : CTlsSession::DONE;
+    if (result == CTlsSession::DONE)
+        result = m_pSession->Write(aPieces, aCount, dwTaken);
+    if (result == CTlsSession::DONE && GetUnsent_i() > 0)
+        WaitForRoom_i();
     ReadOn_i();
     if (result == CTlsSession::WANT_WRITE || (result == CTlsSession::FAILED && dwTaken > 0))
         WaitForRoom_i();
@@ -117,7 +153,11 @@ int CCmTransportSsl::Write_i(const iovec* aPieces, DWORD aCount) {
 CmResult CCmTransportSsl::Flush_i(BOOL aEnd) {
     if (!m_pSession)
         return CM_OK;
-    const CTlsSession::EResult result = m_pSession->Flush(aEnd);
+    CTlsSession::EResult result = m_pSession->Flush(aEnd);
+    if (m_pOuter && result != CTlsSession::FAILED) {
+        const CTlsSession::EResult outer = m_pOuter->GetSession().Flush(aEnd && result == CTlsSession::DONE);
+        result = result == CTlsSession::DONE ? outer : result;
+    }
     ReadOn_i();
     if (result == CTlsSession::WANT_WRITE)
         return CM_ERROR_PARTIAL_DATA;
@@ -128,22 +168,31 @@ CmResult CCmTransportSsl::Flush_i(BOOL aEnd) {
 }
 
 void CCmTransportSsl::ReadOn_i() {
-    if (m_pSession->MayReadOn())
+    const BOOL bOuter = m_pOuter && m_pOuter->GetSession().MayReadOn();
+    if (m_pSession->MayReadOn() || bOuter)
         m_pReactor->NotifyHandler(this, READ_MASK);
 }
 
-DWORD CCmTransportSsl::GetUnsent_i() const { return m_pSession ? m_pSession->GetUnsent() : 0; }
-
-CCmChainPtr CCmTransportSsl::TakeUnsent_i() { return m_pSession ? m_pSession->TakeUnsent() : nullptr; }
-
-CmResult CCmTransportSsl::GetEndReason_i() const {
-    return !m_pSession || m_pSession->HasPeerEnded() ? CM_ERROR_NETWORK_SOCKET_ERROR : CM_ERROR_NETWORK_TLS_CUT;
+DWORD CCmTransportSsl::GetUnsent_i() const {
+    return (m_pSession ? m_pSession->GetUnsent() : 0) + (m_pOuter ? m_pOuter->GetSession().GetUnsent() : 0);
 }
 
-// The socket alone is of no use to its next owner if a record has begun.
+// The outer session keeps them, if there is one.
+CCmChainPtr CCmTransportSsl::TakeUnsent_i() {
+    if (m_pOuter)
+        return m_pOuter->GetSession().TakeUnsent();
+    return m_pSession ? m_pSession->TakeUnsent() : nullptr;
+}
+
+CmResult CCmTransportSsl::GetEndReason_i() const {
+    const BOOL bPlain = m_dwType == CM_TRANSPORT_TYPE_TCP;
+    return bPlain || !m_pSession || m_pSession->HasPeerEnded() ? CM_ERROR_NETWORK_SOCKET_ERROR : CM_ERROR_NETWORK_TLS_CUT;
+}
+
+// The socket alone is of no use to its next owner if a record has begun, or if TLS to a proxy is around the peer's bytes.
 CmResult CCmTransportSsl::SetOption(DWORD aCommand, void* aArg) {
     const BOOL bDetach = aCommand == CM_OPT_TRANSPORT_FD && aArg && *static_cast<HANDLE*>(aArg) == CM_INVALID_HANDLE;
-    if (bDetach && m_pSession && m_pSession->HasBegunRecord())
+    if (bDetach && (m_dwType == CM_TRANSPORT_TYPE_TCP || m_pOuter || (m_pSession && m_pSession->HasBegunRecord())))
         return CM_ERROR_NOT_AVAILABLE;
     return CCmTransportTcp::SetOption(aCommand, aArg);
 }
@@ -164,8 +213,12 @@ CmResult CCmTransportSsl::GetOption(DWORD aCommand, void* aArg) {
     case CM_OPT_TRANSPORT_SOCK_ALIVE:
         return GetAlive_i(*static_cast<BOOL*>(aArg));
     case CM_OPT_TRANSPORT_SSL_INFO:
+        if (m_dwType == CM_TRANSPORT_TYPE_TCP)
+            break;
         return GetInfo_i(*static_cast<CCmSslInfo*>(aArg));
     case CM_OPT_TRANSPORT_SSL_PEER_CERTIFICATE:
+        if (m_dwType == CM_TRANSPORT_TYPE_TCP)
+            break;
         return m_pSession ? m_pSession->GetPeerCertificate(*static_cast<CCmString*>(aArg)) : CM_ERROR_NOT_INITIALIZED;
     default:
         break;

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "talvo/transport/tls/ssl_context.h"
-#include "talvo/transport/tls/tls_session.h"
+#include "talvo/transport/tls/tls_outer.h"
 
 // A stream like TCP's; see CCmTransportTcp. Connectors and acceptors of the types 4, 8 and 12 make it, and indicate it when its
 // handshake is complete; OpenWithSink returns CM_ERROR_NOT_INITIALIZED before. An OnReceive has at most 16,384 bytes.
@@ -21,9 +21,12 @@
 //
 // The answers of OpenSSL to a peer, to key updates for example, wait for room likewise. With 16 KiB of them nothing is read
 // until they have left.
-class TALVO_API CCmTransportSsl : public CCmTransportTcp {
+//
+// Through an HTTPS proxy there is a session with the proxy around that of the peer. A connection of type 1 through one has no
+// other session, and answers all options as over plain TCP.
+class TALVO_API CCmTransportSsl : public CCmTransportTcp, private talvo::ITlsLower {
 public:
-    // aType: 4, 8 or 12. The session begins with Begin.
+    // aType: 4, 8 or 12; 1: through an HTTPS proxy. The session begins with Begin.
     CCmTransportSsl(ICmReactor* aReactor, DWORD aType);
     ~CCmTransportSsl() override;
 
@@ -33,6 +36,16 @@ public:
     // aAlpn: instead of the context's protocols; empty: those. See MakeAlpnList.
     CmResult Begin(const CCmRefPtrT<CCmSslContext>& aContext, const char* aServerName,
                    const std::vector<unsigned char>& aAlpn = {});
+
+    // Before Begin, once: the session with an HTTPS proxy. Results as Begin.
+    CmResult BeginOuter(const CCmRefPtrT<CCmSslContext>& aContext, const char* aServerName);
+    // Null before BeginOuter, and after UseOuter.
+    talvo::CTlsSession* GetOuter() const { return m_pOuter ? &m_pOuter->GetSession() : nullptr; }
+    // For type 1, instead of Begin: the session with the proxy, whose handshake is complete, carries the peer's bytes.
+    void UseOuter();
+
+    // The handshake of Begin; also WANT_WRITE: the session with the proxy has bytes to send. Throws std::bad_alloc.
+    talvo::CTlsSession::EResult Handshake();
 
     // Null before Begin.
     talvo::CTlsSession* GetSession() const { return m_pSession.get(); }
@@ -59,13 +72,18 @@ protected:
     CmResult GetEndReason_i() const override;
 
 private:
+    int RecvSealed(char* aBuf, DWORD aLen) override { return Recv_i(aBuf, aLen); }
+    BOOL HasMoreSealed() const override { return HasReadAhead_i(); }
+    int SendSealed(const char* aBuf, DWORD aLen) override { return Send_i(aBuf, aLen); }
+
     BOOL IsUp_i() const { return m_pSession && m_pSession->IsUp(); }
     int Ended_i(talvo::CTlsSession::EResult aResult);
     void ReadOn_i();
     CmResult GetAlive_i(BOOL& aAlive);
     CmResult GetInfo_i(CCmSslInfo& aInfo) const;
 
-    CCmRefPtrT<CCmSslContext> m_pContext;  // as long as the session
+    CCmRefPtrT<CCmSslContext> m_pContext;        // as long as the session
+    std::unique_ptr<talvo::CTlsOuter> m_pOuter;  // null unless there is an HTTPS proxy
     std::unique_ptr<talvo::CTlsSession> m_pSession;
     const DWORD m_dwType;
 };
