@@ -44,6 +44,6 @@ public:
 private:
     ECmFailureCause m_Cause = CM_FAILURE_NONE;
     int m_nErrno = 0;
-    char m_szText[64] = {};
-    char m_szAttempt[88] = {};
+    char m_szText[208] = {};
+    char m_szAttempt[168] = {};
 };

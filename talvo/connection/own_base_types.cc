@@ -11,12 +11,12 @@ namespace talvo {
 
 std::span<const CBaseType> GetOwnBaseTypes() {
     static constexpr CBaseType TYPES[] = {
-        {CM_TRANSPORT_TYPE_TCP, {CCmConnectorTcp::Make, CCmAcceptorTcp::Make}},
+        {CM_TRANSPORT_TYPE_TCP, {CCmConnectorTcp::Make, CCmAcceptorTcp::Make}, TRUE},
         {CM_TRANSPORT_TYPE_UDP, {CCmConnectorUdp::Make, CCmAcceptorUdp::Make}},
-        {CM_TRANSPORT_TYPE_TLS_1_2, {CCmConnectorSsl::Make, CCmAcceptorSsl::Make}},
-        {CM_TRANSPORT_TYPE_TLS_1_3, {CCmConnectorSsl::Make, CCmAcceptorSsl::Make}},
-        {CM_TRANSPORT_TYPE_TLS, {CCmConnectorSsl::Make, CCmAcceptorSsl::Make}},
-        {0x8000, {}},  // through a proxy server: no makers yet
+        {CM_TRANSPORT_TYPE_TLS_1_2, {CCmConnectorSsl::Make, CCmAcceptorSsl::Make}, TRUE},
+        {CM_TRANSPORT_TYPE_TLS_1_3, {CCmConnectorSsl::Make, CCmAcceptorSsl::Make}, TRUE},
+        {CM_TRANSPORT_TYPE_TLS, {CCmConnectorSsl::Make, CCmAcceptorSsl::Make}, TRUE},
+        {CM_TRANSPORT_TYPE_PROXY, {}, TRUE},
     };
     return TYPES;
 }

@@ -32,13 +32,16 @@ std::vector<CCmProxyServer> CBadProxies::Order(const CCmProxyRoute& aRoute) {
 }
 
 void CBadProxies::Note(const CCmProxyServer& aServer) {
-    if (aServer.IsDirect())
-        return;
+    if (!aServer.IsDirect())
+        WithMemory([&] { Add_i(aServer); });
+}
+
+void CBadProxies::Add_i(const CCmProxyServer& aServer) {
+    CEntry entry{aServer, CCmClock::GetTimeOfDayUsec() + USEC};
+    entry.m_Server.SetCredentials("", "");
     CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
     Remove_l(aServer);
-    CCmProxyServer server;  // without credentials
-    if (CCmProxyServer::Make(aServer.GetKind(), aServer.GetHost(), aServer.GetPort(), server) == CM_OK)
-        WithMemory([&] { m_Entries.push_back({server, CCmClock::GetTimeOfDayUsec() + USEC}); });
+    m_Entries.push_back(std::move(entry));
     if (m_Entries.size() > MOST)
         m_Entries.pop_front();
     m_stCount = m_Entries.size();

@@ -31,6 +31,7 @@ private:
         int64_t m_llUntil;  // CCmClock::GetTimeOfDayUsec
     };
 
+    void Add_i(const CCmProxyServer& aServer);
     BOOL IsBad_l(const CCmProxyServer& aServer) const CM_REQUIRES(m_Mutex);
     void Remove_l(const CCmProxyServer& aServer) CM_REQUIRES(m_Mutex);
 

@@ -1,6 +1,7 @@
 #include "talvo/transport/base_types.h"
 
 #include <algorithm>
+#include <atomic>
 #include <iterator>
 
 #include "talvo/base/immortal.h"
@@ -49,7 +50,11 @@ COffers& Offers() {
     return *s_Offers;
 }
 
+std::atomic<CCmConnectorMaker> s_OverTcp{nullptr};
+
 }  // namespace
+
+void talvo::SetOwnConnectorMaker(CCmConnectorMaker aMaker) { s_OverTcp = aMaker; }
 
 CmResult cm_offer_base_type(DWORD aType, const CCmBaseTypeMakers& aMakers) {
     const talvo::CConnectionType type(aType);
@@ -67,5 +72,7 @@ CmResult cm_get_base_type(DWORD aType, CCmBaseTypeMakers& aMakers) {
     if (row == own.end())
         return CM_ERROR_INVALID_ARG;
     aMakers = row->m_Makers;
+    if (const CCmConnectorMaker overTcp = s_OverTcp; overTcp && row->m_bOverTcp)
+        aMakers.m_Connector = overTcp;
     return CM_OK;
 }

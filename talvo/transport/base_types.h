@@ -65,9 +65,14 @@ namespace talvo {
 struct CBaseType {
     DWORD m_dwType;
     CCmBaseTypeMakers m_Makers;
+    BOOL m_bOverTcp = FALSE;
 };
 
-// The library's own. The list is above the rooms that make transports: talvo/connection/own_base_types.cc.
+// A room above fills it once, before main: the connectors of the types 1, 4, 8, 12 and 0x8000, which use proxy servers.
+void SetOwnConnectorMaker(CCmConnectorMaker aMaker);
+
+// The library's own, as they are without that maker. The list is above the rooms that make transports:
+// talvo/connection/own_base_types.cc.
 std::span<const CBaseType> GetOwnBaseTypes();
 
 }  // namespace talvo

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "talvo/base/ascii.h"
+#include "talvo/base/secret.h"
 #include "talvo/base/trace.h"
 #include "talvo/base/with_memory.h"
 
@@ -107,7 +108,9 @@ CmResult ReadCredentials(string_view aText, CCmProxyServer& aServer) {
         return CM_ERROR_INVALID_ARG;
     if (stColon != string_view::npos && !PercentDecode(aText.substr(stColon + 1), strPassword))
         return CM_ERROR_INVALID_ARG;
-    return aServer.SetCredentials(strUser, strPassword);
+    const CmResult rv = aServer.SetCredentials(strUser, strPassword);
+    talvo::WipeText(strPassword);
+    return rv;
 }
 
 CmResult ReadUri(string_view aEntry, CCmProxyServer& aServer) {

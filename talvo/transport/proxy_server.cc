@@ -48,13 +48,9 @@ CmResult CCmProxyServer::Make(ECmProxyKind aKind, std::string_view aHost, WORD a
 CmResult CCmProxyServer::SetCredentials(std::string_view aUser, std::string_view aPassword) {
     if (IsDirect() || talvo::has_control(aUser) || talvo::has_control(aPassword))
         return CM_ERROR_INVALID_ARG;
-    std::shared_ptr<const CCredentials> pCredentials;
-    const BOOL bMade = aUser.empty() || talvo::WithMemory([&] {
-                           pCredentials = std::make_shared<const CCredentials>(CCmString(aUser), CCmString(aPassword));
-                       });
-    if (!bMade)
-        return CM_ERROR_OUT_OF_MEMORY;
-    m_pCredentials = std::move(pCredentials);
+    if (!aUser.empty())
+        return m_Credentials.Set(aUser, aPassword);
+    m_Credentials = {};
     return CM_OK;
 }
 
@@ -66,12 +62,4 @@ CCmString CCmProxyServer::GetText() const {
     const BOOL bBrackets = m_strHost.find(':') != CCmString::npos;
     strText += bBrackets ? "[" + m_strHost + "]" : m_strHost;
     return strText + ":" + std::to_string(m_wPort);
-}
-
-std::string_view CCmProxyServer::GetUser() const {
-    return m_pCredentials ? std::string_view(m_pCredentials->m_strUser) : std::string_view();
-}
-
-std::string_view CCmProxyServer::GetPassword() const {
-    return m_pCredentials ? std::string_view(m_pCredentials->m_strPassword) : std::string_view();
 }

@@ -1,10 +1,9 @@
 // One proxy server, or the direct way.
 #pragma once
 
-#include <memory>
 #include <string_view>
-#include <utility>
 
+#include "talvo/base/credentials.h"
 #include "talvo/base/export.h"
 #include "talvo/base/result.h"
 #include "talvo/base/types.h"
@@ -46,30 +45,19 @@ public:
     // cm_proxy_set_credentials. May throw std::bad_alloc.
     CCmString GetText() const;
 
-    BOOL HasCredentials() const { return m_pCredentials != nullptr; }
-    // Empty without credentials. Valid as long as this value or a copy of it.
-    std::string_view GetUser() const;
-    std::string_view GetPassword() const;
+    BOOL HasCredentials() const { return static_cast<bool>(m_Credentials); }
+    // Empty: there are none.
+    const CCmCredentials& GetCredentials() const { return m_Credentials; }
+    std::string_view GetUser() const { return m_Credentials.m_User.Get(); }
+    std::string_view GetPassword() const { return m_Credentials.m_Password.Get(); }
 
     bool operator==(const CCmProxyServer& aRight) const {
         return m_Kind == aRight.m_Kind && m_wPort == aRight.m_wPort && m_strHost == aRight.m_strHost;
     }
-    // Also the same user and password.
-    BOOL HasSameCredentials(const CCmProxyServer& aRight) const {
-        return HasCredentials() == aRight.HasCredentials() && GetUser() == aRight.GetUser() &&
-               GetPassword() == aRight.GetPassword();
-    }
 
 private:
-    struct CCredentials {
-        CCredentials(CCmString aUser, CCmString aPassword) : m_strUser(std::move(aUser)), m_strPassword(std::move(aPassword)) {}
-
-        CCmString m_strUser;
-        CCmString m_strPassword;
-    };
-
     ECmProxyKind m_Kind = CM_PROXY_DIRECT;
     CCmString m_strHost;
     WORD m_wPort = 0;
-    std::shared_ptr<const CCredentials> m_pCredentials;  // null: none
+    CCmCredentials m_Credentials;
 };

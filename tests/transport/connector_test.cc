@@ -40,7 +40,6 @@ TEST_F(ConnectorTest, InitJudgesTheType) {
     EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, m_pConnector->Init(CM_TRANSPORT_TYPE_TCP));
     m_pConnector = new CCmConnectorWrapper;
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pConnector->Init(3));
-    EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, m_pConnector->Init(0x8000));
     for (const DWORD dwType : {0u, 0x8001u, 0x10001u})
         EXPECT_EQ(CM_ERROR_INVALID_ARG, cm_offer_base_type(dwType, {CCmConnectorTcp::Make, nullptr}));
     CmResult rv = CM_OK;

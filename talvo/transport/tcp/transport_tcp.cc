@@ -165,7 +165,11 @@ int CCmTransportTcp::Recv_i(char* aBuf, DWORD aLen) {
             return static_cast<int>(dwTaken);
         m_pReadAhead.reset();
     }
-    const int nRecv = m_SocketTcp.Recv(aBuf, aLen);
+    return Receive_i(aBuf, aLen, 0);
+}
+
+int CCmTransportTcp::Receive_i(char* aBuf, DWORD aLen, int aFlags) {
+    const int nRecv = m_SocketTcp.Recv(aBuf, aLen, aFlags);
     if (nRecv > 0)
         return nRecv;
     if (nRecv == -1 && IsWouldBlock())

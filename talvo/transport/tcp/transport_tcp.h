@@ -1,6 +1,8 @@
 // A connected, non-blocking TCP socket as a transport.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <memory>
 
 #include "talvo/base/chain_ptr.h"
@@ -51,6 +53,8 @@ public:
     void SetLocalAddr(const CCmInetAddr& aAddr) { m_AddrLocal.Store(aAddr); }
     // Of one read; between CSocketSettings::MIN_READ and MAX_READ.
     void SetReadSize(DWORD aSize) { m_dwReadSize = aSize; }
+    // The proxy server of the connection, for CM_OPT_TRANSPORT_ROUTE; without a call there is none. May throw std::bad_alloc.
+    void SetRoute(const CCmString& aServer) { m_pRoute = std::make_unique<const CCmString>(aServer); }
     const CCmTransportCounters& GetCounters() const { return m_Counters; }
 
     // The raw socket, for a layer between socket and sink, and for a handshake before the opening. A count; 0 for Send_i, -2
@@ -58,6 +62,8 @@ public:
     // CM_OPT_TRANSPORT_TELL_END is set. Bytes of UnRecv_i come first.
     int Recv_i(char* aBuf, DWORD aLen);
     int Send_i(const char* aBuf, DWORD aLen);
+    // As Recv_i, but the bytes stay in the socket. Before any UnRecv_i.
+    int Peek_i(char* aBuf, DWORD aLen) { return Receive_i(aBuf, aLen, MSG_PEEK); }
     // Puts bytes of Recv_i back for the next reader. CM_ERROR_OUT_OF_MEMORY: nothing is put back, and the stream has a gap.
     CmResult UnRecv_i(const char* aData, DWORD aLen);
     // TRUE after Recv_i: its bytes were those of UnRecv_i, and the socket may have more.
@@ -104,6 +110,7 @@ private:
     BOOL IsWriteOnDemand_i() const {
         return m_AddrPeer.IsPath() || (m_pReactor->GetProperty() & ICmReactor::PROPERTY_WRITE_ON_DEMAND) != 0;
     }
+    int Receive_i(char* aBuf, DWORD aLen, int aFlags);
     long GetMask_i() const;
     int TellEnd_i();
     CmResult SendFailed_i(int aError);
@@ -130,6 +137,7 @@ private:
     talvo::CAtomicAddr m_AddrPeer;
     talvo::CAtomicAddr m_AddrLocal;
     std::unique_ptr<talvo::CReadAhead> m_pReadAhead;  // null unless a handshake has read too far
+    std::unique_ptr<const CCmString> m_pRoute;        // null: no proxy server
     DWORD m_dwReadSize = talvo::CNetworkBuffers::DEFAULT_READ;
     bool m_bNeedOnSend = false;
     bool m_bNeedFlush = false;  // the layer waits for room

@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/transport/tcp/transport_tcp.h"
 
 CmResult CCmTransportTcp::SetOption(DWORD aCommand, void* aArg) {
@@ -58,6 +59,10 @@ CmResult CCmTransportTcp::GetOption(DWORD aCommand, void* aArg) {
     case CM_OPT_TRANSPORT_TRAN_TYPE:
         *static_cast<DWORD*>(aArg) = CM_TRANSPORT_TYPE_TCP;
         return CM_OK;
+    case CM_OPT_TRANSPORT_ROUTE: {
+        auto& strRoute = *static_cast<CCmString*>(aArg);
+        return talvo::WithMemory([&] { strRoute = m_pRoute ? *m_pRoute : "direct://"; }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
+    }
     case CM_OPT_TRANSPORT_PEER_CREDENTIALS:
         return GetPeerCredentials_i(*static_cast<ucred*>(aArg));
     case CM_OPT_TRANSPORT_READ_SIZE:
