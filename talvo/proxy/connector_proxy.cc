@@ -252,7 +252,8 @@ void CConnectorProxy::Close() {
     m_bReportDue = FALSE;
     if (m_pTunnel)
         m_pTunnel->Stop();
-    m_pDirect->Close();
+    if (m_pDirect)
+        m_pDirect->Close();
 }
 
 }  // namespace talvo
