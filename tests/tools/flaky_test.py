@@ -2,6 +2,7 @@
 """Breaks connections with the program's own forwarder."""
 import json
 import os
+import signal
 import socket
 import unittest
 
@@ -36,6 +37,14 @@ class FlakyTest(ProgramTest):
                 seen.add(str(faults))
                 self.assertEqual((2, 3, 2), (len(faults), statistics["connections"], statistics["faults"]))
             self.assertEqual(1, len(seen))
+
+    def test_a_restarted_server_is_named_as_the_cause(self):
+        echo = self.serve("echo", "--type", "reliable")
+        ping = self.start("ping", "--type", "reliable", echo.address, "--interval", 1, "--count", 1000000)
+        ping.stdout.readline()
+        echo.end(signal.SIGKILL)
+        self.start("echo", "--type", "reliable", "--host", HOST, "--port", echo.port)
+        self.assertIn("the peer does not have the connection", ping.communicate(timeout=PATIENCE)[1])
 
     def test_each_fault_is_made_at_its_byte(self):
         listener = self.enterContext(socket.create_server((HOST, 0)))

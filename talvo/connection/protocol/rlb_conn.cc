@@ -296,6 +296,10 @@ void CRlbConn::Final_i(CmResult aReason) {
     const BOOL bOpened = m_wStatus == CS_STATUS_CONNECTED || m_wStatus == CS_STATUS_RECONNECTING;
     m_pReconnectSink = nullptr;
     m_Deadline.Cancel();
+    if (aReason == CM_ERROR_NETWORK_PEER_NOT_BACK || aReason == CM_ERROR_NETWORK_RECONNECT_FAILED)
+        NoteFailure_i(CM_FAILURE_SILENCE, "the peer was not reached again in time");
+    else if (aReason == CM_ERROR_NETWORK_CONNECT_REFUSED)
+        NoteFailure_i(CM_FAILURE_PROTOCOL, "the peer does not have the connection");
     Ending_i(FALSE, aReason);
     End_i(CM_ERROR_NETWORK_CONNECT_TIMEOUT);
     if (bOpened)
