@@ -49,6 +49,10 @@ void RecvSession::OnDisconnect(CmResult aReason, ICmTransport*) {
 
 void RecvSession::OnTimer(CCmTimerWrapperID*) {
     EndUnless([&] {
+        CCmReconnectStatus gaps;
+        if (m_State == WAIT_HELLO && m_pTransport->GetOption(CM_OPT_TRANSPORT_RECONNECT_STATUS, &gaps) == CM_OK &&
+            gaps.m_bSuspended)
+            return m_Timer.Schedule(this, CCmTimeValue(HELLO_SECONDS), 1) == CM_OK;
         if (m_State == WAIT_HELLO)
             return Fault("it sent nothing for " + std::to_string(HELLO_SECONDS) + " seconds");
         return Answer(EncodeFrame(EFrame::ACCEPT));
