@@ -1,5 +1,5 @@
-// Messages between two programs, on this library's length-prefixed connections or its package connections. In both programs the
-// application's thread, the main thread, is not the network thread. message.h describes the messages, server.h the counts.
+// Messages between two programs, on this library's connections for messages. In both programs the application's thread, the
+// main thread, is not the network thread. message.h describes the messages, server.h the counts.
 //
 // stream sends max(COUNT/10, 100) D to warm up, then COUNT, each part after the answer to an E, and prints
 // {"msgs_s":...,"mb_s":...}, millions of bytes. ping sends COUNT P, one at a time, and prints
@@ -18,8 +18,9 @@
 namespace {
 
 constexpr const char* USAGE =
-    "usage: talvo_bench_msg server PORT [--type length|package]\n"
-    "       talvo_bench_msg client PORT stream|ping SIZE COUNT [--type length|package]\n"
+    "usage: talvo_bench_msg server PORT [--type TYPE]\n"
+    "       talvo_bench_msg client PORT stream|ping SIZE COUNT [--type TYPE]\n"
+    "TYPE: length, package, reliable or reliable-plain\n"
     "SIZE: 10 to 16777216 bytes\n";
 
 [[noreturn]] void ExitWithUsage() {

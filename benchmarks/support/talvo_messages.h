@@ -17,11 +17,16 @@ inline void Expect(CmResult aResult) {
     std::exit(1);
 }
 
-// The type of connection named "length" or "package"; 0: unknown name.
+// The type of connection named "length", "package", "reliable" or "reliable-plain"; 0: unknown name.
 inline DWORD MessageType(const std::string& aName) {
+    using Manager = CCmConnectionManager;
     if (aName == "length")
-        return CCmConnectionManager::CTYPE_TCP | CCmConnectionManager::CTYPE_PDU_LENGTH;
-    return aName == "package" ? CCmConnectionManager::CTYPE_TCP | CCmConnectionManager::CTYPE_PDU_PACKAGE : 0;
+        return Manager::CTYPE_TCP | Manager::CTYPE_PDU_LENGTH;
+    if (aName == "package")
+        return Manager::CTYPE_TCP | Manager::CTYPE_PDU_PACKAGE;
+    if (aName == "reliable")
+        return Manager::CTYPE_TCP | Manager::CTYPE_PDU_RELIABLE | Manager::CTYPE_RECONNECT_TOKEN;
+    return aName == "reliable-plain" ? Manager::CTYPE_TCP | Manager::CTYPE_PDU_RELIABLE : 0;
 }
 
 // The same, and also "raw" and "nopartial".
