@@ -2,11 +2,11 @@
 #include "talvo/connection/protocol/conn_base.h"
 #include "talvo/transport/reconnect_sink.h"
 #include "tests/support/network_fixture.h"
+#include "tests/support/tls_certificates.h"
 
 namespace {
 
-constexpr DWORD TYPE =
-    CCmConnectionManager::CTYPE_PDU_RELIABLE | CCmConnectionManager::CTYPE_RECONNECT_TOKEN | CCmConnectionManager::CTYPE_TCP;
+constexpr DWORD RELIABLE = CCmConnectionManager::CTYPE_PDU_RELIABLE | CCmConnectionManager::CTYPE_RECONNECT_TOKEN;
 
 // Messages and gaps in the order of their calls.
 class CUser : public CTestSink, public ICmReconnectSink {
@@ -23,15 +23,25 @@ public:
     std::string m_strOrder;
 };
 
+class RlbProxyTest : public testing::TestWithParam<DWORD> {};
+
 }  // namespace
 
-TEST(RlbProxyTest, MessagesAndGapsComeInOrder) {
+TEST_P(RlbProxyTest, MessagesAndGapsComeInOrder) {
+    const BOOL bTls = GetParam() == CM_TRANSPORT_TYPE_TLS;
     CTestNetwork network;
     CTestConnectSink servers, clients;
     CUser server, client;
     CCmInetAddr addr, addrInner;
-    const auto pAcceptor = network.Listen(servers, addr, TYPE);
-    auto pConnector = network.MakeConnector(TYPE);
+    const auto pAcceptor = network.MakeAcceptor(RELIABLE | GetParam());
+    auto pConnector = network.MakeConnector(RELIABLE | GetParam());
+    if (bTls) {
+        Set(*cm_get_connect_options(pAcceptor.Get()), CM_OPT_CONNECT_SSL_CONTEXT, CTestCertificates::Get().MakeServer());
+        Set(*cm_get_connect_options(pConnector.Get()), CM_OPT_CONNECT_SSL_CONTEXT, CTestCertificates::Get().MakeClient());
+        Set(*cm_get_connect_options(pConnector.Get()), CM_OPT_CONNECT_SERVER_NAME, CCmString("localhost"));
+    }
+    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&servers, Loopback()));
+    pAcceptor->GetListenAddr(addr);
     pConnector->AsycConnect(&clients, addr);
     network.RunUntil([&] { return servers.Count() == 1 && clients.Count() == 1; });
     pConnector.Reset();
@@ -57,6 +67,8 @@ TEST(RlbProxyTest, MessagesAndGapsComeInOrder) {
     network.InNetwork([&] { pInner->GetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &addrInner); });
     EXPECT_EQ(addrInner, Get<CCmInetAddr>(ours, CM_OPT_TRANSPORT_LOCAL_ADDR));  // of the new transport
     EXPECT_EQ(1u, Get<CCmReconnectStatus>(ours, CM_OPT_TRANSPORT_RECONNECT_STATUS).m_dwResumed);
+    // Over TLS the new transport has the connector's settings, and continues the session.
+    EXPECT_TRUE(!bTls || Get<CCmSslInfo>(ours, CM_OPT_TRANSPORT_SSL_INFO).m_bResumed);
     // Accepted messages are acknowledged before an orderly end.
     EXPECT_EQ(CM_OK, SendText(ours, "3"));
     EXPECT_EQ(CM_OK, ours.Disconnect(CM_OK));
@@ -64,3 +76,5 @@ TEST(RlbProxyTest, MessagesAndGapsComeInOrder) {
     EXPECT_EQ("1 suspended resumed 2 3 ", server.m_strOrder);
     EXPECT_EQ(CM_OK, server.m_Reason);
 }
+
+INSTANTIATE_TEST_SUITE_P(Over, RlbProxyTest, testing::Values(CM_TRANSPORT_TYPE_TCP, CM_TRANSPORT_TYPE_TLS));

@@ -47,6 +47,12 @@ public:
                 m_ToSend.pop_front();
         }
     }
+    // The network breaks the connection: both ends notice.
+    void Cut() {
+        HANDLE fd = CM_INVALID_HANDLE;
+        if (m_pTransport && CWorld::Do([&] { return m_pTransport->GetOption(CM_OPT_TRANSPORT_FD, &fd); }) == CM_OK)
+            shutdown(fd, SHUT_RDWR);
+    }
     BOOL IsOver() const { return !m_pTransport; }
 
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {

@@ -15,6 +15,8 @@ constexpr DWORD TCP = CCmConnectionManager::CTYPE_TCP;
 constexpr DWORD UDP = CCmConnectionManager::CTYPE_UDP;
 constexpr DWORD LENGTH = CCmConnectionManager::CTYPE_PDU_LENGTH;
 constexpr DWORD PACKAGE = CCmConnectionManager::CTYPE_PDU_PACKAGE;
+constexpr DWORD RELIABLE = CCmConnectionManager::CTYPE_PDU_RELIABLE;
+constexpr DWORD TOKEN = RELIABLE | CCmConnectionManager::CTYPE_RECONNECT_TOKEN;
 constexpr DWORD NO_PARTIAL = CCmConnectionManager::CTYPE_SEND_NO_PARTIAL_DATA;
 constexpr DWORD PROXY = CCmConnectionManager::CTYPE_FORCE_THREAD_PROXY;
 
@@ -41,8 +43,11 @@ bool EchoAll(CWorld& aWorld, DWORD aType) {
     CServer server;
     CClient client;
     bool bAll = server.Start(aType) == CM_OK && client.Connect(aWorld, aType, server.m_Addr);
-    for (const size_t nSize : {size_t{100}, size_t{2000}, bDatagrams ? size_t{5000} : size_t{40000}})
+    for (const size_t nSize : {size_t{100}, size_t{2000}, bDatagrams ? size_t{5000} : size_t{40000}}) {
+        if (bAll && nSize > 100 && (aType & RELIABLE) == RELIABLE)
+            client.m_Ends.front().Cut();
         bAll = bAll && Echo(aWorld, server, client.m_Ends.front(), Pattern(nSize, static_cast<unsigned>(nSize)), bDatagrams);
+    }
     client.m_Ends.clear();
     const auto isOver = [&] { return std::ranges::all_of(server.m_Ends, [](const CEnd& a) { return a.IsOver(); }); };
     Require(bDatagrams || aWorld.Run(isOver), "a server's connection has no end");
@@ -232,6 +237,8 @@ const std::vector<CScenario> SCENARIOS = {
     EchoOf("Length", TCP | LENGTH),
     EchoOf("Package", TCP | PACKAGE),
     EchoOf("NoPartialData", TCP | NO_PARTIAL),
+    EchoOf("Reliable", TCP | TOKEN),
+    EchoOf("ReliablePlainProxy", TCP | RELIABLE | PROXY),
     EchoOf("Udp", UDP),
     EchoOf("PackageOverUdp", UDP | PACKAGE),
     EchoOf("TcpProxy", TCP | PROXY),
