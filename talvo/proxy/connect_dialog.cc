@@ -12,6 +12,7 @@ namespace {
 using Atoms = CCmHttpAtomList;
 
 constexpr int NEEDS_LOGIN = 407;
+constexpr int WRONG_LOGIN = 401;  // of some proxies, in place of a second 407
 
 // The reason that a status stands for; CM_OK: the tunnel is open.
 CmResult ReasonOf(int aStatus) {
@@ -71,7 +72,7 @@ IProxyDialog::EStep CConnectDialog::Judge_i(CCmString& aOut) {
         m_Reply.Clear();
         return ++m_dwInterim <= MOST_INTERIM ? TALK : Malformed_i("too many interim replies");
     }
-    if (nStatus == NEEDS_LOGIN)
+    if (nStatus == NEEDS_LOGIN || nStatus == WRONG_LOGIN)
         return Challenged_i(aOut);
     m_Login.OnAccepted();
     const CmResult reason = ReasonOf(nStatus);

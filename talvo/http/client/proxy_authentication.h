@@ -48,7 +48,8 @@ public:
     // "host:port" for CONNECT. CM_OK, CM_ERROR_OUT_OF_MEMORY.
     CmResult Authorize(std::string_view aMethod, std::string_view aTarget, CCmSecret& aValue);
 
-    // A 407 came with these values of Proxy-Authenticate, merged by line feeds; "": none. aStaysOpen: the connection can carry
+    // A 407 came with these values of Proxy-Authenticate, merged by line feeds; "": none. So does a 401 to CONNECT, with which
+    // some proxies refuse credentials. aStaysOpen: the connection can carry
     // another request. CM_OK: repeat the request with the new value of Authorize. CM_ERROR_WOULD_BLOCK: the user is asked for
     // credentials; one OnProxyAuthentication follows, not inside this call. CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE: give up.
     // CM_ERROR_OUT_OF_MEMORY.

@@ -12,6 +12,8 @@ constexpr DWORD MAX_NEGOTIATIONS = 6;  // one for each set of credentials, and s
 }  // namespace
 
 CHttpAuthState::EVerdict CHttpAuthState::OnChallenges(std::string_view aChallenges, BOOL aNtlm, BOOL aStaysOpen) {
+    if (aChallenges.empty() && !IsNtlm() && std::exchange(m_bTried, FALSE))
+        return REFUSED;
     CHttpOffer offer = ReadHttpOffer(aChallenges, aNtlm);
     if (offer.m_Scheme == EHttpScheme::NONE)
         return HOPELESS;

@@ -16,7 +16,8 @@ public:
         REFUSED    // the credentials were refused: repeat it with others
     };
 
-    // A refusal (401, 407) with these challenges came over the present connection, which stays open if aStaysOpen.
+    // A refusal (401, 407) with these challenges came over the present connection, which stays open if aStaysOpen. "": some
+    // proxies refuse credentials without repeating their challenge, so that the last one holds.
     EVerdict OnChallenges(std::string_view aChallenges, BOOL aNtlm, BOOL aStaysOpen);
 
     // Takes up the offer of an earlier request to send credentials before they are asked for. A refusal of these is not one of
