@@ -1,3 +1,4 @@
+#include "talvo/http/message/ntlm_permission.h"
 #include "talvo/transport/bad_proxies.h"
 #include "talvo/transport/proxy_credentials.h"
 #include "tests/http/client_fixture.h"
@@ -143,4 +144,41 @@ TEST_F(HttpClientProxyTest, WaitsForTheUser) {
         EXPECT_EQ(strResult, client.Result());
     }
     ICmProxyCredentials::Set(pBefore);
+}
+
+// NTLM authenticates a connection: it carries all three messages, and serves its user alone from then on.
+TEST_F(HttpClientProxyTest, AConnectionOfNtlmServesOneUser) {
+    talvo::AllowNtlm(TRUE);
+    const std::string strChallenge =
+        "TlRMTVNTUAACAAAADAAMADgAAAAzgoriASNFZ4mrze8AAAAAAAAAACQAJABEAAAABgBwFwAAAA9TAGUAcgB2AGUAcgACAAwARABvAG0AYQBpAG4AAQAMAF"
+        "MAZQ"
+        "ByAHYAZQByAAAAAAA=";
+    for (const bool bProxy : {true, false}) {
+        const auto ask = [bProxy](const std::string& aToken) {
+            return Answer(bProxy ? "407 Who" : "401 Who",
+                          (bProxy ? "Proxy-Authenticate: NTLM" : "WWW-Authenticate: NTLM") + aToken + "\r\n", "out");
+        };
+        const CAnswer found = Answer("200 OK", "", "in"), second = ask(" " + strChallenge);
+        CAnswer closes = second;
+        closes.m_End = CAnswer::CLOSES;
+        const CScriptServer peer({{ask(""), ask(""), ask(""), ask("")}, {second, found, found}, {second, found}, {closes}});
+        const auto get = [&](const std::string& aUser) {
+            return Get(bProxy ? "http://a.test/" : peer.GetUrl(), bProxy ? Proxy(peer, aUser + ":p@") : "direct",
+                       [&](CTestHttpClient& a) { a.m_pChannel->SetCredentials(bProxy ? "x" : aUser, "p"); });
+        };
+        EXPECT_EQ("200 in", get("u"));
+        EXPECT_EQ(2u, peer.GetConnections());
+        const size_t stFirst = peer.m_Requests.size();
+        EXPECT_EQ(3u, stFirst);
+        EXPECT_NE(std::string::npos, peer.m_Requests[1].find("Authorization: NTLM TlRMTVNTUAAB"));
+        EXPECT_NE(std::string::npos, peer.m_Requests[2].find("Authorization: NTLM TlRMTVNTUAAD"));
+        EXPECT_EQ("200 in", get("u"));
+        EXPECT_EQ(2u, peer.GetConnections());
+        EXPECT_EQ(std::string::npos, peer.m_Requests.back().find("Authorization"));
+        EXPECT_EQ("200 in", get("v"));
+        EXPECT_EQ(3u, peer.GetConnections());
+        EXPECT_EQ("0  !20008", get("w")) << "a connection that closes in between is no reason for another attempt";
+        EXPECT_EQ(4u, peer.GetConnections());
+    }
+    talvo::AllowNtlm(FALSE);
 }

@@ -137,18 +137,30 @@ CmResult CCmChannelHttpClient::StartExchange_i() {
     talvo::CHttpDestination to;
     CmResult rv = m_Route.MakeDestination(*m_pUrl, to);
     if (rv == CM_OK)
-        rv = MeetProxy_i(to);
-    return rv == CM_OK ? m_Exchange.Start(m_Request, to, m_Route.GetConnectMs()) : rv;
+        rv = MeetProxy_i(to.m_Proxy);
+    if (rv != CM_OK)
+        return rv;
+    to.m_Identity = to.m_Proxy.IsDirect() ? m_Authenticator.GetIdentity() : m_pProxyAuthentication->GetIdentity();
+    return m_Exchange.Start(m_Request, to, m_Route.GetConnectMs());
 }
 
+// A reused connection has its identity, because refused ones are not used again.
 CCmString CCmChannelHttpClient::OnExchangeConnection(talvo::EHttpConnection aConnection) {
+    m_Route.OnConnected();
+    const BOOL bProxy = m_Route.GetHttpProxy() != nullptr, bReused = aConnection == talvo::EHttpConnection::REUSED;
+    if (bProxy && aConnection != talvo::EHttpConnection::SAME)
+        m_pProxyAuthentication->OnConnection(bReused && m_pProxyAuthentication->GetIdentity());
+    if (!bProxy && aConnection != talvo::EHttpConnection::SAME)
+        m_Authenticator.OnConnection(bReused && m_Authenticator.GetIdentity());
+    const char* pMethod = m_Request.GetMethod();
     talvo::CHttpHeadParts parts;
     parts.m_strTarget = talvo::MakeHttpTarget(*m_pUrl);
     parts.m_bKeepAlive = !!m_Exchange.GetSettings().m_dwKeepAlive;
-    CmResult rv =
-        m_Authenticator.Authorize(m_Request.GetMethod().operator const char*(), parts.m_strTarget, parts.m_Authorization);
-    if (rv == CM_OK)
-        rv = AddProxyParts_i(aConnection, parts);
+    CmResult rv = CM_OK;
+    if (!bProxy || !m_Authenticator.GetIdentity())
+        rv = m_Authenticator.Authorize(pMethod, parts.m_strTarget, parts.m_Authorization);
+    if (rv == CM_OK && bProxy)
+        rv = AddProxyParts_i(parts);
     CCmString strHead = rv == CM_OK ? m_Request.MakeHead(*m_pUrl, parts) : CCmString();
     if (strHead.empty())
         throw std::bad_alloc();

@@ -87,11 +87,12 @@ private:
     CmResult CheckUrl_i() const;
     CmResult StartExchange_i();
     void StartNext_i();
-    CmResult MeetProxy_i(talvo::CHttpDestination& aTo);
-    CmResult AddProxyParts_i(talvo::EHttpConnection aConnection, talvo::CHttpHeadParts& aParts);
+    CmResult MeetProxy_i(const CCmProxyServer& aProxy);
+    CmResult AddProxyParts_i(talvo::CHttpHeadParts& aParts);
     ENext JudgeHead_i();
     ENext JudgeProxy_i();
-    BOOL IsProxySameConnection_i() const;
+    BOOL JudgeOrigin_i();
+    BOOL NeedsSameConnection_i() const;
     CmResult GoOn_i();
     CmResult Follow_i();
     CmResult RefuseLocation_i();

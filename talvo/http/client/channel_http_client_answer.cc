@@ -48,8 +48,7 @@ CCmChannelHttpClient::ENext CCmChannelHttpClient::JudgeHead_i() {
     const CCmHttpResponseHead& head = m_Exchange.GetHead();
     if (const ENext next = m_Route.GetHttpProxy() ? JudgeProxy_i() : NOTHING; next != NOTHING)
         return next;
-    const CCmString* pChallenges = head.FindHeader(CCmHttpAtomList::WWW_Authenticate);
-    if (head.GetStatus() == 401 && pChallenges && !m_Request.IsStreamed() && m_Authenticator.OnChallenges(*pChallenges))
+    if (JudgeOrigin_i())
         return REPEAT;
     const CCmString* pLocation = head.FindHeader(CCmHttpAtomList::Location);
     if (!talvo::IsHttpRedirect(head.GetStatus()) || !pLocation || m_dwMaxRedirects == 0)
@@ -58,6 +57,26 @@ CCmChannelHttpClient::ENext CCmChannelHttpClient::JudgeHead_i() {
         return NOTHING;
     m_strLocation = *pLocation;
     return REDIRECT;
+}
+
+// TRUE: the request is repeated with credentials.
+BOOL CCmChannelHttpClient::JudgeOrigin_i() {
+    const CCmHttpResponseHead& head = m_Exchange.GetHead();
+    if (head.GetStatus() != 401) {
+        m_Authenticator.OnAccepted();
+        return FALSE;
+    }
+    const CCmString* pChallenges = head.FindHeader(CCmHttpAtomList::WWW_Authenticate);
+    if (!pChallenges || m_Request.IsStreamed() ||
+        !m_Authenticator.OnChallenges(*pChallenges, !m_Route.GetHttpProxy(), m_Exchange.MayStayOpen()))
+        return FALSE;
+    if (m_Authenticator.NeedsSameConnection())
+        m_Exchange.KeepConnection();
+    return TRUE;
+}
+
+BOOL CCmChannelHttpClient::NeedsSameConnection_i() const {
+    return m_Route.GetHttpProxy() ? m_pProxyAuthentication->NeedsSameConnection() : m_Authenticator.NeedsSameConnection();
 }
 
 void CCmChannelHttpClient::OnExchangeBody(CCmMessageBlock& aData) {
@@ -86,8 +105,9 @@ void CCmChannelHttpClient::OnExchangeRoom() {
 // If the answer is not for the user, only an end for lack of memory matters.
 void CCmChannelHttpClient::OnExchangeEnd(CmResult aCause, const char* aText) {
     if (m_Next != NOTHING && aCause != CM_ERROR_OUT_OF_MEMORY) {
-        if (m_Next == REPEAT && IsProxySameConnection_i() && !m_Exchange.HasKeptConnection())
-            Fail_i(CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE, "the proxy closed a connection that it had half authenticated");
+        if (m_Next == REPEAT && NeedsSameConnection_i() && !m_Exchange.HasKeptConnection())
+            Fail_i(m_Route.GetHttpProxy() ? CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE : CM_ERROR_NETWORK_SOCKET_ERROR,
+                   "the connection was closed inside its authentication");
         else if (m_Next != ASK)
             StartNext_i();
     } else if (m_Exchange.IsUnconnected() && m_Route.OnUnconnected(aCause)) {

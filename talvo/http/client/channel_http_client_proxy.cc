@@ -8,39 +8,27 @@
 // Requests in absolute form, which go to an HTTP proxy, and its challenges.
 
 // Credentials never go from one proxy to another.
-CmResult CCmChannelHttpClient::MeetProxy_i(talvo::CHttpDestination& aTo) {
-    if (!(aTo.m_Proxy == m_FirstProxy))
+CmResult CCmChannelHttpClient::MeetProxy_i(const CCmProxyServer& aProxy) {
+    if (!(aProxy == m_FirstProxy))
         m_Request.LeaveProxy();
-    if (aTo.m_Proxy.IsDirect())
+    if (aProxy.IsDirect() || (m_pProxyAuthentication && aProxy == m_Proxy))
         return CM_OK;
-    if (!m_pProxyAuthentication || !(aTo.m_Proxy == m_Proxy)) {
-        CCmCredentials credentials;
-        CmResult rv = credentials.Set(aTo.m_Proxy.GetUser(), aTo.m_Proxy.GetPassword());
-        if (rv != CM_OK)
-            return rv;
-        talvo::IProxyAuthenticationUser& user = *this;
-        m_bProxyRefuses = FALSE;
-        m_Proxy = aTo.m_Proxy;
-        m_pProxyAuthentication = std::make_unique<talvo::CProxyAuthentication>(user, m_Proxy.GetText(), credentials);
-        rv = m_pProxyAuthentication->Start();
-        if (rv != CM_OK)
-            return rv;
-    }
-    aTo.m_Identity = m_pProxyAuthentication->GetIdentity();
-    return CM_OK;
+    CCmCredentials credentials;
+    const CmResult rv = credentials.Set(aProxy.GetUser(), aProxy.GetPassword());
+    if (rv != CM_OK)
+        return rv;
+    talvo::IProxyAuthenticationUser& user = *this;
+    m_bProxyRefuses = FALSE;
+    m_Proxy = aProxy;
+    m_pProxyAuthentication = std::make_unique<talvo::CProxyAuthentication>(user, m_Proxy.GetText(), credentials);
+    return m_pProxyAuthentication->Start();
 }
 
-CmResult CCmChannelHttpClient::AddProxyParts_i(talvo::EHttpConnection aConnection, talvo::CHttpHeadParts& aParts) {
-    m_Route.OnConnected();
-    if (!m_Route.GetHttpProxy())
-        return CM_OK;
+CmResult CCmChannelHttpClient::AddProxyParts_i(talvo::CHttpHeadParts& aParts) {
     aParts.m_bProxy = TRUE;
     aParts.m_strTarget = talvo::MakeAbsoluteHttpTarget(*m_pUrl);
     if (m_bProxyRefuses)
         return CM_OK;
-    if (aConnection != talvo::EHttpConnection::SAME)
-        m_pProxyAuthentication->OnConnection(aConnection == talvo::EHttpConnection::REUSED &&
-                                             m_pProxyAuthentication->GetIdentity());
     return m_pProxyAuthentication->Authorize(m_Request.GetMethod().operator const char*(), aParts.m_strTarget,
                                              aParts.m_ProxyAuthorization);
 }
@@ -62,10 +50,6 @@ CCmChannelHttpClient::ENext CCmChannelHttpClient::JudgeProxy_i() {
     if (rv == CM_OK && m_pProxyAuthentication->NeedsSameConnection())
         m_Exchange.KeepConnection();
     return rv == CM_OK ? REPEAT : rv == CM_ERROR_WOULD_BLOCK ? ASK : NOTHING;
-}
-
-BOOL CCmChannelHttpClient::IsProxySameConnection_i() const {
-    return m_Route.GetHttpProxy() && m_pProxyAuthentication->NeedsSameConnection();
 }
 
 // Without credentials the request is repeated for the proxy's answer: the one before has been skipped.
