@@ -42,9 +42,9 @@ public:
     // connection. CM_ERROR_OUT_OF_MEMORY. CM_ERROR_INVALID_ARG: 4 GiB and more.
     virtual CmResult SetRequestBody(const CCmMessageBlock& aBody) = 0;
 
-    // For Basic and Digest (MD5 and SHA-256). Uses the strongest scheme that the server offers, and sends nothing before its
-    // challenge. If the server refuses them, the 401 is delivered. Only for the URL's own scheme, host and port.
-    // CM_ERROR_INVALID_ARG: control characters, or a colon in the name.
+    // For Basic, Digest (MD5 and SHA-256) and, if it is allowed, NTLM, where aUser may be "DOMAIN\user". Uses the strongest
+    // scheme that the server offers, and sends nothing before its challenge. If the server refuses them, the 401 is delivered.
+    // Only for the URL's own scheme, host and port. CM_ERROR_INVALID_ARG: control characters, or a colon in the name.
     virtual CmResult SetCredentials(const CCmString& aUser, const CCmString& aPassword) = 0;
 
     // Ends a body that is sent in chunks with SendData. CM_ERROR_NOT_AVAILABLE: no such body is in progress.

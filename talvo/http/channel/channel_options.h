@@ -22,11 +22,13 @@ enum ECmChannelOption : DWORD {
     CM_OPT_CHANNEL_ALLOW_DOWNGRADE = 308,
 
     // For HTTP client channels, get and set CCmInetAddr (CCmInetAddr::s_InetAddrAny): all connections of the channel go to this
-    // address, also after redirects, and not to the URL's host and port. A Unix path serves for HTTP inside a machine.
+    // address, also after redirects, and not to the URL's host and port. A Unix path serves for HTTP inside a machine. With
+    // proxies a tunnel leads to the address; a path is connected directly.
     CM_OPT_CHANNEL_CONNECT_TO = 309,
 
     // For HTTP client channels, get and set CCmRefPtrT<CCmSslContext>: for https. Null, the default:
     // CCmSslContext::GetDefault(). The certificate must have the URL's host as its name, whatever CM_OPT_CHANNEL_CONNECT_TO is.
+    // TLS to an HTTPS proxy uses the default.
     CM_OPT_CHANNEL_SSL_CONTEXT = 310,
 
     // Options of HTTP server acceptors and channels begin with 331.

@@ -141,7 +141,7 @@ CmResult CCmChannelHttpClient::StartExchange_i() {
     if (rv != CM_OK)
         return rv;
     to.m_Identity = to.m_Proxy.IsDirect() ? m_Authenticator.GetIdentity() : m_pProxyAuthentication->GetIdentity();
-    return m_Exchange.Start(m_Request, to, m_Route.GetConnectMs());
+    return m_Exchange.Start(m_Request, to, m_Route.BeginConnect());
 }
 
 // A reused connection has its identity, because refused ones are not used again.

@@ -208,9 +208,10 @@ void CCmChannelHttpClient::NoteFailure_i(CmResult aCause, std::string_view aText
     m_LastFailure = m_Exchange.GetFailure();
     talvo::WithMemory([&] {
         m_strFailure = aText;
+        CCmInetAddr addr;
+        addr.SetName(m_pUrl->GetHostName().c_str(), m_pUrl->GetPort());  // only its text is needed: no look-up
         if (!m_LastFailure)
-            m_LastFailure = CCmFailure(CauseOf(aCause), m_strFailure.c_str(), "exchange with",
-                                       CCmInetAddr(m_pUrl->GetHostName().c_str(), m_pUrl->GetPort()));
+            m_LastFailure = CCmFailure(CauseOf(aCause), m_strFailure.c_str(), "exchange with", addr);
     });
 }
 

@@ -14,12 +14,10 @@ namespace talvo {
 
 namespace {
 
-constexpr DWORD SERVER_TIMEOUT_MS = 10'000;
+constexpr DWORD SERVER_TIMEOUT_MS = 10'000;  // until the next server is tried
 
-DWORD ServerTimeoutMs() {
-    const DWORD dwMs = get_uint32_param("HttpProxy", "ServerTimeoutMs", SERVER_TIMEOUT_MS);
-    return dwMs > 0 ? dwMs : SERVER_TIMEOUT_MS;
-}
+// Of two limits in milliseconds, 0 for none.
+DWORD LowerLimit(DWORD a, DWORD b) { return a == 0 || b == 0 ? std::max(a, b) : std::min(a, b); }
 
 BOOL IsHttpProxy(const CCmProxyServer& aServer) {
     return aServer.GetKind() == CM_PROXY_HTTP || aServer.GetKind() == CM_PROXY_HTTPS;
@@ -47,7 +45,7 @@ void CHttpClientRoute::Begin(const CCmHttpUrl& aUrl, DWORD aConnectMs) {
     m_dwConnectMs = aConnectMs;
     if (m_Proxies.IsEmpty() || m_Proxies.IsDirect() || m_AddrConnectTo.GetType() == AF_UNIX)
         return;
-    m_llConnectUntil = CCmClock::GetTimeOfDayUsec() + int64_t{aConnectMs} * 1000;
+    m_llConnectUntil = 0;
     m_bAbsolute = aUrl.GetScheme() == "http" && m_AddrConnectTo == CCmInetAddr::s_InetAddrAny;
     if (m_bAbsolute)
         Split_i();
@@ -85,17 +83,23 @@ CmResult CHttpClientRoute::MakeDestination(const CCmHttpUrl& aUrl, CHttpDestinat
     return bTls && !aTo.m_pContext ? CM_ERROR_OUT_OF_MEMORY : CM_OK;
 }
 
-DWORD CHttpClientRoute::GetConnectMs() const {
+// A tunnel's connector limits the time for each of its servers.
+DWORD CHttpClientRoute::BeginConnect() {
     if (m_Ways.empty())
         return m_dwConnectMs;
-    const int64_t llRest = (m_llConnectUntil - CCmClock::GetTimeOfDayUsec()) / 1000;
-    const DWORD dwRest = static_cast<DWORD>(std::max<int64_t>(llRest, 1));
-    if (!GetHttpProxy())
-        return m_dwConnectMs > 0 ? dwRest : 0;
-    return m_dwConnectMs > 0 ? std::min(dwRest, ServerTimeoutMs()) : ServerTimeoutMs();
+    const int64_t llNow = CCmClock::GetTimeOfDayUsec();
+    if (m_llConnectUntil == 0)
+        m_llConnectUntil = llNow + int64_t{m_dwConnectMs} * 1000;
+    const int64_t llRest = (m_llConnectUntil - llNow) / 1000;
+    const DWORD dwRest = m_dwConnectMs > 0 ? static_cast<DWORD>(std::max<int64_t>(llRest, 1)) : 0;
+    const BOOL bLast = m_stWay + 1 == m_Ways.size();
+    if (!GetHttpProxy() && (bLast || !m_Ways[m_stWay].IsDirect()))
+        return dwRest;
+    return LowerLimit(dwRest, get_uint32_param("HttpProxy", "ServerTimeoutMs", SERVER_TIMEOUT_MS));
 }
 
-void CHttpClientRoute::OnConnected() const {
+void CHttpClientRoute::OnConnected() {
+    m_llConnectUntil = 0;
     if (const CCmProxyServer* pProxy = GetHttpProxy())
         CBadProxies::Instance().Forgive(*pProxy);
 }
@@ -108,7 +112,7 @@ BOOL CHttpClientRoute::IsUnreached_i(CmResult aReason) const {
     if (!GetHttpProxy() && !servers.back().IsDirect())
         return aReason == CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE;
     return aReason == CM_ERROR_NETWORK_CONNECT_TIMEOUT || aReason == CM_ERROR_NETWORK_CONNECT_ERROR ||
-           aReason == CM_ERROR_NETWORK_DNS_FAILURE;
+           aReason == CM_ERROR_NETWORK_DNS_FAILURE || (GetHttpProxy() && aReason == CM_ERROR_NETWORK_TLS_HANDSHAKE);
 }
 
 BOOL CHttpClientRoute::OnUnconnected(CmResult& aReason) {

@@ -19,18 +19,19 @@ public:
     // Empty, the default: there are no proxies.
     void SetProxies(const CCmProxyRoute& aProxies) { m_Proxies = aProxies; }
 
-    // Chooses the first way for requests to aUrl, http or https. aConnectMs: the limit of all connects together, 0 for none.
+    // Chooses the first way for requests to aUrl, http or https. aConnectMs: the limit of the connects, until one succeeds, 0
+    // for none.
     void Begin(const CCmHttpUrl& aUrl, DWORD aConnectMs);
 
     // The way in use. aTo (out): its destination. CM_ERROR_OUT_OF_MEMORY: there is no TLS context.
     CmResult MakeDestination(const CCmHttpUrl& aUrl, CHttpDestination& aTo) const;
     // The proxy that gets requests in absolute form; null: a tunnel, or direct. Valid until Begin.
     const CCmProxyServer* GetHttpProxy() const;
-    // Milliseconds for a connect; 0: no limit.
-    DWORD GetConnectMs() const;
+    // A connect begins. Returns its limit in milliseconds; 0: none.
+    DWORD BeginConnect();
 
     // A connection of the way in use is there.
-    void OnConnected() const;
+    void OnConnected();
     // None came for this reason. TRUE: the next way is in use. FALSE: the attempt has failed, with the reason that is now in
     // aReason.
     BOOL OnUnconnected(CmResult& aReason);
@@ -46,7 +47,7 @@ private:
     size_t m_stWay = 0;
     BOOL m_bAbsolute = FALSE;  // HTTP proxies get requests in absolute form
     DWORD m_dwConnectMs = 0;
-    int64_t m_llConnectUntil = 0;  // the limit of all connects together
+    int64_t m_llConnectUntil = 0;  // the limit of all connects together; 0: none is in progress
 };
 
 }  // namespace talvo
