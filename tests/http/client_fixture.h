@@ -81,6 +81,9 @@ protected:
         RunUntil([&] { return aClient.IsOver(); });
         return aClient.Result();
     }
+    static std::string ProxyOf(const CScriptServer& aServer, const std::string& aCredentials = "") {
+        return "http://" + aCredentials + cm_address_text(aServer.GetAddr());
+    }
     std::string Get(
         const CScriptServer& aServer, const std::function<void(CTestHttpClient&)>& aSet = [](CTestHttpClient&) {}) const {
         CTestHttpClient client(aServer.GetUrl());

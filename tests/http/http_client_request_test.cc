@@ -152,39 +152,50 @@ TEST_F(HttpClientBodyTest, DoesNotFollowEverything) {
 }
 
 TEST_F(HttpClientBodyTest, GivesCredentialsWhereTheyAreAskedFor) {
-    // The first and second challenge, the last request's header, the requests and the result.
+    // The first and second challenge, the value in the last request, the requests and the result.
     using CCase = std::tuple<const char*, const char*, const char*, size_t, const char*>;
     const std::string strLong(100000, 'x');  // not waited for, at the price of the connection
     const CCase CASES[] = {
-        {"Basic realm=\"r\"", "", "Authorization: Basic dTpw\r\n", 2, "200 in"},
-        {"Basic realm=\"r\"\r\nWWW-Authenticate: Digest realm=\"r\", nonce=\"n\"", "",
-         "Authorization: Digest username=\"u\", realm=\"r\", nonce=\"n\", uri=\"/\", response=\"", 2, "200 in"},
-        {"Negotiate abc==", "", "", 1, "401 out"},
-        {"Basic realm=\"r\"", "Basic realm=\"r\"", "Authorization: Basic", 2, "401 out"},
-        {"Digest realm=\"r\", nonce=\"n\"", "Digest realm=\"r\", nonce=\"m\", stale=TRUE", "nonce=\"m\"", 3, "200 in"},
+        {"Basic realm=\"r\"", "", "Basic dTpw\r\n", 2, "200 in"},
+        {"Basic realm=\"r\"\r\nX-Authenticate: Digest realm=\"r\", nonce=\"n\"", "",
+         "Digest username=\"u\", realm=\"r\", nonce=\"n\", uri=\"@\", response=\"", 2, "200 in"},
+        {"Negotiate abc==", "", "", 1, " out"},
+        {"Basic realm=\"r\"", "Basic realm=\"r\"", "Basic", 2, " out"},
+        {"Digest realm=\"r\", nonce=\"n\"", "Digest realm=\"r\", nonce=\"m\", stale=TRUE",
+         "Digest username=\"u\", realm=\"r\", nonce=\"m\"", 3, "200 in"},
     };
-    for (const auto& [szFirst, szSecond, szAuthorization, stRequests, szResult] : CASES) {
-        SCOPED_TRACE(szFirst);
-        const auto ask = [](const char* aChallenge, const std::string& aBody) {
-            return Answer("401 Who", "WWW-Authenticate: " + std::string(aChallenge) + "\r\n", aBody);
-        };
-        const bool bLong = stRequests == 3;
-        CAnswers first{ask(szFirst, bLong ? strLong : "out")}, then{Answer("200 OK", "", "in")};
-        if (*szSecond)
-            then.push_front(ask(szSecond, "out"));
-        if (!bLong)
-            first.insert(first.end(), then.begin(), then.end());
-        const CScriptServer server({first, then});
-        EXPECT_EQ(szResult, Get(server, [](CTestHttpClient& aClient) {
-                      aClient.Ask("POST", "body");
-                      EXPECT_EQ(CM_OK, aClient.m_pChannel->SetCredentials("u", "p"));
-                  }));
-        ASSERT_EQ(stRequests, server.m_Requests.size());
-        EXPECT_EQ(std::string::npos, server.m_Requests.front().find("Authorization"));
-        const std::string& strLast = server.m_Requests.back();
-        EXPECT_NE(std::string::npos, strLast.find(szAuthorization)) << strLast;
-        EXPECT_TRUE(strLast.ends_with("\r\n\r\nbody"));
-        EXPECT_EQ(bLong ? 2u : 1u, server.GetConnections());
+    for (const bool bProxy : {false, true}) {
+        for (const auto& [szFirst, szSecond, szValue, stRequests, szResult] : CASES) {
+            SCOPED_TRACE(szFirst + std::string(bProxy ? " of a proxy" : ""));
+            const std::string strStatus = bProxy ? "407" : "401";
+            const auto ask = [&](const char* aChallenge, const std::string& aBody) {
+                std::string strHeader = "X-Authenticate: " + std::string(aChallenge) + "\r\n";
+                for (size_t st = 0; (st = strHeader.find("X-A")) != std::string::npos;)
+                    strHeader.replace(st, 2, bProxy ? "Proxy-" : "WWW-");
+                return Answer(strStatus + " Who", strHeader, aBody);
+            };
+            const bool bLong = stRequests == 3;
+            CAnswers first{ask(szFirst, bLong ? strLong : "out")}, then{Answer("200 OK", "", "in")};
+            if (*szSecond)
+                then.push_front(ask(szSecond, "out"));
+            if (!bLong)
+                first.insert(first.end(), then.begin(), then.end());
+            const CScriptServer server({first, then});
+            CTestHttpClient client(bProxy ? "http://a.test/" : server.GetUrl(), bProxy ? ProxyOf(server, "u:p@") : "");
+            client.Ask("POST", "body");
+            client.m_pChannel->SetCredentials(bProxy ? "other" : "u", "p");
+            EXPECT_EQ((*szResult == ' ' ? strStatus : "") + szResult, Run(client));
+            ASSERT_EQ(stRequests, server.m_Requests.size());
+            EXPECT_EQ(std::string::npos, server.m_Requests.front().find("Authorization"));
+            const std::string strLast = server.m_Requests.back();
+            std::string strValue = szValue;
+            if (const size_t st = strValue.find('@'); st != std::string::npos)
+                strValue.replace(st, 1, bProxy ? "http://a.test/" : "/");
+            const std::string strField = bProxy ? "\r\nProxy-Authorization: " : "\r\nAuthorization: ";
+            EXPECT_EQ(!strValue.empty(), strLast.find(strField + strValue) != std::string::npos) << strLast;
+            EXPECT_TRUE(strLast.ends_with("\r\n\r\nbody"));
+            EXPECT_EQ(bLong ? 2u : 1u, server.GetConnections());
+        }
     }
     // They belong to one origin.
     const CScriptServer other({{Answer("401 Who", "WWW-Authenticate: Basic realm=\"r\"\r\n", "out")}});
