@@ -142,6 +142,7 @@ TEST_F(HandshakeTest, AFailedOneIsClosedWithALineAndNeverIndicated) {
     gone.Close();
     m_Network.RunUntil([] { return CCmLiveCounter::Dump().find("CHandshakeRun 1\n") != std::string::npos; });
     EXPECT_EQ(1u, trace.Count(LINE)) << "one a second";
+    EXPECT_FALSE(trace.Contains("Recv_i"));
     clock.Advance(CCmTimeValue(9, 900000));
     EXPECT_FALSE(IsClosed(silent));
     clock.Advance(CCmTimeValue(0, 200000));

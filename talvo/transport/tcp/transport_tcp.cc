@@ -177,10 +177,9 @@ int CCmTransportTcp::Receive_i(char* aBuf, DWORD aLen, int aFlags) {
     if (nRecv == 0 && m_bTellEnd)
         return 0;
     const int nErr = errno;
-    if (nRecv == 0)
-        CM_WARNING_TRACE_THIS("CCmTransportTcp::Recv_i, recv() 0! fd=" << GetHandle() << " err=" << nErr);
-    else
-        CM_WARNING_TRACE_THIS("CCmTransportTcp::Recv_i, recv() failed! fd=" << GetHandle() << " err=" << nErr);
+    if (m_bOpen)  // the owner of a handshake traces its failure, at its own pace
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::Recv_i, recv() " << (nRecv == 0 ? "0" : "failed") << "! fd=" << GetHandle()
+                                                                 << " err=" << nErr);
     if (nRecv == -1)
         NoteFailure_i(RECEIVING, nErr);
     errno = nErr;
@@ -194,7 +193,8 @@ int CCmTransportTcp::Send_i(const char* aBuf, DWORD aLen) {
     if (IsWouldBlock())
         return 0;
     const int nErr = errno;
-    CM_WARNING_TRACE_THIS("CCmTransportTcp::Send_i, send() failed! fd=" << GetHandle() << " err=" << nErr);
+    if (m_bOpen)
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::Send_i, send() failed! fd=" << GetHandle() << " err=" << nErr);
     SendFailed_i(nErr);
     errno = nErr;
     return -1;
