@@ -103,6 +103,7 @@ public:
         EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, m_pAcceptor->StartListen(this, Loopback()));
         auto pContext = CTestCertificates::Get().MakeServer();
         Set(*m_pAcceptor, CM_OPT_CHANNEL_SERVER_SSL_CONTEXT, pContext);
+        Set(*m_pAcceptor, CM_OPT_CONNECT_HANDSHAKE_TIME, DWORD{500});
         EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(this, Loopback()));
         EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, m_pAcceptor->SetOption(CM_OPT_CHANNEL_SERVER_SSL_CONTEXT, &pContext));
         EXPECT_EQ(CM_OK, m_pAcceptor->GetListenAddr(m_Addr));
@@ -145,6 +146,17 @@ TEST(HttpsServerTest, ServesManyRequestsOverOneConnection) {
         }
         network.RunPosted();
     }
+}
+
+TEST(HttpsServerTest, ASilentPeerHasTheTimeOfTheOption) {
+    CCmFakeClock clock;
+    const CTestNetwork network(CCmThreadManager::NETWORK_THREAD_MAIN);
+    CSecureServer server;
+    const CTestFd silent = ConnectPlain(server.m_Addr);
+    network.RunUntil([] { return CCmLiveCounter::Dump().find("CHandshakeRun 1\n") != std::string::npos; });
+    clock.Advance(CCmTimeValue(0, 600000));
+    std::string strData;
+    network.RunUntil([&] { return ReadToEnd(silent, strData); });
 }
 
 }  // namespace

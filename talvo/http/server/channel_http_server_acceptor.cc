@@ -23,6 +23,10 @@ CCmLiveCounter s_Live("CCmChannelHttpServerAcceptor");
 
 constexpr int64_t USEC_PER_SECOND = 1000000;
 
+BOOL IsOfHandshakes(DWORD aCommand) {
+    return aCommand == CM_OPT_CONNECT_HANDSHAKE_TIME || aCommand == CM_OPT_CONNECT_MAX_HANDSHAKES;
+}
+
 constexpr DWORD NO_DEADLINE = 0x40000000;  // looks
 
 // The limit of a proxy's queue to the network. It is small, so that a slow reader's progress shows in time.
@@ -30,7 +34,7 @@ constexpr DWORD PROXY_SEND_LIMIT = 256 * 1024;
 
 }  // namespace
 
-CCmChannelHttpServerAcceptor::CCmChannelHttpServerAcceptor(DWORD) {
+CCmChannelHttpServerAcceptor::CCmChannelHttpServerAcceptor(DWORD) : m_Handshakes(CM_TRANSPORT_TYPE_TLS, FALSE) {
     PrintTails_i();
     ++s_Live;
 }
@@ -71,8 +75,11 @@ CmResult CCmChannelHttpServerAcceptor::Listen_i(const CCmInetAddr& aAddrListen) 
 
 CmResult CCmChannelHttpServerAcceptor::SetTls_i() {
     CCmString strAlpn = talvo::HTTP_ALPN;
-    const CmResult rv = talvo::SetConnectOption(m_pAcceptor.Get(), CM_OPT_CONNECT_SSL_CONTEXT, &m_pContext);
-    return rv == CM_OK ? talvo::SetConnectOption(m_pAcceptor.Get(), CM_OPT_CONNECT_ALPN, &strAlpn) : rv;
+    talvo::COptionValues passed(CM_TRANSPORT_TYPE_TLS, FALSE);
+    CmResult rv = talvo::SetConnectOption(m_pAcceptor.Get(), CM_OPT_CONNECT_SSL_CONTEXT, &m_pContext);
+    if (rv == CM_OK)
+        rv = talvo::SetConnectOption(m_pAcceptor.Get(), CM_OPT_CONNECT_ALPN, &strAlpn);
+    return rv == CM_OK ? m_Handshakes.PassTo(m_pAcceptor.Get(), passed) : rv;
 }
 
 CmResult CCmChannelHttpServerAcceptor::StopListen(CmResult aReason) {
@@ -252,6 +259,8 @@ DWORD* CCmChannelHttpServerAcceptor::GetNumber_i(DWORD aCommand) {
 CmResult CCmChannelHttpServerAcceptor::SetOption(DWORD aCommand, void* aArg) {
     if (aArg && aCommand == CM_OPT_CHANNEL_SERVER_SSL_CONTEXT)
         return SetContext_i(*static_cast<CCmRefPtrT<CCmSslContext>*>(aArg));
+    if (aArg && IsOfHandshakes(aCommand))
+        return m_Handshakes.Set(aCommand, aArg);
     DWORD* pNumber = GetNumber_i(aCommand);
     const BOOL bBody = aCommand == CM_OPT_CHANNEL_SERVER_MAX_BODY;
     const BOOL bSeconds = aCommand >= CM_OPT_CHANNEL_SERVER_HEAD_SECONDS;
@@ -285,6 +294,8 @@ CmResult CCmChannelHttpServerAcceptor::GetOption(DWORD aCommand, void* aArg) {
         *static_cast<CCmRefPtrT<CCmSslContext>*>(aArg) = m_pContext;
         return CM_OK;
     }
+    if (aArg && IsOfHandshakes(aCommand))
+        return m_Handshakes.Get(aCommand, aArg);
     if (!aArg || (!pNumber && !bBody))
         return CM_ERROR_INVALID_ARG;
     if (bBody)

@@ -8,6 +8,7 @@
 #include "talvo/event/timer_delete.h"
 #include "talvo/event/timer_wrapper_id.h"
 #include "talvo/http/server/http_server_owner.h"
+#include "talvo/transport/option_values.h"
 #include "talvo/transport/tls/ssl_context.h"
 
 // CCmChannelManager::CreateHttpAcceptor makes it. One timer, once a second, checks all time-outs.
@@ -67,6 +68,7 @@ private:
     talvo::CHttpServerSettings m_Settings;
     ICmChannelServerAcceptorSink* m_pSink = nullptr;  // not owned; from StartListen to OnStopped
     CCmRefPtrT<CCmSslContext> m_pContext;             // null: plain http
+    talvo::COptionValues m_Handshakes;                // the limits of those of TLS
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;              // while listening
     std::vector<Connection> m_Connections;            // each stores its place
     CCmTimerWrapperID m_LookTimer;

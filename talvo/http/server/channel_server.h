@@ -11,6 +11,7 @@ class ICmChannelServerAcceptor;
 // Options of ICmChannelServerAcceptor; the argument points at the value. They apply to connections and requests that begin
 // afterwards. Times are checked once a second, so a time-out comes up to a second late. A number is at least 1, a time at most
 // 0x40000000 s, which is no limit: CM_ERROR_INVALID_ARG otherwise. They do not run while the thread is busy elsewhere.
+// An https server also has CM_OPT_CONNECT_HANDSHAKE_TIME and CM_OPT_CONNECT_MAX_HANDSHAKES, from the next StartListen.
 enum ECmChannelServerOption : DWORD {
     CM_OPT_CHANNEL_SERVER_MAX_CONNECTIONS = 331,  // DWORD (10,000): a connection beyond it is closed at once, unanswered
     CM_OPT_CHANNEL_SERVER_MAX_BODY = 332,         // uint64_t (64 MiB): a longer request body is answered with 413
