@@ -210,6 +210,8 @@ CmResult CCmTransportSsl::GetOption(DWORD aCommand, void* aArg) {
         *static_cast<DWORD*>(aArg) = m_pSession ? m_pSession->GetHeld() : 0;
         return CM_OK;
     }
+    case CM_OPT_TRANSPORT_LAST_FAILURE:
+        return GetLastFailure_i(*static_cast<CCmFailure*>(aArg));
     case CM_OPT_TRANSPORT_SOCK_ALIVE:
         return GetAlive_i(*static_cast<BOOL*>(aArg));
     case CM_OPT_TRANSPORT_SSL_INFO:
@@ -232,6 +234,14 @@ CmResult CCmTransportSsl::GetAlive_i(BOOL& aAlive) {
     pollfd socket{GetHandle(), POLLRDHUP, 0};
     if (rv == CM_OK && m_pSession && (m_pSession->HasPeerEnded() || poll(&socket, 1, 0) > 0))
         aAlive = FALSE;
+    return rv;
+}
+
+// The alert of the peer, or the fault of a record.
+CmResult CCmTransportSsl::GetLastFailure_i(CCmFailure& aFailure) {
+    const CmResult rv = CCmTransportTcp::GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &aFailure);
+    if (rv == CM_OK && aFailure.GetCause() == CM_FAILURE_PROTOCOL && m_pSession->IsBroken())
+        aFailure = CCmFailure(CM_FAILURE_PROTOCOL, m_pSession->GetFailureText(), aFailure);
     return rv;
 }
 

@@ -80,6 +80,7 @@ private:
     int Ended_i(talvo::CTlsSession::EResult aResult);
     void ReadOn_i();
     CmResult GetAlive_i(BOOL& aAlive);
+    CmResult GetLastFailure_i(CCmFailure& aFailure);
     CmResult GetInfo_i(CCmSslInfo& aInfo) const;
 
     CCmRefPtrT<CCmSslContext> m_pContext;        // as long as the session
