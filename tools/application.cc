@@ -124,6 +124,8 @@ void Application::Drain() {
 void Application::OnSignal(int aSignal) {
     if (m_bDraining)
         std::_Exit(128 + aSignal);  // the system closes the rest
+    if (aSignal == SIGHUP && m_Reload)
+        return m_Reload();
     Finish(128 + aSignal);
 }
 

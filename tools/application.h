@@ -1,6 +1,7 @@
 // The common part of every subcommand: the adopted main thread, its loop, the signals that end it, the orderly shutdown.
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "talvo/talvo.h"
@@ -27,6 +28,9 @@ public:
     // false: Run reports that and returns at once.
     bool IsStarted() const { return m_bStarted != FALSE; }
 
+    // From now on SIGHUP calls aReload instead of ending the program. Main thread.
+    void ReloadOnHangUp(std::function<void()> aReload) { m_Reload = std::move(aReload); }
+
     // Runs the main thread's loop until Finish or a signal. Returns the exit status; EXIT_FAILED at once if the library did not
     // start.
     int Run();
@@ -51,7 +55,8 @@ private:
 
     BOOL m_bStarted = FALSE;
     bool m_bDraining = false;
-    int m_nStatus = -1;  // -1: not set
+    int m_nStatus = -1;              // -1: not set
+    std::function<void()> m_Reload;  // may be empty
     std::unique_ptr<SignalHandler> m_pSignals;
 };
 

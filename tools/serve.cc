@@ -32,6 +32,14 @@ public:
         return false;
     }
 
+    // Existing connections keep the old files.
+    void Reload(CCmSslContext& aContext) {
+        if (aContext.Reload() == CM_OK)
+            m_Console.Report("reloaded the certificates", JsonLine("reloaded"));
+        else
+            m_Console.Problem("the certificates cannot be reloaded, and the old ones stay");
+    }
+
     void AnnounceEnd() {
         const unsigned uAnswers = FileSender::GetCount();
         if (uAnswers > 0)
@@ -60,6 +68,8 @@ int RunServe(const Arguments& aArguments) {
     Server server(directory, console);
     if (application.IsStarted() && !server.Start(aArguments.m_Addr, aArguments.m_pContext))
         return EXIT_FAILED;
+    if (const CCmRefPtrT<CCmSslContext> pContext = aArguments.m_pContext)
+        application.ReloadOnHangUp([&server, pContext] { server.Reload(*pContext); });
     const int nStatus = application.Run();
     server.AnnounceEnd();
     application.Drain();

@@ -3,6 +3,7 @@
 import json
 import os
 import pathlib
+import signal
 import socket
 import ssl
 import struct
@@ -127,6 +128,14 @@ class TlsTest(ProgramTest):
         self.assertEqual((0, True), (status, "alert certificate required" in session["end"]), session)
         self.assertEqual("", self.look(server, *self.root(), *self.own("client"))[1][-1]["end"])
         self.assert_fails(self.run_talvo("tls", self.serve("echo").address, "--alpn", "h2"), 1)
+
+    def test_a_hang_up_reloads_the_certificates(self):
+        for name in "server", "expired":
+            pem, key = (self.make("own" + end, pathlib.Path(self.path(name + end)).read_bytes()) for end in (".pem", ".key"))
+            server = self.serve("serve", self.directory, "--cert", pem, "--key", key) if name == "server" else server
+        server.process.send_signal(signal.SIGHUP)
+        self.assertIn("reloaded", server.process.stdout.readline())
+        self.assertEqual("certificate has expired", self.look(server, *self.root())[1][-1]["reason"])
 
     def test_options_that_make_no_sense(self):
         pem, missing = self.path("root.pem"), self.path("missing.pem")
