@@ -68,26 +68,4 @@ TEST_F(ConfigTest, AFileThatOthersMayWriteIsRefused) {
     EXPECT_EQ(load_config_file(strPath.c_str()), CM_ERROR_NOT_AVAILABLE);
 }
 
-TEST_F(ConfigTest, MalformedLinesAreSkippedAndNamedOnceThereIsATrace) {
-    Load("[A]\nx=1\nno key here\n=5\n[open\ny=2");
-    EXPECT_EQ(get_int_param("A", "y", 0), 2);
-    for (const size_t nTimes : {1u, 0u}) {
-        CCmTraceCapture trace;
-        for (const char* pLine : {"line=3", "line=4", "line=5"})
-            EXPECT_EQ(trace.Count(pLine), nTimes);
-        EXPECT_EQ(trace.Lines().size(), 3 * nTimes);
-    }
-}
-
-TEST_F(ConfigTest, ReadersSeeAWholeFileWhileItIsReplaced) {
-    Load("[A]\nx=1\n");
-    std::thread loader([this] {
-        for (int n = 0; n < 100; ++n)
-            load_config_file(m_Dir.PathOf("talvo.cfg").c_str());
-    });
-    for (int n = 0; n < 1000; ++n)
-        ASSERT_EQ(get_int_param("A", "x", 0), 1);
-    loader.join();
-}
-
 }  // namespace

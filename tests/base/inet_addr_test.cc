@@ -18,16 +18,6 @@ public:
     }
 };
 
-TEST(InetAddr, TakesLiteralsWithPorts) {
-    const CCmInetAddr addr("10.1.2.3:8080");
-    EXPECT_EQ(addr.GetIpAddrIn4Bytes(), htonl(0x0A010203));
-    EXPECT_EQ(addr.GetPtr()->sin_port, htons(8080));
-    EXPECT_FALSE(CCmInetAddr("256.1.1.1", 1).IsResolved());
-    CCmTraceCapture trace;
-    EXPECT_TRUE(CCmInetAddr("10.1.2.3") == CCmInetAddr("10.1.2.3", 0));
-    EXPECT_EQ(trace.Count("CCmInetAddr::Set, unknow aIpAddrAndPort=10.1.2.3"), 1u);
-}
-
 TEST(InetAddr, ARefusedTextChangesNothing) {
     CCmInetAddr addr("10.1.2.3:5");
     EXPECT_EQ(addr.Set(nullptr), CM_ERROR_INVALID_ARG);

@@ -134,27 +134,3 @@ TEST(DrainTest, AtTheLimitItReportsAndCuts) {
     network.RunUntil([&] { return pass(10), second.m_nCalls == 1; });
     EXPECT_EQ(CM_OK, second.m_Reason);
 }
-
-TEST(DrainTest, WhoMayCallAndHow) {
-    CTestNetwork network;
-    CCmTimeValue tvLimit(60);
-    CCmDrainLog drain;
-    std::thread([&] { EXPECT_EQ(CM_ERROR_NULL_POINTER, network.Manager().Drain(&tvLimit, &drain)); }).join();
-    CScopedThread user(CScopedThread::TASK);
-    RunIn(user->GetLink(), [&] { EXPECT_EQ(CM_ERROR_FAILURE, network.Manager().Drain(&tvLimit)); });
-    CmResult rvInside = CM_OK;
-    network.MainLink().Post([&] { rvInside = network.Manager().Drain(&tvLimit); });
-    network.RunPosted();
-    EXPECT_EQ(CM_ERROR_FAILURE, rvInside);
-    EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit, &drain));
-    network.RunUntil([&] { return drain.m_nCalls == 1; });
-    EXPECT_EQ(CM_OK, drain.m_Reason);
-    // A thread that is late runs the end of each drain behind its stages.
-    CCmThreadLink& link = network.MainLink();
-    link.EndDrain(FALSE);
-    link.Post([&] { link.Drain(ECmDrainStage::CLOSE); });
-    link.EndDrain(TRUE);
-    network.RunPosted();
-    EXPECT_EQ(ECmDrainStage::NONE, link.GetDrainStage());
-    network.EndNetworkThread();
-}

@@ -7,13 +7,6 @@ using talvo::CReceiveChain;
 namespace {
 
 // The storage behind a chain.
-DWORD CapacityOf(const CCmMessageBlock& aChain) {
-    DWORD dwSum = 0;
-    for (const CCmMessageBlock* pMb = &aChain; pMb; pMb = pMb->GetNext())
-        dwSum += pMb->GetTopLevelLength() + pMb->GetTopLevelSpace();
-    return dwSum;
-}
-
 }  // namespace
 
 TEST(ReceiveChainTest, BehavesLikeAString) {
@@ -59,17 +52,4 @@ TEST(ReceiveChainTest, BehavesLikeAString) {
         EXPECT_EQ(strText, pBlock->FlattenChained());
         pBlock->DestroyChained();
     }
-}
-
-TEST(ReceiveChainTest, SingleBytesCostLittleMoreThanThemselves) {
-    CReceiveChain chain;
-    for (const DWORD dwLength : {300u, 5000u, 70000u}) {
-        for (DWORD i = 0; i < dwLength; ++i)
-            chain.Append(ViewOf("x"), dwLength - i);
-        chain.Take(dwLength, [&](CCmMessageBlock& aBlock) { EXPECT_LE(CapacityOf(aBlock), dwLength + 256); });
-    }
-    // A length that is announced and does not come.
-    chain.Append(ViewOf("x"), 16 << 20);
-    chain.Append(ViewOf("y"), 16 << 20);
-    EXPECT_EQ(CM_OK, chain.Take(2, [](CCmMessageBlock& aBlock) { EXPECT_LE(CapacityOf(aBlock), 16384u); }));
 }

@@ -81,35 +81,6 @@ TEST(EventQueueTest, EachEventWaitsInOneQueueAndIsDestroyedOnceAlsoByAStoppedOne
     }
 }
 
-TEST(EventQueueTest, BatchesComeInOrderAndSayWhatIsLeft) {
-    CCmEventQueueUsingMutex queue;
-    std::vector<int> ran;
-    const auto post = [&](int aFirst, int aLast) {
-        for (int n = aFirst; n <= aLast; ++n)
-            PostTo(queue, [&ran, n] { ran.push_back(n); });
-    };
-    const auto run = [&](unsigned long aMaxCount) {
-        CCmEventQueueBase::EventsType events;
-        unsigned long ulRemain = 99;
-        EXPECT_EQ(CM_OK, queue.PopPendingEventsWithLock(events, aMaxCount, &ulRemain));
-        EXPECT_EQ(ulRemain, queue.GetPendingEventsCount());
-        queue.ProcessEvents(events);
-        return ulRemain;
-    };
-    post(1, 7);
-    EXPECT_EQ(7u, run(0));
-    EXPECT_EQ(2u, run(5));
-    post(8, 40);
-    EXPECT_EQ(34u, run(1));  // the rest is pending in two places
-    EXPECT_EQ(29u, run(5));
-    post(41, 60);
-    EXPECT_EQ(0u, run(0xFFFFFFFF));
-    CCmEventQueueBase::EventsType events;
-    EXPECT_EQ(CM_ERROR_NOT_FOUND, queue.PopPendingEventsWithLock(events, 5, nullptr));
-    ASSERT_EQ(60u, ran.size());
-    EXPECT_TRUE(std::is_sorted(ran.begin(), ran.end()));
-}
-
 TEST(EventQueueTest, ABurstLeavesNoMemoryBehind) {
     CCmEventQueueUsingMutex queue;
     CEventFate fate;

@@ -95,26 +95,6 @@ TEST_F(ReactorTest, AHomeIsNeverTheNewReactorAtTheOldAddress) {
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, home->CancelTimer(nullptr));
 }
 
-TEST_F(ReactorTest, ACallbackMayDeleteAnyHandler) {
-    CEnd a(m_Reactor);
-    CEnd b(m_Reactor);
-    int nCalls = 0;
-    const std::function<int()> removeBoth = [&] {
-        ++nCalls;
-        for (CEnd* pEnd : {&a, &b}) {
-            EXPECT_EQ(CM_OK, m_Reactor.RemoveHandler(pEnd->m_pHandler.get(), H::READ_MASK));
-            pEnd->m_pHandler.reset();
-        }
-        return -1;
-    };
-    for (CEnd* pEnd : {&a, &b}) {
-        pEnd->m_pHandler->m_Input = [&removeBoth] { return removeBoth(); };
-        pEnd->m_Peer.Write("x");
-    }
-    Turns(3);
-    EXPECT_EQ(1, nCalls);
-}
-
 TEST_F(ReactorTest, HandlesDoNotWaitForManyLongEvents) {
     CCmFakeClock clock;
     CEnd end(m_Reactor);

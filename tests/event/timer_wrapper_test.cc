@@ -19,31 +19,6 @@ const CCmTimeValue SECOND(1);
 
 }  // namespace
 
-TEST(TimerWrapperTest, SchedulesItselfInItsThread) {
-    CCmFakeClock clock;
-    CMainThread main;
-    CSink sink;
-    CCmTimerWrapperID timer;
-    const auto pass = [&] {
-        clock.Advance(SECOND);
-        main.RunOnce();
-    };
-    EXPECT_EQ(CM_OK, timer.Schedule(&sink, SECOND));
-    EXPECT_EQ(CM_ERROR_FOUND, timer.Schedule(&sink, SECOND, 1));
-    pass();
-    pass();
-    EXPECT_EQ(1, sink.m_nTimes);
-    EXPECT_EQ(CM_ERROR_NOT_FOUND, timer.Cancel());  // a one-shot stays "scheduled" when it has fired
-    EXPECT_EQ(CM_OK, timer.Cancel());
-
-    std::make_unique<CCmTimerWrapperID>()->Schedule(&sink, SECOND);  // cancelled at once by its deletion
-    sink.m_bDelete = true;
-    (new CCmTimerWrapperID)->Schedule(&sink, SECOND);  // deleted by the sink, inside the callback
-    pass();
-    pass();
-    EXPECT_EQ(2, sink.m_nTimes);
-}
-
 // The usual way to write it: wrappers beside the call of the loop, the documented shutdown, and then the end of their scope.
 TEST(TimerWrapperTest, OutlivesItsThread) {
     CCmFakeClock clock;

@@ -66,16 +66,4 @@ TEST_F(ChannelFileTest, TakesUrlsOfFilesAndNamesAsTheyStand) {
     EXPECT_FALSE(pFile->Init(std::string()));
 }
 
-TEST_F(ChannelFileTest, EndsWhereverTheSinkWants) {
-    for (const int nWhere : {0, 1, 2}) {
-        m_Sink = CTestChannelSink();
-        auto pFile = Open(m_Dir.Write("file", "content"));
-        (nWhere == 1 ? m_Sink.m_Connect : m_Sink.m_Receive) = [&] { pFile.Reset(); };
-        EXPECT_EQ(CM_OK, nWhere == 0 ? pFile->Disconnect(CM_OK) : CM_OK);
-        for (int i = 0; i < 20; ++i)
-            m_Network.RunPosted();
-        EXPECT_EQ(nWhere == 0 ? "" : nWhere == 1 ? "connect" : "connect, receive content", m_Sink.Take());
-    }
-}
-
 }  // namespace

@@ -65,44 +65,6 @@ TEST_F(HttpClientTest, AnswersAsTheyCome) {
     }
 }
 
-// Whatever is asked wrongly is refused before a connection is made.
-TEST_F(HttpClientTest, RefusesWhatMustNotBeSent) {
-    const CTestHttpClient client("http://127.0.0.1:1/");
-    const std::pair<const char*, std::string> HEADERS[] = {
-        {"Cookie", "a\rb"}, {"Cookie", "a\nb"},       {"Cookie", std::string("a\0b", 3)}, {"a b", "a"},
-        {"", "a"},          {"Content-Length", "-1"}, {"Transfer-Encoding", "gzip"}};
-    for (const auto& [szName, strValue] : HEADERS)
-        EXPECT_EQ(CM_ERROR_INVALID_ARG, client.Header(szName, strValue)) << szName;
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, client.m_pChannel->SetRequestMethod(CCmHttpAtom("GET /\r\n")));
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, client.m_pChannel->SetCredentials("a:b", "c"));
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, client.m_pChannel->AsyncOpen(nullptr));
-    EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, SendText(*client.m_pChannel, "early"));
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, client.Set(CM_OPT_CHANNEL_MAX_REDIRECTS, 11));
-    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, client.Set(CM_OPT_TRANSPORT_TOS, 0));
-
-    const CCmTraceCapture trace;
-    CTestChannelSink sink;
-    const std::pair<const char*, CmResult> URLS[] = {{"http://a b/", CM_ERROR_INVALID_ARG},
-                                                     {"http://h/\r\nX: 1", CM_ERROR_INVALID_ARG},
-                                                     {"http://u@h/", CM_ERROR_INVALID_ARG},
-                                                     {"file:///etc/hosts", CM_ERROR_NOT_IMPLEMENTED}};
-    for (const auto& [szUrl, rv] : URLS)
-        EXPECT_EQ(rv, CTestHttpClient(szUrl).m_pChannel->AsyncOpen(&sink)) << szUrl;
-    client.Ask("POST", "abc");
-    client.Header("Content-Length", "4");
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, client.m_pChannel->AsyncOpen(&sink));
-
-    CCmChannelManager& manager = *CCmChannelManager::Instance();
-    CCmRefPtrT<CCmHttpUrl> pUrl;
-    ICmChannelHttpClient* pClient = nullptr;
-    EXPECT_EQ(CM_ERROR_FAILURE, manager.CreateUrl(pUrl.ParaOut(), "ftp://h/"));
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, manager.CreateChannelHttpClient(pClient, nullptr));
-    EXPECT_EQ(CM_OK, manager.CreateUrl(pUrl.ParaOut(), "https://h/"));
-    EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, manager.CreateChannelHttpClient(pClient, pUrl.Get(), CCmChannelManager::BROWSER_PROXY));
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, manager.CreateChannelHttpClientWithProxy(pClient, pUrl.Get(), nullptr));
-    EXPECT_EQ(2u, trace.Count("not implemented."));
-}
-
 TEST_F(HttpClientTest, EndsWhereverTheSinkWants) {
     for (const auto& [nWhere, szUpcalls] :
          {std::pair{0, ""}, {1, "connect"}, {2, "connect, receive abc"}, {3, "connect, receive abcdef, disconnect 0"}}) {
@@ -163,30 +125,6 @@ TEST_F(HttpClientTest, ASinkThatPausesIsLeftInPeace) {
         Turn();
     }
     EXPECT_TRUE("200 " + strBody == client.Result());
-}
-
-TEST_F(HttpClientTest, SilenceAndRefusedConnectionsEnd) {
-    const CScriptServer server({{{"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhel"}}});
-    CTestHttpClient client(server.GetUrl());
-    client.Set(CM_OPT_CHANNEL_SILENCE_TIMEOUT, 2000);
-    client.Open();
-    RunUntil([&] { return client.m_Sink.m_strBody == "hel"; });
-    m_Clock.Advance(CCmTimeValue(1, 900000));
-    Turn();
-    EXPECT_FALSE(client.IsOver());
-    m_Clock.Advance(CCmTimeValue(0, 200000));
-    RunUntil([&] { return client.IsOver(); });
-    EXPECT_EQ("200 hel !20008", client.Result());
-
-    CTestHttpClient refused("http://127.0.0.1:1/");
-    EXPECT_EQ("0  !20008", Run(refused));
-    const auto failureOf = [](const CTestHttpClient& aClient) {
-        CCmString strText;
-        const auto failure = ::Get<CCmFailure>(*aClient.m_pChannel, CM_OPT_CHANNEL_LAST_FAILURE);
-        return std::tuple(aClient.m_pChannel->GetFailure(strText), failure.GetCause(), failure.GetErrno());
-    };
-    EXPECT_EQ(std::tuple(CM_ERROR_TIMEOUT, CM_FAILURE_SILENCE, 0), failureOf(client));
-    EXPECT_EQ(std::tuple(CM_ERROR_NETWORK_CONNECT_ERROR, CM_FAILURE_SYSTEM, ECONNREFUSED), failureOf(refused));
 }
 
 }  // namespace

@@ -51,21 +51,6 @@ TEST(HttpAtom, NamesAreResolvedWhateverTheirCase) {
     EXPECT_TRUE(CCmAtomTablesFind("hOST")(Atoms::Host) && !CCmAtomTablesFind("Hos")(Atoms::Host));
 }
 
-TEST(HttpAtom, ManyThreadsLearnOneSpelling) {
-    std::vector<std::vector<const char*>> atoms(4);
-    std::vector<std::thread> threads;
-    for (auto& mine : atoms) {
-        threads.emplace_back([&mine] {
-            for (int i = 0; i < 2000; ++i)
-                mine.push_back(Atoms::Instance()->ResolveAtom("X-Race-" + std::to_string(i), 1));
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    for (const auto& mine : atoms)
-        EXPECT_EQ(mine, atoms[0]);
-}
-
 TEST(HttpAtom, BeyondTheLimitAMessageKeepsItsNames) {
     static int s_nRuns = 0;  // the process stores a name for good
     const std::string strRun = std::to_string(++s_nRuns), strName = "X-Beyond" + strRun;

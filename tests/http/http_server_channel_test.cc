@@ -68,25 +68,6 @@ TEST_F(HttpServerTest, WaitsForAnAnswerAndHoldsTheNextRequestsBack) {
     EXPECT_EQ("200:first 200:second ", pClient->TakeAnswers());
 }
 
-TEST_F(HttpServerTest, ABodyComesWhenItIsWanted) {
-    CCmRefPtrT<ICmChannelHttpServer> pChannel;
-    m_Request = [&](ICmChannelHttpServer& a) { pChannel = &a; };
-    const auto pClient = Connect(POST.substr(0, POST.size() - 3));
-    CTestRequest& request = Keep(*pChannel);
-    const auto answer = request.m_Inside;
-    request.m_Inside = [&](const std::string& aUpcall) {
-        ::Set(*pChannel, CM_OPT_TRANSPORT_PAUSE_READING, BOOL{request.m_strBody == "abc"});
-        answer(aUpcall);
-    };
-    EXPECT_EQ("", request.m_strBody);
-    Turn();
-    pClient->Receive("def");
-    EXPECT_EQ("abc", request.m_strBody);
-    ::Set(*pChannel, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
-    Turn();
-    EXPECT_EQ("200:abcdef ", pClient->TakeAnswers());
-}
-
 TEST_F(HttpServerTest, AForgottenRequestIsAnswered) {
     m_Request = [](ICmChannelHttpServer&) {};
     EXPECT_EQ("500:500 Internal Server Error\n end", Connect(GET)->TakeAnswers());

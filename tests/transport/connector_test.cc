@@ -73,22 +73,3 @@ TEST_F(ConnectorTest, CancelStopsAnAttemptAndASecondOneIsRefused) {
     EXPECT_EQ(CM_OK, Outcome());
     EXPECT_EQ(m_pConnector.Get(), m_Sink.m_pLastId);
 }
-
-TEST_F(ConnectorTest, ReleaseInsideEveryKindOfIndication) {
-    m_Sink.m_Indicated = [&] {
-        m_pConnector.Reset();
-        m_Sink.m_Transports.clear();
-    };
-    for (const DWORD dwType : {CM_TRANSPORT_TYPE_UDP, CM_TRANSPORT_TYPE_TCP}) {
-        for (int i = 0; i < 4; ++i) {
-            Make(dwType);
-            Start(i);
-            Outcome();
-            EXPECT_FALSE(m_pConnector);
-        }
-    }
-    // What nobody kept is closed.
-    std::string strData;
-    const CTestFd peer = m_Listener.Accept();
-    m_Network.RunUntil([&] { return ReadToEnd(peer, strData); });
-}

@@ -22,35 +22,6 @@ TEST_F(DnsManagerTest, LiteralsAndBadNamesAreAnsweredAtOnce) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmDnsManager::Instance()->CancelResolve(nullptr));
 }
 
-TEST_F(DnsManagerTest, OneLookUpServesAllAskersAndThenTheCache) {
-    WriteHosts("10.0.0.1 one\n10.0.0.2 one\n10.0.0.3 completed\n");
-    CTestObserver first, second;
-    DnsRecordPtr pRecord;
-    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("one", pRecord, &first));
-    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("ONE", pRecord, &second, TRUE));
-    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("one", pRecord, &second, TRUE));
-    EXPECT_FALSE(pRecord);
-    RunUntil([&] { return second.m_Records.size() == 2; });
-    ASSERT_EQ(1u, first.m_Records.size());
-    EXPECT_EQ("10.0.0.1 10.0.0.2", TextOf(first.m_Records[0]));
-    CCmInetAddr addr("completed", 80), addrBad("a b", 80);
-    EXPECT_FALSE(addr.IsResolved());
-    EXPECT_EQ(CM_ERROR_INVALID_ARG, addrBad.TryResolve());
-    RunUntil([&] { return addr.TryResolve() == CM_OK; });
-    EXPECT_EQ("10.0.0.3:80", addr.GetIpDisplayName() + ":" + std::to_string(addr.GetPort()));
-    EXPECT_EQ(CM_OK, Ask("One", pRecord, &first));
-    EXPECT_EQ("10.0.0.1 10.0.0.2", TextOf(pRecord));
-    // Behind a cancel nothing comes, even what is in the main thread's queue.
-    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("localhost", pRecord, &first));
-    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Ask("x.localhost", pRecord, &first));
-    m_Network.InNetwork([] {});
-    for (const CmResult rv : {CM_OK, CM_ERROR_NOT_FOUND})
-        EXPECT_EQ(rv, CCmDnsManager::Instance()->CancelResolve(&first));
-    Settle();
-    EXPECT_EQ(1u, first.m_Records.size());
-    EXPECT_EQ(CM_OK, Ask("localhost", pRecord));
-}
-
 TEST_F(DnsManagerTest, AnObserverIsCalledInTheThreadThatWasNamed) {
     CScopedThread user(CScopedThread::TASK);
     CTestObserver observer;
@@ -64,23 +35,6 @@ TEST_F(DnsManagerTest, AnObserverIsCalledInTheThreadThatWasNamed) {
         EXPECT_EQ(CM_ERROR_NULL_POINTER, Ask("other.localhost", pRecord, &observer));
         EXPECT_EQ(CM_OK, Ask("localhost", pRecord));
     }).join();
-}
-
-TEST_F(DnsManagerTest, ChangedFilesAndKeysAreNoticedWithinASecond) {
-    m_Dir.Write("hosts", "10.0.0.1 one\n10.0.0.9 gone\n");
-    m_Clock.Advance(CCmTimeValue(1));
-    EXPECT_EQ("10.0.0.1", TextOf(Resolve("one")));
-    EXPECT_EQ("10.0.0.9", TextOf(Resolve("gone")));
-    m_Dir.Write("hosts", "10.0.0.22 one\n");
-    EXPECT_EQ("10.0.0.1", TextOf(Resolve("one")));  // looked less than a second ago
-    m_Clock.Advance(CCmTimeValue(1));
-    EXPECT_EQ("10.0.0.22", TextOf(Resolve("one")));
-    EXPECT_EQ(CCmDnsRecord::FAILED, Resolve("gone")->GetState());
-
-    const std::string strConfig = "[Dns]\nServers=127.0.0.1:1\nHostsFile=" + m_Dir.Write("other", "10.0.0.3 one\n");
-    ASSERT_EQ(CM_OK, load_config_file(m_Dir.Write("talvo.cfg", strConfig).c_str()));
-    m_Clock.Advance(CCmTimeValue(1));
-    EXPECT_EQ("10.0.0.3", TextOf(Resolve("one")));
 }
 
 TEST_F(DnsManagerTest, TheEndOfTheNetworkThreadIsAFailureThatIsNotKept) {

@@ -11,30 +11,6 @@ struct ProtocolProxyTest : testing::Test {
 
 }  // namespace
 
-TEST_F(ProtocolProxyTest, WhatComesBeforeTheOpeningIsKeptItsEndIncluded) {
-    CFakeConnection opened(m_Network, MESSAGES), released(m_Network, MESSAGES), disconnected(m_Network, MESSAGES);
-    for (CFakeConnection* pEach : {&opened, &released, &disconnected}) {
-        pEach->Receive("a");
-        pEach->Receive("bc");
-    }
-    opened.Lose();
-    released.Lose();
-    EXPECT_EQ("", opened.TakeUpcalls());
-    EXPECT_EQ(CM_ERROR_NULL_POINTER, SendText(*opened.m_pProxy, "nobody"));
-    opened.Open();
-    released.m_pProxy.Reset();
-    EXPECT_EQ(CM_OK, disconnected.m_pProxy->Disconnect(CM_ERROR_FAILURE));
-    EXPECT_EQ("", opened.m_Sink.Take());
-    EXPECT_EQ("receive abc, disconnect 20001", opened.TakeUpcalls());
-    for (CFakeConnection* pEach : {&opened, &disconnected})
-        EXPECT_EQ(CM_ERROR_NULL_POINTER, pEach->m_pProxy->OpenWithSink(&pEach->m_Sink));
-    for (CFakeConnection* pEach : {&released, &disconnected}) {
-        pEach->Sync();
-        EXPECT_EQ("", pEach->TakeUpcalls());
-        EXPECT_EQ(1, pEach->m_pFake->m_nDisconnects);
-    }
-}
-
 TEST_F(ProtocolProxyTest, AnEndBeforeTheOpeningIsTold) {
     CFakeConnection failed(m_Network, MESSAGES, [](CFakeLower& aFake) { aFake.m_OpenResult = CM_ERROR_FAILURE; });
     CFakeConnection orphan(m_Network, MESSAGES);

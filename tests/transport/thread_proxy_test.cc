@@ -86,39 +86,6 @@ TEST_F(ThreadProxyTest, LingeringIsBoundedAndOnlyForAnOrderlyEnd) {
     YieldUntil([&] { return orderly.m_pFake->m_nDisconnects + below.m_pFake->m_nDisconnects == 2; });
 }
 
-TEST_F(ThreadProxyTest, NothingComesAfterDisconnectOrRelease) {
-    const std::pair<std::string, const char*> WAYS[] = {{"", "receive firstsecond, send, disconnect 20001"},
-                                                        {"disconnect now", ""},
-                                                        {"now", ""},
-                                                        {"in receive", "receive first"},
-                                                        {"in send", "receive firstsecond, send"},
-                                                        {"in disconnect", "receive firstsecond, send, disconnect 20001"}};
-    for (const DWORD dwLane : {STREAM, DATAGRAMS, MESSAGES}) {
-        for (const auto& [strWay, szUpcalls] : WAYS) {
-            CFakeConnection connection(m_Network, dwLane);
-            connection.Open();
-            connection.Fill();
-            connection.Receive("first");
-            connection.Receive("second");
-            connection.MakeRoom();
-            connection.Lose();
-            const auto releaseIf = [&, &strNow = strWay](const char* aWay) {
-                return [&, aWay] {
-                    if (strNow == aWay)
-                        connection.m_pProxy.Reset();
-                };
-            };
-            connection.m_Sink.m_Receive = releaseIf("in receive");
-            connection.m_Sink.m_Send = releaseIf("in send");
-            connection.m_Sink.m_Disconnect = releaseIf("in disconnect");
-            releaseIf("now")();
-            if (strWay == "disconnect now")
-                connection.m_pProxy->Disconnect(CM_OK);
-            EXPECT_EQ(szUpcalls, connection.TakeUpcalls()) << dwLane << strWay;
-        }
-    }
-}
-
 TEST_F(ThreadProxyTest, ReceivingPushesBackAndGoesOn) {
     CFakeConnection connection(m_Network);
     DWORD dwPushed = 0;
@@ -142,33 +109,4 @@ TEST_F(ThreadProxyTest, ReceivingPushesBackAndGoesOn) {
     }
     m_Network.RunPosted();
     EXPECT_EQ(dwPushed, connection.m_Sink.m_strReceived.size());
-}
-
-TEST_F(ThreadProxyTest, PauseByHandHoldsDataAndTheEndBackButNoOnSend) {
-    for (const DWORD dwLane : {STREAM, DATAGRAMS, MESSAGES}) {
-        SCOPED_TRACE(dwLane);
-        CFakeConnection connection(m_Network, dwLane);
-        connection.Open();
-        for (const std::string strText : {"first", "second"}) {  // each burst has an upcall of its own
-            connection.Receive(strText);
-            connection.Sync();
-            EXPECT_EQ("receive " + strText, connection.TakeUpcalls());
-        }
-        connection.m_Sink.m_Receive = [&] { connection.Pause(TRUE); };
-        for (const char* pText : {"a", "b", "c"})
-            connection.Receive(pText);
-        EXPECT_EQ("receive a", connection.TakeUpcalls());
-        connection.Sync();
-        EXPECT_TRUE(connection.m_pFake->m_bPaused);
-        // Two connections that feed each other pause reading until the other has sent: that must not be circular.
-        connection.Fill();
-        connection.Receive("d");  // was on its way
-        connection.MakeRoom();
-        EXPECT_EQ("send", connection.TakeUpcalls());
-        connection.Lose();
-        EXPECT_EQ("", connection.TakeUpcalls());
-        connection.m_Sink.m_Receive = [] {};
-        connection.Pause(FALSE);
-        EXPECT_EQ("receive bcd, disconnect 20001", connection.TakeUpcalls());
-    }
 }

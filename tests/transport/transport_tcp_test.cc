@@ -235,16 +235,3 @@ TEST_F(TransportTcpTest, PausedReadingLosesNothing) {
     Until([&] { return m_Sink.m_nDisconnects > 0; });
     EXPECT_EQ("receive " + strData + ", disconnect 20001", m_Sink.Take());
 }
-
-TEST_F(TransportTcpTest, DetachedSocketStaysOpenAndSilent) {
-    Open();
-    const CTestFd owned(m_pTransport->GetHandle());
-    Set(*m_pTransport, CM_OPT_TRANSPORT_FD, CM_INVALID_HANDLE);
-    m_fdPeer.Write("x");
-    Settle();
-    m_pTransport.Reset();
-    Settle();
-    EXPECT_EQ(0, m_Sink.Upcalls());
-    owned.Write("y");
-    EXPECT_EQ("y", PeerReads(1));
-}

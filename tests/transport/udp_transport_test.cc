@@ -156,24 +156,6 @@ TEST_F(UdpTest, ARefusalByThePeersSystemEndsItOnce) {
     }
 }
 
-TEST_F(UdpTest, TheSinkMayEndItInTheMiddleOfABatch) {
-    for (const BOOL bRelease : {FALSE, TRUE}) {
-        Connect(m_Peer.Addr());
-        CTestSink sink(*m_pTransport);
-        PeerSends(Numbered(0, 10));
-        sink.m_bEcho = TRUE;
-        sink.m_Receive = [&] {
-            if (sink.m_nReceives == 3 && bRelease)
-                m_pTransport.Reset();
-            else if (sink.m_nReceives == 3)
-                m_pTransport->Disconnect(CM_OK);
-        };
-        Turns();
-        EXPECT_EQ("receive 012", sink.Take());
-        EXPECT_EQ(Numbered(0, 3), m_Peer.Receive());  // what was taken went out
-    }
-}
-
 TEST_F(UdpFullTest, WhatWasTakenGoesOutAndOnSendComesOnce) {
     s_nRoom = 5;
     const int nTaken = Fill(*m_pTransport);
@@ -205,35 +187,6 @@ TEST_F(UdpFullTest, WaitingEchoesKeepTheirBytes) {
     MakeRoom(*m_pTransport);
     EXPECT_EQ(Numbered(0, 8), m_Peer.Receive());
     EXPECT_EQ(1, m_Sink.m_nSends);
-}
-
-TEST_F(UdpFullTest, EveryRefusedPeerGetsItsTurn) {
-    CTestConnectSink accepted;
-    CCmInetAddr addr;
-    const auto pAcceptor = m_Network.Listen(accepted, addr, UDP);
-    CPlainUdp peers[3];
-    CTestSink sinks[3];
-    for (const CPlainUdp& peer : peers)
-        peer.Send(addr, "hello");
-    Turns();
-    auto& transports = accepted.m_Transports;
-    ASSERT_EQ(3u, transports.size());
-    s_nRoom = 0;
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(CM_OK, transports[i]->OpenWithSink(&sinks[i]));
-        Fill(*transports[i]);
-    }
-    transports[2].Reset();  // gets no upcall
-    // The first fills the socket again at once: the other comes before it then.
-    sinks[0].m_Send = [&] {
-        s_nRoom = 0;
-        Fill(*transports[0]);
-    };
-    for (const int nSends : {0, 1}) {
-        MakeRoom(*transports[1]);
-        EXPECT_EQ(nSends + 1, sinks[0].m_nSends);
-        EXPECT_EQ(nSends, sinks[1].m_nSends);
-    }
 }
 
 // Between user threads, through the proxies.
