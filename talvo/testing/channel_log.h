@@ -17,7 +17,8 @@ class CCmChannelLog : public ICmChannelSink {
 public:
     // The upcalls since the last call, in order; the body that was received in a row is one entry.
     std::string Take() { return std::exchange(m_strLog, {}); }
-    // What no sink may see: an upcall before OnConnect or after OnDisconnect, or OnConnect twice. Empty: nothing of that.
+    // A violation of the order of upcalls: an upcall before OnConnect or after OnDisconnect, or OnConnect twice. Empty: nothing
+    // of that.
     const std::string& GetFaults() const { return m_strFaults; }
 
     int m_nConnects = 0;

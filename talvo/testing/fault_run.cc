@@ -16,7 +16,7 @@ namespace {
 constexpr unsigned MAX_SECONDS = 30;  // of a run
 constexpr int RUNS_BEFORE = 2;        // without a fault, for what the first ones keep
 
-// What the process that runs the scenario reports to the one that judges.
+// The report of the process that runs the scenario to the one that judges.
 struct CShared {
     DWORD m_dwNth = 1;
     bool m_bBegun = false, m_bDone = false;

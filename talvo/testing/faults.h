@@ -9,8 +9,8 @@
 
 #include "talvo/base/types.h"
 
-// What fails: allocations of the process (malloc and everything above it), or the system calls of the library: those of
-// sockets, epoll, eventfd and timerfd.
+// The calls that fail: allocations of the process (malloc and everything above it), or the system calls of the library: those
+// of sockets, epoll, eventfd and timerfd.
 //
 // A program that links talvo::testing_faults has malloc and these calls replaced. It links the shared library, and no
 // sanitizer, which replaces the same functions. Built with glibc only.

@@ -6,7 +6,7 @@
 #include "talvo/connection/connection_manager.h"
 #include "talvo/testing/sim_network.h"
 
-// What both have in common: indications are expected or are failures of the network, and most transports are kept. All chances
+// The common part of both: indications are expected or are failures of the network, and most transports are kept. All chances
 // are the network's. It must live until the events that it has scheduled, at most a second ahead, have run.
 class CCmSimWildSide : public ICmAcceptorConnectorSink {
 public:

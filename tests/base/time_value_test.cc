@@ -7,11 +7,6 @@
 
 namespace {
 
-void ExpectFields(const CCmTimeValue& aTv, long aSec, long aUsec) {
-    EXPECT_EQ(aTv.GetSec(), aSec);
-    EXPECT_EQ(aTv.GetUsec(), aUsec);
-}
-
 TEST(TimeValue, WhatDoesNotFitSaturatesExceptMilliseconds) {
     const CCmTimeValue least = CCmTimeValue() - CCmTimeValue::s_tvMax;
     EXPECT_TRUE(CCmTimeValue(LONG_MAX, LONG_MAX) == CCmTimeValue::s_tvMax);

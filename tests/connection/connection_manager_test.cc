@@ -8,7 +8,7 @@
 
 namespace {
 
-// What the manager says of a type, to a client and to a server alike; nothing is handed out on failure. Only connectors use
+// The result of the manager for a type, the same for a client and a server; a failure hands out nothing. Only connectors use
 // proxy servers.
 CmResult Judge(DWORD aType) {
     CCmRefPtrT<ICmConnector> pConnector;
@@ -161,7 +161,7 @@ TEST(ConnectionManagerTest, AnOfferedBaseTypeIsAStreamLikeAnyOther) {
     EXPECT_EQ(CM_OK, Judge(CM_TRANSPORT_TYPE_UDP));
 }
 
-// What becomes of a type in the network thread, and the lines of client and server about it.
+// The object for a type in the network thread, and the lines of client and server about it.
 TEST(ConnectionManagerTest, ProtocolTypes) {
     const struct {
         DWORD m_dwType, m_dwCanonical;
@@ -201,7 +201,8 @@ TEST(ConnectionManagerTest, MainThreadAsNetworkThread) {
     EXPECT_EQ(FORCED, Exchange(network, FORCED));
 }
 
-// What a network thread has posted to a proxy that was stopped, restarted or released meanwhile is dropped and closed.
+// Events that the network thread has posted to a proxy that was stopped, restarted or released are dropped, and their
+// transports are closed.
 TEST(ConnectionManagerTest, ProxiesForgetWhatWasPosted) {
     CTestNetwork network;
     CTestConnectSink accepted, sink;

@@ -5,7 +5,7 @@
 
 namespace {
 
-// In blocks of 0 to 3 bytes. What is left is freed, and returned, after the decoding.
+// In blocks of 0 to 3 bytes. The rest is freed, and returned, after the decoding.
 std::string Decode(CCsPduBase& aPdu, const std::string& aBytes) {
     static std::mt19937 s_Random(7);
     const CCmChainPtr pChain = MakeChain(aBytes, [] { return s_Random() % 4; });

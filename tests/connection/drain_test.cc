@@ -88,7 +88,7 @@ TEST(DrainTest, WhatIsNotConnectedEnds) {
     }
 }
 
-// What a user has paused stays so behind a proxy.
+// A transport that a user has paused stays paused behind a proxy.
 TEST(DrainTest, PausedReadingHidesTheEndBehindAProxyOnly) {
     for (const auto mode : MODES) {
         CTestNetwork network(mode);

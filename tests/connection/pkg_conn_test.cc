@@ -141,7 +141,7 @@ TEST_F(PkgConnTest, WhatWasCancelledOrEndedIsSilent) {
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, server.Send("abc"));
 }
 
-// What the sink sends inside its indication stands behind the response, however little the transport takes.
+// Data that the sink sends inside its indication follows the response, also if the transport takes one byte at a time.
 TEST_F(PkgConnTest, ResponseComesBeforeTheSinksData) {
     for (const DWORD dwRoom : {0u, 3u, 10u, CFakeLower::EVERYTHING}) {
         CServer server;

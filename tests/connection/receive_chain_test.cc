@@ -42,7 +42,7 @@ TEST(ReceiveChainTest, BehavesLikeAString) {
             ASSERT_EQ(CM_OK, chain.Take(dwCount, [&](CCmMessageBlock& aBlock) {
                 kept.emplace_back(aBlock.DuplicateChained(), strModel.substr(0, stCount));
                 for (CCmMessageBlock* pMb = &aBlock; pMb; pMb = pMb->GetNext())
-                    pMb->Write("scribble", 8);  // reaches nobody else's bytes
+                    pMb->Write("scribble", 8);  // reaches no other holder's bytes
             }));
             strModel.erase(0, stCount);
         }

@@ -1,5 +1,4 @@
-// What a message costs in things that can be counted, so that no machine's mood changes it. docs/performance.md shows the
-// counts.
+// The cost of a message in counts, which do not depend on the load of the machine. docs/performance.md shows them.
 
 #include <unistd.h>
 

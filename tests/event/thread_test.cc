@@ -38,7 +38,7 @@ public:
 
 }  // namespace
 
-// What is built against the interface calls by the number of the slot; a member pointer begins with its offset.
+// A program built against the interface calls by the number of the slot; a member pointer begins with its offset.
 TEST(ThreadTest, CreateIsTheFirstVirtualOperation) {
     const auto pCreate = &ACmThread::Create;
     ptrdiff_t nOffset = 0;

@@ -47,7 +47,7 @@ public:
     }
 
 private:
-    // The list is in the order of pushing: of equal ones the last is taken. What must wait for the next pass comes behind.
+    // The list is in the order of pushing: of equal ones the last is taken. Timers of the next pass come behind.
     std::vector<CEntry>::iterator Earliest() {
         auto itBest = m_Entries.end();
         for (auto it = m_Entries.begin(); it != m_Entries.end(); ++it) {

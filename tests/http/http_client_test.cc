@@ -45,7 +45,7 @@ const std::tuple<const char*, const char*, CAnswer::EEnd, const char*> CASES[] =
     {"HTTP/1.1 101 Switching Protocols\r\n\r\n", "GET", STAYS, "0  !20008"},
 };
 
-// What a server says, whole and byte by byte, and what the channel makes of it.
+// Answers of a server, whole and byte by byte, and the reports of the channel.
 TEST_F(HttpClientTest, AnswersAsTheyCome) {
     for (const auto& [szAnswer, szMethod, end, szResult] : CASES) {
         for (const size_t stPiece : {std::string::npos, size_t{1}}) {

@@ -17,8 +17,8 @@ public:
     std::string m_strBody = "nothing";
 };
 
-// What comes of one message, fed by the piece (a call for each) or as one chain of pieces: "BODY|LEFT", with "..." behind it if
-// more must follow; "broken: " or "beyond: ", a limit, if it is refused.
+// The outcome of one message, fed by the piece (a call for each) or as one chain of pieces: "BODY|LEFT", with "..." behind it
+// if more must follow; "broken: " or "beyond: ", a limit, if it is refused.
 template <class Head>
 std::string Parse(const std::string& aBytes, size_t aPiece, BOOL aOneChain, const CCmHttpLimits* aLimits) {
     Head head;
@@ -120,7 +120,7 @@ TEST(HttpParser, Limits) {
 }
 
 TEST(HttpParser, OverrunAndEndOfStream) {
-    // Not persistent: whatever stands in the block becomes part of the body.
+    // Not persistent: the rest of the block becomes part of the body.
     EXPECT_EQ("abcde|", Parse<CCmHttpResponseHead>("HTTP/1.1 200\r\nContent-Length: 3\r\n\r\nabcde", 1000, FALSE, nullptr));
 
     // Header and body, the results for null and for a block behind the end, and whether that completes the body.

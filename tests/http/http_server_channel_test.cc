@@ -1,4 +1,4 @@
-// What an application may do with a request, and when.
+// The operations of an application on a request, at each moment of it.
 #include "tests/http/server_fixture.h"
 
 namespace {

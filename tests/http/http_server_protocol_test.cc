@@ -1,4 +1,4 @@
-// What a server answers to which bytes, in whatever pieces they come.
+// A server's answers to requests in pieces of each size.
 #include "tests/http/server_fixture.h"
 
 namespace {

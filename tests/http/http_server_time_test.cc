@@ -61,7 +61,8 @@ TEST_F(HttpServerTest, StopsWhenWhatHasBegunIsDone) {
     EXPECT_EQ(CM_OK, m_pAcceptor->StartListen(this, Loopback()));
 }
 
-// What has not begun is closed without a wait: a part of a head, an empty line, a body that is not whole or not wanted.
+// A request that has not begun is closed without a wait: a part of a head, an empty line, a body that is not whole or not
+// wanted.
 TEST_F(HttpServerTest, ADrainFinishesWhatHasBegun) {
     for (DWORD dwOption = CM_OPT_CHANNEL_SERVER_HEAD_SECONDS; dwOption <= CM_OPT_CHANNEL_SERVER_STOP_SECONDS; ++dwOption) {
         DWORD dwSeconds = 0x40000000;

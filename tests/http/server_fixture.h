@@ -10,7 +10,7 @@
 // A client without a socket.
 class CTestClient : public CFakeLower {
 public:
-    // What has come since it was last asked, "STATUS:BODY " for each answer, and "end" when the server has ended its side.
+    // The answers since the last call, "STATUS:BODY " for each answer, and "end" when the server has ended its side.
     std::string TakeAnswers() {
         std::string strAnswers;
         for (std::string strLeft = TakeSent(); !strLeft.empty();) {

@@ -147,7 +147,7 @@ bool CallThread(ACmThread& aThread) {
     int nCalled = 0;
     const CmResult rvCall = CWorld::Do([&] { return link.Call([&] { return ++nCalled, CM_OK; }); });
     Require(nCalled == (rvCall == CM_OK), "called and run differ");
-    // What a thread has taken whose reactor did not open is destroyed unrun.
+    // Events of a thread whose reactor did not open are destroyed and do not run.
     Require(nPosted == (rvPost == CM_OK) || (nPosted == 0 && rvCall != CM_OK), "posted and run differ");
     Require(sent.m_nFired == (rvSend == CM_OK) && sent.m_nDestroyed == 1, "sent and run differ");
     return rvPost == CM_OK && rvSend == CM_OK && rvCall == CM_OK;

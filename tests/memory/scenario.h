@@ -1,4 +1,4 @@
-// What a user does with the library, told step by step, so that any step may fail.
+// The steps of a user of the library, each of which may fail.
 #pragma once
 
 #include "tests/memory/world.h"

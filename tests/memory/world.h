@@ -57,7 +57,7 @@ public:
     // Nothing that a scenario made is left, descriptors included.
     void RequireClean();
 
-    // What a call of the library returns.
+    // The result of a call of the library.
     template <class Callable>
     static auto Do(Callable aCallable) {
         const CCmFaultyCode faulty;

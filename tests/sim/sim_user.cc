@@ -68,7 +68,7 @@ void CSimUser::OnDisconnect(CmResult aReason, ICmTransport* aTrptId) {
     CCmSimWildPeer::OnDisconnect(aReason, aTrptId);
     const CSimUser* pPeer = GetPeer_i();
     const BOOL bSilence = aReason == CM_ERROR_NETWORK_CONNECT_TIMEOUT && IsSilenceTheEnd_i();
-    const BOOL bEnded = pPeer ? !pPeer->IsOpen() && aReason == m_Link.m_Reason : aReason == CM_OK;  // nobody kept it
+    const BOOL bEnded = pPeer ? !pPeer->IsOpen() && aReason == m_Link.m_Reason : aReason == CM_OK;  // no user kept it
     const BOOL bLost =
         aReason == CM_ERROR_NETWORK_SOCKET_ERROR || (m_World.m_bDatagrams && aReason != CM_ERROR_NETWORK_CONNECT_TIMEOUT &&
                                                      (aReason == CM_OK || aReason >= 20000));  // of an earlier peer, perhaps
@@ -110,8 +110,8 @@ BOOL CSimUser::IsSilenceTheEnd_i() const {
     return m_World.m_Network.HasJumped() || (IsPeerSilent_i() && (m_World.Now() - m_llTimer) % m_llInterval == 0);
 }
 
-// What the transport has not taken by now lingers after an orderly end; after any other it is lost, the reason among it, and a
-// link that breaks loses more.
+// Bytes that the transport has not taken linger after an orderly end. After any other end they are lost, the reason among them,
+// and a link that breaks loses more.
 void CSimUser::OnEnding(CmResult aReason) {
     if (GetPeer_i() && !GetPeer_i()->IsOpen())
         return;

@@ -28,7 +28,7 @@ struct CSimLink {
     CmResult m_Reason = CM_OK;  // with this reason for the peer
 };
 
-// What all users share. It also notes when the transports below last sent and received.
+// The common part of all users. It also notes when the transports below last sent and received.
 class CSimWorld : public ICmSimObserver {
 public:
     static constexpr WORD PORT = 80;  // the server's

@@ -73,7 +73,7 @@ TEST_F(AcceptorTest, AStopEndsOnlyTheListeningAndAStartGoesOnAtOnce) {
     EXPECT_EQ(10u, m_Sink.Count());
     EXPECT_EQ(CM_OK, SendText(*m_Sink.m_Transports[9], "hello"));
     YieldUntil([&] { return clients[9].Read() == "hello"; });
-    // What nobody keeps is closed. This side closes first: it is the one that has to wait.
+    // A transport without references is closed. This side closes first: its port waits.
     m_Sink.m_Transports.clear();
     std::string strData;
     m_Network.RunUntil([&] { return ReadToEnd(clients[0], strData); });

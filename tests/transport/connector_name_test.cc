@@ -18,8 +18,8 @@ public:
     const CCmRefPtrT<ICmConnector> m_pConnector;
 };
 
-// Names stand for addresses of loopback: at 127.0.0.1 somebody listens, at 127.0.0.2 nobody does, and 127.0.0.3 takes no more
-// connections and refuses none.
+// Names stand for addresses of loopback: 127.0.0.1 has a listener, 127.0.0.2 has none, and 127.0.0.3 takes no more connections
+// and refuses none.
 class ConnectorNameTest : public CDnsTest {
 protected:
     ConnectorNameTest() {
@@ -156,7 +156,7 @@ TEST_F(ConnectorNameTest, TheTimeOutCoversEverythingAndEndsEveryAttempt) {
     EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_ERROR, client.m_Reasons.back());
     EXPECT_TRUE(trace.Contains("CCmConnectorWrapper::OnTimeout, connect timeout."));
 
-    // The same clock runs while the name is looked up: nobody answers here.
+    // The same clock runs during the look-up, which gets no answer here.
     const CSilentServer silent;
     m_Keys["Servers"] = silent.m_strAddress;
     Configure();

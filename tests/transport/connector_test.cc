@@ -28,7 +28,7 @@ protected:
 
     CTestNetwork m_Network{CCmThreadManager::NETWORK_THREAD_MAIN};
     const CTestListener m_Listener;
-    CCmInetAddr m_Refused{CTestListener().Addr()};  // nobody listens there
+    CCmInetAddr m_Refused{CTestListener().Addr()};  // without a listener
     CCmInetAddr m_Foreign{"192.0.2.1", 0};          // none of this machine's
     CTestConnectSink m_Sink;
     CCmRefPtrT<CCmConnectorWrapper> m_pConnector;

@@ -64,7 +64,7 @@ TEST_F(DnsServerTest, ServersAndSearchDomainsComeFromTheResolverFile) {
     m_Clock.Advance(CCmTimeValue(1));
     EXPECT_EQ(CCmDnsRecord::FAILED, Resolve("one")->GetState());
 
-    // What is no list of servers is ignored with a warning; the file then says who is asked, and it says nobody.
+    // A value that is no list of servers is ignored with a warning. The file is used instead, and it has no server.
     CCmTraceCapture trace;
     m_Keys["Servers"] = "not an address";
     Configure();

@@ -19,7 +19,7 @@ std::string AddressOf(ICmTransport& aTransport, DWORD aCommand) {
     return cm_address_text(Get<CCmInetAddr>(aTransport, aCommand));
 }
 
-// What is read inside an upcall while the network thread can answer nobody.
+// A failure that is read inside an upcall, while the network thread cannot answer.
 class FailureTest : public testing::Test {
 protected:
     template <class Read>
@@ -173,7 +173,7 @@ TEST_F(FailureTest, TransportsTellWhoLeftAndWhy) {
     }
 }
 
-// What the system does not report after a failed send the loop does, behind what can still be received.
+// The loop reports a failure that the system does not report after a failed send, behind the bytes that can still be received.
 TEST_F(FailureTest, AFailedSendEndsTheConnectionFromTheLoop) {
     for (const DWORD dwType : {RAW, LENGTH}) {
         for (const BOOL bPaused : {FALSE, TRUE}) {

@@ -1,4 +1,4 @@
-// What differs between the families of addresses.
+// The differences between the families of addresses.
 #include <netinet/ip.h>
 #include <sys/file.h>
 #include <sys/stat.h>

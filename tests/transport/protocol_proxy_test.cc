@@ -135,7 +135,7 @@ TEST_F(ProtocolProxyTest, TheConnectionEndsInsideASend) {
                 if (aText != strWhere)
                     return CM_OK;
                 pFake->m_pSink->OnDisconnect(CM_ERROR_FAILURE, pFake);
-                return pFake->GetSink() ? CM_OK : CM_ERROR_PARTIAL_DATA;  // it is still there, though nobody's
+                return pFake->GetSink() ? CM_OK : CM_ERROR_PARTIAL_DATA;  // it still exists, without a user
             });
             user.End();
             if (bRelease)

@@ -40,7 +40,7 @@ protected:
     void Until(Condition aCondition) const {
         RunUntil(m_Main.GetReactor(), aCondition);
     }
-    // Enough turns for whatever the loop still has to say.
+    // Enough turns for all reports of the loop.
     void Settle() {
         for (int i = 0; i < 5; ++i)
             m_Main.RunOnce();

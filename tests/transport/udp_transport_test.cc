@@ -135,7 +135,7 @@ TEST_F(UdpTest, WhatIsAlreadyThereSharesSystemCalls) {
 // The refusal is met by the next receive, by the next send, or before the transport was opened.
 TEST_F(UdpTest, ARefusalByThePeersSystemEndsItOnce) {
     for (int nWay = 0; nWay < 3; ++nWay) {
-        Connect(CPlainUdp().Addr());  // nobody receives there any more
+        Connect(CPlainUdp().Addr());  // its socket is closed
         CTestSink sink;
         const auto open = [&] { EXPECT_EQ(CM_OK, m_pTransport->OpenWithSink(&sink)); };
         if (nWay < 2)

@@ -19,7 +19,7 @@ public:
     // The valid record of that name, which counts as used now. Null: there is none. Names are compared exactly.
     CCmRefPtrT<CCmDnsRecord> Find(const CCmString& aName);
 
-    // What is left of a record that is not valid any more: the answer of a family whose addresses have not expired. Throws
+    // The rest of a record that is not valid any more: the answer of a family whose addresses have not expired. Throws
     // std::bad_alloc.
     talvo::CDnsAnswers FindRest(const CCmString& aName) const;
 

@@ -273,7 +273,7 @@ CTlsSession::EResult CTlsSession::Handshake() {
     return sent;
 }
 
-// What this call has received and not decrypted is for the next one, unless there is none.
+// Bytes that this call has received and not decrypted are for the next one, if there is one.
 void CTlsSession::PutBack_i() {
     if (GetInput() == 0 || m_bFailed || m_bPeerEnded)
         m_pCall->m_pBuffers->GiveBack(std::move(m_pInput));
