@@ -4,11 +4,6 @@
 
 using talvo::CReceiveChain;
 
-namespace {
-
-// The storage behind a chain.
-}  // namespace
-
 TEST(ReceiveChainTest, BehavesLikeAString) {
     std::minstd_rand random(4711);
     const auto below = [&](size_t aLimit) { return static_cast<DWORD>(random() % aLimit); };
