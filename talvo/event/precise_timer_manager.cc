@@ -23,6 +23,11 @@ constexpr DWORD MAX_INTERVAL = 7200000;  // likewise
 
 std::atomic<CCmPreciseTimerManager*> s_pInstance{nullptr};
 
+// FALSE: no memory for one more.
+BOOL MakeRoom(std::vector<CCmPreciseTimerQueue*>& aQueues) {
+    return talvo::WithMemory([&] { aQueues.reserve(aQueues.size() + 1); });
+}
+
 // Outside of the manager's mutex, which the thread takes. aThread may be null.
 void EndThread(CPreciseTimerThread* aThread) {
     if (!aThread)
@@ -117,7 +122,7 @@ CCmPreciseTimerQueue* CCmPreciseTimerManager::GetTimerQueue(ICmEventQueue* aQueu
         ++pFound->m_dwReferences;
         return pFound;
     }
-    if (!StartThread_i() || !talvo::WithMemory([&] { m_Queues.reserve(m_Queues.size() + 1); }))
+    if (!StartThread_i() || !MakeRoom(m_Queues))
         return nullptr;
     auto* pQueue = new (std::nothrow) CCmPreciseTimerQueue(*this, pEvents);
     if (pQueue)
