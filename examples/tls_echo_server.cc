@@ -47,5 +47,7 @@ int main(int argc, char** argv) {
     EchoServer server;
     if (argc < 3 || !server.Start(argv[1], argv[2]))
         return 1;
-    return CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN)->RunEventLoop() == CM_OK ? 0 : 1;
+    const CmResult rv = CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN)->RunEventLoop();
+    CCmConnectionManager::Instance()->Drain(nullptr);  // the process exits after the connections have ended
+    return rv == CM_OK ? 0 : 1;
 }

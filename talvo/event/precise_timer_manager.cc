@@ -1,6 +1,7 @@
 #include "talvo/event/precise_timer_manager.h"
 
 #include <algorithm>
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -8,6 +9,7 @@
 #include "talvo/base/trace.h"
 #include "talvo/base/with_memory.h"
 #include "talvo/event/precise_timer_thread.h"
+#include "talvo/event/thread.h"
 
 using talvo::CPreciseTimerThread;
 
@@ -26,15 +28,6 @@ std::atomic<CCmPreciseTimerManager*> s_pInstance{nullptr};
 // FALSE: no memory for one more.
 BOOL MakeRoom(std::vector<CCmPreciseTimerQueue*>& aQueues) {
     return talvo::WithMemory([&] { aQueues.reserve(aQueues.size() + 1); });
-}
-
-// Outside of the manager's mutex, which the thread takes. aThread may be null.
-void EndThread(CPreciseTimerThread* aThread) {
-    if (!aThread)
-        return;
-    aThread->Stop();
-    aThread->Join();
-    aThread->Destory(CM_OK);
 }
 
 }  // namespace
@@ -72,9 +65,9 @@ CmResult CCmPreciseTimerQueue::CancelTimer(ICmTimerHandler* aEh) {
 // The calendar may have been made by another thread.
 CmResult CCmPreciseTimerQueue::Bind_i() {
     ACmThread* pThread = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_CURRENT);
-    if (pThread && pThread->GetEventQueue() != m_pEventQueue)
+    if (!pThread || pThread->GetEventQueue() != m_pEventQueue)
         return CM_ERROR_FAILURE;
-    if (pThread && pThread->GetLink().Join(*this) != CM_OK)
+    if (pThread->GetLink().Join(*this) != CM_OK)
         return CM_ERROR_NOT_INITIALIZED;
     m_Mutex = CCmMutexNullSingleThread();
     m_bBound = true;
@@ -97,10 +90,9 @@ void CCmPreciseTimerQueue::OnTicked_i() {
         m_bArmed = false;
 }
 
-CCmPreciseTimerManager::~CCmPreciseTimerManager() {
-    EndThread(m_pThread);
-    s_pInstance = nullptr;
-}
+CCmPreciseTimerManager::CCmPreciseTimerManager() = default;
+
+CCmPreciseTimerManager::~CCmPreciseTimerManager() { s_pInstance = nullptr; }
 
 CCmPreciseTimerManager* CCmPreciseTimerManager::Instance() {
     if (CCmPreciseTimerManager* pInstance = s_pInstance.load(std::memory_order_acquire))
@@ -131,24 +123,16 @@ CCmPreciseTimerQueue* CCmPreciseTimerManager::GetTimerQueue(ICmEventQueue* aQueu
 }
 
 BOOL CCmPreciseTimerManager::StartThread_i() {
-    if (m_pThread && !m_pThread->IsStopped())
-        return TRUE;
     if (m_pThread)
-        std::exchange(m_pThread, nullptr)->Destory(CM_OK);  // stopped together with all other threads
-    CPreciseTimerThread* pThread = nullptr;
-    talvo::WithMemory([&] { pThread = new CPreciseTimerThread([this](uint64_t aBeats) { OnBeat_i(aBeats); }); });
-    CmResult rv = CM_ERROR_OUT_OF_MEMORY;
-    if (pThread)
-        rv = pThread->IsReady() ? pThread->Create(CCmThreadManager::Instance()->GetAndIncreamUserType()) : CM_ERROR_UNEXPECTED;
-    if (rv == CM_OK) {
-        m_pThread = pThread;
-        m_pThread->Beat(m_bBeating);
         return TRUE;
+    std::unique_ptr<CPreciseTimerThread> pThread;
+    talvo::WithMemory([&] { pThread.reset(new CPreciseTimerThread([this](uint64_t aBeats) { OnBeat_i(aBeats); })); });
+    if (!pThread || !pThread->Start()) {
+        CM_ERROR_TRACE_THIS("CCmPreciseTimerManager::StartThread_i, there is no thread for the beat.");
+        return FALSE;
     }
-    CM_ERROR_TRACE_THIS("CCmPreciseTimerManager::StartThread_i, there is no thread for the beat. rv=" << rv);
-    if (pThread)
-        pThread->Destory(rv);
-    return FALSE;
+    m_pThread = std::move(pThread);
+    return TRUE;
 }
 
 CCmPreciseTimerQueue* CCmPreciseTimerManager::Find_i(const ICmEventQueue* aQueue) {
@@ -178,34 +162,31 @@ void CCmPreciseTimerManager::OnBeat_i(uint64_t aTicks) {
         m_pThread->Beat(FALSE);
 }
 
-// The thread that has no calendar left, for the caller to end; otherwise null.
-CPreciseTimerThread* CCmPreciseTimerManager::Remove_i(CCmPreciseTimerQueue& aQueue) {
+// The thread without a calendar, for the caller to end outside of the mutex, which it takes; otherwise null.
+std::unique_ptr<CPreciseTimerThread> CCmPreciseTimerManager::Remove_i(CCmPreciseTimerQueue& aQueue) {
     m_Queues.erase(std::remove(m_Queues.begin(), m_Queues.end(), &aQueue), m_Queues.end());
     if (!m_Queues.empty())
         return nullptr;
     m_bBeating = false;
-    return std::exchange(m_pThread, nullptr);
+    return std::move(m_pThread);
 }
 
 void CCmPreciseTimerManager::ThreadHasEnded_i(CCmPreciseTimerQueue& aQueue) {
-    CPreciseTimerThread* pThread = nullptr;
-    {
-        Guard guard(m_Mutex);
-        pThread = Remove_i(aQueue);
-        aQueue.m_bEnded = true;
-    }
-    EndThread(pThread);
+    std::unique_ptr<CPreciseTimerThread> pEnded;
+    Guard guard(m_Mutex);
+    pEnded = Remove_i(aQueue);
+    aQueue.m_bEnded = true;
 }
 
 // A calendar that a thread uses is deleted by an event of that thread, which cannot end while the mutex is locked.
 DWORD CCmPreciseTimerManager::Release_i(CCmPreciseTimerQueue& aQueue) {
-    CPreciseTimerThread* pThread = nullptr;
+    std::unique_ptr<CPreciseTimerThread> pEnded;
     BOOL bInside = FALSE;
     {
         Guard guard(m_Mutex);
         if (--aQueue.m_dwReferences > 0)
             return aQueue.m_dwReferences;
-        pThread = Remove_i(aQueue);
+        pEnded = Remove_i(aQueue);
         bInside = aQueue.m_bBound && !aQueue.m_bEnded && aQueue.m_Mutex.IsCurrentThread();
         if (!aQueue.m_bBound || aQueue.m_bEnded)
             delete &aQueue;
@@ -216,6 +197,5 @@ DWORD CCmPreciseTimerManager::Release_i(CCmPreciseTimerQueue& aQueue) {
         aQueue.End_i();
         aQueue.m_pEventQueue->PostEvent(&aQueue.m_Deletion);
     }
-    EndThread(pThread);
     return 0;
 }

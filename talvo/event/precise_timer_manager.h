@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <vector>
 
 #include "talvo/base/clean_up.h"
@@ -16,23 +17,25 @@ class CPreciseTimerThread;
 
 // The calendar of one event queue, with slots of 10 ms and a wheel of two hours. Schedule and cancel in the thread of that
 // event queue only; the first schedule binds the calendar to the calling thread. A timer is never early, and late by at most 10
-// ms and the time that its event waits in the event queue. One of two hours or more is traced and fires after one turn of the
+// ms and the time that its event waits in the event queue. One of 7,199.98 s or more is traced and fires after one turn of the
 // wheel.
 //
 //   this queue                  threads without a reactor; 100,000 coarse timers: each operation is O(1)
 //   the queue of a reactor      precision of 1 ms, and O(log n)
 //   the queue of CCmThreadTask  likewise, as long as the thread returns to its loop in time
 //
-// Counted: GetTimerQueue adds a reference for its caller, and the last release ends the calendar and its timers. Any thread may
-// add and release references. The end of the thread ends its calendar, too: it then fires nothing and refuses timers, and still
-// has to be released.
+// Counted: GetTimerQueue adds a reference for its caller, and the last release ends the calendar and its timers: at once in the
+// thread of the event queue; called in another thread, by an event of that thread, before which timers may still fire. Any
+// thread may add and release references. The end of the thread ends its calendar, too: it then fires nothing and refuses
+// timers, and still has to be released.
 class TALVO_API CCmPreciseTimerQueue final : public CCmTimerQueueCalendar, private CCmThreadTenant {
 public:
     DWORD AddReference();
     // Inside OnTimeout, too: no other timer of the calendar fires then.
     DWORD ReleaseReference();
 
-    // As ICmTimerQueue. CM_ERROR_NOT_INITIALIZED: the thread of the event queue has ended.
+    // As ICmTimerQueue. CM_ERROR_FAILURE: the caller is not the registered thread of the event queue; a thread is registered
+    // after its OnThreadInit and until Destory. CM_ERROR_NOT_INITIALIZED: that thread has ended.
     CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) override;
     CmResult CancelTimer(ICmTimerHandler* aEh) override;
 
@@ -66,8 +69,8 @@ private:
     CDeletion m_Deletion{*this};
 };
 
-// The process's precise timers: one thread of a user type, started with the first calendar and ended with the last one, ticks
-// all calendars that have timers. It sleeps without wake-ups while none has. Any thread.
+// The process's precise timers: one thread, started with the first calendar and ended with the last one, ticks all calendars
+// that have timers. It sleeps without wake-ups while none has. The thread manager neither lists nor stops it. Any thread.
 class TALVO_API CCmPreciseTimerManager : public CCmCleanUpBase {
 public:
     // The first call creates it. Null: memory ran out.
@@ -84,18 +87,18 @@ protected:
 private:
     friend class CCmPreciseTimerQueue;
 
-    CCmPreciseTimerManager() = default;
+    CCmPreciseTimerManager();
 
     BOOL StartThread_i() CM_REQUIRES(m_Mutex);
     CCmPreciseTimerQueue* Find_i(const ICmEventQueue* aQueue) CM_REQUIRES(m_Mutex);
     void Arm_i();
     DWORD Release_i(CCmPreciseTimerQueue& aQueue);
     void ThreadHasEnded_i(CCmPreciseTimerQueue& aQueue);
-    talvo::CPreciseTimerThread* Remove_i(CCmPreciseTimerQueue& aQueue) CM_REQUIRES(m_Mutex);
+    std::unique_ptr<talvo::CPreciseTimerThread> Remove_i(CCmPreciseTimerQueue& aQueue) CM_REQUIRES(m_Mutex);
     void OnBeat_i(uint64_t aTicks);
 
     CCmMutexThread m_Mutex;
-    std::vector<CCmPreciseTimerQueue*> m_Queues CM_GUARDED_BY(m_Mutex);      // of threads that have not ended
-    talvo::CPreciseTimerThread* m_pThread CM_GUARDED_BY(m_Mutex) = nullptr;  // null: there is no calendar
+    std::vector<CCmPreciseTimerQueue*> m_Queues CM_GUARDED_BY(m_Mutex);            // of threads that have not ended
+    std::unique_ptr<talvo::CPreciseTimerThread> m_pThread CM_GUARDED_BY(m_Mutex);  // null: there is no calendar
     bool m_bBeating CM_GUARDED_BY(m_Mutex) = false;
 };

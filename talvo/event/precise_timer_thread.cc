@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <ctime>
+#include <iterator>
 #include <utility>
 
 namespace talvo {
@@ -31,9 +32,23 @@ CPreciseTimerThread::CPreciseTimerThread(std::function<void(uint64_t)> aOnBeat)
       m_nStop(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
 
 CPreciseTimerThread::~CPreciseTimerThread() {
+    m_bStopped = true;
+    if (m_bStarted) {
+        eventfd_write(m_nStop, 1);
+        pthread_join(m_Thread, nullptr);
+    }
     for (const int nFd : {m_nTimer, m_nStop})
         if (nFd >= 0)
             close(nFd);
+}
+
+BOOL CPreciseTimerThread::Start() {
+    const auto run = [](void* aThread) -> void* {
+        static_cast<CPreciseTimerThread*>(aThread)->Run_i();
+        return nullptr;
+    };
+    m_bStarted = m_nTimer >= 0 && m_nStop >= 0 && pthread_create(&m_Thread, nullptr, run, this) == 0;
+    return m_bStarted;
 }
 
 void CPreciseTimerThread::Beat(BOOL aBeat) {
@@ -41,13 +56,7 @@ void CPreciseTimerThread::Beat(BOOL aBeat) {
     timerfd_settime(m_nTimer, TFD_TIMER_ABSTIME, &spec, nullptr);
 }
 
-CmResult CPreciseTimerThread::Stop(CCmTimeValue*) {
-    m_bStopped = true;
-    eventfd_write(m_nStop, 1);
-    return CM_OK;
-}
-
-void CPreciseTimerThread::OnThreadRun() {
+void CPreciseTimerThread::Run_i() {
     pollfd fds[] = {{m_nTimer, POLLIN, 0}, {m_nStop, POLLIN, 0}};
     while (!m_bStopped) {
         poll(fds, std::size(fds), -1);

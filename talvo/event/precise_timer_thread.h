@@ -1,31 +1,40 @@
 // The thread with the beat of the precise timers.
 #pragma once
 
+#include <pthread.h>
+
 #include <atomic>
 #include <functional>
 
-#include "talvo/event/thread.h"
+#include "talvo/base/export.h"
+#include "talvo/base/types.h"
 
 namespace talvo {
 
-// Waits for an absolute timer of the system every 10 ms while it beats, and without wake-ups while it does not.
-class TALVO_API CPreciseTimerThread final : public ACmThread {
+// Waits for an absolute timer of the system every 10 ms while it beats, and without wake-ups while it does not. The thread
+// manager does not list it, because the end of any thread may end it.
+class TALVO_API CPreciseTimerThread final {
 public:
     // aOnBeat: called in this thread with the number of beats since the last call.
     explicit CPreciseTimerThread(std::function<void(uint64_t)> aOnBeat);
-    ~CPreciseTimerThread() override;
+    // Ends the thread and waits for its end.
+    ~CPreciseTimerThread();
+    CPreciseTimerThread(const CPreciseTimerThread&) = delete;
+    CPreciseTimerThread& operator=(const CPreciseTimerThread&) = delete;
 
-    BOOL IsReady() const { return m_nTimer >= 0 && m_nStop >= 0; }  // FALSE: no descriptor is left
+    // Once. FALSE: no descriptor or no thread is left.
+    BOOL Start();
     // Any thread, one at a time.
     void Beat(BOOL aBeat);
-    CmResult Stop(CCmTimeValue* aTimeout = nullptr) override;
-    BOOL IsStopped() const { return m_bStopped; }
-    void OnThreadRun() override;
 
 private:
+    void Run_i();
+
     const std::function<void(uint64_t)> m_OnBeat;
     const int m_nTimer;
     const int m_nStop;
+    pthread_t m_Thread{};
+    BOOL m_bStarted = FALSE;
     std::atomic<bool> m_bStopped{false};
 };
 
