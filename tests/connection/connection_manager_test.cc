@@ -127,7 +127,8 @@ TEST(ConnectionManagerTest, ARaceThroughAThreadProxyEndsWithItsUser) {
     sink.m_Indicated = [&] { pRace.Reset(); };
     make();
     pRace->CancelConnect();
-    pRace->AsycConnect(&sink, CTestListener().Addr());  // to that address only, where nobody listens
+    const CCmInetAddr addrClosed = CTestListener().Addr();
+    pRace->AsycConnect(&sink, addrClosed);  // to that address only
     network.RunUntil([&] { return sink.Count() > 0; });
     EXPECT_NE(CM_OK, sink.m_Reasons[0]);
     make();
