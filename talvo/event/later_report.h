@@ -9,7 +9,7 @@
 namespace talvo {
 
 // A member of its owner, a reference-counted object of one thread with an event queue. It runs the owner's Method from that
-// thread's loop.
+// thread's loop, unless the last reference of others has been released before.
 template <class Owner, void (Owner::*Method)()>
 class CLaterReportT final : private ICmEvent {
 public:
@@ -33,7 +33,8 @@ public:
 private:
     CmResult OnEventFire() override {
         m_bPosted = FALSE;
-        if (std::exchange(m_bDue, FALSE))
+        const BOOL bOrphan = m_Owner.GetReference() == 1;  // only the event's own reference is left
+        if (std::exchange(m_bDue, FALSE) && !bOrphan)
             (m_Owner.*Method)();
         return CM_OK;
     }

@@ -2,6 +2,7 @@
 
 #include "talvo/base/ref_ptr.h"
 #include "talvo/event/event_delete.h"
+#include "talvo/event/later_report.h"
 #include "talvo/event/timer_delete.h"
 #include "tests/support/event_helpers.h"
 
@@ -23,6 +24,16 @@ struct CTarget {
     std::atomic<int>& m_Dead;
 };
 
+struct CReporter : CCmReferenceControlT<CCmMutexNullSingleThread> {
+    CReporter(std::atomic<int>& aDead, int& aReports) : m_Dead(aDead), m_nReports(aReports) {}
+    ~CReporter() override { ++m_Dead; }
+    void Report() { ++m_nReports; }
+
+    std::atomic<int>& m_Dead;
+    int& m_nReports;
+    talvo::CLaterReportT<CReporter, &CReporter::Report> m_Later{*this};
+};
+
 }  // namespace
 
 // Whichever thread class ends first, and also what dies only because another object did.
@@ -41,4 +52,27 @@ TEST(ReferenceControlTest, PendingDeletionsHappenWhenTheThreadEnds) {
         }
         EXPECT_EQ(3, nDead);
     }
+}
+
+TEST(ReferenceControlTest, ALateReportEndsWithTheLastReferenceOfOthers) {
+    std::atomic<int> nDead{0};
+    int nReports = 0;
+    CScopedThread thread(CScopedThread::TASK);
+    for (const BOOL bReleases : {FALSE, TRUE}) {
+        CCmRefPtrT<CReporter> pReporter;
+        thread->GetLink().Call([&] {
+            pReporter = new CReporter(nDead, nReports);
+            pReporter->m_Later.Arm();
+            if (bReleases)
+                pReporter.Reset();
+            return CM_OK;
+        });
+        thread->GetLink().Call([&] {
+            pReporter.Reset();
+            return CM_OK;
+        });
+    }
+    thread.End();
+    EXPECT_EQ(2, nDead);
+    EXPECT_EQ(1, nReports);
 }
