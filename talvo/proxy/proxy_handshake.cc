@@ -7,6 +7,7 @@
 
 #include "talvo/base/secret.h"
 #include "talvo/proxy/proxy_wire.h"
+#include "talvo/transport/tls/tls_handshake.h"
 
 namespace talvo {
 
@@ -111,18 +112,7 @@ public:
     }
 
     EStep Step(CCmTransportTcp&) override {
-        if (m_Begun != CM_OK)
-            return FAILED;
-        switch (m_Transport.GetOuter()->Handshake()) {
-        case CTlsSession::DONE:
-            return DONE;
-        case CTlsSession::WANT_READ:
-            return READ;
-        case CTlsSession::WANT_WRITE:
-            return WRITE;
-        default:
-            return FAILED;
-        }
+        return m_Begun == CM_OK ? HandshakeStepOf(m_Transport.GetOuter()->Handshake()) : FAILED;
     }
     CCmFailure GetFailure(const CCmInetAddr& aPeer) const override {
         const char* pText = m_Begun == CM_OK ? m_Transport.GetOuter()->GetFailureText() : "TLS cannot begin";

@@ -14,20 +14,7 @@ class CTlsHandshake final : public IHandshake {
 public:
     CTlsHandshake(CCmTransportSsl& aTransport, CmResult aBegun) : m_Transport(aTransport), m_Begun(aBegun) {}
 
-    EStep Step(CCmTransportTcp&) override {
-        if (m_Begun != CM_OK)
-            return FAILED;
-        switch (m_Transport.Handshake()) {
-        case CTlsSession::DONE:
-            return DONE;
-        case CTlsSession::WANT_READ:
-            return READ;
-        case CTlsSession::WANT_WRITE:
-            return WRITE;
-        default:
-            return FAILED;
-        }
-    }
+    EStep Step(CCmTransportTcp&) override { return m_Begun == CM_OK ? HandshakeStepOf(m_Transport.Handshake()) : FAILED; }
 
     CCmFailure GetFailure(const CCmInetAddr& aPeer) const override {
         if (m_Begun != CM_OK)
@@ -46,6 +33,21 @@ private:
 };
 
 }  // namespace
+
+IHandshake::EStep HandshakeStepOf(CTlsSession::EResult aResult) {
+    switch (aResult) {
+    case CTlsSession::DONE:
+        return IHandshake::DONE;
+    case CTlsSession::WANT_READ:
+        return IHandshake::READ;
+    case CTlsSession::WANT_WRITE:
+        return IHandshake::WRITE;
+    case CTlsSession::ENDED:
+    case CTlsSession::FAILED:
+        break;
+    }
+    return IHandshake::FAILED;
+}
 
 CCmRefPtrT<CCmTransportTcp> CTlsHandshakes::MakeTransport(ICmReactor* aReactor) {
     return new (std::nothrow) CCmTransportSsl(aReactor, m_dwType);

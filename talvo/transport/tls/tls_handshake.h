@@ -6,6 +6,9 @@
 
 namespace talvo {
 
+// The step of a handshake for the result of a session's Handshake.
+TALVO_API IHandshake::EStep HandshakeStepOf(CTlsSession::EResult aResult);
+
 // Makes transports of TLS and their handshakes. A TLS session begins on any connected TCP socket: a connector or acceptor takes
 // a CTlsHandshakes as its maker, or a CHandshakeRun runs one over a CCmTransportSsl that got the socket. Handshakes of another
 // maker can come first on the same connection, the request to a proxy server for example.
