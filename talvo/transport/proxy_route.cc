@@ -85,8 +85,9 @@ int HexOf(char aDigit) {
     return letter >= 'a' && letter <= 'f' ? letter - 'a' + 10 : -1;
 }
 
-// FALSE: a "%" without two digits.
+// FALSE: a "%" without two digits. The text may be a password: a string that grows would leave copies behind.
 BOOL PercentDecode(string_view aText, CCmString& aDecoded) {
+    aDecoded.reserve(aText.size());
     for (size_t i = 0; i < aText.size(); ++i) {
         if (aText[i] != '%') {
             aDecoded += aText[i];
@@ -102,13 +103,12 @@ BOOL PercentDecode(string_view aText, CCmString& aDecoded) {
 
 // "user" or "user:password".
 CmResult ReadCredentials(string_view aText, CCmProxyServer& aServer) {
-    const size_t stColon = aText.find(':');
+    const size_t stColon = std::min(aText.find(':'), aText.size());
+    const size_t stPassword = std::min(stColon + 1, aText.size());
     CCmString strUser, strPassword;
-    if (!PercentDecode(aText.substr(0, stColon), strUser))
-        return CM_ERROR_INVALID_ARG;
-    if (stColon != string_view::npos && !PercentDecode(aText.substr(stColon + 1), strPassword))
-        return CM_ERROR_INVALID_ARG;
-    const CmResult rv = aServer.SetCredentials(strUser, strPassword);
+    const BOOL bDecoded =
+        PercentDecode(aText.substr(0, stColon), strUser) && PercentDecode(aText.substr(stPassword), strPassword);
+    const CmResult rv = bDecoded ? aServer.SetCredentials(strUser, strPassword) : CM_ERROR_INVALID_ARG;
     talvo::WipeText(strPassword);
     return rv;
 }
