@@ -55,6 +55,7 @@ IProxyDialog::EStep CConnectDialog::Take(std::string_view aIn, size_t& aTaken, C
         if (m_bDraining) {
             step = Drain_i(rest, stTaken, aOut);
         } else {
+            m_bRepeating = FALSE;
             const CConnectReply::EResult result = m_Reply.Take(rest, stTaken);
             if (result == CConnectReply::BROKEN)
                 step = Malformed_i(m_Reply.GetFault());
@@ -115,6 +116,7 @@ IProxyDialog::EStep CConnectDialog::Drain_i(std::string_view aIn, size_t& aTaken
     if (rv != CM_OK)
         return m_Login.NeedsSameConnection() ? Malformed_i("a malformed 407") : AGAIN;
     m_bDraining = FALSE;
+    m_bRepeating = !m_Login.NeedsSameConnection();
     m_Reply.Clear();
     return Ask_i(aOut);
 }

@@ -19,6 +19,7 @@ public:
     EStep Begin(CCmString& aOut) override;
     EStep Take(std::string_view aIn, size_t& aTaken, CCmString& aOut) override;
     BOOL HasAsked() const override { return TRUE; }
+    BOOL IsRepeating() const override { return m_bRepeating; }
 
 private:
     EStep Ask_i(CCmString& aOut);
@@ -30,7 +31,8 @@ private:
     IProxyLogin& m_Login;
     CConnectReply m_Reply;
     DWORD m_dwInterim = 0;
-    BOOL m_bDraining = FALSE;  // the body of a 407; the next request follows it
+    BOOL m_bDraining = FALSE;   // the body of a 407; the next request follows it
+    BOOL m_bRepeating = FALSE;  // see IsRepeating
     CHttpBodyReader m_Body;
 };
 

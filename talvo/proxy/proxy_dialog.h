@@ -37,6 +37,9 @@ public:
     virtual EStep Take(std::string_view aIn, size_t& aTaken, CCmString& aOut) = 0;
     // The request for the peer is among the bytes to send.
     virtual BOOL HasAsked() const = 0;
+    // TRUE: the request is repeated on its connection, and no byte of the reply has come. If the connection ends now, a new
+    // dialog on another one may succeed: some servers close behind a refusal without announcing it.
+    virtual BOOL IsRepeating() const { return FALSE; }
 
     const CProxyRefusal& GetRefusal() const { return m_Refusal; }
 

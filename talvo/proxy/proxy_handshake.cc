@@ -86,6 +86,7 @@ IHandshake::EStep CProxyHandshake::Receive_i() {
         return nPeeked == -2 ? READ : FAILED;
     size_t stTaken = 0;
     m_Step = m_pDialog->Take({buffer, static_cast<size_t>(nPeeked)}, stTaken, m_strOut);
+    m_Owner.OnTaken(m_pDialog->IsRepeating());
     const int nTaken = static_cast<int>(stTaken);
     return nTaken == 0 || m_Wire.Recv(buffer, static_cast<DWORD>(stTaken)) == nTaken ? DONE : FAILED;
 }

@@ -20,6 +20,8 @@ public:
         virtual std::unique_ptr<IProxyDialog> MakeDialog() = 0;
         // The request for the peer is being sent: from now on the proxy's silence is the peer's.
         virtual void OnAsked() = 0;
+        // The dialog has taken bytes. aRepeating: its IsRepeating.
+        virtual void OnTaken(BOOL aRepeating) = 0;
         // The tunnel is open.
         virtual void OnTunnel() = 0;
         // aStep: AGAIN or FAILED. The handshake fails after the call.

@@ -243,7 +243,7 @@ int CProxyTunnel::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ACm
             Over_i(OPENED, pTransport);
         else
             Over_i(Fail_i(REFUSED, CM_ERROR_OUT_OF_MEMORY, CCmFailure(ENOMEM, "connect to", m_Settings.m_AddrPeer)));
-    } else if (m_bAgain && m_dwConnects < MOST_CONNECTS) {
+    } else if (m_bAgain && m_dwConnects < MOST_CONNECTS && aReason != CM_ERROR_OUT_OF_MEMORY) {
         if (m_pLogin->IsWaiting())
             SetStage_i(ASKING_USER);
         else
@@ -257,6 +257,8 @@ int CProxyTunnel::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ACm
 // The lower connector has failed.
 CProxyTunnel::EResult CProxyTunnel::Judge_i(CmResult aReason) {
     const CCmFailure& failure = m_pLower->GetFailure();
+    if (aReason == CM_ERROR_OUT_OF_MEMORY)
+        return Fail_i(REFUSED, aReason, failure);
     if (m_Refusal.m_Reason != CM_OK)
         return Refuse_i(m_Refusal.m_Reason, CM_FAILURE_PROTOCOL, m_Refusal.m_strText.c_str());
     if (m_bAgain)

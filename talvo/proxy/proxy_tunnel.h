@@ -90,6 +90,7 @@ private:
     const CCmProxyServer& GetServer() const override { return m_Settings.m_Server; }
     std::unique_ptr<IProxyDialog> MakeDialog() override;
     void OnAsked() override { SetStage_i(ASKED); }
+    void OnTaken(BOOL aRepeating) override { m_bAgain = aRepeating; }
     void OnTunnel() override { SetStage_i(TLS); }
     void OnRefused(IProxyDialog::EStep aStep, const CProxyRefusal& aRefusal) override;
     void OnLogin(CmResult aResult) override;
@@ -105,7 +106,7 @@ private:
     std::unique_ptr<CProxyServerLogin> m_pLogin;
     EStage m_Stage = IDLE;
     DWORD m_dwConnects = 0;
-    BOOL m_bAgain = FALSE;  // the server wants credentials on another connection
+    BOOL m_bAgain = FALSE;  // after an end of the connection the request is repeated on another one
     CProxyRefusal m_Refusal;
     CmResult m_Reason = CM_OK;
     CCmFailure m_Failure;
