@@ -4,6 +4,7 @@
 #include <list>
 #include <string>
 
+#include "talvo/transport/proxy_route.h"
 #include "talvo/transport/tls/ssl_context.h"
 #include "tests/memory/world.h"
 #include "tests/support/tls_certificates.h"
@@ -107,12 +108,18 @@ public:
         const CCmSafeCode safe;
         Require((aReason == CM_OK) == (aTrpt != nullptr), "an indication with half a transport");
         ++m_nIndications;
-        if (aTrpt)
-            m_Ends.emplace_back(m_bEcho, m_dwType == CM_TRANSPORT_TYPE_TLS).Open(aTrpt);
+        if (!aTrpt)
+            return;
+        CEnd& end = m_Ends.emplace_back(m_bEcho, m_dwType == CM_TRANSPORT_TYPE_TLS);
+        if (!m_strGreeting.empty())
+            end.m_ToSend.push_back(m_strGreeting);
+        end.Open(aTrpt);
+        end.Flush();
     }
 
     std::list<CEnd> m_Ends;
     int m_nIndications = 0;
+    std::string m_strGreeting;  // sent on each connection
 
 protected:
     DWORD m_dwType = 0;
@@ -166,12 +173,19 @@ public:
         });
         if (rv != CM_OK)
             return false;
-        CWorld::Do([&] { m_pConnector->AsycConnect(this, aAddr, &timeout); });
+        CWorld::Do([&] {
+            CCmProxyRoute route;
+            if (!m_strRoute.empty() && CCmProxyRoute::FromUris(m_strRoute, route) == CM_OK)
+                cm_get_connect_options(m_pConnector.Get())->SetOption(CM_OPT_CONNECT_ROUTE, &route);
+            m_pConnector->AsycConnect(this, aAddr, &timeout);
+        });
         Require(m_nIndications == 0, "an indication from inside AsycConnect");
         Require(aWorld.Run([&] { return m_nIndications > 0; }), "no indication");
         Require(m_nIndications <= 1, "two indications");
         return !m_Ends.empty() && !m_Ends.front().IsOver();
     }
+
+    std::string m_strRoute;  // URIs; "": none
 
 private:
     CCmRefPtrT<ICmConnector> m_pConnector;

@@ -118,6 +118,27 @@ bool ConnectToName(CWorld& aWorld, DWORD aType) {
     return bAll;
 }
 
+// The servers reply before they are asked, and echo what they are asked.
+bool ConnectThroughProxies(CWorld& aWorld) {
+    const std::string strLogin =
+        "HTTP/1.1 407 Who\r\nProxy-Authenticate: Digest realm=\"r\", nonce=\"n\", qop=\"auth\"\r\n"
+        "Content-Length: 0\r\n\r\n";
+    const std::pair<const char*, std::string> CASES[] = {{"http://user:pw@", strLogin + "HTTP/1.1 200 Go on\r\n\r\n"},
+                                                         {"socks5://user:pw@", {"\5\2\1\0\5\0\0\1xxxxxx", 14}},
+                                                         {"socks4a://", {"\0\x5Axxxxxx", 8}}};
+    bool bAll = true;
+    for (const auto& [pScheme, strReplies] : CASES) {
+        CServer server;
+        CClient client;
+        server.m_strGreeting = strReplies;
+        bAll = server.Start(TCP) == CM_OK && bAll;
+        client.m_strRoute = pScheme + cm_address_text(server.m_Addr) + ",direct";
+        bAll = client.Connect(aWorld, TCP, CCmInetAddr(OwnLoopback(), 1)) && bAll;
+        server.Stop();
+    }
+    return bAll;
+}
+
 // Those that were taken fire once each.
 class CTimers : public CCmTimerWrapperIDSink {
 public:
@@ -254,6 +275,7 @@ const std::vector<CScenario> SCENARIOS = {
     ConnectOf("ConnectToName", TCP),
     ConnectOf("ConnectToNameProxy", TCP | PROXY),
     ConnectOf("ConnectToNameUdp", UDP),
+    {"ConnectThroughProxies", MAIN, ConnectThroughProxies},
     {"Http", MAIN, AskAndAnswer},
     {"HttpTwoThreads", OWN, AskAndAnswer},
     {"Threads", MAIN, UseThreads},
