@@ -84,6 +84,8 @@
 #include "talvo/http/message/http_version.h"
 #include "talvo/http/server/channel_http_server_acceptor.h"
 #include "talvo/http/server/channel_server.h"
+#include "talvo/proxy/discovery/proxy_answer.h"
+#include "talvo/proxy/discovery/proxy_discovery.h"
 #include "talvo/proxy/proxy_functions.h"
 #include "talvo/transport/acceptor_base.h"
 #include "talvo/transport/base_types.h"

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "talvo/base/config_complaints.h"
+#include "talvo/base/config_text.h"
 #include "talvo/base/immortal.h"
 #include "talvo/base/mutex.h"
 #include "talvo/base/read_text.h"
@@ -54,14 +55,6 @@ CConfiguration& Configuration() {
 
 using ConfigurationGuard = CCmMutexGuardT<CCmMutexThread>;
 
-std::string_view Trim(std::string_view aText) {
-    constexpr std::string_view BLANKS = " \t\r\v\f";
-    const size_t nFirst = aText.find_first_not_of(BLANKS);
-    if (nFirst == std::string_view::npos)
-        return {};
-    return aText.substr(nFirst, aText.find_last_not_of(BLANKS) - nFirst + 1);
-}
-
 // Returns the reason to refuse an open file, or "". A file that another user can write could carry that user's commands. This
 // checks the descriptor, because the path may name another file by now.
 CCmString JudgeRights(HANDLE aFd) {
@@ -94,37 +87,13 @@ CCmString DefaultPath() {
     return pDirectory ? CCmString(pDirectory.get()) + "/conf/talvo.cfg" : "/tmp/talvo.cfg";
 }
 
-// false: the line is neither a section, a key with its value, a comment, nor empty.
-bool ParseLine_l(CConfiguration& aConfiguration, std::string_view aLine, CCmString& aSection)
-    CM_REQUIRES(aConfiguration.m_Mutex) {
-    aLine = Trim(aLine);
-    if (aLine.empty() || aLine.front() == '#' || aLine.front() == ';')
-        return true;
-    if (aLine.front() == '[') {
-        if (aLine.back() != ']')
-            return false;
-        aSection = Trim(aLine.substr(1, aLine.size() - 2));
-        return true;
-    }
-    const size_t nEqual = aLine.find('=');
-    const std::string_view strKey = Trim(aLine.substr(0, nEqual));
-    if (nEqual == std::string_view::npos || strKey.empty())
-        return false;
-    std::string_view strValue = Trim(aLine.substr(nEqual + 1));
-    if (!strValue.empty() && strValue.back() == ';')
-        strValue = Trim(strValue.substr(0, strValue.size() - 1));
-    aConfiguration.m_Values[{aSection, CCmString(strKey)}] = strValue;
-    return true;
-}
-
 void ParseText_l(CConfiguration& aConfiguration, std::string_view aText) CM_REQUIRES(aConfiguration.m_Mutex) {
-    CCmString strSection;
-    for (DWORD dwNumber = 1; !aText.empty(); ++dwNumber) {
-        const size_t nEnd = aText.find('\n');
-        if (!ParseLine_l(aConfiguration, aText.substr(0, nEnd), strSection) &&
-            aConfiguration.m_Complaints.size() < MAX_COMPLAINTS)
-            aConfiguration.m_Complaints.push_back("line is malformed and skipped, line=" + std::to_string(dwNumber));
-        aText.remove_prefix(nEnd == std::string_view::npos ? aText.size() : nEnd + 1);
+    talvo::CConfigLines lines(aText);
+    for (auto kind = lines.Next(); kind != talvo::CConfigLines::END; kind = lines.Next()) {
+        if (kind == talvo::CConfigLines::VALUE)
+            aConfiguration.m_Values[{CCmString(lines.GetSection()), CCmString(lines.GetKey())}] = lines.GetValue();
+        else if (aConfiguration.m_Complaints.size() < MAX_COMPLAINTS)
+            aConfiguration.m_Complaints.push_back("line is malformed and skipped, line=" + std::to_string(lines.GetNumber()));
     }
 }
 
