@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 #include "talvo/base/clock.h"
 #include "talvo/base/reference_control.h"
@@ -27,28 +28,41 @@ public:
 
     // In the calendar's thread.
     void Detach() { m_pQueue = nullptr; }
+    BOOL IsDetached() const { return !m_pQueue; }
 
     CmResult PostTo(ICmEventQueue& aQueue) {
-        if (m_dwCount.fetch_add(1) > 0)
+        ++m_dwCount;
+        if (m_bPosted.exchange(true))
             return CM_OK;
         AddReference();  // of the queue
-        const CmResult rv = aQueue.PostEvent(this);
-        if (rv != CM_OK)
-            m_dwCount = 0;  // the queue runs no ticks: the next post tries again
-        return rv;
+        return aQueue.PostEvent(this);
     }
 
+    // A callback may run a loop, which runs the next post of this event, and may destroy the calendar.
     CmResult OnEventFire() override {
-        const DWORD dwCount = m_dwCount.exchange(0);
+        ++m_dwRuns;
+        m_bPosted = false;
+        for (DWORD dwCount = m_dwCount.exchange(0); dwCount > 0 && m_pQueue; --dwCount)
+            m_pQueue->Turn_i(TRUE);
         if (m_pQueue)
-            m_pQueue->RunPostedTicks_i(dwCount);
+            m_pQueue->OnTicked_i();
         return CM_OK;
     }
-    void OnDestorySelf() override { ReleaseReference(); }
+
+    // Without a run if the queue refused or dropped the event: the next tick posts it again.
+    void OnDestorySelf() override {
+        if (m_dwRuns > 0)
+            --m_dwRuns;
+        else
+            m_bPosted = false;
+        ReleaseReference();
+    }
 
 private:
     CCmTimerQueueCalendar* m_pQueue;  // null: destroyed
-    std::atomic<DWORD> m_dwCount{0};
+    std::atomic<DWORD> m_dwCount{0};  // ticks that have not run
+    std::atomic<DWORD> m_dwRuns{0};   // under way
+    std::atomic<bool> m_bPosted{false};
 };
 
 }  // namespace talvo
@@ -61,8 +75,8 @@ CCmTimerQueueCalendar::CCmTimerQueueCalendar(DWORD aSlotInterval, DWORD aMaxInte
       m_pEventQueue(aQueue ? aQueue : CCmThreadManager::Instance()->GetThreadEventQueue(CCmThreadManager::TT_CURRENT)),
       m_dwSlotInterval(std::max(aSlotInterval, MIN_SLOT_INTERVAL)),
       m_dwMaxSlotNumber(std::max(aMaxInterval / m_dwSlotInterval, MIN_MAX_SLOT_NUMBER + 1) - 1),
-      m_pSlots(static_cast<CEntry**>(std::calloc(m_dwMaxSlotNumber + 1, sizeof(CEntry*)))),
-      m_pTicks(new (std::nothrow) talvo::CPostedTicks(*this)) {}
+      m_pTicks(new (std::nothrow) talvo::CPostedTicks(*this)),
+      m_pSlots(static_cast<CEntry**>(m_pTicks ? std::calloc(m_dwMaxSlotNumber + 1, sizeof(CEntry*)) : nullptr)) {}
 
 CCmTimerQueueCalendar::~CCmTimerQueueCalendar() {
     RunPendingDeletions();
@@ -70,48 +84,62 @@ CCmTimerQueueCalendar::~CCmTimerQueueCalendar() {
         m_pTicks->Detach();
 }
 
-int CCmTimerQueueCalendar::Tick() { return Turn_i(CCmClock::GetTimeOfDayUsec(), FALSE); }
+int CCmTimerQueueCalendar::Tick() { return Turn_i(FALSE); }
 
 CmResult CCmTimerQueueCalendar::PostTick() {
     if (!m_pEventQueue)
         return CM_ERROR_NULL_POINTER;
-    return m_pSlots && m_pTicks ? m_pTicks->PostTo(*m_pEventQueue) : CM_ERROR_OUT_OF_MEMORY;
+    return m_pSlots ? m_pTicks->PostTo(*m_pEventQueue) : CM_ERROR_OUT_OF_MEMORY;
 }
 
-void CCmTimerQueueCalendar::RunPostedTicks_i(DWORD aCount) {
-    const int64_t llNow = CCmClock::GetTimeOfDayUsec();
-    for (; aCount > 0; --aCount)
-        Turn_i(llNow, TRUE);
-    OnTicked_i();
-}
-
-int CCmTimerQueueCalendar::Turn_i(int64_t aNow, BOOL aByClock) {
+int CCmTimerQueueCalendar::Turn_i(BOOL aByClock) {
+    const CCmRefPtrT<talvo::CPostedTicks> pTicks = m_pTicks;  // outlives the calendar
+    int nFired = std::exchange(m_bDeletionWithoutNode, false) ? CheckExpire(nullptr) : 0;
     if (!m_pSlots)
-        return 0;
-    m_dwCurrentSlot = (m_dwCurrentSlot + 1) % (m_dwMaxSlotNumber + 1);
-    m_dwNearest = std::max<DWORD>(m_dwNearest, 2) - 1;
-    const CCmTimeValue tvNow = CCmTimeValue::FromUsec(aNow);
-    int nFired = 0;
-    // Nothing is put into this slot meanwhile: a timer goes at least one slot ahead and less than a full turn.
-    while (CEntry* pEntry = m_pSlots[m_dwCurrentSlot]) {
-        Unlink_i(*pEntry);
+        return nFired;
+    const int64_t llNow = CCmClock::GetTimeOfDayUsec();
+    const CCmTimeValue tvNow = CCmTimeValue::FromUsec(llNow);
+    TakeSlot_i();
+    while (CEntry* pEntry = m_pDue) {
         CNode& node = pEntry->m_Node;
         const BOOL bBySlot = !aByClock || pEntry->m_bTurn;
-        if (!bBySlot && node.m_llExpires > aNow) {
-            InsertUnique_i(CCmTimeValue::FromUsec(node.m_llExpires - aNow), *pEntry);
+        if (!bBySlot && node.m_llExpires > llNow) {
+            Unlink_i(*pEntry);
+            InsertUnique_i(CCmTimeValue::FromUsec(node.m_llExpires - llNow), *pEntry);
             continue;
         }
         if (bBySlot)
-            node.m_llExpires = aNow;
-        const CNode due = node;
-        if (Advance(node, aNow))
-            InsertUnique_i(CCmTimeValue::FromUsec(node.m_llExpires - aNow), *pEntry);
-        else
-            m_Handlers.erase(due.m_pEh);
+            node.m_llExpires = llNow;
+        const CNode due = Take_i(*pEntry, llNow);
         ++nFired;
         due.m_pEh->OnTimeout(tvNow, due.m_pArg);
+        if (pTicks->IsDetached())
+            return nFired;
     }
     return nFired;
+}
+
+// Goes on to the next slot. Its timers fire behind those that an outer turn has left.
+void CCmTimerQueueCalendar::TakeSlot_i() {
+    m_dwCurrentSlot = (m_dwCurrentSlot + 1) % (m_dwMaxSlotNumber + 1);
+    m_dwNearest = std::max<DWORD>(m_dwNearest, 2) - 1;
+    CEntry** ppEnd = &m_pDue;
+    while (*ppEnd)
+        ppEnd = &(*ppEnd)->m_pNext;
+    *ppEnd = std::exchange(m_pSlots[m_dwCurrentSlot], nullptr);
+    if (*ppEnd)
+        (*ppEnd)->m_ppBack = ppEnd;
+}
+
+// Takes out a timer that is due, and inserts it again at its next expiry, if it has one.
+CCmTimerQueueBase::CNode CCmTimerQueueCalendar::Take_i(CEntry& aEntry, int64_t aNow) {
+    const CNode due = aEntry.m_Node;
+    Unlink_i(aEntry);
+    if (Advance(aEntry.m_Node, aNow))
+        InsertUnique_i(CCmTimeValue::FromUsec(aEntry.m_Node.m_llExpires - aNow), aEntry);
+    else
+        m_Handlers.erase(due.m_pEh);
+    return due;
 }
 
 void CCmTimerQueueCalendar::InsertUnique_i(const CCmTimeValue& aInterval, CEntry& aEntry) {
@@ -143,8 +171,10 @@ void CCmTimerQueueCalendar::Unlink_i(CEntry& aEntry) {
 
 int CCmTimerQueueCalendar::PushNode_l(const CNode& aNode) {
     CEntry* pEntry = nullptr;
-    if (!m_pSlots || !talvo::WithMemory([&] { pEntry = &m_Handlers[aNode.m_pEh]; }))
+    if (!m_pSlots || !talvo::WithMemory([&] { pEntry = &m_Handlers[aNode.m_pEh]; })) {
+        m_bDeletionWithoutNode = m_bDeletionWithoutNode || aNode.m_pArg == GetDeletionArg();
         return NO_MEMORY;
+    }
     const BOOL bFound = pEntry->m_ppBack != nullptr;
     if (bFound)
         Unlink_i(*pEntry);
@@ -170,8 +200,8 @@ CCmTimerQueueCalendar::CEntry*& CCmTimerQueueCalendar::SlotAt_i(DWORD aDistance)
 }
 
 CCmTimerQueueCalendar::CEntry* CCmTimerQueueCalendar::FindFirst_i() const {
-    if (IsEmpty_i())
-        return nullptr;
+    if (m_pDue || m_Handlers.empty())
+        return m_pDue;
     while (!SlotAt_i(m_dwNearest))
         ++m_dwNearest;
     return SlotAt_i(m_dwNearest);
@@ -183,6 +213,14 @@ int CCmTimerQueueCalendar::PopFirstNode_l(CNode& aNode) {
         return -1;
     aNode = pFirst->m_Node;
     return EraseNode_l(aNode.m_pEh);
+}
+
+BOOL CCmTimerQueueCalendar::PopDueNode_l(int64_t aNow, CNode& aNode) {
+    CEntry* pFirst = FindFirst_i();
+    if (!pFirst || pFirst->m_Node.m_llExpires > aNow)
+        return FALSE;
+    aNode = Take_i(*pFirst, aNow);
+    return TRUE;
 }
 
 int CCmTimerQueueCalendar::GetEarliestTime_l(int64_t& aExpires) const {

@@ -19,12 +19,16 @@ class CPostedTicks;
 //   PostTick, from the thread with the beat, also looks at the clock: a timer that is not yet due waits for a later tick, so it
 //   is never early, and at most one slot and the delay of the event queue late. A repeating timer does not drift.
 //
+// A callback may turn the wheel, for example by a loop of its own: that turn first fires the timers that the outer one has
+// left. It may also delete the calendar.
+//
 // The base's CheckExpire fires by the clock without turning the wheel: do not mix it with ticks. CCmPreciseTimerManager has a
 // thread with a beat and makes calendars for it.
 class TALVO_API CCmTimerQueueCalendar : public CCmTimerQueueBase {
 public:
     // aSlotInterval: milliseconds, at least 10. aMaxInterval: milliseconds; longer timers fire early, after one turn of the
-    // wheel. aQueue: the queue of this object's thread, not owned; null: the calling thread's.
+    // wheel. aQueue: the queue of this object's thread, not owned; null: the calling thread's. If memory runs out here, each
+    // ScheduleTimer returns CM_ERROR_OUT_OF_MEMORY.
     CCmTimerQueueCalendar(DWORD aSlotInterval, DWORD aMaxInterval, ICmEventQueue* aQueue);
     ~CCmTimerQueueCalendar() override;
 
@@ -32,9 +36,9 @@ public:
     int Tick();
 
     // Any thread, as long as the queue's thread and this object exist: makes the queue's thread tick. Ticks that wait there run
-    // together; a repeating timer skips the periods that it has missed. Ticks that still wait when this object is destroyed do
-    // nothing. CM_ERROR_NULL_POINTER: there is no event queue. CM_ERROR_OUT_OF_MEMORY: there was no memory for the wheel.
-    // Otherwise the result of the post.
+    // together; a repeating timer skips the periods that it has missed. Ticks that the event queue destroys without running
+    // them run with the next one. Ticks that still wait when this object is destroyed do nothing. CM_ERROR_NULL_POINTER: there
+    // is no event queue. CM_ERROR_OUT_OF_MEMORY: there was no memory for the wheel. Otherwise the result of the post.
     CmResult PostTick();
 
 protected:
@@ -43,8 +47,11 @@ protected:
     int RePushNode_l(const CNode& aNode) override;
     int PopFirstNode_l(CNode& aNode) override;
     int GetEarliestTime_l(int64_t& aExpires) const override;
+    BOOL PopDueNode_l(int64_t aNow, CNode& aNode) override;
 
-    BOOL IsEmpty_i() const { return m_Handlers.empty(); }
+    // FALSE: memory ran out in the constructor.
+    BOOL HasWheel_i() const { return m_pSlots != nullptr; }
+    BOOL IsEmpty_i() const { return m_Handlers.empty() && !m_bDeletionWithoutNode; }
     // Posted ticks have run.
     virtual void OnTicked_i() {}
 
@@ -63,8 +70,9 @@ private:
         void operator()(CEntry** aSlots) const;
     };
 
-    void RunPostedTicks_i(DWORD aCount);
-    int Turn_i(int64_t aNow, BOOL aByClock);
+    int Turn_i(BOOL aByClock);
+    void TakeSlot_i();
+    CNode Take_i(CEntry& aEntry, int64_t aNow);
     void InsertUnique_i(const CCmTimeValue& aInterval, CEntry& aEntry);
     void Unlink_i(CEntry& aEntry);
     CEntry* FindFirst_i() const;
@@ -72,9 +80,11 @@ private:
 
     const DWORD m_dwSlotInterval;  // milliseconds
     const DWORD m_dwMaxSlotNumber;
-    const std::unique_ptr<CEntry*[], CFree> m_pSlots;  // m_dwMaxSlotNumber + 1 list heads; null: memory ran out
+    const CCmRefPtrT<talvo::CPostedTicks> m_pTicks;    // null: memory ran out
+    const std::unique_ptr<CEntry*[], CFree> m_pSlots;  // m_dwMaxSlotNumber + 1 list heads; null: there are no ticks
+    CEntry* m_pDue = nullptr;                          // the timers of the passed slots that have not fired
     DWORD m_dwCurrentSlot = 0;
     mutable DWORD m_dwNearest = 1;  // in ticks: nearer slots are empty
     std::unordered_map<ICmTimerHandler*, CEntry> m_Handlers;
-    const CCmRefPtrT<talvo::CPostedTicks> m_pTicks;  // null: memory ran out
+    bool m_bDeletionWithoutNode = false;  // the base keeps one for which memory ran out
 };

@@ -72,12 +72,14 @@ TEST_F(TimerQueueCalendarTest, PostedTicksAreMadeUpForTogether) {
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(CM_OK, pQueue->PostTick());
     EXPECT_EQ(1u, m_Events.GetPendingEventsCount());
+    m_Events.DestoryPendingEvents();  // their ticks run with the next ones
+    pQueue->PostTick();
     RunEvents();
     EXPECT_EQ(1, timer.m_nFired);  // the missed periods are skipped
-    for (DWORD dwTick = 0; dwTick < 200; ++dwTick)
+    for (DWORD dwTick = 0; dwTick < 194; ++dwTick)
         pQueue->PostTick();
     RunEvents();
-    EXPECT_EQ(2, tooLong.m_nFired);  // after each turn of the wheel, however early
+    EXPECT_EQ(2, tooLong.m_nFired);  // after each turn of 99 ticks, however early
     EXPECT_EQ(CM_OK, pQueue->PostTick());
     pQueue.reset();
     RunEvents();  // the tick outlives the calendar
@@ -85,6 +87,25 @@ TEST_F(TimerQueueCalendarTest, PostedTicksAreMadeUpForTogether) {
     CCmTimerQueueCalendar late(10, TWO_HOURS, &m_Events);
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, late.PostTick());
     EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, late.PostTick());
+}
+
+TEST_F(TimerQueueCalendarTest, ACallbackMayTurnTheWheelAndDeleteIt) {
+    CCmFakeClock clock;
+    std::unique_ptr<CCmTimerQueueCalendar> pQueue(new CCmTimerQueueCalendar(10, 1000, &m_Events));
+    std::string strFired;
+    const auto tick = [&] {
+        pQueue->PostTick();
+        RunEvents();
+    };
+    CTestTimer c([&] { strFired += 'c', pQueue.reset(); });
+    CTestTimer b([&] { strFired += 'b'; });
+    CTestTimer a([&] { strFired += 'a', tick(); });
+    pQueue->ScheduleTimer(&c, nullptr, Msec(20), 1);
+    pQueue->ScheduleTimer(&b, nullptr, Msec(10), 1);
+    pQueue->ScheduleTimer(&a, nullptr, Msec(10), 1);
+    clock.Advance(Msec(20));
+    tick();
+    EXPECT_EQ("abc", strFired);
 }
 
 // Against a list of due times: each posted tick fires exactly the timers that are due, however late the tick is.
@@ -150,10 +171,10 @@ TEST(PreciseTimerManagerTest, ThreadsWithoutAReactorHaveTimers) {
     CTestTimer timer;
     CCmPreciseTimerQueue* pFired = nullptr;
     CTestTimer last([&] { pQueue->ReleaseReference(); });
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, pQueue->CancelTimer(&timer));
     EXPECT_EQ(CM_ERROR_FAILURE, other->GetLink().Call([&] { return pQueue->ScheduleTimer(&timer, nullptr, Msec(1), 1); }));
     EXPECT_EQ(CM_OK, thread->GetLink().Call([&] {
         pFired = manager.GetTimerQueue();
-        EXPECT_EQ(CM_ERROR_NOT_FOUND, pQueue->CancelTimer(&timer));
         pQueue->ScheduleTimer(&last, nullptr, Msec(100), 1);
         return pQueue->ScheduleTimer(&timer, nullptr, Msec(20), 0);
     }));
