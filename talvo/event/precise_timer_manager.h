@@ -2,17 +2,14 @@
 #pragma once
 
 #include <atomic>
-#include <memory>
-#include <vector>
 
 #include "talvo/base/clean_up.h"
+#include "talvo/base/ref_ptr.h"
 #include "talvo/event/thread_link.h"
 #include "talvo/event/timer_queue_calendar.h"
 
-class CCmPreciseTimerManager;
-
 namespace talvo {
-class CPreciseTimerThread;
+class CPreciseTimers;
 }
 
 // The calendar of one event queue, with slots of 10 ms and a wheel of two hours. Schedule and cancel in the thread of that
@@ -27,7 +24,12 @@ class CPreciseTimerThread;
 // Counted: GetTimerQueue adds a reference for its caller, and the last release ends the calendar and its timers: at once in the
 // thread of the event queue; called in another thread, by an event of that thread, before which timers may still fire. Any
 // thread may add and release references. The end of the thread ends its calendar, too: it then fires nothing and refuses
-// timers, and still has to be released.
+// timers, and still has to be released. The same holds after the clean-up of singletons, except that ticks under way still run.
+//
+// The event queue is not owned. The calendar posts to it from the first schedule until the end of the thread, or until the last
+// release and the event by which that ends the calendar. The thread classes of the library keep their event queues as long. An
+// ACmThread of the application calls CloseLink in its thread before it deletes its event queue. Before the first schedule and
+// after the end of the thread, the calendar compares the address of the event queue and does not use it.
 class TALVO_API CCmPreciseTimerQueue final : public CCmTimerQueueCalendar, private CCmThreadTenant {
 public:
     DWORD AddReference();
@@ -35,12 +37,14 @@ public:
     DWORD ReleaseReference();
 
     // As ICmTimerQueue. CM_ERROR_FAILURE: the caller is not the registered thread of the event queue; a thread is registered
-    // after its OnThreadInit and until Destory. CM_ERROR_NOT_INITIALIZED: that thread has ended.
+    // after its OnThreadInit and until Destory. CM_ERROR_NOT_INITIALIZED: that thread has ended, or the singletons were cleaned
+    // up.
     CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) override;
+    // As ICmTimerQueue. CM_ERROR_NOT_FOUND in any thread before the first schedule.
     CmResult CancelTimer(ICmTimerHandler* aEh) override;
 
 private:
-    friend class CCmPreciseTimerManager;
+    friend class talvo::CPreciseTimers;
 
     // Deletes the calendar outside of its callbacks.
     class CDeletion final : public ICmEvent {
@@ -53,7 +57,9 @@ private:
         CCmPreciseTimerQueue& m_Queue;
     };
 
-    CCmPreciseTimerQueue(CCmPreciseTimerManager& aManager, ICmEventQueue* aQueue);
+    // Null: memory ran out.
+    static CCmPreciseTimerQueue* Create_i(talvo::CPreciseTimers& aTimers, ICmEventQueue& aQueue);
+    CCmPreciseTimerQueue(talvo::CPreciseTimers& aTimers, ICmEventQueue& aQueue);
     ~CCmPreciseTimerQueue() override;
 
     CmResult Bind_i();
@@ -61,8 +67,8 @@ private:
     void OnThreadEnd() override;
     void OnTicked_i() override;
 
-    CCmPreciseTimerManager& m_Manager;
-    DWORD m_dwReferences = 1;           // the manager's mutex guards it
+    const CCmRefPtrT<talvo::CPreciseTimers> m_pTimers;
+    DWORD m_dwReferences = 1;           // the mutex of m_pTimers guards it
     std::atomic<bool> m_bBound{false};  // to a thread, which alone uses it
     std::atomic<bool> m_bEnded{false};  // the thread has ended
     std::atomic<bool> m_bArmed{false};  // the beat ticks it
@@ -76,29 +82,16 @@ public:
     // The first call creates it. Null: memory ran out.
     static CCmPreciseTimerManager* Instance();
 
-    // The calendar of aQueue, which must live as long as its timers; null: the calling thread's event queue. The caller
-    // releases it. The same calendar for each call with that queue, until its last release. Null: the calling thread has no
-    // event queue, or memory, descriptors or threads ran out; a trace line has the cause.
+    // The calendar of aQueue; null: of the calling thread's event queue. The caller releases it. The same calendar for each
+    // call with that queue, until its last release or the end of its thread. Null: the calling thread has no event queue, or
+    // memory, descriptors or threads ran out; a trace line has the cause.
     CCmPreciseTimerQueue* GetTimerQueue(ICmEventQueue* aQueue = nullptr);
 
 protected:
     ~CCmPreciseTimerManager() override;
 
 private:
-    friend class CCmPreciseTimerQueue;
-
     CCmPreciseTimerManager();
 
-    BOOL StartThread_i() CM_REQUIRES(m_Mutex);
-    CCmPreciseTimerQueue* Find_i(const ICmEventQueue* aQueue) CM_REQUIRES(m_Mutex);
-    void Arm_i();
-    DWORD Release_i(CCmPreciseTimerQueue& aQueue);
-    void ThreadHasEnded_i(CCmPreciseTimerQueue& aQueue);
-    std::unique_ptr<talvo::CPreciseTimerThread> Remove_i(CCmPreciseTimerQueue& aQueue) CM_REQUIRES(m_Mutex);
-    void OnBeat_i(uint64_t aTicks);
-
-    CCmMutexThread m_Mutex;
-    std::vector<CCmPreciseTimerQueue*> m_Queues CM_GUARDED_BY(m_Mutex);            // of threads that have not ended
-    std::unique_ptr<talvo::CPreciseTimerThread> m_pThread CM_GUARDED_BY(m_Mutex);  // null: there is no calendar
-    bool m_bBeating CM_GUARDED_BY(m_Mutex) = false;
+    const CCmRefPtrT<talvo::CPreciseTimers> m_pTimers;  // null: memory ran out
 };

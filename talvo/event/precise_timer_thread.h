@@ -11,8 +11,9 @@
 
 namespace talvo {
 
-// Waits for an absolute timer of the system every 10 ms while it beats, and without wake-ups while it does not. The thread
-// manager does not list it, because the end of any thread may end it.
+// Waits for an absolute timer of the system every 10 ms while it beats, and without wake-ups while it does not. A plain thread,
+// not one of the thread manager's: StopAllThreads and JoinAllThreads would end the beat before the threads that use it, and the
+// end of any of those may end it, even while JoinAllThreads waits.
 class TALVO_API CPreciseTimerThread final {
 public:
     // aOnBeat: called in this thread with the number of beats since the last call.

@@ -1,6 +1,7 @@
 #include <stdexcept>
 
 #include "talvo/base/trace.h"
+#include "talvo/event/precise_timer_manager.h"
 #include "tests/support/event_helpers.h"
 
 namespace {
@@ -60,6 +61,17 @@ void ExitBeforeAThreadComesBack() {
     exit(6);
 }
 
+// Ends with 7 if the calendar refuses timers and can be released.
+void UseACalendarAfterTheCleanUp() {
+    const CMainThread main;
+    CTestTimer timer;
+    CCmPreciseTimerQueue& queue = *CCmPreciseTimerManager::Instance()->GetTimerQueue();
+    const auto schedule = [&] { return queue.ScheduleTimer(&timer, nullptr, CCmTimeValue(60), 1); };
+    const CmResult before = schedule();
+    CCmCleanUpBase::CleanupAll();
+    exit(before == CM_OK && schedule() == CM_ERROR_NOT_INITIALIZED && queue.ReleaseReference() == 0 ? 7 : 1);
+}
+
 // The trace goes to where a death test looks. Null: in a timer of the main thread.
 void ThrowInACallback(const CScopedThread::EKind* aKind) {
     CCmTrace::SetFile({"/dev/stderr", FALSE, 0, 100});
@@ -79,6 +91,7 @@ TEST(ProcessExitDeathTest, EndsCleanlyFromWhereverItIs) {
     EXPECT_EXIT(ExitWithoutShutdown(), testing::ExitedWithCode(3), "");
     EXPECT_EXIT(ExitInACallback(), testing::ExitedWithCode(4), "");
     EXPECT_EXIT(ExitBeforeAThreadComesBack(), testing::ExitedWithCode(6), "");
+    EXPECT_EXIT(UseACalendarAfterTheCleanUp(), testing::ExitedWithCode(7), "");
 }
 
 TEST(ProcessExitDeathTest, AnExceptionThatLeavesACallbackIsTracedAndEndsTheProcess) {

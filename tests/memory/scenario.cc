@@ -157,6 +157,31 @@ private:
     int m_nFired = 0;
 };
 
+// Timers of a calendar fire once each if they were taken; a deletion is always taken.
+bool UseCalendar(CWorld& aWorld) {
+    struct CDeletion : CCmTimerDelete {
+        void OnTimeout(const CCmTimeValue&, void*) override { m_bDone = true; }
+        bool m_bDone = false;
+    };
+    CCmPreciseTimerQueue* pQueue = CWorld::Do([] {
+        CCmPreciseTimerManager* pManager = CCmPreciseTimerManager::Instance();
+        return pManager ? pManager->GetTimerQueue() : nullptr;
+    });
+    if (!pQueue)
+        return false;
+    const auto schedule = [&](ICmTimerHandler& aEh, void* aArg) {
+        return CWorld::Do([&] { return pQueue->ScheduleTimer(&aEh, aArg, CCmTimeValue::s_tvZero, 1); }) == CM_OK;
+    };
+    CDeletion deletion;
+    std::array<CTestTimer, 10> timers;
+    Require(schedule(deletion, CCmTimerQueueBase::GetDeletionArg()), "a refused deletion");
+    const auto nTaken = std::ranges::count_if(timers, [&](CTestTimer& a) { return schedule(a, nullptr); });
+    const auto isOver = [&] { return deletion.m_bDone && std::ranges::count(timers, 1, &CTestTimer::m_nFired) == nTaken; };
+    Require(aWorld.Run(isOver), "a timer does not fire");
+    CWorld::Do([&] { pQueue->ReleaseReference(); });
+    return nTaken == 10;
+}
+
 // A posted call, a call and a sent event. Those that were taken run.
 bool CallThread(ACmThread& aThread) {
     std::atomic<int> nPosted{0};
@@ -279,6 +304,7 @@ const std::vector<CScenario> SCENARIOS = {
     {"Http", MAIN, AskAndAnswer},
     {"HttpTwoThreads", OWN, AskAndAnswer},
     {"Threads", MAIN, UseThreads},
+    {"Calendar", MAIN, UseCalendar},
     LifeOf("Life", CCmThreadManager::NETWORK_THREAD_MAIN),
     LifeOf("LifeTwoThreads", CCmThreadManager::NETWORK_THREAD_OWN),
 };
