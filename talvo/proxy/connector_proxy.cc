@@ -111,12 +111,22 @@ void CConnectorProxy::AskSource_i() {
     if (rv == CM_ERROR_WOULD_BLOCK)
         return;
     m_pSource = nullptr;
-    Use_i(rv == CM_OK && !route.IsEmpty() ? route : CCmProxyRoute::Direct());
+    UseAnswer_i(rv, route);
 }
 
 void CConnectorProxy::OnProxyRoute(CmResult aReason, const CCmProxyRoute& aRoute) {
     m_pSource = nullptr;
-    FromLoop_i([&] { Use_i(aReason == CM_OK && !aRoute.IsEmpty() ? aRoute : CCmProxyRoute::Direct()); });
+    FromLoop_i([&] { UseAnswer_i(aReason, aRoute); });
+}
+
+// A source that has no route at the moment is as good as none, unless it forbids the direct way.
+void CConnectorProxy::UseAnswer_i(CmResult aReason, const CCmProxyRoute& aRoute) {
+    if (aReason == CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE) {
+        m_Failure = CCmFailure(CM_FAILURE_LOCAL, "the user's proxies are not known", "connect to", m_AddrPeer);
+        Finish_i(aReason);
+        return;
+    }
+    Use_i(aReason == CM_OK && !aRoute.IsEmpty() ? aRoute : CCmProxyRoute::Direct());
 }
 
 void CConnectorProxy::OnProxySettingsChanged() {

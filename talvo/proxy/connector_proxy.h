@@ -36,6 +36,7 @@ private:
     int ConnectDirectly_i(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal);
     BOOL Begin_i(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal, const CCmProxyRoute& aRoute);
     void AskSource_i();
+    void UseAnswer_i(CmResult aReason, const CCmProxyRoute& aRoute);
     void Use_i(const CCmProxyRoute& aRoute);
     void Next_i();
     BOOL StartDirect_i();

@@ -6,8 +6,9 @@
 // Asks a proxy source. All calls come from the loop of the thread that has asked.
 class TALVO_API ICmProxySourceSink {
 public:
-    // The one answer of an Ask that returned CM_ERROR_WOULD_BLOCK. CM_OK: aRoute is not empty, and valid during the call. Any
-    // other reason: the source knows no route. The sink may ask again from inside.
+    // The one answer of an Ask that returned CM_ERROR_WOULD_BLOCK. CM_OK: aRoute is not empty, and valid during the call.
+    // CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE: there is no route, and a direct connection is forbidden. Any other reason: the
+    // source knows no route. The sink may ask again from inside.
     virtual void OnProxyRoute(CmResult aReason, const CCmProxyRoute& aRoute) = 0;
     // The settings have changed while the sink waits, so the answer may be out of date: it may Cancel and ask again.
     virtual void OnProxySettingsChanged() = 0;
@@ -20,15 +21,14 @@ protected:
 class TALVO_API ICmProxySource {
 public:
     // Never waits. aUrl: "https://host:port/", an IPv6 address in brackets. CM_OK: aRoute (out) is the answer, and not empty.
-    // CM_ERROR_WOULD_BLOCK: one OnProxyRoute follows, after the return. Any other result: the source knows no route. A sink
+    // CM_ERROR_WOULD_BLOCK: one OnProxyRoute follows, after the return. Other results as the reasons of OnProxyRoute. A sink
     // (not owned) has one question at a time.
     virtual CmResult Ask(const CCmString& aUrl, ICmProxySourceSink& aSink, CCmProxyRoute& aRoute) = 0;
     // Withdraws the question of aSink, in its thread; no call follows. Does nothing without one.
     virtual void Cancel(ICmProxySourceSink& aSink) = 0;
     virtual ~ICmProxySource();
 
-    // The process-wide source. Null, the value at first: every route is DIRECT. Not owned: it outlives its questions. Any
-    // thread.
+    // The process-wide source. Null: every route is DIRECT. Not owned: it outlives its questions. Any thread.
     static ICmProxySource* Get();
     static void Set(ICmProxySource* aSource);
 };

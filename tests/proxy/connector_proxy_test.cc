@@ -7,6 +7,7 @@
 #include "talvo/transport/race_options.h"
 #include "talvo/transport/tls/default_context.h"
 #include "tests/support/dns_helpers.h"
+#include "tests/support/proxy_source.h"
 #include "tests/support/tls_peer.h"
 
 namespace {
@@ -18,30 +19,6 @@ std::string operator""_b(const char* aText, size_t aSize) { return {aText, aSize
 
 const std::string GREETING = "\5\1\0"_b, METHOD = "\5\0"_b, SOCKS_OPEN = "\5\0\0\1xxxxpp"_b;
 const std::string HTTP_OPEN = "HTTP/1.1 200 OK\r\nVia: x\r\n\r\n";
-
-// Answers from the test: the route of each question, or none before Answer.
-class CTestSource final : public ICmProxySource {
-public:
-    CTestSource() { Set(this); }
-    ~CTestSource() override { Set(nullptr); }
-
-    CmResult Ask(const CCmString& aUrl, ICmProxySourceSink& aSink, CCmProxyRoute& aRoute) override {
-        m_Urls.push_back(aUrl);
-        m_pSink = m_bNow ? nullptr : &aSink;
-        aRoute = m_Route;
-        return m_bNow ? CM_OK : CM_ERROR_WOULD_BLOCK;
-    }
-    void Cancel(ICmProxySourceSink& aSink) override {
-        EXPECT_EQ(m_pSink, &aSink);
-        m_pSink = nullptr;
-    }
-    void Answer(CmResult aReason = CM_OK) { std::exchange(m_pSink, nullptr)->OnProxyRoute(aReason, m_Route); }
-
-    std::vector<CCmString> m_Urls;
-    CCmProxyRoute m_Route;
-    BOOL m_bNow = TRUE;
-    ICmProxySourceSink* m_pSink = nullptr;
-};
 
 // Connectors in the main thread, and a scripted proxy on a plain socket.
 class ConnectorProxyTest : public testing::Test {
@@ -248,6 +225,9 @@ TEST_F(ConnectorProxyTest, TheSourceIsAskedWithoutARoute) {
     Begin("", CM_TRANSPORT_TYPE_PROXY, OwnLoopback());
     m_Source.Answer(CM_ERROR_FAILURE);
     EXPECT_EQ(PEER, Result()) << "directly, where nothing listens";
+    Begin("", CM_TRANSPORT_TYPE_PROXY, OwnLoopback());
+    m_Source.Answer(PROXY);
+    EXPECT_EQ(PROXY, Result()) << "a source may forbid the direct way";
     Begin("", CM_TRANSPORT_TYPE_PROXY);
     m_pConnector.Reset();
     EXPECT_EQ(nullptr, m_Source.m_pSink);
