@@ -2,8 +2,8 @@
 
 #include <new>
 
-#include "talvo/base/trace.h"
 #include "talvo/http/client/channel_http_client.h"
+#include "talvo/http/client/channel_http_client_with_brower_proxy.h"
 #include "talvo/http/client/http_client_pool.h"
 #include "talvo/http/message/http_url.h"
 #include "talvo/http/server/channel_http_server_acceptor.h"
@@ -31,11 +31,8 @@ CCmChannelManager* CCmChannelManager::Instance() {
 CmResult CCmChannelManager::CreateChannelHttpClient(ICmChannelHttpClient*& aOut, CCmHttpUrl* aUrl, DWORD aFlags) {
     if (!aUrl)
         return CM_ERROR_INVALID_ARG;
-    if (aFlags & BROWSER_PROXY) {
-        CM_ERROR_TRACE_THIS("CCmChannelManager::CreateChannelHttpClient, not implemented. url=" << aUrl->GetAsciiSpec()
-                                                                                                << " flags=" << aFlags);
-        return CM_ERROR_NOT_IMPLEMENTED;
-    }
+    if (aFlags & BROWSER_PROXY)
+        return HandOut(new (std::nothrow) CCmChannelHttpClientWithBrowerProxy(*aUrl, aFlags), aOut);
     return HandOut(new (std::nothrow) CCmChannelHttpClient(*aUrl, aFlags), aOut);
 }
 

@@ -18,9 +18,10 @@ public:
     static CCmChannelManager* Instance();
 
     // A client for aUrl, which is copied; see ICmChannelHttpClient. CM_ERROR_INVALID_ARG: aUrl is null.
-    // CM_ERROR_NOT_IMPLEMENTED, with a trace line: the flag BROWSER_PROXY. CM_ERROR_OUT_OF_MEMORY.
+    // CM_ERROR_OUT_OF_MEMORY.
     CmResult CreateChannelHttpClient(ICmChannelHttpClient*& aOut, CCmHttpUrl* aUrl, DWORD aFlags = 0);
-    static constexpr DWORD BROWSER_PROXY = 2;  // through the proxy of the user's browser
+    // Through the proxies of the user, as a browser has them: a CCmChannelHttpClientWithBrowerProxy.
+    static constexpr DWORD BROWSER_PROXY = 2;
 
     // The same through the servers of a route, one after the other until one can be reached: http through an HTTP or HTTPS
     // proxy by requests in absolute form, everything else in tunnels. docs/http_client.md describes both. CM_ERROR_INVALID_ARG:

@@ -24,17 +24,18 @@ inline CAnswer Answer(const std::string& aStatus, const std::string& aHeaders, c
 // A client of the calling thread with its sink.
 class CTestHttpClient {
 public:
-    // aProxies: URIs; "": no proxies.
+    // aProxies: URIs; "": no proxies; "browser": those of the process's source.
     explicit CTestHttpClient(const std::string& aUrl, const std::string& aProxies = "") {
         CCmChannelManager& manager = *CCmChannelManager::Instance();
         CCmRefPtrT<CCmHttpUrl> pUrl;
         EXPECT_EQ(CM_OK, manager.CreateUrl(pUrl.ParaOut(), aUrl));
         CCmProxyRoute route;
-        EXPECT_EQ(CM_OK, aProxies.empty() ? CM_OK : CCmProxyRoute::FromUris(aProxies, route)) << aProxies;
+        const bool bBrowser = aProxies == "browser", bRoute = !bBrowser && !aProxies.empty();
+        EXPECT_EQ(CM_OK, bRoute ? CCmProxyRoute::FromUris(aProxies, route) : CM_OK) << aProxies;
         const CCmRefPtrT<CCmHttpProxyInfo> pProxy(new CCmHttpProxyInfo(route));
-        EXPECT_EQ(CM_OK, aProxies.empty()
-                             ? manager.CreateChannelHttpClient(m_pChannel.ParaOut(), pUrl.Get())
-                             : manager.CreateChannelHttpClientWithProxy(m_pChannel.ParaOut(), pUrl.Get(), pProxy.Get()));
+        const DWORD dwFlags = bBrowser ? CCmChannelManager::BROWSER_PROXY : 0;
+        EXPECT_EQ(CM_OK, !bRoute ? manager.CreateChannelHttpClient(m_pChannel.ParaOut(), pUrl.Get(), dwFlags)
+                                 : manager.CreateChannelHttpClientWithProxy(m_pChannel.ParaOut(), pUrl.Get(), pProxy.Get()));
     }
     CmResult Set(DWORD aOption, DWORD aValue) const { return m_pChannel->SetOption(aOption, &aValue); }
     CmResult Header(const char* aName, const std::string& aValue, BOOL aMerge = FALSE) const {

@@ -112,12 +112,9 @@ CmResult CCmChannelHttpClient::AsyncOpen(ICmChannelSink* aSink) {
         return rv;
     m_pSink = aSink;
     m_Status = OPEN;
-    rv = ResultWithMemory([this] {
-        m_Route.Begin(*m_pUrl, m_dwConnectTimeout);
-        m_FirstProxy = m_Route.GetHttpProxy() ? *m_Route.GetHttpProxy() : CCmProxyServer();
-        return StartExchange_i();
-    });
+    rv = ResultWithMemory([this] { return FindProxies_i(); });
     if (rv != CM_OK) {
+        StopFinding();
         m_Exchange.Close(rv);
         m_pSink = nullptr;
         m_Status = SETTING_UP;
@@ -131,6 +128,21 @@ CmResult CCmChannelHttpClient::CheckUrl_i() const {
     const CCmString& strHost = m_pUrl->GetHostName();
     const BOOL bHost = !strHost.empty() && strHost.find_first_of(" @?#") == CCmString::npos && !has_control(strHost);
     return bHost && !has_control(m_pUrl->GetPath()) ? CM_OK : CM_ERROR_INVALID_ARG;
+}
+
+// The user may bring a streamed body before the proxies are known.
+CmResult CCmChannelHttpClient::FindProxies_i() {
+    const CmResult rv = FindProxies(*m_pUrl);
+    if (rv == CM_ERROR_WOULD_BLOCK)
+        return m_Exchange.Prepare(m_Request);
+    return rv == CM_OK ? BeginRoute_i() : rv;
+}
+
+CmResult CCmChannelHttpClient::BeginRoute_i() {
+    m_Route.Begin(*m_pUrl, m_dwConnectTimeout);
+    if (m_dwRedirects == 0)
+        m_FirstProxy = m_Route.GetHttpProxy() ? *m_Route.GetHttpProxy() : CCmProxyServer();
+    return StartExchange_i();
 }
 
 CmResult CCmChannelHttpClient::StartExchange_i() {
@@ -192,6 +204,7 @@ void CCmChannelHttpClient::Close_i(CmResult aReason) {
     m_Held.Clear();
     m_strWhole.clear();
     m_pProxyAuthentication.reset();
+    StopFinding();
     m_Exchange.Close(aReason);
 }
 

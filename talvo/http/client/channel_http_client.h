@@ -15,7 +15,7 @@
 #include "talvo/http/client/proxy_authentication.h"
 #include "talvo/http/message/http_auth.h"
 
-// The product of CCmChannelManager::CreateChannelHttpClient.
+// The product of CCmChannelManager::CreateChannelHttpClient and the base of clients that find their proxies.
 class TALVO_API CCmChannelHttpClient : public ICmChannelHttpClient,
                                        private talvo::IHttpExchangeUser,
                                        private talvo::IProxyAuthenticationUser,
@@ -70,10 +70,25 @@ public:
     const CCmHttpHeaderArray& GetResponseTrailer() override { return m_Exchange.GetTrailer(); }
     CmResult GetFailure(CCmString& aText) override;
 
+protected:
+    // A request to a new URL, the first one or that of a redirect, begins. CM_OK: its proxies are set. CM_ERROR_WOULD_BLOCK:
+    // OnProxiesFound follows, after the return. Any other result is the reason why there can be no connection. Throws
+    // std::bad_alloc.
+    virtual CmResult FindProxies(const CCmHttpUrl&) { return CM_OK; }
+    // Ends a search that is in progress; no OnProxiesFound follows.
+    virtual void StopFinding() {}
+
+    void SetProxies(const CCmProxyRoute& aProxies) { m_Route.SetProxies(aProxies); }
+    // CM_OK: they are set. The channel's user may release it inside.
+    void OnProxiesFound(CmResult aReason);
+
+    void OnReferenceDestory() override;
+
 private:
     enum EStatus { SETTING_UP, OPEN, OVER };
     // The next step after an answer that is not for the user. ASK: repeat it when the credentials for the proxy are known.
-    enum ENext { NOTHING, REPEAT, REDIRECT, ASK };
+    // BEGIN: the proxies of a new URL are known.
+    enum ENext { NOTHING, REPEAT, REDIRECT, ASK, BEGIN };
 
     CCmString OnExchangeConnection(talvo::EHttpConnection aConnection) override;
     BOOL OnExchangeHead() override;
@@ -82,9 +97,10 @@ private:
     void OnExchangeEnd(CmResult aCause, const char* aText) override;
     void OnProxyAuthentication(CmResult aResult) override;
     void OnTimer(CCmTimerWrapperID* aId) override;
-    void OnReferenceDestory() override;
 
     CmResult CheckUrl_i() const;
+    CmResult FindProxies_i();
+    CmResult BeginRoute_i();
     CmResult StartExchange_i();
     void StartNext_i();
     CmResult MeetProxy_i(const CCmProxyServer& aProxy);

@@ -129,7 +129,24 @@ void CCmChannelHttpClient::StartNext_i() {
 }
 
 // CM_OK: the next exchange is in progress, or the failure is reported. Else the reason why there is none.
-CmResult CCmChannelHttpClient::GoOn_i() { return std::exchange(m_Next, NOTHING) == REDIRECT ? Follow_i() : StartExchange_i(); }
+CmResult CCmChannelHttpClient::GoOn_i() {
+    switch (std::exchange(m_Next, NOTHING)) {
+    case REDIRECT:
+        return Follow_i();
+    case BEGIN:
+        return BeginRoute_i();
+    default:
+        return StartExchange_i();
+    }
+}
+
+void CCmChannelHttpClient::OnProxiesFound(CmResult aReason) {
+    m_Next = BEGIN;
+    if (aReason == CM_OK)
+        StartNext_i();
+    else
+        Fail_i(aReason, "the proxies for the URL are not known");
+}
 
 CmResult CCmChannelHttpClient::Follow_i() {
     if (m_dwRedirects++ == m_dwMaxRedirects) {
@@ -151,8 +168,7 @@ CmResult CCmChannelHttpClient::Follow_i() {
         m_Authenticator.Forget();
     }
     m_pUrl = pUrl;
-    m_Route.Begin(*m_pUrl, m_dwConnectTimeout);
-    return StartExchange_i();
+    return FindProxies_i();
 }
 
 CmResult CCmChannelHttpClient::RefuseLocation_i() {

@@ -38,6 +38,12 @@ CHttpClientExchange::CHttpClientExchange(IHttpExchangeUser& aUser) : m_User(aUse
     m_Body.SetUnfolding(TRUE);
 }
 
+CmResult CHttpClientExchange::Prepare(const CHttpClientRequest& aRequest) {
+    const CmResult rv = m_Sender.Begin(aRequest);
+    m_bPrepared = rv == CM_OK;
+    return rv;
+}
+
 CmResult CHttpClientExchange::Start(const CHttpClientRequest& aRequest, const CHttpDestination& aTo, DWORD aConnectMs) {
     m_pRequest = &aRequest;
     m_To = aTo;
@@ -47,7 +53,8 @@ CmResult CHttpClientExchange::Start(const CHttpClientRequest& aRequest, const CH
     m_bUnconnected = FALSE;
     ResetHead_i();
     m_Framing = CHttpFraming();
-    if (const CmResult rv = m_Sender.Begin(aRequest); rv != CM_OK)
+    const CmResult rv = std::exchange(m_bPrepared, FALSE) ? CM_OK : m_Sender.Begin(aRequest);
+    if (rv != CM_OK)
         return rv;
     if (std::exchange(m_bKeep, FALSE) && m_pConnection) {
         Use_i(EHttpConnection::SAME);
@@ -75,6 +82,7 @@ void CHttpClientExchange::Close(CmResult aReason) {
     if (pPool)
         pPool->Cancel(*this);
     m_bKeep = FALSE;
+    m_bPrepared = FALSE;
     if (const CCmRefPtrT<CHttpClientConnection> pConnection = std::move(m_pConnection))
         pConnection->Close(aReason);
     m_Sender.Clear();

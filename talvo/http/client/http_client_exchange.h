@@ -54,6 +54,8 @@ public:
 
     CSettings& GetSettings() { return m_Settings; }
 
+    // Start follows later, or Close: takes calls for a streamed body already. CM_ERROR_OUT_OF_MEMORY.
+    CmResult Prepare(const CHttpClientRequest& aRequest);
     // CM_OK: OnExchangeEnd follows, not inside this call. CM_ERROR_NULL_POINTER: the thread lacks a queue. Else as the pool.
     // aRequest must live until the end; aTo is not considered for a kept connection. aConnectMs: the limit for a new
     // connection, 0 for none. If this fails, or memory runs out inside (std::bad_alloc), close the exchange.
@@ -128,6 +130,7 @@ private:
     CHttpDestination m_To;
     DWORD m_dwConnectMs = 0;
     CHttpClientSender m_Sender;
+    BOOL m_bPrepared = FALSE;  // m_Sender has the next request
     int64_t m_llContinueUntil = 0;
 
     CCmHttpResponseHead m_Head;
