@@ -10,7 +10,7 @@
 namespace talvo {
 
 // Answers by origin, each until its time. The user of this class locks. Times are those of CCmClock::GetTimeOfDayUsec.
-class CAnswerCache {
+class TALVO_API CAnswerCache {
 public:
     explicit CAnswerCache(size_t aMost) : m_stMost(aMost) {}
 

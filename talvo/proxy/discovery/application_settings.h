@@ -6,7 +6,7 @@
 namespace talvo {
 
 // The keys of section "HttpProxy" that belong to discovery. A plain value.
-struct CApplicationSettings {
+struct TALVO_API CApplicationSettings {
     static constexpr DWORD MOST_ANSWER_SECONDS = 3600;
     static constexpr size_t LONGEST_TEXT = 65536;
 

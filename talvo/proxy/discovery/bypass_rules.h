@@ -16,7 +16,7 @@ enum class EBypassDialect {
 // Both dialects have "*" for every host, ":port" behind an entry (IPv6 then in brackets), addresses and networks "a.b.c.d/n",
 // which match literal addresses only, and "<local>": a host without a dot that is no IPv6 address. In patterns "<-loopback>"
 // removes the rule that loopback is direct. Separators are comma, semicolon and blank. A plain value.
-class CBypassRules {
+class TALVO_API CBypassRules {
 public:
     static constexpr size_t MOST_ENTRIES = 1024;  // further ones are skipped
 

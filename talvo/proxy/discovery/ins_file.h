@@ -6,7 +6,7 @@
 namespace talvo {
 
 // What an .ins file says about proxies. A plain value.
-struct CInsFile {
+struct TALVO_API CInsFile {
     static constexpr size_t LONGEST = 65536;        // bytes
     static constexpr DWORD MOST_FILES = 3;          // from one to the next
     static constexpr DWORD LEAST_SECONDS = 5 * 60;  // until it is read again

@@ -15,7 +15,7 @@ protected:
 };
 
 // Of one reactor's thread. If the system refuses the socket, the watch writes one trace line and reports nothing.
-class CNetworkWatch final : private ACmEventHandler, private ICmTimerHandler {
+class TALVO_API CNetworkWatch final : private ACmEventHandler, private ICmTimerHandler {
 public:
     CNetworkWatch(ICmReactor& aReactor, INetworkWatchUser& aUser);
     ~CNetworkWatch() override;

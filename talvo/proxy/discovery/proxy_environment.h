@@ -9,7 +9,7 @@
 namespace talvo {
 
 // A copy, so that no thread reads variables while another one sets them. It does not change; any thread may read it.
-class CEnvironment {
+class TALVO_API CEnvironment {
 public:
     // The environment now; empty in a process that runs with another user's rights, because that user did not set it. Throws
     // std::bad_alloc.

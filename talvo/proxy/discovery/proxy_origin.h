@@ -7,7 +7,7 @@
 namespace talvo {
 
 // Scheme, host and port. No text of it has a path, a query or user information.
-struct CProxyOrigin {
+struct TALVO_API CProxyOrigin {
     CCmString m_strScheme;  // "http" or "https"
     CCmString m_strHost;    // in lower case; an address in its shortest form, without brackets and interface
     WORD m_wPort = 0;       // never 0
@@ -24,7 +24,7 @@ struct CProxyOrigin {
 
 // The literal address in aHost, also in the short and hexadecimal forms of IPv4; brackets and an interface are skipped. Throws
 // std::bad_alloc.
-CIpBytes ParseHostAddress(std::string_view aHost);
+TALVO_API CIpBytes ParseHostAddress(std::string_view aHost);
 
 // TRUE: the first aBits of both are equal; the families must be.
 BOOL IsInNetwork(const CIpBytes& aIp, const CIpBytes& aNetwork, DWORD aBits);

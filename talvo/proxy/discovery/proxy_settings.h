@@ -10,7 +10,7 @@
 namespace talvo {
 
 // A plain value: made by the readers of the sources, then only read.
-struct CProxySettings {
+struct TALVO_API CProxySettings {
     // The servers for one scheme.
     struct CServers {
         CCmProxyRoute m_Route;  // empty: not set
@@ -47,6 +47,6 @@ struct CProxySettings {
 };
 
 // aText with "***" for all between the first scheme and the last "@", and '?' for control characters.
-CCmString HideCredentials(std::string_view aText);
+TALVO_API CCmString HideCredentials(std::string_view aText);
 
 }  // namespace talvo

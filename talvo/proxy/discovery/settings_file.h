@@ -5,12 +5,13 @@
 
 #include <utility>
 
+#include "talvo/base/export.h"
 #include "talvo/base/types.h"
 
 namespace talvo {
 
 // One thread. Anything but a regular file of at most 1 MiB counts as empty, so no pipe or device blocks the reader.
-class CSettingsFile {
+class TALVO_API CSettingsFile {
 public:
     static constexpr size_t LONGEST = 1 << 20;
 

@@ -1,6 +1,9 @@
 // The address of the script that a network offers.
 #pragma once
 
+#include <string_view>
+
+#include "talvo/base/export.h"
 #include "talvo/base/types.h"
 
 namespace talvo {
@@ -9,6 +12,6 @@ namespace talvo {
 // belong to anyone. The domain is that of the host name, or else the first one of the resolver's file. Throws std::bad_alloc.
 CCmString FindWpadUrl();
 // The same from a host name and the text of the resolver's file.
-CCmString MakeWpadUrl(std::string_view aHostName, std::string_view aResolverText);
+TALVO_API CCmString MakeWpadUrl(std::string_view aHostName, std::string_view aResolverText);
 
 }  // namespace talvo
