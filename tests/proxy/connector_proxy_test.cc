@@ -36,9 +36,12 @@ protected:
     }
     void Begin(const CCmProxyRoute& aRoute, DWORD aType, const char* aPeer) {
         CCmInetAddr addr;
-        addr.SetName(aPeer, 443);
+        EXPECT_EQ(CM_OK, *aPeer == '/' ? addr.SetPath(aPeer) : addr.SetName(aPeer, m_wPort));
         m_pConnector = m_Network.MakeConnector(aType);
-        Set(*cm_get_connect_options(m_pConnector.Get()), CM_OPT_CONNECT_ROUTE, aRoute);
+        ICmConnectOptions& options = *cm_get_connect_options(m_pConnector.Get());
+        Set(options, CM_OPT_CONNECT_ROUTE, aRoute);
+        if (m_Prepare)
+            m_Prepare(options);
         m_stBefore = m_Sink.Count();
         m_pConnector->AsycConnect(&m_Sink, addr, m_bTimed ? &m_tvTimeout : nullptr);
         EXPECT_EQ(m_stBefore, m_Sink.Count()) << "from inside AsycConnect";
@@ -86,6 +89,8 @@ protected:
     CTestConnectSink m_Sink;
     CCmTimeValue m_tvTimeout{30};
     BOOL m_bTimed = TRUE;
+    WORD m_wPort = 443;  // of the peer
+    std::function<void(ICmConnectOptions&)> m_Prepare;
     CCmRefPtrT<ICmConnector> m_pConnector;
     size_t m_stBefore = 0;
 };
@@ -163,6 +168,12 @@ TEST_F(ConnectorProxyTest, AServerThatWasAskedDecides) {
     const CTestFd fd = Accept(m_Server, Request());
     m_Clock.Advance(CCmTimeValue(121));
     EXPECT_EQ(PEER, Result()) << "without a time-out the silence has an end, too";
+    Begin(strRoute, CM_TRANSPORT_TYPE_TLS);
+    const CTestFd tunnel = Accept(m_Server, Request());
+    tunnel.Write(HTTP_OPEN);
+    m_Network.RunUntil([&] { return !tunnel.Read().empty(); });
+    m_Clock.Advance(CCmTimeValue(11));
+    EXPECT_EQ(PEER, Result()) << "and so has that of a peer of TLS";
 }
 
 TEST_F(ConnectorProxyTest, AServerThatCannotBeReachedIsPassedOver) {
@@ -177,6 +188,18 @@ TEST_F(ConnectorProxyTest, AServerThatCannotBeReachedIsPassedOver) {
     Begin(strSilent + "," + strDead + "," + strGood);
     fd = Accept(m_Server, Request());
     EXPECT_FALSE(HasPeer(silent)) << "both are last for five minutes";
+    m_pConnector->CancelConnect();
+    for (const std::string& strAfter : {std::string(), "," + strGood}) {
+        Begin(strSilent + strAfter);
+        fd = Accept(silent, GREETING);  // with the second route, too: a success is forgiveness
+        fd.Write(METHOD + SOCKS_OPEN);
+        EXPECT_EQ(CM_OK, Result());
+    }
+    m_wPort = silent.Addr().GetPort();
+    Begin("direct," + strGood, CM_TRANSPORT_TYPE_TLS, silent.Addr().GetIpDisplayName().c_str());
+    const CTestFd direct = Accept(silent, "");
+    m_Clock.Advance(CCmTimeValue(10));
+    fd = Accept(m_Server, Request(cm_address_text(silent.Addr())));
     m_pConnector->CancelConnect();
     Begin(strDead);
     EXPECT_EQ(PROXY, Result());
@@ -198,10 +221,17 @@ TEST_F(ConnectorProxyTest, AddressesThatAServerCannotGetArePassedOver) {
     Begin(strSocks4, CM_TRANSPORT_TYPE_TCP, "localhost");
     fd = Accept(m_Server, "\4\1\1\xBB\x7F\0\0\1\0"_b);
     m_pConnector->CancelConnect();
+    Begin(strSocks4, CM_TRANSPORT_TYPE_TCP, "other.localhost");
+    m_pConnector->CancelConnect();
+    m_Network.RunPosted();
+    EXPECT_FALSE(HasPeer(m_Server)) << "the look-up has ended, too";
     for (const std::string& strName : {std::string("a b"), std::string("a\nb"), std::string(254, 'a')}) {
         Begin(UriOf("http", m_Server), CM_TRANSPORT_TYPE_TCP, strName.c_str());
         EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, Result());
     }
+    Begin(UriOf("http", m_Server), CM_TRANSPORT_TYPE_TCP, "/no/such/path");
+    EXPECT_EQ(CM_ERROR_NETWORK_CONNECT_TIMEOUT, Result());
+    EXPECT_EQ(std::string::npos, Failure().find("proxy")) << "a path is connected directly";
     Begin("socks5://u@" + cm_address_text(m_Server.Addr()));
     EXPECT_EQ(PROXY, Result()) << "SOCKS has no empty password";
     EXPECT_FALSE(HasPeer(m_Server));
@@ -299,6 +329,13 @@ TEST_F(ConnectorProxyTest, CredentialsGoToTheServerThatAsks) {
 
 namespace {
 
+// A server that takes the client's first protocol.
+int TakeFirst(SSL*, const unsigned char** aOut, unsigned char* aLength, const unsigned char* aIn, unsigned, void*) {
+    *aLength = aIn[0];
+    *aOut = aIn + 1;
+    return SSL_TLSEXT_ERR_OK;
+}
+
 // A server's side of a connection, inside TLS if it has a peer.
 struct CSide {
     std::string Take() {
@@ -331,13 +368,15 @@ TEST_F(ConnectorProxyTest, TlsIsWithThePeerAndWithTheProxy) {
         const std::string strScheme = test.first;
         const DWORD dwType = test.second;
         talvo::CDefaultContext::Instance().Clear();
+        if (dwType != 1)
+            m_Prepare = [](ICmConnectOptions& a) { Set(a, CM_OPT_CONNECT_ALPN, CCmString("talvo")); };
         Begin(UriOf(strScheme, m_Server), dwType, "localhost");
         CSide proxy{Accept(m_Server, ""), nullptr};
         if (strScheme != "http")
             proxy.m_pTls = std::make_unique<CTlsPeer>(std::move(proxy.m_Fd), TRUE, TLS1_3_VERSION);
         auto pair = MakeSocketPair();
-        const CTestFd fdLink = std::move(pair.first);
         CTlsPeer peer(std::move(pair.second), TRUE, TLS1_2_VERSION);
+        SSL_CTX_set_alpn_select_cb(SSL_get_SSL_CTX(peer.Get()), TakeFirst, nullptr);
         std::string strRequest, strPlain;
         const auto relay = [&] {
             const std::string strData = proxy.Take();
@@ -348,10 +387,10 @@ TEST_F(ConnectorProxyTest, TlsIsWithThePeerAndWithTheProxy) {
             } else if (dwType == 1) {
                 strPlain += strData;
             } else {
-                fdLink.Write(strData);
+                pair.first.Write(strData);
                 peer.Receive();
                 peer.Send();
-                proxy.Put(fdLink.Read());
+                proxy.Put(pair.first.Read());
                 strPlain = peer.m_strReceived;
             }
         };
@@ -365,6 +404,7 @@ TEST_F(ConnectorProxyTest, TlsIsWithThePeerAndWithTheProxy) {
         CCmSslInfo info;
         EXPECT_EQ(dwType == 1 ? CM_ERROR_INVALID_ARG : CM_OK, transport.GetOption(CM_OPT_TRANSPORT_SSL_INFO, &info));
         EXPECT_EQ(dwType == 1 ? 0u : DWORD{CM_TLS_1_2}, info.m_dwVersion) << "of the peer";
+        EXPECT_EQ(dwType == 1 ? "" : "talvo", info.m_strAlpn);
         CTestSink sink(transport);
         CCmMessageBlock data = ViewOf(strBig);
         if (dwType != 1)

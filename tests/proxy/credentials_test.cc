@@ -26,7 +26,7 @@ struct CRequest final : ICmProxyCredentialsSink {
 
     CmResult Get(const std::string& aRealm = "r", BOOL aRefused = FALSE) {
         CCmCredentials credentials;
-        const CmResult rv = ICmProxyCredentials::Get()->GetCredentials({PROXY, aRealm, "basic", aRefused}, credentials,
+        const CmResult rv = ICmProxyCredentials::Get()->GetCredentials({m_strProxy, aRealm, "basic", aRefused}, credentials,
                                                                        m_bAsk ? this : nullptr);
         if (rv == CM_OK)
             m_strGot = credentials.m_Password.Get();
@@ -40,6 +40,7 @@ struct CRequest final : ICmProxyCredentialsSink {
     }
 
     BOOL m_bAsk = TRUE;
+    CCmString m_strProxy = PROXY;
     std::string m_strGot;
 };
 
@@ -66,14 +67,16 @@ protected:
 }  // namespace
 
 TEST_F(ProxyCredentialsTest, OneQuestionServesAllThatWaitAndItsAnswerIsStored) {
-    CRequest other;
+    CRequest other, elsewhere;
+    elsewhere.m_strProxy = "http://other.example:3128";
     EXPECT_EQ(CM_ERROR_WOULD_BLOCK, m_First.Get("a\x1b[2Jb"));
     EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, m_First.Get());
     EXPECT_EQ(CM_ERROR_WOULD_BLOCK, m_Second.Get("a\x1b[2Jb"));
     EXPECT_EQ(CM_ERROR_WOULD_BLOCK, other.Get("c", TRUE));
+    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, elsewhere.Get("a\x1b[2Jb"));
     EXPECT_TRUE(m_Asked.empty());  // not inside the call
     Run();
-    ASSERT_EQ(2u, m_Asked.size());
+    ASSERT_EQ(3u, m_Asked.size());
     EXPECT_EQ("http://proxy.example:3128 a?[2Jb basic", m_Asked[0].m_strText);
     EXPECT_EQ("http://proxy.example:3128 c basic refused", m_Asked[1].m_strText);
     EXPECT_EQ(10008, cm_proxy_answer(m_Asked[0].m_dwId, "u", nullptr));
@@ -86,6 +89,7 @@ TEST_F(ProxyCredentialsTest, OneQuestionServesAllThatWaitAndItsAnswerIsStored) {
     EXPECT_EQ("0:p", m_First.m_strGot);
     EXPECT_EQ("", m_Second.m_strGot);
     EXPECT_EQ("20009:", other.m_strGot);
+    EXPECT_EQ("", elsewhere.m_strGot) << "an answer is for one proxy";
     EXPECT_EQ(CM_OK, m_Second.Get("a?[2Jb"));
     EXPECT_EQ("p", m_Second.m_strGot);
 }

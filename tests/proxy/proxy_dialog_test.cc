@@ -88,6 +88,7 @@ TEST(ProxyDialogTest, AnySplitOfTheRepliesGivesTheSameResult) {
         {HTTP, "a.b", "?", strHttp, strLogin + "Content-Length: 3\r\n\r\n", AGAIN, CM_OK, ""},
         {HTTP, "a.b", "u", strHttp, strLogin + "\r\n", AGAIN, CM_OK, ""},
         {HTTP, "a.b", "u", strHttp, strLogin + "Content-Length: 65537\r\n\r\n", AGAIN, CM_OK, ""},
+        {HTTP, "a.b", "u", strHttp, strLogin + "Transfer-Encoding: chunked\r\n\r\n10001\r\n", AGAIN, CM_OK, ""},
         {HTTP, "a.b", "ntlm", strHttp, strLogin + "Connection: close\r\nContent-Length: 0\r\n\r\n", FAILED, PROXY,
          "the proxy closes during its login"},
         {HTTP, "a.b", "u", strHttp + strAnswer, strLogin + "Content-Length: 3\r\n\r\nabcHTTP/1.1 200\r\n\r\n", OPEN, CM_OK, ""},
@@ -116,6 +117,24 @@ TEST(ProxyDialogTest, AnySplitOfTheRepliesGivesTheSameResult) {
     for (const CCase& test : CASES) {
         for (size_t stCut = 0; stCut <= test.m_strReply.size(); ++stCut)
             RunCase(test, stCut);
+    }
+}
+
+// Before the reply to a repeated request, unless its login belongs to the connection.
+TEST(ProxyDialogTest, AConnectionMayEndBehindAChallenge) {
+    const std::string strLogin = "HTTP/1.1 407 Who\r\nProxy-Authenticate: Basic\r\nContent-Length: 0\r\n\r\n";
+    const std::tuple<const char*, std::string, BOOL> CASES[] = {{"u", "HTTP/1.1 102 Wait\r\n\r\n", FALSE},
+                                                                {"u", strLogin, TRUE},
+                                                                {"u", strLogin + "H", FALSE},
+                                                                {"ntlm", strLogin, FALSE}};
+    for (const auto& [pUser, strIn, bMay] : CASES) {
+        CTestLogin login(pUser);
+        const auto pDialog = MakeDialog(CM_PROXY_HTTP, "a.b", login);
+        CCmString strOut;
+        size_t stTaken = 0;
+        pDialog->Begin(strOut);
+        EXPECT_EQ(IProxyDialog::TALK, pDialog->Take(strIn, stTaken, strOut));
+        EXPECT_EQ(bMay, pDialog->IsRepeating()) << strIn;
     }
 }
 
