@@ -92,6 +92,8 @@ TEST(BypassRulesTest, TwentyEntriesInBothDialects) {
     std::string strMany;
     for (int i = 0; i < 2000; ++i)
         strMany += "h" + std::to_string(i) + ",";
+    rules.Add(std::string(CBypassRules::LONGEST_ENTRY + 1, 'a'), EBypassDialect::LIST);
+    EXPECT_EQ(3u, rules.GetCount());
     rules.Add(strMany, EBypassDialect::LIST);
     EXPECT_EQ(CBypassRules::MOST_ENTRIES, rules.GetCount());
 }
@@ -146,7 +148,7 @@ TEST(ProxySettingsTest, TheFilesOfKde) {
     EXPECT_EQ("http://kde.example:8080", ChoiceOf(KdeOf(strServers + "ReversedException=true"), "http://example.org/"));
     EXPECT_EQ("socks5://second:1081 socks5://second:1081", ChoicesOf(KdeOf("[Proxy Settings][$i]\nProxyType=1")));
     EXPECT_EQ("direct:// direct://", ChoicesOf(KdeOf("[Proxy Settings]\nProxyType=0\nhttpProxy=http://a 1")));
-    EXPECT_EQ("nothing nothing", ChoicesOf(KdeOf("[Other]\nProxyType=0")));
+    EXPECT_EQ("nothing nothing", ChoicesOf(KdeOf("[Other]\nProxyType=0\n[Proxy Settings]\nOther=1")));
     EXPECT_EQ("http://x/p.pac http://x/p.pac",
               ChoicesOf(KdeOf("[Proxy Settings]\r\nProxyType=2\r\nProxy Config Script=http://x/p.pac\r\n")));
     EXPECT_EQ("file:///p file:///p", ChoicesOf(KdeOf("[proxy settings]\nProxyType=2\nProxy Config Script[$e]=/p")));

@@ -277,6 +277,10 @@ TEST_F(ProxyDiscoveryTest, AScriptThatFailsLeavesTheLastGoodOne) {
     clock.Advance(CCmTimeValue(10));
     m_Network.InNetwork([&] { m_Texts.Set("http://s/p", ""); });
     EXPECT_EQ("direct:// script http://s/p", Find("http://a.test/")) << "null is direct";
+    m_Network.InNetwork([&] { m_Texts.Set("http://s/p", "PROXY a;" + std::string(4080, ' ') + "; PROXY bcdefghijkl"); });
+    EXPECT_EQ("http://a:80 script http://s/p", Find("http://long.test/")) << "no part of an item";
+    m_Network.InNetwork([&] { m_Texts.Set("http://s/p", ""); });
+    EXPECT_EQ("direct:// script http://s/p", Find("http://null.test/"));
     for (const char* pBad : {"!1line 4", "!2thrown", "!3", "!4"}) {
         m_Network.InNetwork([&] { m_Texts.Set("http://s/p", pBad); });
         EXPECT_EQ(0u, Find("http://" + std::string(pBad + 1, 1) + ".test/").find("direct:// script http://s/p: ")) << pBad;

@@ -92,6 +92,8 @@ void CBypassRules::Add(string_view aText, EBypassDialect aDialect) {
 
 // FALSE: an invalid entry.
 BOOL CBypassRules::Read_i(string_view aText, EBypassDialect aDialect, CEntry& aEntry) {
+    if (aText.size() > LONGEST_ENTRY)
+        return FALSE;
     const BOOL bPattern = aDialect == EBypassDialect::PATTERN;
     if (bPattern && IsSameNoCase(aText, "<-loopback>")) {
         aEntry.m_Kind = NOT_LOOPBACK;

@@ -19,6 +19,7 @@ enum class EBypassDialect {
 class TALVO_API CBypassRules {
 public:
     static constexpr size_t MOST_ENTRIES = 1024;  // further ones are skipped
+    static constexpr size_t LONGEST_ENTRY = 512;  // longer ones are invalid
 
     // Appends the entries of aText. Invalid ones are skipped, with one trace line for all. Throws std::bad_alloc.
     void Add(std::string_view aText, EBypassDialect aDialect);

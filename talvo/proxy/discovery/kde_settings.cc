@@ -12,23 +12,31 @@ constexpr size_t MOST_FILES = 16;
 
 enum EProxyType { TYPE_NONE = 0, TYPE_MANUAL = 1, TYPE_SCRIPT = 2, TYPE_DETECT = 3, TYPE_ENVIRONMENT = 4 };
 
-using CValues = std::map<CCmString, CCmString>;  // by key in lower case
+constexpr const char* KEYS[] = {"proxytype",           "httpproxy",  "httpsproxy",       "socksproxy",
+                                "proxy config script", "noproxyfor", "reversedexception"};
+
+using CValues = std::map<CCmString, CCmString>;  // by one of KEYS
 
 void AddFile(CCmString aFolder, std::vector<CCmString>& aFiles) {
     if (aFolder.starts_with('/') && aFiles.size() < MOST_FILES)
         aFiles.push_back(std::move(aFolder) + "/kioslaverc");
 }
 
-// "httpProxy[$i]" is "httpProxy".
-CCmString KeyOf(std::string_view aKey) { return to_lower(TrimBlanks(aKey.substr(0, aKey.find('[')))); }
+// "httpProxy[$i]" is "httpProxy". Null: a key without a use.
+const char* KeyOf(std::string_view aKey) {
+    const std::string_view name = TrimBlanks(aKey.substr(0, aKey.find('[')));
+    const auto pKey = std::ranges::find_if(KEYS, [&](const char* aKnown) { return IsSameNoCase(name, aKnown); });
+    return pKey != std::end(KEYS) ? *pKey : nullptr;
+}
 
 void ReadFile(const CKdeFile& aFile, CValues& aValues, CProxySettings& aSettings) {
     CValues own;
     CConfigLines lines(aFile.m_strText);
     for (auto kind = lines.Next(); kind != CConfigLines::END; kind = lines.Next()) {
         const std::string_view group = TrimBlanks(lines.GetSection().substr(0, lines.GetSection().find("][")));
-        if (kind == CConfigLines::VALUE && IsSameNoCase(group, "Proxy Settings"))
-            own[KeyOf(lines.GetKey())] = lines.GetValue();
+        const char* pKey = KeyOf(lines.GetKey());
+        if (kind == CConfigLines::VALUE && pKey && IsSameNoCase(group, "Proxy Settings"))
+            own[pKey] = lines.GetValue();
     }
     for (const auto& [strKey, strValue] : own)
         if (aValues.try_emplace(strKey, strValue).second)

@@ -14,6 +14,14 @@ namespace {
 constexpr const char* RULE = "rule";
 constexpr size_t LONGEST_ANSWER = 4096;
 
+// The items that lie within the longest answer.
+std::string_view CutAnswer(std::string_view aText) {
+    if (aText.size() <= LONGEST_ANSWER)
+        return aText;
+    const size_t stEnd = aText.rfind(';', LONGEST_ANSWER);
+    return aText.substr(0, stEnd == std::string_view::npos ? 0 : stEnd);
+}
+
 const char* TextOf(EPacEnd aEnd) {
     switch (aEnd) {
     case EPacEnd::LOAD_FAILED:
@@ -168,7 +176,7 @@ void CProxyEvaluation::OnPacEnd(EPacEnd aEnd, const CCmString& aText) {
 void CProxyEvaluation::TakeAnswer_i(const CCmString& aText) {
     m_User.SetGoodScript(m_Urls.front(), m_pScript);
     CCmProxyRoute route = CCmProxyRoute::Direct();
-    const CmResult rv = CCmProxyRoute::FromScript(std::string_view(aText).substr(0, LONGEST_ANSWER), route);
+    const CmResult rv = CCmProxyRoute::FromScript(CutAnswer(aText), route);
     if (rv == CM_ERROR_OUT_OF_MEMORY)
         throw std::bad_alloc();
     Finish_i(route, m_strSource);
