@@ -19,6 +19,10 @@ if(TARGET talvo_tool)
   install(TARGETS talvo_tool RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   set_target_properties(talvo_tool PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
 endif()
+# Where the library looks for it, see talvo/proxy/script/pac_place.h.
+if(TARGET talvo_pac)
+  install(TARGETS talvo_pac RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/talvo)
+endif()
 # Benchmark programs that anyone can drive; by themselves with `cmake --install BUILD --component benchmark`.
 foreach(program echo msg timers threads http http_parse)
   if(TARGET talvo_bench_${program})
