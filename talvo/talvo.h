@@ -87,6 +87,7 @@
 #include "talvo/proxy/discovery/proxy_answer.h"
 #include "talvo/proxy/discovery/proxy_discovery.h"
 #include "talvo/proxy/proxy_functions.h"
+#include "talvo/proxy/script/pac_place.h"
 #include "talvo/transport/acceptor_base.h"
 #include "talvo/transport/base_types.h"
 #include "talvo/transport/connector_internal.h"
