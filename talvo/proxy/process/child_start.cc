@@ -43,15 +43,14 @@ long Call(long aNumber, Arguments... aArguments) {
     return syscall(aNumber, aArguments...);
 }
 
-// Blocked signals stay blocked in a new program, and so do ignored ones.
+// Blocked signals stay blocked in a new program, and so do ignored ones. The kernel's forms of the default action and of the
+// empty set are zeros.
 void ResetSignals() {
-    struct sigaction plain {};
-    plain.sa_handler = SIG_DFL;
+    constexpr unsigned long ZEROS[8] = {};
+    constexpr size_t SET_SIZE = 8;
     for (int nSignal = 1; nSignal < NSIG; ++nSignal)
-        sigaction(nSignal, &plain, nullptr);  // the kernel refuses SIGKILL and SIGSTOP
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
+        Call(SYS_rt_sigaction, nSignal, ZEROS, nullptr, SET_SIZE);  // the kernel refuses SIGKILL and SIGSTOP
+    Call(SYS_rt_sigprocmask, SIG_SETMASK, ZEROS, nullptr, SET_SIZE);
 }
 
 BOOL SetHandles(CStart& aStart) {
