@@ -90,4 +90,11 @@ void AskForLargeReads(ICmTransport& aTransport) {
     aTransport.SetOption(CM_OPT_TRANSPORT_READ_SIZE, &dwSize);
 }
 
+void ResetAtClose(ICmTransport& aTransport) {
+    HANDLE fd = CM_INVALID_HANDLE;
+    const linger none{1, 0};
+    if (aTransport.GetOption(CM_OPT_TRANSPORT_FD, &fd) == CM_OK)
+        setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof none);
+}
+
 }  // namespace talvo

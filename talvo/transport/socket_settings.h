@@ -38,4 +38,7 @@ struct TALVO_API CSocketSettings {
 // Raises the read size to LARGE_READ, on a TCP transport or a layer over one; a larger size stays.
 void AskForLargeReads(ICmTransport& aTransport);
 
+// The close of the transport's socket will be a reset, and the system sends none of the bytes that are still under way.
+void ResetAtClose(ICmTransport& aTransport);
+
 }  // namespace talvo

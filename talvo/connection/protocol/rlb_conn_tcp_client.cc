@@ -8,6 +8,7 @@
 #include "talvo/base/with_memory.h"
 #include "talvo/transport/base_connector.h"
 #include "talvo/transport/option_values.h"
+#include "talvo/transport/socket_settings.h"
 
 namespace {
 
@@ -111,9 +112,12 @@ void CRlbConnTCPClient::Connect_i() {
     m_pConnector->AsycConnect(this, m_Target.m_AddrPeer, nullptr, m_Target.m_bLocal ? &addrLocal : nullptr);
 }
 
-// A transport that this end has given up is reset, so that the server does not take it.
+// A transport that this end has given up is reset. Otherwise the system could deliver its request later, and the server would
+// leave a good transport for it.
 void CRlbConnTCPClient::AttemptFailed_i() {
     DropConnector_i();
+    if (m_pTransport)
+        talvo::ResetAtClose(*m_pTransport);
     DetachTransport_i(CM_ERROR_NETWORK_CONNECT_ERROR);
     WaitForRetry_i();
 }
