@@ -24,8 +24,8 @@ void CDrainedTransport::OnDrain(ECmDrainStage aStage) {
     ICmTransportSink* pSink = m_pSink;
     if (!pSink || !ends_connections(aStage))
         return;
-    LeaveThread();
     EndInOrder_i(bCut);
+    LeaveThread();
     pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_CLOSE, this);  // last: the sink may release this transport
 }
 

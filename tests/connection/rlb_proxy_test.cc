@@ -1,4 +1,6 @@
 // Reliable connections over sockets, used from another thread.
+#include <poll.h>
+
 #include "talvo/connection/protocol/conn_base.h"
 #include "talvo/transport/reconnect_sink.h"
 #include "tests/support/network_fixture.h"
@@ -75,6 +77,36 @@ TEST_P(RlbProxyTest, MessagesAndGapsComeInOrder) {
     network.RunUntil([&] { return server.m_nDisconnects == 1; });
     EXPECT_EQ("1 suspended resumed 2 3 ", server.m_strOrder);
     EXPECT_EQ(CM_OK, server.m_Reason);
+}
+
+// The system would deliver the request later. What is kept meanwhile is sent by nobody, and no result of Disconnect reports it.
+TEST(RlbAttemptTest, WithoutAnAnswerItIsResetAndADrainLosesWhatIsKept) {
+    CCmFakeClock clock;
+    CTestNetwork network(CCmThreadManager::NETWORK_THREAD_MAIN);
+    const CTestListener listener;
+    CTestConnectSink clients;
+    CUser client;
+    CCmDrainLog drain;
+    CCmTimeValue tvLimit(60);
+    const auto pConnector = network.MakeConnector(CCmConnectionManager::CTYPE_PDU_RELIABLE | CCmConnectionManager::CTYPE_TCP);
+    pConnector->AsycConnect(&clients, listener.Addr());
+    CTestFd peer = listener.Accept();
+    EXPECT_EQ(8, send(peer.Get(), "\2\0\0\0\0\x12\x34\xF", 8, MSG_NOSIGNAL));
+    network.RunUntil([&] { return clients.Count() == 1; });
+    client.Open(*clients.m_Transports.at(0));
+    peer = CTestFd();
+    pollfd next{listener.GetFd(), POLLIN, 0};
+    network.RunUntil([&] { return clock.Advance(CCmTimeValue(0, 10000)), poll(&next, 1, 0) == 1; });
+    peer = listener.Accept();
+    std::string strRequest;
+    network.RunUntil([&] { return !ReadToEnd(peer, strRequest) && strRequest.size() == 8; });
+    clock.Advance(CCmTimeValue(10));
+    network.RunUntil([&] { return !ReadToEnd(peer, strRequest) && errno == ECONNRESET; });
+    EXPECT_EQ(CM_OK, SendText(*clients.m_Transports.at(0), "never"));
+    EXPECT_EQ(CM_OK, network.Manager().Drain(&tvLimit, &drain));
+    network.RunUntil([&] { return clock.Advance(CCmTimeValue(0, 10000)), drain.m_nCalls == 1; });
+    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, drain.m_Reason);
+    EXPECT_EQ(14u, drain.m_Left.m_ullLostBytes);
 }
 
 INSTANTIATE_TEST_SUITE_P(Over, RlbProxyTest, testing::Values(CM_TRANSPORT_TYPE_TCP, CM_TRANSPORT_TYPE_TLS));

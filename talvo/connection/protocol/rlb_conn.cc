@@ -120,6 +120,14 @@ CmResult CRlbConn::Disconnect(CmResult aReason) {
     return CM_ERROR_NETWORK_IN_DOUBT;
 }
 
+// Without a transport nothing is sent any more, and no sink gets the result of Disconnect. At the limit of a drain the bytes
+// already count as unfinished.
+void CRlbConn::EndInOrder_i(BOOL aCut) {
+    if (!aCut && m_wStatus == CS_STATUS_RECONNECTING)
+        CountLost(GetKept_i());
+    Disconnect(CM_OK);
+}
+
 void CRlbConn::CancelTimers_i() {
     CCsConn::CancelTimers_i();
     m_Timer.Cancel();

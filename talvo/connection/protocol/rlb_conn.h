@@ -89,6 +89,7 @@ protected:
     DWORD m_dwReconnectTime = 120;  // seconds
 
 private:
+    void EndInOrder_i(BOOL aCut) override;
     BOOL IsAckDue_i() const { return m_Buffered->GetSendBuf().GetACKSent() != m_dwReceived; }
     BOOL StartSilence_i();
     CmResult SetSeconds_i(DWORD aCommand, DWORD aSeconds);
