@@ -11,6 +11,7 @@ namespace {
 constexpr DWORD RAW = CCmConnectionManager::CTYPE_TCP;
 constexpr DWORD LENGTH = RAW | CCmConnectionManager::CTYPE_PDU_LENGTH;
 constexpr DWORD PACKAGE = RAW | CCmConnectionManager::CTYPE_PDU_PACKAGE;
+constexpr DWORD RELIABLE = RAW | CCmConnectionManager::CTYPE_PDU_RELIABLE | CCmConnectionManager::CTYPE_RECONNECT_TOKEN;
 
 // No more of each than this for a message.
 struct CBound {
@@ -74,6 +75,9 @@ TEST(CountsTest, Stream) {
         // Four copies, each of 64 bytes behind a header of 9.
         {PACKAGE, 64, {"package, 64 B", 0.6, 1.7, 4.6, 2.2}},
         {PACKAGE, 16384, {"package, 16 KiB", 7, 13, 1.05, 12}},
+        // An allocation more, and a copy into it, for each message that waits for its acknowledgement.
+        {RELIABLE, 64, {"reliable, 64 B", 0.6, 2.7, 6, 2.2}},
+        {RELIABLE, 16384, {"reliable, 16 KiB", 7, 14, 1.05, 12}},
     };
     const CTestNetwork network;
     for (const auto& row : rows)
