@@ -112,12 +112,14 @@ TEST_F(PacHostTest, AScriptBeyondALimitLosesItsHelperAndTheNextQuestionGetsANewO
     EXPECT_EQ("the evaluation took more than 5 s", log.m_strText);
     EXPECT_EQ(EPacEnd::ANSWER, Ask(pGood, log));
     EXPECT_EQ(EPacEnd::LIMIT, Ask(Script("for (i = 0; i < 101; ++i) alert(i);"), log));
+    EXPECT_EQ("the script has more than 100 alerts", log.m_strText);
     EXPECT_EQ(EPacEnd::ANSWER, Ask(pGood, log));
     EXPECT_EQ(EPacEnd::LIMIT, Ask(Script("return new Array(4098).join('x');"), log));
     // The third death within a minute.
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, Start(pGood, log));
     m_Clock.Advance(CCmTimeValue(61));
     EXPECT_EQ(EPacEnd::ANSWER, Ask(pGood, log));
+    RunUntil([] { return Children().size() == 1; });
     kill(Children().at(0), SIGSTOP);
     EXPECT_EQ(EPacEnd::LIMIT, Ask(pGood, log, 6));
     EXPECT_EQ(EPacEnd::ANSWER, Ask(pGood, log));
@@ -136,7 +138,7 @@ TEST_F(PacHostTest, NamesComeFromTheDnsManagerAndDelayNoOtherQuestion) {
     Configure();
     EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Start(Script("return 'x' + dnsResolve('silent.test');"), slow));
     EXPECT_EQ(EPacEnd::ANSWER, Ask(Script("return 'DIRECT';"), log));
-    EXPECT_EQ(2u, Children().size());
+    RunUntil([] { return Children().size() == 2; });  // the killed one is reaped
     for (char byte; slow.m_Ends.empty() && recv(server.m_Fd.Get(), &byte, 1, MSG_DONTWAIT) == -1;)
         m_Network.RunPosted();
     m_Network.RunPosted();
@@ -147,8 +149,9 @@ TEST_F(PacHostTest, NamesComeFromTheDnsManagerAndDelayNoOtherQuestion) {
 
 TEST_F(PacHostTest, AHelperThatSpeaksOtherwiseIsKilled) {
     CPacLog log;
-    for (const char* szAnswer : {"\\0\\0\\0\\0", "\\377\\0\\0\\1r", "\\0\\0\\0\\1L", "\\0\\0\\0\\3e\\0\\0", "\\0\\0\\0\\1n",
-                                 "\\0\\0\\0\\3nq1", "\\0\\0\\0\\3n4a\\0\\0\\0\\1r"}) {
+    for (const char* szAnswer :
+         {"\\0\\0\\0\\0", "\\377\\0\\0\\1r", "\\0\\0\\0\\1L", "\\0\\0\\0\\3e\\0\\0", "\\0\\0\\0\\1n", "\\0\\0\\0\\3nq1",
+          "\\0\\0\\0\\2nm\\0\\0\\0\\2nm\\0\\0\\0\\2nM", "\\0\\0\\0\\3n4a\\0\\0\\0\\1r"}) {
         UseHelper(szAnswer);
         EXPECT_EQ(EPacEnd::LIMIT, Ask(Script(""), log)) << szAnswer;
         m_Clock.Advance(CCmTimeValue(61));

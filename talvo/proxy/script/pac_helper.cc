@@ -24,11 +24,13 @@ constexpr time_t IDLE_SECONDS = 60;
 constexpr time_t LOAD_SECONDS = 2;
 constexpr time_t FIND_SECONDS = 5;
 constexpr DWORD MOST_NAMES = 20;
+constexpr DWORD MOST_OWN_NAMES = 2;  // the questions for this machine's addresses, each once
 constexpr DWORD MOST_ALERTS = 100;
 constexpr size_t MOST_NAME_BYTES = 253;
 constexpr size_t MOST_ALERT_BYTES = 1024;  // 256 characters
 constexpr size_t MOST_ANSWER_BYTES = 4096;
 constexpr size_t PIECE = 16 * 1024;  // of the stream
+constexpr const char* WRONG_FRAME = "the helper does not keep to the protocol";
 
 }  // namespace
 
@@ -72,7 +74,7 @@ void CPacHelper::Close() {
 
 void CPacHelper::SetState_i(EState aState, const CCmTimeValue& aLimit) {
     m_State = aState;
-    m_dwNames = m_dwAlerts = 0;
+    m_dwNames = m_dwOwnNames = m_dwAlerts = 0;
     m_Timer.Schedule(this, aLimit, 1);
 }
 
@@ -86,7 +88,7 @@ void CPacHelper::Run(const PacJobPtr& aJob) {
 // The script needs time and zone already when it is loaded.
 void CPacHelper::AddClock_i(CPacFrameWriter& aFrame) const {
     const CPacQuestion& question = m_pJob->m_Question;
-    const int64_t llTime = question.m_llTimeUsec == -1 ? CCmClock::GetTimeOfDayUsec() : question.m_llTimeUsec;
+    const int64_t llTime = question.m_llTimeUsec == -1 ? CCmClock::GetWallUsec() : question.m_llTimeUsec;
     aFrame.AddNumber(static_cast<uint64_t>(llTime), 8);
     aFrame.AddText(PosixZoneOf(question.m_strZone, llTime / 1'000'000));
 }
@@ -129,25 +131,21 @@ int CPacHelper::OnOutput(HANDLE) {
     return -2;
 }
 
+// One piece a call, so that a helper that never stops sending delays neither the timer nor other handlers.
 int CPacHelper::OnInput(HANDLE) {
     CCmRefPtrT<CPacHelper> pKeep(this);
     char buffer[PIECE];
-    while (m_State != ENDED) {
-        const ssize_t lRead = recv(m_Socket, buffer, sizeof buffer, 0);
-        if (lRead == -1 && errno == EINTR)
-            continue;
-        if (lRead <= 0)
-            break;
-        BOOL bGood = FALSE;
-        if (!WithMemory([&] {
-                m_Reader.Add({buffer, static_cast<size_t>(lRead)});
-                bGood = TakeFrames_i();
-            }))
-            Fail_i("memory ran out");
-        else if (!bGood)
-            Fail_i("a limit was exceeded, or the frame is wrong");
-    }
-    return -2;
+    const ssize_t lRead = recv(m_Socket, buffer, sizeof buffer, 0);
+    if (lRead <= 0)
+        return lRead == -1 && errno == EINTR ? 0 : -2;
+    const char* szFault = "memory ran out";
+    WithMemory([&] {
+        m_Reader.Add({buffer, static_cast<size_t>(lRead)});
+        szFault = TakeFrames_i();
+    });
+    if (szFault)
+        Fail_i(szFault);
+    return 0;
 }
 
 int CPacHelper::OnClose(HANDLE, long) {
@@ -170,21 +168,21 @@ void CPacHelper::OnTimer(CCmTimerWrapperID*) {
         pUser->OnHelperEnd(*this, FALSE);
 }
 
-// FALSE: kill the process.
-BOOL CPacHelper::TakeFrames_i() {
+// Each returns the fault for which the process must be killed, or null.
+const char* CPacHelper::TakeFrames_i() {
     EPacFrame kind{};
     std::string_view strPayload;
     CPacFrameReader::EStep step{};
     while (m_State != ENDED && (step = m_Reader.Take(kind, strPayload)) == CPacFrameReader::FRAME) {
-        if (!OnFrame_i(kind, strPayload))
-            return FALSE;
+        if (const char* szFault = OnFrame_i(kind, strPayload))
+            return szFault;
     }
-    return step != CPacFrameReader::BROKEN;
+    return step == CPacFrameReader::BROKEN ? WRONG_FRAME : nullptr;
 }
 
-BOOL CPacHelper::OnFrame_i(EPacFrame aKind, std::string_view aPayload) {
+const char* CPacHelper::OnFrame_i(EPacFrame aKind, std::string_view aPayload) {
     if (m_State == FREE || m_bNameUnderWay)
-        return FALSE;
+        return WRONG_FRAME;
     switch (aKind) {
     case EPacFrame::RESULT:
         return OnResult_i(aPayload);
@@ -197,46 +195,48 @@ BOOL CPacHelper::OnFrame_i(EPacFrame aKind, std::string_view aPayload) {
     case EPacFrame::LOAD:
     case EPacFrame::FIND:
     case EPacFrame::NAME_ANSWER:
-        return FALSE;
+        return WRONG_FRAME;
     }
-    return FALSE;
+    return WRONG_FRAME;
 }
 
-BOOL CPacHelper::OnResult_i(std::string_view aPayload) {
+const char* CPacHelper::OnResult_i(std::string_view aPayload) {
     if (m_State == FINDING) {
         if (aPayload.size() > MOST_ANSWER_BYTES)
-            return FALSE;
+            return "the answer has more than 4,096 bytes";
         EndJob_i(EPacEnd::ANSWER, CCmString(aPayload));
-        return TRUE;
+        return nullptr;
     }
     static BOOL s_bReported = FALSE;
     if (aPayload != "confined" && !std::exchange(s_bReported, TRUE))
         CM_WARNING_TRACE("CPacHelper::OnResult_i, the kernel does not filter the system calls of the helper.");
     m_ullVersion = m_pJob->m_pScript->m_ullVersion;
     SendFind_i();
-    return TRUE;
+    return nullptr;
 }
 
-BOOL CPacHelper::OnFailure_i(std::string_view aPayload) {
+const char* CPacHelper::OnFailure_i(std::string_view aPayload) {
     uint64_t ullLine = 0;
     if (!TakePacNumber(aPayload, 4, ullLine))
-        return FALSE;
+        return WRONG_FRAME;
     CCmString strError = CleanPacText(aPayload, MOST_ANSWER_BYTES - 32);
     if (ullLine != 0)
         strError += ", line " + std::to_string(ullLine);
     EndJob_i(m_State == LOADING ? EPacEnd::LOAD_FAILED : EPacEnd::SCRIPT_FAILED, strError);
-    return TRUE;
+    return nullptr;
 }
 
-BOOL CPacHelper::OnName_i(std::string_view aPayload) {
+const char* CPacHelper::OnName_i(std::string_view aPayload) {
     const char cKind = aPayload.empty() ? '\0' : aPayload[0];
     if (!CPacNameLookUp::IsKind(cKind) || aPayload.size() > 1 + MOST_NAME_BYTES)
-        return FALSE;
-    if (CPacNameLookUp::HasName(cKind) && ++m_dwNames > MOST_NAMES)
-        return FALSE;
+        return WRONG_FRAME;
+    const BOOL bHasName = CPacNameLookUp::HasName(cKind);
+    DWORD& dwCount = bHasName ? m_dwNames : m_dwOwnNames;
+    if (++dwCount > (bHasName ? MOST_NAMES : MOST_OWN_NAMES))
+        return "the script asks for more than 20 names";
     m_bNameUnderWay = TRUE;
     m_Names.Start(cKind, CCmString(aPayload.substr(1)));
-    return TRUE;
+    return nullptr;
 }
 
 void CPacHelper::OnPacName(const CCmString& aAddresses) {
@@ -250,14 +250,16 @@ void CPacHelper::OnPacName(const CCmString& aAddresses) {
         Fail_i("memory ran out");
 }
 
-BOOL CPacHelper::OnAlert_i(std::string_view aPayload) {
-    if (aPayload.size() > MOST_ALERT_BYTES || ++m_dwAlerts > MOST_ALERTS)
-        return FALSE;
+const char* CPacHelper::OnAlert_i(std::string_view aPayload) {
+    if (aPayload.size() > MOST_ALERT_BYTES)
+        return WRONG_FRAME;
+    if (++m_dwAlerts > MOST_ALERTS)
+        return "the script has more than 100 alerts";
     const CCmString strText = CleanPacText(aPayload, MOST_ALERT_BYTES);
     const PacJobPtr pJob = m_pJob;
     if (pJob->m_pSink)
         pJob->m_pSink->OnPacAlert(strText);
-    return TRUE;
+    return nullptr;
 }
 
 void CPacHelper::EndJob_i(EPacEnd aEnd, const CCmString& aText) {

@@ -78,12 +78,12 @@ private:
     void OnPacName(const CCmString& aAddresses) override;
 
     void SetState_i(EState aState, const CCmTimeValue& aLimit);
-    BOOL TakeFrames_i();
-    BOOL OnFrame_i(EPacFrame aKind, std::string_view aPayload);
-    BOOL OnResult_i(std::string_view aPayload);
-    BOOL OnFailure_i(std::string_view aPayload);
-    BOOL OnName_i(std::string_view aPayload);
-    BOOL OnAlert_i(std::string_view aPayload);
+    const char* TakeFrames_i();
+    const char* OnFrame_i(EPacFrame aKind, std::string_view aPayload);
+    const char* OnResult_i(std::string_view aPayload);
+    const char* OnFailure_i(std::string_view aPayload);
+    const char* OnName_i(std::string_view aPayload);
+    const char* OnAlert_i(std::string_view aPayload);
     void SendLoad_i();
     void SendFind_i();
     void AddClock_i(CPacFrameWriter& aFrame) const;
@@ -102,6 +102,7 @@ private:
     CPacNameLookUp m_Names{*this};
     BOOL m_bNameUnderWay = FALSE;
     DWORD m_dwNames = 0;        // of the load or find under way
+    DWORD m_dwOwnNames = 0;     // likewise
     DWORD m_dwAlerts = 0;       // likewise
     uint64_t m_ullVersion = 0;  // of the loaded script; 0: none
     PacJobPtr m_pJob;
