@@ -23,14 +23,14 @@ inline void Require(bool aHolds, const char* aText) {
 class CConfiguration {
 public:
     CConfiguration() {
-        const std::string strHosts = m_Dir.Write("hosts", "127.0.0.1 localhost\n");
+        const std::string strHosts = s_Dir.Write("hosts", "127.0.0.1 localhost\n");
         const std::string strText =
             "[Dns]\nServers=127.0.0.1:1\nTimeoutMs=1\nTries=1\nHostsFile=" + strHosts + "\nResolverFile=\n";
-        EXPECT_EQ(CM_OK, load_config_file(m_Dir.Write("talvo.cfg", strText).c_str()));
+        EXPECT_EQ(CM_OK, load_config_file(s_Dir.Write("talvo.cfg", strText).c_str()));
     }
 
 private:
-    CCmTempDir m_Dir;
+    static inline const CCmTempDir s_Dir;  // made before the runs, whose processes end without destructors
 };
 
 // Time goes on by itself while one of these is in scope, for calls that run the loop or wait for a thread.
