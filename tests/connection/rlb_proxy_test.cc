@@ -79,7 +79,8 @@ TEST_P(RlbProxyTest, MessagesAndGapsComeInOrder) {
     EXPECT_EQ(CM_OK, server.m_Reason);
 }
 
-// The system would deliver the request later. What is kept meanwhile is sent by nobody, and no result of Disconnect reports it.
+// Otherwise the system would deliver its request later. The kept messages are never sent, and no result of Disconnect reports
+// that.
 TEST(RlbAttemptTest, WithoutAnAnswerItIsResetAndADrainLosesWhatIsKept) {
     CCmFakeClock clock;
     CTestNetwork network(CCmThreadManager::NETWORK_THREAD_MAIN);
