@@ -29,11 +29,13 @@ public:
     // Suppresses the report until the next Arm.
     void Cancel() { m_bDue = FALSE; }
     BOOL IsDue() const { return m_bDue; }
+    // TRUE: the event's own reference is the owner's last one, so that nobody is to be called.
+    BOOL IsOrphan() const { return m_bPosted && m_Owner.GetReference() == 1; }
 
 private:
     CmResult OnEventFire() override {
+        const BOOL bOrphan = IsOrphan();
         m_bPosted = FALSE;
-        const BOOL bOrphan = m_Owner.GetReference() == 1;  // only the event's own reference is left
         if (std::exchange(m_bDue, FALSE) && !bOrphan)
             (m_Owner.*Method)();
         return CM_OK;

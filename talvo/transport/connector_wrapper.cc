@@ -112,7 +112,7 @@ void CCmConnectorWrapper::OnTimeout(const CCmTimeValue&, void* aArg) {
 
 // An attempt without a connection has taken no data.
 void CCmConnectorWrapper::OnDrain(ECmDrainStage aStage) {
-    if (m_bClosed || !talvo::ends_connections(aStage))
+    if (m_bClosed || m_NoMemory.IsOrphan() || !talvo::ends_connections(aStage))
         return;
     Close_i();
     m_Failure = CCmFailure(CM_FAILURE_LOCAL, "all connections are being ended", m_IfLate);

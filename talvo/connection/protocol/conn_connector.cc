@@ -56,7 +56,7 @@ void CConnConnectorBase::CancelConnect() {
 // Also during the handshake, when the connector below has finished.
 void CConnConnectorBase::OnDrain(ECmDrainStage aStage) {
     ICmAcceptorConnectorSink* pSink = m_pSink;
-    if (!pSink || !ends_connections(aStage))
+    if (!pSink || m_NoMemory.IsOrphan() || !ends_connections(aStage))
         return;
     Cancel_i();
     m_Failure = CCmFailure(CM_FAILURE_LOCAL, "all connections are being ended", m_IfClosed);
