@@ -103,7 +103,7 @@ BOOL CConnectorProxy::Begin_i(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal,
     return TRUE;
 }
 
-// A tunnel is what users configure for https. A proxy for http often forbids CONNECT.
+// Users configure tunnels for https. A proxy for http often forbids CONNECT.
 void CConnectorProxy::AskSource_i() {
     CCmProxyRoute route;
     m_pSource = ICmProxySource::Get();

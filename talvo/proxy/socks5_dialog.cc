@@ -110,7 +110,7 @@ IProxyDialog::EStep CSocks5Dialog::Ask_i(CCmString& aOut) {
     return TALK;
 }
 
-// A refusal is judged by its code alone: what follows it is not waited for.
+// The code alone decides a refusal: the rest of the reply need not come.
 IProxyDialog::EStep CSocks5Dialog::JudgeReply_i(std::string_view aReply) {
     const auto code = static_cast<unsigned char>(aReply[1]);
     if (code >= std::size(REPLIES))

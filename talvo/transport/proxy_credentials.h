@@ -6,7 +6,7 @@
 #include "talvo/base/result.h"
 #include "talvo/base/types.h"
 
-// What a proxy asked.
+// The question of a proxy.
 struct CCmProxyQuestion {
     CCmString m_strProxy;     // its normalised URI without credentials and path: "http://proxy.example:3128"; port always given
     CCmString m_strRealm;     // as the proxy sent it; "" for SOCKS

@@ -25,7 +25,7 @@ protected:
 //    a 407 came:          OnChallenges(...)              CM_OK: send the request again; WOULD_BLOCK: when notified
 //    any other reply:     OnAccepted()
 //
-// Nothing is sent before the proxy asks. What it asked of one user is remembered for the process: the next users of this proxy
+// Nothing is sent before the proxy asks. The process remembers its challenge to one user: the next users of this proxy
 // send credentials at once, with a growing nonce count, unless a question to the user would be necessary. Credentials are those
 // of the route, stored ones, then the asker's; each set is tried once, a stale nonce is replaced three times. Schemes, the
 // strongest first: Digest with SHA-256, Digest with MD5, NTLM if it is allowed, Basic. Used in one thread.
@@ -49,10 +49,9 @@ public:
     CmResult Authorize(std::string_view aMethod, std::string_view aTarget, CCmSecret& aValue);
 
     // A 407 came with these values of Proxy-Authenticate, merged by line feeds; "": none. So does a 401 to CONNECT, with which
-    // some proxies refuse credentials. aStaysOpen: the connection can carry
-    // another request. CM_OK: repeat the request with the new value of Authorize. CM_ERROR_WOULD_BLOCK: the user is asked for
-    // credentials; one OnProxyAuthentication follows, not inside this call. CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE: give up.
-    // CM_ERROR_OUT_OF_MEMORY.
+    // some proxies refuse credentials. aStaysOpen: the connection can carry another request. CM_OK: repeat the request with the
+    // new value of Authorize. CM_ERROR_WOULD_BLOCK: the user is asked for credentials; one OnProxyAuthentication follows, not
+    // inside this call. CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE: give up. CM_ERROR_OUT_OF_MEMORY.
     CmResult OnChallenges(std::string_view aChallenges, BOOL aStaysOpen);
 
     // Any other reply came.

@@ -1,4 +1,4 @@
-// What proxies have asked of earlier requests.
+// The challenges that proxies have sent to earlier requests.
 #pragma once
 
 #include "talvo/base/export.h"
