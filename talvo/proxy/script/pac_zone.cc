@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -24,16 +25,16 @@ long OffsetAt(time_t aTime) {
     return local.tm_gmtoff;
 }
 
-// The first second in (aFrom, aTo] with another offset than aFrom; aTo: there is none. A change within a day of another one is
-// not seen.
+// The first second in (aFrom, aTo] with another offset than aFrom; aTo: there is none. A change within a week of another one
+// may be missed.
 time_t FindChange(time_t aFrom, time_t aTo) {
     const long lOffset = OffsetAt(aFrom);
     time_t low = aFrom, high = aFrom;
     while (high < aTo && OffsetAt(high) == lOffset) {
         low = high;
-        high += DAY;
+        high = std::min(high + 7 * DAY, aTo);
     }
-    if (high >= aTo && OffsetAt(aTo) == lOffset)
+    if (OffsetAt(high) == lOffset)
         return aTo;
     while (high - low > 1) {
         const time_t middle = low + (high - low) / 2;
