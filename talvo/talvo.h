@@ -88,6 +88,8 @@
 #include "talvo/proxy/discovery/proxy_discovery.h"
 #include "talvo/proxy/proxy_functions.h"
 #include "talvo/proxy/script/pac_place.h"
+#include "talvo/session/forward_session.h"
+#include "talvo/session/forward_statistics.h"
 #include "talvo/transport/acceptor_base.h"
 #include "talvo/transport/base_types.h"
 #include "talvo/transport/connector_internal.h"

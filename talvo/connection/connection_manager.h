@@ -10,6 +10,8 @@
 #include "talvo/transport/transport_interface.h"
 
 class ACmThread;
+class ICmForwardSession;
+class ICmForwardSink;
 
 // The process-wide factory. It ensures that the network thread exists. For a caller in another thread it wraps each object in a
 // thread proxy, so that callbacks come in the caller's thread. Any thread with an event queue may call: the main thread, and
@@ -87,6 +89,14 @@ public:
 
     // aConnector (out): a detection connector without connections, likewise. CM_ERROR_NULL_POINTER. CM_ERROR_OUT_OF_MEMORY.
     CmResult CreateDetectionConnectionClient(ICmDetectionConnector*& aConnector);
+
+    // aSession (out): a session that forwards messages to many receivers, with one reference, null on failure. aSink is not
+    // owned; after the last release and after Close it gets no call. CM_ERROR_INVALID_ARG: aSink is null. CM_ERROR_NULL_POINTER.
+    // CM_ERROR_OUT_OF_MEMORY.
+    CmResult CreateForwardSession(ICmForwardSink* aSink, ICmForwardSession*& aSession);
+
+    // The same without a proxy, for the transports of the calling thread, which must be one of the library's.
+    static CmResult CreateForwardSession_i(ICmForwardSink* aSink, ICmForwardSession*& aSession);
 
     // The same without a proxy. Only in the network thread, in which all upcalls come.
     CmResult CreateConnectionClient_i(DWORD aType, ICmConnector*& aConnector);

@@ -8,6 +8,7 @@
 #include "talvo/connection/protocol/conn_liveness.h"
 #include "talvo/connection/protocol/connection_options.h"
 #include "talvo/connection/protocol/direct_sending.h"
+#include "talvo/connection/protocol/framed_sending.h"
 #include "talvo/connection/protocol/pdu_reader.h"
 #include "talvo/transport/connection_type.h"
 
@@ -30,7 +31,10 @@
 // While reading is paused (option 141), messages from an earlier read of the transport still come.
 //
 // Network thread only. Every upcall may send, set options, disconnect and release the connection.
-class TALVO_API CCsConn : public CConnBase, public ICmTransportSink, public CCmTimerWrapperIDSink {
+class TALVO_API CCsConn : public CConnBase,
+                          public ICmTransportSink,
+                          public CCmTimerWrapperIDSink,
+                          public talvo::IFramedSending {
 public:
     // aMaxBufLen: bytes of the send buffer; 0: none.
     explicit CCsConn(DWORD aMaxBufLen);
@@ -42,6 +46,8 @@ public:
     BYTE GetInstanceType() const { return m_byInstanceType; }
 
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
+    EFraming GetFraming() const override { return m_bNeedACK || m_bDatagrams ? NOT_FRAMED : PACKAGE; }
+    CmResult SendFrames(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken) override;
     // The commands of ECsOption and, of ECmTransportOption, 141 and 144 to 146. All others go to the transport below,
     // CM_ERROR_NOT_AVAILABLE without one.
     CmResult SetOption(DWORD aCommand, void* aArg) override;

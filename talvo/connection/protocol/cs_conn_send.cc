@@ -93,6 +93,18 @@ CmResult CCsConn::SendDirect_i(CCmMessageBlock& aData) {
     return EndIfBroken_i(m_Direct.SendData(aData));
 }
 
+CmResult CCsConn::SendFrames(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken) {
+    m_Est.EnsureSingleThread();
+    aTaken = 0;
+    if (m_wStatus != CS_STATUS_CONNECTED || !m_pTransport)
+        return CM_ERROR_NOT_AVAILABLE;
+    if (m_Buffered && m_Buffered->GetUnsent() > 0) {
+        if (const CmResult rv = SendDataFromSendBuf(); rv != CM_OK)
+            return rv;
+    }
+    return EndIfBroken_i(m_Direct.SendFrames(aFrames, aLengths, aCount, aTaken));
+}
+
 CmResult CCsConn::EndIfBroken_i(CmResult aResult) {
     if (m_Direct.IsBroken())
         Finish_i(CM_ERROR_OUT_OF_MEMORY);

@@ -52,6 +52,15 @@ CmResult CDirectSending::GatherData(CCmMessageBlock& aData, BOOL aNeedACK) {
     return rv;
 }
 
+CmResult CDirectSending::SendFrames(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken) {
+    const CmResult rv = m_Pending.SendFrames(*m_pTransport, aFrames, aLengths, aCount, aTaken);
+    if (rv == CM_ERROR_OUT_OF_MEMORY && aTaken > 0)
+        m_bBroken = TRUE;
+    if (aTaken > 0)
+        m_Liveness.OnSent();
+    return rv;
+}
+
 CmResult CDirectSending::SendPdu(const CCsPduBase& aPdu) {
     CCmMessageBlock nothing(DWORD{0});
     return SendFrame(aPdu, nothing);

@@ -34,6 +34,8 @@ public:
     CmResult SendData(CCmMessageBlock& aData);
     // The same without sending. CM_ERROR_OUT_OF_MEMORY: not taken.
     CmResult GatherData(CCmMessageBlock& aData, BOOL aNeedACK);
+    // Whole PDUs, see CFrameQueue. CM_ERROR_OUT_OF_MEMORY: broken.
+    CmResult SendFrames(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken);
     // A PDU without payload, after the pending bytes. The transport's result; if refused, it is pending.
     CmResult SendPdu(const CCsPduBase& aPdu);
     // Likewise, with three tries; dropped if a datagram transport refuses it. aPdu: encoded.

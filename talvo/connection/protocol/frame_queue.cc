@@ -70,6 +70,35 @@ CmResult CFrameQueue::Send(ICmTransport& aTransport, const void* aHeader, DWORD 
     return rv;
 }
 
+CmResult CFrameQueue::SendFrames(ICmTransport& aTransport, CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount,
+                                 DWORD& aTaken) {
+    aTaken = 0;
+    if (const CmResult rv = IsEmpty() ? CM_OK : Flush(aTransport); rv != CM_OK)
+        return rv;
+    CCmTransportParameter para;
+    const CmResult rv = aTransport.SendData(aFrames, &para);
+    DWORD dwSent = para.m_dwHaveSent;
+    while (aTaken < aCount && (rv == CM_OK || aLengths[aTaken] <= dwSent))
+        dwSent -= aLengths[aTaken++];
+    if (rv == CM_OK || dwSent == 0)
+        return rv;
+    const DWORD dwRest = aLengths[aTaken++] - dwSent;
+    return KeepFirst_i(aFrames, dwRest) == CM_OK ? rv : CM_ERROR_OUT_OF_MEMORY;
+}
+
+// The first aCount unread bytes of aChain are refused.
+CmResult CFrameQueue::KeepFirst_i(const CCmMessageBlock& aChain, DWORD aCount) {
+    CmResult rv = CM_OK;
+    for (const CCmMessageBlock* pMb = &aChain; pMb && aCount > 0 && rv == CM_OK; pMb = pMb->GetNext()) {
+        const CCmMessageBlock part(*pMb, aCount);
+        aCount -= part.GetTopLevelLength();
+        if (part.GetTopLevelLength() > 0)
+            rv = Add(nullptr, 0, part);
+    }
+    m_bRefused = !IsEmpty();
+    return rv;
+}
+
 CmResult CFrameQueue::Keep(const CCmMessageBlock& aRest) {
     const CmResult rv = Add(nullptr, 0, aRest);
     m_bRefused = !IsEmpty();

@@ -5,6 +5,7 @@
 #include "talvo/connection/protocol/conn_base.h"
 #include "talvo/connection/protocol/connection_options.h"
 #include "talvo/connection/protocol/frame_queue.h"
+#include "talvo/connection/protocol/framed_sending.h"
 #include "talvo/connection/protocol/receive_chain.h"
 
 namespace talvo {
@@ -21,7 +22,10 @@ class CConnServerList;
 //
 // Network thread only. Every upcall may send, set options, disconnect and release the connection. Messages before OpenWithSink
 // are dropped: open it inside the indication.
-class TALVO_API CLenPkgConn : public CConnBase, public ICmTransportSink, public ICmAcceptorConnectorSink {
+class TALVO_API CLenPkgConn : public CConnBase,
+                              public ICmTransportSink,
+                              public ICmAcceptorConnectorSink,
+                              public talvo::IFramedSending {
 public:
     CLenPkgConn();
     ~CLenPkgConn() override;
@@ -31,6 +35,9 @@ public:
     // CM_ERROR_NOT_AVAILABLE: not connected. CM_ERROR_OUT_OF_MEMORY: the connection has ended with OnDisconnect. An empty
     // message is not sent: CM_OK.
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
+
+    EFraming GetFraming() const override { return LENGTH; }
+    CmResult SendFrames(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken) override;
 
     // CS_OPT_MAX_MESSAGE_LEN, CM_OPT_TRANSPORT_UNACKNOWLEDGED, _MAX_MESSAGE and _CORK. All others go to the transport below,
     // CM_ERROR_NOT_AVAILABLE without one. While corked, up to 64 KiB are gathered. While reading is paused, messages from an

@@ -10,4 +10,13 @@ namespace talvo {
 // still waits behind the data.
 constexpr DWORD OPT_PROXY_LOSS_AT_ONCE = 190;
 
+// set ICmTransportSink*, not owned; null: none. In the network thread only: another layer sends on the transport behind the
+// proxy. It gets OnSend, and OnDisconnect when the proxy lets the transport go. CM_ERROR_INVALID_ARG: another thread, or an
+// unopened proxy. CM_ERROR_FOUND: there is one. CM_ERROR_NULL_POINTER: the transport has ended.
+constexpr DWORD OPT_PROXY_SENDER = 191;
+
+// set BOOL TRUE, likewise: from now on SendData of the proxy is CM_ERROR_NOT_AVAILABLE. CM_ERROR_PARTIAL_DATA: it has data to
+// send first, and the sender gets OnSend then.
+constexpr DWORD OPT_PROXY_SENDER_STARTS = 192;
+
 }  // namespace talvo

@@ -135,7 +135,11 @@ void CTransportProxyCore::Notify_i() {
 
 void CTransportProxyCore::OnSend(ICmTransport*, CCmTransportParameter*) {
     m_bRoomMeanwhile = m_bDraining;
-    if (!m_bDraining)
+    if (m_bDraining)
+        return;
+    if (m_pSender && m_SendQueue.IsEmpty())
+        m_pSender->OnSend(m_pTransport.Get(), nullptr);
+    else
         Drain();
 }
 
@@ -169,6 +173,33 @@ void CTransportProxyCore::Drain() {
         LetGo_i(rv);
     else if (BOOL bEnd = TRUE; rv == CM_OK && std::exchange(m_bEndSending, FALSE))
         SetInnerOption_i(CM_OPT_TRANSPORT_END_SENDING, &bEnd);
+    else if (rv == CM_OK && m_pSender)
+        m_pSender->OnSend(m_pTransport.Get(), nullptr);
+}
+
+CmResult CTransportProxyCore::SetSender_i(ICmTransportSink* aSender) {
+    if (!aSender) {
+        m_pSender = nullptr;
+        return CM_OK;
+    }
+    if (m_pSender)
+        return CM_ERROR_FOUND;
+    if (!m_pTransport || m_pLingerTimers || m_Life >= ELife::CLOSED)
+        return CM_ERROR_NULL_POINTER;
+    if (!m_bOpened)
+        return CM_ERROR_INVALID_ARG;
+    m_pSender = aSender;
+    return CM_OK;
+}
+
+CmResult CTransportProxyCore::StartSender_i() {
+    m_bSenderStarted = TRUE;
+    return m_SendQueue.IsEmpty() ? CM_OK : CM_ERROR_PARTIAL_DATA;
+}
+
+void CTransportProxyCore::EndSender_i(CmResult aReason) {
+    if (ICmTransportSink* pSender = std::exchange(m_pSender, nullptr))
+        pSender->OnDisconnect(aReason, m_pTransport.Get());
 }
 
 void CTransportProxyCore::EndSending_i() {
@@ -230,6 +261,8 @@ DWORD CTransportProxyCore::GetUnacknowledged_i() {
 void CTransportProxyCore::EndWith_i(CmResult aReason) {
     if (!m_pTransport || m_pLingerTimers)
         return;
+    const CCmRefPtrT<CProxyCore> pKeep(this);  // the sender may release the proxy
+    EndSender_i(aReason);
     if (aReason == CM_OK && HasUnsent_i())
         Linger_i();
     else
@@ -329,6 +362,8 @@ void CTransportProxyCore::OnThreadEnd() {
 
 // Ends the network side; may delete this object.
 void CTransportProxyCore::LetGo_i(CmResult aReason) {
+    const CCmRefPtrT<CProxyCore> pKeep(this);
+    EndSender_i(aReason);
     if (m_pTransport && m_pLingerTimers && aReason != CM_OK)
         CountLost(m_SendQueue.GetWaiting() + GetUnacknowledged_i());
     const CCmRefPtrT<ICmTransport> pTransport = std::move(m_pTransport);

@@ -81,6 +81,9 @@ private:
     void ReadAddresses_i();
     void Moved_i(uint64_t aBytes);
     void Open_i();
+    CmResult SetSender_i(ICmTransportSink* aSender);
+    CmResult StartSender_i();
+    void EndSender_i(CmResult aReason);
     void AddNotice_i(CProxyNotice aNotice);
     void Notify_i();
     void Drain();
@@ -121,6 +124,7 @@ private:
     std::atomic<ICmReconnectSink*> m_pReconnectSink{nullptr};  // likewise
     std::atomic<ELife> m_Life{ELife::ALIVE};
     std::atomic<BOOL> m_bPausedByUser{FALSE};
+    std::atomic<BOOL> m_bSenderStarted{FALSE};
     std::atomic<BOOL> m_bLossAtOnce{FALSE};  // a pause does not hold the end back
     std::atomic<BOOL> m_bOnSendDue{FALSE};
     std::atomic<BOOL> m_bLost{FALSE};  // m_LostReason is due, after all data
@@ -148,6 +152,7 @@ private:
 
     // Network thread only.
     CCmRefPtrT<ICmTransport> m_pTransport;
+    ICmTransportSink* m_pSender = nullptr;  // not owned; sends in place of the user
     CProxyBatch m_Batch;
     BOOL m_bDraining = FALSE;
     BOOL m_bRoomMeanwhile = FALSE;  // an OnSend came while draining

@@ -36,6 +36,8 @@ CmResult CTransportProxyCore::SendData(CCmMessageBlock& aData, CCmTransportParam
     const ELife life = m_Life;
     if (life >= ELife::CLOSED)
         return CM_ERROR_NULL_POINTER;
+    if (m_bSenderStarted)
+        return CM_ERROR_NOT_AVAILABLE;
     DWORD dwLength = 0;
     const CmResult rvCheck = m_Lane->Check(aData, dwLength);
     const DWORD dwCost = m_Lane->CostOf(dwLength);
@@ -96,6 +98,10 @@ CmResult CTransportProxyCore::SetOption(DWORD aCommand, void* aArg) {
     case OPT_PROXY_LOSS_AT_ONCE:
         m_bLossAtOnce = !!*static_cast<BOOL*>(aArg);
         return CM_OK;
+    case OPT_PROXY_SENDER:
+        return GetNetwork().IsCurrentThread() ? SetSender_i(*static_cast<ICmTransportSink**>(aArg)) : CM_ERROR_INVALID_ARG;
+    case OPT_PROXY_SENDER_STARTS:
+        return GetNetwork().IsCurrentThread() ? StartSender_i() : CM_ERROR_INVALID_ARG;
     case CM_OPT_TRANSPORT_TELL_END:
         if (!m_Lane->IsStream())
             return CM_ERROR_INVALID_ARG;

@@ -1,0 +1,261 @@
+// Forwarding; forward_core_turn.cc sends, and has the receivers.
+#include "talvo/session/forward_core.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "talvo/base/clock.h"
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+
+namespace talvo {
+
+namespace {
+
+CCmLiveCounter s_Live("CForwardCore");
+
+constexpr DWORD MANY_MESSAGES = 64;  // so many do not wait for the turn
+constexpr DWORD MANY_BYTES = 65536;
+
+}  // namespace
+
+CForwardCore::CForwardCore(ICmForwardSink& aSink, BOOL aStartsLater)
+    : m_Sink(aSink), m_bStartsLater(aStartsLater), m_dwMaxOfReceivers(std::numeric_limits<DWORD>::max()) {
+    ++s_Live;
+}
+
+CForwardCore::~CForwardCore() { --s_Live; }
+
+DWORD CForwardCore::GetMaxMessage() {
+    m_dwMaxOfReceivers = std::numeric_limits<DWORD>::max();
+    m_Receivers.ForEach([this](const CForwardReceiver& aReceiver) {
+        m_dwMaxOfReceivers = std::min(m_dwMaxOfReceivers, aReceiver.GetMaxMessage());
+    });
+    return std::min(m_dwMaxMessage, m_dwMaxOfReceivers);
+}
+
+CmResult CForwardCore::Forward(CCmMessageBlock& aData, const CCmForwardHeader* aHeader) {
+    if (m_bClosed)
+        return CM_ERROR_NOT_AVAILABLE;
+    const DWORD dwLength = aData.GetChainedLength();
+    if (dwLength == 0)
+        return CM_OK;
+    if (dwLength > std::min(m_dwMaxMessage, m_dwMaxOfReceivers) && dwLength > GetMaxMessage())
+        return CM_ERROR_INVALID_ARG;
+    CmResult rv = Admit_i(dwLength);
+    if (rv != CM_OK)
+        return rv;
+    CForwardMessage message;
+    rv = m_Packer.Pack(aData, dwLength, aHeader, message);
+    if (rv == CM_OK)
+        rv = Append_i(message);
+    if (rv == CM_OK)
+        aData.AdvanceChainedReadPtr(dwLength);
+    return rv;
+}
+
+CmResult CForwardCore::ForwardMessage(CForwardMessage& aMessage) {
+    if (m_bClosed)
+        return CM_ERROR_NOT_AVAILABLE;
+    const CmResult rv = Admit_i(aMessage.m_dwLength);
+    return rv == CM_OK ? Append_i(aMessage) : rv;
+}
+
+// A Forward inside an upcall of a transport that is being served only adds its message: the next one applies the limits.
+CmResult CForwardCore::Admit_i(DWORD aLength) {
+    if (m_bServing)
+        return CM_OK;
+    const DWORD dwTick = get_tick_count();
+    if (IsBoundReached_i(dwTick))
+        ApplyLimits_i(dwTick);
+    if (m_bHeldBack)
+        return HoldBack_i(aLength);
+    const CmResult rv = MakeRoom_i(aLength, dwTick);
+    return rv == CM_ERROR_PARTIAL_DATA ? HoldBack_i(aLength) : rv;
+}
+
+CmResult CForwardCore::HoldBack_i(DWORD aLength) {
+    m_bForwardDue = true;
+    m_dwRefusedLength = aLength;
+    return CM_ERROR_PARTIAL_DATA;
+}
+
+BOOL CForwardCore::IsBoundReached_i(DWORD aTick) const {
+    return m_Log.GetEnd() >= m_Bound.m_ullMessages || m_Log.GetBytesForwarded() >= m_Bound.m_ullBytes || m_bHeldBack ||
+           (m_bTimer && static_cast<int32_t>(aTick - m_dwTimerTick) >= 0);
+}
+
+// Handles the receivers that are at a limit, and raises the bound.
+void CForwardCore::ApplyLimits_i(DWORD aTick) {
+    m_bHeldBack = false;
+    m_Bound = {};
+    m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
+        if (!aReceiver.IsStarted())
+            return;
+        CForwardCursor& cursor = aReceiver.GetCursor();
+        cursor.Settle(m_Log);
+        ServeWhile_i(aReceiver, [&] { return cursor.IsAtLimit(m_Log, aTick); });
+        if (!aReceiver.IsGone() && cursor.IsAtLimit(m_Log, aTick))
+            ApplyLimit_i(aReceiver, aTick);
+        if (!aReceiver.IsGone())
+            RaiseBound_i(cursor);
+    });
+}
+
+void CForwardCore::ApplyLimit_i(CForwardReceiver& aReceiver, DWORD aTick) {
+    switch (aReceiver.GetCursor().GetPolicy()) {
+    case CM_FORWARD_DISCONNECT:
+    case CM_FORWARD_CONFLATE:
+        return Remove_i(aReceiver, CM_ERROR_PARTIAL_DATA, FALSE, TRUE);
+    case CM_FORWARD_DROP_OLDEST:
+        return aReceiver.GetCursor().DropOldest(m_Log, aTick);
+    case CM_FORWARD_WAIT:
+        m_bHeldBack = true;
+    }
+}
+
+void CForwardCore::RaiseBound_i(const CForwardCursor& aCursor) {
+    m_Bound.m_ullMessages = std::min(m_Bound.m_ullMessages, aCursor.GetMessagesLimit(m_Log));
+    m_Bound.m_ullBytes = std::min(m_Bound.m_ullBytes, aCursor.GetBytesLimit(m_Log));
+}
+
+BOOL CForwardCore::IsFull_i(DWORD aLength) const {
+    return m_Log.GetCount() > 0 && (m_Log.GetCount() >= m_dwLogMessages || m_Log.GetBytesHeld() + aLength > m_dwLogBytes);
+}
+
+CmResult CForwardCore::MakeRoom_i(DWORD aLength, DWORD aTick) {
+    while (IsFull_i(aLength)) {
+        if (m_Log.GetBegin() >= m_ullLeastNeeded) {
+            if (const CmResult rv = ReleaseFirst_i(aTick); rv != CM_OK)
+                return rv;
+        }
+        m_Log.DropFirst();
+    }
+    while (m_Log.GetKeyCount() > 0 && m_Log.GetBytesHeld() + aLength > m_dwLogBytes)
+        ForgetKey_i();
+    return CM_OK;
+}
+
+// No receiver loses the first message of the log unnoticed.
+CmResult CForwardCore::ReleaseFirst_i(DWORD aTick) {
+    BOOL bWaits = FALSE;
+    m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
+        CForwardCursor& cursor = aReceiver.GetCursor();
+        cursor.Settle(m_Log);
+        ServeWhile_i(aReceiver, [&] { return cursor.NeedsFirst(m_Log); });
+        bWaits = bWaits || (!aReceiver.IsGone() && cursor.GetPolicy() == CM_FORWARD_WAIT && cursor.NeedsFirst(m_Log));
+    });
+    if (bWaits)
+        return CM_ERROR_PARTIAL_DATA;
+    uint64_t ullLeast = CForwardLog::NONE;
+    m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
+        if (aReceiver.GetCursor().NeedsFirst(m_Log)) {
+            if (aReceiver.GetCursor().GetPolicy() == CM_FORWARD_DROP_OLDEST)
+                aReceiver.GetCursor().DropOldest(m_Log, aTick, m_Log.GetBegin() + 1);
+            else
+                Remove_i(aReceiver, CM_ERROR_PARTIAL_DATA, FALSE, TRUE);
+        }
+        if (!aReceiver.IsGone())
+            ullLeast = std::min(ullLeast, aReceiver.GetCursor().GetFirstNeeded());
+    });
+    m_ullLeastNeeded = ullLeast;
+    return CM_OK;
+}
+
+void CForwardCore::ForgetKey_i() {
+    const uint64_t ullNumber = m_Log.GetOldestKey();
+    if (m_Log.IsKept(ullNumber)) {
+        m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
+            CForwardCursor& cursor = aReceiver.GetCursor();
+            ServeWhile_i(aReceiver, [&] { return cursor.NeedsKept(ullNumber); });
+            if (!aReceiver.IsGone() && cursor.NeedsKept(ullNumber))
+                Remove_i(aReceiver, CM_ERROR_PARTIAL_DATA, FALSE, TRUE);
+        });
+    }
+    m_Log.ForgetKey();
+}
+
+BOOL CForwardCore::IsHeldBack_i(DWORD aTick) const {
+    BOOL bHeldBack = FALSE;
+    m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
+        const CForwardCursor& cursor = aReceiver.GetCursor();
+        bHeldBack = bHeldBack || (cursor.GetPolicy() == CM_FORWARD_WAIT &&
+                                  (cursor.IsAtLimit(m_Log, aTick) || (IsFull_i(m_dwRefusedLength) && cursor.NeedsFirst(m_Log))));
+    });
+    return bHeldBack;
+}
+
+CmResult CForwardCore::Append_i(CForwardMessage& aMessage) {
+    const DWORD dwLength = aMessage.m_dwLength;
+    if (const CmResult rv = m_Log.Append(std::move(aMessage), get_tick_count()); rv != CM_OK)
+        return rv;
+    while (m_Log.GetKeyCount() > m_dwKeys && !m_bServing)
+        ForgetKey_i();
+    if (m_Receivers.GetCount() == 0) {
+        TrimHistory_i();
+        return CM_OK;
+    }
+    if (m_dwLeastMilliseconds > 0 && !m_bTimer)
+        StartTimer_i(m_dwLeastMilliseconds);
+    ++m_dwUnserved;
+    m_dwUnservedBytes += dwLength;
+    const BOOL bMany = m_dwUnserved >= MANY_MESSAGES || m_dwUnservedBytes >= MANY_BYTES;
+    if (!bMany || m_bServing || ServeAll_i())
+        m_Turn.Arm();
+    return CM_OK;
+}
+
+// The first to be due of those that run.
+void CForwardCore::StartTimer_i(DWORD aMilliseconds) {
+    m_bTimer = true;
+    m_dwTimerTick = get_tick_count() + aMilliseconds;
+    m_Timer.Schedule(this, CCmTimeValue(aMilliseconds / 1000, static_cast<long>(aMilliseconds % 1000) * 1000), 1);
+}
+
+void CForwardCore::OnTimer(CCmTimerWrapperID*) {
+    const CCmRefPtrT<CForwardCore> pKeep(this);
+    const DWORD dwTick = get_tick_count();
+    m_bTimer = false;
+    ApplyLimits_i(dwTick);
+    int32_t lLeast = std::numeric_limits<int32_t>::max();
+    m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
+        DWORD dwLimit = 0;
+        if (aReceiver.GetCursor().GetTimeLimit(m_Log, dwLimit))
+            lLeast = std::min(lLeast, std::max(1, static_cast<int32_t>(dwLimit - dwTick)));
+    });
+    if (lLeast < std::numeric_limits<int32_t>::max())
+        StartTimer_i(static_cast<DWORD>(lLeast));
+}
+
+CmResult CForwardCore::SetOption(DWORD aCommand, void* aArg) {
+    if (m_bClosed)
+        return CM_ERROR_NOT_AVAILABLE;
+    if (!aArg)
+        return CM_ERROR_INVALID_ARG;
+    const DWORD dwValue = *static_cast<DWORD*>(aArg);
+    const auto set = [dwValue](DWORD& aMember, DWORD aLeast, DWORD aMost) {
+        if (dwValue < aLeast || dwValue > aMost)
+            return CM_ERROR_INVALID_ARG;
+        aMember = dwValue;
+        return CM_OK;
+    };
+    constexpr DWORD ANY = std::numeric_limits<DWORD>::max();
+    switch (aCommand) {
+    case CM_OPT_FORWARD_MAX_MESSAGE:
+        return set(m_dwMaxMessage, 1, ANY - 1);
+    case CM_OPT_FORWARD_LOG_MESSAGES:
+        return set(m_dwLogMessages, 1, CForwardLog::MOST_MESSAGES);
+    case CM_OPT_FORWARD_LOG_BYTES:
+        return set(m_dwLogBytes, 1, ANY);
+    case CM_OPT_FORWARD_KEYS:
+        return set(m_dwKeys, 1, CForwardLog::MOST_KEYS);
+    case CM_OPT_FORWARD_RECEIVERS:
+        return set(m_dwReceivers, 1, CForwardReceivers::MOST);
+    case CM_OPT_FORWARD_HISTORY:
+        return set(m_dwHistory, 0, CForwardLog::MOST_MESSAGES);
+    default:
+        return CM_ERROR_INVALID_ARG;
+    }
+}
+
+}  // namespace talvo

@@ -1,0 +1,155 @@
+#include "talvo/session/forward_log.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "talvo/base/with_memory.h"
+
+namespace talvo {
+
+namespace {
+
+constexpr size_t FIRST_SIZE = 16;
+
+}  // namespace
+
+CCmForwardCount CForwardLog::GetKeylessFrom(uint64_t aNumber) const {
+    const uint64_t ullFrom = std::max(aNumber, m_ullBegin);
+    if (ullFrom >= m_ullEnd)
+        return {};
+    const CForwardEntry& entry = At(ullFrom);
+    return {m_dwKeyless - entry.m_dwKeylessBefore, m_dwKeylessBytes - entry.m_dwKeylessBytesBefore};
+}
+
+CmResult CForwardLog::Append(CForwardMessage&& aMessage, DWORD aTick) {
+    if (GetCount() == m_Ring.size() && Grow_i() != CM_OK)
+        return CM_ERROR_OUT_OF_MEMORY;
+    if (aMessage.IsKeyMessage() && !WithMemory([&] { m_KeyMessages.insert(m_KeyMessages.end(), m_ullEnd); }))
+        return CM_ERROR_OUT_OF_MEMORY;
+    BOOL bNewKey = FALSE;
+    CKey* pKey = aMessage.HasKey() ? ReserveKey_i(aMessage.m_ullKey, bNewKey) : nullptr;
+    if (aMessage.HasKey() && !pKey) {
+        m_KeyMessages.erase(m_ullEnd);
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
+    const DWORD dwLength = aMessage.m_dwLength;
+    const DWORD dwKeyless = aMessage.HasKey() ? 0 : 1;
+    m_bKeyMessage = m_bKeyMessage || aMessage.IsKeyMessage();
+    Entry_i(m_ullEnd) = CForwardEntry{.m_Message = std::move(aMessage),
+                                      .m_ullBytesBefore = m_ullBytesForwarded,
+                                      .m_dwKeylessBefore = m_dwKeyless,
+                                      .m_dwKeylessBytesBefore = m_dwKeylessBytes,
+                                      .m_dwTime = aTick};
+    if (pKey)
+        UseKey_i(*pKey, bNewKey, dwLength);
+    m_dwKeyless += dwKeyless;
+    m_dwKeylessBytes += dwKeyless * dwLength;
+    m_ullBytes += dwLength;
+    m_ullBytesForwarded += dwLength;
+    ++m_ullEnd;
+    return CM_OK;
+}
+
+CmResult CForwardLog::Grow_i() {
+    std::vector<CForwardEntry> ring;
+    if (!WithMemory([&] { ring.resize(std::max(FIRST_SIZE, m_Ring.size() * 2)); }))
+        return CM_ERROR_OUT_OF_MEMORY;
+    for (uint64_t n = m_ullBegin; n != m_ullEnd; ++n)
+        ring[n & (ring.size() - 1)] = std::move(Entry_i(n));
+    m_Ring.swap(ring);
+    return CM_OK;
+}
+
+CForwardLog::CKey* CForwardLog::ReserveKey_i(uint64_t aKey, BOOL& aNew) {
+    CKey* pKey = nullptr;
+    WithMemory([&] {
+        const auto [it, bNew] = m_Keys.try_emplace(aKey);
+        pKey = &it->second;
+        aNew = bNew;
+    });
+    return pKey;
+}
+
+// The message m_ullEnd is the newest of its key from now on.
+void CForwardLog::UseKey_i(CKey& aKey, BOOL aNew, DWORD aLength) {
+    if (!aNew) {
+        Unlink_i(aKey);
+        if (aKey.m_ullNumber >= m_ullBegin)
+            Entry_i(aKey.m_ullNumber).m_bReplaced = true;
+        else
+            DropKept_i(aKey.m_ullNumber);
+    }
+    aKey = {.m_ullNumber = m_ullEnd, .m_ullKey = At(m_ullEnd).m_Message.m_ullKey, .m_dwLength = aLength, .m_pOlder = m_pNewestKey};
+    (m_pNewestKey ? m_pNewestKey->m_pNewer : m_pOldestKey) = &aKey;
+    m_pNewestKey = &aKey;
+    m_ullKeyBytes += aLength;
+}
+
+void CForwardLog::Unlink_i(CKey& aKey) {
+    (aKey.m_pOlder ? aKey.m_pOlder->m_pNewer : m_pOldestKey) = aKey.m_pNewer;
+    (aKey.m_pNewer ? aKey.m_pNewer->m_pOlder : m_pNewestKey) = aKey.m_pOlder;
+    m_ullKeyBytes -= aKey.m_dwLength;
+}
+
+void CForwardLog::DropKept_i(uint64_t aNumber) {
+    const auto it = m_Kept.find(aNumber);
+    if (it == m_Kept.end())
+        return;
+    m_ullBytes -= it->second.m_Message.m_dwLength;
+    m_Kept.erase(it);
+}
+
+void CForwardLog::DropFirst() {
+    CForwardEntry& entry = Entry_i(m_ullBegin);
+    if (entry.m_Message.IsKeyMessage())
+        m_KeyMessages.erase(m_ullBegin);
+    const BOOL bKeep = entry.IsNewestOfKey() && (entry.m_Message.m_pPayload || CForwardPacker::Separate(entry.m_Message) == CM_OK) &&
+                       WithMemory([&] { m_Kept.emplace_hint(m_Kept.end(), m_ullBegin, std::move(entry)); });
+    if (!bKeep)
+        m_ullBytes -= entry.m_Message.m_dwLength;
+    entry = {};
+    ++m_ullBegin;
+}
+
+void CForwardLog::ForgetKey() {
+    if (!m_pOldestKey)
+        return;
+    CKey& key = *m_pOldestKey;
+    Unlink_i(key);
+    if (key.m_ullNumber >= m_ullBegin)
+        Entry_i(key.m_ullNumber).m_bKeyForgotten = true;
+    else
+        DropKept_i(key.m_ullNumber);
+    m_Keys.erase(uint64_t{key.m_ullKey});
+}
+
+const CForwardEntry* CForwardLog::FindFrom(uint64_t& aNumber) const {
+    if (aNumber < m_ullBegin) {
+        const auto it = m_Kept.lower_bound(aNumber);
+        if (it != m_Kept.end()) {
+            aNumber = it->first;
+            return &it->second;
+        }
+        aNumber = m_ullBegin;
+    }
+    return aNumber < m_ullEnd ? &At(aNumber) : nullptr;
+}
+
+uint64_t CForwardLog::FindKeyMessage(uint64_t aNumber) const {
+    const auto it = m_KeyMessages.lower_bound(aNumber);
+    return it == m_KeyMessages.end() ? NONE : *it;
+}
+
+void CForwardLog::Clear() {
+    while (GetCount() > 0)
+        DropFirst();
+    m_Kept.clear();
+    m_Keys.clear();
+    m_Ring.clear();
+    m_pOldestKey = nullptr;
+    m_pNewestKey = nullptr;
+    m_ullBytes = 0;
+    m_ullKeyBytes = 0;
+}
+
+}  // namespace talvo

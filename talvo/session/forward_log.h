@@ -1,0 +1,111 @@
+// The log of a forward session.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <unordered_map>
+#include <vector>
+
+#include "talvo/session/forward_message.h"
+
+namespace talvo {
+
+// A message and its place among the others.
+struct CForwardEntry {
+    CForwardMessage m_Message;
+    uint64_t m_ullBytesBefore = 0;  // of all earlier messages
+    DWORD m_dwKeylessBefore = 0;    // earlier messages without a key, and their bytes: only differences of them are used
+    DWORD m_dwKeylessBytesBefore = 0;
+    DWORD m_dwTime = 0;              // tick of milliseconds
+    bool m_bReplaced = false;        // a newer message has its key
+    bool m_bKeyForgotten = false;    // treated as one without a key when it leaves the log
+    BOOL IsNewestOfKey() const { return m_Message.HasKey() && !m_bReplaced && !m_bKeyForgotten; }
+};
+
+//    kept               Begin                           End
+//    k . . k k . k      [ m m k m k m m m k m k k m m ]           k: the newest message of its key
+//
+// Messages have consecutive numbers. The log has all from Begin on. Of those before, only the newest of each key are kept. The
+// limits are checked by the caller: Append adds, DropFirst and ForgetKey remove. One thread.
+class TALVO_API CForwardLog {
+public:
+    static constexpr DWORD MOST_MESSAGES = 65536;
+    static constexpr DWORD MOST_KEYS = 65536;
+    static constexpr uint64_t NONE = UINT64_MAX;
+
+    CForwardLog() = default;
+    CForwardLog(const CForwardLog&) = delete;
+    CForwardLog& operator=(const CForwardLog&) = delete;
+
+    uint64_t GetBegin() const { return m_ullBegin; }
+    uint64_t GetEnd() const { return m_ullEnd; }
+    DWORD GetCount() const { return static_cast<DWORD>(m_ullEnd - m_ullBegin); }
+    uint64_t GetBytesHeld() const { return m_ullBytes; }  // of payload, kept messages included
+    const CForwardEntry& At(uint64_t aNumber) const { return m_Ring[aNumber & (m_Ring.size() - 1)]; }
+
+    // Of all messages before aNumber, which is in the log or its end.
+    uint64_t GetBytesBefore(uint64_t aNumber) const {
+        return aNumber == m_ullEnd ? m_ullBytesForwarded : At(aNumber).m_ullBytesBefore;
+    }
+    uint64_t GetBytesForwarded() const { return m_ullBytesForwarded; }
+    // The messages without a key among those from aNumber on that are in the log.
+    CCmForwardCount GetKeylessFrom(uint64_t aNumber) const;
+
+    // Adds aMessage as number GetEnd(), at the time aTick. CM_ERROR_OUT_OF_MEMORY: unchanged.
+    CmResult Append(CForwardMessage&& aMessage, DWORD aTick);
+    // Removes the first message of the log; the newest of a key is kept. There must be one.
+    void DropFirst();
+
+    DWORD GetKeyCount() const { return static_cast<DWORD>(m_Keys.size()); }
+    CCmForwardCount GetNewestOfKeys() const { return {m_Keys.size(), m_ullKeyBytes}; }
+    // The number of the key's message that ForgetKey would drop; NONE: there is no key.
+    uint64_t GetOldestKey() const { return m_pOldestKey ? m_pOldestKey->m_ullNumber : NONE; }
+    // Forgets the key that was unused for the longest time; its message stays only in the log.
+    void ForgetKey();
+    BOOL IsKept(uint64_t aNumber) const { return aNumber < m_ullBegin && m_Kept.contains(aNumber); }
+
+    // The first message of number aNumber or later that is kept or in the log; null: there is none. aNumber (out): its number.
+    const CForwardEntry* FindFrom(uint64_t& aNumber) const;
+
+    // The first KEY_MESSAGE of the log with number aNumber or later; NONE.
+    uint64_t FindKeyMessage(uint64_t aNumber) const;
+    uint64_t GetLastKeyMessage() const { return m_KeyMessages.empty() ? NONE : *m_KeyMessages.rbegin(); }
+    BOOL HasHadKeyMessage() const { return m_bKeyMessage; }
+
+    void Clear();
+
+private:
+    // Keys are linked in the order of their last use.
+    struct CKey {
+        uint64_t m_ullNumber = 0;
+        uint64_t m_ullKey = 0;
+        DWORD m_dwLength = 0;
+        CKey* m_pOlder = nullptr;
+        CKey* m_pNewer = nullptr;
+    };
+
+    CForwardEntry& Entry_i(uint64_t aNumber) { return m_Ring[aNumber & (m_Ring.size() - 1)]; }
+    CmResult Grow_i();
+    CKey* ReserveKey_i(uint64_t aKey, BOOL& aNew);
+    void UseKey_i(CKey& aKey, BOOL aNew, DWORD aLength);
+    void Unlink_i(CKey& aKey);
+    void DropKept_i(uint64_t aNumber);
+
+    std::vector<CForwardEntry> m_Ring;  // its size is a power of two, or 0
+    uint64_t m_ullBegin = 0;
+    uint64_t m_ullEnd = 0;
+    uint64_t m_ullBytes = 0;
+    uint64_t m_ullBytesForwarded = 0;
+    DWORD m_dwKeyless = 0;
+    DWORD m_dwKeylessBytes = 0;
+    bool m_bKeyMessage = false;
+    std::set<uint64_t> m_KeyMessages;           // the numbers of those in the log
+    std::map<uint64_t, CForwardEntry> m_Kept;   // by number
+    std::unordered_map<uint64_t, CKey> m_Keys;  // by key
+    CKey* m_pOldestKey = nullptr;               // owned by m_Keys
+    CKey* m_pNewestKey = nullptr;
+    uint64_t m_ullKeyBytes = 0;
+};
+
+}  // namespace talvo

@@ -1,0 +1,243 @@
+#include "talvo/session/forward_receiver.h"
+
+#include <limits>
+#include <utility>
+
+#include "talvo/base/live_counter.h"
+#include "talvo/session/forward_core.h"
+#include "talvo/transport/connection_type.h"
+#include "talvo/transport/datagram.h"
+#include "talvo/transport/thread_proxy/proxy_options.h"
+
+namespace talvo {
+
+namespace {
+
+CCmLiveCounter s_Live("CForwardReceiver");
+
+}  // namespace
+
+CForwardReceiver::CForwardReceiver(CForwardCore& aCore, const CForwardLog& aLog, const CCmForwardReceiverOptions& aOptions,
+                                   DWORD aId)
+    : m_pCore(&aCore), m_Cursor(aLog, aOptions), m_strLabel(aOptions.m_strLabel), m_dwId(aId) {
+    ++s_Live;
+}
+
+CForwardReceiver::~CForwardReceiver() { --s_Live; }
+
+CmResult CForwardReceiver::Attach(ICmTransport* aTransport) {
+    ICmTransport* pInner = nullptr;
+    const CmResult rv = aTransport->GetOption(CM_OPT_TRANSPORT_INNER_TRANSPORT, &pInner);
+    if (rv == CM_ERROR_NULL_POINTER || rv == CM_ERROR_NOT_AVAILABLE)
+        return CM_ERROR_NULL_POINTER;
+    m_pSending = rv == CM_OK ? pInner : aTransport;
+    const CmResult rvAttach = rv == CM_OK ? AttachProxy_i(aTransport) : AttachDirect_i(aTransport);
+    if (rvAttach == CM_OK)
+        m_pTransport = aTransport;
+    else
+        m_pSending.Reset();
+    return rvAttach;
+}
+
+CmResult CForwardReceiver::AttachProxy_i(ICmTransport* aTransport) {
+    FindWay_i();
+    ICmTransportSink* pSink = this;
+    m_bProxy = true;
+    return aTransport->SetOption(OPT_PROXY_SENDER, &pSink);
+}
+
+CmResult CForwardReceiver::AttachDirect_i(ICmTransport* aTransport) {
+    ICmTransportSink* pSink = aTransport->GetSink();
+    if (dynamic_cast<CForwardReceiver*>(pSink))
+        return CM_ERROR_FOUND;
+    if (!pSink)
+        return CM_ERROR_INVALID_ARG;
+    FindWay_i();
+    m_pUserSink = pSink;
+    return aTransport->OpenWithSink(this) == CM_OK ? CM_OK : CM_ERROR_NULL_POINTER;
+}
+
+void CForwardReceiver::FindWay_i() {
+    DWORD dwMaxMessage = 0;
+    DWORD dwType = 0;
+    m_pSending->GetOption(CM_OPT_TRANSPORT_TRAN_TYPE, &dwType);
+    const BOOL bMessages = m_pSending->GetOption(CM_OPT_TRANSPORT_MAX_MESSAGE, &dwMaxMessage) == CM_OK;
+    m_pFramed = dynamic_cast<IFramedSending*>(m_pSending.Get());
+    if (m_pFramed && m_pFramed->GetFraming() == IFramedSending::NOT_FRAMED)
+        m_pFramed = nullptr;
+    if (m_pFramed)
+        m_Way = FRAMES;
+    else if (bMessages)
+        m_Way = MESSAGES;
+    else
+        m_Way = CConnectionType(dwType).IsOverDatagrams() ? DATAGRAMS : STREAM;
+}
+
+DWORD CForwardReceiver::GetMaxMessage() const {
+    DWORD dwMaxMessage = std::numeric_limits<DWORD>::max();
+    if (m_Way == DATAGRAMS)
+        return MAX_DATAGRAM_LENGTH;
+    if (m_Way != STREAM && m_pSending)
+        m_pSending->GetOption(CM_OPT_TRANSPORT_MAX_MESSAGE, &dwMaxMessage);
+    return dwMaxMessage;
+}
+
+void CForwardReceiver::Detach(CmResult aReason, BOOL aEnded) {
+    m_pCore = nullptr;
+    m_pFramed = nullptr;
+    m_pUserSink = nullptr;
+    const CCmRefPtrT<ICmTransport> pSending = std::move(m_pSending);
+    const CCmRefPtrT<ICmTransport> pTransport = std::move(m_pTransport);
+    if (!pTransport)
+        return;
+    ICmTransportSink* pNobody = nullptr;
+    if (m_bProxy)
+        pTransport->SetOption(OPT_PROXY_SENDER, &pNobody);
+    if (!aEnded)
+        pTransport->Disconnect(aReason);
+    m_Rest.Clear();
+}
+
+void CForwardReceiver::Start() {
+    BOOL bYes = TRUE;
+    m_bStarted = true;
+    if (m_bProxy && m_pTransport)
+        m_bRefused = m_pTransport->SetOption(OPT_PROXY_SENDER_STARTS, &bYes) == CM_ERROR_PARTIAL_DATA;
+}
+
+EForwardFraming CForwardReceiver::GetFraming_i() const {
+    if (m_Way != FRAMES)
+        return EForwardFraming::NONE;
+    return m_pFramed->GetFraming() == IFramedSending::LENGTH ? EForwardFraming::LENGTH : EForwardFraming::PACKAGE;
+}
+
+CmResult CForwardReceiver::Serve(const CForwardLog& aLog) {
+    const CCmRefPtrT<CForwardReceiver> pKeep(this);
+    m_Cursor.NoteLag(aLog);
+    return m_Way == FRAMES || m_Way == STREAM ? ServeFrames_i(aLog) : ServeMessages_i(aLog);
+}
+
+// A look-ahead fills the chain. If the transport takes less, only so many are taken.
+CmResult CForwardReceiver::ServeFrames_i(const CForwardLog& aLog) {
+    CForwardChain chain(GetFraming_i());
+    CForwardCursor ahead(m_Cursor);
+    const CForwardEntry* pEntry = ahead.Peek(aLog);
+    const CForwardEntry* pFirst = pEntry;
+    for (; pEntry && chain.Add(pEntry->m_Message); pEntry = ahead.Peek(aLog))
+        ahead.Take(pEntry->m_Message.m_dwLength);
+    if (chain.IsEmpty() && pFirst)
+        return ServeMessages_i(aLog);  // too many pieces
+    if (chain.IsEmpty()) {
+        m_Cursor = ahead;
+        return CM_OK;
+    }
+    DWORD dwTaken = 0;
+    const CmResult rv = m_Way == FRAMES
+                            ? m_pFramed->SendFrames(chain.GetHead(), chain.GetLengths(), chain.GetCount(), dwTaken)
+                            : m_Rest.SendFrames(*m_pSending, chain.GetHead(), chain.GetLengths(), chain.GetCount(), dwTaken);
+    if (IsGone())
+        return CM_OK;
+    if (dwTaken == chain.GetCount())
+        m_Cursor = ahead;
+    else
+        for (; dwTaken > 0; --dwTaken)
+            m_Cursor.Take(m_Cursor.Peek(aLog)->m_Message.m_dwLength);
+    return Refused_i(rv);
+}
+
+// A connection that encodes its messages itself gathers them.
+CmResult CForwardReceiver::ServeMessages_i(const CForwardLog& aLog) {
+    const CCmRefPtrT<ICmTransport> pSending = m_pSending;
+    BOOL bCork = TRUE;
+    if (m_Way == MESSAGES)
+        pSending->SetOption(CM_OPT_TRANSPORT_CORK, &bCork);
+    const CmResult rv = IsGone() ? CM_OK : SendMessages_i(aLog);
+    bCork = FALSE;
+    if (m_Way == MESSAGES && !IsGone())
+        pSending->SetOption(CM_OPT_TRANSPORT_CORK, &bCork);
+    return IsGone() ? CM_OK : rv;
+}
+
+CmResult CForwardReceiver::SendMessages_i(const CForwardLog& aLog) {
+    DWORD dwBytes = 0;
+    for (DWORD i = 0; i < CForwardChain::MAX_PIECES && dwBytes < CForwardChain::MAX_BYTES; ++i) {
+        const CForwardEntry* pEntry = m_Cursor.Peek(aLog);
+        if (!pEntry)
+            break;
+        const DWORD dwLength = pEntry->m_Message.m_dwLength;
+        const CmResult rv = SendMessage_i(pEntry->m_Message);
+        if (IsGone())
+            return CM_OK;
+        if (rv != CM_OK)
+            return Refused_i(rv);
+        m_Cursor.Take(dwLength);
+        if (!m_Rest.IsEmpty())
+            return Refused_i(CM_ERROR_PARTIAL_DATA);
+        dwBytes += dwLength;
+    }
+    return CM_OK;
+}
+
+// CM_OK: taken.
+CmResult CForwardReceiver::SendMessage_i(const CForwardMessage& aMessage) {
+    if (!m_Rest.IsEmpty()) {
+        if (const CmResult rv = m_Rest.Flush(*m_pSending); rv != CM_OK)
+            return rv;
+    }
+    if (aMessage.m_pPayload) {
+        const CCmChainPtr pPayload(aMessage.m_pPayload->DuplicateChained());
+        return pPayload ? SendPayload_i(*pPayload) : CM_ERROR_OUT_OF_MEMORY;
+    }
+    CCmMessageBlock block(aMessage.m_pBlock);
+    const DWORD dwOffset = aMessage.m_dwOffset + CForwardMessage::HEADER_LENGTH;
+    block.AdvanceTopLevelWritePtr(dwOffset + aMessage.m_dwLength);
+    block.AdvanceTopLevelReadPtr(dwOffset);
+    CCmMessageBlock payload(block, aMessage.m_dwLength);
+    return SendPayload_i(payload);
+}
+
+// A stream's rest is kept.
+CmResult CForwardReceiver::SendPayload_i(CCmMessageBlock& aPayload) {
+    if (m_Way != STREAM)
+        return m_pSending->SendData(aPayload);
+    const CmResult rv = m_Rest.Send(*m_pSending, nullptr, 0, aPayload);
+    return rv == CM_ERROR_PARTIAL_DATA ? CM_OK : rv;
+}
+
+// CM_OK: it stays, perhaps until OnSend or OnDisconnect.
+CmResult CForwardReceiver::Refused_i(CmResult aResult) {
+    if (aResult == CM_OK)
+        return CM_OK;
+    m_bRefused = true;
+    m_Cursor.CountRefusal();
+    return aResult == CM_ERROR_PARTIAL_DATA || aResult == CM_ERROR_NETWORK_SOCKET_ERROR ? CM_OK : aResult;
+}
+
+void CForwardReceiver::SetGone(CmResult aReason) {
+    m_bGone = true;
+    m_Reason = aReason;
+}
+
+void CForwardReceiver::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter* aPara) {
+    if (m_pUserSink)
+        m_pUserSink->OnReceive(aData, m_pTransport.Get(), aPara);
+}
+
+void CForwardReceiver::OnSend(ICmTransport*, CCmTransportParameter*) {
+    if (!m_pCore)
+        return;
+    m_bRefused = false;
+    m_pCore->OnRoom(*this);
+}
+
+void CForwardReceiver::OnDisconnect(CmResult aReason, ICmTransport*) {
+    const CCmRefPtrT<CForwardReceiver> pKeep(this);
+    const CCmRefPtrT<ICmTransport> pTransport = m_pTransport;
+    ICmTransportSink* pUserSink = m_pUserSink;
+    if (m_pCore)
+        m_pCore->OnEnd(*this, aReason);
+    if (pUserSink)
+        pUserSink->OnDisconnect(aReason, pTransport.Get());
+}
+
+}  // namespace talvo

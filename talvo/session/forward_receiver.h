@@ -1,0 +1,93 @@
+// A receiver of a forward session: a cursor and a transport.
+#pragma once
+
+#include "talvo/base/ref_ptr.h"
+#include "talvo/base/reference_control.h"
+#include "talvo/connection/protocol/frame_queue.h"
+#include "talvo/connection/protocol/framed_sending.h"
+#include "talvo/session/forward_chain.h"
+#include "talvo/session/forward_cursor.h"
+
+namespace talvo {
+
+class CForwardCore;
+
+//                             user's sink    <-- OnReceive, OnDisconnect --.
+//                                                                         |
+//    log  --> [ cursor | chain of views ] -- SendFrames or SendData --> transport
+//                  ^                                                      |
+//                  '------------------- OnSend, OnDisconnect -------------'
+//
+// The sink of its transport, in place of the user's sink, to which it passes received data. With a thread proxy the proxy's core
+// stays the sink, and passes on OnSend and the end. One thread.
+class TALVO_API CForwardReceiver final : public ICmTransportSink, public CCmReferenceControlT<CCmMutexNullSingleThread> {
+public:
+    CForwardReceiver(CForwardCore& aCore, const CForwardLog& aLog, const CCmForwardReceiverOptions& aOptions, DWORD aId);
+    ~CForwardReceiver() override;
+
+    // Takes aTransport. Results as ICmForwardSession::AddReceiver.
+    CmResult Attach(ICmTransport* aTransport);
+    // Disconnects and releases the transport; once. aEnded: it has ended already.
+    void Detach(CmResult aReason, BOOL aEnded);
+
+    DWORD GetId() const { return m_dwId; }
+    CForwardCursor& GetCursor() { return m_Cursor; }
+    const CForwardCursor& GetCursor() const { return m_Cursor; }
+    const CCmString& GetLabel() const { return m_strLabel; }
+    // The longest message that its transport can take.
+    DWORD GetMaxMessage() const;
+
+    // OnJoin is over: it may be served.
+    void Start();
+    BOOL IsStarted() const { return m_bStarted; }
+    // TRUE: its transport can take data.
+    BOOL IsReady() const { return m_bStarted && !m_bRefused && !IsGone(); }
+
+    // Sends messages of its backlog with one call. CM_OK: all of them, or the transport has refused and OnSend follows. Else
+    // the receiver must go.
+    CmResult Serve(const CForwardLog& aLog);
+
+    // The end, and its reason. Set before the transport is released.
+    void SetGone(CmResult aReason);
+    BOOL IsGone() const { return m_bGone; }
+    CmResult GetReason() const { return m_Reason; }
+
+    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
+    void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
+    void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
+
+    CCmRefPtrT<CForwardReceiver> m_pNextNotice;  // the list of those with an upcall to come
+    bool m_bNoticed = false;                     // in that list
+
+private:
+    enum EWay : BYTE { FRAMES /* its connection takes them */, STREAM /* it counts the bytes itself */, MESSAGES, DATAGRAMS };
+
+    CmResult AttachProxy_i(ICmTransport* aTransport);
+    CmResult AttachDirect_i(ICmTransport* aTransport);
+    void FindWay_i();
+    EForwardFraming GetFraming_i() const;
+    CmResult ServeFrames_i(const CForwardLog& aLog);
+    CmResult ServeMessages_i(const CForwardLog& aLog);
+    CmResult SendMessages_i(const CForwardLog& aLog);
+    CmResult SendMessage_i(const CForwardMessage& aMessage);
+    CmResult SendPayload_i(CCmMessageBlock& aPayload);
+    CmResult Refused_i(CmResult aResult);
+
+    CForwardCore* m_pCore;  // not owned; null: gone
+    CForwardCursor m_Cursor;
+    CCmRefPtrT<ICmTransport> m_pTransport;  // the user's: a proxy, or the transport itself
+    CCmRefPtrT<ICmTransport> m_pSending;    // of this thread
+    ICmTransportSink* m_pUserSink = nullptr;  // not owned; null behind a proxy
+    IFramedSending* m_pFramed = nullptr;      // m_pSending, if it is one
+    CFrameQueue m_Rest;                       // of a message that a raw stream has taken in part
+    CCmString m_strLabel;
+    const DWORD m_dwId;
+    CmResult m_Reason = CM_OK;
+    EWay m_Way = STREAM;
+    bool m_bProxy = false;
+    bool m_bStarted = false;
+    bool m_bRefused = false;
+    bool m_bGone = false;
+};
+
+}  // namespace talvo

@@ -1,0 +1,227 @@
+#include "talvo/session/forward_session_proxy.h"
+
+#include <utility>
+
+#include "talvo/base/live_counter.h"
+#include "talvo/base/trace.h"
+
+namespace talvo {
+
+namespace {
+
+CCmLiveCounter s_Live("CForwardSessionProxy");
+
+using Guard = CCmMutexGuardT<CCmMutexThread>;
+
+}  // namespace
+
+CmResult CForwardQueue::Push(const CCmMessageBlock& aData, DWORD aLength, const CCmForwardHeader* aHeader, BOOL& aWake) {
+    Guard guard(m_Mutex);
+    if (m_ullWaiting >= LIMIT) {
+        m_bRefused = TRUE;
+        return CM_ERROR_PARTIAL_DATA;
+    }
+    CForwardMessage message;
+    const CmResult rv = m_Packer.Pack(aData, aLength, aHeader, message);
+    if (rv != CM_OK || !WithMemory([&] { m_Messages.push_back(std::move(message)); }))
+        return CM_ERROR_OUT_OF_MEMORY;
+    m_ullWaiting += aLength + MESSAGE_COST;
+    m_dwQuiet += aLength + MESSAGE_COST;
+    aWake = m_dwQuiet >= WAKE_BYTES;
+    if (aWake)
+        m_dwQuiet = 0;
+    return CM_OK;
+}
+
+BOOL CForwardQueue::Take(std::vector<CForwardMessage>& aMessages) {
+    Guard guard(m_Mutex);
+    m_Messages.swap(aMessages);
+    m_dwQuiet = 0;
+    return !aMessages.empty();
+}
+
+BOOL CForwardQueue::Taken(uint64_t aCost) {
+    Guard guard(m_Mutex);
+    m_ullWaiting -= aCost;
+    return m_bRefused && m_ullWaiting <= LIMIT / 2 && std::exchange(m_bRefused, FALSE);
+}
+
+CForwardProxyCore::CForwardProxyCore(ICmForwardSink& aSink, CCmThreadLink& aUser, CCmThreadLink& aNetwork)
+    : CProxyCore(aUser, aNetwork), m_pSink(&aSink) {
+    ++s_Live;
+}
+
+CForwardProxyCore::~CForwardProxyCore() { --s_Live; }
+
+CmResult CForwardSessionProxy::Make(ICmForwardSink& aSink, CCmThreadLink& aUser, CCmThreadLink& aNetwork,
+                                    ICmForwardSession*& aSession) {
+    CCmRefPtrT<CForwardSessionProxy> pProxy = Make_i<CForwardSessionProxy>(aSink, aUser, aNetwork);
+    if (!pProxy)
+        return CM_ERROR_OUT_OF_MEMORY;
+    CForwardProxyCore& core = *pProxy->m_pCore;
+    const CmResult rv = aNetwork.Call([&core] { return core.Open_i(); });
+    if (rv != CM_OK)
+        return rv == CM_ERROR_OUT_OF_MEMORY ? rv : CM_ERROR_NULL_POINTER;
+    aSession = pProxy.Detach();
+    return CM_OK;
+}
+
+CmResult CForwardProxyCore::Open_i() {
+    m_pCore = CCmRefPtrT<CForwardCore>(new (std::nothrow) CForwardCore(*this, TRUE));
+    if (!m_pCore)
+        return CM_ERROR_OUT_OF_MEMORY;
+    if (!Host_i()) {
+        m_pCore.Reset();
+        return CM_ERROR_NULL_POINTER;
+    }
+    NoteLimit_i();
+    return CM_OK;
+}
+
+// Runs aUse in the network thread, unless the session is closed.
+template <class Use>
+CmResult CForwardProxyCore::Call_i(Use aUse) {
+    return GetNetwork().Call([this, &aUse] { return m_pCore ? aUse(*m_pCore) : CM_ERROR_NOT_AVAILABLE; });
+}
+
+CmResult CForwardProxyCore::AddReceiver(ICmTransport* aTransport, const CCmForwardReceiverOptions& aOptions, DWORD& aId) {
+    return Call_i([&](CForwardCore& aCore) {
+        const CmResult rv = aCore.AddReceiver(aTransport, aOptions, aId);
+        NoteLimit_i();
+        return rv;
+    });
+}
+
+CmResult CForwardProxyCore::RemoveReceiver(DWORD aId, CmResult aReason) {
+    return Call_i([&](CForwardCore& aCore) {
+        const CmResult rv = aCore.RemoveReceiver(aId, aReason);
+        NoteLimit_i();
+        return rv;
+    });
+}
+
+CmResult CForwardProxyCore::SetOption(DWORD aCommand, void* aArg) {
+    return Call_i([&](CForwardCore& aCore) {
+        const CmResult rv = aCore.SetOption(aCommand, aArg);
+        NoteLimit_i();
+        return rv;
+    });
+}
+
+CmResult CForwardProxyCore::GetStatistics(CCmForwardStatistics& aStatistics, DWORD aId) {
+    return Call_i([&](CForwardCore& aCore) { return aCore.GetStatistics(aStatistics, aId); });
+}
+
+CCmString CForwardProxyCore::Dump() {
+    CCmString strDump;
+    Call_i([&](CForwardCore& aCore) {
+        strDump = aCore.Dump();
+        return CM_OK;
+    });
+    return strDump;
+}
+
+CmResult CForwardProxyCore::Forward(CCmMessageBlock& aData, const CCmForwardHeader* aHeader) {
+    if (m_bClosed)
+        return CM_ERROR_NOT_AVAILABLE;
+    const DWORD dwLength = aData.GetChainedLength();
+    if (dwLength == 0)
+        return CM_OK;
+    if (dwLength > m_dwMaxMessage)
+        return CM_ERROR_INVALID_ARG;
+    BOOL bWake = FALSE;
+    CmResult rv = m_Queue.Push(aData, dwLength, aHeader, bWake);
+    if (rv != CM_OK)
+        return rv;
+    rv = bWake ? m_DrainEvent.Post(GetNetwork()) : m_DrainEvent.PostQuietly(GetNetwork());
+    if (rv != CM_OK)
+        return CM_ERROR_NOT_AVAILABLE;
+    if (bWake)
+        GetNetwork().WakeUp();
+    aData.AdvanceChainedReadPtr(dwLength);
+    return CM_OK;
+}
+
+CmResult CForwardProxyCore::Close(CmResult aReason) {
+    m_pSink = nullptr;
+    m_bClosed = TRUE;
+    return Call_i([&](CForwardCore&) {
+        End_i(aReason);
+        return CM_OK;
+    });
+}
+
+void CForwardProxyCore::Abandon() {
+    m_pSink = nullptr;
+    m_bClosed = TRUE;
+    m_EndEvent.Post(GetNetwork());
+}
+
+// May delete this object, unless the caller holds a reference.
+void CForwardProxyCore::End_i(CmResult aReason) {
+    Drain_i();
+    const CCmRefPtrT<CForwardCore> pCore = std::move(m_pCore);
+    if (!pCore)
+        return;
+    m_bClosed = TRUE;
+    pCore->Close(aReason);
+    Leave_i();
+}
+
+void CForwardProxyCore::EndAbandoned_i() { End_i(CM_OK); }
+
+void CForwardProxyCore::OnThreadEnd() { End_i(CM_ERROR_NETWORK_SOCKET_CLOSE); }
+
+// A WAIT receiver at its limit stops it until OnForward.
+void CForwardProxyCore::Drain_i() {
+    const CCmRefPtrT<CProxyCore> pKeep(this);
+    uint64_t ullCost = 0;
+    if (m_stNext == m_Messages.size()) {
+        m_Messages.clear();
+        m_stNext = 0;
+        m_Queue.Take(m_Messages);
+    }
+    for (; m_pCore && m_stNext < m_Messages.size(); ++m_stNext) {
+        CForwardMessage& message = m_Messages[m_stNext];
+        const DWORD dwLength = message.m_dwLength;
+        const CmResult rv = m_pCore->ForwardMessage(message);
+        if (rv == CM_ERROR_PARTIAL_DATA)
+            break;
+        if (rv != CM_OK)
+            CM_ERROR_TRACE_THIS("CForwardSessionProxy::Forward, a message is lost. len=" << dwLength << " rv=" << rv);
+        ullCost += dwLength + CForwardQueue::MESSAGE_COST;
+    }
+    if (ullCost > 0 && m_Queue.Taken(ullCost))
+        m_RoomEvent.Post(GetUser());
+    if (m_pCore && ullCost > 0 && m_stNext == m_Messages.size())
+        m_DrainEvent.PostQuietly(GetNetwork());
+}
+
+void CForwardProxyCore::ReportRoom_i() {
+    if (ICmForwardSink* pSink = m_pSink)
+        pSink->OnForward();
+}
+
+void CForwardProxyCore::OnReceiver(DWORD aId, CmResult aReason) {
+    NoteLimit_i();
+    GetUser().Post([pThis = CCmRefPtrT<CForwardProxyCore>(this), aId, aReason] {
+        if (ICmForwardSink* pSink = pThis->m_pSink)
+            pSink->OnReceiver(aId, aReason);
+    });
+}
+
+// The receiver starts when the user's OnJoin has returned. Without the user's thread there is none.
+void CForwardProxyCore::OnJoin(DWORD aId) {
+    GetUser().Post([pThis = CCmRefPtrT<CForwardProxyCore>(this), aId] { pThis->Join_i(aId); });
+}
+
+void CForwardProxyCore::Join_i(DWORD aId) {
+    if (ICmForwardSink* pSink = m_pSink)
+        pSink->OnJoin(aId);
+    GetNetwork().Post([pThis = CCmRefPtrT<CForwardProxyCore>(this), aId] {
+        if (pThis->m_pCore)
+            pThis->m_pCore->StartReceiver(aId);
+    });
+}
+
+}  // namespace talvo

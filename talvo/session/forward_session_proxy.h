@@ -1,0 +1,113 @@
+// A forward session of the network thread, used from other threads.
+#pragma once
+
+#include <atomic>
+#include <vector>
+
+#include "talvo/base/mutex.h"
+#include "talvo/session/forward_core.h"
+#include "talvo/transport/thread_proxy/proxy_core.h"
+
+namespace talvo {
+
+// Messages from the users' threads that wait for the network thread, at most 1 MiB and one message. Any thread.
+class CForwardQueue {
+public:
+    static constexpr DWORD LIMIT = 1 << 20;
+    static constexpr DWORD MESSAGE_COST = 128;      // besides its payload
+    static constexpr DWORD WAKE_BYTES = 32 * 1024;  // so many do not wait for the end of the caller's event
+
+    // CM_ERROR_PARTIAL_DATA: full. CM_ERROR_OUT_OF_MEMORY. aWake (out): wake the network thread now.
+    CmResult Push(const CCmMessageBlock& aData, DWORD aLength, const CCmForwardHeader* aHeader, BOOL& aWake);
+    // Moves all messages to the empty aMessages. FALSE: there are none.
+    BOOL Take(std::vector<CForwardMessage>& aMessages);
+    // Messages of that cost are forwarded. TRUE: a push was refused before, and there is room again.
+    BOOL Taken(uint64_t aCost);
+
+private:
+    CCmMutexThread m_Mutex;
+    CForwardPacker m_Packer CM_GUARDED_BY(m_Mutex);
+    std::vector<CForwardMessage> m_Messages CM_GUARDED_BY(m_Mutex);
+    uint64_t m_ullWaiting CM_GUARDED_BY(m_Mutex) = 0;
+    DWORD m_dwQuiet CM_GUARDED_BY(m_Mutex) = 0;
+    BOOL m_bRefused CM_GUARDED_BY(m_Mutex) = FALSE;
+};
+
+//  users' threads                     this object                network thread
+//
+//  Forward ------- pack ------> [queue, bytes bounded] -- drain --> CForwardCore
+//  upcalls <------------------------ events -------------------- its upcalls
+//
+// One event in flight brings any number of messages. A message is copied or duplicated once, by the caller of Forward.
+class CForwardProxyCore final : public CProxyCore, public ICmForwardSink {
+public:
+    CForwardProxyCore(ICmForwardSink& aSink, CCmThreadLink& aUser, CCmThreadLink& aNetwork);
+    ~CForwardProxyCore() override;
+
+    // In the network thread.
+    CmResult Open_i();
+
+    // Any thread, see ICmForwardSession.
+    CmResult AddReceiver(ICmTransport* aTransport, const CCmForwardReceiverOptions& aOptions, DWORD& aId);
+    CmResult RemoveReceiver(DWORD aId, CmResult aReason);
+    CmResult Forward(CCmMessageBlock& aData, const CCmForwardHeader* aHeader);
+    CmResult SetOption(DWORD aCommand, void* aArg);
+    CmResult GetStatistics(CCmForwardStatistics& aStatistics, DWORD aId);
+    CCmString Dump();
+    CmResult Close(CmResult aReason);
+    void Abandon() override;
+
+    // From the core, in the network thread.
+    void OnReceiver(DWORD aId, CmResult aReason) override;
+    void OnForward() override { Drain_i(); }
+    void OnJoin(DWORD aId) override;
+    void OnThreadEnd() override;
+
+private:
+    template <class Use>
+    CmResult Call_i(Use aUse);
+    void NoteLimit_i() { m_dwMaxMessage = m_pCore->GetMaxMessage(); }
+    void Drain_i();
+    void End_i(CmResult aReason);
+    void EndAbandoned_i();
+    void Join_i(DWORD aId);
+    void ReportRoom_i();
+
+    std::atomic<ICmForwardSink*> m_pSink;  // not owned; null: no more upcalls
+    std::atomic<DWORD> m_dwMaxMessage{0};
+    std::atomic<BOOL> m_bClosed{FALSE};
+    CForwardQueue m_Queue;
+    CEmbeddedEventT<CForwardProxyCore, &CForwardProxyCore::Drain_i> m_DrainEvent{*this};
+    CEmbeddedEventT<CForwardProxyCore, &CForwardProxyCore::EndAbandoned_i> m_EndEvent{*this};
+    CEmbeddedEventT<CForwardProxyCore, &CForwardProxyCore::ReportRoom_i> m_RoomEvent{*this};
+
+    // Network thread only.
+    CCmRefPtrT<CForwardCore> m_pCore;        // null: closed
+    std::vector<CForwardMessage> m_Messages;  // from m_stNext on: taken from the queue and not forwarded
+    size_t m_stNext = 0;
+};
+
+class CForwardSessionProxy final : public CThreadProxyT<ICmForwardSession, CForwardProxyCore> {
+public:
+    static CmResult Make(ICmForwardSink& aSink, CCmThreadLink& aUser, CCmThreadLink& aNetwork, ICmForwardSession*& aSession);
+
+    CmResult AddReceiver(ICmTransport* aTransport, const CCmForwardReceiverOptions& aOptions, DWORD& aId) override {
+        return m_pCore->AddReceiver(aTransport, aOptions, aId);
+    }
+    CmResult RemoveReceiver(DWORD aId, CmResult aReason) override { return m_pCore->RemoveReceiver(aId, aReason); }
+    CmResult Forward(CCmMessageBlock& aData, const CCmForwardHeader* aHeader) override {
+        return m_pCore->Forward(aData, aHeader);
+    }
+    CmResult SetOption(DWORD aCommand, void* aArg) override { return m_pCore->SetOption(aCommand, aArg); }
+    CmResult GetStatistics(CCmForwardStatistics& aStatistics, DWORD aId) override {
+        return m_pCore->GetStatistics(aStatistics, aId);
+    }
+    CCmString Dump() override { return m_pCore->Dump(); }
+    CmResult Close(CmResult aReason) override { return m_pCore->Close(aReason); }
+
+private:
+    friend class CThreadProxyT<ICmForwardSession, CForwardProxyCore>;
+    using CThreadProxyT::CThreadProxyT;
+};
+
+}  // namespace talvo
