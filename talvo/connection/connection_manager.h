@@ -91,8 +91,8 @@ public:
     CmResult CreateDetectionConnectionClient(ICmDetectionConnector*& aConnector);
 
     // aSession (out): a session that forwards messages to many receivers, with one reference, null on failure. aSink is not
-    // owned; after the last release and after Close it gets no call. CM_ERROR_INVALID_ARG: aSink is null. CM_ERROR_NULL_POINTER.
-    // CM_ERROR_OUT_OF_MEMORY.
+    // owned; after the last release and after Close it gets no call. CM_ERROR_INVALID_ARG: aSink is null.
+    // CM_ERROR_NULL_POINTER. CM_ERROR_OUT_OF_MEMORY.
     CmResult CreateForwardSession(ICmForwardSink* aSink, ICmForwardSession*& aSession);
 
     // The same without a proxy, for the transports of the calling thread, which must be one of the library's.

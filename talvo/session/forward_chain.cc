@@ -22,7 +22,8 @@ BOOL CForwardChain::Add(const CForwardMessage& aMessage) {
     const DWORD dwPieces = 1 + CountPieces(aMessage.m_pPayload.get());
     const DWORD dwHeader = CForwardMessage::HEADER_LENGTH - m_dwSkip;
     const DWORD dwLength = dwHeader + aMessage.m_dwLength;
-    if (m_dwPieces + dwPieces > MAX_PIECES || m_dwMessages == MAX_MESSAGES || (m_dwBytes > 0 && m_dwBytes + dwLength > MAX_BYTES))
+    if (m_dwPieces + dwPieces > MAX_PIECES || m_dwMessages == MAX_MESSAGES ||
+        (m_dwBytes > 0 && m_dwBytes + dwLength > MAX_BYTES))
         return FALSE;
     const DWORD dwInBlock = aMessage.m_pPayload ? dwHeader : dwLength;
     if (dwInBlock > 0)

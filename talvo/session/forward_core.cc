@@ -179,8 +179,9 @@ BOOL CForwardCore::IsHeldBack_i(DWORD aTick) const {
     BOOL bHeldBack = FALSE;
     m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
         const CForwardCursor& cursor = aReceiver.GetCursor();
-        bHeldBack = bHeldBack || (cursor.GetPolicy() == CM_FORWARD_WAIT &&
-                                  (cursor.IsAtLimit(m_Log, aTick) || (IsFull_i(m_dwRefusedLength) && cursor.NeedsFirst(m_Log))));
+        bHeldBack =
+            bHeldBack || (cursor.GetPolicy() == CM_FORWARD_WAIT &&
+                          (cursor.IsAtLimit(m_Log, aTick) || (IsFull_i(m_dwRefusedLength) && cursor.NeedsFirst(m_Log))));
     });
     return bHeldBack;
 }

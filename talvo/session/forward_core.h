@@ -8,8 +8,8 @@
 
 namespace talvo {
 
-// The log, the receivers, and the turns that serve them. A turn is an event of the thread: it makes the upcalls that are due and
-// then serves each receiver that is ready once. No upcall of ICmForwardSink comes outside of it.
+// The log, the receivers, and the turns that serve them. A turn is an event of the thread: it makes the upcalls that are due
+// and then serves each receiver that is ready once. No upcall of ICmForwardSink comes outside of it.
 //
 // Bounds make the usual Forward independent of the number of receivers: while the log ends before m_Bound, no receiver is at a
 // limit, and no receiver needs a message before m_ullLeastNeeded. A scan of all receivers raises them again. One thread.
@@ -75,9 +75,9 @@ private:
     CForwardLog m_Log;
     CForwardPacker m_Packer;
     CForwardReceivers m_Receivers;
-    CCmRefPtrT<CForwardReceiver> m_pNotices;          // those with an upcall to come
-    CForwardReceiver* m_pLastNotice = nullptr;        // in that list
-    CCmForwardStatistics m_Gone;                      // of the receivers that are gone
+    CCmRefPtrT<CForwardReceiver> m_pNotices;    // those with an upcall to come
+    CForwardReceiver* m_pLastNotice = nullptr;  // in that list
+    CCmForwardStatistics m_Gone;                // of the receivers that are gone
     CLaterReportT<CForwardCore, &CForwardCore::OnTurn_i> m_Turn{*this};
     CCmTimerWrapperID m_Timer;
 

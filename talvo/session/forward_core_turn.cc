@@ -30,7 +30,8 @@ CmResult CForwardCore::AddReceiver(ICmTransport* aTransport, const CCmForwardRec
     if (aOptions.m_dwMaxMilliseconds > 0)
         m_dwLeastMilliseconds = std::min(m_dwLeastMilliseconds - 1, aOptions.m_dwMaxMilliseconds - 1) + 1;  // 0: no limit
     RaiseBound_i(pReceiver->GetCursor());
-    CM_TRACE(CM_TRACE_SESSION, "CForwardCore::AddReceiver, id=" << dwId << " label=" << aOptions.m_strLabel << " this=" << this);
+    CM_TRACE(CM_TRACE_SESSION,
+             "CForwardCore::AddReceiver, id=" << dwId << " label=" << aOptions.m_strLabel << " this=" << this);
     aId = dwId;
     AddNotice_i(*pReceiver);
     return CM_OK;
@@ -215,7 +216,8 @@ CmResult CForwardCore::Close(CmResult aReason) {
     if (std::exchange(m_bClosed, true))
         return CM_ERROR_NOT_AVAILABLE;
     const CCmRefPtrT<CForwardCore> pKeep(this);
-    CM_TRACE(CM_TRACE_SESSION, "CForwardCore::Close, receivers=" << m_Receivers.GetCount() << " rv=" << aReason << " this=" << this);
+    CM_TRACE(CM_TRACE_SESSION,
+             "CForwardCore::Close, receivers=" << m_Receivers.GetCount() << " rv=" << aReason << " this=" << this);
     m_Timer.Cancel();
     m_Turn.Cancel();
     m_Receivers.ForEach([&](CForwardReceiver& aReceiver) { Remove_i(aReceiver, aReason, FALSE, FALSE); });

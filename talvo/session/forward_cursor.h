@@ -81,8 +81,8 @@ private:
     DWORD m_dwLongestLag = 0;
     BYTE m_byPolicy;
     bool m_bReplays = false;
-    bool m_bAwaitsKey = false;     // nothing is sent before the next KEY_MESSAGE
-    bool m_bDueFromKey = false;    // nor is it due: it has not joined yet
+    bool m_bAwaitsKey = false;   // nothing is sent before the next KEY_MESSAGE
+    bool m_bDueFromKey = false;  // nor is it due: it has not joined yet
 };
 
 static_assert(sizeof(CForwardCursor) <= 128);

@@ -79,7 +79,8 @@ void CForwardLog::UseKey_i(CKey& aKey, BOOL aNew, DWORD aLength) {
         else
             DropKept_i(aKey.m_ullNumber);
     }
-    aKey = {.m_ullNumber = m_ullEnd, .m_ullKey = At(m_ullEnd).m_Message.m_ullKey, .m_dwLength = aLength, .m_pOlder = m_pNewestKey};
+    aKey = {
+        .m_ullNumber = m_ullEnd, .m_ullKey = At(m_ullEnd).m_Message.m_ullKey, .m_dwLength = aLength, .m_pOlder = m_pNewestKey};
     (m_pNewestKey ? m_pNewestKey->m_pNewer : m_pOldestKey) = &aKey;
     m_pNewestKey = &aKey;
     m_ullKeyBytes += aLength;
@@ -103,7 +104,8 @@ void CForwardLog::DropFirst() {
     CForwardEntry& entry = Entry_i(m_ullBegin);
     if (entry.m_Message.IsKeyMessage())
         m_KeyMessages.erase(m_ullBegin);
-    const BOOL bKeep = entry.IsNewestOfKey() && (entry.m_Message.m_pPayload || CForwardPacker::Separate(entry.m_Message) == CM_OK) &&
+    const BOOL bKeep = entry.IsNewestOfKey() &&
+                       (entry.m_Message.m_pPayload || CForwardPacker::Separate(entry.m_Message) == CM_OK) &&
                        WithMemory([&] { m_Kept.emplace_hint(m_Kept.end(), m_ullBegin, std::move(entry)); });
     if (!bKeep)
         m_ullBytes -= entry.m_Message.m_dwLength;

@@ -17,9 +17,9 @@ struct CForwardEntry {
     uint64_t m_ullBytesBefore = 0;  // of all earlier messages
     DWORD m_dwKeylessBefore = 0;    // earlier messages without a key, and their bytes: only differences of them are used
     DWORD m_dwKeylessBytesBefore = 0;
-    DWORD m_dwTime = 0;              // tick of milliseconds
-    bool m_bReplaced = false;        // a newer message has its key
-    bool m_bKeyForgotten = false;    // treated as one without a key when it leaves the log
+    DWORD m_dwTime = 0;            // tick of milliseconds
+    bool m_bReplaced = false;      // a newer message has its key
+    bool m_bKeyForgotten = false;  // treated as one without a key when it leaves the log
     BOOL IsNewestOfKey() const { return m_Message.HasKey() && !m_bReplaced && !m_bKeyForgotten; }
 };
 

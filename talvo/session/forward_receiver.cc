@@ -226,6 +226,8 @@ void CForwardReceiver::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTrans
 void CForwardReceiver::OnSend(ICmTransport*, CCmTransportParameter*) {
     if (!m_pCore)
         return;
+    if (!m_Rest.IsEmpty() && m_Rest.Flush(*m_pSending) != CM_OK)
+        return m_Cursor.CountRefusal();
     m_bRefused = false;
     m_pCore->OnRoom(*this);
 }

@@ -18,8 +18,8 @@ class CForwardCore;
 //                  ^                                                      |
 //                  '------------------- OnSend, OnDisconnect -------------'
 //
-// The sink of its transport, in place of the user's sink, to which it passes received data. With a thread proxy the proxy's core
-// stays the sink, and passes on OnSend and the end. One thread.
+// The sink of its transport, in place of the user's sink, to which it passes received data. With a thread proxy the proxy's
+// core stays the sink, and passes on OnSend and the end. One thread.
 class TALVO_API CForwardReceiver final : public ICmTransportSink, public CCmReferenceControlT<CCmMutexNullSingleThread> {
 public:
     CForwardReceiver(CForwardCore& aCore, const CForwardLog& aLog, const CCmForwardReceiverOptions& aOptions, DWORD aId);
@@ -75,8 +75,8 @@ private:
 
     CForwardCore* m_pCore;  // not owned; null: gone
     CForwardCursor m_Cursor;
-    CCmRefPtrT<ICmTransport> m_pTransport;  // the user's: a proxy, or the transport itself
-    CCmRefPtrT<ICmTransport> m_pSending;    // of this thread
+    CCmRefPtrT<ICmTransport> m_pTransport;    // the user's: a proxy, or the transport itself
+    CCmRefPtrT<ICmTransport> m_pSending;      // of this thread
     ICmTransportSink* m_pUserSink = nullptr;  // not owned; null behind a proxy
     IFramedSending* m_pFramed = nullptr;      // m_pSending, if it is one
     CFrameQueue m_Rest;                       // of a message that a raw stream has taken in part

@@ -36,7 +36,7 @@ struct CCmForwardReceiverOptions {
     ECmForwardPolicy m_Policy = CM_FORWARD_DISCONNECT;
     ECmForwardJoin m_Join = CM_FORWARD_JOIN_NEXT;
     DWORD m_dwMaxMessages = 0;
-    DWORD m_dwMaxBytes = 1 << 20;  // of payload
+    DWORD m_dwMaxBytes = 1 << 20;   // of payload
     DWORD m_dwMaxMilliseconds = 0;  // the age of the oldest such message
     CCmString m_strLabel;           // for the dump
 };
@@ -51,8 +51,8 @@ struct CCmForwardHeader {
     DWORD m_dwFlags = 0;
 };
 
-// Commands of ICmForwardSession::SetOption; the argument points at a DWORD, at least 1 unless stated. A lower limit applies from
-// the next Forward or AddReceiver.
+// Commands of ICmForwardSession::SetOption; the argument points at a DWORD, at least 1 unless stated. A lower limit applies
+// from the next Forward or AddReceiver.
 enum ECmForwardOption : DWORD {
     CM_OPT_FORWARD_MAX_MESSAGE = 171,   // bytes of one message; 16 MiB at first
     CM_OPT_FORWARD_LOG_MESSAGES = 172,  // messages in the log; 65,536 at first, and at most
@@ -137,7 +137,7 @@ public:
 
     // aStatistics (out): those of a receiver, or with aId 0 the sum of all receivers, present and gone, except that the lag is
     // that of the present ones, its age and the longest lag the greatest of any receiver. CM_ERROR_NOT_FOUND: there is no such
-    // receiver. Also after Close.
+    // receiver.
     virtual CmResult GetStatistics(CCmForwardStatistics& aStatistics, DWORD aId = 0) = 0;
 
     // One line for the session and one for each receiver, with its label. Empty: memory ran out, or the network thread has

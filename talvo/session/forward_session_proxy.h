@@ -82,7 +82,7 @@ private:
     CEmbeddedEventT<CForwardProxyCore, &CForwardProxyCore::ReportRoom_i> m_RoomEvent{*this};
 
     // Network thread only.
-    CCmRefPtrT<CForwardCore> m_pCore;        // null: closed
+    CCmRefPtrT<CForwardCore> m_pCore;         // null: closed
     std::vector<CForwardMessage> m_Messages;  // from m_stNext on: taken from the queue and not forwarded
     size_t m_stNext = 0;
 };

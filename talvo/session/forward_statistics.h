@@ -28,12 +28,12 @@ struct CCmForwardCount {
 
 // Of one receiver or, as a sum, of a session. Always due = sent + dropped + conflated + lag.
 struct CCmForwardStatistics {
-    CCmForwardCount m_Forwarded;  // by the session since it was made; the same for each receiver
-    CCmForwardCount m_Due;        // from the join point on, replayed messages included
-    CCmForwardCount m_Sent;       // taken by the transport; the last one perhaps in part
-    CCmForwardCount m_Dropped;    // by DROP_OLDEST, or still due at the receiver's end
-    CCmForwardCount m_Conflated;  // skipped for a newer message of the same key
-    CCmForwardCount m_Lag;        // due, and not yet decided: some may be skipped for a newer message later
+    CCmForwardCount m_Forwarded;        // by the session since it was made; the same for each receiver
+    CCmForwardCount m_Due;              // from the join point on, replayed messages included
+    CCmForwardCount m_Sent;             // taken by the transport; the last one perhaps in part
+    CCmForwardCount m_Dropped;          // by DROP_OLDEST, or still due at the receiver's end
+    CCmForwardCount m_Conflated;        // skipped for a newer message of the same key
+    CCmForwardCount m_Lag;              // due, and not yet decided: some may be skipped for a newer message later
     uint64_t m_ullLagMilliseconds = 0;  // age of the oldest message of the lag
     uint64_t m_ullLongestLag = 0;       // messages: the most at the end of a Forward
     uint64_t m_ullRefused = 0;          // sends that the transport refused in whole or in part

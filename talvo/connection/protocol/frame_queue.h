@@ -25,8 +25,8 @@ public:
     // is lost, perhaps after its first bytes, so that a stream cannot continue.
     CmResult Send(ICmTransport& aTransport, const void* aHeader, DWORD aHeaderLen, CCmMessageBlock& aPayload);
 
-    // Sends the frames of aFrames, whose lengths are aLengths, after the queued bytes. Of the last frame that the transport takes
-    // in part the rest is queued; those after it stay the caller's. aTaken (out): the frames that are sent or queued. The
+    // Sends the frames of aFrames, whose lengths are aLengths, after the queued bytes. Of the last frame that the transport
+    // takes in part the rest is queued; those after it stay the caller's. aTaken (out): the frames that are sent or queued. The
     // transport's result; CM_ERROR_OUT_OF_MEMORY: the stream cannot continue. Streams only.
     CmResult SendFrames(ICmTransport& aTransport, CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken);
 

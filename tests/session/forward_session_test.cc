@@ -1,0 +1,235 @@
+// A session over transports: framing, misuse, upcalls, time and the proxy.
+#include <map>
+#include <thread>
+
+#include "talvo/connection/protocol/len_pkg_conn.h"
+#include "talvo/connection/protocol/pkg_conn_client.h"
+#include "talvo/connection/protocol/pkg_sender.h"
+#include "tests/session/forward_fixture.h"
+
+namespace {
+
+std::string Package(const std::string& aText) { return "\6" + Bytes(static_cast<DWORD>(aText.size())) + aText; }
+std::string Framed(const std::string& aText) { return Bytes(static_cast<DWORD>(aText.size())) + aText; }
+
+CCmForwardReceiverOptions Options(ECmForwardPolicy aPolicy, DWORD aMaxMessages = 0, DWORD aMilliseconds = 0) {
+    CCmForwardReceiverOptions options;
+    options.m_Policy = aPolicy;
+    options.m_dwMaxMessages = aMaxMessages;
+    options.m_dwMaxMilliseconds = aMilliseconds;
+    return options;
+}
+
+}  // namespace
+
+TEST_F(ForwardTest, EachConnectionGetsItsFramesByReferenceWithOneCall) {
+    CConnEnd<CLenPkgConn> length;
+    CConnEnd<CPkgConnClient> package;
+    CConnEnd<CPkgSender> sender;
+    length.Connect();
+    package.Connect(std::string("\2\0\0\0\0\0\0\17", 8));
+    sender.Connect();
+    const CCmRefPtrT<CFakeLower> pRaw(new CFakeLower), pDatagrams(new CFakeLower(CM_TRANSPORT_TYPE_UDP));
+    Add(*pRaw);
+    Add(*pDatagrams);
+    DWORD dwId = 0;
+    for (ICmTransport* p : {static_cast<ICmTransport*>(length.m_pConn.Get()), static_cast<ICmTransport*>(package.m_pConn.Get()),
+                            static_cast<ICmTransport*>(sender.m_pConn.Get())})
+        EXPECT_EQ(CM_OK, m_pSession->AddReceiver(p, {}, dwId));
+    Turn();
+    EXPECT_EQ((Lines{"join 1", "join 2", "join 3", "join 4", "join 5"}), m_Sink.Take());
+    const std::string strLarge = Pattern(3000);
+    length.m_pLower->m_dwRoom = 7 + 4 + 1000;
+    for (const std::string& strText : {std::string("one"), strLarge, std::string("three")})
+        EXPECT_EQ(CM_OK, Forward(strText));
+    EXPECT_EQ(CM_OK, Forward(""));
+    Turn();
+    const std::string strAll = "one" + strLarge + "three";
+    EXPECT_EQ(Lines{strAll}, pRaw->m_Sends);
+    EXPECT_EQ((Lines{"one", strLarge, "three"}), pDatagrams->m_Sends);
+    EXPECT_EQ(Lines{Package("one") + Package(strLarge) + Package("three")}, package.m_pLower->m_Sends);
+    // The rest of a frame that was begun goes before anything else of the connection.
+    EXPECT_EQ(2u, StatisticsOf(*m_pSession, 3).m_Sent.m_ullMessages);
+    EXPECT_EQ(2000u, length.Get(CM_OPT_TRANSPORT_UNACKNOWLEDGED));
+    length.m_pLower->MakeRoom();
+    Turn();
+    EXPECT_EQ(Framed("one") + Framed(strLarge) + Framed("three"), length.m_pLower->TakeSent());
+    EXPECT_EQ(9 * 3 + strAll.size(), sender.m_pLower->GetSent().size());
+    // Received data and the end still come to the connection's user.
+    length.Receive(Framed("hello"));
+    package.m_pLower->Vanish();
+    EXPECT_EQ(Lines{"receive hello"}, length.Take());
+    EXPECT_EQ(Lines{"disconnect 20001"}, package.Take());
+    Turn();
+    EXPECT_EQ(Lines{"gone 4 20001"}, m_Sink.Take());
+    EXPECT_EQ(CM_OK, m_pSession->Close(CM_OK));
+}
+
+TEST_F(ForwardTest, MisuseHasItsResults) {
+    const CCmRefPtrT<CFakeLower> pOpen(new CFakeLower), pUnopened(new CFakeLower);
+    CCmRefPtrT<ICmForwardSession> pOther;
+    DWORD dwId = 0;
+    CCmForwardReceiverOptions wrong;
+    wrong.m_Join = static_cast<ECmForwardJoin>(9);
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, CCmConnectionManager::CreateForwardSession_i(nullptr, pOther.ParaOut()));
+    EXPECT_EQ(CM_OK, CCmConnectionManager::CreateForwardSession_i(&m_Sink, pOther.ParaOut()));
+    const DWORD dwFirst = Add(*pOpen);
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pSession->AddReceiver(nullptr, {}, dwId));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pSession->AddReceiver(pUnopened.Get(), {}, dwId));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pSession->AddReceiver(pOpen.Get(), wrong, dwId));
+    EXPECT_EQ(CM_ERROR_FOUND, m_pSession->AddReceiver(pOpen.Get(), {}, dwId));
+    EXPECT_EQ(CM_ERROR_FOUND, pOther->AddReceiver(pOpen.Get(), {}, dwId));
+    Option(CM_OPT_FORWARD_RECEIVERS, 1);
+    EXPECT_EQ(CM_ERROR_PARTIAL_DATA, m_pSession->AddReceiver(pUnopened.Get(), {}, dwId));
+    Option(CM_OPT_FORWARD_MAX_MESSAGE, 4);
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, Forward("12345"));
+    DWORD dwZero = 0;
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pSession->SetOption(CM_OPT_FORWARD_LOG_BYTES, &dwZero));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pSession->SetOption(CM_OPT_FORWARD_KEYS, nullptr));
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pSession->SetOption(1, &dwZero));
+    EXPECT_EQ(CM_OK, m_pSession->RemoveReceiver(dwFirst, CM_OK));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_pSession->RemoveReceiver(dwFirst, CM_OK));
+    EXPECT_NE(dwFirst, Add(*pUnopened));
+    EXPECT_EQ(CM_ERROR_NOT_FOUND, m_pSession->RemoveReceiver(dwFirst, CM_OK));
+    EXPECT_EQ(CM_OK, m_pSession->Close(CM_ERROR_TIMEOUT));
+    EXPECT_EQ(std::vector<CmResult>{CM_ERROR_TIMEOUT}, pUnopened->m_Disconnects);
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, m_pSession->Close(CM_OK));
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, m_pSession->AddReceiver(pOpen.Get(), {}, dwId));
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, Forward("1234"));
+    Turn();
+    EXPECT_EQ(Lines{}, m_Sink.Take());
+}
+
+TEST_F(ForwardTest, EveryOperationMayComeInsideEveryUpcall) {
+    const CCmRefPtrT<CFakeLower> lowers[] = {CCmRefPtrT<CFakeLower>(new CFakeLower), CCmRefPtrT<CFakeLower>(new CFakeLower),
+                                             CCmRefPtrT<CFakeLower>(new CFakeLower)};
+    const DWORD dwFirst = Add(*lowers[0], Options(CM_FORWARD_WAIT, 2));
+    m_Sink.m_Inside = [&](const std::string& aLine) {
+        EXPECT_EQ(CM_OK, Forward(aLine + ";"));
+        if (aLine == "join 1") {
+            SendText(*lowers[0], "snapshot;");
+            Add(*lowers[1]);
+        } else if (aLine == "join 2") {
+            lowers[1]->Vanish();
+        } else if (aLine == "gone 2 20001") {
+            Add(*lowers[2]);
+            EXPECT_EQ(CM_OK, m_pSession->RemoveReceiver(dwFirst, CM_OK));
+        }
+    };
+    Turn();
+    EXPECT_EQ("snapshot;join 1;", lowers[0]->TakeSent());
+    EXPECT_EQ((Lines{"join 1", "join 2", "gone 2 20001", "join 2"}), m_Sink.Take());
+    EXPECT_EQ("join 2;", lowers[2]->TakeSent());
+    // The release inside an upcall ends the others.
+    m_Sink.m_Inside = [&](const std::string&) { m_pSession.Reset(); };
+    lowers[1]->m_pSink = lowers[0]->m_pSink = nullptr;
+    Add(*lowers[1]);
+    Add(*lowers[0]);
+    Turn();
+    EXPECT_EQ(Lines{"join 1"}, m_Sink.Take());
+    EXPECT_EQ(1u, lowers[2]->m_Disconnects.size());
+}
+
+TEST_F(ForwardTest, LimitsOfTimeBytesAndRoomAgain) {
+    const CCmRefPtrT<CFakeLower> pSlow(new CFakeLower), pWaits(new CFakeLower), pFast(new CFakeLower);
+    pSlow->m_dwRoom = pWaits->m_dwRoom = 0;
+    const DWORD dwSlow = Add(*pSlow, Options(CM_FORWARD_DISCONNECT, 0, 5000));
+    Add(*pFast);
+    Turn();
+    EXPECT_EQ(CM_OK, Forward("late"));
+    Pass(CCmTimeValue(4, 900000));
+    EXPECT_EQ(4900u, StatisticsOf(*m_pSession, dwSlow).m_ullLagMilliseconds);
+    EXPECT_EQ(CM_OK, Forward("later"));
+    m_Sink.Take();
+    Pass(CCmTimeValue(0, 200000));
+    Turn();
+    EXPECT_EQ(Lines{"gone 1 10013"}, m_Sink.Take());
+    EXPECT_EQ(std::vector<CmResult>{CM_ERROR_PARTIAL_DATA}, pSlow->m_Disconnects);
+    const CCmForwardStatistics all = StatisticsOf(*m_pSession);
+    EXPECT_EQ((CCmForwardCount{2, 9}), all.m_Dropped);
+    EXPECT_EQ((CCmForwardCount{2, 9}), all.m_Sent);
+    EXPECT_EQ(2u, all.m_ullLongestLag);
+    CCmForwardReceiverOptions options = Options(CM_FORWARD_WAIT);
+    options.m_dwMaxBytes = 10;
+    options.m_strLabel = "screen";
+    const DWORD dwWaits = Add(*pWaits, options);
+    Turn();
+    m_Sink.Take();
+    EXPECT_EQ(CM_OK, Forward("123456789"));
+    EXPECT_EQ(CM_OK, Forward("x"));
+    EXPECT_EQ(CM_ERROR_PARTIAL_DATA, Forward("y"));
+    Turn();
+    EXPECT_EQ(Lines{}, m_Sink.Take());
+    pWaits->MakeRoom(9);
+    Turn();
+    EXPECT_EQ(Lines{"forward"}, m_Sink.Take());
+    EXPECT_EQ(CM_OK, Forward("y"));
+    EXPECT_EQ(3u, StatisticsOf(*m_pSession, dwWaits).m_Due.m_ullMessages);
+    EXPECT_NE(std::string::npos, m_pSession->Dump().find("\"screen\" due=3/11 sent=1/9 dropped=0/0 conflated=0/0 lag=2/2"));
+}
+
+TEST(ForwardProxyTest, OtherThreadsForwardInTheirOrder) {
+    CTestNetwork network;
+    CForwardLogSink sink;
+    CTestFd fdPeer;
+    CCmRefPtrT<ICmForwardSession> pSession;
+    ASSERT_EQ(CM_OK, network.Manager().CreateForwardSession(&sink, pSession.ParaOut()));
+    const CCmRefPtrT<ICmTransport> pTransport = network.ConnectTo(fdPeer);
+    DWORD dwId = 0;
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, pSession->AddReceiver(pTransport.Get(), {}, dwId));
+    CTestSink user(*pTransport);
+    EXPECT_EQ(CM_OK, pSession->AddReceiver(pTransport.Get(), Options(CM_FORWARD_WAIT), dwId));
+    EXPECT_EQ(CM_ERROR_FOUND, pSession->AddReceiver(pTransport.Get(), {}, dwId));
+    sink.m_Inside = [&](const std::string& aLine) {
+        if (aLine == "join 1")
+            EXPECT_EQ(CM_OK, SendText(*pTransport, "snapshot "));
+    };
+    constexpr int MESSAGES = 2000;
+    const auto forward = [&](char aWho) {
+        for (int i = 0; i < MESSAGES; ++i) {
+            const std::string strText = aWho + std::to_string(10000 + i);
+            YieldUntil([&] { return ForwardText(*pSession, strText) == CM_OK; });
+        }
+    };
+    std::thread other(forward, 'b');
+    forward('a');
+    other.join();
+    std::string strGot;
+    const size_t stAll = 9 + 2 * 6 * MESSAGES;
+    network.RunUntil([&] {
+        ReadToEnd(fdPeer, strGot);
+        return strGot.size() >= stAll;
+    });
+    ASSERT_EQ(stAll, strGot.size());
+    EXPECT_EQ("snapshot ", strGot.substr(0, 9));
+    std::map<char, int> next;
+    for (size_t i = 9; i < stAll; i += 6)
+        ASSERT_EQ(std::to_string(10000 + next[strGot[i]]++), strGot.substr(i + 1, 5));
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, SendText(*pTransport, "mine"));
+    EXPECT_EQ(2u * MESSAGES, StatisticsOf(*pSession).m_Sent.m_ullMessages);
+    fdPeer.Close();
+    network.RunUntil([&] { return sink.m_Lines.back() == "gone 1 20001" && user.m_nDisconnects == 1; });
+    EXPECT_EQ(CM_OK, pSession->Close(CM_OK));
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, ForwardText(*pSession, "late"));
+}
+
+TEST(ForwardProxyTest, AMebibyteWaitsAndNotMore) {
+    CTestNetwork network;
+    CForwardLogSink sink;
+    CCmRefPtrT<ICmForwardSession> pSession;
+    ASSERT_EQ(CM_OK, network.Manager().CreateForwardSession(&sink, pSession.ParaOut()));
+    const std::string strText(64 * 1024, 'x');
+    int nTaken = 0;
+    network.InNetwork([&] {
+        while (nTaken < 100 && ForwardText(*pSession, strText) == CM_OK)
+            ++nTaken;
+    });
+    EXPECT_EQ(16, nTaken);
+    network.RunUntil([&] { return !sink.m_Lines.empty(); });
+    EXPECT_EQ(Lines{"forward"}, sink.Take());
+    EXPECT_EQ(CM_OK, ForwardText(*pSession, strText));
+    EXPECT_EQ(CM_OK, pSession->Close(CM_OK));
+    network.EndNetworkThread();
+    CCmForwardStatistics statistics;
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, pSession->GetStatistics(statistics));
+}
