@@ -9,6 +9,7 @@
 
 #include "talvo/http/channel_manager.h"
 #include "talvo/http/server/channel_server.h"
+#include "talvo/session/forward_session.h"
 
 namespace {
 
@@ -126,6 +127,26 @@ private:
     std::atomic<size_t> m_stLeft;
     size_t m_stReceived = 0;
     CCounters m_Before, m_Spent;
+};
+
+// Adds each connection to a session.
+class CFanOut : public ICmAcceptorConnectorSink, public ICmTransportSink, public ICmForwardSink {
+public:
+    void OnConnectIndication(CmResult, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
+        DWORD dwId = 0;
+        EXPECT_EQ(CM_OK, aTrpt->OpenWithSink(this));
+        EXPECT_EQ(CM_OK, m_pSession->AddReceiver(aTrpt, {}, dwId));
+    }
+    void OnReceive(CCmMessageBlock&, ICmTransport*, CCmTransportParameter*) override {}
+    void OnSend(ICmTransport*, CCmTransportParameter*) override {}
+    void OnDisconnect(CmResult, ICmTransport*) override {}
+    void OnReceiver(DWORD, CmResult) override { ADD_FAILURE(); }
+    void OnForward() override {}
+    void OnJoin(DWORD) override { ++m_stJoined; }
+
+    CCmRefPtrT<ICmAcceptor> m_pAcceptor;
+    CCmRefPtrT<ICmForwardSession> m_pSession;
+    std::atomic<size_t> m_stJoined{0};
 };
 
 // One end of a stream. Sends a given number of messages, and counts the received bytes.
@@ -247,4 +268,43 @@ CCost StreamCost(const CTestNetwork& aNetwork, DWORD aType, size_t aMessages, DW
     const CCounters before = CCounters::Now();
     stream(aMessages);
     return CCost(CCounters::Now() - before, aMessages, aSize);
+}
+
+CCost ForwardCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aReceivers, size_t aMessages, DWORD aSize) {
+    CFanOut fanOut;
+    CCmInetAddr addr;
+    const auto inThread = [&](const std::function<void()>& aRun) { aInNetwork ? aNetwork.InNetwork(aRun) : aRun(); };
+    inThread([&] {
+        EXPECT_EQ(CM_OK, aNetwork.Manager().CreateForwardSession(&fanOut, fanOut.m_pSession.ParaOut()));
+        fanOut.m_pAcceptor =
+            aNetwork.Listen(fanOut, addr, CCmConnectionManager::CTYPE_TCP | CCmConnectionManager::CTYPE_PDU_PACKAGE);
+    });
+    std::vector<std::unique_ptr<CPlainPeer>> peers;
+    for (size_t i = 0; i < aReceivers; ++i) {
+        peers.push_back(std::make_unique<CPlainPeer>(addr, std::string("\1\0\0\0\0\0\0\17", 8)));
+        peers.back()->Trip();
+    }
+    aNetwork.RunUntil([&] { return fanOut.m_stJoined == aReceivers; });
+    const std::string strMessage(aSize, 'x');
+    const auto forward = [&] {
+        CCmMessageBlock block = ViewOf(strMessage);
+        EXPECT_EQ(CM_OK, fanOut.m_pSession->Forward(block));
+    };
+    const auto isSent = [&](size_t aCount) {
+        CCmForwardStatistics statistics;
+        inThread([&] { fanOut.m_pSession->GetStatistics(statistics); });
+        return statistics.m_Sent.m_ullMessages == aCount * aReceivers;
+    };
+    inThread(forward);
+    aNetwork.RunUntil([&] { return isSent(1); });
+    const CCounters before = CCounters::Now();
+    for (size_t n = 0; n < aMessages; ++n)
+        inThread(forward);
+    aNetwork.RunUntil([&] { return isSent(aMessages + 1); });
+    const CCost cost(CCounters::Now() - before, aMessages * aReceivers, aSize);
+    inThread([&] {
+        fanOut.m_pSession.Reset();
+        fanOut.m_pAcceptor.Reset();
+    });
+    return cost;
 }

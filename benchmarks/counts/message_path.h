@@ -30,3 +30,8 @@ CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages, const char* aPath
 // aMessages from one end to the other, both in the main thread behind proxies and of type aType, sent from inside events. Both
 // ends are counted, and the block that the application creates for each message.
 CCost StreamCost(const CTestNetwork& aNetwork, DWORD aType, size_t aMessages, DWORD aSize);
+
+// aMessages through a forward session in the network thread, one a turn, to aReceivers package connections whose peers are
+// plain sockets. The cost is that of a delivered message. aInNetwork FALSE: the main thread forwards, through the session's
+// proxy.
+CCost ForwardCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aReceivers, size_t aMessages, DWORD aSize);

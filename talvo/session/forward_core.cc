@@ -31,7 +31,7 @@ DWORD CForwardCore::GetMaxMessage() {
     m_Receivers.ForEach([this](const CForwardReceiver& aReceiver) {
         m_dwMaxOfReceivers = std::min(m_dwMaxOfReceivers, aReceiver.GetMaxMessage());
     });
-    return std::min(m_dwMaxMessage, m_dwMaxOfReceivers);
+    return GetLeastMaxMessage();
 }
 
 CmResult CForwardCore::Forward(CCmMessageBlock& aData, const CCmForwardHeader* aHeader) {
@@ -40,7 +40,7 @@ CmResult CForwardCore::Forward(CCmMessageBlock& aData, const CCmForwardHeader* a
     const DWORD dwLength = aData.GetChainedLength();
     if (dwLength == 0)
         return CM_OK;
-    if (dwLength > std::min(m_dwMaxMessage, m_dwMaxOfReceivers) && dwLength > GetMaxMessage())
+    if (dwLength > GetLeastMaxMessage() && dwLength > GetMaxMessage())
         return CM_ERROR_INVALID_ARG;
     CmResult rv = Admit_i(dwLength);
     if (rv != CM_OK)
@@ -70,8 +70,9 @@ CmResult CForwardCore::Admit_i(DWORD aLength) {
         ApplyLimits_i(dwTick);
     if (m_bHeldBack)
         return HoldBack_i(aLength);
-    const CmResult rv = MakeRoom_i(aLength, dwTick);
-    return rv == CM_ERROR_PARTIAL_DATA ? HoldBack_i(aLength) : rv;
+    if (const CmResult rv = MakeRoom_i(aLength, dwTick); rv != CM_OK)
+        return HoldBack_i(aLength);
+    return m_bClosed ? CM_ERROR_NOT_AVAILABLE : CM_OK;
 }
 
 CmResult CForwardCore::HoldBack_i(DWORD aLength) {
@@ -128,6 +129,8 @@ CmResult CForwardCore::MakeRoom_i(DWORD aLength, DWORD aTick) {
         if (m_Log.GetBegin() >= m_ullLeastNeeded) {
             if (const CmResult rv = ReleaseFirst_i(aTick); rv != CM_OK)
                 return rv;
+            if (m_bClosed)
+                break;  // inside an upcall
         }
         m_Log.DropFirst();
     }

@@ -1,6 +1,8 @@
 // The work of a forward session, in its thread.
 #pragma once
 
+#include <algorithm>
+
 #include "talvo/event/later_report.h"
 #include "talvo/event/timer_wrapper_id.h"
 #include "talvo/session/forward_log.h"
@@ -31,8 +33,10 @@ public:
     // The same for a message whose length was checked; aMessage is unchanged unless CM_OK.
     CmResult ForwardMessage(CForwardMessage& aMessage);
     void StartReceiver(DWORD aId);
-    // The longest message that all receivers can take.
+    // The longest message that all receivers can take. The second takes constant time; it may be lower, because a receiver that
+    // is gone still counts.
     DWORD GetMaxMessage();
+    DWORD GetLeastMaxMessage() const { return std::min(m_dwMaxMessage, m_dwMaxOfReceivers); }
 
     // From a receiver: its transport can take data; its transport has ended.
     void OnRoom(CForwardReceiver& aReceiver);

@@ -213,9 +213,13 @@ CCmString CForwardCore::Dump() const {
 }
 
 CmResult CForwardCore::Close(CmResult aReason) {
-    if (std::exchange(m_bClosed, true))
+    if (m_bClosed)
         return CM_ERROR_NOT_AVAILABLE;
     const CCmRefPtrT<CForwardCore> pKeep(this);
+    while (aReason == CM_OK && !m_bServing && !m_bClosed && ServeAll_i()) {
+    }
+    if (std::exchange(m_bClosed, true))
+        return CM_OK;  // inside an upcall
     CM_TRACE(CM_TRACE_SESSION,
              "CForwardCore::Close, receivers=" << m_Receivers.GetCount() << " rv=" << aReason << " this=" << this);
     m_Timer.Cancel();

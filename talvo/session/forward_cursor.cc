@@ -9,6 +9,8 @@ namespace {
 
 constexpr DWORD NO_LIMIT = std::numeric_limits<DWORD>::max();
 
+constexpr DWORD MOST_MILLISECONDS = 0x7FFFFFFF;  // half of the range of ticks
+
 DWORD LimitOf(DWORD aOption) { return aOption > 0 ? aOption : NO_LIMIT; }
 
 }  // namespace
@@ -19,7 +21,8 @@ CForwardCursor::CForwardCursor(const CForwardLog& aLog, const CCmForwardReceiver
       m_ullBytesJoined(aLog.GetBytesForwarded()),
       m_dwMaxMessages(LimitOf(aOptions.m_dwMaxMessages)),
       m_dwMaxBytes(LimitOf(aOptions.m_dwMaxBytes)),
-      m_dwMaxMilliseconds(LimitOf(aOptions.m_dwMaxMilliseconds)),
+      m_dwMaxMilliseconds(aOptions.m_dwMaxMilliseconds > 0 ? std::min(aOptions.m_dwMaxMilliseconds, MOST_MILLISECONDS)
+                                                           : NO_LIMIT),
       m_byPolicy(static_cast<BYTE>(aOptions.m_Policy)) {
     switch (aOptions.m_Join) {
     case CM_FORWARD_JOIN_NEXT:

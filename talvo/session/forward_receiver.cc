@@ -7,6 +7,7 @@
 #include "talvo/session/forward_core.h"
 #include "talvo/transport/connection_type.h"
 #include "talvo/transport/datagram.h"
+#include "talvo/transport/drained_transport.h"
 #include "talvo/transport/thread_proxy/proxy_options.h"
 
 namespace talvo {
@@ -26,6 +27,9 @@ CForwardReceiver::CForwardReceiver(CForwardCore& aCore, const CForwardLog& aLog,
 CForwardReceiver::~CForwardReceiver() { --s_Live; }
 
 CmResult CForwardReceiver::Attach(ICmTransport* aTransport) {
+    const auto* pOwn = dynamic_cast<CDrainedTransport*>(aTransport);
+    if (pOwn && !pOwn->IsOfThisThread())
+        return CM_ERROR_INVALID_ARG;
     ICmTransport* pInner = nullptr;
     const CmResult rv = aTransport->GetOption(CM_OPT_TRANSPORT_INNER_TRANSPORT, &pInner);
     if (rv == CM_ERROR_NULL_POINTER || rv == CM_ERROR_NOT_AVAILABLE)

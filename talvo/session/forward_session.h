@@ -144,7 +144,7 @@ public:
     // ended.
     virtual CCmString Dump() = 0;
 
-    // Disconnects and releases all transports with aReason. Messages not sent yet are lost: look at the lag before. No upcall
-    // follows. CM_ERROR_NOT_AVAILABLE: it is closed already.
+    // Disconnects and releases all transports with aReason. CM_OK: messages that the transports can take now are sent before.
+    // All others are lost: look at the lag before. No upcall follows. CM_ERROR_NOT_AVAILABLE: it is closed already.
     virtual CmResult Close(CmResult aReason) = 0;
 };

@@ -93,11 +93,7 @@ CmResult CForwardProxyCore::AddReceiver(ICmTransport* aTransport, const CCmForwa
 }
 
 CmResult CForwardProxyCore::RemoveReceiver(DWORD aId, CmResult aReason) {
-    return Call_i([&](CForwardCore& aCore) {
-        const CmResult rv = aCore.RemoveReceiver(aId, aReason);
-        NoteLimit_i();
-        return rv;
-    });
+    return Call_i([&](CForwardCore& aCore) { return aCore.RemoveReceiver(aId, aReason); });
 }
 
 CmResult CForwardProxyCore::SetOption(DWORD aCommand, void* aArg) {
@@ -127,7 +123,7 @@ CmResult CForwardProxyCore::Forward(CCmMessageBlock& aData, const CCmForwardHead
     const DWORD dwLength = aData.GetChainedLength();
     if (dwLength == 0)
         return CM_OK;
-    if (dwLength > m_dwMaxMessage)
+    if (IsTooLong_i(dwLength))
         return CM_ERROR_INVALID_ARG;
     BOOL bWake = FALSE;
     CmResult rv = m_Queue.Push(aData, dwLength, aHeader, bWake);
@@ -140,6 +136,16 @@ CmResult CForwardProxyCore::Forward(CCmMessageBlock& aData, const CCmForwardHead
         GetNetwork().WakeUp();
     aData.AdvanceChainedReadPtr(dwLength);
     return CM_OK;
+}
+
+// A receiver that is gone may have had the lowest limit; the network thread has the present one.
+BOOL CForwardProxyCore::IsTooLong_i(DWORD aLength) {
+    if (aLength > m_dwMaxMessage)
+        Call_i([this](CForwardCore& aCore) {
+            m_dwMaxMessage = aCore.GetMaxMessage();
+            return CM_OK;
+        });
+    return aLength > m_dwMaxMessage;
 }
 
 CmResult CForwardProxyCore::Close(CmResult aReason) {
@@ -203,7 +209,6 @@ void CForwardProxyCore::ReportRoom_i() {
 }
 
 void CForwardProxyCore::OnReceiver(DWORD aId, CmResult aReason) {
-    NoteLimit_i();
     GetUser().Post([pThis = CCmRefPtrT<CForwardProxyCore>(this), aId, aReason] {
         if (ICmForwardSink* pSink = pThis->m_pSink)
             pSink->OnReceiver(aId, aReason);

@@ -66,7 +66,8 @@ public:
 private:
     template <class Use>
     CmResult Call_i(Use aUse);
-    void NoteLimit_i() { m_dwMaxMessage = m_pCore->GetMaxMessage(); }
+    BOOL IsTooLong_i(DWORD aLength);
+    void NoteLimit_i() { m_dwMaxMessage = m_pCore->GetLeastMaxMessage(); }
     void Drain_i();
     void End_i(CmResult aReason);
     void EndAbandoned_i();

@@ -8,6 +8,10 @@ namespace talvo {
 
 // From its opening on, it ends gracefully with its thread, unless a layer above ends it: see ECmDrainStage.
 class TALVO_API CDrainedTransport : public ICmTransport, protected CCmThreadTenant {
+public:
+    // Any thread.
+    virtual BOOL IsOfThisThread() const = 0;
+
 protected:
     // CM_OPT_TRANSPORT_LAYERED. CM_OK.
     CmResult SetLayered_i(BOOL aLayered);

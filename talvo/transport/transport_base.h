@@ -26,6 +26,7 @@ public:
     CmResult OpenWithSink(ICmTransportSink* aSink) override;
     ICmTransportSink* GetSink() override { return m_pSink; }
     CmResult Disconnect(CmResult aReason) override;
+    BOOL IsOfThisThread() const override { return m_Est.IsCurrentThread(); }
 
     int OnClose(HANDLE aFd, long aMask) override;
 

@@ -25,6 +25,7 @@ public:
     // CM_ERROR_INVALID_ARG: aSink is null. CM_ERROR_NOT_AVAILABLE: the connection has ended, or was never opened.
     CmResult OpenWithSink(ICmTransportSink* aSink) override;
     ICmTransportSink* GetSink() override { return m_pSink; }
+    BOOL IsOfThisThread() const override { return m_Est.IsCurrentThread(); }
 
     // The transport below; this connection ends it gracefully and keeps a reference.
     void SetTPTransport(ICmTransport* aTransport);
