@@ -13,6 +13,10 @@ CCmLiveCounter s_Live("CForwardSessionProxy");
 
 using Guard = CCmMutexGuardT<CCmMutexThread>;
 
+BOOL Add(std::vector<CForwardMessage>& aTo, CForwardMessage& aMessage) {
+    return WithMemory([&] { aTo.push_back(std::move(aMessage)); });
+}
+
 }  // namespace
 
 CmResult CForwardQueue::Push(const CCmMessageBlock& aData, DWORD aLength, const CCmForwardHeader* aHeader, BOOL& aWake) {
@@ -23,7 +27,7 @@ CmResult CForwardQueue::Push(const CCmMessageBlock& aData, DWORD aLength, const 
     }
     CForwardMessage message;
     const CmResult rv = m_Packer.Pack(aData, aLength, aHeader, message);
-    if (rv != CM_OK || !WithMemory([&] { m_Messages.push_back(std::move(message)); }))
+    if (rv != CM_OK || !Add(m_Messages, message))
         return CM_ERROR_OUT_OF_MEMORY;
     m_ullWaiting += aLength + MESSAGE_COST;
     m_dwQuiet += aLength + MESSAGE_COST;

@@ -180,6 +180,11 @@ TEST(ForwardProxyTest, OtherThreadsForwardInTheirOrder) {
     CTestSink user(*pTransport);
     EXPECT_EQ(CM_OK, pSession->AddReceiver(pTransport.Get(), Options(CM_FORWARD_WAIT), dwId));
     EXPECT_EQ(CM_ERROR_FOUND, pSession->AddReceiver(pTransport.Get(), {}, dwId));
+    CCmRefPtrT<ICmForwardSession> pHere;
+    EXPECT_EQ(CM_OK, CCmConnectionManager::CreateForwardSession_i(&sink, pHere.ParaOut()));
+    auto* pInner = Get<ICmTransport*>(*pTransport, CM_OPT_TRANSPORT_INNER_TRANSPORT);
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, pHere->AddReceiver(pInner, {}, dwId)) << "it is of another thread";
+    EXPECT_EQ(CM_ERROR_INVALID_ARG, pHere->AddReceiver(pTransport.Get(), {}, dwId));
     sink.m_Inside = [&](const std::string& aLine) {
         if (aLine == "join 1")
             EXPECT_EQ(CM_OK, SendText(*pTransport, "snapshot "));
