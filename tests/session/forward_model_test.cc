@@ -220,8 +220,9 @@ protected:
             ASSERT_EQ(p->m_ullSent, statistics.m_Sent.m_ullMessages);
             const uint64_t ullLeft = p->m_ullDropped + p->m_ullConflated + p->m_Queue.size() + p->m_Replay.size();
             ASSERT_EQ(p->m_ullSent + ullLeft, statistics.m_Due.m_ullMessages);
-            if (p->m_Options.m_Join != CM_FORWARD_JOIN_ALL_KEYS)  // a replay counts late what was replaced
+            if (p->m_Options.m_Join != CM_FORWARD_JOIN_ALL_KEYS) {  // a replay counts late what was replaced
                 ASSERT_EQ(p->m_ullDropped, statistics.m_Dropped.m_ullMessages);
+            }
         }
         StatisticsOf(*m_pSession);
     }

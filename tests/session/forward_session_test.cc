@@ -186,8 +186,9 @@ TEST(ForwardProxyTest, OtherThreadsForwardInTheirOrder) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, pHere->AddReceiver(pInner, {}, dwId)) << "it is of another thread";
     EXPECT_EQ(CM_ERROR_INVALID_ARG, pHere->AddReceiver(pTransport.Get(), {}, dwId));
     sink.m_Inside = [&](const std::string& aLine) {
-        if (aLine == "join 1")
+        if (aLine == "join 1") {
             EXPECT_EQ(CM_OK, SendText(*pTransport, "snapshot "));
+        }
     };
     constexpr int MESSAGES = 2000;
     const auto forward = [&](char aWho) {
