@@ -203,7 +203,7 @@ protected:
         const CSaid said{std::string(LENGTH - strNumber.size(), ' ') + strNumber, Below(3) ? Below(6) : 0,
                          m_bKeyMessages && Below(12) == 0};
         const CmResult rv = m_Model.Forward(m_Present, said);
-        ASSERT_EQ(rv, Forward(said.m_strText, said.m_ullKey, said.m_bKeyMessage ? CCmForwardHeader::KEY_MESSAGE : 0));
+        ASSERT_EQ(rv, Forward(said.m_strText, said.m_ullKey, said.m_bKeyMessage ? DWORD{CCmForwardHeader::KEY_MESSAGE} : 0));
         std::erase_if(m_Present, [](const CModelReceiver* p) { return p->m_bGone; });
     }
     void MakeRoom(CModelReceiver& aReceiver, DWORD aBytes) {
