@@ -31,23 +31,24 @@ CmResult CForwardReceiver::Attach(ICmTransport* aTransport) {
     if (pOwn && !pOwn->IsOfThisThread())
         return CM_ERROR_INVALID_ARG;
     ICmTransport* pInner = nullptr;
-    const CmResult rv = aTransport->GetOption(CM_OPT_TRANSPORT_INNER_TRANSPORT, &pInner);
-    if (rv == CM_ERROR_NULL_POINTER || rv == CM_ERROR_NOT_AVAILABLE)
+    CmResult rv = aTransport->GetOption(CM_OPT_TRANSPORT_INNER_TRANSPORT, &pInner);
+    if (rv == CM_ERROR_NULL_POINTER || (rv == CM_ERROR_NOT_AVAILABLE && !pOwn))
         return CM_ERROR_NULL_POINTER;
-    m_pSending = rv == CM_OK ? pInner : aTransport;
-    const CmResult rvAttach = rv == CM_OK ? AttachProxy_i(aTransport) : AttachDirect_i(aTransport);
-    if (rvAttach == CM_OK)
+    rv = rv == CM_OK ? AttachProxy_i(aTransport, pInner) : AttachDirect_i(aTransport);
+    if (rv == CM_OK)
         m_pTransport = aTransport;
-    else
-        m_pSending.Reset();
-    return rvAttach;
+    return rv;
 }
 
-CmResult CForwardReceiver::AttachProxy_i(ICmTransport* aTransport) {
-    FindWay_i();
+// The proxy's core refuses other threads, before anything is done with the transport of its thread.
+CmResult CForwardReceiver::AttachProxy_i(ICmTransport* aTransport, ICmTransport* aInner) {
     ICmTransportSink* pSink = this;
+    if (const CmResult rv = aTransport->SetOption(OPT_PROXY_SENDER, &pSink); rv != CM_OK)
+        return rv;
     m_bProxy = true;
-    return aTransport->SetOption(OPT_PROXY_SENDER, &pSink);
+    m_pSending = aInner;
+    FindWay_i();
+    return CM_OK;
 }
 
 CmResult CForwardReceiver::AttachDirect_i(ICmTransport* aTransport) {
@@ -56,9 +57,12 @@ CmResult CForwardReceiver::AttachDirect_i(ICmTransport* aTransport) {
         return CM_ERROR_FOUND;
     if (!pSink)
         return CM_ERROR_INVALID_ARG;
-    FindWay_i();
+    if (aTransport->OpenWithSink(this) != CM_OK)
+        return CM_ERROR_NULL_POINTER;
     m_pUserSink = pSink;
-    return aTransport->OpenWithSink(this) == CM_OK ? CM_OK : CM_ERROR_NULL_POINTER;
+    m_pSending = aTransport;
+    FindWay_i();
+    return CM_OK;
 }
 
 void CForwardReceiver::FindWay_i() {

@@ -62,7 +62,7 @@ public:
 private:
     enum EWay : BYTE { FRAMES /* its connection takes them */, STREAM /* it counts the bytes itself */, MESSAGES, DATAGRAMS };
 
-    CmResult AttachProxy_i(ICmTransport* aTransport);
+    CmResult AttachProxy_i(ICmTransport* aTransport, ICmTransport* aInner);
     CmResult AttachDirect_i(ICmTransport* aTransport);
     void FindWay_i();
     EForwardFraming GetFraming_i() const;
