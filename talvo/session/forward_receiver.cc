@@ -32,7 +32,7 @@ CmResult CForwardReceiver::Attach(ICmTransport* aTransport) {
         return CM_ERROR_INVALID_ARG;
     ICmTransport* pInner = nullptr;
     CmResult rv = aTransport->GetOption(CM_OPT_TRANSPORT_INNER_TRANSPORT, &pInner);
-    if (rv == CM_ERROR_NULL_POINTER || (rv == CM_ERROR_NOT_AVAILABLE && !pOwn))
+    if (rv == CM_ERROR_NULL_POINTER || rv == CM_ERROR_NOT_AVAILABLE)
         return CM_ERROR_NULL_POINTER;
     rv = rv == CM_OK ? AttachProxy_i(aTransport, pInner) : AttachDirect_i(aTransport);
     if (rv == CM_OK)

@@ -113,8 +113,8 @@ public:
     // CM_ERROR_NOT_AVAILABLE from the end of OnJoin on.
     //
     // aTransport belongs to the session's thread, or is a thread proxy, whose transport in the network thread is used. aId
-    // (out): the receiver, never 0. CM_ERROR_INVALID_ARG: aTransport is null or unopened, an unknown policy or join point, or
-    // a session without proxy and a transport of another thread. CM_ERROR_FOUND: it is a receiver of a session.
+    // (out): the receiver, never 0. CM_ERROR_INVALID_ARG: aTransport is null, has no sink because it is unopened or closed, or
+    // is of another thread than the session; or an unknown policy or join point. CM_ERROR_FOUND: it is a receiver of a session.
     // CM_ERROR_NULL_POINTER: aTransport has ended. CM_ERROR_PARTIAL_DATA: the session has as many receivers as it may have.
     // CM_ERROR_NOT_AVAILABLE: the session is closed. CM_ERROR_OUT_OF_MEMORY. On any failure the transport stays the user's.
     virtual CmResult AddReceiver(ICmTransport* aTransport, const CCmForwardReceiverOptions& aOptions, DWORD& aId) = 0;
