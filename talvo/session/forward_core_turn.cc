@@ -60,6 +60,7 @@ void CForwardCore::Remove_i(CForwardReceiver& aReceiver, CmResult aReason, BOOL 
     last.m_dwReceivers = 0;
     m_Gone += last;
     m_Receivers.Remove(aReceiver);
+    aReceiver.m_bReports = aNotify;
     if (aNotify)
         AddNotice_i(aReceiver);
     if (m_bForwardDue)
@@ -72,6 +73,7 @@ void CForwardCore::StartReceiver(DWORD aId) {
     if (!pReceiver || pReceiver->IsStarted())
         return;
     pReceiver->Start();
+    RaiseBound_i(pReceiver->GetCursor());  // scans before have left it out
     m_Turn.Arm();
 }
 
@@ -106,7 +108,8 @@ void CForwardCore::NotifyReceivers_i() {
         pNext = std::move(pReceiver->m_pNextNotice);
         pReceiver->m_bNoticed = false;
         if (pReceiver->IsGone()) {
-            m_Sink.OnReceiver(pReceiver->GetId(), pReceiver->GetReason());
+            if (pReceiver->m_bReports)
+                m_Sink.OnReceiver(pReceiver->GetId(), pReceiver->GetReason());
             continue;
         }
         m_Sink.OnJoin(pReceiver->GetId());

@@ -58,6 +58,7 @@ public:
 
     CCmRefPtrT<CForwardReceiver> m_pNextNotice;  // the list of those with an upcall to come
     bool m_bNoticed = false;                     // in that list
+    bool m_bReports = false;                     // it is gone, and OnReceiver is due
 
 private:
     enum EWay : BYTE { FRAMES /* its connection takes them */, STREAM /* it counts the bytes itself */, MESSAGES, DATAGRAMS };

@@ -7,7 +7,7 @@
 #include "talvo/transport/transport_interface.h"
 
 // The behaviour of a receiver that has reached a limit of its lag, see CCmForwardReceiverOptions. The next Forward applies it
-// before it adds its message; the limit in milliseconds is applied also without a Forward.
+// at the latest, before it adds its message; the limit in milliseconds is applied also without a Forward.
 enum ECmForwardPolicy : DWORD {
     // The receiver is removed with CM_ERROR_PARTIAL_DATA (10013).
     CM_FORWARD_DISCONNECT = 0,
