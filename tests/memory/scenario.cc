@@ -222,6 +222,27 @@ bool UseThreads(CWorld& aWorld) {
 }
 
 // Both ends are here and end together, so one may lose what the other no longer receives.
+struct CProxyAsker final : ICmObserver {
+    void OnObserve(const char*, void* aData) override { m_Result = static_cast<CCmProxyAnswer*>(aData)->GetResult(); }
+    CmResult m_Result = CM_ERROR_WOULD_BLOCK;
+};
+
+// The user's proxies, found anew.
+bool FindProxies(CWorld& aWorld) {
+    static const CCmString URL = "http://a-name-that-needs-memory.example/";
+    CProxyAsker asker;
+    CCmRefPtrT<CCmProxyAnswer> pAnswer;
+    const CmResult rv = CWorld::Do([&]() -> CmResult {
+        CCmProxyDiscovery* pDiscovery = CCmProxyDiscovery::Instance();
+        if (pDiscovery)
+            pDiscovery->Refresh();
+        return pDiscovery ? pDiscovery->Find(pAnswer.ParaOut(), URL, &asker) : CM_ERROR_OUT_OF_MEMORY;
+    });
+    if (rv == CM_ERROR_WOULD_BLOCK)
+        Require(aWorld.Run([&] { return asker.m_Result != rv; }), "a question for proxies has no answer");
+    return asker.m_Result == CM_OK;
+}
+
 bool IsDrained(CmResult aResult) { return aResult == CM_OK || aResult == CM_ERROR_NETWORK_SOCKET_ERROR; }
 
 bool DrainWithSink(CWorld& aWorld) {
@@ -301,6 +322,7 @@ const std::vector<CScenario> SCENARIOS = {
     ConnectOf("ConnectToNameProxy", TCP | PROXY),
     ConnectOf("ConnectToNameUdp", UDP),
     {"ConnectThroughProxies", MAIN, ConnectThroughProxies},
+    {"FindProxies", MAIN, FindProxies},
     {"Http", MAIN, AskAndAnswer},
     {"HttpTwoThreads", OWN, AskAndAnswer},
     {"Threads", MAIN, UseThreads},

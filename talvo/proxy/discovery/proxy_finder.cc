@@ -32,8 +32,10 @@ void CProxyFinder::Start(const CProxyOrigin& aOrigin) {
         pSlot = std::unique_ptr<CProxyEvaluation>(new CProxyEvaluation(*this, aOrigin));
         pEvaluation = pSlot.get();
     });
-    if (!bMemory)
-        return FailAll_i();
+    if (!bMemory) {
+        m_Running.erase(aOrigin.m_strUrl);
+        return Fail_i(aOrigin.m_strUrl);
+    }
     if (!m_bLoaded && !Load_i())
         return FailAll_i();
     Check();
@@ -110,11 +112,14 @@ void CProxyFinder::OnEvaluated(CProxyEvaluation& aEvaluation, CCmProxyAnswer::CV
 void CProxyFinder::FailAll_i() {
     CEvaluations old;
     old.swap(m_Running);
-    for (const auto& [strUrl, pEvaluation] : old) {
-        CCmProxyAnswer::CValue value;
-        value.m_Result = CM_ERROR_OUT_OF_MEMORY;
-        m_User.OnProxyFound(m_dwGeneration, strUrl, std::move(value), 0);
-    }
+    for (const auto& entry : old)
+        Fail_i(entry.first);
+}
+
+void CProxyFinder::Fail_i(const CCmString& aUrl) {
+    CCmProxyAnswer::CValue value;
+    value.m_Result = CM_ERROR_OUT_OF_MEMORY;
+    m_User.OnProxyFound(m_dwGeneration, aUrl, std::move(value), 0);
 }
 
 CPacTextPtr CProxyFinder::GetGoodScript(const CCmString& aUrl) const { return aUrl == m_strGoodUrl ? m_pGoodScript : nullptr; }

@@ -67,6 +67,7 @@ private:
     void BeginAnew_i(const char* aChange);
     void StartAll_i();
     void FailAll_i();
+    void Fail_i(const CCmString& aUrl);
 
     IProxyFinderUser& m_User;
     CProxySources m_Sources;
