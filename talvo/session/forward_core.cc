@@ -199,7 +199,8 @@ CmResult CForwardCore::Append_i(CForwardMessage& aMessage) {
         TrimHistory_i();
         return CM_OK;
     }
-    if (m_dwLeastMilliseconds > 0 && !m_bTimer)
+    const DWORD dwTick = get_tick_count() + m_dwLeastMilliseconds;
+    if (m_dwLeastMilliseconds > 0 && (!m_bTimer || static_cast<int32_t>(m_dwTimerTick - dwTick) > 0))
         StartTimer_i(m_dwLeastMilliseconds);
     ++m_dwUnserved;
     m_dwUnservedBytes += dwLength;
