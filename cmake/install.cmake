@@ -11,7 +11,7 @@ install(CODE "set(SOURCE \"${PROJECT_SOURCE_DIR}\")
   include(\"${PROJECT_SOURCE_DIR}/cmake/public_headers.cmake\")")
 # The library for tests: find_package(talvo COMPONENTS testing), or by itself with `cmake --install BUILD --component testing`.
 install(TARGETS talvo_testing talvo_testing_faults EXPORT talvo-testing-targets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT testing)
-foreach(header channel_log fake_clock faults scripted_http scripted_transport sim_intruder sim_link sim_network sim_observer sim_pair sim_peer sim_reliable_peer sim_seeds sim_wild_peer sim_wild_sides testing trace_capture upcall_log)
+foreach(header channel_log fake_clock faults scripted_http scripted_transport sim_forward_model sim_intruder sim_link sim_network sim_observer sim_pair sim_peer sim_reliable_peer sim_seeds sim_wild_peer sim_wild_sides testing trace_capture upcall_log)
   install(FILES talvo/testing/${header}.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/talvo/testing COMPONENT testing)
 endforeach()
 file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})

@@ -13,6 +13,7 @@
 #include "tools/connection_type.h"
 #include "tools/console.h"
 #include "tools/file_name.h"
+#include "tools/forwarding.h"
 #include "tools/proxy_arguments.h"
 #include "tools/text.h"
 #include "tools/tls_arguments.h"
@@ -39,6 +40,9 @@ constexpr const char* FOOTER = R"(Examples:
   talvo echo --tls --port 7000 --cert server.pem --key server.key
   talvo ping --tls --cacert root.pem localhost:7000
   talvo tls www.example.com:443
+  vmstat -n 1 | talvo publish --port 7000
+  talvo publish --port 7000 --type length --file prices.txt --rate 100 --policy conflate --key-field 1
+  talvo subscribe --type length 192.0.2.7:7000 --join all-keys
   talvo flaky 127.0.0.1:7001 127.0.0.1:7000 --every 500 --faults reset,stall
 
 An endpoint is a host and a port, with an IPv6 address in brackets, or a Unix socket:
@@ -318,6 +322,40 @@ std::string CheckFlaky(Arguments& a) {
     return strListen.empty() ? ParseEndpoint(a.m_strEndpoint, a.m_AddrTarget) : strListen;
 }
 
+void DeclarePublish(CLI::App& aApp, Arguments& a) {
+    DeclareListening(aApp, a);
+    DeclareType(aApp, a);
+    DeclareTlsServer(aApp, a);
+    aApp.add_option("--policy", a.m_strPolicy,
+                    "Of a receiver that is 1 MiB behind: disconnect (the default), drop-oldest, conflate, or wait, which holds "
+                    "back all others")
+        ->check(CLI::IsMember(GetPolicyNames()))
+        ->option_text("POLICY");
+    AddNumber(aApp, "--key-field", a.m_dwKeyField, 1, 1000,
+              "The field of a line, counted from 1 and separated by blanks, that is its key");
+    aApp.add_option("--file", a.m_strFile, "File with the lines; by default stdin")->option_text("FILE");
+    AddNumber(aApp, "--rate", a.m_dwRate, 1, 1000000, "Lines a second; by default as they come");
+}
+
+std::string CheckPublish(Arguments& a) {
+    a.m_Policy = ChoosePolicy(a.m_strPolicy);
+    if (a.m_Policy == CM_FORWARD_CONFLATE && a.m_dwKeyField == 0)
+        return "--policy conflate needs --key-field";
+    return CheckListening(a);
+}
+
+void DeclareSubscribe(CLI::App& aApp, Arguments& a) {
+    DeclareType(aApp, a);
+    DeclareTlsClient(aApp, a);
+    DeclareEndpoint(aApp, a, "Endpoint of `talvo publish`, see talvo --help");
+    aApp.add_option("--join", a.m_strJoin,
+                    "The first lines: next (the default), all-keys (the newest line of each key) or oldest (all that is kept)")
+        ->check(CLI::IsMember(GetJoinNames()))
+        ->option_text("POINT");
+}
+
+std::string CheckSubscribe(Arguments& a) { return CheckPeer(a, a.m_strEndpoint); }
+
 struct Subcommand {
     const char* m_pName;
     const char* m_pSummary;
@@ -334,6 +372,8 @@ constexpr Subcommand SUBCOMMANDS[] = {
     {"get", "Fetch a file by its URL", DeclareGet, CheckGet, RunGet},
     {"resolve", "Look up the addresses of host names", DeclareResolve, CheckResolve, RunResolve},
     {"serve", "Serve the files of a directory over HTTP or https", DeclareServe, CheckServe, RunServe},
+    {"publish", "Forward lines to any number of `talvo subscribe`", DeclarePublish, CheckPublish, RunPublish},
+    {"subscribe", "Print the lines of a `talvo publish`", DeclareSubscribe, CheckSubscribe, RunSubscribe},
     {"flaky", "Forward connections, and break them by a plan", DeclareFlaky, CheckFlaky, RunFlaky},
     {"tls", "Show the TLS of a server: certificates, protocol, resumption", DeclareTls, CheckTls, RunTls},
 };

@@ -46,6 +46,13 @@ struct Arguments {
     CCmInetAddr m_AddrTarget;  // flaky
     FlakyPlan m_Flaky;
 
+    std::string m_strPolicy = "disconnect";             // publish
+    ECmForwardPolicy m_Policy = CM_FORWARD_DISCONNECT;  // publish, from m_strPolicy
+    DWORD m_dwKeyField = 0;                             // publish; 0: lines have no keys
+    std::string m_strFile;                              // publish; "": stdin
+    DWORD m_dwRate = 0;                                 // publish; 0: no limit
+    std::string m_strJoin = "next";                     // subscribe
+
     ProxyOptions m_Proxy;  // get, ping, send
 
     std::vector<std::string> m_vecEndpoints;  // ping: as given

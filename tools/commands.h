@@ -14,5 +14,7 @@ int RunResolve(const Arguments& aArguments);
 int RunServe(const Arguments& aArguments);
 int RunTls(const Arguments& aArguments);
 int RunFlaky(const Arguments& aArguments);
+int RunPublish(const Arguments& aArguments);
+int RunSubscribe(const Arguments& aArguments);
 
 }  // namespace tool

@@ -6,6 +6,7 @@
 #include "talvo/testing/fake_clock.h"
 #include "talvo/testing/scripted_http.h"
 #include "talvo/testing/scripted_transport.h"
+#include "talvo/testing/sim_forward_model.h"
 #include "talvo/testing/sim_intruder.h"
 #include "talvo/testing/sim_network.h"
 #include "talvo/testing/sim_pair.h"

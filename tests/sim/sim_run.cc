@@ -1,9 +1,12 @@
-#include <cstring>
+#include <string>
 
 #include "tests/sim/sim_scenario.h"
 
-// sim_run [reliable] [FIRST_SEED [COUNT]]
+// sim_run [reliable|forward] [FIRST_SEED [COUNT]]
 int main(int argc, char** argv) {
-    const bool bReliable = argc > 1 && std::strcmp(argv[1], "reliable") == 0;
-    return bReliable ? cm_sim_main(argc - 1, argv + 1, RunReliableScenario) : cm_sim_main(argc, argv, RunScenario);
+    const std::string strScenario = argc > 1 ? argv[1] : "";
+    if (strScenario == "reliable")
+        return cm_sim_main(argc - 1, argv + 1, RunReliableScenario);
+    return strScenario == "forward" ? cm_sim_main(argc - 1, argv + 1, RunForwardScenario)
+                                    : cm_sim_main(argc, argv, RunScenario);
 }

@@ -7,3 +7,5 @@
 void RunScenario(CCmSimNetwork& aNetwork);
 // The same for reliable connections, over networks that break.
 void RunReliableScenario(CCmSimNetwork& aNetwork);
+// A session that forwards to receivers of every kind.
+void RunForwardScenario(CCmSimNetwork& aNetwork);

@@ -27,6 +27,12 @@ TEST_P(SimSeedsTest, ReliableConnectionsLoseAndDoubleNothing) {
         << "seed " << failed.m_ullSeed << ", see sim_run reliable: " << failed.m_Failures.front();
 }
 
+TEST_P(SimSeedsTest, ReceiversOfASessionGetTheirMessages) {
+    CCmSimRun failed;
+    ASSERT_TRUE(cm_sim_run_seeds(RunForwardScenario, GetParam(), SEEDS_A_TEST / 2, failed))
+        << "seed " << failed.m_ullSeed << ", see sim_run forward: " << failed.m_Failures.front();
+}
+
 INSTANTIATE_TEST_SUITE_P(From, SimSeedsTest, testing::Range<uint64_t>(1, SEEDS + 1, SEEDS_A_TEST),
                          [](const auto& aInfo) { return std::to_string(aInfo.param); });
 

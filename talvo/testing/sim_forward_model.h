@@ -1,0 +1,76 @@
+// The messages that the receivers of a forward session must get, from the list of its forwards: a queue for each receiver.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "talvo/session/forward_session.h"
+
+// Slow and plain. It follows a session by the results of Forward and the statistics of its receivers: these say how many
+// messages were sent and when; the model says which ones, and all other numbers. Times are those of get_tick_count. The log of
+// the session must be large enough for all messages.
+//
+//    model.Add(id, options);
+//    model.Look(session, tick);                        before each change
+//    model.OnForward(session, rv, length, header, tick)  after a Forward
+//    model.GetFailure()                                "": the session did what it must
+class CCmSimForwardModel {
+public:
+    // What a receiver must get.
+    struct CReceiver {
+        CCmForwardReceiverOptions m_Options;
+        std::deque<uint64_t> m_Queue;     // the numbers of the messages that are due and not sent; the first message is 0
+        std::vector<uint64_t> m_Numbers;  // of those that were sent
+        CCmForwardCount m_Due, m_Sent, m_Dropped, m_Conflated;
+        uint64_t m_ullJoined = 0;    // the number of the first message that it was too early for
+        BOOL m_bJoined = FALSE;      // its OnJoin is over: before, no limit applies
+        BOOL m_bAwaitsKey = FALSE;   // it drops all messages until a KEY_MESSAGE,
+        BOOL m_bDueFromKey = FALSE;  // which are not even due
+        BOOL m_bGone = FALSE;        // its policy has removed it
+    };
+
+    void Add(DWORD aId, const CCmForwardReceiverOptions& aOptions);
+    void Join(DWORD aId) { m_Receivers[aId].m_bJoined = TRUE; }
+    // The receiver was removed, or its transport has ended.
+    void Remove(DWORD aId) { m_Receivers.erase(aId); }
+    // Takes over what was sent since the last call, and compares all numbers.
+    void Look(ICmForwardSession& aSession, DWORD aTick);
+    void OnForward(ICmForwardSession& aSession, CmResult aResult, DWORD aLength, const CCmForwardHeader& aHeader, DWORD aTick);
+
+    uint64_t GetNextNumber() const { return m_Messages.size(); }
+    DWORD GetLength(uint64_t aNumber) const { return m_Messages[aNumber].m_dwLength; }
+    // Null: there is none.
+    const CReceiver* Find(DWORD aId) const;
+    // TRUE: a limit of the receiver is reached, so that its policy may act.
+    BOOL IsAtLimit(const CReceiver& aReceiver, DWORD aTick) const;
+    std::string Describe(DWORD aId) const { return Find(aId) ? Difference_i(*Find(aId), {}) : ""; }
+    const std::string& GetFailure() const { return m_strFailure; }
+
+private:
+    struct CMessage {
+        uint64_t m_ullKey;
+        DWORD m_dwFlags;
+        DWORD m_dwLength;
+        DWORD m_dwTick;
+    };
+
+    void Fail_i(DWORD aId, const std::string& aText);
+    BOOL IsFirstOld_i(const CReceiver& aReceiver, DWORD aTick) const;
+    CCmForwardCount CountQueue_i(const CReceiver& aReceiver, BOOL aLimited) const;
+    void PopSent_i(CReceiver& aReceiver, uint64_t aCount) const;
+    void DropFirst_i(CReceiver& aReceiver) const;
+    void DropOldest_i(CReceiver& aReceiver, DWORD aTick) const;
+    void Push_i(CReceiver& aReceiver, uint64_t aNumber, uint64_t aReplaced) const;
+    BOOL Matches_i(CReceiver& aReceiver, const CCmForwardStatistics& aStatistics) const;
+    std::string Difference_i(const CReceiver& aReceiver, const CCmForwardStatistics& aStatistics) const;
+    BOOL TryForward_i(CReceiver& aReceiver, const CCmForwardStatistics* aStatistics, CmResult aResult, uint64_t aReplaced,
+                      DWORD aTick) const;
+
+    std::vector<CMessage> m_Messages;
+    std::map<uint64_t, uint64_t> m_Newest;  // of each key
+    uint64_t m_ullLastKeyMessage = UINT64_MAX;
+    std::map<DWORD, CReceiver> m_Receivers;
+    std::string m_strFailure;
+};

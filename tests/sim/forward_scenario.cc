@@ -1,0 +1,368 @@
+// A forward session whose receivers are slow, paused, broken, and come and go.
+#include <cstring>
+#include <optional>
+
+#include "talvo/talvo.h"
+#include "talvo/testing/testing.h"
+#include "tests/sim/sim_scenario.h"
+
+namespace {
+
+using Manager = CCmConnectionManager;
+
+constexpr DWORD TCP = Manager::CTYPE_TCP;
+constexpr DWORD UDP = Manager::CTYPE_UDP;
+constexpr DWORD PACKAGE = Manager::CTYPE_PDU_PACKAGE;
+constexpr DWORD NO_PARTIAL = Manager::CTYPE_SEND_NO_PARTIAL_DATA;
+constexpr DWORD RELIABLE = Manager::CTYPE_PDU_RELIABLE;
+constexpr DWORD TYPES[] = {TCP,
+                           Manager::CTYPE_PDU_LENGTH | TCP,
+                           PACKAGE | TCP,
+                           PACKAGE | Manager::CTYPE_PDU_KEEPALIVE | TCP,
+                           NO_PARTIAL | TCP,
+                           RELIABLE | TCP,
+                           RELIABLE | Manager::CTYPE_RECONNECT_TOKEN | TCP,
+                           UDP,
+                           PACKAGE | UDP,
+                           NO_PARTIAL | UDP};
+constexpr DWORD SHORTEST = 8;  // the number and the length
+constexpr DWORD LONGEST = 3000;
+const CCmTimeValue CALM(120);  // a reliable connection is back, and everything has come
+
+// A connection whose server end becomes a receiver.
+struct CLane {
+    CLane(WORD aPort, DWORD aType) : m_dwType(aType), m_Addr("10.0.0.1", aPort) {}
+
+    BOOL IsStream() const { return m_dwType == TCP; }
+    BOOL IsDatagrams() const { return (m_dwType & UDP) != 0; }
+    ICmTransport* Client() const { return m_Clients.m_Transports.empty() ? nullptr : m_Clients.m_Transports[0].Get(); }
+    void Pause(BOOL aPaused) {
+        if (Client())
+            Client()->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &aPaused);
+    }
+    // The numbers of the messages that have come whole; -1 for a wrong one.
+    std::vector<int64_t> GetArrived() const {
+        std::vector<int64_t> numbers;
+        const auto add = [&](const std::string& aText, size_t aAt, size_t aMost) {
+            DWORD words[2] = {};
+            std::memcpy(words, aText.data() + aAt, std::min(aMost, sizeof(words)));
+            const BOOL bRight = words[1] >= SHORTEST && words[1] <= aMost && aText[aAt + words[1] - 1] == LastOf(words);
+            numbers.push_back(bRight ? int64_t{words[0]} : -1);
+            return words[1];
+        };
+        if (!IsStream()) {
+            for (const std::string& strText : m_Client.m_Received)
+                add(strText, 0, strText.size());
+            return numbers;
+        }
+        const std::string& strAll = m_Client.m_strReceived;
+        for (size_t stAt = 0; strAll.size() - stAt >= SHORTEST && (numbers.empty() || numbers.back() >= 0);) {
+            DWORD dwLength = 0;
+            std::memcpy(&dwLength, strAll.data() + stAt + 4, 4);
+            if (dwLength > strAll.size() - stAt)
+                break;
+            stAt += add(strAll, stAt, strAll.size() - stAt);
+        }
+        return numbers;
+    }
+    static char LastOf(const DWORD* aWords) { return static_cast<char>(aWords[1] == SHORTEST ? 0 : aWords[0] >> 3); }
+
+    const DWORD m_dwType;
+    const CCmInetAddr m_Addr;
+    CCmRefPtrT<ICmAcceptor> m_pAcceptor;
+    CCmRefPtrT<ICmConnector> m_pConnector;
+    CCmConnectLog m_Servers, m_Clients;
+    CCmUpcallLog m_Server, m_Client;
+    DWORD m_dwId = 0;                  // of the receiver; 0: not yet
+    BOOL m_bOver = FALSE;              // it was a receiver, or has ended
+    std::vector<uint64_t> m_Expected;  // what a receiver that is gone was sent
+    BOOL m_bPrefix = FALSE;            // perhaps not all of it arrives
+};
+
+class CForwardScenario : public ICmForwardSink, public ICmSimObserver {
+public:
+    explicit CForwardScenario(CCmSimNetwork& aNetwork) : m_Network(aNetwork) {
+        m_Network.SetObserver(this);
+        Manager::Instance()->CreateForwardSession(this, m_pSession.ParaOut());
+        for (DWORD i = Chance(20) ? 1 + Below(50) : 1 + Below(8); i > 0; --i)
+            AddLane();
+    }
+    ~CForwardScenario() override { m_Network.SetObserver(nullptr); }
+
+    void Run() {
+        m_Network.RunFor(CCmTimeValue(1));
+        for (DWORD i = 5 + Below(30); i > 0 && m_pSession; --i) {
+            Act();
+            m_Network.RunFor(m_Network.RandomTime(CCmTimeValue(Chance(10) ? 10 : 0, 300000)));
+            if (Chance(3))
+                m_Network.Jump(m_Network.RandomTime(CCmTimeValue(30)));
+        }
+        Settle();
+    }
+
+    void OnStep() override {
+        Look();
+        if (m_strLagged.empty() || m_Network.Now() == m_tvLook)
+            return NoteLagging();
+        m_Network.Fail("a receiver without a refusal has a lag: " + m_strLagged);
+        m_strLagged.clear();
+    }
+
+    void OnReceiver(DWORD aId, CmResult aReason) override {
+        Look();
+        const CCmSimForwardModel::CReceiver* pReceiver = m_Model.Find(aId);
+        if (!pReceiver)
+            return m_Network.Fail("OnReceiver of an unknown receiver");
+        if (aReason == CM_ERROR_PARTIAL_DATA && !pReceiver->m_bGone && !m_Model.IsAtLimit(*pReceiver, get_tick_count()))
+            m_Network.Fail("a receiver is removed without a reason: " + m_Model.Describe(aId));
+        Forget(aId);
+        ActInside();
+    }
+    void OnForward() override {
+        if (!m_bHeldBack)
+            m_Network.Fail("OnForward without a Forward that was held back");
+        m_bHeldBack = FALSE;
+        ActInside();
+    }
+    void OnJoin(DWORD aId) override {
+        ActInside();
+        if (m_pSession && m_Model.Find(aId)) {
+            Look();
+            m_Model.Join(aId);
+        }
+    }
+
+private:
+    BOOL Chance(DWORD aPercent) { return m_Network.Random(100) < aPercent; }
+    DWORD Below(uint64_t aBound) { return static_cast<DWORD>(m_Network.Random(aBound)); }
+
+    CCmSimLink RandomLink(const CLane& aLane) {
+        CCmSimLink link;
+        CCmSimPath& path = link.m_Down;
+        if (aLane.IsDatagrams() || Chance(30))
+            return link;
+        path.m_tvDelay = m_Network.RandomTime(CCmTimeValue(0, 100000));
+        path.m_dwBandwidth = Chance(50) ? 1000 + Below(200000) : 0;
+        path.m_dwBuffer = Chance(50) ? 5000 + Below(20000) : 1 << 20;
+        path.m_PartialSend = Chance(30) ? 0.3 : 0;
+        path.m_Cut = Chance(10) ? 0.01 : 0;
+        return link;
+    }
+    void AddLane() {
+        CLane& lane = *m_Lanes.emplace_back(
+            std::make_unique<CLane>(static_cast<WORD>(100 + m_Lanes.size()), TYPES[Below(std::size(TYPES))]));
+        lane.m_Servers.m_Indicated = [&lane] {
+            if (lane.m_Servers.m_Reasons.back() == CM_OK)
+                lane.m_Servers.m_Transports.back()->OpenWithSink(&lane.m_Server);
+        };
+        lane.m_Clients.m_Indicated = [&lane] {
+            if (lane.m_Clients.m_Reasons.back() != CM_OK)
+                return;
+            lane.Client()->OpenWithSink(&lane.m_Client);
+            CCmMessageBlock hello(1, "h", 0, 1);
+            if (lane.IsDatagrams())
+                lane.Client()->SendData(hello);  // the server's end follows
+        };
+        lane.m_Client.m_Receive = [this] { ActInside(); };
+        m_Network.SetLink(lane.m_Addr, RandomLink(lane));
+        Manager::Instance()->CreateConnectionServer(lane.m_dwType, lane.m_pAcceptor.ParaOut());
+        Manager::Instance()->CreateConnectionClient(lane.m_dwType, lane.m_pConnector.ParaOut());
+        lane.m_pAcceptor->StartListen(&lane.m_Servers, lane.m_Addr);
+        lane.m_pConnector->AsycConnect(&lane.m_Clients, lane.m_Addr);
+    }
+
+    void Act() {
+        if (!m_pSession)
+            return;
+        const DWORD dwWhat = Below(100);
+        if (dwWhat < 50)
+            ForwardMany();
+        else if (dwWhat < 75)
+            AddReceiver();
+        else if (dwWhat < 80)
+            RemoveReceiver();
+        else if (dwWhat < 98)
+            Disturb();
+        else if (m_Network.Now() > CCmTimeValue(5))
+            Close();
+    }
+    void ActInside() {
+        if (m_nDepth > 1 || !m_pSession || m_bCalm || !Chance(10))
+            return;
+        ++m_nDepth;
+        Act();
+        --m_nDepth;
+    }
+    CLane& RandomLane() { return *m_Lanes[Below(m_Lanes.size())]; }
+
+    void ForwardMany() {
+        for (DWORD i = Chance(30) ? 1 + Below(100) : 1 + Below(5); i > 0 && m_pSession; --i)
+            Forward();
+    }
+    void Forward() {
+        Look();
+        const DWORD dwLength = SHORTEST + (Chance(20) ? Below(LONGEST) : Below(100));
+        const DWORD words[2] = {static_cast<DWORD>(m_Model.GetNextNumber()), dwLength};
+        std::string strText(dwLength, CLane::LastOf(words));
+        std::memcpy(strText.data(), words, sizeof(words));
+        CCmMessageBlock message(dwLength);
+        message.Write(strText.data(), dwLength);
+        CCmForwardHeader header;
+        header.m_ullKey = Chance(50) ? Below(10) : 0;
+        header.m_dwFlags = Chance(m_dwKeyMessages) ? +CCmForwardHeader::KEY_MESSAGE : 0;
+        const CmResult rv = m_pSession->Forward(message, &header);
+        m_bHeldBack = m_bHeldBack || rv == CM_ERROR_PARTIAL_DATA;
+        if (rv != CM_OK && rv != CM_ERROR_PARTIAL_DATA)
+            m_Network.Fail("Forward: " + std::to_string(rv));
+        m_Model.OnForward(*m_pSession, rv, dwLength, header, get_tick_count());
+        Check();
+    }
+
+    void AddReceiver() {
+        CLane& lane = RandomLane();
+        if (lane.m_Servers.m_Transports.empty())
+            return;
+        CCmForwardReceiverOptions options;
+        options.m_Policy = static_cast<ECmForwardPolicy>(Below(4));
+        options.m_Join = static_cast<ECmForwardJoin>(Below(4));
+        options.m_dwMaxMessages = Chance(50) ? 1 + Below(50) : 0;
+        options.m_dwMaxBytes = Chance(50) ? 1 + Below(20000) : 0;
+        options.m_dwMaxMilliseconds = Chance(20) ? 1 + Below(2000) : 0;
+        Look();
+        DWORD dwId = 0;
+        const CmResult rv = m_pSession->AddReceiver(lane.m_Servers.m_Transports[0].Get(), options, dwId);
+        if (lane.m_bOver || lane.m_dwId != 0 || lane.m_Server.m_nDisconnects > 0) {
+            if (rv != CM_ERROR_FOUND && rv != CM_ERROR_NULL_POINTER && rv != CM_ERROR_INVALID_ARG)
+                m_Network.Fail("AddReceiver of a transport that is none: " + std::to_string(rv));
+            return;
+        }
+        if (rv == CM_ERROR_NULL_POINTER)
+            return;  // the transport has ended, and OnDisconnect follows
+        if (rv != CM_OK)
+            return m_Network.Fail("AddReceiver: " + std::to_string(rv));
+        lane.m_dwId = dwId;
+        m_Model.Add(dwId, options);
+        Look();
+    }
+    void RemoveReceiver() {
+        CLane& lane = RandomLane();
+        if (lane.m_dwId == 0)
+            return;
+        Look();
+        const DWORD dwId = lane.m_dwId;
+        const BOOL bPresent = !m_Model.Find(dwId)->m_bGone;
+        const CmResult rv = m_pSession->RemoveReceiver(dwId, CM_OK);
+        if (rv == CM_OK)
+            Forget(dwId);
+        else if (bPresent && rv != CM_ERROR_NOT_FOUND)
+            m_Network.Fail("RemoveReceiver: " + std::to_string(rv));
+    }
+    void Disturb() {
+        CLane& lane = RandomLane();
+        const DWORD dwWhat = Below(100);
+        if (dwWhat < 60)
+            lane.Pause(Chance(50));
+        else if (dwWhat < 90)
+            m_Network.SetLink(lane.m_Addr, RandomLink(lane));
+        else if (lane.Client() && Chance(30))
+            lane.Client()->Disconnect(CM_OK);
+    }
+    void Close() {
+        Look();
+        m_pSession->Close(CM_OK);
+        if (Chance(50))
+            m_pSession.Reset();
+        for (const auto& pLane : m_Lanes)
+            Forget(pLane->m_dwId);
+        m_pSession.Reset();
+    }
+
+    // The receiver has ended. What it was sent arrives, or a part.
+    void Forget(DWORD aId) {
+        const CCmSimForwardModel::CReceiver* pReceiver = m_Model.Find(aId);
+        if (!pReceiver)
+            return;
+        for (const auto& pLane : m_Lanes) {
+            if (pLane->m_dwId != aId)
+                continue;
+            pLane->m_Expected = pReceiver->m_Numbers;
+            pLane->m_Expected.insert(pLane->m_Expected.end(), pReceiver->m_Queue.begin(), pReceiver->m_Queue.end());
+            pLane->m_bPrefix = TRUE;
+            pLane->m_dwId = 0;
+            pLane->m_bOver = TRUE;
+        }
+        m_Model.Remove(aId);
+    }
+
+    void Look() {
+        if (!m_pSession)
+            return;
+        m_Model.Look(*m_pSession, get_tick_count());
+        Check();
+    }
+    void Check() {
+        if (!m_Model.GetFailure().empty() && m_Network.GetFailures().empty())
+            m_Network.Fail(m_Model.GetFailure());
+    }
+    void NoteLagging() {
+        m_tvLook = m_Network.Now();
+        m_strLagged.clear();
+        for (const auto& pLane : m_Lanes) {
+            CCmForwardStatistics statistics;
+            if (m_pSession && pLane->m_dwId != 0 && m_pSession->GetStatistics(statistics, pLane->m_dwId) == CM_OK &&
+                statistics.m_ullRefused == 0 && statistics.m_Lag.m_ullMessages > 0)
+                m_strLagged = std::to_string(pLane->m_dwId);
+        }
+    }
+
+    void Settle() {
+        m_bCalm = TRUE;
+        for (const auto& pLane : m_Lanes) {
+            m_Network.SetLink(pLane->m_Addr, {});
+            pLane->Pause(FALSE);
+        }
+        m_Network.RunFor(CALM);
+        Look();
+        for (const auto& pLane : m_Lanes)
+            CheckArrived(*pLane);
+        if (m_bHeldBack && m_pSession)
+            m_Network.Fail("OnForward is owed");
+        if (m_pSession)
+            Close();
+        m_Lanes.clear();
+        m_Network.RunFor(CALM);
+        if (m_Network.CountEnds() > 0)
+            m_Network.Fail("ends remain");
+    }
+    void CheckArrived(CLane& aLane) {
+        const CCmSimForwardModel::CReceiver* pReceiver = aLane.m_dwId != 0 ? m_Model.Find(aLane.m_dwId) : nullptr;
+        if (pReceiver && !pReceiver->m_Queue.empty() && !pReceiver->m_bGone)
+            m_Network.Fail("a receiver has a lag in the calm: " + std::to_string(aLane.m_dwId));
+        const std::vector<uint64_t>& expected = pReceiver ? pReceiver->m_Numbers : aLane.m_Expected;
+        const std::vector<int64_t> arrived = aLane.GetArrived();
+        size_t stAt = 0;
+        for (const int64_t llNumber : arrived) {
+            while (aLane.IsDatagrams() && stAt < expected.size() && expected[stAt] != static_cast<uint64_t>(llNumber))
+                ++stAt;  // lost
+            if (stAt == expected.size() || expected[stAt++] != static_cast<uint64_t>(llNumber))
+                return m_Network.Fail("a message arrives that was not due: " + std::to_string(llNumber));
+        }
+        if (pReceiver && !aLane.IsDatagrams() && arrived.size() != expected.size())
+            m_Network.Fail("messages are missing: " + std::to_string(expected.size() - arrived.size()));
+    }
+
+    CCmSimNetwork& m_Network;
+    const DWORD m_dwKeyMessages = Chance(50) ? 5 : 0;  // per cent
+    CCmRefPtrT<ICmForwardSession> m_pSession;
+    CCmSimForwardModel m_Model;
+    std::vector<std::unique_ptr<CLane>> m_Lanes;
+    BOOL m_bHeldBack = FALSE;
+    BOOL m_bCalm = FALSE;
+    int m_nDepth = 0;  // of acts inside acts
+    CCmTimeValue m_tvLook;
+    std::string m_strLagged;  // at the end of the last step
+};
+
+}  // namespace
+
+void RunForwardScenario(CCmSimNetwork& aNetwork) { CForwardScenario(aNetwork).Run(); }

@@ -1,0 +1,39 @@
+#!/usr/bin/env python3
+"""Publishes lines to subscribers."""
+import json
+import socket
+import subprocess
+import unittest
+
+from program import ANY_PORT, HOST, PATIENCE, ProgramTest, Server
+
+
+class PublishTest(ProgramTest):
+    def publish(self, *arguments):
+        process = self.start("publish", *ANY_PORT, "--json", *arguments, stdin=subprocess.PIPE, bufsize=1)
+        return process, Server(process)
+
+    def test_lines_reach_those_who_joined_and_the_newest_of_each_key_those_who_ask(self):
+        for kind in "tcp", "package", "reliable":
+            publish, server = self.publish("--type", kind, "--policy", "conflate", "--key-field", 1)
+            early = self.start("subscribe", "--type", kind, server.address)
+            self.assertEqual("joined", json.loads(publish.stdout.readline())["event"])
+            for line in "a 1\n", "b 2\n", "a 3\n":
+                publish.stdin.write(line)
+                self.assertEqual(line, early.stdout.readline())
+            late = self.start("subscribe", "--type", kind, server.address, "--join", "all-keys")
+            self.assertEqual("joined", json.loads(publish.stdout.readline())["event"])
+            publish.communicate("c", timeout=PATIENCE)
+            self.assertEqual(("c\n", "b 2\na 3\nc\n"), tuple(s.communicate(timeout=PATIENCE)[0] for s in (early, late)))
+            self.assertEqual((0, 0, 0), (publish.returncode, early.returncode, late.returncode))
+
+    def test_any_reader_of_a_socket_is_a_receiver(self):
+        publish, server = self.publish()
+        with socket.create_connection((HOST, server.port), PATIENCE) as reader:
+            reader.sendall(b"GET / HTTP/1.0\r\n\r\n")
+            self.assertEqual("joined", json.loads(publish.stdout.readline())["event"])
+            publish.communicate("hello\n", timeout=PATIENCE)
+            self.assertEqual(b"hello\n", reader.makefile("rb").read())
+
+
+unittest.main()

@@ -1,0 +1,198 @@
+#include "tools/publisher.h"
+
+#include <functional>
+#include <string_view>
+#include <utility>
+
+#include "tools/endpoint.h"
+#include "tools/forwarding.h"
+#include "tools/listening.h"
+#include "tools/memory.h"
+
+namespace tool {
+
+namespace {
+
+const CCmTimeValue ASKING(1);
+const CCmTimeValue WATCH_INTERVAL(0, 100000);
+
+std::string_view FieldOf(std::string_view aLine, DWORD aField) {
+    constexpr const char* BLANKS = " \t";
+    size_t stBegin = aLine.find_first_not_of(BLANKS);
+    for (DWORD n = 1; n < aField && stBegin != std::string_view::npos; ++n) {
+        const size_t stEnd = aLine.find_first_of(BLANKS, stBegin);
+        stBegin = stEnd == std::string_view::npos ? stEnd : aLine.find_first_not_of(BLANKS, stEnd);
+    }
+    if (stBegin == std::string_view::npos)
+        return {};
+    return aLine.substr(stBegin, aLine.find_first_of(BLANKS, stBegin) - stBegin);
+}
+
+}  // namespace
+
+// A connection, and later a receiver of the session.
+class Publisher::Peer : public ICmTransportSink, public CCmTimerWrapperIDSink {
+public:
+    Peer(Publisher& aPublisher, ICmTransport* aTransport)
+        : m_Publisher(aPublisher), m_pTransport(aTransport), m_strAddress(GetPeerText(*aTransport)) {}
+    ~Peer() override {
+        if (m_dwId == 0)
+            m_pTransport->Disconnect(CM_OK);
+    }
+
+    CmResult Open() {
+        RequireMemory(m_Asking.Schedule(this, ASKING, 1));
+        return m_pTransport->OpenWithSink(this);
+    }
+
+    // Everything behind the first line is ignored.
+    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
+        if (m_dwId != 0)
+            return;
+        m_strAsked += aData.FlattenChained().substr(0, JOIN_LINE_LIMIT);
+        if (m_strAsked.find('\n') == std::string::npos && m_strAsked.size() < JOIN_LINE_LIMIT)
+            return;
+        m_Publisher.Join(*this, ParseJoinLine(m_strAsked));
+    }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override {}
+    void OnDisconnect(CmResult, ICmTransport* aTrptId) override {
+        if (m_dwId == 0)
+            m_Publisher.Forget(aTrptId);
+    }
+    void OnTimer(CCmTimerWrapperID*) override { m_Publisher.Join(*this, CM_FORWARD_JOIN_NEXT); }
+
+    Publisher& m_Publisher;
+    const CCmRefPtrT<ICmTransport> m_pTransport;
+    const std::string m_strAddress;
+    std::string m_strAsked;
+    CCmTimerWrapperID m_Asking;
+    DWORD m_dwId = 0;  // 0: no receiver yet
+    uint64_t m_ullDropped = 0;
+};
+
+Publisher::Publisher(const Arguments& aArguments, Application& aApplication, Console& aConsole)
+    : m_Arguments(aArguments), m_Application(aApplication), m_Console(aConsole), m_Source(*this, aArguments.m_dwRate) {}
+
+Publisher::~Publisher() {
+    if (m_pAcceptor)
+        m_pAcceptor->StopListen(CM_OK);
+    if (m_pSession)
+        m_pSession->Close(CM_OK);
+}
+
+void Publisher::Start() {
+    if (CCmConnectionManager::Instance()->CreateForwardSession(this, m_pSession.ParaOut()) != CM_OK)
+        return Complain("cannot create a session");
+    if (!StartListening(m_Arguments, this, m_Console, m_pAcceptor))
+        return m_Application.Finish(EXIT_FAILED);
+    const std::string strProblem = m_Source.Start(m_Arguments.m_strFile);
+    if (!strProblem.empty())
+        return Complain(strProblem);
+    RequireMemory(m_Watch.Schedule(this, WATCH_INTERVAL));
+}
+
+void Publisher::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
+    if (aReason != CM_OK)
+        return;
+    const BOOL bMemory = talvo::WithMemory([&] {
+        auto pPeer = std::make_unique<Peer>(*this, aTrpt);
+        if (pPeer->Open() == CM_OK)
+            m_Peers[aTrpt] = std::move(pPeer);
+    });
+    if (!bMemory)
+        ComplainOfMemory();
+}
+
+void Publisher::Join(Peer& aPeer, ECmForwardJoin aJoin) {
+    aPeer.m_Asking.Cancel();
+    CCmForwardReceiverOptions options;
+    options.m_Policy = m_Arguments.m_Policy;
+    options.m_Join = aJoin;
+    options.m_strLabel = aPeer.m_strAddress;
+    if (m_pSession->AddReceiver(aPeer.m_pTransport.Get(), options, aPeer.m_dwId) == CM_OK)
+        m_Receivers[aPeer.m_dwId] = &aPeer;
+    else
+        Forget(aPeer.m_pTransport.Get());
+}
+
+void Publisher::Forget(ICmTransport* aTransport) { m_Peers.erase(aTransport); }
+
+void Publisher::OnJoin(DWORD aId) {
+    const std::string& strAddress = m_Receivers.at(aId)->m_strAddress;
+    m_Console.Report("receiver " + std::to_string(aId) + ", " + strAddress + ", has joined",
+                     JsonLine("joined").Add("receiver", aId).Add("peer", strAddress));
+}
+
+void Publisher::OnReceiver(DWORD aId, CmResult aReason) {
+    Peer& peer = *m_Receivers.at(aId);
+    ReportDrops(aId, peer);
+    const bool bSlow = aReason == CM_ERROR_PARTIAL_DATA;
+    m_Console.Report("receiver " + std::to_string(aId) + (bSlow ? " was too slow and is disconnected" : " has left"),
+                     JsonLine("left").Add("receiver", aId).Add("slow", bSlow).Add("reason", cm_result_name(aReason)));
+    m_Receivers.erase(aId);
+    Forget(peer.m_pTransport.Get());
+}
+
+void Publisher::ReportDrops(DWORD aId, Peer& aPeer) {
+    CCmForwardStatistics statistics;
+    if (m_pSession->GetStatistics(statistics, aId) != CM_OK)
+        return;
+    const uint64_t ullAll = statistics.m_Dropped.m_ullMessages;
+    const uint64_t ullNew = ullAll - std::exchange(aPeer.m_ullDropped, ullAll);
+    if (ullNew > 0)
+        m_Console.Report("receiver " + std::to_string(aId) + " is slow: " + std::to_string(ullNew) + " messages are dropped",
+                         JsonLine("dropped").Add("receiver", aId).Add("messages", ullNew).Add("all", ullAll));
+}
+
+bool Publisher::OnLine(const std::string& aLine) {
+    const auto dwLength = static_cast<DWORD>(aLine.size() + 1);
+    CCmMessageBlock message(dwLength);
+    message.Write(aLine.data(), dwLength - 1);
+    message.Write("\n", 1);
+    CCmForwardHeader header;
+    header.m_ullKey = GetKey(aLine);
+    const CmResult rv = m_pSession->Forward(message, &header);
+    if (rv == CM_ERROR_INVALID_ARG)
+        m_Console.Problem("a line of " + std::to_string(dwLength - 1) + " bytes is too long and was not sent");
+    else if (rv != CM_OK && rv != CM_ERROR_PARTIAL_DATA)
+        Complain("cannot forward: " + std::string(cm_result_name(rv)));
+    return rv != CM_ERROR_PARTIAL_DATA;
+}
+
+void Publisher::OnForward() { m_Source.GoOn(); }
+
+uint64_t Publisher::GetKey(const std::string& aLine) const {
+    const std::string_view strField = m_Arguments.m_dwKeyField > 0 ? FieldOf(aLine, m_Arguments.m_dwKeyField) : "";
+    if (strField.empty())
+        return 0;
+    const uint64_t ullKey = std::hash<std::string_view>()(strField);
+    return ullKey == 0 ? 1 : ullKey;
+}
+
+void Publisher::OnEnd(const std::string& aProblem) {
+    if (!aProblem.empty())
+        return Complain(aProblem);
+    m_bEnded = true;
+    FinishWhenSent();
+}
+
+void Publisher::OnTimer(CCmTimerWrapperID*) {
+    for (const auto& [dwId, pPeer] : m_Receivers)
+        ReportDrops(dwId, *pPeer);
+    FinishWhenSent();
+}
+
+void Publisher::FinishWhenSent() {
+    CCmForwardStatistics statistics;
+    if (!m_bEnded || m_pSession->GetStatistics(statistics) != CM_OK || statistics.m_Lag.m_ullMessages > 0)
+        return;
+    m_Watch.Cancel();
+    m_Application.Finish(EXIT_OK);
+}
+
+void Publisher::Complain(const std::string& aText) {
+    m_Console.Problem(aText);
+    m_Application.Finish(EXIT_FAILED);
+}
+
+}  // namespace tool

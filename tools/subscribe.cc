@@ -1,0 +1,94 @@
+#include "tools/application.h"
+#include "tools/commands.h"
+#include "tools/connecting.h"
+#include "tools/endpoint.h"
+#include "tools/forwarding.h"
+#include "tools/line_splitter.h"
+#include "tools/memory.h"
+#include "tools/outbox.h"
+
+namespace tool {
+
+namespace {
+
+constexpr long CONNECT_SECONDS = 10;
+constexpr size_t LONGEST_LINE = 65536;
+
+// Prints each line that the publisher forwards, until the publisher ends. Main thread.
+class Subscriber : private ICmAcceptorConnectorSink, private ICmTransportSink, private CCmTimerWrapperIDSink {
+public:
+    Subscriber(const Arguments& aArguments, Application& aApplication, Console& aConsole)
+        : m_Arguments(aArguments), m_Application(aApplication), m_Console(aConsole) {}
+    ~Subscriber() override {
+        if (m_pTransport)
+            m_pTransport->Disconnect(CM_OK);
+    }
+    Subscriber(const Subscriber&) = delete;
+    Subscriber& operator=(const Subscriber&) = delete;
+
+    void Start() {
+        if (StartConnect(m_Arguments, this, m_pConnector) != CM_OK)
+            return Finish("cannot create a connector");
+        RequireMemory(m_Timer.Schedule(this, CCmTimeValue(CONNECT_SECONDS), 1));
+    }
+
+private:
+    void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
+        m_Timer.Cancel();
+        if (aReason != CM_OK)
+            return Finish(DescribeConnectFailure(m_Arguments.m_Addr, *m_pConnector, aReason));
+        m_pTransport = aTrpt;
+        const bool bAsked = m_pTransport->OpenWithSink(this) == CM_OK &&
+                            m_Outbox.Send(*m_pTransport, MakeJoinLine(m_Arguments.m_strJoin)) != CM_ERROR_OUT_OF_MEMORY;
+        if (!bAsked)
+            Finish("cannot use the connection");
+    }
+    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
+        m_Lines.Feed(aData.FlattenChained());
+        for (std::string strLine; m_Lines.Next(strLine);)
+            m_Console.Report(strLine, JsonLine("message").Add("text", strLine));
+    }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override { m_Outbox.SendRest(*m_pTransport); }
+    // The publisher ends a stream in order after its last line; a protocol connection says why.
+    void OnDisconnect(CmResult aReason, ICmTransport*) override {
+        CCmFailure failure;
+        m_pTransport->GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure);
+        if (aReason == CM_ERROR_PARTIAL_DATA)
+            return Finish("the publisher has disconnected this subscriber, which was too slow");
+        const bool bOrderly = aReason == CM_OK || aReason == CM_ERROR_NETWORK_SOCKET_CLOSE ||
+                              (aReason == CM_ERROR_NETWORK_SOCKET_ERROR && failure.GetErrno() == 0);
+        Finish(bOrderly ? "" : "the connection " + DescribeEnd(*m_pTransport, aReason));
+    }
+    void OnTimer(CCmTimerWrapperID*) override {
+        Finish("cannot connect to " + cm_address_text(m_Arguments.m_Addr) + ": no answer within " +
+               std::to_string(CONNECT_SECONDS) + " s");
+    }
+
+    void Finish(const std::string& aProblem) {
+        if (!aProblem.empty())
+            m_Console.Problem(aProblem);
+        m_Application.Finish(aProblem.empty() ? EXIT_OK : EXIT_FAILED);
+    }
+
+    const Arguments& m_Arguments;
+    Application& m_Application;
+    Console& m_Console;
+    CCmTimerWrapperID m_Timer;
+    CCmRefPtrT<ICmConnector> m_pConnector;
+    CCmRefPtrT<ICmTransport> m_pTransport;
+    Outbox m_Outbox;
+    LineSplitter m_Lines{LONGEST_LINE};
+};
+
+}  // namespace
+
+int RunSubscribe(const Arguments& aArguments) {
+    Console console(aArguments.m_bJson);
+    Application application(CCmThreadManager::NETWORK_THREAD_MAIN);
+    Subscriber subscriber(aArguments, application, console);
+    if (application.IsStarted())
+        subscriber.Start();
+    return application.Run();
+}
+
+}  // namespace tool
