@@ -18,6 +18,10 @@
 #define CLONE_PIDFD 0x00001000
 #endif
 
+// The C library's clone() by its other name. A sanitizer takes the place of the first one, and takes every call for a fork: it
+// would mark the memory that the child shares as that of a forked process.
+extern "C" int __clone(int (*aRun)(void*), void* aStack, int aFlags, void* aArgument, ...);
+
 namespace talvo {
 
 namespace {
@@ -129,7 +133,7 @@ int Clone(CStart& aStart, HANDLE& aProcess) {
     int nCloned = 0;
     {
         const CNoSignals blocked;
-        nCloned = clone(&RunChild, stack.GetTop(), CLONE_VM | CLONE_VFORK | CLONE_PIDFD, &aStart, &fdProcess);
+        nCloned = __clone(&RunChild, stack.GetTop(), CLONE_VM | CLONE_VFORK | CLONE_PIDFD, &aStart, &fdProcess);
     }
     if (nCloned == -1)
         return errno;
