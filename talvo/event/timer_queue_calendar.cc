@@ -119,16 +119,18 @@ int CCmTimerQueueCalendar::Turn_i(BOOL aByClock) {
     return nFired;
 }
 
-// Goes on to the next slot. Its timers fire behind those that an outer turn has left.
+// Goes on to the next slot. Its timers fire behind those that an outer turn has left. A write to an empty slot would take a
+// page of the system.
 void CCmTimerQueueCalendar::TakeSlot_i() {
     m_dwCurrentSlot = (m_dwCurrentSlot + 1) % (m_dwMaxSlotNumber + 1);
     m_dwNearest = std::max<DWORD>(m_dwNearest, 2) - 1;
+    if (!m_pSlots[m_dwCurrentSlot])
+        return;
     CEntry** ppEnd = &m_pDue;
     while (*ppEnd)
         ppEnd = &(*ppEnd)->m_pNext;
     *ppEnd = std::exchange(m_pSlots[m_dwCurrentSlot], nullptr);
-    if (*ppEnd)
-        (*ppEnd)->m_ppBack = ppEnd;
+    (*ppEnd)->m_ppBack = ppEnd;
 }
 
 // Takes out a timer that is due, and inserts it again at its next expiry, if it has one.
