@@ -42,7 +42,8 @@ public:
     CmResult OnEventFire() override {
         ++m_dwRuns;
         m_bPosted = false;
-        for (DWORD dwCount = m_dwCount.exchange(0); dwCount > 0 && m_pQueue; --dwCount)
+        const DWORD dwTicks = m_dwCount.exchange(0);
+        for (DWORD dwTurns = m_pQueue ? m_pQueue->CountTurns_i(dwTicks) : 0; dwTurns > 0 && m_pQueue; --dwTurns)
             m_pQueue->Turn_i(TRUE);
         if (m_pQueue)
             m_pQueue->OnTicked_i();
@@ -92,6 +93,14 @@ CmResult CCmTimerQueueCalendar::PostTick() {
     return m_pSlots ? m_pTicks->PostTo(*m_pEventQueue) : CM_ERROR_OUT_OF_MEMORY;
 }
 
+// The clock is ahead of the ticks if a test has advanced it, or if ticks that an outer turn has left still wait.
+DWORD CCmTimerQueueCalendar::CountTurns_i(DWORD aTicks) const {
+    if (m_Handlers.empty())
+        return aTicks;
+    const int64_t llBehind = (CCmClock::GetTimeOfDayUsec() - m_llTurnedTo) / GetSlotUsec_i();
+    return std::max(aTicks, static_cast<DWORD>(std::clamp<int64_t>(llBehind, 0, m_dwMaxSlotNumber)));
+}
+
 int CCmTimerQueueCalendar::Turn_i(BOOL aByClock) {
     const CCmRefPtrT<talvo::CPostedTicks> pTicks = m_pTicks;  // outlives the calendar
     int nFired = std::exchange(m_bDeletionWithoutNode, false) ? CheckExpire(nullptr) : 0;
@@ -99,6 +108,7 @@ int CCmTimerQueueCalendar::Turn_i(BOOL aByClock) {
         return nFired;
     const int64_t llNow = CCmClock::GetTimeOfDayUsec();
     const CCmTimeValue tvNow = CCmTimeValue::FromUsec(llNow);
+    m_llTurnedTo = std::min(m_llTurnedTo, llNow) + GetSlotUsec_i();
     TakeSlot_i();
     while (CEntry* pEntry = m_pDue) {
         CNode& node = pEntry->m_Node;
@@ -180,6 +190,8 @@ int CCmTimerQueueCalendar::PushNode_l(const CNode& aNode) {
     const BOOL bFound = pEntry->m_ppBack != nullptr;
     if (bFound)
         Unlink_i(*pEntry);
+    if (m_Handlers.size() == 1)  // the ticks begin
+        m_llTurnedTo = aNode.m_llExpires - aNode.m_llInterval;
     pEntry->m_Node = aNode;
     InsertUnique_i(CCmTimeValue::FromUsec(aNode.m_llInterval), *pEntry);
     return bFound ? 1 : 0;

@@ -17,7 +17,8 @@ class CPostedTicks;
 //
 //   Tick, in the queue's thread, counts slots and does not read the clock: a timer is up to one slot early.
 //   PostTick, from the thread with the beat, also looks at the clock: a timer that is not yet due waits for a later tick, so it
-//   is never early, and at most one slot and the delay of the event queue late. A repeating timer does not drift.
+//   is never early, and at most one slot and the delay of the event queue late. A repeating timer does not drift. If the
+//   ticks are fewer than the slots that have passed on the clock, the wheel catches up, by one turn of it at most.
 //
 // A callback may turn the wheel, for example by a loop of its own: that turn first fires the timers that the outer one has
 // left. It may also delete the calendar.
@@ -70,6 +71,8 @@ private:
         void operator()(CEntry** aSlots) const;
     };
 
+    int64_t GetSlotUsec_i() const { return int64_t{m_dwSlotInterval} * 1000; }
+    DWORD CountTurns_i(DWORD aTicks) const;
     int Turn_i(BOOL aByClock);
     void TakeSlot_i();
     CNode Take_i(CEntry& aEntry, int64_t aNow);
@@ -85,6 +88,7 @@ private:
     CEntry* m_pDue = nullptr;                          // the timers of the passed slots that have not fired
     DWORD m_dwCurrentSlot = 0;
     mutable DWORD m_dwNearest = 1;  // in ticks: nearer slots are empty
+    int64_t m_llTurnedTo = 0;       // on the clock, in microseconds; valid while there are timers
     std::unordered_map<ICmTimerHandler*, CEntry> m_Handlers;
     bool m_bDeletionWithoutNode = false;  // the base keeps one for which memory ran out
 };

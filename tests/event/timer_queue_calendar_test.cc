@@ -175,7 +175,7 @@ TEST(PreciseTimerManagerTest, ThreadsWithoutAReactorHaveTimers) {
     EXPECT_EQ(CM_ERROR_FAILURE, other->GetLink().Call([&] { return pQueue->ScheduleTimer(&timer, nullptr, Msec(1), 1); }));
     EXPECT_EQ(CM_OK, thread->GetLink().Call([&] {
         pFired = manager.GetTimerQueue();
-        pQueue->ScheduleTimer(&last, nullptr, Msec(100), 1);
+        pQueue->ScheduleTimer(&last, nullptr, Msec(TWO_HOURS / 2), 1);
         return pQueue->ScheduleTimer(&timer, nullptr, Msec(20), 0);
     }));
     EXPECT_EQ(pQueue, pFired);
@@ -185,7 +185,7 @@ TEST(PreciseTimerManagerTest, ThreadsWithoutAReactorHaveTimers) {
         clock.Advance(Msec(20));
         YieldUntil([&] { return FiredIn(thread, timer) == nFired; });
     }
-    clock.Advance(Msec(20));  // the last release, inside a callback
+    clock.Advance(Msec(TWO_HOURS / 2));  // the last release, inside a callback
     ExpectNoCalendar();
 }
 
