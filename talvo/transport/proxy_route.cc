@@ -194,3 +194,14 @@ CCmString CCmProxyRoute::GetText() const {
         strText += (strText.empty() ? "" : ",") + server.GetText();
     return strText;
 }
+
+CCmString CCmProxyRoute::GetScriptText() const {
+    constexpr const char* WORDS[] = {"DIRECT", "PROXY ", "HTTPS ", "SOCKS ", "SOCKS4A ", "SOCKS5 "};  // by ECmProxyKind
+    CCmString strText;
+    for (const CCmProxyServer& server : GetServers()) {
+        const CCmString strUri = server.GetText();
+        strText += strText.empty() ? "" : "; ";
+        strText += WORDS[server.GetKind()] + strUri.substr(strUri.find("://") + 3);
+    }
+    return strText;
+}

@@ -45,6 +45,8 @@ public:
 
     // The texts of the servers, without credentials, joined by commas. May throw std::bad_alloc.
     CCmString GetText() const;
+    // As a script returns them, which FromScript reads: "PROXY a:80; SOCKS5 b:1080; DIRECT". Without credentials; likewise.
+    CCmString GetScriptText() const;
 
 private:
     using CServers = std::vector<CCmProxyServer>;
