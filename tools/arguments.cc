@@ -33,6 +33,7 @@ constexpr const char* FOOTER = R"(Examples:
   talvo resolve www.example.com
   talvo serve ~/public --port 8080
   talvo get --proxy http://proxy.example:3128 --proxy-user ann https://www.example.com/photos.tar -o photos.tar
+  talvo proxy --settings https://www.example.com/
   talvo ping --race [2001:db8::7]:7000 192.0.2.7:7000
   talvo echo --host unix:/run/user/1000/echo.sock
   talvo get https://www.example.com/photos.tar -o photos.tar
@@ -375,6 +376,7 @@ constexpr Subcommand SUBCOMMANDS[] = {
     {"publish", "Forward lines to any number of `talvo subscribe`", DeclarePublish, CheckPublish, RunPublish},
     {"subscribe", "Print the lines of a `talvo publish`", DeclareSubscribe, CheckSubscribe, RunSubscribe},
     {"flaky", "Forward connections, and break them by a plan", DeclareFlaky, CheckFlaky, RunFlaky},
+    {"proxy", "Show the proxies that the user's settings give for URLs", DeclareProxyLook, CheckProxyLook, RunProxy},
     {"tls", "Show the TLS of a server: certificates, protocol, resumption", DeclareTls, CheckTls, RunTls},
 };
 

@@ -55,6 +55,12 @@ struct Arguments {
 
     ProxyOptions m_Proxy;  // get, ping, send
 
+    std::vector<std::string> m_vecUrls;  // proxy
+    bool m_bSettings = false;            // proxy: --settings, or no URL is given
+    std::string m_strScript;             // proxy: --script as a URL, or ""
+    std::string m_strAt;                 // proxy: --at as given
+    int64_t m_llAtUsec = -1;             // proxy: from it, in microseconds since 1970; -1: the present
+
     std::vector<std::string> m_vecEndpoints;  // ping: as given
     bool m_bRace = false;                     // ping
     std::vector<CCmInetAddr> m_vecRacers;     // ping with --race: their addresses, of which m_Addr is one

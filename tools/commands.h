@@ -11,6 +11,7 @@ int RunEcho(const Arguments& aArguments);
 int RunPing(const Arguments& aArguments);
 int RunGet(const Arguments& aArguments);
 int RunResolve(const Arguments& aArguments);
+int RunProxy(const Arguments& aArguments);
 int RunServe(const Arguments& aArguments);
 int RunTls(const Arguments& aArguments);
 int RunFlaky(const Arguments& aArguments);

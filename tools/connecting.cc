@@ -9,6 +9,9 @@ CmResult SetOptions(const Arguments& aArguments, ICmConnector* aConnector) {
     CmResult rv = CM_OK;
     if (!route.IsEmpty())
         rv = cm_get_connect_options(aConnector)->SetOption(CM_OPT_CONNECT_ROUTE, &route);
+    DWORD dwMode = CM_CONNECT_PROXY_DISCOVERED;
+    if (aArguments.m_Proxy.m_bSystem)
+        rv = cm_get_connect_options(aConnector)->SetOption(CM_OPT_CONNECT_PROXY, &dwMode);
     if (rv != CM_OK || !aArguments.m_Tls.m_bTls)
         return rv;
     rv = UseContext(aConnector, aArguments.m_pContext);
@@ -52,8 +55,9 @@ CmResult StartConnect(const Arguments& aArguments, ICmAcceptorConnectorSink* aSi
 }
 
 void ReportRoute(const Arguments& aArguments, ICmTransport& aTransport, Console& aConsole) {
+    const ProxyOptions& proxy = aArguments.m_Proxy;
     CCmString strServer;
-    if (aArguments.m_Proxy.m_Route.IsEmpty() || aTransport.GetOption(CM_OPT_TRANSPORT_ROUTE, &strServer) != CM_OK)
+    if ((proxy.m_Route.IsEmpty() && !proxy.m_bSystem) || aTransport.GetOption(CM_OPT_TRANSPORT_ROUTE, &strServer) != CM_OK)
         return;
     const std::string strPeer = cm_address_text(aArguments.m_Addr);
     aConsole.Report("connected to " + strPeer + " through " + strServer,

@@ -73,7 +73,7 @@ CmResult Getter::MakeClient(CCmHttpUrl& aUrl) {
     CCmChannelManager& manager = *CCmChannelManager::Instance();
     const CCmProxyRoute& route = m_Arguments.m_Proxy.m_Route;
     if (route.IsEmpty())
-        return manager.CreateChannelHttpClient(m_pHttp.ParaOut(), &aUrl);
+        return manager.CreateChannelHttpClient(m_pHttp.ParaOut(), &aUrl, CCmChannelManager::BROWSER_PROXY);
     const CCmRefPtrT<CCmHttpProxyInfo> pProxy(new CCmHttpProxyInfo(route));
     return manager.CreateChannelHttpClientWithProxy(m_pHttp.ParaOut(), &aUrl, pProxy.Get());
 }
@@ -103,8 +103,10 @@ void Getter::AskForRest() {
 }
 
 void Getter::OnConnect(CmResult, ICmChannel*) {
-    if (!m_Arguments.m_Proxy.m_Route.IsEmpty())
+    if (m_pHttp)
         m_pHttp->GetOption(CM_OPT_TRANSPORT_ROUTE, &m_strServer);
+    if (m_Arguments.m_Proxy.m_Route.IsEmpty() && m_strServer == CCmProxyServer().GetText())
+        m_strServer.clear();
     const std::string strProblem = OnAnswer();
     if (!strProblem.empty()) {
         Finish(strProblem);

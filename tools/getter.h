@@ -68,7 +68,7 @@ private:
     bool m_bMetered = false;
     bool m_bSkip = false;  // ignore the body: it is not the requested file
     int64_t m_llStarted = 0;
-    CCmString m_strServer;  // the proxy server of the answer, with --proxy
+    CCmString m_strServer;  // the proxy server of the answer; "": none
 };
 
 }  // namespace tool

@@ -17,4 +17,8 @@ void DeclareProxy(CLI::App& aApp, Arguments& a);
 // Reads the route. Returns "" or an error text. The address has been parsed.
 std::string CheckProxy(Arguments& a);
 
+// The arguments of `talvo proxy`. CheckProxyLook returns "" or an error text.
+void DeclareProxyLook(CLI::App& aApp, Arguments& a);
+std::string CheckProxyLook(Arguments& a);
+
 }  // namespace tool

@@ -55,6 +55,9 @@ std::string MakeRoute(ProxyOptions& aOptions) {
     if (aOptions.m_strUser.find(':') != std::string::npos)
         return std::string("--proxy-user takes a name only; the password is read from the terminal or ") + PASSWORD_VARIABLE;
     std::string strUser = aOptions.m_strUser;
+    aOptions.m_bSystem = aOptions.m_strServers == "system";
+    if (aOptions.m_bSystem)
+        return strUser.empty() ? "" : "--proxy-user needs the name of a proxy server in --proxy";
     std::string strProblem;
     for (size_t stAt = 0; stAt <= aOptions.m_strServers.size() && !aOptions.m_strServers.empty();) {
         const size_t stEnd = std::min(aOptions.m_strServers.find(',', stAt), aOptions.m_strServers.size());

@@ -11,7 +11,8 @@ struct ProxyOptions {
     std::string m_strServers;   // --proxy, or ""
     std::string m_strUser;      // --proxy-user, or ""
     bool m_bAllowNtlm = false;  // --allow-ntlm
-    CCmProxyRoute m_Route;      // from these; empty: no proxy
+    bool m_bSystem = false;     // from these: "system", the proxies of the user's settings
+    CCmProxyRoute m_Route;      // from these; empty: no proxy, or m_bSystem
 };
 
 // Reads the servers, and the password of the user, which belongs to the first server that is not "direct". Returns "" or an

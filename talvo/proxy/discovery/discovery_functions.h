@@ -5,7 +5,8 @@
  *
  * A route is a text as scripts return it, such as "PROXY proxy.example:3128; SOCKS5 [::1]:1080; DIRECT": at most 16 servers,
  * the next one for the case that the one before it cannot be reached. The words are DIRECT, PROXY, HTTPS, SOCKS (version 4),
- * SOCKS4A and SOCKS5. It has no credentials; talvo/proxy/proxy_functions.h is about them. */
+ * SOCKS4A and SOCKS5. It has no credentials; talvo/proxy/proxy_functions.h is about them. cm_proxy_set_pac_helper, of
+ * talvo/proxy/script/pac_place.h, names the program that runs scripts. */
 #pragma once
 
 #include <stdint.h>
