@@ -47,7 +47,7 @@ CProxySettings CEnvironment::ReadProxies() const {
     ReadServers_i("http_proxy", nullptr, settings.m_Http, settings);
     ReadServers_i("https_proxy", "HTTPS_PROXY", settings.m_Https, settings);
     ReadServers_i("all_proxy", "ALL_PROXY", settings.m_Other, settings);
-    const char* pName = Find("no_proxy") ? "no_proxy" : "NO_PROXY";
+    const char* pName = Get("no_proxy").empty() ? "NO_PROXY" : "no_proxy";
     if (const CCmString* pList = Find(pName)) {
         settings.List(SOURCE, pName, *pList);
         settings.m_Bypass.Add(*pList, EBypassDialect::LIST);
