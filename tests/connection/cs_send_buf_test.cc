@@ -190,3 +190,17 @@ TEST(CsSendBuf, SmallPiecesAreJoinedAndLargeOnesCounted) {
 }
 
 }  // namespace
+
+TEST(CsSendBuf, APayloadOfManyConnectionsIsSharedBeyondASmallCopy) {
+    for (const auto& [dwLength, bOfMany] : {std::pair(500u, TRUE), std::pair(500u, FALSE), std::pair(128u, TRUE)}) {
+        CCsSendBuf buf(1024);
+        CCmMessageBlock payload(dwLength, nullptr, 0, dwLength);
+        const char* pBytes = payload.GetTopLevelReadPtr();
+        if (bOfMany)
+            payload.LockWriting();
+        CCmMessageBlock* pUnsent = nullptr;
+        EXPECT_EQ(dwLength, buf.AddDataPDU(&payload, TRUE));
+        EXPECT_EQ(CS_PDU_TYPE_DATA_NORMAL, buf.GetData(pUnsent));
+        EXPECT_EQ(dwLength == 500 && bOfMany, pUnsent->GetNext()->GetTopLevelReadPtr() == pBytes) << dwLength << bOfMany;
+    }
+}

@@ -168,6 +168,38 @@ TEST_F(ForwardTest, LimitsOfTimeBytesAndRoomAgain) {
     EXPECT_NE(std::string::npos, m_pSession->Dump().find("\"screen\" due=3/11 sent=1/9 dropped=0/0 conflated=0/0 lag=2/2"));
 }
 
+TEST_F(ForwardTest, AForgottenKeyIsNoSilentLoss) {
+    const CCmRefPtrT<CFakeLower> pStopped(new CFakeLower), pLate(new CFakeLower);
+    CCmForwardReceiverOptions options = Options(CM_FORWARD_CONFLATE);
+    options.m_Join = CM_FORWARD_JOIN_ALL_KEYS;
+    Option(CM_OPT_FORWARD_LOG_MESSAGES, 1);
+    Option(CM_OPT_FORWARD_KEYS, 2);
+    pStopped->m_dwRoom = 0;
+    Add(*pStopped, options);
+    Turn();
+    for (const uint64_t ullKey : {1, 2, 1})
+        EXPECT_EQ(CM_OK, Forward(std::to_string(ullKey), ullKey));
+    pStopped->MakeRoom(2);
+    Turn();
+    EXPECT_EQ("21", pStopped->TakeSent());
+    // Keys 2 and 1 are forgotten, but were sent; the message of key 3 was not.
+    EXPECT_EQ(CM_OK, Forward("3", 3));
+    EXPECT_EQ(CM_OK, Forward("4", 4));
+    Turn();
+    EXPECT_EQ(Lines{"join 1"}, m_Sink.Take());
+    EXPECT_EQ(CM_OK, Forward("5", 5));
+    Turn();
+    EXPECT_EQ(Lines{"gone 1 10013"}, m_Sink.Take());
+    Add(*pLate, options);
+    Turn();
+    EXPECT_EQ("45", pLate->TakeSent());
+    const CCmForwardStatistics all = StatisticsOf(*m_pSession);
+    EXPECT_EQ((CCmForwardCount{6, 6}), all.m_Forwarded);
+    EXPECT_EQ((CCmForwardCount{2 + 2, 4}), all.m_Sent);
+    EXPECT_EQ((CCmForwardCount{1, 1}), all.m_Conflated);
+    EXPECT_EQ((CCmForwardCount{3, 3}), all.m_Dropped);
+}
+
 TEST(ForwardProxyTest, OtherThreadsForwardInTheirOrder) {
     CTestNetwork network;
     CForwardLogSink sink;

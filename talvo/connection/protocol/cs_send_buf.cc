@@ -28,11 +28,12 @@ private:
     CCmMessageBlock m_Payload;
 };
 
-// Small payloads are copied: this is cheaper than sharing them. Null: memory ran out.
+// Small payloads are copied: this is cheaper than sharing them. One that many connections share (WRITE_LOCKED) is copied only
+// if the copy takes no more memory than a view. Null: memory ran out.
 CCsPduData* MakeDataPdu(BOOL aNeedACK, DWORD aACK, DWORD aLength, BYTE aType, const CCmMessageBlock& aPayload) {
     if (aLength <= 128)
         return new (std::nothrow) CCopiedDataT<128>(aNeedACK, aACK, aLength, aType, aPayload);
-    if (aLength <= 1024)
+    if (aLength <= 1024 && !(aPayload.GetFlag() & CCmMessageBlock::WRITE_LOCKED))
         return new (std::nothrow) CCopiedDataT<1024>(aNeedACK, aACK, aLength, aType, aPayload);
     CCmChainPtr pData(aPayload.DuplicateChained());
     auto* pItem = pData ? new (std::nothrow) CCsPduData(aNeedACK, aACK, aLength, aType, pData.get()) : nullptr;

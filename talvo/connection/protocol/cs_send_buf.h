@@ -42,8 +42,9 @@ public:
     // The connection's receive counter, for the ACK fields of PDUs prepared from now on.
     void SetSeq4ACK(DWORD aSeq) { m_dwSeq4ACK = aSeq; }
 
-    // Takes the whole of aMb, as a duplicate, and advances its read positions. Returns its length. 0: there is no room (or
-    // memory), or aMb is null or empty; no data is taken. Either all data PDUs of a connection have an ACK field, or none.
+    // Takes the whole of aMb, as a duplicate or, up to 1,024 bytes, a copy (WRITE_LOCKED: up to 128 bytes), and advances its
+    // read positions. Returns its length. 0: there is no room (or memory), or aMb is null or empty; no data is taken. Either
+    // all data PDUs of a connection have an ACK field, or none.
     DWORD AddDataPDU(CCmMessageBlock* aMb, BOOL aNeedACK);
     // Returns 5, or 0: there is no room, or other data is due and serves the same purpose.
     DWORD AddKeepAlivePDU();
