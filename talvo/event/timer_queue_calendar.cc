@@ -38,13 +38,15 @@ public:
         return aQueue.PostEvent(this);
     }
 
-    // A callback may run a loop, which runs the next post of this event, and may destroy the calendar.
+    // A callback may run a loop, which runs the next post of this event, and may destroy the calendar. All turns are of one
+    // time: otherwise slow callbacks become due again in the same event, which would take longer each time.
     CmResult OnEventFire() override {
         ++m_dwRuns;
         m_bPosted = false;
         const DWORD dwTicks = m_dwCount.exchange(0);
-        for (DWORD dwTurns = m_pQueue ? m_pQueue->CountTurns_i(dwTicks) : 0; dwTurns > 0 && m_pQueue; --dwTurns)
-            m_pQueue->Turn_i(TRUE);
+        const int64_t llNow = CCmClock::GetTimeOfDayUsec();
+        for (DWORD dwTurns = m_pQueue ? m_pQueue->CountTurns_i(dwTicks, llNow) : 0; dwTurns > 0 && m_pQueue; --dwTurns)
+            m_pQueue->Turn_i(llNow, TRUE);
         if (m_pQueue)
             m_pQueue->OnTicked_i();
         return CM_OK;
@@ -85,7 +87,7 @@ CCmTimerQueueCalendar::~CCmTimerQueueCalendar() {
         m_pTicks->Detach();
 }
 
-int CCmTimerQueueCalendar::Tick() { return Turn_i(FALSE); }
+int CCmTimerQueueCalendar::Tick() { return Turn_i(CCmClock::GetTimeOfDayUsec(), FALSE); }
 
 CmResult CCmTimerQueueCalendar::PostTick() {
     if (!m_pEventQueue)
@@ -94,33 +96,32 @@ CmResult CCmTimerQueueCalendar::PostTick() {
 }
 
 // The clock is ahead of the ticks if a test has advanced it, or if ticks that an outer turn has left still wait.
-DWORD CCmTimerQueueCalendar::CountTurns_i(DWORD aTicks) const {
+DWORD CCmTimerQueueCalendar::CountTurns_i(DWORD aTicks, int64_t aNow) const {
     if (m_Handlers.empty())
         return aTicks;
-    const int64_t llBehind = (CCmClock::GetTimeOfDayUsec() - m_llTurnedTo) / GetSlotUsec_i();
+    const int64_t llBehind = (aNow - m_llTurnedTo) / GetSlotUsec_i();
     return std::max(aTicks, static_cast<DWORD>(std::clamp<int64_t>(llBehind, 0, m_dwMaxSlotNumber)));
 }
 
-int CCmTimerQueueCalendar::Turn_i(BOOL aByClock) {
+int CCmTimerQueueCalendar::Turn_i(int64_t aNow, BOOL aByClock) {
     const CCmRefPtrT<talvo::CPostedTicks> pTicks = m_pTicks;  // outlives the calendar
     int nFired = std::exchange(m_bDeletionWithoutNode, false) ? CheckExpire(nullptr) : 0;
     if (!m_pSlots)
         return nFired;
-    const int64_t llNow = CCmClock::GetTimeOfDayUsec();
-    const CCmTimeValue tvNow = CCmTimeValue::FromUsec(llNow);
-    m_llTurnedTo = std::min(m_llTurnedTo, llNow) + GetSlotUsec_i();
+    const CCmTimeValue tvNow = CCmTimeValue::FromUsec(aNow);
+    m_llTurnedTo = std::max(m_llTurnedTo, std::min(m_llTurnedTo, aNow) + GetSlotUsec_i());
     TakeSlot_i();
     while (CEntry* pEntry = m_pDue) {
         CNode& node = pEntry->m_Node;
         const BOOL bBySlot = !aByClock || pEntry->m_bTurn;
-        if (!bBySlot && node.m_llExpires > llNow) {
+        if (!bBySlot && node.m_llExpires > aNow) {
             Unlink_i(*pEntry);
-            InsertUnique_i(CCmTimeValue::FromUsec(node.m_llExpires - llNow), *pEntry);
+            InsertUnique_i(CCmTimeValue::FromUsec(node.m_llExpires - aNow), *pEntry);
             continue;
         }
         if (bBySlot)
-            node.m_llExpires = llNow;
-        const CNode due = Take_i(*pEntry, llNow);
+            node.m_llExpires = aNow;
+        const CNode due = Take_i(*pEntry, aNow);
         ++nFired;
         due.m_pEh->OnTimeout(tvNow, due.m_pArg);
         if (pTicks->IsDetached())

@@ -72,8 +72,8 @@ private:
     };
 
     int64_t GetSlotUsec_i() const { return int64_t{m_dwSlotInterval} * 1000; }
-    DWORD CountTurns_i(DWORD aTicks) const;
-    int Turn_i(BOOL aByClock);
+    DWORD CountTurns_i(DWORD aTicks, int64_t aNow) const;
+    int Turn_i(int64_t aNow, BOOL aByClock);
     void TakeSlot_i();
     CNode Take_i(CEntry& aEntry, int64_t aNow);
     void InsertUnique_i(const CCmTimeValue& aInterval, CEntry& aEntry);

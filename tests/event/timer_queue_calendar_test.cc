@@ -64,7 +64,7 @@ TEST_F(TimerQueueCalendarTest, FiresAtTheSlotThatCoversTheInterval) {
 TEST_F(TimerQueueCalendarTest, PostedTicksAreMadeUpForTogether) {
     CCmFakeClock clock;
     std::unique_ptr<CCmTimerQueueCalendar> pQueue(new CCmTimerQueueCalendar(10, 1000, &m_Events));
-    CTestTimer timer;
+    CTestTimer timer([&] { clock.Advance(Msec(20)); });  // longer than its period
     CTestTimer tooLong;
     pQueue->ScheduleTimer(&timer, nullptr, Msec(10), 0);
     pQueue->ScheduleTimer(&tooLong, nullptr, Msec(5000), 2);
