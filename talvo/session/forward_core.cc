@@ -14,7 +14,7 @@ namespace {
 
 CCmLiveCounter s_Live("CForwardCore");
 
-constexpr DWORD MANY_MESSAGES = 64;  // so many do not wait for the turn
+constexpr DWORD MANY_MESSAGES = 1024;  // so many do not wait for the turn
 constexpr DWORD MANY_BYTES = 65536;
 
 }  // namespace
@@ -205,8 +205,11 @@ CmResult CForwardCore::Append_i(CForwardMessage& aMessage) {
     ++m_dwUnserved;
     m_dwUnservedBytes += dwLength;
     const BOOL bMany = m_dwUnserved >= MANY_MESSAGES || m_dwUnservedBytes >= MANY_BYTES;
-    if (!bMany || m_bServing || ServeAll_i())
+    if (!bMany || m_bServing)
         m_Turn.Arm();
+    else
+        while (ServeAll_i()) {
+        }
     return CM_OK;
 }
 

@@ -5,6 +5,7 @@
 
 #include "talvo/event/later_report.h"
 #include "talvo/event/timer_wrapper_id.h"
+#include "talvo/session/forward_batch.h"
 #include "talvo/session/forward_log.h"
 #include "talvo/session/forward_receivers.h"
 
@@ -38,6 +39,8 @@ public:
     DWORD GetMaxMessage();
     DWORD GetLeastMaxMessage() const { return std::min(m_dwMaxMessage, m_dwMaxOfReceivers); }
 
+    // From a receiver that is being served: the messages from aNumber on for all that are there; null: send them one by one.
+    const CForwardBatch* FindBatch(uint64_t aNumber, EForwardFraming aFraming);
     // From a receiver: its transport can take data; its transport has ended.
     void OnRoom(CForwardReceiver& aReceiver);
     void OnEnd(CForwardReceiver& aReceiver, CmResult aReason) { Remove_i(aReceiver, aReason, TRUE, TRUE); }
@@ -79,6 +82,7 @@ private:
     CForwardLog m_Log;
     CForwardPacker m_Packer;
     CForwardReceivers m_Receivers;
+    CForwardBatch m_Batches[3];                 // by framing; during a turn
     CCmRefPtrT<CForwardReceiver> m_pNotices;    // those with an upcall to come
     CForwardReceiver* m_pLastNotice = nullptr;  // in that list
     CCmForwardStatistics m_Gone;                // of the receivers that are gone

@@ -131,8 +131,15 @@ BOOL CForwardCore::ServeAll_i() {
         Serve_i(aReceiver);
         bMore = bMore || (aReceiver.IsReady() && !aReceiver.GetCursor().IsCaughtUp(m_Log));
     });
+    for (CForwardBatch& batch : m_Batches)
+        batch.Clear();
     TrimHistory_i();
     return bMore;
+}
+
+const CForwardBatch* CForwardCore::FindBatch(uint64_t aNumber, EForwardFraming aFraming) {
+    CForwardBatch& batch = m_Batches[std::min<DWORD>(static_cast<DWORD>(aFraming), 2)];
+    return batch.Prepare(m_Log, aNumber, aFraming) ? &batch : nullptr;
 }
 
 void CForwardCore::Serve_i(CForwardReceiver& aReceiver) {

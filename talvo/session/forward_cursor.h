@@ -24,6 +24,12 @@ public:
     // The message of Peek is sent.
     void Take(DWORD aLength);
 
+    // TRUE: it takes all messages from GetNext() on, one after the other.
+    BOOL IsPlain() const { return !m_bReplays && !m_bAwaitsKey && GetPolicy() != CM_FORWARD_CONFLATE; }
+    uint64_t GetNext() const { return m_ullNext; }
+    // Plain cursors: the next aCount messages are sent.
+    void TakeMany(const CForwardLog& aLog, DWORD aCount) { MoveTo_i(aLog, m_ullNext + aCount, m_Sent); }
+
     // A cursor that waits for a KEY_MESSAGE skips what has come meanwhile.
     void Settle(const CForwardLog& aLog);
     // TRUE: all messages are decided.

@@ -125,8 +125,28 @@ CmResult CForwardReceiver::Serve(const CForwardLog& aLog) {
     return m_Way == FRAMES || m_Way == STREAM ? ServeFrames_i(aLog) : ServeMessages_i(aLog);
 }
 
+CmResult CForwardReceiver::ServeBatch_i(const CForwardLog& aLog, const CForwardBatch& aBatch) {
+    CCmMessageBlock frames(aBatch.GetBlock());
+    frames.AdvanceTopLevelWritePtr(aBatch.GetBlock()->GetLength());
+    DWORD dwTaken = 0;
+    const CmResult rv = SendFrames_i(frames, aBatch.GetLengths(), aBatch.GetCount(), dwTaken);
+    if (IsGone())
+        return CM_OK;
+    m_Cursor.TakeMany(aLog, dwTaken);
+    return Refused_i(rv);
+}
+
+CmResult CForwardReceiver::SendFrames_i(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken) {
+    return m_Way == FRAMES ? m_pFramed->SendFrames(aFrames, aLengths, aCount, aTaken)
+                           : m_Rest.SendFrames(*m_pSending, aFrames, aLengths, aCount, aTaken);
+}
+
 // A look-ahead fills the chain. If the transport takes less, only so many are taken.
 CmResult CForwardReceiver::ServeFrames_i(const CForwardLog& aLog) {
+    if (m_Cursor.IsPlain()) {
+        if (const CForwardBatch* pBatch = m_pCore->FindBatch(m_Cursor.GetNext(), GetFraming_i()))
+            return ServeBatch_i(aLog, *pBatch);
+    }
     CForwardChain chain(GetFraming_i());
     CForwardCursor ahead(m_Cursor);
     const CForwardEntry* pEntry = ahead.Peek(aLog);
@@ -140,9 +160,7 @@ CmResult CForwardReceiver::ServeFrames_i(const CForwardLog& aLog) {
         return CM_OK;
     }
     DWORD dwTaken = 0;
-    const CmResult rv = m_Way == FRAMES
-                            ? m_pFramed->SendFrames(chain.GetHead(), chain.GetLengths(), chain.GetCount(), dwTaken)
-                            : m_Rest.SendFrames(*m_pSending, chain.GetHead(), chain.GetLengths(), chain.GetCount(), dwTaken);
+    const CmResult rv = SendFrames_i(chain.GetHead(), chain.GetLengths(), chain.GetCount(), dwTaken);
     if (IsGone())
         return CM_OK;
     if (dwTaken == chain.GetCount())

@@ -10,6 +10,7 @@
 
 namespace talvo {
 
+class CForwardBatch;
 class CForwardCore;
 
 //                             user's sink    <-- OnReceive, OnDisconnect --.
@@ -67,7 +68,9 @@ private:
     CmResult AttachDirect_i(ICmTransport* aTransport);
     void FindWay_i();
     EForwardFraming GetFraming_i() const;
+    CmResult ServeBatch_i(const CForwardLog& aLog, const CForwardBatch& aBatch);
     CmResult ServeFrames_i(const CForwardLog& aLog);
+    CmResult SendFrames_i(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken);
     CmResult ServeMessages_i(const CForwardLog& aLog);
     CmResult SendMessages_i(const CForwardLog& aLog);
     CmResult SendMessage_i(const CForwardMessage& aMessage);

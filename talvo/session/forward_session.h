@@ -98,7 +98,7 @@ public:
 // stream is always finished. On a raw stream (TCP, TLS) the bytes of the messages follow each other as they are; on a raw
 // datagram transport each message is a datagram; a protocol connection keeps messages apart.
 //
-// Messages leave from the loop, after the current event, many with one system call. A Forward that completes 64 messages or
+// Messages leave from the loop, after the current event, many with one system call. A Forward that completes 1,024 messages or
 // 64 KiB since the last turn sends at once.
 //
 // CCmConnectionManager::CreateForwardSession makes it. In the network thread, all operations and calls are in that thread. In

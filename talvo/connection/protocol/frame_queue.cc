@@ -77,10 +77,14 @@ CmResult CFrameQueue::SendFrames(ICmTransport& aTransport, CCmMessageBlock& aFra
         return rv;
     CCmTransportParameter para;
     const CmResult rv = aTransport.SendData(aFrames, &para);
+    if (rv == CM_OK) {
+        aTaken = aCount;
+        return rv;
+    }
     DWORD dwSent = para.m_dwHaveSent;
-    while (aTaken < aCount && (rv == CM_OK || aLengths[aTaken] <= dwSent))
+    while (aTaken < aCount && aLengths[aTaken] <= dwSent)
         dwSent -= aLengths[aTaken++];
-    if (rv == CM_OK || dwSent == 0)
+    if (dwSent == 0)
         return rv;
     const DWORD dwRest = aLengths[aTaken++] - dwSent;
     return KeepFirst_i(aFrames, dwRest) == CM_OK ? rv : CM_ERROR_OUT_OF_MEMORY;
