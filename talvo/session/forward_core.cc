@@ -42,13 +42,14 @@ CmResult CForwardCore::Forward(CCmMessageBlock& aData, const CCmForwardHeader* a
         return CM_OK;
     if (dwLength > GetLeastMaxMessage() && dwLength > GetMaxMessage())
         return CM_ERROR_INVALID_ARG;
-    CmResult rv = Admit_i(dwLength);
+    const DWORD dwTick = get_tick_count();
+    CmResult rv = Admit_i(dwLength, dwTick);
     if (rv != CM_OK)
         return rv;
     CForwardMessage message;
     rv = m_Packer.Pack(aData, dwLength, aHeader, message);
     if (rv == CM_OK)
-        rv = Append_i(message);
+        rv = Append_i(message, dwTick);
     if (rv == CM_OK)
         aData.AdvanceChainedReadPtr(dwLength);
     return rv;
@@ -57,20 +58,20 @@ CmResult CForwardCore::Forward(CCmMessageBlock& aData, const CCmForwardHeader* a
 CmResult CForwardCore::ForwardMessage(CForwardMessage& aMessage) {
     if (m_bClosed)
         return CM_ERROR_NOT_AVAILABLE;
-    const CmResult rv = Admit_i(aMessage.m_dwLength);
-    return rv == CM_OK ? Append_i(aMessage) : rv;
+    const DWORD dwTick = get_tick_count();
+    const CmResult rv = Admit_i(aMessage.m_dwLength, dwTick);
+    return rv == CM_OK ? Append_i(aMessage, dwTick) : rv;
 }
 
 // A Forward inside an upcall of a transport that is being served only adds its message: the next one applies the limits.
-CmResult CForwardCore::Admit_i(DWORD aLength) {
+CmResult CForwardCore::Admit_i(DWORD aLength, DWORD aTick) {
     if (m_bServing)
         return CM_OK;
-    const DWORD dwTick = get_tick_count();
-    if (IsBoundReached_i(dwTick))
-        ApplyLimits_i(dwTick);
+    if (IsBoundReached_i(aTick))
+        ApplyLimits_i(aTick);
     if (m_bHeldBack)
         return HoldBack_i(aLength);
-    if (const CmResult rv = MakeRoom_i(aLength, dwTick); rv != CM_OK)
+    if (const CmResult rv = MakeRoom_i(aLength, aTick); rv != CM_OK)
         return HoldBack_i(aLength);
     return m_bClosed ? CM_ERROR_NOT_AVAILABLE : CM_OK;
 }
@@ -189,9 +190,9 @@ BOOL CForwardCore::IsHeldBack_i(DWORD aTick) const {
     return bHeldBack;
 }
 
-CmResult CForwardCore::Append_i(CForwardMessage& aMessage) {
+CmResult CForwardCore::Append_i(CForwardMessage& aMessage, DWORD aTick) {
     const DWORD dwLength = aMessage.m_dwLength;
-    if (const CmResult rv = m_Log.Append(std::move(aMessage), get_tick_count()); rv != CM_OK)
+    if (const CmResult rv = m_Log.Append(std::move(aMessage), aTick); rv != CM_OK)
         return rv;
     while (m_Log.GetKeyCount() > m_dwKeys && !m_bServing)
         ForgetKey_i();

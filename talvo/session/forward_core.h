@@ -47,7 +47,7 @@ public:
 
 private:
     // Forward.
-    CmResult Admit_i(DWORD aLength);
+    CmResult Admit_i(DWORD aLength, DWORD aTick);
     CmResult HoldBack_i(DWORD aLength);
     BOOL IsBoundReached_i(DWORD aTick) const;
     void ApplyLimits_i(DWORD aTick);
@@ -58,7 +58,7 @@ private:
     CmResult ReleaseFirst_i(DWORD aTick);
     void ForgetKey_i();
     BOOL IsHeldBack_i(DWORD aTick) const;
-    CmResult Append_i(CForwardMessage& aMessage);
+    CmResult Append_i(CForwardMessage& aMessage, DWORD aTick);
     void StartTimer_i(DWORD aMilliseconds);
     void OnTimer(CCmTimerWrapperID* aId) override;
     // Turns.
