@@ -52,6 +52,12 @@ CmResult FindAndWait(const char* aUrl, uint32_t aMs, CCmString& aRoute) {
     ACmThread* pNetwork = threads.GetThread(CCmThreadManager::TT_NETWORK);
     if (!pNetwork || threads.GetThread(CCmThreadManager::TT_CURRENT))
         return CM_ERROR_NOT_AVAILABLE;
+    // The first question reads the environment, and must do so here: not while the caller's next line sets a variable.
+    CCmRefPtrT<CCmProxyAnswer> pKept;
+    CCmProxyDiscovery* pDiscovery = CCmProxyDiscovery::Instance();
+    const CmResult begun = pDiscovery ? pDiscovery->Find(pKept.ParaOut(), aUrl) : CM_ERROR_OUT_OF_MEMORY;
+    if (begun != CM_OK && begun != CM_ERROR_WOULD_BLOCK)
+        return begun;
     const auto pWait = std::make_shared<CWait>();
     const CmResult rv = pNetwork->GetLink().Post([strUrl = CCmString(aUrl), pWait] { Search(strUrl, pWait); });
     if (rv != CM_OK)
