@@ -3,6 +3,7 @@
 #include "talvo/proxy/discovery/network_watch.h"
 #include "talvo/proxy/discovery/pac_engine.h"
 #include "talvo/proxy/discovery/proxy_discovery.h"
+#include "talvo/proxy/discovery/proxy_sources.h"
 #include "talvo/transport/bad_proxies.h"
 #include "tests/support/network_fixture.h"
 
@@ -338,6 +339,23 @@ TEST_F(ProxyDiscoveryTest, SourcesOfConnectorsHaveOneQuestion) {
     EXPECT_EQ("", cancelled.m_strLog);
     EXPECT_EQ("https://[fd00::1]:81/ fd00::1", m_Engine.m_Questions.at(0));
     EXPECT_TRUE(source.Ask("https://[fd00::1]:81/", sink, route) == CM_OK && route.GetText() == "http://p:1");
+}
+
+TEST(ProxySourcesTest, OnlyTheFirstSettingsOfADesktopAreWaitedFor) {
+    struct CUser : IProxySourcesUser {
+        void OnSourcesReady() override {}
+        void OnSourcesChanged() override {}
+    } user;
+    CCmFakeClock clock;
+    const CTestNetwork network{CCmThreadManager::NETWORK_THREAD_MAIN};
+    CProxySources sources(user);
+    // Without its schema the program fails.
+    const std::map<CCmString, CCmString> variables{{"XDG_CURRENT_DESKTOP", "GNOME"}, {"XDG_DATA_DIRS", "/nowhere"}};
+    sources.Load(std::make_shared<CApplicationSettings>(), std::make_shared<CEnvironment>(variables));
+    network.RunUntil([&] { return sources.IsReady(); });
+    clock.Advance(CCmTimeValue(31));
+    sources.Check();
+    EXPECT_TRUE(sources.IsReady());
 }
 
 TEST(AnswerCacheTest, TheOldestMakesRoom) {

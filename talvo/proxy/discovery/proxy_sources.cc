@@ -37,6 +37,7 @@ void CProxySources::Load(std::shared_ptr<const CApplicationSettings> aApplicatio
     }
     if (m_eDesktop == EDesktop::GNOME)
         StartGnome_i();
+    m_bWaits = m_pChild != nullptr;
 }
 
 void CProxySources::Check() {
@@ -69,7 +70,6 @@ void CProxySources::StartGnome_i() {
     const CmResult rv =
         m_pChild->Start({"/usr/bin/gsettings", {"list-recursively", "org.gnome.system.proxy"}, m_pEnvironment->GetAll()},
                         GNOME_LIMIT, MOST_OUTPUT, *this);
-    m_bWaits = rv == CM_OK && m_strGnome.empty();
     if (rv == CM_OK)
         return;
     m_pChild.reset();

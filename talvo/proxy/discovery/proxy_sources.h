@@ -24,7 +24,7 @@ protected:
 
 // Application, environment and desktop, the strongest first. Network thread. The files of KDE are looked at once a second and
 // the program of GNOME runs once in 30 s, both only in Check; meanwhile the old settings serve.
-class CProxySources : private IChildOutputSink {
+class TALVO_API CProxySources : private IChildOutputSink {
 public:
     explicit CProxySources(IProxySourcesUser& aUser) : m_User(aUser) {}
     ~CProxySources() override;
