@@ -101,6 +101,7 @@ TEST(BypassRulesTest, TwentyEntriesInBothDialects) {
 TEST(ProxyOriginTest, NothingButSchemeHostAndPortIsLeft) {
     const std::pair<std::string, std::string> CASES[] = {{"http://Example.com/secret?q#f", "http://example.com/ example.com"},
                                                          {"HTTPS://a:443/", "https://a/ a"},
+                                                         {"http://a?query/@b", "http://a/ a"},
                                                          {"https://a.:8443", "https://a.:8443/ a."},
                                                          {"http://[FD00:0::1]:81/", "http://[fd00::1]:81/ fd00::1"},
                                                          {"http://[fe80::1%25eth0]/", "http://[fe80::1]/ fe80::1"},
@@ -110,8 +111,8 @@ TEST(ProxyOriginTest, NothingButSchemeHostAndPortIsLeft) {
         EXPECT_EQ(strExpected, origin.m_strUrl + " " + origin.m_strHost);
     }
     CProxyOrigin origin;
-    for (const char* pUrl : {"http://user:password@a/", "http://u@a", "http://a?query", "http://a b/", "file:///a", "ftp://a/",
-                             "http:///", "a", "", "http://a\"/", "http://a%2eb/"})
+    for (const char* pUrl : {"http://user:password@a/", "http://u@a", "http://a b/", "file:///a", "ftp://a/", "http:///", "a",
+                             "", "http://a\"/", "http://a%2eb/"})
         EXPECT_EQ(CM_ERROR_INVALID_ARG, CProxyOrigin::Parse(pUrl, origin)) << pUrl;
     for (const char* pHost : {"localhost", "a.LOCALHOST.", "127.9.9.9", "127.1", "[::1]", "[::ffff:127.0.0.1]", "169.254.1.1",
                               "[fe80::1]", "[febf::1%25eth0]"})

@@ -1,7 +1,6 @@
 #include "talvo/proxy/discovery/proxy_origin.h"
 
 #include <algorithm>
-#include <new>
 
 #include "talvo/base/ascii.h"
 #include "talvo/base/inet_addr.h"
@@ -22,26 +21,25 @@ BOOL IsName(const CCmString& aHost) {
     return !aHost.empty() && aHost.size() <= LONGEST_NAME && std::ranges::all_of(aHost, IsNameByte);
 }
 
-// TRUE: there is an "@" before path, query and fragment. CCmHttpUrl takes a part of such a text for the host.
-BOOL HasUser(std::string_view aUrl) {
+// Scheme and authority. The rest decides nothing, may be long, and CCmHttpUrl needs a "/" before a query.
+std::string_view CutPath(std::string_view aUrl) {
     const size_t stScheme = aUrl.find("://");
     const size_t stBegin = stScheme == std::string_view::npos ? 0 : stScheme + 3;
-    return aUrl.substr(stBegin, aUrl.find_first_of("/?#", stBegin) - stBegin).find('@') != std::string_view::npos;
+    return aUrl.substr(0, aUrl.find_first_of("/?#", stBegin));
+}
+
+// The literal address in aHost, also in the short and hexadecimal forms of IPv4; an interface is skipped.
+CIpBytes ParseAddress(const CCmString& aHost) {
+    CIpBytes ip;
+    DWORD dwIpv4 = 0;
+    if (aHost.find(':') != CCmString::npos)
+        CIpBytes::Parse(std::string_view(aHost).substr(0, aHost.find('%')), ip);
+    else if (aHost[0] >= '0' && aHost[0] <= '9' && CCmInetAddr::IpAddrStringTo4Bytes(aHost.c_str(), dwIpv4))
+        ip = CIpBytes::OfIpv4(dwIpv4);
+    return ip;
 }
 
 }  // namespace
-
-CIpBytes ParseHostAddress(std::string_view aHost) {
-    if (aHost.starts_with('[') && aHost.ends_with(']'))
-        aHost = aHost.substr(1, aHost.size() - 2);
-    CCmInetAddr addr;
-    if (aHost.empty() || aHost.find('\0') != std::string_view::npos)
-        return {};
-    const CmResult rv = addr.SetIpAddrByString(CCmString(aHost.substr(0, aHost.find('%'))).c_str());
-    if (rv == CM_ERROR_OUT_OF_MEMORY)
-        throw std::bad_alloc();
-    return rv == CM_OK ? addr.GetIpBytes() : CIpBytes();
-}
 
 BOOL IsInNetwork(const CIpBytes& aIp, const CIpBytes& aNetwork, DWORD aBits) {
     if (!aIp || aIp.m_byFamily != aNetwork.m_byFamily)
@@ -54,13 +52,14 @@ BOOL IsInNetwork(const CIpBytes& aIp, const CIpBytes& aNetwork, DWORD aBits) {
 
 CmResult CProxyOrigin::Parse(std::string_view aUrl, CProxyOrigin& aOrigin) {
     CCmHttpUrl url;
-    if (HasUser(aUrl) || !url.Init(aUrl) || url.GetScheme() == "file")
+    const std::string_view strPlace = CutPath(aUrl);  // with an "@", CCmHttpUrl would take a part of it for the host
+    if (strPlace.find('@') != std::string_view::npos || !url.Init(strPlace) || url.GetScheme() == "file")
         return CM_ERROR_INVALID_ARG;
     CProxyOrigin origin;
     origin.m_strScheme = url.GetScheme();
     origin.m_strHost = to_lower(url.GetHostName());
     origin.m_wPort = url.GetPort();
-    origin.m_Ip = ParseHostAddress(origin.m_strHost);
+    origin.m_Ip = ParseAddress(origin.m_strHost);
     if (origin.m_Ip)
         origin.m_strHost = origin.m_Ip.GetText();
     else if (!IsName(origin.m_strHost))

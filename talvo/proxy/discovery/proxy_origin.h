@@ -22,10 +22,6 @@ struct TALVO_API CProxyOrigin {
     BOOL IsLoopback() const;
 };
 
-// The literal address in aHost, also in the short and hexadecimal forms of IPv4; brackets and an interface are skipped. Throws
-// std::bad_alloc.
-TALVO_API CIpBytes ParseHostAddress(std::string_view aHost);
-
 // TRUE: the first aBits of both are equal; the families must be.
 BOOL IsInNetwork(const CIpBytes& aIp, const CIpBytes& aNetwork, DWORD aBits);
 
