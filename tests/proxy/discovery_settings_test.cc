@@ -154,6 +154,8 @@ TEST(ProxySettingsTest, TheFilesOfKde) {
               ChoicesOf(KdeOf("[Proxy Settings]\r\nProxyType=2\r\nProxy Config Script=http://x/p.pac\r\n")));
     EXPECT_EQ("file:///p file:///p", ChoicesOf(KdeOf("[proxy settings]\nProxyType=2\nProxy Config Script[$e]=/p")));
     EXPECT_TRUE(KdeOf("[Proxy Settings]\nProxyType=3").m_bDetect);
+    const std::string strBare = "[Proxy Settings]\nProxyType=1\nhttpProxy=http://fd00::1 8080\nhttpsProxy=fd00::2\n";
+    EXPECT_EQ("http://[fd00::1]:8080 http://[fd00::2]:80", ChoicesOf(KdeOf(strBare)));
     const CProxySettings named = KdeOf("[Proxy Settings]\nProxyType=4\nhttpProxy=MY\nhttpsProxy=NONE\nNoProxyFor=NO",
                                        {{"MY", "http://u:p@env:3"}, {"NO", "b.test"}});
     EXPECT_EQ("http://env:3 nothing", ChoicesOf(named));

@@ -75,9 +75,7 @@ void ReadServer(const CValues& aValues, const CCmString& aScheme, CProxySettings
     const CCmString strHost = Get(aValues, aScheme + ".host"), strPort = Get(aValues, aScheme + ".port");
     if (strHost.empty())
         return;
-    const BOOL bAddress = strHost.find(':') != CCmString::npos && strHost[0] != '[' && strHost.find('/') == CCmString::npos;
-    const CCmString strText = bAddress ? "[" + strHost + "]" : strHost;
-    aSettings.SetDesktopServer(aServers, strPort.empty() || strPort == "0" ? strText : strText + ":" + strPort,
+    aSettings.SetDesktopServer(aServers, strPort.empty() || strPort == "0" ? strHost : strHost + " " + strPort,
                                aScheme == "socks");
 }
 

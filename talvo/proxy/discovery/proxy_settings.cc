@@ -35,16 +35,20 @@ void CProxySettings::SetServers(CServers& aServers, std::string_view aUris, std:
         CM_WARNING_TRACE("CProxySettings::SetServers, no server in the value. source=" << aSource);
 }
 
-// A desktop writes "http://host 8080", "host:8080" or "socks://host 1080".
+// A desktop writes "http://host 8080", "host:8080" or "socks://host 1080", and an IPv6 address also without brackets.
 void CProxySettings::SetDesktopServer(CServers& aServers, std::string_view aText, BOOL aSocks) {
     aText = TrimBlanks(aText);
     const size_t stScheme = aText.find("://");
-    CCmString strUri(aSocks && stScheme != std::string_view::npos ? aText.substr(stScheme + 3) : aText);
-    const size_t stBlank = strUri.find_first_of(" \t");
-    if (stBlank != CCmString::npos)
-        strUri.replace(stBlank, strUri.find_last_of(" \t") - stBlank + 1, ":");
-    if (aSocks)
-        strUri.insert(0, "socks5://");
+    const std::string_view scheme = aText.substr(0, stScheme == std::string_view::npos ? 0 : stScheme + 3);
+    const std::string_view place = aText.substr(scheme.size());
+    const std::string_view host = place.substr(0, place.find_first_of(" \t"));
+    const std::string_view port = TrimBlanks(place.substr(host.size()));
+    CIpBytes ip;
+    const BOOL bBare = CIpBytes::Parse(host, ip) && host.find(':') != std::string_view::npos;
+    CCmString strUri(aSocks ? "socks5://" : scheme);
+    strUri.append(bBare ? "[" : "").append(host).append(bBare ? "]" : "");
+    if (!port.empty())
+        strUri.append(":").append(port);
     if (!aText.empty())
         SetServers(aServers, strUri, m_strSource);
     WipeText(strUri);
