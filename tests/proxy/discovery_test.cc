@@ -25,6 +25,7 @@ public:
     }
     void Cancel(IPacTextSink& aSink) override { m_Waiting.erase(&aSink); }
     void SetLifetime(const CCmString& aUrl, DWORD aSeconds) override { m_Log.push_back(aUrl + " " + std::to_string(aSeconds)); }
+    void Reject(const CCmString& aUrl, const CPacTextPtr&) override { m_Log.push_back("reject " + aUrl); }
     void Refresh() override { m_Log.push_back("refresh"); }
     void SetWatcher(IPacTextWatcher* aWatcher) override { m_pWatcher = aWatcher; }
 
@@ -266,6 +267,7 @@ TEST_F(ProxyDiscoveryTest, AScriptThatFailsLeavesTheLastGoodOne) {
     m_Texts.Set("http://s/p", "!1line 3");
     Configure("Mode=script\nScriptUrl=http://s/p\nScriptMandatory=1\nAnswerSeconds=3600");
     EXPECT_EQ("20009 script http://s/p: the script cannot be loaded: line 3", Find("http://a.test/"));
+    EXPECT_EQ("reject http://s/p", m_Texts.m_Log.back());
     CCmFakeClock clock;
     EXPECT_EQ("kept 20009 script http://s/p: the script cannot be loaded: line 3", Find("http://a.test/"));
     clock.Advance(CCmTimeValue(10));
@@ -303,13 +305,18 @@ TEST_F(ProxyDiscoveryTest, InsFilesLeadToOthersButNotInACircle) {
     Configure("Mode=script\nScriptUrl=http://s/1.ins");
     EXPECT_EQ("http://chain:1 script http://s/4", Find("http://a.test/"));
     EXPECT_TRUE(std::ranges::count(m_Texts.m_Log, "http://s/3 300") == 1);
-    const auto findWith = [&](const std::string& aText) {
+    const auto findWith = [&](const std::string& aText, const std::string& aUrl = "http://s/4") {
         m_Network.InNetwork([&] {
-            m_Texts.Set("http://s/4", aText);
-            m_Texts.m_pWatcher->OnPacTextChanged("http://s/4");
+            m_Texts.Set(aUrl, aText);
+            m_Texts.m_pWatcher->OnPacTextChanged(aUrl);
         });
         return Find("http://a.test/");
     };
+    EXPECT_EQ("http://chain:1 script http://s/none: the script cannot be fetched",
+              findWith(next("http://s/none"), "http://s/3"));
+    EXPECT_EQ("direct:// script file:///p: an .ins file of the network names a file of this machine",
+              findWith(next("file:///p"), "http://s/3"));
+    EXPECT_EQ("http://chain:1 script http://s/4", findWith(next("http://s/4"), "http://s/3"));
     EXPECT_EQ("direct:// script http://s/4: the .ins files are too many", findWith("[Proxy]\nProxy_Enable=0"));
     EXPECT_EQ("direct:// script http://s/4: the .ins files are too many", findWith(next("http://s/1.ins")));
     m_Network.InNetwork([&] { m_Texts.Set("http://s/2", next("http://s/1.ins")); });

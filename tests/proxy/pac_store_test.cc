@@ -111,6 +111,22 @@ TEST_F(PacStoreTest, FailedFetchesAreRepeatedLaterAndLater) {
     EXPECT_FALSE(trace.Contains("secret"));
 }
 
+TEST_F(PacStoreTest, ATextThatIsNoScriptIsFetchedAgainSoon) {
+    const auto page = Answer("200 OK", "Cache-Control: max-age=86400\r\n", "<html>");
+    const CCmScriptedHttpServer server({{Answer("304 Not Modified", "", ""), page, Answer("200 OK", "", "good")}});
+    const CCmString strUrl = server.GetUrl();
+    m_Store.SetWatcher(&m_Log);
+    EXPECT_EQ("", Get(strUrl)) << "no text is unchanged";
+    EXPECT_EQ(CM_ERROR_NETWORK_HTTP_FAILURE, m_Log.m_Reasons.at(0));
+    Wait(10);
+    EXPECT_EQ("<html>", Get(strUrl));
+    m_Store.Reject(strUrl, m_Log.m_pText);
+    Wait(10);
+    EXPECT_EQ("<html>", Get(strUrl));
+    RunUntil([&] { return m_Log.m_strChanged == strUrl; });
+    EXPECT_EQ("good", Get(strUrl));
+}
+
 TEST_F(PacStoreTest, TooMuchTooSlowAndNoUrl) {
     const CCmScriptedHttpServer big({{Answer("200 OK", "", std::string((1 << 20) + 1, 'x'))}});
     const CCmScriptedHttpServer latin({{Answer("200 OK", "", std::string((1 << 19) + 1, '\xE4'))}});

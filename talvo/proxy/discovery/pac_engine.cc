@@ -17,6 +17,7 @@ IPacEngine::~IPacEngine() = default;
 IPacTextSink::~IPacTextSink() = default;
 IPacTextWatcher::~IPacTextWatcher() = default;
 IPacTexts::~IPacTexts() = default;
+void IPacTexts::Reject(const CCmString&, const CPacTextPtr&) {}
 
 IPacEngine* IPacEngine::Get() { return s_pEngine.load(std::memory_order_acquire); }
 void IPacEngine::Set(IPacEngine* aEngine) { s_pEngine.store(aEngine, std::memory_order_release); }

@@ -97,6 +97,9 @@ public:
     virtual void Cancel(IPacTextSink& aSink) = 0;
     // Replaces the expiry of the kept text of aUrl: it is fetched again on the first Get later than this after its fetch.
     virtual void SetLifetime(const CCmString& aUrl, DWORD aSeconds) = 0;
+    // aText, of aUrl, cannot be loaded: it is fetched again as soon as after a failed fetch. Does nothing if aUrl has another
+    // text by now, or the same was said before. The default does nothing.
+    virtual void Reject(const CCmString& aUrl, const CPacTextPtr& aText);
     // All texts are fetched again on their next Get, also those whose fetch has failed lately; meanwhile the old ones serve.
     virtual void Refresh() = 0;
     // Null: none. Not owned.

@@ -4,6 +4,7 @@
 #include <new>
 #include <utility>
 
+#include "talvo/base/config_text.h"
 #include "talvo/base/trace.h"
 #include "talvo/base/with_memory.h"
 
@@ -21,6 +22,8 @@ std::string_view CutAnswer(std::string_view aText) {
     const size_t stEnd = aText.rfind(';', LONGEST_ANSWER);
     return aText.substr(0, stEnd == std::string_view::npos ? 0 : stEnd);
 }
+
+BOOL IsFile(std::string_view aUrl) { return IsSameNoCase(aUrl.substr(0, aUrl.find(':')), "file"); }
 
 const char* TextOf(EPacEnd aEnd) {
     switch (aEnd) {
@@ -108,6 +111,8 @@ void CProxyEvaluation::Fetch_i(const CCmString& aUrl) {
     m_strSource = "script " + HideCredentials(aUrl);
     if (m_Urls.size() > CInsFile::MOST_FILES || std::ranges::find(m_Urls, aUrl) != m_Urls.end())
         return Fail_i("the .ins files are too many, or a circle");
+    if (!m_Urls.empty() && IsFile(aUrl) && !IsFile(m_Urls.back()))
+        return Fail_i("an .ins file of the network names a file of this machine");
     m_Urls.push_back(aUrl);
     IPacTexts* pTexts = IPacTexts::Get();
     CPacTextPtr pText;
@@ -119,7 +124,7 @@ void CProxyEvaluation::Fetch_i(const CCmString& aUrl) {
     else if (rv == CM_OK && pText)
         Use_i(pText);
     else
-        Fail_i("the script cannot be fetched");
+        TakeError_i("the script cannot be fetched");
 }
 
 void CProxyEvaluation::OnPacText(CmResult aReason, const CPacTextPtr& aText, const CCmString& aError) {
@@ -128,7 +133,7 @@ void CProxyEvaluation::OnPacText(CmResult aReason, const CPacTextPtr& aText, con
         if (aText)
             Use_i(aText);
         else
-            Fail_i(aError.empty() ? "the script cannot be fetched, reason " + std::to_string(aReason) : aError);
+            TakeError_i(aError.empty() ? "the script cannot be fetched, reason " + std::to_string(aReason) : aError);
     });
 }
 
@@ -167,9 +172,11 @@ void CProxyEvaluation::OnPacEnd(EPacEnd aEnd, const CCmString& aText) {
     m_pEngine = nullptr;
     Do_i([&] {
         if (aEnd == EPacEnd::ANSWER)
-            TakeAnswer_i(aText);
-        else
-            TakeError_i(TextOf(aEnd) + (aText.empty() ? "" : ": " + aText));
+            return TakeAnswer_i(aText);
+        IPacTexts* pTexts = IPacTexts::Get();
+        if (pTexts && aEnd == EPacEnd::LOAD_FAILED)
+            pTexts->Reject(m_Urls.back(), m_pScript);
+        TakeError_i(TextOf(aEnd) + (aText.empty() ? "" : ": " + aText));
     });
 }
 
@@ -185,7 +192,8 @@ void CProxyEvaluation::TakeAnswer_i(const CCmString& aText) {
 // The last good script serves. If it was the one that failed, there is no answer.
 void CProxyEvaluation::TakeError_i(const CCmString& aError) {
     const CPacTextPtr pGood = m_User.GetGoodScript(m_Urls.front());
-    if (!pGood || !m_strError.empty() || pGood->m_ullVersion == m_pScript->m_ullVersion)
+    const BOOL bSame = pGood && m_pScript && pGood->m_ullVersion == m_pScript->m_ullVersion;
+    if (!pGood || bSame || !m_strError.empty())
         return Fail_i(m_strError.empty() ? aError : m_strError);
     m_strError = aError;
     CM_WARNING_TRACE_THIS("CProxyEvaluation::TakeError_i, the last good script serves. error=" << aError);

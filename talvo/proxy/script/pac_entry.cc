@@ -56,20 +56,33 @@ void CPacEntry::SetLifetime(DWORD aSeconds) {
         m_llDue = m_llFetched + int64_t{aSeconds} * SECOND;
 }
 
+void CPacEntry::Reject(const CPacTextPtr& aText) {
+    if (aText != m_pText || aText == m_pRejected)
+        return;
+    m_pRejected = aText;
+    Retry_i();
+}
+
 void CPacEntry::Refresh() {
     m_llDue = INT64_MIN;
     m_dwFailures = 0;
 }
 
 void CPacEntry::Fail_i(CmResult aReason, const CCmString& aError) {
-    ++m_dwFailures;
-    m_llDue = CCmClock::GetTimeOfDayUsec() + int64_t{PacRetryAfter(m_dwFailures)} * SECOND;
+    Retry_i();
     CM_WARNING_TRACE("CPacEntry::Fail_i, the script cannot be fetched: "
                      << aError << ". scheme=" << m_Url.GetScheme() << " host=" << m_Url.GetHostName() << " rv=" << aReason);
 }
 
+void CPacEntry::Retry_i() {
+    ++m_dwFailures;
+    m_llDue = CCmClock::GetTimeOfDayUsec() + int64_t{PacRetryAfter(m_dwFailures)} * SECOND;
+}
+
 void CPacEntry::OnPacFetched(CPacFetched& aFetched) {
     m_bFetching = FALSE;
+    if (aFetched.m_Reason == CM_OK && aFetched.m_bSame && !m_pText)
+        aFetched.m_Reason = CM_ERROR_NETWORK_HTTP_FAILURE;  // "not modified", but nothing was known
     if (aFetched.m_Reason != CM_OK) {
         Fail_i(aFetched.m_Reason, aFetched.m_strError);
         return Notify_i(aFetched.m_Reason, aFetched.m_strError);
@@ -80,9 +93,13 @@ void CPacEntry::OnPacFetched(CPacFetched& aFetched) {
         Fail_i(CM_ERROR_OUT_OF_MEMORY, "memory ran out");
         return Notify_i(CM_ERROR_OUT_OF_MEMORY, "");
     }
-    m_dwFailures = 0;
     m_llFetched = CCmClock::GetTimeOfDayUsec();
-    m_llDue = m_llFetched + int64_t{aFetched.m_dwSeconds} * SECOND;
+    if (m_pText == m_pRejected) {
+        Retry_i();
+    } else {
+        m_dwFailures = 0;
+        m_llDue = m_llFetched + int64_t{aFetched.m_dwSeconds} * SECOND;
+    }
     if (bFirst)
         return Notify_i(CM_OK, "");
     if (bChanged)

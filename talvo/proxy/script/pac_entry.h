@@ -25,6 +25,7 @@ public:
     void Cancel(const IPacTextSink& aSink) { std::erase(m_Sinks, &aSink); }
     BOOL IsWaiting(const IPacTextSink& aSink) const;
     void SetLifetime(DWORD aSeconds);
+    void Reject(const CPacTextPtr& aText);
     void Refresh();
 
     BOOL IsIdle() const { return !m_bFetching && !m_bNotifying; }
@@ -36,6 +37,7 @@ private:
     BOOL IsDue_i() const;
     CmResult Fetch_i();
     void Fail_i(CmResult aReason, const CCmString& aError);
+    void Retry_i();
     BOOL Take_i(CPacFetched& aFetched);
     void Notify_i(CmResult aReason, const CCmString& aError);
 
@@ -46,10 +48,11 @@ private:
     BOOL m_bFetching = FALSE;
     BOOL m_bNotifying = FALSE;
     CPacTextPtr m_pText;  // null: never fetched
+    CPacTextPtr m_pRejected;
     CPacMarks m_Marks;
     int64_t m_llFetched = 0;      // when the text was fetched, microseconds
     int64_t m_llDue = INT64_MIN;  // when the next fetch may begin
-    DWORD m_dwFailures = 0;       // fetches that have failed in a row
+    DWORD m_dwFailures = 0;       // fetches in a row that have failed or brought a rejected text
     uint64_t m_ullLastUse = 0;
     std::vector<IPacTextSink*> m_Sinks;  // not owned
 };

@@ -78,6 +78,12 @@ void CPacStore::SetLifetime(const CCmString& aUrl, DWORD aSeconds) {
         found->second->SetLifetime(aSeconds);
 }
 
+void CPacStore::Reject(const CCmString& aUrl, const CPacTextPtr& aText) {
+    const auto found = m_Entries.find(aUrl);
+    if (found != m_Entries.end())
+        found->second->Reject(aText);
+}
+
 void CPacStore::Refresh() {
     for (const auto& [strUrl, pEntry] : m_Entries)
         pEntry->Refresh();

@@ -26,6 +26,7 @@ public:
     CmResult Get(const CCmString& aUrl, CPacTextPtr& aText, IPacTextSink& aSink) override;
     void Cancel(IPacTextSink& aSink) override;
     void SetLifetime(const CCmString& aUrl, DWORD aSeconds) override;
+    void Reject(const CCmString& aUrl, const CPacTextPtr& aText) override;
     void Refresh() override;
     void SetWatcher(IPacTextWatcher* aWatcher) override { m_pWatcher = aWatcher; }
 
