@@ -34,6 +34,7 @@ public:
     // The same for a message whose length was checked; aMessage is unchanged unless CM_OK.
     CmResult ForwardMessage(CForwardMessage& aMessage);
     void StartReceiver(DWORD aId);
+    DWORD GetReceiverCount() const { return m_Receivers.GetCount(); }
     // The longest message that all receivers can take. The second takes constant time; it may be lower, because a receiver that
     // is gone still counts.
     DWORD GetMaxMessage();

@@ -1,5 +1,6 @@
 #include "talvo/session/forward_session_proxy.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "talvo/base/live_counter.h"
@@ -15,6 +16,11 @@ using Guard = CCmMutexGuardT<CCmMutexThread>;
 
 BOOL Add(std::vector<CForwardMessage>& aTo, CForwardMessage& aMessage) {
     return WithMemory([&] { aTo.push_back(std::move(aMessage)); });
+}
+
+BOOL Grow(std::vector<CForwardUpcall>& aUpcalls, size_t aNeeded) {
+    const size_t stHas = aUpcalls.capacity();
+    return aNeeded <= stHas || WithMemory([&] { aUpcalls.reserve(std::max(aNeeded, 2 * stHas)); });
 }
 
 }  // namespace
@@ -48,6 +54,31 @@ BOOL CForwardQueue::Taken(uint64_t aCost) {
     Guard guard(m_Mutex);
     m_ullWaiting -= aCost;
     return m_bRefused && m_ullWaiting <= LIMIT / 2 && std::exchange(m_bRefused, FALSE);
+}
+
+BOOL CForwardUpcalls::Reserve(DWORD aCount) {
+    Guard guard(m_Mutex);
+    return Grow(m_Upcalls, m_Upcalls.size() + aCount);
+}
+
+void CForwardUpcalls::Add(const CForwardUpcall& aUpcall) {
+    Guard guard(m_Mutex);
+    m_Upcalls.push_back(aUpcall);
+}
+
+size_t CForwardUpcalls::GetCount() {
+    Guard guard(m_Mutex);
+    return m_Upcalls.size() - m_stTaken;
+}
+
+CForwardUpcall CForwardUpcalls::Take() {
+    Guard guard(m_Mutex);
+    const CForwardUpcall upcall = m_Upcalls[m_stTaken++];
+    if (m_stTaken == m_Upcalls.size()) {
+        m_Upcalls.clear();
+        m_stTaken = 0;
+    }
+    return upcall;
 }
 
 CForwardProxyCore::CForwardProxyCore(ICmForwardSink& aSink, CCmThreadLink& aUser, CCmThreadLink& aNetwork)
@@ -90,6 +121,8 @@ CmResult CForwardProxyCore::Call_i(Use aUse) {
 
 CmResult CForwardProxyCore::AddReceiver(ICmTransport* aTransport, const CCmForwardReceiverOptions& aOptions, DWORD& aId) {
     return Call_i([&](CForwardCore& aCore) {
+        if (!m_Upcalls.Reserve(2 * (aCore.GetReceiverCount() + 1)))  // OnJoin and OnReceiver of each
+            return CM_ERROR_OUT_OF_MEMORY;
         const CmResult rv = aCore.AddReceiver(aTransport, aOptions, aId);
         NoteLimit_i();
         return rv;
@@ -182,10 +215,11 @@ void CForwardProxyCore::EndAbandoned_i() { End_i(CM_OK); }
 
 void CForwardProxyCore::OnThreadEnd() { End_i(CM_ERROR_NETWORK_SOCKET_CLOSE); }
 
-// A WAIT receiver at its limit stops it until OnForward.
+// A WAIT receiver at its limit stops it until OnForward. Without memory a message is tried again.
 void CForwardProxyCore::Drain_i() {
     const CCmRefPtrT<CProxyCore> pKeep(this);
     uint64_t ullCost = 0;
+    CmResult rv = CM_OK;
     if (m_stNext == m_Messages.size()) {
         m_Messages.clear();
         m_stNext = 0;
@@ -194,8 +228,8 @@ void CForwardProxyCore::Drain_i() {
     for (; m_pCore && m_stNext < m_Messages.size(); ++m_stNext) {
         CForwardMessage& message = m_Messages[m_stNext];
         const DWORD dwLength = message.m_dwLength;
-        const CmResult rv = m_pCore->ForwardMessage(message);
-        if (rv == CM_ERROR_PARTIAL_DATA)
+        rv = m_pCore->ForwardMessage(message);
+        if (rv == CM_ERROR_PARTIAL_DATA || rv == CM_ERROR_OUT_OF_MEMORY)
             break;
         if (rv != CM_OK)
             CM_ERROR_TRACE_THIS("CForwardSessionProxy::Forward, a message is lost. len=" << dwLength << " rv=" << rv);
@@ -203,7 +237,7 @@ void CForwardProxyCore::Drain_i() {
     }
     if (ullCost > 0 && m_Queue.Taken(ullCost))
         m_RoomEvent.Post(GetUser());
-    if (m_pCore && ullCost > 0 && m_stNext == m_Messages.size())
+    if (m_pCore && (rv == CM_ERROR_OUT_OF_MEMORY || (ullCost > 0 && m_stNext == m_Messages.size())))
         m_DrainEvent.PostQuietly(GetNetwork());
 }
 
@@ -212,24 +246,28 @@ void CForwardProxyCore::ReportRoom_i() {
         pSink->OnForward();
 }
 
-void CForwardProxyCore::OnReceiver(DWORD aId, CmResult aReason) {
-    GetUser().Post([pThis = CCmRefPtrT<CForwardProxyCore>(this), aId, aReason] {
-        if (ICmForwardSink* pSink = pThis->m_pSink)
-            pSink->OnReceiver(aId, aReason);
-    });
+void CForwardProxyCore::PostUpcall_i(const CForwardUpcall& aUpcall) {
+    m_Upcalls.Add(aUpcall);
+    m_UpcallEvent.Post(GetUser());
+}
+
+// Those that were added before; an event follows for the others.
+void CForwardProxyCore::MakeUpcalls_i() {
+    for (size_t n = m_Upcalls.GetCount(); n > 0; --n) {
+        const CForwardUpcall upcall = m_Upcalls.Take();
+        if (ICmForwardSink* pSink = m_pSink)
+            MakeUpcall_i(*pSink, upcall);
+    }
 }
 
 // The receiver starts when the user's OnJoin has returned. Without the user's thread there is none.
-void CForwardProxyCore::OnJoin(DWORD aId) {
-    GetUser().Post([pThis = CCmRefPtrT<CForwardProxyCore>(this), aId] { pThis->Join_i(aId); });
-}
-
-void CForwardProxyCore::Join_i(DWORD aId) {
-    if (ICmForwardSink* pSink = m_pSink)
-        pSink->OnJoin(aId);
-    GetNetwork().Post([pThis = CCmRefPtrT<CForwardProxyCore>(this), aId] {
-        if (pThis->m_pCore)
-            pThis->m_pCore->StartReceiver(aId);
+void CForwardProxyCore::MakeUpcall_i(ICmForwardSink& aSink, const CForwardUpcall& aUpcall) {
+    if (!aUpcall.m_bJoins)
+        return aSink.OnReceiver(aUpcall.m_dwId, aUpcall.m_Reason);
+    aSink.OnJoin(aUpcall.m_dwId);
+    Call_i([&](CForwardCore& aCore) {
+        aCore.StartReceiver(aUpcall.m_dwId);
+        return CM_OK;
     });
 }
 

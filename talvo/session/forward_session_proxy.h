@@ -33,6 +33,29 @@ private:
     BOOL m_bRefused CM_GUARDED_BY(m_Mutex) = FALSE;
 };
 
+// An upcall that is due in the user's thread.
+struct CForwardUpcall {
+    DWORD m_dwId = 0;
+    BOOL m_bJoins = FALSE;      // OnJoin; else OnReceiver
+    CmResult m_Reason = CM_OK;  // of OnReceiver
+};
+
+// Those upcalls. Any thread.
+class CForwardUpcalls {
+public:
+    // Add needs no memory for aCount more. FALSE: memory ran out.
+    BOOL Reserve(DWORD aCount);
+    void Add(const CForwardUpcall& aUpcall);
+    size_t GetCount();
+    // The oldest one; there must be one.
+    CForwardUpcall Take();
+
+private:
+    CCmMutexThread m_Mutex;
+    std::vector<CForwardUpcall> m_Upcalls CM_GUARDED_BY(m_Mutex);  // those before m_stTaken are taken
+    size_t m_stTaken CM_GUARDED_BY(m_Mutex) = 0;
+};
+
 //  users' threads                     this object                network thread
 //
 //  Forward ------- pack ------> [queue, bytes bounded] -- drain --> CForwardCore
@@ -58,9 +81,9 @@ public:
     void Abandon() override;
 
     // From the core, in the network thread.
-    void OnReceiver(DWORD aId, CmResult aReason) override;
+    void OnReceiver(DWORD aId, CmResult aReason) override { PostUpcall_i({aId, FALSE, aReason}); }
     void OnForward() override { Drain_i(); }
-    void OnJoin(DWORD aId) override;
+    void OnJoin(DWORD aId) override { PostUpcall_i({aId, TRUE, CM_OK}); }
     void OnThreadEnd() override;
 
 private:
@@ -71,16 +94,20 @@ private:
     void Drain_i();
     void End_i(CmResult aReason);
     void EndAbandoned_i();
-    void Join_i(DWORD aId);
+    void PostUpcall_i(const CForwardUpcall& aUpcall);
+    void MakeUpcalls_i();
+    void MakeUpcall_i(ICmForwardSink& aSink, const CForwardUpcall& aUpcall);
     void ReportRoom_i();
 
     std::atomic<ICmForwardSink*> m_pSink;  // not owned; null: no more upcalls
     std::atomic<DWORD> m_dwMaxMessage{0};
     std::atomic<BOOL> m_bClosed{FALSE};
     CForwardQueue m_Queue;
+    CForwardUpcalls m_Upcalls;
     CEmbeddedEventT<CForwardProxyCore, &CForwardProxyCore::Drain_i> m_DrainEvent{*this};
     CEmbeddedEventT<CForwardProxyCore, &CForwardProxyCore::EndAbandoned_i> m_EndEvent{*this};
     CEmbeddedEventT<CForwardProxyCore, &CForwardProxyCore::ReportRoom_i> m_RoomEvent{*this};
+    CEmbeddedEventT<CForwardProxyCore, &CForwardProxyCore::MakeUpcalls_i> m_UpcallEvent{*this};
 
     // Network thread only.
     CCmRefPtrT<CForwardCore> m_pCore;         // null: closed

@@ -325,6 +325,7 @@ const std::vector<CScenario> SCENARIOS = {
     {"FindProxies", MAIN, FindProxies},
     {"Http", MAIN, AskAndAnswer},
     {"HttpTwoThreads", OWN, AskAndAnswer},
+    {"ForwardTwoThreads", OWN, ForwardToOne},
     {"Threads", MAIN, UseThreads},
     {"Calendar", MAIN, UseCalendar},
     LifeOf("Life", CCmThreadManager::NETWORK_THREAD_MAIN),

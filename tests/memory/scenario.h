@@ -12,5 +12,8 @@ struct CScenario {
 inline void PrintTo(const CScenario& aScenario, std::ostream* aOut) { *aOut << aScenario.m_szName; }
 extern const std::vector<CScenario> SCENARIOS;
 
+// A session of another thread, and a receiver.
+bool ForwardToOne(CWorld& aWorld);
+
 // A server and a client of HTTP.
 bool AskAndAnswer(CWorld& aWorld);
