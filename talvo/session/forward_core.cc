@@ -226,14 +226,17 @@ void CForwardCore::OnTimer(CCmTimerWrapperID*) {
     const DWORD dwTick = get_tick_count();
     m_bTimer = false;
     ApplyLimits_i(dwTick);
-    int32_t lLeast = std::numeric_limits<int32_t>::max();
+    constexpr DWORD NONE = std::numeric_limits<DWORD>::max();
+    DWORD dwLeast = NONE;
     m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
         DWORD dwLimit = 0;
-        if (aReceiver.GetCursor().GetTimeLimit(m_Log, dwLimit))
-            lLeast = std::min(lLeast, std::max(1, static_cast<int32_t>(dwLimit - dwTick)));
+        if (!aReceiver.GetCursor().GetTimeLimit(m_Log, dwLimit))
+            return;
+        const BOOL bStays = static_cast<int32_t>(dwLimit - dwTick) <= 0;  // a WAIT receiver at its limit, or one not started
+        dwLeast = std::min(dwLeast, bStays ? m_dwLeastMilliseconds : dwLimit - dwTick);
     });
-    if (lLeast < std::numeric_limits<int32_t>::max())
-        StartTimer_i(static_cast<DWORD>(lLeast));
+    if (dwLeast < NONE)
+        StartTimer_i(dwLeast);
 }
 
 CmResult CForwardCore::SetOption(DWORD aCommand, void* aArg) {
