@@ -89,6 +89,8 @@ TEST_F(ForwardTest, MisuseHasItsResults) {
     EXPECT_EQ(CM_ERROR_INVALID_ARG, m_pSession->SetOption(1, &dwZero));
     EXPECT_EQ(CM_OK, m_pSession->RemoveReceiver(dwFirst, CM_OK));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, m_pSession->RemoveReceiver(dwFirst, CM_OK));
+    Turn();
+    EXPECT_EQ(Lines{}, m_Sink.Take()) << "the user has removed it before its OnJoin";
     EXPECT_NE(dwFirst, Add(*pUnopened));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, m_pSession->RemoveReceiver(dwFirst, CM_OK));
     EXPECT_EQ(CM_OK, m_pSession->Close(CM_ERROR_TIMEOUT));
@@ -166,6 +168,14 @@ TEST_F(ForwardTest, LimitsOfTimeBytesAndRoomAgain) {
     EXPECT_EQ(CM_OK, Forward("y"));
     EXPECT_EQ(3u, StatisticsOf(*m_pSession, dwWaits).m_Due.m_ullMessages);
     EXPECT_NE(std::string::npos, m_pSession->Dump().find("\"screen\" due=3/11 sent=1/9 dropped=0/0 conflated=0/0 lag=2/2"));
+    // Limits count from OnJoin on, also if they were reached before.
+    const CCmRefPtrT<CFakeLower> pLate(new CFakeLower);
+    pLate->m_dwRoom = 0;
+    Add(*pLate, Options(CM_FORWARD_WAIT, 2));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(CM_OK, Forward("z"));
+    Turn();
+    EXPECT_EQ(CM_ERROR_PARTIAL_DATA, Forward("z"));
 }
 
 TEST_F(ForwardTest, AForgottenKeyIsNoSilentLoss) {
