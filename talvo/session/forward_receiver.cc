@@ -9,6 +9,7 @@
 #include "talvo/transport/datagram.h"
 #include "talvo/transport/drained_transport.h"
 #include "talvo/transport/thread_proxy/proxy_options.h"
+#include "talvo/transport/transport_linger.h"
 
 namespace talvo {
 
@@ -57,6 +58,8 @@ CmResult CForwardReceiver::AttachDirect_i(ICmTransport* aTransport) {
         return CM_ERROR_FOUND;
     if (!pSink)
         return CM_ERROR_INVALID_ARG;
+    if (CTransportLinger::IsLinger(*pSink))
+        return CM_ERROR_NULL_POINTER;
     if (aTransport->OpenWithSink(this) != CM_OK)
         return CM_ERROR_NULL_POINTER;
     m_pUserSink = pSink;
@@ -98,12 +101,21 @@ void CForwardReceiver::Detach(CmResult aReason, BOOL aEnded) {
     const CCmRefPtrT<ICmTransport> pTransport = std::move(m_pTransport);
     if (!pTransport)
         return;
+    CCmChainPtr pRest = m_Rest.TakeAll();
     ICmTransportSink* pNobody = nullptr;
     if (m_bProxy)
         pTransport->SetOption(OPT_PROXY_SENDER, &pNobody);
-    if (!aEnded)
+    const BOOL bFinish = !aEnded && aReason == CM_OK && pRest;
+    if (!aEnded && !(bFinish && FinishMessage_i(*pTransport, std::move(pRest))))
         pTransport->Disconnect(aReason);
-    m_Rest.Clear();
+}
+
+// A stream gets the rest of the message that it has taken in part. TRUE: aTransport ends by itself after it.
+BOOL CForwardReceiver::FinishMessage_i(ICmTransport& aTransport, CCmChainPtr aRest) const {
+    if (!m_bProxy)
+        return CTransportLinger::Begin(aTransport, std::move(aRest));
+    aTransport.SetOption(OPT_PROXY_SENDER_REST, aRest.get());
+    return FALSE;
 }
 
 void CForwardReceiver::Start() {

@@ -28,7 +28,7 @@ public:
 
     // Takes aTransport. Results as ICmForwardSession::AddReceiver.
     CmResult Attach(ICmTransport* aTransport);
-    // Disconnects and releases the transport; once. aEnded: it has ended already.
+    // Disconnects and releases the transport; once. CM_OK: after the message that it has begun. aEnded: it has ended already.
     void Detach(CmResult aReason, BOOL aEnded);
 
     DWORD GetId() const { return m_dwId; }
@@ -76,6 +76,7 @@ private:
     CmResult SendMessage_i(const CForwardMessage& aMessage);
     CmResult SendPayload_i(CCmMessageBlock& aPayload);
     CmResult Refused_i(CmResult aResult);
+    BOOL FinishMessage_i(ICmTransport& aTransport, CCmChainPtr aRest) const;
 
     CForwardCore* m_pCore;  // not owned; null: gone
     CForwardCursor m_Cursor;

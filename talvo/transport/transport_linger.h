@@ -1,6 +1,8 @@
 // The remaining work for a connection that its user has ended gracefully.
 #pragma once
 
+#include <typeinfo>
+
 #include "talvo/base/block_chain.h"
 #include "talvo/base/ref_ptr.h"
 #include "talvo/event/thread_link.h"
@@ -18,6 +20,8 @@ public:
     // (no timers in this thread, no memory, a linger time of zero). The transport has then taken as much of aRest as it can,
     // aRest is freed, and the caller disconnects.
     static BOOL Begin(ICmTransport& aTransport, CCmChainPtr aRest);
+    // TRUE: the transport of aSink has ended for its user.
+    static BOOL IsLinger(const ICmTransportSink& aSink) { return typeid(aSink) == typeid(CTransportLinger); }
 
 private:
     CTransportLinger(ICmTransport& aTransport, CCmChainPtr aRest);

@@ -168,6 +168,16 @@ TEST_F(ForwardTest, LimitsOfTimeBytesAndRoomAgain) {
     EXPECT_EQ(CM_OK, Forward("y"));
     EXPECT_EQ(3u, StatisticsOf(*m_pSession, dwWaits).m_Due.m_ullMessages);
     EXPECT_NE(std::string::npos, m_pSession->Dump().find("\"screen\" due=3/11 sent=1/9 dropped=0/0 conflated=0/0 lag=2/2"));
+    // An orderly end finishes the message that a stream has begun.
+    EXPECT_EQ(CM_OK, Forward("zz"));
+    pWaits->TakeSent();
+    pWaits->MakeRoom(3);
+    Turn();
+    EXPECT_EQ(CM_OK, m_pSession->RemoveReceiver(dwWaits, CM_OK));
+    pWaits->MakeRoom();
+    EXPECT_EQ("xyzz", pWaits->TakeSent());
+    Pass(CCmTimeValue(1));
+    EXPECT_EQ(std::vector<CmResult>{CM_OK}, pWaits->m_Disconnects);
     // Limits count from OnJoin on, also if they were reached before.
     const CCmRefPtrT<CFakeLower> pLate(new CFakeLower);
     pLate->m_dwRoom = 0;
@@ -276,7 +286,19 @@ TEST(ForwardProxyTest, AMebibyteWaitsAndNotMore) {
     network.RunUntil([&] { return !sink.m_Lines.empty(); });
     EXPECT_EQ(Lines{"forward"}, sink.Take());
     EXPECT_EQ(CM_OK, ForwardText(*pSession, strText));
+    // The end finishes a message that the system has taken in part.
+    CTestFd fdPeer;
+    const CCmRefPtrT<ICmTransport> pTransport = network.ConnectTo(fdPeer);
+    CTestSink user(*pTransport);
+    DWORD dwId = 0;
+    EXPECT_EQ(CM_OK, pSession->AddReceiver(pTransport.Get(), {}, dwId));
+    network.RunUntil([&] { return sink.m_Lines == Lines{"join 1"}; });
+    EXPECT_EQ(CM_OK, ForwardText(*pSession, std::string(12 << 20, 'y')));
+    YieldUntil([&] { return StatisticsOf(*pSession, dwId).m_Sent.m_ullMessages == 1; });
     EXPECT_EQ(CM_OK, pSession->Close(CM_OK));
+    std::string strGot;
+    network.RunUntil([&] { return ReadToEnd(fdPeer, strGot); });
+    EXPECT_EQ(size_t{12 << 20}, strGot.size());
     network.EndNetworkThread();
     CCmForwardStatistics statistics;
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, pSession->GetStatistics(statistics));

@@ -19,4 +19,8 @@ constexpr DWORD OPT_PROXY_SENDER = 191;
 // send first, and the sender gets OnSend then.
 constexpr DWORD OPT_PROXY_SENDER_STARTS = 192;
 
+// set CCmMessageBlock*, likewise: the sender's last data, which the proxy sends as if the user had sent it. Results as
+// SendData.
+constexpr DWORD OPT_PROXY_SENDER_REST = 193;
+
 }  // namespace talvo

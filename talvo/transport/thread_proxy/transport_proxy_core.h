@@ -74,6 +74,7 @@ private:
     void TellNotices_i();
     void PauseReading_i(BOOL aPause);
     // Either thread.
+    CmResult Enqueue_i(CCmMessageBlock& aData, CCmTransportParameter* aPara);
     CmResult PostUpcall_i() { return m_UpcallEvent.Post(GetUser()); }
     void PostApplyReading_i() { m_ApplyReadingEvent.Post(GetNetwork()); }
     CmResult GetKept_i(DWORD aCommand, void* aArg) const;

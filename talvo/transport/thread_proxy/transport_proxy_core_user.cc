@@ -33,11 +33,15 @@ CmResult CTransportProxyCore::OpenWithSink(ICmTransportSink* aSink) {
 CmResult CTransportProxyCore::SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
     if (aPara)
         aPara->m_dwHaveSent = 0;
+    if (m_bSenderStarted && m_Life < ELife::CLOSED)
+        return CM_ERROR_NOT_AVAILABLE;
+    return Enqueue_i(aData, aPara);
+}
+
+CmResult CTransportProxyCore::Enqueue_i(CCmMessageBlock& aData, CCmTransportParameter* aPara) {
     const ELife life = m_Life;
     if (life >= ELife::CLOSED)
         return CM_ERROR_NULL_POINTER;
-    if (m_bSenderStarted)
-        return CM_ERROR_NOT_AVAILABLE;
     DWORD dwLength = 0;
     const CmResult rvCheck = m_Lane->Check(aData, dwLength);
     const DWORD dwCost = m_Lane->CostOf(dwLength);
@@ -102,6 +106,8 @@ CmResult CTransportProxyCore::SetOption(DWORD aCommand, void* aArg) {
         return GetNetwork().IsCurrentThread() ? SetSender_i(*static_cast<ICmTransportSink**>(aArg)) : CM_ERROR_INVALID_ARG;
     case OPT_PROXY_SENDER_STARTS:
         return GetNetwork().IsCurrentThread() ? StartSender_i() : CM_ERROR_INVALID_ARG;
+    case OPT_PROXY_SENDER_REST:
+        return GetNetwork().IsCurrentThread() ? Enqueue_i(*static_cast<CCmMessageBlock*>(aArg), nullptr) : CM_ERROR_INVALID_ARG;
     case CM_OPT_TRANSPORT_TELL_END:
         if (!m_Lane->IsStream())
             return CM_ERROR_INVALID_ARG;
