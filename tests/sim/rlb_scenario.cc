@@ -142,13 +142,15 @@ private:
     }
 
     // Another address has no business with a channel of the plain form, nor a wrong token in the other. Earlier requests are
-    // repeated from the client's address, too: the good ones among them take a transport over, and that is all.
+    // repeated from the client's address, too: the good ones among them take a transport over, and that is all. In the plain
+    // form a counter from before a restart of the numbers may fit again, which ends the connection; it is not repeated here.
     void Intrude() {
         if (m_Requests.empty())
             return;
         const auto& requests = std::next(m_Requests.begin(), static_cast<long>(Below(m_Requests.size())))->second;
         std::string strRequest = requests[Below(requests.size())];
-        const BOOL bReplay = Chance(30) && (!IsToken() || strRequest != requests.back()) && m_stReplays < MAX_REPLAYS;
+        const BOOL bFits = IsToken() ? strRequest != requests.back() : !m_bRestarts;
+        const BOOL bReplay = Chance(30) && bFits && m_stReplays < MAX_REPLAYS;
         m_stReplays += bReplay;
         if (!bReplay && IsToken())
             strRequest[8 + Below(16)] ^= static_cast<char>(1 << Below(7));
