@@ -27,7 +27,7 @@ constexpr DWORD TYPES[] = {TCP,
                            NO_PARTIAL | UDP};
 constexpr DWORD SHORTEST = 8;  // the number and the length
 constexpr DWORD LONGEST = 3000;
-const CCmTimeValue CALM(120);  // a reliable connection is back, and everything has come
+const CCmTimeValue CALM(600);  // a reliable connection is back, and the slowest link has delivered what was in flight
 
 // A connection whose server end becomes a receiver.
 struct CLane {
