@@ -90,7 +90,11 @@ TEST(ProxyThreadEndTest, NetworkThreadComesBackAfterItWasGivenUp) {
             lingering.m_pFake->m_pSink->OnDisconnect(CM_ERROR_NETWORK_SOCKET_ERROR, lingering.m_pFake.Get());
         });
         network.RunUntil([&] { return sink.Count() == 1 && lingering.m_pFake->m_nDisconnects == 1; });
-        YieldUntil([] { return CCmLiveCounter::Dump().find("CCmReactorBase 1\n") != std::string::npos; });
+        YieldUntil([] {  // the thread deletes its reactor, and then itself
+            const CCmString strLive = CCmLiveCounter::Dump();
+            return strLive.find("CCmReactorBase 1\n") != std::string::npos &&
+                   strLive.find("ACmThread 1\n") != std::string::npos;
+        });
     }
     EXPECT_NE(CM_OK, sink.m_Reasons.at(0));
     EXPECT_EQ(nullptr, network.Network()) << "the manager has come back to life";
