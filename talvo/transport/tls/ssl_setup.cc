@@ -21,16 +21,15 @@ namespace talvo {
 
 namespace {
 
-// The network thread may go on while the process exits. What OpenSSL frees in exit(), that thread could still use: the first
-// use of OpenSSL in the process decides that nothing is freed there.
-[[maybe_unused]] const int s_nNoCleanUpAtExit = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
-
 constexpr uint64_t OPTIONS = SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION | SSL_OP_ENABLE_MIDDLEBOX_COMPAT;
 constexpr long MODES = SSL_MODE_RELEASE_BUFFERS | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER;
 constexpr int SECURITY_LEVEL = 2;  // 112 bits: no SHA-1 in certificates, no RSA below 2,048 bits
 constexpr const char* WITH_SECURITY = ":!aNULL:!eNULL";
 
 SSL_CTX* NewContext() {
+    // The network thread may go on while the process exits, and use what OpenSSL frees in exit(). Nothing is freed there if
+    // this is the first use of OpenSSL in the process.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     ERR_clear_error();
     SSL_CTX* pCtx = SSL_CTX_new(SSLv23_method());
     ERR_clear_error();
