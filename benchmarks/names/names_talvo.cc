@@ -116,7 +116,7 @@ CCmReactorEpoll& Main() {
 
 void Idle(int64_t aNs) {
     for (const int64_t llEnd = bench::NowNs() + aNs; bench::NowNs() < llEnd;)
-        Main().RunOnce();
+        Main().RunOnce(nullptr);
 }
 
 using ClientsType = std::vector<std::unique_ptr<CClient>>;
@@ -128,7 +128,7 @@ ClientsType ConnectAll(bool aByName, int aFirst, uint16_t aPort) {
         clients.push_back(
             std::make_unique<CClient>(aByName ? "n" + std::to_string(aFirst + i) + ".test" : std::string("127.0.0.1"), aPort));
     while (!std::all_of(clients.begin(), clients.end(), [](const auto& pClient) { return pClient->IsConnected(); }))
-        Main().RunOnce();
+        Main().RunOnce(nullptr);
     return clients;
 }
 

@@ -184,9 +184,42 @@ int CCmReactorEpoll::GetWaitMsec_i(int64_t aMaxWaitUsec) {
     if (llWait == 0 || m_Handlers.GetMarkedCount() > 0)
         return 0;
     m_bSleeping = TRUE;
-    if (m_bWakeUpUnderWay || m_bHasNotifications || m_bStop || GetPendingEventsCount() > 0)
+    if (HasWork_i())
         return 0;
     return llWait >= m_llTickUsec ? WAIT_FOR_TICK : static_cast<int>((llWait + 999) / 1000);
+}
+
+BOOL CCmReactorEpoll::HasWork_i() { return m_bWakeUpUnderWay || m_bHasNotifications || m_bStop || GetPendingEventsCount() > 0; }
+
+int CCmReactorEpoll::GetTimeout() {
+    if (!IsOpen() || !IsOwnThread_i("GetTimeout"))
+        return -1;
+    m_bSleeping = TRUE;  // work that is added later makes the descriptor readable
+    if (HasWork_i() || m_Handlers.GetMarkedCount() > 0)
+        return 0;
+    int64_t llEarliest = 0;
+    if (!m_pTimerQueue->GetEarliestUsec(llEarliest))
+        return -1;
+    const int64_t llWait = std::max<int64_t>(llEarliest - CCmClock::GetTimeOfDayUsec(), 0);
+    return static_cast<int>(std::min<int64_t>((llWait + 999) / 1000, INT_MAX));
+}
+
+// Leaves the descriptor readable if there is more to do, so that the other loop needs nothing else.
+CmResult CCmReactorEpoll::RunOnce() {
+    const CmResult rv = RunOnce(&CCmTimeValue::s_tvZero);
+    if (rv != CM_OK)
+        return rv;
+    const BOOL bStopped = m_bStop.exchange(FALSE);
+    if (GetTimeout() == 0)
+        WakeUp_i();
+    return bStopped ? CM_ERROR_NOT_AVAILABLE : CM_OK;
+}
+
+// Another loop that polls the descriptor has to read the time-out again.
+CmResult CCmReactorEpoll::ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) {
+    const CmResult rv = CCmReactorBase::ScheduleTimer(aEh, aArg, aInterval, aCount);
+    WakeUp_i();
+    return rv;
 }
 
 void CCmReactorEpoll::WakeUp_i() {
@@ -305,6 +338,7 @@ CmResult CCmReactorEpoll::NotifyHandler(ACmEventHandler* aEh, long aMask) {
         const CElement* pElement = m_Handlers.Find(fd);
         if (pElement && pElement->m_pEh == aEh)
             m_Handlers.Mark(fd, aMask);
+        WakeUp_i();  // another loop may poll the descriptor
         return CM_OK;
     }
     {

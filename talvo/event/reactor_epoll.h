@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "talvo/base/mutex.h"
+#include "talvo/event/embedded_loop.h"
 #include "talvo/event/reactor_base.h"
 
 struct epoll_event;
@@ -18,7 +19,7 @@ struct epoll_event;
 // One turn of the loop: wait; readiness reports, with a check of the timers after each; notifications; events; timers. The loop
 // wakes at least once a tick (10 ms; configuration key "TickMs" in section "Reactor") and then runs its events, so that sent
 // events, which do not wake it, wait no longer than a tick. Other threads wake it through an eventfd, only while it sleeps.
-class TALVO_API CCmReactorEpoll : public CCmReactorBase {
+class TALVO_API CCmReactorEpoll : public CCmReactorBase, public ICmEmbeddedLoop {
 public:
     CCmReactorEpoll();
     ~CCmReactorEpoll() override;
@@ -29,10 +30,14 @@ public:
     CmResult RunEventLoop() override;
     CmResult StopEventLoop() override;
     CmResult Close() override;
+    CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) override;
 
-    // Runs one turn of the loop, which waits at most aTimeout (null, or longer: one tick). For tests and for applications with
-    // a loop of their own; owner's thread. Results as RunEventLoop.
-    CmResult RunOnce(const CCmTimeValue* aTimeout = nullptr);
+    HANDLE GetPollHandle() const override { return m_fdEpoll; }
+    int GetTimeout() override;
+    CmResult RunOnce() override;
+    // Runs one turn of the loop, which waits at most aTimeout (null, or longer: one tick). A pending stop stays pending.
+    // Owner's thread. Results as RunEventLoop.
+    CmResult RunOnce(const CCmTimeValue* aTimeout);
 
 protected:
     CmResult OnHandleRemoved(HANDLE aFd) override;
@@ -50,6 +55,7 @@ private:
     void CloseHandles_i();
     void Turn_i(int64_t aMaxWaitUsec);
     int GetWaitMsec_i(int64_t aMaxWaitUsec);
+    BOOL HasWork_i();
     void DispatchReport_i(const epoll_event& aReport);
     void ReportBinding_i(const CBinding& aBinding, DWORD aEvents);
     void ReportIn_i(const CBinding& aBinding);
@@ -69,7 +75,7 @@ private:
     std::unique_ptr<epoll_event[]> m_pReports;  // null: memory ran out
     BOOL m_bRunning = FALSE;                    // a turn is under way
     std::atomic<BOOL> m_bStop{FALSE};           // a stop ends one run, which may start later
-    std::atomic<BOOL> m_bSleeping{FALSE};       // in the system's wait, or about to enter it
+    std::atomic<BOOL> m_bSleeping{FALSE};       // in the system's wait, or about to enter it, or another loop polls m_fdEpoll
 
     CCmMutexThread m_NotificationMutex;
     std::vector<CNotification> m_Notifications CM_GUARDED_BY(m_NotificationMutex);

@@ -1,3 +1,5 @@
+#include <poll.h>
+
 #include <optional>
 
 #include "talvo/event/home_reactor.h"
@@ -182,4 +184,61 @@ TEST_F(ReactorTest, APauseHoldsBackAnOrderlyCloseButNeitherRoomNorFailures) {
     end.m_Peer.Close();  // with bytes unread: a reset
     Turns(2);
     EXPECT_EQ(1, end.m_pHandler->m_nCloses);
+}
+
+TEST_F(ReactorTest, AnotherLoopPollsOneDescriptorAndATimeOut) {
+    const CCmFakeClock clock;
+    ICmEmbeddedLoop* pLoop = cm_get_embedded_loop(&m_Reactor);
+    ASSERT_TRUE(pLoop);
+    EXPECT_FALSE(cm_get_embedded_loop(nullptr));
+    const auto isReadable = [&] {
+        pollfd poll{pLoop->GetPollHandle(), POLLIN, 0};
+        return ::poll(&poll, 1, 0) == 1;
+    };
+    const auto turn = [&] { EXPECT_EQ(CM_OK, pLoop->RunOnce()); };
+    // The tick, which also makes the descriptor readable, is taken first.
+    const auto wakes = [&](auto aCause) {
+        for (int i = 0; i < 1000; ++i) {
+            turn();
+            if (isReadable())
+                continue;
+            aCause();
+            return isReadable();
+        }
+        return false;
+    };
+    int nRuns = 0;
+    const auto post = [&] { PostTo(m_Reactor, [&] { ++nRuns; }); };
+    CEnd end(m_Reactor);
+    CTestTimer timer([&] { ++nRuns; });
+    EXPECT_EQ(-1, pLoop->GetTimeout());
+    EXPECT_TRUE(wakes([&] { end.m_Peer.Write("x"); }));
+    turn();
+    EXPECT_EQ("x", end.m_strRead);
+    EXPECT_TRUE(wakes(post));
+    EXPECT_EQ(0, pLoop->GetTimeout());
+    turn();
+    EXPECT_EQ(1, nRuns);
+    EXPECT_TRUE(wakes([&] { std::thread(post).join(); }));
+    EXPECT_TRUE(wakes([&] { m_Reactor.NotifyHandler(end.m_pHandler.get(), H::READ_MASK); }));
+    EXPECT_TRUE(wakes([&] { m_Reactor.ScheduleTimer(&timer, nullptr, CCmTimeValue(3600), 1); }));
+    EXPECT_EQ(3'600'000, pLoop->GetTimeout());
+    m_Reactor.ScheduleTimer(&timer, nullptr, CCmTimeValue(), 1);
+    EXPECT_EQ(0, pLoop->GetTimeout());
+    turn();
+    EXPECT_EQ(3, nRuns);
+    // Work that one turn leaves keeps it readable, and so does a stop, which one RunOnce reports.
+    for (int i = 0; i < 200; ++i)
+        post();
+    while (nRuns < 203) {
+        ASSERT_TRUE(isReadable());
+        turn();
+    }
+    EXPECT_TRUE(wakes([&] { m_Reactor.StopEventLoop(); }));
+    EXPECT_EQ(0, pLoop->GetTimeout());
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, pLoop->RunOnce());
+    PostTo(m_Reactor, [&] { EXPECT_EQ(CM_ERROR_ALREADY_INITIALIZED, pLoop->RunOnce()); });
+    turn();
+    EXPECT_EQ(-1, pLoop->GetTimeout());
+    std::thread([&] { EXPECT_EQ(CM_ERROR_FAILURE, pLoop->RunOnce()); }).join();
 }

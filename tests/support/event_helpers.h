@@ -90,7 +90,7 @@ void RunUntil(CCmReactorEpoll& aReactor, Condition aCondition, const char* aFile
             return counters.m_ullReports + counters.m_ullEvents + counters.m_ullTimers;
         };
         const uint64_t ullBefore = countWork();
-        EXPECT_EQ(CM_OK, aReactor.RunOnce());
+        EXPECT_EQ(CM_OK, aReactor.RunOnce(nullptr));
         return countWork() == ullBefore ? 10'000 : 1;
     };
     TakeTurnsUntil(aCondition, turn, aFile, aLine);
