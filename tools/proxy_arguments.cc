@@ -17,6 +17,11 @@ namespace {
 
 constexpr const char* TIMES[] = {"%Y-%m-%dT%H:%M:%S", "%Y-%m-%dT%H:%M", "%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%M"};
 
+// A check of CLI11: an empty variable of a shell is no value.
+auto NotEmpty(const std::string& aWhat) {
+    return [aWhat](const std::string& aText) { return aText.empty() ? aWhat + " is missing" : std::string(); };
+}
+
 // The time in the zone of the process.
 bool ReadTime(const std::string& aText, int64_t& aUsec) {
     for (const char* pFormat : TIMES) {
@@ -49,7 +54,7 @@ void DeclareProxy(CLI::App& aApp, Arguments& a) {
                                           "Proxy servers to use: the next one if one cannot be reached; http, https, socks4, "
                                           "socks4a or socks5 URIs without a password, or direct; system: those of the user's "
                                           "settings, see talvo proxy (the default of get)")
-                              ->check([](const std::string& aText) { return aText.empty() ? "a proxy server is missing" : ""; })
+                              ->check(NotEmpty("a proxy server"))
                               ->option_text("URI[,URI...]");
     aApp.add_option("--proxy-user", a.m_Proxy.m_strUser,
                     "User at the first proxy server; the password is read from the terminal or TALVO_PROXY_PASSWORD")
@@ -71,9 +76,11 @@ void DeclareProxyLook(CLI::App& aApp, Arguments& a) {
     aApp.add_flag("--settings", a.m_bSettings, "Show each setting that was found, and its source");
     CLI::Option* pScript =
         aApp.add_option("--script", a.m_strScript, "Auto-configuration script to ask instead of the user's settings")
+            ->check(NotEmpty("a file or URL"))
             ->option_text("FILE|URL")
             ->excludes(aApp.get_option("--settings"));
     aApp.add_option("--at", a.m_strAt, "Time that the script shall see, in the local zone: 2026-12-31T23:59")
+        ->check(NotEmpty("a time"))
         ->option_text("TIME")
         ->needs(pScript);
 }

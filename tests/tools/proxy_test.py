@@ -131,7 +131,8 @@ class ProxyTest(ProgramTest):
                          [(line["route"], line["source"], line["kept"]) for line in lines if line["event"] == "route"])
         for arguments, cause in ((["file:///x"], "file URL"), (["ftp://x/"], "http://"), (["--at", "2026-12-31T23:59", "http://a/"], "--script"),
                                  (["--script", "/nowhere", "http://a/"], "/nowhere"), (["--script", file], "needs a URL"),
-                                 (["--script", file, "--at", "soon", "http://a/"], "soon")):
+                                 (["--script", file, "--at", "soon", "http://a/"], "soon"),
+                                 (["--script", "", "http://a/"], "missing"), (["--script", file, "--at", "", "http://a/"], "missing")):
             self.assert_fails(self.run_talvo("proxy", *arguments), 2, cause)
 
     @unittest.skipUnless(HELPER.exists(), "built without the engine for scripts")
