@@ -27,6 +27,19 @@ public:
     }
 } s_Installed;
 
+// Asks for the origin of aUrl. CM_OK: aAnswer (out) is the kept answer.
+CmResult FindByUrl(talvo::CDiscoveryState& aState, const CCmString& aUrl, const talvo::CProxyAskers::CTarget& aTarget,
+                   ACmThread* aThread, CCmRefPtrT<CCmProxyAnswer>& aAnswer) {
+    CmResult rv = CM_OK;
+    const BOOL bMemory = talvo::WithMemory([&] {
+        talvo::CProxyOrigin origin;
+        rv = talvo::CProxyOrigin::Parse(aUrl, origin);
+        if (rv == CM_OK)
+            rv = aState.Find(origin, aTarget, aThread, aAnswer);
+    });
+    return bMemory ? rv : CM_ERROR_OUT_OF_MEMORY;
+}
+
 }  // namespace
 
 CCmProxyDiscovery::CCmProxyDiscovery() : m_pState(new talvo::CDiscoveryState) {}
@@ -47,15 +60,9 @@ CCmProxyDiscovery* CCmProxyDiscovery::Instance() {
 
 CmResult CCmProxyDiscovery::Find(CCmProxyAnswer*& aAnswer, const CCmString& aUrl, ICmObserver* aObserver, ACmThread* aThread) {
     CCmRefPtrT<CCmProxyAnswer> pAnswer;
-    CmResult rv = CM_OK;
-    const BOOL bMemory = talvo::WithMemory([&] {
-        talvo::CProxyOrigin origin;
-        rv = talvo::CProxyOrigin::Parse(aUrl, origin);
-        if (rv == CM_OK)
-            rv = m_pState->Find(origin, {aObserver, nullptr}, aThread, pAnswer);
-    });
+    const CmResult rv = FindByUrl(*m_pState, aUrl, {aObserver, nullptr}, aThread, pAnswer);
     aAnswer = pAnswer.Detach();
-    return bMemory ? rv : CM_ERROR_OUT_OF_MEMORY;
+    return rv;
 }
 
 CmResult CCmProxyDiscovery::FindSettings(ICmObserver* aObserver, ACmThread* aThread) {
@@ -102,16 +109,8 @@ CmResult CCmProxyDiscovery::ReportBad(const CCmString& aServer) {
 
 CmResult CCmProxyDiscovery::Ask(const CCmString& aUrl, ICmProxySourceSink& aSink, CCmProxyRoute& aRoute) {
     CCmRefPtrT<CCmProxyAnswer> pAnswer;
-    CmResult rv = CM_OK;
-    const BOOL bMemory = talvo::WithMemory([&] {
-        talvo::CProxyOrigin origin;
-        rv = talvo::CProxyOrigin::Parse(aUrl, origin);
-        if (rv == CM_OK)
-            rv = m_pState->Find(origin, {nullptr, &aSink}, nullptr, pAnswer);
-    });
-    if (!bMemory)
-        return CM_ERROR_OUT_OF_MEMORY;
-    if (!pAnswer)
+    const CmResult rv = FindByUrl(*m_pState, aUrl, {nullptr, &aSink}, nullptr, pAnswer);
+    if (rv != CM_OK)
         return rv;
     aRoute = pAnswer->GetRoute();
     return pAnswer->GetResult();
