@@ -137,6 +137,8 @@ TEST(ProxySettingsTest, TheEnvironmentInItsCombinations) {
         EXPECT_EQ(strExpected, ChoicesOf(CEnvironment(variables).ReadProxies())) << testing::PrintToString(variables);
     const CProxySettings settings = EnvironmentOf({{"http_proxy", "http://u:p@a@b,http://v:w@c"}}).ReadProxies();
     EXPECT_EQ("http://***@c", settings.m_Found.at(0).m_strValue);
+    EXPECT_LT(HideCredentials("http://u:" + std::string(999, 'p') + "@c").capacity(), 100u)
+        << "the password stays behind the end";
 }
 
 TEST(ProxySettingsTest, TheFilesOfKde) {

@@ -4,6 +4,7 @@
 
 #include "talvo/base/config.h"
 #include "talvo/base/config_text.h"
+#include "talvo/base/secret.h"
 #include "talvo/base/trace.h"
 
 namespace talvo {
@@ -50,7 +51,10 @@ CmResult CApplicationSettings::Parse(std::string_view aText, CApplicationSetting
     CConfigLines lines(aText);
     for (auto kind = lines.Next(); kind != CConfigLines::END; kind = lines.Next()) {
         const BOOL bHere = lines.GetSection().empty() || IsSameNoCase(lines.GetSection(), SECTION);
-        if (kind != CConfigLines::VALUE || !bHere || !settings.Set_i(lines.GetKey(), CCmString(lines.GetValue())))
+        CCmString strValue(lines.GetValue());
+        const BOOL bTaken = kind == CConfigLines::VALUE && bHere && settings.Set_i(lines.GetKey(), strValue);
+        WipeText(strValue);  // it may have credentials
+        if (!bTaken)
             return CM_ERROR_INVALID_ARG;
     }
     if (!settings.Finish_i())

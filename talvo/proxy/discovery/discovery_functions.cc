@@ -4,24 +4,41 @@
 #include <cstring>
 #include <memory>
 
+#include "talvo/base/secret.h"
 #include "talvo/base/synchronization.h"
 #include "talvo/base/with_memory.h"
 #include "talvo/event/thread.h"
 #include "talvo/proxy/discovery/proxy_discovery.h"
+#include "talvo/proxy/discovery/proxy_origin.h"
 #include "talvo/proxy/discovery/proxy_searches.h"
 
 using talvo::CProxySearches;
 
 namespace {
 
-// Calls the discovery with a text.
+// Calls the discovery with a text, which may have credentials.
 template <class Method>
 int32_t CallDiscovery(const char* aText, Method aMethod) {
     CCmProxyDiscovery* pDiscovery = CCmProxyDiscovery::Instance();
     CmResult rv = aText ? CM_ERROR_OUT_OF_MEMORY : CM_ERROR_INVALID_ARG;
-    if (aText && pDiscovery)
-        talvo::WithMemory([&] { rv = (pDiscovery->*aMethod)(CCmString(aText)); });
+    CCmString strText;
+    if (aText && pDiscovery && talvo::WithMemory([&] { strText = aText; }))
+        rv = (pDiscovery->*aMethod)(strText);
+    talvo::WipeText(strText);
     return rv;
+}
+
+// Calls a search with the origin of aUrl. The rest of the URL is copied nowhere, so none of it stays in memory.
+template <class Search>
+int32_t CallWithOrigin(const char* aUrl, Search aSearch) {
+    CmResult rv = CM_OK;
+    const BOOL bMemory = talvo::WithMemory([&] {
+        talvo::CProxyOrigin origin;
+        rv = talvo::CProxyOrigin::Parse(aUrl, origin);
+        if (rv == CM_OK)
+            rv = aSearch(origin.m_strUrl);
+    });
+    return bMemory ? rv : CM_ERROR_OUT_OF_MEMORY;
 }
 
 // The end of a search that another thread waits for. The thread may have given up.
@@ -47,7 +64,7 @@ void Search(const CCmString& aUrl, const std::shared_ptr<CWait>& aWait) {
         aWait->End(rv, {});
 }
 
-CmResult FindAndWait(const char* aUrl, uint32_t aMs, CCmString& aRoute) {
+CmResult FindAndWait(const CCmString& aUrl, uint32_t aMs, CCmString& aRoute) {
     CCmThreadManager& threads = *CCmThreadManager::Instance();
     ACmThread* pNetwork = threads.GetThread(CCmThreadManager::TT_NETWORK);
     if (!pNetwork || threads.GetThread(CCmThreadManager::TT_CURRENT))
@@ -59,7 +76,7 @@ CmResult FindAndWait(const char* aUrl, uint32_t aMs, CCmString& aRoute) {
     if (begun != CM_OK && begun != CM_ERROR_WOULD_BLOCK)
         return begun;
     const auto pWait = std::make_shared<CWait>();
-    const CmResult rv = pNetwork->GetLink().Post([strUrl = CCmString(aUrl), pWait] { Search(strUrl, pWait); });
+    const CmResult rv = pNetwork->GetLink().Post([strUrl = aUrl, pWait] { Search(strUrl, pWait); });
     if (rv != CM_OK)
         return rv == CM_ERROR_OUT_OF_MEMORY ? rv : CM_ERROR_NOT_AVAILABLE;
     CCmTimeValue tvTimeout = CCmTimeValue::FromUsec(int64_t{aMs} * 1000);
@@ -74,14 +91,10 @@ CmResult FindAndWait(const char* aUrl, uint32_t aMs, CCmString& aRoute) {
 int32_t cm_proxy_find(const char* url, cm_proxy_found callback, void* arg, uint32_t* id) {
     if (!url || !callback || !id)
         return CM_ERROR_INVALID_ARG;
-    CmResult rv = CM_ERROR_OUT_OF_MEMORY;
-    talvo::WithMemory([&] {
-        const auto report = [callback, arg](DWORD aId, CmResult aResult, const CCmString& aRoute) {
-            callback(arg, aId, aResult, aRoute.c_str());
-        };
-        rv = CProxySearches::Instance().Start(url, report, *id);
-    });
-    return rv;
+    const auto report = [callback, arg](DWORD aId, CmResult aResult, const CCmString& aRoute) {
+        callback(arg, aId, aResult, aRoute.c_str());
+    };
+    return CallWithOrigin(url, [&](const CCmString& aUrl) { return CProxySearches::Instance().Start(aUrl, report, *id); });
 }
 
 int32_t cm_proxy_cancel(uint32_t id) { return CProxySearches::Instance().Cancel(id); }
@@ -91,8 +104,7 @@ int32_t cm_proxy_find_wait(const char* url, char* buffer, uint32_t size, uint32_
         return CM_ERROR_INVALID_ARG;
     *buffer = 0;
     CCmString strRoute;
-    CmResult rv = CM_ERROR_OUT_OF_MEMORY;
-    talvo::WithMemory([&] { rv = FindAndWait(url, milliseconds, strRoute); });
+    const CmResult rv = CallWithOrigin(url, [&](const CCmString& aUrl) { return FindAndWait(aUrl, milliseconds, strRoute); });
     if (rv != CM_OK)
         return rv;
     if (strRoute.size() >= size)

@@ -69,11 +69,12 @@ void CProxySettings::SetScript(std::string_view aText) {
 CCmString HideCredentials(std::string_view aText) {
     const size_t stScheme = aText.find("://");
     const size_t stAt = aText.rfind('@');
-    CCmString strText(aText);
-    if (stAt != std::string_view::npos) {
-        const size_t stBegin = stScheme < stAt ? stScheme + 3 : 0;
-        strText.replace(stBegin, stAt - stBegin, "***");
-    }
+    const BOOL bHidden = stAt != std::string_view::npos;
+    const size_t stBegin = stScheme < stAt ? stScheme + 3 : 0;
+    // With credentials never the whole text: a part of it would stay in memory behind the shorter one.
+    CCmString strText(bHidden ? aText.substr(0, stBegin) : aText);
+    if (bHidden)
+        strText.append("***").append(aText.substr(stAt));
     std::ranges::replace_if(strText, is_control, '?');
     return strText;
 }
