@@ -130,11 +130,15 @@ TEST_F(PacStoreTest, ATextThatIsNoScriptIsFetchedAgainSoon) {
 TEST_F(PacStoreTest, TooMuchTooSlowAndNoUrl) {
     const CCmScriptedHttpServer big({{Answer("200 OK", "", std::string((1 << 20) + 1, 'x'))}});
     const CCmScriptedHttpServer latin({{Answer("200 OK", "", std::string((1 << 19) + 1, '\xE4'))}});
+    const CCmScriptedHttpServer packed({{Answer("200 OK", "Content-Encoding: gzip\r\n", "\x1F\x8B")}});
     const CCmScriptedHttpServer silent(std::vector<CCmScriptedHttpServer::CAnswers>(1));
     for (const auto* pServer : {&big, &latin}) {
         EXPECT_EQ("", Get(pServer->GetUrl()));
         EXPECT_EQ("the text has more than 1 MiB", m_Log.m_strError);
     }
+    EXPECT_EQ("", Get(packed.GetUrl()));
+    EXPECT_EQ("the text is compressed, which was not asked for", m_Log.m_strError);
+    EXPECT_NE(std::string::npos, packed.m_Requests.at(0).find("Accept-Encoding: identity\r\n"));
     CPacTextPtr pText;
     CTextLog log;
     EXPECT_EQ(CM_ERROR_WOULD_BLOCK, m_Store.Get(silent.GetUrl(), pText, log));

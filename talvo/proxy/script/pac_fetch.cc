@@ -1,7 +1,9 @@
 #include "talvo/proxy/script/pac_fetch.h"
 
+#include <cstdio>
 #include <utility>
 
+#include "talvo/base/config_text.h"
 #include "talvo/base/message_block.h"
 #include "talvo/base/with_memory.h"
 #include "talvo/http/channel/channel_file.h"
@@ -18,6 +20,7 @@ namespace {
 constexpr time_t MOST_SECONDS = 30;
 constexpr long STATUS_OK = 200;
 constexpr long STATUS_NOT_MODIFIED = 304;
+constexpr const char* IDENTITY = "identity";  // the only content coding
 
 CCmString HeaderOf(ICmChannelHttpClient& aChannel, const CCmHttpAtom& aName) {
     CCmString strValue;
@@ -42,10 +45,10 @@ CmResult CPacFetch::Start(CCmHttpUrl& aUrl, const CPacMarks& aMarks, IPacFetchSi
         m_pSink = &aSink;
         return CM_OK;
     }
-    aError = bFile ? "the file cannot be read" : "the request cannot be sent";
     if (m_pChannel)
         m_pChannel->Disconnect(CM_OK);
     m_pChannel.Reset();
+    aError = bFile ? "the file cannot be read" : "the request cannot be sent";
     return rv;
 }
 
@@ -66,6 +69,7 @@ CmResult CPacFetch::OpenHttp_i(CCmHttpUrl& aUrl, const CPacMarks& aMarks) {
         return rv;
     m_pChannel = pHttp;
     m_pHttp = pHttp.Get();
+    m_pHttp->SetRequestHeader(CCmHttpAtomList::Accept_Encoding, IDENTITY);
     if (!aMarks.m_strETag.empty())
         m_pHttp->SetRequestHeader(CCmHttpAtomList::If_None_Match, aMarks.m_strETag);
     if (!aMarks.m_strLastModified.empty())
@@ -77,18 +81,27 @@ void CPacFetch::OnConnect(CmResult, ICmChannel*) {
     if (!m_pHttp)
         return;
     const long lStatus = m_pHttp->GetResponseStatus();
-    if (lStatus != STATUS_OK && lStatus != STATUS_NOT_MODIFIED)
-        return Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the server has answered with status " + std::to_string(lStatus));
+    if (lStatus != STATUS_OK && lStatus != STATUS_NOT_MODIFIED) {
+        char szError[80];
+        std::snprintf(szError, sizeof szError, "the server has answered with status %ld", lStatus);
+        return Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, szError);
+    }
     m_Fetched.m_bSame = lStatus == STATUS_NOT_MODIFIED;
-    if (!WithMemory([this] { TakeHead_i(); }))
-        Fail_i(CM_ERROR_OUT_OF_MEMORY, "");
+    BOOL bPlain = FALSE;
+    if (!WithMemory([&] { bPlain = TakeHead_i(); }))
+        return Fail_i(CM_ERROR_OUT_OF_MEMORY, "");
+    if (!bPlain)
+        Fail_i(CM_ERROR_NETWORK_HTTP_FAILURE, "the text is compressed, which was not asked for");
 }
 
-void CPacFetch::TakeHead_i() {
+// FALSE: the text has a content coding.
+BOOL CPacFetch::TakeHead_i() {
     using Atoms = CCmHttpAtomList;
     m_Fetched.m_Marks = {HeaderOf(*m_pHttp, Atoms::ETag), HeaderOf(*m_pHttp, Atoms::Last_Modified)};
     m_Fetched.m_dwSeconds = PacLifetimeOf(HeaderOf(*m_pHttp, Atoms::Cache_Control), HeaderOf(*m_pHttp, Atoms::Expires),
                                           HeaderOf(*m_pHttp, Atoms::Date));
+    const CCmString strCoding = HeaderOf(*m_pHttp, Atoms::Content_Encoding);
+    return m_Fetched.m_bSame || strCoding.empty() || IsSameNoCase(strCoding, IDENTITY);
 }
 
 void CPacFetch::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
@@ -100,8 +113,10 @@ void CPacFetch::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportPar
 
 void CPacFetch::OnDisconnect(CmResult aReason, ICmTransport*) {
     if (aReason != CM_OK) {
-        CCmString strError = m_pHttp ? "" : "the file cannot be read";
-        const CmResult cause = m_pHttp ? m_pHttp->GetFailure(strError) : aReason;
+        if (!m_pHttp)
+            return Fail_i(aReason, "the file cannot be read");
+        CCmString strError;
+        const CmResult cause = m_pHttp->GetFailure(strError);
         return Fail_i(cause == CM_OK ? aReason : cause, strError);
     }
     BOOL bFits = FALSE;
@@ -114,9 +129,10 @@ void CPacFetch::OnDisconnect(CmResult aReason, ICmTransport*) {
 
 void CPacFetch::OnTimer(CCmTimerWrapperID*) { Fail_i(CM_ERROR_TIMEOUT, "the fetch took more than 30 s"); }
 
-void CPacFetch::Fail_i(CmResult aReason, const CCmString& aError) {
+// Without memory the reason stands without words.
+void CPacFetch::Fail_i(CmResult aReason, std::string_view aError) {
     m_Fetched.m_Reason = aReason;
-    m_Fetched.m_strError = aError;
+    WithMemory([&] { m_Fetched.m_strError = aError; });
     Report_i();
 }
 

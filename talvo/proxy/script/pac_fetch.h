@@ -1,6 +1,8 @@
 // One fetch of a script.
 #pragma once
 
+#include <string_view>
+
 #include "talvo/base/ref_ptr.h"
 #include "talvo/event/timer_wrapper_id.h"
 #include "talvo/http/channel/channel.h"
@@ -34,7 +36,8 @@ protected:
     virtual ~IPacFetchSink() = default;
 };
 
-// Fetches the text of a URL without a proxy, within 30 s, and decodes it. Texts over 1 MiB fail. In one thread.
+// Fetches the text of a URL without a proxy, within 30 s, and decodes it to UTF-8. Texts over 1 MiB fail, and so do those that
+// the server has compressed. In one thread.
 class CPacFetch : private ICmChannelSink, private CCmTimerWrapperIDSink {
 public:
     static constexpr size_t MOST_BYTES = 1 << 20;
@@ -57,8 +60,8 @@ private:
 
     CmResult OpenFile_i(CCmHttpUrl& aUrl);
     CmResult OpenHttp_i(CCmHttpUrl& aUrl, const CPacMarks& aMarks);
-    void TakeHead_i();
-    void Fail_i(CmResult aReason, const CCmString& aError);
+    BOOL TakeHead_i();
+    void Fail_i(CmResult aReason, std::string_view aError);
     void Report_i();
 
     CCmRefPtrT<ICmChannel> m_pChannel;
