@@ -122,8 +122,32 @@ TEST_F(PacHostTest, AScriptBeyondALimitLosesItsHelperAndTheNextQuestionGetsANewO
     RunUntil([] { return Children().size() == 1; });
     kill(Children().at(0), SIGSTOP);
     EXPECT_EQ(EPacEnd::LIMIT, Ask(pGood, log, 6));
+    EXPECT_EQ(EPacEnd::LOAD_FAILED, Ask(Script("} while (true); {"), log, 3));
+    EXPECT_EQ("the load took more than 2 s", log.m_strText);
     EXPECT_EQ(EPacEnd::ANSWER, Ask(pGood, log));
-    EXPECT_EQ(4u, trace.Count("the helper is killed"));
+    EXPECT_EQ(5u, trace.Count("the helper is killed"));
+}
+
+TEST_F(PacHostTest, AQuestionThatADeadHelperHasNotReadGoesToAnother) {
+    CPacLog log;
+    const auto pScript = Script("return 'DIRECT';");
+    EXPECT_EQ(EPacEnd::ANSWER, Ask(pScript, log));
+    kill(Children().at(0), SIGKILL);  // while it is idle
+    EXPECT_EQ(EPacEnd::ANSWER, Ask(pScript, log));
+    RunUntil([] { return Children().size() == 1; });
+    log.m_Ends.clear();
+    kill(Children()[0], SIGSTOP);
+    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Start(pScript, log));
+    kill(Children()[0], SIGKILL);
+    RunUntil([&] { return !log.m_Ends.empty(); });
+    EXPECT_EQ(EPacEnd::ANSWER, log.m_Ends[0]);
+    // A script that ends its helper is not repeated.
+    EXPECT_EQ(CM_ERROR_WOULD_BLOCK, Start(Script("alert(1); while (true);"), log));
+    RunUntil([&] { return !log.m_strAlerts.empty(); });
+    for (const pid_t child : Children())
+        kill(child, SIGKILL);
+    RunUntil([&] { return log.m_Ends.size() == 2; });
+    EXPECT_EQ("the helper has ended", log.m_strText);
 }
 
 TEST_F(PacHostTest, NamesComeFromTheDnsManagerAndDelayNoOtherQuestion) {
@@ -153,7 +177,7 @@ TEST_F(PacHostTest, AHelperThatSpeaksOtherwiseIsKilled) {
          {"\\0\\0\\0\\0", "\\377\\0\\0\\1r", "\\0\\0\\0\\1L", "\\0\\0\\0\\3e\\0\\0", "\\0\\0\\0\\1n", "\\0\\0\\0\\3nq1",
           "\\0\\0\\0\\2nm\\0\\0\\0\\2nm\\0\\0\\0\\2nM", "\\0\\0\\0\\3n4a\\0\\0\\0\\1r"}) {
         UseHelper(szAnswer);
-        EXPECT_EQ(EPacEnd::LIMIT, Ask(Script(""), log)) << szAnswer;
+        EXPECT_EQ(EPacEnd::LOAD_FAILED, Ask(Script(""), log)) << szAnswer;
         m_Clock.Advance(CCmTimeValue(61));
     }
     UseHelper("\\0\\0\\0\\1r\\0\\0\\0\\12rDIRECT 12");

@@ -27,9 +27,9 @@ struct CPacQuestion {
 // The end of a question.
 enum class EPacEnd : DWORD {
     ANSWER,         // the script's answer; "" for null and for other values than a string
-    LOAD_FAILED,    // the text is no script, or has no FindProxyForURL; the text of the error has its line
+    LOAD_FAILED,    // the text is no script, has no FindProxyForURL, or exceeds a limit; the error of a script has its line
     SCRIPT_FAILED,  // the function failed; likewise
-    LIMIT,          // a limit of time, memory or count was exceeded
+    LIMIT,          // the function has exceeded a limit of time, memory or count, or the helper has ended
     NO_ENGINE       // there is no helper program, or it cannot be started now
 };
 

@@ -54,9 +54,7 @@ CmResult CPacHelper::Start(const CCmString& aPath) {
     close(sockets[1]);
     if (rv == CM_OK)
         rv = m_Reactor->RegisterHandler(this, READ_MASK | WRITE_MASK);
-    if (rv == CM_OK)
-        SetState_i(FREE, CCmTimeValue(IDLE_SECONDS));
-    return rv;
+    return rv == CM_OK ? SetState_i(FREE, CCmTimeValue(IDLE_SECONDS)) : rv;
 }
 
 void CPacHelper::Close() {
@@ -72,10 +70,11 @@ void CPacHelper::Close() {
     m_Process.Kill();
 }
 
-void CPacHelper::SetState_i(EState aState, const CCmTimeValue& aLimit) {
+// The timer of the first state needs memory; the later states replace it.
+CmResult CPacHelper::SetState_i(EState aState, const CCmTimeValue& aLimit) {
     m_State = aState;
     m_dwNames = m_dwOwnNames = m_dwAlerts = 0;
-    m_Timer.Schedule(this, aLimit, 1);
+    return m_Timer.Schedule(this, aLimit, 1);
 }
 
 void CPacHelper::Run(const PacJobPtr& aJob) {
@@ -136,6 +135,7 @@ int CPacHelper::OnInput(HANDLE) {
     CCmRefPtrT<CPacHelper> pKeep(this);
     char buffer[PIECE];
     const ssize_t lRead = recv(m_Socket, buffer, sizeof buffer, 0);
+    m_bReset = m_bReset || (lRead == -1 && errno == ECONNRESET);
     if (lRead <= 0)
         return lRead == -1 && errno == EINTR ? 0 : -2;
     const char* szFault = "memory ran out";
@@ -155,7 +155,17 @@ int CPacHelper::OnClose(HANDLE, long) {
 
 void CPacHelper::OnChildEnd(const CChildEnd& aEnd) {
     CCmRefPtrT<CPacHelper> pKeep(this);
-    Fail_i(aEnd.m_nExit == 4 ? "the script needs too much memory" : "the helper has ended");
+    Fail_i(aEnd.m_nExit == 4 ? "the script needs too much memory" : "the helper has ended", IsUnread_i());
+}
+
+// TRUE: the question is unread, and no script had a part in the end of the process. The socket reports unread bytes as a reset,
+// once; a name answer is not the question.
+BOOL CPacHelper::IsUnread_i() {
+    int nError = 0;
+    socklen_t length = sizeof nError;
+    getsockopt(m_Socket, SOL_SOCKET, SO_ERROR, &nError, &length);
+    const BOOL bLost = m_bReset || nError == ECONNRESET || !m_strUnsent.empty();
+    return bLost && m_dwNames + m_dwOwnNames == 0;
 }
 
 void CPacHelper::OnTimer(CCmTimerWrapperID*) {
@@ -204,7 +214,7 @@ const char* CPacHelper::OnResult_i(std::string_view aPayload) {
     if (m_State == FINDING) {
         if (aPayload.size() > MOST_ANSWER_BYTES)
             return "the answer has more than 4,096 bytes";
-        EndJob_i(EPacEnd::ANSWER, CCmString(aPayload));
+        EndJob_i(EPacEnd::ANSWER, aPayload);
         return nullptr;
     }
     static BOOL s_bReported = FALSE;
@@ -262,7 +272,7 @@ const char* CPacHelper::OnAlert_i(std::string_view aPayload) {
     return nullptr;
 }
 
-void CPacHelper::EndJob_i(EPacEnd aEnd, const CCmString& aText) {
+void CPacHelper::EndJob_i(EPacEnd aEnd, std::string_view aText) {
     SetState_i(FREE, CCmTimeValue(IDLE_SECONDS));
     const PacJobPtr pJob = std::exchange(m_pJob, nullptr);
     if (m_pUser)
@@ -272,18 +282,20 @@ void CPacHelper::EndJob_i(EPacEnd aEnd, const CCmString& aText) {
 }
 
 // The process is of no use any more: its next bytes would answer an earlier question.
-void CPacHelper::Fail_i(const char* aWhy) {
+void CPacHelper::Fail_i(const char* aWhy, BOOL aUnread) {
     if (m_State == ENDED)
         return;
+    const EPacEnd end = m_State == LOADING ? EPacEnd::LOAD_FAILED : EPacEnd::LIMIT;
     CM_WARNING_TRACE_THIS("CPacHelper::Fail_i, the helper is killed: " << aWhy << ".");
     const PacJobPtr pJob = m_pJob;
     IPacHelperUser* pUser = m_pUser;
     Close();
     if (!pUser)
         return;
+    const BOOL bAgain = pJob && aUnread && pUser->OnJobUnread(pJob);
     pUser->OnHelperEnd(*this, TRUE);
-    if (pJob)
-        pUser->OnJobEnd(pJob, EPacEnd::LIMIT, aWhy);
+    if (pJob && !bAgain)
+        pUser->OnJobEnd(pJob, end, aWhy);
 }
 
 }  // namespace talvo

@@ -19,6 +19,7 @@ struct CPacJob : CCmReferenceControlT<CCmMutexNullSingleThread> {
     CPacTextPtr m_pScript;
     CPacQuestion m_Question;
     IPacSink* m_pSink = nullptr;  // not owned; null: cancelled, or ended
+    BOOL m_bAgain = FALSE;        // an earlier helper ended before it read the question
 };
 using PacJobPtr = CCmRefPtrT<CPacJob>;
 
@@ -27,7 +28,9 @@ class CPacHelper;
 class IPacHelperUser {
 public:
     // The job of the helper has ended. It can run the next one, or has ended itself: OnHelperEnd follows.
-    virtual void OnJobEnd(const PacJobPtr& aJob, EPacEnd aEnd, const CCmString& aText) = 0;
+    virtual void OnJobEnd(const PacJobPtr& aJob, EPacEnd aEnd, std::string_view aText) = 0;
+    // The helper has ended before it read the job. OnHelperEnd follows. FALSE: no other helper will run the job.
+    virtual BOOL OnJobUnread(const PacJobPtr& aJob) = 0;
     // The helper waits for a job.
     virtual void OnHelperFree() = 0;
     // The helper's process has gone, or was killed. aDied: for a failure; FALSE: it was idle. The user releases it.
@@ -77,7 +80,7 @@ private:
     void OnTimer(CCmTimerWrapperID* aId) override;
     void OnPacName(const CCmString& aAddresses) override;
 
-    void SetState_i(EState aState, const CCmTimeValue& aLimit);
+    CmResult SetState_i(EState aState, const CCmTimeValue& aLimit);
     const char* TakeFrames_i();
     const char* OnFrame_i(EPacFrame aKind, std::string_view aPayload);
     const char* OnResult_i(std::string_view aPayload);
@@ -88,8 +91,9 @@ private:
     void SendFind_i();
     void AddClock_i(CPacFrameWriter& aFrame) const;
     void Send_i(CPacFrameWriter& aFrame);
-    void EndJob_i(EPacEnd aEnd, const CCmString& aText);
-    void Fail_i(const char* aWhy);
+    BOOL IsUnread_i();
+    void EndJob_i(EPacEnd aEnd, std::string_view aText);
+    void Fail_i(const char* aWhy, BOOL aUnread = FALSE);
 
     CHomeReactor m_Reactor;
     IPacHelperUser* m_pUser;  // not owned; null after Close
@@ -99,6 +103,7 @@ private:
     CCmTimerWrapperID m_Timer;
     CPacFrameReader m_Reader;
     CCmString m_strUnsent;
+    BOOL m_bReset = FALSE;  // the process has ended before it read all that was sent
     CPacNameLookUp m_Names{*this};
     BOOL m_bNameUnderWay = FALSE;
     DWORD m_dwNames = 0;        // of the load or find under way

@@ -141,10 +141,21 @@ void CPacHost::CountDeath_i() {
     CM_WARNING_TRACE("CPacHost::CountDeath_i, the helper died three times within a minute. No other starts for a minute.");
 }
 
-void CPacHost::OnJobEnd(const PacJobPtr& aJob, EPacEnd aEnd, const CCmString& aText) {
+void CPacHost::OnJobEnd(const PacJobPtr& aJob, EPacEnd aEnd, std::string_view aText) {
     std::erase(m_Running, aJob);
+    CCmString strText;
+    if (!WithMemory([&] { strText = aText; }) && aEnd == EPacEnd::ANSWER)
+        aEnd = EPacEnd::LIMIT;  // no text is an answer of its own
     if (IPacSink* pSink = std::exchange(aJob->m_pSink, nullptr))
-        pSink->OnPacEnd(aEnd, aText);
+        pSink->OnPacEnd(aEnd, strText);
+}
+
+// A helper may die while it is idle, and the question may come before the news.
+BOOL CPacHost::OnJobUnread(const PacJobPtr& aJob) {
+    if (!aJob->m_pSink || std::exchange(aJob->m_bAgain, TRUE) || !WithMemory([&] { m_Waiting.push_front(aJob); }))
+        return FALSE;
+    std::erase(m_Running, aJob);
+    return TRUE;
 }
 
 void CPacHost::OnHelperFree() { Dispatch_i(); }

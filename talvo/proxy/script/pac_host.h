@@ -25,7 +25,8 @@ public:
     void Cancel(IPacSink& aSink) override;
 
 private:
-    void OnJobEnd(const PacJobPtr& aJob, EPacEnd aEnd, const CCmString& aText) override;
+    void OnJobEnd(const PacJobPtr& aJob, EPacEnd aEnd, std::string_view aText) override;
+    BOOL OnJobUnread(const PacJobPtr& aJob) override;
     void OnHelperFree() override;
     void OnHelperEnd(CPacHelper& aHelper, BOOL aDied) override;
     void OnThreadEnd() override;

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "talvo/base/ref_ptr.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/transport/destination_order.h"
 #include "talvo/transport/dns/dns_manager.h"
 
@@ -59,8 +60,11 @@ void CPacNameLookUp::Start(char aKind, const CCmString& aName) {
 }
 
 void CPacNameLookUp::OnObserve(const char*, void* aData) {
-    if (m_bWaits)
-        Answer_i(AddressesOf(*static_cast<CCmDnsRecord*>(aData), m_cKind));
+    if (!m_bWaits)
+        return;
+    CCmString strAddresses;
+    WithMemory([&] { strAddresses = AddressesOf(*static_cast<CCmDnsRecord*>(aData), m_cKind); });
+    Answer_i(strAddresses);
 }
 
 void CPacNameLookUp::OnTimer(CCmTimerWrapperID*) { Answer_i(""); }

@@ -8,7 +8,7 @@ namespace talvo {
 
 class IPacNameSink {
 public:
-    // aAddresses: separated by ";"; "" if there are none, or not in time.
+    // aAddresses: separated by ";"; "" if there are none, or not in time, or no memory for them.
     virtual void OnPacName(const CCmString& aAddresses) = 0;
 
 protected:
