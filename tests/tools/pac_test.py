@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """The helper for scripts, driven through its frames: usage pac_test.py TALVO_PAC [TEST...]."""
 import calendar
+import os
 import pathlib
 import socket
 import struct
@@ -154,6 +155,7 @@ class PacTest(unittest.TestCase):
         limits = pathlib.Path(f"/proc/{helper.process.pid}/limits").read_text()
         for limit in ("Max address space         268435456", "Max open files            0", "Max processes             0", "Max core file size        0"):
             self.assertIn(limit, limits)
+        self.assertEqual(min(os.nice(0) + 10, 19), os.getpriority(os.PRIO_PROCESS, helper.process.pid))
 
     def test_bytes_that_are_no_frame_end_it(self):
         for junk in (b"\0\0\0\0", b"\xff\xff\xff\xffx", b"\0\0\0\1?", b"\0\0\0\1F", b"\0\0\0\3F\0\1"):
