@@ -1,4 +1,8 @@
 // The discovery with a store of texts and an engine of the test.
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+
 #include "talvo/proxy/discovery/answer_cache.h"
 #include "talvo/proxy/discovery/network_watch.h"
 #include "talvo/proxy/discovery/pac_engine.h"
@@ -346,6 +350,30 @@ TEST_F(ProxyDiscoveryTest, SourcesOfConnectorsHaveOneQuestion) {
     EXPECT_EQ("", cancelled.m_strLog);
     EXPECT_EQ("https://[fd00::1]:81/ fd00::1", m_Engine.m_Questions.at(0));
     EXPECT_TRUE(source.Ask("https://[fd00::1]:81/", sink, route) == CM_OK && route.GetText() == "http://p:1");
+}
+
+TEST_F(ProxyDiscoveryTest, AnotherNetworkDropsTheAnswers) {
+    int nRv = 0;
+    m_Network.InNetwork([&] { nRv = unshare(CLONE_NEWNET); });  // of this thread alone
+    if (nRv == -1)
+        GTEST_SKIP() << "there is no right to make a network";
+    m_Texts.Set("http://s/p", "PROXY p:1");
+    Configure("Mode=script\nScriptUrl=http://s/p");
+    CCmFakeClock clock;
+    EXPECT_EQ("http://p:1 script http://s/p", Find("http://a.test/"));
+    m_Network.InNetwork([&] {
+        m_Texts.Set("http://s/p", "PROXY q:1");
+        const CTestFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        ifreq loopback{{"lo"}, {}};
+        loopback.ifr_flags = IFF_UP;
+        EXPECT_EQ(0, ioctl(fd.Get(), SIOCSIFFLAGS, &loopback));
+    });
+    for (const char* pAnswer : {"kept http://p:1 script http://s/p", "http://q:1 script http://s/p"}) {
+        m_Network.InNetwork([] {});
+        EXPECT_EQ(pAnswer, Find("http://a.test/"));
+        clock.Advance(CCmTimeValue(3));
+        m_Network.InNetwork([] {});
+    }
 }
 
 TEST(ProxySourcesTest, OnlyTheFirstSettingsOfADesktopAreWaitedFor) {
