@@ -20,7 +20,7 @@ TALVO_API void resolve_2_ip(const char* aHostName, char* aIpOut);
 
 // The address of a literal or a name as a number in host order; 0 if there is none. Missing numbers count as 0, and an octet
 // above 255 carries into the next one. Texts are cut at 127 characters.
-TALVO_API DWORD ip_2_id(const char* aIpOrHost);
+TALVO_API CmDword ip_2_id(const char* aIpOrHost);
 
 // The three functions below return static memory. Use them in one thread at a time and copy the result at once.
 

@@ -16,8 +16,8 @@ inline CCmString to_lower(std::string_view aText) {
     return strLower;
 }
 
-constexpr BOOL is_control(char aByte) { return (aByte >= '\0' && aByte < ' ') || aByte == '\x7F'; }
+constexpr CmBool is_control(char aByte) { return (aByte >= '\0' && aByte < ' ') || aByte == '\x7F'; }
 
-constexpr BOOL has_control(std::string_view aText) { return std::any_of(aText.begin(), aText.end(), is_control); }
+constexpr CmBool has_control(std::string_view aText) { return std::any_of(aText.begin(), aText.end(), is_control); }
 
 }  // namespace talvo

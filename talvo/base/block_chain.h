@@ -10,7 +10,7 @@
 namespace talvo {
 
 // A new block of its own, with room for aSize bytes; null: memory ran out.
-TALVO_API CCmChainPtr NewBlock(DWORD aSize);
+TALVO_API CCmChainPtr NewBlock(CmDword aSize);
 
 // A queue of bytes: they wait for room in a transport, or for the rest of a message. Owns its blocks, all of them DUPLICATED,
 // and frees read ones. An append takes constant time for each block. One thread at a time.
@@ -21,16 +21,16 @@ public:
     CBlockChain(CBlockChain&& aRight) noexcept : CBlockChain(aRight.Take()) {}
     CBlockChain& operator=(CBlockChain&& aRight) noexcept;
 
-    BOOL IsEmpty() const { return !m_pHead; }
+    CmBool IsEmpty() const { return !m_pHead; }
     // Null: the chain is empty. Owned by this object; the caller may read and write, but not free.
     CCmMessageBlock* GetHead() const { return m_pHead.get(); }
     CCmMessageBlock* GetTail() const { return m_pTail; }
-    DWORD GetLength() const { return m_pHead ? m_pHead->GetChainedLength() : 0; }
+    CmDword GetLength() const { return m_pHead ? m_pHead->GetChainedLength() : 0; }
 
     // Null adds nothing.
     void Append(CCmChainPtr aChain);
     // Cuts the chain behind aCount unread bytes and returns the second part; null: there is none, or memory ran out.
-    CCmChainPtr Cut(DWORD aCount);
+    CCmChainPtr Cut(CmDword aCount);
     // Drops blocks without unread bytes from the front.
     void DropRead();
     CCmChainPtr Take();

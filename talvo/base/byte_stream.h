@@ -39,17 +39,17 @@ public:
     }
 
     // Raw bytes. The sticky result; CM_ERROR_PARTIAL_DATA: the block held, or had room for, only a part.
-    CmResult Read(void* aDst, DWORD aCount) {
-        DWORD dwDone = 0;
+    CmResult Read(void* aDst, CmDword aCount) {
+        CmDword dwDone = 0;
         if (m_ResultRead == CM_OK)
-            m_ResultRead = m_Block.Read(aDst, aCount, &dwDone, TRUE);
+            m_ResultRead = m_Block.Read(aDst, aCount, &dwDone, CM_TRUE);
         if (m_ResultRead != CM_OK)
             CM_ERROR_TRACE_THIS("CCmByteStreamT::Read, can't read. m_ResultRead=" << m_ResultRead);
         return m_ResultRead;
     }
 
-    CmResult Write(const void* aSrc, DWORD aCount) {
-        DWORD dwDone = 0;
+    CmResult Write(const void* aSrc, CmDword aCount) {
+        CmDword dwDone = 0;
         if (m_ResultWrite == CM_OK)
             m_ResultWrite = m_Block.Write(aSrc, aCount, &dwDone);
         if (m_ResultWrite != CM_OK)
@@ -59,15 +59,15 @@ public:
 
     // Writes the length in 16 bits, then the bytes without a terminator. Kept on purpose: a longer text is not refused; its
     // length modulo 65,536 is written with that many bytes. A null text counts as empty.
-    CmResult WriteString(const char* aStr, DWORD aLen) {
-        const WORD wLen = aStr ? static_cast<WORD>(aLen) : WORD{0};
+    CmResult WriteString(const char* aStr, CmDword aLen) {
+        const CmWord wLen = aStr ? static_cast<CmWord>(aLen) : CmWord{0};
         *this << wLen;
         return wLen > 0 ? Write(aStr, wLen) : m_ResultWrite;
     }
 
     // aStr (out): a text that WriteString wrote, unchanged unless CM_OK. CM_ERROR_OUT_OF_MEMORY is sticky, too.
     CmResult ReadString(CCmString& aStr) {
-        WORD wLen = 0;
+        CmWord wLen = 0;
         *this >> wLen;
         CCmString strText;
         if (m_ResultRead == CM_OK && !talvo::WithMemory([&] { strText.resize(wLen); }))
@@ -83,7 +83,7 @@ private:
     template <class Number>
     struct UnsignedOf {
         static_assert((std::is_integral_v<Number> || std::is_enum_v<Number>)&&sizeof(Number) <= 4, "8, 16 or 32 bits");
-        using Type = std::conditional_t<sizeof(Number) == 1, BYTE, std::conditional_t<sizeof(Number) == 2, WORD, DWORD>>;
+        using Type = std::conditional_t<sizeof(Number) == 1, CmByte, std::conditional_t<sizeof(Number) == 2, CmWord, CmDword>>;
     };
     template <class Number>
     using Unsigned = typename UnsignedOf<Number>::Type;

@@ -31,7 +31,7 @@ public:
 };
 
 // Milliseconds on the monotonic clock. The value wraps every 49.7 days: subtract two with calculate_tick_interval().
-TALVO_API DWORD get_tick_count();
+TALVO_API CmDword get_tick_count();
 
 // aEnd - aStart in unsigned 32-bit arithmetic, so that one wrap of the tick counter between them does no harm.
-TALVO_API DWORD calculate_tick_interval(unsigned long aStart, unsigned long aEnd);
+TALVO_API CmDword calculate_tick_interval(unsigned long aStart, unsigned long aEnd);

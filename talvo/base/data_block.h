@@ -14,31 +14,31 @@ class TALVO_API CCmDataBlock final : public ICmReferenceControl {
 public:
     // Freed blocks of exactly this size are kept for reuse, up to 1 MiB in all. Use this size for blocks that are many and
     // short-lived.
-    static constexpr DWORD BURST_SIZE = 16384;
+    static constexpr CmDword BURST_SIZE = 16384;
 
     // aDb (out): a block of aSize bytes with one reference for the caller, unchanged unless CM_OK. The bytes are copied from
     // aData, or not initialised if it is null. CM_ERROR_INVALID_ARG: aSize is 0. CM_ERROR_OUT_OF_MEMORY.
-    static CmResult CreateInstance(CCmDataBlock*& aDb, DWORD aSize, const char* aData);
+    static CmResult CreateInstance(CCmDataBlock*& aDb, CmDword aSize, const char* aData);
 
-    DWORD AddReference() override { return m_dwReferences.fetch_add(1, std::memory_order_relaxed) + 1; }
-    DWORD ReleaseReference() override {
+    CmDword AddReference() override { return m_dwReferences.fetch_add(1, std::memory_order_relaxed) + 1; }
+    CmDword ReleaseReference() override {
         // Acquire and release: the thread that drops the last reference sees all writes of the other holders.
-        const DWORD dwLeft = m_dwReferences.fetch_sub(1, std::memory_order_acq_rel) - 1;
+        const CmDword dwLeft = m_dwReferences.fetch_sub(1, std::memory_order_acq_rel) - 1;
         if (dwLeft == 0)
             OnReferenceDestory();
         return dwLeft;
     }
 
     char* GetBasePtr() const { return m_pBase; }
-    DWORD GetLength() const { return m_dwLength; }
+    CmDword GetLength() const { return m_dwLength; }
 
 private:
-    CCmDataBlock(DWORD aSize, char* aBase) : m_dwLength(aSize), m_pBase(aBase) {}
+    CCmDataBlock(CmDword aSize, char* aBase) : m_dwLength(aSize), m_pBase(aBase) {}
     ~CCmDataBlock() override = default;
 
     void OnReferenceDestory();
 
-    std::atomic<DWORD> m_dwReferences{1};
-    const DWORD m_dwLength;
+    std::atomic<CmDword> m_dwReferences{1};
+    const CmDword m_dwLength;
     char* const m_pBase;  // directly behind this object
 };

@@ -8,7 +8,7 @@
 // Owns nothing: the memory must outlive it. One thread.
 class TALVO_API CCmDataBlockNoMalloc {
 public:
-    CCmDataBlockNoMalloc(char* aBuffer, DWORD aLength)
+    CCmDataBlockNoMalloc(char* aBuffer, CmDword aLength)
         : m_pBeginPtr(aBuffer), m_pEndPtr(aBuffer ? aBuffer + aLength : nullptr), m_pReadPtr(aBuffer), m_pWritePtr(aBuffer) {}
 
     // Both advance their position. aRead, aWritten (out, may be null): the number of bytes done. CM_ERROR_PARTIAL_DATA: less
@@ -16,14 +16,14 @@ public:
 
     // Does not check the end of the buffer, except that exactly at the end it copies 0 bytes. From any other position it copies
     // aCount bytes, however many remain: the caller must limit aCount.
-    CmResult Read(void* aDst, DWORD aCount, DWORD* aRead = nullptr);
+    CmResult Read(void* aDst, CmDword aCount, CmDword* aRead = nullptr);
 
     // Stops at the end of the buffer.
-    CmResult Write(const void* aSrc, DWORD aCount, DWORD* aWritten = nullptr);
+    CmResult Write(const void* aSrc, CmDword aCount, CmDword* aWritten = nullptr);
 
     // The distances of the positions from the start of the buffer.
-    DWORD GetReadLength() const { return static_cast<DWORD>(m_pReadPtr - m_pBeginPtr); }
-    DWORD GetWrittenLength() const { return static_cast<DWORD>(m_pWritePtr - m_pBeginPtr); }
+    CmDword GetReadLength() const { return static_cast<CmDword>(m_pReadPtr - m_pBeginPtr); }
+    CmDword GetWrittenLength() const { return static_cast<CmDword>(m_pWritePtr - m_pBeginPtr); }
 
 private:
     char* m_pBeginPtr;

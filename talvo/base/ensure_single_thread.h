@@ -7,7 +7,7 @@
 #include "talvo/base/types.h"
 
 // The system's identifier of the calling thread; never 0.
-TALVO_API DWORD cm_thread_self_id();
+TALVO_API CmDword cm_thread_self_id();
 
 // Stores the constructing thread. In builds with assertions EnsureSingleThread asserts that the caller is that thread; in
 // others it does nothing.
@@ -16,11 +16,11 @@ public:
     CCmEnsureSingleThread() : m_dwThreadId(cm_thread_self_id()) {}
 
     void Reset2CurrentThreadId() { m_dwThreadId = cm_thread_self_id(); }
-    void Reset2ThreadId(unsigned long aId) { m_dwThreadId = static_cast<DWORD>(aId); }
+    void Reset2ThreadId(unsigned long aId) { m_dwThreadId = static_cast<CmDword>(aId); }
 
-    BOOL IsCurrentThread() const { return m_dwThreadId == cm_thread_self_id(); }
+    CmBool IsCurrentThread() const { return m_dwThreadId == cm_thread_self_id(); }
     void EnsureSingleThread() const { assert(m_dwThreadId == cm_thread_self_id()); }
 
 private:
-    DWORD m_dwThreadId;
+    CmDword m_dwThreadId;
 };

@@ -6,7 +6,7 @@
 #include "talvo/base/types.h"
 
 // The kind of a failure's cause. Only CM_FAILURE_SYSTEM comes with an errno.
-enum ECmFailureCause : DWORD {
+enum ECmFailureCause : CmDword {
     CM_FAILURE_NONE = 0,          // no failure; the text and the attempt are ""
     CM_FAILURE_SYSTEM = 1,        // the system refused or reported it; GetErrno returns its errno
     CM_FAILURE_TIMEOUT = 2,       // the caller's time-out passed; the system's own is CM_FAILURE_SYSTEM with ETIMEDOUT

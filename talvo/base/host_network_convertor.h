@@ -8,9 +8,9 @@
 // Converts between this machine's order and the network's, which is big-endian. Both directions are the same operation.
 class CCmHostNetworkConvertorNormal {
 public:
-    static BYTE Convert(BYTE aValue) { return aValue; }
-    static WORD Convert(WORD aValue) { return IS_BIG ? aValue : __builtin_bswap16(aValue); }
-    static DWORD Convert(DWORD aValue) { return IS_BIG ? aValue : __builtin_bswap32(aValue); }
+    static CmByte Convert(CmByte aValue) { return aValue; }
+    static CmWord Convert(CmWord aValue) { return IS_BIG ? aValue : __builtin_bswap16(aValue); }
+    static CmDword Convert(CmDword aValue) { return IS_BIG ? aValue : __builtin_bswap32(aValue); }
 
 private:
     static constexpr bool IS_BIG = std::endian::native == std::endian::big;

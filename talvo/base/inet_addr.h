@@ -26,20 +26,20 @@ class CAtomicAddr;
 class TALVO_API CCmInetAddr {
 public:
     CCmInetAddr() = default;                           // 0.0.0.0, port 0
-    CCmInetAddr(const char* aHostName, WORD aPort);    // as Set, without the result; throws if memory runs out
+    CCmInetAddr(const char* aHostName, CmWord aPort);  // as Set, without the result; throws if memory runs out
     explicit CCmInetAddr(const char* aIpAddrAndPort);  // likewise
 
-    CCmInetAddr(const talvo::CIpBytes& aIp, WORD aPort);  // no address: 0.0.0.0; throws if memory runs out
+    CCmInetAddr(const talvo::CIpBytes& aIp, CmWord aPort);  // no address: 0.0.0.0; throws if memory runs out
 
     // aHostName is a dotted address, an IPv6 literal with or without brackets, a host name, or null or "" for 0.0.0.0; aPort is
     // in host order. The forms of IPv6 are those of CIpBytes::Parse: as with getaddrinfo(), an interface belongs to link-local
     // addresses only, so "::1%lo" is a name, which the resolver refuses. CM_OK, or for a name the result of TryResolve.
     // CM_ERROR_OUT_OF_MEMORY.
-    CmResult Set(const char* aHostName, WORD aPort);
+    CmResult Set(const char* aHostName, CmWord aPort);
 
     // As Set, but without a look-up: a name stays pending. For callers whose proxy resolves names. CM_OK, also for a literal
     // address, which is no name. CM_ERROR_OUT_OF_MEMORY: nothing changes.
-    CmResult SetName(const char* aHostName, WORD aPort);
+    CmResult SetName(const char* aHostName, CmWord aPort);
 
     // "host:port" or "[IPv6]:port"; without a port, as in "::1", the port is 0, with a trace line. The port is the number that
     // the text begins with, modulo 65,536, and 0 for other texts; Parse refuses them. CM_ERROR_INVALID_ARG: null.
@@ -59,11 +59,11 @@ public:
     // CM_ERROR_OUT_OF_MEMORY, for IPv6 only.
     CmResult SetIpAddrByString(const char* aIpAddr);
 
-    CmResult SetIpAddrBy4Bytes(DWORD aIpAddr, BOOL aIsNetworkOrder = TRUE);  // removes the name, too; CM_OK
+    CmResult SetIpAddrBy4Bytes(CmDword aIpAddr, CmBool aIsNetworkOrder = CM_TRUE);  // removes the name, too; CM_OK
     // Likewise; no address: 0.0.0.0. CM_OK. CM_ERROR_OUT_OF_MEMORY, for IPv6 only: nothing changes.
     CmResult SetIpAddr(const talvo::CIpBytes& aIp);
     // Host order. CM_OK. CM_ERROR_OUT_OF_MEMORY, for IPv6 only, and CM_ERROR_NOT_AVAILABLE, for a path: nothing changes.
-    CmResult SetPort(WORD aPort);
+    CmResult SetPort(CmWord aPort);
 
     // Sets the path of a Unix socket: of a file, or behind "@" an abstract name of the system. CM_OK. CM_ERROR_INVALID_ARG:
     // null, "" or "@". CM_ERROR_NOT_AVAILABLE: more than 107 bytes. CM_ERROR_OUT_OF_MEMORY. After a failure nothing changes.
@@ -72,21 +72,23 @@ public:
     // Completes a pending name with an address that the caller has looked up; the given name stays. No address: the failed
     // look-up's 255.255.255.255. CM_OK. CM_ERROR_OUT_OF_MEMORY: nothing changes.
     CmResult SetResolvedIpAddr(const talvo::CIpBytes& aIp);
-    CmResult SetResolvedIpAddr(DWORD aIpAddr) { return SetResolvedIpAddr(talvo::CIpBytes::OfIpv4(aIpAddr)); }  // network order
+    CmResult SetResolvedIpAddr(CmDword aIpAddr) {
+        return SetResolvedIpAddr(talvo::CIpBytes::OfIpv4(aIpAddr));
+    }  // network order
 
     // Resolves a pending name from the resolver's cache; never waits. CM_OK: resolved, or no name was pending; a name that has
     // no address in the cache becomes 255.255.255.255. CM_ERROR_WOULD_BLOCK: the look-up is under way, or there is no
     // resolver. Any other result: the resolver cannot look it up. After a failure the name stays pending.
     CmResult TryResolve();
 
-    WORD GetPort() const;                                                   // host order; a path's is 0
-    DWORD GetIpAddrIn4Bytes() const { return m_SockAddr.sin_addr.s_addr; }  // network order; 0 unless it is IPv4
+    CmWord GetPort() const;                                                   // host order; a path's is 0
+    CmDword GetIpAddrIn4Bytes() const { return m_SockAddr.sin_addr.s_addr; }  // network order; 0 unless it is IPv4
     talvo::CIpBytes GetIpBytes() const;  // no address: a path, a pending name, or one without an address
 
     // For the socket calls: AF_INET and 16 bytes, AF_INET6 and 28, or AF_UNIX and up to 110. Cast the pointer to that of the
     // family, or to sockaddr.
-    DWORD GetSize() const { return GetOther_i() ? m_pRecord->GetSize() : DWORD{sizeof m_SockAddr}; }
-    DWORD GetType() const { return GetPtr()->sin_family; }
+    CmDword GetSize() const { return GetOther_i() ? m_pRecord->GetSize() : CmDword{sizeof m_SockAddr}; }
+    CmDword GetType() const { return GetPtr()->sin_family; }
     const sockaddr_in* GetPtr() const {
         const sockaddr* pOther = GetOther_i();
         return pOther ? reinterpret_cast<const sockaddr_in*>(pOther) : &m_SockAddr;
@@ -95,7 +97,7 @@ public:
     // room for no other family. cm_from_sockaddr takes each family. A write does not change a pending name.
     sockaddr_in* GetPtr() { return const_cast<sockaddr_in*>(static_cast<const CCmInetAddr*>(this)->GetPtr()); }
 
-    BOOL IsResolved() const { return m_strHostName.empty(); }
+    CmBool IsResolved() const { return m_strHostName.empty(); }
     CCmString GetHostName() const { return m_strHostName; }  // "" when resolved
     // The pending name, the dotted address, the IPv6 address in the form of RFC 5952 with the interface behind "%", or the
     // path. "@" replaces each NUL of an abstract name; the text of a Unix socket without a path is "".
@@ -107,11 +109,11 @@ public:
     // The given name if a look-up found no address for it, or "". Valid as above.
     const char* GetFailedName() const { return IsResolved() && !HasAddress() ? GetGivenName() : ""; }
     // TRUE: resolved, and the look-up found an address.
-    BOOL HasAddress() const { return IsResolved() && !(m_pRecord && GetIpAddrIn4Bytes() == INADDR_NONE); }
+    CmBool HasAddress() const { return IsResolved() && !(m_pRecord && GetIpAddrIn4Bytes() == INADDR_NONE); }
 
     // aText (out): "host:port", "[IPv6]:port" or the path with a terminator, cut to aSize bytes. Allocates nothing. The host is
     // the name if there is no address.
-    void Print(char* aText, DWORD aSize) const;
+    void Print(char* aText, CmDword aSize) const;
 
     // Compares family, port, address and scope, or the paths, not the names.
     bool operator==(const CCmInetAddr& aRight) const;
@@ -123,19 +125,19 @@ public:
 
     // aOut (out): the address in network order. FALSE: not an IPv4 address, and aOut is the result of inet_addr(). Null and ""
     // give 0 and TRUE.
-    static BOOL IpAddrStringTo4Bytes(const char* aIpAddr, DWORD& aOut);
-    static CCmString IpAddr4BytesToString(DWORD aIpAddr);  // network order
+    static CmBool IpAddrStringTo4Bytes(const char* aIpAddr, CmDword& aOut);
+    static CCmString IpAddr4BytesToString(CmDword aIpAddr);  // network order
 
     // 0.0.0.0, port 0: no address given. Valid before and after every other static object.
     static const CCmInetAddr& s_InetAddrAny;
 
 private:
-    void SetName_i(const char* aHostName, WORD aPort);
-    CmResult Set_i(const char* aHostName, WORD aPort);
+    void SetName_i(const char* aHostName, CmWord aPort);
+    CmResult Set_i(const char* aHostName, CmWord aPort);
     CmResult Set_i(const char* aIpAddrAndPort);
-    CmResult SetIp_i(const talvo::CIpBytes& aIp, WORD aPort);
-    void SetIpv4_i(DWORD aIpAddr, WORD aPort);
-    void SetOther_i(CCmRefPtrT<talvo::CAddrRecord> aRecord, WORD aPort);
+    CmResult SetIp_i(const talvo::CIpBytes& aIp, CmWord aPort);
+    void SetIpv4_i(CmDword aIpAddr, CmWord aPort);
+    void SetOther_i(CCmRefPtrT<talvo::CAddrRecord> aRecord, CmWord aPort);
     void SetOther_i(CCmRefPtrT<talvo::CAddrRecord> aRecord);
     static CmResult Parse_i(std::string_view aHostAndPort, CCmInetAddr& aAddr, CCmString* aReason);
 

@@ -14,19 +14,19 @@ namespace talvo {
 // A small plain value, for records, hosts files and tables. An IPv6 address that contains an IPv4 one (::ffff:a.b.c.d) becomes
 // that IPv4 address in every function below, so each host has one value.
 struct TALVO_API CIpBytes {
-    BYTE m_byFamily = 0;    // 4, 6, or 0: no address
-    BYTE m_Bytes[16] = {};  // network order; IPv4 has four, and zeros behind them
-    DWORD m_dwScope = 0;    // the interface index of a link-local IPv6 address; 0: none
+    CmByte m_byFamily = 0;    // 4, 6, or 0: no address
+    CmByte m_Bytes[16] = {};  // network order; IPv4 has four, and zeros behind them
+    CmDword m_dwScope = 0;    // the interface index of a link-local IPv6 address; 0: none
 
-    static CIpBytes OfIpv4(DWORD aIpAddr);  // network order
-    static CIpBytes OfIpv6(const in6_addr& aIpAddr, DWORD aScope = 0);
+    static CIpBytes OfIpv4(CmDword aIpAddr);  // network order
+    static CIpBytes OfIpv6(const in6_addr& aIpAddr, CmDword aScope = 0);
 
     // Parses "a.b.c.d", or an IPv6 literal without brackets. A link-local one may end with "%" and an interface, by name or
     // number. FALSE: another form, or no such interface; aOut (out) is then unchanged. Allocates nothing.
-    static BOOL Parse(std::string_view aText, CIpBytes& aOut);
+    static CmBool Parse(std::string_view aText, CIpBytes& aOut);
 
     explicit operator bool() const { return m_byFamily != 0; }
-    DWORD GetIpv4() const;     // network order; 0 unless the family is 4
+    CmDword GetIpv4() const;   // network order; 0 unless the family is 4
     in6_addr GetIpv6() const;  // "::" unless the family is 6
 
     // The dotted form, or that of RFC 5952, with the interface behind "%"; "" without an address.

@@ -22,7 +22,7 @@
 // Duplicating, cutting and appending copy no payload, with one exception: a duplicate of a view on foreign memory is a copy.
 class TALVO_API CCmMessageBlock {
 public:
-    enum : DWORD {
+    enum : CmDword {
         DONT_DELETE = 0x1,      // a view on memory that it does not own
         MALLOC_AND_COPY = 0x2,  // for the constructor: allocate storage although a pointer is given
         READ_LOCKED = 0x100,
@@ -34,35 +34,35 @@ public:
     // of aSize bytes, not initialised; even then the caller, not the constructor, copies aData. There is no storage for size 0
     // or if memory ran out: check GetTopLevelSpace(). The write position then advances by aAdvanceWritePtrSize, or not at all
     // if that does not fit.
-    explicit CCmMessageBlock(DWORD aSize, const char* aData = nullptr, DWORD aFlag = 0, DWORD aAdvanceWritePtrSize = 0);
+    explicit CCmMessageBlock(CmDword aSize, const char* aData = nullptr, CmDword aFlag = 0, CmDword aAdvanceWritePtrSize = 0);
 
     // An empty view on the whole of aDb, which may be null. Holds a reference. A CCmDataBlock* converts; a plain 0 is a size.
-    explicit CCmMessageBlock(CCmRefPtrT<CCmDataBlock> aDb, DWORD aFlag = 0);
+    explicit CCmMessageBlock(CCmRefPtrT<CCmDataBlock> aDb, CmDword aFlag = 0);
 
     // A view on the first aLength unread bytes of aSource alone, or on all of them if there are fewer. It shares aSource's
     // storage; foreign memory is viewed, not copied. It has no space, so that a write to it or to its duplicate cannot reach
     // the bytes behind it.
-    CCmMessageBlock(const CCmMessageBlock& aSource, DWORD aLength);
+    CCmMessageBlock(const CCmMessageBlock& aSource, CmDword aLength);
 
     ~CCmMessageBlock() = default;
     CCmMessageBlock(const CCmMessageBlock&) = delete;
     CCmMessageBlock& operator=(const CCmMessageBlock&) = delete;
 
-    DWORD GetTopLevelLength() const { return static_cast<DWORD>(m_pWritePtr - m_pReadPtr); }
-    DWORD GetTopLevelSpace() const { return static_cast<DWORD>(m_pEndPtr - m_pWritePtr); }
+    CmDword GetTopLevelLength() const { return static_cast<CmDword>(m_pWritePtr - m_pReadPtr); }
+    CmDword GetTopLevelSpace() const { return static_cast<CmDword>(m_pEndPtr - m_pWritePtr); }
     const char* GetTopLevelReadPtr() const { return m_pReadPtr; }
     char* GetTopLevelWritePtr() const { return m_pWritePtr; }
     CCmMessageBlock* GetNext() const { return m_pNext; }
-    DWORD GetFlag() const { return m_Flag; }
+    CmDword GetFlag() const { return m_Flag; }
 
     // CM_ERROR_NOT_AVAILABLE: aCount exceeds the unread bytes or the space, and nothing moves.
-    CmResult AdvanceTopLevelReadPtr(DWORD aCount) {
+    CmResult AdvanceTopLevelReadPtr(CmDword aCount) {
         if (aCount > GetTopLevelLength())
             return CM_ERROR_NOT_AVAILABLE;
         m_pReadPtr += aCount;
         return CM_OK;
     }
-    CmResult AdvanceTopLevelWritePtr(DWORD aCount) {
+    CmResult AdvanceTopLevelWritePtr(CmDword aCount) {
         if (aCount > GetTopLevelSpace())
             return CM_ERROR_NOT_AVAILABLE;
         m_pWritePtr += aCount;
@@ -73,18 +73,18 @@ public:
     // They return CM_OK, or CM_ERROR_PARTIAL_DATA if that is less than the count asked for.
 
     // Copies from the whole chain to aDst (null: skips the copy) and, with aAdvance, consumes the copied bytes.
-    CmResult Read(void* aDst, DWORD aCount, DWORD* aRead = nullptr, BOOL aAdvance = TRUE);
+    CmResult Read(void* aDst, CmDword aCount, CmDword* aRead = nullptr, CmBool aAdvance = CM_TRUE);
     // Copies from aSrc (null: leaves the bytes unchanged) into this block alone.
-    CmResult Write(const void* aSrc, DWORD aCount, DWORD* aWritten = nullptr);
-    CmResult AdvanceChainedReadPtr(DWORD aCount, DWORD* aDone = nullptr) { return Read(nullptr, aCount, aDone, TRUE); }
+    CmResult Write(const void* aSrc, CmDword aCount, CmDword* aWritten = nullptr);
+    CmResult AdvanceChainedReadPtr(CmDword aCount, CmDword* aDone = nullptr) { return Read(nullptr, aCount, aDone, CM_TRUE); }
     // For a chain that was filled in place. Also stops, with CM_ERROR_PARTIAL_DATA and a trace line, at a block that was read
     // from.
-    CmResult AdvanceChainedWritePtr(DWORD aCount, DWORD* aDone = nullptr);
+    CmResult AdvanceChainedWritePtr(CmDword aCount, CmDword* aDone = nullptr);
 
     // 0xFFFFFFFF: so much or more.
-    DWORD GetChainedLength() const;
-    static constexpr DWORD MOST_LENGTH = 0xFFFFFFFF;
-    DWORD GetChainedSpace() const;
+    CmDword GetChainedLength() const;
+    static constexpr CmDword MOST_LENGTH = 0xFFFFFFFF;
+    CmDword GetChainedSpace() const;
 
     // Links aMb behind the last block. Does nothing for null or for a block that is in the chain already. Ownership does not
     // change: the DUPLICATED bits determine it.
@@ -98,7 +98,7 @@ public:
     // Cuts the chain behind aStart unread bytes and returns the second part. Every block of that part is DUPLICATED; a block
     // that was not is replaced by a duplicate, with a trace line. Null, and nothing is cut: there is no byte behind. Null also
     // if memory ran out: the chain is then whole, or ends at the cut if the replacement failed.
-    CCmMessageBlock* Disjoint(DWORD aStart);
+    CCmMessageBlock* Disjoint(CmDword aStart);
 
     // Frees this block and the blocks behind it up to the first that is not DUPLICATED. There it stops with a trace line; that
     // block and those behind it stay with their owner.
@@ -113,7 +113,7 @@ public:
     void RewindChained();
 
     // aIov (out): an entry for each of the first aMax non-empty blocks, in order. Returns the number of entries.
-    DWORD FillIov(iovec* aIov, DWORD aMax) const;
+    CmDword FillIov(iovec* aIov, CmDword aMax) const;
 
     // All unread bytes as one string.
     CCmString FlattenChained() const;
@@ -124,7 +124,7 @@ public:
 
 private:
     void AttachDataBlock();
-    CCmMessageBlock* CutBehind(DWORD aStart);
+    CCmMessageBlock* CutBehind(CmDword aStart);
     static CCmMessageBlock* MakeAllDuplicated(CCmMessageBlock* aHead);
 
     CCmMessageBlock* m_pNext = nullptr;  // owned by the chain's holder
@@ -133,5 +133,5 @@ private:
     char* m_pWritePtr = nullptr;
     char* m_pBeginPtr = nullptr;
     char* m_pEndPtr = nullptr;
-    DWORD m_Flag;
+    CmDword m_Flag;
 };

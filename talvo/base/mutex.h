@@ -45,7 +45,7 @@ public:
     CmResult TryLock() CM_TRY_ACQUIRE(0) { return CM_OK; }
 
     // For calls that refuse other threads.
-    BOOL IsCurrentThread() const { return m_Est.IsCurrentThread(); }
+    CmBool IsCurrentThread() const { return m_Est.IsCurrentThread(); }
 
 private:
     CCmEnsureSingleThread m_Est;

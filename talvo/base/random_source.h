@@ -11,7 +11,7 @@
 class TALVO_API CCmRandomSource {
 public:
     // Fills aBytes with bytes that peers cannot guess. FALSE: the system has none yet. Any thread.
-    static BOOL Fill(void* aBytes, size_t aCount);
+    static CmBool Fill(void* aBytes, size_t aCount);
     // 0 to aBound - 1, aBound not 0; for times and choices. Never fails. Any thread.
     static uint64_t Below(uint64_t aBound);
 

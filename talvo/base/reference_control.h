@@ -10,8 +10,8 @@
 // first reference for the caller. Hold references in a CCmRefPtrT.
 class TALVO_API ICmReferenceControl {
 public:
-    virtual DWORD AddReference() = 0;      // the new count
-    virtual DWORD ReleaseReference() = 0;  // the new count; at 0 the object is deleted now or as soon as that is safe
+    virtual CmDword AddReference() = 0;      // the new count
+    virtual CmDword ReleaseReference() = 0;  // the new count; at 0 the object is deleted now or as soon as that is safe
     virtual ~ICmReferenceControl();
 };
 
@@ -19,16 +19,16 @@ public:
 template <class MutexType>
 class CCmReferenceControlT {
 public:
-    DWORD AddReference() { return static_cast<DWORD>(++m_References); }
+    CmDword AddReference() { return static_cast<CmDword>(++m_References); }
 
-    DWORD ReleaseReference() {
+    CmDword ReleaseReference() {
         const int32_t lCount = --m_References;
         if (lCount == 0)
             OnReferenceDestory();
-        return static_cast<DWORD>(lCount);
+        return static_cast<CmDword>(lCount);
     }
 
-    DWORD GetReference() const { return static_cast<DWORD>(m_References.GetValue()); }
+    CmDword GetReference() const { return static_cast<CmDword>(m_References.GetValue()); }
 
 protected:
     CCmReferenceControlT() = default;

@@ -39,7 +39,7 @@ public:
 
     // Valid as long as a copy has the text. It does not end with a zero byte.
     std::string_view Get() const;
-    BOOL IsEmpty() const { return Get().empty(); }
+    CmBool IsEmpty() const { return Get().empty(); }
     bool operator==(const CCmSecret& aOther) const;
 
 private:

@@ -8,13 +8,13 @@ class CCmStopFlag {
 public:
     void SetStartFlag() {
         m_Est.EnsureSingleThread();
-        m_bStopped = FALSE;
+        m_bStopped = CM_FALSE;
     }
     void SetStopFlag() {
         m_Est.EnsureSingleThread();
-        m_bStopped = TRUE;
+        m_bStopped = CM_TRUE;
     }
-    BOOL IsFlagStopped() const {
+    CmBool IsFlagStopped() const {
         m_Est.EnsureSingleThread();
         return m_bStopped;
     }
@@ -24,5 +24,5 @@ public:
 
 private:
     CCmEnsureSingleThread m_Est;
-    BOOL m_bStopped = TRUE;
+    CmBool m_bStopped = CM_TRUE;
 };

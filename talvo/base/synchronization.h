@@ -34,7 +34,7 @@ private:
 // until Reset. Any thread.
 class TALVO_API CCmEventThread {
 public:
-    explicit CCmEventThread(BOOL aManualReset = FALSE, BOOL aSignalled = FALSE);
+    explicit CCmEventThread(CmBool aManualReset = CM_FALSE, CmBool aSignalled = CM_FALSE);
 
     CmResult Wait(CCmTimeValue* aTimeout = nullptr);  // CM_OK, CM_ERROR_TIMEOUT or CM_ERROR_FAILURE
     CmResult Signal();                                // releases one wait (auto-reset) or all (manual reset); CM_OK
@@ -43,23 +43,23 @@ public:
 private:
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Condition;
-    const BOOL m_bManualReset;
-    BOOL m_bSignalled CM_GUARDED_BY(m_Mutex);
+    const CmBool m_bManualReset;
+    CmBool m_bSignalled CM_GUARDED_BY(m_Mutex);
 };
 
 // A counting semaphore. Any thread.
 class TALVO_API CCmSemaphoreThread {
 public:
-    explicit CCmSemaphoreThread(DWORD aInitialCount = 0, DWORD aMaxCount = 0x7fffffff);
+    explicit CCmSemaphoreThread(CmDword aInitialCount = 0, CmDword aMaxCount = 0x7fffffff);
 
     CmResult Lock(CCmTimeValue* aTimeout = nullptr);  // takes one; CM_OK, CM_ERROR_TIMEOUT or CM_ERROR_FAILURE
     CmResult TryLock();                               // CM_OK, or CM_ERROR_FAILURE when the count is 0
     CmResult UnLock();                                // adds one; CM_ERROR_FAILURE at the maximum
-    CmResult PostN(DWORD aCount);  // adds all of aCount; or, if that exceeds the maximum, none, and CM_ERROR_FAILURE
+    CmResult PostN(CmDword aCount);  // adds all of aCount; or, if that exceeds the maximum, none, and CM_ERROR_FAILURE
 
 private:
     CCmMutexThread m_Mutex;
     CCmConditionVariableThread m_Condition;
-    const DWORD m_dwMaxCount;
-    DWORD m_dwCount CM_GUARDED_BY(m_Mutex);
+    const CmDword m_dwMaxCount;
+    CmDword m_dwCount CM_GUARDED_BY(m_Mutex);
 };

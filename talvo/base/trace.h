@@ -15,7 +15,7 @@
 #include "talvo/base/trace_text.h"
 #include "talvo/base/types.h"
 
-enum ECmTraceLevel : DWORD {
+enum ECmTraceLevel : CmDword {
     CM_TRACE_ERROR = 0,
     CM_TRACE_SERVER = 1,
     CM_TRACE_WARNING = 10,
@@ -38,32 +38,32 @@ public:
     // One line, in the thread that traced it and with the trace's lock held, so that lines come one at a time and in order. Do
     // not wait for another thread here and do not throw. Lines that the sink itself causes are dropped. aModule is null unless
     // one was given. aText has no time stamp and no line end, and is valid during the call.
-    virtual void OnTrace(DWORD aLevel, const char* aModule, std::string_view aText) = 0;
+    virtual void OnTrace(CmDword aLevel, const char* aModule, std::string_view aText) = 0;
     virtual ~ICmTraceSink();
 };
 
 // The path of a trace file and its mode.
 struct CCmTraceFileSettings {
-    CCmString m_strPath;            // empty: no file
-    BOOL m_bCircular = FALSE;       // one file of at most m_dwMaxSize bytes, used as a ring
-    DWORD m_dwMaxSize = 10u << 20;  // bytes; circular mode only, at least 1,024
-    DWORD m_dwFlushPerLines = 1;    // lines buffered between writes to the file, at least 1; level 0 is written at once
+    CCmString m_strPath;              // empty: no file
+    CmBool m_bCircular = CM_FALSE;    // one file of at most m_dwMaxSize bytes, used as a ring
+    CmDword m_dwMaxSize = 10u << 20;  // bytes; circular mode only, at least 1,024
+    CmDword m_dwFlushPerLines = 1;    // lines buffered between writes to the file, at least 1; level 0 is written at once
 };
 
 class TALVO_API CCmTrace {
 public:
     // One load and one branch. FALSE for every level while the trace is off.
-    static BOOL IsEnabled(DWORD aLevel) { return (s_dwMask.load(std::memory_order_relaxed) >> (aLevel & 31)) & 1; }
+    static CmBool IsEnabled(CmDword aLevel) { return (s_dwMask.load(std::memory_order_relaxed) >> (aLevel & 31)) & 1; }
 
     // Switches the whole trace on or off; the levels keep their own states. If the configuration has not been read yet, this
     // function, SetLevel and SetFile read it first.
-    static void Enable(BOOL aOn);
+    static void Enable(CmBool aOn);
 
     // Switches one level. CM_ERROR_INVALID_ARG: aLevel exceeds 25.
-    static CmResult SetLevel(DWORD aLevel, BOOL aOn);
+    static CmResult SetLevel(CmDword aLevel, CmBool aOn);
 
     // The level's name ("Error", "NA", ...); null above 25.
-    static const char* GetLevelName(DWORD aLevel);
+    static const char* GetLevelName(CmDword aLevel);
 
     // Sends lines to aSink as well (null: no sink). Not owned. After the return no call of the previous sink is under way,
     // except one that the caller itself is in.
@@ -85,18 +85,18 @@ public:
     static void ReadConfigurationOnce();
 
     // The macros call it with a line of an enabled level. aModule may be null.
-    static void Write(DWORD aLevel, const char* aModule, std::string_view aText);
+    static void Write(CmDword aLevel, const char* aModule, std::string_view aText);
 
     // The same with the text that aFill writes. Never inlined, so that neither the text nor aFill burdens the code that traces.
     template <class Function>
-    [[gnu::cold, gnu::noinline]] static void WriteText(DWORD aLevel, const Function& aFill) {
+    [[gnu::cold, gnu::noinline]] static void WriteText(CmDword aLevel, const Function& aFill) {
         CCmTraceText text;
         aFill(text);
         Write(aLevel, nullptr, text.GetText());
     }
 
 private:
-    static std::atomic<DWORD> s_dwMask;  // bit n: both level n and the trace are on
+    static std::atomic<CmDword> s_dwMask;  // bit n: both level n and the trace are on
 };
 
 #define CM_TRACE(aLevel, aText)                                                                    \

@@ -9,12 +9,12 @@ namespace talvo {
 class CTracePace {
 public:
     // TRUE: trace the line now.
-    BOOL IsDue() {
+    CmBool IsDue() {
         const int64_t llNow = CCmClock::GetTimeOfDayUsec();
         if (llNow < m_llNextUsec)
-            return FALSE;
+            return CM_FALSE;
         m_llNextUsec = llNow + 1000000;
-        return TRUE;
+        return CM_TRUE;
     }
 
 private:

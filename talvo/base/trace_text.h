@@ -34,6 +34,6 @@ private:
     CCmTraceText& AppendSigned(int64_t aNumber);
     CCmTraceText& AppendUnsigned(uint64_t aNumber);
 
-    DWORD m_dwLength = 0;
+    CmDword m_dwLength = 0;
     char m_szText[2044];
 };

@@ -10,12 +10,12 @@ namespace talvo {
 // Runs aCallable, which uses containers and strings of the standard library. TRUE: it returned. FALSE: memory ran out inside.
 // Its earlier effects remain, so it should do one thing. It costs nothing while there is memory.
 template <class Callable>
-[[gnu::always_inline]] inline BOOL WithMemory(Callable&& aCallable) {
+[[gnu::always_inline]] inline CmBool WithMemory(Callable&& aCallable) {
     try {
         aCallable();
-        return TRUE;
+        return CM_TRUE;
     } catch (const std::bad_alloc&) {
-        return FALSE;
+        return CM_FALSE;
     }
 }
 

@@ -29,7 +29,7 @@ class ICmForwardSink;
 class TALVO_API CCmConnectionManager : public CCmCleanUpBase {
 public:
     // A connection type is a base type in the low 16 bits and flags; CTYPE_PDU_RELIABLE is three of them.
-    enum CType : DWORD {
+    enum CType : CmDword {
         CTYPE_TCP = CM_TRANSPORT_TYPE_TCP,
         CTYPE_UDP = CM_TRANSPORT_TYPE_UDP,
         CTYPE_FORCE_THREAD_PROXY = talvo::CConnectionType::FORCE_THREAD_PROXY,  // a proxy even in the network thread
@@ -84,8 +84,8 @@ public:
     // a server of CM_TRANSPORT_TYPE_PROXY or CM_TRANSPORT_TYPE_RACE, and CTYPE_PDU_RELIABLE and CTYPE_PDU_LENGTH over
     // CTYPE_UDP. CM_ERROR_NULL_POINTER: the calling thread has no event queue, or the network thread has ended.
     // CM_ERROR_OUT_OF_MEMORY.
-    CmResult CreateConnectionClient(DWORD aType, ICmConnector*& aConnector);
-    CmResult CreateConnectionServer(DWORD aType, ICmAcceptor*& aAcceptor);
+    CmResult CreateConnectionClient(CmDword aType, ICmConnector*& aConnector);
+    CmResult CreateConnectionServer(CmDword aType, ICmAcceptor*& aAcceptor);
 
     // aConnector (out): a detection connector without connections, likewise. CM_ERROR_NULL_POINTER. CM_ERROR_OUT_OF_MEMORY.
     CmResult CreateDetectionConnectionClient(ICmDetectionConnector*& aConnector);
@@ -99,13 +99,13 @@ public:
     static CmResult CreateForwardSession_i(ICmForwardSink* aSink, ICmForwardSession*& aSession);
 
     // The same without a proxy. Only in the network thread, in which all upcalls come.
-    CmResult CreateConnectionClient_i(DWORD aType, ICmConnector*& aConnector);
-    CmResult CreateConnectionServer_i(DWORD aType, ICmAcceptor*& aAcceptor);
+    CmResult CreateConnectionClient_i(CmDword aType, ICmConnector*& aConnector);
+    CmResult CreateConnectionServer_i(CmDword aType, ICmAcceptor*& aAcceptor);
 
     // The same for types that name a protocol connection, and CM_ERROR_FAILURE for all others. aType (in and out) loses its
     // base type and all flags but that of the kind of connection. Also in the network thread only.
-    static CmResult CreateCsConnectionClient(DWORD& aType, ICmConnector*& aConnector);
-    static CmResult CreateCsConnectionServer(DWORD& aType, ICmAcceptor*& aAcceptor);
+    static CmResult CreateCsConnectionClient(CmDword& aType, ICmConnector*& aConnector);
+    static CmResult CreateCsConnectionServer(CmDword& aType, ICmAcceptor*& aAcceptor);
 
 private:
     CCmConnectionManager() = default;

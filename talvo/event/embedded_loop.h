@@ -18,7 +18,7 @@ public:
     // left work. Poll it level-triggered, for reading only; do not read, close or register it in the reactor itself. It is the
     // same until the reactor is destroyed. It also becomes readable at each tick (10 ms; key "TickMs"), for events that were
     // sent and not posted. CM_INVALID_HANDLE: the reactor has no descriptor.
-    virtual HANDLE GetPollHandle() const = 0;
+    virtual CmHandle GetPollHandle() const = 0;
 
     // Milliseconds until RunOnce has work even if the descriptor is not readable: until the first timer, rounded up; 0: work is
     // pending; -1: there is no timer, or the reactor is not open, or another thread calls. Read it before each wait. A timer

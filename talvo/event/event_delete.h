@@ -19,7 +19,7 @@ public:
     CmResult Launch(CCmThreadLink& aThread) {
         if (m_bLaunched)
             return CM_ERROR_ALREADY_INITIALIZED;
-        m_bLaunched = TRUE;
+        m_bLaunched = CM_TRUE;
         const CmResult rv = aThread.PostEvent(this);
         if (rv != CM_OK)
             CM_ERROR_TRACE("CCmEventDeleteT::Launch, PostEvent() failed! rv=" << rv);
@@ -28,5 +28,5 @@ public:
 
 private:
     TargetType* m_pTarget;
-    BOOL m_bLaunched = FALSE;
+    CmBool m_bLaunched = CM_FALSE;
 };

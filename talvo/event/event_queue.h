@@ -74,7 +74,7 @@ public:
     virtual CmResult SendEvent(ICmEvent* aEvent) = 0;
 
     // The number of pending events; a hint, read without a lock.
-    virtual DWORD GetPendingEventsCount() = 0;
+    virtual CmDword GetPendingEventsCount() = 0;
 
     virtual ~ICmEventQueue();
 };

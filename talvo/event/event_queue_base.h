@@ -21,7 +21,7 @@ public:
 
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri = EPRIORITY_NORMAL) override;
     CmResult SendEvent(ICmEvent* aEvent) override;
-    DWORD GetPendingEventsCount() override;
+    CmDword GetPendingEventsCount() override;
 
     // Refuses every later post and send; there is no restart. Pending events stay until they are taken or destroyed.
     virtual void Stop();
@@ -35,7 +35,7 @@ public:
     CmResult ProcessOneEvent(ICmEvent* aEvent);
 
     // Owner's thread. TRUE: more than aCount events are collected, so that no lock is needed to take them.
-    BOOL HasMoreThan(unsigned long aCount) const { return m_Collected.size() > aCount; }
+    CmBool HasMoreThan(unsigned long aCount) const { return m_Collected.size() > aCount; }
 
     // Destroys all pending events, the oldest first, without firing them.
     void DestoryPendingEvents();
@@ -63,7 +63,7 @@ protected:
     // Takes the whole list and leaves the queue empty.
     virtual EventsType TakeAll();
 
-    BOOL IsOwnerThread() const;
+    CmBool IsOwnerThread() const;
 
 private:
     void TakeCollected(EventsType& aEvents, unsigned long aMaxCount);
@@ -74,18 +74,18 @@ private:
     // Both lists own their events. Pending are the collected events and behind them the arrived ones. Each counter is written
     // in one place and never reset, so that neither needs a locked instruction. The difference is the number of pending events.
     alignas(CACHE_LINE) EventsType m_Collected;  // the owner's
-    std::atomic<DWORD> m_dwTaken{0};             // the owner's
+    std::atomic<CmDword> m_dwTaken{0};           // the owner's
     alignas(CACHE_LINE) EventsType m_Arrived;    // under the derived queue's lock
-    std::atomic<DWORD> m_dwPosted{0};            // under the lock
+    std::atomic<CmDword> m_dwPosted{0};          // under the lock
     CCmTimeValue m_tvCreated;
-    std::atomic<DWORD> m_dwThreadId{0};  // 0: the queue has no owner yet
-    std::atomic<BOOL> m_bStopped{FALSE};
+    std::atomic<CmDword> m_dwThreadId{0};  // 0: the queue has no owner yet
+    std::atomic<CmBool> m_bStopped{CM_FALSE};
 };
 
 template <class Collect>
 CmResult CCmEventQueueBase::PopPendingEvents(EventsType& aEvents, unsigned long aMaxCount, unsigned long* aRemain,
                                              Collect aCollect) {
-    const BOOL bEnough = HasMoreThan(aMaxCount);
+    const CmBool bEnough = HasMoreThan(aMaxCount);
     TakeCollected(aEvents, aMaxCount);
     if (!bEnough) {
         aCollect();

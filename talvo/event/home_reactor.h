@@ -12,7 +12,7 @@ public:
     CHomeReactor(ICmReactor* aReactor) : m_pReactor(aReactor) { IsAlive(); }
 
     ICmReactor* operator->() const;
-    BOOL IsAlive() const { return ICmReactor::IsAlive_i(m_pReactor, m_ullSeen); }
+    CmBool IsAlive() const { return ICmReactor::IsAlive_i(m_pReactor, m_ullSeen); }
     operator ICmReactor*() const { return m_pReactor; }  // for comparisons and for other holders: it may have ended
 
 private:

@@ -16,35 +16,35 @@ public:
     explicit CLaterReportT(Owner& aOwner) : m_Owner(aOwner) {}
 
     // Owner's thread. Keeps the owner alive until the loop has run the report. FALSE: the thread has ended.
-    BOOL Arm() {
+    CmBool Arm() {
         ACmThread* pThread = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_CURRENT);
         if (!pThread)
-            return FALSE;
-        m_bDue = TRUE;
-        if (std::exchange(m_bPosted, TRUE))
-            return TRUE;
+            return CM_FALSE;
+        m_bDue = CM_TRUE;
+        if (std::exchange(m_bPosted, CM_TRUE))
+            return CM_TRUE;
         m_Owner.AddReference();
         return pThread->GetLink().PostEvent(this) == CM_OK;
     }
     // Suppresses the report until the next Arm.
-    void Cancel() { m_bDue = FALSE; }
-    BOOL IsDue() const { return m_bDue; }
+    void Cancel() { m_bDue = CM_FALSE; }
+    CmBool IsDue() const { return m_bDue; }
     // TRUE: the event's own reference is the owner's last one, so that nobody is to be called.
-    BOOL IsOrphan() const { return m_bPosted && m_Owner.GetReference() == 1; }
+    CmBool IsOrphan() const { return m_bPosted && m_Owner.GetReference() == 1; }
 
 private:
     CmResult OnEventFire() override {
-        const BOOL bOrphan = IsOrphan();
-        m_bPosted = FALSE;
-        if (std::exchange(m_bDue, FALSE) && !bOrphan)
+        const CmBool bOrphan = IsOrphan();
+        m_bPosted = CM_FALSE;
+        if (std::exchange(m_bDue, CM_FALSE) && !bOrphan)
             (m_Owner.*Method)();
         return CM_OK;
     }
     void OnDestorySelf() override { m_Owner.ReleaseReference(); }
 
     Owner& m_Owner;
-    BOOL m_bDue = FALSE;
-    BOOL m_bPosted = FALSE;
+    CmBool m_bDue = CM_FALSE;
+    CmBool m_bPosted = CM_FALSE;
 };
 
 }  // namespace talvo

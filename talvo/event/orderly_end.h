@@ -7,16 +7,16 @@
 
 // The unfinished work of the tenants of one thread or of all threads.
 struct CCmUndrained {
-    DWORD m_dwConnections = 0;  // open, or closed by the user with data in flight
-    DWORD m_dwLingering = 0;    // those of the connections that were closed with CM_OK
-    DWORD m_dwRequests = 0;     // HTTP: connections of a server, requests of clients
-    uint64_t m_ullBytes = 0;    // taken from users and not acknowledged by the peer's system
+    CmDword m_dwConnections = 0;  // open, or closed by the user with data in flight
+    CmDword m_dwLingering = 0;    // those of the connections that were closed with CM_OK
+    CmDword m_dwRequests = 0;     // HTTP: connections of a server, requests of clients
+    uint64_t m_ullBytes = 0;      // taken from users and not acknowledged by the peer's system
     // Of the drain under way: connections that failed, or that the peer ended as well, before its system had
     // acknowledged everything. They are no unfinished work.
-    DWORD m_dwLost = 0;
+    CmDword m_dwLost = 0;
     uint64_t m_ullLostBytes = 0;
 
-    BOOL IsNothing() const { return m_dwConnections == 0 && m_dwRequests == 0; }
+    CmBool IsNothing() const { return m_dwConnections == 0 && m_dwRequests == 0; }
     CCmUndrained& operator+=(const CCmUndrained& aOther) {
         m_dwConnections += aOther.m_dwConnections;
         m_dwLingering += aOther.m_dwLingering;
@@ -40,6 +40,8 @@ enum class ECmDrainStage {
 namespace talvo {
 
 // TRUE: this stage ends connections and connect attempts.
-constexpr BOOL ends_connections(ECmDrainStage aStage) { return aStage == ECmDrainStage::CLOSE || aStage == ECmDrainStage::CUT; }
+constexpr CmBool ends_connections(ECmDrainStage aStage) {
+    return aStage == ECmDrainStage::CLOSE || aStage == ECmDrainStage::CUT;
+}
 
 }  // namespace talvo

@@ -32,9 +32,9 @@ class CPreciseTimers;
 // after the end of the thread, the calendar compares the address of the event queue and does not use it.
 class TALVO_API CCmPreciseTimerQueue final : public CCmTimerQueueCalendar, private CCmThreadTenant {
 public:
-    DWORD AddReference();
+    CmDword AddReference();
     // Inside OnTimeout, too: no other timer of the calendar fires then.
-    DWORD ReleaseReference();
+    CmDword ReleaseReference();
 
     // As ICmTimerQueue. CM_ERROR_FAILURE: the caller is not the registered thread of the event queue; a thread is registered
     // after its OnThreadInit and until Destory. CM_ERROR_NOT_INITIALIZED: that thread has ended, or the singletons were cleaned
@@ -68,7 +68,7 @@ private:
     void OnTicked_i() override;
 
     const CCmRefPtrT<talvo::CPreciseTimers> m_pTimers;
-    DWORD m_dwReferences = 1;           // the mutex of m_pTimers guards it
+    CmDword m_dwReferences = 1;         // the mutex of m_pTimers guards it
     std::atomic<bool> m_bBound{false};  // to a thread, which alone uses it
     std::atomic<bool> m_bEnded{false};  // the thread has ended
     std::atomic<bool> m_bArmed{false};  // the beat ticks it

@@ -30,13 +30,13 @@ public:
         ALL_EVENTS_MASK = 0x3F    // the bits of a handle's registered mask
     };
 
-    virtual HANDLE GetHandle() const;     // the default returns CM_INVALID_HANDLE
-    virtual int OnInput(HANDLE aFd);      // ready to read or to accept
-    virtual int OnOutput(HANDLE aFd);     // ready to write, or the connect has ended
-    virtual int OnException(HANDLE aFd);  // the defaults of these three request removal
+    virtual CmHandle GetHandle() const;     // the default returns CM_INVALID_HANDLE
+    virtual int OnInput(CmHandle aFd);      // ready to read or to accept
+    virtual int OnOutput(CmHandle aFd);     // ready to write, or the connect has ended
+    virtual int OnException(CmHandle aFd);  // the defaults of these three request removal
     // The reactor has removed the handler after a failure, a close by the peer, or a result of the handler. aMask is its
     // registered mask. The result is ignored. Not called for RemoveHandler.
-    virtual int OnClose(HANDLE aFd, long aMask) = 0;
+    virtual int OnClose(CmHandle aFd, long aMask) = 0;
     virtual ~ACmEventHandler();
 };
 
@@ -47,7 +47,7 @@ public:
 class TALVO_API ICmReactor : public ICmEventQueue, public ICmTimerQueue {
 public:
     // Properties of a reactor.
-    enum : DWORD {
+    enum : CmDword {
         // Handlers register for writing only while data waits to be sent. Clear for reactors that report changes of write
         // readiness, so that a handler can stay registered for writing.
         PROPERTY_WRITE_ON_DEMAND = 0x1
@@ -88,13 +88,13 @@ public:
     virtual CmResult Close() = 0;
 
     // Bits of PROPERTY_...
-    virtual DWORD GetProperty() const;
+    virtual CmDword GetProperty() const;
 
     // As PostEvent, but it may leave the loop asleep until its next wake-up, which runs the event. The default is PostEvent.
     virtual CmResult PostEventQuietly(ICmEvent* aEvent);
 
     // TRUE: aReactor still exists. An object that may outlive its thread checks this before it uses the reactor. Any thread.
-    static BOOL IsAlive(const ICmReactor* aReactor);
+    static CmBool IsAlive(const ICmReactor* aReactor);
 
     ~ICmReactor() override;
 
@@ -103,7 +103,7 @@ private:
 
     // TRUE: aReactor still exists, and is no newer than aSeen. aSeen (in, out): the last result of this function for the same
     // reactor; at first UINT64_MAX. Cheap while no reactor begins or ends.
-    static BOOL IsAlive_i(const ICmReactor* aReactor, uint64_t& aSeen);
+    static CmBool IsAlive_i(const ICmReactor* aReactor, uint64_t& aSeen);
 
     uint64_t m_ullBorn;  // no two reactors have the same; separates a reactor from an older one at its address
     // Links the list of all reactors. It is a member because that list must never fail.

@@ -23,7 +23,7 @@ struct CCmReactorCounters {
 class TALVO_API CCmReactorBase : public ICmReactor {
 public:
     // aProperty: bits of ICmReactor::PROPERTY_...
-    explicit CCmReactorBase(DWORD aProperty = 0);
+    explicit CCmReactorBase(CmDword aProperty = 0);
     ~CCmReactorBase() override;
     CCmReactorBase(const CCmReactorBase&) = delete;
     CCmReactorBase& operator=(const CCmReactorBase&) = delete;
@@ -32,7 +32,7 @@ public:
     CmResult RegisterHandler(ACmEventHandler* aEh, long aMask) override;
     CmResult RemoveHandler(ACmEventHandler* aEh, long aMask) override;
     CmResult Close() override;
-    DWORD GetProperty() const override { return m_dwProperty; }
+    CmDword GetProperty() const override { return m_dwProperty; }
 
     CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) override;
     CmResult CancelTimer(ICmTimerHandler* aEh) override;
@@ -42,14 +42,14 @@ public:
     CmResult PostEventQuietly(ICmEvent* aEvent) override { return m_EventQueue.PostEvent(aEvent); }
     // Kept on purpose: a sent event does not wake the loop and runs after its next wake-up. For a fast answer post the event.
     CmResult SendEvent(ICmEvent* aEvent) override { return m_EventQueue.SendEvent(aEvent); }
-    DWORD GetPendingEventsCount() override { return m_EventQueue.GetPendingEventsCount(); }
+    CmDword GetPendingEventsCount() override { return m_EventQueue.GetPendingEventsCount(); }
 
     // Processes one readiness report of the concrete reactor. An aFd of CM_INVALID_HANDLE means the event queue: at most 5
     // events run, and the loop is notified if more are left (CM_ERROR_NOT_FOUND: there was none). aReason is the reason for
     // CLOSE_MASK. aIsNotify: the report comes from NotifyHandler. aDropConnect: the report may be late, so a finished connect
     // is not reported. CM_OK: continue. CM_ERROR_WOULD_BLOCK: the handler waits for the next readiness. CM_ERROR_NOT_FOUND: not
     // registered. CM_ERROR_FAILURE: the handler is no longer registered, or another one is.
-    CmResult ProcessHandleEvent(HANDLE aFd, long aMask, CmResult aReason, BOOL aIsNotify, BOOL aDropConnect);
+    CmResult ProcessHandleEvent(CmHandle aFd, long aMask, CmResult aReason, CmBool aIsNotify, CmBool aDropConnect);
 
     // Fires the due timers. CM_ERROR_NOT_INITIALIZED: before Open.
     CmResult ProcessTimerTick();
@@ -58,36 +58,37 @@ public:
 
 protected:
     // Stops watching a handle.
-    virtual CmResult OnHandleRemoved(HANDLE aFd) = 0;
+    virtual CmResult OnHandleRemoved(CmHandle aFd) = 0;
     // Starts to watch a handle for the kinds in aMask, and always for close. CM_ERROR_UNEXPECTED: that fails. aMask may have
     // flags above ALL_EVENTS_MASK from the caller of RegisterHandler.
-    virtual CmResult OnHandleRegister(HANDLE aFd, long aMask, ACmEventHandler* aEh) = 0;
+    virtual CmResult OnHandleRegister(CmHandle aFd, long aMask, ACmEventHandler* aEh) = 0;
     // A watched handle has new kinds or another handler: report the readiness that exists already. For a handle of datagrams:
     // its kinds have changed in any way.
-    virtual void OnHandleMaskAdded(HANDLE aFd);
+    virtual void OnHandleMaskAdded(CmHandle aFd);
 
     using CElement = CCmEventHandlerRepository::CElement;
     using CBinding = CCmEventHandlerRepository::CBinding;
 
     // As ProcessHandleEvent, for a binding that was found already and has not ended.
-    CmResult ProcessBinding_i(const CBinding& aBinding, long aMask, BOOL aIsNotify = FALSE, BOOL aDropConnect = FALSE);
+    CmResult ProcessBinding_i(const CBinding& aBinding, long aMask, CmBool aIsNotify = CM_FALSE,
+                              CmBool aDropConnect = CM_FALSE);
 
-    BOOL IsOpen() const { return m_pTimerQueue != nullptr; }
+    CmBool IsOpen() const { return m_pTimerQueue != nullptr; }
     // FALSE, with a trace line: another thread calls an operation that belongs to the reactor's thread.
-    BOOL IsOwnThread_i(const char* aCall) const;
+    CmBool IsOwnThread_i(const char* aCall) const;
 
     CCmEnsureSingleThread m_Est;
     CCmEventQueueUsingMutex m_EventQueue;
     CCmEventHandlerRepository m_Handlers;
     std::unique_ptr<CCmTimerQueueBase> m_pTimerQueue;  // exists from Open to Close
-    std::atomic<BOOL> m_bWakeUpUnderWay{FALSE};        // the loop was notified of events and has not run them yet
+    std::atomic<CmBool> m_bWakeUpUnderWay{CM_FALSE};   // the loop was notified of events and has not run them yet
     CCmReactorCounters m_Counters;
 
 private:
-    CmResult RemoveHandleWithoutFinding_i(HANDLE aFd, CElement& aElement, long aMask);
+    CmResult RemoveHandleWithoutFinding_i(CmHandle aFd, CElement& aElement, long aMask);
     CmResult ProcessEventQueue_i();
     CmResult Dispatch_i(const CBinding& aBinding, long aReady);
 
-    const DWORD m_dwProperty;
-    BOOL m_bClosed = FALSE;
+    const CmDword m_dwProperty;
+    CmBool m_bClosed = CM_FALSE;
 };

@@ -32,7 +32,7 @@ public:
     CmResult Close() override;
     CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) override;
 
-    HANDLE GetPollHandle() const override { return m_fdEpoll; }
+    CmHandle GetPollHandle() const override { return m_fdEpoll; }
     int GetTimeout() override;
     CmResult RunOnce() override;
     // Runs one turn of the loop, which waits at most aTimeout (null, or longer: one tick). A pending stop stays pending.
@@ -40,14 +40,14 @@ public:
     CmResult RunOnce(const CCmTimeValue* aTimeout);
 
 protected:
-    CmResult OnHandleRemoved(HANDLE aFd) override;
-    CmResult OnHandleRegister(HANDLE aFd, long aMask, ACmEventHandler* aEh) override;
-    void OnHandleMaskAdded(HANDLE aFd) override;
+    CmResult OnHandleRemoved(CmHandle aFd) override;
+    CmResult OnHandleRegister(CmHandle aFd, long aMask, ACmEventHandler* aEh) override;
+    void OnHandleMaskAdded(CmHandle aFd) override;
 
 private:
     struct CNotification {
         ACmEventHandler* m_pEh;
-        HANDLE m_Fd;
+        CmHandle m_Fd;
         long m_lMask;
     };
 
@@ -55,29 +55,29 @@ private:
     void CloseHandles_i();
     void Turn_i(int64_t aMaxWaitUsec);
     int GetWaitMsec_i(int64_t aMaxWaitUsec);
-    BOOL HasWork_i();
+    CmBool HasWork_i();
     void DispatchReport_i(const epoll_event& aReport);
-    void ReportBinding_i(const CBinding& aBinding, DWORD aEvents);
+    void ReportBinding_i(const CBinding& aBinding, CmDword aEvents);
     void ReportIn_i(const CBinding& aBinding);
     void ReportOut_i(const CBinding& aBinding);
     void ReportClose_i(const CBinding& aBinding, CmResult aReason);
-    BOOL DrainBeforeClose_i(const CBinding& aBinding, CmResult aReason);
+    CmBool DrainBeforeClose_i(const CBinding& aBinding, CmResult aReason);
     void ProcessNotifications_i();
     void ProcessEvents_i();
-    int Watch_i(int aOperation, HANDLE aFd, long aMask, DWORD aBinding);
+    int Watch_i(int aOperation, CmHandle aFd, long aMask, CmDword aBinding);
     void WakeUp_i();
-    BOOL AddNotification_l(ACmEventHandler* aEh, long aMask) CM_REQUIRES(m_NotificationMutex);
+    CmBool AddNotification_l(ACmEventHandler* aEh, long aMask) CM_REQUIRES(m_NotificationMutex);
 
-    HANDLE m_fdEpoll = CM_INVALID_HANDLE;  // this and the next two are valid together
-    HANDLE m_fdWakeUp = CM_INVALID_HANDLE;
-    HANDLE m_fdTick = CM_INVALID_HANDLE;  // a system timer, so that a wait needs no time-out of its own
+    CmHandle m_fdEpoll = CM_INVALID_HANDLE;  // this and the next two are valid together
+    CmHandle m_fdWakeUp = CM_INVALID_HANDLE;
+    CmHandle m_fdTick = CM_INVALID_HANDLE;  // a system timer, so that a wait needs no time-out of its own
     const int64_t m_llTickUsec;
     std::unique_ptr<epoll_event[]> m_pReports;  // null: memory ran out
-    BOOL m_bRunning = FALSE;                    // a turn is under way
-    std::atomic<BOOL> m_bStop{FALSE};           // a stop ends one run, which may start later
-    std::atomic<BOOL> m_bSleeping{FALSE};       // in the system's wait, or about to enter it, or another loop polls m_fdEpoll
+    CmBool m_bRunning = CM_FALSE;               // a turn is under way
+    std::atomic<CmBool> m_bStop{CM_FALSE};      // a stop ends one run, which may start later
+    std::atomic<CmBool> m_bSleeping{CM_FALSE};  // in the system's wait, or about to enter it, or another loop polls m_fdEpoll
 
     CCmMutexThread m_NotificationMutex;
     std::vector<CNotification> m_Notifications CM_GUARDED_BY(m_NotificationMutex);
-    std::atomic<BOOL> m_bHasNotifications{FALSE};
+    std::atomic<CmBool> m_bHasNotifications{CM_FALSE};
 };

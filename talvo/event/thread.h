@@ -66,11 +66,11 @@ public:
     // once.
     void Linger();
 
-    DWORD GetThreadId() const { return m_dwThreadId; }  // 0 until created
-    int GetThreadType() const { return m_Type; }        // -1 until created
+    CmDword GetThreadId() const { return m_dwThreadId; }  // 0 until created
+    int GetThreadType() const { return m_Type; }          // -1 until created
 
     // TRUE: a started thread, registered or detached, has not ended. Any thread.
-    static BOOL IsAnyRunning() { return s_nRunning > 0; }
+    static CmBool IsAnyRunning() { return s_nRunning > 0; }
 
     // The link to this thread for objects that may outlive it. Valid after Create, which fails if there is no memory for it.
     CCmThreadLink& GetLink() const { return *m_pLink; }
@@ -93,17 +93,17 @@ private:
 
     static std::atomic<int> s_nRunning;  // threads between their start and the end of OnThreadRun
 
-    std::atomic<DWORD> m_dwThreadId{0};
+    std::atomic<CmDword> m_dwThreadId{0};
     pthread_t m_Handle{};
-    BOOL m_bHasHandle = FALSE;  // the system keeps the ended thread for a join
+    CmBool m_bHasHandle = CM_FALSE;  // the system keeps the ended thread for a join
     int m_Type = -1;
     TFlag m_Flag = CCmThreadManager::TF_NONE;
     std::unique_ptr<CCmEventThread> m_pEventStart;  // exists while Create waits for the new thread
-    CCmEventThread m_EventRun{TRUE};                // signalled after registration: OnThreadRun may begin
-    CCmEventThread m_EventEnd{TRUE};                // signalled after OnThreadRun
-    std::atomic<DWORD> m_dwLingerLooks{0};          // increases while the thread lingers, as a sign of life
-    BOOL m_bRegistered = FALSE;
-    std::atomic<BOOL> m_bDestoryed{FALSE};
+    CCmEventThread m_EventRun{CM_TRUE};             // signalled after registration: OnThreadRun may begin
+    CCmEventThread m_EventEnd{CM_TRUE};             // signalled after OnThreadRun
+    std::atomic<CmDword> m_dwLingerLooks{0};        // increases while the thread lingers, as a sign of life
+    CmBool m_bRegistered = CM_FALSE;
+    std::atomic<CmBool> m_bDestoryed{CM_FALSE};
     CCmAtomicOperationT<CCmMutexThread> m_LetGo;  // counts the end of the thread and Destory; 2 deletes
     CCmRefPtrT<CCmThreadLink> m_pLink;            // null: memory ran out
 };

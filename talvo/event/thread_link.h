@@ -36,7 +36,7 @@ protected:
     // Joins the calling thread, if it is one of the library's.
     void JoinCurrentThread();
     void LeaveThread();
-    BOOL IsDraining() const;  // the joined thread is draining
+    CmBool IsDraining() const;  // the joined thread is draining
     // The tenant's connection has failed with so many bytes in flight, and no sink is left to be notified. The drain under way
     // reports it, see CCmUndrained::m_dwLost. 0: nothing was lost.
     void CountLost(uint64_t aBytes);
@@ -95,7 +95,7 @@ public:
     }
 
     // TRUE: the caller is the thread, and the link is open.
-    BOOL IsCurrentThread() const;
+    CmBool IsCurrentThread() const;
 
     // Binds the link to the calling thread. Called by the thread classes.
     void BindToCurrentThread();
@@ -112,7 +112,7 @@ public:
     ECmDrainStage GetDrainStage() const { return m_DrainStage; }
 
     // Any thread, at the end of a drain: the thread drains with CUT if aCut, and then with NONE. Needs no memory.
-    void EndDrain(BOOL aCut);
+    void EndDrain(CmBool aCut);
 
     // The thread's end: notifies the tenants, then refuses posts and waits for those under way. Called by the thread classes.
     void Close();
@@ -159,7 +159,7 @@ private:
         CCmThreadLink& m_Link;
     };
 
-    BOOL Enter_i();
+    CmBool Enter_i();
     void Exit_i();
     template <class Poster>
     CmResult Post_i(ICmEvent* aEvent, Poster aPoster);
@@ -168,13 +168,13 @@ private:
     CCmUndrained GetUndrained_i();
 
     ACmThread* const m_pThread;  // not owned; valid while a post is under way or the link is open
-    std::atomic<DWORD> m_dwThreadId{0};
+    std::atomic<CmDword> m_dwThreadId{0};
     std::atomic<uint32_t> m_dwPosts{0};  // the number of posts under way, and CLOSED
     CCmThreadTenant* m_pTenants = nullptr;
     CCmThreadTenant* m_pNextVisited = nullptr;  // of the current walk
     ECmDrainStage m_DrainStage = ECmDrainStage::NONE;
     CCmUndrained m_Lost;  // in the drain under way
     CEndOfDrain m_EndOfDrain{*this};
-    std::atomic<DWORD> m_dwEndsOfDrain{0};  // requested and not yet run
-    std::atomic<BOOL> m_bCut{FALSE};
+    std::atomic<CmDword> m_dwEndsOfDrain{0};  // requested and not yet run
+    std::atomic<CmBool> m_bCut{CM_FALSE};
 };

@@ -76,7 +76,7 @@ public:
 
     // Starts a thread with an event queue and, if aWithTimerQueue, a timer queue. An aType of -1 takes the next user type.
     // aThread (out): null on failure. CM_ERROR_OUT_OF_MEMORY, or as ACmThread::Create.
-    CmResult CreateUserTaskThread(ACmThread*& aThread, TFlag aFlag = TF_JOINABLE, BOOL aWithTimerQueue = TRUE,
+    CmResult CreateUserTaskThread(ACmThread*& aThread, TFlag aFlag = TF_JOINABLE, CmBool aWithTimerQueue = CM_TRUE,
                                   int aType = TT_UNKNOWN);
 
     // The next free user type: 1001, 1002, ...
@@ -110,10 +110,10 @@ public:
     static CmResult SocketStartup();
     static CmResult SocketCleanup();
 
-    static DWORD GetThreadSelfId();
-    static BOOL IsThreadEqual(DWORD aLeft, DWORD aRight);
-    static BOOL IsEqualCurrentThread(DWORD aId);
-    static BOOL IsEqualCurrentThread(int aType);  // the caller is the registered thread of that type
+    static CmDword GetThreadSelfId();
+    static CmBool IsThreadEqual(CmDword aLeft, CmDword aRight);
+    static CmBool IsEqualCurrentThread(CmDword aId);
+    static CmBool IsEqualCurrentThread(int aType);  // the caller is the registered thread of that type
 
     // For other singletons: locks for their creation and for the order of reference counts. The first is never destroyed.
     static CCmMutexThreadRecursive& GetSingletonMutex() { return CCmCleanUpBase::GetSingletonMutex(); }

@@ -26,7 +26,7 @@ protected:
     void RunEvents_i(CCmTimeValue* aTimeout, unsigned long aMaxCount);
     // Ends the loop: refuses posts and destroys the pending events without running them.
     void EndEvents_i();
-    BOOL IsStopped_i() const { return m_StopFlag.IsFlagStopped(); }
+    CmBool IsStopped_i() const { return m_StopFlag.IsFlagStopped(); }
 
 private:
     // A member of the thread, so that a stop needs no memory.
@@ -42,7 +42,7 @@ private:
 
     CCmStopFlag m_StopFlag;
     CStopEvent m_StopEvent{m_StopFlag};
-    std::atomic<BOOL> m_bStopPosted{FALSE};
+    std::atomic<CmBool> m_bStopPosted{CM_FALSE};
     CCmEventQueueUsingConditionVariable m_EventQueue;
 };
 

@@ -19,7 +19,7 @@ public:
     CmResult Launch() {
         if (m_bLaunched)
             return CM_ERROR_ALREADY_INITIALIZED;
-        m_bLaunched = TRUE;
+        m_bLaunched = CM_TRUE;
         return cm_schedule_deletion(this);
     }
 
@@ -27,7 +27,7 @@ public:
 
 private:
     TargetType* m_pTarget;
-    BOOL m_bLaunched = FALSE;
+    CmBool m_bLaunched = CM_FALSE;
 };
 
 // A counting base whose object is deleted by a timer of the thread that released it last, after the current call has returned

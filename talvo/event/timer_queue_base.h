@@ -6,14 +6,14 @@
 
 class TALVO_API CCmTimerQueueBase : public ICmTimerQueue {
 public:
-    static constexpr DWORD COUNT_WITHOUT_END = 0xFFFFFFFF;
+    static constexpr CmDword COUNT_WITHOUT_END = 0xFFFFFFFF;
 
     struct CNode {
         ICmTimerHandler* m_pEh = nullptr;  // not owned
         void* m_pArg = nullptr;
         int64_t m_llInterval = 0;  // microseconds
         int64_t m_llExpires = 0;   // microseconds on the clock of CCmTimeValue::GetTimeOfDay, in 64 bits: no year 2038
-        DWORD m_dwCount = 0;       // firings left; COUNT_WITHOUT_END: until cancelled
+        CmDword m_dwCount = 0;     // firings left; COUNT_WITHOUT_END: until cancelled
     };
 
     // aObserver (may be null, not owned) gets OnObserve("TimerQueue") when the queue is no longer empty, so that a sleeping
@@ -29,7 +29,7 @@ public:
     // The first expiry; CCmTimeValue::s_tvMax if the queue is empty. From the year 2038 on it is always s_tvMax.
     CCmTimeValue GetEarliestTime();
     // aExpires (out): the same in microseconds and for any year. FALSE: the queue is empty.
-    BOOL GetEarliestUsec(int64_t& aExpires);
+    CmBool GetEarliestUsec(int64_t& aExpires);
 
     // Fires the timers that were due at the start of the call and returns their number. A timer that a callback schedules
     // without a delay is due at once but fires at the next call: a timer that re-arms itself neither blocks the loop nor lets
@@ -61,7 +61,7 @@ protected:
     virtual int GetEarliestTime_l(int64_t& aExpires) const = 0;
     // Removes the node that expires first, if it is due at aNow, and inserts it again at its next expiry, if it has one. A
     // concrete queue may do this in one step instead of a pop and a push. aNode (out). FALSE: none is due.
-    virtual BOOL PopDueNode_l(int64_t aNow, CNode& aNode);
+    virtual CmBool PopDueNode_l(int64_t aNow, CNode& aNode);
 
     // As PushNode_l for a node that is due, but not in the current pass. The default makes it due one microsecond later.
     virtual int PushNextPassNode_l(const CNode& aNode);
@@ -69,7 +69,7 @@ protected:
     virtual void AdmitNextPassNodes_l(int64_t aNow);
 
     // Counts one firing at aNow and advances the expiry. FALSE: that was the last.
-    static BOOL Advance(CNode& aNode, int64_t aNow);
+    static CmBool Advance(CNode& aNode, int64_t aNow);
 
     CCmMutexNullSingleThread m_Mutex;
 
@@ -81,6 +81,6 @@ private:
     ICmObserver* m_pObserver;                // not owned
     CCmTimerDelete* m_pDeletions = nullptr;  // those for which memory ran out; due at once
     int64_t m_llPassNow = 0;                 // the current pass fires up to this time
-    BOOL m_bInPass = FALSE;                  // a callback is under way
-    BOOL m_bNextPass = FALSE;                // a callback scheduled a due timer, which waits for the next pass
+    CmBool m_bInPass = CM_FALSE;             // a callback is under way
+    CmBool m_bNextPass = CM_FALSE;           // a callback scheduled a due timer, which waits for the next pass
 };

@@ -30,7 +30,7 @@ public:
     // aSlotInterval: milliseconds, at least 10. aMaxInterval: milliseconds; longer timers fire early, after one turn of the
     // wheel. aQueue: the queue of this object's thread, not owned; null: the calling thread's. If memory runs out here, each
     // ScheduleTimer returns CM_ERROR_OUT_OF_MEMORY.
-    CCmTimerQueueCalendar(DWORD aSlotInterval, DWORD aMaxInterval, ICmEventQueue* aQueue);
+    CCmTimerQueueCalendar(CmDword aSlotInterval, CmDword aMaxInterval, ICmEventQueue* aQueue);
     ~CCmTimerQueueCalendar() override;
 
     // Turns the wheel by one slot and fires the timers there. Returns their number.
@@ -48,11 +48,11 @@ protected:
     int RePushNode_l(const CNode& aNode) override;
     int PopFirstNode_l(CNode& aNode) override;
     int GetEarliestTime_l(int64_t& aExpires) const override;
-    BOOL PopDueNode_l(int64_t aNow, CNode& aNode) override;
+    CmBool PopDueNode_l(int64_t aNow, CNode& aNode) override;
 
     // FALSE: memory ran out in the constructor.
-    BOOL HasWheel_i() const { return m_pSlots != nullptr; }
-    BOOL IsEmpty_i() const { return m_Handlers.empty() && !m_bDeletionWithoutNode; }
+    CmBool HasWheel_i() const { return m_pSlots != nullptr; }
+    CmBool IsEmpty_i() const { return m_Handlers.empty() && !m_bDeletionWithoutNode; }
     // Posted ticks have run.
     virtual void OnTicked_i() {}
 
@@ -72,23 +72,23 @@ private:
     };
 
     int64_t GetSlotUsec_i() const { return int64_t{m_dwSlotInterval} * 1000; }
-    DWORD CountTurns_i(DWORD aTicks, int64_t aNow) const;
-    int Turn_i(int64_t aNow, BOOL aByClock);
+    CmDword CountTurns_i(CmDword aTicks, int64_t aNow) const;
+    int Turn_i(int64_t aNow, CmBool aByClock);
     void TakeSlot_i();
     CNode Take_i(CEntry& aEntry, int64_t aNow);
     void InsertUnique_i(const CCmTimeValue& aInterval, CEntry& aEntry);
     void Unlink_i(CEntry& aEntry);
     CEntry* FindFirst_i() const;
-    CEntry*& SlotAt_i(DWORD aDistance) const;
+    CEntry*& SlotAt_i(CmDword aDistance) const;
 
-    const DWORD m_dwSlotInterval;  // milliseconds
-    const DWORD m_dwMaxSlotNumber;
+    const CmDword m_dwSlotInterval;  // milliseconds
+    const CmDword m_dwMaxSlotNumber;
     const CCmRefPtrT<talvo::CPostedTicks> m_pTicks;    // null: memory ran out
     const std::unique_ptr<CEntry*[], CFree> m_pSlots;  // m_dwMaxSlotNumber + 1 list heads; null: there are no ticks
     CEntry* m_pDue = nullptr;                          // the timers of the passed slots that have not fired
-    DWORD m_dwCurrentSlot = 0;
-    mutable DWORD m_dwNearest = 1;  // in ticks: nearer slots are empty
-    int64_t m_llTurnedTo = 0;       // on the clock, in microseconds; valid while there are timers
+    CmDword m_dwCurrentSlot = 0;
+    mutable CmDword m_dwNearest = 1;  // in ticks: nearer slots are empty
+    int64_t m_llTurnedTo = 0;         // on the clock, in microseconds; valid while there are timers
     std::unordered_map<ICmTimerHandler*, CEntry> m_Handlers;
     bool m_bDeletionWithoutNode = false;  // the base keeps one for which memory ran out
 };

@@ -28,21 +28,21 @@ protected:
     int RePushNode_l(const CNode& aNode) override;
     int PopFirstNode_l(CNode& aNode) override;
     int GetEarliestTime_l(int64_t& aExpires) const override;
-    BOOL PopDueNode_l(int64_t aNow, CNode& aNode) override;
+    CmBool PopDueNode_l(int64_t aNow, CNode& aNode) override;
     int PushNextPassNode_l(const CNode& aNode) override;
     void AdmitNextPassNodes_l(int64_t aNow) override;
 
 private:
-    static constexpr DWORD ARITY = 4;
-    static constexpr DWORD ROOT = ARITY - 1;  // families begin at multiples of four; the root has no siblings
+    static constexpr CmDword ARITY = 4;
+    static constexpr CmDword ROOT = ARITY - 1;  // families begin at multiples of four; the root has no siblings
 
     // Items behind the end never expire, and their slots are free. Two words, so that they fit registers: reading back memory
     // that was just written in smaller pieces is slow.
     struct CHeapItem {
         CHeapItem() = default;
-        CHeapItem(int64_t aExpires, DWORD aOrder, DWORD aSlot)
+        CHeapItem(int64_t aExpires, CmDword aOrder, CmDword aSlot)
             : m_llExpires(aExpires), m_ullOrderAndSlot(uint64_t{aOrder} << 32 | aSlot) {}
-        DWORD GetSlot() const { return static_cast<DWORD>(m_ullOrderAndSlot); }
+        CmDword GetSlot() const { return static_cast<CmDword>(m_ullOrderAndSlot); }
 
         int64_t m_llExpires;
         uint64_t m_ullOrderAndSlot;  // the order counts down with each push
@@ -54,41 +54,41 @@ private:
         ICmTimerHandler* m_pEh;
         void* m_pArg;
         int64_t m_llInterval;
-        DWORD m_dwCount;
+        CmDword m_dwCount;
     };
     struct CEntry {
-        DWORD m_dwHash;
-        DWORD m_dwSlot;  // EMPTY: none
+        CmDword m_dwHash;
+        CmDword m_dwSlot;  // EMPTY: none
     };
 
     static bool FiresBefore(const CHeapItem& a, const CHeapItem& b);
-    CHeapItem& Item(DWORD aIndex) { return m_Heap[aIndex / ARITY].m_Items[aIndex % ARITY]; }
-    DWORD FirstOfFamily(DWORD aFamily) const;
-    void Place(DWORD aIndex, CHeapItem aItem);
-    void SiftUp(DWORD aIndex, CHeapItem aItem);
-    void SiftDown(DWORD aIndex, CHeapItem aItem);
-    void Settle(DWORD aIndex, CHeapItem aItem);
-    DWORD NextOrder();
+    CHeapItem& Item(CmDword aIndex) { return m_Heap[aIndex / ARITY].m_Items[aIndex % ARITY]; }
+    CmDword FirstOfFamily(CmDword aFamily) const;
+    void Place(CmDword aIndex, CHeapItem aItem);
+    void SiftUp(CmDword aIndex, CHeapItem aItem);
+    void SiftDown(CmDword aIndex, CHeapItem aItem);
+    void Settle(CmDword aIndex, CHeapItem aItem);
+    CmDword NextOrder();
     void Renumber();
 
-    BOOL HasRoom();
+    CmBool HasRoom();
     void Append(CHeapItem aItem);
     void LoadFirst(CNode& aNode);
-    void Remove(DWORD aIndex);
-    void FreePlace(DWORD aIndex, DWORD aSlot);
-    void RemoveFromTable(DWORD aPosition);
+    void Remove(CmDword aIndex);
+    void FreePlace(CmDword aIndex, CmDword aSlot);
+    void RemoveFromTable(CmDword aPosition);
     void RemoveFirst();
-    DWORD Home(DWORD aHash) const { return static_cast<DWORD>(aHash * uint64_t{m_Table.size()} >> 32); }
-    DWORD Find(DWORD aHash, const ICmTimerHandler* aEh) const;
+    CmDword Home(CmDword aHash) const { return static_cast<CmDword>(aHash * uint64_t{m_Table.size()} >> 32); }
+    CmDword Find(CmDword aHash, const ICmTimerHandler* aEh) const;
     void Grow();
 
     std::vector<CFamily> m_Heap;
     std::vector<CSlot> m_Slots;
-    std::vector<DWORD> m_HeapIndexes;
+    std::vector<CmDword> m_HeapIndexes;
     std::vector<CEntry> m_Table;
-    DWORD m_dwEnd = ROOT;         // behind the last item of the heap
-    DWORD m_dwTaken = ROOT;       // behind the last item of all
+    CmDword m_dwEnd = ROOT;       // behind the last item of the heap
+    CmDword m_dwTaken = ROOT;     // behind the last item of all
     int64_t m_llNextPassNow = 0;  // when the timers for the next pass are due
     // Begins low, so that the numbers soon run out: tests then cover a case that comes once in four billion pushes.
-    DWORD m_dwNextOrder = 1000;
+    CmDword m_dwNextOrder = 1000;
 };

@@ -37,8 +37,8 @@ public:
 
 private:
     void OnThreadEnd() override;
-    BOOL Bind_i();
+    CmBool Bind_i();
 
-    BOOL m_bScheduled = FALSE;               // stays set after a one-shot has fired
+    CmBool m_bScheduled = CM_FALSE;          // stays set after a one-shot has fired
     ICmTimerQueue* m_pTimerQueue = nullptr;  // not owned; of the first Schedule's thread, null after that thread's end
 };

@@ -19,9 +19,9 @@ public:
 
     // A client for aUrl, which is copied; see ICmChannelHttpClient. CM_ERROR_INVALID_ARG: aUrl is null.
     // CM_ERROR_OUT_OF_MEMORY.
-    CmResult CreateChannelHttpClient(ICmChannelHttpClient*& aOut, CCmHttpUrl* aUrl, DWORD aFlags = 0);
+    CmResult CreateChannelHttpClient(ICmChannelHttpClient*& aOut, CCmHttpUrl* aUrl, CmDword aFlags = 0);
     // Through the proxies of the user, as a browser has them: a CCmChannelHttpClientWithBrowerProxy.
-    static constexpr DWORD BROWSER_PROXY = 2;
+    static constexpr CmDword BROWSER_PROXY = 2;
 
     // The same through the servers of a route, one after the other until one can be reached: http through an HTTP or HTTPS
     // proxy by requests in absolute form, everything else in tunnels. docs/http_client.md describes both. CM_ERROR_INVALID_ARG:
@@ -29,7 +29,7 @@ public:
     CmResult CreateChannelHttpClientWithProxy(ICmChannelHttpClient*& aOut, CCmHttpUrl* aUrl, CCmHttpProxyInfo* aProxy);
 
     // A server. aFlags: no flags are defined yet. CM_ERROR_OUT_OF_MEMORY.
-    CmResult CreateHttpAcceptor(ICmChannelServerAcceptor*& aOut, DWORD aFlags = 0);
+    CmResult CreateHttpAcceptor(ICmChannelServerAcceptor*& aOut, CmDword aFlags = 0);
 
     // A URL from its text. CM_ERROR_FAILURE: CCmHttpUrl::Init refuses it. CM_ERROR_OUT_OF_MEMORY.
     CmResult CreateUrl(CCmHttpUrl*& aOut, const CCmString& aText);

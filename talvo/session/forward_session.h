@@ -8,7 +8,7 @@
 
 // The behaviour of a receiver that has reached a limit of its lag, see CCmForwardReceiverOptions. The next Forward applies it
 // at the latest, before it adds its message; the limit in milliseconds is applied also without a Forward.
-enum ECmForwardPolicy : DWORD {
+enum ECmForwardPolicy : CmDword {
     // The receiver is removed with CM_ERROR_PARTIAL_DATA (10013).
     CM_FORWARD_DISCONNECT = 0,
     // The receiver continues with the newest messages that fill at most half of each limit; if the session has ever had a
@@ -23,7 +23,7 @@ enum ECmForwardPolicy : DWORD {
 };
 
 // The first message of a receiver. Replayed messages, those forwarded before AddReceiver, do not count towards its limits.
-enum ECmForwardJoin : DWORD {
+enum ECmForwardJoin : CmDword {
     CM_FORWARD_JOIN_NEXT = 0,      // the next message that is forwarded
     CM_FORWARD_JOIN_KEY = 1,       // the last KEY_MESSAGE if the log has it, else the next one that is forwarded
     CM_FORWARD_JOIN_ALL_KEYS = 2,  // the newest message of each key, in the order of Forward, and then the next message
@@ -35,25 +35,25 @@ enum ECmForwardJoin : DWORD {
 struct CCmForwardReceiverOptions {
     ECmForwardPolicy m_Policy = CM_FORWARD_DISCONNECT;
     ECmForwardJoin m_Join = CM_FORWARD_JOIN_NEXT;
-    DWORD m_dwMaxMessages = 0;
-    DWORD m_dwMaxBytes = 1 << 20;   // of payload
-    DWORD m_dwMaxMilliseconds = 0;  // the age of the oldest such message
-    CCmString m_strLabel;           // for the dump
+    CmDword m_dwMaxMessages = 0;
+    CmDword m_dwMaxBytes = 1 << 20;   // of payload
+    CmDword m_dwMaxMilliseconds = 0;  // the age of the oldest such message
+    CCmString m_strLabel;             // for the dump
 };
 
 // Accompanies a message.
 struct CCmForwardHeader {
-    enum : DWORD {
+    enum : CmDword {
         KEY_MESSAGE = 1  // a receiver can begin here: a whole picture, a snapshot
     };
 
     uint64_t m_ullKey = 0;  // the message replaces the earlier ones of this key; 0: it has no key
-    DWORD m_dwFlags = 0;
+    CmDword m_dwFlags = 0;
 };
 
-// Commands of ICmForwardSession::SetOption; the argument points at a DWORD, at least 1 unless stated. A lower limit applies
+// Commands of ICmForwardSession::SetOption; the argument points at a CmDword, at least 1 unless stated. A lower limit applies
 // from the next Forward or AddReceiver.
-enum ECmForwardOption : DWORD {
+enum ECmForwardOption : CmDword {
     CM_OPT_FORWARD_MAX_MESSAGE = 171,   // bytes of one message; 16 MiB at first
     CM_OPT_FORWARD_LOG_MESSAGES = 172,  // messages in the log; 65,536 at first, and at most
     CM_OPT_FORWARD_LOG_BYTES = 173,     // bytes of payload in the log and of kept keys; 64 MiB at first
@@ -71,14 +71,14 @@ class TALVO_API ICmForwardSink {
 public:
     // The receiver is gone, and its transport is closed and released. aReason: that of the transport's OnDisconnect or the
     // result of its SendData; CM_ERROR_PARTIAL_DATA: its policy has removed it. Does not come after RemoveReceiver and Close.
-    virtual void OnReceiver(DWORD aId, CmResult aReason) = 0;
+    virtual void OnReceiver(CmDword aId, CmResult aReason) = 0;
 
     // Forward has returned CM_ERROR_PARTIAL_DATA; now it can take messages again. One call for any number of such returns.
     virtual void OnForward() = 0;
 
     // Comes once after AddReceiver, before the first message to this receiver. Inside it the user may send data of his own to
     // the transport, which precedes the messages; data that the transport refuses here stays the user's loss.
-    virtual void OnJoin(DWORD aId) = 0;
+    virtual void OnJoin(CmDword aId) = 0;
 
     virtual ~ICmForwardSink();
 };
@@ -117,11 +117,11 @@ public:
     // is of another thread than the session; or an unknown policy or join point. CM_ERROR_FOUND: it is a receiver of a session.
     // CM_ERROR_NULL_POINTER: aTransport has ended. CM_ERROR_PARTIAL_DATA: the session has as many receivers as it may have.
     // CM_ERROR_NOT_AVAILABLE: the session is closed. CM_ERROR_OUT_OF_MEMORY. On any failure the transport stays the user's.
-    virtual CmResult AddReceiver(ICmTransport* aTransport, const CCmForwardReceiverOptions& aOptions, DWORD& aId) = 0;
+    virtual CmResult AddReceiver(ICmTransport* aTransport, const CCmForwardReceiverOptions& aOptions, CmDword& aId) = 0;
 
     // Disconnects its transport with aReason and releases it. Messages of its lag are not sent; no OnReceiver follows.
     // CM_ERROR_NOT_FOUND: there is no such receiver, perhaps any more. CM_ERROR_NOT_AVAILABLE: the session is closed.
-    virtual CmResult RemoveReceiver(DWORD aId, CmResult aReason) = 0;
+    virtual CmResult RemoveReceiver(CmDword aId, CmResult aReason) = 0;
 
     // Takes the whole message, and consumes aData, or nothing. Beyond 1 KiB the blocks are shared, so the payload must not
     // change any more; a smaller payload is copied once for all receivers. aHeader null: no key, no flags.
@@ -133,12 +133,12 @@ public:
 
     // See ECmForwardOption. CM_ERROR_INVALID_ARG: an unknown command, a null argument, or a value out of range.
     // CM_ERROR_NOT_AVAILABLE: the session is closed.
-    virtual CmResult SetOption(DWORD aCommand, void* aArg) = 0;
+    virtual CmResult SetOption(CmDword aCommand, void* aArg) = 0;
 
     // aStatistics (out): those of a receiver, or with aId 0 the sum of all receivers, present and gone, except that the lag is
     // that of the present ones, its age and the longest lag the greatest of any receiver. CM_ERROR_NOT_FOUND: there is no such
     // receiver.
-    virtual CmResult GetStatistics(CCmForwardStatistics& aStatistics, DWORD aId = 0) = 0;
+    virtual CmResult GetStatistics(CCmForwardStatistics& aStatistics, CmDword aId = 0) = 0;
 
     // One line for the session and one for each receiver, with its label. Empty: memory ran out, or the network thread has
     // ended.

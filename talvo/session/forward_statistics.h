@@ -37,7 +37,7 @@ struct CCmForwardStatistics {
     uint64_t m_ullLagMilliseconds = 0;  // age of the oldest message of the lag
     uint64_t m_ullLongestLag = 0;       // messages: the most at the end of a Forward
     uint64_t m_ullRefused = 0;          // sends that the transport refused in whole or in part
-    DWORD m_dwReceivers = 0;            // present ones; 1 for a receiver
+    CmDword m_dwReceivers = 0;          // present ones; 1 for a receiver
 
     // The sum: the ages and longest lags become the greater ones. m_Forwarded stays.
     CCmForwardStatistics& operator+=(const CCmForwardStatistics& aOther) {

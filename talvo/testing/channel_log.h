@@ -38,31 +38,31 @@ public:
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
         const std::string strData = aData.FlattenChained();
         Record(m_bReceiving && !m_strLog.empty() ? "" : "receive ", m_nConnects == 1);
-        m_bReceiving = TRUE;
+        m_bReceiving = CM_TRUE;
         ++m_nReceives;
         m_strBody += strData;
         m_strLog += strData;
         m_Receive();
     }
     void OnSend(ICmTransport*, CCmTransportParameter*) override {
-        Record("send", TRUE);
+        Record("send", CM_TRUE);
         m_Send();
     }
     void OnDisconnect(CmResult aReason, ICmTransport*) override {
-        Record("disconnect " + std::to_string(aReason), TRUE);
+        Record("disconnect " + std::to_string(aReason), CM_TRUE);
         ++m_nDisconnects;
         m_Reason = aReason;
         m_Disconnect();
     }
 
 private:
-    void Record(const std::string& aUpcall, BOOL aInTurn) {
+    void Record(const std::string& aUpcall, CmBool aInTurn) {
         if (!aInTurn || m_nDisconnects > 0)
             m_strFaults += aUpcall + " out of turn. ";
         m_strLog += (m_strLog.empty() || aUpcall.empty() ? "" : ", ") + aUpcall;
-        m_bReceiving = FALSE;
+        m_bReceiving = CM_FALSE;
     }
 
     std::string m_strLog, m_strFaults;
-    BOOL m_bReceiving = FALSE;
+    CmBool m_bReceiving = CM_FALSE;
 };

@@ -20,10 +20,10 @@ public:
 
     // The aNth call from now on fails, and with ALLOCATIONS_FROM all behind it; those of all threads count. aError: which of
     // the errors of the system call, from 0 on; a call that has fewer does not fail.
-    static void Arm(EKind aKind, DWORD aNth, int aError = 0);
+    static void Arm(EKind aKind, CmDword aNth, int aError = 0);
     static void Disarm();
     // Whether the call has been reached.
-    static BOOL HasFired();
+    static CmBool HasFired();
 
     // Where the first failing call was made. It may be in memory shared with another process.
     struct CPlace {
@@ -59,14 +59,14 @@ public:
 class ICmFaultScenario {
 public:
     // TRUE: it did everything that it wants to do. May throw.
-    virtual BOOL Run() = 0;
+    virtual CmBool Run() = 0;
     // After each run, no fault is armed: empty, or the broken property. Objects that are left, for instance.
     virtual std::string Check() = 0;
     virtual ~ICmFaultScenario() = default;
 };
 
 struct CCmFaultReport {
-    DWORD m_dwCalls = 0;                  // the calls that failed in turn
+    CmDword m_dwCalls = 0;                // the calls that failed in turn
     std::vector<std::string> m_Failures;  // each with the call that failed and the stack
 };
 

@@ -35,10 +35,10 @@ public:
         : m_Answers(std::move(aAnswers)), m_stPiece(aPiece) {}
 
     // Alive while the client has not closed; no bytes are unread.
-    CmResult GetOption(DWORD aCommand, void* aArg) override {
+    CmResult GetOption(CmDword aCommand, void* aArg) override {
         if (aCommand != CM_OPT_TRANSPORT_SOCK_ALIVE && aCommand != CM_OPT_TRANSPORT_FIO_NREAD)
             return CCmScriptedTransport::GetOption(aCommand, aArg);
-        *static_cast<DWORD*>(aArg) = aCommand == CM_OPT_TRANSPORT_SOCK_ALIVE && m_pSink;
+        *static_cast<CmDword*>(aArg) = aCommand == CM_OPT_TRANSPORT_SOCK_ALIVE && m_pSink;
         return CM_OK;
     }
     // Answers the whole requests that have come, and appends them to aRequests.
@@ -63,8 +63,8 @@ private:
         m_strIn += TakeSent();
         const size_t stHead = m_strIn.find("\r\n\r\n"), stLength = m_strIn.find("Content-Length: ");
         const size_t stBody = stLength < stHead ? std::stoul(m_strIn.substr(stLength + 16)) : 0;
-        const BOOL bChunked = m_strIn.find("Encoding: chunked") < stHead;
-        const BOOL bWhole = bChunked ? m_strIn.ends_with("0\r\n\r\n") : m_strIn.size() >= stHead + 4 + stBody;
+        const CmBool bChunked = m_strIn.find("Encoding: chunked") < stHead;
+        const CmBool bWhole = bChunked ? m_strIn.ends_with("0\r\n\r\n") : m_strIn.size() >= stHead + 4 + stBody;
         return stHead != std::string::npos && bWhole ? std::exchange(m_strIn, {}) : "";
     }
     void Continue() {
@@ -117,16 +117,16 @@ public:
     size_t GetConnections() const { return m_Peers.size(); }
     CCmScriptedHttpPeer& GetPeer() const { return *m_Peers.back(); }  // of the last connection
 
-    DWORD m_dwRoom = CCmScriptedTransport::EVERYTHING;  // of new connections
-    std::vector<std::string> m_Requests;                // with their bodies, in the order of the answers
+    CmDword m_dwRoom = CCmScriptedTransport::EVERYTHING;  // of new connections
+    std::vector<std::string> m_Requests;                  // with their bodies, in the order of the answers
 
 private:
     friend class CCmScriptedHttp;
-    inline static std::map<WORD, CCmScriptedHttpServer*> s_Servers;
-    inline static WORD s_wLastPort = 10000;
+    inline static std::map<CmWord, CCmScriptedHttpServer*> s_Servers;
+    inline static CmWord s_wLastPort = 10000;
     inline static std::string s_strScheme = "http";
 
-    const WORD m_wPort = ++s_wLastPort;
+    const CmWord m_wPort = ++s_wLastPort;
     const std::vector<CAnswers> m_Scripts;
     const size_t m_stPiece;
     std::vector<CCmRefPtrT<CCmScriptedHttpPeer>> m_Peers;
@@ -140,14 +140,14 @@ public:
     // aScheme: of the servers' URLs, "http" or "https".
     explicit CCmScriptedHttp(const std::string& aScheme = "http") {
         CCmScriptedHttpServer::s_strScheme = aScheme;
-        for (const DWORD dwType : TYPES) {
+        for (const CmDword dwType : TYPES) {
             CCmBaseTypeMakers makers;
             cm_get_base_type(dwType, makers);
             cm_offer_base_type(dwType, {CConnector::Make, makers.m_Acceptor});
         }
     }
     ~CCmScriptedHttp() {
-        for (const DWORD dwType : TYPES)
+        for (const CmDword dwType : TYPES)
             cm_offer_base_type(dwType, {});
         CCmScriptedHttpServer::s_strScheme = "http";
     }
@@ -163,7 +163,7 @@ public:
     }
 
     // A connection to the server of a port, as a channel gets it. Null: there is no such server.
-    static CCmRefPtrT<CCmScriptedHttpPeer> ConnectTo(WORD aPort) {
+    static CCmRefPtrT<CCmScriptedHttpPeer> ConnectTo(CmWord aPort) {
         const auto itServer = CCmScriptedHttpServer::s_Servers.find(aPort);
         if (itServer == CCmScriptedHttpServer::s_Servers.end())
             return nullptr;
@@ -175,7 +175,7 @@ public:
     }
 
 private:
-    static constexpr DWORD TYPES[] = {CM_TRANSPORT_TYPE_TCP, CM_TRANSPORT_TYPE_TLS};
+    static constexpr CmDword TYPES[] = {CM_TRANSPORT_TYPE_TCP, CM_TRANSPORT_TYPE_TLS};
 
     // Reports from the loop, as any connector does.
     class CConnector : public ACmConnectorInternal, private CCmTimerWrapperIDSink {
@@ -190,7 +190,7 @@ private:
             return 0;
         }
         void Close() override { m_Timer.Cancel(); }
-        CmResult SetOption(DWORD, void*) override { return CM_OK; }  // those of TLS have no effect
+        CmResult SetOption(CmDword, void*) override { return CM_OK; }  // those of TLS have no effect
 
     private:
         void OnTimer(CCmTimerWrapperID*) override {

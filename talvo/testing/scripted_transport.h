@@ -23,13 +23,13 @@
 // except for the references and m_nDisconnects.
 class CCmScriptedTransport : public ICmTransport, public CCmReferenceControlT<CCmMutexThread> {
 public:
-    static constexpr DWORD EVERYTHING = 0xFFFFFFFF;
-    static constexpr DWORD OPT_LIMIT = 136;  // option, DWORD: sets m_dwMaxMessage, as that of a protocol connection does
+    static constexpr CmDword EVERYTHING = 0xFFFFFFFF;
+    static constexpr CmDword OPT_LIMIT = 136;  // option, CmDword: sets m_dwMaxMessage, as that of a protocol connection does
 
-    explicit CCmScriptedTransport(DWORD aType = CM_TRANSPORT_TYPE_TCP) : m_dwType(aType) { ++s_Live; }
+    explicit CCmScriptedTransport(CmDword aType = CM_TRANSPORT_TYPE_TCP) : m_dwType(aType) { ++s_Live; }
     ~CCmScriptedTransport() override { --s_Live; }
-    DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
-    DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
+    CmDword AddReference() override { return CCmReferenceControlT::AddReference(); }
+    CmDword ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
 
     CmResult OpenWithSink(ICmTransportSink* aSink) override {
         m_pSink = aSink;
@@ -43,9 +43,9 @@ public:
         iovec pieces[256]{};
         m_Pieces.push_back(aData.FillIov(pieces, 256));
         m_pFirst = pieces[0].iov_base;
-        const DWORD dwLength = aData.GetChainedLength();
-        const DWORD dwRoom = RoomFor(dwLength);
-        const DWORD dwTaken = dwLength > dwRoom && (m_dwType & CM_TRANSPORT_TYPE_UDP) ? 0 : std::min(dwLength, dwRoom);
+        const CmDword dwLength = aData.GetChainedLength();
+        const CmDword dwRoom = RoomFor(dwLength);
+        const CmDword dwTaken = dwLength > dwRoom && (m_dwType & CM_TRANSPORT_TYPE_UDP) ? 0 : std::min(dwLength, dwRoom);
         if (dwTaken > 0)
             m_Sends.push_back(aData.FlattenChained().substr(0, dwTaken));
         aData.AdvanceChainedReadPtr(dwTaken);
@@ -55,38 +55,38 @@ public:
             aPara->m_dwHaveSent = dwTaken;
         return dwTaken == dwLength ? CM_OK : CM_ERROR_PARTIAL_DATA;
     }
-    CmResult SetOption(DWORD aCommand, void* aArg) override {
+    CmResult SetOption(CmDword aCommand, void* aArg) override {
         switch (aCommand) {
         case CM_OPT_TRANSPORT_PAUSE_READING:
-            m_bPaused = *static_cast<BOOL*>(aArg);
+            m_bPaused = *static_cast<CmBool*>(aArg);
             return CM_OK;
         case CM_OPT_TRANSPORT_END_SENDING:
-            m_bEnded = TRUE;
+            m_bEnded = CM_TRUE;
             return CM_OK;
         case CM_OPT_TRANSPORT_CORK:
-            m_Log.push_back(*static_cast<BOOL*>(aArg) ? "(cork)" : "(uncork)");
+            m_Log.push_back(*static_cast<CmBool*>(aArg) ? "(cork)" : "(uncork)");
             return m_Inside(m_Log.back());
         case OPT_LIMIT:
-            m_dwMaxMessage = *static_cast<DWORD*>(aArg);
+            m_dwMaxMessage = *static_cast<CmDword*>(aArg);
             return CM_OK;
         default:
             return CM_ERROR_INVALID_ARG;
         }
     }
-    CmResult GetOption(DWORD aCommand, void* aArg) override {
+    CmResult GetOption(CmDword aCommand, void* aArg) override {
         switch (aCommand) {
         case CM_OPT_TRANSPORT_LOCAL_ADDR:
         case CM_OPT_TRANSPORT_PEER_ADDR:
             *static_cast<CCmInetAddr*>(aArg) = CCmInetAddr("192.0.2.1", aCommand == CM_OPT_TRANSPORT_PEER_ADDR ? 2 : 1);
             return CM_OK;
         case CM_OPT_TRANSPORT_TRAN_TYPE:
-            *static_cast<DWORD*>(aArg) = m_dwType;
+            *static_cast<CmDword*>(aArg) = m_dwType;
             return CM_OK;
         case CM_OPT_TRANSPORT_UNACKNOWLEDGED:
-            *static_cast<DWORD*>(aArg) = m_dwUnacknowledged;
+            *static_cast<CmDword*>(aArg) = m_dwUnacknowledged;
             return CM_OK;
         case CM_OPT_TRANSPORT_MAX_MESSAGE:
-            *static_cast<DWORD*>(aArg) = m_dwMaxMessage;
+            *static_cast<CmDword*>(aArg) = m_dwMaxMessage;
             return m_dwMaxMessage > 0 ? CM_OK : CM_ERROR_INVALID_ARG;
         default:
             return CM_ERROR_INVALID_ARG;
@@ -104,7 +104,7 @@ public:
         size_t stAt = 0;
         do {
             std::string strPiece = aBytes.substr(stAt, aPiece);
-            const DWORD dwSize = static_cast<DWORD>(strPiece.size());
+            const CmDword dwSize = static_cast<CmDword>(strPiece.size());
             CCmMessageBlock block(dwSize, strPiece.data(), CCmMessageBlock::DONT_DELETE, dwSize);
             if (m_pSink)
                 m_pSink->OnReceive(block, this);
@@ -112,7 +112,7 @@ public:
             stAt += dwSize;
         } while (stAt < aBytes.size());
     }
-    void MakeRoom(DWORD aBytes = EVERYTHING) {
+    void MakeRoom(CmDword aBytes = EVERYTHING) {
         m_dwRoom = aBytes;
         if (m_pSink)
             m_pSink->OnSend(this);
@@ -137,26 +137,26 @@ public:
         return strAll;
     }
 
-    const DWORD m_dwType;
+    const CmDword m_dwType;
     ICmTransportSink* m_pSink = nullptr;
     CmResult m_OpenResult = CM_OK;
     // Runs inside each logged call; SendData returns its result, unless that is CM_OK.
     std::function<CmResult(const std::string&)> m_Inside = [](const std::string&) { return CM_OK; };
-    DWORD m_dwRoom = EVERYTHING;          // bytes that it takes until MakeRoom; more are refused
-    DWORD m_dwUnacknowledged = 0;         // the option's value
-    DWORD m_dwMaxMessage = 0;             // the option's value; 0: it has none
+    CmDword m_dwRoom = EVERYTHING;        // bytes that it takes until MakeRoom; more are refused
+    CmDword m_dwUnacknowledged = 0;       // the option's value
+    CmDword m_dwMaxMessage = 0;           // the option's value; 0: it has none
     std::vector<std::string> m_Log;       // the data of each SendData, "(cork)" and "(uncork)"
     std::vector<std::string> m_Sends;     // the data that each call took
-    std::vector<DWORD> m_Pieces;          // the number of pieces of each call
+    std::vector<CmDword> m_Pieces;        // the number of pieces of each call
     const void* m_pFirst = nullptr;       // the first piece of the last call
     std::vector<CmResult> m_Disconnects;  // the reasons
     std::atomic<int> m_nDisconnects{0};
-    BOOL m_bPaused = FALSE;  // by option
-    BOOL m_bEnded = FALSE;   // by option: the sink sends no more
+    CmBool m_bPaused = CM_FALSE;  // by option
+    CmBool m_bEnded = CM_FALSE;   // by option: the sink sends no more
 
 protected:
     // The bytes that a send of this length may use.
-    virtual DWORD RoomFor(DWORD) { return m_dwRoom; }
+    virtual CmDword RoomFor(CmDword) { return m_dwRoom; }
 
 private:
     inline static CCmLiveCounter s_Live{"CCmScriptedTransport"};

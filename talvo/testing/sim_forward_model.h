@@ -24,53 +24,54 @@ public:
         std::deque<uint64_t> m_Queue;     // the numbers of the messages that are due and not sent; the first message is 0
         std::vector<uint64_t> m_Numbers;  // of those that were sent
         CCmForwardCount m_Due, m_Sent, m_Dropped, m_Conflated;
-        uint64_t m_ullJoined = 0;    // the number of the first message that it was too early for
-        BOOL m_bJoined = FALSE;      // its OnJoin is over: before, no limit applies
-        BOOL m_bAwaitsKey = FALSE;   // it drops all messages until a KEY_MESSAGE,
-        BOOL m_bDueFromKey = FALSE;  // which are not even due
-        BOOL m_bGone = FALSE;        // its policy has removed it
+        uint64_t m_ullJoined = 0;         // the number of the first message that it was too early for
+        CmBool m_bJoined = CM_FALSE;      // its OnJoin is over: before, no limit applies
+        CmBool m_bAwaitsKey = CM_FALSE;   // it drops all messages until a KEY_MESSAGE,
+        CmBool m_bDueFromKey = CM_FALSE;  // which are not even due
+        CmBool m_bGone = CM_FALSE;        // its policy has removed it
     };
 
-    void Add(DWORD aId, const CCmForwardReceiverOptions& aOptions);
-    void Join(DWORD aId) { m_Receivers[aId].m_bJoined = TRUE; }
+    void Add(CmDword aId, const CCmForwardReceiverOptions& aOptions);
+    void Join(CmDword aId) { m_Receivers[aId].m_bJoined = CM_TRUE; }
     // The receiver was removed, or its transport has ended.
-    void Remove(DWORD aId) { m_Receivers.erase(aId); }
+    void Remove(CmDword aId) { m_Receivers.erase(aId); }
     // Takes over what was sent since the last call, and compares all numbers.
-    void Look(ICmForwardSession& aSession, DWORD aTick);
-    void OnForward(ICmForwardSession& aSession, CmResult aResult, DWORD aLength, const CCmForwardHeader& aHeader, DWORD aTick);
+    void Look(ICmForwardSession& aSession, CmDword aTick);
+    void OnForward(ICmForwardSession& aSession, CmResult aResult, CmDword aLength, const CCmForwardHeader& aHeader,
+                   CmDword aTick);
 
     uint64_t GetNextNumber() const { return m_Messages.size(); }
-    DWORD GetLength(uint64_t aNumber) const { return m_Messages[aNumber].m_dwLength; }
+    CmDword GetLength(uint64_t aNumber) const { return m_Messages[aNumber].m_dwLength; }
     // Null: there is none.
-    const CReceiver* Find(DWORD aId) const;
+    const CReceiver* Find(CmDword aId) const;
     // TRUE: a limit of the receiver is reached, so that its policy may act.
-    BOOL IsAtLimit(const CReceiver& aReceiver, DWORD aTick) const;
-    std::string Describe(DWORD aId) const { return Find(aId) ? Difference_i(*Find(aId), {}) : ""; }
+    CmBool IsAtLimit(const CReceiver& aReceiver, CmDword aTick) const;
+    std::string Describe(CmDword aId) const { return Find(aId) ? Difference_i(*Find(aId), {}) : ""; }
     const std::string& GetFailure() const { return m_strFailure; }
 
 private:
     struct CMessage {
         uint64_t m_ullKey;
-        DWORD m_dwFlags;
-        DWORD m_dwLength;
-        DWORD m_dwTick;
+        CmDword m_dwFlags;
+        CmDword m_dwLength;
+        CmDword m_dwTick;
     };
 
-    void Fail_i(DWORD aId, const std::string& aText);
-    BOOL IsFirstOld_i(const CReceiver& aReceiver, DWORD aTick) const;
-    CCmForwardCount CountQueue_i(const CReceiver& aReceiver, BOOL aLimited) const;
+    void Fail_i(CmDword aId, const std::string& aText);
+    CmBool IsFirstOld_i(const CReceiver& aReceiver, CmDword aTick) const;
+    CCmForwardCount CountQueue_i(const CReceiver& aReceiver, CmBool aLimited) const;
     void PopSent_i(CReceiver& aReceiver, uint64_t aCount) const;
     void DropFirst_i(CReceiver& aReceiver) const;
-    void DropOldest_i(CReceiver& aReceiver, DWORD aTick) const;
+    void DropOldest_i(CReceiver& aReceiver, CmDword aTick) const;
     void Push_i(CReceiver& aReceiver, uint64_t aNumber, uint64_t aReplaced) const;
-    BOOL Matches_i(CReceiver& aReceiver, const CCmForwardStatistics& aStatistics) const;
+    CmBool Matches_i(CReceiver& aReceiver, const CCmForwardStatistics& aStatistics) const;
     std::string Difference_i(const CReceiver& aReceiver, const CCmForwardStatistics& aStatistics) const;
-    BOOL TryForward_i(CReceiver& aReceiver, const CCmForwardStatistics* aStatistics, CmResult aResult, uint64_t aReplaced,
-                      DWORD aTick) const;
+    CmBool TryForward_i(CReceiver& aReceiver, const CCmForwardStatistics* aStatistics, CmResult aResult, uint64_t aReplaced,
+                        CmDword aTick) const;
 
     std::vector<CMessage> m_Messages;
     std::map<uint64_t, uint64_t> m_Newest;  // of each key
     uint64_t m_ullLastKeyMessage = UINT64_MAX;
-    std::map<DWORD, CReceiver> m_Receivers;
+    std::map<CmDword, CReceiver> m_Receivers;
     std::string m_strFailure;
 };

@@ -18,7 +18,7 @@ public:
 
     const std::string& GetAnswer() const { return m_strAnswer; }
     // It was not connected, or the other end has closed.
-    BOOL IsOver() const { return m_bOver; }
+    CmBool IsOver() const { return m_bOver; }
 
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
@@ -28,7 +28,7 @@ public:
 private:
     std::string m_strBytes;  // to send
     std::string m_strAnswer;
-    BOOL m_bOver = FALSE;
+    CmBool m_bOver = CM_FALSE;
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pTransport;
 };

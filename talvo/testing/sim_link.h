@@ -9,7 +9,7 @@
 struct CCmSimPath {
     CCmTimeValue m_tvDelay{0, 1000};
     CCmTimeValue m_tvJitter{};   // the most extra time of a piece; datagrams may overtake each other, streams keep their order
-    DWORD m_dwBandwidth = 0;     // bytes a second for each connection; 0: no limit
+    CmDword m_dwBandwidth = 0;   // bytes a second for each connection; 0: no limit
     double m_Loss = 0;           // a datagram is lost; a piece of a stream is sent again, after 200 ms, 400 ms, ... 6.4 s
     double m_Duplication = 0;    // a datagram arrives twice
     double m_Reordering = 0;     // a datagram takes three times as long
@@ -31,13 +31,13 @@ struct CCmSimPath {
 
     // The sender's end of a stream is lost: its peer keeps a half-open connection, whose sends fill the buffer and never
     // arrive.
-    BOOL m_bLoseEnd = FALSE;
+    CmBool m_bLoseEnd = CM_FALSE;
 
     // The limit of bytes of a stream that the peer has not read; above it SendData returns CM_ERROR_PARTIAL_DATA, and OnSend
     // follows when the peer has read. The receiver drops datagrams beyond that many unread bytes.
-    DWORD m_dwBuffer = 1 << 20;
+    CmDword m_dwBuffer = 1 << 20;
     // The most bytes of a stream in one OnReceive, further limited by CM_OPT_TRANSPORT_READ_SIZE. Pieces have random lengths.
-    DWORD m_dwMaxPiece = 65536;
+    CmDword m_dwMaxPiece = 65536;
 };
 
 // Both directions. m_Up leads from the connector to the acceptor.

@@ -77,20 +77,20 @@ public:
     void RunFor(const CCmTimeValue& aTime);
     // Runs until aIsDone, called after each step, returns TRUE: TRUE. FALSE: aLimit has passed before, or the call came from
     // inside a callback.
-    BOOL RunUntil(const std::function<BOOL()>& aIsDone, const CCmTimeValue& aLimit);
+    CmBool RunUntil(const std::function<CmBool()>& aIsDone, const CCmTimeValue& aLimit);
     // Calls aRun after that much simulated time, from the loop.
     void After(const CCmTimeValue& aDelay, std::function<void()> aRun);
     // Time advances without the loop, as on a machine after a suspend: overdue timers fire late, in the next run.
     void Jump(const CCmTimeValue& aTime);
-    BOOL HasJumped() const { return m_bJumped; }
+    CmBool HasJumped() const { return m_bJumped; }
 
     // Random numbers of the simulation: 0 to aBound - 1, aBound not 0; TRUE in that share of calls.
     uint64_t Random(uint64_t aBound);
-    BOOL Chance(double aShare);
+    CmBool Chance(double aShare);
     // A time from 0 to just below aBound, which is positive.
     CCmTimeValue RandomTime(const CCmTimeValue& aBound);
     // A path with random faults, each between none and much, for streams or datagrams. Some paths have no faults.
-    CCmSimPath RandomPath(BOOL aDatagrams);
+    CCmSimPath RandomPath(CmBool aDatagrams);
 
     // The same for streams, which it breaks at times: cuts, half-open ends, silence, connects that take long or wait in the
     // listener's backlog.
@@ -115,5 +115,5 @@ public:
 private:
     const std::shared_ptr<talvo::CSimCore> m_pCore;  // also held by the simulated transports
     const std::unique_ptr<talvo::CSimSetup> m_pSetup;
-    BOOL m_bJumped = FALSE;
+    CmBool m_bJumped = CM_FALSE;
 };

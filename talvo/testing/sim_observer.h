@@ -10,11 +10,11 @@
 struct CCmSimEnd {
     CCmInetAddr m_AddrLocal;
     CCmInetAddr m_AddrPeer;
-    BOOL m_bDatagrams = FALSE;
-    BOOL m_bAccepted = FALSE;  // made by an acceptor
-    BOOL m_bOwesSend = FALSE;  // a SendData returned CM_ERROR_PARTIAL_DATA, and OnSend is due
-    BOOL m_bBroken = FALSE;    // the stream was cut, and OnDisconnect is due
-    DWORD m_dwUnread = 0;      // bytes of a stream that this end has sent and the peer has not read
+    CmBool m_bDatagrams = CM_FALSE;
+    CmBool m_bAccepted = CM_FALSE;  // made by an acceptor
+    CmBool m_bOwesSend = CM_FALSE;  // a SendData returned CM_ERROR_PARTIAL_DATA, and OnSend is due
+    CmBool m_bBroken = CM_FALSE;    // the stream was cut, and OnDisconnect is due
+    CmDword m_dwUnread = 0;         // bytes of a stream that this end has sent and the peer has not read
 };
 
 // For tests that check the wire: the bytes of protocol connections below the messages of their users. All calls come in the
@@ -28,7 +28,7 @@ public:
     virtual void OnReceive(const CCmSimEnd&, const std::string&) {}   // before the sink's OnReceive,
     virtual void OnReceived(const CCmSimEnd&, const std::string&) {}  // and after it; the end may be closed then
     // aByOwner: the user has closed it; otherwise the peer or the link.
-    virtual void OnClose(const CCmSimEnd&, BOOL /*aByOwner*/) {}
+    virtual void OnClose(const CCmSimEnd&, CmBool /*aByOwner*/) {}
     virtual void OnStopListen(const CCmInetAddr&) {}
     // No code of the application is running: a timer, an event or an arrival has been handled. Check invariants here.
     virtual void OnStep() {}

@@ -16,7 +16,7 @@
 //    EXPECT_EQ("receive 0123456, disconnect 20001", pair.m_Server.Take());
 class CCmSimPair {
 public:
-    CCmSimPair(CCmSimNetwork& aNetwork, DWORD aType, const CCmInetAddr& aAddr = CCmInetAddr("10.0.0.1", 80)) : m_Addr(aAddr) {
+    CCmSimPair(CCmSimNetwork& aNetwork, CmDword aType, const CCmInetAddr& aAddr = CCmInetAddr("10.0.0.1", 80)) : m_Addr(aAddr) {
         OpenEach_i(m_Servers, m_Server);
         OpenEach_i(m_Clients, m_Client);
         CCmConnectionManager& manager = *CCmConnectionManager::Instance();
@@ -33,7 +33,7 @@ public:
     CCmSimPair& operator=(const CCmSimPair&) = delete;
 
     // Over datagrams only the client: the server follows with the first datagram.
-    BOOL IsConnected() const { return !m_Clients.m_Transports.empty(); }
+    CmBool IsConnected() const { return !m_Clients.m_Transports.empty(); }
     ICmTransport& Client() const { return *m_Clients.m_Transports.at(0); }
     ICmTransport& Server() const { return *m_Servers.m_Transports.at(0); }
 

@@ -13,23 +13,23 @@
 class CCmSimFlow {
 public:
     // Numbers begin behind aBefore. Messages that reach a wrong connection are found if the flows use different numbers.
-    explicit CCmSimFlow(DWORD aBefore = 0) : m_dwLastSent(aBefore), m_dwLastArrived(aBefore) {}
+    explicit CCmSimFlow(CmDword aBefore = 0) : m_dwLastSent(aBefore), m_dwLastArrived(aBefore) {}
 
     // Begins with the number, the lowest byte first, as far as the length allows.
-    static std::string TextOf(DWORD aNumber, DWORD aLength);
+    static std::string TextOf(CmDword aNumber, CmDword aLength);
 
-    DWORD NewNumber() { return ++m_dwLastSent; }
+    CmDword NewNumber() { return ++m_dwLastSent; }
     // SendData took the message. Empty messages are not counted.
-    void OnTaken(DWORD aNumber, DWORD aLength);
+    void OnTaken(CmDword aNumber, CmDword aLength);
     // FALSE: aText is no message that was taken, or, over a stream, not the one behind the last that arrived.
-    BOOL OnArrived(const std::string& aText, BOOL aDatagrams);
+    CmBool OnArrived(const std::string& aText, CmBool aDatagrams);
     // Whether a message behind the last that arrived was taken.
-    BOOL IsMissing() const { return m_Taken.upper_bound(m_dwLastArrived) != m_Taken.end(); }
+    CmBool IsMissing() const { return m_Taken.upper_bound(m_dwLastArrived) != m_Taken.end(); }
 
 private:
-    std::map<DWORD, DWORD> m_Taken;  // number and length
-    DWORD m_dwLastSent;
-    DWORD m_dwLastArrived;
+    std::map<CmDword, CmDword> m_Taken;  // number and length
+    CmDword m_dwLastSent;
+    CmDword m_dwLastArrived;
 };
 
 // For connections that keep messages apart: protocol connections and datagrams, not raw streams. These are failures of the
@@ -49,13 +49,13 @@ public:
     // Begins, as the transport's sink.
     void Open();
     // Sends a new message of that length. The results of SendData; CM_ERROR_NOT_AVAILABLE when the connection has ended.
-    CmResult Send(DWORD aLength);
+    CmResult Send(CmDword aLength);
     // Ends the connection with Disconnect, or, without a reason, by releasing the transport.
     void End(CmResult aReason);
     void Release();
 
-    BOOL IsOpen() const { return m_bOpen; }
-    BOOL IsOwedSend() const { return m_bOwedSend; }  // a send was refused, and OnSend has not come
+    CmBool IsOpen() const { return m_bOpen; }
+    CmBool IsOwedSend() const { return m_bOwedSend; }  // a send was refused, and OnSend has not come
     // Call it in ICmSimObserver::OnStep.
     void CheckStep();
 
@@ -74,7 +74,7 @@ protected:
     // The end of the simulated link below the connection; null: it is closed.
     const CCmSimEnd* FindBelow() const { return m_Network.FindEnd(m_AddrLocal, m_AddrPeer); }
     const CCmSimFlow& GetIncoming() const { return m_In; }
-    BOOL IsDatagrams() const { return m_bDatagrams; }
+    CmBool IsDatagrams() const { return m_bDatagrams; }
     // A line of the trace, and a failure of the network, with the name of this end.
     void Note(const std::string& aText);
     void Fail(const std::string& aText);
@@ -90,7 +90,7 @@ private:
     const std::string m_strName;
     CCmInetAddr m_AddrLocal;
     CCmInetAddr m_AddrPeer;
-    BOOL m_bDatagrams = FALSE;
-    BOOL m_bOpen = TRUE;
-    BOOL m_bOwedSend = FALSE;
+    CmBool m_bDatagrams = CM_FALSE;
+    CmBool m_bOpen = CM_TRUE;
+    CmBool m_bOwedSend = CM_FALSE;
 };

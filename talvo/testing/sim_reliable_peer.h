@@ -13,42 +13,42 @@
 class CCmSimReliablePeer final : public CCmSimPeer, public ICmReconnectSink {
 public:
     using CCmSimPeer::CCmSimPeer;
-    ~CCmSimReliablePeer() override { *m_pWild = FALSE; }
+    ~CCmSimReliablePeer() override { *m_pWild = CM_FALSE; }
 
     // Of a small send buffer, bytes.
-    static constexpr DWORD MAX_SMALL_BUFFER = 8 << 10;
+    static constexpr CmDword MAX_SMALL_BUFFER = 8 << 10;
 
     // aMayEnd: it ends the connection one day, perhaps. aReconnectTime: seconds. aSmall: a small send buffer; otherwise it may
     // be of any size.
-    void Start(BOOL aMayEnd, DWORD aReconnectTime, BOOL aSmall = FALSE);
+    void Start(CmBool aMayEnd, CmDword aReconnectTime, CmBool aSmall = CM_FALSE);
     // Sends no more, and reads what was held back.
     void Calm();
     void CheckStep();
     // The connection has been up or over for long enough.
-    void CheckSettled(BOOL aMustBeOpen);
-    BOOL IsSuspended() const { return m_bSuspended && IsOpen(); }
+    void CheckSettled(CmBool aMustBeOpen);
+    CmBool IsSuspended() const { return m_bSuspended && IsOpen(); }
     CmResult GetReason() const { return m_Reason; }
 
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
     void OnSuspended(ICmTransport* aTrptId, CmResult aReason) override;
-    void OnResumed(ICmTransport* aTrptId, DWORD aMilliseconds) override;
+    void OnResumed(ICmTransport* aTrptId, CmDword aMilliseconds) override;
 
 private:
-    DWORD Below_i(uint64_t aBound) { return static_cast<DWORD>(GetNetwork().Random(aBound)); }
-    BOOL Chance_i(DWORD aPercent) { return Below_i(100) < aPercent; }
+    CmDword Below_i(uint64_t aBound) { return static_cast<CmDword>(GetNetwork().Random(aBound)); }
+    CmBool Chance_i(CmDword aPercent) { return Below_i(100) < aPercent; }
     void ActLater_i();
     void Act_i();
-    void ActInside_i(DWORD aPercent);
-    void Pause_i(BOOL aPause);
+    void ActInside_i(CmDword aPercent);
+    void Pause_i(CmBool aPause);
 
-    const std::shared_ptr<BOOL> m_pWild = std::make_shared<BOOL>(FALSE);  // shared with what was scheduled
-    BOOL m_bMayEnd = FALSE;
-    BOOL m_bPaused = FALSE;
-    BOOL m_bSuspended = FALSE;
+    const std::shared_ptr<CmBool> m_pWild = std::make_shared<CmBool>(CM_FALSE);  // shared with what was scheduled
+    CmBool m_bMayEnd = CM_FALSE;
+    CmBool m_bPaused = CM_FALSE;
+    CmBool m_bSuspended = CM_FALSE;
     CCmTimeValue m_tvQuiet;  // the last pause or resumption; only messages of the same read come behind it while it pauses
-    DWORD m_dwMaxBuffer = 1 << 20;
+    CmDword m_dwMaxBuffer = 1 << 20;
     int m_nDepth = 0;
     CmResult m_Reason = CM_OK;
 };

@@ -20,11 +20,11 @@ struct CCmSimRun {
 using CCmSimScenario = std::function<void(CCmSimNetwork& aNetwork)>;
 
 // Runs aScenario with aSeed. Remaining objects of the library (see CCmLiveCounter) are a failure as well.
-CCmSimRun cm_sim_run(const CCmSimScenario& aScenario, uint64_t aSeed, BOOL aTrace = FALSE);
+CCmSimRun cm_sim_run(const CCmSimScenario& aScenario, uint64_t aSeed, CmBool aTrace = CM_FALSE);
 
 // Runs aScenario with aCount seeds from aFirst on. TRUE: none has failed. FALSE: aFailed (out) is the first failed run, with
 // its trace; cm_sim_run with its seed replays it.
-BOOL cm_sim_run_seeds(const CCmSimScenario& aScenario, uint64_t aFirst, uint64_t aCount, CCmSimRun& aFailed);
+CmBool cm_sim_run_seeds(const CCmSimScenario& aScenario, uint64_t aFirst, uint64_t aCount, CCmSimRun& aFailed);
 
 // The main function of a program that runs aScenario:   PROGRAM [FIRST_SEED [COUNT]]
 //

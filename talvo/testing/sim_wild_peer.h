@@ -9,16 +9,16 @@
 class CCmSimWildPeer : public CCmSimPeer {
 public:
     using CCmSimPeer::CCmSimPeer;
-    ~CCmSimWildPeer() override { *m_pWild = FALSE; }
+    ~CCmSimWildPeer() override { *m_pWild = CM_FALSE; }
 
     // Opens the transport and begins to act.
     void Begin();
     // Acts no more, and reads what was held back.
     void Calm();
 
-    BOOL IsPaused() const { return m_bPaused; }
+    CmBool IsPaused() const { return m_bPaused; }
     // A limit was set that is so small that it may end the connection, with any reason.
-    BOOL IsOdd() const { return m_bOdd; }
+    CmBool IsOdd() const { return m_bOdd; }
 
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
@@ -26,22 +26,22 @@ public:
 
 protected:
     // An option of the transport has been set.
-    virtual void OnOptionSet(DWORD /*aOption*/, DWORD /*aValue*/) {}
+    virtual void OnOptionSet(CmDword /*aOption*/, CmDword /*aValue*/) {}
 
 private:
-    DWORD Below_i(uint64_t aBound) { return static_cast<DWORD>(GetNetwork().Random(aBound)); }
-    BOOL Chance_i(DWORD aPercent) { return Below_i(100) < aPercent; }
+    CmDword Below_i(uint64_t aBound) { return static_cast<CmDword>(GetNetwork().Random(aBound)); }
+    CmBool Chance_i(CmDword aPercent) { return Below_i(100) < aPercent; }
     void ActLater_i();
-    void ActInside_i(DWORD aPercent);
+    void ActInside_i(CmDword aPercent);
     void Act_i();
-    void SendMaybe_i(DWORD aLength);
+    void SendMaybe_i(CmDword aLength);
     void SendMany_i();
-    void Set_i(DWORD aOption, DWORD aValue);
+    void Set_i(CmDword aOption, CmDword aValue);
     void ChangeLimit_i();
     void EndNow_i();
 
-    const std::shared_ptr<BOOL> m_pWild = std::make_shared<BOOL>(FALSE);  // shared with what was scheduled
-    BOOL m_bPaused = FALSE;
-    BOOL m_bOdd = FALSE;
+    const std::shared_ptr<CmBool> m_pWild = std::make_shared<CmBool>(CM_FALSE);  // shared with what was scheduled
+    CmBool m_bPaused = CM_FALSE;
+    CmBool m_bOdd = CM_FALSE;
     int m_nDepth = 0;  // of acts inside acts
 };

@@ -14,29 +14,29 @@ public:
     using CTake = std::function<void(ICmTransport& aTransport)>;
 
     // Acts no more of itself.
-    void Calm() { m_bWild = FALSE; }
+    void Calm() { m_bWild = CM_FALSE; }
     // An indication is due or, for an acceptor, may come.
-    BOOL IsExpecting() const { return m_bExpecting; }
+    CmBool IsExpecting() const { return m_bExpecting; }
 
 protected:
-    CCmSimWildSide(CCmSimNetwork& aNetwork, DWORD aType, const CCmInetAddr& aAddr, CTake aTake)
+    CCmSimWildSide(CCmSimNetwork& aNetwork, CmDword aType, const CCmInetAddr& aAddr, CTake aTake)
         : m_Network(aNetwork), m_dwType(aType), m_Addr(aAddr), m_Take(std::move(aTake)) {}
 
-    BOOL WildChance_i(double aShare) { return m_bWild && m_Network.Chance(aShare); }
+    CmBool WildChance_i(double aShare) { return m_bWild && m_Network.Chance(aShare); }
     void Take_i(CmResult aReason, ICmTransport* aTransport);
 
     CCmSimNetwork& m_Network;
-    const DWORD m_dwType;
+    const CmDword m_dwType;
     const CCmInetAddr m_Addr;
     const CTake m_Take;
-    BOOL m_bWild = TRUE;
-    BOOL m_bExpecting = FALSE;
+    CmBool m_bWild = CM_TRUE;
+    CmBool m_bExpecting = CM_FALSE;
 };
 
 // Listens. Stops at times, inside an indication and with StopListen or by releasing the acceptor, and listens again soon.
 class CCmSimWildAcceptor : public CCmSimWildSide {
 public:
-    CCmSimWildAcceptor(CCmSimNetwork& aNetwork, DWORD aType, const CCmInetAddr& aAddr, CTake aTake);
+    CCmSimWildAcceptor(CCmSimNetwork& aNetwork, CmDword aType, const CCmInetAddr& aAddr, CTake aTake);
     void Release() { m_pAcceptor.Reset(); }
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
 
@@ -50,7 +50,7 @@ private:
 // aLimit is a failure, unless the network has jumped; so is a result of an attempt that no network causes.
 class CCmSimWildConnector : public CCmSimWildSide {
 public:
-    CCmSimWildConnector(CCmSimNetwork& aNetwork, DWORD aType, const CCmInetAddr& aAddr, const CCmTimeValue& aLimit,
+    CCmSimWildConnector(CCmSimNetwork& aNetwork, CmDword aType, const CCmInetAddr& aAddr, const CCmTimeValue& aLimit,
                         CTake aTake);
     void Release() { m_pConnector.Reset(); }
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;

@@ -14,10 +14,10 @@ class CCmTraceCapture : public ICmTraceSink {
 public:
     CCmTraceCapture() {
         CCmTrace::SetSink(this);
-        CCmTrace::Enable(TRUE);
+        CCmTrace::Enable(CM_TRUE);
     }
     ~CCmTraceCapture() override {
-        CCmTrace::Enable(FALSE);
+        CCmTrace::Enable(CM_FALSE);
         CCmTrace::SetSink(nullptr);
     }
     CCmTraceCapture(const CCmTraceCapture&) = delete;
@@ -29,7 +29,7 @@ public:
         return static_cast<size_t>(std::count_if(
             lines.begin(), lines.end(), [&](const std::string& aLine) { return aLine.find(aText) != std::string::npos; }));
     }
-    BOOL Contains(const std::string& aText) const { return Count(aText) > 0; }
+    CmBool Contains(const std::string& aText) const { return Count(aText) > 0; }
 
     // All lines so far, in order.
     std::vector<std::string> Lines() const {
@@ -42,7 +42,7 @@ public:
         m_Lines.clear();
     }
 
-    void OnTrace(DWORD, const char*, std::string_view aText) override {
+    void OnTrace(CmDword, const char*, std::string_view aText) override {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         m_Lines.emplace_back(aText);
     }

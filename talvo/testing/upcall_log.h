@@ -33,14 +33,14 @@ public:
     int m_nSends = 0;
     int m_nDisconnects = 0;
     CmResult m_Reason = CM_OK;  // of OnDisconnect
-    BOOL m_bEcho = FALSE;       // OnReceive sends the data back; the rest of a partial send is lost
+    CmBool m_bEcho = CM_FALSE;  // OnReceive sends the data back; the rest of a partial send is lost
     std::function<void()> m_Receive = [] {};
     std::function<void()> m_Send = [] {};
     std::function<void()> m_Disconnect = [] {};
 
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter*) override {
         Record(aTrptId, m_bReceiving && !m_strLog.empty() ? "" : "receive ");
-        m_bReceiving = TRUE;
+        m_bReceiving = CM_TRUE;
         ++m_nReceives;
         m_Received.push_back(aData.FlattenChained());
         m_strReceived += m_Received.back();
@@ -70,12 +70,12 @@ private:
         if (!aTrptId)
             m_strFaults += aUpcall + " without a transport. ";
         m_strLog += (m_strLog.empty() || aUpcall.empty() ? "" : ", ") + aUpcall;
-        m_bReceiving = FALSE;
+        m_bReceiving = CM_FALSE;
     }
 
-    const DWORD m_dwThread = CCmThreadManager::GetThreadSelfId();
+    const CmDword m_dwThread = CCmThreadManager::GetThreadSelfId();
     std::string m_strLog, m_strFaults;
-    BOOL m_bReceiving = FALSE;
+    CmBool m_bReceiving = CM_FALSE;
 };
 
 // The sink of a drain. Allocates no memory.
@@ -96,7 +96,7 @@ class CCmConnectLog : public ICmAcceptorConnectorSink {
 public:
     size_t Count() const { return m_Reasons.size(); }
 
-    BOOL m_bKeep = TRUE;
+    CmBool m_bKeep = CM_TRUE;
     std::vector<CmResult> m_Reasons;                     // of each indication
     std::vector<CCmRefPtrT<ICmTransport>> m_Transports;  // of the successful ones
     ICmAcceptorConnectorId* m_pLastId = nullptr;         // the acceptor or connector of the last one

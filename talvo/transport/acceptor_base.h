@@ -20,14 +20,14 @@ class TALVO_API CCmAcceptorBase : public ICmAcceptor,
 public:
     CCmAcceptorBase();
 
-    DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
-    DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
-    BOOL IsConnector() override { return FALSE; }
+    CmDword AddReference() override { return CCmReferenceControlT::AddReference(); }
+    CmDword ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
+    CmBool IsConnector() override { return CM_FALSE; }
 
 protected:
     CCmFailure GetFailure() const override { return m_Failure; }
-    CmResult SetOption_i(DWORD aCommand, void* aArg) override { return m_Sockets.SetOption(aCommand, aArg); }
-    CmResult GetOption_i(DWORD aCommand, void* aArg) override { return m_Sockets.GetOption(aCommand, aArg); }
+    CmResult SetOption_i(CmDword aCommand, void* aArg) override { return m_Sockets.SetOption(aCommand, aArg); }
+    CmResult GetOption_i(CmDword aCommand, void* aArg) override { return m_Sockets.GetOption(aCommand, aArg); }
     // CheckListen_i: CM_OK: it may listen now. CM_ERROR_NOT_INITIALIZED: there is no network thread. CM_ERROR_NOT_AVAILABLE:
     // CCmConnectionManager::Drain runs. Listening_i: from now on it listens.
     CmResult CheckListen_i();

@@ -31,16 +31,16 @@ public:
     }
 
     // FALSE, with 0.0.0.0:0 in aAddr (out): no address was stored.
-    BOOL Load(CCmInetAddr& aAddr) const {
+    CmBool Load(CCmInetAddr& aAddr) const {
         const uint64_t ullAddr = m_ullAddr;
         if (CAddrRecord* pRecord = GetRecord())
             aAddr.SetOther_i(pRecord);
         else
-            aAddr.SetIpv4_i(static_cast<DWORD>(ullAddr >> 17), static_cast<WORD>(ullAddr >> 1));
+            aAddr.SetIpv4_i(static_cast<CmDword>(ullAddr >> 17), static_cast<CmWord>(ullAddr >> 1));
         return ullAddr != 0;
     }
 
-    BOOL IsPath() const {
+    CmBool IsPath() const {
         const CAddrRecord* pRecord = GetRecord();
         return pRecord && pRecord->GetPtr()->sa_family == AF_UNIX;
     }

@@ -14,13 +14,13 @@ class IHandshakeMaker;
 
 // The arguments of a maker.
 struct CCmConnectorSettings {
-    DWORD m_dwType;                                              // the requested base type; one maker may serve several
+    CmDword m_dwType;                                            // the requested base type; one maker may serve several
     ICmReactor* m_pReactor;                                      // of the network thread; never null
     ACmConnectorUpper* m_pUpper;                                 // gets the connector's reports; never null, and outlives it
     std::shared_ptr<talvo::IHandshakeMaker> m_pHandshakes = {};  // for TCP; null: there are no handshakes
 };
 struct CCmAcceptorSettings {
-    DWORD m_dwType;                                              // likewise
+    CmDword m_dwType;                                            // likewise
     ICmReactor* m_pReactor;                                      // of the network thread; null: none
     std::shared_ptr<talvo::IHandshakeMaker> m_pHandshakes = {};  // likewise
 };
@@ -55,17 +55,17 @@ struct CCmBaseTypeMakers {
 //
 // CCmConnectionManager accepts the type from then on, alone and below a protocol. Every base type but 2 carries bytes: its
 // transports may take a part of a send (CM_ERROR_PARTIAL_DATA), and may split or join the delivered bytes.
-TALVO_API CmResult cm_offer_base_type(DWORD aType, const CCmBaseTypeMakers& aMakers);
+TALVO_API CmResult cm_offer_base_type(CmDword aType, const CCmBaseTypeMakers& aMakers);
 
 // aMakers (out): the makers of a base type. CM_ERROR_INVALID_ARG: there is no such type. Any thread.
-TALVO_API CmResult cm_get_base_type(DWORD aType, CCmBaseTypeMakers& aMakers);
+TALVO_API CmResult cm_get_base_type(CmDword aType, CCmBaseTypeMakers& aMakers);
 
 namespace talvo {
 
 struct CBaseType {
-    DWORD m_dwType;
+    CmDword m_dwType;
     CCmBaseTypeMakers m_Makers;
-    BOOL m_bOverTcp = FALSE;
+    CmBool m_bOverTcp = CM_FALSE;
 };
 
 // A room above fills it once, before main: the connectors of the types 1, 4, 8, 12 and 0x8000, which use proxy servers.

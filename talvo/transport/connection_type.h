@@ -13,7 +13,7 @@ namespace talvo {
 // CTYPE_FORCE_THREAD_PROXY and a bit that only option 107 repeats.
 class TALVO_API CConnectionType {
 public:
-    enum : DWORD {
+    enum : CmDword {
         THREAD_FLAG = 0x00010000,
         FORCE_THREAD_PROXY = 0x00020000,
         NO_PARTIAL_DATA = 0x00100000,
@@ -25,44 +25,44 @@ public:
         CANONICAL_RELIABLE = 0x74000000  // the value that a creation reports for RELIABLE; other kinds report their flag
     };
 
-    constexpr explicit CConnectionType(DWORD aType) : m_dwType(aType) {}
+    constexpr explicit CConnectionType(CmDword aType) : m_dwType(aType) {}
 
-    constexpr DWORD GetBase() const { return m_dwType & BASE_MASK; }
-    constexpr BOOL Has(DWORD aFlags) const { return (m_dwType & aFlags) == aFlags; }  // all of them
-    constexpr DWORD WithoutThreadFlags() const { return m_dwType & ~THREAD_MASK; }
-    constexpr BOOL HasUnknownFlags() const { return (m_dwType & ~(BASE_MASK | THREAD_MASK | PROTOCOL_MASK)) != 0; }
+    constexpr CmDword GetBase() const { return m_dwType & BASE_MASK; }
+    constexpr CmBool Has(CmDword aFlags) const { return (m_dwType & aFlags) == aFlags; }  // all of them
+    constexpr CmDword WithoutThreadFlags() const { return m_dwType & ~THREAD_MASK; }
+    constexpr CmBool HasUnknownFlags() const { return (m_dwType & ~(BASE_MASK | THREAD_MASK | PROTOCOL_MASK)) != 0; }
 
     // Messages of a protocol, raw bytes or raw datagrams: a type is exactly one of these.
-    constexpr BOOL IsProtocol() const { return (m_dwType & PROTOCOL_MASK) != 0; }
-    constexpr BOOL IsStream() const { return !IsProtocol() && !IsOverDatagrams(); }
-    constexpr BOOL IsDatagrams() const { return !IsProtocol() && IsOverDatagrams(); }
+    constexpr CmBool IsProtocol() const { return (m_dwType & PROTOCOL_MASK) != 0; }
+    constexpr CmBool IsStream() const { return !IsProtocol() && !IsOverDatagrams(); }
+    constexpr CmBool IsDatagrams() const { return !IsProtocol() && IsOverDatagrams(); }
 
     // The base type carries datagrams; every other carries bytes.
-    constexpr BOOL IsOverDatagrams() const { return GetBase() == CM_TRANSPORT_TYPE_UDP; }
+    constexpr CmBool IsOverDatagrams() const { return GetBase() == CM_TRANSPORT_TYPE_UDP; }
 
     // Not one base type but two in a race, a direct connector and one through a proxy.
-    constexpr BOOL IsRace() const { return GetBase() == CM_TRANSPORT_TYPE_RACE; }
+    constexpr CmBool IsRace() const { return GetBase() == CM_TRANSPORT_TYPE_RACE; }
     // Over TCP, without TLS: directly, through a proxy server, or in that race.
-    constexpr BOOL IsOverTcp() const { return GetBase() == CM_TRANSPORT_TYPE_TCP || IsProxied() || IsRace(); }
+    constexpr CmBool IsOverTcp() const { return GetBase() == CM_TRANSPORT_TYPE_TCP || IsProxied() || IsRace(); }
     // A connector through the user's proxy server.
-    constexpr BOOL IsProxied() const { return GetBase() == CM_TRANSPORT_TYPE_PROXY; }
+    constexpr CmBool IsProxied() const { return GetBase() == CM_TRANSPORT_TYPE_PROXY; }
     // The same connection as a proxied one, without the proxy server.
-    constexpr BOOL IsDirectTwinOf(CConnectionType aProxied) const {
+    constexpr CmBool IsDirectTwinOf(CConnectionType aProxied) const {
         return GetBase() == CM_TRANSPORT_TYPE_TCP && (m_dwType & PROTOCOL_MASK) == (aProxied.m_dwType & PROTOCOL_MASK);
     }
 
     // A thread proxy adds it to the value of option 107: the higher one of the two thread flags that are set.
-    constexpr DWORD GetThreadFlag() const { return Has(FORCE_THREAD_PROXY) ? +FORCE_THREAD_PROXY : m_dwType & THREAD_FLAG; }
+    constexpr CmDword GetThreadFlag() const { return Has(FORCE_THREAD_PROXY) ? +FORCE_THREAD_PROXY : m_dwType & THREAD_FLAG; }
 
     // For the trace; every base type but TCP has the second name.
     const char* GetBaseName() const { return GetBase() == CM_TRANSPORT_TYPE_TCP ? "TCP" : "UDP"; }
 
 private:
-    static constexpr DWORD BASE_MASK = 0x0000FFFF;
-    static constexpr DWORD THREAD_MASK = THREAD_FLAG | FORCE_THREAD_PROXY;
-    static constexpr DWORD PROTOCOL_MASK = 0xFFF00000;
+    static constexpr CmDword BASE_MASK = 0x0000FFFF;
+    static constexpr CmDword THREAD_MASK = THREAD_FLAG | FORCE_THREAD_PROXY;
+    static constexpr CmDword PROTOCOL_MASK = 0xFFF00000;
 
-    DWORD m_dwType;
+    CmDword m_dwType;
 };
 
 }  // namespace talvo

@@ -33,16 +33,16 @@ public:
 
     // Options for the next Connect; aArg is not null. CM_ERROR_INVALID_ARG: an unknown command (all are, unless overridden), or
     // an invalid value. See ECmConnectOption.
-    virtual CmResult SetOption(DWORD aCommand, void* aArg);
-    virtual CmResult GetOption(DWORD aCommand, void* aArg);
+    virtual CmResult SetOption(CmDword aCommand, void* aArg);
+    virtual CmResult GetOption(CmDword aCommand, void* aArg);
 
     // TRUE: the upper connector limits the time of the next attempt, so handshakes need no limit of their own.
-    void SetTimed(BOOL aTimed) { m_bTimed = aTimed; }
+    void SetTimed(CmBool aTimed) { m_bTimed = aTimed; }
 
     // The failure of the last Connect: the cause of its -1, or the one that it reported.
     const CCmFailure& GetFailure() const { return m_Failure; }
 
 protected:
     CCmFailure m_Failure;  // set before the attempt fails
-    BOOL m_bTimed = FALSE;
+    CmBool m_bTimed = CM_FALSE;
 };

@@ -23,11 +23,11 @@ public:
 
     // Once, before AsycConnect. aType: a base type. CM_ERROR_ALREADY_INITIALIZED. CM_ERROR_NOT_INITIALIZED: there is no network
     // thread. CM_ERROR_INVALID_ARG: no such type. CM_ERROR_NOT_IMPLEMENTED: a type without a maker yet.
-    CmResult Init(DWORD aType);
+    CmResult Init(CmDword aType);
 
-    DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
-    DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
-    BOOL IsConnector() override { return TRUE; }
+    CmDword AddReference() override { return CCmReferenceControlT::AddReference(); }
+    CmDword ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
+    CmBool IsConnector() override { return CM_TRUE; }
 
     // Without Init the attempt fails at once.
     void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
@@ -44,8 +44,8 @@ private:
 
     CCmFailure GetFailure() const override { return m_Failure; }
     // Those of the inner connector. CM_ERROR_NOT_INITIALIZED before Init.
-    CmResult SetOption_i(DWORD aCommand, void* aArg) override;
-    CmResult GetOption_i(DWORD aCommand, void* aArg) override;
+    CmResult SetOption_i(CmDword aCommand, void* aArg) override;
+    CmResult GetOption_i(CmDword aCommand, void* aArg) override;
     void Close_i();
     void OnNoMemory();
     void ReportLater_i(const CCmTimeValue& aDelay, CmResult aReason);
@@ -54,9 +54,9 @@ private:
     talvo::CHomeReactor m_pReactor = nullptr;     // the network thread's, also its timers
     ICmAcceptorConnectorSink* m_pSink = nullptr;  // not owned
     std::unique_ptr<ACmConnectorInternal> m_pConnector;
-    DWORD m_Type = 0;
-    BOOL m_bClosed = TRUE;  // FALSE while an attempt runs
-    CCmFailure m_IfLate;    // the failure if the attempt times out
+    CmDword m_Type = 0;
+    CmBool m_bClosed = CM_TRUE;  // FALSE while an attempt runs
+    CCmFailure m_IfLate;         // the failure if the attempt times out
     CCmFailure m_Failure;
     talvo::CLaterReportT<CCmConnectorWrapper, &CCmConnectorWrapper::OnNoMemory> m_NoMemory{*this};  // for a timer
 };

@@ -10,12 +10,12 @@ namespace talvo {
 class TALVO_API CDrainedTransport : public ICmTransport, protected CCmThreadTenant {
 public:
     // Any thread.
-    virtual BOOL IsOfThisThread() const = 0;
+    virtual CmBool IsOfThisThread() const = 0;
 
 protected:
     // CM_OPT_TRANSPORT_LAYERED. CM_OK.
-    CmResult SetLayered_i(BOOL aLayered);
-    BOOL IsLayered_i() const { return m_bLayered; }
+    CmResult SetLayered_i(CmBool aLayered);
+    CmBool IsLayered_i() const { return m_bLayered; }
 
     // From now on it has a sink.
     void Opened_i();
@@ -28,16 +28,16 @@ protected:
 
 private:
     // Ends the connection: data taken is still sent, unless aCut. Then the sink is notified.
-    virtual void EndInOrder_i(BOOL aCut) = 0;
+    virtual void EndInOrder_i(CmBool aCut) = 0;
 
     void OnThreadEnd() override {}
     void OnDrain(ECmDrainStage aStage) override;
     void AddUndrained(CCmUndrained& aLeft) override;
 
-    BOOL m_bLayered = FALSE;  // a layer above ends it gracefully
+    CmBool m_bLayered = CM_FALSE;  // a layer above ends it gracefully
 
 protected:
-    DWORD m_dwLost = 0;  // bytes in flight at the failure
+    CmDword m_dwLost = 0;  // bytes in flight at the failure
 };
 
 }  // namespace talvo

@@ -11,30 +11,30 @@ namespace talvo {
 
 // Owns the queued messages. A message is kept as a chain or, if it is small, as a copy in a block shared by many:
 //
-//   | length | payload ... | length | payload ... |      length: a DWORD in this machine's byte order
+//   | length | payload ... | length | payload ... |      length: a CmDword in this machine's byte order
 //
 // A copy needs no allocation of its own. It lets the sender free and reuse its memory in the thread that allocated it. Used by
 // one thread at a time.
 class TALVO_API CMessageList {
 public:
-    static constexpr DWORD MAX_COPIED = 1024;  // bytes of payload up to which a copy is cheaper
+    static constexpr CmDword MAX_COPIED = 1024;  // bytes of payload up to which a copy is cheaper
 
     CMessageList() = default;
     CMessageList(const CMessageList&) = delete;
     CMessageList& operator=(const CMessageList&) = delete;
 
     // FALSE: memory ran out, and aChain is deleted.
-    BOOL Add(CCmChainPtr aChain) {
+    CmBool Add(CCmChainPtr aChain) {
         return WithMemory([&] { m_Chains.push_back(std::move(aChain)); });
     }
     // Copies aMessage, of aLength <= MAX_COPIED bytes. FALSE: memory ran out.
-    BOOL AddCopy(const CCmMessageBlock& aMessage, DWORD aLength);
+    CmBool AddCopy(const CCmMessageBlock& aMessage, CmDword aLength);
 
-    BOOL IsEmpty() const { return m_stFirst == m_Chains.size(); }
-    BOOL HasSeveral() const;
+    CmBool IsEmpty() const { return m_stFirst == m_Chains.size(); }
+    CmBool HasSeveral() const;
 
     // TRUE: the first message is a copy. There must be one.
-    BOOL IsFrontCopied() const { return IsShared(*m_Chains[m_stFirst]); }
+    CmBool IsFrontCopied() const { return IsShared(*m_Chains[m_stFirst]); }
     // The first message. It stays first, as far as it was consumed, until Pop. There must be one.
     CCmMessageBlock& Front();
     void Pop();
@@ -48,9 +48,9 @@ public:
     void Clear();
 
 private:
-    static BOOL IsShared(const CCmMessageBlock& aBlock) { return (aBlock.GetFlag() & CCmMessageBlock::READ_LOCKED) != 0; }
-    static DWORD LengthOfFirst(const CCmMessageBlock& aShared);
-    CCmMessageBlock* SpaceFor(DWORD aCount);
+    static CmBool IsShared(const CCmMessageBlock& aBlock) { return (aBlock.GetFlag() & CCmMessageBlock::READ_LOCKED) != 0; }
+    static CmDword LengthOfFirst(const CCmMessageBlock& aShared);
+    CCmMessageBlock* SpaceFor(CmDword aCount);
 
     std::vector<CCmChainPtr> m_Chains;  // from m_stFirst on; shared blocks are READ_LOCKED
     size_t m_stFirst = 0;

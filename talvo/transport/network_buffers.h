@@ -13,24 +13,24 @@ namespace talvo {
 
 // Shared by all transports of one thread. This is safe because each is used within one call only.
 struct CNetworkBuffers {
-    static constexpr DWORD DEFAULT_READ = 16384;
-    static constexpr DWORD MAX_PIECES = 64;
+    static constexpr CmDword DEFAULT_READ = 16384;
+    static constexpr CmDword MAX_PIECES = 64;
 
     // Room for one read of aSize bytes, owned by the thread. aSize (in and out) gets less if memory runs out, never 0. Call it
     // before each read.
-    char* GetRoom(DWORD& aSize);
+    char* GetRoom(CmDword& aSize);
 
     iovec m_Iov[MAX_PIECES];
 
 private:
     char m_First[DEFAULT_READ];
     std::unique_ptr<char[]> m_pLarger;
-    DWORD m_dwLarger = 0;
+    CmDword m_dwLarger = 0;
 };
 
 // For datagrams, several a system call; shared likewise, and valid while a batch is handled.
 struct CDatagramBuffers {
-    static constexpr DWORD BATCH = 32;
+    static constexpr CmDword BATCH = 32;
     // Holds a datagram of any size. Most datagrams end near the start of their slot; the extra bytes prevent the starts of all
     // slots from competing for the same few cache lines.
     static constexpr size_t SLOT = 65536 + 1280;

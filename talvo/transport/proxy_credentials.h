@@ -8,10 +8,10 @@
 
 // The question of a proxy.
 struct CCmProxyQuestion {
-    CCmString m_strProxy;     // its normalised URI without credentials and path: "http://proxy.example:3128"; port always given
-    CCmString m_strRealm;     // as the proxy sent it; "" for SOCKS
-    CCmString m_strScheme;    // "basic", "digest", "ntlm", "socks"
-    BOOL m_bRefused = FALSE;  // the proxy refused the credentials of this request before
+    CCmString m_strProxy;   // its normalised URI without credentials and path: "http://proxy.example:3128"; port always given
+    CCmString m_strRealm;   // as the proxy sent it; "" for SOCKS
+    CCmString m_strScheme;  // "basic", "digest", "ntlm", "socks"
+    CmBool m_bRefused = CM_FALSE;  // the proxy refused the credentials of this request before
 };
 
 class TALVO_API ICmProxyCredentialsSink {
@@ -45,7 +45,7 @@ public:
 
     // TRUE: GetCredentials may find an answer for aProxy in any realm, stored or by asking. A SOCKS client offers a password
     // then.
-    virtual BOOL MayHaveCredentials(const CCmString& aProxy) = 0;
+    virtual CmBool MayHaveCredentials(const CCmString& aProxy) = 0;
 
     virtual ~ICmProxyCredentials();
 

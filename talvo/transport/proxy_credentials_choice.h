@@ -35,16 +35,16 @@ public:
 private:
     void OnProxyCredentials(CmResult aReason, const CCmCredentials& aCredentials) override;
     CmResult Find_i(const CCmString& aRealm, const char* aScheme, ICmProxyCredentialsSink* aSink);
-    BOOL WasRefused_i(const CCmCredentials& aCredentials) const;
+    CmBool WasRefused_i(const CCmCredentials& aCredentials) const;
 
     ICmProxyCredentialsSink& m_Sink;
     CCmProxyQuestion m_Question;
     CCmCredentials m_FromRoute;
     CCmCredentials m_Current;
     std::vector<CCmCredentials> m_Refused;
-    BOOL m_bFromRoute = FALSE;   // m_Current is
-    BOOL m_bAskedAgain = FALSE;  // the user was asked after a refusal
-    BOOL m_bWaiting = FALSE;
+    CmBool m_bFromRoute = CM_FALSE;   // m_Current is
+    CmBool m_bAskedAgain = CM_FALSE;  // the user was asked after a refusal
+    CmBool m_bWaiting = CM_FALSE;
 };
 
 }  // namespace talvo

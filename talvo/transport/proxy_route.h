@@ -35,9 +35,9 @@ public:
     // CM_ERROR_NOT_AVAILABLE: the route is full. CM_ERROR_OUT_OF_MEMORY. Both change nothing.
     CmResult Add(const CCmProxyServer& aServer);
 
-    BOOL IsEmpty() const { return GetServers().empty(); }
+    CmBool IsEmpty() const { return GetServers().empty(); }
     // TRUE: DIRECT is the only entry.
-    BOOL IsDirect() const { return GetServers().size() == 1 && GetServers()[0].IsDirect(); }
+    CmBool IsDirect() const { return GetServers().size() == 1 && GetServers()[0].IsDirect(); }
     // Valid as long as this value or a copy of it, unless Add changes it.
     std::span<const CCmProxyServer> GetServers() const {
         return m_pServers ? std::span<const CCmProxyServer>(*m_pServers) : std::span<const CCmProxyServer>();

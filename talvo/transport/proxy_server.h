@@ -8,7 +8,7 @@
 #include "talvo/base/result.h"
 #include "talvo/base/types.h"
 
-enum ECmProxyKind : DWORD {
+enum ECmProxyKind : CmDword {
     CM_PROXY_DIRECT = 0,   // no server: a connection to the peer itself
     CM_PROXY_HTTP = 1,     // CONNECT; http also in absolute form
     CM_PROXY_HTTPS = 2,    // the same inside TLS to the proxy, whose certificate is verified
@@ -28,24 +28,24 @@ public:
     // aServer (out), unchanged unless CM_OK: a server without credentials. aHost: a name of letters, digits, "-", "_" and ".",
     // or an address of either family, without brackets; aPort 0: the default of the kind, 80, 443 or 1080. DIRECT has neither
     // of them. CM_ERROR_INVALID_ARG: no such kind, or no such host. CM_ERROR_OUT_OF_MEMORY.
-    static CmResult Make(ECmProxyKind aKind, std::string_view aHost, WORD aPort, CCmProxyServer& aServer);
+    static CmResult Make(ECmProxyKind aKind, std::string_view aHost, CmWord aPort, CCmProxyServer& aServer);
 
     // Replaces the credentials; an empty user removes them. CM_ERROR_INVALID_ARG: a control character, or DIRECT.
     // CM_ERROR_OUT_OF_MEMORY. After a failure nothing changes.
     CmResult SetCredentials(std::string_view aUser, std::string_view aPassword);
 
-    BOOL IsDirect() const { return m_Kind == CM_PROXY_DIRECT; }
-    BOOL IsSocks() const { return m_Kind >= CM_PROXY_SOCKS4; }
+    CmBool IsDirect() const { return m_Kind == CM_PROXY_DIRECT; }
+    CmBool IsSocks() const { return m_Kind >= CM_PROXY_SOCKS4; }
     ECmProxyKind GetKind() const { return m_Kind; }
     // In lower case; an address in its shortest form and without brackets. "" of DIRECT.
     const CCmString& GetHost() const { return m_strHost; }
-    WORD GetPort() const { return m_wPort; }
+    CmWord GetPort() const { return m_wPort; }
 
     // "socks5://host:1080", "http://[::1]:3128", "direct://": never with credentials. Also the name of the server for
     // cm_proxy_set_credentials. May throw std::bad_alloc.
     CCmString GetText() const;
 
-    BOOL HasCredentials() const { return static_cast<bool>(m_Credentials); }
+    CmBool HasCredentials() const { return static_cast<bool>(m_Credentials); }
     // Empty: there are none.
     const CCmCredentials& GetCredentials() const { return m_Credentials; }
     std::string_view GetUser() const { return m_Credentials.m_User.Get(); }
@@ -58,6 +58,6 @@ public:
 private:
     ECmProxyKind m_Kind = CM_PROXY_DIRECT;
     CCmString m_strHost;
-    WORD m_wPort = 0;
+    CmWord m_wPort = 0;
     CCmCredentials m_Credentials;
 };

@@ -8,15 +8,15 @@
 class ICmTransport;
 
 // Commands of reliable connections, in addition to ECmTransportOption; also through a thread proxy.
-enum ECmReconnectOption : DWORD {
+enum ECmReconnectOption : CmDword {
     CM_OPT_TRANSPORT_RECONNECT_SINK = 140,   // set ICmReconnectSink*: not owned; null, the default: none
     CM_OPT_TRANSPORT_RECONNECT_STATUS = 150  // [waits] get CCmReconnectStatus
 };
 
 // Since the connection was opened.
 struct CCmReconnectStatus {
-    BOOL m_bSuspended = FALSE;
-    DWORD m_dwResumed = 0;                    // times
+    CmBool m_bSuspended = CM_FALSE;
+    CmDword m_dwResumed = 0;                  // times
     uint64_t m_ullSentAgain = 0;              // bytes of data PDUs, headers included
     uint64_t m_ullSuspendedMilliseconds = 0;  // in all, without the gap under way
 };
@@ -29,7 +29,7 @@ public:
     // after silence.
     virtual void OnSuspended(ICmTransport* aTrptId, CmResult aReason) = 0;
     // The connection continues, aMilliseconds after it was suspended.
-    virtual void OnResumed(ICmTransport* aTrptId, DWORD aMilliseconds) = 0;
+    virtual void OnResumed(ICmTransport* aTrptId, CmDword aMilliseconds) = 0;
 
 protected:
     virtual ~ICmReconnectSink() = default;

@@ -18,12 +18,12 @@ public:
     int Connect(const CCmInetAddr& aAddr, CCmInetAddr* aAddrLocal = nullptr) override;
     // Derived connectors also stop their own work, here and in their destructors.
     void Close() override;
-    CmResult SetOption(DWORD aCommand, void* aArg) override { return m_Sockets.SetOption(aCommand, aArg); }
-    CmResult GetOption(DWORD aCommand, void* aArg) override { return m_Sockets.GetOption(aCommand, aArg); }
+    CmResult SetOption(CmDword aCommand, void* aArg) override { return m_Sockets.SetOption(aCommand, aArg); }
+    CmResult GetOption(CmDword aCommand, void* aArg) override { return m_Sockets.GetOption(aCommand, aArg); }
 
 protected:
     // aClass: the connector's name in the trace. aEarly: ConnectTo_i can begin with the first addresses of a name.
-    CResolvingConnector(const CCmConnectorSettings& aSettings, const char* aClass, BOOL aEarly)
+    CResolvingConnector(const CCmConnectorSettings& aSettings, const char* aClass, CmBool aEarly)
         : m_pReactor(aSettings.m_pReactor), m_pClass(aClass), m_Upper(*aSettings.m_pUpper), m_Lookup(*this, aEarly) {}
     ~CResolvingConnector() override { CResolvingConnector::Close(); }
 
@@ -60,8 +60,8 @@ private:
     const char* const m_pClass;
     ACmConnectorUpper& m_Upper;
     CNameLookup m_Lookup;
-    BOOL m_bTried = FALSE;  // an address of the name
-    BOOL m_bTimerArmed = FALSE;
+    CmBool m_bTried = CM_FALSE;  // an address of the name
+    CmBool m_bTimerArmed = CM_FALSE;
     CmResult m_LaterReason = CM_OK;  // the reason that the timer reports
 };
 

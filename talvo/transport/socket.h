@@ -14,8 +14,8 @@ class TALVO_API CCmIPCBase {
 public:
     enum { NON_BLOCK = 0 };
 
-    HANDLE GetHandle() const { return m_Handle; }
-    void SetHandle(HANDLE aHandle) { m_Handle = aHandle; }
+    CmHandle GetHandle() const { return m_Handle; }
+    void SetHandle(CmHandle aHandle) { m_Handle = aHandle; }
 
     // Only NON_BLOCK; any other value is traced and fails with EINVAL.
     int Enable(int aValue) const;
@@ -26,7 +26,7 @@ protected:
     CCmIPCBase() = default;
     ~CCmIPCBase() = default;
 
-    HANDLE m_Handle = CM_INVALID_HANDLE;
+    CmHandle m_Handle = CM_INVALID_HANDLE;
 };
 
 class TALVO_API CCmSocketBase : public CCmIPCBase {
@@ -36,9 +36,9 @@ public:
 
     // Closes an open socket and makes a new one, with SO_REUSEADDR if requested (not on Unix sockets). An IPv6 socket also
     // serves IPv4 peers if it is bound to "::".
-    int Open(int aFamily, int aType, int aProtocol, BOOL aReuseAddr);
+    int Open(int aFamily, int aType, int aProtocol, CmBool aReuseAddr);
     // The same for the family of aAddr.
-    int OpenFor(const CCmInetAddr& aAddr, int aType, BOOL aReuseAddr);
+    int OpenFor(const CCmInetAddr& aAddr, int aType, CmBool aReuseAddr);
     // 0 also if no socket is open.
     int Close();
 
@@ -48,10 +48,10 @@ public:
     int SetOption(int aLevel, int aOption, const void* aValue, int aLength) const;
     int GetOption(int aLevel, int aOption, void* aValue, int* aLength) const;
 
-    int Recv(char* aBuf, DWORD aLen, int aFlag = 0) const;
-    int Send(const char* aBuf, DWORD aLen, int aFlag = 0) const;
-    int RecvV(iovec* aIov, DWORD aCount) const;
-    int SendV(const iovec* aIov, DWORD aCount) const;
+    int Recv(char* aBuf, CmDword aLen, int aFlag = 0) const;
+    int Send(const char* aBuf, CmDword aLen, int aFlag = 0) const;
+    int RecvV(iovec* aIov, CmDword aCount) const;
+    int SendV(const iovec* aIov, CmDword aCount) const;
 
 protected:
     CCmSocketBase() = default;
@@ -66,9 +66,9 @@ class TALVO_API CCmSocketTcp : public CCmSocketBase {
 public:
     ~CCmSocketTcp() { Close(CM_OK); }
 
-    int Open(BOOL aReuseAddr);  // for IPv4
+    int Open(CmBool aReuseAddr);  // for IPv4
     // For the family of aLocal. Also binds; a failed bind closes the socket.
-    int Open(BOOL aReuseAddr, const CCmInetAddr& aLocal);
+    int Open(CmBool aReuseAddr, const CCmInetAddr& aLocal);
     // CM_OK: shuts down the sending side first, so that the peer gets an orderly end.
     int Close(CmResult aReason);
     int CloseWriter() const;
@@ -82,7 +82,7 @@ public:
     // Unlike the base's: EAFNOSUPPORT: a path.
     int OpenFor(const CCmInetAddr& aAddr);
     // ENOMEM: the datagram is lost; never for IPv4.
-    int RecvFrom(char* aBuf, DWORD aLen, CCmInetAddr& aFrom, int aFlag = 0) const;
-    int SendTo(const char* aBuf, DWORD aLen, const CCmInetAddr& aTo, int aFlag = 0) const;
-    int SendVTo(const iovec* aIov, DWORD aCount, const CCmInetAddr& aTo) const;
+    int RecvFrom(char* aBuf, CmDword aLen, CCmInetAddr& aFrom, int aFlag = 0) const;
+    int SendTo(const char* aBuf, CmDword aLen, const CCmInetAddr& aTo, int aFlag = 0) const;
+    int SendVTo(const iovec* aIov, CmDword aCount, const CCmInetAddr& aTo) const;
 };

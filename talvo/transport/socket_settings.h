@@ -9,19 +9,19 @@ namespace talvo {
 
 // A connector and an acceptor hold their caller's values; the configuration fills the rest for TCP.
 struct TALVO_API CSocketSettings {
-    static constexpr DWORD MIN_READ = 4096;
-    static constexpr DWORD MAX_READ = 1 << 20;
-    static constexpr DWORD LARGE_READ = 65536;  // for the library's layers that pass bytes on
+    static constexpr CmDword MIN_READ = 4096;
+    static constexpr CmDword MAX_READ = 1 << 20;
+    static constexpr CmDword LARGE_READ = 65536;  // for the library's layers that pass bytes on
 
     // TRUE: one of the options 109, 110 and 149 of connectors and acceptors.
-    static BOOL Has(DWORD aCommand);
+    static CmBool Has(CmDword aCommand);
     // These options. CM_ERROR_INVALID_ARG: another command, or an invalid size.
-    CmResult SetOption(DWORD aCommand, const void* aArg);
-    CmResult GetOption(DWORD aCommand, void* aArg) const;
+    CmResult SetOption(CmDword aCommand, const void* aArg);
+    CmResult GetOption(CmDword aCommand, void* aArg) const;
 
     // The valid values of 109 and 110, and of 149.
-    static BOOL IsBufferSize(const DWORD& aSize);
-    static BOOL IsReadSize(const DWORD& aSize);
+    static CmBool IsBufferSize(const CmDword& aSize);
+    static CmBool IsReadSize(const CmDword& aSize);
 
     // These sizes, and for each that is 0 the one of section "Transport". Read by each attempt to connect and each StartListen.
     CSocketSettings WithConfiguration() const;
@@ -30,9 +30,9 @@ struct TALVO_API CSocketSettings {
     // to the system, which grows it with a TCP connection. A refusal is traced.
     void ApplyTo(const CCmSocketBase& aSocket) const;
 
-    DWORD m_dwReadSize = 0;
-    DWORD m_dwSendBuffer = 0;
-    DWORD m_dwReceiveBuffer = 0;
+    CmDword m_dwReadSize = 0;
+    CmDword m_dwSendBuffer = 0;
+    CmDword m_dwReceiveBuffer = 0;
 };
 
 // Raises the read size to LARGE_READ, on a TCP transport or a layer over one; a larger size stays.

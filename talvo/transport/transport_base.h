@@ -20,17 +20,17 @@ public:
     // aReactor: of the owning thread; not owned, may be deleted before this object.
     explicit CCmTransportBase(ICmReactor* aReactor) : m_pReactor(aReactor) {}
 
-    DWORD AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }
-    DWORD ReleaseReference() override { return CCmReferenceControlTimerDeleteT::ReleaseReference(); }
+    CmDword AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }
+    CmDword ReleaseReference() override { return CCmReferenceControlTimerDeleteT::ReleaseReference(); }
 
     CmResult OpenWithSink(ICmTransportSink* aSink) override;
     ICmTransportSink* GetSink() override { return m_pSink; }
     CmResult Disconnect(CmResult aReason) override;
-    BOOL IsOfThisThread() const override { return m_Est.IsCurrentThread(); }
+    CmBool IsOfThisThread() const override { return m_Est.IsCurrentThread(); }
 
-    int OnClose(HANDLE aFd, long aMask) override;
+    int OnClose(CmHandle aFd, long aMask) override;
 
-    // Sets a socket's IP type-of-service byte to the DWORD at aTos; of an IPv6 socket also the traffic class.
+    // Sets a socket's IP type-of-service byte to the CmDword at aTos; of an IPv6 socket also the traffic class.
     // CM_ERROR_NETWORK_SOCKET_ERROR, traced: the system refuses, or it is a Unix socket.
     static CmResult SetTos2Socket(CCmSocketBase& aSocket, void* aTos);
 
@@ -46,8 +46,8 @@ protected:
 
     // For the option tables: the socket's own options, and the refusal of unknown ones. aSocket null: no socket; aClass is the
     // transport's name in the trace.
-    CmResult SetSocketOption_i(const char* aClass, CCmSocketBase* aSocket, DWORD aCommand, void* aArg);
-    CmResult GetSocketOption_i(const char* aClass, CCmSocketBase* aSocket, DWORD aCommand, void* aArg);
+    CmResult SetSocketOption_i(const char* aClass, CCmSocketBase* aSocket, CmDword aCommand, void* aArg);
+    CmResult GetSocketOption_i(const char* aClass, CCmSocketBase* aSocket, CmDword aCommand, void* aArg);
 
     // A way in which connections fail. Failures are rare, so each connection has only a pointer to one.
     struct CWayToFail {
@@ -63,7 +63,7 @@ protected:
     // Stores the failure that ends the connection, for CM_OPT_TRANSPORT_LAST_FAILURE. The first one counts; a system failure
     // without an errno is ignored. aWay must stay valid.
     void NoteFailure_i(const CWayToFail& aWay, int aErrno = 0);
-    BOOL HasFailed_i() const { return m_pFailure != nullptr; }
+    CmBool HasFailed_i() const { return m_pFailure != nullptr; }
     CCmFailure GetFailure_i(const CCmInetAddr& aPeer) const;
 
     void RemoveFromReactor_i();
@@ -72,7 +72,7 @@ protected:
     const talvo::CHomeReactor m_pReactor;
 
 private:
-    void EndInOrder_i(BOOL aCut) override;
+    void EndInOrder_i(CmBool aCut) override;
 
     int m_nErrno = 0;
     const CWayToFail* m_pFailure = nullptr;  // null: no failure

@@ -13,7 +13,7 @@ class ICmAcceptorConnectorId;
 class ICmTransport;
 
 // Send priority; passed on unchanged to a layer that orders sends. TCP sends in the order of the calls.
-enum ECmTransportPriority : DWORD {
+enum ECmTransportPriority : CmDword {
     CM_TRANSPORT_PRIORITY_HIGH = 0,
     CM_TRANSPORT_PRIORITY_MEDIUM = 1,
     CM_TRANSPORT_PRIORITY_NORMAL = 2,
@@ -21,7 +21,7 @@ enum ECmTransportPriority : DWORD {
 };
 
 // Base types of a connection type, and the values of CM_OPT_TRANSPORT_TRAN_TYPE.
-enum ECmTransportType : DWORD {
+enum ECmTransportType : CmDword {
     CM_TRANSPORT_TYPE_TCP = 1,
     CM_TRANSPORT_TYPE_UDP = 2,
     CM_TRANSPORT_TYPE_TLS_1_2 = 4,
@@ -37,7 +37,7 @@ enum ECmTransportType : DWORD {
 struct CCmTransportParameter {
     explicit CCmTransportParameter(ECmTransportPriority aPriority = CM_TRANSPORT_PRIORITY_NORMAL) : m_Priority(aPriority) {}
 
-    DWORD m_dwHaveSent = 0;  // (out) of SendData: the bytes that this call took
+    CmDword m_dwHaveSent = 0;  // (out) of SendData: the bytes that this call took
     ECmTransportPriority m_Priority;
 };
 
@@ -45,50 +45,50 @@ struct CCmTransportParameter {
 // waits for the network thread at options with [waits], and returns CM_ERROR_NULL_POINTER if the transport has ended. It
 // answers the others at once. The addresses, the type and the last failure are also available inside the last upcall and until
 // the release.
-enum ECmTransportOption : DWORD {
-    CM_OPT_TRANSPORT_FIO_NREAD = 101,   // [waits] get DWORD: bytes that can be read now
-    CM_OPT_TRANSPORT_FD = 103,          // [waits] get HANDLE; set HANDLE: only CM_INVALID_HANDLE, which takes the socket out of
-                                        // the reactor and detaches it: closing the transport no longer closes it;
-                                        // CM_ERROR_NOT_AVAILABLE: the transport holds bytes of the connection
+enum ECmTransportOption : CmDword {
+    CM_OPT_TRANSPORT_FIO_NREAD = 101,  // [waits] get CmDword: bytes that can be read now
+    CM_OPT_TRANSPORT_FD = 103,  // [waits] get CmHandle; set CmHandle: only CM_INVALID_HANDLE, which takes the socket out of
+                                // the reactor and detaches it: closing the transport no longer closes it;
+                                // CM_ERROR_NOT_AVAILABLE: the transport holds bytes of the connection
     CM_OPT_TRANSPORT_LOCAL_ADDR = 104,  // get CCmInetAddr; a proxy's also after the end
     CM_OPT_TRANSPORT_PEER_ADDR = 105,   // get CCmInetAddr; also after the end
-    CM_OPT_TRANSPORT_SOCK_ALIVE = 106,  // [waits] get BOOL: FALSE: the close of the peer was seen; over TLS
+    CM_OPT_TRANSPORT_SOCK_ALIVE = 106,  // [waits] get CmBool: FALSE: the close of the peer was seen; over TLS
                                         // also while records before it are unread;
                                         // CM_ERROR_NOT_INITIALIZED (and FALSE) on a closed transport
-    CM_OPT_TRANSPORT_TRAN_TYPE = 107,   // get DWORD: 1 TCP, 2 UDP, or another base type; a thread proxy adds 0x20000 or else
+    CM_OPT_TRANSPORT_TRAN_TYPE = 107,   // get CmDword: 1 TCP, 2 UDP, or another base type; a thread proxy adds 0x20000 or else
                                         // 0x10000 if the type that it was made with has that bit
-    CM_OPT_TRANSPORT_KEEPALIVE = 108,   // [waits] set DWORD: more than 0 enables TCP keep-alive, 0 disables it
+    CM_OPT_TRANSPORT_KEEPALIVE = 108,   // [waits] set CmDword: more than 0 enables TCP keep-alive, 0 disables it
     CM_OPT_TRANSPORT_SNDBUF = 109,      // [waits] get, set int: the socket's send buffer in bytes. The system doubles the set
                                         // value, and then no longer grows the buffer of a TCP socket itself
     CM_OPT_TRANSPORT_RCVBUF = 110,      // [waits] get, set int: the socket's receive buffer in bytes; likewise
     CM_OPT_TRANSPORT_INNER_TRANSPORT = 112,  // [waits] get ICmTransport*, no reference added: thread proxies only, the
                                              // transport in the network thread, to be used there only
-    CM_OPT_TRANSPORT_TOS = 113,              // [waits] set DWORD: the IP type-of-service byte, or IPv6 traffic class; not on
+    CM_OPT_TRANSPORT_TOS = 113,              // [waits] set CmDword: the IP type-of-service byte, or IPv6 traffic class; not on
                                              // Unix sockets
-    CM_OPT_TRANSPORT_PAUSE_READING = 141,  // get, set BOOL: no OnReceive and no report of an orderly close by the peer until it
-                                           // is FALSE again; no data is lost. A failure is still reported
-    CM_OPT_TRANSPORT_PROXY_SEND_LIMIT = 142,  // get, set DWORD: thread proxies only, see CCmTransportThreadProxy
-    CM_OPT_TRANSPORT_PROXY_RECV_LIMIT = 143,  // get, set DWORD: thread proxies only
-    // [waits] get DWORD: bytes taken that the peer's system has not acknowledged; 0 over UDP, and over Unix sockets, where it
+    CM_OPT_TRANSPORT_PAUSE_READING = 141,  // get, set CmBool: no OnReceive and no report of an orderly close by the peer until
+                                           // it is FALSE again; no data is lost. A failure is still reported
+    CM_OPT_TRANSPORT_PROXY_SEND_LIMIT = 142,  // get, set CmDword: thread proxies only, see CCmTransportThreadProxy
+    CM_OPT_TRANSPORT_PROXY_RECV_LIMIT = 143,  // get, set CmDword: thread proxies only
+    // [waits] get CmDword: bytes taken that the peer's system has not acknowledged; 0 over UDP, and over Unix sockets, where it
     // has them at once. A protocol connection adds the bytes that it has not sent yet to the value of its own transport.
     CM_OPT_TRANSPORT_UNACKNOWLEDGED = 144,
-    // [waits] get DWORD: protocol connections only, the longest message that one SendData can take now.
+    // [waits] get CmDword: protocol connections only, the longest message that one SendData can take now.
     CM_OPT_TRANSPORT_MAX_MESSAGE = 145,
-    // [waits] set BOOL: protocol connections only. TRUE: SendData gathers; FALSE: sends the gathered data with few system
+    // [waits] set CmBool: protocol connections only. TRUE: SendData gathers; FALSE: sends the gathered data with few system
     // calls. Any upcall may come inside, OnDisconnect included.
     CM_OPT_TRANSPORT_CORK = 146,
-    // set BOOL TRUE: half-close. The peer gets the end after all data taken, and reception continues. A SendData afterwards is
-    // CM_ERROR_NETWORK_SOCKET_ERROR, and no OnDisconnect follows. A second TRUE is CM_OK and has no effect; FALSE is
+    // set CmBool TRUE: half-close. The peer gets the end after all data taken, and reception continues. A SendData afterwards
+    // is CM_ERROR_NETWORK_SOCKET_ERROR, and no OnDisconnect follows. A second TRUE is CM_OK and has no effect; FALSE is
     // CM_ERROR_INVALID_ARG. Raw TCP only.
     CM_OPT_TRANSPORT_END_SENDING = 147,
-    // set BOOL TRUE: the peer's half-close is one OnReceive with an empty block, after all data; the transport stays open and
+    // set CmBool TRUE: the peer's half-close is one OnReceive with an empty block, after all data; the transport stays open and
     // can send. A hang-up or failure is still OnDisconnect. Raw TCP only; a half-close that came before
     // it is OnDisconnect, so set it before OpenWithSink.
     CM_OPT_TRANSPORT_TELL_END = 148,
-    // [waits] get, set DWORD: the most bytes of one read, and so of one OnReceive of a raw transport; 4,096 to 1,048,576. TCP
+    // [waits] get, set CmDword: the most bytes of one read, and so of one OnReceive of a raw transport; 4,096 to 1,048,576. TCP
     // starts with the key "ReadSize" (16,384). Proxies, protocol connections and HTTP set 65,536.
     CM_OPT_TRANSPORT_READ_SIZE = 149,
-    // set BOOL TRUE: a layer above, a protocol connection or a thread proxy, ends this transport gracefully, so
+    // set CmBool TRUE: a layer above, a protocol connection or a thread proxy, ends this transport gracefully, so
     // CCmConnectionManager::Drain does not. Set it before OpenWithSink.
     CM_OPT_TRANSPORT_LAYERED = 160,
     // [waits] get ucred (<sys/socket.h>): process, user and group of the peer of a Unix socket when it connected or listened,
@@ -107,14 +107,14 @@ enum ECmTransportOption : DWORD {
 };
 
 // Commands of ICmConnectOptions. Three of ECmTransportOption are also valid: CM_OPT_TRANSPORT_SNDBUF and _RCVBUF (get, set int)
-// and CM_OPT_TRANSPORT_READ_SIZE (get, set DWORD; not over datagrams). They apply to the sockets that the next AsycConnect or
+// and CM_OPT_TRANSPORT_READ_SIZE (get, set CmDword; not over datagrams). They apply to the sockets that the next AsycConnect or
 // StartListen opens, instead of the configuration's keys; 0, the default: the keys apply. A receive buffer is set before the
 // connect, because it then limits the window that the peer can get. A protocol's connector or acceptor passes all commands but
 // 165 to the one below. A thread proxy copies the value at once, and passes it on when the next attempt or StartListen begins;
 // if the object behind it refuses the value, that one fails with the refusal's result.
 //
 // "TLS only": CM_ERROR_INVALID_ARG on types 1 and 2. Each value applies from the next AsycConnect or StartListen.
-enum ECmConnectOption : DWORD {
+enum ECmConnectOption : CmDword {
     // get, set CCmRefPtrT<CCmSslContext>: TLS only. Null, the default: a client uses CCmSslContext::GetDefault(), and
     // StartListen fails.
     CM_OPT_CONNECT_SSL_CONTEXT = 161,
@@ -125,15 +125,15 @@ enum ECmConnectOption : DWORD {
     // get, set CCmProxyRoute: connectors of the types 1, 4, 8, 12 and 0x8000. The proxy servers to use, in this order, without
     // any rule of the user's settings. Empty, the default: CM_OPT_CONNECT_PROXY decides. A path is connected directly.
     CM_OPT_CONNECT_ROUTE = 163,
-    // get, set DWORD: likewise, an ECmConnectProxy for attempts without a route.
+    // get, set CmDword: likewise, an ECmConnectProxy for attempts without a route.
     CM_OPT_CONNECT_PROXY = 164,
     // get CCmFailure: the failure of a connector's last attempt, inside its indication and until the next AsycConnect; the
     // failure of an acceptor's last StartListen. CM_FAILURE_NONE: no failure. A thread proxy answers without waiting.
     CM_OPT_CONNECT_FAILURE = 165,
-    // get, set DWORD: TLS only, the milliseconds that a handshake may take. 0, the default: 10,000; a connector whose
+    // get, set CmDword: TLS only, the milliseconds that a handshake may take. 0, the default: 10,000; a connector whose
     // AsycConnect has a time-out then has only that one.
     CM_OPT_CONNECT_HANDSHAKE_TIME = 166,
-    // get, set DWORD: acceptors of TLS only, the most handshakes at the same time. 0, the default: 1,024. Beyond it a further
+    // get, set CmDword: acceptors of TLS only, the most handshakes at the same time. 0, the default: 1,024. Beyond it a further
     // peer replaces the one that has been silent longest, if that is a second or more; otherwise peers wait in the backlog.
     CM_OPT_CONNECT_MAX_HANDSHAKES = 167,
     // get, set CCmString: TLS only. The protocols of the connections, as for CCmSslContext::SetAlpn and instead of the
@@ -142,7 +142,7 @@ enum ECmConnectOption : DWORD {
 };
 
 // Values of CM_OPT_CONNECT_PROXY.
-enum ECmConnectProxy : DWORD {
+enum ECmConnectProxy : CmDword {
     CM_CONNECT_PROXY_DEFAULT = 0,    // DISCOVERED for type 0x8000, NEVER for all others
     CM_CONNECT_PROXY_NEVER = 1,      // directly
     CM_CONNECT_PROXY_DISCOVERED = 2  // the route of the process's proxy source, see ICmProxySource; without one directly
@@ -192,8 +192,8 @@ public:
     // See ECmTransportOption. CM_ERROR_INVALID_ARG: an unknown command, or a null argument. CM_ERROR_NETWORK_SOCKET_ERROR: the
     // system refuses. CM_ERROR_NULL_POINTER: the transport of a thread proxy has ended. CM_ERROR_NOT_INITIALIZED: the option
     // needs the transport's thread, which has ended.
-    virtual CmResult SetOption(DWORD aCommand, void* aArg) = 0;
-    virtual CmResult GetOption(DWORD aCommand, void* aArg) = 0;
+    virtual CmResult SetOption(CmDword aCommand, void* aArg) = 0;
+    virtual CmResult GetOption(CmDword aCommand, void* aArg) = 0;
 
     // Closes and detaches the sink: no upcall follows. With CM_OK the peer gets an orderly end. The caller still releases.
     virtual CmResult Disconnect(CmResult aReason) = 0;
@@ -202,7 +202,7 @@ public:
 // The common part of acceptors and connectors: the identity in OnConnectIndication.
 class TALVO_API ICmAcceptorConnectorId : public ICmReferenceControl {
 public:
-    virtual BOOL IsConnector() = 0;
+    virtual CmBool IsConnector() = 0;
 };
 
 class TALVO_API ICmAcceptorConnectorSink {
@@ -218,8 +218,8 @@ public:
 class TALVO_API ICmConnectOptions {
 public:
     // See ECmConnectOption. CM_ERROR_INVALID_ARG: an unknown command, a read-only one, an invalid value, or a null argument.
-    virtual CmResult SetOption(DWORD aCommand, void* aArg) = 0;
-    virtual CmResult GetOption(DWORD aCommand, void* aArg) = 0;
+    virtual CmResult SetOption(CmDword aCommand, void* aArg) = 0;
+    virtual CmResult GetOption(CmDword aCommand, void* aArg) = 0;
 
 protected:
     virtual ~ICmConnectOptions();
@@ -263,7 +263,7 @@ public:
     // have started have failed, the next one starts at once. The connections stay for later races. CM_ERROR_NOT_AVAILABLE: a
     // race runs, or there are 16. CM_ERROR_INVALID_ARG: type 0x8001. Otherwise the results of
     // CCmConnectionManager::CreateConnectionClient for the type.
-    virtual CmResult AddConnection(DWORD aType, const CCmInetAddr& aAddrPeer, CCmTimeValue* aDelay = nullptr) = 0;
+    virtual CmResult AddConnection(CmDword aType, const CCmInetAddr& aAddrPeer, CCmTimeValue* aDelay = nullptr) = 0;
 
     // Starts a race, as AsycConnect starts an attempt, to the addresses of AddConnection. AsycConnect starts the same race to
     // its own address. aTimeout covers the race. If all connections have failed, the reason and CM_OPT_CONNECT_FAILURE are

@@ -12,48 +12,48 @@ namespace talvo {
 class TALVO_API CBufferedSending {
 public:
     // aMaxBufLen: bytes. aDirect has the transport and sends the data that bypasses the buffer. It outlives this object.
-    CBufferedSending(DWORD aMaxBufLen, CDirectSending& aDirect)
+    CBufferedSending(CmDword aMaxBufLen, CDirectSending& aDirect)
         : m_SendBuf(aMaxBufLen), m_dwMaxBufLen(aMaxBufLen), m_Direct(aDirect) {}
 
-    void SetMaxBufLen(DWORD aMaxBufLen);
-    DWORD GetMaxBufLen() const { return m_dwMaxBufLen; }
-    void SetReceived(DWORD aReceived) { m_SendBuf.SetSeq4ACK(aReceived); }
-    DWORD GetUnsent() const { return m_SendBuf.GetUnsent(); }
+    void SetMaxBufLen(CmDword aMaxBufLen);
+    CmDword GetMaxBufLen() const { return m_dwMaxBufLen; }
+    void SetReceived(CmDword aReceived) { m_SendBuf.SetSeq4ACK(aReceived); }
+    CmDword GetUnsent() const { return m_SendBuf.GetUnsent(); }
 
     // A data PDU around aData, which is consumed. CM_ERROR_PARTIAL_DATA: no room now. CM_ERROR_OUT_OF_MEMORY.
-    CmResult Add(CCmMessageBlock& aData, BOOL aNeedACK);
+    CmResult Add(CCmMessageBlock& aData, CmBool aNeedACK);
     // Unless other data is due to be sent.
     void AddKeepAlive();
     void AddDisconn(CmResult aReason) { m_SendBuf.AddDisconnPDU(aReason); }
 
     // TRUE: a data PDU of aLength bytes can bypass the buffer: corked, not acknowledged, and no PDU before it is in the buffer.
     // Makes room for it if possible.
-    BOOL MayGather(DWORD aLength, BOOL aNeedACK);
+    CmBool MayGather(CmDword aLength, CmBool aNeedACK);
     // TRUE: the queued bytes fill a call of the transport.
-    BOOL HasFullCall() const;
+    CmBool HasFullCall() const;
 
     // Sends the pending bytes and then the buffer. CM_OK: all is sent; else the transport's result. aNeedACK: sent PDUs stay
     // until the peer acknowledges them.
-    CmResult Flush(BOOL aNeedACK);
+    CmResult Flush(CmBool aNeedACK);
     // Moves the unsent bytes after the pending ones. FALSE: memory ran out.
-    BOOL MoveToPending();
+    CmBool MoveToPending();
 
-    int DoACK(DWORD aSeq) { return m_SendBuf.DoACK(aSeq); }
+    int DoACK(CmDword aSeq) { return m_SendBuf.DoACK(aSeq); }
     void OnTransportLost() { m_SendBuf.OnTransportLost(); }
     // The peer has received up to aSeq; the rest is sent again. FALSE: aSeq is no resume point, and the state is unchanged.
-    BOOL Resume(DWORD aSeq) { return m_SendBuf.IsResumePoint(aSeq) && m_SendBuf.DoReconnACK(aSeq) != -1; }
+    CmBool Resume(CmDword aSeq) { return m_SendBuf.IsResumePoint(aSeq) && m_SendBuf.DoReconnACK(aSeq) != -1; }
     void Reset() { m_SendBuf.Reset(); }
 
     CCsSendBuf& GetSendBuf() { return m_SendBuf; }
     const CCsSendBuf& GetSendBuf() const { return m_SendBuf; }
 
 private:
-    BOOL HasRoom(DWORD aLength, BOOL aNeedACK) const;
+    CmBool HasRoom(CmDword aLength, CmBool aNeedACK) const;
     CmResult SendCurrent();
-    CmResult DropDatagram(DWORD aLength, CmResult aReason);
+    CmResult DropDatagram(CmDword aLength, CmResult aReason);
 
     CCsSendBuf m_SendBuf;
-    DWORD m_dwMaxBufLen;
+    CmDword m_dwMaxBufLen;
     CDirectSending& m_Direct;
 };
 

@@ -16,35 +16,35 @@ namespace talvo {
 class TALVO_API CChannelNumbers {
 public:
     // 0: none is free. aNow: microseconds of any clock that does not go back.
-    WORD Take(int64_t aNow);
+    CmWord Take(int64_t aNow);
     // The number rests until then; without memory it does not rest.
-    void GiveBack(WORD aNumber, int64_t aUntil);
+    void GiveBack(CmWord aNumber, int64_t aUntil);
 
 private:
-    static constexpr DWORD COUNT = 65535;
+    static constexpr CmDword COUNT = 65535;
 
     class CNumberSet {
     public:
-        BOOL Has(WORD aNumber) const { return (m_Bits[aNumber / 64] & BitOf(aNumber)) != 0; }
-        void Add(WORD aNumber);
-        void Remove(WORD aNumber);
+        CmBool Has(CmWord aNumber) const { return (m_Bits[aNumber / 64] & BitOf(aNumber)) != 0; }
+        void Add(CmWord aNumber);
+        void Remove(CmWord aNumber);
         // A number that is not in the set, each with the same chance. 0: there is none.
-        WORD PickOther() const;
+        CmWord PickOther() const;
 
     private:
-        static uint64_t BitOf(WORD aNumber) { return uint64_t{1} << aNumber % 64; }
+        static uint64_t BitOf(CmWord aNumber) { return uint64_t{1} << aNumber % 64; }
 
         std::array<uint64_t, (COUNT + 1) / 64> m_Bits{1};  // 0 is no number
-        DWORD m_dwCount = 0;
+        CmDword m_dwCount = 0;
     };
-    using CByTime = std::multimap<int64_t, WORD>;
+    using CByTime = std::multimap<int64_t, CmWord>;
 
     void Wake_i(CByTime::iterator aPlace);
 
     CNumberSet m_Used;
     CNumberSet m_Busy;  // used or resting
     CByTime m_ByTime;   // the resting ones, by the end of the rest
-    std::unordered_map<WORD, CByTime::iterator> m_Resting;
+    std::unordered_map<CmWord, CByTime::iterator> m_Resting;
 };
 
 }  // namespace talvo

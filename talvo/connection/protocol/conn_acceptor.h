@@ -14,9 +14,9 @@ class TALVO_API CConnAcceptorBase : public ICmAcceptor,
                                     public CConnectOptions,
                                     private CCmThreadTenant {
 public:
-    DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
-    DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
-    BOOL IsConnector() override { return FALSE; }
+    CmDword AddReference() override { return CCmReferenceControlT::AddReference(); }
+    CmDword ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
+    CmBool IsConnector() override { return CM_FALSE; }
 
     CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) override;
     CmResult StopListen(CmResult aReason) override;
@@ -39,8 +39,8 @@ private:
     void OnDrain(ECmDrainStage aStage) override;
 
     CCmFailure GetFailure() const override { return GetConnectFailure(m_pLower.Get()); }
-    CmResult SetOption_i(DWORD aCommand, void* aArg) override { return SetConnectOption(m_pLower.Get(), aCommand, aArg); }
-    CmResult GetOption_i(DWORD aCommand, void* aArg) override { return GetConnectOption(m_pLower.Get(), aCommand, aArg); }
+    CmResult SetOption_i(CmDword aCommand, void* aArg) override { return SetConnectOption(m_pLower.Get(), aCommand, aArg); }
+    CmResult GetOption_i(CmDword aCommand, void* aArg) override { return GetConnectOption(m_pLower.Get(), aCommand, aArg); }
     void Stop_i(CmResult aReason);
 
     CCmEnsureSingleThread m_Est;
@@ -58,11 +58,11 @@ template <class T>
 class CConnAcceptorT final : public talvo::CConnAcceptorBase {
 public:
     // aLower: the acceptor of the base type, not shared. aNeedKeepAlive: for a T that supports keep-alives.
-    CConnAcceptorT(CCmRefPtrT<ICmAcceptor> aLower, BOOL aNeedKeepAlive)
+    CConnAcceptorT(CCmRefPtrT<ICmAcceptor> aLower, CmBool aNeedKeepAlive)
         : CConnAcceptorBase(std::move(aLower)), m_bNeedKeepAlive(aNeedKeepAlive) {}
 
 private:
     talvo::COpeningConn MakeConnection() override { return talvo::NewOpeningConn<T>(m_bNeedKeepAlive); }
 
-    const BOOL m_bNeedKeepAlive;
+    const CmBool m_bNeedKeepAlive;
 };

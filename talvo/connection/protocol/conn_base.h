@@ -12,20 +12,20 @@
 // returned.
 class TALVO_API CConnBase : public talvo::CDrainedTransport, public CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
 public:
-    enum : WORD {
+    enum : CmWord {
         CS_STATUS_NOT_CONNECTED = 1,  // at first, and after the end
         CS_STATUS_HANDSHAKE = 2,
         CS_STATUS_CONNECTED = 3,    // data flows in this status only
         CS_STATUS_RECONNECTING = 4  // reliable connections only
     };
 
-    DWORD AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }
-    DWORD ReleaseReference() override { return CCmReferenceControlTimerDeleteT::ReleaseReference(); }
+    CmDword AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }
+    CmDword ReleaseReference() override { return CCmReferenceControlTimerDeleteT::ReleaseReference(); }
 
     // CM_ERROR_INVALID_ARG: aSink is null. CM_ERROR_NOT_AVAILABLE: the connection has ended, or was never opened.
     CmResult OpenWithSink(ICmTransportSink* aSink) override;
     ICmTransportSink* GetSink() override { return m_pSink; }
-    BOOL IsOfThisThread() const override { return m_Est.IsCurrentThread(); }
+    CmBool IsOfThisThread() const override { return m_Est.IsCurrentThread(); }
 
     // The transport below; this connection ends it gracefully and keeps a reference.
     void SetTPTransport(ICmTransport* aTransport);
@@ -37,11 +37,11 @@ public:
     //   NOT_CONNECTED --> HANDSHAKE --> CONNECTED --> RECONNECTING
     //         |                            ^  ^            |
     //         +----------------------------+  +------------+      and from each back to NOT_CONNECTED
-    void SetCurrStatus(WORD aStatus);
-    WORD GetCurrStatus() const { return m_wStatus; }
-    void SetChannel(WORD aChannel) { m_wChannel = aChannel; }
-    WORD GetChannel() const { return m_wChannel; }
-    BYTE GetConnType() const { return m_byConnType; }
+    void SetCurrStatus(CmWord aStatus);
+    CmWord GetCurrStatus() const { return m_wStatus; }
+    void SetChannel(CmWord aChannel) { m_wChannel = aChannel; }
+    CmWord GetChannel() const { return m_wChannel; }
+    CmByte GetConnType() const { return m_byConnType; }
 
     // The connector or acceptor that made it; not owned. Null: no more reports to it.
     void SetConnConnector(talvo::CConnOwner* aConnector) { m_pOwner = aConnector; }
@@ -68,19 +68,19 @@ protected:
 
     // Values of the transport below; CM_ERROR_NOT_AVAILABLE without one. The addresses, the type and the last failure are also
     // available after the end.
-    CmResult SetTransportOption_i(DWORD aCommand, void* aArg);
-    CmResult GetTransportOption_i(DWORD aCommand, void* aArg);
+    CmResult SetTransportOption_i(CmDword aCommand, void* aArg);
+    CmResult GetTransportOption_i(CmDword aCommand, void* aArg);
 
     CCmEnsureSingleThread m_Est;
     CCmRefPtrT<ICmTransport> m_pTransport;
     talvo::CConnOwner* m_pOwner = nullptr;  // not owned; set until the opening has ended
-    WORD m_wStatus = CS_STATUS_NOT_CONNECTED;
-    WORD m_wChannel = 0;
-    BYTE m_byConnType = 15;
+    CmWord m_wStatus = CS_STATUS_NOT_CONNECTED;
+    CmWord m_wChannel = 0;
+    CmByte m_byConnType = 15;
 
 private:
-    void EndInOrder_i(BOOL aCut) override;
-    CmResult GetKeptOption_i(DWORD aCommand, void* aArg);
+    void EndInOrder_i(CmBool aCut) override;
+    CmResult GetKeptOption_i(CmDword aCommand, void* aArg);
 
     CCmRefPtrT<ICmTransport> m_pEnded;  // the transport below until the end; only for options
     const char* m_pFailureText = nullptr;

@@ -14,9 +14,9 @@ class TALVO_API CConnConnectorBase : public ICmConnector,
                                      public CConnectOptions,
                                      private CCmThreadTenant {
 public:
-    DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
-    DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
-    BOOL IsConnector() override { return TRUE; }
+    CmDword AddReference() override { return CCmReferenceControlT::AddReference(); }
+    CmDword ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
+    CmBool IsConnector() override { return CM_TRUE; }
 
     void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
                      CCmInetAddr* aAddrLocal = nullptr) override;
@@ -36,8 +36,8 @@ private:
     void OnDrain(ECmDrainStage aStage) override;
 
     CCmFailure GetFailure() const override { return m_Failure; }
-    CmResult SetOption_i(DWORD aCommand, void* aArg) override { return SetConnectOption(m_pLower.Get(), aCommand, aArg); }
-    CmResult GetOption_i(DWORD aCommand, void* aArg) override { return GetConnectOption(m_pLower.Get(), aCommand, aArg); }
+    CmResult SetOption_i(CmDword aCommand, void* aArg) override { return SetConnectOption(m_pLower.Get(), aCommand, aArg); }
+    CmResult GetOption_i(CmDword aCommand, void* aArg) override { return GetConnectOption(m_pLower.Get(), aCommand, aArg); }
     CCmFailure FailureOf_i(CConnBase& aConn) const;
     void Cancel_i();
     void OnNoMemory();
@@ -63,11 +63,11 @@ template <class T>
 class CConnConnectorT final : public talvo::CConnConnectorBase {
 public:
     // aLower: the connector of the base type, not shared. aNeedKeepAlive: for a T that supports keep-alives.
-    CConnConnectorT(CCmRefPtrT<ICmConnector> aLower, BOOL aNeedKeepAlive)
+    CConnConnectorT(CCmRefPtrT<ICmConnector> aLower, CmBool aNeedKeepAlive)
         : CConnConnectorBase(std::move(aLower)), m_bNeedKeepAlive(aNeedKeepAlive) {}
 
 private:
     talvo::COpeningConn MakeConnection() override { return talvo::NewOpeningConn<T>(m_bNeedKeepAlive); }
 
-    const BOOL m_bNeedKeepAlive;
+    const CmBool m_bNeedKeepAlive;
 };

@@ -16,7 +16,7 @@ public:
     CConnServerList& operator=(const CConnServerList&) = delete;
 
     // Has no effect for a connection in the list. FALSE: memory ran out.
-    BOOL Add(const COpeningConn& aOpening) {
+    CmBool Add(const COpeningConn& aOpening) {
         return WithMemory([&] { m_Connections.emplace(aOpening.m_pConn.Get(), aOpening); });
     }
 

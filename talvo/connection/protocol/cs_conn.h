@@ -37,21 +37,21 @@ class TALVO_API CCsConn : public CConnBase,
                           public talvo::IFramedSending {
 public:
     // aMaxBufLen: bytes of the send buffer; 0: none.
-    explicit CCsConn(DWORD aMaxBufLen);
+    explicit CCsConn(CmDword aMaxBufLen);
     ~CCsConn() override;
 
     // TRUE: send keep-alives. Call it before the connection is up.
-    void NeedKeepAlive(BOOL aNeed) { m_bNeedKeepAlive = aNeed; }
+    void NeedKeepAlive(CmBool aNeed) { m_bNeedKeepAlive = aNeed; }
     // 1: a server's side, 2: a client's; 0: neither.
-    BYTE GetInstanceType() const { return m_byInstanceType; }
+    CmByte GetInstanceType() const { return m_byInstanceType; }
 
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
     EFraming GetFraming() const override { return m_bNeedACK || m_bDatagrams ? NOT_FRAMED : PACKAGE; }
-    CmResult SendFrames(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken) override;
+    CmResult SendFrames(CCmMessageBlock& aFrames, const CmDword* aLengths, CmDword aCount, CmDword& aTaken) override;
     // The commands of ECsOption and, of ECmTransportOption, 141 and 144 to 146. All others go to the transport below,
     // CM_ERROR_NOT_AVAILABLE without one.
-    CmResult SetOption(DWORD aCommand, void* aArg) override;
-    CmResult GetOption(DWORD aCommand, void* aArg) override;
+    CmResult SetOption(CmDword aCommand, void* aArg) override;
+    CmResult GetOption(CmDword aCommand, void* aArg) override;
     CmResult Disconnect(CmResult aReason) override;
 
 protected:
@@ -61,7 +61,7 @@ protected:
     virtual CmResult SendConnResp();
     virtual CmResult SendDisconn(CmResult aReason);
     virtual CmResult SendDataFromSendBuf();
-    virtual int DoACK(DWORD aSeq);
+    virtual int DoACK(CmDword aSeq);
     virtual void OnRecvConnResp() {}
     virtual void OnRecvConnReq() {}
     virtual void OnRecvDisconn();
@@ -74,8 +74,8 @@ public:
     void OnSend(ICmTransport* aTrpt, CCmTransportParameter* aPara = nullptr) override;
 
 protected:
-    static constexpr DWORD TYPE_RELIABLE = talvo::CConnectionType::CANONICAL_RELIABLE;
-    enum : BYTE { INSTANCE_NONE = 0, INSTANCE_SERVER = 1, INSTANCE_CLIENT = 2 };
+    static constexpr CmDword TYPE_RELIABLE = talvo::CConnectionType::CANONICAL_RELIABLE;
+    enum : CmByte { INSTANCE_NONE = 0, INSTANCE_SERVER = 1, INSTANCE_CLIENT = 2 };
 
     // Takes the transport below and determines its type.
     void TakeTransport_i(ICmTransport* aTransport);
@@ -87,7 +87,7 @@ protected:
     // before new ones. CM_ERROR_FAILURE: the counter is no resume point. The state is unchanged, and the connection cannot
     // continue.
     void DetachTransport_i(CmResult aReason);
-    CmResult ResumeData_i(DWORD aPeerReceived);
+    CmResult ResumeData_i(CmDword aPeerReceived);
 
     // The engine has found the end: a violation, a disconnect PDU, or no memory. The same as a loss of the transport, unless a
     // derived class continues after a loss.
@@ -103,16 +103,16 @@ protected:
     void End_i(CmResult aTransportReason);
 
     // Reads the type of the first PDU of the received bytes. FALSE: there is no such type.
-    BOOL GetPDUType();
+    CmBool GetPDUType();
     CCsPduConnReqResp TakeConnectPdu_i();
     // The first 8 bytes of a connect PDU have come. FALSE: more of it is missing.
-    virtual BOOL IsConnectPduWhole_i() { return TRUE; }
+    virtual CmBool IsConnectPduWhole_i() { return CM_TRUE; }
     // Encodes a connect PDU of this connection, with its counter and channel.
-    virtual void EncodeConnectPdu_i(BYTE aType, CCmMessageBlock& aMb) const;
+    virtual void EncodeConnectPdu_i(CmByte aType, CCmMessageBlock& aMb) const;
 
     // TRUE: a message counts as received before the sink gets it, so that the peer does not send it again over a transport that
     // an upcall makes necessary.
-    virtual BOOL CountsBeforeUpcall_i() const { return FALSE; }
+    virtual CmBool CountsBeforeUpcall_i() const { return CM_FALSE; }
 
     // Enough bytes have come for an acknowledgement.
     virtual void SendAck_i() {}
@@ -123,59 +123,59 @@ protected:
     // The periodic work of a connected side.
     CmResult ScheduleKeepAlive_i() { return m_Liveness.Start(this); }
     void SendKeepAliveIfDue_i();
-    virtual BOOL HasKeepAliveTimer_i() const { return m_bNeedKeepAlive; }  // while connected
+    virtual CmBool HasKeepAliveTimer_i() const { return m_bNeedKeepAlive; }  // while connected
 
     // A derived class adds its own.
     virtual void CancelTimers_i() { m_Liveness.Stop(); }
 
     // TRUE: the sink has sent before the connection was up. StartData_i sends that data, and calls OnSend if it is due.
-    BOOL HasUnsentData_i() const { return m_Buffered && m_Buffered->GetUnsent() > 0; }
+    CmBool HasUnsentData_i() const { return m_Buffered && m_Buffered->GetUnsent() > 0; }
     void StartData_i();
 
-    DWORD m_dwType = 0;         // the connection type
-    DWORD m_cBaseType = 0;      // of the transport below
+    CmDword m_dwType = 0;       // the connection type
+    CmDword m_cBaseType = 0;    // of the transport below
     bool m_bDatagrams = false;  // derived from m_cBaseType
     bool m_bNeedACK = true;
     bool m_bNeedKeepAlive = false;
-    BYTE m_byInstanceType = INSTANCE_NONE;
+    CmByte m_byInstanceType = INSTANCE_NONE;
     char m_szConnReq[CCsPduConnToken::LENGTH] = {};  // the connect request, kept for a repeat
-    DWORD m_dwConnReq = 0;                           // its length; 0: none
+    CmDword m_dwConnReq = 0;                         // its length; 0: none
     talvo::CConnLiveness m_Liveness;
     talvo::CPduReader m_Reader;
     talvo::CDirectSending m_Direct{m_Liveness};
     std::optional<talvo::CBufferedSending> m_Buffered;  // none: m_Direct only
-    DWORD m_dwReceived = 0;                             // receive counter: the sequence number of the last data byte that came
+    CmDword m_dwReceived = 0;                           // receive counter: the sequence number of the last data byte that came
 
 private:
     // Sending.
-    DWORD GetMaxMessage_i() const;
-    CmResult RefuseTooLong_i(DWORD aLength) const;
+    CmDword GetMaxMessage_i() const;
+    CmResult RefuseTooLong_i(CmDword aLength) const;
     CmResult SendBuffered_i(CCmMessageBlock& aData);
     CmResult AddToSendBuf_i(CCmMessageBlock& aData);
     CmResult SendDirect_i(CCmMessageBlock& aData);
     CmResult SendConnectPdu_i(const CCmMessageBlock& aPdu);
-    BOOL LetLinger_i();
+    CmBool LetLinger_i();
     CmResult Uncork_i();
-    DWORD GetUnsent_i();
+    CmDword GetUnsent_i();
     void ForgetTransport_i();
     // Options.
-    CmResult SetMaxBufLen_i(DWORD aLength);
-    CmResult SetKeepAliveInterval_i(DWORD aSeconds);
-    CmResult PauseReading_i(BOOL aPause);
+    CmResult SetMaxBufLen_i(CmDword aLength);
+    CmResult SetKeepAliveInterval_i(CmDword aSeconds);
+    CmResult PauseReading_i(CmBool aPause);
     // Receiving.
-    BOOL IsMine_i(ICmTransport* aTrpt);
-    BOOL TakePdu_i(CCmTransportParameter* aPara);
-    BOOL TakeData_i(CCmTransportParameter* aPara);
-    CmResult Deliver_i(DWORD aLength, CCmTransportParameter* aPara);
-    BOOL ReadDataLength_i();
-    BOOL TakeAck_i(DWORD aSeq);
-    DWORD GetReceivedThen_i() const;
-    void SetReceived_i(DWORD aReceived);
-    BOOL Refuse_i(const char* aText);
+    CmBool IsMine_i(ICmTransport* aTrpt);
+    CmBool TakePdu_i(CCmTransportParameter* aPara);
+    CmBool TakeData_i(CCmTransportParameter* aPara);
+    CmResult Deliver_i(CmDword aLength, CCmTransportParameter* aPara);
+    CmBool ReadDataLength_i();
+    CmBool TakeAck_i(CmDword aSeq);
+    CmDword GetReceivedThen_i() const;
+    void SetReceived_i(CmDword aReceived);
+    CmBool Refuse_i(const char* aText);
     void DropDatagramRest_i();
 
-    DWORD m_dwMaxMessage = CS_DEFAULT_MAX_MESSAGE_LEN;
+    CmDword m_dwMaxMessage = CS_DEFAULT_MAX_MESSAGE_LEN;
     bool m_bAckProcessing = false;
     bool m_bNeedOnSend = false;  // a send was refused
-    DWORD m_dwAckBytes = 0;      // ACK byte counter
+    CmDword m_dwAckBytes = 0;    // ACK byte counter
 };

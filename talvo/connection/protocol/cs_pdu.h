@@ -7,7 +7,7 @@
 
 // Every PDU begins with its type; all numbers are big-endian. There is no separator between PDUs: the type defines the length
 // of the fixed part, and a data PDU contains the length of its payload.
-enum ECsPduType : BYTE {
+enum ECsPduType : CmByte {
     CS_PDU_TYPE_NONE = 0,  // never sent
     CS_PDU_TYPE_CONN_REQ = 1,
     CS_PDU_TYPE_CONN_RESP = 2,
@@ -31,7 +31,7 @@ enum ECsPduType : BYTE {
 // Any PDU as far as its type. A value.
 class TALVO_API CCsPduBase {
 public:
-    explicit CCsPduBase(BYTE aType) : m_byType(aType) {}
+    explicit CCsPduBase(CmByte aType) : m_byType(aType) {}
     CCsPduBase(const CCsPduBase&) = default;
     CCsPduBase& operator=(const CCsPduBase&) = default;
 
@@ -39,16 +39,16 @@ public:
     virtual void Decode(CCmMessageBlock& aMb);
     virtual void Encode(CCmMessageBlock& aMb) const;
     // As below, for this PDU.
-    virtual DWORD GetFixLength() const { return GetFixLength(m_byType, TRUE); }
+    virtual CmDword GetFixLength() const { return GetFixLength(m_byType, CM_TRUE); }
 
     // Bytes before the payload, at most MAX_FIX_LENGTH. bNeedACK is for data PDUs only. 0, with a trace line: no such type.
-    static DWORD GetFixLength(BYTE byType, BOOL bNeedACK);
-    static constexpr DWORD MAX_FIX_LENGTH = 9;
+    static CmDword GetFixLength(CmByte byType, CmBool bNeedACK);
+    static constexpr CmDword MAX_FIX_LENGTH = 9;
 
-    BYTE GetType() const { return m_byType; }
+    CmByte GetType() const { return m_byType; }
 
 protected:
-    BYTE m_byType;
+    CmByte m_byType;
 };
 
 //  0      1              5        7          8
@@ -58,28 +58,28 @@ protected:
 // ConnType is the sender's kind of connection; the receiver's must be the same. A value.
 class TALVO_API CCsPduConnReqResp : public CCsPduBase {
 public:
-    explicit CCsPduConnReqResp(DWORD aACK = 0, WORD aConTag = 0, BYTE aType = CS_PDU_TYPE_CONN_REQ, BYTE aConnType = 15)
+    explicit CCsPduConnReqResp(CmDword aACK = 0, CmWord aConTag = 0, CmByte aType = CS_PDU_TYPE_CONN_REQ, CmByte aConnType = 15)
         : CCsPduBase(aType), m_dwACK(aACK), m_wConTag(aConTag), m_byConnType(aConnType) {}
 
     void Decode(CCmMessageBlock& aMb) override;
     void Encode(CCmMessageBlock& aMb) const override;
 
-    DWORD GetACK() const { return m_dwACK; }
-    WORD GetConTag() const { return m_wConTag; }
-    BYTE GetConnType() const { return m_byConnType; }
+    CmDword GetACK() const { return m_dwACK; }
+    CmWord GetConTag() const { return m_wConTag; }
+    CmByte GetConnType() const { return m_byConnType; }
 
 private:
-    DWORD m_dwACK;
-    WORD m_wConTag;
-    BYTE m_byConnType;
+    CmDword m_dwACK;
+    CmWord m_wConTag;
+    CmByte m_byConnType;
 };
 
 // The secret of a connection. A value.
 struct CCsConnToken {
-    BYTE m_Bytes[16] = {};
+    CmByte m_Bytes[16] = {};
 
     // In constant time.
-    BOOL operator==(const CCsConnToken& aOther) const;
+    CmBool operator==(const CCsConnToken& aOther) const;
 };
 
 //  0                8               24        28
@@ -89,17 +89,17 @@ struct CCsConnToken {
 // Attempt: the number of the request, which grows with each; the response repeats it. A value.
 class TALVO_API CCsPduConnToken : public CCsPduConnReqResp {
 public:
-    static constexpr BYTE CONN_TYPE = 31;
-    static constexpr DWORD LENGTH = 28;
+    static constexpr CmByte CONN_TYPE = 31;
+    static constexpr CmDword LENGTH = 28;
 
     using CCsPduBase::GetFixLength;
     using CCsPduConnReqResp::CCsPduConnReqResp;
-    DWORD GetFixLength() const override { return LENGTH; }
+    CmDword GetFixLength() const override { return LENGTH; }
     void Decode(CCmMessageBlock& aMb) override;
     void Encode(CCmMessageBlock& aMb) const override;
 
     CCsConnToken m_Token;
-    DWORD m_dwAttempt = 0;
+    CmDword m_dwAttempt = 0;
 };
 
 // An entry of a send buffer: a PDU with its place in the sequence and in the list. It has room for its own encoded fixed part,
@@ -108,44 +108,44 @@ class TALVO_API CCsPduSendItem : public CCsPduBase {
 public:
     // Takes ownership of aData, a chain of DUPLICATED blocks or null. The chain is sent, also repeatedly, through views: its
     // own positions do not move. aDataLen: the number of its unread bytes.
-    CCsPduSendItem(BOOL aNeedACK, DWORD aACK, BYTE aType, DWORD aDataLen, CCmMessageBlock* aData)
+    CCsPduSendItem(CmBool aNeedACK, CmDword aACK, CmByte aType, CmDword aDataLen, CCmMessageBlock* aData)
         : CCsPduBase(aType), m_dwACK(aACK), m_dwDataLen(aDataLen), m_pOwnData(aData), m_pData(aData), m_bNeedACK(aNeedACK) {}
     CCsPduSendItem(const CCsPduSendItem&) = delete;
     CCsPduSendItem& operator=(const CCsPduSendItem&) = delete;
 
     using CCsPduBase::GetFixLength;
-    DWORD GetFixLength() const override { return GetFixLength(m_byType, m_bNeedACK); }
+    CmDword GetFixLength() const override { return GetFixLength(m_byType, m_bNeedACK); }
 
-    void SetACK(DWORD aACK) { m_dwACK = aACK; }
-    DWORD GetACK() const { return m_dwACK; }
-    DWORD GetDataLen() const { return m_dwDataLen; }
+    void SetACK(CmDword aACK) { m_dwACK = aACK; }
+    CmDword GetACK() const { return m_dwACK; }
+    CmDword GetDataLen() const { return m_dwDataLen; }
     CCmMessageBlock* GetData() const { return m_pData; }
 
     // The first sequence number of a data PDU; the last one follows from it, fixed part included. Any other PDU has no numbers:
     // both are 0. The call then changes no field, and is traced.
-    void SetSeqStart(DWORD aSeq);
-    DWORD GetSeqStart() const { return m_dwSeqStart; }
-    DWORD GetSeqEnd() const { return m_dwSeqEnd; }
+    void SetSeqStart(CmDword aSeq);
+    CmDword GetSeqStart() const { return m_dwSeqStart; }
+    CmDword GetSeqEnd() const { return m_dwSeqEnd; }
 
     void SetNext(CCsPduSendItem* aNext) { m_pNext = aNext; }
     CCsPduSendItem* GetNext() const { return m_pNext; }
 
     // Encodes the fixed part, with this ACK, into the item's own room. Not for a PDU with bytes already sent.
-    void Prepare(DWORD aACK);
+    void Prepare(CmDword aACK);
     // The result of Prepare, GetFixLength() bytes.
     const char* GetPrepared() const { return m_szPrepared; }
 
 protected:
     void SetData(CCmChainPtr aData);
 
-    DWORD m_dwACK;
-    DWORD m_dwDataLen;
+    CmDword m_dwACK;
+    CmDword m_dwDataLen;
     CCmChainPtr m_pOwnData;
     CCmMessageBlock* m_pData;  // m_pOwnData, or the derived class's own block
-    DWORD m_dwSeqStart = 0;
-    DWORD m_dwSeqEnd = 0;
+    CmDword m_dwSeqStart = 0;
+    CmDword m_dwSeqEnd = 0;
     CCsPduSendItem* m_pNext = nullptr;  // the list's, not owned
-    BOOL m_bNeedACK;
+    CmBool m_bNeedACK;
 
 private:
     char m_szPrepared[MAX_FIX_LENGTH] = {};
@@ -157,16 +157,16 @@ private:
 // Disconnect (type 3). Reason: the low 16 bits of the result that the sender closed with.
 class TALVO_API CCsPduDisconn : public CCsPduSendItem {
 public:
-    explicit CCsPduDisconn(WORD aReason = 0, BYTE aType = CS_PDU_TYPE_DISCONN)
-        : CCsPduSendItem(TRUE, 0, aType, 0, nullptr), m_wReason(aReason) {}
+    explicit CCsPduDisconn(CmWord aReason = 0, CmByte aType = CS_PDU_TYPE_DISCONN)
+        : CCsPduSendItem(CM_TRUE, 0, aType, 0, nullptr), m_wReason(aReason) {}
 
     void Decode(CCmMessageBlock& aMb) override;
     void Encode(CCmMessageBlock& aMb) const override;
 
-    WORD GetReason() const { return m_wReason; }
+    CmWord GetReason() const { return m_wReason; }
 
 private:
-    WORD m_wReason;
+    CmWord m_wReason;
 };
 
 //  0      1              5
@@ -175,8 +175,8 @@ private:
 // Keep-alive (type 4).
 class TALVO_API CCsPduKeepAlive : public CCsPduSendItem {
 public:
-    explicit CCsPduKeepAlive(DWORD aACK = 0, BYTE aType = CS_PDU_TYPE_KEEPALIVE)
-        : CCsPduSendItem(TRUE, aACK, aType, 0, nullptr) {}
+    explicit CCsPduKeepAlive(CmDword aACK = 0, CmByte aType = CS_PDU_TYPE_KEEPALIVE)
+        : CCsPduSendItem(CM_TRUE, aACK, aType, 0, nullptr) {}
 
     void Decode(CCmMessageBlock& aMb) override;
     void Encode(CCmMessageBlock& aMb) const override;
@@ -192,7 +192,7 @@ public:
 class TALVO_API CCsPduData : public CCsPduSendItem {
 public:
     // To decode, give aNeedACK only.
-    explicit CCsPduData(BOOL aNeedACK, DWORD aACK = 0, DWORD aDataLen = 0, BYTE aType = CS_PDU_TYPE_DATA_NORMAL,
+    explicit CCsPduData(CmBool aNeedACK, CmDword aACK = 0, CmDword aDataLen = 0, CmByte aType = CS_PDU_TYPE_DATA_NORMAL,
                         CCmMessageBlock* aData = nullptr)
         : CCsPduSendItem(aNeedACK, aACK, aType, aDataLen, aData) {}
 

@@ -16,16 +16,16 @@ public:
     explicit CDirectSending(CConnLiveness& aLiveness) : m_Liveness(aLiveness) {}
 
     // The transport below; not owned. Null: none any more, and its pending bytes are dropped.
-    void SetTransport(ICmTransport* aTransport, BOOL aDatagrams);
+    void SetTransport(ICmTransport* aTransport, CmBool aDatagrams);
     ICmTransport* GetTransport() const { return m_pTransport; }
-    BOOL IsDatagrams() const { return m_bDatagrams; }
+    CmBool IsDatagrams() const { return m_bDatagrams; }
     CConnLiveness& GetLiveness() const { return m_Liveness; }
 
     // Corked, data PDUs are gathered, up to some 64 KiB.
-    void SetCorked(BOOL aCorked) { m_bCorked = aCorked != FALSE; }
-    BOOL IsCorked() const { return m_bCorked; }
+    void SetCorked(CmBool aCorked) { m_bCorked = aCorked != CM_FALSE; }
+    CmBool IsCorked() const { return m_bCorked; }
     // TRUE: pending frames were gathered and not refused, and more may join them.
-    BOOL MayGather() const { return m_bCorked && !m_Pending.IsRefused() && m_Pending.GetLength() < GATHER_LIMIT; }
+    CmBool MayGather() const { return m_bCorked && !m_Pending.IsRefused() && m_Pending.GetLength() < GATHER_LIMIT; }
 
     CFrameQueue& GetPending() { return m_Pending; }
 
@@ -33,9 +33,9 @@ public:
     // earlier pending bytes, CM_ERROR_OUT_OF_MEMORY.
     CmResult SendData(CCmMessageBlock& aData);
     // The same without sending. CM_ERROR_OUT_OF_MEMORY: not taken.
-    CmResult GatherData(CCmMessageBlock& aData, BOOL aNeedACK);
+    CmResult GatherData(CCmMessageBlock& aData, CmBool aNeedACK);
     // Whole PDUs, see CFrameQueue. CM_ERROR_OUT_OF_MEMORY: broken.
-    CmResult SendFrames(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken);
+    CmResult SendFrames(CCmMessageBlock& aFrames, const CmDword* aLengths, CmDword aCount, CmDword& aTaken);
     // A PDU without payload, after the pending bytes. The transport's result; if refused, it is pending.
     CmResult SendPdu(const CCsPduBase& aPdu);
     // Likewise, with three tries; dropped if a datagram transport refuses it. aPdu: encoded.
@@ -44,11 +44,11 @@ public:
     CmResult Flush();
 
     // Memory ran out after a part of a PDU was sent: the stream cannot continue.
-    BOOL IsBroken() const { return m_bBroken; }
-    void SetBroken() { m_bBroken = TRUE; }
+    CmBool IsBroken() const { return m_bBroken; }
+    void SetBroken() { m_bBroken = CM_TRUE; }
 
 private:
-    static constexpr DWORD GATHER_LIMIT = 65536;
+    static constexpr CmDword GATHER_LIMIT = 65536;
 
     CmResult SendFrame(const CCsPduBase& aHeader, CCmMessageBlock& aPayload);
     CmResult Sent(CmResult aResult);

@@ -18,20 +18,21 @@ public:
     // Set it while the queue is empty. TRUE, for a datagram transport: each frame is a SendData of its own. A frame refused
     // otherwise than with CM_ERROR_PARTIAL_DATA is dropped, because it can never be sent. FALSE: a stream, which never drops
     // data.
-    void SetDatagrams(BOOL aDatagrams) { m_bDatagrams = aDatagrams != FALSE; }
+    void SetDatagrams(CmBool aDatagrams) { m_bDatagrams = aDatagrams != CM_FALSE; }
 
     // Sends a frame, after the queued ones. Allocates nothing unless bytes are refused, which are then queued. The caller's
     // payload is always consumed, and the blocks stay the caller's. The transport's result; CM_ERROR_OUT_OF_MEMORY: the frame
     // is lost, perhaps after its first bytes, so that a stream cannot continue.
-    CmResult Send(ICmTransport& aTransport, const void* aHeader, DWORD aHeaderLen, CCmMessageBlock& aPayload);
+    CmResult Send(ICmTransport& aTransport, const void* aHeader, CmDword aHeaderLen, CCmMessageBlock& aPayload);
 
     // Sends the frames of aFrames, whose lengths are aLengths, after the queued bytes. Of the last frame that the transport
     // takes in part the rest is queued; those after it stay the caller's. aTaken (out): the frames that are sent or queued. The
     // transport's result; CM_ERROR_OUT_OF_MEMORY: the stream cannot continue. Streams only.
-    CmResult SendFrames(ICmTransport& aTransport, CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken);
+    CmResult SendFrames(ICmTransport& aTransport, CCmMessageBlock& aFrames, const CmDword* aLengths, CmDword aCount,
+                        CmDword& aTaken);
 
     // Adds a frame without sending. CM_ERROR_OUT_OF_MEMORY: the queue is unchanged.
-    CmResult Add(const void* aHeader, DWORD aHeaderLen, const CCmMessageBlock& aPayload);
+    CmResult Add(const void* aHeader, CmDword aHeaderLen, const CCmMessageBlock& aPayload);
 
     // The same for bytes that a transport has refused.
     CmResult Keep(const CCmMessageBlock& aRest);
@@ -43,23 +44,23 @@ public:
     // Removes and returns all queued bytes; null: none.
     CCmChainPtr TakeAll();
 
-    BOOL IsEmpty() const { return m_dwLength == 0; }
+    CmBool IsEmpty() const { return m_dwLength == 0; }
     // TRUE: a transport has refused a part of the queue, since it was last empty; more bytes must wait for its OnSend.
-    BOOL IsRefused() const { return m_bRefused; }
-    DWORD GetLength() const { return m_dwLength; }  // bytes, headers included
+    CmBool IsRefused() const { return m_bRefused; }
+    CmDword GetLength() const { return m_dwLength; }  // bytes, headers included
     void Clear() { TakeAll(); }
 
 private:
-    CCmMessageBlock* SpaceFor_i(DWORD aCount);
+    CCmMessageBlock* SpaceFor_i(CmDword aCount);
     void LinkViews_i(CCmChainPtr aViews);
-    CmResult KeepFirst_i(const CCmMessageBlock& aChain, DWORD aCount);
+    CmResult KeepFirst_i(const CCmMessageBlock& aChain, CmDword aCount);
     CmResult SendPart_i(ICmTransport& aTransport);
-    DWORD FirstPieces_i() const;
-    DWORD FirstDatagram_i() const;
-    BOOL IsSettled_i(CmResult aResult) const;
+    CmDword FirstPieces_i() const;
+    CmDword FirstDatagram_i() const;
+    CmBool IsSettled_i(CmResult aResult) const;
 
     CBlockChain m_Chain;        // only this object writes to the space of the last block
-    DWORD m_dwLength = 0;       // unread bytes
+    CmDword m_dwLength = 0;     // unread bytes
     bool m_bDatagrams = false;  // the first block of each frame is READ_LOCKED
     bool m_bRefused = false;
 };

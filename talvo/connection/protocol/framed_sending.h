@@ -20,7 +20,7 @@ public:
     // sent, or of the last one a part is sent and the rest kept. CM_OK: all. CM_ERROR_PARTIAL_DATA: OnSend follows.
     // CM_ERROR_NOT_AVAILABLE: not connected. CM_ERROR_OUT_OF_MEMORY: the connection has ended with OnDisconnect. Else the
     // transport's result. The lengths of the messages are not checked.
-    virtual CmResult SendFrames(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken) = 0;
+    virtual CmResult SendFrames(CCmMessageBlock& aFrames, const CmDword* aLengths, CmDword aCount, CmDword& aTaken) = 0;
 
 protected:
     ~IFramedSending() = default;

@@ -9,23 +9,23 @@ namespace talvo {
 // A value each for CM_OPT_TRANSPORT_KEEPALIVE, _SNDBUF, _RCVBUF, _TOS and _READ_SIZE. One thread.
 class TALVO_API CKeptOptions {
 public:
-    static BOOL IsKept(DWORD aCommand) { return Find_i(aCommand) < COUNT; }
+    static CmBool IsKept(CmDword aCommand) { return Find_i(aCommand) < COUNT; }
 
     // For a command that is kept.
-    void Keep(DWORD aCommand, DWORD aValue);
+    void Keep(CmDword aCommand, CmDword aValue);
     // FALSE: there is no value.
-    BOOL Get(DWORD aCommand, DWORD& aValue) const;
+    CmBool Get(CmDword aCommand, CmDword& aValue) const;
     // A refusal is traced by the transport.
     void Apply(ICmTransport& aTransport);
 
 private:
-    static constexpr DWORD COMMANDS[] = {CM_OPT_TRANSPORT_KEEPALIVE, CM_OPT_TRANSPORT_SNDBUF, CM_OPT_TRANSPORT_RCVBUF,
-                                         CM_OPT_TRANSPORT_TOS, CM_OPT_TRANSPORT_READ_SIZE};
-    static constexpr DWORD COUNT = sizeof COMMANDS / sizeof *COMMANDS;
+    static constexpr CmDword COMMANDS[] = {CM_OPT_TRANSPORT_KEEPALIVE, CM_OPT_TRANSPORT_SNDBUF, CM_OPT_TRANSPORT_RCVBUF,
+                                           CM_OPT_TRANSPORT_TOS, CM_OPT_TRANSPORT_READ_SIZE};
+    static constexpr CmDword COUNT = sizeof COMMANDS / sizeof *COMMANDS;
 
-    static DWORD Find_i(DWORD aCommand);
+    static CmDword Find_i(CmDword aCommand);
 
-    DWORD m_Values[COUNT] = {};
+    CmDword m_Values[COUNT] = {};
     bool m_bSet[COUNT] = {};
 };
 

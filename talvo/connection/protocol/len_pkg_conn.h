@@ -37,13 +37,13 @@ public:
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
 
     EFraming GetFraming() const override { return LENGTH; }
-    CmResult SendFrames(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken) override;
+    CmResult SendFrames(CCmMessageBlock& aFrames, const CmDword* aLengths, CmDword aCount, CmDword& aTaken) override;
 
     // CS_OPT_MAX_MESSAGE_LEN, CM_OPT_TRANSPORT_UNACKNOWLEDGED, _MAX_MESSAGE and _CORK. All others go to the transport below,
     // CM_ERROR_NOT_AVAILABLE without one. While corked, up to 64 KiB are gathered. While reading is paused, messages from an
     // earlier read of the transport still come.
-    CmResult SetOption(DWORD aCommand, void* aArg) override;
-    CmResult GetOption(DWORD aCommand, void* aArg) override;
+    CmResult SetOption(CmDword aCommand, void* aArg) override;
+    CmResult GetOption(CmDword aCommand, void* aArg) override;
 
     // Ends the transport below with aReason and returns its result. With CM_OK the unsent bytes are sent first, for at most
     // LingerSeconds (CTransportLinger). With any other reason they are lost, see CM_OPT_TRANSPORT_UNACKNOWLEDGED.
@@ -66,22 +66,22 @@ public:
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
 
 private:
-    static constexpr DWORD HEADER_LEN = 4;
+    static constexpr CmDword HEADER_LEN = 4;
 
-    DWORD GetMaxMessage_i() const;
-    CmResult RefuseTooLong_i(DWORD aLength) const;
-    CmResult SendData_i(CCmMessageBlock& aData, DWORD aLength);
+    CmDword GetMaxMessage_i() const;
+    CmResult RefuseTooLong_i(CmDword aLength) const;
+    CmResult SendData_i(CCmMessageBlock& aData, CmDword aLength);
     CmResult SendPending_i();
-    BOOL ReadLength_i();
-    BOOL TakeMessage_i(CCmTransportParameter* aPara);
+    CmBool ReadLength_i();
+    CmBool TakeMessage_i(CCmTransportParameter* aPara);
     void Reset4Recv();
     void Reset();
 
     talvo::CFrameQueue m_Pending;
     talvo::CReceiveChain m_Receive;
-    DWORD m_dwNeeded = HEADER_LEN;  // bytes until the next step
-    DWORD m_dwMessageLen = 0;       // of the current message; 0: not read yet
-    DWORD m_dwMaxMessage = CS_DEFAULT_MAX_MESSAGE_LEN;
-    BOOL m_bCorked = FALSE;
+    CmDword m_dwNeeded = HEADER_LEN;  // bytes until the next step
+    CmDword m_dwMessageLen = 0;       // of the current message; 0: not read yet
+    CmDword m_dwMaxMessage = CS_DEFAULT_MAX_MESSAGE_LEN;
+    CmBool m_bCorked = CM_FALSE;
     CCmTimeValue m_tvDisconnected;
 };

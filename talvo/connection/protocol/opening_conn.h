@@ -31,11 +31,11 @@ COpeningConn MakeOpeningConn(T* aConn) {
 
 // A new T, with keep-alives if requested and supported; empty: memory ran out.
 template <class T>
-COpeningConn NewOpeningConn([[maybe_unused]] BOOL aNeedKeepAlive) {
+COpeningConn NewOpeningConn([[maybe_unused]] CmBool aNeedKeepAlive) {
     const CCmRefPtrT<T> pConn(new (std::nothrow) T);
     if (!pConn)
         return {};
-    if constexpr (requires(T & aConn) { aConn.NeedKeepAlive(TRUE); })
+    if constexpr (requires(T & aConn) { aConn.NeedKeepAlive(CM_TRUE); })
         pConn->NeedKeepAlive(aNeedKeepAlive);
     return MakeOpeningConn(pConn.Get());
 }

@@ -23,7 +23,7 @@ public:
     CmResult Disconnect(CmResult aReason) override;
 
 protected:
-    explicit CPkgConn(BYTE aInstanceType);
+    explicit CPkgConn(CmByte aInstanceType);
 
     // The transport below is lost, or the peer has sent a disconnect.
     void Lost_i(CmResult aReason);
@@ -32,8 +32,8 @@ protected:
     // trace.
     void LookAtPeer_i(const char* aWhere);
 
-    DWORD m_dwStartTick;
+    CmDword m_dwStartTick;
 
     // Milliseconds since the object's construction, for the trace.
-    DWORD GetAge_i() const;
+    CmDword GetAge_i() const;
 };

@@ -22,7 +22,7 @@ public:
 
 protected:
     void OnRecvConnResp() override;
-    BOOL HasKeepAliveTimer_i() const override { return TRUE; }
+    CmBool HasKeepAliveTimer_i() const override { return CM_TRUE; }
     void CancelTimers_i() override;
 
 private:
@@ -31,8 +31,8 @@ private:
     void OnConnected_i();
 
     CCmTimerWrapperID m_RetransmitTimer;
-    CmResult m_LimitResult;     // of arming the time-out of the handshake
-    DWORD m_dwRetransmits = 0;  // firings of the retransmit timer
-    BOOL m_bCancelled = FALSE;
-    BOOL m_bRespReceived = FALSE;
+    CmResult m_LimitResult;       // of arming the time-out of the handshake
+    CmDword m_dwRetransmits = 0;  // firings of the retransmit timer
+    CmBool m_bCancelled = CM_FALSE;
+    CmBool m_bRespReceived = CM_FALSE;
 };

@@ -13,24 +13,24 @@ public:
     CReceiveChain(const CReceiveChain&) = delete;
     CReceiveChain& operator=(const CReceiveChain&) = delete;
 
-    DWORD GetLength() const { return m_dwLength; }
+    CmDword GetLength() const { return m_dwLength; }
 
     // Copies the whole of aData. aMissing: the bytes that the current message still lacks, as far as known; storage for them is
     // allocated early enough. CM_ERROR_OUT_OF_MEMORY: bytes are lost, so drop the chain.
-    CmResult Append(const CCmMessageBlock& aData, DWORD aMissing);
+    CmResult Append(const CCmMessageBlock& aData, CmDword aMissing);
 
     // Copies the first aCount bytes without consuming them. FALSE: there are fewer.
-    BOOL Peek(void* aDst, DWORD aCount) const;
+    CmBool Peek(void* aDst, CmDword aCount) const;
 
     // Drops the first aCount bytes, which must exist.
-    void Skip(DWORD aCount);
+    void Skip(CmDword aCount);
 
     // Removes the first aCount bytes, which must exist, and passes them to aUse as a block. aUse may do anything to this chain,
     // even clear it, but not destroy it. CM_ERROR_OUT_OF_MEMORY: aUse was not called.
     template <class Use>
-    CmResult Take(DWORD aCount, Use aUse) {
+    CmResult Take(CmDword aCount, Use aUse) {
         if (aCount == 0) {
-            CCmMessageBlock nothing(DWORD{0});
+            CCmMessageBlock nothing(CmDword{0});
             aUse(nothing);
             return CM_OK;
         }
@@ -50,12 +50,12 @@ public:
     void Clear();
 
 private:
-    DWORD HeadLength_i() const { return m_Chain.IsEmpty() ? 0 : m_Chain.GetHead()->GetTopLevelLength(); }
-    BOOL AddBlock_i(DWORD aSize);
-    CCmChainPtr CutFront_i(DWORD aCount);
+    CmDword HeadLength_i() const { return m_Chain.IsEmpty() ? 0 : m_Chain.GetHead()->GetTopLevelLength(); }
+    CmBool AddBlock_i(CmDword aSize);
+    CCmChainPtr CutFront_i(CmDword aCount);
 
     CBlockChain m_Chain;
-    DWORD m_dwLength = 0;  // unread bytes
+    CmDword m_dwLength = 0;  // unread bytes
 };
 
 }  // namespace talvo

@@ -10,10 +10,10 @@
 class TALVO_API CCmReconnectBackoff {
 public:
     // The wait before the next attempt, at random.
-    DWORD NextDelay();
+    CmDword NextDelay();
     // The connection was lost after so long.
-    void OnLost(DWORD aConnectedMsec);
+    void OnLost(CmDword aConnectedMsec);
 
 private:
-    DWORD m_dwRetries = 0;
+    CmDword m_dwRetries = 0;
 };

@@ -20,9 +20,9 @@ namespace talvo {
 // A request to re-open a channel, and the facts about its transport.
 struct CReopenRequest {
     CCsPduConnToken m_Pdu;
-    BOOL m_bToken = FALSE;  // of the token form
-    BOOL m_bAlive = TRUE;   // the transport is
-    CIpBytes m_Addr;        // of the peer
+    CmBool m_bToken = CM_FALSE;  // of the token form
+    CmBool m_bAlive = CM_TRUE;   // the transport is
+    CIpBytes m_Addr;             // of the peer
 };
 
 // Gives channels, judges requests for them and bounds what clients that are away can hold. A channel is up, lost or, when its
@@ -39,28 +39,28 @@ public:
     CReliableChannels& operator=(const CReliableChannels&) = delete;
 
     // A number for aConn. 0: none is free, or memory ran out.
-    WORD Open(CRlbConnTCPServer& aConn, const CCsConnToken& aToken, const CIpBytes& aAddr);
+    CmWord Open(CRlbConnTCPServer& aConn, const CCsConnToken& aToken, const CIpBytes& aAddr);
 
     struct CVerdict {
         CRlbConnTCPServer* m_pConn = nullptr;  // not null: the request is good, and its attempt counts as taken
         CmResult m_Reason;                     // otherwise for the disconnect PDU
-        BOOL m_bSilent = FALSE;                // otherwise: close without an answer
+        CmBool m_bSilent = CM_FALSE;           // otherwise: close without an answer
     };
     CVerdict Judge(const CReopenRequest& aRequest);
 
     // The transport of a channel is lost, with so many bytes in its send buffer; these have changed while it is lost; it is
     // back, from that address. 0 is no channel.
-    void OnLost(WORD aChannel, DWORD aBytes);
-    void OnBytes(WORD aChannel, DWORD aBytes);
-    void OnBack(WORD aChannel, const CIpBytes& aAddr);
+    void OnLost(CmWord aChannel, CmDword aBytes);
+    void OnBytes(CmWord aChannel, CmDword aBytes);
+    void OnBack(CmWord aChannel, const CIpBytes& aAddr);
 
     // The connection has ended. Its number rests for that many seconds; remembered, the reason is kept for as long.
-    void Forget(WORD aChannel, DWORD aSeconds);
-    void Remember(WORD aChannel, CmResult aReason, DWORD aSeconds);
+    void Forget(CmWord aChannel, CmDword aSeconds);
+    void Remember(CmWord aChannel, CmResult aReason, CmDword aSeconds);
 
     // The acceptor's end: ends the lost connections. The others cannot be opened again.
     void Close();
-    BOOL IsClosed() const { return m_bClosed; }
+    CmBool IsClosed() const { return m_bClosed; }
 
 private:
     enum EState { UP, LOST, REMEMBERED };
@@ -68,40 +68,40 @@ private:
         EState m_State = UP;
         CRlbConnTCPServer* m_pConn = nullptr;  // not owned; null: remembered
         CCsConnToken m_Token;
-        DWORD m_dwAttempt = 0;
+        CmDword m_dwAttempt = 0;
         CIpBytes m_Addr;
-        DWORD m_dwBytes = 0;  // while lost
+        CmDword m_dwBytes = 0;  // while lost
         CmResult m_Reason = CM_OK;
-        int64_t m_llUntil = 0;              // remembered
-        std::list<WORD>::iterator m_Place;  // in m_Lost or m_Remembered
+        int64_t m_llUntil = 0;                // remembered
+        std::list<CmWord>::iterator m_Place;  // in m_Lost or m_Remembered
     };
     struct CUse {
-        DWORD m_dwCount = 0;
+        CmDword m_dwCount = 0;
         uint64_t m_ullBytes = 0;
     };
 
-    CEntry* Find_i(WORD aChannel);
-    BOOL Move_i(WORD aChannel, EState aState);
+    CEntry* Find_i(CmWord aChannel);
+    CmBool Move_i(CmWord aChannel, EState aState);
     void Count_i(const CEntry& aEntry, int aSign);
-    BOOL IsOver_i(const CUse& aUse, uint64_t aPercent) const;
-    BOOL IsOver_i(const CIpBytes& aAddr) const;
-    void Enforce_i(const CIpBytes& aAddr, WORD aNewcomer);
-    WORD FindVictim_i(const CIpBytes& aAddr, WORD aNewcomer) const;
-    void EndLost_i(WORD aChannel);
-    void Erase_i(WORD aChannel, int64_t aUntil);
+    CmBool IsOver_i(const CUse& aUse, uint64_t aPercent) const;
+    CmBool IsOver_i(const CIpBytes& aAddr) const;
+    void Enforce_i(const CIpBytes& aAddr, CmWord aNewcomer);
+    CmWord FindVictim_i(const CIpBytes& aAddr, CmWord aNewcomer) const;
+    void EndLost_i(CmWord aChannel);
+    void Erase_i(CmWord aChannel, int64_t aUntil);
     void DropOld_i();
     const char* FindFault_i(const CEntry& aEntry, const CReopenRequest& aRequest) const;
 
     const uint64_t m_ullMaxLost;
     const uint64_t m_ullMaxBytes;
-    const DWORD m_dwShare;  // per cent
-    const BOOL m_bAnyAddress;
-    BOOL m_bClosed = FALSE;
+    const CmDword m_dwShare;  // per cent
+    const CmBool m_bAnyAddress;
+    CmBool m_bClosed = CM_FALSE;
     CChannelNumbers m_Numbers;
     CReopenLimiter m_Limiter;
-    std::unordered_map<WORD, CEntry> m_Entries;
-    std::list<WORD> m_Lost;  // the longest lost first
-    std::list<WORD> m_Remembered;
+    std::unordered_map<CmWord, CEntry> m_Entries;
+    std::list<CmWord> m_Lost;  // the longest lost first
+    std::list<CmWord> m_Remembered;
     CUse m_Use;  // lost and remembered
     std::map<CIpBytes, CUse> m_UseOf;
 };

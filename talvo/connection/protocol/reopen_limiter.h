@@ -14,14 +14,14 @@ namespace talvo {
 // that does not go back. One thread.
 class TALVO_API CReopenLimiter {
 public:
-    BOOL IsBlocked(const CIpBytes& aAddr, int64_t aNow) const;
+    CmBool IsBlocked(const CIpBytes& aAddr, int64_t aNow) const;
     void OnRefused(const CIpBytes& aAddr, int64_t aNow);
 
 private:
     struct CEntry {
         int64_t m_llSince = 0;  // of the count
         int64_t m_llBlockedUntil = 0;
-        DWORD m_dwRefused = 0;
+        CmDword m_dwRefused = 0;
         std::list<CIpBytes>::iterator m_Age;
     };
 

@@ -26,10 +26,10 @@
 class TALVO_API CRlbConn : public CCsConn, public ICmAcceptorConnectorSink {
 public:
     // TRUE: the token form, for both ends. Call it before the connection gets a transport.
-    void UseToken(BOOL aToken);
+    void UseToken(CmBool aToken);
 
-    CmResult SetOption(DWORD aCommand, void* aArg) override;
-    CmResult GetOption(DWORD aCommand, void* aArg) override;
+    CmResult SetOption(CmDword aCommand, void* aArg) override;
+    CmResult GetOption(CmDword aCommand, void* aArg) override;
     // Connected: as a package connection. Suspended: everything is freed, CM_ERROR_NETWORK_IN_DOUBT: data may not have reached
     // the peer. No upcall follows.
     CmResult Disconnect(CmResult aReason) override;
@@ -38,25 +38,25 @@ public:
     void OnTimer(CCmTimerWrapperID* aId) override;
 
 protected:
-    explicit CRlbConn(BYTE aInstanceType);
+    explicit CRlbConn(CmByte aInstanceType);
 
     // Hooks of a side. The transport is lost before the connection was open, or while it reconnects.
     virtual void LostWhileOpening_i(CmResult aReason) = 0;
     // The side's timer has fired in CS_STATUS_RECONNECTING.
     virtual void OnRetryTimer_i() {}
     // The connection has just been suspended, after so many milliseconds; the last call of its step.
-    virtual void Suspended_i(CmResult aReason, DWORD aConnectedMsec) = 0;
+    virtual void Suspended_i(CmResult aReason, CmDword aConnectedMsec) = 0;
     // The reconnect time is over.
     virtual CmResult GetLateReason_i() const = 0;
     // The connection is about to end. aRemember: by the application, with aReason.
-    virtual void Ending_i(BOOL /*aRemember*/, CmResult /*aReason*/) {}
+    virtual void Ending_i(CmBool /*aRemember*/, CmResult /*aReason*/) {}
 
     // The transport is lost, and the connection can continue over another one. No upcall. FALSE: there is no memory for the
     // timer that limits this.
-    BOOL Detach_i(CmResult aReason);
+    CmBool Detach_i(CmResult aReason);
     void TellSuspended_i(CmResult aReason);
     // Continues over the current transport, with the peer's counter, a resume point. No upcall; StartResumed_i makes them.
-    void Continue_i(DWORD aPeerReceived);
+    void Continue_i(CmDword aPeerReceived);
     void StartResumed_i();
     // Begins the periodic work of a connected side. CM_OK, or the failure of a timer.
     CmResult StartConnected_i();
@@ -66,36 +66,36 @@ protected:
     void RefusePeer_i(CmResult aReason);
     void ViolatedBy_i(const char* aText);
 
-    BOOL IsToken_i() const { return m_byConnType == CCsPduConnToken::CONN_TYPE; }
+    CmBool IsToken_i() const { return m_byConnType == CCsPduConnToken::CONN_TYPE; }
     // The current connect PDU; in the plain form without a token.
     CCsPduConnToken TakeRequestOrResponse_i();
-    BOOL ArmTimer_i(const CCmTimeValue& aTime);
+    CmBool ArmTimer_i(const CCmTimeValue& aTime);
 
-    BOOL IsConnectPduWhole_i() override;
-    void EncodeConnectPdu_i(BYTE aType, CCmMessageBlock& aMb) const override;
-    BOOL CountsBeforeUpcall_i() const override { return TRUE; }
-    BOOL HasKeepAliveTimer_i() const override { return TRUE; }
+    CmBool IsConnectPduWhole_i() override;
+    void EncodeConnectPdu_i(CmByte aType, CCmMessageBlock& aMb) const override;
+    CmBool CountsBeforeUpcall_i() const override { return CM_TRUE; }
+    CmBool HasKeepAliveTimer_i() const override { return CM_TRUE; }
     CmResult SendKeepAlive() override;
     CmResult SendDataFromSendBuf() override;
     void SendAck_i() override;
     void ACK2PeerIfPossiable(CCmMessageBlock& aData) override;
     void CancelTimers_i() override;
     void Finish_i(CmResult aReason) override { Final_i(aReason); }
-    DWORD GetKept_i() const { return m_Buffered->GetSendBuf().GetUsed(); }
+    CmDword GetKept_i() const { return m_Buffered->GetSendBuf().GetUsed(); }
 
     CCsConnToken m_Token;
-    DWORD m_dwAttempt = 0;          // of the last request
-    DWORD m_dwSinceTick = 0;        // of the last change between connected and suspended
-    DWORD m_dwReconnectTime = 120;  // seconds
+    CmDword m_dwAttempt = 0;          // of the last request
+    CmDword m_dwSinceTick = 0;        // of the last change between connected and suspended
+    CmDword m_dwReconnectTime = 120;  // seconds
 
 private:
-    void EndInOrder_i(BOOL aCut) override;
-    BOOL IsAckDue_i() const { return m_Buffered->GetSendBuf().GetACKSent() != m_dwReceived; }
-    BOOL StartSilence_i();
-    CmResult SetSeconds_i(DWORD aCommand, DWORD aSeconds);
-    CmResult SetKeptOption_i(DWORD aCommand, void* aArg);
+    void EndInOrder_i(CmBool aCut) override;
+    CmBool IsAckDue_i() const { return m_Buffered->GetSendBuf().GetACKSent() != m_dwReceived; }
+    CmBool StartSilence_i();
+    CmResult SetSeconds_i(CmDword aCommand, CmDword aSeconds);
+    CmResult SetKeptOption_i(CmDword aCommand, void* aArg);
     CmResult GetStatus_i(CCmReconnectStatus& aStatus) const;
-    DWORD GetSince_i() const;
+    CmDword GetSince_i() const;
 
     talvo::CKeptOptions m_Kept;
     ICmReconnectSink* m_pReconnectSink = nullptr;  // not owned

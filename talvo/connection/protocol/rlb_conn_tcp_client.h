@@ -15,10 +15,10 @@ class COptionValues;
 
 // Where and how a client connects again.
 struct CRlbTarget {
-    DWORD m_dwBaseType = CM_TRANSPORT_TYPE_TCP;
+    CmDword m_dwBaseType = CM_TRANSPORT_TYPE_TCP;
     CCmInetAddr m_AddrPeer;  // as the application gave it: a name is resolved anew
     CCmInetAddr m_AddrLocal;
-    BOOL m_bLocal = FALSE;                                   // m_AddrLocal is given
+    CmBool m_bLocal = CM_FALSE;                              // m_AddrLocal is given
     std::shared_ptr<const talvo::COptionValues> m_pOptions;  // those of the application's connector; null: none
 };
 
@@ -48,9 +48,9 @@ public:
 protected:
     void OnRecvConnResp() override;
     void LostWhileOpening_i(CmResult aReason) override;
-    void Suspended_i(CmResult aReason, DWORD aConnectedMsec) override;
+    void Suspended_i(CmResult aReason, CmDword aConnectedMsec) override;
     void OnRetryTimer_i() override;
-    void Ending_i(BOOL aRemember, CmResult aReason) override;
+    void Ending_i(CmBool aRemember, CmResult aReason) override;
     CmResult GetLateReason_i() const override { return CM_ERROR_NETWORK_RECONNECT_FAILED; }
 
 private:
@@ -70,5 +70,5 @@ private:
     EAttempt m_Attempt = NONE;
     CCmRefPtrT<ICmConnector> m_pConnector;  // of the attempt
     CmResult m_LimitResult;                 // of arming the limit of the opening
-    BOOL m_bCancelled = FALSE;
+    CmBool m_bCancelled = CM_FALSE;
 };

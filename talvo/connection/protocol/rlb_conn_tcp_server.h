@@ -28,15 +28,15 @@ public:
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aId) override;
 
     // For CReliableChannels. A client that has received so much may continue.
-    BOOL MayReopen(DWORD aPeerReceived) const;
+    CmBool MayReopen(CmDword aPeerReceived) const;
     // The client does not come back.
     void EndLost() { Final_i(CM_ERROR_NETWORK_PEER_NOT_BACK); }
 
 protected:
     void OnRecvConnReq() override;
     void LostWhileOpening_i(CmResult aReason) override { Final_i(aReason); }
-    void Suspended_i(CmResult aReason, DWORD aConnectedMsec) override;
-    void Ending_i(BOOL aRemember, CmResult aReason) override;
+    void Suspended_i(CmResult aReason, CmDword aConnectedMsec) override;
+    void Ending_i(CmBool aRemember, CmResult aReason) override;
     CmResult GetLateReason_i() const override { return CM_ERROR_NETWORK_PEER_NOT_BACK; }
 
 private:

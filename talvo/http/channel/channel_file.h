@@ -18,15 +18,15 @@ public:
     CCmChannelFile();
     ~CCmChannelFile() override;
 
-    DWORD AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }
-    DWORD ReleaseReference() override { return CCmReferenceControlTimerDeleteT::ReleaseReference(); }
+    CmDword AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }
+    CmDword ReleaseReference() override { return CCmReferenceControlTimerDeleteT::ReleaseReference(); }
 
     // The file of a URL of the scheme "file": its path with every backslash changed back into "/", from the root. FALSE: null,
     // another scheme, or as below.
-    BOOL Init(CCmHttpUrl* aUrl);
+    CmBool Init(CCmHttpUrl* aUrl);
     // The file of that name, which is used unchanged. FALSE: an empty name, or not a regular file that can be read (traced).
     // Never waits, also for a pipe or a device. A second call drops the first file.
-    BOOL Init(const CCmString& aFileName);
+    CmBool Init(const CCmString& aFileName);
 
     // CM_ERROR_NOT_INITIALIZED: no file. CM_ERROR_INVALID_ARG: aSink is null. CM_ERROR_ALREADY_INITIALIZED: opened before. Else
     // the result of scheduling the delivery timer: CM_ERROR_NULL_POINTER: this thread has no timer queue. Reasons of
@@ -38,14 +38,14 @@ public:
     CmResult Disconnect(CmResult aReason) override;
 
     // CM_OPT_CHANNEL_FILE_SYNC; CM_ERROR_INVALID_ARG for anything else and for null.
-    CmResult SetOption(DWORD aCommand, void* aArg) override;
+    CmResult SetOption(CmDword aCommand, void* aArg) override;
 
     ICmTransportSink* GetSink() override { return m_pSink; }
 
     // A file channel can only be read: CM_ERROR_NOT_IMPLEMENTED.
     CmResult OpenWithSink(ICmTransportSink*) override { return CM_ERROR_NOT_IMPLEMENTED; }
     CmResult SendData(CCmMessageBlock&, CCmTransportParameter* = nullptr) override { return CM_ERROR_NOT_IMPLEMENTED; }
-    CmResult GetOption(DWORD, void*) override { return CM_ERROR_NOT_IMPLEMENTED; }
+    CmResult GetOption(CmDword, void*) override { return CM_ERROR_NOT_IMPLEMENTED; }
     CmResult GetUrl(CCmHttpUrl*&) override { return CM_ERROR_NOT_IMPLEMENTED; }
 
 private:
@@ -53,7 +53,7 @@ private:
     void OnReferenceDestory() override;
 
     void Deliver_i();
-    BOOL Read_i(CCmString& aContent) const;
+    CmBool Read_i(CCmString& aContent) const;
     void End_i(CmResult aReason);
     void Close_i();
 
@@ -61,6 +61,6 @@ private:
     int m_nFd = -1;
     ICmChannelSink* m_pSink = nullptr;  // not owned; set by AsyncOpen, cleared by Disconnect, the end and the last release
     CCmTimerWrapperID m_Timer;
-    BOOL m_bSynchronous = FALSE;
-    BOOL m_bOpened = FALSE;
+    CmBool m_bSynchronous = CM_FALSE;
+    CmBool m_bOpened = CM_FALSE;
 };

@@ -34,9 +34,9 @@ public:
     //    Proxy-Authorization    is sent to the first proxy of the route, if that gets requests in absolute form
     // CM_ERROR_INVALID_ARG: a name that is not a token, a value with CR, LF or NUL, a Content-Length that is not a number,
     // another Transfer-Encoding.
-    virtual CmResult SetRequestHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, BOOL aMerge = FALSE) = 0;
+    virtual CmResult SetRequestHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, CmBool aMerge = CM_FALSE) = 0;
     // aValue (out): the value that was set. FALSE: none was set, and aValue is unchanged.
-    virtual BOOL GetRequestHeader(const CCmHttpAtom& aAtom, CCmString& aValue) = 0;
+    virtual CmBool GetRequestHeader(const CCmHttpAtom& aAtom, CCmString& aValue) = 0;
 
     // The whole body: a duplicate of the chain's unread bytes, which can be sent again after a redirect, a challenge or a stale
     // connection. CM_ERROR_OUT_OF_MEMORY. CM_ERROR_INVALID_ARG: 4 GiB and more.
@@ -52,7 +52,7 @@ public:
 
     // The answer; from OnConnect on, and as long as the channel. Before that, status 0 and no headers.
     virtual long GetResponseStatus() = 0;
-    virtual BOOL GetResponseHeader(const CCmHttpAtom& aAtom, CCmString& aValue) = 0;  // FALSE: no such header
+    virtual CmBool GetResponseHeader(const CCmHttpAtom& aAtom, CCmString& aValue) = 0;  // FALSE: no such header
     virtual const CCmHttpResponseHead& GetResponseHead() = 0;
     virtual const CCmHttpHeaderArray& GetResponseTrailer() = 0;  // after a chunked body; complete with OnDisconnect(CM_OK)
 

@@ -3,22 +3,22 @@
 
 #include "talvo/base/types.h"
 
-enum ECmChannelOption : DWORD {
-    CM_OPT_CHANNEL_FILE_SYNC = 301,  // set BOOL: a file channel delivers inside AsyncOpen and not from a timer
+enum ECmChannelOption : CmDword {
+    CM_OPT_CHANNEL_FILE_SYNC = 301,  // set CmBool: a file channel delivers inside AsyncOpen and not from a timer
 
     // For HTTP client channels, get and set; set them before AsyncOpen. Times are in milliseconds.
-    CM_OPT_CHANNEL_WHOLE_BODY = 302,        // BOOL (FALSE): one OnReceive, the whole body in one block; below 4 GiB
-    CM_OPT_CHANNEL_MAX_REDIRECTS = 303,     // DWORD (10): the most redirects that are followed, at most 10; 0 delivers them
-    CM_OPT_CHANNEL_CONNECT_TIMEOUT = 304,   // DWORD (30,000): for a connection, with its name look-up; 0: the system's limit
-    CM_OPT_CHANNEL_SILENCE_TIMEOUT = 305,   // DWORD (60,000): the longest wait for progress of the peer; 0: no limit
-    CM_OPT_CHANNEL_CONTINUE_TIMEOUT = 306,  // DWORD (1,000): then a body is sent without "100 Continue"
-    CM_OPT_CHANNEL_KEEP_ALIVE = 307,        // BOOL (TRUE): FALSE opens a connection of its own and asks the server to close it
+    CM_OPT_CHANNEL_WHOLE_BODY = 302,        // CmBool (FALSE): one OnReceive, the whole body in one block; below 4 GiB
+    CM_OPT_CHANNEL_MAX_REDIRECTS = 303,     // CmDword (10): the most redirects that are followed, at most 10; 0 delivers them
+    CM_OPT_CHANNEL_CONNECT_TIMEOUT = 304,   // CmDword (30,000): for a connection, with its name look-up; 0: the system's limit
+    CM_OPT_CHANNEL_SILENCE_TIMEOUT = 305,   // CmDword (60,000): the longest wait for progress of the peer; 0: no limit
+    CM_OPT_CHANNEL_CONTINUE_TIMEOUT = 306,  // CmDword (1,000): then a body is sent without "100 Continue"
+    CM_OPT_CHANNEL_KEEP_ALIVE = 307,  // CmBool (TRUE): FALSE opens a connection of its own and asks the server to close it
 
     // For HTTP client channels, get CCmFailure: the failure of the exchange, inside OnDisconnect and afterwards.
     // CM_FAILURE_NONE: no failure. Never waits.
     CM_OPT_CHANNEL_LAST_FAILURE = 308,
-    // For HTTP client channels, set BOOL (FALSE): redirects from https to http are followed. The two names share a number: one
-    // is only read, the other only set.
+    // For HTTP client channels, set CmBool (FALSE): redirects from https to http are followed. The two names share a number:
+    // one is only read, the other only set.
     CM_OPT_CHANNEL_ALLOW_DOWNGRADE = 308,
 
     // For HTTP client channels, get and set CCmInetAddr (CCmInetAddr::s_InetAddrAny): all connections of the channel go to this

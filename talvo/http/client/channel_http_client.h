@@ -23,11 +23,11 @@ class TALVO_API CCmChannelHttpClient : public ICmChannelHttpClient,
                                        private CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
 public:
     // aUrl is copied. aFlags: no flags are defined yet. aProxies: the proxy servers to use; empty: none.
-    CCmChannelHttpClient(const CCmHttpUrl& aUrl, DWORD aFlags, const CCmProxyRoute& aProxies = {});
+    CCmChannelHttpClient(const CCmHttpUrl& aUrl, CmDword aFlags, const CCmProxyRoute& aProxies = {});
     ~CCmChannelHttpClient() override;
 
-    DWORD AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }
-    DWORD ReleaseReference() override { return CCmReferenceControlTimerDeleteT::ReleaseReference(); }
+    CmDword AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }
+    CmDword ReleaseReference() override { return CCmReferenceControlTimerDeleteT::ReleaseReference(); }
 
     // CM_OK: upcalls follow, never inside this call. CM_ERROR_INVALID_ARG: null, or an invalid request (a host or path with
     // control characters, both Content-Length and chunks, a Content-Length other than the body's, a TRACE with a body).
@@ -49,8 +49,8 @@ public:
     // Options of ECmChannelOption from 302 on, before AsyncOpen: CM_ERROR_ALREADY_INITIALIZED after it. Of ECmTransportOption:
     // CM_OPT_TRANSPORT_PAUSE_READING at any time, the others as for the connection, CM_ERROR_NOT_AVAILABLE without a
     // connection. CM_ERROR_INVALID_ARG: null, unknown, out of range.
-    CmResult SetOption(DWORD aCommand, void* aArg) override;
-    CmResult GetOption(DWORD aCommand, void* aArg) override;
+    CmResult SetOption(CmDword aCommand, void* aArg) override;
+    CmResult GetOption(CmDword aCommand, void* aArg) override;
 
     // Abandons the exchange and detaches the sink: no upcall follows. aReason goes to the connection. CM_OK.
     CmResult Disconnect(CmResult aReason) override;
@@ -59,13 +59,13 @@ public:
     CmResult OpenWithSink(ICmTransportSink*) override { return CM_ERROR_NOT_IMPLEMENTED; }  // see AsyncOpen
 
     CmResult SetRequestMethod(const CCmHttpAtom& aMethod) override;
-    CmResult SetRequestHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, BOOL aMerge = FALSE) override;
-    BOOL GetRequestHeader(const CCmHttpAtom& aAtom, CCmString& aValue) override;
+    CmResult SetRequestHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, CmBool aMerge = CM_FALSE) override;
+    CmBool GetRequestHeader(const CCmHttpAtom& aAtom, CCmString& aValue) override;
     CmResult SetRequestBody(const CCmMessageBlock& aBody) override;
     CmResult SetCredentials(const CCmString& aUser, const CCmString& aPassword) override;
     CmResult EndRequestBody() override;
     long GetResponseStatus() override { return GetResponseHead().GetStatus(); }
-    BOOL GetResponseHeader(const CCmHttpAtom& aAtom, CCmString& aValue) override;
+    CmBool GetResponseHeader(const CCmHttpAtom& aAtom, CCmString& aValue) override;
     const CCmHttpResponseHead& GetResponseHead() override;
     const CCmHttpHeaderArray& GetResponseTrailer() override { return m_Exchange.GetTrailer(); }
     CmResult GetFailure(CCmString& aText) override;
@@ -91,7 +91,7 @@ private:
     enum ENext { NOTHING, REPEAT, REDIRECT, ASK, BEGIN };
 
     CCmString OnExchangeConnection(talvo::EHttpConnection aConnection) override;
-    BOOL OnExchangeHead() override;
+    CmBool OnExchangeHead() override;
     void OnExchangeBody(CCmMessageBlock& aData) override;
     void OnExchangeRoom() override;
     void OnExchangeEnd(CmResult aCause, const char* aText) override;
@@ -107,8 +107,8 @@ private:
     CmResult AddProxyParts_i(talvo::CHttpHeadParts& aParts);
     ENext JudgeHead_i();
     ENext JudgeProxy_i();
-    BOOL JudgeOrigin_i();
-    BOOL NeedsSameConnection_i() const;
+    CmBool JudgeOrigin_i();
+    CmBool NeedsSameConnection_i() const;
     CmResult GoOn_i();
     CmResult Follow_i();
     CmResult RefuseLocation_i();
@@ -120,10 +120,10 @@ private:
     void Fail_i(CmResult aCause, std::string_view aText);
     void NoteFailure_i(CmResult aCause, std::string_view aText);
     void Close_i(CmResult aReason);
-    CmResult Pause_i(BOOL aPause);
-    DWORD* FindOption_i(DWORD aCommand);
+    CmResult Pause_i(CmBool aPause);
+    CmDword* FindOption_i(CmDword aCommand);
 
-    const DWORD m_dwThread;  // the thread that made it
+    const CmDword m_dwThread;  // the thread that made it
     EStatus m_Status = SETTING_UP;
     ICmChannelSink* m_pSink = nullptr;  // not owned; set by AsyncOpen, cleared by Disconnect, the end and the last release
     CCmRefPtrT<CCmHttpUrl> m_pUrl;
@@ -135,22 +135,22 @@ private:
     CCmProxyServer m_FirstProxy;  // the one that the application's Proxy-Authorization is for
     CCmProxyServer m_Proxy;       // the one that m_pProxyAuthentication is for
     std::unique_ptr<talvo::CProxyAuthentication> m_pProxyAuthentication;
-    BOOL m_bProxyRefuses = FALSE;  // the next 407 is for the user
+    CmBool m_bProxyRefuses = CM_FALSE;  // the next 407 is for the user
     ENext m_Next = NOTHING;
-    BOOL m_bAnswered = FALSE;  // the user gets this head
-    CCmString m_strLocation;   // of the next redirect
-    DWORD m_dwRedirects = 0;
+    CmBool m_bAnswered = CM_FALSE;  // the user gets this head
+    CCmString m_strLocation;        // of the next redirect
+    CmDword m_dwRedirects = 0;
 
-    DWORD m_dwConnectTimeout = 30'000;
-    DWORD m_dwWholeBody = FALSE;
-    DWORD m_dwMaxRedirects;
-    BOOL m_bMayDowngrade = FALSE;
+    CmDword m_dwConnectTimeout = 30'000;
+    CmDword m_dwWholeBody = CM_FALSE;
+    CmDword m_dwMaxRedirects;
+    CmBool m_bMayDowngrade = CM_FALSE;
 
-    BOOL m_bPaused = FALSE;
+    CmBool m_bPaused = CM_FALSE;
     talvo::CReceiveChain m_Held;  // came during a pause
     CCmString m_strWhole;         // the body so far, if it is delivered whole
-    BOOL m_bWholeGiven = FALSE;
-    BOOL m_bEnded = FALSE;  // the end is due after the data on hold
+    CmBool m_bWholeGiven = CM_FALSE;
+    CmBool m_bEnded = CM_FALSE;  // the end is due after the data on hold
     CmResult m_EndReason = CM_OK;
     CCmTimerWrapperID m_Timer;  // delivers data on hold after a pause
 

@@ -17,7 +17,7 @@ class TALVO_API CCmChannelHttpClientWithBrowerProxy final : public CCmChannelHtt
                                                             private ICmProxySourceSink,
                                                             private CCmThreadTenant {
 public:
-    CCmChannelHttpClientWithBrowerProxy(const CCmHttpUrl& aUrl, DWORD aFlags) : CCmChannelHttpClient(aUrl, aFlags) {}
+    CCmChannelHttpClientWithBrowerProxy(const CCmHttpUrl& aUrl, CmDword aFlags) : CCmChannelHttpClient(aUrl, aFlags) {}
     ~CCmChannelHttpClientWithBrowerProxy() override;
 
 private:
@@ -33,5 +33,5 @@ private:
 
     ICmProxySource* m_pSource = nullptr;  // not owned; has a question of this channel
     CCmString m_strQuestion;
-    BOOL m_bAskedAgain = FALSE;
+    CmBool m_bAskedAgain = CM_FALSE;
 };

@@ -22,7 +22,7 @@ class IHttpConnectionUser {
 public:
     // aConnection is the user's until the user gives it back, closes it or loses it. aReused: it has served other exchanges
     // before.
-    virtual void OnConnectionReady(CHttpClientConnection& aConnection, BOOL aReused) = 0;
+    virtual void OnConnectionReady(CHttpClientConnection& aConnection, CmBool aReused) = 0;
     // No connection comes: the connector's reason.
     virtual void OnConnectionFailed(CmResult aReason, const CCmFailure& aFailure) = 0;
 
@@ -52,10 +52,10 @@ public:
     // For the pool.
     CmResult Connect(const CHttpConnectionRequest& aRequest);
     void Lend(IHttpConnectionUser& aUser);
-    BOOL Park(int64_t aUntil);   // idle: any data closes it. FALSE: no memory for the timer
-    BOOL IsFit();                // idle, and no end of the server was seen
-    int64_t GetRest() const;     // idle: the idle time in microseconds
-    void Cut(CmResult aReason);  // ends it and notifies the user
+    CmBool Park(int64_t aUntil);  // idle: any data closes it. FALSE: no memory for the timer
+    CmBool IsFit();               // idle, and no end of the server was seen
+    int64_t GetRest() const;      // idle: the idle time in microseconds
+    void Cut(CmResult aReason);   // ends it and notifies the user
     void ForgetPool() { m_pPool = nullptr; }
     const CCmString& GetKey() const { return m_strKey; }
     IHttpConnectionUser* GetUser() const { return m_pUser; }
@@ -63,8 +63,8 @@ public:
 
     // For the user. Transport operations, as those of ICmTransport.
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter& aPara);
-    CmResult SetOption(DWORD aCommand, void* aArg) { return m_pTransport->SetOption(aCommand, aArg); }
-    CmResult GetOption(DWORD aCommand, void* aArg) { return m_pTransport->GetOption(aCommand, aArg); }
+    CmResult SetOption(CmDword aCommand, void* aArg) { return m_pTransport->SetOption(aCommand, aArg); }
+    CmResult GetOption(CmDword aCommand, void* aArg) { return m_pTransport->GetOption(aCommand, aArg); }
     // Microseconds on the clock of CCmClock::GetTimeOfDayUsec. A later deadline costs nothing: the timer is re-armed lazily.
     // Throws std::bad_alloc if there is no memory for the timer.
     void SetDeadline(int64_t aMoment);

@@ -23,7 +23,7 @@ public:
     // A connection is there: the head of the request in wire format, also when the request is repeated.
     virtual CCmString OnExchangeConnection(EHttpConnection aConnection) = 0;
     // The final head is complete. TRUE: deliver its body; FALSE: skip it, if it is not too long.
-    virtual BOOL OnExchangeHead() = 0;
+    virtual CmBool OnExchangeHead() = 0;
     virtual void OnExchangeBody(CCmMessageBlock& aData) = 0;  // views the received data, valid during the call
     virtual void OnExchangeRoom() = 0;                        // a streamed body that was refused for lack of room can continue
     // The last call. CM_OK: the answer was complete, or has been skipped. Else the underlying reason and its text, which stays
@@ -42,9 +42,9 @@ class CHttpClientExchange : private IHttpConnectionUser, private CHttpBodySink {
 public:
     // See ECmChannelOption; times in milliseconds.
     struct CSettings {
-        DWORD m_dwSilenceTimeout = 60'000;
-        DWORD m_dwContinueTimeout = 1'000;
-        DWORD m_dwKeepAlive = TRUE;
+        CmDword m_dwSilenceTimeout = 60'000;
+        CmDword m_dwContinueTimeout = 1'000;
+        CmDword m_dwKeepAlive = CM_TRUE;
     };
 
     explicit CHttpClientExchange(IHttpExchangeUser& aUser);
@@ -59,7 +59,7 @@ public:
     // CM_OK: OnExchangeEnd follows, not inside this call. CM_ERROR_NULL_POINTER: the thread lacks a queue. Else as the pool.
     // aRequest must live until the end; aTo is not considered for a kept connection. aConnectMs: the limit for a new
     // connection, 0 for none. If this fails, or memory runs out inside (std::bad_alloc), close the exchange.
-    CmResult Start(const CHttpClientRequest& aRequest, const CHttpDestination& aTo, DWORD aConnectMs);
+    CmResult Start(const CHttpClientRequest& aRequest, const CHttpDestination& aTo, CmDword aConnectMs);
     // Abandons the exchange; no call follows.
     void Close(CmResult aReason);
 
@@ -68,39 +68,39 @@ public:
     CmResult EndBody();
 
     // TRUE stops reading until it is FALSE again; at any time.
-    void Pause(BOOL aPause);
+    void Pause(CmBool aPause);
     // The connection's; CM_ERROR_NOT_AVAILABLE without one.
-    CmResult SetOption(DWORD aCommand, void* aArg);
-    CmResult GetOption(DWORD aCommand, void* aArg);
+    CmResult SetOption(CmDword aCommand, void* aArg);
+    CmResult GetOption(CmDword aCommand, void* aArg);
 
     // TRUE: no exchange is in progress.
-    BOOL IsOver() const { return m_State == IDLE; }
+    CmBool IsOver() const { return m_State == IDLE; }
     // In OnExchangeHead: the connection can carry another request after the answer, unless the body is too long to be skipped.
-    BOOL MayStayOpen() const;
+    CmBool MayStayOpen() const;
     // Likewise: the next exchange, started in OnExchangeEnd, goes over this connection and no other.
-    void KeepConnection() { m_bKeep = TRUE; }
+    void KeepConnection() { m_bKeep = CM_TRUE; }
     // In OnExchangeEnd: the connection was kept.
-    BOOL HasKeptConnection() const { return m_bKeep && m_pConnection; }
+    CmBool HasKeptConnection() const { return m_bKeep && m_pConnection; }
 
     // Of the last exchange; a new one clears it.
     const CCmHttpResponseHead& GetHead() const { return m_Head; }
     const CCmHttpHeaderArray& GetTrailer() const { return m_Body.GetTrailers(); }
     // The connection's reason for its end; CM_FAILURE_NONE unless that was the failure.
     const CCmFailure& GetFailure() const { return m_Failure; }
-    BOOL IsUnconnected() const { return m_bUnconnected; }  // the failure: no connection came
+    CmBool IsUnconnected() const { return m_bUnconnected; }  // the failure: no connection came
     // The announced length of the body, 0 if it is unknown.
     uint64_t GetExpected() const { return m_Framing.m_Body == EHttpBody::LENGTH ? m_Framing.m_ullLength : 0; }
 
 private:
     enum EState { IDLE, WAITING /* for a connection */, HEAD, BODY };
 
-    void OnConnectionReady(CHttpClientConnection& aConnection, BOOL aReused) override;
+    void OnConnectionReady(CHttpClientConnection& aConnection, CmBool aReused) override;
     void OnConnectionFailed(CmResult aReason, const CCmFailure& aFailure) override;
     void OnConnectionReceive(CCmMessageBlock& aData) override;
     void OnConnectionSend() override;
     void OnConnectionDeadline() override;
     void OnConnectionLost(CmResult aReason, const CCmFailure& aFailure) override;
-    BOOL OnBody(CCmMessageBlock& aView) override;
+    CmBool OnBody(CCmMessageBlock& aView) override;
 
     CmResult Acquire_i(int64_t aMaxRest);
     CmResult Repeat_i();
@@ -114,34 +114,34 @@ private:
     void ReadBody_i(CCmMessageBlock& aData);
     void ResetHead_i();
     void Use_i(EHttpConnection aConnection);
-    BOOL IsRefused_i() const;
-    void End_i(BOOL aReusable);
+    CmBool IsRefused_i() const;
+    void End_i(CmBool aReusable);
     void Fail_i(CmResult aCause, const char* aText);
 
     IHttpExchangeUser& m_User;
     CSettings m_Settings;
     EState m_State = IDLE;
     CCmRefPtrT<CHttpClientConnection> m_pConnection;
-    BOOL m_bReused = FALSE;
-    BOOL m_bKeep = FALSE;
-    BOOL m_bPaused = FALSE;
+    CmBool m_bReused = CM_FALSE;
+    CmBool m_bKeep = CM_FALSE;
+    CmBool m_bPaused = CM_FALSE;
 
     const CHttpClientRequest* m_pRequest = nullptr;  // not owned
     CHttpDestination m_To;
-    DWORD m_dwConnectMs = 0;
+    CmDword m_dwConnectMs = 0;
     CHttpClientSender m_Sender;
-    BOOL m_bPrepared = FALSE;  // m_Sender has the next request
+    CmBool m_bPrepared = CM_FALSE;  // m_Sender has the next request
     int64_t m_llContinueUntil = 0;
 
     CCmHttpResponseHead m_Head;
     CCmHttpParserT<CCmHttpResponseHead> m_Parser{&m_Head};
-    BOOL m_bAnswered = FALSE;  // data of the answer has come
-    DWORD m_dwInterims = 0;
+    CmBool m_bAnswered = CM_FALSE;  // data of the answer has come
+    CmDword m_dwInterims = 0;
     CHttpFraming m_Framing;
     CHttpBodyReader m_Body;
-    BOOL m_bWanted = FALSE;
+    CmBool m_bWanted = CM_FALSE;
     CCmFailure m_Failure;
-    BOOL m_bUnconnected = FALSE;
+    CmBool m_bUnconnected = CM_FALSE;
 };
 
 }  // namespace talvo

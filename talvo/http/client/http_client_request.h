@@ -15,8 +15,8 @@ struct CHttpHeadParts {
     CCmString m_strTarget;           // in the form that the receiver of the request needs
     CCmSecret m_Authorization;       // "": the one that the application has set
     CCmSecret m_ProxyAuthorization;  // likewise
-    BOOL m_bProxy = FALSE;           // the receiver is a proxy; else Proxy-Authorization is left out
-    BOOL m_bKeepAlive = TRUE;
+    CmBool m_bProxy = CM_FALSE;      // the receiver is a proxy; else Proxy-Authorization is left out
+    CmBool m_bKeepAlive = CM_TRUE;
 };
 
 class TALVO_API CHttpClientRequest {
@@ -35,7 +35,7 @@ public:
 
     // See ICmChannelHttpClient; CM_ERROR_OUT_OF_MEMORY.
     CmResult SetMethod(const CCmHttpAtom& aMethod);
-    CmResult SetHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, BOOL aMerge);
+    CmResult SetHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, CmBool aMerge);
     CmResult SetBody(const CCmMessageBlock& aBody);
 
     // Checks all settings together, and decides the kind of body. CM_ERROR_INVALID_ARG; CM_ERROR_NOT_IMPLEMENTED: CONNECT.
@@ -45,11 +45,11 @@ public:
     CCmHttpAtom GetMethod() const { return m_Head.GetMethod(); }
     EBody GetBodyKind() const { return m_Body; }
     uint64_t GetBodyLength() const { return m_ullLength; }  // of WHOLE, WHOLE_CHUNKED and STREAM
-    BOOL IsStreamed() const { return m_Body == STREAM || m_Body == STREAM_CHUNKED; }
-    BOOL IsContinueExpected() const;
-    BOOL IsCloseAsked() const;  // by the user's Connection header
+    CmBool IsStreamed() const { return m_Body == STREAM || m_Body == STREAM_CHUNKED; }
+    CmBool IsContinueExpected() const;
+    CmBool IsCloseAsked() const;  // by the user's Connection header
     // TRUE: the request may be sent twice: an idempotent method (RFC 9110, section 9.2.2), and a body that can be sent again.
-    BOOL MayRepeat() const;
+    CmBool MayRepeat() const;
 
     // A new chain over the whole body; null: it has no bytes, or memory ran out.
     CCmChainPtr DuplicateBody() const { return CCmChainPtr(m_pBody ? m_pBody->DuplicateChained() : nullptr); }
@@ -64,11 +64,11 @@ public:
     CCmString MakeHead(const CCmHttpUrl& aUrl, const CHttpHeadParts& aParts) const;
 
 private:
-    BOOL IsLengthDue_i() const;
+    CmBool IsLengthDue_i() const;
 
     CCmHttpRequestHead m_Head;  // without the headers that MakeHead adds
     CCmChainPtr m_pBody;
-    BOOL m_bBodySet = FALSE;
+    CmBool m_bBodySet = CM_FALSE;
     EBody m_Body = NO_BODY;
     uint64_t m_ullLength = 0;
 };

@@ -29,21 +29,21 @@ public:
     CmResult Send(CHttpClientConnection* aConnection, CCmMessageBlock& aData, CCmTransportParameter& aPara);
     CmResult End(CHttpClientConnection* aConnection);
     // TRUE, once for every refusal because of missing room: there is room now.
-    BOOL TakeRoom();
+    CmBool TakeRoom();
 
     // TRUE: the body waits for the server's 100.
-    BOOL IsHolding() const { return m_bHolding; }
-    void Release() { m_bHolding = FALSE; }
+    CmBool IsHolding() const { return m_bHolding; }
+    void Release() { m_bHolding = CM_FALSE; }
 
     // A part of the body was lost because memory ran out; the connection itself does not report this.
-    BOOL HasLost() const { return m_bLost; }
+    CmBool HasLost() const { return m_bLost; }
 
     // The server refuses the rest.
     void Stop();
 
-    BOOL IsComplete() const { return m_bEnded && !m_bStopped && !m_bHolding && m_Ready.IsEmpty() && !m_pBody; }
+    CmBool IsComplete() const { return m_bEnded && !m_bStopped && !m_bHolding && m_Ready.IsEmpty() && !m_pBody; }
     // All data so far is sent, and the application must bring more.
-    BOOL IsUsersTurn() const { return !m_bEnded && !m_bStopped && !m_bHolding && !m_bRoomDue && m_Ready.IsEmpty(); }
+    CmBool IsUsersTurn() const { return !m_bEnded && !m_bStopped && !m_bHolding && !m_bRoomDue && m_Ready.IsEmpty(); }
 
     void Clear();
 
@@ -58,11 +58,11 @@ private:
     CBlockChain m_Ready;               // sent as soon as there is room
     CCmChainPtr m_pBody;               // appended to m_Ready when nothing holds it back
     uint64_t m_ullLeft = 0;            // of a streamed length
-    BOOL m_bEnded = TRUE;              // the application has no more data to bring
-    BOOL m_bHolding = FALSE;
-    BOOL m_bStopped = FALSE;
-    BOOL m_bLost = FALSE;
-    BOOL m_bRoomDue = FALSE;  // OnSend is due to the application
+    CmBool m_bEnded = CM_TRUE;         // the application has no more data to bring
+    CmBool m_bHolding = CM_FALSE;
+    CmBool m_bStopped = CM_FALSE;
+    CmBool m_bLost = CM_FALSE;
+    CmBool m_bRoomDue = CM_FALSE;  // OnSend is due to the application
 };
 
 }  // namespace talvo

@@ -12,7 +12,7 @@ namespace talvo {
 // A connection serves the requests for its destination, one after the other.
 struct CHttpDestination {
     CCmString m_strHost;                     // as it is looked up; of requests in absolute form the proxy's
-    WORD m_wPort = 0;                        // host order
+    CmWord m_wPort = 0;                      // host order
     CCmProxyServer m_Proxy{};                // gets requests in absolute form, and the host is its own; DIRECT: none
     CCmInetAddr m_AddrConnectTo{};           // s_InetAddrAny: the host and port
     CCmRefPtrT<CCmSslContext> m_pContext{};  // of TLS to the host; null: plain TCP

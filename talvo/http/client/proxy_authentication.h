@@ -42,7 +42,7 @@ public:
 
     // The next request goes over another connection than the last one. aAuthenticated: it is one of the pool that has served
     // GetIdentity before. Without a call the connection is new.
-    void OnConnection(BOOL aAuthenticated) { m_State.OnConnection(aAuthenticated); }
+    void OnConnection(CmBool aAuthenticated) { m_State.OnConnection(aAuthenticated); }
 
     // aValue (out): of Proxy-Authorization for the next request; "": none. aTarget is the request target as it is sent,
     // "host:port" for CONNECT. CM_OK, CM_ERROR_OUT_OF_MEMORY.
@@ -52,13 +52,13 @@ public:
     // some proxies refuse credentials. aStaysOpen: the connection can carry another request. CM_OK: repeat the request with the
     // new value of Authorize. CM_ERROR_WOULD_BLOCK: the user is asked for credentials; one OnProxyAuthentication follows, not
     // inside this call. CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE: give up. CM_ERROR_OUT_OF_MEMORY.
-    CmResult OnChallenges(std::string_view aChallenges, BOOL aStaysOpen);
+    CmResult OnChallenges(std::string_view aChallenges, CmBool aStaysOpen);
 
     // Any other reply came.
     void OnAccepted();
 
     // TRUE: the repeated request must go over the connection of the 407, or fail.
-    BOOL NeedsSameConnection() const { return m_State.NeedsSameConnection(); }
+    CmBool NeedsSameConnection() const { return m_State.NeedsSameConnection(); }
 
     // NTLM: the credentials for which a connection, once authenticated, may be reused, and for no others. Empty: any
     // connection to the proxy that no NTLM has authenticated will do. It may change in Start, OnChallenges and
@@ -71,12 +71,12 @@ public:
 private:
     void OnProxyCredentials(CmResult aReason, const CCmCredentials& aCredentials) override;
     CmResult Choose_i();
-    BOOL IsUsable_i() const;
+    CmBool IsUsable_i() const;
 
     IProxyAuthenticationUser& m_User;
     CProxyCredentialsChoice m_Choice;
     CHttpAuthState m_State;
-    BOOL m_bUnproved = FALSE;  // the offer is of a 407 whose answer no reply has confirmed yet
+    CmBool m_bUnproved = CM_FALSE;  // the offer is of a 407 whose answer no reply has confirmed yet
 };
 
 }  // namespace talvo

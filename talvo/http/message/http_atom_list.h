@@ -39,9 +39,9 @@ public:
 
     // Limits the stored names, beside the known ones, and the bytes of their texts with terminators. Names beyond a new,
     // smaller limit stay. Without memory for the mutex the limits do not change.
-    void SetLimits(DWORD aMaxNames, DWORD aMaxBytes);
-    static constexpr DWORD DEFAULT_MAX_NAMES = 65536;
-    static constexpr DWORD DEFAULT_MAX_BYTES = 4u << 20;
+    void SetLimits(CmDword aMaxNames, CmDword aMaxBytes);
+    static constexpr CmDword DEFAULT_MAX_NAMES = 65536;
+    static constexpr CmDword DEFAULT_MAX_BYTES = 4u << 20;
 
     // Destroys the mutex; the next stored name creates it again. Call it while no other thread resolves.
     void CleanupMutex();
@@ -55,12 +55,12 @@ private:
     CCmHttpAtomList();
 
     CCmHttpAtom Store(std::string_view aName);
-    BOOL IsFull_l(std::string_view aName) const;
+    CmBool IsFull_l(std::string_view aName) const;
     CCmMutexThread& GetMutex() const;
 
     std::unique_ptr<talvo::CHttpNameTable> m_pNames;
     mutable std::atomic<CCmMutexThread*> m_pMutex{nullptr};  // owned
-    DWORD m_dwMaxNames = DEFAULT_MAX_NAMES;
-    DWORD m_dwMaxBytes = DEFAULT_MAX_BYTES;
-    BOOL m_bFullTraced = FALSE;
+    CmDword m_dwMaxNames = DEFAULT_MAX_NAMES;
+    CmDword m_dwMaxBytes = DEFAULT_MAX_BYTES;
+    CmBool m_bFullTraced = CM_FALSE;
 };

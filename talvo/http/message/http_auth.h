@@ -13,22 +13,22 @@ class TALVO_API CHttpAuthenticator {
 public:
     // CM_ERROR_INVALID_ARG: see IsHttpUsable, or longer than CCmSecret::MAX_LENGTH. CM_ERROR_OUT_OF_MEMORY.
     CmResult SetCredentials(std::string_view aUser, std::string_view aPassword);
-    BOOL HasCredentials() const { return m_bCredentials; }
+    CmBool HasCredentials() const { return m_bCredentials; }
     void Forget() { *this = CHttpAuthenticator(); }
 
     // A 401 came with these challenges. aEndToEnd: no proxy that may share its connections stands between; only then NTLM is
     // possible. aStaysOpen: the connection can carry another request. TRUE: try again, with the result of Authorize. FALSE:
     // there are no credentials, or none for the server's schemes, or they were refused before. A nonce that is only stale is
     // replaced a few times.
-    BOOL OnChallenges(std::string_view aValue, BOOL aEndToEnd = FALSE, BOOL aStaysOpen = FALSE);
+    CmBool OnChallenges(std::string_view aValue, CmBool aEndToEnd = CM_FALSE, CmBool aStaysOpen = CM_FALSE);
     // Any other answer came.
     void OnAccepted() { m_State.OnAccepted(); }
 
     // NTLM authenticates a connection for its user. The next request goes over another connection than the last one;
     // aAuthenticated: it has served GetIdentity before.
-    void OnConnection(BOOL aAuthenticated) { m_State.OnConnection(aAuthenticated); }
+    void OnConnection(CmBool aAuthenticated) { m_State.OnConnection(aAuthenticated); }
     // TRUE: the repeated request must go over the connection of the 401, or fail.
-    BOOL NeedsSameConnection() const { return m_State.NeedsSameConnection(); }
+    CmBool NeedsSameConnection() const { return m_State.NeedsSameConnection(); }
     // NTLM: the credentials for which a connection, once authenticated, may be reused, and for no others. Empty: any connection
     // that no NTLM has authenticated will do.
     CCmCredentials GetIdentity() const { return m_State.IsNtlm() ? m_Credentials : CCmCredentials(); }
@@ -38,7 +38,7 @@ public:
     CmResult Authorize(std::string_view aMethod, std::string_view aUri, CCmSecret& aValue);
 
 private:
-    BOOL m_bCredentials = FALSE;
+    CmBool m_bCredentials = CM_FALSE;
     CCmCredentials m_Credentials;
     CHttpAuthState m_State;
 };

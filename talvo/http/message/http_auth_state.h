@@ -18,7 +18,7 @@ public:
 
     // A refusal (401, 407) with these challenges came over the present connection, which stays open if aStaysOpen. "": some
     // proxies refuse credentials without repeating their challenge, so that the last one holds.
-    EVerdict OnChallenges(std::string_view aChallenges, BOOL aNtlm, BOOL aStaysOpen);
+    EVerdict OnChallenges(std::string_view aChallenges, CmBool aNtlm, CmBool aStaysOpen);
 
     // Takes up the offer of an earlier request to send credentials before they are asked for. A refusal of these is not one of
     // the credentials, unless by Basic in the same realm.
@@ -28,28 +28,28 @@ public:
     void OnAccepted();
 
     // The next request goes over another connection. aAuthenticated: NTLM has authenticated it for these credentials.
-    void OnConnection(BOOL aAuthenticated);
+    void OnConnection(CmBool aAuthenticated);
 
     // aValue (out): to send; "": nothing, also if the system lacks a hash or the scheme cannot carry the credentials. CM_OK,
     // CM_ERROR_OUT_OF_MEMORY.
     CmResult Authorize(const CCmCredentials& aCredentials, std::string_view aMethod, std::string_view aUri, CCmSecret& aValue);
 
     // TRUE: the next request must go over the connection of the last answer.
-    BOOL NeedsSameConnection() const { return IsNtlm() && m_Ntlm.GetStep() == CNtlmSession::CHALLENGED; }
+    CmBool NeedsSameConnection() const { return IsNtlm() && m_Ntlm.GetStep() == CNtlmSession::CHALLENGED; }
 
-    BOOL HasOffer() const { return m_Offer.m_Scheme != EHttpScheme::NONE; }
-    BOOL IsNtlm() const { return m_Offer.m_Scheme == EHttpScheme::NTLM; }
+    CmBool HasOffer() const { return m_Offer.m_Scheme != EHttpScheme::NONE; }
+    CmBool IsNtlm() const { return m_Offer.m_Scheme == EHttpScheme::NTLM; }
     CHttpOffer& GetOffer() { return m_Offer; }
 
 private:
-    EVerdict GoOnWithNtlm_i(const CHttpOffer& aOffer, BOOL aStaysOpen);
+    EVerdict GoOnWithNtlm_i(const CHttpOffer& aOffer, CmBool aStaysOpen);
 
     CHttpOffer m_Offer;
     CNtlmSession m_Ntlm;
-    BOOL m_bTried = FALSE;       // credentials have answered the offer
-    BOOL m_bEarly = FALSE;       // the offer is of an earlier request
-    DWORD m_dwStale = 0;         // replaced nonces
-    DWORD m_dwNegotiations = 0;  // exchanges of NTLM that were begun
+    CmBool m_bTried = CM_FALSE;    // credentials have answered the offer
+    CmBool m_bEarly = CM_FALSE;    // the offer is of an earlier request
+    CmDword m_dwStale = 0;         // replaced nonces
+    CmDword m_dwNegotiations = 0;  // exchanges of NTLM that were begun
 };
 
 }  // namespace talvo

@@ -17,7 +17,7 @@ class TALVO_API CHttpBodySink {
 public:
     // The next piece of the body, never empty: a view on the block of its arrival, valid during the call; duplicate it to keep
     // it. TRUE: continue. FALSE: stop, because the reader was restarted or deleted, or shall give no more of this chain.
-    virtual BOOL OnBody(CCmMessageBlock& aView) = 0;
+    virtual CmBool OnBody(CCmMessageBlock& aView) = 0;
 
 protected:
     virtual ~CHttpBodySink() = default;
@@ -28,7 +28,7 @@ protected:
 // Chunks are read strictly: all readers must find the same end of a message.
 class TALVO_API CHttpBodyReader {
 public:
-    CHttpBodyReader() { m_Decoder.SetStrict(TRUE); }
+    CHttpBodyReader() { m_Decoder.SetStrict(CM_TRUE); }
 
     // Starts a new body; aLength is for LENGTH. Limits stay.
     void Begin(EHttpBody aKind, uint64_t aLength = 0);
@@ -43,25 +43,25 @@ public:
     // incomplete.
     CmResult EndOfStream();
 
-    BOOL IsComplete() const { return m_Result == CM_OK; }
-    BOOL IsBeyondLimit() const { return m_bBeyondLimit; }   // the cause of a failure
-    uint64_t GetReceived() const { return m_ullReceived; }  // bytes of data
+    CmBool IsComplete() const { return m_Result == CM_OK; }
+    CmBool IsBeyondLimit() const { return m_bBeyondLimit; }  // the cause of a failure
+    uint64_t GetReceived() const { return m_ullReceived; }   // bytes of data
     const CCmHttpHeaderArray& GetTrailers() const { return m_Decoder.GetTrailers(); }
 
     void SetLimits(const CCmHttpLimits& aLimits);
     // TRUE: a trailer that begins with a blank continues the one before it. FALSE, the default: it breaks the body.
-    void SetUnfolding(BOOL aUnfold) { m_Decoder.SetUnfolding(aUnfold); }
+    void SetUnfolding(CmBool aUnfold) { m_Decoder.SetUnfolding(aUnfold); }
 
 private:
     CmResult FeedBlock(CCmMessageBlock& aBlock, CHttpBodySink& aSink);
-    CmResult FindData(CCmMessageBlock& aBlock, DWORD& aCount);
-    BOOL Count(DWORD& aCount, uint64_t aAnnounced);
+    CmResult FindData(CCmMessageBlock& aBlock, CmDword& aCount);
+    CmBool Count(CmDword& aCount, uint64_t aAnnounced);
 
     EHttpBody m_Kind = EHttpBody::NONE;
     uint64_t m_ullLength = 0;
     uint64_t m_ullReceived = 0;
     CmResult m_Result = CM_OK;  // of the body so far
-    BOOL m_bBeyondLimit = FALSE;
+    CmBool m_bBeyondLimit = CM_FALSE;
     uint64_t m_ullMaxBody = CCmHttpLimits::NO_MAX_BODY;
     CCmHttpChunkedDecoder m_Decoder;
 };

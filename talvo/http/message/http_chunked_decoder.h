@@ -19,14 +19,14 @@ public:
     // Appends the data in aBuf's aLen bytes to aOut. aConsumed (out): the number of bytes used: all, unless the body ended
     // before. FALSE, mostly with a trace line at level 10: aBuf is null, the coding is broken, a line or the trailers exceed
     // the limits, or memory ran out. Behind the end no bytes are used, and the result is TRUE.
-    BOOL HandleChunkedContent(const char* aBuf, unsigned long aLen, CCmString& aOut, unsigned long& aConsumed);
+    CmBool HandleChunkedContent(const char* aBuf, unsigned long aLen, CCmString& aOut, unsigned long& aConsumed);
 
     // The same without a copy. Uses aInput from its front up to the end of the next piece of data, and aData (out) is a view on
     // that piece. Without more data it uses all of aInput, or up to the body's end, and aData is empty. FALSE as above.
-    BOOL Next(std::string_view& aInput, std::string_view& aData);
+    CmBool Next(std::string_view& aInput, std::string_view& aData);
 
-    BOOL IsFinished() const { return m_State == FINISHED; }
-    BOOL IsOutOfMemory() const { return m_bNoMemory; }  // the cause of FALSE
+    CmBool IsFinished() const { return m_State == FINISHED; }
+    CmBool IsOutOfMemory() const { return m_bNoMemory; }  // the cause of FALSE
     const CCmHttpHeaderArray& GetTrailers() const { return m_Trailers; }
 
     void SetLimits(const CCmHttpLimits& aLimits) { m_Limits = aLimits; }
@@ -34,38 +34,38 @@ public:
     // TRUE also refuses input that other readers may interpret differently: a size with more than hexadecimal digits and blanks
     // behind them, spaces at the start of a line, a line end without its CR, a CR or NUL inside a line, a trailer without a
     // colon or whose name is not a token.
-    void SetStrict(BOOL aStrict) { m_bStrict = aStrict; }
+    void SetStrict(CmBool aStrict) { m_bStrict = aStrict; }
 
     // TRUE: a trailer that begins with a blank continues the one before it.
-    void SetUnfolding(BOOL aUnfold) { m_bUnfold = aUnfold; }
+    void SetUnfolding(CmBool aUnfold) { m_bUnfold = aUnfold; }
 
     // The bytes of the current chunk that have not come yet.
-    DWORD GetRemaining() const { return m_dwRemaining; }
+    CmDword GetRemaining() const { return m_dwRemaining; }
 
     // Resets everything except limits, strictness and unfolding.
     void Reset();
 
 private:
-    enum EState : DWORD { SIZE_LINE = 0, DATA = 1, TRAILER = 2, FINISHED = 4 };
+    enum EState : CmDword { SIZE_LINE = 0, DATA = 1, TRAILER = 2, FINISHED = 4 };
     enum ELine { NO_LINE, LINE, TOO_LONG, NO_CR };
 
-    BOOL Step(std::string_view& aInput, std::string_view& aData);
+    CmBool Step(std::string_view& aInput, std::string_view& aData);
     ELine TakeLine(std::string_view& aInput, std::string_view& aLine);
-    BOOL HandleLine(std::string_view& aInput);
-    BOOL ParseSize(std::string_view aLine);
-    BOOL HandleTrailer(std::string_view aLine);
-    BOOL ParseTrailer(std::string_view aLine);
-    BOOL TakeLineEnd(std::string_view& aInput);
+    CmBool HandleLine(std::string_view& aInput);
+    CmBool ParseSize(std::string_view aLine);
+    CmBool HandleTrailer(std::string_view aLine);
+    CmBool ParseTrailer(std::string_view aLine);
+    CmBool TakeLineEnd(std::string_view& aInput);
 
     EState m_State = SIZE_LINE;
     CCmString m_strLine;  // a line whose end has not arrived
-    DWORD m_dwRemaining = 0;
-    BOOL m_bCRSeen = FALSE;
+    CmDword m_dwRemaining = 0;
+    CmBool m_bCRSeen = CM_FALSE;
     CCmHttpHeaderArray m_Trailers;
     talvo::CHttpFoldedLine m_Folded;  // a trailer that the next line may continue
     CCmHttpLimits m_Limits;
-    BOOL m_bStrict = FALSE;
-    BOOL m_bUnfold = FALSE;
-    BOOL m_bNoMemory = FALSE;
-    DWORD m_dwTrailerLines = 0;
+    CmBool m_bStrict = CM_FALSE;
+    CmBool m_bUnfold = CM_FALSE;
+    CmBool m_bNoMemory = CM_FALSE;
+    CmDword m_dwTrailerLines = 0;
 };

@@ -13,4 +13,4 @@ TALVO_API CCmString cm_format_http_date(int64_t aSeconds);
 // Reads that form and the two old ones, "Sunday, 06-Nov-94 08:49:37 GMT" and "Sun Nov  6 08:49:37 1994". A year of two digits
 // is the year with these digits that is at most 50 years ahead. The day of the week is not checked against the date. FALSE: not
 // such a date, and aSeconds is unchanged.
-TALVO_API BOOL cm_parse_http_date(std::string_view aText, int64_t& aSeconds);
+TALVO_API CmBool cm_parse_http_date(std::string_view aText, int64_t& aSeconds);

@@ -15,9 +15,9 @@ struct CHttpDigest {
     CCmString m_strRealm;
     CCmString m_strNonce;
     CCmString m_strOpaque;
-    BOOL m_bOpaque = FALSE;
-    BOOL m_bQopAuth = FALSE;  // FALSE: the form without qop, which has neither count nor client nonce
-    DWORD m_dwCount = 0;
+    CmBool m_bOpaque = CM_FALSE;
+    CmBool m_bQopAuth = CM_FALSE;  // FALSE: the form without qop, which has neither count nor client nonce
+    CmDword m_dwCount = 0;
     CCmString m_strClientNonce;
 
     // The value of Authorization or Proxy-Authorization; "": the system does not provide the hash.

@@ -11,9 +11,9 @@ namespace talvo {
 
 struct CHttpFraming {
     EHttpBody m_Body = EHttpBody::NONE;
-    uint64_t m_ullLength = 0;   // of LENGTH
-    int m_nError = 0;           // 0: valid. Of a request: the status of the refusal. Of a response: 502 or 501, it is unusable
-    BOOL m_bMustClose = FALSE;  // overrides the persistence of the head
+    uint64_t m_ullLength = 0;  // of LENGTH
+    int m_nError = 0;          // 0: valid. Of a request: the status of the refusal. Of a response: 502 or 501, it is unusable
+    CmBool m_bMustClose = CM_FALSE;  // overrides the persistence of the head
 };
 
 // Sections 6.1 and 6.3. 400: both Transfer-Encoding and Content-Length; chunked in 1.0, twice or not last; a length that is not
@@ -27,6 +27,6 @@ TALVO_API CHttpFraming get_request_framing(const CCmHttpRequestHead& aHead);
 TALVO_API CHttpFraming get_response_framing(const CCmHttpResponseHead& aHead, const CCmHttpAtom& aMethod);
 
 // Section 9.3: FALSE with the Connection option "close"; otherwise TRUE in 1.1, and in 1.0 with "keep-alive".
-TALVO_API BOOL is_persistent(CCmHttpVersion aVersion, const CCmHttpHeaderArray& aHeaders);
+TALVO_API CmBool is_persistent(CCmHttpVersion aVersion, const CCmHttpHeaderArray& aHeaders);
 
 }  // namespace talvo

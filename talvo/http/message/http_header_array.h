@@ -11,7 +11,7 @@
 
 // Faults of a head's lines that the array does not preserve. A careful receiver refuses such a message, because other readers
 // on its way may have read it differently.
-enum ECmHttpFault : DWORD {
+enum ECmHttpFault : CmDword {
     CM_HTTP_FAULT_NAME = 0x1,    // a name or method is not a token (also in a folded line), or a line has no colon
     CM_HTTP_FAULT_LENGTH = 0x2,  // Content-Length again with another value, or it or Transfer-Encoding without a value
     CM_HTTP_FAULT_MEMORY = 0x4   // a line was lost because memory ran out
@@ -32,22 +32,22 @@ public:
     CCmHttpHeaderArray& operator=(const CCmHttpHeaderArray&) = default;
 
     // Empties everything; TRUE.
-    virtual BOOL Clear();
+    virtual CmBool Clear();
 
     // Stores aValue without the spaces (0x20) around it. TRUE; FALSE: memory ran out, and nothing changed. If the header
     // exists, the value replaces the old one. With aMerge it is appended after ", " (after a line feed for Set-Cookie,
     // WWW-Authenticate and Proxy-Authenticate), unless CanAppendToHeader excludes merging. An empty value changes nothing with
     // aMerge; without it, it removes the header. The value is not checked: talvo::is_sendable returns whether it may be sent.
-    BOOL SetHeader(const CCmHttpAtom& aAtom, std::string_view aValue, int aMerge);
+    CmBool SetHeader(const CCmHttpAtom& aAtom, std::string_view aValue, int aMerge);
 
     // aValue (out). FALSE, and it is unchanged: there is no such header, or no memory for the copy.
-    BOOL GetHeader(const CCmHttpAtom& aAtom, CCmString& aValue) const;
+    CmBool GetHeader(const CCmHttpAtom& aAtom, CCmString& aValue) const;
     // The same without a copy; null: there is none. Valid until the array changes.
     const CCmString* FindHeader(const CCmHttpAtom& aAtom) const;
-    BOOL PeekHeader(const CCmHttpAtom& aAtom) const { return FindHeader(aAtom) != nullptr; }
+    CmBool PeekHeader(const CCmHttpAtom& aAtom) const { return FindHeader(aAtom) != nullptr; }
 
     // FALSE for headers whose repetition replaces the value.
-    BOOL CanAppendToHeader(const CCmHttpAtom& aAtom) const;
+    CmBool CanAppendToHeader(const CCmHttpAtom& aAtom) const;
 
     // The atom under which this array keeps aName: the list's, or the array's own if the list cannot store it. Null: an empty
     // name, or memory ran out.
@@ -56,20 +56,20 @@ public:
     // Parses the next line of a head, without its line end: first line, headers, and the empty line that completes the head.
     // Later lines are ignored. FALSE: the first line is refused (the next line then counts as the first); or an empty line
     // comes before it (with a trace line at level 0); or memory ran out (CM_HTTP_FAULT_MEMORY).
-    BOOL ParseLine(std::string_view aLine);
+    CmBool ParseLine(std::string_view aLine);
 
     // Parses a line "name: value", with merging. The separator is the first ':', otherwise the first space, otherwise tab,
     // otherwise '='; a line without one or beginning with it is ignored. TRUE; FALSE: a null line, or memory ran out. aOutAtom,
     // aOutValue (out, may be null): the name and the value of this line; unchanged for an ignored line.
-    BOOL ParseHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
-    BOOL ParseHeaderLine(const char* aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
+    CmBool ParseHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
+    CmBool ParseHeaderLine(const char* aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
 
     // The leading digits of Content-Length as a number; 0: there are none, or a minus is before them. -1: no such header. A
     // number that is too large for a long gives the largest one.
     long GetContentLength() const;
 
-    BOOL IsComplete() const { return m_bHeadersComplete; }
-    DWORD GetFaults() const { return m_dwFaults; }  // bits of ECmHttpFault, of the lines parsed since Clear
+    CmBool IsComplete() const { return m_bHeadersComplete; }
+    CmDword GetFaults() const { return m_dwFaults; }  // bits of ECmHttpFault, of the lines parsed since Clear
 
     // The headers in order; aIndex is below the count.
     size_t GetCount() const { return m_stCount; }
@@ -83,7 +83,7 @@ protected:
     };
 
     // Parses the first line. The array itself has none and returns FALSE.
-    virtual BOOL ParseFirstLine_t(const char* aLine);
+    virtual CmBool ParseFirstLine_t(const char* aLine);
 
     // Appends "name: value\r\n" for every header, with merged values unchanged.
     void Flatten(CCmString& aOut) const;
@@ -101,10 +101,10 @@ protected:
     CCmHttpAtom ResolveParsed_t(std::string_view aName);
 
 private:
-    BOOL NoteMemory(BOOL aGood);
-    BOOL TakeLine(std::string_view aLine);
-    BOOL TakeHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
-    BOOL ParseAnyFirstLine(std::string_view aLine);
+    CmBool NoteMemory(CmBool aGood);
+    CmBool TakeLine(std::string_view aLine);
+    CmBool TakeHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
+    CmBool ParseAnyFirstLine(std::string_view aLine);
     CCmHttpAtom MakeName(std::string_view aName);
     void Merge(CEntry& aEntry, std::string_view aValue) const;
     void NoteFraming(const CCmHttpAtom& aAtom, std::string_view aValue);
@@ -112,10 +112,10 @@ private:
     void Append(const CCmHttpAtom& aAtom, std::string_view aValue);
     void Remove(const CEntry* aEntry);
 
-    BOOL m_bHeadersComplete = FALSE;
-    BOOL m_bFirstLineParsed = FALSE;
+    CmBool m_bHeadersComplete = CM_FALSE;
+    CmBool m_bFirstLineParsed = CM_FALSE;
     std::vector<CEntry> m_Entries;  // those from m_stCount on are spare storage
     size_t m_stCount = 0;
     std::vector<std::shared_ptr<const CCmString>> m_OwnNames;
-    DWORD m_dwFaults = 0;
+    CmDword m_dwFaults = 0;
 };

@@ -9,7 +9,7 @@ struct CCmHttpLimits {
     static constexpr uint64_t NO_MAX_BODY = UINT64_MAX;
     static constexpr uint64_t SERVER_MAX_BODY = 64u << 20;
 
-    DWORD m_dwMaxLine = 64 * 1024;        // bytes of a line of a head, a trailer or a chunk size, without its line end
-    DWORD m_dwMaxHeaders = 256;           // lines of a head behind its first, and of a trailer
+    CmDword m_dwMaxLine = 64 * 1024;      // bytes of a line of a head, a trailer or a chunk size, without its line end
+    CmDword m_dwMaxHeaders = 256;         // lines of a head behind its first, and of a trailer
     uint64_t m_ullMaxBody = NO_MAX_BODY;  // bytes of a body without its framing; servers begin with SERVER_MAX_BODY
 };

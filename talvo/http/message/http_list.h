@@ -8,4 +8,4 @@
 
 // Removes the first element from a comma-separated list; empty elements are skipped. aElement (out): without the blanks around
 // it. FALSE: there is none left. A comma inside a quoted string does not separate.
-TALVO_API BOOL cm_next_list_element(std::string_view& aList, std::string_view& aElement);
+TALVO_API CmBool cm_next_list_element(std::string_view& aList, std::string_view& aElement);

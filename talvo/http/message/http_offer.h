@@ -17,12 +17,12 @@ TALVO_API const char* HttpSchemeName(EHttpScheme aScheme);
 
 struct CHttpOffer {
     EHttpScheme m_Scheme = EHttpScheme::NONE;
-    CCmString m_strRealm;      // without the backslashes of its quotes; "" of NTLM
-    CHttpDigest m_Digest;      // of Digest
-    BOOL m_bStale = FALSE;     // of Digest: only the nonce was refused
-    CCmString m_strNtlmToken;  // of NTLM: the message of the server in base64; "": none yet
+    CCmString m_strRealm;        // without the backslashes of its quotes; "" of NTLM
+    CHttpDigest m_Digest;        // of Digest
+    CmBool m_bStale = CM_FALSE;  // of Digest: only the nonce was refused
+    CCmString m_strNtlmToken;    // of NTLM: the message of the server in base64; "": none yet
 
-    BOOL IsDigest() const { return m_Scheme >= EHttpScheme::DIGEST_MD5; }
+    CmBool IsDigest() const { return m_Scheme >= EHttpScheme::DIGEST_MD5; }
 
     // aValue (out): of Authorization or Proxy-Authorization, by Basic or Digest; each call counts as one use of the nonce.
     // CM_OK, with "": the system does not provide the hash. CM_ERROR_OUT_OF_MEMORY, CM_ERROR_INVALID_ARG: see CCmSecret.
@@ -32,9 +32,9 @@ struct CHttpOffer {
 
 // Challenges as they are merged from header lines. Unsupported ones are passed over: another algorithm, a qop without auth, a
 // text that would break the header, NTLM unless aNtlm.
-TALVO_API CHttpOffer ReadHttpOffer(std::string_view aChallenges, BOOL aNtlm);
+TALVO_API CHttpOffer ReadHttpOffer(std::string_view aChallenges, CmBool aNtlm);
 
 // FALSE: no scheme can carry them: control characters, or a colon in the user, which the schemes use as their separator.
-TALVO_API BOOL IsHttpUsable(std::string_view aUser, std::string_view aPassword);
+TALVO_API CmBool IsHttpUsable(std::string_view aUser, std::string_view aPassword);
 
 }  // namespace talvo

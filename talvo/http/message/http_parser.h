@@ -46,57 +46,57 @@ public:
 
     // The stream has ended. After this, HandleContent with any block ignores the block and treats a body that is not chunked as
     // complete. So pass the received data first, and then an empty block.
-    void SetEndOfStream(BOOL aEnded) { m_bEndOfStream = aEnded; }
+    void SetEndOfStream(CmBool aEnded) { m_bEndOfStream = aEnded; }
 
     void SetLimits(const CCmHttpLimits& aLimits) { m_Limits = aLimits; }
 
     // TRUE reads a head by RFC 9112: a header line that begins with a blank continues the line before it, and ParseHead refuses
     // a CR or NUL inside a line. Lines that are not header fields are still accepted, see CCmHttpHeaderArray::GetFaults.
-    void SetStrict(BOOL aStrict) { m_bStrict = aStrict; }
+    void SetStrict(CmBool aStrict) { m_bStrict = aStrict; }
 
     // Resets everything except head, limits and strictness.
     void Reset();
 
-    BOOL IsComplete() const { return m_bComplete; }        // of the body
-    BOOL IsBeyondLimit() const { return m_bBeyondLimit; }  // the cause of a failure
-    BOOL IsChunked() const { return m_pDecoder != nullptr; }
+    CmBool IsComplete() const { return m_bComplete; }        // of the body
+    CmBool IsBeyondLimit() const { return m_bBeyondLimit; }  // the cause of a failure
+    CmBool IsChunked() const { return m_pDecoder != nullptr; }
     const CCmString& GetBody() const { return m_strBody; }
     // Of a chunked body; null for any other.
     const CCmHttpHeaderArray* GetTrailers() const { return m_pDecoder ? &m_pDecoder->GetTrailers() : nullptr; }
 
 private:
-    static constexpr DWORD UNKNOWN_LENGTH = 0xFFFFFFFF;
-    static constexpr DWORD MAX_BODY = UNKNOWN_LENGTH - 1;
+    static constexpr CmDword UNKNOWN_LENGTH = 0xFFFFFFFF;
+    static constexpr CmDword MAX_BODY = UNKNOWN_LENGTH - 1;
 
     CmResult ParseLines(CCmMessageBlock& aChain);
     CmResult GetRefusal() const;
-    BOOL ParseLine(std::string_view aLine);
-    BOOL KeepLine(std::string_view aPiece);
-    BOOL GiveLine(std::string_view aLine);
-    BOOL GiveStrictly(std::string_view aLine);
+    CmBool ParseLine(std::string_view aLine);
+    CmBool KeepLine(std::string_view aPiece);
+    CmBool GiveLine(std::string_view aLine);
+    CmBool GiveStrictly(std::string_view aLine);
     CmResult SetUpContent();
     CmResult SetUpLength();
     CmResult AddBlocks(CCmMessageBlock* aChain);
     CmResult AddChunks(CCmMessageBlock& aBlock);
     void AddOverrun(CCmMessageBlock& aBlock, uint64_t aRead);
-    void Add(CCmMessageBlock& aBlock, DWORD aCount);
+    void Add(CCmMessageBlock& aBlock, CmDword aCount);
     CmResult GetContentResult();
     void BeyondLimit(const char* aWhat, uint64_t aSize);
 
     Head* m_pHead;
     CCmString m_strLine;              // a line whose end has not arrived
     talvo::CHttpFoldedLine m_Folded;  // strict only: a header line that the next may continue
-    BOOL m_bStrict = FALSE;
+    CmBool m_bStrict = CM_FALSE;
     std::unique_ptr<CCmHttpChunkedDecoder> m_pDecoder;
-    BOOL m_bContentSetUp = FALSE;
-    BOOL m_bComplete = FALSE;
+    CmBool m_bContentSetUp = CM_FALSE;
+    CmBool m_bComplete = CM_FALSE;
     CCmString m_strBody;
-    DWORD m_dwContentLength = 0;
-    DWORD m_dwContentRead = 0;
-    BOOL m_bEndOfStream = FALSE;
+    CmDword m_dwContentLength = 0;
+    CmDword m_dwContentRead = 0;
+    CmBool m_bEndOfStream = CM_FALSE;
     CCmHttpLimits m_Limits;
-    DWORD m_dwLines = 0;
-    BOOL m_bBeyondLimit = FALSE;
+    CmDword m_dwLines = 0;
+    CmBool m_bBeyondLimit = CM_FALSE;
 };
 
 extern template class TALVO_API CCmHttpParserT<CCmHttpRequestHead>;

@@ -10,9 +10,9 @@ public:
     // Null: none. Like a header's name it may belong to the head, and is then invalid after Clear.
     CCmHttpAtom GetMethod() const { return m_Method; }
     // FALSE, and nothing changes: not one of the ten known methods. For other methods use SetAnyMethod.
-    BOOL SetMethod(const CCmHttpAtom& aMethod);
+    CmBool SetMethod(const CCmHttpAtom& aMethod);
     // FALSE, and nothing changes: not a token, or memory ran out. The text's atom is that of ResolveName.
-    BOOL SetAnyMethod(std::string_view aMethod);
+    CmBool SetAnyMethod(std::string_view aMethod);
 
     // Path and query, as on the request line.
     const CCmString& GetRequestURI() const { return m_strRequestURI; }
@@ -29,12 +29,12 @@ public:
 
     // TRUE: version 1.1, and Connection, or without it Proxy-Connection, is exactly "keep-alive". This is the framework's old
     // and strict rule; talvo::is_persistent is that of RFC 9112.
-    BOOL IsPersistent() const;
+    CmBool IsPersistent() const;
 
-    BOOL Clear() override;
+    CmBool Clear() override;
 
 protected:
-    BOOL ParseFirstLine_t(const char* aLine) override;
+    CmBool ParseFirstLine_t(const char* aLine) override;
 
 private:
     void FlattenFirstLine(CCmString& aOut) const;

@@ -29,12 +29,12 @@ public:
     // A response must declare that its connection persists: FALSE without Connection and Proxy-Connection, for any version.
     // Otherwise the first of them decides: 1.1 unless it is "close", 1.0 if it is "keep-alive". This is the framework's old and
     // strict rule; talvo::is_persistent is that of RFC 9112.
-    BOOL IsPersistent() const;
+    CmBool IsPersistent() const;
 
-    BOOL Clear() override;
+    CmBool Clear() override;
 
 protected:
-    BOOL ParseFirstLine_t(const char* aLine) override;
+    CmBool ParseFirstLine_t(const char* aLine) override;
 
 private:
     void FlattenFirstLine(CCmString& aOut) const;

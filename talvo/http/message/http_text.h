@@ -11,7 +11,7 @@ namespace talvo {
 
 // Below, at or above zero, in the order of _stricmp: bytes as unsigned numbers, letters in lower case.
 TALVO_API int compare_no_case(std::string_view aLeft, std::string_view aRight);
-inline BOOL equal_no_case(std::string_view aLeft, std::string_view aRight) {
+inline CmBool equal_no_case(std::string_view aLeft, std::string_view aRight) {
     return aLeft.size() == aRight.size() && compare_no_case(aLeft, aRight) == 0;  // most compared texts differ in length
 }
 
@@ -35,12 +35,12 @@ constexpr std::string_view trim_blanks(std::string_view aText) {
 }
 
 // TRUE: one or more of the characters allowed in the names of headers and methods.
-TALVO_API BOOL is_token(std::string_view aText);
+TALVO_API CmBool is_token(std::string_view aText);
 
 // FALSE: contains CR, LF or NUL. When sent, it would end its line or be read differently by others.
-TALVO_API BOOL is_sendable(std::string_view aText);
+TALVO_API CmBool is_sendable(std::string_view aText);
 
 // TRUE: aToken is one of the list's elements, in any case.
-TALVO_API BOOL has_token(std::string_view aList, std::string_view aToken);
+TALVO_API CmBool has_token(std::string_view aList, std::string_view aToken);
 
 }  // namespace talvo

@@ -28,7 +28,7 @@ public:
 
     // Leading spaces are skipped, and the scheme is case-insensitive. FALSE: another scheme, http and https without host and
     // port or with wrong brackets, or memory ran out; the object is then filled in part and must not be used.
-    BOOL Init(std::string_view aSpec);
+    CmBool Init(std::string_view aSpec);
 
     const CCmString& GetScheme() const { return m_strScheme; }  // in lower case
     // Without brackets, as CCmInetAddr takes it: "host", "::1", "fe80::1%eth0".
@@ -38,23 +38,23 @@ public:
     const CCmString& GetPath() const { return m_strPath; }
     void SetPath(std::string_view aPath);  // empty: "/"
 
-    WORD GetPort() const { return m_wPort; }
-    void SetPort(WORD aPort);  // 0: the scheme's default
+    CmWord GetPort() const { return m_wPort; }
+    void SetPort(CmWord aPort);  // 0: the scheme's default
 
     // "host" or "[::1]", followed by ":" and the port if it is not the scheme's default or if aForcePort is not 0.
     CCmString GetNameAndPort(int aForcePort) const;
 
     // "host", "host:port", "[::1]" or "[::1]:port"; a text that is not a number gives the default port. FALSE: an empty text,
     // wrong brackets, or memory ran out. Kept on purpose: a number beyond 65,535 is not refused but taken modulo 65,536.
-    BOOL SetNameAndPort(std::string_view aNameAndPort);
+    CmBool SetNameAndPort(std::string_view aNameAndPort);
 
     // The whole URL, without a default port; "": memory ran out.
     const CCmString& GetAsciiSpec() const;
 
 private:
-    BOOL Parse(std::string_view aSpec);
-    BOOL SetNameAndPort_i(std::string_view aNameAndPort);
-    WORD GetDefaultPort() const;
+    CmBool Parse(std::string_view aSpec);
+    CmBool SetNameAndPort_i(std::string_view aNameAndPort);
+    CmWord GetDefaultPort() const;
     void MakeSpec() const;
     static CCmString FilePath(std::string_view aRest);
 
@@ -62,5 +62,5 @@ private:
     CCmString m_strScheme;
     CCmString m_strPath;
     CCmString m_strHostName;
-    WORD m_wPort = 0;
+    CmWord m_wPort = 0;
 };

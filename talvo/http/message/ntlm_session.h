@@ -22,7 +22,7 @@ public:
     void Finish() { m_Step = DONE; }
 
     // The second message in base64. FALSE: it is refused, see ReadNtlmChallenge. May throw std::bad_alloc, as Next.
-    BOOL TakeChallenge(std::string_view aToken);
+    CmBool TakeChallenge(std::string_view aToken);
 
     // aValue (out): of the header for the next request; "" if DONE. Results as MakeNtlmAuthenticate; CM_ERROR_FAILURE also if
     // the system has no random numbers.

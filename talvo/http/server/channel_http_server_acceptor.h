@@ -20,18 +20,18 @@ class TALVO_API CCmChannelHttpServerAcceptor final : public ICmChannelServerAcce
                                                      private CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
 public:
     // aFlags: no flags are defined; they are ignored.
-    explicit CCmChannelHttpServerAcceptor(DWORD aFlags);
+    explicit CCmChannelHttpServerAcceptor(CmDword aFlags);
     ~CCmChannelHttpServerAcceptor() override;
 
-    DWORD AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }
-    DWORD ReleaseReference() override { return CCmReferenceControlTimerDeleteT::ReleaseReference(); }
+    CmDword AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }
+    CmDword ReleaseReference() override { return CCmReferenceControlTimerDeleteT::ReleaseReference(); }
 
     CmResult StartListen(ICmChannelServerAcceptorSink* aSink, const CCmInetAddr& aAddrListen) override;
     CmResult StopListen(CmResult aReason) override;
     CmResult GetListenAddr(CCmInetAddr& aAddr) override;
-    CmResult SetOption(DWORD aCommand, void* aArg) override;
-    CmResult GetOption(DWORD aCommand, void* aArg) override;
-    DWORD GetConnections() const override { return static_cast<DWORD>(m_Connections.size()); }
+    CmResult SetOption(CmDword aCommand, void* aArg) override;
+    CmResult GetOption(CmDword aCommand, void* aArg) override;
+    CmDword GetConnections() const override { return static_cast<CmDword>(m_Connections.size()); }
 
     // Serves a connection that was made elsewhere, as if it had been accepted.
     void Serve(ICmTransport* aTransport);
@@ -45,8 +45,8 @@ private:
     void AddUndrained(CCmUndrained& aLeft) override { aLeft.m_dwRequests += GetConnections(); }
 
     const talvo::CHttpServerSettings& GetSettings() const override { return m_Settings; }
-    DWORD GetLooks() const override { return m_dwLooks; }
-    std::string_view GetTail(BOOL aKeepAlive) override;
+    CmDword GetLooks() const override { return m_dwLooks; }
+    std::string_view GetTail(CmBool aKeepAlive) override;
     void OnRequest(ICmChannelHttpServer& aChannel) override;
     void OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) override;
     void OnClientEnd(ICmChannelHttpServer& aChannel) override;
@@ -60,10 +60,10 @@ private:
     template <class Visit>
     void ForEach_i(const Visit& aVisit);
     void Look_i();
-    BOOL PrintTails_i();
+    CmBool PrintTails_i();
     void Stopped_i();
     void DropAll_i();
-    DWORD* GetNumber_i(DWORD aCommand);
+    CmDword* GetNumber_i(CmDword aCommand);
 
     talvo::CHttpServerSettings m_Settings;
     ICmChannelServerAcceptorSink* m_pSink = nullptr;  // not owned; from StartListen to OnStopped
@@ -73,9 +73,9 @@ private:
     std::vector<Connection> m_Connections;            // each stores its place
     CCmTimerWrapperID m_LookTimer;
     CCmTimerWrapperID m_StoppedTimer;
-    DWORD m_dwLooks = 0;
-    DWORD m_dwStopDeadline = 0;  // in looks
-    BOOL m_bStopping = FALSE;
+    CmDword m_dwLooks = 0;
+    CmDword m_dwStopDeadline = 0;  // in looks
+    CmBool m_bStopping = CM_FALSE;
     CCmFailure m_Failure;         // of the last StartListen
     int64_t m_llTailSecond = -1;  // when the tails were last requested
     CCmString m_strTailKeep;

@@ -12,17 +12,17 @@ class ICmChannelServerAcceptor;
 // afterwards. Times are checked once a second, so a time-out comes up to a second late. A number is at least 1, a time at most
 // 0x40000000 s, which is no limit: CM_ERROR_INVALID_ARG otherwise. They do not run while the thread is busy elsewhere.
 // An https server also has CM_OPT_CONNECT_HANDSHAKE_TIME and CM_OPT_CONNECT_MAX_HANDSHAKES, from the next StartListen.
-enum ECmChannelServerOption : DWORD {
-    CM_OPT_CHANNEL_SERVER_MAX_CONNECTIONS = 331,  // DWORD (10,000): a connection beyond it is closed at once, unanswered
+enum ECmChannelServerOption : CmDword {
+    CM_OPT_CHANNEL_SERVER_MAX_CONNECTIONS = 331,  // CmDword (10,000): a connection beyond it is closed at once, unanswered
     CM_OPT_CHANNEL_SERVER_MAX_BODY = 332,         // uint64_t (64 MiB): a longer request body is answered with 413
-    CM_OPT_CHANNEL_SERVER_MAX_LINE = 333,         // DWORD (64 KiB): a longer line of a head is answered with 431 or 414
-    CM_OPT_CHANNEL_SERVER_MAX_LINES = 334,        // DWORD (256): more header lines are answered with 431
-    CM_OPT_CHANNEL_SERVER_MAX_HEAD = 335,         // DWORD (256 KiB): likewise a longer head
-    CM_OPT_CHANNEL_SERVER_HEAD_SECONDS = 336,     // DWORD (10): from a connection, or a head's first byte, to its last: 408
-    // DWORD (60): between two requests; also for each KiB of a request's body, and for each progress of an answer that the
+    CM_OPT_CHANNEL_SERVER_MAX_LINE = 333,         // CmDword (64 KiB): a longer line of a head is answered with 431 or 414
+    CM_OPT_CHANNEL_SERVER_MAX_LINES = 334,        // CmDword (256): more header lines are answered with 431
+    CM_OPT_CHANNEL_SERVER_MAX_HEAD = 335,         // CmDword (256 KiB): likewise a longer head
+    CM_OPT_CHANNEL_SERVER_HEAD_SECONDS = 336,     // CmDword (10): from a connection, or a head's first byte, to its last: 408
+    // CmDword (60): between two requests; also for each KiB of a request's body, and for each progress of an answer that the
     // peer's system does not take.
     CM_OPT_CHANNEL_SERVER_IDLE_SECONDS = 337,
-    CM_OPT_CHANNEL_SERVER_STOP_SECONDS = 338,  // DWORD (30): the time that StopListen gives to requests that have begun
+    CM_OPT_CHANNEL_SERVER_STOP_SECONDS = 338,  // CmDword (30): the time that StopListen gives to requests that have begun
     // CCmRefPtrT<CCmSslContext> (null): https with this context, which needs a certificate; null: http. Set it before
     // StartListen; CM_ERROR_ALREADY_INITIALIZED afterwards.
     CM_OPT_CHANNEL_SERVER_SSL_CONTEXT = 339
@@ -95,7 +95,7 @@ public:
     // could end a line; a header that the server sets itself ("Content-Length", "Transfer-Encoding", "Date"). aMerge as in
     // SetHeader of CCmHttpHeaderArray. "Connection: close" ends the connection after this answer.
     virtual CmResult SetStatus(long aStatus, const CCmString& aText = CCmString()) = 0;
-    virtual CmResult SetHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, BOOL aMerge = FALSE) = 0;
+    virtual CmResult SetHeader(const CCmHttpAtom& aAtom, const CCmString& aValue, CmBool aMerge = CM_FALSE) = 0;
 
     // The whole answer, with a body or (null) without one. Takes the whole chain and keeps the part that the peer does not take
     // at once, sharing the storage. CM_ERROR_NOT_AVAILABLE: the answer is complete, or begun. CM_ERROR_NOT_INITIALIZED: the
@@ -125,8 +125,8 @@ public:
     // CM_OPT_TRANSPORT_PAUSE_READING applies to the channel and holds the body back. Other options are the connection's.
     // CM_OPT_TRANSPORT_LOCAL_ADDR, _PEER_ADDR and _TRAN_TYPE are answered as long as the channel exists, in its last upcall
     // too. CM_ERROR_NOT_INITIALIZED: any other after the complete answer or the connection's end.
-    CmResult SetOption(DWORD aCommand, void* aArg) override = 0;
-    CmResult GetOption(DWORD aCommand, void* aArg) override = 0;
+    CmResult SetOption(CmDword aCommand, void* aArg) override = 0;
+    CmResult GetOption(CmDword aCommand, void* aArg) override = 0;
 };
 
 class TALVO_API ICmChannelServerAcceptorSink {
@@ -180,9 +180,9 @@ public:
 
     // See ECmChannelServerOption. CM_ERROR_INVALID_ARG: an unknown command, a null argument, or 0 for a time or a limit. Also
     // reads CM_OPT_CONNECT_FAILURE, a CCmFailure: the failure of the last StartListen.
-    virtual CmResult SetOption(DWORD aCommand, void* aArg) = 0;
-    virtual CmResult GetOption(DWORD aCommand, void* aArg) = 0;
+    virtual CmResult SetOption(CmDword aCommand, void* aArg) = 0;
+    virtual CmResult GetOption(CmDword aCommand, void* aArg) = 0;
 
     // The number of connections.
-    virtual DWORD GetConnections() const = 0;
+    virtual CmDword GetConnections() const = 0;
 };

@@ -15,9 +15,9 @@ class CHttpServerOwner {
 public:
     virtual const CHttpServerSettings& GetSettings() const = 0;
     // Counts the looks at the clock, one a second.
-    virtual DWORD GetLooks() const = 0;
+    virtual CmDword GetLooks() const = 0;
     // The end of a head: "Date", "Connection", the empty line.
-    virtual std::string_view GetTail(BOOL aKeepAlive) = 0;
+    virtual std::string_view GetTail(CmBool aKeepAlive) = 0;
     virtual void OnRequest(ICmChannelHttpServer& aChannel) = 0;
     // A request without a sink has been lost.
     virtual void OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) = 0;

@@ -10,11 +10,11 @@ struct CHttpServerSettings {
     CHttpServerSettings() { m_Limits.m_ullMaxBody = CCmHttpLimits::SERVER_MAX_BODY; }
 
     CCmHttpLimits m_Limits;
-    DWORD m_dwMaxHead = 256u << 10;
-    DWORD m_dwMaxConnections = 10000;
-    DWORD m_dwHeadSeconds = 10;
-    DWORD m_dwIdleSeconds = 60;
-    DWORD m_dwStopSeconds = 30;
+    CmDword m_dwMaxHead = 256u << 10;
+    CmDword m_dwMaxConnections = 10000;
+    CmDword m_dwHeadSeconds = 10;
+    CmDword m_dwIdleSeconds = 60;
+    CmDword m_dwStopSeconds = 30;
 };
 
 }  // namespace talvo

@@ -18,7 +18,7 @@ extern "C" {
 #endif
 
 /* A buffer of this size holds any route. */
-#define CM_PROXY_ROUTE_SIZE 4608
+enum { CM_PROXY_ROUTE_SIZE = 4608 };
 
 /* The end of a search. result 0: route has the servers. 20009: the user's script is mandatory and has no answer. 10009: the
  * network thread has ended. 10007: no memory. Otherwise route is "". It is valid during the call. The function must not throw;

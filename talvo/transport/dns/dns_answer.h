@@ -8,7 +8,7 @@
 
 namespace talvo {
 
-enum class EDnsAnswer : BYTE {
+enum class EDnsAnswer : CmByte {
     UNASKED,  // the family is not wanted
     PENDING,  // no answer yet
     FOUND,    // there are addresses
@@ -20,17 +20,17 @@ enum class EDnsAnswer : BYTE {
 // The addresses of one family, from the hosts file or a server, or the reason why there are none.
 struct TALVO_API CDnsAnswer {
     static constexpr size_t MAX_ADDRESSES = 256;  // further ones are dropped
-    static constexpr DWORD MIN_TTL = 1;           // seconds
-    static constexpr DWORD MAX_TTL = 3600;
-    static constexpr DWORD FAILURE_TTL = 5;
+    static constexpr CmDword MIN_TTL = 1;         // seconds
+    static constexpr CmDword MAX_TTL = 3600;
+    static constexpr CmDword FAILURE_TTL = 5;
 
     // Answers that have just come. The time to live of addresses, in seconds, is clamped; every other answer has FAILURE_TTL.
-    static CDnsAnswer Found(std::vector<CIpBytes> aAddresses, DWORD aTtl);
+    static CDnsAnswer Found(std::vector<CIpBytes> aAddresses, CmDword aTtl);
     static CDnsAnswer None(EDnsAnswer aState, const CCmString& aReason);
 
-    BOOL IsFound() const { return m_State == EDnsAnswer::FOUND; }
+    CmBool IsFound() const { return m_State == EDnsAnswer::FOUND; }
     // TRUE: a server, or the rules for names, exclude an address.
-    BOOL IsDenied() const { return m_State == EDnsAnswer::NO_DATA || m_State == EDnsAnswer::NO_NAME; }
+    CmBool IsDenied() const { return m_State == EDnsAnswer::NO_DATA || m_State == EDnsAnswer::NO_NAME; }
 
     EDnsAnswer m_State = EDnsAnswer::UNASKED;
     std::vector<CIpBytes> m_Addresses;
@@ -41,11 +41,11 @@ struct TALVO_API CDnsAnswer {
 // The answers of both families. They come from one full name, so they belong to one host.
 struct TALVO_API CDnsAnswers {
     // Addresses of either family, which have just come. A family without an address counts as not wanted.
-    static CDnsAnswers Of(const std::vector<CIpBytes>& aAddresses, DWORD aTtl);
+    static CDnsAnswers Of(const std::vector<CIpBytes>& aAddresses, CmDword aTtl);
 
-    CDnsAnswer& Of(BYTE aFamily) { return aFamily == 4 ? m_Ipv4 : m_Ipv6; }
-    BOOL HasAddress() const { return m_Ipv4.IsFound() || m_Ipv6.IsFound(); }
-    BOOL IsPending() const { return m_Ipv4.m_State == EDnsAnswer::PENDING || m_Ipv6.m_State == EDnsAnswer::PENDING; }
+    CDnsAnswer& Of(CmByte aFamily) { return aFamily == 4 ? m_Ipv4 : m_Ipv6; }
+    CmBool HasAddress() const { return m_Ipv4.IsFound() || m_Ipv6.IsFound(); }
+    CmBool IsPending() const { return m_Ipv4.m_State == EDnsAnswer::PENDING || m_Ipv6.m_State == EDnsAnswer::PENDING; }
     // The more telling answer of a look-up without an address: that no server helped, then that the name has no address.
     const CDnsAnswer& GetFailure() const;
     // When the first answer expires. The denial of one family lives as long as the addresses of the other.

@@ -44,7 +44,7 @@ public:
     // aForced: repeats the look-up of a cached name, and replaces the cached answer. A look-up under way is recent enough. If
     // the network thread ends, all waiting observers get a failure that is not cached.
     CmResult AsyncResolve(CCmDnsRecord*& aRecord, const CCmString& aHostName, ICmObserver* aObserver = nullptr,
-                          BOOL aForced = FALSE, ACmThread* aThread = nullptr);
+                          CmBool aForced = CM_FALSE, ACmThread* aThread = nullptr);
 
     // Cancels all requests of aObserver. In the thread in which it is called, no call follows; in another thread, a call under
     // way may end after this function. CM_OK. CM_ERROR_NOT_FOUND: it waited for no name. CM_ERROR_INVALID_ARG: null.

@@ -25,21 +25,21 @@ public:
     // them by the routes of this machine, see docs/names.md.
     const std::vector<talvo::CIpBytes>& GetAddresses() const { return m_Addresses; }
     // The first IPv4 address in network byte order, or 0xFFFFFFFF if there is none.
-    DWORD GetFirstAddress() const;
+    CmDword GetFirstAddress() const;
     // The first IPv4 address, or else the first IPv6 address, or none if FAILED.
     talvo::CIpBytes GetFirstIp() const;
     // TRUE: the servers have not answered for one family yet, and later records of this name may have more addresses.
-    BOOL IsPartial() const { return m_Answers.IsPending(); }
+    CmBool IsPartial() const { return m_Answers.IsPending(); }
 
     // When the record expires, on the clock of CCmClock::GetTimeOfDayUsec.
     int64_t GetExpiryUsec() const { return m_Answers.GetExpiryUsec(); }
     // Seconds from now until the expiry, rounded up; 0: it has expired.
-    DWORD GetTimeToLive() const;
+    CmDword GetTimeToLive() const;
 
     // For people; "" if RESOLVED.
     const CCmString& GetReason() const { return m_strReason; }
     // TRUE: FAILED because the name has no address. FALSE: no server gave a usable answer, or it is RESOLVED.
-    BOOL IsNoSuchName() const { return !m_Answers.HasAddress() && m_Answers.GetFailure().IsDenied(); }
+    CmBool IsNoSuchName() const { return !m_Answers.HasAddress() && m_Answers.GetFailure().IsDenied(); }
 
     // The answers that the record is made of.
     const talvo::CDnsAnswers& GetAnswers() const { return m_Answers; }

@@ -26,7 +26,7 @@ protected:
 class CNameLookup : private ICmObserver {
 public:
     // aEarly: the user can begin with the first addresses, so it does not wait for the IPv4 addresses of a name with IPv6.
-    CNameLookup(INameUser& aUser, BOOL aEarly) : m_User(aUser), m_bEarly(aEarly) {}
+    CNameLookup(INameUser& aUser, CmBool aEarly) : m_User(aUser), m_bEarly(aEarly) {}
     ~CNameLookup() override { Cancel(); }
     CNameLookup(const CNameLookup&) = delete;
     CNameLookup& operator=(const CNameLookup&) = delete;
@@ -35,14 +35,14 @@ public:
     // other result: the look-up is not possible.
     CmResult Start(const CCmString& aName, CCmRefPtrT<CCmDnsRecord>& aRecord);
     // TRUE: OnNameKnown follows, with the outcome or with further addresses.
-    BOOL IsWaiting() const { return m_bWaiting; }
+    CmBool IsWaiting() const { return m_bWaiting; }
 
     // The failure of a name without an address: aRecord is a failed record, or null with aReason, the result of Start.
     static CCmFailure FailureOf(const CCmDnsRecord* aRecord, CmResult aReason, const CCmInetAddr& aName);
 
     // TRUE: aAddr can be passed to the system. FALSE: it is a name for which no look-up found an address; aFailure (out) has
     // the cause, errno is EADDRNOTAVAIL, and there is a trace line.
-    static BOOL HasAddress(const CCmInetAddr& aAddr, CCmFailure& aFailure);
+    static CmBool HasAddress(const CCmInetAddr& aAddr, CCmFailure& aFailure);
 
     // No call of the user follows. Does nothing without a look-up.
     void Cancel();
@@ -54,8 +54,8 @@ private:
     void AskRest_i(CCmRefPtrT<CCmDnsRecord>& aRecord);
 
     INameUser& m_User;
-    const BOOL m_bEarly;
-    BOOL m_bWaiting = FALSE;
+    const CmBool m_bEarly;
+    CmBool m_bWaiting = CM_FALSE;
 };
 
 }  // namespace talvo

@@ -36,9 +36,9 @@ public:
     CmResult StopListen(CmResult aReason) override;
     CmResult GetListenAddr(CCmInetAddr& aAddr) override;
 
-    HANDLE GetHandle() const override { return m_Socket.GetHandle(); }
-    int OnInput(HANDLE aFd) override;
-    int OnClose(HANDLE aFd, long aMask) override;
+    CmHandle GetHandle() const override { return m_Socket.GetHandle(); }
+    int OnInput(CmHandle aFd) override;
+    int OnClose(CmHandle aFd, long aMask) override;
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
 
 protected:
@@ -54,7 +54,7 @@ private:
     void Pause_i(EPause aPause, const CCmTimeValue& aTime);
     void Resume_i();
     void OnRetry();
-    BOOL MakeRoom_i();
+    CmBool MakeRoom_i();
     void ShakeHands_i(CCmRefPtrT<CCmTransportTcp> aTransport);
     void OnShaken(CCmRefPtrT<CCmTransportTcp> aTransport, const CCmFailure& aFailure) override;
     void TraceFailure_i(const CCmFailure& aFailure);
@@ -64,7 +64,7 @@ private:
     CCmSocketTcp m_Socket;
     talvo::CUnixPath m_Path;
     CCmInetAddr m_AddrListen;
-    BOOL m_bOneLocal = FALSE;            // each connection's local address is m_AddrListen
+    CmBool m_bOneLocal = CM_FALSE;       // each connection's local address is m_AddrListen
     talvo::CSocketSettings m_Listening;  // of the connections; accepted TCP sockets have the listener's buffer sizes
     EPause m_Pause = NOT;                // else not registered, and the timer runs
     talvo::CTracePace m_TracePace;       // of the lines about descriptors

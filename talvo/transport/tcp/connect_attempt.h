@@ -35,15 +35,15 @@ public:
     CCmRefPtrT<TransportType> TakeTransport();
 
     // TRUE: connected, and shaking hands.
-    BOOL IsShakingHands() const { return m_pRun != nullptr; }
+    CmBool IsShakingHands() const { return m_pRun != nullptr; }
 
     // The failure, immediate or later, and its reason.
     const CCmFailure& GetFailure() const { return m_Failure; }
     CmResult GetReason() const { return m_pRun ? m_pRun->GetReason() : CM_ERROR_NETWORK_CONNECT_ERROR; }
 
-    HANDLE GetHandle() const override;
-    int OnOutput(HANDLE aFd) override;
-    int OnClose(HANDLE aFd, long aMask) override;
+    CmHandle GetHandle() const override;
+    int OnOutput(CmHandle aFd) override;
+    int OnClose(CmHandle aFd, long aMask) override;
 
 private:
     int Connect_i(const CCmInetAddr& aAddrLocal, const CSocketSettings& aSockets);

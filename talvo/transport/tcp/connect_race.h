@@ -54,7 +54,7 @@ private:
     int StartNext_i(CCmRefPtrT<TransportType>& aTransport);
     void GoOn_i();
     void ArmTimer_i();
-    BOOL IsOver_i(const CAttempt& aFailed);
+    CmBool IsOver_i(const CAttempt& aFailed);
     void Note_i(const CCmFailure& aFailure);
     void Done_i(CCmRefPtrT<TransportType> aTransport);
 

@@ -13,7 +13,7 @@ template <class TransportType>
 class CCmConnectorTcpT : public talvo::CResolvingConnector, private talvo::CConnectRaceT<TransportType>::IUser {
 public:
     explicit CCmConnectorTcpT(const CCmConnectorSettings& aSettings)
-        : CResolvingConnector(aSettings, "CCmConnectorTcpT", TRUE),
+        : CResolvingConnector(aSettings, "CCmConnectorTcpT", CM_TRUE),
           m_Race(aSettings.m_pReactor, *this, aSettings.m_pHandshakes) {}
 
     static std::unique_ptr<ACmConnectorInternal> Make(const CCmConnectorSettings& aSettings);  // a CCmConnectorMaker

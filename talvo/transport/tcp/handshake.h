@@ -43,12 +43,12 @@ public:
     virtual CCmRefPtrT<CCmTransportTcp> MakeTransport(ICmReactor* aReactor);
 
     // Handshake number aStep of a connection, from 0. Each begins after the one before. Null: there is no further one.
-    virtual std::unique_ptr<IHandshake> MakeHandshake(CCmTransportTcp& aTransport, DWORD aStep) = 0;
+    virtual std::unique_ptr<IHandshake> MakeHandshake(CCmTransportTcp& aTransport, CmDword aStep) = 0;
 
     // For all handshakes of a connection; zero: no limit. 10 s unless overridden.
     virtual CCmTimeValue GetTimeLimit() const;
     // The connections of an acceptor that may shake hands at the same time, at least 1. 1,024 unless overridden.
-    virtual DWORD GetMostInFlight() const;
+    virtual CmDword GetMostInFlight() const;
 
 protected:
     virtual ~IHandshakeMaker() = default;

@@ -29,7 +29,7 @@ public:
 
     // TRUE: over already, well or not. FALSE: under way, and the report follows. At the maker's time limit the run fails with
     // CM_FAILURE_TIMEOUT.
-    BOOL Start();
+    CmBool Start();
 
     // The failure of a run that has ended, and its reason; CM_FAILURE_NONE: it succeeded.
     const CCmFailure& GetFailure() const { return m_Failure; }
@@ -39,20 +39,20 @@ public:
 
     CCmInetAddr GetPeerAddr() const;
 
-    HANDLE GetHandle() const override;
-    int OnInput(HANDLE aFd) override;
-    int OnOutput(HANDLE aFd) override;
-    int OnClose(HANDLE aFd, long aMask) override;
+    CmHandle GetHandle() const override;
+    int OnInput(CmHandle aFd) override;
+    int OnOutput(CmHandle aFd) override;
+    int OnClose(CmHandle aFd, long aMask) override;
 
 private:
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;
 
-    BOOL GoOn_i();
+    CmBool GoOn_i();
     IHandshake::EStep Step_i();
-    BOOL Wait_i(IHandshake::EStep aStep);
+    CmBool Wait_i(IHandshake::EStep aStep);
     int Ready_i();
-    BOOL Over_i(const CCmFailure& aFailure);
-    BOOL Failed_i(int aError);
+    CmBool Over_i(const CCmFailure& aFailure);
+    CmBool Failed_i(int aError);
     CCmFailure NotedFailure_i();
     void Stop_i();
 
@@ -61,9 +61,9 @@ private:
     IHandshakeMaker& m_Maker;
     CCmRefPtrT<CCmTransportTcp> m_pTransport;
     std::unique_ptr<IHandshake> m_pHandshake;  // null before the first and after the last
-    DWORD m_dwStep = 0;
-    BOOL m_bWatched = FALSE;  // registered; afterwards another handler has the handle
-    BOOL m_bTimer = FALSE;
+    CmDword m_dwStep = 0;
+    CmBool m_bWatched = CM_FALSE;  // registered; afterwards another handler has the handle
+    CmBool m_bTimer = CM_FALSE;
     CCmFailure m_Failure;
     CmResult m_Reason = CM_ERROR_NETWORK_CONNECT_ERROR;
 };

@@ -25,7 +25,7 @@ public:
     CHandshakesInFlight& operator=(const CHandshakesInFlight&) = delete;
 
     // aMaker outlives the handshake. OnShaken may come inside. FALSE: memory ran out, and the connection is closed.
-    BOOL Begin(CCmRefPtrT<CCmTransportTcp> aTransport, IHandshakeMaker& aMaker);
+    CmBool Begin(CCmRefPtrT<CCmTransportTcp> aTransport, IHandshakeMaker& aMaker);
     size_t GetCount() const { return m_Runs.size(); }
 
     // The time until the peer that has been silent longest has sent nothing for a second; zero: it has. There is one.

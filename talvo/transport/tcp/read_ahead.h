@@ -11,10 +11,10 @@ namespace talvo {
 
 class CReadAhead {
 public:
-    DWORD GetSize() const { return static_cast<DWORD>(m_Bytes.size() - m_stRead); }
+    CmDword GetSize() const { return static_cast<CmDword>(m_Bytes.size() - m_stRead); }
 
     // Inserts aData before the current bytes. Throws std::bad_alloc; nothing changes then.
-    void Prepend(const char* aData, DWORD aLen) {
+    void Prepend(const char* aData, CmDword aLen) {
         std::vector<char> bytes(aData, aData + aLen);
         bytes.insert(bytes.end(), m_Bytes.begin() + static_cast<std::ptrdiff_t>(m_stRead), m_Bytes.end());
         m_Bytes.swap(bytes);
@@ -22,8 +22,8 @@ public:
     }
 
     // Copies and consumes at most aLen bytes; returns their count.
-    DWORD Take(char* aBuf, DWORD aLen) {
-        const DWORD dwTaken = std::min(aLen, GetSize());
+    CmDword Take(char* aBuf, CmDword aLen) {
+        const CmDword dwTaken = std::min(aLen, GetSize());
         std::memcpy(aBuf, m_Bytes.data() + m_stRead, dwTaken);
         m_stRead += dwTaken;
         return dwTaken;

@@ -34,14 +34,14 @@ public:
     explicit CCmTransportTcp(ICmReactor* aReactor);
     ~CCmTransportTcp() override;
 
-    HANDLE GetHandle() const override { return m_SocketTcp.GetHandle(); }
-    int OnInput(HANDLE aFd) override;
-    int OnOutput(HANDLE aFd) override;
-    int OnClose(HANDLE aFd, long aMask) override;
+    CmHandle GetHandle() const override { return m_SocketTcp.GetHandle(); }
+    int OnInput(CmHandle aFd) override;
+    int OnOutput(CmHandle aFd) override;
+    int OnClose(CmHandle aFd, long aMask) override;
 
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
-    CmResult SetOption(DWORD aCommand, void* aArg) override;
-    CmResult GetOption(DWORD aCommand, void* aArg) override;
+    CmResult SetOption(CmDword aCommand, void* aArg) override;
+    CmResult GetOption(CmDword aCommand, void* aArg) override;
     // With CM_OK the socket stays until the peer's system has acknowledged everything. If it were closed at once, further data
     // from the peer would make it send a reset, and unacknowledged data would be lost. See CTransportLinger.
     CmResult Disconnect(CmResult aReason) override;
@@ -52,7 +52,7 @@ public:
     void SetPeerAddr(const CCmInetAddr& aAddr) { m_AddrPeer.Store(aAddr); }
     void SetLocalAddr(const CCmInetAddr& aAddr) { m_AddrLocal.Store(aAddr); }
     // Of one read; between CSocketSettings::MIN_READ and MAX_READ.
-    void SetReadSize(DWORD aSize) { m_dwReadSize = aSize; }
+    void SetReadSize(CmDword aSize) { m_dwReadSize = aSize; }
     // The proxy server of the connection, for CM_OPT_TRANSPORT_ROUTE; without a call there is none. May throw std::bad_alloc.
     void SetRoute(const CCmString& aServer) { m_pRoute = std::make_unique<const CCmString>(aServer); }
     const CCmTransportCounters& GetCounters() const { return m_Counters; }
@@ -60,14 +60,14 @@ public:
     // The raw socket, for a layer between socket and sink, and for a handshake before the opening. A count; 0 for Send_i, -2
     // for Recv_i when it would block; -1 on failure and on the peer's close, traced. 0 for Recv_i at the peer's end if
     // CM_OPT_TRANSPORT_TELL_END is set. Bytes of UnRecv_i come first.
-    int Recv_i(char* aBuf, DWORD aLen);
-    int Send_i(const char* aBuf, DWORD aLen);
+    int Recv_i(char* aBuf, CmDword aLen);
+    int Send_i(const char* aBuf, CmDword aLen);
     // As Recv_i, but the bytes stay in the socket. Before any UnRecv_i.
-    int Peek_i(char* aBuf, DWORD aLen) { return Receive_i(aBuf, aLen, MSG_PEEK); }
+    int Peek_i(char* aBuf, CmDword aLen) { return Receive_i(aBuf, aLen, MSG_PEEK); }
     // Puts bytes of Recv_i back for the next reader. CM_ERROR_OUT_OF_MEMORY: nothing is put back, and the stream has a gap.
-    CmResult UnRecv_i(const char* aData, DWORD aLen);
+    CmResult UnRecv_i(const char* aData, CmDword aLen);
     // TRUE after Recv_i: its bytes were those of UnRecv_i, and the socket may have more.
-    BOOL HasReadAhead_i() const { return m_pReadAhead != nullptr; }
+    CmBool HasReadAhead_i() const { return m_pReadAhead != nullptr; }
 
 protected:
     CmResult Open_t() override;
@@ -78,55 +78,55 @@ protected:
     // Bytes for the sink: a count; otherwise as Recv_i, and an end or a failure comes behind the last byte. aMore (out, FALSE
     // before): Read_i is called again without a report of the socket, also after a -2. A layer sets it unless Recv_i would
     // block and GetHeld_i is 0. Without it, and with fewer than aLen bytes, the next call comes with the next report.
-    virtual int Read_i(char* aBuf, DWORD aLen, BOOL& aMore);
+    virtual int Read_i(char* aBuf, CmDword aLen, CmBool& aMore);
     // Of aRead bytes without aMore: the socket reports the next ones. Otherwise Read_i is called again at once.
-    virtual BOOL IsDry_i(DWORD aRead, DWORD aLen) const { return aRead < aLen; }
+    virtual CmBool IsDry_i(CmDword aRead, CmDword aLen) const { return aRead < aLen; }
     // Received bytes that Read_i can return without the socket. The beginning of a record does not count.
-    virtual DWORD GetHeld_i() const { return m_pReadAhead ? m_pReadAhead->GetSize() : 0; }
+    virtual CmDword GetHeld_i() const { return m_pReadAhead ? m_pReadAhead->GetSize() : 0; }
     // The peer's side of the socket has ended without a failure. A layer notes one here unless its own end came before.
     virtual void NoteEnd_i() {}
 
     // Takes bytes of SendData: a count, fewer than all only if the socket would block; -1 with errno, EAGAIN if it takes none
     // for that reason. A layer that holds bytes to send after that calls WaitForRoom_i.
-    virtual int Write_i(const iovec* aPieces, DWORD aCount);
+    virtual int Write_i(const iovec* aPieces, CmDword aCount);
     // Sends the bytes that the layer holds. aEnd: no Write_i follows, and the layer's own end goes behind them, once. CM_OK (no
     // call follows if aEnd): all are sent. CM_ERROR_PARTIAL_DATA: the socket would block. CM_ERROR_NETWORK_SOCKET_ERROR with
     // errno.
-    virtual CmResult Flush_i(BOOL aEnd);
+    virtual CmResult Flush_i(CmBool aEnd);
     // The number of bytes that Flush_i still has to send.
-    virtual DWORD GetUnsent_i() const { return 0; }
+    virtual CmDword GetUnsent_i() const { return 0; }
     // Moves these bytes, encoded, to the caller: another transport continues with the socket. Null: none, or memory ran out.
     virtual CCmChainPtr TakeUnsent_i() { return nullptr; }
 
     // For a layer: Flush_i is called when the socket has room.
     void WaitForRoom_i();
     // For a layer: Read_i returns 0 at the end if this is TRUE, and -1 otherwise.
-    BOOL IsEndTold_i() const { return m_bTellEnd; }
+    CmBool IsEndTold_i() const { return m_bTellEnd; }
     // Unacknowledged bytes and those that the layer holds leave without this transport, which is closed then.
     void LetLinger_i();
 
 private:
     // A Unix socket reports room after each read of the peer, which would wake the loop for nothing.
-    BOOL IsWriteOnDemand_i() const {
+    CmBool IsWriteOnDemand_i() const {
         return m_AddrPeer.IsPath() || (m_pReactor->GetProperty() & ICmReactor::PROPERTY_WRITE_ON_DEMAND) != 0;
     }
-    int Receive_i(char* aBuf, DWORD aLen, int aFlags);
+    int Receive_i(char* aBuf, CmDword aLen, int aFlags);
     long GetMask_i() const;
     int TellEnd_i();
     CmResult SendFailed_i(int aError);
     void TellBroken_i();
     CmResult Watch_i();
     void GoOnReading_i();
-    BOOL ReadsOn_i();
-    BOOL FlushRest_i();
-    CmResult EndSending_i(BOOL aEnd);
-    CmResult SetReadSize_i(DWORD aSize);
-    CmResult PartialSend_i(BOOL aMoreRoom);
-    CmResult PauseReading_i(BOOL aPause);
-    CmResult SetTellEnd_i(BOOL aTell);
-    CmResult GetUnacknowledged_i(DWORD& aBytes);
-    CmResult Detach_i(HANDLE aNewHandle);
-    CmResult IsAlive_i(BOOL& aAlive) const;
+    CmBool ReadsOn_i();
+    CmBool FlushRest_i();
+    CmResult EndSending_i(CmBool aEnd);
+    CmResult SetReadSize_i(CmDword aSize);
+    CmResult PartialSend_i(CmBool aMoreRoom);
+    CmResult PauseReading_i(CmBool aPause);
+    CmResult SetTellEnd_i(CmBool aTell);
+    CmResult GetUnacknowledged_i(CmDword& aBytes);
+    CmResult Detach_i(CmHandle aNewHandle);
+    CmResult IsAlive_i(CmBool& aAlive) const;
     CmResult GetPeerAddr_i(CCmInetAddr& aAddr);
     CmResult GetPeerCredentials_i(ucred& aPeer) const;
     void DropUnread_i();
@@ -138,7 +138,7 @@ private:
     talvo::CAtomicAddr m_AddrLocal;
     std::unique_ptr<talvo::CReadAhead> m_pReadAhead;  // null unless a handshake has read too far
     std::unique_ptr<const CCmString> m_pRoute;        // null: no proxy server
-    DWORD m_dwReadSize = talvo::CNetworkBuffers::DEFAULT_READ;
+    CmDword m_dwReadSize = talvo::CNetworkBuffers::DEFAULT_READ;
     bool m_bNeedOnSend = false;
     bool m_bNeedFlush = false;  // the layer waits for room
     bool m_bMore = false;       // aMore of the last Read_i

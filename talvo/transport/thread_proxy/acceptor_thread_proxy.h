@@ -10,7 +10,7 @@ using CAcceptorFactory = CIndicatingProxyCoreT<ICmAcceptor>::Factory;
 // Each round of listening is a request of the user.
 class TALVO_API CAcceptorProxyCore final : public CIndicatingProxyCoreT<ICmAcceptor> {
 public:
-    CAcceptorProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, CAcceptorFactory aFactory);
+    CAcceptorProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork, CmDword aType, CAcceptorFactory aFactory);
     ~CAcceptorProxyCore() override;
 
     CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen);
@@ -19,7 +19,7 @@ public:
     void OnDrain(ECmDrainStage aStage) override;
 
 private:
-    CmResult StartListen_i(DWORD aListening, const CCmInetAddr& aAddrListen);
+    CmResult StartListen_i(CmDword aListening, const CCmInetAddr& aAddrListen);
     void Stop_i(ICmAcceptor& aAcceptor) override { aAcceptor.StopListen(CM_OK); }
 };
 
@@ -32,7 +32,7 @@ private:
 class TALVO_API CCmAcceptorThreadProxy final
     : public talvo::CIndicatingProxyT<CCmAcceptorThreadProxy, ICmAcceptor, talvo::CAcceptorProxyCore> {
 public:
-    BOOL IsConnector() override { return FALSE; }
+    CmBool IsConnector() override { return CM_FALSE; }
     CmResult StartListen(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrListen) override {
         return m_pCore->StartListen(aSink, aAddrListen);
     }

@@ -28,18 +28,18 @@ public:
 protected:
     using CBase = CIndicatingProxyCoreT<Inner>;
 
-    CConnectorProxyCoreT(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, typename CBase::Factory aFactory)
-        : CBase(aUser, aNetwork, aType, aFactory, TRUE) {}
+    CConnectorProxyCoreT(CCmThreadLink& aUser, CCmThreadLink& aNetwork, CmDword aType, typename CBase::Factory aFactory)
+        : CBase(aUser, aNetwork, aType, aFactory, CM_TRUE) {}
 
     // Any thread. aCopy returns the arguments, and may throw std::bad_alloc.
     template <class Copy>
     void Start(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, Copy aCopy) {
-        DWORD dwAttempt = 0;
+        CmDword dwAttempt = 0;
         if (this->Begin(aSink, dwAttempt) != CM_OK) {
             CM_WARNING_TRACE_THIS(Arguments::CALL << ", refused. aSink=" << static_cast<const void*>(aSink));
             return;
         }
-        const BOOL bCopied = WithMemory([&] { Put_i({dwAttempt, aCopy()}); });
+        const CmBool bCopied = WithMemory([&] { Put_i({dwAttempt, aCopy()}); });
         if (bCopied)
             m_ConnectEvent.Post(this->GetNetwork());
         else
@@ -48,7 +48,7 @@ protected:
 
 private:
     struct CAttempt {
-        DWORD m_dwRequest = 0;
+        CmDword m_dwRequest = 0;
         Arguments m_Arguments;
     };
 

@@ -22,7 +22,7 @@ struct CConnectArguments {
 
 class TALVO_API CConnectorProxyCore final : public CConnectorProxyCoreT<ICmConnector, CConnectArguments> {
 public:
-    CConnectorProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, Factory aFactory);
+    CConnectorProxyCore(CCmThreadLink& aUser, CCmThreadLink& aNetwork, CmDword aType, Factory aFactory);
     ~CConnectorProxyCore() override;
 
     void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout,
@@ -37,7 +37,7 @@ public:
 class TALVO_API CCmConnectorThreadProxy final
     : public talvo::CIndicatingProxyT<CCmConnectorThreadProxy, ICmConnector, talvo::CConnectorProxyCore> {
 public:
-    BOOL IsConnector() override { return TRUE; }
+    CmBool IsConnector() override { return CM_TRUE; }
     void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
                      CCmInetAddr* aAddrLocal = nullptr) override {
         m_pCore->AsycConnect(aSink, aAddrPeer, aTimeout, aAddrLocal);

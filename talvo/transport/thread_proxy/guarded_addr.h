@@ -12,11 +12,11 @@ public:
     void Store(const CCmInetAddr& aAddr) {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         m_Addr = aAddr;
-        m_bStored = TRUE;
+        m_bStored = CM_TRUE;
     }
 
     // FALSE, with 0.0.0.0:0 in aAddr (out): no address was stored.
-    BOOL Load(CCmInetAddr& aAddr) const {
+    CmBool Load(CCmInetAddr& aAddr) const {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         aAddr = m_Addr;
         return m_bStored;
@@ -25,7 +25,7 @@ public:
 private:
     mutable CCmMutexThread m_Mutex;
     CCmInetAddr m_Addr CM_GUARDED_BY(m_Mutex);
-    BOOL m_bStored CM_GUARDED_BY(m_Mutex) = FALSE;
+    CmBool m_bStored CM_GUARDED_BY(m_Mutex) = CM_FALSE;
 };
 
 }  // namespace talvo

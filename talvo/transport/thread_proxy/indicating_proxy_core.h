@@ -20,7 +20,7 @@ template <class Inner>
 class CIndicatingProxyCoreT : public CProxyCore, public ICmAcceptorConnectorSink {
 public:
     // Makes the object behind a proxy, in the network thread. aInner (out): with one reference for the caller.
-    using Factory = CmResult (*)(DWORD aType, Inner*& aInner);
+    using Factory = CmResult (*)(CmDword aType, Inner*& aInner);
 
     void SetProxy(ICmAcceptorConnectorId* aProxy) { m_pProxy = aProxy; }
     void Abandon() override {
@@ -49,27 +49,27 @@ public:
         return m_Failure;
     }
     // Any thread. Copies the value, and passes it on when the next request begins.
-    CmResult SetOption(DWORD aCommand, const void* aArg) {
+    CmResult SetOption(CmDword aCommand, const void* aArg) {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         return m_Options.Set(aCommand, aArg);
     }
-    CmResult GetOption(DWORD aCommand, void* aArg) {
+    CmResult GetOption(CmDword aCommand, void* aArg) {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         return m_Options.Get(aCommand, aArg);
     }
 
 protected:
-    CIndicatingProxyCoreT(CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType, Factory aFactory, BOOL aOnce)
+    CIndicatingProxyCoreT(CCmThreadLink& aUser, CCmThreadLink& aNetwork, CmDword aType, Factory aFactory, CmBool aOnce)
         : CProxyCore(aUser, aNetwork), m_dwType(aType), m_Factory(aFactory), m_bOnce(aOnce) {}
 
     // Any thread.
-    BOOL HasRequest() {
+    CmBool HasRequest() {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         return m_pSink != nullptr;
     }
     // Any thread. aRequest (out): its number. CM_ERROR_ALREADY_INITIALIZED: a request is current. CM_ERROR_INVALID_ARG: aSink
     // is null.
-    CmResult Begin(ICmAcceptorConnectorSink* aSink, DWORD& aRequest) {
+    CmResult Begin(ICmAcceptorConnectorSink* aSink, CmDword& aRequest) {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         if (m_pSink)
             return CM_ERROR_ALREADY_INITIALIZED;
@@ -81,27 +81,27 @@ protected:
         return CM_OK;
     }
     // Any thread. FALSE: none was current.
-    BOOL End() {
+    CmBool End() {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         ++m_dwRequest;
         return std::exchange(m_pSink, nullptr) != nullptr;
     }
     // Any thread.
-    BOOL IsCurrent(DWORD aRequest) {
+    CmBool IsCurrent(CmDword aRequest) {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         return aRequest == m_dwRequest;
     }
     // Any thread: ends the network thread's side. Needs no memory.
     void PostLetGo() { m_LetGoEvent.Post(GetNetwork()); }
     // Any thread. Has no effect for a request that is no longer current.
-    void NoteFailure(DWORD aRequest, const CCmFailure& aFailure) {
+    void NoteFailure(CmDword aRequest, const CCmFailure& aFailure) {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         if (aRequest == m_dwRequest)
             m_Failure = aFailure;
     }
     // Any thread. The failure can be read before the indication arrives. A connector's needs no memory; without memory for an
     // acceptor's the connection closes.
-    void PostIndication(DWORD aRequest, CmResult aReason, CCmRefPtrT<ICmTransport> aTransport, const CCmFailure& aFailure) {
+    void PostIndication(CmDword aRequest, CmResult aReason, CCmRefPtrT<ICmTransport> aTransport, const CCmFailure& aFailure) {
         NoteFailure(aRequest, aFailure);
         CIndication indication{aRequest, aReason, std::move(aTransport)};
         if (m_bOnce)
@@ -126,15 +126,15 @@ protected:
     }
     virtual void Stop_i(Inner& aInner) = 0;
     // The connection type of the transport that is being indicated.
-    virtual DWORD GetIndicatedType_i() const { return m_dwType; }
+    virtual CmDword GetIndicatedType_i() const { return m_dwType; }
 
     // Network thread only.
     CCmRefPtrT<Inner> m_pInner;
-    DWORD m_dwRunning = 0;  // the current request, 0 for none
+    CmDword m_dwRunning = 0;  // the current request, 0 for none
 
 private:
     struct CIndication {
-        DWORD m_dwRequest = 0;
+        CmDword m_dwRequest = 0;
         CmResult m_Reason = CM_OK;
         CCmRefPtrT<ICmTransport> m_pTransport;
     };
@@ -151,7 +151,7 @@ private:
     }
     CmResult PassOptions_i() {
         COptionValues options = NoOptions_i();
-        const BOOL bCopied = WithMemory([&] {
+        const CmBool bCopied = WithMemory([&] {
             CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
             options = m_Options;
         });
@@ -181,16 +181,16 @@ private:
         if (ICmAcceptorConnectorSink* pSink = SinkOf(aIndication.m_dwRequest))
             pSink->OnConnectIndication(aIndication.m_Reason, aIndication.m_pTransport.Get(), m_pProxy);
     }
-    ICmAcceptorConnectorSink* SinkOf(DWORD aRequest) {
+    ICmAcceptorConnectorSink* SinkOf(CmDword aRequest) {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         if (aRequest != m_dwRequest)
             return nullptr;
         return m_bOnce ? std::exchange(m_pSink, nullptr) : m_pSink;
     }
 
-    const DWORD m_dwType;
+    const CmDword m_dwType;
     const Factory m_Factory;
-    const BOOL m_bOnce;                          // an indication ends the request
+    const CmBool m_bOnce;                        // an indication ends the request
     COptionValues m_Passed = NoOptions_i();      // network thread only; the values set in m_pInner
     ICmAcceptorConnectorId* m_pProxy = nullptr;  // the handle, for upcalls: exists while there is a sink
 
@@ -198,7 +198,7 @@ private:
 
     CCmMutexThread m_Mutex;
     ICmAcceptorConnectorSink* m_pSink CM_GUARDED_BY(m_Mutex) = nullptr;  // not owned
-    DWORD m_dwRequest CM_GUARDED_BY(m_Mutex) = 0;
+    CmDword m_dwRequest CM_GUARDED_BY(m_Mutex) = 0;
     CCmFailure m_Failure CM_GUARDED_BY(m_Mutex);                     // of the current request
     COptionValues m_Options CM_GUARDED_BY(m_Mutex) = NoOptions_i();  // the user's values
     CIndication m_Only CM_GUARDED_BY(m_Mutex);                       // a connector's, queued
@@ -225,8 +225,8 @@ protected:
 
 private:
     CCmFailure GetFailure() const override { return this->m_pCore->GetFailure(); }
-    CmResult SetOption_i(DWORD aCommand, void* aArg) override { return this->m_pCore->SetOption(aCommand, aArg); }
-    CmResult GetOption_i(DWORD aCommand, void* aArg) override { return this->m_pCore->GetOption(aCommand, aArg); }
+    CmResult SetOption_i(CmDword aCommand, void* aArg) override { return this->m_pCore->SetOption(aCommand, aArg); }
+    CmResult GetOption_i(CmDword aCommand, void* aArg) override { return this->m_pCore->GetOption(aCommand, aArg); }
 };
 
 }  // namespace talvo

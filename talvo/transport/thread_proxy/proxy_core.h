@@ -29,7 +29,7 @@ public:
 
 protected:
     // Network thread. FALSE: the thread is ending and hosts no more cores. Leave_i may delete this object: call it last.
-    BOOL Host_i();
+    CmBool Host_i();
     void Leave_i();
 
     // An event inside its core, for frequent posts: at most one post of it is queued, so it needs no allocation. Runs Method of
@@ -44,17 +44,17 @@ protected:
         CmResult Post(CCmThreadLink& aThread) { return Begin_i() ? aThread.PostEvent(this) : CM_OK; }
         CmResult PostQuietly(CCmThreadLink& aThread) { return Begin_i() ? aThread.PostEventQuietly(this) : CM_OK; }
         // A post is queued, and Method has not begun.
-        BOOL IsPosted() const { return m_bPosted; }
+        CmBool IsPosted() const { return m_bPosted; }
 
         CmResult OnEventFire() override {
-            m_bFired = TRUE;
-            m_bPosted = FALSE;
+            m_bFired = CM_TRUE;
+            m_bPosted = CM_FALSE;
             (m_Core.*Method)();
             return CM_OK;
         }
         void OnDestorySelf() override {
-            if (!m_bFired.exchange(FALSE)) {
-                m_bPosted = FALSE;
+            if (!m_bFired.exchange(CM_FALSE)) {
+                m_bPosted = CM_FALSE;
                 if constexpr (!std::is_null_pointer_v<decltype(Dropped)>)
                     (m_Core.*Dropped)();
             }
@@ -62,16 +62,16 @@ protected:
         }
 
     private:
-        BOOL Begin_i() {
-            if (m_bPosted || m_bPosted.exchange(TRUE))  // a burst costs the first exchange only
-                return FALSE;
+        CmBool Begin_i() {
+            if (m_bPosted || m_bPosted.exchange(CM_TRUE))  // a burst costs the first exchange only
+                return CM_FALSE;
             m_Core.AddReference();
-            return TRUE;
+            return CM_TRUE;
         }
 
         Core& m_Core;
-        std::atomic<BOOL> m_bPosted{FALSE};
-        std::atomic<BOOL> m_bFired{FALSE};  // between OnEventFire and OnDestorySelf of one post
+        std::atomic<CmBool> m_bPosted{CM_FALSE};
+        std::atomic<CmBool> m_bFired{CM_FALSE};  // between OnEventFire and OnDestorySelf of one post
     };
 
 private:
@@ -85,8 +85,8 @@ private:
 template <class Interface, class Core>
 class CThreadProxyT : public Interface, public CCmReferenceControlT<CCmMutexThread> {
 public:
-    DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
-    DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
+    CmDword AddReference() override { return CCmReferenceControlT::AddReference(); }
+    CmDword ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
 
 protected:
     explicit CThreadProxyT(CCmRefPtrT<Core> aCore) : m_pCore(std::move(aCore)) {}

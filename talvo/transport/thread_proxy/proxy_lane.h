@@ -13,16 +13,16 @@ namespace talvo {
 
 // The data between the send queue and the transport. Network thread.
 struct CProxyBatch {
-    BOOL IsEmpty() const { return m_Joined.IsEmpty() && m_Waiting.IsEmpty(); }
+    CmBool IsEmpty() const { return m_Joined.IsEmpty() && m_Waiting.IsEmpty(); }
     // The first entry is finished, sent or lost.
-    void Pop(DWORD aCost, DWORD aBlocks);
+    void Pop(CmDword aCost, CmDword aBlocks);
     void Clear();
 
     CMessageList m_Waiting;
-    CBlockChain m_Joined;        // before that, on a stream
-    DWORD m_dwJoinedBlocks = 0;  // of m_Joined when it was joined
-    uint64_t m_ullGone = 0;      // finished bytes that the send queue still counts
-    DWORD m_dwGoneBlocks = 0;    // likewise
+    CBlockChain m_Joined;          // before that, on a stream
+    CmDword m_dwJoinedBlocks = 0;  // of m_Joined when it was joined
+    uint64_t m_ullGone = 0;        // finished bytes that the send queue still counts
+    CmDword m_dwGoneBlocks = 0;    // likewise
 };
 
 // The rules of a kind of connection. The user's thread calls Check and CostOf, the network thread all else. Separate from the
@@ -35,19 +35,19 @@ public:
     CProxyLane(const CProxyLane&) = delete;
     CProxyLane& operator=(const CProxyLane&) = delete;
 
-    BOOL IsStream() const { return m_Kind == STREAM; }
-    BOOL IsDatagrams() const { return m_Kind == DATAGRAMS; }
-    BOOL IsMessages() const { return m_Kind == MESSAGES; }
+    CmBool IsStream() const { return m_Kind == STREAM; }
+    CmBool IsDatagrams() const { return m_Kind == DATAGRAMS; }
+    CmBool IsMessages() const { return m_Kind == MESSAGES; }
 
     // aLength (out): bytes of aData. CM_ERROR_INVALID_ARG: it can never be sent.
-    virtual CmResult Check(const CCmMessageBlock& aData, DWORD& aLength) const;
+    virtual CmResult Check(const CCmMessageBlock& aData, CmDword& aLength) const;
     // The cost of that many bytes in the queues; 0: there is no data to send.
-    virtual DWORD CostOf(DWORD aLength) const { return aLength; }
+    virtual CmDword CostOf(CmDword aLength) const { return aLength; }
 
     // Reads the transport's options that are relevant here: at first, and after each change.
     virtual void ReadOptions(ICmTransport&) {}
     // TRUE: a received chunk of that many bytes is the last of its report, and the user is notified at once.
-    virtual BOOL EndsReport(DWORD) const { return FALSE; }
+    virtual CmBool EndsReport(CmDword) const { return CM_FALSE; }
     // Sends a part of aBatch, which must not be empty. CM_OK: continue. Else the transport's result. The connection may end
     // inside; aBatch stays until SendNext has returned.
     virtual CmResult SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) = 0;
@@ -65,11 +65,11 @@ public:
     CStreamLane() : CProxyLane(STREAM) {}
 
     void ReadOptions(ICmTransport& aTransport) override;
-    BOOL EndsReport(DWORD aLength) const override { return aLength < m_dwReadSize; }
+    CmBool EndsReport(CmDword aLength) const override { return aLength < m_dwReadSize; }
     CmResult SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) override;
 
 private:
-    DWORD m_dwReadSize = CNetworkBuffers::DEFAULT_READ;  // the transport's
+    CmDword m_dwReadSize = CNetworkBuffers::DEFAULT_READ;  // the transport's
 };
 
 // Raw datagrams: one a call, taken or lost whole.
@@ -77,12 +77,12 @@ class CDatagramLane final : public CProxyLane {
 public:
     CDatagramLane() : CProxyLane(DATAGRAMS) {}
 
-    CmResult Check(const CCmMessageBlock& aData, DWORD& aLength) const override;
-    DWORD CostOf(DWORD aLength) const override { return aLength + OVERHEAD; }  // an empty one takes room too
+    CmResult Check(const CCmMessageBlock& aData, CmDword& aLength) const override;
+    CmDword CostOf(CmDword aLength) const override { return aLength + OVERHEAD; }  // an empty one takes room too
     CmResult SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) override;
 
 private:
-    static constexpr DWORD OVERHEAD = 128;
+    static constexpr CmDword OVERHEAD = 128;
 };
 
 // A protocol connection's messages: one a call. Such a call may do anything to the connection.
@@ -90,25 +90,25 @@ class CMessageLane final : public CProxyLane {
 public:
     CMessageLane() : CProxyLane(MESSAGES) {}
 
-    CmResult Check(const CCmMessageBlock& aData, DWORD& aLength) const override;
+    CmResult Check(const CCmMessageBlock& aData, CmDword& aLength) const override;
     void ReadOptions(ICmTransport& aTransport) override;
     CmResult SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) override;
 
 private:
-    static constexpr DWORD NO_LIMIT = CCmMessageBlock::MOST_LENGTH - 1;
+    static constexpr CmDword NO_LIMIT = CCmMessageBlock::MOST_LENGTH - 1;
 
-    std::atomic<DWORD> m_dwMaxMessage{NO_LIMIT};  // the connection's last value
+    std::atomic<CmDword> m_dwMaxMessage{NO_LIMIT};  // the connection's last value
 };
 
 // The one of the three for a connection type.
 class CProxyLaneOf {
 public:
-    explicit CProxyLaneOf(DWORD aType);
+    explicit CProxyLaneOf(CmDword aType);
     CProxyLane* operator->() { return &m_Lane; }
     const CProxyLane* operator->() const { return &m_Lane; }
 
 private:
-    CProxyLane& Make(DWORD aType);
+    CProxyLane& Make(CmDword aType);
 
     std::variant<CStreamLane, CDatagramLane, CMessageLane> m_Lanes;
     CProxyLane& m_Lane;

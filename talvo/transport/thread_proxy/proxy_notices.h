@@ -12,9 +12,9 @@ namespace talvo {
 
 struct CProxyNotice {
     uint64_t m_ullAfter = 0;  // comes behind so many chunks
-    BOOL m_bSuspended = FALSE;
-    CmResult m_Reason = CM_OK;   // of a suspension
-    DWORD m_dwMilliseconds = 0;  // of a gap that has ended
+    CmBool m_bSuspended = CM_FALSE;
+    CmResult m_Reason = CM_OK;     // of a suspension
+    CmDword m_dwMilliseconds = 0;  // of a gap that has ended
 };
 
 // Notices in order, each with its place between the received chunks. A user that does not run gets one long gap instead of very
@@ -32,16 +32,16 @@ public:
     }
 
     // Takes the first one that is due behind so many chunks. FALSE: there is none. Costs next to nothing without notices.
-    BOOL Take(uint64_t aChunks, CProxyNotice& aNotice) {
+    CmBool Take(uint64_t aChunks, CProxyNotice& aNotice) {
         if (!m_bAny)
-            return FALSE;
+            return CM_FALSE;
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         if (m_Notices.empty() || m_Notices.front().m_ullAfter > aChunks)
-            return FALSE;
+            return CM_FALSE;
         aNotice = m_Notices.front();
         m_Notices.erase(m_Notices.begin());
         m_bAny = !m_Notices.empty();
-        return TRUE;
+        return CM_TRUE;
     }
 
 private:

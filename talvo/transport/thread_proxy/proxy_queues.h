@@ -9,32 +9,32 @@ namespace talvo {
 // The limit of queued bytes: the user's value, or the size of the socket's own buffer if that is larger than the default.
 class CProxyLimit {
 public:
-    static constexpr DWORD DEFAULT = 1 << 20;
+    static constexpr CmDword DEFAULT = 1 << 20;
 
-    void Set(DWORD aLimit) {
+    void Set(CmDword aLimit) {
         m_dwLimit = aLimit;
-        m_bFixed = TRUE;
+        m_bFixed = CM_TRUE;
     }
-    void Grow(DWORD aBuffer) {
+    void Grow(CmDword aBuffer) {
         if (!m_bFixed)
             m_dwLimit = aBuffer > DEFAULT ? aBuffer : DEFAULT;
     }
-    DWORD Get() const { return m_dwLimit; }
+    CmDword Get() const { return m_dwLimit; }
 
 private:
-    DWORD m_dwLimit = DEFAULT;
-    BOOL m_bFixed = FALSE;
+    CmDword m_dwLimit = DEFAULT;
+    CmBool m_bFixed = CM_FALSE;
 };
 
 // The number of blocks of a chain.
-DWORD CountBlocks(const CCmMessageBlock& aChain);
+CmDword CountBlocks(const CCmMessageBlock& aChain);
 
 // The common part of both queues. Any thread.
 class CProxyQueue {
 public:
-    void SetLimit(DWORD aLimit);
-    void GrowLimit(DWORD aBuffer);
-    DWORD GetLimit();
+    void SetLimit(CmDword aLimit);
+    void GrowLimit(CmDword aBuffer);
+    CmDword GetLimit();
 
     CProxyQueue(const CProxyQueue&) = delete;
     CProxyQueue& operator=(const CProxyQueue&) = delete;
@@ -54,55 +54,56 @@ protected:
 class CProxySendQueue : public CProxyQueue {
 public:
     // One block for each so many bytes of the limit, or of the default limit if that is larger.
-    static constexpr DWORD BYTES_A_BLOCK = 128;
+    static constexpr CmDword BYTES_A_BLOCK = 128;
 
     // Takes aData, all or nothing, so a message stays whole. Copies a small one, if it may be copied, and duplicates any other.
     // aLength is its length, aCost its cost; the total may exceed the limit by one message. CM_ERROR_PARTIAL_DATA: full.
     // CM_ERROR_OUT_OF_MEMORY. aNotify (out): the network thread must be notified. aWake (out): 32 KiB have come
     // since the last wake-up; wake it now. Takes one lock; a duplicate is made before, and dropped if the queue is full.
-    CmResult Push(const CCmMessageBlock& aData, DWORD aLength, DWORD aCost, BOOL aMayCopy, BOOL& aNotify, BOOL& aWake);
+    CmResult Push(const CCmMessageBlock& aData, CmDword aLength, CmDword aCost, CmBool aMayCopy, CmBool& aNotify,
+                  CmBool& aWake);
 
     // Refuses all further data with CM_ERROR_NULL_POINTER: afterwards IsEmpty is final. Any thread.
     void Close();
 
     // Network thread: moves all queued data to the empty aMessages. FALSE: no data, and the next Push must notify.
-    BOOL Take(CMessageList& aMessages);
+    CmBool Take(CMessageList& aMessages);
     // Network thread: that much is finished; a copied message had no block. TRUE: the user was refused before, and can send
     // again.
-    BOOL Sent(uint64_t aCost, DWORD aBlocks);
+    CmBool Sent(uint64_t aCost, CmDword aBlocks);
 
     // Bytes in the queue and those taken but not sent.
     uint64_t GetWaiting();
-    BOOL IsEmpty() { return GetWaiting() == 0; }
+    CmBool IsEmpty() { return GetWaiting() == 0; }
 
 private:
-    DWORD GetMostBlocks_l() const CM_REQUIRES(m_Mutex);
+    CmDword GetMostBlocks_l() const CM_REQUIRES(m_Mutex);
 
     uint64_t m_ullBlocks CM_GUARDED_BY(m_Mutex) = 0;
-    uint64_t m_ullQuiet CM_GUARDED_BY(m_Mutex) = 0;   // bytes since the last wake-up
-    BOOL m_bNotified CM_GUARDED_BY(m_Mutex) = FALSE;  // the network thread is notified of data
-    BOOL m_bRefused CM_GUARDED_BY(m_Mutex) = FALSE;   // an OnSend is due
-    BOOL m_bClosed CM_GUARDED_BY(m_Mutex) = FALSE;
+    uint64_t m_ullQuiet CM_GUARDED_BY(m_Mutex) = 0;        // bytes since the last wake-up
+    CmBool m_bNotified CM_GUARDED_BY(m_Mutex) = CM_FALSE;  // the network thread is notified of data
+    CmBool m_bRefused CM_GUARDED_BY(m_Mutex) = CM_FALSE;   // an OnSend is due
+    CmBool m_bClosed CM_GUARDED_BY(m_Mutex) = CM_FALSE;
 };
 
 // Chunks from the network thread that the user's thread has not taken yet. Any thread.
 class CProxyReceiveQueue : public CProxyQueue {
 public:
     // The cost of a chunk besides its payload: a peer that sends single bytes must not use a hundred times as much memory.
-    static constexpr DWORD CHUNK_COST = 128;
+    static constexpr CmDword CHUNK_COST = 128;
 
     // Takes aChunk, of aLength bytes, as the send queue does. CM_ERROR_OUT_OF_MEMORY. aStop (out): the queue exceeds its limit,
     // and reading must stop.
-    CmResult Push(const CCmMessageBlock& aChunk, DWORD aLength, BOOL aMayCopy, BOOL& aStop);
+    CmResult Push(const CCmMessageBlock& aChunk, CmDword aLength, CmBool aMayCopy, CmBool& aStop);
     // Moves all queued data to the empty aChunks. FALSE: no data.
-    BOOL Take(CMessageList& aChunks);
+    CmBool Take(CMessageList& aChunks);
     // The user has received chunks of that cost. TRUE: reading was stopped and can continue.
-    BOOL Taken(uint64_t aCost);
+    CmBool Taken(uint64_t aCost);
     // TRUE: reading must pause now. Called when the state is applied, because both threads may have changed it meanwhile.
-    BOOL IsStopped();
+    CmBool IsStopped();
 
 private:
-    BOOL m_bStopped CM_GUARDED_BY(m_Mutex) = FALSE;
+    CmBool m_bStopped CM_GUARDED_BY(m_Mutex) = CM_FALSE;
 };
 
 }  // namespace talvo

@@ -39,7 +39,7 @@ class TALVO_API CTransportProxyCore final : public CProxyCore,
                                             public ICmTimerHandler {
 public:
     // In the network thread, which keeps aTransport. aType: the connection type.
-    CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType);
+    CTransportProxyCore(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, CmDword aType);
     ~CTransportProxyCore() override;
 
     // The same thread, when the handle holds this object: from now on the transport may call.
@@ -49,8 +49,8 @@ public:
     CmResult OpenWithSink(ICmTransportSink* aSink);
     ICmTransportSink* GetSink() const { return m_pSink; }
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara);
-    CmResult SetOption(DWORD aCommand, void* aArg);
-    CmResult GetOption(DWORD aCommand, void* aArg);
+    CmResult SetOption(CmDword aCommand, void* aArg);
+    CmResult GetOption(CmDword aCommand, void* aArg);
     CmResult Disconnect(CmResult aReason);
     void Abandon() override;
 
@@ -60,7 +60,7 @@ public:
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
 
     void OnSuspended(ICmTransport* aTrptId, CmResult aReason) override;
-    void OnResumed(ICmTransport* aTrptId, DWORD aMilliseconds) override;
+    void OnResumed(ICmTransport* aTrptId, CmDword aMilliseconds) override;
 
     void OnThreadEnd() override;
     void OnDrain(ECmDrainStage aStage) override;
@@ -70,14 +70,14 @@ public:
 private:
     // User's thread.
     void Upcall();
-    BOOL Deliver_i();
+    CmBool Deliver_i();
     void TellNotices_i();
-    void PauseReading_i(BOOL aPause);
+    void PauseReading_i(CmBool aPause);
     // Either thread.
     CmResult Enqueue_i(CCmMessageBlock& aData, CCmTransportParameter* aPara);
     CmResult PostUpcall_i() { return m_UpcallEvent.Post(GetUser()); }
     void PostApplyReading_i() { m_ApplyReadingEvent.Post(GetNetwork()); }
-    CmResult GetKept_i(DWORD aCommand, void* aArg) const;
+    CmResult GetKept_i(CmDword aCommand, void* aArg) const;
     // Network thread.
     void ReadAddresses_i();
     void Moved_i(uint64_t aBytes);
@@ -90,22 +90,22 @@ private:
     void Drain();
     void EndSending_i();
     CmResult SendWaiting_i();
-    BOOL TakeBatch_i();
-    void Cork_i(BOOL aCork);
+    CmBool TakeBatch_i();
+    void Cork_i(CmBool aCork);
     void ReportSent_i();
     void ApplyReading_i();
     void Disconnect_i() { EndWith_i(m_DisconnectReason); }
     void EndWith_i(CmResult aReason);
-    DWORD GetUnacknowledged_i();
-    BOOL HasUnsent_i() { return !m_SendQueue.IsEmpty() || GetUnacknowledged_i() > 0; }
+    CmDword GetUnacknowledged_i();
+    CmBool HasUnsent_i() { return !m_SendQueue.IsEmpty() || GetUnacknowledged_i() > 0; }
     void Linger_i();
     void EndInOrder_i();
     void NotifyLost_i(CmResult aReason, const CCmFailure& aFailure);
     void Lost_i(CmResult aReason, const CCmFailure& aFailure);
     void LostHere_i(CmResult aReason, const char* aText);
     void LetGo_i(CmResult aReason);
-    CmResult SetInnerOption_i(DWORD aCommand, void* aArg);
-    CmResult GetInnerOption_i(DWORD aCommand, void* aArg);
+    CmResult SetInnerOption_i(CmDword aCommand, void* aArg);
+    CmResult GetInnerOption_i(CmDword aCommand, void* aArg);
 
     // The stage of the end, for both threads. It never goes back.
     enum class ELife {
@@ -117,24 +117,24 @@ private:
     // Advances to aLife, unless already there or further. Returns the stage before.
     ELife Advance_i(ELife aLife);
 
-    const DWORD m_dwType;
+    const CmDword m_dwType;
     CProxyLaneOf m_Lane;
     ICmTransport* m_pProxy = nullptr;  // the handle, for upcalls: exists while there is a sink
 
     std::atomic<ICmTransportSink*> m_pSink{nullptr};           // not owned; the user's
     std::atomic<ICmReconnectSink*> m_pReconnectSink{nullptr};  // likewise
     std::atomic<ELife> m_Life{ELife::ALIVE};
-    std::atomic<BOOL> m_bPausedByUser{FALSE};
-    std::atomic<BOOL> m_bSenderStarted{FALSE};
-    std::atomic<BOOL> m_bLossAtOnce{FALSE};  // a pause does not hold the end back
-    std::atomic<BOOL> m_bOnSendDue{FALSE};
-    std::atomic<BOOL> m_bLost{FALSE};  // m_LostReason is due, after all data
-    CmResult m_LostReason = CM_OK;     // set before m_bLost
-    CCmFailure m_Failure;              // likewise
+    std::atomic<CmBool> m_bPausedByUser{CM_FALSE};
+    std::atomic<CmBool> m_bSenderStarted{CM_FALSE};
+    std::atomic<CmBool> m_bLossAtOnce{CM_FALSE};  // a pause does not hold the end back
+    std::atomic<CmBool> m_bOnSendDue{CM_FALSE};
+    std::atomic<CmBool> m_bLost{CM_FALSE};  // m_LostReason is due, after all data
+    CmResult m_LostReason = CM_OK;          // set before m_bLost
+    CCmFailure m_Failure;                   // likewise
     // The connection's values when the proxy was made, or when it was last resumed.
     CGuardedAddr m_LocalAddr;
     CGuardedAddr m_PeerAddr;
-    std::atomic<DWORD> m_dwTransportType{0};
+    std::atomic<CmDword> m_dwTransportType{0};
     CmResult m_DisconnectReason = CM_OK;  // set before the event is posted
     CProxySendQueue m_SendQueue;
     CProxyReceiveQueue m_ReceiveQueue;
@@ -149,19 +149,19 @@ private:
     // User's thread only.
     CMessageList m_Delivering;
     uint64_t m_ullDelivered = 0;  // chunks
-    BOOL m_bToldSuspended = FALSE;
+    CmBool m_bToldSuspended = CM_FALSE;
 
     // Network thread only.
     CCmRefPtrT<ICmTransport> m_pTransport;
     ICmTransportSink* m_pSender = nullptr;  // not owned; sends in place of the user
     CProxyBatch m_Batch;
-    BOOL m_bDraining = FALSE;
-    BOOL m_bRoomMeanwhile = FALSE;  // an OnSend came while draining
-    BOOL m_bOpened = FALSE;
+    CmBool m_bDraining = CM_FALSE;
+    CmBool m_bRoomMeanwhile = CM_FALSE;  // an OnSend came while draining
+    CmBool m_bOpened = CM_FALSE;
     uint64_t m_ullChunks = 0;                  // received
     uint64_t m_ullMoved = 0;                   // bytes since the socket's buffers were looked at
-    BOOL m_bEndSending = FALSE;                // due after the queued data
-    BOOL m_bReadingPaused = FALSE;             // the state last set in the transport
+    CmBool m_bEndSending = CM_FALSE;           // due after the queued data
+    CmBool m_bReadingPaused = CM_FALSE;        // the state last set in the transport
     ICmTimerQueue* m_pLingerTimers = nullptr;  // not owned; set when lingering: this thread's, which may be unregistered by now
     int64_t m_llLingerEndUsec = 0;
 };

@@ -46,7 +46,8 @@ class TALVO_API CCmTransportThreadProxy final : public talvo::CThreadProxyT<ICmT
 public:
     // In the network thread, before any data can arrive: while the connector or acceptor indicates aTransport, which is kept
     // there. aType: the connection type it was made for. Null: memory ran out.
-    static CCmRefPtrT<ICmTransport> Make(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork, DWORD aType) {
+    static CCmRefPtrT<ICmTransport> Make(ICmTransport* aTransport, CCmThreadLink& aUser, CCmThreadLink& aNetwork,
+                                         CmDword aType) {
         const auto pProxy = Make_i<CCmTransportThreadProxy>(aTransport, aUser, aNetwork, aType);
         if (pProxy)
             pProxy->m_pCore->Start(pProxy.Get());
@@ -58,8 +59,8 @@ public:
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override {
         return m_pCore->SendData(aData, aPara);
     }
-    CmResult SetOption(DWORD aCommand, void* aArg) override { return m_pCore->SetOption(aCommand, aArg); }
-    CmResult GetOption(DWORD aCommand, void* aArg) override { return m_pCore->GetOption(aCommand, aArg); }
+    CmResult SetOption(CmDword aCommand, void* aArg) override { return m_pCore->SetOption(aCommand, aArg); }
+    CmResult GetOption(CmDword aCommand, void* aArg) override { return m_pCore->GetOption(aCommand, aArg); }
     CmResult Disconnect(CmResult aReason) override { return m_pCore->Disconnect(aReason); }
 
 private:

@@ -22,7 +22,7 @@ struct CSslState;
 
 // Whether the certificate of the peer is checked: chain, dates, purpose and name. A server asks a client for one unless it is
 // CM_TLS_VERIFY_NONE; CM_TLS_VERIFY_OPTIONAL also accepts a client without one, and means REQUIRED for a client's context.
-enum ECmTlsVerify : DWORD { CM_TLS_VERIFY_NONE = 0, CM_TLS_VERIFY_OPTIONAL = 1, CM_TLS_VERIFY_REQUIRED = 2 };
+enum ECmTlsVerify : CmDword { CM_TLS_VERIFY_NONE = 0, CM_TLS_VERIFY_OPTIONAL = 1, CM_TLS_VERIFY_REQUIRED = 2 };
 
 // Shared by any number of connections, of connectors and acceptors, in any threads. Settings are made before the first
 // connection uses it; afterwards they return CM_ERROR_ALREADY_INITIALIZED. All files are PEM, and are read at once:
@@ -42,8 +42,8 @@ public:
     CCmSslContext();
     ~CCmSslContext() override;
 
-    DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
-    DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
+    CmDword AddReference() override { return CCmReferenceControlT::AddReference(); }
+    CmDword ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
 
     // The roots, instead of those of the system or of an earlier call: a file, a folder with hashed names, or both. A folder is
     // read when a connection needs it. After a failure the context trusts no certificate at all. A server sends the names in
@@ -62,7 +62,7 @@ public:
     CmResult AddCertificate(const char* aChainFile, const char* aKeyFile, const Passphrase& aPassphrase = {});
 
     // TRUE: AddCertificate has succeeded, so a server can use the context.
-    BOOL HasCertificate() const;
+    CmBool HasCertificate() const;
 
     // Of a client: the protocols that it offers, the preferred one first, separated by commas ("http/1.1"). Of a server: those
     // that it takes, in its order of preference. A server refuses a client that offers protocols and none of these; a client
@@ -78,7 +78,7 @@ public:
     // TRUE at first: a client keeps up to 4 sessions of each of 1,024 servers (name and port), for 2 hours at most, and resumes
     // them; none of a connection that was not verified. A session of TLS 1.3 is used once. A server issues tickets, whose key
     // changes every 12 hours; the previous key is still accepted. No session passes from one context to another.
-    CmResult SetSessionKeeping(BOOL aKeep);
+    CmResult SetSessionKeeping(CmBool aKeep);
 
     // Appends the secrets of all connections to a file, which only its owner may read, for a tool that decrypts recorded
     // traffic. Traces a warning. No environment variable does this.
@@ -94,7 +94,7 @@ public:
 
 private:
     friend class CCmTransportSsl;
-    CmResult Begin_i(CCmTransportSsl& aTransport, talvo::ITlsLower& aLower, DWORD aType, const char* aServerName,
+    CmResult Begin_i(CCmTransportSsl& aTransport, talvo::ITlsLower& aLower, CmDword aType, const char* aServerName,
                      const std::vector<unsigned char>& aAlpn, std::unique_ptr<talvo::CTlsSession>& aSession);
     template <class Change>
     CmResult Set_i(const char* aWhat, const Change& aChange);

@@ -14,13 +14,13 @@ template <class TransportType>
 class CCmConnectorUdpT : public talvo::CResolvingConnector, private ACmEventHandler {
 public:
     explicit CCmConnectorUdpT(const CCmConnectorSettings& aSettings)
-        : CResolvingConnector(aSettings, "CCmConnectorUdpT", FALSE) {}
+        : CResolvingConnector(aSettings, "CCmConnectorUdpT", CM_FALSE) {}
     ~CCmConnectorUdpT() override { CCmConnectorUdpT::Close(); }
 
     static std::unique_ptr<ACmConnectorInternal> Make(const CCmConnectorSettings& aSettings);  // a CCmConnectorMaker
 
     void Close() override;
-    CmResult SetOption(DWORD aCommand, void* aArg) override {
+    CmResult SetOption(CmDword aCommand, void* aArg) override {
         return aCommand == CM_OPT_TRANSPORT_READ_SIZE ? CM_ERROR_INVALID_ARG : CResolvingConnector::SetOption(aCommand, aArg);
     }
 
@@ -28,9 +28,9 @@ private:
     int ConnectTo_i(std::vector<CCmInetAddr> aAddrs) override;
     int Connect_i();
 
-    HANDLE GetHandle() const override;
-    int OnOutput(HANDLE aFd) override;
-    int OnClose(HANDLE aFd, long aMask) override;
+    CmHandle GetHandle() const override;
+    int OnOutput(CmHandle aFd) override;
+    int OnClose(CmHandle aFd, long aMask) override;
 };
 
 extern template class TALVO_API CCmConnectorUdpT<CCmTransportUdp>;

@@ -22,25 +22,25 @@ public:
     // The limit on undeliverable datagrams of all transports together; bytes.
     static constexpr uint64_t MAX_KEPT_BYTES = 8 << 20;
 
-    explicit CDatagramHub(ICmReactor* aReactor) : m_pReactor(aReactor), m_Port(aReactor, *this, FALSE) {}
+    explicit CDatagramHub(ICmReactor* aReactor) : m_pReactor(aReactor), m_Port(aReactor, *this, CM_FALSE) {}
     ~CDatagramHub() override;
 
     // aSink and aId are not owned and used until StopListen. The socket of GetPort() is bound and non-blocking.
     CmResult StartListen(ICmAcceptorConnectorSink* aSink, ICmAcceptorConnectorId* aId);
     void StopListen();
 
-    void SetMaxPeers(DWORD aMaxPeers) { m_dwMaxPeers = aMaxPeers; }
+    void SetMaxPeers(CmDword aMaxPeers) { m_dwMaxPeers = aMaxPeers; }
     void SetPeerIdleTime(const CCmTimeValue& aIdle);
     size_t GetPeerCount() const { return m_Peers.GetCount(); }
 
     CDatagramPort& GetPort() { return m_Port; }
 
     // For the transports. Send: as the port's; after CM_ERROR_PARTIAL_DATA aTransport gets OnRoom in its turn.
-    CmResult Send(CCmTransportUdp& aTransport, CCmMessageBlock& aData, DWORD aLength);
+    CmResult Send(CCmTransportUdp& aTransport, CCmMessageBlock& aData, CmDword aLength);
     void Forget(CCmTransportUdp& aTransport);
     // Reserves that many more bytes, or returns FALSE; the transport gives them back later.
-    BOOL Keep(DWORD aBytes);
-    void GiveBack(DWORD aBytes) { m_ullKeptBytes -= aBytes; }
+    CmBool Keep(CmDword aBytes);
+    void GiveBack(CmDword aBytes) { m_ullKeptBytes -= aBytes; }
 
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // a peer may have been idle for too long
 
@@ -61,9 +61,9 @@ private:
     CDatagramPort m_Port;
     CPeers m_Peers;
     std::list<CCmTransportUdp*> m_Refused;  // not owned; wait for room, in turn
-    DWORD m_dwMaxPeers = 0;
+    CmDword m_dwMaxPeers = 0;
     int64_t m_llIdleUsec = 0;  // 0: no idle time-out
-    BOOL m_bIdleTimer = FALSE;
+    CmBool m_bIdleTimer = CM_FALSE;
     uint64_t m_ullKeptBytes = 0;
     CTracePace m_TracePace;  // of the lines about too many peers
 };

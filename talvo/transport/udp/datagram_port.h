@@ -40,7 +40,7 @@ protected:
 class TALVO_API CDatagramPort final : public ACmEventHandler, public ICmTimerHandler {
 public:
     // aConnected: the socket will be; a failure reported by the system then ends it. Otherwise a failure concerns one datagram.
-    CDatagramPort(ICmReactor* aReactor, IDatagramUser& aUser, BOOL aConnected)
+    CDatagramPort(ICmReactor* aReactor, IDatagramUser& aUser, CmBool aConnected)
         : m_pReactor(aReactor), m_User(aUser), m_bConnected(aConnected) {}
     ~CDatagramPort() override { Close(); }
     CDatagramPort(const CDatagramPort&) = delete;
@@ -58,15 +58,15 @@ public:
 
     // Takes a whole chain that CheckDatagram accepts, see CDatagramSender::Add, and consumes it. aTo null: to the connected
     // peer. Also: CM_ERROR_NETWORK_SOCKET_ERROR: it is broken.
-    CmResult Send(CCmMessageBlock& aData, DWORD aLength, const CCmInetAddr* aTo);
+    CmResult Send(CCmMessageBlock& aData, CmDword aLength, const CCmInetAddr* aTo);
 
     // The socket's buffer is full, and the collected datagrams must leave first. NotifyWhenWritable requests OnWritable for
     // that.
-    BOOL IsFull() const { return m_Sender.IsFull(); }
-    void NotifyWhenWritable() { m_bRefused = TRUE; }
+    CmBool IsFull() const { return m_Sender.IsFull(); }
+    void NotifyWhenWritable() { m_bRefused = CM_TRUE; }
 
     // Data not yet received stays in the socket; the rest of a batch is still delivered.
-    CmResult PauseReading(BOOL aPause);
+    CmResult PauseReading(CmBool aPause);
 
     // Receive time of the current batch, in microseconds of the time of day.
     int64_t GetReceivedUsec() const { return m_llReceivedUsec; }
@@ -74,10 +74,10 @@ public:
     CCmDatagramCounters GetCounters() const;
     void CountDropped() { ++m_Counters.m_ullDropped; }
 
-    HANDLE GetHandle() const override { return m_Socket.GetHandle(); }
-    int OnInput(HANDLE aFd) override;
-    int OnOutput(HANDLE aFd) override;
-    int OnClose(HANDLE aFd, long aMask) override;
+    CmHandle GetHandle() const override { return m_Socket.GetHandle(); }
+    int OnInput(CmHandle aFd) override;
+    int OnOutput(CmHandle aFd) override;
+    int OnClose(CmHandle aFd, long aMask) override;
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // time to flush
 
 private:
@@ -92,17 +92,17 @@ private:
 
     const CHomeReactor m_pReactor;
     IDatagramUser& m_User;
-    const BOOL m_bConnected;
+    const CmBool m_bConnected;
     CCmSocketUdp m_Socket;
     CDatagramSender m_Sender;
-    BOOL m_bOpen = FALSE;       // registered with the reactor
-    BOOL m_bReceiving = FALSE;  // a batch is being handled
-    BOOL m_bFlushDue = FALSE;   // the timer runs
-    BOOL m_bPaused = FALSE;
-    BOOL m_bRefused = FALSE;  // OnWritable is due to the user
-    BOOL m_bBroken = FALSE;   // a send has failed, and OnBroken is due
-    int m_nError = 0;         // the error that broke it
-    DWORD m_dwAlone = 0;      // consecutive datagrams that arrived alone
+    CmBool m_bOpen = CM_FALSE;       // registered with the reactor
+    CmBool m_bReceiving = CM_FALSE;  // a batch is being handled
+    CmBool m_bFlushDue = CM_FALSE;   // the timer runs
+    CmBool m_bPaused = CM_FALSE;
+    CmBool m_bRefused = CM_FALSE;  // OnWritable is due to the user
+    CmBool m_bBroken = CM_FALSE;   // a send has failed, and OnBroken is due
+    int m_nError = 0;              // the error that broke it
+    CmDword m_dwAlone = 0;         // consecutive datagrams that arrived alone
     int64_t m_llReceivedUsec = 0;
     CTracePace m_TracePace;  // of the lines about lost datagrams
     CCmDatagramCounters m_Counters;

@@ -29,11 +29,11 @@ public:
 
     // Sends as much as the socket takes; the rest stays, and IsFull returns TRUE. A datagram that the system refuses for any
     // other reason is lost. Returns that reason (the last one's errno), or 0.
-    int Flush(HANDLE aFd);
+    int Flush(CmHandle aFd);
 
     void Clear();
 
-    BOOL IsFull() const { return m_bFull; }
+    CmBool IsFull() const { return m_bFull; }
     size_t GetWaiting() const { return m_Datagrams.size() - m_stGone; }
     uint64_t GetCalls() const { return m_ullCalls; }  // system calls so far
     uint64_t GetLost() const { return m_ullLost; }    // datagrams that the system refused
@@ -47,18 +47,18 @@ private:
         CCmChainPtr m_pKept;  // in no order; the memory of its pieces, except lent memory
     };
 
-    BOOL IsLent(const void* aByte) const { return aByte >= m_pLentBegin && aByte < m_pLentEnd; }
-    BOOL AddPieces(CDatagram& aDatagram, const CCmMessageBlock& aData);
-    int SendSome(HANDLE aFd);
-    int SendOne(HANDLE aFd, const CDatagram& aDatagram) const;
+    CmBool IsLent(const void* aByte) const { return aByte >= m_pLentBegin && aByte < m_pLentEnd; }
+    CmBool AddPieces(CDatagram& aDatagram, const CCmMessageBlock& aData);
+    int SendSome(CmHandle aFd);
+    int SendOne(CmHandle aFd, const CDatagram& aDatagram) const;
     void KeepRest();
-    BOOL KeepLent(CDatagram& aDatagram);
-    static BOOL Keep(CDatagram& aDatagram, const CCmMessageBlock& aBlock, iovec& aPiece);
+    CmBool KeepLent(CDatagram& aDatagram);
+    static CmBool Keep(CDatagram& aDatagram, const CCmMessageBlock& aBlock, iovec& aPiece);
 
     std::vector<CDatagram> m_Datagrams;
     std::vector<iovec> m_Pieces;
     size_t m_stGone = 0;  // the number of m_Datagrams that are finished
-    BOOL m_bFull = FALSE;
+    CmBool m_bFull = CM_FALSE;
     const char* m_pLentBegin = nullptr;
     const char* m_pLentEnd = nullptr;
     uint64_t m_ullCalls = 0;

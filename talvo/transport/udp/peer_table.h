@@ -45,7 +45,7 @@ public:
     }
 
     // Adds a peer that is not in the table; its last datagram is now. FALSE: memory ran out.
-    BOOL Add(const CPeerKey& aKey, Object* aObject, int64_t aNowUsec) {
+    CmBool Add(const CPeerKey& aKey, Object* aObject, int64_t aNowUsec) {
         return WithMemory([&] {
             CPeer& peer = m_Peers[aKey];
             peer.m_pObject = aObject;

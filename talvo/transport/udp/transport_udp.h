@@ -28,7 +28,7 @@ public:
     // Over its own socket, which the caller opens, makes non-blocking and connects: GetPeer().
     explicit CCmTransportUdp(ICmReactor* aReactor);
     // FALSE, after the constructor above: memory ran out. GetPeer() must not be used, and all other calls treat it as closed.
-    BOOL HasSocket() const { return bool{m_pOwnPort}; }
+    CmBool HasSocket() const { return bool{m_pOwnPort}; }
     // One peer of aHub.
     CCmTransportUdp(ICmReactor* aReactor, talvo::CDatagramHub* aHub, const CCmInetAddr& aAddrPeer);
     ~CCmTransportUdp() override;
@@ -36,10 +36,10 @@ public:
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
     // On a shared socket CM_OPT_TRANSPORT_SNDBUF, _RCVBUF and _TOS concern all peers, and CM_OPT_TRANSPORT_FD only ends this
     // transport's use of it.
-    CmResult SetOption(DWORD aCommand, void* aArg) override;
-    CmResult GetOption(DWORD aCommand, void* aArg) override;
+    CmResult SetOption(CmDword aCommand, void* aArg) override;
+    CmResult GetOption(CmDword aCommand, void* aArg) override;
 
-    HANDLE GetHandle() const override;
+    CmHandle GetHandle() const override;
     // Not for a peer of an acceptor.
     CCmSocketUdp& GetPeer() { return m_pOwnPort->GetSocket(); }
     void SetPeerAddr(const CCmInetAddr& aAddrPeer) { m_AddrPeer = aAddrPeer; }
@@ -52,7 +52,7 @@ public:
     void Take(CCmMessageBlock& aData);
     void OnRoom();
     void OnSilent();
-    BOOL IsWaitingForRoom() const { return m_bNeedOnSend; }
+    CmBool IsWaitingForRoom() const { return m_bNeedOnSend; }
 
     void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) override;  // kept datagrams can be delivered
 
@@ -70,20 +70,20 @@ private:
 
     talvo::CDatagramPort* GetPort() const;
     CCmSocketBase* GetSocket_i() const;  // null after the end
-    BOOL CanDeliver() const { return m_pSink && !m_bReadingPaused; }
+    CmBool CanDeliver() const { return m_pSink && !m_bReadingPaused; }
     void DeliverKept();
     void DeliverLater();
     void Keep(const CCmMessageBlock& aData);
     CCmChainPtr TakeFirstKept();
-    CmResult PauseReading_i(BOOL aPause);
-    CmResult Detach_i(HANDLE aNewHandle);
+    CmResult PauseReading_i(CmBool aPause);
+    CmResult Detach_i(CmHandle aNewHandle);
 
     std::unique_ptr<talvo::CDatagramPort> m_pOwnPort;  // null: a peer of m_pHub
     CCmRefPtrT<talvo::CDatagramHub> m_pHub;            // null: connected, or closed
     CCmInetAddr m_AddrPeer;
     talvo::CMessageList m_Kept;  // datagrams that cannot be delivered yet
-    DWORD m_dwKept = 0;          // their number
-    BOOL m_bReadingPaused = FALSE;
-    BOOL m_bNeedOnSend = FALSE;
-    BOOL m_bDeliverDue = FALSE;  // the timer runs
+    CmDword m_dwKept = 0;        // their number
+    CmBool m_bReadingPaused = CM_FALSE;
+    CmBool m_bNeedOnSend = CM_FALSE;
+    CmBool m_bDeliverDue = CM_FALSE;  // the timer runs
 };
