@@ -39,6 +39,7 @@ public:
 
     // Destroys all pending events, the oldest first, without firing them.
     void DestoryPendingEvents();
+    void DestroyPendingEvents() { DestoryPendingEvents(); }  // the same under its right spelling
 
     // Reserved for reports about slow queues; currently unused.
     static CCmTimeValue s_tvReportInterval;

@@ -52,6 +52,7 @@ public:
     // Unregisters the thread, and deletes it now or, if it still runs, at its end. aReason is traced. CM_OK, also for a thread
     // that runs and for which Join gave up. CM_ERROR_NOT_AVAILABLE: the main thread inside a callback; nothing changes.
     CmResult Destory(CmResult aReason);
+    CmResult Destroy(CmResult aReason) { return Destory(aReason); }  // the same under its right spelling
 
     // Waits at most 100 ms for the end of the thread. The wait is longer while the thread lingers (see Linger), as long as its
     // loop turns at least once a second. CM_OK. CM_ERROR_TIMEOUT: it runs on, detached, and cannot be joined any more: a stuck

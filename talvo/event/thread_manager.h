@@ -81,6 +81,7 @@ public:
 
     // The next free user type: 1001, 1002, ...
     int GetAndIncreamUserType();
+    int GetAndIncreaseUserType() { return GetAndIncreamUserType(); }  // the same under its right spelling
 
     // Called by the threads themselves. CM_ERROR_FOUND: it, or another thread of its type, is registered already.
     // CM_ERROR_NOT_FOUND: it is not registered. CM_ERROR_INVALID_ARG: null. CM_ERROR_OUT_OF_MEMORY.

@@ -245,6 +245,11 @@ public:
     // and has no other effect.
     virtual void AsycConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
                              CCmInetAddr* aAddrLocal = nullptr) = 0;
+    // The same under its right spelling, not to be overridden.
+    void AsyncConnect(ICmAcceptorConnectorSink* aSink, const CCmInetAddr& aAddrPeer, CCmTimeValue* aTimeout = nullptr,
+                      CCmInetAddr* aAddrLocal = nullptr) {
+        AsycConnect(aSink, aAddrPeer, aTimeout, aAddrLocal);
+    }
 
     // Abandons the attempt; no indication follows.
     virtual void CancelConnect() = 0;

@@ -35,3 +35,6 @@ private:
     CCmString m_strQuestion;
     CmBool m_bAskedAgain = CM_FALSE;
 };
+
+// The same under its right spelling.
+using CCmChannelHttpClientWithBrowserProxy = CCmChannelHttpClientWithBrowerProxy;

@@ -20,6 +20,9 @@ public:
 
     CCmHttpVersion GetVerion() const { return m_Version; }
     void SetVerion(CCmHttpVersion aVersion) { m_Version = aVersion; }
+    // The same under their right spelling.
+    CCmHttpVersion GetVersion() const { return GetVerion(); }
+    void SetVersion(CCmHttpVersion aVersion) { SetVerion(aVersion); }
 
     // "GET /path HTTP/1.1\r\n" and the headers, without the empty line behind them. Any version but 1.1 is printed as 1.0.
     CCmString Flatten() const;

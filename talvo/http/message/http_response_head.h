@@ -16,6 +16,9 @@ public:
 
     CCmHttpVersion GetVerion() const { return m_Version; }
     void SetVerion(CCmHttpVersion aVersion) { m_Version = aVersion; }
+    // The same under their right spelling.
+    CCmHttpVersion GetVersion() const { return GetVerion(); }
+    void SetVersion(CCmHttpVersion aVersion) { SetVerion(aVersion); }
 
     // 0 for the statuses 204, 205 and 304, otherwise that of the headers: -1 without Content-Length.
     long GetContentLength() const;
