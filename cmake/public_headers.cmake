@@ -1,9 +1,9 @@
-# Installs the headers that an application reaches: "talvo/talvo.h" and, from there, every header that one of them includes.
+# Installs the headers that an application reaches: the umbrella headers and, from there, every header that one of them includes.
 #
 #   SOURCE  the project's folder
 #   TARGET  the folder of headers to install into
 cmake_policy(VERSION 3.25)
-set(open talvo/talvo.h)
+set(open talvo/talvo.h talvo/co.h)
 set(seen ${open})
 while(open)
   list(POP_FRONT open header)

@@ -1,0 +1,118 @@
+// One end of a connection.
+#pragma once
+
+#include <span>
+
+#include "talvo/co/channel.h"
+#include "talvo/co/combine.h"
+#include "talvo/co/kind.h"
+#include "talvo/co/options.h"
+
+namespace talvo {
+
+namespace detail {
+class connect_awaiter;
+}
+
+// Made by connect and listen, and used in the thread that made it. Its destruction disconnects in order: the peer gets all data
+// that was taken, and then the end. After the end of the thread every operation fails, and destruction has no effect.
+//
+// One coroutine at a time may receive. Several may send: each message is taken as a whole, in the order of the calls.
+class connection {
+public:
+    connection() noexcept = default;  // not connected: every operation fails with CM_ERROR_NOT_INITIALIZED
+    connection(connection&& other) noexcept = default;
+    connection& operator=(connection&& other) noexcept {
+        connection taken(std::move(other));
+        std::swap(channel_, taken.channel_);
+        return *this;
+    }
+    ~connection() { close(); }
+
+    explicit operator bool() const noexcept { return static_cast<bool>(channel_); }
+
+    // co_await gives a result<message>: the next message, or the next bytes of a stream. No value and an error of 0: the peer
+    // has ended its side in order; over plain tcp this side may still send. CM_ERROR_ALREADY_INITIALIZED: another coroutine
+    // receives. CM_ERROR_NOT_AVAILABLE: this end has closed. CM_ERROR_NETWORK_SOCKET_CLOSE: the application drains, or its
+    // network thread has ended. CM_ERROR_OUT_OF_MEMORY: the connection has ended for lack of memory. Otherwise the reason of
+    // the failure, see failure().
+    // At most 64 KiB, or one message, is kept for a coroutine that does not receive; then TCP slows the peer.
+    // With a stop token also std::errc::operation_canceled; no message is lost.
+    auto receive() { return detail::receive_awaiter(channel_); }
+    auto receive(std::stop_token token) { return with_stop(std::move(token), receive()); }
+
+    // co_await gives a result<> when everything was taken, which may take as long as the peer needs: nothing grows meanwhile.
+    // The bytes must stay until then; an argument of the awaiting expression itself does. Nothing is consumed: the same message
+    // may go to many connections, and its payload is shared. CM_ERROR_INVALID_ARG: a datagram or message is too long.
+    // CM_ERROR_NETWORK_SOCKET_CLOSE: the connection has ended. The others as for receive.
+    // A send that is cancelled may have been taken in part on a stream: close the connection then.
+    auto send(std::string_view bytes) { return detail::send_awaiter(channel_, detail::outgoing(bytes)); }
+    auto send(const char* text) { return send(std::string_view(text)); }
+    auto send(const std::string& bytes) { return send(std::string_view(bytes)); }
+    auto send(std::span<const std::byte> bytes) {
+        return send(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+    }
+    auto send(const message& whole) { return detail::send_awaiter(channel_, detail::outgoing(whole)); }
+    auto send(const CCmMessageBlock& chain) { return detail::send_awaiter(channel_, detail::outgoing(chain)); }
+
+    // Half-close: the peer gets the end after all data taken, and this side goes on receiving. Plain tcp only:
+    // CM_ERROR_INVALID_ARG.
+    result<> end_sending() {
+        int32_t on = 1;
+        return set_native(CM_OPT_TRANSPORT_END_SENDING, &on);
+    }
+
+    // Disconnects as the destruction does. Operations under way end from the loop, with CM_ERROR_NOT_AVAILABLE.
+    void close() {
+        if (channel_)
+            channel_->close();
+    }
+
+    // Both stay available after the end.
+    address local_address() const { return get_address(CM_OPT_TRANSPORT_LOCAL_ADDR); }
+    address peer_address() const { return get_address(CM_OPT_TRANSPORT_PEER_ADDR); }
+    // The failure that ended the connection, with its text and the system's errno; none after an orderly end.
+    CCmFailure failure() const {
+        CCmFailure found;
+        get_native(CM_OPT_TRANSPORT_LAST_FAILURE, &found);
+        return found;
+    }
+
+    //    peer.set(talvo::options::read_size, 65536);
+    // Errors as ICmTransport::GetOption and SetOption.
+    template <class T>
+    result<T> get(option<T> which) const {
+        T value{};
+        if (const auto done = get_native(which.command, &value); !done)
+            return done.error();
+        return value;
+    }
+    template <class T>
+    result<> set(option<T> which, std::type_identity_t<T> value) {
+        return set_native(which.command, &value);
+    }
+
+    // For the library's own functions; null: not connected. The layer is its sink.
+    ICmTransport* native() const noexcept { return channel_ ? &channel_->transport() : nullptr; }
+
+private:
+    friend class detail::connect_awaiter;
+    friend class listener;
+    explicit connection(CCmRefPtrT<detail::channel> opened) noexcept : channel_(std::move(opened)) {}
+
+    result<> get_native(uint32_t command, void* value) const {
+        return make_error_code(channel_ ? native()->GetOption(command, value) : CM_ERROR_NOT_INITIALIZED);
+    }
+    result<> set_native(uint32_t command, void* value) {
+        return make_error_code(channel_ ? native()->SetOption(command, value) : CM_ERROR_NOT_INITIALIZED);
+    }
+    address get_address(uint32_t command) const {
+        CCmInetAddr native;
+        get_native(command, &native);
+        return native;
+    }
+
+    CCmRefPtrT<detail::channel> channel_;
+};
+
+}  // namespace talvo

@@ -1,0 +1,52 @@
+// The frame of a program, over real sockets.
+#include <csignal>
+
+#include "tests/co/co_fixture.h"
+
+namespace {
+
+TEST(ApplicationTest, RunsATaskAndRefusesASecondOne) {
+    talvo::application app;
+    ASSERT_TRUE(app) << app.error();
+    EXPECT_EQ(talvo::errc::already_initialized, talvo::application().error());
+    const auto bound = app.listen("127.0.0.1:0", talvo::package, Echo);
+    ASSERT_TRUE(bound);
+    testing::internal::CaptureStderr();
+    app.spawn([]() -> talvo::task<> {
+        co_await talvo::sleep(1ms);
+        throw std::runtime_error("no reason");
+    }());
+    EXPECT_EQ(7, app.run([](std::string aAddress) -> talvo::task<int> {
+        auto peer = (co_await talvo::connect(aAddress, talvo::package)).value();
+        co_await peer.send("hello");
+        EXPECT_EQ("hello", (co_await peer.receive()).value().str());
+        co_await talvo::sleep(2ms);
+        co_return 7;
+    }(bound->to_string())));
+    EXPECT_EQ("talvo: a task has failed: no reason\n", testing::internal::GetCapturedStderr());
+    EXPECT_EQ(0, CTracked::s_nAlive);
+}
+
+TEST(ApplicationTest, EndsInOrderOnASignalAndAtOnceWithoutAListener) {
+    talvo::application app;
+    const auto bound = app.listen("127.0.0.1:0", talvo::tcp, Echo);
+    std::error_code end;
+    app.spawn([](std::string aAddress, std::error_code& aEnd) -> talvo::task<> {
+        auto peer = (co_await talvo::connect(aAddress, talvo::tcp)).value();
+        kill(getpid(), SIGTERM);
+        aEnd = (co_await peer.receive()).error();
+    }(bound.value().to_string(), end));
+    EXPECT_EQ(0, app.run_until_signal());
+    EXPECT_EQ(talvo::errc::socket_close, end);
+    app.spawn([]() -> talvo::task<> {
+        kill(getpid(), SIGINT);
+        co_await talvo::sleep(99s);
+    }());
+    EXPECT_EQ(128 + SIGINT, app.run(talvo::task<>([]() -> talvo::task<> { co_await talvo::sleep(99s); }())));
+    EXPECT_EQ(talvo::errc::socket_error, app.listen("192.0.2.1:1", talvo::tcp, Echo).error());
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(1, app.run_until_signal());
+    EXPECT_EQ("talvo: cannot listen on 192.0.2.1:1: Cannot assign requested address\n", testing::internal::GetCapturedStderr());
+}
+
+}  // namespace

@@ -1,0 +1,183 @@
+// Connections of coroutines.
+#include <csignal>
+
+#include "tests/co/co_fixture.h"
+
+namespace {
+
+constexpr const char* ADDRESS = "10.0.0.1:7000";
+
+class CoConnectionTest : public CCoTest {
+protected:
+    void Listen(talvo::kind aKind, talvo::listener::handler aServe) {
+        ASSERT_TRUE(m_Listener.listen(ADDRESS, aKind, std::move(aServe)));
+    }
+
+    talvo::listener m_Listener;
+};
+
+// Sends 300 messages and half-closes; all come back, over a link that takes only parts of sends.
+talvo::task<> EchoOver(talvo::kind aKind, bool aStream, CCmSimNetwork& aNetwork) {
+    auto peer = co_await talvo::connect(ADDRESS, aKind, {.timeout = 9s});
+    EXPECT_TRUE(peer) << peer.error();
+    aNetwork.SetPath({.m_PartialSend = 0.3, .m_dwBuffer = 5000});
+    std::string strSent, strReceived;
+    talvo::task_group sender;
+    sender.spawn([](talvo::connection& aPeer, std::string& aSent) -> talvo::task<> {
+        for (int i = 0; i < 300; ++i) {
+            const std::string strMessage = "message " + std::to_string(i) + std::string(static_cast<size_t>(i), '.');
+            EXPECT_TRUE(co_await aPeer.send(strMessage));
+            aSent += strMessage;
+        }
+        aPeer.end_sending();
+    }(*peer, strSent));
+    while (strReceived.size() < 48040) {
+        const auto message = co_await peer->receive();
+        if (!message)
+            break;
+        strReceived += message->view();
+        EXPECT_TRUE(aStream || message->view().starts_with("message "));
+    }
+    EXPECT_TRUE(strSent.size() == 48040 && strSent == strReceived) << strReceived.size();
+    if (aStream) {
+        EXPECT_EQ(std::error_code(), (co_await peer->receive()).error());
+        EXPECT_FALSE(co_await peer->send("x"));
+    }
+}
+
+TEST_F(CoConnectionTest, EchoesOverEveryKind) {
+    for (const talvo::kind kind : {talvo::tcp, talvo::length, talvo::package, talvo::reliable}) {
+        m_Network.SetPath({});
+        Listen(kind, Echo);
+        Run(EchoOver(kind, kind == talvo::tcp, m_Network));
+        m_Listener.stop();
+        m_Network.RunFor(CCmTimeValue(300));
+        EXPECT_EQ(0u, m_Listener.tasks().size());
+    }
+    for (const talvo::kind kind : {talvo::udp, talvo::package.over(talvo::udp)}) {
+        m_Network.SetPath({});
+        Listen(kind, Echo);
+        Run([](talvo::kind aKind) -> talvo::task<> {
+            auto peer = co_await talvo::connect(ADDRESS, aKind);
+            co_await peer.value().send(std::as_bytes(std::span("datagram", 8)));
+            EXPECT_EQ("datagram", (co_await peer->receive()).value().str());
+            EXPECT_EQ(ADDRESS, peer->peer_address().to_string());
+        }(kind));
+        m_Listener.stop();
+        m_Listener.tasks().cancel();
+    }
+    EXPECT_EQ(CM_ERROR_NOT_IMPLEMENTED, m_Listener.listen(ADDRESS, talvo::reliable.over(talvo::udp), Echo).error().value());
+}
+
+// A message that a coroutine keeps stays in place; one that does not receive makes the sender wait.
+TEST_F(CoConnectionTest, AMessageOutlivesItsUpcallAndASlowReceiverMakesTheSenderWait) {
+    m_Network.SetPath({.m_dwBuffer = 10000, .m_dwMaxPiece = 4000});
+    size_t stTaken = 0;
+    Listen(talvo::tcp, [&](talvo::connection aPeer) -> talvo::task<> {
+        auto first = (co_await aPeer.receive()).value();
+        const std::string_view view = first.view();
+        const talvo::message moved = (co_await aPeer.receive()).value();
+        co_await talvo::sleep(60s);
+        EXPECT_EQ(view, first.view());
+        EXPECT_EQ(view.data(), first.view().data());
+        EXPECT_EQ('x', view.back());
+        EXPECT_EQ('x', moved.view().front());
+        EXPECT_LT(stTaken, 100000u);
+        EXPECT_GT(stTaken, 60000u);
+        size_t stReceived = first.size() + moved.size();
+        while (const auto message = co_await aPeer.receive())
+            stReceived += message->size();
+        EXPECT_EQ(300000u, stReceived);
+    });
+    Run([](size_t& aTaken) -> talvo::task<> {
+        auto peer = (co_await talvo::connect(ADDRESS, talvo::tcp)).value();
+        for (; aTaken < 300000; aTaken += 1000)
+            EXPECT_TRUE(co_await peer.send(std::string(1000, 'x')));
+    }(stTaken));
+    m_Network.RunFor(CCmTimeValue(1));
+    EXPECT_EQ(0u, m_Listener.tasks().size());
+}
+
+TEST_F(CoConnectionTest, FailuresHaveTheirErrors) {
+    Run([](CCmSimNetwork& aNetwork, talvo::listener& aListener) -> talvo::task<> {
+        EXPECT_EQ(std::errc::connection_refused, (co_await talvo::connect(ADDRESS, talvo::tcp)).error());
+        EXPECT_EQ(std::errc::invalid_argument, (co_await talvo::connect("nonsense", talvo::tcp)).error());
+        EXPECT_EQ(talvo::errc::dns_failure, (co_await talvo::connect("no.such.name:1", talvo::tcp)).error());
+        EXPECT_TRUE(aListener.listen(ADDRESS, talvo::tcp, Echo));
+        EXPECT_EQ(talvo::errc::already_initialized, aListener.listen(ADDRESS, talvo::tcp, Echo).error());
+        aNetwork.SetPath({.m_tvConnect = CCmTimeValue(90)});
+        EXPECT_EQ(std::errc::timed_out, (co_await talvo::connect(ADDRESS, talvo::tcp, {.timeout = 1ns})).error());
+        aNetwork.SetPath({.m_ullCutAfter = 7});
+        auto peer = (co_await talvo::connect(ADDRESS, talvo::tcp)).value();
+        EXPECT_EQ(std::errc::timed_out, (co_await talvo::with_timeout(3s, peer.receive())).error());
+        co_await peer.send("0123456789");
+        EXPECT_EQ(std::errc::connection_reset, (co_await peer.receive()).error());
+        EXPECT_EQ(std::errc::connection_reset, (co_await peer.send("x")).error());
+        talvo::connection none = std::move(peer);
+        EXPECT_EQ(std::errc::not_connected, (co_await peer.receive()).error());
+        EXPECT_EQ(std::errc::not_connected, (co_await peer.send("x")).error());
+    }(m_Network, m_Listener));
+}
+
+// The operations under way of other coroutines end from the loop.
+TEST_F(CoConnectionTest, ACloseEndsTheOperationsUnderWay) {
+    Listen(talvo::tcp, [](talvo::connection aPeer) -> talvo::task<> {
+        co_await talvo::sleep(60s);
+        EXPECT_TRUE(aPeer.set(talvo::options::tcp_keepalive, 1));
+    });
+    m_Network.SetPath({.m_dwBuffer = 1000});
+    Run([]() -> talvo::task<> {
+        auto peer = (co_await talvo::connect(ADDRESS, talvo::tcp)).value();
+        const auto close = [](talvo::connection& aPeer) -> talvo::task<> {
+            co_await talvo::sleep(1s);
+            EXPECT_EQ(talvo::errc::already_initialized, (co_await aPeer.receive()).error());
+            aPeer = talvo::connection();
+        };
+        const std::string strLong(100000, 'x');
+        const auto [received, sent, next, closed] =
+            co_await talvo::when_all(peer.receive(), peer.send(strLong), peer.send("behind"), close(peer));
+        EXPECT_EQ(talvo::errc::not_available, received.error());
+        EXPECT_EQ(talvo::errc::not_available, sent.error());
+        EXPECT_EQ(talvo::errc::not_available, next.error());
+    }());
+}
+
+// A cancelled operation leaves the connection usable, and the destruction of all of it leaves nothing behind: after any step.
+TEST(CoLifeTest, EveryStepMayBeTheLast) {
+    const auto client = [](talvo::kind aKind) -> talvo::task<> {
+        const CTracked tracked;
+        auto peer = co_await talvo::connect(ADDRESS, aKind, {.timeout = 5s});
+        if (!peer)
+            co_return;
+        talvo::task_group group;
+        group.spawn([](talvo::connection& aPeer) -> talvo::task<> {
+            const std::string strLong(3000, 'y');
+            while (co_await aPeer.send(strLong))
+                co_await talvo::sleep(20ms);
+        }(*peer));
+        for (int i = 0; i < 6; ++i) {
+            auto message = co_await talvo::when_any(peer->receive(), talvo::sleep(1ms), Echo(talvo::connection()));
+            co_await talvo::with_timeout(30ms, peer->receive());
+        }
+    };
+    for (const talvo::kind kind : {talvo::tcp, talvo::package, talvo::reliable}) {
+        BOOL bDone = FALSE;
+        for (int nLast = 1; !bDone; ++nLast) {
+            const auto scenario = [&](CCmSimNetwork& aNetwork) {
+                aNetwork.SetPath({.m_PartialSend = 0.2, .m_Cut = 0.01, .m_dwBuffer = 2000});
+                talvo::listener listener;
+                talvo::task_group tasks;
+                listener.listen(ADDRESS, kind, Echo);
+                tasks.spawn(client(kind));
+                tasks.spawn(client(kind));
+                int nSteps = 0;
+                aNetwork.RunUntil([&] { return ++nSteps >= nLast || (bDone = tasks.size() == 0); }, CCmTimeValue(100));
+            };
+            const CCmSimRun run = cm_sim_run(scenario, 1 + static_cast<uint64_t>(nLast % 7));
+            ASSERT_TRUE(run.m_Failures.empty()) << run.m_Failures.front() << " at step " << nLast;
+            ASSERT_EQ(0, CTracked::s_nAlive) << "at step " << nLast;
+        }
+    }
+}
+
+}  // namespace
