@@ -1,0 +1,148 @@
+// Work in other threads of the library.
+#pragma once
+
+#include "talvo/co/far_call.h"
+
+namespace talvo {
+
+// A thread with a loop of its own, for coroutines and connections that live there. Made and destroyed in one thread, after the
+// application and before it; the destruction ends the thread, and with it all that runs there.
+class thread {
+public:
+    thread() { CCmThreadManager::Instance()->CreateUserTaskThread(native_); }
+    thread(const thread&) = delete;
+    thread& operator=(const thread&) = delete;
+    ~thread() {
+        if (!native_)
+            return;
+        native_->Stop();
+        native_->Join();
+        native_->Destory(CM_OK);
+    }
+
+    explicit operator bool() const noexcept { return native_; }  // false: the system has no thread
+    ACmThread* native() const noexcept { return native_; }
+
+private:
+    ACmThread* native_ = nullptr;
+};
+
+namespace detail {
+
+// What a callable gives in the end: the value of its task, or its own.
+template <class R>
+constexpr bool can_await = requires(R (*make)()) {
+    awaiter_of(make()).await_resume();
+};
+template <>
+inline constexpr bool can_await<void> = false;
+template <class F>
+constexpr bool makes_task = can_await<std::invoke_result_t<F&>>;
+template <class R, bool Task>
+struct outcome_of {
+    using type = R;
+};
+template <class R>
+struct outcome_of<R, true> {
+    using type = await_result_t<R>;
+};
+template <class F>
+using outcome_of_t = typename outcome_of<std::invoke_result_t<F&>, makes_task<F>>::type;
+
+// The callable and its task live in the other thread, and end there: with the task, by a cancellation, or with the thread.
+template <class F>
+class thread_call final : public far_call, private runner_owner, private CCmThreadTenant {
+public:
+    using value = outcome_of_t<F>;
+
+    thread_call(ACmThread* thread, F work) : link_(thread ? &thread->GetLink() : nullptr), work_(std::move(work)) {}
+
+    bool begin() {
+        if (!link_)
+            return false;
+        start_.post(link_);
+        return true;
+    }
+    // A call that has ended ignores it.
+    void cancel() { cancel_.post(link_); }
+    as_result_t<value> take() { return outcome_.take(); }
+
+private:
+    void run_here() {
+        if (is_abandoned())
+            return end();
+        if constexpr (makes_task<F>) {
+            JoinCurrentThread();
+            outcome_of_start();
+        } else {
+            outcome_.set([this]() -> decltype(auto) { return (*work_)(); });
+            finish();
+        }
+    }
+
+    void outcome_of_start() {
+        try {
+            runner_.emplace(run((*work_)()));
+            if (runner_->start(*this, 0))
+                on_end(0);
+        } catch (...) {
+            outcome_.set([]() -> value { throw; });
+            finish();
+        }
+    }
+
+    void on_end(std::size_t) noexcept override {
+        outcome_.set([this]() -> value {
+            if constexpr (std::is_void_v<value>)
+                runner_->take();
+            else
+                return runner_->take();
+        });
+        finish();
+    }
+
+    void finish() {
+        end();
+        answer();
+    }
+    void end() {
+        LeaveThread();
+        runner_.reset();
+        work_.reset();
+    }
+    void cancel_here() {
+        if (runner_)
+            end();
+    }
+    void OnThreadEnd() override { finish(); }
+    void never_begun() { answer(); }
+
+    using runner_type = runner<std::conditional_t<std::is_void_v<value>, void, std::remove_cvref_t<value>>>;
+
+    const CCmRefPtrT<CCmThreadLink> link_;
+    std::optional<F> work_;  // outlives its coroutine
+    std::optional<runner_type> runner_;
+    far_outcome<value> outcome_;
+    step start_{*this, static_cast<step::function>(&thread_call::run_here),
+                static_cast<step::function>(&thread_call::never_begun)};
+    step cancel_{*this, static_cast<step::function>(&thread_call::cancel_here), nullptr};
+};
+
+}  // namespace detail
+
+// Calls work in that thread; if it makes a task, runs the task there. co_await gives its value as a result<T>, in the awaiting
+// thread, and rethrows its exception. What work holds is destroyed in that thread, also if the awaiting coroutine is destroyed
+// first. The value passes between the threads. CM_ERROR_NOT_AVAILABLE: the thread has ended.
+//
+//    talvo::thread other;
+//    auto lines = co_await talvo::on(other, [name] { return read_lines(name); });
+template <class F>
+auto on(ACmThread* where, F work) {
+    return detail::far_awaiter(new detail::thread_call<F>(where, std::move(work)));
+}
+template <class F>
+auto on(const thread& where, F work) {
+    return on(where.native(), std::move(work));
+}
+
+}  // namespace talvo
