@@ -7,6 +7,8 @@
 
 namespace tool {
 
+constexpr long CONNECT_SECONDS = 10;  // the time limit of a client
+
 // aConnector (out): of the type of the arguments, with their settings of TLS.
 CmResult MakeConnector(const Arguments& aArguments, CCmRefPtrT<ICmConnector>& aConnector);
 

@@ -7,7 +7,6 @@ namespace tool {
 
 namespace {
 
-constexpr long CONNECT_SECONDS = 10;
 constexpr long CLOSING_SECONDS = 1;
 
 }  // namespace

@@ -12,7 +12,6 @@ namespace tool {
 namespace {
 
 constexpr int PIECES_PER_TURN = 16;  // then the loop handles other handles, above all signals
-constexpr long CONNECT_SECONDS = 10;
 constexpr long CLOSING_SECONDS = 2;
 
 }  // namespace

@@ -11,7 +11,6 @@ namespace tool {
 
 namespace {
 
-constexpr long CONNECT_SECONDS = 10;
 constexpr size_t LONGEST_LINE = 65536;
 
 // Prints each line that the publisher forwards, until the publisher ends. Main thread.

@@ -8,7 +8,6 @@ namespace tool {
 
 namespace {
 
-constexpr long CONNECT_SECONDS = 10;
 constexpr long TICKET_SECONDS = 1;
 
 }  // namespace

@@ -11,7 +11,7 @@ ICmObserver::~ICmObserver() = default;
 
 namespace {
 
-using Guard = CCmMutexGuardT<CCmMutexNullSingleThread>;
+using OwnerGuard = CCmMutexGuardT<CCmMutexNullSingleThread>;
 
 // The first time after aNow that is a multiple of the interval after the expiry.
 int64_t NextExpiry(int64_t aExpires, int64_t aInterval, int64_t aNow) {
@@ -49,7 +49,7 @@ CmResult CCmTimerQueueBase::ScheduleTimer(ICmTimerHandler* aEh, void* aArg, cons
 
     int nPushed;
     {
-        Guard guard(m_Mutex);
+        OwnerGuard guard(m_Mutex);
         if (m_bInPass && node.m_llExpires <= m_llPassNow) {
             m_bNextPass = TRUE;
             nPushed = PushNextPassNode_l(node);
@@ -89,7 +89,7 @@ CmResult CCmTimerQueueBase::CancelTimer(ICmTimerHandler* aEh) {
         return CM_ERROR_INVALID_ARG;
     if (!m_Mutex.IsCurrentThread())
         return CM_ERROR_FAILURE;
-    Guard guard(m_Mutex);
+    OwnerGuard guard(m_Mutex);
     switch (EraseNode_l(aEh)) {
     case 0:
         return CM_OK;
@@ -106,7 +106,7 @@ CCmTimeValue CCmTimerQueueBase::GetEarliestTime() {
 }
 
 BOOL CCmTimerQueueBase::GetEarliestUsec(int64_t& aExpires) {
-    Guard guard(m_Mutex);
+    OwnerGuard guard(m_Mutex);
     if (!m_pDeletions)
         return GetEarliestTime_l(aExpires) == 0;
     aExpires = CCmClock::GetTimeOfDayUsec();

@@ -2,11 +2,11 @@
 
 #include <sys/uio.h>
 
+#include "talvo/transport/would_block.h"
+
 namespace talvo {
 
 namespace {
-
-constexpr int WOULD_BLOCK = -2;
 
 int CountOf(CTlsSession::EResult aResult, DWORD aRead) {
     if (aRead > 0)

@@ -8,6 +8,7 @@
 
 #include "talvo/base/live_counter.h"
 #include "talvo/base/with_memory.h"
+#include "talvo/transport/would_block.h"
 
 namespace talvo {
 
@@ -16,7 +17,6 @@ namespace {
 CCmLiveCounter s_Live("CHandshakeRun");
 
 constexpr const char* VERB = "shake hands with";
-constexpr int WOULD_BLOCK = -2;
 
 }  // namespace
 

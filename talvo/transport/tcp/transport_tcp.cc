@@ -12,12 +12,13 @@
 #include "talvo/base/with_memory.h"
 #include "talvo/transport/socket_settings.h"
 #include "talvo/transport/transport_linger.h"
+#include "talvo/transport/would_block.h"
 
 namespace {
 
 CCmLiveCounter s_Live("CCmTransportTcp");
 
-constexpr int WOULD_BLOCK = -2;
+using talvo::WOULD_BLOCK;
 
 BOOL IsWouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK; }
 

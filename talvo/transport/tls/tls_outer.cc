@@ -4,13 +4,9 @@
 
 #include <cerrno>
 
+#include "talvo/transport/would_block.h"
+
 namespace talvo {
-
-namespace {
-
-constexpr int WOULD_BLOCK = -2;
-
-}  // namespace
 
 int CTlsOuter::RecvSealed(char* aBuf, DWORD aLen) {
     DWORD dwRead = 0;

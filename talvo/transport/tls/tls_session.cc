@@ -14,13 +14,13 @@
 #include "talvo/base/with_memory.h"
 #include "talvo/transport/tls/tls_call.h"
 #include "talvo/transport/tls/tls_pieces.h"
+#include "talvo/transport/would_block.h"
 
 namespace talvo {
 
 namespace {
 
 constexpr int MOST_READS = 2;  // of the socket in one Read: the longest record arrives with the second one
-constexpr int WOULD_BLOCK = -2;
 
 // The queue belongs to the thread, which may have other users of OpenSSL.
 void ClearErrors() {

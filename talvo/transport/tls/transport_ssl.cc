@@ -10,6 +10,7 @@
 #include "talvo/base/live_counter.h"
 #include "talvo/base/trace.h"
 #include "talvo/base/with_memory.h"
+#include "talvo/transport/would_block.h"
 
 using talvo::CTlsSession;
 
@@ -17,7 +18,7 @@ namespace {
 
 CCmLiveCounter s_Live("CCmTransportSsl");
 
-constexpr int WOULD_BLOCK = -2;
+using talvo::WOULD_BLOCK;
 
 }  // namespace
 

@@ -8,12 +8,12 @@
 #include "talvo/base/clock.h"
 #include "talvo/base/trace.h"
 #include "talvo/transport/network_buffers.h"
+#include "talvo/transport/would_block.h"
 
 namespace talvo {
 
 namespace {
 
-constexpr int WOULD_BLOCK = -2;
 constexpr int RECEIVE_BUFFER_SIZE = 1 << 20;  // the system cuts it to its own limit
 constexpr DWORD ALONE_PERIOD = 8;             // reports between two checks for more than one datagram
 constexpr int MAX_FAILURES = 4;               // in a row, of a socket that is not connected
