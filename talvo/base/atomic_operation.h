@@ -12,12 +12,15 @@
 template <class MutexType>
 class CCmAtomicOperationT;
 
+// Safe in any thread.
 template <>
 class CCmAtomicOperationT<CCmMutexThread> {
 public:
+    // aValue: the value at first.
     explicit CCmAtomicOperationT(long aValue = 0) : m_lValue(static_cast<int32_t>(aValue)) {}
     CCmAtomicOperationT(const CCmAtomicOperationT& aRight) : m_lValue(aRight.GetValue()) {}
 
+    // The current value. An assignment replaces it.
     int32_t GetValue() const { return m_lValue.load(); }
     CCmAtomicOperationT& operator=(long aValue) {
         m_lValue = static_cast<int32_t>(aValue);
@@ -25,6 +28,7 @@ public:
     }
     CCmAtomicOperationT& operator=(const CCmAtomicOperationT& aRight) { return *this = aRight.GetValue(); }
 
+    // The new value; with the operator behind the counter, the old one.
     int32_t operator++() { return ++m_lValue; }
     int32_t operator++(int) { return m_lValue++; }
     int32_t operator--() { return --m_lValue; }
@@ -36,12 +40,15 @@ private:
     std::atomic<int32_t> m_lValue;
 };
 
+// For one thread, which each operation asserts.
 template <>
 class CCmAtomicOperationT<CCmMutexNullSingleThread> {
 public:
+    // aValue: the value at first.
     explicit CCmAtomicOperationT(long aValue = 0) : m_lValue(static_cast<int32_t>(aValue)) {}
     CCmAtomicOperationT(const CCmAtomicOperationT& aRight) : m_lValue(aRight.GetValue()) {}
 
+    // The current value. An assignment replaces it.
     int32_t GetValue() const { return Checked(); }
     CCmAtomicOperationT& operator=(long aValue) {
         Checked() = static_cast<int32_t>(aValue);
@@ -49,6 +56,7 @@ public:
     }
     CCmAtomicOperationT& operator=(const CCmAtomicOperationT& aRight) { return *this = aRight.GetValue(); }
 
+    // The new value; with the operator behind the counter, the old one.
     int32_t operator++() { return ++Checked(); }
     int32_t operator++(int) { return Checked()++; }
     int32_t operator--() { return --Checked(); }
@@ -96,6 +104,7 @@ bool operator>=(const CCmAtomicOperationT<MutexType>& a, long b) {
 // counters above do not use it. Increment and decrement return the new value, exchange and exchange-add the old one.
 class TALVO_API CCmAtomicFunctions {
 public:
+    // The table.
     static int32_t (*increment_fn_)(volatile int32_t*);
     static int32_t (*decrement_fn_)(volatile int32_t*);
     static int32_t (*exchange_fn_)(volatile int32_t*, int32_t);
@@ -104,6 +113,7 @@ public:
     // Fills the table for this machine. A second call changes nothing.
     static void init_functions();
 
+    // The routines, unlocked and locked.
     static int32_t single_cpu_increment(volatile int32_t* aValue);
     static int32_t single_cpu_decrement(volatile int32_t* aValue);
     static int32_t single_cpu_exchange(volatile int32_t* aValue, int32_t aNew);

@@ -16,8 +16,10 @@
 template <class BlockType, class ConvertorType>
 class CCmByteStreamT {
 public:
+    // aBlock is not owned: it must outlive this object.
     explicit CCmByteStreamT(BlockType& aBlock) : m_Block(aBlock) {}
 
+    // The sticky results: CM_OK, or the first failure.
     CmResult GetReadResult() const { return m_ResultRead; }
     CmResult GetWriteResult() const { return m_ResultWrite; }
 
@@ -31,6 +33,7 @@ public:
         return *this;
     }
 
+    // The other direction.
     template <class Number>
     CCmByteStreamT& operator<<(Number aValue) {
         const Unsigned<Number> value = ConvertorType::Convert(static_cast<Unsigned<Number>>(aValue));
@@ -48,6 +51,7 @@ public:
         return m_ResultRead;
     }
 
+    // Likewise.
     CmResult Write(const void* aSrc, CmDword aCount) {
         CmDword dwDone = 0;
         if (m_ResultWrite == CM_OK)
@@ -93,4 +97,5 @@ private:
     CmResult m_ResultWrite = CM_OK;
 };
 
+// The stream of this library's protocols.
 using CCmByteStreamNetwork = CCmByteStreamT<CCmMessageBlock, CCmHostNetworkConvertorNormal>;

@@ -5,8 +5,9 @@
 
 #include "talvo/base/message_block.h"
 
+// Frees the blocks of a chain.
 struct CCmChainDelete {
-    void operator()(CCmMessageBlock* aChain) const { aChain->DestroyChained(); }
+    void operator()(CCmMessageBlock* aChain) const { aChain->DestroyChained(); }  // as DestroyChained
 };
 
 // Owns a chain of DUPLICATED blocks, as DuplicateTopLevel, DuplicateChained and Disjoint return it. Null: there is no chain.

@@ -15,6 +15,7 @@ public:
     virtual ~ICmClock();
 };
 
+// The library's one clock. All times of the library come from it.
 class TALVO_API CCmClock {
 public:
     // The time of day of all time-outs: the wall time, read once and advanced by the monotonic clock. A step of the system

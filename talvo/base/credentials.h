@@ -5,8 +5,8 @@
 
 // A value; copying never fails. An empty user: there are no credentials.
 struct CCmCredentials {
-    CCmSecret m_User;
-    CCmSecret m_Password;
+    CCmSecret m_User;      // "": there are no credentials
+    CCmSecret m_Password;  // may be ""
 
     // Results as CCmSecret::Set. A failure leaves both unchanged.
     CmResult Set(std::string_view aUser, std::string_view aPassword) {
@@ -19,6 +19,6 @@ struct CCmCredentials {
         return rv;
     }
 
-    explicit operator bool() const { return !m_User.IsEmpty(); }
+    explicit operator bool() const { return !m_User.IsEmpty(); }  // there are credentials
     bool operator==(const CCmCredentials&) const = default;
 };

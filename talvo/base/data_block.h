@@ -29,8 +29,8 @@ public:
         return dwLeft;
     }
 
-    char* GetBasePtr() const { return m_pBase; }
-    CmDword GetLength() const { return m_dwLength; }
+    char* GetBasePtr() const { return m_pBase; }      // the first byte
+    CmDword GetLength() const { return m_dwLength; }  // the size that it was made with
 
 private:
     CCmDataBlock(CmDword aSize, char* aBase) : m_dwLength(aSize), m_pBase(aBase) {}

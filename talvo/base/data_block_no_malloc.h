@@ -8,6 +8,7 @@
 // Owns nothing: the memory must outlive it. One thread.
 class TALVO_API CCmDataBlockNoMalloc {
 public:
+    // A buffer of aLength bytes; both positions are at its start.
     CCmDataBlockNoMalloc(char* aBuffer, CmDword aLength)
         : m_pBeginPtr(aBuffer), m_pEndPtr(aBuffer ? aBuffer + aLength : nullptr), m_pReadPtr(aBuffer), m_pWritePtr(aBuffer) {}
 

@@ -13,13 +13,14 @@ TALVO_API CmDword cm_thread_self_id();
 // others it does nothing.
 class CCmEnsureSingleThread {
 public:
-    CCmEnsureSingleThread() : m_dwThreadId(cm_thread_self_id()) {}
+    CCmEnsureSingleThread() : m_dwThreadId(cm_thread_self_id()) {}  // bound to the calling thread
 
+    // Transfers the object to the calling thread, or to another one.
     void Reset2CurrentThreadId() { m_dwThreadId = cm_thread_self_id(); }
     void Reset2ThreadId(unsigned long aId) { m_dwThreadId = static_cast<CmDword>(aId); }
 
-    CmBool IsCurrentThread() const { return m_dwThreadId == cm_thread_self_id(); }
-    void EnsureSingleThread() const { assert(m_dwThreadId == cm_thread_self_id()); }
+    CmBool IsCurrentThread() const { return m_dwThreadId == cm_thread_self_id(); }    // TRUE: the caller is that thread
+    void EnsureSingleThread() const { assert(m_dwThreadId == cm_thread_self_id()); }  // see above
 
 private:
     CmDword m_dwThreadId;

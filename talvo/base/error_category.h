@@ -17,7 +17,7 @@ namespace talvo {
 // hold without a look at the value. Any thread.
 TALVO_API const std::error_category& category() noexcept;
 
-inline std::error_code make_error_code(CmResult result) noexcept { return {result, category()}; }
+inline std::error_code make_error_code(CmResult result) noexcept { return {result, category()}; }  // value: result
 
 // The code of result with the cause of its failure: the errno if the system has reported one; CM_ERROR_TIMEOUT if a time-out
 // passed or the peer was silent; otherwise that of result. CM_OK gives the code 0.
@@ -56,6 +56,7 @@ enum class errc : CmResult {
     tls_cut = CM_ERROR_NETWORK_TLS_CUT
 };
 
+// For std::error_code's constructor.
 inline std::error_code make_error_code(errc code) noexcept { return make_error_code(static_cast<CmResult>(code)); }
 
 }  // namespace talvo

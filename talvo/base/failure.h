@@ -32,11 +32,11 @@ public:
     // A different failure of the same attempt as aAttempt's.
     CCmFailure(ECmFailureCause aCause, const char* aText, const CCmFailure& aAttempt);
 
-    explicit operator bool() const { return m_Cause != CM_FAILURE_NONE; }
-    ECmFailureCause GetCause() const { return m_Cause; }
-    int GetErrno() const { return m_nErrno; }               // 0 unless the cause is CM_FAILURE_SYSTEM
-    const char* GetText() const { return m_szText; }        // "Connection refused"
-    const char* GetAttempt() const { return m_szAttempt; }  // "connect to 127.0.0.1:80"
+    explicit operator bool() const { return m_Cause != CM_FAILURE_NONE; }  // there is a failure
+    ECmFailureCause GetCause() const { return m_Cause; }                   // the kind of the cause
+    int GetErrno() const { return m_nErrno; }                              // 0 unless the cause is CM_FAILURE_SYSTEM
+    const char* GetText() const { return m_szText; }                       // "Connection refused"
+    const char* GetAttempt() const { return m_szAttempt; }                 // "connect to 127.0.0.1:80"
 
     // "connect to 127.0.0.1:80: Connection refused", or "" without a failure.
     CCmString ToString() const;

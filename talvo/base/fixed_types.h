@@ -8,10 +8,12 @@
 #include <cstdint>
 #include <string>
 
+// Of 8, 16 and 32 bits, and a truth value.
 using CmByte = uint8_t;
 using CmWord = uint16_t;
 using CmDword = uint32_t;
 using CmBool = int32_t;
+// The two truth values.
 constexpr CmBool CM_TRUE = 1;
 constexpr CmBool CM_FALSE = 0;
 

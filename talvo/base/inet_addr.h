@@ -88,7 +88,8 @@ public:
     // For the socket calls: AF_INET and 16 bytes, AF_INET6 and 28, or AF_UNIX and up to 110. Cast the pointer to that of the
     // family, or to sockaddr.
     CmDword GetSize() const { return GetOther_i() ? m_pRecord->GetSize() : CmDword{sizeof m_SockAddr}; }
-    CmDword GetType() const { return GetPtr()->sin_family; }
+    CmDword GetType() const { return GetPtr()->sin_family; }  // the family
+    // The socket address, GetSize() bytes.
     const sockaddr_in* GetPtr() const {
         const sockaddr* pOther = GetOther_i();
         return pOther ? reinterpret_cast<const sockaddr_in*>(pOther) : &m_SockAddr;
@@ -97,8 +98,8 @@ public:
     // room for no other family. cm_from_sockaddr takes each family. A write does not change a pending name.
     sockaddr_in* GetPtr() { return const_cast<sockaddr_in*>(static_cast<const CCmInetAddr*>(this)->GetPtr()); }
 
-    CmBool IsResolved() const { return m_strHostName.empty(); }
-    CCmString GetHostName() const { return m_strHostName; }  // "" when resolved
+    CmBool IsResolved() const { return m_strHostName.empty(); }  // no name is pending
+    CCmString GetHostName() const { return m_strHostName; }      // "" when resolved
     // The pending name, the dotted address, the IPv6 address in the form of RFC 5952 with the interface behind "%", or the
     // path. "@" replaces each NUL of an abstract name; the text of a Unix socket without a path is "".
     CCmString GetIpDisplayName() const;

@@ -15,6 +15,7 @@ public:
     CCmLiveCounter(const CCmLiveCounter&) = delete;
     CCmLiveCounter& operator=(const CCmLiveCounter&) = delete;
 
+    // For the counted class.
     void operator++() { m_lValue.fetch_add(1, std::memory_order_relaxed); }
     void operator--() { m_lValue.fetch_sub(1, std::memory_order_relaxed); }
 

@@ -22,6 +22,7 @@
 // Duplicating, cutting and appending copy no payload, with one exception: a duplicate of a view on foreign memory is a copy.
 class TALVO_API CCmMessageBlock {
 public:
+    // The bits of a block.
     enum : CmDword {
         DONT_DELETE = 0x1,      // a view on memory that it does not own
         MALLOC_AND_COPY = 0x2,  // for the constructor: allocate storage although a pointer is given
@@ -48,11 +49,15 @@ public:
     CCmMessageBlock(const CCmMessageBlock&) = delete;
     CCmMessageBlock& operator=(const CCmMessageBlock&) = delete;
 
+    // Of this block alone: the unread bytes, and the space behind them.
     CmDword GetTopLevelLength() const { return static_cast<CmDword>(m_pWritePtr - m_pReadPtr); }
     CmDword GetTopLevelSpace() const { return static_cast<CmDword>(m_pEndPtr - m_pWritePtr); }
+    // The positions: of the first unread byte, and of the first byte of the space.
     const char* GetTopLevelReadPtr() const { return m_pReadPtr; }
     char* GetTopLevelWritePtr() const { return m_pWritePtr; }
+    // The next block of the chain, or null.
     CCmMessageBlock* GetNext() const { return m_pNext; }
+    // The bits above.
     CmDword GetFlag() const { return m_Flag; }
 
     // CM_ERROR_NOT_AVAILABLE: aCount exceeds the unread bytes or the space, and nothing moves.
@@ -76,15 +81,17 @@ public:
     CmResult Read(void* aDst, CmDword aCount, CmDword* aRead = nullptr, CmBool aAdvance = CM_TRUE);
     // Copies from aSrc (null: leaves the bytes unchanged) into this block alone.
     CmResult Write(const void* aSrc, CmDword aCount, CmDword* aWritten = nullptr);
+    // Consumes bytes of the whole chain.
     CmResult AdvanceChainedReadPtr(CmDword aCount, CmDword* aDone = nullptr) { return Read(nullptr, aCount, aDone, CM_TRUE); }
     // For a chain that was filled in place. Also stops, with CM_ERROR_PARTIAL_DATA and a trace line, at a block that was read
     // from.
     CmResult AdvanceChainedWritePtr(CmDword aCount, CmDword* aDone = nullptr);
 
     // 0xFFFFFFFF: so much or more.
+    // The unread bytes of the whole chain.
     CmDword GetChainedLength() const;
-    static constexpr CmDword MOST_LENGTH = 0xFFFFFFFF;
-    CmDword GetChainedSpace() const;
+    static constexpr CmDword MOST_LENGTH = 0xFFFFFFFF;  // the most that GetChainedLength returns
+    CmDword GetChainedSpace() const;                    // the space of the whole chain
 
     // Links aMb behind the last block. Does nothing for null or for a block that is in the chain already. Ownership does not
     // change: the DUPLICATED bits determine it.
@@ -93,6 +100,7 @@ public:
     // A heap block with the same positions over the same storage, or over a copy of foreign memory. Null: memory ran out. The
     // lock bits are not inherited.
     CCmMessageBlock* DuplicateTopLevel() const;
+    // The same for each block of the chain.
     CCmMessageBlock* DuplicateChained() const;
 
     // Cuts the chain behind aStart unread bytes and returns the second part. Every block of that part is DUPLICATED; a block

@@ -34,6 +34,7 @@ class TALVO_API CCmMutexThreadRecursive : public CCmMutexThreadBase {};
 // The mutex of objects that belong to one thread. A lock only asserts the thread.
 class CM_CAPABILITY("mutex") CCmMutexNullSingleThread {
 public:
+    // CM_OK; they never wait.
     CmResult Lock() CM_ACQUIRE() {
         m_Est.EnsureSingleThread();
         return CM_OK;
@@ -55,7 +56,7 @@ private:
 template <class MutexType>
 class CM_SCOPED_CAPABILITY CCmMutexGuardT {
 public:
-    explicit CCmMutexGuardT(MutexType& aMutex) CM_ACQUIRE(aMutex) : m_Mutex(aMutex) { m_Mutex.Lock(); }
+    explicit CCmMutexGuardT(MutexType& aMutex) CM_ACQUIRE(aMutex) : m_Mutex(aMutex) { m_Mutex.Lock(); }  // locks it
     ~CCmMutexGuardT() CM_RELEASE() { m_Mutex.UnLock(); }
     CCmMutexGuardT(const CCmMutexGuardT&) = delete;
     CCmMutexGuardT& operator=(const CCmMutexGuardT&) = delete;

@@ -16,5 +16,5 @@ public:
 
     // The process-wide resolver; null until one is installed. Not owned.
     static ICmNameResolver* Get();
-    static void Set(ICmNameResolver* aResolver);
+    static void Set(ICmNameResolver* aResolver);  // null: none. Any thread
 };

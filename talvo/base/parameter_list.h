@@ -17,8 +17,9 @@
 // empty list is empty. Print and Parse preserve every list.
 class TALVO_API CCmParameterList {
 public:
-    using CPair = std::pair<CCmString, CCmString>;
+    using CPair = std::pair<CCmString, CCmString>;  // name and value
 
+    // The limits of a list.
     static constexpr size_t MAX_PAIRS = 1024;
     static constexpr size_t MAX_BYTES = 64 * 1024;  // names and values together
 
@@ -34,13 +35,14 @@ public:
 
     // Removes every pair of the name. CM_ERROR_NOT_FOUND: there is none.
     CmResult Remove(std::string_view aName);
-    void Clear();
+    void Clear();  // removes all pairs
 
+    // The pairs, in the order of insertion.
     size_t GetCount() const { return m_Pairs.size(); }
     std::vector<CPair>::const_iterator begin() const { return m_Pairs.begin(); }
     std::vector<CPair>::const_iterator end() const { return m_Pairs.end(); }
 
-    CCmString Print() const;
+    CCmString Print() const;  // the list as text, see above
 
     // Replaces the list. An '=' in a value needs no backslash. CM_ERROR_INVALID_ARG: a pair has no '=' (this includes the empty
     // pair behind a last ';'), or a backslash precedes any other character. CM_ERROR_NOT_AVAILABLE: beyond the limits. After

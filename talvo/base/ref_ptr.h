@@ -10,6 +10,7 @@ template <class Type>
 class CCmRefPtrT {
 public:
     CCmRefPtrT() = default;
+    // Null, or a reference on the object.
     CCmRefPtrT(std::nullptr_t) {}
     CCmRefPtrT(Type* aObject) : m_pObject(aObject) {
         if (m_pObject)
@@ -21,6 +22,7 @@ public:
     CCmRefPtrT(const CCmRefPtrT<Other>& aRight) : CCmRefPtrT(aRight.Get()) {}
     ~CCmRefPtrT() { Reset(); }
 
+    // Releases the reference held before.
     CCmRefPtrT& operator=(CCmRefPtrT aRight) noexcept {
         std::swap(m_pObject, aRight.m_pObject);
         return *this;
@@ -48,6 +50,7 @@ public:
         return m_pObject;
     }
 
+    // The object, or null.
     Type* Get() const { return m_pObject; }
     Type* operator->() const { return m_pObject; }
     Type& operator*() const { return *m_pObject; }
@@ -57,6 +60,7 @@ private:
     Type* m_pObject = nullptr;
 };
 
+// Compare the objects' addresses.
 template <class A, class B>
 bool operator==(const CCmRefPtrT<A>& a, const CCmRefPtrT<B>& b) {
     return a.Get() == b.Get();

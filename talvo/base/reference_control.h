@@ -19,8 +19,10 @@ public:
 template <class MutexType>
 class CCmReferenceControlT {
 public:
+    // As ICmReferenceControl.
     CmDword AddReference() { return static_cast<CmDword>(++m_References); }
 
+    // As ICmReferenceControl.
     CmDword ReleaseReference() {
         const int32_t lCount = --m_References;
         if (lCount == 0)
@@ -28,7 +30,7 @@ public:
         return static_cast<CmDword>(lCount);
     }
 
-    CmDword GetReference() const { return static_cast<CmDword>(m_References.GetValue()); }
+    CmDword GetReference() const { return static_cast<CmDword>(m_References.GetValue()); }  // the current count
 
 protected:
     CCmReferenceControlT() = default;

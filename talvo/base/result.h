@@ -8,6 +8,7 @@
 // also passed as aReason. The gaps (20002, 20010, ...) are not used. docs/result-codes.md has the action for each.
 using CmResult = int32_t;
 
+// All codes: X(NAME, VALUE).
 #define CM_FOR_EACH_RESULT(X)                                                                            \
     X(CM_OK, 0)                                         /* success */                                    \
     X(CM_ERROR_FAILURE, 10001)                          /* a system call or another call failed */       \

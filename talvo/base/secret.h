@@ -15,9 +15,10 @@
 // used and destroyed in different threads; one object belongs to one thread at a time. Nothing prints it.
 class TALVO_API CCmSecret {
 public:
-    static constexpr size_t MAX_LENGTH = 65536;
+    static constexpr size_t MAX_LENGTH = 65536;  // bytes
 
     CCmSecret() = default;  // ""
+    // Share the text.
     CCmSecret(const CCmSecret& aOther);
     CCmSecret(CCmSecret&& aOther) noexcept : m_pText(std::exchange(aOther.m_pText, nullptr)) {}
     CCmSecret& operator=(CCmSecret aOther) noexcept {
@@ -35,12 +36,13 @@ public:
     template <class Writer>
     CmResult Fill(size_t aLength, const Writer& aWrite);
 
-    void Clear() { *this = CCmSecret(); }
+    void Clear() { *this = CCmSecret(); }  // empties it
 
     // Valid as long as a copy has the text. It does not end with a zero byte.
     std::string_view Get() const;
-    CmBool IsEmpty() const { return Get().empty(); }
-    bool operator==(const CCmSecret& aOther) const;
+
+    CmBool IsEmpty() const { return Get().empty(); }  // there is no text
+    bool operator==(const CCmSecret& aOther) const;   // the same bytes
 
 private:
     struct CText;

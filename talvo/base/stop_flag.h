@@ -6,6 +6,7 @@
 // Initially stopped. Belongs to the thread that runs the loop; every operation asserts that thread.
 class CCmStopFlag {
 public:
+    // Before the loop, and to end it.
     void SetStartFlag() {
         m_Est.EnsureSingleThread();
         m_bStopped = CM_FALSE;
@@ -14,6 +15,7 @@ public:
         m_Est.EnsureSingleThread();
         m_bStopped = CM_TRUE;
     }
+    // TRUE: the loop ends, or does not run.
     CmBool IsFlagStopped() const {
         m_Est.EnsureSingleThread();
         return m_bStopped;

@@ -11,6 +11,7 @@
 // A condition variable of one mutex, which must outlive it.
 class TALVO_API CCmConditionVariableThread {
 public:
+    // aMutex is not owned.
     explicit CCmConditionVariableThread(CCmMutexThread& aMutex);
     ~CCmConditionVariableThread();
     CCmConditionVariableThread(const CCmConditionVariableThread&) = delete;
@@ -34,6 +35,7 @@ private:
 // until Reset. Any thread.
 class TALVO_API CCmEventThread {
 public:
+    // aManualReset: a signal stays until it is reset; otherwise it releases one waiter. aSignalled: the state at first.
     explicit CCmEventThread(CmBool aManualReset = CM_FALSE, CmBool aSignalled = CM_FALSE);
 
     CmResult Wait(CCmTimeValue* aTimeout = nullptr);  // CM_OK, CM_ERROR_TIMEOUT or CM_ERROR_FAILURE
@@ -50,6 +52,7 @@ private:
 // A counting semaphore. Any thread.
 class TALVO_API CCmSemaphoreThread {
 public:
+    // aInitialCount: the count at first; aMaxCount: the most.
     explicit CCmSemaphoreThread(CmDword aInitialCount = 0, CmDword aMaxCount = 0x7fffffff);
 
     CmResult Lock(CCmTimeValue* aTimeout = nullptr);  // takes one; CM_OK, CM_ERROR_TIMEOUT or CM_ERROR_FAILURE

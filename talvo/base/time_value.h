@@ -12,17 +12,20 @@
 class TALVO_API CCmTimeValue {
 public:
     constexpr CCmTimeValue() = default;
+    // Seconds, or seconds and microseconds.
     explicit CCmTimeValue(long aSec) { Set(aSec, 0); }
     explicit CCmTimeValue(int aSec) { Set(aSec, 0); }  // without it, an int would be ambiguous between long and double
     CCmTimeValue(long aSec, long aUsec) { Set(aSec, aUsec); }
     explicit CCmTimeValue(const timeval& aTv) { Set(aTv); }
     explicit CCmTimeValue(double aSec) { Set(aSec); }  // seconds; a NaN counts as 0
 
+    // Replaces the value, as the constructors do.
     void Set(long aSec, long aUsec);
     void Set(const timeval& aTv);
     void Set(double aSec);
     void SetByTotalMsec(long aMilliSeconds);
 
+    // The two fields.
     long GetSec() const { return m_lSec; }
     long GetUsec() const { return m_lUsec; }
     // Wraps beyond about 24.8 days, as a 32-bit count of milliseconds does: do not use it for intervals of weeks.
@@ -30,16 +33,17 @@ public:
 
     // The whole value in 64 bits, and back. The library computes in this form.
     int64_t GetTotalInUsec() const { return int64_t{m_lSec} * 1000000 + m_lUsec; }
-    static CCmTimeValue FromUsec(int64_t aUsec);
+    static CCmTimeValue FromUsec(int64_t aUsec);  // saturates
 
+    // They saturate.
     CCmTimeValue& operator+=(const CCmTimeValue& aRight);
     CCmTimeValue& operator-=(const CCmTimeValue& aRight);
 
     // The current time on the clock of all time-outs: see CCmClock::GetTimeOfDayUsec.
     static CCmTimeValue GetTimeOfDay();
 
-    static const CCmTimeValue s_tvZero;
-    static const CCmTimeValue s_tvMax;  // no time reaches it
+    static const CCmTimeValue s_tvZero;  // 0 seconds
+    static const CCmTimeValue s_tvMax;   // no time reaches it
 
 private:
     struct NormalisedTag {};
@@ -49,6 +53,7 @@ private:
     int32_t m_lUsec = 0;
 };
 
+// As += and -=.
 inline CCmTimeValue operator+(CCmTimeValue aLeft, const CCmTimeValue& aRight) { return aLeft += aRight; }
 inline CCmTimeValue operator-(CCmTimeValue aLeft, const CCmTimeValue& aRight) { return aLeft -= aRight; }
 

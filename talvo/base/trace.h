@@ -15,6 +15,7 @@
 #include "talvo/base/trace_text.h"
 #include "talvo/base/types.h"
 
+// The levels of the trace. Each is switched on its own.
 enum ECmTraceLevel : CmDword {
     CM_TRACE_ERROR = 0,
     CM_TRACE_SERVER = 1,
@@ -50,6 +51,7 @@ struct CCmTraceFileSettings {
     CmDword m_dwFlushPerLines = 1;    // lines buffered between writes to the file, at least 1; level 0 is written at once
 };
 
+// The trace: lines of text on 26 levels, to a file and a sink. Any thread.
 class TALVO_API CCmTrace {
 public:
     // One load and one branch. FALSE for every level while the trace is off.
@@ -99,17 +101,23 @@ private:
     static std::atomic<CmDword> s_dwMask;  // bit n: both level n and the trace are on
 };
 
+// Writes a line if its level is enabled. aText: values joined by <<, evaluated only then.
 #define CM_TRACE(aLevel, aText)                                                                    \
     do {                                                                                           \
         if (CCmTrace::IsEnabled(aLevel))                                                           \
             CCmTrace::WriteText(aLevel, [&](CCmTraceText& cmTraceText) { cmTraceText << aText; }); \
     } while (0)
 
+// A line of level CM_TRACE_ERROR.
 #define CM_ERROR_TRACE(aText) CM_TRACE(CM_TRACE_ERROR, aText)
+// A line of level CM_TRACE_WARNING.
 #define CM_WARNING_TRACE(aText) CM_TRACE(CM_TRACE_WARNING, aText)
+// A line of level CM_TRACE_INFO.
 #define CM_INFO_TRACE(aText) CM_TRACE(CM_TRACE_INFO, aText)
 
 // The same, with " this=" and the object's address appended.
 #define CM_ERROR_TRACE_THIS(aText) CM_ERROR_TRACE(aText << " this=" << this)
+// Likewise.
 #define CM_WARNING_TRACE_THIS(aText) CM_WARNING_TRACE(aText << " this=" << this)
+// Likewise.
 #define CM_INFO_TRACE_THIS(aText) CM_INFO_TRACE(aText << " this=" << this)

@@ -11,12 +11,14 @@
 // cut off.
 class TALVO_API CCmTraceText {
 public:
+    // Append a text, an address or a number.
     CCmTraceText& operator<<(std::string_view aText);
     CCmTraceText& operator<<(const char* aText);
     CCmTraceText& operator<<(const CCmString& aText) { return *this << std::string_view(aText); }
     CCmTraceText& operator<<(const void* aAddress);
     CCmTraceText& operator<<(double aNumber);
 
+    // Appends a number.
     template <class Number, std::enable_if_t<std::is_integral_v<Number> || std::is_enum_v<Number>, int> = 0>
     CCmTraceText& operator<<(Number aNumber) {
         if constexpr (std::is_enum_v<Number>)

@@ -25,11 +25,13 @@ public:
         return parsed;
     }
 
+    // The text as parse takes it, its host, the port (0 of a path), and the library's type.
     std::string to_string() const { return cm_address_text(native_); }
     std::string host() const { return native_.GetIpDisplayName(); }
     uint16_t port() const { return native_.GetPort(); }
     const CCmInetAddr& native() const noexcept { return native_; }
 
+    // As those of CCmInetAddr.
     bool operator==(const address& other) const { return native_ == other.native_; }
     bool operator<(const address& other) const { return native_ < other.native_; }  // an order for map keys
 

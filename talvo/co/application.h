@@ -30,6 +30,7 @@ struct application_settings {
 // it. In a CCmSimNetwork no signal arrives, and the loop also ends when nothing is left to happen.
 class application final : private ICmSignalSink {
 public:
+    // A failure is the error of error() and of run.
     explicit application(application_settings settings = {}) : settings_(settings) {
         error_ = make_error_code(start());
         if (error_)

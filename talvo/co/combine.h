@@ -219,6 +219,7 @@ auto with_stop(std::stop_token token, A&& operation) {
     return detail::limit(std::forward<A>(operation), std::nullopt, std::move(token));
 }
 
+// A sleep that a stop ends.
 inline auto sleep(std::chrono::nanoseconds time, std::stop_token token) { return with_stop(std::move(token), sleep(time)); }
 
 // co_await gives a std::tuple of all results when the last operation has ended; std::monostate for void. If operations fail

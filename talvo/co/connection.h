@@ -22,6 +22,7 @@ class connection {
 public:
     connection() noexcept = default;  // not connected: every operation fails with CM_ERROR_NOT_INITIALIZED
     connection(connection&& other) noexcept = default;
+    // The old connection is disconnected.
     connection& operator=(connection&& other) noexcept {
         connection taken(std::move(other));
         std::swap(channel_, taken.channel_);
@@ -29,7 +30,7 @@ public:
     }
     ~connection() { close(); }
 
-    explicit operator bool() const noexcept { return static_cast<bool>(channel_); }
+    explicit operator bool() const noexcept { return static_cast<bool>(channel_); }  // it is open at this end
 
     // co_await gives a result<message>: the next message, or the next bytes of a stream. No value and an error of 0: the peer
     // has ended its side in order; over plain tcp this side may still send. CM_ERROR_ALREADY_INITIALIZED: another coroutine

@@ -8,6 +8,7 @@ namespace talvo {
 // A transport, or a protocol over a transport. Pass one of the constants below.
 class kind {
 public:
+    // From a connection type of CCmConnectionManager.
     constexpr explicit kind(uint32_t type) : type_(type) {}
 
     // The protocol over another transport: `package.over(tls)`. Over udp a message is one datagram, which may be lost; there is
@@ -16,8 +17,8 @@ public:
     // package only: keep-alives find a silent peer.
     constexpr kind with_keepalive() const { return kind(type_ | CCmConnectionManager::CTYPE_PDU_KEEPALIVE); }
 
-    constexpr uint32_t type() const { return type_; }  // for CCmConnectionManager
-    constexpr bool is_plain_tcp() const { return type_ == CM_TRANSPORT_TYPE_TCP; }
+    constexpr uint32_t type() const { return type_; }                               // for CCmConnectionManager
+    constexpr bool is_plain_tcp() const { return type_ == CM_TRANSPORT_TYPE_TCP; }  // bytes, not encrypted
     constexpr bool operator==(const kind&) const = default;
 
 private:

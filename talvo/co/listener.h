@@ -27,7 +27,7 @@ inline void trace_exception(std::exception_ptr exception) noexcept {
 // networks, they are objects of their own.
 class listener final : private ICmAcceptorConnectorSink {
 public:
-    using handler = std::function<task<>(connection)>;
+    using handler = std::function<task<>(connection)>;  // called for each connection
 
     // failed gets the exceptions of the coroutines; without it each is a line of the trace.
     explicit listener(std::function<void(std::exception_ptr)> failed = {})
@@ -66,7 +66,7 @@ public:
         acceptor_.Reset();
     }
 
-    bool is_listening() const noexcept { return static_cast<bool>(acceptor_); }
+    bool is_listening() const noexcept { return static_cast<bool>(acceptor_); }  // after listen and before stop
     // The bound address; none if it does not listen.
     address local_address() const {
         CCmInetAddr bound;

@@ -23,6 +23,7 @@ class channel;
 class message {
 public:
     message() noexcept = default;
+    // The other message is empty then.
     message(message&& other) noexcept { take(other); }
     message& operator=(message&& other) noexcept {
         if (this != &other) {
@@ -33,6 +34,7 @@ public:
     }
     ~message() { release(); }
 
+    // The number of bytes.
     std::size_t size() const noexcept { return chain_ ? chain_->GetChainedLength() : 0; }
     bool empty() const noexcept { return size() == 0; }
 

@@ -21,7 +21,7 @@ public:
     }
 
     explicit operator bool() const noexcept { return native_; }  // false: the system has no thread
-    ACmThread* native() const noexcept { return native_; }
+    ACmThread* native() const noexcept { return native_; }       // the library's type
 
 private:
     ACmThread* native_ = nullptr;

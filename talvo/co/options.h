@@ -18,7 +18,7 @@ namespace talvo {
 // A value of type T that a connection has, see connection::get and set. Any command of ECmTransportOption and ECsOption fits.
 template <class T>
 struct option {
-    uint32_t command;
+    uint32_t command;  // of ECmTransportOption or ECsOption
 };
 
 namespace options {
@@ -45,11 +45,12 @@ class tls_context {
 public:
     tls_context() : native_(new CCmSslContext) {}
 
+    // As SetTrust and AddCertificate.
     result<> trust(const std::string& file) { return make_error_code(native_->SetTrust(file.c_str())); }
     result<> certificate(const std::string& chain_file, const std::string& key_file) {
         return make_error_code(native_->AddCertificate(chain_file.c_str(), key_file.c_str()));
     }
-    const CCmRefPtrT<CCmSslContext>& native() const noexcept { return native_; }
+    const CCmRefPtrT<CCmSslContext>& native() const noexcept { return native_; }  // the library's type
 
 private:
     CCmRefPtrT<CCmSslContext> native_;

@@ -18,15 +18,18 @@ namespace talvo {
 template <class T = void>
 class result {
 public:
-    using value_type = T;
+    using value_type = T;  // of the value
 
     result() noexcept = default;  // an orderly end
+    // An error; 0: an orderly end.
     result(std::error_code error) noexcept : error_(error) {}
+    // A value, from anything that converts to one.
     template <class U = T>
     requires(std::is_constructible_v<T, U&&> && !std::is_same_v<std::remove_cvref_t<U>, result> &&
              !std::is_same_v<std::remove_cvref_t<U>, std::error_code>) result(U&& value)
         : value_(std::in_place, std::forward<U>(value)) {}
 
+    // There is a value.
     bool has_value() const noexcept { return value_.has_value(); }
     explicit operator bool() const noexcept { return has_value(); }
     std::error_code error() const noexcept { return error_; }  // 0 with a value, and at an orderly end
@@ -43,6 +46,7 @@ public:
     const T& value() const& { return check(), *value_; }
     T&& value() && { return check(), std::move(*value_); }
 
+    // The value, or other without one.
     template <class U>
     T value_or(U&& other) && {
         return value_ ? std::move(*value_) : static_cast<T>(std::forward<U>(other));
@@ -62,14 +66,16 @@ private:
 template <>
 class result<void> {
 public:
-    using value_type = void;
+    using value_type = void;  // there is no value
 
-    result() noexcept = default;  // success
-    result(std::error_code error) noexcept : error_(error) {}
+    result() noexcept = default;                               // success
+    result(std::error_code error) noexcept : error_(error) {}  // 0: success
 
+    // Success.
     bool has_value() const noexcept { return !error_; }
     explicit operator bool() const noexcept { return has_value(); }
-    std::error_code error() const noexcept { return error_; }
+    std::error_code error() const noexcept { return error_; }  // 0: success
+    // Throws std::system_error with an error.
     void value() const {  // throws std::system_error with an error
         if (error_)
             throw std::system_error(error_, "talvo");

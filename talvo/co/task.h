@@ -97,8 +97,9 @@ public:
 template <class T = void>
 class [[nodiscard]] task {
 public:
-    using promise_type = detail::task_promise<T>;
+    using promise_type = detail::task_promise<T>;  // for the compiler
 
+    // The coroutine moves; the other task is empty then.
     task(task&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)), started_(other.started_) {}
     task& operator=(task&& other) noexcept {
         task taken(std::move(other));

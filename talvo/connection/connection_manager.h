@@ -40,7 +40,7 @@ public:
         CTYPE_PDU_RELIABLE = talvo::CConnectionType::RELIABLE,
         CTYPE_RECONNECT_TOKEN = talvo::CConnectionType::RECONNECT_TOKEN  // with CTYPE_PDU_RELIABLE: the token form
     };
-    using CPriority = ECmTransportPriority;
+    using CPriority = ECmTransportPriority;  // another name
 
     // The first call creates it, together with the network thread. In the thread manager's other mode the main thread serves as
     // the network thread, and must have been adopted. Null: there is no network thread; the trace has the cause, and a later

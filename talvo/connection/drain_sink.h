@@ -5,6 +5,7 @@
 #include "talvo/base/result.h"
 #include "talvo/event/orderly_end.h"
 
+// Is notified of the end of a drain.
 class TALVO_API ICmDrainSink {
 public:
     // Once, in the thread that called Drain. CM_OK: everything has ended, and aLeft is all zero.

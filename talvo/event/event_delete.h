@@ -9,7 +9,7 @@
 template <class TargetType>
 class CCmEventDeleteT : public ICmEvent {
 public:
-    explicit CCmEventDeleteT(TargetType* aTarget) : m_pTarget(aTarget) {}
+    explicit CCmEventDeleteT(TargetType* aTarget) : m_pTarget(aTarget) {}  // aTarget: owned from now on
     ~CCmEventDeleteT() override { delete m_pTarget; }
 
     CmResult OnEventFire() override { return CM_OK; }  // the queue deletes the target when it destroys the event

@@ -10,20 +10,22 @@
 // number separates a report for an old binding from one for a new binding, even if the system reuses the handle at once.
 class TALVO_API CCmEventHandlerRepository {
 public:
+    // A handle's handler and its state.
     struct CElement {
-        ACmEventHandler* m_pEh = nullptr;  // not owned; null: no binding
-        CmDword m_dwBinding = 0;           // 0: no binding
-        CmHandle m_fdNextNotified = CM_INVALID_HANDLE;
-        int m_nMask = ACmEventHandler::NULL_MASK;
-        CmWord m_wNotified = 0;   // a mask; if not 0, the handle is in the list of marked handles
-        bool m_bHasRead = false;  // registered for reading at any time since it was bound
+        ACmEventHandler* m_pEh = nullptr;               // not owned; null: no binding
+        CmDword m_dwBinding = 0;                        // 0: no binding
+        CmHandle m_fdNextNotified = CM_INVALID_HANDLE;  // the next marked handle
+        int m_nMask = ACmEventHandler::NULL_MASK;       // the registered mask
+        CmWord m_wNotified = 0;                         // a mask; if not 0, the handle is in the list of marked handles
+        bool m_bHasRead = false;                        // registered for reading at any time since it was bound
     };
 
     // A binding that was found once. It notices its end, even if the handle is bound again to the same handler.
     class CBinding {
     public:
+        // aElement: the present binding of aFd.
         CBinding(CmHandle aFd, CElement& aElement) : m_pElement(&aElement), m_dwNumber(aElement.m_dwBinding), m_Fd(aFd) {}
-        CmHandle GetHandle() const { return m_Fd; }
+        CmHandle GetHandle() const { return m_Fd; }  // the handle
         // Null: it has ended.
         CElement* Get() const { return m_pElement->m_dwBinding == m_dwNumber ? m_pElement : nullptr; }
 
@@ -55,7 +57,7 @@ public:
     // Marks a bound handle for aMask, at the end of the list of marked handles. The end of the binding removes the mark. Needs
     // no memory.
     void Mark(CmHandle aFd, long aMask);
-    size_t GetMarkedCount() const { return m_nMarked; }
+    size_t GetMarkedCount() const { return m_nMarked; }  // the length of the list of marked handles
     // Removes the first mark. aMask (out): its mask. CM_INVALID_HANDLE: there is no mark.
     CmHandle TakeMarked(long& aMask);
 

@@ -37,7 +37,11 @@ public:
     static void* operator new(size_t aSize, std::align_val_t aAlign, const std::nothrow_t& aNoThrow) noexcept {
         return ::operator new(aSize, aAlign, aNoThrow);
     }
+
+    // In memory of the caller.
     static void* operator new(size_t, void* aPlace) noexcept { return aPlace; }
+
+    // The counterparts.
     static void operator delete(void* aMemory) noexcept;
     static void operator delete(void* aMemory, std::align_val_t aAlign) noexcept { ::operator delete(aMemory, aAlign); }
     // For constructors that throw.
@@ -45,7 +49,7 @@ public:
     static void operator delete(void* aMemory, std::align_val_t aAlign, const std::nothrow_t&) noexcept {
         ::operator delete(aMemory, aAlign);
     }
-    static void operator delete(void*, void*) noexcept {}
+    static void operator delete(void*, void*) noexcept {}  // of the operator with a place
 
 private:
     friend class talvo::CEventList;

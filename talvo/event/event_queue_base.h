@@ -11,9 +11,9 @@
 // whole list at once and takes batches from it without the lock. Only the owner thread takes, fires and destroys events.
 class TALVO_API CCmEventQueueBase : public ICmEventQueue {
 public:
-    using EventsType = talvo::CEventList;
+    using EventsType = talvo::CEventList;  // events in the order of their posts
 
-    CCmEventQueueBase();
+    CCmEventQueueBase();  // empty and open
     // Destroys the pending events without firing them.
     ~CCmEventQueueBase() override;
     CCmEventQueueBase(const CCmEventQueueBase&) = delete;

@@ -4,9 +4,10 @@
 #include "talvo/base/synchronization.h"
 #include "talvo/event/event_queue_base.h"
 
+// Any thread posts; the owner waits for events and takes them.
 class TALVO_API CCmEventQueueUsingConditionVariable : public CCmEventQueueBase {
 public:
-    CCmEventQueueUsingConditionVariable();
+    CCmEventQueueUsingConditionVariable();  // empty and open
 
     // Wakes the owner after the mutex was released. A refused post wakes no thread.
     CmResult PostEvent(ICmEvent* aEvent, EPriority aPri = EPRIORITY_NORMAL) override;

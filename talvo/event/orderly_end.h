@@ -16,7 +16,8 @@ struct CCmUndrained {
     CmDword m_dwLost = 0;
     uint64_t m_ullLostBytes = 0;
 
-    CmBool IsNothing() const { return m_dwConnections == 0 && m_dwRequests == 0; }
+    CmBool IsNothing() const { return m_dwConnections == 0 && m_dwRequests == 0; }  // no work is left
+    // The sums of all numbers.
     CCmUndrained& operator+=(const CCmUndrained& aOther) {
         m_dwConnections += aOther.m_dwConnections;
         m_dwLingering += aOther.m_dwLingering;

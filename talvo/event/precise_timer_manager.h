@@ -32,7 +32,7 @@ class CPreciseTimers;
 // after the end of the thread, the calendar compares the address of the event queue and does not use it.
 class TALVO_API CCmPreciseTimerQueue final : public CCmTimerQueueCalendar, private CCmThreadTenant {
 public:
-    CmDword AddReference();
+    CmDword AddReference();  // the new count
     // Inside OnTimeout, too: no other timer of the calendar fires then.
     CmDword ReleaseReference();
 

@@ -16,6 +16,7 @@ class CHomeReactor;
 //   else remove the handler; its OnClose follows
 class TALVO_API ACmEventHandler {
 public:
+    // The kinds of readiness, bits of a mask.
     enum : long {
         NULL_MASK = 0,
         ACCEPT_MASK = 0x1,        // a listening handle has a connection to accept
@@ -53,7 +54,7 @@ public:
         PROPERTY_WRITE_ON_DEMAND = 0x1
     };
 
-    ICmReactor();
+    ICmReactor();  // of the calling thread; not open
 
     // Makes the calling thread the owner. CM_ERROR_ALREADY_INITIALIZED: it is open already. CM_ERROR_NOT_AVAILABLE: it was
     // closed. CM_ERROR_OUT_OF_MEMORY.

@@ -54,7 +54,7 @@ public:
     // Fires the due timers. CM_ERROR_NOT_INITIALIZED: before Open.
     CmResult ProcessTimerTick();
 
-    const CCmReactorCounters& GetCounters() const { return m_Counters; }
+    const CCmReactorCounters& GetCounters() const { return m_Counters; }  // read them in its thread
 
 protected:
     // Stops watching a handle.

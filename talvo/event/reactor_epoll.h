@@ -21,7 +21,7 @@ struct epoll_event;
 // events, which do not wake it, wait no longer than a tick. Other threads wake it through an eventfd, only while it sleeps.
 class TALVO_API CCmReactorEpoll : public CCmReactorBase, public ICmEmbeddedLoop {
 public:
-    CCmReactorEpoll();
+    CCmReactorEpoll();  // not open
     ~CCmReactorEpoll() override;
 
     // CM_ERROR_UNEXPECTED: the system has no free descriptor. A later call may succeed.

@@ -68,7 +68,7 @@ public:
     // than the reactor's; it stays open.
     CmResult Close();
 
-    CmBool IsOpen() const { return m_pWatch != nullptr; }
+    CmBool IsOpen() const { return m_pWatch != nullptr; }  // after Open and before Close
 
 private:
     std::unique_ptr<talvo::CSignalWatch> m_pWatch;  // null: closed

@@ -22,7 +22,7 @@
 // reactor and its queues.
 class TALVO_API ACmThread {
 public:
-    using TFlag = CCmThreadManager::TFlag;
+    using TFlag = CCmThreadManager::TFlag;  // see CCmThreadManager
 
     ACmThread();
     ACmThread(const ACmThread&) = delete;

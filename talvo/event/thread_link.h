@@ -52,7 +52,7 @@ private:
 // may have ended.
 class TALVO_API CCmThreadLink : public CCmReferenceControlT<CCmMutexThread> {
 public:
-    explicit CCmThreadLink(ACmThread* aThread) : m_pThread(aThread) {}
+    explicit CCmThreadLink(ACmThread* aThread) : m_pThread(aThread) {}  // open until the thread ends
 
     // Posts to the thread's event queue; needs no memory. Any thread. CM_OK. CM_ERROR_INVALID_ARG: null.
     // CM_ERROR_ALREADY_INITIALIZED: the event is in a queue and stays there. CM_ERROR_NULL_POINTER: the thread has no event

@@ -38,6 +38,7 @@ public:
         TT_CURRENT = 3   // not a type: the registered thread that calls
     };
 
+    // How a thread is ended.
     enum TFlag : int {
         TF_NONE = 0,      // means TF_JOINABLE
         TF_JOINABLE = 1,  // the owner calls Join and then Destory
@@ -65,7 +66,7 @@ public:
     // Sets the mode, before the connection manager's first Instance. Without this call the configuration key "NetworkThread" in
     // section "Thread" ("own" or "main") sets it. CM_ERROR_ALREADY_INITIALIZED: there is a network thread.
     CmResult SetNetworkThreadMode(ENetworkThreadMode aMode);
-    ENetworkThreadMode GetNetworkThreadMode();
+    ENetworkThreadMode GetNetworkThreadMode();  // the mode that is or will be used
 
     // Creates a closed reactor of the network thread's kind, which the caller owns. Null: out of memory.
     static ICmReactor* CreateNetworkReactor();
@@ -111,6 +112,7 @@ public:
     static CmResult SocketStartup();
     static CmResult SocketCleanup();
 
+    // The system's identifiers of threads: that of the caller, and comparisons with it.
     static CmDword GetThreadSelfId();
     static CmBool IsThreadEqual(CmDword aLeft, CmDword aRight);
     static CmBool IsEqualCurrentThread(CmDword aId);

@@ -5,6 +5,7 @@
 
 #include "talvo/event/thread.h"
 
+// Its queues are the reactor's, which it owns.
 class TALVO_API CCmThreadReactor : public ACmThread {
 public:
     ~CCmThreadReactor() override;

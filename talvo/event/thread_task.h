@@ -58,6 +58,7 @@ private:
     std::unique_ptr<CCmTimerQueueBase> m_pTimerQueue;
 };
 
+// Events without timers.
 class TALVO_API CCmThreadTaskWithEventQueueOnly : public CCmThreadTaskBase {
 public:
     ~CCmThreadTaskWithEventQueueOnly() override;

@@ -12,7 +12,7 @@ TALVO_API CmResult cm_schedule_deletion(CCmTimerDelete* aHandler);
 template <class TargetType>
 class CCmTimerDeleteT : public CCmTimerDelete {
 public:
-    explicit CCmTimerDeleteT(TargetType* aTarget) : m_pTarget(aTarget) {}
+    explicit CCmTimerDeleteT(TargetType* aTarget) : m_pTarget(aTarget) {}  // aTarget: deletes it once
 
     // Call it once, in the thread whose timer queue deletes the target. CM_ERROR_ALREADY_INITIALIZED: launched before. Any
     // other failure: there is no timer queue to delete it.

@@ -43,6 +43,7 @@ public:
 // Notified by an object that it observes, such as a timer queue that is no longer empty.
 class TALVO_API ICmObserver {
 public:
+    // aTopic: the kind of news, a literal of the sender. aData: as the sender documents it.
     virtual void OnObserve(const char* aTopic, void* aData = nullptr) = 0;
     virtual ~ICmObserver();
 };

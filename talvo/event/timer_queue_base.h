@@ -4,16 +4,18 @@
 #include "talvo/base/mutex.h"
 #include "talvo/event/timer_queue.h"
 
+// Derived classes store the timers of one thread.
 class TALVO_API CCmTimerQueueBase : public ICmTimerQueue {
 public:
-    static constexpr CmDword COUNT_WITHOUT_END = 0xFFFFFFFF;
+    static constexpr CmDword COUNT_WITHOUT_END = 0xFFFFFFFF;  // a timer that fires until it is cancelled
 
+    // One timer.
     struct CNode {
         ICmTimerHandler* m_pEh = nullptr;  // not owned
-        void* m_pArg = nullptr;
-        int64_t m_llInterval = 0;  // microseconds
-        int64_t m_llExpires = 0;   // microseconds on the clock of CCmTimeValue::GetTimeOfDay, in 64 bits: no year 2038
-        CmDword m_dwCount = 0;     // firings left; COUNT_WITHOUT_END: until cancelled
+        void* m_pArg = nullptr;            // for OnTimeout
+        int64_t m_llInterval = 0;          // microseconds
+        int64_t m_llExpires = 0;           // microseconds on the clock of CCmTimeValue::GetTimeOfDay, in 64 bits: no year 2038
+        CmDword m_dwCount = 0;             // firings left; COUNT_WITHOUT_END: until cancelled
     };
 
     // aObserver (may be null, not owned) gets OnObserve("TimerQueue") when the queue is no longer empty, so that a sleeping

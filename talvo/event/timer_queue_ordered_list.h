@@ -19,6 +19,7 @@
 //  ROOT                 m_dwEnd               m_dwTaken
 class TALVO_API CCmTimerQueueOrderedList : public CCmTimerQueueBase {
 public:
+    // As CCmTimerQueueBase.
     explicit CCmTimerQueueOrderedList(ICmObserver* aObserver = nullptr) : CCmTimerQueueBase(aObserver) {}
     ~CCmTimerQueueOrderedList() override;
 

@@ -6,6 +6,7 @@
 
 class CCmTimerWrapperID;
 
+// Is called when a timer is due.
 class TALVO_API CCmTimerWrapperIDSink {
 public:
     // The timer is due; called in the thread that scheduled it. It may schedule, cancel or delete aId inside. It must not

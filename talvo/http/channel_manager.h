@@ -15,6 +15,7 @@ class ICmChannelServerAcceptor;
 // caller. On failure aOut (out) is unchanged.
 class TALVO_API CCmChannelManager {
 public:
+    // The first call creates it. Any thread; never null.
     static CCmChannelManager* Instance();
 
     // A client for aUrl, which is copied; see ICmChannelHttpClient. CM_ERROR_INVALID_ARG: aUrl is null.

@@ -33,12 +33,12 @@ enum ECmForwardJoin : CmDword {
 // A receiver's options. It is at a limit when its lag, the messages that it is due and has not been sent, has reached it. 0: no
 // limit. A single message may exceed the limit of bytes.
 struct CCmForwardReceiverOptions {
-    ECmForwardPolicy m_Policy = CM_FORWARD_DISCONNECT;
-    ECmForwardJoin m_Join = CM_FORWARD_JOIN_NEXT;
-    CmDword m_dwMaxMessages = 0;
-    CmDword m_dwMaxBytes = 1 << 20;   // of payload
-    CmDword m_dwMaxMilliseconds = 0;  // the age of the oldest such message
-    CCmString m_strLabel;             // for the dump
+    ECmForwardPolicy m_Policy = CM_FORWARD_DISCONNECT;  // at a limit
+    ECmForwardJoin m_Join = CM_FORWARD_JOIN_NEXT;       // the first message
+    CmDword m_dwMaxMessages = 0;                        // of the lag
+    CmDword m_dwMaxBytes = 1 << 20;                     // of payload
+    CmDword m_dwMaxMilliseconds = 0;                    // the age of the oldest such message
+    CCmString m_strLabel;                               // for the dump
 };
 
 // Accompanies a message.
@@ -48,7 +48,7 @@ struct CCmForwardHeader {
     };
 
     uint64_t m_ullKey = 0;  // the message replaces the earlier ones of this key; 0: it has no key
-    CmDword m_dwFlags = 0;
+    CmDword m_dwFlags = 0;  // KEY_MESSAGE, or 0
 };
 
 // Commands of ICmForwardSession::SetOption; the argument points at a CmDword, at least 1 unless stated. A lower limit applies

@@ -8,14 +8,17 @@
 
 // A number of messages, and the bytes of their payload.
 struct CCmForwardCount {
-    uint64_t m_ullMessages = 0;
-    uint64_t m_ullBytes = 0;
+    uint64_t m_ullMessages = 0;  // the number
+    uint64_t m_ullBytes = 0;     // of payload
 
+    // Both numbers.
     CCmForwardCount& operator+=(const CCmForwardCount& aOther) {
         m_ullMessages += aOther.m_ullMessages;
         m_ullBytes += aOther.m_ullBytes;
         return *this;
     }
+
+    // Both numbers.
     CCmForwardCount& operator-=(const CCmForwardCount& aOther) {
         m_ullMessages -= aOther.m_ullMessages;
         m_ullBytes -= aOther.m_ullBytes;

@@ -21,11 +21,13 @@ public:
     // of that.
     const std::string& GetFaults() const { return m_strFaults; }
 
+    // The numbers of upcalls.
     int m_nConnects = 0;
     int m_nReceives = 0;
     int m_nDisconnects = 0;
     CmResult m_Reason = CM_OK;  // of OnDisconnect
-    std::string m_strBody;
+    std::string m_strBody;      // all data of OnReceive
+    // Run inside the upcalls.
     std::function<void()> m_Connect = [] {};
     std::function<void()> m_Receive = [] {};
     std::function<void()> m_Send = [] {};

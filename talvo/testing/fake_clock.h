@@ -15,6 +15,7 @@
 // library may run before, meanwhile and after, because the time source is never destroyed.
 class CCmFakeClock {
 public:
+    // The library reads this clock from now on; it begins with the present time.
     CCmFakeClock() {
         Source().StartNow();
         CCmClock::Replace(&Source());
@@ -23,7 +24,7 @@ public:
     CCmFakeClock(const CCmFakeClock&) = delete;
     CCmFakeClock& operator=(const CCmFakeClock&) = delete;
 
-    void Advance(const CCmTimeValue& aBy) { AdvanceAny(aBy); }
+    void Advance(const CCmTimeValue& aBy) { AdvanceAny(aBy); }  // moves both times
 
     // For fixtures: advances the clock in scope; without one it has no effect.
     static void AdvanceAny(const CCmTimeValue& aBy) {

@@ -16,6 +16,7 @@
 // sanitizer, which replaces the same functions. Built with glibc only.
 class CCmFaults {
 public:
+    // One allocation, all from one on, or one system call.
     enum EKind { ONE_ALLOCATION, ALLOCATIONS_FROM, SYSTEM_CALL };
 
     // The aNth call from now on fails, and with ALLOCATIONS_FROM all behind it; those of all threads count. aError: which of
@@ -27,10 +28,10 @@ public:
 
     // Where the first failing call was made. It may be in memory shared with another process.
     struct CPlace {
-        static constexpr int MAX_DEPTH = 40;
-        int m_nDepth;  // 0: none has failed yet
-        const char* m_pCall;
-        void* m_Stack[MAX_DEPTH];
+        static constexpr int MAX_DEPTH = 40;  // entries of a stack
+        int m_nDepth;                         // 0: none has failed yet
+        const char* m_pCall;                  // its name
+        void* m_Stack[MAX_DEPTH];             // return addresses, the innermost first
     };
     static void RecordAt(CPlace* aPlace);  // null: no record
 };
@@ -50,6 +51,7 @@ protected:
 private:
     const bool m_bBefore;
 };
+// See CCmSafeCode.
 class CCmFaultyCode : public CCmSafeCode {
 public:
     CCmFaultyCode() : CCmSafeCode(false) {}
@@ -65,6 +67,7 @@ public:
     virtual ~ICmFaultScenario() = default;
 };
 
+// The outcome of all runs.
 struct CCmFaultReport {
     CmDword m_dwCalls = 0;                // the calls that failed in turn
     std::vector<std::string> m_Failures;  // each with the call that failed and the stack

@@ -15,6 +15,7 @@
 
 // The bytes of one answer, head and body, and what the server does after them. Any bytes will do: a broken answer, or a part.
 struct CCmScriptedAnswer {
+    // The end behind the bytes: none, an orderly close, a reset.
     enum EEnd { STAYS, CLOSES, RESETS };
 
     // aStatus: "200 OK". aHeaders: lines that end in CR LF. The length of aBody is added to them.
@@ -23,8 +24,8 @@ struct CCmScriptedAnswer {
                 aBody};
     }
 
-    std::string m_strBytes;
-    EEnd m_End = STAYS;
+    std::string m_strBytes;  // head and body
+    EEnd m_End = STAYS;      // the end behind them
 };
 
 // The server's end of a connection. It sends no more while the client pauses reading.
@@ -99,8 +100,9 @@ private:
 // Each connection has a list of answers, one for each request; connections beyond the lists have the last one.
 class CCmScriptedHttpServer {
 public:
-    using CAnswers = std::deque<CCmScriptedAnswer>;
+    using CAnswers = std::deque<CCmScriptedAnswer>;  // one for each request of a connection
 
+    // aScripts: the answers of each connection. aPiece: the most bytes of one receive.
     explicit CCmScriptedHttpServer(std::vector<CAnswers> aScripts, size_t aPiece = std::string::npos)
         : m_Scripts(std::move(aScripts)), m_stPiece(aPiece) {
         s_Servers[m_wPort] = this;
@@ -113,9 +115,9 @@ public:
     std::string GetUrl(const std::string& aPath = "/", const std::string& aScheme = "") const {
         return (aScheme.empty() ? s_strScheme : aScheme) + "://127.0.0.1:" + std::to_string(m_wPort) + aPath;
     }
-    CCmInetAddr GetAddr() const { return CCmInetAddr("127.0.0.1", m_wPort); }
-    size_t GetConnections() const { return m_Peers.size(); }
-    CCmScriptedHttpPeer& GetPeer() const { return *m_Peers.back(); }  // of the last connection
+    CCmInetAddr GetAddr() const { return CCmInetAddr("127.0.0.1", m_wPort); }  // where it listens
+    size_t GetConnections() const { return m_Peers.size(); }                   // the number up to now
+    CCmScriptedHttpPeer& GetPeer() const { return *m_Peers.back(); }           // of the last connection
 
     CmDword m_dwRoom = CCmScriptedTransport::EVERYTHING;  // of new connections
     std::vector<std::string> m_Requests;                  // with their bodies, in the order of the answers

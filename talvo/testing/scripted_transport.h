@@ -23,9 +23,10 @@
 // except for the references and m_nDisconnects.
 class CCmScriptedTransport : public ICmTransport, public CCmReferenceControlT<CCmMutexThread> {
 public:
-    static constexpr CmDword EVERYTHING = 0xFFFFFFFF;
+    static constexpr CmDword EVERYTHING = 0xFFFFFFFF;  // no limit
     static constexpr CmDword OPT_LIMIT = 136;  // option, CmDword: sets m_dwMaxMessage, as that of a protocol connection does
 
+    // aType: the option's value.
     explicit CCmScriptedTransport(CmDword aType = CM_TRANSPORT_TYPE_TCP) : m_dwType(aType) { ++s_Live; }
     ~CCmScriptedTransport() override { --s_Live; }
     CmDword AddReference() override { return CCmReferenceControlT::AddReference(); }
@@ -112,6 +113,7 @@ public:
             stAt += dwSize;
         } while (stAt < aBytes.size());
     }
+    // Takes aBytes from now on, and reports it.
     void MakeRoom(CmDword aBytes = EVERYTHING) {
         m_dwRoom = aBytes;
         if (m_pSink)
@@ -124,6 +126,7 @@ public:
         if (ICmTransportSink* pSink = std::exchange(m_pSink, nullptr))
             pSink->OnDisconnect(aReason, this);
     }
+    // All data that was sent since the last TakeSent.
     std::string GetSent() const {
         std::string strAll;
         for (const std::string& strSend : m_Sends)
@@ -137,9 +140,9 @@ public:
         return strAll;
     }
 
-    const CmDword m_dwType;
-    ICmTransportSink* m_pSink = nullptr;
-    CmResult m_OpenResult = CM_OK;
+    const CmDword m_dwType;               // CM_OPT_TRANSPORT_TRAN_TYPE
+    ICmTransportSink* m_pSink = nullptr;  // null before the opening and after the end
+    CmResult m_OpenResult = CM_OK;        // of OpenWithSink
     // Runs inside each logged call; SendData returns its result, unless that is CM_OK.
     std::function<CmResult(const std::string&)> m_Inside = [](const std::string&) { return CM_OK; };
     CmDword m_dwRoom = EVERYTHING;        // bytes that it takes until MakeRoom; more are refused
@@ -150,9 +153,9 @@ public:
     std::vector<CmDword> m_Pieces;        // the number of pieces of each call
     const void* m_pFirst = nullptr;       // the first piece of the last call
     std::vector<CmResult> m_Disconnects;  // the reasons
-    std::atomic<int> m_nDisconnects{0};
-    CmBool m_bPaused = CM_FALSE;  // by option
-    CmBool m_bEnded = CM_FALSE;   // by option: the sink sends no more
+    std::atomic<int> m_nDisconnects{0};   // calls of Disconnect
+    CmBool m_bPaused = CM_FALSE;          // by option
+    CmBool m_bEnded = CM_FALSE;           // by option: the sink sends no more
 
 protected:
     // The bytes that a send of this length may use.

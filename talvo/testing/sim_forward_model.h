@@ -20,34 +20,42 @@ class CCmSimForwardModel {
 public:
     // What a receiver must get.
     struct CReceiver {
-        CCmForwardReceiverOptions m_Options;
-        std::deque<uint64_t> m_Queue;     // the numbers of the messages that are due and not sent; the first message is 0
-        std::vector<uint64_t> m_Numbers;  // of those that were sent
-        CCmForwardCount m_Due, m_Sent, m_Dropped, m_Conflated;
-        uint64_t m_ullJoined = 0;         // the number of the first message that it was too early for
-        CmBool m_bJoined = CM_FALSE;      // its OnJoin is over: before, no limit applies
-        CmBool m_bAwaitsKey = CM_FALSE;   // it drops all messages until a KEY_MESSAGE,
-        CmBool m_bDueFromKey = CM_FALSE;  // which are not even due
-        CmBool m_bGone = CM_FALSE;        // its policy has removed it
+        CCmForwardReceiverOptions m_Options;  // those of AddReceiver
+        std::deque<uint64_t> m_Queue;         // the numbers of the messages that are due and not sent; the first message is 0
+        std::vector<uint64_t> m_Numbers;      // of those that were sent
+        CCmForwardCount m_Due;                // as in CCmForwardStatistics
+        CCmForwardCount m_Sent;               // as in CCmForwardStatistics
+        CCmForwardCount m_Dropped;            // as in CCmForwardStatistics
+        CCmForwardCount m_Conflated;          // as in CCmForwardStatistics
+        uint64_t m_ullJoined = 0;             // the number of the first message that it was too early for
+        CmBool m_bJoined = CM_FALSE;          // its OnJoin is over: before, no limit applies
+        CmBool m_bAwaitsKey = CM_FALSE;       // it drops all messages until a KEY_MESSAGE,
+        CmBool m_bDueFromKey = CM_FALSE;      // which are not even due
+        CmBool m_bGone = CM_FALSE;            // its policy has removed it
     };
 
+    // A receiver was added; its OnJoin is over.
     void Add(CmDword aId, const CCmForwardReceiverOptions& aOptions);
     void Join(CmDword aId) { m_Receivers[aId].m_bJoined = CM_TRUE; }
     // The receiver was removed, or its transport has ended.
     void Remove(CmDword aId) { m_Receivers.erase(aId); }
     // Takes over what was sent since the last call, and compares all numbers.
     void Look(ICmForwardSession& aSession, CmDword aTick);
+
+    // A Forward has returned aResult.
     void OnForward(ICmForwardSession& aSession, CmResult aResult, CmDword aLength, const CCmForwardHeader& aHeader,
                    CmDword aTick);
 
+    // The messages: the number of the next one, and the length of one.
     uint64_t GetNextNumber() const { return m_Messages.size(); }
     CmDword GetLength(uint64_t aNumber) const { return m_Messages[aNumber].m_dwLength; }
     // Null: there is none.
     const CReceiver* Find(CmDword aId) const;
     // TRUE: a limit of the receiver is reached, so that its policy may act.
     CmBool IsAtLimit(const CReceiver& aReceiver, CmDword aTick) const;
+    // The numbers of a receiver, for a report.
     std::string Describe(CmDword aId) const { return Find(aId) ? Difference_i(*Find(aId), {}) : ""; }
-    const std::string& GetFailure() const { return m_strFailure; }
+    const std::string& GetFailure() const { return m_strFailure; }  // "": there is none
 
 private:
     struct CMessage {

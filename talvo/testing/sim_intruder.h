@@ -11,12 +11,13 @@
 // the answer. Closes when it is destroyed. ICmSimObserver::OnSend has the bytes of the others.
 class CCmSimIntruder final : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
+    // Connects at once from aLocal, and then sends aBytes.
     CCmSimIntruder(const CCmInetAddr& aLocal, const CCmInetAddr& aServer, std::string aBytes);
     ~CCmSimIntruder() override;
     CCmSimIntruder(const CCmSimIntruder&) = delete;
     CCmSimIntruder& operator=(const CCmSimIntruder&) = delete;
 
-    const std::string& GetAnswer() const { return m_strAnswer; }
+    const std::string& GetAnswer() const { return m_strAnswer; }  // all bytes that have come back
     // It was not connected, or the other end has closed.
     CmBool IsOver() const { return m_bOver; }
 

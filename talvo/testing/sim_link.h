@@ -7,7 +7,7 @@
 // One direction of the connections over a link. Times are simulated; probabilities are between 0 (never) and 1 (always).
 // Changes apply to later sends. By default every byte arrives one millisecond after its send.
 struct CCmSimPath {
-    CCmTimeValue m_tvDelay{0, 1000};
+    CCmTimeValue m_tvDelay{0, 1000};  // the least time of a piece
     CCmTimeValue m_tvJitter{};   // the most extra time of a piece; datagrams may overtake each other, streams keep their order
     CmDword m_dwBandwidth = 0;   // bytes a second for each connection; 0: no limit
     double m_Loss = 0;           // a datagram is lost; a piece of a stream is sent again, after 200 ms, 400 ms, ... 6.4 s
@@ -42,6 +42,6 @@ struct CCmSimPath {
 
 // Both directions. m_Up leads from the connector to the acceptor.
 struct CCmSimLink {
-    CCmSimPath m_Up{};
-    CCmSimPath m_Down{};
+    CCmSimPath m_Up{};    // to the acceptor
+    CCmSimPath m_Down{};  // to the connector
 };

@@ -56,7 +56,7 @@ public:
     // CM_OK: the simulation is set up. CM_ERROR_ALREADY_INITIALIZED: the library has a main or network thread already, or
     // another simulation exists. This one has then changed no state and runs no events. GetFailures has a line about it, too.
     CmResult GetStatus() const;
-    uint64_t GetSeed() const;
+    uint64_t GetSeed() const;  // the seed of this run
 
     // Sets the link of all connections, the open ones included; or of those from connectors to aAcceptor, which a SetLink
     // without an address then no longer changes. Ends a silence that is not in aLink.
@@ -82,7 +82,7 @@ public:
     void After(const CCmTimeValue& aDelay, std::function<void()> aRun);
     // Time advances without the loop, as on a machine after a suspend: overdue timers fire late, in the next run.
     void Jump(const CCmTimeValue& aTime);
-    CmBool HasJumped() const { return m_bJumped; }
+    CmBool HasJumped() const { return m_bJumped; }  // Jump was called
 
     // Random numbers of the simulation: 0 to aBound - 1, aBound not 0; TRUE in that share of calls.
     uint64_t Random(uint64_t aBound);
@@ -103,7 +103,7 @@ public:
 
     // Reports a violated property: adds a line to the trace, and one to the failures.
     void Fail(const std::string& aText);
-    const std::vector<std::string>& GetFailures() const;
+    const std::vector<std::string>& GetFailures() const;  // in order
 
     // The open ends of connections: their number, and one of them, valid until it closes. Null: there is no such end.
     size_t CountEnds() const;

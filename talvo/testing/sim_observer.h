@@ -8,13 +8,13 @@
 
 // The current state of one end of a simulated connection.
 struct CCmSimEnd {
-    CCmInetAddr m_AddrLocal;
-    CCmInetAddr m_AddrPeer;
-    CmBool m_bDatagrams = CM_FALSE;
-    CmBool m_bAccepted = CM_FALSE;  // made by an acceptor
-    CmBool m_bOwesSend = CM_FALSE;  // a SendData returned CM_ERROR_PARTIAL_DATA, and OnSend is due
-    CmBool m_bBroken = CM_FALSE;    // the stream was cut, and OnDisconnect is due
-    CmDword m_dwUnread = 0;         // bytes of a stream that this end has sent and the peer has not read
+    CCmInetAddr m_AddrLocal;         // of this end
+    CCmInetAddr m_AddrPeer;          // of the other end
+    CmBool m_bDatagrams = CM_FALSE;  // it is no stream
+    CmBool m_bAccepted = CM_FALSE;   // made by an acceptor
+    CmBool m_bOwesSend = CM_FALSE;   // a SendData returned CM_ERROR_PARTIAL_DATA, and OnSend is due
+    CmBool m_bBroken = CM_FALSE;     // the stream was cut, and OnDisconnect is due
+    CmDword m_dwUnread = 0;          // bytes of a stream that this end has sent and the peer has not read
 };
 
 // For tests that check the wire: the bytes of protocol connections below the messages of their users. All calls come in the

@@ -16,6 +16,7 @@
 //    EXPECT_EQ("receive 0123456, disconnect 20001", pair.m_Server.Take());
 class CCmSimPair {
 public:
+    // aType: a connection type. aAddr: the server's.
     CCmSimPair(CCmSimNetwork& aNetwork, CmDword aType, const CCmInetAddr& aAddr = CCmInetAddr("10.0.0.1", 80)) : m_Addr(aAddr) {
         OpenEach_i(m_Servers, m_Server);
         OpenEach_i(m_Clients, m_Client);
@@ -34,14 +35,18 @@ public:
 
     // Over datagrams only the client: the server follows with the first datagram.
     CmBool IsConnected() const { return !m_Clients.m_Transports.empty(); }
+
+    // The two ends; only of a pair that is connected.
     ICmTransport& Client() const { return *m_Clients.m_Transports.at(0); }
     ICmTransport& Server() const { return *m_Servers.m_Transports.at(0); }
 
-    const CCmInetAddr m_Addr;  // the server's
-    CCmUpcallLog m_Client, m_Server;
-    CCmConnectLog m_Clients, m_Servers;
-    CCmRefPtrT<ICmAcceptor> m_pAcceptor;
-    CCmRefPtrT<ICmConnector> m_pConnector;
+    const CCmInetAddr m_Addr;               // the server's
+    CCmUpcallLog m_Client;                  // of the transports
+    CCmUpcallLog m_Server;                  // of the transports
+    CCmConnectLog m_Clients;                // of the connector
+    CCmConnectLog m_Servers;                // of the acceptor
+    CCmRefPtrT<ICmAcceptor> m_pAcceptor;    // the server's
+    CCmRefPtrT<ICmConnector> m_pConnector;  // the client's
 
 private:
     static void OpenEach_i(CCmConnectLog& aSide, CCmUpcallLog& aLog) {

@@ -18,7 +18,7 @@ public:
     // Begins with the number, the lowest byte first, as far as the length allows.
     static std::string TextOf(CmDword aNumber, CmDword aLength);
 
-    CmDword NewNumber() { return ++m_dwLastSent; }
+    CmDword NewNumber() { return ++m_dwLastSent; }  // the number of the next message
     // SendData took the message. Empty messages are not counted.
     void OnTaken(CmDword aNumber, CmDword aLength);
     // FALSE: aText is no message that was taken, or, over a stream, not the one behind the last that arrived.
@@ -54,7 +54,7 @@ public:
     void End(CmResult aReason);
     void Release();
 
-    CmBool IsOpen() const { return m_bOpen; }
+    CmBool IsOpen() const { return m_bOpen; }          // neither end has ended it, as far as this end has been notified
     CmBool IsOwedSend() const { return m_bOwedSend; }  // a send was refused, and OnSend has not come
     // Call it in ICmSimObserver::OnStep.
     void CheckStep();
@@ -73,6 +73,8 @@ protected:
     const CCmInetAddr& GetPeerAddr() const { return m_AddrPeer; }
     // The end of the simulated link below the connection; null: it is closed.
     const CCmSimEnd* FindBelow() const { return m_Network.FindEnd(m_AddrLocal, m_AddrPeer); }
+
+    // The messages of the other end, and the kind of connection.
     const CCmSimFlow& GetIncoming() const { return m_In; }
     CmBool IsDatagrams() const { return m_bDatagrams; }
     // A line of the trace, and a failure of the network, with the name of this end.

@@ -23,11 +23,12 @@ public:
     void Start(CmBool aMayEnd, CmDword aReconnectTime, CmBool aSmall = CM_FALSE);
     // Sends no more, and reads what was held back.
     void Calm();
-    void CheckStep();
+
+    void CheckStep();  // call it in ICmSimObserver::OnStep
     // The connection has been up or over for long enough.
     void CheckSettled(CmBool aMustBeOpen);
-    CmBool IsSuspended() const { return m_bSuspended && IsOpen(); }
-    CmResult GetReason() const { return m_Reason; }
+    CmBool IsSuspended() const { return m_bSuspended && IsOpen(); }  // in a gap
+    CmResult GetReason() const { return m_Reason; }                  // of OnDisconnect
 
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;

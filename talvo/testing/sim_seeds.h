@@ -9,10 +9,10 @@
 
 // The outcome of one seed.
 struct CCmSimRun {
-    uint64_t m_ullSeed = 0;
-    uint64_t m_ullDigest = 0;  // CCmSimNetwork::GetTraceDigest
-    std::vector<std::string> m_Failures;
-    std::string m_strTrace;  // empty unless requested
+    uint64_t m_ullSeed = 0;               // the seed
+    uint64_t m_ullDigest = 0;             // CCmSimNetwork::GetTraceDigest
+    std::vector<std::string> m_Failures;  // empty: it succeeded
+    std::string m_strTrace;               // empty unless requested
 };
 
 // Uses the network and returns; calls CCmSimNetwork::Fail for each violated property. All its objects end with it. Calls with

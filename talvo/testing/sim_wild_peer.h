@@ -16,7 +16,7 @@ public:
     // Acts no more, and reads what was held back.
     void Calm();
 
-    CmBool IsPaused() const { return m_bPaused; }
+    CmBool IsPaused() const { return m_bPaused; }  // it has paused reading
     // A limit was set that is so small that it may end the connection, with any reason.
     CmBool IsOdd() const { return m_bOdd; }
 

@@ -36,8 +36,9 @@ protected:
 // Listens. Stops at times, inside an indication and with StopListen or by releasing the acceptor, and listens again soon.
 class CCmSimWildAcceptor : public CCmSimWildSide {
 public:
+    // aTake gets each transport that was indicated.
     CCmSimWildAcceptor(CCmSimNetwork& aNetwork, CmDword aType, const CCmInetAddr& aAddr, CTake aTake);
-    void Release() { m_pAcceptor.Reset(); }
+    void Release() { m_pAcceptor.Reset(); }  // ends it
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
 
 private:
@@ -50,9 +51,10 @@ private:
 // aLimit is a failure, unless the network has jumped; so is a result of an attempt that no network causes.
 class CCmSimWildConnector : public CCmSimWildSide {
 public:
+    // aTake gets each transport that was indicated; aLimit: the time-out of a connect.
     CCmSimWildConnector(CCmSimNetwork& aNetwork, CmDword aType, const CCmInetAddr& aAddr, const CCmTimeValue& aLimit,
                         CTake aTake);
-    void Release() { m_pConnector.Reset(); }
+    void Release() { m_pConnector.Reset(); }  // ends it
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
 
 private:

@@ -12,6 +12,7 @@
 // states: errors, warnings and information are on from the start. Any thread may trace and read. One capture at a time.
 class CCmTraceCapture : public ICmTraceSink {
 public:
+    // Captures from now on.
     CCmTraceCapture() {
         CCmTrace::SetSink(this);
         CCmTrace::Enable(CM_TRUE);
@@ -29,7 +30,7 @@ public:
         return static_cast<size_t>(std::count_if(
             lines.begin(), lines.end(), [&](const std::string& aLine) { return aLine.find(aText) != std::string::npos; }));
     }
-    CmBool Contains(const std::string& aText) const { return Count(aText) > 0; }
+    CmBool Contains(const std::string& aText) const { return Count(aText) > 0; }  // a line has aText
 
     // All lines so far, in order.
     std::vector<std::string> Lines() const {
@@ -37,6 +38,7 @@ public:
         return m_Lines;
     }
 
+    // Forgets the lines.
     void Clear() {
         CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
         m_Lines.clear();

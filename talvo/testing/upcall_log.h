@@ -25,15 +25,17 @@ public:
     std::string Take() { return std::exchange(m_strLog, {}); }
     // Breaches of the contract: upcalls after OnDisconnect, in another thread or without a transport. Empty: none.
     const std::string& GetFaults() const { return m_strFaults; }
-    int Upcalls() const { return m_nReceives + m_nSends + m_nDisconnects; }
+    int Upcalls() const { return m_nReceives + m_nSends + m_nDisconnects; }  // the number of all
 
     std::vector<std::string> m_Received;  // the data of each OnReceive
     std::string m_strReceived;            // all of it
+    // The numbers of upcalls.
     int m_nReceives = 0;
     int m_nSends = 0;
     int m_nDisconnects = 0;
     CmResult m_Reason = CM_OK;  // of OnDisconnect
     CmBool m_bEcho = CM_FALSE;  // OnReceive sends the data back; the rest of a partial send is lost
+    // Run inside the upcalls.
     std::function<void()> m_Receive = [] {};
     std::function<void()> m_Send = [] {};
     std::function<void()> m_Disconnect = [] {};
@@ -86,17 +88,17 @@ public:
         m_Reason = aReason;
         m_Left = aLeft;
     }
-    int m_nCalls = 0;
-    CmResult m_Reason = CM_OK;
-    CCmUndrained m_Left;
+    int m_nCalls = 0;           // of OnDrained
+    CmResult m_Reason = CM_OK;  // of the last one
+    CCmUndrained m_Left;        // of the last one
 };
 
 // The sink of an acceptor or a connector: keeps the transports, unless set otherwise. One thread at a time.
 class CCmConnectLog : public ICmAcceptorConnectorSink {
 public:
-    size_t Count() const { return m_Reasons.size(); }
+    size_t Count() const { return m_Reasons.size(); }  // the number of indications
 
-    CmBool m_bKeep = CM_TRUE;
+    CmBool m_bKeep = CM_TRUE;                            // FALSE: transports are closed at once
     std::vector<CmResult> m_Reasons;                     // of each indication
     std::vector<CCmRefPtrT<ICmTransport>> m_Transports;  // of the successful ones
     ICmAcceptorConnectorId* m_pLastId = nullptr;         // the acceptor or connector of the last one

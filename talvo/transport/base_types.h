@@ -19,6 +19,7 @@ struct CCmConnectorSettings {
     ACmConnectorUpper* m_pUpper;                                 // gets the connector's reports; never null, and outlives it
     std::shared_ptr<talvo::IHandshakeMaker> m_pHandshakes = {};  // for TCP; null: there are no handshakes
 };
+// The arguments of a maker of acceptors.
 struct CCmAcceptorSettings {
     CmDword m_dwType;                                            // likewise
     ICmReactor* m_pReactor;                                      // of the network thread; null: none
@@ -31,8 +32,8 @@ using CCmAcceptorMaker = CCmRefPtrT<ICmAcceptor> (*)(const CCmAcceptorSettings& 
 
 // A null maker: that side of the type is not offered.
 struct CCmBaseTypeMakers {
-    CCmConnectorMaker m_Connector = nullptr;
-    CCmAcceptorMaker m_Acceptor = nullptr;
+    CCmConnectorMaker m_Connector = nullptr;  // null: no connectors
+    CCmAcceptorMaker m_Acceptor = nullptr;    // null: no acceptors
 };
 
 // Offers makers for a base type: a new one, or one of the library's, whose own makers apply again after a withdrawal. The last

@@ -14,6 +14,7 @@ struct CCmProxyQuestion {
     CmBool m_bRefused = CM_FALSE;  // the proxy refused the credentials of this request before
 };
 
+// Waits for credentials.
 class TALVO_API ICmProxyCredentialsSink {
 public:
     // The end of one wait, from the loop of the thread that asked. CM_OK: aCredentials are to be tried, and they are stored.

@@ -13,9 +13,10 @@
 // without a server. A plain value; copies share the servers. Any thread may copy and read it.
 class TALVO_API CCmProxyRoute {
 public:
-    static constexpr size_t MOST_SERVERS = 16;
+    static constexpr size_t MOST_SERVERS = 16;  // the most entries of a route
 
     CCmProxyRoute() = default;  // empty: no route
+    // One entry. Throws std::bad_alloc.
     explicit CCmProxyRoute(const CCmProxyServer& aServer) { m_pServers = std::make_shared<CServers>(1, aServer); }
     static CCmProxyRoute Direct() { return CCmProxyRoute(CCmProxyServer()); }  // throws std::bad_alloc, as above
 
@@ -35,7 +36,7 @@ public:
     // CM_ERROR_NOT_AVAILABLE: the route is full. CM_ERROR_OUT_OF_MEMORY. Both change nothing.
     CmResult Add(const CCmProxyServer& aServer);
 
-    CmBool IsEmpty() const { return GetServers().empty(); }
+    CmBool IsEmpty() const { return GetServers().empty(); }  // there is no route
     // TRUE: DIRECT is the only entry.
     CmBool IsDirect() const { return GetServers().size() == 1 && GetServers()[0].IsDirect(); }
     // Valid as long as this value or a copy of it, unless Add changes it.
@@ -60,10 +61,11 @@ private:
 // A route with a reference count, for CreateChannelHttpClientWithProxy. It does not change; any thread.
 class TALVO_API CCmHttpProxyInfo : public CCmReferenceControlT<CCmMutexThread> {
 public:
+    // Put the object into a CCmRefPtrT, as all counted ones.
     explicit CCmHttpProxyInfo(CCmProxyRoute aRoute) : m_Route(std::move(aRoute)) {}
     ~CCmHttpProxyInfo() override = default;
 
-    const CCmProxyRoute& GetRoute() const { return m_Route; }
+    const CCmProxyRoute& GetRoute() const { return m_Route; }  // valid as long as this object
 
 private:
     const CCmProxyRoute m_Route;

@@ -8,6 +8,7 @@
 #include "talvo/base/result.h"
 #include "talvo/base/types.h"
 
+// The protocol that a proxy server speaks.
 enum ECmProxyKind : CmDword {
     CM_PROXY_DIRECT = 0,   // no server: a connection to the peer itself
     CM_PROXY_HTTP = 1,     // CONNECT; http also in absolute form
@@ -21,7 +22,7 @@ enum ECmProxyKind : CmDword {
 // are: the credentials are not a part of the identity, and no text of this class has them.
 class TALVO_API CCmProxyServer {
 public:
-    static constexpr size_t LONGEST_HOST = 253;
+    static constexpr size_t LONGEST_HOST = 253;  // characters
 
     CCmProxyServer() = default;  // CM_PROXY_DIRECT
 
@@ -34,23 +35,26 @@ public:
     // CM_ERROR_OUT_OF_MEMORY. After a failure nothing changes.
     CmResult SetCredentials(std::string_view aUser, std::string_view aPassword);
 
+    // The kind, whole or in part.
     CmBool IsDirect() const { return m_Kind == CM_PROXY_DIRECT; }
     CmBool IsSocks() const { return m_Kind >= CM_PROXY_SOCKS4; }
-    ECmProxyKind GetKind() const { return m_Kind; }
+
+    ECmProxyKind GetKind() const { return m_Kind; }  // the protocol
     // In lower case; an address in its shortest form and without brackets. "" of DIRECT.
     const CCmString& GetHost() const { return m_strHost; }
-    CmWord GetPort() const { return m_wPort; }
+    CmWord GetPort() const { return m_wPort; }  // 0 of DIRECT
 
     // "socks5://host:1080", "http://[::1]:3128", "direct://": never with credentials. Also the name of the server for
     // cm_proxy_set_credentials. May throw std::bad_alloc.
     CCmString GetText() const;
 
-    CmBool HasCredentials() const { return static_cast<bool>(m_Credentials); }
+    CmBool HasCredentials() const { return static_cast<bool>(m_Credentials); }  // a user is set
     // Empty: there are none.
     const CCmCredentials& GetCredentials() const { return m_Credentials; }
-    std::string_view GetUser() const { return m_Credentials.m_User.Get(); }
-    std::string_view GetPassword() const { return m_Credentials.m_Password.Get(); }
+    std::string_view GetUser() const { return m_Credentials.m_User.Get(); }          // "": there is none
+    std::string_view GetPassword() const { return m_Credentials.m_Password.Get(); }  // "": there is none
 
+    // Compares kind, host and port.
     bool operator==(const CCmProxyServer& aRight) const {
         return m_Kind == aRight.m_Kind && m_wPort == aRight.m_wPort && m_strHost == aRight.m_strHost;
     }

@@ -30,5 +30,5 @@ public:
 
     // The process-wide source. Null: every route is DIRECT. Not owned: it outlives its questions. Any thread.
     static ICmProxySource* Get();
-    static void Set(ICmProxySource* aSource);
+    static void Set(ICmProxySource* aSource);  // replaces it
 };

@@ -15,7 +15,7 @@ enum ECmReconnectOption : CmDword {
 
 // Since the connection was opened.
 struct CCmReconnectStatus {
-    CmBool m_bSuspended = CM_FALSE;
+    CmBool m_bSuspended = CM_FALSE;           // a gap is under way
     CmDword m_dwResumed = 0;                  // times
     uint64_t m_ullSentAgain = 0;              // bytes of data PDUs, headers included
     uint64_t m_ullSuspendedMilliseconds = 0;  // in all, without the gap under way

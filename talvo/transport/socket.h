@@ -10,16 +10,21 @@
 
 // All operations return 0 or a byte count, and -1 with the system's error in errno. Interrupted calls are resumed. Descriptors
 // are close-on-exec, sends never raise SIGPIPE. One thread at a time.
+// A descriptor.
 class TALVO_API CCmIPCBase {
 public:
+    // The property that Enable and Disable change.
     enum { NON_BLOCK = 0 };
 
+    // The descriptor; CM_INVALID_HANDLE: none. SetHandle closes nothing.
     CmHandle GetHandle() const { return m_Handle; }
     void SetHandle(CmHandle aHandle) { m_Handle = aHandle; }
 
     // Only NON_BLOCK; any other value is traced and fails with EINVAL.
     int Enable(int aValue) const;
     int Disable(int aValue) const;
+
+    // As ioctl().
     int Control(int aCmd, void* aArg) const;
 
 protected:
@@ -29,6 +34,7 @@ protected:
     CmHandle m_Handle = CM_INVALID_HANDLE;
 };
 
+// A socket of any kind, which its end closes.
 class TALVO_API CCmSocketBase : public CCmIPCBase {
 public:
     CCmSocketBase(const CCmSocketBase&) = delete;
@@ -45,9 +51,12 @@ public:
     // Addresses that are not IPv4 need memory: ENOMEM.
     int GetLocalAddr(CCmInetAddr& aAddr) const;
     int GetRemoteAddr(CCmInetAddr& aAddr) const;
+
+    // As setsockopt() and getsockopt().
     int SetOption(int aLevel, int aOption, const void* aValue, int aLength) const;
     int GetOption(int aLevel, int aOption, void* aValue, int* aLength) const;
 
+    // As recv(), send(), readv() and sendmsg().
     int Recv(char* aBuf, CmDword aLen, int aFlag = 0) const;
     int Send(const char* aBuf, CmDword aLen, int aFlag = 0) const;
     int RecvV(iovec* aIov, CmDword aCount) const;
@@ -62,6 +71,7 @@ protected:
     int BindOr_i(const CCmInetAddr& aLocal, End aEnd);
 };
 
+// A stream, also of a Unix socket.
 class TALVO_API CCmSocketTcp : public CCmSocketBase {
 public:
     ~CCmSocketTcp() { Close(CM_OK); }
@@ -71,10 +81,13 @@ public:
     int Open(CmBool aReuseAddr, const CCmInetAddr& aLocal);
     // CM_OK: shuts down the sending side first, so that the peer gets an orderly end.
     int Close(CmResult aReason);
+
+    // Shuts down one direction.
     int CloseWriter() const;
     int CloseReader() const;
 };
 
+// A datagram socket.
 class TALVO_API CCmSocketUdp : public CCmSocketBase {
 public:
     // Opens and binds; a failed bind closes the socket. EAFNOSUPPORT: a path.

@@ -26,6 +26,7 @@ public:
     CmResult OpenWithSink(ICmTransportSink* aSink) override;
     ICmTransportSink* GetSink() override { return m_pSink; }
     CmResult Disconnect(CmResult aReason) override;
+    // TRUE: the caller is the owning thread.
     CmBool IsOfThisThread() const override { return m_Est.IsCurrentThread(); }
 
     int OnClose(CmHandle aFd, long aMask) override;

@@ -35,10 +35,11 @@ enum ECmTransportType : CmDword {
 
 // Accompanies a send, and is returned with the sent data. Upcalls pass null unless a transport has parameters to report.
 struct CCmTransportParameter {
+    // aPriority: see above.
     explicit CCmTransportParameter(ECmTransportPriority aPriority = CM_TRANSPORT_PRIORITY_NORMAL) : m_Priority(aPriority) {}
 
-    CmDword m_dwHaveSent = 0;  // (out) of SendData: the bytes that this call took
-    ECmTransportPriority m_Priority;
+    CmDword m_dwHaveSent = 0;         // (out) of SendData: the bytes that this call took
+    ECmTransportPriority m_Priority;  // see above
 };
 
 // Commands of ICmTransport::GetOption and SetOption; the argument points at the value. 102 and 111 are reserved. A thread proxy
@@ -176,7 +177,7 @@ public:
     // returns at once and reports a later failure with OnDisconnect. A protocol connection without a sink loses received data:
     // open it inside OnConnectIndication. A thread proxy keeps the data, see CCmTransportThreadProxy.
     virtual CmResult OpenWithSink(ICmTransportSink* aSink) = 0;
-    virtual ICmTransportSink* GetSink() = 0;
+    virtual ICmTransportSink* GetSink() = 0;  // the attached sink, or null
 
     // Takes and consumes as much of the chain as it can: another transport needs a duplicate, see cm_send_shared. aPara (out):
     // the count. CM_OK: all was taken; also for an empty chain. CM_ERROR_PARTIAL_DATA: the rest, perhaps all of it, stays in
@@ -202,9 +203,11 @@ public:
 // The common part of acceptors and connectors: the identity in OnConnectIndication.
 class TALVO_API ICmAcceptorConnectorId : public ICmReferenceControl {
 public:
+    // FALSE: it is an acceptor.
     virtual CmBool IsConnector() = 0;
 };
 
+// Gets the connections of acceptors and connectors.
 class TALVO_API ICmAcceptorConnectorSink {
 public:
     // CM_OK: aTrpt is a new, unopened transport. It lives during the call: take a reference to keep it, call OpenWithSink to

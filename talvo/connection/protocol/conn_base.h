@@ -12,6 +12,7 @@
 // returned.
 class TALVO_API CConnBase : public talvo::CDrainedTransport, public CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
 public:
+    // The status of a connection.
     enum : CmWord {
         CS_STATUS_NOT_CONNECTED = 1,  // at first, and after the end
         CS_STATUS_HANDSHAKE = 2,
@@ -38,10 +39,12 @@ public:
     //         |                            ^  ^            |
     //         +----------------------------+  +------------+      and from each back to NOT_CONNECTED
     void SetCurrStatus(CmWord aStatus);
-    CmWord GetCurrStatus() const { return m_wStatus; }
+
+    CmWord GetCurrStatus() const { return m_wStatus; }  // one of CS_STATUS_...
+    // The server's number of the connection, 0: none.
     void SetChannel(CmWord aChannel) { m_wChannel = aChannel; }
     CmWord GetChannel() const { return m_wChannel; }
-    CmByte GetConnType() const { return m_byConnType; }
+    CmByte GetConnType() const { return m_byConnType; }  // the kind of connection on the wire
 
     // The connector or acceptor that made it; not owned. Null: no more reports to it.
     void SetConnConnector(talvo::CConnOwner* aConnector) { m_pOwner = aConnector; }

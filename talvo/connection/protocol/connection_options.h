@@ -3,6 +3,7 @@
 
 #include "talvo/base/types.h"
 
+// Commands of protocol connections for GetOption and SetOption, beside those of ECmTransportOption.
 enum ECsOption : CmDword {
     CS_OPT_MAX_BUFF_LEN = 132,  // get, set CmDword: bytes of data PDUs, headers included, that may wait to be sent or, on a
                                 // reliable connection, to be acknowledged. Package connections start with 65,536 and
@@ -21,4 +22,4 @@ enum ECsOption : CmDword {
     CS_OPT_SILENCE_LIMIT = 139
 };
 
-constexpr CmDword CS_DEFAULT_MAX_MESSAGE_LEN = 16 << 20;
+constexpr CmDword CS_DEFAULT_MAX_MESSAGE_LEN = 16 << 20;  // the default of CS_OPT_MAX_MESSAGE_LEN

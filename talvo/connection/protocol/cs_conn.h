@@ -46,6 +46,7 @@ public:
     CmByte GetInstanceType() const { return m_byInstanceType; }
 
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
+    // For a thread proxy, which frames messages itself.
     EFraming GetFraming() const override { return m_bNeedACK || m_bDatagrams ? NOT_FRAMED : PACKAGE; }
     CmResult SendFrames(CCmMessageBlock& aFrames, const CmDword* aLengths, CmDword aCount, CmDword& aTaken) override;
     // The commands of ECsOption and, of ECmTransportOption, 141 and 144 to 146. All others go to the transport below,

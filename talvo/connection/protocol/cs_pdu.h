@@ -31,11 +31,12 @@ enum ECsPduType : CmByte {
 // Any PDU as far as its type. A value.
 class TALVO_API CCsPduBase {
 public:
-    explicit CCsPduBase(CmByte aType) : m_byType(aType) {}
+    explicit CCsPduBase(CmByte aType) : m_byType(aType) {}  // aType: one of CS_PDU_TYPE_...
     CCsPduBase(const CCsPduBase&) = default;
     CCsPduBase& operator=(const CCsPduBase&) = default;
 
     virtual ~CCsPduBase() = default;
+    // See above.
     virtual void Decode(CCmMessageBlock& aMb);
     virtual void Encode(CCmMessageBlock& aMb) const;
     // As below, for this PDU.
@@ -43,9 +44,9 @@ public:
 
     // Bytes before the payload, at most MAX_FIX_LENGTH. bNeedACK is for data PDUs only. 0, with a trace line: no such type.
     static CmDword GetFixLength(CmByte byType, CmBool bNeedACK);
-    static constexpr CmDword MAX_FIX_LENGTH = 9;
+    static constexpr CmDword MAX_FIX_LENGTH = 9;  // the longest fixed part
 
-    CmByte GetType() const { return m_byType; }
+    CmByte GetType() const { return m_byType; }  // one of CS_PDU_TYPE_...
 
 protected:
     CmByte m_byType;
@@ -58,12 +59,14 @@ protected:
 // ConnType is the sender's kind of connection; the receiver's must be the same. A value.
 class TALVO_API CCsPduConnReqResp : public CCsPduBase {
 public:
+    // aType: CS_PDU_TYPE_CONN_REQ or CS_PDU_TYPE_CONN_RESP. The arguments do not matter to Decode.
     explicit CCsPduConnReqResp(CmDword aACK = 0, CmWord aConTag = 0, CmByte aType = CS_PDU_TYPE_CONN_REQ, CmByte aConnType = 15)
         : CCsPduBase(aType), m_dwACK(aACK), m_wConTag(aConTag), m_byConnType(aConnType) {}
 
     void Decode(CCmMessageBlock& aMb) override;
     void Encode(CCmMessageBlock& aMb) const override;
 
+    // The fields.
     CmDword GetACK() const { return m_dwACK; }
     CmWord GetConTag() const { return m_wConTag; }
     CmByte GetConnType() const { return m_byConnType; }
@@ -76,7 +79,7 @@ private:
 
 // The secret of a connection. A value.
 struct CCsConnToken {
-    CmByte m_Bytes[16] = {};
+    CmByte m_Bytes[16] = {};  // random
 
     // In constant time.
     CmBool operator==(const CCsConnToken& aOther) const;
@@ -89,8 +92,8 @@ struct CCsConnToken {
 // Attempt: the number of the request, which grows with each; the response repeats it. A value.
 class TALVO_API CCsPduConnToken : public CCsPduConnReqResp {
 public:
-    static constexpr CmByte CONN_TYPE = 31;
-    static constexpr CmDword LENGTH = 28;
+    static constexpr CmByte CONN_TYPE = 31;  // the ConnType of the token form
+    static constexpr CmDword LENGTH = 28;    // the length of the whole PDU
 
     using CCsPduBase::GetFixLength;
     using CCsPduConnReqResp::CCsPduConnReqResp;
@@ -98,8 +101,8 @@ public:
     void Decode(CCmMessageBlock& aMb) override;
     void Encode(CCmMessageBlock& aMb) const override;
 
-    CCsConnToken m_Token;
-    CmDword m_dwAttempt = 0;
+    CCsConnToken m_Token;     // the secret
+    CmDword m_dwAttempt = 0;  // the number of the request
 };
 
 // An entry of a send buffer: a PDU with its place in the sequence and in the list. It has room for its own encoded fixed part,
@@ -116,10 +119,11 @@ public:
     using CCsPduBase::GetFixLength;
     CmDword GetFixLength() const override { return GetFixLength(m_byType, m_bNeedACK); }
 
+    // The ACK field.
     void SetACK(CmDword aACK) { m_dwACK = aACK; }
     CmDword GetACK() const { return m_dwACK; }
-    CmDword GetDataLen() const { return m_dwDataLen; }
-    CCmMessageBlock* GetData() const { return m_pData; }
+    CmDword GetDataLen() const { return m_dwDataLen; }    // bytes of the payload
+    CCmMessageBlock* GetData() const { return m_pData; }  // the payload, not consumed; null: none
 
     // The first sequence number of a data PDU; the last one follows from it, fixed part included. Any other PDU has no numbers:
     // both are 0. The call then changes no field, and is traced.
@@ -127,6 +131,7 @@ public:
     CmDword GetSeqStart() const { return m_dwSeqStart; }
     CmDword GetSeqEnd() const { return m_dwSeqEnd; }
 
+    // The place in the list of a send buffer.
     void SetNext(CCsPduSendItem* aNext) { m_pNext = aNext; }
     CCsPduSendItem* GetNext() const { return m_pNext; }
 
@@ -157,13 +162,14 @@ private:
 // Disconnect (type 3). Reason: the low 16 bits of the result that the sender closed with.
 class TALVO_API CCsPduDisconn : public CCsPduSendItem {
 public:
+    // The arguments do not matter to Decode.
     explicit CCsPduDisconn(CmWord aReason = 0, CmByte aType = CS_PDU_TYPE_DISCONN)
         : CCsPduSendItem(CM_TRUE, 0, aType, 0, nullptr), m_wReason(aReason) {}
 
     void Decode(CCmMessageBlock& aMb) override;
     void Encode(CCmMessageBlock& aMb) const override;
 
-    CmWord GetReason() const { return m_wReason; }
+    CmWord GetReason() const { return m_wReason; }  // the low 16 bits
 
 private:
     CmWord m_wReason;
@@ -175,6 +181,7 @@ private:
 // Keep-alive (type 4).
 class TALVO_API CCsPduKeepAlive : public CCsPduSendItem {
 public:
+    // The arguments do not matter to Decode.
     explicit CCsPduKeepAlive(CmDword aACK = 0, CmByte aType = CS_PDU_TYPE_KEEPALIVE)
         : CCsPduSendItem(CM_TRUE, aACK, aType, 0, nullptr) {}
 

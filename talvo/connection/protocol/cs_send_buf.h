@@ -37,6 +37,7 @@ public:
     // 0 drops everything except a partly sent PDU, which stays until it is sent. A capacity below the bytes in use only refuses
     // new PDUs.
     void SetMaxBufLen(CmDword aMaxBufLen);
+    // The capacity.
     CmDword GetMaxBufLen() const { return m_dwMaxBufLen; }
 
     // The connection's receive counter, for the ACK fields of PDUs prepared from now on.
@@ -51,7 +52,7 @@ public:
     // The low 16 bits of aReason. Returns 3 with or without room; 0: out of memory.
     CmDword AddDisconnPDU(CmResult aReason);
 
-    static constexpr CmByte NOTHING = 15;
+    static constexpr CmByte NOTHING = 15;  // no type of a PDU
 
     // Returns the type of the current item. aMb (out): its unsent bytes, a chain that the caller may consume and not free,
     // valid until the next call of this object. Only DataSentLen counts as sent, not the consumption. NOTHING, and null: there

@@ -36,6 +36,7 @@ public:
     // message is not sent: CM_OK.
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
 
+    // For a thread proxy, which frames messages itself.
     EFraming GetFraming() const override { return LENGTH; }
     CmResult SendFrames(CCmMessageBlock& aFrames, const CmDword* aLengths, CmDword aCount, CmDword& aTaken) override;
 

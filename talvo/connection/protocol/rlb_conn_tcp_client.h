@@ -15,9 +15,9 @@ class COptionValues;
 
 // Where and how a client connects again.
 struct CRlbTarget {
-    CmDword m_dwBaseType = CM_TRANSPORT_TYPE_TCP;
-    CCmInetAddr m_AddrPeer;  // as the application gave it: a name is resolved anew
-    CCmInetAddr m_AddrLocal;
+    CmDword m_dwBaseType = CM_TRANSPORT_TYPE_TCP;            // of the new transports
+    CCmInetAddr m_AddrPeer;                                  // as the application gave it: a name is resolved anew
+    CCmInetAddr m_AddrLocal;                                 // see m_bLocal
     CmBool m_bLocal = CM_FALSE;                              // m_AddrLocal is given
     std::shared_ptr<const talvo::COptionValues> m_pOptions;  // those of the application's connector; null: none
 };

@@ -16,6 +16,7 @@ class ICmChannel;
 // on the channel, disconnect it and release it. After its own Disconnect or last release no upcall follows.
 class TALVO_API ICmChannelSink : public ICmTransportSink {
 public:
+    // The head of the answer or the file's properties are there.
     virtual void OnConnect(CmResult aReason, ICmChannel* aChannel) = 0;
     ~ICmChannelSink() override;
 };

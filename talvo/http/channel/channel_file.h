@@ -15,7 +15,7 @@ class TALVO_API CCmChannelFile : public ICmChannel,
                                  private CCmTimerWrapperIDSink,
                                  private CCmReferenceControlTimerDeleteT<CCmMutexNullSingleThread> {
 public:
-    CCmChannelFile();
+    CCmChannelFile();  // not open
     ~CCmChannelFile() override;
 
     CmDword AddReference() override { return CCmReferenceControlTimerDeleteT::AddReference(); }

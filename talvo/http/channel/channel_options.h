@@ -3,6 +3,7 @@
 
 #include "talvo/base/types.h"
 
+// Options of channels, beside those of their transport.
 enum ECmChannelOption : CmDword {
     CM_OPT_CHANNEL_FILE_SYNC = 301,  // set CmBool: a file channel delivers inside AsyncOpen and not from a timer
 

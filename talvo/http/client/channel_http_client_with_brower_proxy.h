@@ -17,6 +17,7 @@ class TALVO_API CCmChannelHttpClientWithBrowerProxy final : public CCmChannelHtt
                                                             private ICmProxySourceSink,
                                                             private CCmThreadTenant {
 public:
+    // As CCmChannelHttpClient.
     CCmChannelHttpClientWithBrowerProxy(const CCmHttpUrl& aUrl, CmDword aFlags) : CCmChannelHttpClient(aUrl, aFlags) {}
     ~CCmChannelHttpClientWithBrowerProxy() override;
 

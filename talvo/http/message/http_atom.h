@@ -12,9 +12,9 @@
 // compared, but names no header.
 class TALVO_API CCmHttpAtom {
 public:
-    constexpr CCmHttpAtom(const char* aText = nullptr) : m_pText(aText) {}
+    constexpr CCmHttpAtom(const char* aText = nullptr) : m_pText(aText) {}  // aText: not owned
 
-    constexpr operator const char*() const { return m_pText; }
+    constexpr operator const char*() const { return m_pText; }  // the text, or null
 
     // Compares the texts case-insensitively (ASCII letters only), byte by byte as unsigned numbers with letters in lower case.
     // The null atom is before every other.
@@ -27,8 +27,8 @@ private:
 // TRUE: an atom's text equals that of the atom given first, in any case. Only the null atom matches the null atom.
 class TALVO_API CCmAtomTablesFind {
 public:
-    explicit CCmAtomTablesFind(const CCmHttpAtom& aAtom) : m_Atom(aAtom) {}
-    bool operator()(const CCmHttpAtom& aCandidate) const;
+    explicit CCmAtomTablesFind(const CCmHttpAtom& aAtom) : m_Atom(aAtom) {}  // the atom given first
+    bool operator()(const CCmHttpAtom& aCandidate) const;                    // compares aCandidate with it
 
 private:
     CCmHttpAtom m_Atom;

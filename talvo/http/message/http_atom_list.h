@@ -40,8 +40,8 @@ public:
     // Limits the stored names, beside the known ones, and the bytes of their texts with terminators. Names beyond a new,
     // smaller limit stay. Without memory for the mutex the limits do not change.
     void SetLimits(CmDword aMaxNames, CmDword aMaxBytes);
-    static constexpr CmDword DEFAULT_MAX_NAMES = 65536;
-    static constexpr CmDword DEFAULT_MAX_BYTES = 4u << 20;
+    static constexpr CmDword DEFAULT_MAX_NAMES = 65536;     // the limit of names at first
+    static constexpr CmDword DEFAULT_MAX_BYTES = 4u << 20;  // the limit of bytes at first
 
     // Destroys the mutex; the next stored name creates it again. Call it while no other thread resolves.
     void CleanupMutex();

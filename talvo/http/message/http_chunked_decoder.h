@@ -25,11 +25,11 @@ public:
     // that piece. Without more data it uses all of aInput, or up to the body's end, and aData is empty. FALSE as above.
     CmBool Next(std::string_view& aInput, std::string_view& aData);
 
-    CmBool IsFinished() const { return m_State == FINISHED; }
-    CmBool IsOutOfMemory() const { return m_bNoMemory; }  // the cause of FALSE
-    const CCmHttpHeaderArray& GetTrailers() const { return m_Trailers; }
+    CmBool IsFinished() const { return m_State == FINISHED; }             // the body and its trailers are complete
+    CmBool IsOutOfMemory() const { return m_bNoMemory; }                  // the cause of FALSE
+    const CCmHttpHeaderArray& GetTrailers() const { return m_Trailers; }  // those that have come
 
-    void SetLimits(const CCmHttpLimits& aLimits) { m_Limits = aLimits; }
+    void SetLimits(const CCmHttpLimits& aLimits) { m_Limits = aLimits; }  // of the trailers
 
     // TRUE also refuses input that other readers may interpret differently: a size with more than hexadecimal digits and blanks
     // behind them, spaces at the start of a line, a line end without its CR, a CR or NUL inside a line, a trailer without a

@@ -44,7 +44,7 @@ public:
     CmBool GetHeader(const CCmHttpAtom& aAtom, CCmString& aValue) const;
     // The same without a copy; null: there is none. Valid until the array changes.
     const CCmString* FindHeader(const CCmHttpAtom& aAtom) const;
-    CmBool PeekHeader(const CCmHttpAtom& aAtom) const { return FindHeader(aAtom) != nullptr; }
+    CmBool PeekHeader(const CCmHttpAtom& aAtom) const { return FindHeader(aAtom) != nullptr; }  // TRUE: there is such a header
 
     // FALSE for headers whose repetition replaces the value.
     CmBool CanAppendToHeader(const CCmHttpAtom& aAtom) const;
@@ -68,8 +68,8 @@ public:
     // number that is too large for a long gives the largest one.
     long GetContentLength() const;
 
-    CmBool IsComplete() const { return m_bHeadersComplete; }
-    CmDword GetFaults() const { return m_dwFaults; }  // bits of ECmHttpFault, of the lines parsed since Clear
+    CmBool IsComplete() const { return m_bHeadersComplete; }  // the empty line has come
+    CmDword GetFaults() const { return m_dwFaults; }          // bits of ECmHttpFault, of the lines parsed since Clear
 
     // The headers in order; aIndex is below the count.
     size_t GetCount() const { return m_stCount; }

@@ -48,7 +48,7 @@ public:
     // complete. So pass the received data first, and then an empty block.
     void SetEndOfStream(CmBool aEnded) { m_bEndOfStream = aEnded; }
 
-    void SetLimits(const CCmHttpLimits& aLimits) { m_Limits = aLimits; }
+    void SetLimits(const CCmHttpLimits& aLimits) { m_Limits = aLimits; }  // of head, body and trailers
 
     // TRUE reads a head by RFC 9112: a header line that begins with a blank continues the line before it, and ParseHead refuses
     // a CR or NUL inside a line. Lines that are not header fields are still accepted, see CCmHttpHeaderArray::GetFaults.
@@ -57,10 +57,10 @@ public:
     // Resets everything except head, limits and strictness.
     void Reset();
 
-    CmBool IsComplete() const { return m_bComplete; }        // of the body
-    CmBool IsBeyondLimit() const { return m_bBeyondLimit; }  // the cause of a failure
-    CmBool IsChunked() const { return m_pDecoder != nullptr; }
-    const CCmString& GetBody() const { return m_strBody; }
+    CmBool IsComplete() const { return m_bComplete; }           // of the body
+    CmBool IsBeyondLimit() const { return m_bBeyondLimit; }     // the cause of a failure
+    CmBool IsChunked() const { return m_pDecoder != nullptr; }  // the body is chunked
+    const CCmString& GetBody() const { return m_strBody; }      // the received part
     // Of a chunked body; null for any other.
     const CCmHttpHeaderArray* GetTrailers() const { return m_pDecoder ? &m_pDecoder->GetTrailers() : nullptr; }
 

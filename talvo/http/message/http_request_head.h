@@ -18,6 +18,7 @@ public:
     const CCmString& GetRequestURI() const { return m_strRequestURI; }
     void SetRequestURI(std::string_view aURI) { m_strRequestURI.assign(aURI); }
 
+    // The version of HTTP.
     CCmHttpVersion GetVerion() const { return m_Version; }
     void SetVerion(CCmHttpVersion aVersion) { m_Version = aVersion; }
     // The same under their right spelling.

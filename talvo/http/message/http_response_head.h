@@ -7,6 +7,7 @@
 // Status line and headers. A value.
 class TALVO_API CCmHttpResponseHead : public CCmHttpHeaderArray {
 public:
+    // The status code.
     long GetStatus() const { return m_lStatus; }
     void SetStatus(long aStatus) { m_lStatus = static_cast<int32_t>(aStatus); }
 
@@ -14,6 +15,7 @@ public:
     const CCmString& GetStatusText() const { return m_strStatusText; }
     void SetStatusText(std::string_view aText) { m_strStatusText.assign(aText); }
 
+    // The version of HTTP.
     CCmHttpVersion GetVerion() const { return m_Version; }
     void SetVerion(CCmHttpVersion aVersion) { m_Version = aVersion; }
     // The same under their right spelling.

@@ -23,6 +23,7 @@ class TALVO_API CCmHttpUrl : public CCmReferenceControlT<CCmMutexThread> {
 public:
     CCmHttpUrl() = default;
     ~CCmHttpUrl() override = default;
+    // The fields, with a count of its own.
     CCmHttpUrl(const CCmHttpUrl& aOther);
     CCmHttpUrl& operator=(const CCmHttpUrl& aOther);
 
@@ -38,8 +39,8 @@ public:
     const CCmString& GetPath() const { return m_strPath; }
     void SetPath(std::string_view aPath);  // empty: "/"
 
-    CmWord GetPort() const { return m_wPort; }
-    void SetPort(CmWord aPort);  // 0: the scheme's default
+    CmWord GetPort() const { return m_wPort; }  // of the URL, or the default of the scheme
+    void SetPort(CmWord aPort);                 // 0: the scheme's default
 
     // "host" or "[::1]", followed by ":" and the port if it is not the scheme's default or if aForcePort is not 0.
     CCmString GetNameAndPort(int aForcePort) const;

@@ -80,7 +80,7 @@ public:
 // not complete, the connection ends.
 class TALVO_API ICmChannelHttpServer : public ICmChannel {
 public:
-    static constexpr uint64_t UNKNOWN_LENGTH = ~uint64_t{0};
+    static constexpr uint64_t UNKNOWN_LENGTH = ~uint64_t{0};  // of a body whose length no header gives
 
     // The request line and headers as received. Lives as long as the channel.
     virtual const CCmHttpRequestHead& GetRequest() const = 0;
@@ -129,6 +129,7 @@ public:
     CmResult GetOption(CmDword aCommand, void* aArg) override = 0;
 };
 
+// Gets the requests of an acceptor.
 class TALVO_API ICmChannelServerAcceptorSink {
 public:
     // A request's head has come. The channel lives during the call: take a reference to answer later. This upcall may do

@@ -17,20 +17,22 @@ struct CCmProxySetting {
 // A value with a reference count. It does not change; any thread.
 class TALVO_API CCmProxyAnswer : public CCmReferenceControlT<CCmMutexThread> {
 public:
+    // The values of the functions below.
     struct CValue {
-        CmResult m_Result = CM_OK;
-        CCmProxyRoute m_Route;
-        CCmString m_strSource;
-        CCmString m_strError;
-        std::vector<CCmProxySetting> m_Settings;
+        CmResult m_Result = CM_OK;                // of GetResult
+        CCmProxyRoute m_Route;                    // of GetRoute
+        CCmString m_strSource;                    // of GetSource
+        CCmString m_strError;                     // of GetError
+        std::vector<CCmProxySetting> m_Settings;  // of GetSettings
     };
+    // Not for applications.
     explicit CCmProxyAnswer(CValue aValue) : m_Value(std::move(aValue)) {}
     ~CCmProxyAnswer() override = default;
 
     // CM_OK: the route is not empty. CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE: the script is mandatory and has no answer.
     // CM_ERROR_NOT_AVAILABLE: the network thread has ended. CM_ERROR_OUT_OF_MEMORY.
     CmResult GetResult() const { return m_Value.m_Result; }
-    const CCmProxyRoute& GetRoute() const { return m_Value.m_Route; }
+    const CCmProxyRoute& GetRoute() const { return m_Value.m_Route; }  // the servers in their order
     // The source that decided: "application", "environment https_proxy", "KDE", "GNOME", "script URL", "rule" for a host that
     // is direct by a bypass rule, "none" if no source has a setting.
     const CCmString& GetSource() const { return m_Value.m_strSource; }

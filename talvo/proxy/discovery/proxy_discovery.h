@@ -19,9 +19,9 @@ class CDiscoveryState;
 // and no thread waits. A script gets only scheme, host and port of a URL, and answers are kept for these.
 class TALVO_API CCmProxyDiscovery : public CCmCleanUpBase, public ICmProxySource {
 public:
-    static constexpr const char* TOPIC = "ProxyDiscovery";
-    static constexpr size_t MOST_WAITING = 4096;  // questions
-    static constexpr size_t MOST_KEPT = 4096;     // answers
+    static constexpr const char* TOPIC = "ProxyDiscovery";  // of the observer's call
+    static constexpr size_t MOST_WAITING = 4096;            // questions
+    static constexpr size_t MOST_KEPT = 4096;               // answers
 
     // The first call creates it. Null: memory ran out, and the next call tries again.
     static CCmProxyDiscovery* Instance();

@@ -29,6 +29,7 @@ protected:
 // limits as the user's own, and its answer is not kept.
 class TALVO_API CCmProxyScript {
 public:
+    // The question to the script.
     struct CQuestion {
         CCmString m_strUrl;         // http or https; the script gets scheme, host and port
         int64_t m_llTimeUsec = -1;  // the script's "now", in microseconds since 1970; -1: the present

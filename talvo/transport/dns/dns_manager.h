@@ -19,8 +19,8 @@ enum class EDnsWait;
 // blocks on them. Any thread may call all operations. docs/names.md describes the sources and the lifetimes of answers.
 class TALVO_API CCmDnsManager : public CCmCleanUpBase, public ICmNameResolver {
 public:
-    static constexpr size_t MAX_NAME_LENGTH = 253;  // without the dot that may end a name
-    static constexpr const char* TOPIC = "DnsManager";
+    static constexpr size_t MAX_NAME_LENGTH = 253;      // without the dot that may end a name
+    static constexpr const char* TOPIC = "DnsManager";  // of the observer's call
 
     // The first call creates it. Null: memory ran out, and the next call tries again. Never null while there is a connection
     // manager.

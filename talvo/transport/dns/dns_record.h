@@ -10,16 +10,18 @@
 // The outcome of one look-up. It never changes after its creation, so any thread with a reference may read it.
 class TALVO_API CCmDnsRecord : public CCmReferenceControlT<CCmMutexThread> {
 public:
+    // The outcome.
     enum EState {
         RESOLVED,  // there is at least one address, of either family
         FAILED     // there is none; see GetReason
     };
 
+    // Not for applications.
     CCmDnsRecord(const CCmString& aName, talvo::CDnsAnswers aAnswers);
 
     // The requested name in lower case.
     const CCmString& GetName() const { return m_strName; }
-    EState GetState() const { return m_Addresses.empty() ? FAILED : RESOLVED; }
+    EState GetState() const { return m_Addresses.empty() ? FAILED : RESOLVED; }  // RESOLVED: there is an address
 
     // First the IPv6 addresses, then the IPv4 addresses, each in the order of the answer; empty if FAILED. Connectors order
     // them by the routes of this machine, see docs/names.md.

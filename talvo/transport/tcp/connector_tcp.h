@@ -12,6 +12,7 @@
 template <class TransportType>
 class CCmConnectorTcpT : public talvo::CResolvingConnector, private talvo::CConnectRaceT<TransportType>::IUser {
 public:
+    // aSettings: as a maker gets them.
     explicit CCmConnectorTcpT(const CCmConnectorSettings& aSettings)
         : CResolvingConnector(aSettings, "CCmConnectorTcpT", CM_TRUE),
           m_Race(aSettings.m_pReactor, *this, aSettings.m_pHandshakes) {}
@@ -28,4 +29,5 @@ private:
 };
 
 extern template class TALVO_API CCmConnectorTcpT<CCmTransportTcp>;
+// The connector of TCP.
 using CCmConnectorTcp = CCmConnectorTcpT<CCmTransportTcp>;

@@ -13,11 +13,11 @@
 
 // The traffic of a transport; read it in its thread.
 struct CCmTransportCounters {
-    uint64_t m_ullBytesReceived = 0;
-    uint64_t m_ullReceives = 0;  // chunks passed to the sink
-    uint64_t m_ullBytesSent = 0;
-    uint64_t m_ullSends = 0;         // calls of the system's send
-    uint64_t m_ullPartialSends = 0;  // sends that returned CM_ERROR_PARTIAL_DATA
+    uint64_t m_ullBytesReceived = 0;  // passed to the sink
+    uint64_t m_ullReceives = 0;       // chunks passed to the sink
+    uint64_t m_ullBytesSent = 0;      // taken by the system
+    uint64_t m_ullSends = 0;          // calls of the system's send
+    uint64_t m_ullPartialSends = 0;   // sends that returned CM_ERROR_PARTIAL_DATA
 };
 
 // Acceptors and connectors make it and put a connected socket into GetPeer(). Received bytes are delivered in the thread's
@@ -31,6 +31,7 @@ struct CCmTransportCounters {
 // to send that the socket has not taken; the transport asks the hooks for both.
 class TALVO_API CCmTransportTcp : public CCmTransportBase {
 public:
+    // aReactor: as CCmTransportBase.
     explicit CCmTransportTcp(ICmReactor* aReactor);
     ~CCmTransportTcp() override;
 
@@ -46,16 +47,17 @@ public:
     // from the peer would make it send a reset, and unacknowledged data would be lost. See CTransportLinger.
     CmResult Disconnect(CmResult aReason) override;
 
+    // The socket.
     CCmSocketTcp& GetPeer() { return m_SocketTcp; }
     // The maker stores the address that it has, which saves a system call. The peer's address is then also available after the
     // end.
     void SetPeerAddr(const CCmInetAddr& aAddr) { m_AddrPeer.Store(aAddr); }
-    void SetLocalAddr(const CCmInetAddr& aAddr) { m_AddrLocal.Store(aAddr); }
+    void SetLocalAddr(const CCmInetAddr& aAddr) { m_AddrLocal.Store(aAddr); }  // likewise, of this end
     // Of one read; between CSocketSettings::MIN_READ and MAX_READ.
     void SetReadSize(CmDword aSize) { m_dwReadSize = aSize; }
     // The proxy server of the connection, for CM_OPT_TRANSPORT_ROUTE; without a call there is none. May throw std::bad_alloc.
     void SetRoute(const CCmString& aServer) { m_pRoute = std::make_unique<const CCmString>(aServer); }
-    const CCmTransportCounters& GetCounters() const { return m_Counters; }
+    const CCmTransportCounters& GetCounters() const { return m_Counters; }  // of its thread
 
     // The raw socket, for a layer between socket and sink, and for a handshake before the opening. A count; 0 for Send_i, -2
     // for Recv_i when it would block; -1 on failure and on the peer's close, traced. 0 for Recv_i at the peer's end if

@@ -5,6 +5,7 @@
 
 namespace talvo {
 
+// Makes the acceptor, in the network thread.
 using CAcceptorFactory = CIndicatingProxyCoreT<ICmAcceptor>::Factory;
 
 // Each round of listening is a request of the user.

@@ -39,7 +39,7 @@ enum ECmTlsVerify : CmDword { CM_TLS_VERIFY_NONE = 0, CM_TLS_VERIFY_OPTIONAL = 1
 // whole label. The common name of the subject does not count.
 class TALVO_API CCmSslContext : public ICmReferenceControl, public CCmReferenceControlT<CCmMutexThread> {
 public:
-    CCmSslContext();
+    CCmSslContext();  // without certificates and with the system's trust
     ~CCmSslContext() override;
 
     CmDword AddReference() override { return CCmReferenceControlT::AddReference(); }
@@ -54,7 +54,7 @@ public:
     // after a failure all certificates.
     CmResult SetRevocationLists(const char* aFile);
 
-    using Passphrase = std::function<CCmString()>;
+    using Passphrase = std::function<CCmString()>;  // called for an encrypted key
     // The own certificate, behind it the intermediate ones, and its key. aPassphrase is called at once, perhaps twice, if the
     // key is encrypted, and again by Reload; nothing is asked on a terminal. A server may add several: it presents the one of
     // the name that the client asks for (exact, then with "*" for the first label), or else the first one added. A client

@@ -16,7 +16,7 @@ struct CCmSslInfo {
     CCmString m_strServerName;  // that a client has asked for; "" if none
     // The certificates that the peer has sent (DER), its own one first. A server has only the own one after a resumption.
     std::vector<CCmString> m_Chain;
-    CmBool m_bResumed = CM_FALSE;
+    CmBool m_bResumed = CM_FALSE;   // the session was resumed: no certificates were exchanged
     CmBool m_bVerified = CM_FALSE;  // the peer's certificate was checked and is good
     CCmString m_strNotVerified;     // why not: "self-signed certificate", "not checked"
 };

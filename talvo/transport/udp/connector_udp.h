@@ -13,6 +13,7 @@
 template <class TransportType>
 class CCmConnectorUdpT : public talvo::CResolvingConnector, private ACmEventHandler {
 public:
+    // aSettings: as a maker gets them.
     explicit CCmConnectorUdpT(const CCmConnectorSettings& aSettings)
         : CResolvingConnector(aSettings, "CCmConnectorUdpT", CM_FALSE) {}
     ~CCmConnectorUdpT() override { CCmConnectorUdpT::Close(); }
@@ -34,4 +35,5 @@ private:
 };
 
 extern template class TALVO_API CCmConnectorUdpT<CCmTransportUdp>;
+// The connector of UDP.
 using CCmConnectorUdp = CCmConnectorUdpT<CCmTransportUdp>;

@@ -11,9 +11,9 @@ struct CCmDatagramCounters {
     uint64_t m_ullReceived = 0;      // datagrams, delivered or not
     uint64_t m_ullReceiveCalls = 0;  // system calls for receiving, with those that found no datagram
     uint64_t m_ullSent = 0;          // datagrams taken for sending
-    uint64_t m_ullSendCalls = 0;
-    uint64_t m_ullLost = 0;     // taken, but refused by the system later
-    uint64_t m_ullDropped = 0;  // received, but from too many sources, or not accepted by the user
+    uint64_t m_ullSendCalls = 0;     // system calls for sending
+    uint64_t m_ullLost = 0;          // taken, but refused by the system later
+    uint64_t m_ullDropped = 0;       // received, but from too many sources, or not accepted by the user
 };
 
 namespace talvo {
