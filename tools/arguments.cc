@@ -88,8 +88,8 @@ void DeclareUdp(CLI::App& aApp, Arguments& a) {
 void DeclareListening(CLI::App& aApp, Arguments& a) {
     AddNumber(aApp, "--port", a.m_nPort, 0, 65535, "Port to listen on; 0 lets the system choose");
     aApp.add_option("--host", a.m_strHost,
-                    "Address to listen on, IPv4 or IPv6, by default all addresses of the machine; with a port ([::1]:7000), or "
-                    "as unix:PATH or unix:@NAME, instead of --port")
+                    "Address to listen on, IPv4 or IPv6 or localhost, by default all addresses of the machine; with a port "
+                    "([::1]:7000), or as unix:PATH or unix:@NAME, instead of --port")
         ->option_text("ADDRESS");
 }
 

@@ -1,9 +1,11 @@
 #include "tools/console.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cstdio>
 
+#include "tools/colour.h"
 #include "tools/text.h"
 
 namespace tool {
@@ -14,6 +16,12 @@ Console::EOutput ChooseOutput(bool aJson) {
     if (aJson)
         return Console::JSON;
     return isatty(STDOUT_FILENO) ? Console::TERMINAL : Console::PIPE;
+}
+
+// SIZE_MAX: unknown.
+size_t GetColumns() {
+    winsize size{};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col - 1U : SIZE_MAX;
 }
 
 }  // namespace
@@ -33,7 +41,7 @@ void Console::Problem(std::string_view aPlain, const JsonLine& aJson) {
     Complain(aPlain);
 }
 
-void Console::Problem(std::string_view aText) { Problem(aText, JsonLine("error").Add("reason", aText)); }
+void Console::Problem(std::string_view aText, ECause aCause) { Problem(aText, JsonLine::Failed(aCause, aText)); }
 
 void Console::Progress(std::string_view aPlain, const JsonLine& aJson) {
     if (m_Output != TERMINAL) {
@@ -41,12 +49,16 @@ void Console::Progress(std::string_view aPlain, const JsonLine& aJson) {
         return;
     }
     EraseProgress();
-    std::fputs(Printable(aPlain).c_str(), stdout);
+    // A longer line would wrap, and only its last row could be erased.
+    std::fputs(Paint(DIM, Truncated(Printable(aPlain), GetColumns()), STDOUT_FILENO).c_str(), stdout);
     std::fflush(stdout);
     m_bProgressStands = true;
 }
 
-void Console::Complain(std::string_view aText) { std::fprintf(stderr, "talvo: %s\n", Printable(aText).c_str()); }
+void Console::Complain(std::string_view aText) {
+    const std::string strBegin = Paint(aText.starts_with("warning:") ? YELLOW : RED, "talvo:", STDERR_FILENO);
+    std::fprintf(stderr, "%s %s\n", strBegin.c_str(), Printable(aText).c_str());
+}
 
 void Console::WriteLine(std::string_view aText) {
     EraseProgress();

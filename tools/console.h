@@ -23,10 +23,10 @@ public:
     // An event on stdout, as text or JSON.
     void Report(std::string_view aPlain, const JsonLine& aJson);
 
-    // A failure: "talvo: ..." on stderr, or the JSON object on stdout.
+    // A failure: "talvo: ..." on stderr, or the JSON object on stdout, see JsonLine::Failed.
     void Problem(std::string_view aPlain, const JsonLine& aJson);
-    // The same, with the event "error" and only the text.
-    void Problem(std::string_view aText);
+    // The same for a failure without a subject of its own.
+    void Problem(std::string_view aText, ECause aCause = CAUSE_OTHER);
 
     // On a terminal a line that the next output overwrites; otherwise as Report.
     void Progress(std::string_view aPlain, const JsonLine& aJson);

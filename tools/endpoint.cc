@@ -1,5 +1,6 @@
 #include "tools/endpoint.h"
 
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -50,7 +51,12 @@ std::string JudgeListening(const std::string& aText, CCmInetAddr& aAddr) {
     std::string strReason;
     if (CCmInetAddr::Parse(aText, aAddr, &strReason) != CM_OK)
         return strReason;
-    return aAddr.IsResolved() ? "" : "a name, but an address is needed";
+    if (aAddr.IsResolved())
+        return "";
+    // Other names may stand for several addresses, or for one of another machine.
+    if (strcasecmp(aAddr.GetIpDisplayName().c_str(), "localhost") == 0)
+        return CCmInetAddr::Parse(WithPort("127.0.0.1", aAddr.GetPort()), aAddr, &strReason) == CM_OK ? "" : strReason;
+    return "a name other than localhost, but an address is needed";
 }
 
 }  // namespace

@@ -15,8 +15,8 @@ std::string ParseEndpoint(const std::string& aText, CCmInetAddr& aAddr);
 
 constexpr int NO_PORT = -1;
 
-// aAddr (out): the address to listen on. aHost is an IPv4 or IPv6 address; with its port, or as "unix:PATH", it needs no aPort.
-// "": all addresses of the machine.
+// aAddr (out): the address to listen on. aHost is an IPv4 or IPv6 address, or "localhost" for 127.0.0.1; with its port, or as
+// "unix:PATH", it needs no aPort. "": all addresses of the machine.
 std::string ParseListening(const std::string& aHost, int aPort, CCmInetAddr& aAddr);
 
 // Likewise; aText is "ADDRESS:PORT" or "unix:PATH".

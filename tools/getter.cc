@@ -221,7 +221,7 @@ void Getter::Finish(const std::string& aProblem) {
         m_Progress.GetMeter().End(m_ullSize, m_ullGot);
     if (!aProblem.empty() && Application::GetPendingSignal() == 0)  // after a signal that is the cause, and the exit status
         m_Console.Problem(m_Arguments.m_strUrl + ": " + aProblem,
-                          JsonLine("failed").Add("url", m_Arguments.m_strUrl).Add("reason", aProblem));
+                          JsonLine::Failed(CAUSE_OTHER, aProblem).Add("url", m_Arguments.m_strUrl));
     else if (aProblem.empty() && m_Arguments.m_Target.m_Kind != OutputTarget::STDOUT)
         Deliver();
     m_Application.Finish(aProblem.empty() ? EXIT_OK : EXIT_FAILED);

@@ -7,9 +7,12 @@
 #include <type_traits>
 #include <vector>
 
+#include "tools/failure.h"
+
 namespace tool {
 
-// The first member of every object is its event: {"event":"sent","name":"a.txt","bytes":12}.
+// The first member of every object is its event: {"event":"sent","name":"a.txt","bytes":12}. docs/tool.md lists all events and
+// fields: a field has the same name, type and unit in every command.
 class JsonLine {
 public:
     explicit JsonLine(std::string_view aEvent);
@@ -25,6 +28,9 @@ public:
         else
             return AddRaw(aKey, std::to_string(aValue));
     }
+
+    // A failure, to which the caller adds its subject: "name", "url" or "peer".
+    static JsonLine Failed(ECause aCause, std::string_view aReason);
 
     std::string GetText() const { return m_strText + "}"; }
 

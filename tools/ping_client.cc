@@ -152,7 +152,7 @@ void PingClient::OnResumed(ICmTransport*, DWORD aMilliseconds) {
     ++m_dwGaps;
     m_ullGapMs += aMilliseconds;
     m_Console.Report("connected again after " + std::to_string(aMilliseconds) + " ms",
-                     JsonLine("resumed").Add("milliseconds", aMilliseconds));
+                     JsonLine("resumed").Add("msec", aMilliseconds));
     if (m_bWaiting)
         RequireMemory(m_TimerAnswer.Schedule(this, Milliseconds(m_Arguments.m_dwTimeoutMs), 1));
 }

@@ -33,7 +33,7 @@ void ProgressReport::Report() {
     const ProgressSample sample = m_Meter.Sample();
     m_Console.Progress(FormatProgress(sample), JsonLine("progress")
                                                    .Add("bytes", sample.m_ullDone)
-                                                   .Add("total", sample.m_ullTotal)
+                                                   .Add("size", sample.m_ullTotal)
                                                    .Add("bytes_per_second", sample.m_ullRate)
                                                    .Add("seconds_left", sample.m_llSecondsLeft));
 }

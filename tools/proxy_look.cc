@@ -90,12 +90,12 @@ void ProxyLook::ShowRoute(const std::string& aRoute, const std::string& aSource,
     char szMs[40];
     std::snprintf(szMs, sizeof szMs, "%.3f ms", dMs);
     const JsonLine json =
-        JsonLine("route").Add("url", m_strUrl).Add("route", aRoute).Add("source", aSource).Add("kept", aKept).Add("ms", dMs);
+        JsonLine("route").Add("url", m_strUrl).Add("route", aRoute).Add("source", aSource).Add("kept", aKept).Add("msec", dMs);
     m_Console.Report(m_strUrl + ": " + aRoute + ", from " + aSource + (aKept ? ", kept, " : ", ") + szMs, json);
 }
 
 void ProxyLook::ShowFailure(const std::string& aWhat, const std::string& aReason) {
-    m_Console.Problem(aWhat + ": " + aReason, JsonLine("failed").Add("url", aWhat).Add("reason", aReason));
+    m_Console.Problem(aWhat + ": " + aReason, JsonLine::Failed(CAUSE_OTHER, aReason).Add("url", aWhat));
     m_nStatus = EXIT_FAILED;
 }
 

@@ -216,7 +216,7 @@ bool RecvSession::RefuseCurrent(const std::string& aReason) {
 bool RecvSession::Refuse(const std::string& aName, const std::string& aReason) {
     ++m_nRefused;
     m_Context.m_Console.Problem("refused " + aName + " from " + m_strPeer + ": " + aReason,
-                                JsonLine("refused").Add("name", aName).Add("peer", m_strPeer).Add("reason", aReason));
+                                JsonLine::Failed(CAUSE_REFUSED, aReason).Add("name", aName).Add("peer", m_strPeer));
     return Answer(EncodeResult(false, aReason));
 }
 
@@ -230,8 +230,8 @@ void RecvSession::CloseFile() {
 void RecvSession::ReportEnd() {
     if (m_bSaidBye)
         return;
-    JsonLine json("dropped");
-    json.Add("peer", m_strPeer).Add("reason", m_strFault);
+    JsonLine json = JsonLine::Failed(CAUSE_BROKEN, m_strFault);
+    json.Add("peer", m_strPeer);
     std::string strText = "dropped " + m_strPeer + ": " + m_strFault;
     if (m_pFile) {
         json.Add("name", m_pFile->m_strName).Add("bytes", m_pFile->m_ullGot);

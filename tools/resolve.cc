@@ -56,7 +56,7 @@ private:
 
     void ShowFailure(const std::string& aName, const std::string& aReason) {
         m_Console.Problem("cannot resolve '" + aName + "': " + aReason,
-                          JsonLine("error").Add("name", aName).Add("text", aReason));
+                          JsonLine::Failed(CAUSE_NAME, aReason).Add("name", aName));
         m_nStatus = EXIT_FAILED;
     }
 

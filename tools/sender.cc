@@ -195,8 +195,7 @@ void Sender::CloseFile(bool aKept, const std::string& aReason) {
 
 void Sender::ReportFile(const std::string& aPath, uint64_t aSize, bool aKept, const std::string& aReason) {
     if (!aKept) {
-        m_Console.Problem(aPath + " was not delivered: " + aReason,
-                          JsonLine("failed").Add("name", aPath).Add("reason", aReason));
+        m_Console.Problem(aPath + " was not delivered: " + aReason, JsonLine::Failed(CAUSE_OTHER, aReason).Add("name", aPath));
         return;
     }
     ++m_nKept;

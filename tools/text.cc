@@ -29,6 +29,16 @@ std::string Printable(std::string_view aText) {
     return strText;
 }
 
+std::string Truncated(const std::string& aText, size_t aColumns) {
+    size_t stColumns = 0;
+    for (size_t i = 0; i < aText.size(); ++i) {
+        const bool bBegins = (static_cast<unsigned char>(aText[i]) & 0xC0) != 0x80;
+        if (bBegins && stColumns++ == aColumns)
+            return aText.substr(0, i);
+    }
+    return aText;
+}
+
 std::string FormatBytes(uint64_t aBytes) {
     if (aBytes < 1000)
         return std::to_string(aBytes) + " bytes";

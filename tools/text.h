@@ -10,6 +10,9 @@ namespace tool {
 // aText with '?' for every control character, so that text from a peer can neither end a line nor control a terminal.
 std::string Printable(std::string_view aText);
 
+// The first aColumns characters of UTF-8 text, of which each counts as one column.
+std::string Truncated(const std::string& aText, size_t aColumns);
+
 // "0 bytes", "999 bytes", "1.5 kB", "20.0 MB": powers of 1,000, as for disks and networks.
 std::string FormatBytes(uint64_t aBytes);
 

@@ -42,6 +42,8 @@ class AddressTest(ProgramTest):
         for host in ["127.0.0.1"] + [f"[{host}]" for host in IPV6]:
             with urllib.request.urlopen(f"http://{host}:{port}/file", timeout=PATIENCE) as answer:
                 self.assertEqual(b"content", answer.read())
+        self.assertEqual("127.0.0.1", self.listen("echo", "--host", "LocalHost", "--port", 0)[0].rpartition(":")[0])
+        self.assert_fails(self.run_talvo("echo", "--host", "other.test", "--port", 0), 2, "a name other than localhost")
 
     def test_a_race_has_one_winner(self):
         _, echo = self.listen("echo", "--host", HOST, "--port", 0)

@@ -83,7 +83,7 @@ class TransferTest(ProgramTest):
         self.assertEqual({"a\"b": b"old", "other": b"other", "empty": b""}, self.received())
         status, out, _ = server.end(signal.SIGTERM)
         self.assertEqual(128 + signal.SIGTERM, status)
-        self.assertEqual([("refused", "a\"b"), ("received", "other"), ("received", "empty")],
+        self.assertEqual([("failed", "a\"b"), ("received", "other"), ("received", "empty")],
                          [(o["event"], o["name"]) for o in self.events(out)])
 
         server = self.receive("--force", "--once")
