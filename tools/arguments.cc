@@ -285,9 +285,26 @@ void DeclareServe(CLI::App& aApp, Arguments& a) {
     aApp.add_option("directory", a.m_strDirectory, "Directory to serve; no request leads out of it")
         ->required()
         ->option_text("DIR");
+    ServeOptions& options = a.m_Serve;
+    aApp.add_option("--index", options.m_strIndex,
+                    "File to send for a directory that has it (index.html); '': always the page with the directory's entries")
+        ->option_text("NAME");
+    aApp.add_flag("--cors{*}", options.m_strOrigin,
+                  "Allow pages of any other origin to use the files, or with --cors=ORIGIN those of one origin");
+    aApp.add_option("--access-log", options.m_strAccessLog,
+                    "File to append a line to for each answer, - for stdout; SIGHUP opens it again")
+        ->option_text("FILE");
+    aApp.add_option("--access-log-format", options.m_strAccessLogFormat,
+                    "common (the default) or json, which is the default with --json")
+        ->check(CLI::IsMember({"common", "json"}))
+        ->option_text("FORMAT");
 }
 
 std::string CheckServe(Arguments& a) {
+    if (a.m_Serve.m_strIndex.find('/') != std::string::npos)
+        return "--index needs the name of a file, without a directory";
+    if (a.m_Serve.m_strOrigin.find_first_of(" \r\n") != std::string::npos)
+        return "--cors: '" + a.m_Serve.m_strOrigin + "' is not an origin such as https://www.example.com";
     struct stat status {};
     if (stat(a.m_strDirectory.c_str(), &status) != 0)
         return "'" + a.m_strDirectory + "': " + SystemError(errno);

@@ -8,6 +8,7 @@
 #include "tools/flaky_plan.h"
 #include "tools/output.h"
 #include "tools/proxy_options.h"
+#include "tools/serve_options.h"
 #include "tools/tls_options.h"
 
 namespace tool {
@@ -33,6 +34,8 @@ struct Arguments {
     OutputTarget m_Target;     // get, from m_strOutput
     bool m_bContinue = false;  // get
     std::string m_strUser;     // get: NAME:PASSWORD or ""
+
+    ServeOptions m_Serve;
 
     std::string m_strType;                             // as given, or ""
     bool m_bUdp = false;                               // echo, ping

@@ -61,4 +61,8 @@ const char* GetContentType(std::string_view aName) {
     return pFound == std::end(TYPES) ? "application/octet-stream" : pFound->m_pType;
 }
 
+bool IsText(std::string_view aType) {
+    return aType.starts_with("text/") || aType == "application/json" || aType == "image/svg+xml";
+}
+
 }  // namespace tool

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <new>
+#include <utility>
 
 #include "tools/byte_range.h"
+#include "tools/content_coding.h"
 #include "tools/content_type.h"
+#include "tools/directory_page.h"
 #include "tools/file_version.h"
-#include "tools/memory.h"
 
 namespace tool {
 
@@ -15,9 +17,7 @@ namespace {
 
 using Atoms = CCmHttpAtomList;
 
-void AnswerStatus(ICmChannelHttpServer& aChannel, long aStatus, const char* aText) {
-    RequireMemory(aChannel.AnswerText(aStatus, "text/plain; charset=utf-8", std::string(aText) + "\n"));
-}
+constexpr const char* METHODS = "GET, HEAD, OPTIONS";
 
 long StatusOfError(int aError) {
     switch (aError) {
@@ -33,8 +33,18 @@ long StatusOfError(int aError) {
     }
 }
 
-void AnswerError(ICmChannelHttpServer& aChannel, long aStatus) {
-    AnswerStatus(aChannel, aStatus, aStatus == 403 ? "forbidden" : aStatus == 503 ? "too busy" : "not found");
+void AnswerError(ServedAnswer& aAnswer, long aStatus) {
+    aAnswer.SendStatus(aStatus, aStatus == 403 ? "forbidden" : aStatus == 503 ? "too busy" : "not found");
+}
+
+// Headers of all answers about a file, also those without its content. Returns the status of the request's conditions.
+long AddVersion(ServedAnswer& aAnswer, const FileVersion& aVersion) {
+    aAnswer.SetHeader(Atoms::ETag, aVersion.GetTag());
+    // A modification time in the future would be later than the answer's own date.
+    const int64_t llNow = CCmClock::GetWallUsec() / 1000000;
+    aAnswer.SetHeader(Atoms::Last_Modified, cm_format_http_date(std::min(aVersion.GetModified(), llNow)));
+    aAnswer.SetHeader(Atoms::Accept_Ranges, "bytes");
+    return aVersion.JudgeConditions(aAnswer.GetRequest());
 }
 
 ByteRange GetRange(const CCmHttpRequestHead& aRequest, const FileVersion& aVersion, uint64_t aSize) {
@@ -43,42 +53,22 @@ ByteRange GetRange(const CCmHttpRequestHead& aRequest, const FileVersion& aVersi
     return ParseByteRange(bMeant ? std::string_view(*pRange) : std::string_view(), aSize);
 }
 
-void AnswerFile(ICmChannelHttpServer& aChannel, FileHandle aFile, const struct stat& aStatus, const std::string& aName) {
-    const CCmHttpRequestHead& request = aChannel.GetRequest();
-    const FileVersion version(aStatus);
-    RequireMemory(aChannel.SetHeader(Atoms::ETag, version.GetTag()));
-    // A modification time in the future would be later than the answer's own date.
-    const int64_t llNow = CCmClock::GetWallUsec() / 1000000;
-    RequireMemory(aChannel.SetHeader(Atoms::Last_Modified, cm_format_http_date(std::min(version.GetModified(), llNow))));
-    RequireMemory(aChannel.SetHeader(Atoms::Accept_Ranges, "bytes"));
-    const long lStatus = version.JudgeConditions(request);
-    if (lStatus == 412)
-        return AnswerStatus(aChannel, lStatus, "the file has another version");
-    if (lStatus == 304) {
-        RequireMemory(aChannel.SetStatus(lStatus));
-        RequireMemory(aChannel.EndAnswer());
-        return;
+void SendPlain(ServedAnswer& aAnswer, FileHandle aFile, const ByteRange& aRange, uint64_t aSize) {
+    const std::string strSize = "/" + std::to_string(aSize);
+    if (aRange.m_Kind == ByteRange::UNSATISFIABLE) {
+        aAnswer.SetHeader(Atoms::Content_Range, "bytes *" + strSize);
+        return aAnswer.SendStatus(416, "no such range");
     }
-    const auto ullSize = static_cast<uint64_t>(aStatus.st_size);
-    const ByteRange range = GetRange(request, version, ullSize);
-    const std::string strSize = "/" + std::to_string(ullSize);
-    if (range.m_Kind == ByteRange::UNSATISFIABLE) {
-        RequireMemory(aChannel.SetHeader(Atoms::Content_Range, "bytes *" + strSize));
-        AnswerStatus(aChannel, 416, "no such range");
-        return;
-    }
-    if (range.m_Kind == ByteRange::PART) {
-        RequireMemory(aChannel.SetStatus(206));
-        const std::string strLast = std::to_string(range.m_ullFirst + range.m_ullLength - 1);
-        RequireMemory(
-            aChannel.SetHeader(Atoms::Content_Range, "bytes " + std::to_string(range.m_ullFirst) + "-" + strLast + strSize));
-    }
-    RequireMemory(aChannel.SetHeader(Atoms::Content_Type, GetContentType(aName)));
-    RequireMemory(aChannel.BeginAnswer(range.m_ullLength));
-    if (request.GetMethod() == Atoms::Head || range.m_ullLength == 0)
-        aChannel.EndAnswer();
-    else
-        FileSender::Start(&aChannel, std::move(aFile), range.m_ullFirst, range.m_ullLength);
+    const std::string strLast = std::to_string(aRange.m_ullFirst + aRange.m_ullLength - 1);
+    if (aRange.m_Kind == ByteRange::PART)
+        aAnswer.SetHeader(Atoms::Content_Range, "bytes " + std::to_string(aRange.m_ullFirst) + "-" + strLast + strSize);
+    auto pSource = std::make_unique<FileSource>(std::move(aFile), aRange.m_ullFirst, aRange.m_ullLength);
+    aAnswer.SendBody(aRange.m_Kind == ByteRange::PART ? 206 : 200, std::move(pSource), aRange.m_ullLength);
+}
+
+void SendCompressed(ServedAnswer& aAnswer, std::unique_ptr<BodySource> aSource) {
+    aAnswer.SetHeader(Atoms::Content_Encoding, "gzip");
+    aAnswer.SendBody(200, std::make_unique<GzipSource>(std::move(aSource)), ICmChannelHttpServer::UNKNOWN_LENGTH);
 }
 
 }  // namespace
@@ -86,54 +76,121 @@ void AnswerFile(ICmChannelHttpServer& aChannel, FileHandle aFile, const struct s
 // Without memory for its answer the connection is closed. The others stay. An answer without a part would be wrong.
 void FileService::OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) {
     try {
-        Answer(*aChannel);
+        ServedAnswer answer(*aChannel, m_pLog);
+        Answer(answer);
     } catch (const std::bad_alloc&) {
         aChannel->Disconnect(CM_ERROR_OUT_OF_MEMORY);
     }
 }
 
-void FileService::Answer(ICmChannelHttpServer& aChannel) const {
-    const CCmHttpRequestHead& request = aChannel.GetRequest();
+void FileService::Answer(ServedAnswer& aAnswer) const {
+    const CCmHttpRequestHead& request = aAnswer.GetRequest();
     const CCmHttpAtom method = request.GetMethod();
     RequestPath path;
-    if (method != Atoms::Get && method != Atoms::Head) {
-        RequireMemory(aChannel.SetHeader(Atoms::Allow, "GET, HEAD"));
-        AnswerStatus(aChannel, 405, "GET and HEAD only");
+    AddOrigin(aAnswer);
+    if (method == Atoms::Options) {
+        AnswerOptions(aAnswer);
+    } else if (method != Atoms::Get && method != Atoms::Head) {
+        aAnswer.SetHeader(Atoms::Allow, METHODS);
+        aAnswer.SendStatus(405, std::string(METHODS) + " only");
     } else if (!ParseRequestPath(request.GetRequestURI(), path)) {
-        AnswerStatus(aChannel, 400, "the target is not a valid path");
+        aAnswer.SendStatus(400, "the target is not a valid path");
     } else {
-        AnswerPath(aChannel, path);
+        AnswerPath(aAnswer, path);
     }
 }
 
-void FileService::AnswerPath(ICmChannelHttpServer& aChannel, const RequestPath& aPath) const {
+// With an origin of its own an answer must not be taken from a cache for another origin.
+void FileService::AddOrigin(ServedAnswer& aAnswer) const {
+    if (m_Options.m_strOrigin.empty())
+        return;
+    aAnswer.SetHeader("Access-Control-Allow-Origin", m_Options.m_strOrigin);
+    aAnswer.SetHeader("Access-Control-Expose-Headers", "Accept-Ranges, Content-Encoding, Content-Length, Content-Range, ETag");
+    if (m_Options.m_strOrigin != "*")
+        aAnswer.AddVary("Origin");
+}
+
+// Methods and headers are the same for all targets, so the target is not looked at.
+void FileService::AnswerOptions(ServedAnswer& aAnswer) const {
+    aAnswer.SetHeader(Atoms::Allow, METHODS);
+    if (!m_Options.m_strOrigin.empty()) {
+        aAnswer.SetHeader("Access-Control-Allow-Methods", METHODS);
+        aAnswer.SetHeader("Access-Control-Allow-Headers", "*");
+        aAnswer.SetHeader("Access-Control-Max-Age", "86400");
+    }
+    aAnswer.SendNothing(204);
+}
+
+void FileService::AnswerPath(ServedAnswer& aAnswer, const RequestPath& aPath) const {
     FileHandle file = m_Directory.OpenAt(aPath.m_strPath);
     struct stat status {};
     if (!file || fstat(file.Get(), &status) != 0)
-        return AnswerError(aChannel, StatusOfError(errno));
+        return AnswerError(aAnswer, StatusOfError(errno));
     if (S_ISDIR(status.st_mode))
-        return AnswerDirectory(aChannel, aPath, std::move(file));
+        return AnswerDirectory(aAnswer, aPath, std::move(file));
     if (!S_ISREG(status.st_mode))
-        return AnswerError(aChannel, 403);
+        return AnswerError(aAnswer, 403);
     if (aPath.m_bDirectory)
-        return AnswerError(aChannel, 404);
-    AnswerFile(aChannel, std::move(file), status, aPath.m_strPath);
+        return AnswerError(aAnswer, 404);
+    AnswerFile(aAnswer, aPath.m_strPath, std::move(file), status);
 }
 
-void FileService::AnswerDirectory(ICmChannelHttpServer& aChannel, const RequestPath& aPath, FileHandle aDirectory) const {
-    const std::string strPath = "/" + aPath.m_strPath + (aPath.m_strPath.empty() ? "" : "/");
+void FileService::AnswerFile(ServedAnswer& aAnswer, const std::string& aPath, FileHandle aFile,
+                             const struct stat& aStatus) const {
+    FileVariant variant = ChooseVariant(aAnswer, m_Directory, aPath, std::move(aFile), aStatus);
+    const FileVersion version(variant.m_Status, variant.m_Form == FileVariant::COMPRESSED);
+    const auto ullSize = static_cast<uint64_t>(variant.m_Status.st_size);
+    const long lStatus = AddVersion(aAnswer, version);
+    if (lStatus == 412)
+        return aAnswer.SendStatus(lStatus, "the file has another version");
+    if (lStatus == 304)
+        return aAnswer.SendNothing(lStatus);
+    const ByteRange range = GetRange(aAnswer.GetRequest(), version, ullSize);
+    if (range.m_Kind != ByteRange::UNSATISFIABLE)
+        aAnswer.SetHeader(Atoms::Content_Type, GetContentType(aPath));
+    if (variant.m_Form == FileVariant::COMPRESSED)
+        return SendCompressed(aAnswer, std::make_unique<FileSource>(std::move(variant.m_File), 0, ullSize));
+    if (variant.m_Form == FileVariant::STORED)
+        aAnswer.SetHeader(Atoms::Content_Encoding, "gzip");
+    SendPlain(aAnswer, std::move(variant.m_File), range, ullSize);
+}
+
+void FileService::AnswerDirectory(ServedAnswer& aAnswer, const RequestPath& aPath, FileHandle aDirectory) const {
+    const std::string strPath = aPath.m_strPath + (aPath.m_strPath.empty() ? "" : "/");
     if (!aPath.m_bDirectory) {  // relative links of the page need the trailing slash
-        RequireMemory(aChannel.SetHeader(Atoms::Location, EncodePath(strPath)));
-        return AnswerStatus(aChannel, 301, "it is a directory");
+        aAnswer.SetHeader(Atoms::Location, "/" + EncodePath(strPath));
+        return aAnswer.SendStatus(301, "it is a directory");
     }
-    FileHandle index = m_Directory.OpenAt((strPath + "index.html").substr(1));
+    if (!AnswerIndex(aAnswer, strPath))
+        AnswerPage(aAnswer, aPath, std::move(aDirectory));
+}
+
+// false: there is no such file.
+bool FileService::AnswerIndex(ServedAnswer& aAnswer, const std::string& aDirectory) const {
+    if (m_Options.m_strIndex.empty())
+        return false;
+    FileHandle index = m_Directory.OpenAt(aDirectory + m_Options.m_strIndex);
     struct stat status {};
-    if (index && fstat(index.Get(), &status) == 0 && S_ISREG(status.st_mode))
-        return AnswerFile(aChannel, std::move(index), status, "index.html");
-    const std::string strPage = MakeDirectoryPage(m_Directory, std::move(aDirectory), aPath.m_strPath);
-    if (strPage.empty())
-        return AnswerError(aChannel, StatusOfError(errno));
-    RequireMemory(aChannel.AnswerText(200, "text/html; charset=utf-8", strPage));
+    if (!index || fstat(index.Get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return false;
+    AnswerFile(aAnswer, aDirectory + m_Options.m_strIndex, std::move(index), status);
+    return true;
+}
+
+void FileService::AnswerPage(ServedAnswer& aAnswer, const RequestPath& aPath, FileHandle aDirectory) const {
+    DirectoryListing listing;
+    if (!ListDirectory(m_Directory, std::move(aDirectory), aPath.m_strPath, listing))
+        return AnswerError(aAnswer, StatusOfError(errno));
+    std::string strPage = MakeDirectoryPage(aPath.m_strPath, listing, ParsePageOrder(aPath.m_strQuery));
+    const size_t stSize = strPage.size();
+    auto pSource = std::make_unique<TextSource>(std::move(strPage));
+    aAnswer.SetHeader(Atoms::Content_Type, "text/html; charset=utf-8");
+    aAnswer.SetHeader("Content-Security-Policy", "default-src 'none'; style-src 'unsafe-inline'");
+    aAnswer.AddVary("Accept-Encoding");
+    if (AcceptsGzip(aAnswer.GetRequestHeader(Atoms::Accept_Encoding)) && GzipSource::IsAvailable())
+        SendCompressed(aAnswer, std::move(pSource));
+    else
+        aAnswer.SendBody(200, std::move(pSource), stSize);
 }
 
 }  // namespace tool

@@ -10,7 +10,7 @@ namespace {
 
 using Atoms = CCmHttpAtomList;
 
-// aWeakToo: a weak tag, with "W/" before it, counts as well.
+// aWeakToo: a listed weak tag, with "W/" before it, counts as well.
 bool IsListed(std::string_view aTags, std::string_view aTag, bool aWeakToo) {
     if (aTags == "*")
         return true;
@@ -25,11 +25,13 @@ bool IsListed(std::string_view aTags, std::string_view aTag, bool aWeakToo) {
 
 }  // namespace
 
-FileVersion::FileVersion(const struct stat& aStatus) : m_llModified(aStatus.st_mtim.tv_sec) {
+FileVersion::FileVersion(const struct stat& aStatus, bool aCompressed)
+    : m_bWeak(aCompressed), m_llModified(aStatus.st_mtim.tv_sec) {
     char szTag[64];
     const uint64_t ullNanoseconds =
         static_cast<uint64_t>(aStatus.st_mtim.tv_sec) * 1000000000 + static_cast<uint64_t>(aStatus.st_mtim.tv_nsec);
-    std::snprintf(szTag, sizeof szTag, "\"%" PRIx64 "-%" PRIx64 "\"", ullNanoseconds, static_cast<uint64_t>(aStatus.st_size));
+    std::snprintf(szTag, sizeof szTag, "\"%" PRIx64 "-%" PRIx64 "%s\"", ullNanoseconds, static_cast<uint64_t>(aStatus.st_size),
+                  aCompressed ? "-gz" : "");
     m_strTag = szTag;
 }
 
@@ -42,7 +44,7 @@ long FileVersion::JudgeConditions(const CCmHttpRequestHead& aRequest) const {
 // Tags take precedence over dates. A malformed date is ignored.
 bool FileVersion::IsMeant(const CCmHttpRequestHead& aRequest) const {
     if (const CCmString* pTags = aRequest.FindHeader(Atoms::If_Match))
-        return IsListed(*pTags, m_strTag, false);
+        return *pTags == "*" || (!m_bWeak && IsListed(*pTags, m_strTag, false));
     const CCmString* pDate = aRequest.FindHeader(Atoms::If_Unmodified_Since);
     int64_t llDate = 0;
     return !pDate || !cm_parse_http_date(*pDate, llDate) || m_llModified <= llDate;

@@ -11,10 +11,12 @@ namespace tool {
 
 class FileVersion {
 public:
-    explicit FileVersion(const struct stat& aStatus);
+    // aCompressed: the file is sent compressed. Such an answer has another tag, and a weak one, since another version of the
+    // program may compress to other bytes.
+    explicit FileVersion(const struct stat& aStatus, bool aCompressed = false);
 
-    const std::string& GetTag() const { return m_strTag; }  // as in headers, with quotes
-    int64_t GetModified() const { return m_llModified; }    // seconds since 1970 UTC
+    std::string GetTag() const { return (m_bWeak ? "W/" : "") + m_strTag; }  // as in headers, with quotes
+    int64_t GetModified() const { return m_llModified; }                     // seconds since 1970 UTC
 
     // The status for a GET or HEAD of this version, by RFC 9110, 13.2.2. 200: no condition prevents the answer. 304: the client
     // has this version. 412: the client expects another version.
@@ -27,7 +29,8 @@ private:
     bool IsMeant(const CCmHttpRequestHead& aRequest) const;
     bool IsNotModified(const CCmHttpRequestHead& aRequest) const;
 
-    std::string m_strTag;
+    std::string m_strTag;  // without "W/"
+    const bool m_bWeak;
     int64_t m_llModified;
 };
 

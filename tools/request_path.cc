@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cctype>
 
 namespace tool {
@@ -45,10 +46,13 @@ std::string_view CutAuthority(std::string_view aTarget) {
 
 bool ParseRequestPath(std::string_view aTarget, RequestPath& aPath) {
     std::string_view left = CutAuthority(aTarget);
-    left = left.substr(0, left.find_first_of("?#"));
+    left = left.substr(0, left.find('#'));
+    const size_t stPath = std::min(left.find('?'), left.size());
+    const std::string_view query = left.substr(stPath);
+    left = left.substr(0, stPath);
     if (!left.starts_with('/'))
         return false;
-    aPath = {"", left.ends_with('/')};
+    aPath = {"", left.ends_with('/'), std::string(query.substr(query.empty() ? 0 : 1))};
     while (!left.empty()) {
         left.remove_prefix(1);
         std::string strPart;

@@ -1,4 +1,7 @@
+#include <memory>
+
 #include "tools/application.h"
+#include "tools/body_sender.h"
 #include "tools/commands.h"
 #include "tools/file_service.h"
 #include "tools/listening.h"
@@ -9,7 +12,8 @@ namespace {
 
 class Server : public FileService {
 public:
-    Server(const ServedDirectory& aDirectory, Console& aConsole) : FileService(aDirectory), m_Console(aConsole) {}
+    Server(const ServedDirectory& aDirectory, const ServeOptions& aOptions, AccessLog* aLog, Console& aConsole)
+        : FileService(aDirectory, aOptions, aLog), m_pLog(aLog), m_Console(aConsole) {}
 
     // aContext null: http.
     bool Start(const CCmInetAddr& aAddr, CCmRefPtrT<CCmSslContext> aContext) {
@@ -32,25 +36,37 @@ public:
         return false;
     }
 
-    // Existing connections keep the old files.
-    void Reload(CCmSslContext& aContext) {
-        if (aContext.Reload() == CM_OK)
+    // Existing connections keep the old certificates. A program that moves the log away signals that a new one is due.
+    void Reload(CCmSslContext* aContext) {
+        const std::string strLog = m_pLog ? m_pLog->Open() : "";
+        if (!strLog.empty())
+            m_Console.Problem(strLog, CAUSE_LOCAL);
+        if (aContext && aContext->Reload() == CM_OK)
             m_Console.Report("reloaded the certificates", JsonLine("reloaded"));
-        else
+        else if (aContext)
             m_Console.Problem("the certificates cannot be reloaded, and the old ones stay");
     }
 
     void AnnounceEnd() {
-        const unsigned uAnswers = FileSender::GetCount();
+        const unsigned uAnswers = BodySender::GetCount();
         if (uAnswers > 0)
             m_Console.Report("ending; answers under way: " + std::to_string(uAnswers) + "; a second signal ends at once",
                              JsonLine("ending").Add("answers", uAnswers));
     }
 
 private:
+    AccessLog* const m_pLog;
     Console& m_Console;
     CCmRefPtrT<ICmChannelServerAcceptor> m_pAcceptor;
 };
+
+// Null: none.
+std::unique_ptr<AccessLog> MakeLog(const ServeOptions& aOptions, bool aJson) {
+    if (aOptions.m_strAccessLog.empty())
+        return nullptr;
+    const bool bJson = aOptions.m_strAccessLogFormat.empty() ? aJson : aOptions.m_strAccessLogFormat == "json";
+    return std::make_unique<AccessLog>(aOptions.m_strAccessLog, bJson ? AccessLog::JSON : AccessLog::COMMON);
+}
 
 }  // namespace
 
@@ -58,18 +74,22 @@ private:
 int RunServe(const Arguments& aArguments) {
     Console console(aArguments.m_bJson);
     ServedDirectory directory;
-    const std::string strProblem = directory.Open(aArguments.m_strDirectory);
+    std::string strProblem = directory.Open(aArguments.m_strDirectory);
+    const std::unique_ptr<AccessLog> pLog = MakeLog(aArguments.m_Serve, aArguments.m_bJson);
+    if (strProblem.empty() && pLog)
+        strProblem = pLog->Open();
     if (!strProblem.empty()) {
-        console.Problem(strProblem);
+        console.Problem(strProblem, CAUSE_LOCAL);
         return EXIT_FAILED;
     }
     Application::RaiseDescriptorLimit();
     Application application(CCmThreadManager::NETWORK_THREAD_MAIN);
-    Server server(directory, console);
+    Server server(directory, aArguments.m_Serve, pLog.get(), console);
     if (application.IsStarted() && !server.Start(aArguments.m_Addr, aArguments.m_pContext))
         return EXIT_FAILED;
-    if (const CCmRefPtrT<CCmSslContext> pContext = aArguments.m_pContext)
-        application.ReloadOnHangUp([&server, pContext] { server.Reload(*pContext); });
+    const CCmRefPtrT<CCmSslContext> pContext = aArguments.m_pContext;
+    if (pContext || pLog)
+        application.ReloadOnHangUp([&server, pContext] { server.Reload(pContext.Get()); });
     const int nStatus = application.Run();
     server.AnnounceEnd();
     application.Drain();

@@ -11,9 +11,8 @@
 #include <cerrno>
 #include <memory>
 #include <string_view>
-#include <vector>
+#include <utility>
 
-#include "tools/request_path.h"
 #include "tools/text.h"
 
 namespace tool {
@@ -21,7 +20,6 @@ namespace tool {
 namespace {
 
 constexpr int READ_FLAGS = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-constexpr size_t MAX_ENTRIES = 10000;
 
 // If the system cannot confine links to the directory, none are followed.
 int OpenWithoutLinks(int aDirectory, std::string_view aPath, int aFlags) {
@@ -36,18 +34,16 @@ int OpenWithoutLinks(int aDirectory, std::string_view aPath, int aFlags) {
     return current.Detach();
 }
 
-std::string MakeLink(const std::string& aName) {
-    // "./" keeps a name with a colon from being read as a scheme.
-    return "<li><a href=\"./" + EncodePath(aName) + "\">" + EscapeHtml(Printable(aName)) + "</a></li>\n";
-}
-
-// "" for an entry that a request could not get.
-std::string MakeEntry(const ServedDirectory& aRoot, const std::string& aPath, const std::string& aName) {
-    const FileHandle file = aRoot.OpenAt(aPath.empty() ? aName : aPath + "/" + aName);
+// false: a request could not get the entry.
+bool LookAt(const ServedDirectory& aRoot, const std::string& aPath, DirectoryEntry& aEntry) {
+    const FileHandle file = aRoot.OpenAt(aPath.empty() ? aEntry.m_strName : aPath + "/" + aEntry.m_strName);
     struct stat status {};
     if (!file || fstat(file.Get(), &status) != 0)
-        return "";
-    return MakeLink(S_ISDIR(status.st_mode) ? aName + "/" : aName);
+        return false;
+    aEntry.m_bDirectory = S_ISDIR(status.st_mode);
+    aEntry.m_ullSize = aEntry.m_bDirectory ? 0 : static_cast<uint64_t>(status.st_size);
+    aEntry.m_llModified = status.st_mtim.tv_sec;
+    return true;
 }
 
 }  // namespace
@@ -81,26 +77,24 @@ int ServedDirectory::OpenInside(const std::string& aPath, int aFlags) const {
     return static_cast<int>(lFd);
 }
 
-std::string MakeDirectoryPage(const ServedDirectory& aRoot, FileHandle aDirectory, const std::string& aPath) {
-    std::vector<std::string> names;
+bool ListDirectory(const ServedDirectory& aRoot, FileHandle aDirectory, const std::string& aPath, DirectoryListing& aListing) {
     const std::unique_ptr<DIR, int (*)(DIR*)> pDir(fdopendir(aDirectory.Get()), closedir);
     if (!pDir)
-        return "";
+        return false;
     aDirectory.Detach();  // the stream closes it
+    size_t stSeen = 0;
     while (const dirent* pEntry = readdir(pDir.get())) {
-        const std::string strName = pEntry->d_name;
-        if (strName != "." && strName != ".." && names.size() < MAX_ENTRIES)
-            names.push_back(strName);
+        DirectoryEntry entry{pEntry->d_name};
+        if (entry.m_strName == "." || entry.m_strName == "..")
+            continue;
+        aListing.m_bIncomplete = stSeen++ == DirectoryListing::MAX_ENTRIES;
+        if (aListing.m_bIncomplete)
+            break;
+        if (LookAt(aRoot, aPath, entry))
+            aListing.m_Entries.push_back(std::move(entry));
     }
-    std::sort(names.begin(), names.end());
-    const std::string strTitle = EscapeHtml(Printable(aPath.empty() ? "/" : "/" + aPath + "/"));
-    std::string strPage = "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>" + strTitle +
-                          "</title></head>\n<body><h1>" + strTitle + "</h1>\n<ul>\n";
-    if (!aPath.empty() && aRoot.OpenAt(aPath.substr(0, aPath.find_last_of('/') + 1)))
-        strPage += "<li><a href=\"../\">../</a></li>\n";
-    for (const std::string& strName : names)
-        strPage += MakeEntry(aRoot, aPath, strName);
-    return strPage + "</ul></body></html>\n";
+    aListing.m_bHasParent = !aPath.empty() && aRoot.OpenAt(aPath.substr(0, aPath.find_last_of('/') + 1));
+    return true;
 }
 
 }  // namespace tool

@@ -1,7 +1,9 @@
 // The directory that is served. No path leads out of it.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "tools/file_handle.h"
 
@@ -24,8 +26,23 @@ private:
     FileHandle m_Directory;
 };
 
-// A page with links to the entries of aDirectory, which was opened at aPath. It has no link to entries that a request could not
-// get: pipes and devices, unreadable files, symbolic links that lead outside. Entries beyond a limit are omitted.
-std::string MakeDirectoryPage(const ServedDirectory& aRoot, FileHandle aDirectory, const std::string& aPath);
+struct DirectoryEntry {
+    std::string m_strName;
+    bool m_bDirectory = false;
+    uint64_t m_ullSize = 0;    // 0 for a directory
+    int64_t m_llModified = 0;  // seconds since 1970 UTC
+};
+
+struct DirectoryListing {
+    static constexpr size_t MAX_ENTRIES = 10000;
+
+    std::vector<DirectoryEntry> m_Entries;
+    bool m_bIncomplete = false;  // further entries were omitted
+    bool m_bHasParent = false;   // a request can get the directory above
+};
+
+// aListing (out): the entries of aDirectory, which was opened at aPath, but for those that a request could not get: pipes and
+// devices, unreadable files, symbolic links that lead outside. false: it cannot be read, see errno.
+bool ListDirectory(const ServedDirectory& aRoot, FileHandle aDirectory, const std::string& aPath, DirectoryListing& aListing);
 
 }  // namespace tool
