@@ -1,6 +1,5 @@
 #include "tools/arguments.h"
 
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,10 +13,10 @@
 #include "tools/console.h"
 #include "tools/file_name.h"
 #include "tools/forwarding.h"
+#include "tools/get_arguments.h"
 #include "tools/proxy_arguments.h"
 #include "tools/text.h"
 #include "tools/tls_arguments.h"
-#include "tools/url.h"
 
 namespace tool {
 
@@ -60,7 +59,9 @@ Types of connection; both ends need the same, but package and package-keepalive 
 With package, package-keepalive and nopartial, --udp sends each message in a datagram of its own. With each type, --tls encrypts
 a connection over TCP.
 
-Exit status: 0 success, 1 failure, 2 wrong arguments, 128 + N ended by signal N (130 after Ctrl-C).)";
+Exit status: 0 success, 1 failure, 2 wrong arguments, 128 + N ended by signal N (130 after Ctrl-C). Failures of get: 3 the
+name, 4 the connection, 5 TLS, 6 silence, 7 a broken connection, 8 the protocol, 9 a refusal (HTTP status), 10 a file or the
+memory here, 11 another version.)";
 
 constexpr DWORD MAX_DATAGRAM = 65507;
 constexpr size_t MOST_RACERS = 16;
@@ -241,44 +242,6 @@ std::string CheckResolve(Arguments& a) {
     return "";
 }
 
-void DeclareGet(CLI::App& aApp, Arguments& a) {
-    aApp.add_option("URL", a.m_strUrl, "URL to fetch: http://..., https://... or file://...")->required()->option_text("URL");
-    aApp.add_option("-o,--out", a.m_strOutput,
-                    "File to write, named FILE.part until it is complete; by default, or with -: stdout")
-        ->option_text("FILE");
-    aApp.add_flag("--continue", a.m_bContinue, "Fetch only the rest if FILE.part is a beginning of the same version");
-    aApp.add_option("--connect-to", a.m_strEndpoint, "Connect there instead of to the URL's host; see talvo --help")
-        ->option_text("ENDPOINT");
-    aApp.add_option("--user", a.m_strUser, "Credentials for a server that requires them")->option_text("NAME:PASSWORD");
-    DeclareTrust(aApp, a);
-    DeclareInsecure(aApp, a);
-    DeclareProxy(aApp, a);
-}
-
-std::string CheckGet(Arguments& a) {
-    const std::string strUrl = CheckUrl(a.m_strUrl);
-    if (!strUrl.empty())
-        return strUrl;
-    const std::string strEndpoint = a.m_strEndpoint.empty() ? "" : ParseEndpoint(a.m_strEndpoint, a.m_Addr);
-    if (!strEndpoint.empty())
-        return "--connect-to: " + strEndpoint;
-    const std::string strTarget = JudgeTarget(a.m_strOutput, a.m_Target);
-    if (!strTarget.empty())
-        return "--out: " + strTarget;
-    if (a.m_bContinue && a.m_Target.m_Kind != OutputTarget::REGULAR)
-        return "--continue needs --out with a file";
-    if (a.m_bJson && a.m_Target.m_Kind == OutputTarget::STDOUT)
-        return "--json needs --out";
-    if (!a.m_strUser.empty() && a.m_strUser.find(':') == std::string::npos)
-        return "--user needs NAME:PASSWORD";
-    const std::string strTls = MakeClientContext(a.m_Tls, a.m_pContext);
-    const std::string strProblem = strTls.empty() ? CheckProxy(a) : strTls;
-    const bool bNetwork = strncasecmp(a.m_strUrl.c_str(), "file:", 5) != 0;
-    if (!strProblem.empty() || bNetwork || (!a.m_pContext && a.m_Proxy.m_Route.IsEmpty()))
-        return strProblem;
-    return a.m_pContext ? "a file URL has no TLS" : "a file URL has no proxy";
-}
-
 void DeclareServe(CLI::App& aApp, Arguments& a) {
     DeclareListening(aApp, a);
     DeclareClientTrust(aApp, a);
@@ -387,7 +350,7 @@ constexpr Subcommand SUBCOMMANDS[] = {
     {"send", "Send files to a `talvo recv`", DeclareSend, CheckSend, RunSend},
     {"echo", "Send all data back, for any number of clients", DeclareEcho, CheckListening, RunEcho},
     {"ping", "Measure round trips to a `talvo echo`", DeclarePing, CheckPing, RunPing},
-    {"get", "Fetch a file by its URL", DeclareGet, CheckGet, RunGet},
+    {"get", "Fetch files by their URLs", DeclareGet, CheckGet, RunGet},
     {"resolve", "Look up the addresses of host names", DeclareResolve, CheckResolve, RunResolve},
     {"serve", "Serve the files of a directory over HTTP or https", DeclareServe, CheckServe, RunServe},
     {"publish", "Forward lines to any number of `talvo subscribe`", DeclarePublish, CheckPublish, RunPublish},

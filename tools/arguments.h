@@ -6,10 +6,11 @@
 
 #include "tools/endpoint.h"
 #include "tools/flaky_plan.h"
-#include "tools/output.h"
+#include "tools/get_options.h"
 #include "tools/proxy_options.h"
 #include "tools/serve_options.h"
 #include "tools/tls_options.h"
+#include "tools/transfer_options.h"
 
 namespace tool {
 
@@ -29,12 +30,8 @@ struct Arguments {
     std::vector<std::string> m_vecFiles;  // send
     std::vector<std::string> m_vecNames;  // to look up
 
-    std::string m_strUrl;      // get
-    std::string m_strOutput;   // get, as given
-    OutputTarget m_Target;     // get, from m_strOutput
-    bool m_bContinue = false;  // get
-    std::string m_strUser;     // get: NAME:PASSWORD or ""
-
+    GetOptions m_Get;
+    TransferOptions m_Transfer;  // get
     ServeOptions m_Serve;
 
     std::string m_strType;                             // as given, or ""

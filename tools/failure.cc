@@ -30,7 +30,9 @@ const char* GetCauseName(ECause aCause) {
     return "other";
 }
 
-ECause GetCause(CmResult aReason) {
+namespace {
+
+ECause GetCauseOfResult(CmResult aReason) {
     switch (aReason) {
     case CM_ERROR_INVALID_ARG:
         return CAUSE_USAGE;
@@ -62,6 +64,26 @@ ECause GetCause(CmResult aReason) {
     default:
         return CAUSE_OTHER;
     }
+}
+
+}  // namespace
+
+ECause GetCause(CmResult aReason, const CCmFailure& aDetail) {
+    switch (aDetail.GetCause()) {
+    case CM_FAILURE_NO_SUCH_NAME:
+    case CM_FAILURE_NO_RESOLVER:
+        return CAUSE_NAME;
+    case CM_FAILURE_TIMEOUT:
+    case CM_FAILURE_SILENCE:
+        return CAUSE_TIMEOUT;
+    case CM_FAILURE_LOCAL:
+        return CAUSE_LOCAL;
+    case CM_FAILURE_NONE:
+    case CM_FAILURE_SYSTEM:
+    case CM_FAILURE_PROTOCOL:
+        break;
+    }
+    return GetCauseOfResult(aReason);
 }
 
 }  // namespace tool

@@ -25,8 +25,8 @@ enum ECause : int {
 // "other", "usage", "name" and so on.
 const char* GetCauseName(ECause aCause);
 
-// The cause that a result of the library stands for.
-ECause GetCause(CmResult aReason);
+// The cause that a result of the library stands for. aDetail, if known, is more exact.
+ECause GetCause(CmResult aReason, const CCmFailure& aDetail = {});
 
 // The outcome of an operation that can fail. Without a reason it has not failed.
 struct Failure {

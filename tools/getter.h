@@ -2,73 +2,53 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
-#include "talvo/talvo.h"
 #include "tools/application.h"
-#include "tools/arguments.h"
+#include "tools/backoff.h"
 #include "tools/console.h"
-#include "tools/output.h"
-#include "tools/partial_file.h"
+#include "tools/fetch.h"
 #include "tools/progress_report.h"
 
 namespace tool {
 
-// Fetches one URL and finishes the application, with EXIT_OK if all of it arrived. Main thread. The arguments, the application
-// and the console outlive it.
-class Getter : private ICmChannelSink {
+// Fetches one URL after the other, each in one or more attempts, and finishes the application with the status of the first
+// failure, or EXIT_OK. Main thread. The arguments, the application and the console outlive it.
+class Getter : private IFetchUser, private CCmTimerWrapperIDSink {
 public:
     Getter(const Arguments& aArguments, Application& aApplication, Console& aConsole);
-    ~Getter() override;
-    Getter(const Getter&) = delete;
-    Getter& operator=(const Getter&) = delete;
 
     void Start();
 
 private:
-    static constexpr uint64_t UNKNOWN = UINT64_MAX;
+    void OnFetched(const Failure& aFailure) override;
+    void OnTimer(CCmTimerWrapperID* aId) override;
 
-    void OnConnect(CmResult aReason, ICmChannel* aChannel) override;
-    void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
-    void OnSend(ICmTransport*, CCmTransportParameter*) override {}
-    void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
-
-    std::string MakeOutput();
-    std::string OpenFileUrl(CCmHttpUrl& aUrl);
-    std::string OpenHttpUrl(CCmHttpUrl& aUrl);
-    CmResult MakeClient(CCmHttpUrl& aUrl);
-    void AskForRest();
-
-    // Prepares the output for the answer. Returns "" or an error text.
-    std::string OnAnswer();
-    std::string OnWhole();
-    bool IsSameVersion(bool aIsPart) const;
-    std::string OnRest();
-    std::string OnNothingLeft();
-    std::string GetHeader(const CCmHttpAtom& aAtom) const;
-    // The strong tag, or the time of the last change: a weak tag does not identify a version byte by byte.
-    std::string GetVersion() const;
-
-    std::string DescribeFailure(CmResult aReason) const;
-    void Deliver();
-    void Finish(const std::string& aProblem);
+    const GetJob& GetJobNow() const { return m_Arguments.m_Get.m_vecJobs[m_stJob]; }
+    void StartJob();
+    Failure StartAttempt();
+    void Go(Failure aFailure);
+    bool TryAgain(const Failure& aFailure);
+    bool MayRepeat(ECause aCause) const;
+    void EndJob(const Failure& aFailure);
+    void ReportResult() const;
 
     const Arguments& m_Arguments;
     Application& m_Application;
     Console& m_Console;
     ProgressReport m_Progress;
+    RateLimit m_Rate;
+    CCmTimerWrapperID m_Timer;  // the next attempt
+    size_t m_stJob = 0;
+    int m_nStatus = EXIT_OK;
+
+    // Of the present job:
     std::unique_ptr<Output> m_pOutput;
-    PartialFile* m_pFile = nullptr;  // m_pOutput if it is a PartialFile
-    CCmRefPtrT<ICmChannelHttpClient> m_pHttp;
-    CCmRefPtrT<ICmChannel> m_pChannel;  // m_pHttp, or the channel of a file
-    uint64_t m_ullBeginning = 0;        // bytes that existed before
-    uint64_t m_ullSize = 0;             // announced
-    uint64_t m_ullRest = UNKNOWN;       // bytes that a partial answer will have
-    uint64_t m_ullGot = 0;
-    bool m_bMetered = false;
-    bool m_bSkip = false;  // ignore the body: it is not the requested file
+    std::optional<Backoff> m_Backoff;
+    uint64_t m_ullGot = 0;  // in all attempts
     int64_t m_llStarted = 0;
-    CCmString m_strServer;  // the proxy server of the answer; "": none
+    std::unique_ptr<Fetch> m_pFetch;  // below the objects that it uses
 };
 
 }  // namespace tool

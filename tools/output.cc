@@ -118,7 +118,10 @@ DirectOutput::~DirectOutput() {
         close(m_nFd);
 }
 
-std::string DirectOutput::Begin(std::string_view) {
+std::string DirectOutput::Begin(std::string_view aTag) {
+    m_strTag = aTag;
+    if (m_nFd >= 0)
+        return "";
     m_nFd = m_strPath.empty() ? STDOUT_FILENO : OpenWithReader(m_strPath);
     struct stat status {};
     if (m_nFd < 0 || fstat(m_nFd, &status) != 0)
@@ -140,6 +143,7 @@ std::string DirectOutput::Write(std::string_view aBytes) {
         if (!WaitForRoom(m_nFd) || !WriteAll(m_nFd, piece))
             return Problem();
         aBytes.remove_prefix(piece.size());
+        m_ullSize += piece.size();
     }
     return "";
 }

@@ -1,6 +1,7 @@
 // The destination of `talvo get`.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -21,13 +22,23 @@ struct OutputTarget {
 // aPath as given; "", "-" and "/dev/stdout" are stdout. aTarget (out). Returns "" or an error text.
 std::string JudgeTarget(const std::string& aPath, OutputTarget& aTarget);
 
-// The operations return "" or an error text. Nothing outside is changed before Begin.
+// The operations return "" or an error text. Nothing outside is changed before Begin. One object serves all attempts to fetch
+// its content.
 class Output {
 public:
     virtual ~Output() = default;
 
+    // Looks for the beginning that an earlier attempt has left, and changes nothing. GetSize and GetTag return its result.
+    virtual std::string LookForBeginning() = 0;
+    virtual uint64_t GetSize() const = 0;           // 0: no beginning
+    virtual const std::string& GetTag() const = 0;  // of the version that it belongs to; "": unknown, so it cannot be continued
+    // FALSE: bytes that cannot be taken back are out, so only their rest may follow.
+    virtual bool MayBegin() const = 0;
+
     // A suitable answer has come, and its whole body follows. aTag: the server's tag of this version, or "".
     virtual std::string Begin(std::string_view aTag) = 0;
+    // The answer has the rest behind the beginning.
+    virtual std::string Continue() = 0;
     virtual std::string Write(std::string_view aBytes) = 0;
     // The file is complete.
     virtual std::string Publish() = 0;
@@ -39,8 +50,14 @@ public:
     explicit DirectOutput(std::string aPath) : m_strPath(std::move(aPath)) {}
     ~DirectOutput() override;
 
-    // These two wait for the reader of a pipe, until a signal ends the program.
+    std::string LookForBeginning() override { return ""; }
+    uint64_t GetSize() const override { return m_ullSize; }
+    const std::string& GetTag() const override { return m_strTag; }
+    bool MayBegin() const override { return m_ullSize == 0; }
+
+    // Begin and Write wait for the reader of a pipe, until a signal ends the program.
     std::string Begin(std::string_view aTag) override;
+    std::string Continue() override { return ""; }
     std::string Write(std::string_view aBytes) override;
     std::string Publish() override;
 
@@ -50,6 +67,8 @@ private:
     const std::string m_strPath;
     int m_nFd = -1;
     size_t m_stPiece = 0;
+    uint64_t m_ullSize = 0;  // bytes written in all attempts
+    std::string m_strTag;
 };
 
 }  // namespace tool

@@ -50,6 +50,7 @@ PartialFile::PartialFile(std::string aPath)
       m_strTagPath(m_strPath + std::string(LONGEST_SUFFIX)) {}
 
 std::string PartialFile::LookForBeginning() {
+    m_Part = FileHandle();
     bool bThere = false;
     uint64_t ullSize = 0;
     const std::string strProblem = LookFor(m_strPart, bThere, ullSize);

@@ -23,14 +23,13 @@ public:
 
     explicit PartialFile(std::string aPath);
 
-    // Looks for a FILE.part with a tag, and changes nothing. GetSize and GetTag return its result.
-    std::string LookForBeginning();
-    uint64_t GetSize() const { return m_ullSize; }  // 0: no beginning
-    const std::string& GetTag() const { return m_strTag; }
+    // Looks for a FILE.part with a tag. An earlier attempt of the same object is over.
+    std::string LookForBeginning() override;
+    uint64_t GetSize() const override { return m_ullSize; }
+    const std::string& GetTag() const override { return m_strTag; }
+    bool MayBegin() const override { return true; }
 
-    // For an answer with the rest.
-    std::string Continue();
-
+    std::string Continue() override;
     // Replaces an existing part.
     std::string Begin(std::string_view aTag) override;
     std::string Write(std::string_view aBytes) override;

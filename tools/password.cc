@@ -85,4 +85,14 @@ std::string ReadPassword(const char* aVariable, const std::string& aPrompt, std:
     return aPassword.size() > LONGEST_PASSWORD ? "a shorter password" : "";
 }
 
+std::string ReadPasswordFile(const std::string& aPath, std::string& aPassword) {
+    aPassword.clear();
+    aPassword.reserve(LONGEST_PASSWORD + 1);
+    const FileHandle file(open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (!file)
+        return "a readable password file, not '" + aPath + "'";
+    ReadLine(file.Get(), '\n', aPassword);
+    return aPassword.size() > LONGEST_PASSWORD ? "a shorter password" : "";
+}
+
 }  // namespace tool

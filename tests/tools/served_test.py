@@ -1,6 +1,9 @@
 #!/usr/bin/env python3
 """Asks `talvo serve` as a browser does."""
 import email.utils
+import gzip
+import http.client
+import json
 import os
 import re
 import signal
@@ -10,21 +13,90 @@ import unittest
 import urllib.error
 import urllib.request
 
-from program import HOST, PATIENCE, ProgramTest
+from program import HOST, PATIENCE, ProgramTest, poll
 
 NOBODY = 65534
 
 
 class ServedTest(ProgramTest):
-    def serve_here(self):
+    def serve_here(self, *arguments):
         self.directory.chmod(0o755)
         # Not as root, who may read everything.
         user = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}
-        return self.serve("serve", ".", cwd=self.directory, **user)
+        return self.serve("serve", ".", *arguments, cwd=self.directory, **user)
 
     def ask(self, url):
         with urllib.request.urlopen(url, timeout=PATIENCE) as answer:
             return answer.headers, answer.read()
+
+    def answer(self, listening, target, method="GET", **headers):
+        """The status, headers and body of one request; "_" in a name stands for "-"."""
+        client = http.client.HTTPConnection(HOST, listening.port, timeout=PATIENCE)
+        self.addCleanup(client.close)
+        client.request(method, target, headers={name.replace("_", "-"): value for name, value in headers.items()})
+        answer = client.getresponse()
+        return answer.status, answer.headers, answer.read()
+
+    def test_text_is_compressed_for_clients_that_take_it(self):
+        text = "".join(f"<p>paragraph {i * i}</p>\n" for i in range(100000)).encode()
+        short, stale, picture = b"short", b"plain" * 1000, os.urandom(1000)
+        for name, content in (("text.html", text), ("short.html", short), ("old.css", stale), ("a.png", picture), ("a.png.gz", b"stored")):
+            self.make(name, content)
+        os.utime(self.make("old.css.gz", "stale"), (1, 1))
+        listening = self.serve_here()
+        for accepted, taken in (("gzip", True), ("br, GZIP;q=0.5", True), ("*", True), ("x-gzip", True), ("", False), ("br", False),
+                                ("gzip;q=0", False), ("*, gzip;q=0", False), ("gzip;q=0.1, identity", False), ("gzip;q=x", False)):
+            status, headers, body = self.answer(listening, "/text.html", Accept_Encoding=accepted)
+            self.assertEqual((200, taken, "Accept-Encoding"), (status, "Content-Encoding" in headers, headers["Vary"]), accepted)
+            self.assertEqual(text, gzip.decompress(body) if taken else body)
+        for name, content, coding in (("short.html", short, None), ("old.css", stale, "gzip"), ("a.png", b"stored", "gzip")):
+            _, headers, body = self.answer(listening, "/" + name, Accept_Encoding="gzip")
+            self.assertEqual(coding, headers["Content-Encoding"])
+            self.assertEqual(content, gzip.decompress(body) if name == "old.css" else body)
+        plain, packed = (self.answer(listening, "/text.html", "HEAD", Accept_Encoding=coding)[1]["ETag"] for coding in ("", "gzip"))
+        self.assertNotEqual(plain, packed)
+        for tag, status in (packed, 304), (plain, 200):
+            self.assertEqual(status, self.answer(listening, "/text.html", Accept_Encoding="gzip", If_None_Match=tag)[0])
+        part = self.answer(listening, "/text.html", Accept_Encoding="gzip", Range="bytes=3-5", If_Range=plain)
+        self.assertEqual((206, text[3:6], None), (part[0], part[2], part[1]["Content-Encoding"]))
+        self.assertEqual((200, text), self.answer(listening, "/text.html", Accept_Encoding="gzip", Range="bytes=3-5", If_Range=packed)[::2])
+
+    def test_other_origins_and_options(self):
+        self.make("file", "content")
+        self.make("home.txt", "home")
+        for origin, arguments in (None, []), ("*", ["--cors"]), ("https://a.test", ["--cors=https://a.test"]):
+            listening = self.serve_here("--index", "home.txt", *arguments)
+            for method, target, expected in ("GET", "/file", 200), ("OPTIONS", "/file", 204), ("OPTIONS", "*", 204), ("PUT", "/file", 405):
+                status, headers, _ = self.answer(listening, target, method)
+                self.assertEqual((expected, origin), (status, headers["Access-Control-Allow-Origin"]))
+                self.assertEqual(None if expected == 200 else "GET, HEAD, OPTIONS", headers["Allow"])
+            self.assertEqual(b"home", self.answer(listening, "/")[2])
+
+    def test_the_access_log_has_a_line_for_each_answer(self):
+        self.make("file", "x" * 100000)
+        log, moved = self.directory / "log", self.directory / "moved"
+        self.make("log", "").chmod(0o666)
+        listening = self.serve_here("--access-log", "log")
+        for target, headers in ("/file", {}), ("/file", {"Range": "bytes=0-9"}), ("/none?\"", {"Referer": "r"}):
+            self.answer(listening, target, **headers)
+        self.answer(listening, "/file", "HEAD")
+        poll("four lines", lambda: log.read_text().count("\n") == 4)
+        lines = re.sub(r"\[[^]]*\]", "[]", log.read_text()).splitlines()
+        self.assertEqual([f'127.0.0.1 - - [] "{rest}' for rest in (
+            'GET /file HTTP/1.1" 200 100000', 'GET /file HTTP/1.1" 206 10', 'GET /none?\\x22 HTTP/1.1" 404 10',
+            'HEAD /file HTTP/1.1" 200 -')], lines)
+        self.directory.chmod(0o777)
+        log.rename(moved)
+        listening.process.send_signal(signal.SIGHUP)
+        poll("the log is opened again", log.exists)
+        self.answer(listening, "/file")
+        poll("a line", log.read_text)
+        self.assertEqual(4, moved.read_text().count("\n"))
+        listening = self.serve_here("--json", "--access-log", "-")
+        self.answer(listening, "/file", User_Agent='a"b')
+        line = json.loads(listening.process.stdout.readline())
+        self.assertEqual(["request", "GET", "/file", 200, 100000, 'a"b'],
+                         [line[field] for field in ("event", "method", "target", "status", "bytes", "agent")])
 
     def test_a_signal_lets_answers_end_and_a_second_does_not(self):
         with open(self.directory / "file", "wb") as file:
@@ -138,6 +210,17 @@ class ServedTest(ProgramTest):
         self.assertIn(b">a b&lt;&quot;&#39;&amp;&gt;<", self.ask(url)[1])
         for link in links:
             self.ask(url + link.decode())  # throws at a status that is none of success
+
+    def test_a_page_is_sorted_by_its_query(self):
+        for age, (name, size) in enumerate((("file10", 1), ("file2", 300), ("z", 20))):
+            os.utime(self.make(name, "x" * size), (1000 - age, 1000 - age))
+        (self.directory / "zz").mkdir()
+        url = self.serve_here().url
+        for query, expected in (("", "zz/ file2 file10 z"), ("?sort=-name", "zz/ z file10 file2"), ("?sort=size", "zz/ file10 z file2"),
+                                ("?sort=-size", "zz/ file2 z file10"), ("?sort=date", "zz/ z file2 file10"), ("?sort=<", "zz/ file2 file10 z")):
+            page = self.ask(url + "/" + query)[1].decode()
+            self.assertEqual(expected.split(), re.findall(r'<a href="\./(.*?)">', page), query)
+        self.assertIn("1 folder, 3 files, 321 bytes", page)
 
 
 if __name__ == "__main__":

@@ -3,6 +3,7 @@
 #include "tests/support/test.h"
 #include "tools/json_line.h"
 #include "tools/progress_meter.h"
+#include "tools/rate_limit.h"
 #include "tools/url.h"
 
 namespace tool {
@@ -42,6 +43,19 @@ TEST(ToolProgressMeterTest, RateIsThatOfTheLastSeconds) {
         meter.Sample();
     }
     EXPECT_EQ("10.0 MB of 100.0 MB (10%), 1.0 MB/s, 1:30 left", FormatProgress(meter.Sample()));
+}
+
+TEST(ToolRateLimitTest, PausesAreThoseOfTheRate) {
+    CCmFakeClock clock;
+    RateLimit limit(1000);
+    EXPECT_EQ(500000, limit.Count(500));
+    EXPECT_EQ(600000, limit.Count(100));
+    clock.Advance(CCmTimeValue(3));  // idle time is not saved up
+    EXPECT_EQ(2000, limit.Count(2));
+    uint64_t ullRate = 0;
+    for (const auto& [text, rate] : std::initializer_list<std::pair<const char*, int>>{
+             {"1", 1}, {"500k", 500000}, {"1.5M", 1500000}, {"", 0}, {"k", 0}, {"0", 0}, {"1x", 0}})
+        EXPECT_EQ(rate, ParseRate(text, ullRate) ? static_cast<int>(ullRate) : 0) << text;
 }
 
 }  // namespace tool

@@ -60,14 +60,14 @@ class TlsTest(ProgramTest):
             self.assertEqual(content, answer.read())
         self.assertEqual((0, content), (self.run_talvo("get", url, *self.root(), "-o", out).returncode, out.read_bytes()))
         for trust in (), self.root("other-root"):
-            self.assert_fails(self.run_talvo("get", url, *trust, "-o", self.directory / "refused"), 1, UNVERIFIED)
-        self.assert_fails(self.run_talvo("get", url.replace("https", "http"), "-o", self.directory / "refused"), 1)
+            self.assert_fails(self.run_talvo("get", url, *trust, "-o", self.directory / "refused"), 5, UNVERIFIED)
+        self.assert_fails(self.run_talvo("get", url.replace("https", "http"), "-o", self.directory / "refused"), 7)
         self.assertFalse((self.directory / "refused").exists())
         insecure = self.run_talvo("get", url, "--insecure", "-o", out)
         self.assertEqual((0, True), (insecure.returncode, "warning: --insecure" in insecure.stderr))
         server = self.serve("serve", self.directory, *self.own(), *self.root())
         url = f"https://{server.address}/source"
-        for own, status in ((), 1), (self.own(), 1), (self.own("client"), 0):
+        for own, status in ((), 7), (self.own(), 7), (self.own("client"), 0):
             self.assertEqual(status, self.run_talvo("get", url, *self.root(), *own, "-o", out).returncode, own)
 
     def test_connections_of_each_type(self):
@@ -95,7 +95,7 @@ class TlsTest(ProgramTest):
         port = self.answer_once(b"")
         self.assert_fails(self.run_talvo("ping", f"{HOST}:{port}", "--tls", *self.root()), 1, "the stream was cut")
         port = self.answer_once(b"HTTP/1.1 200 OK\r\n\r\nhalf")  # only its end delimits the body
-        self.assert_fails(self.run_talvo("get", f"https://{HOST}:{port}/", *self.root(), "-o", self.directory / "out"), 1, "cut")
+        self.assert_fails(self.run_talvo("get", f"https://{HOST}:{port}/", *self.root(), "-o", self.directory / "out"), 7, "cut")
         self.assertFalse((self.directory / "out").exists())
         recv = self.serve("recv", "--out", self.directory, "--once", "--tls", *self.own())
         context = ssl.create_default_context(cafile=self.path("root.pem"))
