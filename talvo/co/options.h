@@ -21,6 +21,7 @@ struct option {
     uint32_t command;  // of ECmTransportOption or ECsOption
 };
 
+// Options for connection::get and set, with the types of their values.
 namespace options {
 
 inline constexpr option<int> send_buffer{CM_OPT_TRANSPORT_SNDBUF};                  // bytes of the socket

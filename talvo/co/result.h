@@ -8,6 +8,7 @@
 
 #include "talvo/base/error_category.h"
 
+// Names in lower case are for applications; classes that begin with C, I or A are parts of the library.
 namespace talvo {
 
 // The outcome of an operation: a value; or an error; or neither, with an error of 0, which is an orderly end. Errors of the
