@@ -3,7 +3,7 @@
 #   SOURCE  the project's folder
 #   TARGET  the folder of headers to install into
 cmake_policy(VERSION 3.25)
-set(open talvo/talvo.h talvo/co.h)
+set(open talvo/talvo.h talvo/co.h talvo/callbacks.h)
 set(seen ${open})
 while(open)
   list(POP_FRONT open header)

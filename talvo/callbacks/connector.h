@@ -1,0 +1,35 @@
+// Connectors with options. Not for applications.
+#pragma once
+
+#include "talvo/co/kind.h"
+#include "talvo/co/options.h"
+
+namespace talvo {
+inline namespace callbacks {
+namespace impl {
+
+inline CmResult set_tls(ICmAcceptorConnectorId* object, const tls_context* tls) {
+    if (!tls)
+        return CM_OK;
+    CCmRefPtrT<CCmSslContext> context = tls->native();
+    return cm_get_connect_options(object)->SetOption(CM_OPT_CONNECT_SSL_CONTEXT, &context);
+}
+
+inline CmResult make_connector(kind type, const connect_options& options, CCmRefPtrT<ICmConnector>& made) {
+    CCmConnectionManager* const manager = CCmConnectionManager::Instance();
+    CmResult code = manager ? manager->CreateConnectionClient(type.type(), made.ParaOut()) : CM_ERROR_NOT_INITIALIZED;
+    const auto set = [&](uint32_t command, auto value) {
+        return cm_get_connect_options(made.Get())->SetOption(command, &value);
+    };
+    if (code == CM_OK)
+        code = set_tls(made.Get(), options.tls);
+    if (code == CM_OK && !options.server_name.empty())
+        code = set(CM_OPT_CONNECT_SERVER_NAME, CCmString(options.server_name));
+    if (code == CM_OK && options.proxy)
+        code = set(CM_OPT_CONNECT_PROXY, uint32_t{CM_CONNECT_PROXY_DISCOVERED});
+    return code;
+}
+
+}  // namespace impl
+}  // namespace callbacks
+}  // namespace talvo
