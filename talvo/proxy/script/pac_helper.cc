@@ -42,13 +42,13 @@ CPacHelper::~CPacHelper() {
 }
 
 CmResult CPacHelper::Start(const CCmString& aPath) {
+    CChildProgram program;
+    program.m_strPath = aPath;  // may throw, so before there is a socket
     int sockets[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) == -1)
         return CM_ERROR_FAILURE;
     m_Socket = sockets[0];
     fcntl(m_Socket, F_SETFL, O_NONBLOCK);  // this end alone
-    CChildProgram program;
-    program.m_strPath = aPath;
     program.m_Input = sockets[1];
     CmResult rv = m_Process.Start(program, *this);
     close(sockets[1]);
@@ -123,11 +123,20 @@ int CPacHelper::OnOutput(HANDLE) {
         const ssize_t lSent = send(m_Socket, m_strUnsent.data(), m_strUnsent.size(), MSG_NOSIGNAL);
         if (lSent == -1 && errno == EINTR)
             continue;
-        if (lSent == -1)
-            break;  // there is no room, or the end of the process follows
+        if (lSent == -1) {
+            OnSocketError_i();
+            break;
+        }
         m_strUnsent.erase(0, static_cast<size_t>(lSent));
     }
     return -2;
+}
+
+// Of a send or a receive. Unless the socket is full or empty, the process is killed, and the report of its end follows.
+void CPacHelper::OnSocketError_i() {
+    m_bReset = m_bReset || errno == ECONNRESET;
+    if (errno != EAGAIN)
+        m_Process.Kill();
 }
 
 // One piece a call, so that a helper that never stops sending delays neither the timer nor other handlers.
@@ -135,9 +144,12 @@ int CPacHelper::OnInput(HANDLE) {
     CCmRefPtrT<CPacHelper> pKeep(this);
     char buffer[PIECE];
     const ssize_t lRead = recv(m_Socket, buffer, sizeof buffer, 0);
-    m_bReset = m_bReset || (lRead == -1 && errno == ECONNRESET);
+    if (lRead == -1 && errno == EINTR)
+        return 0;
+    if (lRead == -1)
+        OnSocketError_i();
     if (lRead <= 0)
-        return lRead == -1 && errno == EINTR ? 0 : -2;
+        return -2;
     const char* szFault = "memory ran out";
     WithMemory([&] {
         m_Reader.Add({buffer, static_cast<size_t>(lRead)});

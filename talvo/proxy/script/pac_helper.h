@@ -91,6 +91,7 @@ private:
     void SendFind_i();
     void AddClock_i(CPacFrameWriter& aFrame) const;
     void Send_i(CPacFrameWriter& aFrame);
+    void OnSocketError_i();
     BOOL IsUnread_i();
     void EndJob_i(EPacEnd aEnd, std::string_view aText);
     void Fail_i(const char* aWhy, BOOL aUnread = FALSE);
