@@ -20,6 +20,10 @@ constexpr DWORD TOKEN = RELIABLE | CCmConnectionManager::CTYPE_RECONNECT_TOKEN;
 constexpr DWORD NO_PARTIAL = CCmConnectionManager::CTYPE_SEND_NO_PARTIAL_DATA;
 constexpr DWORD PROXY = CCmConnectionManager::CTYPE_FORCE_THREAD_PROXY;
 
+const CCmTempDir s_Dir;  // made before the runs, whose processes end without destructors
+const std::string s_strScript =
+    s_Dir.Write("proxy.pac", "function FindProxyForURL() { alert(1); return 'PROXY ' + dnsResolve('localhost') + ':1'; }");
+
 // Sends until the same comes back; what goes as a datagram is sent again when it was lost.
 bool Echo(CWorld& aWorld, CServer& aServer, CEnd& aEnd, const std::string& aText, bool aDatagrams) {
     int nTurns = 0;
@@ -221,28 +225,46 @@ bool UseThreads(CWorld& aWorld) {
     return bAll;
 }
 
-// Both ends are here and end together, so one may lose what the other no longer receives.
 struct CProxyAsker final : ICmObserver {
-    void OnObserve(const char*, void* aData) override { m_Result = static_cast<CCmProxyAnswer*>(aData)->GetResult(); }
+    void OnObserve(const char*, void* aData) override {
+        const CCmSafeCode safe;
+        const auto& answer = *static_cast<CCmProxyAnswer*>(aData);
+        m_Result = answer.GetResult();
+        m_strAnswer = answer.GetRoute().GetScriptText() + answer.GetError();
+    }
     CmResult m_Result = CM_ERROR_WOULD_BLOCK;
+    std::string m_strAnswer;
 };
 
-// The user's proxies, found anew.
+// The helper is ended after an idle minute. Its process ends in the system's time.
+void EndHelper(CWorld& aWorld) {
+    const auto isGone = [](const char* aObject) { return CCmLiveCounter::Dump().find(aObject) == std::string::npos; };
+    int nTurns = 0;
+    aWorld.Run([&] { return ++nTurns > 400; });
+    aWorld.Run([&] { return isGone("CPacHelper"); });
+    aWorld.Run([&] { return isGone("CChildProcess"); }, TRUE);
+}
+
+// The user's proxies, by a script. Each run fetches it anew, by another spelling of its URL, and starts a helper.
 bool FindProxies(CWorld& aWorld) {
     static const CCmString URL = "http://a-name-that-needs-memory.example/";
+    static int s_nRun = 0;
+    const std::string strPath = std::string(1 + s_nRun++ % 32, '/') + s_strScript;
+    const CCmString strSettings = "Mode=script\nScriptUrl=file://" + strPath;
     CProxyAsker asker;
     CCmRefPtrT<CCmProxyAnswer> pAnswer;
     const CmResult rv = CWorld::Do([&]() -> CmResult {
         CCmProxyDiscovery* pDiscovery = CCmProxyDiscovery::Instance();
-        if (pDiscovery)
-            pDiscovery->Refresh();
-        return pDiscovery ? pDiscovery->Find(pAnswer.ParaOut(), URL, &asker) : CM_ERROR_OUT_OF_MEMORY;
+        const CmResult set = pDiscovery ? pDiscovery->SetSettings(strSettings) : CM_ERROR_OUT_OF_MEMORY;
+        return set == CM_OK ? pDiscovery->Find(pAnswer.ParaOut(), URL, &asker) : set;
     });
     if (rv == CM_ERROR_WOULD_BLOCK)
-        Require(aWorld.Run([&] { return asker.m_Result != rv; }), "a question for proxies has no answer");
-    return asker.m_Result == CM_OK;
+        Require(aWorld.Run([&] { return asker.m_Result != rv; }, TRUE), "no answer for proxies");
+    EndHelper(aWorld);
+    return asker.m_strAnswer == "PROXY 127.0.0.1:1" || asker.m_strAnswer.starts_with("DIRECTno script can run");
 }
 
+// Both ends are here and end together, so one may lose what the other no longer receives.
 bool IsDrained(CmResult aResult) { return aResult == CM_OK || aResult == CM_ERROR_NETWORK_SOCKET_ERROR; }
 
 bool DrainWithSink(CWorld& aWorld) {

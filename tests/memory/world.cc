@@ -28,7 +28,7 @@ std::string Left() {
 
 }  // namespace
 
-BOOL CWorld::Run(const std::function<bool()>& aCondition) {
+BOOL CWorld::Run(const std::function<bool()>& aCondition, BOOL aSystem) {
     int nTurnsSince = 0;
     for (int i = 0; i < MOST_TURNS && !g_szViolation; ++i) {
         if (aCondition())
@@ -38,7 +38,9 @@ BOOL CWorld::Run(const std::function<bool()>& aCondition) {
         const CCmTimeValue tvWait = m_bOwnThread || i > QUICK_TURNS ? CCmTimeValue(0, 1000) : CCmTimeValue::s_tvZero;
         if (ICmReactor* pMain = CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN))
             Do([&] { static_cast<CCmReactorEpoll*>(pMain)->RunOnce(&tvWait); });
-        m_Clock.Advance(CCmTimeValue(0, TURN_USEC));
+        m_Clock.Advance(CCmTimeValue(0, aSystem ? 1000 : TURN_USEC));
+        if (aSystem)
+            ms_sleep(1);
     }
     return FALSE;
 }

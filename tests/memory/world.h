@@ -52,8 +52,9 @@ public:
             m_Network.emplace(m_bOwnThread ? CCmThreadManager::NETWORK_THREAD_OWN : CCmThreadManager::NETWORK_THREAD_MAIN);
     }
 
-    // Turns of the loop until the condition holds. FALSE: it does not, however long one waits.
-    BOOL Run(const std::function<bool()>& aCondition);
+    // Turns of the loop until the condition holds. FALSE: it does not, however long one waits. aSystem: another process has a
+    // part in it, so time goes on as the system's.
+    BOOL Run(const std::function<bool()>& aCondition, BOOL aSystem = FALSE);
     // Nothing that a scenario made is left, descriptors included.
     void RequireClean();
 
