@@ -358,7 +358,7 @@ TEST_F(ProxyDiscoveryTest, AnotherNetworkDropsTheAnswers) {
     if (nRv == -1)
         GTEST_SKIP() << "there is no right to make a network";
     m_Texts.Set("http://s/p", "PROXY p:1");
-    Configure("Mode=script\nScriptUrl=http://s/p");
+    Configure("Mode=script\nScriptUrl=http://s/p\nAnswerSeconds=3600");
     CCmFakeClock clock;
     EXPECT_EQ("http://p:1 script http://s/p", Find("http://a.test/"));
     m_Network.InNetwork([&] {
@@ -368,12 +368,14 @@ TEST_F(ProxyDiscoveryTest, AnotherNetworkDropsTheAnswers) {
         loopback.ifr_flags = IFF_UP;
         EXPECT_EQ(0, ioctl(fd.Get(), SIOCSIFFLAGS, &loopback));
     });
-    for (const char* pAnswer : {"kept http://p:1 script http://s/p", "http://q:1 script http://s/p"}) {
-        m_Network.InNetwork([] {});
-        EXPECT_EQ(pAnswer, Find("http://a.test/"));
+    std::string strAnswer = Find("http://a.test/");
+    EXPECT_EQ("kept http://p:1 script http://s/p", strAnswer);
+    for (int i = 0; i < 100 && strAnswer.starts_with("kept"); ++i) {  // the network thread reads the messages when it can
         clock.Advance(CCmTimeValue(3));
         m_Network.InNetwork([] {});
+        strAnswer = Find("http://a.test/");
     }
+    EXPECT_EQ("http://q:1 script http://s/p", strAnswer);
 }
 
 TEST(ProxySourcesTest, OnlyTheFirstSettingsOfADesktopAreWaitedFor) {
