@@ -35,6 +35,7 @@ struct application_settings {
 // Connections, listeners and timers may outlive the application: they have ended then.
 class application final : private ICmSignalSink {
 public:
+    // Starts the library; error() says whether that has worked.
     explicit application(const application_settings& settings = {}) : settings_(settings), error_(make_error_code(start())) {
         if (error_)
             failure_ = "cannot start: " + error_.message();
