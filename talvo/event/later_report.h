@@ -17,12 +17,12 @@ public:
 
     // Owner's thread. Keeps the owner alive until the loop has run the report. FALSE: the thread has ended.
     CmBool Arm() {
+        if (m_bPosted)
+            return m_bDue = CM_TRUE;
         ACmThread* pThread = CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_CURRENT);
         if (!pThread)
             return CM_FALSE;
-        m_bDue = CM_TRUE;
-        if (std::exchange(m_bPosted, CM_TRUE))
-            return CM_TRUE;
+        m_bDue = m_bPosted = CM_TRUE;
         m_Owner.AddReference();
         return pThread->GetLink().PostEvent(this) == CM_OK;
     }
