@@ -1,6 +1,7 @@
 #include "talvo/connection/protocol/receive_chain.h"
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 namespace talvo {
@@ -42,6 +43,10 @@ BOOL CReceiveChain::AddBlock_i(DWORD aSize) {
 BOOL CReceiveChain::Peek(void* aDst, DWORD aCount) const {
     if (aCount > m_dwLength)
         return FALSE;
+    if (aCount > 0 && aCount <= HeadLength_i()) {
+        std::memcpy(aDst, m_Chain.GetHead()->GetTopLevelReadPtr(), aCount);
+        return TRUE;
+    }
     return m_Chain.IsEmpty() || m_Chain.GetHead()->Read(aDst, aCount, nullptr, FALSE) == CM_OK;
 }
 
@@ -49,6 +54,10 @@ void CReceiveChain::Skip(DWORD aCount) {
     m_dwLength -= aCount;
     if (m_dwLength == 0) {
         Clear();
+        return;
+    }
+    if (aCount < HeadLength_i()) {
+        m_Chain.GetHead()->AdvanceTopLevelReadPtr(aCount);
         return;
     }
     m_Chain.GetHead()->AdvanceChainedReadPtr(aCount);
