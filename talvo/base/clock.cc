@@ -7,6 +7,8 @@
 #include <x86intrin.h>
 #endif
 
+#include "talvo/base/recent_tick.h"
+
 ICmClock::~ICmClock() = default;
 
 namespace {
@@ -43,6 +45,11 @@ int64_t RecentSystemUsec() {
 #endif
 }
 
+int64_t RecentUsec() {
+    ICmClock* pClock = s_pClock.load(std::memory_order_acquire);
+    return pClock ? pClock->GetMonotonicUsec() : RecentSystemUsec();
+}
+
 // Computed once per process. A replaced source keeps the offset, so time does not jump if the source starts at the system's
 // time.
 int64_t WallOffsetUsec() {
@@ -52,10 +59,7 @@ int64_t WallOffsetUsec() {
 
 }  // namespace
 
-int64_t CCmClock::GetTimeOfDayUsec() {
-    ICmClock* pClock = s_pClock.load(std::memory_order_acquire);
-    return (pClock ? pClock->GetMonotonicUsec() : RecentSystemUsec()) + WallOffsetUsec();
-}
+int64_t CCmClock::GetTimeOfDayUsec() { return RecentUsec() + WallOffsetUsec(); }
 
 int64_t CCmClock::GetWallUsec() {
     ICmClock* pClock = s_pClock.load(std::memory_order_acquire);
@@ -63,6 +67,8 @@ int64_t CCmClock::GetWallUsec() {
 }
 
 ICmClock* CCmClock::Replace(ICmClock* aClock) { return s_pClock.exchange(aClock, std::memory_order_acq_rel); }
+
+DWORD talvo::GetRecentTick() { return static_cast<DWORD>(RecentUsec() / 1000); }
 
 DWORD get_tick_count() { return static_cast<DWORD>(MonotonicUsec() / 1000); }
 
