@@ -1,12 +1,14 @@
 #include "talvo/session/forward_session.h"
 
 #include <new>
+#include <utility>
 
 #include "talvo/base/trace.h"
 #include "talvo/connection/connection_manager.h"
 #include "talvo/event/thread.h"
 #include "talvo/event/thread_manager.h"
 #include "talvo/session/forward_core.h"
+#include "talvo/session/forward_handle.h"
 #include "talvo/session/forward_session_proxy.h"
 
 ICmForwardSink::~ICmForwardSink() = default;
@@ -15,30 +17,22 @@ namespace talvo {
 
 namespace {
 
-// The handle. Only the user holds references to it, so the last release is seen, and no upcall follows.
-class CForwardSession final : public ICmForwardSession, public CCmReferenceControlT<CCmMutexNullSingleThread> {
+// Only the user holds references to it, so the last release is seen, and no upcall follows.
+class CLocalSession : public ICmForwardSession, public CCmReferenceControlT<CCmMutexNullSingleThread> {
 public:
-    explicit CForwardSession(CCmRefPtrT<CForwardCore> aCore) : m_pCore(std::move(aCore)) {}
-    ~CForwardSession() override { m_pCore->Close(CM_OK); }
+    ~CLocalSession() override { m_pCore->Close(CM_OK); }
     DWORD AddReference() override { return CCmReferenceControlT::AddReference(); }
     DWORD ReleaseReference() override { return CCmReferenceControlT::ReleaseReference(); }
 
-    CmResult AddReceiver(ICmTransport* aTransport, const CCmForwardReceiverOptions& aOptions, DWORD& aId) override {
-        return m_pCore->AddReceiver(aTransport, aOptions, aId);
-    }
-    CmResult RemoveReceiver(DWORD aId, CmResult aReason) override { return m_pCore->RemoveReceiver(aId, aReason); }
-    CmResult Forward(CCmMessageBlock& aData, const CCmForwardHeader* aHeader) override {
-        return m_pCore->Forward(aData, aHeader);
-    }
-    CmResult SetOption(DWORD aCommand, void* aArg) override { return m_pCore->SetOption(aCommand, aArg); }
-    CmResult GetStatistics(CCmForwardStatistics& aStatistics, DWORD aId) override {
-        return m_pCore->GetStatistics(aStatistics, aId);
-    }
-    CCmString Dump() override { return m_pCore->Dump(); }
-    CmResult Close(CmResult aReason) override { return m_pCore->Close(aReason); }
+protected:
+    explicit CLocalSession(CCmRefPtrT<CForwardCore> aCore) : m_pCore(std::move(aCore)) {}
 
-private:
     const CCmRefPtrT<CForwardCore> m_pCore;
+};
+
+class CForwardSession final : public CForwardHandleT<CLocalSession> {
+public:
+    explicit CForwardSession(CCmRefPtrT<CForwardCore> aCore) : CForwardHandleT(std::move(aCore)) {}
 };
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include "talvo/base/mutex.h"
 #include "talvo/session/forward_core.h"
+#include "talvo/session/forward_handle.h"
 #include "talvo/transport/thread_proxy/proxy_core.h"
 
 namespace talvo {
@@ -115,27 +116,13 @@ private:
     size_t m_stNext = 0;
 };
 
-class CForwardSessionProxy final : public CThreadProxyT<ICmForwardSession, CForwardProxyCore> {
+class CForwardSessionProxy final : public CForwardHandleT<CThreadProxyT<ICmForwardSession, CForwardProxyCore>> {
 public:
     static CmResult Make(ICmForwardSink& aSink, CCmThreadLink& aUser, CCmThreadLink& aNetwork, ICmForwardSession*& aSession);
 
-    CmResult AddReceiver(ICmTransport* aTransport, const CCmForwardReceiverOptions& aOptions, DWORD& aId) override {
-        return m_pCore->AddReceiver(aTransport, aOptions, aId);
-    }
-    CmResult RemoveReceiver(DWORD aId, CmResult aReason) override { return m_pCore->RemoveReceiver(aId, aReason); }
-    CmResult Forward(CCmMessageBlock& aData, const CCmForwardHeader* aHeader) override {
-        return m_pCore->Forward(aData, aHeader);
-    }
-    CmResult SetOption(DWORD aCommand, void* aArg) override { return m_pCore->SetOption(aCommand, aArg); }
-    CmResult GetStatistics(CCmForwardStatistics& aStatistics, DWORD aId) override {
-        return m_pCore->GetStatistics(aStatistics, aId);
-    }
-    CCmString Dump() override { return m_pCore->Dump(); }
-    CmResult Close(CmResult aReason) override { return m_pCore->Close(aReason); }
-
 private:
     friend class CThreadProxyT<ICmForwardSession, CForwardProxyCore>;
-    using CThreadProxyT::CThreadProxyT;
+    using CForwardHandleT::CForwardHandleT;
 };
 
 }  // namespace talvo
