@@ -29,16 +29,15 @@ BOOL CForwardBatch::Prepare(const CForwardLog& aLog, uint64_t aNumber, EForwardF
 
 // The bytes of the batch; 0: it is not worth it.
 DWORD CForwardBatch::Measure_i(const CForwardLog& aLog, DWORD aHeader) {
-    DWORD dwBytes = 0;
+    DWORD dwPayload = 0;
     for (uint64_t n = m_ullNumber; n < m_ullEnd && GetCount() < MAX_MESSAGES; ++n) {
         const CForwardMessage& message = aLog.At(n).m_Message;
-        const DWORD dwLength = aHeader + message.m_dwLength;
-        if (message.m_pPayload || dwBytes + dwLength > MAX_BYTES)
+        if (message.m_pPayload || dwPayload + message.m_dwLength > MAX_PAYLOAD)
             break;
-        m_Lengths.push_back(dwLength);
-        dwBytes += dwLength;
+        m_Lengths.push_back(aHeader + message.m_dwLength);
+        dwPayload += message.m_dwLength;
     }
-    return GetCount() >= LEAST_MESSAGES ? dwBytes : 0;
+    return GetCount() >= LEAST_MESSAGES ? dwPayload + GetCount() * aHeader : 0;
 }
 
 void CForwardBatch::Clear() {

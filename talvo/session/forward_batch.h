@@ -24,7 +24,7 @@ public:
 private:
     static constexpr DWORD LEAST_MESSAGES = 4;  // fewer are not worth a block
     static constexpr DWORD MAX_MESSAGES = 1024;
-    static constexpr DWORD MAX_BYTES = 65536;
+    static constexpr DWORD MAX_PAYLOAD = 65536;  // as much as makes Forward send
 
     DWORD Measure_i(const CForwardLog& aLog, DWORD aHeader);
 

@@ -23,7 +23,7 @@ BOOL CForwardChain::Add(const CForwardMessage& aMessage) {
     const DWORD dwHeader = CForwardMessage::HEADER_LENGTH - m_dwSkip;
     const DWORD dwLength = dwHeader + aMessage.m_dwLength;
     if (m_dwPieces + dwPieces > MAX_PIECES || m_dwMessages == MAX_MESSAGES ||
-        (m_dwBytes > 0 && m_dwBytes + dwLength > MAX_BYTES))
+        (m_dwPayload > 0 && m_dwPayload + aMessage.m_dwLength > MAX_PAYLOAD))
         return FALSE;
     const DWORD dwInBlock = aMessage.m_pPayload ? dwHeader : dwLength;
     if (dwInBlock > 0)
@@ -35,7 +35,7 @@ BOOL CForwardChain::Add(const CForwardMessage& aMessage) {
         Link_i();
     }
     m_dwLengths[m_dwMessages++] = dwLength;
-    m_dwBytes += dwLength;
+    m_dwPayload += aMessage.m_dwLength;
     return TRUE;
 }
 

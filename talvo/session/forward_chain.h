@@ -14,14 +14,14 @@ class TALVO_API CForwardChain {
 public:
     static constexpr DWORD MAX_PIECES = CNetworkBuffers::MAX_PIECES;
     static constexpr DWORD MAX_MESSAGES = 256;
-    static constexpr DWORD MAX_BYTES = 65536;
+    static constexpr DWORD MAX_PAYLOAD = 65536;
 
     explicit CForwardChain(EForwardFraming aFraming) : m_dwSkip(static_cast<DWORD>(aFraming)) {}
     ~CForwardChain();
     CForwardChain(const CForwardChain&) = delete;
     CForwardChain& operator=(const CForwardChain&) = delete;
 
-    // FALSE: there is no room for all pieces of aMessage, or its bytes and others are together too many; none is added.
+    // FALSE: there is no room for all pieces of aMessage, or its payload and others are together too long; none is added.
     BOOL Add(const CForwardMessage& aMessage);
 
     BOOL IsEmpty() const { return m_dwMessages == 0; }
@@ -38,7 +38,7 @@ private:
     const DWORD m_dwSkip;
     DWORD m_dwPieces = 0;
     DWORD m_dwMessages = 0;
-    DWORD m_dwBytes = 0;
+    DWORD m_dwPayload = 0;
     DWORD m_dwLengths[MAX_MESSAGES];
     alignas(CCmMessageBlock) std::byte m_Storage[MAX_PIECES * sizeof(CCmMessageBlock)];  // the first m_dwPieces are constructed
 };

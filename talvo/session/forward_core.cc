@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <limits>
 
-#include "talvo/base/clock.h"
 #include "talvo/base/live_counter.h"
+#include "talvo/base/recent_tick.h"
 #include "talvo/base/trace.h"
 
 namespace talvo {
@@ -42,7 +42,7 @@ CmResult CForwardCore::Forward(CCmMessageBlock& aData, const CCmForwardHeader* a
         return CM_OK;
     if (dwLength > GetLeastMaxMessage() && dwLength > GetMaxMessage())
         return CM_ERROR_INVALID_ARG;
-    const DWORD dwTick = get_tick_count();
+    const DWORD dwTick = GetRecentTick();
     CmResult rv = Admit_i(dwLength, dwTick);
     if (rv != CM_OK)
         return rv;
@@ -58,9 +58,21 @@ CmResult CForwardCore::Forward(CCmMessageBlock& aData, const CCmForwardHeader* a
 CmResult CForwardCore::ForwardMessage(CForwardMessage& aMessage) {
     if (m_bClosed)
         return CM_ERROR_NOT_AVAILABLE;
-    const DWORD dwTick = get_tick_count();
-    const CmResult rv = Admit_i(aMessage.m_dwLength, dwTick);
-    return rv == CM_OK ? Append_i(aMessage, dwTick) : rv;
+    const DWORD dwTick = GetRecentTick();
+    const DWORD dwLength = aMessage.m_dwLength;
+    if (const CmResult rv = Admit_i(dwLength, dwTick); rv != CM_OK)
+        return rv;
+    if (dwLength > GetLeastMaxMessage())
+        RemoveTooSmall_i(dwLength);
+    return Append_i(aMessage, dwTick);
+}
+
+// Those that joined after the length of the message was checked.
+void CForwardCore::RemoveTooSmall_i(DWORD aLength) {
+    m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
+        if (aReceiver.GetMaxMessage() < aLength)
+            Remove_i(aReceiver, CM_ERROR_INVALID_ARG, FALSE, TRUE);
+    });
 }
 
 // A Forward inside an upcall of a transport that is being served only adds its message: the next one applies the limits.
@@ -122,10 +134,11 @@ void CForwardCore::RaiseBound_i(const CForwardCursor& aCursor) {
 }
 
 BOOL CForwardCore::IsFull_i(DWORD aLength) const {
-    return m_Log.GetCount() > 0 && (m_Log.GetCount() >= m_dwLogMessages || m_Log.GetBytesHeld() + aLength > m_dwLogBytes);
+    return m_Log.GetCount() > 0 && (m_Log.GetCount() >= m_dwLogMessages || m_Log.GetHeld().m_ullBytes + aLength > m_dwLogBytes);
 }
 
 CmResult CForwardCore::MakeRoom_i(DWORD aLength, DWORD aTick) {
+    BoundKept_i();
     while (IsFull_i(aLength)) {
         if (m_Log.GetBegin() >= m_ullLeastNeeded) {
             if (const CmResult rv = ReleaseFirst_i(aTick); rv != CM_OK)
@@ -134,10 +147,17 @@ CmResult CForwardCore::MakeRoom_i(DWORD aLength, DWORD aTick) {
                 break;  // inside an upcall
         }
         m_Log.DropFirst();
+        BoundKept_i();
     }
-    while (m_Log.GetKeyCount() > 0 && m_Log.GetBytesHeld() + aLength > m_dwLogBytes)
+    while (m_Log.GetKeyCount() > 0 && m_Log.GetHeld().m_ullBytes + aLength > m_dwLogBytes)
         ForgetKey_i();
     return CM_OK;
+}
+
+// What is kept for keys leaves the log room for the messages that receivers still need.
+void CForwardCore::BoundKept_i() {
+    while (m_Log.GetKeyCount() > 0 && m_Log.GetBytesKept() > m_dwLogBytes / 2)
+        ForgetKey_i();
 }
 
 // No receiver loses the first message of the log unnoticed.
@@ -151,32 +171,48 @@ CmResult CForwardCore::ReleaseFirst_i(DWORD aTick) {
     });
     if (bWaits)
         return CM_ERROR_PARTIAL_DATA;
+    const uint64_t ullHalf = m_Log.GetBegin() + (m_Log.GetCount() + 1) / 2;
     uint64_t ullLeast = CForwardLog::NONE;
     m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
-        if (aReceiver.GetCursor().NeedsFirst(m_Log)) {
-            if (aReceiver.GetCursor().GetPolicy() == CM_FORWARD_DROP_OLDEST)
-                aReceiver.GetCursor().DropOldest(m_Log, aTick, m_Log.GetBegin() + 1);
-            else
-                Remove_i(aReceiver, CM_ERROR_PARTIAL_DATA, FALSE, TRUE);
-        }
+        if (aReceiver.GetCursor().NeedsFirst(m_Log))
+            TakeLoss_i(aReceiver, aTick, ullHalf);
         if (!aReceiver.IsGone())
-            ullLeast = std::min(ullLeast, aReceiver.GetCursor().GetFirstNeeded());
+            ullLeast = std::min(ullLeast, aReceiver.GetCursor().GetFirstNeeded(m_Log));
     });
     m_ullLeastNeeded = ullLeast;
     return CM_OK;
 }
 
+// The log cannot keep a message for it any longer.
+void CForwardCore::TakeLoss_i(CForwardReceiver& aReceiver, DWORD aTick, uint64_t aBeyond) {
+    if (aReceiver.GetCursor().GetPolicy() == CM_FORWARD_DROP_OLDEST)
+        aReceiver.GetCursor().DropOldest(m_Log, aTick, aBeyond);
+    else
+        Remove_i(aReceiver, CM_ERROR_PARTIAL_DATA, FALSE, TRUE);
+}
+
 void CForwardCore::ForgetKey_i() {
     const uint64_t ullNumber = m_Log.GetOldestKey();
-    if (m_Log.IsKept(ullNumber)) {
-        m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
-            CForwardCursor& cursor = aReceiver.GetCursor();
-            ServeWhile_i(aReceiver, [&] { return cursor.NeedsKept(ullNumber); });
-            if (!aReceiver.IsGone() && cursor.NeedsKept(ullNumber))
-                Remove_i(aReceiver, CM_ERROR_PARTIAL_DATA, FALSE, TRUE);
-        });
-    }
+    if (m_ullLeastNeededKey <= ullNumber)
+        ReleaseKey_i(ullNumber);
     m_Log.ForgetKey();
+    if (ullNumber >= m_Log.GetBegin())
+        m_ullLeastNeeded = std::min(m_ullLeastNeeded, ullNumber);  // no longer kept when the log drops it
+}
+
+// Likewise for the newest message of a key.
+void CForwardCore::ReleaseKey_i(uint64_t aNumber) {
+    const BOOL bKept = m_Log.IsKept(aNumber);
+    uint64_t ullLeast = CForwardLog::NONE;
+    m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
+        CForwardCursor& cursor = aReceiver.GetCursor();
+        ServeWhile_i(aReceiver, [&] { return cursor.NeedsKey(aNumber, bKept); });
+        if (!aReceiver.IsGone() && cursor.NeedsKey(aNumber, bKept))
+            TakeLoss_i(aReceiver, GetRecentTick(), 0);
+        if (!aReceiver.IsGone())
+            ullLeast = std::min(ullLeast, cursor.GetFirstNeededKey());
+    });
+    m_ullLeastNeededKey = ullLeast;
 }
 
 BOOL CForwardCore::IsHeldBack_i(DWORD aTick) const {
@@ -200,30 +236,27 @@ CmResult CForwardCore::Append_i(CForwardMessage& aMessage, DWORD aTick) {
         TrimHistory_i();
         return CM_OK;
     }
-    const DWORD dwTick = get_tick_count() + m_dwLeastMilliseconds;
-    if (m_dwLeastMilliseconds > 0 && (!m_bTimer || static_cast<int32_t>(m_dwTimerTick - dwTick) > 0))
+    const DWORD dwDue = aTick + m_dwLeastMilliseconds;
+    if (m_dwLeastMilliseconds > 0 && (!m_bTimer || static_cast<int32_t>(m_dwTimerTick - dwDue) > 0))
         StartTimer_i(m_dwLeastMilliseconds);
     ++m_dwUnserved;
     m_dwUnservedBytes += dwLength;
     const BOOL bMany = m_dwUnserved >= MANY_MESSAGES || m_dwUnservedBytes >= MANY_BYTES;
-    if (!bMany || m_bServing)
+    if (!bMany || m_bServing || ServeAll_i())
         m_Turn.Arm();
-    else
-        while (ServeAll_i()) {
-        }
     return CM_OK;
 }
 
 // The first to be due of those that run.
 void CForwardCore::StartTimer_i(DWORD aMilliseconds) {
     m_bTimer = true;
-    m_dwTimerTick = get_tick_count() + aMilliseconds;
+    m_dwTimerTick = GetRecentTick() + aMilliseconds;
     m_Timer.Schedule(this, CCmTimeValue(aMilliseconds / 1000, static_cast<long>(aMilliseconds % 1000) * 1000), 1);
 }
 
 void CForwardCore::OnTimer(CCmTimerWrapperID*) {
     const CCmRefPtrT<CForwardCore> pKeep(this);
-    const DWORD dwTick = get_tick_count();
+    const DWORD dwTick = GetRecentTick();
     m_bTimer = false;
     ApplyLimits_i(dwTick);
     constexpr DWORD NONE = std::numeric_limits<DWORD>::max();

@@ -15,7 +15,8 @@ namespace talvo {
 // and then serves each receiver that is ready once. No upcall of ICmForwardSink comes outside of it.
 //
 // Bounds make the usual Forward independent of the number of receivers: while the log ends before m_Bound, no receiver is at a
-// limit, and no receiver needs a message before m_ullLeastNeeded. A scan of all receivers raises them again. One thread.
+// limit, and no receiver needs a message before m_ullLeastNeeded, or before m_ullLeastNeededKey for its key. A scan of all
+// receivers raises them again. One thread.
 class TALVO_API CForwardCore final : public CCmReferenceControlT<CCmMutexNullSingleThread>, private CCmTimerWrapperIDSink {
 public:
     // aSink: not owned; no upcall after Close. aStartsLater: a receiver waits for StartReceiver after OnJoin has returned.
@@ -55,9 +56,13 @@ private:
     void ApplyLimit_i(CForwardReceiver& aReceiver, DWORD aTick);
     void RaiseBound_i(const CForwardCursor& aCursor);
     CmResult MakeRoom_i(DWORD aLength, DWORD aTick);
+    void BoundKept_i();
     BOOL IsFull_i(DWORD aLength) const;
     CmResult ReleaseFirst_i(DWORD aTick);
+    void TakeLoss_i(CForwardReceiver& aReceiver, DWORD aTick, uint64_t aBeyond);
     void ForgetKey_i();
+    void ReleaseKey_i(uint64_t aNumber);
+    void RemoveTooSmall_i(DWORD aLength);
     BOOL IsHeldBack_i(DWORD aTick) const;
     CmResult Append_i(CForwardMessage& aMessage, DWORD aTick);
     void StartTimer_i(DWORD aMilliseconds);
@@ -95,6 +100,7 @@ private:
         uint64_t m_ullBytes = CForwardLog::NONE;
     } m_Bound;
     uint64_t m_ullLeastNeeded = 0;
+    uint64_t m_ullLeastNeededKey = CForwardLog::NONE;
     DWORD m_dwUnserved = 0;  // messages and bytes since the last turn
     DWORD m_dwUnservedBytes = 0;
     DWORD m_dwLeastMilliseconds = 0;  // the lowest limit of any receiver; 0: there is none

@@ -3,7 +3,7 @@
 #include <new>
 #include <utility>
 
-#include "talvo/base/clock.h"
+#include "talvo/base/recent_tick.h"
 #include "talvo/base/trace.h"
 #include "talvo/session/forward_core.h"
 
@@ -26,7 +26,8 @@ CmResult CForwardCore::AddReceiver(ICmTransport* aTransport, const CCmForwardRec
         return rv;
     m_Receivers.Add(pReceiver.Get());
     m_dwMaxOfReceivers = std::min(m_dwMaxOfReceivers, pReceiver->GetMaxMessage());
-    m_ullLeastNeeded = std::min(m_ullLeastNeeded, pReceiver->GetCursor().GetFirstNeeded());
+    m_ullLeastNeeded = std::min(m_ullLeastNeeded, pReceiver->GetCursor().GetFirstNeeded(m_Log));
+    m_ullLeastNeededKey = std::min(m_ullLeastNeededKey, pReceiver->GetCursor().GetFirstNeededKey());
     if (aOptions.m_dwMaxMilliseconds > 0)
         m_dwLeastMilliseconds = std::min(m_dwLeastMilliseconds - 1, aOptions.m_dwMaxMilliseconds - 1) + 1;  // 0: no limit
     RaiseBound_i(pReceiver->GetCursor());
@@ -34,6 +35,8 @@ CmResult CForwardCore::AddReceiver(ICmTransport* aTransport, const CCmForwardRec
              "CForwardCore::AddReceiver, id=" << dwId << " label=" << aOptions.m_strLabel << " this=" << this);
     aId = dwId;
     AddNotice_i(*pReceiver);
+    if (!pReceiver->CanTakeAll(m_Log))
+        Remove_i(*pReceiver, CM_ERROR_INVALID_ARG, FALSE, TRUE);
     return CM_OK;
 }
 
@@ -56,7 +59,7 @@ void CForwardCore::Remove_i(CForwardReceiver& aReceiver, CmResult aReason, BOOL 
     CCmForwardStatistics last;
     aReceiver.SetGone(aReason);
     aReceiver.GetCursor().End(m_Log);
-    aReceiver.GetCursor().GetStatistics(m_Log, get_tick_count(), last);
+    aReceiver.GetCursor().GetStatistics(m_Log, GetRecentTick(), last);
     last.m_dwReceivers = 0;
     m_Gone += last;
     m_Receivers.Remove(aReceiver);
@@ -156,14 +159,14 @@ void CForwardCore::TrimHistory_i() {
     uint64_t ullLeast = m_Log.GetEnd() - m_dwHistory;
     m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
         aReceiver.GetCursor().Settle(m_Log);
-        ullLeast = std::min(ullLeast, aReceiver.GetCursor().GetFirstNeeded());
+        ullLeast = std::min(ullLeast, aReceiver.GetCursor().GetFirstNeeded(m_Log));
     });
     while (m_Log.GetBegin() < ullLeast)
         m_Log.DropFirst();
 }
 
 void CForwardCore::ReportRoom_i() {
-    if (!m_bForwardDue || m_bClosed || IsHeldBack_i(get_tick_count()))
+    if (!m_bForwardDue || m_bClosed || IsHeldBack_i(GetRecentTick()))
         return;
     m_bForwardDue = false;
     m_bHeldBack = false;
@@ -171,7 +174,7 @@ void CForwardCore::ReportRoom_i() {
 }
 
 CmResult CForwardCore::GetStatistics(CCmForwardStatistics& aStatistics, DWORD aId) const {
-    const DWORD dwTick = get_tick_count();
+    const DWORD dwTick = GetRecentTick();
     const CForwardReceiver* pReceiver = aId != 0 ? m_Receivers.Find(aId) : nullptr;
     if (aId != 0 && !pReceiver)
         return CM_ERROR_NOT_FOUND;
@@ -187,6 +190,7 @@ CmResult CForwardCore::GetStatistics(CCmForwardStatistics& aStatistics, DWORD aI
             aStatistics += one;
         });
     aStatistics.m_Forwarded = {m_Log.GetEnd(), m_Log.GetBytesForwarded()};
+    aStatistics.m_Held = m_Log.GetHeld();
     return CM_OK;
 }
 

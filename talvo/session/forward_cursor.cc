@@ -200,11 +200,14 @@ void CForwardCursor::DropOldest(const CForwardLog& aLog, DWORD aTick, uint64_t a
     Settle(aLog);
 }
 
-BOOL CForwardCursor::NeedsFirst(const CForwardLog& aLog) const {
-    if (GetFirstNeeded() > aLog.GetBegin())
-        return FALSE;
-    const CForwardEntry& first = aLog.At(aLog.GetBegin());
-    return GetPolicy() != CM_FORWARD_CONFLATE || !(first.m_bReplaced || first.IsNewestOfKey());
+uint64_t CForwardCursor::GetFirstNeeded(const CForwardLog& aLog) const {
+    const uint64_t ullNext = m_bReplays ? m_ullStart : m_ullNext;
+    return GetPolicy() == CM_FORWARD_CONFLATE ? std::max(ullNext, aLog.FindFirstWithoutKey()) : ullNext;
+}
+
+BOOL CForwardCursor::NeedsKey(uint64_t aNumber, BOOL aKept) const {
+    const BOOL bToReplay = m_bReplays && m_ullNext <= aNumber && aNumber < m_ullJoined;
+    return bToReplay || (aKept && GetPolicy() == CM_FORWARD_CONFLATE && (m_bReplays ? m_ullStart : m_ullNext) <= aNumber);
 }
 
 void CForwardCursor::NoteLag(const CForwardLog& aLog) {

@@ -47,11 +47,15 @@ public:
     void DropOldest(const CForwardLog& aLog, DWORD aTick, uint64_t aBeyond = 0);
 
     // TRUE: the receiver loses a message if the log drops its first one.
-    BOOL NeedsFirst(const CForwardLog& aLog) const;
-    // TRUE: likewise if the log forgets the key of the kept message aNumber.
-    BOOL NeedsKept(uint64_t aNumber) const { return GetPolicy() == CM_FORWARD_CONFLATE && m_ullNext <= aNumber; }
+    BOOL NeedsFirst(const CForwardLog& aLog) const { return GetFirstNeeded(aLog) <= aLog.GetBegin(); }
     // The first message that it may need of the log.
-    uint64_t GetFirstNeeded() const { return m_bReplays ? m_ullStart : m_ullNext; }
+    uint64_t GetFirstNeeded(const CForwardLog& aLog) const;
+    // TRUE: likewise if the log forgets the key whose newest message is aNumber; aKept: only for the key it has that one.
+    BOOL NeedsKey(uint64_t aNumber, BOOL aKept) const;
+    // The first message that it may need because it is the newest of its key; CForwardLog::NONE.
+    uint64_t GetFirstNeededKey() const {
+        return m_bReplays || GetPolicy() == CM_FORWARD_CONFLATE ? m_ullNext : CForwardLog::NONE;
+    }
 
     void CountRefusal() { ++m_dwRefused; }
     // Call it before each move, so that the longest lag is seen.

@@ -21,6 +21,13 @@ CCmForwardCount CForwardLog::GetKeylessFrom(uint64_t aNumber) const {
     return {m_dwKeyless - entry.m_dwKeylessBefore, m_dwKeylessBytes - entry.m_dwKeylessBytesBefore};
 }
 
+uint64_t CForwardLog::FindFirstWithoutKey() const {
+    m_ullWithoutKey = std::max(m_ullWithoutKey, m_ullBegin);
+    while (m_ullWithoutKey < m_ullEnd && At(m_ullWithoutKey).HasNewestOfKey())
+        ++m_ullWithoutKey;
+    return m_ullWithoutKey;
+}
+
 CmResult CForwardLog::Append(CForwardMessage&& aMessage, DWORD aTick) {
     if (GetCount() == m_Ring.size() && Grow_i() != CM_OK)
         return CM_ERROR_OUT_OF_MEMORY;
@@ -44,6 +51,7 @@ CmResult CForwardLog::Append(CForwardMessage&& aMessage, DWORD aTick) {
         UseKey_i(*pKey, bNewKey, dwLength);
     m_dwKeyless += dwKeyless;
     m_dwKeylessBytes += dwKeyless * dwLength;
+    m_dwLongest = std::max(m_dwLongest, dwLength);
     m_ullBytes += dwLength;
     m_ullBytesForwarded += dwLength;
     ++m_ullEnd;
@@ -118,10 +126,12 @@ void CForwardLog::ForgetKey() {
         return;
     CKey& key = *m_pOldestKey;
     Unlink_i(key);
-    if (key.m_ullNumber >= m_ullBegin)
+    if (key.m_ullNumber >= m_ullBegin) {
         Entry_i(key.m_ullNumber).m_bKeyForgotten = true;
-    else
+        m_ullWithoutKey = std::min(m_ullWithoutKey, key.m_ullNumber);
+    } else {
         DropKept_i(key.m_ullNumber);
+    }
     m_Keys.erase(uint64_t{key.m_ullKey});
 }
 

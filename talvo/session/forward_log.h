@@ -21,6 +21,8 @@ struct CForwardEntry {
     bool m_bReplaced = false;      // a newer message has its key
     bool m_bKeyForgotten = false;  // treated as one without a key when it leaves the log
     BOOL IsNewestOfKey() const { return m_Message.HasKey() && !m_bReplaced && !m_bKeyForgotten; }
+    // TRUE: with CONFLATE no receiver loses a message if the log drops this one.
+    BOOL HasNewestOfKey() const { return m_bReplaced || IsNewestOfKey(); }
 };
 
 //    kept               Begin                           End
@@ -41,7 +43,10 @@ public:
     uint64_t GetBegin() const { return m_ullBegin; }
     uint64_t GetEnd() const { return m_ullEnd; }
     DWORD GetCount() const { return static_cast<DWORD>(m_ullEnd - m_ullBegin); }
-    uint64_t GetBytesHeld() const { return m_ullBytes; }  // of payload, kept messages included
+    // Of payload, kept messages included.
+    CCmForwardCount GetHeld() const { return {GetCount() + m_Kept.size(), m_ullBytes}; }
+    uint64_t GetBytesKept() const { return m_ullBytes - (m_ullBytesForwarded - GetBytesBefore(m_ullBegin)); }
+    DWORD GetLongest() const { return m_dwLongest; }  // bytes of the longest message that it has ever had
     const CForwardEntry& At(uint64_t aNumber) const { return m_Ring[aNumber & (m_Ring.size() - 1)]; }
 
     // Of all messages before aNumber, which is in the log or its end.
@@ -51,6 +56,10 @@ public:
     uint64_t GetBytesForwarded() const { return m_ullBytesForwarded; }
     // The messages without a key among those from aNumber on that are in the log.
     CCmForwardCount GetKeylessFrom(uint64_t aNumber) const;
+
+    // The first message of the log without HasNewestOfKey(), or its end. Its costs are those of the messages passed since the
+    // last call.
+    uint64_t FindFirstWithoutKey() const;
 
     // Adds aMessage as number GetEnd(), at the time aTick. CM_ERROR_OUT_OF_MEMORY: unchanged.
     CmResult Append(CForwardMessage&& aMessage, DWORD aTick);
@@ -97,8 +106,10 @@ private:
     uint64_t m_ullEnd = 0;
     uint64_t m_ullBytes = 0;
     uint64_t m_ullBytesForwarded = 0;
+    mutable uint64_t m_ullWithoutKey = 0;  // messages of the log before it have HasNewestOfKey()
     DWORD m_dwKeyless = 0;
     DWORD m_dwKeylessBytes = 0;
+    DWORD m_dwLongest = 0;
     bool m_bKeyMessage = false;
     std::set<uint64_t> m_KeyMessages;           // the numbers of those in the log
     std::map<uint64_t, CForwardEntry> m_Kept;   // by number

@@ -17,6 +17,11 @@ namespace {
 
 CCmLiveCounter s_Live("CForwardReceiver");
 
+BOOL IsClosed(ICmTransport& aTransport) {
+    BOOL bAlive = FALSE;
+    return aTransport.GetOption(CM_OPT_TRANSPORT_SOCK_ALIVE, &bAlive) == CM_ERROR_NOT_INITIALIZED;
+}
+
 }  // namespace
 
 CForwardReceiver::CForwardReceiver(CForwardCore& aCore, const CForwardLog& aLog, const CCmForwardReceiverOptions& aOptions,
@@ -57,7 +62,7 @@ CmResult CForwardReceiver::AttachDirect_i(ICmTransport* aTransport) {
     if (dynamic_cast<CForwardReceiver*>(pSink))
         return CM_ERROR_FOUND;
     if (!pSink)
-        return CM_ERROR_INVALID_ARG;
+        return IsClosed(*aTransport) ? CM_ERROR_NULL_POINTER : CM_ERROR_INVALID_ARG;
     if (CTransportLinger::IsLinger(*pSink))
         return CM_ERROR_NULL_POINTER;
     if (aTransport->OpenWithSink(this) != CM_OK)
@@ -91,6 +96,20 @@ DWORD CForwardReceiver::GetMaxMessage() const {
     if (m_Way != STREAM && m_pSending)
         m_pSending->GetOption(CM_OPT_TRANSPORT_MAX_MESSAGE, &dwMaxMessage);
     return dwMaxMessage;
+}
+
+// A copy of the cursor looks ahead.
+BOOL CForwardReceiver::CanTakeAll(const CForwardLog& aLog) const {
+    const DWORD dwMost = GetMaxMessage();
+    if (aLog.GetLongest() <= dwMost)
+        return TRUE;
+    CForwardCursor ahead(m_Cursor);
+    while (const CForwardEntry* pEntry = ahead.Peek(aLog)) {
+        if (pEntry->m_Message.m_dwLength > dwMost)
+            return FALSE;
+        ahead.Take(pEntry->m_Message.m_dwLength);
+    }
+    return TRUE;
 }
 
 void CForwardReceiver::Detach(CmResult aReason, BOOL aEnded) {
@@ -198,7 +217,7 @@ CmResult CForwardReceiver::ServeMessages_i(const CForwardLog& aLog) {
 
 CmResult CForwardReceiver::SendMessages_i(const CForwardLog& aLog) {
     DWORD dwBytes = 0;
-    for (DWORD i = 0; i < CForwardChain::MAX_PIECES && dwBytes < CForwardChain::MAX_BYTES; ++i) {
+    for (DWORD i = 0; i < CForwardChain::MAX_PIECES && dwBytes < CForwardChain::MAX_PAYLOAD; ++i) {
         const CForwardEntry* pEntry = m_Cursor.Peek(aLog);
         if (!pEntry)
             break;

@@ -37,6 +37,8 @@ public:
     const CCmString& GetLabel() const { return m_strLabel; }
     // The longest message that its transport can take.
     DWORD GetMaxMessage() const;
+    // FALSE: a message that it is due is longer.
+    BOOL CanTakeAll(const CForwardLog& aLog) const;
 
     // OnJoin is over: it may be served.
     void Start();

@@ -24,10 +24,13 @@ enum ECmForwardPolicy : CmDword {
 
 // The first message of a receiver. Replayed messages, those forwarded before AddReceiver, do not count towards its limits.
 enum ECmForwardJoin : CmDword {
-    CM_FORWARD_JOIN_NEXT = 0,      // the next message that is forwarded
-    CM_FORWARD_JOIN_KEY = 1,       // the last KEY_MESSAGE if the log has it, else the next one that is forwarded
-    CM_FORWARD_JOIN_ALL_KEYS = 2,  // the newest message of each key, in the order of Forward, and then the next message
-    CM_FORWARD_JOIN_OLDEST = 3     // the oldest message of the log
+    CM_FORWARD_JOIN_NEXT = 0,  // the next message that is forwarded
+    CM_FORWARD_JOIN_KEY = 1,   // the last KEY_MESSAGE if the log has it, else the next one that is forwarded
+    // The newest message of each key, in the order of Forward, and then the next message. A receiver that has not got such a
+    // message when the session forgets its key is removed with CM_ERROR_PARTIAL_DATA, also with WAIT; with DROP_OLDEST it
+    // continues as at a limit.
+    CM_FORWARD_JOIN_ALL_KEYS = 2,
+    CM_FORWARD_JOIN_OLDEST = 3  // the oldest message of the log
 };
 
 // A receiver's options. It is at a limit when its lag, the messages that it is due and has not been sent, has reached it. 0: no
@@ -38,7 +41,7 @@ struct CCmForwardReceiverOptions {
     CmDword m_dwMaxMessages = 0;                        // of the lag
     CmDword m_dwMaxBytes = 1 << 20;                     // of payload
     CmDword m_dwMaxMilliseconds = 0;                    // the age of the oldest such message
-    CCmString m_strLabel;                               // for the dump
+    CCmString m_strLabel = {};                          // for the dump
 };
 
 // Accompanies a message.
@@ -56,7 +59,8 @@ struct CCmForwardHeader {
 enum ECmForwardOption : CmDword {
     CM_OPT_FORWARD_MAX_MESSAGE = 171,   // bytes of one message; 16 MiB at first
     CM_OPT_FORWARD_LOG_MESSAGES = 172,  // messages in the log; 65,536 at first, and at most
-    CM_OPT_FORWARD_LOG_BYTES = 173,     // bytes of payload in the log and of kept keys; 64 MiB at first
+    CM_OPT_FORWARD_LOG_BYTES = 173,     // bytes of payload in the log; 64 MiB at first. Half of them at most are
+                                        // messages that the log keeps only for their keys: then keys are forgotten
     CM_OPT_FORWARD_KEYS = 174,          // keys; 65,536 at first, and at most
     CM_OPT_FORWARD_RECEIVERS = 175,     // receivers; 65,535 at first, and at most
     // Messages that the log keeps for later receivers, although no present one needs them; 65,536 at first: as many as the log
@@ -70,7 +74,8 @@ enum ECmForwardOption : CmDword {
 class TALVO_API ICmForwardSink {
 public:
     // The receiver is gone, and its transport is closed and released. aReason: that of the transport's OnDisconnect or the
-    // result of its SendData; CM_ERROR_PARTIAL_DATA: its policy has removed it. Does not come after RemoveReceiver and Close.
+    // result of its SendData; CM_ERROR_PARTIAL_DATA: its policy has removed it. CM_ERROR_INVALID_ARG: it was due a message
+    // that is longer than its transport can take, forwarded before AddReceiver. Does not come after RemoveReceiver and Close.
     virtual void OnReceiver(CmDword aId, CmResult aReason) = 0;
 
     // Forward has returned CM_ERROR_PARTIAL_DATA; now it can take messages again. One call for any number of such returns.
@@ -113,10 +118,11 @@ public:
     // CM_ERROR_NOT_AVAILABLE from the end of OnJoin on.
     //
     // aTransport belongs to the session's thread, or is a thread proxy, whose transport in the network thread is used. aId
-    // (out): the receiver, never 0. CM_ERROR_INVALID_ARG: aTransport is null, has no sink because it is unopened or closed, or
-    // is of another thread than the session; or an unknown policy or join point. CM_ERROR_FOUND: it is a receiver of a session.
-    // CM_ERROR_NULL_POINTER: aTransport has ended. CM_ERROR_PARTIAL_DATA: the session has as many receivers as it may have.
-    // CM_ERROR_NOT_AVAILABLE: the session is closed. CM_ERROR_OUT_OF_MEMORY. On any failure the transport stays the user's.
+    // (out): the receiver, never 0. CM_ERROR_INVALID_ARG: aTransport is null, is not open yet, or is of another thread than
+    // the session; or an unknown policy or join point. CM_ERROR_FOUND: it is a receiver of a session.
+    // CM_ERROR_NULL_POINTER: aTransport is closed, or has ended. CM_ERROR_PARTIAL_DATA: the session has as many receivers as it
+    // may have. CM_ERROR_NOT_AVAILABLE: the session is closed. CM_ERROR_OUT_OF_MEMORY. On any failure the transport stays the
+    // user's.
     virtual CmResult AddReceiver(ICmTransport* aTransport, const CCmForwardReceiverOptions& aOptions, CmDword& aId) = 0;
 
     // Disconnects its transport with aReason and releases it. Messages of its lag are not sent; no OnReceiver follows.

@@ -123,6 +123,7 @@ CmResult CForwardProxyCore::AddReceiver(ICmTransport* aTransport, const CCmForwa
     return Call_i([&](CForwardCore& aCore) {
         if (!m_Upcalls.Reserve(2 * (aCore.GetReceiverCount() + 1)))  // OnJoin and OnReceiver of each
             return CM_ERROR_OUT_OF_MEMORY;
+        Drain_i();  // these were forwarded before
         const CmResult rv = aCore.AddReceiver(aTransport, aOptions, aId);
         NoteLimit_i();
         return rv;

@@ -32,6 +32,7 @@ struct CCmForwardCount {
 // Of one receiver or, as a sum, of a session. Always due = sent + dropped + conflated + lag.
 struct CCmForwardStatistics {
     CCmForwardCount m_Forwarded;        // by the session since it was made; the same for each receiver
+    CCmForwardCount m_Held;             // by the log now, the newest message of each key included; the same for each receiver
     CCmForwardCount m_Due;              // from the join point on, replayed messages included
     CCmForwardCount m_Sent;             // taken by the transport; the last one perhaps in part
     CCmForwardCount m_Dropped;          // by DROP_OLDEST, or still due at the receiver's end
@@ -42,7 +43,7 @@ struct CCmForwardStatistics {
     uint64_t m_ullRefused = 0;          // sends that the transport refused in whole or in part
     CmDword m_dwReceivers = 0;          // present ones; 1 for a receiver
 
-    // The sum: the ages and longest lags become the greater ones. m_Forwarded stays.
+    // The sum: the ages and longest lags become the greater ones. m_Forwarded and m_Held stay.
     CCmForwardStatistics& operator+=(const CCmForwardStatistics& aOther) {
         m_Due += aOther.m_Due;
         m_Sent += aOther.m_Sent;

@@ -25,8 +25,8 @@ void CCmSimForwardModel::Add(DWORD aId, const CCmForwardReceiverOptions& aOption
     case CM_FORWARD_JOIN_NEXT:
         break;
     case CM_FORWARD_JOIN_KEY:
-        receiver.m_bAwaitsKey = receiver.m_bDueFromKey = m_ullLastKeyMessage == NONE;
-        for (uint64_t n = m_ullLastKeyMessage; n < GetNextNumber(); ++n)
+        receiver.m_bAwaitsKey = receiver.m_bDueFromKey = m_ullLastKeyMessage == NONE || m_ullLastKeyMessage < m_ullBegin;
+        for (uint64_t n = receiver.m_bAwaitsKey ? NONE : m_ullLastKeyMessage; n < GetNextNumber(); ++n)
             Push_i(receiver, n, NONE);
         break;
     case CM_FORWARD_JOIN_ALL_KEYS:
@@ -36,13 +36,13 @@ void CCmSimForwardModel::Add(DWORD aId, const CCmForwardReceiverOptions& aOption
         receiver.m_Due = CountQueue_i(receiver, FALSE);
         break;
     case CM_FORWARD_JOIN_OLDEST:
-        for (uint64_t n = 0; n < GetNextNumber(); ++n)
+        for (uint64_t n = m_ullBegin; n < GetNextNumber(); ++n)
             Push_i(receiver, n, NONE);
         break;
     }
     if (aOptions.m_Policy != CM_FORWARD_CONFLATE)
         return;
-    const auto isReplaced = [this](uint64_t n) { return m_Messages[n].m_ullKey != 0 && m_Newest[m_Messages[n].m_ullKey] != n; };
+    const auto isReplaced = [this](uint64_t n) { return m_Messages[n].m_bReplaced; };
     for (const uint64_t n : receiver.m_Queue)
         receiver.m_Conflated += isReplaced(n) ? CCmForwardCount{1, GetLength(n)} : CCmForwardCount{};
     std::erase_if(receiver.m_Queue, isReplaced);
@@ -56,59 +56,179 @@ void CCmSimForwardModel::Look(ICmForwardSession& aSession, DWORD aTick) {
         PopSent_i(receiver, statistics.m_Sent.m_ullMessages - receiver.m_Sent.m_ullMessages);
         const BOOL bDrops = receiver.m_Options.m_Policy == CM_FORWARD_DROP_OLDEST && statistics.m_Dropped != receiver.m_Dropped;
         if (bDrops && IsAtLimit(receiver, aTick))
-            DropOldest_i(receiver, aTick);
+            DropOldest_i(receiver, aTick, m_ullLastKeyMessage != NONE);
         if (!Matches_i(receiver, statistics))
             Fail_i(dwId, Difference_i(receiver, statistics));
     }
 }
 
+BOOL CCmSimForwardModel::IsFull_i(DWORD aLength) const {
+    const uint64_t ullCount = GetNextNumber() - m_ullBegin;
+    return ullCount > 0 && (ullCount >= m_Limits.m_dwMessages || m_Held.m_ullBytes + aLength > m_Limits.m_dwBytes);
+}
+
+// TRUE: a receiver with WAIT has not been sent the message.
+BOOL CCmSimForwardModel::IsWaitedFor_i(ICmForwardSession& aSession, const CLoss& aLoss) const {
+    return std::any_of(m_Receivers.begin(), m_Receivers.end(), [&](const auto& aEntry) {
+        CReceiver receiver = aEntry.second;
+        CCmForwardStatistics statistics;
+        if (receiver.m_Options.m_Policy != CM_FORWARD_WAIT || aSession.GetStatistics(statistics, aEntry.first) != CM_OK)
+            return FALSE;
+        PopSent_i(receiver, statistics.m_Sent.m_ullMessages - receiver.m_Sent.m_ullMessages);
+        return Needs_i(receiver, aLoss);
+    });
+}
+
+// FALSE: the Forward is held back here.
+BOOL CCmSimForwardModel::MakeRoom_i(ICmForwardSession& aSession, DWORD aLength, CTry& aTry) {
+    BoundKept_i(aTry.m_Before);
+    while (IsFull_i(aLength)) {
+        const CMessage& first = m_Messages[m_ullBegin];
+        const CCmForwardCount count{1, first.m_dwLength};
+        const auto it = m_Newest.find(first.m_ullKey);
+        const BOOL bKeep = it != m_Newest.end() && it->second == m_ullBegin;
+        const CLoss loss{m_ullBegin, m_ullBegin + (GetNextNumber() - m_ullBegin + 1) / 2, FALSE, bKeep || first.m_bReplaced};
+        if (aTry.m_Result != CM_OK && IsWaitedFor_i(aSession, loss))
+            return FALSE;
+        aTry.m_Before.push_back(loss);
+        if (bKeep)
+            m_Kept += count;
+        else
+            m_Held -= count;
+        ++m_ullBegin;
+        BoundKept_i(aTry.m_Before);
+    }
+    while (!m_Newest.empty() && m_Held.m_ullBytes + aLength > m_Limits.m_dwBytes)
+        ForgetKey_i(aTry.m_Before);
+    return TRUE;
+}
+
+void CCmSimForwardModel::BoundKept_i(std::vector<CLoss>& aLosses) {
+    while (m_Kept.m_ullBytes > m_Limits.m_dwBytes / 2)
+        ForgetKey_i(aLosses);
+}
+
+void CCmSimForwardModel::ForgetKey_i(std::vector<CLoss>& aLosses) {
+    const auto it = std::min_element(m_Newest.begin(), m_Newest.end(),
+                                     [](const auto& aLeft, const auto& aRight) { return aLeft.second < aRight.second; });
+    const uint64_t ullNumber = it->second;
+    const BOOL bKept = ullNumber < m_ullBegin;
+    const CCmForwardCount count{bKept ? 1u : 0u, bKept ? GetLength(ullNumber) : 0};
+    aLosses.push_back({ullNumber, 0, TRUE, !bKept});
+    m_Held -= count;
+    m_Kept -= count;
+    m_Newest.erase(it);
+}
+
+// Returns the message that it replaces; NONE.
+uint64_t CCmSimForwardModel::Append_i(const CMessage& aMessage) {
+    const auto it = m_Newest.find(aMessage.m_ullKey);
+    const uint64_t ullReplaced = it != m_Newest.end() ? it->second : NONE;
+    if (ullReplaced != NONE) {
+        const BOOL bKept = ullReplaced < m_ullBegin;
+        const CCmForwardCount count{bKept ? 1u : 0u, bKept ? GetLength(ullReplaced) : 0};
+        m_Messages[ullReplaced].m_bReplaced = TRUE;
+        m_Held -= count;
+        m_Kept -= count;
+    }
+    if (aMessage.m_ullKey != 0)
+        m_Newest[aMessage.m_ullKey] = GetNextNumber();
+    m_Messages.push_back(aMessage);
+    m_Held += {1, aMessage.m_dwLength};
+    return ullReplaced;
+}
+
+BOOL CCmSimForwardModel::Needs_i(const CReceiver& aReceiver, const CLoss& aLoss) const {
+    const BOOL bReplayed = aReceiver.m_Options.m_Join == CM_FORWARD_JOIN_ALL_KEYS && aLoss.m_ullNumber < aReceiver.m_ullJoined;
+    const BOOL bConflates = aReceiver.m_Options.m_Policy == CM_FORWARD_CONFLATE;
+    const BOOL bLost =
+        aLoss.m_bKey ? bReplayed || (bConflates && !aLoss.m_bSpared) : !bReplayed && !(bConflates && aLoss.m_bSpared);
+    return bLost && std::find(aReceiver.m_Queue.begin(), aReceiver.m_Queue.end(), aLoss.m_ullNumber) != aReceiver.m_Queue.end();
+}
+
+// TRUE: the receiver may be removed.
+BOOL CCmSimForwardModel::HasReason_i(const CReceiver& aReceiver, const CTry& aTry) const {
+    const auto needs = [&](const CLoss& aLoss) { return Needs_i(aReceiver, aLoss); };
+    return IsAtLimit(aReceiver, aTry.m_dwTick) || std::any_of(aTry.m_Before.begin(), aTry.m_Before.end(), needs) ||
+           std::any_of(aTry.m_After.begin(), aTry.m_After.end(), needs);
+}
+
+// FALSE: the receiver must be gone.
+BOOL CCmSimForwardModel::TakeLosses_i(CReceiver& aReceiver, const std::vector<CLoss>& aLosses, DWORD aTick,
+                                      BOOL aHadKeyMessage) const {
+    for (const CLoss& loss : aLosses) {
+        if (!Needs_i(aReceiver, loss))
+            continue;
+        if (aReceiver.m_Options.m_Policy != CM_FORWARD_DROP_OLDEST)
+            return FALSE;
+        DropOldest_i(aReceiver, aTick, aHadKeyMessage, loss.m_ullBeyond);
+    }
+    return TRUE;
+}
+
 void CCmSimForwardModel::OnForward(ICmForwardSession& aSession, CmResult aResult, DWORD aLength,
                                    const CCmForwardHeader& aHeader, DWORD aTick) {
-    const auto isHoldingBack = [&](const auto& aEntry) {
-        return aEntry.second.m_Options.m_Policy == CM_FORWARD_WAIT && IsAtLimit(aEntry.second, aTick);
-    };
-    if (aResult == CM_ERROR_PARTIAL_DATA && std::none_of(m_Receivers.begin(), m_Receivers.end(), isHoldingBack))
-        Fail_i(0, "Forward is held back without a reason");
-    uint64_t ullReplaced = NONE;
+    CTry attempt{.m_Result = aResult, .m_dwTick = aTick, .m_bHadKeyMessage = m_ullLastKeyMessage != NONE};
+    const BOOL bAtLimit = std::any_of(m_Receivers.begin(), m_Receivers.end(), [&](const auto& aEntry) {
+        CReceiver receiver = aEntry.second;
+        CCmForwardStatistics statistics;
+        if (receiver.m_Options.m_Policy != CM_FORWARD_WAIT || aSession.GetStatistics(statistics, aEntry.first) != CM_OK)
+            return FALSE;
+        PopSent_i(receiver, statistics.m_Sent.m_ullMessages - receiver.m_Sent.m_ullMessages);
+        return IsAtLimit(receiver, aTick);
+    });
+    if (aResult == CM_OK || !bAtLimit) {
+        if (MakeRoom_i(aSession, aLength, attempt) != (aResult == CM_OK))
+            Fail_i(0, "Forward is held back without a reason");
+    }
     if (aResult == CM_OK) {
-        const auto it = m_Newest.find(aHeader.m_ullKey);
-        ullReplaced = it != m_Newest.end() ? it->second : NONE;
-        m_Messages.push_back({aHeader.m_ullKey, aHeader.m_dwFlags, aLength, aTick});
-        if (aHeader.m_ullKey != 0)
-            m_Newest[aHeader.m_ullKey] = GetNextNumber() - 1;
+        attempt.m_ullReplaced = Append_i({aHeader.m_ullKey, aHeader.m_dwFlags, aLength, aTick});
+        while (m_Newest.size() > m_Limits.m_dwKeys)
+            ForgetKey_i(attempt.m_After);
     }
     for (auto& [dwId, receiver] : m_Receivers) {
         CCmForwardStatistics statistics;
         const BOOL bPresent = aSession.GetStatistics(statistics, dwId) == CM_OK;
-        if (!receiver.m_bGone && !TryForward_i(receiver, bPresent ? &statistics : nullptr, aResult, ullReplaced, aTick))
+        if (!receiver.m_bGone && !TryForward_i(receiver, bPresent ? &statistics : nullptr, attempt))
             Fail_i(dwId, "a Forward does not follow its policy: " + Difference_i(receiver, statistics));
     }
     if (aResult == CM_OK && (aHeader.m_dwFlags & CCmForwardHeader::KEY_MESSAGE))
         m_ullLastKeyMessage = GetNextNumber() - 1;  // the limits were applied before
+    CCmForwardStatistics all;
+    aSession.GetStatistics(all);
+    if (all.m_Held != m_Held)
+        Fail_i(0, "the log holds " + TextOf(all.m_Held) + " for " + TextOf(m_Held));
+    if (all.m_Held.m_ullBytes > m_Limits.m_dwBytes && all.m_Held.m_ullMessages > 1)
+        Fail_i(0, "the log holds too much: " + TextOf(all.m_Held));
 }
 
-// A receiver at its limit may be sent some before the message is added, and others afterwards: finds out how many.
-BOOL CCmSimForwardModel::TryForward_i(CReceiver& aReceiver, const CCmForwardStatistics* aStatistics, CmResult aResult,
-                                      uint64_t aReplaced, DWORD aTick) const {
+// A receiver that must lose messages may be sent some before, and others afterwards: finds out how many.
+BOOL CCmSimForwardModel::TryForward_i(CReceiver& aReceiver, const CCmForwardStatistics* aStatistics, const CTry& aTry) const {
     if (!aStatistics) {
         aReceiver.m_bGone = TRUE;  // or its transport has ended, as OnReceiver will report
+        aReceiver.m_bLost = HasReason_i(aReceiver, aTry);
         return TRUE;
     }
+    const BOOL bTaken = aTry.m_Result == CM_OK;
     const uint64_t ullSent = aStatistics->m_Sent.m_ullMessages - aReceiver.m_Sent.m_ullMessages;
-    for (uint64_t ullBefore = IsAtLimit(aReceiver, aTick) ? ullSent + 1 : 1; ullBefore-- > 0;) {
+    for (uint64_t ullBefore = HasReason_i(aReceiver, aTry) ? ullSent + 1 : 1; ullBefore-- > 0;) {
         CReceiver receiver = aReceiver;
         PopSent_i(receiver, ullBefore);
-        const BOOL bAtLimit = IsAtLimit(receiver, aTick);
+        const BOOL bAtLimit = IsAtLimit(receiver, aTry.m_dwTick);
         const BOOL bDrops = receiver.m_Options.m_Policy == CM_FORWARD_DROP_OLDEST;
-        if (bAtLimit && !bDrops && aResult == CM_OK)
+        if (bAtLimit && !bDrops && bTaken)
             continue;  // it must be gone, or hold back
         // A Forward that was held back may have applied the limit.
-        if (bAtLimit && bDrops && (aResult == CM_OK || aStatistics->m_Dropped != receiver.m_Dropped))
-            DropOldest_i(receiver, aTick);
-        if (aResult == CM_OK)
-            Push_i(receiver, GetNextNumber() - 1, aReplaced);
+        if (bAtLimit && bDrops && (bTaken || aStatistics->m_Dropped != receiver.m_Dropped))
+            DropOldest_i(receiver, aTry.m_dwTick, aTry.m_bHadKeyMessage);
+        if (!TakeLosses_i(receiver, aTry.m_Before, aTry.m_dwTick, aTry.m_bHadKeyMessage))
+            continue;
+        if (bTaken)
+            Push_i(receiver, GetNextNumber() - 1, aTry.m_ullReplaced);
         PopSent_i(receiver, ullSent - ullBefore);
-        if (!Matches_i(receiver, *aStatistics))
+        const BOOL bHasKeyMessage =
+            aTry.m_bHadKeyMessage || (bTaken && (m_Messages.back().m_dwFlags & CCmForwardHeader::KEY_MESSAGE));
+        if (!TakeLosses_i(receiver, aTry.m_After, aTry.m_dwTick, bHasKeyMessage) || !Matches_i(receiver, *aStatistics))
             continue;
         aReceiver = receiver;
         return TRUE;
@@ -186,7 +306,7 @@ void CCmSimForwardModel::DropFirst_i(CReceiver& aReceiver) const {
     aReceiver.m_Queue.pop_front();
 }
 
-void CCmSimForwardModel::DropOldest_i(CReceiver& aReceiver, DWORD aTick) const {
+void CCmSimForwardModel::DropOldest_i(CReceiver& aReceiver, DWORD aTick, BOOL aHadKeyMessage, uint64_t aBeyond) const {
     const CCmForwardReceiverOptions& options = aReceiver.m_Options;
     const auto fits = [&] {
         const CCmForwardCount lag = CountQueue_i(aReceiver, FALSE);
@@ -196,9 +316,10 @@ void CCmSimForwardModel::DropOldest_i(CReceiver& aReceiver, DWORD aTick) const {
                (options.m_dwMaxMilliseconds == 0 || aTick - m_Messages[ullFirst].m_dwTick <= options.m_dwMaxMilliseconds / 2);
     };
     const uint64_t ullReplayed = options.m_Join == CM_FORWARD_JOIN_ALL_KEYS ? aReceiver.m_ullJoined : 0;
-    while (!aReceiver.m_Queue.empty() && (aReceiver.m_Queue.front() < ullReplayed || !fits()))
+    const uint64_t ullFirst = std::max(ullReplayed, aBeyond);
+    while (!aReceiver.m_Queue.empty() && (aReceiver.m_Queue.front() < ullFirst || !fits()))
         DropFirst_i(aReceiver);
-    aReceiver.m_bAwaitsKey = m_ullLastKeyMessage != NONE;
+    aReceiver.m_bAwaitsKey = aHadKeyMessage;
     while (aReceiver.m_bAwaitsKey && !aReceiver.m_Queue.empty()) {
         aReceiver.m_bAwaitsKey = !(m_Messages[aReceiver.m_Queue.front()].m_dwFlags & CCmForwardHeader::KEY_MESSAGE);
         if (aReceiver.m_bAwaitsKey)

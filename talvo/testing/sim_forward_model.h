@@ -9,9 +9,9 @@
 #include "talvo/session/forward_session.h"
 
 // Slow and plain. It follows a session by the results of Forward and the statistics of its receivers: these say how many
-// messages were sent and when; the model says which ones, and all other numbers. Times are those of get_tick_count. The log of
-// the session must be large enough for all messages.
+// messages were sent and when; the model says which ones, and all other numbers. Times are those of get_tick_count.
 //
+//    model.SetLimits(messages, bytes, keys);           if the session has others than it begins with
 //    model.Add(id, options);
 //    model.Look(session, tick);                        before each change
 //    model.OnForward(session, rv, length, header, tick)  after a Forward
@@ -32,7 +32,11 @@ public:
         CmBool m_bAwaitsKey = CM_FALSE;       // it drops all messages until a KEY_MESSAGE,
         CmBool m_bDueFromKey = CM_FALSE;      // which are not even due
         CmBool m_bGone = CM_FALSE;            // its policy has removed it
+        CmBool m_bLost = CM_FALSE;            // and it had a reason
     };
+
+    // The session's CM_OPT_FORWARD_LOG_MESSAGES, CM_OPT_FORWARD_LOG_BYTES and CM_OPT_FORWARD_KEYS; before the first message.
+    void SetLimits(CmDword aMessages, CmDword aBytes, CmDword aKeys) { m_Limits = {aMessages, aBytes, aKeys}; }
 
     // A receiver was added; its OnJoin is over.
     void Add(CmDword aId, const CCmForwardReceiverOptions& aOptions);
@@ -63,21 +67,54 @@ private:
         CmDword m_dwFlags;
         CmDword m_dwLength;
         CmDword m_dwTick;
+        CmBool m_bReplaced = CM_FALSE;  // a newer message has its key
+    };
+    struct CLimits {
+        CmDword m_dwMessages = 65536;
+        CmDword m_dwBytes = 64 << 20;
+        CmDword m_dwKeys = 65536;
+    };
+    // The log loses a message, which a receiver may still need, or forgets the key of one.
+    struct CLoss {
+        uint64_t m_ullNumber;
+        uint64_t m_ullBeyond;  // DROP_OLDEST continues there at least
+        CmBool m_bKey;
+        CmBool m_bSpared;  // it is no loss with CONFLATE
     };
 
+    // A Forward.
+    struct CTry {
+        CmResult m_Result;
+        CmDword m_dwTick;
+        uint64_t m_ullReplaced = UINT64_MAX;  // by it
+        CmBool m_bHadKeyMessage = CM_FALSE;   // before it
+        std::vector<CLoss> m_Before = {}, m_After = {};
+    };
+
+    CmBool IsFull_i(CmDword aLength) const;
+    CmBool IsWaitedFor_i(ICmForwardSession& aSession, const CLoss& aLoss) const;
+    CmBool MakeRoom_i(ICmForwardSession& aSession, CmDword aLength, CTry& aTry);
+    void BoundKept_i(std::vector<CLoss>& aLosses);
+    void ForgetKey_i(std::vector<CLoss>& aLosses);
+    uint64_t Append_i(const CMessage& aMessage);
+    CmBool Needs_i(const CReceiver& aReceiver, const CLoss& aLoss) const;
+    CmBool HasReason_i(const CReceiver& aReceiver, const CTry& aTry) const;
+    CmBool TakeLosses_i(CReceiver& aReceiver, const std::vector<CLoss>& aLosses, CmDword aTick, CmBool aHadKeyMessage) const;
     void Fail_i(CmDword aId, const std::string& aText);
     CmBool IsFirstOld_i(const CReceiver& aReceiver, CmDword aTick) const;
     CCmForwardCount CountQueue_i(const CReceiver& aReceiver, CmBool aLimited) const;
     void PopSent_i(CReceiver& aReceiver, uint64_t aCount) const;
     void DropFirst_i(CReceiver& aReceiver) const;
-    void DropOldest_i(CReceiver& aReceiver, CmDword aTick) const;
+    void DropOldest_i(CReceiver& aReceiver, CmDword aTick, CmBool aHadKeyMessage, uint64_t aBeyond = 0) const;
     void Push_i(CReceiver& aReceiver, uint64_t aNumber, uint64_t aReplaced) const;
     CmBool Matches_i(CReceiver& aReceiver, const CCmForwardStatistics& aStatistics) const;
     std::string Difference_i(const CReceiver& aReceiver, const CCmForwardStatistics& aStatistics) const;
-    CmBool TryForward_i(CReceiver& aReceiver, const CCmForwardStatistics* aStatistics, CmResult aResult, uint64_t aReplaced,
-                        CmDword aTick) const;
+    CmBool TryForward_i(CReceiver& aReceiver, const CCmForwardStatistics* aStatistics, const CTry& aTry) const;
 
+    CLimits m_Limits;
     std::vector<CMessage> m_Messages;
+    uint64_t m_ullBegin = 0;                // of the log
+    CCmForwardCount m_Held, m_Kept;         // by the log; and of that, only for their keys
     std::map<uint64_t, uint64_t> m_Newest;  // of each key
     uint64_t m_ullLastKeyMessage = UINT64_MAX;
     std::map<CmDword, CReceiver> m_Receivers;

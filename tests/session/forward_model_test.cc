@@ -72,7 +72,7 @@ public:
             return CM_ERROR_PARTIAL_DATA;
         for (CModelReceiver* p : aReceivers) {
             if (IsFull() && NeedsFirst(*p))
-                Apply(*p, std::min<size_t>(p->m_Options.m_dwMaxMessages / 2, LOG - 1));
+                Apply(*p, std::min<size_t>(p->m_Options.m_dwMaxMessages / 2, LOG / 2));
         }
         m_stBegin += IsFull();
         m_All.push_back(aSaid);

@@ -5,6 +5,7 @@
 #include "talvo/connection/protocol/len_pkg_conn.h"
 #include "talvo/connection/protocol/pkg_conn_client.h"
 #include "talvo/connection/protocol/pkg_sender.h"
+#include "talvo/session/forward_core.h"
 #include "tests/session/forward_fixture.h"
 
 namespace {
@@ -93,6 +94,23 @@ TEST_F(ForwardTest, MisuseHasItsResults) {
     EXPECT_EQ(Lines{}, m_Sink.Take()) << "the user has removed it before its OnJoin";
     EXPECT_NE(dwFirst, Add(*pUnopened));
     EXPECT_EQ(CM_ERROR_NOT_FOUND, m_pSession->RemoveReceiver(dwFirst, CM_OK));
+    // A message that was forwarded before is longer than the receiver's transport can take.
+    const CCmRefPtrT<CFakeLower> lowers[] = {CCmRefPtrT<CFakeLower>(new CFakeLower(CM_TRANSPORT_TYPE_UDP)),
+                                             CCmRefPtrT<CFakeLower>(new CFakeLower(CM_TRANSPORT_TYPE_UDP))};
+    for (const auto& pDatagrams : lowers)
+        pDatagrams->OpenWithSink(&m_User);
+    wrong.m_Join = CM_FORWARD_JOIN_OLDEST;
+    const std::string strLong(70000, 'x');
+    EXPECT_EQ(CM_OK, ForwardText(*pOther, strLong));
+    EXPECT_EQ(CM_OK, pOther->AddReceiver(lowers[0].Get(), wrong, dwId));
+    const CCmRefPtrT<talvo::CForwardCore> pCore(new talvo::CForwardCore(m_Sink, FALSE));
+    EXPECT_EQ(CM_OK, pCore->AddReceiver(lowers[1].Get(), {}, dwId));
+    talvo::CForwardMessage message;
+    EXPECT_EQ(CM_OK, talvo::CForwardPacker().Pack(ViewOf(strLong), 70000, nullptr, message));
+    EXPECT_EQ(CM_OK, pCore->ForwardMessage(message));
+    Turn();
+    EXPECT_EQ((Lines{"join 1", "gone 1 10008", "gone 1 10008"}), m_Sink.Take());
+    EXPECT_EQ(CM_OK, pCore->Close(CM_OK));
     EXPECT_EQ(CM_OK, m_pSession->Close(CM_ERROR_TIMEOUT));
     EXPECT_EQ(std::vector<CmResult>{CM_ERROR_TIMEOUT}, pUnopened->m_Disconnects);
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, m_pSession->Close(CM_OK));
@@ -100,6 +118,22 @@ TEST_F(ForwardTest, MisuseHasItsResults) {
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, Forward("1234"));
     Turn();
     EXPECT_EQ(Lines{}, m_Sink.Take());
+}
+
+TEST_F(ForwardTest, ALongBacklogHoldsUpNoForward) {
+    const CCmRefPtrT<CFakeLower> pLate(new CFakeLower);
+    CCmForwardReceiverOptions options;
+    options.m_Join = CM_FORWARD_JOIN_OLDEST;
+    const std::string strText(16384, 'x');
+    for (int i = 0; i < 128; ++i)
+        EXPECT_EQ(CM_OK, Forward(strText));
+    pLate->m_dwRoom = 0;
+    Add(*pLate, options);
+    Turn();
+    pLate->MakeRoom();
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(CM_OK, Forward(strText));
+    EXPECT_EQ(Lines{std::string(65536, 'x')}, pLate->m_Sends);
 }
 
 TEST_F(ForwardTest, EveryOperationMayComeInsideEveryUpcall) {

@@ -1,6 +1,9 @@
 // A forward session whose receivers are slow, paused, broken, and come and go.
+#include <algorithm>
 #include <cstring>
-#include <optional>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "talvo/talvo.h"
 #include "talvo/testing/testing.h"
@@ -84,6 +87,8 @@ public:
     explicit CForwardScenario(CCmSimNetwork& aNetwork) : m_Network(aNetwork) {
         m_Network.SetObserver(this);
         Manager::Instance()->CreateForwardSession(this, m_pSession.ParaOut());
+        if (Chance(40))
+            LimitLog();
         for (DWORD i = Chance(20) ? 1 + Below(50) : 1 + Below(8); i > 0; --i)
             AddLane();
     }
@@ -113,7 +118,8 @@ public:
         const CCmSimForwardModel::CReceiver* pReceiver = m_Model.Find(aId);
         if (!pReceiver)
             return m_Network.Fail("OnReceiver of an unknown receiver");
-        if (aReason == CM_ERROR_PARTIAL_DATA && !pReceiver->m_bGone && !m_Model.IsAtLimit(*pReceiver, get_tick_count()))
+        if (aReason == CM_ERROR_PARTIAL_DATA &&
+            !(pReceiver->m_bGone ? pReceiver->m_bLost : m_Model.IsAtLimit(*pReceiver, get_tick_count())))
             m_Network.Fail("a receiver is removed without a reason: " + m_Model.Describe(aId));
         Forget(aId);
         ActInside();
@@ -136,6 +142,13 @@ private:
     BOOL Chance(DWORD aPercent) { return m_Network.Random(100) < aPercent; }
     DWORD Below(uint64_t aBound) { return static_cast<DWORD>(m_Network.Random(aBound)); }
 
+    void LimitLog() {
+        DWORD dwMessages = 1 + Below(60), dwBytes = 500 + Below(30000), dwKeys = 1 + Below(10);
+        m_pSession->SetOption(CM_OPT_FORWARD_LOG_MESSAGES, &dwMessages);
+        m_pSession->SetOption(CM_OPT_FORWARD_LOG_BYTES, &dwBytes);
+        m_pSession->SetOption(CM_OPT_FORWARD_KEYS, &dwKeys);
+        m_Model.SetLimits(dwMessages, dwBytes, dwKeys);
+    }
     CCmSimLink RandomLink(const CLane& aLane) {
         CCmSimLink link;
         CCmSimPath& path = link.m_Down;
@@ -232,7 +245,7 @@ private:
         DWORD dwId = 0;
         const CmResult rv = m_pSession->AddReceiver(lane.m_Servers.m_Transports[0].Get(), options, dwId);
         if (lane.m_bOver || lane.m_dwId != 0 || lane.m_Server.m_nDisconnects > 0) {
-            if (rv != CM_ERROR_FOUND && rv != CM_ERROR_NULL_POINTER && rv != CM_ERROR_INVALID_ARG)
+            if (rv != CM_ERROR_FOUND && rv != CM_ERROR_NULL_POINTER)
                 m_Network.Fail("AddReceiver of a transport that is none: " + std::to_string(rv));
             return;
         }
