@@ -15,6 +15,7 @@ namespace {
 
 const CCmTimeValue ASKING(1);
 const CCmTimeValue WATCH_INTERVAL(0, 100000);
+constexpr uint32_t LINGER_SECONDS = 30;
 
 std::string_view FieldOf(std::string_view aLine, DWORD aField) {
     constexpr const char* BLANKS = " \t";
@@ -42,15 +43,17 @@ public:
 
     CmResult Open() {
         RequireMemory(m_Asking.Schedule(this, ASKING, 1));
+        BOOL bTell = TRUE;
+        m_pTransport->SetOption(CM_OPT_TRANSPORT_TELL_END, &bTell);  // raw streams: the end of its side alone is no end
         return m_pTransport->OpenWithSink(this);
     }
 
-    // Everything behind the first line is ignored.
+    // Everything behind the first line is ignored. An empty block: the peer sends no more, but may read.
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
         if (m_dwId != 0)
             return;
         m_strAsked += aData.FlattenChained().substr(0, JOIN_LINE_LIMIT);
-        if (m_strAsked.find('\n') == std::string::npos && m_strAsked.size() < JOIN_LINE_LIMIT)
+        if (aData.GetChainedLength() > 0 && m_strAsked.find('\n') == std::string::npos && m_strAsked.size() < JOIN_LINE_LIMIT)
             return;
         m_Publisher.Join(*this, ParseJoinLine(m_strAsked));
     }
@@ -173,6 +176,7 @@ void Publisher::OnEnd(const std::string& aProblem) {
     if (!aProblem.empty())
         return Complain(aProblem);
     m_bEnded = true;
+    m_dwProgress = get_tick_count();
     FinishWhenSent();
 }
 
@@ -184,10 +188,19 @@ void Publisher::OnTimer(CCmTimerWrapperID*) {
 
 void Publisher::FinishWhenSent() {
     CCmForwardStatistics statistics;
-    if (!m_bEnded || m_pSession->GetStatistics(statistics) != CM_OK || statistics.m_Lag.m_ullMessages > 0)
+    if (!m_bEnded || m_pSession->GetStatistics(statistics) != CM_OK)
+        return;
+    if (std::exchange(m_ullSent, statistics.m_Sent.m_ullMessages) != statistics.m_Sent.m_ullMessages)
+        m_dwProgress = get_tick_count();
+    const bool bAll = statistics.m_Lag.m_ullMessages == 0;
+    const uint64_t ullSeconds = get_uint32_param("Proxy", "LingerSeconds", LINGER_SECONDS);
+    if (!bAll && calculate_tick_interval(m_dwProgress, get_tick_count()) < ullSeconds * 1000)
         return;
     m_Watch.Cancel();
-    m_Application.Finish(EXIT_OK);
+    if (bAll)
+        return m_Application.Finish(EXIT_OK);
+    Complain(std::to_string(statistics.m_Lag.m_ullMessages) + " messages remain: no receiver has taken one for " +
+             std::to_string(ullSeconds) + " s");
 }
 
 void Publisher::Complain(const std::string& aText) {

@@ -14,9 +14,9 @@
 namespace tool {
 
 // Forwards each line, with its end, to all receivers. A receiver may ask for its join point with its first line; one that asks
-// for none within a second gets the next message first. At the end of the lines waits until all receivers have them, and
-// finishes the application. Main thread, which is the network thread. The arguments, the application and the console outlive
-// it.
+// for none within a second gets the next message first. At the end of the lines waits until all receivers have them, or none
+// has taken one for LingerSeconds, and finishes the application. Main thread, which is the network thread. The arguments, the
+// application and the console outlive it.
 class Publisher : private ICmAcceptorConnectorSink, private ICmForwardSink, private LineSink, private CCmTimerWrapperIDSink {
 public:
     Publisher(const Arguments& aArguments, Application& aApplication, Console& aConsole);
@@ -55,6 +55,8 @@ private:
     LineSource m_Source;
     CCmTimerWrapperID m_Watch;  // for drops, and for the end
     bool m_bEnded = false;      // there are no more lines
+    uint64_t m_ullSent = 0;     // messages since then, and the tick when the last one was seen
+    DWORD m_dwProgress = 0;
 };
 
 }  // namespace tool

@@ -28,12 +28,25 @@ class PublishTest(ProgramTest):
             self.assertEqual((0, 0, 0), (publish.returncode, early.returncode, late.returncode))
 
     def test_any_reader_of_a_socket_is_a_receiver(self):
-        publish, server = self.publish()
-        with socket.create_connection((HOST, server.port), PATIENCE) as reader:
-            reader.sendall(b"GET / HTTP/1.0\r\n\r\n")
+        for request, ends in (b"GET / HTTP/1.0\r\n\r\n", False), (b"", True):
+            publish, server = self.publish()
+            with socket.create_connection((HOST, server.port), PATIENCE) as reader:
+                reader.sendall(request)
+                if ends:
+                    reader.shutdown(socket.SHUT_WR)
+                self.assertEqual("joined", json.loads(publish.stdout.readline())["event"])
+                publish.communicate("hello\n", timeout=PATIENCE)
+                self.assertEqual(b"hello\n", reader.makefile("rb").read())
+
+    def test_the_end_does_not_wait_for_a_stopped_receiver(self):
+        patience = self.make("patience", "[Proxy]\nLingerSeconds=1\n")
+        publish, server = self.publish("--policy", "conflate", "--key-field", 1, "--config", patience)
+        with socket.create_connection((HOST, server.port), PATIENCE) as stopped:
+            stopped.sendall(b"\n")
             self.assertEqual("joined", json.loads(publish.stdout.readline())["event"])
-            publish.communicate("hello\n", timeout=PATIENCE)
-            self.assertEqual(b"hello\n", reader.makefile("rb").read())
+            out = publish.communicate("".join(f"{n} {'x' * 50000}\n" for n in range(400)), timeout=PATIENCE)[0]
+        self.assertEqual(1, publish.returncode)
+        self.assertIn("messages remain", out)
 
 
 unittest.main()
