@@ -5,9 +5,8 @@
 // whole picture. So each viewer can decode all that it gets. The program ends after 3 s.
 #include <cstdio>
 
-#include "talvo/talvo.h"
+#include "examples/producer.h"
 
-using Manager = CCmConnectionManager;
 constexpr DWORD TYPE = Manager::CTYPE_PDU_PACKAGE | Manager::CTYPE_TCP;
 constexpr int PICTURES_A_SECOND = 30, PICTURES = 3 * PICTURES_A_SECOND + 1;
 constexpr DWORD SIZE = 50000;  // bytes, most of which have no meaning here
@@ -16,7 +15,6 @@ struct Picture {
     int m_nNumber;
     BOOL m_bWhole;
 };
-ICmReactor* MainReactor() { return CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN); }
 
 class Viewer : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
@@ -49,13 +47,11 @@ private:
 };
 
 // Sends pictures to three viewers. The slow one does not read in the first half, the late one comes in the second.
-class Sender : public ICmAcceptorConnectorSink, public ICmTransportSink, public ICmForwardSink, public ICmTimerHandler {
+class Sender : public Producer {
 public:
+    Sender() : Producer({.m_Policy = CM_FORWARD_DROP_OLDEST, .m_Join = CM_FORWARD_JOIN_KEY}) {}
     void Start() {
-        Manager::Instance()->CreateForwardSession(this, m_pSession.ParaOut());
-        Manager::Instance()->CreateConnectionServer(TYPE, m_pAcceptor.ParaOut());
-        m_pAcceptor->StartListen(this, CCmInetAddr("127.0.0.1", 0));
-        m_pAcceptor->GetListenAddr(m_Addr);
+        m_Addr = Listen(TYPE);
         m_Fast.Start(m_Addr);
         m_Slow.Start(m_Addr);
     }
@@ -85,21 +81,7 @@ private:
         message.AdvanceTopLevelWritePtr(SIZE - sizeof picture);
         m_pSession->Forward(message, &header);
     }
-    void OnConnectIndication(CmResult, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
-        CCmForwardReceiverOptions options;
-        options.m_Policy = CM_FORWARD_DROP_OLDEST;
-        options.m_Join = CM_FORWARD_JOIN_KEY;
-        DWORD dwId = 0;
-        if (aTrpt && aTrpt->OpenWithSink(this) == CM_OK)
-            m_pSession->AddReceiver(aTrpt, options, dwId);
-    }
-    void OnForward() override {}
-    void OnReceiver(DWORD, CmResult) override {}
-    void OnReceive(CCmMessageBlock&, ICmTransport*, CCmTransportParameter*) override {}
-    void OnSend(ICmTransport*, CCmTransportParameter*) override {}
-    void OnDisconnect(CmResult, ICmTransport*) override {}
-    CCmRefPtrT<ICmForwardSession> m_pSession;
-    CCmRefPtrT<ICmAcceptor> m_pAcceptor;
+
     CCmInetAddr m_Addr;
     int m_nNext = 0;
 };

@@ -6,37 +6,19 @@
 #include <map>
 #include <string>
 
-#include "talvo/talvo.h"
+#include "examples/producer.h"
 
-using Manager = CCmConnectionManager;
 constexpr DWORD TYPE = Manager::CTYPE_PDU_LENGTH | Manager::CTYPE_TCP;
 constexpr const char* SHARES[] = {"ACME", "BOLT", "CORK", "DUNE"};
 constexpr int PRICES = 200000, PRICES_A_TURN = 100;
 
-ICmReactor* MainReactor() { return CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN); }
-
-// Adds each client to the session, and forwards the prices when the first two have joined.
-class Ticker : public ICmAcceptorConnectorSink, public ICmTransportSink, public ICmForwardSink, public ICmTimerHandler {
+// Forwards the prices when the first two clients have joined. A late client begins with the newest price of each share.
+class Ticker : public Producer {
 public:
-    CCmInetAddr Start() {
-        CCmInetAddr addr;
-        Manager::Instance()->CreateForwardSession(this, m_pSession.ParaOut());
-        Manager::Instance()->CreateConnectionServer(TYPE, m_pAcceptor.ParaOut());
-        m_pAcceptor->StartListen(this, CCmInetAddr("127.0.0.1", 0));
-        m_pAcceptor->GetListenAddr(addr);
-        return addr;
-    }
+    Ticker() : Producer({.m_Policy = CM_FORWARD_CONFLATE, .m_Join = CM_FORWARD_JOIN_ALL_KEYS}) {}
+    CCmInetAddr Start() { return Listen(TYPE); }
 
 private:
-    void OnConnectIndication(CmResult, ICmTransport* aTrpt, ICmAcceptorConnectorId*) override {
-        CCmForwardReceiverOptions options;
-        options.m_Policy = CM_FORWARD_CONFLATE;
-        options.m_Join = CM_FORWARD_JOIN_ALL_KEYS;  // a late client begins with the newest price of each share
-        DWORD dwId = 0;
-        int nBuffer = 4096;  // small, so that a client soon falls behind
-        if (aTrpt && aTrpt->OpenWithSink(this) == CM_OK && aTrpt->SetOption(CM_OPT_TRANSPORT_SNDBUF, &nBuffer) == CM_OK)
-            m_pSession->AddReceiver(aTrpt, options, dwId);
-    }
     void OnJoin(DWORD aId) override {
         if (aId == 2)
             MainReactor()->ScheduleTimer(this, nullptr, CCmTimeValue(0, 1000), 0);
@@ -53,14 +35,7 @@ private:
         const CCmForwardHeader header{stShare + 1, 0};
         m_pSession->Forward(message, &header);
     }
-    void OnForward() override {}
-    void OnReceiver(DWORD, CmResult) override {}
-    void OnReceive(CCmMessageBlock&, ICmTransport*, CCmTransportParameter*) override {}
-    void OnSend(ICmTransport*, CCmTransportParameter*) override {}
-    void OnDisconnect(CmResult, ICmTransport*) override {}
 
-    CCmRefPtrT<ICmForwardSession> m_pSession;
-    CCmRefPtrT<ICmAcceptor> m_pAcceptor;
     int m_nPrices = 0;
 };
 
