@@ -1,10 +1,12 @@
 """The suites of one message to many receivers: a producer on the first core, its receivers in one process on the second."""
-import contextlib
 import json
 import signal
 import subprocess
 
+from bench_wan import killed
+
 SIZES = {"64 B": (64, 2000000), "1 KiB": (1024, 400000), "16 KiB": (16384, 40000)}  # bytes, deliveries in all
+SUITES = {"forward-64": "64 B", "forward-1k": "1 KiB", "forward-16k": "16 KiB"}
 NUMBERS = (1, 10, 100, 1000)
 MOST_SECONDS = 200  # of any one run: 70 MiB to 900 receivers, for the suite forward-memory
 
@@ -44,21 +46,14 @@ USERS_PROGRAMS = {"1 receiver": 0, "1,000 receivers": 1}
 
 def suites(make, measure):
     return {
-        "forward": make(RATE_PROGRAMS, measure, list(RATES), "epoll", BEST_OF),
+        name: make(RATE_PROGRAMS, measure, [label(number, size) for number in NUMBERS], "epoll", BEST_OF)
+        for name, size in SUITES.items()
+    } | {
         "forward-latency": make(RATE_PROGRAMS, measure, list(LATENCIES), "epoll", BEST_OF),
         "forward-stopped": make(STOPPED_PROGRAMS, measure, list(STOPPED), "all read"),
         "forward-memory": make(MEMORY_PROGRAMS, measure, list(MEMORY), rounds=1),
         "forward-user": make(USERS_PROGRAMS, measure, list(USERS), "1 receiver"),
     }
-
-
-@contextlib.contextmanager
-def killed(process):
-    try:
-        yield process
-    finally:
-        process.kill()
-        process.wait()
 
 
 def read_json(text):

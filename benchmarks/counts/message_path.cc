@@ -1,5 +1,6 @@
 #include "benchmarks/counts/message_path.h"
 
+#include <malloc.h>
 #include <sys/syscall.h>
 
 #include <memory>
@@ -280,11 +281,18 @@ CCost ForwardCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aReceive
             aNetwork.Listen(fanOut, addr, CCmConnectionManager::CTYPE_TCP | CCmConnectionManager::CTYPE_PDU_PACKAGE);
     });
     std::vector<std::unique_ptr<CPlainPeer>> peers;
-    for (size_t i = 0; i < aReceivers; ++i) {
+    const auto join = [&] {
         peers.push_back(std::make_unique<CPlainPeer>(addr, std::string("\1\0\0\0\0\0\0\17", 8)));
         peers.back()->Trip();
-    }
-    aNetwork.RunUntil([&] { return fanOut.m_stJoined == aReceivers; });
+        aNetwork.RunUntil([&] { return fanOut.m_stJoined == peers.size(); });
+        return malloc_usable_size(peers.back().get());
+    };
+    join();  // pays for what all share
+    size_t stPeers = 0;
+    const size_t stBefore = mallinfo2().uordblks;
+    while (peers.size() < aReceivers)
+        stPeers += join();
+    const double dHeld = static_cast<double>(mallinfo2().uordblks - stBefore - stPeers) / static_cast<double>(aReceivers - 1);
     const std::string strMessage(aSize, 'x');
     const auto forward = [&] {
         CCmMessageBlock block = ViewOf(strMessage);
@@ -301,7 +309,8 @@ CCost ForwardCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aReceive
     for (size_t n = 0; n < aMessages; ++n)
         inThread(forward);
     aNetwork.RunUntil([&] { return isSent(aMessages + 1); });
-    const CCost cost(CCounters::Now() - before, aMessages * aReceivers, aSize);
+    CCost cost(CCounters::Now() - before, aMessages * aReceivers, aSize);
+    cost.m_dHeld = dHeld;
     inThread([&] {
         fanOut.m_pSession.Reset();
         fanOut.m_pAcceptor.Reset();

@@ -13,6 +13,7 @@ struct CCost {
     double m_dAllocations;
     double m_dCopies;  // copied bytes for each byte of the message
     double m_dLocks;
+    double m_dHeld = 0;  // of sessions: bytes of memory for each receiver, its connection included
 };
 
 // A message of aSize bytes from a plain socket and back, aMessages times, one at a time. The library's end is in the network

@@ -19,6 +19,7 @@ constexpr size_t CONNECTS_AT_ONCE = 32;
 constexpr size_t BYTES_A_TURN = 65536;
 constexpr DWORD LONGEST_LAG = 64 << 20;  // bytes
 constexpr long POLL_USEC = 100000;
+constexpr DWORD COPIED = 1024;  // bytes of a message that Forward copies: its memory is reused
 
 ICmReactor& MainReactor() { return *CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN); }
 
@@ -78,9 +79,10 @@ private:
                 MainReactor().ScheduleTimer(this, nullptr, CCmTimeValue::FromUsec((m_Forwarding.GetWait() + 999) / 1000), 1));
     }
     bool ForwardNext() {
-        CCmMessageBlock message(static_cast<DWORD>(m_Work.m_nSize));
+        const auto dwSize = static_cast<DWORD>(m_Work.m_nSize);
+        CCmMessageBlock message(dwSize, dwSize <= COPIED ? m_Small : nullptr);
         m_Forwarding.Fill(message.GetTopLevelWritePtr());
-        message.AdvanceTopLevelWritePtr(static_cast<DWORD>(m_Work.m_nSize));
+        message.AdvanceTopLevelWritePtr(dwSize);
         const int64_t llBefore = m_Work.m_bUser ? bench::ThreadCpuNs() : 0;
         const CmResult rv = m_pSession->Forward(message);
         if (m_Work.m_bUser)
@@ -97,6 +99,7 @@ private:
     CCmRefPtrT<ICmForwardSession> m_pSession;
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;
     size_t m_nJoined = 0;
+    char m_Small[COPIED];
 };
 
 // Main thread, which is the network thread.
