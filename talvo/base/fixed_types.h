@@ -19,7 +19,7 @@ constexpr CmBool CM_FALSE = 0;
 
 // A socket or another descriptor that a reactor can watch.
 using CmHandle = int;
-constexpr CmHandle CM_INVALID_HANDLE = -1;
+constexpr CmHandle CM_INVALID_HANDLE = -1;  // no descriptor
 
 // The library's string: bytes without a fixed encoding.
 using CCmString = std::string;

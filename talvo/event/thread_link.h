@@ -109,7 +109,7 @@ public:
     // For the thread itself. Notifies its tenants of the stage and adds up their unfinished work: after the notices, but at CUT
     // before. NONE adds the lost work, too, and then clears it.
     CCmUndrained Drain(ECmDrainStage aStage);
-    ECmDrainStage GetDrainStage() const { return m_DrainStage; }
+    ECmDrainStage GetDrainStage() const { return m_DrainStage; }  // of the drain under way
 
     // Any thread, at the end of a drain: the thread drains with CUT if aCut, and then with NONE. Needs no memory.
     void EndDrain(CmBool aCut);

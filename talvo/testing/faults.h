@@ -22,7 +22,7 @@ public:
     // The aNth call from now on fails, and with ALLOCATIONS_FROM all behind it; those of all threads count. aError: which of
     // the errors of the system call, from 0 on; a call that has fewer does not fail.
     static void Arm(EKind aKind, CmDword aNth, int aError = 0);
-    static void Disarm();
+    static void Disarm();  // no further call fails
     // Whether the call has been reached.
     static CmBool HasFired();
 

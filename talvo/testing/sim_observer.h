@@ -29,7 +29,7 @@ public:
     virtual void OnReceived(const CCmSimEnd&, const std::string&) {}  // and after it; the end may be closed then
     // aByOwner: the user has closed it; otherwise the peer or the link.
     virtual void OnClose(const CCmSimEnd&, CmBool /*aByOwner*/) {}
-    virtual void OnStopListen(const CCmInetAddr&) {}
+    virtual void OnStopListen(const CCmInetAddr&) {}  // an acceptor stops
     // No code of the application is running: a timer, an event or an arrival has been handled. Check invariants here.
     virtual void OnStep() {}
     virtual ~ICmSimObserver() = default;

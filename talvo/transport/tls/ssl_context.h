@@ -68,6 +68,7 @@ public:
     // that it takes, in its order of preference. A server refuses a client that offers protocols and none of these; a client
     // that offers none is accepted.
     CmResult SetAlpn(const char* aProtocols);
+    // The lowest and the highest version that a session may have.
     CmResult SetVersions(ECmTlsVersion aLowest, ECmTlsVersion aHighest);
     // Lists of OpenSSL's names, for TLS 1.2 and for TLS 1.3; null leaves one as it is. "@SECLEVEL=n" in the first changes the
     // level of security, for the certificates added later too. Ciphers without authentication or encryption are never used.

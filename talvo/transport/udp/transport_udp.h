@@ -42,6 +42,8 @@ public:
     CmHandle GetHandle() const override;
     // Not for a peer of an acceptor.
     CCmSocketUdp& GetPeer() { return m_pOwnPort->GetSocket(); }
+
+    // The peer of this transport.
     void SetPeerAddr(const CCmInetAddr& aAddrPeer) { m_AddrPeer = aAddrPeer; }
     const CCmInetAddr& GetPeerAddr() const { return m_AddrPeer; }
 
