@@ -9,6 +9,7 @@
 #include "talvo/co/application.h"
 #include "talvo/co/combine.h"
 #include "talvo/co/connect.h"
+#include "talvo/co/http_server.h"
 #include "talvo/co/listener.h"
 #include "talvo/co/on.h"
 #include "talvo/co/resolve.h"

@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "talvo/co/http_server.h"
 #include "talvo/co/listener.h"
 #include "talvo/event/signal_handler.h"
 #include "talvo/event/thread.h"
@@ -42,6 +43,7 @@ public:
     ~application() override {
         tasks_.cancel();
         listeners_.clear();
+        servers_.clear();
         signals_.Close();
         if (state_ == state::owns_library)
             end_library();
@@ -57,17 +59,11 @@ public:
     // Runs serve for each connection, see listener::listen. Gives the bound address. An application whose only listener has
     // failed does not run, see run_until_signal.
     result<address> listen(std::string_view at, kind type, listener::handler serve, const listen_options& options = {}) {
-        if (error_)
-            return error_;
-        listeners_.push_back(std::make_unique<listener>([this](std::exception_ptr failed) { report(std::move(failed)); }));
-        listener& added = *listeners_.back();
-        const auto done = added.listen(at, type, std::move(serve), options);
-        if (done)
-            return added.local_address();
-        const CCmFailure cause = added.failure();
-        note("cannot listen on " + std::string(at) + ": " + (cause ? cause.GetText() : done.error().message()));
-        listeners_.pop_back();
-        return done.error();
+        return listen_with(listeners_, at, type, std::move(serve), options);
+    }
+    // The same for an HTTP server, see http::server.
+    result<address> listen(std::string_view at, http::router routes, const http::server_options& options = {}) {
+        return listen_with(servers_, at, std::move(routes), options);
     }
     // As talvo::connect.
     auto connect(std::string_view to, kind type, const connect_options& options = {}) {
@@ -115,6 +111,21 @@ public:
     std::stop_token stop_token() const { return tasks_.stop_token(); }
 
 private:
+    template <class Listener, class... Arguments>
+    result<address> listen_with(std::vector<std::unique_ptr<Listener>>& all, std::string_view at, Arguments&&... arguments) {
+        if (error_)
+            return error_;
+        auto added = std::make_unique<Listener>([this](std::exception_ptr failed) { report(std::move(failed)); });
+        const auto done = added->listen(at, std::forward<Arguments>(arguments)...);
+        if (!done) {
+            const CCmFailure& cause = added->failure();
+            note("cannot listen on " + std::string(at) + ": " + (cause ? cause.GetText() : done.error().message()));
+            return done.error();
+        }
+        all.push_back(std::move(added));
+        return all.back()->local_address();
+    }
+
     enum class state { refused, uses_library, owns_library };
 
     CmResult start() {
@@ -160,6 +171,7 @@ private:
         draining_ = false;
         tasks_.cancel();
         listeners_.clear();
+        servers_.clear();
         return status_.exchange(0);
     }
 
@@ -200,7 +212,7 @@ private:
         }
     }
 
-    bool has_work() const { return !listeners_.empty() || tasks_.size() > 0; }
+    bool has_work() const { return !listeners_.empty() || !servers_.empty() || tasks_.size() > 0; }
     static int fail(const std::string& failure) {
         std::fprintf(stderr, "talvo: %s\n", failure.c_str());
         return 1;
@@ -220,6 +232,7 @@ private:
     std::function<void(std::exception_ptr)> handler_;
     CCmSignalHandler signals_;
     std::vector<std::unique_ptr<listener>> listeners_;
+    std::vector<std::unique_ptr<http::server>> servers_;
     task_group tasks_{[this](std::exception_ptr failed) { report(std::move(failed)); }};
 };
 

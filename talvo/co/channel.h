@@ -1,346 +1,37 @@
 // The sink behind a connection. Not for applications.
 #pragma once
 
-#include <coroutine>
-#include <vector>
-
-#include "talvo/co/loop_timer.h"
-#include "talvo/co/message.h"
-#include "talvo/co/result.h"
-#include "talvo/transport/send_bytes.h"
+#include "talvo/co/stream.h"
 
 namespace talvo::detail {
 
-// Data that a coroutine sends: bytes of the caller, or a chain that is not consumed. Remembers the part that was taken.
-class outgoing {
+class channel final : public stream, public ICmTransportSink {
 public:
-    explicit outgoing(std::string_view bytes) : bytes_(bytes) {}
-    explicit outgoing(const message& whole) : message_(&whole) {}
-    explicit outgoing(const CCmMessageBlock& chain) : chain_(&chain) {}
-
-private:
-    friend class channel;
-    std::string_view bytes_;
-    const message* message_ = nullptr;  // not owned: the caller keeps it during the send, and it may move its bytes meanwhile
-    const CCmMessageBlock* chain_ = nullptr;
-    std::size_t taken_ = 0;
-};
-
-// An awaiting coroutine in the list of a channel.
-class channel_waiter {
-public:
-    virtual void resume() = 0;
-
-protected:
-    ~channel_waiter() = default;
-};
-
-class receive_awaiter;
-class send_awaiter;
-
-// The state of one connection, shared by its owner, the operations under way and its upcalls. Everything happens in one thread.
-class channel final : public ICmTransportSink, private loop_timer {
-public:
-    explicit channel(ICmTransport& transport) : transport_(&transport) {}
-
-    uint32_t AddReference() noexcept { return ++references_; }
-    uint32_t ReleaseReference() noexcept {
-        const uint32_t left = --references_;
-        if (left == 0)
-            delete this;
-        return left;
-    }
+    explicit channel(ICmTransport& transport) : stream(transport) {}
 
     // ends_halves: the peer's half-close is an end of the messages only.
     CmResult open(bool ends_halves) {
         int32_t on = 1;
-        ends_halves_ = ends_halves && transport_->SetOption(CM_OPT_TRANSPORT_TELL_END, &on) == CM_OK;
-        return transport_->OpenWithSink(this);
-    }
-
-    ICmTransport& transport() const { return *transport_; }
-
-    // Ends the connection. Operations under way end from the loop.
-    void close() {
-        transport_->Disconnect(CM_OK);
-        if (std::exchange(closed_, true))
-            return;
-        if (!failed_)
-            end_with(CM_ERROR_NOT_AVAILABLE);
-        if (receiver_ || first_sender_)
-            start_soon();
+        ends_halves_ = ends_halves && transport().SetOption(CM_OPT_TRANSPORT_TELL_END, &on) == CM_OK;
+        return transport().OpenWithSink(this);
     }
 
 private:
-    friend class receive_awaiter;
-    friend class send_awaiter;
-
-    static constexpr std::size_t MOST_QUEUED = 64 * 1024;  // bytes; then reading pauses
-
-    ~channel() override { transport_->Disconnect(CM_OK); }
-
     void OnReceive(CCmMessageBlock& data, ICmTransport*, CCmTransportParameter*) override {
-        const CCmRefPtrT<channel> guard(this);
-        if (loan_)
-            loan_->keep();
         if (ends_halves_ && data.GetChainedLength() == 0)
-            return end_receiving();
-        if (receiver_ && queue_.empty())
-            lend(data);
+            take_half_end();
         else
-            enqueue(data);
+            take_data(data);
     }
-
-    void OnSend(ICmTransport*, CCmTransportParameter*) override {
-        const CCmRefPtrT<channel> guard(this);
-        continue_sending();
-    }
-
+    void OnSend(ICmTransport*, CCmTransportParameter*) override { take_room(); }
     void OnDisconnect(CmResult reason, ICmTransport*) override {
-        const CCmRefPtrT<channel> guard(this);
         CCmFailure failure;
-        transport_->GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure);
+        transport().GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure);
         const bool orderly = reason == CM_ERROR_NETWORK_SOCKET_ERROR && !failure;
-        if (!receiving_ended_ && !orderly)
-            error_ = make_error_code(reason, failure);
-        receiving_ended_ = failed_ = true;
-        send_error_ = orderly ? make_error_code(CM_ERROR_NETWORK_SOCKET_CLOSE) : make_error_code(reason, failure);
-        wake_all();
+        take_end(orderly ? std::error_code() : make_error_code(reason, failure));
     }
 
-    void on_time() override {
-        const CCmRefPtrT<channel> guard(this);
-        wake_all();
-    }
-
-    inline void lend(CCmMessageBlock& data);
-    inline void end_receiving();
-    inline void wake_all();
-    inline void continue_sending();
-    inline void enqueue(CCmMessageBlock& data);
-
-    void end_with(CmResult code) {
-        receiving_ended_ = failed_ = true;
-        error_ = send_error_ = make_error_code(code);
-        queue_.clear();
-        next_ = queued_ = 0;
-    }
-
-    void set_paused(bool paused) {
-        if (std::exchange(paused_, paused) == paused)
-            return;
-        int32_t value = paused;
-        transport_->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &value);
-    }
-
-    // The next queued message. Without one, reading continues.
-    bool dequeue(result<message>& out) {
-        if (queue_.empty())
-            set_paused(false);
-        if (queue_.empty())
-            return false;
-        queued_ -= queue_[next_]->GetChainedLength();
-        out = message(std::move(queue_[next_]));
-        if (++next_ == queue_.size()) {
-            queue_.clear();
-            next_ = 0;
-        }
-        return true;
-    }
-
-    // Sends the rest. true: that is over, with the error (out). false: OnSend follows.
-    bool try_send(outgoing& data, std::error_code& error) {
-        if (failed_) {
-            error = send_error_;
-            return true;
-        }
-        CmResult code = data.chain_ || data.message_ ? send_chain(data) : send_bytes(data);
-        if (code == CM_ERROR_PARTIAL_DATA)
-            return false;
-        if (code == CM_ERROR_NOT_INITIALIZED || code == CM_ERROR_NULL_POINTER)
-            code = CM_ERROR_NETWORK_SOCKET_CLOSE;
-        if (code != CM_OK)
-            error = make_error_code(code);
-        return true;
-    }
-
-    CmResult send_bytes(outgoing& data) {
-        const std::string_view left = data.bytes_.substr(data.taken_);
-        if (left.size() >= CCmMessageBlock::MOST_LENGTH)
-            return CM_ERROR_INVALID_ARG;
-        uint32_t taken = 0;
-        const CmResult code = cm_send_bytes(*transport_, left.data(), static_cast<uint32_t>(left.size()), &taken);
-        data.taken_ += taken;
-        return code;
-    }
-
-    CmResult send_chain(outgoing& data) {
-        const CCmMessageBlock* const chain = data.chain_ ? data.chain_ : data.message_->chain_;
-        if (!chain)
-            return data.message_->lost_ ? CM_ERROR_OUT_OF_MEMORY : CM_ERROR_INVALID_ARG;
-        CCmTransportParameter para;
-        CmResult code = CM_OK;
-        if (!chain->GetNext()) {  // a view on the stack copies nothing
-            CCmMessageBlock view(*chain, chain->GetTopLevelLength());
-            view.AdvanceTopLevelReadPtr(static_cast<uint32_t>(data.taken_));
-            code = transport_->SendData(view, &para);
-        } else {
-            const CCmChainPtr copy(chain->DuplicateChained());
-            if (!copy)
-                return CM_ERROR_OUT_OF_MEMORY;
-            copy->AdvanceChainedReadPtr(static_cast<uint32_t>(data.taken_));
-            code = transport_->SendData(*copy, &para);
-        }
-        data.taken_ += para.m_dwHaveSent;
-        return code;
-    }
-
-    const CCmRefPtrT<ICmTransport> transport_;
-    uint32_t references_ = 0;
     bool ends_halves_ = false;
-    bool paused_ = false;
-    bool receiving_ended_ = false;  // no message follows those in the queue
-    bool failed_ = false;           // nothing can be sent
-    bool closed_ = false;           // by close()
-    std::error_code error_;         // the end of the messages; 0: orderly
-    std::error_code send_error_;    // of sends after a failure
-    message* loan_ = nullptr;       // uses the data of the upcall under way
-    receive_awaiter* receiver_ = nullptr;
-    send_awaiter* first_sender_ = nullptr;  // the senders in their order
-    send_awaiter* last_sender_ = nullptr;
-    std::vector<CCmChainPtr> queue_;  // received and not yet taken, from next_ on
-    std::size_t next_ = 0;
-    std::size_t queued_ = 0;  // bytes
 };
-
-class receive_awaiter {
-public:
-    explicit receive_awaiter(CCmRefPtrT<channel> from) noexcept : channel_(std::move(from)) {}
-    receive_awaiter(receive_awaiter&&) noexcept = default;  // before it is awaited only
-    ~receive_awaiter() {
-        if (channel_ && channel_->receiver_ == this)
-            channel_->receiver_ = nullptr;
-    }
-
-    bool await_ready() {
-        if (!channel_ || channel_->receiver_) {
-            outcome_ = make_error_code(channel_ ? CM_ERROR_ALREADY_INITIALIZED : CM_ERROR_NOT_INITIALIZED);
-            return true;
-        }
-        if (channel_->dequeue(outcome_))
-            return true;
-        if (channel_->receiving_ended_)
-            outcome_ = channel_->error_;
-        return channel_->receiving_ended_;
-    }
-    void await_suspend(std::coroutine_handle<> awaiting) noexcept {
-        awaiting_ = awaiting;
-        channel_->receiver_ = this;
-    }
-    result<message> await_resume() noexcept { return std::move(outcome_); }
-
-private:
-    friend class channel;
-
-    CCmRefPtrT<channel> channel_;
-    result<message> outcome_;
-    std::coroutine_handle<> awaiting_;
-};
-
-class send_awaiter {
-public:
-    send_awaiter(CCmRefPtrT<channel> to, outgoing data) noexcept : channel_(std::move(to)), data_(data) {}
-    send_awaiter(send_awaiter&&) noexcept = default;  // before it is awaited only
-    ~send_awaiter() {
-        if (waiting_)
-            leave();
-    }
-
-    // Completes at once if everything is taken; behind another sender it waits for its turn.
-    bool await_ready() {
-        if (!channel_) {
-            error_ = make_error_code(CM_ERROR_NOT_INITIALIZED);
-            return true;
-        }
-        return !channel_->first_sender_ && channel_->try_send(data_, error_);
-    }
-    void await_suspend(std::coroutine_handle<> awaiting) noexcept {
-        awaiting_ = awaiting;
-        waiting_ = true;
-        previous_ = channel_->last_sender_;
-        (previous_ ? previous_->next_ : channel_->first_sender_) = this;
-        channel_->last_sender_ = this;
-    }
-    result<> await_resume() noexcept { return error_; }
-
-private:
-    friend class channel;
-
-    void leave() noexcept {
-        (previous_ ? previous_->next_ : channel_->first_sender_) = next_;
-        (next_ ? next_->previous_ : channel_->last_sender_) = previous_;
-        waiting_ = false;
-    }
-
-    CCmRefPtrT<channel> channel_;
-    outgoing data_;
-    std::error_code error_;
-    bool waiting_ = false;
-    send_awaiter* next_ = nullptr;
-    send_awaiter* previous_ = nullptr;
-    std::coroutine_handle<> awaiting_;
-};
-
-// The receiver gets the data without a copy, for as long as it does not suspend.
-inline void channel::lend(CCmMessageBlock& data) {
-    receive_awaiter& receiver = *std::exchange(receiver_, nullptr);
-    receiver.outcome_ = message(data, loan_);
-    receiver.awaiting_.resume();
-    if (loan_)
-        loan_->keep();
-}
-
-inline void channel::enqueue(CCmMessageBlock& data) {
-    const uint32_t length = data.GetChainedLength();
-    CCmChainPtr copy(data.DuplicateChained());
-    bool queued = copy != nullptr;
-    try {
-        if (queued)
-            queue_.push_back(std::move(copy));
-    } catch (const std::bad_alloc&) {
-        queued = false;
-    }
-    if (!queued) {
-        transport_->Disconnect(CM_ERROR_OUT_OF_MEMORY);
-        end_with(CM_ERROR_OUT_OF_MEMORY);
-        return wake_all();
-    }
-    queued_ += length;
-    if (queued_ >= MOST_QUEUED)
-        set_paused(true);
-}
-
-inline void channel::end_receiving() {
-    receiving_ended_ = true;
-    if (receive_awaiter* const receiver = std::exchange(receiver_, nullptr))
-        receiver->awaiting_.resume();
-}
-
-inline void channel::continue_sending() {
-    while (send_awaiter* const sender = first_sender_) {
-        if (!try_send(sender->data_, sender->error_))
-            return;
-        sender->leave();
-        sender->awaiting_.resume();
-    }
-}
-
-inline void channel::wake_all() {
-    if (receive_awaiter* const receiver = std::exchange(receiver_, nullptr)) {
-        receiver->outcome_ = error_;
-        receiver->awaiting_.resume();
-    }
-    continue_sending();
-}
 
 }  // namespace talvo::detail

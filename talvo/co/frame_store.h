@@ -24,6 +24,7 @@ struct frame_cache {
         piece* next;
     };
     piece* free[CLASSES] = {};
+    void* newest = nullptr;
     std::size_t kept = 0;  // bytes
     bool watched = false;
     bool closed = false;  // the thread ends: frames that end after this are freed at once
@@ -33,21 +34,9 @@ struct frame_cache {
 // the thread. Under a sanitizer every frame is an allocation of its own, so that the sanitizer finds a use after its end.
 class frame_store {
 public:
-    static void* allocate(std::size_t size) {
-#ifndef TALVO_CO_PLAIN_FRAMES
-        const std::size_t index = (size - 1) / STEP;
-        if (index < CLASSES) {
-            piece*& first = cache_.free[index];
-            if (piece* found = first) {
-                first = found->next;
-                cache_.kept -= (index + 1) * STEP;
-                return found;
-            }
-            return ::operator new((index + 1) * STEP);
-        }
-#endif
-        return ::operator new(size);
-    }
+    static void* allocate(std::size_t size) { return cache_.newest = find(size); }
+    // The frame that the thread has allocated last.
+    static void* newest() noexcept { return cache_.newest; }
 
     static void release(void* memory, [[maybe_unused]] std::size_t size) noexcept {
 #ifndef TALVO_CO_PLAIN_FRAMES
@@ -64,6 +53,22 @@ public:
     }
 
 private:
+    static void* find(std::size_t size) {
+#ifndef TALVO_CO_PLAIN_FRAMES
+        const std::size_t index = (size - 1) / STEP;
+        if (index < CLASSES) {
+            piece*& first = cache_.free[index];
+            if (piece* found = first) {
+                first = found->next;
+                cache_.kept -= (index + 1) * STEP;
+                return found;
+            }
+            return ::operator new((index + 1) * STEP);
+        }
+#endif
+        return ::operator new(size);
+    }
+
     static constexpr std::size_t STEP = frame_cache::STEP;
     static constexpr std::size_t CLASSES = frame_cache::CLASSES;
     static constexpr std::size_t MOST_KEPT = 256 * 1024;

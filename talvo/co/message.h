@@ -14,7 +14,7 @@
 namespace talvo {
 
 namespace detail {
-class channel;
+class stream;
 }
 
 // One message or datagram, or bytes of a stream as they arrived. To send it on, pass the message itself: that copies nothing.
@@ -61,7 +61,7 @@ public:
     }
 
 private:
-    friend class detail::channel;
+    friend class detail::stream;
 
     // A view on bytes of the library. loan is reset when the message no longer uses them, and points at the message until then.
     message(CCmMessageBlock& lent, message*& loan) noexcept : chain_(&lent), loan_(&loan) { loan = this; }

@@ -61,10 +61,22 @@ private:
     std::exception_ptr exception_;
 };
 
+// GCC 12 lays out the frame of a coroutine wrongly if the outermost block of the function declares no variable and the
+// condition of an `if` or a `while` in it awaits. Such a frame is noticed here, before it runs.
+template <class Promise>
+std::coroutine_handle<Promise> handle_of(Promise& promise) {
+    const auto handle = std::coroutine_handle<Promise>::from_promise(promise);
+#ifndef __clang__
+    if (handle.address() != frame_store::newest())
+        throw std::logic_error("talvo: miscompiled by GCC 12: name the result of co_await before an if or a while tests it");
+#endif
+    return handle;
+}
+
 template <class T>
 class task_promise final : public promise_base {
 public:
-    task<T> get_return_object() noexcept;
+    task<T> get_return_object();
     template <class U = T>
     void return_value(U&& value) {
         value_.emplace(std::forward<U>(value));
@@ -81,7 +93,7 @@ private:
 template <>
 class task_promise<void> final : public promise_base {
 public:
-    task<void> get_return_object() noexcept;
+    task<void> get_return_object();
     void return_void() noexcept {}
     void take() { rethrow(); }
 };
@@ -136,12 +148,14 @@ private:
     bool started_ = false;
 };
 
+namespace detail {
+
 template <class T>
-task<T> detail::task_promise<T>::get_return_object() noexcept {
-    return task<T>(std::coroutine_handle<task_promise>::from_promise(*this));
+task<T> task_promise<T>::get_return_object() {
+    return task<T>(handle_of(*this));
 }
-inline task<void> detail::task_promise<void>::get_return_object() noexcept {
-    return task<void>(std::coroutine_handle<task_promise>::from_promise(*this));
-}
+inline task<void> task_promise<void>::get_return_object() { return task<void>(handle_of(*this)); }
+
+}  // namespace detail
 
 }  // namespace talvo

@@ -29,6 +29,24 @@ TEST_F(TaskTest, AValueAndAnExceptionReachTheAwaitingTaskWithoutStack) {
     EXPECT_EQ(0, CTracked::s_nAlive);
 }
 
+talvo::task<int> WithoutAVariable() {
+    if (!co_await talvo::sleep(0s))
+        co_return 1;
+    co_return 2;
+}
+
+// GCC 12 miscompiles such a coroutine; it then fails before it runs.
+TEST_F(TaskTest, AMiscompiledFrameIsNoticed) {
+    Run([]() -> talvo::task<> {
+        int nValue = 2;
+        try {
+            nValue = co_await WithoutAVariable();
+        } catch (const std::logic_error&) {
+        }
+        EXPECT_EQ(2, nValue);
+    }());
+}
+
 TEST_F(TaskTest, ALimitCancelsTheOperationAndAWinnerTheOthers) {
     Run([](CCmSimNetwork& aNetwork) -> talvo::task<> {
         const auto tvStart = aNetwork.Now();

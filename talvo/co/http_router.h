@@ -1,0 +1,147 @@
+// The handlers of an HTTP server by method and path.
+#pragma once
+
+#include <functional>
+
+#include "talvo/co/http_fields.h"
+#include "talvo/co/task.h"
+
+namespace talvo::http {
+
+class incoming;
+
+// Finds the handler of a request. A pattern is a path whose segments are literal, "{name}" for any one segment that is not
+// empty, or "{name...}" at the end for the rest of the path, which may be empty. The first pattern added that fits wins. A
+// handler of GET also serves HEAD.
+//
+// A server with a router answers 404 for a path without a pattern; 405 with Allow for one without the method; 400 for a target
+// that cannot be decoded; 500 after a handler that gives no answer.
+//
+//    talvo::http::router routes;
+//    routes.get("/users/{id}", [](talvo::http::incoming call) -> talvo::task<> {
+//        call.respond(200, "text/plain", "user " + std::string(call.param("id")));
+//        co_return;
+//    });
+class router {
+public:
+    // Answers one request.
+    using handler = std::function<task<>(incoming)>;
+
+    // Adds a handler of a method and a pattern.
+    router& on(std::string_view method, std::string_view pattern, handler serve) {
+        routes_.push_back({std::string(method), split(pattern), std::move(serve)});
+        return *this;
+    }
+    // Likewise of GET.
+    router& get(std::string_view pattern, handler serve) { return on("GET", pattern, std::move(serve)); }
+    // Likewise of POST.
+    router& post(std::string_view pattern, handler serve) { return on("POST", pattern, std::move(serve)); }
+    // Likewise of PUT.
+    router& put(std::string_view pattern, handler serve) { return on("PUT", pattern, std::move(serve)); }
+    // Likewise of PATCH.
+    router& patch(std::string_view pattern, handler serve) { return on("PATCH", pattern, std::move(serve)); }
+    // Likewise of DELETE.
+    router& erase(std::string_view pattern, handler serve) { return on("DELETE", pattern, std::move(serve)); }
+
+    // The outcome of a look-up. serve is null: the server answers with status; allow: the methods of a 405.
+    struct match {
+        const handler* serve = nullptr;  // valid as long as the router
+        int status = 404;                // of the server's answer
+        std::string allow = {};          // "GET, PUT"
+        fields params = {};              // of the pattern
+        fields query = {};               // of the target
+    };
+
+    // target: as in the request line: "/path?query", or with "http://host" in front.
+    match find(std::string_view method, std::string_view target) const {
+        match found;
+        const std::size_t mark = std::min(target.find('?'), target.size());
+        std::vector<std::string> path = split(path_of(target.substr(0, mark)));
+        auto query = fields::parse(target.substr(std::min(target.size(), mark + 1)));
+        bool decoded = query.has_value();
+        for (std::string& segment : path) {
+            auto text = percent_decode(segment);
+            decoded = decoded && text;
+            segment = std::move(text).value_or("");
+        }
+        if (!decoded) {
+            found.status = 400;
+            return found;
+        }
+        found.query = std::move(*query);
+        for (const route& each : routes_) {
+            if (fits(each.pattern, path) && take(each, method, path, found))
+                break;
+        }
+        return found;
+    }
+
+private:
+    struct route {
+        std::string method;
+        std::vector<std::string> pattern;
+        handler serve;
+    };
+
+    static std::vector<std::string> split(std::string_view path) {
+        std::vector<std::string> segments;
+        while (path.starts_with('/')) {
+            path.remove_prefix(1);
+            segments.emplace_back(path.substr(0, path.find('/')));
+            path.remove_prefix(segments.back().size());
+        }
+        return segments;
+    }
+
+    static std::string_view path_of(std::string_view target) {
+        const std::size_t scheme = target.starts_with('/') ? target.npos : target.find("://");
+        if (scheme == target.npos)
+            return target;
+        target.remove_prefix(scheme + 3);
+        const std::size_t slash = target.find('/');
+        return slash == target.npos ? "/" : target.substr(slash);
+    }
+
+    static bool is_name(const std::string& segment) { return segment.starts_with('{') && segment.ends_with('}'); }
+    static bool is_rest(const std::string& segment) { return is_name(segment) && segment.ends_with("...}"); }
+
+    static bool fits(const std::vector<std::string>& pattern, const std::vector<std::string>& path) {
+        const bool rest = !pattern.empty() && is_rest(pattern.back());
+        const std::size_t fixed = pattern.size() - rest;
+        if (path.empty() || (rest ? path.size() < fixed : path.size() != fixed))
+            return false;
+        for (std::size_t i = 0; i < fixed; ++i) {
+            if (is_name(pattern[i]) ? path[i].empty() : pattern[i] != path[i])
+                return false;
+        }
+        return true;
+    }
+
+    static bool take(const route& each, std::string_view method, const std::vector<std::string>& path, match& found) {
+        if (each.method != method && !(each.method == "GET" && method == "HEAD")) {
+            found.status = 405;
+            found.allow += (found.allow.empty() ? "" : ", ") + each.method;
+            return false;
+        }
+        found.serve = &each.serve;
+        for (std::size_t i = 0; i < each.pattern.size(); ++i) {
+            const std::string& segment = each.pattern[i];
+            if (is_rest(segment))
+                found.params.add(segment.substr(1, segment.size() - 5), join(path, i));
+            else if (is_name(segment))
+                found.params.add(segment.substr(1, segment.size() - 2), path[i]);
+        }
+        return true;
+    }
+
+    static std::string join(const std::vector<std::string>& path, std::size_t from) {
+        std::string rest;
+        for (std::size_t i = from; i < path.size(); ++i)
+            rest += (i > from ? "/" : "") + path[i];
+        return rest;
+    }
+
+    std::vector<route> routes_;
+};
+
+}  // namespace talvo::http

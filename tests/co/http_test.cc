@@ -1,0 +1,140 @@
+// HTTP clients and servers of coroutines, over the simulated network.
+#include "tests/co/co_fixture.h"
+
+namespace {
+
+namespace http = talvo::http;
+
+class CoHttpTest : public CCoTest {
+protected:
+    static std::string Url(const std::string& aPath) { return "http://10.0.0.1" + aPath; }
+
+    void Serve(http::router aRoutes) { ASSERT_TRUE(m_Server.listen("10.0.0.1:80", std::move(aRoutes))); }
+
+    std::exception_ptr m_Failed;
+    http::server m_Server{[this](std::exception_ptr a) { m_Failed = a; }};
+};
+
+std::string Pairs(const http::fields& aFields) {
+    std::string strAll;
+    for (const auto& [name, value] : aFields)
+        strAll += name + "=" + value + ";";
+    return strAll;
+}
+
+// Method, target, status of the look-up, and the parameters.
+TEST(HttpRouterTest, FindsHandlersAndDecodes) {
+    http::router routes;
+    const auto handler = [](http::incoming) -> talvo::task<> { co_return; };
+    routes.get("/", handler).get("/a/{id}", handler).put("/a/{id}", handler).get("/files/{path...}", handler);
+    const struct {
+        const char *m_szMethod, *m_szTarget;
+        int m_nStatus;
+        const char *m_szParams, *m_szQuery;
+    } rows[] = {
+        {"GET", "/", 200, "", ""},
+        {"GET", "/?x=1+2&y&&=z&x=%26", 200, "", "x=1 2;y=;=z;x=&;"},
+        {"GET", "/a/b%2Fc%20+", 200, "id=b/c +;", ""},
+        {"HEAD", "http://host:80/a/7?q", 200, "id=7;", "q=;"},
+        {"GET", "http://host", 200, "", ""},
+        {"PUT", "/a/7", 200, "id=7;", ""},
+        {"POST", "/a/7", 405, "GET, PUT", ""},
+        {"GET", "/a/", 404, "", ""},
+        {"GET", "/a/7/", 404, "", ""},
+        {"GET", "/files/x/y.txt", 200, "path=x/y.txt;", ""},
+        {"GET", "/files/", 200, "path=;", ""},
+        {"GET", "/files", 200, "path=;", ""},
+        {"GET", "*", 404, "", ""},
+        {"GET", "", 404, "", ""},
+        {"GET", "/a/%4", 400, "", ""},
+        {"GET", "/a/%00", 400, "", ""},
+        {"GET", "/?%zz", 400, "", ""},
+    };
+    for (const auto& row : rows) {
+        const auto found = routes.find(row.m_szMethod, row.m_szTarget);
+        EXPECT_EQ(row.m_nStatus, found.serve ? 200 : found.status) << row.m_szTarget;
+        EXPECT_EQ(row.m_szParams, found.serve ? Pairs(found.params) : found.allow) << row.m_szTarget;
+        EXPECT_EQ(row.m_szQuery, Pairs(found.query)) << row.m_szTarget;
+    }
+    std::string strMany;
+    for (size_t i = 0; i < http::fields::MOST; ++i)
+        strMany += "a=b&";
+    EXPECT_EQ(http::fields::MOST, http::fields::parse(strMany).value().size());
+    EXPECT_EQ(std::errc::message_size, http::fields::parse(strMany + "a").error());
+}
+
+TEST_F(CoHttpTest, HandlersAnswerAndFaultsHaveTheirStatus) {
+    http::router routes;
+    routes.get("/hello/{name}", [](http::incoming aCall) -> talvo::task<> {
+        co_await talvo::sleep(1s);
+        aCall.set_header("X-Query", aCall.query().get("q"));
+        aCall.respond(201, "text/plain", "hello " + std::string(aCall.param("name")));
+    });
+    routes.post("/form", [](http::incoming aCall) -> talvo::task<> {
+        const auto form = co_await aCall.form(20);
+        if (form)
+            aCall.respond(200, "text/plain", Pairs(*form) + aCall.header("X-Any"));
+    });
+    routes.get("/throw", [](http::incoming) -> talvo::task<> {
+        co_await talvo::sleep(1s);
+        throw std::runtime_error("handler");
+    });
+    Serve(std::move(routes));
+    Run([]() -> talvo::task<> {
+        const auto hello = (co_await http::get(Url("/hello/you?q=a%20b"))).value();
+        EXPECT_TRUE(hello.status() == 201 && hello.ok() && hello.body() == "hello you") << hello.body();
+        EXPECT_EQ("a b", hello.header("x-query"));
+        const http::header header{"X-Any", "any"};
+        const auto post = [&](std::string_view aBody) {
+            return http::fetch({.url = "http://10.0.0.1/form", .method = "POST", .headers = {&header, 1}, .body = aBody});
+        };
+        EXPECT_EQ("a=1;b= ;any", (co_await post("a=1&b=+")).value().body());
+        EXPECT_EQ(413, (co_await post("a=1&b=123456789012345")).value().status());
+        EXPECT_EQ(400, (co_await post("a=%")).value().status());
+        EXPECT_EQ(404, (co_await http::get(Url("/none"))).value().status());
+        const auto wrong = (co_await http::get(Url("/form"))).value();
+        EXPECT_TRUE(wrong.status() == 405 && wrong.header("Allow") == "POST");
+        EXPECT_EQ(500, (co_await http::get(Url("/throw"))).value().status());
+        EXPECT_EQ(std::errc::invalid_argument, (co_await http::get("nonsense")).error());
+        EXPECT_EQ(std::errc::connection_refused, (co_await http::get("http://10.0.0.9/")).error());
+    }());
+    EXPECT_THROW(std::rethrow_exception(m_Failed), std::runtime_error);
+}
+
+// The server sends each piece of a request's body back as a piece of its answer, at the pace of the slower side.
+TEST_F(CoHttpTest, BodiesAreStreamedBothWays) {
+    m_Network.SetPath({.m_PartialSend = 0.2, .m_dwBuffer = 20000});
+    http::router routes;
+    routes.put("/echo", [](http::incoming aCall) -> talvo::task<> {
+        EXPECT_TRUE(aCall.begin(200, "text/plain"));
+        while (auto piece = co_await aCall.receive())
+            co_await aCall.send(*piece);
+        EXPECT_TRUE(aCall.finish());
+    });
+    Serve(std::move(routes));
+    Run([]() -> talvo::task<> {
+        auto call = http::start({.url = "http://10.0.0.1/echo", .method = "PUT", .streamed = true});
+        std::string strSent, strReceived;
+        talvo::task_group sender;
+        sender.spawn([](http::exchange& aCall, std::string& aSent) -> talvo::task<> {
+            for (int i = 0; i < 500; ++i) {
+                const std::string strPiece = std::to_string(i) + std::string(400, '.');
+                EXPECT_TRUE(co_await aCall.send(strPiece));
+                aSent += strPiece;
+            }
+            EXPECT_TRUE(aCall.end_sending());
+        }(call.value(), strSent));
+        EXPECT_EQ(200, (co_await call->head()).value());
+        while (const auto piece = co_await call->receive())
+            strReceived += piece->view();
+        EXPECT_TRUE(strSent.size() > 200000 && strSent == strReceived) << strReceived.size();
+        http::request big;
+        big.url = "http://10.0.0.1/echo";
+        big.method = "PUT";
+        big.body = strSent;
+        big.most = 100000;
+        EXPECT_EQ(std::errc::message_size, (co_await http::fetch(big)).error());
+    }());
+}
+
+}  // namespace
