@@ -1,7 +1,10 @@
 # One place for the warnings, the sanitizers and their flags; every target of the project links it privately.
 add_library(talvo_warnings INTERFACE)
 target_compile_options(talvo_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
-                                                -Wcast-qual -Werror)
+                                                -Wcast-qual)
+if(TALVO_WARNINGS_AS_ERRORS)
+  target_compile_options(talvo_warnings INTERFACE -Werror)
+endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
   # GCC 12 sees overlapping copies in std::string's own operator+ when it optimises (its bug 105329).
   target_compile_options(talvo_warnings INTERFACE -Wno-restrict)

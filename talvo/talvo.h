@@ -29,6 +29,7 @@
 #include "talvo/base/time_value.h"
 #include "talvo/base/trace.h"
 #include "talvo/base/types.h"
+#include "talvo/base/version.h"
 #include "talvo/connection/connection_manager.h"
 #include "talvo/connection/drain_sink.h"
 #include "talvo/connection/protocol/conn_acceptor.h"

@@ -1,0 +1,25 @@
+# Removes the files that the last installation of a build wrote, and the folders of the library that are empty then.
+#
+#   BUILD  the build's folder
+cmake_policy(VERSION 3.25)
+file(GLOB manifests ${BUILD}/install_manifest*.txt)
+if(NOT manifests)
+  message(FATAL_ERROR "uninstall: ${BUILD} has not been installed")
+endif()
+foreach(manifest IN LISTS manifests)
+  file(STRINGS ${manifest} files)
+  foreach(file IN LISTS files)
+    file(REMOVE "$ENV{DESTDIR}${file}")
+    # The folders above it, up to the first one that other packages share.
+    cmake_path(GET file PARENT_PATH folder)
+    while(folder MATCHES "/talvo(-|/|$)")
+      file(GLOB rest "$ENV{DESTDIR}${folder}/*")
+      if(rest)
+        break()
+      endif()
+      file(REMOVE_RECURSE "$ENV{DESTDIR}${folder}")
+      cmake_path(GET folder PARENT_PATH folder)
+    endwhile()
+  endforeach()
+  file(REMOVE ${manifest})
+endforeach()
