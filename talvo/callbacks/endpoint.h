@@ -5,10 +5,10 @@
 
 #include "talvo/base/chain_ptr.h"
 #include "talvo/callbacks/callable.h"
-#include "talvo/callbacks/connector.h"
 #include "talvo/callbacks/home.h"
 #include "talvo/callbacks/received.h"
 #include "talvo/co/loop_timer.h"
+#include "talvo/co/native.h"
 #include "talvo/transport/send_bytes.h"
 
 namespace talvo {
@@ -41,7 +41,7 @@ public:
     void connect(const result<address>& to, kind type, const connect_options& options) {
         CmResult code = to ? CM_OK : to.error().value();
         if (code == CM_OK)
-            code = make_connector(type, options, connector_);
+            code = talvo::detail::make_native(type, options, connector_);
         if (code != CM_OK)
             return fail_later(code);
         CCmTimeValue timeout = talvo::detail::time_of(options.timeout);

@@ -21,10 +21,7 @@ public:
             return at ? CM_ERROR_INVALID_ARG : at.error().value();
         accept_ = std::move(accept);
         most_ = options.max_connections;
-        CCmConnectionManager* const manager = CCmConnectionManager::Instance();
-        CmResult code = manager ? manager->CreateConnectionServer(type.type(), native_.ParaOut()) : CM_ERROR_NOT_INITIALIZED;
-        if (code == CM_OK)
-            code = set_tls(native_.Get(), options.tls);
+        CmResult code = talvo::detail::make_native(type, options, native_);
         if (code == CM_OK)
             code = native_->StartListen(this, at->native());
         if (code == CM_OK)

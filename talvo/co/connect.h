@@ -3,28 +3,12 @@
 
 #include "talvo/co/connection.h"
 #include "talvo/co/loop_timer.h"
+#include "talvo/co/native.h"
 #include "talvo/co/task.h"
 
 namespace talvo {
 
 namespace detail {
-
-// Makes a connector or an acceptor of a kind in the calling thread.
-inline CmResult make_native(kind type, CCmRefPtrT<ICmConnector>& made) {
-    CCmConnectionManager* const manager = CCmConnectionManager::Instance();
-    return manager ? manager->CreateConnectionClient(type.type(), made.ParaOut()) : CM_ERROR_NOT_INITIALIZED;
-}
-inline CmResult make_native(kind type, CCmRefPtrT<ICmAcceptor>& made) {
-    CCmConnectionManager* const manager = CCmConnectionManager::Instance();
-    return manager ? manager->CreateConnectionServer(type.type(), made.ParaOut()) : CM_ERROR_NOT_INITIALIZED;
-}
-
-inline CmResult set_tls(ICmAcceptorConnectorId* object, const tls_context* tls) {
-    if (!tls)
-        return CM_OK;
-    CCmRefPtrT<CCmSslContext> context = tls->native();
-    return cm_get_connect_options(object)->SetOption(CM_OPT_CONNECT_SSL_CONTEXT, &context);
-}
 
 class connect_awaiter final : private ICmAcceptorConnectorSink {
 public:
@@ -42,7 +26,7 @@ public:
             outcome_ = to_.error();
             return true;
         }
-        const CmResult code = prepare();
+        const CmResult code = make_native(type_, options_, connector_);
         if (code != CM_OK)
             outcome_ = make_error_code(code);
         return code != CM_OK;
@@ -59,21 +43,6 @@ public:
     result<connection> await_resume() noexcept { return std::move(outcome_); }
 
 private:
-    CmResult prepare() {
-        CmResult code = make_native(type_, connector_);
-        if (code == CM_OK)
-            code = set_tls(connector_.Get(), options_.tls);
-        if (code == CM_OK && !options_.server_name.empty())
-            code = set(CM_OPT_CONNECT_SERVER_NAME, std::string(options_.server_name));
-        if (code == CM_OK && options_.proxy)
-            code = set(CM_OPT_CONNECT_PROXY, uint32_t{CM_CONNECT_PROXY_DISCOVERED});
-        return code;
-    }
-    template <class T>
-    CmResult set(uint32_t command, T value) {
-        return cm_get_connect_options(connector_.Get())->SetOption(command, &value);
-    }
-
     void OnConnectIndication(CmResult reason, ICmTransport* transport, ICmAcceptorConnectorId*) override {
         if (reason == CM_OK)
             reason = open(*transport);

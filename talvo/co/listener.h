@@ -43,9 +43,7 @@ public:
         serve_ = std::move(serve);
         type_ = type;
         max_connections_ = options.max_connections;
-        CmResult code = at.native().IsResolved() ? detail::make_native(type, acceptor_) : CM_ERROR_INVALID_ARG;
-        if (code == CM_OK)
-            code = detail::set_tls(acceptor_.Get(), options.tls);
+        CmResult code = at.native().IsResolved() ? detail::make_native(type, options, acceptor_) : CM_ERROR_INVALID_ARG;
         if (code == CM_OK)
             code = acceptor_->StartListen(this, at.native());
         if (code != CM_OK) {

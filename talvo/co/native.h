@@ -1,12 +1,12 @@
-// Connectors with options. Not for applications.
+// Connectors and acceptors with options. Not for applications.
 #pragma once
+
+#include <string>
 
 #include "talvo/co/kind.h"
 #include "talvo/co/options.h"
 
-namespace talvo {
-inline namespace callbacks {
-namespace impl {
+namespace talvo::detail {
 
 inline CmResult set_tls(ICmAcceptorConnectorId* object, const tls_context* tls) {
     if (!tls)
@@ -15,7 +15,8 @@ inline CmResult set_tls(ICmAcceptorConnectorId* object, const tls_context* tls) 
     return cm_get_connect_options(object)->SetOption(CM_OPT_CONNECT_SSL_CONTEXT, &context);
 }
 
-inline CmResult make_connector(kind type, const connect_options& options, CCmRefPtrT<ICmConnector>& made) {
+// Makes a connector or an acceptor of a kind in the calling thread.
+inline CmResult make_native(kind type, const connect_options& options, CCmRefPtrT<ICmConnector>& made) {
     CCmConnectionManager* const manager = CCmConnectionManager::Instance();
     CmResult code = manager ? manager->CreateConnectionClient(type.type(), made.ParaOut()) : CM_ERROR_NOT_INITIALIZED;
     const auto set = [&](uint32_t command, auto value) {
@@ -24,12 +25,15 @@ inline CmResult make_connector(kind type, const connect_options& options, CCmRef
     if (code == CM_OK)
         code = set_tls(made.Get(), options.tls);
     if (code == CM_OK && !options.server_name.empty())
-        code = set(CM_OPT_CONNECT_SERVER_NAME, CCmString(options.server_name));
+        code = set(CM_OPT_CONNECT_SERVER_NAME, std::string(options.server_name));
     if (code == CM_OK && options.proxy)
         code = set(CM_OPT_CONNECT_PROXY, uint32_t{CM_CONNECT_PROXY_DISCOVERED});
     return code;
 }
+inline CmResult make_native(kind type, const listen_options& options, CCmRefPtrT<ICmAcceptor>& made) {
+    CCmConnectionManager* const manager = CCmConnectionManager::Instance();
+    const CmResult code = manager ? manager->CreateConnectionServer(type.type(), made.ParaOut()) : CM_ERROR_NOT_INITIALIZED;
+    return code == CM_OK ? set_tls(made.Get(), options.tls) : code;
+}
 
-}  // namespace impl
-}  // namespace callbacks
-}  // namespace talvo
+}  // namespace talvo::detail
