@@ -5,7 +5,7 @@
 
 namespace tool {
 
-enum EColour { RED = 31, GREEN = 32, YELLOW = 33, DIM = 2 };
+enum EColour { DIM = 2, RED = 31, YELLOW = 33 };
 
 // TRUE: aFd is a terminal, TERM is not "dumb", and NO_COLOR is not set or empty.
 bool HasColours(int aFd);

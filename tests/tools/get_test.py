@@ -6,6 +6,7 @@ import gzip
 import http.client
 import json
 import os
+import re
 import signal
 import socket
 import stat
@@ -17,6 +18,18 @@ import unittest
 from program import PATIENCE, TALVO, ProgramTest, poll
 
 CONTENT = bytes(i * i % 251 for i in range(300000))
+
+
+def read_request(peer):
+    request = b""
+    while True:
+        head, end, body = request.partition(b"\r\n\r\n")
+        length = re.search(rb"Content-Length: (\d+)", head)
+        if end and len(body) >= int(length[1] if length else 0):
+            return request.decode()
+        piece = peer.recv(65536)
+        assert piece, "the request is cut"
+        request += piece
 
 
 class GetTest(ProgramTest):
@@ -124,7 +137,7 @@ class GetTest(ProgramTest):
         def serve():
             for answer in answers:
                 with listener.accept()[0] as peer:
-                    requests.append(peer.recv(65536).decode())
+                    requests.append(read_request(peer))
                     peer.sendall(answer if isinstance(answer, bytes) else answer.encode())
         with socket.create_server(("127.0.0.1", 0)) as listener:
             thread = threading.Thread(target=serve)
