@@ -137,9 +137,11 @@ class GetTest(ProgramTest):
         def serve():
             for answer in answers:
                 with listener.accept()[0] as peer:
+                    peer.settimeout(PATIENCE)
                     requests.append(read_request(peer))
                     peer.sendall(answer if isinstance(answer, bytes) else answer.encode())
         with socket.create_server(("127.0.0.1", 0)) as listener:
+            listener.settimeout(PATIENCE)
             thread = threading.Thread(target=serve)
             thread.start()
             yield f"http://127.0.0.1:{listener.getsockname()[1]}", requests
