@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "talvo/co.h"
 #include "talvo/http/channel_manager.h"
 #include "talvo/http/server/channel_server.h"
 #include "talvo/session/forward_session.h"
@@ -210,6 +211,22 @@ CCost EchoCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aMessages, 
         echo.m_pAcceptor.Reset();
         echo.m_pTransport.Reset();
     });
+    return cost;
+}
+
+CCost CoroutineEchoCost(const CTestNetwork& aNetwork, size_t aMessages, DWORD aSize) {
+    const auto serve = [](talvo::connection aPeer) -> talvo::task<> {
+        while (auto message = co_await aPeer.receive())
+            co_await aPeer.send(*message);
+    };
+    std::optional<talvo::listener> echo;
+    CCmInetAddr addr;
+    RunIn(aNetwork.NetworkLink(), [&] {
+        EXPECT_TRUE(echo.emplace().listen("127.0.0.1:0", talvo::tcp, serve));
+        addr = echo->local_address().native();
+    });
+    const CCost cost = TripsCost(aNetwork, addr, std::string(aSize, 'x'), aMessages);
+    RunIn(aNetwork.NetworkLink(), [&] { echo.reset(); });
     return cost;
 }
 

@@ -20,6 +20,9 @@ struct CCost {
 // thread, or in the main thread behind a proxy. The plain socket's own system calls are not counted.
 CCost EchoCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aMessages, DWORD aSize);
 
+// The same with a coroutine at the library's end, in the network thread.
+CCost CoroutineEchoCost(const CTestNetwork& aNetwork, size_t aMessages, DWORD aSize);
+
 // The same over TLS, with the library at both ends, each in the network thread. OpenSSL's copies are counted, too.
 CCost TlsEchoCost(const CTestNetwork& aNetwork, CCmRefPtrT<CCmSslContext> aServer, CCmRefPtrT<CCmSslContext> aClient,
                   size_t aMessages, DWORD aSize);

@@ -101,6 +101,47 @@ TEST_F(CoHttpTest, HandlersAnswerAndFaultsHaveTheirStatus) {
     EXPECT_THROW(std::rethrow_exception(m_Failed), std::runtime_error);
 }
 
+// Exchanges end after any step of both sides, and leave nothing behind.
+TEST(CoHttpLifeTest, EveryStepMayBeTheLast) {
+    const auto serve = [](http::incoming aCall) -> talvo::task<> {
+        const CTracked tracked;
+        aCall.begin(200, "text/plain");
+        while (auto piece = co_await aCall.receive())
+            co_await aCall.send(*piece);
+        co_await talvo::sleep(5ms);
+        aCall.finish();
+    };
+    const auto ask = []() -> talvo::task<> {
+        const CTracked tracked;
+        auto call = http::start({.url = "http://10.0.0.1/", .method = "PUT", .streamed = true});
+        const auto feed = [](http::exchange& aCall) -> talvo::task<> {
+            for (int i = 0; i < 3; ++i)
+                co_await aCall.send(std::string(1000, 'x'));
+            aCall.end_sending();
+        };
+        co_await talvo::when_all(call->head(), feed(*call));
+        while (auto piece = co_await call->receive())
+            co_await talvo::sleep(1ms);
+        co_await http::get("http://10.0.0.1/");
+    };
+    bool bDone = false;
+    for (int nLast = 1; !bDone; ++nLast) {
+        const auto scenario = [&](CCmSimNetwork& aNetwork) {
+            aNetwork.SetPath({.m_PartialSend = 0.2, .m_Cut = nLast % 3 == 0 ? 0.05 : 0, .m_dwBuffer = 1000});
+            http::server server;
+            talvo::task_group tasks;
+            server.listen("10.0.0.1:80", http::router().put("/", serve).get("/", serve));
+            tasks.spawn(ask());
+            int nSteps = 0;
+            aNetwork.RunUntil([&] { return ++nSteps >= nLast || (bDone = tasks.size() == 0 && nLast % 3 != 0); },
+                              CCmTimeValue(200));
+        };
+        const CCmSimRun run = cm_sim_run(scenario, 1 + static_cast<uint64_t>(nLast % 7));
+        ASSERT_TRUE(run.m_Failures.empty()) << run.m_Failures.front() << " at step " << nLast;
+        ASSERT_EQ(0, CTracked::s_nAlive) << "at step " << nLast;
+    }
+}
+
 // The server sends each piece of a request's body back as a piece of its answer, at the pace of the slower side.
 TEST_F(CoHttpTest, BodiesAreStreamedBothWays) {
     m_Network.SetPath({.m_PartialSend = 0.2, .m_dwBuffer = 20000});

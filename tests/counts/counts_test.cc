@@ -36,6 +36,7 @@ TEST(CountsTest, Echo) {
     EXPECT_GE(cost.m_dCalls, 3) << "not all that the library does is counted";
     // A wait, a receive and a send, on bytes that stay in the thread's receive buffer.
     Compare({"raw, network thread, echo 64 B", 3.05, 0.05, 0.05, 0.05}, cost);
+    Compare({"raw, coroutine, echo 64 B", 3.05, 0.05, 0.05, 0.05}, CoroutineEchoCost(network, 2000, 64));
     // Besides these a wake-up to each thread, a write and a wait each, unless it is awake. Copied out of the receive buffer.
     // The allocations are those of both directions together.
     Compare({"raw, proxy, echo 64 B", 7.05, 3.05, 1.05, 11.2}, EchoCost(network, FALSE, 2000, 64));
