@@ -196,7 +196,7 @@ TEST(CallbacksTest, AWildApplicationIsCalledForLivingConnectionsOnly) {
             user.Act();
         }
     };
-    EXPECT_TRUE(cm_sim_run_seeds(scenario, 1, 300, failed)) << failed.m_ullSeed << ' ' << failed.m_strTrace;
+    EXPECT_TRUE(cm_sim_run_seeds(scenario, 1, 60, failed)) << failed.m_ullSeed << ' ' << failed.m_strTrace;
     EXPECT_EQ(0, CRecord::s_nLive);
 }
 
