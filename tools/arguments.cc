@@ -1,19 +1,19 @@
 #include "tools/arguments.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
 
 #include "tools/application.h"
 #include "tools/commands.h"
-#include "tools/configuration.h"
+#include "tools/common_arguments.h"
 #include "tools/connection_type.h"
 #include "tools/console.h"
-#include "tools/file_name.h"
+#include "tools/file_arguments.h"
 #include "tools/forwarding.h"
 #include "tools/get_arguments.h"
+#include "tools/manual.h"
 #include "tools/proxy_arguments.h"
 #include "tools/text.h"
 #include "tools/tls_arguments.h"
@@ -23,8 +23,10 @@ namespace tool {
 namespace {
 
 constexpr const char* FOOTER = R"(Examples:
-  talvo recv --port 7070 --out /srv/inbox
-  talvo send report.pdf photos.tar 192.0.2.7:7070
+  talvo recv --port 7070 --out ~/inbox
+  talvo recv --host 192.0.2.7:7070 --out /srv/inbox --secret-file ~/.talvo-secret
+  talvo send report.pdf photos/ 192.0.2.7:7070 --secret-file ~/.talvo-secret
+  tar -cz photos | talvo send - 192.0.2.7:7070 --name photos.tgz
   talvo echo --port 7000
   talvo ping 127.0.0.1:7000 --count 1000 --interval 0
   talvo echo --udp --type package --port 7000
@@ -43,6 +45,7 @@ constexpr const char* FOOTER = R"(Examples:
   vmstat -n 1 | talvo publish --port 7000
   talvo publish --port 7000 --type length --file prices.txt --rate 100 --policy conflate --key-field 1
   talvo subscribe --type length 192.0.2.7:7000 --join all-keys
+  talvo help send
   talvo flaky 127.0.0.1:7001 127.0.0.1:7000 --every 500 --faults reset,stall
 
 An endpoint is a host and a port, with an IPv6 address in brackets, or a Unix socket:
@@ -66,74 +69,25 @@ memory here, 11 another version.)";
 constexpr DWORD MAX_DATAGRAM = 65507;
 constexpr size_t MOST_RACERS = 16;
 
-// An option with a number within limits.
-template <class Number>
-CLI::Option* AddNumber(CLI::App& aApp, const char* aName, Number& aVariable, int aMin, int aMax, const std::string& aHelp) {
-    return aApp.add_option(aName, aVariable, aHelp)->check(CLI::Range(aMin, aMax))->option_text("N");
-}
-
-void DeclareType(CLI::App& aApp, Arguments& a) {
-    aApp.add_option("--type", a.m_strType,
-                    "tcp (the default), length, package, package-keepalive, nopartial, reliable or reliable-plain; see talvo "
-                    "--help")
-        ->check(CLI::IsMember(GetTypeNames()))
-        ->option_text("TYPE");
-}
-
-void DeclareUdp(CLI::App& aApp, Arguments& a) {
-    DeclareType(aApp, a);
-    aApp.add_flag("--udp", a.m_bUdp, "Datagrams instead of a TCP connection; for package, package-keepalive and nopartial")
-        ->excludes(aApp.get_option("--tls"));
-}
-
-void DeclareListening(CLI::App& aApp, Arguments& a) {
-    AddNumber(aApp, "--port", a.m_nPort, 0, 65535, "Port to listen on; 0 lets the system choose");
-    aApp.add_option("--host", a.m_strHost,
-                    "Address to listen on, IPv4 or IPv6 or localhost, by default all addresses of the machine; with a port "
-                    "([::1]:7000), or as unix:PATH or unix:@NAME, instead of --port")
-        ->option_text("ADDRESS");
-}
-
-void DeclareRecv(CLI::App& aApp, Arguments& a) {
-    DeclareListening(aApp, a);
-    DeclareType(aApp, a);
-    DeclareTlsServer(aApp, a);
-    aApp.add_option("--out", a.m_strDirectory, "Directory for the files")->required()->option_text("DIR");
-    aApp.add_flag("--force", a.m_bForce, "Replace existing files");
-    aApp.add_flag("--once", a.m_bOnce, "Serve one sender, then exit with 0 if all its files were kept, else with 1");
-}
-
-void DeclareSend(CLI::App& aApp, Arguments& a) {
-    DeclareType(aApp, a);
-    DeclareTlsClient(aApp, a);
-    DeclareProxy(aApp, a);
-    // One list, which CheckSend splits: with a second positional argument, options could not follow the files.
-    aApp.add_option("FILE", a.m_vecFiles, "Files to send, and last the endpoint of `talvo recv`, see talvo --help")
-        ->required()
-        ->option_text("PATH... ENDPOINT");
-}
-
 void DeclareEcho(CLI::App& aApp, Arguments& a) {
     DeclareListening(aApp, a);
     DeclareTlsServer(aApp, a);
     DeclareUdp(aApp, a);
 }
 
-void DeclareEndpoint(CLI::App& aApp, Arguments& a, const char* aHelp) {
-    aApp.add_option("ENDPOINT", a.m_strEndpoint, aHelp)->required()->option_text("ENDPOINT");
-}
-
 void DeclarePing(CLI::App& aApp, Arguments& a) {
     DeclareTlsClient(aApp, a);
     DeclareUdp(aApp, a);
     DeclareProxy(aApp, a);
+    DeclareBind(aApp, a);
     aApp.get_option("--proxy")->excludes(aApp.get_option("--udp"));
     aApp.add_option("ENDPOINT", a.m_vecEndpoints, "Endpoint of `talvo echo`, see talvo --help; several with --race")
         ->required()
         ->option_text("ENDPOINT...");
     aApp.add_flag("--race", a.m_bRace,
                   "Connect to all endpoints, in steps of 250 ms, and use the first that is connected; all of them can see this")
-        ->excludes(aApp.get_option("--proxy"));
+        ->excludes(aApp.get_option("--proxy"))
+        ->excludes(aApp.get_option("--bind"));
     AddNumber(aApp, "--count", a.m_dwCount, 1, 10000000, "Messages to send (10)");
     AddNumber(aApp, "--interval", a.m_dwIntervalMs, 0, 3600000,
               "Milliseconds from an answer to the next message (1000); 0: no pause");
@@ -142,62 +96,6 @@ void DeclarePing(CLI::App& aApp, Arguments& a) {
 }
 
 // The checks return "" or an error text.
-
-// Datagrams need IP addresses.
-std::string CheckPath(const Arguments& a) {
-    return a.m_bUdp && IsPath(a.m_Addr) ? "--udp needs an IP address, not '" + cm_address_text(a.m_Addr) + "'" : "";
-}
-
-std::string CheckListening(Arguments& a) {
-    const std::string strAddress = ParseListening(a.m_strHost, a.m_nPort, a.m_Addr);
-    const std::string strPath = strAddress.empty() ? CheckPath(a) : strAddress;
-    return strPath.empty() && !a.m_Tls.m_strCertFile.empty() ? MakeServerContext(a.m_Tls, a.m_pContext) : strPath;
-}
-
-std::string CheckRecv(Arguments& a) {
-    struct stat status {};
-    if (stat(a.m_strDirectory.c_str(), &status) != 0)
-        return "--out: '" + a.m_strDirectory + "': " + SystemError(errno);
-    if (!S_ISDIR(status.st_mode))
-        return "--out: '" + a.m_strDirectory + "' is not a directory";
-    if (access(a.m_strDirectory.c_str(), W_OK | X_OK) != 0)
-        return "--out: cannot write into '" + a.m_strDirectory + "': " + SystemError(errno);
-    return CheckListening(a);
-}
-
-std::string CheckFile(const std::string& aPath) {
-    const std::string strBegin = "'" + aPath + "': ";
-    struct stat status {};
-    if (stat(aPath.c_str(), &status) != 0 || access(aPath.c_str(), R_OK) != 0)
-        return strBegin + SystemError(errno);
-    if (!S_ISREG(status.st_mode))
-        return strBegin + "not a regular file";
-    const std::string strName = CheckFileName(GetBaseName(aPath));
-    return strName.empty() ? "" : strBegin + strName;
-}
-
-std::string CheckSend(Arguments& a) {
-    if (a.m_vecFiles.size() < 2)
-        return "send needs at least one FILE and, last, HOST:PORT or unix:PATH";
-    a.m_strEndpoint = a.m_vecFiles.back();
-    a.m_vecFiles.pop_back();
-    const std::string strEndpoint = ParseEndpoint(a.m_strEndpoint, a.m_Addr);
-    if (!strEndpoint.empty())
-        return strEndpoint;
-    for (const std::string& strPath : a.m_vecFiles) {
-        const std::string strProblem = CheckFile(strPath);
-        if (!strProblem.empty())
-            return strProblem;
-    }
-    const std::string strTls = CheckTlsClient(a);
-    return strTls.empty() ? CheckProxy(a) : strTls;
-}
-
-std::string CheckPeer(Arguments& a, const std::string& aEndpoint) {
-    const std::string strEndpoint = ParseEndpoint(aEndpoint, a.m_Addr);
-    const std::string strPath = strEndpoint.empty() ? CheckPath(a) : strEndpoint;
-    return strPath.empty() ? CheckTlsClient(a) : strPath;
-}
 
 std::string CheckPing(Arguments& a) {
     if (a.m_dwType == CCmConnectionManager::CTYPE_UDP && a.m_dwSize > MAX_DATAGRAM)
@@ -219,6 +117,7 @@ void DeclareTls(CLI::App& aApp, Arguments& a) {
     DeclareEndpoint(aApp, a, "Endpoint of a server, see talvo --help");
     DeclareTrust(aApp, a);
     DeclareServerName(aApp, a);
+    DeclareBind(aApp, a);
     aApp.add_option("--alpn", a.m_strAlpn, "Protocols to offer, the preferred one first; default: h2,http/1.1")
         ->option_text("NAME,...");
 }
@@ -226,8 +125,7 @@ void DeclareTls(CLI::App& aApp, Arguments& a) {
 std::string CheckTls(Arguments& a) {
     a.m_Tls.m_bTls = true;
     a.m_dwType = CM_TRANSPORT_TYPE_TLS;
-    const std::string strEndpoint = ParseEndpoint(a.m_strEndpoint, a.m_Addr);
-    return strEndpoint.empty() ? CheckTlsClient(a) : strEndpoint;
+    return CheckPeer(a, a.m_strEndpoint);
 }
 
 void DeclareResolve(CLI::App& aApp, Arguments& a) {
@@ -288,8 +186,8 @@ void DeclareFlaky(CLI::App& aApp, Arguments& a) {
         ->option_text("NAME,...");
     AddNumber(aApp, "--every", plan.m_dwEveryMs, 1, 3600000,
               "Milliseconds to the next fault of a connection, on average (2000)");
-    AddNumber(aApp, "--bytes", plan.m_dwBytes, 1, 1000000000, "Instead of --every: bytes to the next fault, both ways counted")
-        ->excludes(aApp.get_option("--every"));
+    AddNumber(aApp, "--bytes", plan.m_dwBytes, 1, 1000000000, "Instead of --every: bytes to the next fault, both ways counted");
+    Exclude(aApp, "--bytes", "--every");
     aApp.add_flag("--together", plan.m_bTogether, "Each fault is one of all connections at once")
         ->excludes(aApp.get_option("--bytes"));
     AddNumber(aApp, "--count", plan.m_dwCount, 1, 1000000000, "Faults to make; then forward without");
@@ -328,6 +226,7 @@ std::string CheckPublish(Arguments& a) {
 void DeclareSubscribe(CLI::App& aApp, Arguments& a) {
     DeclareType(aApp, a);
     DeclareTlsClient(aApp, a);
+    DeclareBind(aApp, a);
     DeclareEndpoint(aApp, a, "Endpoint of `talvo publish`, see talvo --help");
     aApp.add_option("--join", a.m_strJoin,
                     "The first lines: next (the default), all-keys (the newest line of each key) or oldest (all that is kept)")
@@ -371,9 +270,9 @@ std::string CheckSubcommand(const CLI::App& aApp, Arguments& aArguments) {
         if (!aApp.got_subcommand(command.m_pName))
             continue;
         aArguments.m_pRun = command.m_pRun;
-        const std::string strConfiguration = LoadConfiguration(aArguments.m_strConfiguration);
-        if (!strConfiguration.empty())
-            return strConfiguration;
+        const std::string strCommon = CheckCommon(aArguments);
+        if (!strCommon.empty())
+            return strCommon;
         const std::string strType = ChooseType(aArguments.m_strType, GetBaseType(aArguments), aArguments.m_dwType);
         return strType.empty() ? command.m_pCheck(aArguments) : strType;
     }
@@ -381,17 +280,14 @@ std::string CheckSubcommand(const CLI::App& aApp, Arguments& aArguments) {
 }
 
 void Declare(CLI::App& aApp, Arguments& aArguments) {
-    aApp.set_version_flag("--version", "talvo " TALVO_TOOL_VERSION);
+    aApp.set_version_flag("-V,--version", "talvo " TALVO_TOOL_VERSION);
     aApp.require_subcommand(0, 1);
     for (const Subcommand& command : SUBCOMMANDS) {
         CLI::App* pSub = aApp.add_subcommand(command.m_pName, command.m_pSummary);
         command.m_pDeclare(*pSub, aArguments);
-        pSub->add_flag("--json", aArguments.m_bJson, "Print one JSON object a line");
-        pSub->add_option(
-                "--config", aArguments.m_strConfiguration,
-                "Configuration file of the library; default: talvo/talvo.cfg in $XDG_CONFIG_HOME or ~/.config, if it exists")
-            ->option_text("FILE");
+        DeclareCommon(*pSub, aArguments);
     }
+    DeclareHelp(*aApp.add_subcommand("help", "Show the help of a command, or a page or completion made from it"), aArguments);
     aApp.footer(FOOTER);
 }
 
@@ -403,7 +299,14 @@ bool ParseArguments(int aArgc, char** aArgv, Arguments& aArguments, int& aStatus
     try {
         Declare(app, aArguments);
         app.parse(aArgc, aArgv);
-        strProblem = CheckSubcommand(app, aArguments);
+        if (app.got_subcommand("help")) {
+            strProblem = PrintHelp(app, aArguments);
+            aStatus = EXIT_OK;
+            if (strProblem.empty())
+                return false;
+        } else {
+            strProblem = CheckSubcommand(app, aArguments);
+        }
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             aStatus = app.exit(error);  // prints the help or the version

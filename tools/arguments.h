@@ -15,19 +15,30 @@
 namespace tool {
 
 struct Arguments {
+    std::string m_strHelpOn;               // help: a command, or ""
+    std::string m_strHelpFormat = "text";  // help
+
     int (*m_pRun)(const Arguments&) = nullptr;  // of the subcommand
 
     bool m_bJson = false;
+    bool m_bQuiet = false;
+    int m_nVerbose = 0;              // 1: details; 2: also the trace, on stderr
     std::string m_strConfiguration;  // --config, or ""
     std::string m_strEndpoint;       // send, tls, and get with --connect-to: as given
     std::string m_strHost;           // servers: --host as given
     int m_nPort = NO_PORT;           // servers: --port
     CCmInetAddr m_Addr;              // from these; get without --connect-to: s_InetAddrAny
+    std::string m_strBind;           // clients: --bind as given, or ""
+    CCmInetAddr m_AddrLocal;         // from it
 
     std::string m_strDirectory;           // recv, serve
     bool m_bForce = false;                // recv
     bool m_bOnce = false;                 // recv
-    std::vector<std::string> m_vecFiles;  // send
+    std::vector<std::string> m_vecFiles;  // send: files, folders, and "-" for stdin
+    std::string m_strName = "stdin";      // send: of stdin at the receiver
+    bool m_bSecret = false;               // recv, send
+    std::string m_strSecretFile;          // recv, send
+    std::string m_strSecret;              // from these; "": none
     std::vector<std::string> m_vecNames;  // to look up
 
     GetOptions m_Get;
@@ -64,6 +75,7 @@ struct Arguments {
     std::vector<std::string> m_vecEndpoints;  // ping: as given
     bool m_bRace = false;                     // ping
     std::vector<CCmInetAddr> m_vecRacers;     // ping with --race: their addresses, of which m_Addr is one
+
 
     DWORD m_dwCount = 10;         // ping
     DWORD m_dwIntervalMs = 1000;  // ping

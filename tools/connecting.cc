@@ -19,6 +19,17 @@ CmResult SetOptions(const Arguments& aArguments, ICmConnector* aConnector) {
     return rv == CM_OK ? cm_get_connect_options(aConnector)->SetOption(CM_OPT_CONNECT_SERVER_NAME, &strName) : rv;
 }
 
+std::string DescribeConnection(ICmTransport& aTransport) {
+    std::string strText = "connected to " + GetPeerText(aTransport);
+    CCmInetAddr local;
+    if (aTransport.GetOption(CM_OPT_TRANSPORT_LOCAL_ADDR, &local) == CM_OK && !IsPath(local))
+        strText += " from " + cm_address_text(local);
+    CCmSslInfo info;
+    if (aTransport.GetOption(CM_OPT_TRANSPORT_SSL_INFO, &info) == CM_OK)
+        strText += std::string(", ") + (info.m_dwVersion == CM_TLS_1_3 ? "TLS 1.3" : "TLS 1.2") + ", " + info.m_strCipher;
+    return strText;
+}
+
 // The options are those of all its connections.
 CmResult StartRace(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink, CCmConnectionManager& aManager,
                    CCmRefPtrT<ICmConnector>& aConnector) {
@@ -49,12 +60,14 @@ CmResult StartConnect(const Arguments& aArguments, ICmAcceptorConnectorSink* aSi
     if (!aArguments.m_vecRacers.empty() && pManager)
         return StartRace(aArguments, aSink, *pManager, aConnector);
     const CmResult rv = MakeConnector(aArguments, aConnector);
+    CCmInetAddr local = aArguments.m_AddrLocal;
     if (rv == CM_OK)
-        aConnector->AsycConnect(aSink, aArguments.m_Addr);
+        aConnector->AsycConnect(aSink, aArguments.m_Addr, nullptr, aArguments.m_strBind.empty() ? nullptr : &local);
     return rv;
 }
 
-void ReportRoute(const Arguments& aArguments, ICmTransport& aTransport, Console& aConsole) {
+void ReportConnection(const Arguments& aArguments, ICmTransport& aTransport, Console& aConsole) {
+    Console::Detail(DescribeConnection(aTransport));
     const ProxyOptions& proxy = aArguments.m_Proxy;
     CCmString strServer;
     if ((proxy.m_Route.IsEmpty() && !proxy.m_bSystem) || aTransport.GetOption(CM_OPT_TRANSPORT_ROUTE, &strServer) != CM_OK)

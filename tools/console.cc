@@ -12,6 +12,8 @@ namespace tool {
 
 namespace {
 
+Console::EVerbosity s_Verbosity = Console::NORMAL;
+
 Console::EOutput ChooseOutput(bool aJson) {
     if (aJson)
         return Console::JSON;
@@ -30,7 +32,19 @@ Console::Console(bool aJson) : m_Output(ChooseOutput(aJson)) {}
 
 Console::~Console() { EraseProgress(); }
 
-void Console::Report(std::string_view aPlain, const JsonLine& aJson) { WriteLine(m_Output == JSON ? aJson.GetText() : aPlain); }
+void Console::SetVerbosity(EVerbosity aVerbosity) { s_Verbosity = aVerbosity; }
+
+void Console::Report(std::string_view aPlain, const JsonLine& aJson) {
+    if (s_Verbosity != QUIET)
+        Result(aPlain, aJson);
+}
+
+void Console::Result(std::string_view aPlain, const JsonLine& aJson) { WriteLine(m_Output == JSON ? aJson.GetText() : aPlain); }
+
+void Console::Detail(std::string_view aText) {
+    if (s_Verbosity == DETAILS)
+        Complain(aText);
+}
 
 void Console::Problem(std::string_view aPlain, const JsonLine& aJson) {
     if (m_Output == JSON) {
@@ -44,7 +58,7 @@ void Console::Problem(std::string_view aPlain, const JsonLine& aJson) {
 void Console::Problem(std::string_view aText, ECause aCause) { Problem(aText, JsonLine::Failed(aCause, aText)); }
 
 void Console::Progress(std::string_view aPlain, const JsonLine& aJson) {
-    if (m_Output != TERMINAL) {
+    if (m_Output != TERMINAL || s_Verbosity == QUIET) {
         Report(aPlain, aJson);
         return;
     }

@@ -12,6 +12,10 @@ namespace tool {
 class Console {
 public:
     enum EOutput { TERMINAL, PIPE, JSON };
+    enum EVerbosity { QUIET, NORMAL, DETAILS };
+
+    // Of all consoles; NORMAL until the first call.
+    static void SetVerbosity(EVerbosity aVerbosity);
 
     explicit Console(bool aJson);
     ~Console();  // ends a progress line
@@ -20,15 +24,21 @@ public:
 
     EOutput GetOutput() const { return m_Output; }
 
-    // An event on stdout, as text or JSON.
+    // An event on stdout, as text or JSON. Not with QUIET.
     void Report(std::string_view aPlain, const JsonLine& aJson);
+
+    // The same for the output that the user asked for, also with QUIET.
+    void Result(std::string_view aPlain, const JsonLine& aJson);
+
+    // A step on stderr, for people. With DETAILS only.
+    static void Detail(std::string_view aText);
 
     // A failure: "talvo: ..." on stderr, or the JSON object on stdout, see JsonLine::Failed.
     void Problem(std::string_view aPlain, const JsonLine& aJson);
     // The same for a failure without a subject of its own.
     void Problem(std::string_view aText, ECause aCause = CAUSE_OTHER);
 
-    // On a terminal a line that the next output overwrites; otherwise as Report.
+    // On a terminal a line that the next output overwrites; otherwise as Report. Not with QUIET.
     void Progress(std::string_view aPlain, const JsonLine& aJson);
 
     // An error in the arguments: one line of text on stderr, also with --json.

@@ -68,6 +68,13 @@ std::string ParseEndpoint(const std::string& aText, CCmInetAddr& aAddr) {
     return aAddr.GetPort() == 0 && !IsPath(aAddr) ? Quote(aText) + "port 0 is not a port to connect to" : "";
 }
 
+std::string ParseLocal(const std::string& aText, CCmInetAddr& aAddr) {
+    const std::string strProblem = JudgeListening(IsWhole(aText) ? aText : WithPort(aText, 0), aAddr);
+    if (!strProblem.empty())
+        return Quote(aText) + strProblem;
+    return IsPath(aAddr) ? Quote(aText) + "a path, but an IP address is needed" : "";
+}
+
 std::string ParseListening(const std::string& aHost, int aPort, CCmInetAddr& aAddr) {
     const bool bWhole = IsWhole(aHost);
     if (bWhole == (aPort != NO_PORT))

@@ -13,6 +13,9 @@ namespace tool {
 // or "unix:PATH". A name stays pending.
 std::string ParseEndpoint(const std::string& aText, CCmInetAddr& aAddr);
 
+// aAddr (out): the address to connect from, an IPv4 or IPv6 address with any port, or with one ("192.0.2.7:4000").
+std::string ParseLocal(const std::string& aText, CCmInetAddr& aAddr);
+
 constexpr int NO_PORT = -1;
 
 // aAddr (out): the address to listen on. aHost is an IPv4 or IPv6 address, or "localhost" for 127.0.0.1; with its port, or as

@@ -5,6 +5,7 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "tools/sha256.h"
 #include "tools/text.h"
 
 namespace tool {
@@ -45,6 +46,13 @@ std::string MakeTemporaryName() {
     char szNumber[17];
     std::snprintf(szNumber, sizeof(szNumber), "%016" PRIx64, number);
     return std::string(TEMPORARY_BEGIN).append(szNumber).append(TEMPORARY_END);
+}
+
+std::string MakePartName(std::string_view aName) {
+    Sha256 hash;
+    hash.Update(aName);
+    const std::string strDigits = ToHex(hash.GetSoFar()).substr(0, TEMPORARY_DIGITS);
+    return strDigits.empty() ? MakeTemporaryName() : std::string(TEMPORARY_BEGIN).append(strDigits).append(TEMPORARY_END);
 }
 
 bool IsTemporaryName(std::string_view aName) {

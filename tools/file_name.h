@@ -18,6 +18,9 @@ std::string_view GetBaseName(std::string_view aPath);
 // A new temporary name: ".talvo-", 16 hexadecimal digits, ".part".
 std::string MakeTemporaryName();
 
+// The temporary name of a file that a later session may continue: of the same form, and the same for the same aName.
+std::string MakePartName(std::string_view aName);
+
 // TRUE: it has exactly that form.
 bool IsTemporaryName(std::string_view aName);
 

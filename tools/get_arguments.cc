@@ -134,9 +134,7 @@ std::string CheckUser(GetOptions& aOptions) {
     if (aOptions.m_strUser.empty())
         return aOptions.m_strPasswordFile.empty() ? "" : "--password-file needs --user";
     const std::string strPrompt = "password of " + aOptions.m_strUser + ": ";
-    const std::string strMissing = aOptions.m_strPasswordFile.empty()
-                                       ? ReadPassword(PASSWORD, strPrompt, aOptions.m_strPassword)
-                                       : ReadPasswordFile(aOptions.m_strPasswordFile, aOptions.m_strPassword);
+    const std::string strMissing = ReadPassword({aOptions.m_strPasswordFile, PASSWORD, strPrompt}, aOptions.m_strPassword);
     return strMissing.empty() ? "" : "--user needs " + strMissing;
 }
 

@@ -6,10 +6,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <memory>
+#include <vector>
 
 #include "tools/file_name.h"
 #include "tools/text.h"
@@ -19,7 +21,8 @@ namespace tool {
 namespace {
 
 constexpr int MAX_NAMES_TRIED = 100;
-constexpr time_t LEFTOVER_SECONDS = 3600;
+constexpr time_t LEFTOVER_SECONDS = 86400;
+constexpr size_t HASH_PIECE = 1 << 20;
 const std::string EXISTS = "a file of that name exists";
 
 std::string Problem(const char* aWhat) { return std::string(aWhat) + ": " + SystemError(errno); }
@@ -36,18 +39,153 @@ bool IsLeftover(int aDirectory, const char* aName) {
 
 }  // namespace
 
+IncomingFile::IncomingFile(std::shared_ptr<IncomingFolder> aFolder, FrameEntry aEntry, bool aReplace)
+    : m_pFolder(std::move(aFolder)), m_Entry(std::move(aEntry)), m_bReplace(aReplace) {}
+
 IncomingFile::~IncomingFile() {
-    if (!m_strTemporary.empty())
-        unlinkat(m_nDirectory, m_strTemporary.c_str(), 0);
+    struct stat status {};
+    const bool bEmpty = !m_File || fstat(m_File.Get(), &status) != 0 || status.st_size == 0;
+    if (!m_strTemporary.empty() && (!m_bKeep || bEmpty))
+        unlinkat(m_pFolder->GetFd(), m_strTemporary.c_str(), 0);
 }
 
-std::string IncomingFile::CheckTarget(int aDirectory, const std::string& aName, bool aReplace) {
+// Only regular files are replaced, never links, pipes and devices, whatever their target.
+std::string IncomingFile::CheckTarget(bool aReplace) const {
     struct stat status {};
-    if (fstatat(aDirectory, aName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+    if (fstatat(m_pFolder->GetFd(), m_Entry.m_strName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
         return errno == ENOENT ? "" : Problem("cannot check for a file of that name");
     if (!S_ISREG(status.st_mode))
         return S_ISDIR(status.st_mode) ? "a directory has that name" : "the file of that name is not a regular file";
     return aReplace ? "" : EXISTS;
+}
+
+std::string IncomingFile::Open() {
+    const std::string strTaken = CheckTarget(true);
+    if (!strTaken.empty())
+        return strTaken;
+    if (IsSameSize()) {
+        m_ullBeginning = m_Entry.m_ullSize;
+        m_bWhole = m_ullBeginning == 0;
+        return "";
+    }
+    const std::string strExists = CheckTarget(m_bReplace);
+    return strExists.empty() ? OpenNew() : strExists;
+}
+
+bool IncomingFile::IsSameSize() {
+    m_Existing = FileHandle(
+        openat(m_pFolder->GetFd(), m_Entry.m_strName.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status {};
+    if (m_Existing && fstat(m_Existing.Get(), &status) == 0 && S_ISREG(status.st_mode) &&
+        static_cast<uint64_t>(status.st_size) == m_Entry.m_ullSize)
+        return true;
+    m_Existing = FileHandle();
+    return false;
+}
+
+// A part of another user, of another session or with a second name is left alone.
+bool IncomingFile::OpenPart() {
+    const std::string strName = MakePartName(m_Entry.m_strName);
+    constexpr int PART_FLAGS = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    FileHandle file(openat(m_pFolder->GetFd(), strName.c_str(), PART_FLAGS, 0600));
+    struct stat opened {};
+    struct stat named {};
+    if (!file || flock(file.Get(), LOCK_EX | LOCK_NB) != 0 || fstat(file.Get(), &opened) != 0 ||
+        fstatat(m_pFolder->GetFd(), strName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0)
+        return false;
+    if (!S_ISREG(opened.st_mode) || opened.st_nlink != 1 || opened.st_uid != geteuid() || opened.st_ino != named.st_ino ||
+        opened.st_dev != named.st_dev)
+        return false;
+    m_ullBeginning = static_cast<uint64_t>(opened.st_size);
+    m_File = std::move(file);
+    m_strTemporary = strName;
+    m_bResumable = true;
+    return m_ullBeginning <= m_Entry.m_ullSize || Restart().empty();
+}
+
+std::string IncomingFile::OpenNew() {
+    if (m_Entry.m_ullSize != UNKNOWN_SIZE && OpenPart())
+        return "";
+    for (int i = 0; i < MAX_NAMES_TRIED && !m_File; ++i) {
+        const std::string strName = MakeTemporaryName();
+        m_File =
+            FileHandle(openat(m_pFolder->GetFd(), strName.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+        if (m_File)
+            m_strTemporary = strName;
+        else if (errno != EEXIST)
+            break;
+    }
+    if (!m_File)
+        return Problem("cannot create a file");
+    flock(m_File.Get(), LOCK_EX | LOCK_NB);
+    return "";
+}
+
+bool IncomingFile::HashBeginning() {
+    std::vector<char> piece(std::min<uint64_t>(HASH_PIECE, m_ullBeginning - m_ullHashed));
+    const int nFd = m_Existing ? m_Existing.Get() : m_File.Get();
+    const ssize_t nRead = pread(nFd, piece.data(), piece.size(), static_cast<off_t>(m_ullHashed));
+    if (nRead <= 0) {
+        m_Hash.Reset();  // no hash of a sender is that of less
+        return true;
+    }
+    m_Hash.Update({piece.data(), static_cast<size_t>(nRead)});
+    m_ullHashed += static_cast<uint64_t>(nRead);
+    if (m_ullHashed == m_ullBeginning)
+        lseek(nFd, 0, SEEK_END);
+    return m_ullHashed == m_ullBeginning;
+}
+
+std::string IncomingFile::Restart() {
+    m_Hash.Reset();
+    m_ullBeginning = m_ullHashed = 0;
+    m_bWhole = false;
+    if (m_Existing) {
+        m_Existing = FileHandle();
+        const std::string strExists = CheckTarget(m_bReplace);
+        const std::string strProblem = strExists.empty() ? OpenNew() : strExists;
+        return strProblem.empty() && m_ullBeginning > 0 ? Restart() : strProblem;
+    }
+    const bool bEmpty = ftruncate(m_File.Get(), 0) == 0 && lseek(m_File.Get(), 0, SEEK_SET) == 0;
+    return bEmpty ? "" : Problem("cannot begin the file again");
+}
+
+std::string IncomingFile::Write(std::string_view aBytes) {
+    m_Hash.Update(aBytes);
+    return WriteAll(m_File.Get(), aBytes) ? "" : Problem("cannot write");
+}
+
+// A file system that does not have the time or the mode keeps its own.
+std::string IncomingFile::Publish() {
+    if (m_bWhole)
+        return "";
+    const timespec times[] = {{0, UTIME_OMIT}, {m_Entry.m_llSeconds, static_cast<long>(m_Entry.m_dwNanoseconds)}};
+    futimens(m_File.Get(), times);
+    if (fchmod(m_File.Get(), m_Entry.m_dwMode & 0777) != 0)
+        return Problem("cannot set the mode");
+    if (fsync(m_File.Get()) != 0)
+        return Problem("cannot write to the disk");
+    const std::string strTaken = CheckTarget(m_bReplace);
+    if (!strTaken.empty())
+        return strTaken;
+    if (!Rename_i())
+        return errno == EEXIST ? EXISTS : Problem("cannot rename");
+    m_strTemporary.clear();
+    return m_pFolder->OnNewName();
+}
+
+bool IncomingFile::Rename_i() {
+    const int nFd = m_pFolder->GetFd();
+    const char* pFrom = m_strTemporary.c_str();
+    const char* pTo = m_Entry.m_strName.c_str();
+    if (m_bReplace)
+        return renameat(nFd, pFrom, nFd, pTo) == 0;
+    if (renameat2(nFd, pFrom, nFd, pTo, RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno != EINVAL && errno != ENOSYS)
+        return false;
+    // File systems without that flag have links, which do not replace either.
+    return linkat(nFd, pFrom, nFd, pTo, 0) == 0 && unlinkat(nFd, pFrom, 0) == 0;
 }
 
 std::vector<std::string> IncomingFile::RemoveLeftovers(int aDirectory) {
@@ -63,54 +201,6 @@ std::vector<std::string> IncomingFile::RemoveLeftovers(int aDirectory) {
             removed.emplace_back(pEntry->d_name);
     }
     return removed;
-}
-
-std::string IncomingFile::Create() {
-    for (int i = 0; i < MAX_NAMES_TRIED && !m_File; ++i) {
-        const std::string strName = MakeTemporaryName();
-        m_File = FileHandle(openat(m_nDirectory, strName.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666));
-        if (m_File)
-            m_strTemporary = strName;
-        else if (errno != EEXIST)
-            break;
-    }
-    if (!m_File)
-        return Problem("cannot create a file");
-    flock(m_File.Get(), LOCK_EX | LOCK_NB);
-    return "";
-}
-
-std::string IncomingFile::Write(std::string_view aBytes) {
-    return WriteAll(m_File.Get(), aBytes) ? "" : Problem("cannot write");
-}
-
-std::string IncomingFile::Publish(const std::string& aName, bool aReplace) {
-    if (fsync(m_File.Get()) != 0)
-        return Problem("cannot write to the disk");
-    if (!m_File.Close())
-        return Problem("cannot close the file");
-    const std::string strTaken = CheckTarget(m_nDirectory, aName, aReplace);
-    if (!strTaken.empty())
-        return strTaken;
-    if (!Rename_i(aName, aReplace))
-        return errno == EEXIST ? EXISTS : Problem("cannot rename");
-    m_strTemporary.clear();
-    // Some file systems do not have this operation for a directory; the name cannot be made safer then.
-    if (fsync(m_nDirectory) != 0 && errno != EINVAL)
-        return Problem("cannot write the directory to the disk");
-    return "";
-}
-
-bool IncomingFile::Rename_i(const std::string& aName, bool aReplace) {
-    const char* pFrom = m_strTemporary.c_str();
-    if (aReplace)
-        return renameat(m_nDirectory, pFrom, m_nDirectory, aName.c_str()) == 0;
-    if (renameat2(m_nDirectory, pFrom, m_nDirectory, aName.c_str(), RENAME_NOREPLACE) == 0)
-        return true;
-    if (errno != EINVAL && errno != ENOSYS)
-        return false;
-    // File systems without that flag have links, which do not replace either.
-    return linkat(m_nDirectory, pFrom, m_nDirectory, aName.c_str(), 0) == 0 && unlinkat(m_nDirectory, pFrom, 0) == 0;
 }
 
 }  // namespace tool

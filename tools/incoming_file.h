@@ -1,44 +1,74 @@
 // A file that is being received. It gets its name only when it is whole and on the disk.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "tools/file_handle.h"
+#include "tools/frame.h"
+#include "tools/incoming_folder.h"
+#include "tools/sha256.h"
 
 namespace tool {
 
-// Written and locked under a temporary name in the directory. Publish renames it; the destructor removes an unpublished file. A
-// killed process leaves at most the temporary file. The operations return "" or an error text.
+// Written and locked under a temporary name in its folder. Publish renames it; the destructor removes an unpublished file
+// unless KeepPart was called. A part that is left, also by a killed process, is continued by the next session that sends the
+// same name, if its bytes are those that the sender has. Likewise a file of the same size may be there already. The operations
+// return "" or an error text.
 class IncomingFile {
 public:
-    explicit IncomingFile(int aDirectory) : m_nDirectory(aDirectory) {}
+    // aEntry's name has been checked. aReplace: an existing file is replaced.
+    IncomingFile(std::shared_ptr<IncomingFolder> aFolder, FrameEntry aEntry, bool aReplace);
     ~IncomingFile();
     IncomingFile(const IncomingFile&) = delete;
     IncomingFile& operator=(const IncomingFile&) = delete;
 
-    std::string Create();
+    std::string Open();
+
+    // The bytes that are there, of which the sender has to prove that it has the same. 0: none.
+    uint64_t GetBeginning() const { return m_ullBeginning; }
+    // Hashes a piece of them, so that other work goes on meanwhile. TRUE: all are hashed, and GetHash is valid.
+    bool HashBeginning();
+    // They are those of the sender, and hashed: Write continues them.
+    void GoOn() { m_bWhole = m_Existing || m_bWhole; }
+    // They are not.
+    std::string Restart();
+
     std::string Write(std::string_view aBytes);
+    // The SHA-256 of all bytes so far.
+    std::string GetHash() const { return m_Hash.GetSoFar(); }
 
-    // Flushes to the disk, then renames in one step. Without aReplace an existing file of that name, even a very new one, is
-    // kept and this one is removed.
-    std::string Publish(const std::string& aName, bool aReplace);
+    // Sets mode and time, flushes to the disk, then renames in one step. Without aReplace an existing file of that name, even a
+    // very new one, is kept and this one is removed.
+    std::string Publish();
+    // The destructor leaves what has arrived for a later session, if that can continue it.
+    void KeepPart() { m_bKeep = m_bResumable; }
+    bool IsKept() const { return m_bKeep; }
 
-    // Returns "" if no obstacle to publishing aName is found now, or an error text. Only regular files are replaced, never
-    // links, pipes and devices, whatever their target.
-    static std::string CheckTarget(int aDirectory, const std::string& aName, bool aReplace);
-
-    // Removes the temporary files of killed processes from the directory: those that are not locked and unchanged for an hour.
-    // Returns their names.
+    // Removes temporary files from the directory: those that are not locked and unchanged for a day. Returns their names.
     static std::vector<std::string> RemoveLeftovers(int aDirectory);
 
 private:
-    bool Rename_i(const std::string& aName, bool aReplace);
+    std::string CheckTarget(bool aReplace) const;
+    bool IsSameSize();
+    bool OpenPart();
+    std::string OpenNew();
+    bool Rename_i();
 
-    const int m_nDirectory;  // not owned
+    const std::shared_ptr<IncomingFolder> m_pFolder;
+    const FrameEntry m_Entry;
+    const bool m_bReplace;
     FileHandle m_File;
+    FileHandle m_Existing;       // a file of the final name and the same size, until it proves to be another one
     std::string m_strTemporary;  // empty: there is no temporary file
+    bool m_bResumable = false;   // its name is that of a part
+    bool m_bKeep = false;
+    bool m_bWhole = false;  // the file is there already
+    uint64_t m_ullBeginning = 0;
+    uint64_t m_ullHashed = 0;  // of the beginning
+    Sha256 m_Hash;
 };
 
 }  // namespace tool

@@ -24,6 +24,7 @@ public:
     CmResult SendRest(ICmTransport& aTransport);
 
     void Clear() { m_Rest.clear(); }
+    size_t GetCount() const { return m_Rest.size(); }  // pieces that wait
 
 private:
     CmResult Keep(const CCmMessageBlock& aChain);

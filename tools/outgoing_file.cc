@@ -1,11 +1,13 @@
 #include "tools/outgoing_file.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <vector>
 
 #include "tools/text.h"
 
@@ -13,52 +15,67 @@ namespace tool {
 
 namespace {
 
-constexpr DWORD PIECE = 128 * 1024;
+constexpr DWORD PIECE_BYTES = 128 * 1024;
 
 }  // namespace
 
-OutgoingFile::~OutgoingFile() {
-    if (m_nFd >= 0)
-        close(m_nFd);
+OutgoingFile::OutgoingFile(FileHandle aFile, uint64_t aSize, DWORD aMaxPiece)
+    : m_File(std::move(aFile)), m_ullSize(aSize), m_dwMaxPiece(std::min(PIECE_BYTES, aMaxPiece)) {
+    posix_fadvise(m_File.Get(), 0, 0, POSIX_FADV_SEQUENTIAL);
 }
 
-std::string OutgoingFile::Open(DWORD aMaxPiece) {
-    m_dwMaxPiece = std::min(PIECE, aMaxPiece);
-    // Without O_NONBLOCK, a pipe instead of a file would block until it has a writer.
-    m_nFd = open(m_strPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    struct stat status {};
-    if (m_nFd < 0 || fstat(m_nFd, &status) != 0)
-        return "cannot open: " + SystemError(errno);
-    if (!S_ISREG(status.st_mode))
-        return "not a regular file";
-    m_ullSize = static_cast<uint64_t>(status.st_size);
-    posix_fadvise(m_nFd, 0, 0, POSIX_FADV_SEQUENTIAL);
-    return "";
+OutgoingFile::EStep OutgoingFile::ReadNext(DWORD aId, CCmMessageBlock& aBlock) {
+    if (aBlock.GetTopLevelSpace() < GetRoom())
+        return Fail("cannot read: out of memory");
+    char* pFrame = aBlock.GetTopLevelWritePtr();
+    DWORD dwDone = 0;
+    const EStep step = Read(pFrame + DATA_HEADER, m_dwMaxPiece, dwDone);
+    if (step != PIECE)
+        return step;
+    const std::string strHeader = EncodeDataHeader(aId, dwDone);
+    std::memcpy(pFrame, strHeader.data(), strHeader.size());
+    aBlock.AdvanceTopLevelWritePtr(DATA_HEADER + dwDone);
+    return PIECE;
 }
 
-DWORD OutgoingFile::GetNextLength() const {
-    return static_cast<DWORD>(std::min<uint64_t>(m_dwMaxPiece, m_ullSize - m_ullSent));
+OutgoingFile::EStep OutgoingFile::Skip(uint64_t aBytes) {
+    if (m_ullDone == aBytes)
+        return AT_END;
+    std::vector<char> piece(PIECE_BYTES);
+    DWORD dwDone = 0;
+    return Read(piece.data(), static_cast<DWORD>(std::min<uint64_t>(PIECE_BYTES, aBytes - m_ullDone)), dwDone);
 }
 
-std::string OutgoingFile::ReadNext(CCmMessageBlock& aBlock) {
-    const char* pBegin = aBlock.GetTopLevelWritePtr();
-    const DWORD dwLength = GetNextLength();
-    if (aBlock.GetTopLevelSpace() < dwLength)
-        return "cannot read: out of memory";
-    for (DWORD dwDone = 0; dwDone < dwLength;) {
-        const ssize_t nRead = read(m_nFd, aBlock.GetTopLevelWritePtr(), dwLength - dwDone);
-        if (nRead < 0 && errno == EINTR)
-            continue;
-        if (nRead < 0)
-            return "cannot read: " + SystemError(errno);
-        if (nRead == 0)
-            return "the file became shorter while it was read";
-        dwDone += static_cast<DWORD>(nRead);
-        aBlock.AdvanceTopLevelWritePtr(static_cast<DWORD>(nRead));
-    }
-    m_Hash.Update({pBegin, dwLength});
-    m_ullSent += dwLength;
-    return "";
+void OutgoingFile::Rewind() {
+    lseek(m_File.Get(), 0, SEEK_SET);
+    m_Hash.Reset();
+    m_ullDone = 0;
+}
+
+// Never waits for a pipe or a terminal.
+OutgoingFile::EStep OutgoingFile::Read(char* aTo, DWORD aLength, DWORD& aDone) {
+    const auto dwLength = static_cast<DWORD>(std::min<uint64_t>(aLength, m_ullSize - m_ullDone));
+    pollfd entry{m_File.Get(), POLLIN, 0};
+    if (dwLength == 0)
+        return AT_END;
+    if (m_ullSize == UNKNOWN_SIZE && poll(&entry, 1, 0) <= 0)
+        return WAIT;
+    const ssize_t nRead = read(m_File.Get(), aTo, dwLength);
+    if (nRead < 0 && (errno == EINTR || errno == EAGAIN))
+        return WAIT;
+    if (nRead < 0)
+        return Fail("cannot read: " + SystemError(errno));
+    if (nRead == 0)
+        return m_ullSize == UNKNOWN_SIZE ? AT_END : Fail("the file became shorter while it was read");
+    aDone = static_cast<DWORD>(nRead);
+    m_Hash.Update({aTo, aDone});
+    m_ullDone += aDone;
+    return PIECE;
+}
+
+OutgoingFile::EStep OutgoingFile::Fail(const std::string& aProblem) {
+    m_strProblem = aProblem;
+    return FAILED;
 }
 
 }  // namespace tool

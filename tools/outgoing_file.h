@@ -5,6 +5,8 @@
 #include <string>
 
 #include "talvo/talvo.h"
+#include "tools/file_handle.h"
+#include "tools/frame.h"
 #include "tools/sha256.h"
 
 namespace tool {
@@ -12,32 +14,38 @@ namespace tool {
 // The operations return "" or an error text.
 class OutgoingFile {
 public:
-    explicit OutgoingFile(std::string aPath) : m_strPath(std::move(aPath)) {}
-    ~OutgoingFile();
-    OutgoingFile(const OutgoingFile&) = delete;
-    OutgoingFile& operator=(const OutgoingFile&) = delete;
+    enum EStep { PIECE, AT_END, WAIT, FAILED };
 
-    // Opens a regular file, whose size is known beforehand. aMaxPiece: the longest piece.
-    std::string Open(DWORD aMaxPiece);
+    // aSize: UNKNOWN_SIZE for a pipe or a terminal. aMaxPiece: the longest piece.
+    OutgoingFile(FileHandle aFile, uint64_t aSize, DWORD aMaxPiece);
 
-    // The length of the next piece, 0 at the end. The size is that at Open: bytes that are appended later are not sent.
-    DWORD GetNextLength() const;
-    // Appends the next GetNextLength() bytes to aBlock, which must have room for them.
-    std::string ReadNext(CCmMessageBlock& aBlock);
+    // PIECE: a DATA frame for aId with the next bytes was appended to aBlock, which has GetRoom() bytes of room. WAIT: a pipe
+    // or a terminal has no data yet. FAILED: see GetProblem. A file ends at aSize: bytes that are appended later are not sent.
+    EStep ReadNext(DWORD aId, CCmMessageBlock& aBlock);
+    DWORD GetRoom() const { return DATA_HEADER + m_dwMaxPiece; }
+    const std::string& GetProblem() const { return m_strProblem; }
 
-    // The SHA-256 of all bytes that were read. Call it once.
-    std::string FinishHash() { return m_Hash.Finish(); }
+    // Hashes a piece of the first aBytes without sending it. AT_END: all of them are hashed.
+    EStep Skip(uint64_t aBytes);
+    // Begins again at the first byte. Not for a pipe.
+    void Rewind();
 
-    const std::string& GetPath() const { return m_strPath; }
-    uint64_t GetSize() const { return m_ullSize; }
-    uint64_t GetSent() const { return m_ullSent; }
+    // The SHA-256 of all bytes that were read.
+    std::string GetHash() const { return m_Hash.GetSoFar(); }
+
+    int GetFd() const { return m_File.Get(); }
+    uint64_t GetSize() const { return m_ullSize; }  // UNKNOWN_SIZE: see GetDone at the end
+    uint64_t GetDone() const { return m_ullDone; }
 
 private:
-    const std::string m_strPath;
-    int m_nFd = -1;
-    DWORD m_dwMaxPiece = 0;
-    uint64_t m_ullSize = 0;
-    uint64_t m_ullSent = 0;
+    EStep Read(char* aTo, DWORD aLength, DWORD& aDone);
+    EStep Fail(const std::string& aProblem);
+
+    const FileHandle m_File;
+    const uint64_t m_ullSize;
+    const DWORD m_dwMaxPiece;
+    uint64_t m_ullDone = 0;
+    std::string m_strProblem;
     Sha256 m_Hash;
 };
 

@@ -4,11 +4,13 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 
 #include "tools/file_handle.h"
+#include "tools/text.h"
 
 namespace tool {
 
@@ -66,32 +68,37 @@ EEnd ReadTyped(const std::string& aPrompt, std::string& aLine) {
     return end;
 }
 
+constexpr char NO_INTERRUPT = '\n';  // a line has none
+
+std::string ReadFile(const std::string& aPath, std::string& aPassword) {
+    const FileHandle file(open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (!file)
+        return "a readable file: '" + aPath + "': " + SystemError(errno);
+    ReadLine(file.Get(), NO_INTERRUPT, aPassword);
+    return aPassword.empty() ? "a file whose first line is not empty" : "";
+}
+
 }  // namespace
 
-std::string ReadPassword(const char* aVariable, const std::string& aPrompt, std::string& aPassword) {
+std::string ReadPassword(const PasswordSource& aSource, std::string& aPassword) {
     aPassword.clear();
     aPassword.reserve(LONGEST_PASSWORD + 1);  // the text has one place in memory
-    if (char* pValue = std::getenv(aVariable)) {
+    EEnd end = WHOLE;
+    if (!aSource.m_strFile.empty()) {
+        const std::string strProblem = ReadFile(aSource.m_strFile, aPassword);
+        if (!strProblem.empty())
+            return strProblem;
+    } else if (char* pValue = std::getenv(aSource.m_pVariable)) {
         aPassword = pValue;
         explicit_bzero(pValue, aPassword.size());
-        unsetenv(aVariable);
-        return "";
+        unsetenv(aSource.m_pVariable);
+    } else {
+        end = ReadTyped(aSource.m_strPrompt, aPassword);
     }
-    const EEnd end = ReadTyped(aPrompt, aPassword);
     if (end == INTERRUPTED)
         std::exit(128 + SIGINT);
     if (end == NO_TERMINAL)
-        return std::string("a terminal, or the password in ") + aVariable;
-    return aPassword.size() > LONGEST_PASSWORD ? "a shorter password" : "";
-}
-
-std::string ReadPasswordFile(const std::string& aPath, std::string& aPassword) {
-    aPassword.clear();
-    aPassword.reserve(LONGEST_PASSWORD + 1);
-    const FileHandle file(open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
-    if (!file)
-        return "a readable password file, not '" + aPath + "'";
-    ReadLine(file.Get(), '\n', aPassword);
+        return std::string("a terminal, a file, or the password in ") + aSource.m_pVariable;
     return aPassword.size() > LONGEST_PASSWORD ? "a shorter password" : "";
 }
 

@@ -1,15 +1,19 @@
-// Passwords, which are never arguments: other users can see those.
+// Passwords and secrets, which no argument contains, because other users can see arguments.
 #pragma once
 
 #include <string>
 
 namespace tool {
 
-// aPassword (out): the value of the environment variable aVariable, which is removed, or else a line of the terminal, without
-// echo, behind aPrompt. Returns "" or an error text. Ctrl-C ends the program. Call it before the loop runs.
-std::string ReadPassword(const char* aVariable, const std::string& aPrompt, std::string& aPassword);
+// The places of a password.
+struct PasswordSource {
+    std::string m_strFile;    // its first line; "": no file
+    const char* m_pVariable;  // of the environment, removed when it is read; without a file
+    std::string m_strPrompt;  // of the terminal, without echo; without both
+};
 
-// aPassword (out): the first line of the file at aPath. Returns "" or an error text.
-std::string ReadPasswordFile(const std::string& aPath, std::string& aPassword);
+// aPassword (out): from the source, at most 1,024 bytes. Returns "" or an error text, which names what is missing. Ctrl-C ends
+// the program. Call it before the loop runs.
+std::string ReadPassword(const PasswordSource& aSource, std::string& aPassword);
 
 }  // namespace tool

@@ -1,15 +1,21 @@
 #include "tools/ping_client.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "tools/connecting.h"
 #include "tools/connection_type.h"
 #include "tools/memory.h"
 #include "tools/percentiles.h"
+#include "tools/sparkline.h"
+#include "tools/text.h"
 
 namespace tool {
 
 namespace {
+
+constexpr size_t SPARKLINE = 60;       // bars
+constexpr int64_t SHOW_USEC = 200000;  // between two prints of the progress
 
 CCmTimeValue Milliseconds(DWORD aMs) { return CCmTimeValue::FromUsec(int64_t{aMs} * 1000); }
 
@@ -44,7 +50,7 @@ void PingClient::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmA
         return;
     }
     m_pTransport = aTrpt;
-    ReportRoute(m_Arguments, *m_pTransport, m_Console);
+    ReportConnection(m_Arguments, *m_pTransport, m_Console);
     if (m_Arguments.m_bRace) {
         m_strPeer = GetPeerText(*m_pTransport);
         m_Console.Report("connected to " + m_strPeer, JsonLine("connected").Add("peer", m_strPeer));
@@ -71,6 +77,7 @@ void PingClient::SendNext() {
     m_bWaiting = true;
     RequireMemory(m_TimerAnswer.Schedule(this, Milliseconds(m_Arguments.m_dwTimeoutMs), 1));
     m_llSent = CCmClock::GetTimeOfDayUsec();
+    m_llStarted = m_llStarted ? m_llStarted : m_llSent;
     const CmResult rv = m_Outbox.Send(*m_pTransport, m_strMessage);
     // OnDisconnect reports a lost connection.
     if (rv == CM_ERROR_OUT_OF_MEMORY)
@@ -114,7 +121,23 @@ void PingClient::OnAnswer() {
         m_Console.Report(std::to_string(m_strMessage.size()) + " bytes from " + m_strPeer + ": number " +
                              std::to_string(m_dwSent) + ", " + std::to_string(dwUsec) + " us",
                          JsonLine("answer").Add("number", m_dwSent).Add("usec", dwUsec));
+    ShowProgress();
     GoOn();
+}
+
+// On a terminal only: elsewhere each answer has a line, or none is wanted.
+void PingClient::ShowProgress() {
+    const int64_t llNow = CCmClock::GetTimeOfDayUsec();
+    if (m_Console.GetOutput() != Console::TERMINAL || llNow - m_llShown < SHOW_USEC)
+        return;
+    m_llShown = llNow;
+    const double dPerSecond = 1e6 * m_dwSent / static_cast<double>(std::max<int64_t>(llNow - m_llStarted, 1));
+    const auto ullLeft = static_cast<uint64_t>((m_Arguments.m_dwCount - m_dwSent) / std::max(dPerSecond, 1e-3));
+    const size_t stShown = std::min(m_vecUsec.size(), SPARKLINE);
+    m_Console.Progress(std::to_string(m_dwSent) + " of " + std::to_string(m_Arguments.m_dwCount) + ", " +
+                           std::to_string(static_cast<uint64_t>(dPerSecond)) + "/s, " + FormatDuration(ullLeft) + " left " +
+                           MakeSparkline({m_vecUsec.end() - static_cast<long>(stShown), m_vecUsec.end()}, SPARKLINE),
+                       JsonLine("progress"));
 }
 
 void PingClient::OnNoAnswer() {
@@ -188,8 +211,10 @@ void PingClient::ReportStatistics() {
     if (nBack > 0)
         strText += "; round trip in us: min " + std::to_string(p.m_dwMin) + ", p50 " + std::to_string(p.m_dwP50) + ", p90 " +
                    std::to_string(p.m_dwP90) + ", p99 " + std::to_string(p.m_dwP99) + ", max " + std::to_string(p.m_dwMax);
+    if (m_Console.GetOutput() == Console::TERMINAL && nBack > 1)
+        strText += "; " + MakeSparkline(m_vecUsec, SPARKLINE);
     json.Add("min_usec", p.m_dwMin).Add("p50_usec", p.m_dwP50).Add("p90_usec", p.m_dwP90);
-    m_Console.Report(strText, json.Add("p99_usec", p.m_dwP99).Add("max_usec", p.m_dwMax));
+    m_Console.Result(strText, json.Add("p99_usec", p.m_dwP99).Add("max_usec", p.m_dwMax));
 }
 
 void PingClient::GiveUp(const std::string& aText) {

@@ -46,6 +46,7 @@ private:
     void OnAnswer();
     void OnNoAnswer();
     void GoOn();
+    void ShowProgress();
     void GiveUp(const std::string& aText);
     void Close(int aStatus);
 
@@ -66,6 +67,8 @@ private:
     int64_t m_llSent = 0;             // when it was sent, in microseconds
     DWORD m_dwSent = 0;               // messages
     std::vector<DWORD> m_vecUsec;     // round trips
+    int64_t m_llStarted = 0;          // when the first message was sent, in microseconds
+    int64_t m_llShown = 0;            // when the progress was printed
     DWORD m_dwGaps = 0;
     uint64_t m_ullGapMs = 0;  // in all
 };

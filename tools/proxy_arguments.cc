@@ -56,10 +56,14 @@ void DeclareProxy(CLI::App& aApp, Arguments& a) {
                                           "settings, see talvo proxy (the default of get)")
                               ->check(NotEmpty("a proxy server"))
                               ->option_text("URI[,URI...]");
-    aApp.add_option("--proxy-user", a.m_Proxy.m_strUser,
-                    "User at the first proxy server; the password is read from the terminal or TALVO_PROXY_PASSWORD")
-        ->option_text("NAME")
-        ->needs(pProxy);
+    CLI::Option* pUser = aApp.add_option("--proxy-user", a.m_Proxy.m_strUser,
+                                         "User at the first proxy server; the password is read from --proxy-password-file, "
+                                         "TALVO_PROXY_PASSWORD or the terminal")
+                             ->option_text("NAME")
+                             ->needs(pProxy);
+    aApp.add_option("--proxy-password-file", a.m_Proxy.m_strPasswordFile, "File whose first line is the password")
+        ->option_text("FILE")
+        ->needs(pUser);
     aApp.add_flag("--allow-ntlm", a.m_Proxy.m_bAllowNtlm, "Allow NTLM, an old scheme, if the proxy has no better one")
         ->needs(pProxy);
 }

@@ -72,7 +72,7 @@ void ProxyLook::ShowSettings(const CCmProxyAnswer& aAnswer) {
                                   .Add("source", setting.m_strSource)
                                   .Add("name", setting.m_strName)
                                   .Add("value", setting.m_strValue);
-        m_Console.Report(setting.m_strSource + ": " + setting.m_strName + "=" + setting.m_strValue, json);
+        m_Console.Result(setting.m_strSource + ": " + setting.m_strName + "=" + setting.m_strValue, json);
     }
 }
 
@@ -91,7 +91,7 @@ void ProxyLook::ShowRoute(const std::string& aRoute, const std::string& aSource,
     std::snprintf(szMs, sizeof szMs, "%.3f ms", dMs);
     const JsonLine json =
         JsonLine("route").Add("url", m_strUrl).Add("route", aRoute).Add("source", aSource).Add("kept", aKept).Add("msec", dMs);
-    m_Console.Report(m_strUrl + ": " + aRoute + ", from " + aSource + (aKept ? ", kept, " : ", ") + szMs, json);
+    m_Console.Result(m_strUrl + ": " + aRoute + ", from " + aSource + (aKept ? ", kept, " : ", ") + szMs, json);
 }
 
 void ProxyLook::ShowFailure(const std::string& aWhat, const std::string& aReason) {

@@ -33,12 +33,12 @@ std::string AddServer(const CCmProxyServer& aServer, CCmProxyRoute& aRoute) {
 }
 
 // aUser (in and out): "" when a server has the credentials.
-std::string AddCredentials(std::string& aUser, CCmProxyServer& aServer) {
+std::string AddCredentials(std::string& aUser, const std::string& aFile, CCmProxyServer& aServer) {
     if (aUser.empty() || aServer.IsDirect())
         return "";
     std::string strPassword;
     const std::string strPrompt = "Password of " + aUser + " at " + aServer.GetText() + ": ";
-    const std::string strProblem = ReadPassword(PASSWORD_VARIABLE, strPrompt, strPassword);
+    const std::string strProblem = ReadPassword({aFile, PASSWORD_VARIABLE, strPrompt}, strPassword);
     const CmResult rv = strProblem.empty() ? aServer.SetCredentials(aUser, strPassword) : CM_OK;
     explicit_bzero(strPassword.data(), strPassword.size());
     aUser.clear();
@@ -64,7 +64,7 @@ std::string MakeRoute(ProxyOptions& aOptions) {
         CCmProxyServer server;
         strProblem = ReadServer(aOptions.m_strServers.substr(stAt, stEnd - stAt), server);
         if (strProblem.empty())
-            strProblem = AddCredentials(strUser, server);
+            strProblem = AddCredentials(strUser, aOptions.m_strPasswordFile, server);
         if (strProblem.empty())
             strProblem = AddServer(server, aOptions.m_Route);
         if (!strProblem.empty())

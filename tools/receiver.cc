@@ -6,7 +6,8 @@
 
 namespace tool {
 
-Receiver::Receiver(const Arguments& aArguments, int aDirectory, Application& aApplication, Console& aConsole)
+Receiver::Receiver(const Arguments& aArguments, std::shared_ptr<IncomingFolder> aOut, Application& aApplication,
+                   Console& aConsole)
     : m_Arguments(aArguments),
       m_Application(aApplication),
       m_Console(aConsole),
@@ -14,7 +15,8 @@ Receiver::Receiver(const Arguments& aArguments, int aDirectory, Application& aAp
       m_Context{*this,
                 aConsole,
                 m_Progress.GetMeter(),
-                aDirectory,
+                std::move(aOut),
+                SharedSecret(aArguments.m_strSecret),
                 aArguments.m_bForce,
                 (aArguments.m_dwType & CCmConnectionManager::CTYPE_PDU_PACKAGE) != 0} {}
 

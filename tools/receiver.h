@@ -13,11 +13,10 @@
 
 namespace tool {
 
-// Listens, and owns one session for each sender. Main thread. The arguments, the directory, the application and the console
-// outlive it.
+// Listens, and owns one session for each sender. Main thread. The arguments, the application and the console outlive it.
 class Receiver : private ICmAcceptorConnectorSink, private RecvSessionOwner {
 public:
-    Receiver(const Arguments& aArguments, int aDirectory, Application& aApplication, Console& aConsole);
+    Receiver(const Arguments& aArguments, std::shared_ptr<IncomingFolder> aOut, Application& aApplication, Console& aConsole);
     ~Receiver() override;
 
     // Begins to listen. If that fails, reports it and finishes the application.

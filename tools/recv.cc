@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <cerrno>
 
@@ -22,24 +21,24 @@ void TidyUp(int aDirectory, Console& aConsole) {
 int RunRecv(const Arguments& aArguments) {
     Console console(aArguments.m_bJson);
     // Kept open, so that the files go into this directory even if its path changes its meaning.
-    const int nDirectory = open(aArguments.m_strDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (nDirectory < 0) {
+    FileHandle directory(open(aArguments.m_strDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory) {
         console.Problem("cannot open '" + aArguments.m_strDirectory + "': " + SystemError(errno));
         return EXIT_FAILED;
     }
     Application::RaiseDescriptorLimit();
+    const auto pOut = std::make_shared<IncomingFolder>(std::move(directory));
     int nStatus = EXIT_FAILED;
     {
         Application application(CCmThreadManager::NETWORK_THREAD_OWN);
         {
-            Receiver receiver(aArguments, nDirectory, application, console);
+            Receiver receiver(aArguments, pOut, application, console);
             receiver.Start();
-            TidyUp(nDirectory, console);
+            TidyUp(pOut->GetFd(), console);
             nStatus = application.Run();
         }
         application.Drain();  // no file is under way any more; the last answers are sent
     }
-    close(nDirectory);
     return nStatus;
 }
 

@@ -1,5 +1,6 @@
 #include "tools/recv_session.h"
 
+#include <algorithm>
 #include <limits>
 
 #include "tools/endpoint.h"
@@ -13,15 +14,22 @@ namespace {
 
 constexpr long HELLO_SECONDS = 10;
 constexpr long SIGN_SECONDS = 30;
+constexpr size_t MOST_ANSWERS = 2 * MOST_OPEN;          // that wait for a slow connection
 constexpr const char* OUT_OF_MEMORY = "out of memory";  // so short that a string holds it without an allocation
 
 }  // namespace
 
 RecvSession::RecvSession(const RecvContext& aContext, ICmTransport* aTransport)
-    : m_Context(aContext), m_pTransport(aTransport), m_strPeer(GetPeerText(*aTransport)) {}
+    : m_Context(aContext),
+      m_pTransport(aTransport),
+      m_strPeer(GetPeerText(*aTransport)),
+      m_strChallenge(SharedSecret::MakeChallenge()) {}
 
 RecvSession::~RecvSession() {
-    CloseFile();
+    while (!m_Files.empty()) {
+        m_Files.begin()->second.m_Disk.KeepPart();
+        CloseFile(m_Files.begin()->first);
+    }
     if (m_pTransport)
         m_pTransport->Disconnect(CM_OK);
 }
@@ -43,19 +51,22 @@ void RecvSession::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportP
     });
 }
 
+void RecvSession::OnSend(ICmTransport*, CCmTransportParameter*) { m_Answers.SendRest(*m_pTransport); }
+
 void RecvSession::OnDisconnect(CmResult aReason, ICmTransport*) {
     EndUnless([&] { return Fault("the connection " + DescribeEnd(*m_pTransport, aReason)); });
 }
 
-void RecvSession::OnTimer(CCmTimerWrapperID*) {
+void RecvSession::OnTimer(CCmTimerWrapperID* aId) {
     EndUnless([&] {
+        if (aId == &m_HashTimer)
+            return HashBeginnings();
+        if (m_State == SERVING)
+            return Answer(EncodeFrame(EFrame::ALIVE));
         CCmReconnectStatus gaps;
-        if (m_State == WAIT_HELLO && m_pTransport->GetOption(CM_OPT_TRANSPORT_RECONNECT_STATUS, &gaps) == CM_OK &&
-            gaps.m_bSuspended)
+        if (m_pTransport->GetOption(CM_OPT_TRANSPORT_RECONNECT_STATUS, &gaps) == CM_OK && gaps.m_bSuspended)
             return m_Timer.Schedule(this, CCmTimeValue(HELLO_SECONDS), 1) == CM_OK;
-        if (m_State == WAIT_HELLO)
-            return Fault("it sent nothing for " + std::to_string(HELLO_SECONDS) + " seconds");
-        return Answer(EncodeFrame(EFrame::ACCEPT));
+        return Fault("it sent nothing for " + std::to_string(HELLO_SECONDS) + " seconds");
     });
 }
 
@@ -72,120 +83,235 @@ void RecvSession::EndUnless(const Step& aStep) {
 bool RecvSession::OnFrame(EFrame aType, std::string_view aPayload) {
     if ((aType == EFrame::HELLO) != (m_State == WAIT_HELLO))
         return Fault("it does not begin with one HELLO, as talvo send does");
+    if ((aType == EFrame::PROOF) != (m_State == WAIT_PROOF) && m_State != WAIT_HELLO)
+        return Fault(m_State == WAIT_PROOF ? "it has not proved the shared secret" : "it proves a secret that nobody demands");
     switch (aType) {
     case EFrame::HELLO:
         return OnHello(aPayload);
+    case EFrame::PROOF:
+        return OnProof(aPayload);
     case EFrame::FILE:
         return OnFile(aPayload);
+    case EFrame::FOLDER:
+        return OnFolder(aPayload);
+    case EFrame::RESUME:
+        return OnResume(DecodeId(aPayload), aPayload.substr(aPayload.size() - HASH_BYTES));
     case EFrame::END:
-        return OnEnd(aPayload);
+        return OnEnd(DecodeId(aPayload), aPayload.substr(sizeof(DWORD)));
     case EFrame::ABORT:
-        return OnAbort(aPayload);
+        return OnAbort(DecodeId(aPayload), aPayload.substr(sizeof(DWORD)));
     case EFrame::BYE:
         return OnBye();
     case EFrame::DATA:
     case EFrame::ACCEPT:
     case EFrame::RESULT:
+    case EFrame::WELCOME:
+    case EFrame::VERDICT:
+    case EFrame::ALIVE:
+    case EFrame::PROVED:
         break;
     }
     return Fault("it sent a frame that only a receiver sends");
 }
 
 bool RecvSession::OnHello(std::string_view aPayload) {
-    if (!DecodeHello(aPayload))
+    if (!DecodeHello(aPayload, m_strPeerChallenge))
         return Fault("it speaks another version of the protocol");
+    if (m_strChallenge.empty())
+        return Fault("the system has no random numbers");
+    const bool bDemands = m_Context.m_Secret.IsSet();
+    m_State = bDemands ? WAIT_PROOF : SERVING;
+    return Answer(EncodeWelcome(bDemands, m_strChallenge)) && (bDemands || BeginServing());
+}
+
+bool RecvSession::OnProof(std::string_view aPayload) {
+    const SharedSecret& secret = m_Context.m_Secret;
+    if (!secret.Check(SharedSecret::SENDER, m_strPeerChallenge, m_strChallenge, aPayload))
+        return Fault("it has another shared secret");
+    m_State = SERVING;
+    return Answer(EncodeFrame(EFrame::PROVED, secret.Prove(SharedSecret::RECEIVER, m_strPeerChallenge, m_strChallenge))) &&
+           BeginServing();
+}
+
+bool RecvSession::BeginServing() {
     m_Timer.Cancel();
-    m_State = IDLE;
+    if (m_Context.m_bSignsOfLife)
+        m_Timer.Schedule(this, CCmTimeValue(SIGN_SECONDS));
     return m_Context.m_Owner.OnSessionBegin(*this) || Fault("another sender is being served");
 }
 
+bool RecvSession::DecodeNew(std::string_view aPayload, FrameEntry& aEntry) {
+    if (!DecodeEntry(aPayload, aEntry) || m_Files.contains(aEntry.m_dwId) || m_Folders.contains(aEntry.m_dwId) ||
+        m_Skipped.contains(aEntry.m_dwId))
+        return Fault("it began a file with a bad frame");
+    return m_Files.size() + m_Folders.size() + m_Skipped.size() < MOST_OPEN || Fault("it began too many files at once");
+}
+
+// Null: aProblem is why nothing can be put there.
+std::shared_ptr<IncomingFolder> RecvSession::FindFolder(const FrameEntry& aEntry, std::string& aProblem) const {
+    aProblem = CheckFileName(aEntry.m_strName);
+    const auto it = m_Folders.find(aEntry.m_dwFolder);
+    if (aProblem.empty() && aEntry.m_dwFolder != OUT_FOLDER && it == m_Folders.end())
+        aProblem = "its folder was refused";
+    if (!aProblem.empty())
+        return nullptr;
+    return aEntry.m_dwFolder == OUT_FOLDER ? m_Context.m_pOut : it->second;
+}
+
 bool RecvSession::OnFile(std::string_view aPayload) {
-    std::string strName;
-    uint64_t ullSize = 0;
-    if (m_State != IDLE || !DecodeFile(aPayload, ullSize, strName))
-        return Fault("it began a file at the wrong time, or with a bad frame");
-    if (ullSize > uint64_t{std::numeric_limits<int64_t>::max()})
-        return Refuse(strName, "no file can have that size");
-    const std::string strBadName = CheckFileName(strName);
-    if (!strBadName.empty())
-        return Refuse(strName, strBadName);
-    const std::string strTaken = IncomingFile::CheckTarget(m_Context.m_nDirectory, strName, m_Context.m_bForce);
-    return strTaken.empty() ? Accept(strName, ullSize) : Refuse(strName, strTaken);
-}
-
-bool RecvSession::Accept(const std::string& aName, uint64_t aSize) {
-    auto pFile = std::make_unique<File>(m_Context.m_nDirectory, aName, aSize);
-    const std::string strProblem = pFile->m_Disk.Create();
+    FrameEntry entry;
+    if (!DecodeNew(aPayload, entry))
+        return false;
+    std::string strProblem;
+    const std::shared_ptr<IncomingFolder> pFolder = FindFolder(entry, strProblem);
+    if (entry.m_ullSize > uint64_t{std::numeric_limits<int64_t>::max()} && entry.m_ullSize != UNKNOWN_SIZE)
+        strProblem = "no file can have that size";
     if (!strProblem.empty())
-        return Refuse(aName, strProblem);
-    m_pFile = std::move(pFile);
-    m_State = RECEIVING;
-    if (m_Context.m_bSignsOfLife)
-        m_Timer.Schedule(this, CCmTimeValue(SIGN_SECONDS));
-    m_Context.m_Meter.Begin(aSize);
-    return Answer(EncodeFrame(EFrame::ACCEPT));
+        return Refuse(entry.m_dwId, pFolder ? pFolder->GetPath(entry.m_strName) : entry.m_strName, strProblem);
+    File& file = m_Files.try_emplace(entry.m_dwId, pFolder, entry, m_Context.m_bForce).first->second;
+    file.m_ullMetered = entry.m_ullSize == UNKNOWN_SIZE ? 0 : entry.m_ullSize;
+    m_Context.m_Meter.Begin(file.m_ullMetered);
+    strProblem = file.m_Disk.Open();
+    if (!strProblem.empty())
+        return RefuseCurrent(entry.m_dwId, strProblem, false);
+    file.m_bOffered = file.m_Disk.GetBeginning() > 0;
+    if (file.m_bOffered)
+        RequireMemory(m_HashTimer.Schedule(this, CCmTimeValue::s_tvZero, 1));
+    return Answer(EncodeAccept(entry.m_dwId, file.m_Disk.GetBeginning()));
 }
 
-bool RecvSession::OnData(std::string_view aPiece) {
-    if (m_State == SKIPPING)
-        return true;
-    if (m_State != RECEIVING || aPiece.size() > m_pFile->m_ullSize - m_pFile->m_ullGot)
-        return Fault("it sent data that belongs to no file");
-    const std::string strProblem = m_pFile->m_Disk.Write(aPiece);
-    if (!strProblem.empty()) {
-        m_State = SKIPPING;
-        return RefuseCurrent(strProblem);
+bool RecvSession::OnFolder(std::string_view aPayload) {
+    FrameEntry entry;
+    if (!DecodeNew(aPayload, entry))
+        return false;
+    std::string strProblem;
+    const std::shared_ptr<IncomingFolder> pParent = FindFolder(entry, strProblem);
+    const std::string strPath = pParent ? pParent->GetPath(entry.m_strName) : entry.m_strName;
+    if (!pParent)
+        return Refuse(entry.m_dwId, strPath, strProblem);
+    const auto pFolder = std::make_shared<IncomingFolder>(strPath);
+    strProblem = pFolder->Open(*pParent, entry);
+    if (!strProblem.empty())
+        return Refuse(entry.m_dwId, strPath, strProblem);
+    m_Folders.emplace(entry.m_dwId, pFolder);
+    return Answer(EncodeAccept(entry.m_dwId, 0));
+}
+
+// Turn by turn, so that the other senders are served meanwhile.
+bool RecvSession::HashBeginnings() {
+    for (auto& [dwId, file] : m_Files) {
+        if (!file.m_bOffered || file.m_bHashed)
+            continue;
+        RequireMemory(m_HashTimer.Schedule(this, CCmTimeValue::s_tvZero, 1));
+        file.m_bHashed = file.m_Disk.HashBeginning();
+        return Decide(dwId, file);
     }
-    m_pFile->m_Hash.Update(aPiece);
-    m_pFile->m_ullGot += aPiece.size();
+    return true;
+}
+
+bool RecvSession::OnResume(DWORD aId, std::string_view aHash) {
+    const auto it = m_Files.find(aId);
+    if (it == m_Files.end())
+        return m_Skipped.contains(aId) || Fault("it continues a file that it had not begun");
+    if (!it->second.m_bOffered || !it->second.m_strSendersHash.empty())
+        return Fault("it continues a file of which nothing is here");
+    it->second.m_strSendersHash = aHash;
+    return Decide(aId, it->second);
+}
+
+// When both ends have their hash of the beginning.
+bool RecvSession::Decide(DWORD aId, File& aFile) {
+    if (!aFile.m_bHashed || aFile.m_strSendersHash.empty())
+        return true;
+    aFile.m_bOffered = false;
+    const bool bSame = aFile.m_Disk.GetHash() == aFile.m_strSendersHash;
+    const uint64_t ullBeginning = aFile.m_Disk.GetBeginning();
+    const std::string strProblem = bSame ? "" : aFile.m_Disk.Restart();
+    if (!strProblem.empty())
+        return RefuseCurrent(aId, strProblem, true);
+    if (bSame) {
+        aFile.m_Disk.GoOn();
+        aFile.m_ullGot = aFile.m_ullContinued = ullBeginning;
+        m_Context.m_Meter.End(aFile.m_ullMetered, 0);
+        aFile.m_ullMetered -= ullBeginning;
+        m_Context.m_Meter.Begin(aFile.m_ullMetered);
+    }
+    return Answer(EncodeVerdict(aId, bSame));
+}
+
+bool RecvSession::OnData(DWORD aId, std::string_view aPiece) {
+    if (m_Skipped.contains(aId))
+        return true;
+    const auto it = m_Files.find(aId);
+    if (it == m_Files.end() || it->second.m_bOffered || aPiece.size() > it->second.m_ullSize - it->second.m_ullGot)
+        return Fault("it sent data that belongs to no file");
+    File& file = it->second;
+    const std::string strProblem = file.m_Disk.Write(aPiece);
+    if (!strProblem.empty())
+        return RefuseCurrent(aId, strProblem, true);
+    file.m_ullGot += aPiece.size();
     m_Context.m_Meter.Advance(aPiece.size());
     return true;
 }
 
-bool RecvSession::OnEnd(std::string_view aHash) {
-    const EState before = m_State;
-    m_State = IDLE;
-    if (before == SKIPPING)
+bool RecvSession::OnEnd(DWORD aId, std::string_view aHash) {
+    if (m_Skipped.erase(aId) > 0)
         return true;
-    if (before != RECEIVING || m_pFile->m_ullGot != m_pFile->m_ullSize)
+    if (m_Folders.contains(aId))
+        return EndFolder(aId);
+    const auto it = m_Files.find(aId);
+    if (it == m_Files.end())
+        return Fault("it ended a file that it had not begun");
+    const File& file = it->second;
+    if (file.m_bOffered || (file.m_ullSize != UNKNOWN_SIZE && file.m_ullGot != file.m_ullSize))
         return Fault("it ended a file too early");
-    return Keep(aHash);
+    return Keep(aId, aHash);
 }
 
-bool RecvSession::Keep(std::string_view aHash) {
-    if (m_pFile->m_Hash.Finish() != aHash)
-        return RefuseCurrent("the data was damaged: the SHA-256 differs");
-    const std::string strProblem = m_pFile->m_Disk.Publish(m_pFile->m_strName, m_Context.m_bForce);
+bool RecvSession::EndFolder(DWORD aId) {
+    const std::shared_ptr<IncomingFolder> pFolder = m_Folders.at(aId);
+    m_Folders.erase(aId);
+    const std::string strProblem = pFolder->Finish();
+    return strProblem.empty() ? Answer(EncodeResult(aId, true, "")) : Refuse(aId, pFolder->GetPath(""), strProblem);
+}
+
+bool RecvSession::Keep(DWORD aId, std::string_view aHash) {
+    File& file = m_Files.at(aId);
+    const std::string strHash = file.m_Disk.GetHash();
+    if (strHash.empty() || strHash != aHash)
+        return RefuseCurrent(aId, "the data was damaged: the SHA-256 differs", false);
+    const std::string strProblem = file.m_Disk.Publish();
     if (!strProblem.empty())
-        return RefuseCurrent(strProblem);
-    talvo::WithMemory([&] { ReportKept(aHash); });  // a file that is there is acknowledged, with or without a line
-    CloseFile();
-    return Answer(EncodeResult(true, ""));
+        return RefuseCurrent(aId, strProblem, false);
+    talvo::WithMemory([&] { ReportKept(file, aHash); });  // a file that is there is acknowledged, with or without a line
+    CloseFile(aId);
+    return Answer(EncodeResult(aId, true, ""));
 }
 
-void RecvSession::ReportKept(std::string_view aHash) const {
-    const double dSeconds = static_cast<double>(CCmClock::GetTimeOfDayUsec() - m_pFile->m_llStarted) / 1e6;
-    m_Context.m_Console.Report("received " + m_pFile->m_strName + " from " + m_strPeer + ": " + FormatBytes(m_pFile->m_ullSize),
-                               JsonLine("received")
-                                   .Add("name", m_pFile->m_strName)
-                                   .Add("peer", m_strPeer)
-                                   .Add("bytes", m_pFile->m_ullSize)
-                                   .Add("seconds", dSeconds)
-                                   .Add("sha256", ToHex(aHash)));
+void RecvSession::ReportKept(const File& aFile, std::string_view aHash) const {
+    const double dSeconds = static_cast<double>(CCmClock::GetTimeOfDayUsec() - aFile.m_llStarted) / 1e6;
+    std::string strText = "received " + aFile.m_strPath + " from " + m_strPeer + ": " + FormatBytes(aFile.m_ullGot);
+    if (aFile.m_ullContinued > 0)
+        strText += ", of which " + FormatBytes(aFile.m_ullContinued) + " were here already";
+    m_Context.m_Console.Report(strText, JsonLine("received")
+                                            .Add("name", aFile.m_strPath)
+                                            .Add("peer", m_strPeer)
+                                            .Add("bytes", aFile.m_ullGot - aFile.m_ullContinued)
+                                            .Add("size", aFile.m_ullGot)
+                                            .Add("seconds", dSeconds)
+                                            .Add("sha256", ToHex(aHash)));
 }
 
-bool RecvSession::OnAbort(std::string_view aReason) {
-    const EState before = m_State;
-    m_State = IDLE;
-    if (before == SKIPPING)
+bool RecvSession::OnAbort(DWORD aId, std::string_view aReason) {
+    if (m_Skipped.erase(aId) > 0)
         return true;
-    if (before != RECEIVING)
+    if (!m_Files.contains(aId))
         return Fault("it aborted a file that it had not begun");
-    return RefuseCurrent("the sender aborted: " + std::string(aReason));
+    return RefuseCurrent(aId, "the sender aborted: " + std::string(aReason), false);
 }
 
 bool RecvSession::OnBye() {
-    if (m_State != IDLE)
+    if (!m_Files.empty() || !m_Folders.empty())
         return Fault("it ended the session within a file");
     m_bSaidBye = true;
     return false;
@@ -196,55 +322,59 @@ bool RecvSession::Fault(std::string_view aText) {
     return false;
 }
 
-// The peer waits for each answer, so answers never queue up: a peer for which they do breaks the protocol.
+// The peer reads its answers: one for which they pile up breaks the protocol.
 bool RecvSession::Answer(std::string_view aFrame) {
-    const auto dwLength = static_cast<DWORD>(aFrame.size());
-    CCmMessageBlock block(dwLength, aFrame.data(), CCmMessageBlock::DONT_DELETE, dwLength);
-    const CmResult rv = m_pTransport->SendData(block);
-    if (rv == CM_OK)
+    const CmResult rv = m_Answers.Send(*m_pTransport, aFrame);
+    if (rv == CM_OK || (rv == CM_ERROR_PARTIAL_DATA && m_Answers.GetCount() < MOST_ANSWERS))
         return true;
     return Fault(rv == CM_ERROR_PARTIAL_DATA ? "it does not read the answers"
                                              : std::string("the connection broke: ") + cm_result_name(rv));
 }
 
-bool RecvSession::RefuseCurrent(const std::string& aReason) {
-    const std::string strName = m_pFile->m_strName;
-    CloseFile();
-    return Refuse(strName, aReason);
+bool RecvSession::RefuseCurrent(DWORD aId, const std::string& aReason, bool aSkip) {
+    const std::string strPath = m_Files.at(aId).m_strPath;
+    CloseFile(aId);
+    if (aSkip)
+        m_Skipped.insert(aId);
+    return Refuse(aId, strPath, aReason);
 }
 
-bool RecvSession::Refuse(const std::string& aName, const std::string& aReason) {
+bool RecvSession::Refuse(DWORD aId, const std::string& aPath, const std::string& aReason) {
     ++m_nRefused;
-    m_Context.m_Console.Problem("refused " + aName + " from " + m_strPeer + ": " + aReason,
-                                JsonLine::Failed(CAUSE_REFUSED, aReason).Add("name", aName).Add("peer", m_strPeer));
-    return Answer(EncodeResult(false, aReason));
+    m_Context.m_Console.Problem("refused " + aPath + " from " + m_strPeer + ": " + aReason,
+                                JsonLine::Failed(CAUSE_REFUSED, aReason).Add("name", aPath).Add("peer", m_strPeer));
+    return Answer(EncodeResult(aId, false, aReason));
 }
 
-void RecvSession::CloseFile() {
-    m_Timer.Cancel();
-    if (m_pFile)
-        m_Context.m_Meter.End(m_pFile->m_ullSize, m_pFile->m_ullGot);
-    m_pFile.reset();
+void RecvSession::CloseFile(DWORD aId) {
+    const auto it = m_Files.find(aId);
+    m_Context.m_Meter.End(it->second.m_ullMetered, it->second.m_ullGot - it->second.m_ullContinued);
+    m_Files.erase(it);
 }
 
 void RecvSession::ReportEnd() {
     if (m_bSaidBye)
         return;
-    JsonLine json = JsonLine::Failed(CAUSE_BROKEN, m_strFault);
-    json.Add("peer", m_strPeer);
+    std::vector<std::string> vecNames;
     std::string strText = "dropped " + m_strPeer + ": " + m_strFault;
-    if (m_pFile) {
-        json.Add("name", m_pFile->m_strName).Add("bytes", m_pFile->m_ullGot);
-        strText += "; " + m_pFile->m_strName + " was removed (" + FormatBytes(m_pFile->m_ullGot) + " of " +
-                   FormatBytes(m_pFile->m_ullSize) + " had arrived)";
+    for (auto& [dwId, file] : m_Files) {
+        vecNames.push_back(file.m_strPath);
+        strText += "; " + file.m_strPath + (file.m_Disk.IsKept() ? " can be continued (" : " was removed (") +
+                   FormatBytes(file.m_ullGot) + " had arrived)";
     }
-    m_Context.m_Console.Problem(strText, json);
+    m_Context.m_Console.Problem(strText,
+                                JsonLine::Failed(CAUSE_BROKEN, m_strFault).Add("peer", m_strPeer).Add("incomplete", vecNames));
 }
 
 void RecvSession::End() {
+    for (auto& [dwId, file] : m_Files)
+        file.m_Disk.KeepPart();
     if (!talvo::WithMemory([this] { ReportEnd(); }))
         ComplainOfMemory();
-    CloseFile();
+    m_Timer.Cancel();
+    m_HashTimer.Cancel();
+    while (!m_Files.empty())
+        CloseFile(m_Files.begin()->first);
     m_Context.m_Owner.OnSessionEnd(*this, m_bSaidBye && m_nRefused == 0);
 }
 

@@ -1,15 +1,18 @@
 // The session of one sender in `talvo recv`.
 #pragma once
 
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "talvo/talvo.h"
 #include "tools/console.h"
 #include "tools/frame.h"
 #include "tools/incoming_file.h"
+#include "tools/outbox.h"
 #include "tools/progress_meter.h"
-#include "tools/sha256.h"
+#include "tools/shared_secret.h"
 
 namespace tool {
 
@@ -17,7 +20,7 @@ class RecvSession;
 
 class RecvSessionOwner {
 public:
-    // The peer has proved to be a sender. false: do not serve it.
+    // The peer has proved to be a sender, with the secret if there is one. false: do not serve it.
     virtual bool OnSessionBegin(RecvSession& aSession) = 0;
     // The last call, which may delete the session. aWell: the sender sent BYE and all its files were kept.
     virtual void OnSessionEnd(RecvSession& aSession, bool aWell) = 0;
@@ -29,16 +32,18 @@ struct RecvContext {
     RecvSessionOwner& m_Owner;
     Console& m_Console;
     ProgressMeter& m_Meter;
-    int m_nDirectory;
+    const std::shared_ptr<IncomingFolder> m_pOut;
+    const SharedSecret m_Secret;
     bool m_bForce;
     bool m_bSignsOfLife;  // the connection type closes connections after a long silence
 };
 
-// Receives one file after the other, and answers each. Disconnects a peer that breaks the rules of tools/frame.h.
+// Receives files and folders, several at a time, and answers each. Disconnects a peer that breaks the rules of
+// docs/transfer.md.
 class RecvSession : private ICmTransportSink, private FrameSink, private CCmTimerWrapperIDSink {
 public:
     RecvSession(const RecvContext& aContext, ICmTransport* aTransport);
-    ~RecvSession() override;  // does not call the owner; removes a file under way
+    ~RecvSession() override;  // does not call the owner; ends the files under way
     RecvSession(const RecvSession&) = delete;
     RecvSession& operator=(const RecvSession&) = delete;
 
@@ -47,58 +52,78 @@ public:
 private:
     enum EState {
         WAIT_HELLO,  // the timer ends it
-        IDLE,        // between two files
-        RECEIVING,   // m_pFile is set; the timer sends signs of life, if wanted
-        SKIPPING     // the file was refused during its transfer: its END or ABORT follows
+        WAIT_PROOF,  // likewise
+        SERVING      // the timer sends signs of life, if wanted
     };
 
     // A file under way.
     struct File {
-        File(int aDirectory, std::string aName, uint64_t aSize)
-            : m_strName(std::move(aName)), m_ullSize(aSize), m_llStarted(CCmClock::GetTimeOfDayUsec()), m_Disk(aDirectory) {}
+        File(std::shared_ptr<IncomingFolder> aFolder, const FrameEntry& aEntry, bool aReplace)
+            : m_strPath(aFolder->GetPath(aEntry.m_strName)),
+              m_ullSize(aEntry.m_ullSize),
+              m_Disk(std::move(aFolder), aEntry, aReplace) {}
 
-        const std::string m_strName;
-        const uint64_t m_ullSize;
-        const int64_t m_llStarted;
-        uint64_t m_ullGot = 0;
-        Sha256 m_Hash;
+        const std::string m_strPath;  // for people
+        const uint64_t m_ullSize;     // UNKNOWN_SIZE: until END
+        const int64_t m_llStarted = CCmClock::GetTimeOfDayUsec();
         IncomingFile m_Disk;
+        uint64_t m_ullGot = 0;         // bytes, with the continued ones
+        uint64_t m_ullContinued = 0;   // bytes that were there
+        uint64_t m_ullMetered = 0;     // bytes that the progress expects
+        bool m_bOffered = false;       // the sender has not decided about the beginning
+        bool m_bHashed = false;        // the beginning
+        std::string m_strSendersHash;  // of the beginning; "": not known
     };
 
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
-    void OnSend(ICmTransport*, CCmTransportParameter*) override {}  // no send is ever partial here, see Answer
+    void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
     void OnTimer(CCmTimerWrapperID* aId) override;
 
     // These return false if the session has to end: m_strFault is the reason, or the sender sent BYE.
     bool OnFrame(EFrame aType, std::string_view aPayload) override;
-    bool OnData(std::string_view aPiece) override;
+    bool OnData(DWORD aId, std::string_view aPiece) override;
     bool OnHello(std::string_view aPayload);
+    bool OnProof(std::string_view aPayload);
+    bool BeginServing();
     bool OnFile(std::string_view aPayload);
-    bool OnEnd(std::string_view aHash);
-    bool OnAbort(std::string_view aReason);
+    bool OnFolder(std::string_view aPayload);
+    bool OnResume(DWORD aId, std::string_view aHash);
+    bool OnEnd(DWORD aId, std::string_view aHash);
+    bool OnAbort(DWORD aId, std::string_view aReason);
     bool OnBye();
     bool Fault(std::string_view aText);
     bool Answer(std::string_view aFrame);
-    bool Accept(const std::string& aName, uint64_t aSize);
-    bool Keep(std::string_view aHash);
-    bool Refuse(const std::string& aName, const std::string& aReason);
-    bool RefuseCurrent(const std::string& aReason);
+    bool DecodeNew(std::string_view aPayload, FrameEntry& aEntry);
+    std::shared_ptr<IncomingFolder> FindFolder(const FrameEntry& aEntry, std::string& aProblem) const;
+    bool EndFolder(DWORD aId);
+    bool HashBeginnings();
+    bool Decide(DWORD aId, File& aFile);
+    bool Keep(DWORD aId, std::string_view aHash);
+    bool Refuse(DWORD aId, const std::string& aPath, const std::string& aReason);
+    // aSkip: its data follows until END or ABORT.
+    bool RefuseCurrent(DWORD aId, const std::string& aReason, bool aSkip);
 
     template <class Step>
     void EndUnless(const Step& aStep);
-    void CloseFile();
-    void ReportKept(std::string_view aHash) const;
+    void CloseFile(DWORD aId);
+    void ReportKept(const File& aFile, std::string_view aHash) const;
     void ReportEnd();
     void End();  // the owner may delete this in it
 
     const RecvContext& m_Context;
     CCmRefPtrT<ICmTransport> m_pTransport;
     const std::string m_strPeer;
+    const std::string m_strChallenge;
+    std::string m_strPeerChallenge;
     CCmTimerWrapperID m_Timer;
+    CCmTimerWrapperID m_HashTimer;
+    Outbox m_Answers;
     FrameParser m_Parser;
     EState m_State = WAIT_HELLO;
-    std::unique_ptr<File> m_pFile;
+    std::map<DWORD, File> m_Files;
+    std::map<DWORD, std::shared_ptr<IncomingFolder>> m_Folders;
+    std::set<DWORD> m_Skipped;  // files that were refused during their transfer: their END or ABORT follows
     int m_nRefused = 0;
     bool m_bSaidBye = false;
     std::string m_strFault;  // the reason for the end of the session; empty after BYE

@@ -46,7 +46,7 @@ private:
         for (const talvo::CIpBytes& ip : aRecord.GetAddresses())
             strAddresses += (strAddresses.empty() ? "" : " ") + ip.GetText();
         const DWORD dwTtl = aRecord.GetTimeToLive();
-        m_Console.Report(aRecord.GetName() + ": " + strAddresses + ", ttl " + std::to_string(dwTtl) + " s, from " + aSource,
+        m_Console.Result(aRecord.GetName() + ": " + strAddresses + ", ttl " + std::to_string(dwTtl) + " s, from " + aSource,
                          JsonLine("resolved")
                              .Add("name", aRecord.GetName())
                              .Add("addresses", strAddresses)

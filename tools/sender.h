@@ -1,22 +1,28 @@
 // The client of `talvo send`.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "talvo/talvo.h"
 #include "tools/application.h"
 #include "tools/arguments.h"
 #include "tools/console.h"
+#include "tools/folder_walk.h"
 #include "tools/frame.h"
+#include "tools/input_watch.h"
 #include "tools/outbox.h"
 #include "tools/outgoing_file.h"
 #include "tools/progress_report.h"
+#include "tools/shared_secret.h"
 
 namespace tool {
 
-// Sends the files one after the other, each after the answer to the one before. Then finishes the application, with EXIT_OK if
-// all were kept. Main thread. The arguments, the application and the console outlive it.
+// Sends files and folders, MOST_IN_FLIGHT at a time: while the data of one is sent, the next ones are announced, and the
+// answers to the last ones are under way. Then finishes the application, with EXIT_OK if all were kept. Main thread. The
+// arguments, the application and the console outlive it.
 class Sender : private ICmAcceptorConnectorSink, private ICmTransportSink, private FrameSink, private CCmTimerWrapperIDSink {
 public:
     Sender(const Arguments& aArguments, Application& aApplication, Console& aConsole);
@@ -29,11 +35,41 @@ public:
 private:
     enum EState {
         CONNECTING,
-        WAIT_ACCEPT,  // FILE was sent
-        SENDING,      // DATA is being sent
-        WAIT_RESULT,  // END or ABORT was sent
-        CLOSING,      // BYE was sent: the receiver closes, or the timer does
+        WAIT_WELCOME,  // with a secret: HELLO was sent
+        WAIT_PROVED,   // PROOF was sent
+        RUNNING,
+        CLOSING,  // BYE was sent: the receiver closes, or the timer does
         CLOSED
+    };
+
+    // A file under way.
+    struct Item {
+        enum EStep {
+            WAIT_ACCEPT,   // FILE was sent
+            CHECKING,      // the receiver has a beginning, of which the hash is being computed
+            WAIT_VERDICT,  // RESUME was sent
+            SENDING,
+            WAIT_INPUT,  // stdin has no data
+            WAIT_RESULT  // END or ABORT was sent
+        };
+
+        Item(FileHandle aFile, uint64_t aSize, DWORD aMaxPiece, std::string aPath, DWORD aFolder)
+            : m_File(std::move(aFile), aSize, aMaxPiece), m_strPath(std::move(aPath)), m_dwFolder(aFolder) {}
+
+        OutgoingFile m_File;
+        const std::string m_strPath;
+        const DWORD m_dwFolder;
+        const int64_t m_llStarted = CCmClock::GetTimeOfDayUsec();
+        EStep m_Step = WAIT_ACCEPT;
+        uint64_t m_ullBeginning = 0;  // bytes that the receiver has already
+        uint64_t m_ullMetered = 0;    // bytes that the progress expects
+    };
+
+    // A folder from FOLDER to the result of its END, which follows the END of each file in it.
+    struct Folder {
+        std::string m_strPath;
+        int m_nUsers = 1;  // the walk, and the files whose END was not sent
+        bool m_bRefused = false;
     };
 
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;
@@ -41,21 +77,37 @@ private:
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
     void OnTimer(CCmTimerWrapperID* aId) override;
+
+    // These return false if the answer breaks the protocol.
     bool OnFrame(EFrame aType, std::string_view aPayload) override;
-    bool OnData(std::string_view) override { return false; }
-    bool OnAccept();
-    bool OnResult(std::string_view aPayload);
+    bool OnData(DWORD, std::string_view) override { return false; }
+    bool OnWelcome(std::string_view aPayload);
+    bool OnProved(std::string_view aPayload);
+    bool OnAccept(DWORD aId, uint64_t aOffset);
+    bool OnVerdict(DWORD aId, bool aSame);
+    bool OnResult(DWORD aId, std::string_view aPayload);
+    bool OnFolderResult(DWORD aId, bool aKept, const std::string& aReason);
 
-    void StartNextFile();
-    bool StartFile(const std::string& aPath);
     void Pump();
-    bool SendPiece();
-    void SendEnd();
-    bool Send(std::string_view aFrame);
-    bool CheckSent(CmResult aResult);
+    bool FillWindow();
+    bool HasRoom() const;
+    void Begin(FolderWalk::Entry& aEntry);
+    void BeginFile(FolderWalk::Entry& aEntry);
+    void BeginFolder(const FolderWalk::Entry& aEntry);
+    FrameEntry MakeEntry(const FolderWalk::Entry& aEntry, uint64_t aSize);
+    void LeaveFolder();
+    void ReleaseFolder(DWORD aId);
+    Item* FindWork(DWORD& aId);
+    void Work(DWORD aId, Item& aItem);
+    void Check(DWORD aId, Item& aItem);
+    void SendPiece(DWORD aId, Item& aItem);
+    void EndItem(Item& aItem, const std::string& aFrame);
+    void WaitForInput(DWORD aId, Item& aItem);
+    void Send(std::string_view aFrame);
+    void OnSent(CmResult aResult);
 
-    void CloseFile(bool aKept, const std::string& aReason);
-    void ReportFile(const std::string& aPath, uint64_t aSize, bool aKept, const std::string& aReason);
+    void ReportSent(const Item& aItem);
+    void ReportFailed(const std::string& aPath, const std::string& aReason);
     void GiveUp(const std::string& aText);  // the connection is lost
     void Close();
 
@@ -63,18 +115,27 @@ private:
     Application& m_Application;
     Console& m_Console;
     ProgressReport m_Progress;
+    const SharedSecret m_Secret;
+    const std::string m_strChallenge;
+    std::string m_strPeerChallenge;
+    FolderWalk m_Walk;
     CCmTimerWrapperID m_Timer;  // the next turn of Pump, or the end of CONNECTING or CLOSING
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pTransport;
     DWORD m_dwMaxPiece = 0;  // bytes of a file in one frame
     Outbox m_Outbox;
+    bool m_bBlocked = false;  // the outbox waits for OnSend
     FrameParser m_Parser;
     EState m_State = CONNECTING;
-    size_t m_nNextFile = 0;
-    size_t m_nKept = 0;
-    std::unique_ptr<OutgoingFile> m_pFile;  // from WAIT_ACCEPT to WAIT_RESULT
-    int64_t m_llStarted = 0;
-    std::string m_strHash;  // of the last file that was sent whole
+    DWORD m_dwLastId = OUT_FOLDER;
+    bool m_bWalked = false;  // all files have begun
+    std::map<DWORD, Item> m_Items;
+    std::map<DWORD, Folder> m_Folders;
+    std::vector<DWORD> m_vecWalk;  // the folders that the walk is in
+    std::unique_ptr<InputWatch> m_pInput;
+    size_t m_stFound = 0;  // files
+    size_t m_stKept = 0;
+    bool m_bFailed = false;  // one was not delivered
 };
 
 }  // namespace tool

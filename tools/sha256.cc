@@ -25,10 +25,14 @@ void Sha256::Update(std::string_view aBytes) {
         m_pContext->m_bGood = EVP_DigestUpdate(m_pContext->m_pMd, aBytes.data(), aBytes.size()) == 1;
 }
 
-std::string Sha256::Finish() {
+void Sha256::Reset() { m_pContext = std::make_unique<Context>(); }
+
+std::string Sha256::GetSoFar() const {
     std::array<unsigned char, EVP_MAX_MD_SIZE> hash{};
     unsigned int length = 0;
-    if (!m_pContext->m_bGood || EVP_DigestFinal_ex(m_pContext->m_pMd, hash.data(), &length) != 1)
+    Context copy;
+    if (!m_pContext->m_bGood || !copy.m_bGood || EVP_MD_CTX_copy_ex(copy.m_pMd, m_pContext->m_pMd) != 1 ||
+        EVP_DigestFinal_ex(copy.m_pMd, hash.data(), &length) != 1)
         return "";
     return std::string(hash.begin(), hash.begin() + length);
 }

@@ -14,9 +14,12 @@ public:
 
     void Update(std::string_view aBytes);
 
-    // The 32 bytes. Call it once, after the last Update. Empty if any step failed (no memory, or the algorithm is disabled on
-    // this machine); an empty result equals no hash.
-    std::string Finish();
+    // The 32 bytes of all updates so far. Empty if any step failed (no memory, or the algorithm is disabled on this machine);
+    // an empty result equals no hash.
+    std::string GetSoFar() const;
+
+    // Forgets all updates.
+    void Reset();
 
 private:
     struct Context;

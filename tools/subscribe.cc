@@ -37,6 +37,7 @@ private:
         if (aReason != CM_OK)
             return Finish(DescribeConnectFailure(m_Arguments.m_Addr, *m_pConnector, aReason));
         m_pTransport = aTrpt;
+        ReportConnection(m_Arguments, *m_pTransport, m_Console);
         const bool bAsked = m_pTransport->OpenWithSink(this) == CM_OK &&
                             m_Outbox.Send(*m_pTransport, MakeJoinLine(m_Arguments.m_strJoin)) != CM_ERROR_OUT_OF_MEMORY;
         if (!bAsked)
@@ -45,7 +46,7 @@ private:
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
         m_Lines.Feed(aData.FlattenChained());
         for (std::string strLine; m_Lines.Next(strLine);)
-            m_Console.Report(strLine, JsonLine("message").Add("text", strLine));
+            m_Console.Result(strLine, JsonLine("message").Add("text", strLine));
     }
     void OnSend(ICmTransport*, CCmTransportParameter*) override { m_Outbox.SendRest(*m_pTransport); }
     // The publisher ends a stream in order after its last line; a protocol connection says why.

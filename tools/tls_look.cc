@@ -22,8 +22,9 @@ void TlsLook::Start() { Connect(VERIFY); }
 void TlsLook::Connect(EStep aStep) {
     m_Step = aStep;
     CCmTimeValue tvTimeout(CONNECT_SECONDS);
+    CCmInetAddr local = m_Arguments.m_AddrLocal;
     if (MakeConnectorOfStep() == CM_OK)
-        m_pConnector->AsycConnect(this, m_Arguments.m_Addr, &tvTimeout);
+        m_pConnector->AsycConnect(this, m_Arguments.m_Addr, &tvTimeout, m_Arguments.m_strBind.empty() ? nullptr : &local);
     else
         GiveUp("cannot create a connector");
 }
@@ -113,7 +114,7 @@ void TlsLook::ReportCertificates() const {
         const size_t nNumber = nAt++;
         if (!ParseCertificate(strDer, certificate))
             continue;
-        m_Console.Report("certificate " + std::to_string(nNumber) + ": " + DescribeCertificate(certificate),
+        m_Console.Result("certificate " + std::to_string(nNumber) + ": " + DescribeCertificate(certificate),
                          JsonLine("certificate")
                              .Add("number", nNumber)
                              .Add("subject", certificate.m_strSubject)
@@ -137,7 +138,7 @@ void TlsLook::Report() {
     strText += bVerified ? "; verified as " + strName : "; not verified as " + strName + ": " + m_strNotVerified;
     strText += m_bResumed ? "; resumed on the second connect" : "; not resumed";
     strText += m_strEnd.empty() ? "" : "; end: " + m_strEnd;
-    m_Console.Report(strText, JsonLine("tls")
+    m_Console.Result(strText, JsonLine("tls")
                                   .Add("protocol", strVersion)
                                   .Add("cipher", m_Info.m_strCipher)
                                   .Add("alpn", m_Info.m_strAlpn)

@@ -100,8 +100,11 @@ class TlsTest(ProgramTest):
         recv = self.serve("recv", "--out", self.directory, "--once", "--tls", *self.own())
         context = ssl.create_default_context(cafile=self.path("root.pem"))
         with context.wrap_socket(socket.create_connection((HOST, recv.port), PATIENCE), server_hostname=HOST) as peer:
-            peer.sendall(struct.pack(">BI6sBIQ4s", 1, 6, b"TALVO\1", 2, 12, 9, b"file") + b"\3\0\0\0\4half")
-            peer.recv(1)
+            peer.sendall(struct.pack(">BI6s32sBIIIIqIQ4s", 1, 38, b"TALVO\2", b"", 2, 36, 1, 0, 0o600, 0, 0, 9, b"file") +
+                         b"\3\0\0\0\x08\0\0\0\1half")
+            answers = b""
+            while len(answers) < 38 + 17:  # WELCOME and ACCEPT
+                answers += peer.recv(100)
         status, _, err = recv.end(None)
         self.assertEqual((1, True), (status, "the stream was cut" in err), err)
 

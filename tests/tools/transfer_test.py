@@ -22,11 +22,28 @@ def frame(kind, payload):
     return struct.pack(">BI", kind, len(payload)) + payload
 
 
-def file(size, name):
-    return frame(2, struct.pack(">Q", size) + name)
+def entry(kind, size, name, number=1, folder=0):
+    return frame(kind, struct.pack(">IIIqIQ", number, folder, 0o640, 1000000000, 0, size) + name)
 
 
-HELLO = frame(1, b"TALVO\1")
+def file(*arguments):
+    return entry(2, *arguments)
+
+
+def folder(name, *arguments):
+    return entry(7, 0, name, *arguments)
+
+
+def data(content, number=1):
+    return frame(3, struct.pack(">I", number) + content)
+
+
+def end(content, number=1):
+    return frame(4, struct.pack(">I", number) + hashlib.sha256(content).digest())
+
+
+HELLO, BYE = frame(1, b"TALVO\2" + bytes(32)), frame(6, b"")
+PART = r"^\.talvo-[0-9a-f]{16}\.part$"
 
 
 class TransferTest(ProgramTest):
@@ -39,7 +56,7 @@ class TransferTest(ProgramTest):
         return self.serve("recv", "--out", self.out, *arguments)
 
     def received(self):
-        return {path.name: path.read_bytes() for path in self.out.iterdir()}
+        return {path.name: path.read_bytes() for path in self.out.iterdir() if not re.match(PART, path.name)}
 
     def ping(self, *arguments):
         return self.run_talvo("ping", *arguments, "--interval", 0, "--timeout", PATIENCE * 1000)
@@ -74,13 +91,69 @@ class TransferTest(ProgramTest):
         self.assert_fails(self.run_talvo("send", "--type", "package", paths[0], server.address), 1)
         self.assertIn("does not speak", server.end()[2])
 
+    def test_folders_arrive_with_names_times_and_modes_and_links_are_left_out(self):
+        for number in range(40):
+            self.make(f"tree/many/{number}", os.urandom(number * 1000))
+        self.make("tree/deep/er/still/leaf", "leaf").chmod(0o400)
+        (self.directory / "tree" / "nothing in it").mkdir()
+        (self.directory / "tree" / "deep" / "up").symlink_to(self.directory)
+        os.mkfifo(self.directory / "tree" / "fifo")
+        (self.directory / "tree" / "deep").chmod(0o750)
+        os.utime(self.directory / "tree" / "many" / "7", ns=(1, 1234567890123456789))
+        for path in "tree/deep/er", "tree/many":
+            os.utime(self.directory / path, (1, 1300000000))
+        look = lambda root: {str(path.relative_to(root)): (path.stat().st_mode, path.stat().st_mtime_ns, path.is_file() and path.read_bytes())
+                             for path in root.rglob("*") if path.is_dir() and not path.is_symlink() or path.is_file()}
+        server = self.receive("--json")
+        sent = self.run_talvo("send", self.directory / "tree", server.address)
+        self.assertEqual((0, "", 2, 41), (sent.returncode, sent.stderr, *(len(re.findall(f"^{word} ", sent.stdout, re.M)) for word in ("skipped", "sent"))))
+        self.assertEqual(look(self.directory / "tree"), look(self.out / "tree"))
+        # A second time everything is there already, but for the file that is another one now.
+        self.make("tree/many/3", os.urandom(3000))
+        sent = self.run_talvo("send", self.directory / "tree/", server.address, "--json")
+        events = self.events(sent.stdout)
+        self.assertEqual((1, ["tree/many/3"]), (sent.returncode, [o["name"][-11:] for o in events if o["event"] == "failed"]))
+        self.assertTrue(all(o["bytes"] == 0 for o in events if o["event"] == "sent"))
+
+    def test_stdin_arrives_as_it_comes(self):
+        server = self.receive()
+        pipe = self.start("send", "-", self.make("other", "other"), server.address, "--name", "log", stdin=subprocess.PIPE)
+        poll("the other file arrives", lambda: (self.out / "other").exists())
+        pipe.stdin.write("one\n" * 100000)
+        self.assertEqual((0, b"one\n" * 100000), (pipe.communicate("two", timeout=PATIENCE) and pipe.returncode, (self.out / "log").read_bytes()[:-3]))
+        with open(self.make("input", "from a file")) as file:
+            self.assertEqual(0, self.run_talvo("send", "-", server.address, stdin=file).returncode)
+        self.assertEqual(b"from a file", (self.out / "stdin").read_bytes())
+
+    def test_a_shared_secret_is_proved_by_both_ends(self):
+        path, right, wrong = self.make("file", "x"), self.make("right", "correct horse\n"), self.make("wrong", "another one")
+        server, open_server = self.receive("--secret-file", right), self.receive()
+        for to, secret, status, cause in ((server, ["--secret-file", right], 0, ""), (server, [], 1, "demands a shared secret"),
+                                          (server, ["--secret-file", wrong], 1, "closed by the peer"),
+                                          (open_server, ["--secret-file", right], 1, "has no shared secret")):
+            sent = self.run_talvo("send", path, to.address, *secret)
+            self.assertEqual((status, True), (sent.returncode, cause in sent.stderr), sent.stderr)
+        environment = {**os.environ, "TALVO_SECRET": "correct horse"}
+        self.assertEqual(0, self.run_talvo("send", path, server.address, "--secret", env=environment).returncode)
+        for early in file(1, b"early"), data(b"x"), frame(9, bytes(32)):
+            self.attack(server, HELLO + early)
+        self.assertEqual({"file"}, set(os.listdir(self.out)))
+        # A peer that sends back what it gets proves nothing.
+        with socket.create_server((HOST, 0)) as rogue:
+            sender = self.start("send", path, f"{HOST}:{rogue.getsockname()[1]}", "--secret-file", right)
+            with rogue.accept()[0] as peer:
+                hello = peer.recv(43, socket.MSG_WAITALL)
+                peer.sendall(frame(0x83, b"\1" + hello[-32:]))
+                peer.sendall(frame(0x89, peer.recv(37, socket.MSG_WAITALL)[-32:]))
+                self.assertIn("another shared secret", sender.communicate(timeout=PATIENCE)[1])
+
     def test_an_existing_file_is_refused_and_the_others_go_on(self):
         taken, other, empty = self.make("a\"b", "abc"), self.make("other", "other"), self.make("empty", "")
-        self.make("out/a\"b", "old")
+        self.make("out/a\"b", "older")
         server = self.receive("--json")
         sent = self.run_talvo("send", taken, other, empty, server.address, "--json")
         self.assertEqual((1, True), (sent.returncode, "a file of that name exists" in sent.stdout + sent.stderr))
-        self.assertEqual({"a\"b": b"old", "other": b"other", "empty": b""}, self.received())
+        self.assertEqual({"a\"b": b"older", "other": b"other", "empty": b""}, self.received())
         status, out, _ = server.end(signal.SIGTERM)
         self.assertEqual(128 + signal.SIGTERM, status)
         self.assertEqual([("failed", "a\"b"), ("received", "other"), ("received", "empty")],
@@ -92,7 +165,7 @@ class TransferTest(ProgramTest):
                          [(o["event"], o["sha256"]) for o in self.events(sent.stdout)])
         self.assertEqual((0, b"abc"), (server.end(None)[0], self.received()["a\"b"]))
 
-    def test_killed_sender_leaves_nothing(self):
+    def test_an_interrupted_file_is_continued_unless_it_has_changed(self):
         for once in False, True:
             server = self.receive(*["--once"] * once)
             sender = self.send_endless(server)
@@ -100,14 +173,26 @@ class TransferTest(ProgramTest):
                 self.assertEqual(0, self.run_talvo("send", self.make("next", "next"), server.address).returncode)
             sender.kill()
             if not once:
-                poll("the half file is gone", lambda: os.listdir(self.out) == ["next"])
+                self.assertIn("endless can be continued", server.process.stderr.readline())
                 (self.out / "next").unlink()
             status, _, err = server.end(None if once else signal.SIGINT)
-            self.assertEqual((1 if once else INTERRUPTED, {}), (status, self.received()))
-            self.assertRegex(err, r"^talvo: dropped 127\S+:\d+: the connection (broke: \S|was closed by the peer).*endless.*\n$")
+            if once:
+                self.assertRegex(err, r"^talvo: dropped 127\S+:\d+: the connection (broke: \S|was closed by the peer).*endless.*\n$")
+            (part,) = self.out.iterdir()
+            self.assertRegex(part.name, PART)
+            had = part.stat().st_size
+            with open(self.directory / "endless", "r+b") as large:
+                large.truncate(had + 1000000)
+                large.write(b"changed" if once else b"")
+            server = self.receive("--json", "--once")
+            (sent,) = self.events(self.run_talvo("send", large.name, server.address, "--json").stdout)
+            (received,) = self.events(server.end(None)[1])
+            self.assertEqual((0 if once else had,) * 2, tuple(event["size"] - event["bytes"] for event in (sent, received)))
+            self.assertEqual({"endless": pathlib.Path(large.name).read_bytes()}, self.received())
+            (self.out / "endless").unlink()
 
     def test_ended_receiver_is_reported_and_leaves_no_final_name(self):
-        for with_signal, left in (signal.SIGKILL, r"^\.talvo-[0-9a-f]{16}\.part$"), (signal.SIGINT, "^$"):
+        for with_signal in signal.SIGKILL, signal.SIGINT:
             server = self.receive()
             sender = self.send_endless(server)
             status = server.end(with_signal)[0]
@@ -115,7 +200,7 @@ class TransferTest(ProgramTest):
             err = sender.communicate(timeout=PATIENCE)[1]
             self.assertEqual(1, sender.returncode)
             self.assertRegex(err, r"^talvo: the connection to \S+ (broke: \S.*|was closed by the peer); 0 of 1 files were delivered\n$")
-            self.assertRegex(" ".join(name for name in os.listdir(self.out)), left)
+            self.assertRegex(" ".join(os.listdir(self.out)), PART)
             for path in self.out.iterdir():
                 path.unlink()
 
@@ -144,24 +229,27 @@ class TransferTest(ProgramTest):
     def test_hostile_peers_are_dropped(self):
         server = self.receive()
         wrong = [HELLO + struct.pack(">BI", kind, size) + b"x" for kind, size in (
-            (7, 0), (3, 256 * 1024 + 1), (3, 0), (2, 0xffffffff), (2, 8 + 256), (2, 8), (4, 31), (5, 513), (0x82, 514), (6, 1))]
-        for data, expected in (*((data, "does not speak") for data in (b"GET / HTTP/1.1\r\n\r\n", b"\xff" * 10000, *wrong)),
+            (7, 0), (3, 256 * 1024 + 5), (3, 4), (2, 0xffffffff), (2, 32 + 256), (2, 32), (4, 37), (5, 517), (0x82, 518), (6, 1), (8, 4))]
+        many = b"".join(file(1, b"%d" % number, number) for number in range(1, 82))
+        for sent, expected in (*((sent, "does not speak") for sent in (b"GET / HTTP/1.1\r\n\r\n", b"\xff" * 10000, *wrong)),
                                (file(3, b"early"), "does not begin"), (HELLO + HELLO, "does not begin"),
-                               (frame(1, b"TALVO\2"), "another version"), (HELLO + frame(3, b"x"), "belongs to no file"),
-                               (HELLO + file(1, b"more") + frame(3, b"xx"), "belongs to no file"),
-                               (HELLO + file(2, b"less") + frame(3, b"x") + frame(4, bytes(32)), "too early"),
-                               (HELLO + frame(0x81, b""), "only a receiver")):
-            self.attack(server, data)
-            self.assertIn(expected, server.process.stderr.readline(), data)
+                               (frame(1, b"TALVO\1"), "another version"), (HELLO + data(b"x"), "belongs to no file"),
+                               (HELLO + file(1, b"more") + data(b"xx"), "belongs to no file"),
+                               (HELLO + file(2, b"less") + data(b"x") + end(b""), "too early"),
+                               (HELLO + file(1, b"a") + file(1, b"b"), "bad frame"), (HELLO + many, "too many files"),
+                               (HELLO + frame(8, bytes(36)), "had not begun"), (HELLO + end(b""), "had not begun"),
+                               (HELLO + frame(9, bytes(32)), "nobody demands"), (HELLO + file(1, b"a") + BYE, "within a file"),
+                               (HELLO + frame(0x81, bytes(12)), "only a receiver")):
+            self.attack(server, sent)
+            self.assertIn(expected, server.process.stderr.readline(), sent[:100])
         # Well-formed, but its files are refused one by one.
         names = (b".", b"..", b"/", b"../a", b"/etc/passwd", b"a/", b"a\0b", b"a\nb", b"\x7f", b"a\xc2\x9b", b".talvo-00.part")
-        answers = self.attack(server, HELLO + b"".join(file(8, name) for name in names) + file(1 << 63, b"huge") +
-                              file(1, b"wrong") + frame(3, b"x") + frame(4, bytes(32)) + frame(6, b""))
-        self.assertEqual((len(names) + 2, True), (answers.count(b"\x82\0\0"), b"SHA-256 differs" in answers), answers)
+        answers = self.attack(server, HELLO + b"".join(begin(name, 8) for name in names for begin in (lambda *a: file(8, *a), folder)) +
+                              file(1 << 63, b"huge") + file(1, b"orphan", 1, 7) + file(1, b"wrong") + data(b"x") + end(b"") + BYE)
+        self.assertEqual((2 * len(names) + 3, True), (answers.count(b"\x82\0\0"), b"SHA-256 differs" in answers), answers)
         self.assertEqual({}, self.received())
         names = b"a", b"...", "r\u00e9sum\u00e9 2.pdf".encode(), b"n" * 255, b".talvo-notes"
-        self.attack(server, HELLO + b"".join(file(4, name) + frame(3, b"cont"[:2]) + frame(3, b"cont"[2:]) +
-                                             frame(4, hashlib.sha256(b"cont").digest()) for name in names) + frame(6, b""))
+        self.attack(server, HELLO + b"".join(file(4, name) + data(b"co") + data(b"nt") + end(b"cont") for name in names) + BYE)
         self.assertEqual({name.decode(): b"cont" for name in names}, self.received())
         self.assertEqual(INTERRUPTED, server.end()[0])
 
@@ -177,17 +265,21 @@ class TransferTest(ProgramTest):
         (self.out / "link").symlink_to("a")
         (self.out / "dir").mkdir()
         os.mkfifo(self.out / "fifo")
-        answers = self.attack(server, HELLO + b"".join(file(1, name) for name in (b"link", b"dir", b"fifo")) + frame(6, b""))
-        self.assertEqual(3, answers.count(b"\x82\0\0"), answers)
+        (self.out / "away").symlink_to(self.directory)
+        answers = self.attack(server, HELLO + b"".join(file(1, name) for name in (b"link", b"dir", b"fifo")) +
+                              folder(b"away", 2) + file(1, b"escaped", 3, 2) + folder(b"dir", 4) + file(1, b"in", 5, 4) +
+                              data(b"x", 5) + end(b"x", 5) + frame(4, b"\0\0\0\4") + BYE)
+        self.assertEqual((7, b"x"), (answers.count(b"\x82\0\0"), (self.out / "dir" / "in").read_bytes()), answers)
+        self.assertFalse((self.directory / "escaped").exists())
         server.end()
         # The same looks come again at the end: something may have come up meanwhile.
         for force, make in ([], lambda path: path.write_text("old")), (["--force"], os.mkfifo):
             server = self.receive(*force)
             with socket.create_connection((HOST, server.port), PATIENCE) as peer:
                 peer.sendall(HELLO + file(4, b"late"))
-                self.assertEqual(b"\x81", peer.recv(1))
+                self.assertEqual(b"\x81", peer.recv(5 + 33 + 1, socket.MSG_WAITALL)[-1:])
                 make(self.out / "late")
-                peer.sendall(frame(3, b"cont") + frame(4, hashlib.sha256(b"cont").digest()) + frame(6, b""))
+                peer.sendall(data(b"cont") + end(b"cont") + BYE)
                 poll("it is refused", lambda: b"\x82" in peer.recv(4096))
             server.end()
             self.assertEqual(bool(force), (self.out / "late").is_fifo())
@@ -204,7 +296,7 @@ class TransferTest(ProgramTest):
         def is_answered(peer):
             try:
                 peer.sendall(HELLO + file(1, b".."))
-                return peer.recv(1) == b"\x82"
+                return peer.recv(5 + 33 + 1, socket.MSG_WAITALL)[-1:] == b"\x82"
             except ConnectionError:
                 return False
         with contextlib.ExitStack() as peers:
@@ -287,7 +379,9 @@ class TransferTest(ProgramTest):
                           *([*recv, self.out, "--host", host] for host in ("here", "[h]", "[::1]:1", "unix:/x", "1.2")),
                           ["echo", "--host", "::1"], ["echo", "--host", "h:1"], ["get", "http://h/", "--connect-to", "h"],
                           ["echo", "--udp", "--type", "package", "--host", "unix:/x"], ["send", file], ["send", to],
-                          ["send", self.directory / "no", to], ["send", self.out, to], ["send", file, "127.0.0.1"],
+                          ["send", self.directory / "no", to], ["send", "-", "-", to], ["send", file, "127.0.0.1"],
+                          ["send", "-", to, "--name", "a/b"], ["send", file, to, "--bind", "h"], ["echo", "-q", "-v", "--port", 0],
+                          ["send", file, to, "--secret-file", file], ["get", "http://h/", "--user", "ann:secret"], ["help", "fly"],
                           ["send", file, to, "--fast"], ["send", file, to, "--udp"], ["echo", "--port", -1],
                           ["echo", "--port", 0, "--udp", "--type", "tcp"], ["ping", "a:1", "b:1"], ["ping", "a:1", "--count", 0],
                           ["ping", "a:1", "--size"], ["ping", "a:1", "--interval", "1.5"], ["ping", "a:1", "--type", "fast"],
@@ -296,8 +390,9 @@ class TransferTest(ProgramTest):
             run = self.run_talvo(*arguments)
             self.assert_fails(run, 2)
             self.assertEqual("", run.stdout)
-        self.assertEqual(0, self.run_talvo("--help").returncode)
-        self.assertRegex(self.run_talvo("--version").stdout, r"^talvo \d+\.\d+\.\d+\n$")
+        self.assertEqual(self.run_talvo("--help").stdout, self.run_talvo("help").stdout)
+        self.assertEqual(self.run_talvo("send", "--help").stdout, self.run_talvo("help", "send").stdout)
+        self.assertRegex(self.run_talvo("-V").stdout, r"^talvo \d+\.\d+\.\d+\n$")
 
 
 if __name__ == "__main__":

@@ -1,0 +1,16 @@
+# cmake -DTALVO=program -DOUT=folder -P make_pages.cmake: the manual pages and the completions, which the program prints itself.
+function(print FILE)
+  execute_process(COMMAND ${TALVO} help ${ARGN} OUTPUT_FILE ${OUT}/${FILE} COMMAND_ERROR_IS_FATAL ANY)
+endfunction()
+
+file(REMOVE_RECURSE ${OUT})
+file(MAKE_DIRECTORY ${OUT}/man1 ${OUT}/bash ${OUT}/zsh ${OUT}/fish)
+execute_process(COMMAND ${TALVO} help --format names OUTPUT_VARIABLE names COMMAND_ERROR_IS_FATAL ANY)
+string(REGEX MATCHALL "[^\n]+" names "${names}")
+print(man1/talvo.1 --format man)
+foreach(name ${names})
+  print(man1/talvo-${name}.1 --format man ${name})
+endforeach()
+print(bash/talvo --format bash)
+print(zsh/_talvo --format zsh)
+print(fish/talvo.fish --format fish)
