@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "tools/application.h"
+#include "tools/bench_arguments.h"
 #include "tools/commands.h"
 #include "tools/common_arguments.h"
 #include "tools/connection_type.h"
@@ -30,6 +31,9 @@ constexpr const char* FOOTER = R"(Examples:
   talvo echo --port 7000
   talvo ping 127.0.0.1:7000 --count 1000 --interval 0
   talvo echo --udp --type package --port 7000
+  talvo bench 192.0.2.7:7000 --connections 50 --rate 20000 --seconds 30 --plot latency.svg
+  talvo bench http://127.0.0.1:8080/ --connections 16
+  talvo bench --self --type package --one-way
   talvo get http://192.0.2.7/photos.tar -o photos.tar
   talvo resolve www.example.com
   talvo serve ~/public --port 8080
@@ -73,6 +77,7 @@ void DeclareEcho(CLI::App& aApp, Arguments& a) {
     DeclareListening(aApp, a);
     DeclareTlsServer(aApp, a);
     DeclareUdp(aApp, a);
+    AddFlag(aApp, "--discard", a.m_bDiscard, "Read only, and send nothing back; for talvo bench --one-way");
 }
 
 void DeclarePing(CLI::App& aApp, Arguments& a) {
@@ -250,6 +255,7 @@ constexpr Subcommand SUBCOMMANDS[] = {
     {"echo", "Send all data back, for any number of clients", DeclareEcho, CheckListening, RunEcho},
     {"ping", "Measure round trips to a `talvo echo`", DeclarePing, CheckPing, RunPing},
     {"get", "Fetch files by their URLs", DeclareGet, CheckGet, RunGet},
+    {"bench", "Measure a server under load", DeclareBench, CheckBench, RunBench},
     {"resolve", "Look up the addresses of host names", DeclareResolve, CheckResolve, RunResolve},
     {"serve", "Serve the files of a directory over HTTP or https", DeclareServe, CheckServe, RunServe},
     {"publish", "Forward lines to any number of `talvo subscribe`", DeclarePublish, CheckPublish, RunPublish},

@@ -76,6 +76,15 @@ struct Arguments {
     bool m_bRace = false;                     // ping
     std::vector<CCmInetAddr> m_vecRacers;     // ping with --race: their addresses, of which m_Addr is one
 
+    std::string m_strTarget;        // bench: an endpoint or a URL, or "" with --self
+    std::string m_strRequest;       // bench: of an http URL, from it
+    std::string m_strRate = "max";  // bench: as given
+    std::string m_strPlot;          // bench: a file, or ""
+    bool m_bSelf = false;           // bench
+    bool m_bOneWay = false;         // bench
+    bool m_bDiscard = false;        // echo
+    DWORD m_dwConnections = 1;      // bench
+    DWORD m_dwSeconds = 10;         // bench
 
     DWORD m_dwCount = 10;         // ping
     DWORD m_dwIntervalMs = 1000;  // ping

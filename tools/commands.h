@@ -17,5 +17,6 @@ int RunTls(const Arguments& aArguments);
 int RunFlaky(const Arguments& aArguments);
 int RunPublish(const Arguments& aArguments);
 int RunSubscribe(const Arguments& aArguments);
+int RunBench(const Arguments& aArguments);
 
 }  // namespace tool

@@ -21,6 +21,10 @@ JsonLine& JsonLine::Add(std::string_view aKey, double aValue) { return AddRaw(aK
 
 JsonLine& JsonLine::Add(std::string_view aKey, const std::vector<std::string>& aTexts) { return AddRaw(aKey, ToJson(aTexts)); }
 
+JsonLine& JsonLine::Add(std::string_view aKey, const std::vector<std::pair<double, uint64_t>>& aPairs) {
+    return AddRaw(aKey, ToJson(aPairs));
+}
+
 JsonLine JsonLine::Failed(ECause aCause, std::string_view aReason) {
     return JsonLine("failed").Add("cause", GetCauseName(aCause)).Add("reason", aReason);
 }

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "tools/failure.h"
@@ -21,6 +22,7 @@ public:
     JsonLine& Add(std::string_view aKey, std::string_view aText);
     JsonLine& Add(std::string_view aKey, double aValue);
     JsonLine& Add(std::string_view aKey, const std::vector<std::string>& aTexts);
+    JsonLine& Add(std::string_view aKey, const std::vector<std::pair<double, uint64_t>>& aPairs);  // an array of arrays
     template <class Integer, class = std::enable_if_t<std::is_integral_v<Integer>>>
     JsonLine& Add(std::string_view aKey, Integer aValue) {
         if constexpr (std::is_same_v<Integer, bool>)

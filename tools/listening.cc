@@ -15,8 +15,8 @@ void ComplainOfListening(const CCmInetAddr& aAddr, const CCmFailure& aFailure, C
     aConsole.Problem("cannot listen on " + cm_address_text(aAddr) + DescribeCause(aFailure, aReason));
 }
 
-bool StartListening(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink, Console& aConsole,
-                    CCmRefPtrT<ICmAcceptor>& aAcceptor) {
+CmResult Listen(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink, CCmRefPtrT<ICmAcceptor>& aAcceptor,
+                CCmInetAddr& aListening) {
     CCmConnectionManager* pManager = CCmConnectionManager::Instance();
     CmResult rv = CM_ERROR_NOT_INITIALIZED;
     if (pManager)
@@ -25,9 +25,13 @@ bool StartListening(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink
         rv = UseContext(aAcceptor.Get(), aArguments.m_pContext);
     if (rv == CM_OK)
         rv = aAcceptor->StartListen(aSink, aArguments.m_Addr);
+    return rv == CM_OK ? aAcceptor->GetListenAddr(aListening) : rv;
+}
+
+bool StartListening(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink, Console& aConsole,
+                    CCmRefPtrT<ICmAcceptor>& aAcceptor) {
     CCmInetAddr listening;
-    if (rv == CM_OK)
-        rv = aAcceptor->GetListenAddr(listening);
+    const CmResult rv = Listen(aArguments, aSink, aAcceptor, listening);
     if (rv != CM_OK) {
         CCmFailure failure;
         if (ICmConnectOptions* pOptions = cm_get_connect_options(aAcceptor.Get()))

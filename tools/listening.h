@@ -7,8 +7,11 @@
 
 namespace tool {
 
-// Creates an acceptor of the arguments' type and address that passes connections to aSink, and announces it. false: it cannot
-// listen, which was reported.
+// Creates an acceptor of the arguments' type and address that passes connections to aSink. aListening (out): its address.
+CmResult Listen(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink, CCmRefPtrT<ICmAcceptor>& aAcceptor,
+                CCmInetAddr& aListening);
+
+// The same, and announces it. false: it cannot listen, which was reported.
 bool StartListening(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink, Console& aConsole,
                     CCmRefPtrT<ICmAcceptor>& aAcceptor);
 
