@@ -70,8 +70,11 @@ public:
         return talvo::connect(to, type, options);
     }
 
-    // Runs a task until it ends or the application does. Starts it at once.
-    void spawn(task<> work) { tasks_.spawn(std::move(work)); }
+    // Runs a task until it ends or the application does. Starts it at once. An application that has not started destroys it.
+    void spawn(task<> work) {
+        if (state_ != state::refused)
+            tasks_.spawn(std::move(work));
+    }
 
     // Gets the exceptions of detached tasks: of spawn, and of the coroutines of listeners. Must not throw. Without it each is a
     // line on stderr. The other tasks continue.
@@ -101,8 +104,11 @@ public:
     }
     int run(task<> work) { return run(succeed(std::move(work))); }
 
-    // Ends the loop; a loop that does not run yet ends as soon as it starts. Any thread, while the application lives.
+    // Ends the loop; a loop that does not run yet ends as soon as it starts. Any thread, while the application lives. No effect
+    // if the application has not started: the loop may be another one's.
     void stop(int status = 0) {
+        if (state_ == state::refused)
+            return;
         status_ = status;
         reactor().StopEventLoop();
     }

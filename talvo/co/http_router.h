@@ -120,7 +120,8 @@ private:
     static bool take(const route& each, std::string_view method, const std::vector<std::string>& path, match& found) {
         if (each.method != method && !(each.method == "GET" && method == "HEAD")) {
             found.status = 405;
-            found.allow += (found.allow.empty() ? "" : ", ") + each.method;
+            if ((", " + found.allow + ",").find(", " + each.method + ",") == std::string::npos)
+                found.allow += (found.allow.empty() ? "" : ", ") + each.method;
             return false;
         }
         found.serve = &each.serve;

@@ -29,17 +29,15 @@ public:
     }
 
     CmResult answer(int status, std::string_view content_type, std::string_view body) {
-        answered_ = true;
-        return native_->AnswerText(status, std::string(content_type), std::string(body));
+        return note_answer(native_->AnswerText(status, std::string(content_type), std::string(body)));
     }
     CmResult begin(int status, std::string_view content_type, uint64_t length) {
-        answered_ = true;
         CmResult code = native_->SetStatus(status);
         if (code == CM_OK && !content_type.empty())
             code = native_->SetHeader(CCmHttpAtomList::Content_Type, std::string(content_type));
-        return code == CM_OK ? native_->BeginAnswer(length) : code;
+        return code == CM_OK ? note_answer(native_->BeginAnswer(length)) : code;
     }
-    // The handler has ended.
+    // The handler has ended. An answer that was refused is none.
     void end_handler() {
         if (!answered_)
             answer(fault_, "text/plain", fault_ == 413 ? "too long\n" : fault_ == 400 ? "not understood\n" : "failed\n");
@@ -47,6 +45,10 @@ public:
     void note_fault(int status) { fault_ = status; }
 
 private:
+    CmResult note_answer(CmResult code) {
+        answered_ |= code == CM_OK;
+        return code;
+    }
     void OnReceive(CCmMessageBlock& data, ICmTransport*, CCmTransportParameter*) override { take_data(data); }
     void OnRequestEnd(ICmChannelHttpServer*) override { take_half_end(); }
     void OnSend(ICmTransport*, CCmTransportParameter*) override { take_room(); }

@@ -79,6 +79,10 @@ TEST_F(CoHttpTest, HandlersAnswerAndFaultsHaveTheirStatus) {
         co_await talvo::sleep(1s);
         throw std::runtime_error("handler");
     });
+    routes.post("/{any}", [](http::incoming aCall) -> talvo::task<> {
+        EXPECT_EQ(std::errc::invalid_argument, aCall.respond(1000).error());
+        co_return;
+    });
     Serve(std::move(routes));
     Run([]() -> talvo::task<> {
         const auto hello = (co_await http::get(Url("/hello/you?q=a%20b"))).value();
@@ -91,7 +95,8 @@ TEST_F(CoHttpTest, HandlersAnswerAndFaultsHaveTheirStatus) {
         EXPECT_EQ("a=1;b= ;any", (co_await post("a=1&b=+")).value().body());
         EXPECT_EQ(413, (co_await post("a=1&b=123456789012345")).value().status());
         EXPECT_EQ(400, (co_await post("a=%")).value().status());
-        EXPECT_EQ(404, (co_await http::get(Url("/none"))).value().status());
+        EXPECT_EQ(500, (co_await http::fetch({.url = "http://10.0.0.1/refused", .method = "POST"})).value().status());
+        EXPECT_EQ(404, (co_await http::get(Url("/no/where"))).value().status());
         const auto wrong = (co_await http::get(Url("/form"))).value();
         EXPECT_TRUE(wrong.status() == 405 && wrong.header("Allow") == "POST");
         EXPECT_EQ(500, (co_await http::get(Url("/throw"))).value().status());
