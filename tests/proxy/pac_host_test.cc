@@ -68,7 +68,7 @@ protected:
     // A helper that reads its first frame and answers with bytes of the shell's printf.
     void UseHelper(const CCmString& aAnswer) {
         const auto strPath =
-            m_Dir.Write("helper", "#!/bin/sh\nhead -c 9 <&0 >/dev/null\nprintf '" + aAnswer + "' >&0\nsleep 1000 <&0\n");
+            m_Dir.Write("helper", "#!/bin/sh\nhead -c 9 <&0 >/dev/null\nprintf '" + aAnswer + "' >&0\nexec sleep 1000 <&0\n");
         std::filesystem::permissions(strPath, std::filesystem::perms(0755));
         EXPECT_EQ(0, cm_proxy_set_pac_helper(strPath.c_str()));
     }
