@@ -94,7 +94,7 @@ std::string MakeBash(const OptionTable& aTable) {
            "complete -o default -o filenames -F _talvo talvo\n";
 }
 
-// The text of a help within a specification of _arguments.
+// The text of a help, escaped for an argument of zsh's _arguments.
 std::string EscapeZsh(const std::string& aText) {
     std::string strText;
     for (const char c : aText) {

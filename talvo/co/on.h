@@ -6,7 +6,8 @@
 namespace talvo {
 
 // A thread with a loop of its own, for coroutines and connections that live there. Made and destroyed in one thread, after the
-// application and before it; the destruction ends the thread, and with it all that runs there.
+// application and before it. The destruction stops the loop, so that no task is resumed there, and waits at most 100 ms for the
+// thread. A function that takes longer continues, and the thread ends by itself.
 class thread {
 public:
     thread() { CCmThreadManager::Instance()->CreateUserTaskThread(native_); }
