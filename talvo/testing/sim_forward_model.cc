@@ -67,16 +67,22 @@ BOOL CCmSimForwardModel::IsFull_i(DWORD aLength) const {
     return ullCount > 0 && (ullCount >= m_Limits.m_dwMessages || m_Held.m_ullBytes + aLength > m_Limits.m_dwBytes);
 }
 
-// TRUE: a receiver with WAIT has not been sent the message.
-BOOL CCmSimForwardModel::IsWaitedFor_i(ICmForwardSession& aSession, const CLoss& aLoss) const {
+// TRUE: aJudge holds for a receiver with WAIT, as it is behind the messages that it has been sent by now.
+template <class CJudge>
+BOOL CCmSimForwardModel::AnyWaiting_i(ICmForwardSession& aSession, CJudge aJudge) const {
     return std::any_of(m_Receivers.begin(), m_Receivers.end(), [&](const auto& aEntry) {
         CReceiver receiver = aEntry.second;
         CCmForwardStatistics statistics;
         if (receiver.m_Options.m_Policy != CM_FORWARD_WAIT || aSession.GetStatistics(statistics, aEntry.first) != CM_OK)
             return FALSE;
         PopSent_i(receiver, statistics.m_Sent.m_ullMessages - receiver.m_Sent.m_ullMessages);
-        return Needs_i(receiver, aLoss);
+        return aJudge(receiver);
     });
+}
+
+// TRUE: a receiver with WAIT has not been sent the message.
+BOOL CCmSimForwardModel::IsWaitedFor_i(ICmForwardSession& aSession, const CLoss& aLoss) const {
+    return AnyWaiting_i(aSession, [&](const CReceiver& aReceiver) { return Needs_i(aReceiver, aLoss); });
 }
 
 // FALSE: the Forward is held back here.
@@ -169,14 +175,7 @@ BOOL CCmSimForwardModel::TakeLosses_i(CReceiver& aReceiver, const std::vector<CL
 void CCmSimForwardModel::OnForward(ICmForwardSession& aSession, CmResult aResult, DWORD aLength,
                                    const CCmForwardHeader& aHeader, DWORD aTick) {
     CTry attempt{.m_Result = aResult, .m_dwTick = aTick, .m_bHadKeyMessage = m_ullLastKeyMessage != NONE};
-    const BOOL bAtLimit = std::any_of(m_Receivers.begin(), m_Receivers.end(), [&](const auto& aEntry) {
-        CReceiver receiver = aEntry.second;
-        CCmForwardStatistics statistics;
-        if (receiver.m_Options.m_Policy != CM_FORWARD_WAIT || aSession.GetStatistics(statistics, aEntry.first) != CM_OK)
-            return FALSE;
-        PopSent_i(receiver, statistics.m_Sent.m_ullMessages - receiver.m_Sent.m_ullMessages);
-        return IsAtLimit(receiver, aTick);
-    });
+    const BOOL bAtLimit = AnyWaiting_i(aSession, [&](const CReceiver& aReceiver) { return IsAtLimit(aReceiver, aTick); });
     if (aResult == CM_OK || !bAtLimit) {
         if (MakeRoom_i(aSession, aLength, attempt) != (aResult == CM_OK))
             Fail_i(0, "Forward is held back without a reason");

@@ -92,6 +92,8 @@ private:
     };
 
     CmBool IsFull_i(CmDword aLength) const;
+    template <class CJudge>
+    CmBool AnyWaiting_i(ICmForwardSession& aSession, CJudge aJudge) const;
     CmBool IsWaitedFor_i(ICmForwardSession& aSession, const CLoss& aLoss) const;
     CmBool MakeRoom_i(ICmForwardSession& aSession, CmDword aLength, CTry& aTry);
     void BoundKept_i(std::vector<CLoss>& aLosses);
