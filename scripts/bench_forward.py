@@ -46,13 +46,14 @@ USERS_PROGRAMS = {"1 receiver": 0, "1,000 receivers": 1}
 
 def suites(make, measure):
     return {
-        name: make(RATE_PROGRAMS, measure, [label(number, size) for number in NUMBERS], "epoll", BEST_OF)
+        name: make(RATE_PROGRAMS, measure, [label(number, size) for number in NUMBERS], "epoll", BEST_OF,
+                   tuple(TALVO))
         for name, size in SUITES.items()
     } | {
-        "forward-latency": make(RATE_PROGRAMS, measure, list(LATENCIES), "epoll", BEST_OF),
-        "forward-stopped": make(STOPPED_PROGRAMS, measure, list(STOPPED), "all read"),
-        "forward-memory": make(MEMORY_PROGRAMS, measure, list(MEMORY), rounds=1),
-        "forward-user": make(USERS_PROGRAMS, measure, list(USERS), "1 receiver"),
+        "forward-latency": make(RATE_PROGRAMS, measure, list(LATENCIES), "epoll", BEST_OF, tuple(TALVO)),
+        "forward-stopped": make(STOPPED_PROGRAMS, measure, list(STOPPED), "all read", own=tuple(STOPPED_PROGRAMS)),
+        "forward-memory": make(MEMORY_PROGRAMS, measure, list(MEMORY), own=("length",), rounds=1),
+        "forward-user": make(USERS_PROGRAMS, measure, list(USERS), "1 receiver", own=tuple(USERS_PROGRAMS)),
     }
 
 

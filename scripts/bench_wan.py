@@ -10,16 +10,25 @@ import subprocess
 import tempfile
 import time
 
+from bench_tls import certificate
+
 PORT = "7000"
 SERVER = "10.0.0.2"
+RELAY_PORT = "7001"  # at the sender
 MOST_SECONDS = 200  # of any one run: 32 MiB over 200 ms with socket buffers of 64 KiB
-MBIT = 400
-LOADS = {  # round trip in ms, queue in KiB, loss in per cent, MiB to send
-    "1 ms": (1, 512, 0, 24),
-    "40 ms": (40, 2048, 0, 32),
-    "200 ms": (200, 4096, 0, 32),
-    "40 ms, 0.1 % lost": (40, 2048, 0.1, 24),
+LOADS = {  # round trip in ms, Mbit a second, queue in KiB, loss in per cent, MiB to send
+    "1 ms": (1, 400, 512, 0, 24),
+    "40 ms": (40, 400, 2048, 0, 32),
+    "200 ms": (200, 400, 4096, 0, 32),
+    "40 ms, 0.1 % lost": (40, 400, 2048, 0.1, 24),
+    "40 ms, 100 Mbit/s": (40, 100, 1024, 0, 12),
+    "40 ms, unlimited": (40, 100000, 65536, 0, 64),
 }
+SHORT = ["40 ms, 100 Mbit/s", "40 ms, unlimited"]
+STREAMS = ("raw", "length", "package", "nopartial", "reliable", "tls", "proxied")
+PROGRAMS = {"plain": ["plain"], "plain2": ["plain"]} | {kind: ["stream", kind] for kind in STREAMS}
+PROGRAMS |= {"http": ["http"], "send, recv": ["send"], "serve, get": ["get"]}
+OWN = tuple(name for name in PROGRAMS if not name.startswith("plain"))
 
 
 def cannot_run():
@@ -36,9 +45,8 @@ def cannot_run():
 class Link:
     """All programs on it end with it, and it ends with this process: no namespace or device remains."""
 
-    def __init__(self, program, rtt_ms, queue_kib, loss):
-        self.process = subprocess.Popen([program, str(rtt_ms), str(MBIT), str(queue_kib), str(loss)], text=True,
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    def __init__(self, program, *settings):
+        self.process = subprocess.Popen([program, *map(str, settings)], text=True, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         words = self.process.stdout.readline().split()
         if not words or words[0] != "ready":
             raise RuntimeError("the link is not ready in time")
@@ -80,13 +88,24 @@ def commands(program, directory, size):
     if name == "plain":
         return ["bench_wan_plain", "recv", PORT, size], ["bench_wan_plain", "send", SERVER, PORT, size]
     if name == "stream":
-        return ["bench_wan_talvo", "recv", PORT, size, *kind], ["bench_wan_talvo", "send", SERVER, PORT, size, *kind]
+        listening = ["bench_wan_talvo", "recv", PORT, size, *kind]
+        connecting = ["bench_wan_talvo", "send", SERVER, PORT, size, *kind]
+        return (listening + (certificate("P-256") if kind == ["tls"] else []),
+                connecting + ([f"http://127.0.0.1:{RELAY_PORT}"] if kind == ["proxied"] else []))
     if name == "http":
         return ["bench_wan_talvo", "serve", PORT, size], ["bench_wan_talvo", "get", SERVER, PORT, size]
     listening = ["--host", "0.0.0.0", "--port", PORT]
     if name == "send":
         return ["talvo", "recv", "--out", f"{directory}/to", *listening], ["talvo", "send", f"{directory}/file", f"{SERVER}:{PORT}"]
     return ["talvo", "serve", directory, *listening], ["talvo", "get", f"http://{SERVER}:{PORT}/file", "-o", f"{directory}/to/file"]
+
+
+@contextlib.contextmanager
+def relay(link, command):
+    """An HTTP proxy at the sender, which has one client."""
+    with killed(link.start(0, command, stdout=subprocess.PIPE)) as process:
+        await_line(process)
+        yield
 
 
 def run_pair(link, server_command, client_command, stop_server):
@@ -108,13 +127,17 @@ def run_pair(link, server_command, client_command, stop_server):
 
 def transfer(program_path, program, row):
     """Returns bytes a second between the first and the last full packet on the link, and their share of its capacity."""
-    rtt_ms, queue_kib, loss, mib = LOADS[row]
+    *settings, mib = LOADS[row]
+    rtt_ms, mbit = settings[:2]
     moves_file = program[0] in ("send", "get")
     with tempfile.TemporaryDirectory(prefix="talvo-bench-") as directory:
         pathlib.Path(directory, "to").mkdir()
         pathlib.Path(directory, "file").write_bytes(os.urandom(1 << 20) * mib if moves_file else b"")
         both = commands(program, directory, str(mib << 20))
-        with Link(program_path("bench_wan_link"), rtt_ms, queue_kib, loss) as link:
+        with contextlib.ExitStack() as stack:
+            link = stack.enter_context(Link(program_path("bench_wan_link"), *settings))
+            if program[-1] == "proxied":
+                stack.enter_context(relay(link, [program_path("bench_wan_plain"), "relay", RELAY_PORT]))
             printed, seconds = run_pair(link, *([program_path(name), *rest] for name, *rest in both), moves_file)
             seen = link.finish()
         if moves_file and not filecmp.cmp(f"{directory}/file", f"{directory}/to/file", shallow=False):
@@ -122,5 +145,5 @@ def transfer(program_path, program, row):
     if program[0] == "plain" and json.loads(printed)["connect_ms"] < rtt_ms:
         raise RuntimeError("the link is faster than it should be")
     rate = (mib << 20) * 1e9 / seen["full_ns"]
-    return {"rate": rate, "time": seconds, "link": rate * 8 / (MBIT * 1e6), "dropped": seen["dropped"],
+    return {"rate": rate, "time": seconds, "link": rate * 8 / (mbit * 1e6), "dropped": seen["dropped"],
             "link_cpu": seen["cpu_ns"] / seen["full_ns"]}

@@ -3,23 +3,19 @@
 
 #include <uv.h>
 
-#include <functional>
-#include <mutex>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "benchmarks/support/system.h"
+#include "benchmarks/support/task_queue.h"
 
 namespace bench {
 
 class CUvLoop {
 public:
-    using Task = std::function<void()>;
-
     explicit CUvLoop(int aCore) {
         uv_loop_init(&m_Loop);
-        uv_async_init(&m_Loop, &m_Async, [](uv_async_t* aAsync) { static_cast<CUvLoop*>(aAsync->data)->RunTasks(); });
+        uv_async_init(&m_Loop, &m_Async, [](uv_async_t* aAsync) { static_cast<CUvLoop*>(aAsync->data)->m_Tasks.Run(); });
         m_Async.data = this;
         m_Thread = std::thread([this, aCore] {
             PinThisThread(aCore);
@@ -37,34 +33,16 @@ public:
     // Any thread. Wakes the loop only if the queue was empty.
     template <class Function>
     void Post(Function&& aFunction) {
-        bool bWasEmpty;
-        {
-            const std::lock_guard guard(m_Mutex);
-            bWasEmpty = m_Tasks.empty();
-            m_Tasks.emplace_back(std::forward<Function>(aFunction));
-        }
-        if (bWasEmpty)
+        if (m_Tasks.Push(std::forward<Function>(aFunction)))
             uv_async_send(&m_Async);
     }
 
     uv_loop_t* Get() { return &m_Loop; }
 
 private:
-    void RunTasks() {
-        {
-            const std::lock_guard guard(m_Mutex);
-            m_Running.swap(m_Tasks);
-        }
-        for (Task& task : m_Running)
-            task();
-        m_Running.clear();
-    }
-
     uv_loop_t m_Loop;
     uv_async_t m_Async;
-    std::mutex m_Mutex;
-    std::vector<Task> m_Tasks;    // under the mutex
-    std::vector<Task> m_Running;  // the loop's; keeps its memory from turn to turn
+    CTaskQueue m_Tasks;
     std::thread m_Thread;
 };
 

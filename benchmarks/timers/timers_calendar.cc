@@ -46,4 +46,4 @@ private:
 
 }  // namespace
 
-int main() { return bench::RunTimers<CTimers>(); }
+int main(int argc, char** argv) { return bench::RunTimers<CTimers>(argc, argv); }

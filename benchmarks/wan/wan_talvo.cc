@@ -7,7 +7,8 @@
 //   bench_wan_talvo serve PORT BYTES                answers one request
 //   bench_wan_talvo get ADDRESS PORT BYTES          sends a request, checks every byte
 //
-// TYPE: raw, length, package, or nopartial.
+// TYPE: raw, length, package, nopartial or reliable; tls, of "recv" with CHAIN.pem and KEY.pem behind it; proxied, of "send"
+// with the URI of an HTTP or SOCKS proxy behind it, of "recv" without.
 #include <algorithm>
 #include <optional>
 #include <string>
@@ -15,6 +16,7 @@
 #include "benchmarks/support/system.h"
 #include "benchmarks/support/talvo_messages.h"
 #include "benchmarks/support/talvo_process.h"
+#include "benchmarks/support/talvo_server.h"
 #include "benchmarks/wan/pattern.h"
 
 namespace {
@@ -67,20 +69,53 @@ private:
     std::optional<CCmMessageBlock> m_Refused;  // created and not taken yet
 };
 
+// The arguments from TYPE on.
+struct CKind {
+    CKind(int aCount, char** aWords) {
+        const std::string strName = aCount > 0 ? aWords[0] : "";
+        m_dwType = strName == "tls" ? CM_TRANSPORT_TYPE_TLS : bench::ConnectionType(strName == "proxied" ? "raw" : strName);
+        if (strName == "tls" && aCount == 3)
+            m_pContext = bench::MakeServerContext(aWords[1], aWords[2]);
+        else if (strName == "proxied" && aCount == 2)
+            Expect(CCmProxyRoute::FromUris(aWords[1], m_Route.emplace()));
+        else if (aCount != 1)
+            m_dwType = 0;
+    }
+
+    DWORD m_dwType;  // 0: the arguments are wrong
+    CCmRefPtrT<CCmSslContext> m_pContext;
+    std::optional<CCmProxyRoute> m_Route;
+};
+
+CCmRefPtrT<CCmSslContext> MakeClientContext() {
+    CCmRefPtrT<CCmSslContext> pContext(new CCmSslContext);
+    Expect(pContext->SetVerify(CM_TLS_VERIFY_NONE));
+    return pContext;
+}
+
 // An end of a connection. All sinks here belong to the main thread.
 class CEnd : public ICmAcceptorConnectorSink, public ICmTransportSink {
 public:
-    CEnd(DWORD aType, uint64_t aBytes) : m_dwType(aType), m_Stream(aBytes) {}
+    CEnd(CKind aKind, uint64_t aBytes) : m_Kind(std::move(aKind)), m_Stream(aBytes) {}
 
     void Listen(const CCmInetAddr& aAddr) {
-        Expect(CCmConnectionManager::Instance()->CreateConnectionServer(m_dwType, m_pAcceptor.ParaOut()));
+        Expect(CCmConnectionManager::Instance()->CreateConnectionServer(m_Kind.m_dwType, m_pAcceptor.ParaOut()));
+        if (m_Kind.m_pContext)
+            Expect(cm_get_connect_options(m_pAcceptor.Get())->SetOption(CM_OPT_CONNECT_SSL_CONTEXT, &m_Kind.m_pContext));
         Expect(m_pAcceptor->StartListen(this, aAddr));
         bench::PrintReady();
     }
 
     void Connect(const CCmInetAddr& aAddr) {
         m_bSends = true;
-        Expect(CCmConnectionManager::Instance()->CreateConnectionClient(m_dwType, m_pConnector.ParaOut()));
+        Expect(CCmConnectionManager::Instance()->CreateConnectionClient(m_Kind.m_dwType, m_pConnector.ParaOut()));
+        ICmConnectOptions* pOptions = cm_get_connect_options(m_pConnector.Get());
+        if (m_Kind.m_dwType == CM_TRANSPORT_TYPE_TLS) {
+            auto pContext = MakeClientContext();
+            Expect(pOptions->SetOption(CM_OPT_CONNECT_SSL_CONTEXT, &pContext));
+        }
+        if (m_Kind.m_Route)
+            Expect(pOptions->SetOption(CM_OPT_CONNECT_ROUTE, &*m_Kind.m_Route));
         m_pConnector->AsycConnect(this, aAddr);
     }
 
@@ -113,7 +148,7 @@ public:
     }
 
 private:
-    const DWORD m_dwType;
+    CKind m_Kind;
     CPatternStream m_Stream;
     bool m_bSends = false;
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;
@@ -187,14 +222,15 @@ uint64_t BytesOf(const char* aText) { return std::strtoull(aText, nullptr, 10); 
 
 int main(int argc, char** argv) {
     const std::string strRole = argc > 1 ? argv[1] : "";
-    const DWORD dwType = argc > 1 ? bench::ConnectionType(argv[argc - 1]) : 0;
     bench::CTalvoProcess process(argc, argv);
     if (!CCmConnectionManager::Instance())
         return 1;
-    if (strRole == "recv" && argc == 5 && dwType != 0)
-        Run(CEnd(dwType, BytesOf(argv[3])), [&](CEnd& aEnd) { aEnd.Listen(AddrOf("0.0.0.0", argv[2])); });
-    else if (strRole == "send" && argc == 6 && dwType != 0)
-        Run(CEnd(dwType, BytesOf(argv[4])), [&](CEnd& aEnd) { aEnd.Connect(AddrOf(argv[2], argv[3])); });
+    const int nBeforeType = strRole == "recv" ? 4 : 5;
+    const CKind kind(argc - nBeforeType, argv + nBeforeType);
+    if (strRole == "recv" && kind.m_dwType != 0)
+        Run(CEnd(kind, BytesOf(argv[3])), [&](CEnd& aEnd) { aEnd.Listen(AddrOf("0.0.0.0", argv[2])); });
+    else if (strRole == "send" && kind.m_dwType != 0)
+        Run(CEnd(kind, BytesOf(argv[4])), [&](CEnd& aEnd) { aEnd.Connect(AddrOf(argv[2], argv[3])); });
     else if (strRole == "serve" && argc == 4)
         Run(CServer(BytesOf(argv[3])), [&](CServer& aServer) { aServer.Listen(AddrOf("0.0.0.0", argv[2])); });
     else if (strRole == "get" && argc == 5)

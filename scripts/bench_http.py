@@ -1,0 +1,86 @@
+"""The suites of HTTP: servers under wrk, and parsers."""
+import contextlib
+import pathlib
+import re
+import tempfile
+
+from bench_run import Fault, LoadTime, free_port, output, program_path, require, running
+
+BROWSER_HEADERS = {
+    "Accept": "text/html,application/xhtml+xml,application/xml;q=0.9,image/avif,image/webp,*/*;q=0.8",
+    "Accept-Encoding": "gzip, deflate, br",
+    "Accept-Language": "en-US,en;q=0.5",
+    "Cache-Control": "max-age=0",
+    "Cookie": "session=0123456789abcdef0123456789abcdef; theme=dark; lang=en",
+    "Referer": "http://www.example.com/index.html",
+    "Sec-Fetch-Dest": "document",
+    "Sec-Fetch-Mode": "navigate",
+    "Sec-Fetch-Site": "same-origin",
+    "Upgrade-Insecure-Requests": "1",
+    "User-Agent": "Mozilla/5.0 (X11; Linux x86_64; rv:109.0) Gecko/20100101 Firefox/115.0",
+}
+LOADS = {
+    "1 connection": ["--connections", "1"],
+    "50 connections": ["--connections", "50"],
+    "500 connections": ["--connections", "500"],
+    "50, a browser's headers": ["--connections", "50"] + [f"-H{name}: {value}" for name, value in BROWSER_HEADERS.items()],
+}
+NGINX = "/usr/sbin/nginx"
+NGINX_CONFIG = """
+daemon off;
+master_process off;
+pid nginx.pid;
+error_log stderr crit;
+events {{ worker_connections 4096; }}
+http {{
+    access_log off;
+    keepalive_requests 1000000000;
+    client_body_temp_path body; proxy_temp_path proxy; fastcgi_temp_path fastcgi; uwsgi_temp_path uwsgi; scgi_temp_path scgi;
+    server {{
+        listen 127.0.0.1:{port}{tls};
+        location / {{ default_type text/plain; return 200 "Hello, World!"; }}
+    }}
+}}
+"""
+NGINX_TLS = " ssl; ssl_certificate {}; ssl_certificate_key {}; ssl_protocols TLSv1.2 TLSv1.3"
+WRK = "/usr/bin/wrk"
+SERVERS = {"talvo": "talvo_bench_http", "nginx": "nginx", "nginx2": "nginx"}
+PEERS = ("nginx",)
+PARSERS = {
+    "talvo": "talvo_bench_http_parse",
+    "http_parser": "bench_http_parse_http_parser",
+    "beast": "bench_http_parse_beast",
+}
+
+
+def run_wrk(url, load):
+    """Returns requests a second, and the times that half of the answers, or 99 of 100, did not exceed, in microseconds."""
+    text = output([WRK, "--threads", "1", "--duration", f"{LoadTime.of_wrk}s", "--latency", *load, url], 1)
+    if "Socket errors" in text or "Non-2xx" in text:
+        raise Fault(f"wrk reported errors: {text}")
+    units = {"us": 1, "ms": 1e3, "s": 1e6}
+    time_of = {percent: float(value) * units[unit] for percent, value, unit in re.findall(r"(\d+)%\s+([\d.]+)([mu]?s)", text)}
+    return {"rate": float(re.search(r"Requests/sec:\s+([\d.]+)", text).group(1)), "p50": time_of["50"], "p99": time_of["99"]}
+
+
+@contextlib.contextmanager
+def running_nginx(port, tls=""):
+    require(NGINX)
+    with tempfile.TemporaryDirectory(prefix="talvo-bench-") as directory:
+        config = pathlib.Path(directory) / "nginx.conf"
+        config.write_text(NGINX_CONFIG.format(port=port, tls=tls), encoding="ascii")
+        with running([NGINX, "-p", directory, "-c", str(config)], port) as server:
+            yield server
+
+
+def running_server(program, port, certificate=()):
+    """A server of HTTP, or of HTTPS with the files of a chain and its key."""
+    if program == "nginx":
+        return running_nginx(port, NGINX_TLS.format(*certificate) if certificate else "")
+    return running([program_path(program), port, *certificate])
+
+
+def measure(program, row):
+    port = free_port()
+    with running_server(program, port):
+        return {row: run_wrk(f"http://127.0.0.1:{port}/", LOADS[row])}
