@@ -24,12 +24,14 @@ class Helper:
     def __init__(self, zone="UTC0", when=(2026, 7, 3, 12, 30, 15)):
         self.socket, theirs = socket.socketpair()
         self.socket.settimeout(PATIENCE)
+        self.frames = self.socket.makefile("rb")
         self.process = subprocess.Popen([HELPER], stdin=theirs, env={})
         theirs.close()
         self.zone, self.now = zone, calendar.timegm((*when, 0, 0, 0))
         self.asked, self.alerts = [], []
 
     def close(self):
+        self.frames.close()
         self.socket.close()
         return self.process.wait(PATIENCE)
 
@@ -37,8 +39,8 @@ class Helper:
         self.socket.sendall(struct.pack(">I", len(payload) + 1) + letter + payload)
 
     def receive(self):
-        length, = struct.unpack(">I", self.socket.recv(4, socket.MSG_WAITALL))
-        frame = self.socket.recv(length, socket.MSG_WAITALL)
+        length, = struct.unpack(">I", self.frames.read(4))
+        frame = self.frames.read(length)
         return frame[:1], frame[1:]
 
     def end(self):

@@ -30,6 +30,14 @@ def poll(what, condition):
     raise AssertionError("still not so: " + what)
 
 
+def receive_exactly(peer, count):
+    """So many bytes, or fewer at the end. MSG_WAITALL does not wait on a socket with a time-out, which is non-blocking."""
+    data = b""
+    while len(data) < count and (piece := peer.recv(count - len(data))):
+        data += piece
+    return data
+
+
 class Server:
     """A process of the program that listens; it says first where, as text or as JSON."""
 

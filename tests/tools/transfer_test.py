@@ -13,7 +13,7 @@ import struct
 import subprocess
 import unittest
 
-from program import ANY_PORT, HOST, PATIENCE, SANITIZED, TALVO, ProgramTest, Server, poll
+from program import ANY_PORT, HOST, PATIENCE, SANITIZED, TALVO, ProgramTest, Server, poll, receive_exactly
 
 INTERRUPTED = 128 + signal.SIGINT
 
@@ -142,9 +142,9 @@ class TransferTest(ProgramTest):
         with socket.create_server((HOST, 0)) as rogue:
             sender = self.start("send", path, f"{HOST}:{rogue.getsockname()[1]}", "--secret-file", right)
             with rogue.accept()[0] as peer:
-                hello = peer.recv(43, socket.MSG_WAITALL)
+                hello = receive_exactly(peer, 43)
                 peer.sendall(frame(0x83, b"\1" + hello[-32:]))
-                peer.sendall(frame(0x89, peer.recv(37, socket.MSG_WAITALL)[-32:]))
+                peer.sendall(frame(0x89, receive_exactly(peer, 37)[-32:]))
                 self.assertIn("another shared secret", sender.communicate(timeout=PATIENCE)[1])
 
     def test_an_existing_file_is_refused_and_the_others_go_on(self):
@@ -277,7 +277,7 @@ class TransferTest(ProgramTest):
             server = self.receive(*force)
             with socket.create_connection((HOST, server.port), PATIENCE) as peer:
                 peer.sendall(HELLO + file(4, b"late"))
-                self.assertEqual(b"\x81", peer.recv(5 + 33 + 1, socket.MSG_WAITALL)[-1:])
+                self.assertEqual(b"\x81", receive_exactly(peer, 5 + 33 + 1)[-1:])
                 make(self.out / "late")
                 peer.sendall(data(b"cont") + end(b"cont") + BYE)
                 poll("it is refused", lambda: b"\x82" in peer.recv(4096))
@@ -296,7 +296,7 @@ class TransferTest(ProgramTest):
         def is_answered(peer):
             try:
                 peer.sendall(HELLO + file(1, b".."))
-                return peer.recv(5 + 33 + 1, socket.MSG_WAITALL)[-1:] == b"\x82"
+                return receive_exactly(peer, 5 + 33 + 1)[-1:] == b"\x82"
             except ConnectionError:
                 return False
         with contextlib.ExitStack() as peers:
