@@ -1,6 +1,13 @@
 # Builds with CMAKE_UNITY_BUILD compile several files as one unit: in half the time, since most of it goes into headers.
 set(TALVO_MOST_IN_UNIT 6)
 
+# A release build compiles each file of the library alone, so that none relies on a neighbour, and the rest in units.
+macro(talvo_units_in_release)
+  if(CMAKE_BUILD_TYPE STREQUAL Release)
+    set(CMAKE_UNITY_BUILD ON)
+  endif()
+endmacro()
+
 # Sets OUT to the names that SOURCE declares outside of classes: of each line that begins in the first column, the name in front
 # of the first bracket, semicolon, colon or "=". A name too much costs a place in a unit, and nothing else.
 function(talvo_local_names OUT SOURCE)

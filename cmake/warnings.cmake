@@ -1,7 +1,10 @@
 # One place for the warnings, the sanitizers and their flags; every target of the project links it privately.
 add_library(talvo_warnings INTERFACE)
-target_compile_options(talvo_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
-                                                -Wcast-qual)
+# Where several files are one unit, two of the warnings concern the names of a neighbour.
+set(in_units $<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>)
+set(is_gnu $<CXX_COMPILER_ID:GNU>)
+target_compile_options(talvo_warnings INTERFACE -Wall -Wextra -Wpedantic -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual
+  $<$<NOT:${in_units}>:-Wshadow> $<$<AND:${in_units},${is_gnu}>:-Wshadow=local$<SEMICOLON>-Wno-subobject-linkage>)
 if(TALVO_WARNINGS_AS_ERRORS)
   target_compile_options(talvo_warnings INTERFACE -Werror)
 endif()
@@ -11,10 +14,6 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
 endif()
 if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
   target_compile_options(talvo_warnings INTERFACE -Wthread-safety)
-endif()
-if(CMAKE_UNITY_BUILD)
-  # Of names in a neighbour's file. The release build looks for both.
-  target_compile_options(talvo_warnings INTERFACE -Wno-shadow $<$<CXX_COMPILER_ID:GNU>:-Wno-subobject-linkage>)
 endif()
 if(TALVO_SANITIZE)
   add_compile_options(-fsanitize=${TALVO_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
