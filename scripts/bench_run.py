@@ -60,7 +60,7 @@ def output(command, core=None, most_seconds=MOST_SECONDS):
     except subprocess.TimeoutExpired as error:
         raise Fault(f"{' '.join(command)} takes more than {most_seconds} s") from error
     if done.returncode != 0:
-        raise Fault(f"{' '.join(command)} ended with {done.returncode}: {done.stdout.strip()}")
+        raise Fault(f"{' '.join(command)} ended with {done.returncode}: {done.stdout.strip()[-200:]}")
     return done.stdout
 
 
