@@ -61,6 +61,8 @@ TEST_F(HttpServerTest, AnswersInWhateverPieces) {
     const auto refuse = [&](const std::string& aStatus, const std::vector<std::string>& aParts, const auto& aMake) {
         for (const std::string& strPart : aParts)
             check(Get("/1") + aMake(strPart) + Get("/3"), "200:/1 " + aStatus.substr(0, 3) + ":" + aStatus + "\n end");
+        EXPECT_EQ(aStatus.substr(0, 4), m_Refusals.back().substr(0, 4));
+        EXPECT_TRUE(m_Refusals.back().ends_with(" " + std::to_string(aStatus.size() + 1)));
     };
     const auto get = [](const std::string& a) { return Get(a); };
     const auto whole = [](const std::string& a) { return a; };

@@ -60,16 +60,20 @@ private:
 };
 
 // The main thread is network thread and application. A POST is answered with its body, anything else with its URI, at once.
-class HttpServerTest : public testing::Test, public ICmChannelServerAcceptorSink {
+class HttpServerTest : public testing::Test, public ICmChannelServerAcceptorSink, public ICmHttpRefusalSink {
 protected:
     void SetUp() override {
         m_pAcceptor = new CCmChannelHttpServerAcceptor(0);
+        Set<ICmHttpRefusalSink*>(CM_OPT_CHANNEL_SERVER_REFUSAL_SINK, this);
         ASSERT_EQ(CM_OK, m_pAcceptor->StartListen(this, Loopback()));
     }
     void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor*) override { m_Request(*aChannel); }
     void OnRequestLost(CmResult, ICmChannelHttpServer*, ICmChannelServerAcceptor*) override { m_strLog += "lost "; }
     void OnClientEnd(ICmChannelHttpServer*, ICmChannelServerAcceptor*) override { m_strLog += "client-end "; }
     void OnStopped(ICmChannelServerAcceptor*) override { m_strLog += "stopped "; }
+    void OnRefused(int aStatus, const CCmHttpRequestHead& aRequest, const CCmInetAddr&, DWORD aBytes) override {
+        m_Refusals.push_back(std::to_string(aStatus) + " " + aRequest.GetRequestURI() + " " + std::to_string(aBytes));
+    }
 
     void AnswerWithURI(ICmChannelHttpServer& aChannel) {
         if (aChannel.GetRequest().GetMethod() == CCmHttpAtomList::Post)
@@ -127,4 +131,5 @@ protected:
     std::function<void(ICmChannelHttpServer&)> m_Request = [this](ICmChannelHttpServer& a) { AnswerWithURI(a); };
     std::vector<std::unique_ptr<CTestRequest>> m_Requests;
     std::string m_strLog;
+    std::vector<std::string> m_Refusals;
 };

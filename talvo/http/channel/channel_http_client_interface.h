@@ -31,6 +31,7 @@ public:
     //    Transfer-Encoding  "chunked": the body is sent in chunks; without SetRequestBody it comes with SendData
     //    Expect             "100-continue": the body waits for the server's 100, see CM_OPT_CHANNEL_CONTINUE_TIMEOUT
     //    Authorization, Cookie, Proxy-Authorization    are never sent to another scheme, host or port by a redirect
+    //    User-Agent         replaces the library's; an empty value removes it
     //    Proxy-Authorization    is sent to the first proxy of the route, if that gets requests in absolute form
     // CM_ERROR_INVALID_ARG: a name that is not a token, a value with CR, LF or NUL, a Content-Length that is not a number,
     // another Transfer-Encoding.

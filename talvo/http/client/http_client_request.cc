@@ -82,6 +82,8 @@ CmResult CHttpClientRequest::SetHeader(const CCmHttpAtom& aAtom, const CCmString
         return CM_ERROR_INVALID_ARG;
     if (aAtom == Atoms::Transfer_Encoding && !value.empty() && (aMerge || !equal_no_case(value, "chunked")))
         return CM_ERROR_INVALID_ARG;
+    if (aAtom == Atoms::User_Agent && !aMerge)
+        m_bOwnAgent = !value.empty();
     const CCmHttpAtom atom = m_Head.ResolveName(pName);
     return atom && m_Head.SetHeader(atom, aValue, aMerge) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
@@ -167,7 +169,7 @@ CCmString CHttpClientRequest::MakeHead(const CCmHttpUrl& aUrl, const CHttpHeadPa
     head.SetRequestURI(aParts.m_strTarget);
     head.SetVerion(CM_HTTP_VERSION_11);
     set(Atoms::Host, MakeHostField(aUrl));
-    set(Atoms::User_Agent, USER_AGENT);
+    set(Atoms::User_Agent, m_bOwnAgent ? USER_AGENT : "");
     for (size_t i = 0; i < m_Head.GetCount(); ++i)
         set(m_Head.GetName(i), m_Head.GetValue(i));
     if (!aParts.m_Authorization.IsEmpty())

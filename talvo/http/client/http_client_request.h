@@ -69,6 +69,7 @@ private:
     CCmHttpRequestHead m_Head;  // without the headers that MakeHead adds
     CCmChainPtr m_pBody;
     CmBool m_bBodySet = CM_FALSE;
+    CmBool m_bOwnAgent = CM_TRUE;  // the library's User-Agent is sent, unless the application has set another
     EBody m_Body = NO_BODY;
     uint64_t m_ullLength = 0;
 };

@@ -131,6 +131,7 @@ void CCmChannelHttpServerAcceptor::OnReferenceDestory() {
 void CCmChannelHttpServerAcceptor::DropAll_i() {
     m_bStopping = FALSE;
     m_pSink = nullptr;
+    m_pRefusalSink = nullptr;
     m_LookTimer.Cancel();
     m_StoppedTimer.Cancel();
     m_pAcceptor.Reset();
@@ -186,6 +187,12 @@ void CCmChannelHttpServerAcceptor::OnRequestLost(CmResult aReason, ICmChannelHtt
 void CCmChannelHttpServerAcceptor::OnClientEnd(ICmChannelHttpServer& aChannel) {
     if (m_pSink)
         m_pSink->OnClientEnd(&aChannel, this);
+}
+
+void CCmChannelHttpServerAcceptor::OnRefused(int aStatus, const CCmHttpRequestHead& aRequest, const CCmInetAddr& aPeer,
+                                             DWORD aBytes) {
+    if (m_pRefusalSink)
+        m_pRefusalSink->OnRefused(aStatus, aRequest, aPeer, aBytes);
 }
 
 void CCmChannelHttpServerAcceptor::OnTimer(CCmTimerWrapperID* aId) {
@@ -259,6 +266,10 @@ DWORD* CCmChannelHttpServerAcceptor::GetNumber_i(DWORD aCommand) {
 CmResult CCmChannelHttpServerAcceptor::SetOption(DWORD aCommand, void* aArg) {
     if (aArg && aCommand == CM_OPT_CHANNEL_SERVER_SSL_CONTEXT)
         return SetContext_i(*static_cast<CCmRefPtrT<CCmSslContext>*>(aArg));
+    if (aArg && aCommand == CM_OPT_CHANNEL_SERVER_REFUSAL_SINK) {
+        m_pRefusalSink = *static_cast<ICmHttpRefusalSink**>(aArg);
+        return CM_OK;
+    }
     if (aArg && IsOfHandshakes(aCommand))
         return m_Handshakes.Set(aCommand, aArg);
     DWORD* pNumber = GetNumber_i(aCommand);
@@ -292,6 +303,10 @@ CmResult CCmChannelHttpServerAcceptor::GetOption(DWORD aCommand, void* aArg) {
     }
     if (aArg && aCommand == CM_OPT_CHANNEL_SERVER_SSL_CONTEXT) {
         *static_cast<CCmRefPtrT<CCmSslContext>*>(aArg) = m_pContext;
+        return CM_OK;
+    }
+    if (aArg && aCommand == CM_OPT_CHANNEL_SERVER_REFUSAL_SINK) {
+        *static_cast<ICmHttpRefusalSink**>(aArg) = m_pRefusalSink;
         return CM_OK;
     }
     if (aArg && IsOfHandshakes(aCommand))

@@ -50,6 +50,7 @@ private:
     void OnRequest(ICmChannelHttpServer& aChannel) override;
     void OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) override;
     void OnClientEnd(ICmChannelHttpServer& aChannel) override;
+    void OnRefused(int aStatus, const CCmHttpRequestHead& aRequest, const CCmInetAddr& aPeer, CmDword aBytes) override;
     void Remove(talvo::CHttpServerConnection& aConnection) override;
 
     using Connection = CCmRefPtrT<talvo::CHttpServerConnection>;
@@ -67,6 +68,7 @@ private:
 
     talvo::CHttpServerSettings m_Settings;
     ICmChannelServerAcceptorSink* m_pSink = nullptr;  // not owned; from StartListen to OnStopped
+    ICmHttpRefusalSink* m_pRefusalSink = nullptr;     // not owned; set by SetOption
     CCmRefPtrT<CCmSslContext> m_pContext;             // null: plain http
     talvo::COptionValues m_Handshakes;                // the limits of those of TLS
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;              // while listening

@@ -17,3 +17,5 @@ void ICmChannelServerAcceptorSink::OnClientEnd(ICmChannelHttpServer*, ICmChannel
 void ICmChannelServerAcceptorSink::OnStopped(ICmChannelServerAcceptor*) {}
 
 ICmChannelServerAcceptorSink::~ICmChannelServerAcceptorSink() = default;
+
+ICmHttpRefusalSink::~ICmHttpRefusalSink() = default;

@@ -25,7 +25,21 @@ enum ECmChannelServerOption : CmDword {
     CM_OPT_CHANNEL_SERVER_STOP_SECONDS = 338,  // CmDword (30): the time that StopListen gives to requests that have begun
     // CCmRefPtrT<CCmSslContext> (null): https with this context, which needs a certificate; null: http. Set it before
     // StartListen; CM_ERROR_ALREADY_INITIALIZED afterwards.
-    CM_OPT_CHANNEL_SERVER_SSL_CONTEXT = 339
+    CM_OPT_CHANNEL_SERVER_SSL_CONTEXT = 339,
+    // ICmHttpRefusalSink* (null): gets the answers that the server itself makes. Not owned; it outlives the acceptor, or is
+    // removed by null.
+    CM_OPT_CHANNEL_SERVER_REFUSAL_SINK = 340
+};
+
+// Gets the refusals of an acceptor, for a log. CM_OPT_CHANNEL_SERVER_REFUSAL_SINK sets it.
+class TALVO_API ICmHttpRefusalSink {
+public:
+    // The server has refused a request and ends the connection: 400, 408, 413, 414, 417, 431, 501, 503 or 505. aRequest: the
+    // part of its head that was read, perhaps nothing; valid during the call. aBytes: the length of the answer's body. Called
+    // in the acceptor's thread, after the request's OnDisconnect or OnRequestLost if one is due; it may do anything to the
+    // acceptor. It does not come for the 500 to a request that the application has released.
+    virtual void OnRefused(int aStatus, const CCmHttpRequestHead& aRequest, const CCmInetAddr& aPeer, CmDword aBytes) = 0;
+    virtual ~ICmHttpRefusalSink();
 };
 
 // The upcalls of one request, in the acceptor's thread. Each of them may do anything to the channel: answer, disconnect,

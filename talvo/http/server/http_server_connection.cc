@@ -323,9 +323,16 @@ void CHttpServerConnection::Refuse_i(int aStatus) {
     const BOOL bAnswered = bRequest && IsAnswered_i();
     if (bRequest && m_pChannel->IsBegun() && !bAnswered)
         return End(reason);
-    if (!bAnswered && !PrintRefusal_i(aStatus))
+    DWORD dwBytes = 0;
+    if (!bAnswered && !PrintRefusal_i(aStatus, dwBytes))
         return End(CM_ERROR_OUT_OF_MEMORY);
+    CCmInetAddr addrPeer;
+    m_pTransport->GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &addrPeer);
+    const CCmRefPtrT<CCmChannelHttpServer> pChannel = m_pChannel;
     Close_i(reason);
+    // The last call: the upcall may do anything to the owner. None comes inside a release by the application.
+    if (!bAnswered && pChannel && !pChannel->IsForgotten())
+        Upcall([&] { m_Owner.OnRefused(aStatus, pChannel->GetRequest(), addrPeer, dwBytes); });
 }
 
 // Takes no more input, and ends after the answers in flight.
@@ -344,8 +351,8 @@ void CHttpServerConnection::Close_i(CmResult aReason) {
         pChannel->Detach();
 }
 
-// FALSE: memory ran out, and how much of it is printed is unknown.
-BOOL CHttpServerConnection::PrintRefusal_i(int aStatus) {
+// aBytes (out): of the body. FALSE: memory ran out, and how much of it is printed is unknown.
+BOOL CHttpServerConnection::PrintRefusal_i(int aStatus, DWORD& aBytes) {
     const BOOL bHeadOnly = m_pChannel && m_pChannel->GetRequest().GetMethod() == CCmHttpAtomList::Head;
     CmResult rv = CM_OK;
     return WithMemory([&] {
@@ -354,6 +361,7 @@ BOOL CHttpServerConnection::PrintRefusal_i(int aStatus) {
                answer.SetStatus(aStatus, "");
                rv = answer.SetHeader(CCmHttpAtomList::Content_Type, "text/plain", FALSE);
                answer.Print(EHttpBody::LENGTH, strBody.size(), m_Owner.GetTail(FALSE), m_Output.GetText());
+               aBytes = bHeadOnly ? 0 : static_cast<DWORD>(strBody.size());
                if (rv == CM_OK && !bHeadOnly)
                    rv = m_Output.Append(strBody);
            }) &&

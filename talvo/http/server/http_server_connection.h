@@ -95,7 +95,7 @@ private:
     BOOL IsAnswered_i() const { return m_pChannel && m_pChannel->IsComplete(); }
     void CheckReleased_i();
     void Refuse_i(int aStatus);
-    BOOL PrintRefusal_i(int aStatus);
+    BOOL PrintRefusal_i(int aStatus, DWORD& aBytes);
     void Close_i(CmResult aReason);
     void NotifyLost_i(CCmChannelHttpServer& aChannel, CmResult aReason);
     BOOL IsBodyWhole_i(const CCmMessageBlock* aInput) const;

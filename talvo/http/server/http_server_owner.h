@@ -23,6 +23,8 @@ public:
     virtual void OnRequestLost(CmResult aReason, ICmChannelHttpServer& aChannel) = 0;
     // The client of a request without a sink has ended its sending side.
     virtual void OnClientEnd(ICmChannelHttpServer& aChannel) = 0;
+    // See ICmHttpRefusalSink.
+    virtual void OnRefused(int aStatus, const CCmHttpRequestHead& aRequest, const CCmInetAddr& aPeer, CmDword aBytes) = 0;
     // The connection has ended: removes it.
     virtual void Remove(CHttpServerConnection& aConnection) = 0;
 
