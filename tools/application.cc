@@ -2,11 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
+#include <vector>
 
 #include "tools/console.h"
 
@@ -14,62 +14,20 @@ namespace tool {
 
 namespace {
 
-// SIGPIPE comes from a stdout without a reader: no further work is useful.
-constexpr int ENDING_SIGNALS[] = {SIGINT, SIGTERM, SIGPIPE, SIGHUP};
-
-sigset_t GetEndingSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const int nSignal : ENDING_SIGNALS)
-        sigaddset(&signals, nSignal);
-    // nohup ignores it on purpose.
+// SIGPIPE comes from a stdout without a reader: no further work is useful. nohup ignores SIGHUP on purpose.
+std::vector<int> GetEndingSignals() {
+    std::vector<int> vecSignals = {SIGINT, SIGTERM, SIGPIPE};
     struct sigaction action {};
-    if (sigaction(SIGHUP, nullptr, &action) == 0 && action.sa_handler == SIG_IGN)
-        sigdelset(&signals, SIGHUP);
-    return signals;
+    if (sigaction(SIGHUP, nullptr, &action) != 0 || action.sa_handler != SIG_IGN)
+        vecSignals.push_back(SIGHUP);
+    return vecSignals;
 }
 
 ICmReactor* GetMainReactor() { return CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN); }
 
 }  // namespace
 
-// Handles signals through a handle that becomes readable.
-class Application::SignalHandler : public ACmEventHandler {
-public:
-    explicit SignalHandler(Application& aApplication) : m_Application(aApplication) {
-        const sigset_t signals = GetEndingSignals();
-        m_nFd = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
-        ICmReactor* pReactor = GetMainReactor();
-        m_bRegistered = pReactor && pReactor->RegisterHandler(this, READ_MASK) == CM_OK;
-    }
-    ~SignalHandler() override {
-        if (m_bRegistered)
-            GetMainReactor()->RemoveHandler(this, ALL_EVENTS_MASK);
-        close(m_nFd);
-    }
-
-    HANDLE GetHandle() const override { return m_nFd; }
-    bool IsRegistered() const { return m_bRegistered; }
-
-    int OnInput(HANDLE) override {
-        signalfd_siginfo info{};
-        if (read(m_nFd, &info, sizeof(info)) == sizeof(info))
-            m_Application.OnSignal(static_cast<int>(info.ssi_signo));
-        return 0;
-    }
-
-    int OnClose(HANDLE, long) override { return 0; }
-
-private:
-    Application& m_Application;
-    int m_nFd;
-    bool m_bRegistered;
-};
-
-void Application::BlockSignals() {
-    const sigset_t signals = GetEndingSignals();
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
+void Application::BlockSignals() { CCmSignalHandler::Block(GetEndingSignals()); }
 
 void Application::GuardStandardDescriptors() {
     for (int nFd = STDIN_FILENO; nFd <= STDERR_FILENO; ++nFd) {
@@ -83,13 +41,12 @@ Application::Application(CCmThreadManager::ENetworkThreadMode aMode) {
     pManager->SetNetworkThreadMode(aMode);
     if (pManager->InitMainThread(0, nullptr) != CM_OK)
         return;
-    m_pSignals = std::make_unique<SignalHandler>(*this);
     // A program that signals could not end does not start.
-    m_bStarted = m_pSignals->IsRegistered() && CCmConnectionManager::Instance();
+    m_bStarted = m_Signals.Open(GetMainReactor(), GetEndingSignals(), this) == CM_OK && CCmConnectionManager::Instance();
 }
 
 Application::~Application() {
-    m_pSignals.reset();
+    m_Signals.Close();
     CCmThreadManager* pManager = CCmThreadManager::Instance();
     pManager->StopAllThreads(nullptr);
     pManager->JoinAllThreads();
@@ -132,7 +89,7 @@ void Application::OnSignal(int aSignal) {
 int Application::GetPendingSignal() {
     sigset_t pending;
     sigpending(&pending);
-    for (const int nSignal : ENDING_SIGNALS) {
+    for (const int nSignal : GetEndingSignals()) {
         if (sigismember(&pending, nSignal) == 1)
             return nSignal;
     }

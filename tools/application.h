@@ -2,7 +2,6 @@
 #pragma once
 
 #include <functional>
-#include <memory>
 
 #include "talvo/talvo.h"
 
@@ -12,7 +11,7 @@ namespace tool {
 enum EExit : int { EXIT_OK = 0, EXIT_FAILED = 1, EXIT_USAGE = 2 };
 
 // The first object of a subcommand and the last to be destroyed: all holders of a transport are declared below it.
-class Application {
+class Application : private ICmSignalSink {
 public:
     // Call it first in main(), before any thread starts: the loop then handles the signals of all threads.
     static void BlockSignals();
@@ -21,7 +20,7 @@ public:
     static void GuardStandardDescriptors();
 
     explicit Application(CCmThreadManager::ENetworkThreadMode aMode);
-    ~Application();
+    ~Application() override;
     Application(const Application&) = delete;
     Application& operator=(const Application&) = delete;
 
@@ -49,15 +48,13 @@ public:
     static void RaiseDescriptorLimit();
 
 private:
-    class SignalHandler;
-
-    void OnSignal(int aSignal);
+    void OnSignal(int aSignal) override;
 
     BOOL m_bStarted = FALSE;
     bool m_bDraining = false;
     int m_nStatus = -1;              // -1: not set
     std::function<void()> m_Reload;  // may be empty
-    std::unique_ptr<SignalHandler> m_pSignals;
+    CCmSignalHandler m_Signals;
 };
 
 }  // namespace tool
