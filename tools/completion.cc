@@ -74,6 +74,12 @@ std::string MakeBash(const OptionTable& aTable) {
            "_talvo() {\n"
            "    local current=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD-1]} command=${COMP_WORDS[1]} words=\n"
            "    COMPREPLY=()\n"
+           "    # The shell takes \"--type=reliable\" for three words.\n"
+           "    if [ \"$current\" = = ]; then\n"
+           "        current=\n"
+           "    elif [ \"$before\" = = ]; then\n"
+           "        before=${COMP_WORDS[COMP_CWORD-2]}\n"
+           "    fi\n"
            "    if [ \"$COMP_CWORD\" -eq 1 ] || { [ \"$command\" = help ] && [ \"$COMP_CWORD\" -eq 2 ]; }; then\n"
            "        words='" +
            GetCommands(aTable) + " " + GetNames(aTable.m_Program) +

@@ -134,7 +134,8 @@ std::string MakeCommandPage(const OptionTable& aTable, const CommandRow& aComman
     strPage += ".Sh DESCRIPTION\n" + Fill(aCommand.m_strSummary + ".");
     strPage += places.m_vecOptions.empty() ? "" : MakeOptions(places);
     strPage += ".Pp\nThe options are:\n" + MakeOptions(options) + MakeExamples(aTable.m_strNotes, aCommand.m_strName);
-    return strPage + ".Sh SEE ALSO\n.Xr talvo 1\n";
+    // Not as a reference, for which mandoc warns until the other page is installed.
+    return strPage + ".Sh SEE ALSO\n.Sy talvo Ns Pq 1\n";
 }
 
 std::string ListNames(const OptionTable& aTable) {

@@ -31,6 +31,8 @@ class HelpTest(ProgramTest):
     def test_completions_know_commands_options_and_choices(self):
         self.assertEqual(["send", "serve"], self.complete("se"))
         self.assertEqual(["package", "package-keepalive"], self.complete("echo", "--type", "pa"))
+        self.assertEqual(["reliable", "reliable-plain"], self.complete("echo", "--type", "=", "rel"))
+        self.assertIn("tcp", self.complete("echo", "--type", "="))
         self.assertEqual(["--secret", "--secret-file"], self.complete("recv", "--sec"))
         self.assertEqual([], self.complete("recv", "--port", ""))
         (self.directory / "box").mkdir()
