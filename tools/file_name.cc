@@ -25,7 +25,7 @@ std::string CheckFileName(std::string_view aName) {
         return "the name is longer than 255 bytes";
     if (aName == "." || aName == ".." || aName.find('/') != std::string_view::npos)
         return "the name leads out of the directory";
-    if (Printable(aName) != aName)
+    if (HasControl(aName))
         return "the name has a control character";
     // Otherwise a peer could overwrite a file of another that is being received.
     if (aName.starts_with(TEMPORARY_BEGIN) && aName.ends_with(TEMPORARY_END))
@@ -54,6 +54,9 @@ std::string MakePartName(std::string_view aName) {
     const std::string strDigits = ToHex(hash.GetSoFar()).substr(0, TEMPORARY_DIGITS);
     return strDigits.empty() ? MakeTemporaryName() : std::string(TEMPORARY_BEGIN).append(strDigits).append(TEMPORARY_END);
 }
+
+// No file has this name.
+std::string MakeMarkName() { return MakePartName("."); }
 
 bool IsTemporaryName(std::string_view aName) {
     if (aName.size() != TEMPORARY_BEGIN.size() + TEMPORARY_DIGITS + TEMPORARY_END.size() ||

@@ -21,6 +21,9 @@ std::string MakeTemporaryName();
 // The temporary name of a file that a later session may continue: of the same form, and the same for the same aName.
 std::string MakePartName(std::string_view aName);
 
+// The name of the mark in a folder that is not finished: of the same form, and that of no file's part.
+std::string MakeMarkName();
+
 // TRUE: it has exactly that form.
 bool IsTemporaryName(std::string_view aName);
 

@@ -10,8 +10,8 @@
 namespace tool {
 
 // An open directory: what is received in it is named relative to it, by a single name, so that no path and no link leads out of
-// the receiver's own one. A folder that is made is private, and has a mark, until it is finished, so that a later session knows
-// it. The operations return "" or an error text.
+// the receiver's own one. A folder that is made is private until it is finished, and has a file in it as a mark, so that a
+// later session finishes it. The operations return "" or an error text.
 class IncomingFolder {
 public:
     // The receiver's directory, which stays as it is.
@@ -31,6 +31,8 @@ public:
     std::string GetPath(const std::string& aName) const { return m_strPath.empty() ? aName : m_strPath + "/" + aName; }
 
 private:
+    std::string Mark();
+    bool IsMarked() const;
     std::string Flush() const;
 
     FileHandle m_Directory;

@@ -8,25 +8,80 @@ namespace tool {
 
 namespace {
 
-bool IsControl(char a) { return static_cast<unsigned char>(a) < 0x20 || a == 0x7f; }
+constexpr char32_t NO_CODE = ~char32_t{0};  // a byte that is no UTF-8
 
-// U+0080 to U+009F in UTF-8: terminals take some of these as the start of a command.
-bool IsLateControl(char aFirst, char aSecond) {
-    const auto second = static_cast<unsigned char>(aSecond);
-    return aFirst == '\xc2' && second >= 0x80 && second <= 0x9f;
+struct Character {
+    char32_t m_Code;
+    size_t m_stLength;
+};
+
+size_t GetLength(unsigned char aFirst) {
+    if (aFirst < 0x80)
+        return 1;
+    return aFirst < 0xC2 || aFirst > 0xF4 ? 0 : aFirst < 0xE0 ? 2 : aFirst < 0xF0 ? 3 : 4;
+}
+
+// The first character of aText, which is not empty.
+Character Decode(std::string_view aText) {
+    const auto first = static_cast<unsigned char>(aText[0]);
+    const size_t stLength = GetLength(first);
+    if (stLength == 0 || stLength > aText.size())
+        return {NO_CODE, 1};
+    char32_t code = stLength == 1 ? first : first & (0x7F >> stLength);
+    for (const char c : aText.substr(1, stLength - 1)) {
+        if ((static_cast<unsigned char>(c) & 0xC0) != 0x80)
+            return {NO_CODE, 1};
+        code = code << 6 | (static_cast<unsigned char>(c) & 0x3F);
+    }
+    constexpr char32_t LEAST[] = {0, 0, 0x80, 0x800, 0x10000};
+    const bool bSurrogate = code >= 0xD800 && code <= 0xDFFF;
+    return code < LEAST[stLength] || bSurrogate || code > 0x10FFFF ? Character{NO_CODE, 1} : Character{code, stLength};
+}
+
+// Terminals take some of U+0080 to U+009F as the start of a command.
+bool IsControl(char32_t aCode) { return aCode < 0x20 || (aCode >= 0x7F && aCode <= 0x9F); }
+
+// It ends a line, or changes the direction of the text.
+bool IsLayout(char32_t aCode) {
+    return aCode == 0x61C || aCode == 0x200E || aCode == 0x200F || (aCode >= 0x2028 && aCode <= 0x202E) ||
+           (aCode >= 0x2066 && aCode <= 0x2069);
+}
+
+template <class MakeText>
+std::string Replace(std::string_view aText, const MakeText& aMakeText) {
+    std::string strText;
+    strText.reserve(aText.size());
+    while (!aText.empty()) {
+        const Character next = Decode(aText);
+        if (next.m_Code == NO_CODE || IsControl(next.m_Code) || IsLayout(next.m_Code))
+            strText += aMakeText(next.m_Code);
+        else
+            strText += aText.substr(0, next.m_stLength);
+        aText.remove_prefix(next.m_stLength);
+    }
+    return strText;
 }
 
 }  // namespace
 
 std::string Printable(std::string_view aText) {
-    std::string strText(aText);
-    for (size_t i = 0; i < strText.size(); ++i) {
-        if (IsControl(strText[i]))
-            strText[i] = '?';
-        else if (i + 1 < strText.size() && IsLateControl(strText[i], strText[i + 1]))
-            strText[i] = strText[i + 1] = '?';
+    return Replace(aText, [](char32_t) { return '?'; });
+}
+
+std::string PrintableJson(std::string_view aJson) {
+    return Replace(aJson, [](char32_t aCode) {
+        char szEscape[16];
+        std::snprintf(szEscape, sizeof szEscape, "\\u%04x", aCode == NO_CODE ? 0xFFFDu : static_cast<unsigned>(aCode));
+        return std::string(szEscape);
+    });
+}
+
+bool HasControl(std::string_view aText) {
+    for (; !aText.empty(); aText.remove_prefix(Decode(aText).m_stLength)) {
+        if (IsControl(Decode(aText).m_Code))
+            return true;
     }
-    return strText;
+    return false;
 }
 
 std::string Truncated(const std::string& aText, size_t aColumns) {

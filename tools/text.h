@@ -7,8 +7,15 @@
 
 namespace tool {
 
-// aText with '?' for every control character, so that text from a peer can neither end a line nor control a terminal.
+// aText with '?' for every control character, for every character that changes the direction of the text, and for every byte
+// that is no UTF-8, so that text from a peer can neither end a line nor control a terminal.
 std::string Printable(std::string_view aText);
+
+// The same for JSON, with an escape of JSON instead of each '?'.
+std::string PrintableJson(std::string_view aJson);
+
+// TRUE: aText has a control character.
+bool HasControl(std::string_view aText);
 
 // The first aColumns characters of UTF-8 text, of which each counts as one column.
 std::string Truncated(const std::string& aText, size_t aColumns);
