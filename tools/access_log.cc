@@ -61,8 +61,9 @@ std::string GetHeader(const CCmHttpRequestHead& aHead, const CCmHttpAtom& aName)
 }  // namespace
 
 std::string FormatCommon(const AccessEntry& aEntry) {
-    const std::string strRequest =
+    const std::string strWhole =
         aEntry.m_strMethod + " " + aEntry.m_strTarget + (aEntry.m_bVersion11 ? " HTTP/1.1" : " HTTP/1.0");
+    const std::string strRequest = aEntry.m_strMethod.empty() ? "-" : strWhole;  // its first line was not read
     const std::string strPeer = aEntry.m_Peer.GetIpDisplayName();
     return (strPeer.empty() ? "-" : strPeer) + " - - " + FormatTime(aEntry.m_llWallUsec) + " " + Quoted(strRequest) + " " +
            std::to_string(aEntry.m_lStatus) + " " + (aEntry.m_ullBytes > 0 ? std::to_string(aEntry.m_ullBytes) : "-");
@@ -94,16 +95,16 @@ void AccessLog::Write(const AccessEntry& aEntry) {
     Console::Complain("cannot write to the access log '" + m_strPath + "': " + SystemError(errno));
 }
 
-AccessRecord::AccessRecord(AccessLog& aLog, ICmChannelHttpServer& aChannel) : m_Log(aLog) {
-    const CCmHttpRequestHead& head = aChannel.GetRequest();
-    aChannel.GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &m_Entry.m_Peer);
+AccessRecord::AccessRecord(AccessLog& aLog, const CCmHttpRequestHead& aRequest, const CCmInetAddr& aPeer) : m_Log(aLog) {
+    m_Entry.m_Peer = aPeer;
     m_Entry.m_llWallUsec = CCmClock::GetWallUsec();
     m_Entry.m_llStartedUsec = CCmClock::GetTimeOfDayUsec();
-    m_Entry.m_strMethod = head.GetMethod().operator const char*();
-    m_Entry.m_strTarget = head.GetRequestURI();
-    m_Entry.m_bVersion11 = head.GetVerion() >= CM_HTTP_VERSION_11;
-    m_Entry.m_strReferer = GetHeader(head, CCmHttpAtomList::Referer);
-    m_Entry.m_strAgent = GetHeader(head, CCmHttpAtomList::User_Agent);
+    const char* pMethod = aRequest.GetMethod();
+    m_Entry.m_strMethod = pMethod ? pMethod : "";
+    m_Entry.m_strTarget = aRequest.GetRequestURI();
+    m_Entry.m_bVersion11 = aRequest.GetVerion() >= CM_HTTP_VERSION_11;
+    m_Entry.m_strReferer = GetHeader(aRequest, CCmHttpAtomList::Referer);
+    m_Entry.m_strAgent = GetHeader(aRequest, CCmHttpAtomList::User_Agent);
 }
 
 // Without memory for it a line is left out.

@@ -50,7 +50,8 @@ private:
 // One answer, whose line is written when this is destroyed. The log outlives it.
 class AccessRecord {
 public:
-    AccessRecord(AccessLog& aLog, ICmChannelHttpServer& aChannel);
+    // aRequest: its head, or a part of that.
+    AccessRecord(AccessLog& aLog, const CCmHttpRequestHead& aRequest, const CCmInetAddr& aPeer);
     ~AccessRecord();
     AccessRecord(const AccessRecord&) = delete;
     AccessRecord& operator=(const AccessRecord&) = delete;

@@ -27,7 +27,7 @@ constexpr const char* FOOTER = R"(Examples:
   talvo recv --port 7070 --out ~/inbox
   talvo recv --host 192.0.2.7:7070 --out /srv/inbox --secret-file ~/.talvo-secret
   talvo send report.pdf photos/ 192.0.2.7:7070 --secret-file ~/.talvo-secret
-  tar -cz photos | talvo send - 192.0.2.7:7070 --name photos.tgz
+  tar -cz photos | talvo send - 192.0.2.7:7070 --name photos.tgz --secret-file ~/.talvo-secret
   talvo echo --port 7000
   talvo ping 127.0.0.1:7000 --count 1000 --interval 0
   talvo echo --udp --type package --port 7000
@@ -70,7 +70,6 @@ Exit status: 0 success, 1 failure, 2 wrong arguments, 128 + N ended by signal N 
 name, 4 the connection, 5 TLS, 6 silence, 7 a broken connection, 8 the protocol, 9 a refusal (HTTP status), 10 a file or the
 memory here, 11 another version.)";
 
-constexpr DWORD MAX_DATAGRAM = 65507;
 constexpr size_t MOST_RACERS = 16;
 
 void DeclareEcho(CLI::App& aApp, Arguments& a) {
@@ -90,21 +89,23 @@ void DeclarePing(CLI::App& aApp, Arguments& a) {
         ->required()
         ->option_text("ENDPOINT...");
     aApp.add_flag("--race", a.m_bRace,
-                  "Connect to all endpoints, in steps of 250 ms, and use the first that is connected; all of them can see this")
+                  "Connect to the endpoints one after another, 250 ms apart, and use the first connection; each endpoint may "
+                  "see an attempt")
         ->excludes(aApp.get_option("--proxy"))
         ->excludes(aApp.get_option("--bind"));
     AddNumber(aApp, "--count", a.m_dwCount, 1, 10000000, "Messages to send (10)");
     AddNumber(aApp, "--interval", a.m_dwIntervalMs, 0, 3600000,
               "Milliseconds from an answer to the next message (1000); 0: no pause");
-    AddNumber(aApp, "--size", a.m_dwSize, 1, 16 << 20, "Bytes in a message (64)");
+    DeclareSize(aApp, a);
     AddNumber(aApp, "--timeout", a.m_dwTimeoutMs, 1, 3600000, "Milliseconds to wait for the connection and each answer (5000)");
 }
 
 // The checks return "" or an error text.
 
 std::string CheckPing(Arguments& a) {
-    if (a.m_dwType == CCmConnectionManager::CTYPE_UDP && a.m_dwSize > MAX_DATAGRAM)
-        return "--size: a datagram has at most " + std::to_string(MAX_DATAGRAM) + " bytes";
+    const std::string strSize = CheckSize(a);
+    if (!strSize.empty())
+        return strSize;
     const size_t stMost = a.m_bRace ? MOST_RACERS : 1;
     if (a.m_vecEndpoints.size() > stMost)
         return a.m_bRace ? "--race takes " + std::to_string(stMost) + " endpoints at most" : "several endpoints need --race";
@@ -183,21 +184,23 @@ void DeclareFlaky(CLI::App& aApp, Arguments& a) {
         ->option_text("ADDRESS:PORT");
     aApp.add_option("TARGET", a.m_strEndpoint, "Endpoint to forward to, see talvo --help")->required()->option_text("ENDPOINT");
     FlakyPlan& plan = a.m_Flaky;
-    aApp.add_option("--faults", plan.m_vecFaults,
-                    "Faults to choose from (close,reset,stall): close ends a connection in good order, reset does not, stall "
-                    "forwards nothing for a time, halve forwards one way only from then on")
+    aApp.add_option(
+            "--faults", plan.m_vecFaults,
+            "Faults to choose from (close,reset,stall): close ends a connection in order, reset breaks it, stall forwards "
+            "nothing for a time, halve drops the data of one direction from then on")
         ->delimiter(',')
         ->check(CLI::IsMember({"close", "reset", "stall", "halve"}))
         ->option_text("NAME,...");
     AddNumber(aApp, "--every", plan.m_dwEveryMs, 1, 3600000,
               "Milliseconds to the next fault of a connection, on average (2000)");
-    AddNumber(aApp, "--bytes", plan.m_dwBytes, 1, 1000000000, "Instead of --every: bytes to the next fault, both ways counted");
+    AddNumber(aApp, "--bytes", plan.m_dwBytes, 1, 1000000000,
+              "Bytes, in both directions together, to the next fault; instead of --every");
     Exclude(aApp, "--bytes", "--every");
-    aApp.add_flag("--together", plan.m_bTogether, "Each fault is one of all connections at once")
+    aApp.add_flag("--together", plan.m_bTogether, "Apply each fault to all connections at once")
         ->excludes(aApp.get_option("--bytes"));
     AddNumber(aApp, "--count", plan.m_dwCount, 1, 1000000000, "Faults to make; then forward without");
     AddNumber(aApp, "--stall", plan.m_dwStallMs, 1, 3600000, "Milliseconds of a stall (3000)");
-    AddNumber(aApp, "--delay", plan.m_dwDelayMs, 0, 60000, "Milliseconds that all data takes, each way (0)");
+    AddNumber(aApp, "--delay", plan.m_dwDelayMs, 0, 60000, "Milliseconds of delay in each direction (0)");
     AddNumber(aApp, "--seed", plan.m_dwSeed, 0, 2147483647, "Seed of all choices (1)");
 }
 
@@ -210,15 +213,16 @@ void DeclarePublish(CLI::App& aApp, Arguments& a) {
     DeclareListening(aApp, a);
     DeclareType(aApp, a);
     DeclareTlsServer(aApp, a);
-    aApp.add_option("--policy", a.m_strPolicy,
-                    "Of a receiver that is 1 MiB behind: disconnect (the default), drop-oldest, conflate, or wait, which holds "
-                    "back all others")
+    aApp.add_option(
+            "--policy", a.m_strPolicy,
+            "Treatment of a receiver that is 1 MiB behind: disconnect (the default), drop-oldest, conflate, or wait, which "
+            "holds back all receivers")
         ->check(CLI::IsMember(GetPolicyNames()))
         ->option_text("POLICY");
     AddNumber(aApp, "--key-field", a.m_dwKeyField, 1, 1000,
               "The field of a line, counted from 1 and separated by blanks, that is its key");
     aApp.add_option("--file", a.m_strFile, "File with the lines; by default stdin")->option_text("FILE");
-    AddNumber(aApp, "--rate", a.m_dwRate, 1, 1000000, "Lines a second; by default as they come");
+    AddNumber(aApp, "--rate", a.m_dwRate, 1, 1000000, "Lines a second; by default no limit");
 }
 
 std::string CheckPublish(Arguments& a) {
@@ -233,8 +237,9 @@ void DeclareSubscribe(CLI::App& aApp, Arguments& a) {
     DeclareTlsClient(aApp, a);
     DeclareBind(aApp, a);
     DeclareEndpoint(aApp, a, "Endpoint of `talvo publish`, see talvo --help");
-    aApp.add_option("--join", a.m_strJoin,
-                    "The first lines: next (the default), all-keys (the newest line of each key) or oldest (all that is kept)")
+    aApp.add_option(
+            "--join", a.m_strJoin,
+            "Lines to begin with: next (the default), all-keys (the newest line of each key) or oldest (all that are kept)")
         ->check(CLI::IsMember(GetJoinNames()))
         ->option_text("POINT");
 }

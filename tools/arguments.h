@@ -42,7 +42,8 @@ struct Arguments {
     std::vector<std::string> m_vecNames;  // to look up
 
     GetOptions m_Get;
-    TransferOptions m_Transfer;  // get
+    TransferOptions m_Transfer;    // get, send
+    DWORD m_dwSilenceMs = 300000;  // send: of the receiver
     ServeOptions m_Serve;
 
     std::string m_strType;                             // as given, or ""
@@ -89,7 +90,7 @@ struct Arguments {
     DWORD m_dwCount = 10;         // ping
     DWORD m_dwIntervalMs = 1000;  // ping
     DWORD m_dwTimeoutMs = 5000;   // ping
-    DWORD m_dwSize = 64;          // ping, bytes
+    DWORD m_dwSize = 0;           // ping, bench: bytes of a message; 0 until CheckSize: not given
 };
 
 // aArguments, aStatus (out). false: exit with aStatus, after the output of --help, of --version, or of one line about an error.

@@ -29,7 +29,7 @@ BenchPlan MakePlan(const Arguments& aArguments) {
 bool StartServer(EchoServer& aServer, BenchLoad*& aLoad, Arguments& aArguments, Console& aConsole) {
     const CmResult rv = aServer.StartQuietly([&aLoad](int64_t aDueNs) { aLoad->OnArrived(aDueNs); }, aArguments.m_Addr);
     if (rv != CM_OK)
-        aConsole.Problem(std::string("cannot listen on 127.0.0.1: ") + cm_result_name(rv));
+        aConsole.Problem({CAUSE_LOCAL, "cannot listen on 127.0.0.1: " + DescribeResult(rv)});
     return rv == CM_OK;
 }
 
@@ -56,7 +56,7 @@ int RunBench(const Arguments& aArguments) {
     const int nStatus = application.Run();
     if (!load.HasResults()) {
         if (nStatus == EXIT_OK)
-            console.Problem("no answer came");
+            console.Problem({CAUSE_TIMEOUT, "no answer came"});
         return nStatus == EXIT_OK ? EXIT_FAILED : nStatus;
     }
     const std::string strTarget = aArguments.m_bSelf ? "this program" : aArguments.m_strTarget;
@@ -65,7 +65,7 @@ int RunBench(const Arguments& aArguments) {
                                     ? ""
                                     : PlotBench(aArguments.m_strPlot, "talvo bench, " + strTarget, load.GetResults().m_Latency);
     if (!strPlot.empty())
-        console.Problem("--plot: " + strPlot);
+        console.Problem({CAUSE_LOCAL, "--plot: " + strPlot});
     return strPlot.empty() ? nStatus : EXIT_FAILED;
 }
 

@@ -4,6 +4,7 @@
 
 #include "tools/common_arguments.h"
 #include "tools/connection_type.h"
+#include "tools/output.h"
 #include "tools/tls_arguments.h"
 #include "tools/url.h"
 
@@ -24,13 +25,21 @@ std::string CheckRate(Arguments& a) {
                : "--rate: '" + a.m_strRate + "' is neither max nor a number from 1 to " + std::to_string(MOST_RATE);
 }
 
+std::string CheckPlot(const std::string& aPath) {
+    OutputTarget target;
+    const std::string strTarget = JudgeTarget(aPath, target);
+    if (!strTarget.empty())
+        return "--plot: " + strTarget;
+    return target.m_Kind == OutputTarget::STDOUT ? "--plot needs a file" : "";
+}
+
 std::string CheckBenchUrl(Arguments& a) {
     const std::string strUrl = CheckUrl(a.m_strTarget);
     CCmHttpUrl url;
     if (!strUrl.empty() || !url.Init(a.m_strTarget))
         return strUrl.empty() ? "'" + a.m_strTarget + "' is no URL" : strUrl;
-    if (url.GetScheme() == "file" || !a.m_strType.empty() || a.m_bUdp || a.m_bOneWay)
-        return url.GetScheme() == "file" ? "a file URL has no server" : "a URL has no --type, --udp and --one-way";
+    if (url.GetScheme() == "file" || !a.m_strType.empty() || a.m_bUdp || a.m_bOneWay || a.m_dwSize > 0)
+        return url.GetScheme() == "file" ? "a file URL has no server" : "a URL takes no --type, --udp, --one-way or --size";
     if (url.GetScheme() == "https") {
         a.m_Tls.m_bTls = true;
         a.m_dwType = CM_TRANSPORT_TYPE_TLS;
@@ -57,7 +66,7 @@ void DeclareBench(CLI::App& aApp, Arguments& a) {
     DeclareBind(aApp, a);
     AddFlag(aApp, "--one-way", a.m_bOneWay,
             "Send only, to `talvo echo --discard`; with --self the latency is that of the arrival, else that of the sending");
-    AddNumber(aApp, "--size", a.m_dwSize, 1, 16 << 20, "Bytes in a message (64)");
+    DeclareSize(aApp, a);
     AddNumber(aApp, "--connections", a.m_dwConnections, 1, 10000, "Connections (1)");
     AddText(aApp, "--rate", a.m_strRate, "N|max",
             "Messages a second of all connections, at fixed times, from which the latency counts; max (the default): each "
@@ -72,10 +81,16 @@ std::string CheckBench(Arguments& a) {
         return strRate;
     if (a.m_strTarget.empty() && !a.m_bSelf)
         return "bench needs an ENDPOINT, a URL or --self";
-    if ((MayLose(a.m_dwType) || (a.m_bSelf && a.m_bOneWay)) && a.m_dwSize < TIME_BYTES)
-        return "--size: at least " + std::to_string(TIME_BYTES) + " bytes are needed for the number of a message";
+    const std::string strPlot = a.m_strPlot.empty() ? "" : CheckPlot(a.m_strPlot);
+    if (!strPlot.empty())
+        return strPlot;
     if (a.m_strTarget.find("://") != std::string::npos)
         return CheckBenchUrl(a);
+    const std::string strSize = CheckSize(a);
+    if (!strSize.empty())
+        return strSize;
+    if ((MayLose(a.m_dwType) || (a.m_bSelf && a.m_bOneWay)) && a.m_dwSize < TIME_BYTES)
+        return "--size: at least " + std::to_string(TIME_BYTES) + " bytes are needed for the number of a message";
     return a.m_bSelf ? CheckPeer(a, "127.0.0.1:1") : CheckPeer(a, a.m_strTarget);
 }
 

@@ -34,7 +34,7 @@ BenchConnection::~BenchConnection() {
 void BenchConnection::Connect() {
     m_bBlocked = true;
     if (StartConnect(m_Arguments, this, m_pConnector) != CM_OK)
-        m_Sink.OnBroken("cannot create a connector");
+        m_Sink.OnBroken({CAUSE_LOCAL, "cannot create a connector"});
 }
 
 void BenchConnection::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
@@ -43,9 +43,10 @@ void BenchConnection::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt,
     m_pTransport = aTrpt;
     const DWORD dwMax = GetMaxMessage(*m_pTransport);
     if (m_strMessage.size() > dwMax)
-        return m_Sink.OnBroken("--size: a message over this connection has at most " + std::to_string(dwMax) + " bytes");
+        return m_Sink.OnBroken(
+            {CAUSE_USAGE, "--size: a message over this connection has at most " + std::to_string(dwMax) + " bytes"});
     if (m_pTransport->OpenWithSink(this) != CM_OK)
-        return m_Sink.OnBroken("cannot use the connection");
+        return m_Sink.OnBroken({CAUSE_BROKEN, "cannot use the connection"});
     m_bBlocked = false;
     m_Reply = HttpReply();
     if (!m_bWasConnected) {
@@ -89,7 +90,7 @@ void BenchConnection::SendNext(int64_t aDue) {
     const CmResult rv = m_Outbox.Send(*m_pTransport, m_strMessage);
     m_bBlocked = rv != CM_OK;
     if (rv == CM_ERROR_OUT_OF_MEMORY)
-        m_Sink.OnBroken("cannot send: out of memory");
+        m_Sink.OnBroken({CAUSE_LOCAL, "cannot send: out of memory"});
     else if (rv == CM_OK && m_Plan.m_Kind == BenchPlan::ONE_WAY && !m_Plan.m_bTakesTimes)
         m_Sink.OnDone(aDue);
 }
@@ -115,7 +116,7 @@ void BenchConnection::OnBytes(std::string_view aBytes) {
         return OnHttp(aBytes);
     m_ullTakenBytes += aBytes.size();
     if (m_ullTakenBytes > m_ullSent * m_Plan.m_stSize || m_Plan.m_Kind == BenchPlan::ONE_WAY)
-        return m_Sink.OnBroken("the peer does not echo: it sent more than it got");
+        return m_Sink.OnBroken({CAUSE_PROTOCOL, "the peer does not echo: it sent more than it got"});
     while (m_ullTakenBytes >= (m_ullAnswered + 1) * m_Plan.m_stSize)
         Answer(m_ullAnswered);
     m_Sink.OnReady(*this);
@@ -140,7 +141,7 @@ void BenchConnection::OnHttp(std::string_view aBytes) {
         if (result == HttpReply::MORE)
             return;
         if (result == HttpReply::BROKEN || m_ullSent == m_ullAnswered)
-            return m_Sink.OnBroken("the server's reply is no HTTP/1.1 reply with a length");
+            return m_Sink.OnBroken({CAUSE_PROTOCOL, "the server's reply is no HTTP/1.1 reply with a length"});
         m_Sink.OnHttpStatus(m_Reply.GetStatus());
         Answer(m_ullAnswered);
         m_bBlocked = m_Reply.IsLast();  // OnDisconnect follows
@@ -155,15 +156,14 @@ void BenchConnection::Answer(uint64_t aNumber) {
 }
 
 void BenchConnection::OnDisconnect(CmResult aReason, ICmTransport*) {
-    const std::string strText =
-        "the connection to " + cm_address_text(m_Arguments.m_Addr) + " " + DescribeEnd(*m_pTransport, aReason);
+    const Failure failure = DescribeEnd("the connection to " + cm_address_text(m_Arguments.m_Addr), *m_pTransport, aReason);
     m_Outbox.Clear();
     m_bBlocked = true;
     m_pTransport.Reset();
     if (m_Plan.m_Kind == BenchPlan::HTTP && m_ullAnswered > 0)
         Connect();
     else
-        m_Sink.OnBroken(strText);
+        m_Sink.OnBroken(failure);
 }
 
 uint64_t BenchConnection::GetLate(int64_t aNow) const {

@@ -19,7 +19,7 @@ public:
     virtual void OnDone(int64_t aDueNs) = 0;                 // a message that was due then has its answer, or was taken
     virtual void OnHttpStatus(int aStatus) = 0;              // of a reply
     virtual void OnReady(BenchConnection& aConnection) = 0;  // its Send may have work again
-    virtual void OnBroken(const std::string& aText) = 0;     // the connection cannot be used any more
+    virtual void OnBroken(const Failure& aFailure) = 0;      // the connection cannot be used any more
     virtual ~BenchSink() = default;
 };
 

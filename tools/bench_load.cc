@@ -23,7 +23,7 @@ BenchLoad::BenchLoad(const Arguments& aArguments, const BenchPlan& aPlan, Applic
 
 void BenchLoad::Start() {
     if (!m_Pace.IsUsable())
-        return OnBroken("the system has no timer");
+        return OnBroken({CAUSE_LOCAL, "the system has no timer"});
     RequireMemory(m_Timer.Schedule(this, CCmTimeValue(CONNECT_SECONDS), 1));
     for (const auto& pConnection : m_vecConnections)
         pConnection->Connect();
@@ -69,16 +69,16 @@ void BenchLoad::OnDone(int64_t aDueNs) {
 
 void BenchLoad::OnHttpStatus(int aStatus) { m_ullOtherStatus += aStatus / 100 != 2; }
 
-void BenchLoad::OnBroken(const std::string& aText) {
-    m_Console.Problem(aText);
+void BenchLoad::OnBroken(const Failure& aFailure) {
+    m_Console.Problem(aFailure);
     m_Application.Finish(EXIT_FAILED);
 }
 
 void BenchLoad::OnTimer(CCmTimerWrapperID*) {
     if (m_Plan.m_llStart == 0)
-        return OnBroken("cannot connect to " + cm_address_text(m_Arguments.m_Addr) + ": " + std::to_string(m_stConnected) +
-                        " of " + std::to_string(m_vecConnections.size()) + " connections within " +
-                        std::to_string(CONNECT_SECONDS) + " s");
+        return OnBroken({CAUSE_TIMEOUT, "cannot connect to " + cm_address_text(m_Arguments.m_Addr) + ": " +
+                                            std::to_string(m_stConnected) + " of " + std::to_string(m_vecConnections.size()) +
+                                            " connections within " + std::to_string(CONNECT_SECONDS) + " s"});
     if (CountMissing() > 0 && m_nGrace++ < GRACE_TURNS)
         RequireMemory(m_Timer.Schedule(this, CCmTimeValue(0, GRACE_USEC), 1));
     else

@@ -45,7 +45,7 @@ private:
     void OnDone(int64_t aDueNs) override;
     void OnHttpStatus(int aStatus) override;
     void OnReady(BenchConnection& aConnection) override;
-    void OnBroken(const std::string& aText) override;
+    void OnBroken(const Failure& aFailure) override;
     void OnTimer(CCmTimerWrapperID* aId) override;
     void Send();
     void CallAt(int64_t aNanoseconds);

@@ -11,6 +11,8 @@ namespace tool {
 namespace {
 
 constexpr size_t SHORTEST_SECRET = 8;
+constexpr DWORD DEFAULT_SIZE = 64;
+constexpr DWORD MAX_DATAGRAM = 65507;
 
 // Datagrams need IP addresses.
 std::string CheckPath(const Arguments& a) {
@@ -65,9 +67,13 @@ void DeclareBind(CLI::App& aApp, Arguments& a) {
             "Local address to connect from, IPv4 or IPv6, with a port if one is needed");
 }
 
+void DeclareSize(CLI::App& aApp, Arguments& a) {
+    AddNumber(aApp, "--size", a.m_dwSize, 1, 16 << 20, "Bytes in a message (64)");
+}
+
 void DeclareSecret(CLI::App& aApp, Arguments& a, const char* aHelp) {
     AddFlag(aApp, "--secret", a.m_bSecret, aHelp);
-    AddText(aApp, "--secret-file", a.m_strSecretFile, "FILE", "The same with the file's first line as the secret");
+    AddText(aApp, "--secret-file", a.m_strSecretFile, "FILE", "As --secret, with the first line of FILE as the secret");
 }
 
 std::string CheckCommon(Arguments& a) {
@@ -99,6 +105,12 @@ std::string CheckPeer(Arguments& a, const std::string& aEndpoint) {
 std::string CheckBind(Arguments& a) {
     const std::string strProblem = a.m_strBind.empty() ? "" : ParseLocal(a.m_strBind, a.m_AddrLocal);
     return strProblem.empty() ? "" : "--bind: " + strProblem;
+}
+
+std::string CheckSize(Arguments& a) {
+    a.m_dwSize = a.m_dwSize == 0 ? DEFAULT_SIZE : a.m_dwSize;
+    const bool bLong = a.m_dwType == CCmConnectionManager::CTYPE_UDP && a.m_dwSize > MAX_DATAGRAM;
+    return bLong ? "--size: a datagram has at most " + std::to_string(MAX_DATAGRAM) + " bytes" : "";
 }
 
 std::string CheckSecret(Arguments& a) {

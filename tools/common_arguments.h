@@ -17,6 +17,7 @@ void DeclareUdp(CLI::App& aApp, Arguments& a);
 void DeclareListening(CLI::App& aApp, Arguments& a, const char* aDefault = "all addresses of the machine");
 void DeclareEndpoint(CLI::App& aApp, Arguments& a, const char* aHelp);
 void DeclareBind(CLI::App& aApp, Arguments& a);
+void DeclareSize(CLI::App& aApp, Arguments& a);
 // --secret and --secret-file. aHelp: of the first.
 void DeclareSecret(CLI::App& aApp, Arguments& a, const char* aHelp);
 
@@ -29,5 +30,7 @@ std::string CheckListening(Arguments& a);
 std::string CheckPeer(Arguments& a, const std::string& aEndpoint);
 std::string CheckBind(Arguments& a);
 std::string CheckSecret(Arguments& a);
+// Sets the default, 64 bytes. Datagrams have a limit.
+std::string CheckSize(Arguments& a);
 
 }  // namespace tool

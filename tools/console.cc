@@ -55,7 +55,7 @@ void Console::Problem(std::string_view aPlain, const JsonLine& aJson) {
     Complain(aPlain);
 }
 
-void Console::Problem(std::string_view aText, ECause aCause) { Problem(aText, JsonLine::Failed(aCause, aText)); }
+void Console::Problem(const Failure& aFailure) { Problem(aFailure.m_strReason, JsonLine::Failed(aFailure)); }
 
 void Console::Progress(std::string_view aPlain, const JsonLine& aJson) {
     if (m_Output != TERMINAL || s_Verbosity == QUIET) {

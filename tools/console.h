@@ -36,7 +36,7 @@ public:
     // A failure: "talvo: ..." on stderr, or the JSON object on stdout, see JsonLine::Failed.
     void Problem(std::string_view aPlain, const JsonLine& aJson);
     // The same for a failure without a subject of its own.
-    void Problem(std::string_view aText, ECause aCause = CAUSE_OTHER);
+    void Problem(const Failure& aFailure);
 
     // On a terminal a line that the next output overwrites; otherwise as Report. Not with QUIET.
     void Progress(std::string_view aPlain, const JsonLine& aJson);

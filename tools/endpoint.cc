@@ -95,22 +95,27 @@ bool IsHost(const std::string& aText) {
 }
 
 std::string DescribeCause(const CCmFailure& aFailure, CmResult aReason) {
-    return std::string(": ") + (aFailure ? aFailure.GetText() : cm_result_name(aReason));
+    return ": " + (aFailure ? std::string(aFailure.GetText()) : DescribeResult(aReason));
 }
 
-std::string DescribeConnectFailure(const CCmInetAddr& aAddr, ICmConnector& aConnector, CmResult aReason) {
+Failure DescribeConnectFailure(const CCmInetAddr& aAddr, ICmConnector& aConnector, CmResult aReason) {
     CCmFailure failure;
     if (ICmConnectOptions* pOptions = cm_get_connect_options(&aConnector))
         pOptions->GetOption(CM_OPT_CONNECT_FAILURE, &failure);
-    return DescribeRefusal(aAddr, aReason) + DescribeCause(failure, aReason);
+    const ECause cause = GetCause(aReason, failure);
+    return {cause == CAUSE_OTHER || cause == CAUSE_BROKEN ? CAUSE_CONNECT : cause,
+            DescribeRefusal(aAddr, aReason) + DescribeCause(failure, aReason)};
 }
 
-std::string DescribeEnd(ICmTransport& aTransport, CmResult aReason) {
+Failure DescribeEnd(const std::string& aConnection, ICmTransport& aTransport, CmResult aReason) {
     CCmFailure failure;
     const bool bKnown = aTransport.GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure) == CM_OK;
     if (bKnown && !failure)
-        return "was closed by the peer";
-    return (aReason == CM_ERROR_NETWORK_TLS_CUT ? "broke, and the stream was cut" : "broke") + DescribeCause(failure, aReason);
+        return {CAUSE_BROKEN, aConnection + " was closed by the peer"};
+    const ECause cause = GetCause(aReason, failure);
+    const bool bCut = aReason == CM_ERROR_NETWORK_TLS_CUT;
+    return {cause == CAUSE_OTHER ? CAUSE_BROKEN : cause,
+            aConnection + (bCut ? " broke, and the stream was cut" : " broke") + DescribeCause(failure, aReason)};
 }
 
 // The client of a Unix socket has no path.

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "talvo/talvo.h"
+#include "tools/failure.h"
 
 namespace tool {
 
@@ -30,13 +31,13 @@ bool IsHost(const std::string& aText);
 
 inline bool IsPath(const CCmInetAddr& aAddr) { return aAddr.GetType() == AF_UNIX; }
 
-// One line on a failed connect of aConnector; aReason is its result.
-std::string DescribeConnectFailure(const CCmInetAddr& aAddr, ICmConnector& aConnector, CmResult aReason);
+// Of a failed connect of aConnector; aReason is its result.
+Failure DescribeConnectFailure(const CCmInetAddr& aAddr, ICmConnector& aConnector, CmResult aReason);
 
-// For the end of "the connection ...": "was closed by the peer" or "broke: ...". Call it in OnDisconnect.
-std::string DescribeEnd(ICmTransport& aTransport, CmResult aReason);
+// Of the end of aConnection, such as "the connection to 192.0.2.7:7070". Call it in OnDisconnect.
+Failure DescribeEnd(const std::string& aConnection, ICmTransport& aTransport, CmResult aReason);
 
-// ": Connection refused", or the result's name if the cause is unknown.
+// ": Connection refused", or the text of the result if the cause is unknown.
 std::string DescribeCause(const CCmFailure& aFailure, CmResult aReason);
 
 // The transport's peer, for messages.

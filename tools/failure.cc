@@ -60,6 +60,8 @@ ECause GetCauseOfResult(CmResult aReason) {
     case CM_ERROR_NETWORK_CONNECT_REFUSED:
         return CAUSE_REFUSED;
     case CM_ERROR_OUT_OF_MEMORY:
+    case CM_ERROR_UNEXPECTED:
+    case CM_ERROR_NOT_AVAILABLE:
         return CAUSE_LOCAL;
     default:
         return CAUSE_OTHER;
@@ -85,5 +87,7 @@ ECause GetCause(CmResult aReason, const CCmFailure& aDetail) {
     }
     return GetCauseOfResult(aReason);
 }
+
+std::string DescribeResult(CmResult aResult) { return talvo::category().message(aResult); }
 
 }  // namespace tool

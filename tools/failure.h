@@ -28,6 +28,9 @@ const char* GetCauseName(ECause aCause);
 // The cause that a result of the library stands for. aDetail, if known, is more exact.
 ECause GetCause(CmResult aReason, const CCmFailure& aDetail = {});
 
+// The text of a result of the library, for people.
+std::string DescribeResult(CmResult aResult);
+
 // The outcome of an operation that can fail. Without a reason it has not failed.
 struct Failure {
     ECause m_Cause = CAUSE_OTHER;

@@ -47,13 +47,13 @@ Fetch::Fetch(const Arguments& aArguments, const GetJob& aJob, Output& aOutput, P
       m_Meter(aMeter),
       m_Rate(aRate),
       m_User(aUser),
-      m_ullBeginning(aOutput.GetTag().empty() ? 0 : aOutput.GetSize()) {}
+      m_ullBeginning(aOutput.GetEdition().m_strTag.empty() ? 0 : aOutput.GetSize()) {}
 
 Fetch::~Fetch() {
     if (m_pChannel)
         m_pChannel->Disconnect(CM_OK);
     if (m_bMetered)
-        m_Meter.End(m_ullAnnounced, m_ullGot);
+        m_Meter.End();
 }
 
 Failure Fetch::Start() {
@@ -64,7 +64,7 @@ Failure Fetch::Start() {
     if (failure)
         return failure;
     const CmResult rv = m_pChannel->AsyncOpen(this);
-    return {GetCause(rv), rv == CM_OK ? "" : std::string("cannot send the request (") + cm_result_name(rv) + ")"};
+    return {GetCause(rv), rv == CM_OK ? "" : "cannot send the request: " + DescribeResult(rv)};
 }
 
 Failure Fetch::OpenFileUrl(CCmHttpUrl& aUrl) {
@@ -113,7 +113,7 @@ CmResult Fetch::SetRequest() {
     if (rv == CM_OK && m_ullBeginning > 0)
         rv = m_pHttp->SetRequestHeader(Atoms::Range, "bytes=" + std::to_string(m_ullBeginning) + "-");
     if (rv == CM_OK && m_ullBeginning > 0)
-        rv = m_pHttp->SetRequestHeader(Atoms::If_Range, m_Output.GetTag());
+        rv = m_pHttp->SetRequestHeader(Atoms::If_Range, m_Output.GetEdition().m_strTag);
     for (auto field = m_Options.m_vecFields.begin(); rv == CM_OK && field != m_Options.m_vecFields.end(); ++field)
         rv = SetHeader(field->first, field->second);
     return rv;
@@ -138,8 +138,9 @@ void Fetch::OnConnect(CmResult, ICmChannel*) {
     const Failure failure = OnAnswer();
     if (failure)
         return Finish(failure);
-    m_ullAnnounced = std::strtoull(GetHeader(Atoms::Content_Length).c_str(), nullptr, 10);
-    m_Meter.Begin(m_ullAnnounced);
+    m_Meter.Begin();
+    if (GetLength() != FileEdition::NO_SIZE)
+        m_Meter.Expect(GetLength());
     m_bMetered = true;
 }
 
@@ -166,12 +167,12 @@ Failure Fetch::OnWhole() {
     if (!m_Output.MayBegin())
         return {CAUSE_CHANGED, "the server sent the whole file again, whose beginning was written before"};
     if (!IsCoded())
-        return Local(m_Output.Begin(GetVersion()));
+        return Local(m_Output.Begin({GetVersion(), GetLength()}));
     if (!IsGzip(GetHeader(Atoms::Content_Encoding)))
         return {CAUSE_PROTOCOL,
                 "the body has the coding '" + GetHeader(Atoms::Content_Encoding) + "', which was not asked for"};
     m_pDecoder = std::make_unique<GzipDecoder>();
-    return Local(m_Output.Begin(""));
+    return Local(m_Output.Begin({}));
 }
 
 // TRUE: the body has to be decoded. The body for a user's own Accept-Encoding is written as it is.
@@ -200,9 +201,15 @@ std::string Fetch::GetVersion() const {
 // TRUE: the answer is of the same version as the beginning. A server that ignores If-Range does not check that. A part repeats
 // the tag (RFC 9110, 15.3.7), but not the modification time; another answer need not repeat either.
 bool Fetch::IsSameVersion(bool aIsPart) const {
-    const std::string& strHad = m_Output.GetTag();
+    const std::string& strHad = m_Output.GetEdition().m_strTag;
     const std::string strNow = GetHeader(IsStrong(strHad) ? Atoms::ETag : Atoms::Last_Modified);
     return strNow == strHad || (strNow.empty() && !(aIsPart && IsStrong(strHad)));
+}
+
+// TRUE: the whole file may have aSize bytes, as far as the answer before has named its length.
+bool Fetch::IsSameSize(uint64_t aSize) const {
+    const uint64_t ullHad = m_Output.GetEdition().m_ullSize;
+    return ullHad == FileEdition::NO_SIZE || ullHad == aSize;
 }
 
 Failure Fetch::OnRest() {
@@ -210,7 +217,7 @@ Failure Fetch::OnRest() {
     if (!ParseContentRange(GetHeader(Atoms::Content_Range), range) || range.m_ullFirst != m_ullBeginning ||
         (range.m_ullSize != ContentRange::NO_SIZE && range.m_ullLast + 1 != range.m_ullSize))
         return {CAUSE_PROTOCOL, "the server sent another part than the rest"};
-    if (!IsSameVersion(true) || !GetHeader(Atoms::Content_Encoding).empty())
+    if (!IsSameVersion(true) || !IsSameSize(range.m_ullLast + 1) || !GetHeader(Atoms::Content_Encoding).empty())
         return {CAUSE_CHANGED, "the server sent a part of another version of the file"};
     m_ullRest = range.m_ullLast - range.m_ullFirst + 1;
     return Local(m_Output.Continue());
@@ -219,9 +226,16 @@ Failure Fetch::OnRest() {
 // The file is complete already, unless the server's answer contradicts.
 Failure Fetch::OnNothingLeft() {
     m_bSkip = true;
-    if (GetHeader(Atoms::Content_Range) == "bytes */" + std::to_string(m_ullBeginning) && IsSameVersion(false))
+    if (GetHeader(Atoms::Content_Range) == "bytes */" + std::to_string(m_ullBeginning) && IsSameVersion(false) &&
+        IsSameSize(m_ullBeginning))
         return Local(m_Output.Continue());
     return {CAUSE_CHANGED, "the part of '" + m_Job.m_strName + "' is not the beginning of the server's file"};
+}
+
+// Of the answer's body.
+uint64_t Fetch::GetLength() const {
+    const std::string strLength = GetHeader(Atoms::Content_Length);
+    return strLength.empty() ? FileEdition::NO_SIZE : std::strtoull(strLength.c_str(), nullptr, 10);
 }
 
 std::string Fetch::GetHeader(const CCmHttpAtom& aAtom) const {

@@ -62,7 +62,9 @@ private:
     Failure OnRest();
     Failure OnNothingLeft();
     bool IsSameVersion(bool aIsPart) const;
+    bool IsSameSize(uint64_t aSize) const;
     bool IsCoded() const;
+    uint64_t GetLength() const;
     std::string GetHeader(const CCmHttpAtom& aAtom) const;
     // The strong tag, or the time of the last change if that is old enough to identify a version; "": neither.
     std::string GetVersion() const;
@@ -85,7 +87,6 @@ private:
     CCmTimerWrapperID m_Timer;          // ends a pause
     std::unique_ptr<GzipDecoder> m_pDecoder;
     uint64_t m_ullBeginning = 0;   // bytes that existed before
-    uint64_t m_ullAnnounced = 0;   // of the body
     uint64_t m_ullRest = UNKNOWN;  // bytes that a partial answer will have
     uint64_t m_ullGot = 0;
     uint64_t m_ullWritten = 0;

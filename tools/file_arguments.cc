@@ -12,6 +12,7 @@
 #include "tools/proxy_arguments.h"
 #include "tools/text.h"
 #include "tools/tls_arguments.h"
+#include "tools/transfer_arguments.h"
 
 namespace tool {
 
@@ -63,6 +64,10 @@ void DeclareSend(CLI::App& aApp, Arguments& a) {
     DeclareProxy(aApp, a);
     DeclareBind(aApp, a);
     DeclareSecret(aApp, a, "Prove the shared secret in TALVO_SECRET or from the terminal, and demand the same of the receiver");
+    DeclareTransfer(aApp, a.m_Transfer);
+    AddNumber(
+        aApp, "--timeout", a.m_dwSilenceMs, 1, 86400000,
+        "Milliseconds of silence after which the receiver counts as lost (300000); a receiver shows every 30 s that it lives");
     AddText(aApp, "--name", a.m_strName, "NAME", "Name of stdin at the receiver (stdin)");
     // One list, which CheckSend splits: with a second positional argument, options could not follow the files.
     AddList(aApp, "FILE", a.m_vecFiles, "PATH... ENDPOINT",
@@ -88,6 +93,9 @@ std::string CheckSend(Arguments& a) {
     const std::string strName = CheckFileName(a.m_strName);
     if (!strName.empty())
         return "--name: " + strName;
+    const std::string strTransfer = CheckTransfer(a.m_Transfer);
+    if (!strTransfer.empty())
+        return strTransfer;
     const std::string strProxy = CheckProxy(a);
     return strProxy.empty() ? CheckSecret(a) : strProxy;
 }

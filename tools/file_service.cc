@@ -83,6 +83,17 @@ void FileService::OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcce
     }
 }
 
+// Without memory for it the line is left out.
+void FileService::OnRefused(int aStatus, const CCmHttpRequestHead& aRequest, const CCmInetAddr& aPeer, CmDword aBytes) {
+    if (!m_pLog)
+        return;
+    talvo::WithMemory([&] {
+        AccessRecord record(*m_pLog, aRequest, aPeer);
+        record.SetStatus(aStatus);
+        record.AddBytes(aBytes);
+    });
+}
+
 void FileService::Answer(ServedAnswer& aAnswer) const {
     const CCmHttpRequestHead& request = aAnswer.GetRequest();
     const CCmHttpAtom method = request.GetMethod();

@@ -9,13 +9,14 @@ namespace tool {
 
 // Answers GET and HEAD of files, with at most one range, and of directories: their index file, or a list of their entries.
 // Answers OPTIONS as well.
-class FileService : public ICmChannelServerAcceptorSink {
+class FileService : public ICmChannelServerAcceptorSink, public ICmHttpRefusalSink {
 public:
     // aLog: null without an access log. All three outlive the answers.
     FileService(const ServedDirectory& aDirectory, const ServeOptions& aOptions, AccessLog* aLog)
         : m_Directory(aDirectory), m_Options(aOptions), m_pLog(aLog) {}
 
     void OnRequest(ICmChannelHttpServer* aChannel, ICmChannelServerAcceptor* aAcceptor) override;
+    void OnRefused(int aStatus, const CCmHttpRequestHead& aRequest, const CCmInetAddr& aPeer, CmDword aBytes) override;
 
 private:
     // These may throw std::bad_alloc.

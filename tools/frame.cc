@@ -32,6 +32,7 @@ constexpr Limits LIMITS[] = {
     {EFrame::WELCOME, 1 + CHALLENGE_BYTES, 1 + CHALLENGE_BYTES},
     {EFrame::VERDICT, ID_BYTES + 1, ID_BYTES + 1},
     {EFrame::ALIVE, 0, 0},
+    {EFrame::DROPPED, 0, MAX_REASON},
     {EFrame::PROVED, HASH_BYTES, HASH_BYTES},
 };
 

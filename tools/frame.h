@@ -29,6 +29,7 @@ enum class EFrame : BYTE {
     WELCOME = 0x83,  // demands(1) challenge(32)
     VERDICT = 0x84,  // id(4) same(1)
     ALIVE = 0x85,    // empty
+    DROPPED = 0x86,  // reason(0..512)
     PROVED = 0x89    // HMAC(32)
 };
 

@@ -47,7 +47,9 @@ std::string GetRemoteName(const std::string& aUrl, std::string& aName) {
         path.m_strPath.clear();
     aName = GetBaseName(path.m_strPath);
     const std::string strFault = CheckFileName(aName);
-    return strFault.empty() ? "" : "'" + aUrl + "' gives no name for a file (" + strFault + "); use --out";
+    return strFault.empty()
+               ? ""
+               : "'" + aUrl + "' ends with no name for a file, which --remote-name needs (" + strFault + "); use --out FILE";
 }
 
 // The path of the file for a job; "": stdout.
@@ -73,7 +75,7 @@ std::string MakeJob(GetOptions& aOptions, const std::string& aUrl) {
         return strFault;
     const std::string strTarget = JudgeTarget(job.m_strName, job.m_Target);
     if (!strTarget.empty())
-        return "--out: " + strTarget;
+        return (aOptions.m_strOutput.empty() ? "--remote-name: " : "--out: ") + strTarget;
     for (const GetJob& other : aOptions.m_vecJobs) {
         if (job.m_Target.m_Kind != OutputTarget::STDOUT && other.m_Target.m_strPath == job.m_Target.m_strPath)
             return "two URLs have the file '" + job.m_strName + "'";
@@ -86,7 +88,7 @@ std::string CheckJobs(const Arguments& a) {
     const GetOptions& options = a.m_Get;
     for (const GetJob& job : options.m_vecJobs) {
         if (options.m_bContinue && job.m_Target.m_Kind != OutputTarget::REGULAR)
-            return "--continue needs --out with a file";
+            return "--continue needs a file, by --out or --remote-name";
         if (a.m_bJson && job.m_Target.m_Kind == OutputTarget::STDOUT)
             return "--json needs --out or --remote-name";
         if (IsFileUrl(job.m_strUrl) && (a.m_pContext || !a.m_Proxy.m_Route.IsEmpty()))
@@ -170,7 +172,8 @@ void DeclareGet(CLI::App& aApp, Arguments& a) {
     CLI::Option* pOut = aApp.add_option("-o,--out", options.m_strOutput,
                                         "File to write, named FILE.part until it is complete; by default, or with -: stdout")
                             ->option_text("FILE");
-    aApp.add_flag("-O,--remote-name", options.m_bRemoteName, "Name each file by the last part of its URL's path")
+    aApp.add_flag("-O,--remote-name", options.m_bRemoteName,
+                  "Write each URL to a file with the name of the last part of its path")
         ->excludes(pOut);
     aApp.add_option("--output-dir", options.m_strDirectory, "Directory for the files; without --out it implies --remote-name")
         ->option_text("DIR");

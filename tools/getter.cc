@@ -87,7 +87,7 @@ bool Getter::TryAgain(const Failure& aFailure) {
 bool Getter::MayRepeat(ECause aCause) const {
     const bool bUnsent = aCause == CAUSE_NAME || aCause == CAUSE_CONNECT;
     const auto* pFound = std::find(std::begin(IDEMPOTENT), std::end(IDEMPOTENT), m_Arguments.m_Get.m_strMethod);
-    const bool bGoesOn = m_pOutput->MayBegin() || !m_pOutput->GetTag().empty();
+    const bool bGoesOn = m_pOutput->MayBegin() || !m_pOutput->GetEdition().m_strTag.empty();
     return IsTemporary(aCause) && (bUnsent || pFound != std::end(IDEMPOTENT)) && bGoesOn;
 }
 
@@ -101,8 +101,7 @@ void Getter::OnTimer(CCmTimerWrapperID*) {
 void Getter::EndJob(const Failure& aFailure) {
     const GetJob& job = GetJobNow();
     if (aFailure && Application::GetPendingSignal() == 0)
-        m_Console.Problem(job.m_strUrl + ": " + aFailure.m_strReason,
-                          JsonLine::Failed(aFailure.m_Cause, aFailure.m_strReason).Add("url", job.m_strUrl));
+        m_Console.Problem(job.m_strUrl + ": " + aFailure.m_strReason, JsonLine::Failed(aFailure).Add("url", job.m_strUrl));
     else if (!aFailure && job.m_Target.m_Kind != OutputTarget::STDOUT)
         ReportResult();
     if (m_nStatus == EXIT_OK)

@@ -2,13 +2,15 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tools/text.h"
+
 namespace tool {
 
 namespace {
 
 template <class Value>
 std::string ToJson(const Value& aValue) {
-    return nlohmann::json(aValue).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return PrintableJson(nlohmann::json(aValue).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 }  // namespace
@@ -25,8 +27,8 @@ JsonLine& JsonLine::Add(std::string_view aKey, const std::vector<std::pair<doubl
     return AddRaw(aKey, ToJson(aPairs));
 }
 
-JsonLine JsonLine::Failed(ECause aCause, std::string_view aReason) {
-    return JsonLine("failed").Add("cause", GetCauseName(aCause)).Add("reason", aReason);
+JsonLine JsonLine::Failed(const Failure& aFailure) {
+    return JsonLine("failed").Add("cause", GetCauseName(aFailure.m_Cause)).Add("reason", aFailure.m_strReason);
 }
 
 JsonLine& JsonLine::AddRaw(std::string_view aKey, std::string_view aJson) {

@@ -32,7 +32,7 @@ public:
     }
 
     // A failure, to which the caller adds its subject: "name", "url" or "peer".
-    static JsonLine Failed(ECause aCause, std::string_view aReason);
+    static JsonLine Failed(const Failure& aFailure);
 
     std::string GetText() const { return m_strText + "}"; }
 

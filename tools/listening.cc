@@ -12,7 +12,7 @@ void AnnounceListening(const CCmInetAddr& aAddr, Console& aConsole) {
 }
 
 void ComplainOfListening(const CCmInetAddr& aAddr, const CCmFailure& aFailure, CmResult aReason, Console& aConsole) {
-    aConsole.Problem("cannot listen on " + cm_address_text(aAddr) + DescribeCause(aFailure, aReason));
+    aConsole.Problem({CAUSE_LOCAL, "cannot listen on " + cm_address_text(aAddr) + DescribeCause(aFailure, aReason)});
 }
 
 CmResult Listen(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink, CCmRefPtrT<ICmAcceptor>& aAcceptor,

@@ -118,8 +118,8 @@ DirectOutput::~DirectOutput() {
         close(m_nFd);
 }
 
-std::string DirectOutput::Begin(std::string_view aTag) {
-    m_strTag = aTag;
+std::string DirectOutput::Begin(const FileEdition& aEdition) {
+    m_Edition = aEdition;
     if (m_nFd >= 0)
         return "";
     m_nFd = m_strPath.empty() ? STDOUT_FILENO : OpenWithReader(m_strPath);

@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 
 #include "tools/text.h"
@@ -30,16 +32,20 @@ std::string LookFor(const std::string& aPath, bool& aThere, uint64_t& aSize) {
     return S_ISREG(status.st_mode) ? "" : "'" + aPath + "' exists and is not a regular file";
 }
 
-// "" if the file does not exist or was not written by Begin.
-std::string ReadTag(const std::string& aPath) {
+// Without a tag if the file does not exist or was not written by Begin.
+FileEdition ReadEdition(const std::string& aPath) {
     const FileHandle file(open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     struct stat status {};
     if (!file || fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode))
-        return "";
-    std::string strTag(MAX_TAG, '\0');
-    const ssize_t nDone = read(file.Get(), strTag.data(), strTag.size());
-    strTag.resize(nDone > 0 ? static_cast<size_t>(nDone) : 0);
-    return strTag;
+        return {};
+    std::string strText(MAX_TAG, '\0');
+    const ssize_t nDone = read(file.Get(), strText.data(), strText.size());
+    strText.resize(nDone > 0 ? static_cast<size_t>(nDone) : 0);
+    const size_t stEnd = std::min(strText.find('\n'), strText.size());
+    FileEdition edition{strText.substr(0, stEnd)};
+    const std::string_view size = std::string_view(strText).substr(std::min(stEnd + 1, strText.size()));
+    std::from_chars(size.data(), size.data() + size.size(), edition.m_ullSize);
+    return edition;
 }
 
 }  // namespace
@@ -54,8 +60,8 @@ std::string PartialFile::LookForBeginning() {
     bool bThere = false;
     uint64_t ullSize = 0;
     const std::string strProblem = LookFor(m_strPart, bThere, ullSize);
-    m_strTag = bThere ? ReadTag(m_strTagPath) : "";
-    m_ullSize = m_strTag.empty() ? 0 : ullSize;
+    m_Edition = bThere ? ReadEdition(m_strTagPath) : FileEdition();
+    m_ullSize = m_Edition.m_strTag.empty() ? 0 : ullSize;
     return strProblem;
 }
 
@@ -68,7 +74,7 @@ std::string PartialFile::Continue() {
     return bSame ? "" : "'" + m_strPart + "' has changed";
 }
 
-std::string PartialFile::Begin(std::string_view aTag) {
+std::string PartialFile::Begin(const FileEdition& aEdition) {
     std::string strProblem = OpenPart();
     if (!strProblem.empty())
         return strProblem;
@@ -81,7 +87,7 @@ std::string PartialFile::Begin(std::string_view aTag) {
     if (stat(m_strPath.c_str(), &status) == 0)  // a private file stays private
         fchmod(m_Part.Get(), status.st_mode & 0777);
     strProblem = Lock();
-    return strProblem.empty() ? WriteTag(aTag) : strProblem;
+    return strProblem.empty() ? WriteEdition(aEdition) : strProblem;
 }
 
 // m_Part stays empty if there is no part.
@@ -105,13 +111,15 @@ std::string PartialFile::Lock() const {
     return !bBusy && bSame ? "" : "another process is writing '" + m_strPart + "'";
 }
 
-std::string PartialFile::WriteTag(std::string_view aTag) const {
+std::string PartialFile::WriteEdition(const FileEdition& aEdition) const {
     if (unlink(m_strTagPath.c_str()) != 0 && errno != ENOENT)
         return Problem("cannot replace '" + m_strTagPath + "'");
-    if (aTag.empty())
+    if (aEdition.m_strTag.empty())
         return "";
+    const bool bSized = aEdition.m_ullSize != FileEdition::NO_SIZE;
+    const std::string strText = aEdition.m_strTag + (bSized ? "\n" + std::to_string(aEdition.m_ullSize) : "");
     FileHandle tag(open(m_strTagPath.c_str(), CREATE_FLAGS, 0666));
-    return tag && WriteAll(tag.Get(), aTag) && tag.Close() ? "" : Problem("cannot write '" + m_strTagPath + "'");
+    return tag && WriteAll(tag.Get(), strText) && tag.Close() ? "" : Problem("cannot write '" + m_strTagPath + "'");
 }
 
 std::string PartialFile::Write(std::string_view aBytes) {

@@ -11,8 +11,8 @@
 namespace tool {
 
 // Written as FILE.part and renamed to FILE when it is complete; until then FILE does not change. The part of a broken transfer
-// can be continued: FILE.part.tag stores the server's tag of this version of the file, so that two versions are never mixed. A
-// part without a tag is not continued, because it may be another file's.
+// can be continued: FILE.part.tag stores the server's tag of this version of the file, and on a second line its size if that is
+// known, so that two versions are never mixed. A part without a tag is not continued, because it may be another file's.
 // FILE.part is locked while it is written, so that a second process refuses. Neither of the two is created or opened through a
 // symbolic link.
 class PartialFile : public Output {
@@ -26,26 +26,26 @@ public:
     // Looks for a FILE.part with a tag. An earlier attempt of the same object is over.
     std::string LookForBeginning() override;
     uint64_t GetSize() const override { return m_ullSize; }
-    const std::string& GetTag() const override { return m_strTag; }
+    const FileEdition& GetEdition() const override { return m_Edition; }
     bool MayBegin() const override { return true; }
 
     std::string Continue() override;
     // Replaces an existing part.
-    std::string Begin(std::string_view aTag) override;
+    std::string Begin(const FileEdition& aEdition) override;
     std::string Write(std::string_view aBytes) override;
     std::string Publish() override;
 
 private:
     std::string OpenPart();
     std::string Lock() const;
-    std::string WriteTag(std::string_view aTag) const;
+    std::string WriteEdition(const FileEdition& aEdition) const;
 
     const std::string m_strPath;
     const std::string m_strPart;
     const std::string m_strTagPath;
     FileHandle m_Part;
     uint64_t m_ullSize = 0;  // of the beginning
-    std::string m_strTag;    // of the beginning
+    FileEdition m_Edition;   // of the beginning
 };
 
 }  // namespace tool

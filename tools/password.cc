@@ -1,6 +1,7 @@
 #include "tools/password.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tools/console.h"
 #include "tools/file_handle.h"
 #include "tools/text.h"
 
@@ -74,6 +76,9 @@ std::string ReadFile(const std::string& aPath, std::string& aPassword) {
     const FileHandle file(open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (!file)
         return "a readable file: '" + aPath + "': " + SystemError(errno);
+    struct stat status {};
+    if (fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0)
+        Console::Complain("warning: other users can read '" + aPath + "'; use chmod 600");
     ReadLine(file.Get(), NO_INTERRUPT, aPassword);
     return aPassword.empty() ? "a file whose first line is not empty" : "";
 }

@@ -7,7 +7,7 @@ namespace tool {
 
 // The places of a password.
 struct PasswordSource {
-    std::string m_strFile;    // its first line; "": no file
+    std::string m_strFile;    // its first line; "": no file. A file that other users can read gives a warning
     const char* m_pVariable;  // of the environment, removed when it is read; without a file
     std::string m_strPrompt;  // of the terminal, without echo; without both
 };

@@ -37,7 +37,7 @@ PingClient::~PingClient() {
 
 void PingClient::Start() {
     if (StartConnect(m_Arguments, this, m_pConnector) != CM_OK) {
-        GiveUp("cannot create a connector");
+        GiveUp({CAUSE_LOCAL, "cannot create a connector"});
         return;
     }
     // The connector's own time-out would end before a handshake does.
@@ -57,9 +57,9 @@ void PingClient::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmA
     }
     const DWORD dwMax = GetMaxMessage(*m_pTransport);
     if (!Open())
-        GiveUp("cannot use the connection");
+        GiveUp({CAUSE_BROKEN, "cannot use the connection"});
     else if (m_Arguments.m_dwSize > dwMax)
-        GiveUp("--size: a message over this connection has at most " + std::to_string(dwMax) + " bytes");
+        GiveUp({CAUSE_USAGE, "--size: a message over this connection has at most " + std::to_string(dwMax) + " bytes"});
     else
         SendNext();
 }
@@ -81,7 +81,7 @@ void PingClient::SendNext() {
     const CmResult rv = m_Outbox.Send(*m_pTransport, m_strMessage);
     // OnDisconnect reports a lost connection.
     if (rv == CM_ERROR_OUT_OF_MEMORY)
-        GiveUp("cannot send: out of memory");
+        GiveUp({CAUSE_LOCAL, "cannot send: out of memory"});
 }
 
 // Consecutive messages differ, so that a late answer does not count as the answer to the next message.
@@ -96,7 +96,7 @@ void PingClient::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportPa
         if (m_nTaken == m_strMessage.size())
             OnAnswer();
     } else if (!m_bMayLose) {
-        GiveUp("the peer does not echo: its answer differs from the message");
+        GiveUp({CAUSE_PROTOCOL, "the peer does not echo: its answer differs from the message"});
     }
 }
 
@@ -147,7 +147,7 @@ void PingClient::OnNoAnswer() {
         GoOn();
         return;
     }
-    GiveUp("no answer from " + m_strPeer + " within " + std::to_string(m_Arguments.m_dwTimeoutMs) + " ms");
+    GiveUp({CAUSE_TIMEOUT, "no answer from " + m_strPeer + " within " + std::to_string(m_Arguments.m_dwTimeoutMs) + " ms"});
 }
 
 void PingClient::GoOn() {
@@ -162,13 +162,13 @@ void PingClient::GoOn() {
 void PingClient::OnSend(ICmTransport*, CCmTransportParameter*) { m_Outbox.SendRest(*m_pTransport); }
 
 void PingClient::OnDisconnect(CmResult aReason, ICmTransport*) {
-    GiveUp("the connection to " + m_strPeer + " " + DescribeEnd(*m_pTransport, aReason));
+    GiveUp(DescribeEnd("the connection to " + m_strPeer, *m_pTransport, aReason));
 }
 
 void PingClient::OnSuspended(ICmTransport*, CmResult aReason) {
     m_TimerAnswer.Cancel();
-    m_Console.Report("the connection broke: " + std::string(cm_result_name(aReason)) + "; connecting again",
-                     JsonLine("suspended").Add("reason", cm_result_name(aReason)));
+    m_Console.Report("the connection broke: " + DescribeResult(aReason) + "; connecting again",
+                     JsonLine("suspended").Add("reason", DescribeResult(aReason)));
 }
 
 void PingClient::OnResumed(ICmTransport*, DWORD aMilliseconds) {
@@ -186,7 +186,8 @@ void PingClient::OnTimer(CCmTimerWrapperID* aId) {
     else if (m_pTransport)
         OnNoAnswer();
     else
-        GiveUp("cannot connect to " + m_strPeer + ": no answer within " + std::to_string(m_Arguments.m_dwTimeoutMs) + " ms");
+        GiveUp({CAUSE_TIMEOUT,
+                "cannot connect to " + m_strPeer + ": no answer within " + std::to_string(m_Arguments.m_dwTimeoutMs) + " ms"});
 }
 
 void PingClient::ReportStatistics() {
@@ -217,8 +218,8 @@ void PingClient::ReportStatistics() {
     m_Console.Result(strText, json.Add("p99_usec", p.m_dwP99).Add("max_usec", p.m_dwMax));
 }
 
-void PingClient::GiveUp(const std::string& aText) {
-    m_Console.Problem(aText);
+void PingClient::GiveUp(const Failure& aFailure) {
+    m_Console.Problem(aFailure);
     Close(EXIT_FAILED);
 }
 

@@ -47,7 +47,7 @@ private:
     void OnNoAnswer();
     void GoOn();
     void ShowProgress();
-    void GiveUp(const std::string& aText);
+    void GiveUp(const Failure& aFailure);
     void Close(int aStatus);
 
     const Arguments& m_Arguments;

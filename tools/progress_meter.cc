@@ -12,34 +12,28 @@ constexpr int64_t WINDOW_USEC = 5 * USEC;
 
 }  // namespace
 
-void ProgressMeter::Begin(uint64_t aSize) {
-    if (m_nFiles++ == 0)
-        m_Points = {{CCmClock::GetTimeOfDayUsec(), m_ullMoved}};
-    m_ullTotal += aSize;
+void ProgressMeter::Begin() {
+    if (m_nTransfers++ > 0)
+        return;
+    m_ullTotal = m_ullDone = 0;
+    m_Points = {{CCmClock::GetTimeOfDayUsec(), 0}};
 }
 
-void ProgressMeter::Advance(uint64_t aBytes) {
-    m_ullDone += aBytes;
-    m_ullMoved += aBytes;
-}
-
-void ProgressMeter::End(uint64_t aSize, uint64_t aMoved) {
-    --m_nFiles;
-    m_ullTotal -= aSize;
-    m_ullDone -= aMoved;
-}
+void ProgressMeter::End() { --m_nTransfers; }
 
 ProgressSample ProgressMeter::Sample() {
     const int64_t llNow = CCmClock::GetTimeOfDayUsec();
     Forget(llNow);
-    ProgressSample sample{m_ullDone, m_ullTotal, 0, -1};
+    const uint64_t ullLeft = m_ullTotal - m_ullDone;
+    const bool bKnown = m_nSearches == 0 && ullLeft <= uint64_t{INT64_MAX};
+    ProgressSample sample{m_ullDone, bKnown ? m_ullTotal : 0, 0, -1};
     if (!m_Points.empty() && llNow > m_Points.front().m_llUsec) {
         const double dSeconds = static_cast<double>(llNow - m_Points.front().m_llUsec) / USEC;
-        sample.m_ullRate = static_cast<uint64_t>(static_cast<double>(m_ullMoved - m_Points.front().m_ullMoved) / dSeconds);
+        sample.m_ullRate = static_cast<uint64_t>(static_cast<double>(m_ullDone - m_Points.front().m_ullDone) / dSeconds);
     }
-    if (sample.m_ullRate > 0 && m_ullTotal >= m_ullDone)
-        sample.m_llSecondsLeft = static_cast<int64_t>((m_ullTotal - m_ullDone + sample.m_ullRate - 1) / sample.m_ullRate);
-    m_Points.push_back({llNow, m_ullMoved});
+    if (sample.m_ullRate > 0 && bKnown)
+        sample.m_llSecondsLeft = static_cast<int64_t>((ullLeft + sample.m_ullRate - 1) / sample.m_ullRate);
+    m_Points.push_back({llNow, m_ullDone});
     return sample;
 }
 

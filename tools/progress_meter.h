@@ -14,14 +14,20 @@ struct ProgressSample {
     int64_t m_llSecondsLeft = -1;  // -1: unknown
 };
 
-// Counts over all files under way. Reads the time from the library's clock.
+// Counts over all transfers under way, each of one or more files. Files that are complete keep their share until the last
+// transfer has ended, so that the count does not run backwards. Reads the time from the library's clock.
 class ProgressMeter {
 public:
-    void Begin(uint64_t aSize);                 // a file of aSize bytes begins; 0 also if the size is unknown
-    void Advance(uint64_t aBytes);              // aBytes more were transferred
-    void End(uint64_t aSize, uint64_t aMoved);  // that file has ended, complete or not
+    void Begin();  // a transfer begins; the first one begins a new count
+    void End();
+    bool IsIdle() const { return m_nTransfers == 0; }
 
-    bool IsIdle() const { return m_nFiles == 0; }
+    void Expect(uint64_t aBytes) { m_ullTotal += aBytes; }  // more are to come; not for a file of unknown size
+    void Waive(uint64_t aBytes) { m_ullTotal -= aBytes; }   // some of them will not come, perhaps before they are expected
+    void Advance(uint64_t aBytes) { m_ullDone += aBytes; }  // aBytes more were transferred
+    // The total is unknown between these two: files are to come that are not expected yet.
+    void BeginSearch() { ++m_nSearches; }
+    void EndSearch() { --m_nSearches; }
 
     // The current progress. The rate is measured between the calls of the last few seconds, so call it regularly.
     ProgressSample Sample();
@@ -29,15 +35,15 @@ public:
 private:
     struct Point {
         int64_t m_llUsec;
-        uint64_t m_ullMoved;
+        uint64_t m_ullDone;
     };
 
     void Forget(int64_t aNow);
 
-    int m_nFiles = 0;
+    int m_nTransfers = 0;
+    int m_nSearches = 0;
     uint64_t m_ullTotal = 0;
     uint64_t m_ullDone = 0;
-    uint64_t m_ullMoved = 0;  // never decreases, unlike m_ullDone
     std::deque<Point> m_Points;
 };
 

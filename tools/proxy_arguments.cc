@@ -75,15 +75,15 @@ std::string CheckProxy(Arguments& a) {
 }
 
 void DeclareProxyLook(CLI::App& aApp, Arguments& a) {
-    aApp.add_option("URL", a.m_vecUrls, "URLs of which to show the routes; without one, --settings is meant")
+    aApp.add_option("URL", a.m_vecUrls, "URLs whose routes are shown; without one the settings are shown")
         ->option_text("URL...");
-    aApp.add_flag("--settings", a.m_bSettings, "Show each setting that was found, and its source");
+    aApp.add_flag("--settings", a.m_bSettings, "Show each setting and its source");
     CLI::Option* pScript =
         aApp.add_option("--script", a.m_strScript, "Auto-configuration script to ask instead of the user's settings")
             ->check(NotEmpty("a file or URL"))
             ->option_text("FILE|URL")
             ->excludes(aApp.get_option("--settings"));
-    aApp.add_option("--at", a.m_strAt, "Time that the script shall see, in the local zone: 2026-12-31T23:59")
+    aApp.add_option("--at", a.m_strAt, "Local time that the script gets instead of the present: 2026-12-31T23:59")
         ->check(NotEmpty("a time"))
         ->option_text("TIME")
         ->needs(pScript);

@@ -6,6 +6,18 @@
 
 namespace tool {
 
+namespace {
+
+Failure DescribeFailure(CmResult aResult) { return {GetCause(aResult), DescribeResult(aResult)}; }
+
+// A script that cannot be run, or ends with an error, counts as a violation by its server.
+ECause GetScriptCause(CmResult aResult) {
+    const ECause cause = GetCause(aResult);
+    return cause == CAUSE_OTHER ? CAUSE_PROTOCOL : cause;
+}
+
+}  // namespace
+
 ProxyLook::ProxyLook(const Arguments& aArguments, Application& aApplication, Console& aConsole)
     : m_Arguments(aArguments), m_Application(aApplication), m_Console(aConsole), m_bSettings(aArguments.m_bSettings) {
     ICmProxyScriptSink& sink = *this;
@@ -26,7 +38,7 @@ void ProxyLook::Start() {
     const CmResult settings = rv == CM_OK ? pDiscovery->FindSettings(this) : rv;
     if (settings == CM_ERROR_WOULD_BLOCK)
         return;
-    ShowFailure("the settings", cm_result_name(settings));
+    ShowFailure("the settings", DescribeFailure(settings));
     m_Application.Finish(m_nStatus);
 }
 
@@ -39,7 +51,7 @@ void ProxyLook::AskNext() {
         if (rv == CM_ERROR_WOULD_BLOCK)
             return;
         if (rv != CM_OK)
-            ShowFailure(m_strUrl, cm_result_name(rv));
+            ShowFailure(m_strUrl, DescribeFailure(rv));
     }
     m_Application.Finish(m_nStatus);
 }
@@ -66,7 +78,7 @@ void ProxyLook::OnObserve(const char*, void* aData) {
 
 void ProxyLook::ShowSettings(const CCmProxyAnswer& aAnswer) {
     if (aAnswer.GetResult() != CM_OK)
-        ShowFailure("the settings", cm_result_name(aAnswer.GetResult()));
+        ShowFailure("the settings", DescribeFailure(aAnswer.GetResult()));
     for (const CCmProxySetting& setting : aAnswer.GetSettings()) {
         const JsonLine json = JsonLine("setting")
                                   .Add("source", setting.m_strSource)
@@ -78,11 +90,11 @@ void ProxyLook::ShowSettings(const CCmProxyAnswer& aAnswer) {
 
 void ProxyLook::ShowAnswer(const CCmProxyAnswer& aAnswer, bool aKept) {
     if (!aAnswer.GetError().empty())
-        ShowFailure(m_strUrl, aAnswer.GetError());
+        ShowFailure(m_strUrl, {GetScriptCause(aAnswer.GetResult()), aAnswer.GetError()});
     if (aAnswer.GetResult() == CM_OK)
         ShowRoute(aAnswer.GetRoute().GetScriptText(), aAnswer.GetSource(), aKept);
     else if (aAnswer.GetError().empty())
-        ShowFailure(m_strUrl, cm_result_name(aAnswer.GetResult()));
+        ShowFailure(m_strUrl, DescribeFailure(aAnswer.GetResult()));
 }
 
 void ProxyLook::ShowRoute(const std::string& aRoute, const std::string& aSource, bool aKept) {
@@ -94,8 +106,8 @@ void ProxyLook::ShowRoute(const std::string& aRoute, const std::string& aSource,
     m_Console.Result(m_strUrl + ": " + aRoute + ", from " + aSource + (aKept ? ", kept, " : ", ") + szMs, json);
 }
 
-void ProxyLook::ShowFailure(const std::string& aWhat, const std::string& aReason) {
-    m_Console.Problem(aWhat + ": " + aReason, JsonLine::Failed(CAUSE_OTHER, aReason).Add("url", aWhat));
+void ProxyLook::ShowFailure(const std::string& aWhat, const Failure& aFailure) {
+    m_Console.Problem(aWhat + ": " + aFailure.m_strReason, JsonLine::Failed(aFailure).Add("url", aWhat));
     m_nStatus = EXIT_FAILED;
 }
 
@@ -104,7 +116,7 @@ void ProxyLook::OnProxyScriptAlert(const CCmString& aText) { std::fprintf(stderr
 void ProxyLook::OnProxyScriptEnd(CmResult aReason, const CCmString& aText) {
     CCmProxyRoute route = CCmProxyRoute::Direct();
     if (aReason != CM_OK)
-        ShowFailure(m_strUrl, aText);
+        ShowFailure(m_strUrl, {GetScriptCause(aReason), aText});
     else if (CCmProxyRoute::FromScript(aText, route) != CM_ERROR_OUT_OF_MEMORY)  // no valid entry: DIRECT
         ShowRoute(route.GetScriptText(), "script " + m_Arguments.m_strScript, false);
     AskNext();

@@ -34,7 +34,7 @@ private:
     void ShowSettings(const CCmProxyAnswer& aAnswer);
     void ShowAnswer(const CCmProxyAnswer& aAnswer, bool aKept);
     void ShowRoute(const std::string& aRoute, const std::string& aSource, bool aKept);
-    void ShowFailure(const std::string& aWhat, const std::string& aReason);
+    void ShowFailure(const std::string& aWhat, const Failure& aFailure);
 
     const Arguments& m_Arguments;
     Application& m_Application;

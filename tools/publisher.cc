@@ -85,12 +85,12 @@ Publisher::~Publisher() {
 
 void Publisher::Start() {
     if (CCmConnectionManager::Instance()->CreateForwardSession(this, m_pSession.ParaOut()) != CM_OK)
-        return Complain("cannot create a session");
+        return Complain({CAUSE_LOCAL, "cannot create a session"});
     if (!StartListening(m_Arguments, this, m_Console, m_pAcceptor))
         return m_Application.Finish(EXIT_FAILED);
     const std::string strProblem = m_Source.Start(m_Arguments.m_strFile);
     if (!strProblem.empty())
-        return Complain(strProblem);
+        return Complain({CAUSE_LOCAL, strProblem});
     RequireMemory(m_Watch.Schedule(this, WATCH_INTERVAL));
 }
 
@@ -131,7 +131,7 @@ void Publisher::OnReceiver(DWORD aId, CmResult aReason) {
     ReportDrops(aId, peer);
     const bool bSlow = aReason == CM_ERROR_PARTIAL_DATA;
     m_Console.Report("receiver " + std::to_string(aId) + (bSlow ? " was too slow and is disconnected" : " has left"),
-                     JsonLine("left").Add("receiver", aId).Add("slow", bSlow).Add("reason", cm_result_name(aReason)));
+                     JsonLine("left").Add("receiver", aId).Add("slow", bSlow).Add("reason", DescribeResult(aReason)));
     m_Receivers.erase(aId);
     Forget(peer.m_pTransport.Get());
 }
@@ -156,9 +156,9 @@ bool Publisher::OnLine(const std::string& aLine) {
     header.m_ullKey = GetKey(aLine);
     const CmResult rv = m_pSession->Forward(message, &header);
     if (rv == CM_ERROR_INVALID_ARG)
-        m_Console.Problem("a line of " + std::to_string(dwLength - 1) + " bytes is too long and was not sent");
+        m_Console.Problem({CAUSE_LOCAL, "a line of " + std::to_string(dwLength - 1) + " bytes is too long and was not sent"});
     else if (rv != CM_OK && rv != CM_ERROR_PARTIAL_DATA)
-        Complain("cannot forward: " + std::string(cm_result_name(rv)));
+        Complain({GetCause(rv), "cannot forward: " + DescribeResult(rv)});
     return rv != CM_ERROR_PARTIAL_DATA;
 }
 
@@ -174,7 +174,7 @@ uint64_t Publisher::GetKey(const std::string& aLine) const {
 
 void Publisher::OnEnd(const std::string& aProblem) {
     if (!aProblem.empty())
-        return Complain(aProblem);
+        return Complain({CAUSE_LOCAL, aProblem});
     m_bEnded = true;
     m_dwProgress = get_tick_count();
     FinishWhenSent();
@@ -199,12 +199,12 @@ void Publisher::FinishWhenSent() {
     m_Watch.Cancel();
     if (bAll)
         return m_Application.Finish(EXIT_OK);
-    Complain(std::to_string(statistics.m_Lag.m_ullMessages) + " messages remain: no receiver has taken one for " +
-             std::to_string(ullSeconds) + " s");
+    Complain({CAUSE_TIMEOUT, std::to_string(statistics.m_Lag.m_ullMessages) +
+                                 " messages remain: no receiver has taken one for " + std::to_string(ullSeconds) + " s"});
 }
 
-void Publisher::Complain(const std::string& aText) {
-    m_Console.Problem(aText);
+void Publisher::Complain(const Failure& aFailure) {
+    m_Console.Problem(aFailure);
     m_Application.Finish(EXIT_FAILED);
 }
 

@@ -42,7 +42,7 @@ private:
     void Forget(ICmTransport* aTransport);
     void ReportDrops(DWORD aId, Peer& aPeer);
     void FinishWhenSent();
-    void Complain(const std::string& aText);
+    void Complain(const Failure& aFailure);
     uint64_t GetKey(const std::string& aLine) const;
 
     const Arguments& m_Arguments;

@@ -12,13 +12,8 @@ Receiver::Receiver(const Arguments& aArguments, std::shared_ptr<IncomingFolder> 
       m_Application(aApplication),
       m_Console(aConsole),
       m_Progress(aConsole),
-      m_Context{*this,
-                aConsole,
-                m_Progress.GetMeter(),
-                std::move(aOut),
-                SharedSecret(aArguments.m_strSecret),
-                aArguments.m_bForce,
-                (aArguments.m_dwType & CCmConnectionManager::CTYPE_PDU_PACKAGE) != 0} {}
+      m_Context{
+          *this, aConsole, m_Progress.GetMeter(), std::move(aOut), SharedSecret(aArguments.m_strSecret), aArguments.m_bForce} {}
 
 Receiver::~Receiver() {
     if (m_pAcceptor)

@@ -26,10 +26,7 @@ RecvSession::RecvSession(const RecvContext& aContext, ICmTransport* aTransport)
       m_strChallenge(SharedSecret::MakeChallenge()) {}
 
 RecvSession::~RecvSession() {
-    while (!m_Files.empty()) {
-        m_Files.begin()->second.m_Disk.KeepPart();
-        CloseFile(m_Files.begin()->first);
-    }
+    CloseAll();
     if (m_pTransport)
         m_pTransport->Disconnect(CM_OK);
 }
@@ -46,7 +43,7 @@ void RecvSession::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportP
     EndUnless([&] {
         const FrameParser::EResult result = m_Parser.Feed(aData, *this);
         if (result == FrameParser::BROKEN)
-            Fault("it does not speak the protocol of talvo send");
+            Fault(CAUSE_PROTOCOL, "it does not speak the protocol of talvo send");
         return result == FrameParser::ALL_READ;
     });
 }
@@ -54,7 +51,10 @@ void RecvSession::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportP
 void RecvSession::OnSend(ICmTransport*, CCmTransportParameter*) { m_Answers.SendRest(*m_pTransport); }
 
 void RecvSession::OnDisconnect(CmResult aReason, ICmTransport*) {
-    EndUnless([&] { return Fault("the connection " + DescribeEnd(*m_pTransport, aReason)); });
+    EndUnless([&] {
+        m_Fault = DescribeEnd("the connection", *m_pTransport, aReason);
+        return false;
+    });
 }
 
 void RecvSession::OnTimer(CCmTimerWrapperID* aId) {
@@ -66,7 +66,7 @@ void RecvSession::OnTimer(CCmTimerWrapperID* aId) {
         CCmReconnectStatus gaps;
         if (m_pTransport->GetOption(CM_OPT_TRANSPORT_RECONNECT_STATUS, &gaps) == CM_OK && gaps.m_bSuspended)
             return m_Timer.Schedule(this, CCmTimeValue(HELLO_SECONDS), 1) == CM_OK;
-        return Fault("it sent nothing for " + std::to_string(HELLO_SECONDS) + " seconds");
+        return Fault(CAUSE_TIMEOUT, "it sent nothing for " + std::to_string(HELLO_SECONDS) + " seconds");
     });
 }
 
@@ -75,16 +75,17 @@ template <class Step>
 void RecvSession::EndUnless(const Step& aStep) {
     bool bGoesOn = false;
     if (!talvo::WithMemory([&] { bGoesOn = aStep(); }))
-        m_strFault = OUT_OF_MEMORY;
+        m_Fault = {CAUSE_LOCAL, OUT_OF_MEMORY};
     if (!bGoesOn)
         End();
 }
 
 bool RecvSession::OnFrame(EFrame aType, std::string_view aPayload) {
     if ((aType == EFrame::HELLO) != (m_State == WAIT_HELLO))
-        return Fault("it does not begin with one HELLO, as talvo send does");
+        return Fault(CAUSE_PROTOCOL, "it does not begin with one HELLO, as talvo send does");
     if ((aType == EFrame::PROOF) != (m_State == WAIT_PROOF) && m_State != WAIT_HELLO)
-        return Fault(m_State == WAIT_PROOF ? "it has not proved the shared secret" : "it proves a secret that nobody demands");
+        return Fault(CAUSE_REFUSED,
+                     m_State == WAIT_PROOF ? "it has not proved the shared secret" : "it proves a secret that nobody demands");
     switch (aType) {
     case EFrame::HELLO:
         return OnHello(aPayload);
@@ -108,43 +109,45 @@ bool RecvSession::OnFrame(EFrame aType, std::string_view aPayload) {
     case EFrame::WELCOME:
     case EFrame::VERDICT:
     case EFrame::ALIVE:
+    case EFrame::DROPPED:
     case EFrame::PROVED:
         break;
     }
-    return Fault("it sent a frame that only a receiver sends");
+    return Fault(CAUSE_PROTOCOL, "it sent a frame that only a receiver sends");
 }
 
 bool RecvSession::OnHello(std::string_view aPayload) {
     if (!DecodeHello(aPayload, m_strPeerChallenge))
-        return Fault("it speaks another version of the protocol");
+        return Fault(CAUSE_PROTOCOL, "it speaks another version of the protocol");
     if (m_strChallenge.empty())
-        return Fault("the system has no random numbers");
+        return Fault(CAUSE_LOCAL, "the system has no random numbers");
     const bool bDemands = m_Context.m_Secret.IsSet();
-    m_State = bDemands ? WAIT_PROOF : SERVING;
+    if (bDemands)
+        m_State = WAIT_PROOF;
     return Answer(EncodeWelcome(bDemands, m_strChallenge)) && (bDemands || BeginServing());
 }
 
 bool RecvSession::OnProof(std::string_view aPayload) {
     const SharedSecret& secret = m_Context.m_Secret;
     if (!secret.Check(SharedSecret::SENDER, m_strPeerChallenge, m_strChallenge, aPayload))
-        return Fault("it has another shared secret");
-    m_State = SERVING;
+        return Fault(CAUSE_REFUSED, "it has another shared secret");
     return Answer(EncodeFrame(EFrame::PROVED, secret.Prove(SharedSecret::RECEIVER, m_strPeerChallenge, m_strChallenge))) &&
            BeginServing();
 }
 
 bool RecvSession::BeginServing() {
-    m_Timer.Cancel();
-    if (m_Context.m_bSignsOfLife)
-        m_Timer.Schedule(this, CCmTimeValue(SIGN_SECONDS));
-    return m_Context.m_Owner.OnSessionBegin(*this) || Fault("another sender is being served");
+    m_State = SERVING;
+    m_Context.m_Meter.Begin();
+    RequireMemory(m_Timer.Schedule(this, CCmTimeValue(SIGN_SECONDS)));
+    return m_Context.m_Owner.OnSessionBegin(*this) || Fault(CAUSE_REFUSED, "another sender is being served");
 }
 
 bool RecvSession::DecodeNew(std::string_view aPayload, FrameEntry& aEntry) {
     if (!DecodeEntry(aPayload, aEntry) || m_Files.contains(aEntry.m_dwId) || m_Folders.contains(aEntry.m_dwId) ||
         m_Skipped.contains(aEntry.m_dwId))
-        return Fault("it began a file with a bad frame");
-    return m_Files.size() + m_Folders.size() + m_Skipped.size() < MOST_OPEN || Fault("it began too many files at once");
+        return Fault(CAUSE_PROTOCOL, "it began a file with a bad frame");
+    return m_Files.size() + m_Folders.size() + m_Skipped.size() < MOST_OPEN ||
+           Fault(CAUSE_PROTOCOL, "it began too many files at once");
 }
 
 // Null: aProblem is why nothing can be put there.
@@ -170,7 +173,7 @@ bool RecvSession::OnFile(std::string_view aPayload) {
         return Refuse(entry.m_dwId, pFolder ? pFolder->GetPath(entry.m_strName) : entry.m_strName, strProblem);
     File& file = m_Files.try_emplace(entry.m_dwId, pFolder, entry, m_Context.m_bForce).first->second;
     file.m_ullMetered = entry.m_ullSize == UNKNOWN_SIZE ? 0 : entry.m_ullSize;
-    m_Context.m_Meter.Begin(file.m_ullMetered);
+    m_Context.m_Meter.Expect(file.m_ullMetered);
     strProblem = file.m_Disk.Open();
     if (!strProblem.empty())
         return RefuseCurrent(entry.m_dwId, strProblem, false);
@@ -194,6 +197,7 @@ bool RecvSession::OnFolder(std::string_view aPayload) {
     if (!strProblem.empty())
         return Refuse(entry.m_dwId, strPath, strProblem);
     m_Folders.emplace(entry.m_dwId, pFolder);
+    m_Context.m_Meter.BeginSearch();
     return Answer(EncodeAccept(entry.m_dwId, 0));
 }
 
@@ -212,9 +216,9 @@ bool RecvSession::HashBeginnings() {
 bool RecvSession::OnResume(DWORD aId, std::string_view aHash) {
     const auto it = m_Files.find(aId);
     if (it == m_Files.end())
-        return m_Skipped.contains(aId) || Fault("it continues a file that it had not begun");
+        return m_Skipped.contains(aId) || Fault(CAUSE_PROTOCOL, "it continues a file that it had not begun");
     if (!it->second.m_bOffered || !it->second.m_strSendersHash.empty())
-        return Fault("it continues a file of which nothing is here");
+        return Fault(CAUSE_PROTOCOL, "it continues a file of which nothing is here");
     it->second.m_strSendersHash = aHash;
     return Decide(aId, it->second);
 }
@@ -232,9 +236,8 @@ bool RecvSession::Decide(DWORD aId, File& aFile) {
     if (bSame) {
         aFile.m_Disk.GoOn();
         aFile.m_ullGot = aFile.m_ullContinued = ullBeginning;
-        m_Context.m_Meter.End(aFile.m_ullMetered, 0);
         aFile.m_ullMetered -= ullBeginning;
-        m_Context.m_Meter.Begin(aFile.m_ullMetered);
+        m_Context.m_Meter.Waive(ullBeginning);
     }
     return Answer(EncodeVerdict(aId, bSame));
 }
@@ -244,7 +247,7 @@ bool RecvSession::OnData(DWORD aId, std::string_view aPiece) {
         return true;
     const auto it = m_Files.find(aId);
     if (it == m_Files.end() || it->second.m_bOffered || aPiece.size() > it->second.m_ullSize - it->second.m_ullGot)
-        return Fault("it sent data that belongs to no file");
+        return Fault(CAUSE_PROTOCOL, "it sent data that belongs to no file");
     File& file = it->second;
     const std::string strProblem = file.m_Disk.Write(aPiece);
     if (!strProblem.empty())
@@ -261,16 +264,17 @@ bool RecvSession::OnEnd(DWORD aId, std::string_view aHash) {
         return EndFolder(aId);
     const auto it = m_Files.find(aId);
     if (it == m_Files.end())
-        return Fault("it ended a file that it had not begun");
+        return Fault(CAUSE_PROTOCOL, "it ended a file that it had not begun");
     const File& file = it->second;
     if (file.m_bOffered || (file.m_ullSize != UNKNOWN_SIZE && file.m_ullGot != file.m_ullSize))
-        return Fault("it ended a file too early");
+        return Fault(CAUSE_PROTOCOL, "it ended a file too early");
     return Keep(aId, aHash);
 }
 
 bool RecvSession::EndFolder(DWORD aId) {
     const std::shared_ptr<IncomingFolder> pFolder = m_Folders.at(aId);
     m_Folders.erase(aId);
+    m_Context.m_Meter.EndSearch();
     const std::string strProblem = pFolder->Finish();
     return strProblem.empty() ? Answer(EncodeResult(aId, true, "")) : Refuse(aId, pFolder->GetPath(""), strProblem);
 }
@@ -306,29 +310,28 @@ bool RecvSession::OnAbort(DWORD aId, std::string_view aReason) {
     if (m_Skipped.erase(aId) > 0)
         return true;
     if (!m_Files.contains(aId))
-        return Fault("it aborted a file that it had not begun");
+        return Fault(CAUSE_PROTOCOL, "it aborted a file that it had not begun");
     return RefuseCurrent(aId, "the sender aborted: " + std::string(aReason), false);
 }
 
 bool RecvSession::OnBye() {
     if (!m_Files.empty() || !m_Folders.empty())
-        return Fault("it ended the session within a file");
+        return Fault(CAUSE_PROTOCOL, "it ended the session within a file");
     m_bSaidBye = true;
     return false;
 }
 
-bool RecvSession::Fault(std::string_view aText) {
-    m_strFault = aText;
+bool RecvSession::Fault(ECause aCause, std::string_view aText) {
+    m_Fault = {aCause, std::string(aText)};
     return false;
 }
 
-// The peer reads its answers: one for which they pile up breaks the protocol.
+// The peer reads its answers: one for which they pile up breaks the protocol. OnDisconnect reports a lost connection.
 bool RecvSession::Answer(std::string_view aFrame) {
     const CmResult rv = m_Answers.Send(*m_pTransport, aFrame);
-    if (rv == CM_OK || (rv == CM_ERROR_PARTIAL_DATA && m_Answers.GetCount() < MOST_ANSWERS))
-        return true;
-    return Fault(rv == CM_ERROR_PARTIAL_DATA ? "it does not read the answers"
-                                             : std::string("the connection broke: ") + cm_result_name(rv));
+    RequireMemory(rv);
+    return rv != CM_ERROR_PARTIAL_DATA || m_Answers.GetCount() < MOST_ANSWERS ||
+           Fault(CAUSE_PROTOCOL, "it does not read the answers");
 }
 
 bool RecvSession::RefuseCurrent(DWORD aId, const std::string& aReason, bool aSkip) {
@@ -342,28 +345,44 @@ bool RecvSession::RefuseCurrent(DWORD aId, const std::string& aReason, bool aSki
 bool RecvSession::Refuse(DWORD aId, const std::string& aPath, const std::string& aReason) {
     ++m_nRefused;
     m_Context.m_Console.Problem("refused " + aPath + " from " + m_strPeer + ": " + aReason,
-                                JsonLine::Failed(CAUSE_REFUSED, aReason).Add("name", aPath).Add("peer", m_strPeer));
+                                JsonLine::Failed({CAUSE_REFUSED, aReason}).Add("name", aPath).Add("peer", m_strPeer));
     return Answer(EncodeResult(aId, false, aReason));
 }
 
 void RecvSession::CloseFile(DWORD aId) {
     const auto it = m_Files.find(aId);
-    m_Context.m_Meter.End(it->second.m_ullMetered, it->second.m_ullGot - it->second.m_ullContinued);
+    const uint64_t ullMoved = it->second.m_ullGot - it->second.m_ullContinued;
+    if (it->second.m_ullMetered > ullMoved)
+        m_Context.m_Meter.Waive(it->second.m_ullMetered - ullMoved);
     m_Files.erase(it);
+}
+
+// The parts stay for a later session.
+void RecvSession::CloseAll() {
+    for (; !m_Folders.empty(); m_Folders.erase(m_Folders.begin()))
+        m_Context.m_Meter.EndSearch();
+    while (!m_Files.empty()) {
+        m_Files.begin()->second.m_Disk.KeepPart();
+        CloseFile(m_Files.begin()->first);
+    }
+    if (m_State == SERVING)
+        m_Context.m_Meter.End();
+    m_State = OVER;
 }
 
 void RecvSession::ReportEnd() {
     if (m_bSaidBye)
         return;
     std::vector<std::string> vecNames;
-    std::string strText = "dropped " + m_strPeer + ": " + m_strFault;
+    std::string strText = "dropped " + m_strPeer + ": " + m_Fault.m_strReason;
     for (auto& [dwId, file] : m_Files) {
         vecNames.push_back(file.m_strPath);
         strText += "; " + file.m_strPath + (file.m_Disk.IsKept() ? " can be continued (" : " was removed (") +
                    FormatBytes(file.m_ullGot) + " had arrived)";
     }
-    m_Context.m_Console.Problem(strText,
-                                JsonLine::Failed(CAUSE_BROKEN, m_strFault).Add("peer", m_strPeer).Add("incomplete", vecNames));
+    m_Context.m_Console.Problem(strText, JsonLine::Failed(m_Fault).Add("peer", m_strPeer).Add("incomplete", vecNames));
+    if (m_State != WAIT_HELLO)
+        m_Answers.Send(*m_pTransport, EncodeFrame(EFrame::DROPPED, m_Fault.m_strReason.substr(0, MAX_REASON)));
 }
 
 void RecvSession::End() {
@@ -373,8 +392,7 @@ void RecvSession::End() {
         ComplainOfMemory();
     m_Timer.Cancel();
     m_HashTimer.Cancel();
-    while (!m_Files.empty())
-        CloseFile(m_Files.begin()->first);
+    CloseAll();
     m_Context.m_Owner.OnSessionEnd(*this, m_bSaidBye && m_nRefused == 0);
 }
 

@@ -35,7 +35,6 @@ struct RecvContext {
     const std::shared_ptr<IncomingFolder> m_pOut;
     const SharedSecret m_Secret;
     bool m_bForce;
-    bool m_bSignsOfLife;  // the connection type closes connections after a long silence
 };
 
 // Receives files and folders, several at a time, and answers each. Disconnects a peer that breaks the rules of
@@ -53,7 +52,8 @@ private:
     enum EState {
         WAIT_HELLO,  // the timer ends it
         WAIT_PROOF,  // likewise
-        SERVING      // the timer sends signs of life, if wanted
+        SERVING,     // the timer sends signs of life
+        OVER         // the owner may delete it
     };
 
     // A file under way.
@@ -80,7 +80,7 @@ private:
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
     void OnTimer(CCmTimerWrapperID* aId) override;
 
-    // These return false if the session has to end: m_strFault is the reason, or the sender sent BYE.
+    // These return false if the session has to end: m_Fault is the reason, or the sender sent BYE.
     bool OnFrame(EFrame aType, std::string_view aPayload) override;
     bool OnData(DWORD aId, std::string_view aPiece) override;
     bool OnHello(std::string_view aPayload);
@@ -92,7 +92,7 @@ private:
     bool OnEnd(DWORD aId, std::string_view aHash);
     bool OnAbort(DWORD aId, std::string_view aReason);
     bool OnBye();
-    bool Fault(std::string_view aText);
+    bool Fault(ECause aCause, std::string_view aText);
     bool Answer(std::string_view aFrame);
     bool DecodeNew(std::string_view aPayload, FrameEntry& aEntry);
     std::shared_ptr<IncomingFolder> FindFolder(const FrameEntry& aEntry, std::string& aProblem) const;
@@ -107,6 +107,7 @@ private:
     template <class Step>
     void EndUnless(const Step& aStep);
     void CloseFile(DWORD aId);
+    void CloseAll();
     void ReportKept(const File& aFile, std::string_view aHash) const;
     void ReportEnd();
     void End();  // the owner may delete this in it
@@ -126,7 +127,7 @@ private:
     std::set<DWORD> m_Skipped;  // files that were refused during their transfer: their END or ABORT follows
     int m_nRefused = 0;
     bool m_bSaidBye = false;
-    std::string m_strFault;  // the reason for the end of the session; empty after BYE
+    Failure m_Fault;  // the reason for the end of the session; none after BYE
 };
 
 }  // namespace tool

@@ -26,7 +26,7 @@ public:
             if (rv == CM_OK)
                 Show(*pRecord, "cache");
             else
-                ShowFailure(strName, cm_result_name(rv));
+                ShowFailure(strName, DescribeResult(rv));
         }
         m_Application.Finish(m_nStatus);
     }
@@ -56,7 +56,7 @@ private:
 
     void ShowFailure(const std::string& aName, const std::string& aReason) {
         m_Console.Problem("cannot resolve '" + aName + "': " + aReason,
-                          JsonLine::Failed(CAUSE_NAME, aReason).Add("name", aName));
+                          JsonLine::Failed({CAUSE_NAME, aReason}).Add("name", aName));
         m_nStatus = EXIT_FAILED;
     }
 

@@ -1,14 +1,14 @@
 #include "tools/application.h"
 #include "tools/commands.h"
-#include "tools/sender.h"
+#include "tools/send_attempts.h"
 
 namespace tool {
 
 int RunSend(const Arguments& aArguments) {
     Console console(aArguments.m_bJson);
     Application application(CCmThreadManager::NETWORK_THREAD_OWN);
-    Sender sender(aArguments, application, console);
-    sender.Start();
+    SendAttempts attempts(aArguments, application, console);
+    attempts.Start();
     return application.Run();
 }
 

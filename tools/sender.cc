@@ -1,4 +1,7 @@
+// The exchange with the receiver; sender_walk.cc has the walk through files and folders.
 #include "tools/sender.h"
+
+#include <algorithm>
 
 #include "tools/connecting.h"
 #include "tools/connection_type.h"
@@ -12,57 +15,87 @@ namespace {
 
 constexpr int PIECES_PER_TURN = 16;  // then the loop handles other handles, above all signals
 constexpr long CLOSING_SECONDS = 2;
+constexpr uint64_t PIECES_PER_SECOND = 4;  // at least, with a limit of the rate
+constexpr int64_t MSEC = 1000;             // microseconds
 
 }  // namespace
 
-Sender::Sender(const Arguments& aArguments, Application& aApplication, Console& aConsole)
+Sender::Sender(const Arguments& aArguments, Console& aConsole, ProgressMeter& aMeter, RateLimit& aRate, SendRecord& aRecord,
+               ISenderUser& aUser)
     : m_Arguments(aArguments),
-      m_Application(aApplication),
       m_Console(aConsole),
-      m_Progress(aConsole),
+      m_Meter(aMeter),
+      m_Rate(aRate),
+      m_Record(aRecord),
+      m_User(aUser),
       m_Secret(aArguments.m_strSecret),
       m_strChallenge(SharedSecret::MakeChallenge()),
-      m_Walk(aArguments.m_vecFiles, aArguments.m_strName) {}
+      m_Walk(aArguments.m_vecFiles, aArguments.m_strName),
+      m_Survey(aArguments.m_vecFiles, aArguments.m_strName) {
+    m_Meter.Begin();
+    m_Meter.BeginSearch();
+}
 
-Sender::~Sender() { Close(); }
+Sender::~Sender() {
+    Close();
+    if (!m_bSurveyed)
+        m_Meter.EndSearch();
+    m_Meter.End();
+}
 
 void Sender::Start() {
-    if (m_strChallenge.empty() || StartConnect(m_Arguments, this, m_pConnector) != CM_OK) {
-        GiveUp(m_strChallenge.empty() ? "the system has no random numbers" : "cannot create a connector");
-        return;
-    }
-    m_Progress.Start();
-    // The connector's own time-out would end before a handshake does.
-    RequireMemory(m_Timer.Schedule(this, CCmTimeValue(CONNECT_SECONDS), 1));
+    if (m_strChallenge.empty() || StartConnect(m_Arguments, this, m_pConnector) != CM_OK)
+        return Finish({CAUSE_LOCAL, m_strChallenge.empty() ? "the system has no random numbers" : "cannot create a connector"});
+    m_llHeard = CCmClock::GetTimeOfDayUsec();
+    OnSilence();
+    Survey();
+}
+
+// The connector's own time-out would end before a handshake does.
+void Sender::OnSilence() {
+    const bool bReady = m_State == RUNNING && !m_strPeerChallenge.empty();
+    const int64_t llMost = int64_t{m_Arguments.m_dwSilenceMs} * MSEC;
+    const int64_t llLimit = bReady ? llMost : std::min(llMost, CONNECT_SECONDS * 1000 * MSEC);
+    const int64_t llNow = CCmClock::GetTimeOfDayUsec();
+    CCmReconnectStatus gaps;
+    if (m_pTransport && m_pTransport->GetOption(CM_OPT_TRANSPORT_RECONNECT_STATUS, &gaps) == CM_OK && gaps.m_bSuspended)
+        m_llHeard = llNow;
+    const int64_t llLeft = m_llHeard + llLimit - llNow;
+    if (llLeft > 0)
+        return RequireMemory(m_SilenceTimer.Schedule(this, CCmTimeValue::FromUsec(llLeft), 1));
+    const std::string strAddr = cm_address_text(m_Arguments.m_Addr);
+    Finish({CAUSE_TIMEOUT,
+            (m_State == CONNECTING ? "cannot connect to " + strAddr + ": no answer within " : strAddr + " sends nothing for ") +
+                std::to_string(llLimit / MSEC) + " ms"});
 }
 
 void Sender::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     if (aReason != CM_OK) {
-        GiveUp(DescribeConnectFailure(m_Arguments.m_Addr, *m_pConnector, aReason));
+        Finish(DescribeConnectFailure(m_Arguments.m_Addr, *m_pConnector, aReason));
         return;
     }
     m_pTransport = aTrpt;
     ReportConnection(m_Arguments, *m_pTransport, m_Console);
     m_dwMaxPiece = GetMaxMessage(*m_pTransport) - DATA_HEADER;
+    if (const uint64_t ullPiece = m_Arguments.m_Transfer.m_ullRate / PIECES_PER_SECOND + 1; ullPiece > 1)
+        m_dwMaxPiece = static_cast<DWORD>(std::min<uint64_t>(m_dwMaxPiece, ullPiece));
     DWORD dwOn = 1;
     m_pTransport->SetOption(CM_OPT_TRANSPORT_KEEPALIVE, &dwOn);
     if (m_pTransport->OpenWithSink(this) != CM_OK) {
-        GiveUp("cannot use the connection");
+        Finish({CAUSE_BROKEN, "cannot use the connection"});
         return;
     }
     Send(EncodeHello(m_strChallenge));
     if (m_State == CLOSED)
         return;
     m_State = m_Secret.IsSet() ? WAIT_WELCOME : RUNNING;
-    if (m_State == RUNNING) {
-        m_Timer.Cancel();
-        Pump();
-    }
+    Pump();
 }
 
 void Sender::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
+    m_llHeard = CCmClock::GetTimeOfDayUsec();
     if (m_Parser.Feed(aData, *this) != FrameParser::ALL_READ && m_State != CLOSED)
-        GiveUp("the peer is no talvo recv: its answer is unknown");
+        Finish({CAUSE_PROTOCOL, "the peer is no talvo recv: its answer is unknown"});
     else
         Pump();
 }
@@ -75,18 +108,21 @@ void Sender::OnSend(ICmTransport*, CCmTransportParameter*) {
 
 void Sender::OnDisconnect(CmResult aReason, ICmTransport*) {
     if (m_State == CLOSING)
-        Close();
-    else
-        GiveUp("the connection to " + cm_address_text(m_Arguments.m_Addr) + " " + DescribeEnd(*m_pTransport, aReason) + "; " +
-               std::to_string(m_stKept) + " of " + std::to_string(m_stFound + m_Walk.GetLeft()) + " files were delivered");
+        return Finish({});
+    Failure failure = DescribeEnd("the connection to " + cm_address_text(m_Arguments.m_Addr), *m_pTransport, aReason);
+    failure.m_strReason += "; " + std::to_string(m_Record.m_stKept) + " of " + std::to_string(m_stFound + m_Walk.GetLeft()) +
+                           " files were delivered";
+    Finish(failure);
 }
 
-void Sender::OnTimer(CCmTimerWrapperID*) {
-    if (m_State == CONNECTING || m_State == WAIT_WELCOME || m_State == WAIT_PROVED)
-        GiveUp("cannot connect to " + cm_address_text(m_Arguments.m_Addr) + ": no answer within " +
-               std::to_string(CONNECT_SECONDS) + " s");
-    else if (m_State == CLOSING)
-        Close();
+void Sender::OnTimer(CCmTimerWrapperID* aId) {
+    if (aId == &m_SurveyTimer)
+        return Survey();
+    if (aId == &m_SilenceTimer)
+        return OnSilence();
+    m_bPaused = false;
+    if (m_State == CLOSING)
+        Finish({});
     else
         Pump();
 }
@@ -105,6 +141,8 @@ bool Sender::OnFrame(EFrame aType, std::string_view aPayload) {
         return OnResult(DecodeId(aPayload), aPayload);
     case EFrame::ALIVE:
         return true;
+    case EFrame::DROPPED:
+        return OnDropped(aPayload);
     case EFrame::HELLO:
     case EFrame::FILE:
     case EFrame::DATA:
@@ -124,8 +162,8 @@ bool Sender::OnWelcome(std::string_view aPayload) {
     if (!m_strPeerChallenge.empty() || !DecodeWelcome(aPayload, bDemands, m_strPeerChallenge))
         return false;
     if (bDemands != m_Secret.IsSet()) {
-        GiveUp(bDemands ? "the receiver demands a shared secret; give --secret or --secret-file"
-                        : "the receiver has no shared secret, and so does not prove that it is the right one");
+        Finish({CAUSE_REFUSED, bDemands ? "the receiver demands a shared secret; give --secret or --secret-file"
+                                        : "the receiver has no shared secret, and so does not prove that it is the right one"});
         return false;
     }
     if (!bDemands)
@@ -139,12 +177,16 @@ bool Sender::OnProved(std::string_view aPayload) {
     if (m_State != WAIT_PROVED)
         return false;
     if (!m_Secret.Check(SharedSecret::RECEIVER, m_strChallenge, m_strPeerChallenge, aPayload)) {
-        GiveUp("the receiver has another shared secret");
+        Finish({CAUSE_REFUSED, "the receiver has another shared secret"});
         return false;
     }
-    m_Timer.Cancel();
     m_State = RUNNING;
     return true;
+}
+
+bool Sender::OnDropped(std::string_view aReason) {
+    Finish({CAUSE_REFUSED, "the receiver has dropped this sender, because " + std::string(aReason)});
+    return false;
 }
 
 bool Sender::OnAccept(DWORD aId, uint64_t aOffset) {
@@ -172,9 +214,8 @@ bool Sender::OnVerdict(DWORD aId, bool aSame) {
         item.m_ullBeginning = 0;
         return true;
     }
-    m_Progress.GetMeter().End(item.m_ullMetered, 0);
     item.m_ullMetered -= item.m_ullBeginning;
-    m_Progress.GetMeter().Begin(item.m_ullMetered);
+    m_Meter.Waive(item.m_ullBeginning);
     return true;
 }
 
@@ -194,11 +235,14 @@ bool Sender::OnResult(DWORD aId, std::string_view aPayload) {
         ReleaseFolder(item.m_dwFolder);
     else if (item.m_Step != Item::WAIT_RESULT)
         EndItem(item, EncodeFor(EFrame::ABORT, aId));
-    m_Progress.GetMeter().End(item.m_ullMetered, item.m_File.GetDone() - std::min(item.m_ullBeginning, item.m_File.GetDone()));
+    if (item.m_ullMetered > item.m_ullMoved)
+        m_Meter.Waive(item.m_ullMetered - item.m_ullMoved);
     if (bKept)
         ReportSent(item);
+    else if (item.m_File.GetProblem().empty())
+        ReportFailed(item.m_strPath, {CAUSE_REFUSED, strReason});
     else
-        ReportFailed(item.m_strPath, strReason);
+        ReportFailed(item.m_strPath, {CAUSE_LOCAL, item.m_File.GetProblem()});
     if (item.m_File.GetSize() == UNKNOWN_SIZE)
         m_pInput.reset();  // before its descriptor is closed
     m_Items.erase(it);
@@ -210,7 +254,7 @@ bool Sender::OnFolderResult(DWORD aId, bool aKept, const std::string& aReason) {
     if (it == m_Folders.end() || it->second.m_bRefused || (aKept && it->second.m_nUsers > 0))
         return false;
     if (!aKept)
-        ReportFailed(it->second.m_strPath, aReason);
+        ReportFailed(it->second.m_strPath, {CAUSE_REFUSED, aReason});
     it->second.m_bRefused = true;
     if (it->second.m_nUsers == 0)
         m_Folders.erase(it);
@@ -219,7 +263,7 @@ bool Sender::OnFolderResult(DWORD aId, bool aKept, const std::string& aReason) {
 
 void Sender::Pump() {
     for (int i = 0; i < PIECES_PER_TURN; ++i) {
-        if (m_State != RUNNING || m_bBlocked || !FillWindow())
+        if (m_State != RUNNING || m_bBlocked || m_bPaused || !FillWindow())
             return;
         DWORD dwId = 0;
         Item* pItem = FindWork(dwId);
@@ -230,101 +274,13 @@ void Sender::Pump() {
         if (!m_bWalked || !m_Items.empty() || !m_Folders.empty())
             return;
         m_State = CLOSING;
+        m_SilenceTimer.Cancel();
         RequireMemory(m_Timer.Schedule(this, CCmTimeValue(CLOSING_SECONDS), 1));
         Send(EncodeFrame(EFrame::BYE));
         return;
     }
-    RequireMemory(m_Timer.Schedule(this, CCmTimeValue::s_tvZero, 1));
-}
-
-// The folders that the walk is in do not count: each has entries to come.
-bool Sender::HasRoom() const { return m_Items.size() + m_Folders.size() - m_vecWalk.size() < MOST_IN_FLIGHT; }
-
-// false: the transport takes no more at present.
-bool Sender::FillWindow() {
-    FolderWalk::Entry entry;
-    while (!m_bWalked && HasRoom()) {
-        m_bWalked = !m_Walk.Next(entry);
-        if (!m_bWalked)
-            Begin(entry);
-        if (m_bBlocked || m_State != RUNNING)
-            return false;
-    }
-    return true;
-}
-
-void Sender::Begin(FolderWalk::Entry& aEntry) {
-    switch (aEntry.m_Kind) {
-    case FolderWalk::FILE:
-        return BeginFile(aEntry);
-    case FolderWalk::FOLDER:
-        return BeginFolder(aEntry);
-    case FolderWalk::LEAVE:
-        if (!aEntry.m_strProblem.empty())
-            ReportFailed(aEntry.m_strPath, aEntry.m_strProblem);
-        return LeaveFolder();
-    case FolderWalk::SKIPPED:
-        m_Console.Report("skipped " + aEntry.m_strPath + ": " + aEntry.m_strProblem,
-                         JsonLine("skipped").Add("name", aEntry.m_strPath).Add("reason", aEntry.m_strProblem));
-        return;
-    case FolderWalk::PROBLEM:
-        ++m_stFound;
-        return ReportFailed(aEntry.m_strPath, aEntry.m_strProblem);
-    }
-}
-
-FrameEntry Sender::MakeEntry(const FolderWalk::Entry& aEntry, uint64_t aSize) {
-    const timespec& time = aEntry.m_Status.st_mtim;
-    return {++m_dwLastId,
-            m_vecWalk.empty() ? OUT_FOLDER : m_vecWalk.back(),
-            aEntry.m_Status.st_mode & 0777,
-            time.tv_sec,
-            static_cast<DWORD>(time.tv_nsec),
-            aSize,
-            aEntry.m_strName};
-}
-
-void Sender::BeginFile(FolderWalk::Entry& aEntry) {
-    ++m_stFound;
-    const uint64_t ullSize = aEntry.m_bInput ? UNKNOWN_SIZE : static_cast<uint64_t>(aEntry.m_Status.st_size);
-    const FrameEntry entry = MakeEntry(aEntry, ullSize);
-    const auto itFolder = m_Folders.find(entry.m_dwFolder);
-    if (itFolder != m_Folders.end() && itFolder->second.m_bRefused)
-        return ReportFailed(aEntry.m_strPath, "its folder was refused");
-    if (itFolder != m_Folders.end())
-        ++itFolder->second.m_nUsers;
-    const auto it =
-        m_Items.try_emplace(entry.m_dwId, std::move(aEntry.m_File), ullSize, m_dwMaxPiece, aEntry.m_strPath, entry.m_dwFolder)
-            .first;
-    it->second.m_ullMetered = aEntry.m_bInput ? 0 : ullSize;
-    m_Progress.GetMeter().Begin(it->second.m_ullMetered);
-    Send(EncodeEntry(EFrame::FILE, entry));
-}
-
-void Sender::BeginFolder(const FolderWalk::Entry& aEntry) {
-    const FrameEntry entry = MakeEntry(aEntry, 0);
-    const auto itParent = m_Folders.find(entry.m_dwFolder);
-    const bool bRefused = itParent != m_Folders.end() && itParent->second.m_bRefused;
-    m_vecWalk.push_back(entry.m_dwId);
-    m_Folders.try_emplace(entry.m_dwId, Folder{aEntry.m_strPath, 1, bRefused});
-    if (!bRefused)
-        Send(EncodeEntry(EFrame::FOLDER, entry));
-}
-
-void Sender::LeaveFolder() {
-    const DWORD dwId = m_vecWalk.back();
-    m_vecWalk.pop_back();
-    ReleaseFolder(dwId);
-}
-
-void Sender::ReleaseFolder(DWORD aId) {
-    const auto it = m_Folders.find(aId);
-    if (it == m_Folders.end() || --it->second.m_nUsers > 0)
-        return;
-    if (it->second.m_bRefused)
-        m_Folders.erase(it);
-    else
-        Send(EncodeFor(EFrame::END, aId));
+    if (!m_bPaused)
+        RequireMemory(m_Timer.Schedule(this, CCmTimeValue::s_tvZero, 1));
 }
 
 // The oldest file that can go on: files are read one after the other.
@@ -359,7 +315,7 @@ void Sender::SendPiece(DWORD aId, Item& aItem) {
     const uint64_t ullBefore = aItem.m_File.GetDone();
     switch (aItem.m_File.ReadNext(aId, block)) {
     case OutgoingFile::PIECE:
-        m_Progress.GetMeter().Advance(aItem.m_File.GetDone() - ullBefore);
+        OnPiece(aItem, aItem.m_File.GetDone() - ullBefore);
         return OnSent(m_Outbox.Send(*m_pTransport, block));
     case OutgoingFile::AT_END:
         return EndItem(aItem, EncodeFor(EFrame::END, aId, aItem.m_File.GetHash()));
@@ -368,6 +324,16 @@ void Sender::SendPiece(DWORD aId, Item& aItem) {
     case OutgoingFile::FAILED:
         return EndItem(aItem, EncodeFor(EFrame::ABORT, aId, aItem.m_File.GetProblem()));
     }
+}
+
+void Sender::OnPiece(Item& aItem, uint64_t aBytes) {
+    m_ullSent += aBytes;
+    aItem.m_ullMoved += aBytes;
+    m_Meter.Advance(aBytes);
+    const int64_t llPause = m_Rate.Count(aBytes);
+    m_bPaused = llPause > 0;
+    if (m_bPaused)
+        RequireMemory(m_Timer.Schedule(this, CCmTimeValue::FromUsec(llPause), 1));
 }
 
 void Sender::EndItem(Item& aItem, const std::string& aFrame) {
@@ -397,17 +363,31 @@ void Sender::Send(std::string_view aFrame) {
 // OnDisconnect reports a lost connection, with more detail.
 void Sender::OnSent(CmResult aResult) {
     if (aResult == CM_ERROR_OUT_OF_MEMORY)
-        GiveUp("cannot send: out of memory");
+        Finish({CAUSE_LOCAL, "cannot send: out of memory"});
     m_bBlocked = aResult != CM_OK;
 }
 
-void Sender::ReportFailed(const std::string& aPath, const std::string& aReason) {
-    m_bFailed = true;
-    m_Console.Problem(aPath + " was not delivered: " + aReason, JsonLine::Failed(CAUSE_OTHER, aReason).Add("name", aPath));
+void Sender::ReportFailed(const std::string& aPath, const Failure& aFailure) {
+    m_Record.m_bFailed = true;
+    if (IsNew(aPath))
+        m_Console.Problem(aPath + " was not delivered: " + aFailure.m_strReason, JsonLine::Failed(aFailure).Add("name", aPath));
+    Settle(aPath);
+}
+
+void Sender::Settle(const std::string& aPath) {
+    if (m_Arguments.m_Transfer.m_dwRetries > 0)
+        m_vecSettled.push_back(aPath);
+}
+
+bool Sender::MayRepeat() const {
+    return std::none_of(m_Items.begin(), m_Items.end(), [](const auto& aItem) {
+        return aItem.second.m_File.GetSize() == UNKNOWN_SIZE && aItem.second.m_File.GetDone() > 0;
+    });
 }
 
 void Sender::ReportSent(const Item& aItem) {
-    ++m_stKept;
+    ++m_Record.m_stKept;
+    Settle(aItem.m_strPath);
     const uint64_t ullSize = aItem.m_File.GetDone();
     const double dSeconds = static_cast<double>(CCmClock::GetTimeOfDayUsec() - aItem.m_llStarted) / 1e6;
     const double dSent = static_cast<double>(ullSize - aItem.m_ullBeginning);
@@ -423,22 +403,25 @@ void Sender::ReportSent(const Item& aItem) {
                          .Add("sha256", ToHex(aItem.m_File.GetHash())));
 }
 
-void Sender::GiveUp(const std::string& aText) {
-    m_Console.Problem(aText);
-    m_bFailed = true;
+void Sender::Finish(const Failure& aFailure) {
+    if (m_State == CLOSED)
+        return;
     Close();
+    m_Record.m_Settled.insert(m_vecSettled.begin(), m_vecSettled.end());
+    m_User.OnSent(aFailure);
 }
 
 void Sender::Close() {
     m_State = CLOSED;
     m_Timer.Cancel();
+    m_SilenceTimer.Cancel();
+    m_SurveyTimer.Cancel();
     m_Outbox.Clear();
     if (m_pConnector)
         m_pConnector->CancelConnect();
     if (m_pTransport)
         m_pTransport->Disconnect(CM_OK);
     m_pTransport.Reset();
-    m_Application.Finish(m_bFailed ? EXIT_FAILED : EXIT_OK);
 }
 
 }  // namespace tool

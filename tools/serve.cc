@@ -20,6 +20,9 @@ public:
         CmResult rv = CCmChannelManager::Instance()->CreateHttpAcceptor(m_pAcceptor.ParaOut(), 0);
         if (rv == CM_OK && aContext)
             rv = m_pAcceptor->SetOption(CM_OPT_CHANNEL_SERVER_SSL_CONTEXT, &aContext);
+        ICmHttpRefusalSink* pRefusals = this;
+        if (rv == CM_OK)
+            rv = m_pAcceptor->SetOption(CM_OPT_CHANNEL_SERVER_REFUSAL_SINK, &pRefusals);
         if (rv == CM_OK)
             rv = m_pAcceptor->StartListen(this, aAddr);
         CCmInetAddr listening;
@@ -40,11 +43,11 @@ public:
     void Reload(CCmSslContext* aContext) {
         const std::string strLog = m_pLog ? m_pLog->Open() : "";
         if (!strLog.empty())
-            m_Console.Problem(strLog, CAUSE_LOCAL);
+            m_Console.Problem({CAUSE_LOCAL, strLog});
         if (aContext && aContext->Reload() == CM_OK)
             m_Console.Report("reloaded the certificates", JsonLine("reloaded"));
         else if (aContext)
-            m_Console.Problem("the certificates cannot be reloaded, and the old ones stay");
+            m_Console.Problem({CAUSE_LOCAL, "the certificates cannot be reloaded, and the old ones stay"});
     }
 
     void AnnounceEnd() {
@@ -79,7 +82,7 @@ int RunServe(const Arguments& aArguments) {
     if (strProblem.empty() && pLog)
         strProblem = pLog->Open();
     if (!strProblem.empty()) {
-        console.Problem(strProblem, CAUSE_LOCAL);
+        console.Problem({CAUSE_LOCAL, strProblem});
         return EXIT_FAILED;
     }
     Application::RaiseDescriptorLimit();

@@ -22,8 +22,11 @@ CCmHttpAtom MakeAtom(const char* aName) {
 }  // namespace
 
 ServedAnswer::ServedAnswer(ICmChannelHttpServer& aChannel, AccessLog* aLog) : m_Channel(aChannel) {
-    if (aLog)
-        m_pRecord = std::make_unique<AccessRecord>(*aLog, aChannel);
+    if (!aLog)
+        return;
+    CCmInetAddr peer;
+    aChannel.GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &peer);
+    m_pRecord = std::make_unique<AccessRecord>(*aLog, aChannel.GetRequest(), peer);
 }
 
 std::string_view ServedAnswer::GetRequestHeader(const CCmHttpAtom& aName) const {

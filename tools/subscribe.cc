@@ -27,7 +27,7 @@ public:
 
     void Start() {
         if (StartConnect(m_Arguments, this, m_pConnector) != CM_OK)
-            return Finish("cannot create a connector");
+            return Finish({CAUSE_LOCAL, "cannot create a connector"});
         RequireMemory(m_Timer.Schedule(this, CCmTimeValue(CONNECT_SECONDS), 1));
     }
 
@@ -41,7 +41,7 @@ private:
         const bool bAsked = m_pTransport->OpenWithSink(this) == CM_OK &&
                             m_Outbox.Send(*m_pTransport, MakeJoinLine(m_Arguments.m_strJoin)) != CM_ERROR_OUT_OF_MEMORY;
         if (!bAsked)
-            Finish("cannot use the connection");
+            Finish({CAUSE_BROKEN, "cannot use the connection"});
     }
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
         m_Lines.Feed(aData.FlattenChained());
@@ -54,20 +54,20 @@ private:
         CCmFailure failure;
         m_pTransport->GetOption(CM_OPT_TRANSPORT_LAST_FAILURE, &failure);
         if (aReason == CM_ERROR_PARTIAL_DATA)
-            return Finish("the publisher has disconnected this subscriber, which was too slow");
+            return Finish({CAUSE_REFUSED, "the publisher has disconnected this subscriber, which was too slow"});
         const bool bOrderly = aReason == CM_OK || aReason == CM_ERROR_NETWORK_SOCKET_CLOSE ||
                               (aReason == CM_ERROR_NETWORK_SOCKET_ERROR && failure.GetErrno() == 0);
-        Finish(bOrderly ? "" : "the connection " + DescribeEnd(*m_pTransport, aReason));
+        Finish(bOrderly ? Failure() : DescribeEnd("the connection", *m_pTransport, aReason));
     }
     void OnTimer(CCmTimerWrapperID*) override {
-        Finish("cannot connect to " + cm_address_text(m_Arguments.m_Addr) + ": no answer within " +
-               std::to_string(CONNECT_SECONDS) + " s");
+        Finish({CAUSE_TIMEOUT, "cannot connect to " + cm_address_text(m_Arguments.m_Addr) + ": no answer within " +
+                                   std::to_string(CONNECT_SECONDS) + " s"});
     }
 
-    void Finish(const std::string& aProblem) {
-        if (!aProblem.empty())
-            m_Console.Problem(aProblem);
-        m_Application.Finish(aProblem.empty() ? EXIT_OK : EXIT_FAILED);
+    void Finish(const Failure& aFailure) {
+        if (aFailure)
+            m_Console.Problem(aFailure);
+        m_Application.Finish(aFailure ? EXIT_FAILED : EXIT_OK);
     }
 
     const Arguments& m_Arguments;

@@ -26,7 +26,7 @@ void TlsLook::Connect(EStep aStep) {
     if (MakeConnectorOfStep() == CM_OK)
         m_pConnector->AsycConnect(this, m_Arguments.m_Addr, &tvTimeout, m_Arguments.m_strBind.empty() ? nullptr : &local);
     else
-        GiveUp("cannot create a connector");
+        GiveUp({CAUSE_LOCAL, "cannot create a connector"});
 }
 
 CmResult TlsLook::MakeConnectorOfStep() {
@@ -49,7 +49,7 @@ void TlsLook::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcce
     else if (m_pTransport->OpenWithSink(this) == CM_OK)
         OnShaken();
     else
-        GiveUp("cannot use the connection");
+        GiveUp({CAUSE_BROKEN, "cannot use the connection"});
 }
 
 void TlsLook::OnRefused(CmResult aReason) {
@@ -67,9 +67,9 @@ void TlsLook::OnRefused(CmResult aReason) {
     GiveUp(DescribeConnectFailure(m_Arguments.m_Addr, *m_pConnector, aReason));
 }
 
-void TlsLook::GiveUp(const std::string& aText) {
+void TlsLook::GiveUp(const Failure& aFailure) {
     Close();
-    m_Console.Problem(aText);
+    m_Console.Problem(aFailure);
     m_Application.Finish(EXIT_FAILED);
 }
 

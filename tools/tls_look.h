@@ -39,7 +39,7 @@ private:
     CmResult MakeConnectorOfStep();
     void OnRefused(CmResult aReason);
     void OnShaken();
-    void GiveUp(const std::string& aText);
+    void GiveUp(const Failure& aFailure);
     void WaitForTickets();
     void ReportCertificates() const;
     void Report();

@@ -59,7 +59,8 @@ class BenchTest(ProgramTest):
 
     def test_wrong_arguments(self):
         for wrong in ([], ["--self", "h:1"], ["--self", "--rate", "0"], ["h:1", "--rate", "fast"], ["http://h/", "--type", "tcp"],
-                      ["h:1", "--udp", "--type", "package", "--size", 7], ["file:///etc/passwd"]):
+                      ["h:1", "--udp", "--type", "package", "--size", 7], ["file:///etc/passwd"],
+                      ["http://h/", "--size", 9], ["--self", "--plot", self.directory / "no" / "file"]):
             self.assert_fails(self.run_talvo("bench", *wrong), 2)
         self.assert_fails(self.run_talvo("bench", HOST + ":1"), 1, "Connection refused")
 

@@ -155,9 +155,10 @@ class GetTest(ProgramTest):
         whole = 'HTTP/1.1 200 OK\r\n{}\r\nContent-Length: 9\r\n\r\nover'
         rest = 'HTTP/1.1 206 Partial Content\r\nETag: "v1"\r\nContent-Range: bytes 4-8/9\r\nContent-Length: 5\r\n\r\nthere'
         again = 'HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\noverthere'
+        longer = rest.replace("4-8/9", "4-10/11").replace(": 5", ": 7") + "..."
         tag, busy = 'ETag: "v1"', "HTTP/1.1 503 Busy\r\nContent-Length: 0\r\nRetry-After: 0\r\n\r\n"
         for out, version, status, *answers in ((self.out, tag, 0, busy, whole, rest), (self.out, 'ETag: W/"v1"', 0, whole, again),
-                                               ("-", tag, 0, whole, rest), ("-", tag, 11, whole, again)):
+                                               ("-", tag, 0, whole, rest), ("-", tag, 11, whole, again), ("-", tag, 11, whole, longer)):
             with self.scripted(*(answer.replace("{}", version) for answer in answers)) as (url, requests):
                 done = self.run_talvo("get", url + "/", "--retry", 2, "--out", out)
             self.assertEqual((status, len(answers) - 1), (done.returncode, done.stderr.count("next attempt in")), done.stderr)
@@ -190,6 +191,7 @@ class GetTest(ProgramTest):
             with self.scripted(done) as (url, requests):
                 self.assertEqual(0, self.get(url, *arguments)[0])
             self.assertTrue(requests[0].startswith(first) and all(other in requests[0] for other in others), requests)
+            self.assertEqual("User-Agent:" in arguments, "User-Agent" not in requests[0])
         with self.scripted('HTTP/1.1 401 No\r\nWWW-Authenticate: Basic realm="r"\r\nContent-Length: 0\r\n\r\n', done) as (url, requests):
             self.assertEqual(0, self.get(url, "--user", "ann", "--password-file", secret)[0])
         self.assertIn("Authorization: Basic YW5uOndvcmQ=\r\n", requests[1])
@@ -225,7 +227,8 @@ class GetTest(ProgramTest):
                 ("4-8/9", "there", '"a"', 'ETag: W/"a"', wrong_version),
                 ("4-8/9", "there", '"a"', "Last-Modified: " + date, wrong_version),
                 ("4-8/9", "there", date, "Last-Modified: " + date, ""), ("4-8/9", "there", date, 'ETag: "a"', ""),
-                ("4-8/9", "there", date, "Last-Modified: " + other, wrong_version)):
+                ("4-8/9", "there", date, "Last-Modified: " + other, wrong_version), ("4-8/9", "there", '"a"\n9', 'ETag: "a"', ""),
+                ("4-8/9", "there", '"a"\n11', 'ETag: "a"', wrong_version), ("4-8/*", "there", date + "\n11", "A: b", wrong_version)):
             self.part.write_bytes(b"over")
             self.make("out.part.tag", had)
             answer = f"HTTP/1.1 206 Partial Content\r\nContent-Range: bytes {part}\r\n{header}\r\n\r\n{body}"
@@ -240,7 +243,7 @@ class GetTest(ProgramTest):
     def test_what_is_not_whole_does_not_get_its_name(self):
         status, said = self.get_from('HTTP/1.1 200 OK\r\nETag: "v1"\r\nContent-Length: 9\r\n\r\nhalf')
         self.assertEqual((7, True, False), (status, "the connection broke inside the body" in said, self.out.exists()))
-        self.assertEqual((b"half", '"v1"'), (self.part.read_bytes(), (self.directory / "out.part.tag").read_text()))
+        self.assertEqual((b"half", '"v1"\n9'), (self.part.read_bytes(), (self.directory / "out.part.tag").read_text()))
 
     def test_a_reader_of_stdout_that_has_enough_is_no_problem(self):
         with subprocess.Popen([TALVO, "get", self.source()], stdout=subprocess.PIPE, stderr=subprocess.PIPE) as getter:

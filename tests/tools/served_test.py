@@ -80,18 +80,22 @@ class ServedTest(ProgramTest):
         for target, headers in ("/file", {}), ("/file", {"Range": "bytes=0-9"}), ("/none?\"", {"Referer": "r"}):
             self.answer(listening, target, **headers)
         self.answer(listening, "/file", "HEAD")
-        poll("four lines", lambda: log.read_text().count("\n") == 4)
+        for request in b"GET /file HTTP/1.1\r\nHost: a b\r\n\r\n", b"GET /" + b"a" * 70000:  # the server itself answers these
+            with socket.create_connection((HOST, listening.port), PATIENCE) as client:
+                client.sendall(request)
+                self.assertEqual(b"HTTP/1.1 4", client.recv(10, socket.MSG_WAITALL))
+        poll("six lines", lambda: log.read_text().count("\n") == 6)
         lines = re.sub(r"\[[^]]*\]", "[]", log.read_text()).splitlines()
         self.assertEqual([f'127.0.0.1 - - [] "{rest}' for rest in (
             'GET /file HTTP/1.1" 200 100000', 'GET /file HTTP/1.1" 206 10', 'GET /none?\\x22 HTTP/1.1" 404 10',
-            'HEAD /file HTTP/1.1" 200 -')], lines)
+            'HEAD /file HTTP/1.1" 200 -', 'GET /file HTTP/1.1" 400 16', '-" 414 17')], lines)
         self.directory.chmod(0o777)
         log.rename(moved)
         listening.process.send_signal(signal.SIGHUP)
         poll("the log is opened again", log.exists)
         self.answer(listening, "/file")
         poll("a line", log.read_text)
-        self.assertEqual(4, moved.read_text().count("\n"))
+        self.assertEqual(6, moved.read_text().count("\n"))
         listening = self.serve_here("--json", "--access-log", "-")
         self.answer(listening, "/file", User_Agent='a"b')
         line = json.loads(listening.process.stdout.readline())

@@ -10,11 +10,11 @@ namespace tool {
 
 TEST(ToolTextTest, TextOfAPeerCannotSteerATerminal) {
     EXPECT_EQ("a?[31mb??c?", Printable("a\x1b[31mb\r\nc\x7f"));
-    EXPECT_EQ("??31m", Printable("\xc2\x9b"
-                                 "31m"));
+    EXPECT_EQ("?31m\u00e9??? b?? ??", Printable("\xc2\x9b"
+                                                "31m\u00e9\u202e\u2066\u061c b\xe9\xff \xed\xa0"));
     // The same in JSON, where bytes that are no UTF-8 are replaced.
-    EXPECT_EQ("{\"event\":\"x\",\"name\":\"\\\"\\u001b\\n\xef\xbf\xbd\",\"bytes\":7}",
-              JsonLine("x").Add("name", "\"\x1b\n\xff").Add("bytes", 7).GetText());
+    EXPECT_EQ("{\"event\":\"x\",\"name\":\"\\\"\\u001b\\n\xef\xbf\xbd\\u202e\\u009b\",\"bytes\":7}",
+              JsonLine("x").Add("name", "\"\x1b\n\xff\u202e\xc2\x9b").Add("bytes", 7).GetText());
 }
 
 TEST(ToolTextTest, NumbersAreReadableAtTheEdgesOfTheirUnits) {
@@ -33,16 +33,19 @@ TEST(ToolTextTest, UrlsThatCanBeReadInOneWayAreGood) {
 TEST(ToolProgressMeterTest, RateIsThatOfTheLastSeconds) {
     CCmFakeClock clock;
     ProgressMeter meter;
-    meter.Begin(100000000);
-    meter.Begin(~uint64_t{0} - 200000000);
+    meter.Begin();
+    meter.Expect(100000000);
+    meter.Expect(~uint64_t{0} - 200000000);
     meter.Advance(3000);
-    meter.End(~uint64_t{0} - 200000000, 3000);  // broke: takes its share away
-    for (int i = 0; i < 20; ++i) {              // a slow beginning is forgotten
+    meter.Waive(~uint64_t{0} - 200003000);  // broke: what has come stays counted
+    for (int i = 0; i < 20; ++i) {          // a slow beginning is forgotten
         clock.Advance(CCmTimeValue(1));
         meter.Advance(i < 10 ? 1000 : 1000000);
         meter.Sample();
     }
     EXPECT_EQ("10.0 MB of 100.0 MB (10%), 1.0 MB/s, 1:30 left", FormatProgress(meter.Sample()));
+    meter.BeginSearch();
+    EXPECT_EQ("10.0 MB, 1.0 MB/s", FormatProgress(meter.Sample()));
 }
 
 TEST(ToolRateLimitTest, PausesAreThoseOfTheRate) {

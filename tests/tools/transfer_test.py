@@ -9,6 +9,7 @@ import re
 import resource
 import signal
 import socket
+import stat
 import struct
 import subprocess
 import unittest
@@ -108,12 +109,14 @@ class TransferTest(ProgramTest):
         sent = self.run_talvo("send", self.directory / "tree", server.address)
         self.assertEqual((0, "", 2, 41), (sent.returncode, sent.stderr, *(len(re.findall(f"^{word} ", sent.stdout, re.M)) for word in ("skipped", "sent"))))
         self.assertEqual(look(self.directory / "tree"), look(self.out / "tree"))
-        # A second time everything is there already, but for the file that is another one now.
+        # A second time everything is there already, but for the file that is another one now. The user's modes stay.
+        (self.out / "tree" / "deep").chmod(0o1700)
         self.make("tree/many/3", os.urandom(3000))
         sent = self.run_talvo("send", self.directory / "tree/", server.address, "--json")
         events = self.events(sent.stdout)
         self.assertEqual((1, ["tree/many/3"]), (sent.returncode, [o["name"][-11:] for o in events if o["event"] == "failed"]))
         self.assertTrue(all(o["bytes"] == 0 for o in events if o["event"] == "sent"))
+        self.assertEqual(0o1700, stat.S_IMODE((self.out / "tree" / "deep").stat().st_mode))
 
     def test_stdin_arrives_as_it_comes(self):
         server = self.receive()
@@ -127,9 +130,11 @@ class TransferTest(ProgramTest):
 
     def test_a_shared_secret_is_proved_by_both_ends(self):
         path, right, wrong = self.make("file", "x"), self.make("right", "correct horse\n"), self.make("wrong", "another one")
+        self.assertIn("warning: other users can read", self.run_talvo("send", path, HOST + ":1", "--secret-file", right).stderr)
+        right.chmod(0o600)
         server, open_server = self.receive("--secret-file", right), self.receive()
         for to, secret, status, cause in ((server, ["--secret-file", right], 0, ""), (server, [], 1, "demands a shared secret"),
-                                          (server, ["--secret-file", wrong], 1, "closed by the peer"),
+                                          (server, ["--secret-file", wrong], 1, "has another shared secret"),
                                           (open_server, ["--secret-file", right], 1, "has no shared secret")):
             sent = self.run_talvo("send", path, to.address, *secret)
             self.assertEqual((status, True), (sent.returncode, cause in sent.stderr), sent.stderr)
@@ -190,6 +195,26 @@ class TransferTest(ProgramTest):
             self.assertEqual((0 if once else had,) * 2, tuple(event["size"] - event["bytes"] for event in (sent, received)))
             self.assertEqual({"endless": pathlib.Path(large.name).read_bytes()}, self.received())
             (self.out / "endless").unlink()
+
+    def test_an_attempt_that_fails_is_repeated_unless_the_receiver_refuses(self):
+        sizes = {f"tree/{number}": number * 400000 for number in range(1, 9)}
+        for name, size in sizes.items():
+            self.make(name, os.urandom(size))
+        flaky = self.start("flaky", HOST + ":0", self.receive().address, *"--bytes 5000000 --count 1 --faults reset".split())
+        done = self.run_talvo("send", self.directory / "tree", Server(flaky).address, *"--retry 3 --limit-rate 1G --json".split())
+        events = self.events(done.stdout)
+        self.assertEqual((0, 1, sorted(sizes)), (done.returncode, sum(o["event"] == "retry" for o in events),
+                                                 sorted(o["name"][-6:] for o in events if o["event"] == "sent")), done.stdout)
+        for name in sizes:
+            self.assertEqual((self.directory / name).read_bytes(), (self.out / name).read_bytes())
+        with socket.create_server((HOST, 0)) as silent:
+            for answer, cause, text in ((b"", "timeout", "sends nothing"), (frame(0x83, bytes(33)), "timeout", "sends nothing"),
+                                        (frame(0x83, bytes(33)) + frame(0x86, b"it is late"), "refused", "because it is late")):
+                sender = self.start("send", "-", f"{HOST}:{silent.getsockname()[1]}", *"--timeout 300 --json".split(), stdin=subprocess.PIPE)
+                with silent.accept()[0] as peer:
+                    peer.sendall(answer)
+                    (failed,) = self.events(sender.communicate(timeout=PATIENCE)[0])
+                self.assertEqual((cause, True), (failed["cause"], text in failed["reason"]))
 
     def test_ended_receiver_is_reported_and_leaves_no_final_name(self):
         for with_signal in signal.SIGKILL, signal.SIGINT:
@@ -366,6 +391,7 @@ class TransferTest(ProgramTest):
 
     def test_wrong_arguments_give_one_line_and_status_2(self):
         file, to = self.make("file", ""), "127.0.0.1:1"
+        file.chmod(0o600)
         recv = ["recv", "--port", 0, "--out"]
         endpoints = ("", ":", "host", "host:", ":80", "host:0", "host:65536", "host:-1", "host:1x", "host: 1", "1.2.3:80",
                      "256.1.1.1:80", "a b:80", "::1:80", "a/b:80", "[::1]", "[::1]:0", "[h]:80", "unix:x", "unix:@")
