@@ -17,7 +17,7 @@
 namespace {
 
 using Counter = std::atomic<uint64_t>;
-Counter s_Calls, s_Allocations, s_Copied, s_Locks;
+Counter s_Calls, s_Wakes, s_Allocations, s_Copied, s_Locks;
 thread_local bool t_bOneReport = false;  // of the last wait
 
 void Add(Counter& aCounter, uint64_t aValue = 1) { aCounter.fetch_add(aValue, std::memory_order_relaxed); }
@@ -35,7 +35,7 @@ void* Allocate(size_t aSize) {
 
 }  // namespace
 
-CCounters CCounters::Now() { return {s_Calls, s_Allocations, s_Copied, s_Locks}; }
+CCounters CCounters::Now() { return {s_Calls, s_Wakes, s_Allocations, s_Copied, s_Locks}; }
 
 void* operator new(size_t aSize) {
     void* pMemory = Allocate(aSize);
@@ -93,17 +93,35 @@ ssize_t send(int aFd, const void* aBuffer, size_t aSize, int aFlags) {
 
 ssize_t sendmsg(int aFd, const msghdr* aMessage, int aFlags) { return Call(SYS_sendmsg, aFd, aMessage, aFlags); }
 
+int accept4(int aFd, sockaddr* aAddr, socklen_t* aLength, int aFlags) {
+    return static_cast<int>(Call(SYS_accept4, aFd, aAddr, aLength, aFlags));
+}
+
+int setsockopt(int aFd, int aLevel, int aOption, const void* aValue, socklen_t aLength) noexcept {
+    return static_cast<int>(Call(SYS_setsockopt, aFd, aLevel, aOption, aValue, aLength));
+}
+
+int getsockopt(int aFd, int aLevel, int aOption, void* aValue, socklen_t* aLength) noexcept {
+    return static_cast<int>(Call(SYS_getsockopt, aFd, aLevel, aOption, aValue, aLength));
+}
+
+int shutdown(int aFd, int aHow) noexcept { return static_cast<int>(Call(SYS_shutdown, aFd, aHow)); }
+
 ssize_t readv(int aFd, const iovec* aIov, int aCount) { return Call(SYS_readv, aFd, aIov, aCount); }
 
 // Of the counted descriptors only the tick of a loop is read in this way. Neither the tick nor a wait that it alone ended
 // counts: their number depends on the duration of the test.
 ssize_t read(int aFd, void* aBuffer, size_t aSize) {
     if (t_bOneReport)
-        s_Calls.fetch_sub(1, std::memory_order_relaxed);
+        s_Wakes.fetch_sub(1, std::memory_order_relaxed);
     return syscall(SYS_read, aFd, aBuffer, aSize);
 }
 
-ssize_t write(int aFd, const void* aBuffer, size_t aSize) { return Call(SYS_write, aFd, aBuffer, aSize); }
+// Sockets are sent to; a thread's eventfd is written.
+ssize_t write(int aFd, const void* aBuffer, size_t aSize) {
+    Add(s_Wakes);
+    return syscall(SYS_write, aFd, aBuffer, aSize);
+}
 
 int epoll_ctl(int aEpoll, int aOperation, int aFd, epoll_event* aEvent) noexcept {
     return static_cast<int>(Call(SYS_epoll_ctl, aEpoll, aOperation, aFd, aEvent));
@@ -114,7 +132,7 @@ int epoll_wait(int aEpoll, epoll_event* aEvents, int aMost, int aTimeout) {
     const long lReady = syscall(SYS_epoll_pwait, aEpoll, aEvents, aMost, aTimeout, nullptr, 0);
     t_bOneReport = lReady == 1;
     if (lReady != 0 || aTimeout == 0)
-        Add(s_Calls);
+        Add(s_Wakes);
     return static_cast<int>(lReady);
 }
 

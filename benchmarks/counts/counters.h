@@ -6,7 +6,8 @@
 
 // Since the start of the process, of all threads together.
 struct CCounters {
-    uint64_t m_ullCalls = 0;        // system calls for sockets, epoll and eventfd; waits that time out do not count
+    uint64_t m_ullCalls = 0;        // system calls for sockets but close, and for their registration
+    uint64_t m_ullWakes = 0;        // waits of a thread and its wake-ups by others; waits that time out do not count
     uint64_t m_ullAllocations = 0;  // operator new
     uint64_t m_ullCopied = 0;       // bytes that memcpy and memmove copied
     uint64_t m_ullLocks = 0;        // locked mutexes
@@ -15,6 +16,7 @@ struct CCounters {
 };
 
 inline CCounters operator-(const CCounters& aLeft, const CCounters& aRight) {
-    return {aLeft.m_ullCalls - aRight.m_ullCalls, aLeft.m_ullAllocations - aRight.m_ullAllocations,
-            aLeft.m_ullCopied - aRight.m_ullCopied, aLeft.m_ullLocks - aRight.m_ullLocks};
+    return {aLeft.m_ullCalls - aRight.m_ullCalls, aLeft.m_ullWakes - aRight.m_ullWakes,
+            aLeft.m_ullAllocations - aRight.m_ullAllocations, aLeft.m_ullCopied - aRight.m_ullCopied,
+            aLeft.m_ullLocks - aRight.m_ullLocks};
 }

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "talvo/co.h"
+#include "talvo/event/timer_wrapper_id.h"
 #include "talvo/http/channel_manager.h"
 #include "talvo/http/server/channel_server.h"
 #include "talvo/session/forward_session.h"
@@ -151,6 +152,23 @@ public:
     std::atomic<size_t> m_stJoined{0};
 };
 
+class CCountingEvent : public ICmEvent {
+public:
+    explicit CCountingEvent(size_t& aCount) : m_stCount(aCount) {}
+    CmResult OnEventFire() override {
+        ++m_stCount;
+        return CM_OK;
+    }
+
+private:
+    size_t& m_stCount;
+};
+
+class CIgnoredTimer : public CCmTimerWrapperIDSink {
+public:
+    void OnTimer(CCmTimerWrapperID*) override { ADD_FAILURE(); }
+};
+
 // One end of a stream. Sends a given number of messages, and counts the received bytes.
 class CStreamEnd : public ICmTransportSink {
 public:
@@ -196,6 +214,7 @@ private:
 CCost::CCost(const CCounters& aSpent, size_t aMessages, size_t aSize) {
     const double dMessages = static_cast<double>(aMessages);
     m_dCalls = static_cast<double>(aSpent.m_ullCalls) / dMessages;
+    m_dWakes = static_cast<double>(aSpent.m_ullWakes) / dMessages;
     m_dAllocations = static_cast<double>(aSpent.m_ullAllocations) / dMessages;
     m_dCopies = static_cast<double>(aSpent.m_ullCopied) / (dMessages * static_cast<double>(aSize));
     m_dLocks = static_cast<double>(aSpent.m_ullLocks) / dMessages;
@@ -230,18 +249,20 @@ CCost CoroutineEchoCost(const CTestNetwork& aNetwork, size_t aMessages, DWORD aS
     return cost;
 }
 
-CCost TlsEchoCost(const CTestNetwork& aNetwork, CCmRefPtrT<CCmSslContext> aServer, CCmRefPtrT<CCmSslContext> aClient,
-                  size_t aMessages, DWORD aSize) {
+CCost PairEchoCost(const CTestNetwork& aNetwork, DWORD aType, size_t aMessages, DWORD aSize, CCmRefPtrT<CCmSslContext> aServer,
+                   CCmRefPtrT<CCmSslContext> aClient) {
     CEcho echo;
     CTrips trips(aMessages, aSize);
     aNetwork.InNetwork([&] {
-        echo.m_pAcceptor = CTestNetwork::MakeAcceptor(CM_TRANSPORT_TYPE_TLS);
-        Set(*cm_get_connect_options(echo.m_pAcceptor.Get()), CM_OPT_CONNECT_SSL_CONTEXT, aServer);
+        echo.m_pAcceptor = CTestNetwork::MakeAcceptor(aType);
+        if (aServer)
+            Set(*cm_get_connect_options(echo.m_pAcceptor.Get()), CM_OPT_CONNECT_SSL_CONTEXT, aServer);
         EXPECT_EQ(CM_OK, echo.m_pAcceptor->StartListen(&echo, Loopback()));
         CCmInetAddr addr;
         EXPECT_EQ(CM_OK, echo.m_pAcceptor->GetListenAddr(addr));
-        trips.m_pConnector = CTestNetwork::MakeConnector(CM_TRANSPORT_TYPE_TLS);
-        Set(*cm_get_connect_options(trips.m_pConnector.Get()), CM_OPT_CONNECT_SSL_CONTEXT, aClient);
+        trips.m_pConnector = CTestNetwork::MakeConnector(aType);
+        if (aClient)
+            Set(*cm_get_connect_options(trips.m_pConnector.Get()), CM_OPT_CONNECT_SSL_CONTEXT, aClient);
         trips.m_pConnector->AsycConnect(&trips, addr);
     });
     aNetwork.RunUntil([&] { return trips.IsDone(); });
@@ -286,6 +307,52 @@ CCost StreamCost(const CTestNetwork& aNetwork, DWORD aType, size_t aMessages, DW
     const CCounters before = CCounters::Now();
     stream(aMessages);
     return CCost(CCounters::Now() - before, aMessages, aSize);
+}
+
+CCost PostCost(const CTestNetwork& aNetwork, size_t aEvents) {
+    ICmEventQueue& queue = *CTestNetwork::Network()->GetEventQueue();
+    size_t stRan = 0;
+    const auto post = [&] {
+        std::atomic<BOOL> bHeld{FALSE}, bGo{FALSE};
+        PostTo(queue, [&] {
+            bHeld = TRUE;
+            YieldUntil([&] { return bGo.load(); });
+        });
+        YieldUntil([&] { return bHeld.load(); });
+        const CCounters before = CCounters::Now();
+        for (size_t n = 0; n < aEvents; ++n)
+            queue.PostEvent(new CCountingEvent(stRan));
+        bGo = TRUE;
+        aNetwork.InNetwork([] {});
+        return CCounters::Now() - before;
+    };
+    post();  // lets all buffers reach their final size
+    const CCost cost(post(), aEvents, 1);
+    EXPECT_EQ(2 * aEvents, stRan);
+    return cost;
+}
+
+CCost TimerCost(const CTestNetwork& aNetwork, size_t aTimers) {
+    CCounters spent;
+    aNetwork.InNetwork([&] {
+        CIgnoredTimer sink;
+        std::vector<CCmTimerWrapperID> others(aTimers), timers(aTimers);
+        for (CCmTimerWrapperID& timer : others)
+            timer.Schedule(&sink, CCmTimeValue(3600), 1);
+        const auto run = [&] {
+            for (const long lSeconds : {600, 700}) {
+                for (CCmTimerWrapperID& timer : timers)
+                    timer.Schedule(&sink, CCmTimeValue(lSeconds), 1);
+            }
+            for (CCmTimerWrapperID& timer : timers)
+                EXPECT_EQ(CM_OK, timer.Cancel());
+        };
+        run();  // lets all buffers reach their final size
+        const CCounters before = CCounters::Now();
+        run();
+        spent = CCounters::Now() - before;
+    });
+    return CCost(spent, aTimers, 1);
 }
 
 CCost ForwardCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aReceivers, size_t aMessages, DWORD aSize) {

@@ -10,6 +10,7 @@ struct CCost {
     CCost(const CCounters& aSpent, size_t aMessages, size_t aSize);
 
     double m_dCalls;
+    double m_dWakes;
     double m_dAllocations;
     double m_dCopies;  // copied bytes for each byte of the message
     double m_dLocks;
@@ -23,17 +24,25 @@ CCost EchoCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aMessages, 
 // The same with a coroutine at the library's end, in the network thread.
 CCost CoroutineEchoCost(const CTestNetwork& aNetwork, size_t aMessages, DWORD aSize);
 
-// The same over TLS, with the library at both ends, each in the network thread. OpenSSL's copies are counted, too.
-CCost TlsEchoCost(const CTestNetwork& aNetwork, CCmRefPtrT<CCmSslContext> aServer, CCmRefPtrT<CCmSslContext> aClient,
-                  size_t aMessages, DWORD aSize);
+// The same with the library at both ends of a connection of type aType, each in the network thread; of TLS with contexts.
+// OpenSSL's copies are counted, too.
+CCost PairEchoCost(const CTestNetwork& aNetwork, DWORD aType, size_t aMessages, DWORD aSize,
+                   CCmRefPtrT<CCmSslContext> aServer = {}, CCmRefPtrT<CCmSslContext> aClient = {});
 
 // An HTTP/1.1 request from a plain socket and its answer, aMessages times on one connection, one at a time. The server is in
 // the network thread; with a path, on a Unix socket. Copies are counted for each byte of the answer.
 CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages, const char* aPath = nullptr);
 
 // aMessages from one end to the other, both in the main thread behind proxies and of type aType, sent from inside events. Both
-// ends are counted, and the block that the application creates for each message.
+// ends are counted, and the block that the application creates for each message. A network without a thread of its own needs
+// CTYPE_FORCE_THREAD_PROXY; its cost does not depend on the turns that threads take.
 CCost StreamCost(const CTestNetwork& aNetwork, DWORD aType, size_t aMessages, DWORD aSize);
+
+// aEvents posted to the network thread from the main thread, while the network thread is busy, until all have run.
+CCost PostCost(const CTestNetwork& aNetwork, size_t aEvents);
+
+// aTimers, each scheduled, scheduled again and cancelled in the network thread, among as many others.
+CCost TimerCost(const CTestNetwork& aNetwork, size_t aTimers);
 
 // aMessages through a forward session in the network thread, one a turn, to aReceivers package connections whose peers are
 // plain sockets. The cost is that of a delivered message. aInNetwork FALSE: the main thread forwards, through the session's

@@ -13,19 +13,30 @@ constexpr DWORD LENGTH = RAW | CCmConnectionManager::CTYPE_PDU_LENGTH;
 constexpr DWORD PACKAGE = RAW | CCmConnectionManager::CTYPE_PDU_PACKAGE;
 constexpr DWORD RELIABLE = RAW | CCmConnectionManager::CTYPE_PDU_RELIABLE | CCmConnectionManager::CTYPE_RECONNECT_TOKEN;
 
-// No more of each than this for a message.
+// No more of each than this for a message. One call, wake-up, allocation, copy or lock more fails the test.
 struct CBound {
     const char* m_pName;
-    double m_dCalls, m_dAllocations, m_dCopies, m_dLocks;
+    double m_dCalls, m_dWakes, m_dAllocations, m_dCopies, m_dLocks;
 };
 
-void Compare(const CBound& aBound, const CCost& aCost) {
-    std::printf("%-32s %6.3f calls %6.3f allocations %6.3f copies %6.3f locks\n", aBound.m_pName, aCost.m_dCalls,
-                aCost.m_dAllocations, aCost.m_dCopies, aCost.m_dLocks);
-    EXPECT_LE(aCost.m_dCalls, aBound.m_dCalls) << aBound.m_pName;
-    EXPECT_LE(aCost.m_dAllocations, aBound.m_dAllocations) << aBound.m_pName;
-    EXPECT_LE(aCost.m_dCopies, aBound.m_dCopies) << aBound.m_pName;
-    EXPECT_LE(aCost.m_dLocks, aBound.m_dLocks) << aBound.m_pName;
+// For slabs and buffers that many messages share, and the ticks of the loops.
+constexpr double ROOM = 0.03;
+// For the turns of two threads, or the sizes of receives, which decide how many messages share a call, a lock or a block.
+constexpr double LARGE_ROOM = 0.5;
+#ifdef NDEBUG
+constexpr double COPIES_ROOM = ROOM;
+#else
+constexpr double COPIES_ROOM = 2.6;  // the few bytes of a header are calls, too
+#endif
+
+void Compare(const CBound& aBound, const CCost& aCost, double aRoom = ROOM) {
+    std::printf("%-36s %6.3f calls %6.3f waits and wake-ups %6.3f allocations %6.3f copies %6.3f locks\n", aBound.m_pName,
+                aCost.m_dCalls, aCost.m_dWakes, aCost.m_dAllocations, aCost.m_dCopies, aCost.m_dLocks);
+    EXPECT_LE(aCost.m_dCalls, aBound.m_dCalls + aRoom) << aBound.m_pName;
+    EXPECT_LE(aCost.m_dWakes, aBound.m_dWakes + aRoom) << aBound.m_pName;
+    EXPECT_LE(aCost.m_dAllocations, aBound.m_dAllocations + aRoom) << aBound.m_pName;
+    EXPECT_LE(aCost.m_dCopies, aBound.m_dCopies + COPIES_ROOM) << aBound.m_pName;
+    EXPECT_LE(aCost.m_dLocks, aBound.m_dLocks + aRoom) << aBound.m_pName;
 }
 
 }  // namespace
@@ -33,66 +44,102 @@ void Compare(const CBound& aBound, const CCost& aCost) {
 TEST(CountsTest, Echo) {
     const CTestNetwork network;
     const CCost cost = EchoCost(network, TRUE, 2000, 64);
-    EXPECT_GE(cost.m_dCalls, 3) << "not all that the library does is counted";
+    EXPECT_GE(cost.m_dCalls + cost.m_dWakes, 3) << "not all that the library does is counted";
     // A wait, a receive and a send, on bytes that stay in the thread's receive buffer.
-    Compare({"raw, network thread, echo 64 B", 3.05, 0.05, 0.05, 0.05}, cost);
-    Compare({"raw, coroutine, echo 64 B", 3.05, 0.05, 0.05, 0.05}, CoroutineEchoCost(network, 2000, 64));
+    Compare({"raw, network thread, echo 64 B", 2, 1, 0, 0, 0}, cost);
+    Compare({"raw, coroutine, echo 64 B", 2, 1, 0, 0, 0}, CoroutineEchoCost(network, 2000, 64));
     // Besides these a wake-up to each thread, a write and a wait each, unless it is awake. Copied out of the receive buffer.
     // The allocations are those of both directions together.
-    Compare({"raw, proxy, echo 64 B", 7.05, 3.05, 1.05, 11.2}, EchoCost(network, FALSE, 2000, 64));
-    // The three calls of each end. OpenSSL copies a message and its record a few times; it has locks of its own kind.
+    Compare({"raw, proxy, echo 64 B", 2, 5, 3, 1, 11}, EchoCost(network, FALSE, 2000, 64));
+}
+
+TEST(CountsTest, EchoAtBothEnds) {
     const CTestCertificates& made = CTestCertificates::Get();
-    Compare({"TLS, both ends, echo 64 B", 6.1, 0.05, 12, 0.05},
-            TlsEchoCost(network, made.MakeServer(), made.MakeClient(), 2000, 64));
+    const struct {
+        DWORD m_dwType;
+        CBound m_Small, m_Large;
+    } rows[] = {
+        // The three calls of each end. A read that fills its 16 KiB is repeated.
+        {RAW, {"raw, both ends, echo 64 B", 4, 2, 0, 0, 0}, {"raw, both ends, echo 16 KiB", 6, 2, 0, 0, 0}},
+        {LENGTH, {"length, both ends, echo 64 B", 4, 2, 4, 2.25, 0}, {"length, both ends, echo 16 KiB", 4, 2, 4, 2, 0}},
+        // Behind a header of 9 bytes.
+        {PACKAGE, {"package, both ends, echo 64 B", 4, 2, 6, 4.5, 0}, {"package, both ends, echo 16 KiB", 4, 2, 8, 3, 2}},
+        {RELIABLE, {"reliable, both ends, echo 64 B", 4, 2, 6, 4.88, 0}, {"reliable, both ends, echo 16 KiB", 4, 2, 8, 3, 2}},
+        // OpenSSL copies a message and its record a few times; it has locks of its own kind.
+        {CM_TRANSPORT_TYPE_TLS,
+         {"TLS, both ends, echo 64 B", 4, 2, 0, 11.12, 0},
+         {"TLS, both ends, echo 16 KiB", 6, 2, 0, 8, 0}},
+    };
+    const CTestNetwork network;
+    for (const auto& row : rows) {
+        const bool bTls = row.m_dwType == CM_TRANSPORT_TYPE_TLS;
+        const auto pServer = bTls ? made.MakeServer() : CCmRefPtrT<CCmSslContext>();
+        const auto pClient = bTls ? made.MakeClient() : CCmRefPtrT<CCmSslContext>();
+        Compare(row.m_Small, PairEchoCost(network, row.m_dwType, 2000, 64, pServer, pClient));
+        Compare(row.m_Large, PairEchoCost(network, row.m_dwType, 500, 16384, pServer, pClient));
+    }
 }
 
 TEST(CountsTest, HttpRequest) {
     // The same three calls. Channel and blocks are used again; the answer is written into the block that is sent, its head in
     // pieces.
-    const CBound bound = {"HTTP, network thread, keep-alive", 3.05, 0.05, 1.35, 0.05};
+    const CBound bound = {"HTTP, network thread, keep-alive", 2, 1, 0, 1.26, 0};
     Compare(bound, HttpCost(CTestNetwork(), 2000));
     // The room that each read of the peer makes on a Unix socket wakes no loop.
     Compare(bound, HttpCost(CTestNetwork(), 2000, ("@talvo-counts-" + std::to_string(getpid())).c_str()));
 }
 
 TEST(CountsTest, Stream) {
-    // How many messages share a call, a lock or a block depends on the turns that the threads take, hence the room. In each row
-    // one allocation is the application's.
+    // In each row one allocation is the application's.
     const struct {
         DWORD m_dwType;
         DWORD m_dwSize;
         CBound m_Bound;
     } rows[] = {
         // Shared on the way down, which takes an item; copied out of the receive buffer with hundreds of others.
-        {RAW, 64, {"raw, proxies, 64 B", 0.1, 2.1, 1.3, 1.2}},
-        // About a chunk of 16 KiB a message on the way up, each received, copied and handed over by itself.
-        {RAW, 16384, {"raw, proxies, 16 KiB", 7, 7, 1.05, 10}},
+        {RAW, 64, {"raw, proxies, 64 B", 0.02, 0, 2, 1, 1}},
+        // Some four messages a receive. Copied once, and handed over in chunks.
+        {RAW, 16384, {"raw, proxies, 16 KiB", 0.39, 0.07, 2, 1, 3.8}},
         // Copied into the queue of each proxy, behind its length, and out of the receive buffer; each time into a block that it
         // shares with others. Its two locks are those of the queues.
-        {LENGTH, 64, {"length, 64 B", 0.1, 1.2, 4.4, 2.2}},
+        {LENGTH, 64, {"length, 64 B", 0, 0, 1.03, 4.31, 2.03}},
         // Shared but for the receive buffer; it comes in two chunks, since its length is in front of it.
-        {LENGTH, 16384, {"length, 16 KiB", 7, 13, 1.05, 12}},
-        // As with the length, but what waits to be sent is bounded by 64 KiB, so that fewer share a call.
+        {LENGTH, 16384, {"length, 16 KiB", 0.61, 0.1, 6.1, 1, 4.95}},
         // Four copies, each of 64 bytes behind a header of 9.
-        {PACKAGE, 64, {"package, 64 B", 0.6, 1.7, 4.6, 2.2}},
-        {PACKAGE, 16384, {"package, 16 KiB", 7, 13, 1.05, 12}},
+        {PACKAGE, 64, {"package, 64 B", 0, 0, 1.03, 4.45, 2.03}},
+        // What waits to be sent is bounded by 64 KiB, so that fewer share a call.
+        {PACKAGE, 16384, {"package, 16 KiB", 0.73, 0.07, 6.2, 1, 4.8}},
         // An allocation more, and a copy into it, for each message that waits for its acknowledgement.
-        {RELIABLE, 64, {"reliable, 64 B", 0.6, 2.7, 6, 2.2}},
-        {RELIABLE, 16384, {"reliable, 16 KiB", 7, 14, 1.05, 12}},
+        {RELIABLE, 64, {"reliable, 64 B", 0.01, 0, 2, 4.56, 2.02}},
+        {RELIABLE, 16384, {"reliable, 16 KiB", 0.88, 0.07, 5.45, 1, 4.8}},
     };
+    for (const auto& row : rows) {
+        const size_t stMessages = row.m_dwSize == 64 ? 20000 : 500;
+        Compare(row.m_Bound, StreamCost(CTestNetwork(), row.m_dwType, stMessages, row.m_dwSize), LARGE_ROOM);
+        // The same through the same proxies in one thread. The system decides only how much of 16 KiB a receive brings.
+        const CTestNetwork network(CCmThreadManager::NETWORK_THREAD_MAIN);
+        const DWORD dwType = row.m_dwType | CCmConnectionManager::CTYPE_FORCE_THREAD_PROXY;
+        Compare(row.m_Bound, StreamCost(network, dwType, stMessages, row.m_dwSize), row.m_dwSize == 64 ? ROOM : 0.2);
+    }
+}
+
+TEST(CountsTest, PostsAndTimers) {
     const CTestNetwork network;
-    for (const auto& row : rows)
-        Compare(row.m_Bound, StreamCost(network, row.m_dwType, row.m_dwSize == 64 ? 20000 : 500, row.m_dwSize));
+    // The lock of the queue; the event's memory comes from a slab.
+    Compare({"post", 0, 0, 0, 0, 1}, PostCost(network, 10000));
+    Compare({"timer, scheduled twice, cancelled", 0, 0, 0, 0, 0}, TimerCost(network, 10000));
 }
 
 TEST(CountsTest, Forward) {
     // A send for each receiver; the message is copied once for all of them, and all else is shared.
     const CTestNetwork network;
     const CCost cost = ForwardCost(network, TRUE, 200, 100, 64);
-    Compare({"session, 200 receivers, 64 B", 1.05, 0.05, 0.05, 0.1}, cost);
+    Compare({"session, 200 receivers, 64 B", 1, 0, 0, 0, 0.02}, cost);
     std::printf("session, 200 receivers, bytes of each %.0f\n", cost.m_dHeld);
     EXPECT_LE(cost.m_dHeld, 1360);
-    Compare({"session, 50 receivers, 16 KiB", 1.2, 0.05, 0.05, 0.3}, ForwardCost(network, TRUE, 50, 4, 16384));
+    // The message itself: a copy, and the locks of the call to the network thread. Its waits depend on the threads' turns.
+    Compare({"session, 2 receivers, 64 B", 1, 1, 0, 0.5, 4}, ForwardCost(network, TRUE, 2, 2000, 64), 0.2);
+    Compare({"session, 50 receivers, 16 KiB", 1, 0.05, 0, 0, 0.2}, ForwardCost(network, TRUE, 50, 4, 16384));
     // Its messages share turns.
-    Compare({"session's proxy, 200 receivers, 64 B", 1.05, 0.05, 0.05, 0.1}, ForwardCost(network, FALSE, 200, 100, 64));
+    Compare({"session's proxy, 200 receivers, 64 B", 0, 0, 0, 0, 0}, ForwardCost(network, FALSE, 200, 100, 64));
 }

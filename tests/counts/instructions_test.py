@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""Counts what a message of 64 bytes, or a request, costs in instructions, both ends and the test's own part in it together,
-under callgrind.
+"""Counts what a message of 64 bytes, or a request, costs in instructions under callgrind, and in system calls of every kind
+under strace; both ends and the test's own part in it together.
 
 usage: instructions_test.py COUNT_RUN
 
-A run with more messages less one with fewer leaves what the messages cost. The bounds leave a third of room: how many messages
-share a wake-up depends on how valgrind lets the threads take turns, and compilers differ.
+A run with more messages less one with fewer leaves what the messages cost. The bounds of instructions leave a third of room: how
+many messages share a wake-up depends on how valgrind lets the threads take turns, and compilers differ. Those of system calls
+leave room for the ticks of two loops.
 """
 import re
 import subprocess
@@ -13,7 +14,8 @@ import sys
 import unittest
 
 PROGRAM = sys.argv.pop(1)
-BOUNDS = {"echo": 1300, "http": 8100, "raw": 2100, "length": 3200, "package": 4900}
+INSTRUCTIONS = {"echo": 1300, "http": 8100, "raw": 2100, "length": 3200, "package": 4900}
+SYSTEM_CALLS = {"echo": 5.9, "http": 5.9}  # two of them are the plain peer's
 
 
 def instructions(path, messages):
@@ -22,14 +24,25 @@ def instructions(path, messages):
     return int(re.search(r"Collected : (\d+)", done.stderr).group(1))
 
 
+def system_calls(path, messages):
+    done = subprocess.run(["strace", "-f", "-c", "-o", "/dev/stdout", PROGRAM, path, str(messages)], text=True, check=True,
+                          stdout=subprocess.PIPE)
+    return int(re.search(r"^\S+\s+\S+\s+(?:\S+\s+)?(\d+)\s+(?:\d+\s+)?total$", done.stdout, re.M).group(1))
+
+
 class InstructionsTest(unittest.TestCase):
-    def test_paths(self):
-        for path, bound in BOUNDS.items():
-            few, many = 5000, 25000
-            cost = (instructions(path, many) - instructions(path, few)) / (many - few)
-            print(f"{path}: {cost:.0f} instructions a message")
+    def compare(self, count, bounds, few, many):
+        for path, bound in bounds.items():
+            cost = (count(path, many) - count(path, few)) / (many - few)
+            print(f"{path}: {cost:.2f} {count.__name__.replace('_', ' ')} a message")
             with self.subTest(path):
                 self.assertLess(cost, bound)
+
+    def test_instructions(self):
+        self.compare(instructions, INSTRUCTIONS, 5000, 25000)
+
+    def test_system_calls(self):
+        self.compare(system_calls, SYSTEM_CALLS, 1000, 5000)
 
 
 unittest.main()
