@@ -93,7 +93,8 @@ private:
     friend class receive_awaiter;
     friend class send_awaiter;
 
-    static constexpr std::size_t MOST_QUEUED = 64 * 1024;  // bytes; then reading pauses
+    static constexpr std::size_t MOST_QUEUED = 64 * 1024;  // cost in bytes; then reading pauses
+    static constexpr std::size_t MESSAGE_COST = 256;  // of a message besides its bytes: its block and its place in the queue
 
     void on_time() override {
         const CCmRefPtrT<stream> guard(this);
@@ -120,13 +121,15 @@ private:
         transport_->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &value);
     }
 
+    static std::size_t cost_of(const CCmMessageBlock& data) { return MESSAGE_COST + data.GetChainedLength(); }
+
     // The next queued message. Without one, reading continues.
     bool dequeue(result<message>& out) {
         if (queue_.empty())
             set_paused(false);
         if (queue_.empty())
             return false;
-        queued_ -= queue_[next_]->GetChainedLength();
+        queued_ -= cost_of(*queue_[next_]);
         out = message(std::move(queue_[next_]));
         if (++next_ == queue_.size()) {
             queue_.clear();
@@ -196,7 +199,7 @@ private:
     send_awaiter* last_sender_ = nullptr;
     std::vector<CCmChainPtr> queue_;  // received and not yet taken, from next_ on
     std::size_t next_ = 0;
-    std::size_t queued_ = 0;  // bytes
+    std::size_t queued_ = 0;  // their cost
 };
 
 class receive_awaiter {
@@ -287,7 +290,6 @@ inline void stream::lend(CCmMessageBlock& data) {
 }
 
 inline void stream::enqueue(CCmMessageBlock& data) {
-    const uint32_t length = data.GetChainedLength();
     CCmChainPtr copy(data.DuplicateChained());
     bool queued = copy != nullptr;
     try {
@@ -301,7 +303,7 @@ inline void stream::enqueue(CCmMessageBlock& data) {
         end_with(CM_ERROR_OUT_OF_MEMORY);
         return wake_all();
     }
-    queued_ += length;
+    queued_ += cost_of(data);
     if (queued_ >= MOST_QUEUED)
         set_paused(true);
 }

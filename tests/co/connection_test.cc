@@ -98,6 +98,27 @@ TEST_F(CoConnectionTest, AMessageOutlivesItsUpcallAndASlowReceiverMakesTheSender
     EXPECT_EQ(0u, m_Listener.tasks().size());
 }
 
+// Each message costs memory besides its bytes.
+TEST_F(CoConnectionTest, SmallMessagesMakeTheSenderWaitToo) {
+    m_Network.SetPath({.m_dwBuffer = 10000});
+    Listen(talvo::length, [](talvo::connection aPeer) -> talvo::task<> {
+        co_await talvo::sleep(60s);
+        int nReceived = 0;
+        while (const auto message = co_await aPeer.receive())
+            nReceived += message->size() == 1;
+        EXPECT_EQ(20000, nReceived);
+    });
+    Run([](CCmSimNetwork& aNetwork) -> talvo::task<> {
+        auto peer = (co_await talvo::connect(ADDRESS, talvo::length)).value();
+        for (int i = 0; i < 20000; ++i) {
+            EXPECT_TRUE(co_await peer.send("x"));
+            EXPECT_TRUE(i < 5000 || aNetwork.Now() > CCmTimeValue(60)) << i;
+        }
+    }(m_Network));
+    m_Network.RunFor(CCmTimeValue(1));
+    EXPECT_EQ(0u, m_Listener.tasks().size());
+}
+
 TEST_F(CoConnectionTest, FailuresHaveTheirErrors) {
     Run([](CCmSimNetwork& aNetwork, talvo::listener& aListener) -> talvo::task<> {
         EXPECT_EQ(std::errc::connection_refused, (co_await talvo::connect(ADDRESS, talvo::tcp)).error());
