@@ -26,8 +26,7 @@ public:
             code = native_->StartListen(this, at->native());
         if (code == CM_OK)
             return CM_OK;
-        if (native_)
-            cm_get_connect_options(native_.Get())->GetOption(CM_OPT_CONNECT_FAILURE, &failure_);
+        failure_ = talvo::detail::listen_failure(native_.Get());
         stop();
         return code;
     }
@@ -109,12 +108,7 @@ public:
 
     explicit operator bool() const noexcept { return acceptor_ && acceptor_->native(); }  // it listens
     // The bound address; none if it does not listen.
-    address local_address() const {
-        CCmInetAddr bound;
-        if (*this)
-            acceptor_->native()->GetListenAddr(bound);
-        return bound;
-    }
+    address local_address() const { return talvo::detail::bound_address(acceptor_ ? acceptor_->native() : nullptr); }
     // Why the last listen failed, with its text.
     CCmFailure failure() const { return acceptor_ ? acceptor_->failure() : CCmFailure(); }
 

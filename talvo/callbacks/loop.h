@@ -6,8 +6,7 @@
 #include <optional>
 
 #include "talvo/co/result.h"
-#include "talvo/event/thread.h"
-#include "talvo/event/thread_manager.h"
+#include "talvo/co/user_thread.h"
 
 namespace talvo {
 inline namespace callbacks {
@@ -33,12 +32,13 @@ public:
         return make_error_code(link_ ? link_->Post(std::move(function)) : CM_ERROR_NOT_INITIALIZED);
     }
 
-    // Runs function() in the thread and waits for it; in the thread itself it runs at once. Gives its value, and rethrows its
-    // exception here. CM_ERROR_NOT_AVAILABLE: the thread has ended, and the function has not run. Two threads that call each
-    // other at the same time wait for ever; do not call another thread from the network thread.
+    // Runs function() in the thread and waits for it; in the thread itself it runs at once. Gives its value, a copy if it
+    // returns a reference, and rethrows its exception here. CM_ERROR_NOT_AVAILABLE: the thread has ended, and the function has
+    // not run. Two threads that call each other at the same time wait for ever; do not call another thread from the network
+    // thread.
     template <class Function>
-    auto call(Function&& function) const -> result<std::invoke_result_t<Function&>> {
-        using value = std::invoke_result_t<Function&>;
+    auto call(Function&& function) const -> result<std::remove_cvref_t<std::invoke_result_t<Function&>>> {
+        using value = std::remove_cvref_t<std::invoke_result_t<Function&>>;
         result<value> outcome;
         std::exception_ptr thrown;
         const auto run = [&] {
@@ -66,25 +66,13 @@ private:
     CCmRefPtrT<CCmThreadLink> link_;
 };
 
-// A thread of the library with an event queue and timers, for connections, timers and posted work.
-class thread {
+// A thread of the library with an event queue and timers, for connections, timers and posted work. Its destruction runs the
+// functions that were posted, and waits for the end of the thread: at most 100 ms. A function that takes longer continues, and
+// the thread ends by itself.
+class thread final : private talvo::detail::user_thread {
 public:
-    // error(): CM_ERROR_UNEXPECTED: the system has no thread. CM_ERROR_OUT_OF_MEMORY.
-    thread() : error_(make_error_code(CCmThreadManager::Instance()->CreateUserTaskThread(native_))) {}
-    thread(const thread&) = delete;
-    thread& operator=(const thread&) = delete;
-    // Runs what was posted, and waits for the end of the thread: at most 100 ms. A function that takes longer continues, and
-    // the thread ends by itself.
-    ~thread() {
-        if (!native_)
-            return;
-        native_->Stop();
-        native_->Join();
-        native_->Destory(CM_OK);
-    }
-
-    std::error_code error() const noexcept { return error_; }
-    callbacks::loop loop() const { return native_ ? callbacks::loop(*native_) : callbacks::loop(); }
+    using user_thread::error;  // CM_ERROR_UNEXPECTED: the system has no thread. CM_ERROR_OUT_OF_MEMORY
+    callbacks::loop loop() const { return native() ? callbacks::loop(*native()) : callbacks::loop(); }
 
     // As those of loop.
     template <class Function>
@@ -95,10 +83,6 @@ public:
     auto call(Function&& function) const {
         return loop().call(std::forward<Function>(function));
     }
-
-private:
-    ACmThread* native_ = nullptr;  // null: it has not started
-    std::error_code error_;
 };
 
 }  // namespace callbacks

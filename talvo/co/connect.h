@@ -76,8 +76,8 @@ private:
 
 // co_await gives a result<connection>. The address is "host:port", "[IPv6]:port" or "unix:path"; a name is looked up. The
 // errors are the system's, such as std::errc::connection_refused; std::errc::timed_out; or the reasons of
-// ICmConnector::AsycConnect. CM_ERROR_INVALID_ARG: no such address. CM_ERROR_NOT_IMPLEMENTED: no
-// such kind. CM_ERROR_NULL_POINTER: the thread has no event queue.
+// ICmConnector::AsycConnect. CM_ERROR_INVALID_ARG: no such address. CM_ERROR_NOT_IMPLEMENTED: no such kind.
+// CM_ERROR_NULL_POINTER: the thread has no event queue. With a stop token also std::errc::operation_canceled.
 //
 //    auto peer = co_await talvo::connect("example.org:7000", talvo::package, {.timeout = 3s});
 inline auto connect(const address& to, kind type, const connect_options& options = {}) {
@@ -85,6 +85,10 @@ inline auto connect(const address& to, kind type, const connect_options& options
 }
 inline auto connect(std::string_view to, kind type, const connect_options& options = {}) {
     return detail::connect_awaiter(address::parse(to), type, options);
+}
+template <class Address>
+auto connect(const Address& to, kind type, const connect_options& options, std::stop_token token) {
+    return with_stop(std::move(token), connect(to, type, options));
 }
 
 }  // namespace talvo

@@ -83,6 +83,16 @@ private:
     std::atomic<int> references_{1};
 };
 
+// The value that passes between the threads for a result of type R: a copy of what a reference refers to.
+template <class R>
+struct far_value {
+    static_assert(std::is_void_v<R> || std::is_constructible_v<std::remove_cvref_t<R>, R>,
+                  "the work returns a reference to an object that cannot be copied for the other thread");
+    using type = std::remove_cvref_t<R>;
+};
+template <class R>
+using far_value_t = typename far_value<R>::type;
+
 // The outcome of a call, written before answer() and read behind it.
 template <class T>
 class far_outcome {

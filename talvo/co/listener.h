@@ -35,8 +35,9 @@ public:
     ~listener() override { stop(); }
 
     // CM_ERROR_INVALID_ARG: no such address, or a host name. CM_ERROR_ALREADY_INITIALIZED: it listens, or coroutines of an
-    // earlier listen run. CM_ERROR_NOT_IMPLEMENTED: no such kind. Other errors: those of ICmAcceptor::StartListen. Port 0: the
-    // system chooses a port. The handler, a lambda with its captures for example, is kept as long as its coroutines.
+    // earlier listen run. CM_ERROR_NOT_IMPLEMENTED: no such kind. Other errors: the system's, such as
+    // std::errc::address_in_use, and those of ICmAcceptor::StartListen. Port 0: the system chooses a port. The handler, a
+    // lambda with its captures for example, is kept as long as its coroutines.
     result<> listen(const address& at, kind type, handler serve, const listen_options& options = {}) {
         if (acceptor_ || tasks_.size() > 0)
             return make_error_code(CM_ERROR_ALREADY_INITIALIZED);
@@ -46,11 +47,10 @@ public:
         CmResult code = at.native().IsResolved() ? detail::make_native(type, options, acceptor_) : CM_ERROR_INVALID_ARG;
         if (code == CM_OK)
             code = acceptor_->StartListen(this, at.native());
-        if (code != CM_OK) {
-            note_failure();
+        failure_ = code == CM_OK ? CCmFailure() : detail::listen_failure(acceptor_.Get());
+        if (code != CM_OK)
             acceptor_.Reset();
-        }
-        return make_error_code(code);
+        return make_error_code(code, failure_);
     }
     result<> listen(std::string_view at, kind type, handler serve, const listen_options& options = {}) {
         const auto parsed = address::parse(at);
@@ -66,12 +66,7 @@ public:
 
     bool is_listening() const noexcept { return static_cast<bool>(acceptor_); }  // after listen and before stop
     // The bound address; none if it does not listen.
-    address local_address() const {
-        CCmInetAddr bound;
-        if (acceptor_)
-            acceptor_->GetListenAddr(bound);
-        return bound;
-    }
+    address local_address() const { return detail::bound_address(acceptor_.Get()); }
     // Why the last listen failed, with the system's errno.
     const CCmFailure& failure() const noexcept { return failure_; }
     task_group& tasks() noexcept { return tasks_; }
@@ -87,12 +82,6 @@ private:
         } catch (...) {
             detail::trace_exception(std::current_exception());
         }
-    }
-
-    void note_failure() {
-        failure_ = {};
-        if (acceptor_)
-            cm_get_connect_options(acceptor_.Get())->GetOption(CM_OPT_CONNECT_FAILURE, &failure_);
     }
 
     handler serve_;  // outlives its coroutines

@@ -36,4 +36,20 @@ inline CmResult make_native(kind type, const listen_options& options, CCmRefPtrT
     return code == CM_OK ? set_tls(made.Get(), options.tls) : code;
 }
 
+// The address of an acceptor; null: none.
+template <class Acceptor>
+address bound_address(Acceptor* acceptor) {
+    CCmInetAddr bound;
+    if (acceptor)
+        acceptor->GetListenAddr(bound);
+    return bound;
+}
+// Why an acceptor, which may be null, does not listen.
+inline CCmFailure listen_failure(ICmAcceptor* acceptor) {
+    CCmFailure found;
+    if (acceptor)
+        cm_get_connect_options(acceptor)->GetOption(CM_OPT_CONNECT_FAILURE, &found);
+    return found;
+}
+
 }  // namespace talvo::detail

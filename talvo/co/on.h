@@ -1,36 +1,25 @@
 // Work in other threads of the library.
 #pragma once
 
+#include "talvo/co/combine.h"
 #include "talvo/co/far_call.h"
+#include "talvo/co/user_thread.h"
 
 namespace talvo {
 
 // A thread with a loop of its own, for coroutines and connections that live there. Made and destroyed in one thread, after the
 // application and before it. The destruction stops the loop, so that no task is resumed there, and waits at most 100 ms for the
 // thread. A function that takes longer continues, and the thread ends by itself.
-class thread {
+class thread final : private detail::user_thread {
 public:
-    thread() { CCmThreadManager::Instance()->CreateUserTaskThread(native_); }
-    thread(const thread&) = delete;
-    thread& operator=(const thread&) = delete;
-    ~thread() {
-        if (!native_)
-            return;
-        native_->Stop();
-        native_->Join();
-        native_->Destory(CM_OK);
-    }
-
-    explicit operator bool() const noexcept { return native_; }  // false: the system has no thread
-    ACmThread* native() const noexcept { return native_; }       // the library's type
-
-private:
-    ACmThread* native_ = nullptr;
+    using user_thread::error;          // CM_ERROR_UNEXPECTED: the system has no thread. CM_ERROR_OUT_OF_MEMORY
+    using user_thread::native;         // the library's type; null: it has not started
+    using user_thread::operator bool;  // it has started
 };
 
 namespace detail {
 
-// What a callable gives in the end: the value of its task, or its own.
+// The value that a callable gives in the end: that of its task, or its own.
 template <class R>
 constexpr bool can_await = requires(R (*make)()) {
     awaiter_of(make()).await_resume();
@@ -41,11 +30,11 @@ template <class F>
 constexpr bool makes_task = can_await<std::invoke_result_t<F&>>;
 template <class R, bool Task>
 struct outcome_of {
-    using type = R;
+    using type = far_value_t<R>;
 };
 template <class R>
 struct outcome_of<R, true> {
-    using type = await_result_t<R>;
+    using type = far_value_t<await_result_t<R>>;
 };
 template <class F>
 using outcome_of_t = typename outcome_of<std::invoke_result_t<F&>, makes_task<F>>::type;
@@ -118,11 +107,9 @@ private:
     void OnThreadEnd() override { finish(); }
     void never_begun() { answer(); }
 
-    using runner_type = runner<std::conditional_t<std::is_void_v<value>, void, std::remove_cvref_t<value>>>;
-
     const CCmRefPtrT<CCmThreadLink> link_;
     std::optional<F> work_;  // outlives its coroutine
-    std::optional<runner_type> runner_;
+    std::optional<runner<value>> runner_;
     far_outcome<value> outcome_;
     step start_{*this, static_cast<step::function>(&thread_call::run_here),
                 static_cast<step::function>(&thread_call::never_begun)};
@@ -133,7 +120,8 @@ private:
 
 // Calls work in that thread; if it makes a task, runs the task there. co_await gives its value as a result<T>, in the awaiting
 // thread, and rethrows its exception. What work holds is destroyed in that thread, also if the awaiting coroutine is destroyed
-// first. The value passes between the threads. CM_ERROR_NOT_AVAILABLE: the thread has ended.
+// first. The value passes between the threads; of a reference it is a copy. CM_ERROR_NOT_AVAILABLE: the thread has ended. With
+// a stop token also std::errc::operation_canceled; a task ends in its thread then.
 //
 //    talvo::thread other;
 //    auto lines = co_await talvo::on(other, [name] { return read_lines(name); });
@@ -141,9 +129,15 @@ template <class F>
 auto on(ACmThread* where, F work) {
     return detail::far_awaiter(new detail::thread_call<F>(where, std::move(work)));
 }
+// Likewise.
 template <class F>
 auto on(const thread& where, F work) {
     return on(where.native(), std::move(work));
+}
+// Likewise; where is a thread or an ACmThread*.
+template <class Thread, class F>
+auto on(const Thread& where, F work, std::stop_token token) {
+    return with_stop(std::move(token), on(where, std::move(work)));
 }
 
 }  // namespace talvo

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "talvo/co/combine.h"
 #include "talvo/co/far_call.h"
 
 namespace talvo {
@@ -50,21 +51,26 @@ public:
     worker_pool& operator=(const worker_pool&) = delete;
     ~worker_pool() { end(); }
 
-    // Calls work in one of the threads. co_await gives its value as a result<T> and rethrows its exception. If the awaiting
-    // coroutine is destroyed, work that waits is skipped; work that has begun continues, so it must own what it uses.
-    // CM_ERROR_NOT_AVAILABLE, at once: most_waiting calls wait already.
+    // Calls work in one of the threads. co_await gives its value as a result<T>, of a reference a copy, and rethrows its
+    // exception. If the awaiting coroutine is destroyed or a stop is requested (std::errc::operation_canceled), work that waits
+    // is skipped; work that has begun continues, so it must own what it uses. CM_ERROR_NOT_AVAILABLE, at once: most_waiting
+    // calls wait already.
     //
     //    const auto hash = co_await pool.run([text] { return slow_hash(text); });
     template <class F>
     auto run(F work) {
         return detail::far_awaiter(new job<F>(*this, std::move(work)));
     }
+    template <class F>
+    auto run(F work, std::stop_token token) {
+        return with_stop(std::move(token), run(std::move(work)));
+    }
 
 private:
     template <class F>
     class job final : public detail::worker_job {
     public:
-        using value = std::invoke_result_t<F&>;
+        using value = detail::far_value_t<std::invoke_result_t<F&>>;
 
         job(worker_pool& pool, F work) : pool_(pool), work_(std::move(work)) {}
 

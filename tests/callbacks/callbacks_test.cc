@@ -206,6 +206,11 @@ TEST(CallbacksTest, EveryByteTakenArrivesAndTheEndHasACause) {
     talvo::application app;
     std::string strGot, strEnds;
     size_t stServer = 0;
+    EXPECT_EQ(talvo::errc::invalid_argument, app.listen("nowhere", talvo::tcp, [] {}).error());
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(1, app.run());
+    EXPECT_EQ("talvo: cannot listen on nowhere: an argument is out of range or unknown\n",
+              testing::internal::GetCapturedStderr());
     const auto ends = [&](const char* aName) {
         return [&, aName](std::error_code aCode) { strEnds += aName + (' ' + aCode.message() + ", "); };
     };
@@ -289,6 +294,7 @@ TEST(CallbacksTest, ObjectsThatOutliveTheirThreadAreHarmless) {
     EXPECT_TRUE(timer.is_running());
     EXPECT_THROW(pWorker->call([] { throw 1; }), int);
     EXPECT_EQ(5, app.call([] { return 5; }).value());
+    EXPECT_EQ(ended, app.call([&]() -> std::thread::id& { return ended; }).value());
     const talvo::loop loop = pWorker->loop();
     pWorker.reset();
     EXPECT_FALSE(client || listener || timer.is_running());

@@ -30,6 +30,9 @@ talvo::task<> UseThreads() {
     EXPECT_NE(home, (co_await talvo::on(*other, [] { return std::this_thread::get_id(); })).value());
     EXPECT_EQ(home, std::this_thread::get_id());
     EXPECT_THROW(co_await talvo::on(*other, [] { return InItsThread(3ms); }), std::runtime_error);
+    const std::string strShared = "shared";
+    const std::string strCopy = (co_await talvo::on(*other, [&]() -> const std::string& { return strShared; })).value();
+    EXPECT_EQ(strShared, strCopy);
     // Cancelled by its caller, before and after its begin; then by the end of its thread.
     std::atomic<bool> bBegun = false;
     co_await talvo::with_timeout(0s, talvo::on(*other, [] { return InItsThread(1h); }));
@@ -65,6 +68,8 @@ talvo::task<> UseWorkers() {
     EXPECT_EQ(talvo::errc::not_available, (co_await pool.run([] {})).error());
     lock.unlock();
     co_await group.all();
+    static int s_nValue = 4;
+    EXPECT_EQ(4, (co_await pool.run([]() -> int& { return s_nValue; })).value());
     EXPECT_EQ(3, nBegun);
     EXPECT_THROW(co_await pool.run([]() -> int { throw std::runtime_error("worker"); }), std::runtime_error);
 }
