@@ -1,12 +1,10 @@
 // One end of a connection.
 #pragma once
 
-#include <span>
-
 #include "talvo/co/channel.h"
-#include "talvo/co/combine.h"
 #include "talvo/co/kind.h"
 #include "talvo/co/options.h"
+#include "talvo/co/sender.h"
 
 namespace talvo {
 
@@ -17,8 +15,9 @@ class connect_awaiter;
 // Made by connect and listen, and used in the thread that made it. Its destruction disconnects in order: the peer gets all data
 // that was taken, and then the end. After the end of the thread every operation fails, and destruction has no effect.
 //
-// One coroutine at a time may receive. Several may send: each message is taken as a whole, in the order of the calls.
-class connection {
+// One coroutine at a time may receive. Several may send: each message is taken as a whole, in the order of the calls. The
+// operations send are those of sender.
+class connection : public sender<detail::channel> {
 public:
     connection() noexcept = default;  // not connected: every operation fails with CM_ERROR_NOT_INITIALIZED
     connection(connection&& other) noexcept = default;
@@ -37,24 +36,11 @@ public:
     // receives. CM_ERROR_NOT_AVAILABLE: this end has closed. CM_ERROR_NETWORK_SOCKET_CLOSE: the application drains, or its
     // network thread has ended. CM_ERROR_OUT_OF_MEMORY: the connection has ended for lack of memory. Otherwise the reason of
     // the failure, see failure().
-    // At most 64 KiB, or one message, is kept for a coroutine that does not receive; then TCP slows the peer.
+    // At most 64 KiB, or one message, is kept for a coroutine that does not receive; then TCP slows the peer. Each message
+    // counts for 256 bytes more.
     // With a stop token also std::errc::operation_canceled; no message is lost.
     auto receive() { return detail::receive_awaiter(channel_); }
     auto receive(std::stop_token token) { return with_stop(std::move(token), receive()); }
-
-    // co_await gives a result<> when everything was taken, which may take as long as the peer needs: nothing grows meanwhile.
-    // The bytes must stay until then; an argument of the awaiting expression itself does. Nothing is consumed: the same message
-    // may go to many connections, and its payload is shared. CM_ERROR_INVALID_ARG: a datagram or message is too long.
-    // CM_ERROR_NETWORK_SOCKET_CLOSE: the connection has ended. The others as for receive.
-    // A send that is cancelled may have been taken in part on a stream: close the connection then.
-    auto send(std::string_view bytes) { return detail::send_awaiter(channel_, detail::outgoing(bytes)); }
-    auto send(const char* text) { return send(std::string_view(text)); }
-    auto send(const std::string& bytes) { return send(std::string_view(bytes)); }
-    auto send(std::span<const std::byte> bytes) {
-        return send(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
-    }
-    auto send(const message& whole) { return detail::send_awaiter(channel_, detail::outgoing(whole)); }
-    auto send(const CCmMessageBlock& chain) { return detail::send_awaiter(channel_, detail::outgoing(chain)); }
 
     // Half-close: the peer gets the end after all data taken, and this side goes on receiving. Plain tcp only:
     // CM_ERROR_INVALID_ARG.
@@ -99,7 +85,7 @@ public:
 private:
     friend class detail::connect_awaiter;
     friend class listener;
-    explicit connection(CCmRefPtrT<detail::channel> opened) noexcept : channel_(std::move(opened)) {}
+    explicit connection(CCmRefPtrT<detail::channel> opened) noexcept : sender(std::move(opened)) {}
 
     result<> get_native(uint32_t command, void* value) const {
         return make_error_code(channel_ ? native()->GetOption(command, value) : CM_ERROR_NOT_INITIALIZED);
@@ -112,8 +98,6 @@ private:
         get_native(command, &native);
         return native;
     }
-
-    CCmRefPtrT<detail::channel> channel_;
 };
 
 }  // namespace talvo

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cerrno>
-#include <span>
 
 #include "talvo/co/connection.h"
 #include "talvo/co/stream.h"
@@ -166,7 +165,7 @@ private:
 //    call->end_sending();
 //    auto status = co_await call->head();
 //    while (auto piece = co_await call->receive()) ...
-class exchange {
+class exchange : public sender<detail::client_channel> {
 public:
     exchange() noexcept = default;
     exchange(exchange&&) noexcept = default;
@@ -181,11 +180,8 @@ public:
             channel_->close();
     }
 
-    // The request's body in pieces, each a chunk; see connection::send. An answer may come before its end.
-    auto send(std::string_view bytes) { return detail::send_awaiter(channel_, detail::outgoing(bytes)); }
-    auto send(const char* text) { return send(std::string_view(text)); }
-    auto send(const std::string& bytes) { return send(std::string_view(bytes)); }
-    auto send(const message& piece) { return detail::send_awaiter(channel_, detail::outgoing(piece)); }
+    // The request's body in pieces, each a chunk; see sender. An answer may come before its end.
+    using sender::send;
     // CM_ERROR_NOT_AVAILABLE: no such body is in progress.
     result<> end_sending() {
         return make_error_code(channel_ ? channel_->native().EndRequestBody() : CM_ERROR_NOT_INITIALIZED);
@@ -194,6 +190,7 @@ public:
     // co_await gives a result<int>: the status, when the head of the answer has come. Errors: as ICmChannelHttpClient, with the
     // cause, such as std::errc::connection_refused.
     auto head() { return detail::head_awaiter(channel_); }
+    auto head(std::stop_token token) { return with_stop(std::move(token), head()); }
     // After the head; "": no such header.
     std::string header(std::string_view name) const {
         return channel_ ? detail::header_value(channel_->native().GetResponseHead(), name) : std::string();
@@ -209,7 +206,6 @@ public:
 
 private:
     friend result<exchange> start(const request& what);
-    CCmRefPtrT<detail::client_channel> channel_;
 };
 
 }  // namespace http
@@ -312,6 +308,10 @@ inline task<result<response>> get(std::string url) {
     what.url = url;
     co_return co_await fetch(what);
 }
+
+// With a stop token also std::errc::operation_canceled; the exchange has ended then.
+inline auto fetch(const request& what, std::stop_token token) { return with_stop(std::move(token), fetch(what)); }
+inline auto get(std::string url, std::stop_token token) { return with_stop(std::move(token), get(std::move(url))); }
 
 }  // namespace http
 }  // namespace talvo

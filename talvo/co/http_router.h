@@ -14,8 +14,9 @@ class incoming;
 // empty, or "{name...}" at the end for the rest of the path, which may be empty. The first pattern added that fits wins. A
 // handler of GET also serves HEAD.
 //
-// A server with a router answers 404 for a path without a pattern; 405 with Allow for one without the method; 400 for a target
-// that cannot be decoded; 500 after a handler that gives no answer.
+// A server with a router answers 404 for a path without a pattern; 405 with Allow for one without the method; 500 after a
+// handler that gives no answer. 400: a target that cannot be decoded, or whose decoded path has "." or ".." between slashes or
+// at an end: clients resolve these, so that a handler may append a parameter to a directory.
 //
 //    talvo::http::router routes;
 //    routes.get("/users/{id}", [](talvo::http::incoming call) -> talvo::task<> {
@@ -61,7 +62,7 @@ public:
         bool decoded = query.has_value();
         for (std::string& segment : path) {
             auto text = percent_decode(segment);
-            decoded = decoded && text;
+            decoded = decoded && text && !has_dots(*text);
             segment = std::move(text).value_or("");
         }
         if (!decoded) {
@@ -93,6 +94,12 @@ private:
         return segments;
     }
 
+    // A decoded segment may contain slashes.
+    static bool has_dots(const std::string& segment) {
+        const std::string path = "/" + segment + "/";
+        return path.find("/./") != path.npos || path.find("/../") != path.npos;
+    }
+
     static std::string_view path_of(std::string_view target) {
         const std::size_t scheme = target.starts_with('/') ? target.npos : target.find("://");
         if (scheme == target.npos)
@@ -120,8 +127,9 @@ private:
     static bool take(const route& each, std::string_view method, const std::vector<std::string>& path, match& found) {
         if (each.method != method && !(each.method == "GET" && method == "HEAD")) {
             found.status = 405;
-            if ((", " + found.allow + ",").find(", " + each.method + ",") == std::string::npos)
-                found.allow += (found.allow.empty() ? "" : ", ") + each.method;
+            allow(each.method, found);
+            if (each.method == "GET")
+                allow("HEAD", found);
             return false;
         }
         found.serve = &each.serve;
@@ -133,6 +141,11 @@ private:
                 found.params.add(segment.substr(1, segment.size() - 2), path[i]);
         }
         return true;
+    }
+
+    static void allow(const std::string& method, match& found) {
+        if ((", " + found.allow + ",").find(", " + method + ",") == std::string::npos)
+            found.allow += (found.allow.empty() ? "" : ", ") + method;
     }
 
     static std::string join(const std::vector<std::string>& path, std::size_t from) {

@@ -66,40 +66,48 @@ private:
 namespace http {
 
 // A request in a server, for its handler, and the answer to it. Its destruction abandons an answer that has begun and is not
-// complete; the server answers a request without an answer.
-class incoming {
+// complete; the server answers a request without an answer. One that was moved from is empty: its operations fail with
+// CM_ERROR_NOT_INITIALIZED.
+class incoming : public sender<detail::server_channel> {
 public:
     // For the server.
-    explicit incoming(CCmRefPtrT<detail::server_channel> channel) noexcept : channel_(std::move(channel)) {}
+    explicit incoming(CCmRefPtrT<detail::server_channel> channel) noexcept : sender(std::move(channel)) {}
     incoming(incoming&&) noexcept = default;
     incoming& operator=(incoming&&) noexcept = default;
 
     // "GET".
-    std::string_view method() const { return static_cast<const char*>(native().GetRequest().GetMethod()); }
-    const std::string& target() const { return native().GetRequest().GetRequestURI(); }                 // as received
-    std::string_view param(std::string_view name) const { return channel_->found().params.get(name); }  // decoded
-    const fields& query() const noexcept { return channel_->found().query; }                            // decoded
-    std::string header(std::string_view name) const { return detail::header_value(native().GetRequest(), name); }  // "": none
+    std::string_view method() const { return channel_ ? static_cast<const char*>(request().GetMethod()) : ""; }
+    // As received.
+    std::string_view target() const { return channel_ ? std::string_view(request().GetRequestURI()) : ""; }
+    // Decoded.
+    std::string_view param(std::string_view name) const { return found().params.get(name); }
+    const fields& query() const { return found().query; }
+    // "": none.
+    std::string header(std::string_view name) const { return channel_ ? detail::header_value(request(), name) : ""; }
     // The client.
     address peer_address() const {
         CCmInetAddr peer;
-        native().GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &peer);
+        if (channel_)
+            native()->GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &peer);
         return peer;
     }
 
     // co_await gives a result<message>: the next piece of the body; no value and an error of 0: it was complete. The client
-    // waits for a handler that does not receive.
+    // waits for a handler that does not receive. With a stop token, here and below, also std::errc::operation_canceled.
     auto receive() {
-        channel_->receive_body();
+        if (channel_)
+            channel_->receive_body();
         return detail::receive_awaiter(channel_);
     }
+    auto receive(std::stop_token token) { return with_stop(std::move(token), receive()); }
     // The whole body. std::errc::message_size: more than most bytes; without another answer the server answers 413.
-    task<result<std::string>> body(std::size_t most = 1024 * 1024) {
+    task<result<std::string>> body(std::size_t most = MOST) {
+        const CCmRefPtrT<detail::server_channel> channel = channel_;
         std::string whole;
         result<message> piece;
         while ((piece = co_await receive())) {
             if (piece->size() > most - whole.size()) {
-                channel_->note_fault(413);
+                channel->note_fault(413);
                 co_return std::error_code(EMSGSIZE, category());
             }
             whole += piece->str();
@@ -108,45 +116,60 @@ public:
             co_return piece.error();
         co_return whole;
     }
+    auto body(std::size_t most, std::stop_token token) { return with_stop(std::move(token), body(most)); }
     // The fields of a form in the body, application/x-www-form-urlencoded. Errors as body; those of fields::parse give 400.
-    task<result<fields>> form(std::size_t most = 1024 * 1024) {
+    task<result<fields>> form(std::size_t most = MOST) {
+        const CCmRefPtrT<detail::server_channel> channel = channel_;
         const auto text = co_await body(most);
         if (!text)
             co_return text.error();
         auto parsed = fields::parse(*text);
         if (!parsed)
-            channel_->note_fault(400);
+            channel->note_fault(400);
         co_return parsed;
     }
+    auto form(std::size_t most, std::stop_token token) { return with_stop(std::move(token), form(most)); }
 
     // A header of the answer, before it. CM_ERROR_INVALID_ARG: as ICmChannelHttpServer::SetHeader.
     result<> set_header(std::string_view name, std::string_view value) {
         const CCmHttpAtom atom = detail::header_name(name);
-        return make_error_code(atom ? native().SetHeader(atom, std::string(value)) : CM_ERROR_INVALID_ARG);
+        return apply(
+            [&](auto& channel) { return atom ? channel.native().SetHeader(atom, std::string(value)) : CM_ERROR_INVALID_ARG; });
     }
     // The whole answer, which the library delivers. CM_ERROR_NOT_INITIALIZED: the client has gone. CM_ERROR_NOT_AVAILABLE: an
     // answer has begun.
     result<> respond(int status, std::string_view content_type = {}, std::string_view body = {}) {
-        return make_error_code(channel_->answer(status, content_type, body));
+        return apply([&](auto& channel) { return channel.answer(status, content_type, body); });
     }
 
-    // An answer in pieces: begin, send as often as there is data (see connection::send), finish. Without a length it is sent in
+    // An answer in pieces: begin, send (see sender) as often as there is data, finish. Without a length it is sent in
     // chunks.
     result<> begin(int status, std::string_view content_type = {}, uint64_t length = ICmChannelHttpServer::UNKNOWN_LENGTH) {
-        channel_->receive_body();
-        return make_error_code(channel_->begin(status, content_type, length));
+        return apply([&](auto& channel) {
+            channel.receive_body();
+            return channel.begin(status, content_type, length);
+        });
     }
-    auto send(std::string_view bytes) { return detail::send_awaiter(channel_, detail::outgoing(bytes)); }
-    auto send(const char* text) { return send(std::string_view(text)); }
-    auto send(const std::string& bytes) { return send(std::string_view(bytes)); }
-    auto send(const message& piece) { return detail::send_awaiter(channel_, detail::outgoing(piece)); }
-    result<> finish() { return make_error_code(native().EndAnswer()); }
+    using sender::send;
+    result<> finish() {
+        return apply([](auto& channel) { return channel.native().EndAnswer(); });
+    }
 
-    // For the library's own functions. The layer is its sink.
-    ICmChannelHttpServer& native() const { return channel_->native(); }
+    // For the library's own functions; null: moved away. The layer is its sink.
+    ICmChannelHttpServer* native() const { return channel_ ? &channel_->native() : nullptr; }
 
 private:
-    CCmRefPtrT<detail::server_channel> channel_;
+    static constexpr std::size_t MOST = 1024 * 1024;  // bytes of a body
+
+    const CCmHttpRequestHead& request() const { return channel_->native().GetRequest(); }
+    const router::match& found() const {
+        static const router::match NONE;
+        return channel_ ? channel_->found() : NONE;
+    }
+    template <class Operation>
+    result<> apply(Operation operation) {
+        return make_error_code(channel_ ? operation(*channel_) : CM_ERROR_NOT_INITIALIZED);
+    }
 };
 
 // How to serve.
@@ -172,6 +195,7 @@ public:
     result<> listen(std::string_view at, router routes, const server_options& options = {}) {
         if (acceptor_)
             return make_error_code(CM_ERROR_ALREADY_INITIALIZED);
+        failure_ = {};
         const auto parsed = address::parse(at);
         if (!parsed || !parsed->native().IsResolved())
             return make_error_code(CM_ERROR_INVALID_ARG);
@@ -193,12 +217,7 @@ public:
         if (acceptor_)
             acceptor_->StopListen(CM_OK);
     }
-    address local_address() const {
-        CCmInetAddr bound;
-        if (acceptor_)
-            acceptor_->GetListenAddr(bound);
-        return bound;
-    }
+    address local_address() const { return detail::bound_address(acceptor_.Get()); }
     const CCmFailure& failure() const noexcept { return failure_; }
 
 private:

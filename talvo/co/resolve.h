@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "talvo/co/address.h"
+#include "talvo/co/combine.h"
 #include "talvo/co/task.h"
 #include "talvo/event/timer_queue.h"
 #include "talvo/transport/dns/dns_manager.h"
@@ -72,7 +73,10 @@ private:
 
 // Looks up the name of "host:port" in the library's cache and servers. co_await gives a result<std::vector<address>>, at least
 // one, with the port; a literal address gives itself. talvo::errc::dns_failure: no address. The other errors are those of
-// CCmDnsManager::AsyncResolve.
+// CCmDnsManager::AsyncResolve. With a stop token also std::errc::operation_canceled.
 inline auto resolve(std::string_view host_and_port) { return detail::resolve_awaiter(address::parse(host_and_port)); }
+inline auto resolve(std::string_view host_and_port, std::stop_token token) {
+    return with_stop(std::move(token), resolve(host_and_port));
+}
 
 }  // namespace talvo

@@ -5,6 +5,7 @@
 #include <functional>
 #include <stop_token>
 
+#include "talvo/co/combine.h"
 #include "talvo/co/loop_timer.h"
 #include "talvo/co/runner.h"
 
@@ -42,6 +43,9 @@ public:
     auto below(std::size_t count) { return wait_awaiter(*this, std::max<std::size_t>(count, 1), false); }
     // co_await resumes when all tasks have ended, and rethrows as above.
     auto all() { return wait_awaiter(*this, 1, true); }
+    // The same with a stop token give a result<>: std::errc::operation_canceled. The tasks continue.
+    auto below(std::size_t count, std::stop_token token) { return with_stop(std::move(token), below(count)); }
+    auto all(std::stop_token token) { return with_stop(std::move(token), all()); }
 
     // Asks the tasks to end: those that observe the token.
     void request_stop() { stop_.request_stop(); }

@@ -38,7 +38,7 @@ TEST(HttpRouterTest, FindsHandlersAndDecodes) {
         {"HEAD", "http://host:80/a/7?q", 200, "id=7;", "q=;"},
         {"GET", "http://host", 200, "", ""},
         {"PUT", "/a/7", 200, "id=7;", ""},
-        {"POST", "/a/7", 405, "GET, PUT", ""},
+        {"POST", "/a/7", 405, "GET, HEAD, PUT", ""},
         {"GET", "/a/", 404, "", ""},
         {"GET", "/a/7/", 404, "", ""},
         {"GET", "/files/x/y.txt", 200, "path=x/y.txt;", ""},
@@ -48,6 +48,11 @@ TEST(HttpRouterTest, FindsHandlersAndDecodes) {
         {"GET", "", 404, "", ""},
         {"GET", "/a/%4", 400, "", ""},
         {"GET", "/a/%00", 400, "", ""},
+        {"GET", "/files/x/../../y", 400, "", ""},
+        {"GET", "/files/%2e%2E", 400, "", ""},
+        {"GET", "/files/x%2F..%2Fy", 400, "", ""},
+        {"GET", "/files/./x", 400, "", ""},
+        {"GET", "/files/..x/.y/z..", 200, "path=..x/.y/z..;", ""},
         {"GET", "/?%zz", 400, "", ""},
     };
     for (const auto& row : rows) {
@@ -81,7 +86,13 @@ TEST_F(CoHttpTest, HandlersAnswerAndFaultsHaveTheirStatus) {
     });
     routes.post("/{any}", [](http::incoming aCall) -> talvo::task<> {
         EXPECT_EQ(std::errc::invalid_argument, aCall.respond(1000).error());
-        co_return;
+        const http::incoming moved = std::move(aCall);
+        EXPECT_TRUE(aCall.method().empty() && aCall.target().empty() && aCall.param("any").empty() && !aCall.query().size());
+        EXPECT_TRUE(aCall.header("Host").empty() && !aCall.native() && aCall.peer_address() == talvo::address());
+        EXPECT_EQ(std::errc::not_connected, (co_await aCall.form()).error());
+        EXPECT_EQ(std::errc::not_connected, (co_await aCall.send("x")).error());
+        for (const auto& done : {aCall.respond(200), aCall.set_header("X", "y"), aCall.begin(200), aCall.finish()})
+            EXPECT_EQ(std::errc::not_connected, done.error());
     });
     Serve(std::move(routes));
     Run([]() -> talvo::task<> {
@@ -99,6 +110,8 @@ TEST_F(CoHttpTest, HandlersAnswerAndFaultsHaveTheirStatus) {
         EXPECT_EQ(404, (co_await http::get(Url("/no/where"))).value().status());
         const auto wrong = (co_await http::get(Url("/form"))).value();
         EXPECT_TRUE(wrong.status() == 405 && wrong.header("Allow") == "POST");
+        const auto put = (co_await http::fetch({.url = "http://10.0.0.1/throw", .method = "PUT"})).value();
+        EXPECT_TRUE(put.status() == 405 && put.header("Allow") == "GET, HEAD, POST");
         EXPECT_EQ(500, (co_await http::get(Url("/throw"))).value().status());
         EXPECT_EQ(std::errc::invalid_argument, (co_await http::get("nonsense")).error());
         EXPECT_EQ(std::errc::connection_refused, (co_await http::get("http://10.0.0.9/")).error());
