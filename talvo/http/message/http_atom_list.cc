@@ -18,12 +18,40 @@ namespace {
 using Guard = CCmMutexGuardT<CCmMutexThread>;
 using SingletonGuard = CCmMutexGuardT<CCmMutexThreadRecursive>;
 
+// A text as its first and its last eight bytes; those of a text of up to 16 are all of it.
+struct CEnds {
+    constexpr explicit CEnds(std::string_view aText) {
+        const BOOL bShort = aText.size() < sizeof(uint64_t);
+        m_ullFirst = bShort ? talvo::word_of(aText) : talvo::load_word<uint64_t>(aText.data());
+        m_ullLast = bShort ? m_ullFirst : talvo::load_word<uint64_t>(aText.data() + aText.size() - sizeof(uint64_t));
+    }
+    BOOL EqualsNoCase(const CEnds& aOther) const {
+        return talvo::lower_word(m_ullFirst) == talvo::lower_word(aOther.m_ullFirst) &&
+               talvo::lower_word(m_ullLast) == talvo::lower_word(aOther.m_ullLast);
+    }
+    bool operator==(const CEnds&) const = default;
+
+    uint64_t m_ullFirst, m_ullLast;
+};
+
 struct CKnownAtom {
+    constexpr CKnownAtom(std::string_view aText, const CCmHttpAtom* aAtom) : m_strText(aText), m_Ends(aText), m_pAtom(aAtom) {}
+
+    BOOL Is(std::string_view aName) const {
+        if (aName.size() != m_strText.size())
+            return FALSE;
+        const CEnds ends(aName);
+        if (ends != m_Ends && !ends.EqualsNoCase(m_Ends))  // most peers use the usual spelling
+            return FALSE;
+        return aName.size() <= 2 * sizeof(uint64_t) || talvo::equal_no_case(aName, m_strText);
+    }
+
     std::string_view m_strText;
+    CEnds m_Ends;
     const CCmHttpAtom* m_pAtom;
 };
 
-#define CM_LIST_ATOM(aMember, aText) {aText, &CCmHttpAtomList::aMember},
+#define CM_LIST_ATOM(aMember, aText) CKnownAtom(aText, &CCmHttpAtomList::aMember),
 constexpr CKnownAtom KNOWN[] = {CM_FOR_EACH_HTTP_ATOM(CM_LIST_ATOM)};
 #undef CM_LIST_ATOM
 
@@ -109,20 +137,23 @@ CCmHttpAtom CCmHttpAtomList::FindKnown(std::string_view aName) {
     if (byIndex == NONE)
         return nullptr;
     const CKnownAtom& known = KNOWN[byIndex];
-    return talvo::equal_no_case(aName, known.m_strText) ? *known.m_pAtom : CCmHttpAtom();
+    return known.Is(aName) ? *known.m_pAtom : CCmHttpAtom();
 }
 
 CCmHttpAtom CCmHttpAtomList::ResolveAtom(std::string_view aName, int aCreate) {
     const std::string_view strName = talvo::trim_spaces(aName);
     if (strName.empty())
         return nullptr;
-    if (const CCmHttpAtom atom = FindKnown(strName))
-        return atom;
-    if (const char* pText = m_pNames->Find(strName))
+    const CCmHttpAtom atom = FindKnown(strName);
+    return atom ? atom : ResolveOther_i(strName, aCreate);
+}
+
+CCmHttpAtom CCmHttpAtomList::ResolveOther_i(std::string_view aName, int aCreate) {
+    if (const char* pText = m_pNames->Find(aName))
         return pText;
     CCmHttpAtom atom;
     if (aCreate)
-        talvo::WithMemory([&] { atom = Store(strName); });
+        talvo::WithMemory([&] { atom = Store(aName); });
     return atom;
 }
 

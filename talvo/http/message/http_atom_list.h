@@ -33,6 +33,8 @@ public:
     // is not 0. The null atom: the name is empty, or new and aCreate is 0, or the table is full or memory ran out. The first
     // time that the table is full is traced.
     CCmHttpAtom ResolveAtom(std::string_view aName, int aCreate);
+    // The same of a name that is not empty, has no spaces around it and is no known one.
+    CCmHttpAtom ResolveOther_i(std::string_view aName, int aCreate);
 
     // The known atom of that text, in any case; null if there is none. Any thread.
     static CCmHttpAtom FindKnown(std::string_view aName);

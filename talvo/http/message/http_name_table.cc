@@ -13,12 +13,6 @@ namespace {
 // Sets the bit that distinguishes the cases of a letter. It makes some other characters equal, which is harmless in a hash.
 constexpr uint64_t CASE_BITS = 0x2020202020202020;
 
-uint64_t load(const char* aBytes, size_t aCount) {
-    uint64_t ullWord = 0;
-    std::memcpy(&ullWord, aBytes, aCount);
-    return ullWord | CASE_BITS;
-}
-
 // Combines both halves of the product: every bit of either factor affects every part of the result.
 uint64_t mix(uint64_t aLeft, uint64_t aRight) {
     __extension__ using Product = unsigned __int128;
@@ -42,8 +36,8 @@ CHttpNameTable::~CHttpNameTable() {
 uint64_t CHttpNameTable::Hash(std::string_view aName) const {
     uint64_t ullHash = m_ullSeed ^ aName.size();
     for (; aName.size() > sizeof(uint64_t); aName.remove_prefix(sizeof(uint64_t)))
-        ullHash = mix(ullHash ^ load(aName.data(), sizeof(uint64_t)), m_ullFactor);
-    return mix(ullHash ^ load(aName.data(), aName.size()), m_ullFactor);
+        ullHash = mix(ullHash ^ (load_word<uint64_t>(aName.data()) | CASE_BITS), m_ullFactor);
+    return mix(ullHash ^ (word_of(aName) | CASE_BITS), m_ullFactor);
 }
 
 const char* CHttpNameTable::Find(std::string_view aName) const {

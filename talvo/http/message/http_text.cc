@@ -16,6 +16,17 @@ constexpr auto TOKEN_LETTERS = [] {
     return table;
 }();
 
+// TRUE: contains no control character at all, which is usual and quickly established. FALSE: possibly one.
+BOOL is_plain(std::string_view aText) {
+    if (aText.size() < sizeof(DWORD))
+        return !has_control(aText);
+    for (; aText.size() > sizeof(uint64_t); aText.remove_prefix(sizeof(uint64_t))) {
+        if (has_control_byte(load_word<uint64_t>(aText.data())))
+            return FALSE;
+    }
+    return !has_control_byte(word_of(aText));
+}
+
 }  // namespace
 
 int compare_no_case(std::string_view aLeft, std::string_view aRight) {
@@ -35,7 +46,13 @@ BOOL is_token(std::string_view aText) {
            std::all_of(aText.begin(), aText.end(), [](char c) { return TOKEN_LETTERS[static_cast<BYTE>(c)]; });
 }
 
+BOOL is_field_value(std::string_view aText) {
+    return is_plain(aText) || std::all_of(aText.begin(), aText.end(), [](char c) { return c == '\t' || !is_control(c); });
+}
+
 BOOL is_sendable(std::string_view aText) {
+    if (is_plain(aText))
+        return TRUE;
     return aText.find('\r') == std::string_view::npos && aText.find('\n') == std::string_view::npos &&
            aText.find('\0') == std::string_view::npos;
 }
