@@ -1,6 +1,7 @@
 #include "talvo/http/message/http_chunked_decoder.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdio>
 
@@ -9,6 +10,14 @@
 #include "talvo/http/message/http_text.h"
 
 namespace {
+
+constexpr auto HEX_VALUES = [] {
+    std::array<BYTE, 256> values{};
+    values.fill(16);
+    for (BYTE i = 0; i < 16; ++i)
+        values[static_cast<BYTE>("0123456789abcdef"[i])] = values[static_cast<BYTE>("0123456789ABCDEF"[i])] = i;
+    return values;
+}();
 
 // Hexadecimal as sscanf reads it: unless strict, leading blanks, sign and 0x, and any text behind are accepted. FALSE: not a
 // number.
@@ -66,12 +75,35 @@ BOOL CCmHttpChunkedDecoder::Step(std::string_view& aInput, std::string_view& aDa
             aData = aInput.substr(0, m_dwRemaining);
             aInput.remove_prefix(aData.size());
             m_dwRemaining -= static_cast<DWORD>(aData.size());
+            __builtin_prefetch(aInput.data());  // the next line, while the caller copies the data
             return TRUE;
         }
-        if (!(m_State == DATA ? TakeLineEnd(aInput) : HandleLine(aInput)))
+        if (!(m_State == DATA ? TakeLineEnd(aInput) : TakeUsualSize(aInput) || HandleLine(aInput)))
             return FALSE;
     }
     return TRUE;
+}
+
+// A size line of one to eight digits and CR LF that is in the input as a whole. FALSE, and nothing changes: it is none.
+BOOL CCmHttpChunkedDecoder::TakeUsualSize(std::string_view& aInput) {
+    if (m_State != SIZE_LINE || !m_strLine.empty())
+        return FALSE;
+    const size_t stMost = std::min({aInput.size(), size_t{8}, size_t{m_Limits.m_dwMaxLine}});
+    DWORD dwSize = 0;
+    size_t stDigits = 0;
+    for (; stDigits < stMost && HEX_VALUES[static_cast<BYTE>(aInput[stDigits])] < 16; ++stDigits)
+        dwSize = dwSize << 4 | HEX_VALUES[static_cast<BYTE>(aInput[stDigits])];
+    if (stDigits == 0 || aInput.substr(stDigits, 2) != "\r\n")
+        return FALSE;
+    aInput.remove_prefix(stDigits + 2);
+    BeginChunk(dwSize);
+    return TRUE;
+}
+
+void CCmHttpChunkedDecoder::BeginChunk(DWORD aSize) {
+    m_dwRemaining = aSize;
+    m_State = m_dwRemaining > 0 ? DATA : TRAILER;
+    m_bCRSeen = FALSE;
 }
 
 BOOL CCmHttpChunkedDecoder::HandleLine(std::string_view& aInput) {
@@ -130,9 +162,7 @@ BOOL CCmHttpChunkedDecoder::ParseSize(std::string_view aLine) {
         CM_WARNING_TRACE("CCmHttpChunkedDecoder::HandleChunkedContent, the size does not fit 32 bits. str=" << strNumber);
         return FALSE;
     }
-    m_dwRemaining = static_cast<DWORD>(ullSize);
-    m_State = m_dwRemaining > 0 ? DATA : TRAILER;
-    m_bCRSeen = FALSE;
+    BeginChunk(static_cast<DWORD>(ullSize));
     return TRUE;
 }
 

@@ -51,6 +51,8 @@ private:
 
     CmBool Step(std::string_view& aInput, std::string_view& aData);
     ELine TakeLine(std::string_view& aInput, std::string_view& aLine);
+    CmBool TakeUsualSize(std::string_view& aInput);
+    void BeginChunk(CmDword aSize);
     CmBool HandleLine(std::string_view& aInput);
     CmBool ParseSize(std::string_view aLine);
     CmBool HandleTrailer(std::string_view aLine);
