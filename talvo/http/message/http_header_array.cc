@@ -12,13 +12,15 @@
 namespace {
 
 using Atoms = CCmHttpAtomList;
+using namespace std::string_view_literals;
 
 // The storage that an array keeps across Clear: enough for usual messages, and little enough for thousands of idle connections.
 constexpr size_t MOST_SPARE_ENTRIES = 64;
 constexpr size_t MOST_SPARE_VALUE = 2048;
 
+// Of a line without a colon.
 size_t find_separator(std::string_view aLine) {
-    for (const char c : {':', ' ', '\t', '='}) {
+    for (const char c : {' ', '\t', '='}) {
         const size_t stAt = aLine.find(c);
         if (stAt != std::string_view::npos)
             return stAt;
@@ -26,12 +28,17 @@ size_t find_separator(std::string_view aLine) {
     return std::string_view::npos;
 }
 
+// One of 64 bits, by the atom's address.
+uint64_t mark_of(const CCmHttpAtom& aAtom) {
+    return uint64_t{1} << (reinterpret_cast<uintptr_t>(aAtom.operator const char*()) * 0x9E3779B97F4A7C15u >> 58);
+}
+
 BOOL is_merged_by_line(const CCmHttpAtom& aAtom) {
     return aAtom == Atoms::Set_Cookie || aAtom == Atoms::WWW_Authenticate || aAtom == Atoms::Proxy_Authenticate;
 }
 
 void append_line(CCmString& aOut, const char* aName, std::string_view aValue) {
-    aOut.append(aName ? aName : "").append(": ").append(aValue).append("\r\n");
+    talvo::append_texts(aOut, std::string_view(aName ? aName : ""), ": "sv, aValue, "\r\n"sv);
 }
 
 }  // namespace
@@ -45,27 +52,29 @@ BOOL CCmHttpHeaderArray::Clear() {
     }
     m_bHeadersComplete = m_bFirstLineParsed = FALSE;
     m_stCount = 0;
+    m_ullMarks = 0;
     m_OwnNames.clear();
     m_dwFaults = 0;
     return TRUE;
 }
 
 BOOL CCmHttpHeaderArray::SetHeader(const CCmHttpAtom& aAtom, std::string_view aValue, int aMerge) {
-    const std::string_view strValue = talvo::trim_spaces(aValue);
+    return talvo::WithMemory([&] { Store(aAtom, talvo::trim_spaces(aValue), aMerge); });
+}
+
+void CCmHttpHeaderArray::Store(const CCmHttpAtom& aAtom, std::string_view aValue, int aMerge) {
     CEntry* pEntry;
     LookupEntry(aAtom, pEntry);
-    return talvo::WithMemory([&] {
-        if (strValue.empty()) {
-            if (pEntry && !aMerge)
-                Remove(pEntry);
-        } else if (!pEntry) {
-            Append(aAtom, strValue);
-        } else if (!aMerge || !CanAppendToHeader(aAtom)) {
-            pEntry->m_strValue.assign(strValue);
-        } else {
-            Merge(*pEntry, strValue);
-        }
-    });
+    if (aValue.empty()) {
+        if (pEntry && !aMerge)
+            Remove(pEntry);
+    } else if (!pEntry) {
+        Append(aAtom, aValue);
+    } else if (!aMerge || !CanAppendToHeader(aAtom)) {
+        pEntry->m_strValue.assign(aValue);
+    } else {
+        Merge(*pEntry, aValue);
+    }
 }
 
 // Changes nothing unless there is room for all of it. aValue may be a part of the growing value.
@@ -85,13 +94,13 @@ void CCmHttpHeaderArray::Merge(CEntry& aEntry, std::string_view aValue) const {
 }
 
 void CCmHttpHeaderArray::Append(const CCmHttpAtom& aAtom, std::string_view aValue) {
-    if (m_stCount == m_Entries.size()) {
-        m_Entries.push_back(CEntry{aAtom, CCmString(aValue)});
-    } else {
-        m_Entries[m_stCount].m_Atom = aAtom;
-        m_Entries[m_stCount].m_strValue.assign(aValue);
-    }
+    if (m_stCount == m_Entries.size())
+        m_Entries.emplace_back();
+    CEntry& entry = m_Entries[m_stCount];
+    entry.m_Atom = aAtom;
+    talvo::replace_text(entry.m_strValue, aValue);
     ++m_stCount;
+    m_ullMarks |= mark_of(aAtom);
 }
 
 void CCmHttpHeaderArray::Remove(const CEntry* aEntry) {
@@ -102,6 +111,8 @@ void CCmHttpHeaderArray::Remove(const CEntry* aEntry) {
 
 void CCmHttpHeaderArray::LookupEntry(const CCmHttpAtom& aAtom, CEntry*& aEntry) const {
     aEntry = nullptr;
+    if (!(m_ullMarks & mark_of(aAtom)))
+        return;
     for (size_t i = 0; i < m_stCount; ++i) {
         if (m_Entries[i].m_Atom == aAtom) {
             aEntry = const_cast<CEntry*>(&m_Entries[i]);
@@ -153,24 +164,30 @@ CCmHttpAtom CCmHttpHeaderArray::ResolveName(std::string_view aName) {
 
 CCmHttpAtom CCmHttpHeaderArray::MakeName(std::string_view aName) {
     const std::string_view strName = talvo::trim_spaces(aName);
+    const CCmHttpAtom atom = Atoms::FindKnown(strName);
+    return atom || strName.empty() ? atom : MakeOtherName(strName);
+}
+
+// Of a name that is not empty, has no spaces around it and is no known one.
+CCmHttpAtom CCmHttpHeaderArray::MakeOtherName(std::string_view aName) {
     // The own names first: the list may have stored one of them since.
     if (!m_OwnNames.empty()) {
-        if (const CCmHttpAtom atom = FindOwnName(strName))
+        if (const CCmHttpAtom atom = FindOwnName(aName))
             return atom;
     }
     Atoms* pAtoms = Atoms::Instance();  // null without memory: the message keeps the name
-    const CCmHttpAtom atom = pAtoms ? pAtoms->ResolveAtom(strName, 1) : Atoms::FindKnown(strName);
-    if (atom || strName.empty())
+    if (const CCmHttpAtom atom = pAtoms ? pAtoms->ResolveOther_i(aName, 1) : CCmHttpAtom())
         return atom;
-    m_OwnNames.push_back(std::make_shared<const CCmString>(strName));
+    m_OwnNames.push_back(std::make_shared<const CCmString>(aName));
     return m_OwnNames.back()->c_str();
 }
 
 CCmHttpAtom CCmHttpHeaderArray::ResolveParsed_t(std::string_view aName) {
     if (const CCmHttpAtom atom = Atoms::FindKnown(aName))
         return atom;
-    if (!talvo::is_token(aName))
-        m_dwFaults |= CM_HTTP_FAULT_NAME;
+    if (talvo::is_token(aName))
+        return MakeOtherName(aName);
+    m_dwFaults |= CM_HTTP_FAULT_NAME;
     return MakeName(aName);
 }
 
@@ -180,16 +197,19 @@ BOOL CCmHttpHeaderArray::NoteMemory(BOOL aGood) {
     return aGood;
 }
 
-BOOL CCmHttpHeaderArray::ParseLine(std::string_view aLine) {
+BOOL CCmHttpHeaderArray::ParseLine(std::string_view aLine) { return ParseLine_i(aLine, aLine.find(':')); }
+
+// A head has a dozen lines of a dozen small steps each, whose calls would cost half as much as the steps.
+[[gnu::flatten]] BOOL CCmHttpHeaderArray::ParseLine_i(std::string_view aLine, size_t aColon) {
     BOOL bGood = FALSE;
-    return NoteMemory(talvo::WithMemory([&] { bGood = TakeLine(aLine); })) && bGood;
+    return NoteMemory(talvo::WithMemory([&] { bGood = TakeLine(aLine, aColon); })) && bGood;
 }
 
-BOOL CCmHttpHeaderArray::TakeLine(std::string_view aLine) {
+BOOL CCmHttpHeaderArray::TakeLine(std::string_view aLine, size_t aColon) {
     if (m_bHeadersComplete)
         return TRUE;
     if (!aLine.empty())
-        return m_bFirstLineParsed ? TakeHeaderLine(aLine, nullptr, nullptr) : ParseAnyFirstLine(aLine);
+        return m_bFirstLineParsed ? TakeHeaderLine(aLine, aColon, nullptr, nullptr) : ParseAnyFirstLine(aLine);
     if (!m_bFirstLineParsed) {
         CM_ERROR_TRACE_THIS("CCmHttpHeaderArray::ParseLine, no first line!");
         return FALSE;
@@ -210,6 +230,11 @@ BOOL CCmHttpHeaderArray::ParseAnyFirstLine(std::string_view aLine) {
     return m_bFirstLineParsed;
 }
 
+BOOL CCmHttpHeaderArray::EndFirstLine_t(BOOL aMemory) {
+    m_bFirstLineParsed = aMemory;
+    return NoteMemory(aMemory);
+}
+
 BOOL CCmHttpHeaderArray::ParseFirstLine_t(const char*) { return FALSE; }
 
 BOOL CCmHttpHeaderArray::ParseHeaderLine(const char* aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue) {
@@ -218,34 +243,46 @@ BOOL CCmHttpHeaderArray::ParseHeaderLine(const char* aLine, CCmHttpAtom* aOutAto
 
 BOOL CCmHttpHeaderArray::ParseHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue) {
     BOOL bGood = FALSE;
-    return NoteMemory(talvo::WithMemory([&] { bGood = TakeHeaderLine(aLine, aOutAtom, aOutValue); })) && bGood;
+    const auto take = [&] { bGood = TakeHeaderLine(aLine, aLine.find(':'), aOutAtom, aOutValue); };
+    return NoteMemory(talvo::WithMemory(take)) && bGood;
 }
 
-BOOL CCmHttpHeaderArray::TakeHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue) {
-    const size_t stAt = find_separator(aLine);
+BOOL CCmHttpHeaderArray::TakeHeaderLine(std::string_view aLine, size_t aColon, CCmHttpAtom* aOutAtom, CCmString* aOutValue) {
+    const BOOL bColon = aColon != std::string_view::npos;
+    const size_t stAt = bColon ? aColon : find_separator(aLine);
     if (stAt == std::string_view::npos || stAt == 0) {
         m_dwFaults |= CM_HTTP_FAULT_NAME;
         return TRUE;
     }
     const CCmHttpAtom atom = ResolveParsed_t(aLine.substr(0, stAt));
-    if (aLine[stAt] != ':')
+    if (!bColon)
         m_dwFaults |= CM_HTTP_FAULT_NAME;
     const std::string_view strValue = aLine.substr(stAt + 1);
-    NoteFraming(atom, strValue);
     if (aOutAtom)
         *aOutAtom = atom;
     if (aOutValue)
         *aOutValue = strValue;
-    return NoteMemory(SetHeader(atom, strValue, 1));
+    Add(atom, strValue);
+    return TRUE;
+}
+
+[[gnu::flatten]] BOOL CCmHttpHeaderArray::AddField_i(CCmHttpAtom aAtom, std::string_view aName, std::string_view aValue) {
+    return NoteMemory(talvo::WithMemory([&] { Add(aAtom ? aAtom : MakeOtherName(aName), aValue); }));
+}
+
+// A received field. May throw std::bad_alloc.
+void CCmHttpHeaderArray::Add(const CCmHttpAtom& aAtom, std::string_view aValue) {
+    const std::string_view strValue = talvo::trim_spaces(aValue);
+    NoteFraming(aAtom, strValue);
+    Store(aAtom, strValue, 1);
 }
 
 // Records values that SetHeader drops and that affect the end of the message.
 void CCmHttpHeaderArray::NoteFraming(const CCmHttpAtom& aAtom, std::string_view aValue) {
     if (aAtom != Atoms::Content_Length && aAtom != Atoms::Transfer_Encoding)
         return;
-    const std::string_view strValue = talvo::trim_spaces(aValue);
     const CCmString* pLength = FindHeader(Atoms::Content_Length);
-    if (strValue.empty() || (aAtom == Atoms::Content_Length && pLength && *pLength != strValue))
+    if (aValue.empty() || (aAtom == Atoms::Content_Length && pLength && *pLength != aValue))
         m_dwFaults |= CM_HTTP_FAULT_LENGTH;
 }
 

@@ -64,6 +64,11 @@ public:
     CmBool ParseHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
     CmBool ParseHeaderLine(const char* aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
 
+    // For parsers. The first as ParseLine; aColon: the place of the line's first colon, npos: there is none. The second adds
+    // the field of a header line whose name is a token; aAtom: that of FindKnown.
+    CmBool ParseLine_i(std::string_view aLine, size_t aColon);
+    CmBool AddField_i(CCmHttpAtom aAtom, std::string_view aName, std::string_view aValue);
+
     // The leading digits of Content-Length as a number; 0: there are none, or a minus is before them. -1: no such header. A
     // number that is too large for a long gives the largest one.
     long GetContentLength() const;
@@ -85,6 +90,9 @@ protected:
     // Parses the first line. The array itself has none and returns FALSE.
     virtual CmBool ParseFirstLine_t(const char* aLine);
 
+    // The first line is complete. aMemory: FALSE if memory ran out for it; then the result is FALSE, too.
+    CmBool EndFirstLine_t(CmBool aMemory);
+
     // Appends "name: value\r\n" for every header, with merged values unchanged.
     void Flatten(CCmString& aOut) const;
 
@@ -102,10 +110,13 @@ protected:
 
 private:
     CmBool NoteMemory(CmBool aGood);
-    CmBool TakeLine(std::string_view aLine);
-    CmBool TakeHeaderLine(std::string_view aLine, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
+    CmBool TakeLine(std::string_view aLine, size_t aColon);
+    CmBool TakeHeaderLine(std::string_view aLine, size_t aColon, CCmHttpAtom* aOutAtom, CCmString* aOutValue);
     CmBool ParseAnyFirstLine(std::string_view aLine);
     CCmHttpAtom MakeName(std::string_view aName);
+    CCmHttpAtom MakeOtherName(std::string_view aName);
+    void Add(const CCmHttpAtom& aAtom, std::string_view aValue);
+    void Store(const CCmHttpAtom& aAtom, std::string_view aValue, int aMerge);
     void Merge(CEntry& aEntry, std::string_view aValue) const;
     void NoteFraming(const CCmHttpAtom& aAtom, std::string_view aValue);
     CCmHttpAtom FindOwnName(std::string_view aName) const;
@@ -116,6 +127,7 @@ private:
     CmBool m_bFirstLineParsed = CM_FALSE;
     std::vector<CEntry> m_Entries;  // those from m_stCount on are spare storage
     size_t m_stCount = 0;
+    uint64_t m_ullMarks = 0;  // a bit of each name that was added: most names that are looked up are not there
     std::vector<std::shared_ptr<const CCmString>> m_OwnNames;
     CmDword m_dwFaults = 0;
 };

@@ -7,6 +7,7 @@
 
 #include "talvo/base/trace.h"
 #include "talvo/http/message/http_atom_list.h"
+#include "talvo/http/message/http_lines.h"
 #include "talvo/http/message/http_memory.h"
 #include "talvo/http/message/http_text.h"
 
@@ -61,15 +62,13 @@ CmResult CCmHttpParserT<Head>::ParseLines(CCmMessageBlock& aChain) {
     DWORD dwBefore = 0;  // bytes of the blocks before this one
     DWORD dwUsed = 0;    // bytes up to the last line feed
     for (const CCmMessageBlock* pBlock = &aChain; pBlock && !m_pHead->IsComplete(); pBlock = pBlock->GetNext()) {
-        const std::string_view strBlock = unread(*pBlock);
-        size_t stAt = 0;
-        for (size_t stEnd; !m_pHead->IsComplete() && (stEnd = strBlock.find('\n', stAt)) != std::string_view::npos;) {
-            if (!ParseLine(strBlock.substr(stAt, stEnd - stAt)))
+        talvo::CHttpLines lines(unread(*pBlock));
+        for (talvo::CHttpLine line; !m_pHead->IsComplete() && lines.Next(line);) {
+            if (!ParseLine(line.m_Text, line.m_stColon))
                 return GetRefusal();
-            stAt = stEnd + 1;
-            dwUsed = dwBefore + static_cast<DWORD>(stAt);
+            dwUsed = dwBefore + lines.GetUsed();
         }
-        if (!m_pHead->IsComplete() && !KeepLine(strBlock.substr(stAt)))
+        if (!m_pHead->IsComplete() && !KeepLine(lines.GetRest()))
             return GetRefusal();
         dwBefore += pBlock->GetTopLevelLength();
     }
@@ -87,13 +86,14 @@ BOOL CCmHttpParserT<Head>::KeepLine(std::string_view aPiece) {
     return TRUE;
 }
 
-// aLine: the part of the line in this block, before the line feed.
+// aLine: the part of the line in this block, before the line feed. aColon: the first one's place in it.
 template <class Head>
-BOOL CCmHttpParserT<Head>::ParseLine(std::string_view aLine) {
+BOOL CCmHttpParserT<Head>::ParseLine(std::string_view aLine, size_t aColon) {
     if (!m_strLine.empty()) {
         if (!KeepLine(aLine))
             return FALSE;
         aLine = m_strLine;
+        aColon = aLine.find(':');
     }
     if (!aLine.empty() && aLine.back() == '\r')
         aLine.remove_suffix(1);
@@ -105,14 +105,14 @@ BOOL CCmHttpParserT<Head>::ParseLine(std::string_view aLine) {
         BeyondLimit("ParseHead, there are too many headers. lines=", m_dwLines);
         return FALSE;
     }
-    const BOOL bGood = GiveLine(aLine);
+    const BOOL bGood = GiveLine(aLine, aColon);
     m_strLine.clear();
     return bGood;
 }
 
 template <class Head>
-BOOL CCmHttpParserT<Head>::GiveLine(std::string_view aLine) {
-    return m_bStrict ? GiveStrictly(aLine) : m_pHead->ParseLine(aLine);
+BOOL CCmHttpParserT<Head>::GiveLine(std::string_view aLine, size_t aColon) {
+    return m_bStrict ? GiveStrictly(aLine) : m_pHead->ParseLine_i(aLine, aColon);
 }
 
 // A header line is parsed when the next one shows that it is complete; the first line of a head is never continued.

@@ -70,9 +70,9 @@ private:
 
     CmResult ParseLines(CCmMessageBlock& aChain);
     CmResult GetRefusal() const;
-    CmBool ParseLine(std::string_view aLine);
+    CmBool ParseLine(std::string_view aLine, size_t aColon);
     CmBool KeepLine(std::string_view aPiece);
-    CmBool GiveLine(std::string_view aLine);
+    CmBool GiveLine(std::string_view aLine, size_t aColon);
     CmBool GiveStrictly(std::string_view aLine);
     CmResult SetUpContent();
     CmResult SetUpLength();

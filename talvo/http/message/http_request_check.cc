@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "talvo/http/message/http_atom_list.h"
 #include "talvo/http/message/http_authority.h"
 #include "talvo/http/message/http_status.h"
 #include "talvo/http/message/http_text.h"
@@ -11,28 +12,22 @@ namespace talvo {
 
 namespace {
 
+using Atoms = CCmHttpAtomList;
+
 // The parts in which a byte is allowed.
-enum : BYTE { TARGET = 1, VALUE = 2, NAME = 4 };
+enum : BYTE { TARGET = 1, NAME = 2 };
 
 constexpr std::array<BYTE, 256> MakeTable() {
     std::array<BYTE, 256> table{};
     for (size_t i = 0x21; i < 256; ++i)
-        table[i] = i == 0x7F ? 0 : TARGET | VALUE | NAME;
-    table[' '] = table['\t'] = VALUE;
-    table['#'] = VALUE;
+        table[i] = i == 0x7F ? 0 : TARGET | NAME;
+    table['#'] = 0;
     for (const char c : std::string_view("/@?\\,\"<>:[]"))
         table[static_cast<BYTE>(c)] &= BYTE{0xFF} ^ NAME;
     return table;
 }
 
 constexpr std::array<BYTE, 256> TABLE = MakeTable();
-
-BOOL IsAll(std::string_view aText, BYTE aKind) {
-    BYTE cCommon = aKind;
-    for (const char c : aText)
-        cCommon &= TABLE[static_cast<BYTE>(c)];
-    return cCommon != 0;
-}
 
 BOOL IsDigit(char aLetter) { return aLetter >= '0' && aLetter <= '9'; }
 BOOL IsAlpha(char aLetter) { return lower_case(aLetter) >= 'a' && lower_case(aLetter) <= 'z'; }
@@ -91,7 +86,10 @@ BOOL IsAbsolute(std::string_view aTarget) {
 
 // One of the forms of RFC 9112, section 3.2.
 BOOL IsTarget(std::string_view aMethod, std::string_view aTarget) {
-    if (!IsAll(aTarget, TARGET))
+    BYTE cCommon = TARGET;
+    for (const char c : aTarget)
+        cCommon &= TABLE[static_cast<BYTE>(c)];
+    if (!cCommon)
         return FALSE;
     if (aMethod == "CONNECT")
         return IsAuthority(aTarget);
@@ -102,43 +100,46 @@ BOOL IsTarget(std::string_view aMethod, std::string_view aTarget) {
 
 }  // namespace
 
-int CHttpRequestCheck::OnRequestLine(std::string_view aLine) {
+int CHttpRequestCheck::OnRequestLine(std::string_view aLine, CHttpRequestLine& aParts) {
+    ++m_dwLines;
     const size_t stMethod = aLine.find(' ');
     const size_t stTarget = stMethod == std::string_view::npos ? stMethod : aLine.find(' ', stMethod + 1);
     if (stTarget == std::string_view::npos || stMethod == 0 || stTarget == stMethod + 1)
         return HTTP_BAD_REQUEST;
-    const std::string_view method = aLine.substr(0, stMethod);
-    if (!is_token(method) || !IsTarget(method, aLine.substr(stMethod + 1, stTarget - stMethod - 1)))
+    aParts.m_Method = aLine.substr(0, stMethod);
+    aParts.m_Target = aLine.substr(stMethod + 1, stTarget - stMethod - 1);
+    if (!is_token(aParts.m_Method) || !IsTarget(aParts.m_Method, aParts.m_Target))
         return HTTP_BAD_REQUEST;
     const std::string_view version = aLine.substr(stTarget + 1);
     if (version.size() != 8 || !equal_no_case(version.substr(0, 5), "HTTP/") || !IsDigit(version[5]) || version[6] != '.' ||
         !IsDigit(version[7]))
         return HTTP_BAD_REQUEST;
     m_bHostNeeded = version[7] != '0';
-    m_bLaterMinor = version[7] > '1';
+    aParts.m_Version = m_bHostNeeded ? CM_HTTP_VERSION_11 : CM_HTTP_VERSION_10;
     return version[5] == '1' ? 0 : HTTP_VERSION_NOT_SUPPORTED;
 }
 
 // A line that begins with a space continues the one before it; that obsolete form is refused like other invalid names.
-int CHttpRequestCheck::OnHeaderLine(std::string_view aLine) {
-    const size_t stColon = aLine.find(':');
-    if (stColon == std::string_view::npos || stColon == 0)
+int CHttpRequestCheck::OnHeaderLine(const CHttpLine& aLine, CHttpField& aField) {
+    ++m_dwLines;
+    if (aLine.m_stColon == std::string_view::npos || aLine.m_stColon == 0)
         return HTTP_BAD_REQUEST;
-    const std::string_view name = aLine.substr(0, stColon);
-    const std::string_view value = aLine.substr(stColon + 1);
-    if (!is_token(name) || !IsAll(value, VALUE))
+    aField.m_Name = aLine.m_Text.substr(0, aLine.m_stColon);
+    aField.m_Value = aLine.m_Text.substr(aLine.m_stColon + 1);
+    aField.m_Known = Atoms::FindKnown(aField.m_Name);
+    if ((!aField.m_Known && !is_token(aField.m_Name)) || !is_field_value(aField.m_Value))
         return HTTP_BAD_REQUEST;
-    return OnHeader(name, value);
+    return aField.m_Known ? OnField(aField) : 0;
 }
 
-int CHttpRequestCheck::OnHeader(std::string_view aName, std::string_view aValue) {
-    if (equal_no_case(aName, "Host"))
-        return ++m_dwHosts == 1 && IsHost(trim_blanks(aValue)) ? 0 : HTTP_BAD_REQUEST;
-    if (equal_no_case(aName, "Transfer-Encoding"))
-        return trim_blanks(aValue).empty() ? HTTP_BAD_REQUEST : 0;
-    if (!equal_no_case(aName, "Content-Length"))
+int CHttpRequestCheck::OnField(const CHttpField& aField) {
+    if (aField.m_Known == Atoms::Host)
+        return ++m_dwHosts == 1 && IsHost(trim_blanks(aField.m_Value)) ? 0 : HTTP_BAD_REQUEST;
+    if (aField.m_Known == Atoms::Transfer_Encoding)
+        return trim_blanks(aField.m_Value).empty() ? HTTP_BAD_REQUEST : 0;
+    if (aField.m_Known != Atoms::Content_Length)
         return 0;
-    const std::string_view length = trim_blanks(aValue);
+    const std::string_view length = trim_blanks(aField.m_Value);
     const BOOL bNumber = !length.empty() && AreDigits(length);
     return ++m_dwLengths == 1 && bNumber ? 0 : HTTP_BAD_REQUEST;
 }

@@ -1,6 +1,7 @@
 #include "talvo/http/message/http_request_head.h"
 
 #include "talvo/base/trace.h"
+#include "talvo/base/with_memory.h"
 #include "talvo/http/message/http_atom_list.h"
 #include "talvo/http/message/http_text.h"
 
@@ -55,6 +56,14 @@ BOOL CCmHttpRequestHead::ParseFirstLine_t(const char* aLine) {
         return FALSE;
     }
     return TRUE;
+}
+
+BOOL CCmHttpRequestHead::SetFirstLine_i(std::string_view aMethod, std::string_view aURI, CCmHttpVersion aVersion) {
+    return EndFirstLine_t(talvo::WithMemory([&] {
+        m_Method = ResolveParsed_t(aMethod);
+        m_strRequestURI.assign(aURI);
+        m_Version = aVersion;
+    }));
 }
 
 void CCmHttpRequestHead::FlattenFirstLine(CCmString& aOut) const {

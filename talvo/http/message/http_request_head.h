@@ -37,6 +37,9 @@ public:
 
     CmBool Clear() override;
 
+    // For parsers: the parts of a first line that is valid by RFC 9112. FALSE: memory ran out (CM_HTTP_FAULT_MEMORY).
+    CmBool SetFirstLine_i(std::string_view aMethod, std::string_view aURI, CCmHttpVersion aVersion);
+
 protected:
     CmBool ParseFirstLine_t(const char* aLine) override;
 

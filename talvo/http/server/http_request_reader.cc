@@ -1,7 +1,5 @@
 #include "talvo/http/server/http_request_reader.h"
 
-#include <cstring>
-
 #include "talvo/http/message/http_status.h"
 
 namespace talvo {
@@ -24,60 +22,69 @@ int CHttpRequestReader::Feed(CCmMessageBlock& aChain, CCmHttpRequestHead& aHead)
 }
 
 int CHttpRequestReader::FeedBlock(CCmMessageBlock& aBlock, CCmHttpRequestHead& aHead) {
-    const char* pBegin = aBlock.GetTopLevelReadPtr();
-    const char* const pEnd = pBegin + aBlock.GetTopLevelLength();
-    const char* pLine = pBegin;
+    const DWORD dwLength = aBlock.GetTopLevelLength();
+    CHttpLines lines({aBlock.GetTopLevelReadPtr(), dwLength});
     int nResult = MORE;
-    while (nResult == MORE) {
-        const size_t stLeft = static_cast<size_t>(pEnd - pLine);
-        const auto* pFound = static_cast<const char*>(std::memchr(pLine, '\n', stLeft));
-        if (!pFound) {
-            nResult = OnPart({pLine, stLeft});
-            pLine = pEnd;
-            break;
-        }
-        const std::string_view line(pLine, static_cast<size_t>(pFound - pLine));
-        pLine = pFound + 1;
+    for (CHttpLine line; nResult == MORE && lines.Next(line);) {
         if (m_strPartial.empty()) {
             nResult = OnLine(line, aHead);
         } else {
-            m_strPartial += line;
-            nResult = OnLine(m_strPartial, aHead);
+            m_strPartial += line.m_Text;
+            nResult = OnLine({m_strPartial, m_strPartial.find(':')}, aHead);
             m_strPartial.clear();
         }
     }
-    aBlock.AdvanceTopLevelReadPtr(static_cast<DWORD>(pLine - pBegin));
+    DWORD dwUsed = lines.GetUsed();
+    if (nResult == MORE) {
+        nResult = OnPart(lines.GetRest());
+        dwUsed = dwLength;
+    }
+    aBlock.AdvanceTopLevelReadPtr(dwUsed);
     return nResult;
 }
 
-int CHttpRequestReader::OnLine(std::string_view aLine, CCmHttpRequestHead& aHead) {
-    if (!aLine.empty() && aLine.back() == '\r')
-        aLine.remove_suffix(1);
+int CHttpRequestReader::OnLine(CHttpLine aLine, CCmHttpRequestHead& aHead) {
+    std::string_view& line = aLine.m_Text;
+    if (!line.empty() && line.back() == '\r')
+        line.remove_suffix(1);
     const DWORD dwLines = m_Check.GetLines();
-    if (aLine.empty() && dwLines == 0)
+    if (line.empty() && dwLines == 0)
         return MORE;  // some clients send an empty line after a body
-    m_stHead += aLine.size();
-    if (aLine.size() > m_Settings.m_Limits.m_dwMaxLine)
+    m_stHead += line.size();
+    if (line.size() > m_Settings.m_Limits.m_dwMaxLine)
         return TooLong();
-    if (dwLines > m_Settings.m_Limits.m_dwMaxHeaders && !aLine.empty())
+    if (dwLines > m_Settings.m_Limits.m_dwMaxHeaders && !line.empty())
         return HTTP_HEADERS_TOO_LARGE;
-    const int nStatus = aLine.empty() ? m_Check.OnEnd() : m_Check.OnLine(aLine);
-    if (nStatus != 0)
-        return nStatus;
-    if (m_stHead > m_Settings.m_dwMaxHead)
-        return HTTP_HEADERS_TOO_LARGE;
-    if (!ParseLine(aLine, aHead))
-        return aHead.GetFaults() & CM_HTTP_FAULT_MEMORY ? HTTP_SERVICE_UNAVAILABLE : HTTP_BAD_REQUEST;
-    return aLine.empty() ? COMPLETE : MORE;
+    if (line.empty())
+        return OnEnd(aHead);
+    return dwLines == 0 ? OnRequestLine(line, aHead) : OnHeaderLine(aLine, aHead);
 }
 
-// CCmHttpRequestHead accepts the versions 1.0 and 1.1.
-BOOL CHttpRequestReader::ParseLine(std::string_view aLine, CCmHttpRequestHead& aHead) {
-    if (m_Check.GetLines() != 1 || !m_Check.IsLaterMinor())
-        return aHead.ParseLine(aLine);
-    CCmString strLine(aLine);
-    strLine.back() = '1';
-    return aHead.ParseLine(strLine);
+int CHttpRequestReader::OnRequestLine(std::string_view aLine, CCmHttpRequestHead& aHead) {
+    CHttpRequestLine parts;
+    if (const int nStatus = m_Check.OnRequestLine(aLine, parts); nStatus != 0)
+        return nStatus;
+    if (IsHeadTooLarge())
+        return HTTP_HEADERS_TOO_LARGE;
+    return aHead.SetFirstLine_i(parts.m_Method, parts.m_Target, parts.m_Version) ? MORE : HTTP_SERVICE_UNAVAILABLE;
+}
+
+int CHttpRequestReader::OnHeaderLine(const CHttpLine& aLine, CCmHttpRequestHead& aHead) {
+    CHttpField field;
+    if (const int nStatus = m_Check.OnHeaderLine(aLine, field); nStatus != 0)
+        return nStatus;
+    if (IsHeadTooLarge())
+        return HTTP_HEADERS_TOO_LARGE;
+    return aHead.AddField_i(field.m_Known, field.m_Name, field.m_Value) ? MORE : HTTP_SERVICE_UNAVAILABLE;
+}
+
+int CHttpRequestReader::OnEnd(CCmHttpRequestHead& aHead) {
+    if (const int nStatus = m_Check.OnEnd(); nStatus != 0)
+        return nStatus;
+    if (IsHeadTooLarge())
+        return HTTP_HEADERS_TOO_LARGE;
+    aHead.ParseLine(std::string_view());
+    return COMPLETE;
 }
 
 // The CR of a line end that is not complete yet is not part of the line.

@@ -26,8 +26,11 @@ public:
 
 private:
     int FeedBlock(CCmMessageBlock& aBlock, CCmHttpRequestHead& aHead);
-    int OnLine(std::string_view aLine, CCmHttpRequestHead& aHead);
-    BOOL ParseLine(std::string_view aLine, CCmHttpRequestHead& aHead);
+    int OnLine(CHttpLine aLine, CCmHttpRequestHead& aHead);
+    int OnRequestLine(std::string_view aLine, CCmHttpRequestHead& aHead);
+    int OnHeaderLine(const CHttpLine& aLine, CCmHttpRequestHead& aHead);
+    int OnEnd(CCmHttpRequestHead& aHead);
+    BOOL IsHeadTooLarge() const { return m_stHead > m_Settings.m_dwMaxHead; }
     int OnPart(std::string_view aPart);
     int TooLong() const;
     void Reset();
