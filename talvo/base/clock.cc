@@ -70,6 +70,11 @@ ICmClock* CCmClock::Replace(ICmClock* aClock) { return s_pClock.exchange(aClock,
 
 DWORD talvo::GetRecentTick() { return static_cast<DWORD>(RecentUsec() / 1000); }
 
+int64_t talvo::GetRecentWallSecond() {
+    ICmClock* pClock = s_pClock.load(std::memory_order_acquire);
+    return (pClock ? pClock->GetWallUsec() : ReadUsec(CLOCK_REALTIME_COARSE)) / 1000000;
+}
+
 DWORD get_tick_count() { return static_cast<DWORD>(MonotonicUsec() / 1000); }
 
 DWORD calculate_tick_interval(unsigned long aStart, unsigned long aEnd) {

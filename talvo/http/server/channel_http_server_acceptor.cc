@@ -3,8 +3,8 @@
 #include <new>
 #include <utility>
 
-#include "talvo/base/clock.h"
 #include "talvo/base/live_counter.h"
+#include "talvo/base/recent_tick.h"
 #include "talvo/base/trace.h"
 #include "talvo/connection/connection_manager.h"
 #include "talvo/event/thread_manager.h"
@@ -20,8 +20,6 @@ using talvo::CHttpServerConnection;
 namespace {
 
 CCmLiveCounter s_Live("CCmChannelHttpServerAcceptor");
-
-constexpr int64_t USEC_PER_SECOND = 1000000;
 
 BOOL IsOfHandshakes(DWORD aCommand) {
     return aCommand == CM_OPT_CONNECT_HANDSHAKE_TIME || aCommand == CM_OPT_CONNECT_MAX_HANDSHAKES;
@@ -218,7 +216,7 @@ void CCmChannelHttpServerAcceptor::Look_i() {
 
 // Printed again in each second: an old date would be earlier than a time of change that is sent beside it.
 std::string_view CCmChannelHttpServerAcceptor::GetTail(BOOL aKeepAlive) {
-    const int64_t llSecond = CCmClock::GetWallUsec() / USEC_PER_SECOND;
+    const int64_t llSecond = talvo::GetRecentWallSecond();
     if (std::exchange(m_llTailSecond, llSecond) != llSecond)
         PrintTails_i();
     return aKeepAlive ? m_strTailKeep : m_strTailClose;
@@ -227,7 +225,7 @@ std::string_view CCmChannelHttpServerAcceptor::GetTail(BOOL aKeepAlive) {
 // FALSE: memory ran out, and the old ones stay.
 BOOL CCmChannelHttpServerAcceptor::PrintTails_i() {
     return talvo::WithMemory([this] {
-        const CCmString strDate = "Date: " + cm_format_http_date(CCmClock::GetWallUsec() / USEC_PER_SECOND);
+        const CCmString strDate = "Date: " + cm_format_http_date(talvo::GetRecentWallSecond());
         CCmString strKeep = strDate + "\r\nConnection: keep-alive\r\n\r\n";
         m_strTailClose = strDate + "\r\nConnection: close\r\n\r\n";
         m_strTailKeep.swap(strKeep);

@@ -12,16 +12,23 @@ namespace talvo {
 namespace {
 
 using Atoms = CCmHttpAtomList;
+using namespace std::string_view_literals;
 
 constexpr long OK = 200;
 constexpr long NO_CONTENT = 204;
 constexpr long RESET_CONTENT = 205;
 constexpr long NOT_MODIFIED = 304;
 
-void AppendNumber(CCmString& aOut, uint64_t aNumber) {
-    char szNumber[24];
-    aOut.append(szNumber, std::to_chars(szNumber, szNumber + sizeof szNumber, aNumber).ptr);
-}
+// The digits of a number.
+class CDigits {
+public:
+    explicit CDigits(uint64_t aNumber) : m_pEnd(std::to_chars(m_szDigits, m_szDigits + sizeof m_szDigits, aNumber).ptr) {}
+    std::string_view Get() const { return {m_szDigits, static_cast<size_t>(m_pEnd - m_szDigits)}; }
+
+private:
+    char m_szDigits[24];
+    const char* m_pEnd;
+};
 
 }  // namespace
 
@@ -66,23 +73,18 @@ EHttpBody CHttpServerAnswer::GetBody(const CCmHttpRequestHead& aRequest, uint64_
 
 void CHttpServerAnswer::Print(EHttpBody aBody, uint64_t aLength, std::string_view aTail, CCmString& aOut) const {
     if (m_lStatus == OK && m_strText.empty()) {
-        aOut += "HTTP/1.1 200 OK\r\n";
+        append_texts(aOut, "HTTP/1.1 200 OK\r\n"sv);
     } else {
-        aOut += "HTTP/1.1 ";
-        AppendNumber(aOut, static_cast<uint64_t>(m_lStatus));
-        aOut += ' ';
-        aOut += m_strText.empty() ? HttpStatusText(m_lStatus) : m_strText.c_str();
-        aOut += "\r\n";
+        const std::string_view strText = m_strText.empty() ? HttpStatusText(m_lStatus) : m_strText.c_str();
+        append_texts(aOut, "HTTP/1.1 "sv, CDigits(static_cast<uint64_t>(m_lStatus)).Get(), " "sv, strText, "\r\n"sv);
     }
     FlattenLines_t(aOut);
     if (aBody == EHttpBody::LENGTH) {
-        aOut += "Content-Length: ";
-        AppendNumber(aOut, m_lStatus == RESET_CONTENT ? 0 : aLength);
-        aOut += "\r\n";
-    } else if (aBody == EHttpBody::CHUNKED) {
-        aOut += "Transfer-Encoding: chunked\r\n";
+        const CDigits length(m_lStatus == RESET_CONTENT ? 0 : aLength);
+        append_texts(aOut, "Content-Length: "sv, length.Get(), "\r\n"sv, aTail);
+    } else {
+        append_texts(aOut, aBody == EHttpBody::CHUNKED ? "Transfer-Encoding: chunked\r\n"sv : ""sv, aTail);
     }
-    aOut += aTail;
 }
 
 }  // namespace talvo
