@@ -1,5 +1,6 @@
 """The suites of HTTP: servers under wrk, and parsers."""
 import contextlib
+import os
 import pathlib
 import re
 import tempfile
@@ -43,10 +44,24 @@ http {{
 }}
 """
 NGINX_TLS = " ssl; ssl_certificate {}; ssl_certificate_key {}; ssl_protocols TLSv1.2 TLSv1.3"
+H2O = "/usr/bin/h2o"
+# Its text is a file, which it keeps open: it has no fixed answer without a script.
+H2O_CONFIG = """
+num-threads: 1
+num-name-resolution-threads: 1
+{user}
+listen: {{host: 127.0.0.1, port: {port}{tls}}}
+hosts:
+  default:
+    paths:
+      "/": {{file.dir: "{directory}", file.index: [hello.txt]}}
+"""
+H2O_TLS = ", ssl: {{certificate-file: {}, key-file: {}, minimum-version: TLSv1.2}}"
 WRK = "/usr/bin/wrk"
-SERVERS = {"talvo": "talvo_bench_http", "nginx": "nginx", "nginx2": "nginx"}
-PEERS = ("nginx",)
+SERVERS = {"talvo": "talvo_bench_http", "nginx": "nginx", "nginx2": "nginx", "h2o": "h2o"}
+PEERS = ("nginx", "h2o")
 PARSERS = {
+    "pico": "bench_http_parse_pico",
     "talvo": "talvo_bench_http_parse",
     "http_parser": "bench_http_parse_http_parser",
     "beast": "bench_http_parse_beast",
@@ -73,10 +88,24 @@ def running_nginx(port, tls=""):
             yield server
 
 
+@contextlib.contextmanager
+def running_h2o(port, tls=""):
+    require(H2O)
+    user = "user: root" if os.geteuid() == 0 else ""  # otherwise root becomes nobody, which cannot read the folder
+    with tempfile.TemporaryDirectory(prefix="talvo-bench-") as directory:
+        (pathlib.Path(directory) / "hello.txt").write_text("Hello, World!", encoding="ascii")
+        config = pathlib.Path(directory) / "h2o.conf"
+        config.write_text(H2O_CONFIG.format(port=port, tls=tls, user=user, directory=directory), encoding="ascii")
+        with running([H2O, "-c", str(config)], port) as server:
+            yield server
+
+
 def running_server(program, port, certificate=()):
     """A server of HTTP, or of HTTPS with the files of a chain and its key."""
     if program == "nginx":
         return running_nginx(port, NGINX_TLS.format(*certificate) if certificate else "")
+    if program == "h2o":
+        return running_h2o(port, H2O_TLS.format(*certificate) if certificate else "")
     return running([program_path(program), port, *certificate])
 
 

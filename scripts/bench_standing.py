@@ -19,7 +19,7 @@ KINDS = {"short": "The short rows", "all": "All suites"}
 # What a panel compares, and its title; larger is better in each.
 PANELS = {"rate": "rate", "cpu": "messages per CPU second", "p50": "1 / p50", "p99": "1 / p99"}
 PEER_PACKAGES = ("libuv1", "libev4", "libevent-core-2.1-7", "libzmq5", "libnng1", "libasio-dev", "libboost-dev", "libhttp-parser2.9",
-                 "nginx-light", "h2o", "openssl")
+                 "nginx-light", "h2o", "libh2o0.13", "openssl")
 LEFT, WIDTH, GAP, STEP, TOP = 280, 175, 22, 24, 100
 LOW, HIGH = 0.1, 10
 

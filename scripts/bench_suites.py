@@ -197,7 +197,7 @@ SUITES = {
     "names": Suite({mode: mode for mode in ("quiet", "address", "name")}, measure_names, [None], "quiet",
                    own=("quiet", "address", "name")),
     "http-server": Suite(bench_http.SERVERS, bench_http.measure, list(bench_http.LOADS), "nginx", bench_http.PEERS),
-    "http-parse": Suite(bench_http.PARSERS, measure_costs, [None], None, ("http_parser", "beast")),
+    "http-parse": Suite(bench_http.PARSERS, measure_costs, [None], "pico", ("http_parser", "beast")),
     "proxies": Suite(programs_of("bench_proxies_talvo", "proxies", PEERS), measure_rates, [None], None, ("uv", "asio")),
     "timers": Suite(TIMERS, measure_costs, [None], "ev", ("uv", "event", "asio"), ("talvo", "calendar")),
     "threads": Suite(THREADS, measure_costs, [None], "eventfd", ("uv", "asio", "ev")),

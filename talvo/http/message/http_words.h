@@ -12,8 +12,8 @@
 
 namespace talvo {
 
-inline constexpr uint64_t EACH_BYTE = 0x0101010101010101;
-inline constexpr uint64_t HIGH_BITS = 0x80 * EACH_BYTE;
+inline constexpr uint64_t EACH_BYTE = 0x0101010101010101;  // times a byte: that byte in each place
+inline constexpr uint64_t HIGH_BITS = 0x80 * EACH_BYTE;    // of each byte
 
 template <class Word>
 constexpr Word load_word(const char* aBytes) {
