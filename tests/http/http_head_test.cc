@@ -35,6 +35,13 @@ TEST(HttpAtom, NamesAreResolvedWhateverTheirCase) {
         for (char& c : aText)
             c = static_cast<char>(++stLetters % 2 ? std::toupper(c) : std::tolower(c));
         EXPECT_EQ(list.ResolveAtom("  " + aText + " ", 0), aAtom);
+        for (size_t i = 0; i < aText.size(); ++i) {  // one other byte gives another name
+            for (const char cBit : {'\1', '\x20', '\x80'}) {
+                std::string strOther = aText;
+                strOther[i] = static_cast<char>(strOther[i] ^ cBit);
+                EXPECT_EQ(list.ResolveAtom(strOther, 0) == aAtom, cBit == '\x20' && std::isalpha(aText[i])) << strOther;
+            }
+        }
     };
 #define CM_CHECK_ATOM(aMember, aText) check(Atoms::aMember, aText);
     CM_FOR_EACH_HTTP_ATOM(CM_CHECK_ATOM)

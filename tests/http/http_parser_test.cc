@@ -1,5 +1,7 @@
 #include "talvo/http/message/http_parser.h"
 
+#include <random>
+
 #include "tests/support/blocks.h"
 #include "tests/support/test.h"
 
@@ -79,6 +81,7 @@ TEST(HttpParser, MessagesInAnyPieces) {
         {strKeep + "\r\nabc", "abc|..."},
         {strChunked + "4\r\nabcd\r\n 5;ext=1\r\nefghi\r\n0\r\nA: b\r\n\r\nnext", "abcdefghi|next"},
         {strChunked + "0x1 x\na\r\n000\n\n", "a|"},
+        {strChunked + "0aB\r\n" + std::string(171, 'c') + "\r\n0000000000\r\n\r\n", std::string(171, 'c') + "|"},
         {strChunked + "4\r\nabc", "abc|..."},
         {"\r\n", "broken: CCmHttpHeaderArray::ParseLine, no first line!"},
         {"HTTP/3 200\r\n", "broken: CCmHttpResponseHead::ParseFirstLine_t, unknow HTTP version."},
@@ -95,6 +98,30 @@ TEST(HttpParser, MessagesInAnyPieces) {
          "beyond: CCmHttpParserT::HandleContent, the body is too large."}};
     for (const auto& [strBytes, strOutcome] : rows)
         Check(strBytes, strOutcome);
+}
+
+// Lines of any length in any blocks, and values in the storage of earlier ones: as if each line was parsed alone.
+TEST(HttpParser, LinesOfAnyLength) {
+    std::mt19937 random(1);
+    CCmHttpResponseHead head;
+    CCmHttpParserT<CCmHttpResponseHead> parser(&head);
+    for (int i = 0; i < 300; ++i) {
+        CCmHttpResponseHead alone;
+        std::string strBytes;
+        const auto add = [&](const std::string& aLine) {
+            EXPECT_TRUE(alone.ParseLine(aLine));
+            strBytes += aLine + "\r\n";
+        };
+        add("HTTP/1.1 200 " + std::string(random() % 150, 'x'));
+        for (auto n = random() % 8; n > 0; --n)
+            add("X-" + std::string(random() % 70, 'n') + ":" + std::string(random() % 150, "av:"[random() % 3]));
+        add("");
+        head.Clear();
+        parser.Reset();
+        const CCmChainPtr pChain = MakeChain(strBytes, [&] { return random() % 200 + 1; });
+        EXPECT_EQ(parser.ParseHead(pChain.get()), CM_OK);
+        EXPECT_TRUE(head.IsComplete() && head.Flatten() == alone.Flatten() && pChain->GetChainedLength() == 0) << strBytes;
+    }
 }
 
 TEST(HttpParser, Limits) {

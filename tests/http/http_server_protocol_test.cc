@@ -24,6 +24,7 @@ const std::pair<std::string, std::string> ANSWERED[] = {
     {Get("/a") + Post("Content-Length: 3\r\n", "xyz") + Get("/b"), "200:/a 200:xyz 200:/b "},
     {"\r\n\n" + Get("/a") + "\r\n" + Get("/b"), "200:/a 200:/b "},
     {"GET /a HTTP/1.1\nHost: h\n\n", "200:/a "},
+    {Line("X:\tany text\x80 and 20 bytes\t\xFF") + Get("/b"), "200:/a 200:/b "},
     {Line("Connection: x, Close") + Get("/b"), "200:/a end"},
     {"GET /a HTTP/1.0\r\n\r\n" + Get("/b"), "200:/a end"},
     {"GET /a HTTP/1.0\r\nConnection: keep-alive\r\n\r\n" + Get("/b"), "200:/a 200:/b "},
@@ -76,6 +77,8 @@ TEST_F(HttpServerTest, AnswersInWhateverPieces) {
     refuse(strBad, {"A: b", "Host: h\r\nHost: h", "Host: a:b", "Host: a:065536", "Host: a:1:2", "Host: [::1"}, host);
     refuse(strBad, {"Host: [:::1]", "Host: [fe80::1%25eth0]"}, host);
     refuse(strBad, {"X: a\r\n b", "X : a", "X=a", "X: a\rb", "X: a\0b"s}, Line);
+    for (const size_t stAt : {0, 3, 7, 8, 15, 19})
+        refuse(strBad, {"X:" + std::string(stAt, 'a') + "\x1F" + std::string(19 - stAt, 'a')}, Line);
     refuse(strBad, {"Content-Length: 1\r\nContent-Length: 1", "Content-Length: 1, 1", "Content-Length:", "Content-Length: +1"},
            post);
     refuse(strBad, {"Content-Length: 1\r\nTransfer-Encoding: chunked", "Transfer-Encoding: \t"}, post);
