@@ -47,6 +47,8 @@ TEST(HttpAtom, NamesAreResolvedWhateverTheirCase) {
     CM_FOR_EACH_HTTP_ATOM(CM_CHECK_ATOM)
     for (const char* pNone : {"", "   ", "X-Atom-Unheard-Of", "\tHost"})
         EXPECT_EQ(list.ResolveAtom(pNone, 0), nullptr) << pNone;
+    EXPECT_NE(list.ResolveAtom("X-[", 1), list.ResolveAtom("X-{", 1));  // no letters, although they differ in the same bit
+    EXPECT_NE(list.ResolveAtom("X-@", 1), list.ResolveAtom("X-`", 1));
     const CCmHttpAtom atom = list.ResolveAtom(" X-First-Seen ", 1);
     EXPECT_STREQ(atom, "X-First-Seen");
     list.CleanupMutex();
