@@ -42,7 +42,7 @@ void CHttpServerAnswer::Reset() {
 CmResult CHttpServerAnswer::SetStatus(long aStatus, std::string_view aText) {
     if (aStatus < OK || aStatus > 999 || !is_sendable(aText))
         return CM_ERROR_INVALID_ARG;
-    m_strText = aText;
+    replace_text(m_strText, aText);
     m_lStatus = aStatus;
     return CM_OK;
 }
