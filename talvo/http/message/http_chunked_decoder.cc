@@ -47,8 +47,8 @@ void CCmHttpChunkedDecoder::Reset() {
     m_dwTrailerLines = 0;
 }
 
-BOOL CCmHttpChunkedDecoder::HandleChunkedContent(const char* aBuf, unsigned long aLen, CCmString& aOut,
-                                                 unsigned long& aConsumed) {
+[[gnu::flatten]] BOOL CCmHttpChunkedDecoder::HandleChunkedContent(const char* aBuf, unsigned long aLen, CCmString& aOut,
+                                                                  unsigned long& aConsumed) {
     aConsumed = 0;
     if (!aBuf)
         return FALSE;
@@ -106,7 +106,8 @@ void CCmHttpChunkedDecoder::BeginChunk(DWORD aSize) {
     m_bCRSeen = FALSE;
 }
 
-BOOL CCmHttpChunkedDecoder::HandleLine(std::string_view& aInput) {
+// Out of line, because most lines are usual sizes.
+[[gnu::noinline]] BOOL CCmHttpChunkedDecoder::HandleLine(std::string_view& aInput) {
     std::string_view strLine;
     switch (TakeLine(aInput, strLine)) {
     case NO_LINE:

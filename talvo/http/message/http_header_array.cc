@@ -78,7 +78,7 @@ void CCmHttpHeaderArray::Store(const CCmHttpAtom& aAtom, std::string_view aValue
 }
 
 // Changes nothing unless there is room for all of it. aValue may be a part of the growing value.
-void CCmHttpHeaderArray::Merge(CEntry& aEntry, std::string_view aValue) const {
+[[gnu::noinline]] void CCmHttpHeaderArray::Merge(CEntry& aEntry, std::string_view aValue) const {
     CCmString& strValue = aEntry.m_strValue;
     const std::string_view strSeparator = is_merged_by_line(aEntry.m_Atom) ? "\n" : ", ";
     const size_t stEnd = strValue.size();
@@ -103,7 +103,7 @@ void CCmHttpHeaderArray::Append(const CCmHttpAtom& aAtom, std::string_view aValu
     m_ullMarks |= mark_of(aAtom);
 }
 
-void CCmHttpHeaderArray::Remove(const CEntry* aEntry) {
+[[gnu::noinline]] void CCmHttpHeaderArray::Remove(const CEntry* aEntry) {
     const auto itFirst = m_Entries.begin() + (aEntry - m_Entries.data());
     std::rotate(itFirst, itFirst + 1, m_Entries.begin() + static_cast<ptrdiff_t>(m_stCount));
     --m_stCount;
@@ -162,14 +162,14 @@ CCmHttpAtom CCmHttpHeaderArray::ResolveName(std::string_view aName) {
     return atom;
 }
 
-CCmHttpAtom CCmHttpHeaderArray::MakeName(std::string_view aName) {
+[[gnu::noinline]] CCmHttpAtom CCmHttpHeaderArray::MakeName(std::string_view aName) {
     const std::string_view strName = talvo::trim_spaces(aName);
     const CCmHttpAtom atom = Atoms::FindKnown(strName);
     return atom || strName.empty() ? atom : MakeOtherName(strName);
 }
 
 // Of a name that is not empty, has no spaces around it and is no known one.
-CCmHttpAtom CCmHttpHeaderArray::MakeOtherName(std::string_view aName) {
+[[gnu::noinline]] CCmHttpAtom CCmHttpHeaderArray::MakeOtherName(std::string_view aName) {
     // The own names first: the list may have stored one of them since.
     if (!m_OwnNames.empty()) {
         if (const CCmHttpAtom atom = FindOwnName(aName))
@@ -199,7 +199,8 @@ BOOL CCmHttpHeaderArray::NoteMemory(BOOL aGood) {
 
 BOOL CCmHttpHeaderArray::ParseLine(std::string_view aLine) { return ParseLine_i(aLine, aLine.find(':')); }
 
-// A head has a dozen lines of a dozen small steps each, whose calls would cost half as much as the steps.
+// A head has a dozen lines of a dozen small steps each. Their calls would cost half as much as the steps, so the usual ones are
+// in line, and the rare ones above are kept out.
 [[gnu::flatten]] BOOL CCmHttpHeaderArray::ParseLine_i(std::string_view aLine, size_t aColon) {
     BOOL bGood = FALSE;
     return NoteMemory(talvo::WithMemory([&] { bGood = TakeLine(aLine, aColon); })) && bGood;
@@ -218,7 +219,7 @@ BOOL CCmHttpHeaderArray::TakeLine(std::string_view aLine, size_t aColon) {
     return TRUE;
 }
 
-BOOL CCmHttpHeaderArray::ParseAnyFirstLine(std::string_view aLine) {
+[[gnu::noinline]] BOOL CCmHttpHeaderArray::ParseAnyFirstLine(std::string_view aLine) {
     // A usual line gets its terminator here and not on the heap.
     char szLine[1024];
     if (aLine.size() < sizeof(szLine)) {
@@ -266,7 +267,7 @@ BOOL CCmHttpHeaderArray::TakeHeaderLine(std::string_view aLine, size_t aColon, C
     return TRUE;
 }
 
-[[gnu::flatten]] BOOL CCmHttpHeaderArray::AddField_i(CCmHttpAtom aAtom, std::string_view aName, std::string_view aValue) {
+BOOL CCmHttpHeaderArray::AddField_i(CCmHttpAtom aAtom, std::string_view aName, std::string_view aValue) {
     return NoteMemory(talvo::WithMemory([&] { Add(aAtom ? aAtom : MakeOtherName(aName), aValue); }));
 }
 

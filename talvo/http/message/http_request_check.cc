@@ -34,13 +34,16 @@ BOOL IsAlpha(char aLetter) { return lower_case(aLetter) >= 'a' && lower_case(aLe
 
 BOOL AreDigits(std::string_view aText) { return std::all_of(aText.begin(), aText.end(), IsDigit); }
 
+[[gnu::noinline]] size_t GetLiteralLength(std::string_view aHost) {
+    const std::optional<CHttpIpLiteral> literal = parse_ip_literal(aHost);
+    return literal && literal->m_Zone.empty() ? aHost.size() - literal->m_Port.size() : std::string_view::npos;
+}
+
 // The length of the name, or of the address in brackets, at the front of a host field; npos: there is none. A zone is refused:
 // it has no meaning for another machine.
 size_t GetNameLength(std::string_view aHost) {
-    if (aHost.starts_with('[')) {
-        const std::optional<CHttpIpLiteral> literal = parse_ip_literal(aHost);
-        return literal && literal->m_Zone.empty() ? aHost.size() - literal->m_Port.size() : std::string_view::npos;
-    }
+    if (aHost.starts_with('['))
+        return GetLiteralLength(aHost);
     size_t stEnd = 0;
     while (stEnd < aHost.size() && TABLE[static_cast<BYTE>(aHost[stEnd])] & NAME)
         ++stEnd;
@@ -72,7 +75,7 @@ BOOL IsAuthority(std::string_view aText) {
 }
 
 // "http://host/path", which a server must accept, too. User information is refused, as section 4.2.4 of RFC 9110 advises.
-BOOL IsAbsolute(std::string_view aTarget) {
+[[gnu::noinline]] BOOL IsAbsolute(std::string_view aTarget) {
     constexpr std::string_view SEPARATOR = "://";
     const size_t stEnd = aTarget.find(SEPARATOR);
     if (stEnd == std::string_view::npos || !IsAlpha(aTarget.front()))

@@ -43,7 +43,8 @@ int CHttpRequestReader::FeedBlock(CCmMessageBlock& aBlock, CCmHttpRequestHead& a
     return nResult;
 }
 
-int CHttpRequestReader::OnLine(CHttpLine aLine, CCmHttpRequestHead& aHead) {
+// With the usual steps of all lines in line, as CCmHttpHeaderArray::ParseLine_i.
+[[gnu::flatten]] int CHttpRequestReader::OnLine(CHttpLine aLine, CCmHttpRequestHead& aHead) {
     std::string_view& line = aLine.m_Text;
     if (!line.empty() && line.back() == '\r')
         line.remove_suffix(1);
