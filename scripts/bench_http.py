@@ -68,14 +68,24 @@ PARSERS = {
 }
 
 
-def run_wrk(url, load):
-    """Returns requests a second, and the times that half of the answers, or 99 of 100, did not exceed, in microseconds."""
+def processor_ns(server):
+    """Returns the processor time of all threads of the server so far."""
+    tasks = pathlib.Path(f"/proc/{server.pid}/task").glob("*/schedstat")
+    return sum(int(task.read_text(encoding="ascii").split()[0]) for task in tasks)
+
+
+def run_wrk(url, load, server):
+    """Returns requests a second, the times that half of the answers, or 99 of 100, did not exceed, in microseconds, and the
+    server's processor time for a request."""
+    before = processor_ns(server)
     text = output([WRK, "--threads", "1", "--duration", f"{LoadTime.of_wrk}s", "--latency", *load, url], 1)
     if "Socket errors" in text or "Non-2xx" in text:
         raise Fault(f"wrk reported errors: {text}")
     units = {"us": 1, "ms": 1e3, "s": 1e6}
     time_of = {percent: float(value) * units[unit] for percent, value, unit in re.findall(r"(\d+)%\s+([\d.]+)([mu]?s)", text)}
-    return {"rate": float(re.search(r"Requests/sec:\s+([\d.]+)", text).group(1)), "p50": time_of["50"], "p99": time_of["99"]}
+    cpu = (processor_ns(server) - before) / int(re.search(r"(\d+) requests in", text).group(1))
+    rate = float(re.search(r"Requests/sec:\s+([\d.]+)", text).group(1))
+    return {"rate": rate, "cpu": cpu, "p50": time_of["50"], "p99": time_of["99"]}
 
 
 @contextlib.contextmanager
@@ -111,5 +121,5 @@ def running_server(program, port, certificate=()):
 
 def measure(program, row):
     port = free_port()
-    with running_server(program, port):
-        return {row: run_wrk(f"http://127.0.0.1:{port}/", LOADS[row])}
+    with running_server(program, port) as server:
+        return {row: run_wrk(f"http://127.0.0.1:{port}/", LOADS[row], server)}

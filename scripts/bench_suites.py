@@ -121,8 +121,8 @@ def measure_names(mode, _):
 
 def measure_https(program, row):
     port = free_port()
-    with bench_http.running_server(program, port, bench_tls.certificate(row)):
-        return {row: bench_http.run_wrk(f"https://127.0.0.1:{port}/", bench_http.LOADS[row])}
+    with bench_http.running_server(program, port, bench_tls.certificate(row)) as server:
+        return {row: bench_http.run_wrk(f"https://127.0.0.1:{port}/", bench_http.LOADS[row], server)}
 
 
 def measure_tls(program, row):
