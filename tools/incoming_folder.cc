@@ -5,30 +5,54 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 
 #include "tools/file_name.h"
 #include "tools/text.h"
 
 namespace tool {
 
+namespace {
+
+FileHandle OpenFolder(int aParent, const std::string& aName) {
+    return FileHandle(openat(aParent, aName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// A file system without that flag replaces an empty folder, but no other.
+bool Rename(int aParent, const std::string& aFrom, const std::string& aTo) {
+    return renameat2(aParent, aFrom.c_str(), aParent, aTo.c_str(), RENAME_NOREPLACE) == 0 ||
+           ((errno == EINVAL || errno == ENOSYS) && renameat(aParent, aFrom.c_str(), aParent, aTo.c_str()) == 0);
+}
+
+}  // namespace
+
 std::string IncomingFolder::Open(const IncomingFolder& aParent, const FrameEntry& aEntry) {
-    const char* pName = aEntry.m_strName.c_str();
-    const bool bNew = mkdirat(aParent.GetFd(), pName, S_IRWXU) == 0;
-    if (!bNew && errno != EEXIST)
-        return "cannot make the folder: " + SystemError(errno);
-    m_Directory = FileHandle(openat(aParent.GetFd(), pName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    m_Entry = aEntry;
+    m_Directory = OpenFolder(aParent.GetFd(), aEntry.m_strName);
+    if (!m_Directory && errno == ENOENT) {
+        const std::string strProblem = Make(aParent);
+        if (!strProblem.empty())
+            return strProblem;
+        m_Directory = OpenFolder(aParent.GetFd(), aEntry.m_strName);
+    }
     if (!m_Directory)
         return errno == ENOTDIR || errno == ELOOP ? "a file of that name exists"
                                                   : "cannot open the folder: " + SystemError(errno);
-    m_Entry = aEntry;
-    m_bMade = bNew || IsMarked();
-    return bNew ? Mark() : "";
+    m_bMade = IsMarked();
+    return "";
 }
 
-std::string IncomingFolder::Mark() {
-    const FileHandle mark(
-        openat(m_Directory.Get(), MakeMarkName().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    return mark ? "" : "cannot create a file in the folder: " + SystemError(errno);
+// The folder gets its name when it has its mark. A killed process leaves the other name, which the next one finds; the slash in
+// it keeps it apart from that of a file's part. Another session may be first.
+std::string IncomingFolder::Make(const IncomingFolder& aParent) const {
+    const std::string strName = MakePartName(m_Entry.m_strName + "/");
+    const bool bMade = mkdirat(aParent.GetFd(), strName.c_str(), S_IRWXU) == 0 || errno == EEXIST;
+    const FileHandle folder = bMade ? OpenFolder(aParent.GetFd(), strName) : FileHandle();
+    constexpr int MARK_FLAGS = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
+    const FileHandle mark(folder ? openat(folder.Get(), MakeMarkName().c_str(), MARK_FLAGS, 0600) : -1);
+    if (mark && (Rename(aParent.GetFd(), strName, m_Entry.m_strName) || errno == EEXIST || errno == ENOENT))
+        return "";
+    return "cannot make the folder: " + SystemError(errno);
 }
 
 // A sender cannot make the mark: its name is reserved.

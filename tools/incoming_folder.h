@@ -31,7 +31,7 @@ public:
     std::string GetPath(const std::string& aName) const { return m_strPath.empty() ? aName : m_strPath + "/" + aName; }
 
 private:
-    std::string Mark();
+    std::string Make(const IncomingFolder& aParent) const;
     bool IsMarked() const;
     std::string Flush() const;
 
