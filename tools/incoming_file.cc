@@ -23,9 +23,9 @@ namespace {
 constexpr int MAX_NAMES_TRIED = 100;
 constexpr time_t LEFTOVER_SECONDS = 86400;
 constexpr size_t HASH_PIECE = 1 << 20;
-const std::string EXISTS = "a file of that name exists";
+const Failure EXISTS{CAUSE_REFUSED, "a file of that name exists"};
 
-std::string Problem(const char* aWhat) { return std::string(aWhat) + ": " + SystemError(errno); }
+Failure Problem(const char* aWhat) { return {CAUSE_LOCAL, std::string(aWhat) + ": " + SystemError(errno)}; }
 
 // Its writer holds the lock. On file systems without locks only the age decides.
 bool IsLeftover(int aDirectory, const char* aName) {
@@ -50,26 +50,27 @@ IncomingFile::~IncomingFile() {
 }
 
 // Only regular files are replaced, never links, pipes and devices, whatever their target.
-std::string IncomingFile::CheckTarget(bool aReplace) const {
+Failure IncomingFile::CheckTarget(bool aReplace) const {
     struct stat status {};
     if (fstatat(m_pFolder->GetFd(), m_Entry.m_strName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-        return errno == ENOENT ? "" : Problem("cannot check for a file of that name");
+        return errno == ENOENT ? Failure() : Problem("cannot check for a file of that name");
     if (!S_ISREG(status.st_mode))
-        return S_ISDIR(status.st_mode) ? "a directory has that name" : "the file of that name is not a regular file";
-    return aReplace ? "" : EXISTS;
+        return {CAUSE_REFUSED,
+                S_ISDIR(status.st_mode) ? "a directory has that name" : "the file of that name is not a regular file"};
+    return aReplace ? Failure() : EXISTS;
 }
 
-std::string IncomingFile::Open() {
-    const std::string strTaken = CheckTarget(true);
-    if (!strTaken.empty())
-        return strTaken;
+Failure IncomingFile::Open() {
+    const Failure taken = CheckTarget(true);
+    if (taken)
+        return taken;
     if (IsSameSize()) {
         m_ullBeginning = m_Entry.m_ullSize;
         m_bWhole = m_ullBeginning == 0;
-        return "";
+        return {};
     }
-    const std::string strExists = CheckTarget(m_bReplace);
-    return strExists.empty() ? OpenNew() : strExists;
+    const Failure exists = CheckTarget(m_bReplace);
+    return exists ? exists : OpenNew();
 }
 
 bool IncomingFile::IsSameSize() {
@@ -100,12 +101,12 @@ bool IncomingFile::OpenPart() {
     m_File = std::move(file);
     m_strTemporary = strName;
     m_bResumable = true;
-    return m_ullBeginning <= m_Entry.m_ullSize || Restart().empty();
+    return m_ullBeginning <= m_Entry.m_ullSize || !Restart();
 }
 
-std::string IncomingFile::OpenNew() {
+Failure IncomingFile::OpenNew() {
     if (m_Entry.m_ullSize != UNKNOWN_SIZE && OpenPart())
-        return "";
+        return {};
     for (int i = 0; i < MAX_NAMES_TRIED && !m_File; ++i) {
         const std::string strName = MakeTemporaryName();
         m_File =
@@ -118,7 +119,7 @@ std::string IncomingFile::OpenNew() {
     if (!m_File)
         return Problem("cannot create a file");
     flock(m_File.Get(), LOCK_EX | LOCK_NB);
-    return "";
+    return {};
 }
 
 bool IncomingFile::HashBeginning() {
@@ -136,38 +137,38 @@ bool IncomingFile::HashBeginning() {
     return m_ullHashed == m_ullBeginning;
 }
 
-std::string IncomingFile::Restart() {
+Failure IncomingFile::Restart() {
     m_Hash.Reset();
     m_ullBeginning = m_ullHashed = 0;
     m_bWhole = false;
     if (m_Existing) {
         m_Existing = FileHandle();
-        const std::string strExists = CheckTarget(m_bReplace);
-        const std::string strProblem = strExists.empty() ? OpenNew() : strExists;
-        return strProblem.empty() && m_ullBeginning > 0 ? Restart() : strProblem;
+        const Failure exists = CheckTarget(m_bReplace);
+        const Failure failure = exists ? exists : OpenNew();
+        return !failure && m_ullBeginning > 0 ? Restart() : failure;
     }
     const bool bEmpty = ftruncate(m_File.Get(), 0) == 0 && lseek(m_File.Get(), 0, SEEK_SET) == 0;
-    return bEmpty ? "" : Problem("cannot begin the file again");
+    return bEmpty ? Failure() : Problem("cannot begin the file again");
 }
 
-std::string IncomingFile::Write(std::string_view aBytes) {
+Failure IncomingFile::Write(std::string_view aBytes) {
     m_Hash.Update(aBytes);
-    return WriteAll(m_File.Get(), aBytes) ? "" : Problem("cannot write");
+    return WriteAll(m_File.Get(), aBytes) ? Failure() : Problem("cannot write");
 }
 
 // A file system that does not have the time or the mode keeps its own.
-std::string IncomingFile::Publish() {
+Failure IncomingFile::Publish() {
     if (m_bWhole)
-        return "";
+        return {};
     const timespec times[] = {{0, UTIME_OMIT}, {m_Entry.m_llSeconds, static_cast<long>(m_Entry.m_dwNanoseconds)}};
     futimens(m_File.Get(), times);
     if (fchmod(m_File.Get(), m_Entry.m_dwMode & 0777) != 0)
         return Problem("cannot set the mode");
     if (fsync(m_File.Get()) != 0)
         return Problem("cannot write to the disk");
-    const std::string strTaken = CheckTarget(m_bReplace);
-    if (!strTaken.empty())
-        return strTaken;
+    const Failure taken = CheckTarget(m_bReplace);
+    if (taken)
+        return taken;
     if (!Rename_i())
         return errno == EEXIST ? EXISTS : Problem("cannot rename");
     m_strTemporary.clear();

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/failure.h"
 #include "tools/file_handle.h"
 #include "tools/frame.h"
 #include "tools/incoming_folder.h"
@@ -15,8 +16,7 @@ namespace tool {
 
 // Written and locked under a temporary name in its folder. Publish renames it; the destructor removes an unpublished file
 // unless KeepPart was called. A part that is left, also by a killed process, is continued by the next session that sends the
-// same name, if its bytes are those that the sender has. Likewise a file of the same size may be there already. The operations
-// return "" or an error text.
+// same name, if its bytes are those that the sender has. Likewise a file of the same size may be there already.
 class IncomingFile {
 public:
     // aEntry's name has been checked. aReplace: an existing file is replaced.
@@ -25,7 +25,7 @@ public:
     IncomingFile(const IncomingFile&) = delete;
     IncomingFile& operator=(const IncomingFile&) = delete;
 
-    std::string Open();
+    Failure Open();
 
     // The bytes that are there, of which the sender has to prove that it has the same. 0: none.
     uint64_t GetBeginning() const { return m_ullBeginning; }
@@ -34,15 +34,15 @@ public:
     // They are those of the sender, and hashed: Write continues them.
     void GoOn() { m_bWhole = m_Existing || m_bWhole; }
     // They are not.
-    std::string Restart();
+    Failure Restart();
 
-    std::string Write(std::string_view aBytes);
+    Failure Write(std::string_view aBytes);
     // The SHA-256 of all bytes so far.
     std::string GetHash() const { return m_Hash.GetSoFar(); }
 
     // Sets mode and time, flushes to the disk, then renames in one step. Without aReplace an existing file of that name, even a
     // very new one, is kept and this one is removed.
-    std::string Publish();
+    Failure Publish();
     // The destructor leaves what has arrived for a later session, if that can continue it.
     void KeepPart() { m_bKeep = m_bResumable; }
     bool IsKept() const { return m_bKeep; }
@@ -51,10 +51,10 @@ public:
     static std::vector<std::string> RemoveLeftovers(int aDirectory);
 
 private:
-    std::string CheckTarget(bool aReplace) const;
+    Failure CheckTarget(bool aReplace) const;
     bool IsSameSize();
     bool OpenPart();
-    std::string OpenNew();
+    Failure OpenNew();
     bool Rename_i();
 
     const std::shared_ptr<IncomingFolder> m_pFolder;

@@ -170,13 +170,13 @@ bool RecvSession::OnFile(std::string_view aPayload) {
     if (entry.m_ullSize > uint64_t{std::numeric_limits<int64_t>::max()} && entry.m_ullSize != UNKNOWN_SIZE)
         strProblem = "no file can have that size";
     if (!strProblem.empty())
-        return Refuse(entry.m_dwId, pFolder ? pFolder->GetPath(entry.m_strName) : entry.m_strName, strProblem);
+        return Refuse(entry.m_dwId, pFolder ? pFolder->GetPath(entry.m_strName) : entry.m_strName, {CAUSE_REFUSED, strProblem});
     File& file = m_Files.try_emplace(entry.m_dwId, pFolder, entry, m_Context.m_bForce).first->second;
     file.m_ullMetered = entry.m_ullSize == UNKNOWN_SIZE ? 0 : entry.m_ullSize;
     m_Context.m_Meter.Expect(file.m_ullMetered);
-    strProblem = file.m_Disk.Open();
-    if (!strProblem.empty())
-        return RefuseCurrent(entry.m_dwId, strProblem, false);
+    const Failure failure = file.m_Disk.Open();
+    if (failure)
+        return RefuseCurrent(entry.m_dwId, failure, false);
     file.m_bOffered = file.m_Disk.GetBeginning() > 0;
     if (file.m_bOffered)
         RequireMemory(m_HashTimer.Schedule(this, CCmTimeValue::s_tvZero, 1));
@@ -191,11 +191,11 @@ bool RecvSession::OnFolder(std::string_view aPayload) {
     const std::shared_ptr<IncomingFolder> pParent = FindFolder(entry, strProblem);
     const std::string strPath = pParent ? pParent->GetPath(entry.m_strName) : entry.m_strName;
     if (!pParent)
-        return Refuse(entry.m_dwId, strPath, strProblem);
+        return Refuse(entry.m_dwId, strPath, {CAUSE_REFUSED, strProblem});
     const auto pFolder = std::make_shared<IncomingFolder>(strPath);
-    strProblem = pFolder->Open(*pParent, entry);
-    if (!strProblem.empty())
-        return Refuse(entry.m_dwId, strPath, strProblem);
+    const Failure failure = pFolder->Open(*pParent, entry);
+    if (failure)
+        return Refuse(entry.m_dwId, strPath, failure);
     m_Folders.emplace(entry.m_dwId, pFolder);
     m_Context.m_Meter.BeginSearch();
     return Answer(EncodeAccept(entry.m_dwId, 0));
@@ -230,9 +230,9 @@ bool RecvSession::Decide(DWORD aId, File& aFile) {
     aFile.m_bOffered = false;
     const bool bSame = aFile.m_Disk.GetHash() == aFile.m_strSendersHash;
     const uint64_t ullBeginning = aFile.m_Disk.GetBeginning();
-    const std::string strProblem = bSame ? "" : aFile.m_Disk.Restart();
-    if (!strProblem.empty())
-        return RefuseCurrent(aId, strProblem, true);
+    const Failure failure = bSame ? Failure() : aFile.m_Disk.Restart();
+    if (failure)
+        return RefuseCurrent(aId, failure, true);
     if (bSame) {
         aFile.m_Disk.GoOn();
         aFile.m_ullGot = aFile.m_ullContinued = ullBeginning;
@@ -249,9 +249,9 @@ bool RecvSession::OnData(DWORD aId, std::string_view aPiece) {
     if (it == m_Files.end() || it->second.m_bOffered || aPiece.size() > it->second.m_ullSize - it->second.m_ullGot)
         return Fault(CAUSE_PROTOCOL, "it sent data that belongs to no file");
     File& file = it->second;
-    const std::string strProblem = file.m_Disk.Write(aPiece);
-    if (!strProblem.empty())
-        return RefuseCurrent(aId, strProblem, true);
+    const Failure failure = file.m_Disk.Write(aPiece);
+    if (failure)
+        return RefuseCurrent(aId, failure, true);
     file.m_ullGot += aPiece.size();
     m_Context.m_Meter.Advance(aPiece.size());
     return true;
@@ -275,18 +275,18 @@ bool RecvSession::EndFolder(DWORD aId) {
     const std::shared_ptr<IncomingFolder> pFolder = m_Folders.at(aId);
     m_Folders.erase(aId);
     m_Context.m_Meter.EndSearch();
-    const std::string strProblem = pFolder->Finish();
-    return strProblem.empty() ? Answer(EncodeResult(aId, true, "")) : Refuse(aId, pFolder->GetPath(""), strProblem);
+    const Failure failure = pFolder->Finish();
+    return failure ? Refuse(aId, pFolder->GetPath(""), failure) : Answer(EncodeResult(aId, true, ""));
 }
 
 bool RecvSession::Keep(DWORD aId, std::string_view aHash) {
     File& file = m_Files.at(aId);
     const std::string strHash = file.m_Disk.GetHash();
     if (strHash.empty() || strHash != aHash)
-        return RefuseCurrent(aId, "the data was damaged: the SHA-256 differs", false);
-    const std::string strProblem = file.m_Disk.Publish();
-    if (!strProblem.empty())
-        return RefuseCurrent(aId, strProblem, false);
+        return RefuseCurrent(aId, {CAUSE_PROTOCOL, "the data was damaged: the SHA-256 differs"}, false);
+    const Failure failure = file.m_Disk.Publish();
+    if (failure)
+        return RefuseCurrent(aId, failure, false);
     talvo::WithMemory([&] { ReportKept(file, aHash); });  // a file that is there is acknowledged, with or without a line
     CloseFile(aId);
     return Answer(EncodeResult(aId, true, ""));
@@ -311,7 +311,7 @@ bool RecvSession::OnAbort(DWORD aId, std::string_view aReason) {
         return true;
     if (!m_Files.contains(aId))
         return Fault(CAUSE_PROTOCOL, "it aborted a file that it had not begun");
-    return RefuseCurrent(aId, "the sender aborted: " + std::string(aReason), false);
+    return RefuseCurrent(aId, {CAUSE_REFUSED, "the sender aborted: " + std::string(aReason)}, false);
 }
 
 bool RecvSession::OnBye() {
@@ -334,19 +334,19 @@ bool RecvSession::Answer(std::string_view aFrame) {
            Fault(CAUSE_PROTOCOL, "it does not read the answers");
 }
 
-bool RecvSession::RefuseCurrent(DWORD aId, const std::string& aReason, bool aSkip) {
+bool RecvSession::RefuseCurrent(DWORD aId, const Failure& aFailure, bool aSkip) {
     const std::string strPath = m_Files.at(aId).m_strPath;
     CloseFile(aId);
     if (aSkip)
         m_Skipped.insert(aId);
-    return Refuse(aId, strPath, aReason);
+    return Refuse(aId, strPath, aFailure);
 }
 
-bool RecvSession::Refuse(DWORD aId, const std::string& aPath, const std::string& aReason) {
+bool RecvSession::Refuse(DWORD aId, const std::string& aPath, const Failure& aFailure) {
     ++m_nRefused;
-    m_Context.m_Console.Problem("refused " + aPath + " from " + m_strPeer + ": " + aReason,
-                                JsonLine::Failed({CAUSE_REFUSED, aReason}).Add("name", aPath).Add("peer", m_strPeer));
-    return Answer(EncodeResult(aId, false, aReason));
+    m_Context.m_Console.Problem("refused " + aPath + " from " + m_strPeer + ": " + aFailure.m_strReason,
+                                JsonLine::Failed(aFailure).Add("name", aPath).Add("peer", m_strPeer));
+    return Answer(EncodeResult(aId, false, aFailure.m_strReason));
 }
 
 void RecvSession::CloseFile(DWORD aId) {

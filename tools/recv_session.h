@@ -100,9 +100,9 @@ private:
     bool HashBeginnings();
     bool Decide(DWORD aId, File& aFile);
     bool Keep(DWORD aId, std::string_view aHash);
-    bool Refuse(DWORD aId, const std::string& aPath, const std::string& aReason);
+    bool Refuse(DWORD aId, const std::string& aPath, const Failure& aFailure);
     // aSkip: its data follows until END or ABORT.
-    bool RefuseCurrent(DWORD aId, const std::string& aReason, bool aSkip);
+    bool RefuseCurrent(DWORD aId, const Failure& aFailure, bool aSkip);
 
     template <class Step>
     void EndUnless(const Step& aStep);

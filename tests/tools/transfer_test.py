@@ -236,12 +236,13 @@ class TransferTest(ProgramTest):
     def test_full_disk_is_refused_with_the_reason(self):
         # A limit on the size of files stands in for the disk: it fails the same write.
         limited = ["bash", "-c", "ulimit -f 1000; trap '' XFSZ; exec \"$@\"", "bash", TALVO]
-        server = Server(self.start("recv", *ANY_PORT, "--out", self.out, program=limited))
+        server = Server(self.start("recv", *ANY_PORT, "--json", "--out", self.out, program=limited))
         with open(self.directory / "large", "wb") as file:
             file.truncate(1 << 40)
         sent = self.run_talvo("send", file.name, self.make("small", "small"), server.address)
         self.assertEqual((1, True), (sent.returncode, "File too large" in sent.stderr))
         self.assertEqual({"small": b"small"}, self.received())
+        self.assertEqual(["local"], [o["cause"] for o in self.events(server.end()[1]) if o["event"] == "failed"])
 
     def attack(self, server, data):
         """The answers until the receiver closes, to a peer whose first bytes come one by one."""
