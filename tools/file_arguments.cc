@@ -65,9 +65,8 @@ void DeclareSend(CLI::App& aApp, Arguments& a) {
     DeclareBind(aApp, a);
     DeclareSecret(aApp, a, "Prove the shared secret in TALVO_SECRET or from the terminal, and demand the same of the receiver");
     DeclareTransfer(aApp, a.m_Transfer);
-    AddNumber(
-        aApp, "--timeout", a.m_dwSilenceMs, 1, 86400000,
-        "Milliseconds of silence after which the receiver counts as lost (300000); a receiver shows every 30 s that it lives");
+    AddNumber(aApp, "--timeout", a.m_dwSilenceMs, 1, 86400000,
+              "Milliseconds of silence after which the receiver counts as lost (300000); it sends a sign of life every 30 s");
     AddText(aApp, "--name", a.m_strName, "NAME", "Name of stdin at the receiver (stdin)");
     // One list, which CheckSend splits: with a second positional argument, options could not follow the files.
     AddList(aApp, "FILE", a.m_vecFiles, "PATH... ENDPOINT",

@@ -75,6 +75,7 @@ void Sender::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAccep
         return;
     }
     m_pTransport = aTrpt;
+    m_llHeard = CCmClock::GetTimeOfDayUsec();
     ReportConnection(m_Arguments, *m_pTransport, m_Console);
     m_dwMaxPiece = GetMaxMessage(*m_pTransport) - DATA_HEADER;
     if (const uint64_t ullPiece = m_Arguments.m_Transfer.m_ullRate / PIECES_PER_SECOND + 1; ullPiece > 1)

@@ -154,7 +154,7 @@ private:
     CCmTimerWrapperID m_Timer;         // the next turn of Pump, or the end of CLOSING
     CCmTimerWrapperID m_SilenceTimer;  // the end of the receiver's silence
     CCmTimerWrapperID m_SurveyTimer;   // the next turn of Survey
-    int64_t m_llHeard = 0;             // when the receiver has sent something last
+    int64_t m_llHeard = 0;             // when the receiver has last sent something, or was connected
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmRefPtrT<ICmTransport> m_pTransport;
     DWORD m_dwMaxPiece = 0;  // bytes of a file in one frame
