@@ -83,6 +83,24 @@ private:
     std::atomic<int> references_{1};
 };
 
+// GCC 12 destroys the captures of a lambda twice if it is made inside an awaiting expression.
+template <class F>
+constexpr void check_work() {
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ < 13
+    static_assert(std::is_lvalue_reference_v<F> || std::is_trivially_destructible_v<F>,
+                  "GCC 12 destroys this lambda twice: name it before the awaiting expression, and pass the name");
+#endif
+}
+// Work from a name is copied, or moved if it cannot be copied.
+template <class F>
+auto take_work(F&& work) {
+    check_work<F>();
+    if constexpr (std::is_copy_constructible_v<std::decay_t<F>>)
+        return std::decay_t<F>(std::forward<F>(work));
+    else
+        return std::decay_t<F>(std::move(work));
+}
+
 // The value that passes between the threads for a result of type R: a copy of what a reference refers to.
 template <class R>
 struct far_value {

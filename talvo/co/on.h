@@ -121,23 +121,25 @@ private:
 // Calls work in that thread; if it makes a task, runs the task there. co_await gives its value as a result<T>, in the awaiting
 // thread, and rethrows its exception. What work holds is destroyed in that thread, also if the awaiting coroutine is destroyed
 // first. The value passes between the threads; of a reference it is a copy. CM_ERROR_NOT_AVAILABLE: the thread has ended. With
-// a stop token also std::errc::operation_canceled; a task ends in its thread then.
+// a stop token also std::errc::operation_canceled; a task ends in its thread then. GCC 12 needs a name for work with captures
+// that have destructors; a copy of it is called, or it is moved.
 //
 //    talvo::thread other;
-//    auto lines = co_await talvo::on(other, [name] { return read_lines(name); });
+//    const auto work = [name] { return read_lines(name); };
+//    auto lines = co_await talvo::on(other, work);
 template <class F>
-auto on(ACmThread* where, F work) {
-    return detail::far_awaiter(new detail::thread_call<F>(where, std::move(work)));
+auto on(ACmThread* where, F&& work) {
+    return detail::far_awaiter(new detail::thread_call<std::decay_t<F>>(where, detail::take_work(std::forward<F>(work))));
 }
 // Likewise.
 template <class F>
-auto on(const thread& where, F work) {
-    return on(where.native(), std::move(work));
+auto on(const thread& where, F&& work) {
+    return on(where.native(), std::forward<F>(work));
 }
 // Likewise; where is a thread or an ACmThread*.
 template <class Thread, class F>
-auto on(const Thread& where, F work, std::stop_token token) {
-    return with_stop(std::move(token), on(where, std::move(work)));
+auto on(const Thread& where, F&& work, std::stop_token token) {
+    return with_stop(std::move(token), on(where, std::forward<F>(work)));
 }
 
 }  // namespace talvo

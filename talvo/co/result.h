@@ -49,6 +49,10 @@ public:
 
     // The value, or other without one.
     template <class U>
+    T value_or(U&& other) const& {
+        return value_ ? *value_ : static_cast<T>(std::forward<U>(other));
+    }
+    template <class U>
     T value_or(U&& other) && {
         return value_ ? std::move(*value_) : static_cast<T>(std::forward<U>(other));
     }

@@ -55,15 +55,17 @@ public:
     // exception. If the awaiting coroutine is destroyed or a stop is requested (std::errc::operation_canceled), work that waits
     // is skipped; work that has begun continues, so it must own what it uses. CM_ERROR_NOT_AVAILABLE, at once: most_waiting
     // calls wait already.
+    // GCC 12 needs a name for work with captures that have destructors; a copy of it is called, or it is moved.
     //
-    //    const auto hash = co_await pool.run([text] { return slow_hash(text); });
+    //    const auto work = [text] { return slow_hash(text); };
+    //    const auto hash = co_await pool.run(work);
     template <class F>
-    auto run(F work) {
-        return detail::far_awaiter(new job<F>(*this, std::move(work)));
+    auto run(F&& work) {
+        return detail::far_awaiter(new job<std::decay_t<F>>(*this, detail::take_work(std::forward<F>(work))));
     }
     template <class F>
-    auto run(F work, std::stop_token token) {
-        return with_stop(std::move(token), run(std::move(work)));
+    auto run(F&& work, std::stop_token token) {
+        return with_stop(std::move(token), run(std::forward<F>(work)));
     }
 
 private:

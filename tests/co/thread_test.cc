@@ -68,6 +68,11 @@ talvo::task<> UseWorkers() {
     EXPECT_EQ(talvo::errc::not_available, (co_await pool.run([] {})).error());
     lock.unlock();
     co_await group.all();
+    const std::string strLong(100, 'x');
+    const auto copied = [strLong] { return strLong; };
+    EXPECT_EQ(strLong, (co_await pool.run(copied)).value());
+    auto moved = [pText = std::make_unique<std::string>(strLong)] { return *pText; };
+    EXPECT_EQ(strLong, (co_await pool.run(moved)).value());
     static int s_nValue = 4;
     EXPECT_EQ(4, (co_await pool.run([]() -> int& { return s_nValue; })).value());
     EXPECT_EQ(3, nBegun);
