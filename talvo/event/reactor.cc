@@ -54,6 +54,7 @@ ICmReactor::~ICmReactor() {
 }
 
 DWORD ICmReactor::GetProperty() const { return 0; }
+BOOL ICmReactor::IsOrderlyEnd() const { return FALSE; }
 CmResult ICmReactor::PostEventQuietly(ICmEvent* aEvent) { return PostEvent(aEvent); }
 
 BOOL ICmReactor::IsAlive(const ICmReactor* aReactor) {

@@ -28,6 +28,7 @@ public:
         SHOULD_CALL_MASK = 0x40,  // internal: call OnClose on removal
         CLOSE_MASK = 0x80,        // the handle was closed or failed
         EVENTQUEUE_MASK = 0x100,  // the event queue has work
+        CLOSES_MASK = 0x200,      // never reported: the handler closes the handle next, see RegisterHandler
         ALL_EVENTS_MASK = 0x3F    // the bits of a handle's registered mask
     };
 
@@ -64,11 +65,14 @@ public:
     // deleted or closes its handle. A second registration of a handle changes its mask or its handler; readiness of the new
     // kinds that exists already is then reported. With DATAGRAM_MASK a pending failure of the system is reported as readiness
     // to read, for OnInput to fetch, and never as a close. OnInput is then called while there is more to read, whatever its
-    // result. CM_OK: new, or nothing to change. CM_ERROR_FOUND: changed; also a success. CM_ERROR_INVALID_ARG: aEh is null or
-    // the mask is empty. CM_ERROR_UNEXPECTED: the system refuses the handle. CM_ERROR_OUT_OF_MEMORY.
+    // result. With CLOSES_MASK the handler's OnClose closes the handle or registers it again: the system ends the watch of a
+    // closed handle by itself, which saves a call. CM_OK: new, or nothing to change. CM_ERROR_FOUND: changed; also a success.
+    // CM_ERROR_INVALID_ARG: aEh is null or the mask is empty. CM_ERROR_UNEXPECTED: the system refuses the handle.
+    // CM_ERROR_OUT_OF_MEMORY.
     virtual CmResult RegisterHandler(ACmEventHandler* aEh, long aMask) = 0;
 
-    // Removes the kinds in aMask, and the handler if no kind is left. Never calls OnClose. CM_OK: removed, or it had none of
+    // Removes the kinds in aMask, and the handler if no kind is left. Never calls OnClose. With CLOSES_MASK the caller closes
+    // the handle next. CM_OK: removed, or it had none of
     // these kinds. CM_ERROR_FOUND: it stays registered for the other kinds; also a success. CM_ERROR_NOT_FOUND: the handle is
     // not registered. CM_ERROR_INVALID_ARG: aEh is null, its handle is invalid or the mask is empty.
     virtual CmResult RemoveHandler(ACmEventHandler* aEh, long aMask) = 0;
@@ -90,6 +94,9 @@ public:
 
     // Bits of PROPERTY_...
     virtual CmDword GetProperty() const;
+
+    // Inside OnClose. TRUE: the peer has ended the connection in good order, and no byte is left to read. FALSE: perhaps not.
+    virtual CmBool IsOrderlyEnd() const;
 
     // As PostEvent, but it may leave the loop asleep until its next wake-up, which runs the event. The default is PostEvent.
     virtual CmResult PostEventQuietly(ICmEvent* aEvent);

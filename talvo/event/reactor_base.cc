@@ -10,8 +10,8 @@ namespace {
 
 CCmLiveCounter s_Live("CCmReactorBase");
 
-constexpr long FLAG_MASK = 0x200;            // passed to the concrete reactor unchanged
-constexpr long REMOVE_AND_CALL_MASK = 0x7F;  // all kinds and SHOULD_CALL_MASK
+constexpr long FLAG_MASK = ACmEventHandler::CLOSES_MASK;  // passed to the concrete reactor unchanged
+constexpr long REMOVE_AND_CALL_MASK = 0x7F;               // all kinds and SHOULD_CALL_MASK
 constexpr unsigned long MAX_EVENTS_A_REPORT = 5;
 
 }  // namespace
@@ -56,7 +56,7 @@ CmResult CCmReactorBase::RegisterHandler(ACmEventHandler* aEh, long aMask) {
         CmResult rv = OnHandleRegister(fd, lMask | (aMask & FLAG_MASK), aEh);
         if (rv != CM_OK)
             return rv;
-        rv = m_Handlers.Bind(fd, aEh, lMask);
+        rv = m_Handlers.Bind(fd, aEh, lMask | (aMask & FLAG_MASK));
         if (rv != CM_OK)
             OnHandleRemoved(fd);
         return rv;
@@ -64,7 +64,7 @@ CmResult CCmReactorBase::RegisterHandler(ACmEventHandler* aEh, long aMask) {
     if (pElement->m_pEh == aEh && pElement->m_nMask == lMask)
         return CM_OK;
     const BOOL bAdded = (lMask & ~pElement->m_nMask) != 0 || pElement->m_pEh != aEh;
-    const CmResult rv = m_Handlers.Bind(fd, aEh, lMask);
+    const CmResult rv = m_Handlers.Bind(fd, aEh, lMask | (aMask & FLAG_MASK));
     if (bAdded || (lMask & ACmEventHandler::DATAGRAM_MASK))
         OnHandleMaskAdded(fd);
     return rv;
@@ -84,11 +84,13 @@ CmResult CCmReactorBase::RemoveHandler(ACmEventHandler* aEh, long aMask) {
     if (fd == CM_INVALID_HANDLE)
         return CM_ERROR_INVALID_ARG;
     CElement* pElement = m_Handlers.Find(fd);
-    return pElement ? RemoveHandleWithoutFinding_i(fd, *pElement, lMask) : CM_ERROR_NOT_FOUND;
+    return pElement ? RemoveHandleWithoutFinding_i(fd, *pElement, lMask | (aMask & FLAG_MASK)) : CM_ERROR_NOT_FOUND;
 }
 
 CmResult CCmReactorBase::RemoveHandleWithoutFinding_i(HANDLE aFd, CElement& aElement, long aMask) {
     ACmEventHandler* pEh = aElement.m_pEh;
+    const BOOL bCall = (aMask & ACmEventHandler::SHOULD_CALL_MASK) != 0;
+    const BOOL bCloses = bCall ? aElement.m_bCloses : (aMask & ACmEventHandler::CLOSES_MASK) != 0;
     const long lOldMask = aElement.m_nMask;
     const long lNewMask = lOldMask & ~(aMask & ACmEventHandler::ALL_EVENTS_MASK);
     if (lNewMask == lOldMask) {
@@ -104,8 +106,8 @@ CmResult CCmReactorBase::RemoveHandleWithoutFinding_i(HANDLE aFd, CElement& aEle
 
     if (m_Handlers.UnBind(aFd) != CM_OK)
         CM_WARNING_TRACE_THIS("CCmReactorBase::RemoveHandleWithoutFinding_i, UnBind() failed! aFd=" << aFd);
-    OnHandleRemoved(aFd);
-    if (aMask & ACmEventHandler::SHOULD_CALL_MASK)
+    bCloses ? OnHandleClosing(aFd) : OnHandleRemoved(aFd);
+    if (bCall)
         pEh->OnClose(aFd, lOldMask);
     return CM_OK;
 }
@@ -232,3 +234,5 @@ CmResult CCmReactorBase::Close() {
 }
 
 void CCmReactorBase::OnHandleMaskAdded(HANDLE) {}
+
+CmResult CCmReactorBase::OnHandleClosing(HANDLE aFd) { return OnHandleRemoved(aFd); }

@@ -59,8 +59,10 @@ public:
 protected:
     // Stops watching a handle.
     virtual CmResult OnHandleRemoved(CmHandle aFd) = 0;
+    // Likewise, but its handler closes it next, which ends the watch too. The default is OnHandleRemoved.
+    virtual CmResult OnHandleClosing(CmHandle aFd);
     // Starts to watch a handle for the kinds in aMask, and always for close. CM_ERROR_UNEXPECTED: that fails. aMask may have
-    // flags above ALL_EVENTS_MASK from the caller of RegisterHandler.
+    // flags above ALL_EVENTS_MASK from the caller of RegisterHandler. After OnHandleClosing the handle may be watched still.
     virtual CmResult OnHandleRegister(CmHandle aFd, long aMask, ACmEventHandler* aEh) = 0;
     // A watched handle has new kinds or another handler: report the readiness that exists already. For a handle of datagrams:
     // its kinds have changed in any way.

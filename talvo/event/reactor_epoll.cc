@@ -57,10 +57,10 @@ BOOL WatchByEdge(HANDLE aEpoll, HANDLE aFd, uint64_t aData) {
 
 constexpr long OUT_MASK = ACmEventHandler::CONNECT_MASK | ACmEventHandler::WRITE_MASK;
 
-// The number of bytes that can be read now; 0 for a handle without such a count.
+// The number of bytes that can be read now; -1 for a handle without such a count.
 int BytesReadable(HANDLE aFd) {
     int nBytes = 0;
-    return ioctl(aFd, FIONREAD, &nBytes) == 0 ? nBytes : 0;
+    return ioctl(aFd, FIONREAD, &nBytes) == 0 ? nBytes : -1;
 }
 
 // TRUE: the handler has read before and is not registered for reading now.
@@ -299,31 +299,34 @@ void CCmReactorEpoll::ReportOut_i(const CBinding& aBinding) {
 }
 
 void CCmReactorEpoll::ReportClose_i(const CBinding& aBinding, CmResult aReason) {
-    if (DrainBeforeClose_i(aBinding, aReason))
-        ProcessBinding_i(aBinding, ACmEventHandler::CLOSE_MASK);
+    int nRemain = 0;
+    if (!DrainBeforeClose_i(aBinding, aReason, nRemain))
+        return;
+    m_bOrderlyEnd = aReason == CM_ERROR_NETWORK_SOCKET_CLOSE && nRemain == 0;
+    ProcessBinding_i(aBinding, ACmEventHandler::CLOSE_MASK);
+    m_bOrderlyEnd = FALSE;
 }
 
-// Reads the bytes that arrived before the close. TRUE: report the close. FALSE: the handler is gone, or it has paused reading;
-// then the close and the bytes wait until it resumes. A failed connection does not wait: the event that would end the pause may
-// never come.
-BOOL CCmReactorEpoll::DrainBeforeClose_i(const CBinding& aBinding, CmResult aReason) {
+// Reads the bytes that arrived before the close. TRUE: report the close; aRemain (out): as BytesReadable. FALSE: the handler is
+// gone, or it has paused reading; then the close and the bytes wait until it resumes. A failed connection does not wait: the
+// event that would end the pause may never come.
+BOOL CCmReactorEpoll::DrainBeforeClose_i(const CBinding& aBinding, CmResult aReason, int& aRemain) {
     const HANDLE fd = aBinding.GetHandle();
     int nBefore = INT_MAX;
-    for (int nRemain = BytesReadable(fd); nRemain > 0 && nRemain < nBefore; nRemain = BytesReadable(fd)) {
+    for (aRemain = BytesReadable(fd); aRemain > 0 && aRemain < nBefore; aRemain = BytesReadable(fd)) {
         const CElement* pElement = aBinding.Get();
-        if (!pElement)
-            return FALSE;
         if (!(pElement->m_nMask & ACmEventHandler::READ_MASK))
             return !IsPaused(*pElement) || aReason == CM_ERROR_NETWORK_SOCKET_ERROR;
         CM_WARNING_TRACE_THIS(
             "CCmReactorWin32Message::Win32SocketWndProc, data remained in the handle wehn closing, recv it. dwRemain="
-            << nRemain);
-        nBefore = nRemain;
+            << aRemain);
+        nBefore = aRemain;
         ProcessBinding_i(aBinding, ACmEventHandler::READ_MASK);
+        if (!aBinding.Get())
+            return FALSE;
     }
     // Reached also if a report consumed nothing: the close cannot wait for that.
-    const CElement* pElement = aBinding.Get();
-    return pElement && (!IsPaused(*pElement) || aReason == CM_ERROR_NETWORK_SOCKET_ERROR);
+    return !IsPaused(*aBinding.Get()) || aReason == CM_ERROR_NETWORK_SOCKET_ERROR;
 }
 
 // In the reactor's thread the mark is stored in the registration and needs no memory: for the handler this may be the only
@@ -412,7 +415,10 @@ int CCmReactorEpoll::Watch_i(int aOperation, HANDLE aFd, long aMask, DWORD aBind
 }
 
 CmResult CCmReactorEpoll::OnHandleRegister(HANDLE aFd, long aMask, ACmEventHandler*) {
-    if (Watch_i(EPOLL_CTL_ADD, aFd, aMask, m_Handlers.GetNextBinding()) == 0)
+    const DWORD dwBinding = m_Handlers.GetNextBinding();
+    if (Watch_i(EPOLL_CTL_ADD, aFd, aMask, dwBinding) == 0)
+        return CM_OK;
+    if (errno == EEXIST && Watch_i(EPOLL_CTL_MOD, aFd, aMask, dwBinding) == 0)  // removed, and not closed yet
         return CM_OK;
     CM_ERROR_TRACE_THIS("CCmReactorEpoll::OnHandleRegister, epoll_ctl() failed! aFd=" << aFd << " err=" << errno);
     return CM_ERROR_UNEXPECTED;
@@ -430,6 +436,12 @@ void CCmReactorEpoll::OnHandleMaskAdded(HANDLE aFd) {
 
 CmResult CCmReactorEpoll::OnHandleRemoved(HANDLE aFd) {
     epoll_ctl(m_fdEpoll, EPOLL_CTL_DEL, aFd, nullptr);  // fails without harm if the handle was closed too early
+    return OnHandleClosing(aFd);
+}
+
+// If the handle has a duplicate, the system still watches that one. Its reports are dropped, as those of an old binding, and
+// they come once an edge.
+CmResult CCmReactorEpoll::OnHandleClosing(HANDLE aFd) {
     if (m_bHasNotifications) {
         Guard guard(m_NotificationMutex);
         std::erase_if(m_Notifications, [=](const CNotification& a) { return a.m_Fd == aFd; });

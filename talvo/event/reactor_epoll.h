@@ -31,6 +31,7 @@ public:
     CmResult StopEventLoop() override;
     CmResult Close() override;
     CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) override;
+    CmBool IsOrderlyEnd() const override { return m_bOrderlyEnd; }
 
     CmHandle GetPollHandle() const override { return m_fdEpoll; }
     int GetTimeout() override;
@@ -41,6 +42,7 @@ public:
 
 protected:
     CmResult OnHandleRemoved(CmHandle aFd) override;
+    CmResult OnHandleClosing(CmHandle aFd) override;
     CmResult OnHandleRegister(CmHandle aFd, long aMask, ACmEventHandler* aEh) override;
     void OnHandleMaskAdded(CmHandle aFd) override;
 
@@ -61,7 +63,7 @@ private:
     void ReportIn_i(const CBinding& aBinding);
     void ReportOut_i(const CBinding& aBinding);
     void ReportClose_i(const CBinding& aBinding, CmResult aReason);
-    CmBool DrainBeforeClose_i(const CBinding& aBinding, CmResult aReason);
+    CmBool DrainBeforeClose_i(const CBinding& aBinding, CmResult aReason, int& aRemain);
     void ProcessNotifications_i();
     void ProcessEvents_i();
     int Watch_i(int aOperation, CmHandle aFd, long aMask, CmDword aBinding);
@@ -74,6 +76,7 @@ private:
     const int64_t m_llTickUsec;
     std::unique_ptr<epoll_event[]> m_pReports;  // null: memory ran out
     CmBool m_bRunning = CM_FALSE;               // a turn is under way
+    CmBool m_bOrderlyEnd = CM_FALSE;            // the report under way is the peer's end, and the handle is empty
     std::atomic<CmBool> m_bStop{CM_FALSE};      // a stop ends one run, which may start later
     std::atomic<CmBool> m_bSleeping{CM_FALSE};  // in the system's wait, or about to enter it, or another loop polls m_fdEpoll
 
