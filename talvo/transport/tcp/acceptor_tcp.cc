@@ -1,5 +1,6 @@
 #include "talvo/transport/tcp/acceptor_tcp.h"
 
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -88,6 +89,8 @@ CmResult CCmAcceptorTcp::Bind_i(const CCmInetAddr& aAddrListen) {
     m_Listening.ApplyTo(m_Socket);
     const auto* pAddr = reinterpret_cast<const sockaddr*>(aAddrListen.GetPtr());
     const BOOL bPath = aAddrListen.GetType() == AF_UNIX;
+    const int nOn = 1;
+    m_bUndelayed = !bPath && m_Socket.SetOption(IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof nOn) == 0;
     if ((bPath ? m_Path.Listen(m_Socket, aAddrListen, BACKLOG) : bind(GetHandle(), pAddr, aAddrListen.GetSize())) == -1)
         return failed("bind", "bind to");
     // Non-blocking: a peer that closes between the report and the accept must not block the thread.
@@ -153,6 +156,8 @@ int CCmAcceptorTcp::OnInput(HANDLE aFd) {
         m_Listening.ApplyTo(pTransport->GetPeer());
     if (m_bOneLocal)
         pTransport->SetLocalAddr(m_AddrListen);
+    if (m_bUndelayed)
+        pTransport->SetUndelayed();
     CM_INFO_TRACE_THIS("CCmAcceptorTcp::OnInput, addr=" << addrPeer.GetIpDisplayName() << " port=" << addrPeer.GetPort()
                                                         << " sockNew=" << fdNew
                                                         << " pTrans=" << static_cast<const void*>(pTransport.Get()));

@@ -65,6 +65,7 @@ private:
     talvo::CUnixPath m_Path;
     CCmInetAddr m_AddrListen;
     CmBool m_bOneLocal = CM_FALSE;       // each connection's local address is m_AddrListen
+    CmBool m_bUndelayed = CM_FALSE;      // accepted sockets have the listener's TCP_NODELAY
     talvo::CSocketSettings m_Listening;  // of the connections; accepted TCP sockets have the listener's buffer sizes
     EPause m_Pause = NOT;                // else not registered, and the timer runs
     talvo::CTracePace m_TracePace;       // of the lines about descriptors

@@ -44,7 +44,8 @@ CHandshakeRun::CHandshakeRun(ICmReactor* aReactor, IOwner& aOwner, IHandshakeMak
 }
 
 CHandshakeRun::~CHandshakeRun() {
-    Stop_i();
+    StopTimer_i();
+    Unwatch_i();
     --s_Live;
 }
 
@@ -100,7 +101,7 @@ BOOL CHandshakeRun::Wait_i(IHandshake::EStep aStep) {
     return Over_i(CCmFailure(CM_FAILURE_LOCAL, "the reactor refuses the socket", VERB, GetPeerAddr()));
 }
 
-HANDLE CHandshakeRun::GetHandle() const { return m_pTransport ? m_pTransport->GetHandle() : CM_INVALID_HANDLE; }
+HANDLE CHandshakeRun::GetHandle() const { return m_pTransport->GetHandle(); }
 
 int CHandshakeRun::OnInput(HANDLE) {
     m_Owner.OnHandshakeInput();
@@ -134,9 +135,11 @@ void CHandshakeRun::OnTimeout(const CCmTimeValue&, void*) {
 }
 
 BOOL CHandshakeRun::Over_i(const CCmFailure& aFailure) {
-    Stop_i();
+    StopTimer_i();
     m_Failure = aFailure;
-    if (!m_Failure)
+    if (m_Failure)
+        Unwatch_i();
+    else
         m_Reason = CM_OK;
     m_pHandshake.reset();
     return TRUE;
@@ -166,10 +169,14 @@ CCmInetAddr CHandshakeRun::GetPeerAddr() const {
     return addrPeer;
 }
 
-void CHandshakeRun::Stop_i() {
+void CHandshakeRun::StopTimer_i() {
     if (std::exchange(m_bTimer, FALSE))
         m_pReactor->CancelTimer(this);
-    if (std::exchange(m_bWatched, FALSE))
+}
+
+// An open transport has taken the watch over. The socket of a closed one has none.
+void CHandshakeRun::Unwatch_i() {
+    if (std::exchange(m_bWatched, FALSE) && !m_pTransport->IsOpen())
         m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK);
 }
 

@@ -34,8 +34,9 @@ public:
     // The failure of a run that has ended, and its reason; CM_FAILURE_NONE: it succeeded.
     const CCmFailure& GetFailure() const { return m_Failure; }
     CmResult GetReason() const { return m_Reason; }
-    // The transport of a run that has ended.
-    CCmRefPtrT<CCmTransportTcp> TakeTransport() { return std::move(m_pTransport); }
+    // If the transport of a run that has ended well is opened before the run is deleted, it takes over the watch of the socket,
+    // which saves calls.
+    const CCmRefPtrT<CCmTransportTcp>& GetTransport() const { return m_pTransport; }
 
     CCmInetAddr GetPeerAddr() const;
 
@@ -54,7 +55,8 @@ private:
     CmBool Over_i(const CCmFailure& aFailure);
     CmBool Failed_i(int aError);
     CCmFailure NotedFailure_i();
-    void Stop_i();
+    void StopTimer_i();
+    void Unwatch_i();
 
     const CHomeReactor m_pReactor;
     IOwner& m_Owner;

@@ -45,11 +45,11 @@ void CHandshakesInFlight::Move_i(CNode& aNode) {
     m_Runs.splice(m_Runs.end(), m_Runs, aNode.m_Place);
 }
 
+// The run ends behind the report, which may open the transport.
 void CHandshakesInFlight::Done_i(CNode& aNode) {
-    const CCmFailure failure = aNode.m_Run.GetFailure();
-    CCmRefPtrT<CCmTransportTcp> pTransport = aNode.m_Run.TakeTransport();
-    m_Runs.erase(aNode.m_Place);
-    m_Owner.OnShaken(std::move(pTransport), failure);  // last: the owner may delete this object
+    std::list<CNode> over;
+    over.splice(over.end(), m_Runs, aNode.m_Place);
+    m_Owner.OnShaken(aNode.m_Run.GetTransport(), aNode.m_Run.GetFailure());  // last: the owner may delete this object
 }
 
 }  // namespace talvo

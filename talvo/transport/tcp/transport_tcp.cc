@@ -35,7 +35,7 @@ CmResult CCmTransportTcp::Open_t() {
     if (!talvo::GetNetworkBuffers())
         return CM_ERROR_OUT_OF_MEMORY;
     const int nOn = 1;
-    if (!m_AddrPeer.IsPath() && m_SocketTcp.SetOption(IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof nOn) == -1)
+    if (!m_bUndelayed && !m_AddrPeer.IsPath() && m_SocketTcp.SetOption(IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof nOn) == -1)
         CM_ERROR_TRACE_THIS("CCmTransportTcp::Open_t, SetOption(TCP_NODELAY) failed! err=" << errno);
     const CmResult rv = Watch_i();
     if (rv != CM_OK)
@@ -68,7 +68,7 @@ void CCmTransportTcp::GoOnReading_i() {
 long CCmTransportTcp::GetMask_i() const {
     const long lRead = m_bReadingPaused ? NULL_MASK : READ_MASK;
     const BOOL bWrite = !IsWriteOnDemand_i() || m_bNeedOnSend || m_bNeedFlush || m_bReadingPaused;
-    return lRead | (bWrite ? WRITE_MASK : NULL_MASK) | (m_bTellEnd ? HALF_CLOSE_MASK : NULL_MASK);
+    return CLOSES_MASK | lRead | (bWrite ? WRITE_MASK : NULL_MASK) | (m_bTellEnd ? HALF_CLOSE_MASK : NULL_MASK);
 }
 
 int CCmTransportTcp::TellEnd_i() {
@@ -102,6 +102,7 @@ void CCmTransportTcp::LetLinger_i() {
         pCarrier->SetPeerAddr(addrPeer);
     RemoveFromReactor_i();
     m_bOpen = FALSE;
+    pCarrier->m_Counters = m_Counters;
     pCarrier->m_SocketTcp.SetHandle(m_SocketTcp.GetHandle());
     m_SocketTcp.SetHandle(CM_INVALID_HANDLE);
     talvo::CTransportLinger::Begin(*pCarrier, TakeUnsent_i());
@@ -110,11 +111,15 @@ void CCmTransportTcp::LetLinger_i() {
 CmResult CCmTransportTcp::Close_t(CmResult aReason) {
     if (m_SocketTcp.GetHandle() == CM_INVALID_HANDLE)
         return CM_OK;
-    RemoveFromReactor_i();
+    m_pReactor->RemoveHandler(this, ALL_EVENTS_MASK | CLOSES_MASK);
+    m_bOpen = FALSE;
+    if (m_bDrained) {
+        m_SocketTcp.CCmSocketBase::Close();  // the end that a shutdown would send
+        return CM_OK;
+    }
     if (aReason == CM_OK && m_AddrPeer.IsPath())
         DropUnread_i();
     m_SocketTcp.Close(aReason);
-    m_bOpen = FALSE;
     return CM_OK;
 }
 
@@ -126,14 +131,18 @@ void CCmTransportTcp::DropUnread_i() {
     }
 }
 
+BOOL CCmTransportTcp::HasEnded_i() const { return m_bDrained; }
+
 // Stores the socket's error, unless a receive or send has consumed it.
 int CCmTransportTcp::OnClose(HANDLE aFd, long aMask) {
-    NoteLost_i();
+    m_bDrained = m_bDrained || m_pReactor->IsOrderlyEnd();
+    if (m_Counters.m_ullBytesSent > 0)
+        NoteLost_i();
     if (m_bEndSent && !m_bNeedFlush && m_dwLost > 0)
         --m_dwLost;  // the end itself counts as a byte
     int nError = 0;
     int nLength = sizeof nError;
-    if (!HasFailed_i() && m_SocketTcp.GetOption(SOL_SOCKET, SO_ERROR, &nError, &nLength) == 0)
+    if (!HasFailed_i() && !HasEnded_i() && m_SocketTcp.GetOption(SOL_SOCKET, SO_ERROR, &nError, &nLength) == 0)
         NoteFailure_i(RECEIVING, nError);
     if (ReadsOn_i())
         return 0;
@@ -187,8 +196,8 @@ int CCmTransportTcp::Receive_i(char* aBuf, DWORD aLen, int aFlags) {
     return -1;
 }
 
-int CCmTransportTcp::Send_i(const char* aBuf, DWORD aLen) {
-    const int nSent = m_SocketTcp.Send(aBuf, aLen);
+int CCmTransportTcp::Send_i(const char* aBuf, DWORD aLen, BOOL aMore) {
+    const int nSent = m_SocketTcp.Send(aBuf, aLen, aMore ? MSG_MORE : 0);
     if (nSent >= 0)
         return nSent;
     if (IsWouldBlock())

@@ -53,17 +53,21 @@ public:
     // end.
     void SetPeerAddr(const CCmInetAddr& aAddr) { m_AddrPeer.Store(aAddr); }
     void SetLocalAddr(const CCmInetAddr& aAddr) { m_AddrLocal.Store(aAddr); }  // likewise, of this end
+    // The maker's socket has TCP_NODELAY already; likewise.
+    void SetUndelayed() { m_bUndelayed = true; }
     // Of one read; between CSocketSettings::MIN_READ and MAX_READ.
     void SetReadSize(CmDword aSize) { m_dwReadSize = aSize; }
     // The proxy server of the connection, for CM_OPT_TRANSPORT_ROUTE; without a call there is none. May throw std::bad_alloc.
     void SetRoute(const CCmString& aServer) { m_pRoute = std::make_unique<const CCmString>(aServer); }
     const CCmTransportCounters& GetCounters() const { return m_Counters; }  // of its thread
+    CmBool IsOpen() const { return m_bOpen; }                               // it has been opened, and its socket is not closed
 
     // The raw socket, for a layer between socket and sink, and for a handshake before the opening. A count; 0 for Send_i, -2
     // for Recv_i when it would block; -1 on failure and on the peer's close, traced. 0 for Recv_i at the peer's end if
-    // CM_OPT_TRANSPORT_TELL_END is set. Bytes of UnRecv_i come first.
+    // CM_OPT_TRANSPORT_TELL_END is set. Bytes of UnRecv_i come first. aMore: another send or the end follows soon, and the
+    // system may wait for it, to send one segment.
     int Recv_i(char* aBuf, CmDword aLen);
-    int Send_i(const char* aBuf, CmDword aLen);
+    int Send_i(const char* aBuf, CmDword aLen, CmBool aMore = CM_FALSE);
     // As Recv_i, but the bytes stay in the socket. Before any UnRecv_i.
     int Peek_i(char* aBuf, CmDword aLen) { return Receive_i(aBuf, aLen, MSG_PEEK); }
     // Puts bytes of Recv_i back for the next reader. CM_ERROR_OUT_OF_MEMORY: nothing is put back, and the stream has a gap.
@@ -85,6 +89,8 @@ protected:
     virtual CmBool IsDry_i(CmDword aRead, CmDword aLen) const { return aRead < aLen; }
     // Received bytes that Read_i can return without the socket. The beginning of a record does not count.
     virtual CmDword GetHeld_i() const { return m_pReadAhead ? m_pReadAhead->GetSize() : 0; }
+    // TRUE: the peer's side is known to have ended without a failure.
+    virtual CmBool HasEnded_i() const;
     // The peer's side of the socket has ended without a failure. A layer notes one here unless its own end came before.
     virtual void NoteEnd_i() {}
 
@@ -141,6 +147,7 @@ private:
     std::unique_ptr<talvo::CReadAhead> m_pReadAhead;  // null unless a handshake has read too far
     std::unique_ptr<const CCmString> m_pRoute;        // null: no proxy server
     CmDword m_dwReadSize = talvo::CNetworkBuffers::DEFAULT_READ;
+    bool m_bUndelayed = false;  // has TCP_NODELAY
     bool m_bNeedOnSend = false;
     bool m_bNeedFlush = false;  // the layer waits for room
     bool m_bMore = false;       // aMore of the last Read_i
@@ -149,6 +156,7 @@ private:
     bool m_bTellEnd = false;  // option 148
     bool m_bEndTold = false;
     bool m_bEndSent = false;  // option 147
+    bool m_bDrained = false;  // the peer has ended in good order, and the socket is empty
     bool m_bBroken = false;   // a send has failed, and OnDisconnect is due
     CCmTransportCounters m_Counters;
 };
