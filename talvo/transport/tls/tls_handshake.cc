@@ -1,6 +1,7 @@
 #include "talvo/transport/tls/tls_handshake.h"
 
 #include <new>
+#include <utility>
 
 #include "talvo/transport/tls/alpn.h"
 
@@ -12,9 +13,15 @@ constexpr const char* VERB = "begin TLS with";
 
 class CTlsHandshake final : public IHandshake {
 public:
-    CTlsHandshake(CCmTransportSsl& aTransport, CmResult aBegun) : m_Transport(aTransport), m_Begun(aBegun) {}
+    // aWaits: the peer speaks first, and the socket is not watched yet. It rarely has bytes so early, and reports them.
+    CTlsHandshake(CCmTransportSsl& aTransport, CmResult aBegun, bool aWaits)
+        : m_Transport(aTransport), m_Begun(aBegun), m_bWaits(aWaits) {}
 
-    EStep Step(CCmTransportTcp&) override { return m_Begun == CM_OK ? HandshakeStepOf(m_Transport.Handshake()) : FAILED; }
+    EStep Step(CCmTransportTcp&) override {
+        if (m_Begun != CM_OK)
+            return FAILED;
+        return std::exchange(m_bWaits, false) ? READ : HandshakeStepOf(m_Transport.Handshake());
+    }
 
     CCmFailure GetFailure(const CCmInetAddr& aPeer) const override {
         if (m_Begun != CM_OK)
@@ -30,6 +37,7 @@ public:
 private:
     CCmTransportSsl& m_Transport;
     const CmResult m_Begun;
+    bool m_bWaits;
 };
 
 }  // namespace
@@ -65,7 +73,7 @@ std::unique_ptr<IHandshake> CTlsHandshakes::MakeHandshake(CCmTransportTcp& aTran
     const CmResult rv = transport.Begin(m_Settings.m_pContext, pName, MakeAlpnList(m_Settings.m_strAlpn));
     if (rv == CM_ERROR_OUT_OF_MEMORY)
         throw std::bad_alloc();
-    return std::make_unique<CTlsHandshake>(transport, rv);
+    return std::make_unique<CTlsHandshake>(transport, rv, aStep == 0 && !pName);
 }
 
 }  // namespace talvo

@@ -11,8 +11,8 @@ public:
     virtual int RecvSealed(char* aBuf, DWORD aLen) = 0;
     // TRUE after RecvSealed: there may be more without a report of the socket.
     virtual BOOL HasMoreSealed() const = 0;
-    // A count; 0: it would block; -1 with errno: it has failed.
-    virtual int SendSealed(const char* aBuf, DWORD aLen) = 0;
+    // A count; 0: it would block; -1 with errno: it has failed. aMore: as for CCmTransportTcp::Send_i.
+    virtual int SendSealed(const char* aBuf, DWORD aLen, BOOL aMore) = 0;
 
 protected:
     virtual ~ITlsLower() = default;

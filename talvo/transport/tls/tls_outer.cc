@@ -16,7 +16,7 @@ int CTlsOuter::RecvSealed(char* aBuf, DWORD aLen) {
     return result == CTlsSession::WANT_READ ? WOULD_BLOCK : -1;
 }
 
-int CTlsOuter::SendSealed(const char* aBuf, DWORD aLen) {
+int CTlsOuter::SendSealed(const char* aBuf, DWORD aLen, BOOL) {
     const iovec piece{const_cast<char*>(aBuf), aLen};
     DWORD dwTaken = 0;
     if (m_pSession->Write(&piece, 1, dwTaken, TRUE) != CTlsSession::FAILED || dwTaken > 0)

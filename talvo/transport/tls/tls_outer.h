@@ -23,7 +23,7 @@ public:
 
     int RecvSealed(char* aBuf, DWORD aLen) override;
     BOOL HasMoreSealed() const override { return m_bMore; }
-    int SendSealed(const char* aBuf, DWORD aLen) override;
+    int SendSealed(const char* aBuf, DWORD aLen, BOOL aMore) override;
 
 private:
     const CCmRefPtrT<CCmSslContext> m_pContext;  // as long as the session

@@ -262,7 +262,7 @@ CTlsSession::EResult CTlsSession::Handshake() {
         if (result == WANT_READ && m_dwReceived > MOST_HANDSHAKE && SSL_is_server(m_pSsl))
             result = Fail_i("the handshake is too long");
     }
-    const EResult sent = SendSealed_i();
+    const EResult sent = SendSealed_i(result == DONE && IsAnswerDue_i());
     PutBack_i();
     if (sent == FAILED || result == WANT_READ || result == FAILED)
         return sent == FAILED ? FAILED : result;
@@ -271,6 +271,11 @@ CTlsSession::EResult CTlsSession::Handshake() {
     m_bUp = true;
     ClearErrors();
     return sent;
+}
+
+// The tickets of TLS 1.3, for which no client waits, leave with the answer to the input behind the handshake: data, or the end.
+BOOL CTlsSession::IsAnswerDue_i() const {
+    return GetInput() > 0 && SSL_is_server(m_pSsl) && SSL_version(m_pSsl) == TLS1_3_VERSION;
 }
 
 // Bytes that this call has received and not decrypted are for the next one, if there is one.
@@ -390,15 +395,15 @@ CTlsSession::EResult CTlsSession::SealSome_i(CTlsPieces& aPieces, DWORD& aSealed
     return DONE;
 }
 
-// DONE, WANT_WRITE with the rest kept, or FAILED. Behind our end and a failure the bytes are dropped.
-CTlsSession::EResult CTlsSession::SendSealed_i() {
+// DONE, WANT_WRITE with the rest kept, or FAILED. Behind our end and a failure the bytes are dropped. aMore: see ITlsLower.
+CTlsSession::EResult CTlsSession::SendSealed_i(BOOL aMore) {
     std::vector<char>& sealed = m_pCall->m_pBuffers->m_Sealed;
     if (m_bSendFailed || m_bEnded)
         sealed.clear();
     size_t stSent = 0;
     int nSent = GetUnsent() > 0 ? 0 : 1;  // behind those that are kept
     while (stSent < sealed.size() && nSent > 0) {
-        nSent = m_Lower.SendSealed(sealed.data() + stSent, static_cast<DWORD>(sealed.size() - stSent));
+        nSent = m_Lower.SendSealed(sealed.data() + stSent, static_cast<DWORD>(sealed.size() - stSent), aMore);
         stSent += nSent > 0 ? static_cast<size_t>(nSent) : 0;
     }
     if (nSent < 0)
@@ -435,7 +440,7 @@ CTlsSession::EResult CTlsSession::SendKept_i() {
     while (GetUnsent() > 0) {
         if (m_bSendFailed)
             return FAILED;
-        const int nSent = m_Lower.SendSealed(m_pKept->data() + m_stKeptSent, GetUnsent());
+        const int nSent = m_Lower.SendSealed(m_pKept->data() + m_stKeptSent, GetUnsent(), FALSE);
         if (nSent < 0)
             return SendFailed_i();
         if (nSent == 0)
@@ -452,7 +457,7 @@ void CTlsSession::DropKept_i() {
     m_dwAnswers = 0;
 }
 
-CTlsSession::EResult CTlsSession::Flush(BOOL aEnd) {
+CTlsSession::EResult CTlsSession::Flush(BOOL aEnd, BOOL aMore) {
     if (aEnd && m_bUp && !m_bFailed && !m_bEnded) {
         CTlsCall call(m_pCall, 0);
         if (!call.IsReady())
@@ -460,7 +465,7 @@ CTlsSession::EResult CTlsSession::Flush(BOOL aEnd) {
         ClearErrors();
         SSL_shutdown(m_pSsl);
         ClearErrors();
-        SendSealed_i();
+        SendSealed_i(aMore);
         m_bEnded = true;
     }
     const EResult result = SendKept_i();

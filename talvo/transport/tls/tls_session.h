@@ -69,8 +69,9 @@ public:
     EResult Write(const iovec* aPieces, DWORD aCount, DWORD& aTaken, BOOL aAll = FALSE);
     // FALSE: Write takes nothing before Read has read the rest of a message.
     BOOL CanSeal() const;
-    // Sends the sealed bytes that are kept. aEnd: seals close_notify behind them, once; nothing is sealed after that.
-    EResult Flush(BOOL aEnd);
+    // Sends the sealed bytes that are kept. aEnd: seals close_notify behind them, once; nothing is sealed after that. aMore:
+    // the end of the socket follows at once.
+    EResult Flush(BOOL aEnd, BOOL aMore = FALSE);
     DWORD GetUnsent() const { return m_pKept ? static_cast<DWORD>(m_pKept->size() - m_stKeptSent) : 0; }
     // Null: there are none, or memory ran out.
     CCmChainPtr TakeUnsent();
@@ -105,9 +106,10 @@ private:
     EResult ReadSome_i(char* aBuf, DWORD aLen, DWORD& aRead);
     EResult Outcome_i(int aReturned);
     EResult Fail_i(const char* aText);
+    BOOL IsAnswerDue_i() const;
     void PutBack_i();
     void ReleaseBuffers_i();
-    EResult SendSealed_i();
+    EResult SendSealed_i(BOOL aMore = FALSE);
     EResult SendKept_i();
     EResult SendFailed_i();
     BOOL Keep_i(const char* aData, size_t aLen);

@@ -98,12 +98,12 @@ int CCmTransportSsl::Read_i(char* aBuf, DWORD aLen, BOOL& aMore) {
     return result == CTlsSession::WANT_READ ? WOULD_BLOCK : Ended_i(result);
 }
 
-// The answer to close_notify is one: the peer may still read.
+// The answer to close_notify is one: the peer may still read. The caller closes the socket.
 int CCmTransportSsl::Ended_i(CTlsSession::EResult aResult) {
     if (aResult == CTlsSession::ENDED && IsEndTold_i())
         return 0;
     if (aResult == CTlsSession::ENDED)
-        Flush_i(TRUE);
+        FlushBoth_i(TRUE, TRUE);
     else
         NoteEnd_i();
     return -1;
@@ -113,6 +113,8 @@ DWORD CCmTransportSsl::GetHeld_i() const {
     const auto heldBy = [](const CTlsSession* a) { return a ? a->GetHeld() + a->GetInput() : 0; };
     return CCmTransportTcp::GetHeld_i() + heldBy(m_pSession.get()) + heldBy(GetOuter());
 }
+
+BOOL CCmTransportSsl::HasEnded_i() const { return (m_pSession && m_pSession->HasPeerEnded()) || CCmTransportTcp::HasEnded_i(); }
 
 void CCmTransportSsl::NoteEnd_i() {
     static constexpr CWayToFail CUT = {CM_FAILURE_PROTOCOL, "the stream has ended without close_notify", "receive from"};
@@ -151,12 +153,14 @@ int CCmTransportSsl::Write_i(const iovec* aPieces, DWORD aCount) {
     return -1;
 }
 
-CmResult CCmTransportSsl::Flush_i(BOOL aEnd) {
+CmResult CCmTransportSsl::Flush_i(BOOL aEnd) { return FlushBoth_i(aEnd, FALSE); }
+
+CmResult CCmTransportSsl::FlushBoth_i(BOOL aEnd, BOOL aMore) {
     if (!m_pSession)
         return CM_OK;
-    CTlsSession::EResult result = m_pSession->Flush(aEnd);
+    CTlsSession::EResult result = m_pSession->Flush(aEnd, aMore);
     if (m_pOuter && result != CTlsSession::FAILED) {
-        const CTlsSession::EResult outer = m_pOuter->GetSession().Flush(aEnd && result == CTlsSession::DONE);
+        const CTlsSession::EResult outer = m_pOuter->GetSession().Flush(aEnd && result == CTlsSession::DONE, aMore);
         result = result == CTlsSession::DONE ? outer : result;
     }
     ReadOn_i();

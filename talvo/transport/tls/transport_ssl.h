@@ -64,6 +64,7 @@ protected:
     int Read_i(char* aBuf, DWORD aLen, BOOL& aMore) override;
     BOOL IsDry_i(DWORD, DWORD) const override { return TRUE; }  // Read_i has asked for more otherwise
     DWORD GetHeld_i() const override;
+    CmBool HasEnded_i() const override;
     void NoteEnd_i() override;
     int Write_i(const iovec* aPieces, DWORD aCount) override;
     CmResult Flush_i(BOOL aEnd) override;
@@ -74,10 +75,11 @@ protected:
 private:
     int RecvSealed(char* aBuf, DWORD aLen) override { return Recv_i(aBuf, aLen); }
     BOOL HasMoreSealed() const override { return HasReadAhead_i(); }
-    int SendSealed(const char* aBuf, DWORD aLen) override { return Send_i(aBuf, aLen); }
+    int SendSealed(const char* aBuf, DWORD aLen, BOOL aMore) override { return Send_i(aBuf, aLen, aMore); }
 
     BOOL IsUp_i() const { return m_pSession && m_pSession->IsUp(); }
     int Ended_i(talvo::CTlsSession::EResult aResult);
+    CmResult FlushBoth_i(BOOL aEnd, BOOL aMore);
     void ReadOn_i();
     CmResult GetAlive_i(BOOL& aAlive);
     CmResult GetLastFailure_i(CCmFailure& aFailure);
