@@ -73,24 +73,46 @@ private:
     size_t m_stAnswer = 0;
 };
 
-// The cost of aMessages copies of aRequest, one at a time, with their answers.
-CCost TripsCost(const CTestNetwork& aNetwork, const CCmInetAddr& aAddr, const std::string& aRequest, size_t aMessages) {
+// The cost of a trip, aTrips of them, in a thread of their own. aTrip returns the size of the answer.
+CCost TripsCost(const CTestNetwork& aNetwork, size_t aTrips, const std::function<size_t()>& aTrip) {
     CCounters spent;
     size_t stAnswer = 0;
     std::atomic<BOOL> bDone{FALSE};
     std::thread peer([&] {
-        CPlainPeer plain(aAddr, aRequest);
         for (size_t n = 0; n < 100; ++n)  // lets all buffers reach their final size
-            stAnswer = plain.Trip();
+            stAnswer = aTrip();
         const CCounters before = CCounters::Now();
-        for (size_t n = 0; n < aMessages; ++n)
-            plain.Trip();
+        for (size_t n = 0; n < aTrips; ++n)
+            aTrip();
         spent = CCounters::Now() - before;
         bDone = TRUE;
     });
     aNetwork.RunUntil([&] { return bDone.load(); });
     peer.join();
-    return CCost(spent, aMessages, stAnswer);
+    return CCost(spent, aTrips, stAnswer);
+}
+
+// The same for aMessages copies of aRequest and their answers. aReconnect: see EchoOnceCost.
+CCost MessagesCost(const CTestNetwork& aNetwork, const CCmInetAddr& aAddr, const std::string& aRequest, size_t aMessages,
+                   BOOL aReconnect = FALSE) {
+    std::optional<CPlainPeer> plain;
+    return TripsCost(aNetwork, aMessages, [&] {
+        if (!plain || aReconnect)
+            plain.emplace(aAddr, aRequest);
+        return plain->Trip();
+    });
+}
+
+CCost EchoIn(CCmThreadLink& aThread, const CTestNetwork& aNetwork, size_t aMessages, DWORD aSize, BOOL aReconnect) {
+    CEcho echo;
+    CCmInetAddr addr;
+    RunIn(aThread, [&] { echo.m_pAcceptor = CTestNetwork::Listen(echo, addr); });
+    const CCost cost = MessagesCost(aNetwork, addr, std::string(aSize, 'x'), aMessages, aReconnect);
+    RunIn(aThread, [&] {
+        echo.m_pAcceptor.Reset();
+        echo.m_pTransport.Reset();
+    });
+    return cost;
 }
 
 // Connects, and sends a message again whenever it has come back.
@@ -221,16 +243,11 @@ CCost::CCost(const CCounters& aSpent, size_t aMessages, size_t aSize) {
 }
 
 CCost EchoCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aMessages, DWORD aSize) {
-    CCmThreadLink& thread = aInNetwork ? aNetwork.NetworkLink() : aNetwork.MainLink();
-    CEcho echo;
-    CCmInetAddr addr;
-    RunIn(thread, [&] { echo.m_pAcceptor = CTestNetwork::Listen(echo, addr); });
-    const CCost cost = TripsCost(aNetwork, addr, std::string(aSize, 'x'), aMessages);
-    RunIn(thread, [&] {
-        echo.m_pAcceptor.Reset();
-        echo.m_pTransport.Reset();
-    });
-    return cost;
+    return EchoIn(aInNetwork ? aNetwork.NetworkLink() : aNetwork.MainLink(), aNetwork, aMessages, aSize, FALSE);
+}
+
+CCost EchoOnceCost(const CTestNetwork& aNetwork, size_t aConnections, DWORD aSize) {
+    return EchoIn(aNetwork.NetworkLink(), aNetwork, aConnections, aSize, TRUE);
 }
 
 CCost CoroutineEchoCost(const CTestNetwork& aNetwork, size_t aMessages, DWORD aSize) {
@@ -244,7 +261,7 @@ CCost CoroutineEchoCost(const CTestNetwork& aNetwork, size_t aMessages, DWORD aS
         EXPECT_TRUE(echo.emplace().listen("127.0.0.1:0", talvo::tcp, serve));
         addr = echo->local_address().native();
     });
-    const CCost cost = TripsCost(aNetwork, addr, std::string(aSize, 'x'), aMessages);
+    const CCost cost = MessagesCost(aNetwork, addr, std::string(aSize, 'x'), aMessages);
     RunIn(aNetwork.NetworkLink(), [&] { echo.reset(); });
     return cost;
 }
@@ -275,6 +292,24 @@ CCost PairEchoCost(const CTestNetwork& aNetwork, DWORD aType, size_t aMessages, 
     return CCost(trips.GetSpent(), aMessages, aSize);
 }
 
+CCost TlsOnceCost(const CTestNetwork& aNetwork, CCmRefPtrT<CCmSslContext> aServer, size_t aConnections,
+                  const std::function<size_t(const CCmInetAddr&)>& aClient) {
+    CEcho echo;
+    CCmInetAddr addr;
+    aNetwork.InNetwork([&] {
+        echo.m_pAcceptor = CTestNetwork::MakeAcceptor(CM_TRANSPORT_TYPE_TLS);
+        Set(*cm_get_connect_options(echo.m_pAcceptor.Get()), CM_OPT_CONNECT_SSL_CONTEXT, aServer);
+        EXPECT_EQ(CM_OK, echo.m_pAcceptor->StartListen(&echo, Loopback()));
+        EXPECT_EQ(CM_OK, echo.m_pAcceptor->GetListenAddr(addr));
+    });
+    const CCost cost = TripsCost(aNetwork, aConnections, [&] { return aClient(addr); });
+    aNetwork.InNetwork([&] {
+        echo.m_pAcceptor.Reset();
+        echo.m_pTransport.Reset();
+    });
+    return cost;
+}
+
 CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages, const char* aPath) {
     CHello hello;
     CCmInetAddr addr("127.0.0.1", 0);
@@ -284,7 +319,7 @@ CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages, const char* aPath
         EXPECT_EQ(CM_OK, hello.m_pAcceptor->StartListen(&hello, addr));
         EXPECT_EQ(CM_OK, hello.m_pAcceptor->GetListenAddr(addr));
     });
-    const CCost cost = TripsCost(aNetwork, addr, "GET / HTTP/1.1\r\nHost: localhost\r\nAccept: */*\r\n\r\n", aMessages);
+    const CCost cost = MessagesCost(aNetwork, addr, "GET / HTTP/1.1\r\nHost: localhost\r\nAccept: */*\r\n\r\n", aMessages);
     RunIn(aNetwork.NetworkLink(), [&] { hello.m_pAcceptor.Reset(); });
     return cost;
 }

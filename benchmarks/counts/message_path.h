@@ -21,13 +21,22 @@ struct CCost {
 // thread, or in the main thread behind a proxy. The plain socket's own system calls are not counted.
 CCost EchoCost(const CTestNetwork& aNetwork, BOOL aInNetwork, size_t aMessages, DWORD aSize);
 
-// The same with a coroutine at the library's end, in the network thread.
+// The same in the network thread with a new connection for each message, which the plain socket closes. The number of waits
+// depends on its pace.
+CCost EchoOnceCost(const CTestNetwork& aNetwork, size_t aConnections, DWORD aSize);
+
+// As EchoCost with a coroutine at the library's end, in the network thread.
 CCost CoroutineEchoCost(const CTestNetwork& aNetwork, size_t aMessages, DWORD aSize);
 
-// The same with the library at both ends of a connection of type aType, each in the network thread; of TLS with contexts.
+// As EchoCost with the library at both ends of a connection of type aType, each in the network thread; of TLS with contexts.
 // OpenSSL's copies are counted, too.
 CCost PairEchoCost(const CTestNetwork& aNetwork, DWORD aType, size_t aMessages, DWORD aSize,
                    CCmRefPtrT<CCmSslContext> aServer = {}, CCmRefPtrT<CCmSslContext> aClient = {});
+
+// aConnections of a server of TLS in the network thread with aClient, which shakes hands, ends the connection and returns a
+// size. The client's own calls are counted.
+CCost TlsOnceCost(const CTestNetwork& aNetwork, CCmRefPtrT<CCmSslContext> aServer, size_t aConnections,
+                  const std::function<size_t(const CCmInetAddr&)>& aClient);
 
 // An HTTP/1.1 request from a plain socket and its answer, aMessages times on one connection, one at a time. The server is in
 // the network thread; with a path, on a Unix socket. Copies are counted for each byte of the answer.

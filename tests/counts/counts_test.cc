@@ -1,10 +1,15 @@
 // The cost of a message in counts, which do not depend on the load of the machine. docs/performance.md shows them.
 
+#include <linux/tcp.h>
+#include <poll.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+#include <limits>
 
 #include "benchmarks/counts/message_path.h"
 #include "tests/support/test.h"
-#include "tests/support/tls_certificates.h"
+#include "tests/support/tls_peer.h"
 
 namespace {
 
@@ -39,7 +44,42 @@ void Compare(const CBound& aBound, const CCost& aCost, double aRoom = ROOM) {
     EXPECT_LE(aCost.m_dLocks, aBound.m_dLocks + aRoom) << aBound.m_pName;
 }
 
+// Shakes hands, and sends close_notify with the last bytes of that. Its two sends are counted.
+size_t ShakeHandsOnce(const CCmInetAddr& aAddr) {
+    CTlsPeer client(ConnectPlain(aAddr), FALSE, TLS1_3_VERSION);
+    const int fd = client.Socket().Get();
+    const auto await = [&](short aEvents) {
+        pollfd ready{fd, aEvents, 0};
+        EXPECT_EQ(1, poll(&ready, 1, 10000));
+        client.Receive();
+    };
+    await(POLLOUT);
+    client.Send();
+    while (!SSL_is_init_finished(client.Get()) && !testing::Test::HasFailure())
+        await(POLLIN);
+    SSL_shutdown(client.Get());
+    client.Send();
+    while (!client.HasEnd() && !testing::Test::HasFailure())
+        await(POLLIN);
+    tcp_info info{};
+    socklen_t length = sizeof info;
+    EXPECT_EQ(0, syscall(SYS_getsockopt, fd, IPPROTO_TCP, TCP_INFO, &info, &length));
+    EXPECT_EQ(2u, info.tcpi_data_segs_in) << "the tickets and the end share one";
+    return 1;
+}
+
 }  // namespace
+
+TEST(CountsTest, Connection) {
+    // Accept, watch, receive, send, and at the end two questions: is there more to read, and how much has the peer not got.
+    const CTestNetwork network;
+    constexpr double ANY = std::numeric_limits<double>::infinity();
+    Compare({"raw, connect, echo 64 B, close", 6, ANY, 2, 1, 3}, EchoOnceCost(network, 500, 64));
+    // Accept, watch, and a receive and a send for each flight of the client's. The watch passes to the transport. Its end and
+    // that of the socket are a call each. OpenSSL copies, too.
+    const auto pServer = CTestCertificates::Get().MakeServer();
+    Compare({"TLS, connect, close", 11, ANY, 9, ANY, 7}, TlsOnceCost(network, pServer, 200, ShakeHandsOnce));
+}
 
 TEST(CountsTest, Echo) {
     const CTestNetwork network;

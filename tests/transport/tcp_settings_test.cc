@@ -1,3 +1,5 @@
+#include <netinet/tcp.h>
+
 #include "talvo/base/config.h"
 #include "talvo/transport/base_types.h"
 #include "tests/support/network_fixture.h"
@@ -25,6 +27,11 @@ std::vector<Sizes> Connect(
     aSetOptions(pConnector.Get());
     pConnector->AsycConnect(&connected, addr);
     aNetwork.RunUntil([&] { return accepted.Count() == 1 && connected.Count() == 1; });
+    int nUndelayed = 0;
+    socklen_t length = sizeof nUndelayed;
+    const HANDLE fd = Get<HANDLE>(*accepted.m_Transports[0], CM_OPT_TRANSPORT_FD);
+    const int nRv = getsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &nUndelayed, &length);
+    EXPECT_TRUE(nRv != 0 || nUndelayed == 1) << "the listener's; a path has none";
     const CTestSink sinks[2] = {CTestSink(*accepted.m_Transports[0]), CTestSink(*connected.m_Transports[0])};
     return {SizesOf(*accepted.m_Transports[0]), SizesOf(*connected.m_Transports[0])};
 }
