@@ -1,6 +1,8 @@
 // The interfaces of one thread's timers.
 #pragma once
 
+#include <atomic>
+
 #include "talvo/base/export.h"
 #include "talvo/base/result.h"
 #include "talvo/base/time_value.h"
@@ -9,9 +11,20 @@
 // schedule others, and be deleted inside: the queue does not touch it afterwards. It must not throw.
 class TALVO_API ICmTimerHandler {
 public:
+    ICmTimerHandler() = default;
+    // A copy has no timer, whether or not the original has one.
+    ICmTimerHandler(const ICmTimerHandler&) {}
+    ICmTimerHandler& operator=(const ICmTimerHandler&) { return *this; }
+
     // aCurTime is the start of the pass on the clock of CCmTimeValue::GetTimeOfDay. aArg is the one of ScheduleTimer.
     virtual void OnTimeout(const CCmTimeValue& aCurTime, void* aArg) = 0;
     virtual ~ICmTimerHandler();
+
+private:
+    friend class CCmTimerQueueOrderedList;
+    // The number of the first ordered queue that took the handler, and the slot there, so that the queue finds the timer
+    // without a search. 0: none has taken it. Atomic, because queues of several threads may take a handler.
+    std::atomic<uint64_t> m_ullSlot{0};
 };
 
 // A handler that deletes an object, see CCmTimerDeleteT. Its timer needs no memory: otherwise the object would have to be

@@ -38,6 +38,7 @@ CmResult CCmTimerQueueBase::ScheduleTimer(ICmTimerHandler* aEh, void* aArg, cons
     if (!m_Mutex.IsCurrentThread())
         return CM_ERROR_FAILURE;
 
+    __builtin_prefetch(aEh, 1);  // while the clock is read
     int64_t llEarliest = 0;
     const BOOL bWasEmpty = m_pObserver && GetEarliestTime_l(llEarliest) == -1;
     CNode node;
@@ -83,6 +84,7 @@ int CCmTimerQueueBase::PushNextPassNode_l(const CNode& aNode) {
 }
 
 void CCmTimerQueueBase::AdmitNextPassNodes_l(int64_t) {}
+void CCmTimerQueueBase::DropNodes_l() {}
 
 CmResult CCmTimerQueueBase::CancelTimer(ICmTimerHandler* aEh) {
     if (!aEh)
@@ -181,6 +183,7 @@ BOOL CCmTimerQueueBase::Advance(CNode& aNode, int64_t aNow) {
 void CCmTimerQueueBase::RunPendingDeletions() {
     CNode node;
     AdmitNextPass_i(m_llPassNow);
+    DropNodes_l();
     do {
         RunDeletionsWithoutNode_i(CCmTimeValue::s_tvZero);
         while (PopFirstNode_l(node) == 0) {

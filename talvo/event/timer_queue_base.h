@@ -60,7 +60,7 @@ protected:
     // Removes the node that expires first. aNode (out). 0, or -1 if the queue is empty.
     virtual int PopFirstNode_l(CNode& aNode) = 0;
     // aExpires (out): the first expiry in microseconds. 0, or -1 if the queue is empty.
-    virtual int GetEarliestTime_l(int64_t& aExpires) const = 0;
+    virtual int GetEarliestTime_l(int64_t& aExpires) = 0;
     // Removes the node that expires first, if it is due at aNow, and inserts it again at its next expiry, if it has one. A
     // concrete queue may do this in one step instead of a pop and a push. aNode (out). FALSE: none is due.
     virtual CmBool PopDueNode_l(int64_t aNow, CNode& aNode);
@@ -69,6 +69,9 @@ protected:
     virtual int PushNextPassNode_l(const CNode& aNode);
     // A pass begins or ends: from now on the nodes for the next pass are ordinary nodes, due at aNow.
     virtual void AdmitNextPassNodes_l(int64_t aNow);
+    // The queue's use ends, and no node waits for the next pass. May remove all nodes but the deletions, without access to
+    // their handlers. The default leaves them.
+    virtual void DropNodes_l();
 
     // Counts one firing at aNow and advances the expiry. FALSE: that was the last.
     static CmBool Advance(CNode& aNode, int64_t aNow);

@@ -238,7 +238,7 @@ BOOL CCmTimerQueueCalendar::PopDueNode_l(int64_t aNow, CNode& aNode) {
     return TRUE;
 }
 
-int CCmTimerQueueCalendar::GetEarliestTime_l(int64_t& aExpires) const {
+int CCmTimerQueueCalendar::GetEarliestTime_l(int64_t& aExpires) {
     const CEntry* pFirst = FindFirst_i();
     if (!pFirst)
         return -1;

@@ -47,7 +47,7 @@ protected:
     int EraseNode_l(ICmTimerHandler* aEh) override;
     int RePushNode_l(const CNode& aNode) override;
     int PopFirstNode_l(CNode& aNode) override;
-    int GetEarliestTime_l(int64_t& aExpires) const override;
+    int GetEarliestTime_l(int64_t& aExpires) override;
     CmBool PopDueNode_l(int64_t aNow, CNode& aNode) override;
 
     // FALSE: memory ran out in the constructor.

@@ -1,48 +1,67 @@
 #include "talvo/event/timer_queue_ordered_list.h"
 
 #include <algorithm>
+#include <atomic>
 #include <limits>
+#include <utility>
 
 #include "talvo/base/with_memory.h"
 
 namespace {
 
-constexpr DWORD EMPTY = 0xFFFFFFFF;
-constexpr size_t SMALLEST_TABLE = 16;
+constexpr DWORD NO_SLOT = 0xFFFFFFFF;
+constexpr DWORD SMALLEST = 8;
 constexpr int64_t NEVER = std::numeric_limits<int64_t>::max();
 
-// Fibonacci hashing: the high bits of the product mix all bits of the address, and distribute adjacent addresses evenly.
-DWORD HashOf(const ICmTimerHandler* aEh) {
-    return static_cast<DWORD>((reinterpret_cast<uintptr_t>(aEh) * 0x9E3779B97F4A7C15u) >> 32);
+// Never 0, which is the note of a handler without a queue.
+DWORD NextNumber() {
+    static std::atomic<DWORD> s_dwLast{0};
+    DWORD dwNumber = 0;
+    while (dwNumber == 0)
+        dwNumber = s_dwLast.fetch_add(1, std::memory_order_relaxed) + 1;
+    return dwNumber;
 }
 
+uint64_t NoteOf(DWORD aNumber, DWORD aSlot) { return uint64_t{aNumber} << 32 | aSlot; }
+
 }  // namespace
+
+CCmTimerQueueOrderedList::CCmTimerQueueOrderedList(ICmObserver* aObserver)
+    : CCmTimerQueueBase(aObserver), m_dwNumber(NextNumber()) {}
 
 CCmTimerQueueOrderedList::~CCmTimerQueueOrderedList() { RunPendingDeletions(); }
 
 int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
-    if (!HasRoom())
+    const DWORD dwFound = Find(aNode.m_pEh);
+    if (dwFound != NO_SLOT) {
+        Reschedule(dwFound, aNode);
+        return 1;
+    }
+    const DWORD dwSlot = Enter(aNode.m_pEh);
+    if (dwSlot == NO_SLOT)
         return NO_MEMORY;
-    const DWORD dwHash = HashOf(aNode.m_pEh);
-    CEntry& entry = m_Table[Find(dwHash, aNode.m_pEh)];
-    const DWORD dwOrder = NextOrder();
-    const bool bNew = entry.m_dwSlot == EMPTY;
-    if (bNew)
-        entry = {dwHash, Item(m_dwTaken).GetSlot()};
-    const DWORD dwSlot = entry.m_dwSlot;
-    m_Slots[dwSlot] = {aNode.m_pEh, aNode.m_pArg, aNode.m_llInterval, aNode.m_dwCount};
-    const CHeapItem item(aNode.m_llExpires, dwOrder, dwSlot);
-    if (bNew) {
+    const CHeapItem item(aNode.m_llExpires, NextOrder(), dwSlot);
+    Fill(item, aNode);
+    Append(item);
+    return 0;
+}
+
+void CCmTimerQueueOrderedList::Reschedule(DWORD aSlot, const CNode& aNode) {
+    const CHeapItem item(aNode.m_llExpires, NextOrder(), aSlot);
+    const CSlot& slot = m_Slots[aSlot];
+    const bool bLater = (slot.m_dwCount == 1) & (aNode.m_dwCount == 1) & (aNode.m_llExpires > slot.m_llTime);
+    Fill(item, aNode);
+    if (m_dwEnd != m_dwTaken && m_HeapIndexes[aSlot] >= m_dwEnd) {
+        Remove(m_HeapIndexes[aSlot]);  // this frees the slot for the item that is appended now
         Append(item);
-        return 0;
+    } else if (!bLater) {
+        Settle(m_HeapIndexes[aSlot], item);
     }
-    if (m_HeapIndexes[dwSlot] < m_dwEnd) {
-        Settle(m_HeapIndexes[dwSlot], item);
-    } else {
-        Remove(m_HeapIndexes[dwSlot]);  // this frees the slot for the item that is appended now
-        Append(item);
-    }
-    return 1;
+}
+
+void CCmTimerQueueOrderedList::Fill(const CHeapItem& aItem, const CNode& aNode) {
+    const int64_t llTime = aNode.m_dwCount == 1 ? aNode.m_llExpires : aNode.m_llInterval;
+    m_Slots[aItem.GetSlot()] = {aNode.m_pEh, aNode.m_pArg, llTime, aNode.m_dwCount, aItem.GetOrder()};
 }
 
 // Makes room behind the heap by moving the first of the timers for the next pass.
@@ -54,37 +73,56 @@ void CCmTimerQueueOrderedList::Append(CHeapItem aItem) {
 }
 
 int CCmTimerQueueOrderedList::PushNextPassNode_l(const CNode& aNode) {
-    if (!HasRoom())
+    DWORD dwSlot = Find(aNode.m_pEh);
+    const bool bNew = dwSlot == NO_SLOT;
+    if (bNew && (dwSlot = Enter(aNode.m_pEh)) == NO_SLOT)
         return NO_MEMORY;
-    const int nFound = EraseNode_l(aNode.m_pEh) == 0 ? 1 : 0;
-    const DWORD dwHash = HashOf(aNode.m_pEh);
-    const DWORD dwOrder = NextOrder();
-    const DWORD dwSlot = Item(m_dwTaken).GetSlot();
-    m_Table[Find(dwHash, aNode.m_pEh)] = {dwHash, dwSlot};
-    m_Slots[dwSlot] = {aNode.m_pEh, aNode.m_pArg, aNode.m_llInterval, aNode.m_dwCount};
+    if (!bNew)
+        Remove(m_HeapIndexes[dwSlot]);  // this frees the slot for the item that is placed now
+    const CHeapItem item(NEVER, NextOrder(), dwSlot);
+    Fill(item, aNode);
     m_llNextPassNow = aNode.m_llExpires;
-    Place(m_dwTaken++, {NEVER, dwOrder, dwSlot});
-    return nFound;
+    Place(m_dwTaken++, item);
+    return bNew ? 0 : 1;
 }
 
 void CCmTimerQueueOrderedList::AdmitNextPassNodes_l(int64_t aNow) {
     while (m_dwEnd != m_dwTaken) {
         CHeapItem item = Item(m_dwEnd);
         item.m_llExpires = aNow;
+        if (CSlot& slot = m_Slots[item.GetSlot()]; slot.m_dwCount == 1)
+            slot.m_llTime = aNow;
         SiftUp(m_dwEnd++, item);
     }
+}
+
+// The other handlers may be gone already, so their notes stay. They have the old number, which no queue uses any more.
+void CCmTimerQueueOrderedList::DropNodes_l() {
+    const DWORD dwOld = std::exchange(m_dwNumber, NextNumber());
+    const DWORD dwTaken = std::exchange(m_dwTaken, ROOT);
+    m_dwEnd = ROOT;
+    m_Others.clear();
+    for (DWORD dwIndex = ROOT; dwIndex < dwTaken; ++dwIndex) {
+        const CHeapItem item = Item(dwIndex);
+        const CSlot& slot = m_Slots[item.GetSlot()];
+        if (slot.m_pArg != GetDeletionArg())
+            continue;
+        std::swap(Item(dwIndex), Item(m_dwTaken));
+        Append(item);
+        if (slot.m_pEh->m_ullSlot.load(std::memory_order_relaxed) >> 32 == dwOld)
+            slot.m_pEh->m_ullSlot.store(NoteOf(m_dwNumber, item.GetSlot()), std::memory_order_relaxed);
+    }
+    for (DWORD dwIndex = m_dwTaken; dwIndex < dwTaken; ++dwIndex)
+        Item(dwIndex) = {NEVER, 0, Item(dwIndex).GetSlot()};
 }
 
 int CCmTimerQueueOrderedList::RePushNode_l(const CNode& aNode) { return PushNode_l(aNode); }
 
 int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
-    if (m_dwTaken == ROOT)
+    const DWORD dwSlot = Find(aEh);
+    if (dwSlot == NO_SLOT)
         return 1;
-    const DWORD dwPosition = Find(HashOf(aEh), aEh);
-    const DWORD dwSlot = m_Table[dwPosition].m_dwSlot;
-    if (dwSlot == EMPTY)
-        return 1;
-    RemoveFromTable(dwPosition);
+    Forget(aEh);
     Remove(m_HeapIndexes[dwSlot]);
     return 0;
 }
@@ -92,31 +130,55 @@ int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
 int CCmTimerQueueOrderedList::PopFirstNode_l(CNode& aNode) {
     if (m_dwEnd == ROOT)
         return -1;
+    SinkFirst();
     LoadFirst(aNode);
-    RemoveFirst();
+    Forget(aNode.m_pEh);
+    Remove(ROOT);
     return 0;
 }
 
 BOOL CCmTimerQueueOrderedList::PopDueNode_l(int64_t aNow, CNode& aNode) {
-    if (m_dwEnd == ROOT || Item(ROOT).m_llExpires > aNow)
+    if (m_dwEnd == ROOT)
+        return FALSE;
+    SinkFirst();
+    if (Item(ROOT).m_llExpires > aNow)
         return FALSE;
     LoadFirst(aNode);
     if (Advance(aNode, aNow)) {
-        const DWORD dwSlot = Item(ROOT).GetSlot();
-        m_Slots[dwSlot].m_dwCount = aNode.m_dwCount;
-        SiftDown(ROOT, {aNode.m_llExpires, NextOrder(), dwSlot});
+        const CHeapItem item(aNode.m_llExpires, NextOrder(), Item(ROOT).GetSlot());
+        Fill(item, aNode);
+        SiftDown(ROOT, item);
     } else {
-        RemoveFirst();
+        Remove(ROOT);
+        Forget(aNode.m_pEh);
     }
     __builtin_prefetch(&m_Slots[Item(ROOT).GetSlot()]);
     return TRUE;
 }
 
-int CCmTimerQueueOrderedList::GetEarliestTime_l(int64_t& aExpires) const {
+int CCmTimerQueueOrderedList::GetEarliestTime_l(int64_t& aExpires) {
     if (m_dwTaken == ROOT)
         return -1;
-    aExpires = m_dwEnd == m_dwTaken ? m_Heap[0].m_Items[ROOT].m_llExpires : m_llNextPassNow;
+    aExpires = m_llNextPassNow;
+    if (m_dwEnd != m_dwTaken)
+        return 0;
+    SinkFirst();
+    aExpires = Item(ROOT).m_llExpires;
     return 0;
+}
+
+// TRUE: the timer was scheduled again, for later than aItem.
+BOOL CCmTimerQueueOrderedList::IsLate(const CHeapItem& aItem) const {
+    const CSlot& slot = m_Slots[aItem.GetSlot()];
+    return slot.m_dwCount == 1 && slot.m_llTime != aItem.m_llExpires;
+}
+
+// From now on the first item has its right time.
+void CCmTimerQueueOrderedList::SinkFirst() {
+    while (IsLate(Item(ROOT))) {
+        const DWORD dwSlot = Item(ROOT).GetSlot();
+        SiftDown(ROOT, {m_Slots[dwSlot].m_llTime, m_Slots[dwSlot].m_dwOrder, dwSlot});
+    }
 }
 
 // The data of a firing is scattered. So the handler is prefetched while the heap is reordered, and the next timer's slot during
@@ -124,8 +186,8 @@ int CCmTimerQueueOrderedList::GetEarliestTime_l(int64_t& aExpires) const {
 void CCmTimerQueueOrderedList::LoadFirst(CNode& aNode) {
     const CHeapItem& item = Item(ROOT);
     const CSlot& slot = m_Slots[item.GetSlot()];
-    aNode = {slot.m_pEh, slot.m_pArg, slot.m_llInterval, item.m_llExpires, slot.m_dwCount};
-    __builtin_prefetch(slot.m_pEh);
+    aNode = {slot.m_pEh, slot.m_pArg, slot.m_dwCount == 1 ? 0 : slot.m_llTime, item.m_llExpires, slot.m_dwCount};
+    __builtin_prefetch(slot.m_pEh, 1);
 }
 
 // Without branches, because no processor could predict them.
@@ -134,7 +196,7 @@ bool CCmTimerQueueOrderedList::FiresBefore(const CHeapItem& a, const CHeapItem& 
 }
 
 DWORD CCmTimerQueueOrderedList::FirstOfFamily(DWORD aFamily) const {
-    const CHeapItem* pItems = m_Heap[aFamily].m_Items;
+    const CHeapItem* pItems = &m_Heap[aFamily * ARITY];
     const DWORD dwLeft = FiresBefore(pItems[1], pItems[0]);
     const DWORD dwRight = 2 + DWORD{FiresBefore(pItems[3], pItems[2])};
     return aFamily * ARITY + (FiresBefore(pItems[dwRight], pItems[dwLeft]) ? dwRight : dwLeft);
@@ -157,11 +219,16 @@ void CCmTimerQueueOrderedList::SiftUp(DWORD aIndex, CHeapItem aItem) {
     Place(aIndex, aItem);
 }
 
+// The families of all grandchildren are prefetched, because the way down depends on comparisons that no processor predicts.
 void CCmTimerQueueOrderedList::SiftDown(DWORD aIndex, CHeapItem aItem) {
     for (;;) {
         const DWORD dwFamily = aIndex - 2;  // of the children
         if (dwFamily * ARITY >= m_dwEnd)
             break;
+        if (const DWORD dwNext = (dwFamily * ARITY - 2) * ARITY; dwNext < m_dwEnd) {
+            for (DWORD i = 0; i < ARITY; ++i)
+                __builtin_prefetch(&m_Heap[dwNext + i * ARITY], 1);
+        }
         const DWORD dwBest = FirstOfFamily(dwFamily);
         if (!FiresBefore(Item(dwBest), aItem))
             break;
@@ -186,9 +253,14 @@ DWORD CCmTimerQueueOrderedList::NextOrder() {
 
 // Restarts the order numbers above those of the pending timers, whose order does not change. A sorted array is a heap.
 void CCmTimerQueueOrderedList::Renumber() {
+    for (DWORD dwIndex = ROOT; dwIndex < m_dwEnd; ++dwIndex) {
+        const DWORD dwSlot = Item(dwIndex).GetSlot();
+        if (IsLate(Item(dwIndex)))
+            Item(dwIndex) = {m_Slots[dwSlot].m_llTime, m_Slots[dwSlot].m_dwOrder, dwSlot};
+    }
     std::sort(&Item(ROOT), &Item(ROOT) + (m_dwTaken - ROOT),
               FiresBefore);  // those for the next pass stay behind, because they expire at NEVER
-    m_dwNextOrder = EMPTY;
+    m_dwNextOrder = 0xFFFFFFFF;
     for (DWORD dwIndex = m_dwTaken; dwIndex-- > ROOT;)
         Place(dwIndex, {Item(dwIndex).m_llExpires, --m_dwNextOrder, Item(dwIndex).GetSlot()});
 }
@@ -211,62 +283,62 @@ void CCmTimerQueueOrderedList::FreePlace(DWORD aIndex, DWORD aSlot) {
     Item(m_dwTaken) = {NEVER, 0, aSlot};
 }
 
-void CCmTimerQueueOrderedList::RemoveFirst() {
-    const DWORD dwMask = static_cast<DWORD>(m_Table.size() - 1);
-    const DWORD dwSlot = Item(ROOT).GetSlot();
-    DWORD dwPosition = Home(HashOf(m_Slots[dwSlot].m_pEh));
-    __builtin_prefetch(&m_Table[dwPosition]);
-    const CHeapItem last = Item(--m_dwEnd);
-    FreePlace(m_dwEnd, dwSlot);
-    if (m_dwEnd != ROOT)
-        SiftDown(ROOT, last);
-    while (m_Table[dwPosition].m_dwSlot != dwSlot)
-        dwPosition = (dwPosition + 1) & dwMask;
-    RemoveFromTable(dwPosition);
+// NO_SLOT: the handler has no timer here.
+DWORD CCmTimerQueueOrderedList::Find(const ICmTimerHandler* aEh) const {
+    const uint64_t ullNote = aEh->m_ullSlot.load(std::memory_order_relaxed);
+    if (ullNote >> 32 == m_dwNumber)
+        return static_cast<DWORD>(ullNote);
+    if (m_Others.empty())
+        return NO_SLOT;
+    const auto itOther = m_Others.find(aEh);
+    return itOther == m_Others.end() ? NO_SLOT : itOther->second;
 }
 
-// The position of the handler in the table, or the empty position where it would go.
-[[gnu::always_inline]] inline DWORD CCmTimerQueueOrderedList::Find(DWORD aHash, const ICmTimerHandler* aEh) const {
-    const DWORD dwMask = static_cast<DWORD>(m_Table.size() - 1);
-    for (DWORD dwPosition = Home(aHash);; dwPosition = (dwPosition + 1) & dwMask) {
-        const CEntry& entry = m_Table[dwPosition];
-        if (entry.m_dwSlot == EMPTY || (entry.m_dwHash == aHash && m_Slots[entry.m_dwSlot].m_pEh == aEh))
-            return dwPosition;
-    }
+// The slot of the timer to be added, noted for its handler. NO_SLOT: there is no memory.
+DWORD CCmTimerQueueOrderedList::Enter(ICmTimerHandler* aEh) {
+    if (!HasRoom())
+        return NO_SLOT;
+    const DWORD dwSlot = Item(m_dwTaken).GetSlot();
+    if (const DWORD dwNext = m_dwTaken + 2; dwNext < m_dwReady)  // of the timer after the next
+        __builtin_prefetch(&m_Slots[Item(dwNext).GetSlot()], 1);
+    return NoteSlot(aEh, dwSlot) ? dwSlot : NO_SLOT;
 }
 
-// Closes the gap with later entries of the same run that may move up, so that a probe never meets a hole.
-void CCmTimerQueueOrderedList::RemoveFromTable(DWORD aPosition) {
-    const DWORD dwMask = static_cast<DWORD>(m_Table.size() - 1);
-    DWORD dwGap = aPosition;
-    for (DWORD dwNext = (dwGap + 1) & dwMask; m_Table[dwNext].m_dwSlot != EMPTY; dwNext = (dwNext + 1) & dwMask) {
-        if (((dwNext - Home(m_Table[dwNext].m_dwHash)) & dwMask) < ((dwNext - dwGap) & dwMask))
-            continue;
-        m_Table[dwGap] = m_Table[dwNext];
-        dwGap = dwNext;
-    }
-    m_Table[dwGap].m_dwSlot = EMPTY;
+// A handler stays with the first queue that takes it. Queues of several threads may try to be the first.
+BOOL CCmTimerQueueOrderedList::NoteSlot(ICmTimerHandler* aEh, DWORD aSlot) {
+    const uint64_t ullNote = NoteOf(m_dwNumber, aSlot);
+    uint64_t ullOld = aEh->m_ullSlot.load(std::memory_order_relaxed);
+    if (ullOld == 0 && aEh->m_ullSlot.compare_exchange_strong(ullOld, ullNote, std::memory_order_relaxed))
+        return TRUE;
+    if (ullOld >> 32 != m_dwNumber)
+        return talvo::WithMemory([&] { m_Others[aEh] = aSlot; });
+    aEh->m_ullSlot.store(ullNote, std::memory_order_relaxed);
+    return TRUE;
 }
 
+void CCmTimerQueueOrderedList::Forget(ICmTimerHandler* aEh) {
+    if (aEh->m_ullSlot.load(std::memory_order_relaxed) >> 32 == m_dwNumber)
+        aEh->m_ullSlot.store(NoteOf(m_dwNumber, NO_SLOT), std::memory_order_relaxed);
+    else
+        m_Others.erase(aEh);
+}
+
+// Places become ready by families, because a family is compared as a whole.
 BOOL CCmTimerQueueOrderedList::HasRoom() {
-    return (m_dwTaken - ROOT) * size_t{2} < m_Table.size() || talvo::WithMemory([this] { Grow(); });
+    if (m_dwTaken < m_dwReady)
+        return TRUE;
+    if (m_dwReady >= m_dwPlaces && !Grow())
+        return FALSE;
+    do {
+        Item(m_dwReady) = {NEVER, 0, m_dwReady - ROOT};
+    } while (++m_dwReady % ARITY != 0);
+    return TRUE;
 }
 
-// If memory runs out half-way, the parts that have grown are larger than necessary, without harm: m_Table alone sets the
-// capacity.
-void CCmTimerQueueOrderedList::Grow() {
-    const size_t nTable = std::max(m_Table.size() * 2, SMALLEST_TABLE);
-    const DWORD dwTimers = m_dwTaken - ROOT;
-    const DWORD dwCapacity = static_cast<DWORD>(nTable / 2);
-    std::vector<CEntry> table(nTable, {0, EMPTY});
-    m_Slots.resize(dwCapacity);
-    m_HeapIndexes.resize(dwCapacity);
-    m_Heap.resize((ROOT + dwCapacity + ARITY - 1) / ARITY);
-    m_Table.swap(table);
-    for (DWORD dwIndex = m_dwTaken; dwIndex < m_Heap.size() * ARITY; ++dwIndex)
-        Item(dwIndex) = {NEVER, 0, dwIndex - ROOT};
-    for (DWORD dwSlot = 0; dwSlot < dwTimers; ++dwSlot) {
-        const DWORD dwHash = HashOf(m_Slots[dwSlot].m_pEh);
-        m_Table[Find(dwHash, m_Slots[dwSlot].m_pEh)] = {dwHash, dwSlot};
-    }
+BOOL CCmTimerQueueOrderedList::Grow() {
+    const DWORD dwPlaces = std::max(m_dwPlaces * 2, SMALLEST);
+    if (!m_Slots.Grow(dwPlaces) || !m_HeapIndexes.Grow(dwPlaces) || !m_Heap.Grow(dwPlaces))
+        return FALSE;
+    m_dwPlaces = dwPlaces;
+    return TRUE;
 }

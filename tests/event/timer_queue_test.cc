@@ -67,8 +67,15 @@ private:
 class CTimerWalk {
 public:
     explicit CTimerWalk(unsigned aSeed) : m_Random(aSeed) {
-        for (size_t i = 0; i < 40; ++i)
+        for (size_t i = 0; i < 40; ++i) {
             m_Timers.push_back(std::make_unique<CTestTimer>([this, i] { OnFired(i); }));
+            if (i % 2 == 0)
+                m_Elsewhere.ScheduleTimer(m_Timers[i].get(), nullptr, CCmTimeValue(1000000), 1);
+        }
+    }
+    ~CTimerWalk() {
+        for (size_t i = 0; i < 40; ++i)
+            EXPECT_EQ(i % 2 == 0 ? CM_OK : CM_ERROR_NOT_FOUND, m_Elsewhere.CancelTimer(m_Timers[i].get()));
     }
 
     void Step() {
@@ -110,6 +117,7 @@ private:
     std::mt19937 m_Random;
     CCmFakeClock m_Clock;
     CCmTimerQueueOrderedList m_Queue;
+    CCmTimerQueueOrderedList m_Elsewhere;  // has timers of every other handler, too
     CNaiveTimers m_Naive;
     std::vector<std::unique_ptr<CTestTimer>> m_Timers;
     int64_t m_llNow = 0;
@@ -142,4 +150,32 @@ TEST(TimerQueueTest, AFarYearIsNeitherAnEmptyQueueNorAnOverflow) {
     queue.ScheduleTimer(&timer, nullptr, Msec(5), 1);
     EXPECT_TRUE(queue.GetEarliestUsec(llEarliest));
     EXPECT_EQ(5000, llEarliest - CCmClock::GetTimeOfDayUsec());
+}
+
+// A handler that is destroyed too early must not be written to when its queue ends.
+TEST(TimerQueueTest, TheEndRunsDeletionsAndTouchesNoOtherHandler) {
+    struct CDeletion : CCmTimerDelete {
+        void OnTimeout(const CCmTimeValue&, void*) override { m_Run(); }
+        std::function<void()> m_Run;
+    } deletion;
+    alignas(CTestTimer) std::array<char, sizeof(CTestTimer)> memory{};
+    std::array<char, sizeof(CTestTimer)> before{};
+    CTestTimer other;
+    int nDeleted = 0;
+    {
+        CCmTimerQueueOrderedList queue;
+        deletion.m_Run = [&] {
+            ++nDeleted;
+            EXPECT_EQ(CM_OK, queue.ScheduleTimer(&other, nullptr, Msec(1), 1));
+            EXPECT_EQ(CM_ERROR_FOUND, queue.ScheduleTimer(&other, nullptr, Msec(2), 1));
+        };
+        auto* pTooShort = new (memory.data()) CTestTimer;
+        queue.ScheduleTimer(pTooShort, nullptr, Msec(0), 1);
+        queue.ScheduleTimer(&deletion, CCmTimerQueueBase::GetDeletionArg(), Msec(0), 1);
+        pTooShort->~CTestTimer();
+        before = memory;
+    }
+    EXPECT_EQ(1, nDeleted);
+    EXPECT_EQ(0, other.m_nFired);
+    EXPECT_EQ(before, memory);
 }
