@@ -1,5 +1,6 @@
 #include "talvo/event/event_batch.h"
 
+#include "talvo/event/event_memory.h"
 #include "talvo/event/thread_link.h"
 
 namespace talvo {
@@ -13,6 +14,7 @@ namespace {
 CEventBatch::CEventBatch() : m_pOuter(t_pCurrent) { t_pCurrent = this; }
 
 CEventBatch::~CEventBatch() {
+    flush_event_memory();
     t_pCurrent = m_pOuter;
     if (m_pToWake)
         m_pToWake->WakeUp();

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "talvo/base/memory_reuse.h"
+#include "talvo/event/event_batch.h"
 
 namespace talvo {
 
@@ -66,6 +67,14 @@ struct COpenSlab {
 // Every allocation reads it, and this model of thread-local storage makes that cheap. It suits only a few bytes.
 [[gnu::tls_model("initial-exec")]] constinit thread_local COpenSlab t_Open{nullptr, SLAB_SIZE, 0, false};
 
+// Blocks of one slab that the calling thread's batch of events has given back, and that the slab still counts.
+struct CGiven {
+    CSlab* m_pSlab;  // null: none
+    int m_nBlocks;
+};
+
+[[gnu::tls_model("initial-exec")]] constinit thread_local CGiven t_Given{nullptr, 0};
+
 void Close(bool aEnded) {
     const COpenSlab open = std::exchange(t_Open, {nullptr, SLAB_SIZE, 0, aEnded});
     if (open.m_pSlab)
@@ -112,8 +121,21 @@ void* take_event_memory(size_t aSize) noexcept {
 void give_event_memory(void* aMemory) noexcept {
     if (!REUSES_MEMORY)
         return ::operator delete(aMemory);
-    if (aMemory)
-        GiveBack(reinterpret_cast<CSlab*>(reinterpret_cast<uintptr_t>(aMemory) & ~(SLAB_ALIGNMENT - 1)), 1);
+    if (!aMemory)
+        return;
+    auto* pSlab = reinterpret_cast<CSlab*>(reinterpret_cast<uintptr_t>(aMemory) & ~(SLAB_ALIGNMENT - 1));
+    if (!CEventBatch::Current())
+        return GiveBack(pSlab, 1);
+    if (t_Given.m_pSlab != pSlab)
+        flush_event_memory();
+    t_Given.m_pSlab = pSlab;
+    ++t_Given.m_nBlocks;
+}
+
+void flush_event_memory() noexcept {
+    const CGiven given = std::exchange(t_Given, {nullptr, 0});
+    if (given.m_pSlab)
+        GiveBack(given.m_pSlab, given.m_nBlocks);
 }
 
 }  // namespace talvo

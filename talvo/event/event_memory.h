@@ -13,7 +13,10 @@ namespace talvo {
 // A block that is kept for long keeps its whole slab. Null: out of memory.
 void* take_event_memory(size_t aSize) noexcept;
 
-// Frees a block. Any thread; null does nothing.
+// Frees a block. Any thread; null does nothing. Inside a batch of events the blocks of one slab are counted together.
 void give_event_memory(void* aMemory) noexcept;
+
+// Ends the counting of the calling thread's batch.
+void flush_event_memory() noexcept;
 
 }  // namespace talvo

@@ -110,8 +110,10 @@ CmResult CCmEventQueueBase::PopOnePendingEvent(ICmEvent*& aEvent, unsigned long*
 
 CmResult CCmEventQueueBase::ProcessEvents(EventsType& aEvents) {
     const talvo::CEventBatch batch;
-    while (ICmEvent* pEvent = aEvents.TakeFirst())
+    while (ICmEvent* pEvent = aEvents.TakeFirst()) {
+        aEvents.Prefetch();
         ProcessOneEvent(pEvent);
+    }
     return CM_OK;
 }
 

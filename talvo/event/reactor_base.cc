@@ -169,20 +169,20 @@ CmResult CCmReactorBase::Dispatch_i(const CBinding& aBinding, long aReady) {
     return CM_ERROR_FAILURE;
 }
 
+// With more than a batch collected the wake-up stays under way, and while any are collected the posters' memory is not touched.
 CmResult CCmReactorBase::ProcessEventQueue_i() {
-    // With more than a batch collected the wake-up stays under way, and the posters' memory is not touched.
     if (!m_EventQueue.HasMoreThan(MAX_EVENTS_A_REPORT))
         m_bWakeUpUnderWay = FALSE;
     CCmEventQueueBase::EventsType events;
-    unsigned long ulRemain = 0;
-    const CmResult rv = m_EventQueue.PopPendingEventsWithLock(events, MAX_EVENTS_A_REPORT, &ulRemain);
+    const CmResult rv = m_EventQueue.PopPendingEventsWithLock(events, MAX_EVENTS_A_REPORT, nullptr);
     if (rv != CM_OK)
         return rv;
-    if (ulRemain > 0 && !m_bWakeUpUnderWay)
+    const BOOL bRemain = m_EventQueue.HasMoreThan(0) || m_EventQueue.GetPendingEventsCount() > 0;
+    if (bRemain && !m_bWakeUpUnderWay)
         m_bWakeUpUnderWay = TRUE;
     m_Counters.m_ullEvents += events.size();
     m_EventQueue.ProcessEvents(events);
-    if (ulRemain > 0)  // later posts have notified the loop themselves
+    if (bRemain)  // later posts have notified the loop themselves
         NotifyHandler(nullptr, ACmEventHandler::EVENTQUEUE_MASK);
     return rv;
 }

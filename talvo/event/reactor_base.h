@@ -83,8 +83,11 @@ protected:
     CCmEventQueueUsingMutex m_EventQueue;
     CCmEventHandlerRepository m_Handlers;
     std::unique_ptr<CCmTimerQueueBase> m_pTimerQueue;  // exists from Open to Close
-    std::atomic<CmBool> m_bWakeUpUnderWay{CM_FALSE};   // the loop was notified of events and has not run them yet
-    CCmReactorCounters m_Counters;
+
+    static constexpr size_t CACHE_LINE = 64;  // every post reads the flag, and the loop writes the data around it
+    // The loop was notified of events and has not run them yet.
+    alignas(CACHE_LINE) std::atomic<CmBool> m_bWakeUpUnderWay{CM_FALSE};
+    alignas(CACHE_LINE) CCmReactorCounters m_Counters;
 
 private:
     CmResult RemoveHandleWithoutFinding_i(CmHandle aFd, CElement& aElement, long aMask);
