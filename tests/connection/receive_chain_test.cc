@@ -9,6 +9,7 @@ TEST(ReceiveChainTest, BehavesLikeAString) {
     const auto below = [&](size_t aLimit) { return static_cast<DWORD>(random() % aLimit); };
     CReceiveChain chain;
     std::string strModel;
+    std::string strLent;
     std::vector<std::pair<CCmMessageBlock*, std::string>> kept;  // payloads that somebody holds on to
     for (int i = 0; i < 20000; ++i) {
         const size_t stCount = below(strModel.size() + 1);
@@ -18,8 +19,15 @@ TEST(ReceiveChainTest, BehavesLikeAString) {
         case 1: {
             std::string strPiece = Pattern(below(8) ? 1 + below(3) : 1 + below(3000), random());
             strModel += strPiece;
-            ASSERT_EQ(CM_OK, chain.Append(ViewOf(strPiece), below(2) * below(5000)));
-            strPiece.assign(strPiece.size(), '#');
+            if (below(2) == 0) {
+                ASSERT_EQ(CM_OK, chain.Append(ViewOf(strPiece), below(2) * below(5000)));
+                strPiece.assign(strPiece.size(), '#');
+                break;
+            }
+            ASSERT_EQ(CM_OK, chain.Keep(below(2) * below(5000)));
+            strLent.assign(strLent.size(), '#');
+            strLent = strPiece;
+            ASSERT_EQ(CM_OK, chain.Borrow(ViewOf(strLent)));
             break;
         }
         case 2: {

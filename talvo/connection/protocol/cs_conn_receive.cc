@@ -33,14 +33,15 @@ void CCsConn::OnReceive(CCmMessageBlock& aData, ICmTransport* aTrpt, CCmTranspor
     if (!IsMine_i(aTrpt))
         return;
     m_Liveness.OnReceived();
-    if (m_Reader.Append(aData) != CM_OK) {
-        Finish_i(CM_ERROR_OUT_OF_MEMORY);
-        return;
+    CmResult rv = m_Reader.Borrow(aData);
+    while (rv == CM_OK && m_Reader.IsReady() && TakePdu_i(aPara)) {
     }
-    while (m_Reader.IsReady() && TakePdu_i(aPara)) {
-    }
-    if (m_bDatagrams)
+    if (rv == CM_OK && m_bDatagrams)
         DropDatagramRest_i();
+    else if (rv == CM_OK)
+        rv = m_Reader.Keep();
+    if (rv != CM_OK)
+        Finish_i(rv);
 }
 
 // One PDU is one datagram: excess or missing bytes are never joined to the next.

@@ -129,14 +129,14 @@ void CLenPkgConn::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportP
     m_Est.EnsureSingleThread();
     if (!m_pTransport)
         return;
+    CmResult rv = m_Receive.Borrow(aData);
+    while (rv == CM_OK && m_Receive.GetLength() >= m_dwNeeded && (m_dwMessageLen > 0 ? TakeMessage_i(aPara) : ReadLength_i())) {
+    }
     // The current length was accepted; bytes beyond it come from one read only.
-    const DWORD dwHave = m_Receive.GetLength();
-    if (m_Receive.Append(aData, m_dwNeeded - std::min(m_dwNeeded, dwHave)) != CM_OK) {
+    if (rv == CM_OK)
+        rv = m_Receive.Keep(m_dwNeeded);
+    if (rv != CM_OK)
         OnDisconnect(CM_ERROR_OUT_OF_MEMORY, m_pTransport.Get());
-        return;
-    }
-    while (m_Receive.GetLength() >= m_dwNeeded && (m_dwMessageLen > 0 ? TakeMessage_i(aPara) : ReadLength_i())) {
-    }
 }
 
 // FALSE: the connection has ended.
@@ -157,8 +157,8 @@ BOOL CLenPkgConn::ReadLength_i() {
         OnDisconnect(CM_ERROR_NOT_AVAILABLE, m_pTransport.Get());
         return FALSE;
     }
-    m_dwMessageLen = dwLength;
-    m_dwNeeded = HEADER_LEN + dwLength;
+    m_Receive.Skip(HEADER_LEN);
+    m_dwMessageLen = m_dwNeeded = dwLength;
     return TRUE;
 }
 
@@ -166,7 +166,6 @@ BOOL CLenPkgConn::ReadLength_i() {
 BOOL CLenPkgConn::TakeMessage_i(CCmTransportParameter* aPara) {
     const DWORD dwLength = m_dwMessageLen;
     Reset4Recv();
-    m_Receive.Skip(HEADER_LEN);
     ICmTransportSink* pSink = m_pSink;
     if (m_wStatus == CS_STATUS_NOT_CONNECTED || !pSink) {
         m_Receive.Skip(dwLength);

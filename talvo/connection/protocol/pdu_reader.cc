@@ -1,13 +1,8 @@
 #include "talvo/connection/protocol/pdu_reader.h"
 
-#include <algorithm>
 #include <limits>
 
 namespace talvo {
-
-CmResult CPduReader::Append(const CCmMessageBlock& aData) {
-    return m_Received.Append(aData, m_dwLength - std::min(m_dwLength, m_Received.GetLength()));
-}
 
 BOOL CPduReader::ReadType(BOOL aNeedACK) {
     m_Received.Peek(&m_byType, sizeof m_byType);

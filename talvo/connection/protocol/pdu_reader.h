@@ -11,8 +11,10 @@ namespace talvo {
 // Checks only the type. One thread.
 class TALVO_API CPduReader {
 public:
-    // Adds received bytes. CM_ERROR_OUT_OF_MEMORY: some are lost, the stream cannot continue.
-    CmResult Append(const CCmMessageBlock& aData);
+    // Adds received bytes, which must stay valid until Keep or Clear. CM_ERROR_OUT_OF_MEMORY: some are lost, the stream cannot
+    // continue; also the result of Keep, which stores those of an incomplete PDU.
+    CmResult Borrow(const CCmMessageBlock& aData) { return m_Received.Borrow(aData); }
+    CmResult Keep() { return m_Received.Keep(m_dwLength); }
 
     // There are enough bytes for the next step: the type, the header or the whole PDU.
     CmBool IsReady() const { return m_Received.GetLength() >= m_dwLength; }

@@ -15,20 +15,44 @@ constexpr DWORD MAX_BLOCK = CCmDataBlock::BURST_SIZE;
 }  // namespace
 
 CmResult CReceiveChain::Append(const CCmMessageBlock& aData, DWORD aMissing) {
-    for (const CCmMessageBlock* pMb = &aData; pMb; pMb = pMb->GetNext()) {
-        const char* pFrom = pMb->GetTopLevelReadPtr();
-        DWORD dwLeft = pMb->GetTopLevelLength();
-        while (dwLeft > 0) {
-            const DWORD dwWish = std::clamp(aMissing, MIN_BLOCK, MAX_BLOCK);
-            if ((m_Chain.IsEmpty() || m_Chain.GetTail()->GetTopLevelSpace() == 0) && !AddBlock_i(std::max(dwLeft, dwWish)))
-                return CM_ERROR_OUT_OF_MEMORY;
-            DWORD dwDone = 0;
-            m_Chain.GetTail()->Write(pFrom, dwLeft, &dwDone);
-            pFrom += dwDone;
-            dwLeft -= dwDone;
-            m_dwLength += dwDone;
-            aMissing -= std::min(aMissing, dwDone);
-        }
+    CmResult rv = Keep(m_dwOwn + aMissing);
+    for (const CCmMessageBlock* pMb = &aData; pMb && rv == CM_OK; pMb = pMb->GetNext())
+        rv = Copy_i(pMb->GetTopLevelReadPtr(), pMb->GetTopLevelLength(), aMissing);
+    return rv;
+}
+
+CmResult CReceiveChain::Borrow(const CCmMessageBlock& aData) {
+    if (m_dwBorrowed > 0 || aData.GetNext())
+        return Append(aData, 0);
+    m_pBorrowed = aData.GetTopLevelReadPtr();
+    m_dwBorrowed = aData.GetTopLevelLength();
+    return CM_OK;
+}
+
+CmResult CReceiveChain::Keep(DWORD aNeeded) {
+    DWORD dwMissing = aNeeded - std::min(aNeeded, m_dwOwn);
+    return Copy_i(m_pBorrowed, std::exchange(m_dwBorrowed, 0), dwMissing);
+}
+
+// Moves the first borrowed bytes behind the own ones.
+CmResult CReceiveChain::Join_i(DWORD aCount) {
+    const char* pFrom = std::exchange(m_pBorrowed, m_pBorrowed + aCount);
+    m_dwBorrowed -= aCount;
+    DWORD dwMissing = aCount;
+    return Copy_i(pFrom, aCount, dwMissing);
+}
+
+CmResult CReceiveChain::Copy_i(const char* aFrom, DWORD aCount, DWORD& aMissing) {
+    while (aCount > 0) {
+        const DWORD dwWish = std::clamp(aMissing, MIN_BLOCK, MAX_BLOCK);
+        if ((m_Chain.IsEmpty() || m_Chain.GetTail()->GetTopLevelSpace() == 0) && !AddBlock_i(std::max(aCount, dwWish)))
+            return CM_ERROR_OUT_OF_MEMORY;
+        DWORD dwDone = 0;
+        m_Chain.GetTail()->Write(aFrom, aCount, &dwDone);
+        aFrom += dwDone;
+        aCount -= dwDone;
+        m_dwOwn += dwDone;
+        aMissing -= std::min(aMissing, dwDone);
     }
     return CM_OK;
 }
@@ -41,19 +65,30 @@ BOOL CReceiveChain::AddBlock_i(DWORD aSize) {
 }
 
 BOOL CReceiveChain::Peek(void* aDst, DWORD aCount) const {
-    if (aCount > m_dwLength)
+    if (aCount > GetLength())
         return FALSE;
-    if (aCount > 0 && aCount <= HeadLength_i()) {
-        std::memcpy(aDst, m_Chain.GetHead()->GetTopLevelReadPtr(), aCount);
-        return TRUE;
-    }
-    return m_Chain.IsEmpty() || m_Chain.GetHead()->Read(aDst, aCount, nullptr, FALSE) == CM_OK;
+    const DWORD dwOwn = std::min(aCount, m_dwOwn);
+    if (dwOwn > 0 && dwOwn <= HeadLength_i())
+        std::memcpy(aDst, m_Chain.GetHead()->GetTopLevelReadPtr(), dwOwn);
+    else if (dwOwn > 0)
+        m_Chain.GetHead()->Read(aDst, dwOwn, nullptr, FALSE);
+    if (aCount > dwOwn)
+        std::memcpy(static_cast<char*>(aDst) + dwOwn, m_pBorrowed, aCount - dwOwn);
+    return TRUE;
 }
 
 void CReceiveChain::Skip(DWORD aCount) {
-    m_dwLength -= aCount;
-    if (m_dwLength == 0) {
-        Clear();
+    const DWORD dwOwn = std::min(aCount, m_dwOwn);
+    if (dwOwn > 0)
+        SkipOwn_i(dwOwn);
+    m_pBorrowed += aCount - dwOwn;
+    m_dwBorrowed -= aCount - dwOwn;
+}
+
+void CReceiveChain::SkipOwn_i(DWORD aCount) {
+    m_dwOwn -= aCount;
+    if (m_dwOwn == 0) {
+        m_Chain.Clear();
         return;
     }
     if (aCount < HeadLength_i()) {
@@ -72,7 +107,7 @@ CCmChainPtr CReceiveChain::CutFront_i(DWORD aCount) {
     for (const CCmMessageBlock* pMb = m_Chain.GetHead(); pMb && pMb->GetTopLevelLength() <= aCount - dwWhole;
          pMb = pMb->GetNext())
         dwWhole += pMb->GetTopLevelLength();
-    CBlockChain rest(dwWhole < m_dwLength ? m_Chain.Cut(dwWhole) : nullptr);
+    CBlockChain rest(dwWhole < m_dwOwn ? m_Chain.Cut(dwWhole) : nullptr);
     if (const DWORD dwPart = aCount - dwWhole; dwPart > 0) {
         CCmChainPtr pView(CCmMessageBlock(*rest.GetHead(), dwPart).DuplicateTopLevel());
         if (!pView) {
@@ -82,13 +117,13 @@ CCmChainPtr CReceiveChain::CutFront_i(DWORD aCount) {
         m_Chain.Append(std::move(pView));
         rest.GetHead()->AdvanceTopLevelReadPtr(dwPart);
     }
-    m_dwLength -= aCount;
+    m_dwOwn -= aCount;
     return std::exchange(m_Chain, std::move(rest)).Take();
 }
 
 void CReceiveChain::Clear() {
     m_Chain.Clear();
-    m_dwLength = 0;
+    m_dwOwn = m_dwBorrowed = 0;
 }
 
 }  // namespace talvo
