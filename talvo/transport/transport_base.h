@@ -69,8 +69,8 @@ protected:
 
     void RemoveFromReactor_i();
 
-    CCmEnsureSingleThread m_Est;
     const talvo::CHomeReactor m_pReactor;
+    CCmEnsureSingleThread m_Est;
 
 private:
     void EndInOrder_i(CmBool aCut) override;

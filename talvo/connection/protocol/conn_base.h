@@ -74,9 +74,9 @@ protected:
     CmResult SetTransportOption_i(CmDword aCommand, void* aArg);
     CmResult GetTransportOption_i(CmDword aCommand, void* aArg);
 
-    CCmEnsureSingleThread m_Est;
     CCmRefPtrT<ICmTransport> m_pTransport;
     talvo::CConnOwner* m_pOwner = nullptr;  // not owned; set until the opening has ended
+    CCmEnsureSingleThread m_Est;
     CmWord m_wStatus = CS_STATUS_NOT_CONNECTED;
     CmWord m_wChannel = 0;
     CmByte m_byConnType = 15;
@@ -85,8 +85,8 @@ private:
     void EndInOrder_i(CmBool aCut) override;
     CmResult GetKeptOption_i(CmDword aCommand, void* aArg);
 
-    CCmRefPtrT<ICmTransport> m_pEnded;  // the transport below until the end; only for options
-    const char* m_pFailureText = nullptr;
-    ECmFailureCause m_Cause = CM_FAILURE_NONE;
     bool m_bReleased = false;
+    ECmFailureCause m_Cause = CM_FAILURE_NONE;
+    const char* m_pFailureText = nullptr;
+    CCmRefPtrT<ICmTransport> m_pEnded;  // the transport below until the end; only for options
 };

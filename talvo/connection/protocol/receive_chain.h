@@ -77,8 +77,8 @@ private:
 
     CBlockChain m_Chain;
     CmDword m_dwOwn = 0;  // unread bytes of m_Chain
-    const char* m_pBorrowed = nullptr;
     CmDword m_dwBorrowed = 0;
+    const char* m_pBorrowed = nullptr;
 };
 
 }  // namespace talvo
