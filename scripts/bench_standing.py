@@ -34,7 +34,8 @@ taken within a round; a figure is the median over the rounds. [measuring.md](mea
 
 In a picture each mark is a peer, the line behind it spans all rounds, and the vertical line is 1. Right of that line this
 library is ahead. The grey band is the noise: the ratio of a peer that runs twice to itself. A filled mark is a peer that counts
-for "best", a hollow one a floor: a program without a library, or a library that does less.
+for "best", a hollow one a floor: a program without a library, or a library that does less. A ratio beyond 0.1 or 10 is drawn at
+the edge.
 
 In a table the columns of names are the ratios of the rate. "CPU", "p50", "p99" and "memory" compare with the best peer of the
 column, which stands in brackets. "noise" is the ratio of the peer that runs twice to itself, and the spread of this library's
