@@ -197,9 +197,9 @@ TEST(PreciseTimerManagerTest, ACalendarEndsWithItsThread) {
     CTestTimer timer;
     stays->GetLink().Call([&] { return pStays->ScheduleTimer(&timer, nullptr, Msec(10), 0); });
     for (int nThread = 0; nThread < 20; ++nThread) {
+        CTestTimer dropped;  // outlives the thread, in which it may fire beside the last release
         CScopedThread thread(nThread % 2 == 0 ? CScopedThread::EVENT_QUEUE_ONLY : CScopedThread::REACTOR);
         CCmPreciseTimerQueue* pQueue = manager.GetTimerQueue(thread->GetEventQueue());
-        CTestTimer dropped;
         thread->GetLink().Call([&] { return pQueue->ScheduleTimer(&dropped, nullptr, Msec(nThread), 0); });
         if (nThread % 4 < 2)
             thread.End();
