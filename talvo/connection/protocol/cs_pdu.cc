@@ -1,5 +1,9 @@
 #include "talvo/connection/protocol/cs_pdu.h"
 
+#include <arpa/inet.h>
+
+#include <cstring>
+
 #include "talvo/base/byte_stream.h"
 #include "talvo/base/trace.h"
 
@@ -110,6 +114,19 @@ void CCsPduData::DecodeWithOutData(CCmMessageBlock& aMb) {
     if (m_bNeedACK)
         is >> m_dwACK;
     is >> m_dwDataLen;
+}
+
+void CCsPduData::ReadFixed(const char* aFixed, BOOL aNeedACK, DWORD& aACK, DWORD& aDataLen) {
+    const auto read = [&aFixed](DWORD& aNumber) {
+        std::memcpy(&aNumber, aFixed, sizeof aNumber);
+        aNumber = ntohl(aNumber);
+        aFixed += sizeof aNumber;
+    };
+    ++aFixed;  // the type
+    aACK = 0;
+    if (aNeedACK)
+        read(aACK);
+    read(aDataLen);
 }
 
 void CCsPduData::EncodeWithOutData(CCmMessageBlock& aMb) const {

@@ -215,4 +215,7 @@ public:
     // Only the fixed part, for example to get the length before all has arrived.
     void DecodeWithOutData(CCmMessageBlock& aMb);
     void EncodeWithOutData(CCmMessageBlock& aMb) const;
+    // The same numbers from the GetFixLength bytes at aFixed, for receivers of many small messages. aACK (out): 0 without an
+    // ACK field.
+    static void ReadFixed(const char* aFixed, CmBool aNeedACK, CmDword& aACK, CmDword& aDataLen);
 };

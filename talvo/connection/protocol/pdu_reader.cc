@@ -13,11 +13,7 @@ BOOL CPduReader::ReadType(BOOL aNeedACK) {
 BOOL CPduReader::ReadDataHeader(BOOL aNeedACK, DWORD aMaxData) {
     char szHeader[CCsPduBase::MAX_FIX_LENGTH] = {};
     m_Received.Peek(szHeader, m_dwLength);
-    CCmMessageBlock header(m_dwLength, szHeader, 0, m_dwLength);
-    CCsPduData pdu(aNeedACK, 0, 0, m_byType, nullptr);
-    pdu.DecodeWithOutData(header);
-    m_dwDataLength = pdu.GetDataLen();
-    m_dwACK = pdu.GetACK();
+    CCsPduData::ReadFixed(szHeader, aNeedACK, m_dwACK, m_dwDataLength);
     if (m_dwDataLength > aMaxData || m_dwDataLength > std::numeric_limits<DWORD>::max() - m_dwLength)
         return FALSE;
     m_dwLength += m_dwDataLength;
