@@ -173,32 +173,39 @@ BYTE CCsSendBuf::GetData(CCmMessageBlock*& aMb) {
     aMb = nullptr;
     if (!m_pCurrent || !BuildPrepared())
         return NOTHING;
-    aMb = &*m_FixedPart;
+    aMb = &*m_pPrepared->m_FixedPart;
     return m_pCurrent->GetType();
 }
 
 // The payload itself is not given out: a caller that consumed it would leave no bytes for a repeat after a reconnection.
 BOOL CCsSendBuf::BuildPrepared() {
+    if (!m_pPrepared)
+        m_pPrepared.reset(new (std::nothrow) CPrepared);
+    if (!m_pPrepared)
+        return FALSE;
+    auto& [fixedPart, firstBlock, pFurtherBlocks] = *m_pPrepared;
     const DWORD dwFixLength = m_pCurrent->GetFixLength();
-    m_FixedPart.emplace(dwFixLength, m_pCurrent->GetPrepared(), DWORD{0}, dwFixLength);
+    fixedPart.emplace(dwFixLength, m_pCurrent->GetPrepared(), DWORD{0}, dwFixLength);
     if (const CCmMessageBlock* pData = m_pCurrent->GetData()) {
-        m_FirstBlock.emplace(*pData, pData->GetTopLevelLength());
-        m_FixedPart->Append(&*m_FirstBlock);
+        firstBlock.emplace(*pData, pData->GetTopLevelLength());
+        fixedPart->Append(&*firstBlock);
         if (pData->GetNext()) {
-            m_pFurtherBlocks.reset(pData->GetNext()->DuplicateChained());
-            if (!m_pFurtherBlocks)
+            pFurtherBlocks.reset(pData->GetNext()->DuplicateChained());
+            if (!pFurtherBlocks)
                 return FALSE;
-            m_FirstBlock->Append(m_pFurtherBlocks.get());
+            firstBlock->Append(pFurtherBlocks.get());
         }
     }
-    m_FixedPart->AdvanceChainedReadPtr(m_dwCurrentSent);
+    fixedPart->AdvanceChainedReadPtr(m_dwCurrentSent);
     return TRUE;
 }
 
 void CCsSendBuf::DropPrepared() {
-    m_FixedPart.reset();
-    m_FirstBlock.reset();
-    m_pFurtherBlocks.reset();
+    if (!m_pPrepared)
+        return;
+    m_pPrepared->m_FixedPart.reset();
+    m_pPrepared->m_FirstBlock.reset();
+    m_pPrepared->m_pFurtherBlocks.reset();
 }
 
 DWORD CCsSendBuf::GetCurrentUnsent() const { return m_pCurrent ? LengthOf(*m_pCurrent) - m_dwCurrentSent : 0; }

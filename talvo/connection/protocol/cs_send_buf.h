@@ -1,6 +1,7 @@
 // PDUs that are unsent or unacknowledged.
 #pragma once
 
+#include <memory>
 #include <optional>
 
 #include "talvo/base/chain_ptr.h"
@@ -19,8 +20,9 @@ class CGatherChain;
 // with DataSentLen. DoACK frees sent PDUs, or ClearAllSent if there are no acknowledgements. A PDU that is partly sent keeps
 // its bytes until the rest is sent. Only Reset drops it, and only DoReconnACK restarts it.
 //
-// A message costs an allocation and, beyond 1,024 bytes, a duplicate of its block. Gather allocates nothing; GetData duplicates
-// the blocks of a payload after its first. Adding, and freeing an item, take constant time. One thread.
+// A message costs an allocation and, beyond 1,024 bytes, a duplicate of its block. Gather allocates nothing; GetData allocates
+// at its first call, and duplicates the blocks of a payload after its first. Adding, and freeing an item, take constant time.
+// One thread.
 class TALVO_API CCsSendBuf {
 public:
     static constexpr CmDword SEQ_LIMIT = 0xFFF00000;  // a data PDU that would go beyond restarts the numbers at 1
@@ -141,7 +143,10 @@ private:
     CmDword m_dwUnsent = 0;
 
     // The chain of GetData: views on the fixed part and on the payload's first block, and duplicates of its further blocks.
-    std::optional<CCmMessageBlock> m_FixedPart;
-    std::optional<CCmMessageBlock> m_FirstBlock;
-    CCmChainPtr m_pFurtherBlocks;
+    struct CPrepared {
+        std::optional<CCmMessageBlock> m_FixedPart;
+        std::optional<CCmMessageBlock> m_FirstBlock;
+        CCmChainPtr m_pFurtherBlocks;
+    };
+    std::unique_ptr<CPrepared> m_pPrepared;  // null: GetData has not been called, as in most connections
 };
