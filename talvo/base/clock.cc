@@ -68,7 +68,23 @@ int64_t CCmClock::GetWallUsec() {
 
 ICmClock* CCmClock::Replace(ICmClock* aClock) { return s_pClock.exchange(aClock, std::memory_order_acq_rel); }
 
-DWORD talvo::GetRecentTick() { return static_cast<DWORD>(RecentUsec() / 1000); }
+// A reading serves this thread for a hundred thousand ticks of the processor's counter, as above.
+DWORD talvo::GetRecentTick() {
+#ifdef __x86_64__
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local uint64_t s_ullTicks = 0;
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local DWORD s_dwTick = 0;
+    const uint64_t ullTicks = __rdtsc();
+    if (s_pClock.load(std::memory_order_acquire))
+        return get_tick_count();
+    if (ullTicks - s_ullTicks >= 100000) {
+        s_dwTick = get_tick_count();
+        s_ullTicks = ullTicks;
+    }
+    return s_dwTick;
+#else
+    return get_tick_count();
+#endif
+}
 
 int64_t talvo::GetRecentWallSecond() {
     ICmClock* pClock = s_pClock.load(std::memory_order_acquire);

@@ -6,7 +6,8 @@
 
 namespace talvo {
 
-// get_tick_count() for a third of its cost: late by less than a microsecond. Compare it only with values of the same thread.
+// get_tick_count() for a third of its cost: late by less than a tenth of a millisecond. Compare it only with values of the same
+// thread.
 TALVO_API DWORD GetRecentTick();
 
 // CCmClock::GetWallUsec() in whole seconds for a fifth of its cost: late by at most a tick of the system, some milliseconds.
