@@ -215,13 +215,14 @@ void CForwardCore::ReleaseKey_i(uint64_t aNumber) {
     m_ullLeastNeededKey = ullLeast;
 }
 
+// A lag of half of the limit lets the user forward many messages before the next refusal.
 BOOL CForwardCore::IsHeldBack_i(DWORD aTick) const {
     BOOL bHeldBack = FALSE;
     m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
         const CForwardCursor& cursor = aReceiver.GetCursor();
         bHeldBack =
             bHeldBack || (cursor.GetPolicy() == CM_FORWARD_WAIT &&
-                          (cursor.IsAtLimit(m_Log, aTick) || (IsFull_i(m_dwRefusedLength) && cursor.NeedsFirst(m_Log))));
+                          (!cursor.IsRelieved(m_Log, aTick) || (IsFull_i(m_dwRefusedLength) && cursor.NeedsFirst(m_Log))));
     });
     return bHeldBack;
 }

@@ -12,6 +12,7 @@ constexpr DWORD NO_LIMIT = std::numeric_limits<DWORD>::max();
 constexpr DWORD MOST_MILLISECONDS = 0x7FFFFFFF;  // half of the range of ticks
 
 DWORD LimitOf(DWORD aOption) { return aOption > 0 ? aOption : NO_LIMIT; }
+DWORD HalfOf(DWORD aLimit) { return aLimit == NO_LIMIT ? NO_LIMIT : aLimit / 2; }
 
 }  // namespace
 
@@ -168,6 +169,17 @@ BOOL CForwardCursor::IsAtLimit(const CForwardLog& aLog, DWORD aTick) const {
     DWORD dwOldest = 0;
     return lag.m_ullMessages >= m_dwMaxMessages || lag.m_ullBytes >= m_dwMaxBytes ||
            (m_dwMaxMilliseconds != NO_LIMIT && GetOldestTick_i(aLog, dwOldest) && aTick - dwOldest >= m_dwMaxMilliseconds);
+}
+
+BOOL CForwardCursor::IsRelieved(const CForwardLog& aLog, DWORD aTick) const {
+    if (IsCaughtUp(aLog))
+        return TRUE;
+    const CCmForwardCount lag = GetLimitedLag_i(aLog);
+    DWORD dwOldest = aTick;
+    if (m_dwMaxMilliseconds != NO_LIMIT)
+        GetOldestTick_i(aLog, dwOldest);
+    return lag.m_ullMessages <= HalfOf(m_dwMaxMessages) && lag.m_ullBytes <= HalfOf(m_dwMaxBytes) &&
+           aTick - dwOldest <= HalfOf(m_dwMaxMilliseconds);
 }
 
 uint64_t CForwardCursor::GetMessagesLimit(const CForwardLog& aLog) const {

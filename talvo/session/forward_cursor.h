@@ -37,6 +37,8 @@ public:
 
     // TRUE: its lag has reached a limit. For CONFLATE only messages without a key count.
     BOOL IsAtLimit(const CForwardLog& aLog, DWORD aTick) const;
+    // TRUE: it is at most half of each limit.
+    BOOL IsRelieved(const CForwardLog& aLog, DWORD aTick) const;
     // No limit of messages or bytes is reached while the log ends before these.
     uint64_t GetMessagesLimit(const CForwardLog& aLog) const;
     uint64_t GetBytesLimit(const CForwardLog& aLog) const;

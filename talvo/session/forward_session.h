@@ -17,8 +17,8 @@ enum ECmForwardPolicy : CmDword {
     // A message whose key has a newer message is skipped, at all times and not only when late. Messages without a key are never
     // skipped, and only these count towards the limits: a receiver that they bring to a limit is removed as with DISCONNECT.
     CM_FORWARD_CONFLATE = 2,
-    // Forward returns CM_ERROR_PARTIAL_DATA until the receiver is below its limits. The receiver loses no message, and holds
-    // back all other receivers of the session.
+    // Forward returns CM_ERROR_PARTIAL_DATA until the receiver is below its limits; OnForward comes at half of each. The
+    // receiver loses no message, and holds back all other receivers of the session.
     CM_FORWARD_WAIT = 3
 };
 
