@@ -2,8 +2,6 @@
 
 #include <cstring>
 
-#include "talvo/base/with_memory.h"
-
 namespace talvo {
 
 BOOL CForwardBatch::Prepare(const CForwardLog& aLog, uint64_t aNumber, EForwardFraming aFraming) {
@@ -12,37 +10,37 @@ BOOL CForwardBatch::Prepare(const CForwardLog& aLog, uint64_t aNumber, EForwardF
     Clear();
     m_ullNumber = aNumber;
     m_ullEnd = aLog.GetEnd();
-    const DWORD dwSkip = static_cast<DWORD>(aFraming);
-    DWORD dwBytes = 0;
-    if (!WithMemory([&] { dwBytes = Measure_i(aLog, CForwardMessage::HEADER_LENGTH - dwSkip); }) || dwBytes == 0)
-        return FALSE;
-    if (CCmDataBlock::CreateInstance(m_pBlock.ParaOut(), dwBytes, nullptr) != CM_OK)
+    const DWORD dwPayload = Measure_i(aLog);
+    const DWORD dwBytes = dwPayload + m_dwCount * HeaderLengthOf(aFraming);
+    const DWORD dwLeast = aLog.At(aNumber).m_Message.m_Framing < aFraming ? 1 : LEAST_MESSAGES;
+    if (m_dwCount < dwLeast || CCmDataBlock::CreateInstance(m_pBlock.ParaOut(), dwBytes, nullptr) != CM_OK)
         return FALSE;
     char* pTo = m_pBlock->GetBasePtr();
-    for (DWORD i = 0; i < GetCount(); ++i) {
+    for (DWORD i = 0; i < m_dwCount; ++i) {
         const CForwardMessage& message = aLog.At(aNumber + i).m_Message;
-        std::memcpy(pTo, message.m_pBlock->GetBasePtr() + message.m_dwOffset + dwSkip, m_Lengths[i]);
-        pTo += m_Lengths[i];
+        pTo = WriteForwardHeader(pTo, aFraming, message.m_dwLength);
+        std::memcpy(pTo, message.GetStorage() + message.GetHeaderLength(), message.m_dwLength);
+        pTo += message.m_dwLength;
     }
     return TRUE;
 }
 
-// The bytes of the batch; 0: it is not worth it.
-DWORD CForwardBatch::Measure_i(const CForwardLog& aLog, DWORD aHeader) {
+// Counts its messages, and returns the bytes of their payload.
+DWORD CForwardBatch::Measure_i(const CForwardLog& aLog) {
     DWORD dwPayload = 0;
-    for (uint64_t n = m_ullNumber; n < m_ullEnd && GetCount() < MAX_MESSAGES; ++n) {
+    for (uint64_t n = m_ullNumber; n < m_ullEnd && m_dwCount < MAX_MESSAGES; ++n) {
         const CForwardMessage& message = aLog.At(n).m_Message;
         if (message.m_pPayload || dwPayload + message.m_dwLength > MAX_PAYLOAD)
             break;
-        m_Lengths.push_back(aHeader + message.m_dwLength);
+        ++m_dwCount;
         dwPayload += message.m_dwLength;
     }
-    return GetCount() >= LEAST_MESSAGES ? dwPayload + GetCount() * aHeader : 0;
+    return dwPayload;
 }
 
 void CForwardBatch::Clear() {
     m_ullNumber = CForwardLog::NONE;
-    m_Lengths.clear();
+    m_dwCount = 0;
     m_pBlock.Reset();
 }
 

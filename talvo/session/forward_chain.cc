@@ -20,23 +20,49 @@ CForwardChain::~CForwardChain() { std::destroy_n(Piece_i(0), m_dwPieces); }
 
 BOOL CForwardChain::Add(const CForwardMessage& aMessage) {
     const DWORD dwPieces = 1 + CountPieces(aMessage.m_pPayload.get());
-    const DWORD dwHeader = CForwardMessage::HEADER_LENGTH - m_dwSkip;
-    const DWORD dwLength = dwHeader + aMessage.m_dwLength;
-    if (m_dwPieces + dwPieces > MAX_PIECES || m_dwMessages == MAX_MESSAGES ||
+    const DWORD dwHeader = HeaderLengthOf(m_Framing);
+    if (m_dwPieces + dwPieces > MAX_PIECES || aMessage.GetHeaderLength() < dwHeader ||
         (m_dwPayload > 0 && m_dwPayload + aMessage.m_dwLength > MAX_PAYLOAD))
         return FALSE;
-    const DWORD dwInBlock = aMessage.m_pPayload ? dwHeader : dwLength;
-    if (dwInBlock > 0)
-        AddPiece_i(aMessage.m_pBlock, aMessage.m_dwOffset + m_dwSkip, dwInBlock);
+    const DWORD dwSkip = aMessage.GetHeaderLength() - dwHeader;
+    if (aMessage.GetStored() > dwSkip)
+        AddPiece_i(aMessage.m_pBlock, aMessage.m_dwOffset + dwSkip, aMessage.GetStored() - dwSkip);
     for (const CCmMessageBlock* pMb = aMessage.m_pPayload.get(); pMb; pMb = pMb->GetNext()) {
         if (pMb->GetTopLevelLength() == 0)
             continue;
         new (Piece_i(m_dwPieces)) CCmMessageBlock(*pMb, pMb->GetTopLevelLength());
         Link_i();
     }
-    m_dwLengths[m_dwMessages++] = dwLength;
     m_dwPayload += aMessage.m_dwLength;
     return TRUE;
+}
+
+// The first message of a run is added like any other; those behind it in the storage lengthen its piece.
+DWORD CForwardChain::AddFrom(const CForwardLog& aLog, uint64_t aNumber) {
+    uint64_t ullNext = aNumber;
+    while (ullNext < aLog.GetEnd()) {
+        const CForwardMessage& first = aLog.At(ullNext).m_Message;
+        const uint64_t ullFirst = ullNext;
+        if (!Add(first))
+            break;
+        ++ullNext;
+        if (first.m_pPayload || first.m_Framing != m_Framing || m_dwPayload >= MAX_PAYLOAD)
+            continue;
+        ullNext = aLog.GetRunEnd(ullFirst, MAX_PAYLOAD - m_dwPayload + first.m_dwLength);
+        const DWORD dwPayload = static_cast<DWORD>(aLog.GetBytesBefore(ullNext) - aLog.GetBytesBefore(ullFirst + 1));
+        const DWORD dwHeaders = static_cast<DWORD>(ullNext - ullFirst - 1) * HeaderLengthOf(m_Framing);
+        Piece_i(m_dwPieces - 1)->AdvanceTopLevelWritePtr(dwPayload + dwHeaders);
+        m_dwPayload += dwPayload;
+    }
+    return static_cast<DWORD>(ullNext - aNumber);
+}
+
+DWORD CForwardLengths::CountWithin(DWORD aBytes, DWORD& aRest) const {
+    DWORD dwCount = 0;
+    while (dwCount < m_dwCount && m_dwLengths[dwCount] <= aBytes)
+        aBytes -= m_dwLengths[dwCount++];
+    aRest = dwCount < m_dwCount && aBytes > 0 ? m_dwLengths[dwCount] - aBytes : 0;
+    return dwCount;
 }
 
 void CForwardChain::AddPiece_i(const CCmRefPtrT<CCmDataBlock>& aBlock, DWORD aOffset, DWORD aLength) {

@@ -41,6 +41,9 @@ public:
     DWORD GetMaxMessage();
     DWORD GetLeastMaxMessage() const { return std::min(m_dwMaxMessage, m_dwMaxOfReceivers); }
 
+    // The framing that suits the receivers best, for small messages that are yet to be forwarded.
+    EForwardFraming GetFraming() const { return m_Packer.GetFraming(); }
+
     // From a receiver that is being served: the messages from aNumber on for all that are there; null: send them one by one.
     const CForwardBatch* FindBatch(uint64_t aNumber, EForwardFraming aFraming);
     // From a receiver: its transport can take data; its transport has ended.
@@ -80,6 +83,7 @@ private:
     void TrimHistory_i();
     void ReportRoom_i();
     // Receivers.
+    void ChooseFraming_i(const CForwardReceiver& aNew);
     void AddNotice_i(CForwardReceiver& aReceiver);
     void Remove_i(CForwardReceiver& aReceiver, CmResult aReason, BOOL aEnded, BOOL aNotify);
 
@@ -88,7 +92,7 @@ private:
     CForwardLog m_Log;
     CForwardPacker m_Packer;
     CForwardReceivers m_Receivers;
-    CForwardBatch m_Batches[3];                 // by framing; during a turn
+    CForwardBatch m_Batches[3];                 // by the rest of the header's length; during a turn
     CCmRefPtrT<CForwardReceiver> m_pNotices;    // those with an upcall to come
     CForwardReceiver* m_pLastNotice = nullptr;  // in that list
     CCmForwardStatistics m_Gone;                // of the receivers that are gone

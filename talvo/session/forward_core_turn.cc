@@ -25,6 +25,7 @@ CmResult CForwardCore::AddReceiver(ICmTransport* aTransport, const CCmForwardRec
     if (const CmResult rv = pReceiver->Attach(aTransport); rv != CM_OK)
         return rv;
     m_Receivers.Add(pReceiver.Get());
+    ChooseFraming_i(*pReceiver);
     m_dwMaxOfReceivers = std::min(m_dwMaxOfReceivers, pReceiver->GetMaxMessage());
     m_ullLeastNeeded = std::min(m_ullLeastNeeded, pReceiver->GetCursor().GetFirstNeeded(m_Log));
     m_ullLeastNeededKey = std::min(m_ullLeastNeededKey, pReceiver->GetCursor().GetFirstNeededKey());
@@ -38,6 +39,15 @@ CmResult CForwardCore::AddReceiver(ICmTransport* aTransport, const CCmForwardRec
     if (!pReceiver->CanTakeAll(m_Log))
         Remove_i(*pReceiver, CM_ERROR_INVALID_ARG, FALSE, TRUE);
     return CM_OK;
+}
+
+// That of the receivers, if all have the same.
+void CForwardCore::ChooseFraming_i(const CForwardReceiver& aNew) {
+    EForwardFraming framing = EForwardFraming::PACKAGE;
+    if (!aNew.HasFraming(framing))
+        return;
+    const BOOL bSame = m_Receivers.GetCount() == 1 || framing == m_Packer.GetFraming();
+    m_Packer.SetFraming(bSame ? framing : EForwardFraming::PACKAGE);
 }
 
 CmResult CForwardCore::RemoveReceiver(DWORD aId, CmResult aReason) {
@@ -141,7 +151,7 @@ BOOL CForwardCore::ServeAll_i() {
 }
 
 const CForwardBatch* CForwardCore::FindBatch(uint64_t aNumber, EForwardFraming aFraming) {
-    CForwardBatch& batch = m_Batches[std::min<DWORD>(static_cast<DWORD>(aFraming), 2)];
+    CForwardBatch& batch = m_Batches[HeaderLengthOf(aFraming) % std::size(m_Batches)];
     return batch.Prepare(m_Log, aNumber, aFraming) ? &batch : nullptr;
 }
 

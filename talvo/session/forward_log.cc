@@ -11,6 +11,20 @@ namespace {
 
 constexpr size_t FIRST_SIZE = 16;
 
+// The first number from aBegin on, and before aEnd, for which aHolds is not true; aEnd: there is none. Those for which it is
+// true come before the others.
+template <class Number, class Holds>
+Number FindEnd(Number aBegin, Number aEnd, Holds aHolds) {
+    while (aBegin < aEnd) {
+        const Number middle = aBegin + (aEnd - aBegin) / 2;
+        if (aHolds(middle))
+            aBegin = middle + 1;
+        else
+            aEnd = middle;
+    }
+    return aBegin;
+}
+
 }  // namespace
 
 CCmForwardCount CForwardLog::GetKeylessFrom(uint64_t aNumber) const {
@@ -28,6 +42,23 @@ uint64_t CForwardLog::FindFirstWithoutKey() const {
     return m_ullWithoutKey;
 }
 
+uint64_t CForwardLog::GetRunEnd(uint64_t aNumber, DWORD aMaxBytes) const {
+    const WORD wRun = At(aNumber).m_wRun;
+    const uint64_t ullMost = At(aNumber).m_ullBytesBefore + aMaxBytes;
+    const uint64_t ullEnd = std::min(m_ullEnd, aNumber + MOST_MESSAGES);  // from there on the numbers of runs repeat
+    return FindEnd(aNumber + 1, ullEnd, [&](uint64_t n) { return At(n).m_wRun == wRun && GetBytesBefore(n + 1) <= ullMost; });
+}
+
+DWORD CForwardRange::CountWithin(DWORD aBytes, DWORD& aRest) const {
+    aRest = 0;
+    if (m_ullFirst < m_Log.GetBegin())
+        return 0;  // closed inside the send
+    const DWORD dwCount = FindEnd(DWORD{0}, m_dwCount, [&](DWORD n) { return GetBytes_i(n + 1) <= aBytes; });
+    const BOOL bBegun = dwCount < m_dwCount && GetBytes_i(dwCount) < aBytes;
+    aRest = bBegun ? static_cast<DWORD>(GetBytes_i(dwCount + 1) - aBytes) : 0;
+    return dwCount;
+}
+
 CmResult CForwardLog::Append(CForwardMessage&& aMessage, DWORD aTick) {
     if (GetCount() == m_Ring.size() && Grow_i() != CM_OK)
         return CM_ERROR_OUT_OF_MEMORY;
@@ -41,12 +72,16 @@ CmResult CForwardLog::Append(CForwardMessage&& aMessage, DWORD aTick) {
     }
     const DWORD dwLength = aMessage.m_dwLength;
     const DWORD dwKeyless = aMessage.HasKey() ? 0 : 1;
+    const WORD wRun = FindRun_i(aMessage);
     m_bKeyMessage = m_bKeyMessage || aMessage.IsKeyMessage();
-    Entry_i(m_ullEnd) = CForwardEntry{.m_Message = std::move(aMessage),
-                                      .m_ullBytesBefore = m_ullBytesForwarded,
-                                      .m_dwKeylessBefore = m_dwKeyless,
-                                      .m_dwKeylessBytesBefore = m_dwKeylessBytes,
-                                      .m_dwTime = aTick};
+    CForwardEntry& entry = Entry_i(m_ullEnd);
+    entry.m_Message = std::move(aMessage);
+    entry.m_ullBytesBefore = m_ullBytesForwarded;
+    entry.m_dwKeylessBefore = m_dwKeyless;
+    entry.m_dwKeylessBytesBefore = m_dwKeylessBytes;
+    entry.m_dwTime = aTick;
+    entry.m_wRun = wRun;
+    entry.m_bReplaced = entry.m_bKeyForgotten = false;
     if (pKey)
         UseKey_i(*pKey, bNewKey, dwLength);
     m_dwKeyless += dwKeyless;
@@ -56,6 +91,15 @@ CmResult CForwardLog::Append(CForwardMessage&& aMessage, DWORD aTick) {
     m_ullBytesForwarded += dwLength;
     ++m_ullEnd;
     return CM_OK;
+}
+
+// The run of the next message.
+WORD CForwardLog::FindRun_i(const CForwardMessage& aMessage) {
+    const BOOL bGoesOn =
+        !aMessage.m_pPayload && aMessage.GetStorage() == m_pRunEnd && aMessage.m_Framing == m_RunFraming && GetCount() > 0;
+    m_pRunEnd = aMessage.m_pPayload ? nullptr : aMessage.GetStorage() + aMessage.GetStored();
+    m_RunFraming = aMessage.m_Framing;
+    return bGoesOn ? m_wRun : ++m_wRun;
 }
 
 CmResult CForwardLog::Grow_i() {
@@ -117,7 +161,8 @@ void CForwardLog::DropFirst() {
                        WithMemory([&] { m_Kept.emplace_hint(m_Kept.end(), m_ullBegin, std::move(entry)); });
     if (!bKeep)
         m_ullBytes -= entry.m_Message.m_dwLength;
-    entry = {};
+    entry.m_Message.m_pBlock.Reset();
+    entry.m_Message.m_pPayload.reset();
     ++m_ullBegin;
 }
 

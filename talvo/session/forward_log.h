@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "talvo/connection/protocol/framed_sending.h"
 #include "talvo/session/forward_message.h"
 
 namespace talvo {
@@ -18,12 +19,15 @@ struct CForwardEntry {
     DWORD m_dwKeylessBefore = 0;    // earlier messages without a key, and their bytes: only differences of them are used
     DWORD m_dwKeylessBytesBefore = 0;
     DWORD m_dwTime = 0;            // tick of milliseconds
+    WORD m_wRun = 0;               // equal for messages that lie behind each other in the storage, see GetRunEnd
     bool m_bReplaced = false;      // a newer message has its key
     bool m_bKeyForgotten = false;  // treated as one without a key when it leaves the log
     BOOL IsNewestOfKey() const { return m_Message.HasKey() && !m_bReplaced && !m_bKeyForgotten; }
     // TRUE: with CONFLATE no receiver loses a message if the log drops this one.
     BOOL HasNewestOfKey() const { return m_bReplaced || IsNewestOfKey(); }
 };
+
+static_assert(sizeof(CForwardEntry) <= 64);
 
 //    kept               Begin                           End
 //    k . . k k . k      [ m m k m k m m m k m k k m m ]           k: the newest message of its key
@@ -54,6 +58,9 @@ public:
         return aNumber == m_ullEnd ? m_ullBytesForwarded : At(aNumber).m_ullBytesBefore;
     }
     uint64_t GetBytesForwarded() const { return m_ullBytesForwarded; }
+    // The end of the messages from aNumber on that lie behind each other in the storage, with the same framing, and have at
+    // most aMaxBytes of payload together; aNumber + 1 for a large message.
+    uint64_t GetRunEnd(uint64_t aNumber, DWORD aMaxBytes) const;
     // The messages without a key among those from aNumber on that are in the log.
     CCmForwardCount GetKeylessFrom(uint64_t aNumber) const;
 
@@ -96,6 +103,7 @@ private:
 
     CForwardEntry& Entry_i(uint64_t aNumber) { return m_Ring[aNumber & (m_Ring.size() - 1)]; }
     CmResult Grow_i();
+    WORD FindRun_i(const CForwardMessage& aMessage);
     CKey* ReserveKey_i(uint64_t aKey, BOOL& aNew);
     void UseKey_i(CKey& aKey, BOOL aNew, DWORD aLength);
     void Unlink_i(CKey& aKey);
@@ -110,13 +118,38 @@ private:
     DWORD m_dwKeyless = 0;
     DWORD m_dwKeylessBytes = 0;
     DWORD m_dwLongest = 0;
+    WORD m_wRun = 0;  // of the last message
     bool m_bKeyMessage = false;
+    const char* m_pRunEnd = nullptr;  // the storage behind the last message; null: the next one begins a run
+    EForwardFraming m_RunFraming = EForwardFraming::NONE;
     std::set<uint64_t> m_KeyMessages;           // the numbers of those in the log
     std::map<uint64_t, CForwardEntry> m_Kept;   // by number
     std::unordered_map<uint64_t, CKey> m_Keys;  // by key
     CKey* m_pOldestKey = nullptr;               // owned by m_Keys
     CKey* m_pNewestKey = nullptr;
     uint64_t m_ullKeyBytes = 0;
+};
+
+// The lengths of the frames of consecutive messages. Valid while the log has them.
+class CForwardRange final : public IFrameLengths {
+public:
+    // The aCount messages from aFirst on, with aFraming.
+    CForwardRange(const CForwardLog& aLog, uint64_t aFirst, DWORD aCount, EForwardFraming aFraming)
+        : m_Log(aLog), m_ullFirst(aFirst), m_dwCount(aCount), m_dwHeader(HeaderLengthOf(aFraming)) {}
+
+    DWORD GetCount() const override { return m_dwCount; }
+    DWORD CountWithin(DWORD aBytes, DWORD& aRest) const override;
+
+private:
+    // The bytes of the first aCount frames.
+    uint64_t GetBytes_i(DWORD aCount) const {
+        return m_Log.GetBytesBefore(m_ullFirst + aCount) - m_Log.GetBytesBefore(m_ullFirst) + uint64_t{aCount} * m_dwHeader;
+    }
+
+    const CForwardLog& m_Log;
+    const uint64_t m_ullFirst;
+    const DWORD m_dwCount;
+    const DWORD m_dwHeader;
 };
 
 }  // namespace talvo

@@ -14,12 +14,6 @@ CmResult NewStorage(DWORD aSize, CCmRefPtrT<CCmDataBlock>& aBlock) {
     return CCmDataBlock::CreateInstance(aBlock.ParaOut(), aSize, nullptr);
 }
 
-void WriteHeader(char* aTo, DWORD aLength) {
-    const DWORD dwLength = htonl(aLength);
-    *aTo = static_cast<char>(CS_PDU_TYPE_DATA_NORMAL);
-    std::memcpy(aTo + 1, &dwLength, sizeof dwLength);
-}
-
 void WritePayload(char* aTo, const CCmMessageBlock& aData) {
     for (const CCmMessageBlock* pMb = &aData; pMb; pMb = pMb->GetNext()) {
         std::memcpy(aTo, pMb->GetTopLevelReadPtr(), pMb->GetTopLevelLength());
@@ -29,22 +23,33 @@ void WritePayload(char* aTo, const CCmMessageBlock& aData) {
 
 }  // namespace
 
+char* WriteForwardHeader(char* aTo, EForwardFraming aFraming, DWORD aLength) {
+    if (aFraming == EForwardFraming::PACKAGE)
+        *aTo++ = static_cast<char>(CS_PDU_TYPE_DATA_NORMAL);
+    if (aFraming == EForwardFraming::NONE)
+        return aTo;
+    const DWORD dwLength = htonl(aLength);
+    std::memcpy(aTo, &dwLength, sizeof dwLength);
+    return aTo + sizeof dwLength;
+}
+
 CmResult CForwardPacker::Pack(const CCmMessageBlock& aData, DWORD aLength, const CCmForwardHeader* aHeader,
                               CForwardMessage& aMessage) {
     const BOOL bCopy = aLength <= MAX_COPIED;
     CCmChainPtr pPayload(bCopy ? nullptr : aData.DuplicateChained());
-    char* pTo = bCopy || pPayload ? Reserve_i(CForwardMessage::HEADER_LENGTH + (bCopy ? aLength : 0)) : nullptr;
+    aMessage.m_Framing = bCopy ? m_Framing : EForwardFraming::PACKAGE;
+    char* pTo = bCopy || pPayload ? Reserve_i(aMessage.GetHeaderLength() + (bCopy ? aLength : 0)) : nullptr;
     if (!pTo)
         return CM_ERROR_OUT_OF_MEMORY;
-    WriteHeader(pTo, aLength);
-    if (bCopy)
-        WritePayload(pTo + CForwardMessage::HEADER_LENGTH, aData);
     aMessage.m_pBlock = m_pBlock;
     aMessage.m_pPayload = std::move(pPayload);
     aMessage.m_ullKey = aHeader ? aHeader->m_ullKey : 0;
-    aMessage.m_dwFlags = aHeader ? aHeader->m_dwFlags : 0;
+    aMessage.m_byFlags = aHeader ? static_cast<BYTE>(aHeader->m_dwFlags) : BYTE{0};
     aMessage.m_dwOffset = static_cast<DWORD>(pTo - m_pBlock->GetBasePtr());
     aMessage.m_dwLength = aLength;
+    pTo = WriteForwardHeader(pTo, aMessage.m_Framing, aLength);
+    if (bCopy)
+        WritePayload(pTo, aData);
     return CM_OK;
 }
 
@@ -61,11 +66,11 @@ char* CForwardPacker::Reserve_i(DWORD aCount) {
 }
 
 CmResult CForwardPacker::Separate(CForwardMessage& aMessage) {
-    const DWORD dwLength = CForwardMessage::HEADER_LENGTH + (aMessage.m_pPayload ? 0 : aMessage.m_dwLength);
+    const DWORD dwLength = aMessage.GetStored();
     CCmRefPtrT<CCmDataBlock> pBlock;
     if (NewStorage(dwLength, pBlock) != CM_OK)
         return CM_ERROR_OUT_OF_MEMORY;
-    std::memcpy(pBlock->GetBasePtr(), aMessage.m_pBlock->GetBasePtr() + aMessage.m_dwOffset, dwLength);
+    std::memcpy(pBlock->GetBasePtr(), aMessage.GetStorage(), dwLength);
     aMessage.m_pBlock = std::move(pBlock);
     aMessage.m_dwOffset = 0;
     return CM_OK;

@@ -26,7 +26,10 @@ BOOL IsClosed(ICmTransport& aTransport) {
 
 CForwardReceiver::CForwardReceiver(CForwardCore& aCore, const CForwardLog& aLog, const CCmForwardReceiverOptions& aOptions,
                                    DWORD aId)
-    : m_pCore(&aCore), m_Cursor(aLog, aOptions), m_strLabel(aOptions.m_strLabel), m_dwId(aId) {
+    : m_pCore(&aCore),
+      m_Cursor(aLog, aOptions),
+      m_pLabel(aOptions.m_strLabel.empty() ? nullptr : std::make_unique<const CCmString>(aOptions.m_strLabel)),
+      m_dwId(aId) {
     ++s_Live;
 }
 
@@ -150,51 +153,74 @@ EForwardFraming CForwardReceiver::GetFraming_i() const {
     return m_pFramed->GetFraming() == IFramedSending::LENGTH ? EForwardFraming::LENGTH : EForwardFraming::PACKAGE;
 }
 
+BOOL CForwardReceiver::HasFraming(EForwardFraming& aFraming) const {
+    aFraming = GetFraming_i();
+    return m_Way == FRAMES || m_Way == STREAM;
+}
+
 CmResult CForwardReceiver::Serve(const CForwardLog& aLog) {
     const CCmRefPtrT<CForwardReceiver> pKeep(this);
     m_Cursor.NoteLag(aLog);
-    return m_Way == FRAMES || m_Way == STREAM ? ServeFrames_i(aLog) : ServeMessages_i(aLog);
+    if (m_Way != FRAMES && m_Way != STREAM)
+        return ServeMessages_i(aLog);
+    return m_Cursor.IsPlain() ? ServePlain_i(aLog) : ServeChosen_i(aLog);
+}
+
+// Messages whose storage has another framing are encoded once for all receivers that are there.
+CmResult CForwardReceiver::ServePlain_i(const CForwardLog& aLog) {
+    const CForwardMessage& first = aLog.At(m_Cursor.GetNext()).m_Message;
+    const BOOL bAsStored = first.m_pPayload || first.m_Framing == GetFraming_i();
+    if (const CForwardBatch* pBatch = bAsStored ? nullptr : m_pCore->FindBatch(m_Cursor.GetNext(), GetFraming_i()))
+        return ServeBatch_i(aLog, *pBatch);
+    CForwardChain chain(GetFraming_i());
+    const DWORD dwCount = chain.AddFrom(aLog, m_Cursor.GetNext());
+    return dwCount > 0 ? SendRange_i(aLog, chain.GetHead(), dwCount) : ServeMessages_i(aLog);
 }
 
 CmResult CForwardReceiver::ServeBatch_i(const CForwardLog& aLog, const CForwardBatch& aBatch) {
     CCmMessageBlock frames(aBatch.GetBlock());
     frames.AdvanceTopLevelWritePtr(aBatch.GetBlock()->GetLength());
+    return SendRange_i(aLog, frames, aBatch.GetCount());
+}
+
+// The next aCount messages.
+CmResult CForwardReceiver::SendRange_i(const CForwardLog& aLog, CCmMessageBlock& aFrames, DWORD aCount) {
+    const CForwardRange lengths(aLog, m_Cursor.GetNext(), aCount, GetFraming_i());
     DWORD dwTaken = 0;
-    const CmResult rv = SendFrames_i(frames, aBatch.GetLengths(), aBatch.GetCount(), dwTaken);
+    const CmResult rv = SendFrames_i(aFrames, lengths, dwTaken);
     if (IsGone())
         return CM_OK;
     m_Cursor.TakeMany(aLog, dwTaken);
     return Refused_i(rv);
 }
 
-CmResult CForwardReceiver::SendFrames_i(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken) {
-    return m_Way == FRAMES ? m_pFramed->SendFrames(aFrames, aLengths, aCount, aTaken)
-                           : m_Rest.SendFrames(*m_pSending, aFrames, aLengths, aCount, aTaken);
+CmResult CForwardReceiver::SendFrames_i(CCmMessageBlock& aFrames, const IFrameLengths& aLengths, DWORD& aTaken) {
+    return m_Way == FRAMES ? m_pFramed->SendFrames(aFrames, aLengths, aTaken)
+                           : m_Rest.SendFrames(*m_pSending, aFrames, aLengths, aTaken);
 }
 
 // A look-ahead fills the chain. If the transport takes less, only so many are taken.
-CmResult CForwardReceiver::ServeFrames_i(const CForwardLog& aLog) {
-    if (m_Cursor.IsPlain()) {
-        if (const CForwardBatch* pBatch = m_pCore->FindBatch(m_Cursor.GetNext(), GetFraming_i()))
-            return ServeBatch_i(aLog, *pBatch);
-    }
+CmResult CForwardReceiver::ServeChosen_i(const CForwardLog& aLog) {
     CForwardChain chain(GetFraming_i());
+    CForwardLengths lengths;
     CForwardCursor ahead(m_Cursor);
     const CForwardEntry* pEntry = ahead.Peek(aLog);
     const CForwardEntry* pFirst = pEntry;
-    for (; pEntry && chain.Add(pEntry->m_Message); pEntry = ahead.Peek(aLog))
+    for (; pEntry && !lengths.IsFull() && chain.Add(pEntry->m_Message); pEntry = ahead.Peek(aLog)) {
+        lengths.Add(HeaderLengthOf(GetFraming_i()) + pEntry->m_Message.m_dwLength);
         ahead.Take(pEntry->m_Message.m_dwLength);
+    }
     if (chain.IsEmpty() && pFirst)
-        return ServeMessages_i(aLog);  // too many pieces
+        return ServeMessages_i(aLog);  // too many pieces, or another framing
     if (chain.IsEmpty()) {
         m_Cursor = ahead;
         return CM_OK;
     }
     DWORD dwTaken = 0;
-    const CmResult rv = SendFrames_i(chain.GetHead(), chain.GetLengths(), chain.GetCount(), dwTaken);
+    const CmResult rv = SendFrames_i(chain.GetHead(), lengths, dwTaken);
     if (IsGone())
         return CM_OK;
-    if (dwTaken == chain.GetCount())
+    if (dwTaken == lengths.GetCount())
         m_Cursor = ahead;
     else
         for (; dwTaken > 0; --dwTaken)
@@ -246,7 +272,7 @@ CmResult CForwardReceiver::SendMessage_i(const CForwardMessage& aMessage) {
         return pPayload ? SendPayload_i(*pPayload) : CM_ERROR_OUT_OF_MEMORY;
     }
     CCmMessageBlock block(aMessage.m_pBlock);
-    const DWORD dwOffset = aMessage.m_dwOffset + CForwardMessage::HEADER_LENGTH;
+    const DWORD dwOffset = aMessage.m_dwOffset + aMessage.GetHeaderLength();
     block.AdvanceTopLevelWritePtr(dwOffset + aMessage.m_dwLength);
     block.AdvanceTopLevelReadPtr(dwOffset);
     CCmMessageBlock payload(block, aMessage.m_dwLength);

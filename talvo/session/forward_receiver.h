@@ -1,6 +1,8 @@
 // A receiver of a forward session: a cursor and a transport.
 #pragma once
 
+#include <memory>
+
 #include "talvo/base/ref_ptr.h"
 #include "talvo/base/reference_control.h"
 #include "talvo/connection/protocol/frame_queue.h"
@@ -34,7 +36,9 @@ public:
     DWORD GetId() const { return m_dwId; }
     CForwardCursor& GetCursor() { return m_Cursor; }
     const CForwardCursor& GetCursor() const { return m_Cursor; }
-    const CCmString& GetLabel() const { return m_strLabel; }
+    CCmString GetLabel() const { return m_pLabel ? *m_pLabel : CCmString(); }
+    // TRUE: it sends frames of its own, whose framing is aFraming (out).
+    BOOL HasFraming(EForwardFraming& aFraming) const;
     // The longest message that its transport can take.
     DWORD GetMaxMessage() const;
     // FALSE: a message that it is due is longer.
@@ -60,8 +64,6 @@ public:
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
 
     CCmRefPtrT<CForwardReceiver> m_pNextNotice;  // the list of those with an upcall to come
-    bool m_bNoticed = false;                     // in that list
-    bool m_bReports = false;                     // it is gone, and OnReceiver is due
 
 private:
     enum EWay : BYTE { FRAMES /* its connection takes them */, STREAM /* it counts the bytes itself */, MESSAGES, DATAGRAMS };
@@ -71,8 +73,10 @@ private:
     void FindWay_i();
     EForwardFraming GetFraming_i() const;
     CmResult ServeBatch_i(const CForwardLog& aLog, const CForwardBatch& aBatch);
-    CmResult ServeFrames_i(const CForwardLog& aLog);
-    CmResult SendFrames_i(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken);
+    CmResult ServePlain_i(const CForwardLog& aLog);
+    CmResult ServeChosen_i(const CForwardLog& aLog);
+    CmResult SendRange_i(const CForwardLog& aLog, CCmMessageBlock& aFrames, DWORD aCount);
+    CmResult SendFrames_i(CCmMessageBlock& aFrames, const IFrameLengths& aLengths, DWORD& aTaken);
     CmResult ServeMessages_i(const CForwardLog& aLog);
     CmResult SendMessages_i(const CForwardLog& aLog);
     CmResult SendMessage_i(const CForwardMessage& aMessage);
@@ -82,12 +86,12 @@ private:
 
     CForwardCore* m_pCore;  // not owned; null: gone
     CForwardCursor m_Cursor;
-    CCmRefPtrT<ICmTransport> m_pTransport;    // the user's: a proxy, or the transport itself
-    CCmRefPtrT<ICmTransport> m_pSending;      // of this thread
-    ICmTransportSink* m_pUserSink = nullptr;  // not owned; null behind a proxy
-    IFramedSending* m_pFramed = nullptr;      // m_pSending, if it is one
-    CFrameQueue m_Rest;                       // of a message that a raw stream has taken in part
-    CCmString m_strLabel;
+    CCmRefPtrT<ICmTransport> m_pTransport;            // the user's: a proxy, or the transport itself
+    CCmRefPtrT<ICmTransport> m_pSending;              // of this thread
+    ICmTransportSink* m_pUserSink = nullptr;          // not owned; null behind a proxy
+    IFramedSending* m_pFramed = nullptr;              // m_pSending, if it is one
+    CFrameQueue m_Rest;                               // of a message that a raw stream has taken in part
+    const std::unique_ptr<const CCmString> m_pLabel;  // null: ""
     const DWORD m_dwId;
     CmResult m_Reason = CM_OK;
     EWay m_Way = STREAM;
@@ -95,6 +99,10 @@ private:
     bool m_bStarted = false;
     bool m_bRefused = false;
     bool m_bGone = false;
+
+public:
+    bool m_bNoticed = false;  // in the list of m_pNextNotice
+    bool m_bReports = false;  // it is gone, and OnReceiver is due
 };
 
 }  // namespace talvo

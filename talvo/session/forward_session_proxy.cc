@@ -43,6 +43,11 @@ CmResult CForwardQueue::Push(const CCmMessageBlock& aData, DWORD aLength, const 
     return CM_OK;
 }
 
+void CForwardQueue::SetFraming(EForwardFraming aFraming) {
+    Guard guard(m_Mutex);
+    m_Packer.SetFraming(aFraming);
+}
+
 BOOL CForwardQueue::Take(std::vector<CForwardMessage>& aMessages) {
     Guard guard(m_Mutex);
     m_Messages.swap(aMessages);
@@ -109,8 +114,14 @@ CmResult CForwardProxyCore::Open_i() {
         m_pCore.Reset();
         return CM_ERROR_NULL_POINTER;
     }
-    NoteLimit_i();
+    NoteReceivers_i();
     return CM_OK;
+}
+
+// What the user's thread needs of them.
+void CForwardProxyCore::NoteReceivers_i() {
+    m_dwMaxMessage = m_pCore->GetLeastMaxMessage();
+    m_Queue.SetFraming(m_pCore->GetFraming());
 }
 
 // Runs aUse in the network thread, unless the session is closed.
@@ -125,7 +136,7 @@ CmResult CForwardProxyCore::AddReceiver(ICmTransport* aTransport, const CCmForwa
             return CM_ERROR_OUT_OF_MEMORY;
         Drain_i();  // these were forwarded before
         const CmResult rv = aCore.AddReceiver(aTransport, aOptions, aId);
-        NoteLimit_i();
+        NoteReceivers_i();
         return rv;
     });
 }
@@ -137,7 +148,7 @@ CmResult CForwardProxyCore::RemoveReceiver(DWORD aId, CmResult aReason) {
 CmResult CForwardProxyCore::SetOption(DWORD aCommand, void* aArg) {
     return Call_i([&](CForwardCore& aCore) {
         const CmResult rv = aCore.SetOption(aCommand, aArg);
-        NoteLimit_i();
+        NoteReceivers_i();
         return rv;
     });
 }

@@ -20,6 +20,8 @@ public:
 
     // CM_ERROR_PARTIAL_DATA: full. CM_ERROR_OUT_OF_MEMORY. aWake (out): wake the network thread now.
     CmResult Push(const CCmMessageBlock& aData, DWORD aLength, const CCmForwardHeader* aHeader, BOOL& aWake);
+    // See CForwardPacker.
+    void SetFraming(EForwardFraming aFraming);
     // Moves all messages to the empty aMessages. FALSE: there are none.
     BOOL Take(std::vector<CForwardMessage>& aMessages);
     // Messages of that cost are forwarded. TRUE: a push was refused before, and there is room again.
@@ -63,7 +65,7 @@ private:
 //  upcalls <------------------------ events -------------------- its upcalls
 //
 // One event in flight brings any number of messages. A message is copied or duplicated once, by the caller of Forward.
-class CForwardProxyCore final : public CProxyCore, public ICmForwardSink {
+class TALVO_API CForwardProxyCore final : public CProxyCore, public ICmForwardSink {
 public:
     CForwardProxyCore(ICmForwardSink& aSink, CCmThreadLink& aUser, CCmThreadLink& aNetwork);
     ~CForwardProxyCore() override;
@@ -91,7 +93,7 @@ private:
     template <class Use>
     CmResult Call_i(Use aUse);
     BOOL IsTooLong_i(DWORD aLength);
-    void NoteLimit_i() { m_dwMaxMessage = m_pCore->GetLeastMaxMessage(); }
+    void NoteReceivers_i();
     void Drain_i();
     void End_i(CmResult aReason);
     void EndAbandoned_i();
@@ -116,7 +118,7 @@ private:
     size_t m_stNext = 0;
 };
 
-class CForwardSessionProxy final : public CForwardHandleT<CThreadProxyT<ICmForwardSession, CForwardProxyCore>> {
+class TALVO_API CForwardSessionProxy final : public CForwardHandleT<CThreadProxyT<ICmForwardSession, CForwardProxyCore>> {
 public:
     static CmResult Make(ICmForwardSink& aSink, CCmThreadLink& aUser, CCmThreadLink& aNetwork, ICmForwardSession*& aSession);
 

@@ -215,11 +215,51 @@ TEST_F(ForwardTest, LimitsOfTimeBytesAndRoomAgain) {
     // Limits count from OnJoin on, also if they were reached before.
     const CCmRefPtrT<CFakeLower> pLate(new CFakeLower);
     pLate->m_dwRoom = 0;
-    Add(*pLate, Options(CM_FORWARD_WAIT, 2));
-    for (int i = 0; i < 3; ++i)
+    Add(*pLate, Options(CM_FORWARD_WAIT, 4));
+    for (int i = 0; i < 5; ++i)
         EXPECT_EQ(CM_OK, Forward("z"));
     Turn();
     EXPECT_EQ(CM_ERROR_PARTIAL_DATA, Forward("z"));
+    // OnForward comes at half of the limit, so that it is worth while.
+    m_Sink.Take();
+    pLate->MakeRoom(2);
+    Turn();
+    EXPECT_EQ(Lines{}, m_Sink.Take());
+    pLate->MakeRoom(1);
+    Turn();
+    EXPECT_EQ(Lines{"forward"}, m_Sink.Take());
+}
+
+TEST_F(ForwardTest, MessagesThatLieInTheLogAsTheyLeaveAreEncodedAnewForOtherTypes) {
+    const CCmRefPtrT<CFakeLower> pRaw(new CFakeLower), pSlow(new CFakeLower);
+    CConnEnd<CLenPkgConn> late;
+    late.Connect();
+    pSlow->m_dwRoom = 1001;
+    Add(*pRaw);
+    const DWORD dwSlow = Add(*pSlow);
+    Turn();
+    std::string strAll, strFramed;
+    uint64_t ullBegun = 0;
+    for (size_t i = 0; i < 900; ++i) {
+        const std::string strText = std::to_string(10000 + i) + Pattern(i == 500 ? 2000 : i % 50);
+        ullBegun += strAll.size() < 1001;
+        EXPECT_EQ(CM_OK, Forward(strText));
+        strAll += strText;
+        strFramed += Framed(strText);
+    }
+    Turn();
+    EXPECT_EQ(Lines{strAll}, pRaw->m_Sends);
+    EXPECT_EQ(ullBegun, StatisticsOf(*m_pSession, dwSlow).m_Sent.m_ullMessages);
+    CCmForwardReceiverOptions options;
+    options.m_Join = CM_FORWARD_JOIN_OLDEST;
+    DWORD dwId = 0;
+    EXPECT_EQ(CM_OK, m_pSession->AddReceiver(late.m_pConn.Get(), options, dwId));
+    EXPECT_EQ(CM_OK, Forward("both"));
+    pSlow->MakeRoom();
+    for (int i = 0; i < 3; ++i)
+        Turn();
+    EXPECT_EQ(strAll + "both", pSlow->GetSent());
+    EXPECT_EQ(strFramed + Framed("both"), late.m_pLower->TakeSent());
 }
 
 TEST_F(ForwardTest, AForgottenKeyIsNoSilentLoss) {

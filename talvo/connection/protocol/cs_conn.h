@@ -48,7 +48,7 @@ public:
     CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara = nullptr) override;
     // For a thread proxy, which frames messages itself.
     EFraming GetFraming() const override { return m_bNeedACK || m_bDatagrams ? NOT_FRAMED : PACKAGE; }
-    CmResult SendFrames(CCmMessageBlock& aFrames, const CmDword* aLengths, CmDword aCount, CmDword& aTaken) override;
+    CmResult SendFrames(CCmMessageBlock& aFrames, const talvo::IFrameLengths& aLengths, CmDword& aTaken) override;
     // The commands of ECsOption and, of ECmTransportOption, 141 and 144 to 146. All others go to the transport below,
     // CM_ERROR_NOT_AVAILABLE without one.
     CmResult SetOption(CmDword aCommand, void* aArg) override;

@@ -93,7 +93,7 @@ CmResult CCsConn::SendDirect_i(CCmMessageBlock& aData) {
     return EndIfBroken_i(m_Direct.SendData(aData));
 }
 
-CmResult CCsConn::SendFrames(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken) {
+CmResult CCsConn::SendFrames(CCmMessageBlock& aFrames, const talvo::IFrameLengths& aLengths, DWORD& aTaken) {
     m_Est.EnsureSingleThread();
     aTaken = 0;
     if (m_wStatus != CS_STATUS_CONNECTED || !m_pTransport)
@@ -102,7 +102,7 @@ CmResult CCsConn::SendFrames(CCmMessageBlock& aFrames, const DWORD* aLengths, DW
         if (const CmResult rv = SendDataFromSendBuf(); rv != CM_OK)
             return rv;
     }
-    return EndIfBroken_i(m_Direct.SendFrames(aFrames, aLengths, aCount, aTaken));
+    return EndIfBroken_i(m_Direct.SendFrames(aFrames, aLengths, aTaken));
 }
 
 CmResult CCsConn::EndIfBroken_i(CmResult aResult) {

@@ -52,8 +52,8 @@ CmResult CDirectSending::GatherData(CCmMessageBlock& aData, BOOL aNeedACK) {
     return rv;
 }
 
-CmResult CDirectSending::SendFrames(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken) {
-    const CmResult rv = m_Pending.SendFrames(*m_pTransport, aFrames, aLengths, aCount, aTaken);
+CmResult CDirectSending::SendFrames(CCmMessageBlock& aFrames, const IFrameLengths& aLengths, DWORD& aTaken) {
+    const CmResult rv = m_Pending.SendFrames(*m_pTransport, aFrames, aLengths, aTaken);
     if (rv == CM_ERROR_OUT_OF_MEMORY && aTaken > 0)
         m_bBroken = TRUE;
     if (aTaken > 0)

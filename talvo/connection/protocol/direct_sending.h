@@ -35,7 +35,7 @@ public:
     // The same without sending. CM_ERROR_OUT_OF_MEMORY: not taken.
     CmResult GatherData(CCmMessageBlock& aData, CmBool aNeedACK);
     // Whole PDUs, see CFrameQueue. CM_ERROR_OUT_OF_MEMORY: broken.
-    CmResult SendFrames(CCmMessageBlock& aFrames, const CmDword* aLengths, CmDword aCount, CmDword& aTaken);
+    CmResult SendFrames(CCmMessageBlock& aFrames, const IFrameLengths& aLengths, CmDword& aTaken);
     // A PDU without payload, after the pending bytes. The transport's result; if refused, it is pending.
     CmResult SendPdu(const CCsPduBase& aPdu);
     // Likewise, with three tries; dropped if a datagram transport refuses it. aPdu: encoded.

@@ -70,7 +70,7 @@ CmResult CFrameQueue::Send(ICmTransport& aTransport, const void* aHeader, DWORD 
     return rv;
 }
 
-CmResult CFrameQueue::SendFrames(ICmTransport& aTransport, CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount,
+CmResult CFrameQueue::SendFrames(ICmTransport& aTransport, CCmMessageBlock& aFrames, const IFrameLengths& aLengths,
                                  DWORD& aTaken) {
     aTaken = 0;
     if (const CmResult rv = IsEmpty() ? CM_OK : Flush(aTransport); rv != CM_OK)
@@ -78,15 +78,14 @@ CmResult CFrameQueue::SendFrames(ICmTransport& aTransport, CCmMessageBlock& aFra
     CCmTransportParameter para;
     const CmResult rv = aTransport.SendData(aFrames, &para);
     if (rv == CM_OK) {
-        aTaken = aCount;
+        aTaken = aLengths.GetCount();
         return rv;
     }
-    DWORD dwSent = para.m_dwHaveSent;
-    while (aTaken < aCount && aLengths[aTaken] <= dwSent)
-        dwSent -= aLengths[aTaken++];
-    if (dwSent == 0)
+    DWORD dwRest = 0;
+    aTaken = aLengths.CountWithin(para.m_dwHaveSent, dwRest);
+    if (dwRest == 0)
         return rv;
-    const DWORD dwRest = aLengths[aTaken++] - dwSent;
+    ++aTaken;
     return KeepFirst_i(aFrames, dwRest) == CM_OK ? rv : CM_ERROR_OUT_OF_MEMORY;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "talvo/base/block_chain.h"
+#include "talvo/connection/protocol/framed_sending.h"
 #include "talvo/transport/transport_interface.h"
 
 namespace talvo {
@@ -28,8 +29,7 @@ public:
     // Sends the frames of aFrames, whose lengths are aLengths, after the queued bytes. Of the last frame that the transport
     // takes in part the rest is queued; those after it stay the caller's. aTaken (out): the frames that are sent or queued. The
     // transport's result; CM_ERROR_OUT_OF_MEMORY: the stream cannot continue. Streams only.
-    CmResult SendFrames(ICmTransport& aTransport, CCmMessageBlock& aFrames, const CmDword* aLengths, CmDword aCount,
-                        CmDword& aTaken);
+    CmResult SendFrames(ICmTransport& aTransport, CCmMessageBlock& aFrames, const IFrameLengths& aLengths, CmDword& aTaken);
 
     // Adds a frame without sending. CM_ERROR_OUT_OF_MEMORY: the queue is unchanged.
     CmResult Add(const void* aHeader, CmDword aHeaderLen, const CCmMessageBlock& aPayload);

@@ -6,6 +6,18 @@
 
 namespace talvo {
 
+// The lengths of the frames of one send. They are asked for only if the transport takes a part.
+class IFrameLengths {
+public:
+    virtual CmDword GetCount() const = 0;  // of the frames
+    // The number of frames that the first aBytes bytes complete. aRest (out): the bytes behind these that complete the next
+    // frame; 0: it has not begun.
+    virtual CmDword CountWithin(CmDword aBytes, CmDword& aRest) const = 0;
+
+protected:
+    ~IFrameLengths() = default;
+};
+
 // A connection that can send frames encoded once for many connections. One thread.
 class IFramedSending {
 public:
@@ -20,7 +32,7 @@ public:
     // sent, or of the last one a part is sent and the rest kept. CM_OK: all. CM_ERROR_PARTIAL_DATA: OnSend follows.
     // CM_ERROR_NOT_AVAILABLE: not connected. CM_ERROR_OUT_OF_MEMORY: the connection has ended with OnDisconnect. Else the
     // transport's result. The lengths of the messages are not checked.
-    virtual CmResult SendFrames(CCmMessageBlock& aFrames, const CmDword* aLengths, CmDword aCount, CmDword& aTaken) = 0;
+    virtual CmResult SendFrames(CCmMessageBlock& aFrames, const IFrameLengths& aLengths, CmDword& aTaken) = 0;
 
 protected:
     ~IFramedSending() = default;

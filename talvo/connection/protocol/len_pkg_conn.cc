@@ -92,12 +92,12 @@ CmResult CLenPkgConn::SendData_i(CCmMessageBlock& aData, DWORD aLength) {
     return CM_OK;
 }
 
-CmResult CLenPkgConn::SendFrames(CCmMessageBlock& aFrames, const DWORD* aLengths, DWORD aCount, DWORD& aTaken) {
+CmResult CLenPkgConn::SendFrames(CCmMessageBlock& aFrames, const talvo::IFrameLengths& aLengths, DWORD& aTaken) {
     m_Est.EnsureSingleThread();
     aTaken = 0;
     if (m_wStatus != CS_STATUS_CONNECTED)
         return CM_ERROR_NOT_AVAILABLE;
-    const CmResult rv = m_Pending.SendFrames(*m_pTransport, aFrames, aLengths, aCount, aTaken);
+    const CmResult rv = m_Pending.SendFrames(*m_pTransport, aFrames, aLengths, aTaken);
     if (rv == CM_ERROR_OUT_OF_MEMORY)
         OnDisconnect(rv, m_pTransport.Get());
     return rv;

@@ -38,7 +38,7 @@ public:
 
     // For a thread proxy, which frames messages itself.
     EFraming GetFraming() const override { return LENGTH; }
-    CmResult SendFrames(CCmMessageBlock& aFrames, const CmDword* aLengths, CmDword aCount, CmDword& aTaken) override;
+    CmResult SendFrames(CCmMessageBlock& aFrames, const talvo::IFrameLengths& aLengths, CmDword& aTaken) override;
 
     // CS_OPT_MAX_MESSAGE_LEN, CM_OPT_TRANSPORT_UNACKNOWLEDGED, _MAX_MESSAGE and _CORK. All others go to the transport below,
     // CM_ERROR_NOT_AVAILABLE without one. While corked, up to 64 KiB are gathered. While reading is paused, messages from an
