@@ -34,6 +34,8 @@ public:
 
     void Run() {
         Expect(CCmConnectionManager::Instance()->CreateForwardSession(this, m_pSession.ParaOut()));
+        DWORD dwNone = 0;  // no receiver joins later
+        Expect(m_pSession->SetOption(CM_OPT_FORWARD_HISTORY, &dwNone));
         Expect(CCmConnectionManager::Instance()->CreateConnectionServer(TypeOf(m_Work), m_pAcceptor.ParaOut()));
         Expect(m_pAcceptor->StartListen(this, CCmInetAddr("127.0.0.1", m_Work.m_wPort)));
         bench::PrintReady();
