@@ -212,7 +212,9 @@ TEST_F(ForwardTest, LimitsOfTimeBytesAndRoomAgain) {
     EXPECT_EQ("xyzz", pWaits->TakeSent());
     Pass(CCmTimeValue(1));
     EXPECT_EQ(std::vector<CmResult>{CM_OK}, pWaits->m_Disconnects);
-    // Limits count from OnJoin on, also if they were reached before.
+}
+
+TEST_F(ForwardTest, LimitsCountFromOnJoinAndRoomIsReportedAtTheirHalf) {
     const CCmRefPtrT<CFakeLower> pLate(new CFakeLower);
     pLate->m_dwRoom = 0;
     Add(*pLate, Options(CM_FORWARD_WAIT, 4));
@@ -220,7 +222,6 @@ TEST_F(ForwardTest, LimitsOfTimeBytesAndRoomAgain) {
         EXPECT_EQ(CM_OK, Forward("z"));
     Turn();
     EXPECT_EQ(CM_ERROR_PARTIAL_DATA, Forward("z"));
-    // OnForward comes at half of the limit, so that it is worth while.
     m_Sink.Take();
     pLate->MakeRoom(2);
     Turn();
