@@ -214,6 +214,21 @@ TEST_F(ForwardTest, LimitsOfTimeBytesAndRoomAgain) {
     EXPECT_EQ(std::vector<CmResult>{CM_OK}, pWaits->m_Disconnects);
 }
 
+TEST_F(ForwardTest, AShorterLimitOfTimeThanThatOfAnEarlierReceiverIsKept) {
+    const CCmRefPtrT<CFakeLower> pLong(new CFakeLower), pShort(new CFakeLower);
+    pLong->m_dwRoom = pShort->m_dwRoom = 0;
+    Add(*pLong, Options(CM_FORWARD_DISCONNECT, 0, 60000));
+    Turn();
+    EXPECT_EQ(CM_OK, Forward("a"));
+    Add(*pShort, Options(CM_FORWARD_DISCONNECT, 0, 1000));
+    Turn();
+    EXPECT_EQ(CM_OK, Forward("b"));
+    m_Sink.Take();
+    Pass(CCmTimeValue(1, 100000));
+    Turn();
+    EXPECT_EQ(Lines{"gone 2 10013"}, m_Sink.Take());
+}
+
 TEST_F(ForwardTest, LimitsCountFromOnJoinAndRoomIsReportedAtTheirHalf) {
     const CCmRefPtrT<CFakeLower> pLate(new CFakeLower);
     pLate->m_dwRoom = 0;

@@ -10,7 +10,7 @@ namespace {
 
 constexpr uint64_t SEEDS = 2000;
 constexpr uint64_t SEEDS_A_TEST = 250;
-constexpr uint64_t FORWARD_SEEDS = 3500;  // a range with a receiver whose limit is shorter than that of an earlier one
+constexpr uint64_t FORWARD_SEEDS = 3500;
 constexpr DWORD PACKAGE =
     CCmConnectionManager::CTYPE_PDU_PACKAGE | CCmConnectionManager::CTYPE_PDU_KEEPALIVE | CCmConnectionManager::CTYPE_TCP;
 
