@@ -30,7 +30,7 @@ CmResult CCmEventQueueUsingConditionVariable::PopOrWaitPendingEvents(EventsType&
                                                                      unsigned long aMaxCount) {
     return PopPendingEvents(aEvents, aMaxCount, nullptr, [&] {
         Guard guard(m_Mutex);
-        if (GetPendingEventsCount() == 0)
+        if (aEvents.empty() && GetPendingEventsCount() == 0)
             Wait_l(aTimeout);
         Collect_l();
     });

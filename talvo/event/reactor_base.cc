@@ -63,11 +63,16 @@ CmResult CCmReactorBase::RegisterHandler(ACmEventHandler* aEh, long aMask) {
     }
     if (pElement->m_pEh == aEh && pElement->m_nMask == lMask)
         return CM_OK;
-    const BOOL bAdded = (lMask & ~pElement->m_nMask) != 0 || pElement->m_pEh != aEh;
+    const BOOL bOther = pElement->m_pEh != aEh;
+    const BOOL bAdded = (lMask & ~pElement->m_nMask) != 0 || bOther;
     const CmResult rv = m_Handlers.Bind(fd, aEh, lMask | (aMask & FLAG_MASK));
-    if (bAdded || (lMask & ACmEventHandler::DATAGRAM_MASK))
-        OnHandleMaskAdded(fd);
-    return rv;
+    if (!bAdded && !(lMask & ACmEventHandler::DATAGRAM_MASK))
+        return rv;
+    if (OnHandleMaskAdded(fd) == CM_OK || !bOther)
+        return rv;
+    m_Handlers.UnBind(fd);
+    OnHandleRemoved(fd);
+    return CM_ERROR_UNEXPECTED;
 }
 
 CmResult CCmReactorBase::RemoveHandler(ACmEventHandler* aEh, long aMask) {
@@ -233,6 +238,6 @@ CmResult CCmReactorBase::Close() {
     return CM_OK;
 }
 
-void CCmReactorBase::OnHandleMaskAdded(HANDLE) {}
+CmResult CCmReactorBase::OnHandleMaskAdded(HANDLE) { return CM_OK; }
 
 CmResult CCmReactorBase::OnHandleClosing(HANDLE aFd) { return OnHandleRemoved(aFd); }

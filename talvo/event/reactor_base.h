@@ -65,8 +65,8 @@ protected:
     // flags above ALL_EVENTS_MASK from the caller of RegisterHandler. After OnHandleClosing the handle may be watched still.
     virtual CmResult OnHandleRegister(CmHandle aFd, long aMask, ACmEventHandler* aEh) = 0;
     // A watched handle has new kinds or another handler: report the readiness that exists already. For a handle of datagrams:
-    // its kinds have changed in any way.
-    virtual void OnHandleMaskAdded(CmHandle aFd);
+    // its kinds have changed in any way. CM_ERROR_UNEXPECTED: that fails.
+    virtual CmResult OnHandleMaskAdded(CmHandle aFd);
 
     using CElement = CCmEventHandlerRepository::CElement;
     using CBinding = CCmEventHandlerRepository::CBinding;

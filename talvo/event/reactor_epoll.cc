@@ -425,13 +425,15 @@ CmResult CCmReactorEpoll::OnHandleRegister(HANDLE aFd, long aMask, ACmEventHandl
 }
 
 // A change of the watch, even to the same value, makes the system check the handle again and report existing readiness.
-void CCmReactorEpoll::OnHandleMaskAdded(HANDLE aFd) {
+CmResult CCmReactorEpoll::OnHandleMaskAdded(HANDLE aFd) {
     const CElement* pElement = m_Handlers.Find(aFd);
     int nRv = Watch_i(EPOLL_CTL_MOD, aFd, pElement->m_nMask, pElement->m_dwBinding);
     if (nRv == -1 && errno == ENOENT)  // the handle was closed and reused without a removal
         nRv = Watch_i(EPOLL_CTL_ADD, aFd, pElement->m_nMask, pElement->m_dwBinding);
-    if (nRv == -1)
-        CM_ERROR_TRACE_THIS("CCmReactorEpoll::OnHandleMaskAdded, epoll_ctl() failed! aFd=" << aFd << " err=" << errno);
+    if (nRv != -1)
+        return CM_OK;
+    CM_ERROR_TRACE_THIS("CCmReactorEpoll::OnHandleMaskAdded, epoll_ctl() failed! aFd=" << aFd << " err=" << errno);
+    return CM_ERROR_UNEXPECTED;
 }
 
 CmResult CCmReactorEpoll::OnHandleRemoved(HANDLE aFd) {

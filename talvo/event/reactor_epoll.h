@@ -44,7 +44,7 @@ protected:
     CmResult OnHandleRemoved(CmHandle aFd) override;
     CmResult OnHandleClosing(CmHandle aFd) override;
     CmResult OnHandleRegister(CmHandle aFd, long aMask, ACmEventHandler* aEh) override;
-    void OnHandleMaskAdded(CmHandle aFd) override;
+    CmResult OnHandleMaskAdded(CmHandle aFd) override;
 
 private:
     struct CNotification {
