@@ -23,7 +23,12 @@ constexpr long NOT_MODIFIED = 304;
 class CDigits {
 public:
     explicit CDigits(uint64_t aNumber) : m_pEnd(std::to_chars(m_szDigits, m_szDigits + sizeof m_szDigits, aNumber).ptr) {}
-    std::string_view Get() const { return {m_szDigits, static_cast<size_t>(m_pEnd - m_szDigits)}; }
+    std::string_view Get() const {
+        const auto stLength = static_cast<size_t>(m_pEnd - m_szDigits);
+        if (stLength > sizeof m_szDigits)
+            __builtin_unreachable();  // else GCC warns of longer copies
+        return {m_szDigits, stLength};
+    }
 
 private:
     char m_szDigits[24];
