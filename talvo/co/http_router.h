@@ -16,7 +16,8 @@ class incoming;
 //
 // A server with a router answers 404 for a path without a pattern; 405 with Allow for one without the method; 500 after a
 // handler that gives no answer. 400: a target that cannot be decoded, or whose decoded path has "." or ".." between slashes or
-// at an end: clients resolve these, so that a handler may append a parameter to a directory.
+// at an end, which clients resolve, or with which a parameter would begin with a slash. So a handler may append a parameter to
+// a directory.
 //
 //    talvo::http::router routes;
 //    routes.get("/users/{id}", [](talvo::http::incoming call) -> talvo::task<> {
@@ -62,7 +63,7 @@ public:
         bool decoded = query.has_value();
         for (std::string& segment : path) {
             auto text = percent_decode(segment);
-            decoded = decoded && text && !has_dots(*text);
+            decoded = decoded && text && !has_dots(*text) && !text->starts_with('/');
             segment = std::move(text).value_or("");
         }
         if (!decoded) {
@@ -94,7 +95,7 @@ private:
         return segments;
     }
 
-    // A decoded segment may contain slashes.
+    // A decoded segment may contain slashes, but not begin with one: as a part of a path it would be absolute.
     static bool has_dots(const std::string& segment) {
         const std::string path = "/" + segment + "/";
         return path.find("/./") != path.npos || path.find("/../") != path.npos;
@@ -135,10 +136,17 @@ private:
         found.serve = &each.serve;
         for (std::size_t i = 0; i < each.pattern.size(); ++i) {
             const std::string& segment = each.pattern[i];
-            if (is_rest(segment))
-                found.params.add(segment.substr(1, segment.size() - 5), join(path, i));
-            else if (is_name(segment))
+            if (is_rest(segment)) {
+                std::string rest = join(path, i);
+                if (rest.starts_with('/')) {
+                    found.serve = nullptr;
+                    found.status = 400;
+                    return true;
+                }
+                found.params.add(segment.substr(1, segment.size() - 5), std::move(rest));
+            } else if (is_name(segment)) {
                 found.params.add(segment.substr(1, segment.size() - 2), path[i]);
+            }
         }
         return true;
     }

@@ -29,7 +29,8 @@ class listener final : private ICmAcceptorConnectorSink {
 public:
     using handler = std::function<task<>(connection)>;  // called for each connection
 
-    // failed gets the exceptions of the coroutines; without it each is a line of the trace.
+    // failed gets the exceptions of the coroutines, and those of handlers that make none; without it each is a line of the
+    // trace.
     explicit listener(std::function<void(std::exception_ptr)> failed = {})
         : tasks_(failed ? std::move(failed) : detail::trace_exception) {}
     ~listener() override { stop(); }
@@ -80,7 +81,7 @@ private:
             if (opened->open(type_.is_plain_tcp()) == CM_OK)
                 tasks_.spawn(serve_(connection(opened)));
         } catch (...) {
-            detail::trace_exception(std::current_exception());
+            tasks_.fail(std::current_exception());
         }
     }
 

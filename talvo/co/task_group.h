@@ -35,6 +35,14 @@ public:
         added.insert();
     }
 
+    // Passes on an exception as that of a task: of the code that would have made one. In the thread of the group.
+    void fail(std::exception_ptr exception) noexcept {
+        if (handler_)
+            handler_(std::move(exception));
+        else if (!exception_)
+            exception_ = std::move(exception);
+    }
+
     // The tasks that have not ended.
     std::size_t size() const noexcept { return size_; }
 
@@ -145,13 +153,6 @@ private:
         wait_awaiter* next_ = nullptr;
         std::coroutine_handle<> awaiting_;
     };
-
-    void fail(std::exception_ptr exception) noexcept {
-        if (handler_)
-            handler_(std::move(exception));
-        else if (!exception_)
-            exception_ = std::move(exception);
-    }
 
     // From the loop, because a task may end inside a call of another one.
     void wake() noexcept {

@@ -45,6 +45,18 @@ talvo::task<> EchoOver(talvo::kind aKind, bool aStream, CCmSimNetwork& aNetwork)
     }
 }
 
+TEST_F(CoConnectionTest, AHandlerThatMakesNoTaskIsReported) {
+    int nFailed = 0;
+    talvo::listener listener([&](std::exception_ptr) { ++nFailed; });
+    ASSERT_TRUE(
+        listener.listen(ADDRESS, talvo::tcp, [](talvo::connection) -> talvo::task<> { throw std::runtime_error("none"); }));
+    Run([]() -> talvo::task<> {
+        auto peer = co_await talvo::connect(ADDRESS, talvo::tcp);
+        EXPECT_TRUE(peer && !co_await peer->receive());
+    }());
+    EXPECT_EQ(1, nFailed);
+}
+
 TEST_F(CoConnectionTest, EchoesOverEveryKind) {
     for (const talvo::kind kind : {talvo::tcp, talvo::length, talvo::package, talvo::reliable}) {
         m_Network.SetPath({});

@@ -52,6 +52,10 @@ TEST(HttpRouterTest, FindsHandlersAndDecodes) {
         {"GET", "/files/%2e%2E", 400, "", ""},
         {"GET", "/files/x%2F..%2Fy", 400, "", ""},
         {"GET", "/files/./x", 400, "", ""},
+        {"GET", "/files//etc/x", 400, "", ""},
+        {"GET", "/files/%2Fetc/x", 400, "", ""},
+        {"GET", "/files/x//y", 200, "path=x//y;", ""},
+        {"GET", "/a/%2F", 400, "", ""},
         {"GET", "/files/..x/.y/z..", 200, "path=..x/.y/z..;", ""},
         {"GET", "/?%zz", 400, "", ""},
     };
