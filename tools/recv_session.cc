@@ -264,7 +264,7 @@ bool RecvSession::OnEnd(DWORD aId, std::string_view aHash) {
         return EndFolder(aId);
     const auto it = m_Files.find(aId);
     if (it == m_Files.end())
-        return Fault(CAUSE_PROTOCOL, "it ended a file that it had not begun");
+        return aHash.empty() || Fault(CAUSE_PROTOCOL, "it ended a file that it had not begun");
     const File& file = it->second;
     if (file.m_bOffered || (file.m_ullSize != UNKNOWN_SIZE && file.m_ullGot != file.m_ullSize))
         return Fault(CAUSE_PROTOCOL, "it ended a file too early");
@@ -284,6 +284,7 @@ bool RecvSession::Keep(DWORD aId, std::string_view aHash) {
     const std::string strHash = file.m_Disk.GetHash();
     if (strHash.empty() || strHash != aHash)
         return RefuseCurrent(aId, {CAUSE_PROTOCOL, "the data was damaged: the SHA-256 differs"}, false);
+// The END of a folder does not wait for the answer to its FOLDER, so that of a refused one may come. It has no hash.
     const Failure failure = file.m_Disk.Publish();
     if (failure)
         return RefuseCurrent(aId, failure, false);

@@ -116,9 +116,13 @@ class TransferTest(ProgramTest):
         # A second time everything is there already, but for the file that is another one now. The user's modes stay.
         (self.out / "tree" / "deep").chmod(0o1700)
         self.make("tree/many/3", os.urandom(3000))
+        # A folder in whose place there is a file now is refused, and the rest arrives.
+        (self.out / "tree" / "nothing in it").rmdir()
+        self.make("out/tree/nothing in it", "")
         sent = self.run_talvo("send", self.directory / "tree/", server.address, "--json")
         events = self.events(sent.stdout)
-        self.assertEqual((1, ["tree/many/3"]), (sent.returncode, [o["name"][-11:] for o in events if o["event"] == "failed"]))
+        self.assertEqual((1, ["thing in it", "tree/many/3"]),
+                         (sent.returncode, sorted(o["name"][-11:] for o in events if o["event"] == "failed")))
         self.assertTrue(all(o["bytes"] == 0 for o in events if o["event"] == "sent"))
         self.assertEqual(0o1700, stat.S_IMODE((self.out / "tree" / "deep").stat().st_mode))
 
@@ -297,9 +301,10 @@ class TransferTest(ProgramTest):
         os.mkfifo(self.out / "fifo")
         (self.out / "away").symlink_to(self.directory)
         answers = self.attack(server, HELLO + b"".join(file(1, name) for name in (b"link", b"dir", b"fifo")) +
-                              folder(b"away", 2) + file(1, b"escaped", 3, 2) + folder(b"dir", 4) + file(1, b"in", 5, 4) +
+                              folder(b"away", 2) + folder(b"deep", 6, 2) + frame(4, b"\0\0\0\6") +
+                              file(1, b"escaped", 3, 2) + frame(4, b"\0\0\0\2") + folder(b"dir", 4) + file(1, b"in", 5, 4) +
                               data(b"x", 5) + end(b"x", 5) + frame(4, b"\0\0\0\4") + BYE)
-        self.assertEqual((7, b"x"), (answers.count(b"\x82\0\0"), (self.out / "dir" / "in").read_bytes()), answers)
+        self.assertEqual((8, b"x"), (answers.count(b"\x82\0\0"), (self.out / "dir" / "in").read_bytes()), answers)
         self.assertFalse((self.directory / "escaped").exists())
         server.end()
         # The same looks come again at the end: something may have come up meanwhile.
