@@ -1,9 +1,11 @@
 #include "tools/application.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <vector>
@@ -13,6 +15,8 @@
 namespace tool {
 
 namespace {
+
+constexpr int LOOK_MS = 20;  // between two looks for a signal
 
 // SIGPIPE comes from a stdout without a reader: no further work is useful. nohup ignores SIGHUP on purpose.
 std::vector<int> GetEndingSignals() {
@@ -43,9 +47,11 @@ Application::Application(CCmThreadManager::ENetworkThreadMode aMode) {
         return;
     // A program that signals could not end does not start.
     m_bStarted = m_Signals.Open(GetMainReactor(), GetEndingSignals(), this) == CM_OK && CCmConnectionManager::Instance();
+    Console::SetOnLost([this] { Finish(EXIT_FAILED); });
 }
 
 Application::~Application() {
+    Console::SetOnLost(nullptr);
     m_Signals.Close();
     CCmThreadManager* pManager = CCmThreadManager::Instance();
     pManager->StopAllThreads(nullptr);
@@ -94,6 +100,17 @@ int Application::GetPendingSignal() {
             return nSignal;
     }
     return 0;
+}
+
+bool Application::WaitFor(int aFd, short aEvents) {
+    pollfd entry{aFd, aEvents, 0};
+    while (poll(&entry, 1, LOOK_MS) == 0) {
+        if (GetPendingSignal() != 0) {
+            errno = EINTR;
+            return false;
+        }
+    }
+    return true;
 }
 
 void Application::RaiseDescriptorLimit() {

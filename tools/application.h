@@ -44,6 +44,9 @@ public:
     // A pending signal that ends the program, or 0.
     static int GetPendingSignal();
 
+    // Waits until aFd has one of the events of poll(). false: a signal that ends the program is pending; errno is EINTR.
+    static bool WaitFor(int aFd, short aEvents);
+
     // Raises the limit of descriptors to the most that the system allows this process.
     static void RaiseDescriptorLimit();
 

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 
+#include <sstream>
 #include "tools/application.h"
 #include "tools/bench_arguments.h"
 #include "tools/commands.h"
@@ -320,7 +321,9 @@ bool ParseArguments(int aArgc, char** aArgv, Arguments& aArguments, int& aStatus
         }
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
-            aStatus = app.exit(error);  // prints the help or the version
+            std::ostringstream text;
+            aStatus = app.exit(error, text, text);  // the help or the version
+            Console::Print(text.str());
             return false;
         }
         strProblem = error.what();

@@ -1,10 +1,15 @@
 #include "tools/console.h"
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstdio>
 
+#include "tools/application.h"
 #include "tools/colour.h"
 #include "tools/text.h"
 
@@ -13,6 +18,8 @@ namespace tool {
 namespace {
 
 Console::EVerbosity s_Verbosity = Console::NORMAL;
+bool s_bLost = false;
+std::function<void()> s_OnLost;
 
 Console::EOutput ChooseOutput(bool aJson) {
     if (aJson)
@@ -26,7 +33,31 @@ size_t GetColumns() {
     return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col - 1U : SIZE_MAX;
 }
 
+// Leaves out fields at the end, which commas separate, until the text fits.
+std::string FitFields(std::string aText, size_t aColumns) {
+    while (Truncated(aText, aColumns).size() < aText.size() && aText.find(", ") != std::string::npos)
+        aText.resize(aText.rfind(", "));
+    return Truncated(aText, aColumns);
+}
+
+// A pipe with room takes a piece whole, so only WaitFor waits.
+bool WriteToStdout(std::string_view aText) {
+    while (!aText.empty()) {
+        if (!Application::WaitFor(STDOUT_FILENO, POLLOUT))
+            return false;
+        const ssize_t nDone = write(STDOUT_FILENO, aText.data(), std::min<size_t>(aText.size(), PIPE_BUF));
+        if (nDone < 0 && errno != EAGAIN && errno != EINTR)
+            return false;
+        aText.remove_prefix(static_cast<size_t>(std::max<ssize_t>(nDone, 0)));
+    }
+    return true;
+}
+
 }  // namespace
+
+void Console::SetOnLost(std::function<void()> aCall) { s_OnLost = std::move(aCall); }
+
+bool Console::IsLost() { return s_bLost; }
 
 Console::Console(bool aJson) : m_Output(ChooseOutput(aJson)) {}
 
@@ -40,6 +71,18 @@ void Console::Report(std::string_view aPlain, const JsonLine& aJson) {
 }
 
 void Console::Result(std::string_view aPlain, const JsonLine& aJson) { WriteLine(m_Output == JSON ? aJson.GetText() : aPlain); }
+
+// A signal, such as SIGPIPE, needs no words.
+void Console::Print(std::string_view aText) {
+    if (s_bLost || WriteToStdout(aText))
+        return;
+    const std::string strReason = SystemError(errno);
+    s_bLost = true;
+    if (Application::GetPendingSignal() == 0)
+        Complain("cannot write to stdout: " + strReason);
+    if (s_OnLost)
+        s_OnLost();
+}
 
 void Console::Detail(std::string_view aText) {
     if (s_Verbosity == DETAILS)
@@ -64,8 +107,7 @@ void Console::Progress(std::string_view aPlain, const JsonLine& aJson) {
     }
     EraseProgress();
     // A longer line would wrap, and only its last row could be erased.
-    std::fputs(Paint(DIM, Truncated(Printable(aPlain), GetColumns()), STDOUT_FILENO).c_str(), stdout);
-    std::fflush(stdout);
+    Print(Paint(DIM, FitFields(Printable(aPlain), GetColumns()), STDOUT_FILENO));
     m_bProgressStands = true;
 }
 
@@ -76,16 +118,14 @@ void Console::Complain(std::string_view aText) {
 
 void Console::WriteLine(std::string_view aText) {
     EraseProgress();
-    std::fprintf(stdout, "%s\n", Printable(aText).c_str());
-    std::fflush(stdout);
+    Print(Printable(aText) + "\n");
 }
 
 void Console::EraseProgress() {
     if (!m_bProgressStands)
         return;
-    std::fputs("\r\x1b[K", stdout);
-    std::fflush(stdout);
     m_bProgressStands = false;
+    Print("\r\x1b[K");
 }
 
 }  // namespace tool

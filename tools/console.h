@@ -1,6 +1,7 @@
 // The program's output: lines for people or JSON for scripts, and one progress line on a terminal.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -8,7 +9,8 @@
 
 namespace tool {
 
-// Main thread only. Every line is flushed at once, is whole, and has no control characters.
+// Main thread only. Every line is written at once, is whole, and has no control characters. The output is lost when a write to
+// stdout fails, which is reported once, or when a signal ends the wait for its reader. Nothing more is written to stdout then.
 class Console {
 public:
     enum EOutput { TERMINAL, PIPE, JSON };
@@ -16,6 +18,10 @@ public:
 
     // Of all consoles; NORMAL until the first call.
     static void SetVerbosity(EVerbosity aVerbosity);
+
+    // aCall: called when the output is lost; may be empty.
+    static void SetOnLost(std::function<void()> aCall);
+    static bool IsLost();
 
     explicit Console(bool aJson);
     ~Console();  // ends a progress line
@@ -29,6 +35,9 @@ public:
 
     // The same for the output that the user asked for, also with QUIET.
     void Result(std::string_view aPlain, const JsonLine& aJson);
+
+    // Text of several lines on stdout, as it is.
+    static void Print(std::string_view aText);
 
     // A step on stderr, for people. With DETAILS only.
     static void Detail(std::string_view aText);

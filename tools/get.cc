@@ -10,7 +10,8 @@ int RunGet(const Arguments& aArguments) {
     Application application(CCmThreadManager::NETWORK_THREAD_MAIN);
     Getter getter(aArguments, application, console);
     getter.Start();
-    return application.Run();
+    const int nStatus = application.Run();
+    return nStatus == EXIT_FAILED && Console::IsLost() ? CAUSE_LOCAL : nStatus;
 }
 
 }  // namespace tool

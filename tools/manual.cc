@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "tools/completion.h"
+#include "tools/console.h"
 #include "tools/options.h"
 
 namespace tool {
@@ -176,7 +177,7 @@ std::string PrintHelp(const CLI::App& aApp, const Arguments& a) {
         strText = ListNames(table);
     else
         strText = MakeCompletion(table, a.m_strHelpFormat);
-    std::fputs(strText.c_str(), stdout);
+    Console::Print(strText);
     return "";
 }
 

@@ -72,17 +72,6 @@ std::string CheckNamesBeside(std::string_view aName) {
     return aName.size() <= stMost ? "" : ": the name is longer than " + std::to_string(stMost) + " bytes";
 }
 
-bool WaitForRoom(int aFd) {
-    pollfd room{aFd, POLLOUT, 0};
-    while (poll(&room, 1, RETRY_MS) == 0) {
-        if (Application::GetPendingSignal() != 0) {
-            errno = EINTR;
-            return false;
-        }
-    }
-    return true;
-}
-
 }  // namespace
 
 std::string JudgeTarget(const std::string& aPath, OutputTarget& aTarget) {
@@ -136,11 +125,11 @@ std::string DirectOutput::Begin(const FileEdition& aEdition) {
     return "";
 }
 
-// Writes pieces that a pipe with room takes whole. So only WaitForRoom waits, and a signal can end that.
+// Writes pieces that a pipe with room takes whole. So only WaitFor waits, and a signal can end that.
 std::string DirectOutput::Write(std::string_view aBytes) {
     while (!aBytes.empty()) {
         const std::string_view piece = aBytes.substr(0, m_stPiece);
-        if (!WaitForRoom(m_nFd) || !WriteAll(m_nFd, piece))
+        if (!Application::WaitFor(m_nFd, POLLOUT) || !WriteAll(m_nFd, piece))
             return Problem();
         aBytes.remove_prefix(piece.size());
         m_ullSize += piece.size();

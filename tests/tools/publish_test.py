@@ -1,11 +1,15 @@
 #!/usr/bin/env python3
 """Publishes lines to subscribers."""
+import fcntl
 import json
+import signal
 import socket
+import struct
 import subprocess
+import termios
 import unittest
 
-from program import ANY_PORT, HOST, PATIENCE, ProgramTest, Server
+from program import ANY_PORT, HOST, PATIENCE, ProgramTest, Server, poll
 
 
 class PublishTest(ProgramTest):
@@ -37,6 +41,19 @@ class PublishTest(ProgramTest):
                 self.assertEqual("joined", json.loads(publish.stdout.readline())["event"])
                 publish.communicate("hello\n", timeout=PATIENCE)
                 self.assertEqual(b"hello\n", reader.makefile("rb").read())
+
+    def test_a_subscriber_ends_when_its_output_does_not_go_on(self):
+        publish, server = self.publish()
+        with open("/dev/full", "w") as full:
+            lost = self.start("subscribe", server.address, stdout=full)
+        stalled = self.start("subscribe", server.address)
+        for _ in range(2):
+            self.assertEqual("joined", json.loads(publish.stdout.readline())["event"])
+        publish.stdin.write(("x" * 65000 + "\n") * 4)
+        self.assertEqual((1, "talvo: cannot write to stdout: No space left on device\n"), (lost.wait(PATIENCE), lost.stderr.read()))
+        poll("the pipe is full", lambda: struct.unpack("i", fcntl.ioctl(stalled.stdout, termios.FIONREAD, bytes(4)))[0] > 65000)
+        stalled.terminate()
+        self.assertEqual(128 + signal.SIGTERM, stalled.wait(PATIENCE))
 
     def test_the_end_does_not_wait_for_a_stopped_receiver(self):
         patience = self.make("patience", "[Proxy]\nLingerSeconds=1\n")

@@ -393,7 +393,14 @@ class TransferTest(ProgramTest):
                                  (["recv", "--out", self.out, *taken], "Address already in use"),
                                  (["echo", *free, *foreign], "Cannot assign requested address"),
                                  (["serve", self.out, *free, *foreign], "Cannot assign requested address")):
-            self.assert_fails(self.run_talvo(*arguments), 4 if arguments[0] == "get" else 1, cause)
+            run = self.run_talvo(*arguments)
+            self.assert_fails(run, 4 if arguments[0] == "get" else 1, cause)
+            self.assertNotIn("ready", run.stdout)
+        with open("/dev/full", "w") as full:
+            for arguments in ["help"], ["-V"], ["resolve", "127.0.0.1"], ["ping", echo.address, "--count", 1, "--json"], ["echo", *free], \
+                    ["get", f"file://{file}", "-o", self.directory / "copy", "--json"]:
+                run = self.run_talvo(*arguments, capture_output=False, stdout=full, stderr=subprocess.PIPE)
+                self.assert_fails(run, 10 if arguments[0] == "get" else 1, "cannot write to stdout: No space left on device")
         for arguments in (["echo", *free], ["serve", self.out, *free]):
             for limit in () if SANITIZED else (4, 5):
                 few = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
