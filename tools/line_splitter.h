@@ -16,7 +16,7 @@ public:
     // aLine (out): the next line, without its end. false: the rest has no end yet.
     bool Next(std::string& aLine) {
         const size_t stEnd = m_strRest.find('\n', m_stSeen);
-        if (stEnd == std::string::npos && m_strRest.size() - m_stBegin < m_stLimit) {
+        if (stEnd == std::string::npos && m_strRest.size() - m_stBegin <= m_stLimit) {
             m_strRest.erase(0, m_stBegin);
             m_stBegin = 0;
             m_stSeen = m_strRest.size();

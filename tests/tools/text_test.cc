@@ -3,6 +3,7 @@
 #include "tests/support/test.h"
 #include "tools/json_line.h"
 #include "tools/progress_meter.h"
+#include "tools/line_splitter.h"
 #include "tools/rate_limit.h"
 #include "tools/url.h"
 
@@ -31,6 +32,22 @@ TEST(ToolTextTest, UrlsThatCanBeReadInOneWayAreGood) {
 }
 
 TEST(ToolProgressMeterTest, RateIsThatOfTheLastSeconds) {
+TEST(ToolTextTest, ALineAsLongAsTheLimitIsNotCut) {
+    LineSplitter splitter(4);
+    std::string strLine;
+    splitter.Feed("abcd");
+    EXPECT_FALSE(splitter.Next(strLine));
+    splitter.Feed("\nefghi\n");
+    for (const char* pLine : {"abcd", "efgh", "i"})
+        EXPECT_TRUE(splitter.Next(strLine) && strLine == pLine) << pLine;
+    EXPECT_FALSE(splitter.Next(strLine));
+}
+
+TEST(ToolFailureTest, AViolationOfTheProtocolIsNoLocalCause) {
+    const CCmFailure tooLong(CM_FAILURE_PROTOCOL, "too long", "receive from", CCmInetAddr());
+    EXPECT_EQ(CAUSE_PROTOCOL, GetCause(CM_ERROR_NOT_AVAILABLE, tooLong));
+}
+
     CCmFakeClock clock;
     ProgressMeter meter;
     meter.Begin();
