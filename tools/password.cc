@@ -1,6 +1,7 @@
 #include "tools/password.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tools/application.h"
 #include "tools/console.h"
 #include "tools/file_handle.h"
 #include "tools/text.h"
@@ -20,7 +22,7 @@ namespace {
 
 constexpr size_t LONGEST_PASSWORD = 1024;
 
-// Without echo while in scope. The signals of the program are blocked then, so Ctrl-C only ends the line.
+// Without echo while in scope. Ctrl-C then only ends the line.
 class SilentTerminal {
 public:
     explicit SilentTerminal(int aFd) : m_nFd(aFd), m_bIsOne(tcgetattr(aFd, &m_Before) == 0) {
@@ -45,11 +47,15 @@ private:
     bool m_bIsOne;
 };
 
-enum EEnd { WHOLE, INTERRUPTED, NO_TERMINAL };
+enum EEnd { WHOLE, INTERRUPTED, SIGNALLED, NO_TERMINAL };
 
 EEnd ReadLine(int aFd, char aInterrupt, std::string& aLine) {
     char c = 0;
-    while (aLine.size() <= LONGEST_PASSWORD && read(aFd, &c, 1) == 1 && c != '\n') {
+    while (aLine.size() <= LONGEST_PASSWORD) {
+        if (!Application::WaitFor(aFd, POLLIN))
+            return SIGNALLED;
+        if (read(aFd, &c, 1) != 1 || c == '\n')
+            break;
         if (c == aInterrupt)
             return INTERRUPTED;
         aLine += c;
@@ -72,15 +78,17 @@ EEnd ReadTyped(const std::string& aPrompt, std::string& aLine) {
 
 constexpr char NO_INTERRUPT = '\n';  // a line has none
 
-std::string ReadFile(const std::string& aPath, std::string& aPassword) {
+std::string ReadFile(const std::string& aPath, std::string& aPassword, EEnd& aEnd) {
     const FileHandle file(open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (!file)
         return "a readable file: '" + aPath + "': " + SystemError(errno);
     struct stat status {};
     if (fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0)
         Console::Complain("warning: other users can read '" + aPath + "'; use chmod 600");
-    ReadLine(file.Get(), NO_INTERRUPT, aPassword);
-    return aPassword.empty() ? "a file whose first line is not empty" : "";
+    aEnd = ReadLine(file.Get(), NO_INTERRUPT, aPassword);
+    if (aPassword.ends_with('\r'))
+        aPassword.pop_back();
+    return aEnd == WHOLE && aPassword.empty() ? "a file whose first line is not empty" : "";
 }
 
 }  // namespace
@@ -90,7 +98,7 @@ std::string ReadPassword(const PasswordSource& aSource, std::string& aPassword) 
     aPassword.reserve(LONGEST_PASSWORD + 1);  // the text has one place in memory
     EEnd end = WHOLE;
     if (!aSource.m_strFile.empty()) {
-        const std::string strProblem = ReadFile(aSource.m_strFile, aPassword);
+        const std::string strProblem = ReadFile(aSource.m_strFile, aPassword, end);
         if (!strProblem.empty())
             return strProblem;
     } else if (char* pValue = std::getenv(aSource.m_pVariable)) {
@@ -102,6 +110,8 @@ std::string ReadPassword(const PasswordSource& aSource, std::string& aPassword) 
     }
     if (end == INTERRUPTED)
         std::exit(128 + SIGINT);
+    if (end == SIGNALLED)
+        std::exit(128 + Application::GetPendingSignal());
     if (end == NO_TERMINAL)
         return std::string("a terminal, a file, or the password in ") + aSource.m_pVariable;
     return aPassword.size() > LONGEST_PASSWORD ? "a shorter password" : "";

@@ -5,8 +5,10 @@ import json
 import os
 import pathlib
 import pty
+import signal
 import socket
 import socketserver
+import termios
 import threading
 import unittest
 
@@ -81,18 +83,23 @@ class ProxyTest(ProgramTest):
 
     def test_the_password_is_typed_without_echo(self):
         proxy, echo = self.proxy("ann:secret"), self.serve("echo")
-        pid, terminal = pty.fork()
-        if pid == 0:
-            os.execve(TALVO, [TALVO, "ping", "--count", "1", echo.address, "--proxy", proxy.uri, "--proxy-user", "ann"], WITHOUT)
-        shown = b""
-        while b": " not in shown:
+        for with_signal in 0, signal.SIGTERM, signal.SIGHUP:
+            pid, terminal = pty.fork()
+            if pid == 0:
+                os.execve(TALVO, [TALVO, "ping", "--count", "1", echo.address, "--proxy", proxy.uri, "--proxy-user", "ann"], WITHOUT)
+            shown = b""
+            while b": " not in shown:
+                shown += os.read(terminal, 1000)
+            self.assertIn(f"Password of ann at {proxy.uri}: ".encode(), shown)
+            if with_signal:
+                os.kill(pid, with_signal)
+            else:
+                os.write(terminal, b"secret\n")
+            self.assertEqual(with_signal and 128 + with_signal, os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]))
             shown += os.read(terminal, 1000)
-        self.assertIn(f"Password of ann at {proxy.uri}: ".encode(), shown)
-        os.write(terminal, b"secret\n")
-        self.assertEqual(0, os.waitpid(pid, 0)[1])
-        shown += os.read(terminal, 1000)
-        os.close(terminal)
-        self.assertNotIn(b"secret", shown)
+            self.assertTrue(termios.tcgetattr(terminal)[3] & termios.ECHO)
+            os.close(terminal)
+            self.assertNotIn(b"secret", shown)
 
     def test_arguments_that_others_could_read_are_refused(self):
         for arguments, cause in ((["--proxy", "http://ann:secret@h:1"], "--proxy-user"), (["--proxy", "h,socks5://ann@h"], "--proxy-user"),
@@ -147,7 +154,7 @@ class ProxyTest(ProgramTest):
         self.assertEqual((0, "alert: http://a.test/ a.test\n"), (run.returncode, run.stderr))
         self.assertEqual(("SOCKS5 s:1", f"script file://{script.resolve()}"), (line["route"], line["source"]))
         run = self.run_talvo(*asked, "2026-11-24T12:00")
-        self.assertEqual((1, "failed"), (run.returncode, json.loads(run.stdout)["event"]))
+        self.assertEqual((1, "protocol"), (run.returncode, json.loads(run.stdout)["cause"]))
         self.assertIn("line 3", json.loads(run.stdout)["reason"])
 
 

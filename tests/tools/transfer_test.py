@@ -137,7 +137,7 @@ class TransferTest(ProgramTest):
         self.assertEqual(b"from a file", (self.out / "stdin").read_bytes())
 
     def test_a_shared_secret_is_proved_by_both_ends(self):
-        path, right, wrong = self.make("file", "x"), self.make("right", "correct horse\n"), self.make("wrong", "another one")
+        path, right, wrong = self.make("file", "x"), self.make("right", "correct horse\r\n"), self.make("wrong", "another one")
         self.assertIn("warning: other users can read", self.run_talvo("send", path, HOST + ":1", "--secret-file", right).stderr)
         right.chmod(0o600)
         server, open_server = self.receive("--secret-file", right), self.receive()
