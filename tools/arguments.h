@@ -43,7 +43,7 @@ struct Arguments {
 
     GetOptions m_Get;
     TransferOptions m_Transfer;    // get, send
-    DWORD m_dwSilenceMs = 300000;  // send: of the receiver
+    DWORD m_dwSilenceMs = 300000;  // recv, send: of the other end
     ServeOptions m_Serve;
 
     std::string m_strType;                             // as given, or ""

@@ -41,7 +41,10 @@ void DeclareRecv(CLI::App& aApp, Arguments& a) {
     AddText(aApp, "--out", a.m_strDirectory, "DIR", "Directory for the files");
     Require(aApp, "--out");
     AddFlag(aApp, "--force", a.m_bForce, "Replace existing files");
-    AddFlag(aApp, "--once", a.m_bOnce, "Serve one sender, then exit with 0 if all its files were kept, else with 1");
+    AddFlag(aApp, "--once", a.m_bOnce,
+            "Serve one sender of a file or folder, then exit with 0 if all its files were kept, else with 1");
+    AddNumber(aApp, "--timeout", a.m_dwSilenceMs, 1, 86400000,
+              "Milliseconds of silence after which a sender is dropped (300000), unless it waits for its own stdin");
 }
 
 std::string CheckRecv(Arguments& a) {

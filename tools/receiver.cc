@@ -12,8 +12,13 @@ Receiver::Receiver(const Arguments& aArguments, std::shared_ptr<IncomingFolder> 
       m_Application(aApplication),
       m_Console(aConsole),
       m_Progress(aConsole),
-      m_Context{
-          *this, aConsole, m_Progress.GetMeter(), std::move(aOut), SharedSecret(aArguments.m_strSecret), aArguments.m_bForce} {}
+      m_Context{*this,
+                aConsole,
+                m_Progress.GetMeter(),
+                std::move(aOut),
+                SharedSecret(aArguments.m_strSecret),
+                aArguments.m_bForce,
+                aArguments.m_dwSilenceMs} {}
 
 Receiver::~Receiver() {
     if (m_pAcceptor)

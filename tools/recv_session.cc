@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 #include "tools/endpoint.h"
 #include "tools/file_name.h"
@@ -40,6 +41,7 @@ CmResult RecvSession::Open() {
 }
 
 void RecvSession::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) {
+    m_llHeard = CCmClock::GetTimeOfDayUsec();
     EndUnless([&] {
         const FrameParser::EResult result = m_Parser.Feed(aData, *this);
         if (result == FrameParser::BROKEN)
@@ -61,13 +63,36 @@ void RecvSession::OnTimer(CCmTimerWrapperID* aId) {
     EndUnless([&] {
         if (aId == &m_HashTimer)
             return HashBeginnings();
+        if (aId == &m_IdleTimer)
+            return OnIdle();
         if (m_State == SERVING)
             return Answer(EncodeFrame(EFrame::ALIVE));
-        CCmReconnectStatus gaps;
-        if (m_pTransport->GetOption(CM_OPT_TRANSPORT_RECONNECT_STATUS, &gaps) == CM_OK && gaps.m_bSuspended)
+        if (IsSuspended())
             return m_Timer.Schedule(this, CCmTimeValue(HELLO_SECONDS), 1) == CM_OK;
         return Fault(CAUSE_TIMEOUT, "it sent nothing for " + std::to_string(HELLO_SECONDS) + " seconds");
     });
+}
+
+bool RecvSession::IsSuspended() const {
+    CCmReconnectStatus gaps;
+    return m_pTransport->GetOption(CM_OPT_TRANSPORT_RECONNECT_STATUS, &gaps) == CM_OK && gaps.m_bSuspended;
+}
+
+// A sender waits for its own input, for the comparison of a beginning, or for a connection.
+bool RecvSession::IsExpectedSilence() const {
+    return IsSuspended() || std::any_of(m_Files.begin(), m_Files.end(), [](const auto& aFile) {
+               return aFile.second.m_ullSize == UNKNOWN_SIZE || aFile.second.m_bOffered;
+           });
+}
+
+bool RecvSession::OnIdle() {
+    const int64_t llNow = CCmClock::GetTimeOfDayUsec();
+    if (IsExpectedSilence())
+        m_llHeard = llNow;
+    const int64_t llLeft = m_llHeard + int64_t{m_Context.m_dwSilenceMs} * 1000 - llNow;
+    if (llLeft > 0)
+        return m_IdleTimer.Schedule(this, CCmTimeValue::FromUsec(llLeft), 1) == CM_OK;
+    return Fault(CAUSE_TIMEOUT, "it sent nothing for " + std::to_string(m_Context.m_dwSilenceMs) + " ms");
 }
 
 // If memory runs out inside aStep, only this session ends.
@@ -139,13 +164,15 @@ bool RecvSession::BeginServing() {
     m_State = SERVING;
     m_Context.m_Meter.Begin();
     RequireMemory(m_Timer.Schedule(this, CCmTimeValue(SIGN_SECONDS)));
-    return m_Context.m_Owner.OnSessionBegin(*this) || Fault(CAUSE_REFUSED, "another sender is being served");
+    return OnIdle();
 }
 
 bool RecvSession::DecodeNew(std::string_view aPayload, FrameEntry& aEntry) {
     if (!DecodeEntry(aPayload, aEntry) || m_Files.contains(aEntry.m_dwId) || m_Folders.contains(aEntry.m_dwId) ||
         m_Skipped.contains(aEntry.m_dwId))
         return Fault(CAUSE_PROTOCOL, "it began a file with a bad frame");
+    if (!std::exchange(m_bBegan, true) && !m_Context.m_Owner.OnSessionBegin(*this))
+        return Fault(CAUSE_REFUSED, "another sender is being served");
     return m_Files.size() + m_Folders.size() + m_Skipped.size() < MOST_OPEN ||
            Fault(CAUSE_PROTOCOL, "it began too many files at once");
 }
@@ -257,6 +284,7 @@ bool RecvSession::OnData(DWORD aId, std::string_view aPiece) {
     return true;
 }
 
+// The END of a folder does not wait for the answer to its FOLDER, so that of a refused one may come. It has no hash.
 bool RecvSession::OnEnd(DWORD aId, std::string_view aHash) {
     if (m_Skipped.erase(aId) > 0)
         return true;
@@ -284,7 +312,6 @@ bool RecvSession::Keep(DWORD aId, std::string_view aHash) {
     const std::string strHash = file.m_Disk.GetHash();
     if (strHash.empty() || strHash != aHash)
         return RefuseCurrent(aId, {CAUSE_PROTOCOL, "the data was damaged: the SHA-256 differs"}, false);
-// The END of a folder does not wait for the answer to its FOLDER, so that of a refused one may come. It has no hash.
     const Failure failure = file.m_Disk.Publish();
     if (failure)
         return RefuseCurrent(aId, failure, false);
@@ -378,8 +405,10 @@ void RecvSession::ReportEnd() {
     std::string strText = "dropped " + m_strPeer + ": " + m_Fault.m_strReason;
     for (auto& [dwId, file] : m_Files) {
         vecNames.push_back(file.m_strPath);
-        strText += "; " + file.m_strPath + (file.m_Disk.IsKept() ? " can be continued (" : " was removed (") +
-                   FormatBytes(file.m_ullGot) + " had arrived)";
+        const uint64_t ullHad = std::max(file.m_ullGot, file.m_Disk.GetBeginning());
+        const bool bKept = file.m_Disk.IsKept() && ullHad > 0;
+        strText +=
+            "; " + file.m_strPath + (bKept ? " can be continued (" : " was removed (") + FormatBytes(ullHad) + " had arrived)";
     }
     m_Context.m_Console.Problem(strText, JsonLine::Failed(m_Fault).Add("peer", m_strPeer).Add("incomplete", vecNames));
     if (m_State != WAIT_HELLO)
@@ -393,6 +422,7 @@ void RecvSession::End() {
         ComplainOfMemory();
     m_Timer.Cancel();
     m_HashTimer.Cancel();
+    m_IdleTimer.Cancel();
     CloseAll();
     m_Context.m_Owner.OnSessionEnd(*this, m_bSaidBye && m_nRefused == 0);
 }

@@ -20,7 +20,8 @@ class RecvSession;
 
 class RecvSessionOwner {
 public:
-    // The peer has proved to be a sender, with the secret if there is one. false: do not serve it.
+    // The peer has proved to be a sender, with the secret if there is one, and begins its first file or folder. false: do not
+    // serve it.
     virtual bool OnSessionBegin(RecvSession& aSession) = 0;
     // The last call, which may delete the session. aWell: the sender sent BYE and all its files were kept.
     virtual void OnSessionEnd(RecvSession& aSession, bool aWell) = 0;
@@ -35,6 +36,7 @@ struct RecvContext {
     const std::shared_ptr<IncomingFolder> m_pOut;
     const SharedSecret m_Secret;
     bool m_bForce;
+    DWORD m_dwSilenceMs;  // after which a sender is dropped
 };
 
 // Receives files and folders, several at a time, and answers each. Disconnects a peer that breaks the rules of
@@ -83,6 +85,9 @@ private:
     // These return false if the session has to end: m_Fault is the reason, or the sender sent BYE.
     bool OnFrame(EFrame aType, std::string_view aPayload) override;
     bool OnData(DWORD aId, std::string_view aPiece) override;
+    bool OnIdle();
+    bool IsExpectedSilence() const;
+    bool IsSuspended() const;
     bool OnHello(std::string_view aPayload);
     bool OnProof(std::string_view aPayload);
     bool BeginServing();
@@ -119,6 +124,8 @@ private:
     std::string m_strPeerChallenge;
     CCmTimerWrapperID m_Timer;
     CCmTimerWrapperID m_HashTimer;
+    CCmTimerWrapperID m_IdleTimer;
+    int64_t m_llHeard = 0;  // when the sender has last sent something
     Outbox m_Answers;
     FrameParser m_Parser;
     EState m_State = WAIT_HELLO;
@@ -126,6 +133,7 @@ private:
     std::map<DWORD, std::shared_ptr<IncomingFolder>> m_Folders;
     std::set<DWORD> m_Skipped;  // files that were refused during their transfer: their END or ABORT follows
     int m_nRefused = 0;
+    bool m_bBegan = false;  // its first file or folder
     bool m_bSaidBye = false;
     Failure m_Fault;  // the reason for the end of the session; none after BYE
 };

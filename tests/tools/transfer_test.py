@@ -282,6 +282,12 @@ class TransferTest(ProgramTest):
                               file(1 << 63, b"huge") + file(1, b"orphan", 1, 7) + file(1, b"wrong") + data(b"x") + end(b"") + BYE)
         self.assertEqual((2 * len(names) + 3, True), (answers.count(b"\x82\0\0"), b"SHA-256 differs" in answers), answers)
         self.assertEqual({}, self.received())
+        # A silent peer is dropped, and neither it nor one without a file is the sender of --once.
+        once = self.receive("--once", "--timeout", 1500)
+        for sent, expected in (HELLO, b"sent nothing"), (HELLO + BYE, b""), (HELLO + file(1, b"late"), b"sent nothing"):
+            self.assertIsNone(once.process.poll())
+            self.assertIn(expected, self.attack(once, sent))
+        self.assertEqual(1, once.end(None)[0])
         names = b"a", b"...", "r\u00e9sum\u00e9 2.pdf".encode(), b"n" * 255, b".talvo-notes"
         self.attack(server, HELLO + b"".join(file(4, name) + data(b"co") + data(b"nt") + end(b"cont") for name in names) + BYE)
         self.assertEqual({name.decode(): b"cont" for name in names}, self.received())
