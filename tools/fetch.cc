@@ -296,6 +296,8 @@ Failure Fetch::Complete() {
 Failure Fetch::DescribeFailure(CmResult aReason) const {
     CCmString strFailure;
     CCmFailure cause;
+    if (!m_pHttp && aReason == CM_ERROR_NOT_AVAILABLE)
+        return Local("the file has more than 1 MiB, the limit of a file URL");
     const CmResult rv = m_pHttp ? m_pHttp->GetFailure(strFailure) : aReason;
     if (m_pHttp)
         m_pHttp->GetOption(CM_OPT_CHANNEL_LAST_FAILURE, &cause);

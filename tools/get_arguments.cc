@@ -37,13 +37,15 @@ std::string ReadBody(const std::string& aPath, std::string& aText) {
     return aText.size() > LONGEST_BODY ? "--data: '" + aPath + "' has more than 64 MiB" : "";
 }
 
-// The last part of the URL's path.
+// The last part of the URL's path. That of a file URL is taken as it is.
 std::string GetRemoteName(const std::string& aUrl, std::string& aName) {
     CCmHttpUrl url;
     RequestPath path;
     url.Init(aUrl);
     const std::string strPath = url.GetPath();
-    if (!ParseRequestPath(strPath.starts_with('/') ? strPath : "/" + strPath, path) || path.m_bDirectory)
+    if (url.GetScheme() == "file")
+        path.m_strPath = aUrl;
+    else if (!ParseRequestPath(strPath.starts_with('/') ? strPath : "/" + strPath, path) || path.m_bDirectory)
         path.m_strPath.clear();
     aName = GetBaseName(path.m_strPath);
     const std::string strFault = CheckFileName(aName);
@@ -166,7 +168,7 @@ void DeclareRequest(CLI::App& aApp, GetOptions& aOptions) {
 
 void DeclareGet(CLI::App& aApp, Arguments& a) {
     GetOptions& options = a.m_Get;
-    aApp.add_option("URL", options.m_vecUrls, "URLs to fetch: http://..., https://... or file://...")
+    aApp.add_option("URL", options.m_vecUrls, "URLs to fetch: http://..., https://... or file://... (of at most 1 MiB)")
         ->required()
         ->option_text("URL...");
     CLI::Option* pOut = aApp.add_option("-o,--out", options.m_strOutput,

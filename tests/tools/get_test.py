@@ -62,6 +62,8 @@ class GetTest(ProgramTest):
             self.assertEqual(CONTENT, self.out.read_bytes())
             self.assertFalse(self.part.exists())
         self.assertEqual([0, 10], [self.get(f"file://{self.directory}{name}")[0] for name in ("/source", "")])
+        self.make("large", bytes((1 << 20) + 1))
+        self.assertIn("more than 1 MiB", self.get(f"file://{self.directory}/large")[1])
 
     def test_only_an_answer_that_fits_touches_anything(self):
         url = self.source()
@@ -210,6 +212,9 @@ class GetTest(ProgramTest):
         self.assertEqual([("got", None), ("failed", "refused"), ("failed", "connect"), ("got", None)],
                          [(line["event"], line.get("cause")) for line in map(json.loads, run.stdout.splitlines())])
         self.assertEqual("a bc.txt", self.run_talvo("get", url + "/a%20b", url + "/c.txt").stdout)
+        self.make("of a file", "here")
+        self.assertEqual(0, self.run_talvo("get", "-O", f"file://{self.directory}/of a file", cwd=into).returncode)
+        self.assertEqual("here", (into / "of a file").read_text())
         for wrong in [url + "/"], [url + "/x", url + "/y/x"], [url + "/%2e%2e"], [url + "/a%2fb"]:
             self.assert_fails(self.run_talvo("get", "-O", *wrong, cwd=into), 2)
 
