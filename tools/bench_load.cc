@@ -1,6 +1,7 @@
 #include "tools/bench_load.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "tools/connecting.h"
 #include "tools/memory.h"
@@ -69,7 +70,10 @@ void BenchLoad::OnDone(int64_t aDueNs) {
 
 void BenchLoad::OnHttpStatus(int aStatus) { m_ullOtherStatus += aStatus / 100 != 2; }
 
+// The other connections often break for the same cause in the same turn.
 void BenchLoad::OnBroken(const Failure& aFailure) {
+    if (std::exchange(m_bBroken, true))
+        return;
     m_Console.Problem(aFailure);
     m_Application.Finish(EXIT_FAILED);
 }

@@ -59,6 +59,7 @@ private:
     CCmTimerWrapperID m_Timer;  // the time to connect, then the end
     std::vector<std::unique_ptr<BenchConnection>> m_vecConnections;
     size_t m_stConnected = 0;
+    bool m_bBroken = false;                     // reported
     int64_t m_llNext = BenchConnection::NEVER;  // when the timer fires
     Histogram m_Latency;
     int64_t m_llLastDone = 0;

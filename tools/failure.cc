@@ -85,7 +85,9 @@ ECause GetCause(CmResult aReason, const CCmFailure& aDetail) {
     case CM_FAILURE_PROTOCOL:
         break;
     }
-    return GetCauseOfResult(aReason);
+    const ECause cause = GetCauseOfResult(aReason);
+    const bool bVague = cause == CAUSE_LOCAL || cause == CAUSE_OTHER;
+    return bVague && aDetail.GetCause() == CM_FAILURE_PROTOCOL ? CAUSE_PROTOCOL : cause;
 }
 
 std::string DescribeResult(CmResult aResult) { return talvo::category().message(aResult); }

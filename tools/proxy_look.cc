@@ -10,10 +10,11 @@ namespace {
 
 Failure DescribeFailure(CmResult aResult) { return {GetCause(aResult), DescribeResult(aResult)}; }
 
-// A script that cannot be run, or ends with an error, counts as a violation by its server.
+// A script that cannot be read, or ends with an error, counts as a violation by its server. The result is that of a proxy
+// server out of reach.
 ECause GetScriptCause(CmResult aResult) {
     const ECause cause = GetCause(aResult);
-    return cause == CAUSE_OTHER ? CAUSE_PROTOCOL : cause;
+    return cause == CAUSE_OTHER || cause == CAUSE_CONNECT ? CAUSE_PROTOCOL : cause;
 }
 
 }  // namespace

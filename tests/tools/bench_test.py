@@ -62,7 +62,7 @@ class BenchTest(ProgramTest):
                       ["h:1", "--udp", "--type", "package", "--size", 7], ["file:///etc/passwd"],
                       ["http://h/", "--size", 9], ["--self", "--plot", self.directory / "no" / "file"]):
             self.assert_fails(self.run_talvo("bench", *wrong), 2)
-        self.assert_fails(self.run_talvo("bench", HOST + ":1"), 1, "Connection refused")
+        self.assert_fails(self.run_talvo("bench", HOST + ":1", "--connections", 4), 1, "Connection refused")
 
 
 if __name__ == "__main__":

@@ -1,6 +1,7 @@
 #include "tools/text.h"
 
 #include "tests/support/test.h"
+#include "tools/failure.h"
 #include "tools/json_line.h"
 #include "tools/progress_meter.h"
 #include "tools/line_splitter.h"
@@ -47,6 +48,7 @@ TEST(ToolFailureTest, AViolationOfTheProtocolIsNoLocalCause) {
     const CCmFailure tooLong(CM_FAILURE_PROTOCOL, "too long", "receive from", CCmInetAddr());
     EXPECT_EQ(CAUSE_PROTOCOL, GetCause(CM_ERROR_NOT_AVAILABLE, tooLong));
 }
+TEST(ToolProgressMeterTest, RateIsThatOfTheLastSeconds) {
 
     CCmFakeClock clock;
     ProgressMeter meter;

@@ -222,7 +222,7 @@ class TransferTest(ProgramTest):
                 with silent.accept()[0] as peer:
                     peer.sendall(answer)
                     (failed,) = self.events(sender.communicate(timeout=PATIENCE)[0])
-                self.assertEqual((cause, True), (failed["cause"], text in failed["reason"]))
+                self.assertEqual((cause, sender.args[3], True), (failed["cause"], failed["peer"], text in failed["reason"]))
 
     def test_ended_receiver_is_reported_and_leaves_no_final_name(self):
         for with_signal in signal.SIGKILL, signal.SIGINT:
