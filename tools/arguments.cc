@@ -3,9 +3,10 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
-
 #include <sstream>
+
 #include "tools/application.h"
 #include "tools/bench_arguments.h"
 #include "tools/commands.h"
@@ -72,6 +73,7 @@ name, 4 the connection, 5 TLS, 6 silence, 7 a broken connection, 8 the protocol,
 memory here, 11 another version.)";
 
 constexpr size_t MOST_RACERS = 16;
+constexpr size_t LONGEST_ALPN = 255;
 
 void DeclareEcho(CLI::App& aApp, Arguments& a) {
     DeclareListening(aApp, a);
@@ -130,6 +132,11 @@ void DeclareTls(CLI::App& aApp, Arguments& a) {
 }
 
 std::string CheckTls(Arguments& a) {
+    std::istringstream protocols(a.m_strAlpn);
+    for (std::string strName; std::getline(protocols, strName, ',');) {
+        if (strName.size() > LONGEST_ALPN)
+            return "--alpn: the name of a protocol has at most " + std::to_string(LONGEST_ALPN) + " bytes";
+    }
     a.m_Tls.m_bTls = true;
     a.m_dwType = CM_TRANSPORT_TYPE_TLS;
     return CheckPeer(a, a.m_strEndpoint);
@@ -303,6 +310,13 @@ void Declare(CLI::App& aApp, Arguments& aArguments) {
     aApp.footer(FOOTER);
 }
 
+std::string DescribeError(int aArgc, char** aArgv, const CLI::ParseError& aError) {
+    const std::string strFirst = aArgc > 1 ? aArgv[1] : "";
+    const bool bCommand = strFirst == "help" || std::any_of(std::begin(SUBCOMMANDS), std::end(SUBCOMMANDS),
+                                                            [&](const Subcommand& aRow) { return strFirst == aRow.m_pName; });
+    return strFirst.empty() || strFirst.starts_with('-') || bCommand ? aError.what() : DescribeUnknown(strFirst);
+}
+
 }  // namespace
 
 bool ParseArguments(int aArgc, char** aArgv, Arguments& aArguments, int& aStatus) {
@@ -326,7 +340,7 @@ bool ParseArguments(int aArgc, char** aArgv, Arguments& aArguments, int& aStatus
             Console::Print(text.str());
             return false;
         }
-        strProblem = error.what();
+        strProblem = DescribeError(aArgc, aArgv, error);
     }
     if (strProblem.empty()) {
         if (aArguments.m_Tls.m_bInsecure)

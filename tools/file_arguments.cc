@@ -90,8 +90,11 @@ std::string CheckSend(Arguments& a) {
         if (!strProblem.empty())
             return strProblem;
     }
-    if (std::count(a.m_vecFiles.begin(), a.m_vecFiles.end(), FolderWalk::INPUT) > 1)
+    const auto nInputs = std::count(a.m_vecFiles.begin(), a.m_vecFiles.end(), FolderWalk::INPUT);
+    if (nInputs > 1)
         return "stdin can be sent once";
+    if (nInputs == 0 && a.m_strName != Arguments().m_strName)
+        return "--name is for stdin, which is sent as -";
     const std::string strName = CheckFileName(a.m_strName);
     if (!strName.empty())
         return "--name: " + strName;

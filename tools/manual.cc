@@ -163,11 +163,13 @@ void DeclareHelp(CLI::App& aApp, Arguments& a) {
               "commands");
 }
 
+std::string DescribeUnknown(const std::string& aCommand) { return "'" + aCommand + "' is no command; 'talvo help' lists them"; }
+
 std::string PrintHelp(const CLI::App& aApp, const Arguments& a) {
     const OptionTable table = ReadOptions(aApp);
     const auto isMeant = [&](const CommandRow& aRow) { return aRow.m_strName == a.m_strHelpOn; };
     if (!a.m_strHelpOn.empty() && std::none_of(table.m_vecCommands.begin(), table.m_vecCommands.end(), isMeant))
-        return "'" + a.m_strHelpOn + "' is no command; 'talvo help' lists them";
+        return DescribeUnknown(a.m_strHelpOn);
     std::string strText;
     if (a.m_strHelpFormat == "man")
         strText = MakeManual(table, a.m_strHelpOn);

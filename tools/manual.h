@@ -10,6 +10,9 @@ namespace tool {
 
 void DeclareHelp(CLI::App& aApp, Arguments& a);
 
+// aCommand is none of the program's commands.
+std::string DescribeUnknown(const std::string& aCommand);
+
 // Prints to stdout, in the format of the arguments. Returns "" or an error text.
 std::string PrintHelp(const CLI::App& aApp, const Arguments& a);
 

@@ -86,11 +86,12 @@ Publisher::~Publisher() {
 void Publisher::Start() {
     if (CCmConnectionManager::Instance()->CreateForwardSession(this, m_pSession.ParaOut()) != CM_OK)
         return Complain({CAUSE_LOCAL, "cannot create a session"});
-    if (!StartListening(m_Arguments, this, m_Console, m_pAcceptor))
-        return m_Application.Finish(EXIT_FAILED);
+    // The lines follow in later turns, when it listens.
     const std::string strProblem = m_Source.Start(m_Arguments.m_strFile);
     if (!strProblem.empty())
         return Complain({CAUSE_LOCAL, strProblem});
+    if (!StartListening(m_Arguments, this, m_Console, m_pAcceptor))
+        return m_Application.Finish(EXIT_FAILED);
     RequireMemory(m_Watch.Schedule(this, WATCH_INTERVAL));
 }
 

@@ -96,7 +96,7 @@ std::string Truncated(const std::string& aText, size_t aColumns) {
 
 std::string FormatBytes(uint64_t aBytes) {
     if (aBytes < 1000)
-        return std::to_string(aBytes) + " bytes";
+        return std::to_string(aBytes) + (aBytes == 1 ? " byte" : " bytes");
     static constexpr std::array<const char*, 6> UNITS = {"kB", "MB", "GB", "TB", "PB", "EB"};
     double dValue = static_cast<double>(aBytes) / 1000;
     size_t unit = 0;

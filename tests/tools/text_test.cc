@@ -3,8 +3,8 @@
 #include "tests/support/test.h"
 #include "tools/failure.h"
 #include "tools/json_line.h"
-#include "tools/progress_meter.h"
 #include "tools/line_splitter.h"
+#include "tools/progress_meter.h"
 #include "tools/rate_limit.h"
 #include "tools/url.h"
 
@@ -20,7 +20,7 @@ TEST(ToolTextTest, TextOfAPeerCannotSteerATerminal) {
 }
 
 TEST(ToolTextTest, NumbersAreReadableAtTheEdgesOfTheirUnits) {
-    EXPECT_EQ("999 bytes", FormatBytes(999));
+    EXPECT_EQ("1 byte, 999 bytes", FormatBytes(1) + ", " + FormatBytes(999));
     EXPECT_EQ("1.0 MB", FormatBytes(999990));
     EXPECT_EQ("18.4 EB", FormatBytes(~uint64_t{0}));
     EXPECT_EQ("1:00:01", FormatDuration(3601));
@@ -32,7 +32,6 @@ TEST(ToolTextTest, UrlsThatCanBeReadInOneWayAreGood) {
         EXPECT_EQ("", CheckUrl(pGood)) << pGood;
 }
 
-TEST(ToolProgressMeterTest, RateIsThatOfTheLastSeconds) {
 TEST(ToolTextTest, ALineAsLongAsTheLimitIsNotCut) {
     LineSplitter splitter(4);
     std::string strLine;
@@ -48,8 +47,8 @@ TEST(ToolFailureTest, AViolationOfTheProtocolIsNoLocalCause) {
     const CCmFailure tooLong(CM_FAILURE_PROTOCOL, "too long", "receive from", CCmInetAddr());
     EXPECT_EQ(CAUSE_PROTOCOL, GetCause(CM_ERROR_NOT_AVAILABLE, tooLong));
 }
-TEST(ToolProgressMeterTest, RateIsThatOfTheLastSeconds) {
 
+TEST(ToolProgressMeterTest, RateIsThatOfTheLastSeconds) {
     CCmFakeClock clock;
     ProgressMeter meter;
     meter.Begin();

@@ -397,6 +397,7 @@ class TransferTest(ProgramTest):
                                  (["send", file, echo.address], "no talvo recv"),
                                  (["serve", self.out, *taken], "Address already in use"),
                                  (["recv", "--out", self.out, *taken], "Address already in use"),
+                                 *((["publish", *free, "--file", wrong], f"'{wrong}': ") for wrong in (self.out, self.directory / "no")),
                                  (["echo", *free, *foreign], "Cannot assign requested address"),
                                  (["serve", self.out, *free, *foreign], "Cannot assign requested address")):
             run = self.run_talvo(*arguments)
@@ -429,7 +430,7 @@ class TransferTest(ProgramTest):
                           ["echo", "--host", "::1"], ["echo", "--host", "h:1"], ["get", "http://h/", "--connect-to", "h"],
                           ["echo", "--udp", "--type", "package", "--host", "unix:/x"], ["send", file], ["send", to],
                           ["send", self.directory / "no", to], ["send", "-", "-", to], ["send", file, "127.0.0.1"],
-                          ["send", "-", to, "--name", "a/b"], ["send", file, to, "--bind", "h"], ["echo", "-q", "-v", "--port", 0],
+                          ["send", "-", to, "--name", "a/b"], ["send", file, to, "--name", "x"], ["tls", to, "--alpn", "x" * 300], ["send", file, to, "--bind", "h"], ["echo", "-q", "-v", "--port", 0],
                           ["send", file, to, "--secret-file", file], ["get", "http://h/", "--user", "ann:secret"], ["help", "fly"],
                           ["send", file, to, "--fast"], ["send", file, to, "--udp"], ["echo", "--port", -1],
                           ["echo", "--port", 0, "--udp", "--type", "tcp"], ["ping", "a:1", "b:1"], ["ping", "a:1", "--count", 0],
@@ -439,6 +440,7 @@ class TransferTest(ProgramTest):
             run = self.run_talvo(*arguments)
             self.assert_fails(run, 2)
             self.assertEqual("", run.stdout)
+        self.assertEqual(self.run_talvo("fly").stderr, self.run_talvo("help", "fly").stderr)
         self.assertEqual(self.run_talvo("--help").stdout, self.run_talvo("help").stdout)
         self.assertEqual(self.run_talvo("send", "--help").stdout, self.run_talvo("help", "send").stdout)
         self.assertRegex(self.run_talvo("-V").stdout, r"^talvo \d+\.\d+\.\d+\n$")
