@@ -13,7 +13,9 @@
 #include "talvo/co/loop_timer.h"
 #include "talvo/connection/connection_manager.h"
 #include "talvo/event/embedded_loop.h"
+#include "talvo/event/reactor.h"
 #include "talvo/event/signal_handler.h"
+#include "talvo/event/thread.h"
 #include "talvo/event/thread_manager.h"
 
 namespace talvo {
