@@ -48,9 +48,8 @@ public:
 
     // CM_ERROR_ALREADY_INITIALIZED: another object exists, or another thread is the library's main thread.
     CmResult code() const noexcept { return code_; }
-    CmResult signal_code() const noexcept {
-        return signal_code_;
-    }  // CM_ERROR_NOT_AVAILABLE: an older thread does not block them
+    // CM_ERROR_NOT_AVAILABLE: an older thread does not block the signals.
+    CmResult signal_code() const noexcept { return signal_code_; }
     // The text of either; "": there is none.
     std::string failure() const {
         if (code_ != CM_OK)

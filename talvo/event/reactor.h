@@ -67,14 +67,14 @@ public:
     // to read, for OnInput to fetch, and never as a close. OnInput is then called while there is more to read, whatever its
     // result. With CLOSES_MASK the handler's OnClose closes the handle or registers it again: the system ends the watch of a
     // closed handle by itself, which saves a call. CM_OK: new, or nothing to change. CM_ERROR_FOUND: changed; also a success.
-    // CM_ERROR_INVALID_ARG: aEh is null or the mask is empty. CM_ERROR_UNEXPECTED: the system refuses the handle.
-    // CM_ERROR_OUT_OF_MEMORY.
+    // CM_ERROR_INVALID_ARG: aEh is null or the mask is empty. CM_ERROR_UNEXPECTED: the system refuses the handle
+    // or the change to another handler; the handle has no handler then. CM_ERROR_OUT_OF_MEMORY.
     virtual CmResult RegisterHandler(ACmEventHandler* aEh, long aMask) = 0;
 
     // Removes the kinds in aMask, and the handler if no kind is left. Never calls OnClose. With CLOSES_MASK the caller closes
-    // the handle next. CM_OK: removed, or it had none of
-    // these kinds. CM_ERROR_FOUND: it stays registered for the other kinds; also a success. CM_ERROR_NOT_FOUND: the handle is
-    // not registered. CM_ERROR_INVALID_ARG: aEh is null, its handle is invalid or the mask is empty.
+    // the handle next. CM_OK: removed, or it had none of these kinds. CM_ERROR_FOUND: it stays registered for the other kinds;
+    // also a success. CM_ERROR_NOT_FOUND: the handle is not registered. CM_ERROR_INVALID_ARG: aEh is null, its handle is
+    // invalid or the mask is empty.
     virtual CmResult RemoveHandler(ACmEventHandler* aEh, long aMask) = 0;
 
     // The loop reports aMask to aEh as if it had become ready, unless aEh is no longer registered then. Any thread; a caller in
