@@ -11,7 +11,7 @@ namespace {
 Failure DescribeFailure(CmResult aResult) { return {GetCause(aResult), DescribeResult(aResult)}; }
 
 // A script that cannot be read, or ends with an error, counts as a violation by its server. The result is that of a proxy
-// server out of reach.
+// server out of reach, and another one without the helper program.
 ECause GetScriptCause(CmResult aResult) {
     const ECause cause = GetCause(aResult);
     return cause == CAUSE_OTHER || cause == CAUSE_CONNECT ? CAUSE_PROTOCOL : cause;
@@ -39,7 +39,7 @@ void ProxyLook::Start() {
     const CmResult settings = rv == CM_OK ? pDiscovery->FindSettings(this) : rv;
     if (settings == CM_ERROR_WOULD_BLOCK)
         return;
-    ShowFailure("the settings", DescribeFailure(settings));
+    ShowSettingsFailure(settings);
     m_Application.Finish(m_nStatus);
 }
 
@@ -52,7 +52,7 @@ void ProxyLook::AskNext() {
         if (rv == CM_ERROR_WOULD_BLOCK)
             return;
         if (rv != CM_OK)
-            ShowFailure(m_strUrl, DescribeFailure(rv));
+            ShowFailure(m_strUrl, rv == CM_ERROR_NOT_AVAILABLE && m_ScriptFailure ? m_ScriptFailure : DescribeFailure(rv));
     }
     m_Application.Finish(m_nStatus);
 }
@@ -79,7 +79,7 @@ void ProxyLook::OnObserve(const char*, void* aData) {
 
 void ProxyLook::ShowSettings(const CCmProxyAnswer& aAnswer) {
     if (aAnswer.GetResult() != CM_OK)
-        ShowFailure("the settings", DescribeFailure(aAnswer.GetResult()));
+        ShowSettingsFailure(aAnswer.GetResult());
     for (const CCmProxySetting& setting : aAnswer.GetSettings()) {
         const JsonLine json = JsonLine("setting")
                                   .Add("source", setting.m_strSource)
@@ -91,7 +91,7 @@ void ProxyLook::ShowSettings(const CCmProxyAnswer& aAnswer) {
 
 void ProxyLook::ShowAnswer(const CCmProxyAnswer& aAnswer, bool aKept) {
     if (!aAnswer.GetError().empty())
-        ShowFailure(m_strUrl, {GetScriptCause(aAnswer.GetResult()), aAnswer.GetError()});
+        ShowFailure(m_strUrl, {GetScriptCause(aAnswer.GetErrorReason()), aAnswer.GetError()});
     if (aAnswer.GetResult() == CM_OK)
         ShowRoute(aAnswer.GetRoute().GetScriptText(), aAnswer.GetSource(), aKept);
     else if (aAnswer.GetError().empty())
@@ -107,8 +107,13 @@ void ProxyLook::ShowRoute(const std::string& aRoute, const std::string& aSource,
     m_Console.Result(m_strUrl + ": " + aRoute + ", from " + aSource + (aKept ? ", kept, " : ", ") + szMs, json);
 }
 
-void ProxyLook::ShowFailure(const std::string& aWhat, const Failure& aFailure) {
-    m_Console.Problem(aWhat + ": " + aFailure.m_strReason, JsonLine::Failed(aFailure).Add("url", aWhat));
+void ProxyLook::ShowFailure(const std::string& aUrl, const Failure& aFailure) {
+    m_Console.Problem(aUrl + ": " + aFailure.m_strReason, JsonLine::Failed(aFailure).Add("url", aUrl));
+    m_nStatus = EXIT_FAILED;
+}
+
+void ProxyLook::ShowSettingsFailure(CmResult aResult) {
+    m_Console.Problem({GetCause(aResult), "cannot find the settings: " + DescribeResult(aResult)});
     m_nStatus = EXIT_FAILED;
 }
 
@@ -117,7 +122,7 @@ void ProxyLook::OnProxyScriptAlert(const CCmString& aText) { std::fprintf(stderr
 void ProxyLook::OnProxyScriptEnd(CmResult aReason, const CCmString& aText) {
     CCmProxyRoute route = CCmProxyRoute::Direct();
     if (aReason != CM_OK)
-        ShowFailure(m_strUrl, {GetScriptCause(aReason), aText});
+        ShowFailure(m_strUrl, m_ScriptFailure = {GetScriptCause(aReason), aText});
     else if (CCmProxyRoute::FromScript(aText, route) != CM_ERROR_OUT_OF_MEMORY)  // no valid entry: DIRECT
         ShowRoute(route.GetScriptText(), "script " + m_Arguments.m_strScript, false);
     AskNext();

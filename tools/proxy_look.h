@@ -34,11 +34,13 @@ private:
     void ShowSettings(const CCmProxyAnswer& aAnswer);
     void ShowAnswer(const CCmProxyAnswer& aAnswer, bool aKept);
     void ShowRoute(const std::string& aRoute, const std::string& aSource, bool aKept);
-    void ShowFailure(const std::string& aWhat, const Failure& aFailure);
+    void ShowFailure(const std::string& aUrl, const Failure& aFailure);
+    void ShowSettingsFailure(CmResult aResult);
 
     const Arguments& m_Arguments;
     Application& m_Application;
     Console& m_Console;
+    Failure m_ScriptFailure;                    // its last one, which may be the cause why it cannot be asked again
     std::unique_ptr<CCmProxyScript> m_pScript;  // null without --script
     bool m_bSettings;                           // the next answer has the settings
     size_t m_nNext = 0;

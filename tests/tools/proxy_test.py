@@ -5,6 +5,7 @@ import json
 import os
 import pathlib
 import pty
+import shutil
 import signal
 import socket
 import socketserver
@@ -156,6 +157,19 @@ class ProxyTest(ProgramTest):
         run = self.run_talvo(*asked, "2026-11-24T12:00")
         self.assertEqual((1, "protocol"), (run.returncode, json.loads(run.stdout)["cause"]))
         self.assertIn("line 3", json.loads(run.stdout)["reason"])
+        # A library without the helper in its place. The settings lead to the same script.
+        for library in HELPER.parent.glob("libtalvo.so.*"):
+            shutil.copy(library, self.directory)
+        alone = {**WITHOUT, "LD_LIBRARY_PATH": str(self.directory)}
+        settings = self.make("settings", f"[HttpProxy]\nMode=script\nScriptUrl=file://{script.resolve()}\n".encode())
+        settings.chmod(0o600)
+        for run in self.run_talvo(*asked[:-1], "http://b.test/", env=alone), \
+                self.run_talvo("proxy", "--json", "http://a.test/", "http://b.test/", "--config", settings, env=alone):
+            lines = [line for line in map(json.loads, run.stdout.splitlines()) if line["event"] == "failed"]
+            self.assertEqual((1, 2), (run.returncode, len(lines)), run.stdout)
+            for line in lines:
+                self.assertEqual("local", line["cause"])
+                self.assertRegex(line["reason"], "^no script can run: the helper program '/.*talvo-pac' cannot be started: No such file")
 
 
 if __name__ == "__main__":

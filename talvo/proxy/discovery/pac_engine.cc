@@ -11,9 +11,16 @@ std::atomic<IPacTexts*> s_pTexts{nullptr};    // not owned
 
 }  // namespace
 
+CCmString DescribeNoEngine() {
+    const IPacEngine* pEngine = IPacEngine::Get();
+    const CCmString strProblem = pEngine ? pEngine->GetProblem() : "the library was built without an engine";
+    return "no script can run" + (strProblem.empty() ? "" : ": " + strProblem);
+}
+
 IPacSink::~IPacSink() = default;
 void IPacSink::OnPacAlert(const CCmString&) {}
 IPacEngine::~IPacEngine() = default;
+CCmString IPacEngine::GetProblem() const { return ""; }
 IPacTextSink::~IPacTextSink() = default;
 IPacTextWatcher::~IPacTextWatcher() = default;
 IPacTexts::~IPacTexts() = default;

@@ -55,6 +55,8 @@ public:
     virtual CmResult Find(const CPacTextPtr& aScript, const CPacQuestion& aQuestion, IPacSink& aSink) = 0;
     // Withdraws the question of aSink; no call follows. Does nothing without one.
     virtual void Cancel(IPacSink& aSink) = 0;
+    // Why no engine can run now, in words. "": one can, or the cause is not known, as always by default. Throws std::bad_alloc.
+    virtual CCmString GetProblem() const;
 
     // The process's engine; null: scripts cannot run. Not owned: it outlives its questions. Any thread.
     static IPacEngine* Get();
@@ -63,6 +65,10 @@ public:
 protected:
     virtual ~IPacEngine();
 };
+
+// The failure of a question that no engine can take: "no script can run", with the cause if it is known. Network thread. Throws
+// std::bad_alloc.
+CCmString DescribeNoEngine();
 
 class TALVO_API IPacTextSink {
 public:

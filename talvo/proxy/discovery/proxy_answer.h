@@ -23,6 +23,7 @@ public:
         CCmProxyRoute m_Route;                    // of GetRoute
         CCmString m_strSource;                    // of GetSource
         CCmString m_strError;                     // of GetError
+        CmResult m_ErrorReason = CM_OK;           // of GetErrorReason
         std::vector<CCmProxySetting> m_Settings;  // of GetSettings
     };
     // Not for applications.
@@ -39,6 +40,9 @@ public:
     // The failure of the script or of its fetch, in words and with the line; "": it did not fail. The route is then DIRECT,
     // or there is none if the script is mandatory.
     const CCmString& GetError() const { return m_Value.m_strError; }
+    // CM_OK: there is no failure of the script. CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE: it cannot be fetched or loaded,
+    // fails, or exceeds a limit. CM_ERROR_NOT_AVAILABLE: no engine can run, as without the helper program.
+    CmResult GetErrorReason() const { return m_Value.m_ErrorReason; }
     // Those of an answer to FindSettings, the strongest source first; else empty.
     const std::vector<CCmProxySetting>& GetSettings() const { return m_Value.m_Settings; }
 

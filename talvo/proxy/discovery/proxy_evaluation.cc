@@ -34,7 +34,7 @@ const char* TextOf(EPacEnd aEnd) {
     case EPacEnd::LIMIT:
         return "the script exceeded a limit";
     default:
-        return "no script can run";
+        return "";
     }
 }
 
@@ -52,6 +52,7 @@ void CProxyEvaluation::Stop() {
         pEngine->Cancel(*this);
     m_Urls.clear();
     m_strError.clear();
+    m_ErrorReason = CM_OK;
     m_pScript.reset();
     m_Value.reset();
 }
@@ -165,7 +166,7 @@ void CProxyEvaluation::Run_i(const CPacTextPtr& aScript) {
     if (rv == CM_ERROR_WOULD_BLOCK)
         m_pEngine = pEngine;
     else
-        Fail_i(TextOf(EPacEnd::NO_ENGINE));
+        Fail_i(DescribeNoEngine(), CM_ERROR_NOT_AVAILABLE);
 }
 
 void CProxyEvaluation::OnPacEnd(EPacEnd aEnd, const CCmString& aText) {
@@ -176,6 +177,8 @@ void CProxyEvaluation::OnPacEnd(EPacEnd aEnd, const CCmString& aText) {
         IPacTexts* pTexts = IPacTexts::Get();
         if (pTexts && aEnd == EPacEnd::LOAD_FAILED)
             pTexts->Reject(m_Urls.back(), m_pScript);
+        if (aEnd == EPacEnd::NO_ENGINE)
+            return TakeError_i(DescribeNoEngine(), CM_ERROR_NOT_AVAILABLE);
         TakeError_i(TextOf(aEnd) + (aText.empty() ? "" : ": " + aText));
     });
 }
@@ -190,12 +193,13 @@ void CProxyEvaluation::TakeAnswer_i(const CCmString& aText) {
 }
 
 // The last good script serves. If it was the one that failed, there is no answer.
-void CProxyEvaluation::TakeError_i(const CCmString& aError) {
+void CProxyEvaluation::TakeError_i(const CCmString& aError, CmResult aReason) {
     const CPacTextPtr pGood = m_User.GetGoodScript(m_Urls.front());
     const BOOL bSame = pGood && m_pScript && pGood->m_ullVersion == m_pScript->m_ullVersion;
     if (!pGood || bSame || !m_strError.empty())
-        return Fail_i(m_strError.empty() ? aError : m_strError);
+        return m_strError.empty() ? Fail_i(aError, aReason) : Fail_i(m_strError, m_ErrorReason);
     m_strError = aError;
+    m_ErrorReason = aReason;
     CM_WARNING_TRACE_THIS("CProxyEvaluation::TakeError_i, the last good script serves. error=" << aError);
     Run_i(pGood);
 }
@@ -205,11 +209,13 @@ void CProxyEvaluation::Finish_i(const CCmProxyRoute& aRoute, const CCmString& aS
     value.m_Route = aRoute;
     value.m_strSource = aSource;
     value.m_strError = m_strError;
+    value.m_ErrorReason = m_ErrorReason;
     m_Value = std::move(value);
 }
 
-void CProxyEvaluation::Fail_i(const CCmString& aError) {
+void CProxyEvaluation::Fail_i(const CCmString& aError, CmResult aReason) {
     m_strError = aError;
+    m_ErrorReason = aReason;
     const BOOL bMandatory = m_User.GetSources().GetApplication().m_bMandatory;
     m_User.OnScriptFailed(aError);
     Finish_i(bMandatory ? CCmProxyRoute() : CCmProxyRoute::Direct(), m_strSource);

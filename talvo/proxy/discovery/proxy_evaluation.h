@@ -52,15 +52,16 @@ private:
     void Use_i(const CPacTextPtr& aText);
     void Run_i(const CPacTextPtr& aScript);
     void TakeAnswer_i(const CCmString& aText);
-    void TakeError_i(const CCmString& aError);
+    void TakeError_i(const CCmString& aError, CmResult aReason = CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE);
     void Finish_i(const CCmProxyRoute& aRoute, const CCmString& aSource);
-    void Fail_i(const CCmString& aError);
+    void Fail_i(const CCmString& aError, CmResult aReason = CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE);
 
     IProxyEvaluationUser& m_User;
     const CProxyOrigin m_Origin;
     std::vector<CCmString> m_Urls;    // of the files, each names the next
     CCmString m_strSource;            // of the script
     CCmString m_strError;             // of the newest script, while the last good one runs
+    CmResult m_ErrorReason = CM_OK;   // likewise
     CPacTextPtr m_pScript;            // is running
     IPacTexts* m_pTexts = nullptr;    // not owned; while it fetches
     IPacEngine* m_pEngine = nullptr;  // not owned; while it runs

@@ -17,8 +17,9 @@ public:
     // The script has called alert().
     virtual void OnProxyScriptAlert(const CCmString& aText) = 0;
     // The one end of a Find that returned CM_ERROR_WOULD_BLOCK. CM_OK: aText is the script's answer, unchanged; "" for null and
-    // for other values than a string. CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE: the script cannot be read, loaded or run, or
-    // exceeds a limit; aText is the error, with its line if it has one. The sink may ask again inside, or delete the script.
+    // for other values than a string. CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE: the script cannot be read or loaded, fails, or
+    // exceeds a limit; aText is the error, with its line if it has one. CM_ERROR_NOT_AVAILABLE: no engine can run, as without
+    // the helper program; aText is the cause. CM_ERROR_OUT_OF_MEMORY. The sink may ask again inside, or delete the script.
     virtual void OnProxyScriptEnd(CmResult aReason, const CCmString& aText) = 0;
 
 protected:

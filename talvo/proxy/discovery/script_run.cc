@@ -38,11 +38,15 @@ void CScriptRun::OnPacText(CmResult aReason, const CPacTextPtr& aText, const CCm
     const CmResult rv = aText ? Begin_i(aText) : aReason;
     if (rv == CM_ERROR_WOULD_BLOCK)
         return;
-    const CCmString strError = aText ? "no engine can run the script now" : "the script cannot be read";
+    if (aText)
+        return End_i(rv, DescribeNoEngine());
+    const CCmString strError = "the script cannot be read";
     End_i(CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE, aError.empty() ? strError : strError + ": " + aError);
 }
 
 void CScriptRun::OnPacEnd(EPacEnd aEnd, const CCmString& aText) {
+    if (aEnd == EPacEnd::NO_ENGINE)
+        return End_i(CM_ERROR_NOT_AVAILABLE, DescribeNoEngine());
     End_i(aEnd == EPacEnd::ANSWER ? CM_OK : CM_ERROR_NETWORK_PROXY_SERVER_UNAVAILABLE, aText);
 }
 

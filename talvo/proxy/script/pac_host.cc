@@ -1,6 +1,10 @@
 #include "talvo/proxy/script/pac_host.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -62,6 +66,15 @@ void CPacHost::Cancel(IPacSink& aSink) {
     std::erase(m_Waiting, pJob);
 }
 
+CCmString CPacHost::GetProblem() const {
+    if (!MayStart_i())
+        return "the helper program died three times within a minute, and no other one starts for a minute";
+    if (m_strMissing.empty())
+        return "";
+    const BOOL bUsable = access(m_strMissing.c_str(), X_OK) == 0;
+    return "the helper program '" + m_strMissing + "' cannot be started" + (bUsable ? "" : CCmString(": ") + strerror(errno));
+}
+
 PacJobPtr CPacHost::FindJob_i(const IPacSink& aSink) const {
     const auto isOfSink = [&aSink](const PacJobPtr& aJob) { return aJob->m_pSink == &aSink; };
     const auto running = std::find_if(m_Running.begin(), m_Running.end(), isOfSink);
@@ -85,7 +98,9 @@ void CPacHost::Dispatch_i() {
     while (m_Helpers.empty() && !m_Waiting.empty()) {
         const PacJobPtr pJob = m_Waiting.front();
         m_Waiting.pop_front();
-        OnJobEnd(pJob, EPacEnd::NO_ENGINE, "no helper program can be started");
+        CCmString strProblem;
+        WithMemory([&] { strProblem = GetProblem(); });
+        OnJobEnd(pJob, EPacEnd::NO_ENGINE, strProblem);
     }
 }
 
@@ -128,7 +143,7 @@ CCmRefPtrT<CPacHelper> CPacHost::StartHelper_i() {
     return nullptr;
 }
 
-BOOL CPacHost::MayStart_i() { return CCmClock::GetTimeOfDayUsec() >= m_llNoStartUntil; }
+BOOL CPacHost::MayStart_i() const { return CCmClock::GetTimeOfDayUsec() >= m_llNoStartUntil; }
 
 void CPacHost::CountDeath_i() {
     const int64_t llNow = CCmClock::GetTimeOfDayUsec();

@@ -23,6 +23,7 @@ public:
 
     CmResult Find(const CPacTextPtr& aScript, const CPacQuestion& aQuestion, IPacSink& aSink) override;
     void Cancel(IPacSink& aSink) override;
+    CCmString GetProblem() const override;
 
 private:
     void OnJobEnd(const PacJobPtr& aJob, EPacEnd aEnd, std::string_view aText) override;
@@ -34,7 +35,7 @@ private:
     PacJobPtr FindJob_i(const IPacSink& aSink) const;
     CCmRefPtrT<CPacHelper> ChooseHelper_i(const CPacJob& aJob);
     CCmRefPtrT<CPacHelper> StartHelper_i();
-    BOOL MayStart_i();
+    BOOL MayStart_i() const;
     void CountDeath_i();
     void Dispatch_i();
     void Clear_i();
@@ -44,7 +45,7 @@ private:
     std::vector<PacJobPtr> m_Running;
     std::vector<int64_t> m_Deaths;  // the times of the last ones, microseconds
     int64_t m_llNoStartUntil = INT64_MIN;
-    CCmString m_strMissing;  // the program that could not be started, which was traced
+    CCmString m_strMissing;  // the program that could not be started, which was traced; "" after a start
     BOOL m_bJoined = FALSE;  // the thread
 };
 
