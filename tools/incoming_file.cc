@@ -43,10 +43,13 @@ IncomingFile::IncomingFile(std::shared_ptr<IncomingFolder> aFolder, FrameEntry a
     : m_pFolder(std::move(aFolder)), m_Entry(std::move(aEntry)), m_bReplace(aReplace) {}
 
 IncomingFile::~IncomingFile() {
-    struct stat status {};
-    const bool bEmpty = !m_File || fstat(m_File.Get(), &status) != 0 || status.st_size == 0;
-    if (!m_strTemporary.empty() && (!m_bKeep || bEmpty))
+    if (!m_strTemporary.empty() && !m_bKeep)
         unlinkat(m_pFolder->GetFd(), m_strTemporary.c_str(), 0);
+}
+
+void IncomingFile::KeepPart() {
+    struct stat status {};
+    m_bKeep = m_bResumable && fstat(m_File.Get(), &status) == 0 && status.st_size > 0;
 }
 
 // Only regular files are replaced, never links, pipes and devices, whatever their target.

@@ -43,8 +43,8 @@ public:
     // Sets mode and time, flushes to the disk, then renames in one step. Without aReplace an existing file of that name, even a
     // very new one, is kept and this one is removed.
     Failure Publish();
-    // The destructor leaves what has arrived for a later session, if that can continue it.
-    void KeepPart() { m_bKeep = m_bResumable; }
+    // The destructor leaves the bytes so far for a later session, if that can continue them and there are any.
+    void KeepPart();
     bool IsKept() const { return m_bKeep; }
 
     // Removes temporary files from the directory: those that are not locked and unchanged for a day. Returns their names.

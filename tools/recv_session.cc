@@ -276,9 +276,12 @@ bool RecvSession::OnData(DWORD aId, std::string_view aPiece) {
     if (it == m_Files.end() || it->second.m_bOffered || aPiece.size() > it->second.m_ullSize - it->second.m_ullGot)
         return Fault(CAUSE_PROTOCOL, "it sent data that belongs to no file");
     File& file = it->second;
-    const Failure failure = file.m_Disk.Write(aPiece);
-    if (failure)
+    Failure failure = file.m_Disk.Write(aPiece);
+    if (failure) {
+        file.m_Disk.KeepPart();  // for a sender that comes when the disk has room
+        failure.m_strReason += file.m_Disk.IsKept() ? "; the received part stays, and can be continued" : "";
         return RefuseCurrent(aId, failure, true);
+    }
     file.m_ullGot += aPiece.size();
     m_Context.m_Meter.Advance(aPiece.size());
     return true;
@@ -406,9 +409,8 @@ void RecvSession::ReportEnd() {
     for (auto& [dwId, file] : m_Files) {
         vecNames.push_back(file.m_strPath);
         const uint64_t ullHad = std::max(file.m_ullGot, file.m_Disk.GetBeginning());
-        const bool bKept = file.m_Disk.IsKept() && ullHad > 0;
-        strText +=
-            "; " + file.m_strPath + (bKept ? " can be continued (" : " was removed (") + FormatBytes(ullHad) + " had arrived)";
+        strText += "; " + file.m_strPath + (file.m_Disk.IsKept() ? " can be continued (" : " was removed (") +
+                   FormatBytes(ullHad) + " had arrived)";
     }
     m_Context.m_Console.Problem(strText, JsonLine::Failed(m_Fault).Add("peer", m_strPeer).Add("incomplete", vecNames));
     if (m_State != WAIT_HELLO)

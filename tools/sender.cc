@@ -241,7 +241,7 @@ bool Sender::OnResult(DWORD aId, std::string_view aPayload) {
     if (bKept)
         ReportSent(item);
     else if (item.m_File.GetProblem().empty())
-        ReportFailed(item.m_strPath, {CAUSE_REFUSED, strReason});
+        ReportFailed(item.m_strPath, {CAUSE_REFUSED, "the receiver refused it: " + strReason});
     else
         ReportFailed(item.m_strPath, {CAUSE_LOCAL, item.m_File.GetProblem()});
     if (item.m_File.GetSize() == UNKNOWN_SIZE)
@@ -255,7 +255,7 @@ bool Sender::OnFolderResult(DWORD aId, bool aKept, const std::string& aReason) {
     if (it == m_Folders.end() || it->second.m_bRefused || (aKept && it->second.m_nUsers > 0))
         return false;
     if (!aKept)
-        ReportFailed(it->second.m_strPath, {CAUSE_REFUSED, aReason});
+        ReportFailed(it->second.m_strPath, {CAUSE_REFUSED, "the receiver refused it: " + aReason});
     it->second.m_bRefused = true;
     if (it->second.m_nUsers == 0)
         m_Folders.erase(it);

@@ -246,7 +246,14 @@ class TransferTest(ProgramTest):
         sent = self.run_talvo("send", file.name, self.make("small", "small"), server.address)
         self.assertEqual((1, True), (sent.returncode, "File too large" in sent.stderr))
         self.assertEqual({"small": b"small"}, self.received())
-        self.assertEqual(["local"], [o["cause"] for o in self.events(server.end()[1]) if o["event"] == "failed"])
+        (failed,) = (o for o in self.events(server.end()[1]) if o["event"] == "failed")
+        self.assertEqual(("local", True), (failed["cause"], "can be continued" in failed["reason"]))
+        # The part stays for the time when there is room.
+        had = max(path.stat().st_size for path in self.out.iterdir())
+        os.truncate(file.name, had + 1000)
+        server = self.receive()
+        (sent,) = self.events(self.run_talvo("send", file.name, server.address, "--json").stdout)
+        self.assertEqual((1000, had + 1000), (sent["bytes"], (self.out / "large").stat().st_size))
 
     def attack(self, server, data):
         """The answers until the receiver closes, to a peer whose first bytes come one by one."""
