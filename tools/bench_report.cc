@@ -77,8 +77,8 @@ void PrintHistogram(const Histogram& aLatency, Console& aConsole) {
 
 void PrintText(const std::string& aTarget, const BenchLoad::Results& a, Console& aConsole) {
     const BenchPlan& plan = a.m_Plan;
-    std::string strLoad =
-        DescribeKind(plan) + " to " + aTarget + ", " + std::to_string(plan.m_stConnections) + " connections, ";
+    std::string strLoad = DescribeKind(plan) + " to " + aTarget + ", " + std::to_string(plan.m_stConnections) +
+                          (plan.m_stConnections == 1 ? " connection, " : " connections, ");
     strLoad += plan.m_Kind == BenchPlan::HTTP ? "" : std::to_string(plan.m_stSize) + " bytes, ";
     strLoad += plan.m_dRate > 0 ? Format("%.0f a second", plan.m_dRate) : "the next one after each answer";
     aConsole.Result(strLoad, JsonLine(""));

@@ -116,9 +116,10 @@ std::string CheckSize(Arguments& a) {
 std::string CheckSecret(Arguments& a) {
     if (!a.m_bSecret && a.m_strSecretFile.empty())
         return "";
-    const std::string strProblem = ReadPassword({a.m_strSecretFile, "TALVO_SECRET", "Shared secret: "}, a.m_strSecret);
+    const std::string strProblem =
+        ReadPassword({"--secret", "--secret-file", a.m_strSecretFile, "TALVO_SECRET", "Shared secret: "}, a.m_strSecret);
     if (!strProblem.empty())
-        return "--secret needs " + strProblem;
+        return strProblem;
     const bool bShort = a.m_strSecret.size() < SHORTEST_SECRET;
     return bShort ? "--secret needs at least " + std::to_string(SHORTEST_SECRET) + " bytes, because short ones can be guessed"
                   : "";

@@ -137,9 +137,8 @@ std::string CheckUser(GetOptions& aOptions) {
                " or the terminal";
     if (aOptions.m_strUser.empty())
         return aOptions.m_strPasswordFile.empty() ? "" : "--password-file needs --user";
-    const std::string strPrompt = "password of " + aOptions.m_strUser + ": ";
-    const std::string strMissing = ReadPassword({aOptions.m_strPasswordFile, PASSWORD, strPrompt}, aOptions.m_strPassword);
-    return strMissing.empty() ? "" : "--user needs " + strMissing;
+    const std::string strPrompt = "Password of " + aOptions.m_strUser + ": ";
+    return ReadPassword({"--user", "--password-file", aOptions.m_strPasswordFile, PASSWORD, strPrompt}, aOptions.m_strPassword);
 }
 
 void DeclareRequest(CLI::App& aApp, GetOptions& aOptions) {

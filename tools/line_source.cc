@@ -35,10 +35,10 @@ LineSource::~LineSource() {
 std::string LineSource::Start(const std::string& aPath) {
     m_nFd = aPath.empty() ? STDIN_FILENO : open(aPath.c_str(), O_RDONLY | O_CLOEXEC);
     if (m_nFd < 0)
-        return "'" + aPath + "': " + SystemError(errno);
+        return "cannot read '" + aPath + "': " + SystemError(errno);
     struct stat status {};
     if (fstat(m_nFd, &status) == 0 && S_ISDIR(status.st_mode))
-        return "'" + aPath + "': " + SystemError(EISDIR);
+        return "cannot read '" + aPath + "': " + SystemError(EISDIR);
     // The reactor refuses regular files, which are always readable.
     m_bPolled = MainReactor().RegisterHandler(this, READ_MASK) == CM_OK;
     m_bRegistered = m_bPolled;

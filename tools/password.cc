@@ -78,17 +78,19 @@ EEnd ReadTyped(const std::string& aPrompt, std::string& aLine) {
 
 constexpr char NO_INTERRUPT = '\n';  // a line has none
 
-std::string ReadFile(const std::string& aPath, std::string& aPassword, EEnd& aEnd) {
-    const FileHandle file(open(aPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+std::string ReadFile(const PasswordSource& aSource, std::string& aPassword, EEnd& aEnd) {
+    const std::string& strPath = aSource.m_strFile;
+    const FileHandle file(open(strPath.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (!file)
-        return "a readable file: '" + aPath + "': " + SystemError(errno);
+        return std::string(aSource.m_pFileOption) + ": cannot read '" + strPath + "': " + SystemError(errno);
     struct stat status {};
     if (fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0)
-        Console::Complain("warning: other users can read '" + aPath + "'; use chmod 600");
+        Console::Complain("warning: other users can read '" + strPath + "'; use chmod 600");
     aEnd = ReadLine(file.Get(), NO_INTERRUPT, aPassword);
     if (aPassword.ends_with('\r'))
         aPassword.pop_back();
-    return aEnd == WHOLE && aPassword.empty() ? "a file whose first line is not empty" : "";
+    const bool bEmpty = aEnd == WHOLE && aPassword.empty();
+    return bEmpty ? std::string(aSource.m_pFileOption) + ": the first line of '" + strPath + "' is empty" : "";
 }
 
 }  // namespace
@@ -98,7 +100,7 @@ std::string ReadPassword(const PasswordSource& aSource, std::string& aPassword) 
     aPassword.reserve(LONGEST_PASSWORD + 1);  // the text has one place in memory
     EEnd end = WHOLE;
     if (!aSource.m_strFile.empty()) {
-        const std::string strProblem = ReadFile(aSource.m_strFile, aPassword, end);
+        const std::string strProblem = ReadFile(aSource, aPassword, end);
         if (!strProblem.empty())
             return strProblem;
     } else if (char* pValue = std::getenv(aSource.m_pVariable)) {
@@ -113,8 +115,10 @@ std::string ReadPassword(const PasswordSource& aSource, std::string& aPassword) 
     if (end == SIGNALLED)
         std::exit(128 + Application::GetPendingSignal());
     if (end == NO_TERMINAL)
-        return std::string("a terminal, a file, or the password in ") + aSource.m_pVariable;
-    return aPassword.size() > LONGEST_PASSWORD ? "a shorter password" : "";
+        return std::string(aSource.m_pOption) + " needs a terminal, " + aSource.m_pFileOption + ", or the variable " +
+               aSource.m_pVariable;
+    const bool bLong = aPassword.size() > LONGEST_PASSWORD;
+    return bLong ? std::string(aSource.m_pOption) + ": at most " + std::to_string(LONGEST_PASSWORD) + " bytes" : "";
 }
 
 }  // namespace tool

@@ -38,12 +38,13 @@ std::string AddCredentials(std::string& aUser, const std::string& aFile, CCmProx
         return "";
     std::string strPassword;
     const std::string strPrompt = "Password of " + aUser + " at " + aServer.GetText() + ": ";
-    const std::string strProblem = ReadPassword({aFile, PASSWORD_VARIABLE, strPrompt}, strPassword);
+    const std::string strProblem =
+        ReadPassword({"--proxy-user", "--proxy-password-file", aFile, PASSWORD_VARIABLE, strPrompt}, strPassword);
     const CmResult rv = strProblem.empty() ? aServer.SetCredentials(aUser, strPassword) : CM_OK;
     explicit_bzero(strPassword.data(), strPassword.size());
     aUser.clear();
     if (!strProblem.empty())
-        return "--proxy-user needs " + strProblem;
+        return strProblem;
     return rv == CM_OK ? "" : "--proxy-user: the name or the password has characters that cannot be sent";
 }
 

@@ -27,7 +27,8 @@ void DeclareTrust(CLI::App& aApp, Arguments& a) {
 }
 
 void DeclareInsecure(CLI::App& aApp, Arguments& a) {
-    aApp.add_flag("--insecure", a.m_Tls.m_bInsecure, "Do not verify the server: anyone on the way can then read the data")
+    aApp.add_flag("--insecure", a.m_Tls.m_bInsecure,
+                  "Do not verify the server: anyone on the way can then read and change the data")
         ->excludes(aApp.get_option("--cacert"));
 }
 
@@ -37,7 +38,7 @@ void DeclareServerName(CLI::App& aApp, Arguments& a) {
 }
 
 void DeclareTlsClient(CLI::App& aApp, Arguments& a) {
-    aApp.add_flag("--tls", a.m_Tls.m_bTls, "TLS over the connection");
+    aApp.add_flag("--tls", a.m_Tls.m_bTls, "Encrypt the connection by TLS");
     DeclareTrust(aApp, a);
     DeclareInsecure(aApp, a);
     DeclareServerName(aApp, a);
@@ -52,7 +53,7 @@ void DeclareClientTrust(CLI::App& aApp, Arguments& a) {
 }
 
 void DeclareTlsServer(CLI::App& aApp, Arguments& a) {
-    aApp.add_flag("--tls", a.m_Tls.m_bTls, "TLS over the connections, with --cert and --key");
+    aApp.add_flag("--tls", a.m_Tls.m_bTls, "Encrypt the connections by TLS, with --cert and --key");
     DeclareClientTrust(aApp, a);
     Require(aApp, "--tls", "--cert");
     Require(aApp, "--cert", "--tls");
