@@ -92,7 +92,8 @@ void AccessLog::Write(const AccessEntry& aEntry) {
     if (WriteAll(m_File.Get(), strLine + "\n") || m_bLost)
         return;
     m_bLost = true;
-    Console::Complain("cannot write to the access log '" + m_strPath + "': " + SystemError(errno));
+    m_Console.Problem({CAUSE_LOCAL, "cannot write to the access log '" + m_strPath + "': " + SystemError(errno)}, "name",
+                      m_strPath);
 }
 
 AccessRecord::AccessRecord(AccessLog& aLog, const CCmHttpRequestHead& aRequest, const CCmInetAddr& aPeer) : m_Log(aLog) {

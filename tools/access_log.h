@@ -5,6 +5,7 @@
 #include <string>
 
 #include "talvo/talvo.h"
+#include "tools/console.h"
 #include "tools/file_handle.h"
 
 namespace tool {
@@ -32,10 +33,12 @@ public:
     enum EFormat { COMMON, JSON };
 
     // aPath: "-" is stdout. Other files are appended to, and created with the rights 0640.
-    AccessLog(std::string aPath, EFormat aFormat) : m_strPath(std::move(aPath)), m_Format(aFormat) {}
+    AccessLog(std::string aPath, EFormat aFormat, Console& aConsole)
+        : m_strPath(std::move(aPath)), m_Format(aFormat), m_Console(aConsole) {}
 
     // Opens the file, or opens it again after it was renamed. Returns "" or an error text; then the old file stays in use.
     std::string Open();
+    const std::string& GetPath() const { return m_strPath; }
 
     // A line that cannot be written is lost. The first loss is reported.
     void Write(const AccessEntry& aEntry);
@@ -43,6 +46,7 @@ public:
 private:
     const std::string m_strPath;
     const EFormat m_Format;
+    Console& m_Console;
     FileHandle m_File;
     bool m_bLost = false;
 };

@@ -56,7 +56,7 @@ int RunBench(const Arguments& aArguments) {
     const int nStatus = application.Run();
     if (!load.HasResults()) {
         if (nStatus == EXIT_OK)
-            console.Problem({CAUSE_TIMEOUT, "no answer came"});
+            load.Complain({CAUSE_TIMEOUT, "no answer came"});
         return nStatus == EXIT_OK ? EXIT_FAILED : nStatus;
     }
     const std::string strTarget = aArguments.m_bSelf ? "this program" : aArguments.m_strTarget;
@@ -65,7 +65,7 @@ int RunBench(const Arguments& aArguments) {
                                     ? ""
                                     : PlotBench(aArguments.m_strPlot, "talvo bench, " + strTarget, load.GetResults().m_Latency);
     if (!strPlot.empty())
-        console.Problem({CAUSE_LOCAL, "--plot: " + strPlot});
+        console.Problem({CAUSE_LOCAL, "--plot: " + strPlot}, "name", aArguments.m_strPlot);
     return strPlot.empty() ? nStatus : EXIT_FAILED;
 }
 

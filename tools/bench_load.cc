@@ -74,8 +74,15 @@ void BenchLoad::OnHttpStatus(int aStatus) { m_ullOtherStatus += aStatus / 100 !=
 void BenchLoad::OnBroken(const Failure& aFailure) {
     if (std::exchange(m_bBroken, true))
         return;
-    m_Console.Problem(aFailure);
+    Complain(aFailure);
     m_Application.Finish(EXIT_FAILED);
+}
+
+void BenchLoad::Complain(const Failure& aFailure) {
+    if (m_Plan.m_Kind == BenchPlan::HTTP)
+        m_Console.Problem(aFailure, "url", m_Arguments.m_strTarget);
+    else
+        m_Console.Problem(aFailure, "peer", cm_address_text(m_Arguments.m_Addr));
 }
 
 void BenchLoad::OnTimer(CCmTimerWrapperID*) {

@@ -36,6 +36,8 @@ public:
         uint64_t m_ullReconnects = 0;   // HTTP
         uint64_t m_ullOtherStatus = 0;  // HTTP: replies whose status is not 2xx
     };
+    // Prints a failure and its subject: the URL, or the address of the peer.
+    void Complain(const Failure& aFailure);
     // false: it did not begin.
     bool HasResults() const { return m_Plan.m_llStart > 0 && m_Latency.GetCount() > 0; }
     Results GetResults() const;

@@ -100,6 +100,10 @@ void Console::Problem(std::string_view aPlain, const JsonLine& aJson) {
 
 void Console::Problem(const Failure& aFailure) { Problem(aFailure.m_strReason, JsonLine::Failed(aFailure)); }
 
+void Console::Problem(const Failure& aFailure, std::string_view aKey, std::string_view aSubject) {
+    Problem(aFailure.m_strReason, JsonLine::Failed(aFailure).Add(aKey, aSubject));
+}
+
 void Console::Progress(std::string_view aPlain, const JsonLine& aJson) {
     if (m_Output != TERMINAL || s_Verbosity == QUIET) {
         Report(aPlain, aJson);

@@ -44,8 +44,10 @@ public:
 
     // A failure: "talvo: ..." on stderr, or the JSON object on stdout, see JsonLine::Failed.
     void Problem(std::string_view aPlain, const JsonLine& aJson);
-    // The same for a failure without a subject of its own.
+    // The same for a failure whose reason names its subject, or that has none. aKey: the JSON field of the subject, "peer",
+    // "url" or "name".
     void Problem(const Failure& aFailure);
+    void Problem(const Failure& aFailure, std::string_view aKey, std::string_view aSubject);
 
     // On a terminal a line that the next output overwrites; otherwise as Report. Not with QUIET.
     void Progress(std::string_view aPlain, const JsonLine& aJson);

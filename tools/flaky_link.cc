@@ -39,7 +39,8 @@ void FlakyLink::Start(ICmTransport* aClient) {
 
 void FlakyLink::OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId*) {
     if (aReason != CM_OK) {
-        m_Console.Problem(DescribeConnectFailure(m_Arguments.m_AddrTarget, *m_pConnector, aReason));
+        m_Console.Problem(DescribeConnectFailure(m_Arguments.m_AddrTarget, *m_pConnector, aReason), "peer",
+                          cm_address_text(m_Arguments.m_AddrTarget));
         Over(RESET);
         return;
     }

@@ -2,17 +2,25 @@
 
 namespace tool {
 
+namespace {
+
+JsonLine AddAddress(JsonLine aJson, const CCmInetAddr& aAddr) {
+    aJson.Add("address", aAddr.GetIpDisplayName());
+    return IsPath(aAddr) ? aJson : aJson.Add("port", aAddr.GetPort());
+}
+
+}  // namespace
+
 void AnnounceListening(const CCmInetAddr& aAddr, Console& aConsole) {
-    JsonLine json = JsonLine("ready").Add("address", aAddr.GetIpDisplayName());
-    if (!IsPath(aAddr))
-        json.Add("port", aAddr.GetPort());
+    const JsonLine json = AddAddress(JsonLine("ready"), aAddr);
     if (aConsole.GetOutput() != Console::JSON)
         aConsole.Report("listening on " + cm_address_text(aAddr), json);
     aConsole.Report("ready", json);
 }
 
 void ComplainOfListening(const CCmInetAddr& aAddr, const CCmFailure& aFailure, CmResult aReason, Console& aConsole) {
-    aConsole.Problem({CAUSE_LOCAL, "cannot listen on " + cm_address_text(aAddr) + DescribeCause(aFailure, aReason)});
+    const Failure failure{CAUSE_LOCAL, "cannot listen on " + cm_address_text(aAddr) + DescribeCause(aFailure, aReason)};
+    aConsole.Problem(failure.m_strReason, AddAddress(JsonLine::Failed(failure), aAddr));
 }
 
 CmResult Listen(const Arguments& aArguments, ICmAcceptorConnectorSink* aSink, CCmRefPtrT<ICmAcceptor>& aAcceptor,

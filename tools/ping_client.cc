@@ -219,7 +219,7 @@ void PingClient::ReportStatistics() {
 }
 
 void PingClient::GiveUp(const Failure& aFailure) {
-    m_Console.Problem(aFailure);
+    m_Console.Problem(aFailure, "peer", m_strPeer);
     Close(EXIT_FAILED);
 }
 

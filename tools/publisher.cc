@@ -89,7 +89,7 @@ void Publisher::Start() {
     // The lines follow in later turns, when it listens.
     const std::string strProblem = m_Source.Start(m_Arguments.m_strFile);
     if (!strProblem.empty())
-        return Complain({CAUSE_LOCAL, strProblem});
+        return ComplainOfInput(strProblem);
     if (!StartListening(m_Arguments, this, m_Console, m_pAcceptor))
         return m_Application.Finish(EXIT_FAILED);
     RequireMemory(m_Watch.Schedule(this, WATCH_INTERVAL));
@@ -175,7 +175,7 @@ uint64_t Publisher::GetKey(const std::string& aLine) const {
 
 void Publisher::OnEnd(const std::string& aProblem) {
     if (!aProblem.empty())
-        return Complain({CAUSE_LOCAL, aProblem});
+        return ComplainOfInput(aProblem);
     m_bEnded = true;
     m_dwProgress = get_tick_count();
     FinishWhenSent();
@@ -202,6 +202,11 @@ void Publisher::FinishWhenSent() {
         return m_Application.Finish(EXIT_OK);
     Complain({CAUSE_TIMEOUT, std::to_string(statistics.m_Lag.m_ullMessages) +
                                  " messages remain: no receiver has taken one for " + std::to_string(ullSeconds) + " s"});
+}
+
+void Publisher::ComplainOfInput(const std::string& aProblem) {
+    m_Console.Problem({CAUSE_LOCAL, aProblem}, "name", m_Arguments.m_strFile.empty() ? "-" : m_Arguments.m_strFile);
+    m_Application.Finish(EXIT_FAILED);
 }
 
 void Publisher::Complain(const Failure& aFailure) {

@@ -42,6 +42,7 @@ private:
     void Forget(ICmTransport* aTransport);
     void ReportDrops(DWORD aId, Peer& aPeer);
     void FinishWhenSent();
+    void ComplainOfInput(const std::string& aProblem);
     void Complain(const Failure& aFailure);
     uint64_t GetKey(const std::string& aLine) const;
 

@@ -23,7 +23,8 @@ int RunRecv(const Arguments& aArguments) {
     // Kept open, so that the files go into this directory even if its path changes its meaning.
     FileHandle directory(open(aArguments.m_strDirectory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!directory) {
-        console.Problem({CAUSE_LOCAL, "cannot open '" + aArguments.m_strDirectory + "': " + SystemError(errno)});
+        console.Problem({CAUSE_LOCAL, "cannot open '" + aArguments.m_strDirectory + "': " + SystemError(errno)}, "name",
+                        aArguments.m_strDirectory);
         return EXIT_FAILED;
     }
     Application::RaiseDescriptorLimit();

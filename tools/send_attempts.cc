@@ -28,7 +28,7 @@ void SendAttempts::OnSent(const Failure& aFailure) {
     if (aFailure && TryAgain(aFailure))
         return;
     if (aFailure)
-        m_Console.Problem(aFailure.m_strReason, JsonLine::Failed(aFailure).Add("peer", cm_address_text(m_Arguments.m_Addr)));
+        m_Console.Problem(aFailure, "peer", cm_address_text(m_Arguments.m_Addr));
     m_Application.Finish(aFailure || m_Record.m_bFailed ? EXIT_FAILED : EXIT_OK);
 }
 

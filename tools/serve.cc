@@ -43,7 +43,7 @@ public:
     void Reload(CCmSslContext* aContext) {
         const std::string strLog = m_pLog ? m_pLog->Open() : "";
         if (!strLog.empty())
-            m_Console.Problem({CAUSE_LOCAL, strLog});
+            m_Console.Problem({CAUSE_LOCAL, strLog}, "name", m_pLog->GetPath());
         if (aContext && aContext->Reload() == CM_OK)
             m_Console.Report("reloaded the certificates", JsonLine("reloaded"));
         else if (aContext)
@@ -64,11 +64,12 @@ private:
 };
 
 // Null: none.
-std::unique_ptr<AccessLog> MakeLog(const ServeOptions& aOptions, bool aJson) {
+std::unique_ptr<AccessLog> MakeLog(const ServeOptions& aOptions, Console& aConsole) {
     if (aOptions.m_strAccessLog.empty())
         return nullptr;
-    const bool bJson = aOptions.m_strAccessLogFormat.empty() ? aJson : aOptions.m_strAccessLogFormat == "json";
-    return std::make_unique<AccessLog>(aOptions.m_strAccessLog, bJson ? AccessLog::JSON : AccessLog::COMMON);
+    const std::string& strFormat = aOptions.m_strAccessLogFormat;
+    const bool bJson = strFormat.empty() ? aConsole.GetOutput() == Console::JSON : strFormat == "json";
+    return std::make_unique<AccessLog>(aOptions.m_strAccessLog, bJson ? AccessLog::JSON : AccessLog::COMMON, aConsole);
 }
 
 }  // namespace
@@ -77,14 +78,15 @@ std::unique_ptr<AccessLog> MakeLog(const ServeOptions& aOptions, bool aJson) {
 int RunServe(const Arguments& aArguments) {
     Console console(aArguments.m_bJson);
     ServedDirectory directory;
-    std::string strProblem = directory.Open(aArguments.m_strDirectory);
-    const std::unique_ptr<AccessLog> pLog = MakeLog(aArguments.m_Serve, aArguments.m_bJson);
-    if (strProblem.empty() && pLog)
-        strProblem = pLog->Open();
-    if (!strProblem.empty()) {
-        console.Problem({CAUSE_LOCAL, strProblem});
+    const std::unique_ptr<AccessLog> pLog = MakeLog(aArguments.m_Serve, console);
+    const std::string strDirectory = directory.Open(aArguments.m_strDirectory);
+    const std::string strLog = strDirectory.empty() && pLog ? pLog->Open() : "";
+    if (!strDirectory.empty())
+        console.Problem({CAUSE_LOCAL, strDirectory}, "name", aArguments.m_strDirectory);
+    if (!strLog.empty())
+        console.Problem({CAUSE_LOCAL, strLog}, "name", pLog->GetPath());
+    if (!strDirectory.empty() || !strLog.empty())
         return EXIT_FAILED;
-    }
     Application::RaiseDescriptorLimit();
     Application application(CCmThreadManager::NETWORK_THREAD_MAIN);
     Server server(directory, aArguments.m_Serve, pLog.get(), console);

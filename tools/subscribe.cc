@@ -66,7 +66,7 @@ private:
 
     void Finish(const Failure& aFailure) {
         if (aFailure)
-            m_Console.Problem(aFailure);
+            m_Console.Problem(aFailure, "peer", cm_address_text(m_Arguments.m_Addr));
         m_Application.Finish(aFailure ? EXIT_FAILED : EXIT_OK);
     }
 

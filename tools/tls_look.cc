@@ -69,7 +69,7 @@ void TlsLook::OnRefused(CmResult aReason) {
 
 void TlsLook::GiveUp(const Failure& aFailure) {
     Close();
-    m_Console.Problem(aFailure.m_strReason, JsonLine::Failed(aFailure).Add("peer", cm_address_text(m_Arguments.m_Addr)));
+    m_Console.Problem(aFailure, "peer", cm_address_text(m_Arguments.m_Addr));
     m_Application.Finish(EXIT_FAILED);
 }
 

@@ -410,6 +410,10 @@ class TransferTest(ProgramTest):
             run = self.run_talvo(*arguments)
             self.assert_fails(run, 4 if arguments[0] == "get" else 1, cause)
             self.assertNotIn("ready", run.stdout)
+        for command in "ping", "bench", "subscribe", "tls", "bench http://":
+            command, _, scheme = command.partition(" ")
+            (failed,) = self.events(self.run_talvo(command, scheme + HOST + ":1", "--json").stdout)
+            self.assertEqual(("connect", scheme + HOST + ":1"), (failed["cause"], failed["url" if scheme else "peer"]))
         with open("/dev/full", "w") as full:
             for arguments in ["help"], ["-V"], ["resolve", "127.0.0.1"], ["ping", echo.address, "--count", 1, "--json"], ["echo", *free], \
                     ["get", f"file://{file}", "-o", self.directory / "copy", "--json"]:
