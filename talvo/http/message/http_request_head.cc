@@ -17,11 +17,7 @@ BOOL CCmHttpRequestHead::SetMethod(const CCmHttpAtom& aMethod) {
 }
 
 BOOL CCmHttpRequestHead::SetAnyMethod(std::string_view aMethod) {
-    const CCmHttpAtom method = talvo::is_token(aMethod) ? ResolveName(aMethod) : CCmHttpAtom();
-    if (!method)
-        return FALSE;
-    m_Method = method;
-    return TRUE;
+    return talvo::is_token(aMethod) && talvo::WithMemory([&] { m_Method = ResolveMethod_t(aMethod); });
 }
 
 BOOL CCmHttpRequestHead::Clear() {
@@ -60,7 +56,7 @@ BOOL CCmHttpRequestHead::ParseFirstLine_t(const char* aLine) {
 
 BOOL CCmHttpRequestHead::SetFirstLine_i(std::string_view aMethod, std::string_view aURI, CCmHttpVersion aVersion) {
     return EndFirstLine_t(talvo::WithMemory([&] {
-        m_Method = ResolveParsed_t(aMethod);
+        m_Method = ResolveMethod_t(aMethod);
         m_strRequestURI.assign(aURI);
         m_Version = aVersion;
     }));
