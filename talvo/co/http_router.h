@@ -5,6 +5,7 @@
 
 #include "talvo/co/http_fields.h"
 #include "talvo/co/task.h"
+#include "talvo/http/message/http_request_head.h"
 
 namespace talvo::http {
 
@@ -14,10 +15,10 @@ class incoming;
 // empty, or "{name...}" at the end for the rest of the path, which may be empty. The first pattern added that fits wins. A
 // handler of GET also serves HEAD.
 //
-// A server with a router answers 404 for a path without a pattern; 405 with Allow for one without the method; 500 after a
-// handler that gives no answer. 400: a target that cannot be decoded, or whose decoded path has "." or ".." between slashes or
-// at an end, which clients resolve, or with which a parameter would begin with a slash. So a handler may append a parameter to
-// a directory.
+// A server with a router answers 404 for a path without a pattern; 405 with Allow for one without the method, whose spelling
+// counts; 204 with all methods in Allow for "OPTIONS *"; 500 after a handler that gives no answer. 400: a target that cannot be
+// decoded, or whose decoded path has "." or ".." between slashes or at an end, which clients resolve, or with which a parameter
+// would begin with a slash. So a handler may append a parameter to a directory.
 //
 //    talvo::http::router routes;
 //    routes.get("/users/{id}", [](talvo::http::incoming call) -> talvo::task<> {
@@ -29,11 +30,19 @@ public:
     // Answers one request.
     using handler = std::function<task<>(incoming)>;
 
-    // Adds a handler of a method and a pattern.
+    // Adds a handler of a method and a pattern. An invalid one is not added, and error() reports it: no handler; a method that
+    // is not a token; a pattern without "/" at the front, with "{name...}" before its end, with an empty or a repeated name, or
+    // with a brace elsewhere.
     router& on(std::string_view method, std::string_view pattern, handler serve) {
-        routes_.push_back({std::string(method), split(pattern), std::move(serve)});
+        route added{std::string(method), split(pattern), std::move(serve)};
+        if (added.serve && CCmHttpRequestHead().SetAnyMethod(method) && is_valid(added.pattern))
+            routes_.push_back(std::move(added));
+        else
+            error_ = make_error_code(CM_ERROR_INVALID_ARG);
         return *this;
     }
+    // CM_ERROR_INVALID_ARG: a handler was not added. A server does not listen with such a router.
+    std::error_code error() const noexcept { return error_; }
     // Likewise of GET.
     router& get(std::string_view pattern, handler serve) { return on("GET", pattern, std::move(serve)); }
     // Likewise of POST.
@@ -57,6 +66,8 @@ public:
     // target: as in the request line: "/path?query", or with "http://host" in front.
     match find(std::string_view method, std::string_view target) const {
         match found;
+        if (target == "*")
+            return match_server();
         const std::size_t mark = std::min(target.find('?'), target.size());
         std::vector<std::string> path = split(path_of(target.substr(0, mark)));
         auto query = fields::parse(target.substr(std::min(target.size(), mark + 1)));
@@ -112,6 +123,24 @@ private:
 
     static bool is_name(const std::string& segment) { return segment.starts_with('{') && segment.ends_with('}'); }
     static bool is_rest(const std::string& segment) { return is_name(segment) && segment.ends_with("...}"); }
+    static std::string name_of(const std::string& segment) {
+        return segment.substr(1, segment.size() - (is_rest(segment) ? 5 : 2));
+    }
+
+    static bool is_valid(const std::vector<std::string>& pattern) {
+        fields names;
+        for (const std::string& segment : pattern) {
+            const std::string name = is_name(segment) ? name_of(segment) : "";
+            if ((is_name(segment) ? name : segment).find_first_of("{}") != std::string::npos)
+                return false;
+            if (!is_name(segment))
+                continue;
+            if (name.empty() || names.has(name) || (is_rest(segment) && &segment != &pattern.back()))
+                return false;
+            names.add(name, "");
+        }
+        return !pattern.empty();
+    }
 
     static bool fits(const std::vector<std::string>& pattern, const std::vector<std::string>& path) {
         const bool rest = !pattern.empty() && is_rest(pattern.back());
@@ -128,27 +157,39 @@ private:
     static bool take(const route& each, std::string_view method, const std::vector<std::string>& path, match& found) {
         if (each.method != method && !(each.method == "GET" && method == "HEAD")) {
             found.status = 405;
-            allow(each.method, found);
-            if (each.method == "GET")
-                allow("HEAD", found);
+            allow(each, found);
             return false;
         }
         found.serve = &each.serve;
         for (std::size_t i = 0; i < each.pattern.size(); ++i) {
             const std::string& segment = each.pattern[i];
-            if (is_rest(segment)) {
-                std::string rest = join(path, i);
-                if (rest.starts_with('/')) {
-                    found.serve = nullptr;
-                    found.status = 400;
-                    return true;
-                }
-                found.params.add(segment.substr(1, segment.size() - 5), std::move(rest));
-            } else if (is_name(segment)) {
-                found.params.add(segment.substr(1, segment.size() - 2), path[i]);
+            if (!is_name(segment))
+                continue;
+            std::string value = is_rest(segment) ? join(path, i) : path[i];
+            if (value.starts_with('/')) {
+                found.serve = nullptr;
+                found.status = 400;
+                return true;
             }
+            found.params.add(name_of(segment), std::move(value));
         }
         return true;
+    }
+
+    // The target "*", which is the server and comes with OPTIONS only.
+    match match_server() const {
+        match found;
+        found.status = 204;
+        for (const route& each : routes_)
+            allow(each, found);
+        allow("OPTIONS", found);
+        return found;
+    }
+
+    static void allow(const route& each, match& found) {
+        allow(each.method, found);
+        if (each.method == "GET")
+            allow("HEAD", found);
     }
 
     static void allow(const std::string& method, match& found) {
@@ -164,6 +205,7 @@ private:
     }
 
     std::vector<route> routes_;
+    std::error_code error_;
 };
 
 }  // namespace talvo::http

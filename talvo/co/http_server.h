@@ -190,14 +190,14 @@ public:
         acceptor_.Reset();
     }
 
-    // Once. CM_ERROR_INVALID_ARG: no such address, or a host name. Other errors: those of
-    // ICmChannelServerAcceptor::StartListen.
+    // Once. CM_ERROR_INVALID_ARG: no such address, or a host name; or that of the router, see router::on. Other errors: those
+    // of ICmChannelServerAcceptor::StartListen.
     result<> listen(std::string_view at, router routes, const server_options& options = {}) {
         if (acceptor_)
             return make_error_code(CM_ERROR_ALREADY_INITIALIZED);
         failure_ = {};
         const auto parsed = address::parse(at);
-        if (!parsed || !parsed->native().IsResolved())
+        if (!parsed || !parsed->native().IsResolved() || routes.error())
             return make_error_code(CM_ERROR_INVALID_ARG);
         routes_ = std::move(routes);
         CmResult code = CCmChannelManager::Instance()->CreateHttpAcceptor(acceptor_.ParaOut());
@@ -249,10 +249,11 @@ private:
     static void refuse(ICmChannelHttpServer& native, const router::match& found) {
         if (!found.allow.empty())
             native.SetHeader(detail::header_name("Allow"), found.allow);
-        native.AnswerText(found.status, "text/plain",
-                          found.status == 404   ? "not found\n"
-                          : found.status == 405 ? "method not allowed\n"
-                                                : "not understood\n");
+        const std::string text = found.status == 204   ? ""
+                                 : found.status == 404 ? "not found\n"
+                                 : found.status == 405 ? "method not allowed\n"
+                                                       : "not understood\n";
+        native.AnswerText(found.status, text.empty() ? "" : "text/plain", text);
     }
 
     static task<> serve(CCmRefPtrT<detail::server_channel> channel) {

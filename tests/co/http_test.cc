@@ -44,7 +44,8 @@ TEST(HttpRouterTest, FindsHandlersAndDecodes) {
         {"GET", "/files/x/y.txt", 200, "path=x/y.txt;", ""},
         {"GET", "/files/", 200, "path=;", ""},
         {"GET", "/files", 200, "path=;", ""},
-        {"GET", "*", 404, "", ""},
+        {"get", "/", 405, "GET, HEAD", ""},
+        {"OPTIONS", "*", 204, "GET, HEAD, PUT, OPTIONS", ""},
         {"GET", "", 404, "", ""},
         {"GET", "/a/%4", 400, "", ""},
         {"GET", "/a/%00", 400, "", ""},
@@ -65,6 +66,14 @@ TEST(HttpRouterTest, FindsHandlersAndDecodes) {
         EXPECT_EQ(row.m_szParams, found.serve ? Pairs(found.params) : found.allow) << row.m_szTarget;
         EXPECT_EQ(row.m_szQuery, Pairs(found.query)) << row.m_szTarget;
     }
+    EXPECT_FALSE(routes.error());
+    for (const char* szWrong : {"", "a", "*", "/{", "/a{b}", "/{a}b", "/{}", "/{...}", "/{a...}/b", "/{a}/{a}", "/{{a}}"}) {
+        http::router wrong;
+        EXPECT_EQ(std::errc::invalid_argument, wrong.get(szWrong, handler).error()) << szWrong;
+        EXPECT_EQ(404, wrong.find("GET", "/").status) << szWrong;
+        EXPECT_EQ(std::errc::invalid_argument, http::server().listen("10.0.0.1:80", wrong).error());
+    }
+    EXPECT_TRUE(http::router().on("A B", "/", handler).error() && http::router().get("/", nullptr).error());
     std::string strMany;
     for (size_t i = 0; i < http::fields::MOST; ++i)
         strMany += "a=b&";
@@ -121,6 +130,33 @@ TEST_F(CoHttpTest, HandlersAnswerAndFaultsHaveTheirStatus) {
         EXPECT_EQ(std::errc::connection_refused, (co_await http::get("http://10.0.0.9/")).error());
     }());
     EXPECT_THROW(std::rethrow_exception(m_Failed), std::runtime_error);
+}
+
+// A method has one spelling, whatever spelling of the text a peer has used before, as a header's name for example.
+TEST_F(CoHttpTest, MethodsDifferByCase) {
+    const auto handler = [](http::incoming aCall) -> talvo::task<> {
+        aCall.respond(200, "", std::string(aCall.method()) + aCall.header("patch"));
+        co_return;
+    };
+    Serve(http::router().get("/", handler).patch("/", handler));
+    Run([]() -> talvo::task<> {
+        const http::header header{"patch", "ed"};
+        const auto ask = [&](std::string_view aMethod) {
+            return http::fetch({.url = "http://10.0.0.1/", .method = aMethod, .headers = {&header, 1}});
+        };
+        EXPECT_EQ(405, (co_await ask("patch")).value().status());
+        EXPECT_EQ("PATCHed", (co_await ask("PATCH")).value().body());
+        EXPECT_EQ("GETed", (co_await ask("GET")).value().body());
+        EXPECT_EQ(405, (co_await ask("get")).value().status());
+        EXPECT_EQ(std::errc::invalid_argument, (co_await ask(std::string_view("GET\0", 4))).error());
+        auto raw = (co_await talvo::connect("10.0.0.1:80", talvo::tcp)).value();
+        co_await raw.send("OPTIONS * HTTP/1.1\r\nHost: a\r\nConnection: close\r\n\r\n");
+        std::string strAnswer;
+        while (const auto piece = co_await raw.receive())
+            strAnswer += piece->view();
+        EXPECT_TRUE(strAnswer.starts_with("HTTP/1.1 204 ")) << strAnswer;
+        EXPECT_NE(std::string::npos, strAnswer.find("Allow: GET, HEAD, PATCH, OPTIONS\r\n")) << strAnswer;
+    }());
 }
 
 // Exchanges end after any step of both sides, and leave nothing behind.
