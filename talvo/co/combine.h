@@ -39,7 +39,7 @@ protected:
 };
 
 template <class... T>
-class all_awaiter final : public combination<all_awaiter<T...>> {
+class [[nodiscard]] all_awaiter final : public combination<all_awaiter<T...>> {
 public:
     explicit all_awaiter(runner<T>... runners) : runners_(std::move(runners)...) {}
 
@@ -65,7 +65,7 @@ private:
 };
 
 template <class T>
-class all_of_awaiter final : public combination<all_of_awaiter<T>> {
+class [[nodiscard]] all_of_awaiter final : public combination<all_of_awaiter<T>> {
 public:
     explicit all_of_awaiter(std::vector<runner<T>> runners) : runners_(std::move(runners)), left_(runners_.size()) {}
 
@@ -96,7 +96,7 @@ private:
 };
 
 template <class... T>
-class any_awaiter final : public combination<any_awaiter<T...>> {
+class [[nodiscard]] any_awaiter final : public combination<any_awaiter<T...>> {
 public:
     explicit any_awaiter(runner<T>... runners) : runners_(std::move(runners)...) {}
 
@@ -139,7 +139,7 @@ inline std::error_code cancelled() noexcept { return {ECANCELED, category()}; }
 
 // One operation with a limit.
 template <class T>
-class limited : public combination<limited<T>>, private loop_timer, private stop_watch {
+class [[nodiscard]] limited : public combination<limited<T>>, private loop_timer, private stop_watch {
 public:
     limited(runner<T> work, std::optional<std::chrono::nanoseconds> time, std::stop_token token)
         : work_(std::move(work)), time_(time), token_(std::move(token)) {}

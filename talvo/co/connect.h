@@ -10,7 +10,7 @@ namespace talvo {
 
 namespace detail {
 
-class connect_awaiter final : private ICmAcceptorConnectorSink {
+class [[nodiscard]] connect_awaiter final : private ICmAcceptorConnectorSink {
 public:
     connect_awaiter(result<address> to, kind type, const connect_options& options)
         : to_(std::move(to)), type_(type), options_(options) {}

@@ -147,7 +147,7 @@ private:
 
 // Awaits a call. Call has begin(), which gives false if the call cannot begin, cancel() and take().
 template <class Call>
-class far_awaiter {
+class [[nodiscard]] far_awaiter {
 public:
     explicit far_awaiter(Call* call) noexcept : call_(call) {}
     far_awaiter(far_awaiter&& other) noexcept : call_(std::exchange(other.call_, nullptr)) {}

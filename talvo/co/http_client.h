@@ -61,7 +61,7 @@ private:
     head_awaiter* waiter_ = nullptr;
 };
 
-class head_awaiter {
+class [[nodiscard]] head_awaiter {
 public:
     explicit head_awaiter(CCmRefPtrT<client_channel> from) noexcept : channel_(std::move(from)) {}
     head_awaiter(head_awaiter&&) noexcept = default;  // before it is awaited only

@@ -13,7 +13,7 @@ namespace talvo {
 
 namespace detail {
 
-class resolve_awaiter final : private ICmObserver {
+class [[nodiscard]] resolve_awaiter final : private ICmObserver {
 public:
     explicit resolve_awaiter(result<address> name) : name_(std::move(name)) {}
     resolve_awaiter(resolve_awaiter&& other) : name_(std::move(other.name_)) {}  // before it is awaited only

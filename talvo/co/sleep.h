@@ -9,7 +9,7 @@ namespace talvo {
 
 namespace detail {
 
-class sleep_awaiter final : private loop_timer {
+class [[nodiscard]] sleep_awaiter final : private loop_timer {
 public:
     explicit sleep_awaiter(std::chrono::nanoseconds time) : time_(time) {}
     sleep_awaiter(sleep_awaiter&&) = default;

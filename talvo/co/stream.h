@@ -202,7 +202,7 @@ private:
     std::size_t queued_ = 0;  // their cost
 };
 
-class receive_awaiter {
+class [[nodiscard]] receive_awaiter {
 public:
     explicit receive_awaiter(CCmRefPtrT<stream> from) noexcept : stream_(std::move(from)) {}
     receive_awaiter(receive_awaiter&&) noexcept = default;  // before it is awaited only
@@ -236,7 +236,7 @@ private:
     std::coroutine_handle<> awaiting_;
 };
 
-class send_awaiter {
+class [[nodiscard]] send_awaiter {
 public:
     send_awaiter(CCmRefPtrT<stream> to, outgoing data) noexcept : stream_(std::move(to)), data_(data) {}
     send_awaiter(send_awaiter&&) noexcept = default;  // before it is awaited only

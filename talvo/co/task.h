@@ -83,6 +83,8 @@ public:
     }
     T take() {
         rethrow();
+        if (!value_)
+            throw std::logic_error("talvo: a task has ended without the value of its type");
         return std::move(*value_);
     }
 
@@ -100,12 +102,15 @@ public:
 
 }  // namespace detail
 
-// A coroutine that returns a T. It does nothing until it is awaited, once; its exception is rethrown there. A task and all that
-// it awaits stay in the thread that awaits it. Destroying a task cancels the operation that it waits for and destroys its
-// locals, at once; not from inside the task itself.
+// A coroutine that returns a T. It does nothing until it is awaited, once; its exception is rethrown there, and
+// std::logic_error if its body ends without a `co_return value`. A task and all that it awaits stay in the thread that awaits
+// it. Destroying a task cancels the operation that it waits for and destroys its locals, at once; not from inside the task
+// itself.
 //
 //    talvo::task<int> add(talvo::connection& peer);
 //    const int sum = co_await add(peer);
+//
+// The compiler warns of a task, and of every other operation here, that is neither awaited nor kept.
 template <class T = void>
 class [[nodiscard]] task {
 public:

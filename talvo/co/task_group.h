@@ -116,7 +116,7 @@ private:
 
     static node run_node(task_group&, task<> work) { co_await work; }
 
-    class wait_awaiter final : private detail::loop_timer {
+    class [[nodiscard]] wait_awaiter final : private detail::loop_timer {
     public:
         wait_awaiter(task_group& group, std::size_t count, bool rethrows) : group_(group), count_(count), rethrows_(rethrows) {}
         wait_awaiter(wait_awaiter&&) = default;  // before it is awaited only

@@ -29,6 +29,23 @@ TEST_F(TaskTest, AValueAndAnExceptionReachTheAwaitingTaskWithoutStack) {
     EXPECT_EQ(0, CTracked::s_nAlive);
 }
 
+#ifdef __clang__
+#pragma clang diagnostic ignored "-Wreturn-type"  // which finds this fault earlier
+#endif
+talvo::task<int> WithoutAValue(bool aGiven) {
+    co_await talvo::sleep(0s);
+    if (aGiven)
+        co_return 1;
+}
+
+TEST_F(TaskTest, ATaskWithoutItsValueFails) {
+    Run([]() -> talvo::task<> {
+        EXPECT_EQ(1, co_await WithoutAValue(true));
+        EXPECT_THROW(co_await WithoutAValue(false), std::logic_error);
+        EXPECT_THROW(co_await talvo::with_timeout(1s, WithoutAValue(false)), std::logic_error);
+    }());
+}
+
 talvo::task<int> WithoutAVariable() {
     if (!co_await talvo::sleep(0s))
         co_return 1;
