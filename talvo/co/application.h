@@ -41,12 +41,12 @@ public:
     result<address> listen(std::string_view at, http::router routes, const http::server_options& options = {}) {
         return listen_with(servers_, at, std::move(routes), options);
     }
-    // As talvo::connect.
+    // As talvo::connect. It gives error() if the application has not started, also where talvo::connect could connect.
     auto connect(std::string_view to, kind type, const connect_options& options = {}) {
-        return talvo::connect(to, type, options);
+        return detail::connect_awaiter(error() ? result<address>(error()) : address::parse(to), type, options);
     }
     auto connect(std::string_view to, kind type, const connect_options& options, std::stop_token token) {
-        return talvo::connect(to, type, options, std::move(token));
+        return with_stop(std::move(token), connect(to, type, options));
     }
 
     // Runs a task until it ends or the application does. Starts it at once. An application that has not started destroys it.

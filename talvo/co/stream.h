@@ -44,6 +44,7 @@ public:
     }
 
     ICmTransport& transport() const { return *transport_; }
+    std::error_code send_error() const noexcept { return send_error_; }  // 0: data can be sent
 
     // Ends the connection. Operations under way end from the loop.
     void close() {

@@ -13,6 +13,9 @@ TEST(ApplicationTest, RunsATaskAndRefusesASecondOne) {
     talvo::application second;
     EXPECT_EQ(talvo::errc::already_initialized, second.error());
     second.stop(1);  // not the loop of the first one
+    app.spawn([](talvo::application& aSecond) -> talvo::task<> {
+        EXPECT_EQ(talvo::errc::already_initialized, (co_await aSecond.connect("127.0.0.1:1", talvo::tcp)).error());
+    }(second));
     const auto bound = app.listen("127.0.0.1:0", talvo::package, Echo);
     ASSERT_TRUE(bound);
     testing::internal::CaptureStderr();

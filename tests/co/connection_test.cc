@@ -131,6 +131,32 @@ TEST_F(CoConnectionTest, SmallMessagesMakeTheSenderWaitToo) {
     EXPECT_EQ(0u, m_Listener.tasks().size());
 }
 
+struct CDeliveries : ICmSimObserver {
+    void OnReceive(const CCmSimEnd&, const std::string&) override { ++m_nCount; }
+    int m_nCount = 0;
+};
+
+// So does each empty datagram, which has no bytes at all.
+TEST_F(CoConnectionTest, EmptyDatagramsAreNotKeptWithoutLimit) {
+    CDeliveries deliveries;
+    m_Network.SetObserver(&deliveries);
+    int nReceived = 0;
+    Listen(talvo::udp, [&](talvo::connection aPeer) -> talvo::task<> {
+        co_await talvo::sleep(60s);
+        EXPECT_EQ(256, deliveries.m_nCount);
+        while (const auto datagram = co_await talvo::with_timeout(1s, aPeer.receive()))
+            nReceived += datagram->empty();
+    });
+    Run([]() -> talvo::task<> {
+        auto peer = (co_await talvo::connect(ADDRESS, talvo::udp)).value();
+        for (int i = 0; i < 2000; ++i)
+            EXPECT_TRUE(co_await peer.send(""));
+        co_await talvo::sleep(90s);
+    }());
+    m_Network.SetObserver(nullptr);
+    EXPECT_EQ(2000, nReceived);
+}
+
 TEST_F(CoConnectionTest, FailuresHaveTheirErrors) {
     Run([](CCmSimNetwork& aNetwork, talvo::listener& aListener) -> talvo::task<> {
         EXPECT_EQ(std::errc::connection_refused, (co_await talvo::connect(ADDRESS, talvo::tcp)).error());
@@ -146,6 +172,7 @@ TEST_F(CoConnectionTest, FailuresHaveTheirErrors) {
         co_await peer.send("0123456789");
         EXPECT_EQ(std::errc::connection_reset, (co_await peer.receive()).error());
         EXPECT_EQ(std::errc::connection_reset, (co_await peer.send("x")).error());
+        EXPECT_EQ(std::errc::connection_reset, peer.end_sending().error());
         talvo::connection none = std::move(peer);
         EXPECT_EQ(std::errc::not_connected, (co_await peer.receive()).error());
         EXPECT_EQ(std::errc::not_connected, (co_await peer.send("x")).error());
