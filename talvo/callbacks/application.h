@@ -53,10 +53,10 @@ public:
         listeners_.push_back(std::move(added));
         return listeners_.back().local_address();
     }
-    // As talvo::connect.
+    // As talvo::connect. If the application has not started, the connection has ended with error() at the return.
     connection connect(std::string_view to, kind type, const connect_options& options = {}) {
         has_connected_ = true;
-        return callbacks::connect(to, type, options);
+        return error() ? impl::maker::ended(error()) : callbacks::connect(to, type, options);
     }
 
     // Runs the loop until stop, SIGINT or SIGTERM, and then drains: listeners stop, each connection ends with

@@ -12,10 +12,10 @@ inline namespace callbacks {
 //
 // Inside a callback everything is allowed: to set callbacks, send, close, move or destroy the connection. Nothing is called
 // after its destruction, after close() and after the end of its thread. A connection whose thread has ended is harmless: its
-// operations fail with CM_ERROR_NOT_INITIALIZED, and any thread may destroy it. Another thread may also destroy it earlier: it
-// then ends in its own thread, and a callback that runs there meanwhile completes. In another thread send() gives
-// CM_ERROR_FAILURE, and close(), pause() and the setting of callbacks have no effect. A callback must not throw: an exception
-// ends the process.
+// operations fail with CM_ERROR_NOT_INITIALIZED, and any thread may destroy it. Another thread may also destroy it earlier:
+// that waits for a callback of it that runs, no further one is called, and the connection ends in its own thread. So a callback
+// must not wait for a thread that destroys its connection. In another thread send() gives CM_ERROR_FAILURE, and close(),
+// pause() and the setting of callbacks have no effect. A callback must not throw: an exception ends the process.
 class connection {
 public:
     connection() noexcept = default;  // not connected: every operation fails with CM_ERROR_NOT_INITIALIZED
@@ -178,6 +178,11 @@ struct maker {
     static connection connect(const result<address>& to, kind type, const connect_options& options) {
         connection made(new endpoint);
         made.endpoint_->connect(to, type, options);
+        return made;
+    }
+    static connection ended(std::error_code code) {
+        connection made(new endpoint);
+        made.endpoint_->end_at_once(code);
         return made;
     }
     static endpoint* get(const connection& from) { return from.endpoint_.get(); }

@@ -1,6 +1,7 @@
 // The sink behind a connection with callbacks. Not for applications.
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include "talvo/base/chain_ptr.h"
@@ -51,6 +52,11 @@ public:
         state_ = CONNECTING;
         connector_->AsycConnect(this, to->native(), options.timeout.count() > 0 ? &timeout : nullptr,
                                 options.from ? &from : nullptr);
+    }
+
+    void end_at_once(std::error_code code) {
+        error_ = code;
+        finish(ENDED);
     }
 
     // Takes an accepted transport; open() follows when the application has set its callbacks.
@@ -171,14 +177,15 @@ private:
         state_ = IDLE;
         connector_.Reset();
         begin();
-        if (state_ == OPEN && owner_)
+        if (const call_scope scope(*this); scope && state_ == OPEN && owner_)
             callbacks_.on_open(*owner_);
         read_if_wanted();
     }
 
     void OnReceive(CCmMessageBlock& data, ICmTransport*, CCmTransportParameter*) override {
         const CCmRefPtrT<endpoint> guard(this);
-        if (!owner_)
+        const call_scope scope(*this);
+        if (!scope || !owner_)
             return;
         if (ends_halves_ && data.GetChainedLength() == 0)
             callbacks_.on_receive_end(*owner_);
@@ -193,7 +200,7 @@ private:
         rest_.reset();
         if (state_ == CLOSING)
             end_lingering();
-        else if (owner_)
+        else if (const call_scope scope(*this); scope && owner_)
             callbacks_.on_send(*owner_);
     }
 
@@ -249,7 +256,7 @@ private:
         error_ = code;
         finish(ENDED);
         lingering_.Reset();
-        if (report && owner_)
+        if (const call_scope scope(*this); scope && report && owner_)
             last(*owner_, code);
         let_go_soon();
     }
@@ -292,9 +299,9 @@ private:
         return CM_ERROR_OUT_OF_MEMORY;
     }
 
-    state state_ = IDLE;
-    bool paused_ = false;   // by the application
-    bool pausing_ = false;  // the transport pauses
+    std::atomic<state> state_{IDLE};  // other threads read it
+    bool paused_ = false;             // by the application
+    bool pausing_ = false;            // the transport pauses
     bool ends_halves_ = false;
     connection* owner_ = nullptr;
     callbacks_of callbacks_;

@@ -1,6 +1,8 @@
 // The thread of an object. Not for applications.
 #pragma once
 
+#include <atomic>
+
 #include "talvo/event/thread.h"
 #include "talvo/event/thread_manager.h"
 
@@ -30,19 +32,61 @@ public:
 
     // The handle is gone: no callback follows. May delete this.
     virtual void abandon() = 0;
+    // Of another thread. No callback begins afterwards; waits for the one that runs.
+    void end_calls() noexcept {
+        gone_ = true;
+        calling_.wait(true);
+    }
+    // Then calls abandon() with the handle's reference: in the own thread, or here if that has ended. No memory.
+    void abandon_at_home() {
+        const CCmRefPtrT<CCmThreadLink> home = home_;
+        home->PostEvent(&last_event_);
+    }
 
 protected:
     ~resident() override = default;
 
+    // The scope of a callback.
+    class call_scope {
+    public:
+        explicit call_scope(resident& owner) noexcept : owner_(owner), outer_(owner.calling_.exchange(true)) {}
+        call_scope(const call_scope&) = delete;
+        call_scope& operator=(const call_scope&) = delete;
+        ~call_scope() {
+            owner_.calling_ = outer_;
+            if (owner_.gone_)
+                owner_.calling_.notify_all();
+        }
+        explicit operator bool() const noexcept { return !owner_.gone_; }  // the callback may be called
+
+    private:
+        resident& owner_;
+        const bool outer_;
+    };
+
 private:
+    class last_event final : public ICmEvent {
+    public:
+        explicit last_event(resident& owner) noexcept : owner_(owner) {}
+
+    private:
+        CmResult OnEventFire() override { return CM_OK; }
+        void OnDestorySelf() override {
+            const auto last = CCmRefPtrT<resident>::Adopt(&owner_);
+            owner_.abandon();
+        }
+        resident& owner_;
+    };
+
     CCmRefPtrT<CCmThreadLink> home_;
     uint32_t references_ = 0;
-
-    template <class Resident>
-    friend class handle;
+    std::atomic<bool> calling_{false};
+    std::atomic<bool> gone_{false};  // another thread has destroyed the handle
+    last_event last_event_{*this};
 };
 
-// Owns a resident. Another thread may destroy it: the resident then ends in its own thread.
+// Owns a resident. Another thread may destroy it: that waits for a callback that runs, and the resident then ends in its own
+// thread.
 template <class Resident>
 class handle {
 public:
@@ -50,6 +94,8 @@ public:
     explicit handle(Resident* made) : held_(made) {}
     handle(handle&&) noexcept = default;
     handle& operator=(handle&& other) noexcept {
+        if (is_far())
+            held_->end_calls();
         handle old(std::move(*this));
         held_ = std::move(other.held_);
         return *this;
@@ -57,13 +103,14 @@ public:
     ~handle() { reset(); }
 
     void reset() {
-        if (!held_)
-            return;
-        last_call last{std::move(held_)};
-        if (last.held->is_home() || !last.held->has_home())
-            return;
-        const CCmRefPtrT<CCmThreadLink> home = last.held->home_;
-        home->Post(std::move(last));  // runs the destructor there, or here if the thread has ended
+        const bool far = is_far();
+        if (far)
+            held_->end_calls();
+        CCmRefPtrT<Resident> last = std::move(held_);
+        if (far)
+            last.Detach()->abandon_at_home();
+        else if (last)
+            last->abandon();
     }
 
     explicit operator bool() const noexcept { return static_cast<bool>(held_); }
@@ -71,16 +118,7 @@ public:
     Resident* get() const noexcept { return held_.Get(); }
 
 private:
-    struct last_call {
-        explicit last_call(CCmRefPtrT<Resident> given) noexcept : held(std::move(given)) {}
-        last_call(last_call&&) noexcept = default;
-        ~last_call() {
-            if (held)
-                held->abandon();
-        }
-        void operator()() const {}
-        CCmRefPtrT<Resident> held;
-    };
+    bool is_far() const { return held_ && held_->has_home() && !held_->is_home(); }
 
     CCmRefPtrT<Resident> held_;
 };

@@ -49,7 +49,8 @@ private:
         if (reason != CM_OK || (most_ > 0 && static_cast<std::size_t>(places_.use_count()) > most_))
             return;
         const CCmRefPtrT<acceptor> guard(this);
-        const CCmRefPtrT<endpoint> accepted(new (std::nothrow) endpoint);
+        const call_scope scope(*this);
+        const CCmRefPtrT<endpoint> accepted(scope ? new (std::nothrow) endpoint : nullptr);
         if (!accepted)
             return;
         accepted->adopt(transport, places_);

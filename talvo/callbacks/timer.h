@@ -49,7 +49,8 @@ private:
             running_ = false;
             function_.clear();
         }
-        function();
+        if (const call_scope scope(*this); scope)
+            function();
     }
 
     void OnThreadEnd() override {

@@ -262,6 +262,7 @@ TEST(CallbacksTest, ObjectsThatOutliveTheirThreadAreHarmless) {
     talvo::application app({.own_network_thread = true, .handle_signals = false});
     ASSERT_FALSE(app.error());
     EXPECT_EQ(talvo::errc::already_initialized, talvo::application().error());
+    EXPECT_EQ(talvo::errc::already_initialized, talvo::application().connect("127.0.0.1:1", talvo::tcp).error());
     auto pWorker = std::make_unique<talvo::thread>();
     connection client, other;
     talvo::listener listener;
@@ -292,6 +293,23 @@ TEST(CallbacksTest, ObjectsThatOutliveTheirThreadAreHarmless) {
     EXPECT_NE(std::this_thread::get_id(), ended);
     timer.cancel();
     EXPECT_TRUE(timer.is_running());
+    // Such a destruction waits for the callback that runs.
+    std::atomic<bool> bDestroys = false, bReturns = false;
+    talvo::timer busy;
+    EXPECT_TRUE(pWorker->call([&] {
+        busy.after(0s, [&] {
+            opened.UnLock();
+            while (!bDestroys)
+                std::this_thread::yield();
+            for (int i = 0; i < 1000; ++i)
+                std::this_thread::yield();
+            bReturns = true;
+        });
+    }));
+    opened.Lock();
+    bDestroys = true;
+    busy = talvo::timer();
+    EXPECT_TRUE(bReturns);
     EXPECT_THROW(pWorker->call([] { throw 1; }), int);
     EXPECT_EQ(5, app.call([] { return 5; }).value());
     EXPECT_EQ(ended, app.call([&]() -> std::thread::id& { return ended; }).value());
