@@ -165,10 +165,10 @@ void PingClient::OnDisconnect(CmResult aReason, ICmTransport*) {
     GiveUp(DescribeEnd("the connection to " + m_strPeer, *m_pTransport, aReason));
 }
 
-void PingClient::OnSuspended(ICmTransport*, CmResult aReason) {
+void PingClient::OnSuspended(ICmTransport* aTrptId, CmResult aReason) {
     m_TimerAnswer.Cancel();
-    m_Console.Report("the connection broke: " + DescribeResult(aReason) + "; connecting again",
-                     JsonLine("suspended").Add("reason", DescribeResult(aReason)));
+    const std::string strReason = DescribeEnd("the connection", *aTrptId, aReason).m_strReason;
+    m_Console.Report(strReason + "; connecting again", JsonLine("suspended").Add("reason", strReason));
 }
 
 void PingClient::OnResumed(ICmTransport*, DWORD aMilliseconds) {

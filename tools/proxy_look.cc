@@ -80,6 +80,8 @@ void ProxyLook::OnObserve(const char*, void* aData) {
 void ProxyLook::ShowSettings(const CCmProxyAnswer& aAnswer) {
     if (aAnswer.GetResult() != CM_OK)
         ShowSettingsFailure(aAnswer.GetResult());
+    else if (aAnswer.GetSettings().empty() && m_Console.GetOutput() != Console::JSON)
+        m_Console.Report("no setting names a proxy", JsonLine(""));
     for (const CCmProxySetting& setting : aAnswer.GetSettings()) {
         const JsonLine json = JsonLine("setting")
                                   .Add("source", setting.m_strSource)
