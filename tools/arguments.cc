@@ -16,6 +16,7 @@
 #include "tools/file_arguments.h"
 #include "tools/forwarding.h"
 #include "tools/get_arguments.h"
+#include "tools/help_format.h"
 #include "tools/manual.h"
 #include "tools/proxy_arguments.h"
 #include "tools/text.h"
@@ -301,6 +302,7 @@ std::string CheckSubcommand(const CLI::App& aApp, Arguments& aArguments) {
 void Declare(CLI::App& aApp, Arguments& aArguments) {
     aApp.set_version_flag("-V,--version", "talvo " TALVO_TOOL_VERSION);
     aApp.require_subcommand(0, 1);
+    aApp.formatter(MakeHelpFormat());
     for (const Subcommand& command : SUBCOMMANDS) {
         CLI::App* pSub = aApp.add_subcommand(command.m_pName, command.m_pSummary);
         command.m_pDeclare(*pSub, aArguments);

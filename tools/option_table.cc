@@ -1,6 +1,7 @@
 #include "tools/option_table.h"
 
 #include <CLI/CLI.hpp>
+#include <set>
 
 namespace tool {
 
@@ -15,18 +16,15 @@ std::vector<std::string> ReadChoices(const std::string& aTypeName) {
     return CLI::detail::split(aTypeName.substr(stBegin + 1, stEnd - stBegin - 1), ',');
 }
 
-OptionRow ReadOption(const CLI::Option& aOption) {
-    OptionRow row;
-    for (const std::string& strName : aOption.get_snames())
-        row.m_vecNames.push_back("-" + strName);
-    for (const std::string& strName : aOption.get_lnames())
-        row.m_vecNames.push_back("--" + strName);
-    const bool bFlag = aOption.get_items_expected_max() == 0;
-    row.m_strValue = bFlag ? "" : aOption.get_option_text();
-    row.m_strHelp = aOption.get_description();
-    row.m_vecChoices = bFlag ? std::vector<std::string>() : ReadChoices(aOption.get_type_name());
-    row.m_bRequired = aOption.get_required();
-    return row;
+// "; needs --a and --b", "; not with --c or --d", or "" without aOthers.
+std::string DescribeOthers(const std::string& aBegin, const std::string& aBetween, const std::set<CLI::Option*>& aOthers) {
+    std::set<std::string> names;
+    for (const CLI::Option* pOther : aOthers)
+        names.insert(pOther->get_positional() ? pOther->get_option_text() : pOther->get_name());
+    std::string strText;
+    for (const std::string& strName : names)
+        strText += (strText.empty() ? aBegin : aBetween) + strName;
+    return strText;
 }
 
 CommandRow ReadCommand(const CLI::App& aApp) {
@@ -37,6 +35,21 @@ CommandRow ReadCommand(const CLI::App& aApp) {
 }
 
 }  // namespace
+
+OptionRow ReadOption(const CLI::Option& aOption) {
+    OptionRow row;
+    for (const std::string& strName : aOption.get_snames())
+        row.m_vecNames.push_back("-" + strName);
+    for (const std::string& strName : aOption.get_lnames())
+        row.m_vecNames.push_back("--" + strName);
+    const bool bFlag = aOption.get_items_expected_max() == 0;
+    row.m_strValue = bFlag ? "" : aOption.get_option_text();
+    row.m_strHelp = aOption.get_description() + DescribeOthers("; needs ", " and ", aOption.get_needs()) +
+                    DescribeOthers("; not with ", " or ", aOption.get_excludes());
+    row.m_vecChoices = bFlag ? std::vector<std::string>() : ReadChoices(aOption.get_type_name());
+    row.m_bRequired = aOption.get_required();
+    return row;
+}
 
 OptionTable ReadOptions(const CLI::App& aApp) {
     OptionTable table;

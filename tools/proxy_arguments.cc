@@ -61,7 +61,8 @@ void DeclareProxy(CLI::App& aApp, Arguments& a) {
                                          "TALVO_PROXY_PASSWORD or the terminal")
                              ->option_text("NAME")
                              ->needs(pProxy);
-    aApp.add_option("--proxy-password-file", a.m_Proxy.m_strPasswordFile, "File whose first line is the password")
+    aApp.add_option("--proxy-password-file", a.m_Proxy.m_strPasswordFile,
+                    "File whose first line is the password of --proxy-user")
         ->option_text("FILE")
         ->needs(pUser);
     aApp.add_flag("--allow-ntlm", a.m_Proxy.m_bAllowNtlm, "Allow NTLM, an old scheme, if the proxy has no better one")
