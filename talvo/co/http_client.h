@@ -216,9 +216,7 @@ inline CmResult set_headers(ICmChannelHttpClient& native, const http::request& w
     const auto set = [&](CCmHttpAtom name, std::string_view value) {
         return name ? native.SetRequestHeader(name, std::string(value)) : CM_ERROR_INVALID_ARG;
     };
-    // A method has one spelling, other than a header's name.
-    const std::string method(what.method.substr(0, what.method.find('\0')));
-    CmResult code = method.size() < what.method.size() ? CM_ERROR_INVALID_ARG : native.SetRequestMethod(method.c_str());
+    CmResult code = native.SetRequestMethod(header_name(what.method));
     for (const http::header& each : what.headers) {
         if (code == CM_OK)
             code = set(header_name(each.name), each.value);

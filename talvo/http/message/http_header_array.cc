@@ -191,14 +191,6 @@ CCmHttpAtom CCmHttpHeaderArray::ResolveParsed_t(std::string_view aName) {
     return MakeName(aName);
 }
 
-CCmHttpAtom CCmHttpHeaderArray::ResolveMethod_t(std::string_view aMethod) {
-    if (const CCmHttpAtom atom = ResolveParsed_t(aMethod); aMethod == atom.operator const char*())
-        return atom;
-    // The list has another spelling: the text of the message, with a space in front, which hides it from FindOwnName.
-    m_OwnNames.push_back(std::make_shared<const CCmString>(CCmString(1, ' ').append(aMethod)));
-    return m_OwnNames.back()->c_str() + 1;
-}
-
 BOOL CCmHttpHeaderArray::NoteMemory(BOOL aGood) {
     if (!aGood)
         m_dwFaults |= CM_HTTP_FAULT_MEMORY;

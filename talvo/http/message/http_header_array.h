@@ -107,8 +107,6 @@ protected:
 
     // Resolves a received name. Stores the fault if it is not a token.
     CCmHttpAtom ResolveParsed_t(std::string_view aName);
-    // The atom of a method in exactly this spelling, which must be a token. May throw std::bad_alloc.
-    CCmHttpAtom ResolveMethod_t(std::string_view aMethod);
 
 private:
     CmBool NoteMemory(CmBool aGood);

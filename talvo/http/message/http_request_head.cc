@@ -17,7 +17,11 @@ BOOL CCmHttpRequestHead::SetMethod(const CCmHttpAtom& aMethod) {
 }
 
 BOOL CCmHttpRequestHead::SetAnyMethod(std::string_view aMethod) {
-    return talvo::is_token(aMethod) && talvo::WithMemory([&] { m_Method = ResolveMethod_t(aMethod); });
+    const CCmHttpAtom method = talvo::is_token(aMethod) ? ResolveName(aMethod) : CCmHttpAtom();
+    if (!method)
+        return FALSE;
+    m_Method = method;
+    return TRUE;
 }
 
 BOOL CCmHttpRequestHead::Clear() {
@@ -56,7 +60,7 @@ BOOL CCmHttpRequestHead::ParseFirstLine_t(const char* aLine) {
 
 BOOL CCmHttpRequestHead::SetFirstLine_i(std::string_view aMethod, std::string_view aURI, CCmHttpVersion aVersion) {
     return EndFirstLine_t(talvo::WithMemory([&] {
-        m_Method = ResolveMethod_t(aMethod);
+        m_Method = ResolveParsed_t(aMethod);
         m_strRequestURI.assign(aURI);
         m_Version = aVersion;
     }));

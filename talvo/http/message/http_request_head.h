@@ -11,8 +11,7 @@ public:
     CCmHttpAtom GetMethod() const { return m_Method; }
     // FALSE, and nothing changes: not one of the ten known methods. For other methods use SetAnyMethod.
     CmBool SetMethod(const CCmHttpAtom& aMethod);
-    // FALSE, and nothing changes: not a token, or memory ran out. The method keeps its spelling, because methods differ by
-    // case; "GET" is the known atom, and "get" is another method.
+    // FALSE, and nothing changes: not a token, or memory ran out. The text's atom is that of ResolveName.
     CmBool SetAnyMethod(std::string_view aMethod);
 
     // Path and query, as on the request line.
@@ -38,8 +37,7 @@ public:
 
     CmBool Clear() override;
 
-    // For parsers: the parts of a first line that is valid by RFC 9112, with a method as SetAnyMethod. FALSE: memory ran out
-    // (CM_HTTP_FAULT_MEMORY).
+    // For parsers: the parts of a first line that is valid by RFC 9112. FALSE: memory ran out (CM_HTTP_FAULT_MEMORY).
     CmBool SetFirstLine_i(std::string_view aMethod, std::string_view aURI, CCmHttpVersion aVersion);
 
 protected:
