@@ -1,6 +1,7 @@
 // The handlers of an HTTP server by method and path.
 #pragma once
 
+#include <algorithm>
 #include <functional>
 
 #include "talvo/co/http_fields.h"
@@ -15,10 +16,10 @@ class incoming;
 // empty, or "{name...}" at the end for the rest of the path, which may be empty. The first pattern added that fits wins. A
 // handler of GET also serves HEAD.
 //
-// A server with a router answers 404 for a path without a pattern; 405 with Allow for one without the method, whose spelling
-// counts; 204 with all methods in Allow for "OPTIONS *"; 500 after a handler that gives no answer. 400: a target that cannot be
-// decoded, or whose decoded path has "." or ".." between slashes or at an end, which clients resolve, or with which a parameter
-// would begin with a slash. So a handler may append a parameter to a directory.
+// A server with a router answers 404 for a path without a pattern; 405 with Allow for one without the method; 204 with all
+// methods in Allow for "OPTIONS *"; 500 after a handler that gives no answer. 400: a target that cannot be decoded, or whose
+// decoded path has "." or ".." between slashes or at an end, which clients resolve, or with which a parameter would begin with
+// a slash. So a handler may append a parameter to a directory. Methods match without regard to case, as names of headers do.
 //
 //    talvo::http::router routes;
 //    routes.get("/users/{id}", [](talvo::http::incoming call) -> talvo::task<> {
@@ -154,8 +155,13 @@ private:
         return true;
     }
 
+    static bool same_method(std::string_view one, std::string_view other) {
+        const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; };
+        return std::ranges::equal(one, other, {}, lower, lower);
+    }
+
     static bool take(const route& each, std::string_view method, const std::vector<std::string>& path, match& found) {
-        if (each.method != method && !(each.method == "GET" && method == "HEAD")) {
+        if (!same_method(each.method, method) && !(same_method(each.method, "GET") && same_method(method, "HEAD"))) {
             found.status = 405;
             allow(each, found);
             return false;
@@ -188,7 +194,7 @@ private:
 
     static void allow(const route& each, match& found) {
         allow(each.method, found);
-        if (each.method == "GET")
+        if (same_method(each.method, "GET"))
             allow("HEAD", found);
     }
 
