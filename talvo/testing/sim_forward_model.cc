@@ -173,8 +173,8 @@ BOOL CCmSimForwardModel::TakeLosses_i(CReceiver& aReceiver, const std::vector<CL
 }
 
 void CCmSimForwardModel::OnForward(ICmForwardSession& aSession, CmResult aResult, DWORD aLength,
-                                   const CCmForwardHeader& aHeader, DWORD aTick) {
-    CTry attempt{.m_Result = aResult, .m_dwTick = aTick, .m_bHadKeyMessage = m_ullLastKeyMessage != NONE};
+                                   const CCmForwardHeader& aHeader, DWORD aTick, BOOL aLate) {
+    CTry attempt{.m_Result = aResult, .m_dwTick = aTick, .m_bHadKeyMessage = m_ullLastKeyMessage != NONE, .m_bLate = aLate};
     const BOOL bAtLimit = AnyWaiting_i(aSession, [&](const CReceiver& aReceiver) { return IsAtLimit(aReceiver, aTick); });
     if (aResult == CM_OK || !bAtLimit) {
         if (MakeRoom_i(aSession, aLength, attempt) != (aResult == CM_OK))
@@ -210,7 +210,7 @@ BOOL CCmSimForwardModel::TryForward_i(CReceiver& aReceiver, const CCmForwardStat
     }
     const BOOL bTaken = aTry.m_Result == CM_OK;
     const uint64_t ullSent = aStatistics->m_Sent.m_ullMessages - aReceiver.m_Sent.m_ullMessages;
-    for (uint64_t ullBefore = HasReason_i(aReceiver, aTry) ? ullSent + 1 : 1; ullBefore-- > 0;) {
+    for (uint64_t ullBefore = aTry.m_bLate || HasReason_i(aReceiver, aTry) ? ullSent + 1 : 1; ullBefore-- > 0;) {
         CReceiver receiver = aReceiver;
         PopSent_i(receiver, ullBefore);
         const BOOL bAtLimit = IsAtLimit(receiver, aTry.m_dwTick);

@@ -14,7 +14,7 @@
 //    model.SetLimits(messages, bytes, keys);           if the session has others than it begins with
 //    model.Add(id, options);
 //    model.Look(session, tick);                        before each change
-//    model.OnForward(session, rv, length, header, tick)  after a Forward
+//    model.OnForward(session, rv, length, header, tick)  after a Forward, or when a proxy's message has left its queue
 //    model.GetFailure()                                "": the session did what it must
 class CCmSimForwardModel {
 public:
@@ -46,9 +46,9 @@ public:
     // Takes over what was sent since the last call, and compares all numbers.
     void Look(ICmForwardSession& aSession, CmDword aTick);
 
-    // A Forward has returned aResult.
+    // A Forward has returned aResult. aLate: receivers may have been sent messages since the last Look.
     void OnForward(ICmForwardSession& aSession, CmResult aResult, CmDword aLength, const CCmForwardHeader& aHeader,
-                   CmDword aTick);
+                   CmDword aTick, CmBool aLate = CM_FALSE);
 
     // The messages: the number of the next one, and the length of one.
     uint64_t GetNextNumber() const { return m_Messages.size(); }
@@ -88,6 +88,7 @@ private:
         CmDword m_dwTick;
         uint64_t m_ullReplaced = UINT64_MAX;  // by it
         CmBool m_bHadKeyMessage = CM_FALSE;   // before it
+        CmBool m_bLate = CM_FALSE;            // receivers may have been sent messages before it
         std::vector<CLoss> m_Before = {}, m_After = {};
     };
 

@@ -2,12 +2,16 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "talvo/session/forward_session_proxy.h"
 #include "talvo/talvo.h"
 #include "talvo/testing/testing.h"
+#include "talvo/transport/thread_proxy/transport_thread_proxy.h"
 #include "tests/sim/sim_scenario.h"
+#include "tests/sim/sim_thread.h"
 
 namespace {
 
@@ -34,7 +38,7 @@ const CCmTimeValue CALM(600);  // a reliable connection is back, and the slowest
 
 // A connection whose server end becomes a receiver.
 struct CLane {
-    CLane(WORD aPort, DWORD aType) : m_dwType(aType), m_Addr("10.0.0.1", aPort) {}
+    CLane(WORD aPort, DWORD aType, BOOL aProxy) : m_dwType(aType), m_bProxy(aProxy), m_Addr("10.0.0.1", aPort) {}
 
     BOOL IsStream() const { return m_dwType == TCP; }
     BOOL IsDatagrams() const { return (m_dwType & UDP) != 0; }
@@ -71,6 +75,7 @@ struct CLane {
     static char LastOf(const DWORD* aWords) { return static_cast<char>(aWords[1] == SHORTEST ? 0 : aWords[0] >> 3); }
 
     const DWORD m_dwType;
+    const BOOL m_bProxy;  // the user's thread has the server's end
     const CCmInetAddr m_Addr;
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;
     CCmRefPtrT<ICmConnector> m_pConnector;
@@ -86,8 +91,11 @@ class CForwardScenario : public ICmForwardSink, public ICmSimObserver {
 public:
     explicit CForwardScenario(CCmSimNetwork& aNetwork) : m_Network(aNetwork) {
         m_Network.SetObserver(this);
-        Manager::Instance()->CreateForwardSession(this, m_pSession.ParaOut());
-        if (Chance(40))
+        if (m_bUser)
+            talvo::CForwardSessionProxy::Make(*this, m_Thread.GetLink(), NetworkLink(), m_pSession.ParaOut());
+        else
+            Manager::Instance()->CreateForwardSession(this, m_pSession.ParaOut());
+        if (m_bLimited)
             LimitLog();
         for (DWORD i = Chance(20) ? 1 + Below(50) : 1 + Below(8); i > 0; --i)
             AddLane();
@@ -106,6 +114,7 @@ public:
     }
 
     void OnStep() override {
+        m_Thread.Look();
         Look();
         if (m_strLagged.empty() || m_Network.Now() == m_tvLook)
             return NoteLagging();
@@ -139,6 +148,9 @@ public:
     }
 
 private:
+    static CCmThreadLink& NetworkLink() {
+        return CCmThreadManager::Instance()->GetThread(CCmThreadManager::TT_NETWORK)->GetLink();
+    }
     BOOL Chance(DWORD aPercent) { return m_Network.Random(100) < aPercent; }
     DWORD Below(uint64_t aBound) { return static_cast<DWORD>(m_Network.Random(aBound)); }
 
@@ -163,10 +175,14 @@ private:
     }
     void AddLane() {
         CLane& lane = *m_Lanes.emplace_back(
-            std::make_unique<CLane>(static_cast<WORD>(100 + m_Lanes.size()), TYPES[Below(std::size(TYPES))]));
-        lane.m_Servers.m_Indicated = [&lane] {
-            if (lane.m_Servers.m_Reasons.back() == CM_OK)
-                lane.m_Servers.m_Transports.back()->OpenWithSink(&lane.m_Server);
+            std::make_unique<CLane>(static_cast<WORD>(100 + m_Lanes.size()), TYPES[Below(std::size(TYPES))], Chance(25)));
+        lane.m_Servers.m_Indicated = [&lane, this] {
+            if (lane.m_Servers.m_Reasons.back() != CM_OK)
+                return;
+            CCmRefPtrT<ICmTransport>& pEnd = lane.m_Servers.m_Transports.back();
+            if (lane.m_bProxy)
+                pEnd = CCmTransportThreadProxy::Make(pEnd.Get(), m_Thread.GetLink(), NetworkLink(), lane.m_dwType);
+            pEnd->OpenWithSink(&lane.m_Server);
         };
         lane.m_Clients.m_Indicated = [&lane] {
             if (lane.m_Clients.m_Reasons.back() != CM_OK)
@@ -209,7 +225,7 @@ private:
     CLane& RandomLane() { return *m_Lanes[Below(m_Lanes.size())]; }
 
     void ForwardMany() {
-        for (DWORD i = Chance(30) ? 1 + Below(100) : 1 + Below(5); i > 0 && m_pSession; --i)
+        for (DWORD i = Chance(30) ? 1 + Below(100) : 1 + Below(5); i > 0 && m_pSession && !m_Waiting; --i)
             Forward();
     }
     void Forward() {
@@ -223,12 +239,29 @@ private:
         CCmForwardHeader header;
         header.m_ullKey = Chance(50) ? Below(10) : 0;
         header.m_dwFlags = Chance(m_dwKeyMessages) ? +CCmForwardHeader::KEY_MESSAGE : 0;
-        const CmResult rv = m_pSession->Forward(message, &header);
-        m_bHeldBack = m_bHeldBack || rv == CM_ERROR_PARTIAL_DATA;
+        CmResult rv = m_pSession->Forward(message, &header);
+        if (m_bUser && rv == CM_OK && !TakeFromProxy()) {
+            m_Waiting = {dwLength, header};
+            rv = CM_ERROR_PARTIAL_DATA;
+        }
+        m_bHeldBack = m_bHeldBack || (rv == CM_ERROR_PARTIAL_DATA && !m_bUser);
         if (rv != CM_OK && rv != CM_ERROR_PARTIAL_DATA)
             m_Network.Fail("Forward: " + std::to_string(rv));
         m_Model.OnForward(*m_pSession, rv, dwLength, header, get_tick_count());
         Check();
+    }
+
+    BOOL HasTaken() {
+        CCmForwardStatistics all;
+        m_pSession->GetStatistics(all);
+        return all.m_Forwarded.m_ullMessages > m_Model.GetNextNumber();
+    }
+    // The session forwards what waits in its proxy before it looks at a new receiver. FALSE: a receiver holds it back.
+    BOOL TakeFromProxy() {
+        DWORD dwId = 0;
+        if (m_pSession->AddReceiver(nullptr, {}, dwId) != CM_ERROR_INVALID_ARG)
+            m_Network.Fail("AddReceiver of null");
+        return HasTaken();
     }
 
     void AddReceiver() {
@@ -236,7 +269,8 @@ private:
         if (lane.m_Servers.m_Transports.empty())
             return;
         CCmForwardReceiverOptions options;
-        options.m_Policy = static_cast<ECmForwardPolicy>(Below(4));
+        // What a log does for a message that waits in the proxy shows only later.
+        options.m_Policy = static_cast<ECmForwardPolicy>(Below(m_bUser && m_bLimited ? +CM_FORWARD_WAIT : 4));
         options.m_Join = static_cast<ECmForwardJoin>(Below(4));
         options.m_dwMaxMessages = Chance(50) ? 1 + Below(50) : 0;
         options.m_dwMaxBytes = Chance(50) ? 1 + Below(20000) : 0;
@@ -249,11 +283,12 @@ private:
                 m_Network.Fail("AddReceiver of a transport that is none: " + std::to_string(rv));
             return;
         }
-        if (rv == CM_ERROR_NULL_POINTER)
-            return;  // the transport has ended, and OnDisconnect follows
+        if (rv == CM_ERROR_NULL_POINTER || (rv == CM_ERROR_INVALID_ARG && lane.m_bProxy))
+            return;  // the transport has ended, and OnDisconnect follows; or its opening is still in flight
         if (rv != CM_OK)
             return m_Network.Fail("AddReceiver: " + std::to_string(rv));
         lane.m_dwId = dwId;
+        NoteTaken();  // before the receiver was added
         m_Model.Add(dwId, options);
         Look();
     }
@@ -282,6 +317,8 @@ private:
     }
     void Close() {
         Look();
+        if (m_Waiting)
+            return;  // the end might still forward it
         m_pSession->Close(CM_OK);
         if (Chance(50))
             m_pSession.Reset();
@@ -307,9 +344,16 @@ private:
         m_Model.Remove(aId);
     }
 
+    void NoteTaken() {
+        if (!m_Waiting || !HasTaken())
+            return;
+        m_Model.OnForward(*m_pSession, CM_OK, m_Waiting->first, m_Waiting->second, get_tick_count(), TRUE);
+        m_Waiting.reset();
+    }
     void Look() {
         if (!m_pSession)
             return;
+        NoteTaken();
         m_Model.Look(*m_pSession, get_tick_count());
         Check();
     }
@@ -322,8 +366,10 @@ private:
         m_strLagged.clear();
         for (const auto& pLane : m_Lanes) {
             CCmForwardStatistics statistics;
-            if (m_pSession && pLane->m_dwId != 0 && m_pSession->GetStatistics(statistics, pLane->m_dwId) == CM_OK &&
-                statistics.m_ullRefused == 0 && statistics.m_Lag.m_ullMessages > 0)
+            const CCmSimForwardModel::CReceiver* pReceiver = m_Model.Find(pLane->m_dwId);
+            if (m_pSession && pReceiver && pReceiver->m_bJoined &&
+                m_pSession->GetStatistics(statistics, pLane->m_dwId) == CM_OK && statistics.m_ullRefused == 0 &&
+                statistics.m_Lag.m_ullMessages > 0)
                 m_strLagged = std::to_string(pLane->m_dwId);
         }
     }
@@ -340,6 +386,8 @@ private:
             CheckArrived(*pLane);
         if (m_bHeldBack && m_pSession)
             m_Network.Fail("OnForward is owed");
+        if (m_Waiting)
+            m_Network.Fail("a message stays in the proxy");
         if (m_pSession)
             Close();
         m_Lanes.clear();
@@ -365,7 +413,11 @@ private:
     }
 
     CCmSimNetwork& m_Network;
-    const DWORD m_dwKeyMessages = Chance(50) ? 5 : 0;  // per cent
+    CSimThread m_Thread{m_Network};
+    const BOOL m_bUser = Chance(30);                              // the session is used from that thread
+    const BOOL m_bLimited = Chance(40);                           // its log has low limits
+    std::optional<std::pair<DWORD, CCmForwardHeader>> m_Waiting;  // a message in the session's proxy: its length
+    const DWORD m_dwKeyMessages = Chance(50) ? 5 : 0;             // per cent
     CCmRefPtrT<ICmForwardSession> m_pSession;
     CCmSimForwardModel m_Model;
     std::vector<std::unique_ptr<CLane>> m_Lanes;
