@@ -1,6 +1,7 @@
 #include "talvo/testing/sim_forward_model.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -71,10 +72,10 @@ BOOL CCmSimForwardModel::IsFull_i(DWORD aLength) const {
 template <class CJudge>
 BOOL CCmSimForwardModel::AnyWaiting_i(ICmForwardSession& aSession, CJudge aJudge) const {
     return std::any_of(m_Receivers.begin(), m_Receivers.end(), [&](const auto& aEntry) {
-        CReceiver receiver = aEntry.second;
         CCmForwardStatistics statistics;
-        if (receiver.m_Options.m_Policy != CM_FORWARD_WAIT || aSession.GetStatistics(statistics, aEntry.first) != CM_OK)
+        if (aEntry.second.m_Options.m_Policy != CM_FORWARD_WAIT || aSession.GetStatistics(statistics, aEntry.first) != CM_OK)
             return FALSE;
+        CReceiver receiver = aEntry.second;
         PopSent_i(receiver, statistics.m_Sent.m_ullMessages - receiver.m_Sent.m_ullMessages);
         return aJudge(receiver);
     });
@@ -175,8 +176,8 @@ BOOL CCmSimForwardModel::TakeLosses_i(CReceiver& aReceiver, const std::vector<CL
 void CCmSimForwardModel::OnForward(ICmForwardSession& aSession, CmResult aResult, DWORD aLength,
                                    const CCmForwardHeader& aHeader, DWORD aTick, BOOL aLate) {
     CTry attempt{.m_Result = aResult, .m_dwTick = aTick, .m_bHadKeyMessage = m_ullLastKeyMessage != NONE, .m_bLate = aLate};
-    const BOOL bAtLimit = AnyWaiting_i(aSession, [&](const CReceiver& aReceiver) { return IsAtLimit(aReceiver, aTick); });
-    if (aResult == CM_OK || !bAtLimit) {
+    const auto isAtLimit = [&](const CReceiver& aReceiver) { return IsAtLimit(aReceiver, aTick); };
+    if (aResult == CM_OK || !AnyWaiting_i(aSession, isAtLimit)) {
         if (MakeRoom_i(aSession, aLength, attempt) != (aResult == CM_OK))
             Fail_i(0, "Forward is held back without a reason");
     }
@@ -210,6 +211,8 @@ BOOL CCmSimForwardModel::TryForward_i(CReceiver& aReceiver, const CCmForwardStat
     }
     const BOOL bTaken = aTry.m_Result == CM_OK;
     const uint64_t ullSent = aStatistics->m_Sent.m_ullMessages - aReceiver.m_Sent.m_ullMessages;
+    std::vector<uint64_t> numbers;
+    numbers.swap(aReceiver.m_Numbers);  // no attempt copies them
     for (uint64_t ullBefore = aTry.m_bLate || HasReason_i(aReceiver, aTry) ? ullSent + 1 : 1; ullBefore-- > 0;) {
         CReceiver receiver = aReceiver;
         PopSent_i(receiver, ullBefore);
@@ -229,9 +232,12 @@ BOOL CCmSimForwardModel::TryForward_i(CReceiver& aReceiver, const CCmForwardStat
             aTry.m_bHadKeyMessage || (bTaken && (m_Messages.back().m_dwFlags & CCmForwardHeader::KEY_MESSAGE));
         if (!TakeLosses_i(receiver, aTry.m_After, aTry.m_dwTick, bHasKeyMessage) || !Matches_i(receiver, *aStatistics))
             continue;
-        aReceiver = receiver;
+        numbers.insert(numbers.end(), receiver.m_Numbers.begin(), receiver.m_Numbers.end());
+        receiver.m_Numbers.swap(numbers);
+        aReceiver = std::move(receiver);
         return TRUE;
     }
+    aReceiver.m_Numbers.swap(numbers);
     return FALSE;
 }
 
