@@ -87,6 +87,8 @@ void CForwardCore::StartReceiver(DWORD aId) {
         return;
     pReceiver->Start();
     RaiseBound_i(pReceiver->GetCursor());  // scans before have left it out
+    if (pReceiver->GetCursor().IsAtLimit(m_Log, GetRecentTick()))
+        m_Bound.m_ullMessages = 0;  // a limit of milliseconds has passed meanwhile
     m_Turn.Arm();
 }
 

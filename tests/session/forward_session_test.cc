@@ -230,6 +230,23 @@ TEST_F(ForwardTest, AShorterLimitOfTimeThanThatOfAnEarlierReceiverIsKept) {
 }
 
 TEST_F(ForwardTest, LimitsCountFromOnJoinAndRoomIsReportedAtTheirHalf) {
+    // As behind a proxy, whose OnJoin may end when the limit of time has passed.
+    const CCmRefPtrT<talvo::CForwardCore> pCore(new talvo::CForwardCore(m_Sink, TRUE));
+    const CCmRefPtrT<CFakeLower> pJoins(new CFakeLower);
+    pJoins->OpenWithSink(&m_User);
+    pJoins->m_dwRoom = 0;
+    DWORD dwId = 0;
+    EXPECT_EQ(CM_OK, pCore->AddReceiver(pJoins.Get(), Options(CM_FORWARD_DISCONNECT, 0, 1000), dwId));
+    const std::string strText = "text";
+    CCmMessageBlock first = ViewOf(strText), second = ViewOf(strText);
+    EXPECT_EQ(CM_OK, pCore->Forward(first, nullptr));
+    Pass(CCmTimeValue(1, 500000));
+    EXPECT_EQ(1u, pCore->GetReceiverCount());
+    pCore->StartReceiver(dwId);
+    EXPECT_EQ(CM_OK, pCore->Forward(second, nullptr));
+    EXPECT_EQ(0u, pCore->GetReceiverCount());
+    EXPECT_EQ(CM_OK, pCore->Close(CM_OK));
+    m_Sink.Take();
     const CCmRefPtrT<CFakeLower> pLate(new CFakeLower);
     pLate->m_dwRoom = 0;
     Add(*pLate, Options(CM_FORWARD_WAIT, 4));
