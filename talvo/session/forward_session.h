@@ -108,8 +108,9 @@ public:
 //
 // CCmConnectionManager::CreateForwardSession makes it. In the network thread, all operations and calls are in that thread. In
 // any other thread it makes a proxy: Forward may then be called from any thread, and each thread's order holds; it takes
-// messages until 1 MiB waits for the network thread. The other operations wait for the network thread. After the end of the
-// network thread they return CM_ERROR_NOT_AVAILABLE. The last release closes the session as Close(CM_OK) does.
+// messages until 1 MiB waits for the network thread. AddReceiver and Close first forward the waiting messages; one that a WAIT
+// receiver holds back counts as forwarded later. The other operations wait for the network thread. After the end of the network
+// thread they return CM_ERROR_NOT_AVAILABLE. The last release closes the session as Close(CM_OK) does.
 class TALVO_API ICmForwardSession : public ICmReferenceControl {
 public:
     // Adds a receiver, and takes aTransport: the session holds a reference, sends, and finally disconnects and releases it.

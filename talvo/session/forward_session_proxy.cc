@@ -134,7 +134,7 @@ CmResult CForwardProxyCore::AddReceiver(ICmTransport* aTransport, const CCmForwa
     return Call_i([&](CForwardCore& aCore) {
         if (!m_Upcalls.Reserve(2 * (aCore.GetReceiverCount() + 1)))  // OnJoin and OnReceiver of each
             return CM_ERROR_OUT_OF_MEMORY;
-        Drain_i();  // these were forwarded before
+        DrainAll_i();  // these were forwarded before
         const CmResult rv = aCore.AddReceiver(aTransport, aOptions, aId);
         NoteReceivers_i();
         return rv;
@@ -214,7 +214,7 @@ void CForwardProxyCore::Abandon() {
 
 // May delete this object, unless the caller holds a reference.
 void CForwardProxyCore::End_i(CmResult aReason) {
-    Drain_i();
+    DrainAll_i();
     const CCmRefPtrT<CForwardCore> pCore = std::move(m_pCore);
     if (!pCore)
         return;
@@ -251,6 +251,12 @@ void CForwardProxyCore::Drain_i() {
         m_RoomEvent.Post(GetUser());
     if (m_pCore && (rv == CM_ERROR_OUT_OF_MEMORY || (ullCost > 0 && m_stNext == m_Messages.size())))
         m_DrainEvent.PostQuietly(GetNetwork());
+}
+
+// The first one may end with the messages that were taken from the queue before.
+void CForwardProxyCore::DrainAll_i() {
+    Drain_i();
+    Drain_i();
 }
 
 void CForwardProxyCore::ReportRoom_i() {

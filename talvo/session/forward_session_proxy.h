@@ -95,6 +95,7 @@ private:
     BOOL IsTooLong_i(DWORD aLength);
     void NoteReceivers_i();
     void Drain_i();
+    void DrainAll_i();
     void End_i(CmResult aReason);
     void EndAbandoned_i();
     void PostUpcall_i(const CForwardUpcall& aUpcall);

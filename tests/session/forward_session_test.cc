@@ -378,6 +378,34 @@ TEST(ForwardProxyTest, OtherThreadsForwardInTheirOrder) {
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, ForwardText(*pSession, "late"));
 }
 
+TEST(ForwardProxyTest, MessagesThatWaitPrecedeALaterReceiver) {
+    CTestNetwork network;
+    CForwardLogSink sink;
+    CCmRefPtrT<ICmForwardSession> pSession;
+    ASSERT_EQ(CM_OK, network.Manager().CreateForwardSession(&sink, pSession.ParaOut()));
+    CTestFd fdWaits, fdLate;
+    const CCmRefPtrT<ICmTransport> pWaits = network.ConnectTo(fdWaits), pLate = network.ConnectTo(fdLate);
+    CTestSink waits(*pWaits), late(*pLate);
+    DWORD dwWaits = 0, dwLate = 0;
+    EXPECT_EQ(CM_OK, pSession->AddReceiver(pWaits.Get(), Options(CM_FORWARD_WAIT, 1), dwWaits));
+    network.RunUntil([&] { return sink.m_Lines == Lines{"join 1"}; });
+    // The system takes a part of the first. The second is in the log, the session refuses the third, the fourth is queued.
+    EXPECT_EQ(CM_OK, ForwardText(*pSession, std::string(12 << 20, 'y')));
+    YieldUntil([&] { return StatisticsOf(*pSession, dwWaits).m_Sent.m_ullMessages == 1; });
+    for (const char* pText : {"2", "3", "4"}) {
+        EXPECT_EQ(CM_OK, ForwardText(*pSession, pText));
+        network.InNetwork([] {});
+    }
+    EXPECT_EQ(2u, StatisticsOf(*pSession).m_Forwarded.m_ullMessages);
+    network.InNetwork([&] {
+        EXPECT_EQ(CM_OK, pSession->RemoveReceiver(dwWaits, CM_ERROR_TIMEOUT));
+        EXPECT_EQ(CM_OK, pSession->AddReceiver(pLate.Get(), {}, dwLate));
+    });
+    EXPECT_EQ(4u, StatisticsOf(*pSession).m_Forwarded.m_ullMessages);
+    EXPECT_EQ(0u, StatisticsOf(*pSession, dwLate).m_Due.m_ullMessages);
+    EXPECT_EQ(CM_OK, pSession->Close(CM_OK));
+}
+
 TEST(ForwardProxyTest, AMebibyteWaitsAndNotMore) {
     CTestNetwork network;
     CForwardLogSink sink;
