@@ -29,6 +29,13 @@ public:
         return dwLeft;
     }
 
+    // The same for aCount references, at least 1, in one step. The caller knows the references that it releases.
+    void AddReferences(CmDword aCount) { m_dwReferences.fetch_add(aCount, std::memory_order_relaxed); }
+    void ReleaseReferences(CmDword aCount) {
+        if (m_dwReferences.fetch_sub(aCount, std::memory_order_acq_rel) == aCount)
+            OnReferenceDestory();
+    }
+
     char* GetBasePtr() const { return m_pBase; }      // the first byte
     CmDword GetLength() const { return m_dwLength; }  // the size that it was made with
 

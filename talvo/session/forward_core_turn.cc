@@ -173,8 +173,7 @@ void CForwardCore::TrimHistory_i() {
         aReceiver.GetCursor().Settle(m_Log);
         ullLeast = std::min(ullLeast, aReceiver.GetCursor().GetFirstNeeded(m_Log));
     });
-    while (m_Log.GetBegin() < ullLeast)
-        m_Log.DropFirst();
+    m_Log.DropTo(ullLeast);
 }
 
 void CForwardCore::ReportRoom_i() {

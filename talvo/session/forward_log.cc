@@ -152,7 +152,39 @@ void CForwardLog::DropKept_i(uint64_t aNumber) {
     m_Kept.erase(it);
 }
 
-void CForwardLog::DropFirst() {
+// Releases the blocks of dropped messages: the references to one block in one step.
+class CForwardLog::CBlockReleases {
+public:
+    CBlockReleases() = default;
+    ~CBlockReleases() { Release_i(); }
+    CBlockReleases(const CBlockReleases&) = delete;
+    CBlockReleases& operator=(const CBlockReleases&) = delete;
+
+    void Add(CCmDataBlock* aBlock) {
+        if (aBlock != m_pBlock)
+            Release_i();
+        m_pBlock = aBlock;
+        ++m_dwCount;
+    }
+
+private:
+    void Release_i() {
+        if (m_pBlock)
+            m_pBlock->ReleaseReferences(m_dwCount);
+        m_dwCount = 0;
+    }
+
+    CCmDataBlock* m_pBlock = nullptr;  // m_dwCount references to it
+    DWORD m_dwCount = 0;
+};
+
+void CForwardLog::DropTo(uint64_t aNumber) {
+    CBlockReleases releases;
+    while (m_ullBegin < aNumber)
+        DropFirst_i(releases);
+}
+
+void CForwardLog::DropFirst_i(CBlockReleases& aReleases) {
     CForwardEntry& entry = Entry_i(m_ullBegin);
     if (entry.m_Message.IsKeyMessage())
         m_KeyMessages.erase(m_ullBegin);
@@ -161,7 +193,8 @@ void CForwardLog::DropFirst() {
                        WithMemory([&] { m_Kept.emplace_hint(m_Kept.end(), m_ullBegin, std::move(entry)); });
     if (!bKeep)
         m_ullBytes -= entry.m_Message.m_dwLength;
-    entry.m_Message.m_pBlock.Reset();
+    if (CCmDataBlock* pBlock = entry.m_Message.m_pBlock.Detach())
+        aReleases.Add(pBlock);
     entry.m_Message.m_pPayload.reset();
     ++m_ullBegin;
 }
@@ -198,8 +231,7 @@ uint64_t CForwardLog::FindKeyMessage(uint64_t aNumber) const {
 }
 
 void CForwardLog::Clear() {
-    while (GetCount() > 0)
-        DropFirst();
+    DropTo(m_ullEnd);
     m_Kept.clear();
     m_Keys.clear();
     m_Ring.clear();

@@ -70,8 +70,9 @@ public:
 
     // Adds aMessage as number GetEnd(), at the time aTick. CM_ERROR_OUT_OF_MEMORY: unchanged.
     CmResult Append(CForwardMessage&& aMessage, DWORD aTick);
-    // Removes the first message of the log; the newest of a key is kept. There must be one.
-    void DropFirst();
+    // Removes the messages before aNumber; the newest of a key is kept. The log must have them.
+    void DropTo(uint64_t aNumber);
+    void DropFirst() { DropTo(m_ullBegin + 1); }
 
     DWORD GetKeyCount() const { return static_cast<DWORD>(m_Keys.size()); }
     CCmForwardCount GetNewestOfKeys() const { return {m_Keys.size(), m_ullKeyBytes}; }
@@ -92,6 +93,7 @@ public:
     void Clear();
 
 private:
+    class CBlockReleases;
     // Keys are linked in the order of their last use.
     struct CKey {
         uint64_t m_ullNumber = 0;
@@ -108,6 +110,7 @@ private:
     void UseKey_i(CKey& aKey, BOOL aNew, DWORD aLength);
     void Unlink_i(CKey& aKey);
     void DropKept_i(uint64_t aNumber);
+    void DropFirst_i(CBlockReleases& aReleases);
 
     std::vector<CForwardEntry> m_Ring;  // its size is a power of two, or 0
     uint64_t m_ullBegin = 0;

@@ -10,6 +10,8 @@ namespace talvo {
 
 namespace {
 
+constexpr DWORD SHARES = 64;
+
 CmResult NewStorage(DWORD aSize, CCmRefPtrT<CCmDataBlock>& aBlock) {
     return CCmDataBlock::CreateInstance(aBlock.ParaOut(), aSize, nullptr);
 }
@@ -41,7 +43,7 @@ CmResult CForwardPacker::Pack(const CCmMessageBlock& aData, DWORD aLength, const
     char* pTo = bCopy || pPayload ? Reserve_i(aMessage.GetHeaderLength() + (bCopy ? aLength : 0)) : nullptr;
     if (!pTo)
         return CM_ERROR_OUT_OF_MEMORY;
-    aMessage.m_pBlock = m_pBlock;
+    aMessage.m_pBlock = Share_i();
     aMessage.m_pPayload = std::move(pPayload);
     aMessage.m_ullKey = aHeader ? aHeader->m_ullKey : 0;
     aMessage.m_byFlags = aHeader ? static_cast<BYTE>(aHeader->m_dwFlags) : BYTE{0};
@@ -53,9 +55,27 @@ CmResult CForwardPacker::Pack(const CCmMessageBlock& aData, DWORD aLength, const
     return CM_OK;
 }
 
+// Each message has a reference. Many are added in one step, because a step costs more than the copy of a small message.
+CCmRefPtrT<CCmDataBlock> CForwardPacker::Share_i() {
+    if (m_dwShares == 0) {
+        m_pBlock->AddReferences(SHARES);
+        m_dwShares = SHARES;
+    }
+    --m_dwShares;
+    return CCmRefPtrT<CCmDataBlock>::Adopt(m_pBlock.Get());
+}
+
+void CForwardPacker::LeaveBlock_i() {
+    if (m_dwShares > 0)
+        m_pBlock->ReleaseReferences(m_dwShares);
+    m_dwShares = 0;
+    m_pBlock.Reset();
+}
+
 // Null: memory ran out.
 char* CForwardPacker::Reserve_i(DWORD aCount) {
     if (!m_pBlock || m_pBlock->GetLength() - m_dwUsed < aCount) {
+        LeaveBlock_i();
         if (NewStorage(CCmDataBlock::BURST_SIZE, m_pBlock) != CM_OK)
             return nullptr;
         m_dwUsed = 0;

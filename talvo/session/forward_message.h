@@ -43,6 +43,11 @@ char* WriteForwardHeader(char* aTo, EForwardFraming aFraming, DWORD aLength);
 // at a time.
 class TALVO_API CForwardPacker {
 public:
+    CForwardPacker() = default;
+    ~CForwardPacker() { LeaveBlock_i(); }
+    CForwardPacker(const CForwardPacker&) = delete;
+    CForwardPacker& operator=(const CForwardPacker&) = delete;
+
     static constexpr DWORD MAX_COPIED = 1024;  // bytes of payload
 
     // The framing of small messages from now on; PACKAGE at first. Receivers that need the same get whole runs of messages at
@@ -59,9 +64,12 @@ public:
 
 private:
     char* Reserve_i(DWORD aCount);
+    CCmRefPtrT<CCmDataBlock> Share_i();
+    void LeaveBlock_i();
 
     CCmRefPtrT<CCmDataBlock> m_pBlock;
     DWORD m_dwUsed = 0;
+    DWORD m_dwShares = 0;  // references to it for messages to come
     EForwardFraming m_Framing = EForwardFraming::PACKAGE;
 };
 
