@@ -16,6 +16,7 @@ CCmLiveCounter s_Live("CForwardCore");
 
 constexpr DWORD MANY_MESSAGES = 1024;  // so many do not wait for the turn
 constexpr DWORD MANY_BYTES = 65536;
+constexpr DWORD MESSAGES_A_TICK = 16;
 
 }  // namespace
 
@@ -34,6 +35,31 @@ DWORD CForwardCore::GetMaxMessage() {
     return GetLeastMaxMessage();
 }
 
+// A reading of the clock costs as much as half of the rest of a small message. Without limits of time one reading serves a few
+// messages of a turn, whose age then only appears in the statistics.
+inline DWORD CForwardCore::GetTick_i() {
+    if (m_dwLeastMilliseconds > 0 || m_dwUnserved % MESSAGES_A_TICK == 0)
+        m_dwTick = GetRecentTick();
+    return m_dwTick;
+}
+
+inline BOOL CForwardCore::IsFull_i(DWORD aLength) const {
+    return m_Log.GetCount() > 0 && (m_Log.GetCount() >= m_dwLogMessages || m_Log.GetHeld().m_ullBytes + aLength > m_dwLogBytes);
+}
+
+inline BOOL CForwardCore::IsBoundReached_i(DWORD aTick) const {
+    return m_Log.GetEnd() >= m_Bound.m_ullMessages || m_Log.GetBytesForwarded() >= m_Bound.m_ullBytes || m_bHeldBack ||
+           (m_bTimer && static_cast<int32_t>(aTick - m_dwTimerTick) >= 0);
+}
+
+// A Forward inside an upcall of a transport that is being served only adds its message: the next one applies the limits.
+inline CmResult CForwardCore::Admit_i(DWORD aLength, DWORD aTick) {
+    const BOOL bHasRoom = m_Log.GetKeyCount() == 0 && !IsFull_i(aLength);
+    if (m_bServing || (bHasRoom && !IsBoundReached_i(aTick)))
+        return CM_OK;
+    return AdmitAtLimit_i(aLength, aTick);
+}
+
 CmResult CForwardCore::Forward(CCmMessageBlock& aData, const CCmForwardHeader* aHeader) {
     if (m_bClosed)
         return CM_ERROR_NOT_AVAILABLE;
@@ -42,7 +68,7 @@ CmResult CForwardCore::Forward(CCmMessageBlock& aData, const CCmForwardHeader* a
         return CM_OK;
     if (dwLength > GetLeastMaxMessage() && dwLength > GetMaxMessage())
         return CM_ERROR_INVALID_ARG;
-    const DWORD dwTick = GetRecentTick();
+    const DWORD dwTick = GetTick_i();
     CmResult rv = Admit_i(dwLength, dwTick);
     if (rv != CM_OK)
         return rv;
@@ -50,15 +76,15 @@ CmResult CForwardCore::Forward(CCmMessageBlock& aData, const CCmForwardHeader* a
     rv = m_Packer.Pack(aData, dwLength, aHeader, message);
     if (rv == CM_OK)
         rv = Append_i(message, dwTick);
-    if (rv == CM_OK)
-        aData.AdvanceChainedReadPtr(dwLength);
+    if (rv == CM_OK && aData.AdvanceTopLevelReadPtr(dwLength) != CM_OK)
+        aData.AdvanceChainedReadPtr(dwLength);  // several blocks
     return rv;
 }
 
 CmResult CForwardCore::ForwardMessage(CForwardMessage& aMessage) {
     if (m_bClosed)
         return CM_ERROR_NOT_AVAILABLE;
-    const DWORD dwTick = GetRecentTick();
+    const DWORD dwTick = GetTick_i();
     const DWORD dwLength = aMessage.m_dwLength;
     if (const CmResult rv = Admit_i(dwLength, dwTick); rv != CM_OK)
         return rv;
@@ -75,10 +101,7 @@ void CForwardCore::RemoveTooSmall_i(DWORD aLength) {
     });
 }
 
-// A Forward inside an upcall of a transport that is being served only adds its message: the next one applies the limits.
-CmResult CForwardCore::Admit_i(DWORD aLength, DWORD aTick) {
-    if (m_bServing)
-        return CM_OK;
+CmResult CForwardCore::AdmitAtLimit_i(DWORD aLength, DWORD aTick) {
     if (IsBoundReached_i(aTick))
         ApplyLimits_i(aTick);
     if (m_bHeldBack)
@@ -92,11 +115,6 @@ CmResult CForwardCore::HoldBack_i(DWORD aLength) {
     m_bForwardDue = true;
     m_dwRefusedLength = aLength;
     return CM_ERROR_PARTIAL_DATA;
-}
-
-BOOL CForwardCore::IsBoundReached_i(DWORD aTick) const {
-    return m_Log.GetEnd() >= m_Bound.m_ullMessages || m_Log.GetBytesForwarded() >= m_Bound.m_ullBytes || m_bHeldBack ||
-           (m_bTimer && static_cast<int32_t>(aTick - m_dwTimerTick) >= 0);
 }
 
 // Handles the receivers that are at a limit, and raises the bound.
@@ -131,10 +149,6 @@ void CForwardCore::ApplyLimit_i(CForwardReceiver& aReceiver, DWORD aTick) {
 void CForwardCore::RaiseBound_i(const CForwardCursor& aCursor) {
     m_Bound.m_ullMessages = std::min(m_Bound.m_ullMessages, aCursor.GetMessagesLimit(m_Log));
     m_Bound.m_ullBytes = std::min(m_Bound.m_ullBytes, aCursor.GetBytesLimit(m_Log));
-}
-
-BOOL CForwardCore::IsFull_i(DWORD aLength) const {
-    return m_Log.GetCount() > 0 && (m_Log.GetCount() >= m_dwLogMessages || m_Log.GetHeld().m_ullBytes + aLength > m_dwLogBytes);
 }
 
 CmResult CForwardCore::MakeRoom_i(DWORD aLength, DWORD aTick) {

@@ -52,7 +52,9 @@ public:
 
 private:
     // Forward.
+    DWORD GetTick_i();
     CmResult Admit_i(DWORD aLength, DWORD aTick);
+    CmResult AdmitAtLimit_i(DWORD aLength, DWORD aTick);
     CmResult HoldBack_i(DWORD aLength);
     BOOL IsBoundReached_i(DWORD aTick) const;
     void ApplyLimits_i(DWORD aTick);
@@ -107,6 +109,7 @@ private:
     uint64_t m_ullLeastNeededKey = CForwardLog::NONE;
     DWORD m_dwUnserved = 0;  // messages and bytes since the last turn
     DWORD m_dwUnservedBytes = 0;
+    DWORD m_dwTick = 0;               // the last one of GetTick_i
     DWORD m_dwLeastMilliseconds = 0;  // the lowest limit of any receiver; 0: there is none
     DWORD m_dwTimerTick = 0;          // the tick at which the timer is due
     DWORD m_dwRefusedLength = 0;      // of the message that was held back
