@@ -1,5 +1,7 @@
 #include "talvo/connection/protocol/buffered_sending.h"
 
+#include <algorithm>
+
 #include "talvo/base/trace.h"
 #include "talvo/connection/protocol/gather_chain.h"
 
@@ -13,13 +15,38 @@ constexpr DWORD ENOUGH_BYTES = 16384;  // for one call
 
 void CBufferedSending::SetMaxBufLen(DWORD aMaxBufLen) {
     m_dwMaxBufLen = aMaxBufLen;
-    m_SendBuf.SetMaxBufLen(aMaxBufLen);
+    m_dwMostRoom = 0;
+    SetRoom(aMaxBufLen);
+}
+
+void CBufferedSending::SetRoom(DWORD aBytes) {
+    m_dwRoom = aBytes;
+    m_SendBuf.SetMaxBufLen(aBytes);
+}
+
+BOOL CBufferedSending::Grow() {
+    if (m_dwRoom >= m_dwMostRoom || m_SendBuf.GetUnsent() > 0 || !m_Direct.GetPending().IsEmpty())
+        return FALSE;
+    SetRoom(std::min(m_dwRoom * 2, m_dwMostRoom));
+    return TRUE;
+}
+
+void CBufferedSending::OnTransportLost() {
+    m_bRefused = false;
+    SetRoom(m_dwMaxBufLen);
+    m_SendBuf.OnTransportLost();
+}
+
+void CBufferedSending::Reset() {
+    m_bRefused = false;
+    SetRoom(m_dwMaxBufLen);
+    m_SendBuf.Reset();
 }
 
 // Pending bytes count as if they were in the send buffer, which counts only its own.
 BOOL CBufferedSending::HasRoom(DWORD aLength, BOOL aNeedACK) const {
     const DWORD dwHeader = CCsPduBase::GetFixLength(CS_PDU_TYPE_DATA_NORMAL, aNeedACK);
-    return uint64_t{m_Direct.GetPending().GetLength()} + m_SendBuf.GetUsed() + dwHeader + aLength <= m_dwMaxBufLen;
+    return uint64_t{m_Direct.GetPending().GetLength()} + m_SendBuf.GetUsed() + dwHeader + aLength <= m_dwRoom;
 }
 
 CmResult CBufferedSending::Add(CCmMessageBlock& aData, BOOL aNeedACK) {
@@ -46,14 +73,20 @@ BOOL CBufferedSending::MayGather(DWORD aLength, BOOL aNeedACK) {
     return !m_Direct.GetPending().IsRefused() && HasRoom(aLength, aNeedACK);
 }
 
+// Takes the share of the unsent bytes for that of the unsent items: the others wait for their acknowledgement.
 BOOL CBufferedSending::HasFullCall() const {
-    return m_SendBuf.GetUnsent() >= ENOUGH_BYTES && m_SendBuf.GetCount() >= CGatherChain::MAX_PIECES;
+    const uint64_t ullUnsent = m_SendBuf.GetUnsent();
+    return ullUnsent >= ENOUGH_BYTES &&
+           ullUnsent * m_SendBuf.GetCount() >= uint64_t{CGatherChain::MAX_PIECES} * m_SendBuf.GetUsed();
 }
 
 CmResult CBufferedSending::Flush(BOOL aNeedACK) {
+    if (aNeedACK && m_bRefused)
+        return CM_ERROR_PARTIAL_DATA;
     CmResult rv = m_Direct.Flush();
     while (rv == CM_OK && m_SendBuf.GetUnsent() > 0)
         rv = SendCurrent();
+    m_bRefused = rv == CM_ERROR_PARTIAL_DATA;
     if (!aNeedACK)
         m_SendBuf.ClearAllSent();
     return rv;

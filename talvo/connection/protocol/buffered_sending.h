@@ -13,10 +13,16 @@ class TALVO_API CBufferedSending {
 public:
     // aMaxBufLen: bytes. aDirect has the transport and sends the data that bypasses the buffer. It outlives this object.
     CBufferedSending(CmDword aMaxBufLen, CDirectSending& aDirect)
-        : m_SendBuf(aMaxBufLen), m_dwMaxBufLen(aMaxBufLen), m_Direct(aDirect) {}
+        : m_SendBuf(aMaxBufLen), m_dwMaxBufLen(aMaxBufLen), m_dwRoom(aMaxBufLen), m_Direct(aDirect) {}
 
+    // Also ends the growth.
     void SetMaxBufLen(CmDword aMaxBufLen);
     CmDword GetMaxBufLen() const { return m_dwMaxBufLen; }
+    // From now on Grow may enlarge the buffer, up to aMostBytes.
+    void LetGrow(CmDword aMostBytes) { m_dwMostRoom = aMostBytes; }
+    // All messages are sent, so the buffer and not the transport limits the rate: doubles its room until the transport is lost.
+    // FALSE: neither is so, or it may not grow.
+    CmBool Grow();
     void SetReceived(CmDword aReceived) { m_SendBuf.SetSeq4ACK(aReceived); }
     CmDword GetUnsent() const { return m_SendBuf.GetUnsent(); }
 
@@ -33,27 +39,34 @@ public:
     CmBool HasFullCall() const;
 
     // Sends the pending bytes and then the buffer. CM_OK: all is sent; else the transport's result. aNeedACK: sent PDUs stay
-    // until the peer acknowledges them.
+    // until the peer acknowledges them. After a refusal an acknowledged connection waits for OnRoom: its acknowledgements
+    // request data again and again, and each call would fail.
     CmResult Flush(CmBool aNeedACK);
+    // The transport takes data again.
+    void OnRoom() { m_bRefused = false; }
     // Moves the unsent bytes after the pending ones. FALSE: memory ran out.
     CmBool MoveToPending();
 
     int DoACK(CmDword aSeq) { return m_SendBuf.DoACK(aSeq); }
-    void OnTransportLost() { m_SendBuf.OnTransportLost(); }
+    void OnTransportLost();
     // The peer has received up to aSeq; the rest is sent again. FALSE: aSeq is no resume point, and the state is unchanged.
     CmBool Resume(CmDword aSeq) { return m_SendBuf.IsResumePoint(aSeq) && m_SendBuf.DoReconnACK(aSeq) != -1; }
-    void Reset() { m_SendBuf.Reset(); }
+    void Reset();
 
     CCsSendBuf& GetSendBuf() { return m_SendBuf; }
     const CCsSendBuf& GetSendBuf() const { return m_SendBuf; }
 
 private:
+    void SetRoom(CmDword aBytes);
     CmBool HasRoom(CmDword aLength, CmBool aNeedACK) const;
     CmResult SendCurrent();
     CmResult DropDatagram(CmDword aLength, CmResult aReason);
 
     CCsSendBuf m_SendBuf;
     CmDword m_dwMaxBufLen;
+    CmDword m_dwRoom;          // bytes of the buffer now, at least m_dwMaxBufLen
+    CmDword m_dwMostRoom = 0;  // the growth ends there
+    bool m_bRefused = false;   // by the transport, an OnSend follows
     CDirectSending& m_Direct;
 };
 

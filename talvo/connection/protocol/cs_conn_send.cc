@@ -69,6 +69,8 @@ CmResult CCsConn::SendBuffered_i(CCmMessageBlock& aData) {
     CmResult rv = AddToSendBuf_i(aData);
     if (rv == CM_ERROR_PARTIAL_DATA && bCorked && bUp && SendDataFromSendBuf() == CM_OK)
         rv = AddToSendBuf_i(aData);
+    if (rv == CM_ERROR_PARTIAL_DATA && m_wStatus == CS_STATUS_CONNECTED && m_Buffered->Grow())
+        rv = AddToSendBuf_i(aData);
     if (rv == CM_ERROR_PARTIAL_DATA) {
         CM_INFO_TRACE_THIS("CCsConn::SendData(), not enough rooms for the aData");
         m_bNeedOnSend = TRUE;
@@ -201,6 +203,8 @@ void CCsConn::OnSend(ICmTransport* aTrpt, CCmTransportParameter*) {
     m_Est.EnsureSingleThread();
     if (aTrpt != m_pTransport.Get())
         return;
+    if (m_Buffered)
+        m_Buffered->OnRoom();
     if (m_wStatus != CS_STATUS_CONNECTED) {
         m_Direct.Flush();  // the rest of a connect PDU
         return;

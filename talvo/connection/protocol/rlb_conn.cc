@@ -10,6 +10,7 @@
 namespace {
 
 constexpr DWORD DEFAULT_BUFFER = 1 << 20;
+constexpr DWORD MOST_GROWN = 8 << 20;  // twice what a socket keeps unacknowledged by default
 constexpr DWORD MIN_BUFFER = 4096;
 constexpr DWORD MAX_BUFFER = 1 << 30;  // a quarter of the numbers: each acknowledgement has one reading
 constexpr DWORD DEFAULT_SILENCE = 45;  // seconds, as are the next
@@ -26,6 +27,7 @@ CRlbConn::CRlbConn(BYTE aInstanceType) : CCsConn(DEFAULT_BUFFER) {
     m_bNeedKeepAlive = TRUE;
     m_byInstanceType = aInstanceType;
     m_Liveness.SetSilenceLimit(DEFAULT_SILENCE * 1000);
+    m_Buffered->LetGrow(MOST_GROWN);
 }
 
 void CRlbConn::UseToken(BOOL aToken) {
