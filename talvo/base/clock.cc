@@ -26,30 +26,6 @@ int64_t MonotonicUsec() {
     return pClock ? pClock->GetMonotonicUsec() : ReadUsec(CLOCK_MONOTONIC);
 }
 
-// Asking the system is most of the cost of scheduling a timer; the processor's tick counter costs a third of that. So one
-// reading serves this thread for a thousand ticks. On a counter of 1 GHz or more that is less than one microsecond, the unit of
-// the result. The result is late by less than one, never ahead, and never goes back within a thread. A counter that jumps
-// (another processor, sleep) leaves that range and causes a new reading.
-int64_t RecentSystemUsec() {
-#ifdef __x86_64__
-    [[gnu::tls_model("initial-exec")]] static constinit thread_local uint64_t s_ullTicks = 0;
-    [[gnu::tls_model("initial-exec")]] static constinit thread_local int64_t s_llUsec = 0;
-    const uint64_t ullTicks = __rdtsc();
-    if (ullTicks - s_ullTicks >= 1000) {
-        s_llUsec = ReadUsec(CLOCK_MONOTONIC);
-        s_ullTicks = ullTicks;  // taken before the reading, so that the reading counts as older than it is
-    }
-    return s_llUsec;
-#else
-    return ReadUsec(CLOCK_MONOTONIC);
-#endif
-}
-
-int64_t RecentUsec() {
-    ICmClock* pClock = s_pClock.load(std::memory_order_acquire);
-    return pClock ? pClock->GetMonotonicUsec() : RecentSystemUsec();
-}
-
 // Computed once per process. A replaced source keeps the offset, so time does not jump if the source starts at the system's
 // time.
 int64_t WallOffsetUsec() {
@@ -57,9 +33,31 @@ int64_t WallOffsetUsec() {
     return s_llOffset;
 }
 
+// Out of line, so that the short way through its caller stores no registers.
+[[gnu::noinline]] int64_t ReadTimeOfDayUsec() { return MonotonicUsec() + WallOffsetUsec(); }
+
 }  // namespace
 
-int64_t CCmClock::GetTimeOfDayUsec() { return RecentUsec() + WallOffsetUsec(); }
+// Asking the system is most of the cost of scheduling a timer; the processor's tick counter costs a third of that. So one
+// reading serves this thread for a thousand ticks. On a counter of 1 GHz or more that is less than one microsecond, the unit of
+// the result. The result is late by less than one, never ahead, and never goes back within a thread. A counter that jumps
+// (another processor, sleep) leaves that range and causes a new reading.
+int64_t CCmClock::GetTimeOfDayUsec() {
+#ifdef __x86_64__
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local uint64_t s_ullTicks = 0;
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local int64_t s_llUsec = 0;
+    const uint64_t ullTicks = __rdtsc();
+    if (s_pClock.load(std::memory_order_acquire)) [[unlikely]]
+        return ReadTimeOfDayUsec();
+    if (ullTicks - s_ullTicks >= 1000) {
+        s_ullTicks = ullTicks;  // taken before the reading, so that the reading counts as older than it is
+        s_llUsec = ReadTimeOfDayUsec();
+    }
+    return s_llUsec;
+#else
+    return ReadTimeOfDayUsec();
+#endif
+}
 
 int64_t CCmClock::GetWallUsec() {
     ICmClock* pClock = s_pClock.load(std::memory_order_acquire);

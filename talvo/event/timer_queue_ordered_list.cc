@@ -61,7 +61,7 @@ void CCmTimerQueueOrderedList::Reschedule(DWORD aSlot, const CNode& aNode) {
 
 void CCmTimerQueueOrderedList::Fill(const CHeapItem& aItem, const CNode& aNode) {
     const int64_t llTime = aNode.m_dwCount == 1 ? aNode.m_llExpires : aNode.m_llInterval;
-    m_Slots[aItem.GetSlot()] = {aNode.m_pEh, aNode.m_pArg, llTime, aNode.m_dwCount, aItem.GetOrder()};
+    m_Slots[aItem.GetSlot()] = {aNode.m_pEh, llTime, aNode.m_pArg, aNode.m_dwCount, aItem.GetOrder()};
 }
 
 // Makes room behind the heap by moving the first of the timers for the next pass.
@@ -288,15 +288,18 @@ DWORD CCmTimerQueueOrderedList::Find(const ICmTimerHandler* aEh) const {
     const uint64_t ullNote = aEh->m_ullSlot.load(std::memory_order_relaxed);
     if (ullNote >> 32 == m_dwNumber)
         return static_cast<DWORD>(ullNote);
-    if (m_Others.empty())
-        return NO_SLOT;
+    return m_Others.empty() ? NO_SLOT : FindOther(aEh);
+}
+
+// Out of line, as are the other rare cases of a schedule.
+[[gnu::noinline]] DWORD CCmTimerQueueOrderedList::FindOther(const ICmTimerHandler* aEh) const {
     const auto itOther = m_Others.find(aEh);
     return itOther == m_Others.end() ? NO_SLOT : itOther->second;
 }
 
 // The slot of the timer to be added, noted for its handler. NO_SLOT: there is no memory.
 DWORD CCmTimerQueueOrderedList::Enter(ICmTimerHandler* aEh) {
-    if (!HasRoom())
+    if (m_dwTaken >= m_dwReady && !MakeRoom())
         return NO_SLOT;
     const DWORD dwSlot = Item(m_dwTaken).GetSlot();
     if (const DWORD dwNext = m_dwTaken + 2; dwNext < m_dwReady)  // of the timer after the next
@@ -304,16 +307,19 @@ DWORD CCmTimerQueueOrderedList::Enter(ICmTimerHandler* aEh) {
     return NoteSlot(aEh, dwSlot) ? dwSlot : NO_SLOT;
 }
 
-// A handler stays with the first queue that takes it. Queues of several threads may try to be the first.
 BOOL CCmTimerQueueOrderedList::NoteSlot(ICmTimerHandler* aEh, DWORD aSlot) {
-    const uint64_t ullNote = NoteOf(m_dwNumber, aSlot);
-    uint64_t ullOld = aEh->m_ullSlot.load(std::memory_order_relaxed);
-    if (ullOld == 0 && aEh->m_ullSlot.compare_exchange_strong(ullOld, ullNote, std::memory_order_relaxed))
-        return TRUE;
-    if (ullOld >> 32 != m_dwNumber)
-        return talvo::WithMemory([&] { m_Others[aEh] = aSlot; });
-    aEh->m_ullSlot.store(ullNote, std::memory_order_relaxed);
+    if (aEh->m_ullSlot.load(std::memory_order_relaxed) >> 32 != m_dwNumber)
+        return NoteFirstSlot(aEh, aSlot);
+    aEh->m_ullSlot.store(NoteOf(m_dwNumber, aSlot), std::memory_order_relaxed);
     return TRUE;
+}
+
+// A handler stays with the first queue that takes it. Queues of several threads may try to be the first.
+[[gnu::noinline]] BOOL CCmTimerQueueOrderedList::NoteFirstSlot(ICmTimerHandler* aEh, DWORD aSlot) {
+    uint64_t ullNone = 0;
+    if (aEh->m_ullSlot.compare_exchange_strong(ullNone, NoteOf(m_dwNumber, aSlot), std::memory_order_relaxed))
+        return TRUE;
+    return talvo::WithMemory([&] { m_Others[aEh] = aSlot; });
 }
 
 void CCmTimerQueueOrderedList::Forget(ICmTimerHandler* aEh) {
@@ -324,9 +330,7 @@ void CCmTimerQueueOrderedList::Forget(ICmTimerHandler* aEh) {
 }
 
 // Places become ready by families, because a family is compared as a whole.
-BOOL CCmTimerQueueOrderedList::HasRoom() {
-    if (m_dwTaken < m_dwReady)
-        return TRUE;
+[[gnu::noinline]] BOOL CCmTimerQueueOrderedList::MakeRoom() {
     if (m_dwReady >= m_dwPlaces && !Grow())
         return FALSE;
     do {

@@ -54,10 +54,11 @@ private:
         int64_t m_llExpires;
         uint64_t m_ullOrderAndSlot;  // the order counts down with each push
     };
+    // Its order of members keeps the compiler from copying two words of a node, just written, by one load.
     struct CSlot {
         ICmTimerHandler* m_pEh;
+        int64_t m_llTime;  // of the last firing; the interval if more than one is left
         void* m_pArg;
-        int64_t m_llTime;   // of the last firing; the interval if more than one is left
         CmDword m_dwCount;  // of firings left
         CmDword m_dwOrder;
     };
@@ -73,8 +74,10 @@ private:
     void Renumber();
 
     CmDword Find(const ICmTimerHandler* aEh) const;
+    CmDword FindOther(const ICmTimerHandler* aEh) const;
     CmDword Enter(ICmTimerHandler* aEh);
     CmBool NoteSlot(ICmTimerHandler* aEh, CmDword aSlot);
+    CmBool NoteFirstSlot(ICmTimerHandler* aEh, CmDword aSlot);
     void Forget(ICmTimerHandler* aEh);
     void Reschedule(CmDword aSlot, const CNode& aNode);
     void Fill(const CHeapItem& aItem, const CNode& aNode);
@@ -84,7 +87,7 @@ private:
     CmBool IsLate(const CHeapItem& aItem) const;
     void SinkFirst();
     void LoadFirst(CNode& aNode);
-    CmBool HasRoom();
+    CmBool MakeRoom();
     CmBool Grow();
 
     CmDword m_dwNumber;  // of this queue, in the notes of its handlers
