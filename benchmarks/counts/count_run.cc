@@ -13,18 +13,21 @@ namespace {
 constexpr DWORD SIZE = 64;
 constexpr DWORD RAW = CCmConnectionManager::CTYPE_TCP;
 
-using CRun = std::function<void(const CTestNetwork&, size_t)>;
+using CRun = std::function<void(size_t)>;
 
+// In one thread, so that the turns of two decide nothing.
 CRun Stream(DWORD aType) {
-    return [aType](const CTestNetwork& a, size_t aMessages) { StreamCost(a, aType, aMessages, SIZE); };
+    return [dwType = aType | CCmConnectionManager::CTYPE_FORCE_THREAD_PROXY](size_t aMessages) {
+        StreamCost(CTestNetwork(CCmThreadManager::NETWORK_THREAD_MAIN), dwType, aMessages, SIZE);
+    };
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     const std::map<std::string, CRun> paths = {
-        {"echo", [](const CTestNetwork& a, size_t aMessages) { EchoCost(a, TRUE, aMessages, SIZE); }},
-        {"http", [](const CTestNetwork& a, size_t aMessages) { HttpCost(a, aMessages); }},
+        {"echo", [](size_t aMessages) { EchoCost(CTestNetwork(), TRUE, aMessages, SIZE); }},
+        {"http", [](size_t aMessages) { HttpCost(CTestNetwork(), aMessages); }},
         {"raw", Stream(RAW)},
         {"length", Stream(RAW | CCmConnectionManager::CTYPE_PDU_LENGTH)},
         {"package", Stream(RAW | CCmConnectionManager::CTYPE_PDU_PACKAGE)},
@@ -34,6 +37,6 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: count_run echo|http|raw|length|package MESSAGES\n");
         return 2;
     }
-    itPath->second(CTestNetwork(), std::strtoul(argv[2], nullptr, 10));
+    itPath->second(std::strtoul(argv[2], nullptr, 10));
     return testing::UnitTest::GetInstance()->Passed() ? 0 : 1;
 }

@@ -28,20 +28,31 @@ struct CBound {
 constexpr double ROOM = 0.03;
 // For the turns of two threads, or the sizes of receives, which decide how many messages share a call, a lock or a block.
 constexpr double LARGE_ROOM = 0.5;
+// No bound: OpenSSL's copies, and waits that depend on the peer's pace.
+constexpr double ANY = std::numeric_limits<double>::infinity();
 #ifdef NDEBUG
-constexpr double COPIES_FACTOR = 1;
+constexpr bool OPTIMISED = true;
 #else
-constexpr double COPIES_FACTOR = 1.8;  // calls copy the few bytes of a header, too, some of them twice
+constexpr bool OPTIMISED = false;  // the copies of the few bytes of a header are calls, too
 #endif
 
 void Compare(const CBound& aBound, const CCost& aCost, double aRoom = ROOM) {
     std::printf("%-36s %6.3f calls %6.3f waits and wake-ups %6.3f allocations %6.3f copies %6.3f locks\n", aBound.m_pName,
                 aCost.m_dCalls, aCost.m_dWakes, aCost.m_dAllocations, aCost.m_dCopies, aCost.m_dLocks);
-    EXPECT_LE(aCost.m_dCalls, aBound.m_dCalls + aRoom) << aBound.m_pName;
     EXPECT_LE(aCost.m_dWakes, aBound.m_dWakes + aRoom) << aBound.m_pName;
-    EXPECT_LE(aCost.m_dAllocations, aBound.m_dAllocations + aRoom) << aBound.m_pName;
-    EXPECT_LE(aCost.m_dCopies, aBound.m_dCopies * COPIES_FACTOR + ROOM) << aBound.m_pName;
-    EXPECT_LE(aCost.m_dLocks, aBound.m_dLocks + aRoom) << aBound.m_pName;
+    const struct {
+        const char* m_pName;
+        double m_dCost, m_dBound;
+    } counts[] = {{"calls", aCost.m_dCalls, aBound.m_dCalls + aRoom},
+                  {"allocations", aCost.m_dAllocations, aBound.m_dAllocations + aRoom},
+                  {"copies", aCost.m_dCopies, OPTIMISED ? aBound.m_dCopies + ROOM : ANY},
+                  {"locks", aCost.m_dLocks, aBound.m_dLocks + aRoom}};
+    for (const auto& [pName, dCost, dBound] : counts) {
+        EXPECT_LE(dCost, dBound) << aBound.m_pName << ", " << pName;
+        if (dBound != ANY && OPTIMISED) {
+            EXPECT_GT(dCost + 1, dBound) << "the bound would not notice one more: " << aBound.m_pName << ", " << pName;
+        }
+    }
 }
 
 // Shakes hands, and sends close_notify with the last bytes of that. Its two sends are counted.
@@ -73,7 +84,6 @@ size_t ShakeHandsOnce(const CCmInetAddr& aAddr) {
 TEST(CountsTest, Connection) {
     // Accept, watch, receive, send, and at the end two questions: is there more to read, and how much has the peer not got.
     const CTestNetwork network;
-    constexpr double ANY = std::numeric_limits<double>::infinity();
     Compare({"raw, connect, echo 64 B, close", 6, ANY, 2, 1, 3}, EchoOnceCost(network, 500, 64));
     // Accept, watch, and a receive and a send for each flight of the client's. The watch passes to the transport. Its end and
     // that of the socket are a call each. OpenSSL copies, too.
@@ -103,8 +113,8 @@ TEST(CountsTest, EchoAtBothEnds) {
         {RAW, {"raw, both ends, echo 64 B", 4, 2, 0, 0, 0}, {"raw, both ends, echo 16 KiB", 6, 2, 0, 0, 0}},
         {LENGTH, {"length, both ends, echo 64 B", 4, 2, 0, 0.1, 0}, {"length, both ends, echo 16 KiB", 4, 2, 0, 0, 0}},
         // Behind a header of 9 bytes. The blocks of 16 KiB are used again, with a lock to take one and a lock to give it back.
-        {PACKAGE, {"package, both ends, echo 64 B", 4, 2, 2, 2.9, 0}, {"package, both ends, echo 16 KiB", 4, 2, 4, 2, 4}},
-        {RELIABLE, {"reliable, both ends, echo 64 B", 4, 2, 2, 3.22, 0}, {"reliable, both ends, echo 16 KiB", 4, 2, 4, 2, 4}},
+        {PACKAGE, {"package, both ends, echo 64 B", 4, 2, 2, 2.2, 0}, {"package, both ends, echo 16 KiB", 4, 2, 4, 2, 4}},
+        {RELIABLE, {"reliable, both ends, echo 64 B", 4, 2, 2, 2.32, 0}, {"reliable, both ends, echo 16 KiB", 4, 2, 4, 2, 4}},
         // OpenSSL copies a message and its record a few times; it has locks of its own kind.
         {CM_TRANSPORT_TYPE_TLS,
          {"TLS, both ends, echo 64 B", 4, 2, 0, 11.12, 0},
@@ -123,7 +133,7 @@ TEST(CountsTest, EchoAtBothEnds) {
 TEST(CountsTest, HttpRequest) {
     // The same three calls. Channel and blocks are used again; the answer is written into the block that is sent, its head in
     // pieces.
-    const CBound bound = {"HTTP, network thread, keep-alive", 2, 1, 0, 1.26, 0};
+    const CBound bound = {"HTTP, network thread, keep-alive", 2, 1, 0, 0.1, 0};
     Compare(bound, HttpCost(CTestNetwork(), 2000));
     // The room that each read of the peer makes on a Unix socket wakes no loop.
     Compare(bound, HttpCost(CTestNetwork(), 2000, ("@talvo-counts-" + std::to_string(getpid())).c_str()));
@@ -141,17 +151,16 @@ TEST(CountsTest, Stream) {
         // Some four messages a receive. Copied once, and handed over in chunks.
         {RAW, 16384, {"raw, proxies, 16 KiB", 0.39, 0.07, 2, 1, 3.8}},
         // Copied into the queue of each proxy, and behind its length; each time into a block that it shares with others. The
-        // two
-        // locks are those of the queues.
-        {LENGTH, 64, {"length, 64 B", 0, 0, 1.03, 3.31, 2.03}},
+        // two locks are those of the queues.
+        {LENGTH, 64, {"length, 64 B", 0, 0, 1.03, 3.26, 2.03}},
         // Shared but for the receive buffer, out of which it is copied into a block of its own, which is used again: two locks.
-        {LENGTH, 16384, {"length, 16 KiB", 0.61, 0.1, 6.1, 1, 6.95}},
+        {LENGTH, 16384, {"length, 16 KiB", 0.61, 0.1, 5.25, 1, 6.95}},
         // Three copies, each of 64 bytes behind a header of 9.
-        {PACKAGE, 64, {"package, 64 B", 0, 0, 1.03, 3.47, 2.03}},
+        {PACKAGE, 64, {"package, 64 B", 0, 0, 1.03, 3.3, 2.03}},
         // What waits to be sent is bounded by 64 KiB, so that fewer share a call.
-        {PACKAGE, 16384, {"package, 16 KiB", 0.73, 0.07, 6.7, 1, 6.95}},
+        {PACKAGE, 16384, {"package, 16 KiB", 0.73, 0.07, 6.5, 1, 6.95}},
         // An allocation more, and a copy into it, for each message that waits for its acknowledgement.
-        {RELIABLE, 64, {"reliable, 64 B", 0.01, 0, 2, 4.56, 2.02}},
+        {RELIABLE, 64, {"reliable, 64 B", 0.01, 0, 2, 3.29, 2.02}},
         {RELIABLE, 16384, {"reliable, 16 KiB", 0.88, 0.07, 5.45, 1, 6.95}},
     };
     for (const auto& row : rows) {
