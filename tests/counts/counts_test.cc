@@ -49,7 +49,7 @@ void Compare(const CBound& aBound, const CCost& aCost, double aRoom = ROOM) {
                   {"locks", aCost.m_dLocks, aBound.m_dLocks + aRoom}};
     for (const auto& [pName, dCost, dBound] : counts) {
         EXPECT_LE(dCost, dBound) << aBound.m_pName << ", " << pName;
-        if (dBound != ANY && OPTIMISED) {
+        if (dBound != ANY && OPTIMISED && aRoom < LARGE_ROOM) {
             EXPECT_GT(dCost + 1, dBound) << "the bound would not notice one more: " << aBound.m_pName << ", " << pName;
         }
     }
@@ -161,7 +161,7 @@ TEST(CountsTest, Stream) {
         {PACKAGE, 16384, {"package, 16 KiB", 0.73, 0.07, 6.5, 1, 6.95}},
         // An allocation more, and a copy into it, for each message that waits for its acknowledgement.
         {RELIABLE, 64, {"reliable, 64 B", 0.01, 0, 2, 3.29, 2.02}},
-        {RELIABLE, 16384, {"reliable, 16 KiB", 0.88, 0.07, 5.45, 1, 6.95}},
+        {RELIABLE, 16384, {"reliable, 16 KiB", 0.73, 0.07, 5.83, 1, 6.95}},
     };
     for (const auto& row : rows) {
         const size_t stMessages = row.m_dwSize == 64 ? 20000 : 500;
