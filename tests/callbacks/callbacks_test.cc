@@ -293,23 +293,6 @@ TEST(CallbacksTest, ObjectsThatOutliveTheirThreadAreHarmless) {
     EXPECT_NE(std::this_thread::get_id(), ended);
     timer.cancel();
     EXPECT_TRUE(timer.is_running());
-    // Such a destruction waits for the callback that runs.
-    std::atomic<bool> bDestroys = false, bReturns = false;
-    talvo::timer busy;
-    EXPECT_TRUE(pWorker->call([&] {
-        busy.after(0s, [&] {
-            opened.UnLock();
-            while (!bDestroys)
-                std::this_thread::yield();
-            for (int i = 0; i < 1000; ++i)
-                std::this_thread::yield();
-            bReturns = true;
-        });
-    }));
-    opened.Lock();
-    bDestroys = true;
-    busy = talvo::timer();
-    EXPECT_TRUE(bReturns);
     EXPECT_THROW(pWorker->call([] { throw 1; }), int);
     EXPECT_EQ(5, app.call([] { return 5; }).value());
     EXPECT_EQ(ended, app.call([&]() -> std::thread::id& { return ended; }).value());
@@ -320,4 +303,26 @@ TEST(CallbacksTest, ObjectsThatOutliveTheirThreadAreHarmless) {
     EXPECT_EQ(talvo::errc::not_available, loop.post([] {}));
     EXPECT_EQ(talvo::errc::not_available, loop.call([] {}).error());
     EXPECT_EQ(talvo::errc::not_initialized, talvo::loop().post([] {}));
+}
+
+TEST(CallbacksTest, AnotherThreadThatDestroysWaitsForTheCallback) {
+    const talvo::application app({.handle_signals = false});
+    const talvo::thread worker;
+    CCmSemaphoreThread called;
+    std::atomic<bool> bDestroys = false, bReturns = false;
+    talvo::timer timer;
+    EXPECT_TRUE(worker.call([&] {
+        timer.after(0s, [&] {
+            called.UnLock();
+            while (!bDestroys)
+                std::this_thread::yield();
+            for (int i = 0; i < 1000; ++i)
+                std::this_thread::yield();
+            bReturns = true;
+        });
+    }));
+    called.Lock();
+    bDestroys = true;
+    timer = talvo::timer();
+    EXPECT_TRUE(bReturns);
 }
