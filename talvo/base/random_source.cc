@@ -19,7 +19,7 @@ BOOL CCmRandomSource::Fill(void* aBytes, size_t aCount) {
     return getrandom(aBytes, aCount, GRND_NONBLOCK) == static_cast<ssize_t>(aCount);
 }
 
-uint64_t CCmRandomSource::Below(uint64_t aBound) {
+uint64_t CCmRandomSource::LessThan(uint64_t aBound) {
     uint64_t ullNumber = 0;
     if (!Fill(&ullNumber, sizeof ullNumber))
         ullNumber = talvo::random_seed();

@@ -13,7 +13,7 @@ public:
     // Fills aBytes with bytes that peers cannot guess. FALSE: the system has none yet. Any thread.
     static CmBool Fill(void* aBytes, size_t aCount);
     // 0 to aBound - 1, aBound not 0; for times and choices. Never fails. Any thread.
-    static uint64_t Below(uint64_t aBound);
+    static uint64_t LessThan(uint64_t aBound);
 
     // aFill(aArg, ...) takes the place of the system; null: the system again. The library's one thread.
     using CFill = void (*)(void* aArg, void* aBytes, size_t aCount);

@@ -31,7 +31,7 @@ TEST(DnsCacheTest, AnswersLiveAsLongAsTheySayWithinBounds) {
         EXPECT_EQ(0u, cache.GetSize());
     }
     CCmDnsCache cache;
-    cache.Add(new CCmDnsRecord("a", {talvo::CDnsAnswer::None(talvo::EDnsAnswer::NO_DATA, "why"), {}, {}}));
+    cache.Add(new CCmDnsRecord("a", {talvo::CDnsAnswer::Without(talvo::EDnsAnswer::NO_RECORD, "why"), {}, {}}));
     clock.Advance(CCmTimeValue(4, 999999));
     ASSERT_TRUE(cache.Find("a"));
     EXPECT_EQ("why", cache.Find("a")->GetReason());
@@ -42,8 +42,8 @@ TEST(DnsCacheTest, AnswersLiveAsLongAsTheySayWithinBounds) {
     // Each family has its time, and what lives is not asked for again. A denial lives as long as the other's addresses.
     const talvo::CDnsAnswer longer = talvo::CDnsAnswer::Found({talvo::CIpBytes::OfIpv6(in6addr_loopback)}, 60);
     cache.Add(new CCmDnsRecord("a", {MakeGood("a", 30)->GetAnswers().m_Ipv4, longer, "a.test"}));
-    cache.Add(new CCmDnsRecord("b", {talvo::CDnsAnswer::None(talvo::EDnsAnswer::NO_DATA, ""), longer, "b.test"}));
-    cache.Add(new CCmDnsRecord("c", {talvo::CDnsAnswer::None(talvo::EDnsAnswer::FAILED, ""), longer, "c.test"}));
+    cache.Add(new CCmDnsRecord("b", {talvo::CDnsAnswer::Without(talvo::EDnsAnswer::NO_RECORD, ""), longer, "b.test"}));
+    cache.Add(new CCmDnsRecord("c", {talvo::CDnsAnswer::Without(talvo::EDnsAnswer::FAILED, ""), longer, "c.test"}));
     clock.Advance(CCmTimeValue(30));
     EXPECT_FALSE(cache.Find("a"));
     EXPECT_FALSE(cache.FindRest("a").m_Ipv4.IsFound());
@@ -78,7 +78,7 @@ TEST(DnsCacheTest, TheOldestUnusedNameMakesRoom) {
 // Two full names. Events: the family and its answer, or the end of the grace. Steps: Ask, Grace, Early, Ready, Late.
 TEST(DnsLookUpTest, NeitherFamilyWaitsLongForTheOther) {
     using enum talvo::EDnsAnswer;
-    const std::map<char, talvo::EDnsAnswer> states = {{'d', NO_DATA}, {'x', NO_NAME}, {'e', FAILED}};
+    const std::map<char, talvo::EDnsAnswer> states = {{'d', NO_RECORD}, {'x', NO_NAME}, {'e', FAILED}};
     const struct {
         std::string m_strEvents;
         const char* m_szSteps;
@@ -99,7 +99,7 @@ TEST(DnsLookUpTest, NeitherFamilyWaitsLongForTheOther) {
             else
                 lookUp.Take(lookUp.GetFullNameIndex(), static_cast<BYTE>(row.m_strEvents[i] - '0'),
                             cAnswer == 'f' ? talvo::CDnsAnswer::Found({talvo::CIpBytes::OfIpv4(1)}, 60)
-                                           : talvo::CDnsAnswer::None(states.at(cAnswer), std::string(1, cAnswer)));
+                                           : talvo::CDnsAnswer::Without(states.at(cAnswer), std::string(1, cAnswer)));
             if (const auto step = lookUp.Next(); step != talvo::CDnsLookUp::EStep::WAIT)
                 strSteps += "WAGERL"[static_cast<int>(step)];
         }

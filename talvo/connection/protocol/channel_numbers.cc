@@ -20,7 +20,7 @@ void CChannelNumbers::CNumberSet::Remove(WORD aNumber) {
 WORD CChannelNumbers::CNumberSet::PickOther() const {
     if (m_dwCount == COUNT)
         return 0;
-    uint64_t ullSkip = CCmRandomSource::Below(COUNT - m_dwCount);
+    uint64_t ullSkip = CCmRandomSource::LessThan(COUNT - m_dwCount);
     size_t stWord = 0;
     uint64_t ullFree = ~m_Bits[0];
     for (int nFree = std::popcount(ullFree); ullSkip >= static_cast<uint64_t>(nFree); nFree = std::popcount(ullFree)) {

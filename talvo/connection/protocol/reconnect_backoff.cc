@@ -17,9 +17,9 @@ constexpr DWORD STABLE = 10000;
 DWORD CCmReconnectBackoff::NextDelay() {
     const DWORD dwRetry = m_dwRetries++;
     if (dwRetry == 0)
-        return static_cast<DWORD>(CCmRandomSource::Below(STEP + 1));
+        return static_cast<DWORD>(CCmRandomSource::LessThan(STEP + 1));
     const DWORD dwMax = std::min(STEP << std::min(dwRetry, MAX_DOUBLINGS), MAX_DELAY);
-    return MIN_DELAY + static_cast<DWORD>(CCmRandomSource::Below(dwMax - MIN_DELAY + 1));
+    return MIN_DELAY + static_cast<DWORD>(CCmRandomSource::LessThan(dwMax - MIN_DELAY + 1));
 }
 
 void CCmReconnectBackoff::OnLost(DWORD aConnectedMsec) {

@@ -26,7 +26,7 @@ CDnsAnswer CDnsAnswer::Found(std::vector<CIpBytes> aAddresses, DWORD aTtl) {
     return {EDnsAnswer::FOUND, std::move(aAddresses), InSeconds(std::clamp(aTtl, MIN_TTL, MAX_TTL)), {}};
 }
 
-CDnsAnswer CDnsAnswer::None(EDnsAnswer aState, const CCmString& aReason) {
+CDnsAnswer CDnsAnswer::Without(EDnsAnswer aState, const CCmString& aReason) {
     return {aState, {}, InSeconds(FAILURE_TTL), aReason};
 }
 
@@ -43,7 +43,7 @@ CDnsAnswers CDnsAnswers::Of(const std::vector<CIpBytes>& aAddresses, DWORD aTtl)
 }
 
 const CDnsAnswer& CDnsAnswers::GetFailure() const {
-    for (const EDnsAnswer state : {EDnsAnswer::FAILED, EDnsAnswer::NO_DATA, EDnsAnswer::NO_NAME}) {
+    for (const EDnsAnswer state : {EDnsAnswer::FAILED, EDnsAnswer::NO_RECORD, EDnsAnswer::NO_NAME}) {
         if (m_Ipv4.m_State == state)
             return m_Ipv4;
         if (m_Ipv6.m_State == state)

@@ -9,12 +9,12 @@
 namespace talvo {
 
 enum class EDnsAnswer : CmByte {
-    UNASKED,  // the family is not wanted
-    PENDING,  // no answer yet
-    FOUND,    // there are addresses
-    NO_DATA,  // the name has no address of this family
-    NO_NAME,  // a server, or the rules for names, exclude the name
-    FAILED    // no server gave a usable answer
+    UNASKED,    // the family is not wanted
+    PENDING,    // no answer yet
+    FOUND,      // there are addresses
+    NO_RECORD,  // the name has no address of this family
+    NO_NAME,    // a server, or the rules for names, exclude the name
+    FAILED      // no server gave a usable answer
 };
 
 // The addresses of one family, from the hosts file or a server, or the reason why there are none.
@@ -26,11 +26,11 @@ struct TALVO_API CDnsAnswer {
 
     // Answers that have just come. The time to live of addresses, in seconds, is clamped; every other answer has FAILURE_TTL.
     static CDnsAnswer Found(std::vector<CIpBytes> aAddresses, CmDword aTtl);
-    static CDnsAnswer None(EDnsAnswer aState, const CCmString& aReason);
+    static CDnsAnswer Without(EDnsAnswer aState, const CCmString& aReason);
 
     CmBool IsFound() const { return m_State == EDnsAnswer::FOUND; }
     // TRUE: a server, or the rules for names, exclude an address.
-    CmBool IsDenied() const { return m_State == EDnsAnswer::NO_DATA || m_State == EDnsAnswer::NO_NAME; }
+    CmBool IsDenied() const { return m_State == EDnsAnswer::NO_RECORD || m_State == EDnsAnswer::NO_NAME; }
 
     EDnsAnswer m_State = EDnsAnswer::UNASKED;
     std::vector<CIpBytes> m_Addresses;

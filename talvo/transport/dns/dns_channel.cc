@@ -53,7 +53,7 @@ int ParseAddresses(int (*aParse)(const unsigned char*, int, hostent**, Address*,
 
 EDnsAnswer StateOf(int aStatus) {
     if (aStatus == ARES_ENODATA)
-        return EDnsAnswer::NO_DATA;
+        return EDnsAnswer::NO_RECORD;
     return aStatus == ARES_ENOTFOUND || aStatus == ARES_EBADNAME ? EDnsAnswer::NO_NAME : EDnsAnswer::FAILED;
 }
 
@@ -62,7 +62,7 @@ CDnsAnswer AnswerOf(BYTE aFamily, int aStatus, const unsigned char* aReply, int 
     if (aStatus == ARES_SUCCESS)
         aStatus = aFamily == 4 ? ParseAddresses(ares_parse_a_reply, aReply, aLength, answer)
                                : ParseAddresses(ares_parse_aaaa_reply, aReply, aLength, answer);
-    return aStatus == ARES_SUCCESS ? answer : CDnsAnswer::None(StateOf(aStatus), ares_strerror(aStatus));
+    return aStatus == ARES_SUCCESS ? answer : CDnsAnswer::Without(StateOf(aStatus), ares_strerror(aStatus));
 }
 
 // Servers know no names of this domain, and must not see them (RFC 7686).
@@ -212,9 +212,9 @@ std::vector<CCmString> CDnsChannel::CImpl::GetFullNames(const CCmString& aName) 
 
 BOOL CDnsChannel::CImpl::Query(const CDnsQuestion& aQuestion, const CCmString& aFullName) {
     if (!m_pChannel)
-        m_Replies.push_back({aQuestion, m_byFamily, CDnsAnswer::None(EDnsAnswer::FAILED, NO_CHANNEL)});
+        m_Replies.push_back({aQuestion, m_byFamily, CDnsAnswer::Without(EDnsAnswer::FAILED, NO_CHANNEL)});
     else if (IsHidden(aFullName))
-        m_Replies.push_back({aQuestion, m_byFamily, CDnsAnswer::None(EDnsAnswer::NO_NAME, ares_strerror(ARES_ENOTFOUND))});
+        m_Replies.push_back({aQuestion, m_byFamily, CDnsAnswer::Without(EDnsAnswer::NO_NAME, ares_strerror(ARES_ENOTFOUND))});
     else
         ares_query(m_pChannel.get(), aFullName.c_str(), ns_c_in, m_byFamily == 4 ? ns_t_a : ns_t_aaaa, OnReply,
                    new CUnderWay{*this, aQuestion});

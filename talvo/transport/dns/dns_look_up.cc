@@ -16,7 +16,7 @@ void CDnsLookUp::Take(size_t aFullName, BYTE aFamily, CDnsAnswer aAnswer) {
 void CDnsLookUp::GiveUp(const CCmString& aReason) {
     for (CDnsAnswer* pAnswer : {&m_Answers.m_Ipv4, &m_Answers.m_Ipv6}) {
         if (pAnswer->m_State == EDnsAnswer::PENDING)
-            *pAnswer = CDnsAnswer::None(EDnsAnswer::FAILED, aReason);
+            *pAnswer = CDnsAnswer::Without(EDnsAnswer::FAILED, aReason);
     }
 }
 
@@ -44,7 +44,7 @@ BOOL CDnsLookUp::TryNextName_i() {
     if (m_Answers.HasAddress() || !m_Answers.GetFailure().IsDenied() || m_stFullName + 1 == m_FullNames.size())
         return FALSE;
     for (CDnsAnswer* pAnswer : {&m_Answers.m_Ipv4, &m_Answers.m_Ipv6}) {
-        if (pAnswer->m_State == EDnsAnswer::NO_DATA)
+        if (pAnswer->m_State == EDnsAnswer::NO_RECORD)
             m_NoData = *pAnswer;
         if (pAnswer->m_State != EDnsAnswer::UNASKED)
             *pAnswer = {EDnsAnswer::PENDING, {}, 0, {}};
@@ -58,7 +58,7 @@ void CDnsLookUp::Finish_i() {
     m_bReady = TRUE;
     for (CDnsAnswer* pAnswer : {&m_Answers.m_Ipv4, &m_Answers.m_Ipv6}) {
         if (pAnswer->m_State == EDnsAnswer::PENDING)
-            pAnswer->m_llExpiryUsec = CDnsAnswer::None(EDnsAnswer::PENDING, {}).m_llExpiryUsec;
+            pAnswer->m_llExpiryUsec = CDnsAnswer::Without(EDnsAnswer::PENDING, {}).m_llExpiryUsec;
     }
     if (m_Answers.HasAddress())
         m_Answers.m_strFound = GetFullName();

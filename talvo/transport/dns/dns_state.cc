@@ -65,7 +65,7 @@ private:
 };
 
 CCmRefPtrT<CCmDnsRecord> MakeFailure(const CCmString& aName, const char* aReason) {
-    return new CCmDnsRecord(aName, {CDnsAnswer::None(EDnsAnswer::FAILED, aReason), {}, {}});
+    return new CCmDnsRecord(aName, {CDnsAnswer::Without(EDnsAnswer::FAILED, aReason), {}, {}});
 }
 
 // The key of the askers that wait for the rest of a ready record. No name has a blank.
