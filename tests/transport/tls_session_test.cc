@@ -44,14 +44,15 @@ protected:
     std::unique_ptr<CTlsPeer> m_pPeer;
 };
 
-// Data before it is delivered, and the peer learns of what is wrong.
+// Data before it is delivered, and the peer learns of what is wrong. A whole record fills the buffer of a read.
 TEST_F(TlsSessionTest, EachEndHasItsReason) {
     enum { GARBAGE, CHANGED, ALERT };
-    for (const int nVersion : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+    for (const auto& [nVersion, stSize] : {std::pair{TLS1_2_VERSION, 4}, {TLS1_2_VERSION, 16384}, {TLS1_3_VERSION, 16384}}) {
         for (const int nEnd : {GARBAGE, CHANGED, ALERT}) {
             Shake(nVersion == TLS1_2_VERSION, nVersion);
             CTestSink sink(*m_pTransport);
-            m_pPeer->Seal("good");
+            const std::string strData = Pattern(static_cast<size_t>(stSize));
+            m_pPeer->Seal(strData);
             m_pPeer->Send(0);
             const size_t stGood = m_pPeer->m_strSealed.size();
             if (nEnd == ALERT) {
@@ -67,7 +68,7 @@ TEST_F(TlsSessionTest, EachEndHasItsReason) {
             if (nEnd == GARBAGE)
                 m_pPeer->m_strSealed += Pattern(30000);
             Until([&] { return sink.m_nDisconnects == 1 && (nEnd == ALERT || m_pPeer->HasEnd()); });
-            EXPECT_EQ(nEnd == GARBAGE ? "receive good, disconnect 20001" : "receive good, disconnect 20103", sink.Take());
+            EXPECT_EQ("receive " + strData + (nEnd == GARBAGE ? ", disconnect 20001" : ", disconnect 20103"), sink.Take());
             EXPECT_EQ(nEnd == GARBAGE ? CM_FAILURE_NONE : CM_FAILURE_PROTOCOL,
                       Get<CCmFailure>(*m_pTransport, CM_OPT_TRANSPORT_LAST_FAILURE).GetCause());
         }

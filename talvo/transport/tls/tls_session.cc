@@ -357,8 +357,8 @@ CTlsSession::EResult CTlsSession::ReadSome_i(char* aBuf, DWORD aLen, DWORD& aRea
             return DONE;
     }
     ClearErrors();
-    const int nRv = SSL_read(m_pSsl, aBuf, 0);
-    return nRv < 0 ? Outcome_i(nRv) : DONE;
+    const int nRv = SSL_read(m_pSsl, aBuf, 0);  // 0 also behind an alert, which the next call would take for an orderly end
+    return nRv < 0 || (SSL_get_shutdown(m_pSsl) & SSL_RECEIVED_SHUTDOWN) != 0 ? Outcome_i(nRv) : DONE;
 }
 
 CTlsSession::EResult CTlsSession::Write(const iovec* aPieces, DWORD aCount, DWORD& aTaken, BOOL aAll) {
