@@ -47,7 +47,8 @@ public:
     const DWORD m_dwReadSize;    // of the ciphertext; 0: this call does not read
     bool m_bMayReceive = false;  // once
     bool m_bReceived = false;
-    bool m_bDry = false;  // the socket would block
+    bool m_bDry = false;          // the socket would block
+    size_t m_stAlone = SIZE_MAX;  // the data of a send's only record, which needs no copy to leave
 
 private:
     CTlsCall*& m_pCurrent;

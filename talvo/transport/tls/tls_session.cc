@@ -181,6 +181,11 @@ BOOL CTlsSession::Receive_i() {
 
 // Takes all, so that OpenSSL never has to repeat a write; -1: memory ran out.
 int CTlsSession::WriteRaw_i(const char* aBuf, int aLen) {
+    const auto stLength = static_cast<size_t>(aLen);
+    if (std::exchange(m_pCall->m_stAlone, SIZE_MAX) < stLength) {
+        SendOrKeep_i(aBuf, stLength, FALSE);
+        return m_bFailed ? -1 : aLen;
+    }
     std::vector<char>& sealed = m_pCall->m_pBuffers->m_Sealed;
     return WithMemory([&] { sealed.insert(sealed.end(), aBuf, aBuf + aLen); }) ? aLen : -1;
 }
@@ -351,6 +356,7 @@ CTlsSession::EResult CTlsSession::Write(const iovec* aPieces, DWORD aCount, DWOR
 CTlsSession::EResult CTlsSession::SealSome_i(CTlsPieces& aPieces, DWORD& aSealed) {
     while (!aPieces.IsEmpty() && aSealed + RECORD <= MOST_SEALED) {
         const std::string_view data = aPieces.Take(m_pCall->m_pBuffers->m_Record, RECORD);
+        m_pCall->m_stAlone = aSealed == 0 && aPieces.IsEmpty() ? data.size() : SIZE_MAX;
         ClearErrors();
         const int nSealed = SSL_write(m_pSsl, data.data(), static_cast<int>(data.size()));
         if (nSealed <= 0)
@@ -360,22 +366,27 @@ CTlsSession::EResult CTlsSession::SealSome_i(CTlsPieces& aPieces, DWORD& aSealed
     return DONE;
 }
 
-// DONE, WANT_WRITE with the rest kept, or FAILED. Behind our end and a failure the bytes are dropped. aMore: see ITlsLower.
+// As SendOrKeep_i. Behind our end and a failure the bytes are dropped.
 CTlsSession::EResult CTlsSession::SendSealed_i(BOOL aMore) {
     std::vector<char>& sealed = m_pCall->m_pBuffers->m_Sealed;
     if (m_bSendFailed || m_bEnded)
         sealed.clear();
+    const EResult result = SendOrKeep_i(sealed.data(), sealed.size(), aMore);
+    sealed.clear();
+    return m_bSendFailed ? FAILED : result;
+}
+
+// DONE, WANT_WRITE with the rest kept, or FAILED. aMore: see ITlsLower.
+CTlsSession::EResult CTlsSession::SendOrKeep_i(const char* aData, size_t aLen, BOOL aMore) {
     size_t stSent = 0;
     int nSent = GetUnsent() > 0 ? 0 : 1;  // behind those that are kept
-    while (stSent < sealed.size() && nSent > 0) {
-        nSent = m_Lower.SendSealed(sealed.data() + stSent, static_cast<DWORD>(sealed.size() - stSent), aMore);
+    while (stSent < aLen && nSent > 0) {
+        nSent = m_Lower.SendSealed(aData + stSent, static_cast<DWORD>(aLen - stSent), aMore);
         stSent += nSent > 0 ? static_cast<size_t>(nSent) : 0;
     }
     if (nSent < 0)
         return SendFailed_i();
-    const BOOL bKept = stSent == sealed.size() || Keep_i(sealed.data() + stSent, sealed.size() - stSent);
-    sealed.clear();
-    if (!bKept)
+    if (stSent < aLen && !Keep_i(aData + stSent, aLen - stSent))
         return Fail_i("memory ran out");
     return GetUnsent() > 0 ? WANT_WRITE : DONE;
 }

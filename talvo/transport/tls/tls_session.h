@@ -114,6 +114,7 @@ private:
     EResult SendFailed_i();
     BOOL Keep_i(const char* aData, size_t aLen);
     EResult SealSome_i(CTlsPieces& aPieces, DWORD& aSealed);
+    EResult SendOrKeep_i(const char* aData, size_t aLen, BOOL aMore);
     void DropKept_i();
     DWORD GetAnswers_i() const;
     BOOL HasTooManyAnswers_i() const;
