@@ -47,6 +47,7 @@ void CSslCallbacks::Attach(CSslSetup& aSetup) {
     SSL_CTX* pCtx = aSetup.m_pCtx;
     SSL_CTX_set_tlsext_servername_callback(pCtx, ChooseCertificate);
     SSL_CTX_set_alpn_select_cb(pCtx, ChooseAlpn, nullptr);
+    SSL_CTX_set_info_callback(pCtx, NoteMessage);
     if (aSetup.m_Recipe.m_pKeyLog)
         SSL_CTX_set_keylog_callback(pCtx, LogKey);
     if (!aSetup.m_Recipe.m_bKeepSessions)
@@ -91,7 +92,10 @@ int CSslCallbacks::KeepSession(SSL* aSsl, SSL_SESSION* aSession) {
     return 0;  // the session stays OpenSSL's
 }
 
-void CSslCallbacks::EndOffer(const SSL* aSsl, int aWhere, int) {
+// OpenSSL calls it for each message of a handshake, also behind the first handshake, and for no data.
+void CSslCallbacks::NoteMessage(const SSL* aSsl, int aWhere, int) {
+    if (auto* pSession = static_cast<CTlsSession*>(SSL_get_app_data(aSsl)))
+        pSession->NoteHandshakeMessage();
     if (aWhere & SSL_CB_HANDSHAKE_DONE)
         CSslUse::Of(aSsl).EndOffer(SSL_session_reused(aSsl) == 1);
 }

@@ -34,7 +34,7 @@ struct CSslCallbacks {
                           unsigned aInLen, void*);
     static void LogKey(const SSL* aSsl, const char* aLine);
     static int KeepSession(SSL* aSsl, SSL_SESSION* aSession);
-    static void EndOffer(const SSL* aSsl, int aWhere, int);
+    static void NoteMessage(const SSL* aSsl, int aWhere, int);
     static int UseTicketKey(SSL* aSsl, unsigned char* aName, unsigned char* aIv, EVP_CIPHER_CTX* aCipher, EVP_MAC_CTX* aMac,
                             int aSeal);
 };

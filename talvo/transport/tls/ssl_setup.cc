@@ -253,7 +253,6 @@ void CSslSetup::Resume_i(ssl_st* aSsl) {
         SSL_SESSION_get_protocol_version(pSession.get()) == TLS1_3_VERSION)
         return;
     use.m_pOffered = std::move(pSession);
-    SSL_set_info_callback(aSsl, CSslCallbacks::EndOffer);
 }
 
 }  // namespace talvo

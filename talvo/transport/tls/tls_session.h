@@ -85,6 +85,9 @@ public:
     // The peer has gone: its answers are dropped instead.
     void DropAnswers();
 
+    // OpenSSL has a message of a handshake, and so perhaps buffers that it keeps.
+    void NoteHandshakeMessage() { m_bMayKeepBuffers = true; }
+
     BOOL HasPeerEnded() const { return m_bPeerEnded; }      // close_notify has arrived
     BOOL IsBroken() const { return m_bFailed && !m_bCut; }  // a record was wrong, or an alert has arrived
     BOOL IsUnverified() const;                              // the peer's certificate was refused
@@ -110,11 +113,11 @@ private:
     void PutBack_i();
     void ReleaseBuffers_i();
     EResult SendSealed_i(BOOL aMore = FALSE);
+    EResult SendOrKeep_i(const char* aData, size_t aLen, BOOL aMore);
     EResult SendKept_i();
     EResult SendFailed_i();
     BOOL Keep_i(const char* aData, size_t aLen);
     EResult SealSome_i(CTlsPieces& aPieces, DWORD& aSealed);
-    EResult SendOrKeep_i(const char* aData, size_t aLen, BOOL aMore);
     void DropKept_i();
     DWORD GetAnswers_i() const;
     BOOL HasTooManyAnswers_i() const;
@@ -140,6 +143,7 @@ private:
     bool m_bEnded = false;       // ours: close_notify is sealed
     bool m_bPeerEnded = false;
     bool m_bAnswersWait = false;
+    bool m_bMayKeepBuffers = false;
 };
 
 }  // namespace talvo
