@@ -20,7 +20,7 @@ namespace talvo {
 
 namespace {
 
-constexpr int MOST_READS = 2;  // of the socket in one Read: the longest record arrives with the second one
+constexpr int MOST_ROUNDS = 2;  // of one Read: the bytes that are left of the last one, and those of the socket
 
 // The queue belongs to the thread, which may have other users of OpenSSL.
 void ClearErrors() {
@@ -274,11 +274,11 @@ CTlsSession::EResult CTlsSession::Read(char* aBuf, DWORD aLen, DWORD& aRead, BOO
     m_bAnswersWait = HasTooManyAnswers_i();
     if (m_bAnswersWait)
         return WANT_READ;
-    CTlsCall call(m_pCall, aLen);
+    CTlsCall call(m_pCall, aLen + FRAME);
     if (!call.IsReady())
         return Fail_i("memory ran out");
     EResult result = WANT_READ;
-    for (int i = 0; i < MOST_READS && aRead == 0 && result == WANT_READ && !call.m_bDry; ++i)
+    for (int i = 0; i < MOST_ROUNDS && aRead == 0 && result == WANT_READ && !call.m_bReceived; ++i)
         result = ReadSome_i(aBuf, std::min(aLen, RECORD), aRead);
     SendSealed_i();
     PutBack_i();

@@ -32,6 +32,7 @@ public:
     };
 
     static constexpr DWORD RECORD = 16384;          // the data of one record (RFC 8446, 5.1)
+    static constexpr DWORD FRAME = 261;             // its header, and the most that sealing adds (RFC 8446, 5.2)
     static constexpr DWORD MOST_SEALED = 65536;     // the data of one system call
     static constexpr DWORD MOST_ANSWERS = 16384;    // OpenSSL's own bytes to the peer that wait for room
     static constexpr DWORD MOST_HANDSHAKE = 65536;  // bytes of a client's handshake
@@ -51,7 +52,7 @@ public:
     // The handshake is complete. Without it there is neither Read nor Write.
     BOOL IsUp() const { return m_bUp; }
 
-    // Decrypts into aBuf with at most one read of the socket, of aLen bytes; a second one follows if the first brings no data.
+    // Decrypts into aBuf with at most one read of the socket, of aLen bytes and FRAME: a record of aLen bytes arrives whole.
     // aRead (out): at most aLen and RECORD bytes; 0 unless DONE. aMore (out): there is more to read without a report of the
     // socket.
     EResult Read(char* aBuf, DWORD aLen, DWORD& aRead, BOOL& aMore);

@@ -9,7 +9,7 @@
 
 // A stream like TCP's; see CCmTransportTcp. Connectors and acceptors of the types 4, 8 and 12 make it, and indicate it when its
 // handshake is complete; OpenWithSink returns CM_ERROR_NOT_INITIALIZED before. An OnReceive has at most 16,384 bytes.
-// CM_OPT_TRANSPORT_READ_SIZE is that of the ciphertext.
+// CM_OPT_TRANSPORT_READ_SIZE is that of the ciphertext; the frame of a record, 261 bytes, comes on top.
 //
 // OnDisconnect is CM_ERROR_NETWORK_SOCKET_ERROR behind the peer's close_notify. Any other end is CM_ERROR_NETWORK_TLS_CUT: the
 // stream may be truncated. Disconnect(CM_OK) and CM_OPT_TRANSPORT_END_SENDING send close_notify; a peer of TLS 1.2 may then
