@@ -47,6 +47,13 @@ CSslProblem OfFile(const std::string& aFile) {
     return access(aFile.c_str(), R_OK) != 0 ? CSslProblem::FromErrno(aFile) : CSslProblem::FromOpenSsl(aFile);
 }
 
+// The result of a call that fails only if memory runs out.
+bool Taken(int aReturned) {
+    if (aReturned != 1)
+        throw std::bad_alloc();
+    return true;
+}
+
 // OpenSSL skips the suites that it does not know.
 bool HasSuites(const SSL_CTX* aCtx, const std::string& aTls13) {
     std::ptrdiff_t lSuites = 0;
@@ -235,12 +242,12 @@ bool CSslSetup::CheckName_i(ssl_st* aSsl, const std::string& aName) const {
     CIpBytes ip;
     if (CIpBytes::Parse(aName, ip)) {
         ip.m_dwScope = 0;
-        return X509_VERIFY_PARAM_set1_ip_asc(pParam, ip.GetText().c_str()) == 1;
+        return Taken(X509_VERIFY_PARAM_set1_ip_asc(pParam, ip.GetText().c_str()));
     }
-    if (aName.empty() || aName.front() == '.')
+    if (aName.empty() || aName.front() == '.' || aName.size() > TLSEXT_MAXLEN_host_name)
         return false;
-    return X509_VERIFY_PARAM_set1_host(pParam, aName.c_str(), aName.size()) == 1 &&
-           SSL_set_tlsext_host_name(aSsl, aName.c_str()) == 1;
+    return Taken(X509_VERIFY_PARAM_set1_host(pParam, aName.c_str(), aName.size())) &&
+           Taken(SSL_set_tlsext_host_name(aSsl, aName.c_str()));
 }
 
 void CSslSetup::Resume_i(ssl_st* aSsl) {
