@@ -134,7 +134,7 @@ const char* CTlsSession::GetFailureText() const {
 
 DWORD CTlsSession::GetHeld() const { return m_bFailed ? 0 : static_cast<DWORD>(SSL_pending(m_pSsl)); }
 
-DWORD CTlsSession::GetInput() const { return m_pInput ? m_pInput->GetSize() : 0; }
+DWORD CTlsSession::GetInput() const { return m_pInput && !m_bFailed ? m_pInput->GetSize() : 0; }
 
 // OpenSSL has taken a whole header if it waits for the body ("RB").
 BOOL CTlsSession::HasBegunRecord() const {
