@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "tools/byte_range.h"
+#include "tools/console.h"
 #include "tools/endpoint.h"
 #include "tools/text.h"
 
@@ -135,6 +136,7 @@ void Fetch::OnConnect(CmResult, ICmChannel*) {
         m_pHttp->GetOption(CM_OPT_TRANSPORT_ROUTE, &m_strProxy);
     if (m_Arguments.m_Proxy.m_Route.IsEmpty() && m_strProxy == CCmProxyServer().GetText())
         m_strProxy.clear();
+    ReportAnswer();
     const Failure failure = OnAnswer();
     if (failure)
         return Finish(failure);
@@ -142,6 +144,21 @@ void Fetch::OnConnect(CmResult, ICmChannel*) {
     if (GetLength() != FileEdition::NO_SIZE)
         m_Meter.Expect(GetLength());
     m_bMetered = true;
+}
+
+// With -v.
+void Fetch::ReportAnswer() const {
+    CCmInetAddr peer;
+    if (!m_pHttp)
+        return;
+    const bool bKnown = m_pHttp->GetOption(CM_OPT_TRANSPORT_PEER_ADDR, &peer) == CM_OK;
+    const CCmHttpResponseHead& head = m_pHttp->GetResponseHead();
+    std::string strText = m_Job.m_strUrl + ": " + (bKnown ? cm_address_text(peer) + " answered " : "the answer is ");
+    strText += std::to_string(head.GetStatus()) + " " + head.GetStatusText();
+    for (const CCmHttpAtom* pAtom : {&Atoms::Content_Type, &Atoms::Content_Encoding, &Atoms::Content_Length, &Atoms::ETag})
+        strText +=
+            GetHeader(*pAtom).empty() ? "" : std::string("; ") + static_cast<const char*>(*pAtom) + ": " + GetHeader(*pAtom);
+    Console::Detail(strText);
 }
 
 Failure Fetch::OnAnswer() {

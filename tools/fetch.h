@@ -57,6 +57,7 @@ private:
     bool MayBeCoded() const;
 
     // Prepares the output for the answer.
+    void ReportAnswer() const;
     Failure OnAnswer();
     Failure OnWhole();
     Failure OnRest();

@@ -124,8 +124,10 @@ void Getter::ReportResult() const {
         .Add("seconds", dSeconds);
     if (!strProxy.empty())
         json.Add("proxy", strProxy);
-    m_Console.Report("got " + GetJobNow().m_strName + ": " + FormatBytes(m_ullGot) + ", " + FormatBytes(ullRate) + "/s" +
-                         (strProxy.empty() ? "" : " through " + strProxy),
+    const uint64_t ullSize = m_pFetch->GetSize();
+    const std::string strSize = ullSize == m_ullGot ? "" : " for a file of " + FormatBytes(ullSize);
+    m_Console.Report("got " + GetJobNow().m_strName + ": " + FormatBytes(m_ullGot) + strSize + ", " + FormatBytes(ullRate) +
+                         "/s" + (strProxy.empty() ? "" : " through " + strProxy),
                      json);
 }
 
