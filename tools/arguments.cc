@@ -285,10 +285,24 @@ DWORD GetBaseType(const Arguments& a) {
     return a.m_Tls.m_bTls ? CM_TRANSPORT_TYPE_TLS : CM_TRANSPORT_TYPE_TCP;
 }
 
+// A script's "$FILE" may be unset: an empty value is never taken for an option that was not given.
+std::string CheckValues(const CLI::App& aCommand) {
+    for (const CLI::Option* pOption : aCommand.parse_order()) {
+        const std::vector<std::string>& values = pOption->results();
+        const bool bEmpty = std::find(values.begin(), values.end(), "") != values.end();
+        if (bEmpty && pOption->get_items_expected_max() > 0 && !pOption->check_lname("data"))
+            return pOption->get_name() + ": the value is empty";
+    }
+    return "";
+}
+
 std::string CheckSubcommand(const CLI::App& aApp, Arguments& aArguments) {
     for (const Subcommand& command : SUBCOMMANDS) {
         if (!aApp.got_subcommand(command.m_pName))
             continue;
+        const std::string strValues = CheckValues(*aApp.get_subcommand(command.m_pName));
+        if (!strValues.empty())
+            return strValues;
         aArguments.m_pRun = command.m_pRun;
         const std::string strCommon = CheckCommon(aArguments);
         if (!strCommon.empty())
