@@ -9,6 +9,7 @@
 #include "tools/byte_range.h"
 #include "tools/console.h"
 #include "tools/endpoint.h"
+#include "tools/sha256.h"
 #include "tools/text.h"
 
 namespace tool {
@@ -37,6 +38,16 @@ bool IsGzipType(const std::string& aType) {
 
 Failure Local(const std::string& aReason) { return {CAUSE_LOCAL, aReason}; }
 
+std::string HashUrl(const std::string& aUrl) {
+    Sha256 hash;
+    hash.Update(aUrl);
+    return ToHex(hash.GetSoFar());
+}
+
+bool MayContinue(const FileEdition& aEdition, const std::string& aSource) {
+    return !aEdition.m_strTag.empty() && (aEdition.m_strSource.empty() || aEdition.m_strSource == aSource);
+}
+
 }  // namespace
 
 Fetch::Fetch(const Arguments& aArguments, const GetJob& aJob, Output& aOutput, ProgressMeter& aMeter, RateLimit& aRate,
@@ -48,7 +59,8 @@ Fetch::Fetch(const Arguments& aArguments, const GetJob& aJob, Output& aOutput, P
       m_Meter(aMeter),
       m_Rate(aRate),
       m_User(aUser),
-      m_ullBeginning(aOutput.GetEdition().m_strTag.empty() ? 0 : aOutput.GetSize()) {}
+      m_strSource(HashUrl(aJob.m_strUrl)),
+      m_ullBeginning(MayContinue(aOutput.GetEdition(), m_strSource) ? aOutput.GetSize() : 0) {}
 
 Fetch::~Fetch() {
     if (m_pChannel)
@@ -184,7 +196,7 @@ Failure Fetch::OnWhole() {
     if (!m_Output.MayBegin())
         return {CAUSE_CHANGED, "the server sent the whole file again, whose beginning was written before"};
     if (!IsCoded())
-        return Local(m_Output.Begin({GetVersion(), GetLength()}));
+        return Local(m_Output.Begin({GetVersion(), GetLength(), m_strSource}));
     if (!IsGzip(GetHeader(Atoms::Content_Encoding)))
         return {CAUSE_PROTOCOL,
                 "the body has the coding '" + GetHeader(Atoms::Content_Encoding) + "', which was not asked for"};

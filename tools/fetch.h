@@ -87,8 +87,9 @@ private:
     CCmRefPtrT<ICmChannel> m_pChannel;  // m_pHttp, or the channel of a file
     CCmTimerWrapperID m_Timer;          // ends a pause
     std::unique_ptr<GzipDecoder> m_pDecoder;
-    uint64_t m_ullBeginning = 0;   // bytes that existed before
-    uint64_t m_ullRest = UNKNOWN;  // bytes that a partial answer will have
+    const std::string m_strSource;  // see FileEdition
+    uint64_t m_ullBeginning = 0;    // bytes that existed before
+    uint64_t m_ullRest = UNKNOWN;   // bytes that a partial answer will have
     uint64_t m_ullGot = 0;
     uint64_t m_ullWritten = 0;
     bool m_bMetered = false;

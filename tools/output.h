@@ -28,6 +28,7 @@ struct FileEdition {
 
     std::string m_strTag;  // "": unknown, so a beginning of it cannot be continued
     uint64_t m_ullSize = NO_SIZE;
+    std::string m_strSource;  // a hash of the URL, since a tag is valid for one URL only; "": unknown
 };
 
 // The operations return "" or an error text. Nothing outside is changed before Begin. One object serves all attempts to fetch

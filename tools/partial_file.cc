@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <sstream>
 
 #include "tools/text.h"
 
@@ -41,10 +42,13 @@ FileEdition ReadEdition(const std::string& aPath) {
     std::string strText(MAX_TAG, '\0');
     const ssize_t nDone = read(file.Get(), strText.data(), strText.size());
     strText.resize(nDone > 0 ? static_cast<size_t>(nDone) : 0);
-    const size_t stEnd = std::min(strText.find('\n'), strText.size());
-    FileEdition edition{strText.substr(0, stEnd)};
-    const std::string_view size = std::string_view(strText).substr(std::min(stEnd + 1, strText.size()));
-    std::from_chars(size.data(), size.data() + size.size(), edition.m_ullSize);
+    FileEdition edition;
+    std::istringstream lines(strText);
+    std::string strSize;
+    std::getline(lines, edition.m_strTag);
+    std::getline(lines, strSize);
+    std::getline(lines, edition.m_strSource);
+    std::from_chars(strSize.data(), strSize.data() + strSize.size(), edition.m_ullSize);
     return edition;
 }
 
@@ -117,7 +121,8 @@ std::string PartialFile::WriteEdition(const FileEdition& aEdition) const {
     if (aEdition.m_strTag.empty())
         return "";
     const bool bSized = aEdition.m_ullSize != FileEdition::NO_SIZE;
-    const std::string strText = aEdition.m_strTag + (bSized ? "\n" + std::to_string(aEdition.m_ullSize) : "");
+    const std::string strText =
+        aEdition.m_strTag + "\n" + (bSized ? std::to_string(aEdition.m_ullSize) : "") + "\n" + aEdition.m_strSource;
     FileHandle tag(open(m_strTagPath.c_str(), CREATE_FLAGS, 0666));
     return tag && WriteAll(tag.Get(), strText) && tag.Close() ? "" : Problem("cannot write '" + m_strTagPath + "'");
 }

@@ -11,10 +11,10 @@
 namespace tool {
 
 // Written as FILE.part and renamed to FILE when it is complete; until then FILE does not change. The part of a broken transfer
-// can be continued: FILE.part.tag stores the server's tag of this version of the file, and on a second line its size if that is
-// known, so that two versions are never mixed. A part without a tag is not continued, because it may be another file's.
-// FILE.part is locked while it is written, so that a second process refuses. Neither of the two is created or opened through a
-// symbolic link.
+// can be continued: FILE.part.tag stores the server's tag of this version of the file, its size or an empty line, and the hash
+// of the URL, so that neither two versions nor two files are ever mixed. A part without a tag is not continued, because it may
+// be another file's. FILE.part is locked while it is written, so that a second process refuses. Neither of the two is created
+// or opened through a symbolic link.
 class PartialFile : public Output {
 public:
     // The suffixes of the files beside FILE.
