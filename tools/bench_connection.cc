@@ -175,4 +175,13 @@ uint64_t BenchConnection::GetLate(int64_t aNow) const {
     return ullDue > m_ullSent ? ullDue - m_ullSent : 0;
 }
 
+void BenchConnection::RecordOpen(int64_t aNow, Histogram& aLatency) const {
+    const uint64_t ullDue = m_ullSent + GetLate(aNow);
+    const bool bMeasuredElsewhere = m_Plan.m_Kind == BenchPlan::ONE_WAY;
+    if (m_Plan.m_dRate == 0 || MayLose())
+        return;
+    for (uint64_t ull = bMeasuredElsewhere ? m_ullSent : m_ullAnswered; ull < ullDue; ++ull)
+        aLatency.Record(static_cast<uint64_t>(std::max<int64_t>(aNow - m_Plan.GetDue(m_stIndex, ull), 0)));
+}
+
 }  // namespace tool

@@ -6,6 +6,7 @@
 #include "talvo/talvo.h"
 #include "tools/arguments.h"
 #include "tools/bench_plan.h"
+#include "tools/histogram.h"
 #include "tools/http_reply.h"
 #include "tools/outbox.h"
 
@@ -43,6 +44,8 @@ public:
     uint64_t GetReconnects() const { return m_ullReconnects; }
     // Messages that were due until aNow and were not sent, because the connection or the server was too slow.
     uint64_t GetLate(int64_t aNow) const;
+    // With a rate: records the time until aNow for each message that was due and has no answer, unless it may be lost.
+    void RecordOpen(int64_t aNow, Histogram& aLatency) const;
 
 private:
     void OnConnectIndication(CmResult aReason, ICmTransport* aTrpt, ICmAcceptorConnectorId* aRequestId) override;

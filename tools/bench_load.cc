@@ -114,6 +114,7 @@ BenchLoad::Results BenchLoad::GetResults() const {
         results.m_ullSent += pConnection->GetSent();
         results.m_ullLate += pConnection->GetLate(llNow);
         results.m_ullReconnects += pConnection->GetReconnects();
+        pConnection->RecordOpen(llNow, results.m_Latency);
     }
     return results;
 }

@@ -27,9 +27,11 @@ public:
 
     struct Results {
         const BenchPlan& m_Plan;
-        const Histogram& m_Latency;  // nanoseconds
-        double m_dSeconds = 0;       // from the start to the last answer within the time of the plan
-        uint64_t m_ullInTime = 0;    // answers within that time
+        // Nanoseconds. With a rate a message without an answer counts with its time until the end: a server that stalls and
+        // does not come back is not flattered.
+        Histogram m_Latency;
+        double m_dSeconds = 0;     // from the start to the last answer within the time of the plan
+        uint64_t m_ullInTime = 0;  // answers within that time
         uint64_t m_ullSent = 0;
         uint64_t m_ullMissing = 0;      // sent, without an answer
         uint64_t m_ullLate = 0;         // due, but not sent

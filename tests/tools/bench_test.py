@@ -19,7 +19,8 @@ class BenchTest(ProgramTest):
     def check(self, result, kind):
         times = [result[f"{key}_usec"] for key in ("min", "p50", "p75", "p90", "p99", "p999", "p9999", "max")]
         self.assertEqual((kind, times), (result["kind"], sorted(times)))
-        self.assertEqual(result["sent"] - result["missing"], sum(count for _, count in result["histogram"]))
+        answered, late = result["sent"] - result["missing"], result["late"]
+        self.assertIn(sum(count for _, count in result["histogram"]), (answered, answered + late, result["sent"] + late))
         self.assertGreater(result["sent"] - result["missing"], 0)
 
     def test_each_type_and_both_ways(self):
@@ -57,9 +58,23 @@ class BenchTest(ProgramTest):
         self.assertGreater(result["max_usec"], 480000)
         self.assertGreaterEqual(sum(count for usec, count in result["histogram"] if usec > 100000), 38)
 
+    def test_a_stall_to_the_end_counts(self):
+        with socket.create_server((HOST, 0)) as server:
+            def echo_once():
+                with server.accept()[0] as peer:
+                    peer.sendall(peer.recv(64, socket.MSG_WAITALL))
+                    while peer.recv(65536):
+                        pass
+            thread = threading.Thread(target=echo_once)
+            thread.start()
+            result = self.bench(f"{HOST}:{server.getsockname()[1]}", "--rate", 100)
+            thread.join()
+        self.assertEqual(result["sent"] + result["late"], sum(count for _, count in result["histogram"]))
+        self.assertGreater(result["p50_usec"], 500000)
+
     def test_wrong_arguments(self):
         for wrong in ([], ["--self", "h:1"], ["--self", "--rate", "0"], ["h:1", "--rate", "fast"], ["http://h/", "--type", "tcp"],
-                      ["h:1", "--udp", "--type", "package", "--size", 7], ["file:///etc/passwd"],
+                      ["h:1", "--udp", "--type", "package", "--size", 7], ["file:///etc/passwd"], ["--self", "--plot", ""],
                       ["http://h/", "--size", 9], ["--self", "--plot", self.directory / "no" / "file"]):
             self.assert_fails(self.run_talvo("bench", *wrong), 2)
         self.assert_fails(self.run_talvo("bench", HOST + ":1", "--connections", 4), 1, "Connection refused")
