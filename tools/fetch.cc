@@ -187,7 +187,11 @@ Failure Fetch::OnAnswer() {
 
 bool Fetch::IsBusy(long& aSeconds) const {
     const long lStatus = m_pHttp ? m_pHttp->GetResponseStatus() : STATUS_OK;
-    aSeconds = std::clamp(std::atol(GetHeader(Atoms::Retry_After).c_str()), 0L, LONGEST_WAIT);
+    const std::string strAfter = GetHeader(Atoms::Retry_After);
+    int64_t llDate = 0;
+    const bool bDate = cm_parse_http_date(strAfter, llDate) != 0;
+    const int64_t llWait = bDate ? llDate - CCmClock::GetWallUsec() / 1000000 : std::atol(strAfter.c_str());
+    aSeconds = static_cast<long>(std::clamp<int64_t>(llWait, 0, LONGEST_WAIT));
     return std::find(std::begin(BUSY), std::end(BUSY), lStatus) != std::end(BUSY);
 }
 

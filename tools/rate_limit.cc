@@ -12,6 +12,7 @@ namespace {
 
 constexpr double USEC = 1e6;
 constexpr double MOST = 1e15;
+constexpr int64_t CATCH_UP = 50000;  // microseconds by which a late call may exceed the rate
 
 // 0: not a unit.
 double GetUnit(std::string_view aText) {
@@ -29,8 +30,8 @@ int64_t RateLimit::Count(uint64_t aBytes) {
         return 0;
     const int64_t llNow = CCmClock::GetTimeOfDayUsec();
     const double dUsec = static_cast<double>(aBytes) * USEC / static_cast<double>(m_ullRate);
-    m_llPaid = std::max(m_llPaid, llNow) + static_cast<int64_t>(dUsec);
-    return m_llPaid - llNow;
+    m_llPaid = (m_llPaid == -1 ? llNow : std::max(m_llPaid, llNow - CATCH_UP)) + static_cast<int64_t>(dUsec);
+    return std::max<int64_t>(m_llPaid - llNow, 0);
 }
 
 bool ParseRate(const std::string& aText, uint64_t& aRate) {

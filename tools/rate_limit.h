@@ -16,7 +16,7 @@ public:
 
 private:
     const uint64_t m_ullRate;
-    int64_t m_llPaid = 0;  // the time at which the counted bytes are within the rate
+    int64_t m_llPaid = -1;  // the time at which the counted bytes are within the rate; -1: none are counted
 };
 
 // aRate (out): "500" bytes a second, "500k", "1.5M" or "2G", powers of 1,000. false: another text, or less than 1.
