@@ -230,7 +230,8 @@ void DeclarePublish(CLI::App& aApp, Arguments& a) {
         ->option_text("POLICY");
     AddNumber(aApp, "--key-field", a.m_dwKeyField, 1, 1000,
               "The field of a line, counted from 1 and separated by blanks, that is its key");
-    aApp.add_option("--file", a.m_strFile, "File with the lines; by default stdin")->option_text("FILE");
+    aApp.add_option("--file", a.m_strFile, "File with the lines; by default stdin; a line is cut after 65,536 bytes")
+        ->option_text("FILE");
     AddNumber(aApp, "--rate", a.m_dwRate, 1, 1000000, "Lines a second; by default no limit");
 }
 

@@ -214,8 +214,11 @@ void PingClient::ReportStatistics() {
                    std::to_string(p.m_dwP90) + ", p99 " + std::to_string(p.m_dwP99) + ", max " + std::to_string(p.m_dwMax);
     if (m_Console.GetOutput() == Console::TERMINAL && nBack > 1)
         strText += "; " + MakeSparkline(m_vecUsec, SPARKLINE);
-    json.Add("min_usec", p.m_dwMin).Add("p50_usec", p.m_dwP50).Add("p90_usec", p.m_dwP90);
-    m_Console.Result(strText, json.Add("p99_usec", p.m_dwP99).Add("max_usec", p.m_dwMax));
+    if (nBack > 0)
+        json.Add("min_usec", p.m_dwMin).Add("p50_usec", p.m_dwP50).Add("p90_usec", p.m_dwP90);
+    if (nBack > 0)
+        json.Add("p99_usec", p.m_dwP99).Add("max_usec", p.m_dwMax);
+    m_Console.Result(strText, json);
 }
 
 void PingClient::GiveUp(const Failure& aFailure) {

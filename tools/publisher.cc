@@ -156,6 +156,7 @@ bool Publisher::OnLine(const std::string& aLine) {
     CCmForwardHeader header;
     header.m_ullKey = GetKey(aLine);
     const CmResult rv = m_pSession->Forward(message, &header);
+    m_bTooLong = m_bTooLong || rv == CM_ERROR_INVALID_ARG;
     if (rv == CM_ERROR_INVALID_ARG)
         m_Console.Problem({CAUSE_LOCAL, "a line of " + std::to_string(dwLength - 1) + " bytes is too long and was not sent"});
     else if (rv != CM_OK && rv != CM_ERROR_PARTIAL_DATA)
@@ -199,7 +200,7 @@ void Publisher::FinishWhenSent() {
         return;
     m_Watch.Cancel();
     if (bAll)
-        return m_Application.Finish(EXIT_OK);
+        return m_Application.Finish(m_bTooLong ? EXIT_FAILED : EXIT_OK);
     Complain({CAUSE_TIMEOUT, std::to_string(statistics.m_Lag.m_ullMessages) +
                                  " messages remain: no receiver has taken one for " + std::to_string(ullSeconds) + " s"});
 }

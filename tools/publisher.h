@@ -56,6 +56,7 @@ private:
     LineSource m_Source;
     CCmTimerWrapperID m_Watch;  // for drops, and for the end
     bool m_bEnded = false;      // there are no more lines
+    bool m_bTooLong = false;    // a line was not sent
     uint64_t m_ullSent = 0;     // messages since then, and the tick when the last one was seen
     DWORD m_dwProgress = 0;
 };

@@ -147,6 +147,9 @@ void TlsLook::Report() {
                                   .Add("reason", m_strNotVerified)
                                   .Add("resumed", m_bResumed)
                                   .Add("end", m_strEnd));
+    if (!bVerified)
+        m_Console.Problem({CAUSE_TLS, "the server is not verified as " + strName + ": " + m_strNotVerified}, "peer",
+                          cm_address_text(m_Arguments.m_Addr));
     m_Application.Finish(bVerified ? EXIT_OK : EXIT_FAILED);
 }
 

@@ -110,7 +110,11 @@ class TlsTest(ProgramTest):
 
     def look(self, server, *arguments):
         run = self.run_talvo("tls", server.address, "--json", *arguments)
-        return run.returncode, [json.loads(line) for line in run.stdout.splitlines()]
+        lines = [json.loads(line) for line in run.stdout.splitlines()]
+        if run.returncode:
+            failed = lines.pop()
+            self.assertEqual(("failed", "tls"), (failed["event"], failed["cause"]))
+        return run.returncode, lines
 
     def test_tls_shows_a_server(self):
         server = self.serve("serve", self.directory, *self.own())
