@@ -43,11 +43,12 @@ public:
     auto receive(std::stop_token token) { return with_stop(std::move(token), receive()); }
 
     // Half-close: the peer gets the end after all data taken, and this side goes on receiving. Plain tcp only:
-    // CM_ERROR_INVALID_ARG. After the end of the connection the errors of send; a second call has no effect.
+    // CM_ERROR_INVALID_ARG. talvo::errc::would_block: a send is under way. After the end of the connection the errors of send;
+    // a second call has no effect.
     result<> end_sending() {
         int32_t on = 1;
-        if (channel_ && channel_->send_error())
-            return channel_->send_error();
+        if (channel_ && channel_->end_error())
+            return channel_->end_error();
         return set_native(CM_OPT_TRANSPORT_END_SENDING, &on);
     }
 

@@ -8,6 +8,7 @@
 #include "talvo/co/result.h"
 #include "talvo/co/runner.h"
 #include "talvo/co/stop_watch.h"
+#include "talvo/co/stream.h"
 
 namespace talvo::detail {
 
@@ -162,6 +163,7 @@ public:
     }
 
     bool await_ready() {
+        loan_scope::end_all();
         begun_ = call_->begin();
         return !begun_;
     }

@@ -182,8 +182,10 @@ public:
 
     // The request's body in pieces, each a chunk; see sender. An answer may come before its end.
     using sender::send;
-    // CM_ERROR_NOT_AVAILABLE: no such body is in progress.
+    // CM_ERROR_NOT_AVAILABLE: no such body is in progress. talvo::errc::would_block: a send is under way.
     result<> end_sending() {
+        if (channel_ && channel_->end_error() == make_error_code(CM_ERROR_WOULD_BLOCK))
+            return channel_->end_error();
         return make_error_code(channel_ ? channel_->native().EndRequestBody() : CM_ERROR_NOT_INITIALIZED);
     }
 

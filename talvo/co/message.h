@@ -15,7 +15,8 @@ namespace talvo {
 
 namespace detail {
 class stream;
-}
+class loan_scope;
+}  // namespace detail
 
 // One message or datagram, or bytes of a stream as they arrived. To send it on, pass the message itself: that copies nothing.
 // The first call of view(), bytes() or block() gives the message storage of its own, which stays in place for its life; so
@@ -62,6 +63,7 @@ public:
 
 private:
     friend class detail::stream;
+    friend class detail::loan_scope;
 
     // A view on bytes of the library. loan is reset when the message no longer uses them, and points at the message until then.
     message(CCmMessageBlock& lent, message*& loan) noexcept : chain_(&lent), loan_(&loan) { loan = this; }

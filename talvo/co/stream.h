@@ -26,6 +26,28 @@ private:
     std::size_t taken_ = 0;
 };
 
+// A message of an upcall under way in this thread, which may use the library's bytes. Work for another thread may hold it, so
+// that the bytes must become its own before.
+class loan_scope {
+public:
+    explicit loan_scope(message*& loan) noexcept : loan_(loan), outer_(std::exchange(innermost_, this)) {}
+    loan_scope(const loan_scope&) = delete;
+    loan_scope& operator=(const loan_scope&) = delete;
+    ~loan_scope() { innermost_ = outer_; }
+
+    static void end_all() noexcept {
+        for (const loan_scope* scope = innermost_; scope; scope = scope->outer_) {
+            if (scope->loan_)
+                scope->loan_->keep();
+        }
+    }
+
+private:
+    message*& loan_;
+    loan_scope* const outer_;
+    static inline thread_local constinit loan_scope* innermost_ = nullptr;
+};
+
 class receive_awaiter;
 class send_awaiter;
 
@@ -44,7 +66,10 @@ public:
     }
 
     ICmTransport& transport() const { return *transport_; }
-    std::error_code send_error() const noexcept { return send_error_; }  // 0: data can be sent
+    // Why sending cannot end: CM_ERROR_WOULD_BLOCK: a send is under way. Otherwise that of a send.
+    std::error_code end_error() const noexcept {
+        return !send_error_ && first_sender_ ? make_error_code(CM_ERROR_WOULD_BLOCK) : send_error_;
+    }
 
     // Ends the connection. Operations under way end from the loop.
     void close() {
@@ -285,6 +310,7 @@ private:
 inline void stream::lend(CCmMessageBlock& data) {
     receive_awaiter& receiver = *std::exchange(receiver_, nullptr);
     receiver.outcome_ = message(data, loan_);
+    const loan_scope scope(loan_);
     receiver.awaiting_.resume();
     if (loan_)
         loan_->keep();

@@ -131,6 +131,23 @@ TEST_F(CoConnectionTest, SmallMessagesMakeTheSenderWaitToo) {
     EXPECT_EQ(0u, m_Listener.tasks().size());
 }
 
+// The bytes belong to the message before another thread may use it; the thread sanitizer checks that.
+TEST_F(CoConnectionTest, WorkersMayHaveReceivedMessages) {
+    talvo::worker_pool pool(2);
+    Listen(talvo::tcp, Echo);
+    std::string strGot;
+    m_Tasks.spawn([](talvo::worker_pool& aPool, std::string& aGot) -> talvo::task<> {
+        auto peer = (co_await talvo::connect(ADDRESS, talvo::tcp)).value();
+        co_await peer.send("hello");
+        auto message = (co_await peer.receive()).value();
+        const auto work = [m = std::make_shared<talvo::message>(std::move(message))] { return m->str(); };
+        aGot = (co_await aPool.run(work)).value();
+    }(pool, strGot));
+    while (strGot.empty())
+        m_Network.RunFor(CCmTimeValue(0, 1000));
+    EXPECT_EQ("hello", strGot);
+}
+
 struct CDeliveries : ICmSimObserver {
     void OnReceive(const CCmSimEnd&, const std::string&) override { ++m_nCount; }
     int m_nCount = 0;
@@ -194,8 +211,12 @@ TEST_F(CoConnectionTest, ACloseEndsTheOperationsUnderWay) {
             aPeer = talvo::connection();
         };
         const std::string strLong(100000, 'x');
-        const auto [received, sent, next, closed] =
-            co_await talvo::when_all(peer.receive(), peer.send(strLong), peer.send("behind"), close(peer));
+        const auto end = [](talvo::connection& aPeer) -> talvo::task<> {
+            EXPECT_EQ(talvo::errc::would_block, aPeer.end_sending().error());
+            co_return;
+        };
+        const auto [received, sent, next, ended, closed] =
+            co_await talvo::when_all(peer.receive(), peer.send(strLong), peer.send("behind"), end(peer), close(peer));
         EXPECT_EQ(talvo::errc::not_available, received.error());
         EXPECT_EQ(talvo::errc::not_available, sent.error());
         EXPECT_EQ(talvo::errc::not_available, next.error());
