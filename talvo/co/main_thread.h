@@ -75,14 +75,16 @@ public:
             manager->Drain(settings_.drain_time.count() > 0 ? &limit : nullptr);
         draining_ = false;
     }
-    // That of the last stop, which is then 0.
-    int take_status() noexcept { return status_.exchange(0); }
+    // That of the first stop since the last call; 0 without one.
+    int take_status() noexcept { return static_cast<int>(status_.exchange(NO_STATUS) & 0xFFFFFFFF); }
 
-    // Ends the loop, also one that does not run yet. Any thread. No effect after a failed start: the loop may be another one's.
+    // Ends the loop, also one that does not run yet. Any thread. No effect during a drain, nor after a failed start: the loop
+    // may be another one's.
     void stop(int status) {
-        if (!reactor_)
+        if (!reactor_ || draining_)
             return;
-        status_ = status;
+        int64_t none = NO_STATUS;
+        status_.compare_exchange_strong(none, static_cast<uint32_t>(status));
         reactor_->StopEventLoop();
     }
 
@@ -142,10 +144,11 @@ private:
     bool owns_library_ = false;
     CCmSignalHandler signals_;
     CmResult signal_code_ = CM_OK;
-    const CmResult code_;  // behind the members that start() sets
-    std::atomic<int> status_{0};
+    const CmResult code_;                                   // behind the members that start() sets
+    static constexpr int64_t NO_STATUS = int64_t{1} << 32;  // 0 in the bits of a status
+    std::atomic<int64_t> status_{NO_STATUS};
     int signal_base_ = 0;
-    bool draining_ = false;
+    std::atomic<bool> draining_{false};
 };
 
 }  // namespace detail

@@ -56,7 +56,17 @@ TEST(ApplicationTest, EndsInOrderOnASignalAndAtOnceWithoutAListener) {
     EXPECT_EQ("talvo: cannot listen on 192.0.2.1:1: Cannot assign requested address\n", testing::internal::GetCapturedStderr());
     EXPECT_TRUE(app.listen("127.0.0.1:0", talvo::tcp, Echo));
     app.stop(3);
+    app.stop();
     EXPECT_EQ(3, app.run_until_signal());
+}
+
+TEST(ApplicationTest, ATaskThatEndsInTheDrainLeavesTheStatusOfTheSignal) {
+    talvo::application app;
+    EXPECT_EQ(128 + SIGTERM, app.run([](talvo::application& aApp) -> talvo::task<int> {
+        kill(getpid(), SIGTERM);
+        co_await talvo::sleep(99s, aApp.stop_token());
+        co_return 0;
+    }(app)));
 }
 
 TEST(ApplicationTest, AnotherLoopRunsItAndItsEndDrains) {
