@@ -106,14 +106,27 @@ private:
     friend combination<any_awaiter>;
 
     bool start_all() {
-        return std::apply(
+        const bool ended = std::apply(
             [this](auto&... each) {
                 std::size_t index = 0;
-                return ((each.start(*this, index++) && end_with(index - 1)) || ...);
+                return (this->start_one(each, index++) || ...);
             },
             runners_);
+        starting_ = false;
+        return ended && end_with(winner_);
     }
+    template <class Runner>
+    bool start_one(Runner& each, std::size_t index) {
+        if (each.start(*this, index) && winner_ == NONE)
+            winner_ = index;
+        return winner_ != NONE;
+    }
+    // The start of one operation may end an earlier one. The others are cancelled when it has returned.
     void on_end(std::size_t index) noexcept override {
+        if (starting_) {
+            winner_ = winner_ == NONE ? index : winner_;
+            return;
+        }
         end_with(index);
         this->awaiting_.resume();
     }
@@ -132,7 +145,9 @@ private:
     }
 
     std::tuple<runner<T>...> runners_;
-    std::size_t winner_ = 0;
+    static constexpr std::size_t NONE = sizeof...(T);
+    std::size_t winner_ = NONE;
+    bool starting_ = true;
 };
 
 inline std::error_code cancelled() noexcept { return {ECANCELED, category()}; }

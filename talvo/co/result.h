@@ -11,12 +11,24 @@
 // Names in lower case are for applications; classes that begin with C, I or A are parts of the library.
 namespace talvo {
 
+template <class T = void>
+class result;
+
+namespace detail {
+
+template <class T>
+constexpr bool is_result = false;
+template <class T>
+constexpr bool is_result<result<T>> = true;
+
+}  // namespace detail
+
 // The outcome of an operation: a value; or an error; or neither, with an error of 0, which is an orderly end. Errors of the
 // library are of category() and compare with std::errc. Any thread, like the value itself.
 //
 //    auto message = co_await peer.receive();
 //    if (!message && message.error() == std::errc::timed_out) ...
-template <class T = void>
+template <class T>
 class result {
 public:
     using value_type = T;  // of the value
@@ -26,9 +38,16 @@ public:
     result(std::error_code error) noexcept : error_(error) {}
     // A value, from anything that converts to one.
     template <class U = T>
-    requires(std::is_constructible_v<T, U&&> && !std::is_same_v<std::remove_cvref_t<U>, result> &&
+    requires(std::is_constructible_v<T, U&&> && !detail::is_result<std::remove_cvref_t<U>> &&
              !std::is_same_v<std::remove_cvref_t<U>, std::error_code>) result(U&& value)
         : value_(std::in_place, std::forward<U>(value)) {}
+    // The value or the error of a result of another type.
+    template <class U>
+    requires(!std::is_same_v<T, U> && std::is_constructible_v<T, const U&>) result(const result<U>& other)
+        : error_(other.error()) {
+        if (other)
+            value_.emplace(*other);
+    }
 
     // There is a value.
     bool has_value() const noexcept { return value_.has_value(); }
@@ -91,11 +110,6 @@ private:
 };
 
 namespace detail {
-
-template <class T>
-constexpr bool is_result = false;
-template <class T>
-constexpr bool is_result<result<T>> = true;
 
 // The result of an operation that adds its own errors to those of T: result<T>, and a result stays as it is.
 template <class T>

@@ -87,6 +87,38 @@ TEST_F(TaskTest, ALimitCancelsTheOperationAndAWinnerTheOthers) {
     }(m_Network));
 }
 
+struct CHandOver {
+    std::coroutine_handle<> m_Waits;
+    bool await_ready() const { return false; }
+    void await_suspend(std::coroutine_handle<> a) { m_Waits = a; }
+    int await_resume() const { return 7; }
+};
+
+TEST_F(TaskTest, AnOperationMayEndWhileALaterOneStarts) {
+    Run([]() -> talvo::task<> {
+        CHandOver gate;
+        const auto wait = [](CHandOver& aGate) -> talvo::task<int> { co_return co_await aGate; };
+        const auto open = [](CHandOver& aGate) -> talvo::task<int> {
+            const CTracked tracked;
+            aGate.m_Waits.resume();
+            EXPECT_EQ(1, CTracked::s_nAlive);
+            co_await talvo::sleep(9s);
+            co_return 8;
+        };
+        const auto first = co_await talvo::when_any(wait(gate), open(gate));
+        EXPECT_EQ(0u, first.index());
+        EXPECT_EQ(7, std::get<0>(first));
+        EXPECT_EQ(0, CTracked::s_nAlive);
+    }());
+}
+
+TEST(ResultTest, AnErrorStaysAnErrorInAnotherType) {
+    const talvo::result<int> failed = talvo::make_error_code(CM_ERROR_TIMEOUT);
+    EXPECT_EQ(std::errc::timed_out, talvo::result<bool>(failed).error());
+    EXPECT_FALSE(talvo::result<bool>(failed));
+    EXPECT_EQ(3.0, talvo::result<double>(talvo::result<int>(3)).value());
+}
+
 TEST_F(TaskTest, AStopFromAnotherThreadEndsAWait) {
     Run([]() -> talvo::task<> {
         std::stop_source source;
