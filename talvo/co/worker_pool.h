@@ -19,7 +19,7 @@ namespace detail {
 class worker_job : public far_call {
 public:
     virtual void work() = 0;  // in a thread of the pool
-    void drop() { answer(); }
+    void end() { answer(); }
 };
 
 }  // namespace detail
@@ -29,8 +29,8 @@ public:
 // fails with CM_ERROR_NOT_AVAILABLE.
 class worker_pool {
 public:
-    // 0 threads: one for each processor. most_waiting: the calls that may wait for a thread. Throws std::system_error: the
-    // system has no thread; std::bad_alloc.
+    // 0 threads: one for each processor. most_waiting: the calls that may wait beside those for idle threads. Throws
+    // std::system_error: the system has no thread; std::bad_alloc.
     explicit worker_pool(unsigned threads = 0, std::size_t most_waiting = 1024) : most_waiting_(most_waiting) {
         if (threads == 0)
             threads = std::max(1u, std::thread::hardware_concurrency());
@@ -83,7 +83,6 @@ private:
             if (!is_abandoned())
                 outcome_.set([this]() -> decltype(auto) { return (*work_)(); });
             work_.reset();
-            answer();
         }
 
     private:
@@ -95,7 +94,7 @@ private:
     bool add(detail::worker_job& added) {
         {
             const std::lock_guard lock(mutex_);
-            if (jobs_.size() >= most_waiting_)
+            if (jobs_.size() >= most_waiting_ + threads_.size() - busy_)
                 return false;
             jobs_.push_back(&added);
             added.add_reference();
@@ -112,8 +111,13 @@ private:
                 return;
             detail::worker_job* const next = jobs_.front();
             jobs_.pop_front();
+            ++busy_;
             lock.unlock();
             next->work();
+            lock.lock();
+            --busy_;  // before the caller may call again
+            lock.unlock();
+            next->end();
             next->release();
         }
     }
@@ -127,7 +131,7 @@ private:
         for (std::thread& each : threads_)
             each.join();
         for (detail::worker_job* const left : jobs_) {
-            left->drop();
+            left->end();
             left->release();
         }
     }
@@ -136,6 +140,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<detail::worker_job*> jobs_;  // that wait, each with a reference
+    std::size_t busy_ = 0;                  // threads that work
     bool ended_ = false;
     std::vector<std::thread> threads_;
 };
