@@ -306,40 +306,52 @@ TEST_F(RlbWireTest, TheLongestLostMakeRoom) {
         EXPECT_EQ("0200000000" + channels[static_cast<size_t>(i)] + "0F", ask(i));
 }
 
-// The room for unacknowledged messages grows only while the transport takes all of them, and only until an option sets it.
+// The room for unacknowledged messages grows only while the transport takes all of them and the peer acknowledges them, and
+// only until an option sets it.
 TEST_F(RlbWireTest, TheSendBufferGrowsWithTheTransport) {
     const std::string strMessage(65536, 'x');
     const auto fill = [&] {
         int nTaken = 0;
         while (SendText(*m_Accepted.m_Transports.back(), strMessage) == CM_OK)
             ++nTaken;
+        Run();
         return nTaken;
     };
+    const auto acknowledge = [&](int aMessages) {
+        char szHex[11];
+        snprintf(szHex, sizeof szHex, "04%08X", static_cast<DWORD>(aMessages) * 65545);
+        Raw().Send(szHex);
+        Run();
+    };
     Listen(PLAIN);
-    m_Network.SetPath({.m_dwBuffer = 16 << 20});
-    Connect("01 00000000 0000 0F");
-    EXPECT_EQ(127, fill()) << "8 MiB";
-    EXPECT_EQ(DWORD{1 << 20}, Get<DWORD>(*m_Accepted.m_Transports[0], CS_OPT_MAX_BUFF_LEN));
-    Raw().m_pTransport->Disconnect(CM_OK);
-    Run();
-    m_Network.SetPath({.m_dwBuffer = 100000});
+    m_Network.SetPath({.m_dwBuffer = 32 << 20});
     const std::string strChannel = Connect("01 00000000 0000 0F").Take().substr(10, 4);
-    EXPECT_EQ(15, fill()) << "1 MiB: the transport does not take all";
-    m_Network.SetPath({.m_dwBuffer = 16 << 20});
+    EXPECT_EQ(15, fill()) << "1 MiB, and no acknowledgement";
+    int nSent = 15;
+    for (const int nRoom : {31, 63, 127, 127}) {
+        acknowledge(nSent);
+        EXPECT_EQ(nRoom, fill());
+        nSent += nRoom;
+    }
+    EXPECT_EQ(DWORD{1 << 20}, Get<DWORD>(*m_Accepted.m_Transports[0], CS_OPT_MAX_BUFF_LEN));
+    // A lost transport ends the growth.
     Raw().m_pTransport->Disconnect(CM_OK);
     Run();
     EXPECT_EQ(0, fill());
-    Connect("01 00000000 " + strChannel + " 0F");
-    EXPECT_EQ(112, fill()) << "8 MiB again";
+    char szResume[32];
+    snprintf(szResume, sizeof szResume, "01 %08X %s 0F", static_cast<DWORD>(nSent) * 65545, strChannel.c_str());
+    Connect(szResume);
+    EXPECT_EQ(15, fill());
+    // A transport that does not take all, and an option, do not let it grow.
+    m_Network.SetPath({.m_dwBuffer = 100000});
+    Connect("01 00000000 0000 0F");
+    EXPECT_EQ(15, fill());
+    m_Network.SetPath({.m_dwBuffer = 32 << 20});
     Connect("01 00000000 0000 0F");
     Set(*m_Accepted.m_Transports.back(), CS_OPT_MAX_BUFF_LEN, DWORD{1 << 20});
     EXPECT_EQ(15, fill());
-    // While the transport is lost, the room does not grow.
-    Connect("01 00000000 0000 0F");
-    EXPECT_EQ(CM_OK, SendText(*m_Accepted.m_Transports.back(), strMessage));
-    Raw().m_pTransport->Disconnect(CM_OK);
-    Run();
-    EXPECT_EQ(14, fill());
+    acknowledge(15);
+    EXPECT_EQ(15, fill());
 }
 
 // Ten guesses are answered; then an address, an honest client of it too, has to wait.

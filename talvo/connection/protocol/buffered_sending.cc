@@ -21,14 +21,22 @@ void CBufferedSending::SetMaxBufLen(DWORD aMaxBufLen) {
 
 void CBufferedSending::SetRoom(DWORD aBytes) {
     m_dwRoom = aBytes;
+    m_ullAcked = 0;
     m_SendBuf.SetMaxBufLen(aBytes);
 }
 
 BOOL CBufferedSending::Grow() {
-    if (m_dwRoom >= m_dwMostRoom || m_SendBuf.GetUnsent() > 0 || !m_Direct.GetPending().IsEmpty())
+    if (m_dwRoom >= m_dwMostRoom || m_ullAcked < m_dwRoom / 2 || m_SendBuf.GetUnsent() > 0 || !m_Direct.GetPending().IsEmpty())
         return FALSE;
     SetRoom(std::min(m_dwRoom * 2, m_dwMostRoom));
     return TRUE;
+}
+
+int CBufferedSending::DoACK(DWORD aSeq) {
+    const DWORD dwBefore = m_SendBuf.GetUsed();
+    const int nRv = m_SendBuf.DoACK(aSeq);
+    m_ullAcked += dwBefore - m_SendBuf.GetUsed();
+    return nRv;
 }
 
 void CBufferedSending::OnTransportLost() {

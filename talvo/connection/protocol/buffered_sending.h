@@ -20,8 +20,9 @@ public:
     CmDword GetMaxBufLen() const { return m_dwMaxBufLen; }
     // From now on Grow may enlarge the buffer, up to aMostBytes.
     void LetGrow(CmDword aMostBytes) { m_dwMostRoom = aMostBytes; }
-    // All messages are sent, so the buffer and not the transport limits the rate: doubles its room until the transport is lost.
-    // FALSE: neither is so, or it may not grow.
+    // Doubles the room until the transport is lost, if the buffer and not the transport limits the rate: all messages are sent,
+    // and the peer has acknowledged half a room since the last growth. So a peer that never does makes nothing grow. FALSE:
+    // neither is so, or it may not grow.
     CmBool Grow();
     void SetReceived(CmDword aReceived) { m_SendBuf.SetSeq4ACK(aReceived); }
     CmDword GetUnsent() const { return m_SendBuf.GetUnsent(); }
@@ -47,7 +48,7 @@ public:
     // Moves the unsent bytes after the pending ones. FALSE: memory ran out.
     CmBool MoveToPending();
 
-    int DoACK(CmDword aSeq) { return m_SendBuf.DoACK(aSeq); }
+    int DoACK(CmDword aSeq);
     void OnTransportLost();
     // The peer has received up to aSeq; the rest is sent again. FALSE: aSeq is no resume point, and the state is unchanged.
     CmBool Resume(CmDword aSeq) { return m_SendBuf.IsResumePoint(aSeq) && m_SendBuf.DoReconnACK(aSeq) != -1; }
@@ -66,6 +67,7 @@ private:
     CmDword m_dwMaxBufLen;
     CmDword m_dwRoom;          // bytes of the buffer now, at least m_dwMaxBufLen
     CmDword m_dwMostRoom = 0;  // the growth ends there
+    uint64_t m_ullAcked = 0;   // bytes since the last growth
     bool m_bRefused = false;   // by the transport, an OnSend follows
     CDirectSending& m_Direct;
 };

@@ -8,7 +8,7 @@ enum ECsOption : CmDword {
     CS_OPT_MAX_BUFF_LEN = 132,  // get, set CmDword: bytes of data PDUs, headers included, that may wait to be sent or, on a
                                 // reliable connection, to be acknowledged. Package connections start with 65,536 and
                                 // refuse 0; reliable ones start with 1 MiB and take 4 KiB to 1 GiB. Until it is set, a
-                                // reliable connection lets up to 8 MiB wait while its transport takes all at once.
+                                // reliable connection whose peer acknowledges lets up to 8 MiB wait, see docs/reliable.md.
                                 // Connections without a send buffer refuse it
     CS_OPT_KEEPALIVE_INTERVAL = 134,  // get, set CmDword: seconds between keep-alives, 15 at first; at least 1
     CS_OPT_ACK_PROCESSING = 135,      // get, set CmBool: kept, without effect
