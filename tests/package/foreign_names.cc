@@ -1,6 +1,7 @@
 // The library's header beside one that declares BOOL, DWORD, WORD and BYTE, too. What links here has the library's own widths.
 #include FIRST
 #include SECOND
+#include <talvo/base/version.h>
 
 #include <cstdio>
 #include <cstring>
