@@ -65,11 +65,25 @@ struct CTlsBio {
         return s_pMethod;
     }
 
+    // OpenSSL checks no name if the copy of the name for the check has found no memory.
+    static bool HasLostName(const SSL* aSsl, X509_STORE_CTX* aStore) {
+        X509_VERIFY_PARAM* pParam = X509_STORE_CTX_get0_param(aStore);
+        if (SSL_is_server(aSsl) || X509_VERIFY_PARAM_get0_host(pParam, 0))
+            return false;
+        char* pAddress = X509_VERIFY_PARAM_get1_ip_asc(pParam);
+        OPENSSL_free(pAddress);
+        return !pAddress;
+    }
+
     static int Verify(int aGood, X509_STORE_CTX* aStore) {
         const auto* pSsl = static_cast<SSL*>(X509_STORE_CTX_get_ex_data(aStore, SSL_get_ex_data_X509_STORE_CTX_idx()));
         auto* pSession = static_cast<CTlsSession*>(SSL_get_app_data(pSsl));
-        if (aGood || !pSession)
+        if (aGood && !HasLostName(pSsl, aStore))
             return aGood;
+        if (aGood)
+            X509_STORE_CTX_set_error(aStore, X509_V_ERR_OUT_OF_MEM);
+        if (!pSession)
+            return 0;
         char szSubject[200] = "";
         if (X509* pCertificate = X509_STORE_CTX_get_current_cert(aStore))
             X509_NAME_oneline(X509_get_subject_name(pCertificate), szSubject, sizeof szSubject);
