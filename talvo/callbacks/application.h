@@ -76,8 +76,8 @@ public:
     }
     int run_until_signal() { return run(); }
 
-    // Ends the loop; a loop that does not run yet ends as soon as it starts. The first status counts, and a call
-    // during the drain has no effect. Any thread.
+    // Ends the loop; a loop that does not run yet ends as soon as it starts. The first status counts, and a call during the
+    // drain has no effect. Any thread.
     void stop(int status = 0) { main_.stop(status); }
 
     // The main thread's loop. Any thread.

@@ -83,9 +83,9 @@ public:
     }
     int run(task<> work) { return run(succeed(std::move(work))); }
 
-    // Ends the loop; a loop that does not run yet ends as soon as it starts. The first status counts, and a call
-    // during the drain has no effect. Any thread, while the application lives. No effect
-    // if the application has not started: the loop may be another one's.
+    // Ends the loop; a loop that does not run yet ends as soon as it starts. The first status counts, and a call during the
+    // drain has no effect. Any thread, while the application lives. No effect if the application has not started: the loop may
+    // be another one's.
     void stop(int status = 0) { main_.stop(status); }
 
     // For a program whose own loop runs the library instead of run: docs/embedding.md. stop and the signals end RunOnce with
