@@ -138,7 +138,7 @@ class Line:
         """Returns the ratio of a peer that runs twice to itself, at least 1; None without one."""
         found = [statistics.median(pair) for peer in self.suite["peers"]
                  if (pair := ratios(self.programs, peer, f"{peer}2", what))]
-        return max((max(value, 1 / value) for value in found), default=None)
+        return max((max(value, 1 / value) for value in found if value > 0), default=None)
 
     def noise_text(self):
         twin, range_ = self.noise(), spread(self.programs.get(self.own, {}))
