@@ -1,4 +1,4 @@
-// A batch of events, which a thread runs before it checks its handles and timers again.
+// A batch of callbacks, which a thread runs before it checks its handles again.
 #pragma once
 
 #include "talvo/base/ref_ptr.h"
@@ -7,9 +7,12 @@ class CCmThreadLink;
 
 namespace talvo {
 
-// The queue creates a batch in its thread around the events. Batches may be nested. Events may post to another thread with
-// CCmThreadLink::PostEventQuietly; the batch then wakes that thread once, at its end. An immediate wake-up would preempt this
-// thread for the first event, and the other thread would sleep again before the second.
+// A queue of events or timers creates a batch in its thread around the callbacks. Batches may be nested. Callbacks may post to
+// another thread with CCmThreadLink::PostEventQuietly; the batch then wakes that thread once, at its end. An immediate wake-up
+// would preempt this thread for the first event, and the other thread would sleep again before the second.
+//
+// A callback that takes long, or waits for the other thread without a call of CCmThreadLink, delays the events by at most a
+// tick: the loop of a reactor wakes each tick and runs them.
 class CEventBatch {
 public:
     CEventBatch();
@@ -17,7 +20,7 @@ public:
     CEventBatch(const CEventBatch&) = delete;
     CEventBatch& operator=(const CEventBatch&) = delete;
 
-    // The calling thread's innermost batch; null outside of events.
+    // The calling thread's innermost batch; null outside of such callbacks.
     static CEventBatch* Current();
 
     void WakeAtEnd(CCmThreadLink& aLink);

@@ -59,8 +59,9 @@ public:
     // queue. CM_ERROR_NOT_AVAILABLE: the thread has ended. In the last two cases the event was destroyed.
     CmResult PostEvent(ICmEvent* aEvent);
 
-    // The same for work that is not urgent. Inside an event of the caller's own thread, it wakes a reactor's thread only at the
-    // end of the caller's batch of events. The thread may run the event earlier, and does so at its next tick.
+    // The same for work that is not urgent. Inside an event or a timer of the caller's own thread, it wakes a reactor's thread
+    // only when the caller's batch of events, or all due timers, have run. The thread may run the event earlier, and does so at
+    // its next tick.
     CmResult PostEventQuietly(ICmEvent* aEvent);
 
     // Makes the thread run the events that were posted quietly. Any thread.

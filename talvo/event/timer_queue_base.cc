@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "talvo/base/clock.h"
+#include "talvo/event/event_batch.h"
 
 ICmTimerHandler::~ICmTimerHandler() = default;
 ICmTimerQueue::~ICmTimerQueue() = default;
@@ -136,6 +137,7 @@ int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
     const int64_t llOuterPassNow = std::exchange(m_llPassNow, aNow);
     const BOOL bOuterInPass = std::exchange(m_bInPass, TRUE);
     const CCmTimeValue tvNow = CCmTimeValue::FromUsec(aNow);
+    const talvo::CEventBatch batch;
 
     int nFired = 0;
     CNode node;

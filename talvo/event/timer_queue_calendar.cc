@@ -10,6 +10,7 @@
 #include "talvo/base/reference_control.h"
 #include "talvo/base/trace.h"
 #include "talvo/base/with_memory.h"
+#include "talvo/event/event_batch.h"
 #include "talvo/event/thread_manager.h"
 
 namespace {
@@ -111,6 +112,7 @@ int CCmTimerQueueCalendar::Turn_i(int64_t aNow, BOOL aByClock) {
     const CCmTimeValue tvNow = CCmTimeValue::FromUsec(aNow);
     m_llTurnedTo = std::max(m_llTurnedTo, std::min(m_llTurnedTo, aNow) + GetSlotUsec_i());
     TakeSlot_i();
+    const talvo::CEventBatch batch;
     while (CEntry* pEntry = m_pDue) {
         CNode& node = pEntry->m_Node;
         const BOOL bBySlot = !aByClock || pEntry->m_bTurn;

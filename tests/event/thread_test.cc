@@ -1,5 +1,7 @@
 #include "talvo/event/thread.h"
 
+#include "talvo/event/timer_queue_calendar.h"
+#include "talvo/event/timer_queue_ordered_list.h"
 #include "talvo/event/timer_wrapper_id.h"
 #include "tests/support/event_helpers.h"
 #include "tests/support/event_socket.h"
@@ -70,28 +72,40 @@ TEST(ThreadTest, ACallbackCannotEndTheMainThread) {
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, rv);
 }
 
-TEST(ThreadTest, QuietPostsWakeTheirThreadOnceBehindTheEventsThatMadeThem) {
+TEST(ThreadTest, QuietPostsWakeTheirThreadOnceBehindTheCallbacksThatMadeThem) {
     auto* pReactor = new CCountingReactor;
     CScopedThread thread(pReactor);
     CCmThreadLink& link = thread->GetLink();
     CEventFate fate;
     CCmEventQueueUsingMutex queue;
+    CCmTimerQueueOrderedList timers(nullptr);
+    CCmTimerQueueCalendar calendar(10, 1000, &queue);
     int nWokenInside = 0;
-    for (int i = 0; i < 3; ++i)
-        PostTo(queue, [&] {
-            EXPECT_EQ(CM_OK, link.PostEventQuietly(new CTestEvent(fate)));
-            nWokenInside += pReactor->m_nWoken;
-        });
+    const auto post = [&] {
+        const int nWoken = pReactor->m_nWoken;
+        EXPECT_EQ(CM_OK, link.PostEventQuietly(new CTestEvent(fate)));
+        nWokenInside += pReactor->m_nWoken - nWoken;
+    };
+    CTestTimer handlers[] = {CTestTimer(post), CTestTimer(post), CTestTimer(post)};
+    for (int i = 0; i < 3; ++i) {
+        PostTo(queue, post);
+        timers.ScheduleTimer(&handlers[i], nullptr, CCmTimeValue(), 1);
+        calendar.ScheduleTimer(&handlers[i], nullptr, CCmTimeValue(), 1);
+    }
     CCmEventQueueBase::EventsType events;
     queue.PopPendingEventsWithLock(events, 3, nullptr);
     queue.ProcessEvents(events);
-    EXPECT_EQ(0, nWokenInside);
     EXPECT_EQ(1, pReactor->m_nWoken);
-    YieldUntil([&] { return fate.m_nFired == 3; });
+    EXPECT_EQ(3, timers.CheckExpire(nullptr));
+    EXPECT_EQ(2, pReactor->m_nWoken);
+    EXPECT_EQ(3, calendar.Tick());
+    EXPECT_EQ(3, pReactor->m_nWoken);
+    EXPECT_EQ(0, nWokenInside);
+    YieldUntil([&] { return fate.m_nFired == 9; });
 
-    EXPECT_EQ(CM_OK, link.PostEventQuietly(new CTestEvent(fate)));
-    EXPECT_EQ(2, pReactor->m_nWoken);  // there is nothing to wait for
-    YieldUntil([&] { return fate.m_nFired == 4; });
+    post();
+    EXPECT_EQ(1, nWokenInside) << "there is nothing to wait for";
+    YieldUntil([&] { return fate.m_nFired == 10; });
 }
 
 TEST(ThreadTest, WhatWasPostedBehindTheStopIsDestroyedUnrun) {
