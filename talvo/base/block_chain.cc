@@ -9,6 +9,19 @@ CCmChainPtr NewBlock(DWORD aSize) {
     return pBlock && pBlock->GetTopLevelSpace() == aSize ? std::move(pBlock) : nullptr;
 }
 
+CCmChainPtr DuplicateUnread(const CCmMessageBlock& aChain) {
+    CBlockChain views;
+    for (const CCmMessageBlock* pMb = &aChain; pMb; pMb = pMb->GetNext()) {
+        if (pMb->GetTopLevelLength() == 0)
+            continue;
+        CCmChainPtr pView(CCmMessageBlock(*pMb, pMb->GetTopLevelLength()).DuplicateTopLevel());
+        if (!pView)
+            return nullptr;
+        views.Append(std::move(pView));
+    }
+    return views.Take();
+}
+
 CBlockChain& CBlockChain::operator=(CBlockChain&& aRight) noexcept {
     Clear();
     Append(aRight.Take());

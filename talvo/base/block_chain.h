@@ -12,6 +12,10 @@ namespace talvo {
 // A new block of its own, with room for aSize bytes; null: memory ran out.
 TALVO_API CCmChainPtr NewBlock(CmDword aSize);
 
+// Blocks with the unread bytes of aChain only: of foreign memory no others are copied, and there is no space behind them. Null:
+// there are none, or memory ran out.
+TALVO_API CCmChainPtr DuplicateUnread(const CCmMessageBlock& aChain);
+
 // A queue of bytes: they wait for room in a transport, or for the rest of a message. Owns its blocks, all of them DUPLICATED,
 // and frees read ones. An append takes constant time for each block. One thread at a time.
 class TALVO_API CBlockChain {

@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "talvo/base/block_chain.h"
 #include "talvo/connection/protocol/cs_pdu.h"
 
 namespace talvo {
@@ -38,7 +39,7 @@ char* WriteForwardHeader(char* aTo, EForwardFraming aFraming, DWORD aLength) {
 CmResult CForwardPacker::Pack(const CCmMessageBlock& aData, DWORD aLength, const CCmForwardHeader* aHeader,
                               CForwardMessage& aMessage) {
     const BOOL bCopy = aLength <= MAX_COPIED;
-    CCmChainPtr pPayload(bCopy ? nullptr : aData.DuplicateChained());
+    CCmChainPtr pPayload = bCopy ? nullptr : DuplicateUnread(aData);
     aMessage.m_Framing = bCopy ? m_Framing : EForwardFraming::PACKAGE;
     char* pTo = bCopy || pPayload ? Reserve_i(aMessage.GetHeaderLength() + (bCopy ? aLength : 0)) : nullptr;
     if (!pTo)

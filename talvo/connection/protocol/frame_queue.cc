@@ -30,21 +30,6 @@ DWORD CountPieces(const CCmMessageBlock* aChain, DWORD& aBytes) {
     return dwPieces;
 }
 
-// Views on the unread bytes only: of foreign memory only these are copied, and there is no space after them that the queue
-// might use. Null: memory ran out.
-CCmChainPtr DuplicateUnread(const CCmMessageBlock& aChain) {
-    CBlockChain views;
-    for (const CCmMessageBlock* pMb = &aChain; pMb; pMb = pMb->GetNext()) {
-        if (pMb->GetTopLevelLength() == 0)
-            continue;
-        CCmChainPtr pView(CCmMessageBlock(*pMb, pMb->GetTopLevelLength()).DuplicateTopLevel());
-        if (!pView)
-            return nullptr;
-        views.Append(std::move(pView));
-    }
-    return views.Take();
-}
-
 }  // namespace
 
 CmResult CFrameQueue::Send(ICmTransport& aTransport, const void* aHeader, DWORD aHeaderLen, CCmMessageBlock& aPayload) {
