@@ -86,6 +86,14 @@ CForwardUpcall CForwardUpcalls::Take() {
     return upcall;
 }
 
+void CForwardUpcalls::Drop(DWORD aId) {
+    Guard guard(m_Mutex);
+    for (CForwardUpcall& upcall : m_Upcalls) {
+        if (upcall.m_dwId == aId)
+            upcall.m_dwId = 0;
+    }
+}
+
 CForwardProxyCore::CForwardProxyCore(ICmForwardSink& aSink, CCmThreadLink& aUser, CCmThreadLink& aNetwork)
     : CProxyCore(aUser, aNetwork), m_pSink(&aSink) {
     ++s_Live;
@@ -142,7 +150,12 @@ CmResult CForwardProxyCore::AddReceiver(ICmTransport* aTransport, const CCmForwa
 }
 
 CmResult CForwardProxyCore::RemoveReceiver(DWORD aId, CmResult aReason) {
-    return Call_i([&](CForwardCore& aCore) { return aCore.RemoveReceiver(aId, aReason); });
+    return Call_i([&](CForwardCore& aCore) {
+        const CmResult rv = aCore.RemoveReceiver(aId, aReason);
+        if (rv == CM_OK)
+            m_Upcalls.Drop(aId);
+        return rv;
+    });
 }
 
 CmResult CForwardProxyCore::SetOption(DWORD aCommand, void* aArg) {
@@ -273,7 +286,8 @@ void CForwardProxyCore::PostUpcall_i(const CForwardUpcall& aUpcall) {
 void CForwardProxyCore::MakeUpcalls_i() {
     for (size_t n = m_Upcalls.GetCount(); n > 0; --n) {
         const CForwardUpcall upcall = m_Upcalls.Take();
-        if (ICmForwardSink* pSink = m_pSink)
+        ICmForwardSink* pSink = m_pSink;
+        if (pSink && upcall.m_dwId != 0)
             MakeUpcall_i(*pSink, upcall);
     }
 }

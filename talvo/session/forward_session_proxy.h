@@ -50,8 +50,10 @@ public:
     BOOL Reserve(DWORD aCount);
     void Add(const CForwardUpcall& aUpcall);
     size_t GetCount();
-    // The oldest one; there must be one.
+    // The oldest one; there must be one. Id 0: no upcall.
     CForwardUpcall Take();
+    // Those of this receiver are not due any more.
+    void Drop(DWORD aId);
 
 private:
     CCmMutexThread m_Mutex;

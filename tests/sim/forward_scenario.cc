@@ -140,6 +140,8 @@ public:
         ActInside();
     }
     void OnJoin(DWORD aId) override {
+        if (!m_Model.Find(aId))
+            m_Network.Fail("OnJoin of a receiver that is gone");
         ActInside();
         if (m_pSession && m_Model.Find(aId)) {
             Look();
