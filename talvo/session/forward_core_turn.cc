@@ -29,8 +29,9 @@ CmResult CForwardCore::AddReceiver(ICmTransport* aTransport, const CCmForwardRec
     m_dwMaxOfReceivers = std::min(m_dwMaxOfReceivers, pReceiver->GetMaxMessage());
     m_ullLeastNeeded = std::min(m_ullLeastNeeded, pReceiver->GetCursor().GetFirstNeeded(m_Log));
     m_ullLeastNeededKey = std::min(m_ullLeastNeededKey, pReceiver->GetCursor().GetFirstNeededKey());
-    if (aOptions.m_dwMaxMilliseconds > 0)
-        m_dwLeastMilliseconds = std::min(m_dwLeastMilliseconds - 1, aOptions.m_dwMaxMilliseconds - 1) + 1;  // 0: no limit
+    m_dwLeastMilliseconds = std::min(m_dwLeastMilliseconds - 1, aOptions.m_dwMaxMilliseconds - 1) + 1;  // 0: no limit
+    if (m_dwLeastMilliseconds > 0)
+        m_dwLeastMilliseconds = std::min(m_dwLeastMilliseconds, CForwardCursor::MOST_MILLISECONDS);
     RaiseBound_i(pReceiver->GetCursor());
     CM_TRACE(CM_TRACE_SESSION,
              "CForwardCore::AddReceiver, id=" << dwId << " label=" << aOptions.m_strLabel << " this=" << this);
@@ -185,6 +186,8 @@ void CForwardCore::ReportRoom_i() {
 }
 
 CmResult CForwardCore::GetStatistics(CCmForwardStatistics& aStatistics, DWORD aId) const {
+    if (m_bClosed)
+        return CM_ERROR_NOT_AVAILABLE;
     const DWORD dwTick = GetRecentTick();
     const CForwardReceiver* pReceiver = aId != 0 ? m_Receivers.Find(aId) : nullptr;
     if (aId != 0 && !pReceiver)
@@ -222,7 +225,7 @@ CCmString CForwardCore::Dump() const {
         strDump += " lag_ms=" + std::to_string(aOf.m_ullLagMilliseconds) + " longest=" + std::to_string(aOf.m_ullLongestLag) +
                    " refused=" + std::to_string(aOf.m_ullRefused) + '\n';
     };
-    const BOOL bDone = WithMemory([&] {
+    const BOOL bDone = !m_bClosed && WithMemory([&] {
         CCmForwardStatistics all;
         GetStatistics(all, 0);
         add("session receivers=" + std::to_string(all.m_dwReceivers) + " forwarded=" +

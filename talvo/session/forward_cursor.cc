@@ -9,8 +9,6 @@ namespace {
 
 constexpr DWORD NO_LIMIT = std::numeric_limits<DWORD>::max();
 
-constexpr DWORD MOST_MILLISECONDS = 0x7FFFFFFF;  // half of the range of ticks
-
 DWORD LimitOf(DWORD aOption) { return aOption > 0 ? aOption : NO_LIMIT; }
 DWORD HalfOf(DWORD aLimit) { return aLimit == NO_LIMIT ? NO_LIMIT : aLimit / 2; }
 

@@ -15,6 +15,8 @@ namespace talvo {
 // Before the log drops messages, it must be up to date with all that it does not need: see Settle.
 class TALVO_API CForwardCursor {
 public:
+    static constexpr DWORD MOST_MILLISECONDS = 0x7FFFFFFF;  // half of the range of ticks; a higher limit is this one
+
     CForwardCursor(const CForwardLog& aLog, const CCmForwardReceiverOptions& aOptions);
 
     ECmForwardPolicy GetPolicy() const { return static_cast<ECmForwardPolicy>(m_byPolicy); }

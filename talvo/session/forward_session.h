@@ -51,7 +51,7 @@ struct CCmForwardHeader {
     };
 
     uint64_t m_ullKey = 0;  // the message replaces the earlier ones of this key; 0: it has no key
-    CmDword m_dwFlags = 0;  // KEY_MESSAGE, or 0
+    CmDword m_dwFlags = 0;  // KEY_MESSAGE, or 0; other bits are ignored
 };
 
 // Commands of ICmForwardSession::SetOption; the argument points at a CmDword, at least 1 unless stated. A lower limit applies
@@ -75,13 +75,15 @@ class TALVO_API ICmForwardSink {
 public:
     // The receiver is gone, and its transport is closed and released. aReason: that of the transport's OnDisconnect or the
     // result of its SendData; CM_ERROR_PARTIAL_DATA: its policy has removed it. CM_ERROR_INVALID_ARG: it was due a message
-    // that is longer than its transport can take, forwarded before AddReceiver. Does not come after RemoveReceiver and Close.
+    // that is longer than its transport can take, forwarded before AddReceiver. Does not come after a RemoveReceiver or a Close
+    // that has returned CM_OK.
     virtual void OnReceiver(CmDword aId, CmResult aReason) = 0;
 
     // Forward has returned CM_ERROR_PARTIAL_DATA; now it can take messages again. One call for any number of such returns.
     virtual void OnForward() = 0;
 
-    // Comes once after AddReceiver, before the first message to this receiver. Inside it the user may send data of his own to
+    // Comes once after AddReceiver, before the first message to this receiver, unless it was removed or its transport has
+    // ended before. Inside it the user may send data of his own to
     // the transport, which precedes the messages; data that the transport refuses here stays the user's loss.
     virtual void OnJoin(CmDword aId) = 0;
 
@@ -109,8 +111,13 @@ public:
 // CCmConnectionManager::CreateForwardSession makes it. In the network thread, all operations and calls are in that thread. In
 // any other thread it makes a proxy: Forward may then be called from any thread, and each thread's order holds; it takes
 // messages until 1 MiB waits for the network thread. AddReceiver and Close first forward the waiting messages; one that a WAIT
-// receiver holds back counts as forwarded later. The other operations wait for the network thread. After the end of the network
-// thread they return CM_ERROR_NOT_AVAILABLE. The last release closes the session as Close(CM_OK) does.
+// receiver holds back counts as forwarded later. All operations but Forward wait for the network thread; Forward waits only
+// before it refuses a message as too long. After the end of the network thread they return CM_ERROR_NOT_AVAILABLE. The last
+// release closes the session as Close(CM_OK) does.
+//
+// A Forward wakes the network thread if that sleeps. Inside an event or a timer of a thread with a loop, the thread is woken
+// once: when the due events or timers have run, or as soon as 32 KiB wait. A callback that takes long thus delays its messages,
+// by at most a tick of the network thread (10 ms).
 class TALVO_API ICmForwardSession : public ICmReferenceControl {
 public:
     // Adds a receiver, and takes aTransport: the session holds a reference, sends, and finally disconnects and releases it.
@@ -144,11 +151,10 @@ public:
 
     // aStatistics (out): those of a receiver, or with aId 0 the sum of all receivers, present and gone, except that the lag is
     // that of the present ones, its age and the longest lag the greatest of any receiver. CM_ERROR_NOT_FOUND: there is no such
-    // receiver.
+    // receiver. CM_ERROR_NOT_AVAILABLE: the session is closed; look before.
     virtual CmResult GetStatistics(CCmForwardStatistics& aStatistics, CmDword aId = 0) = 0;
 
-    // One line for the session and one for each receiver, with its label. Empty: memory ran out, or the network thread has
-    // ended.
+    // One line for the session and one for each receiver, with its label. Empty: memory ran out, or the session is closed.
     virtual CCmString Dump() = 0;
 
     // Disconnects and releases all transports with aReason. CM_OK: messages that the transports can take now are sent before.

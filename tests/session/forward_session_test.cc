@@ -116,8 +116,22 @@ TEST_F(ForwardTest, MisuseHasItsResults) {
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, m_pSession->Close(CM_OK));
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, m_pSession->AddReceiver(pOpen.Get(), {}, dwId));
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, Forward("1234"));
+    CCmForwardStatistics statistics;
+    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, m_pSession->GetStatistics(statistics));
+    EXPECT_EQ("", m_pSession->Dump());
     Turn();
     EXPECT_EQ(Lines{}, m_Sink.Take());
+}
+
+TEST_F(ForwardTest, AMessageKeepsOnlyItsOwnBytesOfForeignMemory) {
+    const std::string strAll(1 << 20, 'x');
+    CCmMessageBlock part = ViewOf(strAll);
+    part.AdvanceTopLevelReadPtr((1 << 20) - 2000);
+    talvo::CForwardMessage message;
+    EXPECT_EQ(CM_OK, talvo::CForwardPacker().Pack(part, 2000, nullptr, message));
+    ASSERT_TRUE(message.m_pPayload);
+    message.m_pPayload->RewindChained();
+    EXPECT_EQ(2000u, message.m_pPayload->GetTopLevelSpace());
 }
 
 TEST_F(ForwardTest, ALongBacklogHoldsUpNoForward) {
@@ -403,6 +417,12 @@ TEST(ForwardProxyTest, MessagesThatWaitPrecedeALaterReceiver) {
     });
     EXPECT_EQ(4u, StatisticsOf(*pSession).m_Forwarded.m_ullMessages);
     EXPECT_EQ(0u, StatisticsOf(*pSession, dwLate).m_Due.m_ullMessages);
+    // Its OnJoin waits in this thread.
+    EXPECT_EQ(CM_OK, pSession->RemoveReceiver(dwLate, CM_OK));
+    BOOL bRun = FALSE;
+    PostTo(network.Main(), [&] { bRun = TRUE; });
+    network.RunUntil([&] { return bRun; });
+    EXPECT_EQ(Lines{"join 1"}, sink.m_Lines);
     EXPECT_EQ(CM_OK, pSession->Close(CM_OK));
 }
 
