@@ -7,8 +7,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "talvo/connection/protocol/framed_sending.h"
 #include "talvo/session/forward_message.h"
+#include "talvo/transport/framed_sending.h"
 
 namespace talvo {
 

@@ -1,11 +1,9 @@
 #include "talvo/session/forward_message.h"
 
-#include <arpa/inet.h>
-
 #include <cstring>
 
 #include "talvo/base/block_chain.h"
-#include "talvo/connection/protocol/cs_pdu.h"
+#include "talvo/transport/frame_header.h"
 
 namespace talvo {
 
@@ -27,13 +25,10 @@ void WritePayload(char* aTo, const CCmMessageBlock& aData) {
 }  // namespace
 
 char* WriteForwardHeader(char* aTo, EForwardFraming aFraming, DWORD aLength) {
-    if (aFraming == EForwardFraming::PACKAGE)
-        *aTo++ = static_cast<char>(CS_PDU_TYPE_DATA_NORMAL);
     if (aFraming == EForwardFraming::NONE)
         return aTo;
-    const DWORD dwLength = htonl(aLength);
-    std::memcpy(aTo, &dwLength, sizeof dwLength);
-    return aTo + sizeof dwLength;
+    const bool bPackage = aFraming == EForwardFraming::PACKAGE;
+    return WriteFrameHeader(aTo, bPackage ? IFramedSending::PACKAGE : IFramedSending::LENGTH, aLength);
 }
 
 CmResult CForwardPacker::Pack(const CCmMessageBlock& aData, DWORD aLength, const CCmForwardHeader* aHeader,

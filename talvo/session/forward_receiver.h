@@ -6,9 +6,9 @@
 #include "talvo/base/ref_ptr.h"
 #include "talvo/base/reference_control.h"
 #include "talvo/connection/protocol/frame_queue.h"
-#include "talvo/connection/protocol/framed_sending.h"
 #include "talvo/session/forward_chain.h"
 #include "talvo/session/forward_cursor.h"
+#include "talvo/transport/framed_sending.h"
 
 namespace talvo {
 

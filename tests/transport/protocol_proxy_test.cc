@@ -120,6 +120,42 @@ TEST_F(ProtocolProxyTest, TooLongAMessageIsRefusedBeforeItIsQueued) {
     EXPECT_EQ(Texts({"eleven char"}), connection.Seen());
 }
 
+// Copied and shared messages leave together, by sends that a small socket takes in part, and arrive together.
+TEST_F(ProtocolProxyTest, MessagesOfAllSizesStayWholeAndInOrder) {
+    constexpr unsigned COUNT = 2000;
+    const auto message = [](unsigned aNumber) {
+        const unsigned uMost = aNumber % 16 == 0 ? 20000 : aNumber % 5 == 0 ? 1100 : 90;
+        return Pattern(1 + aNumber * 7919 % uMost, aNumber);
+    };
+    for (const DWORD dwKind : {CCmConnectionManager::CTYPE_PDU_LENGTH, CCmConnectionManager::CTYPE_PDU_PACKAGE}) {
+        CTestConnectSink server, client;
+        CCmInetAddr addr;
+        const DWORD dwType = CCmConnectionManager::CTYPE_TCP | dwKind;
+        const auto pAcceptor = CTestNetwork::Listen(server, addr, dwType);
+        const auto pConnector = CTestNetwork::MakeConnector(dwType);
+        pConnector->AsycConnect(&client, addr);
+        m_Network.RunUntil([&] { return server.Count() == 1 && client.Count() == 1; });
+        ICmTransport& from = *client.m_Transports.at(0);
+        ICmTransport& to = *server.m_Transports.at(0);
+        CTestSink sender(from), receiver(to);
+        Set(from, CM_OPT_TRANSPORT_SNDBUF, 20000);
+        receiver.m_Receive = [&] {
+            if (receiver.m_nReceives % 300 != 0)
+                return;
+            Set(to, CM_OPT_TRANSPORT_PAUSE_READING, TRUE);
+            PostTo(m_Network.Main(), [&] { Set(to, CM_OPT_TRANSPORT_PAUSE_READING, FALSE); });
+        };
+        unsigned uSent = 0;
+        m_Network.RunUntil([&] {
+            while (uSent < COUNT && SendText(from, message(uSent)) == CM_OK)
+                ++uSent;
+            return receiver.m_Received.size() == COUNT;
+        });
+        for (unsigned n = 0; n < COUNT; ++n)
+            ASSERT_TRUE(receiver.m_Received[n] == message(n)) << n << " of type " << dwType;
+    }
+}
+
 // The last that hold the core and the connection let go inside a call of the connection.
 TEST_F(ProtocolProxyTest, TheConnectionEndsInsideASend) {
     const auto refuse = [](CFakeLower& aFake) { aFake.m_dwRoom = 0; };

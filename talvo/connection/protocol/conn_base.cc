@@ -29,6 +29,7 @@ CmResult CConnBase::OpenWithSink(ICmTransportSink* aSink) {
         return CM_ERROR_INVALID_ARG;
     if (m_wStatus == CS_STATUS_NOT_CONNECTED)
         return CM_ERROR_NOT_AVAILABLE;
+    m_pFrameSink = nullptr;
     if (!std::exchange(m_pSink, aSink))
         Opened_i();
     return CM_OK;

@@ -6,6 +6,7 @@
 #include "talvo/connection/protocol/conn_owner.h"
 #include "talvo/event/timer_delete.h"
 #include "talvo/transport/drained_transport.h"
+#include "talvo/transport/frame_sink.h"
 
 // A protocol connection is a transport for the upper layer, over another transport. It belongs to the network thread, as do all
 // its upcalls. The last release ends it as Disconnect(CM_OK) does. A timer deletes the object, after the current call has
@@ -69,6 +70,11 @@ protected:
     // counts.
     void NoteFailure_i(ECmFailureCause aCause, const char* aText);
 
+    // As IFramedSending::SetFrameSink.
+    void SetFrameSink_i(talvo::IFrameSink* aSink) { m_pFrameSink = aSink; }
+    // Null: the sink takes messages only, or there is none.
+    talvo::IFrameSink* GetFrameSink_i() const { return m_pSink ? m_pFrameSink : nullptr; }
+
     // Values of the transport below; CM_ERROR_NOT_AVAILABLE without one. The addresses, the type and the last failure are also
     // available after the end.
     CmResult SetTransportOption_i(CmDword aCommand, void* aArg);
@@ -85,6 +91,7 @@ private:
     void EndInOrder_i(CmBool aCut) override;
     CmResult GetKeptOption_i(CmDword aCommand, void* aArg);
 
+    talvo::IFrameSink* m_pFrameSink = nullptr;  // not owned; of m_pSink
     bool m_bReleased = false;
     ECmFailureCause m_Cause = CM_FAILURE_NONE;
     const char* m_pFailureText = nullptr;

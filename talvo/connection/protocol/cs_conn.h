@@ -8,9 +8,9 @@
 #include "talvo/connection/protocol/conn_liveness.h"
 #include "talvo/connection/protocol/connection_options.h"
 #include "talvo/connection/protocol/direct_sending.h"
-#include "talvo/connection/protocol/framed_sending.h"
 #include "talvo/connection/protocol/pdu_reader.h"
 #include "talvo/transport/connection_type.h"
+#include "talvo/transport/framed_sending.h"
 
 //   upper layer         SendData                              OnReceive, OnSend, OnDisconnect
 //                          |                                       ^
@@ -49,6 +49,7 @@ public:
     // For a thread proxy, which frames messages itself.
     EFraming GetFraming() const override { return m_bNeedACK || m_bDatagrams ? NOT_FRAMED : PACKAGE; }
     CmResult SendFrames(CCmMessageBlock& aFrames, const talvo::IFrameLengths& aLengths, CmDword& aTaken) override;
+    void SetFrameSink(talvo::IFrameSink* aSink) override { SetFrameSink_i(aSink); }
     // The commands of ECsOption and, of ECmTransportOption, 141 and 144 to 146. All others go to the transport below,
     // CM_ERROR_NOT_AVAILABLE without one.
     CmResult SetOption(CmDword aCommand, void* aArg) override;
@@ -166,6 +167,8 @@ private:
     // Receiving.
     CmBool IsMine_i(ICmTransport* aTrpt);
     CmBool TakePdu_i(CCmTransportParameter* aPara);
+    talvo::CWholeFrames FindFrames_i(const char*& aFrames) const;
+    CmBool PassFrames_i(const char* aFrames, const talvo::CWholeFrames& aWhole);
     CmBool TakeData_i(CCmTransportParameter* aPara);
     CmResult Deliver_i(CmDword aLength, CCmTransportParameter* aPara);
     CmBool ReadDataLength_i();

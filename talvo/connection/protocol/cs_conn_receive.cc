@@ -53,6 +53,9 @@ void CCsConn::DropDatagramRest_i() {
 
 // TRUE: there may be another one.
 BOOL CCsConn::TakePdu_i(CCmTransportParameter* aPara) {
+    const char* pFrames = nullptr;
+    if (const talvo::CWholeFrames frames = FindFrames_i(pFrames); frames.m_dwCount > 0)
+        return PassFrames_i(pFrames, frames);
     if (m_Reader.GetType() == CS_PDU_TYPE_NONE && !GetPDUType())
         return Refuse_i("CCsConn::OnReceive(), Invalid PDU type, m_byType=");
     const BYTE byType = m_Reader.GetType();
@@ -91,6 +94,27 @@ BOOL CCsConn::TakePdu_i(CCmTransportParameter* aPara) {
         break;
     }
     return Refuse_i("CCsConn::OnReceive, Invalid PDU type, Drop it. m_byType=");
+}
+
+// None: the next PDU is no small data PDU or not complete, or the sink takes messages only.
+talvo::CWholeFrames CCsConn::FindFrames_i(const char*& aFrames) const {
+    if (!GetFrameSink_i() || m_wStatus != CS_STATUS_CONNECTED || m_Reader.GetType() != CS_PDU_TYPE_NONE ||
+        GetFraming() != PACKAGE)
+        return {};
+    DWORD dwLength = 0;
+    aFrames = m_Reader.GetBorrowed(dwLength);
+    return talvo::FindWholeFrames(aFrames, dwLength, PACKAGE, m_dwMaxMessage);
+}
+
+// FALSE: the transport was lost inside the upcall.
+BOOL CCsConn::PassFrames_i(const char* aFrames, const talvo::CWholeFrames& aWhole) {
+    const ICmTransport* pTransport = m_pTransport.Get();
+    m_Reader.Skip(aWhole.m_dwLength);
+    GetFrameSink_i()->OnFrames(aFrames, aWhole.m_dwLength, aWhole.m_dwCount);
+    if (m_pTransport.Get() != pTransport || m_wStatus == CS_STATUS_NOT_CONNECTED)
+        return FALSE;
+    SetReceived_i(m_dwReceived + aWhole.m_dwLength);
+    return TRUE;
 }
 
 BOOL CCsConn::Refuse_i(const char* aText) {

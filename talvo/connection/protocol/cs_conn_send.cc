@@ -6,7 +6,10 @@
 #include "talvo/base/trace.h"
 #include "talvo/connection/protocol/cs_conn.h"
 #include "talvo/transport/datagram.h"
+#include "talvo/transport/frame_header.h"
 #include "talvo/transport/transport_linger.h"
+
+static_assert(talvo::FRAME_TYPE == CS_PDU_TYPE_DATA_NORMAL);
 
 namespace {
 

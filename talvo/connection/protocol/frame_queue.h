@@ -2,7 +2,7 @@
 #pragma once
 
 #include "talvo/base/block_chain.h"
-#include "talvo/connection/protocol/framed_sending.h"
+#include "talvo/transport/framed_sending.h"
 #include "talvo/transport/transport_interface.h"
 
 namespace talvo {

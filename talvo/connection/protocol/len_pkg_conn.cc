@@ -130,13 +130,35 @@ void CLenPkgConn::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportP
     if (!m_pTransport)
         return;
     CmResult rv = m_Receive.Borrow(aData);
-    while (rv == CM_OK && m_Receive.GetLength() >= m_dwNeeded && (m_dwMessageLen > 0 ? TakeMessage_i(aPara) : ReadLength_i())) {
+    while (rv == CM_OK && m_Receive.GetLength() >= m_dwNeeded && TakeNext_i(aPara)) {
     }
     // The current length was accepted; bytes beyond it come from one read only.
     if (rv == CM_OK)
         rv = m_Receive.Keep(m_dwNeeded);
     if (rv != CM_OK)
         OnDisconnect(CM_ERROR_OUT_OF_MEMORY, m_pTransport.Get());
+}
+
+// FALSE: the connection has ended.
+BOOL CLenPkgConn::TakeNext_i(CCmTransportParameter* aPara) {
+    if (m_dwMessageLen > 0)
+        return TakeMessage_i(aPara);
+    const char* pFrames = nullptr;
+    const talvo::CWholeFrames frames = FindFrames_i(pFrames);
+    if (frames.m_dwCount == 0)
+        return ReadLength_i();
+    m_Receive.Skip(frames.m_dwLength);
+    GetFrameSink_i()->OnFrames(pFrames, frames.m_dwLength, frames.m_dwCount);
+    return bool{m_pTransport};
+}
+
+// None: the next message is large, invalid or not complete, or the sink takes messages only.
+talvo::CWholeFrames CLenPkgConn::FindFrames_i(const char*& aFrames) const {
+    if (!GetFrameSink_i() || m_wStatus == CS_STATUS_NOT_CONNECTED)
+        return {};
+    DWORD dwLength = 0;
+    aFrames = m_Receive.GetBorrowed(dwLength);
+    return talvo::FindWholeFrames(aFrames, dwLength, LENGTH, GetMaxMessage_i());
 }
 
 // FALSE: the connection has ended.

@@ -5,8 +5,8 @@
 #include "talvo/connection/protocol/conn_base.h"
 #include "talvo/connection/protocol/connection_options.h"
 #include "talvo/connection/protocol/frame_queue.h"
-#include "talvo/connection/protocol/framed_sending.h"
 #include "talvo/connection/protocol/receive_chain.h"
+#include "talvo/transport/framed_sending.h"
 
 namespace talvo {
 class CConnServerList;
@@ -39,6 +39,7 @@ public:
     // For a thread proxy, which frames messages itself.
     EFraming GetFraming() const override { return LENGTH; }
     CmResult SendFrames(CCmMessageBlock& aFrames, const talvo::IFrameLengths& aLengths, CmDword& aTaken) override;
+    void SetFrameSink(talvo::IFrameSink* aSink) override { SetFrameSink_i(aSink); }
 
     // CS_OPT_MAX_MESSAGE_LEN, CM_OPT_TRANSPORT_UNACKNOWLEDGED, _MAX_MESSAGE and _CORK. All others go to the transport below,
     // CM_ERROR_NOT_AVAILABLE without one. While corked, up to 64 KiB are gathered. While reading is paused, messages from an
@@ -74,6 +75,8 @@ private:
     CmResult SendData_i(CCmMessageBlock& aData, CmDword aLength);
     CmResult SendPending_i();
     CmBool ReadLength_i();
+    CmBool TakeNext_i(CCmTransportParameter* aPara);
+    talvo::CWholeFrames FindFrames_i(const char*& aFrames) const;
     CmBool TakeMessage_i(CCmTransportParameter* aPara);
     void Reset4Recv();
     void Reset();

@@ -35,6 +35,8 @@ public:
     void SetLength(CmDword aLength) { m_dwLength = aLength; }
     // Copies the first aCount bytes, which must exist, without consuming them.
     void Peek(void* aDst, CmDword aCount) const { m_Received.Peek(aDst, aCount); }
+    // See CReceiveChain.
+    const char* GetBorrowed(CmDword& aLength) const { return m_Received.GetBorrowed(aLength); }
     // Takes a PDU without payload.
     void TakeFixed(CCsPduBase& aPdu);
     // Takes the complete header of a data PDU; the payload comes next.

@@ -32,6 +32,12 @@ public:
     // Copies the first aCount bytes without consuming them. FALSE: there are fewer.
     CmBool Peek(void* aDst, CmDword aCount) const;
 
+    // The borrowed bytes, if there are no others. aLength (out): their number, 0 if there are others.
+    const char* GetBorrowed(CmDword& aLength) const {
+        aLength = m_dwOwn == 0 ? m_dwBorrowed : 0;
+        return m_pBorrowed;
+    }
+
     // Drops the first aCount bytes, which must exist.
     void Skip(CmDword aCount);
 

@@ -4,6 +4,7 @@
 #include "talvo/transport/connection_type.h"
 #include "talvo/transport/datagram.h"
 #include "talvo/transport/network_buffers.h"
+#include "talvo/transport/thread_proxy/frame_run.h"
 #include "talvo/transport/thread_proxy/proxy_queues.h"
 
 namespace talvo {
@@ -89,9 +90,36 @@ void CMessageLane::ReadOptions(ICmTransport& aTransport) {
     DWORD dwMax = 0;
     const CmResult rv = aTransport.GetOption(CM_OPT_TRANSPORT_MAX_MESSAGE, &dwMax);
     m_dwMaxMessage = rv == CM_OK ? dwMax : NO_LIMIT;
+    m_pFramed = dynamic_cast<IFramedSending*>(&aTransport);
+    if (m_pFramed && m_pFramed->GetFraming() == IFramedSending::NOT_FRAMED)
+        m_pFramed = nullptr;
+}
+
+IFramedSending::EFraming CMessageLane::GetFraming() const {
+    return m_pFramed ? m_pFramed->GetFraming() : IFramedSending::NOT_FRAMED;
+}
+
+void CMessageLane::SetFrameSink(IFrameSink* aSink) {
+    if (m_pFramed)
+        m_pFramed->SetFrameSink(aSink);
+}
+
+// aSent (out): FALSE: the first message cannot be sent as a frame now, and nothing is done.
+CmResult CMessageLane::SendFrames_i(CProxyBatch& aBatch, BOOL& aSent) {
+    CFrameRun run(aBatch.m_Waiting, m_dwMaxMessage);
+    DWORD dwTaken = 0;
+    const CmResult rv = run.IsEmpty() ? CM_ERROR_NOT_AVAILABLE : m_pFramed->SendFrames(run.GetFrames(), run, dwTaken);
+    aSent = rv != CM_ERROR_NOT_AVAILABLE || dwTaken > 0;
+    aBatch.PopSeveral(dwTaken);
+    return rv;
 }
 
 CmResult CMessageLane::SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) {
+    if (BOOL bSent = FALSE; m_pFramed && !aBatch.m_Waiting.IsFrontInUse()) {
+        const CmResult rvFrames = SendFrames_i(aBatch, bSent);
+        if (bSent)
+            return rvFrames;
+    }
     CCmMessageBlock& message = aBatch.m_Waiting.Front();
     const DWORD dwLength = message.GetChainedLength();
     const DWORD dwBlocks = aBatch.m_Waiting.IsFrontCopied() ? 0 : CountBlocks(message);

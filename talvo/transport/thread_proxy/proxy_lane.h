@@ -5,6 +5,7 @@
 #include <variant>
 
 #include "talvo/base/block_chain.h"
+#include "talvo/transport/framed_sending.h"
 #include "talvo/transport/message_list.h"
 #include "talvo/transport/network_buffers.h"
 #include "talvo/transport/transport_interface.h"
@@ -16,6 +17,8 @@ struct CProxyBatch {
     CmBool IsEmpty() const { return m_Joined.IsEmpty() && m_Waiting.IsEmpty(); }
     // The first entry is finished, sent or lost.
     void Pop(CmDword aCost, CmDword aBlocks);
+    // The first aCount messages are sent.
+    void PopSeveral(CmDword aCount) { m_ullGone += m_Waiting.PopSeveral(aCount, m_dwGoneBlocks); }
     void Clear();
 
     CMessageList m_Waiting;
@@ -42,10 +45,14 @@ public:
     // aLength (out): bytes of aData. CM_ERROR_INVALID_ARG: it can never be sent.
     virtual CmResult Check(const CCmMessageBlock& aData, CmDword& aLength) const;
     // The cost of that many bytes in the queues; 0: there is no data to send.
-    virtual CmDword CostOf(CmDword aLength) const { return aLength; }
+    CmDword CostOf(CmDword aLength) const { return aLength + m_dwOverhead; }
 
     // Reads the transport's options that are relevant here: at first, and after each change.
     virtual void ReadOptions(ICmTransport&) {}
+    // The framing for the copies in the queues, after the first ReadOptions.
+    virtual IFramedSending::EFraming GetFraming() const { return IFramedSending::NOT_FRAMED; }
+    // aSink, which has opened the transport, takes frames, too.
+    virtual void SetFrameSink(IFrameSink*) {}
     // TRUE: a received chunk of that many bytes is the last of its report, and the user is notified at once.
     virtual CmBool EndsReport(CmDword) const { return CM_FALSE; }
     // Sends a part of aBatch, which must not be empty. CM_OK: continue. Else the transport's result. The connection may end
@@ -53,10 +60,12 @@ public:
     virtual CmResult SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) = 0;
 
 protected:
-    explicit CProxyLane(EKind aKind) : m_Kind(aKind) {}
+    // aOverhead: the cost besides the bytes.
+    explicit CProxyLane(EKind aKind, CmDword aOverhead = 0) : m_Kind(aKind), m_dwOverhead(aOverhead) {}
 
 private:
     const EKind m_Kind;
+    const CmDword m_dwOverhead;
 };
 
 // Raw bytes: queued data is joined, up to 64 pieces a call.
@@ -75,29 +84,33 @@ private:
 // Raw datagrams: one a call, taken or lost whole.
 class CDatagramLane final : public CProxyLane {
 public:
-    CDatagramLane() : CProxyLane(DATAGRAMS) {}
+    CDatagramLane() : CProxyLane(DATAGRAMS, OVERHEAD) {}
 
     CmResult Check(const CCmMessageBlock& aData, CmDword& aLength) const override;
-    CmDword CostOf(CmDword aLength) const override { return aLength + OVERHEAD; }  // an empty one takes room too
     CmResult SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) override;
 
 private:
-    static constexpr CmDword OVERHEAD = 128;
+    static constexpr CmDword OVERHEAD = 128;  // an empty one takes room too
 };
 
-// A protocol connection's messages: one a call. Such a call may do anything to the connection.
+// A protocol connection's messages: as frames, many a call, or one a call. Such a call may do anything to the connection.
 class CMessageLane final : public CProxyLane {
 public:
     CMessageLane() : CProxyLane(MESSAGES) {}
 
     CmResult Check(const CCmMessageBlock& aData, CmDword& aLength) const override;
     void ReadOptions(ICmTransport& aTransport) override;
+    IFramedSending::EFraming GetFraming() const override;
+    void SetFrameSink(IFrameSink* aSink) override;
     CmResult SendNext(ICmTransport& aTransport, CProxyBatch& aBatch) override;
 
 private:
     static constexpr CmDword NO_LIMIT = CCmMessageBlock::MOST_LENGTH - 1;
 
+    CmResult SendFrames_i(CProxyBatch& aBatch, CmBool& aSent);
+
     std::atomic<CmDword> m_dwMaxMessage{NO_LIMIT};  // the connection's last value
+    IFramedSending* m_pFramed = nullptr;            // the transport, if it takes frames
 };
 
 // The one of the three for a connection type.

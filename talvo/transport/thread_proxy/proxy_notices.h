@@ -31,6 +31,8 @@ public:
         m_bAny = !m_Notices.empty();
     }
 
+    CmBool HasAny() const { return m_bAny; }
+
     // Takes the first one that is due behind so many chunks. FALSE: there is none. Costs next to nothing without notices.
     CmBool Take(uint64_t aChunks, CProxyNotice& aNotice) {
         if (!m_bAny)

@@ -33,6 +33,11 @@ DWORD CountBlocks(const CCmMessageBlock& aChain) {
     return dwBlocks;
 }
 
+void CProxyQueue::SetFraming(IFramedSending::EFraming aFraming) {
+    Guard guard(m_Mutex);
+    m_Chains.SetFraming(aFraming);
+}
+
 void CProxyQueue::SetLimit(DWORD aLimit) {
     Guard guard(m_Mutex);
     m_Limit.Set(aLimit);
@@ -108,10 +113,25 @@ CmResult CProxyReceiveQueue::Push(const CCmMessageBlock& aChunk, DWORD aLength, 
     Guard guard(m_Mutex);
     if (!AddTo(m_Chains, std::move(pChain), aChunk, aLength))
         return CM_ERROR_OUT_OF_MEMORY;
-    m_ullWaiting += uint64_t{aLength} + CHUNK_COST;
-    aStop = !m_bStopped && m_ullWaiting > m_Limit.Get();
-    m_bStopped = m_bStopped || aStop;
+    aStop = Added_l(uint64_t{aLength} + CHUNK_COST);
     return CM_OK;
+}
+
+CmResult CProxyReceiveQueue::PushFrames(const char* aFrames, DWORD aLength, DWORD aCount, BOOL& aStop) {
+    Guard guard(m_Mutex);
+    if (!m_Chains.AddFrames(aFrames, aLength, aCount))
+        return CM_ERROR_OUT_OF_MEMORY;
+    const DWORD dwHeader = FrameHeaderLength(m_Chains.GetFraming());
+    aStop = Added_l(aLength + uint64_t{aCount} * (CHUNK_COST - dwHeader));
+    return CM_OK;
+}
+
+// TRUE: reading must stop.
+BOOL CProxyReceiveQueue::Added_l(uint64_t aCost) {
+    m_ullWaiting += aCost;
+    const BOOL bStop = !m_bStopped && m_ullWaiting > m_Limit.Get();
+    m_bStopped = m_bStopped || bStop;
+    return bStop;
 }
 
 BOOL CProxyReceiveQueue::Take(CMessageList& aChunks) {

@@ -32,6 +32,9 @@ CmDword CountBlocks(const CCmMessageBlock& aChain);
 // The common part of both queues. Any thread.
 class CProxyQueue {
 public:
+    // See CMessageList. Before the first push.
+    void SetFraming(IFramedSending::EFraming aFraming);
+
     void SetLimit(CmDword aLimit);
     void GrowLimit(CmDword aBuffer);
     CmDword GetLimit();
@@ -95,6 +98,8 @@ public:
     // Takes aChunk, of aLength bytes, as the send queue does. CM_ERROR_OUT_OF_MEMORY. aStop (out): the queue exceeds its limit,
     // and reading must stop.
     CmResult Push(const CCmMessageBlock& aChunk, CmDword aLength, CmBool aMayCopy, CmBool& aStop);
+    // The same for a message in each of aCount frames, aLength bytes, see CMessageList.
+    CmResult PushFrames(const char* aFrames, CmDword aLength, CmDword aCount, CmBool& aStop);
     // Moves all queued data to the empty aChunks. FALSE: no data.
     CmBool Take(CMessageList& aChunks);
     // The user has received chunks of that cost. TRUE: reading was stopped and can continue.
@@ -103,6 +108,8 @@ public:
     CmBool IsStopped();
 
 private:
+    CmBool Added_l(uint64_t aCost) CM_REQUIRES(m_Mutex);
+
     CmBool m_bStopped CM_GUARDED_BY(m_Mutex) = CM_FALSE;
 };
 

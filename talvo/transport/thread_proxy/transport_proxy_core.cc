@@ -46,6 +46,10 @@ void CTransportProxyCore::Start(ICmTransport* aProxy) {
     if (m_Lane->IsStream())
         AskForLargeReads(*m_pTransport);
     m_Lane->ReadOptions(*m_pTransport);
+    m_Batch.m_Waiting.SetFraming(m_Lane->GetFraming());
+    m_SendQueue.SetFraming(m_Lane->GetFraming());
+    m_ReceiveQueue.SetFraming(m_Lane->GetFraming());
+    m_Delivering.SetFraming(m_Lane->GetFraming());
     ICmReconnectSink* pReconnectSink = this;
     if (CConnectionType(m_dwType).Has(CConnectionType::RELIABLE))
         m_pTransport->SetOption(CM_OPT_TRANSPORT_RECONNECT_SINK, &pReconnectSink);
@@ -83,7 +87,9 @@ void CTransportProxyCore::Open_i() {
         return;
     m_bOpened = TRUE;
     const CmResult rv = m_pTransport->OpenWithSink(this);
-    if (rv != CM_OK)
+    if (rv == CM_OK && m_pTransport)
+        m_Lane->SetFrameSink(this);
+    else if (rv != CM_OK)
         LostHere_i(rv, "the connection could not be opened");
 }
 
@@ -93,17 +99,28 @@ void CTransportProxyCore::OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTr
     BOOL bStop = FALSE;
     const DWORD dwLength = aData.GetChainedLength();
     const CmResult rv = m_ReceiveQueue.Push(aData, dwLength, m_Lane->IsMessages(), bStop);
-    if (rv != CM_OK && m_Lane->IsDatagrams())
+    if (rv == CM_OK || !m_Lane->IsDatagrams())
+        Received_i(rv, dwLength, 1, bStop);
+}
+
+void CTransportProxyCore::OnFrames(const char* aFrames, DWORD aLength, DWORD aCount) {
+    if (m_pLingerTimers)
         return;
-    if (rv != CM_OK) {
-        LostHere_i(rv, OUT_OF_MEMORY);  // a stream with a gap would be worse
+    BOOL bStop = FALSE;
+    const CmResult rv = m_ReceiveQueue.PushFrames(aFrames, aLength, aCount, bStop);
+    Received_i(rv, aLength, aCount, bStop);
+}
+
+void CTransportProxyCore::Received_i(CmResult aPushed, DWORD aBytes, DWORD aChunks, BOOL aStop) {
+    if (aPushed != CM_OK) {
+        LostHere_i(aPushed, OUT_OF_MEMORY);  // a stream with a gap would be worse
         return;
     }
-    ++m_ullChunks;
-    Moved_i(dwLength);
-    if (bStop)
+    m_ullChunks += aChunks;
+    Moved_i(aBytes);
+    if (aStop)
         ApplyReading_i();
-    if (m_Lane->EndsReport(dwLength))
+    if (m_Lane->EndsReport(aBytes))
         Notify_i();
     else if (!m_UpcallEvent.IsPosted())
         m_NotifyEvent.Post(GetNetwork());

@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "talvo/event/timer_queue.h"
+#include "talvo/transport/frame_sink.h"
 #include "talvo/transport/reconnect_sink.h"
 #include "talvo/transport/thread_proxy/guarded_addr.h"
 #include "talvo/transport/thread_proxy/proxy_core.h"
@@ -35,6 +36,7 @@ namespace talvo {
 // The suspensions of a reliable connection come to the user's reconnect sink at their places between the received chunks.
 class TALVO_API CTransportProxyCore final : public CProxyCore,
                                             public ICmTransportSink,
+                                            public IFrameSink,
                                             public ICmReconnectSink,
                                             public ICmTimerHandler {
 public:
@@ -56,6 +58,7 @@ public:
 
     // From the transport, in the network thread.
     void OnReceive(CCmMessageBlock& aData, ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
+    void OnFrames(const char* aFrames, CmDword aLength, CmDword aCount) override;
     void OnSend(ICmTransport* aTrptId, CCmTransportParameter* aPara) override;
     void OnDisconnect(CmResult aReason, ICmTransport* aTrptId) override;
 
@@ -85,6 +88,7 @@ private:
     CmResult SetSender_i(ICmTransportSink* aSender);
     CmResult StartSender_i();
     void EndSender_i(CmResult aReason);
+    void Received_i(CmResult aPushed, CmDword aBytes, CmDword aChunks, CmBool aStop);
     void AddNotice_i(CProxyNotice aNotice);
     void Notify_i();
     void Drain();

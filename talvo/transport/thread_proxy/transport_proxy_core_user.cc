@@ -62,7 +62,8 @@ CmResult CTransportProxyCore::Enqueue_i(CCmMessageBlock& aData, CCmTransportPara
         GetNetwork().WakeUp();
     if (rv != CM_OK)
         return rv;
-    aData.AdvanceChainedReadPtr(dwLength);
+    if (aData.AdvanceTopLevelReadPtr(dwLength) != CM_OK)
+        aData.AdvanceChainedReadPtr(dwLength);
     if (aPara)
         aPara->m_dwHaveSent = dwLength;
     return CM_OK;
@@ -196,9 +197,11 @@ BOOL CTransportProxyCore::Deliver_i() {
     uint64_t ullTaken = 0;
     for (int nBatch = 0; nBatch < 2; ++nBatch) {
         while (!m_Delivering.IsEmpty() && !m_bPausedByUser) {
-            TellNotices_i();
-            if (m_bPausedByUser)
-                break;
+            if (m_Notices.HasAny()) {
+                TellNotices_i();
+                if (m_bPausedByUser)
+                    break;
+            }
             CCmMessageBlock& chunk = m_Delivering.Front();
             ullTaken += uint64_t{chunk.GetChainedLength()} + CProxyReceiveQueue::CHUNK_COST;
             if (ICmTransportSink* pSink = m_pSink)

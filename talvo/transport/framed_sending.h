@@ -18,7 +18,9 @@ protected:
     ~IFrameLengths() = default;
 };
 
-// A connection that can send frames encoded once for many connections. One thread.
+class IFrameSink;
+
+// A connection that can send frames that another layer has encoded, and pass them up. One thread.
 class IFramedSending {
 public:
     enum EFraming {
@@ -33,6 +35,9 @@ public:
     // CM_ERROR_NOT_AVAILABLE: not connected. CM_ERROR_OUT_OF_MEMORY: the connection has ended with OnDisconnect. Else the
     // transport's result. The lengths of the messages are not checked.
     virtual CmResult SendFrames(CCmMessageBlock& aFrames, const IFrameLengths& aLengths, CmDword& aTaken) = 0;
+
+    // The sink takes frames, too, from now until the next OpenWithSink. Not owned.
+    virtual void SetFrameSink(IFrameSink* aSink) = 0;
 
 protected:
     ~IFramedSending() = default;
