@@ -30,8 +30,8 @@ void* CCmTimerQueueBase::GetDeletionArg() {
     return &s_cArg;
 }
 
-CmResult CCmTimerQueueBase::ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval,
-                                          unsigned long aCount) {
+[[gnu::flatten]] CmResult CCmTimerQueueBase::ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval,
+                                                           unsigned long aCount) {
     if (!aEh)
         return CM_ERROR_INVALID_ARG;
     if (aInterval <= CCmTimeValue::s_tvZero && aCount != 1)

@@ -31,7 +31,8 @@ CCmTimerQueueOrderedList::CCmTimerQueueOrderedList(ICmObserver* aObserver)
 
 CCmTimerQueueOrderedList::~CCmTimerQueueOrderedList() { RunPendingDeletions(); }
 
-int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
+// The steps of the three operations are inlined: their calls took a tenth of the instructions.
+[[gnu::flatten]] int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
     const DWORD dwFound = Find(aNode.m_pEh);
     if (dwFound != NO_SLOT) {
         Reschedule(dwFound, aNode);
@@ -46,7 +47,7 @@ int CCmTimerQueueOrderedList::PushNode_l(const CNode& aNode) {
     return 0;
 }
 
-void CCmTimerQueueOrderedList::Reschedule(DWORD aSlot, const CNode& aNode) {
+[[gnu::noinline, gnu::flatten]] void CCmTimerQueueOrderedList::Reschedule(DWORD aSlot, const CNode& aNode) {
     const CHeapItem item(aNode.m_llExpires, NextOrder(), aSlot);
     const CSlot& slot = m_Slots[aSlot];
     const bool bLater = (slot.m_dwCount == 1) & (aNode.m_dwCount == 1) & (aNode.m_llExpires > slot.m_llTime);
@@ -118,7 +119,7 @@ void CCmTimerQueueOrderedList::DropNodes_l() {
 
 int CCmTimerQueueOrderedList::RePushNode_l(const CNode& aNode) { return PushNode_l(aNode); }
 
-int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
+[[gnu::flatten]] int CCmTimerQueueOrderedList::EraseNode_l(ICmTimerHandler* aEh) {
     const DWORD dwSlot = Find(aEh);
     if (dwSlot == NO_SLOT)
         return 1;
@@ -252,7 +253,7 @@ DWORD CCmTimerQueueOrderedList::NextOrder() {
 }
 
 // Restarts the order numbers above those of the pending timers, whose order does not change. A sorted array is a heap.
-void CCmTimerQueueOrderedList::Renumber() {
+[[gnu::noinline]] void CCmTimerQueueOrderedList::Renumber() {
     for (DWORD dwIndex = ROOT; dwIndex < m_dwEnd; ++dwIndex) {
         const DWORD dwSlot = Item(dwIndex).GetSlot();
         if (IsLate(Item(dwIndex)))
