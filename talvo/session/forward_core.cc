@@ -63,7 +63,7 @@ inline CmResult CForwardCore::Admit_i(DWORD aLength, DWORD aTick) {
 CmResult CForwardCore::Forward(CCmMessageBlock& aData, const CCmForwardHeader* aHeader) {
     if (m_bClosed)
         return CM_ERROR_NOT_AVAILABLE;
-    const DWORD dwLength = aData.GetChainedLength();
+    const DWORD dwLength = aData.GetNext() ? aData.GetChainedLength() : aData.GetTopLevelLength();
     if (dwLength == 0)
         return CM_OK;
     if (dwLength > GetLeastMaxMessage() && dwLength > GetMaxMessage())
@@ -72,10 +72,10 @@ CmResult CForwardCore::Forward(CCmMessageBlock& aData, const CCmForwardHeader* a
     CmResult rv = Admit_i(dwLength, dwTick);
     if (rv != CM_OK)
         return rv;
-    CForwardMessage message;
-    rv = m_Packer.Pack(aData, dwLength, aHeader, message);
-    if (rv == CM_OK)
-        rv = Append_i(message, dwTick);
+    CForwardMessage* pPlace = m_Log.GetPlace();
+    rv = pPlace ? m_Packer.Pack(aData, dwLength, aHeader, *pPlace) : CM_ERROR_OUT_OF_MEMORY;
+    if (rv == CM_OK && (rv = Append_i(dwLength, dwTick)) != CM_OK)
+        *pPlace = {};
     if (rv == CM_OK && aData.AdvanceTopLevelReadPtr(dwLength) != CM_OK)
         aData.AdvanceChainedReadPtr(dwLength);  // several blocks
     return rv;
@@ -90,7 +90,14 @@ CmResult CForwardCore::ForwardMessage(CForwardMessage& aMessage) {
         return rv;
     if (dwLength > GetLeastMaxMessage())
         RemoveTooSmall_i(dwLength);
-    return Append_i(aMessage, dwTick);
+    CForwardMessage* pPlace = m_Log.GetPlace();
+    if (!pPlace)
+        return CM_ERROR_OUT_OF_MEMORY;
+    *pPlace = std::move(aMessage);
+    const CmResult rv = Append_i(dwLength, dwTick);
+    if (rv != CM_OK)
+        aMessage = std::move(*pPlace);
+    return rv;
 }
 
 // Those that joined after the length of the message was checked.
@@ -241,9 +248,9 @@ BOOL CForwardCore::IsHeldBack_i(DWORD aTick) const {
     return bHeldBack;
 }
 
-CmResult CForwardCore::Append_i(CForwardMessage& aMessage, DWORD aTick) {
-    const DWORD dwLength = aMessage.m_dwLength;
-    if (const CmResult rv = m_Log.Append(std::move(aMessage), aTick); rv != CM_OK)
+// The message is in its place in the log.
+CmResult CForwardCore::Append_i(DWORD aLength, DWORD aTick) {
+    if (const CmResult rv = m_Log.Append(aTick); rv != CM_OK)
         return rv;
     while (m_Log.GetKeyCount() > m_dwKeys && !m_bServing)
         ForgetKey_i();
@@ -255,7 +262,7 @@ CmResult CForwardCore::Append_i(CForwardMessage& aMessage, DWORD aTick) {
     if (m_dwLeastMilliseconds > 0 && (!m_bTimer || static_cast<int32_t>(m_dwTimerTick - dwDue) > 0))
         StartTimer_i(m_dwLeastMilliseconds);
     ++m_dwUnserved;
-    m_dwUnservedBytes += dwLength;
+    m_dwUnservedBytes += aLength;
     const BOOL bMany = m_dwUnserved >= MANY_MESSAGES || m_dwUnservedBytes >= MANY_BYTES;
     if (!bMany || m_bServing || ServeAll_i())
         m_Turn.Arm();

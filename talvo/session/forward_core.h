@@ -69,7 +69,7 @@ private:
     void ReleaseKey_i(uint64_t aNumber);
     void RemoveTooSmall_i(DWORD aLength);
     BOOL IsHeldBack_i(DWORD aTick) const;
-    CmResult Append_i(CForwardMessage& aMessage, DWORD aTick);
+    CmResult Append_i(DWORD aLength, DWORD aTick);
     void StartTimer_i(DWORD aMilliseconds);
     void OnTimer(CCmTimerWrapperID* aId) override;
     // Turns.

@@ -59,9 +59,30 @@ DWORD CForwardRange::CountWithin(DWORD aBytes, DWORD& aRest) const {
     return dwCount;
 }
 
-CmResult CForwardLog::Append(CForwardMessage&& aMessage, DWORD aTick) {
-    if (GetCount() == m_Ring.size() && Grow_i() != CM_OK)
+CmResult CForwardLog::Append(DWORD aTick) {
+    CForwardEntry& entry = Entry_i(m_ullEnd);
+    const DWORD dwLength = entry.m_Message.m_dwLength;
+    entry.m_bReplaced = entry.m_bKeyForgotten = false;
+    entry.m_ullBytesBefore = m_ullBytesForwarded;
+    entry.m_dwKeylessBefore = m_dwKeyless;
+    entry.m_dwKeylessBytesBefore = m_dwKeylessBytes;
+    entry.m_dwTime = aTick;
+    if ((entry.m_Message.HasKey() || entry.m_Message.IsKeyMessage()) && AppendKeyed_i(entry.m_Message) != CM_OK)
         return CM_ERROR_OUT_OF_MEMORY;
+    if (!entry.m_Message.HasKey()) {
+        ++m_dwKeyless;
+        m_dwKeylessBytes += dwLength;
+    }
+    entry.m_wRun = FindRun_i(entry.m_Message);
+    m_dwLongest = std::max(m_dwLongest, dwLength);
+    m_ullBytes += dwLength;
+    m_ullBytesForwarded += dwLength;
+    ++m_ullEnd;
+    return CM_OK;
+}
+
+// The indexes of key messages and of keys. CM_ERROR_OUT_OF_MEMORY: unchanged.
+CmResult CForwardLog::AppendKeyed_i(const CForwardMessage& aMessage) {
     if (aMessage.IsKeyMessage() && !WithMemory([&] { m_KeyMessages.insert(m_KeyMessages.end(), m_ullEnd); }))
         return CM_ERROR_OUT_OF_MEMORY;
     BOOL bNewKey = FALSE;
@@ -70,34 +91,21 @@ CmResult CForwardLog::Append(CForwardMessage&& aMessage, DWORD aTick) {
         m_KeyMessages.erase(m_ullEnd);
         return CM_ERROR_OUT_OF_MEMORY;
     }
-    const DWORD dwLength = aMessage.m_dwLength;
-    const DWORD dwKeyless = aMessage.HasKey() ? 0 : 1;
-    const WORD wRun = FindRun_i(aMessage);
     m_bKeyMessage = m_bKeyMessage || aMessage.IsKeyMessage();
-    CForwardEntry& entry = Entry_i(m_ullEnd);
-    entry.m_Message = std::move(aMessage);
-    entry.m_ullBytesBefore = m_ullBytesForwarded;
-    entry.m_dwKeylessBefore = m_dwKeyless;
-    entry.m_dwKeylessBytesBefore = m_dwKeylessBytes;
-    entry.m_dwTime = aTick;
-    entry.m_wRun = wRun;
-    entry.m_bReplaced = entry.m_bKeyForgotten = false;
     if (pKey)
-        UseKey_i(*pKey, bNewKey, dwLength);
-    m_dwKeyless += dwKeyless;
-    m_dwKeylessBytes += dwKeyless * dwLength;
-    m_dwLongest = std::max(m_dwLongest, dwLength);
-    m_ullBytes += dwLength;
-    m_ullBytesForwarded += dwLength;
-    ++m_ullEnd;
+        UseKey_i(*pKey, bNewKey, aMessage.m_dwLength);
     return CM_OK;
 }
 
 // The run of the next message.
 WORD CForwardLog::FindRun_i(const CForwardMessage& aMessage) {
-    const BOOL bGoesOn =
-        !aMessage.m_pPayload && aMessage.GetStorage() == m_pRunEnd && aMessage.m_Framing == m_RunFraming && GetCount() > 0;
-    m_pRunEnd = aMessage.m_pPayload ? nullptr : aMessage.GetStorage() + aMessage.GetStored();
+    if (aMessage.m_pPayload) {
+        m_pRunEnd = nullptr;
+        return ++m_wRun;
+    }
+    const char* pStorage = aMessage.GetStorage();
+    const BOOL bGoesOn = pStorage == m_pRunEnd && aMessage.m_Framing == m_RunFraming && GetCount() > 0;
+    m_pRunEnd = pStorage + aMessage.GetHeaderLength() + aMessage.m_dwLength;
     m_RunFraming = aMessage.m_Framing;
     return bGoesOn ? m_wRun : ++m_wRun;
 }

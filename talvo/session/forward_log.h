@@ -68,8 +68,13 @@ public:
     // last call.
     uint64_t FindFirstWithoutKey() const;
 
-    // Adds aMessage as number GetEnd(), at the time aTick. CM_ERROR_OUT_OF_MEMORY: unchanged.
-    CmResult Append(CForwardMessage&& aMessage, DWORD aTick);
+    // The place of the next message, so that none is moved; it is empty. Null: memory ran out.
+    CForwardMessage* GetPlace() {
+        return GetCount() < m_Ring.size() || Grow_i() == CM_OK ? &Entry_i(m_ullEnd).m_Message : nullptr;
+    }
+    // Adds the message in that place as number GetEnd(), at the time aTick. CM_ERROR_OUT_OF_MEMORY: it is not added; take it
+    // out of its place.
+    CmResult Append(DWORD aTick);
     // Removes the messages before aNumber; the newest of a key is kept. The log must have them.
     void DropTo(uint64_t aNumber);
     void DropFirst() { DropTo(m_ullBegin + 1); }
@@ -105,6 +110,7 @@ private:
 
     CForwardEntry& Entry_i(uint64_t aNumber) { return m_Ring[aNumber & (m_Ring.size() - 1)]; }
     CmResult Grow_i();
+    CmResult AppendKeyed_i(const CForwardMessage& aMessage);
     WORD FindRun_i(const CForwardMessage& aMessage);
     CKey* ReserveKey_i(uint64_t aKey, BOOL& aNew);
     void UseKey_i(CKey& aKey, BOOL aNew, DWORD aLength);

@@ -34,18 +34,19 @@ char* WriteForwardHeader(char* aTo, EForwardFraming aFraming, DWORD aLength) {
 CmResult CForwardPacker::Pack(const CCmMessageBlock& aData, DWORD aLength, const CCmForwardHeader* aHeader,
                               CForwardMessage& aMessage) {
     const BOOL bCopy = aLength <= MAX_COPIED;
+    const EForwardFraming framing = bCopy ? m_Framing : EForwardFraming::PACKAGE;
     CCmChainPtr pPayload = bCopy ? nullptr : DuplicateUnread(aData);
-    aMessage.m_Framing = bCopy ? m_Framing : EForwardFraming::PACKAGE;
-    char* pTo = bCopy || pPayload ? Reserve_i(aMessage.GetHeaderLength() + (bCopy ? aLength : 0)) : nullptr;
+    char* pTo = bCopy || pPayload ? Reserve_i(HeaderLengthOf(framing) + (bCopy ? aLength : 0)) : nullptr;
     if (!pTo)
         return CM_ERROR_OUT_OF_MEMORY;
     aMessage.m_pBlock = Share_i();
     aMessage.m_pPayload = std::move(pPayload);
     aMessage.m_ullKey = aHeader ? aHeader->m_ullKey : 0;
     aMessage.m_byFlags = aHeader ? static_cast<BYTE>(aHeader->m_dwFlags) : BYTE{0};
+    aMessage.m_Framing = framing;
     aMessage.m_dwOffset = static_cast<DWORD>(pTo - m_pBlock->GetBasePtr());
     aMessage.m_dwLength = aLength;
-    pTo = WriteForwardHeader(pTo, aMessage.m_Framing, aLength);
+    pTo = WriteForwardHeader(pTo, framing, aLength);
     if (bCopy)
         WritePayload(pTo, aData);
     return CM_OK;

@@ -55,7 +55,7 @@ public:
     void SetFraming(EForwardFraming aFraming) { m_Framing = aFraming; }
     EForwardFraming GetFraming() const { return m_Framing; }
 
-    // aLength: that of aData, which is not consumed. CM_ERROR_OUT_OF_MEMORY.
+    // aLength: that of aData, which is not consumed. aMessage (out) is empty before. CM_ERROR_OUT_OF_MEMORY: it stays empty.
     CmResult Pack(const CCmMessageBlock& aData, DWORD aLength, const CCmForwardHeader* aHeader, CForwardMessage& aMessage);
 
     // Moves a copied payload into storage of its own, so that it does not keep that of other messages. CM_ERROR_OUT_OF_MEMORY:
