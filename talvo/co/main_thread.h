@@ -43,7 +43,7 @@ public:
         if (owns_library_)
             end_library();
         if (reactor_)
-            exists_ = false;
+            CCmThreadManager::ReleaseMainThread();
     }
 
     // CM_ERROR_ALREADY_INITIALIZED: another object exists, or another thread is the library's main thread.
@@ -92,13 +92,14 @@ public:
 
 private:
     CmResult start() {
-        if (exists_.exchange(true))
-            return CM_ERROR_ALREADY_INITIALIZED;
-        const CmResult code = CCmThreadManager::IsEqualCurrentThread(CCmThreadManager::TT_MAIN) ? CM_OK : start_library();
+        CmResult code = CCmThreadManager::ClaimMainThread();
+        if (code != CM_OK)
+            return code;
+        code = CCmThreadManager::IsEqualCurrentThread(CCmThreadManager::TT_MAIN) ? CM_OK : start_library();
         if (code == CM_OK)
             reactor_ = CCmThreadManager::Instance()->GetThreadReactor(CCmThreadManager::TT_MAIN);
         else
-            exists_ = false;
+            CCmThreadManager::ReleaseMainThread();
         return code;
     }
 
@@ -136,8 +137,6 @@ private:
             std::_Exit(128 + signal);
         stop(signal_base_ == 0 ? 0 : signal_base_ + signal);
     }
-
-    static inline std::atomic<bool> exists_{false};
 
     const application_settings settings_;
     ICmReactor* reactor_ = nullptr;  // null: the start has failed

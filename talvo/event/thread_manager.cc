@@ -23,6 +23,8 @@ std::atomic<CCmThreadManager*> s_pInstance{nullptr};
 alignas(CCmThreadManager) unsigned char s_Memory[sizeof(CCmThreadManager)];  // for the instance, so that its creation needs no
                                                                              // memory
 
+std::atomic<bool> s_bMainThreadClaimed{false};
+
 using Guard = CCmMutexGuardT<CCmMutexThread>;
 using SingletonGuard = CCmMutexGuardT<CCmMutexThreadRecursive>;
 
@@ -80,6 +82,12 @@ CmResult CCmThreadManager::InitMainThread(int, char**) {
         return CreateReactorThread(TT_MAIN, pReactor, pThread);
     return CreateUserTaskThread(pThread, TF_JOINABLE, TRUE, TT_MAIN);
 }
+
+CmResult CCmThreadManager::ClaimMainThread() {
+    return s_bMainThreadClaimed.exchange(true) ? CM_ERROR_ALREADY_INITIALIZED : CM_OK;
+}
+
+void CCmThreadManager::ReleaseMainThread() { s_bMainThreadClaimed = false; }
 
 CmResult CCmThreadManager::SetNetworkThreadMode(ENetworkThreadMode aMode) {
     Guard guard(m_Mutex);

@@ -63,6 +63,12 @@ public:
     // registered already. Other failures: the reactor could not be opened.
     CmResult InitMainThread(int aArgc, char** aArgv);
 
+    // For an object that owns the life of the main thread, an application for example: one at a time in the process, in all its
+    // shared objects. CM_OK: the caller is the owner until it calls ReleaseMainThread. CM_ERROR_ALREADY_INITIALIZED: there is
+    // an owner.
+    static CmResult ClaimMainThread();
+    static void ReleaseMainThread();
+
     // Sets the mode, before the connection manager's first Instance. Without this call the configuration key "NetworkThread" in
     // section "Thread" ("own" or "main") sets it. CM_ERROR_ALREADY_INITIALIZED: there is a network thread.
     CmResult SetNetworkThreadMode(ENetworkThreadMode aMode);

@@ -4,6 +4,7 @@
 #include <csignal>
 
 #include "tests/co/co_fixture.h"
+#include "tests/co/second_application.h"
 
 namespace {
 
@@ -12,6 +13,7 @@ TEST(ApplicationTest, RunsATaskAndRefusesASecondOne) {
     ASSERT_TRUE(app) << app.error();
     talvo::application second;
     EXPECT_EQ(talvo::errc::already_initialized, second.error());
+    EXPECT_EQ(talvo::errc::already_initialized, StartSecondApplication());
     second.stop(1);  // not the loop of the first one
     app.spawn([](talvo::application& aSecond) -> talvo::task<> {
         EXPECT_EQ(talvo::errc::already_initialized, (co_await aSecond.connect("127.0.0.1:1", talvo::tcp)).error());
