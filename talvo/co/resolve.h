@@ -1,6 +1,7 @@
 // Looks up host names.
 #pragma once
 
+#include <new>
 #include <vector>
 
 #include "talvo/co/address.h"
@@ -58,10 +59,14 @@ private:
             outcome_ = make_error_code(CM_ERROR_NETWORK_DNS_FAILURE);
             return;
         }
-        std::vector<address> found;
-        for (const CIpBytes& each : record.GetAddresses())
-            found.push_back(CCmInetAddr(each, name_->port()));
-        outcome_ = std::move(found);
+        try {
+            std::vector<address> found;
+            for (const CIpBytes& each : record.GetAddresses())
+                found.push_back(CCmInetAddr(each, name_->port()));
+            outcome_ = std::move(found);
+        } catch (const std::bad_alloc&) {
+            outcome_ = make_error_code(CM_ERROR_OUT_OF_MEMORY);
+        }
     }
 
     result<address> name_;
