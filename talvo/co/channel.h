@@ -18,7 +18,7 @@ public:
 
 private:
     void OnReceive(CCmMessageBlock& data, ICmTransport*, CCmTransportParameter*) override {
-        if (ends_halves_ && data.GetChainedLength() == 0)
+        if (ends_halves_ && data.GetTopLevelLength() == 0 && data.GetChainedLength() == 0)
             take_half_end();
         else
             take_data(data);

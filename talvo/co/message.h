@@ -15,6 +15,7 @@ namespace talvo {
 
 namespace detail {
 class stream;
+class receive_awaiter;
 class loan_scope;
 }  // namespace detail
 
@@ -63,6 +64,7 @@ public:
 
 private:
     friend class detail::stream;
+    friend class detail::receive_awaiter;
     friend class detail::loan_scope;
 
     // A view on bytes of the library. loan is reset when the message no longer uses them, and points at the message until then.

@@ -252,12 +252,17 @@ public:
         awaiting_ = awaiting;
         stream_->receiver_ = this;
     }
-    result<message> await_resume() noexcept { return std::move(outcome_); }
+    result<message> await_resume() noexcept {
+        if (lent_)
+            return message(*lent_, stream_->loan_);
+        return std::move(outcome_);
+    }
 
 private:
     friend class stream;
 
     CCmRefPtrT<stream> stream_;
+    CCmMessageBlock* lent_ = nullptr;  // instead of outcome_: the data of the upcall under way
     result<message> outcome_;
     std::coroutine_handle<> awaiting_;
 };
@@ -309,7 +314,7 @@ private:
 // The receiver gets the data without a copy, for as long as it does not suspend.
 inline void stream::lend(CCmMessageBlock& data) {
     receive_awaiter& receiver = *std::exchange(receiver_, nullptr);
-    receiver.outcome_ = message(data, loan_);
+    receiver.lent_ = &data;
     const loan_scope scope(loan_);
     receiver.awaiting_.resume();
     if (loan_)
