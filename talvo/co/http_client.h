@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cerrno>
+#include <charconv>
 
 #include "talvo/co/connection.h"
 #include "talvo/co/stream.h"
@@ -122,7 +123,7 @@ struct header {
 
 // A request. What its members refer to must stay until it has been sent; trivial, see connect_options.
 struct request {
-    std::string_view url = {};             // http or https
+    std::string_view url = {};             // http or https; a port is 1 to 65,535
     std::string_view method = "GET";       // a token
     std::span<const header> headers = {};  // besides those that the library sets
     std::string_view content_type = {};    // "": none
@@ -214,6 +215,19 @@ private:
 
 namespace detail {
 
+// The port of a URL that CCmHttpUrl has taken is missing, or 1 to 65,535. CCmHttpUrl makes a port of any text.
+inline bool has_valid_port(std::string_view url) {
+    std::string_view authority = url.substr(url.find("://") + 3);
+    authority = authority.substr(0, authority.find('/'));
+    const std::size_t colon = authority.find(':', authority.starts_with('[') ? authority.find(']') : 0);
+    if (colon == authority.npos || colon + 1 == authority.size())
+        return true;
+    const char* const end = authority.data() + authority.size();
+    uint16_t port = 0;
+    const auto [last, error] = std::from_chars(authority.data() + colon + 1, end, port);
+    return error == std::errc() && last == end && port > 0;
+}
+
 inline CmResult set_headers(ICmChannelHttpClient& native, const http::request& what) {
     const auto set = [&](CCmHttpAtom name, std::string_view value) {
         return name ? native.SetRequestHeader(name, std::string(value)) : CM_ERROR_INVALID_ARG;
@@ -263,6 +277,8 @@ inline result<exchange> start(const request& what) {
     CCmRefPtrT<CCmHttpUrl> url;
     CCmRefPtrT<ICmChannelHttpClient> native;
     CmResult code = manager.CreateUrl(url.ParaOut(), std::string(what.url));
+    if (code == CM_OK && !detail::has_valid_port(what.url))
+        code = CM_ERROR_INVALID_ARG;
     if (code == CM_OK)
         code = manager.CreateChannelHttpClient(native.ParaOut(), url.Get(), what.proxy ? CCmChannelManager::BROWSER_PROXY : 0);
     if (code == CM_OK)

@@ -126,7 +126,10 @@ TEST_F(CoHttpTest, HandlersAnswerAndFaultsHaveTheirStatus) {
         const auto put = (co_await http::fetch({.url = "http://10.0.0.1/throw", .method = "PUT"})).value();
         EXPECT_TRUE(put.status() == 405 && put.header("Allow") == "GET, HEAD, POST");
         EXPECT_EQ(500, (co_await http::get(Url("/throw"))).value().status());
-        EXPECT_EQ(std::errc::invalid_argument, (co_await http::get("nonsense")).error());
+        for (const char* szUrl :
+             {"nonsense", "http://10.0.0.1:65616/", "http://10.0.0.1:80x/", "http://a:b@10.0.0.1/", "http://[::1]:0"})
+            EXPECT_EQ(std::errc::invalid_argument, (co_await http::get(szUrl)).error()) << szUrl;
+        EXPECT_EQ(404, (co_await http::get("http://10.0.0.1:/no/where")).value().status());
         EXPECT_EQ(std::errc::connection_refused, (co_await http::get("http://10.0.0.9/")).error());
     }());
     EXPECT_THROW(std::rethrow_exception(m_Failed), std::runtime_error);
