@@ -122,9 +122,13 @@ struct header {
 };
 
 // A request. What its members refer to must stay until it has been sent; trivial, see connect_options.
+//
+// The library compares methods and names of headers without regard to case, and keeps one spelling of each. Those of HTTP have
+// the usual one ("GET", "Content-Type"). Any other has that of its first use in the process, also by a peer: "purge" leaves as
+// "PURGE" if that text came first. A server that distinguishes them may then refuse the method.
 struct request {
     std::string_view url = {};             // http or https; a port is 1 to 65,535
-    std::string_view method = "GET";       // a token
+    std::string_view method = "GET";       // a token, see above
     std::span<const header> headers = {};  // besides those that the library sets
     std::string_view content_type = {};    // "": none
     std::string_view body = {};            // the whole body

@@ -75,7 +75,8 @@ public:
     incoming(incoming&&) noexcept = default;
     incoming& operator=(incoming&&) noexcept = default;
 
-    // "GET".
+    // "GET". Another method than those of HTTP is in the spelling of its first use in the process, see request: compare it
+    // without regard to case.
     std::string_view method() const { return channel_ ? static_cast<const char*>(request().GetMethod()) : ""; }
     // As received.
     std::string_view target() const { return channel_ ? std::string_view(request().GetRequestURI()) : ""; }
