@@ -1,6 +1,7 @@
 // HTTP clients of coroutines.
 #pragma once
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 
@@ -260,7 +261,8 @@ inline CmResult set_body(ICmChannelHttpClient& native, std::string_view body) {
 inline CmResult set_options(ICmChannelHttpClient& native, const http::request& what) {
     uint32_t redirects = what.redirects;
     CmResult code = native.SetOption(CM_OPT_CHANNEL_MAX_REDIRECTS, &redirects);
-    auto silence = static_cast<uint32_t>(std::chrono::ceil<std::chrono::milliseconds>(what.silence).count());
+    const int64_t wait = std::chrono::ceil<std::chrono::milliseconds>(what.silence).count();
+    auto silence = static_cast<uint32_t>(std::clamp<int64_t>(wait, 0, UINT32_MAX));
     if (code == CM_OK && silence > 0)
         code = native.SetOption(CM_OPT_CHANNEL_SILENCE_TIMEOUT, &silence);
     if (code == CM_OK && what.tls) {
