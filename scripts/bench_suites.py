@@ -172,7 +172,7 @@ def programs_of(talvo, suite, peers):
 ECHO = {"epoll": "bench_echo_epoll"} | programs_of("talvo_bench_echo", "echo", MORE_PEERS)
 ECHO_PEERS = ("uv", "ev", "event", "asio")
 COROUTINES = {"sinks": "talvo_bench_echo"}
-COROUTINES |= programs_of("bench_coroutines_talvo", "coroutines", {"callbacks": "callbacks", "asio": "asio"})
+COROUTINES |= programs_of("bench_coroutines_talvo", "coroutines", {"callbacks": "callbacks", "asio": "asio", "asio2": "asio"})
 COROUTINE_LOADS = ["64 B, 1 connection", "64 B, 50 connections", "64 B, 1000 connections", "64 B, 50 x 16 in flight"]
 USERS = {f"{n} thread" + "s" * (n > 1): str(n) for n in (1, 2, 4, 8)}
 GROWTH_TYPES = {kind: kind for kind in ("raw", "length", "package", "keepalive")}
@@ -188,7 +188,7 @@ SUITES = {
     "echo": Suite(ECHO, measure_echo, list(ECHO_LOADS), "epoll", ECHO_PEERS),
     "connections": Suite(ECHO, measure_echo, list(CONNECTION_LOADS), "epoll", ECHO_PEERS),
     "sizes": Suite(ECHO, measure_echo, list(SIZE_LOADS), "epoll", ECHO_PEERS),
-    "coroutines": Suite(COROUTINES, measure_echo, COROUTINE_LOADS, "sinks", ("asio",), ("sinks", "talvo", "callbacks")),
+    "coroutines": Suite(COROUTINES, measure_echo, COROUTINE_LOADS, "sinks", ("asio",), ("sinks", "talvo", "callbacks"), 15),
     "growth": Suite(GROWTH_TYPES, measure_growth, list(GROWTH), "raw", own=tuple(GROWTH_TYPES)),
     "users": Suite(USERS, measure_users, [None], "1 thread", own=tuple(USERS)),
     "udp": Suite(programs_of("bench_udp_talvo", "udp", PEERS), measure_udp, list(UDP_LOADS), "uv", ("uv", "asio")),
