@@ -186,8 +186,6 @@ void CForwardCore::ReportRoom_i() {
 }
 
 CmResult CForwardCore::GetStatistics(CCmForwardStatistics& aStatistics, DWORD aId) const {
-    if (m_bClosed)
-        return CM_ERROR_NOT_AVAILABLE;
     const DWORD dwTick = GetRecentTick();
     const CForwardReceiver* pReceiver = aId != 0 ? m_Receivers.Find(aId) : nullptr;
     if (aId != 0 && !pReceiver)

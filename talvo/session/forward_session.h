@@ -151,7 +151,7 @@ public:
 
     // aStatistics (out): those of a receiver, or with aId 0 the sum of all receivers, present and gone, except that the lag is
     // that of the present ones, its age and the longest lag the greatest of any receiver. CM_ERROR_NOT_FOUND: there is no such
-    // receiver. CM_ERROR_NOT_AVAILABLE: the session is closed; look before.
+    // receiver. The sum stays available after Close. CM_ERROR_NOT_AVAILABLE: the network thread has ended.
     virtual CmResult GetStatistics(CCmForwardStatistics& aStatistics, CmDword aId = 0) = 0;
 
     // One line for the session and one for each receiver, with its label. Empty: memory ran out, or the session is closed.

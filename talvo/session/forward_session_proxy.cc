@@ -167,7 +167,14 @@ CmResult CForwardProxyCore::SetOption(DWORD aCommand, void* aArg) {
 }
 
 CmResult CForwardProxyCore::GetStatistics(CCmForwardStatistics& aStatistics, DWORD aId) {
-    return Call_i([&](CForwardCore& aCore) { return aCore.GetStatistics(aStatistics, aId); });
+    return GetNetwork().Call([&] {
+        if (m_pCore)
+            return m_pCore->GetStatistics(aStatistics, aId);
+        if (aId != 0)
+            return CM_ERROR_NOT_FOUND;
+        aStatistics = m_Last;
+        return CM_OK;
+    });
 }
 
 CCmString CForwardProxyCore::Dump() {
@@ -233,6 +240,7 @@ void CForwardProxyCore::End_i(CmResult aReason) {
         return;
     m_bClosed = TRUE;
     pCore->Close(aReason);
+    pCore->GetStatistics(m_Last, 0);
     Leave_i();
 }
 

@@ -117,6 +117,7 @@ private:
 
     // Network thread only.
     CCmRefPtrT<CForwardCore> m_pCore;         // null: closed
+    CCmForwardStatistics m_Last;              // the sum when it was closed
     std::vector<CForwardMessage> m_Messages;  // from m_stNext on: taken from the queue and not forwarded
     size_t m_stNext = 0;
 };

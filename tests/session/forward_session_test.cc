@@ -116,8 +116,7 @@ TEST_F(ForwardTest, MisuseHasItsResults) {
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, m_pSession->Close(CM_OK));
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, m_pSession->AddReceiver(pOpen.Get(), {}, dwId));
     EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, Forward("1234"));
-    CCmForwardStatistics statistics;
-    EXPECT_EQ(CM_ERROR_NOT_AVAILABLE, m_pSession->GetStatistics(statistics));
+    EXPECT_EQ(0u, StatisticsOf(*m_pSession, 0).m_dwReceivers);
     EXPECT_EQ("", m_pSession->Dump());
     Turn();
     EXPECT_EQ(Lines{}, m_Sink.Take());
@@ -451,6 +450,7 @@ TEST(ForwardProxyTest, AMebibyteWaitsAndNotMore) {
     EXPECT_EQ(CM_OK, ForwardText(*pSession, std::string(12 << 20, 'y')));
     YieldUntil([&] { return StatisticsOf(*pSession, dwId).m_Sent.m_ullMessages == 1; });
     EXPECT_EQ(CM_OK, pSession->Close(CM_OK));
+    EXPECT_EQ(1u, StatisticsOf(*pSession, 0).m_Sent.m_ullMessages);
     std::string strGot;
     network.RunUntil([&] { return ReadToEnd(fdPeer, strGot); });
     EXPECT_EQ(size_t{12 << 20}, strGot.size());
