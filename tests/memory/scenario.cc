@@ -59,7 +59,7 @@ bool EchoAll(CWorld& aWorld, DWORD aType) {
     return bAll;
 }
 
-// OpenSSL's own allocations do not fail: it loses memory then.
+// OpenSSL's own allocations do not fail here; tests/openssl/ makes them fail.
 bool EchoOverTls(CWorld& aWorld) {
     static const bool s_bSafe = CRYPTO_set_mem_functions(
                                     [](size_t aSize, const char*, int) {
