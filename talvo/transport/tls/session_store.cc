@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "talvo/base/clock.h"
+#include "talvo/base/ensure_single_thread.h"
 
 namespace talvo {
 
@@ -50,7 +51,7 @@ void CSessionStore::Keep(const std::string& aServer, ssl_session_st* aSession, s
     const long lSeconds = SecondsOf(aSession);
     if (lSeconds == 0 || TicketSizeOf(aSession) + aCertificates > MOST_BYTES || !SSL_SESSION_is_resumable(aSession))
         return;
-    CEntry entry{CopyOf(aSession), CCmClock::GetTimeOfDayUsec() + int64_t{lSeconds} * 1000000};
+    CEntry entry{CopyOf(aSession), CCmClock::GetTimeOfDayUsec() + int64_t{lSeconds} * 1000000, nullptr};
     const CCmMutexGuardT<CCmMutexThread> guard(m_Mutex);
     CServer& server = m_Servers[aServer];
     server.m_ullUsed = ++m_ullUses;
@@ -83,10 +84,19 @@ CSslSessionPtr CSessionStore::Take(const std::string& aServer, int aLowest, int 
     if (it == sessions.end())
         return nullptr;
     if (SSL_SESSION_get_protocol_version(it->m_pSession.get()) < TLS1_3_VERSION)
-        return CopyOf(it->m_pSession.get());
+        return it->Lend();
     CSslSessionPtr pSession = std::move(it->m_pSession);
     sessions.erase(it);
     return pSession;
+}
+
+CSslSessionPtr CSessionStore::CEntry::Lend() {
+    const DWORD dwThread = cm_thread_self_id();
+    if (!m_pLent || m_dwThread != dwThread || !SSL_SESSION_is_resumable(m_pLent.get()))
+        m_pLent = CopyOf(m_pSession.get());
+    m_dwThread = dwThread;
+    SSL_SESSION_up_ref(m_pLent.get());
+    return CSslSessionPtr(m_pLent.get());
 }
 
 void CSessionStore::Drop(const std::string& aServer, const ssl_session_st* aSession) {

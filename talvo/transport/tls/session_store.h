@@ -29,16 +29,22 @@ public:
 
     // A copy of aSession. aCertificates: the bytes of the peer's. Throws std::bad_alloc.
     void Keep(const std::string& aServer, ssl_session_st* aSession, size_t aCertificates);
-    // The newest one of a version from aLowest to aHighest, a copy; null: none. One of TLS 1.3 leaves the store, since an
-    // observer could link a second use to the first. Throws std::bad_alloc.
+    // The newest one of a version from aLowest to aHighest, for connections of the calling thread; null: none. One of TLS 1.3
+    // leaves the store, since an observer could link a second use to the first. Throws std::bad_alloc.
     CSslSessionPtr Take(const std::string& aServer, int aLowest, int aHighest);
     // Forgets a session of TLS 1.2 that was taken: the server did not resume it.
     void Drop(const std::string& aServer, const ssl_session_st* aSession);
 
 private:
+    // The connections of a thread share a copy of a session of TLS 1.2. OpenSSL marks it when one of them fails, so the next
+    // connection gets a fresh one.
     struct CEntry {
+        CSslSessionPtr Lend();
+
         CSslSessionPtr m_pSession;
-        int64_t m_llUntil;  // CCmClock::GetTimeOfDayUsec
+        int64_t m_llUntil;       // CCmClock::GetTimeOfDayUsec
+        CSslSessionPtr m_pLent;  // null: none
+        DWORD m_dwThread = 0;    // of m_pLent
     };
     struct CServer {
         std::deque<CEntry> m_Sessions;  // the newest first
