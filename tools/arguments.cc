@@ -230,7 +230,9 @@ void DeclarePublish(CLI::App& aApp, Arguments& a) {
         ->option_text("POLICY");
     AddNumber(aApp, "--key-field", a.m_dwKeyField, 1, 1000,
               "The field of a line, counted from 1 and separated by blanks, that is its key");
-    aApp.add_option("--file", a.m_strFile, "File with the lines; by default stdin; a line is cut after 65,536 bytes")
+    aApp.add_option(
+            "--file", a.m_strFile,
+            "File with the lines; by default stdin. A line of 16 MiB or more, or too long for --type, is reported and left out")
         ->option_text("FILE");
     AddNumber(aApp, "--rate", a.m_dwRate, 1, 1000000, "Lines a second; by default no limit");
 }

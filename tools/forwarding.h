@@ -14,6 +14,9 @@ std::vector<std::string> GetJoinNames();
 // aName is one of these.
 ECmForwardPolicy ChoosePolicy(const std::string& aName);
 
+// Bytes of a line. With its end it is one message of a session.
+constexpr size_t LONGEST_LINE = (16 << 20) - 1;
+
 // The subscriber's only line: "join all-keys\n".
 constexpr size_t JOIN_LINE_LIMIT = 64;
 std::string MakeJoinLine(const std::string& aName);

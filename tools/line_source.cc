@@ -15,7 +15,6 @@ namespace tool {
 
 namespace {
 
-constexpr size_t LONGEST_LINE = 65536;
 constexpr int LINES_PER_TURN = 256;  // then the loop handles other handles
 constexpr size_t READ_SIZE = 16384;
 constexpr int64_t SECOND = 1000000;
@@ -24,7 +23,7 @@ ICmReactor& MainReactor() { return *CCmThreadManager::Instance()->GetThreadReact
 
 }  // namespace
 
-LineSource::LineSource(LineSink& aSink, DWORD aRate) : m_Sink(aSink), m_dwRate(aRate), m_Splitter(LONGEST_LINE) {}
+LineSource::LineSource(LineSink& aSink, DWORD aRate, size_t aLongest) : m_Sink(aSink), m_dwRate(aRate), m_Splitter(aLongest) {}
 
 LineSource::~LineSource() {
     Await(false);
@@ -79,7 +78,7 @@ void LineSource::Turn() {
         if (m_nFd < 0)
             return;
         if (!m_bHasLine)
-            m_bHasLine = m_Splitter.Next(m_strLine);
+            m_bHasLine = m_Splitter.Next(m_Line);
         if (!m_bHasLine && m_bAtEnd)
             return Finish("");
         if (!m_bHasLine && m_bPolled)
@@ -98,7 +97,7 @@ void LineSource::Turn() {
 }
 
 bool LineSource::OfferNext() {
-    m_bRefused = !m_Sink.OnLine(m_strLine);
+    m_bRefused = !m_Sink.OnLine(m_Line);
     m_bHasLine = m_bRefused;
     m_ullTaken += !m_bRefused;
     return !m_bRefused;
@@ -119,10 +118,8 @@ bool LineSource::Read() {
     }
     m_Splitter.Feed({buffer, static_cast<size_t>(nRead)});
     m_bAtEnd = nRead == 0;
-    if (m_bAtEnd) {
-        m_strLine = m_Splitter.TakeRest();
-        m_bHasLine = !m_strLine.empty();
-    }
+    if (m_bAtEnd)
+        m_bHasLine = m_Splitter.TakeRest(m_Line);
     return true;
 }
 

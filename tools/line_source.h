@@ -11,16 +11,17 @@ namespace tool {
 class LineSink {
 public:
     // false: not taken. The source stops and offers the same line again after GoOn.
-    virtual bool OnLine(const std::string& aLine) = 0;
+    virtual bool OnLine(const Line& aLine) = 0;
     // The last line was taken. aProblem: "" or why no more can be read.
     virtual void OnEnd(const std::string& aProblem) = 0;
     virtual ~LineSink() = default;
 };
 
-// Reads lines from a terminal, a pipe or a file, at most aRate a second (0: no limit). Main thread.
+// Reads lines from a terminal, a pipe or a file, at most aRate a second (0: no limit), each of at most aLongest bytes. Main
+// thread.
 class LineSource : private ACmEventHandler, private CCmTimerWrapperIDSink {
 public:
-    LineSource(LineSink& aSink, DWORD aRate);
+    LineSource(LineSink& aSink, DWORD aRate, size_t aLongest);
     ~LineSource() override;
     LineSource(const LineSource&) = delete;
     LineSource& operator=(const LineSource&) = delete;
@@ -48,9 +49,9 @@ private:
     bool m_bPolled = false;      // the reactor reports input
     bool m_bRegistered = false;  // now
     bool m_bAtEnd = false;       // of the input
-    bool m_bRefused = false;     // m_strLine waits for GoOn
+    bool m_bRefused = false;     // m_Line waits for GoOn
     bool m_bHasLine = false;
-    std::string m_strLine;
+    Line m_Line;
     LineSplitter m_Splitter;
     CCmTimerWrapperID m_Timer;  // the next turn
     uint64_t m_ullTaken = 0;

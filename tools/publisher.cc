@@ -74,7 +74,10 @@ public:
 };
 
 Publisher::Publisher(const Arguments& aArguments, Application& aApplication, Console& aConsole)
-    : m_Arguments(aArguments), m_Application(aApplication), m_Console(aConsole), m_Source(*this, aArguments.m_dwRate) {}
+    : m_Arguments(aArguments),
+      m_Application(aApplication),
+      m_Console(aConsole),
+      m_Source(*this, aArguments.m_dwRate, LONGEST_LINE) {}
 
 Publisher::~Publisher() {
     if (m_pAcceptor)
@@ -131,7 +134,11 @@ void Publisher::OnReceiver(DWORD aId, CmResult aReason) {
     Peer& peer = *m_Receivers.at(aId);
     ReportDrops(aId, peer);
     const bool bSlow = aReason == CM_ERROR_PARTIAL_DATA;
-    m_Console.Report("receiver " + std::to_string(aId) + (bSlow ? " was too slow and is disconnected" : " has left"),
+    const bool bShort = aReason == CM_ERROR_INVALID_ARG;
+    const char* pEnd = bSlow    ? " was too slow and is disconnected"
+                       : bShort ? " cannot take a line of that length and is disconnected"
+                                : " has left";
+    m_Console.Report("receiver " + std::to_string(aId) + pEnd,
                      JsonLine("left").Add("receiver", aId).Add("slow", bSlow).Add("reason", DescribeResult(aReason)));
     m_Receivers.erase(aId);
     Forget(peer.m_pTransport.Get());
@@ -148,23 +155,35 @@ void Publisher::ReportDrops(DWORD aId, Peer& aPeer) {
                          JsonLine("dropped").Add("receiver", aId).Add("messages", ullNew).Add("all", ullAll));
 }
 
-bool Publisher::OnLine(const std::string& aLine) {
-    const auto dwLength = static_cast<DWORD>(aLine.size() + 1);
-    CCmMessageBlock message(dwLength);
-    message.Write(aLine.data(), dwLength - 1);
+bool Publisher::OnLine(const Line& aLine) {
+    if (!aLine.IsWhole())
+        return SkipLine(aLine);
+    const auto dwLength = static_cast<DWORD>(aLine.m_ullLength);
+    CCmMessageBlock message(dwLength + 1);
+    message.Write(aLine.m_strText.data(), dwLength);
     message.Write("\n", 1);
     CCmForwardHeader header;
-    header.m_ullKey = GetKey(aLine);
+    header.m_ullKey = GetKey(aLine.m_strText);
     const CmResult rv = m_pSession->Forward(message, &header);
-    m_bTooLong = m_bTooLong || rv == CM_ERROR_INVALID_ARG;
     if (rv == CM_ERROR_INVALID_ARG)
-        m_Console.Problem({CAUSE_LOCAL, "a line of " + std::to_string(dwLength - 1) + " bytes is too long and was not sent"});
-    else if (rv != CM_OK && rv != CM_ERROR_PARTIAL_DATA)
+        return SkipLine(aLine);
+    if (rv != CM_OK && rv != CM_ERROR_PARTIAL_DATA)
         Complain({GetCause(rv), "cannot forward: " + DescribeResult(rv)});
     return rv != CM_ERROR_PARTIAL_DATA;
 }
 
+// It is longer than a message of the session, or of a receiver, may be.
+bool Publisher::SkipLine(const Line& aLine) {
+    m_bSkipped = true;
+    m_Console.Problem({CAUSE_LOCAL, "line " + std::to_string(aLine.m_ullNumber) + " was not sent: its " +
+                                        std::to_string(aLine.m_ullLength) + " bytes are too long for one message"},
+                      "name", GetInputName());
+    return true;
+}
+
 void Publisher::OnForward() { m_Source.GoOn(); }
+
+std::string Publisher::GetInputName() const { return m_Arguments.m_strFile.empty() ? "-" : m_Arguments.m_strFile; }
 
 uint64_t Publisher::GetKey(const std::string& aLine) const {
     const std::string_view strField = m_Arguments.m_dwKeyField > 0 ? FieldOf(aLine, m_Arguments.m_dwKeyField) : "";
@@ -200,13 +219,13 @@ void Publisher::FinishWhenSent() {
         return;
     m_Watch.Cancel();
     if (bAll)
-        return m_Application.Finish(m_bTooLong ? EXIT_FAILED : EXIT_OK);
+        return m_Application.Finish(m_bSkipped ? EXIT_FAILED : EXIT_OK);
     Complain({CAUSE_TIMEOUT, std::to_string(statistics.m_Lag.m_ullMessages) +
                                  " messages remain: no receiver has taken one for " + std::to_string(ullSeconds) + " s"});
 }
 
 void Publisher::ComplainOfInput(const std::string& aProblem) {
-    m_Console.Problem({CAUSE_LOCAL, aProblem}, "name", m_Arguments.m_strFile.empty() ? "-" : m_Arguments.m_strFile);
+    m_Console.Problem({CAUSE_LOCAL, aProblem}, "name", GetInputName());
     m_Application.Finish(EXIT_FAILED);
 }
 

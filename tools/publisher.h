@@ -34,7 +34,7 @@ private:
     void OnReceiver(DWORD aId, CmResult aReason) override;
     void OnForward() override;
     void OnJoin(DWORD aId) override;
-    bool OnLine(const std::string& aLine) override;
+    bool OnLine(const Line& aLine) override;
     void OnEnd(const std::string& aProblem) override;
     void OnTimer(CCmTimerWrapperID* aId) override;
 
@@ -42,8 +42,10 @@ private:
     void Forget(ICmTransport* aTransport);
     void ReportDrops(DWORD aId, Peer& aPeer);
     void FinishWhenSent();
+    bool SkipLine(const Line& aLine);
     void ComplainOfInput(const std::string& aProblem);
     void Complain(const Failure& aFailure);
+    std::string GetInputName() const;
     uint64_t GetKey(const std::string& aLine) const;
 
     const Arguments& m_Arguments;
@@ -56,7 +58,7 @@ private:
     LineSource m_Source;
     CCmTimerWrapperID m_Watch;  // for drops, and for the end
     bool m_bEnded = false;      // there are no more lines
-    bool m_bTooLong = false;    // a line was not sent
+    bool m_bSkipped = false;    // a line was too long
     uint64_t m_ullSent = 0;     // messages since then, and the tick when the last one was seen
     DWORD m_dwProgress = 0;
 };

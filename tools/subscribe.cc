@@ -11,8 +11,6 @@ namespace tool {
 
 namespace {
 
-constexpr size_t LONGEST_LINE = 65536;
-
 // Prints each line that the publisher forwards, until the publisher ends. Main thread.
 class Subscriber : private ICmAcceptorConnectorSink, private ICmTransportSink, private CCmTimerWrapperIDSink {
 public:
@@ -45,8 +43,8 @@ private:
     }
     void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
         m_Lines.Feed(aData.FlattenChained());
-        for (std::string strLine; m_Lines.Next(strLine);)
-            m_Console.Result(strLine, JsonLine("message").Add("text", strLine));
+        for (Line line; m_Lines.Next(line);)
+            Show(line);
     }
     void OnSend(ICmTransport*, CCmTransportParameter*) override { m_Outbox.SendRest(*m_pTransport); }
     // The publisher ends a stream in order after its last line; a protocol connection says why.
@@ -64,10 +62,19 @@ private:
                                    std::to_string(CONNECT_SECONDS) + " s"});
     }
 
+    void Show(const Line& aLine) {
+        if (aLine.IsWhole())
+            return m_Console.Result(aLine.m_strText, JsonLine("message").Add("text", aLine.m_strText));
+        m_bLost = true;
+        m_Console.Problem({CAUSE_PROTOCOL, "line " + std::to_string(aLine.m_ullNumber) + " is too long to be shown, " +
+                                               std::to_string(aLine.m_ullLength) + " bytes"},
+                          "peer", cm_address_text(m_Arguments.m_Addr));
+    }
+
     void Finish(const Failure& aFailure) {
         if (aFailure)
             m_Console.Problem(aFailure, "peer", cm_address_text(m_Arguments.m_Addr));
-        m_Application.Finish(aFailure ? EXIT_FAILED : EXIT_OK);
+        m_Application.Finish(aFailure || m_bLost ? EXIT_FAILED : EXIT_OK);
     }
 
     const Arguments& m_Arguments;
@@ -78,6 +85,7 @@ private:
     CCmRefPtrT<ICmTransport> m_pTransport;
     Outbox m_Outbox;
     LineSplitter m_Lines{LONGEST_LINE};
+    bool m_bLost = false;  // a line was not shown
 };
 
 }  // namespace

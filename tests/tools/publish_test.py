@@ -31,6 +31,17 @@ class PublishTest(ProgramTest):
             self.assertEqual(("c\n", "b 2\na 3\nc\n"), tuple(s.communicate(timeout=PATIENCE)[0] for s in (early, late)))
             self.assertEqual((0, 0, 0), (publish.returncode, early.returncode, late.returncode))
 
+    def test_long_lines_arrive_whole_or_are_reported(self):
+        lines = ["a" * 65530, "b" * 65531, "c"]
+        for kind, most in ("tcp", 1 << 24), ("length", 1 << 24), ("package", 65531):
+            publish, server = self.publish("--type", kind)
+            subscribe = self.start("subscribe", "--type", kind, server.address)
+            self.assertEqual("joined", json.loads(publish.stdout.readline())["event"])
+            out = publish.communicate("\n".join(lines), timeout=PATIENCE)[0]
+            self.assertEqual("".join(line + "\n" for line in lines if len(line) < most), subscribe.communicate(timeout=PATIENCE)[0])
+            self.assertEqual((0, "") if most > 65531 else (1, "line 2 was not sent: its 65531 bytes are too long for one message"),
+                             (publish.returncode, json.loads(out)["reason"] if out else ""))
+
     def test_any_reader_of_a_socket_is_a_receiver(self):
         for request, ends in (b"GET / HTTP/1.0\r\n\r\n", False), (b"", True):
             publish, server = self.publish()

@@ -32,15 +32,17 @@ TEST(ToolTextTest, UrlsThatCanBeReadInOneWayAreGood) {
         EXPECT_EQ("", CheckUrl(pGood)) << pGood;
 }
 
-TEST(ToolTextTest, ALineAsLongAsTheLimitIsNotCut) {
+TEST(ToolTextTest, OnlyALineBeyondTheLimitLosesItsText) {
     LineSplitter splitter(4);
-    std::string strLine;
-    splitter.Feed("abcd");
-    EXPECT_FALSE(splitter.Next(strLine));
-    splitter.Feed("\nefghi\n");
-    for (const char* pLine : {"abcd", "efgh", "i"})
-        EXPECT_TRUE(splitter.Next(strLine) && strLine == pLine) << pLine;
-    EXPECT_FALSE(splitter.Next(strLine));
+    Line line;
+    std::string strSeen;
+    for (const char* pPiece : {"abcd", "\nefg", "hi", "jk\n\nl", "mnopqrs"}) {
+        splitter.Feed(pPiece);
+        while (splitter.Next(line))
+            strSeen += std::to_string(line.m_ullNumber) + ":" + std::to_string(line.m_ullLength) + line.m_strText + " ";
+    }
+    EXPECT_TRUE(splitter.TakeRest(line) && !line.IsWhole());
+    EXPECT_EQ("1:4abcd 2:7 3:0 8", strSeen + std::to_string(line.m_ullLength));
 }
 
 TEST(ToolFailureTest, AViolationOfTheProtocolIsNoLocalCause) {
