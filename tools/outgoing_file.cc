@@ -21,6 +21,7 @@ constexpr DWORD PIECE_BYTES = 128 * 1024;
 
 OutgoingFile::OutgoingFile(FileHandle aFile, uint64_t aSize, DWORD aMaxPiece)
     : m_File(std::move(aFile)), m_ullSize(aSize), m_dwMaxPiece(std::min(PIECE_BYTES, aMaxPiece)) {
+    fstat(m_File.Get(), &m_Status);
     posix_fadvise(m_File.Get(), 0, 0, POSIX_FADV_SEQUENTIAL);
 }
 
@@ -50,6 +51,14 @@ void OutgoingFile::Rewind() {
     lseek(m_File.Get(), 0, SEEK_SET);
     m_Hash.Reset();
     m_ullDone = 0;
+}
+
+bool OutgoingFile::HasChanged() const {
+    struct stat now {};
+    if (m_ullSize == UNKNOWN_SIZE || fstat(m_File.Get(), &now) != 0)
+        return false;
+    const timespec &before = m_Status.st_mtim, &after = now.st_mtim;
+    return static_cast<uint64_t>(now.st_size) != m_ullSize || before.tv_sec != after.tv_sec || before.tv_nsec != after.tv_nsec;
 }
 
 // Never waits for a pipe or a terminal.

@@ -1,6 +1,8 @@
 // A file that is being sent: read once, in pieces, and hashed.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <string>
 
@@ -33,6 +35,9 @@ public:
     // The SHA-256 of all bytes that were read.
     std::string GetHash() const { return m_Hash.GetSoFar(); }
 
+    // TRUE: the file has another size or time than before the first read. Not for a pipe.
+    bool HasChanged() const;
+
     int GetFd() const { return m_File.Get(); }
     uint64_t GetSize() const { return m_ullSize; }  // UNKNOWN_SIZE: see GetDone at the end
     uint64_t GetDone() const { return m_ullDone; }
@@ -44,6 +49,7 @@ private:
     const FileHandle m_File;
     const uint64_t m_ullSize;
     const DWORD m_dwMaxPiece;
+    struct stat m_Status {};  // before the first read
     uint64_t m_ullDone = 0;
     std::string m_strProblem;
     Sha256 m_Hash;

@@ -319,6 +319,7 @@ void Sender::SendPiece(DWORD aId, Item& aItem) {
         OnPiece(aItem, aItem.m_File.GetDone() - ullBefore);
         return OnSent(m_Outbox.Send(*m_pTransport, block));
     case OutgoingFile::AT_END:
+        aItem.m_bChanged = aItem.m_File.HasChanged();
         return EndItem(aItem, EncodeFor(EFrame::END, aId, aItem.m_File.GetHash()));
     case OutgoingFile::WAIT:
         return WaitForInput(aId, aItem);
@@ -402,6 +403,14 @@ void Sender::ReportSent(const Item& aItem) {
                          .Add("size", ullSize)
                          .Add("seconds", dSeconds)
                          .Add("sha256", ToHex(aItem.m_File.GetHash())));
+    if (aItem.m_bChanged)
+        ReportChanged(aItem.m_strPath);
+}
+
+void Sender::ReportChanged(const std::string& aPath) {
+    m_Record.m_bFailed = true;
+    m_Console.Problem({CAUSE_CHANGED, aPath + " has changed while it was sent, so the receiver has another version"}, "name",
+                      aPath);
 }
 
 void Sender::Finish(const Failure& aFailure) {

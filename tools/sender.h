@@ -83,6 +83,7 @@ private:
         const DWORD m_dwFolder;
         const int64_t m_llStarted = CCmClock::GetTimeOfDayUsec();
         EStep m_Step = WAIT_ACCEPT;
+        bool m_bChanged = false;      // while it was read
         uint64_t m_ullBeginning = 0;  // bytes that the receiver has already
         uint64_t m_ullMetered = 0;    // bytes that the progress expects
         uint64_t m_ullMoved = 0;      // bytes of these that were sent
@@ -134,6 +135,7 @@ private:
     void OnSent(CmResult aResult);
 
     void ReportSent(const Item& aItem);
+    void ReportChanged(const std::string& aPath);
     void ReportFailed(const std::string& aPath, const Failure& aFailure);
     bool IsNew(const std::string& aPath) const { return !m_Record.m_Settled.contains(aPath); }
     void Settle(const std::string& aPath);

@@ -224,6 +224,19 @@ class TransferTest(ProgramTest):
                     (failed,) = self.events(sender.communicate(timeout=PATIENCE)[0])
                 self.assertEqual((cause, sender.args[3], True), (failed["cause"], failed["peer"], text in failed["reason"]))
 
+    def test_a_file_that_changes_meanwhile_is_reported(self):
+        with socket.create_server((HOST, 0)) as receiver:
+            for content, taken, cause in (b"abcd", data(b"abc") + end(b"abc"), "changed"), (b"a", data(b"a"), "local"):
+                sender = self.start("send", self.make("file", "abc"), f"{HOST}:{receiver.getsockname()[1]}", "--json")
+                with receiver.accept()[0] as peer:
+                    receive_exactly(peer, len(HELLO + file(3, b"file")))
+                    self.make("file", content)
+                    peer.sendall(frame(0x83, bytes(33)) + frame(0x81, struct.pack(">IQ", 1, 0)))
+                    self.assertEqual(taken, receive_exactly(peer, len(taken)))
+                    peer.sendall(frame(0x82, struct.pack(">IB", 1, cause == "local")))
+                    events = self.events(sender.communicate(timeout=PATIENCE)[0])
+                self.assertEqual((1, cause), (sender.returncode, events[-1]["cause"]), events)
+
     def test_ended_receiver_is_reported_and_leaves_no_final_name(self):
         for with_signal in signal.SIGKILL, signal.SIGINT:
             server = self.receive()
