@@ -47,14 +47,17 @@ private:
     bool m_bIsOne;
 };
 
-enum EEnd { WHOLE, INTERRUPTED, SIGNALLED, NO_TERMINAL };
+enum EEnd { WHOLE, INTERRUPTED, SIGNALLED, NO_TERMINAL, NO_LINE };
 
+// NO_LINE: aLine was the rest of the input.
 EEnd ReadLine(int aFd, char aInterrupt, std::string& aLine) {
     char c = 0;
     while (aLine.size() <= LONGEST_PASSWORD) {
         if (!Application::WaitFor(aFd, POLLIN))
             return SIGNALLED;
-        if (read(aFd, &c, 1) != 1 || c == '\n')
+        if (read(aFd, &c, 1) != 1)
+            return NO_LINE;
+        if (c == '\n')
             break;
         if (c == aInterrupt)
             return INTERRUPTED;
@@ -87,6 +90,7 @@ std::string ReadFile(const PasswordSource& aSource, std::string& aPassword, EEnd
     if (fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode) && (status.st_mode & (S_IRGRP | S_IROTH)) != 0)
         Console::Complain("warning: other users can read '" + strPath + "'; use chmod 600");
     aEnd = ReadLine(file.Get(), NO_INTERRUPT, aPassword);
+    aEnd = aEnd == NO_LINE ? WHOLE : aEnd;  // the last line of a file needs no end
     if (aPassword.ends_with('\r'))
         aPassword.pop_back();
     const bool bEmpty = aEnd == WHOLE && aPassword.empty();
@@ -117,6 +121,8 @@ std::string ReadPassword(const PasswordSource& aSource, std::string& aPassword) 
     if (end == NO_TERMINAL)
         return std::string(aSource.m_pOption) + " needs a terminal, " + aSource.m_pFileOption + ", or the variable " +
                aSource.m_pVariable;
+    if (end == NO_LINE)
+        return std::string(aSource.m_pOption) + ": the input ended before the line";
     const bool bLong = aPassword.size() > LONGEST_PASSWORD;
     return bLong ? std::string(aSource.m_pOption) + ": at most " + std::to_string(LONGEST_PASSWORD) + " bytes" : "";
 }

@@ -84,7 +84,7 @@ class ProxyTest(ProgramTest):
 
     def test_the_password_is_typed_without_echo(self):
         proxy, echo = self.proxy("ann:secret"), self.serve("echo")
-        for with_signal in 0, signal.SIGTERM, signal.SIGHUP:
+        for typed, expected in (b"secret\n", 0), (b"\4", 2), (signal.SIGTERM, 143), (signal.SIGHUP, 129):
             pid, terminal = pty.fork()
             if pid == 0:
                 os.execve(TALVO, [TALVO, "ping", "--count", "1", echo.address, "--proxy", proxy.uri, "--proxy-user", "ann"], WITHOUT)
@@ -92,11 +92,11 @@ class ProxyTest(ProgramTest):
             while b": " not in shown:
                 shown += os.read(terminal, 1000)
             self.assertIn(f"Password of ann at {proxy.uri}: ".encode(), shown)
-            if with_signal:
-                os.kill(pid, with_signal)
+            if isinstance(typed, bytes):
+                os.write(terminal, typed)
             else:
-                os.write(terminal, b"secret\n")
-            self.assertEqual(with_signal and 128 + with_signal, os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]))
+                os.kill(pid, typed)
+            self.assertEqual(expected, os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]))
             shown += os.read(terminal, 1000)
             self.assertTrue(termios.tcgetattr(terminal)[3] & termios.ECHO)
             os.close(terminal)
