@@ -46,16 +46,20 @@ Failure IncomingFolder::Open(const IncomingFolder& aParent, const FrameEntry& aE
 }
 
 // The folder gets its name when it has its mark. A killed process leaves the other name, which the next one finds; the slash in
-// it keeps it apart from that of a file's part. Another session may be first.
+// it keeps it apart from that of a file's part. Another process may be first, so that both names exist, or only the last one.
 Failure IncomingFolder::Make(const IncomingFolder& aParent) const {
     const std::string strName = MakePartName(m_Entry.m_strName + "/");
     const bool bMade = mkdirat(aParent.GetFd(), strName.c_str(), S_IRWXU) == 0 || errno == EEXIST;
     const FileHandle folder = bMade ? OpenFolder(aParent.GetFd(), strName) : FileHandle();
     constexpr int MARK_FLAGS = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
     const FileHandle mark(folder ? openat(folder.Get(), MakeMarkName().c_str(), MARK_FLAGS, 0600) : -1);
-    if (mark && (Rename(aParent.GetFd(), strName, m_Entry.m_strName) || errno == EEXIST || errno == ENOENT))
+    if (mark && Rename(aParent.GetFd(), strName, m_Entry.m_strName))
         return {};
-    return Problem("cannot make the folder");
+    const bool bBoth = mark && errno == EEXIST;
+    const Failure failure = Problem("cannot make the folder");
+    if (bBoth && unlinkat(folder.Get(), MakeMarkName().c_str(), 0) == 0)
+        unlinkat(aParent.GetFd(), strName.c_str(), AT_REMOVEDIR);
+    return OpenFolder(aParent.GetFd(), m_Entry.m_strName) ? Failure() : failure;
 }
 
 // A sender cannot make the mark: its name is reserved.
