@@ -21,6 +21,7 @@
 #include "tools/proxy_arguments.h"
 #include "tools/text.h"
 #include "tools/tls_arguments.h"
+#include "tools/url.h"
 
 namespace tool {
 
@@ -179,8 +180,9 @@ void DeclareServe(CLI::App& aApp, Arguments& a) {
 std::string CheckServe(Arguments& a) {
     if (a.m_Serve.m_strIndex.find('/') != std::string::npos)
         return "--index needs the name of a file, without a directory";
-    if (a.m_Serve.m_strOrigin.find_first_of(" \r\n") != std::string::npos)
-        return "--cors: '" + a.m_Serve.m_strOrigin + "' is not an origin such as https://www.example.com";
+    if (!a.m_Serve.m_strOrigin.empty() && !IsOrigin(a.m_Serve.m_strOrigin))
+        return "--cors: '" + a.m_Serve.m_strOrigin +
+               "' is not an origin as browsers send it, such as https://www.example.com or http://localhost:8080";
     struct stat status {};
     if (stat(a.m_strDirectory.c_str(), &status) != 0)
         return "'" + a.m_strDirectory + "': " + SystemError(errno);
@@ -288,12 +290,14 @@ DWORD GetBaseType(const Arguments& a) {
     return a.m_Tls.m_bTls ? CM_TRANSPORT_TYPE_TLS : CM_TRANSPORT_TYPE_TCP;
 }
 
-// A script's "$FILE" may be unset: an empty value is never taken for an option that was not given.
+// A script's "$FILE" may be unset: an empty value is never taken for an option that was not given. Two options have a meaning
+// for it.
 std::string CheckValues(const CLI::App& aCommand) {
     for (const CLI::Option* pOption : aCommand.parse_order()) {
         const std::vector<std::string>& values = pOption->results();
         const bool bEmpty = std::find(values.begin(), values.end(), "") != values.end();
-        if (bEmpty && pOption->get_items_expected_max() > 0 && !pOption->check_lname("data"))
+        const bool bMeant = pOption->check_lname("data") || pOption->check_lname("index");
+        if (bEmpty && !bMeant && pOption->get_items_expected_max() > 0)
             return pOption->get_name() + ": the value is empty";
     }
     return "";
@@ -343,6 +347,9 @@ bool ParseArguments(int aArgc, char** aArgv, Arguments& aArguments, int& aStatus
     std::string strProblem;
     try {
         Declare(app, aArguments);
+        // The parser takes it for --cors, which would allow every origin.
+        if (std::find(aArgv, aArgv + aArgc, std::string_view("--cors=")) != aArgv + aArgc)
+            throw CLI::ValidationError("--cors", "the value is empty");
         app.parse(aArgc, aArgv);
         if (app.got_subcommand("help")) {
             strProblem = PrintHelp(app, aArguments);

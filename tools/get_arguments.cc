@@ -101,14 +101,22 @@ std::string CheckJobs(const Arguments& a) {
     return "";
 }
 
+// The option for a header that the program itself sends; null: it is the user's.
+const char* FindOwner(const std::string& aName, bool aHasData) {
+    const auto is = [&](const char* aOwn) { return strcasecmp(aName.c_str(), aOwn) == 0; };
+    if (is("Range") || is("If-Range"))
+        return "--continue";
+    return is("Content-Length") || (is("Transfer-Encoding") && !aHasData) ? "--data" : nullptr;
+}
+
 // "Name: value", or "Name:" for none.
 std::string CheckHeader(GetOptions& aOptions, const std::string& aHeader) {
     const size_t stColon = aHeader.find(':');
     const std::string strName = aHeader.substr(0, stColon);
     if (stColon == std::string::npos || strName.empty() || strName.find_first_of(" \t") != std::string::npos)
         return "--header: '" + aHeader + "' is not NAME: VALUE";
-    if (strcasecmp(strName.c_str(), "Range") == 0 || strcasecmp(strName.c_str(), "If-Range") == 0)
-        return "--header: the program itself sends " + strName + ", see --continue";
+    if (const char* pOwner = FindOwner(strName, aOptions.m_bHasData))
+        return "--header: the program itself sends " + strName + ", see " + pOwner;
     const size_t stValue = aHeader.find_first_not_of(" \t", stColon + 1);
     aOptions.m_vecFields.emplace_back(strName, stValue == std::string::npos ? "" : aHeader.substr(stValue));
     return "";

@@ -63,4 +63,18 @@ std::string CheckUrl(const std::string& aUrl) {
     return bTaken ? "" : strQuoted + " has no host";
 }
 
+bool IsOrigin(const std::string& aText) {
+    constexpr const char* LETTERS = "abcdefghijklmnopqrstuvwxyz0123456789";
+    const size_t stScheme = aText.find("://");
+    if (stScheme == std::string::npos)
+        return aText == "*" || aText == "null";
+    const std::string strScheme = aText.substr(0, stScheme);
+    const std::string strHost = aText.substr(stScheme + 3);
+    if (strScheme.find_first_not_of(LETTERS + std::string("+.-")) != std::string::npos || strHost.empty() ||
+        strHost.find_first_not_of(LETTERS + std::string("._-[]:")) != std::string::npos)
+        return false;
+    const bool bWeb = strScheme == "http" || strScheme == "https";
+    return !bWeb || (!strHost.ends_with(strScheme == "http" ? ":80" : ":443") && CheckUrl(aText).empty());
+}
+
 }  // namespace tool

@@ -71,6 +71,7 @@ class ServedTest(ProgramTest):
                 self.assertEqual((expected, origin), (status, headers["Access-Control-Allow-Origin"]))
                 self.assertEqual(None if expected == 200 else "GET, HEAD, OPTIONS", headers["Allow"])
             self.assertEqual(b"home", self.answer(listening, "/")[2])
+        self.assertIn(b"home.txt", self.answer(self.serve_here("--index", ""), "/")[2])
 
     def test_the_access_log_has_a_line_for_each_answer(self):
         self.make("file", "x" * 100000)
