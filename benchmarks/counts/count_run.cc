@@ -27,6 +27,7 @@ CRun Stream(DWORD aType) {
 int main(int argc, char** argv) {
     const std::map<std::string, CRun> paths = {
         {"echo", [](size_t aMessages) { EchoCost(CTestNetwork(), TRUE, aMessages, SIZE); }},
+        {"coroutine", [](size_t aMessages) { CoroutineEchoCost(CTestNetwork(), aMessages, SIZE); }},
         {"http", [](size_t aMessages) { HttpCost(CTestNetwork(), aMessages); }},
         {"raw", Stream(RAW)},
         {"length", Stream(RAW | CCmConnectionManager::CTYPE_PDU_LENGTH)},
@@ -34,7 +35,7 @@ int main(int argc, char** argv) {
     };
     const auto itPath = paths.find(argc == 3 ? argv[1] : "");
     if (itPath == paths.end()) {
-        std::fprintf(stderr, "usage: count_run echo|http|raw|length|package MESSAGES\n");
+        std::fprintf(stderr, "usage: count_run echo|coroutine|http|raw|length|package MESSAGES\n");
         return 2;
     }
     itPath->second(std::strtoul(argv[2], nullptr, 10));
