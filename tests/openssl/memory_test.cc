@@ -104,7 +104,7 @@ private:
 class OpenSslMemoryTest : public testing::TestWithParam<std::tuple<DWORD, bool>> {
 protected:
     static constexpr long MOST_CACHED = 20;  // blocks of OpenSSL: texts of errors, queries for algorithms
-    static constexpr long STRIDE = 61;
+    static constexpr long STRIDE = 181;
 
     OpenSslMemoryTest() { setenv("SSL_CERT_FILE", CTestCertificates::Get().PathOf("root.pem").c_str(), 1); }
 
