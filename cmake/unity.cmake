@@ -23,7 +23,7 @@ function(talvo_local_names OUT SOURCE)
 endfunction()
 
 # talvo_set_units(TARGET [ALONE SOURCE...]): puts each source into the first unit with room in which no other declares a name of
-# it. ALONE: sources that set a macro for a header.
+# it. ALONE: sources that stay alone, since they set a macro for a header, for example.
 function(talvo_set_units TARGET)
   if(NOT CMAKE_UNITY_BUILD)
     return()
