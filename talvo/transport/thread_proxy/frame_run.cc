@@ -66,8 +66,9 @@ DWORD CFrameRun::CountWithin(DWORD aBytes, DWORD& aRest) const {
                 return dwCount;
             }
             aBytes -= dwFrame;
-            pFrame += dwFrame;
             ++dwCount;
+            if (entry.m_dwCopies > 0)  // the first block of a chain may have no bytes to point to
+                pFrame += dwFrame;
         }
     }
     aRest = 0;
