@@ -78,7 +78,7 @@ def run_wrk(url, load, server):
     """Returns requests a second, the times that half of the answers, or 99 of 100, did not exceed, in microseconds, and the
     server's processor time for a request."""
     before = processor_ns(server)
-    text = output([WRK, "--threads", "1", "--duration", f"{LoadTime.of_wrk}s", "--latency", *load, url], 1)
+    text = output([WRK, "--threads", "1", "--duration", f"{LoadTime.OF_WRK}s", "--latency", *load, url], 1)
     if "Socket errors" in text or "Non-2xx" in text:
         raise Fault(f"wrk reported errors: {text}")
     units = {"us": 1, "ms": 1e3, "s": 1e6}

@@ -24,17 +24,13 @@ class Missing(Exception):
 
 
 class LoadTime:
-    """For so many seconds a load is counted, after those of its warm-up."""
+    """For so many seconds a load is counted, after those of its warm-up. More rounds reduce the noise more than longer loads."""
 
-    warm_up, seconds, of_wrk = 0.2, 0.9, 2
-
-    @classmethod
-    def shorten(cls):
-        cls.warm_up, cls.seconds, cls.of_wrk = 0.1, 0.6, 1
+    WARM_UP, SECONDS, OF_WRK = 0.1, 0.6, 1
 
     @classmethod
     def arguments(cls):
-        return ["--warm-up", str(cls.warm_up), "--seconds", str(cls.seconds)]
+        return ["--warm-up", str(cls.WARM_UP), "--seconds", str(cls.SECONDS)]
 
 
 def program_path(name):
