@@ -81,9 +81,12 @@ def run_wrk(url, load, server):
     text = output([WRK, "--threads", "1", "--duration", f"{LoadTime.OF_WRK}s", "--latency", *load, url], 1)
     if "Socket errors" in text or "Non-2xx" in text:
         raise Fault(f"wrk reported errors: {text}")
+    requests = int(re.search(r"(\d+) requests in", text).group(1))
+    if requests == 0:
+        raise Fault("wrk received no answer")
     units = {"us": 1, "ms": 1e3, "s": 1e6}
     time_of = {percent: float(value) * units[unit] for percent, value, unit in re.findall(r"(\d+)%\s+([\d.]+)([mu]?s)", text)}
-    cpu = (processor_ns(server) - before) / int(re.search(r"(\d+) requests in", text).group(1))
+    cpu = (processor_ns(server) - before) / requests
     rate = float(re.search(r"Requests/sec:\s+([\d.]+)", text).group(1))
     return {"rate": rate, "cpu": cpu, "p50": time_of["50"], "p99": time_of["99"]}
 
