@@ -34,7 +34,7 @@ CmResult CForwardCore::AddReceiver(ICmTransport* aTransport, const CCmForwardRec
         m_dwLeastMilliseconds = std::min(m_dwLeastMilliseconds, CForwardCursor::MOST_MILLISECONDS);
     RaiseBound_i(pReceiver->GetCursor());
     CM_TRACE(CM_TRACE_SESSION,
-             "CForwardCore::AddReceiver, id=" << dwId << " label=" << aOptions.m_strLabel << " this=" << this);
+             "CForwardCore::AddReceiver, id=" << dwId << " label=" << pReceiver->GetLabel() << " this=" << this);
     aId = dwId;
     AddNotice_i(*pReceiver);
     if (!pReceiver->CanTakeAll(m_Log))

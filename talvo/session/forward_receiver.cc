@@ -1,8 +1,10 @@
 #include "talvo/session/forward_receiver.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
+#include "talvo/base/ascii.h"
 #include "talvo/base/live_counter.h"
 #include "talvo/session/forward_core.h"
 #include "talvo/transport/connection_type.h"
@@ -17,6 +19,13 @@ namespace {
 
 CCmLiveCounter s_Live("CForwardReceiver");
 
+// The label, as it stands between quotation marks in one line. Null: it is empty.
+std::unique_ptr<const CCmString> MakeLabel(CCmString aText) {
+    std::replace_if(
+        aText.begin(), aText.end(), [](char c) { return c == '"' || is_control(c); }, '?');
+    return aText.empty() ? nullptr : std::make_unique<const CCmString>(std::move(aText));
+}
+
 BOOL IsClosed(ICmTransport& aTransport) {
     BOOL bAlive = FALSE;
     return aTransport.GetOption(CM_OPT_TRANSPORT_SOCK_ALIVE, &bAlive) == CM_ERROR_NOT_INITIALIZED;
@@ -26,10 +35,7 @@ BOOL IsClosed(ICmTransport& aTransport) {
 
 CForwardReceiver::CForwardReceiver(CForwardCore& aCore, const CForwardLog& aLog, const CCmForwardReceiverOptions& aOptions,
                                    DWORD aId)
-    : m_pCore(&aCore),
-      m_Cursor(aLog, aOptions),
-      m_pLabel(aOptions.m_strLabel.empty() ? nullptr : std::make_unique<const CCmString>(aOptions.m_strLabel)),
-      m_dwId(aId) {
+    : m_pCore(&aCore), m_Cursor(aLog, aOptions), m_pLabel(MakeLabel(aOptions.m_strLabel)), m_dwId(aId) {
     ++s_Live;
 }
 

@@ -36,7 +36,7 @@ public:
     DWORD GetId() const { return m_dwId; }
     CForwardCursor& GetCursor() { return m_Cursor; }
     const CForwardCursor& GetCursor() const { return m_Cursor; }
-    CCmString GetLabel() const { return m_pLabel ? *m_pLabel : CCmString(); }
+    const char* GetLabel() const { return m_pLabel ? m_pLabel->c_str() : ""; }
     // TRUE: it sends frames of its own, whose framing is aFraming (out).
     BOOL HasFraming(EForwardFraming& aFraming) const;
     // The longest message that its transport can take.

@@ -41,7 +41,7 @@ struct CCmForwardReceiverOptions {
     CmDword m_dwMaxMessages = 0;                        // of the lag
     CmDword m_dwMaxBytes = 1 << 20;                     // of payload
     CmDword m_dwMaxMilliseconds = 0;                    // the age of the oldest such message
-    CCmString m_strLabel = {};                          // for the dump
+    CCmString m_strLabel = {};                          // for the dump; control and quotation marks become '?'
 };
 
 // Accompanies a message.
@@ -154,7 +154,8 @@ public:
     // receiver. The sum stays available after Close. CM_ERROR_NOT_AVAILABLE: the network thread has ended.
     virtual CmResult GetStatistics(CCmForwardStatistics& aStatistics, CmDword aId = 0) = 0;
 
-    // One line for the session and one for each receiver, with its label. Empty: memory ran out, or the session is closed.
+    // One line for the session and one for each receiver, with its label in quotation marks. Empty: memory ran out, or the
+    // session is closed.
     virtual CCmString Dump() = 0;
 
     // Disconnects and releases all transports with aReason. CM_OK: messages that the transports can take now are sent before.

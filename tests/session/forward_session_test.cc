@@ -200,7 +200,7 @@ TEST_F(ForwardTest, LimitsOfTimeBytesAndRoomAgain) {
     EXPECT_EQ(2u, all.m_ullLongestLag);
     CCmForwardReceiverOptions options = Options(CM_FORWARD_WAIT);
     options.m_dwMaxBytes = 10;
-    options.m_strLabel = "screen";
+    options.m_strLabel = "scr\"een\n";
     const DWORD dwWaits = Add(*pWaits, options);
     Turn();
     m_Sink.Take();
@@ -214,7 +214,7 @@ TEST_F(ForwardTest, LimitsOfTimeBytesAndRoomAgain) {
     EXPECT_EQ(Lines{"forward"}, m_Sink.Take());
     EXPECT_EQ(CM_OK, Forward("y"));
     EXPECT_EQ(3u, StatisticsOf(*m_pSession, dwWaits).m_Due.m_ullMessages);
-    EXPECT_NE(std::string::npos, m_pSession->Dump().find("\"screen\" due=3/11 sent=1/9 dropped=0/0 conflated=0/0 lag=2/2"));
+    EXPECT_NE(std::string::npos, m_pSession->Dump().find("\"scr?een?\" due=3/11 sent=1/9 dropped=0/0 conflated=0/0 lag=2/2"));
     // An orderly end finishes the message that a stream has begun.
     EXPECT_EQ(CM_OK, Forward("zz"));
     pWaits->TakeSent();
