@@ -28,6 +28,8 @@ public:
 
     // TRUE: it takes all messages from GetNext() on, one after the other.
     BOOL IsPlain() const { return !m_bReplays && !m_bAwaitsKey && GetPolicy() != CM_FORWARD_CONFLATE; }
+    // TRUE: its policy skips messages, so that one that it takes may be the only one in use of the storage that many share.
+    BOOL MaySkip() const { return GetPolicy() == CM_FORWARD_CONFLATE || GetPolicy() == CM_FORWARD_DROP_OLDEST; }
     uint64_t GetNext() const { return m_ullNext; }
     // Plain cursors: the next aCount messages are sent.
     void TakeMany(const CForwardLog& aLog, DWORD aCount) { MoveTo_i(aLog, m_ullNext + aCount, m_Sent); }

@@ -282,7 +282,8 @@ CmResult CForwardReceiver::SendMessage_i(const CForwardMessage& aMessage) {
     block.AdvanceTopLevelWritePtr(dwOffset + aMessage.m_dwLength);
     block.AdvanceTopLevelReadPtr(dwOffset);
     CCmMessageBlock payload(block, aMessage.m_dwLength);
-    payload.LockWriting();  // a connection with a send buffer shares it
+    if (!m_Cursor.MaySkip())
+        payload.LockWriting();  // a connection with a send buffer shares it
     return SendPayload_i(payload);
 }
 

@@ -133,6 +133,28 @@ TEST_F(ForwardTest, AMessageKeepsOnlyItsOwnBytesOfForeignMemory) {
     EXPECT_EQ(2000u, message.m_pPayload->GetTopLevelSpace());
 }
 
+TEST_F(ForwardTest, AReceiverThatSkipsMessagesKeepsNoStorageOfOthers) {
+    // Notes whether a connection with a send buffer may keep the storage.
+    struct CNoting : CFakeLower {
+        CNoting() { m_dwMaxMessage = 65535; }
+        CmResult SendData(CCmMessageBlock& aData, CCmTransportParameter* aPara) override {
+            m_nShared += (aData.GetFlag() & CCmMessageBlock::WRITE_LOCKED) != 0;
+            return CFakeLower::SendData(aData, aPara);
+        }
+        int m_nShared = 0;
+    };
+    for (const ECmForwardPolicy policy :
+         {CM_FORWARD_DISCONNECT, CM_FORWARD_DROP_OLDEST, CM_FORWARD_CONFLATE, CM_FORWARD_WAIT}) {
+        const CCmRefPtrT<CNoting> pLower(new CNoting);
+        const DWORD dwId = Add(*pLower, Options(policy));
+        Turn();
+        EXPECT_EQ(CM_OK, Forward(std::string(500, 'x')));
+        Turn();
+        EXPECT_EQ(policy == CM_FORWARD_DISCONNECT || policy == CM_FORWARD_WAIT, pLower->m_nShared) << policy;
+        EXPECT_EQ(CM_OK, m_pSession->RemoveReceiver(dwId, CM_OK));
+    }
+}
+
 TEST_F(ForwardTest, ALongBacklogHoldsUpNoForward) {
     const CCmRefPtrT<CFakeLower> pLate(new CFakeLower);
     CCmForwardReceiverOptions options;
