@@ -1,3 +1,5 @@
+#include <malloc.h>
+
 #include "tests/support/proxy_fixture.h"
 
 namespace {
@@ -57,6 +59,27 @@ TEST_F(ThreadProxyTest, SendingOfSingleBytesIsBoundedByTheirBlocks) {
         EXPECT_EQ(dwSize * (MEBIBYTE / 128 + 1), connection.m_pFake->GetSent().size());
         EXPECT_EQ(CM_OK, SendText(*connection.m_pProxy, "taken"));
     }
+}
+
+// The limits count these bytes; those before them in the same buffer would come on top.
+TEST_F(ThreadProxyTest, OfForeignMemoryOnlyTheUnreadBytesAreCopied) {
+    CFakeConnection connection(m_Network);
+    const std::string strAll = Pattern(MEBIBYTE), strEnd = strAll.substr(MEBIBYTE - 5);
+    CCmMessageBlock sent = ViewOf(strAll), received = ViewOf(strAll);
+    for (CCmMessageBlock* pBlock : {&sent, &received})
+        pBlock->AdvanceTopLevelReadPtr(MEBIBYTE - 5);
+    connection.SetRoom(0);
+    const auto allocated = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
+    const size_t stBefore = allocated();
+    EXPECT_EQ(CM_OK, connection.m_pProxy->SendData(sent));
+    connection.Sync();
+    EXPECT_LT(allocated(), stBefore + MEBIBYTE / 2);
+    m_Network.InNetwork([&] { connection.m_pFake->m_pSink->OnReceive(received, connection.m_pFake.Get()); });
+    EXPECT_LT(allocated(), stBefore + MEBIBYTE / 2);
+    connection.MakeRoom();
+    m_Network.RunPosted();
+    EXPECT_EQ(strEnd, connection.m_pFake->GetSent());
+    EXPECT_EQ(strEnd, connection.m_Sink.m_strReceived);
 }
 
 // For what waits in the proxy, and for what the transport has not got rid of.

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "talvo/base/block_chain.h"
+
 namespace talvo {
 
 namespace {
@@ -15,7 +17,7 @@ constexpr uint64_t WAKE_STEP = 32 * 1024;  // bytes: enough to pay for a wake-up
 BOOL DuplicateUnlessSmall(const CCmMessageBlock& aData, DWORD aLength, BOOL aMayCopy, CCmChainPtr& aChain) {
     if (aMayCopy && aLength <= CMessageList::MAX_COPIED)
         return TRUE;
-    aChain.reset(aData.DuplicateChained());
+    aChain = aLength > 0 ? DuplicateUnread(aData) : NewBlock(0);
     return bool{aChain};
 }
 
