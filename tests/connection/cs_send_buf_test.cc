@@ -1,5 +1,7 @@
 #include "talvo/connection/protocol/cs_send_buf.h"
 
+#include <malloc.h>
+
 #include "talvo/connection/protocol/gather_chain.h"
 #include "tests/support/test.h"
 
@@ -189,7 +191,20 @@ TEST(CsSendBuf, SmallPiecesAreJoinedAndLargeOnesCounted) {
     EXPECT_EQ(chain.GetLength(), 805u + 600 * 63);
 }
 
+size_t AllocatedBytes() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
+
 }  // namespace
+
+// The limit counts these bytes; what lies before them in the user's buffer would come on top.
+TEST(CsSendBuf, OfForeignMemoryOnlyTheUnreadBytesAreCopied) {
+    const std::string strAll(1 << 20, 'x');
+    CCsSendBuf buf(1 << 20);
+    CCmMessageBlock part(1 << 20, strAll.data(), 0, 1 << 20);
+    part.AdvanceTopLevelReadPtr((1 << 20) - 2000);
+    const size_t stBefore = AllocatedBytes();
+    EXPECT_EQ(2000u, buf.AddDataPDU(&part, TRUE));
+    EXPECT_LE(AllocatedBytes(), stBefore + 4000);
+}
 
 TEST(CsSendBuf, APayloadOfManyConnectionsIsSharedBeyondASmallCopy) {
     for (const auto& [dwLength, bOfMany] : {std::pair(500u, TRUE), std::pair(500u, FALSE), std::pair(128u, TRUE)}) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 
+#include "talvo/base/block_chain.h"
 #include "talvo/base/trace.h"
 #include "talvo/connection/protocol/gather_chain.h"
 
@@ -35,7 +36,7 @@ CCsPduData* MakeDataPdu(BOOL aNeedACK, DWORD aACK, DWORD aLength, BYTE aType, co
         return new (std::nothrow) CCopiedDataT<128>(aNeedACK, aACK, aLength, aType, aPayload);
     if (aLength <= 1024 && !(aPayload.GetFlag() & CCmMessageBlock::WRITE_LOCKED))
         return new (std::nothrow) CCopiedDataT<1024>(aNeedACK, aACK, aLength, aType, aPayload);
-    CCmChainPtr pData(aPayload.DuplicateChained());
+    CCmChainPtr pData = talvo::DuplicateUnread(aPayload);
     auto* pItem = pData ? new (std::nothrow) CCsPduData(aNeedACK, aACK, aLength, aType, pData.get()) : nullptr;
     if (pItem)
         pData.release();  // the item owns it
