@@ -11,6 +11,12 @@ std::string TextOf(const CCmForwardCount& aCount) {
     return std::to_string(aCount.m_ullMessages) + " (" + std::to_string(aCount.m_ullBytes) + " bytes)";
 }
 
+// TRUE: the model compares the same numbers.
+BOOL HasSameCounts(const CCmForwardStatistics& aLeft, const CCmForwardStatistics& aRight) {
+    return aLeft.m_Due == aRight.m_Due && aLeft.m_Sent == aRight.m_Sent && aLeft.m_Dropped == aRight.m_Dropped &&
+           aLeft.m_Conflated == aRight.m_Conflated && aLeft.m_Lag == aRight.m_Lag;
+}
+
 }  // namespace
 
 const CCmSimForwardModel::CReceiver* CCmSimForwardModel::Find(DWORD aId) const {
@@ -34,7 +40,9 @@ void CCmSimForwardModel::Add(DWORD aId, const CCmForwardReceiverOptions& aOption
         for (const auto& [ullKey, ullNumber] : m_Newest)
             receiver.m_Queue.push_back(ullNumber);
         std::sort(receiver.m_Queue.begin(), receiver.m_Queue.end());
-        receiver.m_Due = CountQueue_i(receiver, FALSE);
+        for (const uint64_t n : receiver.m_Queue)
+            receiver.m_Lag += {1, GetLength(n)};
+        receiver.m_Due = receiver.m_Lag;
         break;
     case CM_FORWARD_JOIN_OLDEST:
         for (uint64_t n = m_ullBegin; n < GetNextNumber(); ++n)
@@ -43,24 +51,40 @@ void CCmSimForwardModel::Add(DWORD aId, const CCmForwardReceiverOptions& aOption
     }
     if (aOptions.m_Policy != CM_FORWARD_CONFLATE)
         return;
-    const auto isReplaced = [this](uint64_t n) { return m_Messages[n].m_bReplaced; };
-    for (const uint64_t n : receiver.m_Queue)
-        receiver.m_Conflated += isReplaced(n) ? CCmForwardCount{1, GetLength(n)} : CCmForwardCount{};
-    std::erase_if(receiver.m_Queue, isReplaced);
+    for (const uint64_t n : std::deque<uint64_t>(receiver.m_Queue)) {
+        if (!m_Messages[n].m_bReplaced)
+            continue;
+        receiver.m_Conflated += {1, GetLength(n)};
+        Dequeue_i(receiver, std::lower_bound(receiver.m_Queue.begin(), receiver.m_Queue.end(), n));
+    }
 }
 
 void CCmSimForwardModel::Look(ICmForwardSession& aSession, DWORD aTick) {
     for (auto& [dwId, receiver] : m_Receivers) {
         CCmForwardStatistics statistics;
-        if (receiver.m_bGone || aSession.GetStatistics(statistics, dwId) != CM_OK)
+        if (receiver.m_bGone || aSession.GetStatistics(statistics, dwId) != CM_OK) {
+            receiver.m_Seen = {};
             continue;  // OnReceiver follows
+        }
+        if (receiver.m_bMatched && HasSameCounts(statistics, receiver.m_Seen)) {
+            receiver.m_Seen = statistics;
+            continue;  // they would agree again
+        }
         PopSent_i(receiver, statistics.m_Sent.m_ullMessages - receiver.m_Sent.m_ullMessages);
         const BOOL bDrops = receiver.m_Options.m_Policy == CM_FORWARD_DROP_OLDEST && statistics.m_Dropped != receiver.m_Dropped;
         if (bDrops && IsAtLimit(receiver, aTick))
             DropOldest_i(receiver, aTick, m_ullLastKeyMessage != NONE);
         if (!Matches_i(receiver, statistics))
-            Fail_i(dwId, Difference_i(receiver, statistics));
+            Fail_i(dwId, Difference_i(receiver));
     }
+}
+
+DWORD CCmSimForwardModel::FindLagging() const {
+    const auto it = std::find_if(m_Receivers.begin(), m_Receivers.end(), [](const auto& aEntry) {
+        const CReceiver& receiver = aEntry.second;
+        return receiver.m_bJoined && receiver.m_Seen.m_ullRefused == 0 && receiver.m_Seen.m_Lag.m_ullMessages > 0;
+    });
+    return it != m_Receivers.end() ? it->first : 0;
 }
 
 BOOL CCmSimForwardModel::IsFull_i(DWORD aLength) const {
@@ -150,7 +174,7 @@ BOOL CCmSimForwardModel::Needs_i(const CReceiver& aReceiver, const CLoss& aLoss)
     const BOOL bConflates = aReceiver.m_Options.m_Policy == CM_FORWARD_CONFLATE;
     const BOOL bLost =
         aLoss.m_bKey ? bReplayed || (bConflates && !aLoss.m_bSpared) : !bReplayed && !(bConflates && aLoss.m_bSpared);
-    return bLost && std::find(aReceiver.m_Queue.begin(), aReceiver.m_Queue.end(), aLoss.m_ullNumber) != aReceiver.m_Queue.end();
+    return bLost && std::binary_search(aReceiver.m_Queue.begin(), aReceiver.m_Queue.end(), aLoss.m_ullNumber);
 }
 
 // TRUE: the receiver may be removed.
@@ -190,7 +214,7 @@ void CCmSimForwardModel::OnForward(ICmForwardSession& aSession, CmResult aResult
         CCmForwardStatistics statistics;
         const BOOL bPresent = aSession.GetStatistics(statistics, dwId) == CM_OK;
         if (!receiver.m_bGone && !TryForward_i(receiver, bPresent ? &statistics : nullptr, attempt))
-            Fail_i(dwId, "a Forward does not follow its policy: " + Difference_i(receiver, statistics));
+            Fail_i(dwId, "a Forward does not follow its policy: " + Difference_i(receiver));
     }
     if (aResult == CM_OK && (aHeader.m_dwFlags & CCmForwardHeader::KEY_MESSAGE))
         m_ullLastKeyMessage = GetNextNumber() - 1;  // the limits were applied before
@@ -209,28 +233,15 @@ BOOL CCmSimForwardModel::TryForward_i(CReceiver& aReceiver, const CCmForwardStat
         aReceiver.m_bLost = HasReason_i(aReceiver, aTry);
         return TRUE;
     }
-    const BOOL bTaken = aTry.m_Result == CM_OK;
-    const uint64_t ullSent = aStatistics->m_Sent.m_ullMessages - aReceiver.m_Sent.m_ullMessages;
+    aReceiver.m_Seen = *aStatistics;
+    aReceiver.m_bMatched = FALSE;
+    if (!aTry.m_bLate && !HasReason_i(aReceiver, aTry))
+        return TryAfter_i(aReceiver, 0, *aStatistics, aTry);
     std::vector<uint64_t> numbers;
     numbers.swap(aReceiver.m_Numbers);  // no attempt copies them
-    for (uint64_t ullBefore = aTry.m_bLate || HasReason_i(aReceiver, aTry) ? ullSent + 1 : 1; ullBefore-- > 0;) {
+    for (uint64_t ullBefore = aStatistics->m_Sent.m_ullMessages - aReceiver.m_Sent.m_ullMessages + 1; ullBefore-- > 0;) {
         CReceiver receiver = aReceiver;
-        PopSent_i(receiver, ullBefore);
-        const BOOL bAtLimit = IsAtLimit(receiver, aTry.m_dwTick);
-        const BOOL bDrops = receiver.m_Options.m_Policy == CM_FORWARD_DROP_OLDEST;
-        if (bAtLimit && !bDrops && bTaken)
-            continue;  // it must be gone, or hold back
-        // A Forward that was held back may have applied the limit.
-        if (bAtLimit && bDrops && (bTaken || aStatistics->m_Dropped != receiver.m_Dropped))
-            DropOldest_i(receiver, aTry.m_dwTick, aTry.m_bHadKeyMessage);
-        if (!TakeLosses_i(receiver, aTry.m_Before, aTry.m_dwTick, aTry.m_bHadKeyMessage))
-            continue;
-        if (bTaken)
-            Push_i(receiver, GetNextNumber() - 1, aTry.m_ullReplaced);
-        PopSent_i(receiver, ullSent - ullBefore);
-        const BOOL bHasKeyMessage =
-            aTry.m_bHadKeyMessage || (bTaken && (m_Messages.back().m_dwFlags & CCmForwardHeader::KEY_MESSAGE));
-        if (!TakeLosses_i(receiver, aTry.m_After, aTry.m_dwTick, bHasKeyMessage) || !Matches_i(receiver, *aStatistics))
+        if (!TryAfter_i(receiver, ullBefore, *aStatistics, aTry))
             continue;
         numbers.insert(numbers.end(), receiver.m_Numbers.begin(), receiver.m_Numbers.end());
         receiver.m_Numbers.swap(numbers);
@@ -241,57 +252,93 @@ BOOL CCmSimForwardModel::TryForward_i(CReceiver& aReceiver, const CCmForwardStat
     return FALSE;
 }
 
+// The Forward after aBefore further messages were sent. FALSE: it would have other results.
+BOOL CCmSimForwardModel::TryAfter_i(CReceiver& aReceiver, uint64_t aBefore, const CCmForwardStatistics& aStatistics,
+                                    const CTry& aTry) const {
+    const BOOL bTaken = aTry.m_Result == CM_OK;
+    const uint64_t ullSent = aStatistics.m_Sent.m_ullMessages - aReceiver.m_Sent.m_ullMessages;
+    PopSent_i(aReceiver, aBefore);
+    const BOOL bAtLimit = IsAtLimit(aReceiver, aTry.m_dwTick);
+    const BOOL bDrops = aReceiver.m_Options.m_Policy == CM_FORWARD_DROP_OLDEST;
+    if (bAtLimit && !bDrops && bTaken)
+        return FALSE;  // it must be gone, or hold back
+    // A Forward that was held back may have applied the limit.
+    if (bAtLimit && bDrops && (bTaken || aStatistics.m_Dropped != aReceiver.m_Dropped))
+        DropOldest_i(aReceiver, aTry.m_dwTick, aTry.m_bHadKeyMessage);
+    if (!TakeLosses_i(aReceiver, aTry.m_Before, aTry.m_dwTick, aTry.m_bHadKeyMessage))
+        return FALSE;
+    if (bTaken)
+        Push_i(aReceiver, GetNextNumber() - 1, aTry.m_ullReplaced);
+    PopSent_i(aReceiver, ullSent - aBefore);
+    const BOOL bHasKeyMessage =
+        aTry.m_bHadKeyMessage || (bTaken && (m_Messages.back().m_dwFlags & CCmForwardHeader::KEY_MESSAGE));
+    return TakeLosses_i(aReceiver, aTry.m_After, aTry.m_dwTick, bHasKeyMessage) && Matches_i(aReceiver, aStatistics);
+}
+
 // A session decides later: what is replaced may still be in its lag, or have been dropped with a replay.
 BOOL CCmSimForwardModel::Matches_i(CReceiver& aReceiver, const CCmForwardStatistics& aStatistics) const {
-    const CCmForwardCount lag = CountQueue_i(aReceiver, FALSE);
+    const CCmForwardCount& lag = aReceiver.m_Lag;
     const CCmForwardCount all = aStatistics.m_Sent + aStatistics.m_Dropped + aStatistics.m_Conflated + aStatistics.m_Lag;
     if (aReceiver.m_Options.m_Join == CM_FORWARD_JOIN_ALL_KEYS && aStatistics.m_Dropped.m_ullMessages > 0) {
         aReceiver.m_Conflated = aReceiver.m_Conflated + aReceiver.m_Dropped - aStatistics.m_Dropped;
         aReceiver.m_Dropped = aStatistics.m_Dropped;
     }
-    return aStatistics.m_Due == all && aStatistics.m_Due == aReceiver.m_Due && aStatistics.m_Sent == aReceiver.m_Sent &&
-           aStatistics.m_Dropped == aReceiver.m_Dropped && aStatistics.m_Lag.m_ullMessages >= lag.m_ullMessages &&
-           aStatistics.m_Conflated + aStatistics.m_Lag == aReceiver.m_Conflated + lag;
+    aReceiver.m_Seen = aStatistics;
+    aReceiver.m_bMatched = aStatistics.m_Due == all && aStatistics.m_Due == aReceiver.m_Due &&
+                           aStatistics.m_Sent == aReceiver.m_Sent && aStatistics.m_Dropped == aReceiver.m_Dropped &&
+                           aStatistics.m_Lag.m_ullMessages >= lag.m_ullMessages &&
+                           aStatistics.m_Conflated + aStatistics.m_Lag == aReceiver.m_Conflated + lag;
+    return aReceiver.m_bMatched;
 }
 
-std::string CCmSimForwardModel::Difference_i(const CReceiver& aReceiver, const CCmForwardStatistics& aStatistics) const {
+std::string CCmSimForwardModel::Difference_i(const CReceiver& aReceiver) const {
+    const CCmForwardStatistics& seen = aReceiver.m_Seen;
     const auto compare = [](const char* aName, const CCmForwardCount& aIs, const CCmForwardCount& aExpected) {
         return std::string(aName) + " " + TextOf(aIs) + " for " + TextOf(aExpected) + " ";
     };
     const CCmForwardReceiverOptions& options = aReceiver.m_Options;
     return "policy " + std::to_string(options.m_Policy) + ", join " + std::to_string(options.m_Join) + ", limits " +
            std::to_string(options.m_dwMaxMessages) + ", " + std::to_string(options.m_dwMaxBytes) + ", " +
-           std::to_string(options.m_dwMaxMilliseconds) + ": " + compare("due", aStatistics.m_Due, aReceiver.m_Due) +
-           compare("sent", aStatistics.m_Sent, aReceiver.m_Sent) +
-           compare("dropped", aStatistics.m_Dropped, aReceiver.m_Dropped) +
-           compare("conflated", aStatistics.m_Conflated, aReceiver.m_Conflated) +
-           compare("lag", aStatistics.m_Lag, CountQueue_i(aReceiver, FALSE));
+           std::to_string(options.m_dwMaxMilliseconds) + ": " + compare("due", seen.m_Due, aReceiver.m_Due) +
+           compare("sent", seen.m_Sent, aReceiver.m_Sent) + compare("dropped", seen.m_Dropped, aReceiver.m_Dropped) +
+           compare("conflated", seen.m_Conflated, aReceiver.m_Conflated) + compare("lag", seen.m_Lag, aReceiver.m_Lag);
 }
 
-CCmForwardCount CCmSimForwardModel::CountQueue_i(const CReceiver& aReceiver, BOOL aLimited) const {
-    CCmForwardCount count;
-    for (const uint64_t n : aReceiver.m_Queue) {
-        const BOOL bConflated = aReceiver.m_Options.m_Policy == CM_FORWARD_CONFLATE && m_Messages[n].m_ullKey != 0;
-        if (!aLimited || (n >= aReceiver.m_ullJoined && !bConflated))
-            count += {1, GetLength(n)};
-    }
-    return count;
+// TRUE: the message counts towards the limits.
+BOOL CCmSimForwardModel::IsLimited_i(const CReceiver& aReceiver, uint64_t aNumber) const {
+    const BOOL bConflated = aReceiver.m_Options.m_Policy == CM_FORWARD_CONFLATE && m_Messages[aNumber].m_ullKey != 0;
+    return aNumber >= aReceiver.m_ullJoined && !bConflated;
+}
+
+void CCmSimForwardModel::Enqueue_i(CReceiver& aReceiver, uint64_t aNumber) const {
+    const CCmForwardCount one{1, GetLength(aNumber)};
+    aReceiver.m_Queue.push_back(aNumber);
+    aReceiver.m_Lag += one;
+    if (IsLimited_i(aReceiver, aNumber))
+        aReceiver.m_LimitedLag += one;
+}
+
+void CCmSimForwardModel::Dequeue_i(CReceiver& aReceiver, std::deque<uint64_t>::const_iterator aPlace) const {
+    const CCmForwardCount one{1, GetLength(*aPlace)};
+    aReceiver.m_Lag -= one;
+    if (IsLimited_i(aReceiver, *aPlace))
+        aReceiver.m_LimitedLag -= one;
+    aReceiver.m_Queue.erase(aPlace);
 }
 
 // Whether the oldest message that counts has reached the limit of milliseconds.
 BOOL CCmSimForwardModel::IsFirstOld_i(const CReceiver& aReceiver, DWORD aTick) const {
     const DWORD dwMax = aReceiver.m_Options.m_dwMaxMilliseconds;
-    for (const uint64_t n : aReceiver.m_Queue) {
-        const BOOL bConflated = aReceiver.m_Options.m_Policy == CM_FORWARD_CONFLATE && m_Messages[n].m_ullKey != 0;
-        if (n >= aReceiver.m_ullJoined && !bConflated)
-            return dwMax > 0 && aTick - m_Messages[n].m_dwTick >= dwMax;
-    }
-    return FALSE;
+    if (dwMax == 0 || aReceiver.m_LimitedLag.m_ullMessages == 0)
+        return FALSE;
+    const auto it =
+        std::find_if(aReceiver.m_Queue.begin(), aReceiver.m_Queue.end(), [&](uint64_t n) { return IsLimited_i(aReceiver, n); });
+    return aTick - m_Messages[*it].m_dwTick >= dwMax;
 }
 
 BOOL CCmSimForwardModel::IsAtLimit(const CReceiver& aReceiver, DWORD aTick) const {
     const CCmForwardReceiverOptions& options = aReceiver.m_Options;
-    const CCmForwardCount lag = CountQueue_i(aReceiver, TRUE);
+    const CCmForwardCount& lag = aReceiver.m_LimitedLag;
     if (!aReceiver.m_bJoined)
         return FALSE;
     return (options.m_dwMaxMessages > 0 && lag.m_ullMessages >= options.m_dwMaxMessages) ||
@@ -302,19 +349,19 @@ void CCmSimForwardModel::PopSent_i(CReceiver& aReceiver, uint64_t aCount) const 
     for (; aCount > 0 && !aReceiver.m_Queue.empty(); --aCount) {
         aReceiver.m_Numbers.push_back(aReceiver.m_Queue.front());
         aReceiver.m_Sent += {1, GetLength(aReceiver.m_Queue.front())};
-        aReceiver.m_Queue.pop_front();
+        Dequeue_i(aReceiver, aReceiver.m_Queue.begin());
     }
 }
 
 void CCmSimForwardModel::DropFirst_i(CReceiver& aReceiver) const {
     aReceiver.m_Dropped += {1, GetLength(aReceiver.m_Queue.front())};
-    aReceiver.m_Queue.pop_front();
+    Dequeue_i(aReceiver, aReceiver.m_Queue.begin());
 }
 
 void CCmSimForwardModel::DropOldest_i(CReceiver& aReceiver, DWORD aTick, BOOL aHadKeyMessage, uint64_t aBeyond) const {
     const CCmForwardReceiverOptions& options = aReceiver.m_Options;
     const auto fits = [&] {
-        const CCmForwardCount lag = CountQueue_i(aReceiver, FALSE);
+        const CCmForwardCount& lag = aReceiver.m_Lag;
         const uint64_t ullFirst = aReceiver.m_Queue.front();
         return (options.m_dwMaxMessages == 0 || lag.m_ullMessages <= options.m_dwMaxMessages / 2) &&
                (options.m_dwMaxBytes == 0 || lag.m_ullBytes <= options.m_dwMaxBytes / 2) &&
@@ -339,15 +386,15 @@ void CCmSimForwardModel::Push_i(CReceiver& aReceiver, uint64_t aNumber, uint64_t
     if (aReceiver.m_bDueFromKey)
         return;
     aReceiver.m_Due += {1, GetLength(aNumber)};
-    aReceiver.m_Queue.push_back(aNumber);
+    Enqueue_i(aReceiver, aNumber);
     if (aReceiver.m_bAwaitsKey)
         return DropFirst_i(aReceiver);  // the queue was empty
     const BOOL bReplays = aReceiver.m_Options.m_Join == CM_FORWARD_JOIN_ALL_KEYS && aReplaced < aReceiver.m_ullJoined;
-    const auto it = std::find(aReceiver.m_Queue.begin(), aReceiver.m_Queue.end(), aReplaced);
-    if (it == aReceiver.m_Queue.end() || !(bReplays || aReceiver.m_Options.m_Policy == CM_FORWARD_CONFLATE))
+    const auto it = std::lower_bound(aReceiver.m_Queue.begin(), aReceiver.m_Queue.end(), aReplaced);
+    if (it == aReceiver.m_Queue.end() || *it != aReplaced || !(bReplays || aReceiver.m_Options.m_Policy == CM_FORWARD_CONFLATE))
         return;
     aReceiver.m_Conflated += {1, GetLength(aReplaced)};
-    aReceiver.m_Queue.erase(it);
+    Dequeue_i(aReceiver, it);
 }
 
 void CCmSimForwardModel::Fail_i(DWORD aId, const std::string& aText) {

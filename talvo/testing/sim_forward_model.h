@@ -22,6 +22,8 @@ public:
     struct CReceiver {
         CCmForwardReceiverOptions m_Options;  // those of AddReceiver
         std::deque<uint64_t> m_Queue;         // the numbers of the messages that are due and not sent; the first message is 0
+        CCmForwardCount m_Lag;                // of the queue
+        CCmForwardCount m_LimitedLag;         // of those in the queue that count towards the limits
         std::vector<uint64_t> m_Numbers;      // of those that were sent
         CCmForwardCount m_Due;                // as in CCmForwardStatistics
         CCmForwardCount m_Sent;               // as in CCmForwardStatistics
@@ -33,6 +35,8 @@ public:
         CmBool m_bDueFromKey = CM_FALSE;      // which are not even due
         CmBool m_bGone = CM_FALSE;            // its policy has removed it
         CmBool m_bLost = CM_FALSE;            // and it had a reason
+        CCmForwardStatistics m_Seen;          // the last ones of the session; as new after its end
+        CmBool m_bMatched = CM_FALSE;         // they agree with all of this
     };
 
     // The session's CM_OPT_FORWARD_LOG_MESSAGES, CM_OPT_FORWARD_LOG_BYTES and CM_OPT_FORWARD_KEYS; before the first message.
@@ -46,6 +50,9 @@ public:
     // Takes over what was sent since the last call, and compares all numbers.
     void Look(ICmForwardSession& aSession, CmDword aTick);
 
+    // A receiver that has joined, was never refused and had a lag at the last Look; 0: there is none.
+    CmDword FindLagging() const;
+
     // A Forward has returned aResult. aLate: receivers may have been sent messages since the last Look.
     void OnForward(ICmForwardSession& aSession, CmResult aResult, CmDword aLength, const CCmForwardHeader& aHeader,
                    CmDword aTick, CmBool aLate = CM_FALSE);
@@ -58,7 +65,7 @@ public:
     // TRUE: a limit of the receiver is reached, so that its policy may act.
     CmBool IsAtLimit(const CReceiver& aReceiver, CmDword aTick) const;
     // The numbers of a receiver, for a report.
-    std::string Describe(CmDword aId) const { return Find(aId) ? Difference_i(*Find(aId), {}) : ""; }
+    std::string Describe(CmDword aId) const { return Find(aId) ? Difference_i(*Find(aId)) : ""; }
     const std::string& GetFailure() const { return m_strFailure; }  // "": there is none
 
 private:
@@ -105,14 +112,17 @@ private:
     CmBool TakeLosses_i(CReceiver& aReceiver, const std::vector<CLoss>& aLosses, CmDword aTick, CmBool aHadKeyMessage) const;
     void Fail_i(CmDword aId, const std::string& aText);
     CmBool IsFirstOld_i(const CReceiver& aReceiver, CmDword aTick) const;
-    CCmForwardCount CountQueue_i(const CReceiver& aReceiver, CmBool aLimited) const;
+    CmBool IsLimited_i(const CReceiver& aReceiver, uint64_t aNumber) const;
+    void Enqueue_i(CReceiver& aReceiver, uint64_t aNumber) const;
+    void Dequeue_i(CReceiver& aReceiver, std::deque<uint64_t>::const_iterator aPlace) const;
     void PopSent_i(CReceiver& aReceiver, uint64_t aCount) const;
     void DropFirst_i(CReceiver& aReceiver) const;
     void DropOldest_i(CReceiver& aReceiver, CmDword aTick, CmBool aHadKeyMessage, uint64_t aBeyond = 0) const;
     void Push_i(CReceiver& aReceiver, uint64_t aNumber, uint64_t aReplaced) const;
     CmBool Matches_i(CReceiver& aReceiver, const CCmForwardStatistics& aStatistics) const;
-    std::string Difference_i(const CReceiver& aReceiver, const CCmForwardStatistics& aStatistics) const;
+    std::string Difference_i(const CReceiver& aReceiver) const;
     CmBool TryForward_i(CReceiver& aReceiver, const CCmForwardStatistics* aStatistics, const CTry& aTry) const;
+    CmBool TryAfter_i(CReceiver& aReceiver, uint64_t aBefore, const CCmForwardStatistics& aStatistics, const CTry& aTry) const;
 
     CLimits m_Limits;
     std::vector<CMessage> m_Messages;

@@ -116,10 +116,10 @@ public:
     void OnStep() override {
         m_Thread.Look();
         Look();
-        if (m_strLagged.empty() || m_Network.Now() == m_tvLook)
+        if (m_dwLagged == 0 || m_Network.Now() == m_tvLook)
             return NoteLagging();
-        m_Network.Fail("a receiver without a refusal has a lag: " + m_strLagged);
-        m_strLagged.clear();
+        m_Network.Fail("a receiver without a refusal has a lag: " + std::to_string(m_dwLagged));
+        m_dwLagged = 0;
     }
 
     void OnReceiver(DWORD aId, CmResult aReason) override {
@@ -365,15 +365,7 @@ private:
     }
     void NoteLagging() {
         m_tvLook = m_Network.Now();
-        m_strLagged.clear();
-        for (const auto& pLane : m_Lanes) {
-            CCmForwardStatistics statistics;
-            const CCmSimForwardModel::CReceiver* pReceiver = m_Model.Find(pLane->m_dwId);
-            if (m_pSession && pReceiver && pReceiver->m_bJoined &&
-                m_pSession->GetStatistics(statistics, pLane->m_dwId) == CM_OK && statistics.m_ullRefused == 0 &&
-                statistics.m_Lag.m_ullMessages > 0)
-                m_strLagged = std::to_string(pLane->m_dwId);
-        }
+        m_dwLagged = m_pSession ? m_Model.FindLagging() : 0;
     }
 
     void Settle() {
@@ -427,7 +419,7 @@ private:
     BOOL m_bCalm = FALSE;
     int m_nDepth = 0;  // of acts inside acts
     CCmTimeValue m_tvLook;
-    std::string m_strLagged;  // at the end of the last step
+    DWORD m_dwLagged = 0;  // a receiver, at the end of the last step
 };
 
 }  // namespace
