@@ -8,6 +8,7 @@ from bench_wan import killed
 SIZES = {"64 B": (64, 2000000), "1 KiB": (1024, 400000), "16 KiB": (16384, 40000)}  # bytes, deliveries in all
 SUITES = {"forward-64": "64 B", "forward-1k": "1 KiB", "forward-16k": "16 KiB"}
 NUMBERS = (1, 10, 100, 1000)
+ROUNDS = 7
 MOST_SECONDS = 200  # of any one run: 70 MiB to 900 receivers, for the suite forward-memory
 
 LOSSLESS = ["--policy", "wait"]
@@ -46,13 +47,13 @@ USERS_PROGRAMS = {"1 receiver": 0, "1,000 receivers": 1}
 def suites(make, measure):
     return {
         name: make(RATE_PROGRAMS, measure, [label(number, size) for number in NUMBERS], "epoll", BEST_OF,
-                   tuple(TALVO))
+                   tuple(TALVO), ROUNDS)
         for name, size in SUITES.items()
     } | {
-        "forward-latency": make(RATE_PROGRAMS, measure, list(LATENCIES), "epoll", BEST_OF, tuple(TALVO)),
-        "forward-stopped": make(STOPPED_PROGRAMS, measure, list(STOPPED), "all read", own=tuple(STOPPED_PROGRAMS)),
+        "forward-latency": make(RATE_PROGRAMS, measure, list(LATENCIES), "epoll", BEST_OF, tuple(TALVO), ROUNDS),
+        "forward-stopped": make(STOPPED_PROGRAMS, measure, list(STOPPED), "all read", own=tuple(STOPPED_PROGRAMS), rounds=ROUNDS),
         "forward-memory": make(MEMORY_PROGRAMS, measure, list(MEMORY), own=("length",), rounds=1),
-        "forward-user": make(USERS_PROGRAMS, measure, list(USERS), "1 receiver", own=tuple(USERS_PROGRAMS)),
+        "forward-user": make(USERS_PROGRAMS, measure, list(USERS), "1 receiver", own=tuple(USERS_PROGRAMS), rounds=ROUNDS),
     }
 
 
