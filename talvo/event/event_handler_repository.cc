@@ -29,6 +29,7 @@ CmResult CCmEventHandlerRepository::Bind(HANDLE aFd, ACmEventHandler* aEh, long 
     element.m_pEh = aEh;
     element.m_nMask = static_cast<int>(aMask & ACmEventHandler::ALL_EVENTS_MASK);
     element.m_bCloses = (aMask & ACmEventHandler::CLOSES_MASK) != 0;
+    element.m_bOneEach = (aMask & ACmEventHandler::ONE_EACH_MASK) != 0;
     element.m_bHasRead = element.m_bHasRead || (aMask & ACmEventHandler::READ_MASK);
     return bFound ? CM_ERROR_FOUND : CM_OK;
 }

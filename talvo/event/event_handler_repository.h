@@ -17,8 +17,9 @@ public:
         CmHandle m_fdNextNotified = CM_INVALID_HANDLE;  // the next marked handle
         int m_nMask = ACmEventHandler::NULL_MASK;       // the registered mask
         CmWord m_wNotified = 0;                         // a mask; if not 0, the handle is in the list of marked handles
-        bool m_bHasRead = false;                        // registered for reading at any time since it was bound
-        bool m_bCloses = false;                         // registered with CLOSES_MASK
+        bool m_bHasRead : 1 = false;                    // registered for reading at any time since it was bound
+        bool m_bCloses : 1 = false;                     // registered with CLOSES_MASK
+        bool m_bOneEach : 1 = false;                    // registered with ONE_EACH_MASK
     };
 
     // A binding that was found once. It notices its end, even if the handle is bound again to the same handler.
@@ -45,8 +46,8 @@ public:
     // The number of the next binding; never 0.
     CmDword GetNextBinding() const { return m_dwBindings == UINT32_MAX ? 1 : m_dwBindings + 1; }
 
-    // aMask may have CLOSES_MASK. Binds a handler, or changes the mask (same binding) or the handler (new binding). CM_OK: new.
-    // CM_ERROR_FOUND: it was bound. CM_ERROR_INVALID_ARG: the handle is invalid. CM_ERROR_OUT_OF_MEMORY.
+    // aMask may have CLOSES_MASK and ONE_EACH_MASK. Binds a handler, or changes the mask (same binding) or the handler (new
+    // binding). CM_OK: new. CM_ERROR_FOUND: it was bound. CM_ERROR_INVALID_ARG: the handle is invalid. CM_ERROR_OUT_OF_MEMORY.
     CmResult Bind(CmHandle aFd, ACmEventHandler* aEh, long aMask);
 
     // CM_ERROR_INVALID_ARG: the handle is invalid.

@@ -29,6 +29,7 @@ public:
         CLOSE_MASK = 0x80,        // the handle was closed or failed
         EVENTQUEUE_MASK = 0x100,  // the event queue has work
         CLOSES_MASK = 0x200,      // never reported: the handler closes the handle next, see RegisterHandler
+        ONE_EACH_MASK = 0x400,    // never reported: each OnInput accepts one connection, see RegisterHandler
         ALL_EVENTS_MASK = 0x3F    // the bits of a handle's registered mask
     };
 
@@ -66,9 +67,10 @@ public:
     // kinds that exists already is then reported. With DATAGRAM_MASK a pending failure of the system is reported as readiness
     // to read, for OnInput to fetch, and never as a close. OnInput is then called while there is more to read, whatever its
     // result. With CLOSES_MASK the handler's OnClose closes the handle or registers it again: the system ends the watch of a
-    // closed handle by itself, which saves a call. CM_OK: new, or nothing to change. CM_ERROR_FOUND: changed; also a success.
-    // CM_ERROR_INVALID_ARG: aEh is null or the mask is empty. CM_ERROR_UNEXPECTED: the system refuses the handle
-    // or the change to another handler; the handle has no handler then. CM_ERROR_OUT_OF_MEMORY.
+    // closed handle by itself, which saves a call. With ONE_EACH_MASK beside ACCEPT_MASK a turn of the loop may report up to 16
+    // waiting connections, one each. CM_OK: new, or nothing to change. CM_ERROR_FOUND: changed; also a success.
+    // CM_ERROR_INVALID_ARG: aEh is null or the mask is empty. CM_ERROR_UNEXPECTED: the system refuses the handle or the change
+    // to another handler; the handle has no handler then. CM_ERROR_OUT_OF_MEMORY.
     virtual CmResult RegisterHandler(ACmEventHandler* aEh, long aMask) = 0;
 
     // Removes the kinds in aMask, and the handler if no kind is left. Never calls OnClose. With CLOSES_MASK the caller closes

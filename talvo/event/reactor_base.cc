@@ -10,8 +10,9 @@ namespace {
 
 CCmLiveCounter s_Live("CCmReactorBase");
 
-constexpr long FLAG_MASK = ACmEventHandler::CLOSES_MASK;  // passed to the concrete reactor unchanged
-constexpr long REMOVE_AND_CALL_MASK = 0x7F;               // all kinds and SHOULD_CALL_MASK
+// Passed to the concrete reactor unchanged.
+constexpr long FLAG_MASK = ACmEventHandler::CLOSES_MASK | ACmEventHandler::ONE_EACH_MASK;
+constexpr long REMOVE_AND_CALL_MASK = 0x7F;  // all kinds and SHOULD_CALL_MASK
 constexpr unsigned long MAX_EVENTS_A_REPORT = 5;
 
 }  // namespace

@@ -1,14 +1,18 @@
 #include "talvo/event/reactor_epoll.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <new>
 #include <tuple>
 #include <utility>
@@ -23,6 +27,7 @@ namespace {
 
 constexpr int MAX_REPORTS = 256;
 constexpr int MAX_INPUTS = 4;            // calls of OnInput for one report, while the handler continues
+constexpr DWORD MAX_ACCEPTS = 16;        // reports of a listening handle in one turn
 constexpr int MAX_EVENT_BATCHES = 16;    // batches of events between two checks of the handles,
 constexpr int64_t MAX_EVENT_USEC = 100;  // no batch starts later than this after the first
 constexpr uint64_t WAKE_UP_DATA = UINT64_MAX;
@@ -61,6 +66,14 @@ constexpr long OUT_MASK = ACmEventHandler::CONNECT_MASK | ACmEventHandler::WRITE
 int BytesReadable(HANDLE aFd) {
     int nBytes = 0;
     return ioctl(aFd, FIONREAD, &nBytes) == 0 ? nBytes : -1;
+}
+
+// The number of connections that a listening handle has; 0 also if the system does not count them, as for a path.
+DWORD ConnectionsWaiting(HANDLE aFd) {
+    tcp_info info{};
+    socklen_t length = offsetof(tcp_info, tcpi_unacked) + sizeof info.tcpi_unacked;
+    const BOOL bCounted = getsockopt(aFd, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 && info.tcpi_state == TCP_LISTEN;
+    return bCounted ? info.tcpi_unacked : 0;  // of a listener the connections that nobody has accepted
 }
 
 // TRUE: the handler has read before and is not registered for reading now.
@@ -252,6 +265,7 @@ void CCmReactorEpoll::ReportBinding_i(const CBinding& aBinding, DWORD aEvents) {
     const CElement& element = *aBinding.Get();
     if (const long lSpecial = element.m_nMask & (ACmEventHandler::ACCEPT_MASK | ACmEventHandler::CONNECT_MASK)) {
         ProcessBinding_i(aBinding, lSpecial);
+        ReportWaiting_i(aBinding);
         return;
     }
     // A failure of a datagram socket is received like a datagram: the handler decides whether the handle is still usable.
@@ -270,6 +284,21 @@ void CCmReactorEpoll::ReportBinding_i(const CBinding& aBinding, DWORD aEvents) {
         ReportIn_i(aBinding);  // reads the end of stream behind the last bytes; no further edge reports it
     if (aEvents & EPOLLOUT)
         ReportOut_i(aBinding);
+}
+
+// Reports the connections behind the first one, which saves a wait for each.
+void CCmReactorEpoll::ReportWaiting_i(const CBinding& aBinding) {
+    const CElement* pElement = aBinding.Get();
+    if (!pElement || !pElement->m_bOneEach || !m_AcceptPace.IsWorthCounting(m_Counters.m_ullWakeUps))
+        return;
+    const DWORD dwWaiting = ConnectionsWaiting(aBinding.GetHandle());
+    m_AcceptPace.OnCount(dwWaiting > 0);
+    for (DWORD i = std::min(dwWaiting, MAX_ACCEPTS - 1); i > 0; --i) {
+        ProcessTimerTick();
+        if (!aBinding.Get())
+            return;  // the handler has stopped
+        ProcessBinding_i(aBinding, ACmEventHandler::ACCEPT_MASK);
+    }
 }
 
 // Calls a handler that continues again a few times at once, which saves a system call for each. Then the other handles get

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "talvo/base/mutex.h"
+#include "talvo/event/accept_pace.h"
 #include "talvo/event/embedded_loop.h"
 #include "talvo/event/reactor_base.h"
 
@@ -14,7 +15,7 @@ struct epoll_event;
 // receive and the send. No edge is lost. A handler that returns 0 from OnInput ("continue") is called again if there is more to
 // read. Kinds that are added to a mask are reported if they are ready. Handles of datagrams are watched level-triggered, and
 // for writing only on request, because the system reports room after each datagram that has left. Listening handles are also
-// level-triggered.
+// level-triggered; while connections come in bursts, a turn reports up to 16 of those that wait.
 //
 // One turn of the loop: wait; readiness reports, with a check of the timers after each; notifications; events; timers. The loop
 // wakes at least once a tick (10 ms; configuration key "TickMs" in section "Reactor") and then runs its events, so that sent
@@ -60,6 +61,7 @@ private:
     CmBool HasWork_i();
     void DispatchReport_i(const epoll_event& aReport);
     void ReportBinding_i(const CBinding& aBinding, CmDword aEvents);
+    void ReportWaiting_i(const CBinding& aBinding);
     void ReportIn_i(const CBinding& aBinding);
     void ReportOut_i(const CBinding& aBinding);
     void ReportClose_i(const CBinding& aBinding, CmResult aReason);
@@ -74,6 +76,7 @@ private:
     CmHandle m_fdWakeUp = CM_INVALID_HANDLE;
     CmHandle m_fdTick = CM_INVALID_HANDLE;  // a system timer, so that a wait needs no time-out of its own
     const int64_t m_llTickUsec;
+    talvo::CAcceptPace m_AcceptPace;
     std::unique_ptr<epoll_event[]> m_pReports;  // null: memory ran out
     CmBool m_bRunning = CM_FALSE;               // a turn is under way
     CmBool m_bOrderlyEnd = CM_FALSE;            // the report under way is the peer's end, and the handle is empty

@@ -1,3 +1,4 @@
+#include <netinet/tcp.h>
 #include <sys/resource.h>
 
 #include "talvo/base/memory_reuse.h"
@@ -87,6 +88,40 @@ TEST_F(AcceptorTest, AStopEndsOnlyTheListeningAndAStartGoesOnAtOnce) {
     m_Network.RunUntil([&] { return m_Sink.Count() == 11; });
     m_Network.RunPosted();
     EXPECT_EQ(11u, m_Sink.Count());
+}
+
+TEST_F(AcceptorTest, ABurstTakesFewTurnsOfSixteenAtMostAndAStopEndsIt) {
+    Listen();
+    std::vector<CTestFd> clients;
+    const auto connect = [&](size_t aCount) {
+        for (size_t n = 0; n < aCount; ++n)
+            clients.push_back(ConnectPlain(m_Addr));
+        YieldUntil([&] {
+            tcp_info info{};
+            socklen_t length = sizeof info;
+            EXPECT_EQ(0, getsockopt(m_pAcceptor->GetHandle(), IPPROTO_TCP, TCP_INFO, &info, &length));
+            return info.tcpi_unacked == aCount;
+        });
+    };
+    const auto turn = [&] {
+        EXPECT_EQ(CM_OK, m_Network.Main().RunOnce(&CCmTimeValue::s_tvZero));
+        return m_Sink.Count();
+    };
+    turn();
+    turn();
+    connect(40);
+    for (const size_t stAccepted : {1u, 17u, 33u, 40u})
+        EXPECT_EQ(stAccepted, turn());
+    turn();
+    connect(20);
+    m_Sink.m_Indicated = [&] {
+        if (m_Sink.Count() != 45)
+            return;
+        EXPECT_EQ(CM_OK, m_pAcceptor->StopListen(CM_OK));
+        Listen();  // perhaps with the same descriptor
+    };
+    for (const size_t stAccepted : {41u, 45u, 45u})
+        EXPECT_EQ(stAccepted, turn());
 }
 
 TEST(AcceptorDescriptorTest, NeitherSpinsNorDies) {

@@ -57,7 +57,7 @@ CmResult CCmAcceptorTcp::StartListen(ICmAcceptorConnectorSink* aSink, const CCmI
     if (rv == CM_OK)
         rv = Bind_i(aAddrListen);
     if (rv == CM_OK) {
-        rv = m_pReactor->RegisterHandler(this, ACCEPT_MASK);
+        rv = m_pReactor->RegisterHandler(this, ACCEPT_MASK | ONE_EACH_MASK);
         if (rv != CM_OK)
             m_Failure = CCmFailure(errno, "watch the port", aAddrListen);
     }
@@ -231,7 +231,7 @@ void CCmAcceptorTcp::OnTimeout(const CCmTimeValue&, void*) { Resume_i(); }
 
 void CCmAcceptorTcp::Resume_i() {
     m_Pause = NOT;
-    const CmResult rv = m_pReactor->RegisterHandler(this, ACCEPT_MASK);
+    const CmResult rv = m_pReactor->RegisterHandler(this, ACCEPT_MASK | ONE_EACH_MASK);
     if (rv == CM_OK)
         return;
     OutOfDescriptors_i(errno);
