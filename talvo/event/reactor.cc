@@ -29,6 +29,12 @@ CLiveReactors& LiveReactors() {
     return *s_Live;
 }
 
+// A live reactor that the calling thread has found last, and the number of the last change then.
+[[gnu::tls_model("initial-exec")]] constinit thread_local struct {
+    const ICmReactor* m_pReactor;
+    uint64_t m_ullChanges;
+} t_Found = {};
+
 using Guard = CCmMutexGuardT<CCmMutexThread>;
 
 }  // namespace
@@ -65,11 +71,17 @@ BOOL ICmReactor::IsAlive(const ICmReactor* aReactor) {
 BOOL ICmReactor::IsAlive_i(const ICmReactor* aReactor, uint64_t& aSeen) {
     if (aSeen == s_ullChanges.load(std::memory_order_acquire))
         return TRUE;
+    if (t_Found.m_pReactor == aReactor && t_Found.m_ullChanges == s_ullChanges.load(std::memory_order_acquire)) {
+        aSeen = aReactor->m_ullBorn <= aSeen ? t_Found.m_ullChanges : NEVER;
+        return aSeen != NEVER;
+    }
     CLiveReactors& live = LiveReactors();
     Guard guard(live.m_Mutex);
     const ICmReactor* pReactor = live.m_pFirst;
     while (pReactor && pReactor != aReactor)
         pReactor = pReactor->m_pNextAlive;
+    if (pReactor)
+        t_Found = {pReactor, s_ullChanges.load()};
     aSeen = pReactor && pReactor->m_ullBorn <= aSeen ? s_ullChanges.load() : NEVER;
     return aSeen != NEVER;
 }

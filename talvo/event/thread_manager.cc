@@ -25,6 +25,15 @@ alignas(CCmThreadManager) unsigned char s_Memory[sizeof(CCmThreadManager)];  // 
 
 std::atomic<bool> s_bMainThreadClaimed{false};
 
+// The number of registered threads that have come and gone. Changes under the mutex.
+std::atomic<uint64_t> s_ullChanges{1};
+
+// The calling thread's own object, when it was found last. It is the same until the number changes.
+[[gnu::tls_model("initial-exec")]] constinit thread_local struct {
+    ACmThread* m_pThread;
+    uint64_t m_ullChanges;
+} t_Found = {};
+
 using Guard = CCmMutexGuardT<CCmMutexThread>;
 using SingletonGuard = CCmMutexGuardT<CCmMutexThreadRecursive>;
 
@@ -159,6 +168,7 @@ CmResult CCmThreadManager::RegisterThread(ACmThread* aThread) {
         return CM_ERROR_FOUND;
     }
     auto* const pThreads = &m_Threads;
+    ++s_ullChanges;
     return talvo::WithMemory([&] { pThreads->push_back(aThread); }) ? CM_OK : CM_ERROR_OUT_OF_MEMORY;
 }
 
@@ -172,6 +182,7 @@ CmResult CCmThreadManager::UnregisterThread(ACmThread* aThread) {
     if (itThread == m_Threads.end())
         return CM_ERROR_NOT_FOUND;
     m_Threads.erase(itThread);
+    ++s_ullChanges;
     return CM_OK;
 }
 
@@ -188,8 +199,13 @@ ACmThread* CCmThreadManager::Find_l(int aType) {
 }
 
 ACmThread* CCmThreadManager::GetThread(int aType) {
+    if (aType == TT_CURRENT && t_Found.m_ullChanges == s_ullChanges.load(std::memory_order_acquire))
+        return t_Found.m_pThread;
     Guard guard(m_Mutex);
-    return Find_l(aType);
+    ACmThread* pThread = Find_l(aType);
+    if (aType == TT_CURRENT && pThread)
+        t_Found = {pThread, s_ullChanges.load(std::memory_order_relaxed)};
+    return pThread;
 }
 
 ICmReactor* CCmThreadManager::GetThreadReactor(int aType) {

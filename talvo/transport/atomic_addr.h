@@ -40,6 +40,7 @@ public:
         return ullAddr != 0;
     }
 
+    CmBool IsEmpty() const { return m_ullAddr == 0; }
     CmBool IsPath() const {
         const CAddrRecord* pRecord = GetRecord();
         return pRecord && pRecord->GetPtr()->sa_family == AF_UNIX;

@@ -65,6 +65,7 @@ protected:
     // without an errno is ignored. aWay must stay valid.
     void NoteFailure_i(const CWayToFail& aWay, int aErrno = 0);
     CmBool HasFailed_i() const { return m_pFailure != nullptr; }
+    int GetErrno_i() const { return m_nErrno; }  // of that failure; 0: the system has not failed
     CCmFailure GetFailure_i(const CCmInetAddr& aPeer) const;
 
     void RemoveFromReactor_i();

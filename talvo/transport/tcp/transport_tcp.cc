@@ -148,12 +148,12 @@ int CCmTransportTcp::OnClose(HANDLE aFd, long aMask) {
         return 0;
     if (!HasFailed_i())
         NoteEnd_i();
-    CCmInetAddr addrPeer;
-    GetPeerAddr_i(addrPeer);
-    const CCmFailure failure = GetFailure_i(addrPeer);
-    if (failure)
-        CM_WARNING_TRACE_THIS("CCmTransportTcp::OnClose, the connection has failed. fd=" << aFd
-                                                                                         << " err=" << failure.GetErrno());
+    if (m_AddrPeer.IsEmpty()) {  // it stays available after the end
+        CCmInetAddr addrPeer;
+        GetPeerAddr_i(addrPeer);
+    }
+    if (HasFailed_i())
+        CM_WARNING_TRACE_THIS("CCmTransportTcp::OnClose, the connection has failed. fd=" << aFd << " err=" << GetErrno_i());
     else
         CM_INFO_TRACE_THIS("CCmTransportTcp::OnClose, the peer has closed in good order. fd=" << aFd);
     return CCmTransportBase::OnClose(aFd, aMask);
