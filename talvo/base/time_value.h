@@ -15,7 +15,16 @@ public:
     // Seconds, or seconds and microseconds.
     explicit CCmTimeValue(long aSec) { Set(aSec, 0); }
     explicit CCmTimeValue(int aSec) { Set(aSec, 0); }  // without it, an int would be ambiguous between long and double
-    CCmTimeValue(long aSec, long aUsec) { Set(aSec, aUsec); }
+    CCmTimeValue(long aSec, long aUsec) {
+        constexpr uint64_t SEC_LIMIT = uint64_t{1} << 30, USEC_LIMIT = uint64_t{1} << 49;  // their sum fits 31 bits of seconds
+        const auto ullSec = static_cast<uint64_t>(aSec), ullUsec = static_cast<uint64_t>(aUsec);
+        if (ullSec >= SEC_LIMIT || ullUsec >= USEC_LIMIT) {  // or negative
+            Set(aSec, aUsec);
+            return;
+        }
+        m_lSec = static_cast<int32_t>(ullSec + ullUsec / 1000000);
+        m_lUsec = static_cast<int32_t>(ullUsec % 1000000);
+    }
     explicit CCmTimeValue(const timeval& aTv) { Set(aTv); }
     explicit CCmTimeValue(double aSec) { Set(aSec); }  // seconds; a NaN counts as 0
 

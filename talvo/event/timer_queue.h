@@ -27,12 +27,12 @@ private:
     std::atomic<uint64_t> m_ullSlot{0};
 };
 
-// A handler that deletes an object, see CCmTimerDeleteT. Its timer needs no memory: otherwise the object would have to be
-// deleted during a call on it.
+// A handler that deletes an object, see CCmTimerDeleteT. Its timer is a place in a list and needs no memory: otherwise the
+// object would have to be deleted during a call on it.
 class TALVO_API CCmTimerDelete : public ICmTimerHandler {
 private:
     friend class CCmTimerQueueBase;
-    CCmTimerDelete* m_pNext = nullptr;  // in the queue that had no memory for its timer
+    CCmTimerDelete* m_pNext = nullptr;  // in its queue; the last one points to itself; null: in none
 };
 
 // The timers of one thread, used only there, hence no lock. The key is the handler: each has at most one pending timer in a

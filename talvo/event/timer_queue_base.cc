@@ -5,6 +5,7 @@
 
 #include "talvo/base/clock.h"
 #include "talvo/event/event_batch.h"
+#include "talvo/event/timer_schedule.h"
 
 ICmTimerHandler::~ICmTimerHandler() = default;
 ICmTimerQueue::~ICmTimerQueue() = default;
@@ -25,57 +26,24 @@ int64_t NextExpiry(int64_t aExpires, int64_t aInterval, int64_t aNow) {
 
 CCmTimerQueueBase::~CCmTimerQueueBase() = default;
 
-void* CCmTimerQueueBase::GetDeletionArg() {
-    static char s_cArg;
-    return &s_cArg;
+char CCmTimerQueueBase::s_cDeletion;
+
+void* CCmTimerQueueBase::GetDeletionArg() { return &s_cDeletion; }
+
+CmResult CCmTimerQueueBase::ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval,
+                                          unsigned long aCount) {
+    return Schedule_i(aEh, aArg, aInterval, aCount, [this](const CNode& aNode) { return PushNode_l(aNode); });
 }
 
-[[gnu::flatten]] CmResult CCmTimerQueueBase::ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval,
-                                                           unsigned long aCount) {
-    if (!aEh)
-        return CM_ERROR_INVALID_ARG;
-    if (aInterval <= CCmTimeValue::s_tvZero && aCount != 1)
-        return CM_ERROR_INVALID_ARG;
-    if (!m_Mutex.IsCurrentThread())
-        return CM_ERROR_FAILURE;
-
-    __builtin_prefetch(aEh, 1);  // while the clock is read
-    int64_t llEarliest = 0;
-    const BOOL bWasEmpty = m_pObserver && GetEarliestTime_l(llEarliest) == -1;
-    CNode node;
-    node.m_pEh = aEh;
-    node.m_pArg = aArg;
-    node.m_llInterval = aInterval.GetTotalInUsec();
-    node.m_llExpires = CCmClock::GetTimeOfDayUsec() + node.m_llInterval;
-    node.m_dwCount = aCount > 0 && aCount < COUNT_WITHOUT_END ? static_cast<DWORD>(aCount) : COUNT_WITHOUT_END;
-
-    int nPushed;
-    {
-        OwnerGuard guard(m_Mutex);
-        if (m_bInPass && node.m_llExpires <= m_llPassNow) {
-            m_bNextPass = TRUE;
-            nPushed = PushNextPassNode_l(node);
-        } else {
-            nPushed = PushNode_l(node);
-        }
-    }
-    if (nPushed == NO_MEMORY && aArg == GetDeletionArg()) {
-        auto* pDeletion = static_cast<CCmTimerDelete*>(aEh);
-        pDeletion->m_pNext = std::exchange(m_pDeletions, pDeletion);
-        nPushed = 0;
-    }
-    if (bWasEmpty)
-        m_pObserver->OnObserve("TimerQueue");
-    switch (nPushed) {
-    case 0:
-        return CM_OK;
-    case 1:
+// The last one first, as of timers that are due at the same time.
+[[gnu::noinline]] CmResult CCmTimerQueueBase::AddDeletion_i(CCmTimerDelete& aDeletion) {
+    if (aDeletion.m_pNext)
         return CM_ERROR_FOUND;
-    case NO_MEMORY:
-        return CM_ERROR_OUT_OF_MEMORY;
-    default:
-        return CM_ERROR_FAILURE;
-    }
+    aDeletion.m_pNext = m_pDeletions ? m_pDeletions : &aDeletion;
+    m_pDeletions = &aDeletion;
+    if (m_pObserver)
+        m_pObserver->OnObserve("TimerQueue");
+    return CM_OK;
 }
 
 int CCmTimerQueueBase::PushNextPassNode_l(const CNode& aNode) {
@@ -139,9 +107,8 @@ int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
     const CCmTimeValue tvNow = CCmTimeValue::FromUsec(aNow);
     const talvo::CEventBatch batch;
 
-    int nFired = 0;
     CNode node;
-    RunDeletionsWithoutNode_i(tvNow);
+    int nFired = RunDeletions_l(tvNow);
     AdmitNextPass_i(aNow);  // from a callback that started this pass itself
     while (PopDueNode_l(aNow, node)) {
         ++nFired;
@@ -153,10 +120,15 @@ int CCmTimerQueueBase::CheckExpire(CCmTimeValue* aRemainTime) {
     return nFired;
 }
 
-void CCmTimerQueueBase::RunDeletionsWithoutNode_i(const CCmTimeValue& aNow) {
-    CCmTimerDelete* pDeletion = std::exchange(m_pDeletions, nullptr);
-    while (pDeletion)
-        std::exchange(pDeletion, pDeletion->m_pNext)->OnTimeout(aNow, GetDeletionArg());
+int CCmTimerQueueBase::RunDeletions_l(const CCmTimeValue& aNow) {
+    int nRun = 0;
+    for (CCmTimerDelete* pDeletion = std::exchange(m_pDeletions, nullptr); pDeletion; ++nRun) {
+        CCmTimerDelete& deletion = *pDeletion;
+        CCmTimerDelete* pNext = std::exchange(deletion.m_pNext, nullptr);
+        pDeletion = pNext == &deletion ? nullptr : pNext;
+        deletion.OnTimeout(aNow, GetDeletionArg());
+    }
+    return nRun;
 }
 
 void CCmTimerQueueBase::AdmitNextPass_i(int64_t aNow) {
@@ -187,10 +159,8 @@ void CCmTimerQueueBase::RunPendingDeletions() {
     AdmitNextPass_i(m_llPassNow);
     DropNodes_l();
     do {
-        RunDeletionsWithoutNode_i(CCmTimeValue::s_tvZero);
+        RunDeletions_l(CCmTimeValue::s_tvZero);
         while (PopFirstNode_l(node) == 0) {
-            if (node.m_pArg == GetDeletionArg())
-                node.m_pEh->OnTimeout(CCmTimeValue::FromUsec(node.m_llExpires), node.m_pArg);
         }
     } while (m_pDeletions);
 }

@@ -43,13 +43,17 @@ public:
     // destructor of every concrete queue calls it.
     void RunPendingDeletions();
 
-    // An aArg that marks a timer as the deferred deletion of an object. It must happen even if the queue ends first or has no
-    // memory. The handler is a CCmTimerDelete.
+    // An aArg that marks a timer as the deferred deletion of an object. The handler is a CCmTimerDelete. It is due at once,
+    // whatever its interval, and runs in the next pass before all timers, also if the queue ends first. It cannot be cancelled.
     static void* GetDeletionArg();
 
 protected:
     // The result of PushNode_l and PushNextPassNode_l if there is no memory.
     static constexpr int NO_MEMORY = -1;
+
+    // ScheduleTimer with aPush in place of PushNode_l, so that a concrete queue can have it in line. See timer_schedule.h.
+    template <class Push>
+    CmResult Schedule_i(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount, Push aPush);
 
     // 0: inserted. 1: replaced the handler's node. Any other result: failed.
     virtual int PushNode_l(const CNode& aNode) = 0;
@@ -69,9 +73,13 @@ protected:
     virtual int PushNextPassNode_l(const CNode& aNode);
     // A pass begins or ends: from now on the nodes for the next pass are ordinary nodes, due at aNow.
     virtual void AdmitNextPassNodes_l(int64_t aNow);
-    // The queue's use ends, and no node waits for the next pass. May remove all nodes but the deletions, without access to
-    // their handlers. The default leaves them.
+    // The queue's use ends, and no node waits for the next pass. May remove all nodes, without access to their handlers. The
+    // default leaves them.
     virtual void DropNodes_l();
+
+    // The deletions that are due, of which a concrete queue has no nodes. Returns their number.
+    CmBool HasDeletions() const { return m_pDeletions != nullptr; }
+    int RunDeletions_l(const CCmTimeValue& aNow);
 
     // Counts one firing at aNow and advances the expiry. FALSE: that was the last.
     static CmBool Advance(CNode& aNode, int64_t aNow);
@@ -81,10 +89,12 @@ protected:
 private:
     int FirePass_i(int64_t aNow);
     void AdmitNextPass_i(int64_t aNow);
-    void RunDeletionsWithoutNode_i(const CCmTimeValue& aNow);
+    CmResult AddDeletion_i(CCmTimerDelete& aDeletion);
+
+    static char s_cDeletion;
 
     ICmObserver* m_pObserver;                // not owned
-    CCmTimerDelete* m_pDeletions = nullptr;  // those for which memory ran out; due at once
+    CCmTimerDelete* m_pDeletions = nullptr;  // due at once; the last one first
     int64_t m_llPassNow = 0;                 // the current pass fires up to this time
     CmBool m_bInPass = CM_FALSE;             // a callback is under way
     CmBool m_bNextPass = CM_FALSE;           // a callback scheduled a due timer, which waits for the next pass

@@ -106,10 +106,10 @@ DWORD CCmTimerQueueCalendar::CountTurns_i(DWORD aTicks, int64_t aNow) const {
 
 int CCmTimerQueueCalendar::Turn_i(int64_t aNow, BOOL aByClock) {
     const CCmRefPtrT<talvo::CPostedTicks> pTicks = m_pTicks;  // outlives the calendar
-    int nFired = std::exchange(m_bDeletionWithoutNode, false) ? CheckExpire(nullptr) : 0;
-    if (!m_pSlots)
-        return nFired;
     const CCmTimeValue tvNow = CCmTimeValue::FromUsec(aNow);
+    int nFired = RunDeletions_l(tvNow);
+    if (!m_pSlots || pTicks->IsDetached())
+        return nFired;
     m_llTurnedTo = std::max(m_llTurnedTo, std::min(m_llTurnedTo, aNow) + GetSlotUsec_i());
     TakeSlot_i();
     const talvo::CEventBatch batch;
@@ -186,10 +186,8 @@ void CCmTimerQueueCalendar::Unlink_i(CEntry& aEntry) {
 
 int CCmTimerQueueCalendar::PushNode_l(const CNode& aNode) {
     CEntry* pEntry = nullptr;
-    if (!m_pSlots || !talvo::WithMemory([&] { pEntry = &m_Handlers[aNode.m_pEh]; })) {
-        m_bDeletionWithoutNode = m_bDeletionWithoutNode || aNode.m_pArg == GetDeletionArg();
+    if (!m_pSlots || !talvo::WithMemory([&] { pEntry = &m_Handlers[aNode.m_pEh]; }))
         return NO_MEMORY;
-    }
     const BOOL bFound = pEntry->m_ppBack != nullptr;
     if (bFound)
         Unlink_i(*pEntry);

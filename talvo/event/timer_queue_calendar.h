@@ -52,7 +52,7 @@ protected:
 
     // FALSE: memory ran out in the constructor.
     CmBool HasWheel_i() const { return m_pSlots != nullptr; }
-    CmBool IsEmpty_i() const { return m_Handlers.empty() && !m_bDeletionWithoutNode; }
+    CmBool IsEmpty_i() const { return m_Handlers.empty() && !HasDeletions(); }
     // Posted ticks have run.
     virtual void OnTicked_i() {}
 
@@ -90,5 +90,4 @@ private:
     mutable CmDword m_dwNearest = 1;  // in ticks: nearer slots are empty
     int64_t m_llTurnedTo = 0;         // on the clock, in microseconds; valid while there are timers
     std::unordered_map<ICmTimerHandler*, CEntry> m_Handlers;
-    bool m_bDeletionWithoutNode = false;  // the base keeps one for which memory ran out
 };

@@ -27,8 +27,10 @@ public:
     explicit CCmTimerQueueOrderedList(ICmObserver* aObserver = nullptr);
     ~CCmTimerQueueOrderedList() override;
 
+    CmResult ScheduleTimer(ICmTimerHandler* aEh, void* aArg, const CCmTimeValue& aInterval, unsigned long aCount) override;
+
 protected:
-    int PushNode_l(const CNode& aNode) override;
+    int PushNode_l(const CNode& aNode) final;
     int EraseNode_l(ICmTimerHandler* aEh) override;
     int RePushNode_l(const CNode& aNode) override;
     int PopFirstNode_l(CNode& aNode) override;
@@ -75,8 +77,9 @@ private:
 
     CmDword Find(const ICmTimerHandler* aEh) const;
     CmDword FindOther(const ICmTimerHandler* aEh) const;
-    CmDword Enter(ICmTimerHandler* aEh);
-    CmBool NoteSlot(ICmTimerHandler* aEh, CmDword aSlot);
+    int Push_i(const CNode& aNode);
+    CmDword Enter(ICmTimerHandler* aEh, bool aIsOurs);
+    CmBool IsOurs(uint64_t aNote) const { return aNote >> 32 == m_dwNumber; }
     CmBool NoteFirstSlot(ICmTimerHandler* aEh, CmDword aSlot);
     void Forget(ICmTimerHandler* aEh);
     void Reschedule(CmDword aSlot, const CNode& aNode);
