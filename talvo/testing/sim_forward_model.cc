@@ -210,16 +210,21 @@ void CCmSimForwardModel::OnForward(ICmForwardSession& aSession, CmResult aResult
         while (m_Newest.size() > m_Limits.m_dwKeys)
             ForgetKey_i(attempt.m_After);
     }
+    CCmForwardStatistics all;  // those of any receiver have the log's part of them
+    BOOL bAny = FALSE;
     for (auto& [dwId, receiver] : m_Receivers) {
         CCmForwardStatistics statistics;
         const BOOL bPresent = aSession.GetStatistics(statistics, dwId) == CM_OK;
+        if (bPresent)
+            all.m_Held = statistics.m_Held;
+        bAny = bAny || bPresent;
         if (!receiver.m_bGone && !TryForward_i(receiver, bPresent ? &statistics : nullptr, attempt))
             Fail_i(dwId, "a Forward does not follow its policy: " + Difference_i(receiver));
     }
     if (aResult == CM_OK && (aHeader.m_dwFlags & CCmForwardHeader::KEY_MESSAGE))
         m_ullLastKeyMessage = GetNextNumber() - 1;  // the limits were applied before
-    CCmForwardStatistics all;
-    aSession.GetStatistics(all);
+    if (!bAny)
+        aSession.GetStatistics(all);
     if (all.m_Held != m_Held)
         Fail_i(0, "the log holds " + TextOf(all.m_Held) + " for " + TextOf(m_Held));
     if (all.m_Held.m_ullBytes > m_Limits.m_dwBytes && all.m_Held.m_ullMessages > 1)

@@ -36,43 +36,60 @@ constexpr DWORD SHORTEST = 8;  // the number and the length
 constexpr DWORD LONGEST = 3000;
 const CCmTimeValue CALM(600);  // a reliable connection is back, and the slowest link has delivered what was in flight
 
+// The client's end: checks messages as they come.
+class CArrivals : public ICmTransportSink {
+public:
+    explicit CArrivals(BOOL aStream) : m_bStream(aStream) {}
+
+    // The first words of a message are its number and its length.
+    static char LastOf(const DWORD* aWords) { return static_cast<char>(aWords[1] == SHORTEST ? 0 : aWords[0] >> 3); }
+
+    void OnReceive(CCmMessageBlock& aData, ICmTransport*, CCmTransportParameter*) override {
+        for (const CCmMessageBlock* pMb = &aData; pMb; pMb = pMb->GetNext())
+            m_strBegun.append(pMb->GetTopLevelReadPtr(), pMb->GetTopLevelLength());
+        size_t stAt = m_bStream ? 0 : Take(0, m_strBegun.size());
+        while (m_strBegun.size() - stAt >= SHORTEST && LengthAt(stAt) <= m_strBegun.size() - stAt)
+            stAt += Take(stAt, m_strBegun.size() - stAt);
+        m_strBegun.erase(0, stAt);
+        m_Receive();
+    }
+    void OnSend(ICmTransport*, CCmTransportParameter*) override {}
+    void OnDisconnect(CmResult, ICmTransport*) override {}
+
+    std::vector<int64_t> m_Numbers;  // of the messages that have come whole; -1 for a wrong one
+    std::function<void()> m_Receive;
+
+private:
+    DWORD LengthAt(size_t aAt) const {
+        DWORD dwLength = 0;
+        std::memcpy(&dwLength, m_strBegun.data() + aAt + 4, 4);
+        return dwLength;
+    }
+    // Returns the bytes that are taken: those of the message, or all if it is wrong.
+    size_t Take(size_t aAt, size_t aMost) {
+        DWORD words[2] = {};
+        std::memcpy(words, m_strBegun.data() + aAt, std::min(aMost, sizeof(words)));
+        const BOOL bWhole = words[1] >= SHORTEST && (m_bStream ? words[1] <= aMost : words[1] == aMost);
+        const BOOL bRight = bWhole && m_strBegun[aAt + words[1] - 1] == LastOf(words);
+        m_Numbers.push_back(bRight ? int64_t{words[0]} : -1);
+        return bRight ? words[1] : aMost;
+    }
+
+    const BOOL m_bStream;
+    std::string m_strBegun;  // of a stream, the part of a message
+};
+
 // A connection whose server end becomes a receiver.
 struct CLane {
-    CLane(WORD aPort, DWORD aType, BOOL aProxy) : m_dwType(aType), m_bProxy(aProxy), m_Addr("10.0.0.1", aPort) {}
+    CLane(WORD aPort, DWORD aType, BOOL aProxy)
+        : m_dwType(aType), m_bProxy(aProxy), m_Addr("10.0.0.1", aPort), m_Client(aType == TCP) {}
 
-    BOOL IsStream() const { return m_dwType == TCP; }
     BOOL IsDatagrams() const { return (m_dwType & UDP) != 0; }
     ICmTransport* Client() const { return m_Clients.m_Transports.empty() ? nullptr : m_Clients.m_Transports[0].Get(); }
     void Pause(BOOL aPaused) {
         if (Client())
             Client()->SetOption(CM_OPT_TRANSPORT_PAUSE_READING, &aPaused);
     }
-    // The numbers of the messages that have come whole; -1 for a wrong one.
-    std::vector<int64_t> GetArrived() const {
-        std::vector<int64_t> numbers;
-        const auto add = [&](const std::string& aText, size_t aAt, size_t aMost) {
-            DWORD words[2] = {};
-            std::memcpy(words, aText.data() + aAt, std::min(aMost, sizeof(words)));
-            const BOOL bRight = words[1] >= SHORTEST && words[1] <= aMost && aText[aAt + words[1] - 1] == LastOf(words);
-            numbers.push_back(bRight ? int64_t{words[0]} : -1);
-            return words[1];
-        };
-        if (!IsStream()) {
-            for (const std::string& strText : m_Client.m_Received)
-                add(strText, 0, strText.size());
-            return numbers;
-        }
-        const std::string& strAll = m_Client.m_strReceived;
-        for (size_t stAt = 0; strAll.size() - stAt >= SHORTEST && (numbers.empty() || numbers.back() >= 0);) {
-            DWORD dwLength = 0;
-            std::memcpy(&dwLength, strAll.data() + stAt + 4, 4);
-            if (dwLength > strAll.size() - stAt)
-                break;
-            stAt += add(strAll, stAt, strAll.size() - stAt);
-        }
-        return numbers;
-    }
-    static char LastOf(const DWORD* aWords) { return static_cast<char>(aWords[1] == SHORTEST ? 0 : aWords[0] >> 3); }
 
     const DWORD m_dwType;
     const BOOL m_bProxy;  // the user's thread has the server's end
@@ -80,7 +97,8 @@ struct CLane {
     CCmRefPtrT<ICmAcceptor> m_pAcceptor;
     CCmRefPtrT<ICmConnector> m_pConnector;
     CCmConnectLog m_Servers, m_Clients;
-    CCmUpcallLog m_Server, m_Client;
+    CCmUpcallLog m_Server;
+    CArrivals m_Client;
     DWORD m_dwId = 0;                  // of the receiver; 0: not yet
     BOOL m_bOver = FALSE;              // it was a receiver, or has ended
     std::vector<uint64_t> m_Expected;  // what a receiver that is gone was sent
@@ -227,14 +245,15 @@ private:
     CLane& RandomLane() { return *m_Lanes[Below(m_Lanes.size())]; }
 
     void ForwardMany() {
+        Look();
         for (DWORD i = Chance(30) ? 1 + Below(100) : 1 + Below(5); i > 0 && m_pSession && !m_Waiting; --i)
             Forward();
     }
+    // The model has looked since the last event.
     void Forward() {
-        Look();
         const DWORD dwLength = SHORTEST + (Chance(20) ? Below(LONGEST) : Below(100));
         const DWORD words[2] = {static_cast<DWORD>(m_Model.GetNextNumber()), dwLength};
-        std::string strText(dwLength, CLane::LastOf(words));
+        std::string strText(dwLength, CArrivals::LastOf(words));
         std::memcpy(strText.data(), words, sizeof(words));
         CCmMessageBlock message(dwLength);
         message.Write(strText.data(), dwLength);
@@ -394,7 +413,7 @@ private:
         if (pReceiver && !pReceiver->m_Queue.empty() && !pReceiver->m_bGone)
             m_Network.Fail("a receiver has a lag in the calm: " + std::to_string(aLane.m_dwId));
         const std::vector<uint64_t>& expected = pReceiver ? pReceiver->m_Numbers : aLane.m_Expected;
-        const std::vector<int64_t> arrived = aLane.GetArrived();
+        const std::vector<int64_t>& arrived = aLane.m_Client.m_Numbers;
         size_t stAt = 0;
         for (const int64_t llNumber : arrived) {
             while (aLane.IsDatagrams() && stAt < expected.size() && expected[stAt] != static_cast<uint64_t>(llNumber))
