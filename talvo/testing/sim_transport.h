@@ -84,6 +84,7 @@ private:
     CSocketSettings m_Sizes;
     BOOL m_bClosed = FALSE;
     BOOL m_bPaused = FALSE;
+    BOOL m_bRestFirst = FALSE;  // OPT_REST_BEFORE_FAILURE
     BOOL m_bDeliveryDue = FALSE;
     BOOL m_bEndArrived = FALSE;  // the peer's, after m_Unread
     BOOL m_bTellEnd = FALSE;     // option 148

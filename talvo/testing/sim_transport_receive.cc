@@ -5,6 +5,7 @@
 
 #include "talvo/base/trace.h"
 #include "talvo/testing/sim_transport.h"
+#include "talvo/transport/rest_option.h"
 
 namespace talvo {
 
@@ -48,6 +49,7 @@ void CSimTransport::TakePiece_i(CPiece aPiece) {
 
 // A broken stream does not wait for the end of a pause, which may never come.
 void CSimTransport::ScheduleDelivery_i() {
+    m_bPaused = m_bPaused && !(m_End.m_bBroken && m_bRestFirst);
     const BOOL bReadable = !m_bPaused && (!m_Unread.empty() || (m_bEndArrived && !m_bEndNotified));
     if (m_pSink && (bReadable || m_End.m_bBroken) && !std::exchange(m_bDeliveryDue, TRUE))
         After_i(0, &CSimTransport::Deliver_i);
@@ -176,6 +178,9 @@ CmResult CSimTransport::SetOption(DWORD aCommand, void* aArg) {
         return CM_OK;
     case CM_OPT_TRANSPORT_LAYERED:
         return SetLayered_i(*static_cast<BOOL*>(aArg));
+    case OPT_REST_BEFORE_FAILURE:
+        m_bRestFirst = *static_cast<BOOL*>(aArg);
+        return CM_OK;
     case CM_OPT_TRANSPORT_TELL_END:
         m_bTellEnd = m_bTellEnd || *static_cast<BOOL*>(aArg);
         return m_End.m_bDatagrams ? CM_ERROR_INVALID_ARG : CM_OK;

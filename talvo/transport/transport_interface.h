@@ -67,7 +67,8 @@ enum ECmTransportOption : CmDword {
     CM_OPT_TRANSPORT_TOS = 113,              // [waits] set CmDword: the IP type-of-service byte, or IPv6 traffic class; not on
                                              // Unix sockets
     CM_OPT_TRANSPORT_PAUSE_READING = 141,  // get, set CmBool: no OnReceive and no report of an orderly close by the peer until
-                                           // it is FALSE again; no data is lost. A failure is still reported
+                                           // it is FALSE again; no data is lost. A failure is still reported, and
+                                           // unread data is then lost. A thread proxy keeps both until then
     CM_OPT_TRANSPORT_PROXY_SEND_LIMIT = 142,  // get, set CmDword: thread proxies only, see CCmTransportThreadProxy
     CM_OPT_TRANSPORT_PROXY_RECV_LIMIT = 143,  // get, set CmDword: thread proxies only
     // [waits] get CmDword: bytes taken that the peer's system has not acknowledged; 0 over UDP, and over Unix sockets, where it

@@ -1,6 +1,7 @@
 #include "talvo/transport/tcp/transport_tcp.h"
 
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -159,13 +160,25 @@ int CCmTransportTcp::OnClose(HANDLE aFd, long aMask) {
     return CCmTransportBase::OnClose(aFd, aMask);
 }
 
-// The reactor has removed the handler, because reading takes no more from the socket. Held bytes are delivered first, and the
-// close is reported again after them. A failed connection does not wait for the end of a pause.
+// The reactor has removed the handler, because reading takes no more from the socket. Unread bytes are delivered first, and the
+// close is reported again after them.
 BOOL CCmTransportTcp::ReadsOn_i() {
-    if (!(m_bMore || GetHeld_i() > 0) || !m_pSink || (HasFailed_i() && m_bReadingPaused))
+    if (!m_pSink || (HasFailed_i() && m_bReadingPaused && !EndPause_i()))
+        return FALSE;
+    if (!m_bMore && GetHeld_i() == 0)
         return FALSE;
     m_bBroken = m_bBroken || HasFailed_i();
     return Watch_i() == CM_OK;
+}
+
+// A failed connection does not wait for the end of a pause, which may never come. FALSE: the sink loses the unread bytes.
+BOOL CCmTransportTcp::EndPause_i() {
+    DWORD dwBytes = 0;
+    if (!m_bRestFirst)
+        return FALSE;
+    m_bReadingPaused = FALSE;
+    m_bMore = m_bMore || (m_SocketTcp.Control(FIONREAD, &dwBytes) == 0 && dwBytes > 0);
+    return TRUE;
 }
 
 // An empty store stays until the next call, so that Read_i looks at the socket once more.

@@ -126,6 +126,7 @@ private:
     CmResult Watch_i();
     void GoOnReading_i();
     CmBool ReadsOn_i();
+    CmBool EndPause_i();
     CmBool FlushRest_i();
     CmResult EndSending_i(CmBool aEnd);
     CmResult SetReadSize_i(CmDword aSize);
@@ -155,8 +156,9 @@ private:
     bool m_bOpen = false;     // registered with the reactor
     bool m_bTellEnd = false;  // option 148
     bool m_bEndTold = false;
-    bool m_bEndSent = false;  // option 147
-    bool m_bDrained = false;  // the peer has ended in good order, and the socket is empty
-    bool m_bBroken = false;   // a send has failed, and OnDisconnect is due
+    bool m_bEndSent = false;    // option 147
+    bool m_bDrained = false;    // the peer has ended in good order, and the socket is empty
+    bool m_bBroken = false;     // a send has failed, and OnDisconnect is due
+    bool m_bRestFirst = false;  // OPT_REST_BEFORE_FAILURE
     CCmTransportCounters m_Counters;
 };

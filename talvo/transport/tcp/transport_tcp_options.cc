@@ -7,6 +7,7 @@
 
 #include "talvo/base/trace.h"
 #include "talvo/base/with_memory.h"
+#include "talvo/transport/rest_option.h"
 #include "talvo/transport/tcp/transport_tcp.h"
 
 CmResult CCmTransportTcp::SetOption(DWORD aCommand, void* aArg) {
@@ -20,6 +21,9 @@ CmResult CCmTransportTcp::SetOption(DWORD aCommand, void* aArg) {
         return PauseReading_i(*static_cast<BOOL*>(aArg));
     case CM_OPT_TRANSPORT_LAYERED:
         return SetLayered_i(*static_cast<BOOL*>(aArg));
+    case talvo::OPT_REST_BEFORE_FAILURE:
+        m_bRestFirst = !!*static_cast<BOOL*>(aArg);
+        return CM_OK;
     case CM_OPT_TRANSPORT_TELL_END:
         return SetTellEnd_i(*static_cast<BOOL*>(aArg));
     case CM_OPT_TRANSPORT_END_SENDING:

@@ -10,6 +10,7 @@
 #include "talvo/event/thread_linger.h"
 #include "talvo/event/thread_manager.h"
 #include "talvo/transport/connection_type.h"
+#include "talvo/transport/rest_option.h"
 #include "talvo/transport/socket_settings.h"
 
 namespace talvo {
@@ -37,8 +38,10 @@ CTransportProxyCore::~CTransportProxyCore() { --s_Live; }
 void CTransportProxyCore::Start(ICmTransport* aProxy) {
     m_pProxy = aProxy;
     ReadAddresses_i();
-    BOOL bLayered = TRUE;
-    m_pTransport->SetOption(CM_OPT_TRANSPORT_LAYERED, &bLayered);
+    BOOL bYes = TRUE;
+    m_pTransport->SetOption(CM_OPT_TRANSPORT_LAYERED, &bYes);
+    if (!CConnectionType(m_dwTransportType).IsOverDatagrams())
+        m_pTransport->SetOption(OPT_REST_BEFORE_FAILURE, &bYes);
     if (!Host_i()) {
         LostHere_i(CM_ERROR_NETWORK_SOCKET_CLOSE, THREAD_ENDED);
         return;

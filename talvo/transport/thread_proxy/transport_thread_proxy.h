@@ -27,7 +27,8 @@
 // Receiving: OnReceive gets a duplicate of its own, or a view on a copy of a message of at most 1,024 bytes. Each chunk counts
 // 128 bytes besides its payload. The limit of queued data is 1 MiB, or half of the socket's receive buffer if that has grown
 // larger; CM_OPT_TRANSPORT_PROXY_RECV_LIMIT fixes it. Above the limit, reading stops until the user's thread has taken half of
-// it. CM_OPT_TRANSPORT_PAUSE_READING pauses at once: no OnReceive and no OnDisconnect until it is set to FALSE.
+// it. CM_OPT_TRANSPORT_PAUSE_READING pauses at once: no OnReceive and no OnDisconnect until it is set to FALSE. When the
+// connection fails, bytes that the system has received join the queue, beyond its limit, so that no pause loses them.
 //
 // Opening: a raw transport stays unopened until OpenWithSink. A protocol connection runs from the start, and its data and its
 // end are kept within the same limit. So OpenWithSink may come at any time: it is CM_OK even if the connection has ended
