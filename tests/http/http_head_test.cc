@@ -84,6 +84,30 @@ TEST(HttpAtom, BeyondTheLimitAMessageKeepsItsNames) {
     EXPECT_EQ(copy.GetName(0), copy.ResolveName(strName));
 }
 
+// An atom of a name that was not a token, or that went with its message, must not come back.
+TEST(HttpAtom, ANameIsGuessedOnlyFromTheFieldsOfTheMessageBefore) {
+    CCmHttpRequestHead head;
+    const auto next = [&](const char* aOwn) {
+        head.Clear();
+        EXPECT_TRUE(head.AddField_i({}, "X-Guess-A", "1") && head.AddField_i({}, aOwn, "2"));
+        head.Clear();
+        return head.GuessName_i("X-Guess-A");
+    };
+    const CCmHttpAtom atom = Atoms::Instance()->ResolveAtom("X-Guess-A", 1);
+    EXPECT_EQ(atom, next("X-Guess-B"));
+    for (const char* pOther : {"x-guess-a", "X-Guess-", "X-Guess-AB", "X-Guess-B"})
+        EXPECT_FALSE(head.GuessName_i(pOther)) << pOther;
+    EXPECT_TRUE(head.AddField_i(atom, "X-Guess-A", "3"));
+    EXPECT_STREQ("X-Guess-B", head.GuessName_i("X-Guess-B"));
+    EXPECT_TRUE(head.SetHeader("bad name", "4", 0));
+    EXPECT_FALSE(head.GuessName_i("X-Guess-B"));
+    head.Clear();
+    EXPECT_FALSE(head.GuessName_i("X-Guess-A"));
+    Atoms::Instance()->SetLimits(0, 0);
+    EXPECT_FALSE(next("X-Own-Guess"));
+    Atoms::Instance()->SetLimits(Atoms::DEFAULT_MAX_NAMES, Atoms::DEFAULT_MAX_BYTES);
+}
+
 // The lines of a head, and how they are printed or the trace of their refusal.
 TEST(HttpHead, LinesAreReadAndPrinted) {
     const std::string REQUEST = "CCmHttpRequestHead::ParseFirstLine_t, ", RESPONSE = "CCmHttpResponseHead::ParseFirstLine_t, ";
@@ -217,6 +241,20 @@ TEST(HttpFraming, Persistence) {
     EXPECT_FALSE(talvo::is_persistent(CM_HTTP_VERSION_10, CCmHttpResponseHead()));
     EXPECT_TRUE(talvo::has_token("a=\"x, b, \\\", b\" ,, b ", "B") && !talvo::has_token("a=\"x, b, \\\", b\"", "b"));
     EXPECT_TRUE(talvo::is_sendable("a\tb") && !talvo::is_sendable("a\nb") && !talvo::is_sendable("a\rb"));
+}
+
+// They look at several bytes at a time, some of them twice.
+TEST(HttpHead, AControlCharacterIsFoundAnywhereInATextOfAnyLength) {
+    for (size_t stSize = 1; stSize <= 40; ++stSize) {
+        for (size_t stAt = 0; stAt < stSize; ++stAt) {
+            for (const char c : std::string_view("\0\t\n\r\x1F ~\x7F\x80\xFF", 10)) {
+                std::string strText(stSize, 'a');
+                strText[stAt] = c;
+                EXPECT_EQ(c == '\t' || !talvo::is_control(c), talvo::is_field_value(strText)) << stSize << ' ' << stAt;
+                EXPECT_EQ(c != '\0' && c != '\n' && c != '\r', talvo::is_sendable(strText)) << stSize << ' ' << stAt;
+            }
+        }
+    }
 }
 
 }  // namespace

@@ -50,6 +50,8 @@ BOOL CCmHttpHeaderArray::Clear() {
         if (entry.m_strValue.capacity() > MOST_SPARE_VALUE)
             CCmString().swap(entry.m_strValue);
     }
+    m_stGuesses = m_bTokens && m_OwnNames.empty() ? std::min(m_stCount, m_Entries.size()) : 0;
+    m_bTokens = TRUE;
     m_bHeadersComplete = m_bFirstLineParsed = FALSE;
     m_stCount = 0;
     m_ullMarks = 0;
@@ -59,6 +61,8 @@ BOOL CCmHttpHeaderArray::Clear() {
 }
 
 BOOL CCmHttpHeaderArray::SetHeader(const CCmHttpAtom& aAtom, std::string_view aValue, int aMerge) {
+    m_bTokens = FALSE;
+    m_stGuesses = 0;
     return talvo::WithMemory([&] { Store(aAtom, talvo::trim_spaces(aValue), aMerge); });
 }
 
@@ -187,6 +191,7 @@ CCmHttpAtom CCmHttpHeaderArray::ResolveParsed_t(std::string_view aName) {
         return atom;
     if (talvo::is_token(aName))
         return MakeOtherName(aName);
+    m_bTokens = FALSE;
     m_dwFaults |= CM_HTTP_FAULT_NAME;
     return MakeName(aName);
 }
@@ -269,6 +274,14 @@ BOOL CCmHttpHeaderArray::TakeHeaderLine(std::string_view aLine, size_t aColon, C
 
 BOOL CCmHttpHeaderArray::AddField_i(CCmHttpAtom aAtom, std::string_view aName, std::string_view aValue) {
     return NoteMemory(talvo::WithMemory([&] { Add(aAtom ? aAtom : MakeOtherName(aName), aValue); }));
+}
+
+CCmHttpAtom CCmHttpHeaderArray::GuessName_i(std::string_view aName) const {
+    if (m_stCount >= m_stGuesses)
+        return nullptr;
+    const CCmHttpAtom& atom = m_Entries[m_stCount].m_Atom;
+    const char* pText = atom;
+    return std::strncmp(pText, aName.data(), aName.size()) == 0 && pText[aName.size()] == '\0' ? atom : CCmHttpAtom();
 }
 
 // A received field. May throw std::bad_alloc.

@@ -68,6 +68,9 @@ public:
     // the field of a header line whose name is a token; aAtom: that of FindKnown.
     CmBool ParseLine_i(std::string_view aLine, size_t aColon);
     CmBool AddField_i(CCmHttpAtom aAtom, std::string_view aName, std::string_view aValue);
+    // The atom of aName, which is a token, if the message before had it at the place of the next field, in the same case; as
+    // most messages of a connection do. Null: look it up.
+    CCmHttpAtom GuessName_i(std::string_view aName) const;
 
     // The leading digits of Content-Length as a number; 0: there are none, or a minus is before them. -1: no such header. A
     // number that is too large for a long gives the largest one.
@@ -127,7 +130,9 @@ private:
     CmBool m_bFirstLineParsed = CM_FALSE;
     std::vector<CEntry> m_Entries;  // those from m_stCount on are spare storage
     size_t m_stCount = 0;
-    uint64_t m_ullMarks = 0;  // a bit of each name that was added: most names that are looked up are not there
+    size_t m_stGuesses = 0;      // as many entries had their names in the message before, tokens that the list keeps
+    CmBool m_bTokens = CM_TRUE;  // all names since Clear were received as tokens
+    uint64_t m_ullMarks = 0;     // a bit of each name that was added: most names that are looked up are not there
     std::vector<std::shared_ptr<const CCmString>> m_OwnNames;
     CmDword m_dwFaults = 0;
 };

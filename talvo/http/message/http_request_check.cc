@@ -123,14 +123,16 @@ int CHttpRequestCheck::OnRequestLine(std::string_view aLine, CHttpRequestLine& a
 }
 
 // A line that begins with a space continues the one before it; that obsolete form is refused like other invalid names.
-int CHttpRequestCheck::OnHeaderLine(const CHttpLine& aLine, CHttpField& aField) {
+int CHttpRequestCheck::OnHeaderLine(const CHttpLine& aLine, const CCmHttpHeaderArray& aHead, CHttpField& aField) {
     ++m_dwLines;
     if (aLine.m_stColon == std::string_view::npos || aLine.m_stColon == 0)
         return HTTP_BAD_REQUEST;
     aField.m_Name = aLine.m_Text.substr(0, aLine.m_stColon);
     aField.m_Value = aLine.m_Text.substr(aLine.m_stColon + 1);
     aField.m_Known = Atoms::FindKnown(aField.m_Name);
-    if ((!aField.m_Known && !is_token(aField.m_Name)) || !is_field_value(aField.m_Value))
+    if (!aField.m_Known)
+        aField.m_Other = aHead.GuessName_i(aField.m_Name);
+    if ((!aField.m_Known && !aField.m_Other && !is_token(aField.m_Name)) || !is_field_value(aField.m_Value))
         return HTTP_BAD_REQUEST;
     return aField.m_Known ? OnField(aField) : 0;
 }

@@ -5,6 +5,7 @@
 
 #include "talvo/base/types.h"
 #include "talvo/http/message/http_atom.h"
+#include "talvo/http/message/http_header_array.h"
 #include "talvo/http/message/http_lines.h"
 #include "talvo/http/message/http_version.h"
 
@@ -20,6 +21,7 @@ struct CHttpRequestLine {
 // A valid header line, with the blanks around the value.
 struct CHttpField {
     CCmHttpAtom m_Known;  // null: the name is no known one
+    CCmHttpAtom m_Other;  // of another name; null: not looked up
     std::string_view m_Name;
     std::string_view m_Value;
 };
@@ -34,8 +36,8 @@ public:
     // aParts (out): views on it.
     int OnRequestLine(std::string_view aLine, CHttpRequestLine& aParts);
 
-    // The next line. aField (out): its parts, which are views on it. 0 or 400.
-    int OnHeaderLine(const CHttpLine& aLine, CHttpField& aField);
+    // The next line. aField (out): its parts, which are views on it. aHead: the fields before it. 0 or 400.
+    int OnHeaderLine(const CHttpLine& aLine, const CCmHttpHeaderArray& aHead, CHttpField& aField);
 
     // The head is complete. 0 or 400.
     int OnEnd() const { return m_bHostNeeded && m_dwHosts == 0 ? 400 : 0; }

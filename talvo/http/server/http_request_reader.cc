@@ -72,11 +72,12 @@ int CHttpRequestReader::OnRequestLine(std::string_view aLine, CCmHttpRequestHead
 
 int CHttpRequestReader::OnHeaderLine(const CHttpLine& aLine, CCmHttpRequestHead& aHead) {
     CHttpField field;
-    if (const int nStatus = m_Check.OnHeaderLine(aLine, field); nStatus != 0)
+    if (const int nStatus = m_Check.OnHeaderLine(aLine, aHead, field); nStatus != 0)
         return nStatus;
     if (IsHeadTooLarge())
         return HTTP_HEADERS_TOO_LARGE;
-    return aHead.AddField_i(field.m_Known, field.m_Name, field.m_Value) ? MORE : HTTP_SERVICE_UNAVAILABLE;
+    const CCmHttpAtom atom = field.m_Known ? field.m_Known : field.m_Other;
+    return aHead.AddField_i(atom, field.m_Name, field.m_Value) ? MORE : HTTP_SERVICE_UNAVAILABLE;
 }
 
 int CHttpRequestReader::OnEnd(CCmHttpRequestHead& aHead) {
