@@ -14,7 +14,7 @@ import sys
 import unittest
 
 PROGRAM = sys.argv.pop(1)
-INSTRUCTIONS = {"echo": 1130, "coroutine": 1440, "http": 5250, "raw": 2000, "length": 1220, "package": 1230}
+INSTRUCTIONS = {"echo": 1130, "coroutine": 1440, "http": 4990, "raw": 2000, "length": 1220, "package": 1230}
 SYSTEM_CALLS = {"echo": 5.9, "coroutine": 5.9, "http": 5.9}  # two of them are the plain peer's
 
 
