@@ -35,12 +35,14 @@ CmResult CForwardPacker::Pack(const CCmMessageBlock& aData, DWORD aLength, const
                               CForwardMessage& aMessage) {
     const BOOL bCopy = aLength <= MAX_COPIED;
     const EForwardFraming framing = bCopy ? m_Framing : EForwardFraming::PACKAGE;
-    CCmChainPtr pPayload = bCopy ? nullptr : DuplicateUnread(aData);
-    char* pTo = bCopy || pPayload ? Reserve_i(HeaderLengthOf(framing) + (bCopy ? aLength : 0)) : nullptr;
-    if (!pTo)
+    if (!bCopy && !(aMessage.m_pPayload = DuplicateUnread(aData)))
         return CM_ERROR_OUT_OF_MEMORY;
+    char* pTo = Reserve_i(HeaderLengthOf(framing) + (bCopy ? aLength : 0));
+    if (!pTo) {
+        aMessage.m_pPayload.reset();
+        return CM_ERROR_OUT_OF_MEMORY;
+    }
     aMessage.m_pBlock = Share_i();
-    aMessage.m_pPayload = std::move(pPayload);
     aMessage.m_ullKey = aHeader ? aHeader->m_ullKey : 0;
     aMessage.m_byFlags = aHeader ? static_cast<BYTE>(aHeader->m_dwFlags) : BYTE{0};
     aMessage.m_Framing = framing;
