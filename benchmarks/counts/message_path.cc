@@ -310,7 +310,7 @@ CCost TlsOnceCost(const CTestNetwork& aNetwork, CCmRefPtrT<CCmSslContext> aServe
     return cost;
 }
 
-CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages, const char* aPath) {
+CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages, const char* aPath, const char* aHeaders) {
     CHello hello;
     CCmInetAddr addr("127.0.0.1", 0);
     EXPECT_EQ(CM_OK, aPath ? addr.SetPath(aPath) : CM_OK);
@@ -319,7 +319,8 @@ CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages, const char* aPath
         EXPECT_EQ(CM_OK, hello.m_pAcceptor->StartListen(&hello, addr));
         EXPECT_EQ(CM_OK, hello.m_pAcceptor->GetListenAddr(addr));
     });
-    const CCost cost = MessagesCost(aNetwork, addr, "GET / HTTP/1.1\r\nHost: localhost\r\nAccept: */*\r\n\r\n", aMessages);
+    const std::string strRequest = std::string("GET / HTTP/1.1\r\nHost: localhost\r\nAccept: */*\r\n") + aHeaders + "\r\n";
+    const CCost cost = MessagesCost(aNetwork, addr, strRequest, aMessages);
     RunIn(aNetwork.NetworkLink(), [&] { hello.m_pAcceptor.Reset(); });
     return cost;
 }

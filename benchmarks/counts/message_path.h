@@ -39,8 +39,9 @@ CCost TlsOnceCost(const CTestNetwork& aNetwork, CCmRefPtrT<CCmSslContext> aServe
                   const std::function<size_t(const CCmInetAddr&)>& aClient);
 
 // An HTTP/1.1 request from a plain socket and its answer, aMessages times on one connection, one at a time. The server is in
-// the network thread; with a path, on a Unix socket. Copies are counted for each byte of the answer.
-CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages, const char* aPath = nullptr);
+// the network thread; with a path, on a Unix socket. Copies are counted for each byte of the answer. aHeaders: further header
+// lines of the request.
+CCost HttpCost(const CTestNetwork& aNetwork, size_t aMessages, const char* aPath = nullptr, const char* aHeaders = "");
 
 // aMessages from one end to the other, both in the main thread behind proxies and of type aType, sent from inside events. Both
 // ends are counted, and the block that the application creates for each message. A network without a thread of its own needs

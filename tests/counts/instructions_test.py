@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Counts what a message of 64 bytes, or a request, costs in instructions under callgrind, and in system calls of every kind
-under strace; both ends and the test's own part in it together.
+"""Counts what a message of 64 bytes, a request, or a connection with a message, costs in instructions under callgrind, and in
+system calls of every kind under strace; both ends and the test's own part in it together.
 
 usage: instructions_test.py COUNT_RUN
 
@@ -14,7 +14,8 @@ import sys
 import unittest
 
 PROGRAM = sys.argv.pop(1)
-INSTRUCTIONS = {"echo": 1130, "coroutine": 1440, "http": 4990, "raw": 2000, "length": 1220, "package": 1230}
+INSTRUCTIONS = {"echo": 1130, "coroutine": 1440, "http": 4990, "browser": 9430, "raw": 2000, "length": 1220, "package": 1230}
+CONNECTION = {"connect": 4650}
 SYSTEM_CALLS = {"echo": 5.9, "coroutine": 5.9, "http": 5.9}  # two of them are the plain peer's
 
 
@@ -40,6 +41,7 @@ class InstructionsTest(unittest.TestCase):
 
     def test_instructions(self):
         self.compare(instructions, INSTRUCTIONS, 5000, 25000)
+        self.compare(instructions, CONNECTION, 1000, 4000)  # each takes a port of the system for a minute
 
     def test_system_calls(self):
         self.compare(system_calls, SYSTEM_CALLS, 1000, 5000)
