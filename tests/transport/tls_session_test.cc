@@ -10,7 +10,7 @@ namespace {
 // An open transport and a peer behind their handshake.
 class TlsSessionTest : public testing::Test {
 protected:
-    void Shake(BOOL aServer, int aVersion, std::pair<CTestFd, CTestFd> aSockets = MakeTcpPair()) {
+    void Begin(BOOL aServer, int aVersion, std::pair<CTestFd, CTestFd> aSockets) {
         m_pTransport.Reset();
         auto [fdOurs, fdPeer] = std::move(aSockets);
         m_pTransport = new CCmTransportSsl(&m_Main.GetReactor(), CM_TRANSPORT_TYPE_TLS);
@@ -20,6 +20,9 @@ protected:
         const auto pContext = aServer ? certificates.MakeServer() : certificates.MakeClient();
         EXPECT_EQ(CM_OK, m_pTransport->Begin(pContext, aServer ? nullptr : "localhost"));
         EXPECT_EQ(CM_ERROR_NOT_INITIALIZED, SendText(*m_pTransport, "early"));
+    }
+    void Shake(BOOL aServer, int aVersion, std::pair<CTestFd, CTestFd> aSockets = MakeTcpPair()) {
+        Begin(aServer, aVersion, std::move(aSockets));
         for (int i = 0; i < 100 && !(Session().Handshake() == talvo::CTlsSession::DONE && SSL_is_init_finished(m_pPeer->Get()));
              ++i) {
             m_pPeer->Receive();
@@ -120,6 +123,28 @@ TEST_F(TlsSessionTest, ASendWaitsWhileATicketIsIncomplete) {
     Until([&] { return sink.m_nSends == 1; });
     EXPECT_EQ(CM_OK, SendText(*m_pTransport, "now"));
     Until([&] { return m_pPeer->m_strReceived == "now"; });
+}
+
+// The client's data comes with the last bytes of its handshake.
+TEST_F(TlsSessionTest, TicketsWaitForTheAnswerOfOneUpcall) {
+    const std::function<void()> answers[] = {[] {}, [&] { SendText(*m_pTransport, "answer"); },
+                                             [&] { m_pTransport->Disconnect(CM_OK); }, [&] { m_pTransport.Reset(); }};
+    for (const auto& answer : answers) {
+        Begin(TRUE, TLS1_3_VERSION, MakeSocketPair());
+        do {
+            m_pPeer->Receive();
+            if (SSL_is_init_finished(m_pPeer->Get()))
+                m_pPeer->Seal("data");
+            m_pPeer->Send();
+        } while (Session().Handshake() == talvo::CTlsSession::WANT_READ);
+        m_pPeer->Receive();
+        EXPECT_EQ(0, SSL_SESSION_has_ticket(SSL_get_session(m_pPeer->Get())));
+        CTestSink sink(*m_pTransport);
+        sink.m_Receive = answer;
+        Until([&] { return SSL_SESSION_has_ticket(SSL_get_session(m_pPeer->Get())) == 1; });
+        EXPECT_EQ("receive data", sink.Take());
+        EXPECT_EQ(&answer == &answers[1] ? "answer" : "", m_pPeer->m_strReceived);
+    }
 }
 
 TEST_F(TlsSessionTest, TheUserEndsItInsideEachUpcall) {

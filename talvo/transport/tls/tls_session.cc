@@ -20,6 +20,7 @@ namespace talvo {
 
 namespace {
 
+constexpr size_t MOST_HELD_BACK = 2048;
 constexpr int MOST_ROUNDS = 2;  // of one Read: the bytes that are left of the last one, and those of the socket
 
 // The queue belongs to the thread, which may have other users of OpenSSL.
@@ -246,7 +247,7 @@ CTlsSession::EResult CTlsSession::Handshake() {
         if (result == WANT_READ && m_dwReceived > MOST_HANDSHAKE && SSL_is_server(m_pSsl))
             result = Fail_i("the handshake is too long");
     }
-    const EResult sent = SendSealed_i(result == DONE && IsAnswerDue_i());
+    const EResult sent = result == DONE && HoldBack_i() ? DONE : SendSealed_i();
     PutBack_i();
     if (sent == FAILED || result == WANT_READ || result == FAILED)
         return sent == FAILED ? FAILED : result;
@@ -257,9 +258,16 @@ CTlsSession::EResult CTlsSession::Handshake() {
     return sent;
 }
 
-// The tickets of TLS 1.3, for which no client waits, leave with the answer to the input behind the handshake: data, or the end.
-BOOL CTlsSession::IsAnswerDue_i() const {
-    return GetInput() > 0 && SSL_is_server(m_pSsl) && SSL_version(m_pSsl) == TLS1_3_VERSION;
+// TRUE: the tickets are kept. Those that hold a client's certificates are too long to be copied for it.
+BOOL CTlsSession::HoldBack_i() {
+    std::vector<char>& sealed = m_pCall->m_pBuffers->m_Sealed;
+    const bool bAnswerDue = GetInput() > 0 && SSL_is_server(m_pSsl) && SSL_version(m_pSsl) == TLS1_3_VERSION;
+    if (!bAnswerDue || sealed.empty() || sealed.size() > MOST_HELD_BACK || GetUnsent() > 0)
+        return FALSE;
+    m_bHoldsBack = Keep_i(sealed.data(), sealed.size());
+    if (m_bHoldsBack)
+        sealed.clear();
+    return m_bHoldsBack;
 }
 
 // Bytes that this call has received and not decrypted are for the next one, if there is one.
@@ -350,7 +358,7 @@ CTlsSession::EResult CTlsSession::Write(const iovec* aPieces, DWORD aCount, DWOR
     aTaken = 0;
     if (m_bFailed || m_bEnded || !m_bUp)
         return FAILED;
-    EResult result = SendKept_i();
+    EResult result = m_bHoldsBack ? DONE : SendKept_i();
     if (result != DONE && !(aAll && result == WANT_WRITE))
         return result;
     CTlsCall call(m_pCall, 0);
@@ -393,6 +401,8 @@ CTlsSession::EResult CTlsSession::SendSealed_i(BOOL aMore) {
 
 // DONE, WANT_WRITE with the rest kept, or FAILED. aMore: see ITlsLower.
 CTlsSession::EResult CTlsSession::SendOrKeep_i(const char* aData, size_t aLen, BOOL aMore) {
+    if (m_bHoldsBack && aLen > 0)
+        return Keep_i(aData, aLen) ? SendKept_i(aMore) : Fail_i("memory ran out");
     size_t stSent = 0;
     int nSent = GetUnsent() > 0 ? 0 : 1;  // behind those that are kept
     while (stSent < aLen && nSent > 0) {
@@ -427,11 +437,12 @@ BOOL CTlsSession::Keep_i(const char* aData, size_t aLen) {
     return bKept;
 }
 
-CTlsSession::EResult CTlsSession::SendKept_i() {
+CTlsSession::EResult CTlsSession::SendKept_i(BOOL aMore) {
+    m_bHoldsBack = false;
     while (GetUnsent() > 0) {
         if (m_bSendFailed)
             return FAILED;
-        const int nSent = m_Lower.SendSealed(m_pKept->data() + m_stKeptSent, GetUnsent(), FALSE);
+        const int nSent = m_Lower.SendSealed(m_pKept->data() + m_stKeptSent, GetUnsent(), aMore);
         if (nSent < 0)
             return SendFailed_i();
         if (nSent == 0)

@@ -47,7 +47,7 @@ public:
     BOOL UseAlpn(const std::vector<unsigned char>& aList);
     const std::vector<unsigned char>& GetAlpn() const { return m_Alpn; }  // of a server
 
-    // DONE: complete, and all of it has been sent. Throws std::bad_alloc.
+    // DONE: complete, and all of it has been sent; but see HoldsBack. Throws std::bad_alloc.
     EResult Handshake();
     // The handshake is complete. Without it there is neither Read nor Write.
     BOOL IsUp() const { return m_bUp; }
@@ -70,6 +70,9 @@ public:
     EResult Write(const iovec* aPieces, DWORD aCount, DWORD& aTaken, BOOL aAll = FALSE);
     // FALSE: Write takes nothing before Read has read the rest of a message.
     BOOL CanSeal() const;
+    // The tickets of TLS 1.3, for which no client waits, leave with the answer to the input behind the handshake: with the next
+    // Write or Flush. TRUE: neither has followed yet.
+    BOOL HoldsBack() const { return m_bHoldsBack; }
     // Sends the sealed bytes that are kept. aEnd: seals close_notify behind them, once; nothing is sealed after that. aMore:
     // the end of the socket follows at once.
     EResult Flush(BOOL aEnd, BOOL aMore = FALSE);
@@ -110,12 +113,12 @@ private:
     EResult ReadSome_i(char* aBuf, DWORD aLen, DWORD& aRead);
     EResult Outcome_i(int aReturned);
     EResult Fail_i(const char* aText);
-    BOOL IsAnswerDue_i() const;
+    BOOL HoldBack_i();
     void PutBack_i();
     void ReleaseBuffers_i();
     EResult SendSealed_i(BOOL aMore = FALSE);
     EResult SendOrKeep_i(const char* aData, size_t aLen, BOOL aMore);
-    EResult SendKept_i();
+    EResult SendKept_i(BOOL aMore = FALSE);
     EResult SendFailed_i();
     BOOL Keep_i(const char* aData, size_t aLen);
     EResult SealSome_i(CTlsPieces& aPieces, DWORD& aSealed);
@@ -137,6 +140,7 @@ private:
     const char* m_pFailure = nullptr;     // null: none
     const char* m_pUnverified = nullptr;  // the fault of the peer's certificate; null: none
     bool m_bUp = false;
+    bool m_bHoldsBack = false;   // m_pKept has tickets alone
     bool m_bBehind = false;      // the last Read has ended before the socket was dry
     bool m_bCut = false;         // the socket has ended or failed
     bool m_bFailed = false;      // nothing is read or written any more

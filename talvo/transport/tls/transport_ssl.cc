@@ -89,13 +89,24 @@ int CCmTransportSsl::Read_i(char* aBuf, DWORD aLen, BOOL& aMore) {
     const BOOL bCouldSeal = m_pSession->CanSeal();
     DWORD dwRead = 0;
     const CTlsSession::EResult result = m_pSession->Read(aBuf, aLen, dwRead, aMore);
-    if (GetUnsent_i() > 0)
+    if (GetUnsent_i() > 0 && !m_pSession->HoldsBack())
         WaitForRoom_i();
     if (!bCouldSeal && m_pSession->CanSeal())
         m_pReactor->NotifyHandler(this, WRITE_MASK);
     if (dwRead > 0)
         return static_cast<int>(dwRead);
     return result == CTlsSession::WANT_READ ? WOULD_BLOCK : Ended_i(result);
+}
+
+// Tickets that no answer has taken along leave now. The sink may have released the transport.
+int CCmTransportSsl::OnInput(HANDLE aFd) {
+    if (!m_pSession->HoldsBack())
+        return CCmTransportTcp::OnInput(aFd);
+    const CCmRefPtrT<CCmTransportSsl> pThis(this);
+    const int nRv = CCmTransportTcp::OnInput(aFd);
+    if (nRv != -1 && GetHandle() != CM_INVALID_HANDLE && m_pSession->HoldsBack() && Flush_i(FALSE) == CM_ERROR_PARTIAL_DATA)
+        WaitForRoom_i();
+    return nRv;
 }
 
 // The answer to close_notify is one: the peer may still read. The caller closes the socket.

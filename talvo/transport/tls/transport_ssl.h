@@ -50,6 +50,7 @@ public:
     // Null before Begin.
     talvo::CTlsSession* GetSession() const { return m_pSession.get(); }
 
+    int OnInput(HANDLE aFd) override;
     int OnClose(HANDLE aFd, long aMask) override;
 
     // Also CM_ERROR_NOT_INITIALIZED: the handshake is not complete.
