@@ -8,6 +8,7 @@ namespace {
 
 using talvo::EHttpBody;
 using Atoms = CCmHttpAtomList;
+using namespace std::string_view_literals;
 
 // Of lines that end at line feeds; the result of the last one.
 template <class Head>
@@ -95,8 +96,8 @@ TEST(HttpAtom, ANameIsGuessedOnlyFromTheFieldsOfTheMessageBefore) {
     };
     const CCmHttpAtom atom = Atoms::Instance()->ResolveAtom("X-Guess-A", 1);
     EXPECT_EQ(atom, next("X-Guess-B"));
-    for (const char* pOther : {"x-guess-a", "X-Guess-", "X-Guess-AB", "X-Guess-B"})
-        EXPECT_FALSE(head.GuessName_i(pOther)) << pOther;
+    for (const auto strOther : {"x-guess-a"sv, "X-Guess-"sv, "X-Guess-AB"sv, "X-Guess-B"sv, "X-Guess-A\0\0"sv})
+        EXPECT_FALSE(head.GuessName_i(strOther)) << strOther;
     EXPECT_TRUE(head.AddField_i(atom, "X-Guess-A", "3"));
     EXPECT_STREQ("X-Guess-B", head.GuessName_i("X-Guess-B"));
     EXPECT_TRUE(head.SetHeader("bad name", "4", 0));

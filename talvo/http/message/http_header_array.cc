@@ -281,7 +281,7 @@ CCmHttpAtom CCmHttpHeaderArray::GuessName_i(std::string_view aName) const {
         return nullptr;
     const CCmHttpAtom& atom = m_Entries[m_stCount].m_Atom;
     const char* pText = atom;
-    return std::strncmp(pText, aName.data(), aName.size()) == 0 && pText[aName.size()] == '\0' ? atom : CCmHttpAtom();
+    return std::string_view(pText) == aName ? atom : CCmHttpAtom();
 }
 
 // A received field. May throw std::bad_alloc.
