@@ -15,7 +15,7 @@ from drawing import COLOURS, Picture, Scale, short
 
 RESULTS = ROOT / "docs" / "results"
 PAGE = ROOT / "docs" / "standing.md"
-KINDS = {"short": "The short rows", "all": "All suites"}
+KINDS = {"short": "The short rows", "all": "Whole suites"}
 # What a panel compares, and its title; larger is better in each.
 PANELS = {"rate": "rate", "cpu": "messages per CPU second", "p50": "1 / p50", "p99": "1 / p99"}
 PEER_PACKAGES = ("libuv1", "libev4", "libevent-core-2.1-7", "libzmq5", "libnng1", "libasio-dev", "libboost-dev", "libhttp-parser2.9",
@@ -67,12 +67,12 @@ def peer_versions():
 
 
 def origin():
-    """Returns when, of which commit and on which machine the figures of this process are."""
+    """Returns when, of which commit and on which machine the figures of this process are. Pages are no change: earlier figures."""
     virtual = " hypervisor" in (first_match(r"^flags\s*:(.*)", "/proc/cpuinfo") or "")
     return {
         "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
         "commit": output_of("git", "rev-parse", "--short", "HEAD")
-                  + (" with changes" if output_of("git", "status", "--porcelain", "--untracked-files=no") else ""),
+                  + (" with changes" if output_of("git", "status", "--porcelain", "--untracked-files=no", "--", ":!docs") else ""),
         "processor": first_match(r"^model name\s*: (.*)", "/proc/cpuinfo") or platform.machine(),
         "cores": len(os.sched_getaffinity(0)),
         "machine": "virtual" if virtual else "bare metal",
@@ -167,7 +167,8 @@ def origin_text(suite):
 
 
 def section(kind, title, suites):
-    text = [f"## {title}\n\n`scripts/bench {kind} --keep` measured these rows; the numbers are in [{kind}.json](results/{kind}.json).\n",
+    command = f"`scripts/bench {kind} --keep`" + (", of all suites or of one," if kind == "all" else "")
+    text = [f"## {title}\n\n{command} measured these rows; the numbers are in [{kind}.json](results/{kind}.json).\n",
             f"![The rate, processor time and round-trip times of this library against each peer, row by row]({picture_name(kind)})\n"]
     last = None
     for name, suite in suites.items():
