@@ -24,6 +24,14 @@ public:
     std::function<void(const std::string&)> m_Inside = [](const std::string&) {};
 };
 
+inline CCmForwardReceiverOptions Options(ECmForwardPolicy aPolicy, DWORD aMaxMessages = 0, DWORD aMilliseconds = 0) {
+    CCmForwardReceiverOptions options;
+    options.m_Policy = aPolicy;
+    options.m_dwMaxMessages = aMaxMessages;
+    options.m_dwMaxMilliseconds = aMilliseconds;
+    return options;
+}
+
 inline CmResult ForwardText(ICmForwardSession& aSession, const std::string& aText, uint64_t aKey = 0, DWORD aFlags = 0) {
     CCmMessageBlock block = ViewOf(aText);
     const CCmForwardHeader header{aKey, aFlags};
