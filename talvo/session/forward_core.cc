@@ -139,6 +139,8 @@ void CForwardCore::ApplyLimits_i(DWORD aTick) {
         if (!aReceiver.IsGone())
             RaiseBound_i(cursor);
     });
+    if (m_dwLeastMilliseconds > 0)
+        RestartTimer_i(aTick);
 }
 
 void CForwardCore::ApplyLimit_i(CForwardReceiver& aReceiver, DWORD aTick) {
@@ -276,22 +278,26 @@ void CForwardCore::StartTimer_i(DWORD aMilliseconds) {
     m_Timer.Schedule(this, CCmTimeValue(aMilliseconds / 1000, static_cast<long>(aMilliseconds % 1000) * 1000), 1);
 }
 
-void CForwardCore::OnTimer(CCmTimerWrapperID*) {
-    const CCmRefPtrT<CForwardCore> pKeep(this);
-    const DWORD dwTick = GetRecentTick();
-    m_bTimer = false;
-    ApplyLimits_i(dwTick);
+// For the first limit that will be reached. A receiver that stays at its limit holds back or is not started: the next Forward
+// after that applies the limits anew.
+void CForwardCore::RestartTimer_i(DWORD aTick) {
     constexpr DWORD NONE = std::numeric_limits<DWORD>::max();
     DWORD dwLeast = NONE;
     m_Receivers.ForEach([&](CForwardReceiver& aReceiver) {
         DWORD dwLimit = 0;
         if (!aReceiver.GetCursor().GetTimeLimit(m_Log, dwLimit))
             return;
-        const BOOL bStays = static_cast<int32_t>(dwLimit - dwTick) <= 0;  // a WAIT receiver at its limit, or one not started
-        dwLeast = std::min(dwLeast, bStays ? m_dwLeastMilliseconds : dwLimit - dwTick);
+        const BOOL bStays = static_cast<int32_t>(dwLimit - aTick) <= 0;
+        dwLeast = std::min(dwLeast, bStays ? m_dwLeastMilliseconds : dwLimit - aTick);
     });
     if (dwLeast < NONE)
         StartTimer_i(dwLeast);
+}
+
+void CForwardCore::OnTimer(CCmTimerWrapperID*) {
+    const CCmRefPtrT<CForwardCore> pKeep(this);
+    m_bTimer = false;
+    ApplyLimits_i(GetRecentTick());
 }
 
 CmResult CForwardCore::SetOption(DWORD aCommand, void* aArg) {

@@ -71,6 +71,7 @@ private:
     BOOL IsHeldBack_i(DWORD aTick) const;
     CmResult Append_i(DWORD aLength, DWORD aTick);
     void StartTimer_i(DWORD aMilliseconds);
+    void RestartTimer_i(DWORD aTick);
     void OnTimer(CCmTimerWrapperID* aId) override;
     // Turns.
     void OnTurn_i();
@@ -115,7 +116,7 @@ private:
     DWORD m_dwRefusedLength = 0;      // of the message that was held back
     DWORD m_dwMaxOfReceivers;
     bool m_bTimer = false;
-    bool m_bHeldBack = false;    // a WAIT receiver was at its limit at the last scan
+    bool m_bHeldBack = false;    // a WAIT receiver was at its limit at the last scan: the next Forward scans again
     bool m_bForwardDue = false;  // OnForward
     bool m_bServing = false;
     bool m_bClosed = false;

@@ -32,7 +32,6 @@ CmResult CForwardCore::AddReceiver(ICmTransport* aTransport, const CCmForwardRec
     m_dwLeastMilliseconds = std::min(m_dwLeastMilliseconds - 1, aOptions.m_dwMaxMilliseconds - 1) + 1;  // 0: no limit
     if (m_dwLeastMilliseconds > 0)
         m_dwLeastMilliseconds = std::min(m_dwLeastMilliseconds, CForwardCursor::MOST_MILLISECONDS);
-    RaiseBound_i(pReceiver->GetCursor());
     CM_TRACE(CM_TRACE_SESSION,
              "CForwardCore::AddReceiver, id=" << dwId << " label=" << pReceiver->GetLabel() << " this=" << this);
     aId = dwId;
@@ -87,9 +86,7 @@ void CForwardCore::StartReceiver(DWORD aId) {
     if (!pReceiver || pReceiver->IsStarted())
         return;
     pReceiver->Start();
-    RaiseBound_i(pReceiver->GetCursor());  // scans before have left it out
-    if (pReceiver->GetCursor().IsAtLimit(m_Log, GetRecentTick()))
-        m_Bound.m_ullMessages = 0;  // a limit of milliseconds has passed meanwhile
+    m_Bound.m_ullMessages = 0;  // earlier scans have left it out: the next Forward applies its limits
     m_Turn.Arm();
 }
 
@@ -181,7 +178,6 @@ void CForwardCore::ReportRoom_i() {
     if (!m_bForwardDue || m_bClosed || IsHeldBack_i(GetRecentTick()))
         return;
     m_bForwardDue = false;
-    m_bHeldBack = false;
     m_Sink.OnForward();
 }
 

@@ -50,6 +50,36 @@ TEST_F(ForwardTest, LimitsOfTimeBytesAndRoomAgain) {
     EXPECT_EQ(std::vector<CmResult>{CM_OK}, pWaits->m_Disconnects);
 }
 
+TEST_F(ForwardTest, ALimitOfTimeIsKeptAfterAReceiverHasHeldBack) {
+    const CCmTimeValue tvStep(0, 55000);
+    const CCmRefPtrT<CFakeLower> pWaits(new CFakeLower);
+    pWaits->m_dwRoom = 0;
+    Add(*pWaits, Options(CM_FORWARD_WAIT, 0, 100));
+    Turn();
+    EXPECT_EQ(CM_OK, Forward("1"));
+    Pass(tvStep);
+    EXPECT_EQ(CM_OK, Forward("2"));
+    Pass(tvStep);  // "1" is at the limit
+    pWaits->MakeRoom(1);
+    Turn();
+    EXPECT_EQ(CM_OK, Forward("3"));
+    Pass(tvStep);  // and now "2"
+    EXPECT_EQ(CM_ERROR_PARTIAL_DATA, Forward("4"));
+    // Likewise after OnForward.
+    pWaits->MakeRoom(2);
+    Turn();
+    EXPECT_EQ(CM_OK, Forward("4"));
+    Pass(tvStep);
+    EXPECT_EQ(CM_OK, Forward("5"));
+    Pass(CCmTimeValue(0, 48000));
+    EXPECT_EQ(CM_ERROR_PARTIAL_DATA, Forward("6"));
+    pWaits->MakeRoom(1);
+    Turn();
+    Pass(tvStep);
+    EXPECT_EQ(CM_ERROR_PARTIAL_DATA, Forward("6"));
+    EXPECT_EQ((Lines{"join 1", "forward", "forward"}), m_Sink.Take());
+}
+
 TEST_F(ForwardTest, AShorterLimitOfTimeThanThatOfAnEarlierReceiverIsKept) {
     const CCmRefPtrT<CFakeLower> pLong(new CFakeLower), pShort(new CFakeLower);
     pLong->m_dwRoom = pShort->m_dwRoom = 0;
