@@ -34,7 +34,7 @@ constexpr DWORD TYPES[] = {TCP,
                            NO_PARTIAL | UDP};
 constexpr DWORD SHORTEST = 8;  // the number and the length
 constexpr DWORD LONGEST = 3000;
-const CCmTimeValue CALM(600);  // a reliable connection is back, and the slowest link has delivered what was in flight
+const CCmTimeValue CALM(1200);  // a reliable connection is back, and 1 MiB in flight has come at 1,000 bytes a second
 
 // The client's end: checks messages as they come.
 class CArrivals : public ICmTransportSink {
