@@ -1,5 +1,5 @@
 #include "tests/support/network_fixture.h"
-#include "tests/support/tls_certificates.h"
+#include "tests/support/tls_peer.h"
 
 TEST(TlsConnectTest, AClientReportsWhyThereIsNoConnection) {
     const CTestNetwork network(CCmThreadManager::NETWORK_THREAD_MAIN);
@@ -28,5 +28,42 @@ TEST(TlsConnectTest, AClientReportsWhyThereIsNoConnection) {
         network.RunUntil([&] { return sink.Count() > stBefore; });
         EXPECT_EQ(reason, sink.m_Reasons.back()) << strName;
         EXPECT_STREQ(pText, Get<CCmFailure>(options, CM_OPT_CONNECT_FAILURE).GetText());
+    }
+}
+
+// The peer closes, and a send of this side is answered with a reset. The receiver has paused meanwhile.
+TEST(TlsConnectTest, AResetLosesNoDataOfAPausedReceiver) {
+    const CTestNetwork network;
+    const std::string strData = Pattern(40000);
+    for (const int nVersion : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        for (const auto& [bEnds, bUnread] : {std::pair{TRUE, TRUE}, {TRUE, FALSE}, {FALSE, TRUE}}) {
+            const CTestListener listener;
+            const auto pConnector = network.MakeConnector(CM_TRANSPORT_TYPE_TLS);
+            ICmConnectOptions& options = *cm_get_connect_options(pConnector.Get());
+            Set(options, CM_OPT_CONNECT_SSL_CONTEXT, CTestCertificates::Get().MakeClient());
+            Set(options, CM_OPT_CONNECT_SERVER_NAME, CCmString("localhost"));
+            CTestConnectSink connected;
+            pConnector->AsycConnect(&connected, listener.Addr());
+            CTlsPeer peer(listener.Accept(), TRUE, nVersion);
+            network.RunUntil([&] { return (peer.Receive(), peer.Send(), connected.Count() == 1); });
+            ICmTransport& transport = *connected.m_Transports.at(0);
+            CTestSink sink(transport);
+            Set(transport, CM_OPT_TRANSPORT_PAUSE_READING, TRUE);
+            network.InNetwork([] {});
+            if (bUnread)
+                SendText(transport, "unread");
+            network.InNetwork([] {});
+            peer.Seal(strData);
+            if (bEnds)
+                SSL_shutdown(peer.Get());
+            network.RunUntil([&] { return (peer.Send(), peer.m_strSealed.empty()); });
+            peer.Socket().Close();
+            SendText(transport, "refused");
+            YieldUntil([&] { return !!Get<CCmFailure>(transport, CM_OPT_TRANSPORT_LAST_FAILURE); });
+            Set(transport, CM_OPT_TRANSPORT_PAUSE_READING, FALSE);
+            network.RunUntil([&] { return sink.m_nDisconnects == 1; });
+            EXPECT_TRUE(strData == sink.m_strReceived) << sink.m_strReceived.size();
+            EXPECT_EQ(bEnds ? CM_ERROR_NETWORK_SOCKET_ERROR : CM_ERROR_NETWORK_TLS_CUT, sink.m_Reason);
+        }
     }
 }
