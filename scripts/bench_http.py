@@ -78,7 +78,8 @@ def run_wrk(url, load, server):
     """Returns requests a second, the times that half of the answers, or 99 of 100, did not exceed, in microseconds, and the
     server's processor time for a request."""
     before = processor_ns(server)
-    text = output([WRK, "--threads", "1", "--duration", f"{LoadTime.OF_WRK}s", "--latency", *load, url], 1)
+    seconds = LoadTime.OF_WRK_TLS if url.startswith("https:") else LoadTime.OF_WRK
+    text = output([WRK, "--threads", "1", "--duration", f"{seconds}s", "--latency", *load, url], 1)
     if "Socket errors" in text or "Non-2xx" in text:
         raise Fault(f"wrk reported errors: {text}")
     requests = int(re.search(r"(\d+) requests in", text).group(1))
