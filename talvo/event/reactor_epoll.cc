@@ -265,6 +265,7 @@ void CCmReactorEpoll::ReportBinding_i(const CBinding& aBinding, DWORD aEvents) {
     const CElement& element = *aBinding.Get();
     if (const long lSpecial = element.m_nMask & (ACmEventHandler::ACCEPT_MASK | ACmEventHandler::CONNECT_MASK)) {
         ProcessBinding_i(aBinding, lSpecial);
+        ProcessNotifications_i();  // an accepted connection may have marked itself
         ReportWaiting_i(aBinding);
         return;
     }
@@ -298,6 +299,7 @@ void CCmReactorEpoll::ReportWaiting_i(const CBinding& aBinding) {
         if (!aBinding.Get())
             return;  // the handler has stopped
         ProcessBinding_i(aBinding, ACmEventHandler::ACCEPT_MASK);
+        ProcessNotifications_i();
     }
 }
 

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "talvo/base/types.h"
+#include "talvo/event/trial_pace.h"
 
 namespace talvo {
 
@@ -21,9 +22,12 @@ struct CNetworkBuffers {
     char* GetRoom(CmDword& aSize);
 
     iovec m_Iov[MAX_PIECES];
+    CTrialPace m_EarlyReads;               // a call in vain if the accepted connection has no bytes yet
+    const void* m_pEarlyReader = nullptr;  // the transport whose next read is such a one; only compared
 
 private:
-    char m_First[DEFAULT_READ];
+    // As allocated memory. A receive into bytes less than 16 behind the start of a page can take four times as long.
+    alignas(16) char m_First[DEFAULT_READ];
     std::unique_ptr<char[]> m_pLarger;
     CmDword m_dwLarger = 0;
 };

@@ -82,9 +82,10 @@ size_t ShakeHandsOnce(const CCmInetAddr& aAddr) {
 }  // namespace
 
 TEST(CountsTest, Connection) {
-    // Accept, watch, receive, send, and at the end two questions: is there more to read, and how much has the peer not got.
+    // Accept, watch, receive, send, and at the end two questions: is there more to read, and how much has the peer not got. A
+    // receive with the accept is in vain if the peer's thread has not sent yet, and is then tried less often.
     const CTestNetwork network;
-    Compare({"raw, connect, echo 64 B, close", 6, ANY, 2, 1, 0}, EchoOnceCost(network, 500, 64));
+    Compare({"raw, connect, echo 64 B, close", 6.3, ANY, 2, 1, 0}, EchoOnceCost(network, 500, 64));
     // Accept, watch, and a receive and a send for each flight of the client's. The watch passes to the transport. The end of
     // the socket is two calls. OpenSSL copies, too. Three allocations save a send of the tickets alone.
     const auto pServer = CTestCertificates::Get().MakeServer();

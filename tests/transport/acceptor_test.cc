@@ -1,6 +1,8 @@
 #include <netinet/tcp.h>
 #include <sys/resource.h>
 
+#include <deque>
+
 #include "talvo/base/memory_reuse.h"
 #include "talvo/transport/tcp/acceptor_tcp.h"
 #include "tests/support/network_fixture.h"
@@ -122,6 +124,22 @@ TEST_F(AcceptorTest, ABurstTakesFewTurnsOfSixteenAtMostAndAStopEndsIt) {
     };
     for (const size_t stAccepted : {41u, 45u, 45u})
         EXPECT_EQ(stAccepted, turn());
+}
+
+// The reads are tried less often after some in vain, so not every connection has one.
+TEST_F(AcceptorTest, BytesThatWaitAreReadInTheTurnOfTheAccept) {
+    Listen();
+    std::deque<CTestSink> sinks;
+    m_Sink.m_Indicated = [&] { sinks.emplace_back(*m_Sink.m_Transports.back()); };
+    BOOL bRead = FALSE;
+    for (size_t n = 1; n <= 40 && !bRead; ++n) {
+        const CTestFd client = ConnectPlain(m_Addr);
+        client.Write("hello");
+        while (m_Sink.Count() < n)
+            EXPECT_EQ(CM_OK, m_Network.Main().RunOnce(&CCmTimeValue::s_tvZero));
+        bRead = sinks.back().m_strReceived == "hello";
+    }
+    EXPECT_TRUE(bRead);
 }
 
 TEST(AcceptorDescriptorTest, NeitherSpinsNorDies) {

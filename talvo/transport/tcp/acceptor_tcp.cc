@@ -161,10 +161,12 @@ int CCmAcceptorTcp::OnInput(HANDLE aFd) {
     CM_INFO_TRACE_THIS("CCmAcceptorTcp::OnInput, addr=" << addrPeer.GetIpDisplayName() << " port=" << addrPeer.GetPort()
                                                         << " sockNew=" << fdNew
                                                         << " pTrans=" << static_cast<const void*>(pTransport.Get()));
-    if (m_pHandshakes)
+    if (m_pHandshakes) {
         ShakeHands_i(std::move(pTransport));
-    else if (m_pSink)
+    } else if (m_pSink) {
         m_pSink->OnConnectIndication(CM_OK, pTransport.Get(), this);
+        pTransport->ReadEarly();
+    }
     return 0;
 }
 

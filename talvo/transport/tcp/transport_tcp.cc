@@ -65,6 +65,14 @@ void CCmTransportTcp::GoOnReading_i() {
         m_pReactor->NotifyHandler(this, READ_MASK);
 }
 
+void CCmTransportTcp::ReadEarly() {
+    talvo::CNetworkBuffers* pBuffers = talvo::GetNetworkBuffers();
+    if (!m_bOpen || m_bReadingPaused || !pBuffers || !pBuffers->m_EarlyReads.IsDue())
+        return;
+    pBuffers->m_pEarlyReader = this;
+    m_pReactor->NotifyHandler(this, READ_MASK);
+}
+
 // The events to register for now; never none, because that would end the reports of failures.
 long CCmTransportTcp::GetMask_i() const {
     const long lRead = m_bReadingPaused ? NULL_MASK : READ_MASK;
@@ -261,9 +269,14 @@ void CCmTransportTcp::TellBroken_i() { m_pReactor->NotifyHandler(this, m_bReadin
 int CCmTransportTcp::OnInput(HANDLE) {
     m_Est.EnsureSingleThread();
     DWORD dwSize = m_dwReadSize;
-    char* pBuffer = talvo::GetNetworkBuffers()->GetRoom(dwSize);
+    talvo::CNetworkBuffers* pBuffers = talvo::GetNetworkBuffers();
+    char* pBuffer = pBuffers->GetRoom(dwSize);
     BOOL bMore = FALSE;
     const int nRecv = Read_i(pBuffer, dwSize, bMore);
+    if (pBuffers->m_pEarlyReader == this) {
+        pBuffers->m_pEarlyReader = nullptr;
+        pBuffers->m_EarlyReads.OnResult(nRecv != WOULD_BLOCK);
+    }
     m_bMore = bMore && (nRecv > 0 || nRecv == WOULD_BLOCK);
     if (m_bBroken && nRecv <= 0 && !m_bMore)
         return -1;
