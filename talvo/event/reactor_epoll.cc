@@ -391,7 +391,7 @@ BOOL CCmReactorEpoll::AddNotification_l(ACmEventHandler* aEh, long aMask) {
 }
 
 // Adds the notifications of other threads to the marks. Runs only the current marks: a handler that marks itself again waits
-// for the next turn.
+// for the next accept of this turn or for the next turn.
 void CCmReactorEpoll::ProcessNotifications_i() {
     if (m_bHasNotifications && m_bHasNotifications.exchange(FALSE)) {
         std::vector<CNotification> notifications;
