@@ -111,6 +111,8 @@ protected:
 
     // For a layer: Flush_i is called when the socket has room.
     void WaitForRoom_i();
+    // For a layer: the peer has ended in good order, and the socket is empty. Its close needs no shutdown before.
+    void NoteDrained_i() { m_bDrained = true; }
     // For a layer: Read_i returns 0 at the end if this is TRUE, and -1 otherwise.
     CmBool IsEndTold_i() const { return m_bTellEnd; }
     // Unacknowledged bytes and those that the layer holds leave without this transport, which is closed then.

@@ -188,6 +188,7 @@ BOOL CTlsSession::Receive_i() {
     call.m_bReceived = true;
     m_bCut = nReceived <= 0 && nReceived != WOULD_BLOCK;
     call.m_bDry = nReceived < static_cast<int>(dwRoom) && !m_Lower.HasMoreSealed() && (nReceived <= 0 || !m_bBehind);
+    m_bDry = call.m_bDry;
     m_pInput->m_dwBegin = 0;
     m_pInput->m_dwEnd = nReceived > 0 ? static_cast<DWORD>(nReceived) : 0;
     m_dwReceived += m_bUp ? 0 : GetInput();
@@ -207,8 +208,7 @@ int CTlsSession::WriteRaw_i(const char* aBuf, int aLen) {
 
 CTlsSession::EResult CTlsSession::Fail_i(const char* aText) {
     m_bFailed = true;
-    if (!m_pFailure)
-        m_pFailure = aText;
+    m_pFailure = m_pFailure ? m_pFailure : aText;
     ClearErrors();
     return FAILED;
 }
@@ -222,6 +222,7 @@ CTlsSession::EResult CTlsSession::Outcome_i(int aReturned) {
     case SSL_ERROR_ZERO_RETURN:
         ClearErrors();
         m_bPeerEnded = true;
+        m_bDrained = m_bDry && GetInput() == 0;
         return ENDED;
     default: {
         if (m_bCut)
@@ -419,8 +420,7 @@ CTlsSession::EResult CTlsSession::SendOrKeep_i(const char* aData, size_t aLen, B
 CTlsSession::EResult CTlsSession::SendFailed_i() {
     m_nSendErrno = errno;
     m_bSendFailed = true;
-    if (!m_pFailure)
-        m_pFailure = "the socket has failed";
+    m_pFailure = m_pFailure ? m_pFailure : "the socket has failed";
     return FAILED;
 }
 

@@ -93,6 +93,7 @@ public:
     void NoteHandshakeMessage() { m_bMayKeepBuffers = true; }
 
     BOOL HasPeerEnded() const { return m_bPeerEnded; }      // close_notify has arrived
+    BOOL IsDrained() const { return m_bDrained; }           // and the socket had no byte behind it
     BOOL IsBroken() const { return m_bFailed && !m_bCut; }  // a record was wrong, or an alert has arrived
     BOOL IsUnverified() const;                              // the peer's certificate was refused
     BOOL IsVerified() const;
@@ -147,6 +148,8 @@ private:
     bool m_bSendFailed = false;  // nothing is written any more
     bool m_bEnded = false;       // ours: close_notify is sealed
     bool m_bPeerEnded = false;
+    bool m_bDry = false;  // the last receive has emptied the socket
+    bool m_bDrained = false;
     bool m_bAnswersWait = false;
     bool m_bMayKeepBuffers = false;
 };

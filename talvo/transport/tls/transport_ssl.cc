@@ -117,6 +117,8 @@ int CCmTransportSsl::Ended_i(CTlsSession::EResult aResult) {
         FlushBoth_i(TRUE, TRUE);
     else
         NoteEnd_i();
+    if (aResult == CTlsSession::ENDED && m_pSession->IsDrained() && !m_pOuter)
+        NoteDrained_i();
     return -1;
 }
 
