@@ -17,8 +17,8 @@ namespace bench {
 namespace {
 
 constexpr const char* USAGE =
-    "usage: PROGRAM [recv] PORT RECEIVERS SIZE COUNT [--rate N] [--stopped N] [--pid PRODUCER] [--type TYPE]\n"
-    "               [--policy POLICY] [--user]\n"
+    "usage: PROGRAM [recv] PORT RECEIVERS SIZE COUNT [--rate N] [--stopped N] [--skip N] [--pid PRODUCER]\n"
+    "               [--type TYPE] [--policy POLICY] [--user]\n"
     "SIZE: at least 17 bytes\n";
 constexpr int64_t QUIET_NS = 500000000;
 constexpr size_t HEADER = 2 * sizeof(uint64_t);
@@ -51,6 +51,9 @@ void Take(CForwardWork& aWork, int aOption, const char* aText) {
     case 's':
         aWork.m_nStopped = NumberOf(aText);
         break;
+    case 'k':
+        aWork.m_ullSkip = NumberOf(aText);
+        break;
     case 'p':
         aWork.m_Producer = static_cast<pid_t>(NumberOf(aText));
         break;
@@ -81,13 +84,10 @@ double PeakKib() {
 }  // namespace
 
 CForwardWork ParseForwardWork(int aArgc, char** aArgv) {
-    static const option s_Options[] = {{"rate", required_argument, nullptr, 'r'},
-                                       {"stopped", required_argument, nullptr, 's'},
-                                       {"pid", required_argument, nullptr, 'p'},
-                                       {"type", required_argument, nullptr, 't'},
-                                       {"policy", required_argument, nullptr, 'l'},
-                                       {"user", no_argument, nullptr, 'u'},
-                                       {nullptr, 0, nullptr, 0}};
+    static const option s_Options[] = {{"rate", required_argument, nullptr, 'r'}, {"stopped", required_argument, nullptr, 's'},
+                                       {"skip", required_argument, nullptr, 'k'}, {"pid", required_argument, nullptr, 'p'},
+                                       {"type", required_argument, nullptr, 't'}, {"policy", required_argument, nullptr, 'l'},
+                                       {"user", no_argument, nullptr, 'u'},       {nullptr, 0, nullptr, 0}};
     CForwardWork work;
     for (int nOption; (nOption = getopt_long(aArgc, aArgv, "", s_Options, nullptr)) != -1;)
         Take(work, nOption, optarg);
@@ -178,7 +178,8 @@ void CDeliveries::TakeTime(uint64_t aNumber, int64_t aSent, int64_t aNow) {
     if (++it->second < m_nReading)
         return;
     m_Partly.erase(it);
-    m_Latencies.Record(aNow - aSent);
+    if (aNumber >= m_Work.m_ullSkip)
+        m_Latencies.Record(aNow - aSent);
 }
 
 bool CDeliveries::IsOver() {

@@ -3,14 +3,15 @@
 //   PROGRAM PORT RECEIVERS SIZE COUNT [--rate N]                 listens, prints "ready"; forwards COUNT messages, N a second
 //   or
 //                                                                as fast as possible, as soon as all receivers are there
-//   PROGRAM recv PORT RECEIVERS SIZE COUNT [--stopped N] [--pid PRODUCER]   connects; N of the receivers never read
+//   PROGRAM recv PORT RECEIVERS SIZE COUNT [--stopped N] [--skip N] [--pid PRODUCER]   connects; N of the receivers never read
 //
 // The receivers end with the last message, or half a second after the last delivery: a library may drop messages, and only
 // delivered ones count. They print JSON: "rate" (deliveries to all reading receivers a second), "delivered", "p50_us" and
 // "p99_us" (from the forwarding of a message to its last delivery, if every reading receiver has got it), and with --pid
-// "cpu_end_ns", the producer's processor time. The producer ends when all receivers have left, and prints "cpu_start_ns", its
-// processor time before the first message, "forward_ns", the processor time of one forward in its thread, and "peak_kib", its
-// largest resident memory.
+// "cpu_end_ns", the producer's processor time. The times of the first N messages of --skip do not count: the sockets of a
+// receiver that never reads take 4 MB before it is refused. The producer ends when all receivers have left, and prints
+// "cpu_start_ns", its processor time before the first message, "forward_ns", the processor time of one forward in its thread,
+// and "peak_kib", its largest resident memory.
 //
 // A message has its number and the time of its forwarding in its first 16 bytes. The receivers check size, order and last byte.
 #pragma once
@@ -35,6 +36,7 @@ struct CForwardWork {
     uint64_t m_ullCount = 0;
     uint64_t m_ullRate = 0;  // 0: as fast as possible
     size_t m_nStopped = 0;   // the first receivers
+    uint64_t m_ullSkip = 0;  // messages before the first whose time counts
     pid_t m_Producer = 0;
     std::string m_strType;    // for programs with several kinds of connections
     std::string m_strPolicy;  // for programs with several ways to treat slow receivers
