@@ -48,6 +48,22 @@ TEST_F(ThreadProxyTest, SendingPushesBackAndTellsOnceWhenHalfHasGone) {
     EXPECT_EQ(11u, connection.Fill(10));
 }
 
+// A user that has paused until OnSend would otherwise wait for ever.
+TEST_F(ThreadProxyTest, ARefusedUserGetsOnSendOfALostConnectionInAPause) {
+    CFakeConnection connection(m_Network), roomy(m_Network);
+    connection.Fill();
+    for (CFakeConnection* pEach : {&connection, &roomy}) {
+        pEach->Pause(TRUE);
+        pEach->Receive("rest");
+        pEach->Lose();
+        EXPECT_EQ(pEach == &connection ? "send" : "", pEach->TakeUpcalls());
+        EXPECT_EQ(CM_ERROR_NULL_POINTER, SendText(*pEach->m_pProxy, "late"));
+        EXPECT_EQ("", pEach->TakeUpcalls());
+        pEach->Pause(FALSE);
+        EXPECT_EQ("receive rest, disconnect 20001", pEach->TakeUpcalls());
+    }
+}
+
 // A byte costs as much memory as a block does, and so does a datagram without one.
 TEST_F(ThreadProxyTest, SendingOfSingleBytesIsBoundedByTheirBlocks) {
     for (const auto& [dwLane, dwSize] : {std::pair{STREAM, 1u}, {DATAGRAMS, 0u}}) {

@@ -64,9 +64,11 @@ CmResult CProxySendQueue::Push(const CCmMessageBlock& aData, DWORD aLength, DWOR
         return CM_ERROR_OUT_OF_MEMORY;
     const DWORD dwBlocks = pChain ? CountBlocks(*pChain) : 0;
     Guard guard(m_Mutex);
-    if (m_bClosed || m_ullWaiting > m_Limit.Get() || m_ullBlocks > GetMostBlocks_l()) {
+    if (m_bClosed)
+        return CM_ERROR_NULL_POINTER;
+    if (m_ullWaiting > m_Limit.Get() || m_ullBlocks > GetMostBlocks_l()) {
         m_bRefused = TRUE;
-        return m_bClosed ? CM_ERROR_NULL_POINTER : CM_ERROR_PARTIAL_DATA;
+        return CM_ERROR_PARTIAL_DATA;
     }
     if (!AddTo(m_Chains, std::move(pChain), aData, aLength))
         return CM_ERROR_OUT_OF_MEMORY;
@@ -101,6 +103,11 @@ BOOL CProxySendQueue::Sent(uint64_t aCost, DWORD aBlocks) {
 void CProxySendQueue::Close() {
     Guard guard(m_Mutex);
     m_bClosed = TRUE;
+}
+
+BOOL CProxySendQueue::TakeRefusal() {
+    Guard guard(m_Mutex);
+    return std::exchange(m_bRefused, FALSE);
 }
 
 uint64_t CProxySendQueue::GetWaiting() {

@@ -68,6 +68,8 @@ public:
 
     // Refuses all further data with CM_ERROR_NULL_POINTER: afterwards IsEmpty is final. Any thread.
     void Close();
+    // User's thread, after Close: TRUE, once: the user was refused before, and expects a report.
+    CmBool TakeRefusal();
 
     // Network thread: moves all queued data to the empty aMessages. FALSE: no data, and the next Push must notify.
     CmBool Take(CMessageList& aMessages);

@@ -355,6 +355,7 @@ void CTransportProxyCore::NotifyLost_i(CmResult aReason, const CCmFailure& aFail
     Advance_i(ELife::CLOSED);
     if (m_bLost)
         return;
+    m_SendQueue.Close();
     m_LostReason = aReason;
     m_Failure = aFailure;
     m_bLost = TRUE;

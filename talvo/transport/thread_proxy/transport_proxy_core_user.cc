@@ -3,6 +3,7 @@
 
 #include "talvo/base/trace.h"
 #include "talvo/transport/connection_type.h"
+#include "talvo/transport/rest_option.h"
 #include "talvo/transport/thread_proxy/proxy_options.h"
 #include "talvo/transport/thread_proxy/transport_proxy_core.h"
 
@@ -100,6 +101,8 @@ CmResult CTransportProxyCore::SetOption(DWORD aCommand, void* aArg) {
             return CM_ERROR_INVALID_ARG;
         m_pReconnectSink = *static_cast<ICmReconnectSink**>(aArg);
         return CM_OK;
+    case OPT_REST_BEFORE_FAILURE:  // it has that of the transport
+        return CM_OK;
     case OPT_PROXY_LOSS_AT_ONCE:
         m_bLossAtOnce = !!*static_cast<BOOL*>(aArg);
         return CM_OK;
@@ -180,9 +183,15 @@ void CTransportProxyCore::Upcall() {
         if (ICmTransportSink* pSink = m_pSink)
             pSink->OnSend(m_pProxy, nullptr);
     }
-    const BOOL bHeldBack = (!bAllDelivered || m_bPausedByUser) && !m_bLossAtOnce;
-    if (!bLost || bHeldBack)
+    if (!bLost)
         return;
+    if ((!bAllDelivered || m_bPausedByUser) && !m_bLossAtOnce) {
+        // A user that has paused until there is room may end the pause in OnSend.
+        ICmTransportSink* pSink = m_pSink;
+        if (m_SendQueue.TakeRefusal() && pSink)
+            pSink->OnSend(m_pProxy, nullptr);
+        return;
+    }
     Advance_i(ELife::OVER);
     ICmTransportSink* pSink = m_pSink.exchange(nullptr);
     m_bPausedByUser = FALSE;

@@ -42,7 +42,8 @@
 // CCmConnectionManager::Drain ends the connection, OnDisconnect comes with CM_ERROR_NETWORK_SOCKET_CLOSE.
 //
 // The options 141 to 143 are the proxy's own; ECmTransportOption lists the others that do not wait. OnSend comes during a
-// pause, too. Sends of several threads stay whole, in any order.
+// pause, too; when the connection is lost in a pause after a refused send, one OnSend comes, whose sends fail. Sends of several
+// threads stay whole, in any order.
 class TALVO_API CCmTransportThreadProxy final : public talvo::CThreadProxyT<ICmTransport, talvo::CTransportProxyCore> {
 public:
     // In the network thread, before any data can arrive: while the connector or acceptor indicates aTransport, which is kept
