@@ -38,7 +38,7 @@ public:
         return set([&](impl::callbacks_of& all) { all.on_open = std::move(function); });
     }
     // (connection&, const received&): bytes of a stream, a datagram or a message. Until it is set, nothing is read from the
-    // connection, so that no data is lost.
+    // connection, so that no data is lost. A send that fails before gives up waiting: on_end follows.
     template <class Function>
     connection& on_receive(Function function) {
         return set([&](impl::callbacks_of& all) { all.on_receive = std::move(function); });
@@ -84,7 +84,8 @@ public:
     // source, until on_send. At most the data of one send waits here.
     bool is_full() const noexcept { return endpoint_ && endpoint_->is_full(); }
 
-    // No on_receive, and for data of an orderly end no on_end, until resume(). TCP then slows the peer; no data is lost.
+    // No on_receive until resume(), and no on_end before data that has arrived. TCP then slows the peer; no data is lost. A
+    // failure ends the pause of a connection that is full, because no on_send follows.
     void pause() { set_paused(true); }
     void resume() { set_paused(false); }
 

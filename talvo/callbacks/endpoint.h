@@ -3,6 +3,8 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
+#include <vector>
 
 #include "talvo/base/chain_ptr.h"
 #include "talvo/callbacks/callable.h"
@@ -10,6 +12,7 @@
 #include "talvo/callbacks/received.h"
 #include "talvo/co/loop_timer.h"
 #include "talvo/co/native.h"
+#include "talvo/transport/rest_option.h"
 #include "talvo/transport/send_bytes.h"
 
 namespace talvo {
@@ -92,7 +95,13 @@ public:
             return CM_ERROR_FAILURE;
         if (state_ != OPEN)
             return CM_ERROR_NOT_AVAILABLE;
-        return rest_ ? CM_ERROR_WOULD_BLOCK : send_data(*this);
+        if (rest_)
+            return CM_ERROR_WOULD_BLOCK;
+        const CmResult code = held_end_ ? CM_ERROR_NETWORK_SOCKET_ERROR : send_data(*this);
+        const bool lost = code == CM_ERROR_NETWORK_SOCKET_ERROR || code == CM_ERROR_NOT_INITIALIZED;
+        if (lost && !callbacks_.on_receive)
+            be_broken();
+        return code;
     }
 
     CmResult send_bytes(std::string_view bytes) {
@@ -118,8 +127,10 @@ public:
     }
 
     void read_if_wanted() {
-        const bool paused = paused_ || !callbacks_.on_receive;
+        const bool paused = !is_wanted();
         if (state_ != OPEN || paused == pausing_)
+            return;
+        if (!paused && (held_end_ || !held_.empty()) && start_soon() == CM_OK)
             return;
         pausing_ = paused;
         int32_t value = paused;
@@ -187,16 +198,21 @@ private:
         const call_scope scope(*this);
         if (!scope || !owner_)
             return;
-        if (ends_halves_ && data.GetChainedLength() == 0)
-            callbacks_.on_receive_end(*owner_);
+        if (pausing_)
+            hold(data);
         else
-            callbacks_.on_receive(*owner_, received(data));
+            give(data);
     }
 
     void OnSend(ICmTransport*, CCmTransportParameter*) override {
         const CCmRefPtrT<endpoint> guard(this);
-        if (!rest_ || transport_->SendData(*rest_) != CM_OK)  // a failure: OnDisconnect follows
+        if (!rest_)
             return;
+        if (const CmResult code = transport_->SendData(*rest_); code != CM_OK) {
+            if (code != CM_ERROR_PARTIAL_DATA)  // OnDisconnect follows
+                be_broken();
+            return;
+        }
         rest_.reset();
         if (state_ == CLOSING)
             end_lingering();
@@ -208,7 +224,7 @@ private:
         const CCmRefPtrT<endpoint> guard(this);
         const CCmFailure found = failure();
         const bool orderly = reason == CM_ERROR_NETWORK_SOCKET_ERROR && !found && !rest_;
-        end(make_error_code(orderly ? CM_OK : reason, found));
+        end_after_held(make_error_code(orderly ? CM_OK : reason, found));
     }
 
     void on_time() override {
@@ -217,6 +233,8 @@ private:
             end_lingering();
         else if (state_ == ENDED)
             let_go();
+        else if (state_ == OPEN)
+            give_held();
         else
             end(error_);
     }
@@ -235,11 +253,69 @@ private:
     void begin() {
         state_ = OPEN;
         int32_t on = 1;
+        transport_->SetOption(OPT_REST_BEFORE_FAILURE, &on);
         ends_halves_ = callbacks_.on_receive_end && transport_->SetOption(CM_OPT_TRANSPORT_TELL_END, &on) == CM_OK;
         const CmResult code = transport_->OpenWithSink(this);
         if (code != CM_OK)
             return fail_later(code);
         read_if_wanted();  // the data comes from the loop, so that this is early enough
+    }
+
+    // The application takes data, or is to get the end at least: a pause until there is room would never end.
+    bool is_wanted() const { return broken_ || (!paused_ && callbacks_.on_receive); }
+    void be_broken() {
+        broken_ = true;
+        read_if_wanted();
+    }
+
+    void give(CCmMessageBlock& data) {
+        if (ends_halves_ && data.GetChainedLength() == 0)
+            callbacks_.on_receive_end(*owner_);
+        else
+            callbacks_.on_receive(*owner_, received(data));
+    }
+
+    // In a pause come further messages of one read, and before a failure the rest that has arrived.
+    void hold(const CCmMessageBlock& data) {
+        CCmChainPtr copy(data.DuplicateChained());
+        try {
+            if (copy)
+                return held_.push_back(std::move(copy));
+        } catch (const std::bad_alloc&) {
+        }
+        transport_->Disconnect(CM_ERROR_OUT_OF_MEMORY);
+        end_after_held(make_error_code(CM_ERROR_OUT_OF_MEMORY));
+    }
+
+    // Until the application pauses again.
+    void give_held() {
+        while (state_ == OPEN && is_wanted() && next_held_ < held_.size()) {
+            const CCmChainPtr data = std::move(held_[next_held_++]);
+            if (const call_scope scope(*this); scope && owner_)
+                give(*data);
+        }
+        if (state_ != OPEN || !is_wanted())
+            return;
+        held_.clear();
+        next_held_ = 0;
+        if (held_end_)
+            end(*held_end_);
+        else
+            read_if_wanted();
+    }
+
+    void end_after_held(std::error_code code) {
+        if (state_ != OPEN || held_.empty())
+            return end(code);
+        held_end_ = code;
+        if (rest_)
+            drop_rest();
+        read_if_wanted();
+    }
+    void drop_rest() {
+        broken_ = true;
+        CountLost(rest_->GetChainedLength());
+        rest_.reset();
     }
 
     void fail_later(CmResult code) {
@@ -271,6 +347,7 @@ private:
     void finish(state last) {
         state_ = last;
         callbacks_ = {};
+        held_.clear();
         if (last == CLOSING)
             return;
         cancel();
@@ -301,13 +378,17 @@ private:
 
     std::atomic<state> state_{IDLE};  // other threads read it
     bool paused_ = false;             // by the application
-    bool pausing_ = false;            // the transport pauses
+    bool pausing_ = false;            // the transport pauses, or data is held
+    bool broken_ = false;             // a send has failed: a pause does not delay the end
     bool ends_halves_ = false;
     connection* owner_ = nullptr;
     callbacks_of callbacks_;
     std::error_code error_;
-    CCmFailure failure_;  // of the connect
-    CCmChainPtr rest_;    // taken from the application, and not yet by the transport
+    CCmFailure failure_;             // of the connect
+    CCmChainPtr rest_;               // taken from the application, and not yet by the transport
+    std::vector<CCmChainPtr> held_;  // received in a pause, and not yet given to the application from next_held_ on
+    std::size_t next_held_ = 0;
+    std::optional<std::error_code> held_end_;  // behind them
     CCmRefPtrT<ICmConnector> connector_;
     CCmRefPtrT<ICmTransport> transport_;
     CCmRefPtrT<endpoint> lingering_;                                             // this, while it sends the rest

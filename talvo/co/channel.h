@@ -2,6 +2,7 @@
 #pragma once
 
 #include "talvo/co/stream.h"
+#include "talvo/transport/rest_option.h"
 
 namespace talvo::detail {
 
@@ -12,6 +13,7 @@ public:
     // ends_halves: the peer's half-close is an end of the messages only.
     CmResult open(bool ends_halves) {
         int32_t on = 1;
+        transport().SetOption(OPT_REST_BEFORE_FAILURE, &on);  // the queue takes the rest, beyond its limit
         ends_halves_ = ends_halves && transport().SetOption(CM_OPT_TRANSPORT_TELL_END, &on) == CM_OK;
         return transport().OpenWithSink(this);
     }

@@ -37,7 +37,7 @@ public:
     // network thread has ended. CM_ERROR_OUT_OF_MEMORY: the connection has ended for lack of memory. Otherwise the reason of
     // the failure, see failure().
     // At most 64 KiB, or one message, is kept for a coroutine that does not receive; then TCP slows the peer. Each message
-    // counts for 256 bytes more.
+    // counts for 256 bytes more. At a failure the bytes that the system has received come on top.
     // With a stop token also std::errc::operation_canceled; no message is lost.
     auto receive() { return detail::receive_awaiter(channel_); }
     auto receive(std::stop_token token) { return with_stop(std::move(token), receive()); }

@@ -1,13 +1,13 @@
 // An option of transports for the library's own layers.
 #pragma once
 
-#include "talvo/base/types.h"
+#include "talvo/base/fixed_types.h"
 
 namespace talvo {
 
 // set BOOL TRUE: when the connection fails during a pause, the pause ends, and the sink gets the unread data before
 // OnDisconnect. For a sink that can keep it. TCP and TLS; a protocol connection passes it on to the transport that it has now.
 // Thread proxies always do so.
-constexpr DWORD OPT_REST_BEFORE_FAILURE = 194;
+constexpr CmDword OPT_REST_BEFORE_FAILURE = 194;
 
 }  // namespace talvo

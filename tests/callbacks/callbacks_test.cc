@@ -258,6 +258,58 @@ TEST(CallbacksTest, EveryByteTakenArrivesAndTheEndHasACause) {
         strEnds);
 }
 
+// One read brings several messages. The peer breaks the connection, after which an unwanted rest delays the end only until a
+// send fails.
+TEST(CallbacksTest, APauseHoldsEverythingBackAndLosesNothing) {
+    enum { RESUMES, IS_FULL, HAS_NO_READER };
+    for (const talvo::kind kind : {talvo::tcp, talvo::length, talvo::package}) {
+        for (const auto user : {RESUMES, IS_FULL, HAS_NO_READER}) {
+            CCmSimNetwork network(1);
+            network.SetPath({.m_dwBuffer = 300000});
+            talvo::listener listener;
+            connection peer;
+            listener.listen(SERVER, kind, [&](connection& aPeer) { peer = std::move(aPeer); });
+            connection client = talvo::connect(SERVER, kind);
+            size_t stGot = 0;
+            bool bPaused = false;
+            std::error_code end;
+            client.on_end([&](std::error_code aCode) { end = aCode; });
+            if (user != HAS_NO_READER)
+                client.on_receive([&](connection& aSelf, const received& aData) {
+                    EXPECT_FALSE(bPaused && user == RESUMES);
+                    stGot += aData.size();
+                    bPaused = stGot < 5000;
+                    if (bPaused)
+                        aSelf.pause();
+                });
+            network.RunFor(CCmTimeValue(1));
+            for (int i = 0; i < 200; ++i)
+                EXPECT_FALSE(peer.send(std::string(100, 'x')));
+            network.RunFor(CCmTimeValue(1));
+            CCmSimLink link;
+            link.m_Up.m_dwBuffer = user == IS_FULL ? 10 : 300000;
+            network.SetLink(link);
+            for (int i = 0; i < 10 && user == IS_FULL && !client.is_full(); ++i)
+                client.send(std::string(60000, 'y'));
+            link.m_Down = {.m_ullCutAfter = 1, .m_dwBuffer = 300000};
+            network.SetLink(link);
+            peer.send("it breaks");
+            network.RunFor(LONG);
+            EXPECT_EQ(user == IS_FULL, bool{end}) << user;
+            while (user == RESUMES && bPaused) {
+                EXPECT_FALSE(end);
+                bPaused = false;
+                client.resume();
+                network.RunFor(CCmTimeValue(1));
+            }
+            EXPECT_TRUE(user != HAS_NO_READER || client.send("lost"));
+            network.RunFor(CCmTimeValue(1));
+            EXPECT_EQ(std::errc::connection_reset, end) << user;
+            EXPECT_EQ(user == HAS_NO_READER ? 0u : 20000u, stGot) << user;
+        }
+    }
+}
+
 TEST(CallbacksTest, ObjectsThatOutliveTheirThreadAreHarmless) {
     talvo::application app({.own_network_thread = true, .handle_signals = false});
     ASSERT_FALSE(app.error());

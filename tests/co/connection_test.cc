@@ -196,6 +196,32 @@ TEST_F(CoConnectionTest, FailuresHaveTheirErrors) {
     }(m_Network, m_Listener));
 }
 
+// Reading pauses at 64 KiB. The rest that has arrived comes before the failure.
+TEST_F(CoConnectionTest, ASlowReceiverLosesNothingToAFailure) {
+    for (const talvo::kind kind : {talvo::tcp, talvo::length, talvo::package}) {
+        m_Network.SetPath({.m_dwBuffer = 300000});
+        talvo::listener listener;
+        EXPECT_TRUE(listener.listen(ADDRESS, kind, [](talvo::connection aPeer) -> talvo::task<> {
+            for (int i = 0; i < 200; ++i)
+                EXPECT_TRUE(co_await aPeer.send(std::string(1000, 'x')));
+            co_await talvo::sleep(1h);
+        }));
+        Run([](talvo::kind aKind, CCmSimNetwork& aNetwork) -> talvo::task<> {
+            auto peer = (co_await talvo::connect(ADDRESS, aKind)).value();
+            co_await talvo::sleep(1s);
+            aNetwork.SetPath({.m_ullCutAfter = 1});
+            co_await peer.send("it breaks");
+            co_await talvo::sleep(1s);
+            size_t stReceived = 0;
+            auto message = co_await peer.receive();
+            for (; message; message = co_await peer.receive())
+                stReceived += message->size();
+            EXPECT_EQ(200000u, stReceived);
+            EXPECT_EQ(std::errc::connection_reset, message.error());
+        }(kind, m_Network));
+    }
+}
+
 // The operations under way of other coroutines end from the loop.
 TEST_F(CoConnectionTest, ACloseEndsTheOperationsUnderWay) {
     Listen(talvo::tcp, [](talvo::connection aPeer) -> talvo::task<> {
