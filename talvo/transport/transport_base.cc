@@ -49,9 +49,9 @@ void CCmTransportBase::EndInOrder_i(BOOL aCut) {
         Disconnect(CM_OK);
 }
 
+// A user that only releases has taken no decision against the data that was taken.
 void CCmTransportBase::OnReferenceDestory() {
-    Close_t(CM_OK);
-    m_pSink = nullptr;
+    Disconnect(CM_OK);
     CCmReferenceControlTimerDeleteT::OnReferenceDestory();
 }
 

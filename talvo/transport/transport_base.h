@@ -7,7 +7,7 @@
 #include "talvo/transport/socket.h"
 
 // Sink, reactor, the open sequence and the close path. Belongs to the thread of its reactor, as do all its upcalls. The last
-// release closes it and detaches the sink at once. A timer deletes the object, after the current call has returned. So a
+// release does the same as Disconnect(CM_OK). A timer deletes the object, after the current call has returned. So a
 // derived class may access its members after an upcall; m_pSink may be null then.
 //
 // A derived class reads in OnInput (one receive, at most of the read size, into GetNetworkBuffers) and reports room for sends
