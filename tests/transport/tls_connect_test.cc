@@ -31,6 +31,35 @@ TEST(TlsConnectTest, AClientReportsWhyThereIsNoConnection) {
     }
 }
 
+// The read that ends the server's handshake brings the beginning of the data, and the end is there before the next one.
+TEST(TlsConnectTest, AClientThatSendsAndClosesAtOnceLosesNothing) {
+    const CTestNetwork network(CCmThreadManager::NETWORK_THREAD_MAIN);
+    const std::string strRecord = Pattern(10000);
+    CTestConnectSink server, client;
+    std::optional<CTestSink> receiver, sender;
+    client.m_Indicated = [&] {
+        sender.emplace(*client.m_Transports.back());
+        for (int i = 0; i < 4; ++i)
+            EXPECT_EQ(CM_OK, SendText(*client.m_Transports.back(), strRecord));
+    };
+    CCmInetAddr addr;
+    const auto pAcceptor = network.MakeAcceptor(CM_TRANSPORT_TYPE_TLS);
+    const auto pConnector = network.MakeConnector(CM_TRANSPORT_TYPE_TLS);
+    ICmConnectOptions& options = *cm_get_connect_options(pConnector.Get());
+    Set(*cm_get_connect_options(pAcceptor.Get()), CM_OPT_CONNECT_SSL_CONTEXT, CTestCertificates::Get().MakeServer());
+    Set(options, CM_OPT_CONNECT_SSL_CONTEXT, CTestCertificates::Get().MakeClient());
+    Set(options, CM_OPT_CONNECT_SERVER_NAME, CCmString("localhost"));
+    EXPECT_EQ(CM_OK, pAcceptor->StartListen(&server, Loopback()));
+    pAcceptor->GetListenAddr(addr);
+    pConnector->AsycConnect(&client, addr);
+    network.RunUntil([&] { return server.Count() == 1; });
+    client.m_Transports.back()->Disconnect(CM_OK);
+    receiver.emplace(*server.m_Transports.back());
+    network.RunUntil([&] { return receiver->m_nDisconnects == 1; });
+    EXPECT_EQ(4 * strRecord.size(), receiver->m_strReceived.size());
+    EXPECT_EQ(CM_ERROR_NETWORK_SOCKET_ERROR, receiver->m_Reason);
+}
+
 // The peer closes, and a send of this side is answered with a reset. The receiver has paused meanwhile.
 TEST(TlsConnectTest, AResetLosesNoDataOfAPausedReceiver) {
     const CTestNetwork network;

@@ -248,6 +248,7 @@ CTlsSession::EResult CTlsSession::Handshake() {
         if (result == WANT_READ && m_dwReceived > MOST_HANDSHAKE && SSL_is_server(m_pSsl))
             result = Fail_i("the handshake is too long");
     }
+    NoteBehind_i();
     const EResult sent = result == DONE && HoldBack_i() ? DONE : SendSealed_i();
     PutBack_i();
     if (sent == FAILED || result == WANT_READ || result == FAILED)
@@ -269,6 +270,12 @@ BOOL CTlsSession::HoldBack_i() {
     if (m_bHoldsBack)
         sealed.clear();
     return m_bHoldsBack;
+}
+
+// The call's last read may have left bytes in the socket, for which no edge follows.
+void CTlsSession::NoteBehind_i() {
+    if (m_pCall->m_bReceived)
+        m_bBehind = !m_pCall->m_bDry;
 }
 
 // Bytes that this call has received and not decrypted are for the next one, if there is one.
@@ -306,7 +313,7 @@ CTlsSession::EResult CTlsSession::Read(char* aBuf, DWORD aLen, DWORD& aRead, BOO
     SendSealed_i();
     PutBack_i();
     m_bAnswersWait = HasTooManyAnswers_i();
-    m_bBehind = call.m_bReceived ? !call.m_bDry : m_bBehind;
+    NoteBehind_i();
     const BOOL bHeld = m_bBehind || GetHeld() > 0 || GetInput() > 0;
     aMore = result == ENDED || m_bFailed || (bHeld && !m_bAnswersWait);
     if (aRead > 0)
@@ -333,7 +340,7 @@ CTlsSession::EResult CTlsSession::Peek(char* aBuf, DWORD aLen, DWORD& aRead) {
     }
     SendSealed_i();
     PutBack_i();
-    m_bBehind = call.m_bReceived ? !call.m_bDry : m_bBehind;
+    NoteBehind_i();
     return result;
 }
 

@@ -115,6 +115,7 @@ private:
     EResult Outcome_i(int aReturned);
     EResult Fail_i(const char* aText);
     BOOL HoldBack_i();
+    void NoteBehind_i();
     void PutBack_i();
     void ReleaseBuffers_i();
     EResult SendSealed_i(BOOL aMore = FALSE);
@@ -142,7 +143,7 @@ private:
     const char* m_pUnverified = nullptr;  // the fault of the peer's certificate; null: none
     bool m_bUp = false;
     bool m_bHoldsBack = false;   // m_pKept has tickets alone
-    bool m_bBehind = false;      // the last Read has ended before the socket was dry
+    bool m_bBehind = false;      // the last call that read has ended before the socket was dry
     bool m_bCut = false;         // the socket has ended or failed
     bool m_bFailed = false;      // nothing is read or written any more
     bool m_bSendFailed = false;  // nothing is written any more
