@@ -88,6 +88,8 @@ protected:
     // before): Read_i is called again without a report of the socket, also after a -2. A layer sets it unless Recv_i would
     // block and GetHeld_i is 0. Without it, and with fewer than aLen bytes, the next call comes with the next report.
     virtual int Read_i(char* aBuf, CmDword aLen, CmBool& aMore);
+    // Before OnClose: the socket may have bytes that reading has not reached.
+    void NoteMore_i() { m_bMore = true; }
     // Of aRead bytes without aMore: the socket reports the next ones. Otherwise Read_i is called again at once.
     virtual CmBool IsDry_i(CmDword aRead, CmDword aLen) const { return aRead < aLen; }
     // Received bytes that Read_i can return without the socket. The beginning of a record does not count.

@@ -295,6 +295,7 @@ void CTlsSession::ReleaseBuffers_i() {
 CTlsSession::EResult CTlsSession::Read(char* aBuf, DWORD aLen, DWORD& aRead, BOOL& aMore) {
     aRead = 0;
     aMore = FALSE;
+    m_bLooked = true;
     if (m_bPeerEnded)
         return ENDED;
     if (m_bFailed || !m_bUp)
@@ -314,6 +315,7 @@ CTlsSession::EResult CTlsSession::Read(char* aBuf, DWORD aLen, DWORD& aRead, BOO
     PutBack_i();
     m_bAnswersWait = HasTooManyAnswers_i();
     NoteBehind_i();
+    m_bLooked = aRead == 0 || call.m_bReceived;
     const BOOL bHeld = m_bBehind || GetHeld() > 0 || GetInput() > 0;
     aMore = result == ENDED || m_bFailed || (bHeld && !m_bAnswersWait);
     if (aRead > 0)

@@ -82,6 +82,8 @@ public:
     // The errno of the send that has failed; 0: none.
     int GetSendErrno() const { return m_nSendErrno; }
 
+    // FALSE: the last Read has returned kept bytes only, and the socket may have more since.
+    BOOL HasLooked() const { return m_bLooked; }
     // Read waits until OpenSSL's answers to the peer have left.
     BOOL WaitsForAnswers() const { return m_bAnswersWait; }
     // TRUE once after that: Read must be called again.
@@ -151,6 +153,7 @@ private:
     bool m_bPeerEnded = false;
     bool m_bDry = false;  // the last receive has emptied the socket
     bool m_bDrained = false;
+    bool m_bLooked = true;
     bool m_bAnswersWait = false;
     bool m_bMayKeepBuffers = false;
 };

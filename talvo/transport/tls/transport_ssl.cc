@@ -138,12 +138,16 @@ void CCmTransportSsl::NoteEnd_i() {
     NoteFailure_i(m_pSession->IsBroken() ? BROKEN : CUT);
 }
 
-// The peer reads no more answers, so reading need not wait for them.
+// The peer reads no more answers, so reading need not wait for them. The reactor reads before a close only while that takes
+// bytes from the socket, which a read of kept bytes does not.
 int CCmTransportSsl::OnClose(HANDLE aFd, long aMask) {
-    if (m_pSession)
-        m_pSession->DropAnswers();
-    if (m_pOuter)
-        m_pOuter->GetSession().DropAnswers();
+    for (CTlsSession* pSession : {m_pSession.get(), m_pOuter ? &m_pOuter->GetSession() : nullptr}) {
+        if (!pSession)
+            continue;
+        pSession->DropAnswers();
+        if (!pSession->HasLooked() && !m_pReactor->IsOrderlyEnd())
+            NoteMore_i();
+    }
     return CCmTransportTcp::OnClose(aFd, aMask);
 }
 
