@@ -117,30 +117,6 @@ BOOL CTlsSession::UseAlpn(const std::vector<unsigned char>& aList) {
     return WithMemory([&] { m_Alpn = aList; });
 }
 
-void CTlsSession::Verified_i(int aError, int aDepth, const char* aSubject) {
-    const char* pText = X509_verify_cert_error_string(aError);
-    X509_VERIFY_PARAM* pParam = SSL_get0_param(m_pSsl);
-    const char* pName = X509_VERIFY_PARAM_get0_host(pParam, 0);
-    char* pAddress = pName ? nullptr : X509_VERIFY_PARAM_get1_ip_asc(pParam);
-    CM_WARNING_TRACE_THIS("CTlsSession::Verified_i, the certificate is refused. why=" << pText << " name="
-                                                                                      << (pName      ? pName
-                                                                                          : pAddress ? pAddress
-                                                                                                     : "")
-                                                                                      << " depth=" << aDepth
-                                                                                      << " subject=" << aSubject);
-    OPENSSL_free(pAddress);
-    if (!m_pUnverified)
-        m_pUnverified = pText;
-}
-
-BOOL CTlsSession::IsUnverified() const {
-    return !m_bUp && m_pUnverified && (SSL_get_verify_mode(m_pSsl) & SSL_VERIFY_PEER) != 0;
-}
-
-BOOL CTlsSession::IsVerified() const {
-    return m_bUp && !m_pUnverified && SSL_get_verify_result(m_pSsl) == X509_V_OK && SSL_get0_peer_certificate(m_pSsl);
-}
-
 const char* CTlsSession::GetFailureText() const {
     if (IsUnverified())
         return m_pUnverified;
