@@ -1,6 +1,7 @@
 // Reliable connections and a peer that speaks bytes: every PDU in hexadecimal, and peers that err or attack.
 #include "talvo/talvo.h"
 #include "talvo/testing/testing.h"
+#include "talvo/transport/rest_option.h"
 #include "tests/support/network_fixture.h"
 #include "tests/support/temp_dir.h"
 
@@ -171,6 +172,20 @@ TEST_F(RlbWireTest, AMessageWhoseUpcallLosesTheTransportCounts) {
     Raw().Send("06 00000000 00000003 616263");
     Run();
     EXPECT_EQ("020000000C" + strChannel + "0F", Ask("01 00000000 " + strChannel + " 0F"));
+}
+
+// The peer ends and sends nothing again. Its last bytes arrive in a pause, before its system resets the connection.
+TEST_F(RlbWireTest, ALaterTransportGivesItsRestBeforeAFailure) {
+    Listen(PLAIN);
+    const std::string strChannel = Ask("01 00000000 0000 0F").substr(10, 4);
+    ICmTransport& server = *m_Accepted.m_Transports.at(0);
+    Set(server, talvo::OPT_REST_BEFORE_FAILURE, TRUE);
+    CRawEnd& second = Connect("01 00000000 " + strChannel + " 0F");
+    Set(server, CM_OPT_TRANSPORT_PAUSE_READING, TRUE);
+    m_Network.SetPath({.m_ullCutAfter = 23});
+    second.Send("06 00000000 00000003 616263 03 0000");
+    Run();
+    EXPECT_EQ("receive abc, disconnect 0", m_User.Take());
 }
 
 // The client was away, and gets the reason for as long as it is kept; nobody else does.

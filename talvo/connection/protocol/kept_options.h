@@ -2,11 +2,12 @@
 #pragma once
 
 #include "talvo/base/export.h"
+#include "talvo/transport/rest_option.h"
 #include "talvo/transport/transport_interface.h"
 
 namespace talvo {
 
-// A value each for CM_OPT_TRANSPORT_KEEPALIVE, _SNDBUF, _RCVBUF, _TOS and _READ_SIZE. One thread.
+// A value each for CM_OPT_TRANSPORT_KEEPALIVE, _SNDBUF, _RCVBUF, _TOS and _READ_SIZE, and OPT_REST_BEFORE_FAILURE. One thread.
 class TALVO_API CKeptOptions {
 public:
     static CmBool IsKept(CmDword aCommand) { return Find_i(aCommand) < COUNT; }
@@ -19,8 +20,8 @@ public:
     void Apply(ICmTransport& aTransport);
 
 private:
-    static constexpr CmDword COMMANDS[] = {CM_OPT_TRANSPORT_KEEPALIVE, CM_OPT_TRANSPORT_SNDBUF, CM_OPT_TRANSPORT_RCVBUF,
-                                           CM_OPT_TRANSPORT_TOS, CM_OPT_TRANSPORT_READ_SIZE};
+    static constexpr CmDword COMMANDS[] = {CM_OPT_TRANSPORT_KEEPALIVE, CM_OPT_TRANSPORT_SNDBUF,    CM_OPT_TRANSPORT_RCVBUF,
+                                           CM_OPT_TRANSPORT_TOS,       CM_OPT_TRANSPORT_READ_SIZE, OPT_REST_BEFORE_FAILURE};
     static constexpr CmDword COUNT = sizeof COMMANDS / sizeof *COMMANDS;
 
     static CmDword Find_i(CmDword aCommand);
