@@ -134,10 +134,10 @@ void DeclareTls(CLI::App& aApp, Arguments& a) {
 }
 
 std::string CheckTls(Arguments& a) {
-    std::istringstream protocols(a.m_strAlpn);
+    std::istringstream protocols(a.m_strAlpn + ',');  // getline drops an empty name at the end
     for (std::string strName; std::getline(protocols, strName, ',');) {
-        if (strName.size() > LONGEST_ALPN)
-            return "--alpn: the name of a protocol has at most " + std::to_string(LONGEST_ALPN) + " bytes";
+        if (strName.empty() || strName.size() > LONGEST_ALPN)
+            return "--alpn: the name of a protocol has 1 to " + std::to_string(LONGEST_ALPN) + " bytes";
     }
     a.m_Tls.m_bTls = true;
     a.m_dwType = CM_TRANSPORT_TYPE_TLS;

@@ -454,7 +454,7 @@ class TransferTest(ProgramTest):
                           ["echo", "--host", "::1"], ["echo", "--host", "h:1"], ["get", "http://h/", "--connect-to", "h"],
                           ["echo", "--udp", "--type", "package", "--host", "unix:/x"], ["send", file], ["send", to],
                           ["send", self.directory / "no", to], ["send", "-", "-", to], ["send", file, "127.0.0.1"],
-                          ["send", "-", to, "--name", "a/b"], ["send", file, to, "--name", "x"], ["tls", to, "--alpn", "x" * 300], ["send", file, to, "--bind", "h"], ["echo", "-q", "-v", "--port", 0],
+                          ["send", "-", to, "--name", "a/b"], ["send", file, to, "--name", "x"], *(["tls", to, "--alpn=" + wrong] for wrong in ("", ",", "h2,", "x" * 300)), ["send", file, to, "--bind", "h"], ["echo", "-q", "-v", "--port", 0],
                           ["send", file, to, "--secret-file", file], ["get", "http://h/", "--user", "ann:secret"],
                           *(["get", "http://h/", "-H", own] for own in ("content-length: 5", "Transfer-Encoding: chunked", "Range: bytes=1-")),
                           *(["serve", self.out, "--port", 0, "--cors=" + wrong] for wrong in ("", "a.test", "https://a.test/", "https://A.test", "https://a.test:443", "http://a,b")), ["help", "fly"],
