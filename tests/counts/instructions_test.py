@@ -6,7 +6,7 @@ usage: instructions_test.py COUNT_RUN
 
 A run with more messages less one with fewer leaves the cost of the messages. The streams run in one thread, so that the turns of
 two decide nothing. The bounds of instructions leave a tenth of room for other versions of the compiler, those of system calls leave
-room for the ticks of two loops.
+room for the ticks of two loops. A connection needs both ends' turns in any case; its count varies by 3 % from run to run.
 """
 import re
 import subprocess
@@ -15,7 +15,7 @@ import unittest
 
 PROGRAM = sys.argv.pop(1)
 INSTRUCTIONS = {"echo": 1130, "coroutine": 1440, "http": 4990, "browser": 9430, "raw": 2000, "length": 1220, "package": 1230}
-CONNECTION = {"connect": 4650}
+CONNECTION = {"connect": 5200}
 SYSTEM_CALLS = {"echo": 5.9, "coroutine": 5.9, "http": 5.9}  # two of them are the plain peer's
 
 
